@@ -1,0 +1,21 @@
+#include <qel/base/thrmutex.h>
+
+constinit bool s_bThreadingEnabled = false;
+
+void thrMutex::Lock()
+{
+    if (isEnabled)
+        mutex.lock();
+}
+
+void thrMutex::Unlock()
+{
+    if (isEnabled)
+        mutex.unlock();
+}
+
+thrMutex& thrLibraryMutex()
+{
+    static thrMutex* const mutex = new thrMutex; // never destroyed: used by objects that outlive every static
+    return *mutex;
+}

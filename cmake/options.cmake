@@ -1,0 +1,25 @@
+# Compiler and linker options that every target of the project shares, as the interface target `qel_options`.
+add_library(qel_options INTERFACE)
+target_compile_options(qel_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wundef -Wvla
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wsuggest-override>
+  -fno-semantic-interposition
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  # The names that the interface fixes (`__xany_c`, `_Abort`) are its own.
+  target_compile_options(qel_options INTERFACE -Wno-reserved-identifier)
+endif()
+if(QELSTD_WERROR)
+  target_compile_options(qel_options INTERFACE -Werror)
+endif()
+if(QELSTD_SANITIZE)
+  target_compile_options(qel_options INTERFACE
+    -fsanitize=${QELSTD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g)
+  target_link_options(qel_options INTERFACE -fsanitize=${QELSTD_SANITIZE})
+endif()
+
+find_program(CCACHE_PROGRAM ccache)
+if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
+endif()

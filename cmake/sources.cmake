@@ -1,0 +1,38 @@
+# Helpers with which each folder lists its sources and headers. Public headers are linked into
+# ${PROJECT_BINARY_DIR}/include, so that the build tree is used as an installed prefix is: `#include <qel/xobject.h>`.
+
+# qel_library(NAME EXPORT_MACRO): a shared library that the folders below add their sources to.
+function(qel_library name macro)
+  add_library(${name} SHARED)
+  add_library(qelstd::${name} ALIAS ${name})
+  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:qel_options>)
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_compile_features(${name} PUBLIC cxx_std_20)
+  target_compile_definitions(${name} PRIVATE ${macro})
+  set_target_properties(${name} PROPERTIES
+    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+    LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+  install(TARGETS ${name} EXPORT qelstd LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  set(QEL_LIBRARY ${name} PARENT_SCOPE)
+endfunction()
+
+# qel_add_sources(FILE...): adds sources of this folder to the library that the folder belongs to.
+function(qel_add_sources)
+  list(TRANSFORM ARGN PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
+  target_sources(${QEL_LIBRARY} PRIVATE ${ARGN})
+  target_include_directories(${QEL_LIBRARY} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
+endfunction()
+
+# qel_public_headers([IN SUBFOLDER] FILE...): headers of this folder that users include as <qel/FILE>, or as
+# <qel/SUBFOLDER/FILE>.
+function(qel_public_headers)
+  cmake_parse_arguments(arg "" "IN" "" ${ARGN})
+  set(folder qel/${arg_IN})
+  foreach(header IN LISTS arg_UNPARSED_ARGUMENTS)
+    file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/include/${folder})
+    file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${header} ${PROJECT_BINARY_DIR}/include/${folder}/${header} SYMBOLIC)
+    install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder})
+  endforeach()
+endfunction()

@@ -1,0 +1,17 @@
+# qel_add_test(NAME [LABELS label...] [LIBRARIES lib...]): the program NAME from NAME.cpp (or NAME.c) of this folder,
+# run by ctest. Label `threads` marks tests that start threads; the thread sanitizer's run takes those.
+find_package(GTest REQUIRED)
+
+function(qel_add_test name)
+  cmake_parse_arguments(arg "" "" "LABELS;LIBRARIES" ${ARGN})
+  if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${name}.c)
+    add_executable(${name} ${name}.c)
+  else()
+    add_executable(${name} ${name}.cpp)
+    target_link_libraries(${name} PRIVATE GTest::gtest GTest::gmock GTest::gtest_main)
+  endif()
+  target_link_libraries(${name} PRIVATE qel_options qelstd::qelstd ${arg_LIBRARIES})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES TIMEOUT 300 LABELS "${arg_LABELS}")
+endfunction()

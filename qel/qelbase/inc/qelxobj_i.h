@@ -1,0 +1,79 @@
+/* What C and C++ share of the object model: the reserved marker values and the plain forms of strings and
+ * variants.
+ *
+ * Every basic type reserves two values: one that says "no value" (null) and one that says "never set"
+ * (uninit). The pointer markers travel in pointer variables and are never dereferenced. */
+#ifndef QEL_QELXOBJ_I_H
+#define QEL_QELXOBJ_I_H
+
+#include <stdint.h>
+
+#include <qel/qelexport.h>
+
+#ifdef __cplusplus
+class btkStrBuf;
+class xobject;
+class xrtti;
+class xrttiobject;
+class xthrowable;
+#else
+typedef struct btkStrBuf btkStrBuf;
+typedef struct xobject xobject;
+typedef struct xrtti xrtti;
+typedef struct xrttiobject xrttiobject;
+typedef struct xthrowable xthrowable;
+#endif
+
+/* ---- markers: null and uninit of int (and enumeration values), bool, real, string, object */
+
+#define xnullint (-2147483647 - 1)
+#define xuninitint (-2147483647)
+#define xnullbool ((unsigned char)128)
+#define xuninitbool ((unsigned char)129)
+#define xnullreal 0x1.7a2ecc414a04p+418      /* bits 0x5A17A2ECC414A040 */
+#define xuninitreal 0x1.545d516df5d06p+418   /* bits 0x5A1545D516DF5D06, 9e125 */
+#define xnullstr ((const char*)(uintptr_t)1) /* so is the null pointer */
+#define xuninitstr ((const char*)(uintptr_t)2)
+#define xuninitobj ((xobject*)(uintptr_t)22) /* null is the null pointer */
+
+/* ---- a string: holds one reference to its buffer, or is null (no buffer, both texts the marker 1) */
+
+typedef struct __xstring_c
+{
+    btkStrBuf* buffer;
+    char* mb;             /* UTF-8 text in the buffer, or null: not produced yet */
+    unsigned short* wide; /* UTF-16 text in the buffer, or null: not produced yet */
+} __xstring_c;
+
+/* ---- a variant: 32 bytes, the payload at byte 8 */
+
+enum {
+    xanyUninit = 0,
+    xanyNull = 1,
+    xanyInt = 2,
+    xanyBool = 3,
+    xanyReal = 4,
+    xanyString = 5,
+    xanyEnum = 6,
+    xanyObject = 7
+};
+
+typedef struct __xany_c
+{
+    int32_t tag; /* one of the constants above */
+    union
+    {
+        int32_t intValue;
+        unsigned char boolValue;
+        double realValue;
+        __xstring_c stringValue; /* one reference to its buffer */
+        struct
+        {
+            int32_t value;
+            xrtti* type;
+        } enumValue;
+        xobject* objectValue; /* one counted reference */
+    } u;
+} __xany_c;
+
+#endif

@@ -1,0 +1,6 @@
+#include "qelversion.h"
+
+const char* qelVersion()
+{
+    return QEL_VERSION;
+}
