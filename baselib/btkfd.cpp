@@ -1,0 +1,179 @@
+#include <qel/base/btkfd.h>
+
+#include "btkpoll_p.h"
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <limits>
+#include <pthread.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+short Poll(btkHandle handle, short events, btkTimeval limit)
+{
+    pollfd asked = {handle, events, 0};
+    return btkPoll(&asked, 1, limit) < 0 ? POLLERR : asked.revents;
+}
+
+// Whether a call that failed is to be made again, after a wait where the descriptor does not block.
+bool TryAgain(btkHandle handle, short events)
+{
+    if (errno == EINTR)
+        return true;
+    if (errno != EAGAIN)
+        return false;
+    Poll(handle, events, btkTimeval::Forever());
+    return true;
+}
+
+template<typename Call>
+std::ptrdiff_t Retry(btkHandle handle, short events, Call call)
+{
+    for (;;) {
+        const std::ptrdiff_t answer = call();
+        if (answer >= 0 || !TryAgain(handle, events))
+            return answer;
+    }
+}
+
+// Repeats `call(done)`, which transfers some bytes, until `size` are done, one call answers 0, or one fails.
+template<typename Call>
+std::size_t RetryAll(btkHandle handle, short events, std::size_t size, Call call)
+{
+    std::size_t done = 0;
+    while (done < size) {
+        const std::ptrdiff_t answer = Retry(handle, events, [&] { return call(done); });
+        if (answer <= 0)
+            break;
+        done += static_cast<std::size_t>(answer);
+    }
+    return done;
+}
+
+sigset_t JustSigPipe()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGPIPE);
+    return set;
+}
+
+} // namespace
+
+int btkPoll(pollfd* asked, std::size_t count, btkTimeval limit)
+{
+    const bool timed = limit > btkTimeval() && !limit.IsForever();
+    const btkTimeval end = timed ? btkTimeval::Now() + limit : limit;
+    for (;;) {
+        const timespec left = {limit.GetSeconds(), limit.GetMicroseconds() * 1000L};
+        const int answer = ppoll(asked, count, limit.IsForever() ? nullptr : &left, nullptr);
+        if (answer >= 0 || errno != EINTR)
+            return answer;
+        if (timed)
+            limit = end - btkTimeval::Now();
+    }
+}
+
+void btkFd::Reset(btkHandle owned)
+{
+    if (handle >= 0) {
+        const int kept = errno;
+        close(handle); // never repeated: the descriptor is gone even when the call was interrupted
+        errno = kept;
+    }
+    handle = owned;
+}
+
+btkFd btkFd::Duplicate() const
+{
+    return btkFd(fcntl(handle, F_DUPFD_CLOEXEC, 0));
+}
+
+std::ptrdiff_t btkRead(btkHandle handle, void* to, std::size_t size)
+{
+    return Retry(handle, POLLIN, [&] { return read(handle, to, size); });
+}
+
+std::ptrdiff_t btkReadAt(btkHandle handle, void* to, std::size_t size, long long position)
+{
+    errno = 0;
+    const std::size_t done = RetryAll(handle, POLLIN, size, [&](std::size_t at) {
+        return pread(handle, static_cast<char*>(to) + at, size - at, position + static_cast<long long>(at));
+    });
+    return done == 0 && errno != 0 ? -1 : static_cast<std::ptrdiff_t>(done);
+}
+
+std::size_t btkWrite(btkHandle handle, const void* from, std::size_t size)
+{
+    btkNoSigPipe guard;
+    const std::size_t done = RetryAll(handle, POLLOUT, size, [&](std::size_t at) {
+        return write(handle, static_cast<const char*>(from) + at, size - at);
+    });
+    if (done < size && errno == EPIPE)
+        guard.Raised();
+    return done;
+}
+
+std::size_t btkWriteAt(btkHandle handle, const void* from, std::size_t size, long long position)
+{
+    return RetryAll(handle, POLLOUT, size, [&](std::size_t at) {
+        return pwrite(handle, static_cast<const char*>(from) + at, size - at,
+                      position + static_cast<long long>(at));
+    });
+}
+
+std::size_t btkCountReadable(btkHandle handle)
+{
+    int count = 0;
+    return ioctl(handle, FIONREAD, &count) == 0 && count > 0 ? static_cast<std::size_t>(count) : 0;
+}
+
+bool btkIsReadable(btkHandle handle, btkTimeval limit)
+{
+    return Poll(handle, POLLIN, limit) != 0;
+}
+
+std::size_t btkCountWritable(btkHandle handle, bool& broken)
+{
+    const short ready = Poll(handle, POLLOUT, {});
+    broken = (ready & (POLLERR | POLLNVAL)) != 0;
+    if (broken || (ready & POLLOUT) == 0)
+        return 0;
+    const int capacity = fcntl(handle, F_GETPIPE_SZ);
+    if (capacity < 0)
+        return std::numeric_limits<std::size_t>::max(); // not a pipe: it takes what comes
+    // A ready pipe has a free page at least; the oldest and the newest page in use may be filled in part.
+    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const std::size_t used = (btkCountReadable(handle) + page - 1) / page * page;
+    const std::size_t size = static_cast<std::size_t>(capacity);
+    return used == 0 ? size : used + 2 * page <= size ? size - used - page : page;
+}
+
+btkNoSigPipe::btkNoSigPipe()
+{
+    const sigset_t set = JustSigPipe();
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, &set, &before);
+    blocked = sigismember(&before, SIGPIPE) == 0;
+    sigset_t pending;
+    // A signal can be pending only where it was blocked before.
+    wasPending = !blocked && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
+}
+
+btkNoSigPipe::~btkNoSigPipe()
+{
+    const int kept = errno;
+    const sigset_t set = JustSigPipe();
+    if (raised && !wasPending) {
+        const timespec now = {};
+        while (sigtimedwait(&set, nullptr, &now) < 0 && errno == EINTR) {
+        }
+    }
+    if (blocked)
+        pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    errno = kept;
+}

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <qel/base/btkfd.h>
+
+/// The writing end of an anonymous pipe. Owns its descriptor.
+class btkOutputPipe : public btkFd
+{
+public:
+    using btkFd::btkFd;
+};
+
+/// The reading end of an anonymous pipe. Owns its descriptor.
+class btkInputPipe : public btkFd
+{
+public:
+    using btkFd::btkFd;
+};
+
+struct BASE_API btkAnonymousPipe
+{
+    /// Makes a pipe and gives its two ends, closed on exec, to `output` and `input`. False, and both
+    /// unchanged, when the host has no descriptors left.
+    static bool Create(btkOutputPipe& output, btkInputPipe& input);
+};

@@ -1,0 +1,24 @@
+#include <qel/base/btktimeval.h>
+
+#include <ctime>
+
+namespace {
+
+btkTimeval ReadClock(clockid_t clock)
+{
+    timespec now = {};
+    clock_gettime(clock, &now);
+    return {now.tv_sec, now.tv_nsec / 1000};
+}
+
+} // namespace
+
+btkTimeval btkTimeval::Now()
+{
+    return ReadClock(CLOCK_MONOTONIC);
+}
+
+btkTimeval btkTimeval::GetTimeOfDay()
+{
+    return ReadClock(CLOCK_REALTIME);
+}

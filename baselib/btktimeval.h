@@ -1,0 +1,64 @@
+#pragma once
+
+#include <compare>
+
+#include <qel/base/baseexport.h>
+
+/// A length of time, or a point on a clock as the time since its start, in microseconds. Never negative, and
+/// never beyond what it can hold: what would be less than nothing is 0, what would be too much is the
+/// greatest value.
+class BASE_API btkTimeval
+{
+public:
+    constexpr btkTimeval() = default;
+    constexpr btkTimeval(long long seconds, long long microseconds)
+        : count(seconds < 0 ? 0 : Sum(Product(seconds), microseconds))
+    {
+    }
+    /// Seconds; what is not a number counts as 0.
+    constexpr explicit btkTimeval(double seconds)
+        : count(!(seconds > 0)                   ? 0
+                : seconds < greatest / perSecond ? static_cast<long long>(seconds * perSecond)
+                                                 : greatest)
+    {
+    }
+
+    /// The limit that means "without limit": 2147483647 seconds. All longer ones mean the same.
+    static constexpr btkTimeval Forever() { return {2147483647, 0}; }
+    /// The time now on the monotonic clock, which nobody sets.
+    static btkTimeval Now();
+    /// The time now as the host's calendar has it, since 1970-01-01 00:00 UTC.
+    static btkTimeval GetTimeOfDay();
+
+    constexpr bool IsForever() const { return count >= Forever().count; }
+    /// Whole seconds, and the microseconds beyond them (0..999999).
+    constexpr long long GetSeconds() const { return count / perSecond; }
+    constexpr int GetMicroseconds() const { return static_cast<int>(count % perSecond); }
+    constexpr double ToSeconds() const { return static_cast<double>(count) / perSecond; }
+
+    friend constexpr btkTimeval operator+(btkTimeval a, btkTimeval b) { return Of(Sum(a.count, b.count)); }
+    /// 0 when `b` is the later one.
+    friend constexpr btkTimeval operator-(btkTimeval a, btkTimeval b) { return Of(Sum(a.count, -b.count)); }
+    friend constexpr auto operator<=>(btkTimeval a, btkTimeval b) = default;
+
+private:
+    static constexpr int perSecond = 1000000;
+    static constexpr long long greatest = 0x7FFFFFFFFFFFFFFF;
+
+    static constexpr btkTimeval Of(long long microseconds)
+    {
+        btkTimeval made;
+        made.count = microseconds;
+        return made;
+    }
+    static constexpr long long Product(long long seconds)
+    {
+        return seconds > greatest / perSecond ? greatest : seconds * perSecond;
+    }
+    static constexpr long long Sum(long long a, long long b)
+    {
+        return b > greatest - a ? greatest : a + b < 0 ? 0 : a + b;
+    }
+
+    long long count = 0; // microseconds
+};

@@ -1,0 +1,163 @@
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <limits>
+#include <memory>
+#include <thread>
+#include <unistd.h>
+
+#include "support/interrupt.h"
+#include <qel/base/btkevent.h>
+#include <qel/base/btkpipe.h>
+
+namespace {
+
+struct Pipe
+{
+    Pipe() { EXPECT_TRUE(btkAnonymousPipe::Create(output, input)); }
+    btkEvent* Readable() { return new btkEvent(new btkSelectEvent(input.Get(), 0)); }
+    void Put() { EXPECT_EQ(btkWrite(output.Get(), "x", 1), 1u); }
+
+    btkOutputPipe output;
+    btkInputPipe input;
+};
+
+// An event whose answers the test gives, over a descriptor.
+class ToldEvent : public btkBaseEvent
+{
+public:
+    using btkBaseEvent::State;
+    static constexpr State Ask = btkBaseEvent::Ask, On = btkBaseEvent::On, QuietOn = btkBaseEvent::QuietOn;
+
+    explicit ToldEvent(btkHandle input) : btkBaseEvent(input, 1 /* POLLIN */, true) {}
+
+    State state = Ask;
+    int falseAlarms = 0;
+
+protected:
+    State OnAsk() override { return state; }
+    bool OnPolled(short) override
+    {
+        if (falseAlarms == 0)
+            return true;
+        --falseAlarms;
+        char taken;
+        EXPECT_EQ(btkRead(handle, &taken, 1), 1);
+        return false;
+    }
+};
+
+double SecondsOf(auto work)
+{
+    const btkTimeval start = btkTimeval::Now();
+    work();
+    return (btkTimeval::Now() - start).ToSeconds();
+}
+
+} // namespace
+
+TEST(btkEvent, WaitsForTheLimitWhenNothingHappens)
+{
+    Pipe pipe;
+    const std::unique_ptr<btkEvent> event(pipe.Readable());
+
+    const double passed = SecondsOf([&] { EXPECT_EQ(btkEvent::Wait({event.get()}, btkTimeval(0.05)), 0); });
+    EXPECT_GE(passed, 0.05);
+    EXPECT_LT(passed, 5);
+
+    EXPECT_EQ(btkEvent::Wait({}, btkTimeval(0.01)), 0);
+    EXPECT_EQ(btkEvent::Wait({event.get()}, btkTimeval(-5.0)), 0);
+}
+
+TEST(btkEvent, CountsAndMarksTheEventsThatAreOn)
+{
+    Pipe first, second, third;
+    const std::unique_ptr<btkEvent> a(first.Readable()), b(second.Readable()), c(third.Readable());
+    btkEvent never(nullptr), always(new btkAlwaysEvent);
+    first.Put();
+    third.output.Reset(); // the end of the input is something to be read, too
+
+    EXPECT_EQ(btkEvent::Wait({a.get(), nullptr, b.get(), &never, c.get(), &always}, btkTimeval::Forever()),
+              4 - 1);
+    EXPECT_TRUE(a->WasSignaled());
+    EXPECT_FALSE(b->WasSignaled());
+    EXPECT_TRUE(c->WasSignaled());
+    EXPECT_TRUE(always.WasSignaled());
+    EXPECT_TRUE(a->IsSignaled());
+    EXPECT_FALSE(b->IsSignaled());
+    EXPECT_FALSE(never.IsSignaled());
+    EXPECT_EQ(btkEvent::Wait({a.get()}, btkTimeval::Forever()), 1);
+}
+
+TEST(btkEvent, IsWokenByAnotherThreadFromAWaitWithoutLimit)
+{
+    const btkHandle handle = Event_Create(false);
+    btkEvent event(new btkEVENTEvent(handle));
+    std::thread setter([&] { Event_Set(handle); });
+
+    EXPECT_EQ(btkEvent::Wait({&event}, btkTimeval(std::numeric_limits<double>::infinity())), 1);
+
+    setter.join();
+    EXPECT_TRUE(event.IsSignaled()); // waiting resets nothing
+    Event_Set(handle);
+    Event_Reset(handle);
+    EXPECT_FALSE(event.IsSignaled());
+    Event_Reset(handle);
+    EXPECT_FALSE(event.IsSignaled());
+    Event_Free(handle);
+}
+
+TEST(btkEvent, KeepsItsLimitWhileItIsInterrupted)
+{
+    Pipe pipe;
+    const std::unique_ptr<btkEvent> event(pipe.Readable());
+    Interrupter interrupter;
+    const int before = Interrupter::interrupts;
+
+    const double passed = SecondsOf([&] { EXPECT_EQ(btkEvent::Wait({event.get()}, btkTimeval(0.1)), 0); });
+
+    EXPECT_GE(passed, 0.1);
+    EXPECT_LT(passed, 5);
+    EXPECT_GT(Interrupter::interrupts, before + 5);
+}
+
+TEST(btkEvent, AsksAKindForWhatItKnowsBesideItsDescriptor)
+{
+    Pipe pipe;
+    auto* told = new ToldEvent(pipe.input.Get());
+    btkEvent event(told);
+
+    told->state = ToldEvent::On;
+    EXPECT_EQ(btkEvent::Wait({&event}, btkTimeval::Forever()), 1);
+
+    // Bytes that were looked at already do not cut a wait short, but are there when it ends.
+    told->state = ToldEvent::QuietOn;
+    EXPECT_TRUE(event.IsSignaled());
+    EXPECT_GE(SecondsOf([&] { EXPECT_EQ(btkEvent::Wait({&event}, btkTimeval(0.05)), 1); }), 0.05);
+    pipe.Put();
+    EXPECT_EQ(btkEvent::Wait({&event}, btkTimeval::Forever()), 1);
+
+    told->state = ToldEvent::Ask;
+    told->falseAlarms = 1;
+    EXPECT_GE(SecondsOf([&] { EXPECT_EQ(btkEvent::Wait({&event}, btkTimeval(0.05)), 0); }), 0.05);
+}
+
+TEST(btkEvent, WaitsForMoreThanAThousandPipes)
+{
+    std::vector<std::unique_ptr<Pipe>> pipes;
+    std::vector<std::unique_ptr<btkEvent>> events;
+    btkEvent::List list;
+    const std::size_t count =
+        std::min<std::size_t>(1200, static_cast<std::size_t>(sysconf(_SC_OPEN_MAX)) / 2 - 50);
+    for (std::size_t i = 0; i < count; ++i) {
+        pipes.push_back(std::make_unique<Pipe>());
+        events.emplace_back(pipes.back()->Readable());
+        list.push_back(events.back().get());
+    }
+    std::thread writer([&] { pipes[count - 1]->Put(); });
+
+    EXPECT_EQ(btkEvent::Wait(list, btkTimeval::Forever()), 1);
+    EXPECT_TRUE(events[count - 1]->WasSignaled());
+    EXPECT_FALSE(events[0]->WasSignaled());
+    writer.join();
+}
