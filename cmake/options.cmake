@@ -3,8 +3,7 @@ add_library(qel_options INTERFACE)
 target_compile_options(qel_options INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wundef -Wvla
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wsuggest-override>
-  -fno-semantic-interposition
-  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+  -fno-semantic-interposition)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   # The names that the interface fixes (`__xany_c`, `_Abort`) are its own.
   target_compile_options(qel_options INTERFACE -Wno-reserved-identifier)
@@ -16,6 +15,13 @@ if(QELSTD_SANITIZE)
   target_compile_options(qel_options INTERFACE
     -fsanitize=${QELSTD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g)
   target_link_options(qel_options INTERFACE -fsanitize=${QELSTD_SANITIZE})
+endif()
+
+if(QELSTD_COVERAGE)
+  target_compile_options(qel_options INTERFACE --coverage -fprofile-update=atomic -fprofile-abs-path)
+  target_link_options(qel_options INTERFACE --coverage)
+else()
+  target_compile_options(qel_options INTERFACE -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 endif()
 
 find_program(CCACHE_PROGRAM ccache)
