@@ -32,16 +32,15 @@ private:
     pollfd* all = near.data();
 };
 
-constexpr short selectEvents[] = {POLLIN, POLLOUT, POLLPRI};
-
 // Stands among the events of a place whose event is on without its descriptor; means nothing to the host.
 constexpr short onMark = 0x4000;
 
 } // namespace
 
-btkSelectEvent::btkSelectEvent(btkHandle watched, int type)
-    : btkBaseEvent(watched, type >= 0 && type <= 2 ? selectEvents[type] : short(0))
+short btkBaseEvent::SelectEvents(int type)
 {
+    static constexpr short events[] = {POLLIN, POLLOUT, POLLPRI};
+    return type >= 0 && type <= 2 ? events[type] : short(0);
 }
 
 bool btkBaseEvent::IsSignaled()

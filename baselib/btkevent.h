@@ -13,6 +13,13 @@ struct pollfd;
 class BASE_API btkBaseEvent
 {
 public:
+    /// What a kind knows before its descriptor is asked.
+    enum State {
+        Ask,    // the descriptor decides
+        On,     // on, whatever the descriptor says
+        QuietOn // on, but no reason to end a wait: what is there was looked at already and is not enough
+    };
+
     virtual ~btkBaseEvent() = default;
     btkBaseEvent(const btkBaseEvent&) = delete;
     btkBaseEvent& operator=(const btkBaseEvent&) = delete;
@@ -21,19 +28,15 @@ public:
     bool IsSignaled();
 
 protected:
-    /// What a kind knows before its descriptor is asked.
-    enum State {
-        Ask,    // the descriptor decides
-        On,     // on, whatever the descriptor says
-        QuietOn // on, but no reason to end a wait: what is there was looked at already and is not enough
-    };
-
-    /// An event that is on while `events` (as poll takes them) hold for `handle`. The descriptor is not
-    /// owned. With -1 the event is on by OnAsk alone. `asks`: OnAsk and OnPolled are to be called.
+    /// An event that is on while `awaited` (as poll takes them) hold for `watched`. The descriptor is not
+    /// owned. With -1 the event is on by OnAsk alone. `knowsMore`: OnAsk and OnPolled are to be called.
     explicit btkBaseEvent(btkHandle watched, short awaited, bool knowsMore = false)
         : handle(watched), events(awaited), asks(knowsMore)
     {
     }
+
+    /// The poll events of the select types: 0 readable, 1 writable, 2 urgent data there.
+    static short SelectEvents(int type);
 
     /// Called before the descriptor is asked and before every sleep; may change `handle`.
     virtual State OnAsk() { return Ask; }
@@ -66,7 +69,7 @@ protected:
 class BASE_API btkSelectEvent : public btkBaseEvent
 {
 public:
-    btkSelectEvent(btkHandle watched, int type);
+    btkSelectEvent(btkHandle watched, int type) : btkBaseEvent(watched, SelectEvents(type)) {}
 };
 
 /// Owns a btkBaseEvent and waits for several of them at once.

@@ -126,6 +126,30 @@ std::size_t btkWriteAt(btkHandle handle, const void* from, std::size_t size, lon
     });
 }
 
+btkFd btkOpenFile(const char* path, bool read, bool write)
+{
+    const int mode = read && write ? O_RDWR : write ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY;
+    btkFd opened(
+        static_cast<int>(Retry(-1, 0, [&] { return open(path, mode | O_CLOEXEC | O_NOCTTY, 0666); })));
+    struct stat status;
+    if (opened && fstat(opened.Get(), &status) == 0 && S_ISDIR(status.st_mode)) {
+        opened.Reset();
+        errno = EISDIR;
+    }
+    return opened;
+}
+
+long long btkGetFileSize(btkHandle handle)
+{
+    struct stat status;
+    return fstat(handle, &status) == 0 ? status.st_size : -1;
+}
+
+bool btkHasPositions(btkHandle handle)
+{
+    return lseek(handle, 0, SEEK_CUR) >= 0;
+}
+
 std::size_t btkCountReadable(btkHandle handle)
 {
     int count = 0;

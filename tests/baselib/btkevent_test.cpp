@@ -26,9 +26,6 @@ struct Pipe
 class ToldEvent : public btkBaseEvent
 {
 public:
-    using btkBaseEvent::State;
-    static constexpr State Ask = btkBaseEvent::Ask, On = btkBaseEvent::On, QuietOn = btkBaseEvent::QuietOn;
-
     explicit ToldEvent(btkHandle input) : btkBaseEvent(input, 1 /* POLLIN */, true) {}
 
     State state = Ask;

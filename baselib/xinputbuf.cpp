@@ -1,0 +1,125 @@
+#include <qel/base/xinputbuf.h>
+
+#include <algorithm>
+#include <cstring>
+
+char* xinputbuf::GetStorage()
+{
+    // What a large value made the buffer grow to is given back once that value is gone.
+    if (storage == nullptr || capacity > usualSize) {
+        storage.reset();
+        storage = std::make_unique_for_overwrite<char[]>(usualSize);
+        capacity = usualSize;
+    }
+    return storage.get();
+}
+
+// Reads from the source and notes whether it has ended. Answers the number of bytes.
+std::size_t xinputbuf::ReadInto(char* to, std::size_t size)
+{
+    const std::ptrdiff_t count = ReadSome(to, size);
+    SetEofReached(count <= 0);
+    return count <= 0 ? 0 : static_cast<std::size_t>(count);
+}
+
+xinputbuf::int_type xinputbuf::underflow()
+{
+    if (gptr() == egptr()) {
+        DropHeld();
+        char* const start = GetStorage();
+        setg(start, start, start + ReadInto(start, FillSize()));
+    }
+    return gptr() == egptr() ? traits_type::eof() : traits_type::to_int_type(*gptr());
+}
+
+std::streamsize xinputbuf::xsgetn(char* to, std::streamsize count)
+{
+    std::streamsize done = 0;
+    while (done < count) {
+        const std::size_t wanted = static_cast<std::size_t>(count - done);
+        if (Held() == 0 && wanted >= usualSize) {
+            const std::size_t read = ReadInto(to + done, wanted);
+            if (read == 0)
+                break;
+            done += static_cast<std::streamsize>(read);
+            continue;
+        }
+        if (traits_type::eq_int_type(sgetc(), traits_type::eof()))
+            break;
+        const std::size_t part = std::min(wanted, Held());
+        std::memcpy(to + done, gptr(), part);
+        setg(eback(), gptr() + part, egptr());
+        done += static_cast<std::streamsize>(part);
+    }
+    return done;
+}
+
+std::streamsize xinputbuf::showmanyc()
+{
+    const std::size_t count = CountReadable();
+    return count == 0 && IsEofReached() ? -1 : static_cast<std::streamsize>(count);
+}
+
+std::streambuf* xinputbuf::OnGetTryIBuf()
+{
+    filled = allowed = 0;
+    view.TakeBuf(gptr(), Held());
+    return &view;
+}
+
+void xinputbuf::OnFreeTryIBuf()
+{
+    view.FreeBuf();
+    const bool starved = IsTryExhausted() && !IsEofReached();
+    starvedStart = starved ? gptr() : nullptr;
+    starvedEnd = starved ? egptr() : nullptr;
+}
+
+// Makes room for `count` bytes behind those that are held.
+void xinputbuf::MakeRoom(std::size_t count)
+{
+    const std::size_t held = Held();
+    const char* const end = storage.get() + capacity;
+    if (storage != nullptr && static_cast<std::size_t>(end - egptr()) >= count && held > 0)
+        return;
+    if (held + count <= capacity) {
+        if (held > 0)
+            std::memmove(storage.get(), gptr(), held);
+    } else {
+        capacity = std::max({usualSize, capacity * 2, held + count});
+        auto larger = std::make_unique_for_overwrite<char[]>(capacity);
+        if (held > 0)
+            std::memcpy(larger.get(), gptr(), held);
+        storage = std::move(larger);
+    }
+    setg(storage.get(), storage.get(), storage.get() + held);
+}
+
+bool xinputbuf::OnTryUnderflow()
+{
+    const std::size_t pending = CountPending();
+    if (pending == 0 && !IsPending())
+        return false;
+    // One view takes what was there when it first ran out, so that a source which never pauses does not keep
+    // it for ever; in parts, so that a value which is found complete or wrong early leaves the rest in the
+    // source.
+    if (filled == 0)
+        allowed = pending > 0 ? pending : usualSize;
+    const std::size_t held = Held();
+    const std::size_t part = std::min(allowed - filled, std::max(held, usualSize));
+    if (part == 0)
+        return false;
+    MakeRoom(part);
+    const std::size_t count = ReadInto(gptr() + held, part);
+    setg(eback(), gptr(), gptr() + held + count);
+    filled += count;
+    view.ExtendBuf(gptr(), held, held + count);
+    return count > 0;
+}
+
+btkBaseEvent::State xinputbuf::OnAskInput()
+{
+    if (Held() == 0)
+        return btkBaseEvent::Ask;
+    return gptr() == starvedStart && egptr() == starvedEnd ? btkBaseEvent::QuietOn : btkBaseEvent::On;
+}

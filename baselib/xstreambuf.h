@@ -1,0 +1,133 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <streambuf>
+
+#include <qel/base/btkevent.h>
+
+/// The buffer under a framework stream: a standard stream buffer that can also lend what is unread without
+/// consuming it, test what can be written without writing it, and give events to wait for. Used by one thread
+/// at a time.
+class BASE_API xstreambuf : public std::streambuf
+{
+public:
+    ~xstreambuf() override;
+    xstreambuf(const xstreambuf&) = delete;
+    xstreambuf& operator=(const xstreambuf&) = delete;
+
+    // ---- try views
+
+    /// A view of the unread input, from which reading never waits and consumes nothing; null when this buffer
+    /// has none. It ends with what is there now. Valid until FreeTryIBuf; nothing else may be read meanwhile.
+    std::streambuf* GetTryIBuf();
+    void FreeTryIBuf();
+    /// An area that takes what could be written now without waiting, and forgets it; null when this buffer
+    /// has none. Valid until FreeTryOBuf.
+    std::streambuf* GetTryOBuf();
+    void FreeTryOBuf();
+    /// Whether the last view or area came to its end: more was asked of it than it had.
+    bool IsTryExhausted() const { return tryExhausted; }
+
+    // ---- events; the caller owns them. Once the buffer is gone they are on for ever.
+
+    /// On while there is input, held here or waiting in the source, and at the end of the input. Bytes that a
+    /// try view has shown, and that were not enough, do not end a wait. Null when this buffer has no such
+    /// event.
+    btkBaseEvent* GetInputEvent() { return OnGetInputEvent(); }
+    /// On while something can be written. Null when this buffer has no such event.
+    btkBaseEvent* GetOutputEvent() { return OnGetOutputEvent(); }
+
+    // ---- what is known
+
+    /// Whether no more input can arrive than what is held.
+    bool IsEofReached() const { return eofReached; }
+    /// The number of bytes that can be read without waiting.
+    virtual std::size_t CountReadable() { return 0; }
+    /// The host's handle behind the buffer; stays the buffer's. -1: none.
+    virtual btkHandle GetHandle() const { return -1; }
+
+protected:
+    xstreambuf() = default;
+
+    void SetEofReached(bool reached = true) { eofReached = reached; }
+    void SetTryExhausted() { tryExhausted = true; }
+
+    virtual std::streambuf* OnGetTryIBuf() { return nullptr; }
+    virtual void OnFreeTryIBuf() {}
+    virtual std::streambuf* OnGetTryOBuf() { return nullptr; }
+    virtual void OnFreeTryOBuf() {}
+    virtual btkBaseEvent* OnGetInputEvent() { return nullptr; }
+    virtual btkBaseEvent* OnGetOutputEvent() { return nullptr; }
+
+    /// New events over `handle` that ask this buffer too, with the operations below, and outlive it safely.
+    btkBaseEvent* MakeInputEvent(btkHandle handle);
+    btkBaseEvent* MakeOutputEvent(btkHandle handle);
+    /// What is known about the input before the handle is asked; called before each sleep of a wait.
+    virtual btkBaseEvent::State OnAskInput() { return btkBaseEvent::Ask; }
+    /// The handle was found ready to read. False when there is no input after all.
+    virtual bool OnInputPolled(short ready) { return ready != 0; }
+
+    /// The try view has been read to its end: lends more with xtrystreambuf::ExtendBuf and answers true, or
+    /// answers false when there is no more without waiting.
+    virtual bool OnTryUnderflow() { return false; }
+
+private:
+    friend class xtrystreambuf;
+    friend class xtryoutputbuf;
+    friend class xbufferevent;
+
+    std::shared_ptr<xstreambuf*> GetLink();
+
+    std::shared_ptr<xstreambuf*> link; // shared with the events; holds null once this buffer is gone
+    bool eofReached = false;
+    bool tryExhausted = false;
+};
+
+/// A try view that lends bytes of its owner's buffer.
+class BASE_API xtrystreambuf : public std::streambuf
+{
+public:
+    explicit xtrystreambuf(xstreambuf& lender) : owner(lender) {}
+
+    /// Lends `count` bytes from `start`, which the view does not change.
+    void TakeBuf(const char* start, std::size_t count) { ExtendBuf(start, 0, count); }
+    /// Lends `count` bytes from `start`; the first `read` of them have been read.
+    void ExtendBuf(const char* start, std::size_t read, std::size_t count)
+    {
+        char* const first = const_cast<char*>(start);
+        setg(first, first + read, first + count);
+    }
+    /// Ends the loan.
+    void FreeBuf() { setg(nullptr, nullptr, nullptr); }
+
+protected:
+    int_type underflow() override;
+
+private:
+    xstreambuf& owner;
+};
+
+/// A try area that takes a number of bytes and keeps none.
+class BASE_API xtryoutputbuf : public std::streambuf
+{
+public:
+    explicit xtryoutputbuf(xstreambuf& lender) : owner(lender) {}
+
+    /// Takes `count` bytes from now on. When `broken`, what is too much failed, and would not just have to
+    /// wait.
+    void SetRoom(std::size_t count, bool broken)
+    {
+        room = count;
+        isBroken = broken;
+    }
+
+protected:
+    int_type overflow(int_type byte) override;
+    std::streamsize xsputn(const char* from, std::streamsize count) override;
+
+private:
+    xstreambuf& owner;
+    std::size_t room = 0;
+    bool isBroken = false;
+};

@@ -1,0 +1,88 @@
+#include <qel/base/xstringbuf.h>
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+xstringbuf::xstringbuf(const char* text, std::size_t size)
+    : storage(std::make_unique_for_overwrite<char[]>(size)), capacity(size), readOnly(true)
+{
+    char* const start = storage.get();
+    if (size > 0)
+        std::memcpy(start, text, size);
+    setg(start, start, start + size);
+}
+
+std::size_t xstringbuf::GetSize() const
+{
+    return readOnly ? capacity : static_cast<std::size_t>(pptr() - storage.get());
+}
+
+// Makes room for `count` bytes behind what was written.
+void xstringbuf::Grow(std::size_t count)
+{
+    const std::size_t size = GetSize();
+    if (capacity - size >= count)
+        return;
+    if (count > static_cast<std::size_t>(-1) / 4 - size)
+        throw std::bad_alloc();
+    const std::size_t newCapacity = std::max({std::size_t(256), capacity * 2, size + count});
+    auto larger = std::make_unique_for_overwrite<char[]>(newCapacity);
+    char* const start = larger.get();
+    if (size > 0)
+        std::memcpy(start, storage.get(), size);
+    setg(start, start + (gptr() - eback()), start + size);
+    setp(start + size, start + newCapacity);
+    storage = std::move(larger);
+    capacity = newCapacity;
+}
+
+// Lets the get area reach up to what was written. True when there is something unread.
+bool xstringbuf::ShowWritten()
+{
+    if (!readOnly && egptr() != pptr())
+        setg(eback(), gptr(), pptr());
+    return gptr() != egptr();
+}
+
+std::size_t xstringbuf::CountReadable()
+{
+    ShowWritten();
+    return static_cast<std::size_t>(egptr() - gptr());
+}
+
+xstringbuf::int_type xstringbuf::underflow()
+{
+    return ShowWritten() ? traits_type::to_int_type(*gptr()) : traits_type::eof();
+}
+
+xstringbuf::int_type xstringbuf::overflow(int_type byte)
+{
+    if (traits_type::eq_int_type(byte, traits_type::eof()))
+        return traits_type::not_eof(byte);
+    const char written = traits_type::to_char_type(byte);
+    return xsputn(&written, 1) == 1 ? byte : traits_type::eof();
+}
+
+std::streamsize xstringbuf::xsputn(const char* from, std::streamsize count)
+{
+    if (readOnly || count <= 0)
+        return 0;
+    Grow(static_cast<std::size_t>(count));
+    std::memcpy(pptr(), from, static_cast<std::size_t>(count));
+    setp(pptr() + count, epptr());
+    return count;
+}
+
+std::streamsize xstringbuf::showmanyc()
+{
+    return ShowWritten() ? egptr() - gptr() : -1;
+}
+
+std::streambuf* xstringbuf::OnGetTryIBuf()
+{
+    ShowWritten();
+    SetEofReached(); // nothing arrives while it is read
+    view.TakeBuf(gptr(), static_cast<std::size_t>(egptr() - gptr()));
+    return &view;
+}

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <qel/base/xstreambuf.h>
+
+/// A buffer in memory. What was written is readable at once, and reading takes nothing away from GetText.
+class BASE_API xstringbuf : public xstreambuf
+{
+public:
+    /// Empty; grows as it is written.
+    xstringbuf() = default;
+    /// A private copy of `text`; read-only.
+    xstringbuf(const char* text, std::size_t size);
+
+    /// All that was written, without a terminator; valid until the next write. Null when nothing was.
+    const char* GetText() const { return storage.get(); }
+    std::size_t GetSize() const;
+    std::size_t CountReadable() override;
+
+protected:
+    int_type underflow() override;
+    int_type overflow(int_type byte) override;
+    std::streamsize xsputn(const char* from, std::streamsize count) override;
+    std::streamsize showmanyc() override;
+    std::streambuf* OnGetTryIBuf() override;
+    void OnFreeTryIBuf() override { view.FreeBuf(); }
+    btkBaseEvent* OnGetInputEvent() override { return new btkAlwaysEvent; }
+
+private:
+    void Grow(std::size_t count);
+    bool ShowWritten();
+
+    std::unique_ptr<char[]> storage;
+    std::size_t capacity = 0;
+    bool readOnly = false;
+    xtrystreambuf view{*this};
+};

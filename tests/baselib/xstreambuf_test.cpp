@@ -1,0 +1,287 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+#include <unistd.h>
+
+#include "support/interrupt.h"
+#include <qel/base/xbufaccess.h>
+#include <qel/base/xpipebuf.h>
+#include <qel/base/xstdbuf.h>
+#include <qel/base/xstringbuf.h>
+
+namespace {
+
+std::string Take(std::streambuf& buffer, std::size_t count)
+{
+    std::string text(count, '\0');
+    text.resize(static_cast<std::size_t>(buffer.sgetn(text.data(), static_cast<std::streamsize>(count))));
+    return text;
+}
+
+std::streamsize Put(std::streambuf& buffer, const std::string& text)
+{
+    return buffer.sputn(text.data(), static_cast<std::streamsize>(text.size()));
+}
+
+// What a try view shows of up to `count` bytes.
+std::string Try(xstreambuf& buffer, std::size_t count)
+{
+    const std::string text = Take(*buffer.GetTryIBuf(), count);
+    buffer.FreeTryIBuf();
+    return text;
+}
+
+class PipeBuffers : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        btkOutputPipe writing;
+        btkInputPipe reading;
+        ASSERT_TRUE(btkAnonymousPipe::Create(writing, reading));
+        output = std::make_unique<xopipebuf>(std::move(writing));
+        input = std::make_unique<xipipebuf>(std::move(reading));
+    }
+
+    std::unique_ptr<xopipebuf> output;
+    std::unique_ptr<xipipebuf> input;
+};
+
+} // namespace
+
+TEST(xstringbuf, ShowsAtOnceWhatWasWritten)
+{
+    xstringbuf buffer;
+    EXPECT_EQ(buffer.sgetc(), EOF);
+
+    EXPECT_EQ(Put(buffer, "abc"), 3);
+    EXPECT_EQ(Take(buffer, 2), "ab");
+    buffer.sputc('d');
+    EXPECT_EQ(buffer.CountReadable(), 2u);
+    EXPECT_EQ(Take(buffer, 5), "cd");
+
+    std::string all = "abcd";
+    for (int i = 0; i < 1000; ++i) {
+        const std::string part(static_cast<std::size_t>(i), static_cast<char>('a' + i % 26));
+        all += part;
+        Put(buffer, part);
+        EXPECT_EQ(Take(buffer, part.size()), part);
+    }
+    EXPECT_EQ(std::string(buffer.GetText(), buffer.GetSize()), all);
+}
+
+TEST(xstringbuf, RefusesWritesIntoAGivenText)
+{
+    xstringbuf buffer("text", 4);
+
+    EXPECT_EQ(Put(buffer, "x"), 0);
+    EXPECT_EQ(buffer.sputc('x'), EOF);
+    EXPECT_EQ(Take(buffer, 9), "text");
+    EXPECT_EQ(std::string(buffer.GetText(), buffer.GetSize()), "text");
+}
+
+TEST(xstringbuf, LendsWithoutConsumingAndKnowsItsEnd)
+{
+    xstringbuf buffer;
+    Put(buffer, "12345");
+    Take(buffer, 1);
+
+    EXPECT_EQ(Try(buffer, 3), "234");
+    EXPECT_FALSE(buffer.IsTryExhausted());
+    EXPECT_EQ(Try(buffer, 9), "2345");
+    EXPECT_TRUE(buffer.IsTryExhausted());
+    EXPECT_TRUE(buffer.IsEofReached());
+    EXPECT_EQ(Take(buffer, 9), "2345");
+    EXPECT_EQ(buffer.GetTryOBuf(), nullptr);
+}
+
+TEST(xbufaccess, ReadsAndWritesRightInTheAreas)
+{
+    xstringbuf buffer;
+    EXPECT_EQ(xbufaccess::Reserve(buffer, 1), nullptr);
+    Put(buffer, "a");
+
+    char* const room = xbufaccess::Reserve(buffer, 3);
+    ASSERT_NE(room, nullptr);
+    std::copy_n("bcd", 3, room);
+    xbufaccess::Commit(buffer, 3);
+    EXPECT_EQ(buffer.CountReadable(), 4u);
+
+    EXPECT_EQ(xbufaccess::View(buffer, 5), nullptr);
+    EXPECT_EQ(std::string(xbufaccess::View(buffer, 4), 4), "abcd");
+    xbufaccess::Consume(buffer, 3);
+    EXPECT_EQ(Take(buffer, 2), "d");
+}
+
+TEST_F(PipeBuffers, WritesStraightThroughAndReadsAllThatIsAskedFor)
+{
+    Put(*output, "12");
+    EXPECT_EQ(input->CountReadable(), 2u);
+    std::thread writer([&] {
+        Put(*output, "345");
+        output->sputc('6');
+    });
+
+    EXPECT_EQ(Take(*input, 6), "123456");
+
+    writer.join();
+    output.reset();
+    EXPECT_EQ(Take(*input, 1), "");
+    EXPECT_TRUE(input->IsEofReached());
+    EXPECT_EQ(input->in_avail(), -1);
+}
+
+TEST_F(PipeBuffers, LendsWhatHasArrivedAndTellsAPauseFromTheEnd)
+{
+    EXPECT_EQ(Try(*input, 4), "");
+    EXPECT_TRUE(input->IsTryExhausted());
+    EXPECT_FALSE(input->IsEofReached());
+
+    Put(*output, "abc");
+    EXPECT_EQ(Try(*input, 3), "abc");
+    EXPECT_FALSE(input->IsTryExhausted());
+    Put(*output, "d");
+    EXPECT_EQ(input->CountReadable(), 4u);
+    EXPECT_EQ(Try(*input, 4), "abcd");
+    EXPECT_EQ(Try(*input, 5), "abcd");
+    EXPECT_FALSE(input->IsEofReached());
+
+    output.reset();
+    EXPECT_EQ(Try(*input, 5), "abcd");
+    EXPECT_TRUE(input->IsEofReached());
+    EXPECT_EQ(Take(*input, 9), "abcd");
+}
+
+TEST_F(PipeBuffers, GrowsForAValueLargerThanThePipe)
+{
+    std::string sent(3 << 20, ' ');
+    for (std::size_t i = 0; i < sent.size(); ++i)
+        sent[i] = static_cast<char>(i * 7 + i / 999);
+    std::thread writer([&] { Put(*output, sent); });
+    btkEvent pending(input->GetInputEvent());
+
+    std::string seen;
+    while ((seen = Try(*input, sent.size())).size() < sent.size())
+        ASSERT_EQ(btkEvent::Wait({&pending}, btkTimeval(30.0)), 1);
+    writer.join();
+
+    EXPECT_EQ(seen, sent);
+    EXPECT_EQ(Take(*input, 5), sent.substr(0, 5));
+    EXPECT_EQ(Take(*input, sent.size() - 5), sent.substr(5));
+    Put(*output, "again");
+    EXPECT_EQ(Take(*input, 5), "again");
+}
+
+TEST_F(PipeBuffers, SignalsInputThatIsHeldOrWaitingAndTheEnd)
+{
+    btkEvent pending(input->GetInputEvent());
+    EXPECT_FALSE(pending.IsSignaled());
+
+    Put(*output, "abc");
+    EXPECT_TRUE(pending.IsSignaled());
+    EXPECT_EQ(Take(*input, 1), "a"); // "bc" is held now, the pipe is empty
+    EXPECT_EQ(btkEvent::Wait({&pending}, btkTimeval::Forever()), 1);
+
+    EXPECT_EQ(Take(*input, 2), "bc");
+    EXPECT_FALSE(pending.IsSignaled());
+    output.reset();
+    EXPECT_TRUE(pending.IsSignaled());
+    input.reset();
+    EXPECT_TRUE(pending.IsSignaled()); // nobody waits for ever for a buffer that is gone
+}
+
+TEST_F(PipeBuffers, DoesNotWakeAWaitForBytesThatWereTooFew)
+{
+    btkEvent pending(input->GetInputEvent());
+    Put(*output, "ab");
+    EXPECT_EQ(Try(*input, 4), "ab");
+
+    EXPECT_TRUE(pending.IsSignaled());
+    const btkTimeval start = btkTimeval::Now();
+    btkEvent::Wait({&pending}, btkTimeval(0.05));
+    EXPECT_GE(btkTimeval::Now() - start, btkTimeval(0.05));
+
+    Put(*output, "cd");
+    EXPECT_EQ(btkEvent::Wait({&pending}, btkTimeval::Forever()), 1);
+    EXPECT_EQ(Try(*input, 4), "abcd");
+    EXPECT_EQ(Take(*input, 1), "a");
+    EXPECT_EQ(btkEvent::Wait({&pending}, btkTimeval::Forever()),
+              1); // some were consumed: they may be enough now
+}
+
+TEST_F(PipeBuffers, TestsWritesAndSendsNothing)
+{
+    const std::string page(4096, 'p');
+    std::streambuf* area = output->GetTryOBuf();
+    EXPECT_EQ(Put(*area, page), 4096);
+    output->FreeTryOBuf();
+    EXPECT_FALSE(output->IsTryExhausted());
+    EXPECT_EQ(input->CountReadable(), 0u);
+
+    btkEvent writable(output->GetOutputEvent());
+    EXPECT_TRUE(writable.IsSignaled());
+    bool broken = false;
+    while (btkCountWritable(output->GetHandle(), broken) > 0)
+        Put(*output, page);
+    EXPECT_FALSE(writable.IsSignaled());
+    EXPECT_EQ(output->GetTryOBuf()->sputc('x'), EOF);
+    EXPECT_TRUE(output->IsTryExhausted());
+
+    input.reset();
+    EXPECT_EQ(output->GetTryOBuf()->sputc('x'), EOF);
+    EXPECT_FALSE(output->IsTryExhausted()); // waiting will not help
+    EXPECT_EQ(Put(*output, "x"), 0);
+    EXPECT_TRUE(writable.IsSignaled());
+}
+
+TEST_F(PipeBuffers, CarriesEverythingWhileItIsInterrupted)
+{
+    Interrupter interrupter;
+    const std::string sent(200000, 'i');
+    std::thread writer([&] {
+        for (int i = 0; i < 50; ++i)
+            EXPECT_EQ(Put(*output, sent), 200000);
+    });
+
+    for (int i = 0; i < 50; ++i)
+        ASSERT_EQ(Take(*input, sent.size()), sent);
+    writer.join();
+}
+
+TEST(StandardBuffers, KeepTheirOrderWithTheProgramsOwnOutput)
+{
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    {
+        xostdbuf output(0), error(1);
+        fputs("1", stdout);
+        output.sputc('2');
+        fputs("3", stdout);
+        Put(output, "4");
+        Put(error, "e");
+        output.pubsync();
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "1234");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "e");
+}
+
+TEST(StandardBuffers, ReadAndLendTheStandardInput)
+{
+    btkOutputPipe writing;
+    btkInputPipe reading;
+    ASSERT_TRUE(btkAnonymousPipe::Create(writing, reading));
+    const btkFd kept(dup(0));
+    ASSERT_EQ(dup2(reading.Get(), 0), 0);
+
+    xistdbuf input;
+    EXPECT_EQ(btkWrite(writing.Get(), "line\n", 5), 5u);
+    EXPECT_EQ(Try(input, 5), "line\n");
+    EXPECT_EQ(Take(input, 4), "line");
+    writing.Reset();
+    EXPECT_EQ(Take(input, 4), "\n");
+    EXPECT_TRUE(input.IsEofReached());
+
+    dup2(kept.Get(), 0);
+}
