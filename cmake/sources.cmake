@@ -25,14 +25,16 @@ function(qel_add_sources)
   target_include_directories(${QEL_LIBRARY} PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
 endfunction()
 
-# qel_public_headers([IN SUBFOLDER] FILE...): headers of this folder that users include as <qel/FILE>, or as
-# <qel/SUBFOLDER/FILE>.
+# qel_public_headers([INTERNAL] [IN SUBFOLDER] FILE...): headers of this folder that users include as <qel/FILE>, or as
+# <qel/SUBFOLDER/FILE>. INTERNAL: for the folders of this project only, not installed.
 function(qel_public_headers)
-  cmake_parse_arguments(arg "" "IN" "" ${ARGN})
+  cmake_parse_arguments(arg "INTERNAL" "IN" "" ${ARGN})
   set(folder qel/${arg_IN})
   foreach(header IN LISTS arg_UNPARSED_ARGUMENTS)
     file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/include/${folder})
     file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${header} ${PROJECT_BINARY_DIR}/include/${folder}/${header} SYMBOLIC)
-    install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder})
+    if(NOT arg_INTERNAL)
+      install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder})
+    endif()
   endforeach()
 endfunction()

@@ -6,6 +6,14 @@
 #include <stdlib.h>
 #include <string>
 #include <system_error>
+#include <utility>
+
+/// A host path, as a text and as the calls of the host take it.
+struct TestPath : std::string
+{
+    explicit TestPath(std::string text) : std::string(std::move(text)) {}
+    operator const char*() const { return c_str(); }
+};
 
 /// A new directory that is removed with everything in it.
 class TempDir
@@ -27,12 +35,26 @@ public:
     TempDir& operator=(const TempDir&) = delete;
 
     /// The host's path of the directory, or of `name` in it.
-    const std::string& path() const { return root; }
-    std::string path(const std::string& name) const { return root + "/" + name; }
+    TestPath path() const { return TestPath(root); }
+    TestPath path(const std::string& name) const { return TestPath(root + "/" + name); }
 
-    /// Makes the file `name` hold exactly `content`.
-    void write(const std::string& name, const std::string& content) const
+    /// Makes a directory and those on the way to it.
+    void makeDir(const std::string& name) const { std::filesystem::create_directories(root + "/" + name); }
+    void link(const std::string& target, const std::string& name) const
     {
+        std::filesystem::create_symlink(target, root + "/" + name);
+    }
+    /// Whether there is a node of that name, a link that leads nowhere included.
+    bool has(const std::string& name) const
+    {
+        return std::filesystem::symlink_status(root + "/" + name).type() !=
+               std::filesystem::file_type::not_found;
+    }
+
+    /// Makes the file `name` hold exactly `content`, and the directories on the way to it.
+    void write(const std::string& name, const std::string& content = "") const
+    {
+        makeDir(std::filesystem::path(name).parent_path().string());
         std::ofstream(path(name), std::ios::binary) << content;
     }
     /// What the file `name` holds.

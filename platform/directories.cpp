@@ -1,0 +1,142 @@
+#include <qel/platform/directories.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <memory>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <qel/platform/errortable.h>
+#include <qel/platform/filecopy.h>
+#include <qel/platform/files.h>
+#include <qel/platform/folder.h>
+#include <qel/platform/pathmapping.h>
+
+namespace {
+
+constexpr unsigned newDirectoryMode = 0777;
+
+platFolder* folderOf(HANDLE search)
+{
+    return search == INVALID_HANDLE_VALUE ? nullptr : static_cast<platFolder*>(search);
+}
+
+} // namespace
+
+HANDLE FindFirstFileA(const char* pattern, WIN32_FIND_DATAA* data)
+{
+    const std::string_view whole = pattern == nullptr ? "" : pattern;
+    const std::size_t end = whole.find_last_of("/\\:");
+    const std::size_t begin = end == std::string_view::npos ? 0 : end + 1;
+    if (whole.substr(begin) != "*") {
+        platFailWith(ERROR_INVALID_NAME);
+        return INVALID_HANDLE_VALUE;
+    }
+    const std::string directory = begin == 0 ? "." : std::string(whole.substr(0, begin));
+    auto folder = std::make_unique<platFolder>();
+    if (!folder->Open(directory.c_str()) || !FindNextFileA(folder.get(), data))
+        return INVALID_HANDLE_VALUE;
+    return folder.release();
+}
+
+BOOL FindNextFileA(HANDLE search, WIN32_FIND_DATAA* data)
+{
+    platFolder* folder = folderOf(search);
+    if (folder == nullptr)
+        return platFailWith(ERROR_INVALID_HANDLE);
+    platEntry entry;
+    if (!folder->Read(entry))
+        return FALSE;
+    const std::string shown = platNativeName(entry.hostName);
+    data->dwFileAttributes = entry.kind == platDirectory ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
+    std::memcpy(data->cFileName, shown.c_str(), shown.size() + 1);
+    return TRUE;
+}
+
+BOOL FindClose(HANDLE search)
+{
+    platFolder* folder = folderOf(search);
+    if (folder == nullptr)
+        return platFailWith(ERROR_INVALID_HANDLE);
+    delete folder;
+    return TRUE;
+}
+
+BOOL CreateDirectoryA(const char* path, SECURITY_ATTRIBUTES*)
+{
+    std::string host;
+    if (!platHostPath(path, host))
+        return FALSE;
+    return mkdir(host.c_str(), newDirectoryMode) == 0 ? TRUE : platFailOn(host);
+}
+
+BOOL RemoveDirectoryA(const char* path)
+{
+    std::string host;
+    if (!platHostPath(path, host))
+        return FALSE;
+    if (rmdir(host.c_str()) == 0)
+        return TRUE;
+    // Some file systems answer "exists" for a directory that is not empty.
+    if (errno == EEXIST)
+        errno = ENOTEMPTY;
+    return platFailOn(host);
+}
+
+DWORD GetCurrentDirectoryA(DWORD size, char* buffer)
+{
+    char host[PATH_MAX];
+    std::string native;
+    if (getcwd(host, sizeof host) == nullptr)
+        return static_cast<DWORD>(platFail());
+    if (!platNativePath(host, native))
+        return 0;
+    const auto length = static_cast<DWORD>(native.size());
+    if (length >= size)
+        return length + 1;
+    std::memcpy(buffer, native.c_str(), length + 1);
+    return length;
+}
+
+BOOL SetCurrentDirectoryA(const char* path)
+{
+    std::string host;
+    if (!platHostPath(path, host))
+        return FALSE;
+    return chdir(host.c_str()) == 0 ? TRUE : platFailOn(host);
+}
+
+BOOL GetDiskFreeSpaceA(const char* root, DWORD* sectorsPerCluster, DWORD* bytesPerSector, DWORD* freeClusters,
+                       DWORD* allClusters)
+{
+    constexpr unsigned long sectorSize = 512;
+    std::string host = ".";
+    if (root != nullptr && !platHostPath(root, host))
+        return FALSE;
+    struct statvfs volume;
+    if (platRetry([&] { return statvfs(host.c_str(), &volume); }) != 0)
+        return platFailOn(host);
+    unsigned long long perCluster = volume.f_frsize / sectorSize;
+    unsigned long long available = volume.f_bavail;
+    unsigned long long all = volume.f_blocks;
+    if (perCluster == 0) { // blocks smaller than a sector
+        available = available * volume.f_frsize / sectorSize;
+        all = all * volume.f_frsize / sectorSize;
+        perCluster = 1;
+    }
+    while (all > UINT_MAX || available > UINT_MAX) {
+        perCluster *= 2;
+        available /= 2;
+        all /= 2;
+    }
+    *sectorsPerCluster = static_cast<DWORD>(perCluster);
+    *bytesPerSector = sectorSize;
+    *freeClusters = static_cast<DWORD>(available);
+    *allClusters = static_cast<DWORD>(all);
+    return TRUE;
+}

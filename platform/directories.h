@@ -1,0 +1,36 @@
+#pragma once
+
+/// Directories: enumeration, creation and removal, the current directory, free space.
+
+#include <qel/platform/lasterror.h>
+#include <qel/platform/platformtypes.h>
+
+/// One entry. `dwFileAttributes` is FILE_ATTRIBUTE_DIRECTORY for a directory, not for a link to one.
+struct WIN32_FIND_DATAA
+{
+    DWORD dwFileAttributes;
+    char cFileName[platMaxName];
+};
+
+/// Begins the enumeration of a directory and gives its first entry. `pattern` is the directory, a separator
+/// and
+/// "*": the only pattern there is, any other last name is ERROR_INVALID_NAME. Wildcards before it stand for
+/// themselves. INVALID_HANDLE_VALUE when it fails. Used by one thread at a time.
+HANDLE FindFirstFileA(const char* pattern, WIN32_FIND_DATAA* data);
+/// FALSE at the end too, with ERROR_NO_MORE_FILES.
+BOOL FindNextFileA(HANDLE search, WIN32_FIND_DATAA* data);
+BOOL FindClose(HANDLE search);
+
+BOOL CreateDirectoryA(const char* path, SECURITY_ATTRIBUTES* security);
+/// Removes an empty directory.
+BOOL RemoveDirectoryA(const char* path);
+
+/// The current directory in native form with its drive. Answers its length; when `size` is too small, the
+/// size that is needed, and `buffer` is unchanged; 0 when it fails.
+DWORD GetCurrentDirectoryA(DWORD size, char* buffer);
+BOOL SetCurrentDirectoryA(const char* path);
+
+/// The space on the volume of `root`, or of the current directory when it is null. Clusters are as large as
+/// it takes to count them in 32 bits.
+BOOL GetDiskFreeSpaceA(const char* root, DWORD* sectorsPerCluster, DWORD* bytesPerSector, DWORD* freeClusters,
+                       DWORD* allClusters);

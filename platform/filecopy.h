@@ -1,0 +1,45 @@
+#pragma once
+
+/// Small owners of host descriptors, and the copying of a file's contents.
+
+#include <utility>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+/// Holds a host descriptor and closes it.
+class platDescriptor
+{
+public:
+    explicit platDescriptor(int value = -1) : descriptor(value) {}
+    platDescriptor(platDescriptor&& other) noexcept : descriptor(other.release()) {}
+    platDescriptor& operator=(platDescriptor&& other) noexcept
+    {
+        std::swap(descriptor, other.descriptor);
+        return *this;
+    }
+    ~platDescriptor()
+    {
+        if (descriptor >= 0)
+            ::close(descriptor);
+    }
+
+    int get() const { return descriptor; }
+    explicit operator bool() const { return descriptor >= 0; }
+    int release() { return std::exchange(descriptor, -1); }
+
+private:
+    int descriptor;
+};
+
+/// openat with close-on-exec, not disturbed by signals. -1 when it fails, with errno set.
+int platOpenAt(int folder, const char* name, int flags, unsigned mode = 0);
+
+/// Opens the regular file `name` of the host directory `folder`. -1 when it fails, with errno set; EACCES for
+/// what is no regular file, which is not waited on. `status` receives the status of the opened file.
+int platOpenRegular(int folder, const char* name, int flags, unsigned mode, struct stat& status);
+
+/// Copies the contents of `source`, whose status is `status`, into the new file `name` of `folder`, with mode
+/// (the nine permission bits) and modification time. When it fails, errno is set and the new file is gone
+/// again.
+bool platCopyContents(int source, const struct stat& status, int folder, const char* name);

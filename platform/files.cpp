@@ -1,0 +1,289 @@
+#include <qel/platform/files.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
+
+#include <qel/platform/errortable.h>
+#include <qel/platform/filecopy.h>
+#include <qel/platform/pathmapping.h>
+
+namespace {
+
+constexpr unsigned newFileMode = 0666;
+constexpr unsigned temporaryFileMode = 0600;
+
+/// A handle is the descriptor plus one, so that neither null nor INVALID_HANDLE_VALUE is a descriptor.
+HANDLE handleOf(int descriptor)
+{
+    return reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(descriptor) + 1);
+}
+
+int descriptorOf(HANDLE file)
+{
+    return static_cast<int>(reinterpret_cast<std::intptr_t>(file) - 1);
+}
+
+/// The host's flags for a disposition, or -1.
+int openFlags(DWORD disposition)
+{
+    switch (disposition) {
+    case CREATE_NEW:
+        return O_CREAT | O_EXCL;
+    case CREATE_ALWAYS:
+        return O_CREAT | O_TRUNC;
+    case OPEN_EXISTING:
+        return 0;
+    case OPEN_ALWAYS:
+        return O_CREAT;
+    default:
+        return -1;
+    }
+}
+
+FILETIME fileTime(const struct timespec& time)
+{
+    constexpr long long stepsASecond = 10000000;
+    constexpr long long nanosecondsAStep = 100;
+    const auto steps = static_cast<unsigned long long>((time.tv_sec + platSecondsTo1970) * stepsASecond +
+                                                       time.tv_nsec / nanosecondsAStep);
+    return {static_cast<DWORD>(steps), static_cast<DWORD>(steps >> 32)};
+}
+
+bool statusOf(const char* path, struct stat& status)
+{
+    std::string host;
+    if (!platHostPath(path, host))
+        return false;
+    if (stat(host.c_str(), &status) == 0)
+        return true;
+    platFailOn(host);
+    return false;
+}
+
+DWORD attributesOf(const struct stat& status)
+{
+    return S_ISDIR(status.st_mode) ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
+}
+
+/// Moves without replacing where the file system cannot do it in one step.
+int moveInSteps(const std::string& from, const std::string& to)
+{
+    if (link(from.c_str(), to.c_str()) == 0) {
+        if (unlink(from.c_str()) == 0)
+            return 0;
+        const int error = errno;
+        unlink(to.c_str());
+        errno = error;
+        return -1;
+    }
+    if (errno != EPERM && errno != EOPNOTSUPP)
+        return -1;
+    // A directory, or a file system without further links.
+    struct stat status;
+    if (lstat(to.c_str(), &status) == 0) {
+        errno = EEXIST;
+        return -1;
+    }
+    return rename(from.c_str(), to.c_str());
+}
+
+} // namespace
+
+HANDLE CreateFileA(const char* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES*, DWORD disposition,
+                   DWORD flags, HANDLE)
+{
+    std::string host;
+    const int how = openFlags(disposition);
+    if (how < 0)
+        platFailWith(ERROR_INVALID_PARAMETER);
+    if (how < 0 || !platHostPath(path, host))
+        return INVALID_HANDLE_VALUE;
+    const bool writes = (access & GENERIC_WRITE) != 0;
+    const int mode = !writes ? O_RDONLY : (access & GENERIC_READ) != 0 ? O_RDWR : O_WRONLY;
+    const bool exclusive = writes && (share & FILE_SHARE_WRITE) == 0;
+
+    // Emptying waits until the lock is held: a file that another writes stays whole.
+    struct stat status;
+    platDescriptor file(
+        platOpenRegular(AT_FDCWD, host.c_str(), mode | (how & ~O_TRUNC), newFileMode, status));
+    if (!file) {
+        platFailOn(host);
+        return INVALID_HANDLE_VALUE;
+    }
+    if (exclusive && platRetry([&] { return flock(file.get(), LOCK_EX | LOCK_NB); }) != 0 &&
+        errno == EWOULDBLOCK) {
+        platFailWith(ERROR_SHARING_VIOLATION);
+        return INVALID_HANDLE_VALUE;
+    }
+    if ((how & O_TRUNC) != 0 && platRetry([&] { return ftruncate(file.get(), 0); }) != 0) {
+        platFail();
+        return INVALID_HANDLE_VALUE;
+    }
+    if ((flags & FILE_FLAG_SEQUENTIAL_SCAN) != 0)
+        posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    return handleOf(file.release());
+}
+
+BOOL CloseHandle(HANDLE file)
+{
+    // Not repeated when interrupted: the host has given the descriptor up by then.
+    if (close(descriptorOf(file)) == 0 || errno == EINTR)
+        return TRUE;
+    return platFail();
+}
+
+BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* done, void*)
+{
+    const ssize_t count = platRetry([&] { return read(descriptorOf(file), buffer, size); });
+    if (count < 0)
+        return platFail();
+    if (done != nullptr)
+        *done = static_cast<DWORD>(count);
+    return TRUE;
+}
+
+BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* done, void*)
+{
+    const char* data = static_cast<const char*>(buffer);
+    DWORD written = 0;
+    bool failed = false;
+    while (written < size && !failed) {
+        const ssize_t count =
+            platRetry([&] { return write(descriptorOf(file), data + written, size - written); });
+        if (count > 0)
+            written += static_cast<DWORD>(count);
+        else
+            failed = true;
+    }
+    if (failed)
+        platFail();
+    if (done != nullptr)
+        *done = written;
+    return failed ? FALSE : TRUE;
+}
+
+BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* position, DWORD from)
+{
+    static constexpr int origins[] = {SEEK_SET, SEEK_CUR, SEEK_END};
+    if (from >= std::size(origins))
+        return platFailWith(ERROR_INVALID_PARAMETER);
+    const off_t at = lseek(descriptorOf(file), distance.QuadPart, origins[from]);
+    if (at < 0)
+        return errno == EINVAL ? platFailWith(ERROR_NEGATIVE_SEEK) : platFail();
+    if (position != nullptr)
+        position->QuadPart = at;
+    return TRUE;
+}
+
+BOOL SetEndOfFile(HANDLE file)
+{
+    const int descriptor = descriptorOf(file);
+    const off_t at = lseek(descriptor, 0, SEEK_CUR);
+    if (at < 0 || platRetry([&] { return ftruncate(descriptor, at); }) != 0)
+        return platFail();
+    return TRUE;
+}
+
+DWORD GetFileAttributesA(const char* path)
+{
+    struct stat status;
+    return statusOf(path, status) ? attributesOf(status) : INVALID_FILE_ATTRIBUTES;
+}
+
+BOOL GetFileAttributesExA(const char* path, GET_FILEEX_INFO_LEVELS, void* data)
+{
+    struct stat status;
+    if (!statusOf(path, status))
+        return FALSE;
+    const auto size = static_cast<unsigned long long>(status.st_size);
+    *static_cast<WIN32_FILE_ATTRIBUTE_DATA*>(data) = {
+        .dwFileAttributes = attributesOf(status),
+        .ftCreationTime = fileTime(status.st_ctim),
+        .ftLastAccessTime = fileTime(status.st_atim),
+        .ftLastWriteTime = fileTime(status.st_mtim),
+        .nFileSizeHigh = static_cast<DWORD>(size >> 32),
+        .nFileSizeLow = static_cast<DWORD>(size),
+    };
+    return TRUE;
+}
+
+BOOL DeleteFileA(const char* path)
+{
+    std::string host;
+    if (!platHostPath(path, host))
+        return FALSE;
+    return unlink(host.c_str()) == 0 ? TRUE : platFailOn(host);
+}
+
+BOOL MoveFileExA(const char* from, const char* to, DWORD)
+{
+    std::string hostFrom, hostTo;
+    if (!platHostPath(from, hostFrom) || !platHostPath(to, hostTo))
+        return FALSE;
+    int moved = renameat2(AT_FDCWD, hostFrom.c_str(), AT_FDCWD, hostTo.c_str(), RENAME_NOREPLACE);
+    if (moved != 0 && (errno == EINVAL || errno == ENOSYS))
+        moved = moveInSteps(hostFrom, hostTo);
+    if (moved == 0)
+        return TRUE;
+    // Which of the two paths a "not found" is about does not matter: both numbers mean the same to callers.
+    return platFailOn(hostFrom);
+}
+
+BOOL CopyFileA(const char* from, const char* to, BOOL failIfExists)
+{
+    std::string hostFrom, hostTo;
+    if (!platHostPath(from, hostFrom) || !platHostPath(to, hostTo))
+        return FALSE;
+    struct stat status;
+    const platDescriptor source(platOpenRegular(AT_FDCWD, hostFrom.c_str(), O_RDONLY, 0, status));
+    if (!source)
+        return platFailOn(hostFrom);
+    // The source is open: when both are one file, its contents outlive the name.
+    if (failIfExists == FALSE && unlink(hostTo.c_str()) != 0 && errno != ENOENT)
+        return platFailOn(hostTo);
+    if (!platCopyContents(source.get(), status, AT_FDCWD, hostTo.c_str()))
+        return errno == EEXIST ? platFailWith(ERROR_FILE_EXISTS) : platFailOn(hostTo);
+    return TRUE;
+}
+
+unsigned GetTempFileNameA(const char* directory, const char* prefix, unsigned unique, char* name)
+{
+    constexpr int attempts = 1000;
+    constexpr std::size_t addedLength = 8 + 4;
+    if (unique != 0 || directory == nullptr || prefix == nullptr)
+        return static_cast<unsigned>(platFailWith(ERROR_INVALID_PARAMETER));
+    if (std::strpbrk(prefix, "/\\") != nullptr)
+        return static_cast<unsigned>(platFailWith(ERROR_INVALID_NAME));
+    std::string path = directory;
+    if (path.empty())
+        return static_cast<unsigned>(platFailWith(ERROR_DIRECTORY));
+    if (path.back() != '\\' && path.back() != '/')
+        path.push_back('\\');
+    path.append(prefix);
+    if (path.size() + addedLength >= MAX_PATH)
+        return static_cast<unsigned>(platFailWith(ERROR_FILENAME_EXCED_RANGE));
+
+    std::string host;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        std::uint32_t number = 0;
+        if (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number) || number == 0)
+            continue;
+        std::snprintf(name, MAX_PATH, "%s%08X.TMP", path.c_str(), number);
+        if (!platHostPath(name, host))
+            return 0;
+        const platDescriptor file(
+            platOpenAt(AT_FDCWD, host.c_str(), O_WRONLY | O_CREAT | O_EXCL, temporaryFileMode));
+        if (file)
+            return number;
+        if (errno != EEXIST)
+            return static_cast<unsigned>(platFailOn(host));
+    }
+    return static_cast<unsigned>(platFailWith(ERROR_FILE_EXISTS));
+}

@@ -1,0 +1,67 @@
+#pragma once
+
+/// Files by path and by handle. Differences from Windows, on purpose:
+/// - Only regular files are opened; anything else is refused as ERROR_ACCESS_DENIED, without waiting on it.
+/// - Opening for writing without sharing keeps other writers of this kind out, not readers.
+/// - The calls that tell a node's status follow soft links.
+/// - MoveFileExA never replaces, whatever its flags; nor does it copy to another volume.
+/// Handles may be used by several threads as the host's descriptors may; they are not inherited by child
+/// processes.
+
+#include <qel/platform/lasterror.h>
+#include <qel/platform/platformtypes.h>
+
+inline constexpr DWORD GENERIC_READ = 0x80000000;
+inline constexpr DWORD GENERIC_WRITE = 0x40000000;
+inline constexpr DWORD FILE_SHARE_READ = 1;
+inline constexpr DWORD FILE_SHARE_WRITE = 2;
+inline constexpr DWORD CREATE_NEW = 1;
+inline constexpr DWORD CREATE_ALWAYS = 2;
+inline constexpr DWORD OPEN_EXISTING = 3;
+inline constexpr DWORD OPEN_ALWAYS = 4;
+inline constexpr DWORD FILE_ATTRIBUTE_DIRECTORY = 0x10;
+inline constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x80;
+inline constexpr DWORD INVALID_FILE_ATTRIBUTES = 0xFFFFFFFF;
+inline constexpr DWORD FILE_FLAG_SEQUENTIAL_SCAN = 0x08000000;
+inline constexpr DWORD FILE_BEGIN = 0;
+inline constexpr DWORD FILE_CURRENT = 1;
+inline constexpr DWORD FILE_END = 2;
+
+enum GET_FILEEX_INFO_LEVELS { GetFileExInfoStandard };
+
+struct WIN32_FILE_ATTRIBUTE_DATA
+{
+    DWORD dwFileAttributes;
+    FILETIME ftCreationTime; // the host's time of the last status change
+    FILETIME ftLastAccessTime;
+    FILETIME ftLastWriteTime;
+    DWORD nFileSizeHigh;
+    DWORD nFileSizeLow;
+};
+
+/// INVALID_HANDLE_VALUE when it fails.
+HANDLE CreateFileA(const char* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
+                   DWORD disposition, DWORD flags, HANDLE attributeSource);
+BOOL CloseHandle(HANDLE file);
+
+/// One read; 0 bytes are the end of the file.
+BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* done, void* overlapped);
+/// Writes all or fails; `*done` tells how much was written either way.
+BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* done, void* overlapped);
+BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* position, DWORD from);
+BOOL SetEndOfFile(HANDLE file);
+
+/// INVALID_FILE_ATTRIBUTES when it fails.
+DWORD GetFileAttributesA(const char* path);
+BOOL GetFileAttributesExA(const char* path, GET_FILEEX_INFO_LEVELS level, void* data);
+
+BOOL DeleteFileA(const char* path);
+BOOL MoveFileExA(const char* from, const char* to, DWORD flags);
+/// Copies contents, mode and modification time; follows a link at `from`. What was written is removed when it
+/// fails.
+BOOL CopyFileA(const char* from, const char* to, BOOL failIfExists);
+
+/// Creates an empty file with a new name: `prefix`, eight hexadecimal digits and ".TMP". `unique` must be 0
+/// and `name` have room for MAX_PATH bytes. Answers 0 when it fails. The whole prefix is kept, not three
+/// letters; one that holds a separator is ERROR_INVALID_NAME.
+unsigned GetTempFileNameA(const char* directory, const char* prefix, unsigned unique, char* name);

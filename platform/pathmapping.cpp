@@ -1,0 +1,234 @@
+#include <qel/platform/pathmapping.h>
+
+#include <climits>
+#include <cstring>
+#include <optional>
+#include <vector>
+
+#include <unistd.h>
+
+#include <qel/platform/errortable.h>
+
+namespace {
+
+constexpr std::string_view shownBackslash = "\xEF\x81\x9C"; // U+F05C
+constexpr std::string_view shownEscape = "\xEF\x81\x9D";    // U+F05D
+constexpr std::string_view drivePrefix = "QELSTD_DRIVE_";
+constexpr char defaultDrive = 'C';
+
+struct Drive
+{
+    char letter;
+    std::string root; // without separator at the end: the host's root is empty
+};
+
+bool isSeparator(char c)
+{
+    return c == '/' || c == '\\';
+}
+
+/// The letter of the drive that `path` begins with, in upper case; 0 when there is none.
+char driveLetter(const char* path)
+{
+    const char upper = static_cast<char>(path[0] & ~0x20);
+    return upper >= 'A' && upper <= 'Z' && path[1] == ':' ? upper : '\0';
+}
+
+std::vector<Drive> readDrives()
+{
+    std::vector<Drive> drives{{defaultDrive, ""}};
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+        const char* text = *entry;
+        if (std::strncmp(text, drivePrefix.data(), drivePrefix.size()) != 0)
+            continue;
+        const char* letter = text + drivePrefix.size();
+        if (*letter < 'A' || *letter > 'Z' || letter[1] != '=' || letter[2] != '/')
+            continue;
+        std::string root = platWithoutEndSeparators(letter + 2);
+        if (root == "/")
+            root.clear();
+        if (*letter == defaultDrive)
+            drives.front().root = std::move(root);
+        else
+            drives.push_back({*letter, std::move(root)});
+    }
+    return drives;
+}
+
+const Drive* findDrive(const std::vector<Drive>& drives, char letter)
+{
+    for (const Drive& drive : drives)
+        if (drive.letter == letter)
+            return &drive;
+    return nullptr;
+}
+
+/// The drive whose root holds `host` and reaches deepest, or null.
+const Drive* driveOf(const std::vector<Drive>& drives, std::string_view host)
+{
+    const Drive* best = nullptr;
+    for (const Drive& drive : drives) {
+        const std::size_t size = drive.root.size();
+        const bool holds = host.starts_with(drive.root) && (host.size() == size || host[size] == '/');
+        if (holds && (best == nullptr || size > best->root.size()))
+            best = &drive;
+    }
+    return best;
+}
+
+std::optional<std::string> currentHostDirectory()
+{
+    char buffer[PATH_MAX];
+    if (getcwd(buffer, sizeof buffer) == nullptr)
+        return std::nullopt;
+    return buffer;
+}
+
+/// `path` without the steps "." and "..", and with one separator before each step. Steps above the root are
+/// lost.
+std::string resolvedInText(std::string_view path)
+{
+    std::vector<std::string_view> steps;
+    while (!path.empty()) {
+        const std::size_t end = std::min(path.find('/'), path.size());
+        const std::string_view step = path.substr(0, end);
+        path.remove_prefix(std::min(end + 1, path.size()));
+        if (step == "..") {
+            if (!steps.empty())
+                steps.pop_back();
+        } else if (!step.empty() && step != ".") {
+            steps.push_back(step);
+        }
+    }
+    std::string result;
+    for (std::string_view step : steps)
+        result.append("/").append(step);
+    return result;
+}
+
+bool hasUpStep(std::string_view hostPath)
+{
+    for (std::size_t at = hostPath.find(".."); at != std::string_view::npos;
+         at = hostPath.find("..", at + 1)) {
+        const bool begins = at == 0 || hostPath[at - 1] == '/';
+        const bool ends = at + 2 == hostPath.size() || hostPath[at + 2] == '/';
+        if (begins && ends)
+            return true;
+    }
+    return false;
+}
+
+/// `path`, which begins with a separator or is empty, below the root of `drive`.
+std::string below(const Drive& drive, std::string path)
+{
+    if (!drive.root.empty() && hasUpStep(path))
+        path = resolvedInText(path);
+    path.insert(0, drive.root);
+    return path.empty() ? "/" : path;
+}
+
+} // namespace
+
+bool platHostPath(const char* path, std::string& host)
+{
+    if (path == nullptr || *path == '\0')
+        return platFailWith(ERROR_PATH_NOT_FOUND);
+    const char letter = driveLetter(path);
+    if (letter != '\0')
+        path += 2;
+    const bool rooted = isSeparator(*path);
+    std::string tail = platHostName(path);
+
+    const std::vector<Drive> drives = readDrives();
+    const bool single = drives.size() == 1 && drives.front().root.empty();
+    if (!rooted && single && (letter == '\0' || letter == defaultDrive)) {
+        host = tail.empty() ? "." : std::move(tail);
+        return true;
+    }
+
+    // Which drive the current directory is on matters to all but `D:\x`.
+    const std::optional<std::string> directory =
+        rooted && (single || letter != '\0') ? std::nullopt : currentHostDirectory();
+    const Drive* current = directory ? driveOf(drives, *directory) : nullptr;
+    if (!rooted && (letter == '\0' || (current != nullptr && current->letter == letter))) {
+        if (current != nullptr && !current->root.empty() && hasUpStep(tail))
+            host = below(*current, directory->substr(current->root.size()) + '/' + tail);
+        else
+            host = tail.empty() ? "." : std::move(tail);
+        return true;
+    }
+
+    const Drive* drive = letter != '\0' ? findDrive(drives, letter) : current;
+    if (drive == nullptr && letter == '\0')
+        drive = &drives.front();
+    if (drive == nullptr)
+        return platFailWith(ERROR_PATH_NOT_FOUND);
+    if (!rooted)
+        tail.insert(0, "/");
+    host = below(*drive, std::move(tail));
+    return true;
+}
+
+bool platNativePath(std::string_view host, std::string& native)
+{
+    const std::vector<Drive> drives = readDrives();
+    const Drive* drive = driveOf(drives, host);
+    if (drive == nullptr)
+        return platFailWith(ERROR_INVALID_DRIVE);
+    std::string tail = platNativeName(host.substr(drive->root.size()));
+    for (char& c : tail)
+        if (c == '/')
+            c = '\\';
+    native = std::string{drive->letter, ':'} + (tail.empty() ? "\\" : tail);
+    return true;
+}
+
+std::string platNativeName(std::string_view hostName)
+{
+    std::string native;
+    native.reserve(hostName.size());
+    while (!hostName.empty()) {
+        if (hostName.front() == '\\') {
+            native.append(shownBackslash);
+            hostName.remove_prefix(1);
+        } else if (hostName.starts_with(shownBackslash) || hostName.starts_with(shownEscape)) {
+            native.append(shownEscape).append(hostName.substr(0, shownEscape.size()));
+            hostName.remove_prefix(shownEscape.size());
+        } else {
+            native.push_back(hostName.front());
+            hostName.remove_prefix(1);
+        }
+    }
+    return native;
+}
+
+std::string platHostName(std::string_view nativeName)
+{
+    std::string host;
+    host.reserve(nativeName.size());
+    while (!nativeName.empty()) {
+        if (nativeName.starts_with(shownBackslash)) {
+            host.push_back('\\');
+            nativeName.remove_prefix(shownBackslash.size());
+            continue;
+        }
+        if (nativeName.starts_with(shownEscape)) {
+            const std::string_view next = nativeName.substr(shownEscape.size());
+            if (next.starts_with(shownBackslash) || next.starts_with(shownEscape))
+                nativeName = next;
+            host.append(nativeName.substr(0, shownEscape.size()));
+            nativeName.remove_prefix(shownEscape.size());
+            continue;
+        }
+        host.push_back(nativeName.front() == '\\' ? '/' : nativeName.front());
+        nativeName.remove_prefix(1);
+    }
+    return host;
+}
+
+std::string platWithoutEndSeparators(std::string hostPath)
+{
+    while (hostPath.size() > 1 && hostPath.back() == '/')
+        hostPath.pop_back();
+    return hostPath;
+}

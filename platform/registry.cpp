@@ -1,0 +1,402 @@
+#include <qel/platform/registry.h>
+
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <qel/platform/errortable.h>
+#include <qel/platform/filecopy.h>
+#include <qel/platform/folder.h>
+#include <qel/platform/registryname.h>
+
+/// An open key below a root.
+struct HKEY__
+{
+    platDescriptor folder;
+    std::string store; // the store that it belongs to, for its lock
+};
+
+namespace {
+
+constexpr unsigned folderMode = 0700;
+constexpr unsigned fileMode = 0600;
+constexpr DWORD largestValue = 16 * 1024 * 1024;
+constexpr const char* lockName = "/.lock";
+constexpr const char* writtenNameFile = ".name";
+constexpr const char* unfinishedFile = ".new";
+constexpr const char* deletedFolder = ".deleted";
+
+long hostError()
+{
+    return static_cast<long>(platErrorOf(errno));
+}
+
+std::string storePath()
+{
+    if (const char* given = std::getenv("QELSTD_REGISTRY"); given != nullptr && *given != '\0')
+        return given;
+    if (const char* config = std::getenv("XDG_CONFIG_HOME"); config != nullptr && *config == '/')
+        return std::string(config) + "/qelstd/registry";
+    if (const char* home = std::getenv("HOME"); home != nullptr && *home == '/')
+        return std::string(home) + "/.config/qelstd/registry";
+    return {};
+}
+
+/// Where a call works: a directory and the beginning of the paths in it.
+struct Place
+{
+    int folder = AT_FDCWD;
+    std::string prefix; // empty or with "/" at its end
+    std::string store;
+};
+
+const char* rootName(HKEY key)
+{
+    return key == HKEY_CLASSES_ROOT ? "System" : key == HKEY_CURRENT_USER ? "User" : nullptr;
+}
+
+/// False for a key that is none, or when nothing says where the store is.
+bool placeOf(HKEY key, Place& place)
+{
+    if (key == nullptr)
+        return false;
+    const char* root = rootName(key);
+    if (root == nullptr) {
+        place = {key->folder.get(), "", key->store};
+        return true;
+    }
+    place.store = storePath();
+    place.prefix = place.store + '/' + root + '/';
+    return !place.store.empty();
+}
+
+/// Makes the directory `path` and those on the way to it.
+bool makeFolders(const std::string& path)
+{
+    for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+        if (mkdir(path.substr(0, end).c_str(), folderMode) != 0 && errno != EEXIST)
+            return false;
+        if (end == std::string::npos)
+            return true;
+    }
+}
+
+/// Says once if other users can change the store: it decides who may connect to servers.
+void warnOfOtherWriters(int folder, const std::string& store)
+{
+    static std::atomic<bool> warned = false;
+    struct stat status;
+    if (fstat(folder, &status) == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !warned.exchange(true))
+        std::fprintf(stderr, "Warning: other users can write to the registry in %s\n", store.c_str());
+}
+
+/// Keeps other changes to a store out, those of other processes and threads included.
+class StoreLock
+{
+public:
+    /// Makes the store when it is missing and `create` is true.
+    StoreLock(const std::string& store, bool create)
+    {
+        const std::string path = store + lockName;
+        lock = open(path);
+        if (!lock && errno == ENOENT && create && makeFolders(store))
+            lock = open(path);
+        if (lock && platRetry([&] { return flock(lock.get(), LOCK_EX); }) != 0)
+            lock = platDescriptor();
+    }
+
+    explicit operator bool() const { return static_cast<bool>(lock); }
+
+private:
+    static platDescriptor open(const std::string& path)
+    {
+        return platDescriptor(platOpenAt(AT_FDCWD, path.c_str(), O_RDWR | O_CREAT, fileMode));
+    }
+
+    platDescriptor lock;
+};
+
+bool writeFile(int folder, const std::string& path, std::string_view text)
+{
+    platDescriptor file(platOpenAt(folder, path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, fileMode));
+    if (!file)
+        return false;
+    while (!text.empty()) {
+        const ssize_t count = platRetry([&] { return write(file.get(), text.data(), text.size()); });
+        if (count < 0)
+            return false;
+        text.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return close(file.release()) == 0;
+}
+
+/// Puts a whole file at `path`, or leaves what was there. `prefix` is the key's place in `folder`.
+bool replaceFile(int folder, const std::string& prefix, const std::string& path, std::string_view text)
+{
+    const std::string unfinished = prefix + unfinishedFile;
+    if (writeFile(folder, unfinished, text) &&
+        renameat(folder, unfinished.c_str(), folder, path.c_str()) == 0)
+        return true;
+    const int error = errno;
+    unlinkat(folder, unfinished.c_str(), 0);
+    errno = error;
+    return false;
+}
+
+/// Makes the directories of `path` from byte `from` on, the last one only when `whole`. Answers whether any
+/// was missing, or -1.
+int makeParts(int folder, const std::string& path, std::size_t from, bool whole)
+{
+    int made = 0;
+    for (std::size_t end = path.find('/', from); whole || end != std::string::npos;
+         end = path.find('/', end + 1)) {
+        if (mkdirat(folder, path.substr(0, end).c_str(), folderMode) == 0)
+            made = 1;
+        else if (errno != EEXIST)
+            return -1;
+        if (end == std::string::npos)
+            break;
+    }
+    return made;
+}
+
+/// Keeps the names of the keys on `path` as they were written, where their directories do not show them.
+bool keepWrittenNames(const Place& place, std::string_view path)
+{
+    std::string folder = place.prefix;
+    while (!path.empty()) {
+        const std::string_view name = path.substr(0, path.find('\\'));
+        const std::string fileName = *platKeyPath(name);
+        folder += fileName + '/';
+        path.remove_prefix(std::min(name.size() + 1, path.size()));
+        if (fileName == name || faccessat(place.folder, (folder + writtenNameFile).c_str(), F_OK, 0) == 0)
+            continue;
+        if (!replaceFile(place.folder, folder, folder + writtenNameFile, platWrittenName(name)))
+            return false;
+    }
+    return true;
+}
+
+/// Removes the directories that carry parts of the long name of `path`, as far as they are empty.
+void removeParts(const Place& place, std::string path)
+{
+    for (;;) {
+        const std::size_t slash = path.rfind('/');
+        if (slash == std::string::npos)
+            return;
+        path.resize(slash);
+        if (!platIsNamePart(path) || unlinkat(place.folder, (place.prefix + path).c_str(), AT_REMOVEDIR) != 0)
+            return;
+    }
+}
+
+/// Whether the opened directory of a key holds subkeys.
+bool hasSubkeys(platFolder& folder)
+{
+    platEntry entry;
+    while (folder.Read(entry)) {
+        if (entry.kind != platDirectory || entry.hostName[0] == '.')
+            continue;
+        platFolder part;
+        if (!platIsNamePart(entry.hostName) || !part.Open(folder, entry.hostName, platKeepLinks) ||
+            hasSubkeys(part))
+            return true;
+    }
+    return GetLastError() != ERROR_NO_MORE_FILES;
+}
+
+/// A value's file is a line with the type's number and the name as written, then the data.
+struct Value
+{
+    DWORD type = 0;
+    std::string data;
+};
+
+std::string valueText(DWORD type, const char* name, std::string_view data)
+{
+    return std::to_string(type) + ' ' + platWrittenName(name) + '\n' + std::string(data);
+}
+
+long readValue(const Place& place, const char* name, Value& value)
+{
+    struct stat status;
+    const platDescriptor file(
+        platOpenRegular(place.folder, (place.prefix + platValuePath(name)).c_str(), O_RDONLY, 0, status));
+    if (!file)
+        return errno == ENOENT ? static_cast<long>(ERROR_FILE_NOT_FOUND) : hostError();
+    std::string text;
+    char block[4096];
+    ssize_t count;
+    while ((count = platRetry([&] { return read(file.get(), block, sizeof block); })) > 0) {
+        text.append(block, static_cast<std::size_t>(count));
+        if (text.size() > 2 * largestValue)
+            return ERROR_FILE_CORRUPT;
+    }
+    if (count < 0)
+        return hostError();
+    const std::size_t line = text.find('\n');
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value.type);
+    if (line == std::string::npos || error != std::errc() || *end != ' ')
+        return ERROR_FILE_CORRUPT;
+    value.data = text.substr(line + 1);
+    return ERROR_SUCCESS;
+}
+
+/// Opens the directory `path` as a key.
+long openKey(const Place& place, const std::string& path, HKEY* key)
+{
+    platDescriptor folder(platOpenAt(place.folder, (place.prefix + path).c_str(), O_PATH | O_DIRECTORY));
+    if (!folder)
+        return errno == ENOENT || errno == ENOTDIR ? static_cast<long>(ERROR_FILE_NOT_FOUND) : hostError();
+    if (place.folder == AT_FDCWD) {
+        const platDescriptor store(platOpenAt(AT_FDCWD, place.store.c_str(), O_PATH | O_DIRECTORY));
+        warnOfOtherWriters(store.get(), place.store);
+    }
+    *key = new HKEY__{std::move(folder), place.store};
+    return ERROR_SUCCESS;
+}
+
+/// The error of a change inside a key: its directory is gone when it was deleted meanwhile.
+long changeError(const Place& place)
+{
+    return errno == ENOENT && place.folder != AT_FDCWD ? static_cast<long>(ERROR_KEY_DELETED) : hostError();
+}
+
+} // namespace
+
+long RegOpenKeyExA(HKEY parent, const char* path, DWORD, DWORD, HKEY* key)
+{
+    Place place;
+    if (!placeOf(parent, place))
+        return ERROR_INVALID_HANDLE;
+    const std::optional<std::string> fileName = platKeyPath(path == nullptr ? "" : path);
+    return fileName ? openKey(place, *fileName, key) : static_cast<long>(ERROR_BAD_PATHNAME);
+}
+
+long RegCreateKeyExA(HKEY parent, const char* path, DWORD, char*, DWORD, DWORD, SECURITY_ATTRIBUTES*,
+                     HKEY* key, DWORD* disposition)
+{
+    Place place;
+    if (!placeOf(parent, place))
+        return ERROR_INVALID_HANDLE;
+    const std::optional<std::string> fileName = platKeyPath(path == nullptr ? "" : path);
+    if (!fileName)
+        return ERROR_BAD_PATHNAME;
+    DWORD outcome = REG_OPENED_EXISTING_KEY;
+    long error = openKey(place, *fileName, key);
+    if (error == ERROR_FILE_NOT_FOUND) {
+        const StoreLock lock(place.store, true);
+        const int made =
+            lock ? makeParts(place.folder, place.prefix + *fileName, place.store.size() + 1, true) : -1;
+        if (made < 0 || !keepWrittenNames(place, path))
+            return changeError(place);
+        if (made > 0)
+            outcome = REG_CREATED_NEW_KEY;
+        error = openKey(place, *fileName, key);
+    }
+    if (error == ERROR_SUCCESS && disposition != nullptr)
+        *disposition = outcome;
+    return error;
+}
+
+long RegCloseKey(HKEY key)
+{
+    if (key == nullptr)
+        return ERROR_INVALID_HANDLE;
+    if (rootName(key) == nullptr)
+        delete key;
+    return ERROR_SUCCESS;
+}
+
+long RegDeleteKeyA(HKEY parent, const char* path)
+{
+    Place place;
+    if (!placeOf(parent, place))
+        return ERROR_INVALID_HANDLE;
+    const std::optional<std::string> fileName = platKeyPath(path == nullptr ? "" : path);
+    if (!fileName)
+        return ERROR_BAD_PATHNAME;
+    const StoreLock lock(place.store, false);
+    if (!lock)
+        return hostError();
+    const std::size_t leaf = fileName->rfind('/') + 1; // 0 when there is none
+    const std::string name = fileName->substr(leaf);
+    platFolder around, key, deleted;
+    if (!around.OpenHost(place.folder, (place.prefix + fileName->substr(0, leaf) + '.').c_str()) ||
+        !key.OpenHost(place.folder, (place.prefix + *fileName).c_str()))
+        return static_cast<long>(GetLastError());
+    if (hasSubkeys(key))
+        return ERROR_ACCESS_DENIED;
+    // The key goes in one step; what is in the way is left over from a process that was ended.
+    const auto removeDeleted = [&] {
+        return deleted.Open(around, deletedFolder, platKeepLinks) && deleted.RemoveContents(platNoLimit) &&
+               around.RemoveFolder(deletedFolder);
+    };
+    removeDeleted();
+    if (!around.Rename(name.c_str(), deletedFolder) || !removeDeleted())
+        return static_cast<long>(GetLastError());
+    removeParts(place, *fileName);
+    return ERROR_SUCCESS;
+}
+
+long RegSetValueExA(HKEY key, const char* name, DWORD, DWORD type, const unsigned char* data, DWORD size)
+{
+    Place place;
+    if (!placeOf(key, place))
+        return ERROR_INVALID_HANDLE;
+    if (size > largestValue)
+        return ERROR_INVALID_PARAMETER;
+    if (name == nullptr)
+        name = "";
+    const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+    const std::string path = place.prefix + platValuePath(name);
+    const StoreLock lock(place.store, true);
+    if (!lock)
+        return hostError();
+    const std::size_t from = place.folder == AT_FDCWD ? place.store.size() + 1 : 0;
+    if (makeParts(place.folder, path, from, false) < 0 ||
+        !replaceFile(place.folder, place.prefix, path, valueText(type, name, bytes)))
+        return changeError(place);
+    return ERROR_SUCCESS;
+}
+
+long RegQueryValueExA(HKEY key, const char* name, DWORD*, DWORD* type, unsigned char* data, DWORD* size)
+{
+    Place place;
+    if (!placeOf(key, place))
+        return ERROR_INVALID_HANDLE;
+    Value value;
+    if (const long error = readValue(place, name == nullptr ? "" : name, value); error != ERROR_SUCCESS)
+        return error;
+    if (type != nullptr)
+        *type = value.type;
+    if (size == nullptr)
+        return data == nullptr ? ERROR_SUCCESS : ERROR_INVALID_PARAMETER;
+    const DWORD room = *size;
+    *size = static_cast<DWORD>(value.data.size());
+    if (data == nullptr)
+        return ERROR_SUCCESS;
+    if (room < *size)
+        return ERROR_MORE_DATA;
+    std::memcpy(data, value.data.data(), value.data.size());
+    return ERROR_SUCCESS;
+}
+
+long RegDeleteValueA(HKEY key, const char* name)
+{
+    Place place;
+    if (!placeOf(key, place))
+        return ERROR_INVALID_HANDLE;
+    const std::string path = platValuePath(name == nullptr ? "" : name);
+    const StoreLock lock(place.store, false);
+    if (!lock || unlinkat(place.folder, (place.prefix + path).c_str(), 0) != 0)
+        return hostError();
+    removeParts(place, path);
+    return ERROR_SUCCESS;
+}

@@ -1,0 +1,45 @@
+#pragma once
+
+/// The registry, kept as a tree of plain files below the directory that QELSTD_REGISTRY names; by default
+/// `qelstd/registry` in the user's configuration directory (XDG_CONFIG_HOME, or `.config` in the home
+/// directory). README.md shows the form of the tree. Differences from Windows, on purpose:
+/// - Nothing is asked about rights: the store is the user's own (directories 0700, files 0600).
+/// - A path that is empty, begins with a separator or doubles one is ERROR_BAD_PATHNAME.
+/// - Names differ by anything but ASCII case. A name has room for about 1300 bytes at the least, 4000 when it
+/// is
+///   of ASCII letters and digits.
+///
+/// The calls answer an error number, 0 for success; the last error says nothing about them. Changes are made
+/// one at a time whoever makes them; a value is read whole, as it was before or after a change, and without
+/// waiting. Keys may be used by several threads. The variable is read on each call that begins at a root.
+
+#include <qel/platform/platformtypes.h>
+
+using HKEY = struct HKEY__*;
+
+#define HKEY_CLASSES_ROOT (reinterpret_cast<HKEY>(static_cast<std::size_t>(0x80000000)))
+#define HKEY_CURRENT_USER (reinterpret_cast<HKEY>(static_cast<std::size_t>(0x80000001)))
+
+inline constexpr DWORD KEY_ALL_ACCESS = 0xF003F;
+inline constexpr DWORD REG_OPTION_NON_VOLATILE = 0;
+inline constexpr DWORD REG_SZ = 1;
+inline constexpr DWORD REG_CREATED_NEW_KEY = 1;
+inline constexpr DWORD REG_OPENED_EXISTING_KEY = 2;
+
+/// Opens `path` below `parent`, creating what is missing of it.
+long RegCreateKeyExA(HKEY parent, const char* path, DWORD reserved, char* className, DWORD options,
+                     DWORD access, SECURITY_ATTRIBUTES* security, HKEY* key, DWORD* disposition);
+long RegOpenKeyExA(HKEY parent, const char* path, DWORD options, DWORD access, HKEY* key);
+/// A root stays open.
+long RegCloseKey(HKEY key);
+/// Deletes a key with its values. ERROR_ACCESS_DENIED when it has subkeys.
+long RegDeleteKeyA(HKEY parent, const char* path);
+
+/// `data` and `size` are taken as they are, a terminator included. At most 16 MiB.
+long RegSetValueExA(HKEY key, const char* name, DWORD reserved, DWORD type, const unsigned char* data,
+                    DWORD size);
+/// `type`, and `data` with `size`, may be null. `*size` is the buffer's size and receives the data's;
+/// ERROR_MORE_DATA when the buffer is too small.
+long RegQueryValueExA(HKEY key, const char* name, DWORD* reserved, DWORD* type, unsigned char* data,
+                      DWORD* size);
+long RegDeleteValueA(HKEY key, const char* name);

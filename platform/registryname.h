@@ -1,0 +1,23 @@
+#pragma once
+
+/// How names of registry keys and values become names of files. Lower-case letters, digits, "_" and "-" stand
+/// for themselves, capital letters become lower case, every other byte becomes "%" and two hexadecimal
+/// digits: a separator or ".." cannot come out. What is longer than a file name may be goes on in a directory
+/// whose name ends in "+". A value's file name ends in ".value".
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+/// The directory of the key `path`, relative to its parent key's. Nothing when the path is empty, begins with
+/// a separator or doubles one.
+std::optional<std::string> platKeyPath(std::string_view path);
+
+/// The file of the value `name`, relative to its key's directory.
+std::string platValuePath(std::string_view name);
+
+/// Whether a directory of the store carries a part of a long name, and is no key.
+bool platIsNamePart(std::string_view fileName);
+
+/// `name` with control bytes and "%" as "%" and two digits, for the first line of a file.
+std::string platWrittenName(std::string_view name);

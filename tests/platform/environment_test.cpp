@@ -1,0 +1,85 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <string>
+
+#include <qel/platform/environment.h>
+#include <qel/platform/errortable.h>
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "support/child.h"
+#include "support/environment.h"
+
+TEST(Environment, SetsCopiesAndRefusesNamesThatAreNone)
+{
+    EnvSetting restored("QEL_TEST_VARIABLE", nullptr);
+    char value[] = "first";
+    char read[16] = "untouched";
+
+    ASSERT_TRUE(SetEnvironmentVariableA("QEL_TEST_VARIABLE", value));
+    value[0] = 'X';
+    EXPECT_EQ(GetEnvironmentVariableA("QEL_TEST_VARIABLE", read, 5), 6u); // no room for the terminator
+    EXPECT_STREQ(read, "untouched");
+    EXPECT_EQ(GetEnvironmentVariableA("QEL_TEST_VARIABLE", read, 6), 5u);
+    EXPECT_STREQ(read, "first");
+
+    ASSERT_TRUE(SetEnvironmentVariableA("QEL_TEST_VARIABLE", nullptr));
+    EXPECT_EQ(GetEnvironmentVariableA("QEL_TEST_VARIABLE", read, sizeof read), 0u);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_ENVVAR_NOT_FOUND});
+    for (const char* name : {"", "A=B", static_cast<const char*>(nullptr)}) {
+        EXPECT_FALSE(SetEnvironmentVariableA(name, "x"));
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
+    }
+}
+
+TEST(Environment, NamesTheMachineAndTheUser)
+{
+    char host[256] = {}, user[256] = {};
+    DWORD hostSize = sizeof host, userSize = sizeof user;
+    ASSERT_TRUE(GetComputerNameA(host, &hostSize));
+    EXPECT_EQ(hostSize, std::string(host).size());
+    ASSERT_TRUE(GetUserNameA(user, &userSize));
+    EXPECT_EQ(userSize, std::string(user).size() + 1);
+
+    DWORD small = 1;
+    EXPECT_FALSE(GetComputerNameA(host, &small));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_BUFFER_OVERFLOW});
+    EXPECT_EQ(small, hostSize + 1);
+    small = 1;
+    EXPECT_FALSE(GetUserNameA(user, &small));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INSUFFICIENT_BUFFER});
+}
+
+TEST(Environment, SaysThatAUserHasNoName)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs the right to become another user";
+    const int error = runInChild([] {
+        char user[256];
+        DWORD size = sizeof user;
+        if (seteuid(1999999999) != 0 || GetUserNameA(user, &size))
+            return 0;
+        return GetLastError() == ERROR_NONE_MAPPED ? 1 : 2;
+    });
+    EXPECT_EQ(error, 1);
+}
+
+TEST(Environment, SleepsAsLongAsAskedThroughSignals)
+{
+    struct sigaction action = {}, before;
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, &before);
+    const itimerval often = {{0, 5000}, {0, 5000}}, never = {};
+    setitimer(ITIMER_REAL, &often, nullptr);
+
+    const auto begin = std::chrono::steady_clock::now();
+    Sleep(120);
+    const auto slept = std::chrono::steady_clock::now() - begin;
+
+    setitimer(ITIMER_REAL, &never, nullptr);
+    sigaction(SIGALRM, &before, nullptr);
+    EXPECT_GE(slept, std::chrono::milliseconds(120));
+}

@@ -1,0 +1,343 @@
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include <qel/platform/directories.h>
+#include <qel/platform/errortable.h>
+#include <qel/platform/files.h>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "support/child.h"
+#include "support/tempdir.h"
+
+namespace {
+
+HANDLE openFile(const char* path, DWORD access, DWORD disposition, DWORD share = FILE_SHARE_READ)
+{
+    return CreateFileA(path, access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+LARGE_INTEGER at(long long position)
+{
+    return {position};
+}
+
+} // namespace
+
+TEST(Files, ReadWriteAndSeekBeyond32Bits)
+{
+    TempDir dir;
+    const HANDLE file = openFile(dir.path("big"), GENERIC_READ | GENERIC_WRITE, CREATE_NEW);
+    ASSERT_NE(file, INVALID_HANDLE_VALUE);
+    const long long far = 5LL << 30;
+    LARGE_INTEGER position;
+    DWORD done = 99;
+    char read[8] = {};
+
+    ASSERT_TRUE(SetFilePointerEx(file, at(far), &position, FILE_BEGIN));
+    EXPECT_EQ(position.QuadPart, far);
+    ASSERT_TRUE(WriteFile(file, "end", 3, &done, nullptr));
+    EXPECT_EQ(done, 3u);
+    ASSERT_TRUE(SetFilePointerEx(file, at(-2), nullptr, FILE_END));
+    ASSERT_TRUE(ReadFile(file, read, sizeof read, &done, nullptr));
+    EXPECT_EQ(std::string(read, done), "nd");
+    ASSERT_TRUE(ReadFile(file, read, sizeof read, &done, nullptr));
+    EXPECT_EQ(done, 0u);
+
+    WIN32_FILE_ATTRIBUTE_DATA status;
+    ASSERT_TRUE(GetFileAttributesExA(dir.path("big"), GetFileExInfoStandard, &status));
+    EXPECT_EQ((static_cast<long long>(status.nFileSizeHigh) << 32) + status.nFileSizeLow, far + 3);
+
+    ASSERT_TRUE(SetFilePointerEx(file, at(1), nullptr, FILE_BEGIN));
+    ASSERT_TRUE(SetEndOfFile(file));
+    EXPECT_EQ(std::filesystem::file_size(dir.path("big")), 1u);
+    EXPECT_FALSE(SetFilePointerEx(file, at(-5), nullptr, FILE_BEGIN));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_NEGATIVE_SEEK});
+    EXPECT_TRUE(CloseHandle(file));
+}
+
+TEST(Files, AnswerWindowsNumbers)
+{
+    TempDir dir;
+    dir.write("file", "x");
+    dir.makeDir("full/sub");
+    const auto errorOf = [](bool done) { return done ? 0u : GetLastError(); };
+    const auto opened = [&](const char* name) {
+        return errorOf(openFile(dir.path(name), GENERIC_READ, OPEN_EXISTING) != INVALID_HANDLE_VALUE);
+    };
+
+    EXPECT_EQ(opened("missing"), DWORD{ERROR_FILE_NOT_FOUND});
+    EXPECT_EQ(opened("missing/x"), DWORD{ERROR_PATH_NOT_FOUND});
+    EXPECT_EQ(opened("file/x"), DWORD{ERROR_PATH_NOT_FOUND});
+    EXPECT_EQ(opened("full"), DWORD{ERROR_ACCESS_DENIED});
+    EXPECT_EQ(opened(std::string(300, 'n').c_str()), DWORD{ERROR_FILENAME_EXCED_RANGE});
+    EXPECT_EQ(errorOf(CreateDirectoryA(dir.path("full"), nullptr)), DWORD{ERROR_ALREADY_EXISTS});
+    EXPECT_EQ(errorOf(CreateDirectoryA(dir.path("missing/sub"), nullptr)), DWORD{ERROR_PATH_NOT_FOUND});
+    EXPECT_EQ(errorOf(RemoveDirectoryA(dir.path("full"))), DWORD{ERROR_DIR_NOT_EMPTY});
+    EXPECT_EQ(errorOf(DeleteFileA(dir.path("full"))), DWORD{ERROR_ACCESS_DENIED});
+    EXPECT_EQ(errorOf(SetCurrentDirectoryA(dir.path("missing"))), DWORD{ERROR_FILE_NOT_FOUND});
+    dir.link("loop", "loop");
+    EXPECT_EQ(errorOf(GetFileAttributesA(dir.path("loop")) != INVALID_FILE_ATTRIBUTES),
+              DWORD{ERROR_CANT_RESOLVE_FILENAME});
+    for (const HANDLE none : {static_cast<HANDLE>(nullptr), INVALID_HANDLE_VALUE}) {
+        EXPECT_EQ(errorOf(CloseHandle(none)), DWORD{ERROR_INVALID_HANDLE});
+        EXPECT_EQ(errorOf(SetEndOfFile(none)), DWORD{ERROR_INVALID_HANDLE});
+    }
+}
+
+TEST(Files, KeepTheLastErrorOfEachThread)
+{
+    SetLastError(7);
+    std::thread([] {
+        EXPECT_EQ(GetLastError(), 0u);
+        GetFileAttributesA("/nowhere/at/all");
+    }).join();
+    EXPECT_EQ(GetLastError(), 7u);
+}
+
+TEST(Files, KeepASecondWriterOutAndLeaveTheContentsAlone)
+{
+    TempDir dir;
+    dir.write("file", "kept");
+    const HANDLE first = openFile(dir.path("file"), GENERIC_WRITE, OPEN_ALWAYS, 0);
+    ASSERT_NE(first, INVALID_HANDLE_VALUE);
+
+    EXPECT_EQ(openFile(dir.path("file"), GENERIC_WRITE, CREATE_ALWAYS, 0), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_SHARING_VIOLATION});
+    EXPECT_EQ(dir.read("file"), "kept");
+
+    EXPECT_TRUE(CloseHandle(first));
+    const HANDLE second = openFile(dir.path("file"), GENERIC_WRITE, CREATE_ALWAYS, 0);
+    EXPECT_NE(second, INVALID_HANDLE_VALUE);
+    EXPECT_TRUE(CloseHandle(second));
+    EXPECT_EQ(dir.read("file"), "");
+}
+
+TEST(Files, RefuseWhatIsNoFileWithoutWaitingOnIt)
+{
+    TempDir dir;
+    ASSERT_EQ(mkfifo(dir.path("pipe"), 0600), 0);
+    sockaddr_un address = {AF_UNIX, ""};
+    std::string(dir.path("socket")).copy(address.sun_path, sizeof address.sun_path - 1);
+    const int server = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(bind(server, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+
+    for (const char* name : {"pipe", "socket"})
+        for (const DWORD access : {GENERIC_READ, GENERIC_WRITE}) {
+            EXPECT_EQ(openFile(dir.path(name), access, OPEN_EXISTING), INVALID_HANDLE_VALUE) << name;
+            EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED}) << name;
+        }
+    EXPECT_FALSE(CopyFileA(dir.path("pipe"), dir.path("copy"), TRUE));
+    close(server);
+}
+
+TEST(Files, AreNotInheritedByPrograms)
+{
+    TempDir dir;
+    const HANDLE file = openFile(dir.path("file"), GENERIC_WRITE, CREATE_NEW);
+    EXPECT_EQ(
+        std::system(
+            ("ls -l /proc/self/fd | grep -q " + std::string(dir.path("file")) + "; test $? = 1").c_str()),
+        0);
+    CloseHandle(file);
+}
+
+TEST(Files, SayWhenWritingRunsOutOfRoom)
+{
+    TempDir dir;
+    const int result = runInChild([&] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit = {1000, 1000};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        const HANDLE file = openFile(dir.path("file"), GENERIC_WRITE, CREATE_NEW);
+        const std::string data(1500, 'x');
+        DWORD done = 0;
+        if (WriteFile(file, data.data(), 1500, &done, nullptr))
+            return 0;
+        return done == 1000 && GetLastError() == ERROR_FILE_TOO_LARGE ? 1 : 2;
+    });
+    EXPECT_EQ(result, 1);
+}
+
+TEST(Files, MoveNeverReplaces)
+{
+    TempDir dir;
+    dir.write("from", "source");
+    dir.write("to", "target");
+    dir.link("nowhere", "dangling");
+    dir.makeDir("tree/sub");
+    dir.makeDir("empty");
+
+    for (const char* target : {"to", "dangling", "empty", "from"}) {
+        EXPECT_FALSE(MoveFileExA(dir.path("from"), dir.path(target), 1)) << target;
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_ALREADY_EXISTS}) << target;
+    }
+    EXPECT_FALSE(MoveFileExA(dir.path("tree"), dir.path("empty"), 0));
+    EXPECT_FALSE(MoveFileExA(dir.path("tree"), dir.path("tree/sub/in"), 0));
+    EXPECT_FALSE(MoveFileExA(dir.path("missing"), dir.path("new"), 0));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_NOT_FOUND});
+    EXPECT_EQ(dir.read("to"), "target");
+
+    EXPECT_TRUE(MoveFileExA(dir.path("from"), dir.path("new"), 0));
+    EXPECT_EQ(dir.read("new"), "source");
+    EXPECT_TRUE(MoveFileExA(dir.path("tree"), dir.path("tree2"), 0));
+    EXPECT_TRUE(dir.has("tree2/sub"));
+    EXPECT_TRUE(MoveFileExA(dir.path("dangling"), dir.path("link2"), 0));
+    EXPECT_TRUE(std::filesystem::is_symlink(dir.path("link2")));
+}
+
+TEST(Files, MoveDoesNotCrossVolumes)
+{
+    TempDir dir;
+    dir.write("file", "x");
+    struct stat here, there;
+    const std::string target = "/dev/shm/qel" + std::to_string(getpid());
+    if (stat("/dev/shm", &there) != 0 || stat(dir.path(), &here) != 0 || here.st_dev == there.st_dev)
+        GTEST_SKIP() << "needs a second volume";
+
+    EXPECT_FALSE(MoveFileExA(dir.path("file"), target.c_str(), 2));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_SAME_DEVICE});
+    EXPECT_TRUE(dir.has("file"));
+}
+
+TEST(Files, CopyKeepsModeTimeHolesAndSelf)
+{
+    TempDir dir;
+    dir.write("from", "contents");
+    chmod(dir.path("from"), 0641);
+    const timespec times[] = {{1, 2}, {1000000000, 123456789}};
+    utimensat(AT_FDCWD, dir.path("from"), times, 0);
+
+    ASSERT_TRUE(CopyFileA(dir.path("from"), dir.path("to"), TRUE));
+    struct stat status;
+    ASSERT_EQ(stat(dir.path("to"), &status), 0);
+    EXPECT_EQ(dir.read("to"), "contents");
+    EXPECT_EQ(status.st_mode & 07777, 0641u);
+    EXPECT_EQ(status.st_mtim.tv_sec, 1000000000);
+    EXPECT_EQ(status.st_mtim.tv_nsec, 123456789);
+    EXPECT_FALSE(CopyFileA(dir.path("from"), dir.path("to"), TRUE));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_EXISTS});
+
+    ASSERT_TRUE(CopyFileA(dir.path("from"), dir.path("from"), FALSE));
+    EXPECT_EQ(dir.read("from"), "contents");
+
+    // Two holes, data between and behind them.
+    dir.write("holes");
+    const int holes = open(dir.path("holes"), O_WRONLY);
+    ASSERT_EQ(pwrite(holes, "middle", 6, 1 << 20), 6);
+    ASSERT_EQ(pwrite(holes, "end", 3, (4 << 20) - 3), 3);
+    close(holes);
+    ASSERT_TRUE(CopyFileA(dir.path("holes"), dir.path("copied"), TRUE));
+    EXPECT_TRUE(dir.read("holes") == dir.read("copied"));
+    ASSERT_EQ(stat(dir.path("copied"), &status), 0);
+    EXPECT_LT(status.st_blocks * 512, 1 << 20);
+
+    // A file whose size the kernel does not tell.
+    ASSERT_TRUE(CopyFileA("/proc/self/cmdline", dir.path("cmdline"), TRUE));
+    EXPECT_NE(dir.read("cmdline").find("files_test"), std::string::npos);
+}
+
+TEST(Files, CopyLeavesNothingHalfWritten)
+{
+    TempDir dir;
+    dir.write("from", std::string(100000, 'x'));
+    const int result = runInChild([&] {
+        signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit = {50000, 50000};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        return CopyFileA(dir.path("from"), dir.path("to"), TRUE) ? 0 : static_cast<int>(GetLastError());
+    });
+    EXPECT_EQ(result, static_cast<int>(ERROR_FILE_TOO_LARGE));
+    EXPECT_FALSE(dir.has("to"));
+}
+
+TEST(Files, TemporaryNamesAreNewAndEmpty)
+{
+    TempDir dir;
+    char first[MAX_PATH], second[MAX_PATH];
+
+    ASSERT_NE(GetTempFileNameA(dir.path(), "back", 0, first), 0u);
+    ASSERT_NE(GetTempFileNameA(dir.path(), "back", 0, second), 0u);
+    EXPECT_STRNE(first, second);
+    EXPECT_TRUE(std::string(first).starts_with(std::string(dir.path()) + "\\back"));
+    WIN32_FILE_ATTRIBUTE_DATA status;
+    ASSERT_TRUE(GetFileAttributesExA(first, GetFileExInfoStandard, &status));
+    EXPECT_EQ(status.nFileSizeLow, 0u);
+
+    EXPECT_EQ(GetTempFileNameA(dir.path(), "a/b", 0, first), 0u);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_NAME});
+    EXPECT_EQ(GetTempFileNameA(dir.path(), std::string(250, 'p').c_str(), 0, first), 0u);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_FILENAME_EXCED_RANGE});
+    EXPECT_EQ(GetTempFileNameA(dir.path("missing"), "p", 0, first), 0u);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_PATH_NOT_FOUND});
+}
+
+TEST(Directories, AreEnumeratedWithEveryNameAndNeverDots)
+{
+    TempDir dir;
+    const std::string longest(85 * 3, 'n');
+    dir.write("a\\b");
+    dir.write("\xFF\xFE");
+    dir.write("*");
+    dir.write(longest);
+    dir.makeDir("sub");
+    std::string backslashes(255, '\\');
+    dir.write(backslashes);
+    WIN32_FIND_DATAA data;
+    std::set<std::string> names, directories;
+
+    const HANDLE search = FindFirstFileA((std::string(dir.path()) + "\\*").c_str(), &data);
+    ASSERT_NE(search, INVALID_HANDLE_VALUE);
+    do {
+        names.insert(data.cFileName);
+        if (data.dwFileAttributes == FILE_ATTRIBUTE_DIRECTORY)
+            directories.insert(data.cFileName);
+    } while (FindNextFileA(search, &data));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_NO_MORE_FILES});
+    EXPECT_TRUE(FindClose(search));
+
+    std::string shown;
+    for (int i = 0; i < 255; ++i)
+        shown += "\xEF\x81\x9C";
+    EXPECT_EQ(names, (std::set<std::string>{"a\xEF\x81\x9C"
+                                            "b",
+                                            "\xFF\xFE", "*", longest, "sub", shown}));
+    EXPECT_EQ(directories, std::set<std::string>{"sub"});
+    EXPECT_TRUE(DeleteFileA((std::string(dir.path()) + "\\a\xEF\x81\x9C"
+                                                       "b")
+                                .c_str()));
+    EXPECT_FALSE(dir.has("a\\b"));
+}
+
+TEST(Directories, SayWhyTheyCannotBeEnumerated)
+{
+    TempDir dir;
+    dir.write("file");
+    WIN32_FIND_DATAA data;
+    const auto errorOf = [&](const std::string& pattern) {
+        return FindFirstFileA(pattern.c_str(), &data) == INVALID_HANDLE_VALUE ? GetLastError() : 0;
+    };
+
+    EXPECT_EQ(errorOf(std::string(dir.path("missing")) + "\\*"), DWORD{ERROR_FILE_NOT_FOUND});
+    EXPECT_EQ(errorOf(std::string(dir.path("file")) + "\\*"), DWORD{ERROR_DIRECTORY});
+    EXPECT_EQ(errorOf(std::string(dir.path()) + "\\*.txt"), DWORD{ERROR_INVALID_NAME});
+    EXPECT_FALSE(FindNextFileA(INVALID_HANDLE_VALUE, &data));
+    EXPECT_FALSE(FindClose(INVALID_HANDLE_VALUE));
+}
+
+TEST(Directories, TellTheFreeSpaceOfAVolume)
+{
+    TempDir dir;
+    DWORD sectors, bytes, available, all;
+    ASSERT_TRUE(GetDiskFreeSpaceA(dir.path(), &sectors, &bytes, &available, &all));
+    const double told = double(sectors) * bytes * available;
+    const double expected = double(std::filesystem::space(dir.path()).available);
+    EXPECT_NEAR(told, expected, 1e9); // others work on this volume too
+    EXPECT_FALSE(GetDiskFreeSpaceA(dir.path("missing"), &sectors, &bytes, &available, &all));
+}

@@ -1,0 +1,140 @@
+#include <gtest/gtest.h>
+
+#include <qel/platform/directories.h>
+#include <qel/platform/errortable.h>
+#include <qel/platform/pathmapping.h>
+
+#include <unistd.h>
+
+#include "support/environment.h"
+#include "support/tempdir.h"
+
+namespace {
+
+std::string hostOf(const std::string& path)
+{
+    std::string host = "(refused)";
+    platHostPath(path.c_str(), host);
+    return host;
+}
+
+/// Works in `directory` while the object lives.
+class InDirectory
+{
+public:
+    explicit InDirectory(const std::string& directory)
+    {
+        before = std::filesystem::current_path();
+        std::filesystem::current_path(directory);
+    }
+    ~InDirectory() { std::filesystem::current_path(before); }
+
+private:
+    std::filesystem::path before;
+};
+
+} // namespace
+
+TEST(PathMapping, TakesDriveCForTheHostsRoot)
+{
+    EnvSetting plain("QELSTD_DRIVE_C", nullptr);
+
+    EXPECT_EQ(hostOf("C:\\a\\b"), "/a/b");
+    EXPECT_EQ(hostOf("c:/a\\b/"), "/a/b/");
+    EXPECT_EQ(hostOf("\\a"), "/a");
+    EXPECT_EQ(hostOf("C:\\"), "/");
+    EXPECT_EQ(hostOf("a\\..\\b"), "a/../b");
+    EXPECT_EQ(hostOf("C:x\\y"), "x/y");
+    EXPECT_EQ(hostOf("C:"), ".");
+}
+
+TEST(PathMapping, RefusesDrivesThatAreNotThereAndPathsThatAreNone)
+{
+    EnvSetting none("QELSTD_DRIVE_E", nullptr), relative("QELSTD_DRIVE_F", "some/where");
+    std::string host;
+
+    for (const char* path : {"E:\\a", "F:\\a", "", static_cast<const char*>(nullptr)}) {
+        SetLastError(0);
+        EXPECT_FALSE(platHostPath(path, host));
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_PATH_NOT_FOUND});
+    }
+    EXPECT_EQ(hostOf("ab:c"), "ab:c"); // no drive: two characters before the colon
+}
+
+TEST(PathMapping, RootsDrivesWhereTheVariablesSay)
+{
+    EnvSetting c("QELSTD_DRIVE_C", "/srv/c/"), d("QELSTD_DRIVE_D", "/mnt/d"), e("QELSTD_DRIVE_E", "/");
+
+    EXPECT_EQ(hostOf("C:\\a"), "/srv/c/a");
+    EXPECT_EQ(hostOf("C:\\"), "/srv/c/");
+    EXPECT_EQ(hostOf("d:\\a\\b"), "/mnt/d/a/b");
+    EXPECT_EQ(hostOf("D:x"), "/mnt/d/x"); // the current directory is not on D
+    EXPECT_EQ(hostOf("E:\\a\\..\\b"), "/a/../b");
+}
+
+TEST(PathMapping, KeepsUpStepsInsideARerootedDrive)
+{
+    TempDir dir;
+    dir.makeDir("root/in");
+    const std::string root = std::filesystem::canonical(dir.path("root")).string();
+    EnvSetting d("QELSTD_DRIVE_D", root.c_str());
+
+    EXPECT_EQ(hostOf("D:\\..\\..\\etc\\x"), root + "/etc/x");
+    EXPECT_EQ(hostOf("D:\\a\\.\\b\\..\\c"), root + "/a/c");
+    EXPECT_EQ(hostOf("D:\\.."), root);
+    EXPECT_EQ(hostOf("D:\\..a\\b..\\..."), root + "/..a/b../...");
+
+    InDirectory inside(root + "/in");
+    EXPECT_EQ(hostOf("..\\..\\..\\x"), root + "/x");
+    EXPECT_EQ(hostOf("D:..\\y"), root + "/y");
+    EXPECT_EQ(hostOf("D:y"), "y");
+    EXPECT_EQ(hostOf("\\y"), root + "/y");
+}
+
+TEST(PathMapping, ShowsTheCurrentDirectoryOnTheDriveThatReachesDeepest)
+{
+    TempDir dir;
+    dir.makeDir("d/sub");
+    dir.makeDir("dd");
+    const std::string base = std::filesystem::canonical(dir.path()).string();
+    EnvSetting d("QELSTD_DRIVE_D", (base + "/d").c_str());
+    char shown[1000];
+
+    for (auto [host, native] : {std::pair{"/d/sub", std::string("D:\\sub")}, {"/d", std::string("D:\\")}}) {
+        InDirectory there(base + host);
+        ASSERT_GT(GetCurrentDirectoryA(sizeof shown, shown), 0u);
+        EXPECT_EQ(shown, native);
+    }
+    InDirectory beside(base + "/dd");
+    const DWORD length = GetCurrentDirectoryA(sizeof shown, shown);
+    EXPECT_EQ(std::string(shown).substr(0, 3), "C:\\");
+    EXPECT_EQ(length, std::string(shown).size());
+    EXPECT_EQ(GetCurrentDirectoryA(length, shown), length + 1);
+
+    EnvSetting c("QELSTD_DRIVE_C", "/nowhere");
+    EXPECT_EQ(GetCurrentDirectoryA(sizeof shown, shown), 0u);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_DRIVE});
+}
+
+TEST(PathMapping, GivesEveryHostNameAFormOfItsOwn)
+{
+    const std::string bs = "\xEF\x81\x9C", escape = "\xEF\x81\x9D"; // U+F05C, U+F05D
+    EXPECT_EQ(platNativeName("a\\b"), "a" + bs + "b");
+    EXPECT_EQ(hostOf("C:\\d\\a" + bs + "b"), "/d/a\\b");
+    EXPECT_EQ(platHostName(escape + "x"), escape + "x");
+
+    // All names of up to four of these, the hard ones side by side.
+    const std::string pieces[] = {"\\", bs, escape, "\xEF\x81", "x"};
+    std::set<std::string> names{""}, shown;
+    for (int length = 0; length < 4; ++length)
+        for (const std::string& name : std::set<std::string>(names))
+            for (const std::string& piece : pieces)
+                names.insert(name + piece);
+    for (const std::string& name : names) {
+        const std::string native = platNativeName(name);
+        EXPECT_EQ(native.find('\\'), std::string::npos);
+        EXPECT_EQ(platHostName(native), name);
+        shown.insert(native);
+    }
+    EXPECT_EQ(shown.size(), names.size());
+}

@@ -1,0 +1,291 @@
+#include <gtest/gtest.h>
+
+#include <qel/platform/errortable.h>
+#include <qel/platform/registry.h>
+
+#include <csignal>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/child.h"
+#include "support/environment.h"
+#include "support/tempdir.h"
+
+namespace {
+
+class Registry : public testing::Test
+{
+protected:
+    static HKEY create(HKEY parent, const std::string& path)
+    {
+        HKEY key = nullptr;
+        EXPECT_EQ(
+            RegCreateKeyExA(parent, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr), 0);
+        return key;
+    }
+
+    static long open(HKEY parent, const std::string& path)
+    {
+        HKEY key = nullptr;
+        const long error = RegOpenKeyExA(parent, path.c_str(), 0, KEY_ALL_ACCESS, &key);
+        if (error == 0)
+            RegCloseKey(key);
+        return error;
+    }
+
+    static long set(HKEY key, const std::string& name, const std::string& value)
+    {
+        return RegSetValueExA(key, name.c_str(), 0, REG_SZ,
+                              reinterpret_cast<const unsigned char*>(value.c_str()),
+                              static_cast<DWORD>(value.size() + 1));
+    }
+
+    static std::string get(HKEY key, const std::string& name)
+    {
+        DWORD type = 0, size = 0;
+        if (const long error = RegQueryValueExA(key, name.c_str(), nullptr, &type, nullptr, &size);
+            error != 0)
+            return "error " + std::to_string(error);
+        std::string value(size, '?');
+        EXPECT_EQ(RegQueryValueExA(key, name.c_str(), nullptr, &type,
+                                   reinterpret_cast<unsigned char*>(value.data()), &size),
+                  0);
+        EXPECT_EQ(type, REG_SZ);
+        EXPECT_EQ(value.back(), '\0');
+        value.pop_back();
+        return value;
+    }
+
+    TempDir dir;
+    EnvSetting store{"QELSTD_REGISTRY", dir.path("in/store")};
+};
+
+} // namespace
+
+TEST_F(Registry, KeepsValuesOfBothRootsApart)
+{
+    const HKEY user = create(HKEY_CURRENT_USER, "Software\\VRX\\Server");
+    const HKEY system = create(HKEY_CLASSES_ROOT, "Software\\VRX\\Server");
+
+    EXPECT_EQ(set(user, "Name", "of the user"), 0);
+    EXPECT_EQ(set(system, "Name", "of all"), 0);
+    EXPECT_EQ(set(HKEY_CURRENT_USER, "", ""), 0);
+
+    EXPECT_EQ(get(user, "Name"), "of the user");
+    EXPECT_EQ(get(system, "Name"), "of all");
+    EXPECT_EQ(get(HKEY_CURRENT_USER, ""), "");
+    EXPECT_EQ(open(HKEY_CURRENT_USER, "Software\\VRX"), 0);
+    EXPECT_EQ(open(HKEY_CURRENT_USER, "Software\\None"), ERROR_FILE_NOT_FOUND);
+    RegCloseKey(user);
+    RegCloseKey(system);
+}
+
+TEST_F(Registry, ComparesNamesWithoutCaseAndKeepsThemAsWritten)
+{
+    const HKEY key = create(HKEY_CURRENT_USER, "Software\\My Server");
+    EXPECT_EQ(set(key, "MaxFields", "1"), 0);
+    EXPECT_EQ(set(key, "MAXfields", "2"), 0);
+
+    EXPECT_EQ(get(key, "maxfields"), "2");
+    EXPECT_EQ(open(HKEY_CURRENT_USER, "SOFTWARE\\my server"), 0);
+    EXPECT_EQ(dir.read("in/store/User/software/my%20server/.name"), "My Server");
+    EXPECT_EQ(dir.read("in/store/User/software/my%20server/maxfields.value"),
+              std::string("1 MAXfields\n2\0", 14));
+    DWORD disposition = 0;
+    HKEY again = nullptr;
+    EXPECT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, "software\\MY SERVER\\sub", 0, nullptr, 0, 0, nullptr,
+                              &again, &disposition),
+              0);
+    EXPECT_EQ(disposition, REG_CREATED_NEW_KEY);
+    RegCloseKey(again);
+    EXPECT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, "Software\\my server\\sub", 0, nullptr, 0, 0, nullptr,
+                              &again, &disposition),
+              0);
+    EXPECT_EQ(disposition, REG_OPENED_EXISTING_KEY);
+    RegCloseKey(again);
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, ConfinesEveryNameToItsStore)
+{
+    const std::string thousand(1000, 'n');
+    const std::string strange[] = {"..",
+                                   "../..",
+                                   ".",
+                                   "/etc/passwd",
+                                   "a/../../b",
+                                   ".lock",
+                                   ".deleted",
+                                   ".new",
+                                   ".name",
+                                   "%41",
+                                   "a+",
+                                   "x.value",
+                                   "\x01\n\x7F",
+                                   "\xFF\xFE",
+                                   "con",
+                                   " ",
+                                   thousand,
+                                   thousand + "2",
+                                   std::string(600, '/'),
+                                   std::string(200, 'e'),
+                                   std::string(400, 'f')};
+    const HKEY key = create(HKEY_CURRENT_USER, "Names");
+    int number = 0;
+    for (const std::string& name : strange) {
+        const HKEY sub = create(key, name);
+        EXPECT_EQ(set(sub, name, "in " + std::to_string(number)), 0) << name;
+        EXPECT_EQ(set(key, name, std::to_string(number++)), 0) << name;
+        RegCloseKey(sub);
+    }
+
+    number = 0;
+    for (const std::string& name : strange) {
+        HKEY sub = nullptr;
+        ASSERT_EQ(RegOpenKeyExA(key, name.c_str(), 0, 0, &sub), 0) << name;
+        EXPECT_EQ(get(sub, name), "in " + std::to_string(number)) << name;
+        EXPECT_EQ(get(key, name), std::to_string(number++)) << name;
+        RegCloseKey(sub);
+    }
+    std::vector<std::string> beside;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path("in/store")))
+        beside.push_back(entry.path().filename().string());
+    EXPECT_EQ(std::set<std::string>(beside.begin(), beside.end()), (std::set<std::string>{".lock", "User"}));
+    EXPECT_FALSE(dir.has("in/passwd"));
+
+    for (const std::string& name : strange) {
+        EXPECT_EQ(RegDeleteKeyA(key, name.c_str()), 0) << name;
+        EXPECT_EQ(RegDeleteValueA(key, name.c_str()), 0) << name;
+        EXPECT_EQ(RegDeleteValueA(key, name.c_str()), ERROR_FILE_NOT_FOUND) << name;
+    }
+    const std::filesystem::directory_iterator left(dir.path("in/store/User/names"));
+    for (const auto& entry : left)
+        EXPECT_EQ(entry.path().filename(), ".name");
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, RefusesPathsAndNamesThatCannotBe)
+{
+    for (const char* path : {"", "\\", "\\a", "a\\\\b", "a\\\\"}) {
+        HKEY key = nullptr;
+        EXPECT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, path, 0, nullptr, 0, 0, nullptr, &key, nullptr),
+                  ERROR_BAD_PATHNAME);
+        EXPECT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, path, 0, 0, &key), ERROR_BAD_PATHNAME);
+        EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, path), ERROR_BAD_PATHNAME);
+    }
+    const HKEY key = create(HKEY_CURRENT_USER, "trailing\\");
+    EXPECT_EQ(set(key, std::string(5000, 'v'), "x"), ERROR_FILENAME_EXCED_RANGE);
+    EXPECT_EQ(RegSetValueExA(key, "large", 0, REG_SZ, nullptr, 0x7FFFFFFF), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(set(nullptr, "x", "y"), ERROR_INVALID_HANDLE);
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, DeletesAKeyWithItsValuesButNotWithSubkeys)
+{
+    const std::string longName(300, 'k');
+    const HKEY key = create(HKEY_CURRENT_USER, "top\\key");
+    EXPECT_EQ(set(key, longName, "value, no key"), 0);
+    EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "top"), ERROR_ACCESS_DENIED);
+
+    RegCloseKey(create(key, longName));
+    EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "top\\key"), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(get(key, longName), "value, no key");
+    EXPECT_EQ(RegDeleteKeyA(key, longName.c_str()), 0);
+    EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "top\\key"), 0);
+
+    EXPECT_EQ(get(key, longName), "error 2");
+    EXPECT_EQ(set(key, "late", "x"), ERROR_KEY_DELETED);
+    EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "top\\key"), ERROR_FILE_NOT_FOUND);
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, TreatsDamagedAndForeignFilesAsUnusable)
+{
+    const HKEY key = create(HKEY_CURRENT_USER, "key");
+    for (const char* contents : {"", "1", "\n", "x y\nz", "1\nz", "99999999999 n\nz"}) {
+        dir.write("in/store/User/key/v.value", contents);
+        EXPECT_EQ(get(key, "v"), "error 1392") << contents;
+    }
+    std::filesystem::remove(dir.path("in/store/User/key/v.value"));
+    ASSERT_EQ(mkfifo(dir.path("in/store/User/key/v.value"), 0600), 0);
+    EXPECT_EQ(get(key, "v"), "error 5");
+
+    unsigned char small[3];
+    DWORD size = sizeof small;
+    EXPECT_EQ(set(key, "w", "text"), 0);
+    EXPECT_EQ(RegQueryValueExA(key, "w", nullptr, nullptr, small, &size), ERROR_MORE_DATA);
+    EXPECT_EQ(size, 5u);
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, IsPrivateToItsUser)
+{
+    const HKEY key = create(HKEY_CURRENT_USER, "key");
+    EXPECT_EQ(set(key, "v", "x"), 0);
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path("in")))
+        EXPECT_EQ(entry.status().permissions() & std::filesystem::perms(077), std::filesystem::perms(0))
+            << entry;
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, GivesWholeValuesWhileOthersWriteAndAreKilled)
+{
+    const HKEY key = create(HKEY_CURRENT_USER, "key");
+    const std::string first(3000, 'a'), second(9000, 'b');
+    ASSERT_EQ(set(key, "v", first), 0);
+    int whole = 0;
+    for (int round = 0; round < 20; ++round) {
+        const pid_t writer = fork();
+        if (writer == 0) {
+            for (;;) {
+                set(key, "v", second);
+                set(key, "v", first);
+            }
+        }
+        for (int i = 0; i < 50; ++i) {
+            DWORD size = 20000;
+            std::string value(size, '?');
+            ASSERT_EQ(RegQueryValueExA(key, "v", nullptr, nullptr,
+                                       reinterpret_cast<unsigned char*>(value.data()), &size),
+                      0);
+            value.resize(size - 1);
+            whole += value == first || value == second ? 1 : 0;
+        }
+        kill(writer, SIGKILL);
+        waitpid(writer, nullptr, 0);
+    }
+    EXPECT_EQ(whole, 20 * 50);
+    EXPECT_EQ(set(key, "v", "still writable"), 0);
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, LosesNothingWhenManyProcessesChangeIt)
+{
+    std::vector<pid_t> children;
+    for (int child = 0; child < 4; ++child) {
+        const pid_t started = fork();
+        if (started == 0) {
+            for (int i = 0; i < 50; ++i) {
+                const HKEY key = create(HKEY_CURRENT_USER, "shared\\n" + std::to_string(i));
+                set(key, "by" + std::to_string(child), "x");
+                RegCloseKey(key);
+                RegCloseKey(create(HKEY_CURRENT_USER, "passing"));
+                RegDeleteKeyA(HKEY_CURRENT_USER, "passing");
+            }
+            _exit(testing::Test::HasFailure() ? 1 : 0);
+        }
+        children.push_back(started);
+    }
+    for (const pid_t child : children) {
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+    }
+    for (int i = 0; i < 50; ++i) {
+        const HKEY key = create(HKEY_CURRENT_USER, "shared\\n" + std::to_string(i));
+        for (int child = 0; child < 4; ++child)
+            EXPECT_EQ(get(key, "by" + std::to_string(child)), "x");
+        RegCloseKey(key);
+    }
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdlib>
+#include <optional>
+#include <string>
+
+/// An environment variable that has another value, or none (null), while the object lives.
+class EnvSetting
+{
+public:
+    EnvSetting(const char* variable, const char* value) : name(variable)
+    {
+        if (const char* previous = std::getenv(variable))
+            before = previous;
+        set(value);
+    }
+    EnvSetting(const EnvSetting&) = delete;
+    EnvSetting& operator=(const EnvSetting&) = delete;
+    ~EnvSetting() { set(before ? before->c_str() : nullptr); }
+
+private:
+    void set(const char* value)
+    {
+        if (value == nullptr)
+            unsetenv(name.c_str());
+        else
+            setenv(name.c_str(), value, 1);
+    }
+
+    std::string name;
+    std::optional<std::string> before;
+};
