@@ -1,0 +1,228 @@
+#include <qel/base/btkstrbuf.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <stdexcept>
+
+#include <qel/base/btkutf.h>
+
+// A buffer is one block of malloc: this object, then the text of its first form. The blocks of malloc are
+// multiples of 16 bytes less 8, which is the room that a buffer takes for itself.
+
+namespace {
+
+constexpr std::size_t sizeLimit = std::size_t(1) << 31;
+
+void requireSize(std::size_t size)
+{
+    if (size > sizeLimit)
+        throw std::length_error("btkStrBuf: text too long");
+}
+
+void* requireMemory(void* memory)
+{
+    if (memory == nullptr)
+        throw std::bad_alloc();
+    return memory;
+}
+
+/// The size of the block that holds a buffer with `size` bytes of text.
+std::size_t blockSize(std::size_t size)
+{
+    requireSize(size);
+    return ((sizeof(btkStrBuf) + size + 8 + 15) & ~std::size_t(15)) - 8;
+}
+
+std::uint32_t roomIn(std::size_t block)
+{
+    return static_cast<std::uint32_t>(std::min(block - sizeof(btkStrBuf), sizeLimit));
+}
+
+std::size_t boundedLength(const char* text, std::size_t most)
+{
+    return strnlen(text, most);
+}
+
+std::size_t boundedLength(const unsigned short* text, std::size_t most)
+{
+    return static_cast<std::size_t>(std::find(text, text + most, 0) - text);
+}
+
+template<typename C>
+void copyText(C* to, const C* from, std::size_t length)
+{
+    std::memcpy(to, from, length * sizeof(C));
+    to[length] = 0;
+}
+
+} // namespace
+
+template<typename C>
+C* btkStrBuf::first()
+{
+    return reinterpret_cast<C*>(this + 1);
+}
+
+template<typename C>
+C* btkStrBuf::textOf(Produced* form)
+{
+    return reinterpret_cast<C*>(form + 1);
+}
+
+template<typename C>
+btkStrBuf* btkStrBuf::Alloc(std::size_t size, C** text)
+{
+    const std::size_t block = blockSize(std::max(size, sizeof(C)));
+    btkStrBuf* const buffer = new (requireMemory(std::malloc(block))) btkStrBuf(wideForm<C>, roomIn(block));
+    *text = buffer->first<C>();
+    **text = 0;
+    return buffer;
+}
+
+template<typename C>
+btkStrBuf* btkStrBuf::Create(const C* text, std::size_t length, C** copy)
+{
+    requireSize(length); // so that the next line does not overflow
+    btkStrBuf* const buffer = Alloc((length + 1) * sizeof(C), copy);
+    copyText(*copy, text, length);
+    buffer->length = static_cast<std::uint32_t>(length);
+    return buffer;
+}
+
+/// Makes form C from the first one. Null when that does not convert.
+template<typename C>
+btkStrBuf::Produced* btkStrBuf::produce()
+{
+    std::size_t size;
+    if constexpr (wideForm<C>)
+        size = btkMBToWCLength(first<char>(), length);
+    else
+        size = btkWCToMBLength(first<unsigned short>(), length);
+    if (size == btkNoLength)
+        return nullptr;
+    const std::size_t bytes = (size + 1) * sizeof(C);
+    requireSize(bytes);
+    void* const block = requireMemory(std::malloc(sizeof(Produced) + bytes));
+    Produced* const form = new (block) Produced{static_cast<std::uint32_t>(size)};
+    if constexpr (wideForm<C>)
+        btkMBToWC(first<char>(), length, textOf<C>(form));
+    else
+        btkWCToMB(first<unsigned short>(), length, textOf<C>(form));
+    textOf<C>(form)[size] = 0;
+    return form;
+}
+
+template<typename C>
+btkStrBuf* btkStrBuf::Get(C** text)
+{
+    if (isWide == wideForm<C>) {
+        *text = first<C>();
+        return this;
+    }
+    Produced* form = other.load(std::memory_order_acquire);
+    if (form == nullptr) {
+        Produced* const made = produce<C>();
+        if (made == nullptr)
+            return nullptr;
+        // Another holder may have been faster: then its form counts, because it may be in use already.
+        if (other.compare_exchange_strong(form, made, std::memory_order_acq_rel, std::memory_order_acquire))
+            form = made;
+        else
+            std::free(made);
+    }
+    *text = textOf<C>(form);
+    return this;
+}
+
+/// Moves a buffer held alone to a block with room for `size` bytes, and more for the next time.
+btkStrBuf* btkStrBuf::grow(std::size_t size)
+{
+    requireSize(size);
+    const std::size_t twice = std::min(std::size_t(capacity) * 2, sizeLimit);
+    const std::size_t block = blockSize(std::max(size, twice));
+    void* const moved = requireMemory(std::realloc(static_cast<void*>(this), block));
+    btkStrBuf* const buffer = static_cast<btkStrBuf*>(moved);
+    buffer->capacity = roomIn(block);
+    return buffer;
+}
+
+template<typename C>
+btkStrBuf* btkStrBuf::Resize(std::size_t size, C** text, bool keep)
+{
+    if (isWide == wideForm<C> && references.load(std::memory_order_acquire) == 1) {
+        if (size <= capacity) {
+            *text = first<C>();
+            return this;
+        }
+        if (keep) {
+            btkStrBuf* const buffer = grow(size);
+            *text = buffer->first<C>();
+            return buffer;
+        }
+    }
+
+    btkStrBuf* buffer;
+    if (keep) {
+        C* kept;
+        if (Get(&kept) == nullptr)
+            return nullptr;
+        const std::size_t units = GetLength<C>();
+        buffer = Alloc(std::max(size, (units + 1) * sizeof(C)), text);
+        copyText(*text, kept, units);
+        buffer->length = static_cast<std::uint32_t>(units);
+    } else {
+        buffer = Alloc(size, text);
+    }
+    Unlock();
+    return buffer;
+}
+
+template<typename C>
+void btkStrBuf::Commit()
+{
+    C* const text = first<C>();
+    const std::size_t most = capacity / sizeof(C) - 1;
+    Commit<C>(boundedLength(text, most));
+}
+
+template<typename C>
+void btkStrBuf::Commit(std::size_t newLength)
+{
+    first<C>()[newLength] = 0;
+    length = static_cast<std::uint32_t>(newLength);
+    dropOther();
+}
+
+void btkStrBuf::dropOther()
+{
+    if (other.load(std::memory_order_relaxed) != nullptr)
+        std::free(other.exchange(nullptr, std::memory_order_relaxed));
+}
+
+void btkStrBuf::destroy()
+{
+    std::free(other.load(std::memory_order_acquire));
+    std::free(static_cast<void*>(this));
+}
+
+void btkStrBuf::Lock(char** mb, unsigned short** wide)
+{
+    Lock();
+    Produced* const form = other.load(std::memory_order_acquire);
+    if (mb != nullptr)
+        *mb = !isWide ? first<char>() : form != nullptr ? textOf<char>(form) : nullptr;
+    if (wide != nullptr)
+        *wide = isWide ? first<unsigned short>() : form != nullptr ? textOf<unsigned short>(form) : nullptr;
+}
+
+#define BTK_INSTANTIATE(C)                                                      \
+    template BASE_API btkStrBuf* btkStrBuf::Alloc(std::size_t, C**);            \
+    template BASE_API btkStrBuf* btkStrBuf::Create(const C*, std::size_t, C**); \
+    template BASE_API btkStrBuf* btkStrBuf::Get(C**);                           \
+    template BASE_API btkStrBuf* btkStrBuf::Resize(std::size_t, C**, bool);     \
+    template BASE_API void btkStrBuf::Commit<C>();                              \
+    template BASE_API void btkStrBuf::Commit<C>(std::size_t);
+BTK_INSTANTIATE(char)
+BTK_INSTANTIATE(unsigned short)

@@ -1,0 +1,151 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include <qel/base/thrthreading.h>
+
+/// A shared text in multibyte form (UTF-8), in wide form (UTF-16), or in both. It begins in one form; the
+/// other is produced on demand and kept, and each stays where it is until the text is written to.
+///
+/// Every holder owns one reference; the buffer goes with the last. Reading a shared buffer changes nothing
+/// that another reader sees, so two holders may read it on two threads. To write, a holder asks for a buffer
+/// of its own with ResizeMB or ResizeWC, writes through the pointer it gets, and ends with CommitMB or
+/// CommitWC.
+///
+/// Sizes are bytes with the terminator, lengths are bytes (multibyte) or units (wide) without. A text ends at
+/// its first zero. A form takes at most 2 GiB; what needs more throws std::length_error, and what finds no
+/// memory std::bad_alloc, both with nothing changed.
+class BASE_API btkStrBuf
+{
+public:
+    btkStrBuf(const btkStrBuf&) = delete;
+    btkStrBuf& operator=(const btkStrBuf&) = delete;
+
+    // The members named MB and WC work on that form; the templates take the form from their argument: C is
+    // `char` for the multibyte form and `unsigned short` for the wide one.
+
+    /// A new buffer with the empty text, room for `size` bytes of it, and one reference.
+    template<typename C>
+    static btkStrBuf* Alloc(std::size_t size, C** text);
+    static btkStrBuf* AllocMB(std::size_t size, char** mb) { return Alloc(size, mb); }
+    static btkStrBuf* AllocWC(std::size_t size, unsigned short** wide) { return Alloc(size, wide); }
+
+    /// A new buffer with a copy of `length` bytes or units of `text`, which hold no zero.
+    template<typename C>
+    static btkStrBuf* Create(const C* text, std::size_t length, C** copy);
+
+    /// Stores the place of a form, which is produced first when it is missing. Returns the buffer to hold
+    /// from now on in place of this one. Null, with nothing stored, when a wide text has an unpaired
+    /// surrogate and so no multibyte form.
+    template<typename C>
+    btkStrBuf* Get(C** text);
+    btkStrBuf* GetMB(char** mb) { return Get(mb); }
+    btkStrBuf* GetWC(unsigned short** wide) { return Get(wide); }
+
+    /// Makes the text writable: takes over the caller's reference to this buffer and returns one that the
+    /// caller holds alone, with room for `size` bytes of the form and more when it has to hold the text. With
+    /// `keep` the text is still there, without it is arbitrary. Null, with this buffer still held, when
+    /// `keep` asks for a multibyte form that the text does not have.
+    template<typename C>
+    btkStrBuf* Resize(std::size_t size, C** text, bool keep);
+    btkStrBuf* ResizeMB(std::size_t size, char** mb, bool keep) { return Resize(size, mb, keep); }
+    btkStrBuf* ResizeWC(std::size_t size, unsigned short** wide, bool keep)
+    {
+        return Resize(size, wide, keep);
+    }
+
+    /// Ends writing to a buffer held alone, in the form it was resized for: notes the length of what was
+    /// written and drops the other form, which is stale now. The second kind is told the length, with no zero
+    /// before it, and sets the terminator itself.
+    template<typename C>
+    void Commit();
+    void CommitMB() { Commit<char>(); }
+    void CommitWC() { Commit<unsigned short>(); }
+    template<typename C>
+    void Commit(std::size_t newLength);
+    void CommitMB(std::size_t newLength) { Commit<char>(newLength); }
+    void CommitWC(std::size_t newLength) { Commit<unsigned short>(newLength); }
+
+    /// The length of a form that has been produced.
+    template<typename C>
+    std::size_t GetLength() const
+    {
+        return isWide == wideForm<C> ? length : other.load(std::memory_order_acquire)->length;
+    }
+    std::size_t GetMBLength() const { return GetLength<char>(); }
+    std::size_t GetWCLength() const { return GetLength<unsigned short>(); }
+
+    /// Takes one more reference.
+    void Lock()
+    {
+        if (thrIsThreaded())
+            references.fetch_add(1, std::memory_order_relaxed);
+        else
+            references.store(references.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+
+    /// Takes one more reference and stores the places of the forms, null for one that has not been produced.
+    /// Either pointer may be null.
+    void Lock(char** mb, unsigned short** wide);
+
+    /// Drops a reference; the last one frees the buffer.
+    void Unlock()
+    {
+        // With one reference left nobody else can take another: no need to write the count.
+        if (references.load(std::memory_order_acquire) == 1 || dropReference() == 1)
+            destroy();
+    }
+
+    /// Appends one byte, not zero, in place. False, with nothing changed, when that takes more: the buffer is
+    /// shared, holds another form or has no room.
+    bool AppendInPlace(char c)
+    {
+        if (length + 2 > capacity || isWide || references.load(std::memory_order_acquire) != 1 ||
+            other.load(std::memory_order_relaxed) != nullptr)
+            return false;
+        char* const end = reinterpret_cast<char*>(this + 1) + length;
+        end[0] = c;
+        end[1] = 0;
+        ++length;
+        return true;
+    }
+
+private:
+    /// The form produced on demand; its text follows.
+    struct Produced
+    {
+        std::uint32_t length;
+    };
+
+    btkStrBuf(bool wide, std::uint32_t room) : capacity(room), isWide(wide) {}
+
+    int dropReference()
+    {
+        if (thrIsThreaded())
+            return references.fetch_sub(1, std::memory_order_acq_rel);
+        const int before = references.load(std::memory_order_relaxed);
+        references.store(before - 1, std::memory_order_relaxed);
+        return before;
+    }
+    void destroy();
+    void dropOther();
+    btkStrBuf* grow(std::size_t size);
+
+    template<typename C>
+    C* first();
+    template<typename C>
+    static C* textOf(Produced* form);
+    template<typename C>
+    static constexpr bool wideForm = sizeof(C) > 1;
+
+    template<typename C>
+    Produced* produce();
+
+    std::atomic<int> references = 1;
+    std::uint32_t capacity;   // bytes of the first form's text, terminator included
+    std::uint32_t length = 0; // of the first form
+    bool isWide;              // the form that the buffer began with, whose text follows this object
+    std::atomic<Produced*> other = nullptr;
+};

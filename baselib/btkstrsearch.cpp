@@ -1,0 +1,236 @@
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <vector>
+
+#include <qel/base/btkstring.h>
+
+#include "btkcharacter_p.h"
+
+namespace {
+
+/// Looks for a text in others, in time proportional to their lengths. The text is not copied.
+template<typename C>
+class Finder;
+
+template<>
+class Finder<char>
+{
+public:
+    Finder(const char* wanted, std::size_t length) : sub(wanted), size(length) {}
+
+    /// The first place between `text` and `end`, or null.
+    const char* find(const char* text, const char* end) const
+    {
+        return static_cast<const char*>(memmem(text, static_cast<std::size_t>(end - text), sub, size));
+    }
+
+private:
+    const char* sub;
+    std::size_t size;
+};
+
+template<>
+class Finder<unsigned short>
+{
+public:
+    Finder(const unsigned short* wanted, std::size_t length) : sub(wanted), borders(length)
+    {
+        for (std::size_t i = 1; i < length; ++i)
+            borders[i] = extend(borders[i - 1], sub[i]);
+    }
+
+    const unsigned short* find(const unsigned short* text, const unsigned short* end) const
+    {
+        std::size_t matched = 0;
+        while (matched < borders.size()) {
+            if (text == end)
+                return nullptr;
+            matched = extend(matched, *text++);
+        }
+        return text - matched;
+    }
+
+private:
+    /// How much of `sub` ends with `unit`, when `matched` of it ended before.
+    std::size_t extend(std::size_t matched, unsigned short unit) const
+    {
+        while (matched > 0 && sub[matched] != unit)
+            matched = borders[matched - 1];
+        return sub[matched] == unit ? matched + 1 : 0;
+    }
+
+    const unsigned short* sub;
+    std::vector<std::size_t>
+        borders; // at i: the longest start of `sub` that also ends at i, not at its front
+};
+
+/// A part of a pattern without stars.
+template<typename C>
+struct Part
+{
+    const C* begin;
+    const C* end;
+};
+
+/// The end of `part` when the text begins like it, else null.
+template<typename C>
+const C* matchHere(const C* text, Part<C> part)
+{
+    for (const C* p = part.begin; p != part.end;) {
+        if (*text == *p && btkIsAscii(*p)) {
+            ++text;
+            ++p;
+            continue;
+        }
+        const std::size_t size = btkCharSize(text);
+        if (size == 0)
+            return nullptr;
+        if (*p == '?') {
+            ++p;
+        } else {
+            if (btkCharSize(p) != size || !std::equal(text, text + size, p))
+                return nullptr;
+            p += size;
+        }
+        text += size;
+    }
+    return text;
+}
+
+/// Whether equal bytes are equal characters: nothing in the part stands for others or is invalid.
+template<typename C>
+bool isPlain(Part<C> part)
+{
+    for (const C* p = part.begin; p != part.end; p += btkCharSize(p))
+        if (*p == '?' || (sizeof(C) == 1 && !btkIsAscii(*p) && btkCharSize(p) == 1))
+            return false;
+    return true;
+}
+
+/// The end of the first place in the text, which ends at `textEnd`, that is like `part`; else null.
+template<typename C>
+const C* matchSomewhere(const C* text, const C* textEnd, Part<C> part)
+{
+    if (isPlain(part)) {
+        const auto size = static_cast<std::size_t>(part.end - part.begin);
+        const C* const found = Finder<C>(part.begin, size).find(text, textEnd);
+        return found == nullptr ? nullptr : found + size;
+    }
+    for (; text != textEnd; text += btkCharSize(text))
+        if (const C* const end = matchHere(text, part))
+            return end;
+    return nullptr;
+}
+
+template<typename C>
+std::size_t countCharacters(const C* text, const C* end)
+{
+    std::size_t characters = 0;
+    for (; text != end; text += btkCharSize(text))
+        ++characters;
+    return characters;
+}
+
+/// Calls `found(place)` for the first `most` occurrences, from left to right and apart; there are none of the
+/// empty text.
+template<typename C, typename Found>
+int eachOccurrence(const C* text, const C* from, int most, Found found)
+{
+    const std::size_t size = Strlen(from);
+    if (size == 0)
+        return 0;
+    const C* const end = text + Strlen(text);
+    const Finder<C> finder(from, size);
+    int n = 0;
+    for (; n < most; ++n) {
+        const C* const place = finder.find(text, end);
+        if (place == nullptr)
+            break;
+        found(place);
+        text = place + size;
+    }
+    return n;
+}
+
+} // namespace
+
+template<btkCharType C>
+int btkStringFindSubstring(const C* text, const C* sub)
+{
+    if (*sub == 0)
+        return 0;
+    int position = -1;
+    eachOccurrence(text, sub, 1, [&](const C* place) { position = static_cast<int>(place - text); });
+    return position;
+}
+
+template<btkCharType C>
+bool btkStringMatch(const C* text, const C* pattern)
+{
+    const C* const textEnd = text + Strlen(text);
+    const C* const patternEnd = pattern + Strlen(pattern);
+    const auto nextPart = [&] { return Part<C>{pattern, std::find(pattern, patternEnd, '*')}; };
+
+    Part<C> part = nextPart();
+    text = matchHere(text, part);
+    if (text == nullptr || part.end == patternEnd)
+        return text == textEnd;
+
+    // Each part between two stars is taken where it comes first: a later place never helps those behind it.
+    for (;;) {
+        pattern = part.end + 1;
+        part = nextPart();
+        if (part.end == patternEnd)
+            break;
+        if (part.begin != part.end)
+            text = matchSomewhere(text, textEnd, part);
+        if (text == nullptr)
+            return false;
+    }
+
+    const std::size_t needed = countCharacters(part.begin, part.end);
+    const std::size_t left = countCharacters(text, textEnd);
+    return needed <= left && matchHere(text + btkStringPrefixLength(text, left - needed), part) == textEnd;
+}
+
+template<btkCharType C>
+int btkStringFind(const C* text, const C* from, int start, int count, int* firstPos)
+{
+    const C* const begin = text + btkStringPrefixLength(text, static_cast<std::size_t>(std::max(start, 0)));
+    int first = -1;
+    const int n = eachOccurrence(begin, from, count < 0 ? INT_MAX : count, [&](const C* place) {
+        if (first < 0)
+            first = static_cast<int>(place - text);
+    });
+    if (n > 0)
+        *firstPos = first;
+    return n;
+}
+
+template<btkCharType C>
+void btkStringSubstitute(C* out, const C* text, const C* from, const C* to, int count)
+{
+    const std::size_t fromSize = Strlen(from);
+    const std::size_t toSize = Strlen(to);
+    const auto copy = [&out](const C* what, std::size_t length) {
+        std::memmove(out, what, length * sizeof(C));
+        out += length;
+    };
+    const C* const end = text + Strlen(text);
+    eachOccurrence(text, from, count, [&](const C* place) {
+        copy(text, static_cast<std::size_t>(place - text));
+        copy(to, toSize);
+        text = place + fromSize;
+    });
+    copy(text, static_cast<std::size_t>(end - text));
+    *out = 0;
+}
+
+#define BTK_INSTANTIATE(C)                                          \
+    template int btkStringFindSubstring(const C*, const C*);        \
+    template bool btkStringMatch(const C*, const C*);               \
+    template int btkStringFind(const C*, const C*, int, int, int*); \
+    template void btkStringSubstitute(C*, const C*, const C*, const C*, int);
+BTK_INSTANTIATE(char)
+BTK_INSTANTIATE(unsigned short)

@@ -1,0 +1,264 @@
+#include "xstring.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+
+#include <qel/base/btkabort.h>
+
+#include "xstringform_p.h"
+
+btkStrBuf* xstringAttachEmptyStrBuf(char** mb, unsigned short** wide)
+{
+    // Never freed: strings that are statics themselves may hold it until the process ends.
+    static const __xstring_c empty = [] {
+        __xstring_c made;
+        made.buffer = btkStrBuf::AllocMB(1, &made.mb);
+        made.buffer = made.buffer->GetWC(&made.wide);
+        return made;
+    }();
+    empty.buffer->Lock();
+    *mb = empty.mb;
+    *wide = empty.wide;
+    return empty.buffer;
+}
+
+void xstring::setEmpty()
+{
+    char* emptyMb;
+    unsigned short* emptyWide;
+    btkStrBuf* const empty = xstringAttachEmptyStrBuf(&emptyMb, &emptyWide);
+    take(empty, emptyMb, emptyWide);
+}
+
+// ---- construction
+
+template<typename C>
+void xstring::Form<C>::createTruncated(xstring& s, const C* whole, int from, int to)
+{
+    if (!qelIsText(whole))
+        return;
+    from = std::max(from, 0);
+    const C* const start = whole + btkStringPrefixLength(whole, static_cast<std::size_t>(from));
+    const std::size_t characters = static_cast<std::size_t>(to > from ? to - from : 0);
+    create(s, start, to < 0 ? Strlen(start) : btkStringPrefixLength(start, characters));
+}
+
+template<typename C>
+void xstring::Form<C>::concatenate(xstring& s, const C* a, const C* b)
+{
+    if (!qelIsText(a) && !qelIsText(b))
+        return;
+    const std::size_t aLength = qelLengthOrNone(a);
+    const std::size_t bLength = qelLengthOrNone(b);
+    if (aLength + bLength == 0) {
+        s.setEmpty();
+        return;
+    }
+    C* joined;
+    btkStrBuf* const buffer = btkStrBuf::Alloc((aLength + bLength + 1) * sizeof(C), &joined);
+    std::copy_n(a, aLength, joined);
+    std::copy_n(b, bLength, joined + aLength);
+    buffer->Commit<C>(aLength + bLength);
+    take(s, buffer, joined);
+}
+
+void xstring::CreateFromString(const char* text)
+{
+    if (qelIsText(text))
+        Form<char>::create(*this, text, Strlen(text));
+}
+
+void xstring::CreateFromWString(const unsigned short* text)
+{
+    if (qelIsText(text))
+        Form<unsigned short>::create(*this, text, Strlen(text));
+}
+
+void xstring::CreateFromStringTruncated(const char* text, int from, int to)
+{
+    Form<char>::createTruncated(*this, text, from, to);
+}
+
+void xstring::CreateFromWStringTruncated(const unsigned short* text, int from, int to)
+{
+    Form<unsigned short>::createTruncated(*this, text, from, to);
+}
+
+xstring::xstring(const char* text)
+{
+    CreateFromString(text);
+}
+
+xstring::xstring(const unsigned short* text)
+{
+    CreateFromWString(text);
+}
+
+xstring::xstring(const char* a, const char* b)
+{
+    Form<char>::concatenate(*this, a, b);
+}
+
+xstring::xstring(const unsigned short* a, const unsigned short* b)
+{
+    Form<unsigned short>::concatenate(*this, a, b);
+}
+
+xstring::xstring(const char* text, int n)
+{
+    CreateFromStringTruncated(text, 0, std::max(n, 0));
+}
+
+xstring::xstring(const unsigned short* text, int n)
+{
+    CreateFromWStringTruncated(text, 0, std::max(n, 0));
+}
+
+xstring::xstring(const char* text, int from, int to)
+{
+    CreateFromStringTruncated(text, from, to);
+}
+
+xstring::xstring(const unsigned short* text, int from, int to)
+{
+    CreateFromWStringTruncated(text, from, to);
+}
+
+void xstring::AssignBuffer(btkStrBuf* shared)
+{
+    if (shared == nullptr) {
+        release();
+        return;
+    }
+    char* sharedMb;
+    unsigned short* sharedWide;
+    shared->Lock(&sharedMb, &sharedWide);
+    take(shared, sharedMb, sharedWide);
+}
+
+// ---- assignment
+
+template<typename C>
+void xstring::Form<C>::assign(xstring& s, const C* from)
+{
+    if (!qelIsText(from)) {
+        s.release();
+        return;
+    }
+    const std::size_t size = Strlen(from);
+    // Where the own buffer cannot be written to, or the text is a part of it, the copy comes first.
+    if (size == 0 || s.buffer == nullptr || text(s) == nullptr || contains(s, from)) {
+        create(s, from, size);
+        return;
+    }
+    C* written;
+    s.buffer = s.buffer->Resize((size + 1) * sizeof(C), &written, false);
+    std::copy_n(from, size, written);
+    s.buffer->Commit<C>(size);
+    setWritten(s, written);
+}
+
+xstring& xstring::operator=(const char* text)
+{
+    Form<char>::assign(*this, text);
+    return *this;
+}
+
+xstring& xstring::operator=(const unsigned short* text)
+{
+    Form<unsigned short>::assign(*this, text);
+    return *this;
+}
+
+// ---- appending
+
+template<typename C>
+void xstring::Form<C>::append(xstring& s, const C* more, std::size_t size)
+{
+    if (size == 0)
+        return;
+    if (s.buffer == nullptr) {
+        create(s, more, size);
+        return;
+    }
+    const C* const old = produce(s);
+    const std::size_t oldSize = length(s);
+    const bool isOwn = contains(s, more);
+    const std::size_t place = isOwn ? static_cast<std::size_t>(more - old) : 0;
+
+    C* written;
+    s.buffer = s.buffer->Resize((oldSize + size + 1) * sizeof(C), &written, true);
+    std::copy_n(isOwn ? written + place : more, size, written + oldSize);
+    s.buffer->Commit<C>(oldSize + size);
+    setWritten(s, written);
+}
+
+template<typename C>
+void xstring::Form<C>::appendText(xstring& s, const C* more)
+{
+    if (qelIsText(more))
+        append(s, more, Strlen(more));
+}
+
+void xstring::append(char c)
+{
+    Form<char>::append(*this, &c, 1);
+}
+
+xstring& xstring::operator+=(unsigned short c)
+{
+    if (c != 0)
+        Form<unsigned short>::append(*this, &c, 1);
+    return *this;
+}
+
+xstring& xstring::operator+=(const char* text)
+{
+    Form<char>::appendText(*this, text);
+    return *this;
+}
+
+xstring& xstring::operator+=(const unsigned short* text)
+{
+    Form<unsigned short>::appendText(*this, text);
+    return *this;
+}
+
+// ---- formatting
+
+namespace {
+
+constexpr std::size_t workingArea = 2056; // bytes
+
+/// Formats into `area` of that size. False when the format fails.
+bool format(char* area, const char* how, std::va_list arguments)
+{
+    const int length = std::vsnprintf(area, workingArea, how, arguments);
+    if (length >= static_cast<int>(workingArea))
+        QEL_ABORT("String too long");
+    return length >= 0;
+}
+
+} // namespace
+
+xstring xstring::Printf(const char* format, ...)
+{
+    char area[workingArea];
+    std::va_list arguments;
+    va_start(arguments, format);
+    const bool formatted = ::format(area, format, arguments);
+    va_end(arguments);
+    return formatted ? xstring(area) : xstring();
+}
+
+xstring xstring::Printf(const unsigned short* format, ...)
+{
+    const xstring narrowFormat(format);
+    char area[workingArea];
+    std::va_list arguments;
+    va_start(arguments, format);
+    const bool formatted = ::format(area, narrowFormat.CastToCString(), arguments);
+    va_end(arguments);
+    return formatted ? xstring(xstring(area).CastToCWString()) : xstring();
+}

@@ -1,0 +1,4 @@
+#pragma once
+
+/// Reports a wide text without multibyte form where that form is needed.
+[[noreturn]] void qelThrowInvalidWide();
