@@ -1,0 +1,264 @@
+#pragma once
+
+#include <qel/xany.h>
+#include <qel/xobject.h>
+#include <qel/xstring.h>
+
+// The framework's exceptions. Each is thrown as an `xthrowable*` by its static Throw; the catcher owns one
+// reference to an exception of a countable class (all of these) and gives it back with xrcrelease. Text
+// arguments may be null.
+
+/// The base of the framework's exceptions.
+class QEL_API qelXException : public virtual xthrowable
+{
+    QEL_OBJECT(qelXException); // "qellib::XException"
+    QEL_REBUILD(qelXException);
+    /// The human-readable text of the failure. May be null.
+    QEL_PROPERTY(xstring, Description);
+
+protected:
+    qelXException() = default;
+    explicit qelXException(const char* description);
+
+    /// Sets the description: a class sets its own text in its constructor's body, after its bases have set
+    /// theirs.
+    void describe(const char* text) { Description = text; }
+};
+
+/// An empty list of arguments, carried by qelXFunc.
+class QEL_API qelXArgs : public virtual xobject
+{
+    QEL_OBJECT(qelXArgs); // "qellib::XArgs"
+    QEL_REBUILD(qelXArgs);
+
+public:
+    qelXArgs() = default;
+};
+
+/// Names the library function in which a failure arose.
+class QEL_API qelXFunc : public virtual xobject
+{
+    QEL_OBJECT(qelXFunc); // "qellib::XFunc"
+    QEL_REBUILD(qelXFunc);
+    QEL_PROPERTY(xstring, Name);
+    QEL_PROPERTY(xrchandle<qelXArgs>, Args);
+
+public:
+    explicit qelXFunc(const char* name);
+};
+
+/// A failure inside a named library function.
+class QEL_API qelXExternFunc : public virtual qelXException
+{
+    QEL_OBJECT(qelXExternFunc); // "qellib::XExternFunc"
+    QEL_REBUILD(qelXExternFunc);
+    /// May be a null handle.
+    QEL_PROPERTY(xrchandle<qelXFunc>, Func);
+
+public:
+    qelXExternFunc(const char* description, qelXFunc* func);
+
+protected:
+    qelXExternFunc() = default;
+
+    /// What every library's Print begins with: the line of the description and the line of the function.
+    void PrintHead(std::ostream& os) const;
+    /// One more line, such as `\t( Path: "..." )`. A null value prints nothing.
+    static void PrintValue(std::ostream& os, const char* label, const xstring& value);
+};
+
+/// "Attempt to assign null to non-optional object"
+class QEL_API qelXNull : public virtual qelXException
+{
+    QEL_OBJECT(qelXNull); // "qellib::XNull"
+    QEL_REBUILD(qelXNull);
+
+public:
+    qelXNull();
+    [[noreturn]] static void Throw();
+};
+
+/// "Object type mismatch"
+class QEL_API qelXTypeMismatch : public virtual qelXException
+{
+    QEL_OBJECT(qelXTypeMismatch); // "qellib::XTypeMismatch"
+    QEL_REBUILD(qelXTypeMismatch);
+    /// The name of the type that was expected.
+    QEL_PROPERTY(xstring, TypeName);
+    /// The value that is of another type.
+    QEL_PROPERTY(xany, QelObject);
+
+public:
+    qelXTypeMismatch(const char* typeName, xany object);
+    [[noreturn]] static void Throw(const char* typeName, xany object);
+};
+
+/// "Array index is out of range"
+class QEL_API qelXInvalidArrayIndex : public virtual qelXException
+{
+    QEL_OBJECT(qelXInvalidArrayIndex); // "qellib::XInvalidArrayIndex"
+    QEL_REBUILD(qelXInvalidArrayIndex);
+    QEL_PROPERTY(xany, QelObject);
+    QEL_PROPERTY(int, Dimension);
+    QEL_PROPERTY(int, Index);
+
+public:
+    qelXInvalidArrayIndex(xany object, int dimension, int index);
+    [[noreturn]] static void Throw(xany object, int dimension, int index);
+};
+
+/// "Sequence index is out of range"
+class QEL_API qelXInvalidSeqIndex : public virtual qelXException
+{
+    QEL_OBJECT(qelXInvalidSeqIndex); // "qellib::XInvalidSeqIndex"
+    QEL_REBUILD(qelXInvalidSeqIndex);
+    QEL_PROPERTY(xany, QelObject);
+    QEL_PROPERTY(int, Index);
+
+public:
+    qelXInvalidSeqIndex(xany object, int index);
+    [[noreturn]] static void Throw(xany object, int index);
+};
+
+/// "Dictionary index is out of range"
+class QEL_API qelXInvalidDictIndex : public virtual qelXException
+{
+    QEL_OBJECT(qelXInvalidDictIndex); // "qellib::XInvalidDictIndex"
+    QEL_REBUILD(qelXInvalidDictIndex);
+    QEL_PROPERTY(xany, QelObject);
+    QEL_PROPERTY(int, Index);
+
+public:
+    qelXInvalidDictIndex(xany object, int index);
+    [[noreturn]] static void Throw(xany object, int index);
+};
+
+/// "Dictionary key is not found"
+class QEL_API qelXInvalidDictKey : public virtual qelXException
+{
+    QEL_OBJECT(qelXInvalidDictKey); // "qellib::XInvalidDictKey"
+    QEL_REBUILD(qelXInvalidDictKey);
+    QEL_PROPERTY(xany, QelObject);
+    QEL_PROPERTY(xstring, Key);
+
+public:
+    qelXInvalidDictKey(xany object, const char* key);
+    [[noreturn]] static void Throw(xany object, const char* key);
+};
+
+/// "Negative index"
+class QEL_API qelXNegativeIndex : public virtual qelXException
+{
+    QEL_OBJECT(qelXNegativeIndex); // "qellib::XNegativeIndex"
+    QEL_REBUILD(qelXNegativeIndex);
+    QEL_PROPERTY(int, Index);
+
+public:
+    explicit qelXNegativeIndex(int index);
+    [[noreturn]] static void Throw(int index);
+};
+
+/// "Object is not initialized or has been destroyed"
+class QEL_API qelXNotInitialized : public virtual qelXException
+{
+    QEL_OBJECT(qelXNotInitialized); // "qellib::XNotInitialized"
+    QEL_REBUILD(qelXNotInitialized);
+
+public:
+    qelXNotInitialized();
+    [[noreturn]] static void Throw();
+};
+
+/// "Object is reference countable"
+class QEL_API qelXRefCountable : public virtual qelXException
+{
+    QEL_OBJECT(qelXRefCountable); // "qellib::XRefCountable"
+    QEL_REBUILD(qelXRefCountable);
+    QEL_PROPERTY(xany, QelObject);
+
+public:
+    explicit qelXRefCountable(xany object);
+    [[noreturn]] static void Throw(xany object);
+};
+
+/// "Native exception": a failure that is not the framework's own.
+class QEL_API qelXNativeException : public virtual qelXException
+{
+    QEL_OBJECT(qelXNativeException); // "qellib::XNativeException"
+    QEL_REBUILD(qelXNativeException);
+    QEL_PROPERTY(xstring, StringRep);
+
+public:
+    explicit qelXNativeException(const char* text);
+    [[noreturn]] static void Throw(const char* text);
+};
+
+/// "Attempt to communicate with client/server after connection has been closed"
+class QEL_API qelXConnectionClosed : public virtual qelXException
+{
+    QEL_OBJECT(qelXConnectionClosed); // "qellib::XConnectionClosed"
+    QEL_REBUILD(qelXConnectionClosed);
+
+public:
+    qelXConnectionClosed();
+    [[noreturn]] static void Throw();
+};
+
+/// "SOAP exception"
+class QEL_API qelXS11nException : public virtual qelXException
+{
+    QEL_OBJECT(qelXS11nException); // "qellib::XS11nException"
+    QEL_REBUILD(qelXS11nException);
+
+public:
+    explicit qelXS11nException(const char* message);
+    [[noreturn]] static void Throw(const char* message);
+
+    virtual xstring getMessage();
+    virtual void _s11n_setMessage(xstring value);
+
+protected:
+    qelXS11nException() = default;
+
+private:
+    xstring Message;
+};
+
+/// "SOAP Fault"
+class QEL_API qelXSoapFault : public virtual qelXS11nException
+{
+    QEL_OBJECT(qelXSoapFault); // "qellib::XSoapFault"
+    QEL_REBUILD(qelXSoapFault);
+
+public:
+    qelXSoapFault(const char* faultCode, const char* faultString, xany faultDetail);
+    [[noreturn]] static void Throw(const char* faultCode, const char* faultString, xany faultDetail);
+
+    /// The text in the detail when that is a string, else the fault string unless it is empty, else the fault
+    /// code.
+    xstring getMessage() override;
+
+    QEL_PROPERTY(xstring, FaultCode);
+    QEL_PROPERTY(xstring, FaultString);
+    QEL_PROPERTY(xany, FaultDetail);
+};
+
+// ---- throwing
+
+/// Makes a T from the arguments and throws it: what every Throw of every library does.
+template<class T, class... A>
+[[noreturn]] void qelThrowNew(A&&... arguments)
+{
+    xthrow(xrcunihandle<xthrowable>(new (pDefMemMgr) T(static_cast<A&&>(arguments)...)));
+}
+
+[[noreturn]] QEL_API void qelhThrowInvalidSeqIndex(xobject* obj, int index);
+[[noreturn]] QEL_API void qelhThrowInvalidDictIndex(xobject* obj, int index);
+[[noreturn]] QEL_API void qelhThrowInvalidDictKey(xobject* obj, const char* key);
+[[noreturn]] QEL_API void qelhThrowInvalidArrayIndex(xobject* obj, int dimension, int index);
+[[noreturn]] QEL_API void qelhThrowNegativeIndex(int index);
+[[noreturn]] QEL_API void qelhThrowNotInitialized();
+[[noreturn]] QEL_API void qelhThrowRefCountable(xobject* obj);
+
+/// A new exception, not thrown, for a failure that is not the framework's own.
+QEL_API xrchandle<qelXNativeException> qelCreateNativeException(const char* text);

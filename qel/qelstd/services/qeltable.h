@@ -1,0 +1,385 @@
+#pragma once
+
+#include <initializer_list>
+#include <type_traits>
+
+#include <qel/qelrtti.h>
+#include <qel/xany.h>
+
+// The table in which a class states once what the type system knows of it:
+//
+//     constinit qelClass Person::rtti = {
+//         .name    = "people::Person",
+//         .counted = true,
+//         .parents = {QEL_PARENT(Being)},
+//         .attrs   = {QEL_ATTR(Name), QEL_ATTR(Age, qelOptional)},
+//     };
+//
+// goes with `QEL_OBJECT(Person);` in the class body. The descriptor, the casts and the readers of the
+// attributes follow from it. QEL_ATTR(Age) reads through the accessor getAge() and takes the attribute's type
+// from what that returns: int, unsigned char (a bool), double, xstring, xany, an enumeration with QEL_ENUM,
+// or a pointer or handle to an exposed class. `_s11n_setAge(value)`, where there is one, sets it when an
+// object is rebuilt.
+//
+// Tables are for sources: this header is not for the header of a class. A class is registered when its
+// descriptor is first asked for; qelRegister<Person, ...>() names classes and enumerations to be registered
+// while the program loads.
+
+class qelS11nContext;
+
+constexpr unsigned char qelMandatory = 0;
+constexpr unsigned char qelOptional = 1; ///< the attribute or element may be null
+
+/// One attribute: its name, whether it may be null, and the functions that give its type, read it from a live
+/// object, and set it in an object that is being rebuilt (null where the class has no such hook).
+struct qelAttr
+{
+    const char* name = nullptr;
+    unsigned char optional = qelMandatory;
+    xrtti* (*type)() = nullptr;
+    xany (*read)(xobject* owner) = nullptr;
+    void (*rebuild)(xobject* owner, const xany& value) = nullptr;
+};
+
+/// One direct base class: its descriptor, and the search for a class in that part of an object.
+struct qelParent
+{
+    xrttiobject* (*rtti)() = nullptr;
+    void* (*downcast)(void* self, const xrttiobject* wanted) = nullptr;
+};
+
+/// One member of a union: the member that is there when the discriminator has the value `label`.
+struct qelCase
+{
+    int label = 0;
+    qelAttr attr;
+};
+
+/// How the elements of a sequence, dictionary or array are reached.
+struct qelShape
+{
+    enum Kind : unsigned char { sequence, dictionary, array };
+
+    Kind kind;
+    unsigned char optional; ///< whether elements may be null
+    xrtti* (*elemType)();
+    int (*size)(xobject* owner) = nullptr;
+    xany (*elemAt)(xobject* owner, int index) = nullptr;
+    xany (*elemAtAll)(xobject* owner, int* indices) = nullptr;
+    unsigned char (*find)(xobject* owner, const char* key, xany* out) = nullptr;
+    unsigned char (*keyAt)(xobject* owner, int index, xstring* outKey) = nullptr;
+    unsigned char (*valueAt)(xobject* owner, int index, xany* out) = nullptr;
+};
+
+/// What the type system knows of a class. A class with `elements` is a sequence, dictionary or array, one
+/// with a `discriminator` is a union, and any other a structure.
+struct qelClass
+{
+    const char* name;
+    /// Whether objects of the class are freed with their last counted reference.
+    bool counted = false;
+    std::initializer_list<qelParent> parents = {};
+    std::initializer_list<qelAttr> attrs = {};
+    /// qelSequenceOf<self>, qelDictionaryOf<self> or qelArrayOf<self>.
+    const qelShape* elements = nullptr;
+    /// The extents of an array.
+    std::initializer_list<int> dims = {};
+    qelAttr discriminator = {};
+    std::initializer_list<qelCase> cases = {};
+    /// The member for every other label.
+    qelAttr otherwise = {};
+    /// Makes an empty object of the class: qelCreateOf<self>.
+    xobject* (*create)() = nullptr;
+    /// Makes an object to be rebuilt from a serialized form: &self::_s11n_create. The pointer is to the class
+    /// itself.
+    void* (*rebuild)(qelS11nContext* context) = nullptr;
+
+    /// The descriptor, once it has been asked for.
+    xrttiobject* built = nullptr;
+};
+
+/// The table from which the descriptor `type` was built, or null when it was built by hand.
+QEL_API const qelClass* qelClassOf(xrttiobject* type);
+
+/// Names classes and enumerations in order, so that their descriptors are built and registered now.
+template<class... T>
+void qelRegister();
+
+// ---- what follows serves the rows
+
+/// How values of an accessor's type become variants and back, and which descriptor the type has.
+template<class V>
+struct qelValue
+{
+    static_assert(std::is_enum_v<V>, "an attribute's type is int, unsigned char, double, xstring, xany, an "
+                                     "enumeration, or a pointer or handle to an exposed class");
+    static xrtti* rtti() { return qelEnumRtti(static_cast<V*>(nullptr)); }
+    static xany pack(V v) { return xany(static_cast<int>(v), qelEnumRtti(static_cast<V*>(nullptr))); }
+    static V unpack(const xany& a) { return static_cast<V>(static_cast<int>(a)); }
+};
+
+#define QEL_BASIC_VALUE(V, builtin)                                 \
+    template<>                                                      \
+    struct qelValue<V>                                              \
+    {                                                               \
+        static xrtti* rtti() { return qelGetRtti_##builtin(); }     \
+        static xany pack(V v) { return xany(static_cast<V&&>(v)); } \
+        static V unpack(const xany& a) { return a; }                \
+    }
+QEL_BASIC_VALUE(int, int);
+QEL_BASIC_VALUE(unsigned char, bool);
+QEL_BASIC_VALUE(double, real);
+QEL_BASIC_VALUE(xstring, string);
+QEL_BASIC_VALUE(xany, any);
+#undef QEL_BASIC_VALUE
+
+template<>
+struct qelValue<bool> : qelValue<unsigned char>
+{
+    static bool unpack(const xany& a) { return static_cast<unsigned char>(a) == 1; }
+};
+
+template<class T>
+struct qelValue<T*>
+{
+    static xrtti* rtti()
+    {
+        if constexpr (std::is_same_v<T, xobject>)
+            return qelGetRtti_object();
+        else
+            return T::getClassRtti();
+    }
+    static xany pack(T* p) { return xany(p); }
+    static T* unpack(const xany& a)
+    {
+        if constexpr (std::is_same_v<T, xobject>)
+            return a;
+        else
+            return T::cast(a);
+    }
+};
+
+template<class T>
+struct qelValue<xrchandle<T>> : qelValue<T*>
+{
+    static xany pack(const xrchandle<T>& h) { return xany(h.get()); }
+};
+
+template<class T>
+struct qelValue<xrcunihandle<T>> : qelValue<T*>
+{
+    static xany pack(const xrcunihandle<T>& h) { return xany(h.get()); }
+};
+
+/// A live T for the duration of a read: refuses null and uninit and keeps a counted object from disappearing.
+template<class T>
+class qelReading
+{
+public:
+    /// @throws qelXNotInitialized, qelXTypeMismatch
+    explicit qelReading(xobject* owner);
+    ~qelReading()
+    {
+        if (held != nullptr)
+            xrcrelease(held);
+    }
+    qelReading(const qelReading&) = delete;
+    qelReading& operator=(const qelReading&) = delete;
+
+    T& operator*() const { return *object; }
+    T* operator->() const { return object; }
+
+private:
+    T* object;
+    xobject* held; ///< null for a class that is not counted
+};
+
+[[noreturn]] QEL_API void qelThrowNotLive();
+
+template<class T>
+qelReading<T>::qelReading(xobject* owner) : object(nullptr), held(nullptr)
+{
+    if (!qelIsObject(owner))
+        qelThrowNotLive();
+    object = qelCast<T>(owner);
+    if (T::getClassRtti()->getIsRefCount()) {
+        held = owner;
+        xrcattach(held);
+    }
+}
+
+/// `Get` and `Set` are types of lambdas without a capture, so a row needs nothing but functions.
+template<class T, class Get, class Set>
+constexpr qelAttr qelAttrOf(const char* name, Get, Set, unsigned char optional = qelMandatory)
+{
+    using V = std::remove_cvref_t<decltype(Get()(*static_cast<T*>(nullptr)))>;
+    qelAttr row{
+        .name = name, .optional = optional, .type = &qelValue<V>::rtti, .read = [](xobject* owner) -> xany {
+            const qelReading<T> object(owner);
+            return qelValue<V>::pack(Get()(*object));
+        }};
+    if constexpr (std::is_invocable_v<Set, T&, const V&>)
+        row.rebuild = [](xobject* owner, const xany& value) {
+            const qelReading<T> object(owner);
+            Set()(*object, qelValue<V>::unpack(value));
+        };
+    return row;
+}
+
+/// A row for the attribute that getN() reads: QEL_ATTR(N) or QEL_ATTR(N, qelOptional).
+#define QEL_ATTR(N, ...)                                                                        \
+    qelAttrOf<self>(                                                                            \
+        #N, [](self& object) { return object.get##N(); },                                       \
+        [](auto& object, const auto& value) requires requires { object._s11n_set##N(value); } { \
+            object._s11n_set##N(value);                                                         \
+        } __VA_OPT__(, ) __VA_ARGS__)
+
+/// A row for an attribute read in another way: QEL_ATTR_BY(ModTime, object.modifiedAt()). `object` is the
+/// owner.
+#define QEL_ATTR_BY(N, expression, ...) \
+    qelAttrOf<self>(                    \
+        #N, [](self& object) { return expression; }, nullptr __VA_OPT__(, ) __VA_ARGS__)
+
+template<class T, class P>
+constexpr qelParent qelParentOf = {
+    .rtti = &P::getClassRtti,
+    .downcast = [](void* object,
+                   const xrttiobject* wanted) { return static_cast<T*>(object)->P::dyndowncast(wanted); },
+};
+
+/// A row for a direct base class.
+#define QEL_PARENT(P) qelParentOf<self, P>
+
+template<class T>
+xobject* qelCreateOf()
+{
+    return T::create();
+}
+
+// Read through getarraysize() and get(index).
+template<class S>
+constexpr qelShape qelSequenceShape(unsigned char optional)
+{
+    using V = std::remove_cvref_t<decltype(static_cast<S*>(nullptr)->get(0))>;
+    return {.kind = qelShape::sequence,
+            .optional = optional,
+            .elemType = &qelValue<V>::rtti,
+            .size = [](xobject* owner) -> int { return qelReading<S>(owner)->getarraysize(); },
+            .elemAt = [](xobject* owner, int index) -> xany {
+                const qelReading<S> object(owner);
+                return qelValue<V>::pack(object->get(index));
+            }};
+}
+
+template<class F>
+struct qelFoundValue;
+template<class S, class V>
+struct qelFoundValue<unsigned char (S::*)(const char*, V*)>
+{
+    using type = V;
+};
+
+// Read through getarraysize(), find(key, out), getkeybyindex(slot, outKey) and getbyindex(slot, out).
+template<class D>
+constexpr qelShape qelDictionaryShape(unsigned char optional)
+{
+    using V = typename qelFoundValue<decltype(&D::find)>::type;
+    return {.kind = qelShape::dictionary,
+            .optional = optional,
+            .elemType = &qelValue<V>::rtti,
+            .size = [](xobject* owner) -> int { return qelReading<D>(owner)->getarraysize(); },
+            .find = [](xobject* owner, const char* key, xany* out) -> unsigned char {
+                const qelReading<D> object(owner);
+                V value{};
+                if (!object->find(key, &value))
+                    return 0;
+                if (out != nullptr)
+                    *out = qelValue<V>::pack(value);
+                return 1;
+            },
+            .keyAt = [](xobject* owner, int index, xstring* outKey) -> unsigned char {
+                return qelReading<D>(owner)->getkeybyindex(index, outKey);
+            },
+            .valueAt = [](xobject* owner, int index, xany* out) -> unsigned char {
+                const qelReading<D> object(owner);
+                V value{};
+                if (!object->getbyindex(index, &value))
+                    return 0;
+                if (out != nullptr)
+                    *out = qelValue<V>::pack(value);
+                return 1;
+            }};
+}
+
+// Read through getelement(indices), one index for each of the table's `dims`.
+template<class A>
+constexpr qelShape qelArrayShape(unsigned char optional)
+{
+    using V = std::remove_cvref_t<decltype(static_cast<A*>(nullptr)->getelement(static_cast<int*>(nullptr)))>;
+    return {.kind = qelShape::array,
+            .optional = optional,
+            .elemType = &qelValue<V>::rtti,
+            .elemAtAll = [](xobject* owner, int* indices) -> xany {
+                const qelReading<A> object(owner);
+                return qelValue<V>::pack(object->getelement(indices));
+            }};
+}
+
+template<class S, unsigned char optional>
+inline constexpr qelShape qelSequenceRow = qelSequenceShape<S>(optional);
+template<class D, unsigned char optional>
+inline constexpr qelShape qelDictionaryRow = qelDictionaryShape<D>(optional);
+template<class A, unsigned char optional>
+inline constexpr qelShape qelArrayRow = qelArrayShape<A>(optional);
+
+template<class S, unsigned char optional = qelMandatory>
+inline constexpr const qelShape* qelSequenceOf = &qelSequenceRow<S, optional>;
+template<class D, unsigned char optional = qelMandatory>
+inline constexpr const qelShape* qelDictionaryOf = &qelDictionaryRow<D, optional>;
+template<class A, unsigned char optional = qelMandatory>
+inline constexpr const qelShape* qelArrayOf = &qelArrayRow<A, optional>;
+
+// ---- enumerations
+
+/// Builds and registers the descriptor of an enumeration whose labels are those of `list`, separated by
+/// commas.
+QEL_API xrttienum* qelBuildEnum(const char* name, int count, const char* list);
+
+template<class E>
+constexpr bool qelCountsFromZero(std::initializer_list<E> values)
+{
+    int expected = 0;
+    for (const E v : values)
+        if (static_cast<int>(v) != expected++)
+            return false;
+    return true;
+}
+
+/// In a source, after QEL_ENUM(E) in the header: QEL_LABELS(Colour, "paint::Colour", red, green, blue). The
+/// labels are the names of the enumerators, listed in order from 0.
+#define QEL_LABELS(E, name, ...)                                                                 \
+    static_assert(qelCountsFromZero<E>({__VA_ARGS__}), "label i names value i");                 \
+    xrttienum* qelGetRtti_##E()                                                                  \
+    {                                                                                            \
+        static xrttienum* const type = qelBuildEnum(                                             \
+            name, static_cast<int>(std::initializer_list<E>{__VA_ARGS__}.size()), #__VA_ARGS__); \
+        return type;                                                                             \
+    }                                                                                            \
+    static_assert(true)
+
+// ---- registration
+
+template<class T>
+void qelRegisterOne()
+{
+    if constexpr (std::is_enum_v<T>)
+        qelEnumRtti(static_cast<T*>(nullptr));
+    else
+        T::getClassRtti();
+}
+
+template<class... T>
+void qelRegister()
+{
+    (qelRegisterOne<T>(), ...);
+}

@@ -1,0 +1,247 @@
+#include "xany.h"
+
+#include <qel/base/btkabort.h>
+#include <qel/base/btkstrbuf.h>
+
+#include "qelexception.h"
+#include "qelrtti.h"
+
+// ---- construction and destruction
+
+xany::xany(int v, xrttienum* type)
+{
+    if (v == xnullint || v == xuninitint || v == type->getNValues()) {
+        setPlain(v == xuninitint ? xanyUninit : xanyNull, 0);
+        return;
+    }
+    value.tag = xanyEnum;
+    value.u.enumValue.value = v;
+    value.u.enumValue.type = type;
+}
+
+xany::xany(xstring s)
+{
+    if (s == nullptr) {
+        setPlain(xanyNull, 0);
+        return;
+    }
+    value.tag = xanyString;
+    value.u.stringValue = s.getxstring_c();
+}
+
+xany::xany(const char* text) : xany(xstring(text))
+{
+    if (text == xuninitstr)
+        value.tag = xanyUninit;
+}
+
+xany::xany(xobject* p)
+{
+    if (!qelIsObject(p)) {
+        setPlain(p == nullptr ? xanyNull : xanyUninit, 0);
+        return;
+    }
+    xrcattach(p);
+    value.tag = xanyObject;
+    value.u.objectValue = p;
+}
+
+void xany::copyHeld(const __xany_c& from)
+{
+    value = from;
+    switch (from.tag) {
+    case xanyString:
+        if (from.u.stringValue.buffer != nullptr)
+            from.u.stringValue.buffer->Lock(&value.u.stringValue.mb, &value.u.stringValue.wide);
+        break;
+    case xanyEnum:
+        break;
+    case xanyObject:
+        xrcattach(from.u.objectValue);
+        break;
+    default:
+        QEL_ABORT("Can not be here.");
+    }
+}
+
+void xany::dropHeld(const __xany_c& held)
+{
+    if (held.tag == xanyString) {
+        if (held.u.stringValue.buffer != nullptr)
+            held.u.stringValue.buffer->Unlock();
+    } else if (held.tag == xanyObject) {
+        xrcrelease(held.u.objectValue);
+    }
+}
+
+// ---- queries
+
+xrtti* xany::getRtti() const
+{
+    switch (value.tag) {
+    case xanyUninit:
+    case xanyNull:
+        return qelGetRtti_any();
+    case xanyInt:
+        return qelGetRtti_int();
+    case xanyBool:
+        return qelGetRtti_bool();
+    case xanyReal:
+        return qelGetRtti_real();
+    case xanyString:
+        return qelGetRtti_string();
+    case xanyEnum:
+        return value.u.enumValue.type;
+    case xanyObject:
+        // A C caller may have put a marker where an object belongs.
+        return qelIsObject(value.u.objectValue) ? qelUpcast<xrtti>(value.u.objectValue->getRtti())
+                                                : qelGetRtti_any();
+    default:
+        QEL_ABORT("Can not be here.");
+    }
+}
+
+xstring xany::getQelTypeName() const
+{
+    return getRtti()->getName();
+}
+
+unsigned char xany::softvalidate(xrtti* type, unsigned char optional) const
+{
+    return isNull() ? optional : getRtti()->isKindOf(type);
+}
+
+void xany::validate(xrtti* type, unsigned char optional) const
+{
+    if (softvalidate(type, optional))
+        return;
+    if (isNull())
+        qelXNull::Throw();
+    qelXTypeMismatch::Throw(type->getName().CastToCString(), *this);
+}
+
+unsigned char xany::equalsHeld(const xany& other) const
+{
+    switch (value.tag) {
+    case xanyString: {
+        const __xstring_c& a = value.u.stringValue;
+        const __xstring_c& b = other.value.u.stringValue;
+        if (a.buffer == b.buffer)
+            return a.buffer != nullptr;
+        if (a.buffer == nullptr || b.buffer == nullptr)
+            return 0;
+        return xstring(a) == xstring(b);
+    }
+    case xanyEnum:
+        return value.u.enumValue.value == other.value.u.enumValue.value &&
+               value.u.enumValue.type == other.value.u.enumValue.type;
+    case xanyObject:
+        return value.u.objectValue == other.value.u.objectValue;
+    default:
+        QEL_ABORT("Can not be here.");
+    }
+}
+
+unsigned char xany::operator==(const char* text) const
+{
+    if (text == xuninitstr)
+        return isUninit();
+    if (text == xnullstr)
+        return isNull();
+    return text != nullptr && value.tag == xanyString && xstring(value.u.stringValue) == text;
+}
+
+// ---- conversions
+
+xany::operator int() const
+{
+    switch (value.tag) {
+    case xanyUninit:
+        return xuninitint;
+    case xanyNull:
+        return xnullint;
+    case xanyInt:
+        return value.u.intValue;
+    case xanyEnum:
+        return value.u.enumValue.value;
+    default:
+        QEL_ABORT("Can not convert xany to xint.");
+    }
+}
+
+xany::operator unsigned char() const
+{
+    switch (value.tag) {
+    case xanyUninit:
+        return xuninitbool;
+    case xanyNull:
+        return xnullbool;
+    case xanyBool:
+        return value.u.boolValue;
+    default:
+        QEL_ABORT("Can not convert xany to xbool.");
+    }
+}
+
+xany::operator double() const
+{
+    switch (value.tag) {
+    case xanyUninit:
+        return xuninitreal;
+    case xanyNull:
+        return xnullreal;
+    case xanyReal:
+        return value.u.realValue;
+    default:
+        QEL_ABORT("Can not convert xany to xreal.");
+    }
+}
+
+xany::operator xstring() const
+{
+    switch (value.tag) {
+    case xanyUninit:
+    case xanyNull:
+        return {};
+    case xanyString:
+        return xstring(value.u.stringValue);
+    default:
+        QEL_ABORT("Can not convert xany to xrstring.");
+    }
+}
+
+xany::operator xobject*() const
+{
+    switch (value.tag) {
+    case xanyUninit:
+        return xuninitobj;
+    case xanyNull:
+        return nullptr;
+    case xanyObject:
+        return value.u.objectValue;
+    default:
+        QEL_ABORT("Can not convert xany to xobject.");
+    }
+}
+
+// ---- the C form
+
+__xany_c xany::getxany_c() const
+{
+    xany copy(*this);
+    const __xany_c result = copy.value;
+    copy.setPlain(xanyUninit, 0); // its references are the caller's now
+    return result;
+}
+
+__xany_c xcadapt_cxx2c(xany a)
+{
+    return a.getxany_c();
+}
+
+xany xcadapt_c2cxx(__xany_c c)
+{
+    xany result;
+    result = c;
+    return result;
+}

@@ -1,0 +1,187 @@
+#pragma once
+
+#include <concepts>
+
+#include <qel/xobject.h>
+#include <qel/xstring.h>
+
+class xrttienum;
+
+/// One value of any framework type, or null, or uninit ("never set", which a default-constructed variant is).
+/// It has the layout of `__xany_c`. A string payload owns one reference to its buffer, an object payload one
+/// counted reference; an object that was never attached dies with the variant. One variant is used by one
+/// thread at a time.
+class QEL_API xany
+{
+public:
+    xany() { setPlain(xanyUninit, 0); }
+    xany(const xany& other) { copyFrom(other.value); }
+    xany(xany&& other) noexcept : value(other.value) { other.setPlain(xanyUninit, 0); }
+    ~xany() { drop(value); }
+
+    xany(std::nullptr_t) { setPlain(xanyNull, 0); }
+    /// xnullint: null. xuninitint: uninit.
+    xany(int v) { setInt(v); }
+    /// The value of an enumeration. As an int; the number of labels is null, too. `type` is not null.
+    xany(int v, xrttienum* type);
+    /// xnullbool: null. xuninitbool: uninit. Other bytes are kept as given.
+    xany(unsigned char v) { setBool(v); }
+    template<std::same_as<bool> B>
+    xany(B v)
+    {
+        setBool(v ? 1 : 0);
+    }
+    /// xnullreal: null. xuninitreal: uninit.
+    xany(double v) { setReal(v); }
+    /// The null string: null. Shares the buffer.
+    xany(xstring s);
+    /// Null or xnullstr: null. xuninitstr: uninit.
+    xany(const char* text);
+    /// Null: null. xuninitobj: uninit. Takes a counted reference of its own.
+    xany(xobject* p);
+    template<class T>
+    requires std::is_convertible_v<T*, xobject*> xany(T* p) : xany(qelObjectOf(p)) {}
+    template<class T>
+    xany(const xrcbasehandle<T>& handle) : xany(qelObjectOf(handle.get()))
+    {
+    }
+    template<class T>
+    xany(T*) = delete; // any other pointer would pass for a bool
+
+    xany& operator=(const xany& other)
+    {
+        // Take before giving back: a variant may be assigned to itself, or from a part of what it holds.
+        const __xany_c old = value;
+        copyFrom(other.value);
+        drop(old);
+        return *this;
+    }
+    xany& operator=(xany&& other) noexcept
+    {
+        if (this != &other) {
+            const __xany_c old = value;
+            value = other.value;
+            other.setPlain(xanyUninit, 0);
+            drop(old);
+        }
+        return *this;
+    }
+    /// Takes references of its own; `c` keeps its references.
+    xany& operator=(const __xany_c& c)
+    {
+        const __xany_c old = value;
+        copyFrom(c);
+        drop(old);
+        return *this;
+    }
+
+    /// The kind: xanyUninit ... xanyObject.
+    int getKind() const { return value.tag; }
+    bool isUninit() const { return value.tag == xanyUninit; }
+    bool isNull() const { return value.tag == xanyNull; }
+
+    /// The descriptor of the value's type: that of the object, of the enumeration, or the built-in one; "any"
+    /// for null and uninit. Null when an object reports none.
+    xrtti* getRtti() const;
+    /// The registered name of the value's type.
+    xstring getQelTypeName() const;
+
+    /// Whether the value may stand where `type` is asked for; null may where `optional` is set.
+    unsigned char softvalidate(xrtti* type, unsigned char optional) const;
+    /// @throws qelXNull          the value is null, and `optional` is not set
+    /// @throws qelXTypeMismatch  the value is of another type
+    void validate(xrtti* type, unsigned char optional) const;
+
+    /// Same kind and same value: ints and reals by value, bools by their byte, strings by their text,
+    /// enumerations by value and type, objects by identity.
+    unsigned char operator==(const xany& other) const
+    {
+        if (value.tag != other.value.tag)
+            return 0;
+        switch (value.tag) {
+        case xanyUninit:
+        case xanyNull:
+            return 1;
+        case xanyInt:
+            return value.u.intValue == other.value.u.intValue;
+        case xanyBool:
+            return value.u.boolValue == other.value.u.boolValue;
+        case xanyReal:
+            return value.u.realValue == other.value.u.realValue;
+        default:
+            return equalsHeld(other);
+        }
+    }
+    unsigned char operator!=(const xany& other) const { return !(*this == other); }
+    /// A string with this text; xnullstr asks for null, xuninitstr for uninit, and a null pointer equals
+    /// nothing.
+    unsigned char operator==(const char* text) const;
+    unsigned char operator!=(const char* text) const { return !(*this == text); }
+    /// Whether the value is null.
+    unsigned char operator==(std::nullptr_t) const { return isNull(); }
+    unsigned char operator!=(std::nullptr_t) const { return !isNull(); }
+    template<class N>
+    requires std::is_arithmetic_v<N>
+    unsigned char operator==(N number) const { return *this == xany(number); }
+
+    /// Null and uninit give the markers of the target type. A value of another kind is a broken invariant of
+    /// the caller and ends the process: ask the kind first.
+    operator int() const;
+    operator unsigned char() const;
+    operator double() const;
+    /// Null and uninit give the null string.
+    operator xstring() const;
+    /// Takes no reference.
+    operator xobject*() const;
+
+    /// A copy in C form with references of its own, which the caller gives back (assign it to a variant and
+    /// unlock).
+    __xany_c getxany_c() const;
+
+private:
+    void setPlain(int tag, int v)
+    {
+        value.tag = tag;
+        value.u.realValue = 0; // copies may read the first word whatever the kind
+        value.u.intValue = v;
+    }
+    void setInt(int v) { setPlain(v == xnullint ? xanyNull : v == xuninitint ? xanyUninit : xanyInt, v); }
+    void setBool(unsigned char v)
+    {
+        setPlain(v == xnullbool ? xanyNull : v == xuninitbool ? xanyUninit : xanyBool, 0);
+        value.u.boolValue = v;
+    }
+    void setReal(double v)
+    {
+        value.tag = v == xnullreal ? xanyNull : v == xuninitreal ? xanyUninit : xanyReal;
+        value.u.realValue = v;
+    }
+
+    static bool isPlain(int tag) { return static_cast<unsigned>(tag) < xanyString; }
+    void copyFrom(const __xany_c& from)
+    {
+        if (isPlain(from.tag)) {
+            value.tag = from.tag;
+            __builtin_memcpy(&value.u, &from.u, sizeof value.u.realValue);
+        } else {
+            copyHeld(from);
+        }
+    }
+    static void drop(const __xany_c& held)
+    {
+        if (!isPlain(held.tag))
+            dropHeld(held);
+    }
+    void copyHeld(const __xany_c& from);
+    static void dropHeld(const __xany_c& held);
+    unsigned char equalsHeld(const xany& other) const;
+
+    __xany_c value;
+};
+
+static_assert(sizeof(xany) == sizeof(__xany_c));
+
+/// The variant in C form; the result owns its references.
+QEL_API __xany_c xcadapt_cxx2c(xany a);
+/// A variant of the value in C form; `c` keeps its own references.
+QEL_API xany xcadapt_c2cxx(__xany_c c);

@@ -1,0 +1,433 @@
+#pragma once
+
+#include <cstdint>
+#include <new>
+#include <type_traits>
+
+#include <qel/base/btkmemory.h>
+#include <qel/qelexport.h>
+#include <qel/qelxobj_i.h>
+
+class xstring;
+struct qelClass;
+class qelS11nContext;
+template<class T>
+class xrcunihandle;
+
+// ---- marker pointers
+
+/// Whether `p` points at an object or a text: false for null and for the reserved numbers (1 and 2 for
+/// strings, 22 for objects), which travel in pointer variables and are never dereferenced.
+inline bool qelIsObject(const void* p)
+{
+    return reinterpret_cast<std::uintptr_t>(p) > reinterpret_cast<std::uintptr_t>(xuninitobj);
+}
+
+/// `p` as a pointer to its base class `To`. A marker keeps its number: a base class may be virtual, and then
+/// an ordinary conversion reads the object.
+template<class To, class From>
+inline To* qelUpcast(From* p)
+{
+    return qelIsObject(p) ? static_cast<To*>(p) : reinterpret_cast<To*>(reinterpret_cast<std::uintptr_t>(p));
+}
+
+/// `p` as a pointer to the root class; a marker keeps its number.
+template<class T>
+inline xobject* qelObjectOf(T* p)
+{
+    return qelUpcast<xobject>(p);
+}
+
+// ---- the root class
+
+/// The root of every framework object: a signed 32-bit reference count and the operations that every class
+/// has.
+///
+/// Count: 0, no counted reference has been taken yet (or the last one of an object that is not deletable
+/// went); n > 0, n counted references; -1, the class is not reference countable. A countable object dies with
+/// its last reference. One that was never attached dies with the first handle or variant that lets it go: who
+/// wants to keep a new object attaches it first. An object of a class that is not countable is freed by
+/// xdelete.
+///
+/// Counts may change from any thread; `onDelete` and destruction run one at a time for the whole process.
+/// Copying an object does not copy its count.
+class QEL_API xobject
+{
+public:
+    xobject() = default;
+    xobject(const xobject&) {}
+    xobject& operator=(const xobject&) { return *this; }
+
+protected:
+    virtual ~xobject() = default;
+
+public:
+    /// This object as a pointer to the class in its ancestry that `cls` describes (descriptors with equal
+    /// names are the same); null when there is none. "object" answers the root part.
+    virtual void* dyndowncast(const xrttiobject* cls);
+    /// Kept for the order of the operations. Answers null.
+    virtual void* dyndowncast_i(const xrttiobject* cls);
+
+private:
+    /// The descriptor of the object's class.
+    virtual xrttiobject* giveRtti();
+    /// Whether the last release deletes the object.
+    virtual unsigned char isDeletable();
+    /// Called once, just before the destructor, when the last release or xdelete deletes the object.
+    virtual void onDelete();
+    virtual void xattach();
+    virtual void xrelease();
+    virtual void xfree();
+
+public:
+    /// The descriptor of the object's class. Never freed.
+    xrttiobject* getRtti() { return giveRtti(); }
+    /// The registered name of the object's class.
+    xstring getQelTypeName();
+    /// Whether the object's class has the name of `cls`. Null: false.
+    unsigned char isSameAs(xrttiobject* cls);
+    /// Whether the object's class is `cls` or derives from it. Null: false.
+    unsigned char isKindOf(xrttiobject* cls);
+    /// Whether the object's class is reference countable.
+    unsigned char isRefCountable();
+
+    /// Every object is an xobject: both answer `p` itself.
+    static xobject* cast(xobject* p) { return p; }
+    static xobject* softcast(xobject* p) { return p; }
+
+private:
+    void attachFirst();
+    void releaseLast();
+
+    friend void xrcattach(xobject* p);
+    friend void xrcrelease(xobject* p);
+    friend int xrcgetcount(xobject* p);
+    friend QEL_API void xdelete(xobject* p);
+
+    std::int32_t refcount = 0;
+};
+
+/// Takes one counted reference. Null and xuninitobj: nothing. Safe to call from any thread that may use the
+/// object.
+inline void xrcattach(xobject* p)
+{
+    if (qelIsObject(p))
+        p->xattach();
+}
+
+/// Gives one counted reference back; the last one deletes the object. Null and xuninitobj: nothing; an object
+/// that was never attached or is not countable is left alone.
+inline void xrcrelease(xobject* p)
+{
+    if (qelIsObject(p))
+        p->xrelease();
+}
+
+/// The same as xrcattach.
+inline void xrcuniattach(xobject* p)
+{
+    xrcattach(p);
+}
+
+/// The same as xrcrelease.
+inline void xrcunirelease(xobject* p)
+{
+    xrcrelease(p);
+}
+
+/// The count of `p`, which is a live object.
+inline int xrcgetcount(xobject* p)
+{
+    return __atomic_load_n(&p->refcount, __ATOMIC_RELAXED);
+}
+
+/// Frees an object of a class that is not reference countable. Null: nothing.
+/// @throws qelXNotInitialized  `p` is xuninitobj
+/// @throws qelXRefCountable    the class of `p` is countable; the object is not touched
+QEL_API void xdelete(xobject* p);
+
+// ---- casts
+
+[[noreturn]] QEL_API void qelThrowTypeMismatch(xrttiobject* expected, xobject* p);
+
+/// `p` as a T, or null when it is none. Null and xuninitobj come back as they are.
+template<class T>
+T* qelSoftcast(xobject* p)
+{
+    if (!qelIsObject(p))
+        return reinterpret_cast<T*>(reinterpret_cast<std::uintptr_t>(p));
+    return static_cast<T*>(p->dyndowncast(T::getClassRtti()));
+}
+
+/// `p` as a T. Null and xuninitobj come back as they are.
+/// @throws qelXTypeMismatch  `p` is no T
+template<class T>
+T* qelCast(xobject* p)
+{
+    T* const result = qelSoftcast<T>(p);
+    if (result == nullptr && p != nullptr)
+        qelThrowTypeMismatch(T::getClassRtti(), p);
+    return result;
+}
+
+// ---- what a class body says to be known to the type system (qeltable.h has the table that goes with it)
+
+QEL_API xrttiobject* qelDescriptorOf(qelClass& cls);
+QEL_API void* qelDowncast(qelClass& cls, void* self, xobject* object, const xrttiobject* wanted);
+
+/// First in the body of an exposed class: its descriptor (`getClassRtti`), its casts, and the operations by
+/// which objects report their class. The class's source defines the table `T::rtti`. What follows is private.
+#define QEL_OBJECT(T)                                  \
+public:                                                \
+    using self = T;                                    \
+    static xrttiobject* getClassRtti()                 \
+    {                                                  \
+        return qelDescriptorOf(rtti);                  \
+    }                                                  \
+    static T* softcast(xobject* p)                     \
+    {                                                  \
+        return qelSoftcast<T>(p);                      \
+    }                                                  \
+    static T* cast(xobject* p)                         \
+    {                                                  \
+        return qelCast<T>(p);                          \
+    }                                                  \
+    void* dyndowncast(const xrttiobject* cls) override \
+    {                                                  \
+        return qelDowncast(rtti, this, this, cls);     \
+    }                                                  \
+                                                       \
+private:                                               \
+    xrttiobject* giveRtti() override                   \
+    {                                                  \
+        return getClassRtti();                         \
+    }                                                  \
+    static qelClass rtti
+
+/// After an enumeration: declares its descriptor, `qelGetRtti_E()`. Its source says QEL_LABELS (qeltable.h).
+#define QEL_ENUM(E)                      \
+    QEL_API xrttienum* qelGetRtti_##E(); \
+    inline xrttienum* qelEnumRtti(E*)    \
+    {                                    \
+        return qelGetRtti_##E();         \
+    }                                    \
+    static_assert(sizeof(E) <= sizeof(int))
+class xrttienum;
+
+/// In the body of a class that can be rebuilt from a serialized form: the constructor that leaves every
+/// attribute without a value, and the creation entry, which answers a new T as an untyped pointer, or null
+/// without memory.
+#define QEL_REBUILD(T)                                 \
+public:                                                \
+    static void* _s11n_create(qelS11nContext* context) \
+    {                                                  \
+        try {                                          \
+            return new (pDefMemMgr) T(context);        \
+        } catch (const std::bad_alloc&) {              \
+            return nullptr;                            \
+        }                                              \
+    }                                                  \
+                                                       \
+protected:                                             \
+    explicit T(qelS11nContext*)                        \
+    {                                                  \
+    }                                                  \
+                                                       \
+private:                                               \
+    static_assert(true)
+
+/// The value that stands for "no value yet" in an attribute of type V: null for numbers, and what V's default
+/// constructor makes for the others (null string, uninit variant, null handle).
+template<class V>
+V qelUnset()
+{
+    if constexpr (std::is_same_v<V, int>)
+        return xnullint;
+    else if constexpr (std::is_same_v<V, double>)
+        return xnullreal;
+    else if constexpr (std::is_same_v<V, unsigned char>)
+        return xnullbool;
+    else
+        return V();
+}
+
+/// In a class body: an attribute kept in a field of its own, with its accessor and its rebuild hook.
+#define QEL_PROPERTY(type, Name)             \
+public:                                      \
+    type get##Name() const                   \
+    {                                        \
+        return Name;                         \
+    }                                        \
+    virtual void _s11n_set##Name(type value) \
+    {                                        \
+        Name = value;                        \
+    }                                        \
+                                             \
+private:                                     \
+    type Name = qelUnset<type>()
+
+// ---- handles
+
+/// What the handles share: one pointer. Null and xuninitobj are held as they are.
+template<class T>
+class xrcbasehandle
+{
+public:
+    T* operator->() const { return pointer; }
+    T& operator*() const { return *pointer; }
+    /// The pointer, without a reference of its own.
+    T* get() const { return pointer; }
+    /// Whether an object is held, neither null nor xuninitobj.
+    explicit operator bool() const { return qelIsObject(pointer); }
+
+protected:
+    explicit xrcbasehandle(T* p) : pointer(p) {}
+    xrcbasehandle(const xrcbasehandle&) = default;
+    xrcbasehandle& operator=(const xrcbasehandle&) = default;
+    ~xrcbasehandle() { pointer = nullptr; }
+
+    T* pointer;
+};
+
+/// A handle that always counts: it owns one counted reference to the object it holds. For objects of
+/// countable classes. One handle is used by one thread at a time; the objects may be shared.
+template<class T>
+class xrchandle : public xrcbasehandle<T>
+{
+    using base = xrcbasehandle<T>;
+
+public:
+    xrchandle() : base(nullptr) {}
+    xrchandle(std::nullptr_t) : base(nullptr) {}
+    /// Takes a reference of its own.
+    xrchandle(T* p) : base(p) { xrcattach(qelObjectOf(p)); }
+    xrchandle(const xrchandle& other) : xrchandle(other.pointer) {}
+    xrchandle(xrchandle&& other) noexcept : base(other.pointer) { other.pointer = nullptr; }
+    template<class U>
+    requires std::is_convertible_v<U*, T*> xrchandle(const xrchandle<U>& other)
+        : xrchandle(qelUpcast<T>(other.get()))
+    {
+    }
+    ~xrchandle() { xrcrelease(qelObjectOf(this->pointer)); }
+
+    xrchandle& operator=(T* p)
+    {
+        if (p != this->pointer) {
+            // Attach before release: what is held may be the only owner of `p`.
+            T* const old = this->pointer;
+            xrcattach(qelObjectOf(p));
+            this->pointer = p;
+            xrcrelease(qelObjectOf(old));
+        }
+        return *this;
+    }
+    xrchandle& operator=(const xrchandle& other) { return *this = other.pointer; }
+    xrchandle& operator=(xrchandle&& other) noexcept
+    {
+        if (this != &other) {
+            T* const old = this->pointer;
+            this->pointer = other.pointer;
+            other.pointer = nullptr;
+            xrcrelease(qelObjectOf(old));
+        }
+        return *this;
+    }
+};
+
+/// A handle for objects of any class: it owns a counted reference when the object's class is countable, and
+/// merely refers to it otherwise. Its destructor looks at its own flag, never at an object that may be gone.
+template<class T>
+class xrcunihandle : public xrcbasehandle<T>
+{
+    using base = xrcbasehandle<T>;
+
+public:
+    xrcunihandle() : base(nullptr) {}
+    xrcunihandle(std::nullptr_t) : base(nullptr) {}
+    /// Takes a reference of its own when the class of `p` is countable.
+    xrcunihandle(T* p) : base(p), counted(attach(p)) {}
+    xrcunihandle(const xrcunihandle& other) : xrcunihandle(other.pointer) {}
+    xrcunihandle(xrcunihandle&& other) noexcept : base(other.pointer), counted(other.counted)
+    {
+        other.pointer = nullptr;
+        other.counted = false;
+    }
+    template<class U>
+    requires std::is_convertible_v<U*, T*> xrcunihandle(const xrcbasehandle<U>& other)
+        : xrcunihandle(qelUpcast<T>(other.get()))
+    {
+    }
+    ~xrcunihandle() { release(this->pointer, counted); }
+
+    xrcunihandle& operator=(T* p)
+    {
+        if (p != this->pointer) {
+            // Attach before release: what is held may be the only owner of `p`.
+            const bool newCounted = attach(p);
+            T* const old = this->pointer;
+            const bool oldCounted = counted;
+            this->pointer = p;
+            counted = newCounted;
+            release(old, oldCounted);
+        }
+        return *this;
+    }
+    xrcunihandle& operator=(const xrcunihandle& other) { return *this = other.pointer; }
+    xrcunihandle& operator=(xrcunihandle&& other) noexcept
+    {
+        if (this != &other) {
+            T* const old = this->pointer;
+            const bool oldCounted = counted;
+            this->pointer = other.pointer;
+            counted = other.counted;
+            other.pointer = nullptr;
+            other.counted = false;
+            release(old, oldCounted);
+        }
+        return *this;
+    }
+
+private:
+    static bool attach(T* p)
+    {
+        if (!qelIsObject(p))
+            return false;
+        xobject* const object = p;
+        xrcattach(object);
+        return xrcgetcount(object) > 0; // an object of a class that is not countable has -1 now
+    }
+    static void release(T* p, bool wasCounted)
+    {
+        if (wasCounted)
+            xrcunirelease(p);
+    }
+
+    bool counted = false;
+};
+
+/// A T in automatic or member storage: handles may point at it, and the release of the last reference sets
+/// its count back to 0 instead of deleting it. It must outlive the handles.
+template<class T>
+class xauto : public T
+{
+public:
+    using T::T;
+    xauto() = default;
+
+private:
+    unsigned char isDeletable() override { return 0; }
+};
+
+// ---- throwing
+
+/// The base of everything that the framework throws.
+class QEL_API xthrowable : public xobject
+{
+public:
+    ~xthrowable() override;
+};
+
+/// Throws the object that `h` holds, as an `xthrowable*` that carries one more reference. The catcher owns
+/// that reference and releases it; an exception of a class that is not countable is freed with xdelete. Null
+/// is thrown as qelXNotInitialized.
+[[noreturn]] QEL_API void xthrow(xrcunihandle<xthrowable> h);

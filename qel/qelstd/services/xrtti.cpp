@@ -1,0 +1,402 @@
+#include "xrtti.h"
+
+#include <cstring>
+#include <vector>
+
+#include "qelexception.h"
+#include "qelrtti.h"
+#include "qeltable.h"
+#include "xrttimap_p.h"
+#include "xsequence.h"
+
+constinit qelClass xrtti::rtti = {.name = "xrtti"};
+constinit qelClass xrttibasic::rtti = {.name = "xrttibasic", .parents = {QEL_PARENT(xrtti)}};
+constinit qelClass xrttienum::rtti = {.name = "xrttienum", .parents = {QEL_PARENT(xrtti)}};
+constinit qelClass xrttiobject::rtti = {.name = "xrttiobject", .parents = {QEL_PARENT(xrtti)}};
+constinit qelClass xrttiattr::rtti = {.name = "xrttiattr"};
+constinit qelClass xrttistruct::rtti = {.name = "xrttistruct", .parents = {QEL_PARENT(xrttiobject)}};
+constinit qelClass xrttiarray::rtti = {.name = "xrttiarray", .parents = {QEL_PARENT(xrttiobject)}};
+constinit qelClass xrttisequence::rtti = {.name = "xrttisequence", .parents = {QEL_PARENT(xrttiobject)}};
+constinit qelClass xrttidictionary::rtti = {.name = "xrttidictionary", .parents = {QEL_PARENT(xrttiobject)}};
+constinit qelClass xrttiunion::rtti = {.name = "xrttiunion", .parents = {QEL_PARENT(xrttiobject)}};
+
+namespace {
+
+template<class V>
+V at(V* block, int count, int i, V otherwise)
+{
+    return i >= 0 && i < count ? block[i] : otherwise;
+}
+
+unsigned hashOf(const char* text)
+{
+    unsigned hash = 2166136261u; // FNV-1a, 32 bits
+    while (qelIsObject(text) && *text != '\0')
+        hash = (hash ^ static_cast<unsigned char>(*text++)) * 16777619u;
+    return hash;
+}
+
+} // namespace
+
+// ---- xrtti
+
+xrtti::~xrtti()
+{
+    delete userData;
+}
+
+void xrtti::initialize(const char* typeName)
+{
+    name = typeName;
+    nameHash = hashOf(typeName);
+}
+
+xstring xrtti::getName()
+{
+    return name;
+}
+
+unsigned char xrtti::isSameAs(const xrtti* other) const
+{
+    if (this == other)
+        return 1;
+    return qelIsObject(other) && nameHash == other->nameHash && name == other->name;
+}
+
+unsigned char xrtti::isKindOf(const xrtti* other) const
+{
+    return qelIsObject(other) && (other->isSameAs(qelGetRtti_any()) || isSameAs(other));
+}
+
+void xrtti::addUserData(const char* key, void* data)
+{
+    if (userData == nullptr)
+        userData = new xrttiuserdata;
+    userData->set(key, data);
+}
+
+void* xrtti::getUserData(const char* key)
+{
+    return userData == nullptr ? nullptr : userData->get(key);
+}
+
+// ---- xrttibasic, xrttienum
+
+xrttibasic::xrttibasic(const char* typeName)
+{
+    initialize(typeName);
+}
+
+xrttienum::xrttienum(const char* typeName, int labelCount, const char** labelTexts)
+    : nValues(labelCount), labels(labelTexts)
+{
+    initialize(typeName);
+}
+
+int xrttienum::getNValues()
+{
+    return nValues;
+}
+
+xstring xrttienum::mapIntToString(int value)
+{
+    return xstring(at<const char*>(labels, nValues, value, nullptr));
+}
+
+int xrttienum::mapStringToInt(const char* label)
+{
+    for (int i = 0; qelIsObject(label) && i < nValues; ++i)
+        if (labels[i] == label || std::strcmp(labels[i], label) == 0)
+            return i;
+    return xnullint;
+}
+
+// ---- xrttiobject
+
+void xrttiobject::initialize(const char* typeName, unsigned char counted, int parentCount,
+                             xrttiobject** parentTypes)
+{
+    xrtti::initialize(typeName);
+    isRefCount = counted;
+    nParents = parentCount;
+    parents = parentTypes;
+}
+
+unsigned char xrttiobject::getIsRefCount()
+{
+    return isRefCount;
+}
+
+int xrttiobject::getNParents()
+{
+    return nParents;
+}
+
+xrttiobject* xrttiobject::getParent(int i)
+{
+    return at<xrttiobject*>(parents, nParents, i, nullptr);
+}
+
+unsigned char xrttiobject::isKindOf(const xrtti* other) const
+{
+    if (!qelIsObject(other))
+        return 0;
+    if (isSameAs(other) || other->isSameAs(qelGetRtti_any()) || other->isSameAs(qelGetRtti_object()))
+        return 1;
+    for (int i = 0; i < nParents; ++i)
+        if (parents[i]->isKindOf(other))
+            return 1;
+    return 0;
+}
+
+// ---- xrttiattr, xrttistruct
+
+xrttiattr::xrttiattr(const char* attrName, xrtti* attrType, unsigned char optional, xrttigetter read)
+    : name(attrName), type(attrType), isOptional(optional), getter(read)
+{
+}
+
+xstring xrttiattr::getName()
+{
+    return name;
+}
+
+xrtti* xrttiattr::getType()
+{
+    return type;
+}
+
+unsigned char xrttiattr::getIsOptional()
+{
+    return isOptional;
+}
+
+xany xrttiattr::getValue(xobject* owner)
+{
+    return getter(owner);
+}
+
+void xrttistruct::initialize(const char* typeName, unsigned char counted, int parentCount,
+                             xrttiobject** parentTypes, int attrCount, xrttiattr** ownAttrs)
+{
+    xrttiobject::initialize(typeName, counted, parentCount, parentTypes);
+    nAttrs = attrCount;
+    attrs = ownAttrs;
+}
+
+int xrttistruct::getNAttrs()
+{
+    return nAttrs;
+}
+
+xrttiattr* xrttistruct::getAttr(int i)
+{
+    return at<xrttiattr*>(attrs, nAttrs, i, nullptr);
+}
+
+xrttiattr* xrttistruct::findAttr(const char* attrName, unsigned char inherited)
+{
+    for (int i = 0; i < nAttrs; ++i)
+        if (attrs[i]->getName() == attrName)
+            return attrs[i];
+    for (int i = 0; inherited && i < getNParents(); ++i)
+        if (xrttiattr* const found = xrttistruct::cast(getParent(i))->findAttr(attrName, inherited))
+            return found;
+    return nullptr;
+}
+
+// ---- xrttiarray
+
+void xrttiarray::initialize(const char* typeName, unsigned char counted, int dimCount, int* extents,
+                            xrtti* elementType, unsigned char elemOptional, elemfn read)
+{
+    xrttiobject::initialize(typeName, counted, 0, nullptr);
+    nDims = dimCount;
+    dims = extents;
+    elemType = elementType;
+    isElemOptional = elemOptional;
+    getter = read;
+}
+
+int xrttiarray::getNDimentions()
+{
+    return nDims;
+}
+
+int xrttiarray::getDimention(int i)
+{
+    return at(dims, nDims, i, xnullint);
+}
+
+xrtti* xrttiarray::getElemType()
+{
+    return elemType;
+}
+
+unsigned char xrttiarray::getIsElemOptional()
+{
+    return isElemOptional;
+}
+
+xany xrttiarray::getElemValue(xobject* owner, xrchandle<xintsequence> indices)
+{
+    if (!indices)
+        qelhThrowNotInitialized();
+    constexpr int usual = 10;
+    int local[usual];
+    std::vector<int> more;
+    const int count = indices->getarraysize();
+    int* list = local;
+    if (count > usual) {
+        more.resize(static_cast<std::size_t>(count));
+        list = more.data();
+    }
+    for (int i = 0; i < count; ++i)
+        list[i] = indices->get(i);
+    return getElemValue(owner, list);
+}
+
+xany xrttiarray::getElemValue(xobject* owner, int* indices)
+{
+    return getter(owner, indices);
+}
+
+// ---- xrttisequence, xrttidictionary
+
+void xrttisequence::initialize(const char* typeName, unsigned char counted, xrtti* elementType,
+                               unsigned char elemOptional, sizefn size, elemfn read)
+{
+    xrttiobject::initialize(typeName, counted, 0, nullptr);
+    elemType = elementType;
+    isElemOptional = elemOptional;
+    sizeFn = size;
+    elemFn = read;
+}
+
+xrtti* xrttisequence::getElemType()
+{
+    return elemType;
+}
+
+unsigned char xrttisequence::getIsElemOptional()
+{
+    return isElemOptional;
+}
+
+int xrttisequence::getSize(xobject* owner)
+{
+    return sizeFn(owner);
+}
+
+xany xrttisequence::getElemValue(xobject* owner, int index)
+{
+    return elemFn(owner, index);
+}
+
+void xrttidictionary::initialize(const char* typeName, unsigned char counted, xrtti* elementType,
+                                 unsigned char elemOptional, sizefn size, findfn find, keybyidxfn keyByIdx,
+                                 valuebyidxfn valueByIdx)
+{
+    xrttiobject::initialize(typeName, counted, 0, nullptr);
+    elemType = elementType;
+    isElemOptional = elemOptional;
+    sizeFn = size;
+    findFn = find;
+    keyByIdxFn = keyByIdx;
+    valueByIdxFn = valueByIdx;
+}
+
+xrtti* xrttidictionary::getElemType()
+{
+    return elemType;
+}
+
+unsigned char xrttidictionary::getIsElemOptional()
+{
+    return isElemOptional;
+}
+
+int xrttidictionary::getSize(xobject* owner)
+{
+    return sizeFn(owner);
+}
+
+unsigned char xrttidictionary::findElemValue(xobject* owner, const char* key, xany* out)
+{
+    return findFn(owner, key, out);
+}
+
+unsigned char xrttidictionary::getElemKeyByIdx(xobject* owner, int index, xstring* outKey)
+{
+    return keyByIdxFn(owner, index, outKey);
+}
+
+unsigned char xrttidictionary::getElemValueByIdx(xobject* owner, int index, xany* out)
+{
+    return valueByIdxFn(owner, index, out);
+}
+
+// ---- xrttiunion
+
+void xrttiunion::initialize(const char* typeName, unsigned char counted, int parentCount,
+                            xrttiobject** parentTypes, xrttiattr* discriminator, int labelCount,
+                            int* labelValues, xrttiattr** members, xrttiattr* defaultMember)
+{
+    xrttiobject::initialize(typeName, counted, parentCount, parentTypes);
+    discr = discriminator;
+    nLabels = labelCount;
+    labels = labelValues;
+    attrs = members;
+    defaultAttr = defaultMember;
+}
+
+xrttiattr* xrttiunion::getDiscr()
+{
+    return discr;
+}
+
+int xrttiunion::getNLabels()
+{
+    return nLabels;
+}
+
+int xrttiunion::getLabel(int i)
+{
+    return at(labels, nLabels, i, xnullint);
+}
+
+xrttiattr* xrttiunion::getAttr(int i)
+{
+    return at<xrttiattr*>(attrs, nLabels, i, nullptr);
+}
+
+xrttiattr* xrttiunion::getDefaultAttr()
+{
+    return defaultAttr;
+}
+
+xrttiattr* xrttiunion::mapLabelToAttr(xany label, unsigned char inherited)
+{
+    switch (label.getKind()) {
+    case xanyNull:
+    case xanyUninit:
+    case xanyInt:
+    case xanyEnum:
+        return mapLabelToAttr(static_cast<int>(label), inherited);
+    default:
+        return nullptr;
+    }
+}
+
+xrttiattr* xrttiunion::mapLabelToAttr(int label, unsigned char inherited)
+{
+    for (int i = 0; i < nLabels; ++i)
+        if (labels[i] == label)
+            return attrs[i];
+    if (defaultAttr != nullptr)
+        return defaultAttr;
+    for (int i = 0; inherited && i < getNParents(); ++i)
+        if (xrttiattr* const found = xrttiunion::cast(getParent(i))->mapLabelToAttr(label, inherited))
+            return found;
+    return nullptr;
+}

@@ -1,0 +1,269 @@
+#pragma once
+
+#include <qel/xany.h>
+#include <qel/xobject.h>
+#include <qel/xstring.h>
+
+class xintsequence;
+struct xrttiuserdata;
+
+/// A function that reads one attribute of `owner`, a live object of the class that has the attribute.
+using xrttigetter = xany (*)(xobject* owner);
+
+/// The descriptor of a type: its name, and what generic code must know to walk values of the type.
+/// Descriptors are built once and never freed; their classes are not reference countable. An application may
+/// build descriptors of its own with the constructors and `initialize`; arrays given there are kept by
+/// pointer, and qelRttiAddToMap registers the result. On a descriptor, isSameAs and isKindOf ask about the
+/// type it describes.
+class QEL_API xrtti : public virtual xobject
+{
+    QEL_OBJECT(xrtti);
+
+public:
+    /// The qualified name of the type, "filelib::NodeInfo"; "object" or "int" for the built-in types.
+    virtual xstring getName();
+    /// Whether `other` is this descriptor or has the same name. Null: false.
+    virtual unsigned char isSameAs(const xrtti* other) const;
+    /// Whether every value of this type is one of `other`; everything is an "any". Null: false.
+    virtual unsigned char isKindOf(const xrtti* other) const;
+
+private:
+    /// Keeps `data` under `key` (kept by pointer), replacing what was there.
+    virtual void addUserData(const char* key, void* data);
+    /// What was kept under `key`, or null.
+    virtual void* getUserData(const char* key);
+
+protected:
+    xrtti() = default;
+    ~xrtti() override;
+    void initialize(const char* typeName);
+
+private:
+    friend QEL_API void qelRttiAddUserData(xrtti* type, const char* key, void* data);
+    friend QEL_API void* qelRttiGetUserData(xrtti* type, const char* key);
+
+    xstring name;
+    unsigned nameHash = 0; // tells most different names apart without reading them
+    xrttiuserdata* userData = nullptr;
+};
+
+/// The descriptor of a basic type: "bool", "int", "real", "string" or "any".
+class QEL_API xrttibasic : public virtual xrtti
+{
+    QEL_OBJECT(xrttibasic);
+
+public:
+    explicit xrttibasic(const char* typeName);
+};
+
+/// The descriptor of an enumeration: label i names value i. The number of labels, as a value, stands for
+/// null.
+class QEL_API xrttienum : public virtual xrtti
+{
+    QEL_OBJECT(xrttienum);
+
+public:
+    xrttienum(const char* typeName, int labelCount, const char** labelTexts);
+
+    virtual int getNValues();
+    /// The label of `value`, or the null string when it has none.
+    virtual xstring mapIntToString(int value);
+    /// The value that `label` names, or xnullint.
+    virtual int mapStringToInt(const char* label);
+
+private:
+    int nValues;
+    const char** labels;
+};
+
+/// The descriptor of a class of framework objects.
+class QEL_API xrttiobject : public virtual xrtti
+{
+    QEL_OBJECT(xrttiobject);
+
+public:
+    xrttiobject() = default;
+    void initialize(const char* typeName, unsigned char counted, int parentCount, xrttiobject** parentTypes);
+
+    /// Whether objects of the class are reference countable.
+    virtual unsigned char getIsRefCount();
+    virtual int getNParents();
+    /// The i-th direct base class in order of declaration, or null.
+    virtual xrttiobject* getParent(int i);
+    unsigned char isKindOf(const xrtti* other) const override;
+
+private:
+    unsigned char isRefCount = 0;
+    int nParents = 0;
+    xrttiobject** parents = nullptr;
+};
+
+/// One attribute of a structure or a union.
+class QEL_API xrttiattr : public virtual xobject
+{
+    QEL_OBJECT(xrttiattr);
+
+public:
+    xrttiattr(const char* attrName, xrtti* attrType, unsigned char optional, xrttigetter read);
+
+    virtual xstring getName();
+    virtual xrtti* getType();
+    /// Whether the attribute may be null.
+    virtual unsigned char getIsOptional();
+    /// The attribute's value.
+    /// @throws qelXTypeMismatch    `owner` is of another class
+    /// @throws qelXNotInitialized  `owner` is null or xuninitobj
+    virtual xany getValue(xobject* owner);
+
+private:
+    xstring name;
+    xrtti* type;
+    unsigned char isOptional;
+    xrttigetter getter;
+};
+
+/// The descriptor of a class with named attributes.
+class QEL_API xrttistruct : public virtual xrttiobject
+{
+    QEL_OBJECT(xrttistruct);
+
+public:
+    xrttistruct() = default;
+    void initialize(const char* typeName, unsigned char counted, int parentCount, xrttiobject** parentTypes,
+                    int attrCount, xrttiattr** ownAttrs);
+
+    /// The number of the class's own attributes; inherited ones are not counted.
+    virtual int getNAttrs();
+    /// The i-th own attribute in order of declaration, or null.
+    virtual xrttiattr* getAttr(int i);
+    /// The own attribute `attrName`; when there is none and `inherited` is set, that of the first parent in
+    /// order that has it; else null.
+    /// @throws qelXTypeMismatch  a parent that is asked is no structure
+    virtual xrttiattr* findAttr(const char* attrName, unsigned char inherited);
+
+private:
+    int nAttrs = 0;
+    xrttiattr** attrs = nullptr;
+};
+
+/// The descriptor of a class that is an array of fixed shape.
+class QEL_API xrttiarray : public virtual xrttiobject
+{
+    QEL_OBJECT(xrttiarray);
+
+public:
+    using elemfn = xany (*)(xobject* owner, int* indices);
+
+    xrttiarray() = default;
+    void initialize(const char* typeName, unsigned char counted, int dimCount, int* extents,
+                    xrtti* elementType, unsigned char elemOptional, elemfn read);
+
+    virtual int getNDimentions();
+    /// The extent of dimension `i`, or xnullint.
+    virtual int getDimention(int i);
+    virtual xrtti* getElemType();
+    virtual unsigned char getIsElemOptional();
+    /// The element at `indices`, one index a dimension.
+    virtual xany getElemValue(xobject* owner, xrchandle<xintsequence> indices);
+    virtual xany getElemValue(xobject* owner, int* indices);
+
+private:
+    int nDims = 0;
+    int* dims = nullptr;
+    xrtti* elemType = nullptr;
+    unsigned char isElemOptional = 0;
+    elemfn getter = nullptr;
+};
+
+/// The descriptor of a class that is a sequence of elements.
+class QEL_API xrttisequence : public virtual xrttiobject
+{
+    QEL_OBJECT(xrttisequence);
+
+public:
+    using sizefn = int (*)(xobject* owner);
+    using elemfn = xany (*)(xobject* owner, int index);
+
+    xrttisequence() = default;
+    void initialize(const char* typeName, unsigned char counted, xrtti* elementType,
+                    unsigned char elemOptional, sizefn size, elemfn read);
+
+    virtual xrtti* getElemType();
+    virtual unsigned char getIsElemOptional();
+    virtual int getSize(xobject* owner);
+    virtual xany getElemValue(xobject* owner, int index);
+
+private:
+    xrtti* elemType = nullptr;
+    unsigned char isElemOptional = 0;
+    sizefn sizeFn = nullptr;
+    elemfn elemFn = nullptr;
+};
+
+/// The descriptor of a class that maps string keys to elements. Elements are also reached by index: an index
+/// is a place in the table, from 0 to getSize() - 1, and a place may be empty.
+class QEL_API xrttidictionary : public virtual xrttiobject
+{
+    QEL_OBJECT(xrttidictionary);
+
+public:
+    using sizefn = int (*)(xobject* owner);
+    using findfn = unsigned char (*)(xobject* owner, const char* key, xany* out);
+    using keybyidxfn = unsigned char (*)(xobject* owner, int index, xstring* outKey);
+    using valuebyidxfn = unsigned char (*)(xobject* owner, int index, xany* out);
+
+    xrttidictionary() = default;
+    void initialize(const char* typeName, unsigned char counted, xrtti* elementType,
+                    unsigned char elemOptional, sizefn size, findfn find, keybyidxfn keyByIdx,
+                    valuebyidxfn valueByIdx);
+
+    virtual xrtti* getElemType();
+    virtual unsigned char getIsElemOptional();
+    /// The number of places, occupied or not.
+    virtual int getSize(xobject* owner);
+    /// Each stores what was asked for and answers whether the element exists.
+    virtual unsigned char findElemValue(xobject* owner, const char* key, xany* out);
+    virtual unsigned char getElemKeyByIdx(xobject* owner, int index, xstring* outKey);
+    virtual unsigned char getElemValueByIdx(xobject* owner, int index, xany* out);
+
+private:
+    xrtti* elemType = nullptr;
+    unsigned char isElemOptional = 0;
+    sizefn sizeFn = nullptr;
+    findfn findFn = nullptr;
+    keybyidxfn keyByIdxFn = nullptr;
+    valuebyidxfn valueByIdxFn = nullptr;
+};
+
+/// The descriptor of a discriminated union: an int or enumeration says which one of the members is there.
+class QEL_API xrttiunion : public virtual xrttiobject
+{
+    QEL_OBJECT(xrttiunion);
+
+public:
+    xrttiunion() = default;
+    void initialize(const char* typeName, unsigned char counted, int parentCount, xrttiobject** parentTypes,
+                    xrttiattr* discriminator, int labelCount, int* labelValues, xrttiattr** members,
+                    xrttiattr* defaultMember);
+
+    virtual xrttiattr* getDiscr();
+    virtual int getNLabels();
+    /// The i-th label, or xnullint.
+    virtual int getLabel(int i);
+    /// The member of the i-th label, or null.
+    virtual xrttiattr* getAttr(int i);
+    /// The member for labels that are not listed, or null.
+    virtual xrttiattr* getDefaultAttr();
+    /// The member of `label`, else the default member, else (with `inherited`) the first answer of a parent,
+    /// else null. A label that is neither null, uninit, int nor enumeration has no member.
+    /// @throws qelXTypeMismatch  a parent that is asked is no union
+    virtual xrttiattr* mapLabelToAttr(xany label, unsigned char inherited);
+    virtual xrttiattr* mapLabelToAttr(int label, unsigned char inherited);
+
+private:
+    xrttiattr* discr = nullptr;
+    int nLabels = 0;
+    int* labels = nullptr;
+    xrttiattr** attrs = nullptr;
+    xrttiattr* defaultAttr = nullptr;
+};
