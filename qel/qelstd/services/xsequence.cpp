@@ -1,0 +1,207 @@
+#include "xsequence.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "qeltable.h"
+
+constinit qelClass xboolsequence::rtti = {
+    .name = "booleanseq",
+    .counted = true,
+    .elements = qelSequenceOf<self>,
+    .create = &qelCreateOf<self>,
+};
+
+constinit qelClass xintsequence::rtti = {
+    .name = "intseq",
+    .counted = true,
+    .elements = qelSequenceOf<self>,
+    .create = &qelCreateOf<self>,
+};
+
+constinit qelClass xrealsequence::rtti = {
+    .name = "realseq",
+    .counted = true,
+    .elements = qelSequenceOf<self>,
+    .create = &qelCreateOf<self>,
+};
+
+constinit qelClass xstringsequence::rtti = {
+    .name = "stringseq",
+    .counted = true,
+    .elements = qelSequenceOf<self>,
+    .create = &qelCreateOf<self>,
+};
+
+constinit qelClass xanysequence::rtti = {
+    .name = "anyseq",
+    .counted = true,
+    .elements = qelSequenceOf<self>,
+    .create = &qelCreateOf<self>,
+};
+
+template class xtssequence<unsigned char>;
+template class xtssequence<int>;
+template class xtssequence<double>;
+template class xtcsequence<xstring>;
+template class xtcsequence<xany>;
+
+namespace {
+
+constexpr std::size_t maxBytes = 0x7fffffff; // and so at most as many elements as an int counts
+
+[[noreturn]] void throwTooLong()
+{
+    throw std::length_error("a sequence holds at most 2 GiB");
+}
+
+void checkRange(std::size_t offset, std::size_t n)
+{
+    if (offset > maxBytes || n > maxBytes - offset)
+        throwTooLong();
+}
+
+constexpr std::size_t elsewhere = static_cast<std::size_t>(-1);
+
+/// Where `p` points to in the `size` bytes at `block`.
+std::size_t positionIn(const char* block, std::size_t size, const void* p)
+{
+    const std::size_t distance =
+        reinterpret_cast<std::uintptr_t>(p) - reinterpret_cast<std::uintptr_t>(block);
+    return distance < size ? distance : elsewhere;
+}
+
+} // namespace
+
+void xbasesequence::Resize(std::size_t newUsed)
+{
+    checkRange(0, newUsed);
+    const unsigned before = used;
+    const auto after = static_cast<unsigned>(newUsed);
+    if (shrink || after > before) {
+        const std::size_t rounded = (newUsed + granularity - 1) / granularity * granularity;
+        if (rounded > maxBytes + 1)
+            throwTooLong();
+        if (rounded != capacity) {
+            data = static_cast<char*>(OnResize(static_cast<unsigned>(rounded)));
+            capacity = static_cast<unsigned>(rounded);
+            used = after;
+            resetSlots(after, std::min(before, capacity));
+            return;
+        }
+    }
+    used = after;
+    resetSlots(after, before);
+}
+
+void xbasesequence::resetSlots(unsigned from, unsigned to)
+{
+    if (from < to) {
+        OnDestroy(data + from, to - from);
+        OnAllocate(data + from, to - from);
+    }
+}
+
+void xbasesequence::BaseCopy(std::size_t offset, std::size_t n, const void* from)
+{
+    checkRange(offset, n);
+    const std::size_t position = positionIn(data, used, from);
+    if (offset + n > used)
+        Resize(offset + n);
+    if (n != 0)
+        OnCopy(data + offset, position == elsewhere ? from : data + position, static_cast<unsigned>(n));
+}
+
+void xbasesequence::BaseInsertEmpty(std::size_t offset, std::size_t n)
+{
+    checkRange(offset, n);
+    const unsigned before = used;
+    Resize(std::max<std::size_t>(before, offset) + n);
+    if (n != 0 && offset < before)
+        OnCopy(data + offset + n, data + offset, before - static_cast<unsigned>(offset));
+}
+
+void xbasesequence::BaseInsert(std::size_t offset, std::size_t n, const void* from)
+{
+    const std::size_t position = positionIn(data, used, from);
+    BaseInsertEmpty(offset, n);
+    if (n == 0)
+        return;
+    if (position == elsewhere) {
+        OnCopy(data + offset, from, static_cast<unsigned>(n));
+        return;
+    }
+    // What is inserted lay in this sequence: the part before `offset` still does, the rest has moved up.
+    const std::size_t stayed = position < offset ? std::min(n, offset - position) : 0;
+    if (stayed != 0)
+        OnCopy(data + offset, data + position, static_cast<unsigned>(stayed));
+    if (stayed != n)
+        OnCopy(data + offset + stayed, data + position + stayed + n, static_cast<unsigned>(n - stayed));
+}
+
+void xbasesequence::BaseRemove(std::size_t a, std::size_t b)
+{
+    const std::size_t low = std::min(a, b);
+    const std::size_t high = std::min<std::size_t>(std::max(a, b), used);
+    if (low >= high)
+        return;
+    if (high != used)
+        OnCopy(data + low, data + high, used - static_cast<unsigned>(high));
+    Resize(used - (high - low));
+}
+
+char* xbasesequence::reallocate(unsigned newCapacity)
+{
+    if (newCapacity == 0) {
+        releaseBlock();
+        return nullptr;
+    }
+    // Some hysteresis, so that a sequence that grows and shrinks in turn does not move each time.
+    if (newCapacity <= room && newCapacity >= room / 4)
+        return data;
+    const std::size_t doubled = std::min<std::size_t>(2 * std::size_t{room}, maxBytes + 1);
+    std::size_t wanted = newCapacity > room ? std::max<std::size_t>(newCapacity, doubled) : newCapacity;
+    void* block = std::realloc(data, wanted);
+    if (block == nullptr && wanted != newCapacity)
+        block = std::realloc(data, wanted = newCapacity);
+    if (block == nullptr) {
+        if (newCapacity <= room)
+            return data;
+        throw std::bad_alloc();
+    }
+    room = static_cast<unsigned>(wanted);
+    return static_cast<char*>(block);
+}
+
+char* xbasesequence::replace(unsigned newCapacity)
+{
+    char* block = nullptr;
+    if (newCapacity != 0) {
+        block = static_cast<char*>(std::malloc(newCapacity));
+        if (block == nullptr)
+            throw std::bad_alloc();
+        OnAllocate(block, newCapacity);
+        const unsigned kept = std::min(used, newCapacity);
+        if (kept != 0) {
+            try {
+                OnCopy(block, data, kept);
+            } catch (...) {
+                OnDestroy(block, newCapacity);
+                std::free(block);
+                throw;
+            }
+        }
+    }
+    if (used != 0)
+        OnDestroy(data, used);
+    std::free(data);
+    room = newCapacity;
+    return block;
+}
+
+void xbasesequence::releaseBlock() noexcept
+{
+    std::free(data);
+    room = 0;
+}

@@ -1,0 +1,409 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <new>
+#include <type_traits>
+#include <utility>
+
+#include <qel/xany.h>
+#include <qel/xobject.h>
+#include <qel/xstring.h>
+
+/// How a sequence keeps its storage.
+struct xseqcontrol
+{
+    bool shrink;          ///< whether a sequence that gets smaller may give memory back
+    unsigned granularity; ///< bytes; the capacity is a multiple of it. 0 stands for 256
+};
+
+/// The storage of a sequence, in bytes. It knows nothing of the elements but what its four hooks do; the hook
+/// sets xtssequence and xtcsequence below implement them.
+///
+/// A sequence holds at most 2^31 - 1 bytes: what would need more throws std::length_error. That, and
+/// std::bad_alloc when memory runs out, leave the sequence as it was.
+class QEL_API xbasesequence
+{
+public:
+    xbasesequence(const xbasesequence&) = delete;
+    xbasesequence& operator=(const xbasesequence&) = delete;
+
+    /// Makes `newUsed` bytes be in use. New ones are in the default state.
+    void Resize(std::size_t newUsed);
+    /// Copies `n` bytes of elements over those at `offset`, and extends the sequence when they end behind it.
+    /// `from` may lie in this sequence.
+    void BaseCopy(std::size_t offset, std::size_t n, const void* from);
+    /// Moves what lies at `offset` and behind up by `n` bytes. An `offset` past the end extends the sequence.
+    void BaseInsertEmpty(std::size_t offset, std::size_t n);
+    /// Inserts `n` bytes of elements at `offset`. `from` may lie in this sequence: what is inserted is its
+    /// content before the call.
+    void BaseInsert(std::size_t offset, std::size_t n, const void* from);
+    /// Removes the bytes between the two offsets, whichever is lower, as far as there are any.
+    void BaseRemove(std::size_t a, std::size_t b);
+
+private:
+    /// Answers the storage block for a capacity of `newCapacity` bytes, which holds the present content as
+    /// far as it fits; `data`, `used` and `capacity` still tell of the old block. 0: no block, null.
+    /// @throws std::bad_alloc  the old block is as it was
+    virtual void* OnResize(unsigned newCapacity) = 0;
+    /// Brings raw storage into the default state.
+    virtual void OnAllocate(void* at, unsigned bytes) = 0;
+    /// Ends the elements there.
+    virtual void OnDestroy(void* at, unsigned bytes) = 0;
+    /// Copies elements over others; the ranges may overlap.
+    virtual void OnCopy(void* to, const void* from, unsigned bytes) = 0;
+
+protected:
+    xbasesequence() : xbasesequence({false, 256}) {}
+    explicit xbasesequence(xseqcontrol control)
+        : shrink(control.shrink), granularity(control.granularity != 0 ? control.granularity : 256)
+    {
+    }
+    ~xbasesequence() = default;
+
+    // What the hook sets build on.
+
+    /// A block of the C runtime in the place of `data`, its bytes kept. It has some room beyond what is asked
+    /// for, so that appending takes linear time. Fails only when it grows.
+    char* reallocate(unsigned newCapacity);
+    /// A new block, filled through the hooks, in the place of `data`.
+    char* replace(unsigned newCapacity);
+    void releaseBlock() noexcept;
+
+    /// Which hooks have been seen to be those of the hook set. While the set's own run, nobody can tell
+    /// whether they were called, and the fast ways around them are open.
+    enum OwnHooks : unsigned char { ownAllocate = 1, ownDestroy = 2, ownCopy = 4, ownAll = 7 };
+    bool isOwn(OwnHooks hooks) const { return (seen & hooks) == hooks; }
+    void sawOwn(OwnHooks hook) { seen |= hook; }
+
+    char* data = nullptr;  // null while there is no block
+    unsigned used = 0;     // bytes that elements occupy
+    unsigned capacity = 0; // bytes of whole blocks of `granularity`
+    const bool shrink;
+
+private:
+    void resetSlots(unsigned from, unsigned to);
+
+    unsigned char seen = 0; // OwnHooks
+
+protected:
+    const unsigned granularity;
+
+private:
+    unsigned room = 0; // bytes that `data` really has
+};
+
+/// Whether the bits of a T may be moved to another place and be that T there, and whether a T in its default
+/// state owns nothing. Specialize it for classes that are so.
+template<class T>
+inline constexpr bool qelIsMovedByBits = std::is_trivially_copyable_v<T>;
+template<>
+inline constexpr bool qelIsMovedByBits<xstring> = true;
+template<>
+inline constexpr bool qelIsMovedByBits<xany> = true;
+
+/// A growable array of T with indices from 0. Every operation that takes an index throws qelXNegativeIndex
+/// for a negative one, before anything is changed. Used by one thread at a time.
+template<class T>
+class xtbsequence : public xobject, public xbasesequence
+{
+public:
+    virtual int getarraysize() { return static_cast<int>(used / sizeof(T)); }
+    /// A copy of the element.
+    /// @throws qelXInvalidSeqIndex  there is none at `index`; the exception holds a reference to the sequence
+    virtual T get(int index);
+    /// Assigns the element. One that does not exist extends the sequence to `index` + 1 elements; new
+    /// elements in between are zero, null strings or uninit variants.
+    virtual void set(int index, T value);
+    virtual void append(T value);
+    virtual void operator+=(T value);
+    /// Inserts before the element at `index`. An `index` past the end extends the sequence to it first.
+    virtual void insert(int index, T value);
+    /// Inserts all elements of `other`, which may be this sequence, in order.
+    /// @throws qelXNotInitialized  `other` is null or xuninitobj
+    virtual void insertseq(int index, xtbsequence<T>* other);
+    /// Removes the elements from the lower of the two indices to before the higher, as far as there are any.
+    virtual void removerange(int from, int to);
+    virtual void clear();
+
+protected:
+    xtbsequence() = default;
+    explicit xtbsequence(xseqcontrol control) : xbasesequence(control) {}
+    ~xtbsequence() override = default;
+
+    /// The element that begins at `offset` bytes.
+    T* at(std::size_t offset) { return reinterpret_cast<T*>(data + offset); }
+
+private:
+    static std::size_t offsetOf(int index);
+};
+
+/// A sequence of plain values: numbers and pointers. Pointers to objects are not counted.
+template<class T>
+class xtssequence : public xtbsequence<T>
+{
+    static_assert(std::is_trivially_copyable_v<T>);
+
+public:
+    xtssequence() = default;
+    explicit xtssequence(xseqcontrol control) : xtbsequence<T>(control) {}
+    ~xtssequence() override { this->releaseBlock(); }
+
+private:
+    // Free storage is kept zero: so are the elements of a gap.
+    void* OnResize(unsigned newCapacity) override;
+    void OnAllocate(void* at, unsigned bytes) override { __builtin_memset(at, 0, bytes); }
+    void OnDestroy(void*, unsigned) override {}
+    void OnCopy(void* to, const void* from, unsigned bytes) override
+    {
+        this->sawOwn(this->ownCopy);
+        __builtin_memmove(to, from, bytes);
+    }
+};
+
+/// A sequence of values with constructors. Every slot of the whole capacity is constructed; those that are
+/// not in use are in the default state.
+template<class T>
+class xtcsequence : public xtbsequence<T>
+{
+    static_assert(std::is_nothrow_default_constructible_v<T> && std::is_nothrow_destructible_v<T>);
+
+public:
+    xtcsequence() = default;
+    explicit xtcsequence(xseqcontrol control) : xtbsequence<T>(control) {}
+    ~xtcsequence() override
+    {
+        destroy(this->at(0), this->used / sizeof(T));
+        this->releaseBlock();
+    }
+
+private:
+    void* OnResize(unsigned newCapacity) override;
+    void OnAllocate(void* at, unsigned bytes) override
+    {
+        this->sawOwn(this->ownAllocate);
+        construct(static_cast<T*>(at), bytes / sizeof(T));
+    }
+    void OnDestroy(void* at, unsigned bytes) override
+    {
+        this->sawOwn(this->ownDestroy);
+        destroy(static_cast<T*>(at), bytes / sizeof(T));
+    }
+    void OnCopy(void* to, const void* from, unsigned bytes) override
+    {
+        this->sawOwn(this->ownCopy);
+        copy(static_cast<T*>(to), static_cast<const T*>(from), bytes / sizeof(T));
+    }
+
+    static void construct(T* first, std::size_t n)
+    {
+        for (T* const end = first + n; first != end; ++first)
+            new (first) T();
+    }
+    static void destroy(T* first, std::size_t n)
+    {
+        for (T* const end = first + n; first != end; ++first)
+            first->~T();
+    }
+    static void copy(T* to, const T* from, std::size_t n);
+    static bool shift(T* to, T* from, std::size_t n);
+};
+
+// ---- the standard sequences
+
+/// Of bools, as bytes.
+class QEL_API xboolsequence : public xtssequence<unsigned char>
+{
+    QEL_OBJECT(xboolsequence); // "booleanseq", counted
+
+public:
+    static xboolsequence* create() { return new (pDefMemMgr) xboolsequence; }
+};
+
+class QEL_API xintsequence : public xtssequence<int>
+{
+    QEL_OBJECT(xintsequence); // "intseq", counted
+
+public:
+    static xintsequence* create() { return new (pDefMemMgr) xintsequence; }
+};
+
+class QEL_API xrealsequence : public xtssequence<double>
+{
+    QEL_OBJECT(xrealsequence); // "realseq", counted
+
+public:
+    static xrealsequence* create() { return new (pDefMemMgr) xrealsequence; }
+};
+
+class QEL_API xstringsequence : public xtcsequence<xstring>
+{
+    QEL_OBJECT(xstringsequence); // "stringseq", counted
+
+public:
+    xstringsequence() : xtcsequence({false, 22 * sizeof(xstring)}) {}
+    static xstringsequence* create() { return new (pDefMemMgr) xstringsequence; }
+};
+
+class QEL_API xanysequence : public xtcsequence<xany>
+{
+    QEL_OBJECT(xanysequence); // "anyseq", counted
+
+public:
+    xanysequence() : xtcsequence({false, 11 * sizeof(xany)}) {}
+    static xanysequence* create() { return new (pDefMemMgr) xanysequence; }
+};
+
+// ---- what follows implements the templates
+
+[[noreturn]] QEL_API void qelhThrowInvalidSeqIndex(xobject* obj, int index);
+[[noreturn]] QEL_API void qelhThrowNegativeIndex(int index);
+[[noreturn]] QEL_API void qelhThrowNotInitialized();
+
+template<class T>
+std::size_t xtbsequence<T>::offsetOf(int index)
+{
+    if (index < 0)
+        qelhThrowNegativeIndex(index);
+    return static_cast<std::size_t>(index) * sizeof(T);
+}
+
+template<class T>
+T xtbsequence<T>::get(int index)
+{
+    const std::size_t offset = offsetOf(index);
+    if (offset + sizeof(T) > used)
+        qelhThrowInvalidSeqIndex(this, index);
+    return *at(offset);
+}
+
+template<class T>
+void xtbsequence<T>::set(int index, T value)
+{
+    const std::size_t offset = offsetOf(index);
+    if (isOwn(ownCopy) && offset + sizeof(T) <= used)
+        *at(offset) = std::move(value);
+    else
+        BaseCopy(offset, sizeof(T), &value);
+}
+
+template<class T>
+void xtbsequence<T>::append(T value)
+{
+    if (isOwn(ownCopy) && capacity - used >= sizeof(T)) {
+        T* const slot = at(used);
+        if constexpr (qelIsMovedByBits<T>)
+            new (slot) T(std::move(value)); // what was there owns nothing
+        else
+            *slot = std::move(value);
+        used += static_cast<unsigned>(sizeof(T));
+    } else {
+        BaseInsert(used, sizeof(T), &value);
+    }
+}
+
+template<class T>
+void xtbsequence<T>::operator+=(T value)
+{
+    append(std::move(value));
+}
+
+template<class T>
+void xtbsequence<T>::insert(int index, T value)
+{
+    BaseInsert(offsetOf(index), sizeof(T), &value);
+}
+
+template<class T>
+void xtbsequence<T>::insertseq(int index, xtbsequence<T>* other)
+{
+    const std::size_t offset = offsetOf(index);
+    if (!qelIsObject(other))
+        qelhThrowNotInitialized();
+    BaseInsert(offset, other->used, other->data);
+}
+
+template<class T>
+void xtbsequence<T>::removerange(int from, int to)
+{
+    const std::size_t first = offsetOf(from);
+    BaseRemove(first, offsetOf(to));
+}
+
+template<class T>
+void xtbsequence<T>::clear()
+{
+    BaseRemove(0, used);
+}
+
+template<class T>
+void* xtssequence<T>::OnResize(unsigned newCapacity)
+{
+    const unsigned old = this->capacity;
+    char* const block = this->reallocate(newCapacity);
+    if (newCapacity > old)
+        __builtin_memset(block + old, 0, newCapacity - old);
+    return block;
+}
+
+template<class T>
+void* xtcsequence<T>::OnResize(unsigned newCapacity)
+{
+    // Until all hooks are known to be these, a subclass may watch them.
+    if (!qelIsMovedByBits<T> || !this->isOwn(this->ownAll))
+        return this->replace(newCapacity);
+
+    const std::size_t slots = this->capacity / sizeof(T);
+    const std::size_t newSlots = newCapacity / sizeof(T);
+    const std::size_t elements = this->used / sizeof(T);
+    if (elements > newSlots)
+        destroy(this->at(0) + newSlots, elements - newSlots);
+    char* const block = this->reallocate(newCapacity);
+    if (newSlots > slots)
+        construct(reinterpret_cast<T*>(block) + slots, newSlots - slots);
+    return block;
+}
+
+template<class T>
+void xtcsequence<T>::copy(T* to, const T* from, std::size_t n)
+{
+    if constexpr (qelIsMovedByBits<T>)
+        if (shift(to, const_cast<T*>(from), n))
+            return;
+    if (std::less<const T*>()(to, from)) {
+        for (std::size_t i = 0; i < n; ++i)
+            to[i] = from[i];
+    } else {
+        for (std::size_t i = n; i-- > 0;)
+            to[i] = from[i];
+    }
+}
+
+// Copies between ranges that overlap: elements move by their bits, and only those at the two ends, as many as
+// the ranges lie apart, are given up or copied. False when the ranges do not overlap.
+template<class T>
+bool xtcsequence<T>::shift(T* to, T* from, std::size_t n)
+{
+    const bool up = std::less<T*>()(from, to);
+    T* const low = up ? from : to;
+    T* const high = up ? to : from;
+    if (!std::less<T*>()(high, low + n))
+        return false;
+    const auto distance = static_cast<std::size_t>(high - low);
+
+    T* const ended = up ? low + n : low;
+    for (std::size_t i = 0; i < distance; ++i)
+        T(std::move(ended[i])); // what an element held may look at the sequence while it goes
+    __builtin_memmove(static_cast<void*>(to), static_cast<void*>(from), n * sizeof(T));
+    T* const doubled = up ? low : low + n;
+    const T* const original = up ? high : low + n - distance;
+    for (std::size_t i = 0; i < distance; ++i)
+        new (doubled + i) T(original[i]);
+    return true;
+}
+
+extern template class QEL_API xtssequence<unsigned char>;
+extern template class QEL_API xtssequence<int>;
+extern template class QEL_API xtssequence<double>;
+extern template class QEL_API xtcsequence<xstring>;
+extern template class QEL_API xtcsequence<xany>;
