@@ -2,6 +2,7 @@
 
 #include <initializer_list>
 #include <type_traits>
+#include <utility>
 
 #include <qel/qelrtti.h>
 #include <qel/xany.h>
@@ -212,7 +213,7 @@ qelReading<T>::qelReading(xobject* owner) : object(nullptr), held(nullptr)
 template<class T, class Get, class Set>
 constexpr qelAttr qelAttrOf(const char* name, Get, Set, unsigned char optional = qelMandatory)
 {
-    using V = std::remove_cvref_t<decltype(Get()(*static_cast<T*>(nullptr)))>;
+    using V = std::remove_cvref_t<decltype(Get()(std::declval<T&>()))>;
     qelAttr row{
         .name = name, .optional = optional, .type = &qelValue<V>::rtti, .read = [](xobject* owner) -> xany {
             const qelReading<T> object(owner);
@@ -260,7 +261,7 @@ xobject* qelCreateOf()
 template<class S>
 constexpr qelShape qelSequenceShape(unsigned char optional)
 {
-    using V = std::remove_cvref_t<decltype(static_cast<S*>(nullptr)->get(0))>;
+    using V = std::remove_cvref_t<decltype(std::declval<S&>().get(0))>;
     return {.kind = qelShape::sequence,
             .optional = optional,
             .elemType = &qelValue<V>::rtti,
@@ -315,7 +316,7 @@ constexpr qelShape qelDictionaryShape(unsigned char optional)
 template<class A>
 constexpr qelShape qelArrayShape(unsigned char optional)
 {
-    using V = std::remove_cvref_t<decltype(static_cast<A*>(nullptr)->getelement(static_cast<int*>(nullptr)))>;
+    using V = std::remove_cvref_t<decltype(std::declval<A&>().getelement(std::declval<int*>()))>;
     return {.kind = qelShape::array,
             .optional = optional,
             .elemType = &qelValue<V>::rtti,

@@ -14,7 +14,7 @@ class xrttienum;
 class QEL_API xany
 {
 public:
-    xany() { setPlain(xanyUninit, 0); }
+    xany() noexcept { setPlain(xanyUninit, 0); }
     xany(const xany& other) { copyFrom(other.value); }
     xany(xany&& other) noexcept : value(other.value) { other.setPlain(xanyUninit, 0); }
     ~xany() { drop(value); }

@@ -41,6 +41,7 @@ protected:
 private:
     friend QEL_API void qelRttiAddUserData(xrtti* type, const char* key, void* data);
     friend QEL_API void* qelRttiGetUserData(xrtti* type, const char* key);
+    friend QEL_API void* qelRttiGetUserData(const char* typeName, const char* key);
 
     xstring name;
     unsigned nameHash = 0; // tells most different names apart without reading them

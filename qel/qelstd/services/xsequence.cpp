@@ -41,6 +41,11 @@ constinit qelClass xanysequence::rtti = {
     .create = &qelCreateOf<self>,
 };
 
+template class xtbsequence<unsigned char>;
+template class xtbsequence<int>;
+template class xtbsequence<double>;
+template class xtbsequence<xstring>;
+template class xtbsequence<xany>;
 template class xtssequence<unsigned char>;
 template class xtssequence<int>;
 template class xtssequence<double>;

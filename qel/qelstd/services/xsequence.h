@@ -211,6 +211,17 @@ private:
 
 // ---- the standard sequences
 
+extern template class QEL_API xtbsequence<unsigned char>;
+extern template class QEL_API xtbsequence<int>;
+extern template class QEL_API xtbsequence<double>;
+extern template class QEL_API xtbsequence<xstring>;
+extern template class QEL_API xtbsequence<xany>;
+extern template class QEL_API xtssequence<unsigned char>;
+extern template class QEL_API xtssequence<int>;
+extern template class QEL_API xtssequence<double>;
+extern template class QEL_API xtcsequence<xstring>;
+extern template class QEL_API xtcsequence<xany>;
+
 /// Of bools, as bytes.
 class QEL_API xboolsequence : public xtssequence<unsigned char>
 {
@@ -401,9 +412,3 @@ bool xtcsequence<T>::shift(T* to, T* from, std::size_t n)
         new (doubled + i) T(original[i]);
     return true;
 }
-
-extern template class QEL_API xtssequence<unsigned char>;
-extern template class QEL_API xtssequence<int>;
-extern template class QEL_API xtssequence<double>;
-extern template class QEL_API xtcsequence<xstring>;
-extern template class QEL_API xtcsequence<xany>;

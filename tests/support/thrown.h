@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+#include <qel/xobject.h>
+#include <qel/xstring.h>
+
+/// The registered name of the framework exception that `action` throws, or "" when it throws none.
+template<typename Action>
+std::string thrownBy(Action action)
+{
+    try {
+        action();
+        return {};
+    } catch (xthrowable* thrown) {
+        const xrchandle<xthrowable> held(thrown);
+        xrcrelease(thrown);
+        return thrown->getQelTypeName().CastToCString();
+    }
+}
