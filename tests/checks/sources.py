@@ -3,7 +3,7 @@ import re
 import tree
 
 # Helpers that take the name of a program and find its source by it.
-BY_STEM = re.compile(r"qel_add_(?:test|fuzzer|bench|example)\(\s*([\w-]+)")
+BY_STEM = re.compile(r"qel_add_(test|fuzzer|bench|example)\(")
 
 included = set()
 for path in tree.files():
@@ -15,7 +15,7 @@ for path in tree.files():
     lists = path.parent / "CMakeLists.txt"
     text = re.sub(r"#.*", "", lists.read_text()) if lists.exists() else ""
     named = set(re.findall(r"[\w.+-]+", text))
-    if path.name in named or (path.suffix != ".h" and path.stem in BY_STEM.findall(text)):
+    if path.name in named or (path.suffix != ".h" and path.stem in named and BY_STEM.search(text)):
         continue
     if path.suffix == ".h" and path.name in included:
         continue
