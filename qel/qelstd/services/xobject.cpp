@@ -1,5 +1,7 @@
 #include "xobject.h"
 
+#include <vector>
+
 #include <qel/base/btkabort.h>
 #include <qel/base/thrmutex.h>
 
@@ -35,6 +37,44 @@ public:
 
 private:
     thrMutex* const mutex;
+};
+
+/// The deaths that the running one has led to on this thread. A destructor that releases what it owned may
+/// start a chain of any length, and the stack must not grow with it.
+struct Deaths
+{
+    static constexpr int deepest = 200;
+
+    int depth = 0;
+    std::vector<xobject*> waiting;
+
+    /// False without memory: then the object dies at once, deeper on the stack.
+    bool postpone(xobject* p) noexcept
+    {
+        try {
+            waiting.push_back(p);
+            return true;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    }
+};
+
+constinit thread_local Deaths* running = nullptr;
+
+/// Sets a variable for the life of a block.
+template<class T>
+class Setting
+{
+public:
+    Setting(T& v, T value) : variable(v), old(v) { variable = value; }
+    ~Setting() { variable = old; }
+    Setting(const Setting&) = delete;
+    Setting& operator=(const Setting&) = delete;
+
+private:
+    T& variable;
+    const T old;
 };
 
 } // namespace
@@ -126,10 +166,7 @@ void xobject::releaseLast()
         if (count < -1)
             QEL_ABORT("xrcrelease: Invalid value of refcount.");
         if (count == 1 && isDeletable()) {
-            // The count stays 1 until the object is gone: references taken and given back on the way must not
-            // delete it a second time.
-            onDelete();
-            delete this;
+            die();
             return;
         }
         if (__atomic_compare_exchange_n(&refcount, &count, count - 1, false, __ATOMIC_ACQ_REL,
@@ -138,14 +175,39 @@ void xobject::releaseLast()
     }
 }
 
+void xobject::die()
+{
+    if (running != nullptr) {
+        if (running->depth >= Deaths::deepest && running->postpone(this))
+            return;
+        const Setting deeper(running->depth, running->depth + 1);
+        dieNow();
+        return;
+    }
+    Deaths deaths;
+    const Setting outermost(running, &deaths);
+    dieNow();
+    while (!deaths.waiting.empty()) {
+        xobject* const next = deaths.waiting.back();
+        deaths.waiting.pop_back();
+        next->dieNow();
+    }
+}
+
+void xobject::dieNow()
+{
+    // The count stays 1 until the object is gone: references taken and given back on the way must not delete
+    // it a second time.
+    onDelete();
+    delete this;
+}
+
 void xobject::xfree()
 {
     if (isRefCountable())
         qelhThrowRefCountable(this);
-    if (isDeletable()) {
-        onDelete();
-        delete this;
-    }
+    if (isDeletable())
+        dieNow();
 }
 
 xstring xobject::getQelTypeName()

@@ -98,6 +98,8 @@ public:
 private:
     void attachFirst();
     void releaseLast();
+    void die();
+    void dieNow();
 
     friend void xrcattach(xobject* p);
     friend void xrcrelease(xobject* p);

@@ -1,0 +1,15 @@
+#pragma once
+
+// One registrar for each namespace: its constructor builds and registers every descriptor of the namespace,
+// in order.
+
+#define QEL_REGISTRAR(lib)       \
+    struct qelRttiRegister_##lib \
+    {                            \
+        qelRttiRegister_##lib(); \
+    }
+
+QEL_REGISTRAR(qellib);
+QEL_REGISTRAR(stdcols);
+QEL_REGISTRAR(buildintypes);
+QEL_REGISTRAR(xrtti);

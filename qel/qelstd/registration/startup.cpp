@@ -1,0 +1,13 @@
+#include "registrars_p.h"
+
+// The registrars run in the order in which they stand here, while the library is loaded. Descriptors are
+// built when they are first asked for, so a registrar may name types whose own registrar comes later.
+
+namespace {
+
+const qelRttiRegister_qellib qellib;
+const qelRttiRegister_stdcols stdcols;
+const qelRttiRegister_buildintypes buildintypes;
+const qelRttiRegister_xrtti xrtti;
+
+} // namespace

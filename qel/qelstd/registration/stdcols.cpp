@@ -1,0 +1,8 @@
+#include "qeltable.h"
+#include "registrars_p.h"
+#include "xsequence.h"
+
+qelRttiRegister_stdcols::qelRttiRegister_stdcols()
+{
+    qelRegister<xboolsequence, xintsequence, xrealsequence, xstringsequence, xanysequence>();
+}

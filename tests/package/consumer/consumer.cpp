@@ -1,8 +1,0 @@
-#include <cstdio>
-
-#include <qel/qelversion.h>
-
-int main()
-{
-    std::puts(qelVersion());
-}

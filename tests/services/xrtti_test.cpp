@@ -1,0 +1,210 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include <qel/qelexception.h>
+#include <qel/qelrtti.h>
+#include <qel/qeltable.h>
+#include <qel/xrtti.h>
+#include <qel/xrttiattrseq.h>
+#include <qel/xsequence.h>
+
+namespace {
+
+// Descriptors live as long as the process; the tests make theirs the same way.
+
+xrttistruct* makeStruct(const char* name, std::vector<xrttiobject*> parents,
+                        std::vector<const char*> attrNames)
+{
+    auto* const parentBlock = new std::vector<xrttiobject*>(std::move(parents));
+    auto* const attrs = new std::vector<xrttiattr*>;
+    for (const char* attrName : attrNames)
+        attrs->push_back(new xrttiattr(attrName, qelGetRtti_int(), 0, [](xobject*) { return xany(1); }));
+    auto* const type = new xrttistruct;
+    type->initialize(name, 1, static_cast<int>(parentBlock->size()), parentBlock->data(),
+                     static_cast<int>(attrs->size()), attrs->data());
+    return type;
+}
+
+std::string namesOf(xrttiattrseq* attrs)
+{
+    std::string names;
+    for (int i = 0; i < attrs->getarraysize(); ++i)
+        names += std::string(attrs->get(i)->getName().CastToCString()) + " ";
+    xdelete(attrs);
+    return names;
+}
+
+template<class F>
+bool mismatches(F action)
+{
+    try {
+        action();
+        return false;
+    } catch (xthrowable* thrown) {
+        const bool is = qelXTypeMismatch::softcast(thrown) != nullptr;
+        xrcrelease(thrown);
+        return is;
+    }
+}
+
+} // namespace
+
+TEST(Descriptors, WithTheSameNameAreTheSameType)
+{
+    xrttistruct* const one = makeStruct("test::Same", {}, {});
+    xrttistruct* const two = makeStruct("test::Same", {}, {});
+    xrttistruct* const nameless = makeStruct(nullptr, {}, {});
+
+    EXPECT_TRUE(one->isSameAs(two));
+    EXPECT_TRUE(one->isKindOf(two));
+    EXPECT_FALSE(one->isSameAs(nameless));
+    EXPECT_FALSE(nameless->isSameAs(one));
+    EXPECT_FALSE(one->isSameAs(nullptr));
+    EXPECT_FALSE(one->isKindOf(nullptr));
+}
+
+TEST(Descriptors, KnowTheirAncestors)
+{
+    xrttistruct* const c = makeStruct("test::C", {}, {});
+    xrttistruct* const b = makeStruct("test::B", {c}, {});
+    xrttistruct* const a = makeStruct("test::A", {}, {});
+    xrttistruct* const derived = makeStruct("test::D", {a, b}, {});
+
+    for (xrttiobject* ancestor : {a, b, c})
+        EXPECT_TRUE(derived->isKindOf(ancestor));
+    EXPECT_FALSE(a->isKindOf(derived));
+    EXPECT_TRUE(c->isKindOf(qelGetRtti_any()));
+    EXPECT_TRUE(c->isKindOf(qelGetRtti_object()));
+    EXPECT_TRUE(qelGetRtti_int()->isKindOf(qelGetRtti_any()));
+    EXPECT_FALSE(qelGetRtti_int()->isKindOf(qelGetRtti_object()));
+    EXPECT_EQ(derived->getParent(1), b);
+    EXPECT_EQ(derived->getParent(2), nullptr);
+    EXPECT_EQ(derived->getParent(-1), nullptr);
+}
+
+TEST(Descriptors, OfEnumerationsMapBothWays)
+{
+    static const char* texts[] = {"red", "green"};
+    xrttienum type("test::Light", 2, texts);
+
+    EXPECT_EQ(type.getNValues(), 2);
+    EXPECT_TRUE(type.mapIntToString(1) == "green");
+    EXPECT_TRUE(type.mapIntToString(2) == nullptr);
+    EXPECT_TRUE(type.mapIntToString(-1) == nullptr);
+    EXPECT_EQ(type.mapStringToInt("red"), 0);
+    EXPECT_EQ(type.mapStringToInt("blue"), xnullint);
+    EXPECT_EQ(type.mapStringToInt(nullptr), xnullint);
+    EXPECT_EQ(type.mapStringToInt(xnullstr), xnullint);
+}
+
+TEST(Descriptors, OfStructuresFindAttributes)
+{
+    xrttistruct* const base = makeStruct("test::Base", {}, {"One", "Two"});
+    xrttistruct* const middle = makeStruct("test::Middle", {base}, {"Three"});
+    xrttistruct* const type = makeStruct("test::Type", {middle}, {"Two", "Four"});
+
+    EXPECT_EQ(type->findAttr("Two", 1), type->getAttr(0));
+    EXPECT_EQ(type->findAttr("One", 1), base->getAttr(0));
+    EXPECT_EQ(type->findAttr("One", 0), nullptr);
+    EXPECT_EQ(type->findAttr("Five", 1), nullptr);
+    EXPECT_EQ(type->getAttr(2), nullptr);
+    EXPECT_EQ(namesOf(qelRttiCollectAttrs(type, 1)), "One Two Three Two Four ");
+    EXPECT_EQ(namesOf(qelRttiCollectAttrs(type, 0)), "Two Four ");
+
+    xrttistruct* const odd =
+        makeStruct("test::Odd", {xrttiobject::cast(xintsequence::getClassRtti())}, {"One"});
+    EXPECT_EQ(odd->findAttr("One", 1), odd->getAttr(0));
+    EXPECT_TRUE(mismatches([=] { odd->findAttr("Two", 1); }));
+    EXPECT_TRUE(mismatches([=] { qelRttiCollectAttrs(odd, 1); }));
+}
+
+TEST(Descriptors, OfArraysReadBothFormsOfIndices)
+{
+    constexpr int rank = 12;
+    static int extents[rank] = {2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 3};
+    auto* const type = new xrttiarray;
+    type->initialize("test::Deep", 1, rank, extents, qelGetRtti_int(), 0, [](xobject*, int* indices) {
+        int value = 0;
+        for (int i = 0; i < rank; ++i)
+            value = value * 3 + indices[i];
+        return xany(value);
+    });
+    const xrchandle<xintsequence> indices(xintsequence::create());
+    int plain[rank];
+    for (int i = 0; i < rank; ++i) {
+        plain[i] = i % 2;
+        indices->append(i % 2);
+    }
+
+    EXPECT_TRUE(type->getElemValue(nullptr, indices) == type->getElemValue(nullptr, plain));
+    EXPECT_EQ(type->getDimention(11), 3);
+    EXPECT_EQ(type->getDimention(12), xnullint);
+    EXPECT_EQ(type->getNDimentions(), rank);
+}
+
+TEST(Descriptors, OfUnionsMapLabelsToMembers)
+{
+    static xrttiattr* members[] = {new xrttiattr("One", qelGetRtti_int(), 0, nullptr),
+                                   new xrttiattr("Two", qelGetRtti_int(), 0, nullptr)};
+    static xrttiattr* const other = new xrttiattr("Other", qelGetRtti_int(), 0, nullptr);
+    static int labels[] = {1, 2};
+    static int moreLabels[] = {xnullint};
+    auto* const open = new xrttiunion;
+    open->initialize("test::Open", 1, 0, nullptr, members[0], 2, labels, members, other);
+    auto* const closed = new xrttiunion;
+    closed->initialize("test::Closed", 1, 0, nullptr, members[0], 1, moreLabels, members, nullptr);
+    static xrttiobject* parents[] = {open};
+    auto* const derived = new xrttiunion;
+    derived->initialize("test::DerivedUnion", 1, 1, parents, members[0], 1, moreLabels, members, nullptr);
+
+    EXPECT_EQ(open->mapLabelToAttr(2, 0), members[1]);
+    EXPECT_EQ(open->mapLabelToAttr(7, 0), other);
+    EXPECT_EQ(closed->mapLabelToAttr(7, 1), nullptr);
+    EXPECT_EQ(derived->mapLabelToAttr(2, 0), nullptr);
+    EXPECT_EQ(derived->mapLabelToAttr(2, 1), members[1]);
+    EXPECT_EQ(closed->mapLabelToAttr(xany(nullptr), 0), members[0]);
+    EXPECT_EQ(open->mapLabelToAttr(xany(2.0), 0), nullptr);
+    EXPECT_EQ(open->getLabel(2), xnullint);
+    EXPECT_EQ(open->getAttr(2), nullptr);
+}
+
+TEST(Registry, GivesTheLastOfAName)
+{
+    xrttistruct* const first = makeStruct("test::Twice", {}, {});
+    xrttistruct* const second = makeStruct("test::Twice", {}, {});
+    qelRttiAddToMap(first);
+    EXPECT_EQ(qelRttiGetFromMap("test::Twice"), first);
+
+    qelRttiAddToMap(second);
+
+    EXPECT_EQ(qelRttiGetFromMap("test::Twice"), second);
+    EXPECT_EQ(qelRttiGetFromMap("test::Never"), nullptr);
+    EXPECT_EQ(qelRttiGetFromMap(nullptr), nullptr);
+    EXPECT_EQ(qelRttiGetFromMap("int"), qelGetRtti_int());
+    EXPECT_EQ(qelRttiGetFromMap("object"), static_cast<xrtti*>(qelGetRtti_object()));
+}
+
+TEST(UserData, ReachesTheRegisteredDescriptorOfTheName)
+{
+    static int one, two, three;
+    xrttistruct* const registered = makeStruct("test::Data", {}, {});
+    xrttistruct* const namesake = makeStruct("test::Data", {}, {});
+    xrttistruct* const nameless = makeStruct("", {}, {});
+
+    qelRttiAddUserData(registered, "key", &one);
+    EXPECT_EQ(qelRttiGetFromMap("test::Data"), registered);
+    EXPECT_EQ(qelRttiGetUserData(namesake, "key"), &one);
+
+    qelRttiAddUserData(namesake, "other", &two);
+    EXPECT_EQ(qelRttiGetUserData("test::Data", "other"), &two);
+    qelRttiAddUserData(namesake, "other", &three);
+    EXPECT_EQ(qelRttiGetUserData(registered, "other"), &three);
+
+    qelRttiAddUserData(nameless, "key", &two);
+    EXPECT_EQ(qelRttiGetUserData(nameless, "key"), &two);
+    EXPECT_EQ(qelRttiGetFromMap(""), nullptr);
+    EXPECT_EQ(qelRttiGetUserData("test::Never", "key"), nullptr);
+    EXPECT_EQ(qelRttiGetUserData(registered, "absent"), nullptr);
+}
