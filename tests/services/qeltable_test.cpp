@@ -96,7 +96,7 @@ constinit qelClass Being::rtti = {
     .counted = true,
     .attrs = {QEL_ATTR(Name), QEL_ATTR(Age, qelOptional)},
     .create = &qelCreateOf<self>,
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass Diary::rtti = {.name = "test::Diary", .attrs = {QEL_ATTR(Pages)}};
@@ -229,7 +229,7 @@ TEST(Table, MakesAndRebuildsObjectsByName)
     const xrchandle<xobject> made(table->create());
     EXPECT_TRUE(made->isSameAs(Being::getClassRtti()));
 
-    const xrchandle<Being> rebuilt(static_cast<Being*>(table->rebuild(nullptr)));
+    const xrchandle<Being> rebuilt(Being::cast(table->rebuild(nullptr)));
     for (const qelAttr& attr : table->attrs)
         attr.rebuild(rebuilt.get(), strcmp(attr.name, "Name") == 0 ? xany("Bo") : xany(33));
 

@@ -10,20 +10,20 @@ constinit qelClass qelXException::rtti = {
     .name = "qellib::XException",
     .counted = true,
     .attrs = {QEL_ATTR(Description, qelOptional)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXArgs::rtti = {
     .name = "qellib::XArgs",
     .counted = true,
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXFunc::rtti = {
     .name = "qellib::XFunc",
     .counted = true,
     .attrs = {QEL_ATTR(Name), QEL_ATTR(Args)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXExternFunc::rtti = {
@@ -31,14 +31,14 @@ constinit qelClass qelXExternFunc::rtti = {
     .counted = true,
     .parents = {QEL_PARENT(qelXException)},
     .attrs = {QEL_ATTR(Func)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXNull::rtti = {
     .name = "qellib::XNull",
     .counted = true,
     .parents = {QEL_PARENT(qelXException)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXTypeMismatch::rtti = {
@@ -46,7 +46,7 @@ constinit qelClass qelXTypeMismatch::rtti = {
     .counted = true,
     .parents = {QEL_PARENT(qelXException)},
     .attrs = {QEL_ATTR(TypeName), QEL_ATTR(QelObject)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXInvalidArrayIndex::rtti = {
@@ -54,7 +54,7 @@ constinit qelClass qelXInvalidArrayIndex::rtti = {
     .counted = true,
     .parents = {QEL_PARENT(qelXException)},
     .attrs = {QEL_ATTR(QelObject), QEL_ATTR(Dimension), QEL_ATTR(Index)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXInvalidSeqIndex::rtti = {
@@ -62,7 +62,7 @@ constinit qelClass qelXInvalidSeqIndex::rtti = {
     .counted = true,
     .parents = {QEL_PARENT(qelXException)},
     .attrs = {QEL_ATTR(QelObject), QEL_ATTR(Index)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXInvalidDictIndex::rtti = {
@@ -70,7 +70,7 @@ constinit qelClass qelXInvalidDictIndex::rtti = {
     .counted = true,
     .parents = {QEL_PARENT(qelXException)},
     .attrs = {QEL_ATTR(QelObject), QEL_ATTR(Index)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXInvalidDictKey::rtti = {
@@ -78,7 +78,7 @@ constinit qelClass qelXInvalidDictKey::rtti = {
     .counted = true,
     .parents = {QEL_PARENT(qelXException)},
     .attrs = {QEL_ATTR(QelObject), QEL_ATTR(Key)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXNegativeIndex::rtti = {
@@ -86,14 +86,14 @@ constinit qelClass qelXNegativeIndex::rtti = {
     .counted = true,
     .parents = {QEL_PARENT(qelXException)},
     .attrs = {QEL_ATTR(Index)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXNotInitialized::rtti = {
     .name = "qellib::XNotInitialized",
     .counted = true,
     .parents = {QEL_PARENT(qelXException)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXRefCountable::rtti = {
@@ -101,7 +101,7 @@ constinit qelClass qelXRefCountable::rtti = {
     .counted = true,
     .parents = {QEL_PARENT(qelXException)},
     .attrs = {QEL_ATTR(QelObject)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXNativeException::rtti = {
@@ -109,14 +109,14 @@ constinit qelClass qelXNativeException::rtti = {
     .counted = true,
     .parents = {QEL_PARENT(qelXException)},
     .attrs = {QEL_ATTR(StringRep)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXConnectionClosed::rtti = {
     .name = "qellib::XConnectionClosed",
     .counted = true,
     .parents = {QEL_PARENT(qelXException)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXS11nException::rtti = {
@@ -124,7 +124,7 @@ constinit qelClass qelXS11nException::rtti = {
     .counted = true,
     .parents = {QEL_PARENT(qelXException)},
     .attrs = {QEL_ATTR(Message)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 constinit qelClass qelXSoapFault::rtti = {
@@ -133,7 +133,7 @@ constinit qelClass qelXSoapFault::rtti = {
     .parents = {QEL_PARENT(qelXS11nException)},
     .attrs = {QEL_ATTR(FaultCode, qelOptional), QEL_ATTR(FaultString, qelOptional),
               QEL_ATTR(FaultDetail, qelOptional)},
-    .rebuild = &self::_s11n_create,
+    .rebuild = &qelRebuildOf<self>,
 };
 
 // ---- construction and throwing

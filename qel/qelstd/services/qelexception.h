@@ -1,5 +1,7 @@
 #pragma once
 
+#include <iosfwd>
+
 #include <qel/xany.h>
 #include <qel/xobject.h>
 #include <qel/xstring.h>

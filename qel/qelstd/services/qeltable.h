@@ -32,7 +32,8 @@ constexpr unsigned char qelMandatory = 0;
 constexpr unsigned char qelOptional = 1; ///< the attribute or element may be null
 
 /// One attribute: its name, whether it may be null, and the functions that give its type, read it from a live
-/// object, and set it in an object that is being rebuilt (null where the class has no such hook).
+/// object, and set it in an object that is being rebuilt (null where the class has no such hook; what is
+/// neither null, uninit nor of the type throws qelXTypeMismatch).
 struct qelAttr
 {
     const char* name = nullptr;
@@ -91,9 +92,9 @@ struct qelClass
     qelAttr otherwise = {};
     /// Makes an empty object of the class: qelCreateOf<self>.
     xobject* (*create)() = nullptr;
-    /// Makes an object to be rebuilt from a serialized form: &self::_s11n_create. The pointer is to the class
-    /// itself.
-    void* (*rebuild)(qelS11nContext* context) = nullptr;
+    /// Makes an object whose attributes' `rebuild` rows are to set: qelRebuildOf<self>, for a class with
+    /// QEL_REBUILD. Null without memory.
+    xobject* (*rebuild)(qelS11nContext* context) = nullptr;
 
     /// The descriptor, once it has been asked for.
     xrttiobject* built = nullptr;
@@ -222,6 +223,8 @@ constexpr qelAttr qelAttrOf(const char* name, Get, Set, unsigned char optional =
     if constexpr (std::is_invocable_v<Set, T&, const V&>)
         row.rebuild = [](xobject* owner, const xany& value) {
             const qelReading<T> object(owner);
+            if (!value.isUninit())
+                value.validate(qelValue<V>::rtti(), qelOptional);
             Set()(*object, qelValue<V>::unpack(value));
         };
     return row;
@@ -255,6 +258,12 @@ template<class T>
 xobject* qelCreateOf()
 {
     return T::create();
+}
+
+template<class T>
+xobject* qelRebuildOf(qelS11nContext* context)
+{
+    return qelObjectOf(static_cast<T*>(T::_s11n_create(context)));
 }
 
 // Read through getarraysize() and get(index).

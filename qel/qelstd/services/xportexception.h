@@ -1,0 +1,81 @@
+#pragma once
+
+#include <qel/qelexception.h>
+
+// What the framework's socket transport throws. Unlike the other exceptions these are not reference
+// countable: the catcher frees them with xdelete, and releases leave them alone. Text arguments may be null.
+
+/// "Cannot connect"
+class QEL_API xportXCannotConnect : public virtual qelXException
+{
+    QEL_OBJECT(xportXCannotConnect); // "qeljava::XCannotConnect"
+
+public:
+    xportXCannotConnect(const char* host, int port);
+    [[noreturn]] static void Throw(const char* host, int port);
+
+    xstring getHost() const { return Host; }
+    int getPort() const { return Port; }
+
+private:
+    xstring Host;
+    int Port;
+};
+
+/// "Message too long"
+class QEL_API xportXMsgStringTooLong : public virtual qelXException
+{
+    QEL_OBJECT(xportXMsgStringTooLong); // "qeljava::XMsgStringTooLong"
+
+public:
+    explicit xportXMsgStringTooLong(const char* msg);
+    [[noreturn]] static void Throw(const char* msg);
+
+    xstring getMsg() const { return Msg; }
+
+private:
+    xstring Msg;
+};
+
+/// "Flush on socket failed"
+class QEL_API xportXFlushFailed : public virtual qelXException
+{
+    QEL_OBJECT(xportXFlushFailed); // "qeljava::XFlushFailed"
+
+public:
+    xportXFlushFailed();
+    [[noreturn]] static void Throw();
+};
+
+/// "Null passed to non optional parameter argument"
+class QEL_API xportXNullInNonOptArg : public virtual qelXException
+{
+    QEL_OBJECT(xportXNullInNonOptArg); // "qeljava::XNullInNonOptArg"
+
+public:
+    explicit xportXNullInNonOptArg(const char* paramName);
+    [[noreturn]] static void Throw(const char* paramName);
+    /// A new exception, not thrown. The caller owns it.
+    static xportXNullInNonOptArg* Create(const char* paramName);
+
+    xstring getParamName() const { return ParamName; }
+
+private:
+    xstring ParamName;
+};
+
+/// "communication timeout"
+class QEL_API xportXTimeout : public virtual qelXException
+{
+    QEL_OBJECT(xportXTimeout); // "qeljava::XTimeout"
+
+public:
+    explicit xportXTimeout(const char* opName);
+    [[noreturn]] static void Throw(const char* opName);
+
+    /// The operation that took too long.
+    xstring getOpName() const { return OpName; }
+
+private:
+    xstring OpName;
+};

@@ -1,0 +1,515 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <sstream>
+#include <vector>
+
+#include <qel/qelexception.h>
+#include <qel/qeltable.h>
+#include <qel/xportexception.h>
+
+namespace {
+
+/// What `operation` throws; the caller owns it as a catcher does.
+xthrowable* thrownBy(const std::function<void()>& operation)
+{
+    try {
+        operation();
+    } catch (xthrowable* thrown) {
+        return thrown;
+    }
+    return nullptr;
+}
+
+xany read(xobject* owner, const char* attr)
+{
+    return xrttistruct::cast(owner->getRtti())->findAttr(attr, 1)->getValue(owner);
+}
+
+/// "TypeName:string QelObject:any": the class's own attributes, with "?" behind those that may be null.
+std::string attrsOf(xrttiobject* type)
+{
+    auto* const structure = xrttistruct::cast(type);
+    std::ostringstream text;
+    for (int i = 0; i < structure->getNAttrs(); ++i) {
+        xrttiattr* const attr = structure->getAttr(i);
+        text << (i == 0 ? "" : " ") << attr->getName() << ':' << attr->getType()->getName()
+             << (attr->getIsOptional() ? "?" : "");
+    }
+    return text.str();
+}
+
+template<class... T>
+std::vector<xrttiobject*> descriptorsOf()
+{
+    return {T::getClassRtti()...};
+}
+
+/// Something that a failure concerns, and that counts who holds it.
+class Subject : public virtual xobject
+{
+    QEL_OBJECT(Subject);
+};
+constinit qelClass Subject::rtti = {.name = "test::Subject", .counted = true};
+
+const xrchandle<Subject> subject(new Subject);
+
+struct Row
+{
+    const char* type;
+    const char* parent;
+    const char* attrs;
+    const char* description;
+    std::function<void()> raise;
+    std::vector<xany> values; // of its own attributes
+};
+
+const Row coreRows[] = {
+    {"qellib::XNull",
+     "qellib::XException",
+     "",
+     "Attempt to assign null to non-optional object",
+     [] { qelXNull::Throw(); },
+     {}},
+    {"qellib::XTypeMismatch",
+     "qellib::XException",
+     "TypeName:string QelObject:any",
+     "Object type mismatch",
+     [] { qelXTypeMismatch::Throw("a::B", subject); },
+     {"a::B", subject}},
+    {"qellib::XInvalidArrayIndex",
+     "qellib::XException",
+     "QelObject:any Dimension:int Index:int",
+     "Array index is out of range",
+     [] { qelXInvalidArrayIndex::Throw(subject, 2, 7); },
+     {subject, 2, 7}},
+    {"qellib::XInvalidSeqIndex",
+     "qellib::XException",
+     "QelObject:any Index:int",
+     "Sequence index is out of range",
+     [] { qelXInvalidSeqIndex::Throw(subject, 3); },
+     {subject, 3}},
+    {"qellib::XInvalidDictIndex",
+     "qellib::XException",
+     "QelObject:any Index:int",
+     "Dictionary index is out of range",
+     [] { qelXInvalidDictIndex::Throw(subject, 4); },
+     {subject, 4}},
+    {"qellib::XInvalidDictKey",
+     "qellib::XException",
+     "QelObject:any Key:string",
+     "Dictionary key is not found",
+     [] { qelXInvalidDictKey::Throw(subject, "k"); },
+     {subject, "k"}},
+    {"qellib::XNegativeIndex",
+     "qellib::XException",
+     "Index:int",
+     "Negative index",
+     [] { qelXNegativeIndex::Throw(-5); },
+     {-5}},
+    {"qellib::XNotInitialized",
+     "qellib::XException",
+     "",
+     "Object is not initialized or has been destroyed",
+     [] { qelXNotInitialized::Throw(); },
+     {}},
+    {"qellib::XRefCountable",
+     "qellib::XException",
+     "QelObject:any",
+     "Object is reference countable",
+     [] { qelXRefCountable::Throw(subject); },
+     {subject}},
+    {"qellib::XNativeException",
+     "qellib::XException",
+     "StringRep:string",
+     "Native exception",
+     [] { qelXNativeException::Throw("std::bad"); },
+     {"std::bad"}},
+    {"qellib::XConnectionClosed",
+     "qellib::XException",
+     "",
+     "Attempt to communicate with client/server after connection has been closed",
+     [] { qelXConnectionClosed::Throw(); },
+     {}},
+    {"qellib::XS11nException",
+     "qellib::XException",
+     "Message:string",
+     "SOAP exception",
+     [] { qelXS11nException::Throw("no such port"); },
+     {"no such port"}},
+    {"qellib::XSoapFault",
+     "qellib::XS11nException",
+     "FaultCode:string? FaultString:string? FaultDetail:any?",
+     "SOAP Fault",
+     [] { qelXSoapFault::Throw("c", "s", subject); },
+     {"c", "s", subject}},
+};
+
+const Row transportRows[] = {
+    {"qeljava::XCannotConnect",
+     "qellib::XException",
+     "Host:string Port:int",
+     "Cannot connect",
+     [] { xportXCannotConnect::Throw("there", 80); },
+     {"there", 80}},
+    {"qeljava::XMsgStringTooLong",
+     "qellib::XException",
+     "Msg:string",
+     "Message too long",
+     [] { xportXMsgStringTooLong::Throw("so long"); },
+     {"so long"}},
+    {"qeljava::XFlushFailed",
+     "qellib::XException",
+     "",
+     "Flush on socket failed",
+     [] { xportXFlushFailed::Throw(); },
+     {}},
+    {"qeljava::XNullInNonOptArg",
+     "qellib::XException",
+     "ParamName:string",
+     "Null passed to non optional parameter argument",
+     [] { xportXNullInNonOptArg::Throw("p"); },
+     {"p"}},
+    {"qeljava::XTimeout",
+     "qellib::XException",
+     "OpName:string",
+     "communication timeout",
+     [] { xportXTimeout::Throw("read"); },
+     {"read"}},
+};
+
+/// Everything that the descriptor of what `row` throws can tell.
+void expectDescribed(const Row& row, xthrowable* thrown)
+{
+    SCOPED_TRACE(row.type);
+    ASSERT_NE(thrown, nullptr);
+    auto* const type = xrttistruct::cast(thrown->getRtti());
+    EXPECT_TRUE(type->getName() == row.type);
+    EXPECT_EQ(type->getNParents(), 1);
+    EXPECT_TRUE(type->getParent(0)->getName() == row.parent);
+    EXPECT_EQ(attrsOf(type), row.attrs);
+    EXPECT_EQ(qelRttiGetFromMap(row.type), static_cast<xrtti*>(type));
+    EXPECT_TRUE(read(thrown, "Description") == row.description);
+    ASSERT_EQ(static_cast<std::size_t>(type->getNAttrs()), row.values.size());
+    for (int i = 0; i < type->getNAttrs(); ++i)
+        EXPECT_TRUE(type->getAttr(i)->getValue(thrown) == row.values[static_cast<std::size_t>(i)]);
+}
+
+/// The place of a virtual operation in its class's table.
+template<class F>
+std::ptrdiff_t slotOf(F operation)
+{
+    std::ptrdiff_t words[2];
+    static_assert(sizeof operation == sizeof words);
+    std::memcpy(words, &operation, sizeof words);
+    // The platform's C++ binary interface marks a virtual operation in one of the words, and has its place in
+    // the first.
+    EXPECT_TRUE(words[0] % 2 == 1 || words[1] % 2 == 1);
+    return words[0] / static_cast<std::ptrdiff_t>(sizeof(void*));
+}
+
+template<class... F>
+void expectInOrder(F... operations)
+{
+    const std::ptrdiff_t slots[] = {slotOf(operations)...};
+    for (std::size_t i = 1; i < sizeof...(operations); ++i)
+        EXPECT_EQ(slots[i], slots[i - 1] + 1);
+}
+
+} // namespace
+
+TEST(CoreExceptions, AreDescribedAndOwnedByTheCatcher)
+{
+    for (const Row& row : coreRows) {
+        const int held = xrcgetcount(subject.get());
+        xthrowable* const thrown = thrownBy(row.raise);
+        expectDescribed(row, thrown);
+        EXPECT_TRUE(thrown->isRefCountable());
+        EXPECT_EQ(xrcgetcount(thrown), 1);
+
+        xrcrelease(thrown);
+        EXPECT_EQ(xrcgetcount(subject.get()), held) << row.type; // it is gone, and its values with it
+    }
+    EXPECT_EQ(attrsOf(qelXException::getClassRtti()), "Description:string?");
+    EXPECT_EQ(qelXException::getClassRtti()->getNParents(), 0);
+}
+
+TEST(TransportExceptions, AreDescribedAndOutliveEveryRelease)
+{
+    for (const Row& row : transportRows) {
+        xthrowable* const thrown = thrownBy(row.raise);
+        expectDescribed(row, thrown);
+        EXPECT_FALSE(thrown->isRefCountable());
+        for (int i = 0; i < 3; ++i)
+            xrcrelease(thrown);
+        EXPECT_TRUE(read(thrown, "Description") == row.description);
+        EXPECT_EQ(xrcgetcount(thrown), -1);
+
+        xdelete(thrown);
+    }
+    EXPECT_EQ(qelClassOf(xportXTimeout::getClassRtti())->rebuild, nullptr);
+}
+
+TEST(TransportExceptions, AreMadeWithoutBeingThrown)
+{
+    xportXNullInNonOptArg* const made = xportXNullInNonOptArg::Create("count");
+    EXPECT_TRUE(made->getParamName() == "count");
+    EXPECT_TRUE(made->getDescription() == "Null passed to non optional parameter argument");
+
+    xdelete(made);
+}
+
+TEST(ThrowFunctions, ThrowTheirClassesAboutTheObject)
+{
+    xobject* const object = subject.get();
+    const struct
+    {
+        std::function<void()> raise;
+        const char* type;
+        const char* attr;
+        xany value;
+    } rows[] = {
+        {[=] { qelhThrowInvalidSeqIndex(object, 5); }, "qellib::XInvalidSeqIndex", "Index", 5},
+        {[=] { qelhThrowInvalidDictIndex(object, 6); }, "qellib::XInvalidDictIndex", "Index", 6},
+        {[=] { qelhThrowInvalidDictKey(object, "key"); }, "qellib::XInvalidDictKey", "Key", "key"},
+        {[=] { qelhThrowInvalidArrayIndex(object, 2, 7); }, "qellib::XInvalidArrayIndex", "Dimension", 2},
+        {[=] { qelhThrowNegativeIndex(-8); }, "qellib::XNegativeIndex", "Index", -8},
+        {[=] { qelhThrowNotInitialized(); }, "qellib::XNotInitialized", "Description",
+         "Object is not initialized or has been destroyed"},
+        {[=] { qelhThrowRefCountable(object); }, "qellib::XRefCountable", "QelObject", subject},
+        {[=] { qelhThrowRefCountable(nullptr); }, "qellib::XRefCountable", "QelObject", nullptr},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.type);
+        xthrowable* const thrown = thrownBy(row.raise);
+        ASSERT_NE(thrown, nullptr);
+        EXPECT_TRUE(thrown->getQelTypeName() == row.type);
+        EXPECT_TRUE(read(thrown, row.attr) == row.value);
+        xrcrelease(thrown);
+    }
+
+    const xrchandle<qelXNativeException> made = qelCreateNativeException("foreign");
+    EXPECT_EQ(xrcgetcount(made.get()), 1);
+    EXPECT_TRUE(made->getStringRep() == "foreign");
+}
+
+TEST(Casts, NameTheClassThatTheObjectIsNot)
+{
+    xthrowable* const thrown = thrownBy([] { xportXCannotConnect::cast(subject.get()); });
+    auto* const mismatch = qelXTypeMismatch::softcast(thrown);
+    ASSERT_NE(mismatch, nullptr);
+    EXPECT_TRUE(mismatch->getTypeName() == "qeljava::XCannotConnect");
+    EXPECT_TRUE(mismatch->getQelObject() == xany(subject));
+    EXPECT_EQ(qelXException::softcast(thrown), mismatch);
+    EXPECT_EQ(qelXNull::softcast(thrown), nullptr);
+
+    xrcrelease(thrown);
+    EXPECT_EQ(xportXCannotConnect::cast(nullptr), nullptr);
+}
+
+TEST(Rebuilding, RunsThroughTheTablesOfTheWholeFamily)
+{
+    const xrchandle<qelXArgs> arguments(new qelXArgs);
+    const xrchandle<qelXFunc> function(new qelXFunc("f"));
+
+    const auto valueFor = [&](const qelAttr& attr) {
+        const xstring type = attr.type()->getName();
+        return type == "int"             ? xany(17)
+               : type == "qellib::XArgs" ? xany(arguments)
+               : type == "qellib::XFunc" ? xany(function)
+                                         : xany("sent");
+    };
+
+    for (xrttiobject* const type :
+         descriptorsOf<qelXException, qelXArgs, qelXFunc, qelXExternFunc, qelXNull, qelXTypeMismatch,
+                       qelXInvalidArrayIndex, qelXInvalidSeqIndex, qelXInvalidDictIndex, qelXInvalidDictKey,
+                       qelXNegativeIndex, qelXNotInitialized, qelXRefCountable, qelXNativeException,
+                       qelXConnectionClosed, qelXS11nException, qelXSoapFault>()) {
+        SCOPED_TRACE(type->getName());
+        const qelClass* const table = qelClassOf(type);
+        const xrchandle<xobject> rebuilt(table->rebuild(nullptr));
+        ASSERT_TRUE(rebuilt);
+        EXPECT_TRUE(rebuilt->isSameAs(type));
+
+        std::vector<const qelAttr*> attrs; // inherited ones too
+        for (const qelClass* at = table; at != nullptr;
+             at = at->parents.size() == 0 ? nullptr : qelClassOf(at->parents.begin()->rtti()))
+            for (const qelAttr& attr : at->attrs)
+                attrs.push_back(&attr);
+        for (const qelAttr* const attr : attrs) {
+            const xany before = attr->read(rebuilt.get());
+            EXPECT_TRUE(attr->type() == qelGetRtti_any() ? before.isUninit() : before.isNull()) << attr->name;
+        }
+        for (const qelAttr* const attr : attrs)
+            attr->rebuild(rebuilt.get(), valueFor(*attr));
+        for (const qelAttr* const attr : attrs)
+            EXPECT_TRUE(attr->read(rebuilt.get()) == valueFor(*attr)) << attr->name;
+    }
+    EXPECT_EQ(xrcgetcount(arguments.get()), 1); // what was rebuilt is gone, with what it held
+    EXPECT_EQ(xrcgetcount(function.get()), 1);
+}
+
+TEST(Rebuilding, KeepsWhatWasSentAndNoMore)
+{
+    void* const made = qelXInvalidArrayIndex::_s11n_create(nullptr);
+    const xrchandle<qelXInvalidArrayIndex> rebuilt(static_cast<qelXInvalidArrayIndex*>(made));
+    rebuilt->_s11n_setIndex(4);
+    EXPECT_EQ(rebuilt->getIndex(), 4);
+    EXPECT_EQ(rebuilt->getDimension(), xnullint);
+    EXPECT_TRUE(rebuilt->getDescription() == nullptr);
+
+    rebuilt->_s11n_setDescription("as the server put it");
+    EXPECT_TRUE(rebuilt->getDescription() == "as the server put it");
+}
+
+TEST(Rebuilding, RefusesAValueOfAnotherType)
+{
+    const xrchandle<qelXNegativeIndex> rebuilt(new qelXNegativeIndex(-1));
+    const qelAttr& index = *qelClassOf(qelXNegativeIndex::getClassRtti())->attrs.begin();
+    xthrowable* const thrown = thrownBy([&] { index.rebuild(rebuilt.get(), "three"); });
+    ASSERT_NE(qelXTypeMismatch::softcast(thrown), nullptr);
+    xrcrelease(thrown);
+
+    EXPECT_EQ(rebuilt->getIndex(), -1);
+    index.rebuild(rebuilt.get(), nullptr);
+    EXPECT_EQ(rebuilt->getIndex(), xnullint);
+}
+
+TEST(SoapFault, ComposesItsMessageFromTheMostPreciseText)
+{
+    const auto message = [](const char* code, const char* text, const xany& detail) {
+        const xrchandle<qelXSoapFault> fault(new qelXSoapFault(code, text, detail));
+        EXPECT_TRUE(read(fault.get(), "Message") == xany(fault->getMessage()));
+        return fault->getMessage();
+    };
+
+    EXPECT_TRUE(message("c", "s", "d") == "d");
+    EXPECT_TRUE(message("c", "s", "") == "");
+    EXPECT_TRUE(message("c", "s", 5) == "s");
+    EXPECT_TRUE(message("c", "s", nullptr) == "s");
+    EXPECT_TRUE(message("c", "", xany()) == "c");
+    EXPECT_TRUE(message("c", nullptr, xany()) == "c");
+    EXPECT_TRUE(message("", nullptr, xany()) == "");
+    EXPECT_TRUE(message(nullptr, nullptr, xany()) == nullptr);
+}
+
+TEST(Operations, StandInTheOrderOfTheAttributes)
+{
+    expectInOrder(&qelXTypeMismatch::_s11n_setTypeName, &qelXTypeMismatch::_s11n_setQelObject);
+    expectInOrder(&qelXInvalidArrayIndex::_s11n_setQelObject, &qelXInvalidArrayIndex::_s11n_setDimension,
+                  &qelXInvalidArrayIndex::_s11n_setIndex);
+    expectInOrder(&qelXInvalidSeqIndex::_s11n_setQelObject, &qelXInvalidSeqIndex::_s11n_setIndex);
+    expectInOrder(&qelXInvalidDictIndex::_s11n_setQelObject, &qelXInvalidDictIndex::_s11n_setIndex);
+    expectInOrder(&qelXInvalidDictKey::_s11n_setQelObject, &qelXInvalidDictKey::_s11n_setKey);
+    expectInOrder(&qelXFunc::_s11n_setName, &qelXFunc::_s11n_setArgs);
+    expectInOrder(&qelXS11nException::getMessage, &qelXS11nException::_s11n_setMessage);
+    expectInOrder(&qelXSoapFault::_s11n_setFaultCode, &qelXSoapFault::_s11n_setFaultString,
+                  &qelXSoapFault::_s11n_setFaultDetail);
+}
+
+// ---- an exception in the shape of the service libraries
+
+namespace {
+
+class PathError : public virtual qelXExternFunc
+{
+    QEL_OBJECT(PathError);
+
+public:
+    PathError(const char* description, const char* path, qelXFunc* func)
+        : qelXExternFunc(description, func), Path(path)
+    {
+        ++alive;
+    }
+    ~PathError() override { --alive; }
+
+    [[noreturn]] static void Throw(const char* description, const char* path, const char* function)
+    {
+        qelThrowNew<PathError>(description, path, new (pDefMemMgr) qelXFunc(function));
+    }
+
+    void Print(std::ostream& os)
+    {
+        PrintHead(os);
+        PrintValue(os, "Path", Path);
+    }
+
+    xstring getPath() { return Path; }
+
+    static int alive;
+
+private:
+    xstring Path;
+};
+
+int PathError::alive = 0;
+constinit qelClass PathError::rtti = {
+    .name = "test::PathError",
+    .counted = true,
+    .parents = {QEL_PARENT(qelXExternFunc)},
+    .attrs = {QEL_ATTR(Path, qelOptional)},
+};
+
+/// Cannot even be made.
+class Stillborn : public virtual qelXException
+{
+    QEL_OBJECT(Stillborn);
+
+public:
+    Stillborn() : text("some text") { qelXNull::Throw(); }
+
+private:
+    xstring text;
+};
+constinit qelClass Stillborn::rtti = {.name = "test::Stillborn", .counted = true};
+
+std::string printed(const char* path, qelXFunc* func)
+{
+    const xrchandle<PathError> error(new PathError("Invalid path", path, func));
+    std::ostringstream os;
+    error->Print(os);
+    return os.str();
+}
+
+} // namespace
+
+TEST(ExternFunc, PrintsItselfLineByLine)
+{
+    EXPECT_EQ(printed("a", new qelXFunc("fsCatPaths")), "Exception: \"Invalid path\"\n"
+                                                        "\tin function \"fsCatPaths\"\n"
+                                                        "\t( Path: \"a\" )\n");
+    EXPECT_EQ(printed(nullptr, new qelXFunc("fsCatPaths")), "Exception: \"Invalid path\"\n"
+                                                            "\tin function \"fsCatPaths\"\n");
+    EXPECT_EQ(printed("", nullptr), "Exception: \"Invalid path\"\n"
+                                    "\tin function \"nil\"\n"
+                                    "\t( Path: \"\" )\n");
+}
+
+TEST(ExternFunc, NamesTheFunctionAndItsEmptyArguments)
+{
+    const xrchandle<qelXFunc> func(new qelXFunc("f"));
+    EXPECT_TRUE(func->getName() == "f");
+    EXPECT_TRUE(func->getArgs());
+    EXPECT_EQ(attrsOf(qelXArgs::getClassRtti()), "");
+    EXPECT_EQ(attrsOf(qelXFunc::getClassRtti()), "Name:string Args:qellib::XArgs");
+    EXPECT_EQ(attrsOf(qelXExternFunc::getClassRtti()), "Func:qellib::XFunc");
+
+    const xrchandle<qelXExternFunc> error(new qelXExternFunc("d", func.get()));
+    EXPECT_EQ(xrcgetcount(func.get()), 2);
+    EXPECT_TRUE(read(error.get(), "Func") == xany(func));
+}
+
+TEST(Throwing, LeavesNothingBehind)
+{
+    xthrowable* const thrown = thrownBy([] { PathError::Throw("d", "p", "f"); });
+    ASSERT_NE(PathError::softcast(thrown), nullptr);
+    EXPECT_EQ(PathError::alive, 1);
+    EXPECT_EQ(xrcgetcount(PathError::cast(thrown)->getFunc().get()), 2); // the exception, and the handle here
+    xrcrelease(thrown);
+    EXPECT_EQ(PathError::alive, 0);
+
+    xthrowable* const instead = thrownBy([] { qelThrowNew<Stillborn>(); });
+    EXPECT_NE(qelXNull::softcast(instead), nullptr);
+    xrcrelease(instead);
+}
