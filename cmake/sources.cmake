@@ -13,8 +13,10 @@ function(qel_library name macro)
   target_compile_definitions(${name} PRIVATE ${macro})
   set_target_properties(${name} PROPERTIES
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-    LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
-  install(TARGETS ${name} EXPORT qelstd LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib
+    INSTALL_RPATH "$ORIGIN")
+  install(TARGETS ${name} EXPORT qelstd LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    COMPONENT libraries NAMELINK_COMPONENT development)
   set(QEL_LIBRARY ${name} PARENT_SCOPE)
 endfunction()
 
@@ -34,7 +36,9 @@ function(qel_public_headers)
     file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/include/${folder})
     file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${header} ${PROJECT_BINARY_DIR}/include/${folder}/${header} SYMBOLIC)
     if(NOT arg_INTERNAL)
-      install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder})
+      install(FILES ${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${folder} COMPONENT development)
+      cmake_path(SET name NORMALIZE ${folder}/${header})
+      set_property(GLOBAL APPEND PROPERTY QEL_PUBLIC_HEADERS ${name})
     endif()
   endforeach()
 endfunction()

@@ -1,5 +1,5 @@
-// Alone in its file: where this folder is linked in twice (a test and the shared library), one of the two keeps the
-// number for both.
+// Alone in its file: where this folder is linked in twice (a test and the shared library), one of the two
+// keeps the number for both.
 #include <qel/platform/lasterror.h>
 
 namespace {

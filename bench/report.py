@@ -1,0 +1,74 @@
+#!/usr/bin/env python3
+"""report.py FOLDER [FILTER]: runs the benchmark programs of FOLDER and prints our times as ratios of the peers' times.
+
+A benchmark is named area/operation/who, with who "qelstd" or the peer's name; arguments may follow. What shares area,
+operation and arguments is compared. Repetitions of all of a program's benchmarks are interleaved at random and medians
+compared, so that a slow moment of the machine does not fall on one side. FILTER is a regular expression on names.
+"""
+import json
+import os
+import subprocess
+import sys
+
+US = "qelstd"
+OPTIONS = ["--benchmark_format=json", "--benchmark_repetitions=9", "--benchmark_min_time=0.05",
+           "--benchmark_enable_random_interleaving=true", "--benchmark_report_aggregates_only=true"]
+# Parts of a name that tell how was measured, not what.
+MANNER = ("real_time", "process_time", "manual_time", "repeats:", "iterations:", "min_time:")
+
+
+def medians(program, name_filter):
+    """Yields (operation, who, time) of each benchmark that the program ran."""
+    command = [program, *OPTIONS] + ([f"--benchmark_filter={name_filter}"] if name_filter else [])
+    result = subprocess.run(command, stdout=subprocess.PIPE, check=False)
+    if result.returncode != 0:
+        sys.exit(f"{program} ended with {result.returncode}")
+    text = result.stdout.decode()
+    for row in json.loads(text)["benchmarks"] if text.strip() else []:
+        if row.get("error_occurred"):
+            sys.exit(f"{row['name']}: {row['error_message']}")
+        if row.get("aggregate_name") != "median":
+            continue
+        parts = row["run_name"].split("/")
+        if len(parts) < 3:
+            sys.exit(f"{row['run_name']} is not of the form area/operation/who")
+        area, operation, who, *rest = parts
+        clock = "real_time" if {"real_time", "manual_time"} & set(rest) else "cpu_time"
+        arguments = [part for part in rest if not part.startswith(MANNER)]
+        # All of one comparison are in one unit, or the ratio would lie.
+        unit = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[row["time_unit"]]
+        yield "/".join([area, operation, *arguments]), who, row[clock] * unit
+
+
+def main():
+    if len(sys.argv) not in (2, 3):
+        sys.exit(__doc__)
+    folder, name_filter = sys.argv[1], sys.argv[2] if len(sys.argv) == 3 else ""
+    times = {}
+    for name in sorted(os.listdir(folder)):
+        program = os.path.join(folder, name)
+        if os.path.isfile(program) and os.access(program, os.X_OK):
+            for operation, who, time in medians(program, name_filter):
+                times.setdefault(operation, {})[who] = time
+
+    rows, alone = [], []
+    for operation, by_who in times.items():
+        peers = {who: time for who, time in by_who.items() if who != US}
+        if US not in by_who or not peers:
+            alone.append(operation)
+            continue
+        ratios = sorted(((by_who[US] / time, who) for who, time in peers.items()), reverse=True)
+        rows.append([operation, f"{ratios[0][0]:.2f}", ", ".join(f"{who} {ratio:.2f}" for ratio, who in ratios)])
+    if not rows and not alone:
+        sys.exit("no benchmark ran")
+
+    header = ["operation", "of the fastest peer", "of each (below 1: we are faster)"]
+    widths = [max(len(row[i]) for row in [header, *rows]) for i in range(3)]
+    for row in [header, ["-" * width for width in widths], *rows]:
+        print("  ".join(cell.ljust(width) for cell, width in zip(row, widths)).rstrip())
+    for operation in alone:
+        print(f"{operation}: nothing to compare with")
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,18 @@
+# qel_add_example(NAME [ARGS arg...] [EXPECT file]): the program NAME from NAME.cpp (or NAME.c) of this folder. ctest
+# runs it in this folder; it must succeed and, with EXPECT, print exactly what the file holds.
+function(qel_add_example name)
+  cmake_parse_arguments(arg "" "EXPECT" "ARGS" ${ARGN})
+  if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${name}.c)
+    add_executable(example_${name} ${name}.c)
+  else()
+    add_executable(example_${name} ${name}.cpp)
+  endif()
+  set_target_properties(example_${name} PROPERTIES OUTPUT_NAME ${name})
+  target_link_libraries(example_${name} PRIVATE qel_options qelstd::qelstd)
+  if(QELSTD_BUILD_TESTS)
+    add_test(NAME example_${name} WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
+      COMMAND ${CMAKE_COMMAND} -D EXPECT=${arg_EXPECT} -P ${PROJECT_SOURCE_DIR}/cmake/run_example.cmake
+              -- $<TARGET_FILE:example_${name}> ${arg_ARGS})
+    set_tests_properties(example_${name} PROPERTIES TIMEOUT 60 LABELS examples)
+  endif()
+endfunction()

@@ -1,0 +1,15 @@
+# qel_add_fuzzer(NAME [LIBRARIES lib...]): the fuzz target fuzz_NAME from NAME.cpp, which defines LLVMFuzzerTestOneInput.
+# Its inputs are in corpus/NAME; NAME.dict, when it is there, is its dictionary. With QELSTD_BUILD_FUZZ it is linked with
+# the fuzzing engine; else it is a test that replays the inputs.
+function(qel_add_fuzzer name)
+  cmake_parse_arguments(arg "" "" "LIBRARIES" ${ARGN})
+  add_executable(fuzz_${name} ${name}.cpp)
+  target_link_libraries(fuzz_${name} PRIVATE qel_options qelstd::qelstd ${arg_LIBRARIES})
+  if(QELSTD_BUILD_FUZZ)
+    target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
+  else()
+    target_sources(fuzz_${name} PRIVATE ${PROJECT_SOURCE_DIR}/fuzz/replay.cpp)
+    add_test(NAME fuzz_${name} COMMAND fuzz_${name} ${CMAKE_CURRENT_SOURCE_DIR}/corpus/${name})
+    set_tests_properties(fuzz_${name} PROPERTIES TIMEOUT 120 LABELS fuzz)
+  endif()
+endfunction()

@@ -1,0 +1,6 @@
+"""format.py ROOT CLANG-FORMAT: every source is formatted as .clang-format says."""
+import subprocess
+import sys
+import tree
+
+sys.exit(subprocess.run([sys.argv[2], "--dry-run", "-Werror", *map(str, tree.files())], check=False).returncode)

@@ -1,0 +1,33 @@
+"""layers.py ROOT: host headers and host conditions stay in the base layer and the platform calls, and the lower layers
+include nothing of the upper ones."""
+import re
+import tree
+
+HOST_HEADERS = re.compile(
+    r"(sys|net|netinet|arpa|linux|asm|bits)/.*"
+    r"|(alloca|byteswap|dirent|dlfcn|elf|endian|err|execinfo|fcntl|features|fnmatch|ftw|getopt|glob|grp|iconv|ifaddrs"
+    r"|langinfo|libgen|link|malloc|mqueue|netdb|paths|poll|pthread|pwd|regex|resolv|sched|semaphore|signal|spawn"
+    r"|strings|syslog|termios|threads|ucontext|unistd|utime|utmpx?|wordexp)\.h"
+    r"|(windows|winsock2?|winreg|io|process|direct)\.h", re.IGNORECASE)
+HOST_CONDITION = re.compile(r"#\s*(?:if|ifdef|ifndef|elif)\b.*\b(_WIN32|WIN32|_MSC_VER|__linux__|__unix__|__APPLE__)\b")
+ABOVE_HOST = ("qel", "tools", "examples")
+BASE_LAYER = ("baselib", "ctools", "platform")
+
+# What the base layer may include as <qel/...>: its own headers and the declarations that all layers share.
+shared = {f"qel/{path.name}" for path in tree.files("qel/qelbase/inc")}
+
+faults = []
+for path in tree.files(*ABOVE_HOST, *BASE_LAYER):
+    above = path.relative_to(tree.root()).parts[0] in ABOVE_HOST
+    for number, line in enumerate(tree.without_comments(path.read_text()).splitlines(), 1):
+        place = f"{path.relative_to(tree.root())}:{number}"
+        found = re.match(r'\s*#\s*include\s*["<]([^">]+)[">]', line)
+        header = found.group(1) if found else ""
+        if above and HOST_HEADERS.fullmatch(header):
+            faults.append(f"{place}: host header {header}")
+        if above and HOST_CONDITION.search(line):
+            faults.append(f"{place}: host condition: {line.strip()}")
+        if not above and header.startswith("qel/") and header not in shared \
+                and not header.startswith(("qel/base/", "qel/platform/")):
+            faults.append(f"{place}: {header} is of a layer above")
+tree.finish(faults)

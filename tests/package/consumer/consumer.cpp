@@ -1,0 +1,8 @@
+#include <cstdio>
+
+#include <qel/qelversion.h>
+
+int main()
+{
+    std::puts(qelVersion());
+}

@@ -1,0 +1,52 @@
+#!/bin/bash
+# run.sh CMAKE PKG-CONFIG C++ SOURCE BUILD: what a user of the library does: installs it, builds a small program with it
+# in each supported way, and runs that.
+set -euo pipefail
+cmake=$1 pkg_config=$2 cxx=$3 source=$4 build=$5
+consumer=$source/tests/package/consumer
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/elsewhere
+unset DESTDIR
+
+expect_version() # COMMAND...: it must print the version that the library was built as
+{
+    local printed
+    printed=$("$@")
+    [[ $printed == "$version" ]] || { echo "$*: printed '$printed', not '$version'"; exit 1; }
+}
+
+version=$(sed -n 's/^project(qelstd VERSION \([0-9.]*\).*/\1/p' "$source/CMakeLists.txt")
+[[ $version == *.*.* ]]
+
+echo "== installed tree, moved after the installation"
+"$cmake" --install "$build" --prefix "$work/prefix" >/dev/null
+mv "$work/prefix" "$prefix"
+libraries=$(dirname "$(find "$prefix" -name libqelstd.so)")
+for library in qelstd baselib ctools; do
+    readelf -d "$libraries/lib$library.so" | grep -q "SONAME.*\[lib$library.so.${version%%.*}\]" ||
+        { echo "lib$library.so does not carry the major version"; exit 1; }
+done
+
+echo "== find_package, installed"
+"$cmake" -S "$consumer" -B "$work/installed" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
+"$cmake" --build "$work/installed" >/dev/null
+expect_version "$work/installed/consumer"
+
+echo "== find_package, from the build tree"
+"$cmake" -S "$consumer" -B "$work/built" -Dqelstd_DIR="$build" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
+"$cmake" --build "$work/built" >/dev/null
+expect_version "$work/built/consumer"
+
+echo "== pkg-config, installed"
+export PKG_CONFIG_PATH=$libraries/pkgconfig
+[[ $("$pkg_config" --modversion qelstd) == "$version" ]]
+read -ra flags < <("$pkg_config" --cflags --libs qelstd)
+"$cxx" -std=c++20 "$consumer/consumer.cpp" -o "$work/consumer" "${flags[@]}"
+expect_version env LD_LIBRARY_PATH="$libraries" "$work/consumer"
+
+echo "== the libraries alone, without what the tests need"
+"$cmake" -S "$source" -B "$work/alone" -DQELSTD_BUILD_TESTS=OFF -DQELSTD_BUILD_TOOLS=OFF \
+    -DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON -DCMAKE_DISABLE_FIND_PACKAGE_Python3=ON \
+    -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
+echo "all of them work"
