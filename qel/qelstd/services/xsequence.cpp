@@ -7,39 +7,19 @@
 #include "qeltable.h"
 
 constinit qelClass xboolsequence::rtti = {
-    .name = "booleanseq",
-    .counted = true,
-    .elements = qelSequenceOf<self>,
-    .create = &qelCreateOf<self>,
-};
+    .name = "booleanseq", .counted = true, .elements = qelSequenceOf<self>, .create = &qelCreateOf<self>};
 
 constinit qelClass xintsequence::rtti = {
-    .name = "intseq",
-    .counted = true,
-    .elements = qelSequenceOf<self>,
-    .create = &qelCreateOf<self>,
-};
+    .name = "intseq", .counted = true, .elements = qelSequenceOf<self>, .create = &qelCreateOf<self>};
 
 constinit qelClass xrealsequence::rtti = {
-    .name = "realseq",
-    .counted = true,
-    .elements = qelSequenceOf<self>,
-    .create = &qelCreateOf<self>,
-};
+    .name = "realseq", .counted = true, .elements = qelSequenceOf<self>, .create = &qelCreateOf<self>};
 
 constinit qelClass xstringsequence::rtti = {
-    .name = "stringseq",
-    .counted = true,
-    .elements = qelSequenceOf<self>,
-    .create = &qelCreateOf<self>,
-};
+    .name = "stringseq", .counted = true, .elements = qelSequenceOf<self>, .create = &qelCreateOf<self>};
 
 constinit qelClass xanysequence::rtti = {
-    .name = "anyseq",
-    .counted = true,
-    .elements = qelSequenceOf<self>,
-    .create = &qelCreateOf<self>,
-};
+    .name = "anyseq", .counted = true, .elements = qelSequenceOf<self>, .create = &qelCreateOf<self>};
 
 template class xtbsequence<unsigned char>;
 template class xtbsequence<int>;

@@ -6,9 +6,7 @@
 #include <type_traits>
 #include <utility>
 
-#include <qel/xany.h>
-#include <qel/xobject.h>
-#include <qel/xstring.h>
+#include <qel/xcollection.h>
 
 /// How a sequence keeps its storage.
 struct xseqcontrol
@@ -92,15 +90,6 @@ protected:
 private:
     unsigned room = 0; // bytes that `data` really has
 };
-
-/// Whether the bits of a T may be moved to another place and be that T there, and whether a T in its default
-/// state owns nothing. Specialize it for classes that are so.
-template<class T>
-inline constexpr bool qelIsMovedByBits = std::is_trivially_copyable_v<T>;
-template<>
-inline constexpr bool qelIsMovedByBits<xstring> = true;
-template<>
-inline constexpr bool qelIsMovedByBits<xany> = true;
 
 /// A growable array of T with indices from 0. Every operation that takes an index throws qelXNegativeIndex
 /// for a negative one, before anything is changed. Used by one thread at a time.
@@ -266,10 +255,6 @@ public:
 };
 
 // ---- what follows implements the templates
-
-[[noreturn]] QEL_API void qelhThrowInvalidSeqIndex(xobject* obj, int index);
-[[noreturn]] QEL_API void qelhThrowNegativeIndex(int index);
-[[noreturn]] QEL_API void qelhThrowNotInitialized();
 
 template<class T>
 std::size_t xtbsequence<T>::offsetOf(int index)

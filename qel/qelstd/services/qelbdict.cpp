@@ -1,0 +1,277 @@
+#include "qelbdict.h"
+
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <stdexcept>
+
+#include <qel/base/btkabort.h>
+#include <qel/base/btkmemory.h>
+
+#include "xcollection.h"
+#include "xdictindex_p.h"
+#include "xdictplaces_p.h"
+
+/// What a table knows besides its slots.
+struct xdictside
+{
+    explicit xdictside(unsigned size) : places(size) {}
+
+    xdictindex index;
+    xdictplaces places;
+};
+
+namespace {
+
+constexpr unsigned minSize = 32;
+constexpr unsigned maxSize = 1u << 30; // so that an int counts the slots
+
+constexpr char overflow[] = "Hash table overflow.";
+constexpr unsigned lookAhead = 16; // slots
+
+char* const removedKey = reinterpret_cast<char*>(1);
+
+char*& keyOf(char* entry)
+{
+    return *reinterpret_cast<char**>(entry);
+}
+
+bool isLive(const char* key)
+{
+    return reinterpret_cast<std::uintptr_t>(key) > reinterpret_cast<std::uintptr_t>(removedKey);
+}
+
+} // namespace
+
+xbasedictionary::xbasedictionary(const xdictcontrol* control)
+    : minLoad(control != nullptr ? control->minLoad : xdictcontrol().minLoad),
+      maxLoad(control != nullptr ? control->maxLoad : xdictcontrol().maxLoad)
+{
+}
+
+xbasedictionary::~xbasedictionary()
+{
+    delete side;
+}
+
+unsigned char xbasedictionary::BaseFind(const char* key, void* out, unsigned entrySize, unsigned valueOffset)
+{
+    const xdictindexentry* const found = FindIndex(key);
+    if (found == nullptr)
+        return 0;
+    if (out != nullptr)
+        OnCopyEntry(out, EntryOf(found->slot, entrySize) + valueOffset);
+    return 1;
+}
+
+void xbasedictionary::BaseSet(const char* key, const void* value, unsigned entrySize, unsigned valueOffset)
+{
+    if (!qelIsObject(key))
+        qelhThrowNotInitialized();
+    if (const xdictindexentry* const found = FindIndex(key)) {
+        OnCopyEntry(EntryOf(found->slot, entrySize) + valueOffset, value);
+        return;
+    }
+    // All memory is taken before anything changes.
+    std::unique_ptr<char[]> copy(btkStrDup(key));
+    if (side != nullptr)
+        side->index.reserve();
+    AdjustTableSize(entrySize, valueOffset);
+    AddEntry(copy.get(), value, entrySize, valueOffset);
+    copy.release();
+}
+
+unsigned char xbasedictionary::BaseGetKeyByIndex(int slot, xstring* outKey, unsigned entrySize, unsigned)
+{
+    const char* const key = IsSlot(slot) ? keyOf(EntryOf(static_cast<unsigned>(slot), entrySize)) : nullptr;
+    if (!isLive(key))
+        return 0;
+    if (outKey != nullptr)
+        *outKey = key;
+    return 1;
+}
+
+unsigned char xbasedictionary::BaseGetByIndex(int slot, void* out, unsigned entrySize, unsigned valueOffset)
+{
+    char* const entry = IsSlot(slot) ? EntryOf(static_cast<unsigned>(slot), entrySize) : nullptr;
+    if (entry == nullptr || !isLive(keyOf(entry)))
+        return 0;
+    if (out != nullptr)
+        OnCopyEntry(out, entry + valueOffset);
+    return 1;
+}
+
+unsigned char xbasedictionary::BaseSetByIndex(int slot, const void* value, unsigned entrySize,
+                                              unsigned valueOffset)
+{
+    if (!IsSlot(slot))
+        return 0;
+    char* const entry = EntryOf(static_cast<unsigned>(slot), entrySize);
+    if (isLive(keyOf(entry)))
+        OnCopyEntry(entry + valueOffset, value);
+    return 1;
+}
+
+unsigned char xbasedictionary::BaseRemoveByIndex(int slot, unsigned entrySize, unsigned valueOffset)
+{
+    if (!IsSlot(slot))
+        return 0;
+    const char* const key = keyOf(EntryOf(static_cast<unsigned>(slot), entrySize));
+    if (isLive(key))
+        BaseRemove(key, entrySize, valueOffset);
+    return 1;
+}
+
+void xbasedictionary::BaseRemove(const char* key, unsigned entrySize, unsigned valueOffset)
+{
+    xdictindexentry* const found = FindIndex(key);
+    if (found == nullptr)
+        return;
+    const unsigned slot = found->slot;
+    char* const entry = EntryOf(slot, entrySize);
+    const std::unique_ptr<char[]> text(keyOf(entry));
+    keyOf(entry) = removedKey;
+    side->index.erase(found);
+    side->places.giveBack(slot);
+    --count;
+    OnRemoveEntry(entry + valueOffset);
+
+    // What the value held may have changed the dictionary while it went.
+    if (size != 0) {
+        try {
+            AdjustTableSize(entrySize, valueOffset);
+        } catch (const std::bad_alloc&) {
+            // The table stays as large as it is: a removal does not fail.
+        }
+    }
+}
+
+void xbasedictionary::BaseClearAll(unsigned entrySize, unsigned)
+{
+    if (table == nullptr)
+        return;
+    BaseFreeAllKeys(entrySize);
+    void* const block = table;
+    const unsigned slots = size;
+    delete side;
+    side = nullptr;
+    table = nullptr;
+    size = 0;
+    count = 0;
+    OnDestroy(block, slots); // last, for the same reason
+}
+
+void xbasedictionary::BaseFreeAllKeys(unsigned entrySize)
+{
+    for (unsigned slot = 0; slot < size; ++slot)
+        if (char* const key = keyOf(EntryOf(slot, entrySize)); isLive(key))
+            delete[] key;
+}
+
+void* xbasedictionary::AllocateBlock(std::size_t bytes)
+{
+    return pDefMemMgr->Allocate(bytes);
+}
+
+bool xbasedictionary::IsSlot(int slot) const
+{
+    if (slot < 0)
+        qelhThrowNegativeIndex(slot);
+    return static_cast<unsigned>(slot) < size;
+}
+
+xdictindexentry* xbasedictionary::FindIndex(const char* key) const
+{
+    if (side == nullptr || !qelIsObject(key))
+        return nullptr;
+    return side->index.find(key);
+}
+
+/// Adds a key that there is not, with its text, in a table and an index that have room for it.
+void xbasedictionary::AddEntry(char* key, const void* value, unsigned entrySize, unsigned valueOffset)
+{
+    const unsigned slot = side->places.take(xdicthome(key, std::strlen(key)));
+    if (slot == xdictplaces::none)
+        QEL_ABORT(overflow);
+    char* const entry = EntryOf(slot, entrySize);
+    try {
+        OnCopyEntry(entry + valueOffset, value);
+    } catch (...) {
+        side->places.giveBack(slot);
+        throw;
+    }
+    keyOf(entry) = key;
+    side->index.insert(key, slot);
+    ++count;
+}
+
+/// Before a new key and after a removal.
+void xbasedictionary::AdjustTableSize(unsigned entrySize, unsigned valueOffset)
+{
+    const std::uint64_t percent = std::uint64_t{count} * 100;
+    if (size == 0)
+        Rehash(minSize, entrySize, valueOffset);
+    else if (percent / size > maxLoad)
+        Rehash(size * 2, entrySize, valueOffset);
+    else if (size > minSize && percent / (size / 2) < minLoad)
+        Rehash(size / 2, entrySize, valueOffset);
+}
+
+char* xbasedictionary::Allocate(unsigned nSlots, unsigned entrySize)
+{
+    char* const block = static_cast<char*>(OnAllocate(nSlots));
+    for (unsigned slot = 0; slot < nSlots; ++slot)
+        keyOf(block + std::size_t{slot} * entrySize) = nullptr;
+    return block;
+}
+
+/// Moves the entries to a table of another size, in the order of the old slots.
+void xbasedictionary::Rehash(unsigned newSize, unsigned entrySize, unsigned valueOffset)
+{
+    if (newSize > maxSize)
+        throw std::length_error("a dictionary has at most 2^30 slots");
+    if (side == nullptr) {
+        auto newSide = std::make_unique<xdictside>(newSize);
+        table = Allocate(newSize, entrySize);
+        side = newSide.release();
+        size = newSize;
+        return;
+    }
+
+    xdictplaces places(newSize);
+    const std::unique_ptr<std::uint32_t[]> newSlots(new std::uint32_t[size]);
+    char* const block = Allocate(newSize, entrySize);
+    const bool moveBits = movesBits; // and then nobody sees that no value is copied
+    try {
+        for (unsigned slot = 0; slot < size; ++slot) {
+            char* const from = EntryOf(slot, entrySize);
+            char* const key = keyOf(from);
+            if (slot + lookAhead < size)
+                __builtin_prefetch(keyOf(EntryOf(slot + lookAhead, entrySize)));
+            if (!isLive(key))
+                continue;
+            newSlots[slot] = places.take(xdicthome(key, std::strlen(key)));
+            if (newSlots[slot] == xdictplaces::none)
+                QEL_ABORT(overflow);
+            char* const to = block + std::size_t{newSlots[slot]} * entrySize;
+            if (moveBits) {
+                std::memcpy(to + valueOffset, from + valueOffset, entrySize - valueOffset);
+                keyOf(from) = nullptr;
+            } else {
+                OnCopyEntry(to + valueOffset, from + valueOffset);
+            }
+            keyOf(to) = key;
+        }
+    } catch (...) {
+        OnDestroy(block, newSize);
+        throw;
+    }
+    side->index.renumber(newSlots.get());
+    side->places = std::move(places);
+    void* const old = table;
+    const unsigned oldSize = size;
+    table = block;
+    size = newSize;
+    OnDestroy(old, oldSize);
+}

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <type_traits>
+
+#include <qel/xany.h>
+#include <qel/xobject.h>
+#include <qel/xstring.h>
+
+// What sequences and dictionaries share.
+
+/// Whether the bits of a T may be moved to another place and be that T there, whether a T that has been moved
+/// from is in the default state, and whether a T in its default state owns nothing. Specialize it for classes
+/// that are so.
+template<class T>
+inline constexpr bool qelIsMovedByBits = std::is_trivially_copyable_v<T>;
+template<>
+inline constexpr bool qelIsMovedByBits<xstring> = true;
+template<>
+inline constexpr bool qelIsMovedByBits<xany> = true;
+
+[[noreturn]] QEL_API void qelhThrowInvalidSeqIndex(xobject* obj, int index);
+[[noreturn]] QEL_API void qelhThrowInvalidDictIndex(xobject* obj, int index);
+[[noreturn]] QEL_API void qelhThrowNegativeIndex(int index);
+[[noreturn]] QEL_API void qelhThrowNotInitialized();

@@ -1,0 +1,195 @@
+#pragma once
+
+#include <cstdint>
+#include <new>
+#include <type_traits>
+#include <utility>
+
+#include <qel/qelbdict.h>
+#include <qel/xcollection.h>
+
+/// A slot of a dictionary: the key (see xbasedictionary), then the value.
+template<class T>
+struct xdictentry
+{
+    char* key;
+    T value;
+};
+
+/// Maps texts to values of type T. Besides by key, entries are reached by slot: walking a dictionary means
+/// visiting the slots 0 to getarraysize() - 1, of which many are empty. Slot numbers are valid until the next
+/// set of a new key or removal. Keys are compared byte for byte; null and the marker pointers are no keys:
+/// they are never found. Null `out` pointers are accepted. Used by one thread at a time.
+template<class T>
+class xtbdictionary : public xobject, public xbasedictionary
+{
+public:
+    /// The number of slots, 0 at first; not the number of entries.
+    virtual int getarraysize() { return static_cast<int>(size); }
+    /// Whether there is a value for `key`, which is stored.
+    virtual unsigned char find(const char* key, T* out) { return BaseFind(key, out, entrySize, valueOffset); }
+    /// Sets the value of an existing key, or adds the key.
+    /// @throws qelXNotInitialized  `key` is no text
+    virtual void set(const char* key, T value) { BaseSet(key, &value, entrySize, valueOffset); }
+    /// Whether there is an entry in the slot, whose key is stored. False for a slot past the table.
+    /// @throws qelXNegativeIndex
+    virtual unsigned char getkeybyindex(int slot, xstring* outKey)
+    {
+        return BaseGetKeyByIndex(slot, outKey, entrySize, valueOffset);
+    }
+    /// The same for the value.
+    virtual unsigned char getbyindex(int slot, T* out)
+    {
+        return BaseGetByIndex(slot, out, entrySize, valueOffset);
+    }
+    /// Assigns the value of the entry in the slot; an empty slot is left alone.
+    /// @throws qelXNegativeIndex
+    /// @throws qelXInvalidDictIndex  the slot is past the table; the exception holds a reference to the
+    /// dictionary
+    virtual void setbyindex(int slot, T value)
+    {
+        if (!BaseSetByIndex(slot, &value, entrySize, valueOffset))
+            qelhThrowInvalidDictIndex(this, slot);
+    }
+    /// Removes the entry; a key that there is not is ignored.
+    virtual void remove(const char* key) { BaseRemove(key, entrySize, valueOffset); }
+    /// Removes the entry in the slot; throws as setbyindex does.
+    virtual void removebyindex(int slot)
+    {
+        if (!BaseRemoveByIndex(slot, entrySize, valueOffset))
+            qelhThrowInvalidDictIndex(this, slot);
+    }
+    /// Removes all entries and the table.
+    virtual void clearall() { BaseClearAll(entrySize, valueOffset); }
+
+private:
+    /// What OnDestroy does.
+    virtual void Destroy(void* block, unsigned nSlots) = 0;
+
+    void OnDestroy(void* block, unsigned nSlots) override { Destroy(block, nSlots); }
+    void OnCopyEntry(void* toValue, const void* fromValue) override
+    {
+        sawOwnCopy(qelIsMovedByBits<T>);
+        *static_cast<T*>(toValue) = *static_cast<const T*>(fromValue);
+    }
+
+protected:
+    using entry = xdictentry<T>;
+    static constexpr unsigned entrySize = sizeof(entry);
+    static constexpr unsigned valueOffset = sizeof(char*) < alignof(T) ? alignof(T) : sizeof(char*);
+
+    explicit xtbdictionary(const xdictcontrol* control) : xbasedictionary(control) {}
+    ~xtbdictionary() override = default;
+};
+
+/// A dictionary of plain values: numbers and pointers. Pointers to objects are not counted.
+template<class T>
+class xtsdictionary : public xtbdictionary<T>
+{
+    static_assert(std::is_trivially_copyable_v<T>);
+
+public:
+    explicit xtsdictionary(const xdictcontrol* control = nullptr) : xtbdictionary<T>(control) {}
+    ~xtsdictionary() override { this->BaseClearAll(this->entrySize, this->valueOffset); }
+
+private:
+    void* OnAllocate(unsigned nSlots) override
+    {
+        return this->AllocateBlock(std::size_t{nSlots} * this->entrySize);
+    }
+    void OnRemoveEntry(void*) override {}
+    void Destroy(void* block, unsigned) override { ::operator delete(block); }
+};
+
+/// A dictionary of values with constructors. Those of slots without an entry are in the default state, which
+/// owns nothing.
+template<class T>
+class xtcdictionary : public xtbdictionary<T>
+{
+    static_assert(std::is_nothrow_default_constructible_v<T> && std::is_nothrow_destructible_v<T>);
+    using entry = xdictentry<T>;
+
+public:
+    explicit xtcdictionary(const xdictcontrol* control = nullptr) : xtbdictionary<T>(control) {}
+    ~xtcdictionary() override { this->BaseClearAll(this->entrySize, this->valueOffset); }
+
+private:
+    void* OnAllocate(unsigned nSlots) override
+    {
+        void* const block = this->AllocateBlock(std::size_t{nSlots} * this->entrySize);
+        entry* at = static_cast<entry*>(block);
+        for (entry* const end = at + nSlots; at != end; ++at)
+            new (at) entry();
+        return block;
+    }
+    void OnRemoveEntry(void* value) override
+    {
+        // What the value held may look at the dictionary while it goes.
+        T* const at = static_cast<T*>(value);
+        const T ended(std::move(*at));
+        at->~T();
+        new (at) T();
+    }
+    void Destroy(void* block, unsigned nSlots) override
+    {
+        entry* at = static_cast<entry*>(block);
+        for (entry* const end = at + nSlots; at != end; ++at)
+            if (reinterpret_cast<std::uintptr_t>(at->key) > 1)
+                at->value.~T();
+        ::operator delete(block);
+    }
+};
+
+// ---- the standard dictionaries
+
+extern template class QEL_API xtbdictionary<unsigned char>;
+extern template class QEL_API xtbdictionary<int>;
+extern template class QEL_API xtbdictionary<double>;
+extern template class QEL_API xtbdictionary<xstring>;
+extern template class QEL_API xtbdictionary<xany>;
+extern template class QEL_API xtsdictionary<unsigned char>;
+extern template class QEL_API xtsdictionary<int>;
+extern template class QEL_API xtsdictionary<double>;
+extern template class QEL_API xtcdictionary<xstring>;
+extern template class QEL_API xtcdictionary<xany>;
+
+/// To bools, as bytes.
+class QEL_API xbooldictionary : public xtsdictionary<unsigned char>
+{
+    QEL_OBJECT(xbooldictionary); // "booleandict", counted
+
+public:
+    static xbooldictionary* create() { return new (pDefMemMgr) xbooldictionary; }
+};
+
+class QEL_API xintdictionary : public xtsdictionary<int>
+{
+    QEL_OBJECT(xintdictionary); // "intdict", counted
+
+public:
+    static xintdictionary* create() { return new (pDefMemMgr) xintdictionary; }
+};
+
+class QEL_API xrealdictionary : public xtsdictionary<double>
+{
+    QEL_OBJECT(xrealdictionary); // "realdict", counted
+
+public:
+    static xrealdictionary* create() { return new (pDefMemMgr) xrealdictionary; }
+};
+
+class QEL_API xstringdictionary : public xtcdictionary<xstring>
+{
+    QEL_OBJECT(xstringdictionary); // "stringdict", counted
+
+public:
+    static xstringdictionary* create() { return new (pDefMemMgr) xstringdictionary; }
+};
+
+class QEL_API xanydictionary : public xtcdictionary<xany>
+{
+    QEL_OBJECT(xanydictionary); // "anydict", counted
+
+public:
+    static xanydictionary* create() { return new (pDefMemMgr) xanydictionary; }
+};

@@ -1,0 +1,119 @@
+#include "xdictplaces_p.h"
+
+#include <algorithm>
+#include <bit>
+#include <new>
+
+namespace {
+
+/// The number that `odd` times makes 1, so that slot * inverse is the position of a slot on its path.
+constexpr std::uint32_t inverseOf(std::uint32_t odd)
+{
+    std::uint32_t inverse = odd; // right in the lowest three bits; each turn doubles them
+    for (int i = 0; i < 4; ++i)
+        inverse *= 2 - odd * inverse;
+    return inverse;
+}
+
+std::size_t wordsFor(std::size_t bits)
+{
+    return (bits + 63) / 64;
+}
+
+} // namespace
+
+xdictplaces::xdictplaces(unsigned size)
+    : mask(size - 1), taken(std::make_unique<std::uint64_t[]>(wordsFor(size)))
+{
+}
+
+void xdictplaces::giveBack(unsigned slot)
+{
+    taken[slot / 64] &= ~(std::uint64_t{1} << slot % 64);
+    if (paths == nullptr)
+        return;
+    // The paths learn of it when they are next gone far, or when there is no more room to note it.
+    if (freedCount == mask / stretch) {
+        for (unsigned i = 0; i < pathCount; ++i) {
+            if (paths[i].full != nullptr)
+                applyFreed(paths[i], inverseOf(stepOf(i)));
+            paths[i].applied = 0;
+        }
+        freedCount = 0;
+    }
+    freed[freedCount++] = slot;
+}
+
+/// Goes on where patience ended, at `slot`.
+unsigned xdictplaces::takeFar(unsigned path, std::uint32_t slot)
+{
+    if (mask < patience)
+        return none;
+    const std::uint32_t step = stepOf(path);
+    const std::uint32_t inverse = inverseOf(step);
+    Path* const known = openPath(path);
+    if (known != nullptr)
+        applyFreed(*known, inverse);
+
+    // The slots before this one in its stretch have just been seen taken.
+    std::uint32_t at = (slot * inverse & mask) / stretch;
+    const std::uint32_t stretches = (mask + 1) / stretch;
+    for (std::uint32_t seen = 0; seen <= stretches; ++seen) {
+        at = nextStretch(known, at);
+        if (at == none)
+            return none;
+        slot = at * stretch * step & mask;
+        for (unsigned i = 0; i < stretch; ++i, slot = (slot + step) & mask)
+            if (!isTaken(slot))
+                return take(slot);
+        if (known != nullptr)
+            known->full[at / 64] |= std::uint64_t{1} << at % 64;
+        at = (at + 1) & (stretches - 1);
+    }
+    return none;
+}
+
+/// What is known of a path, or null: without memory all slots are looked at.
+xdictplaces::Path* xdictplaces::openPath(unsigned path)
+{
+    if (paths == nullptr) {
+        freed.reset(new (std::nothrow) std::uint32_t[mask / stretch]);
+        if (freed != nullptr)
+            paths.reset(new (std::nothrow) Path[pathCount]);
+        if (paths == nullptr)
+            return nullptr;
+    }
+    Path& opened = paths[path];
+    if (opened.full == nullptr) {
+        opened.full.reset(new (std::nothrow) std::uint64_t[wordsFor((mask + 1) / stretch)]());
+        opened.applied = freedCount;
+    }
+    return opened.full == nullptr ? nullptr : &opened;
+}
+
+void xdictplaces::applyFreed(Path& to, std::uint32_t inverse)
+{
+    for (; to.applied < freedCount; ++to.applied) {
+        const std::uint32_t at = (freed[to.applied] * inverse & mask) / stretch;
+        to.full[at / 64] &= ~(std::uint64_t{1} << at % 64);
+    }
+}
+
+/// The first stretch from `from` on, around the end, that is not known to be full.
+std::uint32_t xdictplaces::nextStretch(const Path* path, std::uint32_t from) const
+{
+    if (path == nullptr)
+        return from;
+    const std::uint32_t stretches = (mask + 1) / stretch;
+    const std::size_t words = wordsFor(stretches);
+    std::uint64_t open = ~path->full[from / 64] & ~std::uint64_t{0} << from % 64;
+    std::size_t word = from / 64;
+    for (std::size_t seen = 0; seen <= words; ++seen) {
+        const auto at = static_cast<std::uint32_t>(word * 64 + static_cast<unsigned>(std::countr_zero(open)));
+        if (open != 0 && at < stretches)
+            return at;
+        word = word + 1 == words ? 0 : word + 1;
+        open = ~path->full[word];
+    }
+    return none;
+}

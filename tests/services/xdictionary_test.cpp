@@ -1,0 +1,452 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <qel/qelexception.h>
+#include <qel/qelrtti.h>
+#include <qel/qeltable.h>
+#include <qel/xdictionary.h>
+#include <qel/xsequence.h>
+
+#include "dictmodel.h"
+#include "support/child.h"
+#include "support/thrown.h"
+
+namespace {
+
+template<class D>
+class Open : public D
+{
+public:
+    using D::count;
+    using D::D;
+};
+
+std::string numbered(const char* before, int number)
+{
+    std::string digits = std::to_string(number);
+    return before + std::string(6 - digits.size(), '0') + digits;
+}
+
+// Families of keys. The empty key, short keys and bytes beyond ASCII are among the words.
+std::vector<std::string> words(int n)
+{
+    std::mt19937 random(3);
+    std::set<std::string> all = {"", "a", "b", "ab", "abc", "\xff", "\x80\x81\x82\x83", "z\xc3\xa4hl"};
+    while (static_cast<int>(all.size()) < n) {
+        std::string word;
+        for (auto left = 2 + random() % 8; left > 0; --left)
+            word += static_cast<char>('a' + random() % 26);
+        all.insert(word);
+    }
+    return {all.begin(), all.end()};
+}
+std::vector<std::string> numbers(int n)
+{
+    std::vector<std::string> all;
+    for (int i = 0; i < n; ++i)
+        all.push_back(numbered("key", i));
+    return all;
+}
+/// All on one path: the six bytes that the rule looks at are the same.
+std::vector<std::string> twins(int n)
+{
+    std::vector<std::string> all;
+    for (int i = 0; i < n; ++i)
+        all.push_back("ab" + numbered("", i) + "cdefghij");
+    return all;
+}
+
+int slotOf(xintdictionary& d, const char* key)
+{
+    for (int slot = 0; slot < d.getarraysize(); ++slot) {
+        xstring found;
+        if (d.getkeybyindex(slot, &found) && found == key)
+            return slot;
+    }
+    return -1;
+}
+
+void expectSame(xintdictionary& d, const DictModel& model, const std::vector<std::string>& names)
+{
+    ASSERT_EQ(d.getarraysize(), static_cast<int>(model.slots.size()));
+    for (int slot = 0; slot < d.getarraysize(); ++slot) {
+        const DictModel::Slot& expected = model.slots[static_cast<std::size_t>(slot)];
+        xstring key;
+        int value = 0;
+        ASSERT_EQ(d.getbyindex(slot, &value), expected.key >= 0) << slot;
+        ASSERT_EQ(d.getkeybyindex(slot, &key), expected.key >= 0) << slot;
+        if (expected.key >= 0) {
+            ASSERT_STREQ(key.CastToCString(), names[static_cast<std::size_t>(expected.key)].c_str()) << slot;
+            ASSERT_EQ(value, expected.value) << slot;
+        }
+    }
+}
+
+/// Sets and removes at random, in turns of growing and of shrinking.
+void compareWithModel(const std::vector<std::string>& names, int steps)
+{
+    std::mt19937 random(static_cast<unsigned>(names.size()));
+    DictModel model(names);
+    Open<xintdictionary> d;
+    const int turn = static_cast<int>(names.size()) * 2;
+    for (int step = 0; step < steps; ++step) {
+        const auto index = random() % names.size();
+        const int key = static_cast<int>(index);
+        const char* const name = names[index].c_str();
+        const bool growing = step / turn % 2 == 0;
+        switch (random() % 8) {
+        case 0: {
+            int value = -1;
+            const int slot = model.find(key);
+            ASSERT_EQ(d.find(name, &value), slot >= 0) << name;
+            ASSERT_EQ(value, slot >= 0 ? model.slots[static_cast<std::size_t>(slot)].value : -1);
+            break;
+        }
+        case 1:
+            if (!model.slots.empty()) {
+                const auto slot = random() % model.slots.size();
+                if (model.slots[slot].key >= 0)
+                    model.remove(model.slots[slot].key);
+                d.removebyindex(static_cast<int>(slot));
+            }
+            break;
+        case 2:
+        case 3:
+            growing ? model.set(key, step) : model.remove(key);
+            growing ? d.set(name, step) : d.remove(name);
+            break;
+        default:
+            growing == (random() % 4 != 0) ? model.set(key, step) : model.remove(key);
+            model.find(key) >= 0 ? d.set(name, step) : d.remove(name);
+        }
+        ASSERT_EQ(d.count, model.count) << step;
+        if (step % (turn / 4) == 0)
+            expectSame(d, model, names);
+    }
+    expectSame(d, model, names);
+}
+
+/// Watches copies, and keeps the values as they are.
+class Watching : public xtsdictionary<int>
+{
+public:
+    using xtsdictionary<int>::xtsdictionary;
+    int copies = 0;
+
+private:
+    void OnCopyEntry(void* to, const void* from) override
+    {
+        ++copies;
+        *static_cast<int*>(to) = *static_cast<const int*>(from);
+    }
+};
+
+} // namespace
+
+TEST(xdictionary, HasATableOnceSomethingIsSet)
+{
+    xintdictionary d;
+    int value = 5;
+    EXPECT_EQ(d.getarraysize(), 0);
+    EXPECT_FALSE(d.find("a", &value));
+    d.remove("a");
+    d.clearall();
+    EXPECT_EQ(d.getarraysize(), 0);
+    EXPECT_EQ(value, 5);
+
+    d.set("a", 1);
+    EXPECT_EQ(d.getarraysize(), 32);
+    EXPECT_TRUE(d.find("a", nullptr));
+    EXPECT_TRUE(d.getkeybyindex(slotOf(d, "a"), nullptr));
+    EXPECT_TRUE(d.getbyindex(slotOf(d, "a"), nullptr));
+    d.clearall();
+    EXPECT_EQ(d.getarraysize(), 0);
+    EXPECT_FALSE(d.find("a", nullptr));
+}
+
+TEST(xdictionary, PutsShortKeysWhereTheRuleSays)
+{
+    xintdictionary d;
+    for (const char* key : {"", "A", "AB", "ABC", "\xff"})
+        d.set(key, 0);
+    EXPECT_EQ(slotOf(d, ""), 0);
+    EXPECT_EQ(slotOf(d, "A"), 65 * 65 * 65 % 32);
+    EXPECT_EQ(slotOf(d, "AB"), 66 * 66 * 65 % 32);
+    EXPECT_EQ(slotOf(d, "ABC"), 66 * 67 * 65 % 32);
+    EXPECT_EQ(slotOf(d, "\xff"), 31); // -1 * -1 * -1
+
+    // The same start: the step decides. 'a' * 'b' * 'b' is even, as is 'b' * 'b' * 'a' of "bb"...
+    xintdictionary same;
+    same.set("bb", 0);
+    same.set("bxbb", 0); // 'b' * 'b' * 'b' too, step 2 * ('b' ^ 'b' ^ 'x') + 1
+    EXPECT_EQ(slotOf(same, "bb"), 98 * 98 * 98 % 32);
+    EXPECT_EQ(slotOf(same, "bxbb"), (98 * 98 * 98 + 2 * ('b' ^ 'b' ^ 'x') + 1) % 32);
+}
+
+TEST(xdictionary, FollowsThePublishedRuleSlotBySlot)
+{
+    compareWithModel(words(3000), 600000);
+    compareWithModel(words(25), 100000);
+    compareWithModel(numbers(3000), 300000);
+    compareWithModel(twins(500), 50000);
+}
+
+TEST(xdictionary, FollowsThePublishedRuleOnALongPath)
+{
+    const auto names = twins(5000);
+    DictModel model(names);
+    Open<xintdictionary> d;
+    const auto both = [&](int key, bool add) {
+        add ? model.set(key, key) : model.remove(key);
+        add ? d.set(names[static_cast<std::size_t>(key)].c_str(), key)
+            : d.remove(names[static_cast<std::size_t>(key)].c_str());
+    };
+    for (int key = 0; key < 5000; ++key)
+        both(key, true);
+    expectSame(d, model, names);
+    std::mt19937 random(1);
+    for (int round = 0; round < 3; ++round) {
+        std::vector<int> gone;
+        for (int i = 0; i < 800; ++i)
+            gone.push_back(static_cast<int>(random() % 5000));
+        for (const int key : gone)
+            both(key, false);
+        std::reverse(gone.begin(), gone.end());
+        for (const int key : gone)
+            both(key, true);
+        expectSame(d, model, names);
+    }
+}
+
+TEST(xdictionary, GrowsAndHalvesAtItsLoads)
+{
+    Open<xintdictionary> d;
+    const auto names = words(60);
+    for (std::size_t i = 0; i < 30; ++i)
+        d.set(names[i].c_str(), 1);
+    d.set(names[29].c_str(), 2); // an existing key needs no room
+    EXPECT_EQ(d.getarraysize(), 32);
+    EXPECT_EQ(d.count, 30u);
+    d.set(names[30].c_str(), 1);
+    EXPECT_EQ(d.getarraysize(), 64);
+    for (std::size_t i = 0; i < 8; ++i)
+        d.remove(names[i].c_str());
+    EXPECT_EQ(d.count, 23u);
+    EXPECT_EQ(d.getarraysize(), 64);
+    d.remove(names[8].c_str());
+    EXPECT_EQ(d.getarraysize(), 32);
+
+    const xdictcontrol early = {10, 50};
+    xtsdictionary<int> half(&early);
+    for (std::size_t i = 0; i < 18; ++i)
+        half.set(names[i].c_str(), 1);
+    EXPECT_EQ(half.getarraysize(), 64);
+}
+
+TEST(xdictionary, ReportsATableThatMayNotGrow)
+{
+    EXPECT_EQ(runInChild([] {
+                  const xdictcontrol never = {0, 1000};
+                  xtsdictionary<int> d(&never);
+                  const auto names = words(33);
+                  for (std::size_t i = 0; i < 32; ++i)
+                      d.set(names[i].c_str(), 1);
+                  if (d.find(names[32].c_str(), nullptr) || d.getarraysize() != 32)
+                      return 1;
+                  std::freopen("/dev/null", "w", stderr);
+                  d.set(names[32].c_str(), 1);
+                  return 2;
+              }),
+              -SIGABRT);
+}
+
+TEST(xdictionary, AnswersWhenAllSlotsWereRemovedOnce)
+{
+    xintdictionary d;
+    for (const std::string& name : words(500)) {
+        d.set(name.c_str(), 1);
+        EXPECT_FALSE(d.find("missing", nullptr));
+        d.remove(name.c_str());
+    }
+    EXPECT_EQ(d.getarraysize(), 32);
+    d.set("one", 1);
+    EXPECT_TRUE(d.find("one", nullptr));
+}
+
+TEST(xdictionary, ReusesTheSlotOfARemovedKey)
+{
+    xintdictionary d;
+    const auto names = twins(4);
+    for (std::size_t i = 0; i < 3; ++i)
+        d.set(names[i].c_str(), 1);
+    const int slot = slotOf(d, names[1].c_str());
+    d.remove(names[1].c_str());
+    EXPECT_TRUE(d.find(names[2].c_str(), nullptr));
+    d.set(names[3].c_str(), 1);
+    EXPECT_EQ(slotOf(d, names[3].c_str()), slot);
+}
+
+TEST(xdictionary, RefusesWhatIsNoSlotAndWhatIsNoKey)
+{
+    const xrchandle<xintdictionary> d = xintdictionary::create();
+    d->set("a", 1);
+    const std::vector<std::string> negative = {
+        thrownBy([&] { d->getkeybyindex(-1, nullptr); }), thrownBy([&] { d->getbyindex(INT_MIN, nullptr); }),
+        thrownBy([&] { d->setbyindex(-1, 1); }), thrownBy([&] { d->removebyindex(-1); })};
+    for (const std::string& name : negative)
+        EXPECT_EQ(name, "qellib::XNegativeIndex");
+    EXPECT_EQ(thrownBy([&] { d->setbyindex(32, 1); }), "qellib::XInvalidDictIndex");
+    EXPECT_EQ(thrownBy([&] { d->removebyindex(INT_MAX); }), "qellib::XInvalidDictIndex");
+    EXPECT_FALSE(d->getkeybyindex(32, nullptr));
+    EXPECT_FALSE(d->getbyindex(INT_MAX, nullptr));
+
+    const int empty = slotOf(*d, "a") == 0 ? 1 : 0;
+    xstring key = "untouched";
+    EXPECT_FALSE(d->getkeybyindex(empty, &key));
+    EXPECT_TRUE(key == "untouched");
+    d->setbyindex(empty, 7);
+    d->removebyindex(empty);
+    EXPECT_FALSE(d->getbyindex(empty, nullptr));
+
+    for (const char* none : {static_cast<const char*>(nullptr), xnullstr, xuninitstr}) {
+        EXPECT_FALSE(d->find(none, nullptr));
+        d->remove(none);
+        EXPECT_EQ(thrownBy([&] { d->set(none, 1); }), "qellib::XNotInitialized");
+    }
+    int value = 0;
+    EXPECT_TRUE(d->find("a", &value));
+    EXPECT_EQ(value, 1);
+    EXPECT_EQ(xrcgetcount(d.get()), 1);
+}
+
+TEST(xdictionary, CountsTheObjectsItHoldsExactly)
+{
+    const xrchandle<xintsequence> object = xintsequence::create();
+    const auto count = [&] { return xrcgetcount(object.get()) - 1; };
+    const auto names = words(300);
+    {
+        xanydictionary d;
+        for (const std::string& name : names)
+            d.set(name.c_str(), object.get());
+        EXPECT_EQ(count(), 300);
+        d.set(names[7].c_str(), 1);
+        d.remove(names[8].c_str());
+        EXPECT_EQ(count(), 298);
+        {
+            xany value;
+            EXPECT_TRUE(d.find(names[9].c_str(), &value));
+            EXPECT_EQ(count(), 299);
+        }
+        for (std::size_t i = 0; i < 290; ++i)
+            d.remove(names[i].c_str());
+        EXPECT_EQ(d.getarraysize(), 32);
+        EXPECT_EQ(count(), 10);
+        d.clearall();
+        EXPECT_EQ(count(), 0);
+        d.set("again", object.get());
+    }
+    EXPECT_EQ(count(), 0);
+}
+
+TEST(xdictionary, KeepsTextsThroughItsChangesOfSize)
+{
+    xstringdictionary d;
+    const auto names = numbers(2000);
+    for (const std::string& name : names)
+        d.set(name.c_str(), name.c_str());
+    for (std::size_t i = 0; i < names.size(); i += 2)
+        d.remove(names[i].c_str());
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        xstring value;
+        ASSERT_EQ(d.find(names[i].c_str(), &value), i % 2 == 1);
+        ASSERT_TRUE(value == (i % 2 == 1 ? names[i].c_str() : nullptr));
+    }
+}
+
+namespace {
+
+/// An object that uses the dictionary that held it when it dies.
+class Meddler : public virtual xobject
+{
+    QEL_OBJECT(Meddler);
+
+public:
+    explicit Meddler(xanydictionary* used) : dictionary(used) {}
+    ~Meddler() override
+    {
+        for (int i = 0; i < 40; ++i)
+            dictionary->set(numbered("m", i).c_str(), i);
+    }
+
+private:
+    xanydictionary* dictionary;
+};
+
+constinit qelClass Meddler::rtti = {.name = "test::Meddler", .counted = true};
+
+} // namespace
+
+TEST(xdictionary, CanBeUsedWhileAValueDies)
+{
+    const auto holdsAll = [](xanydictionary& d) {
+        xany value;
+        for (int i = 0; i < 40; ++i)
+            if (!d.find(numbered("m", i).c_str(), &value) || !(value == i))
+                return false;
+        return true;
+    };
+    xanydictionary d;
+    d.set("x", xany(new Meddler(&d)));
+    d.remove("x");
+    EXPECT_TRUE(holdsAll(d));
+    d.clearall();
+    d.set("x", xany(new Meddler(&d)));
+    d.clearall();
+    EXPECT_TRUE(holdsAll(d));
+    d.clearall();
+    d.set("x", xany(new Meddler(&d)));
+    d.set("x", 1);
+    EXPECT_TRUE(holdsAll(d));
+}
+
+TEST(xdictionary, ShowsAllCopiesToASubclassThatWatchesThem)
+{
+    Watching d;
+    const auto names = words(31);
+    for (const std::string& name : names)
+        d.set(name.c_str(), 1);
+    EXPECT_EQ(d.copies, 31 + 30); // all sets, and 30 entries into the larger table
+    EXPECT_TRUE(d.find(names[3].c_str(), nullptr));
+    EXPECT_EQ(d.copies, 61);
+}
+
+TEST(xdictionary, IsKnownToTheTypeSystem)
+{
+    const xrchandle<xstringdictionary> d = xstringdictionary::create();
+    d->set("k", "v");
+    auto* const type = xrttidictionary::cast(d->getRtti());
+    EXPECT_TRUE(type->getName() == "stringdict");
+    EXPECT_TRUE(type->getIsRefCount());
+    EXPECT_EQ(type->getElemType(), qelGetRtti_string());
+    EXPECT_EQ(type->getSize(d.get()), 32);
+    xany value;
+    EXPECT_TRUE(type->findElemValue(d.get(), "k", &value));
+    EXPECT_TRUE(value == "v");
+    EXPECT_FALSE(type->findElemValue(d.get(), "v", &value));
+    int found = 0;
+    for (int slot = 0; slot < 32; ++slot) {
+        xstring key;
+        found += type->getElemValueByIdx(d.get(), slot, &value);
+        const bool occupied = type->getElemKeyByIdx(d.get(), slot, &key);
+        EXPECT_EQ(occupied, key == "k");
+    }
+    EXPECT_EQ(found, 1);
+    EXPECT_EQ(static_cast<void*>(static_cast<xobject*>(d.get())), static_cast<void*>(d.get()));
+}
