@@ -1,0 +1,18 @@
+#pragma once
+
+#include <qel/base/baseexport.h>
+
+/// The machine and the operating system that this library was built for, such as "x86_64" and "linux".
+extern BASE_API const char* const ZUN_MACHINE_TYPE;
+extern BASE_API const char* const ZUN_OS_TYPE;
+
+/// Runs `command` in the command shell and waits for its end; the caller's standard streams are the
+/// command's. Answers its exit status, 128 and the signal's number when a signal ended it, or -1 when it
+/// could not be run. The command starts with the default signal handling, whatever the caller's; the caller's
+/// is not touched. Safe to call from any thread.
+BASE_API int System(const char* command);
+
+/// Sets `name` in the environment of the process to a copy of `value`. False, with nothing changed, for a
+/// name that is empty or holds "=", and when memory runs out. Not to be called while another thread reads the
+/// environment.
+BASE_API bool Putenv(const char* name, const char* value);
