@@ -1,0 +1,303 @@
+#include "fspath.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include "fserror_p.h"
+#include "fspath_p.h"
+
+namespace {
+
+constexpr const char* remoteMark = "::";
+
+bool isNull(const char* text)
+{
+    return text == nullptr || text == xnullstr || text == xuninitstr;
+}
+
+bool isLetter(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+bool hasSlash(const char* path)
+{
+    return std::strchr(path, '/') != nullptr;
+}
+
+/// `text` as a result: in native form when it has a "/", and refused then when it is too long.
+xstring nativeResult(const char* text, const char* function)
+{
+    fsNativePath native;
+    return fsConvertSlashes(native, text, function);
+}
+
+/// What the four operations on the ends of a path begin with. Null when the answer is the null string, else
+/// the path to be divided, in `native`. A tail may be as long as it likes without "/": `path` itself then.
+const char* endsOf(fsNativePath& native, const char* path, const char* function, bool always)
+{
+    if (isNull(path))
+        return nullptr;
+    fsCheckRemote(path, function);
+    if (always)
+        fsConvert(native, path, function);
+    const char* const text = always ? native.text() : fsConvertSlashes(native, path, function);
+    return fsIsEmptyPath(text) ? nullptr : text;
+}
+
+/// How long the part of `path` is that stands before the separator at `separator`.
+std::size_t headLength(const char* path, const char* separator)
+{
+    const auto at = static_cast<std::size_t>(separator - path);
+    const bool root = at == 0 || (at == 2 && path[1] == ':');
+    return root && *separator != '\0' ? at + 1 : at;
+}
+
+xstring headOf(const char* path, const char* separator)
+{
+    return std::string(path, headLength(path, separator)).c_str();
+}
+
+/// The end of the entry that begins at `entry`: the next separator or the end of the text.
+const char* entryEnd(const char* entry)
+{
+    return entry + std::strcspn(entry, "\\");
+}
+
+} // namespace
+
+// ---- building
+
+fsNativePath::fsNativePath(const fsNativePath& other) : size(other.size)
+{
+    std::memcpy(buffer, other.buffer, size + 1);
+}
+
+fsNativePath& fsNativePath::operator=(const fsNativePath& other)
+{
+    size = other.size;
+    std::memmove(buffer, other.buffer, size + 1);
+    return *this;
+}
+
+bool fsNativePath::Assign(const char* path)
+{
+    path = fsTextOf(path);
+    const std::size_t length = strnlen(path, maxLength + 1);
+    if (length > maxLength)
+        return false;
+    std::replace_copy(path, path + length + 1, buffer, '/', fsSeparator);
+    size = length;
+    return true;
+}
+
+bool fsNativePath::Append(const char* entry, bool separated)
+{
+    const std::size_t length = std::strlen(entry);
+    if (size + length + (separated ? 1 : 0) > maxLength)
+        return false;
+    if (separated)
+        buffer[size++] = fsSeparator;
+    std::memcpy(buffer + size, entry, length + 1);
+    size += length;
+    return true;
+}
+
+void fsNativePath::Cut(std::size_t newLength)
+{
+    size = newLength;
+    buffer[size] = '\0';
+}
+
+// ---- asking and checking
+
+const char* fsTextOf(const char* path)
+{
+    return isNull(path) ? "" : path;
+}
+
+bool fsHasDrive(const char* path)
+{
+    return isLetter(path[0]) && path[1] == ':';
+}
+
+bool fsIsEmptyPath(const char* path)
+{
+    return path[0] == '\0' || (fsHasDrive(path) && path[2] == '\0');
+}
+
+bool fsIsRemote(const char* path)
+{
+    return std::strstr(path, remoteMark) != nullptr;
+}
+
+std::size_t fsRootLength(const char* path)
+{
+    const std::size_t drive = fsHasDrive(path) ? 2 : 0;
+    return path[drive] == fsSeparator ? drive + 1 : 0;
+}
+
+void fsCheckEmpty(const char* path, const char* function)
+{
+    if (fsIsEmptyPath(fsTextOf(path)))
+        fsRaise(fsInvalidPath, function, path);
+}
+
+void fsCheckRemote(const char* path, const char* function)
+{
+    if (fsIsRemote(fsTextOf(path)))
+        fsRaise(fsInvalidPath, function, path);
+}
+
+void fsConvert(fsNativePath& native, const char* path, const char* function)
+{
+    if (!native.Assign(path))
+        fsRaise(fsInvalidPath, function, path);
+}
+
+void fsCheckPath(fsNativePath& native, const char* path, const char* function)
+{
+    fsCheckEmpty(path, function);
+    fsCheckRemote(path, function);
+    fsConvert(native, path, function);
+}
+
+const char* fsConvertSlashes(fsNativePath& native, const char* path, const char* function)
+{
+    path = fsTextOf(path);
+    if (!hasSlash(path))
+        return path;
+    fsConvert(native, path, function);
+    return native.text();
+}
+
+const char* fsCheckPathSlashes(fsNativePath& native, const char* path, const char* function)
+{
+    fsCheckEmpty(path, function);
+    fsCheckRemote(path, function);
+    return fsConvertSlashes(native, path, function);
+}
+
+void fsJoin(fsNativePath& path, const char* name, const char* function, bool separated)
+{
+    if (!path.Append(name, separated))
+        fsRaise(fsInvalidPath, function, nullptr);
+}
+
+// ---- the operations
+
+unsigned char fsIsPathAbsolute(const char* path)
+{
+    path = fsTextOf(path);
+    return path[0] == '/' || (fsHasDrive(path) && (path[2] == '/' || path[2] == fsSeparator));
+}
+
+xstring fsPathToNative(const char* path)
+{
+    return isNull(path) ? xstring() : nativeResult(path, "fsPathToNative");
+}
+
+xstring fsCatPaths(const char* directory, const char* relative)
+{
+    constexpr const char* function = "fsCatPaths";
+    if (fsIsPathAbsolute(relative) || fsIsRemote(fsTextOf(relative)))
+        fsRaise(fsInvalidPath, function, relative);
+    fsNativePath joined;
+    if (!joined.Assign(directory))
+        fsRaise(fsInvalidPath, function, nullptr);
+    fsJoin(joined, fsTextOf(relative), function);
+    return nativeResult(joined.text(), function);
+}
+
+xstring fsMkRemPath(const char* address, const char* local)
+{
+    constexpr const char* function = "fsMkRemPath";
+    if (isNull(address))
+        return local;
+    fsCheckRemote(local, function);
+    return nativeResult((std::string(address) + remoteMark + fsTextOf(local)).c_str(), function);
+}
+
+xstring fsGetAddress(const char* remote)
+{
+    remote = fsTextOf(remote);
+    const char* const mark = std::strstr(remote, remoteMark);
+    return mark == nullptr ? xstring() : std::string(remote, mark).c_str();
+}
+
+xstring fsGetLocalPath(const char* remote)
+{
+    const char* const mark = std::strstr(fsTextOf(remote), remoteMark);
+    return mark == nullptr ? xstring(remote) : nativeResult(mark + std::strlen(remoteMark), "fsMkRemPath");
+}
+
+xstring fsSeparatePathHead(char* path, char* separator)
+{
+    path[headLength(path, separator)] = '\0';
+    return path;
+}
+
+xstring fsSeparatePathTail(const char* separator)
+{
+    return separator[1] == '\0' ? xstring() : separator + 1;
+}
+
+xstring fsGetHeadPath(const char* path)
+{
+    fsNativePath native;
+    const char* const text = endsOf(native, path, "fsGetHeadPath", true);
+    const char* const separator = text == nullptr ? nullptr : std::strrchr(text, fsSeparator);
+    return separator == nullptr ? xstring() : headOf(text, separator);
+}
+
+xstring fsGetHeadEntry(const char* path)
+{
+    fsNativePath native;
+    const char* const text = endsOf(native, path, "fsGetHeadEntry", true);
+    return text == nullptr ? xstring() : headOf(text, entryEnd(text));
+}
+
+xstring fsGetTailPath(const char* path)
+{
+    fsNativePath native;
+    const char* const text = endsOf(native, path, "fsGetTailPath", false);
+    const char* const separator = text == nullptr ? nullptr : std::strchr(text, fsSeparator);
+    return separator == nullptr ? xstring() : fsSeparatePathTail(separator);
+}
+
+xstring fsGetTailEntry(const char* path)
+{
+    fsNativePath native;
+    const char* const text = endsOf(native, path, "fsGetTailEntry", false);
+    const char* const separator = text == nullptr ? nullptr : std::strrchr(text, fsSeparator);
+    return text == nullptr || separator == nullptr ? xstring(text) : fsSeparatePathTail(separator);
+}
+
+xstring fsIntersectPaths(const char* a, const char* b)
+{
+    constexpr const char* function = "fsIntersectPaths";
+    fsNativePath nativeA, nativeB;
+    for (const char* path : {a, b})
+        fsCheckEmpty(path, function);
+    for (const char* path : {a, b})
+        fsCheckRemote(path, function);
+    fsConvert(nativeA, a, function);
+    fsConvert(nativeB, b, function);
+
+    const char* matched = nullptr; // where the last equal entry of A ends
+    const char* entryA = nativeA.text();
+    const char* entryB = nativeB.text();
+    for (;;) {
+        const char* const endA = entryEnd(entryA);
+        const char* const endB = entryEnd(entryB);
+        if (!std::equal(entryA, endA, entryB, endB))
+            break;
+        matched = endA;
+        if (*endA == '\0' || *endB == '\0')
+            break;
+        entryA = endA + 1;
+        entryB = endB + 1;
+    }
+    return matched == nullptr ? xstring() : headOf(nativeA.text(), matched);
+}

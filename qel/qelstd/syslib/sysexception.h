@@ -1,0 +1,58 @@
+#pragma once
+
+#include <iosfwd>
+
+#include <qel/qelexception.h>
+
+/// The base of the system library's failures. They are printed, not thrown. Not counted.
+class QEL_API sysXException : public virtual qelXExternFunc
+{
+    QEL_OBJECT(sysXException); // "syslib::XException"
+
+public:
+    sysXException(const char* description, qelXFunc* func);
+    /// Writes the description, the function and the values, a line each.
+    virtual void Print(std::ostream& os);
+};
+
+/// "Can't get host name"
+class QEL_API sysXCantGetHostName : public virtual sysXException
+{
+    QEL_OBJECT(sysXCantGetHostName); // "syslib::XCantGetHostName"
+
+public:
+    sysXCantGetHostName(const char* description, qelXFunc* func);
+};
+
+/// "Can't get user name"
+class QEL_API sysXCantGetUserName : public virtual sysXException
+{
+    QEL_OBJECT(sysXCantGetUserName); // "syslib::XCantGetUserName"
+
+public:
+    sysXCantGetUserName(const char* description, qelXFunc* func);
+};
+
+/// "Can't set environment variable"
+class QEL_API sysXCantPutEnv : public virtual sysXException
+{
+    QEL_OBJECT(sysXCantPutEnv); // "syslib::XCantPutEnv"
+
+public:
+    sysXCantPutEnv(const char* description, qelXFunc* func, const char* var);
+    void Print(std::ostream& os) override;
+
+    virtual xstring getVar();
+
+private:
+    xstring Var;
+};
+
+enum sysErrorCode { sysCantGetHostName = 0, sysCantGetUserName = 1, sysCantPutEnv = 2, sysInternalError = 3 };
+
+/// The text of a failure; "No description" for a number that is none.
+QEL_API const char* sysGetDescription(int code);
+
+/// Prints the exception for `code`, raised by `function`, on the standard error stream. `var` is the variable
+/// that could not be set. A code without an exception prints nothing.
+QEL_API void sysHandleKnownError(sysErrorCode code, const char* function, const char* var);

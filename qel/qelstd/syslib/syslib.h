@@ -1,0 +1,29 @@
+#pragma once
+
+#include <qel/sysexception.h>
+#include <qel/xstring.h>
+
+// Facts about the machine and the process, and a few actions. Nothing is thrown: what fails is reported on
+// the standard error stream. All but sysGetEnv and sysPutEnv may be called from any thread; those two work on
+// the environment of the process, which must not be read while it is changed.
+
+/// The computer's name; null when that fails (sysXCantGetHostName is reported).
+QEL_API xstring sysGetCurHostName();
+/// The name of the user that runs the process; null when that fails (sysXCantGetUserName is reported).
+QEL_API xstring sysGetCurUserName();
+/// The types of the machine and of the operating system, such as "x86_64" and "linux".
+QEL_API xstring sysGetPlatform();
+QEL_API xstring sysGetOSType();
+
+/// The value of an environment variable; null when it is not set.
+QEL_API xstring sysGetEnv(const char* name);
+/// Sets an environment variable to a copy of `value`. A name that is empty or holds "=", and null, are
+/// refused (sysXCantPutEnv is reported).
+QEL_API void sysPutEnv(const char* name, const char* value);
+
+/// Runs a command in the shell and answers its exit status; 128 and the signal's number when a signal ended
+/// it, -1 when it could not be run.
+QEL_API int sysOSCall(const char* command);
+
+/// Suspends the calling thread; signals do not shorten it. 0 or less: not at all.
+QEL_API void sysSleep(int seconds);

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <iosfwd>
+
+#include <qel/qelexception.h>
+
+class tmTime;
+
+/// The base of the time library's failures. They are not thrown: the library prints them and ends the
+/// process. Not counted.
+class QEL_API tmXException : public virtual qelXExternFunc
+{
+    QEL_OBJECT(tmXException); // "timelib::XException"
+
+public:
+    tmXException(const char* description, qelXFunc* func);
+    /// Writes the description, the function and the values, a line each.
+    virtual void Print(std::ostream& os);
+};
+
+/// "Invalid time string"
+class QEL_API tmXInvalTimeString : public virtual tmXException
+{
+    QEL_OBJECT(tmXInvalTimeString); // "timelib::XInvalTimeString"
+
+public:
+    tmXInvalTimeString(const char* description, qelXFunc* func, const char* invalString, const char* format);
+    void Print(std::ostream& os) override;
+
+    xstring getInvalString();
+    xstring getFormat();
+
+private:
+    xstring InvalString;
+    xstring Format;
+};
+
+/// "Cannot make valid time object"
+class QEL_API tmXCantMakeTime : public virtual tmXException
+{
+    QEL_OBJECT(tmXCantMakeTime); // "timelib::XCantMakeTime"
+
+public:
+    tmXCantMakeTime(const char* description, qelXFunc* func, int year, int month, int dayOfMonth, int hour,
+                    int minute, int second);
+    void Print(std::ostream& os) override;
+
+    int getYear();
+    int getMonth();
+    int getDayOfMonth();
+    int getHour();
+    int getMinute();
+    int getSecond();
+
+private:
+    int Year;
+    int Month;
+    int DayOfMonth;
+    int Hour;
+    int Minute;
+    int Second;
+};
+
+/// "Cannot make valid time string object from giventime object"
+class QEL_API tmXCantMakeTimeString : public virtual tmXException
+{
+    QEL_OBJECT(tmXCantMakeTimeString); // "timelib::XCantMakeTimeString"
+
+public:
+    /// Keeps a copy of `time`, which may be null.
+    tmXCantMakeTimeString(const char* description, qelXFunc* func, const char* format, tmTime* time);
+    ~tmXCantMakeTimeString() override;
+    void Print(std::ostream& os) override;
+
+    /// Valid while the exception lives.
+    tmTime* getTime();
+    xstring getFormat();
+
+private:
+    xstring Format;
+    tmTime* Time;
+};

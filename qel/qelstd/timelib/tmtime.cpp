@@ -1,0 +1,310 @@
+#include "tmtime.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <ctime>
+#include <iostream>
+#include <mutex>
+#include <string>
+
+#include <qel/base/btktimeval.h>
+
+#include "qeltable.h"
+#include "tmexception.h"
+
+constinit qelClass tmTime::rtti = {
+    .name = "timelib::Time",
+    .attrs = {QEL_ATTR(AbsTime), QEL_ATTR(Year), QEL_ATTR(Month), QEL_ATTR(DayOfMonth), QEL_ATTR(DayOfWeek),
+              QEL_ATTR(Hour), QEL_ATTR(Minute), QEL_ATTR(Second)},
+};
+
+namespace {
+
+/// The texts of the failures, by number.
+constexpr const char* invalidText = "Invalid time string";                                   // 0
+constexpr const char* noTime = "Cannot make valid time object";                              // 1
+constexpr const char* noText = "Cannot make valid time string object from giventime object"; // 2
+
+constexpr int firstYear = 1900; // of the host's broken-down time
+
+/// Prints the failure and ends the process.
+template<class X, class... Values>
+[[noreturn]] void reportAndExit(const char* description, const char* function, Values... values)
+{
+    // Not freed: the process ends here, and the attributes may be looked at by what runs at exit.
+    auto* const failure = new (pDefMemMgr) X(description, new (pDefMemMgr) qelXFunc(function), values...);
+    failure->Print(std::cerr);
+    std::exit(1);
+}
+
+struct DefaultFormat
+{
+    std::mutex guard;
+    std::string text = "%a %b %d %H:%M:%S %y";
+};
+
+DefaultFormat& defaultFormat()
+{
+    static DefaultFormat* const format =
+        new DefaultFormat; // never freed: may be asked for while the process ends
+    return *format;
+}
+
+std::string currentFormat()
+{
+    DefaultFormat& format = defaultFormat();
+    const std::lock_guard lock(format.guard);
+    return format.text;
+}
+
+std::tm localFields(double seconds)
+{
+    constexpr double furthest = 9.2e18; // what a time_t holds
+    const auto whole = static_cast<std::time_t>(std::clamp(seconds, -furthest, furthest));
+    std::tm fields = {};
+    localtime_r(&whole, &fields);
+    return fields;
+}
+
+long long yearOf(double seconds)
+{
+    return static_cast<long long>(localFields(seconds).tm_year) + firstYear;
+}
+
+/// A calendar time as it was given: the month from 1, the year perhaps short.
+struct Calendar
+{
+    long long year;
+    long long month;
+    long long day;
+    long long hour = 0;
+    long long minute = 0;
+    long long second = 0;
+    int dst = -1; // the host decides
+};
+
+bool fits(long long value, int* field)
+{
+    *field = static_cast<int>(value);
+    return value >= INT_MIN && value <= INT_MAX;
+}
+
+/// The seconds since 1970 of a local time. False when the host cannot tell.
+bool makeTime(const Calendar& given, long* result)
+{
+    const long long year = given.year < 70    ? 2000 + given.year
+                           : given.year < 100 ? 1900 + given.year
+                                              : given.year;
+    std::tm fields = {};
+    int wholeYear;
+    if (!fits(year, &wholeYear) || !fits(year - firstYear, &fields.tm_year) ||
+        !fits(given.month - 1, &fields.tm_mon) || !fits(given.day, &fields.tm_mday) ||
+        !fits(given.hour, &fields.tm_hour) || !fits(given.minute, &fields.tm_min) ||
+        !fits(given.second, &fields.tm_sec))
+        return false;
+    fields.tm_isdst = given.dst;
+    fields.tm_wday = -1;
+    const std::time_t made = std::mktime(&fields);
+    if (fields.tm_wday < 0) // -1 is a time too; only a failure leaves the day of the week
+        return false;
+    *result = made;
+    return true;
+}
+
+/// Reads the tokens of a time, one after the other.
+class Tokens
+{
+public:
+    enum Kind { number, dateSeparator, timeSeparator, end, bad };
+
+    explicit Tokens(const char* text) : rest(text) { next(); }
+
+    Kind kind() const { return current; }
+
+    void next()
+    {
+        while (*rest == ' ' || (*rest >= '\t' && *rest <= '\r'))
+            ++rest;
+        if (*rest >= '0' && *rest <= '9') {
+            char* behind;
+            errno = 0;
+            read = std::strtol(rest, &behind, 10);
+            rest = behind;
+            current = errno == 0 ? number : bad;
+            return;
+        }
+        current = *rest == '\0'                  ? end
+                  : *rest == ':'                 ? timeSeparator
+                  : *rest == '-' || *rest == '/' ? dateSeparator
+                                                 : bad;
+        if (current != end)
+            ++rest;
+    }
+
+    /// Passes a number; false when there is none.
+    bool take(long long* out)
+    {
+        if (current != number)
+            return false;
+        *out = read;
+        next();
+        return true;
+    }
+
+    /// Passes `wanted`; false when something else is there.
+    bool take(Kind wanted)
+    {
+        if (current != wanted)
+            return false;
+        next();
+        return true;
+    }
+
+private:
+    const char* rest;
+    Kind current = end;
+    long read = 0;
+};
+
+bool readDate(Tokens& tokens, Calendar* out)
+{
+    if (!tokens.take(&out->month) || !tokens.take(Tokens::dateSeparator) || !tokens.take(&out->day) ||
+        out->month == 0 || out->day == 0)
+        return false;
+    if (tokens.take(Tokens::dateSeparator))
+        return tokens.take(&out->year);
+    out->year = yearOf(static_cast<double>(std::time(nullptr)));
+    return true;
+}
+
+bool readTimeOfDay(Tokens& tokens, Calendar* out)
+{
+    if (!tokens.take(&out->hour) || !tokens.take(Tokens::timeSeparator) || !tokens.take(&out->minute))
+        return false;
+    return !tokens.take(Tokens::timeSeparator) || tokens.take(&out->second);
+}
+
+} // namespace
+
+tmTime* tmTime::CurrentTime()
+{
+    return new (pDefMemMgr) tmTime(std::time(nullptr));
+}
+
+tmTime* tmTime::LocalTime(int year, int month, int day, int hour, int minute, int second, unsigned char dst)
+{
+    const int saving = dst == xnullbool || dst == xuninitbool ? -1 : dst != 0 ? 1 : 0;
+    long made;
+    if (!makeTime({year, month, day, hour, minute, second, saving}, &made))
+        reportAndExit<tmXCantMakeTime>(noTime, "tmTime::LocalTime", year, month, day, hour, minute, second);
+    return new (pDefMemMgr) tmTime(made);
+}
+
+tmTime* tmTime::TimeFromString(const char* text, const char* format)
+{
+    long read;
+    if (!tmString2Time(text, &read))
+        reportAndExit<tmXInvalTimeString>(invalidText, "tmTime::TimeFromString", text, format);
+    return new (pDefMemMgr) tmTime(read);
+}
+
+xstring tmTime::TimeToString(tmTime* time, const char* format)
+{
+    if (!qelIsObject(time))
+        qelXNotInitialized::Throw();
+    std::string byDefault;
+    if (!qelIsObject(format)) {
+        byDefault = currentFormat();
+        format = byDefault.c_str();
+    }
+    const std::tm fields = localFields(time->AbsTime);
+    char text[1000];
+    if (std::strftime(text, sizeof text, format, &fields) == 0)
+        reportAndExit<tmXCantMakeTimeString>(noText, "tmTime::TimeToString", format, time);
+    return text;
+}
+
+xstring tmTime::getTimeFormat()
+{
+    const std::string format = currentFormat();
+    return format.empty() ? xstring() : format.c_str();
+}
+
+xstring tmTime::setTimeFormat(const char* format)
+{
+    std::string text = qelIsObject(format) ? format : "";
+    DefaultFormat& current = defaultFormat();
+    const std::lock_guard lock(current.guard);
+    current.text.swap(text);
+    return format;
+}
+
+double tmTime::RealTime()
+{
+    return btkTimeval::GetTimeOfDay().ToSeconds();
+}
+
+double tmTime::getAbsTime()
+{
+    return AbsTime;
+}
+
+double tmTime::setAbsTime(double t)
+{
+    constexpr double beyond = 9223372036854775808.0; // 2^63
+    if (t > -beyond && t < beyond)
+        AbsTime = static_cast<double>(static_cast<long>(t));
+    return AbsTime;
+}
+
+int tmTime::getYear()
+{
+    int year;
+    return fits(yearOf(AbsTime), &year) ? year : xnullint;
+}
+
+int tmTime::getMonth()
+{
+    return localFields(AbsTime).tm_mon + 1;
+}
+
+int tmTime::getDayOfMonth()
+{
+    return localFields(AbsTime).tm_mday;
+}
+
+int tmTime::getDayOfWeek()
+{
+    return localFields(AbsTime).tm_wday;
+}
+
+int tmTime::getHour()
+{
+    return localFields(AbsTime).tm_hour;
+}
+
+int tmTime::getMinute()
+{
+    return localFields(AbsTime).tm_min;
+}
+
+int tmTime::getSecond()
+{
+    return localFields(AbsTime).tm_sec;
+}
+
+bool tmString2Time(const char* text, long* result)
+{
+    if (!qelIsObject(text))
+        return false;
+    Tokens tokens(text);
+    Calendar given = {};
+    given.dst = -1;
+    if (!readDate(tokens, &given))
+        return false;
+    if (tokens.kind() != Tokens::end && !readTimeOfDay(tokens, &given))
+        return false;
+    return tokens.kind() == Tokens::end && makeTime(given, result);
+}

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <qel/xobject.h>
+#include <qel/xstring.h>
+
+/// A point in time: whole seconds since 1970-01-01 00:00:00 UTC. The accessors break it down in the host's
+/// local time. Not counted: whoever receives one frees it with xdelete. One object is used by one thread at a
+/// time; different ones, and the static operations, by any.
+class QEL_API tmTime : public virtual xobject
+{
+    QEL_OBJECT(tmTime); // "timelib::Time"
+
+public:
+    explicit tmTime(long t) : AbsTime(static_cast<double>(t)) {}
+
+    // ---- a new object, which the caller owns
+
+    static tmTime* CurrentTime();
+    /// The local time of a calendar date. A year below 70 is 2000 and that, one from 70 to 99 is 1900 and
+    /// that. Fields beyond their range run over (month 13 is the next January). `dst`: whether daylight
+    /// saving is in force, xnullbool: as the host decides. A time that cannot be made is reported on the
+    /// standard error stream (tmXCantMakeTime) and ends the process with exit status 1.
+    static tmTime* LocalTime(int year, int month, int day, int hour, int minute, int second,
+                             unsigned char dst);
+    /// The time that tmString2Time reads; `format` is not looked at. A text that is none is reported
+    /// (tmXInvalTimeString) and ends the process with exit status 1.
+    static tmTime* TimeFromString(const char* text, const char* format);
+
+    // ---- texts
+
+    /// The time in local time, as strftime formats it by `format`, or by the default format when that is
+    /// null. A result that is empty or longer than 999 bytes is reported (tmXCantMakeTimeString) and ends the
+    /// process with exit status 1.
+    /// @throws qelXNotInitialized  `time` is null or uninit
+    static xstring TimeToString(tmTime* time, const char* format = nullptr);
+    /// The default format of the process, "%a %b %d %H:%M:%S %y" at first; null when it is empty.
+    static xstring getTimeFormat();
+    /// Sets the default format, to the empty text when `format` is null. Answers `format`.
+    static xstring setTimeFormat(const char* format);
+
+    /// The time now in seconds, with microseconds.
+    static double RealTime();
+
+    // ---- attributes
+
+    virtual double getAbsTime();
+    /// Stores the whole seconds of `t` and answers what it stored. What fits no time, such as a null, changes
+    /// nothing.
+    virtual double setAbsTime(double t);
+    virtual int getYear();       // of the calendar; null for one that does not fit
+    virtual int getMonth();      // 1 to 12
+    virtual int getDayOfMonth(); // 1 to 31
+    virtual int getDayOfWeek();  // 0 (Sunday) to 6
+    virtual int getHour();       // 0 to 23
+    virtual int getMinute();     // 0 to 59
+    virtual int getSecond();     // 0 to 61
+
+private:
+    double AbsTime;
+};
+
+/// Reads a local time: month/day, month/day/year or the same with "-", then perhaps hour:minute or
+/// hour:minute:second. Years as in LocalTime; without one, the current year; without a time, midnight. White
+/// space may stand before each part. False for anything else, with `result` unchanged. Safe to call from any
+/// thread.
+QEL_API bool tmString2Time(const char* text, long* result);

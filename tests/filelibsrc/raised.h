@@ -1,0 +1,58 @@
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <utility>
+
+#include <qel/fserror.h>
+
+/// What a file operation raised: the number of the failure, the function and the path that it names.
+struct Raised
+{
+    int code = 0;
+    std::string function;
+    std::string path;
+
+    Raised() = default;
+    Raised(int number, std::string name, std::string about)
+        : code(number), function(std::move(name)), path(std::move(about))
+    {
+    }
+    bool operator==(const Raised&) const = default;
+    friend std::ostream& operator<<(std::ostream& os, const Raised& r)
+    {
+        return os << r.code << " in " << r.function << " about " << r.path;
+    }
+};
+
+/// What `action` raises; number 0 when nothing.
+template<typename Action>
+Raised raisedBy(Action action)
+{
+    const char* const names[] = {"",
+                                 "filelib::XIOError",
+                                 "filelib::XQuotaExhausted",
+                                 "filelib::XDiskFull",
+                                 "filelib::XInvalidName",
+                                 "filelib::XInvalidPath",
+                                 "filelib::XDoesNotExist",
+                                 "filelib::XFileExists",
+                                 "filelib::XLinksNotSupported",
+                                 "filelib::XNoPermission",
+                                 "filelib::XSignal",
+                                 "filelib::XOther"};
+    try {
+        action();
+        return {};
+    } catch (xthrowable* thrown) {
+        const xrchandle<xthrowable> held(thrown);
+        xrcrelease(thrown);
+        fsXException* const raised = fsXException::cast(thrown);
+        int code = 0;
+        while (code < 12 && !(raised->getQelTypeName() == names[code]))
+            ++code;
+        const xstring path = raised->getPath();
+        return {code, raised->getFunc()->getName().CastToCString(),
+                path == nullptr ? "(null)" : path.CastToCString()};
+    }
+}

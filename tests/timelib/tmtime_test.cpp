@@ -1,0 +1,238 @@
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cmath>
+#include <ctime>
+#include <memory>
+#include <sstream>
+#include <thread>
+
+#include <qel/qelrtti.h>
+#include <qel/tmexception.h>
+#include <qel/tmtime.h>
+
+#include "support/environment.h"
+#include "support/thrown.h"
+
+namespace {
+
+using testing::ExitedWithCode;
+
+/// A zone with daylight saving, so that a mistaken UTC shows.
+class Time : public testing::Test
+{
+protected:
+    static std::string text(long time, const char* format = "%Y-%m-%d %H:%M:%S")
+    {
+        tmTime object(time);
+        return tmTime::TimeToString(&object, format).CastToCString();
+    }
+
+    static std::string read(const char* from)
+    {
+        long time = 12345;
+        if (tmString2Time(from, &time))
+            return text(time);
+        EXPECT_EQ(time, 12345);
+        return "refused";
+    }
+
+    static std::string local(int year, int month, int day, int hour = 0, int minute = 0, int second = 0,
+                             unsigned char dst = xnullbool)
+    {
+        tmTime* const made = tmTime::LocalTime(year, month, day, hour, minute, second, dst);
+        const long seconds = static_cast<long>(made->getAbsTime());
+        xdelete(made);
+        return text(seconds);
+    }
+
+    EnvSetting zone{"TZ", "CET-1CEST,M3.5.0,M10.5.0/3"};
+};
+
+} // namespace
+
+TEST_F(Time, BreaksASecondDownInLocalTime)
+{
+    tmTime time(1104710399); // 2005-01-02 23:59:59 UTC, a Sunday
+
+    EXPECT_EQ(time.getAbsTime(), 1104710399.0);
+    EXPECT_EQ(time.getYear(), 2005);
+    EXPECT_EQ(time.getMonth(), 1);
+    EXPECT_EQ(time.getDayOfMonth(), 3);
+    EXPECT_EQ(time.getDayOfWeek(), 1);
+    EXPECT_EQ(time.getHour(), 0);
+    EXPECT_EQ(time.getMinute(), 59);
+    EXPECT_EQ(time.getSecond(), 59);
+}
+
+TEST_F(Time, StoresWholeSecondsAndKeepsTheOldOnesForWhatIsNoTime)
+{
+    tmTime time(5);
+    EXPECT_EQ(time.setAbsTime(12.9), 12.0);
+    EXPECT_EQ(time.setAbsTime(-12.9), -12.0);
+    for (double none :
+         {static_cast<double>(NAN), static_cast<double>(INFINITY), xnullreal, xuninitreal, -1e300})
+        EXPECT_EQ(time.setAbsTime(none), -12.0);
+    for (const long far : {LONG_MAX, LONG_MIN, 4000000000000000000L})
+        EXPECT_GE(tmTime(far).getMonth(), 1);
+    EXPECT_EQ(tmTime(67767976233529199L - 7200).getYear(), INT_MAX);
+}
+
+TEST_F(Time, MakesLocalTimesAndLetsFieldsRunOver)
+{
+    EXPECT_EQ(local(2005, 13, 1), "2006-01-01 00:00:00");
+    EXPECT_EQ(local(2005, 1, 0, -1), "2004-12-30 23:00:00");
+    EXPECT_EQ(local(69, 7, 1), "2069-07-01 00:00:00");
+    EXPECT_EQ(local(70, 1, 2), "1970-01-02 00:00:00");
+    EXPECT_EQ(local(99, 1, 1), "1999-01-01 00:00:00");
+    EXPECT_EQ(local(1969, 12, 31, 23, 59, 59), "1969-12-31 23:59:59");
+    EXPECT_EQ(local(1970, 1, 1, 0, 59, 59), "1970-01-01 00:59:59"); // -1 seconds: no failure
+
+    // One hour apart when the caller insists on one or the other, in a summer month.
+    EXPECT_EQ(local(2005, 7, 1, 12, 0, 0, 0), "2005-07-01 13:00:00");
+    EXPECT_EQ(local(2005, 7, 1, 12, 0, 0, 1), "2005-07-01 12:00:00");
+}
+
+TEST_F(Time, ReadsEveryAcceptedForm)
+{
+    EXPECT_EQ(read("12/31/2004 23:59:30"), "2004-12-31 23:59:30");
+    EXPECT_EQ(read("12-31-04"), "2004-12-31 00:00:00");
+    EXPECT_EQ(read("1/2/03 10:20"), "2003-01-02 10:20:00");
+    EXPECT_EQ(read(" \t1 -2/\n69\r 1 : 2:\v3 \f"), "2069-01-02 01:02:03");
+    EXPECT_EQ(read("2/31/2004"), "2004-03-02 00:00:00");
+    EXPECT_EQ(read("0001/002/100"), "100-01-02 00:00:00");
+    EXPECT_EQ(read("1/2/0"), "2000-01-02 00:00:00");
+    const std::time_t now = std::time(nullptr);
+    const std::string year = text(now, "%Y");
+    EXPECT_EQ(read("1/2"), year + "-01-02 00:00:00");
+    EXPECT_EQ(read("1/2 10:20"), year + "-01-02 10:20:00");
+}
+
+TEST_F(Time, RefusesEverythingElse)
+{
+    for (const char* none : {"",
+                             " ",
+                             "0/5/2004",
+                             "5/0/2004",
+                             "10:30",
+                             "1/2/2004 10",
+                             "1/2/2004x",
+                             "1/2/2004 10:",
+                             "1/",
+                             "1/2/",
+                             "1",
+                             "1 2",
+                             "/1/2",
+                             "1/2/3/4",
+                             "1/2/2004 10:20:30:40",
+                             "1/2/2004 10:20 5",
+                             "-1/2/2004",
+                             "1/2/2004 -1:00",
+                             "1/2/2004 10:20:30 pm",
+                             "a",
+                             "1/2/99999999999999999999",
+                             "1/2/9223372036854775807",
+                             "2147483649/1/2004",
+                             "1/2/2147483648",
+                             "\xFF"})
+        EXPECT_EQ(read(none), "refused") << none;
+    long time;
+    EXPECT_FALSE(tmString2Time(nullptr, &time));
+    EXPECT_FALSE(tmString2Time(xnullstr, &time));
+}
+
+TEST_F(Time, FormatsByTheFormatOrTheDefault)
+{
+    EXPECT_EQ(text(1104744000, nullptr), "Mon Jan 03 10:20:00 05");
+    EXPECT_EQ(text(1104744000, xnullstr), "Mon Jan 03 10:20:00 05");
+    EXPECT_EQ(text(0, std::string(999, 'x').c_str()), std::string(999, 'x'));
+    EXPECT_TRUE(tmTime::getTimeFormat() == "%a %b %d %H:%M:%S %y");
+
+    EXPECT_TRUE(tmTime::setTimeFormat("%Y") == "%Y");
+    EXPECT_EQ(text(0, nullptr), "1970");
+    EXPECT_TRUE(tmTime::setTimeFormat(xnullstr) == nullptr);
+    EXPECT_TRUE(tmTime::getTimeFormat() == nullptr);
+    tmTime::setTimeFormat("%a %b %d %H:%M:%S %y");
+
+    EXPECT_EQ(thrownBy([] { tmTime::TimeToString(nullptr, "%Y"); }), "qellib::XNotInitialized");
+}
+
+TEST_F(Time, ReportsFailuresAndEndsTheProcess)
+{
+    EXPECT_EXIT(tmTime::TimeFromString("10:30", "%H"), ExitedWithCode(1),
+                "^Exception: \"Invalid time string\"\n"
+                "\tin function \"tmTime::TimeFromString\"\n"
+                "\t\\( Invalid time string: \"10:30\" given the format \"%H\" \\)\n$");
+    EXPECT_EXIT(tmTime::TimeFromString(nullptr, nullptr), ExitedWithCode(1),
+                "string: \"nil\" given the format \"nil\" \\)\n$");
+    EXPECT_EXIT(
+        tmTime::LocalTime(INT_MAX, INT_MAX, 1, 2, 3, -4, 0), ExitedWithCode(1),
+        "^Exception: \"Cannot make valid time object\"\n"
+        "\tin function \"tmTime::LocalTime\"\n"
+        "\t\\( Year: \"2147483647\" \\)\n\t\\( Month: \"2147483647\" \\)\n\t\\( DayOfMonth: \"1\" \\)\n"
+        "\t\\( Hour: \"2\" \\)\n\t\\( Minute: \"3\" \\)\n\t\\( Second: \"-4\" \\)\n$");
+    EXPECT_EXIT(
+        text(1104744000, ""), ExitedWithCode(1),
+        "^Exception: \"Cannot make valid time string object from giventime object\"\n"
+        "\tin function \"tmTime::TimeToString\"\n"
+        "\t\\( Can't make string from time object: \"1.10474e\\+09\" given the format string: \"\" \\)\n$");
+    EXPECT_EXIT(text(0, std::string(1000, 'x').c_str()), ExitedWithCode(1), "given the format string: \"xxx");
+    EXPECT_EXIT((tmTime::setTimeFormat(""), text(0, nullptr)), ExitedWithCode(1),
+                "the format string: \"\" \\)\n$");
+}
+
+TEST_F(Time, TellsTheTimeNow)
+{
+    const double before = tmTime::RealTime();
+    tmTime* const now = tmTime::CurrentTime();
+    const double after = tmTime::RealTime();
+
+    EXPECT_GE(now->getAbsTime(), std::floor(before) - 1); // the coarse clock of seconds may lag a tick
+    EXPECT_LE(now->getAbsTime(), after);
+    EXPECT_LT(after - before, 10);
+    xdelete(now);
+}
+
+TEST_F(Time, IsReadThroughItsDescriptor)
+{
+    xrttistruct* const type = dynamic_cast<xrttistruct*>(tmTime::getClassRtti());
+    ASSERT_NE(type, nullptr);
+    tmTime time(1104744000);
+    EXPECT_FALSE(type->getIsRefCount());
+    std::string shown;
+    for (int i = 0; i < type->getNAttrs(); ++i) {
+        const xany value = type->getAttr(i)->getValue(&time);
+        shown += type->getAttr(i)->getName().CastToCString();
+        shown += value.getKind() == xanyReal ? " real " : " " + std::to_string(static_cast<int>(value)) + " ";
+    }
+    EXPECT_EQ(shown, "AbsTime real Year 2005 Month 1 DayOfMonth 3 DayOfWeek 1 Hour 10 Minute 20 Second 0 ");
+
+    tmXCantMakeTimeString failure("text", new (pDefMemMgr) qelXFunc("f"), "%Y", &time);
+    EXPECT_EQ(failure.getTime()->getAbsTime(), 1104744000.0);
+    EXPECT_TRUE(failure.isKindOf(qelXExternFunc::getClassRtti()));
+    std::ostringstream printed;
+    tmXCantMakeTimeString("text", nullptr, nullptr, nullptr).Print(printed);
+    EXPECT_NE(printed.str().find("object: \"\" given the format string: \"nil\""), std::string::npos);
+}
+
+TEST_F(Time, MayBeUsedByManyThreads)
+{
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([t] {
+            for (int i = 0; i < 500; ++i) {
+                tmTime time(86400L * i);
+                const std::string date = text(86400L * i, "%m/%d/%Y %H:%M:%S");
+                long read = 0;
+                EXPECT_TRUE(tmString2Time(date.c_str(), &read));
+                EXPECT_EQ(read, 86400L * i);
+                if (t == 0)
+                    tmTime::setTimeFormat(i % 2 == 0 ? "%Y" : "%Y but longer than a short text");
+                else
+                    EXPECT_NE(text(0, nullptr), "");
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    tmTime::setTimeFormat("%a %b %d %H:%M:%S %y");
+}
