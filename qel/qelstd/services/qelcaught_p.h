@@ -1,0 +1,25 @@
+#pragma once
+
+#include <qel/xobject.h>
+
+/// Owns an exception that has been caught as an `xthrowable*`: gives the catcher's reference back, or frees
+/// an exception of a class that is not countable.
+class qelCaught
+{
+public:
+    explicit qelCaught(xthrowable* e) : error(e) {}
+    ~qelCaught()
+    {
+        if (!qelIsObject(error))
+            return;
+        if (error->isRefCountable())
+            xrcrelease(error);
+        else
+            xdelete(error);
+    }
+    qelCaught(const qelCaught&) = delete;
+    qelCaught& operator=(const qelCaught&) = delete;
+
+private:
+    xthrowable* const error;
+};

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <iosfwd>
+
+#include <qel/qeltraverse.h>
+
+/// Writes what it is told of as text for people: each part on a line of its own, ended with std::endl before
+/// the next begins, those of a compound value between braces and indented; with the step -1 all on one line.
+/// Never throws but for what the stream throws. Subclasses may write to the stream between the operations.
+class QEL_API qelPrintTraverser : public qelTraverser
+{
+public:
+    /// The stream is not owned. `spaces`: how much deeper each level is indented, or -1 for one line.
+    qelPrintTraverser(std::ostream& stream, int spaces);
+    virtual ~qelPrintTraverser();
+
+    void simpleValue(xany value) override;
+    void enumValue(xrttienum* type, int value) override;
+    bool beginObject(xrttiobject* type, xrcunihandle<xobject> obj) override;
+    void endObject(xrttiobject* type, xrcunihandle<xobject> obj) override;
+    bool beginStructure(xrttistruct* type, xrcunihandle<xobject> obj) override;
+    void endStructure(xrttistruct* type, xrcunihandle<xobject> obj) override;
+    bool beginStructAttribute(xrttistruct* type, xrttiattr* attr, xrcunihandle<xobject> obj) override;
+    bool beginSequence(xrttisequence* type, xrcunihandle<xobject> obj) override;
+    void endSequence(xrttisequence* type, xrcunihandle<xobject> obj) override;
+    bool beginSeqElement(xrttisequence* type, int index, xrcunihandle<xobject> obj) override;
+    bool beginDictionary(xrttidictionary* type, xrcunihandle<xobject> obj) override;
+    void endDictionary(xrttidictionary* type, xrcunihandle<xobject> obj) override;
+    bool beginDictElement(xrttidictionary* type, xstring key, xrcunihandle<xobject> obj) override;
+    bool beginArray(xrttiarray* type, xrcunihandle<xobject> obj) override;
+    void endArray(xrttiarray* type, xrcunihandle<xobject> obj) override;
+    bool beginArrayDimension(xrttiarray* type, int dim, xrchandle<xintsequence> index,
+                             xrcunihandle<xobject> obj) override;
+    void endArrayDimension(xrttiarray* type, int dim, xrchandle<xintsequence> index,
+                           xrcunihandle<xobject> obj) override;
+    bool beginArrayElement(xrttiarray* type, xrchandle<xintsequence> index,
+                           xrcunihandle<xobject> obj) override;
+    bool beginUnion(xrttiunion* type, xrcunihandle<xobject> obj) override;
+    void endUnion(xrttiunion* type, xrcunihandle<xobject> obj) override;
+    bool beginUnionDicriminator(xrttiunion* type, xrttiattr* discr, xrcunihandle<xobject> obj) override;
+    bool beginUnionValue(xrttiunion* type, xrttiattr* attr, xrcunihandle<xobject> obj) override;
+    void errorOccured(const char* text, xrcunihandle<xthrowable> error) override;
+    void alreadyVisited(xrcunihandle<xobject> obj) override;
+
+private:
+    class Text;
+
+    void nextLine(Text& text);
+    void shiftRight();
+    void shiftLeft();
+    bool printBeginObject(xrttiobject* type, char open);
+    void printEndObject(char close);
+    template<class Label>
+    bool printLabel(const Label& label);
+    bool printMember(xrttiattr* attr);
+    void printQuoted(Text& text, const xstring& content);
+
+    std::ostream& os;
+    int step;
+    int indent = 0;
+};
+
+/// Writes `value` to `stream` as a qelPrintTraverser does, without a line break before or after it:
+///
+///     people::Person
+///     {
+///       Name : "h"
+///       Age : 80
+///     }
+///
+/// An object that was never attached dies with `value`.
+QEL_API void qelPrint(xany value, std::ostream& stream, int spaces);
+
+/// Prints `obj` to standard error; for a debugger's command line.
+extern "C" QEL_API void qelDebugPrint(xobject* obj);
+
+/// Writes the keys of the dictionary `obj`, a line each, to the file `fileName`, which is replaced, or to
+/// standard output when that is null; for any other object, a line that it is no dictionary. What goes to a
+/// file that cannot be opened is lost. Lets through what the dictionary throws.
+QEL_API void qelDbgPrintDictKeys(xobject* obj, const char* fileName);

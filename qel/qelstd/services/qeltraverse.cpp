@@ -1,0 +1,512 @@
+#include "qeltraverse.h"
+
+#include <memory>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "qelcaught_p.h"
+#include "xrtti.h"
+#include "xsequence.h"
+
+// ---- operations that do nothing unless a visitor wants them
+
+void qelTraverser::endStructAttribute(xrttistruct*, xrttiattr*, xrcunihandle<xobject>)
+{
+}
+
+void qelTraverser::endSeqElement(xrttisequence*, int, xrcunihandle<xobject>)
+{
+}
+
+void qelTraverser::endDictElement(xrttidictionary*, xstring, xrcunihandle<xobject>)
+{
+}
+
+void qelTraverser::endArrayElement(xrttiarray*, xrchandle<xintsequence>, xrcunihandle<xobject>)
+{
+}
+
+void qelTraverser::endUnionDicriminator(xrttiunion*, xrttiattr*, xrcunihandle<xobject>)
+{
+}
+
+void qelTraverser::endUnionValue(xrttiunion*, xrttiattr*, xrcunihandle<xobject>)
+{
+}
+
+namespace {
+
+// ---- what the walk knows of a class
+
+enum class Shape : unsigned char { object, structure, sequence, dictionary, array, selection };
+
+/// A descriptor as each of the things that it may describe; null for what it does not.
+struct View
+{
+    explicit View(xrttiobject* type)
+        : object(type), structure(xrttistruct::softcast(type)), sequence(xrttisequence::softcast(type)),
+          dictionary(xrttidictionary::softcast(type)), array(xrttiarray::softcast(type)),
+          selection(xrttiunion::softcast(type))
+    {
+    }
+
+    xrttiobject* object;
+    xrttistruct* structure;
+    xrttisequence* sequence;
+    xrttidictionary* dictionary;
+    xrttiarray* array;
+    xrttiunion* selection;
+
+    /// As what an object of the class is announced.
+    Shape announced = structure != nullptr    ? Shape::structure
+                      : sequence != nullptr   ? Shape::sequence
+                      : dictionary != nullptr ? Shape::dictionary
+                      : array != nullptr      ? Shape::array
+                      : selection != nullptr  ? Shape::selection
+                                              : Shape::object;
+    /// What the class itself contributes to an object: here an array counts before a sequence.
+    Shape contents = structure == nullptr && array != nullptr ? Shape::array : announced;
+};
+
+/// Calls `use` with the descriptor as what objects of its class are announced as, and with the pair of the
+/// visitor's operations that do so.
+template<class Use>
+auto announce(const View& cls, Use use)
+{
+    switch (cls.announced) {
+    case Shape::structure:
+        return use(cls.structure, &qelTraverser::beginStructure, &qelTraverser::endStructure);
+    case Shape::sequence:
+        return use(cls.sequence, &qelTraverser::beginSequence, &qelTraverser::endSequence);
+    case Shape::dictionary:
+        return use(cls.dictionary, &qelTraverser::beginDictionary, &qelTraverser::endDictionary);
+    case Shape::array:
+        return use(cls.array, &qelTraverser::beginArray, &qelTraverser::endArray);
+    case Shape::selection:
+        return use(cls.selection, &qelTraverser::beginUnion, &qelTraverser::endUnion);
+    case Shape::object:
+        break;
+    }
+    return use(cls.object, &qelTraverser::beginObject, &qelTraverser::endObject);
+}
+
+/// A class and what its objects consist of: the contributions of its bases, each once and the most basic one
+/// first, and its own.
+struct Class
+{
+    explicit Class(xrttiobject* type) : view(type)
+    {
+        struct Step
+        {
+            xrttiobject* type;
+            int nextParent;
+        };
+        std::vector<Step> open{{type, 0}};
+        std::unordered_set<xrttiobject*> seen;
+        while (!open.empty()) {
+            Step& step = open.back();
+            if (step.nextParent < step.type->getNParents()) {
+                xrttiobject* const parent = step.type->getParent(step.nextParent++);
+                if (parent != nullptr && seen.insert(parent).second)
+                    open.push_back({parent, 0});
+            } else {
+                contributions.push_back(step.type == type ? view : View(step.type));
+                open.pop_back();
+            }
+        }
+    }
+
+    View view;
+    std::vector<View> contributions;
+};
+
+// ---- the walk
+
+/// The place of the walk in an array: one index for each dimension.
+struct Odometer
+{
+    explicit Odometer(int count)
+        : entries(xintsequence::create()), at(static_cast<std::size_t>(count < 1 ? 1 : count)),
+          last(count - 1)
+    {
+        for (int i = 0; i < count; ++i)
+            entries->append(0);
+    }
+
+    xrchandle<xintsequence> entries; ///< what the visitor sees
+    std::vector<int> at;
+    int last;
+    int dimension = 0; ///< the one that is being walked
+};
+
+/// An object that is being walked, and how far.
+struct Frame
+{
+    Frame(xany&& v, xobject* p, const Class& c) : value(std::move(v)), object(p), cls(&c) {}
+
+    xrcunihandle<xobject> handle() const { return object; }
+    void beginContribution()
+    {
+        position = 0;
+        count = -1;
+        odometer.reset();
+    }
+
+    xany value; // keeps the object
+    xobject* object;
+    const Class* cls;
+    std::size_t contribution = 0;
+    // Within the contribution:
+    int position = 0;    // of the attribute, element or stage
+    int count = -1;      // of elements; -1: not known yet
+    bool inside = false; // the part at `position` has been entered, and its end is due
+    xstring key;         // of a dictionary's element
+    xany discriminator;  // of a union
+    xrttiattr* member = nullptr;
+    std::unique_ptr<Odometer> odometer;
+};
+
+/// One call of qelTraverse. Nested objects lie on a stack of its own, since they may lie deeper than the
+/// thread's stack reaches.
+class Walk
+{
+public:
+    explicit Walk(qelTraverser& to) : visitor(to), slots(64) {}
+
+    void run(xany&& root)
+    {
+        enter(std::move(root));
+        while (!path.empty())
+            if (!advance(path.back()))
+                leave();
+    }
+
+private:
+    bool enter(xany&& value);
+    bool enterObject(xany&& value);
+    void leave();
+
+    bool advance(Frame& frame);
+    bool advance(Frame& frame, const View& cls);
+    bool advance(Frame& frame, xrttistruct* type);
+    bool advance(Frame& frame, xrttisequence* type);
+    bool advance(Frame& frame, xrttidictionary* type);
+    bool advance(Frame& frame, xrttiarray* type);
+    bool advance(Frame& frame, xrttiunion* type);
+
+    template<auto begin, auto end, class Read, class... A>
+    bool part(Frame& frame, Read read, const A&... where);
+    template<class Read>
+    bool guarded(Read read);
+    template<class Read>
+    xany readValue(Read read);
+    xany readAttr(Frame& frame, xrttiattr* attr);
+
+    const Class& classOf(xobject* object);
+    std::size_t slotOf(const xobject* object) const;
+    void remember(std::size_t slot);
+    void forget(const xobject* object);
+
+    qelTraverser& visitor;
+    std::vector<Frame> path;
+    // A hash table of the path: 0, or 1 + the position of a frame. Objects leave it in the reverse of the
+    // order in which they came, so clearing a slot never breaks another object's probe chain.
+    std::vector<unsigned> slots;
+    std::unordered_map<xrttiobject*, Class> classes;
+    const Class* latest = nullptr;
+};
+
+/// Reports a value. True when it is an object that has been put on the path, to be walked before the part
+/// that holds it goes on; `path` may have moved then.
+bool Walk::enter(xany&& value)
+{
+    switch (value.getKind()) {
+    case xanyUninit:
+        return false;
+    case xanyEnum: {
+        xrttienum* const type = xrttienum::softcast(qelObjectOf(value.getRtti()));
+        if (qelIsObject(type))
+            visitor.enumValue(type, value);
+        else
+            visitor.errorOccured("Invalid enum value", nullptr);
+        return false;
+    }
+    case xanyObject:
+        return enterObject(std::move(value));
+    default:
+        visitor.simpleValue(std::move(value));
+        return false;
+    }
+}
+
+bool Walk::enterObject(xany&& value)
+{
+    xobject* const object = value;
+    if (!qelIsObject(object))
+        return enter(xany(object)); // a marker that C code has put where an object belongs
+    const std::size_t slot = slotOf(object);
+    if (slots[slot] != 0) {
+        visitor.alreadyVisited(object);
+        return false;
+    }
+    if (path.size() == static_cast<std::size_t>(qelTraverseDepth)) {
+        visitor.errorOccured("Nesting too deep", nullptr);
+        return false;
+    }
+    const Class& cls = classOf(object);
+    const bool entered =
+        announce(cls.view, [&](auto* type, auto begin, auto) { return (visitor.*begin)(type, object); });
+    if (!entered)
+        return false;
+    path.emplace_back(std::move(value), object, cls);
+    remember(slot);
+    return true;
+}
+
+void Walk::leave()
+{
+    const Frame& frame = path.back();
+    announce(frame.cls->view, [&](auto* type, auto, auto end) { (visitor.*end)(type, frame.handle()); });
+    forget(frame.object);
+    path.pop_back();
+}
+
+// Each `advance` walks on from where the frame is. True when that has led into a nested object: the frame is
+// to be advanced again when the object has been left, and must not be touched before. False at the end.
+
+bool Walk::advance(Frame& frame)
+{
+    const std::vector<View>& contributions = frame.cls->contributions;
+    for (; frame.contribution < contributions.size(); ++frame.contribution) {
+        if (advance(frame, contributions[frame.contribution]))
+            return true;
+        frame.beginContribution();
+    }
+    return false;
+}
+
+bool Walk::advance(Frame& frame, const View& cls)
+{
+    switch (cls.contents) {
+    case Shape::structure:
+        return advance(frame, cls.structure);
+    case Shape::array:
+        return advance(frame, cls.array);
+    case Shape::sequence:
+        return advance(frame, cls.sequence);
+    case Shape::dictionary:
+        return advance(frame, cls.dictionary);
+    case Shape::selection:
+        return advance(frame, cls.selection);
+    case Shape::object:
+        break;
+    }
+    return false;
+}
+
+bool Walk::advance(Frame& frame, xrttistruct* type)
+{
+    if (frame.count < 0)
+        frame.count = type->getNAttrs();
+    for (; frame.position < frame.count; ++frame.position) {
+        xrttiattr* const attr = type->getAttr(frame.position);
+        if (part<&qelTraverser::beginStructAttribute, &qelTraverser::endStructAttribute>(
+                frame, [&] { return readAttr(frame, attr); }, type, attr))
+            return true;
+    }
+    return false;
+}
+
+bool Walk::advance(Frame& frame, xrttisequence* type)
+{
+    if (frame.count < 0 && !guarded([&] { frame.count = type->getSize(frame.object); }))
+        frame.count = 0;
+    const auto read = [&] {
+        return readValue([&] { return type->getElemValue(frame.object, frame.position); });
+    };
+    for (; frame.position < frame.count; ++frame.position)
+        if (part<&qelTraverser::beginSeqElement, &qelTraverser::endSeqElement>(frame, read, type,
+                                                                               frame.position))
+            return true;
+    return false;
+}
+
+bool Walk::advance(Frame& frame, xrttidictionary* type)
+{
+    if (frame.count < 0 && !guarded([&] { frame.count = type->getSize(frame.object); }))
+        frame.count = 0;
+    const auto read = [&] {
+        return readValue([&] {
+            xany value;
+            if (!type->getElemValueByIdx(frame.object, frame.position, &value))
+                value = "<uninit>";
+            return value;
+        });
+    };
+    for (; frame.position < frame.count; ++frame.position) {
+        if (!frame.inside) {
+            bool occupied = true;
+            frame.key = "";
+            if (!guarded(
+                    [&] { occupied = type->getElemKeyByIdx(frame.object, frame.position, &frame.key) != 0; }))
+                frame.key = "";
+            if (!occupied)
+                continue;
+        }
+        if (part<&qelTraverser::beginDictElement, &qelTraverser::endDictElement>(frame, read, type,
+                                                                                 frame.key))
+            return true;
+    }
+    return false;
+}
+
+bool Walk::advance(Frame& frame, xrttiarray* type)
+{
+    if (frame.odometer == nullptr)
+        frame.odometer = std::make_unique<Odometer>(type->getNDimentions());
+    Odometer& odometer = *frame.odometer;
+    const auto read = [&] {
+        return readValue([&] { return type->getElemValue(frame.object, odometer.entries); });
+    };
+    for (;;) {
+        int& dimension = odometer.dimension;
+        int& at = odometer.at[static_cast<std::size_t>(dimension)];
+        if (at >= type->getDimention(dimension)) {
+            if (dimension == 0)
+                return false;
+            at = 0;
+            --dimension;
+            visitor.endArrayDimension(type, dimension, odometer.entries, frame.handle());
+            ++odometer.at[static_cast<std::size_t>(dimension)];
+            continue;
+        }
+        odometer.entries->set(dimension, at);
+        if (dimension < odometer.last) {
+            if (visitor.beginArrayDimension(type, dimension, odometer.entries, frame.handle()))
+                ++dimension;
+            else
+                ++at;
+            continue;
+        }
+        if (part<&qelTraverser::beginArrayElement, &qelTraverser::endArrayElement>(frame, read, type,
+                                                                                   odometer.entries))
+            return true;
+        ++at;
+    }
+}
+
+bool Walk::advance(Frame& frame, xrttiunion* type)
+{
+    enum Stage { discriminator, member, done };
+
+    if (frame.position == discriminator) {
+        xrttiattr* const attr = type->getDiscr();
+        if (!frame.inside)
+            frame.discriminator = readAttr(frame, attr);
+        if (part<&qelTraverser::beginUnionDicriminator, &qelTraverser::endUnionDicriminator>(
+                frame, [&] { return frame.discriminator; }, type, attr))
+            return true;
+        if (!guarded([&] { frame.member = type->mapLabelToAttr(frame.discriminator, 1); }))
+            frame.member = nullptr;
+        frame.position = member;
+    }
+    if (frame.position == member) {
+        if (part<&qelTraverser::beginUnionValue, &qelTraverser::endUnionValue>(
+                frame, [&] { return readAttr(frame, frame.member); }, type, frame.member))
+            return true;
+        frame.position = done;
+    }
+    return false;
+}
+
+/// Walks one part, which the visitor may refuse: begin, the value that `read` answers, end. True when the
+/// value is an object that has been put on the path; called again after that, it ends the part.
+template<auto begin, auto end, class Read, class... A>
+bool Walk::part(Frame& frame, Read read, const A&... where)
+{
+    if (!frame.inside) {
+        if (!(visitor.*begin)(where..., frame.handle()))
+            return false;
+        frame.inside = true;
+        if (enter(read()))
+            return true;
+    }
+    frame.inside = false;
+    (visitor.*end)(where..., frame.handle());
+    return false;
+}
+
+/// Runs a read; what it throws becomes a report, and false the answer.
+template<class Read>
+bool Walk::guarded(Read read)
+{
+    try {
+        read();
+        return true;
+    } catch (xthrowable* error) {
+        const qelCaught owner(error);
+        visitor.errorOccured("QEL exception", error);
+    } catch (...) {
+        visitor.errorOccured("Unknown exception", nullptr);
+    }
+    return false;
+}
+
+/// What `read` answers; uninit when it fails.
+template<class Read>
+xany Walk::readValue(Read read)
+{
+    xany value;
+    guarded([&] { value = read(); });
+    return value;
+}
+
+xany Walk::readAttr(Frame& frame, xrttiattr* attr)
+{
+    return attr == nullptr ? xany() : readValue([&] { return attr->getValue(frame.object); });
+}
+
+// Most objects are of the class of the one before, or of one that has been met.
+const Class& Walk::classOf(xobject* object)
+{
+    xrttiobject* const type = object->getRtti();
+    if (latest == nullptr || latest->view.object != type)
+        latest = &classes.try_emplace(type, type).first->second;
+    return *latest;
+}
+
+/// Where the path's hash table has the object, or the free slot where it belongs.
+std::size_t Walk::slotOf(const xobject* object) const
+{
+    const std::size_t mask = slots.size() - 1;
+    std::size_t slot = ((reinterpret_cast<std::uintptr_t>(object) >> 4) * 0x9E3779B97F4A7C15u >> 32) & mask;
+    while (slots[slot] != 0 && path[slots[slot] - 1].object != object)
+        slot = (slot + 1) & mask;
+    return slot;
+}
+
+/// Enters the last frame of the path into its free slot.
+void Walk::remember(std::size_t slot)
+{
+    slots[slot] = static_cast<unsigned>(path.size());
+    if (path.size() * 2 < slots.size())
+        return;
+    slots.assign(slots.size() * 4, 0);
+    unsigned number = 0;
+    for (const Frame& frame : path)
+        slots[slotOf(frame.object)] = ++number;
+}
+
+void Walk::forget(const xobject* object)
+{
+    slots[slotOf(object)] = 0;
+}
+
+} // namespace
+
+void qelTraverse(xany value, qelTraverser* visitor)
+{
+    Walk(*visitor).run(std::move(value));
+}

@@ -1,0 +1,293 @@
+#include <qel/qelprint.h>
+
+#include <qel/xrtti.h>
+#include <qel/xsequence.h>
+
+#include <gtest/gtest.h>
+
+#include <iomanip>
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#include "services/testtypes.h"
+#include "support/tempdir.h"
+
+using namespace testtypes;
+
+namespace {
+
+std::string printed(const xany& value, int step = 2)
+{
+    std::ostringstream os;
+    qelPrint(value, os, step);
+    return os.str();
+}
+
+/// What is written to a standard stream while this lives.
+class Captured
+{
+public:
+    explicit Captured(std::ostream& stream) : os(stream), old(stream.rdbuf(text.rdbuf())) {}
+    ~Captured() { os.rdbuf(old); }
+    Captured(const Captured&) = delete;
+    Captured& operator=(const Captured&) = delete;
+    std::string str() const { return text.str(); }
+
+private:
+    std::ostringstream text;
+    std::ostream& os;
+    std::streambuf* const old;
+};
+
+/// A buffer that notes where it was flushed, and takes `room` characters.
+class FlushedBuffer final : public std::stringbuf
+{
+public:
+    explicit FlushedBuffer(std::size_t characters = 1000) : room(characters) {}
+    std::string flushed;
+
+private:
+    int sync() override
+    {
+        flushed += std::to_string(str().size()) + " ";
+        return 0;
+    }
+    std::streamsize xsputn(const char* text, std::streamsize n) override
+    {
+        return str().size() + static_cast<std::size_t>(n) > room ? 0 : std::stringbuf::xsputn(text, n);
+    }
+
+    std::size_t room;
+};
+
+} // namespace
+
+TEST(qelPrint, WritesSimpleValues)
+{
+    EXPECT_EQ(printed(xany()), "");
+    EXPECT_EQ(printed(xany(nullptr)), "nil");
+    EXPECT_EQ(printed(xany(-2147483646)), "-2147483646");
+    EXPECT_EQ(printed(xany(true)), "true");
+    EXPECT_EQ(printed(xany(false)), "false");
+    EXPECT_EQ(printed(xany(1234567.0)), "1.23457e+06");
+    EXPECT_EQ(printed(xany("a \"b\"\n")), "\"a \"b\"\n\"");
+    EXPECT_EQ(printed(xany(green, qelGetRtti_Colour())), "green");
+    EXPECT_EQ(printed(xany(17, qelGetRtti_Colour())), "nil");
+}
+
+TEST(qelPrint, LeavesTheFormatOfRealsToTheStream)
+{
+    std::ostringstream os;
+    os << std::fixed << std::setprecision(1) << std::hex;
+    qelPrint(new Pair(0.25, 255), os, -1);
+    EXPECT_EQ(os.str(), "test::Pair { Left : 0.2 Right : 255 }");
+}
+
+TEST(qelPrint, WritesAnUninitValueOnlyWhenAskedTo)
+{
+    std::ostringstream os;
+    qelPrintTraverser printer(os, 2);
+    printer.simpleValue(xany());
+    printer.simpleValue(xany(red, qelGetRtti_Colour()));
+    EXPECT_EQ(os.str(), "uninit<ERROR: Invalid simple value>");
+}
+
+TEST(qelPrint, IndentsByTheStep)
+{
+    const xrchandle<Pair> pair(new Pair("h", xany(new Person("Ann", 80))));
+
+    EXPECT_EQ(printed(pair), "test::Pair\n"
+                             "{\n"
+                             "  Left : \"h\"\n"
+                             "  Right : test::Person\n"
+                             "  {\n"
+                             "    Name : \"Ann\"\n"
+                             "    Age : 80\n"
+                             "    Height : nil\n"
+                             "    Member : nil\n"
+                             "    Favourite : red\n"
+                             "  }\n"
+                             "}");
+    EXPECT_EQ(printed(pair, 0), "test::Pair\n"
+                                "{\n"
+                                "Left : \"h\"\n"
+                                "Right : test::Person\n"
+                                "{\n"
+                                "Name : \"Ann\"\n"
+                                "Age : 80\n"
+                                "Height : nil\n"
+                                "Member : nil\n"
+                                "Favourite : red\n"
+                                "}\n"
+                                "}");
+    EXPECT_EQ(printed(pair, -1), "test::Pair { Left : \"h\" Right : test::Person { Name : \"Ann\" Age : 80 "
+                                 "Height : nil Member : nil Favourite : red } }");
+    const std::string wide = printed(pair, 300);
+    EXPECT_NE(wide.find("\n" + std::string(600, ' ') + "Age : 80\n"), std::string::npos) << wide;
+}
+
+TEST(qelPrint, WritesSequencesDictionariesArraysAndUnions)
+{
+    const xrchandle<xintsequence> numbers(xintsequence::create());
+    numbers->append(5);
+    numbers->append(7);
+    EXPECT_EQ(printed(numbers), "intseq\n"
+                                "[\n"
+                                "  0 : 5\n"
+                                "  1 : 7\n"
+                                "]");
+    EXPECT_EQ(printed(new Table{{"a\"b", 1}, {nullptr, 2}, {"c", xany()}}), "test::Table\n"
+                                                                            "{\n"
+                                                                            "  \"a\"b\" : 1\n"
+                                                                            "  \"c\" : \"<uninit>\"\n"
+                                                                            "}");
+    EXPECT_EQ(printed(new Grid), "test::Grid\n"
+                                 "[\n"
+                                 "  0 : [\n"
+                                 "    0 : 11\n"
+                                 "    1 : 12\n"
+                                 "    2 : 13\n"
+                                 "  ]\n"
+                                 "  1 : [\n"
+                                 "    0 : 21\n"
+                                 "    1 : 22\n"
+                                 "    2 : 23\n"
+                                 "  ]\n"
+                                 "]");
+    EXPECT_EQ(printed(new ColourChoice(red)), "test::ColourChoice\n"
+                                              "{\n"
+                                              "  Colour : red\n"
+                                              "  Heat : 36.6\n"
+                                              "}");
+    EXPECT_EQ(printed(new Choice(9)), "test::Choice\n"
+                                      "{\n"
+                                      "  Kind : 9\n"
+                                      "  Unknown union attribute\n"
+                                      "}");
+}
+
+TEST(qelPrint, NamesAnAnonymousTypeAfterItsParents)
+{
+    xrttiobject a, b, none, both;
+    a.initialize("A", 0, 0, nullptr);
+    b.initialize("B", 0, 0, nullptr);
+    xrttiobject* parents[] = {&a, &b};
+    both.initialize("", 0, 2, parents);
+    xrttiobject* grandparents[] = {&both, &a};
+    none.initialize(nullptr, 0, 2, grandparents);
+
+    Described object(&both), derived(&none);
+    EXPECT_EQ(printed(&object), "B A \n{\n}");
+    EXPECT_EQ(printed(&derived), "A B A  \n{\n}");
+}
+
+TEST(qelPrint, WritesWhatCannotBeReadInline)
+{
+    EXPECT_EQ(printed(new Faulty, -1),
+              "test::Faulty { Own : <ERROR: QEL exception> Loose : <ERROR: QEL exception> "
+              "Foreign : <ERROR: Unknown exception> Number : <ERROR: Unknown exception> Good : 1 }");
+    EXPECT_EQ(LooseError::alive(), 0);
+
+    const xrchandle<Pair> ring(new Pair);
+    ring->left = xany(ring);
+    EXPECT_EQ(printed(ring, -1), "test::Pair { Left : <printed> Right :  }");
+    ring->left = xany();
+}
+
+TEST(qelPrint, FlushesEachLineAndWritesLongTextsWhole)
+{
+    FlushedBuffer buffer;
+    std::ostream os(&buffer);
+    qelPrint(new Pair(1, 2), os, 1);
+    // 11 test::Pair, 13 {, 23 Left : 1, 34 Right : 2
+    EXPECT_EQ(buffer.flushed, "11 13 23 34 ");
+
+    const std::string text(3000, 'x');
+    EXPECT_EQ(printed(xany(text.c_str())), "\"" + text + "\"");
+    EXPECT_EQ(printed(new Table{{text.c_str(), 1}}, -1), "test::Table { \"" + text + "\" : 1 }");
+}
+
+TEST(qelPrint, IsSilentOnAStreamThatFails)
+{
+    FlushedBuffer buffer(20);
+    std::ostream os(&buffer);
+    qelPrint(new Pair(1, 2), os, 1);
+    EXPECT_TRUE(os.bad());
+    EXPECT_EQ(buffer.str(), "test::Pair\n{\n");
+}
+
+TEST(qelPrint, LetsASubclassWriteBetweenItsOwnTexts)
+{
+    class Brief final : public qelPrintTraverser
+    {
+    public:
+        explicit Brief(std::ostream& stream) : qelPrintTraverser(stream, -1), os(stream) {}
+        bool beginSequence(xrttisequence*, xrcunihandle<xobject>) override
+        {
+            os << "...";
+            return false;
+        }
+
+    private:
+        std::ostream& os;
+    };
+    std::ostringstream text;
+    Brief brief(text);
+    qelTraverse(new Pair(xany(new List{xany(1)}), 2), &brief);
+    EXPECT_EQ(text.str(), "test::Pair { Left : ... Right : 2 }");
+}
+
+TEST(qelPrint, WritesDeepAndWideValues)
+{
+    xrchandle<Pair> chain(new Pair);
+    for (int i = 0; i < 100000; ++i)
+        chain = new Pair(chain);
+    const std::string deep = printed(chain, 0);
+    EXPECT_NE(deep.find("<ERROR: Nesting too deep>"), std::string::npos);
+    EXPECT_TRUE(deep.ends_with("}\nRight : \n}\nRight : \n}"));
+
+    const xrchandle<List> wide(new List);
+    wide->elements.assign(1000000, xany(1));
+    EXPECT_EQ(printed(wide, -1).size(), std::string("test::List [ ]").size() + 5 * 1000000 + 5888890);
+}
+
+TEST(qelDebugPrint, PrintsToStandardError)
+{
+    const xrchandle<Pair> pair(new Pair(1));
+    const Captured err(std::cerr);
+    qelDebugPrint(pair.get());
+    qelDebugPrint(nullptr);
+    EXPECT_EQ(err.str(), "test::Pair\n{\n  Left : 1\n  Right : \n}nil");
+}
+
+TEST(qelDbgPrintDictKeys, ListsTheKeysOfADictionary)
+{
+    const xrchandle<Table> table(new Table{{"b", 1}, {nullptr, 2}, {"", xany()}, {"a", 3}});
+    const Captured out(std::cout);
+
+    qelDbgPrintDictKeys(table.get(), nullptr);
+    EXPECT_EQ(out.str(), "Dictionary \"test::Table\" keys: \nb\n\na\n");
+
+    TempDir dir;
+    dir.write("keys", "what was there before, and longer than what comes, by far");
+    qelDbgPrintDictKeys(table.get(), dir.path("keys"));
+    EXPECT_EQ(dir.read("keys"), "Dictionary \"test::Table\" keys: \nb\n\na\n");
+    qelDbgPrintDictKeys(table.get(), dir.path("missing/keys"));
+}
+
+TEST(qelDbgPrintDictKeys, SaysThatOtherObjectsAreNone)
+{
+    const xrchandle<Pair> pair(new Pair);
+    const Captured out(std::cout);
+    qelDbgPrintDictKeys(pair.get(), nullptr);
+    qelDbgPrintDictKeys(nullptr, nullptr);
+    EXPECT_EQ(out.str(), "Type \"test::Pair\" is not a dictionary\nType \"object\" is not a dictionary\n");
+}
+
+TEST(qelDbgPrintDictKeys, LetsExceptionsThrough)
+{
+    const xrchandle<FaultyTable> table(new FaultyTable(false));
+    const Captured out(std::cout);
+    EXPECT_THROW(qelDbgPrintDictKeys(table.get(), nullptr), std::runtime_error);
+}

@@ -1,0 +1,260 @@
+#pragma once
+
+// Visitors that keep what a walk tells them.
+
+#include <qel/qeltraverse.h>
+#include <qel/xrtti.h>
+#include <qel/xsequence.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace testtypes {
+
+inline std::string textOf(const xstring& s)
+{
+    return s == nullptr ? "null" : s.CastToCString();
+}
+
+struct Stop
+{
+};
+
+/// Writes a line for each call, indented by the parts that are open. The part whose line is `refused` is not
+/// entered; the call whose line is `stopAt` throws.
+class Recorder : public qelTraverser
+{
+public:
+    std::string lines;
+    std::string refused;
+    std::string stopAt;
+
+    virtual ~Recorder() = default;
+
+    void simpleValue(xany value) override
+    {
+        switch (value.getKind()) {
+        case xanyNull:
+            return note("null");
+        case xanyInt:
+            return note("int " + std::to_string(static_cast<int>(value)));
+        case xanyBool:
+            return note(static_cast<unsigned char>(value) == 1 ? "bool 1" : "bool 0");
+        case xanyReal:
+            return note("real " + std::to_string(static_cast<double>(value)));
+        case xanyString:
+            return note("string " + textOf(value));
+        default:
+            ADD_FAILURE() << "kind " << value.getKind();
+        }
+    }
+    void enumValue(xrttienum* type, int value) override
+    {
+        note("enum " + textOf(type->getName()) + " " + std::to_string(value));
+    }
+
+    bool beginObject(xrttiobject* t, xrcunihandle<xobject> obj) override { return begin("object", t, obj); }
+    void endObject(xrttiobject*, xrcunihandle<xobject> obj) override { end("object", obj); }
+    bool beginStructure(xrttistruct* t, xrcunihandle<xobject> obj) override
+    {
+        return begin("structure", t, obj);
+    }
+    void endStructure(xrttistruct*, xrcunihandle<xobject> obj) override { end("structure", obj); }
+    bool beginSequence(xrttisequence* t, xrcunihandle<xobject> obj) override
+    {
+        return begin("sequence", t, obj);
+    }
+    void endSequence(xrttisequence*, xrcunihandle<xobject> obj) override { end("sequence", obj); }
+    bool beginDictionary(xrttidictionary* t, xrcunihandle<xobject> obj) override
+    {
+        return begin("dictionary", t, obj);
+    }
+    void endDictionary(xrttidictionary*, xrcunihandle<xobject> obj) override { end("dictionary", obj); }
+    bool beginArray(xrttiarray* t, xrcunihandle<xobject> obj) override { return begin("array", t, obj); }
+    void endArray(xrttiarray*, xrcunihandle<xobject> obj) override { end("array", obj); }
+    bool beginUnion(xrttiunion* t, xrcunihandle<xobject> obj) override { return begin("union", t, obj); }
+    void endUnion(xrttiunion*, xrcunihandle<xobject> obj) override { end("union", obj); }
+
+    bool beginStructAttribute(xrttistruct* t, xrttiattr* a, xrcunihandle<xobject> obj) override
+    {
+        return beginPart(nameOf(t, a), obj);
+    }
+    void endStructAttribute(xrttistruct* t, xrttiattr* a, xrcunihandle<xobject> obj) override
+    {
+        endPart(nameOf(t, a), obj);
+    }
+    bool beginSeqElement(xrttisequence*, int index, xrcunihandle<xobject> obj) override
+    {
+        return beginPart(std::to_string(index), obj);
+    }
+    void endSeqElement(xrttisequence*, int index, xrcunihandle<xobject> obj) override
+    {
+        endPart(std::to_string(index), obj);
+    }
+    bool beginDictElement(xrttidictionary*, xstring key, xrcunihandle<xobject> obj) override
+    {
+        return beginPart("key " + textOf(key), obj);
+    }
+    void endDictElement(xrttidictionary*, xstring key, xrcunihandle<xobject> obj) override
+    {
+        endPart("key " + textOf(key), obj);
+    }
+    bool beginArrayDimension(xrttiarray*, int dim, xrchandle<xintsequence> index,
+                             xrcunihandle<xobject> obj) override
+    {
+        return beginPart("dimension " + std::to_string(dim) + " " + indices(index), obj);
+    }
+    void endArrayDimension(xrttiarray*, int dim, xrchandle<xintsequence> index,
+                           xrcunihandle<xobject> obj) override
+    {
+        endPart("dimension " + std::to_string(dim) + " " + indices(index), obj);
+    }
+    bool beginArrayElement(xrttiarray*, xrchandle<xintsequence> index, xrcunihandle<xobject> obj) override
+    {
+        return beginPart("element " + indices(index), obj);
+    }
+    void endArrayElement(xrttiarray*, xrchandle<xintsequence> index, xrcunihandle<xobject> obj) override
+    {
+        endPart("element " + indices(index), obj);
+    }
+    bool beginUnionDicriminator(xrttiunion* t, xrttiattr* a, xrcunihandle<xobject> obj) override
+    {
+        return beginPart("discriminator " + nameOf(t, a), obj);
+    }
+    void endUnionDicriminator(xrttiunion* t, xrttiattr* a, xrcunihandle<xobject> obj) override
+    {
+        endPart("discriminator " + nameOf(t, a), obj);
+    }
+    bool beginUnionValue(xrttiunion* t, xrttiattr* a, xrcunihandle<xobject> obj) override
+    {
+        return beginPart("member " + nameOf(t, a), obj);
+    }
+    void endUnionValue(xrttiunion* t, xrttiattr* a, xrcunihandle<xobject> obj) override
+    {
+        endPart("member " + nameOf(t, a), obj);
+    }
+
+    void errorOccured(const char* text, xrcunihandle<xthrowable> error) override
+    {
+        note(std::string("error ") + text + (error ? " " + textOf(error->getQelTypeName()) : ""));
+    }
+    void alreadyVisited(xrcunihandle<xobject> obj) override
+    {
+        note("already " + textOf(obj->getQelTypeName()));
+    }
+
+private:
+    static std::string nameOf(xrttiobject* type, xrttiattr* attr)
+    {
+        return textOf(type->getName()) + "." + (attr == nullptr ? "none" : textOf(attr->getName()));
+    }
+    std::string indices(const xrchandle<xintsequence>& index)
+    {
+        // One sequence serves all of an array, in which no other array is nested here.
+        if (open.size() != indexDepth)
+            indexSeen = index.get(), indexDepth = open.size();
+        EXPECT_EQ(index.get(), indexSeen);
+        std::string text;
+        for (int i = 0; i < index->getarraysize(); ++i)
+            text += (i == 0 ? "" : ",") + std::to_string(index->get(i));
+        return text;
+    }
+
+    void note(const std::string& line)
+    {
+        lines += std::string(2 * depth, ' ') + line + "\n";
+        if (line == stopAt)
+            throw Stop();
+    }
+    bool beginPart(const std::string& line, const xrcunihandle<xobject>& obj)
+    {
+        EXPECT_EQ(obj.get(), open.back());
+        note(line);
+        if (line == refused)
+            return false;
+        ++depth;
+        return true;
+    }
+    void endPart(const std::string& line, const xrcunihandle<xobject>& obj)
+    {
+        EXPECT_EQ(obj.get(), open.back());
+        --depth;
+        note("end " + line);
+    }
+    bool begin(const std::string& shape, xrttiobject* type, const xrcunihandle<xobject>& obj)
+    {
+        open.push_back(obj.get());
+        const bool entered = beginPart(shape + " " + textOf(type->getName()), obj);
+        if (!entered)
+            open.pop_back();
+        return entered;
+    }
+    void end(const std::string& shape, const xrcunihandle<xobject>& obj)
+    {
+        endPart(shape, obj);
+        open.pop_back();
+    }
+
+    std::size_t depth = 0;
+    std::vector<xobject*> open;
+    xintsequence* indexSeen = nullptr;
+    std::size_t indexDepth = 0;
+};
+
+inline std::string record(const xany& value, const char* refused = "")
+{
+    Recorder recorder;
+    recorder.refused = refused;
+    qelTraverse(value, &recorder);
+    return recorder.lines;
+}
+
+/// Counts what it is told, and enters everything.
+class Counter final : public qelTraverser
+{
+public:
+    int values = 0;
+    int objects = 0;
+    int ends = 0;
+    int errors = 0;
+    std::string errorText;
+
+    void simpleValue(xany) override { ++values; }
+    void enumValue(xrttienum*, int) override {}
+    bool beginObject(xrttiobject*, xrcunihandle<xobject>) override { return ++objects; }
+    void endObject(xrttiobject*, xrcunihandle<xobject>) override { ++ends; }
+    bool beginStructure(xrttistruct*, xrcunihandle<xobject>) override { return ++objects; }
+    void endStructure(xrttistruct*, xrcunihandle<xobject>) override { ++ends; }
+    bool beginStructAttribute(xrttistruct*, xrttiattr*, xrcunihandle<xobject>) override { return true; }
+    bool beginSequence(xrttisequence*, xrcunihandle<xobject>) override { return ++objects; }
+    void endSequence(xrttisequence*, xrcunihandle<xobject>) override { ++ends; }
+    bool beginSeqElement(xrttisequence*, int, xrcunihandle<xobject>) override { return true; }
+    bool beginDictionary(xrttidictionary*, xrcunihandle<xobject>) override { return ++objects; }
+    void endDictionary(xrttidictionary*, xrcunihandle<xobject>) override { ++ends; }
+    bool beginDictElement(xrttidictionary*, xstring, xrcunihandle<xobject>) override { return true; }
+    bool beginArray(xrttiarray*, xrcunihandle<xobject>) override { return ++objects; }
+    void endArray(xrttiarray*, xrcunihandle<xobject>) override { ++ends; }
+    bool beginArrayDimension(xrttiarray*, int, xrchandle<xintsequence>, xrcunihandle<xobject>) override
+    {
+        return true;
+    }
+    void endArrayDimension(xrttiarray*, int, xrchandle<xintsequence>, xrcunihandle<xobject>) override {}
+    bool beginArrayElement(xrttiarray*, xrchandle<xintsequence>, xrcunihandle<xobject>) override
+    {
+        return true;
+    }
+    bool beginUnion(xrttiunion*, xrcunihandle<xobject>) override { return ++objects; }
+    void endUnion(xrttiunion*, xrcunihandle<xobject>) override { ++ends; }
+    bool beginUnionDicriminator(xrttiunion*, xrttiattr*, xrcunihandle<xobject>) override { return true; }
+    bool beginUnionValue(xrttiunion*, xrttiattr*, xrcunihandle<xobject>) override { return true; }
+    void errorOccured(const char* text, xrcunihandle<xthrowable>) override
+    {
+        ++errors;
+        errorText = text;
+    }
+    void alreadyVisited(xrcunihandle<xobject>) override {}
+};
+
+} // namespace testtypes
