@@ -349,14 +349,14 @@ void* xtcsequence<T>::OnResize(unsigned newCapacity)
     if (!qelIsMovedByBits<T> || !this->isOwn(this->ownAll))
         return this->replace(newCapacity);
 
-    const std::size_t slots = this->capacity / sizeof(T);
+    const std::size_t oldSlots = this->capacity / sizeof(T);
     const std::size_t newSlots = newCapacity / sizeof(T);
     const std::size_t elements = this->used / sizeof(T);
     if (elements > newSlots)
         destroy(this->at(0) + newSlots, elements - newSlots);
     char* const block = this->reallocate(newCapacity);
-    if (newSlots > slots)
-        construct(reinterpret_cast<T*>(block) + slots, newSlots - slots);
+    if (newSlots > oldSlots)
+        construct(reinterpret_cast<T*>(block) + oldSlots, newSlots - oldSlots);
     return block;
 }
 

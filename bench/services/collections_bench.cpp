@@ -1,0 +1,358 @@
+// Sequences and dictionaries beside the containers that a program would use instead.
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <QByteArray>
+#include <QHash>
+#include <QString>
+#include <QVariant>
+#include <QVector>
+#include <benchmark/benchmark.h>
+#include <glib.h>
+
+#include <qel/xdictionary.h>
+#include <qel/xsequence.h>
+
+namespace {
+
+constexpr int million = 1000000;
+
+// ---- sequences
+
+template<class Make, class Value>
+void append(benchmark::State& state, Make make, Value value)
+{
+    for (auto _ : state) {
+        auto sequence = make();
+        for (int i = 0; i < million; ++i)
+            sequence->append(value(i));
+        benchmark::DoNotOptimize(sequence);
+    }
+}
+
+template<class Value>
+class StdVector
+{
+public:
+    void append(Value value) { values.push_back(std::move(value)); }
+
+private:
+    std::vector<Value> values;
+};
+
+template<class S>
+xrchandle<S> qelNew()
+{
+    return S::create();
+}
+
+void readQelstd(benchmark::State& state)
+{
+    const auto s = qelNew<xintsequence>();
+    for (int i = 0; i < million; ++i)
+        s->append(i);
+    for (auto _ : state) {
+        int sum = 0;
+        for (int i = 0, n = s->getarraysize(); i < n; ++i)
+            sum ^= s->get(i);
+        benchmark::DoNotOptimize(sum);
+    }
+}
+
+void addSequences()
+{
+    const auto add = [](const char* name, auto make, auto value) {
+        benchmark::RegisterBenchmark(name, [=](benchmark::State& s) {
+            append(s, make, value);
+        })->Unit(benchmark::kMillisecond);
+    };
+    const auto number = [](int i) { return i; };
+    add("collections/append 10^6 ints/qelstd", qelNew<xintsequence>, number);
+    add("collections/append 10^6 ints/std::vector", std::make_unique<StdVector<int>>, number);
+    add("collections/append 10^6 variants/qelstd", qelNew<xanysequence>, [](int i) { return xany(i); });
+    add("collections/append 10^6 variants/QVector", std::make_unique<QVector<QVariant>>,
+        [](int i) { return QVariant(i); });
+    static const std::array<xstring, 2> ours = {"a text of some length", "another one"};
+    static const std::array<QString, 2> theirs = {"a text of some length", "another one"};
+    add("collections/append 10^6 strings/qelstd", qelNew<xstringsequence>,
+        [](int i) { return ours[static_cast<unsigned>(i) % 2]; });
+    add("collections/append 10^6 strings/QVector", std::make_unique<QVector<QString>>,
+        [](int i) { return theirs[static_cast<unsigned>(i) % 2]; });
+    benchmark::RegisterBenchmark("collections/read 10^6 ints/qelstd", readQelstd);
+}
+
+// ---- dictionaries: each class below maps keys of its own kind of text to ints
+
+struct Qelstd
+{
+    static constexpr const char* name = "qelstd";
+    struct Key
+    {
+        std::string text;
+        explicit Key(const std::string& from) : text(from) {}
+    };
+    bool find(const Key& key, int* out) { return d->find(key.text.c_str(), out); }
+    void set(const Key& key, int value) { d->set(key.text.c_str(), value); }
+    void remove(const Key& key) { d->remove(key.text.c_str()); }
+
+private:
+    xrchandle<xintdictionary> d = xintdictionary::create();
+};
+
+struct StdMap
+{
+    static constexpr const char* name = "std::unordered_map";
+    using Key = std::string;
+    bool find(const Key& key, int* out)
+    {
+        const auto at = d.find(key);
+        if (at == d.end())
+            return false;
+        *out = at->second;
+        return true;
+    }
+    void set(const Key& key, int value) { d[key] = value; }
+    void remove(const Key& key) { d.erase(key); }
+
+private:
+    std::unordered_map<std::string, int> d;
+};
+
+template<class Text>
+struct QtHash
+{
+    static constexpr const char* name =
+        std::is_same_v<Text, QString> ? "QHash<QString>" : "QHash<QByteArray>";
+    struct Key
+    {
+        Text text;
+        explicit Key(const std::string& from) : text(from.c_str()) {}
+    };
+    bool find(const Key& key, int* out)
+    {
+        const auto at = d.constFind(key.text);
+        if (at == d.constEnd())
+            return false;
+        *out = at.value();
+        return true;
+    }
+    void set(const Key& key, int value) { d.insert(key.text, value); }
+    void remove(const Key& key) { d.remove(key.text); }
+
+private:
+    QHash<Text, int> d;
+};
+
+struct Glib
+{
+    static constexpr const char* name = "GHashTable";
+    using Key = std::string;
+    bool find(const Key& key, int* out)
+    {
+        void* value = nullptr;
+        if (!g_hash_table_lookup_extended(d.get(), key.c_str(), nullptr, &value))
+            return false;
+        *out = GPOINTER_TO_INT(value);
+        return true;
+    }
+    void set(const Key& key, int value)
+    {
+        g_hash_table_insert(d.get(), g_strdup(key.c_str()), GINT_TO_POINTER(value));
+    }
+    void remove(const Key& key) { g_hash_table_remove(d.get(), key.c_str()); }
+
+private:
+    struct Free
+    {
+        void operator()(GHashTable* t) const { g_hash_table_unref(t); }
+    };
+    std::unique_ptr<GHashTable, Free> d{g_hash_table_new_full(g_str_hash, g_str_equal, g_free, nullptr)};
+};
+
+using Texts = std::vector<std::string>;
+
+Texts english()
+{
+    Texts words;
+    std::ifstream file("/usr/share/dict/words");
+    for (std::string word; std::getline(file, word);)
+        words.push_back(word);
+    std::shuffle(words.begin(), words.end(), std::mt19937(1));
+    return words;
+}
+
+Texts makeWords(std::size_t n)
+{
+    Texts words = english();
+    words.resize(std::min(n, words.size()));
+    return words;
+}
+
+Texts makePairs(std::size_t n)
+{
+    const Texts words = english();
+    Texts pairs;
+    for (std::size_t i = 0; i < n && !words.empty(); ++i)
+        pairs.push_back(words[i % 1000] + " " + words[1000 + i / 1000]);
+    return pairs;
+}
+
+Texts makeNumbers(std::size_t n)
+{
+    Texts names;
+    for (std::size_t i = 0; i < n; ++i) {
+        std::array<char, 16> text;
+        std::snprintf(text.data(), text.size(), "key%06zu", i);
+        names.emplace_back(text.data());
+    }
+    return names;
+}
+
+/// The keys in the order in which they are set, and copies in another order for the rest.
+template<class D>
+struct Keys
+{
+    explicit Keys(const Texts& texts)
+    {
+        Texts mixed = texts;
+        for (const std::string& text : mixed)
+            added.emplace_back(text);
+        std::shuffle(mixed.begin(), mixed.end(), std::mt19937(2));
+        for (const std::string& text : mixed)
+            sought.emplace_back(text);
+    }
+    std::vector<typename D::Key> added, sought;
+};
+
+template<class D>
+void fill(D& d, const Keys<D>& keys)
+{
+    int value = 0;
+    for (const auto& key : keys.added)
+        d.set(key, ++value);
+}
+
+template<class D>
+void find(benchmark::State& state, const Keys<D>& keys)
+{
+    D d;
+    fill(d, keys);
+    std::size_t i = 0;
+    for (auto _ : state) {
+        int value = 0;
+        if (!d.find(keys.sought[i], &value))
+            state.SkipWithError("not found");
+        benchmark::DoNotOptimize(value);
+        i = i + 1 == keys.sought.size() ? 0 : i + 1;
+    }
+}
+
+// Several small dictionaries at a time, so that stopping the clock weighs little.
+template<class D>
+std::size_t batchFor(const Keys<D>& keys)
+{
+    return std::max<std::size_t>(1, 100000 / keys.added.size());
+}
+
+template<class D>
+void set(benchmark::State& state, const Keys<D>& keys)
+{
+    for (auto _ : state) {
+        state.PauseTiming();
+        std::vector<D> all(batchFor(keys));
+        state.ResumeTiming();
+        for (D& d : all)
+            fill(d, keys);
+        state.PauseTiming();
+        all.clear();
+        state.ResumeTiming();
+    }
+}
+
+template<class D>
+void remove(benchmark::State& state, const Keys<D>& keys)
+{
+    for (auto _ : state) {
+        state.PauseTiming();
+        std::vector<D> all(batchFor(keys));
+        for (D& d : all)
+            fill(d, keys);
+        state.ResumeTiming();
+        for (D& d : all)
+            for (const auto& key : keys.sought)
+                d.remove(key);
+        state.PauseTiming();
+        all.clear();
+        state.ResumeTiming();
+    }
+}
+
+/// Keys leave and others come at the same number of entries.
+template<class D>
+void replace(benchmark::State& state, const Keys<D>& keys)
+{
+    D d;
+    fill(d, keys);
+    std::size_t i = 0;
+    const std::size_t n = keys.sought.size(), away = n / 10;
+    for (std::size_t k = 0; k < away; ++k)
+        d.remove(keys.sought[k]);
+    for (auto _ : state) {
+        d.set(keys.sought[i], 1);
+        d.remove(keys.sought[(i + away) % n]);
+        i = i + 1 == n ? 0 : i + 1;
+    }
+}
+
+template<class D>
+void addOne(const std::string& family, const Texts& (*texts)())
+{
+    const auto add = [&](const char* operation, auto run) {
+        const std::string name = std::string("collections/") + operation + " " + family + "/" + D::name;
+        return benchmark::RegisterBenchmark(
+            name.c_str(), [texts, run](benchmark::State& state) { run(state, Keys<D>(texts())); });
+    };
+    add("find", find<D>);
+    add("set", set<D>)->Unit(benchmark::kMillisecond);
+    add("remove", remove<D>)->Unit(benchmark::kMillisecond);
+    add("replace", replace<D>);
+}
+
+template<Texts (*make)(std::size_t), std::size_t n>
+const Texts& made()
+{
+    static const Texts texts = make(n);
+    return texts;
+}
+
+void addFamily(const std::string& family, const Texts& (*texts)())
+{
+    addOne<Qelstd>(family, texts);
+    addOne<StdMap>(family, texts);
+    addOne<QtHash<QByteArray>>(family, texts);
+    addOne<QtHash<QString>>(family, texts);
+    addOne<Glib>(family, texts);
+}
+
+[[maybe_unused]] const bool added = [] {
+    addSequences();
+    addFamily("10^2 words", made<makeWords, 100>);
+    addFamily("10^4 words", made<makeWords, 10000>);
+    addFamily("10^5 words", made<makeWords, 100000>);
+    addFamily("10^4 word pairs", made<makePairs, 10000>);
+    addFamily("10^6 word pairs", made<makePairs, million>);
+    addFamily("10^2 numbered keys", made<makeNumbers, 100>);
+    addFamily("10^4 numbered keys", made<makeNumbers, 10000>);
+    addFamily("10^6 numbered keys", made<makeNumbers, million>);
+    return true;
+}();
+
+} // namespace
