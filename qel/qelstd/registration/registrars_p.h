@@ -9,6 +9,7 @@
         qelRttiRegister_##lib(); \
     }
 
+QEL_REGISTRAR(qeljava);
 QEL_REGISTRAR(qellib);
 QEL_REGISTRAR(stdcols);
 QEL_REGISTRAR(buildintypes);

@@ -5,6 +5,7 @@
 
 namespace {
 
+const qelRttiRegister_qeljava qeljava;
 const qelRttiRegister_qellib qellib;
 const qelRttiRegister_stdcols stdcols;
 const qelRttiRegister_buildintypes buildintypes;

@@ -1,0 +1,153 @@
+// Handles and variants in a process with one thread, beside what a program would use instead.
+
+#include <memory>
+#include <string>
+#include <variant>
+
+#include <QVariant>
+#include <benchmark/benchmark.h>
+
+#include <qel/qeltable.h>
+#include <qel/xany.h>
+#include <qel/xobject.h>
+
+namespace {
+
+class Thing : public virtual xobject
+{
+    QEL_OBJECT(Thing);
+};
+
+constinit qelClass Thing::rtti = {.name = "bench::Thing", .counted = true};
+
+struct Plain
+{
+    virtual ~Plain() = default;
+};
+
+template<class Handle>
+void copyAndDrop(benchmark::State& state, const Handle& handle)
+{
+    for (auto _ : state) {
+        Handle copy(handle);
+        benchmark::DoNotOptimize(copy);
+    }
+}
+
+// ---- handles
+
+void oneThreadQelstd(benchmark::State& state)
+{
+    copyAndDrop(state, xrchandle<Thing>(new Thing));
+}
+void oneThreadShared(benchmark::State& state)
+{
+    copyAndDrop(state, std::make_shared<Plain>());
+}
+BENCHMARK(oneThreadQelstd)->Name("objects/copy and drop a handle, one thread/qelstd");
+BENCHMARK(oneThreadShared)->Name("objects/copy and drop a handle, one thread/std::shared_ptr");
+
+// ---- variants
+
+using StdVariant =
+    std::variant<std::monostate, int, bool, double, std::shared_ptr<std::string>, std::shared_ptr<Plain>>;
+
+template<class Variant>
+void copyValue(benchmark::State& state, const Variant& value)
+{
+    for (auto _ : state) {
+        Variant copy(value);
+        benchmark::DoNotOptimize(copy);
+    }
+}
+
+template<class Variant>
+void assignValue(benchmark::State& state, const Variant& value, const Variant& other)
+{
+    Variant target;
+    for (auto _ : state) {
+        target = value;
+        benchmark::DoNotOptimize(target);
+        target = other;
+        benchmark::DoNotOptimize(target);
+    }
+}
+
+template<class Variant>
+void compareValue(benchmark::State& state, Variant a, Variant b)
+{
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(a);
+        benchmark::DoNotOptimize(b);
+        const bool same = a == b;
+        benchmark::DoNotOptimize(same);
+    }
+}
+
+template<class Make>
+void addVariants(const char* kind, Make make)
+{
+    const std::string name = std::string("variants/");
+    const std::string what = std::string(", ") + kind + "/";
+    const auto add = [&](const char* operation, const char* who, auto run) {
+        benchmark::RegisterBenchmark((name + operation + what + who).c_str(), run);
+    };
+    add("copy", "qelstd", [=](benchmark::State& s) { copyValue<xany>(s, make.qel()); });
+    add("copy", "std::variant", [=](benchmark::State& s) { copyValue<StdVariant>(s, make.standard()); });
+    add("copy", "QVariant", [=](benchmark::State& s) { copyValue<QVariant>(s, make.qt()); });
+    add("assign", "qelstd", [=](benchmark::State& s) { assignValue<xany>(s, make.qel(), make.qel()); });
+    add("assign", "std::variant",
+        [=](benchmark::State& s) { assignValue<StdVariant>(s, make.standard(), make.standard()); });
+    add("assign", "QVariant", [=](benchmark::State& s) { assignValue<QVariant>(s, make.qt(), make.qt()); });
+    add("compare", "qelstd", [=](benchmark::State& s) { compareValue<xany>(s, make.qel(), make.qel()); });
+    add("compare", "std::variant",
+        [=](benchmark::State& s) { compareValue<StdVariant>(s, make.standard(), make.standard()); });
+    add("compare", "QVariant", [=](benchmark::State& s) { compareValue<QVariant>(s, make.qt(), make.qt()); });
+}
+
+struct Ints
+{
+    xany qel() const { return 17; }
+    StdVariant standard() const { return 17; }
+    QVariant qt() const { return 17; }
+};
+struct Reals
+{
+    xany qel() const { return 2.5; }
+    StdVariant standard() const { return 2.5; }
+    QVariant qt() const { return 2.5; }
+};
+struct Strings
+{
+    xany qel() const { return "a text of some length"; }
+    StdVariant standard() const
+    {
+        static const auto text = std::make_shared<std::string>("a text of some length");
+        return text;
+    }
+    QVariant qt() const { return QString("a text of some length"); }
+};
+struct Objects
+{
+    xany qel() const { return xrchandle<Thing>(new Thing); }
+    StdVariant standard() const
+    {
+        static const std::shared_ptr<Plain> plain = std::make_shared<Plain>();
+        return plain;
+    }
+    QVariant qt() const
+    {
+        static QObject* const object = nullptr;
+        return QVariant::fromValue(object);
+    }
+};
+
+[[maybe_unused]] const bool added = [] {
+    addVariants("int", Ints());
+    addVariants("real", Reals());
+    addVariants("string", Strings());
+    addVariants("object", Objects());
+    return true;
+}();
+
+} // namespace

@@ -1,0 +1,103 @@
+// Handles in a process with threads, beside what a program would use instead. A program of its own, because a
+// process that has made a thread counts as threaded from then on.
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+#include <benchmark/benchmark.h>
+#include <glib-object.h>
+
+#include <qel/qeltable.h>
+#include <qel/xobject.h>
+
+namespace {
+
+class Thing : public virtual xobject
+{
+    QEL_OBJECT(Thing);
+};
+
+constinit qelClass Thing::rtti = {.name = "bench::Thing", .counted = true};
+
+struct Plain
+{
+    virtual ~Plain() = default;
+};
+
+/// A second thread that sleeps, so that the process counts as threaded for as long as this lives.
+class SecondThread
+{
+public:
+    SecondThread() : thread([this] { done.wait(false); }) {}
+    ~SecondThread()
+    {
+        done = true;
+        done.notify_all();
+        thread.join();
+    }
+
+private:
+    std::atomic<bool> done = false;
+    std::thread thread;
+};
+
+template<class Handle>
+void copyAndDrop(benchmark::State& state, const Handle& handle)
+{
+    for (auto _ : state) {
+        Handle copy(handle);
+        benchmark::DoNotOptimize(copy);
+    }
+}
+
+void threadedQelstd(benchmark::State& state)
+{
+    const SecondThread second;
+    copyAndDrop(state, xrchandle<Thing>(new Thing));
+}
+void threadedShared(benchmark::State& state)
+{
+    const SecondThread second;
+    copyAndDrop(state, std::make_shared<Plain>());
+}
+BENCHMARK(threadedQelstd)->Name("objects/copy and drop a handle, threads exist/qelstd");
+BENCHMARK(threadedShared)->Name("objects/copy and drop a handle, threads exist/std::shared_ptr");
+
+const xrchandle<Thing>& sharedThing()
+{
+    static const xrchandle<Thing> thing(new Thing);
+    return thing;
+}
+const std::shared_ptr<Plain>& sharedPlain()
+{
+    static const std::shared_ptr<Plain> plain = std::make_shared<Plain>();
+    return plain;
+}
+GObject* sharedGObject()
+{
+    static auto* const object = static_cast<GObject*>(g_object_new(G_TYPE_OBJECT, nullptr));
+    return object;
+}
+
+void contendedQelstd(benchmark::State& state)
+{
+    copyAndDrop(state, sharedThing());
+}
+void contendedShared(benchmark::State& state)
+{
+    copyAndDrop(state, sharedPlain());
+}
+void contendedGObject(benchmark::State& state)
+{
+    GObject* const object = sharedGObject();
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(g_object_ref(object));
+        g_object_unref(object);
+    }
+}
+BENCHMARK(contendedQelstd)->Name("objects/two threads, one object/qelstd")->Threads(2);
+BENCHMARK(contendedShared)->Name("objects/two threads, one object/std::shared_ptr")->Threads(2);
+BENCHMARK(contendedGObject)->Name("objects/two threads, one object/GObject")->Threads(2);
+
+} // namespace
