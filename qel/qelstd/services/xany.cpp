@@ -46,31 +46,20 @@ xany::xany(xobject* p)
     value.u.objectValue = p;
 }
 
-void xany::copyHeld(const __xany_c& from)
+void xany::copyEnum(const __xany_c& from)
 {
-    value = from;
-    switch (from.tag) {
-    case xanyString:
-        if (from.u.stringValue.buffer != nullptr)
-            from.u.stringValue.buffer->Lock(&value.u.stringValue.mb, &value.u.stringValue.wide);
-        break;
-    case xanyEnum:
-        break;
-    case xanyObject:
-        xrcattach(from.u.objectValue);
-        break;
-    default:
+    if (from.tag != xanyEnum)
         QEL_ABORT("Can not be here.");
-    }
+    value = from;
 }
 
-void xany::dropHeld(const __xany_c& held)
+void xany::drop()
 {
-    if (held.tag == xanyString) {
-        if (held.u.stringValue.buffer != nullptr)
-            held.u.stringValue.buffer->Unlock();
-    } else if (held.tag == xanyObject) {
-        xrcrelease(held.u.objectValue);
+    if (value.tag == xanyString) {
+        if (value.u.stringValue.buffer != nullptr)
+            value.u.stringValue.buffer->Unlock();
+    } else if (value.tag == xanyObject) {
+        xrcrelease(value.u.objectValue);
     }
 }
 
@@ -120,23 +109,22 @@ void xany::validate(xrtti* type, unsigned char optional) const
     qelXTypeMismatch::Throw(type->getName().CastToCString(), *this);
 }
 
-unsigned char xany::equalsHeld(const xany& other) const
+unsigned char xany::equalsOther(const xany& other) const
 {
     switch (value.tag) {
+    case xanyUninit:
+    case xanyNull:
+        return 1;
+    case xanyBool:
+        return value.u.boolValue == other.value.u.boolValue;
     case xanyString: {
         const __xstring_c& a = value.u.stringValue;
         const __xstring_c& b = other.value.u.stringValue;
-        if (a.buffer == b.buffer)
-            return a.buffer != nullptr;
-        if (a.buffer == nullptr || b.buffer == nullptr)
-            return 0;
-        return xstring(a) == xstring(b);
+        return a.buffer != nullptr && b.buffer != nullptr && xstring(a) == xstring(b);
     }
     case xanyEnum:
         return value.u.enumValue.value == other.value.u.enumValue.value &&
                value.u.enumValue.type == other.value.u.enumValue.type;
-    case xanyObject:
-        return value.u.objectValue == other.value.u.objectValue;
     default:
         QEL_ABORT("Can not be here.");
     }

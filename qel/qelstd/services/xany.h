@@ -16,8 +16,12 @@ class QEL_API xany
 public:
     xany() noexcept { setPlain(xanyUninit, 0); }
     xany(const xany& other) { copyFrom(other.value); }
-    xany(xany&& other) noexcept : value(other.value) { other.setPlain(xanyUninit, 0); }
-    ~xany() { drop(value); }
+    xany(xany&& other) noexcept { takeFrom(other); }
+    ~xany()
+    {
+        if (!isPlain(value.tag))
+            drop();
+    }
 
     xany(std::nullptr_t) { setPlain(xanyNull, 0); }
     /// xnullint: null. xuninitint: uninit.
@@ -48,30 +52,32 @@ public:
     template<class T>
     xany(T*) = delete; // any other pointer would pass for a bool
 
-    xany& operator=(const xany& other)
-    {
-        // Take before giving back: a variant may be assigned to itself, or from a part of what it holds.
-        const __xany_c old = value;
-        copyFrom(other.value);
-        drop(old);
-        return *this;
-    }
+    xany& operator=(const xany& other) { return *this = other.value; }
     xany& operator=(xany&& other) noexcept
     {
         if (this != &other) {
-            const __xany_c old = value;
-            value = other.value;
-            other.setPlain(xanyUninit, 0);
-            drop(old);
+            xany old;
+            old.takeFrom(*this);
+            takeFrom(other);
         }
         return *this;
     }
     /// Takes references of its own; `c` keeps its references.
     xany& operator=(const __xany_c& c)
     {
-        const __xany_c old = value;
-        copyFrom(c);
-        drop(old);
+        // Take before giving back: a variant may be assigned to itself, or from a part of what it holds.
+        if (value.tag == xanyString) {
+            btkStrBuf* const old = value.u.stringValue.buffer;
+            copyFrom(c);
+            if (old != nullptr)
+                old->Unlock();
+        } else if (value.tag == xanyObject) {
+            xobject* const old = value.u.objectValue;
+            copyFrom(c);
+            xrcrelease(old);
+        } else {
+            copyFrom(c);
+        }
         return *this;
     }
 
@@ -96,21 +102,19 @@ public:
     /// enumerations by value and type, objects by identity.
     unsigned char operator==(const xany& other) const
     {
-        if (value.tag != other.value.tag)
+        const __xany_c& a = value;
+        const __xany_c& b = other.value;
+        if (a.tag != b.tag)
             return 0;
-        switch (value.tag) {
-        case xanyUninit:
-        case xanyNull:
-            return 1;
-        case xanyInt:
-            return value.u.intValue == other.value.u.intValue;
-        case xanyBool:
-            return value.u.boolValue == other.value.u.boolValue;
-        case xanyReal:
-            return value.u.realValue == other.value.u.realValue;
-        default:
-            return equalsHeld(other);
-        }
+        if (a.tag == xanyInt)
+            return a.u.intValue == b.u.intValue;
+        if (a.tag == xanyReal)
+            return a.u.realValue == b.u.realValue;
+        if (a.tag == xanyObject)
+            return a.u.objectValue == b.u.objectValue;
+        return (a.tag == xanyString && a.u.stringValue.buffer == b.u.stringValue.buffer &&
+                a.u.stringValue.buffer != nullptr) ||
+               equalsOther(other);
     }
     unsigned char operator!=(const xany& other) const { return !(*this == other); }
     /// A string with this text; xnullstr asks for null, xuninitstr for uninit, and a null pointer equals
@@ -163,18 +167,32 @@ private:
         if (isPlain(from.tag)) {
             value.tag = from.tag;
             __builtin_memcpy(&value.u, &from.u, sizeof value.u.realValue);
+        } else if (from.tag == xanyString) {
+            value.tag = xanyString;
+            value.u.stringValue = from.u.stringValue;
+            if (from.u.stringValue.buffer != nullptr)
+                from.u.stringValue.buffer->Lock();
+        } else if (from.tag == xanyObject) {
+            value.tag = xanyObject;
+            value.u.objectValue = from.u.objectValue;
+            xrcattach(from.u.objectValue);
         } else {
-            copyHeld(from);
+            copyEnum(from);
         }
     }
-    static void drop(const __xany_c& held)
+    /// Takes over what `other` holds and leaves that uninit; what was held here is not given back.
+    void takeFrom(xany& other)
     {
-        if (!isPlain(held.tag))
-            dropHeld(held);
+        value.tag = other.value.tag;
+        if (isPlain(other.value.tag))
+            value.u.realValue = other.value.u.realValue;
+        else
+            value.u = other.value.u;
+        other.value.tag = xanyUninit;
     }
-    void copyHeld(const __xany_c& from);
-    static void dropHeld(const __xany_c& held);
-    unsigned char equalsHeld(const xany& other) const;
+    void copyEnum(const __xany_c& from);
+    void drop();
+    unsigned char equalsOther(const xany& other) const;
 
     __xany_c value;
 };

@@ -103,24 +103,10 @@ void xobject::onDelete()
 {
 }
 
-// Counts above zero change in one step without the lock: whoever attaches or releases owns a reference, so
-// the object stays. The lock is for the first reference, the last one and the fatal reports.
+// The lock is for the first reference, the last one and the fatal reports. In between, xrcattach and
+// xrcrelease change the count in one step, so it may move here, too.
 
 void xobject::xattach()
-{
-    if (!thrIsThreaded()) {
-        if (refcount > 0) {
-            ++refcount;
-            return;
-        }
-    } else if (__atomic_load_n(&refcount, __ATOMIC_RELAXED) > 0) {
-        __atomic_fetch_add(&refcount, 1, __ATOMIC_RELAXED);
-        return;
-    }
-    attachFirst();
-}
-
-void xobject::attachFirst()
 {
     std::int32_t count = __atomic_load_n(&refcount, __ATOMIC_RELAXED);
     if (count == -1)
@@ -138,23 +124,6 @@ void xobject::attachFirst()
 }
 
 void xobject::xrelease()
-{
-    if (!thrIsThreaded()) {
-        if (refcount > 1) {
-            --refcount;
-            return;
-        }
-    } else {
-        std::int32_t count = __atomic_load_n(&refcount, __ATOMIC_RELAXED);
-        while (count > 1)
-            if (__atomic_compare_exchange_n(&refcount, &count, count - 1, true, __ATOMIC_ACQ_REL,
-                                            __ATOMIC_RELAXED))
-                return;
-    }
-    releaseLast();
-}
-
-void xobject::releaseLast()
 {
     std::int32_t count = __atomic_load_n(&refcount, __ATOMIC_ACQUIRE);
     if (count == 0 || count == -1)

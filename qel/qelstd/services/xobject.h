@@ -5,6 +5,7 @@
 #include <type_traits>
 
 #include <qel/base/btkmemory.h>
+#include <qel/base/thrthreading.h>
 #include <qel/qelexport.h>
 #include <qel/qelxobj_i.h>
 
@@ -75,6 +76,7 @@ private:
     virtual unsigned char isDeletable();
     /// Called once, just before the destructor, when the last release or xdelete deletes the object.
     virtual void onDelete();
+    /// Takes the first reference; gives the last one back. References in between are counted without them.
     virtual void xattach();
     virtual void xrelease();
     virtual void xfree();
@@ -96,8 +98,6 @@ public:
     static xobject* softcast(xobject* p) { return p; }
 
 private:
-    void attachFirst();
-    void releaseLast();
     void die();
     void dieNow();
 
@@ -113,7 +113,15 @@ private:
 /// object.
 inline void xrcattach(xobject* p)
 {
-    if (qelIsObject(p))
+    if (!qelIsObject(p))
+        return;
+    // Above zero the count changes in one step, without a lock and without asking the object: whoever
+    // attaches or releases owns a reference, so the object stays.
+    if (!thrIsThreaded() && p->refcount > 0)
+        ++p->refcount;
+    else if (thrIsThreaded() && __atomic_load_n(&p->refcount, __ATOMIC_RELAXED) > 0)
+        __atomic_fetch_add(&p->refcount, 1, __ATOMIC_RELAXED);
+    else
         p->xattach();
 }
 
@@ -121,8 +129,21 @@ inline void xrcattach(xobject* p)
 /// that was never attached or is not countable is left alone.
 inline void xrcrelease(xobject* p)
 {
-    if (qelIsObject(p))
-        p->xrelease();
+    if (!qelIsObject(p))
+        return;
+    if (!thrIsThreaded()) {
+        if (p->refcount > 1) {
+            --p->refcount;
+            return;
+        }
+    } else {
+        std::int32_t count = __atomic_load_n(&p->refcount, __ATOMIC_RELAXED);
+        while (count > 1)
+            if (__atomic_compare_exchange_n(&p->refcount, &count, count - 1, true, __ATOMIC_ACQ_REL,
+                                            __ATOMIC_RELAXED))
+                return;
+    }
+    p->xrelease();
 }
 
 /// The same as xrcattach.
