@@ -1,7 +1,7 @@
 #pragma once
 
-// The whole public interface of the core. One header per library exists too; a source that defines classes of its own
-// adds <qel/qeltable.h>, and C programs use <qel/qelstd_c.h>.
+// The whole public interface of the core. One header per library exists too; a source that defines classes of
+// its own adds <qel/qeltable.h>, and C programs use <qel/qelstd_c.h>.
 
 #include <qel/qelexception.h>
 #include <qel/qelprint.h>
