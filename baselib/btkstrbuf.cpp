@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::size_t sizeLimit = std::size_t(1) << 31;
+constexpr std::size_t sizeLimit = (std::size_t(1) << 31) - 16;
 
 void requireSize(std::size_t size)
 {
@@ -37,7 +37,7 @@ std::size_t blockSize(std::size_t size)
 
 std::uint32_t roomIn(std::size_t block)
 {
-    return static_cast<std::uint32_t>(std::min(block - sizeof(btkStrBuf), sizeLimit));
+    return static_cast<std::uint32_t>(block - sizeof(btkStrBuf));
 }
 
 std::size_t boundedLength(const char* text, std::size_t most)
@@ -128,7 +128,7 @@ btkStrBuf* btkStrBuf::Get(C** text)
             return nullptr;
         // Another holder may have been faster: then its form counts, because it may be in use already.
         if (other.compare_exchange_strong(form, made, std::memory_order_acq_rel, std::memory_order_acquire))
-            form = made;
+            form = made, limit.store(0, std::memory_order_relaxed);
         else
             std::free(made);
     }
@@ -144,7 +144,9 @@ btkStrBuf* btkStrBuf::grow(std::size_t size)
     const std::size_t block = blockSize(std::max(size, twice));
     void* const moved = requireMemory(std::realloc(static_cast<void*>(this), block));
     btkStrBuf* const buffer = static_cast<btkStrBuf*>(moved);
-    buffer->capacity = roomIn(block);
+    buffer->capacity = roomIn(block) & 0x7FFFFFFFu;
+    if (buffer->other.load(std::memory_order_relaxed) == nullptr)
+        buffer->setLimit();
     return buffer;
 }
 
@@ -197,13 +199,28 @@ void btkStrBuf::Commit(std::size_t newLength)
 
 void btkStrBuf::dropOther()
 {
-    if (other.load(std::memory_order_relaxed) != nullptr)
+    if (other.load(std::memory_order_relaxed) != nullptr) {
         std::free(other.exchange(nullptr, std::memory_order_relaxed));
+        setLimit();
+    }
+}
+
+template<typename C>
+bool btkStrBuf::AppendInPlace(const C* text, std::size_t size)
+{
+    if (references.load(std::memory_order_acquire) != 1 || isWide != wideForm<C> ||
+        other.load(std::memory_order_relaxed) != nullptr || size >= capacity / sizeof(C) - length)
+        return false;
+    setLimit();
+    copyText(first<C>() + length, text, size);
+    length += static_cast<std::uint32_t>(size);
+    return true;
 }
 
 void btkStrBuf::destroy()
 {
-    std::free(other.load(std::memory_order_acquire));
+    if (Produced* const form = other.load(std::memory_order_acquire))
+        std::free(form);
     std::free(static_cast<void*>(this));
 }
 
@@ -223,6 +240,7 @@ void btkStrBuf::Lock(char** mb, unsigned short** wide)
     template BASE_API btkStrBuf* btkStrBuf::Get(C**);                           \
     template BASE_API btkStrBuf* btkStrBuf::Resize(std::size_t, C**, bool);     \
     template BASE_API void btkStrBuf::Commit<C>();                              \
-    template BASE_API void btkStrBuf::Commit<C>(std::size_t);
+    template BASE_API void btkStrBuf::Commit<C>(std::size_t);                   \
+    template BASE_API bool btkStrBuf::AppendInPlace(const C*, std::size_t);
 BTK_INSTANTIATE(char)
 BTK_INSTANTIATE(unsigned short)

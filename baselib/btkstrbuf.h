@@ -15,7 +15,7 @@
 /// CommitWC.
 ///
 /// Sizes are bytes with the terminator, lengths are bytes (multibyte) or units (wide) without. A text ends at
-/// its first zero. A form takes at most 2 GiB; what needs more throws std::length_error, and what finds no
+/// its first zero. A form takes less than 2 GiB; what needs more throws std::length_error, and what finds no
 /// memory std::bad_alloc, both with nothing changed.
 class BASE_API btkStrBuf
 {
@@ -80,6 +80,7 @@ public:
     /// Takes one more reference.
     void Lock()
     {
+        limit.store(0, std::memory_order_relaxed);
         if (thrIsThreaded())
             references.fetch_add(1, std::memory_order_relaxed);
         else
@@ -99,18 +100,22 @@ public:
     }
 
     /// Appends one byte, not zero, in place. False, with nothing changed, when that takes more: the buffer is
-    /// shared, holds another form or has no room.
+    /// shared, has another form or no room. It may also be false the first time after it was shared.
     bool AppendInPlace(char c)
     {
-        if (length + 2 > capacity || isWide || references.load(std::memory_order_acquire) != 1 ||
-            other.load(std::memory_order_relaxed) != nullptr)
+        const std::uint32_t end = length;
+        if (end >= limit.load(std::memory_order_relaxed))
             return false;
-        char* const end = reinterpret_cast<char*>(this + 1) + length;
-        end[0] = c;
-        end[1] = 0;
-        ++length;
+        char* const place = reinterpret_cast<char*>(this + 1) + end;
+        place[0] = c;
+        place[1] = 0;
+        length = end + 1;
         return true;
     }
+
+    /// Appends `size` bytes or units, none zero, in place; false as above. They may be part of the text.
+    template<typename C>
+    bool AppendInPlace(const C* text, std::size_t size);
 
 private:
     /// The form produced on demand; its text follows.
@@ -119,7 +124,7 @@ private:
         std::uint32_t length;
     };
 
-    btkStrBuf(bool wide, std::uint32_t room) : capacity(room), isWide(wide) {}
+    btkStrBuf(bool wide, std::uint32_t room) : isWide(wide), capacity(room & 0x7FFFFFFFu) { setLimit(); }
 
     int dropReference()
     {
@@ -131,6 +136,7 @@ private:
     }
     void destroy();
     void dropOther();
+    void setLimit() { limit.store(isWide ? 0 : capacity - 1, std::memory_order_relaxed); }
     btkStrBuf* grow(std::size_t size);
 
     template<typename C>
@@ -144,8 +150,12 @@ private:
     Produced* produce();
 
     std::atomic<int> references = 1;
-    std::uint32_t capacity;   // bytes of the first form's text, terminator included
-    std::uint32_t length = 0; // of the first form
-    bool isWide;              // the form that the buffer began with, whose text follows this object
+    std::uint32_t isWide : 1;    // the form that the buffer began with, whose text follows this object
+    std::uint32_t capacity : 31; // bytes of that text, terminator included
+    std::uint32_t length = 0;    // of that text
+    // What a multibyte text may grow to in place: 0 while it is shared, or has another form. Set when one
+    // holder is left and writes; whoever shares the buffer clears it, so a single byte is appended with one
+    // comparison.
+    std::atomic<std::uint32_t> limit;
     std::atomic<Produced*> other = nullptr;
 };

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstring>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -43,13 +42,15 @@ bool parseNumber(const unsigned short* text, T* out)
     return parseNumber(std::string_view(narrow), out);
 }
 
-/// Flips the bit in which the two cases of a letter differ.
+/// Flips the bit in which the two cases of a letter differ, for the 26 letters from `first` on.
 template<typename C>
-void mapLetters(C* text, char first, char last)
+void mapLetters(C* text, char first)
 {
-    for (; *text != 0; ++text)
-        if (*text >= first && *text <= last)
-            *text = static_cast<C>(*text ^ 0x20);
+    C* const end = text + Strlen(text); // known in advance, several can be mapped in one step
+    for (; text != end; ++text) {
+        const bool isLetter = static_cast<unsigned short>(*text - first) < 26;
+        *text = static_cast<C>(*text ^ (isLetter ? 0x20 : 0));
+    }
 }
 
 template<typename C>
@@ -108,19 +109,6 @@ void eachWord(const C* text, const C* delimiterCharacters, Seen seen)
 } // namespace
 
 template<btkCharType C>
-std::size_t Strlen(const C* text)
-{
-    if constexpr (std::is_same_v<C, char>) {
-        return std::strlen(text);
-    } else {
-        const C* end = text;
-        while (*end != 0)
-            ++end;
-        return static_cast<std::size_t>(end - text);
-    }
-}
-
-template<btkCharType C>
 std::size_t btkStringPrefixLength(const C* text, std::size_t characters)
 {
     if constexpr (std::is_same_v<C, char>) {
@@ -160,13 +148,13 @@ bool btkStringToDouble(const C* text, double* out)
 template<btkCharType C>
 void btkStringToUpper(C* text)
 {
-    mapLetters(text, 'a', 'z');
+    mapLetters(text, 'a');
 }
 
 template<btkCharType C>
 void btkStringToLower(C* text)
 {
-    mapLetters(text, 'A', 'Z');
+    mapLetters(text, 'A');
 }
 
 template<btkCharType C>
@@ -193,7 +181,6 @@ bool btkStringGetWord(const C* text, int n, const C* delimiters, int* start, int
 }
 
 #define BTK_INSTANTIATE(C)                                             \
-    template std::size_t Strlen(const C*);                             \
     template std::size_t btkStringPrefixLength(const C*, std::size_t); \
     template bool btkStringToInt(const C*, int*);                      \
     template bool btkStringToDouble(const C*, double*);                \

@@ -2,6 +2,7 @@
 
 #include <concepts>
 #include <cstddef>
+#include <cstring>
 
 #include <qel/base/baseexport.h>
 
@@ -15,7 +16,17 @@ concept btkCharType = std::same_as<C, char> || std::same_as<C, unsigned short>;
 
 /// The length of `text`.
 template<btkCharType C>
-BASE_API std::size_t Strlen(const C* text);
+std::size_t Strlen(const C* text)
+{
+    if constexpr (sizeof(C) == 1) {
+        return std::strlen(text);
+    } else {
+        const C* end = text;
+        while (*end != 0)
+            ++end;
+        return static_cast<std::size_t>(end - text);
+    }
+}
 
 /// The length of the first `characters` characters of `text`, or of all when there are fewer. Looks at
 /// nothing behind them: a longer text needs no terminator.

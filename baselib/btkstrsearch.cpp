@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include <qel/base/btkstring.h>
@@ -9,7 +10,7 @@
 
 namespace {
 
-/// Looks for a text in others, in time proportional to their lengths. The text is not copied.
+/// Looks for a text of a length in others, in time proportional to their lengths.
 template<typename C>
 class Finder;
 
@@ -17,29 +18,35 @@ template<>
 class Finder<char>
 {
 public:
-    Finder(const char* wanted, std::size_t length) : sub(wanted), size(length) {}
-
-    /// The first place between `text` and `end`, or null.
-    const char* find(const char* text, const char* end) const
+    Finder(const char* wanted, std::size_t length) : sub(wanted)
     {
-        return static_cast<const char*>(memmem(text, static_cast<std::size_t>(end - text), sub, size));
+        if (wanted[length] != 0) {
+            terminated.assign(wanted, length);
+            sub = terminated.c_str();
+        }
     }
+    Finder(const Finder&) = delete;
+    Finder& operator=(const Finder&) = delete;
+
+    /// The first place in `text`, or null.
+    const char* find(const char* text, const char*) const { return std::strstr(text, sub); }
 
 private:
+    std::string terminated;
     const char* sub;
-    std::size_t size;
 };
 
 template<>
 class Finder<unsigned short>
 {
 public:
-    Finder(const unsigned short* wanted, std::size_t length) : sub(wanted), borders(length)
+    Finder(const unsigned short* wanted, std::size_t length) : sub(wanted), borders(length) // not copied
     {
         for (std::size_t i = 1; i < length; ++i)
             borders[i] = extend(borders[i - 1], sub[i]);
     }
 
+    /// The first place between `text` and `end`, or null.
     const unsigned short* find(const unsigned short* text, const unsigned short* end) const
     {
         std::size_t matched = 0;

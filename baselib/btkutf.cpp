@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 namespace {
 
@@ -47,16 +48,23 @@ Character decode(const char* text, std::size_t left)
     return {code, size};
 }
 
-/// How many bytes at the start are ASCII, looked at eight at a time: some at the end may be left out.
+/// How many bytes at the start are ASCII, looked at several at a time: some at the end may be left out.
 std::size_t asciiRun(const char* text, std::size_t length)
 {
+    const auto isAscii = [&](std::size_t begin, auto eights) {
+        std::uint64_t all = 0;
+        for (int i = 0; i < eights; ++i) {
+            std::uint64_t eight;
+            std::memcpy(&eight, text + begin + i * 8, 8);
+            all |= eight;
+        }
+        return (all & 0x8080808080808080u) == 0;
+    };
     std::size_t at = 0;
-    for (; at + 8 <= length; at += 8) {
-        std::uint64_t eight;
-        std::memcpy(&eight, text + at, 8);
-        if ((eight & 0x8080808080808080u) != 0)
-            break;
-    }
+    while (at + 64 <= length && isAscii(at, std::integral_constant<int, 8>()))
+        at += 64;
+    while (at + 8 <= length && isAscii(at, std::integral_constant<int, 1>()))
+        at += 8;
     return at;
 }
 
@@ -111,8 +119,10 @@ void btkMBToWC(const char* text, std::size_t length, unsigned short* wide)
     walk(
         text, length,
         [&](const char* run, std::size_t n) {
+            unsigned short* const units = wide;
             for (std::size_t i = 0; i < n; ++i)
-                *wide++ = static_cast<unsigned char>(run[i]);
+                units[i] = static_cast<unsigned char>(run[i]);
+            wide = units + n;
         },
         [&](const Character& c) {
             if (c.code > 0xFFFF) {

@@ -182,6 +182,8 @@ void xstring::Form<C>::append(xstring& s, const C* more, std::size_t size)
         create(s, more, size);
         return;
     }
+    if (s.buffer->AppendInPlace(more, size))
+        return;
     const C* const old = produce(s);
     const std::size_t oldSize = length(s);
     const bool isOwn = contains(s, more);

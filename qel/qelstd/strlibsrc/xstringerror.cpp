@@ -1,8 +1,8 @@
 #include "xstringerror_p.h"
 
-#include <qel/base/btkabort.h>
+#include <qel/qelexception.h>
 
 void qelThrowInvalidWide()
 {
-    QEL_ABORT("xstring::GetMBSize: invalid wide string");
+    qelXNativeException::Throw("xstring::GetMBSize: invalid wide string");
 }

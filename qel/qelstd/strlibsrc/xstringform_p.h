@@ -114,6 +114,7 @@ struct xstring::Form
     static xstring getWord(const xstring& s, int n, const C* delimiters);
     static int pos(const xstring& s, const C* sub);
     static bool match(const xstring& s, const C* pattern);
-    static bool equals(const xstring& s, const C* t);
+    static bool equals(const xstring& s, const C* t, std::size_t size);
+    static bool equalsText(const xstring& s, const C* t);
     static void substitute(xstring& s, const C* from, const C* to, int start, int count);
 };

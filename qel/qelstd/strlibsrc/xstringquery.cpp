@@ -210,26 +210,30 @@ void xstring::Substitute(const unsigned short* from, const unsigned short* to, i
 
 // ---- comparison
 
+/// Whether the text in this form, which may have to be produced, is the one given.
 template<typename C>
-bool xstring::Form<C>::equals(const xstring& s, const C* t)
+bool xstring::Form<C>::equals(const xstring& s, const C* t, std::size_t size)
+{
+    const C* const mine = tryProduce(s); // a wide text without multibyte form equals no multibyte text
+    return mine != nullptr && size == length(s) && std::memcmp(mine, t, size * sizeof(C)) == 0;
+}
+
+template<typename C>
+bool xstring::Form<C>::equalsText(const xstring& s, const C* t)
 {
     if (s.buffer == nullptr || !qelIsText(t))
         return s.buffer == nullptr && !qelIsText(t);
-    const C* const mine = tryProduce(s); // a wide text without multibyte form equals no multibyte text
-    if (mine == nullptr)
-        return false;
-    const std::size_t size = Strlen(t);
-    return size == length(s) && std::equal(t, t + size, mine);
+    return equals(s, t, Strlen(t));
 }
 
 bool operator==(const xstring& s, const char* t)
 {
-    return xstring::Form<char>::equals(s, t);
+    return xstring::Form<char>::equalsText(s, t);
 }
 
 bool operator==(const xstring& s, const unsigned short* t)
 {
-    return xstring::Form<unsigned short>::equals(s, t);
+    return xstring::Form<unsigned short>::equalsText(s, t);
 }
 
 bool operator==(const xstring& s, const xstring& t)
@@ -238,8 +242,10 @@ bool operator==(const xstring& s, const xstring& t)
         return true;
     if (s.buffer == nullptr || t.buffer == nullptr)
         return false;
+    const auto equal = [&]<typename C>(const C* text) {
+        return text != nullptr && xstring::Form<C>::equals(s, text, xstring::Form<C>::length(t));
+    };
     if (s.mb == nullptr && t.mb == nullptr)
-        return xstring::Form<unsigned short>::equals(s, xstring::Form<unsigned short>::produce(t));
-    const char* const other = xstring::Form<char>::tryProduce(t);
-    return other != nullptr && xstring::Form<char>::equals(s, other);
+        return equal(xstring::Form<unsigned short>::produce(t));
+    return equal(xstring::Form<char>::tryProduce(t));
 }

@@ -1,0 +1,201 @@
+#include <benchmark/benchmark.h>
+
+#include <string>
+
+#include <QByteArray>
+#include <QString>
+
+#include <qel/base/thrthreading.h>
+#include <qel/xstring.h>
+
+// Each operation once for all kinds of string: where they differ in how they spell it, `Ops` says how.
+
+namespace {
+
+constexpr char text11[] = "Hello, you!";
+const std::string text100(100, 'x');
+const std::string text1000 = [] {
+    std::string text;
+    while (text.size() < 1000)
+        text += "one two three; ";
+    return text;
+}();
+
+template<typename S>
+struct Ops;
+
+template<>
+struct Ops<xstring>
+{
+    static int find(const xstring& s, const char* sub) { return s.Pos(sub); }
+    static xstring upper(const xstring& s) { return s.ToUpper(); }
+    static void replace(xstring& s, const char* from, const char* to) { s.Substitute(from, to, 0, -1); }
+    static const void* wide(const char* text) { return xstring(text).CastToCWString(); }
+};
+
+template<typename Qt>
+struct QtOps
+{
+    static int find(const Qt& s, const char* sub) { return s.indexOf(sub); }
+    static Qt upper(const Qt& s) { return s.toUpper(); }
+    static void replace(Qt& s, const char* from, const char* to) { s.replace(from, to); }
+    static const void* wide(const char* text) { return QString::fromUtf8(text).constData(); }
+};
+
+template<>
+struct Ops<QString> : QtOps<QString>
+{
+    static int find(const QString& s, const char* sub) { return s.indexOf(QLatin1String(sub)); }
+    static void replace(QString& s, const char* from, const char* to)
+    {
+        s.replace(QLatin1String(from), QLatin1String(to));
+    }
+};
+
+template<>
+struct Ops<QByteArray> : QtOps<QByteArray>
+{
+};
+
+template<>
+struct Ops<std::string>
+{
+    static int find(const std::string& s, const char* sub) { return static_cast<int>(s.find(sub)); }
+};
+
+template<typename S>
+void makeFrom(benchmark::State& state, const char* text)
+{
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(text);
+        S s(text);
+        benchmark::DoNotOptimize(s);
+    }
+}
+
+template<typename S>
+void make11(benchmark::State& state)
+{
+    makeFrom<S>(state, text11);
+}
+
+template<typename S>
+void make100(benchmark::State& state)
+{
+    makeFrom<S>(state, text100.c_str());
+}
+
+template<typename S>
+void copy(benchmark::State& state)
+{
+    const S original(text100.c_str());
+    for (auto _ : state) {
+        S s(original);
+        benchmark::DoNotOptimize(s);
+    }
+}
+
+template<typename S>
+void copyThreaded(benchmark::State& state)
+{
+    s_bThreadingEnabled = true;
+    copy<S>(state);
+    s_bThreadingEnabled = false;
+}
+
+template<typename S>
+void append1MB(benchmark::State& state)
+{
+    for (auto _ : state) {
+        S s("");
+        for (int i = 0; i < 1 << 20; ++i)
+            s += 'x';
+        benchmark::DoNotOptimize(s);
+    }
+}
+
+template<typename S>
+void append100Words(benchmark::State& state)
+{
+    const char* text = text11;
+    for (auto _ : state) {
+        S s("");
+        for (int i = 0; i < 100; ++i) {
+            benchmark::DoNotOptimize(text);
+            s += text;
+        }
+        benchmark::DoNotOptimize(s);
+    }
+}
+
+template<typename S>
+void find(benchmark::State& state)
+{
+    const S s(text1000.c_str());
+    const char* sub = "four";
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(sub);
+        benchmark::DoNotOptimize(Ops<S>::find(s, sub));
+    }
+}
+
+template<typename S>
+void compare(benchmark::State& state)
+{
+    const S a(text1000.c_str());
+    const S b(text1000.c_str());
+    for (auto _ : state)
+        benchmark::DoNotOptimize(a == b);
+}
+
+template<typename S>
+void upper(benchmark::State& state)
+{
+    const S s(text1000.c_str());
+    for (auto _ : state)
+        benchmark::DoNotOptimize(Ops<S>::upper(s));
+}
+
+template<typename S>
+void substitute(benchmark::State& state)
+{
+    for (auto _ : state) {
+        S s(text1000.c_str());
+        Ops<S>::replace(s, "two", "fourteen");
+        benchmark::DoNotOptimize(s);
+    }
+}
+
+template<typename S>
+void makeWide(benchmark::State& state)
+{
+    const char* text = text1000.c_str();
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(text);
+        benchmark::DoNotOptimize(Ops<S>::wide(text));
+    }
+}
+
+#define STRING_BENCH(operation, type, who) BENCHMARK(operation<type>)->Name("string/" #operation "/" who);
+#define STRING_BENCH_QT(operation)              \
+    STRING_BENCH(operation, xstring, "qelstd")  \
+    STRING_BENCH(operation, QString, "QString") \
+    STRING_BENCH(operation, QByteArray, "QByteArray")
+#define STRING_BENCH_ALL(operation) \
+    STRING_BENCH_QT(operation)      \
+    STRING_BENCH(operation, std::string, "std::string")
+
+STRING_BENCH_ALL(make11)
+STRING_BENCH_ALL(make100)
+STRING_BENCH_ALL(copy)
+STRING_BENCH_ALL(copyThreaded)
+STRING_BENCH_ALL(append1MB)
+STRING_BENCH_ALL(append100Words)
+STRING_BENCH_ALL(find)
+STRING_BENCH_ALL(compare)
+STRING_BENCH_QT(upper)
+STRING_BENCH_QT(substitute)
+STRING_BENCH(makeWide, xstring, "qelstd")
+STRING_BENCH(makeWide, QString, "QString")
+
+} // namespace
