@@ -1,9 +1,24 @@
+#include <algorithm>
 #include <memory>
 #include <ostream>
 #include <string_view>
 #include <strstream>
 
 #include "xstringform_p.h"
+
+namespace {
+
+/// Keeps what a stream has collected where it is.
+struct Frozen
+{
+    explicit Frozen(std::strstreambuf* source) : held(source), text(source->str()) {}
+    ~Frozen() { held->freeze(false); }
+
+    std::strstreambuf* held;
+    const char* text; // null when nothing has been written to a stream without room
+};
+
+} // namespace
 
 xstring::xstring(std::strstream& stream)
 {
@@ -17,18 +32,11 @@ xstring& xstring::operator=(std::strstream& stream)
     const bool terminated = source->sputc(0) == 0;
     if (terminated)
         source->pubseekoff(-1, std::ios_base::cur, std::ios_base::out);
-    const char* const text = source->str(); // freezes
-    const std::size_t written = static_cast<std::size_t>(source->pcount());
-    try {
-        if (text == nullptr)
-            setEmpty();
-        else
-            Form<char>::create(*this, text, terminated ? Strlen(text) : strnlen(text, written));
-    } catch (...) {
-        source->freeze(false);
-        throw;
-    }
-    source->freeze(false);
+    const Frozen frozen(source);
+    // An array that is full has no terminator.
+    const char* const text = frozen.text;
+    const char* const end = terminated ? text + Strlen(text) : std::find(text, text + source->pcount(), 0);
+    Form<char>::create(*this, text, static_cast<std::size_t>(end - text));
     return *this;
 }
 
