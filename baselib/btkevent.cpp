@@ -53,19 +53,19 @@ bool btkBaseEvent::IsSignaled()
 
 bool btkEvent::IsSignaled()
 {
-    return base != nullptr && base->IsSignaled();
+    return baseEvent != nullptr && baseEvent->IsSignaled();
 }
 
 bool btkEvent::Prepare(pollfd& place) const
 {
     // The host passes over places with descriptor -1.
     place = {-1, 0, 0};
-    if (base == nullptr)
+    if (baseEvent == nullptr)
         return false;
-    const btkBaseEvent::State state = base->asks ? base->OnAsk() : btkBaseEvent::Ask;
-    place.events = static_cast<short>(base->events | (state == btkBaseEvent::Ask ? 0 : onMark));
+    const btkBaseEvent::State state = baseEvent->asks ? baseEvent->OnAsk() : btkBaseEvent::Ask;
+    place.events = static_cast<short>(baseEvent->events | (state == btkBaseEvent::Ask ? 0 : onMark));
     if (state != btkBaseEvent::On)
-        place.fd = base->handle;
+        place.fd = baseEvent->handle;
     return state == btkBaseEvent::On;
 }
 
@@ -73,7 +73,7 @@ bool btkEvent::Finish(const pollfd& place)
 {
     bool on = (place.events & onMark) != 0;
     if (!on && place.revents != 0)
-        on = !base->asks || base->OnPolled(place.revents);
+        on = !baseEvent->asks || baseEvent->OnPolled(place.revents);
     wasSignaled.store(on, std::memory_order_relaxed);
     return on;
 }

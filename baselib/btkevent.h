@@ -79,8 +79,8 @@ public:
     using List = std::vector<btkEvent*>;
 
     /// Takes ownership of `owned`. Null: an event that is never on.
-    explicit btkEvent(btkBaseEvent* owned) : base(owned) {}
-    virtual ~btkEvent() { delete base; }
+    explicit btkEvent(btkBaseEvent* owned) : baseEvent(owned) {}
+    virtual ~btkEvent() { delete baseEvent; }
     btkEvent(const btkEvent&) = delete;
     btkEvent& operator=(const btkEvent&) = delete;
 
@@ -100,7 +100,7 @@ private:
     /// Takes the result from its place.
     bool Finish(const pollfd& place);
 
-    btkBaseEvent* base;
+    btkBaseEvent* baseEvent;
     std::atomic<bool> wasSignaled = false;
 };
 

@@ -126,11 +126,12 @@ std::size_t btkWriteAt(btkHandle handle, const void* from, std::size_t size, lon
     });
 }
 
-btkFd btkOpenFile(const char* path, bool read, bool write)
+btkFd btkOpenFile(const char* path, int mode)
 {
-    const int mode = read && write ? O_RDWR : write ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY;
-    btkFd opened(
-        static_cast<int>(Retry(-1, 0, [&] { return open(path, mode | O_CLOEXEC | O_NOCTTY, 0666); })));
+    int flags = (mode & btkOpenWrite) == 0 ? O_RDONLY : (mode & btkOpenRead) == 0 ? O_WRONLY : O_RDWR;
+    flags |= ((mode & btkOpenCreate) != 0 ? O_CREAT : 0) | ((mode & btkOpenEmpty) != 0 ? O_TRUNC : 0);
+    flags |= O_CLOEXEC | O_NOCTTY;
+    btkFd opened(static_cast<int>(Retry(-1, 0, [&] { return open(path, flags, 0666); })));
     struct stat status;
     if (opened && fstat(opened.Get(), &status) == 0 && S_ISDIR(status.st_mode)) {
         opened.Reset();

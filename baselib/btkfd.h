@@ -53,10 +53,17 @@ BASE_API std::size_t btkWrite(btkHandle handle, const void* from, std::size_t si
 /// As btkWrite, at the byte offset `position`. For files only.
 BASE_API std::size_t btkWriteAt(btkHandle handle, const void* from, std::size_t size, long long position);
 
-/// Opens the file `path` (as the host names it): reading an existing file; writing a new or emptied one;
-/// reading and writing an existing one as it is. The result owns nothing when that fails, and when `path` is
-/// a directory; the reason is in errno.
-BASE_API btkFd btkOpenFile(const char* path, bool read, bool write);
+/// What btkOpenFile may do, as bits.
+enum btkOpenMode {
+    btkOpenRead = 1,
+    btkOpenWrite = 2,
+    btkOpenCreate = 4, // a file that does not exist is made
+    btkOpenEmpty = 8   // what an existing one holds is dropped
+};
+
+/// Opens the file `path`, as the host names it, with bits of btkOpenMode. The result owns nothing when that
+/// fails, and when `path` is a directory; the reason is in errno.
+BASE_API btkFd btkOpenFile(const char* path, int mode);
 /// The size of a file in bytes as it is now, -1 when it has none.
 BASE_API long long btkGetFileSize(btkHandle handle);
 /// Whether the descriptor has positions: files do, pipes, sockets and terminals do not.

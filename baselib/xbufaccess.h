@@ -26,6 +26,12 @@ public:
     /// Writes the `size` bytes that now stand in the room that Reserve gave.
     static void Commit(std::streambuf& buffer, int size) { (buffer.*&xbufaccess::pbump)(size); }
 
+    /// Takes the unread bytes before `place`, which lies in the get area.
+    static void Advance(std::streambuf& buffer, const char* place)
+    {
+        (buffer.*&xbufaccess::setg)((buffer.*&xbufaccess::eback)(), const_cast<char*>(place),
+                                    (buffer.*&xbufaccess::egptr)());
+    }
     /// The unread bytes of the get area: from Next to End.
     static const char* Next(const std::streambuf& buffer) { return (buffer.*&xbufaccess::gptr)(); }
     static const char* End(const std::streambuf& buffer) { return (buffer.*&xbufaccess::egptr)(); }

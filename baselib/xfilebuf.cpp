@@ -14,7 +14,7 @@ constexpr std::size_t readAheadGrowth = 4;
 
 xfilebuf* xfilebuf::Open(const char* path, Mode mode)
 {
-    btkFd opened = btkOpenFile(path, (mode & Read) != 0, (mode & Write) != 0);
+    btkFd opened = btkOpenFile(path, mode == Write ? btkOpenWrite | btkOpenCreate | btkOpenEmpty : int(mode));
     return opened ? new xfilebuf(std::move(opened), mode) : nullptr;
 }
 

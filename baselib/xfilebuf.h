@@ -11,9 +11,9 @@ class BASE_API xfilebuf : public xinputbuf
 {
 public:
     enum Mode {
-        Read = 1,     // an existing file
-        Write = 2,    // a new file; an existing one is emptied
-        ReadWrite = 3 // an existing file, with its content
+        Read = btkOpenRead,      // an existing file
+        Write = btkOpenWrite,    // a new file; an existing one is emptied
+        ReadWrite = Read | Write // an existing file, with its content
     };
 
     /// Opens `path`, as the host names it. Null when that fails; the reason is in errno. The caller owns the

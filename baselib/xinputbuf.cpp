@@ -102,13 +102,14 @@ bool xinputbuf::OnTryUnderflow()
         return false;
     // One view takes what was there when it first ran out, so that a source which never pauses does not keep
     // it for ever; in parts, so that a value which is found complete or wrong early leaves the rest in the
-    // source.
+    // source. Nothing pending in a source that answers is its end, which is to be seen at any time.
     if (filled == 0)
-        allowed = pending > 0 ? pending : usualSize;
-    const std::size_t held = Held();
-    const std::size_t part = std::min(allowed - filled, std::max(held, usualSize));
-    if (part == 0)
+        allowed = pending;
+    const std::size_t limit = pending > 0 ? allowed : allowed + usualSize;
+    if (filled >= limit)
         return false;
+    const std::size_t held = Held();
+    const std::size_t part = std::min(limit - filled, std::max(held, usualSize));
     MakeRoom(part);
     const std::size_t count = ReadInto(gptr() + held, part);
     setg(eback(), gptr(), gptr() + held + count);

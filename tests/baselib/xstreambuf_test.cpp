@@ -148,10 +148,11 @@ TEST_F(PipeBuffers, LendsWhatHasArrivedAndTellsAPauseFromTheEnd)
     EXPECT_EQ(Try(*input, 5), "abcd");
     EXPECT_FALSE(input->IsEofReached());
 
+    Put(*output, "e");
     output.reset();
-    EXPECT_EQ(Try(*input, 5), "abcd");
+    EXPECT_EQ(Try(*input, 6), "abcde"); // the view that takes the last byte sees the end as well
     EXPECT_TRUE(input->IsEofReached());
-    EXPECT_EQ(Take(*input, 9), "abcd");
+    EXPECT_EQ(Take(*input, 9), "abcde");
 }
 
 TEST_F(PipeBuffers, GrowsForAValueLargerThanThePipe)
