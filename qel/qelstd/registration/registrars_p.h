@@ -12,5 +12,7 @@
 QEL_REGISTRAR(qeljava);
 QEL_REGISTRAR(qellib);
 QEL_REGISTRAR(stdcols);
+QEL_REGISTRAR(eventlib);
+QEL_REGISTRAR(iolib);
 QEL_REGISTRAR(buildintypes);
 QEL_REGISTRAR(xrtti);

@@ -8,6 +8,8 @@ namespace {
 const qelRttiRegister_qeljava qeljava;
 const qelRttiRegister_qellib qellib;
 const qelRttiRegister_stdcols stdcols;
+const qelRttiRegister_eventlib eventlib;
+const qelRttiRegister_iolib iolib;
 const qelRttiRegister_buildintypes buildintypes;
 const qelRttiRegister_xrtti xrtti;
 

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <qel/evtevent.h>
+#include <qel/xsequence.h>
+
+/// Events to be waited for together, as plain pointers: the array owns none of them. Not counted: freed with
+/// xdelete.
+class QEL_API evtEventArray : public xtssequence<evtEvent*>
+{
+    QEL_OBJECT(evtEventArray); // "eventlib::EventArray"
+
+public:
+    evtEventArray() : xtssequence({false, 256}) {}
+    static evtEventArray* create() { return new (pDefMemMgr) evtEventArray; }
+};

@@ -1,0 +1,353 @@
+#include <charconv>
+#include <climits>
+#include <string>
+
+#include "ioserializer.h"
+#include "iotext_p.h"
+
+// What a default standard stream in the classic locale writes and accepts, without the making of one for each
+// value. A value is read right in the get area when it ends there, else byte by byte through the buffer's own
+// operations.
+
+namespace {
+
+constexpr int end = std::char_traits<char>::eof();
+
+bool IsSpace(int c)
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+bool IsDigit(int c)
+{
+    return c >= '0' && c <= '9';
+}
+
+// The unread bytes of a get area. Peek answers the end behind the last one, though more may follow in the
+// source.
+class AreaCursor
+{
+public:
+    explicit AreaCursor(const std::streambuf& sb) : next(xbufaccess::Next(sb)), limit(xbufaccess::End(sb)) {}
+
+    int Peek() const { return next == limit ? end : static_cast<unsigned char>(*next); }
+    int Next()
+    {
+        ++next;
+        return Peek();
+    }
+    bool IsAtEnd() const { return next == limit; }
+    const char* Place() const { return next; }
+
+private:
+    const char* next;
+    const char* limit;
+};
+
+// The input of a buffer; what has been passed is consumed.
+class BufferCursor
+{
+public:
+    explicit BufferCursor(std::streambuf& buffer) : sb(buffer) {}
+
+    int Peek() { return sb.sgetc(); }
+    int Next() { return sb.snextc(); }
+
+private:
+    std::streambuf& sb;
+};
+
+template<class Cursor>
+int SkipSpace(Cursor& input)
+{
+    int c = input.Peek();
+    while (IsSpace(c))
+        c = input.Next();
+    return c;
+}
+
+// What a conversion found, beside its value: `failed` as a stream sets its failure bit, `ended` when the
+// input ended.
+ioTryCode CodeOf(bool failed, bool ended)
+{
+    return !failed ? ioSuccess : ended ? ioEndOfFile : ioFormatError;
+}
+
+template<class Cursor>
+ioTryCode ReadInt(int& value, Cursor& input)
+{
+    int c = SkipSpace(input);
+    const bool negative = c == '-';
+    if (c == '-' || c == '+')
+        c = input.Next();
+    bool failed = !IsDigit(c);
+    // All digits belong to the number, fitting or not.
+    const unsigned limit = negative ? 1u + INT_MAX : INT_MAX;
+    unsigned number = 0;
+    for (; IsDigit(c); c = input.Next()) {
+        const unsigned digit = static_cast<unsigned>(c - '0');
+        failed |= number > (limit - digit) / 10;
+        number = number * 10 + digit;
+    }
+    if (!failed)
+        value = static_cast<int>(negative ? 0u - number : number);
+    return CodeOf(failed, c == end);
+}
+
+// Passes over what a stream takes for a real, and calls `keep(c)` for its characters: a sign, digits with one
+// point, an exponent. Leading zeros are kept once. Whether it is a number is not known yet.
+template<class Cursor, class Keep>
+int ScanReal(Cursor& input, Keep keep)
+{
+    int c = SkipSpace(input);
+    auto take = [&] {
+        keep(static_cast<char>(c));
+        c = input.Next();
+    };
+    if (c == '-' || c == '+')
+        take();
+    bool mantissa = c == '0';
+    if (mantissa) {
+        take();
+        while (c == '0')
+            c = input.Next();
+    }
+    for (bool point = false, exponent = false;;) {
+        if (IsDigit(c)) {
+            mantissa = true;
+            take();
+        } else if (c == '.' && !point && !exponent) {
+            point = true;
+            take();
+        } else if ((c == 'e' || c == 'E') && !exponent && mantissa) {
+            exponent = true;
+            take();
+            if (c == '-' || c == '+')
+                take();
+        } else {
+            return c;
+        }
+    }
+}
+
+// Whether a number that no double can represent, from `text` on, is too small and not too large.
+bool IsTooSmall(const char* text, const char* const stop)
+{
+    // The place of the first digit that counts, relative to the point, plus the exponent.
+    long long place = 0;
+    bool found = false, point = false;
+    for (; text < stop && *text != 'e' && *text != 'E'; ++text) {
+        if (*text == '.')
+            point = true;
+        else if (IsDigit(*text)) {
+            found |= *text != '0';
+            place += point ? (found ? 0 : -1) : (found ? 1 : 0);
+        }
+    }
+    if (text == stop)
+        return place <= 0;
+    ++text;
+    const bool negative = text < stop && *text == '-';
+    long long exponent = 0;
+    for (; text < stop; ++text) {
+        if (IsDigit(*text) && exponent < LLONG_MAX / 100)
+            exponent = exponent * 10 + (*text - '0');
+    }
+    return place + (negative ? -exponent : exponent) <= 0;
+}
+
+// Converts the text of a real. False when it is no number, or too large.
+bool ConvertReal(double& value, const char* text, const char* stop)
+{
+    if (text < stop && *text == '+')
+        ++text;
+    double number = 0;
+    const auto [read, error] = std::from_chars(text, stop, number);
+    if (error == std::errc::invalid_argument || read != stop)
+        return false;
+    if (error == std::errc::result_out_of_range) {
+        if (!IsTooSmall(text, stop))
+            return false;
+        number = *text == '-' ? -0.0 : 0.0;
+    }
+    value = number;
+    return true;
+}
+
+ioTryCode ReadReal(double& value, std::streambuf& sb)
+{
+    AreaCursor area(sb);
+    SkipSpace(area);
+    const char* const start = area.Place();
+    ScanReal(area, [](char) {});
+    if (!area.IsAtEnd()) {
+        const bool converted = ConvertReal(value, start, area.Place());
+        xbufaccess::Advance(sb, area.Place());
+        return CodeOf(!converted, false);
+    }
+    std::string text;
+    BufferCursor input(sb);
+    const int c = ScanReal(input, [&](char kept) { text += kept; });
+    return CodeOf(!ConvertReal(value, text.data(), text.data() + text.size()), c == end);
+}
+
+// The text of a value, in memory of its own.
+class Text
+{
+public:
+    explicit Text(int v) : stop(std::to_chars(bytes, bytes + sizeof bytes, v).ptr) {}
+    explicit Text(double d)
+        : stop(std::to_chars(bytes, bytes + sizeof bytes, d, std::chars_format::general, 6).ptr)
+    {
+    }
+
+    std::size_t Size() const { return static_cast<std::size_t>(stop - bytes); }
+    ioTryCode Put(std::streambuf& sb) const { return ioPut(sb, bytes, Size()); }
+
+private:
+    char bytes[32];
+    const char* stop;
+};
+
+// Reads up to `delimiter` or the end. Nothing is consumed but what goes into the string.
+ioTryCode ReadUpTo(char delimiter, xstring& s, std::streambuf& sb)
+{
+    std::string text; // parts that reached to the end of the get area
+    while (sb.sgetc() != end) {
+        const char* const next = xbufaccess::Next(sb);
+        const std::size_t held = static_cast<std::size_t>(xbufaccess::End(sb) - next);
+        if (held == 0) {
+            // A buffer without a get area.
+            const int c = sb.sgetc();
+            if (c == static_cast<unsigned char>(delimiter))
+                break;
+            text += static_cast<char>(c);
+            sb.sbumpc();
+            continue;
+        }
+        const char* const found = static_cast<const char*>(std::memchr(next, delimiter, held));
+        const std::size_t size = found == nullptr ? held : static_cast<std::size_t>(found - next);
+        if (found != nullptr && text.empty()) {
+            if (size == 0)
+                return ioFormatError;
+            s = ioMakeString(next, size);
+            xbufaccess::Advance(sb, found);
+            return ioSuccess;
+        }
+        text.append(next, size);
+        xbufaccess::Advance(sb, next + size);
+        if (found != nullptr)
+            break;
+    }
+    if (text.empty())
+        return sb.sgetc() == end ? ioEndOfFile : ioFormatError;
+    s = ioMakeString(text.data(), text.size());
+    return ioSuccess;
+}
+
+} // namespace
+
+// ---- bytes and bools
+
+ioTryCode ioAsciiSerializer::RdByte(char& c, std::streambuf* sb)
+{
+    BufferCursor input(*sb);
+    if (SkipSpace(input) == end)
+        return ioEndOfFile;
+    c = static_cast<char>(sb->sbumpc());
+    return ioSuccess;
+}
+
+ioTryCode ioAsciiSerializer::WrByte(char c, std::streambuf* sb)
+{
+    return ioByteSerializer::WrByte(c, sb);
+}
+
+int ioAsciiSerializer::SzByte(char)
+{
+    return 1;
+}
+
+ioTryCode ioAsciiSerializer::RdBool(unsigned char& b, std::streambuf* sb)
+{
+    char c = 0;
+    if (const ioTryCode code = RdByte(c, sb); code != ioSuccess)
+        return code;
+    if (c != 'T' && c != 'F')
+        return ioFormatError;
+    b = c == 'T';
+    return ioSuccess;
+}
+
+ioTryCode ioAsciiSerializer::WrBool(unsigned char b, std::streambuf* sb)
+{
+    return ioByteSerializer::WrByte(b != 0 ? 'T' : 'F', sb);
+}
+
+int ioAsciiSerializer::SzBool(unsigned char)
+{
+    return 1;
+}
+
+// ---- numbers
+
+ioTryCode ioAsciiSerializer::RdInt(int& v, std::streambuf* sb)
+{
+    AreaCursor area(*sb);
+    int number = 0;
+    const ioTryCode code = ReadInt(number, area);
+    if (!area.IsAtEnd()) {
+        if (code == ioSuccess)
+            v = number;
+        xbufaccess::Advance(*sb, area.Place());
+        return code;
+    }
+    BufferCursor input(*sb);
+    return ReadInt(v, input);
+}
+
+ioTryCode ioAsciiSerializer::WrInt(int v, std::streambuf* sb)
+{
+    return Text(v).Put(*sb);
+}
+
+int ioAsciiSerializer::SzInt(int v)
+{
+    return static_cast<int>(Text(v).Size());
+}
+
+ioTryCode ioAsciiSerializer::RdReal(double& d, std::streambuf* sb)
+{
+    return ReadReal(d, *sb);
+}
+
+ioTryCode ioAsciiSerializer::WrReal(double d, std::streambuf* sb)
+{
+    return Text(d).Put(*sb);
+}
+
+int ioAsciiSerializer::SzReal(double d)
+{
+    return static_cast<int>(Text(d).Size());
+}
+
+// ---- strings
+
+ioTryCode ioAsciiSerializer::RdString(xstring& s, std::streambuf* sb, const char* delims)
+{
+    const char delimiter = qelIsObject(delims) && *delims != '\0' ? *delims : '\n';
+    BufferCursor input(*sb);
+    return SkipSpace(input) == end ? ioEndOfFile : ReadUpTo(delimiter, s, *sb);
+}
+
+ioTryCode ioAsciiSerializer::WrString(const char* s, std::streambuf* sb)
+{
+    const std::size_t length = ioTextLength(s);
+    return length < 1 ? ioSuccess : ioPut(*sb, s, length);
+}
+
+int ioAsciiSerializer::SzString(const char* s)
+{
+    const std::size_t length = ioTextLength(s);
+    return length > INT_MAX ? xnullint : static_cast<int>(length);
+}

@@ -1,0 +1,271 @@
+#pragma once
+
+#include <iosfwd>
+#include <memory>
+
+#include <qel/base/btkfd.h>
+#include <qel/evtevent.h>
+#include <qel/ioserializer.h>
+#include <qel/xstring.h>
+
+class ioEvent;
+class xstreambuf;
+
+enum ioError : int {
+    ioStreamState,
+    ioInputNotAllowed,
+    ioOutputNotAllowed,
+    ioIncompatibleFormat,
+    ioImproperFunction,
+    ioUnsupportedFunction
+};
+QEL_ENUM(ioError); // "iolib::Error"
+
+enum ioEventType : int { ioInputPending, ioOutputPending };
+QEL_ENUM(ioEventType); // "iolib::EventType"
+
+/// A stream of typed values: bytes, ints, bools, reals and strings, in the byte form of its serializer. Two
+/// families of operations: Read... and Write... block, and throw ioXStream for every failure; Try... never
+/// block, change nothing and answer whether the value could be transferred now, so that an event loop can
+/// wait for the stream's events when not.
+///
+/// While the state is not good (the end was read, a conversion failed, ...) every transfer throws
+/// ioStreamState; setIsFail(false) makes it good again. A closed stream throws ioStreamState from everything
+/// but Close, Flush(true) and the attributes that read its fields. Used by one thread at a time. Not counted:
+/// freed with xdelete.
+///
+/// A concrete stream brings its buffer, and its destructor calls Close.
+class QEL_API ioStream : public virtual xobject
+{
+    QEL_OBJECT(ioStream); // "iolib::Stream"
+
+public:
+    ioStream(const ioStream&) = delete;
+    ioStream& operator=(const ioStream&) = delete;
+    ~ioStream() override;
+
+    // ---- try operations; ioNotSupported when the stream cannot tell
+
+    ioTryCode TryReadByte();
+    ioTryCode TryReadInt();
+    ioTryCode TryReadBool();
+    ioTryCode TryReadReal();
+    ioTryCode TryReadString(const char* delims);
+    /// These send nothing: they test whether the value would be taken without blocking.
+    ioTryCode TryWriteByte(int byte);
+    ioTryCode TryWriteInt(int v);
+    ioTryCode TryWriteBool(unsigned char b);
+    ioTryCode TryWriteReal(double d);
+    ioTryCode TryWriteString(const char* s);
+    /// The number of bytes that can be read without blocking; 0 also at the end.
+    unsigned int PeekNBytes();
+    /// A new event for data to read, or for room to write; null when the stream has none. The caller owns it;
+    /// it may outlive the stream, and is signaled then.
+    ioEvent* InputEvent();
+    ioEvent* OutputEvent();
+
+    // ---- blocking operations
+
+    /// The byte as a signed value.
+    int ReadByte();
+    int ReadInt();
+    unsigned char ReadBool();
+    double ReadReal();
+    /// `delims`: what ends a string in the ASCII form (its first character; none given: the line feed).
+    xstring ReadString(const char* delims);
+    void WriteByte(int byte);
+    void WriteInt(int v);
+    void WriteBool(unsigned char b);
+    void WriteReal(double d);
+    /// Null and the reserved pointers write the empty text.
+    void WriteString(const char* s);
+    /// Raw bytes. Answers how many were read: `n`, or fewer before the end of the data.
+    unsigned int ReadBytes(void* p, unsigned int n);
+    void WriteBytes(const void* p, unsigned int n);
+    /// Copies all that remains in `src` into this stream, or in this stream into `dst`.
+    void ReadStream(ioStream* src);
+    void WriteStream(ioStream* dst);
+    /// Brings what is buffered to its destination. Answers null. Only `blocking` flushes are supported.
+    ioEvent* Flush(unsigned char blocking);
+
+    // ---- sizes: the number of bytes that a value takes in the stream's form
+
+    int SizeOfByte(int byte);
+    int SizeOf(int v);
+    int SizeOf(unsigned char b);
+    int SizeOf(double d);
+    int SizeOf(const char* s);
+
+    // ---- state and settings
+
+    /// Closes the stream for good. Closing twice does nothing.
+    void Close();
+    ioSerializer* getSerializer() { return serializer; }
+    /// @throws ioXStream  ioImproperFunction once something has been transferred
+    void setSerializer(ioSerializer* s);
+    unsigned char getIsOpen() { return isOpen; }
+    unsigned char getCanRead() { return canRead; }
+    unsigned char getCanWrite() { return canWrite; }
+    /// Seconds, or INFINITE. The blocking operations work without limit only.
+    double getITimeout() { return iTimeout; }
+    double getOTimeout() { return oTimeout; }
+    void setITimeout(double seconds);
+    void setOTimeout(double seconds);
+    unsigned char getIsEof() { return (state & stateEof) != 0; }
+    unsigned char getIsFail() { return (state & stateFail) != 0; }
+    unsigned char getIsBad() { return (state & stateBad) != 0; }
+    unsigned char getIsGood() { return state == 0; }
+    unsigned char getIsTimeout() { return (state & stateTimeout) != 0; }
+    unsigned char getIsDataLost() { return (state & stateDataLost) != 0; }
+    /// True adds the failure to the state; false makes the whole state good.
+    void setIsFail(unsigned char fail);
+    void setIsBad(unsigned char bad);
+    /// Not supported: each throws ioUnsupportedFunction.
+    unsigned char getIsBuffered();
+    int getBufferSize();
+    void setBufferSize(int size);
+    unsigned char getWouldDataLost();
+    void Ignore();
+
+    // ---- the standard streams, made on first call, in ASCII form; not to be freed
+
+    static ioStream* getStdin();
+    static ioStream* getStdout();
+    static ioStream* getStderr();
+    /// Not supported: each ends the process with the fatal report.
+    static void setStdin(ioStream* stream);
+    static void setStdout(ioStream* stream);
+    static void setStderr(ioStream* stream);
+
+protected:
+    /// The bits of the state.
+    enum State {
+        stateEof = 0x01,
+        stateFail = 0x02, // a conversion failed
+        stateBad = 0x04,  // an I/O error
+        stateTimeout = 0x08,
+        stateDataLost = 0x10
+    };
+
+    /// `buffer` stays the concrete stream's own, which destroys it in OnClose.
+    ioStream(ioSerializer* form, xstreambuf* buffer, bool writable, bool readable);
+
+    /// Adds to the state and throws ioStreamState.
+    [[noreturn]] void ThrowState(int bits);
+    [[noreturn]] void Throw(ioError error, const char* msg = "");
+    /// A new event over `event`, of which it takes ownership.
+    ioEvent* CreateEvent(btkBaseEvent* event, ioEventType type);
+
+    // The guards: the open check, and what comes before reading and writing.
+    void CheckOpen()
+    {
+        if (!isOpen)
+            Throw(ioStreamState);
+    }
+    void CheckReadable()
+    {
+        if (!isOpen || state != 0 || !canRead)
+            ThrowGuard(ioInputNotAllowed);
+    }
+    void CheckWritable()
+    {
+        if (!isOpen || state != 0 || !canWrite)
+            ThrowGuard(ioOutputNotAllowed);
+    }
+
+    /// The limits for streams that wait with one; meaningless while the timeout is INFINITE.
+    btkTimeval GetITimeval() const { return iTimeval; }
+    btkTimeval GetOTimeval() const { return oTimeval; }
+    void ClearEofBit() { state &= ~stateEof; }
+
+private:
+    friend class ioXStream;
+    friend class ioEvent;
+    friend class pcProcess; // gives the inheritable handle to a child
+    friend QEL_API void CopyStream(ioStream* to, ioStream* from);
+
+    /// Releases what the concrete stream holds, its buffer at least. Called once.
+    virtual void OnClose() = 0;
+    /// The descriptor that a child process may inherit; -1: none. It stays the stream's.
+    virtual btkHandle GetInheritHandle();
+    virtual void SetTextMode();
+    virtual void SetBinaryMode();
+
+    [[noreturn]] void ThrowGuard(ioError denied);
+    void CheckTryCode(ioTryCode code)
+    {
+        if (code > ioWouldBlock)
+            ThrowTryCode(code);
+    }
+    [[noreturn]] void ThrowTryCode(ioTryCode code);
+    const char* StateText() const;
+    template<class Transfer>
+    ioTryCode TryRead(Transfer transfer);
+    template<class Transfer>
+    ioTryCode TryWrite(Transfer transfer);
+    void BeginRead();
+    void BeginWrite();
+    void SetActive() { active = true; }
+    const std::shared_ptr<ioStream*>& GetLink();
+
+    ioSerializer* serializer = nullptr; // shared
+    xstreambuf* streamBuf;
+    std::streambuf* direct; // the same, as the serializers see it
+    bool active = false;    // something has been transferred
+    bool isOpen = true;
+    bool canRead;
+    bool canWrite;
+    double iTimeout = INFINITE;
+    btkTimeval iTimeval;
+    double oTimeout = INFINITE;
+    btkTimeval oTimeval;
+    int state = 0;
+    std::shared_ptr<ioStream*> link; // shared with events and exceptions; holds null once this stream is gone
+};
+
+/// Copies all that remains in `from`, byte by byte as it is, into `to`. Nothing is flushed.
+/// @throws ioXStream  of `from`: it cannot be read, or has another serializer; of `to`: it cannot be written
+QEL_API void CopyStream(ioStream* to, ioStream* from);
+
+/// A failure of a stream. Thrown as an `xthrowable*`; not counted: the catcher frees it with xdelete. It may
+/// outlive its stream.
+class QEL_API ioXStream : public virtual xthrowable
+{
+    QEL_OBJECT(ioXStream); // "iolib::XStream"
+
+public:
+    /// `msg` names the function, where the error is about one. The text is that of the stream's state now.
+    ioXStream(ioStream* stream, ioError error, const char* msg);
+    ~ioXStream() override;
+    [[noreturn]] static void Throw(ioStream* stream, ioError error, const char* msg);
+
+    /// The stream that failed, or null when it is gone.
+    ioStream* getStream();
+    ioError getError() { return error; }
+    /// "Stream Error (iolib): " and what happened.
+    xstring getMsg();
+
+private:
+    std::shared_ptr<ioStream*> stream;
+    ioError error;
+    xstring text;
+};
+
+/// An event of a stream.
+class QEL_API ioEvent : public evtEvent
+{
+    QEL_OBJECT(ioEvent); // "iolib::Event"
+
+public:
+    /// The stream, or null when it is gone.
+    ioStream* getStream();
+    ioEventType getType() { return type; }
+
+private:
+    friend class ioStream;
+
+    ioEvent(ioStream* owner, ioEventType kind, btkBaseEvent* base);
+
+    std::shared_ptr<ioStream*> stream;
+    ioEventType type;
+};

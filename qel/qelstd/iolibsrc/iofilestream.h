@@ -1,0 +1,54 @@
+#pragma once
+
+#include <qel/base/btkfd.h>
+#include <qel/iobasestream.h>
+
+class xfilebuf;
+
+enum ioOpenMode : int { ioReadOnly, ioWriteOnly, ioReadWrite };
+QEL_ENUM(ioOpenMode); // "iolib::OpenMode"
+
+/// Note the order: the end comes before the current position.
+enum ioDirection : int { ioBegin, ioEnd, ioCur };
+QEL_ENUM(ioDirection); // "iolib::Direction"
+
+/// A stream over a file, with one position for reading and writing. ASCII form unless set otherwise.
+class QEL_API ioFileStream : public ioStream
+{
+    QEL_OBJECT(ioFileStream); // "iolib::FileStream"
+
+public:
+    /// Opens `path`, in native or remote form: ioReadOnly an existing file; ioWriteOnly a new one, or an
+    /// existing one that is emptied; ioReadWrite, and any other value, an existing one with its content. Null
+    /// when it cannot be opened.
+    static ioFileStream* Open(const char* path, ioOpenMode mode);
+    /// The same; `flag` has no meaning.
+    static ioFileStream* Create(const char* path, ioOpenMode mode, unsigned char flag);
+    ~ioFileStream() override;
+
+    /// Moves the position, in bytes, and ends the state of end of file. What is read afterwards is what the
+    /// file holds then.
+    /// @throws ioXStream  there is no such position, or what was written before cannot be brought to the
+    /// file; the
+    ///                    position stays
+    void SeekOff(int offset, ioDirection dir);
+    /// The position in bytes; xnullint when there is none or an int cannot hold it.
+    int TellPos();
+    /// The size of the file in bytes as it is now, with what other processes have appended and what was
+    /// written here; xnullint when there is none or an int cannot hold it.
+    int TellSize();
+    /// Truncates nothing in this version. Brings what was written to the file.
+    void Truncate(int size);
+    /// The path as it was given.
+    xstring getPath();
+
+private:
+    ioFileStream(xfilebuf* opened, const char* name, bool writable, bool readable);
+
+    void OnClose() override;
+    btkHandle GetInheritHandle() override;
+
+    xfilebuf* fileBuf;
+    xstring path;
+    btkFd inheritHandle; // of its own, opened when it is first asked for
+};

@@ -1,0 +1,146 @@
+#pragma once
+
+#include <iosfwd>
+
+#include <qel/xobject.h>
+
+class xstring;
+
+/// What a transfer that may not throw answers.
+enum ioTryCode : int { ioSuccess, ioWouldBlock, ioEndOfFile, ioIOError, ioFormatError, ioNotSupported };
+QEL_ENUM(ioTryCode); // "iolib::TryCode"
+
+/// The byte form of the values that a stream carries. Three forms exist, each as one shared object without
+/// state, which lives as long as the process and may be used by any number of threads. No form marks kinds or
+/// separates values: reader and writer agree on the sequence of kinds. Values pass unchanged, reserved ones
+/// too.
+///
+/// The operations are called by streams. They answer codes and throw nothing but std::bad_alloc; a read that
+/// meets the end of the data within a value has consumed what it read.
+class QEL_API ioSerializer : public virtual xobject
+{
+    QEL_OBJECT(ioSerializer); // "iolib::Serializer", not counted
+
+public:
+    /// Text: decimal numbers, "T" and "F". Reading skips white space first.
+    static ioSerializer* getAscii();
+    /// The host's own representation.
+    static ioSerializer* getBinary();
+    /// Big-endian. The one for files and connections that other machines read.
+    static ioSerializer* getXDR();
+
+protected:
+    explicit ioSerializer(int binary) : isBinary(binary) {}
+
+    /// The number of bytes read, less than `n` only at the end of the data.
+    virtual unsigned int RdBytes(void* p, unsigned int n, std::streambuf* sb) = 0;
+    virtual ioTryCode WrBytes(const void* p, unsigned int n, std::streambuf* sb) = 0;
+    virtual ioTryCode RdByte(char& c, std::streambuf* sb) = 0;
+    virtual ioTryCode WrByte(char c, std::streambuf* sb) = 0;
+    /// Each Sz answers the number of bytes that the value takes; xnullint when an int cannot hold that.
+    virtual int SzByte(char c) = 0;
+    virtual ioTryCode RdInt(int& v, std::streambuf* sb) = 0;
+    virtual ioTryCode WrInt(int v, std::streambuf* sb) = 0;
+    virtual int SzInt(int v) = 0;
+    virtual ioTryCode RdBool(unsigned char& b, std::streambuf* sb) = 0;
+    virtual ioTryCode WrBool(unsigned char b, std::streambuf* sb) = 0;
+    virtual int SzBool(unsigned char b) = 0;
+    virtual ioTryCode RdReal(double& d, std::streambuf* sb) = 0;
+    virtual ioTryCode WrReal(double d, std::streambuf* sb) = 0;
+    virtual int SzReal(double d) = 0;
+    /// `s` is unchanged unless the answer is ioSuccess. A string ends at its first zero; what was sent behind
+    /// one is consumed.
+    virtual ioTryCode RdString(xstring& s, std::streambuf* sb, const char* delims) = 0;
+    /// Null and the reserved pointers write the empty text.
+    virtual ioTryCode WrString(const char* s, std::streambuf* sb) = 0;
+    virtual int SzString(const char* s) = 0;
+
+private:
+    friend class ioStream;
+
+    int isBinary; // 0: text
+};
+
+/// Raw bytes, and strings as an int with the number of bytes, in the form's own representation, followed by
+/// the bytes.
+class QEL_API ioByteSerializer : public ioSerializer
+{
+protected:
+    using ioSerializer::ioSerializer;
+
+    unsigned int RdBytes(void* p, unsigned int n, std::streambuf* sb) override;
+    ioTryCode WrBytes(const void* p, unsigned int n, std::streambuf* sb) override;
+    ioTryCode RdByte(char& c, std::streambuf* sb) override;
+    ioTryCode WrByte(char c, std::streambuf* sb) override;
+    int SzByte(char c) override;
+    /// A length that is negative is a format error. No more memory is taken than in proportion to what
+    /// arrives.
+    ioTryCode RdString(xstring& s, std::streambuf* sb, const char* delims) override;
+    /// A text that is too long for its length to be an int is a format error; nothing is written.
+    ioTryCode WrString(const char* s, std::streambuf* sb) override;
+    int SzString(const char* s) override;
+};
+
+/// The text form. What a default standard stream would write and accept, in the classic locale. The real's
+/// text has six significant digits. A number that ends with the input counts as read.
+class QEL_API ioAsciiSerializer : public ioByteSerializer
+{
+public:
+    ioAsciiSerializer() : ioByteSerializer(0) {}
+
+protected:
+    ioTryCode RdByte(char& c, std::streambuf* sb) override;
+    ioTryCode WrByte(char c, std::streambuf* sb) override;
+    int SzByte(char c) override;
+    ioTryCode RdInt(int& v, std::streambuf* sb) override;
+    ioTryCode WrInt(int v, std::streambuf* sb) override;
+    int SzInt(int v) override;
+    ioTryCode RdBool(unsigned char& b, std::streambuf* sb) override;
+    ioTryCode WrBool(unsigned char b, std::streambuf* sb) override;
+    int SzBool(unsigned char b) override;
+    ioTryCode RdReal(double& d, std::streambuf* sb) override;
+    ioTryCode WrReal(double d, std::streambuf* sb) override;
+    int SzReal(double d) override;
+    /// Reads up to the first character of `delims`, or the line feed when there is none; the delimiter stays
+    /// in the input. A format error when nothing stands before it.
+    ioTryCode RdString(xstring& s, std::streambuf* sb, const char* delims) override;
+    ioTryCode WrString(const char* s, std::streambuf* sb) override;
+    int SzString(const char* s) override;
+};
+
+/// The host's own form: a bool is one byte, an int four, a real eight.
+class QEL_API ioBinarySerializer : public ioByteSerializer
+{
+public:
+    ioBinarySerializer() : ioByteSerializer(1) {}
+
+protected:
+    ioTryCode RdInt(int& v, std::streambuf* sb) override;
+    ioTryCode WrInt(int v, std::streambuf* sb) override;
+    int SzInt(int v) override;
+    ioTryCode RdBool(unsigned char& b, std::streambuf* sb) override;
+    ioTryCode WrBool(unsigned char b, std::streambuf* sb) override;
+    int SzBool(unsigned char b) override;
+    ioTryCode RdReal(double& d, std::streambuf* sb) override;
+    ioTryCode WrReal(double d, std::streambuf* sb) override;
+    int SzReal(double d) override;
+};
+
+/// The network form: an int is four bytes and a real eight, the most significant first; a bool is written as
+/// an int, and the low byte counts on reading. Strings are not padded.
+class QEL_API ioXDRSerializer : public ioByteSerializer
+{
+public:
+    ioXDRSerializer() : ioByteSerializer(1) {}
+
+protected:
+    ioTryCode RdInt(int& v, std::streambuf* sb) override;
+    ioTryCode WrInt(int v, std::streambuf* sb) override;
+    int SzInt(int v) override;
+    ioTryCode RdBool(unsigned char& b, std::streambuf* sb) override;
+    ioTryCode WrBool(unsigned char b, std::streambuf* sb) override;
+    int SzBool(unsigned char b) override;
+    ioTryCode RdReal(double& d, std::streambuf* sb) override;
+    ioTryCode WrReal(double d, std::streambuf* sb) override;
+    int SzReal(double d) override;
+};

@@ -1,0 +1,46 @@
+#include "iostringstream.h"
+
+#include <cstring>
+#include <memory>
+
+#include "iotext_p.h"
+#include "qeltable.h"
+#include <qel/base/xstringbuf.h>
+
+constinit qelClass ioStringStream::rtti = {
+    .name = "iolib::StringStream",
+    .parents = {QEL_PARENT(ioStream)},
+    .attrs = {QEL_ATTR(Str)},
+};
+
+ioStringStream* ioStringStream::Create(const char* text)
+{
+    const bool writable = !qelIsObject(text);
+    auto memory =
+        writable ? std::make_unique<xstringbuf>() : std::make_unique<xstringbuf>(text, std::strlen(text));
+    auto* const stream = new (pDefMemMgr) ioStringStream(memory.get(), writable);
+    memory.release();
+    return stream;
+}
+
+ioStringStream::ioStringStream(xstringbuf* memory, bool writable)
+    : ioStream(ioSerializer::getAscii(), memory, writable, true), stringBuf(memory)
+{
+}
+
+ioStringStream::~ioStringStream()
+{
+    Close();
+}
+
+void ioStringStream::OnClose()
+{
+    delete stringBuf;
+    stringBuf = nullptr;
+}
+
+xstring ioStringStream::getStr()
+{
+    CheckWritable();
+    return ioMakeString(stringBuf->GetText(), stringBuf->GetSize());
+}

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstring>
+#include <streambuf>
+
+#include "ioserializer.h"
+#include <qel/base/btkstrbuf.h>
+#include <qel/base/xbufaccess.h>
+#include <qel/xstring.h>
+
+/// Writes `size` bytes, right into the buffer where it has room.
+inline ioTryCode ioPut(std::streambuf& sb, const char* from, std::size_t size)
+{
+    if (size == 0)
+        return ioSuccess; // `from` may be null
+    if (char* const room = xbufaccess::Reserve(sb, size); room != nullptr && size < 0x10000000) {
+        std::memcpy(room, from, size);
+        xbufaccess::Commit(sb, static_cast<int>(size));
+        return ioSuccess;
+    }
+    const std::streamsize count = static_cast<std::streamsize>(size);
+    return sb.sputn(from, count) == count ? ioSuccess : ioIOError;
+}
+
+/// The length of a text argument; null and the reserved pointers are the empty text.
+inline std::size_t ioTextLength(const char* text)
+{
+    return qelIsObject(text) ? std::strlen(text) : 0;
+}
+
+/// Makes a string of known greatest length in place.
+class ioStringMaker
+{
+public:
+    explicit ioStringMaker(std::size_t length) : buffer(btkStrBuf::AllocMB(length + 1, &text)) {}
+    ~ioStringMaker() { buffer->Unlock(); }
+    ioStringMaker(const ioStringMaker&) = delete;
+    ioStringMaker& operator=(const ioStringMaker&) = delete;
+
+    /// Where the bytes of the text go.
+    char* Text() { return text; }
+    /// The string of the first `length` bytes; it ends at its first zero.
+    xstring Finish(std::size_t length)
+    {
+        const std::size_t used = strnlen(text, length);
+        if (used == 0)
+            return xstring("");
+        buffer->CommitMB(used);
+        return xstring(__xstring_c{buffer, text, nullptr});
+    }
+
+private:
+    char* text = nullptr;
+    btkStrBuf* buffer;
+};
+
+/// The string of `length` bytes; it ends at its first zero.
+inline xstring ioMakeString(const char* bytes, std::size_t length)
+{
+    if (length == 0)
+        return xstring(""); // `bytes` may be null
+    ioStringMaker maker(length);
+    std::memcpy(maker.Text(), bytes, length);
+    return maker.Finish(length);
+}

@@ -1,0 +1,103 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+
+#include <qel/base/btktimeval.h>
+#include <qel/evteventarray.h>
+#include <qel/xrtti.h>
+
+namespace {
+
+// An event that a test sets and resets.
+class SetEvent : public evtEvent
+{
+public:
+    SetEvent() : SetEvent(Event_Create(false)) {}
+    ~SetEvent() override { Event_Free(handle); }
+    void Set() { Event_Set(handle); }
+
+private:
+    explicit SetEvent(btkHandle made) : evtEvent(new btkEVENTEvent(made)), handle(made) {}
+
+    btkHandle handle;
+};
+
+struct Xdelete
+{
+    void operator()(xobject* p) const { xdelete(p); }
+};
+
+std::unique_ptr<evtEventArray, Xdelete> ArrayOf(std::initializer_list<evtEvent*> events)
+{
+    std::unique_ptr<evtEventArray, Xdelete> array(evtEventArray::create());
+    for (evtEvent* const event : events)
+        array->append(event);
+    return array;
+}
+
+} // namespace
+
+TEST(evtEvent, WaitsForAnyOfAnArray)
+{
+    SetEvent a, b, c;
+    const auto array = ArrayOf({&a, nullptr, &b, &c});
+    EXPECT_EQ(evtEvent::Wait(array.get(), 0.01), 0);
+
+    std::thread setter([&] { b.Set(); });
+    EXPECT_EQ(evtEvent::Wait(array.get(), INFINITE), 1);
+    setter.join();
+    EXPECT_EQ(a.getIsSignaled(), 0);
+    EXPECT_EQ(b.getIsSignaled(), 1);
+    c.Set();
+    EXPECT_EQ(evtEvent::Wait(array.get(), 1e300), 2);
+    EXPECT_EQ(b.Wait(INFINITE), 1);
+    EXPECT_EQ(a.Wait(-3.0), 0);
+}
+
+TEST(evtEvent, WaitsForTheLimitOnNothing)
+{
+    const auto empty = ArrayOf({});
+    for (evtEventArray* const array : {empty.get(), static_cast<evtEventArray*>(nullptr)}) {
+        const btkTimeval start = btkTimeval::Now();
+        EXPECT_EQ(evtEvent::Wait(array, 0.05), 0);
+        const double passed = (btkTimeval::Now() - start).ToSeconds();
+        EXPECT_GE(passed, 0.05);
+        EXPECT_LT(passed, 5);
+    }
+}
+
+TEST(evtRemoveEvent, RemovesEveryOccurrence)
+{
+    SetEvent a, b, c, d;
+    const auto array = ArrayOf({&a, &b, &a, &a, &c});
+
+    evtRemoveEvent(array.get(), &d);
+    EXPECT_EQ(array->getarraysize(), 5);
+    evtRemoveEvent(array.get(), &a);
+    ASSERT_EQ(array->getarraysize(), 2);
+    EXPECT_EQ(array->get(0), &b);
+    EXPECT_EQ(array->get(1), &c);
+}
+
+TEST(evtEvent, IsDescribed)
+{
+    SetEvent event;
+    event.Set();
+    xrttistruct* const type = xrttistruct::cast(evtEvent::getClassRtti());
+    EXPECT_TRUE(type->getName() == "eventlib::Event");
+    EXPECT_EQ(type->getIsRefCount(), 0);
+    ASSERT_EQ(type->getNAttrs(), 1);
+    EXPECT_TRUE(type->getAttr(0)->getName() == "IsSignaled");
+    EXPECT_EQ(type->getAttr(0)->getIsOptional(), 0);
+    EXPECT_TRUE(type->getAttr(0)->getValue(&event) == xany(true));
+
+    const auto array = ArrayOf({&event});
+    xrttisequence* const sequence = xrttisequence::cast(array->getRtti());
+    EXPECT_TRUE(sequence->getName() == "eventlib::EventArray");
+    EXPECT_EQ(sequence->getElemType(), type);
+    EXPECT_EQ(sequence->getIsElemOptional(), 0);
+    EXPECT_EQ(sequence->getIsRefCount(), 0);
+    EXPECT_EQ(sequence->getSize(array.get()), 1);
+    EXPECT_TRUE(sequence->getElemValue(array.get(), 0) == xany(&event));
+}

@@ -1,0 +1,180 @@
+#include <gtest/gtest.h>
+
+#include "iosupport.h"
+#include "support/tempdir.h"
+#include <qel/base/btkfd.h>
+#include <qel/xrtti.h>
+
+namespace {
+
+class FileStream : public testing::Test
+{
+protected:
+    Owned<ioFileStream> Open(ioOpenMode mode, ioSerializer* form = ioSerializer::getXDR())
+    {
+        Owned<ioFileStream> stream(ioFileStream::Open(dir.path("f").c_str(), mode));
+        if (stream != nullptr)
+            stream->setSerializer(form);
+        return stream;
+    }
+
+    TempDir dir;
+};
+
+} // namespace
+
+TEST_F(FileStream, OpensByItsMode)
+{
+    EXPECT_EQ(Open(ioReadOnly), nullptr);
+    EXPECT_EQ(Open(ioReadWrite), nullptr);
+    EXPECT_EQ(ioFileStream::Open(nullptr, ioReadOnly), nullptr);
+    EXPECT_EQ(ioFileStream::Open(xuninitstr, ioReadOnly), nullptr);
+    EXPECT_EQ(ioFileStream::Open(dir.path().c_str(), ioReadOnly), nullptr);
+
+    dir.write("f", "old content");
+    {
+        const auto stream = Open(static_cast<ioOpenMode>(7));
+        EXPECT_EQ(stream->getCanRead(), 1);
+        EXPECT_EQ(stream->getCanWrite(), 1);
+        stream->WriteBytes("OLD", 3);
+    }
+    EXPECT_EQ(dir.read("f"), "OLD content");
+    EXPECT_EQ(FailureOf([&] { Open(ioReadOnly)->WriteInt(1); }), "Stream Error (iolib): output denied");
+
+    const Owned<ioFileStream> created(ioFileStream::Create(dir.path("f").c_str(), ioWriteOnly, 1));
+    EXPECT_EQ(created->getCanRead(), 0);
+    EXPECT_EQ(created->getSerializer(), ioSerializer::getAscii());
+    EXPECT_EQ(dir.read("f"), "");
+    EXPECT_EQ(TextOf(created->getPath()), dir.path("f"));
+}
+
+TEST_F(FileStream, TakesNativePaths)
+{
+    dir.write("f", "7");
+    std::string native = "C:" + dir.path("f");
+    std::replace(native.begin(), native.end(), '/', '\\');
+
+    const Owned<ioFileStream> stream(ioFileStream::Open(native.c_str(), ioReadOnly));
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(stream->ReadInt(), 7);
+    EXPECT_EQ(TextOf(stream->getPath()), native);
+}
+
+TEST_F(FileStream, TriesWithoutMoving)
+{
+    dir.write("f", Hex("00 00 00 05 00 00 00"));
+    const auto stream = Open(ioReadOnly);
+
+    EXPECT_EQ(stream->TryReadInt(), ioSuccess);
+    EXPECT_EQ(stream->TellPos(), 0);
+    EXPECT_EQ(stream->TryReadReal(), ioEndOfFile);
+    EXPECT_EQ(stream->ReadInt(), 5);
+    EXPECT_EQ(stream->TryReadInt(), ioEndOfFile);
+    EXPECT_EQ(stream->TellPos(), 4);
+    EXPECT_EQ(stream->PeekNBytes(), 3u);
+    EXPECT_EQ(FailureOf([&] { stream->ReadInt(); }), "Stream Error (iolib): EOF reached");
+
+    const Owned<ioEvent> input((stream->SeekOff(0, ioBegin), stream->InputEvent()));
+    EXPECT_EQ(input->getIsSignaled(), 1);
+    EXPECT_EQ(input->getStream(), stream.get());
+    EXPECT_EQ(input->getType(), ioInputPending);
+}
+
+TEST_F(FileStream, SeeksAndEndsTheEndOfFile)
+{
+    dir.write("f", "0123456789");
+    const auto stream = Open(ioReadWrite, ioSerializer::getAscii());
+    EXPECT_EQ(stream->ReadReal(), 123456789);
+    EXPECT_EQ(FailureOf([&] { stream->ReadByte(); }), "Stream Error (iolib): EOF reached");
+
+    stream->SeekOff(0, ioBegin);
+    EXPECT_EQ(stream->getIsEof(), 0);
+    EXPECT_EQ(stream->ReadByte(), '0');
+    stream->SeekOff(-3, ioEnd);
+    EXPECT_EQ(stream->TellPos(), 7);
+    stream->SeekOff(1, ioCur);
+    EXPECT_EQ(stream->ReadByte(), '8');
+    stream->WriteByte('x');
+    EXPECT_EQ(stream->TellPos(), 10);
+    stream->setIsFail(1);
+    stream->SeekOff(0, ioCur);
+    EXPECT_EQ(stream->getIsFail(), 1); // only the end of file is forgotten
+    stream->setIsFail(0);
+
+    EXPECT_EQ(FailureOf([&] { stream->SeekOff(-1, ioBegin); }), "Stream Error (iolib): I/O error");
+    EXPECT_EQ(stream->getIsBad(), 1);
+    EXPECT_EQ(stream->TellPos(), 10);
+}
+
+TEST_F(FileStream, TellsItsSizeWithWhatIsPendingAndWhatOthersAppended)
+{
+    dir.write("f", "");
+    const auto stream = Open(ioReadWrite);
+    const auto other = Open(ioReadWrite);
+    EXPECT_EQ(stream->TellSize(), 0);
+
+    stream->WriteInt(1);
+    EXPECT_EQ(stream->TellSize(), 4);
+    EXPECT_EQ(other->TellSize(), 4);
+    other->SeekOff(0, ioEnd);
+    other->WriteString("abc");
+    other->Flush(1);
+    EXPECT_EQ(stream->TellSize(), 11);
+    EXPECT_EQ(stream->TellPos(), 4);
+    EXPECT_EQ(TextOf(stream->ReadString(nullptr)), "abc");
+    stream->Truncate(2);
+    EXPECT_EQ(stream->TellSize(), 11);
+}
+
+TEST_F(FileStream, GivesNullForWhatAnIntCannotHold)
+{
+    dir.write("f", "");
+    std::filesystem::resize_file(dir.path("f"), (1LL << 31) + 5);
+    const auto stream = Open(ioReadOnly);
+
+    EXPECT_EQ(stream->TellSize(), xnullint);
+    stream->SeekOff(-8, ioEnd);
+    EXPECT_EQ(stream->TellPos(), 0x7ffffffd);
+    stream->ReadInt();
+    EXPECT_EQ(stream->TellPos(), xnullint);
+}
+
+TEST_F(FileStream, ReportsThatTheDiskIsFull)
+{
+    const Owned<ioFileStream> full(ioFileStream::Open("/dev/full", ioReadWrite));
+    full->WriteInt(5);
+
+    EXPECT_EQ(FailureOf([&] { full->Flush(1); }), "Stream Error (iolib): I/O error");
+    EXPECT_EQ(full->getIsBad(), 1);
+}
+
+TEST_F(FileStream, CopiesLargeFiles)
+{
+    std::string content(3000000, ' ');
+    for (std::size_t i = 0; i < content.size(); ++i)
+        content[i] = static_cast<char>(i ^ (i >> 9));
+    dir.write("f", content);
+    const auto from = Open(ioReadOnly);
+    {
+        const Owned<ioFileStream> to(ioFileStream::Open(dir.path("g").c_str(), ioWriteOnly));
+        to->setSerializer(ioSerializer::getXDR());
+        from->ReadByte();
+        CopyStream(to.get(), from.get());
+    }
+    EXPECT_TRUE(dir.read("g") == content.substr(1));
+}
+
+TEST_F(FileStream, IsDescribed)
+{
+    xrttistruct* const type = xrttistruct::cast(ioFileStream::getClassRtti());
+    EXPECT_EQ(TextOf(type->getName()), "iolib::FileStream");
+    EXPECT_EQ(type->getParent(0), ioStream::getClassRtti());
+    EXPECT_EQ(type->getNAttrs(), 1);
+    dir.write("f", "");
+    const auto stream = Open(ioReadOnly);
+    EXPECT_EQ(TextOf(type->findAttr("Path", 0)->getValue(stream.get())), dir.path("f"));
+    EXPECT_EQ(ioStream::softcast(stream.get()), stream.get());
+    EXPECT_EQ(ioPipeStream::softcast(stream.get()), nullptr);
+    EXPECT_EQ(qelGetRtti_ioDirection()->mapStringToInt("ioEnd"), 1);
+    EXPECT_EQ(qelGetRtti_ioOpenMode()->mapStringToInt("ioReadWrite"), 2);
+}

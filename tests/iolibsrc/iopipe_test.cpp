@@ -1,0 +1,204 @@
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <thread>
+
+#include "iosupport.h"
+#include "support/interrupt.h"
+#include <qel/evteventarray.h>
+
+namespace {
+
+class PipeStreams : public testing::Test
+{
+protected:
+    PipeStreams() : pipe(ioPipe::Create()), out(*pipe->getWriteEnd()), in(*pipe->getReadEnd()) {}
+
+    void UseForm(ioSerializer* form)
+    {
+        out.setSerializer(form);
+        in.setSerializer(form);
+    }
+
+    Owned<ioPipe> pipe;
+    ioPipeStream& out;
+    ioPipeStream& in;
+};
+
+} // namespace
+
+TEST_F(PipeStreams, CarryValuesInBinaryForm)
+{
+    EXPECT_EQ(out.getCanRead(), 0);
+    EXPECT_EQ(in.getCanWrite(), 0);
+    out.WriteInt(0x01020304);
+    EXPECT_EQ(in.PeekNBytes(), 4u);
+    char bytes[4];
+    in.ReadBytes(bytes, 4);
+    EXPECT_EQ(std::string(bytes, 4), "\4\3\2\1");
+
+    out.WriteString("text");
+    out.WriteReal(0.5);
+    out.Close();
+    EXPECT_EQ(TextOf(in.ReadString(nullptr)), "text");
+    EXPECT_EQ(in.ReadReal(), 0.5);
+    EXPECT_EQ(FailureOf([&] { in.ReadByte(); }), "Stream Error (iolib): EOF reached");
+}
+
+TEST_F(PipeStreams, WouldBlockUntilTheWholeValueIsThereOrTheEnd)
+{
+    EXPECT_EQ(in.TryReadInt(), ioWouldBlock);
+    out.WriteBytes("\1\0\0", 3);
+    EXPECT_EQ(in.TryReadByte(), ioSuccess);
+    EXPECT_EQ(in.TryReadInt(), ioWouldBlock);
+    out.WriteByte(0);
+    EXPECT_EQ(in.TryReadInt(), ioSuccess);
+    EXPECT_EQ(in.PeekNBytes(), 4u);
+    EXPECT_EQ(in.ReadInt(), 1);
+
+    out.WriteInt(5); // the length of a string
+    out.WriteBytes("abcd", 4);
+    EXPECT_EQ(in.TryReadString(nullptr), ioWouldBlock);
+    out.Close();
+    EXPECT_EQ(in.TryReadString(nullptr), ioEndOfFile);
+    EXPECT_EQ(in.getIsGood(), 1);
+    EXPECT_EQ(in.PeekNBytes(), 8u);
+}
+
+TEST_F(PipeStreams, DoNotKnowWhetherANumberGoesOn)
+{
+    UseForm(ioSerializer::getAscii());
+    out.WriteInt(12);
+    EXPECT_EQ(in.TryReadInt(), ioWouldBlock);
+    EXPECT_EQ(in.TryReadString(nullptr), ioWouldBlock);
+    out.WriteInt(3);
+    out.WriteByte(' ');
+    EXPECT_EQ(in.TryReadInt(), ioSuccess);
+    EXPECT_EQ(in.ReadInt(), 123);
+    out.WriteReal(1.5);
+    EXPECT_EQ(in.TryReadReal(), ioWouldBlock);
+    out.Close();
+    EXPECT_EQ(in.TryReadReal(), ioSuccess);
+    EXPECT_EQ(in.ReadReal(), 1.5);
+    EXPECT_EQ(in.TryReadReal(), ioEndOfFile);
+}
+
+TEST_F(PipeStreams, AreWaitedForWithEvents)
+{
+    const Owned<ioEvent> pending(in.InputEvent()), writable(out.OutputEvent());
+    EXPECT_EQ(pending->getIsSignaled(), 0);
+    EXPECT_EQ(pending->Wait(0.02), 0);
+    EXPECT_EQ(writable->Wait(INFINITE), 1);
+
+    // A value that arrives in parts wakes the reader for each part, and no more often.
+    std::thread writer([&] {
+        for (const char part : {'\1', '\2', '\3', '\4'})
+            out.WriteByte(part);
+    });
+    int waits = 0;
+    while (in.TryReadInt() == ioWouldBlock) {
+        ASSERT_EQ(pending->Wait(INFINITE), 1);
+        ASSERT_LE(++waits, 5);
+    }
+    writer.join();
+    EXPECT_EQ(in.ReadInt(), 0x04030201);
+    out.Close();
+    EXPECT_EQ(pending->Wait(INFINITE), 1); // the end
+}
+
+TEST_F(PipeStreams, CarryAValueLargerThanThePipeThroughTries)
+{
+    const std::string large(1 << 20, 'v');
+    std::thread writer([&] { out.WriteString(large.c_str()); });
+    const Owned<ioEvent> pending(in.InputEvent());
+    while (in.TryReadString(nullptr) == ioWouldBlock)
+        ASSERT_EQ(pending->Wait(20.0), 1);
+    writer.join();
+
+    EXPECT_TRUE(TextOf(in.ReadString(nullptr)) == large);
+}
+
+TEST_F(PipeStreams, TestWritesWithoutSending)
+{
+    EXPECT_EQ(out.TryWriteInt(7), ioSuccess);
+    EXPECT_EQ(out.TryWriteString("text"), ioSuccess);
+    EXPECT_EQ(in.PeekNBytes(), 0u);
+
+    const std::string page(4096, 'p');
+    while (out.TryWriteByte(1) == ioSuccess)
+        out.WriteBytes(page.data(), 4096);
+    EXPECT_EQ(out.TryWriteInt(7), ioWouldBlock);
+    EXPECT_EQ(out.TryWriteString("text"), ioWouldBlock);
+    const Owned<ioEvent> writable(out.OutputEvent());
+    EXPECT_EQ(writable->getIsSignaled(), 0);
+
+    in.Close();
+    EXPECT_EQ(out.TryWriteInt(7), ioIOError);
+    EXPECT_EQ(FailureOf([&] { out.WriteInt(7); }), "Stream Error (iolib): I/O error"); // and no signal
+}
+
+TEST_F(PipeStreams, SurviveInterruptions)
+{
+    Interrupter interrupter;
+    std::thread writer([&] {
+        for (int i = 0; i < 60000; ++i)
+            out.WriteInt(i);
+        out.Close();
+    });
+    for (int i = 0; i < 60000; ++i)
+        ASSERT_EQ(in.ReadInt(), i);
+    writer.join();
+    EXPECT_EQ(in.TryReadByte(), ioEndOfFile);
+}
+
+TEST_F(PipeStreams, CopyWhatArrivesAsItArrives)
+{
+    const Owned<ioPipe> second(ioPipe::Create());
+    std::thread copier([&] {
+        CopyStream(second->getWriteEnd(), &in);
+        second->getWriteEnd()->Close();
+    });
+    out.WriteString("first"); // copied before more is there or the end
+    EXPECT_EQ(TextOf(second->getReadEnd()->ReadString(nullptr)), "first");
+    out.WriteInt(9);
+    out.Close();
+    EXPECT_EQ(second->getReadEnd()->ReadInt(), 9);
+    EXPECT_EQ(FailureOf([&] { second->getReadEnd()->ReadByte(); }), "Stream Error (iolib): EOF reached");
+    copier.join();
+}
+
+TEST_F(PipeStreams, LeaveEventsThatOutliveThem)
+{
+    const Owned<ioEvent> pending(in.InputEvent());
+    in.Close();
+    EXPECT_EQ(pending->getIsSignaled(), 1);
+    EXPECT_EQ(pending->getStream(), &in);
+    pipe.reset();
+    EXPECT_EQ(pending->getStream(), nullptr);
+    EXPECT_EQ(pending->Wait(INFINITE), 1);
+}
+
+TEST(StringStreams, ReadAGivenTextOnly)
+{
+    const Owned<ioStringStream> stream(ioStringStream::Create("12 ab"));
+    EXPECT_EQ(FailureOf([&] { stream->WriteInt(1); }), "Stream Error (iolib): output denied");
+    EXPECT_EQ(FailureOf([&] { stream->getStr(); }), "Stream Error (iolib): output denied");
+    EXPECT_EQ(stream->ReadInt(), 12);
+    EXPECT_EQ(TextOf(stream->ReadString(nullptr)), "ab");
+}
+
+TEST(StringStreams, KeepAllThatWasWritten)
+{
+    for (const char* const none : {xnullstr, static_cast<const char*>(nullptr), xuninitstr}) {
+        const Owned<ioStringStream> stream(ioStringStream::Create(none));
+        EXPECT_EQ(TextOf(stream->getStr()), "");
+        stream->WriteString("ab");
+        EXPECT_EQ(TextOf(stream->getStr()), "ab");
+        EXPECT_EQ(stream->ReadByte(), 'a');
+        stream->WriteInt(5);
+        EXPECT_EQ(TextOf(stream->getStr()), "ab5");
+        EXPECT_EQ(TextOf(stream->ReadString(nullptr)), "b5");
+        stream->Close();
+        EXPECT_EQ(FailureOf([&] { stream->getStr(); }), "Stream Error (iolib): stream not open");
+    }
+}

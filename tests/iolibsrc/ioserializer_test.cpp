@@ -1,0 +1,349 @@
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <sstream>
+
+#include "iosupport.h"
+#include <qel/xrtti.h>
+
+namespace {
+
+// What `write` puts into a stream of the form `serializer`.
+template<class Write>
+std::string Written(ioSerializer* serializer, Write write)
+{
+    const auto stream = MemoryStream(serializer);
+    write(*stream);
+    return RestOf(*stream);
+}
+
+ioSerializer* const binary = ioSerializer::getBinary();
+ioSerializer* const xdr = ioSerializer::getXDR();
+ioSerializer* const ascii = ioSerializer::getAscii();
+
+// A stream of the form `serializer` that holds `bytes`.
+Owned<ioStringStream> Holding(ioSerializer* serializer, const std::string& bytes)
+{
+    auto stream = MemoryStream(serializer);
+    stream->WriteBytes(bytes.data(), static_cast<unsigned>(bytes.size()));
+    return stream;
+}
+
+// The text form's operations, for any buffer.
+struct Ascii : ioAsciiSerializer
+{
+    using ioAsciiSerializer::RdBool;
+    using ioAsciiSerializer::RdByte;
+    using ioAsciiSerializer::RdInt;
+    using ioAsciiSerializer::RdReal;
+    using ioAsciiSerializer::RdString;
+    using ioAsciiSerializer::WrReal;
+};
+
+// A buffer that shows a text in parts of `size` bytes; 0: without a get area.
+class PartBuffer : public std::streambuf
+{
+public:
+    PartBuffer(std::string all, std::size_t size) : text(std::move(all)), part(size) {}
+    std::string Rest() const { return std::string(gptr(), egptr()) + text.substr(at); }
+
+protected:
+    int_type underflow() override
+    {
+        if (at == text.size())
+            return EOF;
+        if (part == 0)
+            return static_cast<unsigned char>(text[at]);
+        const std::size_t size = std::min(part, text.size() - at);
+        setg(text.data() + at, text.data() + at, text.data() + at + size);
+        at += size;
+        return static_cast<unsigned char>(*gptr());
+    }
+    int_type uflow() override
+    {
+        if (part != 0)
+            return std::streambuf::uflow();
+        return at == text.size() ? EOF : static_cast<unsigned char>(text[at++]);
+    }
+
+private:
+    std::string text;
+    std::size_t at = 0;
+    std::size_t part;
+};
+
+// The answer that belongs to the state of a standard stream after a conversion.
+ioTryCode CodeOf(const std::istream& stream)
+{
+    return !stream.fail() ? ioSuccess : stream.eof() ? ioEndOfFile : ioFormatError;
+}
+
+std::string RestOf(std::istream& stream)
+{
+    stream.clear();
+    return std::string(std::istreambuf_iterator<char>(stream), {});
+}
+
+// Compares reading a V from `input` with what a standard stream makes of it.
+template<class V>
+void CompareWithStandard(const std::string& input, ioTryCode (Ascii::*read)(V&, std::streambuf*))
+{
+    std::istringstream standard(input);
+    V expected{};
+    standard >> expected;
+    const ioTryCode code = CodeOf(standard);
+    const std::string rest = RestOf(standard);
+    for (const std::size_t part : {std::size_t(0), std::size_t(1), std::size_t(3), input.size() + 1}) {
+        SCOPED_TRACE("'" + input + "' in parts of " + std::to_string(part));
+        Ascii form;
+        PartBuffer buffer(input, part);
+        V value{};
+        ASSERT_EQ((form.*read)(value, &buffer), code);
+        if (code == ioSuccess) {
+            ASSERT_EQ(std::memcmp(&value, &expected, sizeof value), 0) << value << " " << expected;
+        }
+        ASSERT_EQ(buffer.Rest(), rest);
+    }
+}
+
+} // namespace
+
+TEST(BinaryForm, IsTheHostsOwn)
+{
+    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteByte(0xC7); }), Hex("C7"));
+    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteInt(1); }), Hex("01 00 00 00"));
+    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteInt(-2); }), Hex("FE FF FF FF"));
+    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteBool(1); }), Hex("01"));
+    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteBool(77); }), Hex("4D"));
+    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteReal(1.0); }), Hex("00 00 00 00 00 00 F0 3F"));
+    // length, bytes
+    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteString("abc"); }), Hex("03 00 00 00 61 62 63"));
+    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteString(""); }), Hex("00 00 00 00"));
+}
+
+TEST(XDRForm, IsInNetworkOrder)
+{
+    EXPECT_EQ(Written(xdr, [](ioStream& s) { s.WriteByte(-1); }), Hex("FF"));
+    EXPECT_EQ(Written(xdr, [](ioStream& s) { s.WriteInt(1); }), Hex("00 00 00 01"));
+    EXPECT_EQ(Written(xdr, [](ioStream& s) { s.WriteInt(-2); }), Hex("FF FF FF FE"));
+    EXPECT_EQ(Written(xdr, [](ioStream& s) { s.WriteBool(1); }), Hex("00 00 00 01"));
+    EXPECT_EQ(Written(xdr, [](ioStream& s) { s.WriteBool(xuninitbool); }), Hex("00 00 00 81"));
+    EXPECT_EQ(Written(xdr, [](ioStream& s) { s.WriteReal(1.0); }), Hex("3F F0 00 00 00 00 00 00"));
+    EXPECT_EQ(Written(xdr, [](ioStream& s) { s.WriteReal(xnullreal); }), Hex("5A 17 A2 EC C4 14 A0 40"));
+    // length, bytes, no padding
+    EXPECT_EQ(Written(xdr, [](ioStream& s) { s.WriteString("abc"); }), Hex("00 00 00 03 61 62 63"));
+    EXPECT_EQ(Written(xdr, [](ioStream& s) { s.WriteString(nullptr); }), Hex("00 00 00 00"));
+    EXPECT_EQ(Written(xdr, [](ioStream& s) { s.WriteString(xnullstr); }), Hex("00 00 00 00"));
+    EXPECT_EQ(Written(xdr, [](ioStream& s) { s.WriteString(xuninitstr); }), Hex("00 00 00 00"));
+}
+
+TEST(AsciiForm, IsTextWithoutSeparators)
+{
+    EXPECT_EQ(Written(ascii,
+                      [](ioStream& s) {
+                          s.WriteInt(12);
+                          s.WriteInt(34);
+                          s.WriteByte(' ');
+                          s.WriteInt(xnullint);
+                          s.WriteBool(1);
+                          s.WriteBool(0);
+                          s.WriteReal(0.1 + 0.2);
+                          s.WriteByte(',');
+                          s.WriteReal(1e20);
+                          s.WriteString("");
+                          s.WriteString("a b");
+                      }),
+              "1234 -2147483648TF0.3,1e+20a b");
+}
+
+TEST(Serializers, ReadBackWhatTheyWrote)
+{
+    const std::string large(70001, 'l');
+    for (ioSerializer* const form : {binary, xdr}) {
+        const auto stream = MemoryStream(form);
+        stream->WriteInt(xuninitint);
+        stream->WriteBool(xnullbool);
+        stream->WriteReal(-0.0);
+        stream->WriteReal(std::numeric_limits<double>::denorm_min());
+        stream->WriteString("");
+        stream->WriteString("text");
+        stream->WriteString(large.c_str());
+        stream->WriteByte(-3);
+
+        EXPECT_EQ(stream->ReadInt(), xuninitint);
+        EXPECT_EQ(stream->ReadBool(), xnullbool);
+        EXPECT_TRUE(std::signbit(stream->ReadReal()));
+        EXPECT_EQ(stream->ReadReal(), std::numeric_limits<double>::denorm_min());
+        EXPECT_EQ(TextOf(stream->ReadString(nullptr)), "");
+        EXPECT_EQ(TextOf(stream->ReadString("x")), "text");
+        EXPECT_EQ(TextOf(stream->ReadString(nullptr)), large);
+        EXPECT_EQ(stream->ReadByte(), -3);
+    }
+    EXPECT_EQ(Holding(xdr, Hex("12 34 56 02"))->ReadBool(), 2); // the low byte counts
+}
+
+TEST(Serializers, RefuseLengthsThatCannotBe)
+{
+    for (const char* const length : {"FF FF FF FF", "80 00 00 00"}) {
+        const auto stream = Holding(xdr, Hex(length) + "abc");
+        EXPECT_EQ(FailureOf([&] { stream->ReadString(nullptr); }), "Stream Error (iolib): conversion error");
+        EXPECT_EQ(stream->getIsFail(), 1);
+    }
+    // More is promised than there is: the memory taken follows what arrives.
+    for (const char* const length : {"00 00 00 04", "00 01 00 01", "7F FF FF FF"}) {
+        const auto stream = Holding(xdr, Hex(length) + "abc");
+        EXPECT_EQ(FailureOf([&] { stream->ReadString(nullptr); }), "Stream Error (iolib): EOF reached");
+    }
+    EXPECT_EQ(FailureOf([] { Holding(binary, Hex("01 02 03"))->ReadInt(); }),
+              "Stream Error (iolib): EOF reached");
+    EXPECT_EQ(FailureOf([] { Holding(xdr, Hex("01 02 03 04 05 06 07"))->ReadReal(); }),
+              "Stream Error (iolib): EOF reached");
+}
+
+TEST(Serializers, EndAStringAtItsFirstZeroAndConsumeAll)
+{
+    const auto stream = Holding(xdr, Hex("00 00 00 04 61 00 62 63 00 00 00 07"));
+    EXPECT_EQ(TextOf(stream->ReadString(nullptr)), "a");
+    EXPECT_EQ(stream->ReadInt(), 7);
+}
+
+TEST(Serializers, TellTheSizesOfValues)
+{
+    const auto text = MemoryStream(ascii);
+    EXPECT_EQ(text->SizeOfByte('x'), 1);
+    EXPECT_EQ(text->SizeOf(-12), 3);
+    EXPECT_EQ(text->SizeOf(xnullbool), 1);
+    EXPECT_EQ(text->SizeOf(0.5), 3);
+    EXPECT_EQ(text->SizeOf("abc"), 3);
+    const auto network = MemoryStream(xdr);
+    EXPECT_EQ(network->SizeOfByte('x'), 1);
+    EXPECT_EQ(network->SizeOf(-12), 4);
+    EXPECT_EQ(network->SizeOf(xnullbool), 4);
+    EXPECT_EQ(network->SizeOf(0.5), 8);
+    EXPECT_EQ(network->SizeOf("abc"), 7);
+    EXPECT_EQ(network->SizeOf(xnullstr), 4);
+    const auto native = MemoryStream(binary);
+    EXPECT_EQ(native->SizeOf(xnullbool), 1);
+    EXPECT_EQ(native->SizeOf("abc"), 7);
+}
+
+TEST(AsciiForm, ReadsIntsAsAStandardStreamDoes)
+{
+    for (const char* const input :
+         {"",     " ",          "12",         "  -34x",       "+5 ",           "-",
+          "+-1",  "2147483647", "2147483648", "-2147483648 ", "-2147483649",   "99999999999999999999 1",
+          "0x1A", "00012",      "-0",         "1,000",        "\t\n\v\f\r7\n", "1.5",
+          "T",    "4294967297 "})
+        CompareWithStandard<int>(input, &Ascii::RdInt);
+}
+
+TEST(AsciiForm, ReadsRealsAsAStandardStreamDoes)
+{
+    for (const char* const input : {"",
+                                    " ",
+                                    "1.5",
+                                    " -2.25e2x",
+                                    "+.5 ",
+                                    ".",
+                                    "-.e5",
+                                    "1e",
+                                    "1e+ ",
+                                    "1e5.3",
+                                    "1.2.3",
+                                    "1e400 ",
+                                    "-1e400 ",
+                                    "1e-400 ",
+                                    "-1e-400",
+                                    "4.9e-324 ",
+                                    "2e-324 ",
+                                    "0.0000e999999999999999999999 ",
+                                    "1e99999999999999999999 ",
+                                    "1e-99999999999999999999 ",
+                                    "inf",
+                                    "nan",
+                                    "0x1p3",
+                                    "000123.4500 ",
+                                    "-00.5 ",
+                                    "1,5",
+                                    "1e5e5",
+                                    "0.1234567890123456789012345678901234567890 ",
+                                    "9007199254740993 ",
+                                    "123456789012345678901234567890 "})
+        CompareWithStandard<double>(input, &Ascii::RdReal);
+}
+
+TEST(AsciiForm, ReadsAnythingAsAStandardStreamDoes)
+{
+    std::mt19937 random(20);
+    const std::string letters = "0011234567899+-..eE  \nxT";
+    for (int i = 0; i < 8000; ++i) {
+        std::string input(random() % 14, ' ');
+        for (char& c : input)
+            c = letters[random() % letters.size()];
+        CompareWithStandard<int>(input, &Ascii::RdInt);
+        CompareWithStandard<double>(input, &Ascii::RdReal);
+        CompareWithStandard<char>(input, &Ascii::RdByte);
+        ASSERT_FALSE(HasFatalFailure());
+    }
+}
+
+TEST(AsciiForm, WritesRealsAsAStandardStreamDoes)
+{
+    std::mt19937_64 random(4);
+    std::ostringstream standard;
+    Ascii form;
+    std::stringbuf ours;
+    for (int i = 0; i < 20000; ++i) {
+        const double value = i % 2 == 0 ? std::bit_cast<double>(random())
+                                        : static_cast<double>(static_cast<int>(random())) / 1000;
+        standard << value << ' ';
+        ASSERT_EQ(form.WrReal(value, &ours), ioSuccess);
+        ours.sputc(' ');
+    }
+    EXPECT_EQ(ours.str(), standard.str());
+}
+
+TEST(AsciiForm, ReadsBoolsAndBytesBehindWhiteSpace)
+{
+    EXPECT_EQ(Holding(ascii, "  T")->ReadBool(), 1);
+    EXPECT_EQ(Holding(ascii, "\nF")->ReadBool(), 0);
+    EXPECT_EQ(Holding(ascii, " q")->ReadByte(), 'q');
+    EXPECT_EQ(FailureOf([] { Holding(ascii, "x")->ReadBool(); }), "Stream Error (iolib): conversion error");
+    EXPECT_EQ(FailureOf([] { Holding(ascii, " ")->ReadBool(); }), "Stream Error (iolib): EOF reached");
+}
+
+TEST(AsciiForm, ReadsStringsUpToTheirDelimiter)
+{
+    for (const std::size_t part : {0, 1, 2, 100}) {
+        Ascii form;
+        PartBuffer buffer(" \n a,b\nline two\n\nlast", part);
+        xstring s("old");
+        EXPECT_EQ(form.RdString(s, &buffer, ","), ioSuccess);
+        EXPECT_EQ(TextOf(s), "a");
+        EXPECT_EQ(form.RdString(s, &buffer, ",;"), ioFormatError);
+        EXPECT_EQ(TextOf(s), "a");
+        EXPECT_EQ(form.RdString(s, &buffer, xnullstr), ioSuccess);
+        EXPECT_EQ(TextOf(s), ",b");
+        EXPECT_EQ(form.RdString(s, &buffer, ""), ioSuccess);
+        EXPECT_EQ(TextOf(s), "line two");
+        EXPECT_EQ(form.RdString(s, &buffer, nullptr), ioSuccess);
+        EXPECT_EQ(TextOf(s), "last");
+        EXPECT_EQ(form.RdString(s, &buffer, nullptr), ioEndOfFile);
+        EXPECT_EQ(TextOf(s), "last");
+    }
+}
+
+TEST(Serializers, AreSharedAndDescribed)
+{
+    EXPECT_EQ(ioSerializer::getXDR(), ioSerializer::getXDR());
+    EXPECT_NE(binary, xdr);
+
+    auto* const type = xrttistruct::cast(ioSerializer::getClassRtti());
+    ASSERT_EQ(type->getNAttrs(), 3);
+    EXPECT_EQ(TextOf(type->getAttr(2)->getName()), "XDR");
+    EXPECT_EQ(static_cast<xobject*>(type->getAttr(2)->getValue(ascii)), qelObjectOf(xdr));
+}

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <qel/xiolib.h>
+
+/// Frees what is not counted.
+struct Xdelete
+{
+    void operator()(xobject* p) const { xdelete(p); }
+};
+template<class T>
+using Owned = std::unique_ptr<T, Xdelete>;
+
+/// The text of the stream exception that `work` throws; "" when it throws none.
+template<class Work>
+std::string FailureOf(Work work)
+{
+    try {
+        work();
+    } catch (xthrowable* thrown) {
+        ioXStream* const failure = ioXStream::softcast(thrown);
+        const std::string text = failure == nullptr ? "another exception" : failure->getMsg().CastToCString();
+        if (failure != nullptr)
+            xdelete(failure);
+        else
+            xrcrelease(thrown);
+        return text;
+    }
+    return "";
+}
+
+inline std::string TextOf(const xstring& s)
+{
+    return s == nullptr ? "(null)" : s.CastToCString();
+}
+
+/// A string stream to be written and read back, in the form `serializer`.
+inline Owned<ioStringStream> MemoryStream(ioSerializer* serializer)
+{
+    Owned<ioStringStream> stream(ioStringStream::Create(xnullstr));
+    stream->setSerializer(serializer);
+    return stream;
+}
+
+/// All unread bytes of `stream`.
+inline std::string RestOf(ioStream& stream)
+{
+    std::string bytes(stream.PeekNBytes(), ' ');
+    if (!bytes.empty())
+        stream.ReadBytes(bytes.data(), static_cast<unsigned>(bytes.size()));
+    return bytes;
+}
+
+/// "00 0A ff" as bytes.
+inline std::string Hex(const std::string& digits)
+{
+    std::string bytes;
+    for (std::size_t i = 0; i + 1 < digits.size(); i += 3)
+        bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+    return bytes;
+}
