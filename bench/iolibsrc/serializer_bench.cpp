@@ -1,0 +1,397 @@
+// Values through a whole stream against the peers that carry the same values: in the network form in memory
+// against XDR memory streams, through a file against the better of XDR stdio streams and QDataStream, and in
+// the text form against the standard streams.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <QDataStream>
+#include <QFile>
+#include <QTemporaryDir>
+#include <rpc/xdr.h>
+
+#include <qel/xiolib.h>
+
+namespace {
+
+constexpr int values = 16384; // in a batch, which is one iteration
+const char* const text20 = "twenty bytes of text";
+
+struct Xdelete
+{
+    void operator()(xobject* p) const { xdelete(p); }
+};
+template<class T>
+using Owned = std::unique_ptr<T, Xdelete>;
+
+int IntAt(int i)
+{
+    return static_cast<int>(static_cast<unsigned>(i) * 2654435761u + 7);
+}
+
+double RealAt(int i)
+{
+    return i * 1.37 + 0.001;
+}
+
+// ---- how each kind of value passes through each stream
+
+struct Int
+{
+    static constexpr int size = 4;
+    static void Write(ioStream& s, int i) { s.WriteInt(IntAt(i)); }
+    static void Read(ioStream& s) { benchmark::DoNotOptimize(s.ReadInt()); }
+    static void Encode(XDR& x, int i)
+    {
+        int v = IntAt(i);
+        if (!xdr_int(&x, &v))
+            std::abort();
+    }
+    static void Decode(XDR& x)
+    {
+        int v;
+        if (!xdr_int(&x, &v))
+            std::abort();
+        benchmark::DoNotOptimize(v);
+    }
+    static void Write(QDataStream& s, int i) { s << qint32(IntAt(i)); }
+    static void Read(QDataStream& s)
+    {
+        qint32 v;
+        s >> v;
+        benchmark::DoNotOptimize(v);
+    }
+    static void Write(std::ostream& s, int i) { s << IntAt(i); }
+    static void Read(std::istream& s)
+    {
+        int v;
+        s >> v;
+        benchmark::DoNotOptimize(v);
+    }
+};
+
+struct Real
+{
+    static constexpr int size = 8;
+    static void Write(ioStream& s, int i) { s.WriteReal(RealAt(i)); }
+    static void Read(ioStream& s) { benchmark::DoNotOptimize(s.ReadReal()); }
+    static void Encode(XDR& x, int i)
+    {
+        double v = RealAt(i);
+        if (!xdr_double(&x, &v))
+            std::abort();
+    }
+    static void Decode(XDR& x)
+    {
+        double v;
+        if (!xdr_double(&x, &v))
+            std::abort();
+        benchmark::DoNotOptimize(v);
+    }
+    static void Write(QDataStream& s, int i) { s << RealAt(i); }
+    static void Read(QDataStream& s)
+    {
+        double v;
+        s >> v;
+        benchmark::DoNotOptimize(v);
+    }
+    static void Write(std::ostream& s, int i) { s << RealAt(i); }
+    static void Read(std::istream& s)
+    {
+        double v;
+        s >> v;
+        benchmark::DoNotOptimize(v);
+    }
+};
+
+struct String
+{
+    static constexpr int size = 24;
+    static void Write(ioStream& s, int) { s.WriteString(text20); }
+    static void Read(ioStream& s) { benchmark::DoNotOptimize(s.ReadString(nullptr)); }
+    static void Encode(XDR& x, int)
+    {
+        char* v = const_cast<char*>(text20);
+        if (!xdr_string(&x, &v, 1000))
+            std::abort();
+    }
+    static void Decode(XDR& x) // into a new text, as every reader of strings of unknown length does
+    {
+        char* v = nullptr;
+        if (!xdr_string(&x, &v, 1000))
+            std::abort();
+        benchmark::DoNotOptimize(v);
+        std::free(v);
+    }
+    static void Write(QDataStream& s, int) { s.writeBytes(text20, 20); }
+    static void Read(QDataStream& s)
+    {
+        char* v;
+        uint length;
+        s.readBytes(v, length);
+        benchmark::DoNotOptimize(v);
+        delete[] v;
+    }
+};
+
+// ---- in memory
+
+Owned<ioStringStream> NewMemory(ioSerializer* form)
+{
+    Owned<ioStringStream> stream(ioStringStream::Create(xnullstr));
+    stream->setSerializer(form);
+    return stream;
+}
+
+template<class Value, class Stream>
+void WriteAll(Stream& stream)
+{
+    for (int i = 0; i < values; ++i)
+        Value::Write(stream, i);
+}
+
+template<class Value, class Stream>
+void ReadAll(Stream& stream)
+{
+    for (int i = 0; i < values; ++i)
+        Value::Read(stream);
+}
+
+// With the making and the growing of our stream; the peer has memory of the right size.
+template<class Value>
+void encodeMemoryOurs(benchmark::State& state)
+{
+    for (auto _ : state)
+        WriteAll<Value>(*NewMemory(ioSerializer::getXDR()));
+}
+
+template<class Value>
+void encodeMemoryXdr(benchmark::State& state)
+{
+    std::vector<char> memory(values * Value::size);
+    for (auto _ : state) {
+        XDR x;
+        xdrmem_create(&x, memory.data(), static_cast<u_int>(memory.size()), XDR_ENCODE);
+        for (int i = 0; i < values; ++i)
+            Value::Encode(x, i);
+        benchmark::ClobberMemory();
+    }
+}
+
+template<class Value>
+std::vector<char> Encoded()
+{
+    std::vector<char> bytes(values * Value::size);
+    const auto stream = NewMemory(ioSerializer::getXDR());
+    WriteAll<Value>(*stream);
+    if (stream->ReadBytes(bytes.data(), static_cast<unsigned>(bytes.size())) != bytes.size())
+        std::abort();
+    return bytes;
+}
+
+template<class Value>
+void decodeMemoryOurs(benchmark::State& state)
+{
+    const std::vector<char> bytes = Encoded<Value>();
+    for (auto _ : state) {
+        state.PauseTiming();
+        const auto stream = NewMemory(ioSerializer::getXDR());
+        stream->WriteBytes(bytes.data(), static_cast<unsigned>(bytes.size()));
+        state.ResumeTiming();
+        ReadAll<Value>(*stream);
+        state.PauseTiming();
+        stream->Close();
+        state.ResumeTiming();
+    }
+}
+
+template<class Value>
+void decodeMemoryXdr(benchmark::State& state)
+{
+    std::vector<char> bytes = Encoded<Value>();
+    for (auto _ : state) {
+        XDR x;
+        xdrmem_create(&x, bytes.data(), static_cast<u_int>(bytes.size()), XDR_DECODE);
+        for (int i = 0; i < values; ++i)
+            Value::Decode(x);
+    }
+}
+
+// ---- through a file
+
+struct Folder
+{
+    QTemporaryDir dir;
+    std::string path = dir.filePath("values").toStdString();
+};
+
+template<class Value>
+void FillFile(const std::string& path)
+{
+    const Owned<ioFileStream> stream(ioFileStream::Open(path.c_str(), ioWriteOnly));
+    stream->setSerializer(ioSerializer::getXDR());
+    WriteAll<Value>(*stream);
+}
+
+template<class Value>
+void encodeFileOurs(benchmark::State& state)
+{
+    const Folder folder;
+    FillFile<Value>(folder.path);
+    const Owned<ioFileStream> stream(ioFileStream::Open(folder.path.c_str(), ioReadWrite));
+    stream->setSerializer(ioSerializer::getXDR());
+    for (auto _ : state) {
+        stream->SeekOff(0, ioBegin);
+        WriteAll<Value>(*stream);
+        stream->Flush(1);
+    }
+}
+
+template<class Value>
+void decodeFileOurs(benchmark::State& state)
+{
+    const Folder folder;
+    FillFile<Value>(folder.path);
+    const Owned<ioFileStream> stream(ioFileStream::Open(folder.path.c_str(), ioReadOnly));
+    stream->setSerializer(ioSerializer::getXDR());
+    for (auto _ : state) {
+        stream->SeekOff(0, ioBegin);
+        ReadAll<Value>(*stream);
+    }
+}
+
+template<class Value, xdr_op direction>
+void fileXdr(benchmark::State& state)
+{
+    const Folder folder;
+    FillFile<Value>(folder.path);
+    std::FILE* const file = std::fopen(folder.path.c_str(), "r+");
+    XDR x;
+    xdrstdio_create(&x, file, direction);
+    for (auto _ : state) {
+        std::rewind(file);
+        for (int i = 0; i < values; ++i) {
+            if constexpr (direction == XDR_ENCODE)
+                Value::Encode(x, i);
+            else
+                Value::Decode(x);
+        }
+        std::fflush(file);
+    }
+    xdr_destroy(&x);
+    std::fclose(file);
+}
+
+template<class Value>
+void encodeFileQt(benchmark::State& state)
+{
+    const Folder folder;
+    FillFile<Value>(folder.path);
+    QFile file(QString::fromStdString(folder.path));
+    file.open(QIODevice::ReadWrite);
+    QDataStream stream(&file);
+    for (auto _ : state) {
+        file.seek(0);
+        WriteAll<Value>(stream);
+        file.flush();
+    }
+}
+
+template<class Value>
+void decodeFileQt(benchmark::State& state)
+{
+    const Folder folder;
+    FillFile<Value>(folder.path);
+    QFile file(QString::fromStdString(folder.path));
+    file.open(QIODevice::ReadOnly);
+    QDataStream stream(&file);
+    for (auto _ : state) {
+        file.seek(0);
+        ReadAll<Value>(stream);
+    }
+}
+
+// ---- text, in memory
+
+template<class Value>
+void writeTextOurs(benchmark::State& state)
+{
+    for (auto _ : state) {
+        const auto stream = NewMemory(ioSerializer::getAscii());
+        for (int i = 0; i < values; ++i) {
+            Value::Write(*stream, i);
+            stream->WriteByte(' ');
+        }
+    }
+}
+
+template<class Value>
+void writeTextStd(benchmark::State& state)
+{
+    for (auto _ : state) {
+        std::ostringstream stream;
+        for (int i = 0; i < values; ++i) {
+            Value::Write(stream, i);
+            stream.put(' ');
+        }
+        benchmark::DoNotOptimize(stream.rdbuf());
+    }
+}
+
+template<class Value>
+std::string Text()
+{
+    std::ostringstream stream;
+    for (int i = 0; i < values; ++i) {
+        Value::Write(stream, i);
+        stream.put(' ');
+    }
+    return stream.str();
+}
+
+template<class Value>
+void readTextOurs(benchmark::State& state)
+{
+    const std::string text = Text<Value>();
+    for (auto _ : state)
+        ReadAll<Value>(*Owned<ioStringStream>(ioStringStream::Create(text.c_str())));
+}
+
+template<class Value>
+void readTextStd(benchmark::State& state)
+{
+    const std::string text = Text<Value>();
+    for (auto _ : state) {
+        std::istringstream stream(text);
+        ReadAll<Value>(stream);
+    }
+}
+
+#define BENCH_XDR(Value, name)                                                                \
+    BENCHMARK(encodeMemoryOurs<Value>)->Name("streams/xdr_encode_memory_" name "/qelstd");    \
+    BENCHMARK(encodeMemoryXdr<Value>)->Name("streams/xdr_encode_memory_" name "/xdrmem");     \
+    BENCHMARK(decodeMemoryOurs<Value>)->Name("streams/xdr_decode_memory_" name "/qelstd");    \
+    BENCHMARK(decodeMemoryXdr<Value>)->Name("streams/xdr_decode_memory_" name "/xdrmem");     \
+    BENCHMARK(encodeFileOurs<Value>)->Name("streams/xdr_encode_file_" name "/qelstd");        \
+    BENCHMARK(fileXdr<Value, XDR_ENCODE>)->Name("streams/xdr_encode_file_" name "/xdrstdio"); \
+    BENCHMARK(encodeFileQt<Value>)->Name("streams/xdr_encode_file_" name "/QDataStream");     \
+    BENCHMARK(decodeFileOurs<Value>)->Name("streams/xdr_decode_file_" name "/qelstd");        \
+    BENCHMARK(fileXdr<Value, XDR_DECODE>)->Name("streams/xdr_decode_file_" name "/xdrstdio"); \
+    BENCHMARK(decodeFileQt<Value>)->Name("streams/xdr_decode_file_" name "/QDataStream")
+BENCH_XDR(Int, "int");
+BENCH_XDR(Real, "real");
+BENCH_XDR(String, "string20");
+
+#define BENCH_TEXT(Value, name)                                                \
+    BENCHMARK(writeTextOurs<Value>)->Name("streams/text_out_" name "/qelstd"); \
+    BENCHMARK(writeTextStd<Value>)->Name("streams/text_out_" name "/std");     \
+    BENCHMARK(readTextOurs<Value>)->Name("streams/text_in_" name "/qelstd");   \
+    BENCHMARK(readTextStd<Value>)->Name("streams/text_in_" name "/std")
+BENCH_TEXT(Int, "int");
+BENCH_TEXT(Real, "real");
+
+} // namespace
