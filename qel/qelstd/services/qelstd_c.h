@@ -1,0 +1,175 @@
+/* The framework for callers written in C: objects, strings, the current exception, and the standard sequences
+ * and dictionaries.
+ *
+ * Conventions
+ *
+ * 1. Errors. A function that fails answers the uninit marker of its result type and leaves what happened as
+ *    the current exception. The collection functions empty the slot of the current exception when they begin,
+ *    so that afterwards it tells about that call only: where a marker may also be a value, ask xisexc_c().
+ *    What an exception is, xgettypename_c tells; xprint_c prints it.
+ * 2. Ownership. Objects are counted. `create` gives the caller one reference; xrcattach_c takes another,
+ *    xrcrelease_c and xdelete_c give one back, and the last one given back frees the object. An exception of
+ * a class that is not countable (xisrcobj_c) is freed by xdelete_c alone. A __xstring_c that a function
+ *    returns or stores owns one reference to its text, given back with xstrunlock_c; what an out argument
+ * held before is overwritten, not given back. Arguments are only looked at: they stay the caller's.
+ * Descriptors live as long as the process.
+ * 3. Markers. xnullint, xuninitint and their kin (qelxobj_i.h) stand for "no value" and "never set". An
+ * object pointer may be null or xuninitobj wherever an object is asked for; so may the pointer to a
+ * collection, which then makes qellib::XNotInitialized current. A text pointer may be null, xnullstr or
+ * xuninitstr: these stand for the null string.
+ * 4. Casts. A collection and an exception are objects, and in C their pointers are cast: (xobject*)sequence.
+ *    A descriptor is not passed as an object. The functions do not check that a pointer is of the class that
+ *    they name.
+ * 5. Attach first. A function holds a reference of its own while it works: an object made elsewhere to which
+ *    nobody holds a reference yet goes when the function lets go.
+ * 6. Threads. The current exception is one for the process, without a lock: only one thread at a time uses
+ * the functions that report exceptions. A collection is used by one thread at a time. Counting is safe from
+ * any thread.
+ * 7. Other exceptions. What C++ code throws beside the framework's exceptions (no memory, above all) is not
+ *    caught: it passes through to C++ callers, and ends a program that has none.
+ *
+ * C99; the same functions serve C++. */
+#ifndef QEL_QELSTD_C_H
+#define QEL_QELSTD_C_H
+
+#include <qel/qelexport.h>
+#include <qel/qelxobj_i.h>
+
+#ifdef __cplusplus
+class xboolsequence;
+class xintsequence;
+class xrealsequence;
+class xstringsequence;
+class xbooldictionary;
+class xintdictionary;
+class xrealdictionary;
+class xstringdictionary;
+
+extern "C" {
+#else
+typedef struct xboolsequence xboolsequence;
+typedef struct xintsequence xintsequence;
+typedef struct xrealsequence xrealsequence;
+typedef struct xstringsequence xstringsequence;
+typedef struct xbooldictionary xbooldictionary;
+typedef struct xintdictionary xintdictionary;
+typedef struct xrealdictionary xrealdictionary;
+typedef struct xstringdictionary xstringdictionary;
+#endif
+
+/* ---- objects. `p` is null, xuninitobj or a live object; null and xuninitobj: nothing happens, and null (the
+ * null string) is answered, unless it says otherwise */
+
+QEL_API void xrcattach_c(xobject* p);
+QEL_API void xrcrelease_c(xobject* p);
+/* Whether the object's class is reference countable. Null, xuninitobj: 0. */
+QEL_API unsigned char xisrcobj_c(xobject* p);
+/* Gives the caller's reference back, or frees an object of a class that is not countable. */
+QEL_API void xdelete_c(xobject* p);
+/* The descriptor of the object's class. */
+QEL_API xrttiobject* xgetrtti_c(xobject* p);
+/* The registered name of the object's class. */
+QEL_API __xstring_c xgettypename_c(xobject* p);
+/* Whether the object's class has the name of `type`; is `type` or derives from it. Null: 1, xuninitobj: 0. */
+QEL_API unsigned char xisobjsameas_c(xobject* p, xrttiobject* type);
+QEL_API unsigned char xisobjkindof_c(xobject* p, xrttiobject* type);
+/* Writes the object and all that it holds to the standard output. Null: "nil", xuninitobj: "uninit". */
+QEL_API void xprint_c(xobject* p);
+/* The same to the standard error output. */
+QEL_API void qelDebugPrint(xobject* p);
+
+/* ---- strings */
+
+/* A string with a copy of `text`. */
+QEL_API __xstring_c xstrcreate_c(const char* text);
+/* The text in UTF-8, xnullstr for the null string. Valid while the caller holds his reference. A wide text
+ * that has no such form makes qellib::XNativeException current and answers xuninitstr; the current exception
+ * is left alone otherwise. */
+QEL_API const char* xstrgetmb_c(__xstring_c s);
+/* Takes one more reference to the text; gives one back. The null string: nothing. */
+QEL_API void xstrlock_c(__xstring_c s);
+QEL_API void xstrunlock_c(__xstring_c s);
+
+/* ---- the current exception */
+
+/* Makes `e` the current exception in place of what was there; the slot takes a reference of its own, or owns
+ * an exception of a class that is not countable. Null: empties the slot. */
+QEL_API void xsetexc_c(xthrowable* e);
+/* The current exception or null, with a reference for the caller if its class is countable. */
+QEL_API xthrowable* xgetexc_c(void);
+/* Whether there is a current exception. */
+QEL_API unsigned char xisexc_c(void);
+/* The current exception or null; the slot is empty afterwards, and the caller owns the exception. */
+QEL_API xthrowable* xextractexc_c(void);
+/* Empties the slot. */
+QEL_API void xcleanupexc_c(void);
+
+/* ---- sequences: xboolsequence_get, xintsequence_get, ...
+ *
+ * create        A new empty sequence with one reference, which is the caller's.
+ * getarraysize  The number of elements.
+ * get           The element. A bad index makes qellib::XNegativeIndex or qellib::XInvalidSeqIndex current.
+ * set           Assigns the element; an index past the end extends the sequence.
+ * insert        Inserts before the element at `index`; an index past the end extends the sequence first.
+ * insertseq     Inserts all elements of `other`, which may be `s` itself.
+ * removerange   Removes the elements from the lower index to before the higher, as far as there are any.
+ * getclassrtti_c  The descriptor of the class. */
+#define QEL_C_SEQUENCE(type, in, out)                               \
+    QEL_API type* type##_create(void);                              \
+    QEL_API int type##_getarraysize(type* s);                       \
+    QEL_API out type##_get(type* s, int index);                     \
+    QEL_API void type##_set(type* s, int index, in value);          \
+    QEL_API void type##_insert(type* s, int index, in value);       \
+    QEL_API void type##_insertseq(type* s, int index, type* other); \
+    QEL_API void type##_removerange(type* s, int from, int to);     \
+    QEL_API xrttiobject* type##_getclassrtti_c(void)
+
+QEL_C_SEQUENCE(xboolsequence, unsigned char, unsigned char);
+QEL_C_SEQUENCE(xintsequence, int, int);
+QEL_C_SEQUENCE(xrealsequence, double, double);
+QEL_C_SEQUENCE(xstringsequence, const char*, __xstring_c);
+
+/* ---- dictionaries: xbooldictionary_find, xintdictionary_find, ...
+ *
+ * Entries are also reached by slot, their place in the table, which may change with each new key and each
+ * removal. A walk over all entries asks the slots from 0 on for their keys. Slots past the table have none
+ * either; it is setbyindex and removebyindex that tell them from empty ones.
+ *
+ * create        A new empty dictionary with one reference, which is the caller's.
+ * find          Whether there is such a key. Stores its value.
+ * set           Assigns the value of the key, which is added if it is new.
+ * getbyindex    Whether the slot has an entry. Stores its value. A negative slot makes
+ *               qellib::XNegativeIndex current here and below.
+ * getkeybyindex The same with its key.
+ * setbyindex    Assigns the value of the slot's entry; none: nothing. A slot past the table makes
+ *               qellib::XInvalidDictIndex current, for removebyindex too.
+ * remove        Removes the entry of that key; none: nothing.
+ * removebyindex Removes the slot's entry; none: nothing.
+ * getclassrtti_c  The descriptor of the class.
+ *
+ * What find and getbyindex did not find leaves a number unchanged. A string is always stored: the null string
+ * when nothing was found or the call failed. Null out pointers are accepted. */
+#define QEL_C_DICTIONARY(type, in, out)                                              \
+    QEL_API type* type##_create(void);                                               \
+    QEL_API unsigned char type##_find(type* d, const char* key, out* value);         \
+    QEL_API void type##_set(type* d, const char* key, in value);                     \
+    QEL_API unsigned char type##_getbyindex(type* d, int slot, out* value);          \
+    QEL_API unsigned char type##_getkeybyindex(type* d, int slot, __xstring_c* key); \
+    QEL_API void type##_setbyindex(type* d, int slot, in value);                     \
+    QEL_API void type##_remove(type* d, const char* key);                            \
+    QEL_API void type##_removebyindex(type* d, int slot);                            \
+    QEL_API xrttiobject* type##_getclassrtti_c(void)
+
+QEL_C_DICTIONARY(xbooldictionary, unsigned char, unsigned char);
+QEL_C_DICTIONARY(xintdictionary, int, int);
+QEL_C_DICTIONARY(xrealdictionary, double, double);
+QEL_C_DICTIONARY(xstringdictionary, const char*, __xstring_c);
+
+#undef QEL_C_SEQUENCE
+#undef QEL_C_DICTIONARY
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

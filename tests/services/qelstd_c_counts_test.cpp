@@ -1,0 +1,249 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+
+#include <qel/qelexception.h>
+#include <qel/qelstd_c.h>
+#include <qel/qeltable.h>
+#include <qel/xdictionary.h>
+#include <qel/xportexception.h>
+#include <qel/xsequence.h>
+
+// What a C caller cannot see of the C interface: counts, what is destroyed when, and exceptions of others.
+
+namespace {
+
+/// A sequence whose operations do what they are told.
+class Watched : public xintsequence
+{
+public:
+    ~Watched() override { ++gone; }
+    int get(int index) override
+    {
+        countMeanwhile = xrcgetcount(this);
+        if (action != nullptr)
+            action();
+        return index;
+    }
+
+    int countMeanwhile = 0;
+    void (*action)() = nullptr;
+    static int gone;
+};
+int Watched::gone = 0;
+
+/// An exception that is not countable and tells when it goes.
+class Uncounted : public virtual xportXTimeout
+{
+public:
+    Uncounted() : xportXTimeout("waiting") { ++alive; }
+    ~Uncounted() override { --alive; }
+    static int alive;
+};
+int Uncounted::alive = 0;
+
+/// An exception that leaves another one in the slot when it goes.
+class Parting : public virtual qelXNull
+{
+public:
+    ~Parting() override
+    {
+        foundEmpty = !xisexc_c();
+        xsetexc_c(new qelXNotInitialized);
+    }
+    static bool foundEmpty;
+};
+bool Parting::foundEmpty = false;
+
+class CInterface : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        xcleanupexc_c();
+        Watched::gone = 0;
+        xrcattach(watched);
+    }
+    void TearDown() override
+    {
+        xcleanupexc_c();
+        EXPECT_EQ(xrcgetcount(watched), 1); // no call kept its reference
+        xrcrelease(watched);
+        EXPECT_EQ(Watched::gone, 1);
+        EXPECT_EQ(Uncounted::alive, 0);
+    }
+
+    Watched* const watched = new Watched;
+};
+
+std::string textOf(__xstring_c c)
+{
+    const xstring text(c);
+    xstrunlock_c(c);
+    return text == nullptr ? "(null)" : text.CastToCString();
+}
+
+/// The class of the current exception, which is taken out of the slot and freed.
+std::string takeCurrent()
+{
+    xthrowable* const taken = xextractexc_c();
+    const std::string type = textOf(xgettypename_c(taken));
+    xdelete_c(taken);
+    return type;
+}
+
+std::string printed(xobject* p)
+{
+    testing::internal::CaptureStdout();
+    xprint_c(p);
+    return testing::internal::GetCapturedStdout();
+}
+
+} // namespace
+
+TEST_F(CInterface, CreatesWithOneReferenceWhichIsTheCallers)
+{
+    xintsequence* const sequence = xintsequence_create();
+    EXPECT_EQ(xrcgetcount(sequence), 1);
+    xstringdictionary* const dictionary = xstringdictionary_create();
+    EXPECT_EQ(xrcgetcount(dictionary), 1);
+
+    const xrchandle<xstringdictionary> other(dictionary);
+    xdelete_c(dictionary);
+    EXPECT_EQ(xrcgetcount(dictionary), 1); // not freed: the handle holds it
+    xrcattach_c(sequence);
+    xrcrelease_c(sequence);
+    xrcrelease_c(sequence);
+}
+
+TEST_F(CInterface, HoldsAReferenceWhileItWorks)
+{
+    EXPECT_EQ(xintsequence_get(watched, 5), 5);
+    EXPECT_EQ(watched->countMeanwhile, 2);
+    EXPECT_EQ(xrcgetcount(watched), 1);
+
+    EXPECT_EQ(xisrcobj_c(watched), 1);
+    EXPECT_EQ(textOf(xgettypename_c(watched)), "intseq");
+    EXPECT_EQ(xrcgetcount(watched), 1);
+}
+
+TEST_F(CInterface, ReleasesAnObjectThatNobodyHoldsYet)
+{
+    xintsequence* const fresh = new Watched;
+    xrcrelease_c(fresh); // nothing to give back
+    EXPECT_EQ(xrcgetcount(fresh), 0);
+    xrcattach_c(fresh);
+    EXPECT_EQ(xrcgetcount(fresh), 1);
+    xdelete_c(fresh);
+    EXPECT_EQ(Watched::gone, 1);
+
+    EXPECT_EQ(xintsequence_get(new Watched, 3), 3);
+    EXPECT_EQ(Watched::gone, 2);
+    Watched::gone = 0;
+}
+
+TEST_F(CInterface, GivesTheSlotOneReferenceToAnException)
+{
+    watched->action = [] { qelXNegativeIndex::Throw(-9); };
+    EXPECT_EQ(xintsequence_get(watched, 0), xuninitint);
+    xthrowable* const current = xgetexc_c();
+    EXPECT_EQ(xrcgetcount(current), 2);
+    EXPECT_EQ(qelXNegativeIndex::cast(current)->getIndex(), -9);
+
+    xsetexc_c(current); // is current already
+    EXPECT_EQ(xrcgetcount(current), 2);
+    EXPECT_EQ(xextractexc_c(), current);
+    EXPECT_EQ(xrcgetcount(current), 2);
+    xrcrelease_c(current);
+    xrcrelease_c(current);
+}
+
+TEST_F(CInterface, OwnsAnExceptionThatIsNotCountable)
+{
+    watched->action = [] { qelThrowNew<Uncounted>(); };
+    EXPECT_EQ(xintsequence_get(watched, 0), xuninitint);
+    EXPECT_EQ(Uncounted::alive, 1);
+    EXPECT_EQ(xgetexc_c(), xgetexc_c());
+    EXPECT_EQ(textOf(xgettypename_c(xgetexc_c())), "qeljava::XTimeout");
+
+    EXPECT_EQ(xintsequence_getarraysize(watched), 0); // clears the slot
+    EXPECT_EQ(Uncounted::alive, 0);
+
+    xintsequence_get(watched, 0);
+    xthrowable* const taken = xextractexc_c();
+    EXPECT_EQ(xisrcobj_c(taken), 0);
+    xcleanupexc_c();
+    xrcrelease_c(taken);
+    EXPECT_EQ(Uncounted::alive, 1);
+    xdelete_c(taken);
+    EXPECT_EQ(Uncounted::alive, 0);
+}
+
+TEST_F(CInterface, LetsForeignExceptionsThroughAndKeepsNothing)
+{
+    watched->action = [] { throw std::runtime_error("foreign"); };
+    EXPECT_THROW(xintsequence_get(watched, 0), std::runtime_error);
+    EXPECT_FALSE(xisexc_c());
+    EXPECT_EQ(xrcgetcount(watched), 1);
+
+    EXPECT_THROW(xintsequence_set(watched, 0x7fffffff, 1), std::length_error);
+    EXPECT_EQ(xrcgetcount(watched), 1);
+    EXPECT_EQ(xintsequence_getarraysize(watched), 0);
+}
+
+TEST_F(CInterface, EmptiesTheSlotBeforeItReleases)
+{
+    xsetexc_c(new Parting);
+    xcleanupexc_c();
+    EXPECT_TRUE(Parting::foundEmpty);
+    EXPECT_EQ(takeCurrent(), "qellib::XNotInitialized");
+
+    xsetexc_c(new Parting);
+    xthrowable* const next = new qelXNull;
+    xsetexc_c(next);
+    EXPECT_EQ(xextractexc_c(), next);
+    xrcrelease_c(next);
+}
+
+TEST_F(CInterface, ProducesTheMultibyteFormForAsLongAsTheTextLives)
+{
+    const unsigned short wide[] = {'h', 0xe9, 0};
+    const __xstring_c text = xstring(wide).getxstring_c();
+    ASSERT_EQ(text.mb, nullptr);
+    EXPECT_STREQ(xstrgetmb_c(text), "h\xc3\xa9");
+    EXPECT_EQ(xstrgetmb_c(text), xstrgetmb_c(text));
+    xstrunlock_c(text);
+
+    const unsigned short broken[] = {0xd800, 0};
+    const __xstring_c none = xstring(broken).getxstring_c();
+    EXPECT_EQ(xstrgetmb_c(none), xuninitstr);
+    EXPECT_EQ(takeCurrent(), "qellib::XNativeException");
+    xstrunlock_c(none);
+}
+
+TEST_F(CInterface, PrintsMarkersAndValues)
+{
+    EXPECT_EQ(printed(nullptr), "nil");
+    EXPECT_EQ(printed(xuninitobj), "uninit");
+
+    const xrchandle<xintsequence> sequence(xintsequence::create());
+    sequence->append(5);
+    sequence->append(7);
+    EXPECT_EQ(printed(sequence.get()), "intseq\n[\n  0 : 5\n  1 : 7\n]");
+    EXPECT_EQ(xrcgetcount(sequence.get()), 1);
+}
+
+TEST_F(CInterface, KeepsWhatAnOutArgumentHeldWhenTheOperationFails)
+{
+    const xrchandle<xrealdictionary> dictionary(xrealdictionary::create());
+    double number = 1.5;
+    EXPECT_EQ(xrealdictionary_getbyindex(dictionary.get(), -1, &number), xuninitbool);
+    EXPECT_EQ(number, 1.5);
+
+    // The exception holds the dictionary until the next call.
+    xrealdictionary_removebyindex(dictionary.get(), 0);
+    EXPECT_EQ(xrcgetcount(dictionary.get()), 2);
+    xrealdictionary_find(dictionary.get(), "x", &number);
+    EXPECT_EQ(xrcgetcount(dictionary.get()), 1);
+}
