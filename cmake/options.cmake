@@ -9,8 +9,8 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   target_compile_options(qel_options INTERFACE -Wno-restrict)
 endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-  # The names that the interface fixes (`__xany_c`, `_Abort`) are its own.
-  target_compile_options(qel_options INTERFACE -Wno-reserved-identifier)
+  # The names that the interface fixes (`__xany_c`, `_Abort`) are its own. -Wconversion asks what it asks of GCC.
+  target_compile_options(qel_options INTERFACE -Wno-reserved-identifier -Wno-sign-conversion)
 endif()
 if(QELSTD_WERROR)
   target_compile_options(qel_options INTERFACE -Werror)

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include <qel/base/btkabort.h>
 #include <qel/platform/lasterror.h>
 
 #include "fserror_p.h"
@@ -146,6 +147,8 @@ void fsRaise(fsErrorCode code, const char* function, const char* path)
     for (const ErrorRow& row : errors)
         if (row.code == code && row.raise != nullptr)
             row.raise(path, row.text, new (pDefMemMgr) qelXFunc(function));
+    if (code == fsOther)
+        QEL_ABORT("The table has no row to raise.");
     fsRaise(fsOther, function, path);
 }
 
