@@ -121,14 +121,14 @@ btkStrBuf* btkStrBuf::Get(C** text)
         *text = first<C>();
         return this;
     }
-    Produced* form = other.load(std::memory_order_acquire);
+    Produced* form = other.GetAcquire();
     if (form == nullptr) {
         Produced* const made = produce<C>();
         if (made == nullptr)
             return nullptr;
         // Another holder may have been faster: then its form counts, because it may be in use already.
-        if (other.compare_exchange_strong(form, made, std::memory_order_acq_rel, std::memory_order_acquire))
-            form = made, limit.store(0, std::memory_order_relaxed);
+        if (other.ReplaceOrdered(form, made))
+            form = made, limit.Set(0);
         else
             std::free(made);
     }
@@ -145,7 +145,7 @@ btkStrBuf* btkStrBuf::grow(std::size_t size)
     void* const moved = requireMemory(std::realloc(static_cast<void*>(this), block));
     btkStrBuf* const buffer = static_cast<btkStrBuf*>(moved);
     buffer->capacity = roomIn(block) & 0x7FFFFFFFu;
-    if (buffer->other.load(std::memory_order_relaxed) == nullptr)
+    if (buffer->other.Get() == nullptr)
         buffer->setLimit();
     return buffer;
 }
@@ -153,7 +153,7 @@ btkStrBuf* btkStrBuf::grow(std::size_t size)
 template<typename C>
 btkStrBuf* btkStrBuf::Resize(std::size_t size, C** text, bool keep)
 {
-    if (isWide == wideForm<C> && references.load(std::memory_order_acquire) == 1) {
+    if (isWide == wideForm<C> && references.GetAcquire() == 1) {
         if (size <= capacity) {
             *text = first<C>();
             return this;
@@ -199,8 +199,8 @@ void btkStrBuf::Commit(std::size_t newLength)
 
 void btkStrBuf::dropOther()
 {
-    if (other.load(std::memory_order_relaxed) != nullptr) {
-        std::free(other.exchange(nullptr, std::memory_order_relaxed));
+    if (other.Get() != nullptr) {
+        std::free(other.Exchange(nullptr));
         setLimit();
     }
 }
@@ -208,8 +208,8 @@ void btkStrBuf::dropOther()
 template<typename C>
 bool btkStrBuf::AppendInPlace(const C* text, std::size_t size)
 {
-    if (references.load(std::memory_order_acquire) != 1 || isWide != wideForm<C> ||
-        other.load(std::memory_order_relaxed) != nullptr || size >= capacity / sizeof(C) - length)
+    if (references.GetAcquire() != 1 || isWide != wideForm<C> || other.Get() != nullptr ||
+        size >= capacity / sizeof(C) - length)
         return false;
     setLimit();
     copyText(first<C>() + length, text, size);
@@ -219,7 +219,7 @@ bool btkStrBuf::AppendInPlace(const C* text, std::size_t size)
 
 void btkStrBuf::destroy()
 {
-    if (Produced* const form = other.load(std::memory_order_acquire))
+    if (Produced* const form = other.GetAcquire())
         std::free(form);
     std::free(static_cast<void*>(this));
 }
@@ -227,7 +227,7 @@ void btkStrBuf::destroy()
 void btkStrBuf::Lock(char** mb, unsigned short** wide)
 {
     Lock();
-    Produced* const form = other.load(std::memory_order_acquire);
+    Produced* const form = other.GetAcquire();
     if (mb != nullptr)
         *mb = !isWide ? first<char>() : form != nullptr ? textOf<char>(form) : nullptr;
     if (wide != nullptr)

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
+#include <qel/base/btkatomic.h>
 #include <qel/base/thrthreading.h>
 
 /// A shared text in multibyte form (UTF-8), in wide form (UTF-16), or in both. It begins in one form; the
@@ -72,7 +72,7 @@ public:
     template<typename C>
     std::size_t GetLength() const
     {
-        return isWide == wideForm<C> ? length : other.load(std::memory_order_acquire)->length;
+        return isWide == wideForm<C> ? length : other.GetAcquire()->length;
     }
     std::size_t GetMBLength() const { return GetLength<char>(); }
     std::size_t GetWCLength() const { return GetLength<unsigned short>(); }
@@ -80,11 +80,11 @@ public:
     /// Takes one more reference.
     void Lock()
     {
-        limit.store(0, std::memory_order_relaxed);
+        limit.Set(0);
         if (thrIsThreaded())
-            references.fetch_add(1, std::memory_order_relaxed);
+            references.Add(1);
         else
-            references.store(references.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+            references.Set(references.Get() + 1);
     }
 
     /// Takes one more reference and stores the places of the forms, null for one that has not been produced.
@@ -95,7 +95,7 @@ public:
     void Unlock()
     {
         // With one reference left nobody else can take another: no need to write the count.
-        if (references.load(std::memory_order_acquire) == 1 || dropReference() == 1)
+        if (references.GetAcquire() == 1 || dropReference() == 1)
             destroy();
     }
 
@@ -104,7 +104,7 @@ public:
     bool AppendInPlace(char c)
     {
         const std::uint32_t end = length;
-        if (end >= limit.load(std::memory_order_relaxed))
+        if (end >= limit.Get())
             return false;
         char* const place = reinterpret_cast<char*>(this + 1) + end;
         place[0] = c;
@@ -129,14 +129,14 @@ private:
     int dropReference()
     {
         if (thrIsThreaded())
-            return references.fetch_sub(1, std::memory_order_acq_rel);
-        const int before = references.load(std::memory_order_relaxed);
-        references.store(before - 1, std::memory_order_relaxed);
+            return references.SubtractOrdered(1);
+        const int before = references.Get();
+        references.Set(before - 1);
         return before;
     }
     void destroy();
     void dropOther();
-    void setLimit() { limit.store(isWide ? 0 : capacity - 1, std::memory_order_relaxed); }
+    void setLimit() { limit.Set(isWide ? 0 : capacity - 1); }
     btkStrBuf* grow(std::size_t size);
 
     template<typename C>
@@ -149,13 +149,13 @@ private:
     template<typename C>
     Produced* produce();
 
-    std::atomic<int> references = 1;
+    btkAtomic<int> references = 1;
     std::uint32_t isWide : 1;    // the form that the buffer began with, whose text follows this object
     std::uint32_t capacity : 31; // bytes of that text, terminator included
     std::uint32_t length = 0;    // of that text
     // What a multibyte text may grow to in place: 0 while it is shared, or has another form. Set when one
     // holder is left and writes; whoever shares the buffer clears it, so a single byte is appended with one
     // comparison.
-    std::atomic<std::uint32_t> limit;
-    std::atomic<Produced*> other = nullptr;
+    btkAtomic<std::uint32_t> limit = 0;
+    btkAtomic<Produced*> other = nullptr;
 };

@@ -1,4 +1,5 @@
 #include "qelexception.h"
+#include "qels11n.h"
 #include "qeltable.h"
 #include "registrars_p.h"
 
@@ -7,5 +8,5 @@ qelRttiRegister_qellib::qelRttiRegister_qellib()
     qelRegister<qelXException, qelXArgs, qelXFunc, qelXExternFunc, qelXNull, qelXTypeMismatch,
                 qelXInvalidArrayIndex, qelXInvalidSeqIndex, qelXInvalidDictIndex, qelXInvalidDictKey,
                 qelXNegativeIndex, qelXNotInitialized, qelXRefCountable, qelXNativeException,
-                qelXConnectionClosed, qelXS11nException, qelXSoapFault>();
+                qelXConnectionClosed, qelXS11nException, qelXSoapFault, qelS11nContextSensitive>();
 }

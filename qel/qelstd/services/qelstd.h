@@ -1,11 +1,13 @@
 #pragma once
 
-// The whole public interface of the core. One header per library exists too; a source that defines classes of
-// its own adds <qel/qeltable.h>, and C programs use <qel/qelstd_c.h>.
+// The whole public interface. Each library has headers of its own, too; a source that defines classes adds
+// <qel/qeltable.h>, and C programs use <qel/qelstd_c.h>.
 
+// ---- the core
 #include <qel/qelexception.h>
 #include <qel/qelprint.h>
 #include <qel/qelrtti.h>
+#include <qel/qels11n.h>
 #include <qel/qeltraverse.h>
 #include <qel/qelversion.h>
 #include <qel/xany.h>
@@ -17,3 +19,9 @@
 #include <qel/xrttiattrseq.h>
 #include <qel/xsequence.h>
 #include <qel/xstring.h>
+
+// ---- the service libraries
+#include <qel/evteventarray.h>
+#include <qel/syslib.h>
+#include <qel/tmtime.h>
+#include <qel/xiolib.h>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <concepts>
+#include <type_traits>
 
 #include <qel/xobject.h>
 #include <qel/xstring.h>
@@ -30,11 +30,8 @@ public:
     xany(int v, xrttienum* type);
     /// xnullbool: null. xuninitbool: uninit. Other bytes are kept as given.
     xany(unsigned char v) { setBool(v); }
-    template<std::same_as<bool> B>
-    xany(B v)
-    {
-        setBool(v ? 1 : 0);
-    }
+    template<class B>
+    requires std::is_same_v<B, bool> xany(B v) { setBool(v ? 1 : 0); }
     /// xnullreal: null. xuninitreal: uninit.
     xany(double v) { setReal(v); }
     /// The null string: null. Shares the buffer.

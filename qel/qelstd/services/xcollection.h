@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <type_traits>
 
 #include <qel/xany.h>
@@ -17,6 +18,12 @@ template<>
 inline constexpr bool qelIsMovedByBits<xstring> = true;
 template<>
 inline constexpr bool qelIsMovedByBits<xany> = true;
+
+/// Whether `a` lies below `b`, which may point into another block.
+inline bool qelIsBelow(const void* a, const void* b)
+{
+    return reinterpret_cast<std::uintptr_t>(a) < reinterpret_cast<std::uintptr_t>(b);
+}
 
 [[noreturn]] QEL_API void qelhThrowInvalidSeqIndex(xobject* obj, int index);
 [[noreturn]] QEL_API void qelhThrowInvalidDictIndex(xobject* obj, int index);

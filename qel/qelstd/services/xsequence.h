@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -366,7 +365,7 @@ void xtcsequence<T>::copy(T* to, const T* from, std::size_t n)
     if constexpr (qelIsMovedByBits<T>)
         if (shift(to, const_cast<T*>(from), n))
             return;
-    if (std::less<const T*>()(to, from)) {
+    if (qelIsBelow(to, from)) {
         for (std::size_t i = 0; i < n; ++i)
             to[i] = from[i];
     } else {
@@ -380,10 +379,10 @@ void xtcsequence<T>::copy(T* to, const T* from, std::size_t n)
 template<class T>
 bool xtcsequence<T>::shift(T* to, T* from, std::size_t n)
 {
-    const bool up = std::less<T*>()(from, to);
+    const bool up = qelIsBelow(from, to);
     T* const low = up ? from : to;
     T* const high = up ? to : from;
-    if (!std::less<T*>()(high, low + n))
+    if (!qelIsBelow(high, low + n))
         return false;
     const auto distance = static_cast<std::size_t>(high - low);
 
