@@ -1,3 +1,4 @@
+/* clang-format off */
 /* The framework for callers written in C: objects, strings, the current exception, and the standard sequences
  * and dictionaries.
  *
@@ -9,26 +10,27 @@
  *    What an exception is, xgettypename_c tells; xprint_c prints it.
  * 2. Ownership. Objects are counted. `create` gives the caller one reference; xrcattach_c takes another,
  *    xrcrelease_c and xdelete_c give one back, and the last one given back frees the object. An exception of
- * a class that is not countable (xisrcobj_c) is freed by xdelete_c alone. A __xstring_c that a function
+ *    a class that is not countable (xisrcobj_c) is freed by xdelete_c alone. A __xstring_c that a function
  *    returns or stores owns one reference to its text, given back with xstrunlock_c; what an out argument
- * held before is overwritten, not given back. Arguments are only looked at: they stay the caller's.
- * Descriptors live as long as the process.
+ *    held before is overwritten, not given back. Arguments are only looked at: they stay the caller's.
+ *    Descriptors live as long as the process.
  * 3. Markers. xnullint, xuninitint and their kin (qelxobj_i.h) stand for "no value" and "never set". An
- * object pointer may be null or xuninitobj wherever an object is asked for; so may the pointer to a
- * collection, which then makes qellib::XNotInitialized current. A text pointer may be null, xnullstr or
- * xuninitstr: these stand for the null string.
+ *    object pointer may be null or xuninitobj wherever an object is asked for; so may the pointer to a
+ *    collection, which then makes qellib::XNotInitialized current. A text pointer may be null, xnullstr or
+ *    xuninitstr: these stand for the null string.
  * 4. Casts. A collection and an exception are objects, and in C their pointers are cast: (xobject*)sequence.
  *    A descriptor is not passed as an object. The functions do not check that a pointer is of the class that
  *    they name.
  * 5. Attach first. A function holds a reference of its own while it works: an object made elsewhere to which
  *    nobody holds a reference yet goes when the function lets go.
  * 6. Threads. The current exception is one for the process, without a lock: only one thread at a time uses
- * the functions that report exceptions. A collection is used by one thread at a time. Counting is safe from
- * any thread.
+ *    the functions that report exceptions. A collection is used by one thread at a time. Counting is safe from
+ *    any thread.
  * 7. Other exceptions. What C++ code throws beside the framework's exceptions (no memory, above all) is not
  *    caught: it passes through to C++ callers, and ends a program that has none.
  *
  * C99; the same functions serve C++. */
+/* clang-format on */
 #ifndef QEL_QELSTD_C_H
 #define QEL_QELSTD_C_H
 
