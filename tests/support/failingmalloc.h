@@ -1,0 +1,114 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+// Memory that runs out on demand. Included by the one source of a test program: it replaces the allocation
+// functions of the whole process.
+
+namespace failing {
+
+/// Allocations until one fails; negative: none will. After the first failure `forEver` says whether the rest
+/// fails too.
+inline long countdown = -1;
+inline bool forEver = false;
+inline bool reached = false; // since the last Failing began
+/// Allocations that have not been given back.
+inline long live = 0;
+
+inline bool fails()
+{
+    if (countdown < 0)
+        return false;
+    if (countdown > 0) {
+        --countdown;
+        return false;
+    }
+    if (!forEver)
+        countdown = -1;
+    reached = true;
+    return true;
+}
+
+/// Lets the allocation fail that comes after `after` others, until it goes.
+class Failing
+{
+public:
+    Failing(long after, bool ever)
+    {
+        forEver = ever;
+        reached = false;
+        countdown = after;
+    }
+    ~Failing() { stop(); }
+    /// Whether the failing allocation was reached.
+    static bool happened() { return reached; }
+    static void stop() { countdown = -1; }
+};
+
+} // namespace failing
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+
+// The sanitizers own malloc: here only what C++ allocates runs out, and they do the counting.
+
+void* operator new(std::size_t size)
+{
+    if (failing::fails())
+        throw std::bad_alloc();
+    if (void* const p = std::malloc(size))
+        return p;
+    throw std::bad_alloc();
+}
+
+void operator delete(void* p) noexcept
+{
+    std::free(p);
+}
+
+void operator delete(void* p, std::size_t) noexcept
+{
+    std::free(p);
+}
+
+#else
+
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* p, std::size_t size);
+void __libc_free(void* p);
+
+void* malloc(std::size_t size)
+{
+    if (failing::fails())
+        return nullptr;
+    ++failing::live;
+    return __libc_malloc(size);
+}
+
+void* calloc(std::size_t count, std::size_t size)
+{
+    if (failing::fails())
+        return nullptr;
+    ++failing::live;
+    return __libc_calloc(count, size);
+}
+
+void* realloc(void* p, std::size_t size)
+{
+    if (failing::fails())
+        return nullptr;
+    failing::live += p == nullptr;
+    return __libc_realloc(p, size);
+}
+
+void free(void* p)
+{
+    failing::live -= p != nullptr;
+    __libc_free(p);
+}
+}
+
+#endif
