@@ -12,16 +12,23 @@
 
 namespace {
 
-// Descriptors live as long as the process; the tests make theirs the same way.
+// Descriptors live as long as the process; so do those of the tests, where the leak check finds them.
+template<class T>
+T* kept(T* p)
+{
+    static auto* const all = new std::vector<const void*>;
+    all->push_back(p);
+    return p;
+}
 
 xrttistruct* makeStruct(const char* name, std::vector<xrttiobject*> parents,
                         std::vector<const char*> attrNames)
 {
-    auto* const parentBlock = new std::vector<xrttiobject*>(std::move(parents));
-    auto* const attrs = new std::vector<xrttiattr*>;
+    auto* const parentBlock = kept(new std::vector<xrttiobject*>(std::move(parents)));
+    auto* const attrs = kept(new std::vector<xrttiattr*>);
     for (const char* attrName : attrNames)
         attrs->push_back(new xrttiattr(attrName, qelGetRtti_int(), 0, [](xobject*) { return xany(1); }));
-    auto* const type = new xrttistruct;
+    auto* const type = kept(new xrttistruct);
     type->initialize(name, 1, static_cast<int>(parentBlock->size()), parentBlock->data(),
                      static_cast<int>(attrs->size()), attrs->data());
     return type;
@@ -124,7 +131,7 @@ TEST(Descriptors, OfArraysReadBothFormsOfIndices)
 {
     constexpr int rank = 12;
     static int extents[rank] = {2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 3};
-    auto* const type = new xrttiarray;
+    auto* const type = kept(new xrttiarray);
     type->initialize("test::Deep", 1, rank, extents, qelGetRtti_int(), 0, [](xobject*, int* indices) {
         int value = 0;
         for (int i = 0; i < rank; ++i)
@@ -151,12 +158,12 @@ TEST(Descriptors, OfUnionsMapLabelsToMembers)
     static xrttiattr* const other = new xrttiattr("Other", qelGetRtti_int(), 0, nullptr);
     static int labels[] = {1, 2};
     static int moreLabels[] = {xnullint};
-    auto* const open = new xrttiunion;
+    auto* const open = kept(new xrttiunion);
     open->initialize("test::Open", 1, 0, nullptr, members[0], 2, labels, members, other);
-    auto* const closed = new xrttiunion;
+    auto* const closed = kept(new xrttiunion);
     closed->initialize("test::Closed", 1, 0, nullptr, members[0], 1, moreLabels, members, nullptr);
     static xrttiobject* parents[] = {open};
-    auto* const derived = new xrttiunion;
+    auto* const derived = kept(new xrttiunion);
     derived->initialize("test::DerivedUnion", 1, 1, parents, members[0], 1, moreLabels, members, nullptr);
 
     EXPECT_EQ(open->mapLabelToAttr(2, 0), members[1]);
