@@ -51,9 +51,12 @@ public:
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 
-// The sanitizers own malloc: here only what C++ allocates runs out, and they do the counting.
+// The sanitizers own malloc: here only what operator new gives runs out, and they do the counting.
+namespace failing {
+constexpr bool ofMalloc = false;
+}
 
-void* operator new(std::size_t size)
+[[gnu::noinline]] void* operator new(std::size_t size)
 {
     if (failing::fails())
         throw std::bad_alloc();
@@ -62,17 +65,21 @@ void* operator new(std::size_t size)
     throw std::bad_alloc();
 }
 
-void operator delete(void* p) noexcept
+[[gnu::noinline]] void operator delete(void* p) noexcept
 {
     std::free(p);
 }
 
-void operator delete(void* p, std::size_t) noexcept
+[[gnu::noinline]] void operator delete(void* p, std::size_t) noexcept
 {
     std::free(p);
 }
 
 #else
+
+namespace failing {
+constexpr bool ofMalloc = true;
+}
 
 extern "C" {
 void* __libc_malloc(std::size_t size);
