@@ -9,11 +9,11 @@ trap 'rm -rf "$work"' EXIT
 prefix=$work/elsewhere
 unset DESTDIR
 
-expect_version() # COMMAND...: it must print the version that the library was built as
+expect() # TEXT COMMAND...: the command must print the text
 {
     local printed
-    printed=$("$@")
-    [[ $printed == "$version" ]] || { echo "$*: printed '$printed', not '$version'"; exit 1; }
+    printed=$("${@:2}")
+    [[ $printed == "$1" ]] || { echo "${*:2}: printed '$printed', not '$1'"; exit 1; }
 }
 
 version=$(sed -n 's/^project(qelstd VERSION \([0-9.]*\).*/\1/p' "$source/CMakeLists.txt")
@@ -31,22 +31,24 @@ done
 echo "== find_package, installed"
 "$cmake" -S "$consumer" -B "$work/installed" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
 "$cmake" --build "$work/installed" >/dev/null
-expect_version "$work/installed/consumer"
+expect "$version" "$work/installed/consumer"
+expect "from C" "$work/installed/consumer_c"
 
 echo "== find_package, from the build tree"
 "$cmake" -S "$consumer" -B "$work/built" -Dqelstd_DIR="$build" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
 "$cmake" --build "$work/built" >/dev/null
-expect_version "$work/built/consumer"
+expect "$version" "$work/built/consumer"
+expect "from C" "$work/built/consumer_c"
 
 echo "== pkg-config, installed"
 export PKG_CONFIG_PATH=$libraries/pkgconfig
-[[ $("$pkg_config" --modversion qelstd) == "$version" ]]
+expect "$version" "$pkg_config" --modversion qelstd
 read -ra flags < <("$pkg_config" --cflags --libs qelstd)
 "$cxx" -std=c++20 "$consumer/consumer.cpp" -o "$work/consumer" "${flags[@]}"
-expect_version env LD_LIBRARY_PATH="$libraries" "$work/consumer"
+expect "$version" env LD_LIBRARY_PATH="$libraries" "$work/consumer"
 
 echo "== the libraries alone, without what the tests need"
-"$cmake" -S "$source" -B "$work/alone" -DQELSTD_BUILD_TESTS=OFF -DQELSTD_BUILD_TOOLS=OFF \
+"$cmake" -S "$source" -B "$work/alone" --no-warn-unused-cli -DQELSTD_BUILD_TESTS=OFF -DQELSTD_BUILD_TOOLS=OFF \
     -DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON -DCMAKE_DISABLE_FIND_PACKAGE_Python3=ON \
     -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
 echo "all of them work"

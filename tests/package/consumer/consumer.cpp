@@ -1,6 +1,6 @@
 #include <cstdio>
 
-#include <qel/qelversion.h>
+#include <qel/qelstd.h>
 
 int main()
 {
