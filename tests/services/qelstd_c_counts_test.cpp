@@ -50,11 +50,13 @@ public:
     ~Parting() override
     {
         foundEmpty = !xisexc_c();
-        xsetexc_c(new qelXNotInitialized);
+        xsetexc_c(left.get());
     }
     static bool foundEmpty;
+    static xrchandle<xthrowable> left;
 };
 bool Parting::foundEmpty = false;
+xrchandle<xthrowable> Parting::left(new qelXNotInitialized);
 
 class CInterface : public testing::Test
 {
@@ -88,7 +90,7 @@ std::string textOf(__xstring_c c)
 std::string takeCurrent()
 {
     xthrowable* const taken = xextractexc_c();
-    const std::string type = textOf(xgettypename_c(taken));
+    std::string type = textOf(xgettypename_c(taken));
     xdelete_c(taken);
     return type;
 }

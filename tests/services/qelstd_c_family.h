@@ -21,7 +21,7 @@ static void GLUE(FAMILY, SequenceKeepsElements)(void)
     SEQUENCE* const other = SEQ(_create)();
     xobject* const object = (xobject*)s;
     CHECK(!xisexc_c());
-    CHECK(IS_TEXT(xgettypename_c(object), SEQUENCE_NAME));
+    CHECK(isText(xgettypename_c(object), SEQUENCE_NAME));
     CHECK(xgetrtti_c(object) == SEQ(_getclassrtti_c)());
     CHECK(xisobjsameas_c(object, SEQ(_getclassrtti_c)()) == 1);
     CHECK(xisobjkindof_c(object, DICT(_getclassrtti_c)()) == 0);
@@ -53,21 +53,15 @@ static void GLUE(FAMILY, SequenceReportsErrors)(void)
     SEQUENCE* const s = SEQ(_create)();
     SEQ(_set)(s, 2, FIRST);
 
-    CHECK(IS_UNINIT(SEQ(_get)(s, 5)));
-    CHECK(CURRENT_IS("qellib::XInvalidSeqIndex"));
-    CHECK(IS_UNINIT(SEQ(_get)(s, -1)));
-    CHECK(CURRENT_IS("qellib::XNegativeIndex"));
+    FAILS("XInvalidSeqIndex", CHECK(IS_UNINIT(SEQ(_get)(s, 5))));
+    FAILS("XNegativeIndex", CHECK(IS_UNINIT(SEQ(_get)(s, -1))));
     CHECK(SEQ(_getarraysize)(s) == 3);
     CHECK(!xisexc_c()); /* the slot tells about the last call only */
 
-    SEQ(_set)(s, -1, FIRST);
-    CHECK(CURRENT_IS("qellib::XNegativeIndex"));
-    SEQ(_insert)(s, -2, FIRST);
-    CHECK(CURRENT_IS("qellib::XNegativeIndex"));
-    SEQ(_insertseq)(s, -3, s);
-    CHECK(CURRENT_IS("qellib::XNegativeIndex"));
-    SEQ(_removerange)(s, 0, -4);
-    CHECK(CURRENT_IS("qellib::XNegativeIndex"));
+    FAILS("XNegativeIndex", SEQ(_set)(s, -1, FIRST));
+    FAILS("XNegativeIndex", SEQ(_insert)(s, -2, FIRST));
+    FAILS("XNegativeIndex", SEQ(_insertseq)(s, -3, s));
+    FAILS("XNegativeIndex", SEQ(_removerange)(s, 0, -4));
     CHECK(SEQ(_getarraysize)(s) == 3);
 
     xrcrelease_c((xobject*)s);
@@ -79,21 +73,13 @@ static void GLUE(FAMILY, SequenceRefusesMarkers)(void)
     SEQUENCE* const s = SEQ(_create)();
     for (int i = 0; i < 2; ++i) {
         SEQUENCE* const marker = markers[i];
-        xcleanupexc_c();
-        CHECK(SEQ(_getarraysize)(marker) == xuninitint);
-        CHECK(CURRENT_IS("qellib::XNotInitialized"));
-        CHECK(IS_UNINIT(SEQ(_get)(marker, 0)));
-        CHECK(CURRENT_IS("qellib::XNotInitialized"));
-        SEQ(_set)(marker, 0, FIRST);
-        CHECK(CURRENT_IS("qellib::XNotInitialized"));
-        SEQ(_insert)(marker, 0, FIRST);
-        CHECK(CURRENT_IS("qellib::XNotInitialized"));
-        SEQ(_insertseq)(marker, 0, s);
-        CHECK(CURRENT_IS("qellib::XNotInitialized"));
-        SEQ(_insertseq)(s, 0, marker);
-        CHECK(CURRENT_IS("qellib::XNotInitialized"));
-        SEQ(_removerange)(marker, 0, 1);
-        CHECK(CURRENT_IS("qellib::XNotInitialized"));
+        FAILS("XNotInitialized", CHECK(SEQ(_getarraysize)(marker) == xuninitint));
+        FAILS("XNotInitialized", CHECK(IS_UNINIT(SEQ(_get)(marker, 0))));
+        FAILS("XNotInitialized", SEQ(_set)(marker, 0, FIRST));
+        FAILS("XNotInitialized", SEQ(_insert)(marker, 0, FIRST));
+        FAILS("XNotInitialized", SEQ(_insertseq)(marker, 0, s));
+        FAILS("XNotInitialized", SEQ(_insertseq)(s, 0, marker));
+        FAILS("XNotInitialized", SEQ(_removerange)(marker, 0, 1));
     }
     xrcrelease_c((xobject*)s);
 }
@@ -102,7 +88,7 @@ static void GLUE(FAMILY, DictionaryKeepsElements)(void)
 {
     DICTIONARY* const d = DICT(_create)();
     RESULT value = BLANK;
-    CHECK(IS_TEXT(xgettypename_c((xobject*)d), DICTIONARY_NAME));
+    CHECK(isText(xgettypename_c((xobject*)d), DICTIONARY_NAME));
     CHECK(xgetrtti_c((xobject*)d) == DICT(_getclassrtti_c)());
 
     DICT(_set)(d, "one", SECOND);
@@ -139,12 +125,12 @@ static void GLUE(FAMILY, DictionaryIsWalkedBySlots)(void)
         const unsigned char found = DICT(_getkeybyindex)(d, slot, &key);
         CHECK(DICT(_getbyindex)(d, slot, &value) == found);
         if (found) {
-            CHECK(IS_TEXT(key, "the key"));
+            CHECK(isText(key, "the key"));
             CHECK(IS(value, FIRST));
             occupied = slot;
             ++entries;
         } else {
-            CHECK(IS_TEXT(key, NULL));
+            CHECK(isText(key, NULL));
             CHECK(IS_MISS(value));
         }
     }
@@ -172,40 +158,28 @@ static void GLUE(FAMILY, DictionaryReportsErrors)(void)
     RESULT value = BLANK;
     DICT(_set)(d, "key", FIRST);
 
-    CHECK(DICT(_getbyindex)(d, -1, &value) == xuninitbool);
-    CHECK(CURRENT_IS("qellib::XNegativeIndex"));
+    FAILS("XNegativeIndex", CHECK(DICT(_getbyindex)(d, -1, &value) == xuninitbool));
     CHECK(IS_MISS(value));
-    CHECK(DICT(_getkeybyindex)(d, -1, &key) == xuninitbool);
-    CHECK(CURRENT_IS("qellib::XNegativeIndex"));
-    CHECK(IS_TEXT(key, NULL));
+    FAILS("XNegativeIndex", CHECK(DICT(_getkeybyindex)(d, -1, &key) == xuninitbool));
+    CHECK(isText(key, NULL));
     CHECK(DICT(_getbyindex)(d, 32, &value) == 0);
     CHECK(!xisexc_c());
-    DICT(_setbyindex)(d, 32, FIRST);
-    CHECK(CURRENT_IS("qellib::XInvalidDictIndex"));
-    DICT(_removebyindex)(d, 32);
-    CHECK(CURRENT_IS("qellib::XInvalidDictIndex"));
-    DICT(_set)(d, NULL, FIRST);
-    CHECK(CURRENT_IS("qellib::XNotInitialized"));
+    FAILS("XInvalidDictIndex", DICT(_setbyindex)(d, 32, FIRST));
+    FAILS("XInvalidDictIndex", DICT(_removebyindex)(d, 32));
+    FAILS("XNotInitialized", DICT(_set)(d, NULL, FIRST));
 
     for (int i = 0; i < 2; ++i) {
         DICTIONARY* const marker = markers[i];
         value = BLANK;
-        CHECK(DICT(_find)(marker, "key", &value) == xuninitbool);
-        CHECK(CURRENT_IS("qellib::XNotInitialized"));
+        FAILS("XNotInitialized", CHECK(DICT(_find)(marker, "key", &value) == xuninitbool));
         CHECK(IS_MISS(value));
-        DICT(_set)(marker, "key", FIRST);
-        CHECK(CURRENT_IS("qellib::XNotInitialized"));
-        CHECK(DICT(_getbyindex)(marker, 0, &value) == xuninitbool);
-        CHECK(CURRENT_IS("qellib::XNotInitialized"));
-        CHECK(DICT(_getkeybyindex)(marker, 0, &key) == xuninitbool);
-        CHECK(CURRENT_IS("qellib::XNotInitialized"));
-        CHECK(IS_TEXT(key, NULL));
-        DICT(_setbyindex)(marker, 0, FIRST);
-        CHECK(CURRENT_IS("qellib::XNotInitialized"));
-        DICT(_remove)(marker, "key");
-        CHECK(CURRENT_IS("qellib::XNotInitialized"));
-        DICT(_removebyindex)(marker, 0);
-        CHECK(CURRENT_IS("qellib::XNotInitialized"));
+        FAILS("XNotInitialized", DICT(_set)(marker, "key", FIRST));
+        FAILS("XNotInitialized", CHECK(DICT(_getbyindex)(marker, 0, &value) == xuninitbool));
+        FAILS("XNotInitialized", CHECK(DICT(_getkeybyindex)(marker, 0, &key) == xuninitbool));
+        CHECK(isText(key, NULL));
+        FAILS("XNotInitialized", DICT(_setbyindex)(marker, 0, FIRST));
+        FAILS("XNotInitialized", DICT(_remove)(marker, "key"));
+        FAILS("XNotInitialized", DICT(_removebyindex)(marker, 0));
     }
     xrcrelease_c((xobject*)d);
 }

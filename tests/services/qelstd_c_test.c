@@ -20,7 +20,6 @@ static void check(int holds, const char* condition, const char* file, int line)
 #define CHECK(condition) check((condition) != 0, #condition, __FILE__, __LINE__)
 
 /* Whether `s` is that text, null for the null string; gives it back. */
-#define IS_TEXT(s, expected) isText(s, expected)
 static int isText(__xstring_c s, const char* expected)
 {
     const char* const text = xstrgetmb_c(s);
@@ -30,7 +29,6 @@ static int isText(__xstring_c s, const char* expected)
 }
 
 /* Whether there is a current exception of that class. */
-#define CURRENT_IS(type) currentIs(type)
 static int currentIs(const char* type)
 {
     xthrowable* const current = xgetexc_c();
@@ -38,6 +36,14 @@ static int currentIs(const char* type)
     xrcrelease_c((xobject*)current);
     return is;
 }
+
+/* A call that must leave an exception of that class. */
+#define FAILS(type, call)                  \
+    do {                                   \
+        xcleanupexc_c();                   \
+        call;                              \
+        CHECK(currentIs("qellib::" type)); \
+    } while (0)
 
 /* ---- the four families */
 
