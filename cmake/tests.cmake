@@ -1,6 +1,8 @@
 # qel_add_test(NAME [LABELS label...] [LIBRARIES lib...]): the program NAME from NAME.cpp (or NAME.c) of this folder,
-# run by ctest. Label `threads` marks tests that start threads; the thread sanitizer's run takes those.
+# run by ctest. Label `threads` marks tests that start threads; the thread sanitizer's run takes those, and the target
+# `thread_tests` builds no others.
 find_package(GTest REQUIRED)
+add_custom_target(thread_tests)
 
 function(qel_add_test name)
   cmake_parse_arguments(arg "" "" "LABELS;LIBRARIES" ${ARGN})
@@ -13,4 +15,7 @@ function(qel_add_test name)
   target_link_libraries(${name} PRIVATE qel_options qel_test_support qelstd::qelstd ${arg_LIBRARIES})
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES TIMEOUT 300 LABELS "${arg_LABELS}")
+  if("threads" IN_LIST arg_LABELS)
+    add_dependencies(thread_tests ${name})
+  endif()
 endfunction()
