@@ -64,8 +64,8 @@ template<btkCharType C>
 BASE_API int btkStringFindSubstring(const C* text, const C* sub);
 
 /// Whether the whole text is like `pattern`, in which `*` stands for any characters, none included, and `?`
-/// for one. Takes time in proportion to the texts, times the length of a part between two stars that has a
-/// `?`.
+/// for one. Takes time in proportion to the texts; a part between two stars that has a `?` counts as one step
+/// for each 64 of its characters.
 template<btkCharType C>
 BASE_API bool btkStringMatch(const C* text, const C* pattern);
 

@@ -1,7 +1,9 @@
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <qel/base/btkstring.h>
@@ -115,21 +117,6 @@ bool isPlain(Part<C> part)
     return true;
 }
 
-/// The end of the first place in the text, which ends at `textEnd`, that is like `part`; else null.
-template<typename C>
-const C* matchSomewhere(const C* text, const C* textEnd, Part<C> part)
-{
-    if (isPlain(part)) {
-        const auto size = static_cast<std::size_t>(part.end - part.begin);
-        const C* const found = Finder<C>(part.begin, size).find(text, textEnd);
-        return found == nullptr ? nullptr : found + size;
-    }
-    for (; text != textEnd; text += btkCharSize(text))
-        if (const C* const end = matchHere(text, part))
-            return end;
-    return nullptr;
-}
-
 template<typename C>
 std::size_t countCharacters(const C* text, const C* end)
 {
@@ -137,6 +124,95 @@ std::size_t countCharacters(const C* text, const C* end)
     for (; text != end; text += btkCharSize(text))
         ++characters;
     return characters;
+}
+
+/// Looks for a part that has a `?`, at all places of a text at once: a bit tells for each character of the
+/// part whether the text read so far ends with the part up to there.
+template<typename C>
+class PartFinder
+{
+public:
+    explicit PartFinder(Part<C> part)
+        : length(countCharacters(part.begin, part.end)), words((length + 63) / 64)
+    {
+        std::uint64_t greatest = 0;
+        for (const C* p = part.begin; p != part.end; p += btkCharSize(p))
+            greatest = std::max(greatest, codeOf(p, btkCharSize(p)));
+        while (greatest >> digits * 4 != 0)
+            ++digits;
+
+        rows.resize((digits * 16 + 1) * words);
+        std::size_t index = 0;
+        for (const C* p = part.begin; p != part.end; p += btkCharSize(p), ++index) {
+            const auto set = [&](std::uint64_t* row) { row[index / 64] |= std::uint64_t(1) << index % 64; };
+            if (*p == '?')
+                for (unsigned row = 0; row <= digits * 16; ++row)
+                    set(&rows[row * words]);
+            else
+                for (unsigned digit = 0; digit < digits; ++digit)
+                    set(rowOf(codeOf(p, btkCharSize(p)), digit));
+        }
+    }
+
+    /// The end of the first place, or null.
+    const C* findEnd(const C* text)
+    {
+        std::vector<std::uint64_t> matched(words);
+        const auto keep = [&](const std::uint64_t* row) {
+            for (std::size_t w = 0; w < words; ++w)
+                matched[w] &= row[w];
+        };
+        const std::uint64_t whole = std::uint64_t(1) << (length - 1) % 64;
+        while (const std::size_t size = btkCharSize(text)) {
+            for (std::size_t w = words; --w > 0;)
+                matched[w] = matched[w] << 1 | matched[w - 1] >> 63;
+            matched[0] = matched[0] << 1 | 1;
+            const std::uint64_t code = codeOf(text, size);
+            if (code >> digits * 4 != 0)
+                keep(&rows[digits * 16 * words]);
+            else
+                for (unsigned digit = 0; digit < digits; ++digit)
+                    keep(rowOf(code, digit));
+            text += size;
+            if ((matched.back() & whole) != 0)
+                return text;
+        }
+        return nullptr;
+    }
+
+private:
+    /// The bytes of a character as a number.
+    static std::uint64_t codeOf(const C* character, std::size_t size)
+    {
+        std::uint64_t code = 0;
+        for (std::size_t i = 0; i < size; ++i)
+            code = code << 8 | static_cast<std::make_unsigned_t<C>>(character[i]);
+        return code;
+    }
+
+    std::uint64_t* rowOf(std::uint64_t code, unsigned digit)
+    {
+        return &rows[(digit * 16 + (code >> digit * 4 & 15)) * words];
+    }
+
+    std::size_t length;
+    std::size_t words;
+    // Codes are compared in digits of four bits, as many as the part's need. A row has a bit for each
+    // character of the part: whether it is `?` or has that value in that digit; in the last row, whether it
+    // is `?`.
+    unsigned digits = 1;
+    std::vector<std::uint64_t> rows;
+};
+
+/// The end of the first place in the text, which ends at `textEnd`, that is like `part`; else null.
+template<typename C>
+const C* matchSomewhere(const C* text, const C* textEnd, Part<C> part)
+{
+    if (!isPlain(part))
+        return PartFinder<C>(part).findEnd(text);
+    const auto size = static_cast<std::size_t>(part.end - part.begin);
+    const C* const found = Finder<C>(part.begin, size).find(text, textEnd);
+    return found == nullptr ? nullptr : found + size;
 }
 
 /// Calls `found(place)` for the first `most` occurrences, from left to right and apart; there are none of the

@@ -422,6 +422,7 @@ TEST(xstring, FormatsUpToItsWorkingArea)
     EXPECT_EQ(wide(units), u"\u00E9\u20AC");
     EXPECT_EQ(xstring::Printf("%2055s", "x").GetLength(), 2055);
     EXPECT_TRUE(isNull(xstring::Printf("%ls", L"\xD800"))) << "the format fails";
+    EXPECT_TRUE(isNull(xstring::Printf(asWide(xnullstr))));
     EXPECT_DEATH(xstring::Printf("%2056s", "x"), "String too long");
 }
 

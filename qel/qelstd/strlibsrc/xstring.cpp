@@ -8,27 +8,30 @@
 
 #include "xstringform_p.h"
 
+namespace {
+
+/// Never freed: strings that are statics themselves may hold it until the process ends.
+btkStrBuf* emptyBuffer()
+{
+    static btkStrBuf* const empty = [] {
+        char* mb;
+        unsigned short* wide;
+        return btkStrBuf::AllocMB(1, &mb)->GetWC(&wide);
+    }();
+    return empty;
+}
+
+} // namespace
+
 btkStrBuf* xstringAttachEmptyStrBuf(char** mb, unsigned short** wide)
 {
-    // Never freed: strings that are statics themselves may hold it until the process ends.
-    static const __xstring_c empty = [] {
-        __xstring_c made;
-        made.buffer = btkStrBuf::AllocMB(1, &made.mb);
-        made.buffer = made.buffer->GetWC(&made.wide);
-        return made;
-    }();
-    empty.buffer->Lock();
-    *mb = empty.mb;
-    *wide = empty.wide;
-    return empty.buffer;
+    emptyBuffer()->Lock(mb, wide);
+    return emptyBuffer();
 }
 
 void xstring::setEmpty()
 {
-    char* emptyMb;
-    unsigned short* emptyWide;
-    btkStrBuf* const empty = xstringAttachEmptyStrBuf(&emptyMb, &emptyWide);
-    take(empty, emptyMb, emptyWide);
+    AssignBuffer(emptyBuffer());
 }
 
 // ---- construction
@@ -233,9 +236,11 @@ namespace {
 
 constexpr std::size_t workingArea = 2056; // bytes
 
-/// Formats into `area` of that size. False when the format fails.
+/// Formats into `area` of that size. False when the format fails, or is no text.
 bool format(char* area, const char* how, std::va_list arguments)
 {
+    if (!qelIsText(how))
+        return false;
     const int length = std::vsnprintf(area, workingArea, how, arguments);
     if (length >= static_cast<int>(workingArea))
         QEL_ABORT("String too long");

@@ -22,7 +22,7 @@ std::size_t qelLengthOrNone(const C* text)
 }
 
 /// The work of xstring that is alike for both widths: C is `char` for the multibyte form, `unsigned short`
-/// for the wide one. Strings are null where that is said only.
+/// for the wide one. The strings are not null unless that is said.
 template<typename C>
 struct xstring::Form
 {
