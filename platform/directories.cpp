@@ -39,8 +39,10 @@ HANDLE FindFirstFileA(const char* pattern, WIN32_FIND_DATAA* data)
     }
     const std::string directory = begin == 0 ? "." : std::string(whole.substr(0, begin));
     auto folder = std::make_unique<platFolder>();
-    if (!folder->Open(directory.c_str()) || !FindNextFileA(folder.get(), data))
+    if (!folder->Open(directory.c_str()))
         return INVALID_HANDLE_VALUE;
+    data->dwFileAttributes = FILE_ATTRIBUTE_DIRECTORY;
+    std::strcpy(data->cFileName, ".");
     return folder.release();
 }
 
@@ -52,9 +54,11 @@ BOOL FindNextFileA(HANDLE search, WIN32_FIND_DATAA* data)
     platEntry entry;
     if (!folder->Read(entry))
         return FALSE;
-    const std::string shown = platNativeName(entry.hostName);
     data->dwFileAttributes = entry.kind == platDirectory ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
-    std::memcpy(data->cFileName, shown.c_str(), shown.size() + 1);
+    if (platIsShownAsIs(entry.hostName))
+        std::strcpy(data->cFileName, entry.hostName);
+    else
+        std::strcpy(data->cFileName, platNativeName(entry.hostName).c_str());
     return TRUE;
 }
 

@@ -12,8 +12,8 @@ struct WIN32_FIND_DATAA
     char cFileName[platMaxName];
 };
 
-/// Begins the enumeration of a directory and gives its first entry. `pattern` is the directory, a separator
-/// and
+/// Begins the enumeration of a directory. Its first entry is always "."; ".." is left out. `pattern` is the
+/// directory, a separator and
 /// "*": the only pattern there is, any other last name is ERROR_INVALID_NAME. Wildcards before it stand for
 /// themselves. INVALID_HANDLE_VALUE when it fails. Used by one thread at a time.
 HANDLE FindFirstFileA(const char* pattern, WIN32_FIND_DATAA* data);

@@ -2,7 +2,9 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -104,11 +106,18 @@ bool platFolder::Open(const platFolder& parent, const char* name, platLinks link
                             O_RDONLY | O_DIRECTORY | (links == platKeepLinks ? O_NOFOLLOW : 0)));
 }
 
-bool platFolder::OpenParent(const char* path, std::string& hostName)
+bool platFolder::OpenParent(const char* path, std::string& hostName, platLinks links)
 {
     std::string host, directory;
     if (!platHostPath(path, host))
         return false;
+    if (links == platFollowLinks) {
+        const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(host.c_str(), nullptr),
+                                                                   &std::free);
+        if (resolved == nullptr)
+            return hostDone(-1);
+        host = resolved.get();
+    }
     splitHost(platWithoutEndSeparators(std::move(host)), directory, hostName);
     const int opened = platOpenAt(AT_FDCWD, directory.c_str(), O_PATH | O_DIRECTORY);
     if (opened < 0) {
@@ -236,7 +245,7 @@ bool platFolder::RemoveContents(std::size_t room)
     return GetLastError() == ERROR_NO_MORE_FILES;
 }
 
-bool platFolder::CopyLink(const char* name, platFolder& target, const char* newName)
+bool platFolder::CopyLink(const char* name, platFolder& target, const char* newName) const
 {
     char text[PATH_MAX];
     const ssize_t length = readlinkat(descriptor, name, text, sizeof text);

@@ -44,9 +44,9 @@ public:
     bool Open(const char* path);
     /// Opens the directory `name` of `parent` for reading.
     bool Open(const platFolder& parent, const char* name, platLinks links);
-    /// Opens the directory that holds the node `path`, for everything but Read, and gives that node's name in
-    /// it.
-    bool OpenParent(const char* path, std::string& hostName);
+    /// Opens the directory that holds the node `path`, or what that leads to when links are followed, for
+    /// everything but Read, and gives the node's name in it.
+    bool OpenParent(const char* path, std::string& hostName, platLinks links = platKeepLinks);
     /// Opens the deepest directory on the way to `path` that exists, itself included, for Id and IsWithin.
     bool OpenNearest(const char* path);
     /// Opens the directory `hostPath`, relative to the host descriptor `from`, for reading.
@@ -68,7 +68,7 @@ public:
     /// of a node below this folder may be: ERROR_BUFFER_OVERFLOW for a longer one.
     bool RemoveContents(std::size_t room);
     /// Makes `newName` in `target` a link with the same text as the link `name`.
-    bool CopyLink(const char* name, platFolder& target, const char* newName);
+    bool CopyLink(const char* name, platFolder& target, const char* newName) const;
     /// Gives `target`, a folder opened for reading, this folder's mode (the nine permission bits) and
     /// modification time.
     bool CopyStatus(platFolder& target) const;

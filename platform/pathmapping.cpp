@@ -202,6 +202,12 @@ std::string platNativeName(std::string_view hostName)
     return native;
 }
 
+bool platIsShownAsIs(const char* hostName)
+{
+    constexpr const char* firstBytes = "\\\xEF"; // of all that is shown otherwise
+    return std::strpbrk(hostName, firstBytes) == nullptr;
+}
+
 std::string platHostName(std::string_view nativeName)
 {
     std::string host;

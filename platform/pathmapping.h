@@ -29,6 +29,8 @@ bool platNativePath(std::string_view host, std::string& native);
 /// A name met on the host as it is shown, and back.
 std::string platNativeName(std::string_view hostName);
 std::string platHostName(std::string_view nativeName);
+/// Whether a name is shown as it is; nearly all are.
+bool platIsShownAsIs(const char* hostName);
 
 /// `hostPath` without separators at its end; a root stays. For calls that look at a link itself: with a
 /// separator behind it the host would follow it.

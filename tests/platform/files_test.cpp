@@ -294,11 +294,12 @@ TEST(Directories, AreEnumeratedWithEveryNameAndNeverDots)
 
     const HANDLE search = FindFirstFileA((std::string(dir.path()) + "\\*").c_str(), &data);
     ASSERT_NE(search, INVALID_HANDLE_VALUE);
-    do {
+    EXPECT_STREQ(data.cFileName, ".");
+    while (FindNextFileA(search, &data)) {
         names.insert(data.cFileName);
         if (data.dwFileAttributes == FILE_ATTRIBUTE_DIRECTORY)
             directories.insert(data.cFileName);
-    } while (FindNextFileA(search, &data));
+    }
     EXPECT_EQ(GetLastError(), DWORD{ERROR_NO_MORE_FILES});
     EXPECT_TRUE(FindClose(search));
 

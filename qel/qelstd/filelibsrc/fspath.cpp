@@ -179,6 +179,18 @@ const char* fsCheckPathSlashes(fsNativePath& native, const char* path, const cha
     return fsConvertSlashes(native, path, function);
 }
 
+const char* fsCheckTwoPaths(fsNativePath& nativeFrom, const char* from, fsNativePath& nativeTo,
+                            const char* to, const char* function)
+{
+    for (const char* path : {from, to})
+        fsCheckEmpty(path, function);
+    for (const char* path : {from, to})
+        fsCheckRemote(path, function);
+    const char* const source = fsConvertSlashes(nativeFrom, from, function);
+    fsConvert(nativeTo, to, function);
+    return source;
+}
+
 void fsJoin(fsNativePath& path, const char* name, const char* function, bool separated)
 {
     if (!path.Append(name, separated))

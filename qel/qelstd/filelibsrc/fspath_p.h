@@ -55,5 +55,9 @@ void fsCheckPath(fsNativePath& native, const char* path, const char* function);
 const char* fsConvertSlashes(fsNativePath& native, const char* path, const char* function);
 /// The three checks, the last one of a path with "/" only. Answers the path to be used.
 const char* fsCheckPathSlashes(fsNativePath& native, const char* path, const char* function);
+/// The checks of an operation with two paths: each check of both, before the next; `to` is converted always.
+/// Answers the path to be used for `from`.
+const char* fsCheckTwoPaths(fsNativePath& nativeFrom, const char* from, fsNativePath& nativeTo,
+                            const char* to, const char* function);
 /// Appends a name; throws with a null path when the result is too long.
 void fsJoin(fsNativePath& path, const char* name, const char* function, bool separated = true);

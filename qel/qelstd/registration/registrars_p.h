@@ -14,5 +14,8 @@ QEL_REGISTRAR(qellib);
 QEL_REGISTRAR(stdcols);
 QEL_REGISTRAR(eventlib);
 QEL_REGISTRAR(iolib);
+QEL_REGISTRAR(filelib);
+QEL_REGISTRAR(syslib);
+QEL_REGISTRAR(timelib);
 QEL_REGISTRAR(buildintypes);
 QEL_REGISTRAR(xrtti);

@@ -10,6 +10,9 @@ const qelRttiRegister_qellib qellib;
 const qelRttiRegister_stdcols stdcols;
 const qelRttiRegister_eventlib eventlib;
 const qelRttiRegister_iolib iolib;
+const qelRttiRegister_filelib filelib;
+const qelRttiRegister_syslib syslib;
+const qelRttiRegister_timelib timelib;
 const qelRttiRegister_buildintypes buildintypes;
 const qelRttiRegister_xrtti xrtti;
 

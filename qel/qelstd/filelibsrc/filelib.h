@@ -1,0 +1,117 @@
+#pragma once
+
+#include <qel/fserror.h>
+#include <qel/fsnodeinfo.h>
+#include <qel/fspath.h>
+#include <qel/xsequence.h>
+
+// Operations on files and directories by path. Paths are written with "/" or "\"; those that exceptions name
+// are in native form where they were converted. A path that is empty, a drive alone, remote ("::" in it), or
+// longer than 259 bytes throws fsXInvalidPath, and so does a longer path that an operation builds. What the
+// platform refuses throws the class of fserror.h that its last error stands for. An operation that fails part
+// way leaves what it has done.
+//
+// Soft links are followed when a status is asked for, and by reading and writing. Removing removes the link
+// itself.
+//
+// The operations keep no state and may be called from any thread; the current directory is the process's.
+
+class tmTime;
+
+enum fsOpMode { fsRecursive, fsSimple };
+enum fsSoftLinkCopyMode {
+    fsNewLink, // a link is copied as a link with the same text
+    fsExpand,  // what a link leads to is copied
+    fsIgnore   // links are left out
+};
+enum fsRecursiveCopyMode {
+    fsForceNew, // the destination must not exist
+    fsMerge,    // directories are merged, files replaced
+    fsReplace   // the destination is removed first
+};
+QEL_ENUM(fsOpMode);
+QEL_ENUM(fsSoftLinkCopyMode);
+QEL_ENUM(fsRecursiveCopyMode);
+
+/// What fshGetNodeType answers for a node that does not exist.
+constexpr int fsNodeAbsent = 3;
+
+// ---- creating, removing, moving, copying
+
+/// fsSimple: one directory. Else: those missing on the way to it, too; one that exists is no failure then.
+QEL_API void fsCreateDir(const char* path, fsOpMode mode);
+
+/// fsSimple: a file, or an empty directory. Else: a directory with everything in it, depth first; links in it
+/// are removed and never entered.
+QEL_API void fsRemove(const char* path, fsOpMode mode);
+
+/// Moves or renames without replacing anything, within one volume. Unless fsSimple, creates the directories
+/// on the way to `to`.
+QEL_API void fsMove(const char* from, const char* to, fsOpMode mode);
+
+/// Renames within its directory.
+/// @throws fsXInvalidName  `newName` holds a separator
+QEL_API void fsRename(const char* path, const char* newName);
+
+/// Copies a file, or a directory with everything in it, with modes and modification times. Unless `mode` is
+/// fsSimple, creates the directories on the way to `to`. A link at a destination is replaced, never written
+/// through. A missing source, a link that leads nowhere, and a copy onto or into itself or onto a directory
+/// that holds it throw fsXInvalidPath.
+/// @throws fsXFileExists    fsForceNew and the destination exists, or a directory and something else meet
+/// @throws fsXNoPermission  a pipe, socket or device is met
+QEL_API void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode,
+                    fsSoftLinkCopyMode linkMode, fsOpMode mode);
+
+/// Both always throw fsXLinksNotSupported.
+QEL_API xstring fsReadLink(const char* path);
+QEL_API void fsCreateSoftLink(const char* target, const char* link, fsOpMode mode);
+
+/// Cuts a file, or appends zero bytes; creates it if it is missing. `size` is cut to whole bytes.
+/// @throws fsXOther  `size` is negative or no number of bytes
+QEL_API void fsSetFileSize(const char* path, double size);
+
+// ---- directories and volumes
+
+/// The environment variables HOMEDRIVE and HOMEPATH in a row.
+/// @throws fsXOther  one of them is missing, empty or too long (3 and 255 bytes)
+QEL_API xstring fsGetHomeDir();
+/// The current directory of the process, in native form with its drive.
+QEL_API xstring fsGetCurDir();
+QEL_API void fsChangeDir(const char* path);
+
+/// Creates an empty file with a new name that begins with `prefix`, and answers its path.
+/// @throws fsXInvalidName  `prefix` holds a separator
+QEL_API xstring fsMkTmpName(const char* directory, const char* prefix);
+
+/// Free bytes on the volume of `path`'s drive, or of the current directory when it has none.
+QEL_API double fsGetAvailableDiskSpace(const char* path);
+
+/// The names, not the paths, of the entries that are like `pattern` (fsMatchesPattern), in the platform's
+/// order. Null `pattern`: all of them; the empty one: none.
+QEL_API xrchandle<xstringsequence> fsListDirectory(const char* directory, const char* pattern);
+
+/// The existing paths that are like `pattern`, each entry of which may hold "*" and "?": depth first, in the
+/// platform's order within a directory.
+QEL_API xrchandle<xstringsequence> fsExpandPattern(const char* pattern);
+
+// ---- contents and status
+
+/// A checksum of a file's bytes, taken as signed: their number modulo 65536 in the upper half, their sum
+/// modulo 256 in the second byte; with the exclusive or of all of them, widened with sign, over that.
+QEL_API int fsCalculateCheckSum(const char* path);
+
+QEL_API xrchandle<fsNodeInfo> fsGetNodeInfo(const char* path);
+
+// Quick questions about a node. One that cannot be found, or not be asked, counts as absent; a device error
+// throws fsXIOError.
+
+/// A new object, which the caller frees with xdelete; null when absent.
+QEL_API tmTime* fshGetModTime(const char* path);
+/// Bytes; null when absent.
+QEL_API double fshGetSize(const char* path);
+/// fsNodeAbsent when absent.
+QEL_API fsNodeType fshGetNodeType(const char* path);
+QEL_API unsigned char fshIsDirectory(const char* path);
+QEL_API unsigned char fshIsFile(const char* path);
+QEL_API unsigned char fshIsSoftLink(const char* path);
+QEL_API unsigned char fshExists(const char* path);

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <qel/fsfile.h>
+#include <qel/xstring.h>
+
+/// Whether `name` is like `pattern`: "*" stands for any characters, none included, "?" for one; everything
+/// else for itself. Case counts.
+QEL_API bool fsMatchesPattern(const char* name, const char* pattern);
+
+/// An open directory, which gives the names of its entries one at a time, in the platform's order and without
+/// "." and "..". Nothing is thrown: what fails answers false or fsIOFailed, and GetLastError() says why. Used
+/// by one thread at a time.
+class QEL_API fsiDir
+{
+public:
+    fsiDir();
+    fsiDir(const fsiDir&) = delete;
+    fsiDir& operator=(const fsiDir&) = delete;
+    /// Closes; leaves the last error as it was.
+    ~fsiDir();
+
+    /// Begins with the first entry; wildcards in the name of the directory stand for themselves. A name of
+    /// more than 259 bytes fails (error 206). A directory that is open is closed first.
+    bool Open(const char* directory);
+    /// The name of the next entry.
+    fsIOStatus Read(xstring& name);
+    /// The name of the next entry that is like `pattern`; null when there is none. fsIOEnd at once, with
+    /// `name` unchanged, when `pattern` is null or empty.
+    fsIOStatus ReadNextMatching(const char* pattern, xstring& name);
+    bool Close();
+
+private:
+    /// The next name, which stays valid until the following call; null at the end and on failure.
+    const char* readName(fsIOStatus& status);
+
+    struct Entry;
+    bool open = false;
+    bool firstPending = false; // Open has fetched an entry that Read has not given out
+    void* search = nullptr;    // of the platform
+    Entry* entry;
+};

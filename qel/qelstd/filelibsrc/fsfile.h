@@ -1,0 +1,44 @@
+#pragma once
+
+#include <qel/qelexport.h>
+
+enum fsIOStatus {
+    fsIOOk,    // done
+    fsIOEnd,   // the end of the file, or no more entries
+    fsIOFailed // GetLastError() says why
+};
+enum fsFileMode { fsReadOnly, fsWriteOnly };
+enum fsFilePosition { fsFromStart, fsFromCurrent, fsFromEnd };
+
+/// An open file, read and written without a buffer. Nothing is thrown: what fails answers false or
+/// fsIOFailed, and GetLastError() says why. Positions and sizes are bytes, cut to whole ones; one that is no
+/// number or does not fit fails. Calls on a file that is not open fail. Used by one thread at a time.
+class QEL_API fsiFile
+{
+public:
+    fsiFile() = default;
+    fsiFile(const fsiFile&) = delete;
+    fsiFile& operator=(const fsiFile&) = delete;
+    /// Closes; leaves the last error as it was.
+    ~fsiFile();
+
+    /// fsReadOnly: an existing file, which others may read too. fsWriteOnly: the file is created if it is
+    /// missing, and its content kept; a second writer of this kind is refused. A file that is open is closed
+    /// first.
+    bool Open(const char* name, fsFileMode mode);
+    bool Close();
+
+    /// One read of at most `count` bytes. `*done`, unless null, receives how many there were; none is
+    /// fsIOEnd.
+    fsIOStatus Read(char* buffer, unsigned long count, unsigned long* done);
+    /// Writes `count` bytes. `*done`, unless null, receives how many were written.
+    fsIOStatus Write(const char* buffer, unsigned long count, unsigned long* done);
+
+    /// Makes `size` the position and the end of the file.
+    bool Truncate(double size);
+    bool Seek(fsFilePosition from, double offset);
+
+private:
+    bool open = false;
+    void* handle = nullptr; // of the platform
+};

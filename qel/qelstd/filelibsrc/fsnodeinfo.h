@@ -1,0 +1,41 @@
+#pragma once
+
+#include <qel/xobject.h>
+
+class tmTime;
+
+enum fsNodeType : int { fsFile, fsDirectory, fsSoftLink };
+QEL_ENUM(fsNodeType);
+
+/// The status of one node, as it was when Initialize asked for it; later changes of the node are not seen.
+/// Soft links are followed. Used by one thread at a time.
+class QEL_API fsNodeInfo : public virtual xobject
+{
+    QEL_OBJECT(fsNodeInfo); // "filelib::NodeInfo", counted
+
+public:
+    fsNodeInfo() = default; // describes no node until Initialize has succeeded
+    fsNodeInfo(const fsNodeInfo& other);
+    fsNodeInfo& operator=(const fsNodeInfo&) = delete;
+    ~fsNodeInfo() override;
+
+    /// Takes the status of `path`. True when it worked; when not, GetLastError() says why
+    /// and the object is unchanged.
+    unsigned char Initialize(const char* path);
+
+    fsNodeType getType();
+    /// Time of the last modification. The caller owns the new object and frees it with xdelete.
+    tmTime* getModTime();
+    /// Size in bytes.
+    double getSize();
+
+private:
+    /// The same as getModTime, kept by this object.
+    tmTime* keptModTime();
+
+    bool valid = false;
+    unsigned mode = 0;      // POSIX file type bits
+    long long size = 0;     // bytes
+    long long modified = 0; // seconds since 1970-01-01 00:00 UTC
+    tmTime* kept = nullptr; // what the attribute ModTime is read as
+};

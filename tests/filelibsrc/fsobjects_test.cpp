@@ -1,0 +1,253 @@
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include <qel/fsdir.h>
+#include <qel/fsfile.h>
+#include <qel/fsnodeinfo.h>
+#include <qel/platform/lasterror.h>
+#include <qel/qelrtti.h>
+#include <qel/tmtime.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "support/tempdir.h"
+
+namespace {
+
+std::string readAll(fsiFile& file)
+{
+    std::string all;
+    char part[3];
+    unsigned long size = 0;
+    while (file.Read(part, sizeof part, &size) == fsIOOk)
+        all.append(part, size);
+    EXPECT_EQ(size, 0u);
+    return all;
+}
+
+std::set<std::string> namesIn(const char* directory, const char* pattern)
+{
+    fsiDir dir;
+    std::set<std::string> names;
+    EXPECT_TRUE(dir.Open(directory));
+    xstring name;
+    while (dir.ReadNextMatching(pattern, name) == fsIOOk)
+        names.insert(name.CastToCString());
+    EXPECT_TRUE(dir.Close());
+    return names;
+}
+
+} // namespace
+
+TEST(fsiFile, WritesCutsAndReads)
+{
+    TempDir dir;
+    fsiFile file;
+    unsigned long size = 0;
+    ASSERT_TRUE(file.Open(dir.path("f"), fsWriteOnly)); // made, as it is missing
+    EXPECT_EQ(file.Write("0123456789", 10, &size), fsIOOk);
+    EXPECT_EQ(size, 10u);
+    EXPECT_TRUE(file.Seek(fsFromStart, 3.9));
+    EXPECT_EQ(file.Write("x", 1, nullptr), fsIOOk);
+    EXPECT_TRUE(file.Seek(fsFromCurrent, 2));
+    EXPECT_EQ(file.Write("y", 1, nullptr), fsIOOk);
+    EXPECT_TRUE(file.Seek(fsFromEnd, -1));
+    EXPECT_EQ(file.Write("z", 1, nullptr), fsIOOk);
+    EXPECT_TRUE(file.Close());
+    EXPECT_EQ(dir.read("f"), "012x45y78z");
+
+    ASSERT_TRUE(file.Open(dir.path("f"), fsWriteOnly)); // content kept
+    EXPECT_TRUE(file.Truncate(4));
+    EXPECT_TRUE(file.Close());
+    ASSERT_TRUE(file.Open(dir.path("f"), fsReadOnly));
+    EXPECT_EQ(readAll(file), "012x");
+    EXPECT_EQ(file.Write("no", 2, &size), fsIOFailed);
+}
+
+TEST(fsiFile, FailsWithoutTouchingAnythingWhenItIsNotOpen)
+{
+    TempDir dir;
+    fsiFile file;
+    char buffer[4];
+    EXPECT_FALSE(file.Open(dir.path("missing"), fsReadOnly));
+    EXPECT_EQ(GetLastError(), 2u);
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(file.Read(buffer, 4, nullptr), fsIOFailed);
+        EXPECT_EQ(file.Write(buffer, 4, nullptr), fsIOFailed);
+        EXPECT_FALSE(file.Seek(fsFromStart, 0));
+        EXPECT_FALSE(file.Truncate(0));
+        EXPECT_FALSE(file.Close());
+        EXPECT_EQ(GetLastError(), 6u);
+        dir.write("f", "x");
+        EXPECT_TRUE(file.Open(dir.path("f"), fsReadOnly));
+        EXPECT_TRUE(file.Close());
+    }
+}
+
+TEST(fsiFile, RefusesPositionsThatAreNoneAndASecondWriter)
+{
+    TempDir dir;
+    fsiFile first, second;
+    ASSERT_TRUE(first.Open(dir.path("f"), fsWriteOnly));
+    for (const double none : {-1.0, 1e19, xnullreal, static_cast<double>(__builtin_nan(""))}) {
+        EXPECT_FALSE(first.Truncate(none));
+        EXPECT_FALSE(first.Seek(fsFromStart, none));
+    }
+    EXPECT_TRUE(first.Seek(fsFromStart, 5e9));
+
+    EXPECT_FALSE(second.Open(dir.path("f"), fsWriteOnly));
+    EXPECT_EQ(GetLastError(), 32u);
+    EXPECT_TRUE(second.Open(dir.path("f"), fsReadOnly));
+}
+
+TEST(fsiFile, LeavesTheLastErrorWhenItIsDestroyed)
+{
+    TempDir dir;
+    {
+        fsiFile file;
+        fsiDir entries;
+        ASSERT_TRUE(file.Open(dir.path("f"), fsWriteOnly));
+        ASSERT_TRUE(entries.Open(dir.path()));
+        SetLastError(77);
+    }
+    EXPECT_EQ(GetLastError(), 77u);
+}
+
+TEST(fsMatchesPattern, TakesStarsAndQuestionMarks)
+{
+    const struct
+    {
+        const char *name, *pattern;
+        bool like;
+    } rows[] = {
+        {"abc", "a*c", true},
+        {"ac", "a*c", true},
+        {"abbc", "a*c", true},
+        {"ab", "a*c", false},
+        {"", "?", false},
+        {"x", "?", true},
+        {"x.txt", "*.TXT", false},
+        {"a", "a**", true},
+        {"", "*", true},
+        {"", "", true},
+        {"a", "", false},
+        {"[a]", "[a]", true},
+        {"a.b.c", "*.?", true},
+        {"mississippi", "m*iss*ip?i", true},
+        {"aXbXc", "*X*X*X*", false},
+        {"a*b", "a?b", true},
+        {"\xC3\xA4", "?", true},
+        {"\xFF", "?", true},
+    };
+    for (const auto& row : rows)
+        EXPECT_EQ(fsMatchesPattern(row.name, row.pattern), row.like) << row.name << " like " << row.pattern;
+}
+
+TEST(fsMatchesPattern, TakesTimeInProportionToTheTexts)
+{
+    const std::string name(100000, 'a');
+    std::string pattern;
+    for (int i = 0; i < 1000; ++i)
+        pattern += "a*a?*";
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_FALSE(fsMatchesPattern(name.c_str(), (pattern + "b").c_str()));
+    EXPECT_TRUE(fsMatchesPattern(name.c_str(), pattern.c_str()));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin,
+              std::chrono::seconds(1)); // ages, when it tries everything
+}
+
+TEST(fsiDir, GivesEveryNameOnceAndNoDots)
+{
+    TempDir dir;
+    dir.write("one.txt");
+    dir.write("two.txt");
+    dir.write("a\\b");
+    dir.makeDir("sub*?");
+    dir.write("sub*?/in");
+    dir.makeDir("empty");
+
+    EXPECT_EQ(namesIn(dir.path(), "*"), (std::set<std::string>{"one.txt", "two.txt",
+                                                               "a\xEF\x81\x9C"
+                                                               "b",
+                                                               "sub*?", "empty"}));
+    EXPECT_EQ(namesIn(dir.path(), "*.txt"), (std::set<std::string>{"one.txt", "two.txt"}));
+    EXPECT_EQ(namesIn(dir.path("sub*?"), "*"), std::set<std::string>{"in"});
+
+    fsiDir entries;
+    xstring name("unchanged");
+    ASSERT_TRUE(entries.Open(dir.path("empty")));
+    for (const char* none : {xnullstr, "", static_cast<const char*>(nullptr)})
+        EXPECT_EQ(entries.ReadNextMatching(none, name), fsIOEnd);
+    EXPECT_TRUE(name == "unchanged");
+    EXPECT_EQ(entries.Read(name), fsIOEnd);
+    EXPECT_EQ(entries.ReadNextMatching("*", name), fsIOEnd);
+    EXPECT_TRUE(name == nullptr);
+}
+
+TEST(fsiDir, SaysWhyItCannotBeOpened)
+{
+    TempDir dir;
+    dir.write("file");
+    fsiDir entries;
+    xstring name;
+
+    EXPECT_FALSE(entries.Open(dir.path("missing")));
+    EXPECT_EQ(GetLastError(), 2u);
+    EXPECT_FALSE(entries.Open(dir.path("file")));
+    EXPECT_EQ(GetLastError(), 267u);
+    EXPECT_FALSE(entries.Open(std::string(260, 'd').c_str()));
+    EXPECT_EQ(GetLastError(), 206u);
+    EXPECT_EQ(entries.Read(name), fsIOFailed);
+    EXPECT_FALSE(entries.Close());
+    std::string longPath = dir.path();
+    while (longPath.size() < 259)
+        longPath += '/';
+    EXPECT_TRUE(entries.Open(longPath.c_str()));
+}
+
+TEST(fsNodeInfo, TakesTheStatusAndKeepsItWhenInitializeFails)
+{
+    TempDir dir;
+    dir.write("a", "12345");
+    const timespec times[] = {{1, 0}, {1000000000, 999999999}};
+    utimensat(AT_FDCWD, dir.path("a"), times, 0);
+    dir.link("a", "link");
+    xauto<fsNodeInfo> info;
+    ASSERT_TRUE(info.Initialize(dir.path("link"))); // followed
+
+    EXPECT_FALSE(info.Initialize(dir.path("missing")));
+    EXPECT_EQ(GetLastError(), 2u); // file not found
+    EXPECT_EQ(info.getSize(), 5.0);
+    EXPECT_EQ(info.getType(), fsFile);
+    tmTime* const modified = info.getModTime();
+    EXPECT_EQ(modified->getAbsTime(), 1000000000.0);
+    xdelete(modified);
+
+    xauto<fsNodeInfo> copy(info);
+    EXPECT_EQ(copy.getSize(), 5.0);
+    ASSERT_TRUE(info.Initialize(dir.path()));
+    EXPECT_EQ(info.getType(), fsDirectory);
+    EXPECT_EQ(copy.getType(), fsFile);
+}
+
+TEST(fsNodeInfo, IsReadThroughItsDescriptorWithoutLeakingTimes)
+{
+    TempDir dir;
+    dir.write("a", "12345");
+    const xrchandle<fsNodeInfo> info(new (pDefMemMgr) fsNodeInfo);
+    ASSERT_TRUE(info->Initialize(dir.path("a")));
+    xrttistruct* const type = xrttistruct::softcast(fsNodeInfo::getClassRtti());
+    ASSERT_EQ(type->getNAttrs(), 3);
+
+    const xany first = type->getAttr(1)->getValue(info.get());
+    const xany second = type->getAttr(1)->getValue(info.get());
+
+    EXPECT_TRUE(type->getAttr(0)->getValue(info.get()) == xany(fsFile, qelGetRtti_fsNodeType()));
+    EXPECT_TRUE(type->getAttr(2)->getValue(info.get()) == 5.0);
+    tmTime* const modified = info->getModTime();
+    EXPECT_EQ(tmTime::cast(first)->getAbsTime(), modified->getAbsTime());
+    EXPECT_EQ(tmTime::cast(second)->getAbsTime(), modified->getAbsTime());
+    xdelete(modified);
+}
