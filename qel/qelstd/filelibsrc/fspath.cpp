@@ -4,17 +4,14 @@
 #include <cstring>
 #include <string>
 
+#include <qel/xobject.h>
+
 #include "fserror_p.h"
 #include "fspath_p.h"
 
 namespace {
 
 constexpr const char* remoteMark = "::";
-
-bool isNull(const char* text)
-{
-    return text == nullptr || text == xnullstr || text == xuninitstr;
-}
 
 bool isLetter(char c)
 {
@@ -37,7 +34,7 @@ xstring nativeResult(const char* text, const char* function)
 /// the path to be divided, in `native`. A tail may be as long as it likes without "/": `path` itself then.
 const char* endsOf(fsNativePath& native, const char* path, const char* function, bool always)
 {
-    if (isNull(path))
+    if (!qelIsObject(path))
         return nullptr;
     fsCheckRemote(path, function);
     if (always)
@@ -114,7 +111,7 @@ void fsNativePath::Cut(std::size_t newLength)
 
 const char* fsTextOf(const char* path)
 {
-    return isNull(path) ? "" : path;
+    return qelIsObject(path) ? path : "";
 }
 
 bool fsHasDrive(const char* path)
@@ -207,7 +204,7 @@ unsigned char fsIsPathAbsolute(const char* path)
 
 xstring fsPathToNative(const char* path)
 {
-    return isNull(path) ? xstring() : nativeResult(path, "fsPathToNative");
+    return qelIsObject(path) ? nativeResult(path, "fsPathToNative") : xstring();
 }
 
 xstring fsCatPaths(const char* directory, const char* relative)
@@ -225,7 +222,7 @@ xstring fsCatPaths(const char* directory, const char* relative)
 xstring fsMkRemPath(const char* address, const char* local)
 {
     constexpr const char* function = "fsMkRemPath";
-    if (isNull(address))
+    if (!qelIsObject(address))
         return local;
     fsCheckRemote(local, function);
     return nativeResult((std::string(address) + remoteMark + fsTextOf(local)).c_str(), function);
