@@ -19,9 +19,16 @@ struct TestPath : std::string
 class TempDir
 {
 public:
-    TempDir()
+    /// InMemory: where nothing waits for a disk, if this host has such a place.
+    enum Where { OnDisk, InMemory };
+
+    explicit TempDir(Where where = OnDisk)
     {
-        std::string name = (std::filesystem::temp_directory_path() / "qeltest.XXXXXX").string();
+        const char* const memory = "/dev/shm";
+        const std::filesystem::path parent = where == InMemory && std::filesystem::is_directory(memory)
+                                                 ? memory
+                                                 : std::filesystem::temp_directory_path();
+        std::string name = (parent / "qeltest.XXXXXX").string();
         if (mkdtemp(name.data()) == nullptr)
             throw std::system_error(errno, std::generic_category(), name);
         root = name;

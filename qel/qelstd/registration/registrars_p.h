@@ -15,6 +15,7 @@ QEL_REGISTRAR(stdcols);
 QEL_REGISTRAR(eventlib);
 QEL_REGISTRAR(iolib);
 QEL_REGISTRAR(filelib);
+QEL_REGISTRAR(reglib);
 QEL_REGISTRAR(syslib);
 QEL_REGISTRAR(timelib);
 QEL_REGISTRAR(buildintypes);

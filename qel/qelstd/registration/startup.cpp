@@ -11,6 +11,7 @@ const qelRttiRegister_stdcols stdcols;
 const qelRttiRegister_eventlib eventlib;
 const qelRttiRegister_iolib iolib;
 const qelRttiRegister_filelib filelib;
+const qelRttiRegister_reglib reglib;
 const qelRttiRegister_syslib syslib;
 const qelRttiRegister_timelib timelib;
 const qelRttiRegister_buildintypes buildintypes;

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <qel/xstring.h>
+
+class lockFileBuf;
+
+/// A small text file of lines `key:value`, held in memory, sorted by key, while it is open. Blanks and tabs
+/// are removed from keys wherever they stand; a value is everything behind the first ":", and case counts.
+/// When the file is read, lines without ":" and without a key are passed over, and of several lines with one
+/// key the last counts.
+///
+/// An open file is locked: for reading together with other readers, for updating alone. Open waits for its
+/// turn, for ever when this thread itself has the file open for updating. Used by one thread at a time.
+class QEL_API hmxConfigFile
+{
+public:
+    enum OpenMode { ReadOnly, ReadWrite };
+
+    hmxConfigFile();
+    hmxConfigFile(const hmxConfigFile&) = delete;
+    hmxConfigFile& operator=(const hmxConfigFile&) = delete;
+    /// Closes.
+    ~hmxConfigFile();
+
+    /// Closes the file that is open, then opens `path` and reads it; ReadWrite creates a missing file. False
+    /// when that fails: no file is open then.
+    bool Open(const char* path, OpenMode mode);
+    /// If anything was changed, writes the file back: one line for each entry in ascending order of the keys,
+    /// and nothing else. The file then holds the old content or the new, whatever happens meanwhile; when it
+    /// cannot be written, the old one stays, and nobody is told. Does nothing when no file is open.
+    void Close();
+    bool IsOpened() const { return lockBuffer != nullptr; }
+
+    /// Null when there is no such key, or nothing behind its ":".
+    xstring GetValue(const char* key) const;
+    /// Sets or adds. A null `value` is written as "nil". False, with nothing changed, when the file is not
+    /// open for updating, for a key of which nothing is left, and for a line feed in either: they would be
+    /// another entry.
+    bool SetValue(const char* key, const char* value);
+    /// False when the file is not open for updating or has no such key.
+    bool DeleteValue(const char* key);
+
+private:
+    struct Table;
+
+    bool canChange() const { return lockBuffer != nullptr && mode != ReadOnly; }
+
+    Table* table;
+    xstring fileName;
+    bool modified = false;
+    OpenMode mode = ReadOnly;
+    lockFileBuf* lockBuffer = nullptr; // null when no file is open
+};
+
+// ---- the text functions under it. A null `s` is taken for the empty text.
+
+/// Removes every `c` from `s`, in place. False when there is none.
+QEL_API bool StrPress(char* s, char c);
+/// A copy of `s` without blanks and tabs, which the caller frees with `delete[]`; null when there is none.
+QEL_API char* StrPress(const char* s);
+/// Removes blanks and tabs.
+QEL_API void StrPress(xstring& s);
+
+/// Splits `s` at its first `c`; a part with nothing in it is null. False, with both unchanged, when there is
+/// none.
+QEL_API bool StrSplit(const char* s, char c, xstring& before, xstring& after);
+/// One part of it; null when there is none.
+QEL_API xstring StrSplitBefore(const char* s, char c);
+QEL_API xstring StrSplitAfter(const char* s, char c);

@@ -1,0 +1,185 @@
+#include "hmxregistry.h"
+
+#include <cstring>
+#include <string>
+
+#include <qel/platform/errortable.h>
+#include <qel/platform/registry.h>
+#include <qel/xobject.h>
+
+struct hmxRegistryKey::Record
+{
+    int count;
+    hmxRegistry* registry;
+    HKEY handle;
+};
+
+hmxRegistry* hmxRegistry::mSystem = nullptr;
+hmxRegistry* hmxRegistry::mUser = nullptr;
+
+namespace {
+
+constexpr char pathSeparator = '\\';
+constexpr const char* refusedCharacters = "/.:*?";
+
+long createKey(void* parent, const char* path, void** key)
+{
+    char className[] = "<UNKNOWN>";
+    HKEY opened = nullptr;
+    const long error = RegCreateKeyExA(static_cast<HKEY>(parent), path, 0, className, REG_OPTION_NON_VOLATILE,
+                                       KEY_ALL_ACCESS, nullptr, &opened, nullptr);
+    *key = opened;
+    return error;
+}
+
+long openKey(void* parent, const char* path, void** key)
+{
+    HKEY opened = nullptr;
+    const long error = RegOpenKeyExA(static_cast<HKEY>(parent), path, 0, KEY_ALL_ACCESS, &opened);
+    *key = opened;
+    return error;
+}
+
+/// The singleton that `kept` holds, made when it is asked for first.
+hmxRegistry& singleton(hmxRegistry*& kept, hmxRegistry::Type type)
+{
+    if (kept == nullptr)
+        kept = new hmxRegistry(type, pathSeparator, refusedCharacters);
+    return *kept;
+}
+
+} // namespace
+
+// ---- keys
+
+hmxRegistryKey::hmxRegistryKey(const hmxRegistryKey& other) : record(other.record)
+{
+    if (record != nullptr)
+        ++record->count;
+}
+
+hmxRegistryKey& hmxRegistryKey::operator=(const hmxRegistryKey& other)
+{
+    hmxRegistryKey copy(other); // before closing: it may be this one
+    std::swap(record, copy.record);
+    return *this;
+}
+
+hmxRegistryKey::~hmxRegistryKey()
+{
+    Close();
+}
+
+void hmxRegistryKey::Close()
+{
+    Record* const closed = record;
+    record = nullptr;
+    if (closed == nullptr || --closed->count > 0)
+        return;
+    RegCloseKey(closed->handle);
+    delete closed;
+}
+
+bool hmxRegistryKey::become(Opener opener, const hmxRegistryKey& parent, const char* path)
+{
+    if (!parent.IsKeyValid(path))
+        return false;
+    const hmxRegistryKey held(parent);
+    Close();
+    void* opened = nullptr;
+    if (opener(held.record->handle, path, &opened) != ERROR_SUCCESS)
+        return false;
+    record = new Record{1, held.record->registry, static_cast<HKEY>(opened)};
+    return true;
+}
+
+bool hmxRegistryKey::Create(hmxRegistryKey& parent, const char* path)
+{
+    return become(&createKey, parent, path);
+}
+
+bool hmxRegistryKey::Open(hmxRegistryKey& parent, const char* path)
+{
+    return become(&openKey, parent, path);
+}
+
+bool hmxRegistryKey::DeleteSubkey(const char* name)
+{
+    return IsNameValid(name) && RegDeleteKeyA(record->handle, name) == ERROR_SUCCESS;
+}
+
+bool hmxRegistryKey::SetValue(const char* name, const char* value)
+{
+    if (!IsNameValid(name))
+        return false;
+    const std::string text = qelIsObject(value) ? value : name;
+    return text.size() < 0xFFFFFFFF && RegSetValueExA(record->handle, name, 0, REG_SZ,
+                                                      reinterpret_cast<const unsigned char*>(text.c_str()),
+                                                      static_cast<DWORD>(text.size() + 1)) == ERROR_SUCCESS;
+}
+
+xstring hmxRegistryKey::GetValue(const char* name) const
+{
+    if (!IsNameValid(name))
+        return {};
+    DWORD type = 0;
+    DWORD size = 0;
+    std::string text;
+    long error = RegQueryValueExA(record->handle, name, nullptr, &type, nullptr, &size);
+    do {
+        if (error != ERROR_SUCCESS && error != ERROR_MORE_DATA)
+            return {};
+        text.assign(size, '\0');
+        error = RegQueryValueExA(record->handle, name, nullptr, &type,
+                                 reinterpret_cast<unsigned char*>(text.data()), &size);
+    } while (error == ERROR_MORE_DATA); // it has grown since it was asked for its size
+    return error == ERROR_SUCCESS && type == REG_SZ ? xstring(text.c_str()) : xstring();
+}
+
+bool hmxRegistryKey::DeleteValue(const char* name)
+{
+    return IsNameValid(name) && RegDeleteValueA(record->handle, name) == ERROR_SUCCESS;
+}
+
+bool hmxRegistryKey::IsKeyValid(const char* path) const
+{
+    return record != nullptr && qelIsObject(path) &&
+           std::strpbrk(path, record->registry->invalidChars) == nullptr;
+}
+
+bool hmxRegistryKey::IsNameValid(const char* name) const
+{
+    return IsKeyValid(name) && std::strchr(name, record->registry->separator) == nullptr;
+}
+
+// ---- roots
+
+hmxRegistry::hmxRegistry(Type type, char keySeparator, const char* invalidCharacters)
+    : separator(keySeparator), invalidChars(invalidCharacters)
+{
+    if (type == typeSystem || type == typeUser)
+        root.record =
+            new hmxRegistryKey::Record{1, this, type == typeSystem ? HKEY_CLASSES_ROOT : HKEY_CURRENT_USER};
+}
+
+hmxRegistry& hmxRegistry::System()
+{
+    return singleton(mSystem, typeSystem);
+}
+
+hmxRegistry& hmxRegistry::User()
+{
+    return singleton(mUser, typeUser);
+}
+
+bool hmxRegistry::Open()
+{
+    ++openCount;
+    return true;
+}
+
+void hmxRegistry::Close()
+{
+    if (openCount > 0)
+        --openCount;
+}

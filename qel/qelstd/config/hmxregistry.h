@@ -1,0 +1,81 @@
+#pragma once
+
+#include <qel/xstring.h>
+
+class hmxRegistry;
+
+/// A shared handle to an open registry key, or closed. Copies share the key: it is closed with the last one.
+/// Nothing is thrown; what fails, and every call on a closed key, answers false or the null string. A key and
+/// its copies belong to one thread at a time.
+///
+/// A key path holds none of the characters "/.:*?"; "\" in it leads to keys below. A name, of a value or of a
+/// direct subkey, holds no "\" either. Names are compared without ASCII case.
+class QEL_API hmxRegistryKey
+{
+public:
+    hmxRegistryKey() = default;
+    hmxRegistryKey(const hmxRegistryKey& other);
+    hmxRegistryKey& operator=(const hmxRegistryKey& other);
+    ~hmxRegistryKey();
+
+    /// Closes this key and becomes the key at `path` below `parent`, which Create makes if it is missing. An
+    /// invalid path changes nothing. `parent` may be this key.
+    bool Create(hmxRegistryKey& parent, const char* path);
+    bool Open(hmxRegistryKey& parent, const char* path);
+    void Close();
+    bool IsOpened() const { return record != nullptr; }
+
+    /// Deletes a direct subkey with its values. False when it has subkeys.
+    bool DeleteSubkey(const char* name);
+
+    /// Null `value`: the name itself is the value.
+    bool SetValue(const char* name, const char* value);
+    /// Null when there is no such value, or it is no string.
+    xstring GetValue(const char* name) const;
+    bool DeleteValue(const char* name);
+
+    bool IsKeyValid(const char* path) const;
+    bool IsNameValid(const char* name) const;
+
+private:
+    friend class hmxRegistry;
+    struct Record;
+
+    /// How a key below another one is opened, or created.
+    using Opener = long (*)(void* parent, const char* path, void** key);
+    bool become(Opener opener, const hmxRegistryKey& parent, const char* path);
+
+    Record* record = nullptr; // null: closed
+};
+
+/// One of the two roots of the registry.
+class QEL_API hmxRegistry
+{
+public:
+    enum Type : int { typeUser = 0, typeSystem = 1 };
+
+    /// Another type leaves `root` closed. `invalidCharacters` is kept as a pointer.
+    hmxRegistry(Type type, char keySeparator, const char* invalidCharacters);
+    hmxRegistry(const hmxRegistry&) = delete;
+    hmxRegistry& operator=(const hmxRegistry&) = delete;
+
+    /// The roots of the process, made on the first call and never freed. The first calls must not race.
+    static hmxRegistry& System();
+    static hmxRegistry& User();
+
+    /// Counts the openings; nothing else depends on them. Open answers true.
+    bool Open();
+    void Close();
+
+    hmxRegistryKey root;
+
+private:
+    friend class hmxRegistryKey;
+
+    static hmxRegistry* mSystem;
+    static hmxRegistry* mUser;
+
+    int openCount = 0;
+    char separator;
+    const char* invalidChars;
+};

@@ -1,0 +1,108 @@
+#pragma once
+
+#include <concepts>
+
+#include <qel/hmxregistry.h>
+#include <qel/xobject.h>
+
+/// A key path or name that breaks the rules (hmxRegistryKey). Not counted: the catcher frees it with xdelete.
+class QEL_API regXNameInvalid : public virtual xthrowable
+{
+    QEL_OBJECT(regXNameInvalid); // "reglib::XNameInvalid"
+
+public:
+    explicit regXNameInvalid(const char* name);
+    [[noreturn]] static void Throw(const char* name);
+
+    virtual xstring getName();
+
+private:
+    xstring Name;
+};
+
+/// An operation on a closed key. Not counted.
+class QEL_API regXKeyClosed : public virtual xthrowable
+{
+    QEL_OBJECT(regXKeyClosed); // "reglib::XKeyClosed"
+
+public:
+    [[noreturn]] static void Throw();
+};
+
+/// A value could not be set. Not counted.
+class QEL_API regXAccess : public virtual xthrowable
+{
+    QEL_OBJECT(regXAccess); // "reglib::XAccess"
+
+public:
+    [[noreturn]] static void Throw();
+};
+
+/// An open registry key with typed values, which are kept as texts. Not counted: whoever receives one frees
+/// it with xdelete. Used by one thread at a time. Every operation but Close throws regXKeyClosed when the key
+/// is closed, then regXNameInvalid for a path or name that breaks the rules.
+class QEL_API regKey : public virtual xobject
+{
+    QEL_OBJECT(regKey); // "reglib::Key"
+
+public:
+    explicit regKey(const hmxRegistryKey& opened) : key(opened) {}
+
+    /// The key at `path` below this one, which CreateSubkey makes if it is missing. Null when that is
+    /// refused. The caller owns the new object.
+    virtual regKey* CreateSubkey(const char* path);
+    virtual regKey* OpenSubkey(const char* path);
+    /// 1 when it worked. A subkey that has subkeys is not deleted.
+    virtual unsigned char DeleteSubkey(const char* name);
+    virtual void Close();
+
+    // ---- setting a value: a real with six significant digits, a bool as "true" or "false"
+    /// @throws regXAccess  the value cannot be set
+    virtual void SetValue(const char* name, double value);
+    virtual void SetValue(const char* name, unsigned char value);
+    virtual void SetValue(const char* name, int value);
+    /// Null `value`: the name itself.
+    virtual void SetValue(const char* name, const char* value);
+    template<std::same_as<bool> B>
+    void SetValue(const char* name, B value)
+    {
+        SetValue(name, static_cast<unsigned char>(value));
+    }
+
+    // ---- reading a value: null when it is missing or is not of that kind
+    virtual xstring GetStringValue(const char* name);
+    virtual int GetIntValue(const char* name);
+    virtual double GetRealValue(const char* name);
+    virtual unsigned char GetBoolValue(const char* name);
+
+    /// 1 when it worked.
+    virtual unsigned char DeleteValue(const char* name);
+
+private:
+    void checkOpen() const;
+    void checkName(const char* name) const;
+    void checkPath(const char* path) const;
+
+    hmxRegistryKey key;
+};
+
+/// One of the two roots as a key. Not counted. It stays open.
+class QEL_API regRegistry : public virtual regKey
+{
+    QEL_OBJECT(regRegistry); // "reglib::Registry"
+
+public:
+    explicit regRegistry(hmxRegistry& registry);
+
+    /// A new object, which the caller owns.
+    static regRegistry* System();
+    static regRegistry* User();
+
+    /// Ends one opening; the key stays usable.
+    void Close() override;
+    /// Counts an opening. Answers 1.
+    virtual unsigned char Open();
+
+private:
+    hmxRegistry& root;
+};

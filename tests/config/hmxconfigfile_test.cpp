@@ -1,0 +1,454 @@
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <memory>
+#include <random>
+#include <thread>
+
+#include <qel/hmxconfigfile.h>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/child.h"
+#include "support/environment.h"
+#include "support/tempdir.h"
+
+namespace {
+
+std::string textOf(const xstring& text)
+{
+    return text == nullptr ? "(null)" : text.CastToCString();
+}
+
+class Config : public testing::Test
+{
+protected:
+    /// Opens the file for updating, sets one value and closes.
+    bool update(const char* key, const char* value)
+    {
+        hmxConfigFile file;
+        return file.Open(path(), hmxConfigFile::ReadWrite) && file.SetValue(key, value);
+    }
+
+    const char* path() const { return name.c_str(); }
+    std::string content() const { return dir.read("config"); }
+
+    /// How many nodes the directory holds: the file, and nothing that was left behind.
+    int nodes() const
+    {
+        const std::filesystem::directory_iterator all(dir.path());
+        return static_cast<int>(std::distance(begin(all), end(all)));
+    }
+
+    TempDir dir{TempDir::InMemory}; // thousands of updates are to reach the disk
+    const std::string name = dir.path("config");
+};
+
+} // namespace
+
+// ---- reading and writing
+
+TEST_F(Config, IsReadLineByLine)
+{
+    dir.write("config", "b:2\na : 1\njunk\n:no key\nb:3\nk:\n \t:blank key\na b:x:y\nlast: no line end");
+    hmxConfigFile file;
+    ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadOnly));
+    EXPECT_TRUE(file.IsOpened());
+
+    EXPECT_EQ(textOf(file.GetValue("a")), " 1");
+    EXPECT_EQ(textOf(file.GetValue("b")), "3"); // the last line with a key counts
+    EXPECT_EQ(textOf(file.GetValue("a\tb")), "x:y");
+    EXPECT_EQ(textOf(file.GetValue("last")), " no line end");
+    for (const char* none : {"junk", "k", "", "B", static_cast<const char*>(nullptr), xnullstr})
+        EXPECT_EQ(textOf(file.GetValue(none)), "(null)");
+    EXPECT_FALSE(file.SetValue("a", "2"));
+    EXPECT_FALSE(file.DeleteValue("a"));
+    file.Close();
+    EXPECT_EQ(textOf(file.GetValue("a")), "(null)");
+    EXPECT_NE(content().find("junk"), std::string::npos);
+}
+
+TEST_F(Config, IsWrittenBackInTheOrderOfItsKeysWhenItChanged)
+{
+    dir.write("config", "b:2\na : 1\njunk\n\xFF:high\n");
+    hmxConfigFile file;
+    ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite));
+    file.Close();
+    EXPECT_EQ(content(), "b:2\na : 1\njunk\n\xFF:high\n"); // untouched
+
+    ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite));
+    EXPECT_TRUE(file.SetValue(" z ", "9"));
+    EXPECT_TRUE(file.SetValue("b", "two"));
+    EXPECT_TRUE(file.SetValue("null", nullptr));
+    EXPECT_TRUE(file.SetValue("empty", ""));
+    EXPECT_TRUE(file.SetValue("Capital", "\r"));
+    EXPECT_TRUE(file.SetValue("co:lon", "x"));
+    EXPECT_EQ(textOf(file.GetValue("b")), "two");
+    EXPECT_EQ(textOf(file.GetValue("empty")), "");
+    file.Close();
+    EXPECT_EQ(content(), "Capital:\r\na: 1\nb:two\nco:lon:x\nempty:\nnull:nil\nz:9\n\xFF:high\n");
+
+    ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite));
+    EXPECT_EQ(textOf(file.GetValue("co")), "lon:x");
+    EXPECT_EQ(textOf(file.GetValue("null")), "nil");
+    EXPECT_EQ(textOf(file.GetValue("empty")), "(null)");
+    EXPECT_TRUE(file.DeleteValue("z"));
+    EXPECT_FALSE(file.DeleteValue("z"));
+    for (const char* key : {"null", "empty", "Capital", "co", "b", "\xFF"})
+        EXPECT_TRUE(file.DeleteValue(key));
+    ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadOnly)); // closes first, which writes
+    EXPECT_EQ(content(), "a: 1\n");
+}
+
+TEST_F(Config, RefusesWhatWouldBeAnotherEntryOrNone)
+{
+    dir.write("config", "a:1\n");
+    hmxConfigFile file;
+    EXPECT_FALSE(file.SetValue("a", "2")); // closed
+    ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite));
+    for (const char* key : {"", " \t", "x\ny", static_cast<const char*>(nullptr), xnullstr})
+        EXPECT_FALSE(file.SetValue(key, "v"));
+    EXPECT_FALSE(file.SetValue("a", "1\nb:2"));
+    file.Close();
+    EXPECT_EQ(content(), "a:1\n");
+}
+
+TEST_F(Config, KeepsBytesThatAreNoText)
+{
+    const std::string odd("\0:zero\0value\na\0b:\xFF\xFE\n", 20);
+    dir.write("config", odd);
+    EXPECT_TRUE(update("z", "1"));
+    EXPECT_EQ(content(), odd + "z:1\n");
+}
+
+TEST_F(Config, HoldsManyAndLongLines)
+{
+    std::string expected, longest(3000000, 'v');
+    {
+        hmxConfigFile file;
+        ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite)); // made, as it is missing
+        for (int i = 19999; i >= 0; --i)
+            file.SetValue(std::to_string(100000 + i).c_str(), std::to_string(i).c_str());
+        file.SetValue("long", longest.c_str());
+    }
+    hmxConfigFile file;
+    ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadOnly));
+    for (int i = 0; i < 20000; i += 997)
+        EXPECT_EQ(textOf(file.GetValue(std::to_string(100000 + i).c_str())), std::to_string(i));
+    EXPECT_EQ(textOf(file.GetValue("long")), longest);
+}
+
+TEST_F(Config, OpensNothingThatIsNoFile)
+{
+    dir.makeDir("sub");
+    ASSERT_EQ(mkfifo(dir.path("pipe"), 0600), 0);
+    hmxConfigFile file;
+    for (const char* none : {"sub", "pipe", "missing/x"})
+        for (const auto mode : {hmxConfigFile::ReadOnly, hmxConfigFile::ReadWrite}) {
+            EXPECT_FALSE(file.Open(dir.path(none), mode)) << none;
+            EXPECT_FALSE(file.IsOpened());
+        }
+    EXPECT_FALSE(file.Open(path(), hmxConfigFile::ReadOnly));
+    EXPECT_FALSE(file.Open(nullptr, hmxConfigFile::ReadWrite));
+    EXPECT_FALSE(dir.has("config"));
+    file.Close();
+}
+
+TEST_F(Config, TakesNativePaths)
+{
+    EnvSetting drive("QELSTD_DRIVE_X", dir.path());
+    hmxConfigFile file;
+    ASSERT_TRUE(file.Open("X:\\config", hmxConfigFile::ReadWrite));
+    file.SetValue("a", "1");
+    file.Close();
+    EXPECT_EQ(content(), "a:1\n");
+}
+
+// ---- replacing the file
+
+TEST_F(Config, KeepsModeLinksAndOtherNames)
+{
+    dir.write("real/config", "a:1\n");
+    dir.link("real/config", "config");
+    chmod(dir.path("real/config"), 0604);
+    EXPECT_TRUE(update("b", "2"));
+    EXPECT_TRUE(std::filesystem::is_symlink(path()));
+    struct stat status;
+    ASSERT_EQ(stat(path(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0604u);
+    EXPECT_EQ(dir.read("real/config"), "a:1\nb:2\n");
+
+    std::filesystem::create_hard_link(dir.path("real/config"), dir.path("other"));
+    EXPECT_TRUE(update("c", "3"));
+    EXPECT_EQ(dir.read("other"), "a:1\nb:2\nc:3\n");
+}
+
+TEST_F(Config, IsWrittenInPlaceInADirectoryThatIsClosedToUs)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs the right to become another user";
+    dir.write("config", "long:content that gets shorter\n");
+    chmod(path(), 0666);
+    chmod(dir.path(), 0755);
+    EXPECT_EQ(runInChild([&] {
+                  if (setuid(65534) != 0)
+                      return 1;
+                  hmxConfigFile file;
+                  if (!file.Open(path(), hmxConfigFile::ReadWrite))
+                      return 2;
+                  file.DeleteValue("long");
+                  file.SetValue("a", "1");
+                  return 0;
+              }),
+              0);
+    EXPECT_EQ(content(), "a:1\n");
+    chmod(path(), 0644);
+    EXPECT_EQ(runInChild([&] {
+                  hmxConfigFile file;
+                  return setuid(65534) != 0 || file.Open(path(), hmxConfigFile::ReadWrite) ? 1 : 0;
+              }),
+              0);
+}
+
+TEST_F(Config, FollowsItsDirectoryAndNotTheCurrentOne)
+{
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(dir.path());
+    {
+        hmxConfigFile file;
+        ASSERT_TRUE(file.Open("config", hmxConfigFile::ReadWrite));
+        std::filesystem::current_path(before);
+        file.SetValue("a", "1");
+    }
+    EXPECT_EQ(content(), "a:1\n");
+}
+
+TEST_F(Config, KeepsTheOldContentWhenTheNewOneCannotBeWritten)
+{
+    const std::string old = "a:" + std::string(500, 'o') + "\n";
+    dir.write("config", old);
+    EXPECT_EQ(runInChild([&] {
+                  signal(SIGXFSZ, SIG_IGN);
+                  const rlimit limit = {1000, 1000};
+                  setrlimit(RLIMIT_FSIZE, &limit);
+                  update("b", std::string(5000, 'n').c_str());
+                  return 0;
+              }),
+              0);
+    EXPECT_EQ(content(), old);
+    EXPECT_EQ(nodes(), 1);
+}
+
+/// The program that the two tests below run under strace: this test, on the file that the environment names.
+TEST(ConfigProgram, Updates)
+{
+    const char* const path = std::getenv("QEL_TEST_CONFIG");
+    if (path == nullptr)
+        GTEST_SKIP() << "run by other tests";
+    hmxConfigFile file;
+    ASSERT_TRUE(file.Open(path, hmxConfigFile::ReadWrite));
+    file.SetValue("b", "new");
+    file.Close();
+}
+
+namespace {
+
+/// Calls that the write-back consists of, and whether strace has to be told the files: they are many in a
+/// program.
+struct Call
+{
+    const char* names;
+    bool byFile;
+};
+
+/// Runs the program above with a fault at the `when`-th call. False when strace cannot be used.
+bool updateWithFault(const std::string& path, Call call, const std::string& fault, int when)
+{
+    EnvSetting variable("QEL_TEST_CONFIG", path.c_str());
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+    const std::string names = call.names;
+    std::string command = "strace -qq -o /dev/null -f -e trace=" + names + " -e inject=" + names + ":" +
+                          fault + ":when=" + std::to_string(when);
+    if (call.byFile)
+        command += " -P " + path + " -P " + path.substr(0, path.rfind('/')) + "/.config.new";
+    command += " " + self + " --gtest_filter=ConfigProgram.Updates >/dev/null 2>&1";
+    return std::system(command.c_str()) != -1;
+}
+
+bool hasStrace()
+{
+    return std::system("strace -qq -o /dev/null true >/dev/null 2>&1") == 0;
+}
+
+} // namespace
+
+TEST_F(Config, IsOldOrNewWhenItsWriterIsKilledAtAnyCall)
+{
+    if (!hasStrace())
+        GTEST_SKIP() << "needs strace";
+    const std::string old = "a:1\n", renewed = "a:1\nb:new\n";
+    int kept = 0, replaced = 0;
+    for (const Call& call :
+         {Call{"openat", true}, Call{"write", true}, Call{"fchmod", true}, Call{"fsync", true},
+          Call{"close", true}, Call{"renameat", false}, Call{"unlinkat", false}})
+        for (int when = 1; when <= 3; ++when) {
+            dir.write("config", old);
+            ASSERT_TRUE(updateWithFault(path(), call, "signal=KILL", when));
+            const std::string now = content();
+            EXPECT_TRUE(now == old || now == renewed) << call.names << when << now;
+            kept += now == old;
+            replaced += now == renewed;
+        }
+    EXPECT_GT(kept, 3); // the faults have struck
+    EXPECT_GT(replaced, 3);
+    EXPECT_TRUE(update("c", "3")); // whatever was left behind is in nobody's way
+    EXPECT_EQ(nodes(), 1);
+}
+
+TEST_F(Config, IsOldAndAloneWhenACallOfTheWriteBackFails)
+{
+    if (!hasStrace())
+        GTEST_SKIP() << "needs strace";
+    const std::string old = "a:1\n", renewed = "a:1\nb:new\n";
+    int kept = 0;
+    for (const char* error : {"ENOSPC", "EIO", "EDQUOT"})
+        for (const Call& call : {Call{"write", true}, Call{"fsync", true}, Call{"renameat", false}}) {
+            dir.write("config", old);
+            ASSERT_TRUE(updateWithFault(path(), call, std::string("error=") + error, 1));
+            const std::string now = content();
+            EXPECT_TRUE(now == old || now == renewed) << call.names << error;
+            kept += now == old;
+            EXPECT_EQ(nodes(), 1) << call.names << error;
+        }
+    EXPECT_EQ(kept, 9); // each fault has struck
+}
+
+TEST_F(Config, IsOldOrNewWhenItsWriterIsKilledAtAnyMoment)
+{
+    constexpr int kills = 150;
+    const std::string filler(20000, 'f');
+    dir.write("config", "count:0\nfiller:" + filler + "\n");
+    std::minstd_rand random(1);
+    for (int i = 0; i < kills; ++i) {
+        const pid_t writer = fork();
+        if (writer == 0)
+            for (int n = 0;; ++n)
+                update("count", std::to_string(n).c_str());
+        usleep(static_cast<useconds_t>(random() % 3000));
+        kill(writer, SIGKILL);
+        waitpid(writer, nullptr, 0);
+        const std::string now = content();
+        ASSERT_TRUE(now.starts_with("count:") && now.ends_with("filler:" + filler + "\n"))
+            << now.substr(0, 50);
+    }
+    EXPECT_TRUE(update("count", "end"));
+    EXPECT_EQ(nodes(), 1);
+}
+
+// ---- the lock
+
+TEST_F(Config, LosesNoUpdateOfSeveralProcesses)
+{
+    constexpr int processes = 4, updates = 500;
+    dir.write("config", "count:0\n");
+    const pid_t waiting = fork(); // a reader that is killed while it waits for its turn
+    if (waiting == 0)
+        for (;;)
+            hmxConfigFile().Open(path(), hmxConfigFile::ReadOnly);
+    std::vector<pid_t> children;
+    for (int i = 0; i < processes; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            for (int n = 0; n < updates; ++n) {
+                hmxConfigFile file;
+                int count;
+                if (!file.Open(path(), hmxConfigFile::ReadWrite) || !file.GetValue("count").ToInt(&count))
+                    _exit(1);
+                file.SetValue("count", std::to_string(count + 1).c_str());
+                if (n == updates / 2 && i == 0)
+                    kill(waiting, SIGKILL);
+            }
+            _exit(0);
+        }
+        children.push_back(child);
+    }
+    for (const pid_t child : children) {
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+    }
+    waitpid(waiting, nullptr, 0);
+    EXPECT_EQ(content(), "count:" + std::to_string(processes * updates) + "\n");
+}
+
+TEST_F(Config, LetsReadersInTogetherAndAWriterAlone)
+{
+    dir.write("config", "a:1\n");
+    auto first = std::make_unique<hmxConfigFile>();
+    hmxConfigFile second;
+    ASSERT_TRUE(first->Open(path(), hmxConfigFile::ReadOnly));
+    ASSERT_TRUE(second.Open(path(), hmxConfigFile::ReadOnly));
+    std::atomic<bool> written = false;
+    std::thread writer([&] {
+        update("a", "2");
+        written = true;
+    });
+
+    second.Close();
+    usleep(20000);
+    EXPECT_FALSE(written);
+    first.reset();
+    writer.join();
+    EXPECT_EQ(content(), "a:2\n");
+}
+
+// ---- text functions
+
+TEST(TextFunctions, PressCharactersOut)
+{
+    char text[] = "a-b--c-";
+    EXPECT_TRUE(StrPress(text, '-'));
+    EXPECT_STREQ(text, "abc");
+    EXPECT_FALSE(StrPress(text, '-'));
+    EXPECT_FALSE(StrPress(text, '\0'));
+    EXPECT_STREQ(text, "abc");
+
+    const std::unique_ptr<char[]> pressed(StrPress("a b\tc"));
+    EXPECT_STREQ(pressed.get(), "abc");
+    for (const char* none : {"abc", "", static_cast<const char*>(nullptr), xnullstr})
+        EXPECT_EQ(StrPress(none), nullptr);
+    xstring string("\t a "), null;
+    StrPress(string);
+    StrPress(null);
+    EXPECT_EQ(textOf(string), "a");
+    EXPECT_EQ(textOf(null), "(null)");
+}
+
+TEST(TextFunctions, SplitAtTheFirstCharacter)
+{
+    const struct
+    {
+        const char *text, *before, *after;
+    } rows[] = {
+        {"a:b:c", "a", "b:c"}, {":x", "(null)", "x"}, {"ab:", "ab", "(null)"}, {":", "(null)", "(null)"}};
+    for (const auto& row : rows) {
+        xstring before, after;
+        EXPECT_TRUE(StrSplit(row.text, ':', before, after));
+        EXPECT_EQ(textOf(before), row.before);
+        EXPECT_EQ(textOf(after), row.after);
+        EXPECT_EQ(textOf(StrSplitBefore(row.text, ':')), row.before);
+        EXPECT_EQ(textOf(StrSplitAfter(row.text, ':')), row.after);
+    }
+    xstring before("kept"), after("kept");
+    for (const char* none : {"abc", "", static_cast<const char*>(nullptr), xnullstr}) {
+        EXPECT_FALSE(StrSplit(none, ':', before, after));
+        EXPECT_EQ(textOf(StrSplitBefore(none, ':')), "(null)");
+        EXPECT_EQ(textOf(StrSplitAfter(none, ':')), "(null)");
+    }
+    EXPECT_EQ(textOf(before) + textOf(after), "keptkept");
+    xstring own("k:v");
+    EXPECT_TRUE(StrSplit(own.CastToCString(), ':', own, after)); // the text may be that of an output
+    EXPECT_EQ(textOf(own) + textOf(after), "kv");
+}
