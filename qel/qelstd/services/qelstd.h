@@ -22,6 +22,9 @@
 
 // ---- the service libraries
 #include <qel/evteventarray.h>
+#include <qel/filelib.h>
+#include <qel/hmxconfigfile.h>
+#include <qel/reglib.h>
 #include <qel/syslib.h>
 #include <qel/tmtime.h>
 #include <qel/xiolib.h>
