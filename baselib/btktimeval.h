@@ -17,9 +17,10 @@ public:
     }
     /// Seconds; what is not a number counts as 0.
     constexpr explicit btkTimeval(double seconds)
-        : count(!(seconds > 0)                   ? 0
-                : seconds < greatest / perSecond ? static_cast<long long>(seconds * perSecond)
-                                                 : greatest)
+        : count(!(seconds > 0) ? 0
+                : seconds < static_cast<double>(greatest / perSecond)
+                    ? static_cast<long long>(seconds * perSecond)
+                    : greatest)
     {
     }
 

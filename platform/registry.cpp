@@ -285,7 +285,9 @@ long RegCreateKeyExA(HKEY parent, const char* path, DWORD, char*, DWORD, DWORD, 
     Place place;
     if (!placeOf(parent, place))
         return ERROR_INVALID_HANDLE;
-    const std::optional<std::string> fileName = platKeyPath(path == nullptr ? "" : path);
+    if (path == nullptr)
+        path = "";
+    const std::optional<std::string> fileName = platKeyPath(path);
     if (!fileName)
         return ERROR_BAD_PATHNAME;
     DWORD outcome = REG_OPENED_EXISTING_KEY;
