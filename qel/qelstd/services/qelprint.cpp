@@ -5,16 +5,21 @@
 #include <fstream>
 #include <iostream>
 #include <string_view>
+#include <utility>
 
 #include "qelcaught_p.h"
 #include "qelrtti.h"
+#include "qeltraverse_p.h"
 #include "xsequence.h"
 
-/// Gathers the texts of one operation, so that the stream is called once for several.
+/// What has been printed and not yet handed to the stream: the texts of one operation or, with `byLines`, of
+/// one line, so that the stream is called once for several.
 class qelPrintTraverser::Text
 {
 public:
     explicit Text(std::ostream& to) : os(to) {}
+
+    bool byLines = false;
 
     Text& operator<<(char c)
     {
@@ -44,6 +49,22 @@ public:
         used += static_cast<std::size_t>(std::to_chars(at, at + 12, number).ptr - at);
         return *this;
     }
+    Text& operator<<(double number)
+    {
+        write();
+        os << number;
+        return *this;
+    }
+    /// The name of a type; that of an anonymous one is made of its parents' names.
+    Text& operator<<(xrttiobject* type)
+    {
+        const xstring name = type->getName();
+        if (name != nullptr && name != "")
+            return *this << name;
+        for (int i = type->getNParents() - 1; i >= 0; --i)
+            *this << type->getParent(i) << ' ';
+        return *this;
+    }
     Text& blanks(int count)
     {
         while (count > 0) {
@@ -54,26 +75,25 @@ public:
         }
         return *this;
     }
-    /// The name of a type; that of an anonymous one is made of its parents' names.
-    void typeName(xrttiobject* type)
+
+    /// At the end of each operation.
+    void done()
     {
-        const xstring name = type->getName();
-        if (name != nullptr && name != "") {
-            *this << name;
-            return;
-        }
-        for (int i = type->getNParents() - 1; i >= 0; --i) {
-            typeName(type->getParent(i));
-            *this << ' ';
-        }
+        if (!byLines)
+            write();
     }
-    /// Hands on what has been gathered.
+    /// Hands on what there is.
     void write()
     {
         if (used == 0)
             return;
         os.write(block, static_cast<std::streamsize>(used));
         used = 0;
+    }
+    void flush()
+    {
+        write();
+        os.flush();
     }
 
 private:
@@ -89,24 +109,27 @@ private:
     char block[512];
 };
 
-qelPrintTraverser::qelPrintTraverser(std::ostream& stream, int spaces) : os(stream), step(spaces)
+qelPrintTraverser::qelPrintTraverser(std::ostream& stream, int spaces)
+    : os(stream), step(spaces), text(new Text(os))
 {
 }
 
-qelPrintTraverser::~qelPrintTraverser() = default;
+qelPrintTraverser::~qelPrintTraverser()
+{
+    delete text;
+}
 
 // ---- layout
 
-void qelPrintTraverser::nextLine(Text& text)
+void qelPrintTraverser::nextLine()
 {
     if (step == -1) {
-        text << ' ';
+        *text << ' ';
         return;
     }
-    text << '\n';
-    text.write();
-    os.flush();
-    text.blanks(indent);
+    *text << '\n';
+    text->flush();
+    text->blanks(indent);
 }
 
 void qelPrintTraverser::shiftRight()
@@ -123,11 +146,10 @@ void qelPrintTraverser::shiftLeft()
 
 bool qelPrintTraverser::printBeginObject(xrttiobject* type, char open)
 {
-    Text text(os);
-    text.typeName(type);
-    nextLine(text);
-    text << open;
-    text.write();
+    *text << type;
+    nextLine();
+    *text << open;
+    text->done();
     shiftRight();
     return true;
 }
@@ -135,84 +157,79 @@ bool qelPrintTraverser::printBeginObject(xrttiobject* type, char open)
 void qelPrintTraverser::printEndObject(char close)
 {
     shiftLeft();
-    Text text(os);
-    nextLine(text);
-    text << close;
-    text.write();
+    nextLine();
+    *text << close;
+    text->done();
 }
 
 /// What stands on a part's line in front of the value.
 template<class Label>
-bool qelPrintTraverser::printLabel(const Label& label)
+bool qelPrintTraverser::printLabel(const Label& label, const char* after)
 {
-    Text text(os);
-    nextLine(text);
-    text << label << " : ";
-    text.write();
+    nextLine();
+    *text << label << after;
+    text->done();
     return true;
 }
 
 /// `content` in quotes. A wide text that has no multibyte form is reported in its place.
-void qelPrintTraverser::printQuoted(Text& text, const xstring& content)
+void qelPrintTraverser::printQuoted(const xstring& content)
 {
     try {
         content.CastToCString();
     } catch (xthrowable* error) {
         const qelCaught owner(error);
-        text.write();
         errorOccured("QEL exception", error);
         return;
     }
-    text << '"' << content << '"';
+    *text << '"' << content << '"';
 }
 
 // ---- values
 
 void qelPrintTraverser::simpleValue(xany value)
 {
-    Text text(os);
     switch (value.getKind()) {
     case xanyUninit:
-        text << "uninit";
+        *text << "uninit";
         break;
     case xanyNull:
-        text << "nil";
+        *text << "nil";
         break;
     case xanyInt:
-        text << static_cast<int>(value);
+        *text << static_cast<int>(value);
         break;
     case xanyBool:
-        text << (static_cast<unsigned char>(value) != 0 ? "true" : "false");
+        *text << (static_cast<unsigned char>(value) != 0 ? "true" : "false");
         break;
     case xanyReal:
-        os << static_cast<double>(value);
+        *text << static_cast<double>(value);
         break;
     case xanyString:
-        printQuoted(text, value);
+        printQuoted(value);
         break;
     default:
         errorOccured("Invalid simple value", nullptr);
     }
-    text.write();
+    text->done();
 }
 
 void qelPrintTraverser::enumValue(xrttienum* type, int value)
 {
-    Text text(os);
-    text << type->mapIntToString(value);
-    text.write();
+    *text << type->mapIntToString(value);
+    text->done();
 }
 
 void qelPrintTraverser::errorOccured(const char* message, xrcunihandle<xthrowable>)
 {
-    Text text(os);
-    text << "<ERROR: " << message << '>';
-    text.write();
+    *text << "<ERROR: " << message << '>';
+    text->done();
 }
 
 void qelPrintTraverser::alreadyVisited(xrcunihandle<xobject>)
 {
-    os << "<printed>";
+    *text << "<printed>";
+    text->done();
 }
 
 // ---- compound values
@@ -269,11 +286,10 @@ void qelPrintTraverser::endDictionary(xrttidictionary*, xrcunihandle<xobject>)
 
 bool qelPrintTraverser::beginDictElement(xrttidictionary*, xstring key, xrcunihandle<xobject>)
 {
-    Text text(os);
-    nextLine(text);
-    printQuoted(text, key);
-    text << " : ";
-    text.write();
+    nextLine();
+    printQuoted(key);
+    *text << " : ";
+    text->done();
     return true;
 }
 
@@ -290,10 +306,7 @@ void qelPrintTraverser::endArray(xrttiarray*, xrcunihandle<xobject>)
 bool qelPrintTraverser::beginArrayDimension(xrttiarray*, int dim, xrchandle<xintsequence> index,
                                             xrcunihandle<xobject>)
 {
-    Text text(os);
-    nextLine(text);
-    text << index->get(dim) << " : [";
-    text.write();
+    printLabel(index->get(dim), " : [");
     shiftRight();
     return true;
 }
@@ -330,13 +343,7 @@ bool qelPrintTraverser::beginUnionValue(xrttiunion*, xrttiattr* attr, xrcunihand
 
 bool qelPrintTraverser::printMember(xrttiattr* attr)
 {
-    if (attr != nullptr)
-        return printLabel(attr->getName());
-    Text text(os);
-    nextLine(text);
-    text << "Unknown union attribute";
-    text.write();
-    return true;
+    return attr != nullptr ? printLabel(attr->getName()) : printLabel("Unknown union attribute", "");
 }
 
 // ---- functions
@@ -344,7 +351,9 @@ bool qelPrintTraverser::printMember(xrttiattr* attr)
 void qelPrint(xany value, std::ostream& stream, int spaces)
 {
     qelPrintTraverser printer(stream, spaces);
-    qelTraverse(value, &printer);
+    printer.text->byLines = true;
+    qelTraverseUnseen(std::move(value), &printer);
+    printer.text->write();
 }
 
 void qelDebugPrint(xobject* obj)

@@ -12,6 +12,8 @@ class QEL_API qelPrintTraverser : public qelTraverser
 public:
     /// The stream is not owned. `spaces`: how much deeper each level is indented, or -1 for one line.
     qelPrintTraverser(std::ostream& stream, int spaces);
+    qelPrintTraverser(const qelPrintTraverser&) = delete;
+    qelPrintTraverser& operator=(const qelPrintTraverser&) = delete;
     virtual ~qelPrintTraverser();
 
     void simpleValue(xany value) override;
@@ -44,20 +46,22 @@ public:
 
 private:
     class Text;
+    friend QEL_API void qelPrint(xany value, std::ostream& stream, int spaces);
 
-    void nextLine(Text& text);
+    void nextLine();
     void shiftRight();
     void shiftLeft();
     bool printBeginObject(xrttiobject* type, char open);
     void printEndObject(char close);
     template<class Label>
-    bool printLabel(const Label& label);
+    bool printLabel(const Label& label, const char* after = " : ");
     bool printMember(xrttiattr* attr);
-    void printQuoted(Text& text, const xstring& content);
+    void printQuoted(const xstring& content);
 
     std::ostream& os;
     int step;
     int indent = 0;
+    Text* const text;
 };
 
 /// Writes `value` to `stream` as a qelPrintTraverser does, without a line break before or after it:

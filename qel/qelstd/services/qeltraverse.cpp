@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "qelcaught_p.h"
+#include "qeltraverse_p.h"
 #include "xrtti.h"
 #include "xsequence.h"
 
@@ -146,7 +147,6 @@ struct Frame
 {
     Frame(xany&& v, xobject* p, const Class& c) : value(std::move(v)), object(p), cls(&c) {}
 
-    xrcunihandle<xobject> handle() const { return object; }
     void beginContribution()
     {
         position = 0;
@@ -173,7 +173,7 @@ struct Frame
 class Walk
 {
 public:
-    explicit Walk(qelTraverser& to) : visitor(to), slots(64) {}
+    Walk(qelTraverser& to, bool withObjects) : visitor(to), showsObjects(withObjects), slots(64) {}
 
     void run(xany&& root)
     {
@@ -184,6 +184,7 @@ public:
     }
 
 private:
+    xrcunihandle<xobject> shown(xobject* object) const { return showsObjects ? object : nullptr; }
     bool enter(xany&& value);
     bool enterObject(xany&& value);
     void leave();
@@ -199,23 +200,25 @@ private:
     template<auto begin, auto end, class Read, class... A>
     bool part(Frame& frame, Read read, const A&... where);
     template<class Read>
-    bool guarded(Read read);
-    template<class Read>
-    xany readValue(Read read);
+    auto guarded(Read read) -> decltype(read());
     xany readAttr(Frame& frame, xrttiattr* attr);
 
     const Class& classOf(xobject* object);
+    xrttienum* enumOf(xrtti* type);
     std::size_t slotOf(const xobject* object) const;
     void remember(std::size_t slot);
     void forget(const xobject* object);
 
     qelTraverser& visitor;
+    const bool showsObjects;
     std::vector<Frame> path;
     // A hash table of the path: 0, or 1 + the position of a frame. Objects leave it in the reverse of the
     // order in which they came, so clearing a slot never breaks another object's probe chain.
     std::vector<unsigned> slots;
     std::unordered_map<xrttiobject*, Class> classes;
     const Class* latest = nullptr;
+    xrtti* latestEnumRtti = nullptr;
+    xrttienum* latestEnum = nullptr;
 };
 
 /// Reports a value. True when it is an object that has been put on the path, to be walked before the part
@@ -225,14 +228,12 @@ bool Walk::enter(xany&& value)
     switch (value.getKind()) {
     case xanyUninit:
         return false;
-    case xanyEnum: {
-        xrttienum* const type = xrttienum::softcast(qelObjectOf(value.getRtti()));
-        if (qelIsObject(type))
+    case xanyEnum:
+        if (xrttienum* const type = enumOf(value.getRtti()))
             visitor.enumValue(type, value);
         else
             visitor.errorOccured("Invalid enum value", nullptr);
         return false;
-    }
     case xanyObject:
         return enterObject(std::move(value));
     default:
@@ -256,8 +257,8 @@ bool Walk::enterObject(xany&& value)
         return false;
     }
     const Class& cls = classOf(object);
-    const bool entered =
-        announce(cls.view, [&](auto* type, auto begin, auto) { return (visitor.*begin)(type, object); });
+    const bool entered = announce(
+        cls.view, [&](auto* type, auto begin, auto) { return (visitor.*begin)(type, shown(object)); });
     if (!entered)
         return false;
     path.emplace_back(std::move(value), object, cls);
@@ -268,7 +269,7 @@ bool Walk::enterObject(xany&& value)
 void Walk::leave()
 {
     const Frame& frame = path.back();
-    announce(frame.cls->view, [&](auto* type, auto, auto end) { (visitor.*end)(type, frame.handle()); });
+    announce(frame.cls->view, [&](auto* type, auto, auto end) { (visitor.*end)(type, shown(frame.object)); });
     forget(frame.object);
     path.pop_back();
 }
@@ -321,10 +322,10 @@ bool Walk::advance(Frame& frame, xrttistruct* type)
 
 bool Walk::advance(Frame& frame, xrttisequence* type)
 {
-    if (frame.count < 0 && !guarded([&] { frame.count = type->getSize(frame.object); }))
-        frame.count = 0;
+    if (frame.count < 0)
+        frame.count = guarded([&] { return type->getSize(frame.object); });
     const auto read = [&] {
-        return readValue([&] { return type->getElemValue(frame.object, frame.position); });
+        return guarded([&] { return type->getElemValue(frame.object, frame.position); });
     };
     for (; frame.position < frame.count; ++frame.position)
         if (part<&qelTraverser::beginSeqElement, &qelTraverser::endSeqElement>(frame, read, type,
@@ -335,10 +336,10 @@ bool Walk::advance(Frame& frame, xrttisequence* type)
 
 bool Walk::advance(Frame& frame, xrttidictionary* type)
 {
-    if (frame.count < 0 && !guarded([&] { frame.count = type->getSize(frame.object); }))
-        frame.count = 0;
+    if (frame.count < 0)
+        frame.count = guarded([&] { return type->getSize(frame.object); });
     const auto read = [&] {
-        return readValue([&] {
+        return guarded([&] {
             xany value;
             if (!type->getElemValueByIdx(frame.object, frame.position, &value))
                 value = "<uninit>";
@@ -347,13 +348,15 @@ bool Walk::advance(Frame& frame, xrttidictionary* type)
     };
     for (; frame.position < frame.count; ++frame.position) {
         if (!frame.inside) {
-            bool occupied = true;
             frame.key = "";
-            if (!guarded(
-                    [&] { occupied = type->getElemKeyByIdx(frame.object, frame.position, &frame.key) != 0; }))
-                frame.key = "";
-            if (!occupied)
+            enum { failed, vacant, occupied };
+            const auto slot = guarded([&] {
+                return type->getElemKeyByIdx(frame.object, frame.position, &frame.key) ? occupied : vacant;
+            });
+            if (slot == vacant)
                 continue;
+            if (slot == failed)
+                frame.key = "";
         }
         if (part<&qelTraverser::beginDictElement, &qelTraverser::endDictElement>(frame, read, type,
                                                                                  frame.key))
@@ -368,7 +371,7 @@ bool Walk::advance(Frame& frame, xrttiarray* type)
         frame.odometer = std::make_unique<Odometer>(type->getNDimentions());
     Odometer& odometer = *frame.odometer;
     const auto read = [&] {
-        return readValue([&] { return type->getElemValue(frame.object, odometer.entries); });
+        return guarded([&] { return type->getElemValue(frame.object, odometer.entries); });
     };
     for (;;) {
         int& dimension = odometer.dimension;
@@ -378,13 +381,13 @@ bool Walk::advance(Frame& frame, xrttiarray* type)
                 return false;
             at = 0;
             --dimension;
-            visitor.endArrayDimension(type, dimension, odometer.entries, frame.handle());
+            visitor.endArrayDimension(type, dimension, odometer.entries, shown(frame.object));
             ++odometer.at[static_cast<std::size_t>(dimension)];
             continue;
         }
         odometer.entries->set(dimension, at);
         if (dimension < odometer.last) {
-            if (visitor.beginArrayDimension(type, dimension, odometer.entries, frame.handle()))
+            if (visitor.beginArrayDimension(type, dimension, odometer.entries, shown(frame.object)))
                 ++dimension;
             else
                 ++at;
@@ -408,8 +411,7 @@ bool Walk::advance(Frame& frame, xrttiunion* type)
         if (part<&qelTraverser::beginUnionDicriminator, &qelTraverser::endUnionDicriminator>(
                 frame, [&] { return frame.discriminator; }, type, attr))
             return true;
-        if (!guarded([&] { frame.member = type->mapLabelToAttr(frame.discriminator, 1); }))
-            frame.member = nullptr;
+        frame.member = guarded([&] { return type->mapLabelToAttr(frame.discriminator, 1); });
         frame.position = member;
     }
     if (frame.position == member) {
@@ -427,45 +429,35 @@ template<auto begin, auto end, class Read, class... A>
 bool Walk::part(Frame& frame, Read read, const A&... where)
 {
     if (!frame.inside) {
-        if (!(visitor.*begin)(where..., frame.handle()))
+        if (!(visitor.*begin)(where..., shown(frame.object)))
             return false;
         frame.inside = true;
         if (enter(read()))
             return true;
     }
     frame.inside = false;
-    (visitor.*end)(where..., frame.handle());
+    (visitor.*end)(where..., shown(frame.object));
     return false;
 }
 
-/// Runs a read; what it throws becomes a report, and false the answer.
+/// What `read` answers. What it throws becomes a report, and the default of its type the answer.
 template<class Read>
-bool Walk::guarded(Read read)
+auto Walk::guarded(Read read) -> decltype(read())
 {
     try {
-        read();
-        return true;
+        return read();
     } catch (xthrowable* error) {
         const qelCaught owner(error);
         visitor.errorOccured("QEL exception", error);
     } catch (...) {
         visitor.errorOccured("Unknown exception", nullptr);
     }
-    return false;
-}
-
-/// What `read` answers; uninit when it fails.
-template<class Read>
-xany Walk::readValue(Read read)
-{
-    xany value;
-    guarded([&] { value = read(); });
-    return value;
+    return {};
 }
 
 xany Walk::readAttr(Frame& frame, xrttiattr* attr)
 {
-    return attr == nullptr ? xany() : readValue([&] { return attr->getValue(frame.object); });
+    return attr == nullptr ? xany() : guarded([&] { return attr->getValue(frame.object); });
 }
 
 // Most objects are of the class of the one before, or of one that has been met.
@@ -475,6 +467,16 @@ const Class& Walk::classOf(xobject* object)
     if (latest == nullptr || latest->view.object != type)
         latest = &classes.try_emplace(type, type).first->second;
     return *latest;
+}
+
+/// The type as an enumeration, or null.
+xrttienum* Walk::enumOf(xrtti* type)
+{
+    if (type != latestEnumRtti) {
+        latestEnumRtti = type;
+        latestEnum = qelIsObject(type) ? xrttienum::softcast(type) : nullptr;
+    }
+    return latestEnum;
 }
 
 /// Where the path's hash table has the object, or the free slot where it belongs.
@@ -508,5 +510,10 @@ void Walk::forget(const xobject* object)
 
 void qelTraverse(xany value, qelTraverser* visitor)
 {
-    Walk(*visitor).run(std::move(value));
+    Walk(*visitor, true).run(std::move(value));
+}
+
+void qelTraverseUnseen(xany value, qelTraverser* visitor)
+{
+    Walk(*visitor, false).run(std::move(value));
 }

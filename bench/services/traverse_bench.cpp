@@ -1,0 +1,408 @@
+// Walking and printing 100 000 attributes and elements: a group of 10 000 persons with five attributes each,
+// and 40 000 numbers. Beside the walk, a program that reads the same from QObjects through their
+// meta-objects; beside the printing, one written by hand that puts the same text out.
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <QMetaProperty>
+#include <QObject>
+#include <QVariant>
+#include <benchmark/benchmark.h>
+
+#include <qel/qelprint.h>
+#include <qel/qeltable.h>
+#include <qel/qeltraverse.h>
+#include <qel/xobject.h>
+#include <qel/xrtti.h>
+#include <qel/xsequence.h>
+
+namespace {
+
+constexpr int persons = 10000;
+constexpr int numbers = 40000;
+
+std::string nameOf(int i)
+{
+    return "Person number " + std::to_string(i);
+}
+
+// ---- ours
+
+enum Colour { red, green, blue };
+QEL_ENUM(Colour);
+QEL_LABELS(Colour, "bench::Colour", red, green, blue);
+
+class Person : public virtual xobject
+{
+    QEL_OBJECT(Person);
+    QEL_PROPERTY(xstring, Name);
+    QEL_PROPERTY(int, Age);
+    QEL_PROPERTY(double, Height);
+    QEL_PROPERTY(unsigned char, Member);
+    QEL_PROPERTY(Colour, Favourite);
+
+public:
+    explicit Person(int i)
+        : Name(nameOf(i).c_str()), Age(i), Height(i / 8.0), Member(i % 2 == 1), Favourite(Colour(i % 3))
+    {
+    }
+};
+constinit qelClass Person::rtti = {
+    .name = "bench::Person",
+    .counted = true,
+    .attrs = {QEL_ATTR(Name), QEL_ATTR(Age), QEL_ATTR(Height), QEL_ATTR(Member), QEL_ATTR(Favourite)},
+};
+
+class PersonList : public virtual xobject
+{
+    QEL_OBJECT(PersonList);
+
+public:
+    int getarraysize() const { return static_cast<int>(list.size()); }
+    xrchandle<Person> get(int i) const { return list[static_cast<std::size_t>(i)]; }
+
+    std::vector<xrchandle<Person>> list;
+};
+constinit qelClass PersonList::rtti = {
+    .name = "bench::PersonList",
+    .counted = true,
+    .elements = qelSequenceOf<self>,
+};
+
+class Group : public virtual xobject
+{
+    QEL_OBJECT(Group);
+    QEL_PROPERTY(xrchandle<PersonList>, Members);
+    QEL_PROPERTY(xrchandle<xintsequence>, Numbers);
+
+public:
+    Group() : Members(new PersonList), Numbers(xintsequence::create())
+    {
+        for (int i = 0; i < persons; ++i)
+            Members->list.emplace_back(new Person(i));
+        for (int i = 0; i < numbers; ++i)
+            Numbers->append(i);
+    }
+};
+constinit qelClass Group::rtti = {
+    .name = "bench::Group",
+    .counted = true,
+    .attrs = {QEL_ATTR(Members), QEL_ATTR(Numbers)},
+};
+
+const xany& ours()
+{
+    static const xany group(new Group);
+    return group;
+}
+
+/// Adds up what it sees, so that nothing is left out.
+class Adder final : public qelTraverser
+{
+public:
+    double sum = 0;
+    int parts = 0;
+
+    void simpleValue(xany value) override
+    {
+        switch (value.getKind()) {
+        case xanyInt:
+            sum += static_cast<int>(value);
+            break;
+        case xanyBool:
+            sum += static_cast<unsigned char>(value);
+            break;
+        case xanyReal:
+            sum += static_cast<double>(value);
+            break;
+        case xanyString: {
+            const xstring text = value;
+            sum += text.GetLength();
+            break;
+        }
+        default:
+            break;
+        }
+    }
+    void enumValue(xrttienum*, int value) override { sum += value; }
+    bool beginObject(xrttiobject*, xrcunihandle<xobject>) override { return true; }
+    void endObject(xrttiobject*, xrcunihandle<xobject>) override {}
+    bool beginStructure(xrttistruct*, xrcunihandle<xobject>) override { return true; }
+    void endStructure(xrttistruct*, xrcunihandle<xobject>) override {}
+    bool beginStructAttribute(xrttistruct*, xrttiattr*, xrcunihandle<xobject>) override { return ++parts; }
+    bool beginSequence(xrttisequence*, xrcunihandle<xobject>) override { return true; }
+    void endSequence(xrttisequence*, xrcunihandle<xobject>) override {}
+    bool beginSeqElement(xrttisequence*, int, xrcunihandle<xobject>) override { return ++parts; }
+    bool beginDictionary(xrttidictionary*, xrcunihandle<xobject>) override { return true; }
+    void endDictionary(xrttidictionary*, xrcunihandle<xobject>) override {}
+    bool beginDictElement(xrttidictionary*, xstring, xrcunihandle<xobject>) override { return true; }
+    bool beginArray(xrttiarray*, xrcunihandle<xobject>) override { return true; }
+    void endArray(xrttiarray*, xrcunihandle<xobject>) override {}
+    bool beginArrayDimension(xrttiarray*, int, xrchandle<xintsequence>, xrcunihandle<xobject>) override
+    {
+        return true;
+    }
+    void endArrayDimension(xrttiarray*, int, xrchandle<xintsequence>, xrcunihandle<xobject>) override {}
+    bool beginArrayElement(xrttiarray*, xrchandle<xintsequence>, xrcunihandle<xobject>) override
+    {
+        return true;
+    }
+    bool beginUnion(xrttiunion*, xrcunihandle<xobject>) override { return true; }
+    void endUnion(xrttiunion*, xrcunihandle<xobject>) override {}
+    bool beginUnionDicriminator(xrttiunion*, xrttiattr*, xrcunihandle<xobject>) override { return true; }
+    bool beginUnionValue(xrttiunion*, xrttiattr*, xrcunihandle<xobject>) override { return true; }
+    void errorOccured(const char*, xrcunihandle<xthrowable>) override { std::abort(); }
+    void alreadyVisited(xrcunihandle<xobject>) override { std::abort(); }
+};
+
+// ---- the peer of the walk
+
+class QtPerson : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(QString name MEMBER name)
+    Q_PROPERTY(int age MEMBER age)
+    Q_PROPERTY(double height MEMBER height)
+    Q_PROPERTY(bool member MEMBER member)
+    Q_PROPERTY(Colour favourite MEMBER favourite)
+
+public:
+    enum Colour { red, green, blue };
+    Q_ENUM(Colour)
+
+    explicit QtPerson(int i)
+        : name(QString::fromStdString(nameOf(i))), age(i), height(i / 8.0), member(i % 2 != 0),
+          favourite(Colour(i % 3))
+    {
+    }
+
+    QString name;
+    int age;
+    double height;
+    bool member;
+    Colour favourite;
+};
+
+class QtGroup : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(QVariantList members MEMBER members)
+    Q_PROPERTY(QVariantList numbers MEMBER numbers)
+
+public:
+    QtGroup()
+    {
+        for (int i = 0; i < persons; ++i) {
+            owned.push_back(std::make_unique<QtPerson>(i));
+            members << QVariant::fromValue<QObject*>(owned.back().get());
+        }
+        for (int i = 0; i < ::numbers; ++i)
+            numbers << i;
+    }
+
+    QVariantList members;
+    QVariantList numbers;
+    std::vector<std::unique_ptr<QtPerson>> owned;
+};
+
+/// Reads any value, whatever its type.
+struct QtAdder
+{
+    double sum = 0;
+    int parts = 0;
+
+    void value(const QVariant& v)
+    {
+        switch (v.userType()) {
+        case QMetaType::Int:
+            sum += v.toInt();
+            break;
+        case QMetaType::Bool:
+            sum += v.toBool();
+            break;
+        case QMetaType::Double:
+            sum += v.toDouble();
+            break;
+        case QMetaType::QString:
+            sum += v.toString().size();
+            break;
+        case QMetaType::QVariantList: {
+            const QVariantList list = v.toList();
+            for (const QVariant& element : list) {
+                ++parts;
+                value(element);
+            }
+            break;
+        }
+        case QMetaType::QObjectStar:
+            object(*v.value<QObject*>());
+            break;
+        default: // an enumeration
+            sum += v.toInt();
+        }
+    }
+    void object(const QObject& o)
+    {
+        const QMetaObject* const meta = o.metaObject();
+        for (int i = meta->propertyOffset(); i < meta->propertyCount(); ++i) {
+            ++parts;
+            value(meta->property(i).read(&o));
+        }
+    }
+};
+
+template<class Walk>
+void walk(benchmark::State& state, Walk once)
+{
+    for (auto _ : state) {
+        const auto adder = once();
+        if (adder.parts != 5 * persons + persons + numbers + 2)
+            return state.SkipWithError("parts are missing");
+        benchmark::DoNotOptimize(adder.sum);
+    }
+}
+
+void walkQelstd(benchmark::State& state)
+{
+    walk(state, [] {
+        Adder adder;
+        qelTraverse(ours(), &adder);
+        return adder;
+    });
+}
+void walkQt(benchmark::State& state)
+{
+    static const QtGroup group;
+    walk(state, [] {
+        QtAdder adder;
+        adder.object(group);
+        return adder;
+    });
+}
+BENCHMARK(walkQelstd)->Name("traverse/walk/qelstd");
+BENCHMARK(walkQt)->Name("traverse/walk/QMetaProperty");
+
+// ---- the peer of the printing
+
+struct PlainPerson
+{
+    explicit PlainPerson(int i)
+        : name(nameOf(i)), age(i), height(i / 8.0), member(i % 2 != 0), favourite(Colour(i % 3))
+    {
+    }
+
+    std::string name;
+    int age;
+    double height;
+    bool member;
+    Colour favourite;
+};
+
+struct PlainGroup
+{
+    PlainGroup()
+    {
+        for (int i = 0; i < persons; ++i)
+            members.emplace_back(i);
+        for (int i = 0; i < ::numbers; ++i)
+            numbers.push_back(i);
+    }
+
+    std::vector<PlainPerson> members;
+    std::vector<int> numbers;
+};
+
+void write(std::ostream& os, const PlainPerson& person, const std::string& pad)
+{
+    static const char* const colours[] = {"red", "green", "blue"};
+    os << "bench::Person" << std::endl;
+    os << pad << '{' << std::endl;
+    os << pad << "  Name : \"" << person.name << '"' << std::endl;
+    os << pad << "  Age : " << person.age << std::endl;
+    os << pad << "  Height : " << person.height << std::endl;
+    os << pad << "  Member : " << (person.member ? "true" : "false") << std::endl;
+    os << pad << "  Favourite : " << colours[person.favourite] << std::endl;
+    os << pad << '}';
+}
+
+void write(std::ostream& os, const PlainGroup& group)
+{
+    os << "bench::Group" << std::endl;
+    os << '{' << std::endl;
+    os << "  Members : bench::PersonList" << std::endl;
+    os << "  [" << std::endl;
+    for (std::size_t i = 0; i < group.members.size(); ++i) {
+        os << "    " << i << " : ";
+        write(os, group.members[i], "    ");
+        os << std::endl;
+    }
+    os << "  ]" << std::endl;
+    os << "  Numbers : intseq" << std::endl;
+    os << "  [" << std::endl;
+    for (std::size_t i = 0; i < group.numbers.size(); ++i)
+        os << "    " << i << " : " << group.numbers[i] << std::endl;
+    os << "  ]" << std::endl;
+    os << '}';
+}
+
+const std::string& wanted()
+{
+    static const std::string text = [] {
+        std::ostringstream os;
+        write(os, PlainGroup());
+        return os.str();
+    }();
+    return text;
+}
+
+template<class Print>
+void toString(benchmark::State& state, Print print)
+{
+    std::ostringstream os; // one for all, or the growth of its string would be what is measured
+    for (auto _ : state) {
+        os.seekp(0);
+        print(os);
+        benchmark::DoNotOptimize(os);
+    }
+    if (os.str() != wanted())
+        state.SkipWithError("the text is another");
+}
+
+template<class Print>
+void toFile(benchmark::State& state, Print print)
+{
+    const std::filesystem::path path = std::filesystem::temp_directory_path() / "qelstd_traverse_bench.txt";
+    for (auto _ : state) {
+        std::ofstream os(path);
+        print(os);
+        os.close();
+    }
+    if (std::filesystem::file_size(path) != wanted().size())
+        state.SkipWithError("the text is another");
+    std::filesystem::remove(path);
+}
+
+void printQelstd(std::ostream& os)
+{
+    qelPrint(ours(), os, 2);
+}
+void printByHand(std::ostream& os)
+{
+    static const PlainGroup group;
+    write(os, group);
+}
+
+BENCHMARK_CAPTURE(toString, qelstd, printQelstd)->Name("traverse/print to a string/qelstd");
+BENCHMARK_CAPTURE(toString, hand, printByHand)->Name("traverse/print to a string/handwritten");
+BENCHMARK_CAPTURE(toFile, qelstd, printQelstd)->Name("traverse/print to a file/qelstd");
+BENCHMARK_CAPTURE(toFile, hand, printByHand)->Name("traverse/print to a file/handwritten");
+
+} // namespace
+
+#include "traverse_bench.moc"
