@@ -36,3 +36,11 @@ inline void operator delete(void* memory, btkMemMgr*) noexcept
 /// A copy of `text`, of the size of the text with its terminator. The caller frees it with `delete[]`.
 /// @throws std::bad_alloc  no memory
 BASE_API char* btkStrDup(const char* text);
+
+/// A block of `size` bytes, not 0, in the place of `block`, which is null or a block of the C runtime as the
+/// result is: its first `kept` bytes go along. Null: no memory, and `block` is as it was.
+BASE_API void* btkResizeBlock(void* block, std::size_t kept, std::size_t size);
+
+/// Tells the host that the `size` bytes at `block` will be written soon. Blocks of some megabytes then come
+/// in large pages, which take far less time to get and to find again. Nothing but speed depends on it.
+BASE_API void btkExpectUse(void* block, std::size_t size);

@@ -171,7 +171,9 @@ void xbasedictionary::BaseFreeAllKeys(unsigned entrySize)
 
 void* xbasedictionary::AllocateBlock(std::size_t bytes)
 {
-    return pDefMemMgr->Allocate(bytes);
+    void* const block = pDefMemMgr->Allocate(bytes);
+    btkExpectUse(block, bytes);
+    return block;
 }
 
 bool xbasedictionary::IsSlot(int slot) const

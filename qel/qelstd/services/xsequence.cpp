@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include <qel/base/btkmemory.h>
+
 #include "qeltable.h"
 
 constinit qelClass xboolsequence::rtti = {
@@ -47,6 +49,8 @@ void checkRange(std::size_t offset, std::size_t n)
         throwTooLong();
 }
 
+constexpr std::size_t largeRoom = 1 << 20;
+
 constexpr std::size_t elsewhere = static_cast<std::size_t>(-1);
 
 /// Where `p` points to in the `size` bytes at `block`.
@@ -66,7 +70,7 @@ void xbasesequence::Resize(std::size_t newUsed)
     const auto after = static_cast<unsigned>(newUsed);
     if (shrink || after > before) {
         const std::size_t rounded = (newUsed + granularity - 1) / granularity * granularity;
-        if (rounded > maxBytes + 1)
+        if (rounded > maxBytes)
             throwTooLong();
         if (rounded != capacity) {
             data = static_cast<char*>(OnResize(static_cast<unsigned>(rounded)));
@@ -145,11 +149,13 @@ char* xbasesequence::reallocate(unsigned newCapacity)
     // Some hysteresis, so that a sequence that grows and shrinks in turn does not move each time.
     if (newCapacity <= room && newCapacity >= room / 4)
         return data;
-    const std::size_t doubled = std::min<std::size_t>(2 * std::size_t{room}, maxBytes + 1);
-    std::size_t wanted = newCapacity > room ? std::max<std::size_t>(newCapacity, doubled) : newCapacity;
-    void* block = std::realloc(data, wanted);
+    // Of a large block, only what is used takes memory.
+    const std::size_t grown = std::min(std::size_t{room} * (room < largeRoom ? 2 : 4), maxBytes);
+    std::size_t wanted = newCapacity > room ? std::max<std::size_t>(newCapacity, grown) : newCapacity;
+    const std::size_t kept = std::min(capacity, newCapacity);
+    void* block = btkResizeBlock(data, kept, wanted);
     if (block == nullptr && wanted != newCapacity)
-        block = std::realloc(data, wanted = newCapacity);
+        block = btkResizeBlock(data, kept, wanted = newCapacity);
     if (block == nullptr) {
         if (newCapacity <= room)
             return data;

@@ -68,10 +68,26 @@ protected:
     void releaseBlock() noexcept;
 
     /// Which hooks have been seen to be those of the hook set. While the set's own run, nobody can tell
-    /// whether they were called, and the fast ways around them are open.
-    enum OwnHooks : unsigned char { ownAllocate = 1, ownDestroy = 2, ownCopy = 4, ownAll = 7 };
+    /// whether they were called, and the fast ways around them are open. Growth is own when OnResize is and
+    /// calls no other hook.
+    enum OwnHooks : unsigned char {
+        ownAllocate = 1,
+        ownDestroy = 2,
+        ownCopy = 4,
+        ownElements = ownAllocate | ownDestroy | ownCopy,
+        ownGrowth = 8,
+        ownAppend = ownCopy | ownGrowth
+    };
     bool isOwn(OwnHooks hooks) const { return (seen & hooks) == hooks; }
     void sawOwn(OwnHooks hook) { seen |= hook; }
+    /// Adds one more block, for the caller to fill, when there is room for it.
+    bool takeBlock()
+    {
+        if (room - capacity < granularity)
+            return false;
+        capacity += granularity;
+        return true;
+    }
 
     char* data = nullptr;  // null while there is no block
     unsigned used = 0;     // bytes that elements occupy
@@ -121,9 +137,19 @@ protected:
 
     /// The element that begins at `offset` bytes.
     T* at(std::size_t offset) { return reinterpret_cast<T*>(data + offset); }
+    /// Fills raw storage with elements in the default state; plain ones are zero.
+    static void construct(void* first, std::size_t n)
+    {
+        if constexpr (std::is_trivially_copyable_v<T>)
+            __builtin_memset(first, 0, n * sizeof(T));
+        else
+            for (T *at = static_cast<T*>(first), *const end = at + n; at != end; ++at)
+                new (at) T();
+    }
 
 private:
     static std::size_t offsetOf(int index);
+    [[gnu::noinline]] void appendSlowly(T value);
 };
 
 /// A sequence of plain values: numbers and pointers. Pointers to objects are not counted.
@@ -140,7 +166,7 @@ public:
 private:
     // Free storage is kept zero: so are the elements of a gap.
     void* OnResize(unsigned newCapacity) override;
-    void OnAllocate(void* at, unsigned bytes) override { __builtin_memset(at, 0, bytes); }
+    void OnAllocate(void* at, unsigned bytes) override { this->construct(at, bytes / sizeof(T)); }
     void OnDestroy(void*, unsigned) override {}
     void OnCopy(void* to, const void* from, unsigned bytes) override
     {
@@ -170,7 +196,7 @@ private:
     void OnAllocate(void* at, unsigned bytes) override
     {
         this->sawOwn(this->ownAllocate);
-        construct(static_cast<T*>(at), bytes / sizeof(T));
+        this->construct(at, bytes / sizeof(T));
     }
     void OnDestroy(void* at, unsigned bytes) override
     {
@@ -183,11 +209,6 @@ private:
         copy(static_cast<T*>(to), static_cast<const T*>(from), bytes / sizeof(T));
     }
 
-    static void construct(T* first, std::size_t n)
-    {
-        for (T* const end = first + n; first != end; ++first)
-            new (first) T();
-    }
     static void destroy(T* first, std::size_t n)
     {
         for (T* const end = first + n; first != end; ++first)
@@ -285,13 +306,25 @@ void xtbsequence<T>::set(int index, T value)
 template<class T>
 void xtbsequence<T>::append(T value)
 {
-    if (isOwn(ownCopy) && capacity - used >= sizeof(T)) {
-        T* const slot = at(used);
-        if constexpr (qelIsMovedByBits<T>)
-            new (slot) T(std::move(value)); // what was there owns nothing
-        else
-            *slot = std::move(value);
-        used += static_cast<unsigned>(sizeof(T));
+    const unsigned end = used;
+    if (!isOwn(ownAppend) || capacity - end < sizeof(T))
+        return appendSlowly(std::move(value));
+    T* const slot = at(end);
+    if constexpr (qelIsMovedByBits<T>)
+        new (slot) T(std::move(value)); // what was there owns nothing
+    else
+        *slot = std::move(value);
+    used = end + static_cast<unsigned>(sizeof(T));
+}
+
+/// For when there is no free slot, or a hook may be watched.
+template<class T>
+void xtbsequence<T>::appendSlowly(T value)
+{
+    const unsigned end = capacity;
+    if (isOwn(ownAppend) && granularity % sizeof(T) == 0 && takeBlock()) {
+        construct(data + end, granularity / sizeof(T));
+        xtbsequence::append(std::move(value));
     } else {
         BaseInsert(used, sizeof(T), &value);
     }
@@ -337,7 +370,8 @@ void* xtssequence<T>::OnResize(unsigned newCapacity)
     const unsigned old = this->capacity;
     char* const block = this->reallocate(newCapacity);
     if (newCapacity > old)
-        __builtin_memset(block + old, 0, newCapacity - old);
+        this->construct(block + old, (newCapacity - old) / sizeof(T));
+    this->sawOwn(this->ownGrowth);
     return block;
 }
 
@@ -345,7 +379,7 @@ template<class T>
 void* xtcsequence<T>::OnResize(unsigned newCapacity)
 {
     // Until all hooks are known to be these, a subclass may watch them.
-    if (!qelIsMovedByBits<T> || !this->isOwn(this->ownAll))
+    if (!qelIsMovedByBits<T> || !this->isOwn(this->ownElements))
         return this->replace(newCapacity);
 
     const std::size_t oldSlots = this->capacity / sizeof(T);
@@ -355,7 +389,8 @@ void* xtcsequence<T>::OnResize(unsigned newCapacity)
         destroy(this->at(0) + newSlots, elements - newSlots);
     char* const block = this->reallocate(newCapacity);
     if (newSlots > oldSlots)
-        construct(reinterpret_cast<T*>(block) + oldSlots, newSlots - oldSlots);
+        this->construct(block + oldSlots * sizeof(T), newSlots - oldSlots);
+    this->sawOwn(this->ownGrowth);
     return block;
 }
 
