@@ -47,5 +47,5 @@ private:
     bool failed = false;
     int folder = -1;  // the directory that holds the file
     std::string name; // of the file in it
-    char buffer[16384];
+    char buffer[16384] = {};
 };
