@@ -151,6 +151,11 @@ bool btkHasPositions(btkHandle handle)
     return lseek(handle, 0, SEEK_CUR) >= 0;
 }
 
+bool btkIsTerminal(btkHandle handle)
+{
+    return isatty(handle) == 1;
+}
+
 std::size_t btkCountReadable(btkHandle handle)
 {
     int count = 0;

@@ -69,6 +69,9 @@ BASE_API long long btkGetFileSize(btkHandle handle);
 /// Whether the descriptor has positions: files do, pipes, sockets and terminals do not.
 BASE_API bool btkHasPositions(btkHandle handle);
 
+/// Whether somebody may be sitting at the other end.
+BASE_API bool btkIsTerminal(btkHandle handle);
+
 /// The number of bytes that wait to be read from a pipe, socket, terminal or file; 0 when that is not known.
 BASE_API std::size_t btkCountReadable(btkHandle handle);
 /// Whether a read would answer at once: with bytes, with the end or with an error.

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include <qel/base/btkfilepart.h>
+
 namespace {
 
 // What is read at once: enough for a few values after a seek, more from the start of a file, and growing.
@@ -164,7 +166,8 @@ std::size_t xfilebuf::WriteOut(const char* from, std::size_t count)
 {
     if (!hasPositions)
         return btkWrite(file.Get(), from, count);
-    const std::size_t written = btkWriteAt(file.Get(), from, count, filePosition);
+    const std::size_t written =
+        (keepsWhole ? btkWriteWholeAt : btkWriteAt)(file.Get(), from, count, filePosition);
     filePosition += static_cast<long long>(written);
     return written;
 }
@@ -179,6 +182,12 @@ bool xfilebuf::WritePending()
     std::memmove(pendingStart, pendingStart + written, count - written);
     setp(pendingStart + (count - written), epptr());
     return written == count;
+}
+
+void xfilebuf::DropPending()
+{
+    if (pendingStart != nullptr)
+        MoveTo(filePosition);
 }
 
 // False when the file is not open for writing.

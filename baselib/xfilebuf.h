@@ -29,6 +29,14 @@ public:
     long long Seek(long long offset, std::ios_base::seekdir from);
     /// The position; -1 when there are none. Moves and writes nothing.
     long long Tell() const;
+    /// Says that the next read takes `size` bytes: so many, if not too many, are asked for at once, and no
+    /// more.
+    void ExpectRead(std::size_t size) { readAhead = size < usualSize ? size : usualSize; }
+    /// From now on, what is rewritten in the file is whole as btkWriteWholeAt says: values of up to 4096
+    /// bytes that are written and synchronized one by one survive a kill in their old or in their new form.
+    void KeepWhole() { keepsWhole = true; }
+    /// Forgets what is pending, which could not be written.
+    void DropPending();
     /// The size of the file as it is now, with what others have appended and what is still pending here; -1
     /// when it has none. Writes out what is pending; moves nothing.
     long long GetFileSize();
@@ -63,6 +71,7 @@ private:
     btkFd file;
     Mode mode;
     bool hasPositions;
+    bool keepsWhole = false;
     // The position in the file of the end of the get area while reading, of the first pending byte while
     // writing.
     long long filePosition = 0;

@@ -43,6 +43,8 @@ public:
     xstring getPath();
 
 private:
+    friend class monFile; // shares its file with others, by locks and cuts
+
     ioFileStream(xfilebuf* opened, const char* name, bool writable, bool readable);
 
     void OnClose() override;

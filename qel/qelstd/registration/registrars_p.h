@@ -18,5 +18,6 @@ QEL_REGISTRAR(filelib);
 QEL_REGISTRAR(reglib);
 QEL_REGISTRAR(syslib);
 QEL_REGISTRAR(timelib);
+QEL_REGISTRAR(monlib);
 QEL_REGISTRAR(buildintypes);
 QEL_REGISTRAR(xrtti);

@@ -1,0 +1,126 @@
+#include <qel/base/btkfilepart.h>
+
+#include <qel/base/btkpipe.h>
+
+#include <cerrno>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+// What a pipe surely takes at once.
+constexpr std::size_t greatestWhole = 4096;
+
+bool CrossesPage(long long position, std::size_t size)
+{
+    const long long page = sysconf(_SC_PAGESIZE);
+    return size > 0 && position / page != (position + static_cast<long long>(size) - 1) / page;
+}
+
+// A write goes page by page, and a killed process leaves it between two of them. A copy that the kernel makes
+// into mapped pages is one step; unlike a copy of our own it ends with an error when the file has been cut,
+// and with no signal. What is to be copied passes through a pipe for that.
+bool CopyIntoPages(btkHandle handle, const void* from, std::size_t size, long long position)
+{
+    const long long page = sysconf(_SC_PAGESIZE);
+    const long long start = position / page * page;
+    const std::size_t before = static_cast<std::size_t>(position - start);
+    void* const pages = mmap(nullptr, before + size, PROT_READ | PROT_WRITE, MAP_SHARED, handle, start);
+    if (pages == MAP_FAILED)
+        return false;
+    const std::ptrdiff_t wanted = static_cast<std::ptrdiff_t>(size);
+    btkOutputPipe output;
+    btkInputPipe input;
+    // The pages are there and writable before the copy begins, so that it has nothing to wait for.
+    const bool copied = madvise(pages, before + size, MADV_POPULATE_WRITE) == 0 &&
+                        btkAnonymousPipe::Create(output, input) &&
+                        write(output.Get(), from, size) == wanted &&
+                        read(input.Get(), static_cast<char*>(pages) + before, size) == wanted;
+    munmap(pages, before + size);
+    return copied;
+}
+
+struct flock Describe(short type, long long first, long long count)
+{
+    struct flock lock = {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = first;
+    lock.l_len = count;
+    return lock;
+}
+
+short TypeOf(btkRangeLock::Kind kind)
+{
+    return kind == btkRangeLock::Exclusive ? F_WRLCK : F_RDLCK;
+}
+
+} // namespace
+
+bool btkSetFileSize(btkHandle handle, long long size)
+{
+    int answer = 0;
+    do
+        answer = ftruncate(handle, size);
+    while (answer < 0 && errno == EINTR);
+    return answer == 0;
+}
+
+std::size_t btkWriteWholeAt(btkHandle handle, const void* from, std::size_t size, long long position)
+{
+    if (size <= greatestWhole && CrossesPage(position, size) &&
+        position + static_cast<long long>(size) <= btkGetFileSize(handle) && // pages make no file longer
+        CopyIntoPages(handle, from, size, position))
+        return size;
+    return btkWriteAt(handle, from, size, position);
+}
+
+bool btkPatience::Rest()
+{
+    constexpr int atOnce = 20;
+    constexpr timespec nap = {0, 50000};
+    const btkTimeval now = btkTimeval::Now();
+    if (rests == 0)
+        end = now + limit;
+    if (now >= end)
+        return false;
+    if (rests++ >= atOnce)
+        nanosleep(&nap, nullptr);
+    return true;
+}
+
+btkRangeLock::Answer btkRangeLock::Try(Kind kind)
+{
+    struct flock lock = Describe(TypeOf(kind), first, count);
+    if (fcntl(handle, F_OFD_SETLK, &lock) == 0) {
+        held = true;
+        return Held;
+    }
+    return errno == EAGAIN || errno == EACCES ? Busy : Unsupported;
+}
+
+btkRangeLock::Answer btkRangeLock::Wait(Kind kind, btkTimeval limit)
+{
+    btkPatience patience(limit);
+    Answer answer = Busy;
+    do
+        answer = Try(kind);
+    while (answer == Busy && patience.Rest());
+    return answer;
+}
+
+bool btkRangeLock::IsBusy(Kind kind) const
+{
+    struct flock lock = Describe(TypeOf(kind), first, count);
+    return fcntl(handle, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+void btkRangeLock::Release()
+{
+    struct flock lock = Describe(F_UNLCK, first, count);
+    if (held)
+        fcntl(handle, F_OFD_SETLK, &lock);
+    held = false;
+}

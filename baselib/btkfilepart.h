@@ -1,0 +1,62 @@
+#pragma once
+
+#include <qel/base/btkfd.h>
+
+// What processes need that share a file and rewrite parts of it in place.
+
+/// Makes the file `size` bytes long: what stands behind is dropped, what is missing is zero.
+BASE_API bool btkSetFileSize(btkHandle handle, long long size);
+
+/// As btkWriteAt, for a part of a file that already exists. When the process is killed meanwhile, the file
+/// holds all the old bytes or all the new ones. That cannot be had for more than 4096 bytes, and not on every
+/// file system; those are written as btkWriteAt does.
+BASE_API std::size_t btkWriteWholeAt(btkHandle handle, const void* from, std::size_t size,
+                                     long long position);
+
+/// Rests between attempts at something that others will soon have finished.
+class BASE_API btkPatience
+{
+public:
+    explicit btkPatience(btkTimeval longest) : limit(longest) {}
+    /// Sleeps for a moment, but not at first: others may be through any time. False when `longest` has passed
+    /// since the first rest.
+    bool Rest();
+
+private:
+    btkTimeval limit;
+    btkTimeval end;
+    int rests = 0;
+};
+
+/// A lock on bytes of an open file, which need not exist. It is held against other openings of the file, in
+/// this process and in others, and binds only those who ask for locks. Duplicates of a descriptor, and a
+/// forked child's copies of it, belong to one opening. The lock is gone with the object, and with the
+/// process.
+class BASE_API btkRangeLock
+{
+public:
+    enum Kind { Shared, Exclusive };
+    enum Answer { Held, Busy, Unsupported };
+
+    /// `size` bytes from `start`; 0: all that follow. Holds nothing yet. The descriptor stays open meanwhile;
+    /// it must allow reading for a shared lock and writing for an exclusive one.
+    btkRangeLock(btkHandle file, long long start, long long size) : handle(file), first(start), count(size) {}
+    btkRangeLock(const btkRangeLock&) = delete;
+    btkRangeLock& operator=(const btkRangeLock&) = delete;
+    ~btkRangeLock() { Release(); }
+
+    /// Takes the lock unless another opening holds one against it: exclusive ones against all, shared ones
+    /// against exclusive ones. Never waits.
+    Answer Try(Kind kind);
+    /// Tries until the answer is not Busy or `limit` has passed.
+    Answer Wait(Kind kind, btkTimeval limit);
+    /// Whether Try would answer Busy. Takes nothing.
+    bool IsBusy(Kind kind) const;
+    void Release();
+
+private:
+    btkHandle handle;
+    long long first;
+    long long count;
+    bool held = false;
+};

@@ -1,0 +1,151 @@
+// Arbitrary files opened as monitor files while they grow, read, written and added to. Whatever the file,
+// what has been found stays usable, what was written is read again, and what was added is found by others.
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <qel/base/btkfilepart.h>
+#include <qel/qelexception.h>
+#include <qel/xiolib.h>
+#include <qel/xmonlib.h>
+
+#include <sys/mman.h>
+
+namespace {
+
+struct Xdelete
+{
+    void operator()(xobject* p) const { xdelete(p); }
+};
+using Monitor = std::unique_ptr<monFile, Xdelete>;
+
+void Require(bool holds)
+{
+    if (!holds)
+        std::abort();
+}
+
+// Whether `work` ends without one of the failures that bad files lead to.
+template<class Work>
+bool Succeeds(Work work)
+{
+    try {
+        work();
+        return true;
+    } catch (xthrowable* thrown) {
+        if (ioXStream* const failure = ioXStream::softcast(thrown))
+            xdelete(failure);
+        else
+            xrcrelease(qelXNativeException::cast(thrown));
+        return false;
+    }
+}
+
+// A file without a name, which is opened anew through its descriptor's.
+class NamelessFile
+{
+public:
+    explicit NamelessFile(btkHandle made) : file(made), path("/proc/self/fd/" + std::to_string(made)) {}
+    void Append(const std::uint8_t* data, std::size_t size) const
+    {
+        const long long end = btkGetFileSize(file.Get());
+        Require(btkWriteAt(file.Get(), data, size, end) == size);
+    }
+    void Clear() const { Require(btkSetFileSize(file.Get(), 0)); }
+    Monitor Open() const
+    {
+        Monitor opened;
+        Succeeds([&] { opened.reset(monFile::Open(path.c_str())); });
+        return opened;
+    }
+
+private:
+    btkFd file;
+    std::string path;
+};
+
+std::vector<monParam*> ParametersOf(monFile& file, bool& isSound)
+{
+    std::vector<monParam*> found;
+    isSound = Succeeds([&] {
+        monParamDict* const params = file.getParams();
+        monParam* param = nullptr;
+        for (int i = 0; i < params->getarraysize(); ++i)
+            if (params->getbyindex(i, &param))
+                found.push_back(param);
+    });
+    return found;
+}
+
+// Writes a value and reads it again. False when the file has no place for it.
+bool Use(monParam& param, std::uint8_t choice)
+{
+    return Succeeds([&] {
+        if (auto* const b = monBoolParam::softcast(&param)) {
+            b->getValue();
+            b->setValue(choice);
+            Require(b->getValue() == choice);
+        } else if (auto* const i = monIntParam::softcast(&param)) {
+            i->getValue();
+            i->setValue(choice);
+            Require(i->getValue() == choice);
+        } else if (auto* const r = monRealParam::softcast(&param)) {
+            r->getValue();
+            r->setValue(choice);
+            Require(r->getValue() == choice);
+        } else {
+            auto* const s = monStringParam::cast(&param);
+            Require(s->getValue().GetMBSize() <= static_cast<unsigned>(s->getSize()) + 1);
+            const std::string text(static_cast<std::size_t>(std::min<int>(choice, s->getSize())), 'x');
+            s->setValue(text.c_str());
+            Require(s->getValue() == text.c_str());
+        }
+    });
+}
+
+void Drive(const NamelessFile& file, const std::uint8_t* data, std::size_t size)
+{
+    const std::uint8_t choice = data[0];
+    const std::size_t first = std::min<std::size_t>(size - 2, data[1] * 4u);
+    file.Clear();
+    file.Append(data + 2, first);
+    const Monitor reader = file.Open();
+    bool isSound = false;
+    if (reader != nullptr)
+        ParametersOf(*reader, isSound);
+
+    file.Append(data + 2 + first, size - 2 - first);
+    const Monitor writer = file.Open();
+    if (writer == nullptr)
+        return;
+    const std::vector<monParam*> found = ParametersOf(*writer, isSound);
+    for (monParam* const param : found)
+        Require(Use(*param, choice));
+
+    monIntParam* added = nullptr;
+    const bool canAdd = Succeeds([&] { added = writer->Int("added"); });
+    Require(canAdd == isSound);
+    if (added == nullptr)
+        return; // or it is there, of another kind
+    added->setValue(choice);
+    const Monitor other = file.Open();
+    Require(other != nullptr && other->Int("added")->getValue() == choice);
+    const std::size_t count = ParametersOf(*other, isSound).size();
+    Require(isSound && (count == found.size() || count == found.size() + 1));
+    if (reader != nullptr)
+        Require(reader->Int("added")->getValue() == choice);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    static const NamelessFile file(memfd_create("monitor", MFD_CLOEXEC));
+    if (size >= 2 && size < 32768)
+        Drive(file, data, size);
+    return 0;
+}

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <qel/base/btkfilepart.h>
+
+// Locks between the writer of a value and its readers. Exclusive for the writer, shared for readers, on the
+// value's own bytes; and nobody waits for long, since the other side may have stopped.
+//
+// A writer that does not get its lock announces that it waits, by a lock on the same bytes beyond all
+// positions. New readers then step back, and when those inside have not left after `writerLimit`, it writes
+// all the same. What a reader has found in less time than that is sure. What took longer is good when nobody
+// was writing at the end and the same was found before.
+
+/// Whether a value can be seen half written without locks. What lies in one line of the processor's cache is
+/// copied in one step; more than that is not.
+inline bool monIsSplit(int position, int size)
+{
+    constexpr int line = 64;
+    return position / line != (position + size - 1) / line;
+}
+
+class monWriteLock
+{
+public:
+    monWriteLock(btkHandle file, int position, int size);
+
+private:
+    btkRangeLock value;
+    btkRangeLock waiting;
+};
+
+class monReadLock
+{
+public:
+    /// `isPatient` is false while waiting has last been in vain: then the next wait is a short one.
+    monReadLock(btkHandle file, int position, int size, bool& isPatient);
+    /// Whether no writer can have written since.
+    bool IsSure() const;
+    /// Whether no writer is writing or about to. Not before the reading is done.
+    bool IsQuiet() const;
+
+private:
+    btkRangeLock value;
+    btkRangeLock waiting;
+    btkTimeval begin;
+    btkRangeLock::Answer answer;
+};

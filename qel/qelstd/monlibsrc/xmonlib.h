@@ -1,0 +1,228 @@
+#pragma once
+
+#include <ios>
+
+#include <qel/xdictionary.h>
+#include <qel/xstring.h>
+
+class ioFileStream;
+class monFile;
+
+// A monitor file holds named values: bools, ints, reals and texts of bounded length. One process adds them
+// and rewrites them in place, any number of others watch. The format is described in docs/monlibsrc.md.
+//
+// Nothing is cached: each getValue reads the file, and each setValue has written it when it returns. A bool,
+// int or real that is read is one that was written, never a part of each of two; so is a text where both
+// sides use this library. Whoever has stopped, or was killed, at whatever moment, holds up nobody for long
+// and leaves a file that can be read and written.
+//
+// Used by one thread at a time, a file with all its parameters. Failures: ioXStream for what goes wrong with
+// the stream (the file was closed, ended early, could not be written); qelXNativeException, with the texts
+// named below, for what is wrong with the file or with an argument. Nothing has been written then.
+
+/// One value in a monitor file, by its name. It belongs to its file and is valid as long as that is. Not
+/// counted, and not to be freed.
+class QEL_API monParam : public virtual xobject
+{
+    QEL_OBJECT(monParam); // "monlib::Param"
+
+public:
+    monParam(const monParam&) = delete;
+    monParam& operator=(const monParam&) = delete;
+
+    /// The name as the file has it.
+    virtual xstring getName();
+
+protected:
+    /// Enters the new parameter in the dictionary of `owner`. `at`: where the value begins in the file.
+    monParam(monFile& owner, const char* called, std::fpos<int> at);
+    ~monParam() override;
+
+    xstring name;
+    monFile* file;
+    std::fpos<int> position;
+
+private:
+    friend class monFile;
+    monParam* next = nullptr; // of its file, which frees them all
+};
+
+/// A bool, as a byte. Reserved values pass unchanged.
+class QEL_API monBoolParam : public monParam
+{
+    QEL_OBJECT(monBoolParam); // "monlib::BoolParam"
+
+public:
+    virtual unsigned char getValue();
+    /// Answers the value.
+    virtual unsigned char setValue(unsigned char v);
+
+private:
+    friend class monFile;
+    monBoolParam(monFile& owner, xstring called, std::fpos<int> at);
+};
+
+class QEL_API monIntParam : public monParam
+{
+    QEL_OBJECT(monIntParam); // "monlib::IntParam"
+
+public:
+    virtual int getValue();
+    /// Answers the value.
+    virtual int setValue(int v);
+
+private:
+    friend class monFile;
+    monIntParam(monFile& owner, xstring called, std::fpos<int> at);
+};
+
+class QEL_API monRealParam : public monParam
+{
+    QEL_OBJECT(monRealParam); // "monlib::RealParam"
+
+public:
+    virtual double getValue();
+    /// Answers the value.
+    virtual double setValue(double v);
+
+private:
+    friend class monFile;
+    monRealParam(monFile& owner, xstring called, std::fpos<int> at);
+};
+
+/// A text of at most getSize() bytes.
+class QEL_API monStringParam : public monParam
+{
+    QEL_OBJECT(monStringParam); // "monlib::StringParam"
+
+public:
+    /// @throws qelXNativeException  "Weird parameter type": the file says that it is longer than it can be
+    virtual xstring getValue();
+    /// Null and the reserved pointers write the empty text. Answers the string of `v`.
+    /// @throws qelXNativeException  "monStringParam::setValue: Value too long"
+    virtual xstring setValue(const char* v);
+    /// How many bytes the file has room for.
+    virtual int getSize();
+
+private:
+    friend class monFile;
+    monStringParam(monFile& owner, xstring called, std::fpos<int> at, int size);
+
+    int capacity;
+};
+
+/// The parameters of a file by their names. Frees none of them.
+class QEL_API monParamDict : public xtsdictionary<monParam*>
+{
+    QEL_OBJECT(monParamDict); // "monlib::ParamDict", not counted
+
+public:
+    monParamDict() = default;
+    /// Null without memory.
+    static monParamDict* create();
+};
+
+/// An open monitor file. Not counted: freed with xdelete, which closes it.
+class QEL_API monFile : public virtual xobject
+{
+    QEL_OBJECT(monFile); // "monlib::File"
+
+public:
+    monFile(const monFile&) = delete;
+    monFile& operator=(const monFile&) = delete;
+    ~monFile() override;
+
+    /// Opens an existing file, in native or remote form, for reading and writing. Null when it cannot be
+    /// opened, and when its header is of another kind of file. The caller owns the new object.
+    /// @throws ioXStream  it ends within the header or the title
+    static monFile* Open(const char* path);
+    /// Makes the file, or empties an existing one, and gives it the title. Those who have it open find that
+    /// it has shrunk. Null when that is not possible. The caller owns the new object.
+    static monFile* Create(const char* path, const char* title);
+
+    xstring getTitle();
+    /// The parameters, after looking for new ones. The table stays the file's. When several were given one
+    /// name, it has the latest.
+    /// @throws qelXNativeException  "monFile has shrunk!": open it again; "Weird parameter type": what
+    ///                              follows the parameters found so far is no parameter
+    monParamDict* getParams();
+
+    // ---- find the parameter of a name, or add one whose value is false, 0 or the empty text
+
+    // Null when there is a parameter of that name and another kind. Throw what getParams throws, and
+    // qelXNotInitialized without a name. When one has to be added, qelXNativeException, too:
+    // "monFile::WriteParamHead: Name too long" for more than 1023 bytes; "monFile: File too large" when
+    // positions would exceed an int; "monFile: Another process is adding parameters" after 2 seconds of it.
+
+    monIntParam* Int(const char* name);
+    monBoolParam* Bool(const char* name);
+    monRealParam* Real(const char* name);
+    /// `capacity`: the greatest length in bytes. An existing parameter keeps its own.
+    /// @throws qelXNativeException  "monFile::String: Negative capacity"
+    monStringParam* String(const char* name, int capacity);
+
+    /// Closes the file for good; the parameters stay valid, but reading and writing them throws.
+    void Close();
+
+private:
+    friend class monParam;
+    friend class monBoolParam;
+    friend class monIntParam;
+    friend class monRealParam;
+    friend class monStringParam;
+
+    template<class Param>
+    struct Kind;
+
+    explicit monFile(ioFileStream* opened);
+    static monFile* Attach(const char* path);
+
+    int WhereAmI();
+    void Seek(int position);
+    void SeekEnd();
+    // Each Store writes one item and flushes.
+    void StoreBool(unsigned char v);
+    void StoreInt(int v);
+    void StoreReal(double v);
+    void StoreString(const char* text);
+    void StoreFixedString(const char* text, int capacity);
+    unsigned char LoadBool();
+    int LoadInt();
+    double LoadReal();
+    xstring LoadStringA(int capacity);
+    bool LoadFixedString(int capacity);
+    void ReadPast(int size);
+
+    // A value in its place.
+    template<class Param>
+    auto Get(std::fpos<int> position);
+    template<class Param, class Value>
+    Value Set(std::fpos<int> position, Value value);
+    template<class Load>
+    auto LoadAt(std::fpos<int> position, int size, bool guarded, Load load);
+    template<class Store>
+    void StoreAt(std::fpos<int> position, int size, bool guarded, Store store);
+    template<class Write>
+    void Attempt(Write write);
+
+    void UpdateCache();
+    void ReadRecords(long long end);
+    bool ReadRecord(long long end);
+    monParam* FindRecord(const char* name);
+    template<class Param, class... Capacity>
+    Param* FindOrAdd(const char* name, Capacity... capacity);
+    template<class Param, class... Capacity>
+    Param* Append(const char* name, Capacity... capacity);
+    void WriteParamHead(const char* name, int type);
+    template<class Param, class... Capacity>
+    Param* Enter(const char* name, int position, Capacity... capacity);
+
+    ioFileStream* stream;
+    int dataStart = 0;
+    int readUpTo = 0;
+    xstring title;
+    int headerWord = 0;
+    monParamDict* params;
+    monParam* firstParam = nullptr; // all of them, also those that others of their name have replaced
+    bool isPatient = true;          // whether waiting for a writer has been worth while
+};

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <string>
+
+#include "iolibsrc/iosupport.h"
+#include <qel/qelexception.h>
+#include <qel/xmonlib.h>
+
+/// The text of what `work` throws: of a stream's failure, or of what is wrong with a monitor file; "" when it
+/// throws nothing.
+template<class Work>
+std::string MonFailureOf(Work work)
+{
+    std::string text;
+    const std::string streamText = FailureOf([&] {
+        try {
+            work();
+        } catch (xthrowable* thrown) {
+            qelXNativeException* const native = qelXNativeException::softcast(thrown);
+            if (native == nullptr)
+                throw;
+            text = native->getStringRep().CastToCString();
+            xrcrelease(native);
+        }
+    });
+    return text + streamText;
+}
+
+inline Owned<monFile> OpenMonitor(const std::string& path)
+{
+    return Owned<monFile>(monFile::Open(path.c_str()));
+}
+
+inline Owned<monFile> CreateMonitor(const std::string& path, const char* title = "T")
+{
+    return Owned<monFile>(monFile::Create(path.c_str(), title));
+}
+
+/// How many parameters a dictionary has.
+inline int CountOf(monParamDict* params)
+{
+    int count = 0;
+    for (int i = 0; i < params->getarraysize(); ++i)
+        count += params->getkeybyindex(i, nullptr);
+    return count;
+}

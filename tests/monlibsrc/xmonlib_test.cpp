@@ -1,0 +1,326 @@
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include "monsupport.h"
+#include "support/child.h"
+#include "support/interrupt.h"
+#include "support/tempdir.h"
+#include "support/thrown.h"
+#include <qel/xrtti.h>
+
+namespace {
+
+const std::string header = Hex("00 00 00 00 00 00 00 01 54 ");
+
+class Monitor : public testing::Test
+{
+protected:
+    std::string Path() const { return dir.path("m"); }
+    std::string Bytes() const { return dir.read("m"); }
+
+    TempDir dir;
+};
+
+} // namespace
+
+TEST_F(Monitor, HasTheBytesOfTheFormat)
+{
+    const auto file = CreateMonitor(Path());
+    EXPECT_EQ(Bytes(), header);
+
+    file->Int("a");
+    file->Bool("bc");
+    file->Real("d");
+    file->String("s", 10);
+    file->String("", 0);
+    // type, reserved, name, capacity of a string, value
+    const std::string records = Hex("00 00 00 01 00 00 00 00 00 00 00 01 61 00 00 00 00 ") +
+                                Hex("00 00 00 00 00 00 00 00 00 00 00 02 62 63 00 00 00 00 ") +
+                                Hex("00 00 00 02 00 00 00 00 00 00 00 01 64 00 00 00 00 00 00 00 00 ") +
+                                Hex("00 00 00 03 00 00 00 00 00 00 00 01 73 00 00 00 0A 00 00 00 00 ") +
+                                std::string(10, '\0') +
+                                Hex("00 00 00 03 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 ");
+    EXPECT_EQ(Bytes(), header + records);
+
+    EXPECT_EQ(file->Int("a")->setValue(7), 7);
+    EXPECT_EQ(file->Bool("bc")->setValue(1), 1);
+    EXPECT_EQ(file->Real("d")->setValue(1.5), 1.5);
+    EXPECT_EQ(TextOf(file->String("s", 10)->setValue("abcdef")), "abcdef");
+    EXPECT_EQ(TextOf(file->String("s", 10)->setValue("ABC")), "ABC");
+    const std::string rewritten = Hex("00 00 00 01 00 00 00 00 00 00 00 01 61 00 00 00 07 ") +
+                                  Hex("00 00 00 00 00 00 00 00 00 00 00 02 62 63 00 00 00 01 ") +
+                                  Hex("00 00 00 02 00 00 00 00 00 00 00 01 64 3F F8 00 00 00 00 00 00 ") +
+                                  Hex("00 00 00 03 00 00 00 00 00 00 00 01 73 00 00 00 0A 00 00 00 03 ") +
+                                  Hex("41 42 43 64 65 66 00 00 00 00 ") +
+                                  Hex("00 00 00 03 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 ");
+    EXPECT_EQ(Bytes(), header + rewritten);
+    EXPECT_EQ(TextOf(file->String("s", 10)->getValue()), "ABC");
+}
+
+TEST_F(Monitor, FindsWhatThereIs)
+{
+    const auto file = CreateMonitor(Path());
+    monIntParam* const a = file->Int("a");
+    monStringParam* const s = file->String("s", 10);
+    const std::string before = Bytes();
+
+    EXPECT_EQ(file->Int("a"), a);
+    EXPECT_EQ(file->Bool("a"), nullptr);
+    EXPECT_EQ(file->Real("a"), nullptr);
+    EXPECT_EQ(file->String("a", 3), nullptr);
+    EXPECT_EQ(file->Int("s"), nullptr);
+    EXPECT_EQ(file->String("s", 3), s);
+    EXPECT_EQ(file->String("s", -3), s);
+    EXPECT_EQ(s->getSize(), 10);
+    EXPECT_EQ(TextOf(s->getName()), "s");
+    EXPECT_EQ(Bytes(), before);
+    EXPECT_EQ(CountOf(file->getParams()), 2);
+}
+
+TEST_F(Monitor, ShowsNewParametersAndValuesToOtherFiles)
+{
+    const auto writer = CreateMonitor(Path(), "Zähler");
+    const auto reader = OpenMonitor(Path());
+    EXPECT_EQ(TextOf(reader->getTitle()), "Zähler");
+    EXPECT_EQ(CountOf(reader->getParams()), 0);
+    EXPECT_EQ(reader->getParams(), reader->getParams());
+
+    for (int i = 0; i < 300; ++i) {
+        const std::string name = std::to_string(i);
+        writer->Int(("i" + name).c_str())->setValue(i);
+        writer->Real(("r" + name).c_str())->setValue(i / 4.0);
+        writer->Bool(("b" + name).c_str())->setValue(static_cast<unsigned char>(i % 2));
+        writer->String(("s" + name).c_str(), i * 20)->setValue(std::string(std::size_t(i) * 7, 'x').c_str());
+    }
+    EXPECT_EQ(CountOf(reader->getParams()), 1200);
+    const std::string before = Bytes();
+    for (int i = 0; i < 300; ++i) {
+        const std::string name = std::to_string(i);
+        EXPECT_EQ(reader->Int(("i" + name).c_str())->getValue(), i);
+        EXPECT_EQ(reader->Real(("r" + name).c_str())->getValue(), i / 4.0);
+        EXPECT_EQ(reader->Bool(("b" + name).c_str())->getValue(), i % 2);
+        EXPECT_EQ(TextOf(reader->String(("s" + name).c_str(), 0)->getValue()),
+                  std::string(std::size_t(i) * 7, 'x'));
+    }
+    EXPECT_EQ(Bytes(), before);
+
+    writer->Int("i7")->setValue(-5);
+    EXPECT_EQ(reader->Int("i7")->getValue(), -5);
+    monRealParam* const fromReader = reader->Real("of the reader");
+    writer->Real("of the reader")->setValue(9);
+    EXPECT_EQ(fromReader->getValue(), 9);
+}
+
+TEST_F(Monitor, PassesEveryValueUnchanged)
+{
+    const auto writer = CreateMonitor(Path());
+    const auto reader = OpenMonitor(Path());
+    monIntParam* const i = writer->Int("i");
+    monRealParam* const r = writer->Real("r");
+    monBoolParam* const b = writer->Bool("b");
+    monStringParam* const s = writer->String("s", 3);
+    for (const int v : {0, -1, xnullint, xuninitint, 0x7fffffff}) {
+        i->setValue(v);
+        EXPECT_EQ(reader->Int("i")->getValue(), v);
+    }
+    for (const double v : {-0.0, xnullreal, xuninitreal, 1e308, 5e-324}) {
+        r->setValue(v);
+        EXPECT_EQ(reader->Real("r")->getValue(), v);
+    }
+    for (const int v : {0, 1, 128, 129, 255}) {
+        b->setValue(static_cast<unsigned char>(v));
+        EXPECT_EQ(reader->Bool("b")->getValue(), v);
+    }
+    for (const char* const v : {"", "abc", "\x80\xff"}) {
+        EXPECT_EQ(TextOf(s->setValue(v)), v);
+        EXPECT_EQ(TextOf(reader->String("s", 0)->getValue()), v);
+    }
+    EXPECT_EQ(s->setValue(nullptr), nullptr);
+    EXPECT_EQ(TextOf(s->getValue()), "");
+    s->setValue(xuninitstr);
+    EXPECT_EQ(TextOf(s->getValue()), "");
+}
+
+TEST_F(Monitor, KeepsThoseThatALaterRecordOfTheNameReplaces)
+{
+    const std::string record = Hex("00 00 00 01 00 00 00 00 00 00 00 01 61 00 00 00 05 ");
+    dir.write("m", header + record);
+    const auto file = OpenMonitor(Path());
+    monIntParam* const first = file->Int("a");
+
+    dir.write("m", header + record + Hex("00 00 00 01 00 00 00 00 00 00 00 01 61 00 00 00 06 "));
+    monIntParam* const second = file->Int("a");
+    EXPECT_NE(first, second);
+    EXPECT_EQ(CountOf(file->getParams()), 1);
+    EXPECT_EQ(first->getValue(), 5);
+    EXPECT_EQ(second->getValue(), 6);
+}
+
+TEST_F(Monitor, OpensMonitorFilesOnly)
+{
+    EXPECT_EQ(OpenMonitor(Path()), nullptr);
+    EXPECT_EQ(monFile::Open(nullptr), nullptr);
+    EXPECT_EQ(OpenMonitor(dir.path()), nullptr);
+    EXPECT_EQ(CreateMonitor(dir.path()), nullptr);
+    EXPECT_EQ(CreateMonitor(dir.path("missing/m")), nullptr);
+    ASSERT_EQ(mkfifo(dir.path("fifo"), 0600), 0);
+    EXPECT_EQ(OpenMonitor(dir.path("fifo")), nullptr);
+
+    dir.write("m", Hex("00 00 00 01 00 00 00 01 54 "));
+    EXPECT_EQ(OpenMonitor(Path()), nullptr);
+    dir.write("m", Hex("FF FF FF FF 00 00 00 01 54 "));
+    EXPECT_EQ(TextOf(OpenMonitor(Path())->getTitle()), "T");
+}
+
+TEST_F(Monitor, BeginsAnewWhenCreated)
+{
+    dir.write("m", std::string(500, 'x'));
+    const auto file = CreateMonitor(Path(), nullptr);
+    EXPECT_EQ(Bytes(), Hex("00 00 00 00 00 00 00 00 "));
+    EXPECT_EQ(TextOf(file->getTitle()), "");
+    monIntParam* const a = file->Int("a");
+    a->setValue(3);
+
+    const auto other = CreateMonitor(Path());
+    EXPECT_EQ(Bytes(), header);
+    EXPECT_EQ(MonFailureOf([&] { file->getParams(); }), "monFile has shrunk!");
+    EXPECT_EQ(MonFailureOf([&] { file->Int("a"); }), "monFile has shrunk!");
+    EXPECT_EQ(MonFailureOf([&] { a->getValue(); }), "Stream Error (iolib): EOF reached");
+    EXPECT_EQ(Bytes(), header);
+}
+
+TEST_F(Monitor, RefusesArgumentsBeforeItWrites)
+{
+    const auto file = CreateMonitor(Path());
+    const std::string longest(1023, 'n');
+    monStringParam* const s = file->String(longest.c_str(), 3);
+    s->setValue("abc");
+    const std::string before = Bytes();
+
+    EXPECT_EQ(MonFailureOf([&] { file->Int((longest + "n").c_str()); }),
+              "monFile::WriteParamHead: Name too long");
+    EXPECT_EQ(MonFailureOf([&] { file->String("t", -1); }), "monFile::String: Negative capacity");
+    EXPECT_EQ(MonFailureOf([&] { file->String("t", xnullint); }), "monFile::String: Negative capacity");
+    EXPECT_EQ(MonFailureOf([&] { file->String("t", 0x7fffffff); }), "monFile: File too large");
+    EXPECT_EQ(MonFailureOf([&] { s->setValue("abcd"); }), "monStringParam::setValue: Value too long");
+    for (const char* const none : {xnullstr, xuninitstr, static_cast<const char*>(nullptr)})
+        EXPECT_EQ(thrownBy([&] { file->Int(none); }), "qellib::XNotInitialized");
+    EXPECT_EQ(Bytes(), before);
+    EXPECT_EQ(file->String(longest.c_str(), 0), s);
+    EXPECT_EQ(TextOf(OpenMonitor(Path())->String(longest.c_str(), 0)->getValue()), "abc");
+}
+
+TEST_F(Monitor, ThrowsOnceItIsClosed)
+{
+    const auto file = CreateMonitor(Path());
+    monIntParam* const a = file->Int("a");
+    monStringParam* const s = file->String("s", 5);
+    file->Close();
+    file->Close();
+
+    const std::string closed = "Stream Error (iolib): stream not open";
+    EXPECT_EQ(MonFailureOf([&] { a->getValue(); }), closed);
+    EXPECT_EQ(MonFailureOf([&] { a->setValue(1); }), closed);
+    EXPECT_EQ(MonFailureOf([&] { s->getValue(); }), closed);
+    EXPECT_EQ(MonFailureOf([&] { s->setValue("x"); }), closed);
+    EXPECT_EQ(MonFailureOf([&] { file->getParams(); }), closed);
+    EXPECT_EQ(MonFailureOf([&] { file->Real("r"); }), closed);
+    EXPECT_EQ(TextOf(a->getName()), "a");
+    EXPECT_EQ(TextOf(file->getTitle()), "T");
+}
+
+TEST_F(Monitor, StaysUsableWhenTheDiskIsFull)
+{
+    const auto file = CreateMonitor(Path());
+    file->Int("a")->setValue(4);
+    const std::string before = Bytes();
+
+    const int status = runInChild([&] {
+        std::signal(SIGXFSZ, SIG_IGN);
+        const auto limitTo = [](rlim_t size) {
+            const rlimit limit = {size, RLIM_INFINITY};
+            setrlimit(RLIMIT_FSIZE, &limit);
+        };
+        const auto mine = OpenMonitor(Path());
+        limitTo(1000);
+        EXPECT_EQ(MonFailureOf([&] { mine->String("long", 5000); }), "Stream Error (iolib): I/O error");
+        EXPECT_EQ(MonFailureOf([&] { mine->String("huge", 500000); }), "Stream Error (iolib): I/O error");
+        EXPECT_EQ(mine->Int("a")->getValue(), 4);
+        mine->Int("a")->setValue(5);
+        limitTo(RLIM_INFINITY);
+        mine->String("long", 5000)->setValue("fits");
+        mine->Int("b")->setValue(6);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(Bytes().size(), before.size() + 24 + 5000 + 17);
+    EXPECT_EQ(file->Int("a")->getValue(), 5);
+    EXPECT_EQ(TextOf(file->String("long", 0)->getValue()), "fits");
+    EXPECT_EQ(file->Int("b")->getValue(), 6);
+}
+
+TEST_F(Monitor, TakesTextsOfAnySize)
+{
+    const auto writer = CreateMonitor(Path());
+    const auto reader = OpenMonitor(Path());
+    for (const int size : {3000, 4096, 70000, 3000000}) {
+        const std::string name = std::to_string(size);
+        monStringParam* const s = writer->String(name.c_str(), size);
+        ASSERT_NE(s, nullptr);
+        EXPECT_EQ(TextOf(reader->String(name.c_str(), 0)->getValue()), "");
+        const std::string text(std::size_t(size), 'a');
+        s->setValue(text.c_str());
+        EXPECT_TRUE(TextOf(reader->String(name.c_str(), 0)->getValue()) == text);
+    }
+    EXPECT_EQ(CountOf(OpenMonitor(Path())->getParams()), 4);
+}
+
+TEST_F(Monitor, BearsInterruptions)
+{
+    const Interrupter interrupter;
+    const auto writer = CreateMonitor(Path());
+    const auto reader = OpenMonitor(Path());
+    int rounds = 0;
+    for (; Interrupter::interrupts < 50; ++rounds) {
+        const std::string name = std::to_string(rounds % 200);
+        writer->String(name.c_str(), 60)->setValue(name.c_str());
+        ASSERT_EQ(TextOf(reader->String(name.c_str(), 0)->getValue()), name);
+    }
+    EXPECT_EQ(CountOf(reader->getParams()), std::min(rounds, 200));
+}
+
+TEST_F(Monitor, IsDescribed)
+{
+    const auto file = CreateMonitor(Path());
+    monStringParam* const s = file->String("s", 10);
+    s->setValue("text");
+    file->Int("i")->setValue(xnullint);
+    const auto valueOf = [](xobject* owner, const char* attr) {
+        return xrttistruct::cast(owner->getRtti())->findAttr(attr, 1)->getValue(owner);
+    };
+
+    EXPECT_EQ(TextOf(valueOf(file.get(), "Title")), "T");
+    monParamDict* const params = monParamDict::cast(valueOf(file.get(), "Params"));
+    EXPECT_EQ(params, file->getParams());
+    EXPECT_EQ(TextOf(valueOf(s, "Name")), "s");
+    EXPECT_EQ(TextOf(valueOf(s, "Value")), "text");
+    EXPECT_EQ(static_cast<int>(valueOf(s, "Size")), 10);
+    EXPECT_TRUE(valueOf(file->Int("i"), "Value").isNull());
+
+    xrttidictionary* const type = xrttidictionary::cast(params->getRtti());
+    EXPECT_EQ(type->getElemType(), monParam::getClassRtti());
+    EXPECT_EQ(type->getIsElemOptional(), 0);
+    EXPECT_EQ(monParam::softcast(s), s);
+    EXPECT_EQ(monIntParam::softcast(s), nullptr);
+    EXPECT_EQ(monParam::getClassRtti()->getIsRefCount(), 0);
+    EXPECT_EQ(monFile::getClassRtti()->getIsRefCount(), 0);
+
+    const Owned<monParamDict> dictionary(monParamDict::create());
+    dictionary->set("x", s);
+    monParam* found = nullptr;
+    EXPECT_EQ(dictionary->find("x", &found), 1);
+    EXPECT_EQ(found, s);
+}
