@@ -1,5 +1,5 @@
-// publish FILE [SECONDS]: samples the load, the memory, the processes and the network of this machine into the
-// monitor file FILE, four times a second, for SECONDS or until it is stopped. Watch it with `watch FILE`.
+// publish FILE [SECONDS]: samples the load, the memory, the processes and the network of this machine into
+// the monitor file FILE, four times a second, for SECONDS or until it is stopped. Watch it with `watch FILE`.
 
 #include <chrono>
 #include <cstdlib>
@@ -133,7 +133,8 @@ int main(int argc, char** argv)
         active->setValue(1);
 
         const auto start = Clock::now();
-        for (int samples = 1; std::chrono::duration<double>(Clock::now() - start).count() < seconds; ++samples) {
+        for (int samples = 1; std::chrono::duration<double>(Clock::now() - start).count() < seconds;
+             ++samples) {
             sampleLoad(*file);
             sampleMemory(*file);
             sampleProcessor(*file);

@@ -1,5 +1,6 @@
-// watch FILE [SECONDS]: shows the values in a monitor file, and those that are added while it runs, for SECONDS
-// or until it is stopped: as a table that changes in place on a terminal, else as plain lines, once a second.
+// watch FILE [SECONDS]: shows the values in a monitor file, and those that are added while it runs, for
+// SECONDS or until it is stopped: as a table that changes in place on a terminal, else as plain lines, once a
+// second.
 
 #include <chrono>
 #include <cstdlib>
@@ -102,7 +103,8 @@ int main(int argc, char** argv)
 
     Monitor file;
     const auto start = Clock::now();
-    for (bool more = false; std::chrono::duration<double>(Clock::now() - start).count() < seconds; more = true) {
+    for (bool more = false; std::chrono::duration<double>(Clock::now() - start).count() < seconds;
+         more = true) {
         std::cout << (more || isLive ? separator : "") << nextTable(file, argv[1]) << std::flush;
         std::this_thread::sleep_for(pause);
     }
