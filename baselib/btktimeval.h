@@ -17,10 +17,9 @@ public:
     }
     /// Seconds; what is not a number counts as 0.
     constexpr explicit btkTimeval(double seconds)
-        : count(!(seconds > 0) ? 0
-                : seconds < static_cast<double>(greatest / perSecond)
-                    ? static_cast<long long>(seconds * perSecond)
-                    : greatest)
+        : count(!(seconds > 0)              ? 0
+                : seconds < greatestSeconds ? static_cast<long long>(seconds * perSecond)
+                                            : greatest)
     {
     }
 
@@ -45,6 +44,7 @@ public:
 private:
     static constexpr int perSecond = 1000000;
     static constexpr long long greatest = 0x7FFFFFFFFFFFFFFF;
+    static constexpr double greatestSeconds = static_cast<double>(greatest) / perSecond;
 
     static constexpr btkTimeval Of(long long microseconds)
     {
