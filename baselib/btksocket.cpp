@@ -1,0 +1,509 @@
+#include <qel/base/btksocket.h>
+
+#include "btkpoll_p.h"
+#include "btksocketaddress_p.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr std::size_t valueSize = 4; // of an urgent value
+constexpr std::size_t beforeMark = valueSize - 1;
+constexpr std::size_t heldLimit = 16 << 20; // bytes that urgent values may make us hold
+constexpr btkTimeval urgentLimit(0, 200000);
+
+using Asked = int (*)(int, sockaddr*, socklen_t*);
+
+btkSocketAddress AddressOf(btkHandle handle, Asked ask)
+{
+    btkSocketAddress address;
+    if (ask(handle, address.Get(), &address.size) != 0)
+        address.storage.ss_family = AF_UNSPEC;
+    return address;
+}
+
+void SetOption(btkHandle handle, int level, int option, int value)
+{
+    setsockopt(handle, level, option, &value, sizeof value);
+}
+
+btkTimeval EndOf(btkTimeval limit)
+{
+    return limit.IsForever() ? btkTimeval::Forever() : btkTimeval::Now() + limit;
+}
+
+btkTimeval LeftUntil(btkTimeval end)
+{
+    return end.IsForever() ? end : end - btkTimeval::Now();
+}
+
+// Polls; answers the events that hold, 0 when the limit has passed.
+short Poll(btkHandle handle, short events, btkTimeval limit)
+{
+    pollfd asked = {handle, events, 0};
+    return btkPoll(&asked, 1, limit) < 0 ? POLLERR : asked.revents;
+}
+
+// Repeats `call(flags)`, a send or receive, until it transfers something, fails, or `end` has passed. Without
+// an end the call itself waits; with one, poll does.
+template<typename Call>
+std::ptrdiff_t Transfer(btkHandle handle, short events, btkTimeval end, Call call)
+{
+    const int flags = MSG_NOSIGNAL | (end.IsForever() ? 0 : MSG_DONTWAIT);
+    for (;;) {
+        const std::ptrdiff_t answer = call(flags);
+        if (answer >= 0 || (errno != EINTR && errno != EAGAIN))
+            return answer;
+        if (errno == EAGAIN && Poll(handle, events, LeftUntil(end)) == 0) {
+            errno = ETIMEDOUT;
+            return -1;
+        }
+    }
+}
+
+// A receive that never waits.
+std::ptrdiff_t ReceiveNow(btkHandle handle, void* to, std::size_t size)
+{
+    for (;;) {
+        const std::ptrdiff_t count = recv(handle, to, size, MSG_DONTWAIT);
+        if (count >= 0 || errno != EINTR)
+            return count;
+    }
+}
+
+btkFd ConnectTo(const btkSocketAddress& address, btkTimeval limit)
+{
+    btkFd made(socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!made)
+        return made;
+    int error = connect(made.Get(), address.Get(), address.size) == 0 ? 0 : errno;
+    if (error == EINPROGRESS || error == EINTR) {
+        socklen_t size = sizeof error;
+        if (Poll(made.Get(), POLLOUT, limit) == 0)
+            error = ETIMEDOUT;
+        else if (getsockopt(made.Get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0)
+            error = errno;
+    }
+    if (error == 0) {
+        // A port that nobody listens on may be chosen for this end, and TCP then connects it to itself.
+        const btkSocketAddress own = AddressOf(made.Get(), getsockname);
+        if (own.GetPort() == address.GetPort() && own.HasSameHost(address))
+            error = ECONNREFUSED;
+    }
+    if (error != 0) {
+        made.Reset();
+        errno = error;
+    }
+    return made;
+}
+
+} // namespace
+
+// ---- btkSocket
+
+int btkSocket::Wait(btkTimeval limit, int conditions) const
+{
+    pollfd asked = {fd.Get(), 0, 0};
+    asked.events =
+        static_cast<short>(((conditions & 1) != 0 ? POLLIN : 0) | ((conditions & 2) != 0 ? POLLOUT : 0));
+    if (!fd || btkPoll(&asked, 1, limit) < 0)
+        return 0;
+    if (asked.revents == 0)
+        return -1;
+    const int failed = (asked.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0 ? POLLIN | POLLOUT : 0;
+    const int ready = asked.revents | failed;
+    return conditions & (((ready & POLLIN) != 0 ? 1 : 0) | ((ready & POLLOUT) != 0 ? 2 : 0));
+}
+
+int btkSocket::GetPortN() const
+{
+    return AddressOf(fd.Get(), getsockname).GetPort();
+}
+
+std::string btkSocket::GetLocalAddrStr() const
+{
+    return AddressOf(fd.Get(), getsockname).GetText();
+}
+
+// ---- btkStreamSocket
+
+/// What was read from the host but is not delivered yet: ordinary bytes up to the last mark, or up to where
+/// the host had no more, and the urgent values at the marks.
+struct btkStreamSocket::Ahead
+{
+    struct Value
+    {
+        std::array<char, valueSize> bytes;
+        std::size_t count;
+    };
+
+    std::string bytes;
+    std::size_t taken = 0;   // of bytes
+    bool isMarkNear = false; // the last three bytes may belong to the value at a mark further on
+    std::array<Value, 16> values;
+    std::size_t firstValue = 0;
+    std::size_t valueCount = 0;
+
+    std::size_t Count() const { return bytes.size() - taken; }
+    // How many bytes surely are ordinary.
+    std::size_t Sure() const
+    {
+        const std::size_t unsure = isMarkNear ? beforeMark : 0;
+        return Count() > unsure ? Count() - unsure : 0;
+    }
+    std::size_t Take(char* to, std::size_t size)
+    {
+        const std::size_t count = std::min(size, Sure());
+        std::memcpy(to, bytes.data() + taken, count);
+        taken += count;
+        if (taken == bytes.size()) {
+            bytes = std::string(); // gives back what a long way to a mark took
+            taken = 0;
+        }
+        return count;
+    }
+    // Keeps the newest values.
+    void Push(const Value& value)
+    {
+        values[(firstValue + valueCount) % values.size()] = value;
+        if (valueCount < values.size())
+            ++valueCount;
+        else
+            firstValue = (firstValue + 1) % values.size();
+    }
+    std::size_t Pop(void* to, std::size_t size)
+    {
+        if (valueCount == 0)
+            return 0;
+        const Value& value = values[firstValue];
+        const std::size_t count = std::min(value.count, size);
+        std::memcpy(to, value.bytes.data(), count);
+        firstValue = (firstValue + 1) % values.size();
+        --valueCount;
+        return count;
+    }
+};
+
+btkStreamSocket::btkStreamSocket() = default;
+btkStreamSocket::~btkStreamSocket() = default;
+
+bool btkStreamSocket::Connect(const char* host, int port, btkTimeval limit)
+{
+    Close();
+    if (port < 1 || port > 65535) {
+        errno = EINVAL;
+        return false;
+    }
+    const btkTimeval end = EndOf(limit);
+    const std::vector<btkSocketAddress> addresses = btkResolve(host, port, limit);
+    std::size_t rest = addresses.size();
+    for (const btkSocketAddress& address : addresses) {
+        // Each gets its share of the time, so that one which is silent leaves some for the next.
+        const btkTimeval left = LeftUntil(end);
+        const btkTimeval share =
+            left.IsForever() ? left : btkTimeval(left.ToSeconds() / static_cast<double>(rest--));
+        btkFd connected = ConnectTo(address, share);
+        if (connected) {
+            fcntl(connected.Get(), F_SETFL, 0);
+            Adopt(std::move(connected));
+            return true;
+        }
+    }
+    return false;
+}
+
+void btkStreamSocket::Adopt(btkFd connected)
+{
+    Close();
+    fd = std::move(connected);
+    SetOption(fd.Get(), IPPROTO_TCP, TCP_NODELAY, 1);
+    SetOption(fd.Get(), SOL_SOCKET, SO_OOBINLINE, 1);
+}
+
+void btkStreamSocket::Close()
+{
+    fd.Reset();
+    ahead.reset();
+}
+
+void btkStreamSocket::ShutdownOutput()
+{
+    shutdown(fd.Get(), SHUT_WR);
+}
+
+std::size_t btkStreamSocket::Send(const void* from, std::size_t size, bool oob)
+{
+    const btkTimeval end = EndOf(sendLimit);
+    if (oob) {
+        if (size != valueSize) {
+            errno = EINVAL;
+            return 0;
+        }
+        // The mark of a value is lost once the next one is set. There is no event for "all has arrived".
+        const btkTimeval patience = btkTimeval::Now() + urgentLimit;
+        int unsent = 0;
+        for (btkTimeval pause(0, 50);
+             ioctl(fd.Get(), TIOCOUTQ, &unsent) == 0 && unsent > 0 && btkTimeval::Now() < patience;
+             pause = std::min(pause + pause, btkTimeval(0, 2000)))
+            btkPoll(nullptr, 0, pause);
+    }
+    std::size_t done = 0;
+    while (done < size) {
+        const std::ptrdiff_t count = Transfer(fd.Get(), POLLOUT, end, [&](int flags) {
+            return send(fd.Get(), static_cast<const char*>(from) + done, size - done,
+                        flags | (oob ? MSG_OOB : 0));
+        });
+        if (count < 0)
+            break;
+        done += static_cast<std::size_t>(count);
+    }
+    return done;
+}
+
+std::ptrdiff_t btkStreamSocket::Recv(void* to, std::size_t size, bool oob)
+{
+    if (!oob)
+        return Receive(static_cast<char*>(to), size, true);
+    if (ahead == nullptr || ahead->valueCount == 0)
+        Settle();
+    return ahead == nullptr ? 0 : static_cast<std::ptrdiff_t>(ahead->Pop(to, size));
+}
+
+std::ptrdiff_t btkStreamSocket::TryRecv(void* to, std::size_t size)
+{
+    return Receive(static_cast<char*>(to), size, false);
+}
+
+std::size_t btkStreamSocket::RecvAll(void* to, std::size_t size)
+{
+    std::size_t done = 0;
+    while (done < size) {
+        const std::ptrdiff_t count = Recv(static_cast<char*>(to) + done, size - done);
+        if (count <= 0)
+            break;
+        done += static_cast<std::size_t>(count);
+    }
+    return done;
+}
+
+std::ptrdiff_t btkStreamSocket::ReceiveRaw(char* to, std::size_t size, bool wait, btkTimeval end)
+{
+    if (!wait)
+        return ReceiveNow(fd.Get(), to, size);
+    return Transfer(fd.Get(), POLLIN, end, [&](int flags) { return recv(fd.Get(), to, size, flags); });
+}
+
+// One path for both channels. The host stops a read at a mark, so the three bytes before one are the last of
+// a read; only a read that has filled its room may end among them.
+std::ptrdiff_t btkStreamSocket::Receive(char* to, std::size_t size, bool wait)
+{
+    if (size == 0)
+        return 0;
+    const btkTimeval end = wait ? EndOf(recvLimit) : btkTimeval();
+    for (;;) {
+        if (ahead != nullptr && ahead->Count() > 0) {
+            if (ahead->isMarkNear)
+                ReadToMark();
+            const std::size_t held = ahead->Take(to, size);
+            if (held > 0)
+                return static_cast<std::ptrdiff_t>(held);
+            if (ahead->Count() > 0) { // parts of a value whose end is on its way
+                if (wait && Poll(fd.Get(), POLLIN, LeftUntil(end)) != 0)
+                    continue;
+                errno = wait ? ETIMEDOUT : EAGAIN;
+                return -1;
+            }
+        }
+        const std::ptrdiff_t got = ReceiveRaw(to, size, wait, end);
+        if (got <= 0)
+            return got;
+        const std::size_t count = static_cast<std::size_t>(got);
+        if (!IsAtMark() && (count < size || !IsUrgentPending()))
+            return got;
+        const std::size_t tail = std::min(count, beforeMark);
+        GetAhead().bytes.assign(to + count - tail, tail);
+        ahead->isMarkNear = true;
+        ReadToMark();
+        if (count > tail)
+            return static_cast<std::ptrdiff_t>(count - tail);
+    }
+}
+
+bool btkStreamSocket::IsUrgentPending() const
+{
+    return (Poll(fd.Get(), POLLPRI, {}) & POLLPRI) != 0;
+}
+
+bool btkStreamSocket::IsAtMark() const
+{
+    int is = 0;
+    return ioctl(fd.Get(), SIOCATMARK, &is) == 0 && is != 0;
+}
+
+btkStreamSocket::Ahead& btkStreamSocket::GetAhead()
+{
+    if (ahead == nullptr)
+        ahead = std::make_unique<Ahead>();
+    return *ahead;
+}
+
+// Takes the urgent values that have come, and what stands before them, from the host.
+void btkStreamSocket::Settle()
+{
+    while (IsUrgentPending()) {
+        GetAhead().isMarkNear = true;
+        ReadToMark();
+        if (ahead->isMarkNear)
+            return;
+    }
+}
+
+// Reads on until the mark, as far as that needs no waiting.
+void btkStreamSocket::ReadToMark()
+{
+    while (ahead->isMarkNear) {
+        if (IsAtMark()) {
+            char last = 0;
+            const std::ptrdiff_t count = ReceiveNow(fd.Get(), &last, 1);
+            ahead->isMarkNear = count < 0 && errno == EAGAIN;
+            if (count > 0)
+                TakeMark(last);
+            return;
+        }
+        if (!IsUrgentPending()) {
+            ahead->isMarkNear = false;
+            return;
+        }
+        if (ahead->Count() >= heldLimit)
+            return;
+        std::string& bytes = ahead->bytes;
+        const std::size_t before = bytes.size();
+        constexpr std::size_t piece = 65536;
+        bytes.resize(before + piece);
+        const std::ptrdiff_t count = ReceiveNow(fd.Get(), bytes.data() + before, piece);
+        bytes.resize(before + static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
+        if (count <= 0) {
+            ahead->isMarkNear = count < 0 && errno == EAGAIN;
+            return;
+        }
+    }
+}
+
+// Makes a value of the three last bytes and the one at the mark. A peer that sends fewer urgent bytes leaves
+// those before its mark where they are.
+void btkStreamSocket::TakeMark(char last)
+{
+    Ahead::Value value = {{last}, 1};
+    if (ahead->Count() >= beforeMark) {
+        const std::size_t rest = ahead->bytes.size() - beforeMark;
+        std::memcpy(value.bytes.data(), ahead->bytes.data() + rest, beforeMark);
+        value.bytes[beforeMark] = last;
+        value.count = valueSize;
+        ahead->bytes.resize(rest);
+    }
+    ahead->Push(value);
+}
+
+std::size_t btkStreamSocket::CountReadable()
+{
+    Settle();
+    return (ahead == nullptr ? 0 : ahead->Sure()) + btkCountReadable(fd.Get());
+}
+
+bool btkStreamSocket::IsReadable(btkTimeval limit)
+{
+    const btkTimeval end = EndOf(limit);
+    for (;;) {
+        if (ahead != nullptr && ahead->isMarkNear)
+            ReadToMark();
+        if (ahead != nullptr && ahead->Sure() > 0)
+            return true;
+        // A mark that is known and not reached yet must not wake us again and again.
+        const bool isMarkNear = ahead != nullptr && ahead->isMarkNear;
+        const short ready =
+            Poll(fd.Get(), static_cast<short>(POLLIN | (isMarkNear ? 0 : POLLPRI)), LeftUntil(end));
+        if (ready == 0)
+            return false;
+        if ((ready & POLLPRI) == 0 && !isMarkNear)
+            return true;
+        GetAhead();
+        Settle();
+    }
+}
+
+bool btkStreamSocket::HasUrgent()
+{
+    if (ahead != nullptr && ahead->valueCount > 0)
+        return true;
+    return (ahead == nullptr || ahead->Count() < heldLimit) && IsUrgentPending();
+}
+
+std::string btkStreamSocket::GetPeerAddrStr() const
+{
+    return AddressOf(fd.Get(), getpeername).GetText();
+}
+
+bool btkStreamSocket::IsPeerOnTheSameMachine() const
+{
+    const btkSocketAddress peer = AddressOf(fd.Get(), getpeername);
+    if (peer.storage.ss_family == AF_UNSPEC)
+        return false;
+    return peer.IsLoopback() || peer.HasSameHost(AddressOf(fd.Get(), getsockname));
+}
+
+// ---- btkAcceptSocket
+
+bool btkAcceptSocket::Listen(int port, const char* interface)
+{
+    fd.Reset();
+    if (port < 0 || port > 65535) {
+        errno = EINVAL;
+        return false;
+    }
+    std::vector<btkSocketAddress> addresses;
+    if (interface != nullptr) {
+        addresses = btkResolveInterface(interface, port);
+    } else {
+        // One socket for both families, and where the host has no IPv6, one for IPv4.
+        for (const int family : {AF_INET6, AF_INET})
+            addresses.push_back(btkSocketAddress::Any(family, port));
+    }
+    for (const btkSocketAddress& address : addresses) {
+        const int family = address.storage.ss_family;
+        btkFd made(socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        if (!made)
+            continue;
+        SetOption(made.Get(), SOL_SOCKET, SO_REUSEADDR, 1);
+        if (family == AF_INET6)
+            SetOption(made.Get(), IPPROTO_IPV6, IPV6_V6ONLY, interface != nullptr);
+        if (bind(made.Get(), address.Get(), address.size) == 0 && listen(made.Get(), SOMAXCONN) == 0) {
+            fd = std::move(made);
+            return true;
+        }
+        if (errno == EADDRINUSE)
+            return false; // not to end up on a part of what was asked for
+    }
+    return false;
+}
+
+bool btkAcceptSocket::Accept(btkStreamSocket* connection)
+{
+    for (;;) {
+        btkFd accepted(accept4(fd.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (accepted) {
+            connection->Adopt(std::move(accepted));
+            return true;
+        }
+        if (errno != EINTR)
+            return false;
+    }
+}

@@ -1,0 +1,124 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include <qel/base/btkfd.h>
+
+/// A TCP socket over IPv4 or IPv6. Its descriptor is closed on exec. Used by one thread at a time.
+class BASE_API btkSocket
+{
+public:
+    btkSocket(const btkSocket&) = delete;
+    btkSocket& operator=(const btkSocket&) = delete;
+
+    bool IsOpen() const { return static_cast<bool>(fd); }
+    /// The descriptor, which stays the socket's; -1 when it is not open.
+    btkHandle GetHandle() const { return fd.Get(); }
+
+    /// Waits until the socket can be read or has a connection to accept (`conditions` 1), can be written
+    /// (2), or either (3). The conditions that hold; 0 when waiting failed, -1 when `limit` has passed.
+    int Wait(btkTimeval limit, int conditions) const;
+
+    /// This end's port; 0 when the socket is not open.
+    int GetPortN() const;
+    /// This end's address, as numbers; IPv4 is dotted, IPv6 as `2001:db8::1`. Empty when it is not open.
+    std::string GetLocalAddrStr() const;
+
+protected:
+    btkSocket() = default;
+    ~btkSocket() = default;
+
+    btkFd fd;
+};
+
+/// A connection: a stream of bytes in each direction, and beside it urgent values of four bytes. What
+/// overtakes is the news that a value has come; reading it moves the ordinary bytes sent before it into
+/// memory, from where they are read later as if nothing had happened.
+///
+/// The host keeps one urgent mark for each direction, so one value at a time is sure: a second one that
+/// arrives before anything was read from this end since the first may take the first one's mark, and the
+/// first is then lost as a value.
+///
+/// Failed calls leave the reason in errno. No call raises SIGPIPE, and none ends because of a signal.
+class BASE_API btkStreamSocket : public btkSocket
+{
+public:
+    btkStreamSocket();
+    ~btkStreamSocket();
+
+    /// Connects to `port` (1..65535) of `host`, a name or an address as numbers. Null, the empty text, this
+    /// machine's own name and `localhost` mean this machine, over its loopback. All addresses of a name are
+    /// tried, and everything together, the name's resolution too, takes at most `limit`. What was connected
+    /// before is closed.
+    bool Connect(const char* host, int port, btkTimeval limit);
+    /// Takes over a connected descriptor and owns it.
+    void Adopt(btkFd connected);
+    void Close();
+    /// Ends the output: the peer reads what was sent, then the end. Reading goes on.
+    void ShutdownOutput();
+
+    /// How long Send and Recv wait at most before they fail with ETIMEDOUT; without limit at first.
+    void SetRecvLimit(btkTimeval limit) { recvLimit = limit; }
+    void SetSendLimit(btkTimeval limit) { sendLimit = limit; }
+
+    /// Sends all `size` bytes. Answers how many were sent, which is less than `size` only when sending
+    /// failed. `oob`: as one urgent value, which must have four bytes; waits at most 200 ms until what was
+    /// sent before has arrived.
+    std::size_t Send(const void* from, std::size_t size, bool oob = false);
+    /// Waits for bytes and receives up to `size` of them; 0 at the end of the input, -1 when it failed.
+    /// `oob`: receives the oldest urgent value that has come, without waiting: 4, less when the peer sent
+    /// fewer bytes, 0 when there is none.
+    std::ptrdiff_t Recv(void* to, std::size_t size, bool oob = false);
+    /// Receives what is there without waiting: as Recv, and -1 with EAGAIN when there is nothing.
+    std::ptrdiff_t TryRecv(void* to, std::size_t size);
+    /// Receives `size` bytes, fewer only at the end of the input or when it failed. Answers how many.
+    std::size_t RecvAll(void* to, std::size_t size);
+
+    /// How many ordinary bytes can be received without waiting.
+    std::size_t CountReadable();
+    /// Whether Recv would answer at once: with ordinary bytes, with the end or with a failure.
+    bool IsReadable(btkTimeval limit = {});
+    /// Whether an urgent value can be received.
+    bool HasUrgent();
+
+    /// The peer's address, as numbers; one that is IPv4 mapped into IPv6 is dotted. Empty when it is not
+    /// known.
+    std::string GetPeerAddrStr() const;
+    /// Whether the peer runs on this machine: its address is a loopback one, or this end's own.
+    bool IsPeerOnTheSameMachine() const;
+
+private:
+    struct Ahead;
+
+    std::ptrdiff_t Receive(char* to, std::size_t size, bool wait);
+    std::ptrdiff_t ReceiveRaw(char* to, std::size_t size, bool wait, btkTimeval end);
+    bool IsUrgentPending() const;
+    bool IsAtMark() const;
+    Ahead& GetAhead();
+    void Settle();
+    void ReadToMark();
+    void TakeMark(char last);
+
+    btkTimeval recvLimit = btkTimeval::Forever();
+    btkTimeval sendLimit = btkTimeval::Forever();
+    std::unique_ptr<Ahead> ahead; // what was read because of urgent values; null until there is one
+};
+
+/// Waits for connections. Does not block: Accept takes a connection that is there; Wait waits for one.
+class BASE_API btkAcceptSocket : public btkSocket
+{
+public:
+    /// Listens on `port`; 0 lets the host choose, see GetPortN. `interface`: the address or name of one of
+    /// this machine's interfaces, null for all of them. False, with the reason in errno, when the port is
+    /// outside 0..65535 or taken. A port that is only left over from closed connections is not taken.
+    bool Listen(int port, const char* interface);
+    void Close() { fd.Reset(); }
+
+    /// Gives the next connection to `connection`. False when there is none now (EAGAIN) or taking it failed.
+    bool Accept(btkStreamSocket* connection);
+};
+
+/// Whether `host` means this machine: null, empty, `localhost` or the machine's own name, in any case.
+BASE_API bool btkIsThisMachine(const char* host);

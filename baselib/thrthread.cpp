@@ -1,0 +1,92 @@
+#include <qel/base/thrthread.h>
+
+#include <memory>
+#include <new>
+#include <pthread.h>
+
+namespace {
+
+// Shared by the handle and the running thread; the last of them frees it.
+struct Thread
+{
+    btkFd exited;
+    int code = 0;
+};
+
+struct Handle
+{
+    std::shared_ptr<Thread> thread;
+    pthread_t id = {};
+    bool joined = false;
+};
+
+struct Launch
+{
+    std::shared_ptr<Thread> thread;
+    int (*start)(void*);
+    void* arg;
+};
+
+void* Run(void* given)
+{
+    const std::unique_ptr<Launch> launch(static_cast<Launch*>(given));
+    launch->thread->code = launch->start(launch->arg);
+    Event_Set(launch->thread->exited.Get());
+    return nullptr;
+}
+
+Handle& HandleOf(void* thread)
+{
+    return *static_cast<Handle*>(thread);
+}
+
+} // namespace
+
+void* StrictThread_Launch(int (*start)(void*), void* arg, void (*)(void*, bool))
+try {
+    auto handle = std::make_unique<Handle>();
+    handle->thread = std::make_shared<Thread>();
+    handle->thread->exited.Reset(Event_Create(false));
+    if (!handle->thread->exited)
+        return StrictThread_Refused;
+    auto launch = std::make_unique<Launch>(handle->thread, start, arg);
+    if (pthread_create(&handle->id, nullptr, Run, launch.get()) != 0)
+        return StrictThread_Refused;
+    [[maybe_unused]] const auto* const taken = launch.release(); // the thread's now
+    return handle.release();
+} catch (const std::bad_alloc&) {
+    return StrictThread_Refused;
+}
+
+bool StrictThread_CheckRunning(void* thread)
+{
+    return !btkIsReadable(HandleOf(thread).thread->exited.Get());
+}
+
+void StrictThread_Wait(void* thread, int* code)
+{
+    Handle& handle = HandleOf(thread);
+    if (!handle.joined)
+        handle.joined = pthread_join(handle.id, nullptr) == 0;
+    *code = handle.thread->code;
+}
+
+void StrictThread_Free(void* thread)
+{
+    const std::unique_ptr<Handle> handle(static_cast<Handle*>(thread));
+    if (!handle->joined)
+        pthread_detach(handle->id);
+}
+
+btkHandle StrictThread_GetExitHandle(void* thread)
+{
+    return HandleOf(thread).thread->exited.Get();
+}
+
+btkPROCESSEvent::btkPROCESSEvent(btkHandle exit) : btkBaseEvent(-1, SelectEvents(0), true)
+{
+    btkFd borrowed(exit);
+    own = borrowed.Duplicate();
+    borrowed.Release();
+    handle = own.Get();
+}
