@@ -1,0 +1,136 @@
+// The configuration file against GKeyFile, the registry against plain files read and replaced by GLib.
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include <glib.h>
+#include <qel/hmxconfigfile.h>
+#include <qel/hmxregistry.h>
+
+namespace {
+
+constexpr int lines = 100000;
+
+std::string keyOf(int i)
+{
+    return "key" + std::to_string(1000000 + i);
+}
+
+/// The two files and the registry that the benchmarks work on.
+struct Data
+{
+    std::string root, ours, glibs, plain;
+
+    Data()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "qelbench.XXXXXX").string();
+        root = mkdtemp(name.data());
+        ours = root + "/ours";
+        glibs = root + "/glibs";
+        plain = root + "/plain";
+        std::ofstream first(ours), second(glibs);
+        second << "[all]\n";
+        for (int i = 0; i < lines; ++i) {
+            first << keyOf(i) << ":the value of line " << i << '\n';
+            second << keyOf(i) << "=the value of line " << i << '\n';
+        }
+        std::ofstream(plain) << "10.0.0.*";
+        setenv("QELSTD_REGISTRY", (root + "/registry").c_str(), 1);
+    }
+    ~Data() { std::filesystem::remove_all(root); }
+} data;
+
+void rewriteOurs(benchmark::State& state)
+{
+    int n = 0;
+    for (auto _ : state) {
+        hmxConfigFile file;
+        file.Open(data.ours.c_str(), hmxConfigFile::ReadWrite);
+        file.SetValue("changed", std::to_string(++n).c_str());
+    }
+}
+BENCHMARK(rewriteOurs)->Name("config/load_rewrite_100000/qelstd")->UseRealTime();
+
+void rewriteGlib(benchmark::State& state)
+{
+    int n = 0;
+    for (auto _ : state) {
+        GKeyFile* const file = g_key_file_new();
+        g_key_file_load_from_file(file, data.glibs.c_str(), G_KEY_FILE_NONE, nullptr);
+        g_key_file_set_string(file, "all", "changed", std::to_string(++n).c_str());
+        g_key_file_save_to_file(file, data.glibs.c_str(), nullptr);
+        g_key_file_free(file);
+    }
+}
+BENCHMARK(rewriteGlib)->Name("config/load_rewrite_100000/GKeyFile")->UseRealTime();
+
+void lookUpOurs(benchmark::State& state)
+{
+    hmxConfigFile file;
+    file.Open(data.ours.c_str(), hmxConfigFile::ReadOnly);
+    int i = 0;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(file.GetValue(keyOf(i = (i + 7919) % lines).c_str()));
+}
+BENCHMARK(lookUpOurs)->Name("config/look_up/qelstd");
+
+void lookUpGlib(benchmark::State& state)
+{
+    GKeyFile* const file = g_key_file_new();
+    g_key_file_load_from_file(file, data.glibs.c_str(), G_KEY_FILE_NONE, nullptr);
+    int i = 0;
+    for (auto _ : state) {
+        char* const value =
+            g_key_file_get_string(file, "all", keyOf(i = (i + 7919) % lines).c_str(), nullptr);
+        benchmark::DoNotOptimize(value);
+        g_free(value);
+    }
+    g_key_file_free(file);
+}
+BENCHMARK(lookUpGlib)->Name("config/look_up/GKeyFile");
+
+hmxRegistryKey& key()
+{
+    static hmxRegistryKey opened;
+    if (!opened.IsOpened() && opened.Create(hmxRegistry::User().root, "Software\\VRX\\Server"))
+        opened.SetValue("ConnectionAllowed", "10.0.0.*");
+    return opened;
+}
+
+void readOurs(benchmark::State& state)
+{
+    for (auto _ : state)
+        benchmark::DoNotOptimize(key().GetValue("ConnectionAllowed"));
+}
+BENCHMARK(readOurs)->Name("registry/read/qelstd");
+
+void readPlain(benchmark::State& state)
+{
+    for (auto _ : state) {
+        char* text = nullptr;
+        g_file_get_contents(data.plain.c_str(), &text, nullptr, nullptr);
+        benchmark::DoNotOptimize(text);
+        g_free(text);
+    }
+}
+BENCHMARK(readPlain)->Name("registry/read/g_file_get_contents");
+
+void setOurs(benchmark::State& state)
+{
+    for (auto _ : state)
+        key().SetValue("ConnectionAllowed", "10.0.0.*");
+}
+BENCHMARK(setOurs)->Name("registry/set/qelstd");
+
+void setPlain(benchmark::State& state)
+{
+    for (auto _ : state)
+        g_file_set_contents_full(data.plain.c_str(), "10.0.0.*", -1, G_FILE_SET_CONTENTS_CONSISTENT, 0600,
+                                 nullptr);
+}
+BENCHMARK(setPlain)->Name("registry/set/g_file_set_contents");
+
+} // namespace
