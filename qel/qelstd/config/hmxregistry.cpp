@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include <qel/platform/errortable.h>
 #include <qel/platform/registry.h>

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <qel/fsdir.h>
 #include <qel/fserror.h>
+#include <qel/fsfile.h>
 #include <qel/fsnodeinfo.h>
 #include <qel/fspath.h>
+#include <qel/platform/lasterror.h>
 #include <qel/xsequence.h>
 
 // Operations on files and directories by path. Paths are written with "/" or "\"; those that exceptions name

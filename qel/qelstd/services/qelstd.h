@@ -26,5 +26,6 @@
 #include <qel/hmxconfigfile.h>
 #include <qel/reglib.h>
 #include <qel/syslib.h>
+#include <qel/tmexception.h>
 #include <qel/tmtime.h>
 #include <qel/xiolib.h>
