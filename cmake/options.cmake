@@ -17,7 +17,7 @@ if(QELSTD_WERROR)
 endif()
 if(QELSTD_SANITIZE)
   # What the sanitizers add makes GCC see uses of uninitialized values where there are none.
-  target_compile_options(qel_options INTERFACE -Wno-maybe-uninitialized
+  target_compile_options(qel_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>
     -fsanitize=${QELSTD_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g)
   target_link_options(qel_options INTERFACE -fsanitize=${QELSTD_SANITIZE})
 endif()

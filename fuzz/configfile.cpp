@@ -1,0 +1,83 @@
+// The reading and writing back of configuration files of any content, against the plainest way to say what
+// their lines mean.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+
+#include <qel/hmxconfigfile.h>
+
+#include <unistd.h>
+
+namespace {
+
+using Entries = std::map<std::string, std::string>; // a value with nothing in it is null
+
+void require(bool holds)
+{
+    if (!holds)
+        std::abort();
+}
+
+Entries entriesOf(std::string text)
+{
+    Entries entries;
+    for (text += '\n'; !text.empty(); text.erase(0, text.find('\n') + 1)) {
+        const std::string line = text.substr(0, text.find('\n'));
+        const std::size_t colon = line.find(':');
+        std::string key = line.substr(0, colon);
+        std::erase_if(key, [](char c) { return c == ' ' || c == '\t'; });
+        if (colon != std::string::npos && !key.empty())
+            entries[key] = line.substr(colon + 1);
+    }
+    return entries;
+}
+
+/// A file of this process, where nothing waits for a disk if there is such a place.
+std::string fileName()
+{
+    const char* const folder = std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : "/tmp";
+    return std::string(folder) + "/qelfuzz" + std::to_string(getpid());
+}
+
+const struct OwnFile
+{
+    std::string name = fileName();
+    ~OwnFile() { std::remove(name.c_str()); }
+} file;
+
+/// Requires that the file holds `expected`.
+void requireEntries(hmxConfigFile& config, const Entries& expected)
+{
+    for (const auto& [key, value] : expected) {
+        if (key.find('\0') != std::string::npos)
+            continue; // cannot be asked for
+        const xstring found = config.GetValue(key.c_str());
+        require(value.empty() ? found == nullptr : found == value.c_str());
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    const std::string content(reinterpret_cast<const char*>(data), size);
+    std::ofstream(file.name, std::ios::binary) << content;
+    Entries expected = entriesOf(content);
+    hmxConfigFile config;
+    require(config.Open(file.name.c_str(), hmxConfigFile::ReadWrite));
+    requireEntries(config, expected);
+    require(config.SetValue("added", "value") && !config.SetValue("", "x"));
+    config.Close();
+
+    expected["added"] = "value";
+    for (auto& [key, value] : expected)
+        if (value.empty())
+            value = "nil";
+    require(config.Open(file.name.c_str(), hmxConfigFile::ReadOnly));
+    requireEntries(config, expected);
+    return 0;
+}

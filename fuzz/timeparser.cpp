@@ -1,0 +1,38 @@
+// The reading of times: only the documented characters are accepted, what is refused changes nothing, and a
+// time that was read is written and read again as the same.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include <qel/tmtime.h>
+
+namespace {
+
+void require(bool holds)
+{
+    if (!holds)
+        std::abort();
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    static const bool zoned = setenv("TZ", "UTC0", 1) == 0; // no hour comes twice
+    require(zoned);
+    const std::string text = std::string(reinterpret_cast<const char*>(data), size).c_str();
+    constexpr long untouched = 0x5A5A5A5A;
+    long read = untouched;
+    if (!tmString2Time(text.c_str(), &read)) {
+        require(read == untouched);
+        return 0;
+    }
+    require(text.find_first_not_of("0123456789/-: \t\n\v\f\r") == std::string::npos);
+    tmTime time(read);
+    if (static_cast<long>(time.getAbsTime()) != read || time.getYear() < 100)
+        return 0; // beyond what a double holds exactly; years below 100 stand for others
+    long again = untouched;
+    const xstring written = tmTime::TimeToString(&time, "%m/%d/%Y %H:%M:%S");
+    require(tmString2Time(written.CastToCString(), &again) && again == read);
+    return 0;
+}
