@@ -446,7 +446,7 @@ void monFile::SeekEnd()
     stream->CheckOpen();
     xfilebuf& file = *stream->fileBuf;
     if (file.GetFileSize() > readUpTo && !btkSetFileSize(file.GetHandle(), readUpTo))
-        stream->ThrowState(ioStream::stateBad);
+        stream->ThrowState(ioFileStream::stateBad);
     Seek(readUpTo);
 }
 

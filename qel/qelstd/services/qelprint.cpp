@@ -27,21 +27,21 @@ public:
         ++used;
         return *this;
     }
-    Text& operator<<(std::string_view text)
+    Text& operator<<(std::string_view s)
     {
-        if (text.size() > sizeof block) {
+        if (s.size() > sizeof block) {
             write();
-            os.write(text.data(), static_cast<std::streamsize>(text.size()));
+            os.write(s.data(), static_cast<std::streamsize>(s.size()));
         } else {
-            std::memcpy(room(text.size()), text.data(), text.size());
-            used += text.size();
+            std::memcpy(room(s.size()), s.data(), s.size());
+            used += s.size();
         }
         return *this;
     }
-    Text& operator<<(const char* text) { return *this << std::string_view(text); }
-    Text& operator<<(const xstring& text)
+    Text& operator<<(const char* s) { return *this << std::string_view(s); }
+    Text& operator<<(const xstring& name)
     {
-        return *this << (text == nullptr ? std::string_view("nil") : std::string_view(text.CastToCString()));
+        return *this << (name == nullptr ? std::string_view("nil") : std::string_view(name.CastToCString()));
     }
     Text& operator<<(int number)
     {
