@@ -1,44 +1,35 @@
 #include <qel/base/btksystem.h>
 
+#include "btkspawn_p.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 const char* const ZUN_MACHINE_TYPE = BASE_MACHINE_TYPE;
 const char* const ZUN_OS_TYPE = BASE_OS_TYPE;
 
-namespace {
-
-/// How a program starts: no signal blocked, each handled as by default.
-class CleanSignals
+btkSpawnAttributes::btkSpawnAttributes()
 {
-public:
-    CleanSignals()
-    {
-        sigset_t none, all;
-        sigemptyset(&none);
-        sigfillset(&all);
-        posix_spawnattr_init(&attributes);
-        posix_spawnattr_setsigmask(&attributes, &none);
-        posix_spawnattr_setsigdefault(&attributes, &all);
-        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    }
-    ~CleanSignals() { posix_spawnattr_destroy(&attributes); }
-    CleanSignals(const CleanSignals&) = delete;
-    CleanSignals& operator=(const CleanSignals&) = delete;
+    sigset_t none, all;
+    sigemptyset(&none);
+    sigfillset(&all);
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setsigdefault(&attributes, &all);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+}
 
-    const posix_spawnattr_t* get() const { return &attributes; }
-
-private:
-    posix_spawnattr_t attributes;
-};
-
-} // namespace
+void btkSpawnAttributes::LeadGroup()
+{
+    posix_spawnattr_setpgroup(&attributes, 0);
+    posix_spawnattr_setflags(&attributes,
+                             POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+}
 
 int System(const char* command)
 {
@@ -46,9 +37,9 @@ int System(const char* command)
         return -1;
     char shell[] = "sh", option[] = "-c", end[] = "--";
     char* const arguments[] = {shell, option, end, const_cast<char*>(command), nullptr};
-    const CleanSignals signals;
+    const btkSpawnAttributes attributes;
     pid_t child;
-    if (posix_spawn(&child, "/bin/sh", nullptr, signals.get(), arguments, environ) != 0)
+    if (posix_spawn(&child, "/bin/sh", nullptr, attributes.Get(), arguments, environ) != 0)
         return -1;
     int status;
     while (waitpid(child, &status, 0) < 0)
@@ -61,4 +52,15 @@ bool Putenv(const char* name, const char* value)
 {
     return name != nullptr && value != nullptr && *name != '\0' && std::strchr(name, '=') == nullptr &&
            setenv(name, value, 1) == 0;
+}
+
+unsigned long Error_GetLast()
+{
+    return static_cast<unsigned long>(errno);
+}
+
+std::string Error_GetText(unsigned long number)
+{
+    char buffer[256] = "";
+    return strerror_r(static_cast<int>(number), buffer, sizeof buffer);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include <qel/base/baseexport.h>
 
 /// The machine and the operating system that this library was built for, such as "x86_64" and "linux".
@@ -16,3 +18,8 @@ BASE_API int System(const char* command);
 /// name that is empty or holds "=", and when memory runs out. Not to be called while another thread reads the
 /// environment.
 BASE_API bool Putenv(const char* name, const char* value);
+
+/// The number of the calling thread's last failure in this layer, as the host counts them, and the host's
+/// text for a number.
+BASE_API unsigned long Error_GetLast();
+BASE_API std::string Error_GetText(unsigned long number);

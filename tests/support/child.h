@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cerrno>
 #include <csignal>
 #include <unistd.h>
 
@@ -39,8 +40,11 @@ public:
         int status = 0;
         const pid_t child = id;
         id = -1;
-        if (child < 0 || waitpid(child, &status, 0) != child)
+        if (child < 0)
             return -1000;
+        while (waitpid(child, &status, 0) != child)
+            if (errno != EINTR)
+                return -1000;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
 

@@ -1,0 +1,288 @@
+#include <qel/base/btkprocess.h>
+
+#include "btkpoll_p.h"
+#include "btkspawn_p.h"
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <fcntl.h>
+#include <memory>
+#include <mutex>
+#include <unistd.h>
+#include <vector>
+
+#include <qel/base/btkcmdline.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+struct btkProcess
+{
+    btkFd descriptor; // the host's own handle of the process, which no later process can get
+    pid_t id = -1;
+    bool isChild = false;
+    bool leadsGroup = false;
+    bool isReaped = false; // its exit code has been taken: the id may be another's now
+};
+
+namespace {
+
+// The C library declares these on later systems only.
+int OpenProcess(pid_t id)
+{
+    return static_cast<int>(syscall(SYS_pidfd_open, id, 0));
+}
+
+int SignalProcess(btkHandle process, int number)
+{
+    return static_cast<int>(syscall(SYS_pidfd_send_signal, process, number, nullptr, 0));
+}
+
+constexpr idtype_t byDescriptor = static_cast<idtype_t>(3); // P_PIDFD
+
+// Takes the exit code of a child: 1; 0 when it runs still, -1 when that fails.
+int Reap(btkHandle process, bool wait, long& exitCode)
+{
+    siginfo_t ended = {};
+    int answer;
+    do
+        answer = waitid(byDescriptor, static_cast<id_t>(process), &ended, WEXITED | (wait ? 0 : WNOHANG));
+    while (answer < 0 && errno == EINTR);
+    if (answer < 0)
+        return -1;
+    if (ended.si_pid == 0)
+        return 0;
+    exitCode = ended.si_code == CLD_EXITED ? ended.si_status : 128 + ended.si_status;
+    return 1;
+}
+
+// Children that were freed while they ran, until they end.
+class Abandoned
+{
+public:
+    void Add(btkFd process)
+    {
+        const std::lock_guard guard(mutex);
+        running.push_back(std::move(process));
+    }
+    // Reaps those that have ended. Keeps errno.
+    void Sweep()
+    {
+        const std::lock_guard guard(mutex);
+        const int kept = errno;
+        std::erase_if(running, [](const btkFd& process) {
+            long exitCode;
+            return Reap(process.Get(), false, exitCode) != 0;
+        });
+        errno = kept;
+    }
+
+    static Abandoned& Get()
+    {
+        static auto* const all =
+            new Abandoned; // never freed: processes are freed by destructors at the end, too
+        return *all;
+    }
+
+private:
+    std::mutex mutex;
+    std::vector<btkFd> running;
+};
+
+class FileActions
+{
+public:
+    FileActions() { posix_spawn_file_actions_init(&actions); }
+    ~FileActions() { posix_spawn_file_actions_destroy(&actions); }
+    FileActions(const FileActions&) = delete;
+    FileActions& operator=(const FileActions&) = delete;
+
+    // Each answers whether it worked; the reason is in errno.
+    bool ChangeDirectory(const char* path)
+    {
+        return Check(posix_spawn_file_actions_addchdir_np(&actions, path));
+    }
+    bool Place(btkHandle handle, int standard)
+    {
+        return Check(posix_spawn_file_actions_adddup2(&actions, handle, standard));
+    }
+    bool CloseOthers()
+    {
+        return Check(posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1));
+    }
+    const posix_spawn_file_actions_t* Get() const { return &actions; }
+
+private:
+    static bool Check(int error)
+    {
+        if (error != 0)
+            errno = error;
+        return error == 0;
+    }
+
+    posix_spawn_file_actions_t actions;
+};
+
+// Places the three handles in the child. Those that have a standard number already are duplicated first, lest
+// one takes the place of another.
+bool PlaceStreams(FileActions& actions, const btkHandle (&handles)[3], btkFd (&duplicates)[3])
+{
+    for (int standard = 0; standard < 3; ++standard) {
+        btkHandle handle = handles[standard];
+        if (handle < 0)
+            continue;
+        if (handle <= STDERR_FILENO) {
+            duplicates[standard].Reset(fcntl(handle, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+            handle = duplicates[standard].Get();
+        }
+        if (handle < 0 || !actions.Place(handle, standard))
+            return false;
+    }
+    return actions.CloseOthers();
+}
+
+pid_t Spawn(const std::vector<std::string>& words, const char* workDir, const btkHandle (&handles)[3],
+            bool leadsGroup)
+{
+    std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
+    for (const std::string& word : words)
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    arguments.push_back(nullptr);
+
+    btkSpawnAttributes attributes;
+    if (leadsGroup)
+        attributes.LeadGroup();
+    FileActions actions;
+    btkFd duplicates[3];
+    if (!PlaceStreams(actions, handles, duplicates))
+        return -1;
+    if (workDir != nullptr && *workDir != '\0' && !actions.ChangeDirectory(workDir))
+        return -1;
+
+    pid_t child;
+    const int error =
+        posix_spawnp(&child, arguments[0], actions.Get(), attributes.Get(), arguments.data(), environ);
+    if (error == 0)
+        return child;
+    errno = error;
+    return -1;
+}
+
+// To the whole group of one that leads it: the id of a group can not become another's while its leader is not
+// reaped.
+void Send(const btkProcess* process, int number)
+{
+    if (process->isReaped)
+        return;
+    if (!process->leadsGroup || kill(-process->id, number) != 0)
+        SignalProcess(process->descriptor.Get(), number);
+}
+
+} // namespace
+
+bool Process_Launch(btkProcess** process, unsigned long* id, const char* command, const char* workDir,
+                    btkHandle in, btkHandle out, btkHandle err, unsigned flags)
+{
+    Abandoned::Get().Sweep();
+    std::vector<std::string> words;
+    if (!btkSplitCommandLine(command, words)) {
+        errno = EINVAL;
+        return false;
+    }
+    if (words.empty()) {
+        errno = ENOENT;
+        return false;
+    }
+
+    auto made = std::make_unique<btkProcess>();
+    made->isChild = true;
+    made->leadsGroup = (flags & btkLaunchGroup) != 0;
+    made->id = Spawn(words, workDir, {in, out, err}, made->leadsGroup);
+    if (made->id < 0)
+        return false;
+    made->descriptor.Reset(OpenProcess(made->id));
+    if (!made->descriptor && errno != ESRCH) {
+        // No descriptor is left to watch it by: it must not run unseen.
+        const int kept = errno;
+        kill(made->leadsGroup ? -made->id : made->id, SIGKILL);
+        while (waitpid(made->id, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        errno = kept;
+        return false;
+    }
+    // ESRCH: where the program ignores the ends of its children, they are reaped by themselves.
+    made->isReaped = !made->descriptor;
+    *id = static_cast<unsigned long>(made->id);
+    *process = made.release();
+    return true;
+}
+
+bool Process_Open(btkProcess** process, unsigned long id)
+{
+    Abandoned::Get().Sweep();
+    auto made = std::make_unique<btkProcess>();
+    if (id == 0 || id > INT_MAX) {
+        errno = ESRCH;
+        return false;
+    }
+    made->id = static_cast<pid_t>(id);
+    made->descriptor.Reset(OpenProcess(made->id));
+    if (!made->descriptor) {
+        if (errno == EINVAL) // the id of a thread
+            errno = ESRCH;
+        return false;
+    }
+    *process = made.release();
+    return true;
+}
+
+bool Process_CanWait(const btkProcess* process)
+{
+    return process->isChild;
+}
+
+bool Process_Wait(btkProcess* process, long* exitCode, bool wait, bool release)
+{
+    Abandoned::Get().Sweep();
+    if (!process->isChild || process->isReaped) {
+        errno = ECHILD;
+        return false;
+    }
+    const int answer = Reap(process->descriptor.Get(), wait, *exitCode);
+    if (answer == 0)
+        errno = EAGAIN;
+    process->isReaped = answer != 0;
+    if (answer > 0 && release)
+        Process_Free(process);
+    return answer > 0;
+}
+
+bool Process_CheckRunning(const btkProcess* process)
+{
+    return process->descriptor && !process->isReaped && !btkIsReadable(process->descriptor.Get());
+}
+
+void Process_Interrupt(const btkProcess* process)
+{
+    Send(process, SIGINT);
+}
+
+void Process_Kill(const btkProcess* process)
+{
+    Send(process, SIGKILL);
+}
+
+void Process_Free(btkProcess* process)
+{
+    long exitCode;
+    if (process->isChild && !process->isReaped && Reap(process->descriptor.Get(), false, exitCode) == 0)
+        Abandoned::Get().Add(std::move(process->descriptor));
+    delete process;
+    Abandoned::Get().Sweep();
+}
+
+btkHandle Process_GetExitHandle(const btkProcess* process)
+{
+    return process->descriptor.Get();
+}
