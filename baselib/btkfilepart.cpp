@@ -13,9 +13,10 @@ namespace {
 // What a pipe surely takes at once.
 constexpr std::size_t greatestWhole = 4096;
 
+// Whether the bytes may lie in two pages: no host has smaller ones.
 bool CrossesPage(long long position, std::size_t size)
 {
-    const long long page = sysconf(_SC_PAGESIZE);
+    constexpr long long page = 4096;
     return size > 0 && position / page != (position + static_cast<long long>(size) - 1) / page;
 }
 

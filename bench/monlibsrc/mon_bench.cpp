@@ -86,7 +86,7 @@ void loadReal(benchmark::State& state)
 // A real that lies across the end of a page is locked while it is used.
 monRealParam* AddLocked(const Published& file)
 {
-    file->String("filler", 4096 - 13 - 26 - 18 - 4);
+    file->String("filler", 4096 - 4 - 13 - 26 - 14);
     return file->Real("rl");
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <optional>
 
 #include "monlock_p.h"
 #include "qelexception.h"
@@ -97,7 +98,7 @@ template<>
 struct monFile::Kind<monBoolParam>
 {
     static constexpr int type = boolRecord;
-    static constexpr auto load = &monFile::LoadBool;
+    using Value = unsigned char;
     static constexpr auto store = &monFile::StoreBool;
 };
 
@@ -105,7 +106,7 @@ template<>
 struct monFile::Kind<monIntParam>
 {
     static constexpr int type = intRecord;
-    static constexpr auto load = &monFile::LoadInt;
+    using Value = int;
     static constexpr auto store = &monFile::StoreInt;
 };
 
@@ -113,7 +114,7 @@ template<>
 struct monFile::Kind<monRealParam>
 {
     static constexpr int type = realRecord;
-    static constexpr auto load = &monFile::LoadReal;
+    using Value = double;
     static constexpr auto store = &monFile::StoreReal;
 };
 
@@ -127,12 +128,46 @@ struct monFile::Kind<monStringParam>
 
 namespace {
 
+// The word that a number is in a file, before it is put in network order.
+template<class Value>
+using WordOf = std::conditional_t<std::is_same_v<Value, double>, std::uint64_t, std::uint32_t>;
+
+// To network order, and back.
+template<class Word>
+Word Ordered(Word word)
+{
+    if constexpr (std::endian::native == std::endian::big)
+        return word;
+    else if constexpr (sizeof(Word) == 4)
+        return __builtin_bswap32(word);
+    else
+        return __builtin_bswap64(word);
+}
+
+template<class Value>
+WordOf<Value> Encode(Value value)
+{
+    if constexpr (sizeof(Value) == 1)
+        return Ordered(std::uint32_t{value});
+    else
+        return Ordered(std::bit_cast<WordOf<Value>>(value));
+}
+
+template<class Value>
+Value Decode(WordOf<Value> word)
+{
+    if constexpr (sizeof(Value) == 1)
+        return static_cast<Value>(Ordered(word) & 0xFF);
+    else
+        return std::bit_cast<Value>(Ordered(word));
+}
+
 // Whether two readings found the same; a real that is not a number is the same as itself.
 template<class Value>
 bool IsSame(const Value& a, const Value& b)
 {
     if constexpr (std::is_same_v<Value, double>)
-        return std::bit_cast<std::uint64_t>(a) == std::bit_cast<std::uint64_t>(b);
+        return Encode(a) == Encode(b);
     else
         return a == b;
 }
@@ -149,28 +184,32 @@ bool IsImpossible(const Value& value)
 
 } // namespace
 
-// Reads the value of `size` bytes at `position` by `load`.
+// What a failure leaves behind in the stream is forgotten, so that the file can still be used.
+template<class Transfer>
+void monFile::Attempt(Transfer transfer)
+{
+    try {
+        transfer();
+    } catch (...) {
+        if (stream->getIsOpen()) {
+            stream->fileBuf->DropPending();
+            stream->setIsBad(0);
+        }
+        throw;
+    }
+}
+
+// Reads the value of `size` bytes at `start` by `load`, under its lock.
 template<class Load>
-auto monFile::LoadAt(std::fpos<int> position, int size, bool guarded, Load load)
+auto monFile::LoadLocked(int start, int size, Load load)
 {
     constexpr int attempts = 10;
-    constexpr int readAtOnce = 4096;
-    const int start = OffsetOf(position);
-    const auto read = [&] {
-        Seek(start);
-        stream->fileBuf->ExpectRead(static_cast<std::size_t>(std::min(size, readAtOnce)));
-        return load();
-    };
-    if (!guarded)
-        return read();
-
-    stream->CheckOpen();
     decltype(load()) value{};
     bool wasQuiet = false;
     for (int left = attempts;; --left) {
         const bool waitedInVain = !isPatient;
         const monReadLock lock(stream->fileBuf->GetHandle(), start, size, isPatient);
-        const auto before = std::exchange(value, read());
+        const auto before = std::exchange(value, load());
         bool isGood = lock.IsSure();
         if (!isGood) {
             const bool isQuiet = lock.IsQuiet();
@@ -182,53 +221,59 @@ auto monFile::LoadAt(std::fpos<int> position, int size, bool guarded, Load load)
     }
 }
 
-// What could not be written is forgotten, so that the file can still be used.
-template<class Write>
-void monFile::Attempt(Write write)
-{
-    try {
-        write();
-    } catch (...) {
-        if (stream->getIsOpen()) {
-            stream->fileBuf->DropPending();
-            stream->setIsBad(0);
-        }
-        throw;
-    }
-}
-
-template<class Store>
-void monFile::StoreAt(std::fpos<int> position, int size, bool guarded, Store store)
-{
-    const int start = OffsetOf(position);
-    const auto write = [&] {
-        Seek(start);
-        store();
-    };
-    if (!guarded) {
-        Attempt(write);
-        return;
-    }
-    stream->CheckOpen();
-    const monWriteLock lock(stream->fileBuf->GetHandle(), start, size);
-    Attempt(write);
-}
+// Numbers go straight to and from their place: one call of the host each.
 
 template<class Param>
 auto monFile::Get(std::fpos<int> position)
 {
-    constexpr int size = FixedSize(Kind<Param>::type);
-    return LoadAt(position, size, monIsSplit(OffsetOf(position), size),
-                  [this] { return (this->*Kind<Param>::load)(); });
+    using Value = typename Kind<Param>::Value;
+    using Word = WordOf<Value>;
+    const int start = OffsetOf(position);
+    stream->CheckOpen();
+    const auto load = [&] {
+        Word word;
+        const std::ptrdiff_t count = btkReadAt(stream->fileBuf->GetHandle(), &word, sizeof word, start);
+        if (count != sizeof word)
+            Attempt([&] { stream->ThrowState(count < 0 ? ioFileStream::stateBad : ioFileStream::stateEof); });
+        return Decode<Value>(word);
+    };
+    return monIsSplit(start, sizeof(Word)) ? LoadLocked(start, sizeof(Word), load) : load();
 }
 
 template<class Param, class Value>
 Value monFile::Set(std::fpos<int> position, Value value)
 {
-    constexpr int size = FixedSize(Kind<Param>::type);
-    StoreAt(position, size, monIsSplit(OffsetOf(position), size),
-            [&] { (this->*Kind<Param>::store)(value); });
+    const auto word = Encode(value);
+    const int start = OffsetOf(position);
+    stream->CheckOpen();
+    const btkHandle handle = stream->fileBuf->GetHandle();
+    std::optional<monWriteLock> lock;
+    if (monIsSplit(start, sizeof word))
+        lock.emplace(handle, start, static_cast<int>(sizeof word));
+    if (btkWriteWholeAt(handle, &word, sizeof word, start) != sizeof word)
+        Attempt([&] { stream->ThrowState(ioFileStream::stateBad); });
     return value;
+}
+
+xstring monFile::GetText(int start, int capacity)
+{
+    constexpr int readAtOnce = 4096;
+    stream->CheckOpen();
+    return LoadLocked(start, wordSize + capacity, [&] {
+        Seek(start);
+        stream->fileBuf->ExpectRead(static_cast<std::size_t>(std::min(wordSize + capacity, readAtOnce)));
+        return LoadStringA(capacity);
+    });
+}
+
+void monFile::SetText(int start, int capacity, const char* text)
+{
+    stream->CheckOpen();
+    const monWriteLock lock(stream->fileBuf->GetHandle(), start, wordSize + capacity);
+    Attempt([&] {
+        Seek(start);
+        StoreString(text);
+    });
 }
 
 monParam::monParam(monFile& owner, const char* called, std::fpos<int> at)
@@ -296,8 +341,7 @@ monStringParam::monStringParam(monFile& owner, xstring called, std::fpos<int> at
 
 xstring monStringParam::getValue()
 {
-    const xstring value =
-        file->LoadAt(position, wordSize + capacity, true, [this] { return file->LoadStringA(capacity); });
+    const xstring value = file->GetText(OffsetOf(position), capacity);
     if (value == nullptr)
         ThrowWeird();
     return value;
@@ -307,7 +351,7 @@ xstring monStringParam::setValue(const char* v)
 {
     if (qelIsObject(v) && std::strlen(v) > static_cast<std::size_t>(capacity))
         qelXNativeException::Throw("monStringParam::setValue: Value too long");
-    file->StoreAt(position, wordSize + capacity, true, [&] { file->StoreString(v); });
+    file->SetText(OffsetOf(position), capacity, v);
     return v;
 }
 
@@ -590,25 +634,26 @@ bool monFile::ReadRecord(long long end)
         return false;
 
     const int valueAt = static_cast<int>(position);
-    if (type != stringRecord) {
-        ReadPast(FixedSize(type));
-    } else if (!LoadFixedString(capacity)) {
-        // The length may have been rewritten just now.
-        if (LoadAt(valueAt, wordSize + capacity, true, [&] { return LoadStringA(capacity); }) == nullptr)
-            ThrowWeird();
-        Seek(static_cast<int>(next));
-    }
     switch (type) {
     case boolRecord:
+        LoadBool();
         Enter<monBoolParam>(name, valueAt);
         break;
     case intRecord:
+        LoadInt();
         Enter<monIntParam>(name, valueAt);
         break;
     case realRecord:
+        LoadReal();
         Enter<monRealParam>(name, valueAt);
         break;
     default:
+        if (!LoadFixedString(capacity)) {
+            // The length may have been rewritten just now.
+            if (GetText(valueAt, capacity) == nullptr)
+                ThrowWeird();
+            Seek(static_cast<int>(next));
+        }
         Enter<monStringParam>(name, valueAt, capacity);
     }
     readUpTo = static_cast<int>(next);

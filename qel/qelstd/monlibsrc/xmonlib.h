@@ -198,12 +198,12 @@ private:
     auto Get(std::fpos<int> position);
     template<class Param, class Value>
     Value Set(std::fpos<int> position, Value value);
+    xstring GetText(int start, int capacity); // null: the file says that it is longer than it can be
+    void SetText(int start, int capacity, const char* text);
     template<class Load>
-    auto LoadAt(std::fpos<int> position, int size, bool guarded, Load load);
-    template<class Store>
-    void StoreAt(std::fpos<int> position, int size, bool guarded, Store store);
-    template<class Write>
-    void Attempt(Write write);
+    auto LoadLocked(int start, int size, Load load);
+    template<class Transfer>
+    void Attempt(Transfer transfer);
 
     void UpdateCache();
     void ReadRecords(long long end);
