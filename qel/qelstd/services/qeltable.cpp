@@ -136,6 +136,8 @@ void* qelDowncast(qelClass& cls, void* self, xobject* object, const xrttiobject*
 {
     if (!qelIsObject(wanted))
         return nullptr;
+    if (cls.built == wanted)
+        return self;
     if (qelDescriptorOf(cls)->xrtti::isSameAs(wanted))
         return self;
     for (const qelParent& parent : cls.parents)

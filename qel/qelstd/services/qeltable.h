@@ -204,10 +204,9 @@ qelReading<T>::qelReading(xobject* owner) : object(nullptr), held(nullptr)
     if (!qelIsObject(owner))
         qelThrowNotLive();
     object = qelCast<T>(owner);
-    if (T::getClassRtti()->getIsRefCount()) {
+    xrcattach(owner);
+    if (xrcgetcount(owner) > 0)
         held = owner;
-        xrcattach(held);
-    }
 }
 
 /// `Get` and `Set` are types of lambdas without a capture, so a row needs nothing but functions.

@@ -140,17 +140,20 @@ public:
     __xany_c getxany_c() const;
 
 private:
-    void setPlain(int tag, int v)
+    // The first word of a plain value is written whole and in one step: copies read it whole, and a word that
+    // is read soon after its parts were written makes the processor wait.
+    template<class V>
+    void setPlain(int tag, V v)
     {
+        double word = 0;
+        __builtin_memcpy(&word, &v, sizeof v);
         value.tag = tag;
-        value.u.realValue = 0; // copies may read the first word whatever the kind
-        value.u.intValue = v;
+        value.u.realValue = word;
     }
     void setInt(int v) { setPlain(v == xnullint ? xanyNull : v == xuninitint ? xanyUninit : xanyInt, v); }
     void setBool(unsigned char v)
     {
-        setPlain(v == xnullbool ? xanyNull : v == xuninitbool ? xanyUninit : xanyBool, 0);
-        value.u.boolValue = v;
+        setPlain(v == xnullbool ? xanyNull : v == xuninitbool ? xanyUninit : xanyBool, v);
     }
     void setReal(double v)
     {
