@@ -5,10 +5,16 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <iomanip>
 #include <iostream>
+#include <limits>
+#include <locale>
+#include <random>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "services/testtypes.h"
 #include "support/tempdir.h"
@@ -78,10 +84,46 @@ TEST(qelPrint, WritesSimpleValues)
 
 TEST(qelPrint, LeavesTheFormatOfRealsToTheStream)
 {
-    std::ostringstream os;
-    os << std::fixed << std::setprecision(1) << std::hex;
-    qelPrint(new Pair(0.25, 255), os, -1);
-    EXPECT_EQ(os.str(), "test::Pair { Left : 0.2 Right : 255 }");
+    class Comma final : public std::numpunct<char>
+    {
+        char do_decimal_point() const override { return ','; }
+    };
+    std::ostringstream fixed, upper, wide, comma, plain;
+    fixed << std::fixed << std::setprecision(1) << std::hex;
+    upper << std::uppercase << std::showpos;
+    wide.width(12);
+    comma.imbue(std::locale(std::locale::classic(), new Comma));
+
+    std::mt19937_64 random(1);
+    std::vector<double> reals = {0.0,
+                                 -0.0,
+                                 0.1,
+                                 1e-5,
+                                 123456.0,
+                                 1234567.0,
+                                 999999.5,
+                                 1e21,
+                                 5e-324,
+                                 1e308,
+                                 std::numeric_limits<double>::infinity(),
+                                 -std::numeric_limits<double>::infinity(),
+                                 std::numeric_limits<double>::quiet_NaN()};
+    for (int i = 0; i < 2000; ++i)
+        reals.push_back(std::bit_cast<double>(random()));
+    for (const double real : reals)
+        for (std::ostringstream* stream : {&fixed, &upper, &wide, &comma, &plain}) {
+            std::ostringstream wanted;
+            wanted.copyfmt(*stream);
+            wanted << real;
+            stream->str("");
+            qelPrint(real, *stream, 2);
+            ASSERT_EQ(stream->str(), wanted.str());
+        }
+
+    std::ostringstream integers;
+    integers << std::hex << std::showbase;
+    qelPrint(new Pair(0.25, 255), integers, -1);
+    EXPECT_EQ(integers.str(), "test::Pair { Left : 0.25 Right : 255 }");
 }
 
 TEST(qelPrint, WritesAnUninitValueOnlyWhenAskedTo)
@@ -193,6 +235,10 @@ TEST(qelPrint, WritesWhatCannotBeReadInline)
     ring->left = xany(ring);
     EXPECT_EQ(printed(ring, -1), "test::Pair { Left : <printed> Right :  }");
     ring->left = xany();
+
+    const unsigned short unpaired[] = {'a', 0xD800, 0};
+    EXPECT_EQ(printed(new Pair(xany(xstring(unpaired)), "b"), -1),
+              "test::Pair { Left : <ERROR: QEL exception> Right : \"b\" }");
 }
 
 TEST(qelPrint, FlushesEachLineAndWritesLongTextsWhole)
@@ -208,13 +254,38 @@ TEST(qelPrint, FlushesEachLineAndWritesLongTextsWhole)
     EXPECT_EQ(printed(new Table{{text.c_str(), 1}}, -1), "test::Table { \"" + text + "\" : 1 }");
 }
 
-TEST(qelPrint, IsSilentOnAStreamThatFails)
+TEST(qelPrint, TreatsFailuresAsOtherOutputDoes)
 {
-    FlushedBuffer buffer(20);
-    std::ostream os(&buffer);
-    qelPrint(new Pair(1, 2), os, 1);
-    EXPECT_TRUE(os.bad());
-    EXPECT_EQ(buffer.str(), "test::Pair\n{\n");
+    FlushedBuffer small(20);
+    std::ostream full(&small);
+    qelPrint(new Pair(1, 2), full, 1);
+    EXPECT_TRUE(full.bad());
+    EXPECT_EQ(small.str(), "test::Pair\n{\n");
+
+    class Throwing final : public std::streambuf
+    {
+        std::streamsize xsputn(const char*, std::streamsize) override { throw std::runtime_error("device"); }
+    } broken;
+    std::ostream silent(&broken);
+    qelPrint(new Pair(1, 2), silent, 1);
+    EXPECT_TRUE(silent.bad());
+
+    std::ostream loud(&broken);
+    loud.exceptions(std::ios::badbit);
+    EXPECT_THROW(qelPrint(new Pair(1, 2), loud, 1), std::runtime_error);
+    EXPECT_EQ(Pair::alive(), 0);
+}
+
+TEST(qelPrint, FlushesWhatItsStreamIsTiedTo)
+{
+    FlushedBuffer first, second;
+    std::ostream prompt(&first), os(&second);
+    prompt << "?";
+    os.tie(&prompt);
+    os << std::unitbuf;
+    qelPrint(xany(1), os, 2);
+    EXPECT_EQ(first.flushed, "1 ");
+    EXPECT_EQ(second.flushed, "1 ");
 }
 
 TEST(qelPrint, LetsASubclassWriteBetweenItsOwnTexts)

@@ -1,9 +1,12 @@
 #include "qelprint.h"
 
 #include <charconv>
+#include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <locale>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -17,14 +20,15 @@
 class qelPrintTraverser::Text
 {
 public:
-    explicit Text(std::ostream& to) : os(to) {}
+    explicit Text(std::ostream& to) : os(to), state(to) {}
 
     bool byLines = false;
 
     Text& operator<<(char c)
     {
-        room(1)[0] = c;
-        ++used;
+        char* const at = room(1);
+        *at = c;
+        end = at + 1;
         return *this;
     }
     Text& operator<<(std::string_view s)
@@ -33,8 +37,9 @@ public:
             write();
             os.write(s.data(), static_cast<std::streamsize>(s.size()));
         } else {
-            std::memcpy(room(s.size()), s.data(), s.size());
-            used += s.size();
+            char* const at = room(s.size());
+            std::memcpy(at, s.data(), s.size());
+            end = at + s.size();
         }
         return *this;
     }
@@ -46,33 +51,52 @@ public:
     Text& operator<<(int number)
     {
         char* const at = room(12);
-        used += static_cast<std::size_t>(std::to_chars(at, at + 12, number).ptr - at);
+        end = std::to_chars(at, at + 12, number).ptr;
         return *this;
     }
+    /// As the stream formats it.
     Text& operator<<(double number)
     {
-        write();
-        os << number;
-        return *this;
-    }
-    /// The name of a type; that of an anonymous one is made of its parents' names.
-    Text& operator<<(xrttiobject* type)
-    {
-        const xstring name = type->getName();
-        if (name != nullptr && name != "")
-            return *this << name;
-        for (int i = type->getNParents() - 1; i >= 0; --i)
-            *this << type->getParent(i) << ' ';
-        return *this;
-    }
-    Text& blanks(int count)
-    {
-        while (count > 0) {
-            const int some = count < 64 ? count : 64;
-            std::memset(room(64), ' ', static_cast<std::size_t>(some));
-            used += static_cast<std::size_t>(some);
-            count -= some;
+        if (formatsPlainly()) {
+            char* const at = room(32);
+            end = std::to_chars(at, at + 32, number, std::chars_format::general, 6).ptr;
+        } else {
+            write();
+            os << number;
         }
+        return *this;
+    }
+    /// Ends the line, as std::endl does, and indents the next one.
+    void newLine(int indent)
+    {
+        *this << '\n';
+        handOn(true);
+        constexpr int most = 64;
+        for (; indent > 0; indent -= most) {
+            char* const at = room(most);
+            std::memset(at, ' ', most); // of a size that is known: no call
+            end = at + (indent < most ? indent : most);
+        }
+    }
+
+    /// The name of a type; that of an anonymous one is made of its parents' names.
+    Text& typeName(xrttiobject* type)
+    {
+        if (!known(type, 0, "", [=] { return type->getName(); }))
+            for (int i = type->getNParents() - 1; i >= 0; --i)
+                typeName(type->getParent(i)) << ' ';
+        return *this;
+    }
+    Text& attrName(xrttiattr* attr)
+    {
+        if (!known(attr, 0, " : ", [=] { return attr->getName(); }))
+            *this << attr->getName() << " : ";
+        return *this;
+    }
+    Text& label(xrttienum* type, int value)
+    {
+        if (!known(type, value, "", [=] { return type->mapIntToString(value); }))
+            *this << type->mapIntToString(value);
         return *this;
     }
 
@@ -85,28 +109,97 @@ public:
     /// Hands on what there is.
     void write()
     {
-        if (used == 0)
-            return;
-        os.write(block, static_cast<std::streamsize>(used));
-        used = 0;
-    }
-    void flush()
-    {
-        write();
-        os.flush();
+        if (end != block)
+            handOn(false);
     }
 
 private:
-    char* room(std::size_t size)
+    /// Writes the name that `ask` answers, and `after`. Short names are kept, since most are written many
+    /// times. False, with nothing written, when there is no name.
+    template<class Ask>
+    bool known(const void* owner, int value, std::string_view after, Ask ask)
     {
-        if (size > sizeof block - used)
-            write();
-        return block + used;
+        const std::uint64_t mixed =
+            (reinterpret_cast<std::uintptr_t>(owner) + static_cast<unsigned>(value)) * 0x9E3779B97F4A7C15u;
+        Name& name = names[mixed >> 58];
+        if (name.owner != owner || name.value != value) {
+            const xstring text = ask();
+            if (text == nullptr || text == "")
+                return false;
+            const std::string_view view(text.CastToCString());
+            name.length = view.size() + after.size();
+            if (name.length > sizeof name.text) {
+                name.owner = nullptr;
+                *this << view << after;
+                return true;
+            }
+            view.copy(name.text, view.size());
+            after.copy(name.text + view.size(), after.size());
+            name.owner = owner;
+            name.value = value;
+        }
+        char* const at = room(sizeof name.text);
+        std::memcpy(at, name.text, sizeof name.text); // of a size that is known: no call
+        end = at + name.length;
+        return true;
     }
 
+    /// Whether the stream formats reals as a new one does. They are formatted without it then, in a fraction
+    /// of the time.
+    bool formatsPlainly() const
+    {
+        constexpr auto formats = std::ios_base::floatfield | std::ios_base::showpoint |
+                                 std::ios_base::showpos | std::ios_base::uppercase;
+        return (state.flags() & formats) == 0 && state.precision() == 6 && state.width() == 0 &&
+               state.getloc() == std::locale::classic();
+    }
+
+    /// One output operation of the stream, with what the library does about failures in one.
+    void handOn(bool flushes)
+    {
+        const std::streamsize size = end - block;
+        end = block;
+        std::optional<std::ostream::sentry> sentry;
+        if (state.tie() != nullptr || (state.flags() & std::ios_base::unitbuf) != 0)
+            sentry.emplace(os); // flushes another stream before, or this one after
+        if (!state.good())
+            return;
+        bool failed = false;
+        try {
+            std::streambuf* const buffer = state.rdbuf();
+            failed = buffer->sputn(block, size) != size || (flushes && buffer->pubsync() == -1);
+        } catch (...) {
+            try {
+                state.setstate(std::ios_base::badbit);
+            } catch (const std::ios_base::failure&) {
+            }
+            if ((state.exceptions() & std::ios_base::badbit) != 0)
+                throw;
+        }
+        if (failed)
+            state.setstate(std::ios_base::badbit);
+    }
+
+    char* room(std::size_t size)
+    {
+        if (size > static_cast<std::size_t>(block + sizeof block - end))
+            write();
+        return end;
+    }
+
+    struct Name
+    {
+        const void* owner = nullptr;
+        int value = 0;
+        std::size_t length = 0;
+        char text[32] = {};
+    };
+
     std::ostream& os;
-    std::size_t used = 0;
-    char block[512];
+    std::ios& state; // of `os`: the way to a virtual base is long
+    char* end = block;
+    char block[1024];
+    Name names[64]; // by 6 bits of a hash
 };
 
 qelPrintTraverser::qelPrintTraverser(std::ostream& stream, int spaces)
@@ -127,9 +220,7 @@ void qelPrintTraverser::nextLine()
         *text << ' ';
         return;
     }
-    *text << '\n';
-    text->flush();
-    text->blanks(indent);
+    text->newLine(indent);
 }
 
 void qelPrintTraverser::shiftRight()
@@ -146,7 +237,7 @@ void qelPrintTraverser::shiftLeft()
 
 bool qelPrintTraverser::printBeginObject(xrttiobject* type, char open)
 {
-    *text << type;
+    text->typeName(type);
     nextLine();
     *text << open;
     text->done();
@@ -163,11 +254,21 @@ void qelPrintTraverser::printEndObject(char close)
 }
 
 /// What stands on a part's line in front of the value.
-template<class Label>
-bool qelPrintTraverser::printLabel(const Label& label, const char* after)
+bool qelPrintTraverser::printIndex(int index, const char* after)
 {
     nextLine();
-    *text << label << after;
+    *text << index << after;
+    text->done();
+    return true;
+}
+
+bool qelPrintTraverser::printAttr(xrttiattr* attr)
+{
+    nextLine();
+    if (attr != nullptr)
+        text->attrName(attr);
+    else
+        *text << "Unknown union attribute";
     text->done();
     return true;
 }
@@ -175,14 +276,15 @@ bool qelPrintTraverser::printLabel(const Label& label, const char* after)
 /// `content` in quotes. A wide text that has no multibyte form is reported in its place.
 void qelPrintTraverser::printQuoted(const xstring& content)
 {
+    const char* chars = nullptr;
     try {
-        content.CastToCString();
+        chars = content.CastToCString();
     } catch (xthrowable* error) {
         const qelCaught owner(error);
         errorOccured("QEL exception", error);
         return;
     }
-    *text << '"' << content << '"';
+    *text << '"' << (chars != nullptr ? chars : "nil") << '"';
 }
 
 // ---- values
@@ -216,7 +318,7 @@ void qelPrintTraverser::simpleValue(xany value)
 
 void qelPrintTraverser::enumValue(xrttienum* type, int value)
 {
-    *text << type->mapIntToString(value);
+    text->label(type, value);
     text->done();
 }
 
@@ -256,7 +358,7 @@ void qelPrintTraverser::endStructure(xrttistruct*, xrcunihandle<xobject>)
 
 bool qelPrintTraverser::beginStructAttribute(xrttistruct*, xrttiattr* attr, xrcunihandle<xobject>)
 {
-    return printLabel(attr->getName());
+    return printAttr(attr);
 }
 
 bool qelPrintTraverser::beginSequence(xrttisequence* type, xrcunihandle<xobject>)
@@ -271,7 +373,7 @@ void qelPrintTraverser::endSequence(xrttisequence*, xrcunihandle<xobject>)
 
 bool qelPrintTraverser::beginSeqElement(xrttisequence*, int index, xrcunihandle<xobject>)
 {
-    return printLabel(index);
+    return printIndex(index);
 }
 
 bool qelPrintTraverser::beginDictionary(xrttidictionary* type, xrcunihandle<xobject>)
@@ -306,7 +408,7 @@ void qelPrintTraverser::endArray(xrttiarray*, xrcunihandle<xobject>)
 bool qelPrintTraverser::beginArrayDimension(xrttiarray*, int dim, xrchandle<xintsequence> index,
                                             xrcunihandle<xobject>)
 {
-    printLabel(index->get(dim), " : [");
+    printIndex(index->get(dim), " : [");
     shiftRight();
     return true;
 }
@@ -318,7 +420,7 @@ void qelPrintTraverser::endArrayDimension(xrttiarray*, int, xrchandle<xintsequen
 
 bool qelPrintTraverser::beginArrayElement(xrttiarray*, xrchandle<xintsequence> index, xrcunihandle<xobject>)
 {
-    return printLabel(index->get(index->getarraysize() - 1));
+    return printIndex(index->get(index->getarraysize() - 1));
 }
 
 bool qelPrintTraverser::beginUnion(xrttiunion* type, xrcunihandle<xobject>)
@@ -333,17 +435,12 @@ void qelPrintTraverser::endUnion(xrttiunion*, xrcunihandle<xobject>)
 
 bool qelPrintTraverser::beginUnionDicriminator(xrttiunion*, xrttiattr* attr, xrcunihandle<xobject>)
 {
-    return printMember(attr);
+    return printAttr(attr);
 }
 
 bool qelPrintTraverser::beginUnionValue(xrttiunion*, xrttiattr* attr, xrcunihandle<xobject>)
 {
-    return printMember(attr);
-}
-
-bool qelPrintTraverser::printMember(xrttiattr* attr)
-{
-    return attr != nullptr ? printLabel(attr->getName()) : printLabel("Unknown union attribute", "");
+    return printAttr(attr);
 }
 
 // ---- functions
@@ -352,7 +449,7 @@ void qelPrint(xany value, std::ostream& stream, int spaces)
 {
     qelPrintTraverser printer(stream, spaces);
     printer.text->byLines = true;
-    qelTraverseUnseen(std::move(value), &printer);
+    qelTraverseForPrinter(std::move(value), &printer);
     printer.text->write();
 }
 

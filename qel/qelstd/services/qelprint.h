@@ -53,9 +53,8 @@ private:
     void shiftLeft();
     bool printBeginObject(xrttiobject* type, char open);
     void printEndObject(char close);
-    template<class Label>
-    bool printLabel(const Label& label, const char* after = " : ");
-    bool printMember(xrttiattr* attr);
+    bool printIndex(int index, const char* after = " : ");
+    bool printAttr(xrttiattr* attr);
     void printQuoted(const xstring& content);
 
     std::ostream& os;

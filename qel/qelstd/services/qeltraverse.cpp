@@ -173,7 +173,7 @@ struct Frame
 class Walk
 {
 public:
-    Walk(qelTraverser& to, bool withObjects) : visitor(to), showsObjects(withObjects), slots(64) {}
+    Walk(qelTraverser& to, bool printing) : visitor(to), forPrinter(printing), slots(64) {}
 
     void run(xany&& root)
     {
@@ -184,9 +184,10 @@ public:
     }
 
 private:
-    xrcunihandle<xobject> shown(xobject* object) const { return showsObjects ? object : nullptr; }
+    xrcunihandle<xobject> shown(xobject* object) const { return forPrinter ? nullptr : object; }
     bool enter(xany&& value);
     bool enterObject(xany&& value);
+    void reportEnum(const xany& value);
     void leave();
 
     bool advance(Frame& frame);
@@ -204,13 +205,12 @@ private:
     xany readAttr(Frame& frame, xrttiattr* attr);
 
     const Class& classOf(xobject* object);
-    xrttienum* enumOf(xrtti* type);
     std::size_t slotOf(const xobject* object) const;
     void remember(std::size_t slot);
     void forget(const xobject* object);
 
     qelTraverser& visitor;
-    const bool showsObjects;
+    const bool forPrinter; // see qeltraverse_p.h
     std::vector<Frame> path;
     // A hash table of the path: 0, or 1 + the position of a frame. Objects leave it in the reverse of the
     // order in which they came, so clearing a slot never breaks another object's probe chain.
@@ -223,16 +223,13 @@ private:
 
 /// Reports a value. True when it is an object that has been put on the path, to be walked before the part
 /// that holds it goes on; `path` may have moved then.
-bool Walk::enter(xany&& value)
+inline bool Walk::enter(xany&& value)
 {
     switch (value.getKind()) {
     case xanyUninit:
         return false;
     case xanyEnum:
-        if (xrttienum* const type = enumOf(value.getRtti()))
-            visitor.enumValue(type, value);
-        else
-            visitor.errorOccured("Invalid enum value", nullptr);
+        reportEnum(value);
         return false;
     case xanyObject:
         return enterObject(std::move(value));
@@ -242,7 +239,20 @@ bool Walk::enter(xany&& value)
     }
 }
 
-bool Walk::enterObject(xany&& value)
+void Walk::reportEnum(const xany& value)
+{
+    xrtti* const type = value.getRtti();
+    if (type != latestEnumRtti) {
+        latestEnumRtti = type;
+        latestEnum = qelIsObject(type) ? xrttienum::softcast(type) : nullptr;
+    }
+    if (latestEnum != nullptr)
+        visitor.enumValue(latestEnum, value);
+    else
+        visitor.errorOccured("Invalid enum value", nullptr);
+}
+
+[[gnu::noinline]] bool Walk::enterObject(xany&& value)
 {
     xobject* const object = value;
     if (!qelIsObject(object))
@@ -436,7 +446,8 @@ bool Walk::part(Frame& frame, Read read, const A&... where)
             return true;
     }
     frame.inside = false;
-    (visitor.*end)(where..., shown(frame.object));
+    if (!forPrinter)
+        (visitor.*end)(where..., shown(frame.object));
     return false;
 }
 
@@ -467,16 +478,6 @@ const Class& Walk::classOf(xobject* object)
     if (latest == nullptr || latest->view.object != type)
         latest = &classes.try_emplace(type, type).first->second;
     return *latest;
-}
-
-/// The type as an enumeration, or null.
-xrttienum* Walk::enumOf(xrtti* type)
-{
-    if (type != latestEnumRtti) {
-        latestEnumRtti = type;
-        latestEnum = qelIsObject(type) ? xrttienum::softcast(type) : nullptr;
-    }
-    return latestEnum;
 }
 
 /// Where the path's hash table has the object, or the free slot where it belongs.
@@ -510,10 +511,10 @@ void Walk::forget(const xobject* object)
 
 void qelTraverse(xany value, qelTraverser* visitor)
 {
-    Walk(*visitor, true).run(std::move(value));
+    Walk(*visitor, false).run(std::move(value));
 }
 
-void qelTraverseUnseen(xany value, qelTraverser* visitor)
+void qelTraverseForPrinter(xany value, qelTraverser* visitor)
 {
-    Walk(*visitor, false).run(std::move(value));
+    Walk(*visitor, true).run(std::move(value));
 }

@@ -2,6 +2,7 @@
 
 #include <qel/qeltraverse.h>
 
-/// qelTraverse for a visitor that does not look at the objects that own the parts: all its handles to them
-/// are null, which saves counting.
-void qelTraverseUnseen(xany value, qelTraverser* visitor);
+/// qelTraverse for a visitor that neither looks at the objects that own the parts nor does anything at the
+/// end of an attribute, an element, a discriminator or a union's member: the handles to the objects are null,
+/// and those ends are not reported. That is a third of the walk's work.
+void qelTraverseForPrinter(xany value, qelTraverser* visitor);
