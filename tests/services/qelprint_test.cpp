@@ -222,6 +222,9 @@ TEST(qelPrint, NamesAnAnonymousTypeAfterItsParents)
     Described object(&both), derived(&none);
     EXPECT_EQ(printed(&object), "B A \n{\n}");
     EXPECT_EQ(printed(&derived), "A B A  \n{\n}");
+
+    grandparents[1] = &none; // a descriptor may be its own ancestor
+    EXPECT_EQ(printed(&derived), " B A  \n{\n}");
 }
 
 TEST(qelPrint, WritesWhatCannotBeReadInline)
@@ -274,6 +277,35 @@ TEST(qelPrint, TreatsFailuresAsOtherOutputDoes)
     loud.exceptions(std::ios::badbit);
     EXPECT_THROW(qelPrint(new Pair(1, 2), loud, 1), std::runtime_error);
     EXPECT_EQ(Pair::alive(), 0);
+}
+
+TEST(qelPrint, LetsItsThreadBeCancelled)
+{
+    const auto cancelled = [](void* (*printing)(void*)) {
+        pthread_t thread;
+        void* result = nullptr;
+        EXPECT_EQ(pthread_create(&thread, nullptr, printing, nullptr), 0);
+        EXPECT_EQ(pthread_join(thread, &result), 0);
+        return result == PTHREAD_CANCELED;
+    };
+    EXPECT_TRUE(cancelled([](void*) -> void* {
+        std::ostringstream os;
+        qelPrint(new Cancelling, os, 1);
+        return nullptr;
+    }));
+    EXPECT_TRUE(cancelled([](void*) -> void* {
+        class Buffer final : public std::streambuf
+        {
+            std::streamsize xsputn(const char*, std::streamsize n) override
+            {
+                cancelThisThread();
+                return n;
+            }
+        } buffer;
+        std::ostream os(&buffer);
+        qelPrint(xany(1), os, 1);
+        return nullptr;
+    }));
 }
 
 TEST(qelPrint, FlushesWhatItsStreamIsTiedTo)

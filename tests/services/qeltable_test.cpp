@@ -238,3 +238,33 @@ TEST(Table, MakesAndRebuildsObjectsByName)
     EXPECT_EQ(qelClassOf(Diary::getClassRtti())->attrs.begin()->rebuild, nullptr);
     EXPECT_EQ(qelClassOf(qelGetRtti_object()), nullptr);
 }
+
+namespace {
+
+/// One of 60 layers, each of which has the layer below as two bases: 2^60 ways to the bottom.
+template<int n>
+struct Layer
+{
+    static qelClass table;
+    static xrttiobject* rtti() { return qelDescriptorOf(table); }
+    static void* downcast(void* object, const xrttiobject* wanted)
+    {
+        return qelDowncast(table, object, static_cast<xobject*>(object), wanted);
+    }
+    static constexpr qelParent row = {.rtti = &rtti, .downcast = &downcast};
+};
+
+template<>
+constinit qelClass Layer<0>::table = {.name = "test::Bottom"};
+template<int n>
+constinit qelClass Layer<n>::table = {.name = "test::Layer",
+                                      .parents = {Layer<n - 1>::row, Layer<n - 1>::row}};
+
+} // namespace
+
+TEST(Table, CastsInALatticeInLinearTime)
+{
+    test::Diary object;
+    EXPECT_EQ(Layer<60>::downcast(&object, Layer<0>::rtti()), &object);
+    EXPECT_EQ(Layer<60>::downcast(&object, test::Being::getClassRtti()), nullptr);
+}

@@ -7,6 +7,8 @@
 #include <qel/xany.h>
 #include <qel/xobject.h>
 
+#include <pthread.h>
+
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -252,6 +254,26 @@ public:
     int getGood() const { return 1; }
 };
 
+/// Runs the cleanup of the thread that calls it and ends it.
+inline void cancelThisThread()
+{
+    pthread_cancel(pthread_self());
+    pthread_testcancel();
+}
+
+/// The thread that reads it is cancelled.
+class Cancelling : public virtual xobject
+{
+    QEL_OBJECT(Cancelling); // "test::Cancelling", counted
+
+public:
+    int getN() const
+    {
+        cancelThisThread();
+        return 1;
+    }
+};
+
 /// A dictionary, the size, a key or a value of which cannot be read.
 class FaultyTable : public virtual xobject
 {
@@ -375,6 +397,11 @@ inline constinit qelClass Faulty::rtti = {
     .name = "test::Faulty",
     .counted = true,
     .attrs = {QEL_ATTR(Own), QEL_ATTR(Loose), QEL_ATTR(Foreign), QEL_ATTR(Number), QEL_ATTR(Good)},
+};
+inline constinit qelClass Cancelling::rtti = {
+    .name = "test::Cancelling",
+    .counted = true,
+    .attrs = {QEL_ATTR(N)},
 };
 inline constinit qelClass FaultyTable::rtti = {
     .name = "test::FaultyTable",

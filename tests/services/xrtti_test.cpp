@@ -91,6 +91,22 @@ TEST(Descriptors, KnowTheirAncestors)
     EXPECT_EQ(derived->getParent(-1), nullptr);
 }
 
+TEST(Descriptors, AskEachAncestorOnceInALattice)
+{
+    // Two classes in each of 60 layers, with both of the layer below as bases: 2^59 ways to the bottom.
+    xrttistruct* layer[] = {makeStruct("test::Bottom0", {}, {"N"}), makeStruct("test::Bottom1", {}, {})};
+    xrttistruct* const bottom = layer[1];
+    for (int i = 0; i < 60; ++i) {
+        xrttistruct* const left = makeStruct("test::Left", {layer[0], layer[1]}, {});
+        layer[1] = makeStruct("test::Right", {layer[0], layer[1]}, {});
+        layer[0] = left;
+    }
+    EXPECT_TRUE(layer[0]->isKindOf(bottom));
+    EXPECT_FALSE(layer[0]->isKindOf(makeStruct("test::Stranger", {}, {})));
+    EXPECT_NE(layer[0]->findAttr("N", 1), nullptr);
+    EXPECT_EQ(layer[0]->findAttr("M", 1), nullptr);
+}
+
 TEST(Descriptors, OfEnumerationsMapBothWays)
 {
     static const char* texts[] = {"red", "green"};

@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <cxxabi.h>
 #include <fstream>
 #include <iostream>
 #include <locale>
@@ -80,13 +81,7 @@ public:
     }
 
     /// The name of a type; that of an anonymous one is made of its parents' names.
-    Text& typeName(xrttiobject* type)
-    {
-        if (!known(type, 0, "", [=] { return type->getName(); }))
-            for (int i = type->getNParents() - 1; i >= 0; --i)
-                typeName(type->getParent(i)) << ' ';
-        return *this;
-    }
+    Text& typeName(xrttiobject* type) { return typeName(type, nullptr); }
     Text& attrName(xrttiattr* attr)
     {
         if (!known(attr, 0, " : ", [=] { return attr->getName(); }))
@@ -114,15 +109,35 @@ public:
     }
 
 private:
-    /// Writes the name that `ask` answers, and `after`. Short names are kept, since most are written many
-    /// times. False, with nothing written, when there is no name.
+    struct Nameless
+    {
+        xrttiobject* type;
+        const Nameless* before;
+    };
+
+    /// `before`: the anonymous types whose names this one's is a part of; in a ring of them it is none.
+    Text& typeName(xrttiobject* type, const Nameless* before)
+    {
+        if (known(type, 0, "", [=] { return type->getName(); }))
+            return *this;
+        for (const Nameless* part = before; part != nullptr; part = part->before)
+            if (part->type == type)
+                return *this;
+        const Nameless here = {type, before};
+        for (int i = type->getNParents() - 1; i >= 0; --i)
+            typeName(type->getParent(i), &here) << ' ';
+        return *this;
+    }
+
+    /// Writes the name that `ask` answers, and `after`. While a whole value is printed, short names are kept,
+    /// since most are written many times. False, with nothing written, when there is no name.
     template<class Ask>
     bool known(const void* owner, int value, std::string_view after, Ask ask)
     {
         const std::uint64_t mixed =
             (reinterpret_cast<std::uintptr_t>(owner) + static_cast<unsigned>(value)) * 0x9E3779B97F4A7C15u;
         Name& name = names[mixed >> 58];
-        if (name.owner != owner || name.value != value) {
+        if (!byLines || name.owner != owner || name.value != value) {
             const xstring text = ask();
             if (text == nullptr || text == "")
                 return false;
@@ -160,14 +175,16 @@ private:
         const std::streamsize size = end - block;
         end = block;
         std::optional<std::ostream::sentry> sentry;
-        if (state.tie() != nullptr || (state.flags() & std::ios_base::unitbuf) != 0)
-            sentry.emplace(os); // flushes another stream before, or this one after
+        if (!state.good() || state.tie() != nullptr || (state.flags() & std::ios_base::unitbuf) != 0)
+            sentry.emplace(os); // reports a failed stream, flushes another one before or this one after
         if (!state.good())
             return;
         bool failed = false;
         try {
             std::streambuf* const buffer = state.rdbuf();
             failed = buffer->sputn(block, size) != size || (flushes && buffer->pubsync() == -1);
+        } catch (const abi::__forced_unwind&) {
+            throw; // the thread is being cancelled
         } catch (...) {
             try {
                 state.setstate(std::ios_base::badbit);

@@ -6,6 +6,7 @@
 #include <qel/base/btkmemory.h>
 
 #include "qelexception.h"
+#include "xrttiancestors_p.h"
 
 // Descriptors live as long as the process, and so does everything that they point at.
 
@@ -140,9 +141,12 @@ void* qelDowncast(qelClass& cls, void* self, xobject* object, const xrttiobject*
         return self;
     if (qelDescriptorOf(cls)->xrtti::isSameAs(wanted))
         return self;
+    xrttiancestors ancestors([=](const xrttiobject* type) { return type->xrtti::isSameAs(wanted); });
     for (const qelParent& parent : cls.parents)
-        if (void* const found = parent.downcast(self, wanted))
-            return found;
+        // One of several bases is not entered in vain: they may share theirs, and so on.
+        if (cls.parents.size() == 1 || ancestors.answer(parent.rtti()))
+            if (void* const found = parent.downcast(self, wanted))
+                return found;
     return object->xobject::dyndowncast(wanted);
 }
 

@@ -1,5 +1,6 @@
 #include "qeltraverse.h"
 
+#include <cxxabi.h>
 #include <memory>
 #include <unordered_map>
 #include <unordered_set>
@@ -460,6 +461,8 @@ auto Walk::guarded(Read read) -> decltype(read())
     } catch (xthrowable* error) {
         const qelCaught owner(error);
         visitor.errorOccured("QEL exception", error);
+    } catch (const abi::__forced_unwind&) {
+        throw; // the thread is being cancelled
     } catch (...) {
         visitor.errorOccured("Unknown exception", nullptr);
     }

@@ -6,6 +6,7 @@
 #include "qelexception.h"
 #include "qelrtti.h"
 #include "qeltable.h"
+#include "xrttiancestors_p.h"
 #include "xrttimap_p.h"
 #include "xsequence.h"
 
@@ -141,12 +142,10 @@ unsigned char xrttiobject::isKindOf(const xrtti* other) const
 {
     if (!qelIsObject(other))
         return 0;
-    if (isSameAs(other) || other->isSameAs(qelGetRtti_any()) || other->isSameAs(qelGetRtti_object()))
+    if (other->isSameAs(qelGetRtti_any()) || other->isSameAs(qelGetRtti_object()))
         return 1;
-    for (int i = 0; i < nParents; ++i)
-        if (parents[i]->isKindOf(other))
-            return 1;
-    return 0;
+    xrttiancestors ancestors([=](const xrttiobject* type) { return type->isSameAs(other); });
+    return ancestors.answer(const_cast<xrttiobject*>(this));
 }
 
 // ---- xrttiattr, xrttistruct
@@ -196,12 +195,14 @@ xrttiattr* xrttistruct::getAttr(int i)
 
 xrttiattr* xrttistruct::findAttr(const char* attrName, unsigned char inherited)
 {
+    if (inherited) {
+        xrttiancestors ancestors(
+            [=](xrttiobject* type) { return xrttistruct::cast(type)->findAttr(attrName, 0); });
+        return ancestors.answer(this);
+    }
     for (int i = 0; i < nAttrs; ++i)
         if (attrs[i]->getName() == attrName)
             return attrs[i];
-    for (int i = 0; inherited && i < getNParents(); ++i)
-        if (xrttiattr* const found = xrttistruct::cast(getParent(i))->findAttr(attrName, inherited))
-            return found;
     return nullptr;
 }
 
@@ -390,13 +391,13 @@ xrttiattr* xrttiunion::mapLabelToAttr(xany label, unsigned char inherited)
 
 xrttiattr* xrttiunion::mapLabelToAttr(int label, unsigned char inherited)
 {
+    if (inherited) {
+        xrttiancestors ancestors(
+            [=](xrttiobject* type) { return xrttiunion::cast(type)->mapLabelToAttr(label, 0); });
+        return ancestors.answer(this);
+    }
     for (int i = 0; i < nLabels; ++i)
         if (labels[i] == label)
             return attrs[i];
-    if (defaultAttr != nullptr)
-        return defaultAttr;
-    for (int i = 0; inherited && i < getNParents(); ++i)
-        if (xrttiattr* const found = xrttiunion::cast(getParent(i))->mapLabelToAttr(label, inherited))
-            return found;
-    return nullptr;
+    return defaultAttr;
 }

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <algorithm>
+#include <unordered_set>
+
+#include "xrtti.h"
+
+/// Asks a type and its ancestors, depth first, until one answers with more than 0 or null. A base that can be
+/// reached in several ways, of which there may be very many, is asked once.
+template<class Ask>
+class xrttiancestors
+{
+public:
+    explicit xrttiancestors(Ask a) : ask(a) {}
+
+    auto answer(xrttiobject* type) -> decltype(std::declval<Ask>()(type))
+    {
+        if (auto found = ask(type))
+            return found;
+        const int count = type->getNParents();
+        for (int i = 0; i < count; ++i) {
+            xrttiobject* const parent = type->getParent(i);
+            if (!isNew(parent))
+                continue;
+            if (auto found = answer(parent))
+                return found;
+        }
+        return {};
+    }
+
+private:
+    bool isNew(const xrttiobject* type)
+    {
+        if (std::find(few, few + used, type) != few + used)
+            return false;
+        if (used == most)
+            return more.insert(type).second;
+        few[used++] = type;
+        return true;
+    }
+
+    static constexpr int most = 16;
+
+    Ask ask;
+    int used = 0;
+    const xrttiobject* few[most];
+    std::unordered_set<const xrttiobject*> more;
+};
