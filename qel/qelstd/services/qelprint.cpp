@@ -138,10 +138,10 @@ private:
             (reinterpret_cast<std::uintptr_t>(owner) + static_cast<unsigned>(value)) * 0x9E3779B97F4A7C15u;
         Name& name = names[mixed >> 58];
         if (!byLines || name.owner != owner || name.value != value) {
-            const xstring text = ask();
-            if (text == nullptr || text == "")
+            const xstring asked = ask();
+            if (asked == nullptr || asked == "")
                 return false;
-            const std::string_view view(text.CastToCString());
+            const std::string_view view(asked.CastToCString());
             name.length = view.size() + after.size();
             if (name.length > sizeof name.text) {
                 name.owner = nullptr;
