@@ -19,5 +19,6 @@ QEL_REGISTRAR(reglib);
 QEL_REGISTRAR(syslib);
 QEL_REGISTRAR(timelib);
 QEL_REGISTRAR(monlib);
+QEL_REGISTRAR(proclib);
 QEL_REGISTRAR(buildintypes);
 QEL_REGISTRAR(xrtti);

@@ -15,6 +15,7 @@ const qelRttiRegister_reglib reglib;
 const qelRttiRegister_syslib syslib;
 const qelRttiRegister_timelib timelib;
 const qelRttiRegister_monlib monlib;
+const qelRttiRegister_proclib proclib;
 const qelRttiRegister_buildintypes buildintypes;
 const qelRttiRegister_xrtti xrtti;
 

@@ -1,0 +1,140 @@
+// Starting programs and reading what they write. A process of a given size is made by touching memory.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <vector>
+
+#include <QProcess>
+#include <sys/wait.h>
+
+#include <qel/pcprocess.h>
+#include <qel/xiolib.h>
+
+namespace {
+
+struct Xdelete
+{
+    void operator()(xobject* p) const { xdelete(p); }
+};
+template<class T>
+using Owned = std::unique_ptr<T, Xdelete>;
+
+void Require(bool holds)
+{
+    if (!holds)
+        std::abort();
+}
+
+// Memory that is in use; its size in MiB is the benchmark's argument.
+class Resident
+{
+public:
+    explicit Resident(const benchmark::State& state) : size(static_cast<std::size_t>(state.range(0)) << 20)
+    {
+        if (size == 0)
+            return;
+        memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        Require(memory != MAP_FAILED);
+        std::memset(memory, 1, size);
+    }
+    ~Resident()
+    {
+        if (size > 0)
+            munmap(memory, size);
+    }
+    Resident(const Resident&) = delete;
+    Resident& operator=(const Resident&) = delete;
+
+private:
+    std::size_t size;
+    void* memory = nullptr;
+};
+
+void startOurs(benchmark::State& state)
+{
+    const Resident resident(state);
+    for (auto _ : state) {
+        const Owned<pcProcess> process(pcProcess::Create("true", nullptr, nullptr, nullptr, nullptr, 0, 0));
+        const Owned<pcEvent> end(process->ExitEvent());
+        Require(end->Wait(INFINITE) == 1 && process->GetExitCode() == 0);
+    }
+}
+
+void startSpawn(benchmark::State& state)
+{
+    const Resident resident(state);
+    for (auto _ : state) {
+        char name[] = "true";
+        char* const arguments[] = {name, nullptr};
+        pid_t child;
+        int status = 0;
+        Require(posix_spawnp(&child, name, nullptr, nullptr, arguments, environ) == 0);
+        Require(waitpid(child, &status, 0) == child && status == 0);
+    }
+}
+
+void startQt(benchmark::State& state)
+{
+    const Resident resident(state);
+    for (auto _ : state) {
+        QProcess process;
+        process.start("true", QStringList());
+        Require(process.waitForFinished(-1) && process.exitCode() == 0);
+    }
+}
+
+void Sizes(benchmark::internal::Benchmark* benchmark)
+{
+    benchmark->Arg(0)->Arg(1024)->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(0.3);
+}
+BENCHMARK(startOurs)->Name("processes/start_and_wait/qelstd")->Apply(Sizes);
+BENCHMARK(startSpawn)->Name("processes/start_and_wait/posix_spawn")->Apply(Sizes);
+BENCHMARK(startQt)->Name("processes/start_and_wait/QProcess")->Apply(Sizes);
+
+constexpr std::size_t outputSize = 1 << 30;
+constexpr const char* writer = "head -c 1073741824 /dev/zero";
+
+void readOurs(benchmark::State& state)
+{
+    std::vector<char> block(65536);
+    for (auto _ : state) {
+        const Owned<ioPipe> out(ioPipe::Create());
+        const Owned<pcProcess> process(
+            pcProcess::Create(writer, nullptr, nullptr, out->getWriteEnd(), nullptr, 0, 0));
+        std::size_t done = 0;
+        while (done < outputSize)
+            done += out->getReadEnd()->ReadBytes(block.data(), static_cast<unsigned>(block.size()));
+        const Owned<pcEvent> end(process->ExitEvent());
+        Require(end->Wait(INFINITE) == 1 && process->GetExitCode() == 0 && done == outputSize);
+    }
+}
+BENCHMARK(readOurs)
+    ->Name("processes/read_1GiB/qelstd")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(2);
+
+void readStdio(benchmark::State& state)
+{
+    std::vector<char> block(65536);
+    for (auto _ : state) {
+        FILE* const out = popen(writer, "r");
+        Require(out != nullptr);
+        std::size_t done = 0;
+        for (std::size_t count; (count = fread(block.data(), 1, block.size(), out)) > 0;)
+            done += count;
+        Require(pclose(out) == 0 && done == outputSize);
+    }
+}
+BENCHMARK(readStdio)
+    ->Name("processes/read_1GiB/popen")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(2);
+
+} // namespace

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <qel/xobject.h>
+#include <qel/xstring.h>
+
+class pcProcess;
+
+/// Labels of the numbers 0 to 8. What is thrown carries one of the numbers pcCreateCode.
+enum pcCreateError : int {
+    pcBadIn,
+    pcBadOut,
+    pcBadErr,
+    pcTooLongArgs,
+    pcFileNotFound,
+    pcCantExecute,
+    pcNoMemory,
+    pcBadWorkDir,
+    pcBadProcessId
+};
+QEL_ENUM(pcCreateError); // "proclib::CreateError"
+
+/// The numbers that pcXCreate carries.
+namespace pcCreateCode {
+inline constexpr pcCreateError system =
+    static_cast<pcCreateError>(3); ///< the host refused; getSystemError() says why
+inline constexpr pcCreateError badIn = static_cast<pcCreateError>(11); ///< no process can be given the stream
+inline constexpr pcCreateError badOut = static_cast<pcCreateError>(12);
+inline constexpr pcCreateError badErr = static_cast<pcCreateError>(13);
+} // namespace pcCreateCode
+
+/// The base of the failures with processes. Thrown as an `xthrowable*`; not counted: the catcher frees it
+/// with xdelete.
+class QEL_API pcXException : public virtual xthrowable
+{
+    QEL_OBJECT(pcXException); // "proclib::XException"
+
+public:
+    /// "Process manipulation error", unless a class says more.
+    virtual xstring getMsg();
+
+protected:
+    pcXException() = default;
+};
+
+/// A process could not be started or opened.
+class QEL_API pcXCreate : public virtual pcXException
+{
+    QEL_OBJECT(pcXCreate); // "proclib::XCreate"
+
+public:
+    explicit pcXCreate(pcCreateError error, unsigned long systemError = 0);
+    [[noreturn]] static void Throw(pcCreateError error, unsigned long systemError = 0);
+
+    pcCreateError getError() { return Error; }
+    /// The host's number of what went wrong, for the code 3.
+    unsigned long getSystemError() { return SystemError; }
+    xstring getMsg() override;
+
+private:
+    pcCreateError Error;
+    unsigned long SystemError;
+};
+
+/// A failure of one process. Not thrown by this library.
+class QEL_API pcXProcess : public virtual pcXException
+{
+    QEL_OBJECT(pcXProcess); // "proclib::XProcess"
+
+public:
+    explicit pcXProcess(pcProcess* process) : Process(process) {}
+    /// Not counted.
+    pcProcess* getProcess() { return Process; }
+
+private:
+    pcProcess* Process;
+};

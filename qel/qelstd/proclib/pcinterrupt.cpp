@@ -1,0 +1,67 @@
+#include "pcinterrupt.h"
+
+#include <atomic>
+
+#include "qeltable.h"
+#include <qel/base/thrmutex.h>
+#include <qel/platform/console.h>
+
+constinit qelClass pcInterruptEvent::rtti = {
+    .name = "proclib::InterruptEvent",
+    .parents = {QEL_PARENT(evtEvent)},
+};
+
+namespace {
+
+// What all interrupt events share. Changed under the libraries' mutex only; the console's handler reads the
+// event.
+struct
+{
+    std::atomic<btkHandle> event = -1;
+    int living = 0;
+} instance;
+
+BOOL OnConsole(DWORD type)
+{
+    if (type != CTRL_C_EVENT && type != CTRL_BREAK_EVENT)
+        return FALSE;
+    Event_Set(instance.event.load());
+    return TRUE;
+}
+
+} // namespace
+
+pcInterruptEvent::pcInterruptEvent(btkHandle event) : evtEvent(new btkEVENTEvent(event))
+{
+}
+
+pcInterruptEvent* pcInterruptEvent::Create()
+{
+    const thrLock guard(thrLibraryMutex());
+    if (instance.event < 0) {
+        instance.event = Event_Create(false);
+        if (instance.event >= 0)
+            SetConsoleCtrlHandler(&OnConsole, TRUE);
+    }
+    if (instance.event < 0)
+        return nullptr;
+    auto* const made = new (pDefMemMgr) pcInterruptEvent(instance.event);
+    ++instance.living;
+    return made;
+}
+
+void pcInterruptEvent::Reset()
+{
+    const thrLock guard(thrLibraryMutex());
+    if (instance.event >= 0)
+        Event_Reset(instance.event);
+}
+
+pcInterruptEvent::~pcInterruptEvent()
+{
+    const thrLock guard(thrLibraryMutex());
+    if (--instance.living > 0)
+        return;
+    SetConsoleCtrlHandler(&OnConsole, FALSE);
+    Event_Free(instance.event.exchange(-1));
+}

@@ -1,0 +1,183 @@
+#include "pcprocess.h"
+
+#include <string>
+
+#include "iobasestream.h"
+#include "qeltable.h"
+#include <qel/base/btkprocess.h>
+#include <qel/base/btksystem.h>
+#include <qel/base/thrthread.h>
+#include <qel/platform/environment.h>
+#include <qel/platform/pathmapping.h>
+
+QEL_LABELS(pcProcessStatus, "proclib::ProcessStatus", pcUninit, pcRunning, pcExited);
+
+constinit qelClass pcProcess::rtti = {
+    .name = "proclib::Process",
+    .attrs = {QEL_ATTR(Id)},
+};
+
+constinit qelClass pcEvent::rtti = {
+    .name = "proclib::Event",
+    .parents = {QEL_PARENT(evtEvent)},
+    .attrs = {QEL_ATTR(Process)},
+};
+
+namespace {
+
+[[noreturn]] void ThrowSystemError()
+{
+    pcXCreate::Throw(pcCreateCode::system, Error_GetLast());
+}
+
+pcProcessStatus StatusOf(const btkProcess* process)
+{
+    return Process_CheckRunning(process) ? pcRunning : pcExited;
+}
+
+// Negative numbers are no ids, and none of them becomes one.
+bool OpenById(btkProcess** process, int id)
+{
+    return Process_Open(process, id > 0 ? static_cast<unsigned long>(id) : 0);
+}
+
+} // namespace
+
+pcProcess::pcProcess(btkProcess* process, unsigned long number, bool waitable)
+    : handle(process), id(number), canWait(waitable)
+{
+}
+
+btkHandle pcProcess::GetHandle(ioStream* stream, pcCreateError code)
+{
+    if (!qelIsObject(stream))
+        return -1;
+    const btkHandle inherited = stream->GetInheritHandle();
+    if (inherited < 0)
+        pcXCreate::Throw(code);
+    return inherited;
+}
+
+pcProcess* pcProcess::Create(const char* command, const char* workDir, ioStream* in, ioStream* out,
+                             ioStream* err, unsigned char ownGroup, unsigned char detached)
+{
+    const btkHandle inHandle = GetHandle(in, pcCreateCode::badIn);
+    const btkHandle outHandle = GetHandle(out, pcCreateCode::badOut);
+    const btkHandle errHandle = GetHandle(err, pcCreateCode::badErr);
+    // A directory of no drive is looked for as it is, so that the host says what it misses.
+    std::string directory;
+    if (qelIsObject(workDir) && *workDir != '\0' && !platHostPath(workDir, directory))
+        directory = workDir;
+
+    btkProcess* handle;
+    unsigned long id;
+    const unsigned flags = (ownGroup ? btkLaunchGroup : 0u) | (detached ? btkLaunchDetached : 0u);
+    if (!Process_Launch(&handle, &id, qelIsObject(command) ? command : "", directory.c_str(), inHandle,
+                        outHandle, errHandle, flags))
+        ThrowSystemError();
+    auto* const process = new (pDefMemMgr) pcProcess(handle, id, true);
+    for (ioStream* const stream : {in, out, err})
+        if (qelIsObject(stream))
+            stream->Close();
+    return process;
+}
+
+pcProcess* pcProcess::Open(int id)
+{
+    btkProcess* handle;
+    if (!OpenById(&handle, id))
+        ThrowSystemError();
+    return new (pDefMemMgr) pcProcess(handle, static_cast<unsigned long>(id), Process_CanWait(handle));
+}
+
+pcProcess::~pcProcess()
+{
+    Close();
+}
+
+void pcProcess::Close()
+{
+    if (closed)
+        return;
+    GetExitCode();
+    if (!closed)
+        Process_Free(handle);
+    closed = true;
+}
+
+void pcProcess::Interrupt()
+{
+    if (!closed)
+        Process_Interrupt(handle);
+}
+
+void pcProcess::Terminate()
+{
+    if (closed || terminated)
+        return;
+    Process_Kill(handle);
+    terminated = true;
+}
+
+int pcProcess::GetExitCode()
+{
+    long code;
+    if (canWait && !closed && Process_Wait(handle, &code, false, true)) {
+        exitCode = static_cast<int>(code);
+        closed = true;
+    }
+    return exitCode;
+}
+
+unsigned char pcProcess::IsRunning()
+{
+    return !closed && Process_CheckRunning(handle);
+}
+
+pcProcessStatus pcProcess::GetStatus()
+{
+    return closed ? pcUninit : StatusOf(handle);
+}
+
+pcEvent* pcProcess::ExitEvent()
+{
+    if (closed || !canWait)
+        return nullptr;
+    return new (pDefMemMgr) pcEvent(this, Process_GetExitHandle(handle));
+}
+
+int pcProcess::getId()
+{
+    return static_cast<int>(id);
+}
+
+pcEvent::pcEvent(pcProcess* owner, btkHandle exit) : evtEvent(new btkPROCESSEvent(exit)), process(owner)
+{
+}
+
+pcProcessStatus pcGetProcessStatus(int id)
+{
+    btkProcess* handle;
+    if (!OpenById(&handle, id))
+        return pcUninit;
+    const pcProcessStatus status = StatusOf(handle);
+    Process_Free(handle);
+    return status;
+}
+
+xstring pcGetShellCommand()
+{
+    static constexpr struct
+    {
+        const char* variable;
+        const char* option;
+    } shells[] = {{"SHELL", " -c"}, {"COMSPEC", " /c"}};
+    for (const auto& [variable, option] : shells)
+        // With no room the size that is needed, the terminator included.
+        if (const DWORD size = GetEnvironmentVariableA(variable, nullptr, 0); size > 0) {
+            std::string value(size, '\0');
+            value.resize(GetEnvironmentVariableA(variable, value.data(), size));
+            return xstring(value.c_str(), option);
+        }
+    return nullptr;
+}

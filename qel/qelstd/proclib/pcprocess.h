@@ -1,0 +1,90 @@
+#pragma once
+
+#include <qel/evtevent.h>
+#include <qel/pcexception.h>
+#include <qel/pcinterrupt.h>
+
+class ioStream;
+class pcEvent;
+struct btkProcess;
+
+enum pcProcessStatus : int { pcUninit, pcRunning, pcExited };
+QEL_ENUM(pcProcessStatus); // "proclib::ProcessStatus"
+
+/// A process of this machine, open until Close, or until GetExitCode has taken the exit code of one that this
+/// library started. After that only its id, the exit code and the status (pcUninit) are known, and the other
+/// operations do nothing. Used by one thread at a time. Not counted: freed with xdelete, which closes it.
+class QEL_API pcProcess : public virtual xobject
+{
+    QEL_OBJECT(pcProcess); // "proclib::Process"
+
+public:
+    /// Starts the program that `command` names, found by PATH, in the directory `workDir`, in native or
+    /// remote form (null, xnullstr or empty: the caller's). The command line is split like a shell's words;
+    /// see btkcmdline.h. The streams become its standard streams and are closed here, once it runs; a null
+    /// one is the caller's own, inherited. `ownGroup`: Interrupt and Terminate reach the programs that it
+    /// starts, too, and the console's keys do not reach it. `detached` has no effect on this host.
+    /// @throws pcXCreate  3: it can not be started; 11 to 13: a stream can not be passed; the streams stay
+    /// open then
+    static pcProcess* Create(const char* command, const char* workDir, ioStream* in, ioStream* out,
+                             ioStream* err, unsigned char ownGroup, unsigned char detached);
+    /// A process that runs, or has ended and was not waited for yet. Its exit code stays with who started it.
+    /// @throws pcXCreate  3: there is none
+    static pcProcess* Open(int id);
+    ~pcProcess() override;
+    pcProcess(const pcProcess&) = delete;
+    pcProcess& operator=(const pcProcess&) = delete;
+
+    /// Takes the exit code of a process that has ended; one that runs goes on. Does not wait.
+    void Close();
+    /// Sends what the interrupt key sends.
+    void Interrupt();
+    /// Ends the process at once.
+    void Terminate();
+    /// Takes the exit code of a process that has ended: what it answered, or 128 and the signal that ended
+    /// it. xnullint while it runs, and for a process that was opened. Does not wait: see ExitEvent.
+    int GetExitCode();
+    unsigned char IsRunning();
+    pcProcessStatus GetStatus();
+    /// A new event that is signaled when the process has ended; null when it is closed or was opened by its
+    /// id. The caller owns it, and it stays signaled when the process is closed.
+    pcEvent* ExitEvent();
+    virtual int getId();
+
+protected:
+    /// Takes ownership of `process`.
+    pcProcess(btkProcess* process, unsigned long id, bool canWait);
+
+private:
+    static btkHandle GetHandle(ioStream* stream, pcCreateError code);
+
+    btkProcess* handle;
+    unsigned long id;
+    int exitCode = xnullint;
+    bool terminated = false;
+    bool canWait;
+    bool closed = false;
+};
+
+/// The end of a process.
+class QEL_API pcEvent : public evtEvent
+{
+    QEL_OBJECT(pcEvent); // "proclib::Event"
+
+public:
+    /// Not counted, and not to be used when it has been freed.
+    pcProcess* getProcess() { return process; }
+
+private:
+    friend class pcProcess;
+    pcEvent(pcProcess* owner, btkHandle exit);
+
+    pcProcess* process;
+};
+
+/// Whether the process runs, has ended and was not waited for yet, or (pcUninit) does not exist.
+QEL_API pcProcessStatus pcGetProcessStatus(int id);
+
+/// What runs a command line by the user's shell when the line, in double quotes, follows it: "$SHELL -c", or
+/// "$COMSPEC /c". Null when neither variable is set.
+QEL_API xstring pcGetShellCommand();

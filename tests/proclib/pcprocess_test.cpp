@@ -1,0 +1,176 @@
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include "iosupport.h"
+#include "support/descriptors.h"
+#include "support/environment.h"
+#include "support/interrupt.h"
+#include "support/programs.h"
+#include "support/tempdir.h"
+#include <qel/pcprocess.h>
+
+namespace {
+
+using Process = Owned<pcProcess>;
+
+Process Start(const char* command, ioStream* in = nullptr, ioStream* out = nullptr, ioStream* err = nullptr,
+              unsigned char ownGroup = 0, const char* workDir = xnullstr)
+{
+    return Process(pcProcess::Create(command, workDir, in, out, err, ownGroup, 0));
+}
+
+// "code: message" of the failure.
+template<class Work>
+std::string FailureToCreate(Work work)
+{
+    try {
+        work();
+    } catch (xthrowable* thrown) {
+        const Owned<pcXCreate> failure(pcXCreate::cast(thrown));
+        return std::to_string(failure->getError()) + ": " + TextOf(failure->getMsg());
+    }
+    return "none";
+}
+
+std::string ReadAll(ioStream& stream)
+{
+    std::string all;
+    const Owned<ioEvent> input(stream.InputEvent());
+    while (input->Wait(20.0) && stream.PeekNBytes() > 0)
+        all += RestOf(stream);
+    return all;
+}
+
+int ExitCodeOf(pcProcess& process)
+{
+    const Owned<pcEvent> end(process.ExitEvent());
+    EXPECT_EQ(end->Wait(20.0), 1);
+    EXPECT_EQ(end->getProcess(), &process);
+    return process.GetExitCode();
+}
+
+class Processes : public testing::Test
+{
+protected:
+    void TearDown() override
+    {
+        EXPECT_EQ(openDescriptors(), descriptors);
+        EXPECT_TRUE(hasNoChildren());
+    }
+
+private:
+    long descriptors = openDescriptors();
+};
+
+} // namespace
+
+TEST_F(Processes, TalkThroughTheStreamsThatTheyAreGiven)
+{
+    const Interrupter interrupter;
+    const Owned<ioPipe> in(ioPipe::Create()), out(ioPipe::Create()), err(ioPipe::Create());
+    const Process process = Start("sh -c \"tr a-z A-Z; echo end >&2; exit 7\"", in->getReadEnd(),
+                                  out->getWriteEnd(), err->getWriteEnd());
+    EXPECT_EQ(
+        in->getReadEnd()->getIsOpen() + out->getWriteEnd()->getIsOpen() + err->getWriteEnd()->getIsOpen(), 0);
+    EXPECT_GT(process->getId(), 0);
+    EXPECT_EQ(process->IsRunning(), 1);
+    EXPECT_EQ(process->GetStatus(), pcRunning);
+    EXPECT_EQ(pcGetProcessStatus(process->getId()), pcRunning);
+    EXPECT_EQ(process->GetExitCode(), xnullint);
+
+    in->getWriteEnd()->WriteBytes("text", 4);
+    in->getWriteEnd()->Close();
+    EXPECT_EQ(ReadAll(*out->getReadEnd()), "TEXT");
+    EXPECT_EQ(ReadAll(*err->getReadEnd()), "end\n");
+
+    const Owned<pcEvent> end(process->ExitEvent());
+    EXPECT_EQ(end->Wait(20.0), 1);
+    EXPECT_EQ(process->GetStatus(), pcExited);
+    EXPECT_EQ(pcGetProcessStatus(process->getId()), pcExited);
+    EXPECT_EQ(process->GetExitCode(), 7);
+
+    EXPECT_EQ(process->GetExitCode(), 7);
+    EXPECT_EQ(process->GetStatus(), pcUninit);
+    EXPECT_EQ(process->IsRunning(), 0);
+    EXPECT_EQ(process->ExitEvent(), nullptr);
+    EXPECT_EQ(end->getIsSignaled(), 1);
+    process->Interrupt();
+    process->Terminate();
+}
+
+TEST_F(Processes, StayUnstartedWhenAStreamCanNotBePassed)
+{
+    const Owned<ioStringStream> memory(ioStringStream::Create("text"));
+    const Owned<ioPipe> pipe(ioPipe::Create());
+    EXPECT_EQ(FailureToCreate([&] { Start("true", memory.get(), memory.get()); }),
+              "11: Stream can not be passed to a process created as an input stream");
+    EXPECT_EQ(FailureToCreate([&] { Start("true", pipe->getReadEnd(), memory.get(), memory.get()); }),
+              "12: Stream can not be passed to a process created as an output stream");
+    EXPECT_EQ(FailureToCreate([&] { Start("true", nullptr, pipe->getWriteEnd(), memory.get()); }),
+              "13: Stream can not be passed to a process created as an error stream");
+    EXPECT_EQ(FailureToCreate([&] { Start("no-such-program", pipe->getReadEnd()); }),
+              "3: No such file or directory");
+    EXPECT_EQ(FailureToCreate([&] { Start("true", nullptr, nullptr, nullptr, 0, "/no/such"); }),
+              "3: No such file or directory");
+    EXPECT_EQ(FailureToCreate([&] { Start(nullptr); }), "3: No such file or directory");
+    EXPECT_EQ(pipe->getReadEnd()->getIsOpen() + pipe->getWriteEnd()->getIsOpen(), 2);
+}
+
+TEST_F(Processes, StartInADirectoryInNativeForm)
+{
+    const TempDir dir;
+    dir.makeDir("a/b");
+    const EnvSetting drive("QELSTD_DRIVE_D", dir.path());
+    const Owned<ioPipe> out(ioPipe::Create());
+    const Process process = Start("pwd -P", nullptr, out->getWriteEnd(), nullptr, 0, "D:\\a\\b");
+    EXPECT_EQ(ReadAll(*out->getReadEnd()), std::filesystem::canonical(dir.path("a/b")).string() + "\n");
+    EXPECT_EQ(ExitCodeOf(*process), 0);
+}
+
+TEST_F(Processes, AreInterruptedAndTerminatedWithTheirGroup)
+{
+    for (const bool kill : {false, true}) {
+        const Owned<ioPipe> in(ioPipe::Create()), out(ioPipe::Create());
+        const Process process =
+            Start("sh -c \"cat; exit 3\"", in->getReadEnd(), out->getWriteEnd(), nullptr, 1);
+        in->getWriteEnd()->WriteByte('x');
+        EXPECT_EQ(out->getReadEnd()->ReadByte(), 'x'); // now cat runs
+        if (kill)
+            process->Terminate();
+        else
+            process->Interrupt();
+        EXPECT_EQ(ReadAll(*out->getReadEnd()), ""); // nobody of the group holds it
+        EXPECT_EQ(ExitCodeOf(*process), 128 + (kill ? SIGKILL : SIGINT));
+    }
+}
+
+TEST_F(Processes, OpenedByIdAreWatchedButNotWaitedFor)
+{
+    const Process process = Start("sleep 60");
+    const Process opened(pcProcess::Open(process->getId()));
+    EXPECT_EQ(opened->getId(), process->getId());
+    EXPECT_EQ(opened->ExitEvent(), nullptr);
+    EXPECT_EQ(opened->GetStatus(), pcRunning);
+    opened->Terminate();
+    EXPECT_EQ(ExitCodeOf(*process), 128 + SIGKILL);
+    EXPECT_EQ(opened->GetStatus(), pcExited);
+    EXPECT_EQ(opened->GetExitCode(), xnullint);
+    opened->Close();
+    EXPECT_EQ(opened->GetStatus(), pcUninit);
+
+    for (const int id : {process->getId(), 0, -1, xnullint}) {
+        EXPECT_EQ(FailureToCreate([&] { pcProcess::Open(id); }), "3: No such process");
+        EXPECT_EQ(pcGetProcessStatus(id), pcUninit);
+    }
+}
+
+TEST(pcGetShellCommand, IsWhatTheEnvironmentSays)
+{
+    const EnvSetting noShell("SHELL", nullptr), noComspec("COMSPEC", nullptr);
+    EXPECT_TRUE(pcGetShellCommand() == nullptr);
+    const EnvSetting comspec("COMSPEC", "cmd.exe");
+    EXPECT_EQ(TextOf(pcGetShellCommand()), "cmd.exe /c");
+    const EnvSetting shell("SHELL", "/bin/sh");
+    EXPECT_EQ(TextOf(pcGetShellCommand()), "/bin/sh -c");
+}
