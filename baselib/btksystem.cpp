@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -50,8 +51,12 @@ int System(const char* command)
 
 bool Putenv(const char* name, const char* value)
 {
-    return name != nullptr && value != nullptr && *name != '\0' && std::strchr(name, '=') == nullptr &&
-           setenv(name, value, 1) == 0;
+    if (name == nullptr || value == nullptr || *name == '\0' || std::strchr(name, '=') != nullptr ||
+        setenv(name, value, 1) != 0)
+        return false;
+    if (std::strcmp(name, "TZ") == 0)
+        tzset(); // the reentrant calls do not look
+    return true;
 }
 
 unsigned long Error_GetLast()

@@ -14,9 +14,9 @@ extern BASE_API const char* const ZUN_OS_TYPE;
 /// is not touched. Safe to call from any thread.
 BASE_API int System(const char* command);
 
-/// Sets `name` in the environment of the process to a copy of `value`. False, with nothing changed, for a
-/// name that is empty or holds "=", and when memory runs out. Not to be called while another thread reads the
-/// environment.
+/// Sets `name` in the environment of the process to a copy of `value`; local time follows TZ. False, with
+/// nothing changed, for a name that is empty or holds "=", and when memory runs out. Not to be called while
+/// another thread reads the environment.
 BASE_API bool Putenv(const char* name, const char* value);
 
 /// The number of the calling thread's last failure in this layer, as the host counts them, and the host's

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include <qel/qelrtti.h>
+#include <qel/syslib.h>
 #include <qel/tmexception.h>
 #include <qel/tmtime.h>
 
@@ -106,6 +107,40 @@ TEST_F(Time, ReadsEveryAcceptedForm)
     const std::string year = text(now, "%Y");
     EXPECT_EQ(read("1/2"), year + "-01-02 00:00:00");
     EXPECT_EQ(read("1/2 10:20"), year + "-01-02 10:20:00");
+}
+
+TEST_F(Time, ReadsWhatTheHostReadsAlsoWhenClocksAreChanged)
+{
+    // Every half hour of a year as the clock shows it: an hour of these does not exist, and one exists twice.
+    for (int halfHour = 0; halfHour < 365 * 48; ++halfHour) {
+        std::tm fields = {};
+        fields.tm_year = 105;
+        fields.tm_mday = halfHour / 48 + 1;
+        timegm(&fields);
+        fields.tm_hour = halfHour % 48 / 2;
+        fields.tm_min = halfHour % 2 * 30;
+        char written[100];
+        std::strftime(written, sizeof written, "%m/%d/%Y %H:%M", &fields);
+        fields.tm_isdst = -1;
+
+        long time = 0;
+        ASSERT_TRUE(tmString2Time(written, &time)) << written;
+        ASSERT_EQ(time, std::mktime(&fields)) << written;
+    }
+}
+
+TEST_F(Time, FollowsAChangeOfTheZone)
+{
+    sysPutEnv("TZ", "UTC0");
+    long time = 0;
+    EXPECT_TRUE(tmString2Time("1/1/2005 12:00", &time));
+    EXPECT_EQ(time, 1104580800);
+    EXPECT_EQ(tmTime(time).getHour(), 12);
+
+    sysPutEnv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3");
+    EXPECT_TRUE(tmString2Time("1/1/2005 12:00", &time));
+    EXPECT_EQ(time, 1104580800 - 3600);
+    EXPECT_EQ(tmTime(time).getHour(), 12);
 }
 
 TEST_F(Time, RefusesEverythingElse)

@@ -91,6 +91,31 @@ bool fits(long long value, int* field)
     return value >= INT_MIN && value <= INT_MAX;
 }
 
+/// How far local time is from UTC at a time; false when the host cannot tell.
+bool offsetAt(std::time_t time, long* seconds)
+{
+    std::tm fields = {};
+    if (localtime_r(&time, &fields) == nullptr)
+        return false;
+    *seconds = fields.tm_gmtoff;
+    return true;
+}
+
+/// What mktime answers, where that takes no decision: one offset is in force all around the time, so that the
+/// time exists, and exists once. mktime itself looks for the host's settings again at each call.
+bool makeOrdinaryTime(std::tm fields, std::time_t* result)
+{
+    constexpr std::time_t around = 86400;
+    fields.tm_wday = -1;
+    const std::time_t asUtc = timegm(&fields);
+    long before, at, after;
+    if (fields.tm_wday < 0 || !offsetAt(asUtc - around, &before) || !offsetAt(asUtc + around, &after) ||
+        before != after || !offsetAt(asUtc - before, &at) || at != before)
+        return false;
+    *result = asUtc - before;
+    return true;
+}
+
 /// The seconds since 1970 of a local time. False when the host cannot tell.
 bool makeTime(const Calendar& given, long* result)
 {
@@ -104,6 +129,11 @@ bool makeTime(const Calendar& given, long* result)
         !fits(given.hour, &fields.tm_hour) || !fits(given.minute, &fields.tm_min) ||
         !fits(given.second, &fields.tm_sec))
         return false;
+    std::time_t ordinary;
+    if (given.dst < 0 && makeOrdinaryTime(fields, &ordinary)) {
+        *result = ordinary;
+        return true;
+    }
     fields.tm_isdst = given.dst;
     fields.tm_wday = -1;
     const std::time_t made = std::mktime(&fields);
