@@ -49,11 +49,14 @@ private:
         fsNativePath directory = base;
         if (fsIsEmptyPath(base.text()))
             fsJoin(directory, ".", expandFunction, false);
-        if (!fshIsDirectory(directory.text()))
-            return;
         fsiDir listing;
-        if (!listing.Open(directory.text()))
+        if (!listing.Open(directory.text())) {
+            const unsigned error = GetLastError();
+            if (!fshIsDirectory(directory.text()))
+                return;
+            SetLastError(error);
             fsRaiseLastError(expandFunction, directory.text());
+        }
         const std::size_t baseLength = base.length();
         xstring name;
         fsIOStatus status;
