@@ -1,5 +1,6 @@
 #include <qel/platform/registry.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <charconv>
@@ -233,11 +234,12 @@ long readValue(const Place& place, const char* name, Value& value)
     std::string text;
     char block[4096];
     ssize_t count;
-    while ((count = platRetry([&] { return read(file.get(), block, sizeof block); })) > 0) {
-        text.append(block, static_cast<std::size_t>(count));
+    do {
+        count = platRetry([&] { return read(file.get(), block, sizeof block); });
+        text.append(block, static_cast<std::size_t>(std::max(count, ssize_t{0})));
         if (text.size() > 2 * largestValue)
             return ERROR_FILE_CORRUPT;
-    }
+    } while (count == sizeof block); // what is less ends the file, which never grows
     if (count < 0)
         return hostError();
     const std::size_t line = text.find('\n');

@@ -123,18 +123,19 @@ xstring hmxRegistryKey::GetValue(const char* name) const
 {
     if (!IsNameValid(name))
         return {};
+    constexpr std::size_t ordinarySize = 256;
+    std::string text(ordinarySize, '\0');
+    auto size = static_cast<DWORD>(text.size());
     DWORD type = 0;
-    DWORD size = 0;
-    std::string text;
-    long error = RegQueryValueExA(record->handle, name, nullptr, &type, nullptr, &size);
-    do {
-        if (error != ERROR_SUCCESS && error != ERROR_MORE_DATA)
-            return {};
+    long error;
+    while ((error = RegQueryValueExA(record->handle, name, nullptr, &type,
+                                     reinterpret_cast<unsigned char*>(text.data()), &size)) ==
+           ERROR_MORE_DATA)
         text.assign(size, '\0');
-        error = RegQueryValueExA(record->handle, name, nullptr, &type,
-                                 reinterpret_cast<unsigned char*>(text.data()), &size);
-    } while (error == ERROR_MORE_DATA); // it has grown since it was asked for its size
-    return error == ERROR_SUCCESS && type == REG_SZ ? xstring(text.c_str()) : xstring();
+    if (error != ERROR_SUCCESS || type != REG_SZ)
+        return {};
+    text.resize(size);
+    return text.c_str();
 }
 
 bool hmxRegistryKey::DeleteValue(const char* name)
