@@ -51,6 +51,8 @@ public:
             std::ofstream file(name);
             for (int i = 0; i < 512; ++i)
                 file << block;
+            file.close();
+            sync(); // who copies first does not wait for this to reach the disk
         });
     }
 
