@@ -100,11 +100,12 @@ std::ptrdiff_t btkRead(btkHandle handle, void* to, std::size_t size)
 
 std::ptrdiff_t btkReadAt(btkHandle handle, void* to, std::size_t size, long long position)
 {
-    errno = 0;
+    std::ptrdiff_t latest = 0;
     const std::size_t done = RetryAll(handle, POLLIN, size, [&](std::size_t at) {
-        return pread(handle, static_cast<char*>(to) + at, size - at, position + static_cast<long long>(at));
+        return latest = pread(handle, static_cast<char*>(to) + at, size - at,
+                              position + static_cast<long long>(at));
     });
-    return done == 0 && errno != 0 ? -1 : static_cast<std::ptrdiff_t>(done);
+    return done == 0 && latest < 0 ? -1 : static_cast<std::ptrdiff_t>(done);
 }
 
 std::size_t btkWrite(btkHandle handle, const void* from, std::size_t size)

@@ -313,8 +313,9 @@ TEST_F(Config, IsOldAndAloneWhenACallOfTheWriteBackFails)
         GTEST_SKIP() << "needs strace";
     const std::string old = "a:1\n", renewed = "a:1\nb:new\n";
     int kept = 0;
-    for (const char* error : {"ENOSPC", "EIO", "EDQUOT"})
-        for (const Call& call : {Call{"write", true}, Call{"fsync", true}, Call{"renameat", false}}) {
+    for (const char* error : {"ENOSPC", "EIO", "EDQUOT", "EROFS"})
+        for (const Call& call :
+             {Call{"write", true}, Call{"fsync", true}, Call{"close", true}, Call{"renameat", false}}) {
             dir.write("config", old);
             ASSERT_TRUE(updateWithFault(path(), call, std::string("error=") + error, 1));
             const std::string now = content();
@@ -322,7 +323,7 @@ TEST_F(Config, IsOldAndAloneWhenACallOfTheWriteBackFails)
             kept += now == old;
             EXPECT_EQ(nodes(), 1) << call.names << error;
         }
-    EXPECT_EQ(kept, 9); // each fault has struck
+    EXPECT_EQ(kept, 16); // each fault has struck
 }
 
 TEST_F(Config, IsOldOrNewWhenItsWriterIsKilledAtAnyMoment)
