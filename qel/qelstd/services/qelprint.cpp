@@ -68,15 +68,15 @@ public:
         return *this;
     }
     /// Ends the line, as std::endl does, and indents the next one.
-    void newLine(int indent)
+    void newLine(int blanks)
     {
         *this << '\n';
         handOn(true);
         constexpr int most = 64;
-        for (; indent > 0; indent -= most) {
+        for (; blanks > 0; blanks -= most) {
             char* const at = room(most);
             std::memset(at, ' ', most); // of a size that is known: no call
-            end = at + (indent < most ? indent : most);
+            end = at + (blanks < most ? blanks : most);
         }
     }
 
