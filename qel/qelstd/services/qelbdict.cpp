@@ -13,13 +13,24 @@
 #include "xdictindex_p.h"
 #include "xdictplaces_p.h"
 
+/// What is known of the key in a slot.
+struct xdictsidekey
+{
+    xdicthome home;
+    std::uint32_t hash;
+};
+
 /// What a table knows besides its slots.
 struct xdictside
 {
-    explicit xdictside(unsigned size) : places(size) {}
+    explicit xdictside(unsigned size, std::uint64_t seed = 0)
+        : index(size <= 1024 ? 2 * size : size, seed), places(size), keys(std::make_unique_for_overwrite<xdictsidekey[]>(size))
+    {
+    }
 
     xdictindex index;
     xdictplaces places;
+    std::unique_ptr<xdictsidekey[]> keys;
 };
 
 namespace {
@@ -28,7 +39,6 @@ constexpr unsigned minSize = 32;
 constexpr unsigned maxSize = 1u << 30; // so that an int counts the slots
 
 constexpr char overflow[] = "Hash table overflow.";
-constexpr unsigned lookAhead = 16; // slots
 
 char* const removedKey = reinterpret_cast<char*>(1);
 
@@ -40,6 +50,13 @@ char*& keyOf(char* entry)
 bool isLive(const char* key)
 {
     return reinterpret_cast<std::uintptr_t>(key) > reinterpret_cast<std::uintptr_t>(removedKey);
+}
+
+/// Entries are whole words, since they begin with a pointer.
+void moveEntry(char* to, const char* from, unsigned entrySize)
+{
+    for (unsigned i = 0; i < entrySize; i += sizeof(void*))
+        std::memcpy(to + i, from + i, sizeof(void*));
 }
 
 } // namespace
@@ -55,13 +72,21 @@ xbasedictionary::~xbasedictionary()
     delete side;
 }
 
+unsigned xbasedictionary::FindIndex(const char* key) const
+{
+    if (side == nullptr || !qelIsObject(key))
+        return noSlot;
+    const xdictindexentry* const found = side->index.find(side->index.keyOf(key));
+    return found == nullptr ? noSlot : found->slot;
+}
+
 unsigned char xbasedictionary::BaseFind(const char* key, void* out, unsigned entrySize, unsigned valueOffset)
 {
-    const xdictindexentry* const found = FindIndex(key);
-    if (found == nullptr)
+    const unsigned slot = FindIndex(key);
+    if (slot == noSlot)
         return 0;
     if (out != nullptr)
-        OnCopyEntry(out, EntryOf(found->slot, entrySize) + valueOffset);
+        OnCopyEntry(out, EntryOf(slot, entrySize) + valueOffset);
     return 1;
 }
 
@@ -69,16 +94,18 @@ void xbasedictionary::BaseSet(const char* key, const void* value, unsigned entry
 {
     if (!qelIsObject(key))
         qelhThrowNotInitialized();
-    if (const xdictindexentry* const found = FindIndex(key)) {
+    if (side == nullptr)
+        AdjustTableSize(entrySize, valueOffset);
+    const xdictkey sought = side->index.keyOf(key);
+    if (const xdictindexentry* const found = side->index.find(sought)) {
         OnCopyEntry(EntryOf(found->slot, entrySize) + valueOffset, value);
         return;
     }
     // All memory is taken before anything changes.
-    std::unique_ptr<char[]> copy(btkStrDup(key));
-    if (side != nullptr)
-        side->index.reserve();
+    std::unique_ptr<char[]> copy(sought.copy());
     AdjustTableSize(entrySize, valueOffset);
-    AddEntry(copy.get(), value, entrySize, valueOffset);
+    side->index.reserve();
+    AddEntry(copy.get(), {xdicthome(key, sought.length), sought.hash}, value, entrySize, valueOffset);
     copy.release();
 }
 
@@ -125,7 +152,9 @@ unsigned char xbasedictionary::BaseRemoveByIndex(int slot, unsigned entrySize, u
 
 void xbasedictionary::BaseRemove(const char* key, unsigned entrySize, unsigned valueOffset)
 {
-    xdictindexentry* const found = FindIndex(key);
+    if (side == nullptr || !qelIsObject(key))
+        return;
+    xdictindexentry* const found = side->index.find(side->index.keyOf(key));
     if (found == nullptr)
         return;
     const unsigned slot = found->slot;
@@ -183,17 +212,11 @@ bool xbasedictionary::IsSlot(int slot) const
     return static_cast<unsigned>(slot) < size;
 }
 
-xdictindexentry* xbasedictionary::FindIndex(const char* key) const
+/// Adds a key that there is not, in a table and an index that have room for it.
+void xbasedictionary::AddEntry(char* text, const xdictsidekey& key, const void* value, unsigned entrySize,
+                               unsigned valueOffset)
 {
-    if (side == nullptr || !qelIsObject(key))
-        return nullptr;
-    return side->index.find(key);
-}
-
-/// Adds a key that there is not, with its text, in a table and an index that have room for it.
-void xbasedictionary::AddEntry(char* key, const void* value, unsigned entrySize, unsigned valueOffset)
-{
-    const unsigned slot = side->places.take(xdicthome(key, std::strlen(key)));
+    const unsigned slot = side->places.take(key.home);
     if (slot == xdictplaces::none)
         QEL_ABORT(overflow);
     char* const entry = EntryOf(slot, entrySize);
@@ -203,20 +226,22 @@ void xbasedictionary::AddEntry(char* key, const void* value, unsigned entrySize,
         side->places.giveBack(slot);
         throw;
     }
-    keyOf(entry) = key;
-    side->index.insert(key, slot);
+    keyOf(entry) = text;
+    side->keys[slot] = key;
+    side->index.insert({text, slot, key.hash});
     ++count;
 }
 
 /// Before a new key and after a removal.
 void xbasedictionary::AdjustTableSize(unsigned entrySize, unsigned valueOffset)
 {
+    // The loads are whole percents, rounded down.
     const std::uint64_t percent = std::uint64_t{count} * 100;
     if (size == 0)
         Rehash(minSize, entrySize, valueOffset);
-    else if (percent / size > maxLoad)
+    else if (percent >= std::uint64_t{size} * (std::uint64_t{maxLoad} + 1))
         Rehash(size * 2, entrySize, valueOffset);
-    else if (size > minSize && percent / (size / 2) < minLoad)
+    else if (size > minSize && percent < std::uint64_t{size / 2} * minLoad)
         Rehash(size / 2, entrySize, valueOffset);
 }
 
@@ -233,47 +258,42 @@ void xbasedictionary::Rehash(unsigned newSize, unsigned entrySize, unsigned valu
 {
     if (newSize > maxSize)
         throw std::length_error("a dictionary has at most 2^30 slots");
-    if (side == nullptr) {
-        auto newSide = std::make_unique<xdictside>(newSize);
-        table = Allocate(newSize, entrySize);
-        side = newSide.release();
-        size = newSize;
-        return;
-    }
-
-    xdictplaces places(newSize);
-    const std::unique_ptr<std::uint32_t[]> newSlots(new std::uint32_t[size]);
+    auto fresh = std::make_unique<xdictside>(newSize, side == nullptr ? 0 : side->index.getSeed());
     char* const block = Allocate(newSize, entrySize);
-    const bool moveBits = movesBits; // and then nobody sees that no value is copied
-    try {
-        for (unsigned slot = 0; slot < size; ++slot) {
-            char* const from = EntryOf(slot, entrySize);
-            char* const key = keyOf(from);
-            if (slot + lookAhead < size)
-                __builtin_prefetch(keyOf(EntryOf(slot + lookAhead, entrySize)));
-            if (!isLive(key))
-                continue;
-            newSlots[slot] = places.take(xdicthome(key, std::strlen(key)));
-            if (newSlots[slot] == xdictplaces::none)
+    if (side != nullptr) {
+        const bool moveBits = movesBits; // and then nobody sees that no value is copied
+        const auto move = [&](unsigned slot) {
+            const xdictsidekey key = side->keys[slot];
+            const unsigned newSlot = fresh->places.take(key.home);
+            if (newSlot == xdictplaces::none)
                 QEL_ABORT(overflow);
-            char* const to = block + std::size_t{newSlots[slot]} * entrySize;
+            char* const from = EntryOf(slot, entrySize);
+            char* const to = block + std::size_t{newSlot} * entrySize;
+            char* const text = keyOf(from);
             if (moveBits) {
-                std::memcpy(to + valueOffset, from + valueOffset, entrySize - valueOffset);
+                moveEntry(to, from, entrySize);
                 keyOf(from) = nullptr;
             } else {
                 OnCopyEntry(to + valueOffset, from + valueOffset);
+                keyOf(to) = text;
             }
-            keyOf(to) = key;
+            fresh->keys[newSlot] = key;
+            fresh->index.reserve();
+            fresh->index.insert({text, newSlot, key.hash});
+        };
+        try {
+            side->places.forEachTaken(move);
+        } catch (...) {
+            OnDestroy(block, newSize);
+            throw;
         }
-    } catch (...) {
-        OnDestroy(block, newSize);
-        throw;
     }
-    side->index.renumber(newSlots.get());
-    side->places = std::move(places);
-    void* const old = table;
+    delete side;
+    side = fresh.release();
+    void* const oldTable = table;
     const unsigned oldSize = size;
     table = block;
     size = newSize;
-    OnDestroy(old, oldSize);
+    if (oldTable != nullptr)
+        OnDestroy(oldTable, oldSize);
 }

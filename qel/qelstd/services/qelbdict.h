@@ -6,7 +6,7 @@
 
 class xstring;
 struct xdictside;
-struct xdictindexentry;
+struct xdictsidekey;
 
 /// When a dictionary's table grows and shrinks, in percent of the slots in use.
 struct xdictcontrol
@@ -74,9 +74,20 @@ protected:
     /// Memory of the framework's allocator, freed with `operator delete`.
     static void* AllocateBlock(std::size_t bytes);
 
-    /// Called by the hook set's OnCopyEntry: no subclass watches it. Where the bits of a value may be moved,
-    /// that is what happens when the table changes its size.
-    void sawOwnCopy(bool isMovedByBits) { movesBits = isMovedByBits; }
+    static constexpr unsigned noSlot = ~0u;
+    /// The slot of `key`, or noSlot.
+    unsigned FindIndex(const char* key) const;
+    char* EntryOf(unsigned slot, unsigned entrySize) const { return table + std::size_t{slot} * entrySize; }
+
+    /// Called by the hook set's OnCopyEntry: it runs, so no subclass watches copies, which may then be made
+    /// without it. Where the bits of a value may be moved, that is what happens when the table changes its
+    /// size.
+    void sawOwnCopy(bool isMovedByBits)
+    {
+        ownCopy = true;
+        movesBits = isMovedByBits;
+    }
+    bool isOwnCopy() const { return ownCopy; }
 
     char* table = nullptr;
     unsigned size = 0;  // slots
@@ -85,14 +96,14 @@ protected:
     const unsigned maxLoad;
 
 private:
-    char* EntryOf(unsigned slot, unsigned entrySize) const { return table + std::size_t{slot} * entrySize; }
     bool IsSlot(int slot) const;
-    xdictindexentry* FindIndex(const char* key) const;
-    void AddEntry(char* key, const void* value, unsigned entrySize, unsigned valueOffset);
+    void AddEntry(char* text, const xdictsidekey& key, const void* value, unsigned entrySize,
+                  unsigned valueOffset);
     void AdjustTableSize(unsigned entrySize, unsigned valueOffset);
     char* Allocate(unsigned nSlots, unsigned entrySize);
     void Rehash(unsigned newSize, unsigned entrySize, unsigned valueOffset);
 
+    bool ownCopy = false;
     bool movesBits = false;
     xdictside* side = nullptr; // there is one while there is a table
 };

@@ -1,13 +1,105 @@
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 
+/// The text of a key as it is looked for: with its length, its hash and, when it is short, its bytes in two
+/// words.
+struct xdictkey
+{
+    static constexpr std::size_t inWords = 16; ///< a text of less than this is short
+
+    xdictkey(const char* key, std::uint64_t seed);
+
+    bool equals(const char* stored) const
+    {
+        if (length >= inWords)
+            return std::strcmp(stored, text) == 0;
+        return read<std::uint64_t>(stored) == first && read<std::uint64_t>(stored + 8) == second;
+    }
+    /// A copy to be stored, which has at least 16 bytes: zeros follow a short text. Freed with `delete[]`.
+    /// @throws std::bad_alloc
+    char* copy() const
+    {
+        char* const stored = new char[length < inWords ? inWords : length + 1];
+        if (length < inWords) {
+            std::memcpy(stored, &first, 8);
+            std::memcpy(stored + 8, &second, 8);
+        } else {
+            std::memcpy(stored, text, length + 1);
+        }
+        return stored;
+    }
+
+    const char* text;
+    std::size_t length;
+    std::uint64_t first = 0;
+    std::uint64_t second = 0;
+    std::uint32_t hash;
+
+private:
+    template<class Word>
+    static Word read(const char* at)
+    {
+        Word word;
+        std::memcpy(&word, at, sizeof word);
+        return word;
+    }
+    static std::uint64_t mix(std::uint64_t a, std::uint64_t b)
+    {
+        __extension__ using Wide = unsigned __int128;
+        const Wide product = static_cast<Wide>(a) * b;
+        return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
+    }
+    void readShort();
+};
+
+inline xdictkey::xdictkey(const char* key, std::uint64_t seed) : text(key), length(std::strlen(key))
+{
+    std::uint64_t state = seed;
+    if (length < inWords) {
+        readShort();
+    } else {
+        const char* const last = text + length - inWords;
+        for (const char* at = text; at < last; at += inWords)
+            state = mix(read<std::uint64_t>(at) ^ seed, read<std::uint64_t>(at + 8) ^ state) + length;
+        first = read<std::uint64_t>(last);
+        second = read<std::uint64_t>(last + 8);
+    }
+    hash = static_cast<std::uint32_t>(mix(first ^ state, second ^ 0x9e3779b97f4a7c15));
+}
+
+inline void xdictkey::readShort()
+{
+    if constexpr (std::endian::native == std::endian::little) {
+        // Reads that overlap, in place of a loop over the bytes.
+        const std::size_t n = length;
+        if (n >= 8) {
+            first = read<std::uint64_t>(text);
+            second = read<std::uint64_t>(text + n - 8) >> 7 >> (8 * (15 - n) + 1);
+        } else if (n >= 4) {
+            first = read<std::uint32_t>(text) | std::uint64_t{read<std::uint32_t>(text + n - 4)}
+                                                    << 8 * (n - 4);
+        } else if (n > 0) {
+            const auto byte = [this](std::size_t i) {
+                return std::uint64_t{static_cast<unsigned char>(text[i])} << 8 * i;
+            };
+            first = byte(0) | byte(n / 2) | byte(n - 1);
+        }
+    } else {
+        char bytes[inWords] = {};
+        std::memcpy(bytes, text, length);
+        first = read<std::uint64_t>(bytes);
+        second = read<std::uint64_t>(bytes + 8);
+    }
+}
+
 struct xdictindexentry
 {
-    const char* key; ///< null: free
+    const char* key; ///< a copy that xdictkey made, or null: free
     std::uint32_t slot;
     std::uint32_t hash;
 };
@@ -19,14 +111,19 @@ class xdictindex
 public:
     using Entry = xdictindexentry;
 
-    xdictindex();
+    /// For about `keys` keys. `seed`: of the index that this one replaces, or 0 for another one.
+    explicit xdictindex(std::size_t keys, std::uint64_t seed = 0);
+    ~xdictindex();
+    xdictindex(const xdictindex&) = delete;
+    xdictindex& operator=(const xdictindex&) = delete;
 
+    std::uint64_t getSeed() const { return seed; }
+    xdictkey keyOf(const char* text) const { return xdictkey(text, seed); }
     /// The entry of `key`, or null.
-    Entry* find(const char* key) const
+    Entry* find(const xdictkey& key) const
     {
-        const std::uint32_t hash = hashOf(key);
-        for (std::size_t i = hash & mask; entries[i].key != nullptr; i = (i + 1) & mask)
-            if (entries[i].hash == hash && std::strcmp(entries[i].key, key) == 0)
+        for (std::size_t i = key.hash & mask; entries[i].key != nullptr; i = (i + 1) & mask)
+            if (entries[i].hash == key.hash && key.equals(entries[i].key))
                 return &entries[i];
         return nullptr;
     }
@@ -37,19 +134,27 @@ public:
         if ((count + 1) * 8 > (mask + 1) * 5)
             grow();
     }
-    /// Adds a key that there is not; there is room for it. The text is not copied.
-    void insert(const char* key, std::uint32_t slot);
+    /// Adds a key that there is not; there is room for it.
+    void insert(Entry entry)
+    {
+        *freeFor(entry.hash) = entry;
+        ++count;
+    }
     void erase(Entry* entry);
-    /// Gives each entry the slot slots[old slot].
-    void renumber(const std::uint32_t* slots);
 
 private:
-    std::uint32_t hashOf(const char* key) const;
+    static Entry* allocate(std::size_t n);
     void grow();
-    Entry* freeFor(std::uint32_t hash) const;
+    Entry* freeFor(std::uint32_t hash) const
+    {
+        std::size_t i = hash & mask;
+        while (entries[i].key != nullptr)
+            i = (i + 1) & mask;
+        return &entries[i];
+    }
 
     std::size_t mask;
-    std::unique_ptr<Entry[]> entries;
     std::size_t count = 0;
+    Entry* entries;
     std::uint64_t seed;
 };

@@ -23,11 +23,24 @@ struct xdictentry
 template<class T>
 class xtbdictionary : public xobject, public xbasedictionary
 {
+protected:
+    using entry = xdictentry<T>;
+    static constexpr unsigned entrySize = sizeof(entry);
+    static constexpr unsigned valueOffset = sizeof(char*) < alignof(T) ? alignof(T) : sizeof(char*);
+
 public:
     /// The number of slots, 0 at first; not the number of entries.
     virtual int getarraysize() { return static_cast<int>(size); }
     /// Whether there is a value for `key`, which is stored.
-    virtual unsigned char find(const char* key, T* out) { return BaseFind(key, out, entrySize, valueOffset); }
+    virtual unsigned char find(const char* key, T* out)
+    {
+        if (!isOwnCopy())
+            return BaseFind(key, out, entrySize, valueOffset);
+        const unsigned slot = FindIndex(key);
+        if (slot != noSlot && out != nullptr)
+            *out = reinterpret_cast<const entry*>(EntryOf(slot, entrySize))->value;
+        return slot != noSlot;
+    }
     /// Sets the value of an existing key, or adds the key.
     /// @throws qelXNotInitialized  `key` is no text
     virtual void set(const char* key, T value) { BaseSet(key, &value, entrySize, valueOffset); }
@@ -74,10 +87,6 @@ private:
     }
 
 protected:
-    using entry = xdictentry<T>;
-    static constexpr unsigned entrySize = sizeof(entry);
-    static constexpr unsigned valueOffset = sizeof(char*) < alignof(T) ? alignof(T) : sizeof(char*);
-
     explicit xtbdictionary(const xdictcontrol* control) : xbasedictionary(control) {}
     ~xtbdictionary() override = default;
 };

@@ -1,27 +1,33 @@
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 
 /// Where the probes for a key begin, and which way they go: the published rule, less the size of the table.
-struct xdicthome
+class xdicthome
 {
-    std::uint32_t start;
-    unsigned char path; ///< the step is 2 * path + 1, with path as a signed byte
-
+public:
+    xdicthome() = default;
     xdicthome(const char* key, std::size_t length)
     {
-        const auto at = [key](std::size_t i) { return std::int32_t{static_cast<signed char>(key[i])}; };
         if (length == 0) {
-            start = 0;
-            path = 0;
-        } else {
-            start = static_cast<std::uint32_t>(at(length / 2) * at(length - 1) * at(0));
-            path =
-                static_cast<unsigned char>(length < 3 ? at(0) : at(length / 2 + 1) ^ at(length - 2) ^ at(1));
+            packed = 0;
+            return;
         }
+        const auto at = [key](std::size_t i) { return std::int32_t{static_cast<signed char>(key[i])}; };
+        const std::int32_t product = at(length / 2) * at(length - 1) * at(0);
+        const std::int32_t x = length < 3 ? at(0) : at(length / 2 + 1) ^ at(length - 2) ^ at(1);
+        packed = static_cast<std::uint32_t>(product) << 8 | static_cast<unsigned char>(x);
     }
+
+    std::uint32_t start() const { return static_cast<std::uint32_t>(static_cast<std::int32_t>(packed) >> 8); }
+    /// The step is 2 * path + 1, with path as a signed byte.
+    unsigned char path() const { return static_cast<unsigned char>(packed); }
+
+private:
+    std::uint32_t packed; // the product of three signed bytes takes 23 bits
 };
 
 /// Which slots of a table are free, and which free one is the first that the probes of a key meet. That is
@@ -39,14 +45,22 @@ public:
     unsigned take(xdicthome home)
     {
         // Most keys find their place soon.
-        const std::uint32_t step = stepOf(home.path);
-        std::uint32_t slot = home.start & mask;
+        const std::uint32_t step = stepOf(home.path());
+        std::uint32_t slot = home.start() & mask;
         for (unsigned i = 0; i < patience; ++i, slot = (slot + step) & mask)
             if (!isTaken(slot))
                 return take(slot);
-        return takeFar(home.path, slot);
+        return takeFar(home.path(), slot);
     }
     void giveBack(unsigned slot);
+    /// Calls visit(slot) for each slot that is taken, from the first to the last.
+    template<class Visit>
+    void forEachTaken(Visit visit) const
+    {
+        for (std::size_t word = 0; word <= mask / 64; ++word)
+            for (std::uint64_t bits = taken[word]; bits != 0; bits &= bits - 1)
+                visit(static_cast<unsigned>(word * 64) + static_cast<unsigned>(std::countr_zero(bits)));
+    }
 
 private:
     static constexpr unsigned patience = 64; // probes one by one

@@ -154,8 +154,10 @@ char* xbasesequence::reallocate(unsigned newCapacity)
     std::size_t wanted = newCapacity > room ? std::max<std::size_t>(newCapacity, grown) : newCapacity;
     const std::size_t kept = std::min(capacity, newCapacity);
     void* block = btkResizeBlock(data, kept, wanted);
-    if (block == nullptr && wanted != newCapacity)
-        block = btkResizeBlock(data, kept, wanted = newCapacity);
+    while (block == nullptr && wanted != newCapacity) {
+        wanted = newCapacity + (wanted - newCapacity) / 2;
+        block = btkResizeBlock(data, kept, wanted);
+    }
     if (block == nullptr) {
         if (newCapacity <= room)
             return data;
