@@ -24,7 +24,8 @@ struct xdictsidekey
 struct xdictside
 {
     explicit xdictside(unsigned size, std::uint64_t seed = 0)
-        : index(size <= 1024 ? 2 * size : size, seed), places(size), keys(std::make_unique_for_overwrite<xdictsidekey[]>(size))
+        : index(size <= 1024 ? 2 * size : size, seed), places(size),
+          keys(std::make_unique_for_overwrite<xdictsidekey[]>(size))
     {
     }
 
