@@ -17,6 +17,7 @@
 #include <QVector>
 #include <benchmark/benchmark.h>
 #include <glib.h>
+#include <malloc.h>
 
 #include <qel/xdictionary.h>
 #include <qel/xsequence.h>
@@ -355,6 +356,10 @@ void addFamily(const std::string& family, const Texts& (*texts)(), bool large = 
 }
 
 [[maybe_unused]] const bool added = [] {
+    // Free memory stays with the program. Which container pays for getting it again would depend on what
+    // happens to lie at the end of the heap.
+    mallopt(M_TRIM_THRESHOLD, 1 << 30);
+    mallopt(M_MMAP_THRESHOLD, 1 << 25);
     addSequences();
     addFamily("10^2 words", made<makeWords, 100>);
     addFamily("10^4 words", made<makeWords, 10000>);

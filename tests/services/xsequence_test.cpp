@@ -356,6 +356,8 @@ TEST(xsequence, LeavesEverythingAsItWasWhenItCannotGrow)
     EXPECT_THROW(ints.BaseCopy(SIZE_MAX - 1, 4, &ints), std::length_error);
     xanysequence variants;
     EXPECT_THROW(variants.set(INT_MAX, 1), std::length_error);
+    xboolsequence bytes;
+    EXPECT_THROW(bytes.set(INT_MAX, 1), std::length_error); // 2^31 could not be counted
 
     EXPECT_EQ(contentOf(&ints), std::vector{7});
     EXPECT_EQ(ints.capacity, 256u);

@@ -13,25 +13,14 @@
 #include "xdictindex_p.h"
 #include "xdictplaces_p.h"
 
-/// What is known of the key in a slot.
-struct xdictsidekey
-{
-    xdicthome home;
-    std::uint32_t hash;
-};
-
 /// What a table knows besides its slots.
 struct xdictside
 {
-    explicit xdictside(unsigned size, std::uint64_t seed = 0)
-        : index(size <= 1024 ? 2 * size : size, seed), places(size),
-          keys(std::make_unique_for_overwrite<xdictsidekey[]>(size))
-    {
-    }
+    explicit xdictside(unsigned size) : places(size), homes(new xdicthome[size]) {}
 
     xdictindex index;
     xdictplaces places;
-    std::unique_ptr<xdictsidekey[]> keys;
+    std::unique_ptr<xdicthome[]> homes; ///< of the keys in the slots that are taken
 };
 
 namespace {
@@ -95,18 +84,19 @@ void xbasedictionary::BaseSet(const char* key, const void* value, unsigned entry
 {
     if (!qelIsObject(key))
         qelhThrowNotInitialized();
-    if (side == nullptr)
-        AdjustTableSize(entrySize, valueOffset);
-    const xdictkey sought = side->index.keyOf(key);
-    if (const xdictindexentry* const found = side->index.find(sought)) {
-        OnCopyEntry(EntryOf(found->slot, entrySize) + valueOffset, value);
-        return;
-    }
+    const bool isFirst = side == nullptr;
+    const xdictkey sought = isFirst ? xdictkey(key, 0) : side->index.keyOf(key);
+    if (!isFirst)
+        if (const xdictindexentry* const found = side->index.find(sought)) {
+            OnCopyEntry(EntryOf(found->slot, entrySize) + valueOffset, value);
+            return;
+        }
     // All memory is taken before anything changes.
     std::unique_ptr<char[]> copy(sought.copy());
+    if (!isFirst)
+        side->index.reserve();
     AdjustTableSize(entrySize, valueOffset);
-    side->index.reserve();
-    AddEntry(copy.get(), {xdicthome(key, sought.length), sought.hash}, value, entrySize, valueOffset);
+    AddEntry(copy.get(), isFirst ? side->index.keyOf(key) : sought, value, entrySize, valueOffset);
     copy.release();
 }
 
@@ -214,10 +204,11 @@ bool xbasedictionary::IsSlot(int slot) const
 }
 
 /// Adds a key that there is not, in a table and an index that have room for it.
-void xbasedictionary::AddEntry(char* text, const xdictsidekey& key, const void* value, unsigned entrySize,
+void xbasedictionary::AddEntry(char* text, const xdictkey& key, const void* value, unsigned entrySize,
                                unsigned valueOffset)
 {
-    const unsigned slot = side->places.take(key.home);
+    const xdicthome home(text, key.length);
+    const unsigned slot = side->places.take(home);
     if (slot == xdictplaces::none)
         QEL_ABORT(overflow);
     char* const entry = EntryOf(slot, entrySize);
@@ -228,7 +219,7 @@ void xbasedictionary::AddEntry(char* text, const xdictsidekey& key, const void* 
         throw;
     }
     keyOf(entry) = text;
-    side->keys[slot] = key;
+    side->homes[slot] = home;
     side->index.insert({text, slot, key.hash});
     ++count;
 }
@@ -259,42 +250,46 @@ void xbasedictionary::Rehash(unsigned newSize, unsigned entrySize, unsigned valu
 {
     if (newSize > maxSize)
         throw std::length_error("a dictionary has at most 2^30 slots");
-    auto fresh = std::make_unique<xdictside>(newSize, side == nullptr ? 0 : side->index.getSeed());
+    if (side == nullptr) {
+        auto newSide = std::make_unique<xdictside>(newSize);
+        table = Allocate(newSize, entrySize);
+        side = newSide.release();
+        size = newSize;
+        return;
+    }
+
+    xdictplaces places(newSize);
+    std::unique_ptr<xdicthome[]> homes(new xdicthome[newSize]);
+    const std::unique_ptr<std::uint32_t[]> newSlots(new std::uint32_t[size]);
     char* const block = Allocate(newSize, entrySize);
-    if (side != nullptr) {
-        const bool moveBits = movesBits; // and then nobody sees that no value is copied
-        const auto move = [&](unsigned slot) {
-            const xdictsidekey key = side->keys[slot];
-            const unsigned newSlot = fresh->places.take(key.home);
+    const bool moveBits = movesBits; // and then nobody sees that no value is copied
+    try {
+        side->places.forEachTaken([&](unsigned slot) {
+            const unsigned newSlot = places.take(side->homes[slot]);
             if (newSlot == xdictplaces::none)
                 QEL_ABORT(overflow);
             char* const from = EntryOf(slot, entrySize);
             char* const to = block + std::size_t{newSlot} * entrySize;
-            char* const text = keyOf(from);
             if (moveBits) {
                 moveEntry(to, from, entrySize);
                 keyOf(from) = nullptr;
             } else {
                 OnCopyEntry(to + valueOffset, from + valueOffset);
-                keyOf(to) = text;
+                keyOf(to) = keyOf(from);
             }
-            fresh->keys[newSlot] = key;
-            fresh->index.reserve();
-            fresh->index.insert({text, newSlot, key.hash});
-        };
-        try {
-            side->places.forEachTaken(move);
-        } catch (...) {
-            OnDestroy(block, newSize);
-            throw;
-        }
+            homes[newSlot] = side->homes[slot];
+            newSlots[slot] = newSlot;
+        });
+    } catch (...) {
+        OnDestroy(block, newSize);
+        throw;
     }
-    delete side;
-    side = fresh.release();
+    side->index.renumber(newSlots.get());
+    side->places = std::move(places);
+    side->homes = std::move(homes);
     void* const oldTable = table;
     const unsigned oldSize = size;
     table = block;
     size = newSize;
-    if (oldTable != nullptr)
-        OnDestroy(oldTable, oldSize);
+    OnDestroy(oldTable, oldSize);
 }

@@ -6,7 +6,7 @@
 
 class xstring;
 struct xdictside;
-struct xdictsidekey;
+struct xdictkey;
 
 /// When a dictionary's table grows and shrinks, in percent of the slots in use.
 struct xdictcontrol
@@ -97,7 +97,7 @@ protected:
 
 private:
     bool IsSlot(int slot) const;
-    void AddEntry(char* text, const xdictsidekey& key, const void* value, unsigned entrySize,
+    void AddEntry(char* text, const xdictkey& key, const void* value, unsigned entrySize,
                   unsigned valueOffset);
     void AdjustTableSize(unsigned entrySize, unsigned valueOffset);
     char* Allocate(unsigned nSlots, unsigned entrySize);

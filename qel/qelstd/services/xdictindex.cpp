@@ -19,11 +19,10 @@ std::uint64_t runSeed()
 
 } // namespace
 
-xdictindex::xdictindex(std::size_t keys, std::uint64_t seedToUse)
-    : mask(keys - 1), entries(allocate(mask + 1)), seed(seedToUse)
+xdictindex::xdictindex()
+    : entries(allocate(mask + 1)),
+      seed((reinterpret_cast<std::uintptr_t>(entries) ^ runSeed()) * 0xd6e8feb86659fd93)
 {
-    if (seed == 0)
-        seed = (reinterpret_cast<std::uintptr_t>(entries) ^ runSeed()) * 0xd6e8feb86659fd93 | 1;
 }
 
 xdictindex::~xdictindex()
@@ -58,9 +57,10 @@ void xdictindex::erase(Entry* entry)
 void xdictindex::grow()
 {
     const std::size_t oldSize = mask + 1;
+    const std::size_t newSize = oldSize * (oldSize < 1024 ? 4 : 2);
     Entry* const old = entries;
-    entries = allocate(2 * oldSize);
-    mask = 2 * oldSize - 1;
+    entries = allocate(newSize);
+    mask = newSize - 1;
     for (std::size_t i = 0; i < oldSize; ++i)
         if (old[i].key != nullptr)
             *freeFor(old[i].hash) = old[i];

@@ -69,7 +69,7 @@ inline xdictkey::xdictkey(const char* key, std::uint64_t seed) : text(key), leng
         first = read<std::uint64_t>(last);
         second = read<std::uint64_t>(last + 8);
     }
-    hash = static_cast<std::uint32_t>(mix(first ^ state, second ^ 0x9e3779b97f4a7c15));
+    hash = static_cast<std::uint32_t>(mix(first ^ state, second ^ ~seed)); // nobody can make a factor 0
 }
 
 inline void xdictkey::readShort()
@@ -111,13 +111,11 @@ class xdictindex
 public:
     using Entry = xdictindexentry;
 
-    /// For about `keys` keys. `seed`: of the index that this one replaces, or 0 for another one.
-    explicit xdictindex(std::size_t keys, std::uint64_t seed = 0);
+    xdictindex();
     ~xdictindex();
     xdictindex(const xdictindex&) = delete;
     xdictindex& operator=(const xdictindex&) = delete;
 
-    std::uint64_t getSeed() const { return seed; }
     xdictkey keyOf(const char* text) const { return xdictkey(text, seed); }
     /// The entry of `key`, or null.
     Entry* find(const xdictkey& key) const
@@ -141,6 +139,13 @@ public:
         ++count;
     }
     void erase(Entry* entry);
+    /// Gives each entry the slot slots[old slot].
+    void renumber(const std::uint32_t* slots)
+    {
+        for (std::size_t i = 0; i <= mask; ++i)
+            if (entries[i].key != nullptr)
+                entries[i].slot = slots[entries[i].slot];
+    }
 
 private:
     static Entry* allocate(std::size_t n);
@@ -153,7 +158,7 @@ private:
         return &entries[i];
     }
 
-    std::size_t mask;
+    std::size_t mask = 63;
     std::size_t count = 0;
     Entry* entries;
     std::uint64_t seed;

@@ -47,7 +47,7 @@ void xdictplaces::giveBack(unsigned slot)
 /// Goes on where patience ended, at `slot`.
 unsigned xdictplaces::takeFar(unsigned path, std::uint32_t slot)
 {
-    if (mask < patience)
+    if (mask < small)
         return none;
     const std::uint32_t step = stepOf(path);
     const std::uint32_t inverse = inverseOf(step);

@@ -47,7 +47,7 @@ public:
         // Most keys find their place soon.
         const std::uint32_t step = stepOf(home.path());
         std::uint32_t slot = home.start() & mask;
-        for (unsigned i = 0; i < patience; ++i, slot = (slot + step) & mask)
+        for (unsigned i = mask < small ? mask + 1 : patience; i != 0; --i, slot = (slot + step) & mask)
             if (!isTaken(slot))
                 return take(slot);
         return takeFar(home.path(), slot);
@@ -63,7 +63,8 @@ public:
     }
 
 private:
-    static constexpr unsigned patience = 64; // probes one by one
+    static constexpr unsigned small = 64;    // slots, all of which are probed one by one
+    static constexpr unsigned patience = 16; // probes one by one in a larger table
     static constexpr unsigned stretch = 16;
     static constexpr unsigned pathCount = 256;
 
