@@ -1,6 +1,21 @@
 #pragma once
 
+#include <cxxabi.h>
+
 #include <qel/xobject.h>
+
+/// In a `catch (...)` that does not end by throwing on: throws on what cancels or ends the thread, which must
+/// not be stopped.
+[[gnu::no_sanitize("null")]] inline void qelPassCancellation()
+{
+    try {
+        throw;
+    } catch (const abi::__forced_unwind&) { // has no object
+        throw;
+    } catch (...) {
+        return;
+    }
+}
 
 /// Owns an exception that has been caught as an `xthrowable*`: gives the catcher's reference back, or frees
 /// an exception of a class that is not countable.

@@ -3,7 +3,6 @@
 #include <charconv>
 #include <cstdint>
 #include <cstring>
-#include <cxxabi.h>
 #include <fstream>
 #include <iostream>
 #include <locale>
@@ -183,9 +182,8 @@ private:
         try {
             std::streambuf* const buffer = state.rdbuf();
             failed = buffer->sputn(block, size) != size || (flushes && buffer->pubsync() == -1);
-        } catch (const abi::__forced_unwind&) {
-            throw; // the thread is being cancelled
         } catch (...) {
+            qelPassCancellation();
             try {
                 state.setstate(std::ios_base::badbit);
             } catch (const std::ios_base::failure&) {

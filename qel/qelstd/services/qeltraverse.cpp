@@ -1,6 +1,5 @@
 #include "qeltraverse.h"
 
-#include <cxxabi.h>
 #include <memory>
 #include <unordered_map>
 #include <unordered_set>
@@ -461,9 +460,8 @@ auto Walk::guarded(Read read) -> decltype(read())
     } catch (xthrowable* error) {
         const qelCaught owner(error);
         visitor.errorOccured("QEL exception", error);
-    } catch (const abi::__forced_unwind&) {
-        throw; // the thread is being cancelled
     } catch (...) {
+        qelPassCancellation();
         visitor.errorOccured("Unknown exception", nullptr);
     }
     return {};

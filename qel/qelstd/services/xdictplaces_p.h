@@ -12,10 +12,8 @@ public:
     xdicthome() = default;
     xdicthome(const char* key, std::size_t length)
     {
-        if (length == 0) {
-            packed = 0;
+        if (length == 0)
             return;
-        }
         const auto at = [key](std::size_t i) { return std::int32_t{static_cast<signed char>(key[i])}; };
         const std::int32_t product = at(length / 2) * at(length - 1) * at(0);
         const std::int32_t x = length < 3 ? at(0) : at(length / 2 + 1) ^ at(length - 2) ^ at(1);
@@ -27,7 +25,7 @@ public:
     unsigned char path() const { return static_cast<unsigned char>(packed); }
 
 private:
-    std::uint32_t packed; // the product of three signed bytes takes 23 bits
+    std::uint32_t packed = 0; // the product of three signed bytes takes 23 bits
 };
 
 /// Which slots of a table are free, and which free one is the first that the probes of a key meet. That is
