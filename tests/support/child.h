@@ -27,6 +27,7 @@ public:
         }
     }
 
+    pid_t getId() const { return id; }
     void signal(int number) const { kill(id, number); }
     /// Waits until it has stopped. False when it has ended instead.
     bool waitUntilStopped() const

@@ -1,0 +1,361 @@
+#include "nmsclient.h"
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <unistd.h>
+
+struct capi_nmsServerProxy
+{
+    std::string host; // empty: this machine
+    int port;         // of the last request
+};
+
+struct capi_nmsRecord
+{
+    nmsFields held;
+};
+
+struct capi_nmsRecordArray
+{
+    std::vector<capi_nmsRecord> records;
+};
+
+struct capi_nmsError
+{
+    int code;
+    std::string text;
+};
+
+// ---- exchange
+
+namespace {
+
+std::atomic<btkTimeval> answerLimit = btkTimeval(10, 0);
+
+} // namespace
+
+int nmsFindPort()
+{
+    const char* const text = std::getenv("VRXNMSPORT");
+    if (text == nullptr)
+        return nmsDefaultPort;
+    const long port = std::strtol(text, nullptr, 10);
+    if (port != 0 && port <= 65535 && port >= INT_MIN)
+        return static_cast<int>(port);
+    std::fprintf(stderr, "ERROR  : value of VRXNMSPORT is invalid, using the port %d.\n", nmsDefaultPort);
+    return nmsDefaultPort;
+}
+
+void nmsSetAnswerLimit(btkTimeval limit)
+{
+    answerLimit = limit;
+}
+
+btkTimeval nmsGetAnswerLimit()
+{
+    return answerLimit;
+}
+
+int nmsExchange::Ask(const char* host, int port, nmsRequestCode code, const std::string& record)
+{
+    std::string request;
+    nmsPutFrame(request, code);
+    request += record;
+    held.clear();
+    used = 0;
+    socket.SetSendLimit(nmsGetAnswerLimit());
+    if (!socket.Connect(host, port, btkTimeval::Forever()))
+        return noAnswer;
+    // What the server answered stands, also when it did not read the request to its end.
+    socket.Send(request.data(), request.size());
+    char status = 0;
+    if (!Read(&status, 1, btkTimeval::Now() + nmsGetAnswerLimit()))
+        return noAnswer;
+    return static_cast<unsigned char>(status);
+}
+
+bool nmsExchange::Read(char* to, std::size_t size, btkTimeval end)
+{
+    while (size > 0) {
+        if (used == held.size()) {
+            constexpr std::size_t room = 16384;
+            held.resize(room);
+            used = 0;
+            socket.SetRecvLimit(end - btkTimeval::Now());
+            const std::ptrdiff_t count = socket.Recv(held.data(), room);
+            held.resize(static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
+            if (count <= 0) {
+                socket.Close();
+                return false;
+            }
+        }
+        const std::size_t count = std::min(size, held.size() - used);
+        std::memcpy(to, held.data() + used, count);
+        used += count;
+        to += count;
+        size -= count;
+    }
+    return true;
+}
+
+bool nmsExchange::ReadInt(int& value)
+{
+    char bytes[nmsIntSize];
+    if (!Read(bytes, sizeof bytes, btkTimeval::Now() + nmsGetAnswerLimit()))
+        return false;
+    value = nmsGetInt(bytes);
+    return true;
+}
+
+bool nmsExchange::ReadRecord(nmsFields& record)
+{
+    const btkTimeval end = btkTimeval::Now() + nmsGetAnswerLimit();
+    nmsRecordReader reader;
+    char piece[nmsRecordReader::maxPiece];
+    while (reader.GetWanted() > 0)
+        if (!Read(piece, reader.GetWanted(), end) || !reader.Take(piece))
+            break;
+    record = std::move(reader.record);
+    return reader.IsWhole();
+}
+
+bool nmsExchange::ReadRecords(std::vector<nmsFields>& records)
+{
+    int count = 0;
+    if (!ReadInt(count) || count < 0)
+        return false;
+    for (int i = 0; i < count; ++i) {
+        nmsFields record;
+        if (!ReadRecord(record))
+            return false;
+        records.push_back(std::move(record));
+    }
+    return true;
+}
+
+// ---- objects
+
+namespace {
+
+template<class T>
+void Delete(T** object)
+{
+    if (object == nullptr)
+        return;
+    delete *object;
+    *object = nullptr;
+}
+
+capi_nmsServerProxy* NewProxy(const char* host)
+{
+    try {
+        return new capi_nmsServerProxy{host, 0};
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+capi_nmsError* NewError(const capi_nmsServerProxy& proxy, int code, bool fromServer)
+{
+    const char* const host = proxy.host.empty() ? "LOCALHOST" : proxy.host.c_str();
+    return new capi_nmsError{code, nmsStatusText(code, fromServer, host, proxy.port)};
+}
+
+// The request itself. Null when its status is "done" or `rest`, what follows the status, could not be read.
+template<class Rest>
+capi_nmsError* Request(capi_nmsServerProxy& proxy, nmsRequestCode code, const nmsFields* record, Rest rest)
+{
+    std::string encoded;
+    proxy.port = nmsFindPort();
+    if (record != nullptr && !nmsPutRecord(encoded, *record))
+        return NewError(proxy, nmscInternal, false);
+    nmsExchange exchange;
+    const int status = exchange.Ask(proxy.host.c_str(), proxy.port, code, encoded);
+    if (status == nmsExchange::noAnswer)
+        return NewError(proxy, nmscNoConnection, false);
+    const bool isRead = rest(exchange, status);
+    if (status != nmscDone)
+        return NewError(proxy, status, true);
+    return isRead ? nullptr : NewError(proxy, nmscNoConnection, false);
+}
+
+bool NoRest(nmsExchange&, int)
+{
+    return true;
+}
+
+} // namespace
+
+capi_nmsServerProxy* nmsServConnectLocal()
+{
+    return NewProxy("");
+}
+
+capi_nmsServerProxy* nmsServConnectByName(const char* host)
+{
+    return NewProxy(host == nullptr ? "" : host);
+}
+
+void nmsServDelete(capi_nmsServerProxy** proxy)
+{
+    Delete(proxy);
+}
+
+capi_nmsRecord* nmsRecCreate(int owner)
+{
+    auto* const made = new (std::nothrow) capi_nmsRecord;
+    if (made != nullptr)
+        made->held.owner = static_cast<std::uint32_t>(owner == 1 ? getpid() : owner);
+    return made;
+}
+
+void nmsRecDelete(capi_nmsRecord** record)
+{
+    Delete(record);
+}
+
+bool nmsRecAdd(capi_nmsRecord* record, const char* name, const char* value)
+{
+    if (record == nullptr || name == nullptr || value == nullptr)
+        return false;
+    try {
+        record->held.Set(name, value);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+bool nmsRecHasField(const capi_nmsRecord* record, const char* name)
+{
+    return nmsRecGetFieldValueByName(record, name) != nullptr;
+}
+
+const char* nmsRecGetFieldValueByName(const capi_nmsRecord* record, const char* name)
+{
+    if (record == nullptr || name == nullptr)
+        return nullptr;
+    const std::string* const found = record->held.Find(name);
+    return found == nullptr ? nullptr : found->c_str();
+}
+
+const nmsFields& nmsRecGetFields(const capi_nmsRecord* record)
+{
+    return record->held;
+}
+
+void nmsRecPrint(const capi_nmsRecord* record)
+{
+    if (record == nullptr)
+        return;
+    std::fprintf(stderr, "record of process %u:\n", record->held.owner);
+    for (const auto& [name, value] : record->held.fields)
+        std::fprintf(stderr, "  %s = %s\n", name.c_str(), value.c_str());
+}
+
+capi_nmsRecord* nmsRecArrGetByIndex(capi_nmsRecordArray* array, int index)
+{
+    if (array == nullptr || index < 0 || static_cast<std::size_t>(index) >= array->records.size())
+        return nullptr;
+    return &array->records[static_cast<std::size_t>(index)];
+}
+
+void nmsRecArrDelete(capi_nmsRecordArray** array)
+{
+    Delete(array);
+}
+
+// ---- requests
+
+capi_nmsError* nmsServPing(capi_nmsServerProxy* proxy)
+{
+    capi_nmsError* error = Request(*proxy, nmsRequestCode::ping, nullptr, NoRest);
+    if (error != nullptr && error->code != nmscNoConnection) {
+        // Whatever it answers, it does not answer as a name server.
+        nmsErrDelete(&error);
+        error = NewError(*proxy, nmscNoConnection, false);
+    }
+    return error;
+}
+
+capi_nmsError* nmsServRegister(capi_nmsServerProxy* proxy, const capi_nmsRecord* record)
+{
+    if (record->held.owner != 0 && !proxy->host.empty()) // processes are those of this machine
+        return NewError(*proxy, nmscNotAllowed, false);
+    return Request(*proxy, nmsRequestCode::enter, &record->held, NoRest);
+}
+
+capi_nmsError* nmsServQuery(capi_nmsServerProxy* proxy, const capi_nmsRecord* pattern,
+                            capi_nmsRecordArray** array, int* count)
+{
+    std::vector<nmsFields> found;
+    if (array != nullptr)
+        *array = nullptr;
+    if (count != nullptr)
+        *count = 0;
+    capi_nmsError* const error =
+        Request(*proxy, nmsRequestCode::query, &pattern->held, [&](nmsExchange& exchange, int status) {
+            return status != nmscDone || exchange.ReadRecords(found);
+        });
+    if (error != nullptr)
+        return error;
+    if (count != nullptr)
+        *count = static_cast<int>(found.size());
+    if (array != nullptr) {
+        *array = new capi_nmsRecordArray;
+        for (nmsFields& record : found)
+            (*array)->records.push_back({std::move(record)});
+    }
+    return nullptr;
+}
+
+capi_nmsError* nmsServRemove(capi_nmsServerProxy* proxy, const capi_nmsRecord* pattern, int* count)
+{
+    int removed = 0;
+    capi_nmsError* const error =
+        Request(*proxy, nmsRequestCode::remove, &pattern->held,
+                [&](nmsExchange& exchange, int) { return exchange.ReadInt(removed); });
+    if (count != nullptr)
+        *count = removed;
+    return error;
+}
+
+capi_nmsError* nmsServShutdown(capi_nmsServerProxy* proxy)
+{
+    if (!proxy->host.empty())
+        return NewError(*proxy, nmscNotAllowed, false);
+    return Request(*proxy, nmsRequestCode::shutdown, nullptr, NoRest);
+}
+
+capi_nmsError* nmsServVersion(capi_nmsServerProxy* proxy, capi_nmsRecord* answer)
+{
+    return Request(*proxy, nmsRequestCode::version, nullptr, [&](nmsExchange& exchange, int status) {
+        return status != nmscDone || exchange.ReadRecord(answer->held);
+    });
+}
+
+int nmsErrGetCode(const capi_nmsError* error)
+{
+    return error->code;
+}
+
+const char* nmsErrGetText(const capi_nmsError* error)
+{
+    return error->text.c_str();
+}
+
+void nmsErrPrint(const capi_nmsError* error)
+{
+    if (error != nullptr)
+        std::fprintf(stderr, "%s\n", error->text.c_str());
+}
+
+void nmsErrDelete(capi_nmsError** error)
+{
+    Delete(error);
+}

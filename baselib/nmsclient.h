@@ -1,0 +1,93 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <qel/base/btksocket.h>
+#include <qel/base/nmswire.h>
+
+// The plain client functions of the name service, and the exchange that they rest on. Every request has a
+// connection of its own. Objects are used by one thread at a time.
+
+/// The port of the name server: what the environment variable VRXNMSPORT says, or nmsDefaultPort. A value
+/// that is no number, or too great for a port, is reported on the standard error output and not used.
+BASE_API int nmsFindPort();
+
+/// How long a client waits for each part of an answer. 10 seconds at first; for the whole process.
+BASE_API void nmsSetAnswerLimit(btkTimeval limit);
+BASE_API btkTimeval nmsGetAnswerLimit();
+
+/// One request to a name server and the parts of its answer, in their order. Nothing is thrown.
+class BASE_API nmsExchange
+{
+public:
+    /// What Ask answers when there was no connection or it broke.
+    static constexpr int noAnswer = -1;
+
+    /// Connects to the name server on `host` (null or empty: this machine) and sends the request; `record` is
+    /// what follows the code. Answers the status byte. How long connecting takes is the host's.
+    int Ask(const char* host, int port, nmsRequestCode code, const std::string& record = {});
+    /// Reads a number of the answer. False when it did not come within the limit; the exchange is over then.
+    bool ReadInt(int& value);
+    /// Reads a record of the answer. False as above, and when it is no record; what was read of it is kept.
+    bool ReadRecord(nmsFields& record);
+    /// Reads the records of a query's answer, whatever their number says: it ends at the first that cannot be
+    /// read, and is false then. What has been read is added to `records`.
+    bool ReadRecords(std::vector<nmsFields>& records);
+
+private:
+    bool Read(char* to, std::size_t size, btkTimeval end);
+
+    btkStreamSocket socket;
+    std::string held; // received and not used
+    std::size_t used = 0;
+};
+
+// ---- objects: each is freed by its own function, which clears the pointer; null is accepted
+
+struct capi_nmsServerProxy;
+struct capi_nmsError;
+struct capi_nmsRecord;
+struct capi_nmsRecordArray;
+
+/// A proxy for the name server of this machine, or of `host`; no connection is made. Null without memory.
+BASE_API capi_nmsServerProxy* nmsServConnectLocal();
+BASE_API capi_nmsServerProxy* nmsServConnectByName(const char* host);
+BASE_API void nmsServDelete(capi_nmsServerProxy** proxy);
+
+/// A record without fields that belongs to the process `owner`; 1 means this process, 0 none.
+BASE_API capi_nmsRecord* nmsRecCreate(int owner);
+BASE_API void nmsRecDelete(capi_nmsRecord** record);
+/// Adds a field or replaces its value. False when an argument is null or without memory.
+BASE_API bool nmsRecAdd(capi_nmsRecord* record, const char* name, const char* value);
+BASE_API bool nmsRecHasField(const capi_nmsRecord* record, const char* name);
+/// Null when there is no such field; valid until the record changes.
+BASE_API const char* nmsRecGetFieldValueByName(const capi_nmsRecord* record, const char* name);
+/// The record itself, for walking over it; valid while the record lives.
+BASE_API const nmsFields& nmsRecGetFields(const capi_nmsRecord* record);
+/// Writes the record to the standard error output.
+BASE_API void nmsRecPrint(const capi_nmsRecord* record);
+
+/// Null past the end. The record stays the array's.
+BASE_API capi_nmsRecord* nmsRecArrGetByIndex(capi_nmsRecordArray* array, int index);
+BASE_API void nmsRecArrDelete(capi_nmsRecordArray** array);
+
+// ---- requests: null when it was done, else an error, which the caller frees
+
+BASE_API capi_nmsError* nmsServPing(capi_nmsServerProxy* proxy);
+BASE_API capi_nmsError* nmsServRegister(capi_nmsServerProxy* proxy, const capi_nmsRecord* record);
+/// `array`, which may be null, gets a new array of the records that match; the caller frees it. Null when the
+/// request failed. `count`, which may be null, gets their number.
+BASE_API capi_nmsError* nmsServQuery(capi_nmsServerProxy* proxy, const capi_nmsRecord* pattern,
+                                     capi_nmsRecordArray** array, int* count);
+BASE_API capi_nmsError* nmsServRemove(capi_nmsServerProxy* proxy, const capi_nmsRecord* pattern, int* count);
+BASE_API capi_nmsError* nmsServShutdown(capi_nmsServerProxy* proxy);
+/// `answer` gets the record that describes the server, whose field "Version" holds its version.
+BASE_API capi_nmsError* nmsServVersion(capi_nmsServerProxy* proxy, capi_nmsRecord* answer);
+
+/// The code of a failure, and the line that tells of it.
+BASE_API int nmsErrGetCode(const capi_nmsError* error);
+BASE_API const char* nmsErrGetText(const capi_nmsError* error);
+/// Writes the line to the standard error output.
+BASE_API void nmsErrPrint(const capi_nmsError* error);
+BASE_API void nmsErrDelete(capi_nmsError** error);

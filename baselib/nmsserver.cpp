@@ -1,0 +1,327 @@
+#include "nmsserver.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <new>
+#include <poll.h>
+#include <unistd.h>
+
+#include <qel/base/btkevent.h>
+
+#include "btkpoll_p.h"
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+
+namespace {
+
+// A client younger than this does not have to go for another one.
+constexpr btkTimeval newFor(0, 20000);
+constexpr btkTimeval pauseWithoutRoom(0, 50000);
+constexpr btkTimeval endingLimit(0, 500000);
+constexpr std::size_t receiveSize = 16384;
+constexpr std::size_t sendSize = 65536;
+
+} // namespace
+
+struct nmsServer::Client
+{
+    enum State { Asking, Answering, Leaving, Gone };
+
+    btkStreamSocket socket;
+    State state = Asking;
+    short ready = 0; // what the last poll found
+    btkTimeval since = btkTimeval::Now();
+
+    std::string in; // received and not used
+    std::size_t used = 0;
+    bool hasFrame = false;
+    bool isForeign = false; // sends something else than a request
+    nmsRequestCode code = nmsRequestCode::ping;
+    nmsRecordReader reader;
+
+    std::string out; // to be sent next, before `records`
+    std::size_t sent = 0;
+    std::vector<nmsTable::Encoded> records;
+    std::size_t nextRecord = 0;
+
+    std::size_t Held() const { return in.size() - used; }
+    bool TakesRecord() const
+    {
+        return code == nmsRequestCode::enter || code == nmsRequestCode::remove ||
+               code == nmsRequestCode::query;
+    }
+};
+
+nmsServer::nmsServer(nmsServerOptions wanted)
+    : options(std::move(wanted)), table(options.table), stop(Event_Create(false))
+{
+}
+
+nmsServer::~nmsServer()
+{
+    Event_Free(stop);
+}
+
+bool nmsServer::Listen()
+{
+    return stop >= 0 && door.Listen(options.port, options.interface);
+}
+
+void nmsServer::Stop()
+{
+    Event_Set(stop);
+}
+
+void nmsServer::Run(bool untilSignal)
+{
+    btkFd signals;
+    sigset_t awaited;
+    sigset_t before;
+    if (untilSignal) {
+        sigemptyset(&awaited);
+        sigaddset(&awaited, SIGTERM);
+        sigaddset(&awaited, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &awaited, &before);
+        signals.Reset(signalfd(-1, &awaited, SFD_CLOEXEC | SFD_NONBLOCK));
+    }
+
+    isStopping = false;
+    btkTimeval end = btkTimeval::Forever();
+    while (!isStopping || (!clients.empty() && btkTimeval::Now() < end)) {
+        const btkTimeval limit = isStopping ? std::min(NextLimit(), end) : NextLimit();
+        if (Sleep(limit, signals.Get()))
+            isStopping = true;
+        for (const auto& client : clients)
+            if (client->ready != 0)
+                Serve(*client);
+        DropLate();
+        if (!isStopping)
+            AcceptClients();
+        if (isStopping && end.IsForever()) {
+            end = btkTimeval::Now() + endingLimit;
+            door.Close();
+        }
+        if (isStopping)
+            std::erase_if(clients, [](const auto& client) { return client->state != Client::Answering; });
+    }
+    clients.clear();
+    door.Close();
+    Event_Reset(stop);
+
+    if (untilSignal) {
+        signalfd_siginfo taken;
+        while (read(signals.Get(), &taken, sizeof taken) > 0) {
+        }
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }
+}
+
+// Waits until there is something to do, at most until `limit`. True when it is time to stop.
+bool nmsServer::Sleep(btkTimeval limit, btkHandle signals)
+{
+    const btkTimeval now = btkTimeval::Now();
+    const bool isDoorOpen = doorClosedUntil <= now;
+    if (!isDoorOpen)
+        limit = std::min(limit, doorClosedUntil);
+
+    std::vector<pollfd> asked;
+    asked.push_back({stop, POLLIN, 0});
+    asked.push_back({signals, POLLIN, 0});
+    asked.push_back({isDoorOpen ? door.GetHandle() : -1, POLLIN, 0});
+    for (const auto& client : clients)
+        asked.push_back({client->socket.GetHandle(),
+                         static_cast<short>(client->state == Client::Answering ? POLLOUT : POLLIN), 0});
+    if (btkPoll(asked.data(), asked.size(), limit.IsForever() ? limit : limit - now) < 0)
+        return true;
+    for (std::size_t i = 0; i < clients.size(); ++i)
+        clients[i]->ready = asked[i + 3].revents;
+    return asked[0].revents != 0 || asked[1].revents != 0;
+}
+
+// When the first client, or the closed door, is to be looked after.
+btkTimeval nmsServer::NextLimit() const
+{
+    return clients.empty() ? btkTimeval::Forever() + btkTimeval::Forever()
+                           : clients.front()->since + options.requestLimit;
+}
+
+void nmsServer::DropLate()
+{
+    const btkTimeval now = btkTimeval::Now();
+    std::erase_if(clients, [&](const auto& client) {
+        return client->state == Client::Gone || client->since + options.requestLimit <= now;
+    });
+}
+
+void nmsServer::AcceptClients()
+{
+    for (std::size_t accepted = 0; accepted < options.waiting; ++accepted) {
+        const btkTimeval now = btkTimeval::Now();
+        if (doorClosedUntil > now)
+            return;
+        if (clients.size() >= options.waiting && clients.front()->since + newFor > now) {
+            doorClosedUntil = clients.front()->since + newFor;
+            return;
+        }
+        std::unique_ptr<Client> client(new (std::nothrow) Client);
+        if (client == nullptr || !door.Accept(&client->socket)) {
+            if (client == nullptr || (errno != EAGAIN && errno != ECONNABORTED))
+                doorClosedUntil = now + pauseWithoutRoom;
+            return;
+        }
+        // Most requests are here already, and their clients gone again before the next sleep.
+        Serve(*client);
+        if (client->state == Client::Gone)
+            continue;
+        if (clients.size() >= options.waiting)
+            clients.erase(clients.begin());
+        clients.push_back(std::move(client));
+    }
+}
+
+void nmsServer::Serve(Client& client)
+{
+    try {
+        if (client.state == Client::Asking)
+            Receive(client);
+        if (client.state == Client::Answering)
+            Send(client);
+        char rest[receiveSize];
+        // An answer that the client has not read would be lost if the connection were closed over what it
+        // still sends.
+        if (client.state == Client::Leaving) {
+            const std::ptrdiff_t count = client.socket.TryRecv(rest, sizeof rest);
+            if (count == 0 || (count < 0 && errno != EAGAIN))
+                client.state = Client::Gone;
+        }
+    } catch (const std::bad_alloc&) {
+        client.state = Client::Gone;
+    }
+    const bool isBroken = (client.ready & (POLLERR | POLLHUP | POLLNVAL)) != 0;
+    if (isBroken && client.state != Client::Asking)
+        client.state = Client::Gone;
+    if (client.state == Client::Gone)
+        client.socket.Close();
+}
+
+void nmsServer::Receive(Client& client)
+{
+    if (client.used > 0) {
+        client.in.erase(0, client.used);
+        client.used = 0;
+    }
+    const std::size_t before = client.in.size();
+    client.in.resize(before + receiveSize);
+    const std::ptrdiff_t count = client.socket.TryRecv(client.in.data() + before, receiveSize);
+    const bool isNothing = count < 0 && errno == EAGAIN;
+    client.in.resize(before + static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
+    if (count <= 0 && !isNothing)
+        client.state = Client::Gone;
+    else if (count > 0 && Parse(client))
+        Answer(client);
+}
+
+// True when the request is whole, or can never be.
+bool nmsServer::Parse(Client& client)
+{
+    if (!client.hasFrame) {
+        if (client.Held() < nmsFrameSize)
+            return false;
+        client.hasFrame = true;
+        client.isForeign = nmsGetInt(client.in.data()) != nmsFrameNumber;
+        client.code = static_cast<nmsRequestCode>(client.in[nmsIntSize]);
+        client.used = nmsFrameSize;
+    }
+    if (client.isForeign || !client.TakesRecord())
+        return true;
+    std::size_t wanted = 0;
+    while ((wanted = client.reader.GetWanted()) > 0) {
+        if (client.Held() < wanted)
+            return false;
+        client.reader.Take(client.in.data() + client.used);
+        client.used += wanted;
+    }
+    return true;
+}
+
+void nmsServer::Answer(Client& client)
+{
+    const bool isLocal = client.socket.IsPeerOnTheSameMachine();
+    nmsFields& record = client.reader.record;
+    const bool isWhole = client.reader.IsWhole();
+    int status = nmscDone;
+    std::string rest;
+    if (client.isForeign) {
+        status = nmscNotRecognized;
+    } else
+        switch (client.code) {
+        case nmsRequestCode::ping:
+            break;
+        case nmsRequestCode::enter:
+            status = !isWhole                        ? nmscInternal
+                     : record.owner != 0 && !isLocal ? nmscNotAllowed
+                                                     : table.Add(std::move(record));
+            break;
+        case nmsRequestCode::remove: {
+            const std::size_t count = isWhole ? table.Remove(record) : 0;
+            status = !isWhole ? nmscInternal : count == 0 ? nmscNotFound : nmscDone;
+            nmsPutInt(rest, static_cast<int>(count));
+            break;
+        }
+        case nmsRequestCode::query:
+            if (!isWhole) {
+                status = nmscInternal;
+                break;
+            }
+            client.records = table.Find(record);
+            nmsPutInt(rest, static_cast<int>(client.records.size()));
+            break;
+        case nmsRequestCode::shutdown:
+            if (isLocal)
+                isStopping = true;
+            else
+                status = nmscNotAllowed;
+            break;
+        case nmsRequestCode::version: {
+            nmsFields about;
+            about.Set("Version", options.version);
+            nmsPutRecord(rest, about);
+            break;
+        }
+        default:
+            status = nmscNotRecognized;
+        }
+    client.out.assign(1, static_cast<char>(status));
+    client.out += rest;
+    client.state = Client::Answering;
+}
+
+void nmsServer::Send(Client& client)
+{
+    for (;;) {
+        // Only as much as goes out at once is put together; the records themselves are shared.
+        if (client.sent == client.out.size()) {
+            client.out.clear();
+            client.sent = 0;
+        }
+        while (client.out.size() < sendSize && client.nextRecord < client.records.size())
+            client.out += *client.records[client.nextRecord++];
+        if (client.out.empty())
+            break;
+        const std::ptrdiff_t count = send(client.socket.GetHandle(), client.out.data() + client.sent,
+                                          client.out.size() - client.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0) {
+            if (errno != EAGAIN)
+                client.state = Client::Gone;
+            return;
+        }
+        client.sent += static_cast<std::size_t>(count);
+    }
+    const bool isAllRead = client.Held() == 0 && client.socket.CountReadable() == 0;
+    client.state = isAllRead ? Client::Gone : Client::Leaving;
+    if (!isAllRead)
+        client.socket.ShutdownOutput();
+}

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <qel/base/btksocket.h>
+#include <qel/base/nmstable.h>
+
+struct nmsServerOptions
+{
+    /// The interface to listen on, by address or name; null: all of them.
+    const char* interface = "127.0.0.1";
+    /// 0: the host chooses.
+    int port = nmsDefaultPort;
+    /// What the version record tells.
+    std::string version = {};
+    /// How long a client may take for its request and for taking the answer.
+    btkTimeval requestLimit = btkTimeval(5, 0);
+    /// How many clients may be waiting at once. When one more comes, the one that has been there longest
+    /// goes, unless it is new itself.
+    std::size_t waiting = 64;
+    nmsTableLimits table = {};
+};
+
+/// A name server. One thread serves all clients, and none of them is waited for: who is silent, slow or sends
+/// something else delays nobody. Only clients of this machine may register records of processes and shut the
+/// server down. Does not throw but for want of memory at its start.
+class BASE_API nmsServer
+{
+public:
+    explicit nmsServer(nmsServerOptions wanted);
+    ~nmsServer();
+    nmsServer(const nmsServer&) = delete;
+    nmsServer& operator=(const nmsServer&) = delete;
+
+    /// False, with the reason in errno, when the port or a descriptor cannot be had.
+    bool Listen();
+    int GetPort() const { return door.GetPortN(); }
+
+    /// Serves until Stop is called or a client asks for the end; answers that are on their way are sent
+    /// first, for at most half a second. `untilSignal`: SIGTERM and SIGINT end it, too; the calling thread
+    /// has them blocked meanwhile.
+    void Run(bool untilSignal = false);
+    /// Safe to call from any thread and in a signal handler.
+    void Stop();
+
+private:
+    struct Client;
+
+    bool Sleep(btkTimeval limit, btkHandle signals);
+    void AcceptClients();
+    void Serve(Client& client);
+    void Receive(Client& client);
+    bool Parse(Client& client);
+    void Answer(Client& client);
+    void Send(Client& client);
+    btkTimeval NextLimit() const;
+    void DropLate();
+
+    nmsServerOptions options;
+    nmsTable table;
+    btkAcceptSocket door;
+    btkTimeval doorClosedUntil; // while there is no room for a client
+    btkHandle stop = -1;        // an event
+    bool isStopping = false;
+    std::vector<std::unique_ptr<Client>> clients; // the oldest first
+};

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <qel/base/btkfd.h>
+#include <qel/base/nmswire.h>
+
+/// The most that a table of records holds.
+struct nmsTableLimits
+{
+    std::size_t records = 10000;
+    /// Of one process. Records of no process count in the whole only.
+    std::size_t recordsOfOwner = 1000;
+    /// Bytes of all records together, in their wire form.
+    std::size_t bytes = std::size_t(64) << 20;
+};
+
+/// The records of a name server, found by any of their fields without a walk over all. A record of a process
+/// goes with its process, at the latest before the next answer that it could be in. Used by one thread.
+class BASE_API nmsTable
+{
+public:
+    /// A record in its wire form, shared with the answers that carry it.
+    using Encoded = std::shared_ptr<const std::string>;
+
+    explicit nmsTable(const nmsTableLimits& most = {});
+    nmsTable(const nmsTable&) = delete;
+    nmsTable& operator=(const nmsTable&) = delete;
+
+    /// Adds a record. nmscExists: there is one with just these fields already; nmscNotAllowed: it belongs to
+    /// a process that there is not; nmscInternal: there is no room for it.
+    nmscReturnCode Add(nmsFields&& record);
+    /// Removes the records that match, and answers how many.
+    std::size_t Remove(const nmsFields& pattern);
+    /// The records that match, in the order in which they were added.
+    std::vector<Encoded> Find(const nmsFields& pattern);
+
+    std::size_t GetSize() const { return entries.size(); }
+
+private:
+    using Id = std::uint64_t;
+    struct Entry
+    {
+        nmsFields record;
+        Encoded encoded;
+    };
+    /// A process with records. Where the host has no handle left for it, it is known by its id and the time
+    /// of its start.
+    struct Owner
+    {
+        btkFd handle;
+        std::string start;
+        std::vector<Id> ids; // of its records, ascending
+    };
+
+    void DropDead();
+    void DropOwner(std::uint32_t id);
+    bool HasEnded(std::uint32_t id) const;
+    std::vector<Id> Match(const nmsFields& pattern);
+    nmscReturnCode Acquire(std::uint32_t id);
+    void Erase(std::map<Id, Entry>::iterator entry);
+
+    nmsTableLimits limits;
+    std::size_t bytes = 0;
+    Id nextId = 0;
+    std::map<Id, Entry> entries;
+    std::unordered_map<std::string, std::vector<Id>> byField; // ascending, never empty
+    std::unordered_map<std::uint32_t, Owner> owners;
+    btkFd watch; // tells which processes with a handle have ended
+    std::size_t handles = 0;
+    std::size_t mostHandles;
+};

@@ -1,0 +1,435 @@
+#include <atomic>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/child.h"
+#include "support/nameserver.h"
+#include <qel/base/nmsclient.h>
+
+namespace {
+
+constexpr btkTimeval Patience(10, 0);
+
+// One client of the name server of this machine.
+class Client
+{
+public:
+    explicit Client(const char* host = nullptr)
+        : proxy(host == nullptr ? nmsServConnectLocal() : nmsServConnectByName(host))
+    {
+    }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+    ~Client() { nmsServDelete(&proxy); }
+
+    int ping() { return codeOf(nmsServPing(proxy)); }
+    int shutdown() { return codeOf(nmsServShutdown(proxy)); }
+    int enter(const std::string& name, const std::string& value, int owner = 0)
+    {
+        Record record(name, value, owner);
+        return codeOf(nmsServRegister(proxy, record.held));
+    }
+    int remove(const std::string& name, const std::string& value, int& count)
+    {
+        Record record(name, value, 0);
+        return codeOf(nmsServRemove(proxy, record.held, &count));
+    }
+    int query(const std::string& name, const std::string& value, int& count)
+    {
+        Record record(name, value, 0);
+        capi_nmsRecordArray* found = nullptr;
+        const int code = codeOf(nmsServQuery(proxy, record.held, &found, &count));
+        for (int i = 0; i < count; ++i)
+            if (value != nmsRecGetFieldValueByName(nmsRecArrGetByIndex(found, i), name.c_str()))
+                ADD_FAILURE() << "a wrong record";
+        EXPECT_EQ(nmsRecArrGetByIndex(found, count), nullptr);
+        nmsRecArrDelete(&found);
+        return code;
+    }
+    std::string version()
+    {
+        capi_nmsRecord* answer = nmsRecCreate(0);
+        EXPECT_EQ(codeOf(nmsServVersion(proxy, answer)), 0);
+        const char* const text = nmsRecGetFieldValueByName(answer, "Version");
+        const std::string held = text == nullptr ? "" : text;
+        nmsRecDelete(&answer);
+        return held;
+    }
+
+private:
+    struct Record
+    {
+        Record(const std::string& name, const std::string& value, int owner) : held(nmsRecCreate(owner))
+        {
+            nmsRecAdd(held, name.c_str(), value.c_str());
+        }
+        ~Record() { nmsRecDelete(&held); }
+        Record(const Record&) = delete;
+        Record& operator=(const Record&) = delete;
+        capi_nmsRecord* held;
+    };
+
+    static int codeOf(capi_nmsError* error)
+    {
+        const int code = error == nullptr ? 0 : nmsErrGetCode(error);
+        nmsErrDelete(&error);
+        return code;
+    }
+
+    capi_nmsServerProxy* proxy;
+};
+
+std::string Request(nmsRequestCode code, const std::string& rest = {})
+{
+    std::string bytes;
+    nmsPutFrame(bytes, code);
+    return bytes + rest;
+}
+
+// What a server answers to these bytes, until it closes the connection.
+std::string AnswerTo(int port, const std::string& bytes)
+{
+    btkStreamSocket socket;
+    if (!socket.Connect("127.0.0.1", port, Patience))
+        return "no connection";
+    socket.SetRecvLimit(Patience);
+    socket.Send(bytes.data(), bytes.size());
+    std::string answer(4096, 0);
+    answer.resize(socket.RecvAll(answer.data(), answer.size()));
+    return answer;
+}
+
+std::size_t OpenDescriptors()
+{
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
+
+} // namespace
+
+TEST(NameServer, DoesWhatIsAsked)
+{
+    TestNameServer server({.version = "names 1"});
+    ASSERT_TRUE(server.isListening());
+    Client client;
+    int count = -1;
+
+    EXPECT_EQ(client.ping(), 0);
+    EXPECT_EQ(client.version(), "names 1");
+    EXPECT_EQ(client.enter("_ServerName", "a", 1), 0);
+    EXPECT_EQ(client.enter("_ServerName", "a", 1), nmscExists);
+    EXPECT_EQ(client.enter("_ServerName", "b"), 0);
+    EXPECT_EQ(client.query("_ServerName", "a", count), 0);
+    EXPECT_EQ(count, 1);
+    EXPECT_EQ(client.query("_ServerName", "c", count), 0);
+    EXPECT_EQ(count, 0);
+    EXPECT_EQ(client.remove("_ServerName", "a", count), 0);
+    EXPECT_EQ(count, 1);
+    EXPECT_EQ(client.remove("_ServerName", "a", count), nmscNotFound);
+    EXPECT_EQ(count, 0);
+    EXPECT_EQ(client.enter("long", std::string(256, 'x')), nmscInternal);
+
+    Client far("127.0.0.1");
+    EXPECT_EQ(far.ping(), 0);
+    EXPECT_EQ(far.enter("_ServerName", "d", 1), nmscNotAllowed);
+    EXPECT_EQ(far.shutdown(), nmscNotAllowed);
+    EXPECT_EQ(client.shutdown(), 0);
+    server.waitForEnd();
+    EXPECT_EQ(client.ping(), nmscNoConnection);
+}
+
+TEST(NameServer, AnswersBytesWithBytes)
+{
+    TestNameServer server;
+    const int port = server.getPort();
+    const std::string empty(8, 0);
+    std::string negative;
+    nmsPutInt(negative, 0);
+    nmsPutInt(negative, -1);
+
+    EXPECT_EQ(AnswerTo(port, Request(nmsRequestCode::ping)), std::string(1, 0));
+    EXPECT_EQ(AnswerTo(port, Request(nmsRequestCode::query, empty)), std::string(5, 0));
+    EXPECT_EQ(AnswerTo(port, Request(nmsRequestCode::remove, empty)), std::string("\5\0\0\0\0", 5));
+    EXPECT_EQ(AnswerTo(port, Request(nmsRequestCode::remove, negative)), std::string("\10\0\0\0\0", 5));
+    EXPECT_EQ(AnswerTo(port, Request(nmsRequestCode::enter, negative + std::string(100000, 'x'))), "\10");
+    EXPECT_EQ(AnswerTo(port, Request(static_cast<nmsRequestCode>(99))), "\3");
+    EXPECT_EQ(AnswerTo(port, "GET / HTTP/1.0\r\n\r\n"), "\3");
+}
+
+TEST(NameServer, NobodyWaitsForTheSilent)
+{
+    const std::size_t descriptorsBefore = OpenDescriptors();
+    {
+        TestNameServer server({.requestLimit = btkTimeval(1, 0)});
+        std::vector<std::unique_ptr<btkStreamSocket>> others;
+        const std::string parts[] = {"", Request(nmsRequestCode::query).substr(0, 3),
+                                     Request(nmsRequestCode::enter, std::string(7, 0))};
+        for (int i = 0; i < 200; ++i) {
+            auto& other = others.emplace_back(std::make_unique<btkStreamSocket>());
+            ASSERT_TRUE(other->Connect("127.0.0.1", server.getPort(), Patience));
+            const std::string& part = parts[i % 3];
+            other->Send(part.data(), part.size());
+            if (i % 4 == 0)
+                other->ShutdownOutput();
+        }
+        Client client;
+        ASSERT_EQ(client.ping(), 0); // once those who came before had their turn
+        btkTimeval longest;
+        for (int i = 0; i < 100; ++i) {
+            const btkTimeval start = btkTimeval::Now();
+            ASSERT_EQ(client.ping(), 0);
+            longest = std::max(longest, btkTimeval::Now() - start);
+        }
+        EXPECT_LT(longest.ToSeconds(), 0.5);
+
+        for (const auto& other : others) {
+            char byte = 0;
+            other->SetRecvLimit(Patience);
+            const std::ptrdiff_t got = other->Recv(&byte, 1);
+            EXPECT_TRUE(got == 0 || (got < 0 && errno == ECONNRESET)) << "not closed";
+        }
+    }
+    EXPECT_EQ(OpenDescriptors(), descriptorsBefore);
+}
+
+TEST(NameServer, NobodyWaitsForWhoDoesNotReadItsAnswer)
+{
+    TestNameServer server;
+    Client client;
+    for (int i = 0; i < 2000; ++i)
+        ASSERT_EQ(client.enter("n" + std::to_string(i), std::string(250, 'x')), 0);
+    std::vector<std::unique_ptr<btkStreamSocket>> others;
+    const std::string all = Request(nmsRequestCode::query, std::string(8, 0));
+    for (int i = 0; i < 20; ++i) {
+        auto& other = others.emplace_back(std::make_unique<btkStreamSocket>());
+        ASSERT_TRUE(other->Connect("127.0.0.1", server.getPort(), Patience));
+        other->Send(all.data(), all.size());
+    }
+
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(client.ping(), 0);
+    std::string answer(5, 0);
+    EXPECT_EQ(others[0]->RecvAll(answer.data(), answer.size()), 5u);
+    EXPECT_EQ(nmsGetInt(answer.data() + 1), 2000);
+}
+
+// Each client checks every answer about the names that only it uses, and that shared ones are won by one.
+TEST(NameServer, LosesNothingAndDoublesNothing)
+{
+    TestNameServer server;
+    constexpr int clients = 64;
+    constexpr int rounds = 60;
+    std::vector<std::atomic<int>> sharedCount(10);
+    std::atomic<int> faults = 0;
+    std::vector<std::thread> threads;
+    for (int number = 0; number < clients; ++number)
+        threads.emplace_back([&, number] {
+            Client client;
+            std::minstd_rand random(static_cast<unsigned>(number) + 1);
+            std::set<std::string> mine;
+            for (int i = 0; i < rounds; ++i) {
+                const std::string name = std::to_string(number) + "." + std::to_string(random() % 5);
+                const std::size_t shared = random() % sharedCount.size();
+                int count = 0;
+                switch (random() % 4) {
+                case 0:
+                    faults += client.enter("mine", name) != (mine.insert(name).second ? 0 : nmscExists);
+                    break;
+                case 1: {
+                    const bool has = mine.erase(name) == 1;
+                    faults += client.remove("mine", name, count) != (has ? 0 : nmscNotFound);
+                    faults += count != has;
+                    break;
+                }
+                case 2:
+                    faults += client.query("mine", name, count) != 0;
+                    faults += static_cast<std::size_t>(count) != mine.count(name);
+                    break;
+                default: {
+                    const int code = client.enter("shared", std::to_string(shared));
+                    if (code == 0)
+                        ++sharedCount[shared];
+                    else
+                        faults += code != nmscExists;
+                }
+                }
+            }
+            for (const std::string& name : mine) {
+                int count = 0;
+                faults += client.remove("mine", name, count) != 0 || count != 1;
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+
+    EXPECT_EQ(faults, 0);
+    Client client;
+    for (std::size_t i = 0; i < sharedCount.size(); ++i) {
+        int count = 0;
+        EXPECT_EQ(client.query("shared", std::to_string(i), count), 0);
+        EXPECT_EQ(count, sharedCount[i]);
+        EXPECT_LE(count, 1);
+    }
+}
+
+TEST(NameServer, ANameIsFreeOnceItsServerIsKilled)
+{
+    TestNameServer server;
+    Client client;
+    for (int i = 0; i < 100; ++i) {
+        ChildProcess holder([] {
+            pause();
+            return 0;
+        });
+        ASSERT_EQ(client.enter("_ServerName", "x", holder.getId()), 0) << i;
+        holder.signal(SIGKILL);
+        holder.wait();
+    }
+}
+
+// Servers that are killed under load: clients see "could not connect" or right answers, and never wait long.
+TEST(NameServer, ClientsOutliveItsRestarts)
+{
+    nmsServer chosen({.port = 0});
+    ASSERT_TRUE(chosen.Listen());
+    const int port = chosen.GetPort();
+    const EnvSetting found("VRXNMSPORT", std::to_string(port).c_str());
+    chosen.Stop();
+    chosen.Run(); // frees the port
+
+    std::atomic<bool> ends = false;
+    std::atomic<int> faults = 0;
+    std::atomic<int> served = 0;
+    std::vector<std::thread> threads;
+    for (int number = 0; number < 4; ++number)
+        threads.emplace_back([&, number] {
+            Client client;
+            const std::string name = "of" + std::to_string(number);
+            while (!ends) {
+                int count = 0;
+                const btkTimeval start = btkTimeval::Now();
+                const int entered = client.enter("name", name);
+                const int queried = client.query("name", name, count);
+                faults += entered != 0 && entered != nmscExists && entered != nmscNoConnection;
+                faults += queried != 0 && queried != nmscNoConnection;
+                faults += btkTimeval::Now() - start > Patience;
+                served += queried == 0 && count == 1;
+            }
+        });
+    for (int i = 0; i < 20; ++i) {
+        const int before = served;
+        // A program of its own: a copy of this one may hold locks of its threads.
+        ChildProcess server([&] {
+            const std::string text = std::to_string(port);
+            execl("/proc/self/exe", "server", "--serve-names", text.c_str(), nullptr);
+            return 127;
+        });
+        for (const btkTimeval end = btkTimeval::Now() + Patience; served < before + 20;) {
+            ASSERT_LT(btkTimeval::Now(), end) << "not served";
+            std::this_thread::yield();
+        }
+        server.signal(SIGKILL);
+        EXPECT_EQ(server.wait(), -SIGKILL);
+    }
+    ends = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(faults, 0);
+}
+
+TEST(NameServer, StopsAtSignals)
+{
+    nmsServer chosen({.port = 0});
+    ASSERT_TRUE(chosen.Listen());
+    const std::string port = std::to_string(chosen.GetPort());
+    const EnvSetting found("VRXNMSPORT", port.c_str());
+    chosen.Stop();
+    chosen.Run();
+    ChildProcess server([&] {
+        execl("/proc/self/exe", "server", "--serve-names", port.c_str(), nullptr);
+        return 127;
+    });
+    Client client;
+    for (const btkTimeval end = btkTimeval::Now() + Patience; client.ping() != 0;)
+        ASSERT_LT(btkTimeval::Now(), end);
+    std::vector<std::unique_ptr<btkStreamSocket>> silent;
+    for (int i = 0; i < 20; ++i)
+        silent.emplace_back(std::make_unique<btkStreamSocket>())
+            ->Connect("127.0.0.1", std::stoi(port), Patience);
+
+    const btkTimeval start = btkTimeval::Now();
+    server.signal(SIGTERM);
+    EXPECT_EQ(server.wait(), 0);
+    EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 1.0);
+}
+
+// A client's side: servers that say nothing, or lie about what follows.
+TEST(NameClient, EndsWithLyingAndSilentServers)
+{
+    nmsSetAnswerLimit(btkTimeval(0, 300000));
+    btkAcceptSocket door;
+    ASSERT_TRUE(door.Listen(0, "127.0.0.1"));
+    const EnvSetting port("VRXNMSPORT", std::to_string(door.GetPortN()).c_str());
+    std::string many(1, 0);
+    nmsPutInt(many, 0x7FFFFFFF);
+    many += std::string(8, 0); // and one record
+    std::string negative(1, 0);
+    nmsPutInt(negative, -1);
+
+    for (const std::string& answer : {std::string(), std::string(1, 0), many, negative}) {
+        std::thread peer([&] {
+            btkStreamSocket socket;
+            if (door.Wait(Patience, 1) != 1 || !door.Accept(&socket))
+                return;
+            socket.Send(answer.data(), answer.size());
+            char byte = 0;
+            socket.SetRecvLimit(Patience);
+            while (socket.Recv(&byte, 1) > 0) {
+            }
+        });
+        Client client;
+        int count = -1;
+        EXPECT_EQ(client.query("a", "b", count), nmscNoConnection);
+        EXPECT_EQ(count, 0);
+        peer.join();
+    }
+    nmsSetAnswerLimit(btkTimeval(10, 0));
+}
+
+TEST(NameClient, TakesThePortFromTheEnvironment)
+{
+    const struct
+    {
+        const char* text;
+        int port;
+    } cases[] = {{nullptr, 1239}, {"1500", 1500}, {"-5", -5}, {"abc", 1239}, {"0", 1239}, {"65536", 1239}};
+    for (const auto& [text, port] : cases) {
+        const EnvSetting setting("VRXNMSPORT", text);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(nmsFindPort(), port);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  text == nullptr || port != 1239
+                      ? ""
+                      : "ERROR  : value of VRXNMSPORT is invalid, using the port 1239.\n");
+    }
+}
+
+int main(int argc, char** argv)
+{
+    if (argc == 3 && std::string(argv[1]) == "--serve-names") {
+        nmsServer server({.port = std::stoi(argv[2])});
+        if (!server.Listen())
+            return 1;
+        server.Run(true);
+        return 0;
+    }
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

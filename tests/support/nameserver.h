@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "support/environment.h"
+#include <qel/base/nmsserver.h>
+
+/// A name server on a free port of the loopback, served by a thread of its own. While it lives it is the one
+/// that clients of this process find.
+class TestNameServer
+{
+public:
+    explicit TestNameServer(nmsServerOptions options = {})
+        : server(prepared(std::move(options))), listens(server.Listen()),
+          port("VRXNMSPORT", std::to_string(server.GetPort()).c_str()), loop([this] { server.Run(); })
+    {
+    }
+    TestNameServer(const TestNameServer&) = delete;
+    TestNameServer& operator=(const TestNameServer&) = delete;
+    ~TestNameServer()
+    {
+        server.Stop();
+        waitForEnd();
+    }
+
+    bool isListening() const { return listens; }
+    int getPort() const { return std::atoi(std::getenv("VRXNMSPORT")); }
+    /// Waits until the server has stopped by itself.
+    void waitForEnd()
+    {
+        if (loop.joinable())
+            loop.join();
+    }
+
+private:
+    static nmsServerOptions prepared(nmsServerOptions options)
+    {
+        options.port = 0;
+        return options;
+    }
+
+    nmsServer server;
+    bool listens;
+    EnvSetting port;
+    std::thread loop;
+};
