@@ -36,7 +36,7 @@ char* btkStrDup(const char* text)
 
 void* btkResizeBlock(void* block, std::size_t kept, std::size_t size)
 {
-    if (size < largePage)
+    if (size < largePage || size > PTRDIFF_MAX) // and then there is none
         return std::realloc(block, size);
     // realloc moves large blocks without their large pages.
     void* const resized = std::aligned_alloc(largePage, (size + largePage - 1) & ~(largePage - 1));

@@ -59,9 +59,14 @@ BASE_API int btkStringGetNWords(const C* text, const C* delimiters);
 template<btkCharType C>
 BASE_API bool btkStringGetWord(const C* text, int n, const C* delimiters, int* start, int* end);
 
-/// The position of the first `sub`, or -1. The empty text is found at 0.
+/// The position of the first `sub`, or -1. The empty text is found at 0. `length` is Strlen(text).
 template<btkCharType C>
-BASE_API int btkStringFindSubstring(const C* text, const C* sub);
+BASE_API int btkStringFindSubstring(const C* text, const C* sub, std::size_t length);
+template<btkCharType C>
+int btkStringFindSubstring(const C* text, const C* sub)
+{
+    return btkStringFindSubstring(text, sub, Strlen(text));
+}
 
 /// Whether the whole text is like `pattern`, in which `*` stands for any characters, none included, and `?`
 /// for one. Takes time in proportion to the texts; a part between two stars that has a `?` counts as one step

@@ -20,7 +20,7 @@ template<>
 class Finder<char>
 {
 public:
-    Finder(const char* wanted, std::size_t length) : sub(wanted)
+    Finder(const char* wanted, std::size_t length) : sub(wanted), size(length) // not 0
     {
         if (wanted[length] != 0) {
             terminated.assign(wanted, length);
@@ -30,12 +30,27 @@ public:
     Finder(const Finder&) = delete;
     Finder& operator=(const Finder&) = delete;
 
-    /// The first place in `text`, or null.
-    const char* find(const char* text, const char*) const { return std::strstr(text, sub); }
+    /// The first place in `text`, which has its terminator at `end`, or null.
+    const char* find(const char* text, const char* end) const
+    {
+        // In most texts there are few places that begin right, and what follows differs soon.
+        std::size_t cost = 0;
+        for (const char* at = text; static_cast<std::size_t>(end - at) >= size; ++at) {
+            if (cost > 4 * static_cast<std::size_t>(at - text) + 1000)
+                return std::strstr(at, sub);
+            const std::size_t left = static_cast<std::size_t>(end - at) - size + 1;
+            at = static_cast<const char*>(std::memchr(at, *sub, left));
+            if (at == nullptr || std::memcmp(at, sub, size) == 0)
+                return at;
+            cost += size;
+        }
+        return nullptr;
+    }
 
 private:
     std::string terminated;
     const char* sub;
+    std::size_t size;
 };
 
 template<>
@@ -218,12 +233,11 @@ const C* matchSomewhere(const C* text, const C* textEnd, Part<C> part)
 /// Calls `found(place)` for the first `most` occurrences, from left to right and apart; there are none of the
 /// empty text.
 template<typename C, typename Found>
-int eachOccurrence(const C* text, const C* from, int most, Found found)
+int eachOccurrence(const C* text, const C* end, const C* from, int most, Found found)
 {
     const std::size_t size = Strlen(from);
     if (size == 0)
         return 0;
-    const C* const end = text + Strlen(text);
     const Finder<C> finder(from, size);
     int n = 0;
     for (; n < most; ++n) {
@@ -239,12 +253,13 @@ int eachOccurrence(const C* text, const C* from, int most, Found found)
 } // namespace
 
 template<btkCharType C>
-int btkStringFindSubstring(const C* text, const C* sub)
+int btkStringFindSubstring(const C* text, const C* sub, std::size_t length)
 {
     if (*sub == 0)
         return 0;
     int position = -1;
-    eachOccurrence(text, sub, 1, [&](const C* place) { position = static_cast<int>(place - text); });
+    eachOccurrence(text, text + length, sub, 1,
+                   [&](const C* place) { position = static_cast<int>(place - text); });
     return position;
 }
 
@@ -282,10 +297,11 @@ int btkStringFind(const C* text, const C* from, int start, int count, int* first
 {
     const C* const begin = text + btkStringPrefixLength(text, static_cast<std::size_t>(std::max(start, 0)));
     int first = -1;
-    const int n = eachOccurrence(begin, from, count < 0 ? INT_MAX : count, [&](const C* place) {
-        if (first < 0)
-            first = static_cast<int>(place - text);
-    });
+    const int n =
+        eachOccurrence(begin, begin + Strlen(begin), from, count < 0 ? INT_MAX : count, [&](const C* place) {
+            if (first < 0)
+                first = static_cast<int>(place - text);
+        });
     if (n > 0)
         *firstPos = first;
     return n;
@@ -301,7 +317,7 @@ void btkStringSubstitute(C* out, const C* text, const C* from, const C* to, int 
         out += length;
     };
     const C* const end = text + Strlen(text);
-    eachOccurrence(text, from, count, [&](const C* place) {
+    eachOccurrence(text, end, from, count, [&](const C* place) {
         copy(text, static_cast<std::size_t>(place - text));
         copy(to, toSize);
         text = place + fromSize;
@@ -310,10 +326,10 @@ void btkStringSubstitute(C* out, const C* text, const C* from, const C* to, int 
     *out = 0;
 }
 
-#define BTK_INSTANTIATE(C)                                          \
-    template int btkStringFindSubstring(const C*, const C*);        \
-    template bool btkStringMatch(const C*, const C*);               \
-    template int btkStringFind(const C*, const C*, int, int, int*); \
+#define BTK_INSTANTIATE(C)                                                \
+    template int btkStringFindSubstring(const C*, const C*, std::size_t); \
+    template bool btkStringMatch(const C*, const C*);                     \
+    template int btkStringFind(const C*, const C*, int, int, int*);       \
     template void btkStringSubstitute(C*, const C*, const C*, const C*, int);
 BTK_INSTANTIATE(char)
 BTK_INSTANTIATE(unsigned short)

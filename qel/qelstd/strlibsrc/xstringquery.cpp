@@ -135,7 +135,10 @@ xstring xstring::GetWord(int n, const unsigned short* delimiters) const
 template<typename C>
 int xstring::Form<C>::pos(const xstring& s, const C* sub)
 {
-    return s.buffer == nullptr || !qelIsText(sub) ? -1 : btkStringFindSubstring(produce(s), sub);
+    if (s.buffer == nullptr || !qelIsText(sub))
+        return -1;
+    const C* const text = produce(s);
+    return btkStringFindSubstring(text, sub, length(s));
 }
 
 template<typename C>
