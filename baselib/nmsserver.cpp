@@ -5,7 +5,6 @@
 #include <csignal>
 #include <new>
 #include <poll.h>
-#include <unistd.h>
 
 #include <qel/base/btkevent.h>
 
@@ -65,6 +64,16 @@ nmsServer::~nmsServer()
 
 bool nmsServer::Listen()
 {
+    if (options.untilSignal) {
+        sigset_t awaited;
+        sigemptyset(&awaited);
+        sigaddset(&awaited, SIGTERM);
+        sigaddset(&awaited, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &awaited, nullptr);
+        signals.Reset(signalfd(-1, &awaited, SFD_CLOEXEC | SFD_NONBLOCK));
+        if (!signals)
+            return false;
+    }
     return stop >= 0 && door.Listen(options.port, options.interface);
 }
 
@@ -73,24 +82,13 @@ void nmsServer::Stop()
     Event_Set(stop);
 }
 
-void nmsServer::Run(bool untilSignal)
+void nmsServer::Run()
 {
-    btkFd signals;
-    sigset_t awaited;
-    sigset_t before;
-    if (untilSignal) {
-        sigemptyset(&awaited);
-        sigaddset(&awaited, SIGTERM);
-        sigaddset(&awaited, SIGINT);
-        pthread_sigmask(SIG_BLOCK, &awaited, &before);
-        signals.Reset(signalfd(-1, &awaited, SFD_CLOEXEC | SFD_NONBLOCK));
-    }
-
     isStopping = false;
     btkTimeval end = btkTimeval::Forever();
     while (!isStopping || (!clients.empty() && btkTimeval::Now() < end)) {
         const btkTimeval limit = isStopping ? std::min(NextLimit(), end) : NextLimit();
-        if (Sleep(limit, signals.Get()))
+        if (Sleep(limit))
             isStopping = true;
         for (const auto& client : clients)
             if (client->ready != 0)
@@ -108,17 +106,10 @@ void nmsServer::Run(bool untilSignal)
     clients.clear();
     door.Close();
     Event_Reset(stop);
-
-    if (untilSignal) {
-        signalfd_siginfo taken;
-        while (read(signals.Get(), &taken, sizeof taken) > 0) {
-        }
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    }
 }
 
 // Waits until there is something to do, at most until `limit`. True when it is time to stop.
-bool nmsServer::Sleep(btkTimeval limit, btkHandle signals)
+bool nmsServer::Sleep(btkTimeval limit)
 {
     const btkTimeval now = btkTimeval::Now();
     const bool isDoorOpen = doorClosedUntil <= now;
@@ -126,8 +117,8 @@ bool nmsServer::Sleep(btkTimeval limit, btkHandle signals)
         limit = std::min(limit, doorClosedUntil);
 
     std::vector<pollfd> asked;
-    asked.push_back({stop, POLLIN, 0});
-    asked.push_back({signals, POLLIN, 0});
+    asked.push_back({isStopping ? -1 : stop, POLLIN, 0});
+    asked.push_back({isStopping ? -1 : signals.Get(), POLLIN, 0});
     asked.push_back({isDoorOpen ? door.GetHandle() : -1, POLLIN, 0});
     for (const auto& client : clients)
         asked.push_back({client->socket.GetHandle(),

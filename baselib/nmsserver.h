@@ -22,6 +22,8 @@ struct nmsServerOptions
     /// goes, unless it is new itself.
     std::size_t waiting = 64;
     nmsTableLimits table = {};
+    /// SIGTERM and SIGINT end the server. The thread that calls Listen has them blocked from then on.
+    bool untilSignal = false;
 };
 
 /// A name server. One thread serves all clients, and none of them is waited for: who is silent, slow or sends
@@ -40,16 +42,15 @@ public:
     int GetPort() const { return door.GetPortN(); }
 
     /// Serves until Stop is called or a client asks for the end; answers that are on their way are sent
-    /// first, for at most half a second. `untilSignal`: SIGTERM and SIGINT end it, too; the calling thread
-    /// has them blocked meanwhile.
-    void Run(bool untilSignal = false);
+    /// first, for at most half a second.
+    void Run();
     /// Safe to call from any thread and in a signal handler.
     void Stop();
 
 private:
     struct Client;
 
-    bool Sleep(btkTimeval limit, btkHandle signals);
+    bool Sleep(btkTimeval limit);
     void AcceptClients();
     void Serve(Client& client);
     void Receive(Client& client);
@@ -64,6 +65,7 @@ private:
     btkAcceptSocket door;
     btkTimeval doorClosedUntil; // while there is no room for a client
     btkHandle stop = -1;        // an event
+    btkFd signals;              // readable once one that ends the server has come
     bool isStopping = false;
     std::vector<std::unique_ptr<Client>> clients; // the oldest first
 };

@@ -424,10 +424,10 @@ TEST(NameClient, TakesThePortFromTheEnvironment)
 int main(int argc, char** argv)
 {
     if (argc == 3 && std::string(argv[1]) == "--serve-names") {
-        nmsServer server({.port = std::stoi(argv[2])});
+        nmsServer server({.port = std::stoi(argv[2]), .untilSignal = true});
         if (!server.Listen())
             return 1;
-        server.Run(true);
+        server.Run();
         return 0;
     }
     testing::InitGoogleTest(&argc, argv);

@@ -1,0 +1,18 @@
+#pragma once
+
+namespace CLI {
+class App;
+}
+
+// Each group of commands has one source, and one row in the table of main.cpp.
+
+/// Adds a group of commands to the program. The action of a command throws CommandFailed when it fails.
+using AddCommands = void (*)(CLI::App& program);
+
+void AddNameServiceCommands(CLI::App& program); // qel ns ...
+
+/// Why a command failed has been written to the standard error output; the program ends with `status`.
+struct CommandFailed
+{
+    int status = 1;
+};
