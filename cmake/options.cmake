@@ -4,6 +4,9 @@ target_compile_options(qel_options INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wundef -Wvla
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wsuggest-override>
   -fno-semantic-interposition)
+# For the same reason, a shared library calls its own functions without asking the dynamic linker for them.
+target_link_options(qel_options INTERFACE
+  $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:LINKER:-Bsymbolic-functions>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   # Sees overlapping copies in std::string::insert and replace where there are none (GCC bug 105651).
   target_compile_options(qel_options INTERFACE -Wno-restrict)
