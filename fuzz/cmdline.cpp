@@ -1,0 +1,39 @@
+// Arbitrary command lines. What is split can be put together again, word by word, and a line that is refused
+// has no words.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <qel/base/btkcmdline.h>
+
+namespace {
+
+void Require(bool holds)
+{
+    if (!holds)
+        std::abort();
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    const std::string line(reinterpret_cast<const char*>(data), size);
+    std::vector<std::string> words, again;
+    if (!btkSplitCommandLine(line.c_str(), words)) {
+        Require(words.empty());
+        return 0;
+    }
+    std::string joined;
+    std::size_t length = 0;
+    for (const std::string& word : words) {
+        joined += btkQuoteWord(word) + " ";
+        length += word.size();
+    }
+    Require(length <= line.size());
+    Require(btkSplitCommandLine(joined.c_str(), again) && again == words);
+    return 0;
+}
