@@ -206,11 +206,16 @@ void nmsServDelete(capi_nmsServerProxy** proxy)
     Delete(proxy);
 }
 
+std::uint32_t nmsGetOwnProcess()
+{
+    return static_cast<std::uint32_t>(getpid());
+}
+
 capi_nmsRecord* nmsRecCreate(int owner)
 {
     auto* const made = new (std::nothrow) capi_nmsRecord;
     if (made != nullptr)
-        made->held.owner = static_cast<std::uint32_t>(owner == 1 ? getpid() : owner);
+        made->held.owner = owner == 1 ? nmsGetOwnProcess() : static_cast<std::uint32_t>(owner);
     return made;
 }
 

@@ -55,6 +55,8 @@ BASE_API capi_nmsServerProxy* nmsServConnectLocal();
 BASE_API capi_nmsServerProxy* nmsServConnectByName(const char* host);
 BASE_API void nmsServDelete(capi_nmsServerProxy** proxy);
 
+/// The id of this process, as records name their owner.
+BASE_API std::uint32_t nmsGetOwnProcess();
 /// A record without fields that belongs to the process `owner`; 1 means this process, 0 none.
 BASE_API capi_nmsRecord* nmsRecCreate(int owner);
 BASE_API void nmsRecDelete(capi_nmsRecord** record);

@@ -24,6 +24,7 @@
 #include <qel/evteventarray.h>
 #include <qel/filelib.h>
 #include <qel/hmxconfigfile.h>
+#include <qel/nmsproxy.h>
 #include <qel/pcprocess.h>
 #include <qel/reglib.h>
 #include <qel/syslib.h>

@@ -1,0 +1,252 @@
+#include "nmsproxy.h"
+
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "qeltable.h"
+#include "recnms_p.h"
+#include "syslib.h"
+#include <qel/base/nmsclient.h>
+
+constinit qelClass nmsServerProxy::rtti = {
+    .name = "nmsclib::ServerProxy",
+    .counted = true,
+};
+
+// ---- status
+
+namespace {
+
+// The text for people; null is no text.
+const char* TextOf(const xstring& s)
+{
+    const char* const text = s.CastToCString();
+    return qelIsObject(text) ? text : "";
+}
+
+std::string LineOf(const nmsClientStatus& status)
+{
+    const xstring host = status.getHost();
+    std::string line = nmsStatusText(status.getCode(), status.getOrigin() == nmsClientStatus::Server,
+                                     status.getLocal() ? "LOCALHOST" : TextOf(host), status.getPort());
+    constexpr std::size_t most = 1024;
+    return line.substr(0, std::min(line.find('\n'), most));
+}
+
+using Failure = std::unique_ptr<nmsClientStatus>;
+
+// Throws the exception X, which tells of `failure`, if there is one.
+template<class X, class... Values>
+void ThrowFor(nmsClientStatus* failure, const char* function, Values... values)
+{
+    const Failure held(failure);
+    if (held != nullptr)
+        qelThrowNew<X>(LineOf(*held).c_str(), new (pDefMemMgr) qelXFunc(function), values...);
+}
+
+// A proxy that answers, or null; one that does not is freed.
+nmsServerProxy* Answering(nmsServerProxy* made)
+{
+    const Failure failure(made->Ping());
+    if (failure == nullptr)
+        return made;
+    const xrchandle<nmsServerProxy> discarded(made);
+    return nullptr;
+}
+
+bool ReadNothing(nmsExchange&, int)
+{
+    return true;
+}
+
+} // namespace
+
+nmsClientStatus::nmsClientStatus(int statusCode, StatusOrigin foundBy, const xstring& hostName, int usedPort,
+                                 bool isLocal)
+    : code(statusCode), host(hostName), port(usedPort), local(isLocal), origin(foundBy)
+{
+}
+
+std::ostream& operator<<(std::ostream& os, const nmsClientStatus& status)
+{
+    if (os.good())
+        os << LineOf(status) << std::endl;
+    return os;
+}
+
+std::ostream& operator<<(std::ostream& os, const nmsServerProxy& proxy)
+{
+    if (os.good())
+        os << proxy.getHost();
+    return os;
+}
+
+// ---- making proxies
+
+nmsServerProxy* nmsServerProxy::InitLocalProxy()
+{
+    return new (pDefMemMgr) nmsServerProxy(sysGetCurHostName(), true);
+}
+
+nmsServerProxy* nmsServerProxy::InitProxy(const char* hostName)
+{
+    return new (pDefMemMgr) nmsServerProxy(hostName, false);
+}
+
+nmsServerProxy* nmsServerProxy::ConnectLocal()
+{
+    nmsServerProxy* const proxy = Answering(InitLocalProxy());
+    if (proxy == nullptr)
+        qelThrowNew<nmsXCantConnectLocal>("Can't connect locally",
+                                          new (pDefMemMgr) qelXFunc("nmsServerProxy::ConnectLocal"));
+    return proxy;
+}
+
+nmsServerProxy* nmsServerProxy::ConnectByName(const char* hostName)
+{
+    nmsServerProxy* const proxy = Answering(InitProxy(hostName));
+    if (proxy == nullptr)
+        qelThrowNew<nmsXCantConnectByName>("ERROR  : can't connect by name",
+                                           new (pDefMemMgr) qelXFunc("nmsServerProxy::ConnectByName"),
+                                           hostName);
+    return proxy;
+}
+
+// ---- operations
+
+void nmsServerProxy::Register(nmsRecord* record)
+{
+    ThrowFor<nmsXCantRegisterRecord>(ImplRegister(*record), "nmsServerProxy::Register", record);
+}
+
+int nmsServerProxy::Delete(nmsRecord* pattern)
+{
+    int count = 0;
+    ThrowFor<nmsXCantDelete>(ImplDelete(*pattern, &count), "nmsServerProxy::Delete", pattern);
+    return count;
+}
+
+nmsRecordArray* nmsServerProxy::Query(nmsRecord* pattern)
+{
+    nmsRecordArray* const found = nmsRecordArray::create();
+    if (nmsClientStatus* const failure = ImplQuery(*pattern, found, nullptr)) {
+        const xrchandle<nmsRecordArray> unwanted(found);
+        for (int i = 0; i < found->getarraysize(); ++i)
+            const xrchandle<nmsRecord> discarded(found->get(i));
+        ThrowFor<nmsXCantQuery>(failure, "nmsServerProxy::Query", pattern);
+    }
+    return found;
+}
+
+xstring nmsServerProxy::GetVersion()
+{
+    constexpr const char* function = "nmsServerProxy::GetVersion";
+    const xrchandle<nmsRecord> answer(nmsRecord::Create(0));
+    ThrowFor<nmsXCantGetVersion>(Version(*answer), function);
+    if (!answer->HasField("Version"))
+        qelThrowNew<nmsXCantGetVersion>("ERROR  : Other", new (pDefMemMgr) qelXFunc(function));
+    return answer->GetFieldValueByName("Version");
+}
+
+unsigned char nmsServerProxy::IsAlive()
+{
+    return Failure(Ping()) == nullptr;
+}
+
+void nmsServerProxy::Shutdown()
+{
+    ThrowFor<nmsXCantShutdown>(ImplShutdown(), "nmsServerProxy::Shutdown");
+}
+
+// ---- requests
+
+nmsClientStatus* nmsServerProxy::Status(int code, nmsClientStatus::StatusOrigin origin) const
+{
+    return new nmsClientStatus(code, origin, host, port, local);
+}
+
+template<class Rest>
+nmsClientStatus* nmsServerProxy::Request(int code, nmsRecord* record, Rest rest)
+{
+    port = nmsFindPort();
+    std::string encoded;
+    if (record != nullptr && !nmsRecordWire::Encode(*record, encoded))
+        return Status(nmscInternal, nmsClientStatus::Client);
+    nmsExchange exchange;
+    const int status =
+        exchange.Ask(local ? nullptr : TextOf(host), port, static_cast<nmsRequestCode>(code), encoded);
+    if (status == nmsExchange::noAnswer)
+        return Status(nmscNoConnection, nmsClientStatus::Client);
+    const bool isRead = rest(exchange, status);
+    if (status != nmscDone)
+        return Status(status, nmsClientStatus::Server);
+    return isRead ? nullptr : Status(nmscNoConnection, nmsClientStatus::Client);
+}
+
+nmsClientStatus* nmsServerProxy::Ping()
+{
+    const Failure failure(Request(static_cast<int>(nmsRequestCode::ping), nullptr, ReadNothing));
+    // Whatever it answers, it does not answer as a name server.
+    return failure == nullptr ? nullptr : Status(nmscNoConnection, nmsClientStatus::Client);
+}
+
+nmsClientStatus* nmsServerProxy::ImplShutdown()
+{
+    if (!local) {
+        std::cerr << "ERROR  : NMS client: cannot shutdown nonlocal NameService." << std::endl;
+        return Status(nmscNotAllowed, nmsClientStatus::Client);
+    }
+    return Request(static_cast<int>(nmsRequestCode::shutdown), nullptr, ReadNothing);
+}
+
+nmsClientStatus* nmsServerProxy::ImplRegister(nmsRecord& record)
+{
+    if (record.IsAssociated() && !local)
+        return Status(nmscNotAllowed, nmsClientStatus::Client);
+    return Request(static_cast<int>(nmsRequestCode::enter), &record, ReadNothing);
+}
+
+nmsClientStatus* nmsServerProxy::ImplQuery(nmsRecord& pattern, nmsRecordArray* out, int* count)
+{
+    if (out != nullptr)
+        out->clear();
+    std::vector<nmsFields> found;
+    const auto readRecords = [&](nmsExchange& exchange, int status) {
+        return status != nmscDone || exchange.ReadRecords(found);
+    };
+    nmsClientStatus* const failure = Request(static_cast<int>(nmsRequestCode::query), &pattern, readRecords);
+    if (count != nullptr)
+        *count = static_cast<int>(found.size());
+    if (out != nullptr)
+        for (const nmsFields& fields : found) {
+            nmsRecord* const record = nmsRecord::Create(0);
+            nmsRecordWire::Take(*record, fields);
+            out->append(record);
+        }
+    return failure;
+}
+
+nmsClientStatus* nmsServerProxy::Version(nmsRecord& out)
+{
+    return Request(static_cast<int>(nmsRequestCode::version), nullptr,
+                   [&](nmsExchange& exchange, int status) {
+                       nmsFields answer;
+                       const bool isRead = status != nmscDone || exchange.ReadRecord(answer);
+                       nmsRecordWire::Take(out, answer);
+                       return isRead;
+                   });
+}
+
+nmsClientStatus* nmsServerProxy::ImplDelete(nmsRecord& pattern, int* count)
+{
+    int deleted = 0;
+    nmsClientStatus* const failure =
+        Request(static_cast<int>(nmsRequestCode::remove), &pattern,
+                [&](nmsExchange& exchange, int) { return exchange.ReadInt(deleted), true; });
+    if (count != nullptr)
+        *count = deleted;
+    return failure;
+}

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <qel/xdictionary.h>
+#include <qel/xsequence.h>
+
+class ioStream;
+
+/// A number on a stream, independent of the machine: four bytes, the most significant one first.
+QEL_API void PutIndependentInt(ioStream* s, int v);
+/// 0 when four bytes could not be read.
+QEL_API int GetIndependentInt(ioStream* s);
+
+/// The most that a record may have. Each is 256, or what a value of the registry key at the path `key` below
+/// the system root says, from 1 to 255; null: no key.
+class QEL_API nmsRecordLimits
+{
+public:
+    /// "MaxNumFields"
+    static int GetNumberOfFields(const char* key);
+    /// "FieldNameMaxLength", in bytes with the ending zero.
+    static int GetFieldNameLength(const char* key);
+    /// "FieldValueMaxLength", in bytes with the ending zero.
+    static int GetFieldValueLength(const char* key);
+
+private:
+    static int GetRegistryValue(const char* key, const char* name);
+    static int GetLimit(const char* key, const char* name);
+};
+
+/// What the name service holds: named texts, and the process that they belong to. Counted. Used by one thread
+/// at a time.
+class QEL_API nmsRecord : public virtual xobject
+{
+    QEL_OBJECT(nmsRecord); // "nmsclib::Record", counted
+
+public:
+    /// An empty record of the process of that id; 0: of none, 1: of this process.
+    explicit nmsRecord(unsigned int ownerPid);
+    /// A new one.
+    static nmsRecord* Create(int ownerPid);
+
+    /// Sets a field; replaces the value of one that there is. Answers true.
+    /// @throws qelXNotInitialized  `name` is no text
+    unsigned char Add(const char* name, const char* value);
+    unsigned char HasField(const char* name);
+    /// Null when there is no such field.
+    xstring GetFieldValueByName(const char* name);
+    /// The fields themselves.
+    xrchandle<xstringdictionary> getFields();
+
+    /// Whether the record belongs to a process.
+    unsigned char IsAssociated();
+    /// Whether its process runs.
+    bool IsAlive() const;
+    /// Whether this record has every field of `pattern`, with the same value. Null: no.
+    unsigned char Match(nmsRecord* pattern);
+    /// Not implemented: ends the process with the fatal report.
+    void Clear();
+
+    /// Writes the record. False when `s` is null, when a limit is exceeded (before anything is written when
+    /// it is the number of fields, with the fields before it when a text is too long), and when writing
+    /// failed.
+    bool Send(ioStream* s);
+    /// Replaces the record by the one that `s` brings. False when `s` is null, ends or fails, and when a
+    /// limit of nmsRecordLimits is exceeded; the record keeps the fields read so far.
+    bool Receive(ioStream* s, const char* limitsKey);
+
+private:
+    friend struct nmsRecordWire;
+
+    xrchandle<xstringdictionary> fields;
+    unsigned int ownerId;
+};
+
+/// Records, as plain pointers: the array owns none of them. Counted.
+class QEL_API nmsRecordArray : public xtssequence<nmsRecord*>
+{
+    QEL_OBJECT(nmsRecordArray); // "nmsclib::RecordArray", counted
+
+public:
+    nmsRecordArray() : xtssequence({false, 256}) {}
+    static nmsRecordArray* create() { return new (pDefMemMgr) nmsRecordArray; }
+};
