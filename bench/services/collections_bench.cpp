@@ -313,6 +313,14 @@ void replace(benchmark::State& state, const Keys<D>& keys)
     }
 }
 
+/// Lets free memory stay with the program. Which table pays for getting it again would depend on what happens
+/// to lie at the end of the heap.
+void keepMemory()
+{
+    mallopt(M_TRIM_THRESHOLD, 1 << 30);
+    mallopt(M_MMAP_THRESHOLD, 1 << 25);
+}
+
 template<class D>
 void addOne(const std::string& family, const Texts& (*texts)(), bool large)
 {
@@ -320,6 +328,7 @@ void addOne(const std::string& family, const Texts& (*texts)(), bool large)
         const std::string name = std::string("collections/") + operation + " " + family + "/" + D::name;
         benchmark::internal::Benchmark* const added =
             benchmark::RegisterBenchmark(name.c_str(), [texts, run](benchmark::State& state) {
+                keepMemory();
                 if (texts().empty())
                     state.SkipWithError("no /usr/share/dict/words: install wamerican");
                 else
@@ -356,10 +365,6 @@ void addFamily(const std::string& family, const Texts& (*texts)(), bool large = 
 }
 
 [[maybe_unused]] const bool added = [] {
-    // Free memory stays with the program. Which container pays for getting it again would depend on what
-    // happens to lie at the end of the heap.
-    mallopt(M_TRIM_THRESHOLD, 1 << 30);
-    mallopt(M_MMAP_THRESHOLD, 1 << 25);
     addSequences();
     addFamily("10^2 words", made<makeWords, 100>);
     addFamily("10^4 words", made<makeWords, 10000>);
