@@ -49,7 +49,7 @@ try {
     handle->thread->exited.Reset(Event_Create(false));
     if (!handle->thread->exited)
         return StrictThread_Refused;
-    auto launch = std::make_unique<Launch>(handle->thread, start, arg);
+    auto launch = std::make_unique<Launch>(Launch{handle->thread, start, arg});
     if (pthread_create(&handle->id, nullptr, Run, launch.get()) != 0)
         return StrictThread_Refused;
     [[maybe_unused]] const auto* const taken = launch.release(); // the thread's now

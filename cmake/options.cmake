@@ -12,8 +12,9 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   target_compile_options(qel_options INTERFACE -Wno-restrict)
 endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
-  # The names that the interface fixes (`__xany_c`, `_Abort`) are its own. -Wconversion asks what it asks of GCC.
-  target_compile_options(qel_options INTERFACE -Wno-reserved-identifier -Wno-sign-conversion)
+  # The names that the interface fixes (`__xany_c`, `_Abort`) are its own. -Wconversion asks what it asks of GCC, which
+  # also watches over shadowing, and knows that the fields of an outer class are out of reach.
+  target_compile_options(qel_options INTERFACE -Wno-reserved-identifier -Wno-sign-conversion -Wno-shadow)
 endif()
 if(QELSTD_WERROR)
   target_compile_options(qel_options INTERFACE -Werror)
