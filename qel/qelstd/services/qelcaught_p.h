@@ -6,7 +6,7 @@
 
 /// In a `catch (...)` that does not end by throwing on: throws on what cancels or ends the thread, which must
 /// not be stopped.
-[[gnu::no_sanitize("null")]] inline void qelPassCancellation()
+__attribute__((no_sanitize("null"))) inline void qelPassCancellation()
 {
     try {
         throw;
