@@ -173,21 +173,21 @@ public:
     const C* findEnd(const C* text)
     {
         std::vector<std::uint64_t> matched(words);
-        const auto keep = [&](const std::uint64_t* row) {
-            for (std::size_t w = 0; w < words; ++w)
-                matched[w] &= row[w];
-        };
         const std::uint64_t whole = std::uint64_t(1) << (length - 1) % 64;
         while (const std::size_t size = btkCharSize(text)) {
-            for (std::size_t w = words; --w > 0;)
-                matched[w] = matched[w] << 1 | matched[w - 1] >> 63;
-            matched[0] = matched[0] << 1 | 1;
             const std::uint64_t code = codeOf(text, size);
-            if (code >> digits * 4 != 0)
-                keep(&rows[digits * 16 * words]);
-            else
-                for (unsigned digit = 0; digit < digits; ++digit)
-                    keep(rowOf(code, digit));
+            const bool isKnown = code >> digits * 4 == 0;
+            const std::uint64_t* const row = isKnown ? rowOf(code, 0) : &rows[digits * 16 * words];
+            const std::uint64_t* const next = isKnown && digits > 1 ? rowOf(code, 1) : row;
+            std::uint64_t carry = 1;
+            for (std::size_t w = 0; w < words; ++w) {
+                const std::uint64_t before = matched[w];
+                matched[w] = (before << 1 | carry) & row[w] & next[w];
+                carry = before >> 63;
+            }
+            for (unsigned digit = 2; isKnown && digit < digits; ++digit)
+                for (std::size_t w = 0; w < words; ++w)
+                    matched[w] &= rowOf(code, digit)[w];
             text += size;
             if ((matched.back() & whole) != 0)
                 return text;
