@@ -1,0 +1,41 @@
+// Arbitrary bytes received as a record: within its limits or refused, and what was received is sent again as
+// the same record.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include <qel/base/nmswire.h>
+
+namespace {
+
+nmsRecordReader Read(const std::string& bytes)
+{
+    nmsRecordReader reader;
+    std::size_t at = 0;
+    while (const std::size_t wanted = reader.GetWanted()) {
+        if (wanted > nmsRecordReader::maxPiece)
+            std::abort();
+        if (bytes.size() - at < wanted || !reader.Take(bytes.data() + at))
+            break;
+        at += wanted;
+    }
+    return reader;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    const nmsRecordReader first = Read(std::string(reinterpret_cast<const char*>(data), size));
+    std::string bytes;
+    // A text of 256 characters may be received and not sent: there is no room for its end.
+    if (first.record.fields.size() > 256 || !first.IsWhole() || !nmsPutRecord(bytes, first.record))
+        return 0;
+    const nmsRecordReader second = Read(bytes);
+    if (!second.IsWhole() || second.record.owner != first.record.owner ||
+        second.record.fields != first.record.fields || !second.record.Matches(first.record))
+        std::abort();
+    return 0;
+}
