@@ -20,6 +20,7 @@ QEL_REGISTRAR(syslib);
 QEL_REGISTRAR(timelib);
 QEL_REGISTRAR(monlib);
 QEL_REGISTRAR(proclib);
+QEL_REGISTRAR(netlib);
 QEL_REGISTRAR(nmsclib);
 QEL_REGISTRAR(buildintypes);
 QEL_REGISTRAR(xrtti);

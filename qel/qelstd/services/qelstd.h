@@ -31,3 +31,4 @@
 #include <qel/tmexception.h>
 #include <qel/tmtime.h>
 #include <qel/xiolib.h>
+#include <qel/xnetlib.h>

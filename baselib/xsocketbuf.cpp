@@ -1,0 +1,160 @@
+#include <qel/base/xsocketbuf.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include <qel/base/btksocket.h>
+
+namespace {
+
+// Looks at the values that the socket holds too: the host tells only of those it has not given out yet.
+class UrgentEvent final : public btkBaseEvent
+{
+public:
+    UrgentEvent(std::shared_ptr<btkStreamSocket*> shared, btkHandle watched)
+        : btkBaseEvent(watched, SelectEvents(2), true), socket(std::move(shared))
+    {
+    }
+
+protected:
+    State OnAsk() override
+    {
+        if (*socket != nullptr)
+            return (*socket)->HasUrgent() ? On : Ask;
+        handle = -1;
+        return On;
+    }
+    bool OnPolled(short ready) override { return *socket != nullptr ? (*socket)->HasUrgent() : ready != 0; }
+
+private:
+    std::shared_ptr<btkStreamSocket*> socket;
+};
+
+} // namespace
+
+xsocketbuf::xsocketbuf(btkStreamSocket* connected) : xinputbuf(connected->GetHandle()), socket(connected)
+{
+}
+
+xsocketbuf::~xsocketbuf()
+{
+    SendPending();
+    if (urgentLink != nullptr)
+        *urgentLink = nullptr;
+}
+
+// ---- urgent values
+
+bool xsocketbuf::SendUrgent(const void* value)
+{
+    return SendPending() && socket->Send(value, 4, true) == 4;
+}
+
+std::size_t xsocketbuf::ReceiveUrgent(void* value)
+{
+    const std::ptrdiff_t count = socket->Recv(value, 4, true);
+    return count < 0 ? 0 : static_cast<std::size_t>(count);
+}
+
+btkBaseEvent* xsocketbuf::GetUrgentEvent()
+{
+    if (urgentLink == nullptr)
+        urgentLink = std::make_shared<btkStreamSocket*>(socket);
+    return new UrgentEvent(urgentLink, GetHandle());
+}
+
+// ---- input
+
+std::ptrdiff_t xsocketbuf::ReadSome(char* to, std::size_t size)
+{
+    if (Pending() > 0) {
+        const std::ptrdiff_t count = socket->TryRecv(to, size);
+        if (count >= 0 || errno != EAGAIN)
+            return count;
+        SendPending(); // a failure shows in what is read: the connection is gone
+    }
+    return socket->Recv(to, size);
+}
+
+std::size_t xsocketbuf::CountPending()
+{
+    return socket->CountReadable();
+}
+
+bool xsocketbuf::IsPending()
+{
+    return socket->IsReadable();
+}
+
+bool xsocketbuf::OnTryUnderflow()
+{
+    // An urgent value is pending, too, and no reason to read: that would wait.
+    return socket->IsReadable() && xinputbuf::OnTryUnderflow();
+}
+
+btkBaseEvent::State xsocketbuf::OnAskInput()
+{
+    const btkBaseEvent::State state = xinputbuf::OnAskInput();
+    if (state == btkBaseEvent::On || socket->IsReadable())
+        return btkBaseEvent::On;
+    SendPending();
+    return state;
+}
+
+bool xsocketbuf::OnInputPolled(short)
+{
+    return socket->IsReadable();
+}
+
+// ---- output
+
+bool xsocketbuf::SendPending()
+{
+    const std::size_t count = Pending();
+    if (count > 0) {
+        isBroken |= socket->Send(pbase(), count) < count;
+        setp(pbase(), epptr());
+    }
+    return !isBroken;
+}
+
+xsocketbuf::int_type xsocketbuf::overflow(int_type byte)
+{
+    if (traits_type::eq_int_type(byte, traits_type::eof()))
+        return traits_type::not_eof(byte);
+    const char written = traits_type::to_char_type(byte);
+    return xsputn(&written, 1) == 1 ? byte : traits_type::eof();
+}
+
+std::streamsize xsocketbuf::xsputn(const char* from, std::streamsize count)
+{
+    if (output == nullptr) {
+        output = std::make_unique_for_overwrite<char[]>(outputSize);
+        setp(output.get(), output.get() + outputSize);
+    }
+    const std::size_t size = count < 0 ? 0 : static_cast<std::size_t>(count);
+    if (size > static_cast<std::size_t>(epptr() - pptr()) && !SendPending())
+        return 0;
+    if (size >= outputSize) {
+        const std::size_t sent = socket->Send(from, size);
+        isBroken |= sent < size;
+        return static_cast<std::streamsize>(sent);
+    }
+    std::memcpy(pptr(), from, size);
+    pbump(static_cast<int>(size));
+    return static_cast<std::streamsize>(size);
+}
+
+int xsocketbuf::sync()
+{
+    return SendPending() ? 0 : -1;
+}
+
+std::streambuf* xsocketbuf::OnGetTryOBuf()
+{
+    bool broken = false;
+    const std::size_t room = btkCountWritable(GetHandle(), broken);
+    const std::size_t buffered = output == nullptr ? outputSize : outputSize - Pending();
+    tryArea.SetRoom(broken || isBroken ? 0 : room > 0 ? room : buffered, broken || isBroken);
+    return &tryArea;
+}

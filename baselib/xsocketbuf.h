@@ -1,0 +1,53 @@
+#pragma once
+
+#include <memory>
+
+#include <qel/base/xinputbuf.h>
+
+class btkStreamSocket;
+
+/// Buffered reading and writing of a connection. Output is sent when the buffer is full, by pubsync, before
+/// an urgent value, by a read or a wait for input that would have to sleep, and by the destructor: a request
+/// is never left unsent while its answer is waited for.
+class BASE_API xsocketbuf : public xinputbuf
+{
+public:
+    /// The socket is not owned and must outlive the buffer.
+    explicit xsocketbuf(btkStreamSocket* connected);
+    /// Sends what is pending; what cannot be sent is lost. Ask pubsync first to know.
+    ~xsocketbuf() override;
+
+    /// Sends what is pending, and then the four bytes at `value` as one urgent value.
+    bool SendUrgent(const void* value);
+    /// The oldest urgent value that has come: its size in bytes, 4 when it is whole, 0 when there is none.
+    std::size_t ReceiveUrgent(void* value);
+    /// A new event that is on while an urgent value can be received. The caller owns it; it may outlive the
+    /// buffer and is on then.
+    btkBaseEvent* GetUrgentEvent();
+
+protected:
+    std::ptrdiff_t ReadSome(char* to, std::size_t size) override;
+    std::size_t CountPending() override;
+    bool IsPending() override;
+    bool OnTryUnderflow() override;
+    btkBaseEvent::State OnAskInput() override;
+    bool OnInputPolled(short ready) override;
+
+    int_type overflow(int_type byte) override;
+    std::streamsize xsputn(const char* from, std::streamsize count) override;
+    int sync() override;
+    std::streambuf* OnGetTryOBuf() override;
+    btkBaseEvent* OnGetOutputEvent() override { return MakeOutputEvent(GetHandle()); }
+
+private:
+    static constexpr std::size_t outputSize = 32768;
+
+    std::size_t Pending() const { return static_cast<std::size_t>(pptr() - pbase()); }
+    bool SendPending();
+
+    btkStreamSocket* socket;
+    std::unique_ptr<char[]> output; // made on first use
+    bool isBroken = false;          // output was lost
+    xtryoutputbuf tryArea{*this};
+    std::shared_ptr<btkStreamSocket*> urgentLink; // shared with the events; holds null once this is gone
+};

@@ -1,0 +1,148 @@
+#include "netaddress.h"
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "netexception.h"
+#include "qeltable.h"
+#include "syslib.h"
+#include <qel/base/nmsclient.h>
+
+constinit qelClass netAddress::rtti = {
+    .name = "netlib::Address",
+    .counted = true,
+    .attrs = {QEL_ATTR(HostName), QEL_ATTR(PortN, qelOptional), QEL_ATTR(ServerName, qelOptional)},
+};
+
+namespace {
+
+constexpr const char* nameField = "_ServerName";
+constexpr const char* portField = "_PortNumber";
+
+// Frees what the name service's functions hand out.
+template<auto Free>
+struct Freed
+{
+    template<class T>
+    void operator()(T* held) const
+    {
+        Free(&held);
+    }
+};
+using Proxy = std::unique_ptr<capi_nmsServerProxy, Freed<&nmsServDelete>>;
+using Record = std::unique_ptr<capi_nmsRecord, Freed<&nmsRecDelete>>;
+using RecordArray = std::unique_ptr<capi_nmsRecordArray, Freed<&nmsRecArrDelete>>;
+using Error = std::unique_ptr<capi_nmsError, Freed<&nmsErrDelete>>;
+
+const char* TextOf(const xstring& text)
+{
+    return text == nullptr ? nullptr : text.CastToCString();
+}
+
+// Takes the error, and reports it. Whether there was none.
+bool Succeeded(capi_nmsError* answered)
+{
+    const Error error(answered);
+    if (error != nullptr)
+        nmsErrPrint(error.get());
+    return error == nullptr;
+}
+
+} // namespace
+
+netAddress::netAddress(const char* host) : hostName(host == xnullstr ? sysGetCurHostName() : xstring(host))
+{
+}
+
+netAddress* netAddress::Create(int port, const char* host)
+{
+    auto* const made = new (pDefMemMgr) netAddress(host);
+    made->portN = port;
+    return made;
+}
+
+netAddress* netAddress::Create(const char* serverName, const char* host)
+{
+    auto* const made = new (pDefMemMgr) netAddress(host);
+    made->serverName = serverName;
+    return made;
+}
+
+int ResolvePort(netAddress* address)
+{
+    if (!qelIsObject(address))
+        netXException::Throw(netInvalidAddress, "Address is nil!");
+    if (address->getPortN() == 0) {
+        const Proxy proxy(getNameServer(address->getHostName()));
+        if (proxy == nullptr)
+            netXException::Throw(netNameServiceProblem, "Name Server is not found");
+        const int port = GetPortFromNMS(proxy.get(), address->getServerName());
+        if (port == 0)
+            netXException::Throw(netNameServiceProblem, "Server is not registered");
+        address->setPortN(port);
+    }
+    return address->getPortN();
+}
+
+capi_nmsServerProxy* getNameServer(xstring host)
+{
+    const char* const name = TextOf(host);
+    Proxy proxy(name == nullptr ? nmsServConnectLocal() : nmsServConnectByName(name));
+    if (proxy == nullptr || Error(nmsServPing(proxy.get())) != nullptr)
+        return nullptr;
+    return proxy.release();
+}
+
+capi_nmsRecord* MakeServerRecord(xstring name)
+{
+    Record record(nmsRecCreate(1));
+    if (record == nullptr || !nmsRecAdd(record.get(), nameField, TextOf(name)))
+        return nullptr;
+    return record.release();
+}
+
+bool RegisterWithNMS(capi_nmsServerProxy* proxy, int port, xstring name)
+{
+    const Proxy owned(proxy);
+    const Record record(MakeServerRecord(name));
+    return record != nullptr && nmsRecAdd(record.get(), portField, std::to_string(port).c_str()) &&
+           Succeeded(nmsServRegister(proxy, record.get()));
+}
+
+bool IsRegisteredWithNMS(capi_nmsServerProxy* proxy, xstring name)
+{
+    const Record record(MakeServerRecord(name));
+    int count = 0;
+    return record != nullptr && Succeeded(nmsServQuery(proxy, record.get(), nullptr, &count)) && count != 0;
+}
+
+bool UnregisterFromNMS(capi_nmsServerProxy* proxy, xstring name)
+{
+    const Record record(MakeServerRecord(name));
+    int count = 0;
+    return record != nullptr && Succeeded(nmsServRemove(proxy, record.get(), &count));
+}
+
+int GetPortFromNMS(capi_nmsServerProxy* proxy, xstring name)
+{
+    const Record record(MakeServerRecord(name));
+    if (record == nullptr)
+        return 0;
+    capi_nmsRecordArray* answered = nullptr;
+    int count = 0;
+    const bool isAnswered = Succeeded(nmsServQuery(proxy, record.get(), &answered, &count));
+    const RecordArray array(answered);
+    if (!isAnswered) {
+        nmsRecPrint(record.get());
+        return 0;
+    }
+    for (int i = 0; i < count; ++i) {
+        const capi_nmsRecord* const found = nmsRecArrGetByIndex(array.get(), i);
+        if (found != nullptr && nmsRecHasField(found, portField)) {
+            const int port = std::atoi(nmsRecGetFieldValueByName(found, portField));
+            return port > 0 ? port : 0;
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <qel/xobject.h>
+#include <qel/xstring.h>
+
+struct capi_nmsRecord;
+struct capi_nmsServerProxy;
+
+/// Where a server is: a host, and there a port or a name that the host's name server knows. Used by one
+/// thread at a time.
+class QEL_API netAddress : public virtual xobject
+{
+    QEL_OBJECT(netAddress); // "netlib::Address", counted
+
+public:
+    /// New addresses, which the caller owns. `host`: xnullstr means this host, by its name; null stays null
+    /// and means this machine.
+    static netAddress* Create(int port, const char* host);
+    static netAddress* Create(const char* serverName, const char* host);
+
+    xstring getHostName() { return hostName; }
+    /// 0: not known yet.
+    int getPortN() { return portN; }
+    /// Null: it has none.
+    xstring getServerName() { return serverName; }
+    void setPortN(int port) { portN = port; }
+
+private:
+    explicit netAddress(const char* host);
+
+    xstring hostName;
+    int portN = 0;
+    xstring serverName;
+};
+
+/// The port of `address`. One that is not known is asked of the name server of the address's host, and kept.
+/// @throws netXException  the address is null, there is no name server, or it knows no port for the name
+QEL_API int ResolvePort(netAddress* address);
+
+// ---- the name service, as servers use it. Errors that it answers are written to the standard error output.
+
+/// A proxy for the name server on `host` (null: this machine), or null when none answers there. The caller
+/// frees it with nmsServDelete.
+QEL_API capi_nmsServerProxy* getNameServer(xstring host);
+/// A new record that holds the server's name only; null without memory. The caller frees it with
+/// nmsRecDelete.
+QEL_API capi_nmsRecord* MakeServerRecord(xstring name);
+/// Registers a server of this process. Frees `proxy` in every case.
+QEL_API bool RegisterWithNMS(capi_nmsServerProxy* proxy, int port, xstring name);
+/// Whether a server of that name is registered.
+QEL_API bool IsRegisteredWithNMS(capi_nmsServerProxy* proxy, xstring name);
+/// Removes every server of that name. Whether that was done.
+QEL_API bool UnregisterFromNMS(capi_nmsServerProxy* proxy, xstring name);
+/// The port in the first record of that name that has one; 0 when there is none or it is no positive number.
+QEL_API int GetPortFromNMS(capi_nmsServerProxy* proxy, xstring name);

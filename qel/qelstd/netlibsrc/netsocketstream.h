@@ -1,0 +1,49 @@
+#pragma once
+
+#include <qel/iobasestream.h>
+
+class btkStreamSocket;
+class netAddress;
+class xsocketbuf;
+
+/// A stream over a connection, in XDR form unless set otherwise, and beside it a channel for urgent integers.
+/// Output is buffered: it is sent by Flush, by a read or a wait for input that would have to sleep, by an
+/// urgent integer and by Close. Reading n bytes waits for n bytes or the end.
+///
+/// An urgent integer stands outside the stream, whose values it never disturbs. One at a time is sure: one
+/// that is sent before the peer has looked at the one before may displace it. Not counted: freed with
+/// xdelete.
+class QEL_API netSocketStream : public ioStream
+{
+    QEL_OBJECT(netSocketStream); // "netlib::SocketStream"
+
+public:
+    /// Connects to `address`, whose port is asked of the name server of its host when it is not known.
+    /// `timeout` in seconds, INFINITE waits as long as the host does. Null when nobody answers there within
+    /// it. The caller owns the stream.
+    /// @throws netXException  as ResolvePort
+    static netSocketStream* Connect(netAddress* address, double timeout);
+    /// A stream over a connected socket, of which it takes ownership.
+    static netSocketStream* Create(btkStreamSocket* socket);
+    ~netSocketStream() override;
+
+    /// Sends what is buffered, and then `value` as an urgent integer; waits at most 0.2 seconds for the
+    /// arrival of what was sent before. Whether it was sent.
+    /// @throws ioXStream  the stream is not open
+    unsigned char WriteOutOfBand(int value);
+    /// The oldest urgent integer that has come; does not wait. Null when there is none.
+    /// @throws ioXStream  the stream is not open
+    int ReadOutOfBand();
+    /// A new event, of type 2, that is signaled while an urgent integer can be read. The caller owns it.
+    /// @throws ioXStream  the stream is not open
+    ioEvent* OutOfBandEvent();
+
+private:
+    netSocketStream(xsocketbuf* buf, btkStreamSocket* socket);
+
+    void OnClose() override;
+    btkHandle GetInheritHandle() override;
+
+    xsocketbuf* socketBuf;
+    btkStreamSocket* connection;
+};

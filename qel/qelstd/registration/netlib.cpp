@@ -1,0 +1,8 @@
+#include "qeltable.h"
+#include "registrars_p.h"
+#include "xnetlib.h"
+
+qelRttiRegister_netlib::qelRttiRegister_netlib()
+{
+    qelRegister<netError, netXException, netAddress, netSocketStream>();
+}

@@ -1,0 +1,160 @@
+#include <qel/base/xsocketbuf.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "support/interrupt.h"
+#include "support/socketpair.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const btkTimeval aWhile(10, 0);
+
+struct Ends : SocketPair
+{
+    std::unique_ptr<xsocketbuf> out = std::make_unique<xsocketbuf>(&near);
+    std::unique_ptr<xsocketbuf> in = std::make_unique<xsocketbuf>(&far);
+
+    void write(const std::string& text)
+    {
+        ASSERT_EQ(out->sputn(text.data(), static_cast<std::streamsize>(text.size())),
+                  static_cast<std::streamsize>(text.size()));
+    }
+    std::string read(std::size_t count)
+    {
+        std::string got(count, 0);
+        got.resize(static_cast<std::size_t>(in->sgetn(got.data(), static_cast<std::streamsize>(count))));
+        return got;
+    }
+    std::string urgent()
+    {
+        btkEvent come(in->GetUrgentEvent());
+        EXPECT_EQ(btkEvent::Wait({&come}, aWhile), 1);
+        char value[4] = {};
+        return {value, in->ReceiveUrgent(value)};
+    }
+};
+
+} // namespace
+
+TEST(xsocketbuf, SendsWhatIsPendingWhenItMustWait)
+{
+    Ends ends;
+    ends.write("question");
+    EXPECT_FALSE(ends.far.IsReadable(btkTimeval(0, 20000))) << "small output is collected";
+
+    std::thread answerer([&] {
+        EXPECT_EQ(ends.read(8), "question");
+        ends.in->sputn("answer", 6);
+        ends.in->pubsync();
+    });
+    char answer[6];
+    EXPECT_EQ(ends.out->sgetn(answer, 6), 6); // without a flush
+    answerer.join();
+
+    ends.write("waited for");
+    btkEvent input(ends.out->GetInputEvent());
+    EXPECT_EQ(btkEvent::Wait({&input}, btkTimeval(0, 20000)), 0);
+    EXPECT_TRUE(ends.far.IsReadable(aWhile));
+    EXPECT_EQ(ends.read(10), "waited for");
+
+    ends.write("last");
+    ends.out.reset();
+    ends.near.Close();
+    EXPECT_EQ(ends.read(100), "last");
+    EXPECT_TRUE(ends.in->IsEofReached());
+    EXPECT_TRUE(input.IsSignaled()) << "an event outlives its buffer";
+}
+
+TEST(xsocketbuf, KeepsUrgentValuesApartAtEveryOffset)
+{
+    std::string stream(70000, 0);
+    for (std::size_t i = 0; i < stream.size(); ++i)
+        stream[i] = static_cast<char>(i * 7 + i / 251);
+    for (std::size_t before :
+         {0, 1, 2, 3, 4, 5, 7, 8, 4095, 32767, 32768, 32769, 65533, 65534, 65535, 65536}) {
+        for (std::size_t early : {std::size_t(0), std::size_t(1), before / 2, before}) {
+            SCOPED_TRACE(testing::Message() << before << " before, " << early << " read early");
+            early = std::min(early, before);
+            Ends ends;
+            ends.write(stream.substr(0, before));
+            ends.out->pubsync();
+            EXPECT_TRUE(ends.read(early) == stream.substr(0, early));
+            ASSERT_TRUE(ends.out->SendUrgent("\0\xFFmn"));
+            ends.write(stream.substr(before));
+            ends.out->pubsync();
+
+            EXPECT_EQ(ends.urgent(), std::string("\0\xFFmn", 4));
+            EXPECT_TRUE(ends.read(stream.size() - early) == stream.substr(early));
+        }
+    }
+}
+
+TEST(xsocketbuf, AnUrgentValueAloneDoesNotMakeInput)
+{
+    Ends ends;
+    btkEvent input(ends.in->GetInputEvent());
+    btkEvent come(ends.in->GetUrgentEvent());
+    ends.out->SendUrgent("wxyz");
+
+    EXPECT_EQ(btkEvent::Wait({&come}, aWhile), 1);
+    EXPECT_EQ(btkEvent::Wait({&input}, btkTimeval(0, 20000)), 0);
+    std::streambuf* const view = ends.in->GetTryIBuf();
+    EXPECT_EQ(view->sgetc(), EOF);
+    EXPECT_FALSE(ends.in->IsEofReached());
+    ends.in->FreeTryIBuf();
+    EXPECT_TRUE(come.IsSignaled()) << "looking for input must not lose the value";
+    EXPECT_EQ(ends.urgent(), "wxyz");
+    EXPECT_FALSE(come.IsSignaled());
+}
+
+TEST(xsocketbuf, AViewShowsWhatHasComeAndTakesNothing)
+{
+    Ends ends;
+    ends.write("abc");
+    ends.out->pubsync();
+    ASSERT_TRUE(ends.far.IsReadable(aWhile));
+    char got[8] = {};
+
+    EXPECT_EQ(ends.in->GetTryIBuf()->sgetn(got, 8), 3);
+    EXPECT_TRUE(ends.in->IsTryExhausted());
+    ends.in->FreeTryIBuf();
+    EXPECT_EQ(ends.in->CountReadable(), 3u);
+    EXPECT_EQ(ends.read(3), "abc");
+}
+
+TEST(xsocketbuf, FailsToSendToAPeerThatIsGone)
+{
+    Ends ends;
+    ends.in.reset();
+    ends.far.Close();
+    const std::string much(1 << 20, 'x');
+
+    std::streamsize sent = 0;
+    for (int time = 0; time < 3; ++time)
+        sent += ends.out->sputn(much.data(), static_cast<std::streamsize>(much.size()));
+
+    EXPECT_LT(sent, 3 << 20);
+    EXPECT_EQ(ends.out->pubsync(), -1);
+}
+
+TEST(xsocketbuf, TransfersEverythingWhileInterrupted)
+{
+    Ends ends;
+    const std::string part(1000, 'p');
+    Interrupter interrupter;
+
+    std::thread writer([&] {
+        for (int i = 0; i < 4000; ++i)
+            ends.write(part);
+        ends.out->pubsync();
+    });
+    const std::string got = ends.read(4000000);
+    writer.join();
+
+    EXPECT_EQ(got.size(), 4000000u);
+    EXPECT_EQ(got.find_first_not_of('p'), std::string::npos);
+}

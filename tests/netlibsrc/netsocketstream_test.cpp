@@ -1,0 +1,233 @@
+#include <qel/xnetlib.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "support/socketpair.h"
+#include <qel/base/nmsclient.h>
+#include <qel/base/nmsserver.h>
+#include <qel/syslib.h>
+#include <qel/xiolib.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct Xdelete
+{
+    void operator()(xobject* p) const { xdelete(p); }
+};
+using Stream = std::unique_ptr<netSocketStream, Xdelete>;
+using Event = std::unique_ptr<ioEvent, Xdelete>;
+
+Stream streamOver(btkStreamSocket& connected)
+{
+    auto* const socket = new btkStreamSocket;
+    btkFd borrowed(connected.GetHandle());
+    socket->Adopt(borrowed.Duplicate());
+    borrowed.Release();
+    connected.Close();
+    return Stream(netSocketStream::Create(socket));
+}
+
+struct Streams : SocketPair
+{
+    Stream out = streamOver(near);
+    Stream in = streamOver(far);
+};
+
+// The error and the text of the network exception that `work` throws; "" when it throws none.
+template<class Work>
+std::string failureOf(Work work)
+{
+    try {
+        work();
+    } catch (xthrowable* thrown) {
+        netXException* const failure = netXException::softcast(thrown);
+        ioXStream* const streamFailure = ioXStream::softcast(thrown);
+        std::string text = failure != nullptr
+                               ? std::to_string(failure->getError()) + " " + failure->getMsg().CastToCString()
+                           : streamFailure != nullptr ? streamFailure->getMsg().CastToCString()
+                                                      : "another exception";
+        xdelete(thrown);
+        return text;
+    }
+    return "";
+}
+
+// A name server on a free port, which this process uses.
+class NameService : public testing::Test
+{
+protected:
+    NameService() : server({.port = 0})
+    {
+        if (server.Listen()) {
+            setenv("VRXNMSPORT", std::to_string(server.GetPort()).c_str(), 1);
+            thread = std::thread([this] { server.Run(); });
+        }
+    }
+    ~NameService() override
+    {
+        server.Stop();
+        if (thread.joinable())
+            thread.join();
+        unsetenv("VRXNMSPORT");
+    }
+
+    // Registers a record with these fields; a null port leaves it out.
+    void add(const char* name, const char* port)
+    {
+        capi_nmsServerProxy* proxy = nmsServConnectLocal();
+        capi_nmsRecord* record = MakeServerRecord(xstring(name));
+        nmsRecAdd(record, "n", std::to_string(++added).c_str());
+        if (port != nullptr)
+            nmsRecAdd(record, "_PortNumber", port);
+        EXPECT_EQ(nmsServRegister(proxy, record), nullptr);
+        nmsRecDelete(&record);
+        nmsServDelete(&proxy);
+    }
+    static std::string resolve(const char* name, int* port = nullptr)
+    {
+        const xrchandle<netAddress> address(netAddress::Create(name, nullptr));
+        return failureOf([&] {
+            const int found = ResolvePort(address.get());
+            EXPECT_EQ(found, address->getPortN());
+            if (port != nullptr)
+                *port = found;
+        });
+    }
+
+    nmsServer server;
+    std::thread thread;
+    int added = 0;
+};
+
+} // namespace
+
+TEST(netAddress, HoldsWhatItWasGiven)
+{
+    const xrchandle<netAddress> here(netAddress::Create(4000, xnullstr));
+    EXPECT_TRUE(here->getHostName() == sysGetCurHostName());
+    EXPECT_EQ(here->getPortN(), 4000);
+    EXPECT_TRUE(here->getServerName() == nullptr);
+
+    const xrchandle<netAddress> named(netAddress::Create("name", nullptr));
+    EXPECT_TRUE(named->getHostName() == nullptr);
+    EXPECT_EQ(named->getPortN(), 0);
+    EXPECT_TRUE(named->getServerName() == "name");
+    EXPECT_EQ(failureOf([] { ResolvePort(nullptr); }), "1 Address is nil!");
+}
+
+TEST_F(NameService, KnowsAServerFromItsRegistrationToItsEnd)
+{
+    EXPECT_TRUE(RegisterWithNMS(getNameServer(xstring()), 7001, xstring("words")));
+    capi_nmsServerProxy* proxy = getNameServer(xstring("localhost"));
+    ASSERT_NE(proxy, nullptr);
+    EXPECT_TRUE(IsRegisteredWithNMS(proxy, xstring("words")));
+    EXPECT_FALSE(IsRegisteredWithNMS(proxy, xstring("others")));
+    int port = 0;
+    EXPECT_EQ(resolve("words", &port), "");
+    EXPECT_EQ(port, 7001);
+
+    EXPECT_TRUE(UnregisterFromNMS(proxy, xstring("words")));
+
+    EXPECT_FALSE(IsRegisteredWithNMS(proxy, xstring("words")));
+    EXPECT_EQ(resolve("words"), "0 Server is not registered");
+    nmsServDelete(&proxy);
+}
+
+TEST_F(NameService, TheFirstRecordWithAPortDecides)
+{
+    add("many", nullptr);
+    add("many", "7002");
+    add("many", "7003");
+    int port = 0;
+    EXPECT_EQ(resolve("many", &port), "");
+    EXPECT_EQ(port, 7002);
+
+    for (const char* const useless : {"0", "-5", "abc"}) {
+        add(useless, useless);
+        EXPECT_EQ(resolve(useless), "0 Server is not registered");
+    }
+}
+
+TEST(NameServiceGone, IsReportedUnlessThePortIsKnown)
+{
+    btkAcceptSocket door;
+    ASSERT_TRUE(door.Listen(0, "127.0.0.1"));
+    setenv("VRXNMSPORT", std::to_string(door.GetPortN()).c_str(), 1);
+    const int port = door.GetPortN();
+    door.Close();
+    const xrchandle<netAddress> known(netAddress::Create(port, nullptr));
+    const xrchandle<netAddress> named(netAddress::Create("name", nullptr));
+
+    EXPECT_EQ(ResolvePort(known.get()), port);
+    EXPECT_EQ(failureOf([&] { ResolvePort(named.get()); }), "0 Name Server is not found");
+    EXPECT_EQ(netSocketStream::Connect(known.get(), 5.0), nullptr);
+    unsetenv("VRXNMSPORT");
+}
+
+TEST(netSocketStream, ConnectsAndCarriesValuesInXdrForm)
+{
+    btkAcceptSocket door;
+    ASSERT_TRUE(door.Listen(0, nullptr));
+    const xrchandle<netAddress> address(netAddress::Create(door.GetPortN(), xnullstr));
+    const Stream client(netSocketStream::Connect(address.get(), INFINITE));
+    ASSERT_NE(client, nullptr);
+    ASSERT_EQ(door.Wait(btkTimeval(10, 0), 1), 1);
+    btkStreamSocket accepted;
+    ASSERT_TRUE(door.Accept(&accepted));
+    const Stream server = streamOver(accepted);
+
+    client->WriteInt(-2);
+    client->WriteString("text");
+    client->WriteReal(0.5);
+    client->Flush(1);
+
+    EXPECT_EQ(server->ReadInt(), -2);
+    EXPECT_TRUE(server->ReadString(nullptr) == "text");
+    EXPECT_EQ(server->ReadReal(), 0.5);
+    EXPECT_EQ(server->TryReadInt(), ioWouldBlock);
+    client->Close();
+    EXPECT_EQ(failureOf([&] { server->ReadInt(); }), "Stream Error (iolib): EOF reached");
+}
+
+TEST(netSocketStream, CarriesUrgentIntegersBesideTheStream)
+{
+    Streams streams;
+    netSocketStream& out = *streams.out;
+    netSocketStream& in = *streams.in;
+    const Event urgent(in.OutOfBandEvent());
+    EXPECT_EQ(urgent->getType(), 2);
+    EXPECT_EQ(in.ReadOutOfBand(), xnullint);
+
+    for (const int value : {-7, 0, 0x01020304, 2147483647}) {
+        out.WriteInt(value / 2);
+        EXPECT_EQ(out.WriteOutOfBand(value), 1);
+        out.WriteInt(value / 3);
+        out.Flush(1);
+
+        EXPECT_EQ(urgent->Wait(10.0), 1);
+        EXPECT_EQ(in.ReadOutOfBand(), value);
+        EXPECT_EQ(in.ReadOutOfBand(), xnullint);
+        EXPECT_EQ(urgent->getIsSignaled(), 0);
+        EXPECT_EQ(in.ReadInt(), value / 2);
+        EXPECT_EQ(in.ReadInt(), value / 3);
+    }
+}
+
+TEST(netSocketStream, RefusesUrgentIntegersOnceItIsClosed)
+{
+    Streams streams;
+    netSocketStream& closed = *streams.out;
+    const Event urgent(closed.OutOfBandEvent());
+    closed.Close();
+
+    const char* const text = "Stream Error (iolib): stream not open";
+    EXPECT_EQ(failureOf([&] { closed.WriteOutOfBand(1); }), text);
+    EXPECT_EQ(failureOf([&] { closed.ReadOutOfBand(); }), text);
+    EXPECT_EQ(failureOf([&] { closed.OutOfBandEvent(); }), text);
+    EXPECT_EQ(urgent->getIsSignaled(), 1);
+}
