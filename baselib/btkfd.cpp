@@ -157,6 +157,31 @@ bool btkIsTerminal(btkHandle handle)
     return isatty(handle) == 1;
 }
 
+std::ptrdiff_t btkMove(const btkPlace& from, const btkPlace& to)
+{
+    // The pages of a file are not to be passed into a pipe: they would change with the file until they are
+    // read.
+    if (from.position != nullptr && to.position == nullptr)
+        return -1;
+    constexpr std::size_t most = 1 << 30;
+    off64_t source = from.position == nullptr ? 0 : *from.position;
+    off64_t target = to.position == nullptr ? 0 : *to.position;
+    off64_t* const targetPlace = to.position == nullptr ? nullptr : &target;
+    btkNoSigPipe guard;
+    const std::ptrdiff_t moved = Retry(to.handle, POLLOUT, [&] {
+        return from.position != nullptr
+                   ? copy_file_range(from.handle, &source, to.handle, targetPlace, most, 0)
+                   : splice(from.handle, nullptr, to.handle, targetPlace, most, 0);
+    });
+    if (moved < 0 && errno == EPIPE)
+        guard.Raised();
+    if (moved > 0 && from.position != nullptr)
+        *from.position = source;
+    if (moved > 0 && to.position != nullptr)
+        *to.position = target;
+    return moved;
+}
+
 std::size_t btkCountReadable(btkHandle handle)
 {
     int count = 0;

@@ -81,6 +81,19 @@ BASE_API bool btkIsReadable(btkHandle handle, btkTimeval limit = {});
 /// `broken` is set then.
 BASE_API std::size_t btkCountWritable(btkHandle handle, bool& broken);
 
+/// A descriptor and where in it the next byte is: at `*position`, or, when that is null, wherever the host
+/// has it.
+struct btkPlace
+{
+    btkHandle handle = -1;
+    long long* position = nullptr;
+};
+/// Lets the host move bytes, as many as there are at once, from one place to another without bringing them
+/// into the process: from file to file, and out of a pipe, where it waits for some. Answers how many were
+/// moved and advances the positions; 0 at the end of the input; -1 when the host cannot do that for these
+/// two: nothing has happened then, and reading and writing show whether there is a fault.
+BASE_API std::ptrdiff_t btkMove(const btkPlace& from, const btkPlace& to);
+
 /// Keeps SIGPIPE from the calling thread for the life of a block: a write to something without a reader fails
 /// with EPIPE, and the signal that the block caused is taken away again. One that was pending before stays.
 class BASE_API btkNoSigPipe
