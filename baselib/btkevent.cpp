@@ -2,40 +2,32 @@
 
 #include "btkpoll_p.h"
 
-#include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-namespace {
+static_assert(sizeof(btkPollSet::Place) == sizeof(pollfd) &&
+              offsetof(btkPollSet::Place, ready) == offsetof(pollfd, revents));
 
-// One place for each event of a wait; on the stack unless there are very many.
-class PollSet
+btkPollSet::btkPollSet(std::size_t size, btkTimeval timeLimit)
+    : count(size), limit(timeLimit),
+      end(limit.IsForever() || limit == btkTimeval() ? limit : btkTimeval::Now() + limit)
 {
-public:
-    explicit PollSet(std::size_t count)
-    {
-        if (count > near.size()) {
-            far.resize(count);
-            all = far.data();
-        }
-    }
-    PollSet(const PollSet&) = delete;
-    PollSet& operator=(const PollSet&) = delete;
+    if (count > std::size(near))
+        all = far = new Place[count];
+}
 
-    pollfd* Get() { return all; }
-
-private:
-    std::array<pollfd, 512> near;
-    std::vector<pollfd> far;
-    pollfd* all = near.data();
-};
-
-// Stands among the events of a place whose event is on without its descriptor; means nothing to the host.
-constexpr short onMark = 0x4000;
-
-} // namespace
+int btkPollSet::Sleep()
+{
+    const int ready = btkPoll(reinterpret_cast<pollfd*>(all), count, limit);
+    mayGoOn = ready > 0;
+    if (limit > btkTimeval() && !limit.IsForever())
+        limit = end - btkTimeval::Now();
+    return marked + (mayGoOn ? ready : 0);
+}
 
 short btkBaseEvent::SelectEvents(int type)
 {
@@ -45,10 +37,18 @@ short btkBaseEvent::SelectEvents(int type)
 
 bool btkBaseEvent::IsSignaled()
 {
-    if (asks && OnAsk() != Ask)
+    if (watch->asks && OnAsk() != Ask)
         return true;
-    pollfd asked = {handle, events, 0};
-    return btkPoll(&asked, 1, {}) > 0 && (!asks || OnPolled(asked.revents));
+    pollfd asked = {watch->handle, watch->events, 0};
+    return btkPoll(&asked, 1, {}) > 0 && (!watch->asks || OnPolled(asked.revents));
+}
+
+btkEvent::btkEvent(btkBaseEvent* owned) : baseEvent(owned)
+{
+    if (owned == nullptr)
+        return;
+    watch = owned->ownWatch;
+    owned->watch = &watch;
 }
 
 bool btkEvent::IsSignaled()
@@ -56,55 +56,27 @@ bool btkEvent::IsSignaled()
     return baseEvent != nullptr && baseEvent->IsSignaled();
 }
 
-bool btkEvent::Prepare(pollfd& place) const
+void btkEvent::PrepareAsked(btkPollSet::Place& place, btkPollSet& places)
 {
-    // The host passes over places with descriptor -1.
-    place = {-1, 0, 0};
-    if (baseEvent == nullptr)
-        return false;
-    const btkBaseEvent::State state = baseEvent->asks ? baseEvent->OnAsk() : btkBaseEvent::Ask;
-    place.events = static_cast<short>(baseEvent->events | (state == btkBaseEvent::Ask ? 0 : onMark));
-    if (state != btkBaseEvent::On)
-        place.fd = baseEvent->handle;
-    return state == btkBaseEvent::On;
+    const btkBaseEvent::State state = baseEvent->OnAsk();
+    place = {watch.handle, watch.events, 0}; // asking may have changed it
+    if (state == btkBaseEvent::Ask)
+        return;
+    if (state == btkBaseEvent::On)
+        place.handle = -1;
+    places.Mark(place, state == btkBaseEvent::QuietOn);
 }
 
-bool btkEvent::Finish(const pollfd& place)
+bool btkEvent::Finish(const btkPollSet::Place& place)
 {
-    bool on = (place.events & onMark) != 0;
-    if (!on && place.revents != 0)
-        on = !baseEvent->asks || baseEvent->OnPolled(place.revents);
-    wasSignaled.store(on, std::memory_order_relaxed);
+    const bool on = place.IsMarked() || !watch.asks || baseEvent->OnPolled(place.ready);
+    std::atomic_ref(watch.wasOn).store(on, std::memory_order_relaxed);
     return on;
 }
 
 int btkEvent::Wait(const List& list, btkTimeval limit, btkTimeval)
 {
-    const std::size_t count = list.size();
-    PollSet places(count);
-    pollfd* const asked = places.Get();
-    const btkTimeval end = limit.IsForever() || limit == btkTimeval() ? limit : btkTimeval::Now() + limit;
-    for (;;) {
-        bool awake = false;
-        for (std::size_t i = 0; i < count; ++i) {
-            if (list[i] != nullptr)
-                awake |= list[i]->Prepare(asked[i]);
-            else
-                asked[i] = {-1, 0, 0};
-        }
-
-        const int answer = btkPoll(asked, count, awake ? btkTimeval() : limit);
-
-        int signaled = 0;
-        for (std::size_t i = 0; i < count; ++i) {
-            if (list[i] != nullptr && list[i]->Finish(asked[i]))
-                ++signaled;
-        }
-        if (signaled > 0 || answer <= 0)
-            return signaled;
-        if (!limit.IsForever() && limit > btkTimeval())
-            limit = end - btkTimeval::Now();
-    }
+    return WaitForAny(list.size(), limit, [&](std::size_t i) { return list[i]; });
 }
 
 btkHandle Event_Create(bool isSet)

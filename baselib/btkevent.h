@@ -1,11 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <vector>
 
 #include <qel/base/btkfd.h>
-
-struct pollfd;
 
 /// Something that can be waited for: it is on (signaled) or not, and waiting does not change that. Each kind
 /// rests on a descriptor that becomes ready; a kind that knows more than its descriptor overrides OnAsk and
@@ -31,26 +30,35 @@ protected:
     /// An event that is on while `awaited` (as poll takes them) hold for `watched`. The descriptor is not
     /// owned. With -1 the event is on by OnAsk alone. `knowsMore`: OnAsk and OnPolled are to be called.
     explicit btkBaseEvent(btkHandle watched, short awaited, bool knowsMore = false)
-        : handle(watched), events(awaited), asks(knowsMore)
+        : ownWatch{watched, awaited, knowsMore}
     {
     }
+
+    /// What a wait looks at.
+    struct Watch
+    {
+        btkHandle handle; // -1: none
+        short events;
+        bool asks; // OnAsk and OnPolled are to be called
+        alignas(std::atomic_ref<bool>::required_alignment) bool wasOn = false; // the last wait found it on
+    };
+    Watch& GetWatch() { return *watch; }
 
     /// The poll events of the select types: 0 readable, 1 writable, 2 urgent data there.
     static short SelectEvents(int type);
 
-    /// Called before the descriptor is asked and before every sleep; may change `handle`.
+    /// Called before the descriptor is asked and before every sleep; may change the watch.
     virtual State OnAsk() { return Ask; }
     /// Called when the descriptor was found ready (`ready` as poll answers it). False when that was a false
     /// alarm, which must not stay: the wait goes on.
     virtual bool OnPolled(short ready) { return ready != 0; }
 
-    btkHandle handle;
-    short events;
-
 private:
     friend class btkEvent;
 
-    bool asks;
+    Watch ownWatch;
+    Watch* watch =
+        &ownWatch; // its owner's once it has one: a wait for many events looks at each in one place
 };
 
 /// An event that is always on.
@@ -72,6 +80,56 @@ public:
     btkSelectEvent(btkHandle watched, int type) : btkBaseEvent(watched, SelectEvents(type)) {}
 };
 
+/// The places of the events of one wait, for the host to look at. On the stack unless there are very many.
+class BASE_API btkPollSet
+{
+public:
+    /// As the host has it (pollfd).
+    struct Place
+    {
+        btkHandle handle; // -1: nothing to look at
+        short events;
+        short ready;
+
+        bool IsMarked() const { return (events & onMark) != 0; }
+        bool IsFound() const { return ((events & onMark) | ready) != 0; }
+    };
+
+    btkPollSet(std::size_t size, btkTimeval timeLimit);
+    ~btkPollSet() { delete[] far; }
+    btkPollSet(const btkPollSet&) = delete;
+    btkPollSet& operator=(const btkPollSet&) = delete;
+
+    Place& operator[](std::size_t i) { return all[i]; }
+    /// Marks a place as on without its descriptor. `quietly`: that does not end the sleep.
+    void Mark(Place& place, bool quietly)
+    {
+        place.events |= onMark;
+        ++marked;
+        if (!quietly)
+            limit = {};
+    }
+    /// Sleeps until a place is ready or what is left of the limit has passed. Answers how many places are
+    /// found, or more.
+    int Sleep();
+    /// Whether another sleep, after all places have been filled in again, may find something else.
+    bool GoesOn() const { return mayGoOn; }
+
+private:
+    /// Stands among the events of a place whose event is on without its descriptor; means nothing to the
+    /// host.
+    static constexpr short onMark = 0x4000;
+
+    std::size_t count;
+    btkTimeval limit;
+    btkTimeval end;
+    int marked = 0;
+    bool mayGoOn = true;
+    Place near[512];
+    Place* far = nullptr;
+    Place* all = near;
+};
+
 /// Owns a btkBaseEvent and waits for several of them at once.
 class BASE_API btkEvent
 {
@@ -79,7 +137,7 @@ public:
     using List = std::vector<btkEvent*>;
 
     /// Takes ownership of `owned`. Null: an event that is never on.
-    explicit btkEvent(btkBaseEvent* owned) : baseEvent(owned) {}
+    explicit btkEvent(btkBaseEvent* owned);
     virtual ~btkEvent() { delete baseEvent; }
     btkEvent(const btkEvent&) = delete;
     btkEvent& operator=(const btkEvent&) = delete;
@@ -87,22 +145,61 @@ public:
     /// Whether it is on now. Does not wait.
     bool IsSignaled();
     /// Whether the last wait that this event took part in found it on.
-    bool WasSignaled() const { return wasSignaled.load(std::memory_order_relaxed); }
+    bool WasSignaled() { return std::atomic_ref(watch.wasOn).load(std::memory_order_relaxed); }
 
     /// Sleeps until at least one event of `list` is on or `limit` has passed, and answers how many are on.
     /// Null entries are skipped. `second` has no meaning on this host, where all kinds are waited for at
     /// once.
     static int Wait(const List& list, btkTimeval limit, btkTimeval second = {});
+    /// The same for `count` events that `at(i)` gives.
+    template<class At>
+    static int WaitForAny(std::size_t count, btkTimeval limit, At at);
 
 private:
-    /// Fills in this event's place of a wait; true when the wait needs no sleep.
-    bool Prepare(pollfd& place) const;
-    /// Takes the result from its place.
-    bool Finish(const pollfd& place);
+    /// Fills in this event's place of a wait.
+    void Prepare(btkPollSet::Place& place, btkPollSet& places)
+    {
+        if (WasSignaled())
+            std::atomic_ref(watch.wasOn).store(false, std::memory_order_relaxed);
+        place = {watch.handle, watch.events, 0};
+        if (watch.asks)
+            PrepareAsked(place, places);
+    }
+    void PrepareAsked(btkPollSet::Place& place, btkPollSet& places);
+    /// Takes the result from its place, where something was found. Whether the event is on.
+    bool Finish(const btkPollSet::Place& place);
 
+    btkBaseEvent::Watch watch = {-1, 0, false}; // first of all: what a wait looks at
     btkBaseEvent* baseEvent;
-    std::atomic<bool> wasSignaled = false;
 };
+
+template<class At>
+int btkEvent::WaitForAny(std::size_t count, btkTimeval limit, At at)
+{
+    // The events lie anywhere in memory, and the host's own work has pushed them out of the nearest cache.
+    constexpr std::size_t ahead = 24;
+    btkPollSet places(count, limit);
+    for (;;) {
+        for (std::size_t i = 0; i < count; ++i) {
+            if (i + ahead < count)
+                __builtin_prefetch(at(i + ahead));
+            if (btkEvent* const event = at(i))
+                event->Prepare(places[i], places);
+            else
+                places[i] = {-1, 0, 0};
+        }
+        int signaled = 0;
+        int found = places.Sleep(); // a place that is found in two ways counts twice
+        for (std::size_t i = 0; found > 0 && i < count; ++i) {
+            if (places[i].IsFound()) {
+                signaled += at(i)->Finish(places[i]);
+                --found;
+            }
+        }
+        if (signaled > 0 || !places.GoesOn())
+            return signaled;
+    }
+}
 
 // ---- events that a program sets and resets
 

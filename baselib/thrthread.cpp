@@ -88,5 +88,5 @@ btkPROCESSEvent::btkPROCESSEvent(btkHandle exit) : btkBaseEvent(-1, SelectEvents
     btkFd borrowed(exit);
     own = borrowed.Duplicate();
     borrowed.Release();
-    handle = own.Get();
+    GetWatch().handle = own.Get();
 }

@@ -32,7 +32,8 @@ public:
     explicit btkPROCESSEvent(btkHandle exit);
 
 protected:
-    State OnAsk() override { return handle < 0 ? On : Ask; } // no descriptor was left: better not to wait
+    // On when no descriptor was left: better not to wait.
+    State OnAsk() override { return GetWatch().handle < 0 ? On : Ask; }
 
 private:
     btkFd own;

@@ -19,6 +19,7 @@ std::size_t xinputbuf::ReadInto(char* to, std::size_t size)
 {
     const std::ptrdiff_t count = ReadSome(to, size);
     SetEofReached(count <= 0);
+    NoteHeld();
     return count <= 0 ? 0 : static_cast<std::size_t>(count);
 }
 

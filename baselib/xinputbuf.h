@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include <qel/base/xstreambuf.h>
 
 /// Buffered input from a source that delivers when it likes: a pipe, a socket, a terminal. Reading n bytes

@@ -1,39 +1,65 @@
 #include <qel/base/xstreambuf.h>
 
-#include <utility>
-
 /// An input or output event of a buffer. The buffer may go first.
 class xbufferevent final : public btkBaseEvent
 {
 public:
-    xbufferevent(std::shared_ptr<xstreambuf*> shared, btkHandle watched, int type)
-        : btkBaseEvent(watched, SelectEvents(type), true), buffer(std::move(shared)), isInput(type == 0)
+    xbufferevent(xstreambuf& owner, btkHandle watched, int type)
+        : btkBaseEvent(watched, SelectEvents(type)), buffer(&owner), isInput(type == 0), next(owner.eventList)
     {
+        if (next != nullptr)
+            next->place = &next;
+        owner.eventList = this;
+        place = &owner.eventList;
+        GetWatch().asks = isInput;
+    }
+    ~xbufferevent() override { Leave(); }
+
+    // Leaves the buffer, which goes, and is on from now on.
+    void Leave()
+    {
+        if (buffer == nullptr)
+            return;
+        *place = next;
+        if (next != nullptr)
+            next->place = place;
+        buffer = nullptr;
+        GetWatch() = {-1, 0, true};
+    }
+
+    // The buffer has taken bytes from its source: they are to be asked for until they are gone.
+    static void NoteHeld(xbufferevent* list)
+    {
+        for (; list != nullptr; list = list->next)
+            list->GetWatch().asks = list->isInput;
     }
 
 protected:
     State OnAsk() override
     {
-        if (*buffer == nullptr) {
-            handle = -1;
+        if (buffer == nullptr)
             return On;
-        }
-        return isInput ? (*buffer)->OnAskInput() : Ask;
+        const bool mayKnow = buffer->gptr() != buffer->egptr() || buffer->asksInput;
+        GetWatch().asks = mayKnow;
+        return mayKnow ? buffer->OnAskInput() : Ask;
     }
     bool OnPolled(short ready) override
     {
-        return isInput && *buffer != nullptr ? (*buffer)->OnInputPolled(ready) : ready != 0;
+        return isInput && buffer != nullptr ? buffer->OnInputPolled(ready) : ready != 0;
     }
 
 private:
-    std::shared_ptr<xstreambuf*> buffer;
+    xstreambuf* buffer; // null once it is gone
     bool isInput;
+    // The buffer's list of events.
+    xbufferevent* next;
+    xbufferevent** place; // what points to this one
 };
 
 xstreambuf::~xstreambuf()
 {
-    if (link != nullptr)
-        *link = nullptr;
+    while (eventList != nullptr)
+        eventList->Leave();
 }
 
 std::streambuf* xstreambuf::GetTryIBuf()
@@ -58,21 +84,27 @@ void xstreambuf::FreeTryOBuf()
     OnFreeTryOBuf();
 }
 
-std::shared_ptr<xstreambuf*> xstreambuf::GetLink()
+void xstreambuf::PassTo(xstreambuf& to)
 {
-    if (link == nullptr)
-        link = std::make_shared<xstreambuf*>(this);
-    return link;
+    const btkPlace source = GetSourcePlace();
+    const btkPlace target = source.handle < 0 ? btkPlace() : to.GetTargetPlace();
+    while (target.handle >= 0 && btkMove(source, target) > 0) {
+    }
+}
+
+void xstreambuf::NoteHeld()
+{
+    xbufferevent::NoteHeld(eventList);
 }
 
 btkBaseEvent* xstreambuf::MakeInputEvent(btkHandle handle)
 {
-    return new xbufferevent(GetLink(), handle, 0);
+    return new xbufferevent(*this, handle, 0);
 }
 
 btkBaseEvent* xstreambuf::MakeOutputEvent(btkHandle handle)
 {
-    return new xbufferevent(GetLink(), handle, 1);
+    return new xbufferevent(*this, handle, 1);
 }
 
 xtrystreambuf::int_type xtrystreambuf::underflow()

@@ -1,10 +1,11 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
 #include <streambuf>
 
 #include <qel/base/btkevent.h>
+
+class xbufferevent;
 
 /// The buffer under a framework stream: a standard stream buffer that can also lend what is unread without
 /// consuming it, test what can be written without writing it, and give events to wait for. Used by one thread
@@ -38,6 +39,10 @@ public:
     /// On while something can be written. Null when this buffer has no such event.
     btkBaseEvent* GetOutputEvent() { return OnGetOutputEvent(); }
 
+    /// Lets the host move the input, of which nothing is held, to the target of `to`, as far as it can do
+    /// that for the two. What is left afterwards, all or nothing, is for an ordinary copy.
+    void PassTo(xstreambuf& to);
+
     // ---- what is known
 
     /// Whether no more input can arrive than what is held.
@@ -53,6 +58,11 @@ protected:
     void SetEofReached(bool reached = true) { eofReached = reached; }
     void SetTryExhausted() { tryExhausted = true; }
 
+    /// Where the host has the next byte to be read or written; no handle when bytes are held here, or are not
+    /// simply those of the descriptor.
+    virtual btkPlace GetSourcePlace() { return {}; }
+    virtual btkPlace GetTargetPlace() { return {}; }
+
     virtual std::streambuf* OnGetTryIBuf() { return nullptr; }
     virtual void OnFreeTryIBuf() {}
     virtual std::streambuf* OnGetTryOBuf() { return nullptr; }
@@ -63,8 +73,16 @@ protected:
     /// New events over `handle` that ask this buffer too, with the operations below, and outlive it safely.
     btkBaseEvent* MakeInputEvent(btkHandle handle);
     btkBaseEvent* MakeOutputEvent(btkHandle handle);
-    /// What is known about the input before the handle is asked; called before each sleep of a wait.
+    /// What is known about the input before the handle is asked. Called before each sleep of a wait while
+    /// bytes are held, which a buffer tells with NoteHeld when it has taken some from its source; and always,
+    /// once SetAsksInput was called.
     virtual btkBaseEvent::State OnAskInput() { return btkBaseEvent::Ask; }
+    void NoteHeld();
+    void SetAsksInput()
+    {
+        asksInput = true;
+        NoteHeld();
+    }
     /// The handle was found ready to read. False when there is no input after all.
     virtual bool OnInputPolled(short ready) { return ready != 0; }
 
@@ -77,9 +95,8 @@ private:
     friend class xtryoutputbuf;
     friend class xbufferevent;
 
-    std::shared_ptr<xstreambuf*> GetLink();
-
-    std::shared_ptr<xstreambuf*> link; // shared with the events; holds null once this buffer is gone
+    xbufferevent* eventList = nullptr; // those that are alive
+    bool asksInput = false;
     bool eofReached = false;
     bool tryExhausted = false;
 };

@@ -39,7 +39,7 @@ protected:
             return true;
         --falseAlarms;
         char taken;
-        EXPECT_EQ(btkRead(handle, &taken, 1), 1);
+        EXPECT_EQ(btkRead(GetWatch().handle, &taken, 1), 1);
         return false;
     }
 };

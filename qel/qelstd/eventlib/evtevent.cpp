@@ -16,30 +16,25 @@ constinit qelClass evtEventArray::rtti = {
 
 namespace {
 
-int WaitForAny(const btkEvent::List& list, double timeout)
+btkTimeval LimitOf(double timeout)
 {
-    const btkTimeval limit = timeout == INFINITE ? btkTimeval::Forever() : btkTimeval(timeout);
-    const int signaled = btkEvent::Wait(list, limit, btkTimeval(0.01));
-    return signaled > 0 ? signaled : 0;
+    return timeout == INFINITE ? btkTimeval::Forever() : btkTimeval(timeout);
 }
 
 } // namespace
 
 int evtEvent::Wait(evtEventArray* events, double timeout)
 {
-    btkEvent::List list;
-    if (qelIsObject(events)) {
-        const int count = events->getarraysize();
-        list.reserve(static_cast<std::size_t>(count));
-        for (int i = 0; i < count; ++i)
-            list.push_back(qelIsObject(events->get(i)) ? events->get(i) : nullptr);
-    }
-    return WaitForAny(list, timeout);
+    const std::size_t count = qelIsObject(events) ? static_cast<std::size_t>(events->getarraysize()) : 0;
+    evtEvent* const* const list = count > 0 ? events->First() : nullptr;
+    return WaitForAny(count, LimitOf(timeout), [list](std::size_t i) -> btkEvent* {
+        return qelIsObject(list[i]) ? list[i] : nullptr;
+    });
 }
 
 unsigned char evtEvent::Wait(double timeout)
 {
-    return WaitForAny({this}, timeout) == 1;
+    return WaitForAny(1, LimitOf(timeout), [this](std::size_t) -> btkEvent* { return this; }) == 1;
 }
 
 unsigned char evtEvent::getIsSignaled()

@@ -12,4 +12,9 @@ class QEL_API evtEventArray : public xtssequence<evtEvent*>
 public:
     evtEventArray() : xtssequence({false, 256}) {}
     static evtEventArray* create() { return new (pDefMemMgr) evtEventArray; }
+
+private:
+    friend class evtEvent;
+
+    evtEvent* const* First() { return at(0); }
 };
