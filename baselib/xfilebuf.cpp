@@ -122,6 +122,12 @@ std::size_t xfilebuf::CountPending()
     return left > 0 ? static_cast<std::size_t>(left) : 0;
 }
 
+btkPlace xfilebuf::GetSourcePlace()
+{
+    const bool isThere = hasPositions && BeginReading() && Held() == 0;
+    return {isThere ? file.Get() : -1, &filePosition};
+}
+
 xfilebuf::int_type xfilebuf::underflow()
 {
     return BeginReading() ? xinputbuf::underflow() : traits_type::eof();
@@ -201,6 +207,12 @@ bool xfilebuf::BeginWriting()
         setp(pendingStart, pendingStart + usualSize);
     }
     return true;
+}
+
+btkPlace xfilebuf::GetTargetPlace()
+{
+    const bool isThere = hasPositions && !keepsWhole && BeginWriting() && WritePending();
+    return {isThere ? file.Get() : -1, &filePosition};
 }
 
 xfilebuf::int_type xfilebuf::overflow(int_type byte)

@@ -46,6 +46,9 @@ protected:
     std::size_t FillSize() override;
     std::size_t CountPending() override;
 
+    btkPlace GetSourcePlace() override;
+    btkPlace GetTargetPlace() override;
+
     int_type underflow() override;
     std::streamsize xsgetn(char* to, std::streamsize count) override;
     int_type overflow(int_type byte) override;

@@ -9,6 +9,9 @@ class BASE_API xipipebuf : public xinputbuf
 public:
     explicit xipipebuf(btkInputPipe input) : xinputbuf(input.Get()), end(std::move(input)) {}
 
+protected:
+    btkPlace GetSourcePlace() override { return {Held() == 0 ? end.Get() : -1, nullptr}; }
+
 private:
     btkInputPipe end;
 };
@@ -39,6 +42,9 @@ class BASE_API xopipebuf : public xoutputbuf
 {
 public:
     explicit xopipebuf(btkOutputPipe output) : xoutputbuf(output.Get()), end(std::move(output)) {}
+
+protected:
+    btkPlace GetTargetPlace() override { return {end.Get(), nullptr}; }
 
 private:
     btkOutputPipe end;
