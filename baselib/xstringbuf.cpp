@@ -4,13 +4,23 @@
 #include <cstring>
 #include <new>
 
-xstringbuf::xstringbuf(const char* text, std::size_t size)
-    : storage(std::make_unique_for_overwrite<char[]>(size)), capacity(size), readOnly(true)
+xstringbuf::xstringbuf(const char* text, std::size_t size) : readOnly(true)
 {
+    Reallocate(size);
     char* const start = storage.get();
     if (size > 0)
         std::memcpy(start, text, size);
     setg(start, start, start + size);
+}
+
+void xstringbuf::Reallocate(std::size_t size)
+{
+    char* const moved = static_cast<char*>(std::realloc(storage.get(), size > 0 ? size : 1));
+    if (moved == nullptr)
+        throw std::bad_alloc();
+    [[maybe_unused]] const char* const old = storage.release();
+    storage.reset(moved);
+    capacity = size;
 }
 
 std::size_t xstringbuf::GetSize() const
@@ -26,15 +36,11 @@ void xstringbuf::Grow(std::size_t count)
         return;
     if (count > static_cast<std::size_t>(-1) / 4 - size)
         throw std::bad_alloc();
-    const std::size_t newCapacity = std::max({std::size_t(256), capacity * 2, size + count});
-    auto larger = std::make_unique_for_overwrite<char[]>(newCapacity);
-    char* const start = larger.get();
-    if (size > 0)
-        std::memcpy(start, storage.get(), size);
-    setg(start, start + (gptr() - eback()), start + size);
-    setp(start + size, start + newCapacity);
-    storage = std::move(larger);
-    capacity = newCapacity;
+    const std::ptrdiff_t read = gptr() - eback();
+    Reallocate(std::max({std::size_t(256), capacity * 2, size + count}));
+    char* const start = storage.get();
+    setg(start, start + read, start + size);
+    setp(start + size, start + capacity);
 }
 
 // Lets the get area reach up to what was written. True when there is something unread.

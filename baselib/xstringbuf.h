@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstdlib>
+#include <memory>
+
 #include <qel/base/xstreambuf.h>
 
 /// A buffer in memory. What was written is readable at once, and reading takes nothing away from GetText.
@@ -26,10 +29,16 @@ protected:
     btkBaseEvent* OnGetInputEvent() override { return new btkAlwaysEvent; }
 
 private:
+    void Reallocate(std::size_t size);
     void Grow(std::size_t count);
     bool ShowWritten();
 
-    std::unique_ptr<char[]> storage;
+    struct Free
+    {
+        void operator()(char* memory) const { std::free(memory); }
+    };
+
+    std::unique_ptr<char, Free> storage; // of the C runtime, which can let a block grow where it is
     std::size_t capacity = 0;
     bool readOnly = false;
     xtrystreambuf view{*this};
