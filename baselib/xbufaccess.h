@@ -20,8 +20,8 @@ public:
     /// Room for `size` bytes in the put area, or null when it has less. Nothing counts as written.
     static char* Reserve(std::streambuf& buffer, std::size_t size)
     {
-        char* const place = (buffer.*&xbufaccess::pptr)();
-        return static_cast<std::size_t>((buffer.*&xbufaccess::epptr)() - place) >= size ? place : nullptr;
+        char* const place = Place(buffer);
+        return static_cast<std::size_t>(Limit(buffer) - place) >= size ? place : nullptr;
     }
     /// Writes the `size` bytes that now stand in the room that Reserve gave.
     static void Commit(std::streambuf& buffer, int size) { (buffer.*&xbufaccess::pbump)(size); }
@@ -35,4 +35,7 @@ public:
     /// The unread bytes of the get area: from Next to End.
     static const char* Next(const std::streambuf& buffer) { return (buffer.*&xbufaccess::gptr)(); }
     static const char* End(const std::streambuf& buffer) { return (buffer.*&xbufaccess::egptr)(); }
+    /// The room of the put area: from Place to Limit.
+    static char* Place(const std::streambuf& buffer) { return (buffer.*&xbufaccess::pptr)(); }
+    static char* Limit(const std::streambuf& buffer) { return (buffer.*&xbufaccess::epptr)(); }
 };

@@ -181,6 +181,24 @@ TEST(ioStream, ChoosesItsFormUntilTheFirstTransfer)
     EXPECT_EQ(stream.getSerializer(), ioSerializer::getAscii());
 }
 
+TEST(ioStream, WorksWithAFormOfTheApplicationsOwn)
+{
+    struct Doubling : ioXDRSerializer
+    {
+        ioTryCode WrInt(int v, std::streambuf* sb) override { return ioXDRSerializer::WrInt(2 * v, sb); }
+        ioTryCode WrByte(char, std::streambuf*) override { return ioNotSupported; }
+    } form;
+    const auto stream = MemoryStream(&form);
+
+    stream->WriteInt(1);
+    stream->WriteInt(21);
+    stream->WriteString("ab"); // its length is an int of the form
+    EXPECT_EQ(stream->ReadInt(), 2);
+    EXPECT_EQ(stream->ReadInt(), 42);
+    EXPECT_EQ(stream->ReadInt(), 4);
+    EXPECT_EQ(FailureOf([&] { stream->WriteByte(1); }), prefix + "function \"\" not supported");
+}
+
 TEST(ioStream, RemembersItsFailuresUntilTheyAreCleared)
 {
     CountingStream stream(true, true);

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "iosupport.h"
 #include "support/tempdir.h"
 #include <qel/base/btkfd.h>
@@ -162,6 +164,44 @@ TEST_F(FileStream, CopiesLargeFiles)
         CopyStream(to.get(), from.get());
     }
     EXPECT_TRUE(dir.read("g") == content.substr(1));
+}
+
+TEST_F(FileStream, CopiesWhatAPipeDelivers)
+{
+    std::string content(1000000, ' ');
+    for (std::size_t i = 0; i < content.size(); ++i)
+        content[i] = static_cast<char>(i ^ (i >> 7));
+    const Owned<ioPipe> pipe(ioPipe::Create());
+    std::thread writer([&] {
+        pipe->getWriteEnd()->WriteInt(3);
+        pipe->getWriteEnd()->WriteBytes(content.data(), static_cast<unsigned>(content.size()));
+        pipe->getWriteEnd()->Close();
+    });
+    EXPECT_EQ(pipe->getReadEnd()->ReadInt(), 3); // some of the rest is held now
+    dir.write("f", "head....");
+    const auto to = Open(ioReadWrite, ioSerializer::getBinary());
+    to->WriteBytes("HEAD", 4);
+
+    CopyStream(to.get(), pipe->getReadEnd());
+    writer.join();
+
+    EXPECT_EQ(to->TellPos(), 1000004);
+    EXPECT_TRUE(dir.read("f") == "HEAD" + content);
+}
+
+TEST_F(FileStream, CopiesFilesThatDoNotTellTheirSize)
+{
+    const Owned<ioFileStream> from(ioFileStream::Open("/proc/self/status", ioReadOnly));
+    const Owned<ioStringStream> memory(ioStringStream::Create(xnullstr));
+    {
+        const Owned<ioFileStream> to(ioFileStream::Open(dir.path("f").c_str(), ioWriteOnly));
+        to->ReadStream(from.get());
+    }
+    from->SeekOff(0, ioBegin);
+    memory->ReadStream(from.get());
+
+    EXPECT_NE(dir.read("f").find("Pid:"), std::string::npos);
+    EXPECT_NE(TextOf(memory->getStr()).find("Pid:"), std::string::npos);
 }
 
 TEST_F(FileStream, IsDescribed)

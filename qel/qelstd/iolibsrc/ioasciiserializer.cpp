@@ -191,23 +191,44 @@ ioTryCode ReadReal(double& value, std::streambuf& sb)
     return CodeOf(!ConvertReal(value, text.data(), text.data() + text.size()), c == end);
 }
 
-// The text of a value, in memory of its own.
-class Text
+// The longest text of a number.
+constexpr std::size_t longestNumber = 32;
+
+char* Format(char* to, int v)
 {
-public:
-    explicit Text(int v) : stop(std::to_chars(bytes, bytes + sizeof bytes, v).ptr) {}
-    explicit Text(double d)
-        : stop(std::to_chars(bytes, bytes + sizeof bytes, d, std::chars_format::general, 6).ptr)
-    {
-    }
+    return std::to_chars(to, to + longestNumber, v).ptr;
+}
 
-    std::size_t Size() const { return static_cast<std::size_t>(stop - bytes); }
-    ioTryCode Put(std::streambuf& sb) const { return ioPut(sb, bytes, Size()); }
+char* Format(char* to, double d)
+{
+    return std::to_chars(to, to + longestNumber, d, std::chars_format::general, 6).ptr;
+}
 
-private:
-    char bytes[32];
-    const char* stop;
-};
+template<class Value>
+bool FormatHeld(Value value, std::streambuf& sb)
+{
+    char* const room = xbufaccess::Reserve(sb, longestNumber);
+    if (room == nullptr)
+        return false;
+    xbufaccess::Commit(sb, static_cast<int>(Format(room, value) - room));
+    return true;
+}
+
+template<class Value>
+ioTryCode WriteNumber(Value value, std::streambuf& sb)
+{
+    if (FormatHeld(value, sb))
+        return ioSuccess;
+    char text[longestNumber];
+    return ioPut(sb, text, static_cast<std::size_t>(Format(text, value) - text));
+}
+
+template<class Value>
+int SizeOfNumber(Value value)
+{
+    char text[longestNumber];
+    return static_cast<int>(Format(text, value) - text);
+}
 
 // Reads up to `delimiter` or the end. Nothing is consumed but what goes into the string.
 ioTryCode ReadUpTo(char delimiter, xstring& s, std::streambuf& sb)
@@ -246,6 +267,16 @@ ioTryCode ReadUpTo(char delimiter, xstring& s, std::streambuf& sb)
 }
 
 } // namespace
+
+bool ioFormatHeld(int v, std::streambuf& sb)
+{
+    return FormatHeld(v, sb);
+}
+
+bool ioFormatHeld(double d, std::streambuf& sb)
+{
+    return FormatHeld(d, sb);
+}
 
 // ---- bytes and bools
 
@@ -308,12 +339,12 @@ ioTryCode ioAsciiSerializer::RdInt(int& v, std::streambuf* sb)
 
 ioTryCode ioAsciiSerializer::WrInt(int v, std::streambuf* sb)
 {
-    return Text(v).Put(*sb);
+    return WriteNumber(v, *sb);
 }
 
 int ioAsciiSerializer::SzInt(int v)
 {
-    return static_cast<int>(Text(v).Size());
+    return SizeOfNumber(v);
 }
 
 ioTryCode ioAsciiSerializer::RdReal(double& d, std::streambuf* sb)
@@ -323,12 +354,12 @@ ioTryCode ioAsciiSerializer::RdReal(double& d, std::streambuf* sb)
 
 ioTryCode ioAsciiSerializer::WrReal(double d, std::streambuf* sb)
 {
-    return Text(d).Put(*sb);
+    return WriteNumber(d, *sb);
 }
 
 int ioAsciiSerializer::SzReal(double d)
 {
-    return static_cast<int>(Text(d).Size());
+    return SizeOfNumber(d);
 }
 
 // ---- strings

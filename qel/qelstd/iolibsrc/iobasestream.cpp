@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <climits>
+#include <memory>
 #include <streambuf>
 
+#include "ioform_p.h"
 #include "qelexception.h"
 #include "qeltable.h"
 #include <qel/base/xbufaccess.h>
@@ -43,8 +45,7 @@ ioStream::ioStream(ioSerializer* form, xstreambuf* buffer, bool writable, bool r
 
 ioStream::~ioStream()
 {
-    if (link != nullptr)
-        *link = nullptr;
+    link.Leave();
 }
 
 void ioStream::Close()
@@ -53,6 +54,7 @@ void ioStream::Close()
         return;
     OnClose();
     isOpen = false;
+    FindWays();
     streamBuf = nullptr;
     direct = nullptr;
 }
@@ -79,7 +81,7 @@ void ioStream::Throw(ioError error, const char* msg)
 
 void ioStream::ThrowState(int bits)
 {
-    state |= bits;
+    SetState(state | bits);
     Throw(ioStreamState);
 }
 
@@ -247,7 +249,7 @@ ioEvent* ioStream::CreateEvent(btkBaseEvent* event, ioEventType type)
     if (event == nullptr)
         return nullptr;
     std::unique_ptr<btkBaseEvent> owned(event);
-    GetLink(); // made now, so that nothing can fail once the event has an owner
+    link.To(this); // made now, so that nothing can fail once the event has an owner
     ioEvent* const made = new (pDefMemMgr) ioEvent(this, type, event);
     owned.release();
     return made;
@@ -255,7 +257,7 @@ ioEvent* ioStream::CreateEvent(btkBaseEvent* event, ioEventType type)
 
 // ---- blocking operations
 
-inline void ioStream::BeginRead()
+void ioStream::GuardRead()
 {
     CheckReadable();
     if (iTimeout != INFINITE)
@@ -263,7 +265,7 @@ inline void ioStream::BeginRead()
     SetActive();
 }
 
-inline void ioStream::BeginWrite()
+void ioStream::GuardWrite()
 {
     CheckWritable();
     if (oTimeout != INFINITE)
@@ -271,74 +273,127 @@ inline void ioStream::BeginWrite()
     SetActive();
 }
 
-int ioStream::ReadByte()
+void ioStream::FindWays()
+{
+    readWay = writeWay = withGuards;
+    if (!active || !isOpen || state != 0)
+        return;
+    const Way way = serializer == ioSerializer::getXDR()      ? asNetwork
+                    : serializer == ioSerializer::getBinary() ? asNative
+                    : serializer == ioSerializer::getAscii()  ? asText
+                                                              : bySerializer;
+    if (canRead && iTimeout == INFINITE)
+        readWay = way;
+    if (canWrite && oTimeout == INFINITE)
+        writeWay = way;
+}
+
+template<class Value>
+inline bool ioStream::ReadHeld(Value& value)
+{
+    if (readWay == asNetwork) [[likely]]
+        return ioReadHeld<ioNetwork>(value, *direct);
+    return readWay == asNative && ioReadHeld<ioNative>(value, *direct);
+}
+
+template<class Value>
+inline bool ioStream::WriteHeld(Value value)
+{
+    if (writeWay == asNetwork) [[likely]]
+        return ioWriteHeld<ioNetwork>(value, *direct);
+    return writeWay == asNative && ioWriteHeld<ioNative>(value, *direct);
+}
+
+// Out of line, so that what transfers right in the buffer needs no frame.
+template<auto read, class Value, class... Delims>
+[[gnu::noinline]] Value ioStream::ReadByForm(Delims... delims)
 {
     BeginRead();
-    char c = 0;
-    CheckTryCode(serializer->RdByte(c, direct));
-    return static_cast<signed char>(c);
+    Value value{};
+    CheckTryCode((serializer->*read)(value, direct, delims...));
+    return value;
+}
+
+template<auto write, class Value>
+[[gnu::noinline]] void ioStream::WriteByForm(Value value)
+{
+    BeginWrite();
+    CheckTryCode((serializer->*write)(value, direct));
+}
+
+template<auto write, class Value>
+[[gnu::noinline]] void ioStream::WriteNumber(Value value)
+{
+    if (writeWay != asText || !ioFormatHeld(value, *direct))
+        WriteByForm<write>(value);
+}
+
+int ioStream::ReadByte()
+{
+    char c;
+    const bool held = readWay >= asNative && ioReadHeld<ioNative>(c, *direct);
+    return static_cast<signed char>(held ? c : ReadByForm<&ioSerializer::RdByte, char>());
 }
 
 int ioStream::ReadInt()
 {
-    BeginRead();
-    int v = 0;
-    CheckTryCode(serializer->RdInt(v, direct));
-    return v;
+    int v;
+    return ReadHeld(v) ? v : ReadByForm<&ioSerializer::RdInt, int>();
 }
 
 unsigned char ioStream::ReadBool()
 {
-    BeginRead();
-    unsigned char b = 0;
-    CheckTryCode(serializer->RdBool(b, direct));
-    return b;
+    return ReadByForm<&ioSerializer::RdBool, unsigned char>();
 }
 
 double ioStream::ReadReal()
 {
-    BeginRead();
-    double d = 0;
-    CheckTryCode(serializer->RdReal(d, direct));
-    return d;
+    double d;
+    return ReadHeld(d) ? d : ReadByForm<&ioSerializer::RdReal, double>();
 }
 
 xstring ioStream::ReadString(const char* delims)
 {
-    BeginRead();
-    xstring s;
-    CheckTryCode(serializer->RdString(s, direct, delims));
-    return s;
+    if (readWay >= asNative) {
+        std::size_t length = 0;
+        const char* const bytes = readWay == asNetwork ? ioReadTextHeld<ioNetwork>(length, *direct)
+                                                       : ioReadTextHeld<ioNative>(length, *direct);
+        if (bytes != nullptr)
+            return ioMakeString(bytes, length);
+    }
+    return ReadByForm<&ioSerializer::RdString, xstring>(delims);
 }
 
 void ioStream::WriteByte(int byte)
 {
-    BeginWrite();
-    CheckTryCode(serializer->WrByte(static_cast<char>(byte), direct));
+    const char c = static_cast<char>(byte);
+    if (writeWay < asText || !ioWriteHeld<ioNative>(c, *direct))
+        WriteByForm<&ioSerializer::WrByte>(c);
 }
 
 void ioStream::WriteInt(int v)
 {
-    BeginWrite();
-    CheckTryCode(serializer->WrInt(v, direct));
+    if (!WriteHeld(v))
+        WriteNumber<&ioSerializer::WrInt>(v);
 }
 
 void ioStream::WriteBool(unsigned char b)
 {
-    BeginWrite();
-    CheckTryCode(serializer->WrBool(b, direct));
+    WriteByForm<&ioSerializer::WrBool>(b);
 }
 
 void ioStream::WriteReal(double d)
 {
-    BeginWrite();
-    CheckTryCode(serializer->WrReal(d, direct));
+    if (!WriteHeld(d))
+        WriteNumber<&ioSerializer::WrReal>(d);
 }
 
 void ioStream::WriteString(const char* s)
 {
-    BeginWrite();
-    CheckTryCode(serializer->WrString(s, direct));
+    const std::size_t length = writeWay < asNative ? 0 : ioTextLength(s);
+    if (!(writeWay == asNetwork ? ioWriteTextHeld<ioNetwork>(s, length, *direct)
+                                : writeWay == asNative && ioWriteTextHeld<ioNative>(s, length, *direct)))
+        WriteByForm<&ioSerializer::WrString>(s);
 }
 
 unsigned int ioStream::ReadBytes(void* p, unsigned int n)
@@ -384,18 +439,24 @@ void CopyStream(ioStream* to, ioStream* from)
 
     std::streambuf& source = *from->direct;
     char block[4096];
+    const bool isSame = to == from;
     // A stream copied into itself would grow for ever: it gets what was unread at the beginning.
-    for (std::size_t left = to == from ? from->streamBuf->CountReadable() : SIZE_MAX; left > 0;) {
+    std::size_t left = isSame ? from->streamBuf->CountReadable() : SIZE_MAX;
+    for (bool isPassed = isSame; left > 0;) {
+        if (!isPassed && xbufaccess::View(source, 1) == nullptr) {
+            from->streamBuf->PassTo(*to->streamBuf);
+            isPassed = true;
+        }
         // What the source holds is written from where it stands, unless writing may move it.
-        const bool lent = to != from && source.sgetc() != EOF && xbufaccess::View(source, 1) != nullptr;
-        const char* const part = lent ? xbufaccess::Next(source) : block;
+        const bool isLent = !isSame && source.sgetc() != EOF && xbufaccess::View(source, 1) != nullptr;
+        const char* const part = isLent ? xbufaccess::Next(source) : block;
         const std::streamsize size =
-            lent ? xbufaccess::End(source) - part
-                 : source.sgetn(block, static_cast<std::streamsize>(std::min(left, sizeof block)));
+            isLent ? xbufaccess::End(source) - part
+                   : source.sgetn(block, static_cast<std::streamsize>(std::min(left, sizeof block)));
         if (size <= 0)
             break;
         const std::streamsize written = to->direct->sputn(part, size);
-        if (lent)
+        if (isLent)
             xbufaccess::Advance(source, part + std::max<std::streamsize>(written, 0));
         if (written < size)
             to->ThrowState(ioStream::stateBad);
@@ -466,6 +527,7 @@ void ioStream::setITimeout(double seconds)
     iTimeout = seconds;
     if (seconds != INFINITE)
         iTimeval = btkTimeval(seconds);
+    FindWays();
 }
 
 void ioStream::setOTimeout(double seconds)
@@ -474,18 +536,19 @@ void ioStream::setOTimeout(double seconds)
     oTimeout = seconds;
     if (seconds != INFINITE)
         oTimeval = btkTimeval(seconds);
+    FindWays();
 }
 
 void ioStream::setIsFail(unsigned char fail)
 {
     CheckOpen();
-    state = fail ? state | stateFail : 0;
+    SetState(fail ? state | stateFail : 0);
 }
 
 void ioStream::setIsBad(unsigned char bad)
 {
     CheckOpen();
-    state = bad ? state | stateBad : 0;
+    SetState(bad ? state | stateBad : 0);
 }
 
 unsigned char ioStream::getIsBuffered()
@@ -520,21 +583,14 @@ void ioStream::Ignore()
 
 // ---- events and exceptions
 
-const std::shared_ptr<ioStream*>& ioStream::GetLink()
-{
-    if (link == nullptr)
-        link = std::make_shared<ioStream*>(this);
-    return link;
-}
-
 ioEvent::ioEvent(ioStream* owner, ioEventType kind, btkBaseEvent* base)
-    : evtEvent(base), stream(owner->GetLink()), type(kind)
+    : evtEvent(base), stream(owner->link.To(owner)), type(kind)
 {
 }
 
 ioStream* ioEvent::getStream()
 {
-    return *stream;
+    return stream.Get();
 }
 
 namespace {
@@ -557,7 +613,7 @@ xstring ErrorText(ioError error, const char* stateText, const char* msg)
 } // namespace
 
 ioXStream::ioXStream(ioStream* failed, ioError code, const char* msg)
-    : stream(failed->GetLink()), error(code),
+    : stream(failed->link.To(failed)), error(code),
       text(ErrorText(code, failed->StateText(), qelIsObject(msg) ? msg : ""))
 {
 }
@@ -571,7 +627,7 @@ void ioXStream::Throw(ioStream* failed, ioError code, const char* msg)
 
 ioStream* ioXStream::getStream()
 {
-    return *stream;
+    return stream.Get();
 }
 
 xstring ioXStream::getMsg()

@@ -1,7 +1,7 @@
 #pragma once
 
+#include <atomic>
 #include <iosfwd>
-#include <memory>
 
 #include <qel/base/btkfd.h>
 #include <qel/evtevent.h>
@@ -9,6 +9,7 @@
 #include <qel/xstring.h>
 
 class ioEvent;
+class ioStream;
 class xstreambuf;
 
 enum ioError : int {
@@ -23,6 +24,49 @@ QEL_ENUM(ioError); // "iolib::Error"
 
 enum ioEventType : int { ioInputPending, ioOutputPending };
 QEL_ENUM(ioEventType); // "iolib::EventType"
+
+/// A share of what a stream, its events and its failures know of it: where it is while it lives. The last one
+/// that shares it frees it.
+class ioStreamLink
+{
+public:
+    ioStreamLink() = default;
+    ioStreamLink(const ioStreamLink& other) noexcept : place(other.place)
+    {
+        if (place != nullptr)
+            place->shares.fetch_add(1, std::memory_order_relaxed);
+    }
+    ioStreamLink& operator=(const ioStreamLink&) = delete;
+    ~ioStreamLink()
+    {
+        if (place != nullptr && place->shares.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            delete place;
+    }
+
+    /// For the stream itself: makes the link when there is none yet.
+    const ioStreamLink& To(ioStream* stream)
+    {
+        if (place == nullptr)
+            place = new Place{stream};
+        return *this;
+    }
+    /// For the stream itself, which goes.
+    void Leave()
+    {
+        if (place != nullptr)
+            place->stream = nullptr;
+    }
+    /// The stream, or null when it is gone.
+    ioStream* Get() const { return place->stream; }
+
+private:
+    struct Place
+    {
+        ioStream* stream;
+        std::atomic<unsigned> shares = 1;
+    };
+    Place* place = nullptr;
+};
 
 /// A stream of typed values: bytes, ints, bools, reals and strings, in the byte form of its serializer. Two
 /// families of operations: Read... and Write... block, and throw ioXStream for every failure; Try... never
@@ -176,7 +220,7 @@ protected:
     /// The limits for streams that wait with one; meaningless while the timeout is INFINITE.
     btkTimeval GetITimeval() const { return iTimeval; }
     btkTimeval GetOTimeval() const { return oTimeval; }
-    void ClearEofBit() { state &= ~stateEof; }
+    void ClearEofBit() { SetState(state & ~stateEof); }
 
 private:
     friend class ioXStream;
@@ -203,15 +247,53 @@ private:
     ioTryCode TryRead(Transfer transfer);
     template<class Transfer>
     ioTryCode TryWrite(Transfer transfer);
-    void BeginRead();
-    void BeginWrite();
-    void SetActive() { active = true; }
-    const std::shared_ptr<ioStream*>& GetLink();
+    /// How the blocking operations transfer: with all guards, by the serializer's operations, or first of all
+    /// right in the buffer, where the value is held or has room.
+    enum Way : unsigned char { withGuards, bySerializer, asText, asNative, asNetwork };
+
+    void BeginRead()
+    {
+        if (readWay == withGuards)
+            GuardRead();
+    }
+    void BeginWrite()
+    {
+        if (writeWay == withGuards)
+            GuardWrite();
+    }
+    void GuardRead();
+    void GuardWrite();
+    template<auto read, class Value, class... Delims>
+    [[gnu::visibility("hidden")]] Value ReadByForm(Delims... delims);
+    template<auto write, class Value>
+    [[gnu::visibility("hidden")]] void WriteByForm(Value value);
+    template<auto write, class Value>
+    [[gnu::visibility("hidden")]] void WriteNumber(Value value);
+    template<class Value>
+    bool ReadHeld(Value& value);
+    template<class Value>
+    bool WriteHeld(Value value);
+    void FindWays();
+    void SetState(int bits)
+    {
+        state = bits;
+        FindWays();
+    }
+    void SetActive()
+    {
+        if (!active) {
+            active = true;
+            FindWays();
+        }
+    }
 
     ioSerializer* serializer = nullptr; // shared
     xstreambuf* streamBuf;
     std::streambuf* direct; // the same, as the serializers see it
-    bool active = false;    // something has been transferred
+    // Never withGuards before all guards have let the first transfer through, and no longer than they would.
+    Way readWay = withGuards;
+    Way writeWay = withGuards;
+    bool active = false; // something has been transferred
     bool isOpen = true;
     bool canRead;
     bool canWrite;
@@ -220,7 +302,7 @@ private:
     double oTimeout = INFINITE;
     btkTimeval oTimeval;
     int state = 0;
-    std::shared_ptr<ioStream*> link; // shared with events and exceptions; holds null once this stream is gone
+    ioStreamLink link; // shared with events and failures
 };
 
 /// Copies all that remains in `from`, byte by byte as it is, into `to`. Nothing is flushed.
@@ -246,7 +328,7 @@ public:
     xstring getMsg();
 
 private:
-    std::shared_ptr<ioStream*> stream;
+    ioStreamLink stream;
     ioError error;
     xstring text;
 };
@@ -266,6 +348,6 @@ private:
 
     ioEvent(ioStream* owner, ioEventType kind, btkBaseEvent* base);
 
-    std::shared_ptr<ioStream*> stream;
+    ioStreamLink stream;
     ioEventType type;
 };

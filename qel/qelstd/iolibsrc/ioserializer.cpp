@@ -1,7 +1,6 @@
 #include "ioserializer.h"
 
 #include <algorithm>
-#include <bit>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -9,6 +8,7 @@
 #include <streambuf>
 #include <string>
 
+#include "ioform_p.h"
 #include "iotext_p.h"
 #include "qeltable.h"
 #include <qel/base/xbufaccess.h>
@@ -26,64 +26,6 @@ namespace {
 
 // A string of at most this length is read into memory taken before its bytes arrive.
 constexpr std::size_t trustedLength = 65536;
-
-constexpr std::uint32_t Swapped(std::uint32_t word)
-{
-    return __builtin_bswap32(word);
-}
-
-constexpr std::uint64_t Swapped(std::uint64_t word)
-{
-    return __builtin_bswap64(word);
-}
-
-// Values as words in the host's order (Native) or in network order (Network).
-struct Native
-{
-    template<class Word>
-    static Word Order(Word word)
-    {
-        return word;
-    }
-};
-
-struct Network
-{
-    template<class Word>
-    static Word Order(Word word)
-    {
-        constexpr bool hostIsNetworkOrder = std::endian::native == std::endian::big;
-        return hostIsNetworkOrder ? word : Swapped(word);
-    }
-};
-
-template<class Form, class Word, class Value>
-inline ioTryCode Read(Value& value, std::streambuf& sb)
-{
-    static_assert(sizeof(Word) == sizeof(Value));
-    Word word;
-    if (const char* const view = xbufaccess::View(sb, sizeof word)) {
-        std::memcpy(&word, view, sizeof word);
-        xbufaccess::Consume(sb, sizeof word);
-    } else if (sb.sgetn(reinterpret_cast<char*>(&word), sizeof word) != sizeof word) {
-        return ioEndOfFile;
-    }
-    value = std::bit_cast<Value>(Form::Order(word));
-    return ioSuccess;
-}
-
-template<class Form, class Word, class Value>
-inline ioTryCode Write(Value value, std::streambuf& sb)
-{
-    static_assert(sizeof(Word) == sizeof(Value));
-    const Word word = Form::Order(std::bit_cast<Word>(value));
-    if (char* const room = xbufaccess::Reserve(sb, sizeof word)) {
-        std::memcpy(room, &word, sizeof word);
-        xbufaccess::Commit(sb, sizeof word);
-        return ioSuccess;
-    }
-    return ioPut(sb, reinterpret_cast<const char*>(&word), sizeof word);
-}
 
 // Collects what is written to it in memory of a fixed size.
 class ShortBuffer : public std::streambuf
@@ -225,12 +167,12 @@ int ioByteSerializer::SzString(const char* s)
 
 ioTryCode ioBinarySerializer::RdInt(int& v, std::streambuf* sb)
 {
-    return Read<Native, std::uint32_t>(v, *sb);
+    return ioRead<ioNative>(v, sb);
 }
 
 ioTryCode ioBinarySerializer::WrInt(int v, std::streambuf* sb)
 {
-    return Write<Native, std::uint32_t>(v, *sb);
+    return ioWrite<ioNative>(v, sb);
 }
 
 int ioBinarySerializer::SzInt(int)
@@ -259,12 +201,12 @@ int ioBinarySerializer::SzBool(unsigned char)
 
 ioTryCode ioBinarySerializer::RdReal(double& d, std::streambuf* sb)
 {
-    return Read<Native, std::uint64_t>(d, *sb);
+    return ioRead<ioNative>(d, sb);
 }
 
 ioTryCode ioBinarySerializer::WrReal(double d, std::streambuf* sb)
 {
-    return Write<Native, std::uint64_t>(d, *sb);
+    return ioWrite<ioNative>(d, sb);
 }
 
 int ioBinarySerializer::SzReal(double)
@@ -276,12 +218,12 @@ int ioBinarySerializer::SzReal(double)
 
 ioTryCode ioXDRSerializer::RdInt(int& v, std::streambuf* sb)
 {
-    return Read<Network, std::uint32_t>(v, *sb);
+    return ioRead<ioNetwork>(v, sb);
 }
 
 ioTryCode ioXDRSerializer::WrInt(int v, std::streambuf* sb)
 {
-    return Write<Network, std::uint32_t>(v, *sb);
+    return ioWrite<ioNetwork>(v, sb);
 }
 
 int ioXDRSerializer::SzInt(int)
@@ -292,7 +234,7 @@ int ioXDRSerializer::SzInt(int)
 ioTryCode ioXDRSerializer::RdBool(unsigned char& b, std::streambuf* sb)
 {
     std::uint32_t word = 0;
-    const ioTryCode code = Read<Network, std::uint32_t>(word, *sb);
+    const ioTryCode code = ioRead<ioNetwork>(word, sb);
     if (code == ioSuccess)
         b = static_cast<unsigned char>(word & 0xFF);
     return code;
@@ -300,7 +242,7 @@ ioTryCode ioXDRSerializer::RdBool(unsigned char& b, std::streambuf* sb)
 
 ioTryCode ioXDRSerializer::WrBool(unsigned char b, std::streambuf* sb)
 {
-    return Write<Network, std::uint32_t>(std::uint32_t(b), *sb);
+    return ioWrite<ioNetwork>(std::uint32_t(b), sb);
 }
 
 int ioXDRSerializer::SzBool(unsigned char)
@@ -310,12 +252,12 @@ int ioXDRSerializer::SzBool(unsigned char)
 
 ioTryCode ioXDRSerializer::RdReal(double& d, std::streambuf* sb)
 {
-    return Read<Network, std::uint64_t>(d, *sb);
+    return ioRead<ioNetwork>(d, sb);
 }
 
 ioTryCode ioXDRSerializer::WrReal(double d, std::streambuf* sb)
 {
-    return Write<Network, std::uint64_t>(d, *sb);
+    return ioWrite<ioNetwork>(d, sb);
 }
 
 int ioXDRSerializer::SzReal(double)

@@ -2,18 +2,22 @@
 
 #include <cstring>
 #include <streambuf>
+#include <utility>
 
 #include "ioserializer.h"
 #include <qel/base/btkstrbuf.h>
 #include <qel/base/xbufaccess.h>
 #include <qel/xstring.h>
 
+/// The most that is committed to a buffer at once: it counts in ints.
+constexpr std::size_t ioLargestPart = 0x10000000;
+
 /// Writes `size` bytes, right into the buffer where it has room.
 inline ioTryCode ioPut(std::streambuf& sb, const char* from, std::size_t size)
 {
     if (size == 0)
         return ioSuccess; // `from` may be null
-    if (char* const room = xbufaccess::Reserve(sb, size); room != nullptr && size < 0x10000000) {
+    if (char* const room = xbufaccess::Reserve(sb, size); room != nullptr && size <= ioLargestPart) {
         std::memcpy(room, from, size);
         xbufaccess::Commit(sb, static_cast<int>(size));
         return ioSuccess;
@@ -33,20 +37,24 @@ class ioStringMaker
 {
 public:
     explicit ioStringMaker(std::size_t length) : buffer(btkStrBuf::AllocMB(length + 1, &text)) {}
-    ~ioStringMaker() { buffer->Unlock(); }
+    ~ioStringMaker()
+    {
+        if (buffer != nullptr)
+            buffer->Unlock();
+    }
     ioStringMaker(const ioStringMaker&) = delete;
     ioStringMaker& operator=(const ioStringMaker&) = delete;
 
     /// Where the bytes of the text go.
     char* Text() { return text; }
-    /// The string of the first `length` bytes; it ends at its first zero.
+    /// The string of the first `length` bytes; it ends at its first zero. The end of the making.
     xstring Finish(std::size_t length)
     {
         const std::size_t used = strnlen(text, length);
         if (used == 0)
             return xstring("");
         buffer->CommitMB(used);
-        return xstring(__xstring_c{buffer, text, nullptr});
+        return xstring::Adopt({std::exchange(buffer, nullptr), text, nullptr});
     }
 
 private:
@@ -57,9 +65,16 @@ private:
 /// The string of `length` bytes; it ends at its first zero.
 inline xstring ioMakeString(const char* bytes, std::size_t length)
 {
-    if (length == 0)
-        return xstring(""); // `bytes` may be null
-    ioStringMaker maker(length);
-    std::memcpy(maker.Text(), bytes, length);
-    return maker.Finish(length);
+    const std::size_t used =
+        length == 0 ? 0 : strnlen(bytes, length); // `bytes` may be null when there are none
+    if (used == 0)
+        return xstring("");
+    char* text = nullptr;
+    btkStrBuf* const buffer = btkStrBuf::Create(bytes, used, &text);
+    return xstring::Adopt({buffer, text, nullptr});
 }
+
+/// Writes the text of a number where the put area has room for the longest. False when it has not; nothing
+/// has happened then.
+bool ioFormatHeld(int v, std::streambuf& sb);
+bool ioFormatHeld(double d, std::streambuf& sb);

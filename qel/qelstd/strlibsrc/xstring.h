@@ -48,6 +48,14 @@ public:
             buffer->Lock();
     }
 
+    /// Takes over the reference that `made` owns, to a new buffer for instance.
+    static xstring Adopt(const __xstring_c& made) noexcept
+    {
+        xstring adopted;
+        adopted.take(made.buffer, made.mb, made.wide);
+        return adopted;
+    }
+
     /// A copy of `text`.
     xstring(const char* text);
     xstring(const unsigned short* text);

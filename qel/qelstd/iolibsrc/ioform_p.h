@@ -1,0 +1,137 @@
+#pragma once
+
+#include <bit>
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <streambuf>
+
+#include "iotext_p.h"
+
+// Values as words of 1, 4 or 8 bytes, in the host's order or in that of the network.
+
+inline std::uint32_t ioSwapped(std::uint32_t word)
+{
+    return __builtin_bswap32(word);
+}
+
+inline std::uint64_t ioSwapped(std::uint64_t word)
+{
+    return __builtin_bswap64(word);
+}
+
+struct ioNative
+{
+    template<class Word>
+    static Word Order(Word word)
+    {
+        return word;
+    }
+};
+
+struct ioNetwork
+{
+    template<class Word>
+    static Word Order(Word word)
+    {
+        constexpr bool hostIsNetworkOrder = std::endian::native == std::endian::big;
+        return hostIsNetworkOrder ? word : ioSwapped(word);
+    }
+};
+
+/// The word that a value travels as.
+template<class Value>
+using ioWord = std::conditional_t<sizeof(Value) == 1, std::uint8_t,
+                                  std::conditional_t<sizeof(Value) == 4, std::uint32_t, std::uint64_t>>;
+
+template<class Form, class Value>
+Value ioDecode(const char* from)
+{
+    ioWord<Value> word;
+    std::memcpy(&word, from, sizeof word);
+    return std::bit_cast<Value>(Form::Order(word));
+}
+
+template<class Form, class Value>
+void ioEncode(char* to, Value value)
+{
+    const auto word = Form::Order(std::bit_cast<ioWord<Value>>(value));
+    std::memcpy(to, &word, sizeof word);
+}
+
+/// Reads or writes a value where all of it is held, or there is room for it. False when not; nothing has
+/// happened then.
+template<class Form, class Value>
+bool ioReadHeld(Value& value, std::streambuf& sb)
+{
+    const char* const next = xbufaccess::Next(sb);
+    if (static_cast<std::size_t>(xbufaccess::End(sb) - next) < sizeof value)
+        return false;
+    value = ioDecode<Form, Value>(next);
+    xbufaccess::Consume(sb, sizeof value);
+    return true;
+}
+
+template<class Form, class Value>
+bool ioWriteHeld(Value value, std::streambuf& sb)
+{
+    char* const place = xbufaccess::Place(sb);
+    if (static_cast<std::size_t>(xbufaccess::Limit(sb) - place) < sizeof value)
+        return false;
+    xbufaccess::Commit(
+        sb, sizeof value); // first: the bytes could be the buffer's own pointers, as far as a compiler knows
+    ioEncode<Form>(place, value);
+    return true;
+}
+
+template<class Form, class Value>
+ioTryCode ioRead(Value& value, std::streambuf* sb)
+{
+    if (ioReadHeld<Form>(value, *sb))
+        return ioSuccess;
+    char bytes[sizeof value];
+    if (sb->sgetn(bytes, sizeof bytes) != sizeof bytes)
+        return ioEndOfFile;
+    value = ioDecode<Form, Value>(bytes);
+    return ioSuccess;
+}
+
+template<class Form, class Value>
+ioTryCode ioWrite(Value value, std::streambuf* sb)
+{
+    if (ioWriteHeld<Form>(value, *sb))
+        return ioSuccess;
+    char bytes[sizeof value];
+    ioEncode<Form>(bytes, value);
+    return sb->sputn(bytes, sizeof bytes) == sizeof bytes ? ioSuccess : ioIOError;
+}
+
+/// The bytes of a string, which is an int with its length and the bytes, where all of it is held: it is read
+/// then. Null when not, and for a length that cannot be; nothing has happened then.
+template<class Form>
+const char* ioReadTextHeld(std::size_t& length, std::streambuf& sb)
+{
+    const char* const next = xbufaccess::Next(sb);
+    const std::size_t held = static_cast<std::size_t>(xbufaccess::End(sb) - next);
+    if (held < sizeof(int))
+        return nullptr;
+    length = ioDecode<Form, std::uint32_t>(next); // one that is negative is more than there can be
+    if (length > held - sizeof(int) || length > INT_MAX)
+        return nullptr;
+    xbufaccess::Advance(sb, next + sizeof(int) + length);
+    return next + sizeof(int);
+}
+
+/// Writes a string where there is room for all of it. False when not; nothing has happened then.
+template<class Form>
+bool ioWriteTextHeld(const char* s, std::size_t length, std::streambuf& sb)
+{
+    char* const room = xbufaccess::Reserve(sb, sizeof(int) + length);
+    if (room == nullptr || length > ioLargestPart)
+        return false;
+    ioEncode<Form>(room, static_cast<int>(length));
+    if (length > 0)
+        std::memcpy(room + sizeof(int), s, length);
+    xbufaccess::Commit(sb, static_cast<int>(sizeof(int) + length));
+    return true;
+}
