@@ -21,7 +21,7 @@ protected:
     {
         if (*socket != nullptr)
             return (*socket)->HasUrgent() ? On : Ask;
-        handle = -1;
+        GetWatch().handle = -1;
         return On;
     }
     bool OnPolled(short ready) override { return *socket != nullptr ? (*socket)->HasUrgent() : ready != 0; }
@@ -34,6 +34,7 @@ private:
 
 xsocketbuf::xsocketbuf(btkStreamSocket* connected) : xinputbuf(connected->GetHandle()), socket(connected)
 {
+    SetAsksInput(); // a wait that would sleep sends what is pending first
 }
 
 xsocketbuf::~xsocketbuf()
