@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 
@@ -56,9 +57,9 @@ BOOL FindNextFileA(HANDLE search, WIN32_FIND_DATAA* data)
         return FALSE;
     data->dwFileAttributes = entry.kind == platDirectory ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
     if (platIsShownAsIs(entry.hostName))
-        std::strcpy(data->cFileName, entry.hostName);
+        std::snprintf(data->cFileName, sizeof data->cFileName, "%s", entry.hostName);
     else
-        std::strcpy(data->cFileName, platNativeName(entry.hostName).c_str());
+        std::snprintf(data->cFileName, sizeof data->cFileName, "%s", platNativeName(entry.hostName).c_str());
     return TRUE;
 }
 

@@ -44,7 +44,7 @@ protected:
         return text;
     }
 
-    const Raised done;
+    const Raised done{};
     TempDir dir;
     EnvSetting drive{"QELSTD_DRIVE_X", dir.path()};
 };

@@ -60,7 +60,7 @@ TEST(Paths, RefuseRemoteFormsWhereALocalOneIsMeant)
                                           {fsGetHeadEntry, "fsGetHeadEntry"},
                                           {fsGetTailPath, "fsGetTailPath"},
                                           {fsGetTailEntry, "fsGetTailEntry"}})
-        EXPECT_EQ(raisedBy([&] { operation("host::/a"); }), Raised(5, name, "host::/a"));
+        EXPECT_EQ(raisedBy([called = operation] { called("host::/a"); }), Raised(5, name, "host::/a"));
 }
 
 TEST(Paths, HaveANativeFormUpTo259Bytes)

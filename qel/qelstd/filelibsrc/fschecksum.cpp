@@ -31,7 +31,7 @@ struct Checksum
     int Result() const
     {
         // Each byte is widened with its sign before the exclusive or: so can the result of it be.
-        const auto widened = static_cast<unsigned>(static_cast<signed char>(x));
+        const auto widened = static_cast<unsigned>(int{static_cast<signed char>(x)});
         return static_cast<int>((count << 16) | (static_cast<unsigned>(sum) << 8) | widened);
     }
 };

@@ -86,7 +86,7 @@ bool fsiFile::Truncate(double size)
 
 bool fsiFile::Seek(fsFilePosition from, double offset)
 {
-    LARGE_INTEGER distance;
+    LARGE_INTEGER distance{};
     if (!open)
         return platFailWith(ERROR_INVALID_HANDLE);
     return wholeBytes(offset, distance) &&

@@ -85,7 +85,7 @@ xrchandle<xstringsequence> fsListDirectory(const char* directory, const char* pa
     fsiDir listing;
     if (!listing.Open(directory))
         fsRaiseLastError(listFunction, directory);
-    const xrchandle<xstringsequence> names(xstringsequence::create());
+    xrchandle<xstringsequence> names(xstringsequence::create());
     xstring name;
     fsIOStatus status;
     while ((status = listing.ReadNextMatching(pattern, name)) == fsIOOk)
@@ -104,7 +104,7 @@ xrchandle<xstringsequence> fsExpandPattern(const char* pattern)
     const std::size_t baseLength = root > 0 ? root : fsHasDrive(text) ? 2 : 0;
     base = native;
     base.Cut(baseLength);
-    const xrchandle<xstringsequence> paths(xstringsequence::create());
+    xrchandle<xstringsequence> paths(xstringsequence::create());
     Expansion(*paths).Expand(base, text + baseLength, false);
     return paths;
 }

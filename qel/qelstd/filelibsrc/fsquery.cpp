@@ -32,7 +32,7 @@ xrchandle<fsNodeInfo> fsGetNodeInfo(const char* path)
     constexpr const char* function = "fsGetNodeInfo";
     fsNativePath native;
     path = fsCheckPathSlashes(native, path, function);
-    const xrchandle<fsNodeInfo> info(new (pDefMemMgr) fsNodeInfo);
+    xrchandle<fsNodeInfo> info(new (pDefMemMgr) fsNodeInfo);
     if (!info->Initialize(path))
         fsRaiseLastError(function, path);
     return info;

@@ -43,7 +43,7 @@ ioFileStream* ioFileStream::Open(const char* path, ioOpenMode mode)
         return nullptr;
     }
     auto* const stream = new (pDefMemMgr) ioFileStream(opened.get(), path, writable, readable);
-    static_cast<void>(opened.release());
+    opened.release();
     return stream;
 }
 

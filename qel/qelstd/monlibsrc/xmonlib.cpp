@@ -341,7 +341,7 @@ monStringParam::monStringParam(monFile& owner, xstring called, std::fpos<int> at
 
 xstring monStringParam::getValue()
 {
-    const xstring value = file->GetText(OffsetOf(position), capacity);
+    xstring value = file->GetText(OffsetOf(position), capacity);
     if (value == nullptr)
         ThrowWeird();
     return value;
