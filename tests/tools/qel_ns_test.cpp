@@ -6,25 +6,9 @@
 
 #include "support/child.h"
 #include "support/environment.h"
+#include "support/qelprogram.h"
 
 namespace {
-
-struct Outcome
-{
-    int status;
-    std::string output;
-};
-
-// Runs the program; what it writes to both of its outputs comes together.
-Outcome Qel(const std::string& arguments)
-{
-    FILE* const pipe = popen((QEL_PROGRAM " " + arguments + " 2>&1").c_str(), "r");
-    std::string output;
-    for (int c = 0; (c = std::fgetc(pipe)) != EOF;)
-        output += static_cast<char>(c);
-    const int status = pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
-}
 
 // `qel ns serve` on a free port, which the clients of this process find.
 class Server

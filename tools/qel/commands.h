@@ -10,6 +10,7 @@ class App;
 using AddCommands = void (*)(CLI::App& program);
 
 void AddNameServiceCommands(CLI::App& program); // qel ns ...
+void AddServerCommands(CLI::App& program);      // qel server ...
 
 /// Why a command failed has been written to the standard error output; the program ends with `status`.
 struct CommandFailed

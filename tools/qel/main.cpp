@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr AddCommands groups[] = {&AddNameServiceCommands};
+constexpr AddCommands groups[] = {&AddNameServiceCommands, &AddServerCommands};
 
 } // namespace
 

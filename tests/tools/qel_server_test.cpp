@@ -1,0 +1,93 @@
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/nameserver.h"
+#include "support/qelprogram.h"
+#include <qel/base/nmsclient.h>
+
+namespace {
+
+// Registered as "echo"; answers one client with `answer`, whatever it sends.
+class OneAnswer
+{
+public:
+    explicit OneAnswer(std::string bytes) : answer(std::move(bytes))
+    {
+        EXPECT_TRUE(door.Listen(0, "127.0.0.1"));
+        capi_nmsServerProxy* proxy = nmsServConnectLocal();
+        capi_nmsRecord* record = nmsRecCreate(1);
+        nmsRecAdd(record, "_ServerName", "echo");
+        nmsRecAdd(record, "_PortNumber", std::to_string(door.GetPortN()).c_str());
+        EXPECT_EQ(nmsServRegister(proxy, record), nullptr);
+        nmsRecDelete(&record);
+        nmsServDelete(&proxy);
+        loop = std::thread([this] { serve(); });
+    }
+    OneAnswer(const OneAnswer&) = delete;
+    OneAnswer& operator=(const OneAnswer&) = delete;
+    ~OneAnswer() { code(); }
+
+    /// The byte that the client sent.
+    int code()
+    {
+        if (loop.joinable())
+            loop.join();
+        return got;
+    }
+
+private:
+    void serve()
+    {
+        btkStreamSocket client;
+        unsigned char byte = 0;
+        if (door.Wait(btkTimeval(10, 0), 1) != 1 || !door.Accept(&client) || client.RecvAll(&byte, 1) != 1)
+            return;
+        got = byte;
+        client.Send(answer.data(), answer.size());
+    }
+
+    std::string answer;
+    btkAcceptSocket door;
+    int got = -1;
+    std::thread loop;
+};
+
+} // namespace
+
+TEST(QelServer, SpeaksTheHandshake)
+{
+    const std::string lacksRights = "qel server: echo: Connection refused due to lack of rights\n";
+    const struct
+    {
+        const char* command;
+        std::string answer;
+        int code;
+        int status;
+        std::string output;
+    } cases[] = {{"ping", "\1", 1, 0, ""},
+                 {"ping", "", 1, 1, "qel server: echo: no answer\n"},
+                 {"version", std::string("\1\4v 1\0", 6), 2, 0, "v 1\n"},
+                 {"version", "\1\4v", 2, 1, "qel server: echo: the version did not come whole\n"},
+                 {"version", std::string(1, 0), 2, 1, lacksRights},
+                 {"shutdown", "\1", 3, 0, ""},
+                 {"shutdown", std::string(1, 0), 3, 1, lacksRights}};
+    for (const auto& [command, answer, code, status, output] : cases) {
+        const TestNameServer names;
+        OneAnswer server(answer);
+        const Outcome outcome = Qel("server " + std::string(command) + " echo");
+        EXPECT_EQ(server.code(), code);
+        EXPECT_EQ(outcome.status, status);
+        EXPECT_EQ(outcome.output, output);
+    }
+}
+
+TEST(QelServer, SaysThatThereIsNone)
+{
+    const TestNameServer names;
+    const Outcome outcome = Qel("server ping nobody@127.0.0.1");
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.output, "qel server: nobody@127.0.0.1: Server is not registered\n");
+    EXPECT_EQ(Qel("server ping").status, 2);
+}
