@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <iterator>
+#include <sys/resource.h>
 
 /// How many descriptors the process has open.
 inline long openDescriptors()
@@ -9,3 +10,22 @@ inline long openDescriptors()
     const std::filesystem::directory_iterator all("/proc/self/fd");
     return std::distance(begin(all), end(all)) - 1; // the listing has one itself
 }
+
+/// Descriptors below `most` only can be opened while it lives; open ones stay open.
+class DescriptorLimit
+{
+public:
+    explicit DescriptorLimit(int most)
+    {
+        getrlimit(RLIMIT_NOFILE, &before);
+        rlimit less = before;
+        less.rlim_cur = static_cast<rlim_t>(most);
+        setrlimit(RLIMIT_NOFILE, &less);
+    }
+    ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before); }
+    DescriptorLimit(const DescriptorLimit&) = delete;
+    DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+private:
+    rlimit before;
+};

@@ -4,5 +4,5 @@
 
 qelRttiRegister_netlib::qelRttiRegister_netlib()
 {
-    qelRegister<netError, netXException, netAddress, netSocketStream>();
+    qelRegister<netError, netXException, netAddress, netSocketStream, netService, netService_DoService_cb>();
 }

@@ -1,0 +1,53 @@
+#include "netrights.h"
+
+#include "hmxregistry.h"
+#include <qel/base/btksocket.h>
+
+namespace {
+
+enum Verdict { noValue, matches, refused };
+
+Verdict Ask(hmxRegistry& registry, const xstring& path, const xstring& address)
+{
+    hmxRegistryKey key;
+    if (!key.Open(registry.root, path.CastToCString()))
+        return noValue;
+    const xstring value = key.GetValue("ConnectionAllowed");
+    if (value == nullptr)
+        return noValue;
+    return MatchAnyPattern(address, SplitPatternList(value)) ? matches : refused;
+}
+
+} // namespace
+
+bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName)
+{
+    if (serverName == nullptr || serverName == "")
+        return true;
+    // Local statics: the roots' first calls must not race.
+    static hmxRegistry& system = hmxRegistry::System();
+    static hmxRegistry& user = hmxRegistry::User();
+
+    const xstring path("Software\\VRX\\", serverName.CastToCString());
+    const xstring address(socket->GetPeerAddrStr().c_str());
+    return Ask(system, path, address) != refused && Ask(user, path, address) != refused;
+}
+
+xrchandle<xstringsequence> SplitPatternList(xstring value)
+{
+    constexpr const char* delimiters = " \t\n";
+    xrchandle<xstringsequence> patterns(xstringsequence::create());
+    const int count = value.GetNWords(delimiters);
+    for (int i = 0; i < count; ++i)
+        patterns->append(value.GetWord(i, delimiters));
+    return patterns;
+}
+
+bool MatchAnyPattern(xstring address, xrchandle<xstringsequence> patterns)
+{
+    const int count = patterns ? patterns->getarraysize() : 0;
+    for (int i = 0; i < count; ++i)
+        if (address.Match(patterns->get(i).CastToCString()))
+            return true;
+    return false;
+}

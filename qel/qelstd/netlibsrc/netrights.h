@@ -1,0 +1,19 @@
+#pragma once
+
+#include <qel/xsequence.h>
+
+class btkStreamSocket;
+
+// Who may connect to a server: the value "ConnectionAllowed" of the registry key "Software\VRX\" + the
+// server's name holds patterns of addresses, under the system root and under the user's. A peer must match a
+// pattern of every such value there is; without a value everybody is admitted. A name with one of "/.:*?" is
+// no key, so such a server admits everybody. Peers on the same machine are not asked about.
+
+/// Whether the peer of `socket` may connect to the server of that name. A null or empty name has no rights:
+/// true.
+QEL_API bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName);
+/// The words of `value`, which blanks, tabs and line feeds separate, as a new sequence.
+QEL_API xrchandle<xstringsequence> SplitPatternList(xstring value);
+/// Whether one of `patterns` matches `address`, with `*` for any characters and `?` for one. Takes a time of
+/// at most the product of their lengths.
+QEL_API bool MatchAnyPattern(xstring address, xrchandle<xstringsequence> patterns);

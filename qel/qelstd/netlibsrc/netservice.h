@@ -1,0 +1,57 @@
+#pragma once
+
+#include <qel/xsequence.h>
+
+class netService;
+
+/// What a service does. The application derives from it and owns the object.
+class QEL_API netService_DoService_cb : public virtual xobject
+{
+    QEL_OBJECT(netService_DoService_cb); // "netlib::Service_DoService_cb"
+
+public:
+    virtual void Invoke(netService* service, xrchandle<xstringsequence> parms) = 0;
+};
+
+/// The shell of a system service: a name, parameters, and a handler that does the work. This host has no such
+/// shell: Create and the static status operations end the process with the fatal report. Not counted: freed
+/// with xdelete.
+class QEL_API netService : public virtual xobject
+{
+    QEL_OBJECT(netService); // "netlib::Service"
+
+public:
+    static netService* Create(const char* name, xrchandle<xstringsequence> parms, const char* displayName);
+
+    /// The handler stays the caller's. Null: none.
+    virtual void setDoService(netService_DoService_cb* handler) { doService = handler; }
+    /// Does the service with its own parameters. Answers true.
+    unsigned char Run();
+    /// Calls the handler, when one is set.
+    void DoService(xrchandle<xstringsequence> parms);
+    /// A new sequence of all `argc` texts of `argv`, the program's name included.
+    static xrchandle<xstringsequence> ExtractParms(int argc, char** argv);
+
+    xstring getName() const { return name; }
+    xstring getDisplayName() const { return displayName; }
+
+    // ---- status; `seconds`: how long starting may still take
+
+    static void ReportStarting(double seconds);
+    static void ReportRunning();
+    static void ReportPaused();
+    static unsigned char IsStopped();
+    static unsigned char IsPaused();
+    static unsigned char IsReleased();
+    static void DoPause();
+
+protected:
+    /// For the shells of hosts that have one. No `displayName` (null or xnullstr): the name.
+    netService(const char* name, xrchandle<xstringsequence> parms, const char* displayName);
+
+private:
+    netService_DoService_cb* doService = nullptr;
+    xstring name;
+    xstring displayName;
+    xrchandle<xstringsequence> parms;
+};
