@@ -6,11 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+
 namespace {
 
+// Takes the handle itself: a thread whose handle was freed may end after the test.
 int waitForEvent(void* event)
 {
-    btkIsReadable(*static_cast<btkHandle*>(event), btkTimeval(10, 0));
+    btkIsReadable(static_cast<btkHandle>(reinterpret_cast<std::intptr_t>(event)), btkTimeval(10, 0));
     return 7;
 }
 
@@ -24,6 +27,8 @@ class Threads : public testing::Test
 protected:
     Threads() : gate(Event_Create(false)), gateOwner(gate) {}
 
+    void* Gate() const { return reinterpret_cast<void*>(static_cast<std::intptr_t>(gate)); }
+
     btkHandle gate;
     btkFd gateOwner;
 };
@@ -32,7 +37,7 @@ protected:
 
 TEST_F(Threads, TellTheirEndAndTheirExitCode)
 {
-    void* const thread = StrictThread_Launch(waitForEvent, &gate, nullptr);
+    void* const thread = StrictThread_Launch(waitForEvent, Gate(), nullptr);
     ASSERT_NE(thread, StrictThread_Refused);
     btkEvent exited(new btkPROCESSEvent(thread));
     EXPECT_FALSE(exited.IsSignaled());
@@ -53,7 +58,7 @@ TEST_F(Threads, TellTheirEndAndTheirExitCode)
 
 TEST_F(Threads, RunOnAfterTheirHandleWasFreed)
 {
-    void* const thread = StrictThread_Launch(waitForEvent, &gate, nullptr);
+    void* const thread = StrictThread_Launch(waitForEvent, Gate(), nullptr);
     btkEvent exited(new btkPROCESSEvent(thread));
 
     StrictThread_Free(thread);
