@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include <qel/base/btkbyteorder.h>
+
 // ---- records
 
 const std::string* nmsFields::Find(std::string_view name) const
@@ -58,9 +60,9 @@ std::string nmsStatusText(int code, bool fromServer, const char* host, int port)
 
 void nmsPutInt(std::string& to, int value)
 {
-    const auto bits = static_cast<std::uint32_t>(value);
-    for (int shift = 24; shift >= 0; shift -= 8)
-        to += static_cast<char>(bits >> shift & 0xFF);
+    char bytes[nmsIntSize];
+    btkPutNetwork(bytes, value);
+    to.append(bytes, sizeof bytes);
 }
 
 bool nmsPutText(std::string& to, const char* text, unsigned size, unsigned length, unsigned limit)
@@ -103,10 +105,7 @@ void nmsPutFrame(std::string& to, nmsRequestCode code)
 
 int nmsGetInt(const char* from)
 {
-    std::uint32_t bits = 0;
-    for (std::size_t i = 0; i < nmsIntSize; ++i)
-        bits = bits << 8 | static_cast<unsigned char>(from[i]);
-    return static_cast<int>(bits);
+    return btkGetNetwork<int>(from);
 }
 
 nmsRecordReader::nmsRecordReader(const nmsLimits& most) : limits(most)

@@ -7,18 +7,9 @@
 #include <streambuf>
 
 #include "iotext_p.h"
+#include <qel/base/btkbyteorder.h>
 
 // Values as words of 1, 4 or 8 bytes, in the host's order or in that of the network.
-
-inline std::uint32_t ioSwapped(std::uint32_t word)
-{
-    return __builtin_bswap32(word);
-}
-
-inline std::uint64_t ioSwapped(std::uint64_t word)
-{
-    return __builtin_bswap64(word);
-}
 
 struct ioNative
 {
@@ -34,20 +25,14 @@ struct ioNetwork
     template<class Word>
     static Word Order(Word word)
     {
-        constexpr bool hostIsNetworkOrder = std::endian::native == std::endian::big;
-        return hostIsNetworkOrder ? word : ioSwapped(word);
+        return btkNetworkOrder(word);
     }
 };
-
-/// The word that a value travels as.
-template<class Value>
-using ioWord = std::conditional_t<sizeof(Value) == 1, std::uint8_t,
-                                  std::conditional_t<sizeof(Value) == 4, std::uint32_t, std::uint64_t>>;
 
 template<class Form, class Value>
 Value ioDecode(const char* from)
 {
-    ioWord<Value> word;
+    btkWord<Value> word;
     std::memcpy(&word, from, sizeof word);
     return std::bit_cast<Value>(Form::Order(word));
 }
@@ -55,7 +40,7 @@ Value ioDecode(const char* from)
 template<class Form, class Value>
 void ioEncode(char* to, Value value)
 {
-    const auto word = Form::Order(std::bit_cast<ioWord<Value>>(value));
+    const auto word = Form::Order(std::bit_cast<btkWord<Value>>(value));
     std::memcpy(to, &word, sizeof word);
 }
 

@@ -1,53 +1,11 @@
-#include "xmonlib.h"
-
 #include <algorithm>
-#include <bit>
 #include <climits>
-#include <cstdint>
 #include <cstring>
 #include <memory>
-#include <optional>
 
-#include "monlock_p.h"
-#include "qelexception.h"
+#include "monfile_p.h"
 #include "qeltable.h"
-#include "xiolib.h"
-#include <qel/base/xfilebuf.h>
-
-constinit qelClass monParam::rtti = {
-    .name = "monlib::Param",
-    .attrs = {QEL_ATTR(Name)},
-};
-
-constinit qelClass monBoolParam::rtti = {
-    .name = "monlib::BoolParam",
-    .parents = {QEL_PARENT(monParam)},
-    .attrs = {QEL_ATTR(Value)},
-};
-
-constinit qelClass monIntParam::rtti = {
-    .name = "monlib::IntParam",
-    .parents = {QEL_PARENT(monParam)},
-    .attrs = {QEL_ATTR(Value)},
-};
-
-constinit qelClass monRealParam::rtti = {
-    .name = "monlib::RealParam",
-    .parents = {QEL_PARENT(monParam)},
-    .attrs = {QEL_ATTR(Value)},
-};
-
-constinit qelClass monStringParam::rtti = {
-    .name = "monlib::StringParam",
-    .parents = {QEL_PARENT(monParam)},
-    .attrs = {QEL_ATTR(Value), QEL_ATTR(Size)},
-};
-
-constinit qelClass monParamDict::rtti = {
-    .name = "monlib::ParamDict",
-    .elements = qelDictionaryOf<self>,
-    .create = &qelCreateOf<self>,
-};
+#include <qel/base/btkfilepart.h>
 
 constinit qelClass monFile::rtti = {
     .name = "monlib::File",
@@ -62,24 +20,12 @@ namespace {
 enum RecordType : int { boolRecord, intRecord, realRecord, stringRecord };
 
 constexpr int headSize = 12; // type, reserved, length of the name
-constexpr int wordSize = 4;
-constexpr int realSize = 8;
 constexpr int longestName = 1023;
 
 // The size of a value of a kind other than string, and of the length of a string.
 constexpr int FixedSize(int type)
 {
-    return type == realRecord ? realSize : wordSize;
-}
-
-int OffsetOf(std::fpos<int> position)
-{
-    return static_cast<int>(std::streamoff(position));
-}
-
-[[noreturn]] void ThrowWeird()
-{
-    qelXNativeException::Throw("Weird parameter type");
+    return type == realRecord ? monRealSize : monWordSize;
 }
 
 [[noreturn]] void ThrowTooLarge()
@@ -98,7 +44,6 @@ template<>
 struct monFile::Kind<monBoolParam>
 {
     static constexpr int type = boolRecord;
-    using Value = unsigned char;
     static constexpr auto store = &monFile::StoreBool;
 };
 
@@ -106,7 +51,6 @@ template<>
 struct monFile::Kind<monIntParam>
 {
     static constexpr int type = intRecord;
-    using Value = int;
     static constexpr auto store = &monFile::StoreInt;
 };
 
@@ -114,7 +58,6 @@ template<>
 struct monFile::Kind<monRealParam>
 {
     static constexpr int type = realRecord;
-    using Value = double;
     static constexpr auto store = &monFile::StoreReal;
 };
 
@@ -123,251 +66,6 @@ struct monFile::Kind<monStringParam>
 {
     static constexpr int type = stringRecord;
 };
-
-// ---- values
-
-namespace {
-
-// The word that a number is in a file, before it is put in network order.
-template<class Value>
-using WordOf = std::conditional_t<std::is_same_v<Value, double>, std::uint64_t, std::uint32_t>;
-
-// To network order, and back.
-template<class Word>
-Word Ordered(Word word)
-{
-    if constexpr (std::endian::native == std::endian::big)
-        return word;
-    else if constexpr (sizeof(Word) == 4)
-        return __builtin_bswap32(word);
-    else
-        return __builtin_bswap64(word);
-}
-
-template<class Value>
-WordOf<Value> Encode(Value value)
-{
-    if constexpr (sizeof(Value) == 1)
-        return Ordered(std::uint32_t{value});
-    else
-        return Ordered(std::bit_cast<WordOf<Value>>(value));
-}
-
-template<class Value>
-Value Decode(WordOf<Value> word)
-{
-    if constexpr (sizeof(Value) == 1)
-        return static_cast<Value>(Ordered(word) & 0xFF);
-    else
-        return std::bit_cast<Value>(Ordered(word));
-}
-
-// Whether two readings found the same; a real that is not a number is the same as itself.
-template<class Value>
-bool IsSame(const Value& a, const Value& b)
-{
-    if constexpr (std::is_same_v<Value, double>)
-        return Encode(a) == Encode(b);
-    else
-        return a == b;
-}
-
-// Whether a reading made no sense.
-template<class Value>
-bool IsImpossible(const Value& value)
-{
-    if constexpr (std::is_same_v<Value, xstring>)
-        return value == nullptr;
-    else
-        return false;
-}
-
-} // namespace
-
-// What a failure leaves behind in the stream is forgotten, so that the file can still be used.
-template<class Transfer>
-void monFile::Attempt(Transfer transfer)
-{
-    try {
-        transfer();
-    } catch (...) {
-        if (stream->getIsOpen()) {
-            stream->fileBuf->DropPending();
-            stream->setIsBad(0);
-        }
-        throw;
-    }
-}
-
-// Reads the value of `size` bytes at `start` by `load`, under its lock.
-template<class Load>
-auto monFile::LoadLocked(int start, int size, Load load)
-{
-    constexpr int attempts = 10;
-    decltype(load()) value{};
-    bool wasQuiet = false;
-    for (int left = attempts;; --left) {
-        const bool waitedInVain = !isPatient;
-        const monReadLock lock(stream->fileBuf->GetHandle(), start, size, isPatient);
-        const auto before = std::exchange(value, load());
-        bool isGood = lock.IsSure();
-        if (!isGood) {
-            const bool isQuiet = lock.IsQuiet();
-            isGood = isQuiet && wasQuiet && IsSame(value, before);
-            wasQuiet = isQuiet;
-        }
-        if ((isGood && !IsImpossible(value)) || (waitedInVain && !isPatient) || left == 1)
-            return value;
-    }
-}
-
-// Numbers go straight to and from their place: one call of the host each.
-
-template<class Param>
-auto monFile::Get(std::fpos<int> position)
-{
-    using Value = typename Kind<Param>::Value;
-    using Word = WordOf<Value>;
-    const int start = OffsetOf(position);
-    stream->CheckOpen();
-    const auto load = [&] {
-        Word word;
-        const std::ptrdiff_t count = btkReadAt(stream->fileBuf->GetHandle(), &word, sizeof word, start);
-        if (count != sizeof word)
-            Attempt([&] { stream->ThrowState(count < 0 ? ioFileStream::stateBad : ioFileStream::stateEof); });
-        return Decode<Value>(word);
-    };
-    return monIsSplit(start, sizeof(Word)) ? LoadLocked(start, sizeof(Word), load) : load();
-}
-
-template<class Param, class Value>
-Value monFile::Set(std::fpos<int> position, Value value)
-{
-    const auto word = Encode(value);
-    const int start = OffsetOf(position);
-    stream->CheckOpen();
-    const btkHandle handle = stream->fileBuf->GetHandle();
-    std::optional<monWriteLock> lock;
-    if (monIsSplit(start, sizeof word))
-        lock.emplace(handle, start, static_cast<int>(sizeof word));
-    if (btkWriteWholeAt(handle, &word, sizeof word, start) != sizeof word)
-        Attempt([&] { stream->ThrowState(ioFileStream::stateBad); });
-    return value;
-}
-
-xstring monFile::GetText(int start, int capacity)
-{
-    constexpr int readAtOnce = 4096;
-    stream->CheckOpen();
-    return LoadLocked(start, wordSize + capacity, [&] {
-        Seek(start);
-        stream->fileBuf->ExpectRead(static_cast<std::size_t>(std::min(wordSize + capacity, readAtOnce)));
-        return LoadStringA(capacity);
-    });
-}
-
-void monFile::SetText(int start, int capacity, const char* text)
-{
-    stream->CheckOpen();
-    const monWriteLock lock(stream->fileBuf->GetHandle(), start, wordSize + capacity);
-    Attempt([&] {
-        Seek(start);
-        StoreString(text);
-    });
-}
-
-monParam::monParam(monFile& owner, const char* called, std::fpos<int> at)
-    : name(called), file(&owner), position(at)
-{
-    owner.params->set(called, this);
-}
-
-monParam::~monParam() = default;
-
-xstring monParam::getName()
-{
-    return name;
-}
-
-monBoolParam::monBoolParam(monFile& owner, xstring called, std::fpos<int> at)
-    : monParam(owner, called.CastToCString(), at)
-{
-}
-
-unsigned char monBoolParam::getValue()
-{
-    return file->Get<self>(position);
-}
-
-unsigned char monBoolParam::setValue(unsigned char v)
-{
-    return file->Set<self>(position, v);
-}
-
-monIntParam::monIntParam(monFile& owner, xstring called, std::fpos<int> at)
-    : monParam(owner, called.CastToCString(), at)
-{
-}
-
-int monIntParam::getValue()
-{
-    return file->Get<self>(position);
-}
-
-int monIntParam::setValue(int v)
-{
-    return file->Set<self>(position, v);
-}
-
-monRealParam::monRealParam(monFile& owner, xstring called, std::fpos<int> at)
-    : monParam(owner, called.CastToCString(), at)
-{
-}
-
-double monRealParam::getValue()
-{
-    return file->Get<self>(position);
-}
-
-double monRealParam::setValue(double v)
-{
-    return file->Set<self>(position, v);
-}
-
-monStringParam::monStringParam(monFile& owner, xstring called, std::fpos<int> at, int size)
-    : monParam(owner, called.CastToCString(), at), capacity(size)
-{
-}
-
-xstring monStringParam::getValue()
-{
-    xstring value = file->GetText(OffsetOf(position), capacity);
-    if (value == nullptr)
-        ThrowWeird();
-    return value;
-}
-
-xstring monStringParam::setValue(const char* v)
-{
-    if (qelIsObject(v) && std::strlen(v) > static_cast<std::size_t>(capacity))
-        qelXNativeException::Throw("monStringParam::setValue: Value too long");
-    file->SetText(OffsetOf(position), capacity, v);
-    return v;
-}
-
-int monStringParam::getSize()
-{
-    return capacity;
-}
-
-monParamDict* monParamDict::create()
-{
-    try {
-        return new (pDefMemMgr) monParamDict;
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
-}
 
 // ---- the file
 
@@ -553,7 +251,7 @@ xstring monFile::LoadStringA(int capacity)
     if (length < 0 || length > capacity)
         return nullptr;
     // Back to the length, which was read right after a seek and is still held.
-    for (int i = 0; i < wordSize; ++i)
+    for (int i = 0; i < monWordSize; ++i)
         stream->fileBuf->sungetc();
     return stream->ReadString(nullptr);
 }
@@ -618,10 +316,10 @@ bool monFile::ReadRecord(long long end)
     LoadInt();
     const int nameLength = LoadInt();
     if (type < boolRecord || type > stringRecord || nameLength < 0 || nameLength > longestName)
-        ThrowWeird();
+        monThrowWeird();
     long long position = static_cast<long long>(readUpTo) + headSize + nameLength;
     if (type == stringRecord)
-        position += wordSize;
+        position += monWordSize;
     if (position > end)
         return false;
     char name[longestName + 1] = {};
@@ -629,7 +327,7 @@ bool monFile::ReadRecord(long long end)
     const int capacity = type == stringRecord ? LoadInt() : 0;
     const long long next = position + FixedSize(type) + capacity;
     if (capacity < 0 || next > INT_MAX)
-        ThrowWeird();
+        monThrowWeird();
     if (next > end)
         return false;
 
@@ -651,7 +349,7 @@ bool monFile::ReadRecord(long long end)
         if (!LoadFixedString(capacity)) {
             // The length may have been rewritten just now.
             if (GetText(valueAt, capacity) == nullptr)
-                ThrowWeird();
+                monThrowWeird();
             Seek(static_cast<int>(next));
         }
         Enter<monStringParam>(name, valueAt, capacity);
@@ -714,7 +412,7 @@ Param* monFile::Append(const char* name, Capacity... capacity)
     const int room = (0 + ... + capacity);
     if (room < 0)
         qelXNativeException::Throw("monFile::String: Negative capacity");
-    constexpr int capacityWord = type == stringRecord ? wordSize : 0;
+    constexpr int capacityWord = type == stringRecord ? monWordSize : 0;
     const long long end = readUpTo + static_cast<long long>(std::strlen(name)) + headSize + capacityWord +
                           FixedSize(type) + room;
     if (end > INT_MAX)

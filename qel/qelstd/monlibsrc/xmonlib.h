@@ -194,9 +194,9 @@ private:
     void ReadPast(int size);
 
     // A value in its place.
-    template<class Param>
-    auto Get(std::fpos<int> position);
-    template<class Param, class Value>
+    template<class Value>
+    Value Get(std::fpos<int> position);
+    template<class Value>
     Value Set(std::fpos<int> position, Value value);
     xstring GetText(int start, int capacity); // null: the file says that it is longer than it can be
     void SetText(int start, int capacity, const char* text);

@@ -4,6 +4,7 @@
 
 #include "netaddress.h"
 #include "qeltable.h"
+#include <qel/base/btkbyteorder.h>
 #include <qel/base/btksocket.h>
 #include <qel/base/xsocketbuf.h>
 
@@ -15,7 +16,7 @@ constinit qelClass netSocketStream::rtti = {
 namespace {
 
 constexpr ioEventType outOfBandPending = static_cast<ioEventType>(2);
-constexpr std::size_t valueSize = 4; // an integer in XDR form: the most significant byte first
+constexpr std::size_t valueSize = sizeof(int); // in XDR form, which is that of the network
 
 } // namespace
 
@@ -67,23 +68,16 @@ btkHandle netSocketStream::GetInheritHandle()
 unsigned char netSocketStream::WriteOutOfBand(int value)
 {
     CheckOpen();
-    const unsigned bits = static_cast<unsigned>(value);
     char encoded[valueSize];
-    for (std::size_t i = 0; i < valueSize; ++i)
-        encoded[i] = static_cast<char>(bits >> (24 - 8 * i));
+    btkPutNetwork(encoded, value);
     return socketBuf->SendUrgent(encoded);
 }
 
 int netSocketStream::ReadOutOfBand()
 {
     CheckOpen();
-    unsigned char encoded[valueSize];
-    if (socketBuf->ReceiveUrgent(encoded) != valueSize)
-        return xnullint;
-    unsigned bits = 0;
-    for (const unsigned char byte : encoded)
-        bits = bits << 8 | byte;
-    return static_cast<int>(bits);
+    char encoded[valueSize];
+    return socketBuf->ReceiveUrgent(encoded) == valueSize ? btkGetNetwork<int>(encoded) : xnullint;
 }
 
 ioEvent* netSocketStream::OutOfBandEvent()

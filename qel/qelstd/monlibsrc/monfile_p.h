@@ -1,0 +1,31 @@
+#pragma once
+
+#include "qelexception.h"
+#include "xiolib.h"
+#include "xmonlib.h"
+#include <qel/base/xfilebuf.h>
+
+// What the file and its parameters share.
+
+constexpr int monWordSize = 4; // of a bool, an int and the length of a text
+constexpr int monRealSize = 8;
+
+[[noreturn]] inline void monThrowWeird()
+{
+    qelXNativeException::Throw("Weird parameter type");
+}
+
+// What a failure leaves behind in the stream is forgotten, so that the file can still be used.
+template<class Transfer>
+void monFile::Attempt(Transfer transfer)
+{
+    try {
+        transfer();
+    } catch (...) {
+        if (stream->getIsOpen()) {
+            stream->fileBuf->DropPending();
+            stream->setIsBad(0);
+        }
+        throw;
+    }
+}

@@ -1,0 +1,268 @@
+#include <algorithm>
+#include <bit>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "monfile_p.h"
+#include "monlock_p.h"
+#include "qeltable.h"
+#include <qel/base/btkbyteorder.h>
+
+constinit qelClass monParam::rtti = {
+    .name = "monlib::Param",
+    .attrs = {QEL_ATTR(Name)},
+};
+
+constinit qelClass monBoolParam::rtti = {
+    .name = "monlib::BoolParam",
+    .parents = {QEL_PARENT(monParam)},
+    .attrs = {QEL_ATTR(Value)},
+};
+
+constinit qelClass monIntParam::rtti = {
+    .name = "monlib::IntParam",
+    .parents = {QEL_PARENT(monParam)},
+    .attrs = {QEL_ATTR(Value)},
+};
+
+constinit qelClass monRealParam::rtti = {
+    .name = "monlib::RealParam",
+    .parents = {QEL_PARENT(monParam)},
+    .attrs = {QEL_ATTR(Value)},
+};
+
+constinit qelClass monStringParam::rtti = {
+    .name = "monlib::StringParam",
+    .parents = {QEL_PARENT(monParam)},
+    .attrs = {QEL_ATTR(Value), QEL_ATTR(Size)},
+};
+
+constinit qelClass monParamDict::rtti = {
+    .name = "monlib::ParamDict",
+    .elements = qelDictionaryOf<self>,
+    .create = &qelCreateOf<self>,
+};
+
+// ---- values
+
+namespace {
+
+int OffsetOf(std::fpos<int> position)
+{
+    return static_cast<int>(std::streamoff(position));
+}
+
+// The word that a number is in a file, before it is put in network order.
+template<class Value>
+using WordOf = std::conditional_t<sizeof(Value) == 1, std::uint32_t, btkWord<Value>>;
+
+template<class Value>
+WordOf<Value> Encode(Value value)
+{
+    if constexpr (sizeof(Value) == 1)
+        return btkNetworkOrder(std::uint32_t{value});
+    else
+        return btkNetworkOrder(std::bit_cast<WordOf<Value>>(value));
+}
+
+template<class Value>
+Value Decode(WordOf<Value> word)
+{
+    if constexpr (sizeof(Value) == 1)
+        return static_cast<Value>(btkNetworkOrder(word) & 0xFF);
+    else
+        return std::bit_cast<Value>(btkNetworkOrder(word));
+}
+
+// Whether two readings found the same; a real that is not a number is the same as itself.
+template<class Value>
+bool IsSame(const Value& a, const Value& b)
+{
+    if constexpr (std::is_same_v<Value, double>)
+        return Encode(a) == Encode(b);
+    else
+        return a == b;
+}
+
+// Whether a reading made no sense.
+template<class Value>
+bool IsImpossible(const Value& value)
+{
+    if constexpr (std::is_same_v<Value, xstring>)
+        return value == nullptr;
+    else
+        return false;
+}
+
+} // namespace
+
+// Reads the value of `size` bytes at `start` by `load`, under its lock.
+template<class Load>
+auto monFile::LoadLocked(int start, int size, Load load)
+{
+    constexpr int attempts = 10;
+    decltype(load()) value{};
+    bool wasQuiet = false;
+    for (int left = attempts;; --left) {
+        const bool waitedInVain = !isPatient;
+        const monReadLock lock(stream->fileBuf->GetHandle(), start, size, isPatient);
+        const auto before = std::exchange(value, load());
+        bool isGood = lock.IsSure();
+        if (!isGood) {
+            const bool isQuiet = lock.IsQuiet();
+            isGood = isQuiet && wasQuiet && IsSame(value, before);
+            wasQuiet = isQuiet;
+        }
+        if ((isGood && !IsImpossible(value)) || (waitedInVain && !isPatient) || left == 1)
+            return value;
+    }
+}
+
+// Numbers go straight to and from their place: one call of the host each.
+
+template<class Value>
+Value monFile::Get(std::fpos<int> position)
+{
+    using Word = WordOf<Value>;
+    const int start = OffsetOf(position);
+    stream->CheckOpen();
+    const auto load = [&] {
+        Word word;
+        const std::ptrdiff_t count = btkReadAt(stream->fileBuf->GetHandle(), &word, sizeof word, start);
+        if (count != sizeof word)
+            Attempt([&] { stream->ThrowState(count < 0 ? ioFileStream::stateBad : ioFileStream::stateEof); });
+        return Decode<Value>(word);
+    };
+    return monIsSplit(start, sizeof(Word)) ? LoadLocked(start, sizeof(Word), load) : load();
+}
+
+template<class Value>
+Value monFile::Set(std::fpos<int> position, Value value)
+{
+    const auto word = Encode(value);
+    const int start = OffsetOf(position);
+    stream->CheckOpen();
+    const btkHandle handle = stream->fileBuf->GetHandle();
+    std::optional<monWriteLock> lock;
+    if (monIsSplit(start, sizeof word))
+        lock.emplace(handle, start, static_cast<int>(sizeof word));
+    if (btkWriteWholeAt(handle, &word, sizeof word, start) != sizeof word)
+        Attempt([&] { stream->ThrowState(ioFileStream::stateBad); });
+    return value;
+}
+
+xstring monFile::GetText(int start, int capacity)
+{
+    constexpr int readAtOnce = 4096;
+    stream->CheckOpen();
+    return LoadLocked(start, monWordSize + capacity, [&] {
+        Seek(start);
+        stream->fileBuf->ExpectRead(static_cast<std::size_t>(std::min(monWordSize + capacity, readAtOnce)));
+        return LoadStringA(capacity);
+    });
+}
+
+void monFile::SetText(int start, int capacity, const char* text)
+{
+    stream->CheckOpen();
+    const monWriteLock lock(stream->fileBuf->GetHandle(), start, monWordSize + capacity);
+    Attempt([&] {
+        Seek(start);
+        StoreString(text);
+    });
+}
+
+monParam::monParam(monFile& owner, const char* called, std::fpos<int> at)
+    : name(called), file(&owner), position(at)
+{
+    owner.params->set(called, this);
+}
+
+monParam::~monParam() = default;
+
+xstring monParam::getName()
+{
+    return name;
+}
+
+monBoolParam::monBoolParam(monFile& owner, xstring called, std::fpos<int> at)
+    : monParam(owner, called.CastToCString(), at)
+{
+}
+
+unsigned char monBoolParam::getValue()
+{
+    return file->Get<unsigned char>(position);
+}
+
+unsigned char monBoolParam::setValue(unsigned char v)
+{
+    return file->Set(position, v);
+}
+
+monIntParam::monIntParam(monFile& owner, xstring called, std::fpos<int> at)
+    : monParam(owner, called.CastToCString(), at)
+{
+}
+
+int monIntParam::getValue()
+{
+    return file->Get<int>(position);
+}
+
+int monIntParam::setValue(int v)
+{
+    return file->Set(position, v);
+}
+
+monRealParam::monRealParam(monFile& owner, xstring called, std::fpos<int> at)
+    : monParam(owner, called.CastToCString(), at)
+{
+}
+
+double monRealParam::getValue()
+{
+    return file->Get<double>(position);
+}
+
+double monRealParam::setValue(double v)
+{
+    return file->Set(position, v);
+}
+
+monStringParam::monStringParam(monFile& owner, xstring called, std::fpos<int> at, int size)
+    : monParam(owner, called.CastToCString(), at), capacity(size)
+{
+}
+
+xstring monStringParam::getValue()
+{
+    xstring value = file->GetText(OffsetOf(position), capacity);
+    if (value == nullptr)
+        monThrowWeird();
+    return value;
+}
+
+xstring monStringParam::setValue(const char* v)
+{
+    if (qelIsObject(v) && std::strlen(v) > static_cast<std::size_t>(capacity))
+        qelXNativeException::Throw("monStringParam::setValue: Value too long");
+    file->SetText(OffsetOf(position), capacity, v);
+    return v;
+}
+
+int monStringParam::getSize()
+{
+    return capacity;
+}
+
+monParamDict* monParamDict::create()
+{
+    try {
+        return new (pDefMemMgr) monParamDict;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
