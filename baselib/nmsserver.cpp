@@ -18,6 +18,7 @@ namespace {
 constexpr btkTimeval newFor(0, 20000);
 constexpr btkTimeval pauseWithoutRoom(0, 50000);
 constexpr btkTimeval endingLimit(0, 500000);
+constexpr std::size_t fixedPlaces = 3; // of what is waited for beside the clients
 constexpr std::size_t receiveSize = 16384;
 constexpr std::size_t sendSize = 65536;
 
@@ -53,8 +54,10 @@ struct nmsServer::Client
 };
 
 nmsServer::nmsServer(nmsServerOptions wanted)
-    : options(std::move(wanted)), table(options.table), stop(Event_Create(false))
+    : options(std::move(wanted)), table(options.table), stop(Event_Create(false)),
+      asked(std::make_unique<pollfd[]>(fixedPlaces + options.waiting))
 {
+    clients.reserve(options.waiting);
 }
 
 nmsServer::~nmsServer()
@@ -116,25 +119,26 @@ bool nmsServer::Sleep(btkTimeval limit)
     if (!isDoorOpen)
         limit = std::min(limit, doorClosedUntil);
 
-    std::vector<pollfd> asked;
-    asked.push_back({isStopping ? -1 : stop, POLLIN, 0});
-    asked.push_back({isStopping ? -1 : signals.Get(), POLLIN, 0});
-    asked.push_back({isDoorOpen ? door.GetHandle() : -1, POLLIN, 0});
+    asked[0] = {isStopping ? -1 : stop, POLLIN, 0};
+    asked[1] = {isStopping ? -1 : signals.Get(), POLLIN, 0};
+    asked[2] = {isDoorOpen ? door.GetHandle() : -1, POLLIN, 0};
+    pollfd* place = &asked[fixedPlaces];
     for (const auto& client : clients)
-        asked.push_back({client->socket.GetHandle(),
-                         static_cast<short>(client->state == Client::Answering ? POLLOUT : POLLIN), 0});
-    if (btkPoll(asked.data(), asked.size(), limit.IsForever() ? limit : limit - now) < 0)
+        *place++ = {client->socket.GetHandle(),
+                    static_cast<short>(client->state == Client::Answering ? POLLOUT : POLLIN), 0};
+    const auto count = static_cast<std::size_t>(place - asked.get());
+    if (btkPoll(asked.get(), count, limit.IsForever() ? limit : limit - now) < 0)
         return true;
-    for (std::size_t i = 0; i < clients.size(); ++i)
-        clients[i]->ready = asked[i + 3].revents;
+    place = &asked[fixedPlaces];
+    for (const auto& client : clients)
+        client->ready = place++->revents;
     return asked[0].revents != 0 || asked[1].revents != 0;
 }
 
 // When the first client, or the closed door, is to be looked after.
 btkTimeval nmsServer::NextLimit() const
 {
-    return clients.empty() ? btkTimeval::Forever() + btkTimeval::Forever()
-                           : clients.front()->since + options.requestLimit;
+    return clients.empty() ? btkTimeval::Forever() : clients.front()->since + options.requestLimit;
 }
 
 void nmsServer::DropLate()

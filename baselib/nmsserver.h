@@ -8,6 +8,8 @@
 #include <qel/base/btksocket.h>
 #include <qel/base/nmstable.h>
 
+struct pollfd;
+
 struct nmsServerOptions
 {
     /// The interface to listen on, by address or name; null: all of them.
@@ -67,5 +69,7 @@ private:
     btkHandle stop = -1;        // an event
     btkFd signals;              // readable once one that ends the server has come
     bool isStopping = false;
+    // Both have room for all that may be there, so that serving needs memory for requests only.
     std::vector<std::unique_ptr<Client>> clients; // the oldest first
+    std::unique_ptr<pollfd[]> asked;
 };

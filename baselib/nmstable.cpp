@@ -5,6 +5,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <unistd.h>
+#include <unordered_set>
 
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -40,10 +41,13 @@ std::string StartOf(std::uint32_t process)
                                       : line.substr(place + 1, line.find(' ', place + 1) - place - 1);
 }
 
+// Takes `id` out, if it is there.
 template<class Id>
 void EraseId(std::vector<Id>& ascending, Id id)
 {
-    ascending.erase(std::lower_bound(ascending.begin(), ascending.end(), id));
+    const auto place = std::lower_bound(ascending.begin(), ascending.end(), id);
+    if (place != ascending.end() && *place == id)
+        ascending.erase(place);
 }
 
 std::size_t HandlesToSpend()
@@ -72,18 +76,33 @@ nmscReturnCode nmsTable::Add(nmsFields&& record)
         encoded->size() > limits.bytes - bytes)
         return nmscInternal;
     const std::uint32_t process = record.owner;
-    if (process != 0)
-        if (const nmscReturnCode refusal = Acquire(process); refusal != nmscDone)
-            return refusal;
-
     const Id id = nextId++;
-    if (process != 0)
-        owners.at(process).ids.push_back(id);
-    bytes += encoded->size();
-    for (const auto& field : record.fields)
-        byField[KeyOf(field)].push_back(id);
-    entries.emplace_hint(entries.end(), id, Entry{std::move(record), std::move(encoded)});
-    return nmscDone;
+    const auto entry =
+        entries.emplace_hint(entries.end(), id, Entry{std::move(record), std::move(encoded), {}});
+    bytes += entry->second.encoded->size();
+    try {
+        const nmscReturnCode refusal = process == 0 ? nmscDone : Acquire(process);
+        if (refusal == nmscDone)
+            Index(*entry);
+        else
+            Erase(entry);
+        return refusal;
+    } catch (...) {
+        Erase(entry);
+        throw;
+    }
+}
+
+void nmsTable::Index(std::pair<const Id, Entry>& added)
+{
+    auto& [id, entry] = added;
+    if (entry.record.owner != 0)
+        owners.at(entry.record.owner).ids.push_back(id);
+    entry.places.reserve(entry.record.fields.size());
+    for (const auto& field : entry.record.fields) {
+        entry.places.push_back(&*byField.try_emplace(KeyOf(field)).first);
+        entry.places.back()->second.push_back(id);
+    }
 }
 
 std::size_t nmsTable::Remove(const nmsFields& pattern)
@@ -127,14 +146,13 @@ std::vector<nmsTable::Id> nmsTable::Match(const nmsFields& pattern)
 
     // Processes without a handle are asked for one by one, and only when an answer depends on them.
     if (owners.size() > handles) {
-        std::vector<std::uint32_t> ended;
-        for (const Id id : found) {
-            const std::uint32_t owner = entries.at(id).record.owner;
-            if (owner != 0 && std::find(ended.begin(), ended.end(), owner) == ended.end() && HasEnded(owner))
-                ended.push_back(owner);
-        }
-        for (const std::uint32_t owner : ended)
-            DropOwner(owner);
+        std::unordered_set<std::uint32_t> asked;
+        for (const Id id : found)
+            asked.insert(entries.at(id).record.owner);
+        asked.erase(0);
+        for (const std::uint32_t owner : asked)
+            if (HasEnded(owner))
+                DropOwner(owner);
         std::erase_if(found, [&](Id id) { return entries.find(id) == entries.end(); });
     }
     return found;
@@ -158,9 +176,8 @@ void nmsTable::DropDead()
 
 void nmsTable::DropOwner(std::uint32_t id)
 {
-    const std::vector<Id> ids = owners.at(id).ids;
-    for (const Id record : ids)
-        Erase(entries.find(record));
+    for (auto owner = owners.find(id); owner != owners.end(); owner = owners.find(id))
+        Erase(entries.find(owner->second.ids.back()));
 }
 
 // Makes sure that a process is known and may have one more record.
@@ -172,10 +189,11 @@ nmscReturnCode nmsTable::Acquire(std::uint32_t id)
     if (known != owners.end())
         return known->second.ids.size() < limits.recordsOfOwner ? nmscDone : nmscInternal;
 
-    Owner owner;
-    owner.start = id > INT_MAX ? std::string() : StartOf(id);
-    if (owner.start.empty())
+    std::string start = id > INT_MAX ? std::string() : StartOf(id);
+    if (start.empty())
         return nmscNotAllowed;
+    Owner& owner = owners.try_emplace(id).first->second;
+    owner.start = std::move(start);
     if (handles < mostHandles) {
         owner.handle.Reset(static_cast<btkHandle>(syscall(SYS_pidfd_open, id, 0)));
         epoll_event asked = {};
@@ -186,24 +204,25 @@ nmscReturnCode nmsTable::Acquire(std::uint32_t id)
         else
             owner.handle.Reset();
     }
-    owners.emplace(id, std::move(owner));
     return nmscDone;
 }
 
+// Needs no memory, and takes out what has been entered in part.
 void nmsTable::Erase(std::map<Id, Entry>::iterator entry)
 {
-    const nmsFields& record = entry->second.record;
-    for (const auto& field : record.fields) {
-        const auto place = byField.find(KeyOf(field));
+    for (Place* const place : entry->second.places) {
         EraseId(place->second, entry->first);
         if (place->second.empty())
-            byField.erase(place);
+            byField.erase(byField.find(place->first));
     }
-    if (record.owner != 0) {
-        const auto owner = owners.find(record.owner);
+    if (const auto owner = owners.find(entry->second.record.owner); owner != owners.end()) {
         EraseId(owner->second.ids, entry->first);
         if (owner->second.ids.empty()) {
-            handles -= owner->second.handle ? 1 : 0;
+            if (owner->second.handle) {
+                // Closing alone does not end the watch while a child still holds the handle.
+                epoll_ctl(watch.Get(), EPOLL_CTL_DEL, owner->second.handle.Get(), nullptr);
+                --handles;
+            }
             owners.erase(owner);
         }
     }

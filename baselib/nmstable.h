@@ -21,7 +21,8 @@ struct nmsTableLimits
 };
 
 /// The records of a name server, found by any of their fields without a walk over all. A record of a process
-/// goes with its process, at the latest before the next answer that it could be in. Used by one thread.
+/// goes with its process, at the latest before the next answer that it could be in. An operation that throws
+/// for want of memory has changed nothing but for the records of ended processes. Used by one thread.
 class BASE_API nmsTable
 {
 public:
@@ -44,10 +45,13 @@ public:
 
 private:
     using Id = std::uint64_t;
+    /// A field and the records that have it, ascending, never none.
+    using Place = std::pair<const std::string, std::vector<Id>>;
     struct Entry
     {
         nmsFields record;
         Encoded encoded;
+        std::vector<Place*> places; // of its fields
     };
     /// A process with records. Where the host has no handle left for it, it is known by its id and the time
     /// of its start.
@@ -63,13 +67,14 @@ private:
     bool HasEnded(std::uint32_t id) const;
     std::vector<Id> Match(const nmsFields& pattern);
     nmscReturnCode Acquire(std::uint32_t id);
+    void Index(std::pair<const Id, Entry>& added);
     void Erase(std::map<Id, Entry>::iterator entry);
 
     nmsTableLimits limits;
     std::size_t bytes = 0;
     Id nextId = 0;
     std::map<Id, Entry> entries;
-    std::unordered_map<std::string, std::vector<Id>> byField; // ascending, never empty
+    std::unordered_map<std::string, std::vector<Id>> byField;
     std::unordered_map<std::uint32_t, Owner> owners;
     btkFd watch; // tells which processes with a handle have ended
     std::size_t handles = 0;

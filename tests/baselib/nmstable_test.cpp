@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "support/child.h"
+#include "support/failingmalloc.h"
 #include <qel/base/btktimeval.h>
 #include <qel/base/nmstable.h>
 #include <sys/resource.h>
@@ -115,4 +116,32 @@ TEST(NameTable, DropsThemAlsoWithoutDescriptorsLeft)
     second.wait();
     EXPECT_EQ(table.Find({}).size(), 1u);
     EXPECT_EQ(table.GetSize(), 1u);
+}
+
+TEST(NameTable, StaysAsItIsWhenThereIsNoMemoryForARecord)
+{
+    const auto own = static_cast<std::uint32_t>(getpid());
+    const nmsFields added = Record("name", "new");
+    nmsTable table;
+    ASSERT_EQ(table.Add(Record("kind", "same")), nmscDone);
+    for (long after = 0;; ++after) {
+        nmsFields record = Record("name", "new", own);
+        record.Set("kind", "same");
+        bool isThrown = false;
+        {
+            const failing::Failing memory(after, false);
+            try {
+                EXPECT_EQ(table.Add(std::move(record)), nmscDone);
+            } catch (const std::bad_alloc&) {
+                isThrown = true;
+            }
+        }
+        ASSERT_EQ(isThrown, failing::Failing::happened()) << after;
+        ASSERT_EQ(table.Find(added).size(), isThrown ? 0u : 1u) << after;
+        ASSERT_EQ(table.Find(Record("kind", "same")).size(), isThrown ? 1u : 2u) << after;
+        if (!isThrown)
+            break;
+    }
+    EXPECT_EQ(table.Remove(added), 1u);
+    EXPECT_EQ(table.Remove({}), 1u);
 }
