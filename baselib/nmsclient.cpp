@@ -174,19 +174,8 @@ capi_nmsError* Request(capi_nmsServerProxy& proxy, nmsRequestCode code, const nm
     proxy.port = nmsFindPort();
     if (record != nullptr && !nmsPutRecord(encoded, *record))
         return NewError(proxy, nmscInternal, false);
-    nmsExchange exchange;
-    const int status = exchange.Ask(proxy.host.c_str(), proxy.port, code, encoded);
-    if (status == nmsExchange::noAnswer)
-        return NewError(proxy, nmscNoConnection, false);
-    const bool isRead = rest(exchange, status);
-    if (status != nmscDone)
-        return NewError(proxy, status, true);
-    return isRead ? nullptr : NewError(proxy, nmscNoConnection, false);
-}
-
-bool NoRest(nmsExchange&, int)
-{
-    return true;
+    const nmsOutcome outcome = nmsExchange().Do(proxy.host.c_str(), proxy.port, code, encoded, rest);
+    return outcome.code == nmscDone ? nullptr : NewError(proxy, outcome.code, outcome.fromServer);
 }
 
 } // namespace
@@ -279,7 +268,7 @@ void nmsRecArrDelete(capi_nmsRecordArray** array)
 
 capi_nmsError* nmsServPing(capi_nmsServerProxy* proxy)
 {
-    capi_nmsError* error = Request(*proxy, nmsRequestCode::ping, nullptr, NoRest);
+    capi_nmsError* error = Request(*proxy, nmsRequestCode::ping, nullptr, nmsExchange::NoRest);
     if (error != nullptr && error->code != nmscNoConnection) {
         // Whatever it answers, it does not answer as a name server.
         nmsErrDelete(&error);
@@ -292,7 +281,7 @@ capi_nmsError* nmsServRegister(capi_nmsServerProxy* proxy, const capi_nmsRecord*
 {
     if (record->held.owner != 0 && !proxy->host.empty()) // processes are those of this machine
         return NewError(*proxy, nmscNotAllowed, false);
-    return Request(*proxy, nmsRequestCode::enter, &record->held, NoRest);
+    return Request(*proxy, nmsRequestCode::enter, &record->held, nmsExchange::NoRest);
 }
 
 capi_nmsError* nmsServQuery(capi_nmsServerProxy* proxy, const capi_nmsRecord* pattern,
@@ -312,9 +301,10 @@ capi_nmsError* nmsServQuery(capi_nmsServerProxy* proxy, const capi_nmsRecord* pa
     if (count != nullptr)
         *count = static_cast<int>(found.size());
     if (array != nullptr) {
-        *array = new capi_nmsRecordArray;
+        auto made = std::make_unique<capi_nmsRecordArray>();
         for (nmsFields& record : found)
-            (*array)->records.push_back({std::move(record)});
+            made->records.push_back({std::move(record)});
+        *array = made.release();
     }
     return nullptr;
 }
@@ -334,7 +324,7 @@ capi_nmsError* nmsServShutdown(capi_nmsServerProxy* proxy)
 {
     if (!proxy->host.empty())
         return NewError(*proxy, nmscNotAllowed, false);
-    return Request(*proxy, nmsRequestCode::shutdown, nullptr, NoRest);
+    return Request(*proxy, nmsRequestCode::shutdown, nullptr, nmsExchange::NoRest);
 }
 
 capi_nmsError* nmsServVersion(capi_nmsServerProxy* proxy, capi_nmsRecord* answer)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,13 @@ BASE_API int nmsFindPort();
 BASE_API void nmsSetAnswerLimit(btkTimeval limit);
 BASE_API btkTimeval nmsGetAnswerLimit();
 
+/// How a request ended: nmscDone, or what went wrong, and who found that.
+struct nmsOutcome
+{
+    int code = nmscDone;
+    bool fromServer = false;
+};
+
 /// One request to a name server and the parts of its answer, in their order. Nothing is thrown.
 class BASE_API nmsExchange
 {
@@ -27,6 +35,20 @@ public:
     /// Connects to the name server on `host` (null or empty: this machine) and sends the request; `record` is
     /// what follows the code. Answers the status byte. How long connecting takes is the host's.
     int Ask(const char* host, int port, nmsRequestCode code, const std::string& record = {});
+    /// The whole request: asks, and has the rest of the answer read by `rest(*this, status)`, which answers
+    /// whether it came.
+    template<class Rest>
+    nmsOutcome Do(const char* host, int port, nmsRequestCode code, const std::string& record, Rest rest)
+    {
+        const int status = Ask(host, port, code, record);
+        const bool isRead = status != noAnswer && rest(*this, status);
+        if (status != noAnswer && status != nmscDone)
+            return {status, true};
+        return {isRead ? nmscDone : nmscNoConnection, false};
+    }
+    /// For answers that are no more than a status.
+    static bool NoRest(nmsExchange&, int) { return true; }
+
     /// Reads a number of the answer. False when it did not come within the limit; the exchange is over then.
     bool ReadInt(int& value);
     /// Reads a record of the answer. False as above, and when it is no record; what was read of it is kept.
@@ -93,3 +115,19 @@ BASE_API const char* nmsErrGetText(const capi_nmsError* error);
 /// Writes the line to the standard error output.
 BASE_API void nmsErrPrint(const capi_nmsError* error);
 BASE_API void nmsErrDelete(capi_nmsError** error);
+
+// ---- owners of the objects
+
+template<auto Free>
+struct nmsFree
+{
+    template<class T>
+    void operator()(T* held) const
+    {
+        Free(&held);
+    }
+};
+using nmsOwnedProxy = std::unique_ptr<capi_nmsServerProxy, nmsFree<&nmsServDelete>>;
+using nmsOwnedRecord = std::unique_ptr<capi_nmsRecord, nmsFree<&nmsRecDelete>>;
+using nmsOwnedRecords = std::unique_ptr<capi_nmsRecordArray, nmsFree<&nmsRecArrDelete>>;
+using nmsOwnedError = std::unique_ptr<capi_nmsError, nmsFree<&nmsErrDelete>>;

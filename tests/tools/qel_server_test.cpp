@@ -5,7 +5,8 @@
 
 #include "support/nameserver.h"
 #include "support/qelprogram.h"
-#include <qel/base/nmsclient.h>
+#include <qel/base/btksocket.h>
+#include <qel/netaddress.h>
 
 namespace {
 
@@ -16,13 +17,7 @@ public:
     explicit OneAnswer(std::string bytes) : answer(std::move(bytes))
     {
         EXPECT_TRUE(door.Listen(0, "127.0.0.1"));
-        capi_nmsServerProxy* proxy = nmsServConnectLocal();
-        capi_nmsRecord* record = nmsRecCreate(1);
-        nmsRecAdd(record, "_ServerName", "echo");
-        nmsRecAdd(record, "_PortNumber", std::to_string(door.GetPortN()).c_str());
-        EXPECT_EQ(nmsServRegister(proxy, record), nullptr);
-        nmsRecDelete(&record);
-        nmsServDelete(&proxy);
+        EXPECT_TRUE(RegisterWithNMS(getNameServer(nullptr), door.GetPortN(), "echo"));
         loop = std::thread([this] { serve(); });
     }
     OneAnswer(const OneAnswer&) = delete;
@@ -89,5 +84,8 @@ TEST(QelServer, SaysThatThereIsNone)
     const Outcome outcome = Qel("server ping nobody@127.0.0.1");
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.output, "qel server: nobody@127.0.0.1: Server is not registered\n");
+    const EnvSetting elsewhere("VRXNMSPORT", "1"); // where nobody listens
+    const std::string without = "qel server: nobody: Name Server is not found\n";
+    EXPECT_EQ(Qel("server ping nobody").output, without);
     EXPECT_EQ(Qel("server ping").status, 2);
 }

@@ -5,6 +5,8 @@
 #include <CLI/CLI.hpp>
 
 #include "commands.h"
+#include <qel/xobject.h>
+#include <qel/xstring.h>
 
 namespace {
 
@@ -28,6 +30,8 @@ int main(int argc, char** argv)
         return failed.status;
     } catch (const std::exception& failure) {
         std::cerr << "qel: " << failure.what() << std::endl;
-        return 1;
+    } catch (xthrowable* failure) {
+        std::cerr << "qel: " << failure->getQelTypeName() << std::endl;
     }
+    return 1;
 }

@@ -69,33 +69,19 @@ void AddServe(CLI::App& group)
 
 // ---- asking
 
-// Frees what the client functions gave.
-template<auto Free>
-struct FreeWith
-{
-    template<class T>
-    void operator()(T* object) const
-    {
-        Free(&object);
-    }
-};
-using Proxy = std::unique_ptr<capi_nmsServerProxy, FreeWith<nmsServDelete>>;
-using Record = std::unique_ptr<capi_nmsRecord, FreeWith<nmsRecDelete>>;
-using Records = std::unique_ptr<capi_nmsRecordArray, FreeWith<nmsRecArrDelete>>;
-
 struct AskChoices
 {
     std::string host; // empty: this machine
     std::vector<std::string> fields;
     int owner = 0;
 
-    Proxy Connect() const
+    nmsOwnedProxy Connect() const
     {
-        return Proxy(host.empty() ? nmsServConnectLocal() : nmsServConnectByName(host.c_str()));
+        return nmsOwnedProxy(host.empty() ? nmsServConnectLocal() : nmsServConnectByName(host.c_str()));
     }
-    Record MakeRecord() const
+    nmsOwnedRecord MakeRecord() const
     {
-        Record record(nmsRecCreate(owner));
+        nmsOwnedRecord record(nmsRecCreate(owner));
         for (const std::string& field : fields) {
             const std::size_t equals = field.find('=');
             nmsRecAdd(record.get(), field.substr(0, equals).c_str(), field.substr(equals + 1).c_str());
@@ -104,12 +90,12 @@ struct AskChoices
     }
 };
 
-void Require(capi_nmsError* error)
+void Require(capi_nmsError* answered)
 {
+    const nmsOwnedError error(answered);
     if (error == nullptr)
         return;
-    nmsErrPrint(error);
-    nmsErrDelete(&error);
+    nmsErrPrint(error.get());
     throw CommandFailed{};
 }
 
@@ -129,11 +115,11 @@ std::string Quoted(const std::string& text)
 
 void PrintMatching(const AskChoices& choices)
 {
-    const Record pattern = choices.MakeRecord();
+    const nmsOwnedRecord pattern = choices.MakeRecord();
     capi_nmsRecordArray* found = nullptr;
     int count = 0;
     Require(nmsServQuery(choices.Connect().get(), pattern.get(), &found, &count));
-    const Records held(found);
+    const nmsOwnedRecords held(found);
     for (int i = 0; i < count; ++i) {
         const nmsFields& record = nmsRecGetFields(nmsRecArrGetByIndex(found, i));
         std::cout << record.owner;
@@ -163,7 +149,7 @@ void Ping(const AskChoices& choices)
 
 void PrintVersion(const AskChoices& choices)
 {
-    const Record answer(nmsRecCreate(0));
+    const nmsOwnedRecord answer(nmsRecCreate(0));
     Require(nmsServVersion(choices.Connect().get(), answer.get()));
     const char* const version = nmsRecGetFieldValueByName(answer.get(), "Version");
     std::cout << Quoted(version == nullptr ? "" : version) << std::endl;

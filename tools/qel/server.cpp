@@ -1,5 +1,4 @@
 // qel server: what every versioned server answers, whatever it serves.
-#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -8,7 +7,8 @@
 
 #include "commands.h"
 #include <qel/base/nethandshake.h>
-#include <qel/base/nmsclient.h>
+#include <qel/netaddress.h>
+#include <qel/netexception.h>
 
 namespace {
 
@@ -30,27 +30,17 @@ struct Address
 // The port under which the server is registered.
 int FindPort(const Address& address)
 {
-    capi_nmsServerProxy* proxy =
-        address.host.empty() ? nmsServConnectLocal() : nmsServConnectByName(address.host.c_str());
-    capi_nmsRecord* pattern = nmsRecCreate(0);
-    nmsRecAdd(pattern, "_ServerName", address.name.c_str());
-    capi_nmsRecordArray* found = nullptr;
-    int count = 0;
-    capi_nmsError* error = nmsServQuery(proxy, pattern, &found, &count);
-    int port = 0;
-    const char* text = nullptr;
-    for (int i = 0; i < count && text == nullptr; ++i)
-        text = nmsRecGetFieldValueByName(nmsRecArrGetByIndex(found, i), "_PortNumber");
-    if (text != nullptr)
-        port = std::atoi(text);
-    const std::string problem = error == nullptr ? "Server is not registered" : nmsErrGetText(error);
-    nmsErrDelete(&error);
-    nmsRecArrDelete(&found);
-    nmsRecDelete(&pattern);
-    nmsServDelete(&proxy);
-    if (port <= 0)
-        Fail(address, problem);
-    return port;
+    const xrchandle<netAddress> server(
+        netAddress::Create(address.name.c_str(), address.host.empty() ? nullptr : address.host.c_str()));
+    std::string problem;
+    try {
+        return ResolvePort(server.get());
+    } catch (xthrowable* thrown) {
+        if (netXException* const failure = netXException::softcast(thrown))
+            problem = failure->getMsg().CastToCString();
+        xdelete(thrown);
+    }
+    Fail(address, problem);
 }
 
 // Asks the server and requires the answer 1; leaves the connection for what follows.

@@ -1,7 +1,6 @@
 #include "netaddress.h"
 
 #include <cstdlib>
-#include <memory>
 #include <string>
 
 #include "netexception.h"
@@ -20,21 +19,6 @@ namespace {
 constexpr const char* nameField = "_ServerName";
 constexpr const char* portField = "_PortNumber";
 
-// Frees what the name service's functions hand out.
-template<auto Free>
-struct Freed
-{
-    template<class T>
-    void operator()(T* held) const
-    {
-        Free(&held);
-    }
-};
-using Proxy = std::unique_ptr<capi_nmsServerProxy, Freed<&nmsServDelete>>;
-using Record = std::unique_ptr<capi_nmsRecord, Freed<&nmsRecDelete>>;
-using RecordArray = std::unique_ptr<capi_nmsRecordArray, Freed<&nmsRecArrDelete>>;
-using Error = std::unique_ptr<capi_nmsError, Freed<&nmsErrDelete>>;
-
 const char* TextOf(const xstring& text)
 {
     return text == nullptr ? nullptr : text.CastToCString();
@@ -43,7 +27,7 @@ const char* TextOf(const xstring& text)
 // Takes the error, and reports it. Whether there was none.
 bool Succeeded(capi_nmsError* answered)
 {
-    const Error error(answered);
+    const nmsOwnedError error(answered);
     if (error != nullptr)
         nmsErrPrint(error.get());
     return error == nullptr;
@@ -51,22 +35,19 @@ bool Succeeded(capi_nmsError* answered)
 
 } // namespace
 
-netAddress::netAddress(const char* host) : hostName(host == xnullstr ? sysGetCurHostName() : xstring(host))
+netAddress::netAddress(const char* host, int port, const char* server)
+    : hostName(host == xnullstr ? sysGetCurHostName() : xstring(host)), portN(port), serverName(server)
 {
 }
 
 netAddress* netAddress::Create(int port, const char* host)
 {
-    auto* const made = new (pDefMemMgr) netAddress(host);
-    made->portN = port;
-    return made;
+    return new (pDefMemMgr) netAddress(host, port, nullptr);
 }
 
 netAddress* netAddress::Create(const char* serverName, const char* host)
 {
-    auto* const made = new (pDefMemMgr) netAddress(host);
-    made->serverName = serverName;
-    return made;
+    return new (pDefMemMgr) netAddress(host, 0, serverName);
 }
 
 int ResolvePort(netAddress* address)
@@ -74,7 +55,7 @@ int ResolvePort(netAddress* address)
     if (!qelIsObject(address))
         netXException::Throw(netInvalidAddress, "Address is nil!");
     if (address->getPortN() == 0) {
-        const Proxy proxy(getNameServer(address->getHostName()));
+        const nmsOwnedProxy proxy(getNameServer(address->getHostName()));
         if (proxy == nullptr)
             netXException::Throw(netNameServiceProblem, "Name Server is not found");
         const int port = GetPortFromNMS(proxy.get(), address->getServerName());
@@ -88,15 +69,15 @@ int ResolvePort(netAddress* address)
 capi_nmsServerProxy* getNameServer(xstring host)
 {
     const char* const name = TextOf(host);
-    Proxy proxy(name == nullptr ? nmsServConnectLocal() : nmsServConnectByName(name));
-    if (proxy == nullptr || Error(nmsServPing(proxy.get())) != nullptr)
+    nmsOwnedProxy proxy(name == nullptr ? nmsServConnectLocal() : nmsServConnectByName(name));
+    if (proxy == nullptr || nmsOwnedError(nmsServPing(proxy.get())) != nullptr)
         return nullptr;
     return proxy.release();
 }
 
 capi_nmsRecord* MakeServerRecord(xstring name)
 {
-    Record record(nmsRecCreate(1));
+    nmsOwnedRecord record(nmsRecCreate(1));
     if (record == nullptr || !nmsRecAdd(record.get(), nameField, TextOf(name)))
         return nullptr;
     return record.release();
@@ -104,35 +85,35 @@ capi_nmsRecord* MakeServerRecord(xstring name)
 
 bool RegisterWithNMS(capi_nmsServerProxy* proxy, int port, xstring name)
 {
-    const Proxy owned(proxy);
-    const Record record(MakeServerRecord(name));
+    const nmsOwnedProxy owned(proxy);
+    const nmsOwnedRecord record(MakeServerRecord(name));
     return record != nullptr && nmsRecAdd(record.get(), portField, std::to_string(port).c_str()) &&
            Succeeded(nmsServRegister(proxy, record.get()));
 }
 
 bool IsRegisteredWithNMS(capi_nmsServerProxy* proxy, xstring name)
 {
-    const Record record(MakeServerRecord(name));
+    const nmsOwnedRecord record(MakeServerRecord(name));
     int count = 0;
     return record != nullptr && Succeeded(nmsServQuery(proxy, record.get(), nullptr, &count)) && count != 0;
 }
 
 bool UnregisterFromNMS(capi_nmsServerProxy* proxy, xstring name)
 {
-    const Record record(MakeServerRecord(name));
+    const nmsOwnedRecord record(MakeServerRecord(name));
     int count = 0;
     return record != nullptr && Succeeded(nmsServRemove(proxy, record.get(), &count));
 }
 
 int GetPortFromNMS(capi_nmsServerProxy* proxy, xstring name)
 {
-    const Record record(MakeServerRecord(name));
+    const nmsOwnedRecord record(MakeServerRecord(name));
     if (record == nullptr)
         return 0;
     capi_nmsRecordArray* answered = nullptr;
     int count = 0;
     const bool isAnswered = Succeeded(nmsServQuery(proxy, record.get(), &answered, &count));
-    const RecordArray array(answered);
+    const nmsOwnedRecords array(answered);
     if (!isAnswered) {
         nmsRecPrint(record.get());
         return 0;

@@ -26,10 +26,10 @@ public:
     void setPortN(int port) { portN = port; }
 
 private:
-    explicit netAddress(const char* host);
+    netAddress(const char* host, int port, const char* server);
 
     xstring hostName;
-    int portN = 0;
+    int portN;
     xstring serverName;
 };
 

@@ -57,11 +57,6 @@ nmsServerProxy* Answering(nmsServerProxy* made)
     return nullptr;
 }
 
-bool ReadNothing(nmsExchange&, int)
-{
-    return true;
-}
-
 } // namespace
 
 nmsClientStatus::nmsClientStatus(int statusCode, StatusOrigin foundBy, const xstring& hostName, int usedPort,
@@ -175,20 +170,16 @@ nmsClientStatus* nmsServerProxy::Request(int code, nmsRecord* record, Rest rest)
     std::string encoded;
     if (record != nullptr && !nmsRecordWire::Encode(*record, encoded))
         return Status(nmscInternal, nmsClientStatus::Client);
-    nmsExchange exchange;
-    const int status =
-        exchange.Ask(local ? nullptr : TextOf(host), port, static_cast<nmsRequestCode>(code), encoded);
-    if (status == nmsExchange::noAnswer)
-        return Status(nmscNoConnection, nmsClientStatus::Client);
-    const bool isRead = rest(exchange, status);
-    if (status != nmscDone)
-        return Status(status, nmsClientStatus::Server);
-    return isRead ? nullptr : Status(nmscNoConnection, nmsClientStatus::Client);
+    const auto [status, fromServer] = nmsExchange().Do(local ? nullptr : TextOf(host), port,
+                                                       static_cast<nmsRequestCode>(code), encoded, rest);
+    return status == nmscDone
+               ? nullptr
+               : Status(status, fromServer ? nmsClientStatus::Server : nmsClientStatus::Client);
 }
 
 nmsClientStatus* nmsServerProxy::Ping()
 {
-    const Failure failure(Request(static_cast<int>(nmsRequestCode::ping), nullptr, ReadNothing));
+    const Failure failure(Request(static_cast<int>(nmsRequestCode::ping), nullptr, nmsExchange::NoRest));
     // Whatever it answers, it does not answer as a name server.
     return failure == nullptr ? nullptr : Status(nmscNoConnection, nmsClientStatus::Client);
 }
@@ -199,14 +190,14 @@ nmsClientStatus* nmsServerProxy::ImplShutdown()
         std::cerr << "ERROR  : NMS client: cannot shutdown nonlocal NameService." << std::endl;
         return Status(nmscNotAllowed, nmsClientStatus::Client);
     }
-    return Request(static_cast<int>(nmsRequestCode::shutdown), nullptr, ReadNothing);
+    return Request(static_cast<int>(nmsRequestCode::shutdown), nullptr, nmsExchange::NoRest);
 }
 
 nmsClientStatus* nmsServerProxy::ImplRegister(nmsRecord& record)
 {
     if (record.IsAssociated() && !local)
         return Status(nmscNotAllowed, nmsClientStatus::Client);
-    return Request(static_cast<int>(nmsRequestCode::enter), &record, ReadNothing);
+    return Request(static_cast<int>(nmsRequestCode::enter), &record, nmsExchange::NoRest);
 }
 
 nmsClientStatus* nmsServerProxy::ImplQuery(nmsRecord& pattern, nmsRecordArray* out, int* count)
