@@ -7,6 +7,7 @@
 #include <climits>
 #include <csignal>
 #include <fcntl.h>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <unistd.h>
@@ -23,6 +24,8 @@ struct btkProcess
     bool isChild = false;
     bool leadsGroup = false;
     bool isReaped = false; // its exit code has been taken: the id may be another's now
+    std::list<btkFd>
+        abandoned; // of a child: the place for its descriptor, so that freeing it takes no memory
 };
 
 namespace {
@@ -60,10 +63,11 @@ int Reap(btkHandle process, bool wait, long& exitCode)
 class Abandoned
 {
 public:
-    void Add(btkFd process)
+    void Add(btkProcess& process)
     {
         const std::lock_guard guard(mutex);
-        running.push_back(std::move(process));
+        process.abandoned.front() = std::move(process.descriptor);
+        running.splice(running.end(), process.abandoned);
     }
     // Reaps those that have ended. Keeps errno.
     void Sweep()
@@ -86,7 +90,7 @@ public:
 
 private:
     std::mutex mutex;
-    std::vector<btkFd> running;
+    std::list<btkFd> running;
 };
 
 class FileActions
@@ -197,6 +201,7 @@ bool Process_Launch(btkProcess** process, unsigned long* id, const char* command
 
     auto made = std::make_unique<btkProcess>();
     made->isChild = true;
+    made->abandoned.emplace_back();
     made->leadsGroup = (flags & btkLaunchGroup) != 0;
     made->id = Spawn(words, workDir, {in, out, err}, made->leadsGroup);
     if (made->id < 0)
@@ -277,7 +282,7 @@ void Process_Free(btkProcess* process)
 {
     long exitCode;
     if (process->isChild && !process->isReaped && Reap(process->descriptor.Get(), false, exitCode) == 0)
-        Abandoned::Get().Add(std::move(process->descriptor));
+        Abandoned::Get().Add(*process);
     delete process;
     Abandoned::Get().Sweep();
 }

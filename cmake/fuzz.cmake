@@ -5,6 +5,7 @@ function(qel_add_fuzzer name)
   cmake_parse_arguments(arg "" "" "LIBRARIES" ${ARGN})
   add_executable(fuzz_${name} ${name}.cpp)
   target_link_libraries(fuzz_${name} PRIVATE qel_options qelstd::qelstd ${arg_LIBRARIES})
+  target_include_directories(fuzz_${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests) # for tests/support
   if(QELSTD_BUILD_FUZZ)
     target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
   else()

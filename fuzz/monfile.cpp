@@ -15,11 +15,7 @@
 
 namespace {
 
-struct Xdelete
-{
-    void operator()(xobject* p) const { xdelete(p); }
-};
-using Monitor = std::unique_ptr<monFile, Xdelete>;
+using Monitor = std::unique_ptr<monFile, qelDelete>;
 
 void Require(bool holds)
 {

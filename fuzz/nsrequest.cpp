@@ -4,50 +4,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
-#include <thread>
 
+#include "support/nameserver.h"
 #include <qel/base/nmsclient.h>
-#include <qel/base/nmsserver.h>
 
 namespace {
-
-// A server on a thread of its own, which an input may stop.
-class Serving
-{
-public:
-    Serving() : server(Options()), listens(server.Listen()), port(server.GetPort()), loop([this] { Run(); })
-    {
-    }
-    ~Serving()
-    {
-        server.Stop();
-        loop.join();
-    }
-    Serving(const Serving&) = delete;
-    Serving& operator=(const Serving&) = delete;
-
-    bool Listens() const { return listens; }
-    int GetPort() const { return port; }
-
-private:
-    static nmsServerOptions Options()
-    {
-        nmsServerOptions options;
-        options.port = 0;
-        options.table.bytes = 1 << 16;
-        return options;
-    }
-    void Run()
-    {
-        if (listens)
-            server.Run();
-    }
-
-    nmsServer server;
-    bool listens;
-    int port;
-    std::thread loop;
-};
 
 bool AsksForTheEnd(const std::uint8_t* data, std::size_t size)
 {
@@ -61,17 +22,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static std::unique_ptr<Serving> serving;
+    static std::unique_ptr<TestNameServer> serving; // an input may stop it
     if (size < 1 || size > 200000)
         return 0;
     if (serving == nullptr)
-        serving = std::make_unique<Serving>();
-    if (!serving->Listens())
+        serving = std::make_unique<TestNameServer>(nmsServerOptions{.table = {.bytes = 1 << 16}});
+    if (!serving->isListening())
         std::abort();
 
     btkStreamSocket socket;
     const btkTimeval limit(5, 0);
-    if (!socket.Connect("127.0.0.1", serving->GetPort(), limit))
+    if (!socket.Connect("127.0.0.1", serving->getPort(), limit))
         std::abort();
     socket.SetRecvLimit(limit);
     const std::size_t first = 1 + data[size - 1] % size;
@@ -90,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     }
     nmsExchange other;
-    if (other.Ask("127.0.0.1", serving->GetPort(), nmsRequestCode::ping) != nmscDone)
+    if (other.Ask("127.0.0.1", serving->getPort(), nmsRequestCode::ping) != nmscDone)
         std::abort();
     return 0;
 }

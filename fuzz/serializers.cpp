@@ -12,11 +12,6 @@
 
 namespace {
 
-struct Xdelete
-{
-    void operator()(xobject* p) const { xdelete(p); }
-};
-
 void Require(bool holds)
 {
     if (!holds)
@@ -108,7 +103,7 @@ public:
 private:
     ioStream& Out() { return *pipe->getWriteEnd(); }
 
-    std::unique_ptr<ioPipe, Xdelete> pipe{ioPipe::Create()};
+    std::unique_ptr<ioPipe, qelDelete> pipe{ioPipe::Create()};
     const std::uint8_t* next;
     std::size_t left;
 };
@@ -124,7 +119,7 @@ void ReadAll(const std::uint8_t* data, std::size_t size)
     data += 5;
     size -= 5;
 
-    const std::unique_ptr<ioStringStream, Xdelete> memory(ioStringStream::Create(xnullstr));
+    const std::unique_ptr<ioStringStream, qelDelete> memory(ioStringStream::Create(xnullstr));
     memory->setSerializer(form);
     memory->WriteBytes(data, static_cast<unsigned>(size));
     std::optional<Parts> parts;

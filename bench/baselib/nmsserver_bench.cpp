@@ -7,8 +7,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "support/nameserver.h"
 #include <qel/base/nmsclient.h>
-#include <qel/base/nmsserver.h>
 
 namespace {
 
@@ -29,38 +29,6 @@ std::string Encoded(const nmsFields& record)
     return bytes;
 }
 
-class Serving
-{
-public:
-    Serving()
-        : server(Options()), listens(server.Listen()), port(server.GetPort()), loop([this] { server.Run(); })
-    {
-    }
-    ~Serving()
-    {
-        server.Stop();
-        loop.join();
-    }
-    Serving(const Serving&) = delete;
-    Serving& operator=(const Serving&) = delete;
-
-    bool Listens() const { return listens; }
-    int GetPort() const { return port; }
-
-private:
-    static nmsServerOptions Options()
-    {
-        nmsServerOptions options;
-        options.port = 0;
-        return options;
-    }
-
-    nmsServer server;
-    bool listens;
-    int port;
-    std::thread loop;
-};
-
 // One request and how long it took; false when it was not done.
 bool Ask(int port, nmsRequestCode code, const std::string& record, std::vector<double>& seconds)
 {
@@ -79,10 +47,10 @@ bool Ask(int port, nmsRequestCode code, const std::string& record, std::vector<d
 
 void RegisterQueryDelete(benchmark::State& state)
 {
-    Serving serving;
+    const TestNameServer serving;
     std::vector<double> ignored;
     for (int i = 0; i < state.range(0); ++i)
-        if (!Ask(serving.GetPort(), nmsRequestCode::enter, Encoded(Record("held" + std::to_string(i))),
+        if (!Ask(serving.getPort(), nmsRequestCode::enter, Encoded(Record("held" + std::to_string(i))),
                  ignored))
             state.SkipWithError("not registered");
 
@@ -97,7 +65,7 @@ void RegisterQueryDelete(benchmark::State& state)
                 for (int i = 0; i < rounds; ++i)
                     for (const auto code :
                          {nmsRequestCode::enter, nmsRequestCode::query, nmsRequestCode::remove})
-                        if (!Ask(serving.GetPort(), code, record, seconds[client]))
+                        if (!Ask(serving.getPort(), code, record, seconds[client]))
                             done[client] = 0;
             });
         for (std::thread& thread : threads)

@@ -17,12 +17,8 @@ namespace {
 
 constexpr std::size_t size = 64 << 20;
 
-struct Xdelete
-{
-    void operator()(xobject* p) const { xdelete(p); }
-};
 template<class T>
-using Owned = std::unique_ptr<T, Xdelete>;
+using Owned = std::unique_ptr<T, qelDelete>;
 
 void Run(const std::string& command)
 {

@@ -14,12 +14,8 @@ namespace {
 
 constexpr int pipes = 1000;
 
-struct Xdelete
-{
-    void operator()(xobject* p) const { xdelete(p); }
-};
 template<class T>
-using Owned = std::unique_ptr<T, Xdelete>;
+using Owned = std::unique_ptr<T, qelDelete>;
 
 void AllowDescriptors()
 {

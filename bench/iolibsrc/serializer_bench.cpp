@@ -25,12 +25,8 @@ constexpr int inFile = 16384;
 constexpr int inText = 2048;
 const char* const text20 = "twenty bytes of text";
 
-struct Xdelete
-{
-    void operator()(xobject* p) const { xdelete(p); }
-};
 template<class T>
-using Owned = std::unique_ptr<T, Xdelete>;
+using Owned = std::unique_ptr<T, qelDelete>;
 
 int IntAt(int i)
 {

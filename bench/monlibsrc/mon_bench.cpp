@@ -13,11 +13,7 @@
 
 namespace {
 
-struct Xdelete
-{
-    void operator()(xobject* p) const { xdelete(p); }
-};
-using Monitor = std::unique_ptr<monFile, Xdelete>;
+using Monitor = std::unique_ptr<monFile, qelDelete>;
 
 // A monitor file that is gone afterwards.
 class Published

@@ -17,12 +17,8 @@
 
 namespace {
 
-struct Xdelete
-{
-    void operator()(xobject* p) const { xdelete(p); }
-};
 template<class T>
-using Owned = std::unique_ptr<T, Xdelete>;
+using Owned = std::unique_ptr<T, qelDelete>;
 
 void Require(bool holds)
 {

@@ -21,11 +21,7 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-struct Xdelete
-{
-    void operator()(xobject* object) const { xdelete(object); }
-};
-using Time = std::unique_ptr<tmTime, Xdelete>;
+using Time = std::unique_ptr<tmTime, qelDelete>;
 
 Names sorted(const xrchandle<xstringsequence>& found)
 {

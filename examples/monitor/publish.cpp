@@ -19,11 +19,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-struct Xdelete
-{
-    void operator()(xobject* object) const { xdelete(object); }
-};
-
 // Parameters are found by name, and added when they are new: a network interface may come later.
 void publishReal(monFile& file, const std::string& name, double value)
 {
@@ -122,7 +117,7 @@ int main(int argc, char** argv)
     const double seconds = argc == 3 ? std::atof(argv[2]) : std::numeric_limits<double>::infinity();
     try {
         const xstring host = sysGetCurHostName();
-        const std::unique_ptr<monFile, Xdelete> file(monFile::Create(argv[1], host.CastToCString()));
+        const std::unique_ptr<monFile, qelDelete> file(monFile::Create(argv[1], host.CastToCString()));
         if (file == nullptr) {
             std::cerr << "publish: " << argv[1] << " cannot be written\n";
             return 1;
@@ -139,7 +134,7 @@ int main(int argc, char** argv)
             sampleMemory(*file);
             sampleProcessor(*file);
             sampleNetwork(*file);
-            const std::unique_ptr<tmTime, Xdelete> now(tmTime::CurrentTime());
+            const std::unique_ptr<tmTime, qelDelete> now(tmTime::CurrentTime());
             time->setValue(tmTime::TimeToString(now.get()).CastToCString());
             count->setValue(samples);
             std::this_thread::sleep_for(std::chrono::milliseconds(250));

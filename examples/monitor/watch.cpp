@@ -23,11 +23,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-struct Xdelete
-{
-    void operator()(xobject* object) const { xdelete(object); }
-};
-using Monitor = std::unique_ptr<monFile, Xdelete>;
+using Monitor = std::unique_ptr<monFile, qelDelete>;
 
 // The value of a parameter of any kind: each has the attribute.
 std::string valueOf(monParam& param)

@@ -83,19 +83,6 @@ bool WaitForEnd(const btkProcess* process)
     return btkEvent::Wait({&event}, btkTimeval(20.0)) == 1;
 }
 
-class Processes : public testing::Test
-{
-protected:
-    void TearDown() override
-    {
-        EXPECT_EQ(openDescriptors(), descriptors);
-        EXPECT_TRUE(hasNoChildren());
-    }
-
-private:
-    long descriptors = openDescriptors();
-};
-
 } // namespace
 
 TEST_F(Processes, GiveTheirExitCodeOrTheSignalThatEndedThem)

@@ -23,14 +23,9 @@ private:
     btkHandle handle;
 };
 
-struct Xdelete
+std::unique_ptr<evtEventArray, qelDelete> ArrayOf(std::initializer_list<evtEvent*> events)
 {
-    void operator()(xobject* p) const { xdelete(p); }
-};
-
-std::unique_ptr<evtEventArray, Xdelete> ArrayOf(std::initializer_list<evtEvent*> events)
-{
-    std::unique_ptr<evtEventArray, Xdelete> array(evtEventArray::create());
+    std::unique_ptr<evtEventArray, qelDelete> array(evtEventArray::create());
     for (evtEvent* const event : events)
         array->append(event);
     return array;

@@ -5,13 +5,8 @@
 
 #include <qel/xiolib.h>
 
-/// Frees what is not counted.
-struct Xdelete
-{
-    void operator()(xobject* p) const { xdelete(p); }
-};
 template<class T>
-using Owned = std::unique_ptr<T, Xdelete>;
+using Owned = std::unique_ptr<T, qelDelete>;
 
 /// The text of the stream exception that `work` throws; "" when it throws none.
 template<class Work>

@@ -15,12 +15,8 @@
 
 namespace {
 
-struct Xdelete
-{
-    void operator()(xobject* p) const { xdelete(p); }
-};
-using Stream = std::unique_ptr<netSocketStream, Xdelete>;
-using Event = std::unique_ptr<ioEvent, Xdelete>;
+using Stream = std::unique_ptr<netSocketStream, qelDelete>;
+using Event = std::unique_ptr<ioEvent, qelDelete>;
 
 Stream streamOver(btkStreamSocket& connected)
 {

@@ -11,11 +11,7 @@
 
 namespace {
 
-struct Xdelete
-{
-    void operator()(xobject* p) const { xdelete(p); }
-};
-using Interrupt = std::unique_ptr<pcInterruptEvent, Xdelete>;
+using Interrupt = std::unique_ptr<pcInterruptEvent, qelDelete>;
 
 Interrupt Make()
 {

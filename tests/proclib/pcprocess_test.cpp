@@ -50,19 +50,6 @@ int ExitCodeOf(pcProcess& process)
     return process.GetExitCode();
 }
 
-class Processes : public testing::Test
-{
-protected:
-    void TearDown() override
-    {
-        EXPECT_EQ(openDescriptors(), descriptors);
-        EXPECT_TRUE(hasNoChildren());
-    }
-
-private:
-    long descriptors = openDescriptors();
-};
-
 } // namespace
 
 TEST_F(Processes, TalkThroughTheStreamsThatTheyAreGiven)

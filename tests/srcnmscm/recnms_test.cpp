@@ -12,11 +12,7 @@
 
 namespace {
 
-struct Xdelete
-{
-    void operator()(xobject* p) const { xdelete(p); }
-};
-using Stream = std::unique_ptr<ioStringStream, Xdelete>;
+using Stream = std::unique_ptr<ioStringStream, qelDelete>;
 using Record = xrchandle<nmsRecord>;
 
 Stream NewStream()

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdlib>
 #include <string>
 #include <thread>
 
@@ -13,8 +12,8 @@ class TestNameServer
 {
 public:
     explicit TestNameServer(nmsServerOptions options = {})
-        : server(prepared(std::move(options))), listens(server.Listen()),
-          port("VRXNMSPORT", std::to_string(server.GetPort()).c_str()), loop([this] { server.Run(); })
+        : server(prepared(std::move(options))), listens(server.Listen()), port(server.GetPort()),
+          setting("VRXNMSPORT", std::to_string(port).c_str()), loop([this] { server.Run(); })
     {
     }
     TestNameServer(const TestNameServer&) = delete;
@@ -26,7 +25,7 @@ public:
     }
 
     bool isListening() const { return listens; }
-    int getPort() const { return std::atoi(std::getenv("VRXNMSPORT")); }
+    int getPort() const { return port; }
     /// Waits until the server has stopped by itself.
     void waitForEnd()
     {
@@ -43,6 +42,7 @@ private:
 
     nmsServer server;
     bool listens;
-    EnvSetting port;
+    int port;
+    EnvSetting setting;
     std::thread loop;
 };

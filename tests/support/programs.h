@@ -1,6 +1,9 @@
 #pragma once
 
 #include <cerrno>
+
+#include "support/descriptors.h"
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 
 /// Whether the process has no child left, running or ended.
@@ -9,3 +12,17 @@ inline bool hasNoChildren()
     siginfo_t found;
     return waitid(P_ALL, 0, &found, WEXITED | WNOHANG | WNOWAIT) != 0 && errno == ECHILD;
 }
+
+/// For tests that start programs: none of them leaves a child or a descriptor behind.
+class Processes : public testing::Test
+{
+protected:
+    void TearDown() override
+    {
+        EXPECT_EQ(openDescriptors(), descriptors);
+        EXPECT_TRUE(hasNoChildren());
+    }
+
+private:
+    long descriptors = openDescriptors();
+};

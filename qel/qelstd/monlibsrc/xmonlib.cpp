@@ -33,11 +33,6 @@ constexpr int FixedSize(int type)
     qelXNativeException::Throw("monFile: File too large");
 }
 
-struct Xdelete
-{
-    void operator()(xobject* p) const { xdelete(p); }
-};
-
 } // namespace
 
 template<>
@@ -88,7 +83,7 @@ monFile::~monFile()
 // wait.
 monFile* monFile::Attach(const char* path)
 {
-    std::unique_ptr<ioFileStream, Xdelete> opened(ioFileStream::Open(path, ioReadWrite));
+    std::unique_ptr<ioFileStream, qelDelete> opened(ioFileStream::Open(path, ioReadWrite));
     if (opened == nullptr || opened->fileBuf->GetFileSize() < 0)
         return nullptr;
     opened->setSerializer(ioSerializer::getXDR());
@@ -100,7 +95,7 @@ monFile* monFile::Attach(const char* path)
 
 monFile* monFile::Open(const char* path)
 {
-    std::unique_ptr<monFile, Xdelete> file(Attach(path));
+    std::unique_ptr<monFile, qelDelete> file(Attach(path));
     if (file == nullptr)
         return nullptr;
     file->headerWord = file->LoadInt();
@@ -113,10 +108,10 @@ monFile* monFile::Open(const char* path)
 
 monFile* monFile::Create(const char* path, const char* newTitle)
 {
-    std::unique_ptr<monFile, Xdelete> file(Attach(path));
+    std::unique_ptr<monFile, qelDelete> file(Attach(path));
     if (file == nullptr) {
         // Opening for writing makes it.
-        const std::unique_ptr<ioFileStream, Xdelete> made(ioFileStream::Open(path, ioWriteOnly));
+        const std::unique_ptr<ioFileStream, qelDelete> made(ioFileStream::Open(path, ioWriteOnly));
         if (made == nullptr)
             return nullptr;
         file.reset(Attach(path));

@@ -29,6 +29,15 @@ BOOL OnConsole(DWORD type)
     return TRUE;
 }
 
+// The last one restores what was before. Under the mutex.
+void Leave()
+{
+    if (--instance.living > 0)
+        return;
+    SetConsoleCtrlHandler(&OnConsole, FALSE);
+    Event_Free(instance.event.exchange(-1));
+}
+
 } // namespace
 
 pcInterruptEvent::pcInterruptEvent(btkHandle event) : evtEvent(new btkEVENTEvent(event))
@@ -45,9 +54,13 @@ pcInterruptEvent* pcInterruptEvent::Create()
     }
     if (instance.event < 0)
         return nullptr;
-    auto* const made = new (pDefMemMgr) pcInterruptEvent(instance.event);
     ++instance.living;
-    return made;
+    try {
+        return new (pDefMemMgr) pcInterruptEvent(instance.event);
+    } catch (...) {
+        Leave();
+        throw;
+    }
 }
 
 void pcInterruptEvent::Reset()
@@ -60,8 +73,5 @@ void pcInterruptEvent::Reset()
 pcInterruptEvent::~pcInterruptEvent()
 {
     const thrLock guard(thrLibraryMutex());
-    if (--instance.living > 0)
-        return;
-    SetConsoleCtrlHandler(&OnConsole, FALSE);
-    Event_Free(instance.event.exchange(-1));
+    Leave();
 }

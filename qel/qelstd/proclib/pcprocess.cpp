@@ -1,5 +1,6 @@
 #include "pcprocess.h"
 
+#include <memory>
 #include <string>
 
 #include "iobasestream.h"
@@ -29,6 +30,13 @@ namespace {
 {
     pcXCreate::Throw(pcCreateCode::system, Error_GetLast());
 }
+
+// Frees a process that no object has taken.
+struct Free
+{
+    void operator()(btkProcess* process) const { Process_Free(process); }
+};
+using OwnedProcess = std::unique_ptr<btkProcess, Free>;
 
 pcProcessStatus StatusOf(const btkProcess* process)
 {
@@ -75,7 +83,9 @@ pcProcess* pcProcess::Create(const char* command, const char* workDir, ioStream*
     if (!Process_Launch(&handle, &id, qelIsObject(command) ? command : "", directory.c_str(), inHandle,
                         outHandle, errHandle, flags))
         ThrowSystemError();
+    OwnedProcess owned(handle);
     auto* const process = new (pDefMemMgr) pcProcess(handle, id, true);
+    owned.release();
     for (ioStream* const stream : {in, out, err})
         if (qelIsObject(stream))
             stream->Close();
@@ -87,7 +97,11 @@ pcProcess* pcProcess::Open(int id)
     btkProcess* handle;
     if (!OpenById(&handle, id))
         ThrowSystemError();
-    return new (pDefMemMgr) pcProcess(handle, static_cast<unsigned long>(id), Process_CanWait(handle));
+    OwnedProcess owned(handle);
+    auto* const process =
+        new (pDefMemMgr) pcProcess(handle, static_cast<unsigned long>(id), Process_CanWait(handle));
+    owned.release();
+    return process;
 }
 
 pcProcess::~pcProcess()
@@ -160,9 +174,7 @@ pcProcessStatus pcGetProcessStatus(int id)
     btkProcess* handle;
     if (!OpenById(&handle, id))
         return pcUninit;
-    const pcProcessStatus status = StatusOf(handle);
-    Process_Free(handle);
-    return status;
+    return StatusOf(OwnedProcess(handle).get());
 }
 
 xstring pcGetShellCommand()

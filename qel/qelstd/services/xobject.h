@@ -169,6 +169,12 @@ inline int xrcgetcount(xobject* p)
 /// @throws qelXRefCountable    the class of `p` is countable; the object is not touched
 QEL_API void xdelete(xobject* p);
 
+/// Frees by xdelete: for std::unique_ptr over objects of such classes.
+struct qelDelete
+{
+    void operator()(xobject* p) const { xdelete(p); }
+};
+
 // ---- casts
 
 [[noreturn]] QEL_API void qelThrowTypeMismatch(xrttiobject* expected, xobject* p);

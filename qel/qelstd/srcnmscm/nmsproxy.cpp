@@ -47,14 +47,17 @@ void ThrowFor(nmsClientStatus* failure, const char* function, Values... values)
         qelThrowNew<X>(LineOf(*held).c_str(), new (pDefMemMgr) qelXFunc(function), values...);
 }
 
+// Frees a counted object that nobody has attached.
+struct Discard
+{
+    void operator()(xobject* p) const { const xrchandle<xobject> last(p); }
+};
+
 // A proxy that answers, or null; one that does not is freed.
 nmsServerProxy* Answering(nmsServerProxy* made)
 {
-    const Failure failure(made->Ping());
-    if (failure == nullptr)
-        return made;
-    const xrchandle<nmsServerProxy> discarded(made);
-    return nullptr;
+    std::unique_ptr<nmsServerProxy, Discard> proxy(made);
+    return Failure(proxy->Ping()) == nullptr ? proxy.release() : nullptr;
 }
 
 } // namespace
@@ -126,14 +129,13 @@ int nmsServerProxy::Delete(nmsRecord* pattern)
 
 nmsRecordArray* nmsServerProxy::Query(nmsRecord* pattern)
 {
-    nmsRecordArray* const found = nmsRecordArray::create();
-    if (nmsClientStatus* const failure = ImplQuery(*pattern, found, nullptr)) {
-        const xrchandle<nmsRecordArray> unwanted(found);
+    std::unique_ptr<nmsRecordArray, Discard> found(nmsRecordArray::create());
+    if (nmsClientStatus* const failure = ImplQuery(*pattern, found.get(), nullptr)) {
         for (int i = 0; i < found->getarraysize(); ++i)
-            const xrchandle<nmsRecord> discarded(found->get(i));
+            Discard()(found->get(i));
         ThrowFor<nmsXCantQuery>(failure, "nmsServerProxy::Query", pattern);
     }
-    return found;
+    return found.release();
 }
 
 xstring nmsServerProxy::GetVersion()
@@ -213,9 +215,10 @@ nmsClientStatus* nmsServerProxy::ImplQuery(nmsRecord& pattern, nmsRecordArray* o
         *count = static_cast<int>(found.size());
     if (out != nullptr)
         for (const nmsFields& fields : found) {
-            nmsRecord* const record = nmsRecord::Create(0);
+            std::unique_ptr<nmsRecord, Discard> record(nmsRecord::Create(0));
             nmsRecordWire::Take(*record, fields);
-            out->append(record);
+            out->append(record.get());
+            record.release();
         }
     return failure;
 }
