@@ -1,13 +1,17 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <set>
+#include <thread>
 
 #include <qel/filelib.h>
 #include <qel/fsfile.h>
 #include <qel/tmtime.h>
 
 #include <csignal>
+#include <cstdio>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -161,6 +165,37 @@ TEST_F(Files, RemoveATreeButNothingThatALinkLeadsTo)
     fsRemove("X:/kept/inside", fsSimple);
     fsRemove("X:/kept/", fsSimple);
     EXPECT_FALSE(dir.has("kept"));
+}
+
+TEST_F(Files, RemoveNothingOutsideATreeThatIsChangedMeanwhile)
+{
+    constexpr int rounds = 100;
+    constexpr int parts = 20;
+    for (int i = 0; i < parts; ++i)
+        dir.write("kept/" + std::to_string(i));
+    std::atomic<int> changes = 0;
+    for (int round = 0; round < rounds; ++round) {
+        dir.link(dir.path("kept"), "link");
+        for (int i = 0; i < parts; ++i)
+            for (const char* name : {"0", "1", "2"})
+                dir.write("tree/" + std::to_string(i) + "/" + name);
+        std::atomic<bool> isDone = false;
+        // Puts the link to where a directory is, and back.
+        std::thread changer([&] {
+            for (int i = 0; !isDone; i = (i + 1) % parts)
+                for (int there = 0; there < 2; ++there)
+                    changes += renameat2(AT_FDCWD, dir.path("link").c_str(), AT_FDCWD,
+                                         dir.path("tree/" + std::to_string(i)).c_str(), RENAME_EXCHANGE) == 0;
+        });
+        raisedBy([] { fsRemove("X:/tree", fsRecursive); });
+        isDone = true;
+        changer.join();
+        for (int i = 0; i < parts; ++i)
+            ASSERT_TRUE(dir.has("kept/" + std::to_string(i))) << "round " << round;
+        for (const char* rest : {"tree", "link"})
+            std::filesystem::remove_all(dir.path(rest));
+    }
+    EXPECT_GT(changes, rounds);
 }
 
 TEST_F(Files, RemoveNothingFromADirectoryThatCannotGoItself)
