@@ -74,8 +74,13 @@ void StrictThread_Wait(void* thread, int* code)
 void StrictThread_Free(void* thread)
 {
     const std::unique_ptr<Handle> handle(static_cast<Handle*>(thread));
-    if (!handle->joined)
+    if (handle->joined)
+        return;
+    // One that has said its end is gone at once: wait, so that nothing of it is left when this is done.
+    if (StrictThread_CheckRunning(thread))
         pthread_detach(handle->id);
+    else
+        pthread_join(handle->id, nullptr);
 }
 
 btkHandle StrictThread_GetExitHandle(void* thread)
