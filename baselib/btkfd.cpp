@@ -2,12 +2,14 @@
 
 #include "btkpoll_p.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <limits>
 #include <pthread.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -117,6 +119,26 @@ std::size_t btkWrite(btkHandle handle, const void* from, std::size_t size)
     if (done < size && errno == EPIPE)
         guard.Raised();
     return done;
+}
+
+std::ptrdiff_t btkTryWrite(btkHandle handle, const void* from, std::size_t size)
+{
+    ssize_t sent;
+    do
+        sent = send(handle, from, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    while (sent < 0 && errno == EINTR);
+    if (sent >= 0 || errno == EAGAIN)
+        return std::max<std::ptrdiff_t>(sent, 0);
+    if (errno != ENOTSOCK)
+        return -1;
+    bool broken = false;
+    const std::size_t room = btkCountWritable(handle, broken);
+    if (broken)
+        errno = EPIPE;
+    if (broken || room == 0)
+        return broken ? -1 : 0;
+    const std::size_t written = btkWrite(handle, from, std::min(size, room));
+    return written > 0 ? static_cast<std::ptrdiff_t>(written) : -1;
 }
 
 std::size_t btkWriteAt(btkHandle handle, const void* from, std::size_t size, long long position)

@@ -50,6 +50,9 @@ BASE_API std::ptrdiff_t btkReadAt(btkHandle handle, void* to, std::size_t size, 
 /// Writes all `size` bytes. Answers the number written, which is less than `size` only when writing failed;
 /// the reason is then in errno. A reader that is gone gives EPIPE and never the signal SIGPIPE.
 BASE_API std::size_t btkWrite(btkHandle handle, const void* from, std::size_t size);
+/// Writes what is taken without waiting, at most `size` bytes: 0 when nothing is, -1 when writing failed. As
+/// btkWrite, it never raises SIGPIPE. A pipe must have no other writer, or the call may wait after all.
+BASE_API std::ptrdiff_t btkTryWrite(btkHandle handle, const void* from, std::size_t size);
 /// As btkWrite, at the byte offset `position`. For files only.
 BASE_API std::size_t btkWriteAt(btkHandle handle, const void* from, std::size_t size, long long position);
 

@@ -226,6 +226,7 @@ private:
     friend class ioXStream;
     friend class ioEvent;
     friend class pcProcess; // gives the inheritable handle to a child
+    friend class rshOutlet; // writes to the handle without waiting
     friend QEL_API void CopyStream(ioStream* to, ioStream* from);
 
     /// Releases what the concrete stream holds, its buffer at least. Called once.

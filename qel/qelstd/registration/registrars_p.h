@@ -22,5 +22,6 @@ QEL_REGISTRAR(monlib);
 QEL_REGISTRAR(proclib);
 QEL_REGISTRAR(netlib);
 QEL_REGISTRAR(nmsclib);
+QEL_REGISTRAR(rshlib);
 QEL_REGISTRAR(buildintypes);
 QEL_REGISTRAR(xrtti);

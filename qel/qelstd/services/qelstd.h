@@ -27,6 +27,8 @@
 #include <qel/nmsproxy.h>
 #include <qel/pcprocess.h>
 #include <qel/reglib.h>
+#include <qel/rshprocess.h>
+#include <qel/rshserver.h>
 #include <qel/syslib.h>
 #include <qel/tmexception.h>
 #include <qel/tmtime.h>

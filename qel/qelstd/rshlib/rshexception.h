@@ -1,0 +1,65 @@
+#pragma once
+
+#include <qel/pcexception.h>
+
+enum rshError : int { rshNoDaemon, rshNoNameService, rshNoPermission, rshProtocolMismatch, rshDaemonError };
+QEL_ENUM(rshError); // "rshlib::Error"
+
+/// The base of the remote shell's failures. Thrown as an `xthrowable*`; not counted: the catcher frees it
+/// with xdelete.
+class QEL_API rshXException : public virtual xthrowable
+{
+    QEL_OBJECT(rshXException); // "rshlib::XException"
+
+public:
+    rshError getError() { return Error; }
+    /// What went wrong, by getMsgImpl.
+    xstring getMsg();
+
+protected:
+    explicit rshXException(rshError error) : Error(error) {}
+    /// The text of the error.
+    virtual xstring getMsgImpl();
+
+private:
+    rshError Error;
+};
+
+/// The other end could not start the command.
+class QEL_API rshXProcess : public virtual rshXException
+{
+    QEL_OBJECT(rshXProcess); // "rshlib::XProcess"
+
+public:
+    /// `text`: what the other end says of it; null: nothing.
+    rshXProcess(rshError error, pcCreateError createError, const char* text);
+    [[noreturn]] static void Throw(rshError error, pcCreateError createError, const char* text);
+
+    /// The other end's number, one of pcCreateCode; 0 when it had no pipes left.
+    pcCreateError getCreateError() { return CreateError; }
+
+protected:
+    xstring getMsgImpl() override;
+
+private:
+    pcCreateError CreateError;
+    xstring Text;
+};
+
+/// A failure of the server. Not thrown by this library.
+class QEL_API rshXServer : public virtual rshXException
+{
+    QEL_OBJECT(rshXServer); // "rshlib::XServer"
+
+public:
+    explicit rshXServer(rshError error) : rshXException(error) {}
+};
+
+/// A failure to connect. Not thrown by this library.
+class QEL_API rshXConnection : public virtual rshXException
+{
+    QEL_OBJECT(rshXConnection); // "rshlib::XConnection"
+
+public:
+    explicit rshXConnection(rshError error) : rshXException(error) {}
+};

@@ -1,0 +1,337 @@
+#include "rshprocess.h"
+
+#include <stdexcept>
+
+#include "iopipe.h"
+#include "netsocketstream.h"
+#include "pcinterrupt.h"
+#include "qeltable.h"
+#include "rshrelay_p.h"
+#include <qel/base/btkabort.h>
+
+constinit qelClass rshProcess::rtti = {
+    .name = "rshlib::Process",
+    .attrs = {QEL_ATTR(Stdin, qelOptional), QEL_ATTR(Stdout, qelOptional), QEL_ATTR(Stderr, qelOptional)},
+};
+
+constinit qelClass rshEvent::rtti = {
+    .name = "rshlib::Event",
+    .parents = {QEL_PARENT(evtEvent)},
+    .attrs = {QEL_ATTR(Process)},
+};
+
+constinit qelClass rshConnection::rtti = {
+    .name = "rshlib::Connection",
+    .attrs = {QEL_ATTR(User), QEL_ATTR(Host)},
+};
+
+namespace {
+
+// What the owner writes to the thread besides the two tags: give up.
+constexpr int giveUp = -1;
+
+// The relay of one command.
+class Session : private rshReceiver
+{
+public:
+    Session(netSocketStream& s, ioStream* signals, ioStream* in, ioStream* out, ioStream* err)
+        : rshReceiver(s), connection(&s), urgentStream(s), control(*signals), signaled(signals->InputEvent()),
+          input(in), output(out), errors(err)
+    {
+    }
+
+    // Relays until the exchange has ended, the connection is lost or the owner gives up. The exit code, or
+    // xnullint.
+    int Serve()
+    {
+        while (!isGivenUp && !isFinished) {
+            Wait();
+            ForwardSignals();
+            MoveInput();
+            if (!connection.Pump() || !Receive())
+                break;
+            PumpOutputs();
+        }
+        while (!isGivenUp && (output.queue.GetSize() > 0 || errors.queue.GetSize() > 0)) {
+            Wait();
+            ForwardSignals();
+            PumpOutputs();
+        }
+        if (isFinished)
+            Answer();
+        return exitCode;
+    }
+
+private:
+    void Wait()
+    {
+        btkEvent::List events = {signaled.get()};
+        if (!isFinished && !connection.IsFailed()) {
+            input.AddTo(events, connection.queue);
+            rshReceiver::AddTo(events);
+            connection.AddTo(events);
+        }
+        output.AddTo(events);
+        errors.AddTo(events);
+        btkEvent::Wait(events, btkTimeval(3.0));
+    }
+
+    void ForwardSignals()
+    {
+        rshSucceeds([this] {
+            while (connection.queue.GetRoom() >= 4 && control.TryReadInt() == ioSuccess) {
+                const int tag = control.ReadInt();
+                if (tag == giveUp)
+                    isGivenUp = true;
+                else if (!isFinished && !SendUrgent(tag))
+                    connection.queue.PutInt(tag);
+            }
+        });
+    }
+
+    // Where the server may be waiting for the command to read its input, it sees what comes beside it only.
+    // That must stand between whole messages.
+    bool SendUrgent(int tag)
+    {
+        return hasSentInput && connection.Pump() && connection.queue.GetSize() == 0 &&
+               urgentStream.WriteOutOfBand(tag) != 0;
+    }
+
+    void MoveInput()
+    {
+        if (input.Move(rshTagIn, connection.queue))
+            hasSentInput = true;
+        else if (input.IsEnded() && !isEndSent && connection.queue.GetRoom() >= 4) {
+            connection.queue.PutInt(rshTagInEnd);
+            isEndSent = true;
+        }
+    }
+
+    void PumpOutputs()
+    {
+        output.Pump();
+        errors.Pump();
+    }
+
+    void Answer()
+    {
+        rshSucceeds([this] {
+            urgentStream.WriteBytes(connection.queue.GetHead(),
+                                    static_cast<unsigned>(connection.queue.GetSize()));
+            urgentStream.WriteInt(rshTagEnd);
+            urgentStream.Flush(1);
+        });
+    }
+
+    rshOutlet* OutletOf(int tag) override
+    {
+        return tag == rshTagOut ? &output : tag == rshTagErr ? &errors : nullptr;
+    }
+    bool OnMessage(int tag, int value) override
+    {
+        if (tag == rshTagExit)
+            exitCode = value;
+        isFinished = tag == rshTagEnd;
+        return !isFinished;
+    }
+
+    rshOutlet connection;
+    netSocketStream& urgentStream;
+    ioStream& control;
+    rshOwned<ioEvent> signaled;
+    rshInlet input;
+    rshOutlet output;
+    rshOutlet errors;
+    int exitCode = xnullint;
+    bool hasSentInput = false;
+    bool isEndSent = false;
+    bool isFinished = false;
+    bool isGivenUp = false;
+};
+
+} // namespace
+
+rshProcess* rshProcess::Create(netSocketStream* s, const char* command, const char* workDir, ioStream* in,
+                               ioStream* out, ioStream* err, unsigned char useShell, unsigned char)
+{
+    s->WriteString(command);
+    s->WriteString(workDir);
+    s->WriteInt(useShell == 1);
+    s->Flush(1);
+    rshPartReader reader(*s, nullptr);
+    int reply = 0;
+    reader.ReadInt(reply);
+    if (reply != 0) {
+        int code = 0;
+        std::string text;
+        const bool isWhole = reader.ReadInt(code) && reader.ReadText(text);
+        rshXProcess::Throw(rshDaemonError, static_cast<pcCreateError>(code),
+                           isWhole ? text.c_str() : nullptr);
+    }
+
+    rshOwned<ioPipe> pipes[3];
+    ioStream* const given[] = {in, out, err};
+    for (int i = 0; i < 3; ++i) {
+        if (qelIsObject(given[i]))
+            continue;
+        pipes[i].reset(ioPipe::Create());
+        if (pipes[i] == nullptr) {
+            for (rshOwned<ioPipe>& pipe : pipes)
+                pipe.reset();
+            _Abort("Can not create pipe", "qel/qelstd/netlibsrc/rshlib", 183);
+        }
+    }
+    ioStream* const source = pipes[0] != nullptr ? pipes[0]->getReadEnd() : in;
+    ioStream* const target = pipes[1] != nullptr ? pipes[1]->getWriteEnd() : out;
+    ioStream* const errorTarget = pipes[2] != nullptr ? pipes[2]->getWriteEnd() : err;
+    rshOwned<rshProcess> process(new (pDefMemMgr) rshProcess(
+        s, pipes[0].release(), pipes[1].release(), pipes[2].release(), source, target, errorTarget));
+    return process->Start() ? process.release() : nullptr;
+}
+
+rshProcess::rshProcess(netSocketStream* s, ioPipe* inPipe, ioPipe* outPipe, ioPipe* errPipe, ioStream* in,
+                       ioStream* out, ioStream* err)
+    : connection(s), stdinPipe(inPipe), stdoutPipe(outPipe), stderrPipe(errPipe), input(in), output(out),
+      errors(err)
+{
+}
+
+rshProcess::~rshProcess()
+{
+    if (!IsExited()) {
+        Signal(giveUp);
+        WaitExitCode();
+    }
+    Close();
+    for (ioPipe* const pipe : {stdinPipe, stdoutPipe, stderrPipe}) // of a thread that was not started
+        xdelete(pipe);
+}
+
+int rshProcess::OnStart()
+{
+    int code = xnullint;
+    try {
+        const rshOwned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
+        code = Session(*connection, SignalStream(), input, output, errors).Serve();
+    } catch (xthrowable* thrown) {
+        const qelCaught freed(thrown);
+    } catch (const std::exception&) { // no memory: as when the connection is lost
+    }
+    CloseThreadsEnds();
+    return code;
+}
+
+void rshProcess::CloseThreadsEnds()
+{
+    if (stdinPipe != nullptr)
+        stdinPipe->getReadEnd()->Close();
+    for (ioPipe* const pipe : {stdoutPipe, stderrPipe})
+        if (pipe != nullptr)
+            pipe->getWriteEnd()->Close();
+}
+
+void rshProcess::CloseOwnersEnds()
+{
+    if (stdinPipe != nullptr)
+        stdinPipe->getWriteEnd()->Close();
+    for (ioPipe* const pipe : {stdoutPipe, stderrPipe})
+        if (pipe != nullptr)
+            pipe->getReadEnd()->Close();
+}
+
+void rshProcess::AtFork(bool parentSide)
+{
+    netThread::AtFork(parentSide);
+    if (parentSide)
+        CloseThreadsEnds();
+    else
+        CloseOwnersEnds();
+}
+
+void rshProcess::OnClose()
+{
+    for (ioPipe** const pipe : {&stdinPipe, &stdoutPipe, &stderrPipe}) {
+        xdelete(*pipe);
+        *pipe = nullptr;
+    }
+    netThread::OnClose();
+}
+
+ioStream* rshProcess::getStdin()
+{
+    return stdinPipe != nullptr ? stdinPipe->getWriteEnd() : nullptr;
+}
+
+ioStream* rshProcess::getStdout()
+{
+    return stdoutPipe != nullptr ? stdoutPipe->getReadEnd() : nullptr;
+}
+
+ioStream* rshProcess::getStderr()
+{
+    return stderrPipe != nullptr ? stderrPipe->getReadEnd() : nullptr;
+}
+
+void rshProcess::CheckStarted()
+{
+    if (ControlStream() == nullptr)
+        _Abort("rshProcess: the thread is not started", "qel/qelstd/netlibsrc/rshlib", 515);
+}
+
+void rshProcess::Signal(int tag)
+{
+    CheckStarted();
+    ControlStream()->WriteInt(tag);
+    ControlStream()->Flush(1);
+}
+
+void rshProcess::Terminate()
+{
+    Signal(rshTagTerminate);
+}
+
+void rshProcess::Interrupt()
+{
+    Signal(rshTagInterrupt);
+}
+
+int rshProcess::GetExitCode()
+{
+    CheckStarted();
+    return IsExited() ? netThread::GetExitCode() : xnullint;
+}
+
+unsigned char rshProcess::IsRunning()
+{
+    CheckStarted();
+    return !IsExited();
+}
+
+rshEvent* rshProcess::ExitEvent()
+{
+    CheckStarted();
+    return new (pDefMemMgr) rshEvent(this, GetExitEvent());
+}
+
+// ---- rshConnection
+
+rshConnection::rshConnection(netSocketStream* s, const char* user, const char* host)
+    : stream(s), User(user), Host(host)
+{
+}
+
+rshConnection::~rshConnection()
+{
+    xdelete(stream);
+}
+
+rshConnection* rshConnection::Create(const char*, const char*)
+{
+    _Abort("rshConnection::Create not implemented", "qel/qelstd/netlibsrc/rshclnt", 29);
+}
+
+rshProcess* rshConnection::CreateProcessA(const char* command, const char* workDir, ioStream* in,
+                                          ioStream* out, ioStream* err, unsigned char useShell)
+{
+    return rshProcess::Create(stream, command, workDir, in, out, err, useShell, 0);
+}

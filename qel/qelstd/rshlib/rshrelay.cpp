@@ -1,0 +1,249 @@
+#include "rshrelay_p.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+#include <qel/base/xstreambuf.h>
+
+void rshQueue::Drop(std::size_t count)
+{
+    begin += count;
+    if (begin == end)
+        Clear();
+}
+
+char* rshQueue::GetTail()
+{
+    if (begin > 0) {
+        std::memmove(bytes.get(), GetHead(), GetSize());
+        end -= begin;
+        begin = 0;
+    }
+    return bytes.get() + end;
+}
+
+void rshQueue::PutInt(int value)
+{
+    Encode(value, GetTail());
+    Add(4);
+}
+
+void rshQueue::Encode(int value, char* to)
+{
+    const auto bits = static_cast<unsigned>(value);
+    for (int i = 0; i < 4; ++i)
+        to[i] = static_cast<char>(bits >> (24 - 8 * i));
+}
+
+// ---- rshOutlet
+
+rshOutlet::rshOutlet(ioStream* stream) : target(stream)
+{
+    isFailed = target == nullptr || !rshSucceeds([this] { target->Flush(1); }) || target->getIsOpen() == 0;
+    if (isFailed)
+        return;
+    const btkHandle written = target->streamBuf->GetHandle();
+    if (written >= 0 && !btkHasPositions(written)) {
+        handle = written;
+        readyEvent = std::make_unique<btkEvent>(new btkSelectEvent(handle, 1));
+    }
+}
+
+void rshOutlet::AddTo(btkEvent::List& events)
+{
+    if (!isFailed && readyEvent != nullptr && queue.GetSize() > 0)
+        events.push_back(readyEvent.get());
+}
+
+void rshOutlet::Fail()
+{
+    if (!isFailed && target->getIsOpen() != 0)
+        target->setIsBad(1);
+    isFailed = true;
+}
+
+bool rshOutlet::Pump()
+{
+    if (!isFailed && target->getIsGood() == 0)
+        isFailed = true;
+    if (!isFailed && queue.GetSize() > 0)
+        Write();
+    if (isFailed)
+        queue.Clear();
+    return !isFailed;
+}
+
+void rshOutlet::Write()
+{
+    if (handle < 0) {
+        const bool written = rshSucceeds([this] {
+            target->WriteBytes(queue.GetHead(), static_cast<unsigned>(queue.GetSize()));
+            target->Flush(1);
+        });
+        if (written)
+            queue.Clear();
+        else
+            Fail();
+        return;
+    }
+    while (queue.GetSize() > 0) {
+        const std::ptrdiff_t written = btkTryWrite(handle, queue.GetHead(), queue.GetSize());
+        if (written < 0)
+            Fail();
+        if (written <= 0)
+            return;
+        queue.Drop(static_cast<std::size_t>(written));
+    }
+}
+
+// ---- rshInlet
+
+rshInlet::rshInlet(ioStream* stream) : source(stream)
+{
+    isEnded = !rshSucceeds([this] { input.reset(source->InputEvent()); });
+}
+
+void rshInlet::AddTo(btkEvent::List& events, const rshQueue& to)
+{
+    isAsked = !isEnded && input != nullptr && to.HasRoomForBlock();
+    if (isAsked)
+        events.push_back(input.get());
+}
+
+bool rshInlet::Move(rshTag tag, rshQueue& to, bool isLast)
+{
+    const bool isReady = input == nullptr || (isAsked && input->WasSignaled());
+    if (isEnded || !to.HasRoomForBlock() || (!isReady && !isLast))
+        return false;
+    std::size_t count = 0;
+    char* const block = to.GetTail();
+    const bool isSound = rshSucceeds([&] {
+        const std::size_t room = to.GetRoom() - 8 - rshQueue::spare;
+        count = std::min<std::size_t>(source->PeekNBytes(), room);
+        if (count > 0)
+            count = source->ReadBytes(block + 8, static_cast<unsigned>(count));
+    });
+    isEnded = !isSound || count == 0;
+    if (isEnded)
+        return false;
+    rshQueue::Encode(tag, block);
+    rshQueue::Encode(static_cast<int>(count), block + 4);
+    to.Add(count + 8);
+    return true;
+}
+
+// ---- rshReceiver
+
+rshReceiver::rshReceiver(ioStream& stream) : connection(stream), input(stream.InputEvent())
+{
+}
+
+void rshReceiver::AddTo(btkEvent::List& events)
+{
+    const bool isFull = blockLeft > 0 && !outlet->IsFailed() && outlet->queue.GetRoom() == 0;
+    if (!isFull && !isDone)
+        events.push_back(input.get());
+}
+
+bool rshReceiver::Receive()
+{
+    // A peer that sends without end must not keep the other directions waiting.
+    for (int steps = 0; steps < 64 && !isDone; ++steps) {
+        Step step = Failed;
+        if (!rshSucceeds([&] { step = blockLeft > 0 ? ReadBlock() : ReadNumber(); }))
+            return false;
+        if (step != Went)
+            return step == Waits;
+    }
+    return true;
+}
+
+rshReceiver::Step rshReceiver::ReadBlock()
+{
+    if (outlet->IsFailed())
+        outlet->queue.Clear();
+    const std::size_t room =
+        std::min<std::size_t>(outlet->queue.GetRoom(), static_cast<std::size_t>(blockLeft));
+    if (room == 0)
+        return Waits;
+    if (const ioTryCode code = connection.TryReadByte(); code != ioSuccess)
+        return code == ioWouldBlock ? Waits : Failed;
+    const auto count = static_cast<unsigned>(std::min<std::size_t>(connection.PeekNBytes(), room));
+    const unsigned got = count > 0 ? connection.ReadBytes(outlet->queue.GetTail(), count) : 0;
+    if (got == 0)
+        return Failed;
+    outlet->queue.Add(got);
+    blockLeft -= static_cast<int>(got);
+    return Went;
+}
+
+rshReceiver::Step rshReceiver::ReadNumber()
+{
+    const ioTryCode code = connection.TryReadInt();
+    if (code != ioSuccess)
+        return code == ioWouldBlock ? Waits : Failed;
+    return Take(connection.ReadInt());
+}
+
+rshReceiver::Step rshReceiver::Take(int number)
+{
+    if (awaiting == rshTagNone) {
+        outlet = OutletOf(number);
+        if (outlet != nullptr || number == rshTagExit)
+            awaiting = number;
+        else
+            isDone = !OnMessage(number, 0);
+        return Went;
+    }
+    if (outlet != nullptr && number < 0)
+        return Failed;
+    if (outlet != nullptr)
+        blockLeft = number;
+    else
+        isDone = !OnMessage(awaiting, number);
+    awaiting = rshTagNone;
+    return Went;
+}
+
+// ---- rshPartReader
+
+rshPartReader::rshPartReader(ioStream& connection, evtEvent* stop)
+    : stream(connection), input(connection.InputEvent()), stopEvent(stop)
+{
+}
+
+bool rshPartReader::WaitForInput()
+{
+    const btkEvent::List events = {input.get(), stopEvent};
+    btkEvent::Wait(events, btkTimeval::Forever());
+    return stopEvent == nullptr || !stopEvent->WasSignaled();
+}
+
+bool rshPartReader::ReadInt(int& value)
+{
+    while (stream.TryReadInt() == ioWouldBlock)
+        if (!WaitForInput())
+            return false;
+    value = stream.ReadInt();
+    return true;
+}
+
+bool rshPartReader::ReadText(std::string& text)
+{
+    int left = 0;
+    text.clear();
+    if (!ReadInt(left) || left < 0 || left > greatestText)
+        return false;
+    char part[4096];
+    while (left > 0) {
+        while (stream.TryReadByte() == ioWouldBlock)
+            if (!WaitForInput())
+                return false;
+        const unsigned there = std::max(stream.PeekNBytes(), 1u); // at the end reading says so
+        const unsigned got = stream.ReadBytes(part, std::min({there, static_cast<unsigned>(left), 4096u}));
+        text.append(part, got);
+        left -= static_cast<int>(got);
+    }
+    return true;
+}

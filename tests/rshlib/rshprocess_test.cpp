@@ -1,0 +1,294 @@
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstring>
+#include <random>
+#include <thread>
+
+#include "rshpair.h"
+#include "support/descriptors.h"
+#include "support/environment.h"
+#include "support/programs.h"
+#include "support/tempdir.h"
+
+namespace {
+
+std::string TextOf(const xstring& s)
+{
+    return s == nullptr ? "(null)" : s.CastToCString();
+}
+
+// Runs `work`, which may find its stream failed.
+template<class Work>
+void AllowStreamFailure(Work work)
+{
+    try {
+        work();
+    } catch (xthrowable* thrown) {
+        const Owned<ioXStream> failure(ioXStream::cast(thrown));
+    }
+}
+
+std::string ReadAll(ioStream& stream)
+{
+    std::string all;
+    const Owned<ioEvent> input(stream.InputEvent());
+    while (input->Wait(20.0)) {
+        const std::size_t count = stream.PeekNBytes();
+        if (count == 0)
+            return all;
+        all.resize(all.size() + count);
+        stream.ReadBytes(all.data() + all.size() - count, static_cast<unsigned>(count));
+    }
+    ADD_FAILURE() << "the output does not end";
+    return all;
+}
+
+// A command that runs at the other end of a connection of its own.
+struct Remote
+{
+    explicit Remote(const char* command, unsigned char useShell = 1, const char* workDir = nullptr,
+                    const char* baseDir = nullptr, ioStream* in = nullptr, ioStream* out = nullptr,
+                    ioStream* err = nullptr)
+        : server(rshServer::Create(pair.server.get(), baseDir, 0)),
+          process(rshProcess::Create(pair.client.get(), command, workDir, in, out, err, useShell, 0))
+    {
+    }
+    // The exit code once both ends have ended.
+    int Wait() const
+    {
+        const Owned<rshEvent> end(process->ExitEvent());
+        EXPECT_EQ(end->evtEvent::Wait(20.0), 1);
+        EXPECT_EQ(end->getProcess(), process.get());
+        EXPECT_EQ(process->IsRunning(), 0);
+        ExpectServerToEnd();
+        return process->GetExitCode();
+    }
+    void ExpectServerToEnd() const
+    {
+        const Owned<rshServerEvent> end(server->ExitEvent());
+        EXPECT_EQ(end->evtEvent::Wait(5.0), 1);
+        EXPECT_EQ(end->getServer(), server.get());
+    }
+    std::string Output() const { return ReadAll(*process->getStdout()); }
+    void Write(const std::string& text) const
+    {
+        process->getStdin()->WriteBytes(text.data(), static_cast<unsigned>(text.size()));
+    }
+
+    Pair pair;
+    Owned<rshServer> server;
+    Owned<rshProcess> process;
+};
+
+class RemoteShell : public testing::Test
+{
+protected:
+    void TearDown() override
+    {
+        EXPECT_EQ(openDescriptors(), descriptors);
+        EXPECT_TRUE(hasNoChildren());
+    }
+
+private:
+    const EnvSetting shell{"SHELL", "/bin/sh"};
+    long descriptors = openDescriptors();
+};
+
+} // namespace
+
+TEST_F(RemoteShell, RelaysOutputsAndTheExitCode)
+{
+    const Remote remote("printf abc; printf 'd \"e\"' >&2; exit 2");
+    EXPECT_EQ(remote.Output(), "abc");
+    EXPECT_EQ(ReadAll(*remote.process->getStderr()), "d \"e\"");
+    EXPECT_EQ(remote.Wait(), 2);
+    EXPECT_EQ(remote.process->GetExitCode(), 2);
+}
+
+TEST_F(RemoteShell, UsesTheStreamsOfTheCaller)
+{
+    const Owned<ioStringStream> in(ioStringStream::Create("b\na\nc\n")),
+        out(ioStringStream::Create(xnullstr)), err(ioStringStream::Create(xnullstr));
+    const Remote remote("sort; echo done >&2", 1, nullptr, nullptr, in.get(), out.get(), err.get());
+    EXPECT_EQ(remote.process->getStdin(), nullptr);
+    EXPECT_EQ(remote.process->getStdout(), nullptr);
+    EXPECT_EQ(remote.process->getStderr(), nullptr);
+    EXPECT_EQ(remote.Wait(), 0);
+    EXPECT_EQ(TextOf(out->getStr()), "a\nb\nc\n");
+    EXPECT_EQ(TextOf(err->getStr()), "done\n");
+}
+
+TEST_F(RemoteShell, SaysWhyACommandDoesNotStart)
+{
+    const struct
+    {
+        const char* command;
+        const char* workDir;
+        const char* message;
+    } cases[] = {{"no-such-program", nullptr, "No such file or directory"},
+                 {"true", "missing", "No such file or directory"},
+                 {"'", nullptr, "Invalid argument"}};
+    for (const auto& [command, workDir, message] : cases) {
+        try {
+            const Remote remote(command, 0, workDir, "/");
+            ADD_FAILURE() << command;
+        } catch (xthrowable* thrown) {
+            const Owned<rshXProcess> failure(rshXProcess::cast(thrown));
+            EXPECT_EQ(failure->getError(), rshDaemonError);
+            EXPECT_EQ(failure->getCreateError(), pcCreateCode::system);
+            EXPECT_EQ(TextOf(failure->getMsg()), message);
+        }
+    }
+}
+
+TEST_F(RemoteShell, FindsTheWorkingDirectoryBelowItsBase)
+{
+    const TempDir dir;
+    dir.makeDir("work/a");
+    const std::string inner = std::filesystem::canonical(dir.path("work/a")).string();
+    const std::pair<std::string, std::string> cases[] = {{"work/a", dir.path()}, {inner, "/nowhere"}};
+    for (const auto& [workDir, baseDir] : cases) {
+        const Remote remote("pwd -P", 0, workDir.c_str(), baseDir.c_str());
+        EXPECT_EQ(remote.Output(), inner + "\n");
+        EXPECT_EQ(remote.Wait(), 0);
+    }
+}
+
+TEST_F(RemoteShell, CarriesMuchBothWaysAtOnce)
+{
+    constexpr std::size_t total = 64 << 20, part = 1 << 16;
+    const Remote remote("cat", 0);
+    std::thread writer([&] {
+        std::mt19937_64 random(1);
+        std::string block(part, ' ');
+        for (std::size_t done = 0; done < total; done += part) {
+            for (std::size_t i = 0; i < part; i += 8) {
+                const std::uint64_t bits = random();
+                std::memcpy(&block[i], &bits, 8);
+            }
+            remote.Write(block);
+        }
+        remote.process->getStdin()->Close();
+    });
+    std::mt19937_64 random(1);
+    std::size_t done = 0, wrong = 0;
+    for (; done < total; done += 8) {
+        std::uint64_t bits = 0;
+        if (remote.process->getStdout()->ReadBytes(&bits, 8) != 8)
+            break;
+        wrong += bits != random();
+    }
+    writer.join();
+    EXPECT_EQ(done, total);
+    EXPECT_EQ(wrong, 0u);
+    EXPECT_EQ(remote.Output(), "");
+    EXPECT_EQ(remote.Wait(), 0);
+}
+
+TEST_F(RemoteShell, GoesOnWithCommandsThatDoNotReadOrLeaveOthersBehind)
+{
+    const std::string much(1 << 20, 'm');
+    const struct
+    {
+        const char* command;
+        std::size_t input;
+        std::string output;
+    } cases[] = {
+        {"yes | head -1", 0, "y\n"},
+        {"cat", much.size(), much},
+        {"echo early", much.size(), "early\n"},
+        {"exec <&-; sleep 0.1; echo closed", much.size(), "closed\n"},
+        {"head -c 3", much.size(), "mmm"},
+        {"sleep 3 & echo front", 0, "front\n"},
+        {"head -c 1000000 /dev/zero | tr '\\0' m; cat | wc -c >&2", much.size(), much.substr(0, 1000000)},
+    };
+    for (const auto& [command, input, output] : cases) {
+        SCOPED_TRACE(command);
+        const auto start = btkTimeval::Now();
+        const Remote remote(command);
+        std::thread writer([&, size = input] {
+            AllowStreamFailure([&] { // when the command ends without reading all
+                remote.Write(much.substr(0, size));
+                remote.process->getStdin()->Close();
+            });
+        });
+        EXPECT_TRUE(remote.Output() == output);
+        writer.join();
+        EXPECT_EQ(remote.Wait(), 0);
+        EXPECT_LT(btkTimeval::Now() - start, btkTimeval(2.5));
+    }
+}
+
+TEST_F(RemoteShell, InterruptsAndTerminatesWithTheGroup)
+{
+    for (const bool withInput : {false, true})
+        for (const bool kill : {false, true}) {
+            const Remote remote("sh -c 'echo ready; exec sleep 60'; exit 3");
+            char ready[6];
+            EXPECT_EQ(remote.process->getStdout()->ReadBytes(ready, 6), 6u);
+            if (withInput) // more than the command's pipe and the queue at the server take
+                remote.Write(std::string(200000, 'x'));
+            EXPECT_EQ(remote.process->GetExitCode(), xnullint);
+            EXPECT_EQ(remote.process->IsRunning(), 1);
+            if (kill)
+                remote.process->Terminate();
+            else
+                remote.process->Interrupt();
+            EXPECT_EQ(remote.Wait(), 128 + (kill ? SIGKILL : SIGINT));
+            EXPECT_EQ(remote.Output(), "");
+        }
+}
+
+TEST_F(RemoteShell, EndsWhenTheServerIsToldToStop)
+{
+    const Remote remote("sleep 60", 0);
+    remote.server->Terminate();
+    remote.server->Terminate();
+    EXPECT_EQ(remote.Wait(), 128 + SIGKILL);
+
+    const Pair silent; // a client that never asks
+    const Owned<rshServer> idle(rshServer::Create(silent.server.get(), nullptr, 0));
+    idle->Terminate();
+    const Owned<rshServerEvent> end(idle->ExitEvent());
+    EXPECT_EQ(end->evtEvent::Wait(2.0), 1);
+}
+
+TEST_F(RemoteShell, SurvivesTheOtherEndsDeathAtAnyMoment)
+{
+    std::minstd_rand random(7);
+    for (int round = 0; round < 100; ++round) {
+        const Remote remote("cat; sleep 60");
+        std::thread reader([&] { ReadAll(*remote.process->getStdout()); });
+        for (auto parts = random() % 40; parts > 0; --parts)
+            remote.Write(std::string(random() % 20000, 'x'));
+        if (round % 2 == 0) {
+            const linger reset = {1, 0};
+            setsockopt(remote.pair.clientHandle, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+        }
+        shutdown(remote.pair.clientHandle, round % 3 == 0 ? SHUT_WR : SHUT_RDWR);
+        EXPECT_EQ(remote.Wait(), xnullint);
+        reader.join();
+    }
+}
+
+TEST_F(RemoteShell, GivesACommandUpWhenItsObjectIsFreed)
+{
+    Remote remote("yes", 0);
+    remote.process.reset();
+    remote.pair.client->Close();
+    remote.ExpectServerToEnd();
+}
+
+TEST(RemoteShellDeathTest, RefusesWhatNeedsAStartedThread)
+{
+    EXPECT_DEATH(rshConnection::Create("user", "host"), "rshConnection::Create not implemented");
+    EXPECT_DEATH(
+        {
+            const Remote remote("true", 0);
+            remote.Wait();
+            remote.process->Close();
+            remote.process->Terminate();
+        },
+        "not started");
+}

@@ -1,0 +1,190 @@
+#include <gtest/gtest.h>
+
+#include <climits>
+
+#include "rshpair.h"
+#include "support/programs.h"
+
+namespace {
+
+std::string Int(int value)
+{
+    const auto bits = static_cast<unsigned>(value);
+    std::string text;
+    for (const int shift : {24, 16, 8, 0})
+        text += static_cast<char>(bits >> shift);
+    return text;
+}
+
+std::string Text(const std::string& text)
+{
+    return Int(static_cast<int>(text.size())) + text;
+}
+
+void Send(const Pair& pair, const std::string& bytes)
+{
+    EXPECT_EQ(btkWrite(pair.clientHandle, bytes.data(), bytes.size()), bytes.size());
+}
+
+// What arrives until `count` bytes or the end.
+std::string Receive(const Pair& pair, std::size_t count)
+{
+    std::string got(count, '\0');
+    std::size_t done = 0;
+    while (done < count && btkIsReadable(pair.clientHandle, btkTimeval(10.0))) {
+        const std::ptrdiff_t size = btkRead(pair.clientHandle, got.data() + done, count - done);
+        if (size <= 0)
+            break;
+        done += static_cast<std::size_t>(size);
+    }
+    got.resize(done);
+    return got;
+}
+
+// A server whose client the test plays byte by byte.
+struct Served
+{
+    Served() : server(rshServer::Create(pair.server.get(), nullptr, 0)) {}
+    ~Served()
+    {
+        const Owned<rshServerEvent> end(server->ExitEvent());
+        EXPECT_EQ(end->evtEvent::Wait(5.0), 1);
+        EXPECT_TRUE(hasNoChildren());
+    }
+
+    Pair pair;
+    Owned<rshServer> server;
+};
+
+} // namespace
+
+TEST(rshServer, SpeaksTheProtocolByteByByte)
+{
+    const Served served;
+    // Request: command, working directory, shell flag.
+    Send(served.pair, Text("cat") + Text("") + Int(0));
+    EXPECT_EQ(Receive(served.pair, 4), Int(0));
+    // A block of input; tags that nobody expects; the block comes back as output.
+    Send(served.pair, Int(4) + Text("hello") + Int(1) + Int(99) + Int(-1) + Int(4) + Int(0));
+    EXPECT_EQ(Receive(served.pair, 13), Int(3) + Text("hello"));
+    // A block in three parts.
+    Send(served.pair, Int(4) + Int(3).substr(0, 2));
+    EXPECT_FALSE(btkIsReadable(served.pair.clientHandle, btkTimeval(0.02)));
+    Send(served.pair, Int(3).substr(2) + "ab");
+    EXPECT_EQ(Receive(served.pair, 10), Int(3) + Text("ab"));
+    Send(served.pair, "c");
+    EXPECT_EQ(Receive(served.pair, 9), Int(3) + Text("c"));
+    // The end of the input; exit code 0; the end, which the client answers.
+    Send(served.pair, Int(5));
+    EXPECT_EQ(Receive(served.pair, 12), Int(6) + Int(0) + Int(7));
+    Send(served.pair, Int(4) + Text("too late") + Int(7));
+}
+
+TEST(rshServer, TakesARequestAndWhatFollowsAtOnce)
+{
+    const Served served;
+    Send(served.pair, Text("wc -c") + Text("") + Int(0) + Int(4) + Text(std::string(2500, 'x')) + Int(5));
+    EXPECT_EQ(Receive(served.pair, 29), Int(0) + Int(3) + Text("2500\n") + Int(6) + Int(0) + Int(7));
+    Send(served.pair, Int(7));
+}
+
+TEST(rshServer, TerminatesAndInterruptsByTagsAndByUrgentValues)
+{
+    for (const bool urgent : {false, true})
+        for (const int tag : {8, 9}) {
+            const Served served;
+            Send(served.pair, Text("sleep 60") + Text("") + Int(0));
+            EXPECT_EQ(Receive(served.pair, 4), Int(0));
+            if (urgent) {
+                EXPECT_EQ(served.pair.client->WriteOutOfBand(5), 1); // means nothing
+                EXPECT_FALSE(btkIsReadable(served.pair.clientHandle, btkTimeval(0.05)));
+                EXPECT_EQ(served.pair.client->WriteOutOfBand(tag), 1);
+            } else {
+                Send(served.pair, Int(tag));
+            }
+            EXPECT_EQ(Receive(served.pair, 12), Int(6) + Int(tag == 8 ? 137 : 130) + Int(7));
+            Send(served.pair, Int(7));
+        }
+}
+
+TEST(rshServer, GivesUpOnWhatIsNoMessage)
+{
+    const std::string sleeping = Text("sleep 60") + Text("") + Int(0);
+    for (const std::string& bytes : {Int(-1), Int(INT_MAX), Text("x") + Int(-5), sleeping + Int(4) + Int(-1),
+                                     sleeping + Int(4) + Int(INT_MIN)}) {
+        const Served served;
+        Send(served.pair, bytes);
+    }
+}
+
+TEST(rshServer, EndsWithAClientThatVanishesInTheMiddle)
+{
+    const std::string session =
+        Text("cat") + Text("") + Int(0) + Int(4) + Text("some input") + Int(4) + Int(100);
+    for (std::size_t length = 0; length <= session.size(); ++length) {
+        Served served;
+        Send(served.pair, session.substr(0, length));
+        served.pair.client.reset();
+    }
+}
+
+namespace {
+
+// A client whose server the test plays: what it answers and all that it says afterwards. The exit code.
+int PlayServer(const std::string& answer, std::string& output)
+{
+    Pair pair;
+    std::swap(pair.client, pair.server); // the test has the handle of the server's side
+    const std::string request = Text("command") + Text("dir") + Int(1);
+    Send(pair, answer);
+    const Owned<ioStringStream> out(ioStringStream::Create(xnullstr));
+    const Owned<rshProcess> process(
+        rshProcess::Create(pair.client.get(), "command", "dir", nullptr, out.get(), nullptr, 1, 0));
+    EXPECT_EQ(Receive(pair, request.size()), request);
+    shutdown(pair.clientHandle, SHUT_WR);
+    const Owned<rshEvent> end(process->ExitEvent());
+    EXPECT_EQ(end->evtEvent::Wait(5.0), 1);
+    output = out->getStr().CastToCString();
+    return process->GetExitCode();
+}
+
+std::string RefusedBy(const std::string& answer)
+{
+    std::string output;
+    try {
+        PlayServer(answer, output);
+    } catch (xthrowable* thrown) {
+        const Owned<rshXProcess> failure(rshXProcess::cast(thrown));
+        return std::to_string(failure->getCreateError()) + " " + failure->getMsg().CastToCString();
+    }
+    return "not refused";
+}
+
+} // namespace
+
+TEST(rshProcess, SpeaksTheProtocolByteByByte)
+{
+    std::string output;
+    EXPECT_EQ(PlayServer(Int(0) + Int(3) + Text("out") + Int(2) + Text("err") + Int(6) + Int(5) + Int(3) +
+                             Text("put") + Int(99) + Int(7),
+                         output),
+              5);
+    EXPECT_EQ(output, "output");
+}
+
+TEST(rshProcess, KeepsWhatArrivedFromAServerThatFails)
+{
+    for (const std::string& rest :
+         {Int(3) + Int(-1) + "x", Int(3) + Int(100), Int(6) + "ab", std::string("a")}) {
+        std::string output;
+        EXPECT_EQ(PlayServer(Int(0) + Int(3) + Text("out") + rest, output), xnullint);
+        EXPECT_EQ(output, "out");
+    }
+}
+
+TEST(rshProcess, TellsWhatTheServerRefuses)
+{
+    EXPECT_EQ(RefusedBy(Int(10) + Int(3) + Text("No such file")), "3 No such file");
+    EXPECT_EQ(RefusedBy(Int(77) + Int(12) + Text("bad")), "12 bad");
+    EXPECT_EQ(RefusedBy(Int(10) + Int(0) + Int(-1)), "0 Remote process launching error");
+}
