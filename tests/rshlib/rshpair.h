@@ -39,8 +39,14 @@ struct Pair
         for (const btkFd* const end : {&dialled, &accepted})
             setsockopt(end->Get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
         clientHandle = dialled.Get();
-        client.reset(netSocketStream::Adopt(std::move(dialled)));
-        server.reset(netSocketStream::Adopt(std::move(accepted)));
+        client = Stream(std::move(dialled));
+        server = Stream(std::move(accepted));
+    }
+    static Owned<netSocketStream> Stream(btkFd connected)
+    {
+        auto socket = std::make_unique<btkStreamSocket>();
+        socket->Adopt(std::move(connected));
+        return Owned<netSocketStream>(netSocketStream::Create(socket.release()));
     }
 
     btkHandle clientHandle;
