@@ -14,12 +14,8 @@
 #include <qel/rshserver.h>
 #include <qel/xiolib.h>
 
-struct Xdelete
-{
-    void operator()(xobject* p) const { xdelete(p); }
-};
 template<class T>
-using Owned = std::unique_ptr<T, Xdelete>;
+using Owned = std::unique_ptr<T, qelDelete>;
 
 /// The two ends of a connection over the loopback.
 struct Pair

@@ -16,13 +16,9 @@ const qelRttiRegister_netlib netlib;
 const qelRttiRegister_nmsclib nmsclib;
 const qelRttiRegister_proclib proclib;
 const qelRttiRegister_reglib reglib;
+const qelRttiRegister_rshlib rshlib;
 const qelRttiRegister_syslib syslib;
 const qelRttiRegister_timelib timelib;
-const qelRttiRegister_monlib monlib;
-const qelRttiRegister_proclib proclib;
-const qelRttiRegister_netlib netlib;
-const qelRttiRegister_nmsclib nmsclib;
-const qelRttiRegister_rshlib rshlib;
 const qelRttiRegister_buildintypes buildintypes;
 const qelRttiRegister_xrtti xrtti;
 

@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstring>
 
+#include <qel/base/btkbyteorder.h>
 #include <qel/base/xstreambuf.h>
 
 void rshQueue::Drop(std::size_t count)
@@ -25,15 +26,8 @@ char* rshQueue::GetTail()
 
 void rshQueue::PutInt(int value)
 {
-    Encode(value, GetTail());
-    Add(4);
-}
-
-void rshQueue::Encode(int value, char* to)
-{
-    const auto bits = static_cast<unsigned>(value);
-    for (int i = 0; i < 4; ++i)
-        to[i] = static_cast<char>(bits >> (24 - 8 * i));
+    btkPutNetwork(GetTail(), value);
+    Add(sizeof value);
 }
 
 // ---- rshOutlet
@@ -127,8 +121,8 @@ bool rshInlet::Move(rshTag tag, rshQueue& to, bool isLast)
     isEnded = !isSound || count == 0;
     if (isEnded)
         return false;
-    rshQueue::Encode(tag, block);
-    rshQueue::Encode(static_cast<int>(count), block + 4);
+    btkPutNetwork(block, static_cast<int>(tag));
+    btkPutNetwork(block + 4, static_cast<int>(count));
     to.Add(count + 8);
     return true;
 }

@@ -27,12 +27,8 @@ enum rshTag : int {
 /// The reply to the request: 0, or this, an error code and a text.
 constexpr int rshReplyFailed = 10;
 
-struct rshDelete
-{
-    void operator()(xobject* p) const { xdelete(p); }
-};
 template<class T>
-using rshOwned = std::unique_ptr<T, rshDelete>;
+using rshOwned = std::unique_ptr<T, qelDelete>;
 
 /// Whether `work` ends without an exception of the framework; one that it throws is freed.
 template<class Work>
@@ -66,8 +62,6 @@ public:
     /// Appends an integer as the connection has it.
     void PutInt(int value);
     void Clear() { begin = end = 0; }
-
-    static void Encode(int value, char* to);
 
 private:
     std::unique_ptr<char[]> bytes{new char[capacity]};
