@@ -63,7 +63,7 @@ TEST(QelServer, SpeaksTheHandshake)
         std::string output;
     } cases[] = {{"ping", "\1", 1, 0, ""},
                  {"ping", "", 1, 1, "qel server: echo: no answer\n"},
-                 {"version", std::string("\1\4v 1\0", 6), 2, 0, "v 1\n"},
+                 {"version", std::string("\1\6v\x1B 1\a\0", 8), 2, 0, "v 1\n"},
                  {"version", "\1\4v", 2, 1, "qel server: echo: the version did not come whole\n"},
                  {"version", std::string(1, 0), 2, 1, lacksRights},
                  {"shutdown", "\1", 3, 0, ""},

@@ -99,13 +99,11 @@ void Require(capi_nmsError* answered)
     throw CommandFailed{};
 }
 
-// As a line that a shell script can take apart: a backslash stands before one and before a blank.
+// As a part of a line that a shell script can take apart: a backslash stands before one and before a blank.
 std::string Quoted(const std::string& text)
 {
     std::string quoted;
-    for (const char c : text) {
-        if (static_cast<unsigned char>(c) < ' ' || c == 127)
-            continue; // a terminal may obey it
+    for (const char c : Printable(text)) {
         if (c == ' ' || c == '\\')
             quoted += '\\';
         quoted += c;
@@ -152,7 +150,7 @@ void PrintVersion(const AskChoices& choices)
     const nmsOwnedRecord answer(nmsRecCreate(0));
     Require(nmsServVersion(choices.Connect().get(), answer.get()));
     const char* const version = nmsRecGetFieldValueByName(answer.get(), "Version");
-    std::cout << Quoted(version == nullptr ? "" : version) << std::endl;
+    std::cout << Printable(version == nullptr ? "" : version) << std::endl;
 }
 
 void Shutdown(const AskChoices& choices)

@@ -71,7 +71,7 @@ void PrintVersion(const Address& address)
     std::string text;
     if (!netReadVersion(socket, text))
         Fail(address, "the version did not come whole");
-    std::cout << text << std::endl;
+    std::cout << Printable(text) << std::endl;
 }
 
 void Shutdown(const Address& address)
