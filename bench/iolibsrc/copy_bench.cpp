@@ -11,14 +11,12 @@
 
 #include <QTemporaryDir>
 
+#include "support/owned.h"
 #include <qel/xiolib.h>
 
 namespace {
 
 constexpr std::size_t size = 64 << 20;
-
-template<class T>
-using Owned = std::unique_ptr<T, qelDelete>;
 
 void Run(const std::string& command)
 {

@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <vector>
 
+#include "support/owned.h"
 #include <qel/base/btkpipe.h>
 #include <qel/evteventarray.h>
 #include <qel/xiolib.h>
@@ -13,9 +14,6 @@
 namespace {
 
 constexpr int pipes = 1000;
-
-template<class T>
-using Owned = std::unique_ptr<T, qelDelete>;
 
 void AllowDescriptors()
 {

@@ -15,6 +15,7 @@
 #include <QTemporaryDir>
 #include <rpc/xdr.h>
 
+#include "support/owned.h"
 #include <qel/xiolib.h>
 
 namespace {
@@ -24,9 +25,6 @@ constexpr int inMemory = 16384;
 constexpr int inFile = 16384;
 constexpr int inText = 2048;
 const char* const text20 = "twenty bytes of text";
-
-template<class T>
-using Owned = std::unique_ptr<T, qelDelete>;
 
 int IntAt(int i)
 {

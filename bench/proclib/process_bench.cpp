@@ -12,13 +12,11 @@
 #include <QProcess>
 #include <sys/wait.h>
 
+#include "support/owned.h"
 #include <qel/pcprocess.h>
 #include <qel/xiolib.h>
 
 namespace {
-
-template<class T>
-using Owned = std::unique_ptr<T, qelDelete>;
 
 void Require(bool holds)
 {

@@ -7,9 +7,13 @@
 #include <thread>
 #include <vector>
 
-#include "../../tests/rshlib/rshpair.h"
+#include "support/owned.h"
+#include "support/streampair.h"
 #include <qel/base/btkpipe.h>
 #include <qel/pcprocess.h>
+#include <qel/rshprocess.h>
+#include <qel/rshserver.h>
+#include <qel/xiolib.h>
 
 namespace {
 
@@ -65,10 +69,10 @@ void Fill(ioStream& stream)
 void outputOurs(benchmark::State& state)
 {
     for (auto _ : state) {
-        const Pair pair;
-        const Owned<rshServer> server(rshServer::Create(pair.server.get(), nullptr, 0));
+        const StreamPair pair;
+        const Owned<rshServer> server(rshServer::Create(pair.far.get(), nullptr, 0));
         const Owned<rshProcess> process(
-            rshProcess::Create(pair.client.get(), writer, nullptr, nullptr, nullptr, nullptr, 0, 0));
+            rshProcess::Create(pair.near.get(), writer, nullptr, nullptr, nullptr, nullptr, 0, 0));
         Require(Drain(*process->getStdout()) == total && process->netThread::GetExitCode() == 0);
         server->WaitExitCode();
     }
@@ -121,10 +125,10 @@ BENCHMARK(outputPlain)
 void bothWaysOurs(benchmark::State& state)
 {
     for (auto _ : state) {
-        const Pair pair;
-        const Owned<rshServer> server(rshServer::Create(pair.server.get(), nullptr, 0));
+        const StreamPair pair;
+        const Owned<rshServer> server(rshServer::Create(pair.far.get(), nullptr, 0));
         const Owned<rshProcess> process(
-            rshProcess::Create(pair.client.get(), "cat", nullptr, nullptr, nullptr, nullptr, 0, 0));
+            rshProcess::Create(pair.near.get(), "cat", nullptr, nullptr, nullptr, nullptr, 0, 0));
         std::thread filler([&] { Fill(*process->getStdin()); });
         Require(Drain(*process->getStdout()) == total);
         filler.join();

@@ -3,10 +3,8 @@
 #include <memory>
 #include <string>
 
+#include "support/owned.h"
 #include <qel/xiolib.h>
-
-template<class T>
-using Owned = std::unique_ptr<T, qelDelete>;
 
 /// The text of the stream exception that `work` throws; "" when it throws none.
 template<class Work>

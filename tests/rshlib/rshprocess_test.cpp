@@ -3,13 +3,18 @@
 #include <csignal>
 #include <cstring>
 #include <random>
+#include <sys/socket.h>
 #include <thread>
 
-#include "rshpair.h"
 #include "support/descriptors.h"
 #include "support/environment.h"
+#include "support/owned.h"
 #include "support/programs.h"
+#include "support/streampair.h"
 #include "support/tempdir.h"
+#include <qel/rshprocess.h>
+#include <qel/rshserver.h>
+#include <qel/xiolib.h>
 
 namespace {
 
@@ -50,8 +55,8 @@ struct Remote
     explicit Remote(const char* command, unsigned char useShell = 1, const char* workDir = nullptr,
                     const char* baseDir = nullptr, ioStream* in = nullptr, ioStream* out = nullptr,
                     ioStream* err = nullptr)
-        : server(rshServer::Create(pair.server.get(), baseDir, 0)),
-          process(rshProcess::Create(pair.client.get(), command, workDir, in, out, err, useShell, 0))
+        : server(rshServer::Create(pair.far.get(), baseDir, 0)),
+          process(rshProcess::Create(pair.near.get(), command, workDir, in, out, err, useShell, 0))
     {
     }
     // The exit code once both ends have ended.
@@ -76,7 +81,7 @@ struct Remote
         process->getStdin()->WriteBytes(text.data(), static_cast<unsigned>(text.size()));
     }
 
-    Pair pair;
+    StreamPair pair;
     Owned<rshServer> server;
     Owned<rshProcess> process;
 };
@@ -238,8 +243,8 @@ TEST_F(RemoteShell, EndsWhenTheServerIsToldToStop)
     remote.server->Terminate();
     EXPECT_EQ(remote.Wait(), 128 + SIGKILL);
 
-    const Pair silent; // a client that never asks
-    const Owned<rshServer> idle(rshServer::Create(silent.server.get(), nullptr, 0));
+    const StreamPair silent; // a client that never asks
+    const Owned<rshServer> idle(rshServer::Create(silent.far.get(), nullptr, 0));
     idle->Terminate();
     const Owned<rshServerEvent> end(idle->ExitEvent());
     EXPECT_EQ(end->evtEvent::Wait(2.0), 1);
@@ -255,12 +260,12 @@ TEST_F(RemoteShell, SurvivesTheOtherEndsDeathAtAnyMoment)
             remote.Write(std::string(random() % 20000, 'x'));
         if (round % 2 == 0) {
             const linger reset = {1, 0};
-            setsockopt(remote.pair.clientHandle, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+            setsockopt(remote.pair.nearSocket->GetHandle(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
         }
-        shutdown(remote.pair.clientHandle, round % 3 == 0 ? SHUT_WR : SHUT_RDWR);
+        shutdown(remote.pair.nearSocket->GetHandle(), round % 3 == 0 ? SHUT_WR : SHUT_RDWR);
         // A client that still listens learns from the server's owner, who closes what has no use any more.
         remote.ExpectServerToEnd();
-        remote.pair.server->Close();
+        remote.pair.far->Close();
         EXPECT_EQ(remote.Wait(), xnullint);
         reader.join();
     }
@@ -270,7 +275,7 @@ TEST_F(RemoteShell, GivesACommandUpWhenItsObjectIsFreed)
 {
     Remote remote("yes", 0);
     remote.process.reset();
-    remote.pair.client->Close();
+    remote.pair.near->Close();
     remote.ExpectServerToEnd();
 }
 

@@ -2,8 +2,12 @@
 
 #include <climits>
 
-#include "rshpair.h"
+#include "support/owned.h"
 #include "support/programs.h"
+#include "support/streampair.h"
+#include <qel/rshprocess.h>
+#include <qel/rshserver.h>
+#include <qel/xiolib.h>
 
 namespace {
 
@@ -21,18 +25,18 @@ std::string Text(const std::string& text)
     return Int(static_cast<int>(text.size())) + text;
 }
 
-void Send(const Pair& pair, const std::string& bytes)
+void Send(const StreamPair& pair, const std::string& bytes)
 {
-    EXPECT_EQ(btkWrite(pair.clientHandle, bytes.data(), bytes.size()), bytes.size());
+    EXPECT_EQ(btkWrite(pair.nearSocket->GetHandle(), bytes.data(), bytes.size()), bytes.size());
 }
 
 // What arrives until `count` bytes or the end.
-std::string Receive(const Pair& pair, std::size_t count)
+std::string Receive(const StreamPair& pair, std::size_t count)
 {
     std::string got(count, '\0');
     std::size_t done = 0;
-    while (done < count && btkIsReadable(pair.clientHandle, btkTimeval(10.0))) {
-        const std::ptrdiff_t size = btkRead(pair.clientHandle, got.data() + done, count - done);
+    while (done < count && btkIsReadable(pair.nearSocket->GetHandle(), btkTimeval(10.0))) {
+        const std::ptrdiff_t size = btkRead(pair.nearSocket->GetHandle(), got.data() + done, count - done);
         if (size <= 0)
             break;
         done += static_cast<std::size_t>(size);
@@ -44,7 +48,7 @@ std::string Receive(const Pair& pair, std::size_t count)
 // A server whose client the test plays byte by byte.
 struct Served
 {
-    Served() : server(rshServer::Create(pair.server.get(), nullptr, 0)) {}
+    Served() : server(rshServer::Create(pair.far.get(), nullptr, 0)) {}
     ~Served()
     {
         const Owned<rshServerEvent> end(server->ExitEvent());
@@ -52,7 +56,7 @@ struct Served
         EXPECT_TRUE(hasNoChildren());
     }
 
-    Pair pair;
+    StreamPair pair;
     Owned<rshServer> server;
 };
 
@@ -69,7 +73,7 @@ TEST(rshServer, SpeaksTheProtocolByteByByte)
     EXPECT_EQ(Receive(served.pair, 13), Int(3) + Text("hello"));
     // A block in three parts.
     Send(served.pair, Int(4) + Int(3).substr(0, 2));
-    EXPECT_FALSE(btkIsReadable(served.pair.clientHandle, btkTimeval(0.02)));
+    EXPECT_FALSE(btkIsReadable(served.pair.nearSocket->GetHandle(), btkTimeval(0.02)));
     Send(served.pair, Int(3).substr(2) + "ab");
     EXPECT_EQ(Receive(served.pair, 10), Int(3) + Text("ab"));
     Send(served.pair, "c");
@@ -96,9 +100,9 @@ TEST(rshServer, TerminatesAndInterruptsByTagsAndByUrgentValues)
             Send(served.pair, Text("sleep 60") + Text("") + Int(0));
             EXPECT_EQ(Receive(served.pair, 4), Int(0));
             if (urgent) {
-                EXPECT_EQ(served.pair.client->WriteOutOfBand(5), 1); // means nothing
-                EXPECT_FALSE(btkIsReadable(served.pair.clientHandle, btkTimeval(0.05)));
-                EXPECT_EQ(served.pair.client->WriteOutOfBand(tag), 1);
+                EXPECT_EQ(served.pair.near->WriteOutOfBand(5), 1); // means nothing
+                EXPECT_FALSE(btkIsReadable(served.pair.nearSocket->GetHandle(), btkTimeval(0.05)));
+                EXPECT_EQ(served.pair.near->WriteOutOfBand(tag), 1);
             } else {
                 Send(served.pair, Int(tag));
             }
@@ -124,7 +128,7 @@ TEST(rshServer, EndsWithAClientThatVanishesInTheMiddle)
     for (std::size_t length = 0; length <= session.size(); ++length) {
         Served served;
         Send(served.pair, session.substr(0, length));
-        served.pair.client.reset();
+        served.pair.near.reset();
     }
 }
 
@@ -133,15 +137,15 @@ namespace {
 // A client whose server the test plays: what it answers and all that it says afterwards. The exit code.
 int PlayServer(const std::string& answer, std::string& output)
 {
-    Pair pair;
-    std::swap(pair.client, pair.server); // the test has the handle of the server's side
+    StreamPair pair;
+    std::swap(pair.near, pair.far); // the test has the handle of the server's side
     const std::string request = Text("command") + Text("dir") + Int(1);
     Send(pair, answer);
     const Owned<ioStringStream> out(ioStringStream::Create(xnullstr));
     const Owned<rshProcess> process(
-        rshProcess::Create(pair.client.get(), "command", "dir", nullptr, out.get(), nullptr, 1, 0));
+        rshProcess::Create(pair.near.get(), "command", "dir", nullptr, out.get(), nullptr, 1, 0));
     EXPECT_EQ(Receive(pair, request.size()), request);
-    shutdown(pair.clientHandle, SHUT_WR);
+    pair.nearSocket->ShutdownOutput();
     const Owned<rshEvent> end(process->ExitEvent());
     EXPECT_EQ(end->evtEvent::Wait(5.0), 1);
     output = out->getStr().CastToCString();

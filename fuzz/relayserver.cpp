@@ -1,0 +1,41 @@
+// Arbitrary messages to the server of a remote command, which is `cat` throughout: it stops the command and
+// ends, and leaves nothing behind.
+#include <cstdint>
+#include <cstdlib>
+#include <thread>
+
+#include "support/programs.h"
+#include "support/streampair.h"
+#include <qel/rshserver.h>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    if (size > 100000)
+        return 0;
+    const long before = openDescriptors();
+    {
+        StreamPair pair;
+        std::thread serving([&] {
+            if (rshServer::Execute(pair.far.get(), nullptr, nullptr) == 0)
+                std::abort();
+            pair.far->Close();
+        });
+        pair.near->WriteString("cat");
+        pair.near->WriteString("");
+        pair.near->WriteInt(0);
+        pair.near->Flush(1);
+        try {
+            pair.near->WriteBytes(reinterpret_cast<const char*>(data), static_cast<unsigned>(size));
+            pair.near->Flush(1);
+        } catch (xthrowable* thrown) { // it may end before it has taken all
+            xdelete(thrown);
+        }
+        pair.near->Close();
+        serving.join();
+    }
+    if (openDescriptors() != before || !hasNoChildren())
+        std::abort();
+    return 0;
+}
