@@ -30,6 +30,19 @@ namespace {
 // What the owner writes to the thread besides the two tags: give up.
 constexpr int giveUp = -1;
 
+void ReadReply(netSocketStream& connection)
+{
+    rshPartReader reader(connection, nullptr);
+    int reply = 0;
+    reader.ReadInt(reply);
+    if (reply == 0)
+        return;
+    int code = 0;
+    std::string text;
+    const bool isWhole = reader.ReadInt(code) && reader.ReadText(text);
+    rshXProcess::Throw(rshDaemonError, static_cast<pcCreateError>(code), isWhole ? text.c_str() : nullptr);
+}
+
 // The relay of one command.
 class Session : private rshReceiver
 {
@@ -158,16 +171,7 @@ rshProcess* rshProcess::Create(netSocketStream* s, const char* command, const ch
     s->WriteString(workDir);
     s->WriteInt(useShell == 1);
     s->Flush(1);
-    rshPartReader reader(*s, nullptr);
-    int reply = 0;
-    reader.ReadInt(reply);
-    if (reply != 0) {
-        int code = 0;
-        std::string text;
-        const bool isWhole = reader.ReadInt(code) && reader.ReadText(text);
-        rshXProcess::Throw(rshDaemonError, static_cast<pcCreateError>(code),
-                           isWhole ? text.c_str() : nullptr);
-    }
+    ReadReply(*s);
 
     rshOwned<ioPipe> pipes[3];
     ioStream* const given[] = {in, out, err};
