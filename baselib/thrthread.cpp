@@ -1,28 +1,31 @@
 #include <qel/base/thrthread.h>
 
+#include <atomic>
 #include <memory>
 #include <new>
 #include <pthread.h>
 
-namespace {
-
-// Shared by the handle and the running thread; the last of them frees it.
-struct Thread
+struct btkThreadEnd
 {
-    btkFd exited;
+    btkFd exited; // an event, set after the rest
     int code = 0;
+    std::atomic<bool> hasEnded = false;
+
+    bool IsOver() const { return hasEnded.load(std::memory_order_acquire); }
 };
+
+namespace {
 
 struct Handle
 {
-    std::shared_ptr<Thread> thread;
+    std::shared_ptr<btkThreadEnd> thread;
     pthread_t id = {};
     bool joined = false;
 };
 
 struct Launch
 {
-    std::shared_ptr<Thread> thread;
+    std::shared_ptr<btkThreadEnd> thread;
     int (*start)(void*);
     void* arg;
 };
@@ -31,6 +34,7 @@ void* Run(void* given)
 {
     const std::unique_ptr<Launch> launch(static_cast<Launch*>(given));
     launch->thread->code = launch->start(launch->arg);
+    launch->thread->hasEnded.store(true, std::memory_order_release);
     Event_Set(launch->thread->exited.Get());
     return nullptr;
 }
@@ -45,7 +49,7 @@ Handle& HandleOf(void* thread)
 void* StrictThread_Launch(int (*start)(void*), void* arg, void (*)(void*, bool))
 try {
     auto handle = std::make_unique<Handle>();
-    handle->thread = std::make_shared<Thread>();
+    handle->thread = std::make_shared<btkThreadEnd>();
     handle->thread->exited.Reset(Event_Create(false));
     if (!handle->thread->exited)
         return StrictThread_Refused;
@@ -60,7 +64,7 @@ try {
 
 bool StrictThread_CheckRunning(void* thread)
 {
-    return !btkIsReadable(HandleOf(thread).thread->exited.Get());
+    return !HandleOf(thread).thread->IsOver();
 }
 
 void StrictThread_Wait(void* thread, int* code)
@@ -88,10 +92,26 @@ btkHandle StrictThread_GetExitHandle(void* thread)
     return HandleOf(thread).thread->exited.Get();
 }
 
+btkPROCESSEvent::btkPROCESSEvent(void* handle)
+    : btkBaseEvent(StrictThread_GetExitHandle(handle), SelectEvents(0), true), thread(HandleOf(handle).thread)
+{
+}
+
 btkPROCESSEvent::btkPROCESSEvent(btkHandle exit) : btkBaseEvent(-1, SelectEvents(0), true)
 {
     btkFd borrowed(exit);
     own = borrowed.Duplicate();
     borrowed.Release();
     GetWatch().handle = own.Get();
+}
+
+btkBaseEvent::State btkPROCESSEvent::OnAsk()
+{
+    // On, too, when no descriptor was left for a process: better not to wait.
+    return (thread != nullptr ? thread->IsOver() : GetWatch().handle < 0) ? On : Ask;
+}
+
+bool btkPROCESSEvent::OnPolled(short ready)
+{
+    return thread != nullptr ? thread->IsOver() : ready != 0;
 }

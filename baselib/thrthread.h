@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include <qel/base/btkevent.h>
 
 // Threads with an exit event and an exit code. A handle is used by one thread at a time.
@@ -11,7 +13,8 @@ inline void* const StrictThread_Refused = reinterpret_cast<void*>(-1);
 /// handle is freed with StrictThread_Free; StrictThread_Refused when the host has no thread, descriptor or
 /// memory left. `fork` is for hosts whose threads are processes: never called on this one.
 BASE_API void* StrictThread_Launch(int (*start)(void* arg), void* arg, void (*fork)(void* arg, bool parent));
-/// Whether the thread still runs. False as soon as its exit event is on.
+/// Whether the thread still runs. False as soon as its exit event is on; what the thread has written before
+/// is seen by the caller then.
 BASE_API bool StrictThread_CheckRunning(void* thread);
 /// Waits for the end of the thread and stores its exit code. May be repeated.
 BASE_API void StrictThread_Wait(void* thread, int* code);
@@ -21,20 +24,25 @@ BASE_API void StrictThread_Free(void* thread);
 /// ended.
 BASE_API btkHandle StrictThread_GetExitHandle(void* thread);
 
-/// On once a thread or a process has ended, and from then on. Has a handle of its own: the thread or process
-/// handle may be freed before.
+/// What a thread's handle, its events and the thread itself share.
+struct btkThreadEnd;
+
+/// On once a thread or a process has ended, and from then on. The thread or process handle may be freed
+/// before. Who finds it on for a thread sees all that the thread has written.
 class BASE_API btkPROCESSEvent : public btkBaseEvent
 {
 public:
-    /// Of a thread of StrictThread_Launch.
-    explicit btkPROCESSEvent(void* thread) : btkPROCESSEvent(StrictThread_GetExitHandle(thread)) {}
-    /// Of whatever `exit` stands for: a descriptor that becomes readable at the end, like a process's.
+    /// Of a thread of StrictThread_Launch. Takes no descriptor.
+    explicit btkPROCESSEvent(void* thread);
+    /// Of whatever `exit` stands for: a descriptor that becomes readable at the end, like a process's. Takes
+    /// a duplicate.
     explicit btkPROCESSEvent(btkHandle exit);
 
 protected:
-    // On when no descriptor was left: better not to wait.
-    State OnAsk() override { return GetWatch().handle < 0 ? On : Ask; }
+    State OnAsk() override;
+    bool OnPolled(short ready) override;
 
 private:
     btkFd own;
+    std::shared_ptr<const btkThreadEnd> thread;
 };

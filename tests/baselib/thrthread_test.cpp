@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 
 #include "support/child.h"
+#include "support/descriptors.h"
 
 #include <gtest/gtest.h>
 
@@ -39,7 +40,9 @@ TEST_F(Threads, TellTheirEndAndTheirExitCode)
 {
     void* const thread = StrictThread_Launch(waitForEvent, Gate(), nullptr);
     ASSERT_NE(thread, StrictThread_Refused);
+    const long descriptors = openDescriptors();
     btkEvent exited(new btkPROCESSEvent(thread));
+    EXPECT_EQ(openDescriptors(), descriptors) << "a server may have none left";
     EXPECT_FALSE(exited.IsSignaled());
     EXPECT_TRUE(StrictThread_CheckRunning(thread));
 
