@@ -8,7 +8,7 @@
 
 #include "support/child.h"
 #include "support/descriptors.h"
-#include "support/interrupt.h"
+#include "support/longrun.h"
 #include "support/programs.h"
 #include "support/tempdir.h"
 #include <qel/base/btkpipe.h>
@@ -257,23 +257,21 @@ TEST_F(Processes, AreStartedAndWaitedForByManyThreads)
             wrong += runInChild([] { return 3; }) != 3;
         }
     });
-    {
-        const Interrupter interrupter;
-        std::vector<std::thread> threads;
-        for (int thread = 0; thread < 8; ++thread)
-            threads.emplace_back([&wrong, thread] {
-                for (int i = 0; i < 60; ++i) {
-                    const int code = thread * 30 + i % 30;
-                    if (i % 3 == 0)
-                        wrong += Started("sh -c \"exit " + std::to_string(code) + "\"").Wait() != code;
-                    else
-                        wrong += Started("true").Wait() != 0;
-                }
-            });
-        for (std::thread& thread : threads)
-            thread.join();
-        EXPECT_GT(Interrupter::interrupts, 0);
-    }
+    const int startsOfEach = ofALongRun(1000, 10000) / 8;
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 8; ++thread)
+        threads.emplace_back([&wrong, startsOfEach, thread] {
+            for (int i = 0; i < startsOfEach; ++i) {
+                const int code = thread * 30 + i % 30;
+                if (i % 8 == 0)
+                    wrong += Started("sh -c \"exit " + std::to_string(code) + "\"").Wait() != code;
+                else
+                    wrong += Started("true").Wait() != 0;
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_GT(Interrupter::interrupts, 0);
     done = true;
     busy.join();
     EXPECT_EQ(wrong, 0);

@@ -5,7 +5,6 @@
 #include "iosupport.h"
 #include "support/descriptors.h"
 #include "support/environment.h"
-#include "support/interrupt.h"
 #include "support/programs.h"
 #include "support/tempdir.h"
 #include <qel/pcprocess.h>
@@ -54,7 +53,6 @@ int ExitCodeOf(pcProcess& process)
 
 TEST_F(Processes, TalkThroughTheStreamsThatTheyAreGiven)
 {
-    const Interrupter interrupter;
     const Owned<ioPipe> in(ioPipe::Create()), out(ioPipe::Create()), err(ioPipe::Create());
     const Process process = Start("sh -c \"tr a-z A-Z; echo end >&2; exit 7\"", in->getReadEnd(),
                                   out->getWriteEnd(), err->getWriteEnd());

@@ -6,10 +6,13 @@
 #include <sys/socket.h>
 #include <thread>
 
+#include "support/child.h"
 #include "support/descriptors.h"
 #include "support/environment.h"
+#include "support/longrun.h"
 #include "support/owned.h"
 #include "support/programs.h"
+#include "support/resident.h"
 #include "support/streampair.h"
 #include "support/tempdir.h"
 #include <qel/rshprocess.h>
@@ -151,10 +154,23 @@ TEST_F(RemoteShell, FindsTheWorkingDirectoryBelowItsBase)
     }
 }
 
-TEST_F(RemoteShell, CarriesMuchBothWaysAtOnce)
+// The ends are processes of their own, as in use, and neither keeps more than a little of what it carries.
+TEST_F(RemoteShell, CarriesMuchBothWaysAtOnceInLittleMemory)
 {
-    constexpr std::size_t total = 64 << 20, part = 1 << 16;
-    const Remote remote("cat", 0);
+    const std::size_t total = ofALongRun(std::size_t{64} << 20, std::size_t{1} << 30), part = 1 << 16;
+    constexpr long mostKib = 16 << 10;
+    StreamPair pair;
+    ChildProcess server([&] {
+        pair.near.reset();
+        const Interrupter here;
+        const ResidentGrowth growth;
+        const bool isServed = rshServer::Execute(pair.far.get(), nullptr, nullptr) != 0;
+        return !isServed ? 1 : growth.peak() > mostKib ? 2 : 0;
+    });
+    pair.far.reset();
+    const ResidentGrowth growth;
+    const Owned<rshProcess> process(
+        rshProcess::Create(pair.near.get(), "cat", nullptr, nullptr, nullptr, nullptr, 0, 0));
     std::thread writer([&] {
         std::mt19937_64 random(1);
         std::string block(part, ' ');
@@ -163,23 +179,26 @@ TEST_F(RemoteShell, CarriesMuchBothWaysAtOnce)
                 const std::uint64_t bits = random();
                 std::memcpy(&block[i], &bits, 8);
             }
-            remote.Write(block);
+            process->getStdin()->WriteBytes(block.data(), part);
         }
-        remote.process->getStdin()->Close();
+        process->getStdin()->Close();
     });
     std::mt19937_64 random(1);
     std::size_t done = 0, wrong = 0;
     for (; done < total; done += 8) {
         std::uint64_t bits = 0;
-        if (remote.process->getStdout()->ReadBytes(&bits, 8) != 8)
+        if (process->getStdout()->ReadBytes(&bits, 8) != 8)
             break;
         wrong += bits != random();
     }
     writer.join();
     EXPECT_EQ(done, total);
     EXPECT_EQ(wrong, 0u);
-    EXPECT_EQ(remote.Output(), "");
-    EXPECT_EQ(remote.Wait(), 0);
+    EXPECT_EQ(ReadAll(*process->getStdout()), "");
+    EXPECT_EQ(process->WaitExitCode(), 0);
+    EXPECT_LE(growth.peak(), mostKib);
+    EXPECT_GE(growth.peak(), 0);
+    EXPECT_EQ(server.wait(), 0);
 }
 
 TEST_F(RemoteShell, GoesOnWithCommandsThatDoNotReadOrLeaveOthersBehind)

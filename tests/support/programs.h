@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "support/descriptors.h"
+#include "support/interrupt.h"
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -13,7 +14,8 @@ inline bool hasNoChildren()
     return waitid(P_ALL, 0, &found, WEXITED | WNOHANG | WNOWAIT) != 0 && errno == ECHILD;
 }
 
-/// For tests that start programs: none of them leaves a child or a descriptor behind.
+/// For tests that start programs: none of them leaves a child or a descriptor behind, and all go as well
+/// while signals interrupt every call.
 class Processes : public testing::Test
 {
 protected:
@@ -24,5 +26,6 @@ protected:
     }
 
 private:
+    const Interrupter interrupter;
     long descriptors = openDescriptors();
 };
