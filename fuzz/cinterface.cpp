@@ -270,6 +270,7 @@ void exceptionStep(Input& input)
         xthrowable* const current = xgetexc_c();
         require((current != nullptr) == (xisexc_c() == 1));
         giveBack(xgettypename_c(reinterpret_cast<xobject*>(current)));
+        giveBack(xgetexctext_c(current));
         xsetexc_c(current);
         xrcrelease_c(reinterpret_cast<xobject*>(current));
         break;

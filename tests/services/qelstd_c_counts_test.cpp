@@ -182,6 +182,30 @@ TEST_F(CInterface, OwnsAnExceptionThatIsNotCountable)
     EXPECT_EQ(Uncounted::alive, 0);
 }
 
+TEST_F(CInterface, TellsWhatAnExceptionSays)
+{
+    const struct
+    {
+        xthrowable* exception;
+        const char* text;
+    } cases[] = {
+        {new qelXNull, "Attempt to assign null to non-optional object"},
+        {new qelXNativeException("disk is on fire"), "disk is on fire"},
+        {new qelXSoapFault("Client", "no such method", xany()), "no such method"},
+        {new Uncounted, "communication timeout"},
+        {new xthrowable, "(null)"},
+    };
+    watched->action = [] { qelXNegativeIndex::Throw(-9); };
+    xintsequence_get(watched, 0);
+    for (const auto& [exception, text] : cases) {
+        xrcattach(exception);
+        EXPECT_EQ(textOf(xgetexctext_c(exception)), text);
+        EXPECT_EQ(xrcgetcount(exception), exception->isRefCountable() ? 1 : -1);
+        xdelete_c(exception);
+    }
+    EXPECT_EQ(takeCurrent(), "qellib::XNegativeIndex"); // left alone
+}
+
 TEST_F(CInterface, LetsForeignExceptionsThroughAndKeepsNothing)
 {
     watched->action = [] { throw std::runtime_error("foreign"); };

@@ -113,6 +113,7 @@ static void markersAreNoObjects(void)
         CHECK(xisrcobj_c(marker) == 0);
         CHECK(xgetrtti_c(marker) == NULL);
         CHECK(isText(xgettypename_c(marker), NULL));
+        CHECK(isText(xgetexctext_c((xthrowable*)marker), NULL));
         CHECK(xisobjsameas_c(marker, type) == (marker == NULL));
         CHECK(xisobjkindof_c(marker, type) == (marker == NULL));
     }
@@ -198,6 +199,8 @@ static void exceptionsAreHandedOver(void)
 
     xrcrelease_c((xobject*)seen);
     CHECK(isText(xgettypename_c((xobject*)taken), "qellib::XInvalidSeqIndex"));
+    CHECK(isText(xgetexctext_c(taken), "Sequence index is out of range"));
+    CHECK(!xisexc_c());
     xdelete_c((xobject*)taken);
     xrcrelease_c((xobject*)s);
 }

@@ -5,6 +5,7 @@
 
 #include <qel/base/btkstrbuf.h>
 
+#include "qelexception.h"
 #include "qelprint.h"
 #include "qelstd_c_p.h"
 #include "xrtti.h"
@@ -157,4 +158,17 @@ xthrowable* xextractexc_c()
 void xcleanupexc_c()
 {
     replaceCurrent(nullptr);
+}
+
+__xstring_c xgetexctext_c(xthrowable* e)
+{
+    if (!qelIsObject(e))
+        return xstring().getxstring_c();
+    const xrcunihandle<xthrowable> held(e);
+    if (const auto* const native = qelXNativeException::softcast(e))
+        return native->getStringRep().getxstring_c();
+    if (auto* const other = qelXS11nException::softcast(e))
+        return other->getMessage().getxstring_c();
+    const auto* const framework = qelXException::softcast(e);
+    return (framework != nullptr ? framework->getDescription() : xstring()).getxstring_c();
 }

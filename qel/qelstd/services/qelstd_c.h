@@ -7,7 +7,7 @@
  * 1. Errors. A function that fails answers the uninit marker of its result type and leaves what happened as
  *    the current exception. The collection functions empty the slot of the current exception when they begin,
  *    so that afterwards it tells about that call only: where a marker may also be a value, ask xisexc_c().
- *    What an exception is, xgettypename_c tells; xprint_c prints it.
+ *    What an exception is, xgettypename_c tells, what it says, xgetexctext_c; xprint_c prints all of it.
  * 2. Ownership. Objects are counted. `create` gives the caller one reference; xrcattach_c takes another,
  *    xrcrelease_c and xdelete_c give one back, and the last one given back frees the object. An exception of
  *    a class that is not countable (xisrcobj_c) is freed by xdelete_c alone. A __xstring_c that a function
@@ -105,6 +105,9 @@ QEL_API unsigned char xisexc_c(void);
 QEL_API xthrowable* xextractexc_c(void);
 /* Empties the slot. */
 QEL_API void xcleanupexc_c(void);
+/* What `e` says in words: what a failure that is not the framework's own reported, else the description.
+ * Null, xuninitobj, and classes that say nothing: the null string. Leaves the current exception alone. */
+QEL_API __xstring_c xgetexctext_c(xthrowable* e);
 
 /* ---- sequences: xboolsequence_get, xintsequence_get, ...
  *
