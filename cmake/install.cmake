@@ -1,5 +1,5 @@
 # What others build with: the CMake package `qelstd`, in the build tree and installed, and the pkg-config file.
-# CPack makes Debian packages of the components `libraries`, `development` and, with the programs, `tools`.
+# CPack makes Debian packages of the components `libraries`, `development`, `python` and, with the programs, `tools`.
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qelstd)
@@ -33,9 +33,16 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libqelstd-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME qelstd-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-qelstd)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3:any (>= 3.9)")
 set(CPACK_COMPONENT_LIBRARIES_DESCRIPTION "${PROJECT_DESCRIPTION}: the libraries")
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "${PROJECT_DESCRIPTION}: headers and what builds need")
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS libraries)
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION "${PROJECT_DESCRIPTION}: the Python package")
+set(CPACK_COMPONENT_PYTHON_DEPENDS libraries)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "${PROJECT_DESCRIPTION}: command-line programs")
 set(CPACK_COMPONENT_TOOLS_DEPENDS libraries)
 get_cmake_property(CPACK_COMPONENTS_ALL COMPONENTS)

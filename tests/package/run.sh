@@ -1,8 +1,8 @@
 #!/bin/bash
-# run.sh CMAKE PKG-CONFIG C++ SOURCE BUILD: what a user of the library does: installs it, builds a small program with it
+# run.sh CMAKE PKG-CONFIG C++ PYTHON SOURCE BUILD: what a user of the library does: installs it, builds a small program with it
 # in each supported way, and runs that.
 set -euo pipefail
-cmake=$1 pkg_config=$2 cxx=$3 source=$4 build=$5
+cmake=$1 pkg_config=$2 cxx=$3 python=$4 source=$5 build=$6
 consumer=$source/tests/package/consumer
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -46,6 +46,11 @@ expect "$version" "$pkg_config" --modversion qelstd
 read -ra flags < <("$pkg_config" --cflags --libs qelstd)
 "$cxx" -std=c++20 "$consumer/consumer.cpp" -o "$work/consumer" "${flags[@]}"
 expect "$version" env LD_LIBRARY_PATH="$libraries" "$work/consumer"
+
+echo "== Python, installed"
+package=$prefix/lib/python3/dist-packages
+expect "[3, 1]" env -u QELSTD_LIBRARY PYTHONPATH="$package" PYTHONDONTWRITEBYTECODE=1 \
+    "$python" -c "import qelstd; print(list(qelstd.IntSequence([1, 3])[::-1]))"
 
 echo "== the libraries alone, without what the tests need"
 "$cmake" -S "$source" -B "$work/alone" --no-warn-unused-cli -DQELSTD_BUILD_TESTS=OFF -DQELSTD_BUILD_TOOLS=OFF \

@@ -1,0 +1,190 @@
+"""References, exceptions, markers, and threads."""
+import copy
+import ctypes
+import gc
+import os
+import pickle
+import subprocess
+import sys
+import threading
+import unittest
+
+import qelstd
+from qelstd import UNINIT, IntDictionary, IntSequence, Object, StringSequence, library
+
+create_int_sequence = library.function("xintsequence_create", ctypes.c_void_p)
+release = library.function("xrcrelease_c", None, ctypes.c_void_p)
+set_exception = library.function("xsetexc_c", None, ctypes.c_void_p)
+
+
+def count(pointer):
+    """The number of references to an object, which stands behind its pointer to the virtual functions."""
+    return ctypes.c_int32.from_address(pointer + ctypes.sizeof(ctypes.c_void_p)).value
+
+
+class Ownership(unittest.TestCase):
+    def test_an_object_of_python_holds_one_reference(self):
+        sequence = IntSequence([1])
+        self.assertEqual(count(sequence.pointer), 1)
+        for _ in range(10):  # failures hold references meanwhile, and lose them
+            self.assertRaises(IndexError, library.call, sequence._functions["get"], sequence.pointer, 5)
+        self.assertEqual(count(sequence.pointer), 1)
+
+    def test_adopting_takes_over_and_sharing_adds(self):
+        pointer = create_int_sequence()
+        shared = Object.share(pointer)
+        self.assertIs(type(shared), IntSequence)
+        self.assertEqual(count(pointer), 2)
+
+        adopted = IntSequence.adopt(pointer)
+        adopted.append(5)
+        self.assertEqual(list(shared), [5])
+        del shared
+        gc.collect()
+        self.assertEqual(count(pointer), 1)
+        self.assertEqual(adopted[0], 5)
+
+    def test_an_object_of_another_class_stays_the_callers(self):
+        pointer = create_int_sequence()
+        for kind in (StringSequence, qelstd.Dictionary):
+            with self.assertRaisesRegex(TypeError, "intseq"):
+                kind.adopt(pointer)
+            with self.assertRaisesRegex(TypeError, "intseq"):
+                kind.share(pointer)
+        self.assertEqual(count(pointer), 1)
+        release(pointer)
+
+    def test_a_subclass_of_python_may_be_asked_for(self):
+        class Ages(IntSequence):
+            pass
+        made = Ages([1, 2])
+        self.assertIs(type(made[:1]), Ages)
+        self.assertIs(type(Ages.share(made.pointer)), Ages)
+        self.assertIs(type(Object.share(made.pointer)), IntSequence)
+
+    def test_null_and_uninit_pointers(self):
+        for null in (None, 0):
+            self.assertIsNone(Object.adopt(null))
+            self.assertIsNone(IntSequence.share(null))
+        self.assertIs(Object.adopt(22), UNINIT)
+        self.assertIs(Object.share(22), UNINIT)
+
+    def test_bases_are_not_made(self):
+        for kind in (Object, qelstd.Sequence, qelstd.Dictionary):
+            self.assertRaises(TypeError, kind)
+
+    @unittest.skipIf("asan" in os.environ.get("LD_PRELOAD", ""), "the address sanitizer keeps freed memory")
+    def test_memory_is_given_back(self):
+        def use():
+            for kind in (IntSequence, StringSequence):
+                sequence = kind()
+                sequence[:] = [None] * 50
+                sequence[10:20] = sequence[::-1]
+                with self.assertRaises(IndexError):
+                    sequence[1000]
+            texts = StringSequence(["x" * 20000] * 5)
+            self.assertEqual(len(texts[3]), 20000)
+            dictionary = qelstd.StringDictionary({"k" * 1000: "v" * 20000})
+            self.assertEqual(len(dictionary.popitem()[1]), 20000)
+            self.assertRaises(IndexError, library.call, sequence._functions["get"], sequence.pointer, -1)
+
+        def resident():
+            with open("/proc/self/statm") as statm:
+                return int(statm.read().split()[1]) * os.sysconf("SC_PAGESIZE")
+
+        for _ in range(30):
+            use()
+        before = resident()
+        for _ in range(300):
+            use()
+        gc.collect()
+        # One text of each round kept would be six million bytes.
+        self.assertLess(resident() - before, 3_000_000)
+
+
+class Exceptions(unittest.TestCase):
+    def test_they_are_the_built_in_ones_with_the_librarys_words(self):
+        sequence, dictionary = IntSequence(), IntDictionary()
+        cases = [
+            (lambda: library.call(sequence._functions["get"], sequence.pointer, 5), qelstd.InvalidSeqIndex, IndexError,
+             "qellib::XInvalidSeqIndex", "Sequence index is out of range"),
+            (lambda: library.call(sequence._functions["get"], sequence.pointer, -1), qelstd.NegativeIndex, IndexError,
+             "qellib::XNegativeIndex", "Negative index"),
+            (lambda: library.call(sequence._functions["getarraysize"], None), qelstd.NotInitialized, ValueError,
+             "qellib::XNotInitialized", "Object is not initialized or has been destroyed"),
+            (lambda: library.call(IntDictionary._functions["setbyindex"], dictionary.pointer, 99, 1),
+             qelstd.InvalidDictIndex, IndexError, "qellib::XInvalidDictIndex", "Dictionary index is out of range"),
+        ]
+        for failing, kind, built_in, type_name, text in cases:
+            with self.subTest(type_name), self.assertRaises(kind) as caught:
+                failing()
+            self.assertIsInstance(caught.exception, built_in)
+            self.assertIsInstance(caught.exception, qelstd.Error)
+            self.assertEqual((caught.exception.type_name, str(caught.exception)), (type_name, text))
+
+    def test_one_left_by_other_code_is_not_blamed_on_the_next_call(self):
+        failing = library.function("xintsequence_get", ctypes.c_int, ctypes.c_void_p, ctypes.c_int)
+        sequence = IntSequence([1])
+        failing(sequence.pointer, 7)
+        self.assertEqual(len(sequence), 1)
+        set_exception(None)
+
+    def test_an_unknown_class_is_an_error(self):
+        raised = qelstd.errors.make("mylib::XBroken", None)
+        self.assertIs(type(raised), qelstd.Error)
+        self.assertEqual(str(raised), "mylib::XBroken")
+
+
+class Values(unittest.TestCase):
+    def test_uninit_is_one(self):
+        self.assertIs(qelstd.Uninit(), UNINIT)
+        self.assertIs(copy.deepcopy(UNINIT), UNINIT)
+        self.assertIs(pickle.loads(pickle.dumps(UNINIT)), UNINIT)
+        self.assertEqual(repr(UNINIT), "UNINIT")
+        self.assertFalse(UNINIT)
+
+    def test_type_names_and_printing(self):
+        self.assertEqual(IntDictionary().type_name, "intdict")
+        self.assertEqual(StringSequence().type_name, "stringseq")
+        program = "import qelstd; print('before'); qelstd.IntSequence([1, None]).print(); print('after')"
+        printed = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True, check=True).stdout
+        self.assertEqual(printed, "before\nintseq\n[\n  0 : 1\n  1 : nil\n]after\n")
+
+    def test_the_package_names_the_library_that_it_is_built_with(self):
+        expected = os.environ.get("QELSTD_SONAME")
+        self.assertEqual(library.SONAME, expected)
+
+
+class Threads(unittest.TestCase):
+    def test_each_thread_gets_its_own_failures(self):
+        wrong = []
+
+        def work(size):
+            sequence = IntSequence(range(size))
+            dictionary = IntDictionary((str(i), i) for i in range(size))
+            for _ in range(200):
+                try:
+                    library.call(sequence._functions["get"], sequence.pointer, size)
+                    wrong.append("no failure")
+                except qelstd.InvalidSeqIndex:
+                    pass
+                if sequence[-1] != size - 1 or len(sequence) != size or str(size) in dictionary:
+                    wrong.append("a wrong answer")
+            if len(dictionary) != size:
+                wrong.append("a wrong size")
+
+        interval = sys.getswitchinterval()
+        sys.setswitchinterval(1e-6)
+        try:
+            threads = [threading.Thread(target=work, args=(size,)) for size in range(1, 5)]
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join()
+        finally:
+            sys.setswitchinterval(interval)
+        self.assertEqual(wrong, [])
+
+
+if __name__ == "__main__":
+    unittest.main()
