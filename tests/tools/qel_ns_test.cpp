@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <unistd.h>
 
@@ -63,17 +64,31 @@ TEST(QelNs, ServesItsClients)
     EXPECT_EQ(Qel("ns query _ServerName=b").output, self + " _ServerName=b\n");
     EXPECT_EQ(Qel("ns list").output, "0 _ServerName=a note=two\\ words\n" + self + " _ServerName=b\n");
 
-    const Outcome again = Qel("ns register _ServerName=b");
-    EXPECT_EQ(again.status, 1);
-    EXPECT_EQ(again.output, "ERROR  : NameServer on client request: this record(s) already exists.\n");
+    EXPECT_EQ(Qel("ns query _ServerName=c").status, 1);
+    EXPECT_EQ(Qel("ns query --json _ServerName=a").output, R"([
+  {
+    "process": 0,
+    "fields": {
+      "_ServerName": "a",
+      "note": "two words"
+    }
+  }
+]
+)");
+    EXPECT_EQ(Qel("ns register _ServerName=b").status, 1);
+    EXPECT_EQ(Qel("ns register _ServerName=b").output,
+              "qel ns register: _ServerName=b: this record(s) already exists.\n");
     EXPECT_EQ(Qel("ns delete _ServerName=a").output, "1\n");
     EXPECT_EQ(Qel("ns delete _ServerName=a").status, 1);
     EXPECT_EQ(Qel("ns register --process " + self + " x=1").status, 0);
-    EXPECT_EQ(Qel("ns register --process " + self + " x=2").status, 1) << "more than its share";
+    EXPECT_EQ(Qel("ns register --process " + self + " x=2").status, 3) << "more than its share";
 
     EXPECT_EQ(Qel("ns shutdown").status, 0);
     EXPECT_EQ(server.child.wait(), 0);
-    EXPECT_EQ(Qel("ns ping").status, 1);
+    const Outcome without = Qel("ns ping");
+    EXPECT_EQ(without.status, 3);
+    EXPECT_EQ(without.output, "qel ns ping: name server on this machine, port " +
+                                  std::string(std::getenv("VRXNMSPORT")) + ": no answer\n");
 }
 
 TEST(QelNs, StopsAtSigterm)
@@ -88,6 +103,8 @@ TEST(QelNs, RefusesWrongArguments)
     for (const char* const arguments :
          {"", "ns", "ns delete", "ns register a", "ns serve --port 65536", "no"})
         EXPECT_EQ(Qel(arguments).status, 2) << arguments;
+    EXPECT_EQ(Qel("ns register a").output,
+              "qel ns register: field: not NAME=VALUE: a (see qel ns register --help)\n");
     EXPECT_EQ(Qel("ns serve --help").status, 0);
-    EXPECT_EQ(Qel("ns serve --interface nowhere.invalid --port 0").status, 1);
+    EXPECT_EQ(Qel("ns serve --interface nowhere.invalid --port 0").status, 3);
 }

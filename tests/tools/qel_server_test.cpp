@@ -53,7 +53,7 @@ private:
 
 TEST(QelServer, SpeaksTheHandshake)
 {
-    const std::string lacksRights = "qel server: echo: Connection refused due to lack of rights\n";
+    const std::string lacksRights = ": echo: Connection refused due to lack of rights\n";
     const struct
     {
         const char* command;
@@ -62,9 +62,9 @@ TEST(QelServer, SpeaksTheHandshake)
         int status;
         std::string output;
     } cases[] = {{"ping", "\1", 1, 0, ""},
-                 {"ping", "", 1, 1, "qel server: echo: no answer\n"},
+                 {"ping", "", 1, 3, ": echo: no answer\n"},
                  {"version", std::string("\1\6v\x1B 1\a\0", 8), 2, 0, "v 1\n"},
-                 {"version", "\1\4v", 2, 1, "qel server: echo: the version did not come whole\n"},
+                 {"version", "\1\4v", 2, 3, ": echo: the version did not come whole\n"},
                  {"version", std::string(1, 0), 2, 1, lacksRights},
                  {"shutdown", "\1", 3, 0, ""},
                  {"shutdown", std::string(1, 0), 3, 1, lacksRights}};
@@ -74,7 +74,8 @@ TEST(QelServer, SpeaksTheHandshake)
         const Outcome outcome = Qel("server " + std::string(command) + " echo");
         EXPECT_EQ(server.code(), code);
         EXPECT_EQ(outcome.status, status);
-        EXPECT_EQ(outcome.output, output);
+        const bool failed = status != 0;
+        EXPECT_EQ(outcome.output, (failed ? "qel server " + std::string(command) : "") + output);
     }
 }
 
@@ -82,10 +83,11 @@ TEST(QelServer, SaysThatThereIsNone)
 {
     const TestNameServer names;
     const Outcome outcome = Qel("server ping nobody@127.0.0.1");
-    EXPECT_EQ(outcome.status, 1);
-    EXPECT_EQ(outcome.output, "qel server: nobody@127.0.0.1: Server is not registered\n");
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.output, "qel server ping: nobody@127.0.0.1: Server is not registered\n");
     const EnvSetting elsewhere("VRXNMSPORT", "1"); // where nobody listens
-    const std::string without = "qel server: nobody: Name Server is not found\n";
+    const std::string without = "qel server ping: nobody: Name Server is not found\n";
     EXPECT_EQ(Qel("server ping nobody").output, without);
+    EXPECT_EQ(Qel("server ping nobody").status, 3);
     EXPECT_EQ(Qel("server ping").status, 2);
 }

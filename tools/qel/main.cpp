@@ -1,37 +1,47 @@
 // qel: the command-line program of the library.
+#include <cstring>
 #include <exception>
 #include <iostream>
 
-#include <CLI/CLI.hpp>
-
 #include "commands.h"
-#include <qel/xobject.h>
-#include <qel/xstring.h>
+#include "program.h"
 
 namespace {
 
-constexpr AddCommands groups[] = {&AddNameServiceCommands, &AddServerCommands};
+int Report(const CLI::App& program, const CommandFailed& failed)
+{
+    const std::string what = failed.what.empty() ? std::string() : Printable(failed.what) + ": ";
+    if (!failed.why.empty())
+        std::cerr << CommandLineOf(program) << ": " << what << Printable(failed.why) << std::endl;
+    return static_cast<int>(failed.status);
+}
+
+int Run(CLI::App& program, int argc, char** argv)
+{
+    try {
+        BuildProgram(program);
+        program.parse(argc, argv);
+    } catch (const CLI::Success& asked) { // for the help or the version
+        program.exit(asked);
+    } catch (const CLI::ParseError& problem) {
+        const std::string see = " (see " + CommandLineOf(program) + " --help)";
+        return Report(program, {Exit::usage, {}, problem.what() + see});
+    } catch (const CommandFailed& failed) {
+        return Report(program, failed);
+    } catch (const std::exception& failure) {
+        return Report(program, {Exit::peer, {}, failure.what()});
+    } catch (xthrowable* failure) {
+        return Report(program, FailureOf(failure));
+    }
+    if (!std::cout.flush())
+        return Report(program, {Exit::peer, "standard output", std::strerror(errno)});
+    return 0;
+}
 
 } // namespace
 
 int main(int argc, char** argv)
 {
     CLI::App program("Serves and asks the parts of a distributed system.", "qel");
-    program.set_version_flag("--version", "qel " QEL_VERSION);
-    program.require_subcommand(1);
-    try {
-        for (const AddCommands add : groups)
-            add(program);
-        program.parse(argc, argv);
-        return 0;
-    } catch (const CLI::ParseError& problem) {
-        return program.exit(problem) == 0 ? 0 : 2;
-    } catch (const CommandFailed& failed) {
-        return failed.status;
-    } catch (const std::exception& failure) {
-        std::cerr << "qel: " << failure.what() << std::endl;
-    } catch (xthrowable* failure) {
-        std::cerr << "qel: " << failure->getQelTypeName() << std::endl;
-    }
-    return 1;
+    return Run(program, argc, argv);
 }

@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
 #include "commands.h"
 #include <qel/base/nmsclient.h>
 #include <qel/base/nmsserver.h>
@@ -33,11 +31,9 @@ void Serve(ServeChoices& choices)
     options.version = "qel ns " QEL_VERSION;
     options.untilSignal = true;
     nmsServer server(options);
-    if (!server.Listen()) {
-        std::cerr << "qel ns: cannot listen on " << choices.interface << ", port " << options.port << ": "
-                  << std::strerror(errno) << std::endl;
-        throw CommandFailed{};
-    }
+    if (!server.Listen())
+        Fail(Exit::peer, choices.interface + ", port " + std::to_string(options.port),
+             std::string("cannot listen: ") + std::strerror(errno));
     // Who started the server with port 0 reads the port from here.
     std::cout << "serving on " << choices.interface << ", port " << server.GetPort() << std::endl;
     server.Run();
@@ -46,25 +42,33 @@ void Serve(ServeChoices& choices)
 void AddServe(CLI::App& group)
 {
     const auto choices = std::make_shared<ServeChoices>();
-    CLI::App& serve = *group.add_subcommand("serve", "Be a name server until SIGTERM or `qel ns shutdown`");
+    CLI::App& serve = AddCommand(group, "serve", "Be a name server until SIGTERM or `qel ns shutdown`",
+                                 [choices] { Serve(*choices); });
     serve
         .add_option("--interface", choices->interface,
                     "Address or name of the interface to listen on; '*': all of them")
+        ->type_name("HOST")
         ->capture_default_str();
     serve.add_option("--port", choices->port, "Port; 0: a free one (default: VRXNMSPORT, or 1239)")
+        ->type_name("PORT")
         ->check(CLI::Range(0, 65535));
-    serve.add_option("--request-limit", choices->seconds, "Seconds that one client may take for a request")
+    serve.add_option("--request-limit", choices->seconds, "Time that one client may take for a request")
+        ->type_name("SECONDS")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
-    serve.add_option("--waiting", choices->options.waiting, "Clients that may be waiting at once")
+    serve
+        .add_option("--waiting", choices->options.waiting, "Clients that may be waiting at once, 1 to 10000")
+        ->type_name("COUNT")
         ->check(CLI::Range(1, 10000))
         ->capture_default_str();
-    serve.add_option("--max-records", choices->options.table.records, "Records held")->capture_default_str();
+    serve.add_option("--max-records", choices->options.table.records, "Records held")
+        ->type_name("COUNT")
+        ->capture_default_str();
     serve
         .add_option("--max-records-of-process", choices->options.table.recordsOfOwner,
                     "Records of one process held")
+        ->type_name("COUNT")
         ->capture_default_str();
-    serve.callback([choices] { Serve(*choices); });
 }
 
 // ---- asking
@@ -79,6 +83,19 @@ struct AskChoices
     {
         return nmsOwnedProxy(host.empty() ? nmsServConnectLocal() : nmsServConnectByName(host.c_str()));
     }
+    /// As a failure names it.
+    std::string Server() const
+    {
+        return "name server on " + (host.empty() ? "this machine" : host) + ", port " +
+               std::to_string(nmsFindPort());
+    }
+    std::string Fields() const
+    {
+        std::string all;
+        for (const std::string& field : fields)
+            all += (all.empty() ? "" : " ") + field;
+        return all;
+    }
     nmsOwnedRecord MakeRecord() const
     {
         nmsOwnedRecord record(nmsRecCreate(owner));
@@ -90,13 +107,19 @@ struct AskChoices
     }
 };
 
-void Require(capi_nmsError* answered)
+void Require(const AskChoices& choices, capi_nmsError* answered)
 {
     const nmsOwnedError error(answered);
     if (error == nullptr)
         return;
-    nmsErrPrint(error.get());
-    throw CommandFailed{};
+    const int code = nmsErrGetCode(error.get());
+    if (code == nmscNoConnection)
+        Fail(Exit::peer, choices.Server(), "no answer");
+    // The line begins with whose failure it is: "ERROR  : NameServer on client request: ".
+    std::string why = nmsErrGetText(error.get());
+    why.erase(0, why.find(": ", why.find(": ") + 2) + 2);
+    const bool isAnswer = code == nmscExists || code == nmscNotFound || code == nmscNotAllowed;
+    Fail(isAnswer ? Exit::no : Exit::peer, choices.Fields(), why);
 }
 
 // As a part of a line that a shell script can take apart: a backslash stands before one and before a blank.
@@ -111,96 +134,135 @@ std::string Quoted(const std::string& text)
     return quoted;
 }
 
-void PrintMatching(const AskChoices& choices)
+std::string RecordLines(const Json& records)
+{
+    std::string lines;
+    for (const Json& record : records) {
+        lines += std::to_string(record["process"].get<int>());
+        for (const auto& [name, value] : record["fields"].items())
+            lines += ' ' + Quoted(name) + '=' + Quoted(value);
+        lines += '\n';
+    }
+    return lines;
+}
+
+Json Matching(const AskChoices& choices)
 {
     const nmsOwnedRecord pattern = choices.MakeRecord();
     capi_nmsRecordArray* found = nullptr;
     int count = 0;
-    Require(nmsServQuery(choices.Connect().get(), pattern.get(), &found, &count));
+    Require(choices, nmsServQuery(choices.Connect().get(), pattern.get(), &found, &count));
     const nmsOwnedRecords held(found);
+    Json records = Json::array();
     for (int i = 0; i < count; ++i) {
         const nmsFields& record = nmsRecGetFields(nmsRecArrGetByIndex(found, i));
-        std::cout << record.owner;
+        Json fields = Json::object();
         for (const auto& [name, value] : record.fields)
-            std::cout << ' ' << Quoted(name) << '=' << Quoted(value);
-        std::cout << '\n';
+            fields[name] = value;
+        records.push_back({{"process", record.owner}, {"fields", fields}});
     }
-    std::cout.flush();
+    return records;
+}
+
+void List(const AskChoices& choices)
+{
+    Show(Matching(choices), &RecordLines);
+}
+
+void Query(const AskChoices& choices)
+{
+    const Json records = Matching(choices);
+    Show(records, &RecordLines);
+    if (records.empty())
+        AnswerNo();
 }
 
 void Register(const AskChoices& choices)
 {
-    Require(nmsServRegister(choices.Connect().get(), choices.MakeRecord().get()));
+    Require(choices, nmsServRegister(choices.Connect().get(), choices.MakeRecord().get()));
 }
 
 void Delete(const AskChoices& choices)
 {
     int count = 0;
-    Require(nmsServRemove(choices.Connect().get(), choices.MakeRecord().get(), &count));
-    std::cout << count << std::endl;
+    Require(choices, nmsServRemove(choices.Connect().get(), choices.MakeRecord().get(), &count));
+    Show(count);
 }
 
 void Ping(const AskChoices& choices)
 {
-    Require(nmsServPing(choices.Connect().get()));
+    Require(choices, nmsServPing(choices.Connect().get()));
 }
 
 void PrintVersion(const AskChoices& choices)
 {
     const nmsOwnedRecord answer(nmsRecCreate(0));
-    Require(nmsServVersion(choices.Connect().get(), answer.get()));
+    Require(choices, nmsServVersion(choices.Connect().get(), answer.get()));
     const char* const version = nmsRecGetFieldValueByName(answer.get(), "Version");
-    std::cout << Printable(version == nullptr ? "" : version) << std::endl;
+    Show(version == nullptr ? "" : version);
 }
 
 void Shutdown(const AskChoices& choices)
 {
-    Require(nmsServShutdown(choices.Connect().get()));
+    Require(choices, nmsServShutdown(choices.Connect().get()));
 }
 
 struct AskCommand
 {
     const char* name;
     const char* help;
-    enum { NoFields, SomeFields, NeedsFields } fields;
     void (*ask)(const AskChoices& choices);
+    enum { NoFields, SomeFields, NeedsFields } fields = NoFields;
+    bool answers = false; // more than yes or no
 };
 
 constexpr AskCommand askCommands[] = {
-    {"list", "Print all records, a line each: the process, and the fields", AskCommand::NoFields,
-     &PrintMatching},
-    {"query", "Print the records that have these fields", AskCommand::SomeFields, &PrintMatching},
-    {"register", "Register a record with these fields", AskCommand::NeedsFields, &Register},
-    {"delete", "Delete the records that have these fields, and print how many", AskCommand::NeedsFields,
-     &Delete},
-    {"ping", "Succeed when the name server answers", AskCommand::NoFields, &Ping},
-    {"version", "Print the name server's version", AskCommand::NoFields, &PrintVersion},
-    {"shutdown", "Stop the name server of this machine", AskCommand::NoFields, &Shutdown}};
+    {"list", "Print all records, a line each: the process (0: none), and the fields", &List,
+     AskCommand::NoFields, true},
+    {"query", "Print the records that have these fields; the answer is no when there is none", &Query,
+     AskCommand::SomeFields, true},
+    {"register", "Register a record with these fields", &Register, AskCommand::NeedsFields},
+    {"delete", "Delete the records that have these fields, and print how many", &Delete,
+     AskCommand::NeedsFields, true},
+    {"ping", "Succeed when the name server answers", &Ping},
+    {"version", "Print the name server's version", &PrintVersion, AskCommand::NoFields, true},
+    {"shutdown", "Stop the name server of this machine", &Shutdown}};
 
 void AddAsk(CLI::App& group, const AskCommand& command)
 {
     const auto choices = std::make_shared<AskChoices>();
-    CLI::App& ask = *group.add_subcommand(command.name, command.help);
-    ask.add_option("--host", choices->host, "Machine of the name server (default: this one)");
+    CLI::App& ask =
+        AddCommand(group, command.name, command.help, [choices, run = command.ask] { run(*choices); });
+    ask.add_option("--host", choices->host, "Machine of the name server (default: this one)")
+        ->type_name("HOST");
     if (command.fields != AskCommand::NoFields) {
         const auto isField = [](const std::string& text) {
             return text.find('=') == std::string::npos ? "not NAME=VALUE: " + text : std::string();
         };
-        CLI::Option& fields = *ask.add_option("field", choices->fields, "NAME=VALUE")->check(isField);
-        fields.required(command.fields == AskCommand::NeedsFields);
+        ask.add_option("field", choices->fields, "A field, such as _ServerName=NAME")
+            ->type_name("NAME=VALUE")
+            ->check(isField)
+            ->required(command.fields == AskCommand::NeedsFields);
     }
     if (command.ask == &Register)
         ask.add_option("--process", choices->owner, "Process that the record goes with (default: none)")
+            ->type_name("PROCESS")
             ->check(CLI::Range(2, 0x7FFFFFFF)); // 1 would be this program itself
-    ask.callback([choices, ask = command.ask] { ask(*choices); });
+    if (command.answers)
+        OfferJson(ask);
 }
 
 } // namespace
 
 void AddNameServiceCommands(CLI::App& program)
 {
-    CLI::App& group = *program.add_subcommand("ns", "The name service");
-    group.require_subcommand(1);
+    CLI::App& group =
+        AddGroup(program, "ns", "The name server, which knows where servers are, and its clients",
+                 {{"qel ns serve --interface '*'", "Be the name server of all machines on the network."},
+                  {"qel ns list", "All records: which process, and what it has said of itself."},
+                  {"qel ns query --json _ServerName=files", "Where the server \"files\" is, for a program."},
+                  {"qel ns register _ServerName=files _PortNumber=4000",
+                   "Make a server known that cannot do it itself."}});
     AddServe(group);
     for (const AskCommand& command : askCommands)
         AddAsk(group, command);

@@ -1,14 +1,10 @@
 // qel server: what every versioned server answers, whatever it serves.
-#include <iostream>
 #include <memory>
 #include <string>
-
-#include <CLI/CLI.hpp>
 
 #include "commands.h"
 #include <qel/base/nethandshake.h>
 #include <qel/netaddress.h>
-#include <qel/netexception.h>
 
 namespace {
 
@@ -20,11 +16,9 @@ struct Address
     double seconds = 10;
 };
 
-[[noreturn]] void Fail(const Address& address, const std::string& reason)
+[[noreturn]] void Refused(const Address& address, Exit status, const std::string& why)
 {
-    std::cerr << "qel server: " << address.name << (address.host.empty() ? "" : "@") << address.host << ": "
-              << reason << std::endl;
-    throw CommandFailed{};
+    Fail(status, address.name + (address.host.empty() ? "" : "@") + address.host, why);
 }
 
 // The port under which the server is registered.
@@ -32,15 +26,13 @@ int FindPort(const Address& address)
 {
     const xrchandle<netAddress> server(
         netAddress::Create(address.name.c_str(), address.host.empty() ? nullptr : address.host.c_str()));
-    std::string problem;
+    std::string why;
     try {
         return ResolvePort(server.get());
     } catch (xthrowable* thrown) {
-        if (netXException* const failure = netXException::softcast(thrown))
-            problem = failure->getMsg().CastToCString();
-        xdelete(thrown);
+        why = FailureOf(thrown).why;
     }
-    Fail(address, problem);
+    Refused(address, Exit::peer, why);
 }
 
 // Asks the server and requires the answer 1; leaves the connection for what follows.
@@ -48,14 +40,14 @@ void Ask(const Address& address, netRequestCode code, btkStreamSocket& socket)
 {
     const btkTimeval limit(address.seconds);
     if (!socket.Connect(address.host.c_str(), FindPort(address), limit))
-        Fail(address, "Connection refused");
+        Refused(address, Exit::peer, "Connection refused");
     socket.SetSendLimit(limit);
     socket.SetRecvLimit(limit);
     const int answer = netAsk(socket, code);
     if (answer < 0)
-        Fail(address, "no answer");
+        Refused(address, Exit::peer, "no answer");
     if (answer != netAdmitted)
-        Fail(address, "Connection refused due to lack of rights");
+        Refused(address, Exit::no, "Connection refused due to lack of rights");
 }
 
 void Ping(const Address& address)
@@ -70,8 +62,8 @@ void PrintVersion(const Address& address)
     Ask(address, netRequestCode::version, socket);
     std::string text;
     if (!netReadVersion(socket, text))
-        Fail(address, "the version did not come whole");
-    std::cout << Printable(text) << std::endl;
+        Refused(address, Exit::peer, "the version did not come whole");
+    Show(text);
 }
 
 void Shutdown(const Address& address)
@@ -95,21 +87,26 @@ constexpr Command commands[] = {{"ping", "Succeed when the server answers", &Pin
 
 void AddServerCommands(CLI::App& program)
 {
-    CLI::App& group = *program.add_subcommand("server", "A server that is registered with a name server");
-    group.require_subcommand(1);
+    CLI::App& group =
+        AddGroup(program, "server", "A server that is registered with a name server",
+                 {{"qel server ping files", "Whether the server \"files\" of this machine answers."},
+                  {"qel server version files@lab2", "What the one on the machine lab2 says of its version."},
+                  {"qel server shutdown files", "Ask it to stop; it may refuse."}});
     for (const Command& command : commands) {
         const auto address = std::make_shared<Address>();
         const auto whole = std::make_shared<std::string>();
-        CLI::App& added = *group.add_subcommand(command.name, command.help);
-        added.add_option("server", *whole, "NAME, or NAME@HOST")->required();
-        added.add_option("--limit", address->seconds, "Seconds to wait for an answer")
-            ->check(CLI::PositiveNumber)
-            ->capture_default_str();
-        added.callback([address, whole, run = command.run] {
+        CLI::App& added = AddCommand(group, command.name, command.help, [address, whole, run = command.run] {
             const std::size_t at = whole->rfind('@');
             address->name = whole->substr(0, at);
             address->host = at == std::string::npos ? std::string() : whole->substr(at + 1);
             run(*address);
         });
+        added.add_option("server", *whole, "NAME, or NAME@HOST")->type_name("SERVER")->required();
+        added.add_option("--limit", address->seconds, "Time to wait for an answer")
+            ->type_name("SECONDS")
+            ->check(CLI::PositiveNumber)
+            ->capture_default_str();
+        if (command.run == &PrintVersion)
+            OfferJson(added);
     }
 }

@@ -1,0 +1,224 @@
+// What commands answer, and how they fail.
+#include <algorithm>
+#include <cstdlib>
+#include <iostream>
+#include <vector>
+
+#include "commands.h"
+#include <qel/base/btkfd.h>
+#include <qel/qelexception.h>
+#include <qel/xany.h>
+#include <qel/xrtti.h>
+
+namespace {
+
+bool asJson = false; // the flag --json, of whichever command is run
+
+// The first of the exception's attributes that is a text, or none.
+std::string TextOf(xthrowable& caught, std::initializer_list<const char*> attributes)
+{
+    xrttistruct* const type = xrttistruct::softcast(caught.getRtti());
+    for (const char* const name : attributes) {
+        xrttiattr* const attribute = qelIsObject(type) ? type->findAttr(name, 1) : nullptr;
+        if (!qelIsObject(attribute))
+            continue;
+        const xany value = attribute->getValue(&caught);
+        if (value.getKind() == xanyString && !value.isNull())
+            return xstring(value).CastToCString();
+    }
+    return {};
+}
+
+// ---- text
+
+std::string Cell(const Json& value)
+{
+    if (value.is_null())
+        return {};
+    if (value.is_boolean())
+        return value.get<bool>() ? "yes" : "no";
+    if (value.is_string())
+        return Printable(value.get_ref<const std::string&>());
+    if (value.is_array()) {
+        std::string all;
+        for (const Json& one : value)
+            all.append(all.empty() ? "" : ", ").append(Cell(one));
+        return all;
+    }
+    return Printable(value.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+// In characters, one for each place of the line.
+std::size_t WidthOf(const std::string& text)
+{
+    return static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](unsigned char c) { return (c & 0xC0U) != 0x80U; }));
+}
+
+std::string Padded(const std::string& text, std::size_t width)
+{
+    return text + std::string(width - std::min(width, WidthOf(text)), ' ');
+}
+
+struct Column
+{
+    std::string name;
+    std::string heading;
+    bool isNumber = true;
+    std::size_t width = 0;
+};
+
+std::string Heading(std::string name)
+{
+    std::transform(name.begin(), name.end(), name.begin(),
+                   [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
+    return name;
+}
+
+// The columns are the members of the rows, in the order in which they are first seen.
+std::vector<Column> ColumnsOf(const Json& rows)
+{
+    std::vector<Column> columns;
+    for (const Json& row : rows)
+        for (const auto& [name, value] : row.items()) {
+            auto column = std::find_if(columns.begin(), columns.end(),
+                                       [&name = name](const Column& known) { return known.name == name; });
+            if (column == columns.end()) {
+                columns.push_back({name, Heading(name)});
+                column = columns.end() - 1;
+                column->width = WidthOf(column->heading);
+            }
+            column->isNumber = column->isNumber && (value.is_number() || value.is_null());
+            column->width = std::max(column->width, WidthOf(Cell(value)));
+        }
+    return columns;
+}
+
+std::string Placed(const Column& column, const std::string& cell, bool isLast)
+{
+    if (column.isNumber)
+        return std::string(column.width - std::min(column.width, WidthOf(cell)), ' ') + cell;
+    return isLast ? cell : Padded(cell, column.width);
+}
+
+std::string Table(const Json& rows)
+{
+    const std::vector<Column> columns = ColumnsOf(rows);
+    std::string headings;
+    for (const Column& column : columns)
+        headings.append(headings.empty() ? "" : "  ")
+            .append(Placed(column, column.heading, &column == &columns.back()));
+    std::string text = Bold(headings) + '\n';
+    for (const Json& row : rows) {
+        std::string line;
+        for (const Column& column : columns)
+            line.append(&column == &columns.front() ? "" : "  ")
+                .append(Placed(column, row.contains(column.name) ? Cell(row[column.name]) : std::string(),
+                               &column == &columns.back()));
+        text.append(line, 0, line.find_last_not_of(' ') + 1).append(1, '\n');
+    }
+    return text;
+}
+
+std::string Members(const Json& object)
+{
+    std::size_t width = 0;
+    for (const auto& [name, value] : object.items())
+        width = std::max(width, WidthOf(Printable(name)));
+    std::string text;
+    for (const auto& [name, value] : object.items()) {
+        const std::string line = Padded(Printable(name), width) + "  " + Cell(value);
+        text.append(line, 0, line.find_last_not_of(' ') + 1).append(1, '\n');
+    }
+    return text;
+}
+
+} // namespace
+
+// ---- ending
+
+void Fail(Exit status, std::string what, std::string why)
+{
+    throw CommandFailed{status, std::move(what), std::move(why)};
+}
+
+void AnswerNo()
+{
+    throw CommandFailed{Exit::no, {}, {}};
+}
+
+CommandFailed FailureOf(xthrowable* caught, Exit status, const std::string& what)
+{
+    const std::string place = TextOf(*caught, {"Path"});
+    const std::string why = TextOf(*caught, {"Description", "Msg"});
+    CommandFailed failed{status, place.empty() ? what : place,
+                         why.empty() ? caught->getQelTypeName().CastToCString() : why};
+    if (caught->isRefCountable())
+        xrcrelease(caught);
+    else
+        xdelete(caught);
+    return failed;
+}
+
+// ---- answering
+
+bool HasColours()
+{
+    const auto isSet = [](const char* name) {
+        const char* const value = std::getenv(name);
+        return value != nullptr && *value != '\0';
+    };
+    const char* const terminal = std::getenv("TERM");
+    return btkIsTerminal(1) && !isSet("NO_COLOR") && terminal != nullptr &&
+           std::string_view(terminal) != "dumb";
+}
+
+std::string Bold(const std::string& text)
+{
+    return HasColours() ? "\x1b[1m" + text + "\x1b[m" : text;
+}
+
+std::string Printable(std::string_view text)
+{
+    std::string printable;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
+        if (c == 0xC2 && next >= 0x80 && next < 0xA0) // U+0080 to U+009F are control characters too
+            ++i;
+        else if (c >= ' ' && c != 127)
+            printable += text[i];
+    }
+    return printable;
+}
+
+std::string AsText(const Json& result)
+{
+    if (result.is_null())
+        return {};
+    if (result.is_object())
+        return Members(result);
+    if (!result.is_array())
+        return Cell(result) + '\n';
+    if (!result.empty() &&
+        std::all_of(result.begin(), result.end(), [](const Json& row) { return row.is_object(); }))
+        return Table(result);
+    std::string lines;
+    for (const Json& value : result)
+        lines.append(Cell(value)).append(1, '\n');
+    return lines;
+}
+
+void Show(const Json& result, const std::function<std::string(const Json&)>& asText)
+{
+    if (asJson)
+        std::cout << result.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+    else
+        std::cout << (asText ? asText(result) : AsText(result));
+    std::cout.flush();
+}
+
+void OfferJson(CLI::App& command)
+{
+    command.add_flag("--json", asJson, "Print the result as JSON");
+}

@@ -1,0 +1,55 @@
+// The groups of commands, and what all of them share.
+#include "program.h"
+
+#include "commands.h"
+
+void AddNameServiceCommands(CLI::App& program); // ns.cpp
+void AddServerCommands(CLI::App& program);      // server.cpp
+
+namespace {
+
+// In the order in which the help names them.
+constexpr AddCommands groups[] = {&AddNameServiceCommands, &AddServerCommands};
+
+} // namespace
+
+void BuildProgram(CLI::App& program)
+{
+    program.formatter_fn([](const CLI::App* command, const std::string& name, CLI::AppFormatMode) {
+        return HelpText(*command, name);
+    });
+    program.set_help_flag("-h,--help", "Print this help and exit");
+    program.set_version_flag("--version", "qel " QEL_VERSION, "Print the version and exit");
+    program.require_subcommand(1);
+    for (const AddCommands add : groups)
+        add(program);
+}
+
+std::string CommandLineOf(const CLI::App& program)
+{
+    std::string words = program.get_name();
+    for (const CLI::App* at = &program; !at->get_subcommands().empty();) {
+        at = at->get_subcommands().front();
+        words += ' ' + at->get_name();
+    }
+    return words;
+}
+
+CLI::App& AddGroup(CLI::App& program, const char* name, const char* help,
+                   std::initializer_list<Example> examples)
+{
+    CLI::App& group = *program.add_subcommand(name, help);
+    group.require_subcommand(1);
+    std::string rows; // ExamplesOf takes them apart
+    for (const Example& example : examples)
+        rows.append(example.command).append("\t").append(example.says).append("\n");
+    group.footer(rows);
+    return group;
+}
+
+CLI::App& AddCommand(CLI::App& group, const char* name, const char* help, std::function<void()> run)
+{
+    CLI::App& command = *group.add_subcommand(name, help);
+    command.callback(std::move(run));
+    return command;
+}

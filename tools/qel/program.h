@@ -1,0 +1,32 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+// What main.cpp and the program's own commands (help, manual pages, completion) know of the whole.
+
+using AddCommands = void (*)(CLI::App& program);
+
+/// Gives `program` its options and every group of commands.
+void BuildProgram(CLI::App& program);
+/// The words of the command that is being parsed or run: "qel ns list".
+std::string CommandLineOf(const CLI::App& program);
+
+/// What stands in the help for an option or an argument.
+struct OptionHelp
+{
+    std::string term; // "-j, --jobs COUNT", "[FILE ...]"
+    std::string text; // what it is for, and its default
+};
+OptionHelp HelpOf(const CLI::Option& option);
+/// The text of --help, in 80 columns.
+std::string HelpText(const CLI::App& command, const std::string& name);
+/// The examples of a command, each as its line and its sentence.
+struct ExampleText
+{
+    std::string command;
+    std::string says;
+};
+std::vector<ExampleText> ExamplesOf(const CLI::App& command);
