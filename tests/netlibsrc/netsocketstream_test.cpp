@@ -161,7 +161,7 @@ TEST(NameServiceGone, IsReportedUnlessThePortIsKnown)
 
     EXPECT_EQ(ResolvePort(known.get()), port);
     EXPECT_EQ(failureOf([&] { ResolvePort(named.get()); }), "0 Name Server is not found");
-    EXPECT_EQ(netSocketStream::Connect(known.get(), 5.0), nullptr);
+    EXPECT_EQ(netBaseServer::Connect(known.get(), 5.0), nullptr);
     unsetenv("VRXNMSPORT");
 }
 
@@ -170,7 +170,7 @@ TEST(netSocketStream, ConnectsAndCarriesValuesInXdrForm)
     btkAcceptSocket door;
     ASSERT_TRUE(door.Listen(0, nullptr));
     const xrchandle<netAddress> address(netAddress::Create(door.GetPortN(), xnullstr));
-    const Stream client(netSocketStream::Connect(address.get(), INFINITE));
+    const Stream client(netBaseServer::Connect(address.get(), INFINITE));
     ASSERT_NE(client, nullptr);
     ASSERT_EQ(door.Wait(btkTimeval(10, 0), 1), 1);
     btkStreamSocket accepted;

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "netconnect_p.h"
 #include "netexception.h"
 #include "qeltable.h"
 #include "syslib.h"
@@ -64,6 +65,16 @@ int ResolvePort(netAddress* address)
         address->setPortN(port);
     }
     return address->getPortN();
+}
+
+std::unique_ptr<btkStreamSocket> netConnect(netAddress* address, btkTimeval limit)
+{
+    const int port = ResolvePort(address);
+    const xstring host = address->getHostName();
+    auto socket = std::make_unique<btkStreamSocket>();
+    if (!socket->Connect(TextOf(host), port, limit))
+        return nullptr;
+    return socket;
 }
 
 capi_nmsServerProxy* getNameServer(xstring host)

@@ -1,5 +1,7 @@
 #include "netrights.h"
 
+#include <cstring>
+
 #include "hmxregistry.h"
 #include <qel/base/btksocket.h>
 
@@ -31,6 +33,12 @@ bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName)
     const xstring path("Software\\VRX\\", serverName.CastToCString());
     const xstring address(socket->GetPeerAddrStr().c_str());
     return Ask(system, path, address) != refused && Ask(user, path, address) != refused;
+}
+
+bool IsConnectionRestrictable(xstring serverName)
+{
+    const char* const name = serverName.CastToCString();
+    return name != nullptr && *name != '\0' && std::strpbrk(name, "/.:*?") == nullptr;
 }
 
 xrchandle<xstringsequence> SplitPatternList(xstring value)

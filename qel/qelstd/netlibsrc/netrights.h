@@ -12,6 +12,8 @@ class btkStreamSocket;
 /// Whether the peer of `socket` may connect to the server of that name. A null or empty name has no rights:
 /// true.
 QEL_API bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName);
+/// Whether the rights of a server of that name can be set at all: the name is a key of the registry.
+QEL_API bool IsConnectionRestrictable(xstring serverName);
 /// The words of `value`, which blanks, tabs and line feeds separate, as a new sequence.
 QEL_API xrchandle<xstringsequence> SplitPatternList(xstring value);
 /// Whether one of `patterns` matches `address`, with `*` for any characters and `?` for one. Takes a time of

@@ -2,7 +2,6 @@
 
 #include <memory>
 
-#include "netaddress.h"
 #include "qeltable.h"
 #include <qel/base/btkbyteorder.h>
 #include <qel/base/btksocket.h>
@@ -28,17 +27,6 @@ netSocketStream::netSocketStream(xsocketbuf* buf, btkStreamSocket* socket)
 netSocketStream::~netSocketStream()
 {
     Close();
-}
-
-netSocketStream* netSocketStream::Connect(netAddress* address, double timeout)
-{
-    const btkTimeval limit = timeout == INFINITE ? btkTimeval::Forever() : btkTimeval(timeout);
-    const int port = ResolvePort(address);
-    const xstring host = address->getHostName();
-    auto socket = std::make_unique<btkStreamSocket>();
-    if (!socket->Connect(host == nullptr ? nullptr : host.CastToCString(), port, limit))
-        return nullptr;
-    return Create(socket.release());
 }
 
 netSocketStream* netSocketStream::Create(btkStreamSocket* socket)

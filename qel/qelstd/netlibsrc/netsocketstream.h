@@ -3,7 +3,6 @@
 #include <qel/iobasestream.h>
 
 class btkStreamSocket;
-class netAddress;
 class xsocketbuf;
 
 /// A stream over a connection, in XDR form unless set otherwise, and beside it a channel for urgent integers.
@@ -18,11 +17,6 @@ class QEL_API netSocketStream : public ioStream
     QEL_OBJECT(netSocketStream); // "netlib::SocketStream"
 
 public:
-    /// Connects to `address`, whose port is asked of the name server of its host when it is not known.
-    /// `timeout` in seconds, INFINITE waits as long as the host does. Null when nobody answers there within
-    /// it. The caller owns the stream.
-    /// @throws netXException  as ResolvePort
-    static netSocketStream* Connect(netAddress* address, double timeout);
     /// A stream over a connected socket, of which it takes ownership.
     static netSocketStream* Create(btkStreamSocket* socket);
     ~netSocketStream() override;

@@ -4,5 +4,7 @@
 
 qelRttiRegister_netlib::qelRttiRegister_netlib()
 {
-    qelRegister<netError, netXException, netAddress, netSocketStream, netService, netService_DoService_cb>();
+    qelRegister<netServerLoopAction, netError, netXException, netAddress, netSocketStream, netBaseServer,
+                netEvent, netServer, netService, netBaseServer_OnRequest_cb, netBaseServer_OnAsyncRequest_cb,
+                netBaseServer_OnIdle_cb, netService_DoService_cb>();
 }

@@ -1,0 +1,200 @@
+#pragma once
+
+#include <atomic>
+#include <deque>
+#include <list>
+#include <memory>
+
+#include <qel/base/btksocket.h>
+#include <qel/evtevent.h>
+#include <qel/netsocketstream.h>
+
+class netAddress;
+class netAsyncRequest;
+class netBaseServer;
+
+/// What a handler wants of the request loop.
+enum netServerLoopAction : int { netServerContinue, netServerTerminate, netSpawnAsyncServer };
+QEL_ENUM(netServerLoopAction); // "netlib::ServerLoopAction"
+
+/// What a hook answers that decides nothing; no value of the enumeration.
+inline constexpr netServerLoopAction netServerNoDecision = static_cast<netServerLoopAction>(3);
+
+// ---- handlers: the application derives from them, sets them before it calls Run, and owns them.
+
+/// Serves a connection, in the thread of the loop.
+class QEL_API netBaseServer_OnRequest_cb : public virtual xobject
+{
+    QEL_OBJECT(netBaseServer_OnRequest_cb); // "netlib::BaseServer_OnRequest_cb"
+
+public:
+    /// Owns `stream`, and frees it with xdelete, unless it answers netSpawnAsyncServer: the asynchronous
+    /// handler gets it then. What it throws leaves Run.
+    virtual netServerLoopAction Invoke(netBaseServer* server, netSocketStream* stream) = 0;
+};
+
+/// Serves a connection in a thread of its own; called by several threads at once.
+class QEL_API netBaseServer_OnAsyncRequest_cb : public virtual xobject
+{
+    QEL_OBJECT(netBaseServer_OnAsyncRequest_cb); // "netlib::BaseServer_OnAsyncRequest_cb"
+
+public:
+    /// Owns `stream`, and frees it with xdelete. Returns soon after `stop` has become signaled: the server
+    /// is about to end. `stop` stays the server's. What it throws counts as netServerContinue.
+    virtual netServerLoopAction Invoke(netBaseServer* server, netSocketStream* stream, evtEvent* stop) = 0;
+};
+
+/// Called when a time slice has passed without a connection.
+class QEL_API netBaseServer_OnIdle_cb : public virtual xobject
+{
+    QEL_OBJECT(netBaseServer_OnIdle_cb); // "netlib::BaseServer_OnIdle_cb"
+
+public:
+    /// What it throws leaves Run.
+    virtual netServerLoopAction Invoke(netBaseServer* server) = 0;
+};
+
+/// An event of a server: signaled while a connection waits to be accepted. Lives no longer than the server.
+class QEL_API netEvent : public evtEvent
+{
+    QEL_OBJECT(netEvent); // "netlib::Event"
+
+public:
+    netBaseServer* getServer() { return server; }
+
+protected:
+    netEvent(btkBaseEvent* base, netBaseServer* of) : evtEvent(base), server(of) {}
+
+private:
+    friend class netBaseServer;
+
+    netBaseServer* server;
+};
+
+/// A server that listens on a port of all interfaces and serves one connection after the other, or some in
+/// threads of their own. It may have a name, under which the name server of this machine knows its port
+/// while it lives.
+///
+/// Everything but OnAsyncRequest is called by the one thread that owns the server. Running out of
+/// descriptors, threads or memory loses the request that met it, and the loop goes on. Not counted: freed
+/// with xdelete, which asks the asynchronous requests to stop and waits until each of them has ended.
+class QEL_API netBaseServer : public virtual xobject
+{
+    QEL_OBJECT(netBaseServer); // "netlib::BaseServer"
+
+public:
+    /// A new server on `port`; 0 or xnullint lets the system choose. `name`: null or xnullstr for none.
+    /// Null when it cannot listen there. The caller owns the server.
+    /// @throws netXException  there is no name server, or it knows the name already or does not take it
+    static netBaseServer* Create(const char* name, int port);
+    ~netBaseServer() override;
+
+    /// Connects to `address`, whose port is asked of the name server of its host when it is not known.
+    /// `timeout` in seconds, INFINITE waits as long as the host does. Null when nobody answers there within
+    /// it. The caller owns the stream.
+    /// @throws netXException  as ResolvePort
+    static netSocketStream* Connect(netAddress* address, double timeout);
+
+    virtual void setOnRequest(netBaseServer_OnRequest_cb* handler) { onRequest = handler; }
+    virtual void setOnAsyncRequest(netBaseServer_OnAsyncRequest_cb* handler) { onAsyncRequest = handler; }
+    virtual void setOnIdle(netBaseServer_OnIdle_cb* handler) { onIdle = handler; }
+
+    /// Serves until a handler asks for the end; may be called again then. Without a request handler each
+    /// connection is closed.
+    /// @throws netXException  the listening socket failed (error 4)
+    void Run();
+    /// Waits for one connection and answers its stream, which the caller owns; null when `timeout` seconds
+    /// have passed, without limit for INFINITE. Calls no handler.
+    /// @throws netXException  the listening socket failed (error 4)
+    netSocketStream* Accept(double timeout);
+    /// A new event that is signaled while a connection waits to be accepted. The caller owns it.
+    netEvent* AcceptEvent();
+
+    // ---- call the handler; without one they answer netServerNoDecision
+
+    netServerLoopAction OnRequest(netSocketStream* stream);
+    netServerLoopAction OnAsyncRequest(netSocketStream* stream, evtEvent* stop);
+    netServerLoopAction OnIdle();
+
+    /// The name it is registered under, or null.
+    xstring getServerName() { return serverName; }
+    int getPortN() { return portN; }
+    /// Seconds that Run waits for a connection before it calls the idle handler; 0.01 at first. With INFINITE
+    /// requests that have ended are collected only when the next connection comes.
+    double getTimeSlice() { return timeSlice; }
+    void setTimeSlice(double seconds) { timeSlice = seconds; }
+    /// How many asynchronous requests may run at once; one more is refused as if no thread could be started.
+    /// 0, as at first: no limit.
+    void setAsyncLimit(int most) { asyncLimit = most; }
+
+protected:
+    /// Takes ownership of a listening socket. `name`: what it is registered under, which the destructor
+    /// removes; null for none.
+    netBaseServer(btkAcceptSocket* listening, xstring name);
+
+    /// Create for a class that derives from this one and has a constructor like it.
+    template<class Server>
+    static Server* CreateAs(const char* name, int port)
+    {
+        std::unique_ptr<btkAcceptSocket> socket = Listen(port);
+        if (socket == nullptr)
+            return nullptr;
+        std::unique_ptr<Server, qelDelete> server(new (pDefMemMgr)
+                                                      Server(socket.release(), xstring(nullptr)));
+        server->Register(name);
+        return server.release();
+    }
+
+    /// How long a new connection may be silent before it is closed. Until its first byte has come it waits
+    /// beside the others, at most 64 of them, and delays nobody; the oldest is closed for one more. 0, as at
+    /// first: connections are served at once, as clients need it that wait for the server to speak first.
+    void SetSilenceLimit(btkTimeval limit) { silenceLimit = limit; }
+    btkTimeval GetSilenceLimit() const { return silenceLimit; }
+
+private:
+    friend class netAsyncRequest;
+
+    /// A connection whose first byte has not come.
+    struct Silent
+    {
+        std::unique_ptr<btkStreamSocket> socket;
+        btkTimeval since;
+        std::unique_ptr<btkEvent> input;
+    };
+
+    /// Screens a new connection before there is a stream. netServerContinue: it is closed and the loop goes
+    /// on; netServerTerminate: it is closed and Run returns; any other answer: it is served.
+    virtual netServerLoopAction PreprocessRequest(btkStreamSocket* socket);
+
+    static std::unique_ptr<btkAcceptSocket> Listen(int port);
+    void Register(const char* name);
+    void Unregister() noexcept;
+
+    std::unique_ptr<btkStreamSocket> WaitForRequest(double timeout, btkTimeval mayBeSilent);
+    std::unique_ptr<btkStreamSocket> TakeConnection();
+    std::unique_ptr<btkStreamSocket> TakeSpoken();
+    void DropSilent(btkTimeval now);
+    netServerLoopAction Serve(std::unique_ptr<btkStreamSocket> socket);
+    void SpawnAsyncRequest(netSocketStream* stream);
+    bool StartAsyncRequest(netSocketStream* stream);
+    netServerLoopAction CheckAsyncRequests(btkTimeval timeout);
+
+    netBaseServer_OnRequest_cb* onRequest = nullptr;
+    netBaseServer_OnAsyncRequest_cb* onAsyncRequest = nullptr;
+    netBaseServer_OnIdle_cb* onIdle = nullptr;
+    int portN;
+    xstring serverName;
+    double timeSlice = 0.01;
+    bool isRegistered;
+    int asyncLimit = 0;
+
+    std::unique_ptr<btkAcceptSocket> listening;
+    std::unique_ptr<btkEvent> connectionWaits; // on while `listening` has a connection
+    btkTimeval restEnd;                        // until then `listening` is left alone
+    btkTimeval silenceLimit;
+    std::deque<Silent> silent; // the oldest first
+
+    std::list<std::unique_ptr<netAsyncRequest>> requests;
+    btkEvent::List waitList;          // the exit events of `requests`
+    std::atomic<int> endedBodies = 0; // of `requests`; written by their threads
+};

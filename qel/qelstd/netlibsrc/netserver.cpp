@@ -1,0 +1,162 @@
+#include "netserver.h"
+
+#include <atomic>
+#include <iostream>
+#include <string>
+
+#include "netaddress.h"
+#include "netconnect_p.h"
+#include "netexception.h"
+#include "netrights.h"
+#include "qeltable.h"
+#include <qel/base/nethandshake.h>
+
+constinit qelClass netServer::rtti = {
+    .name = "netlib::Server",
+    .parents = {QEL_PARENT(netBaseServer)},
+    .attrs = {QEL_ATTR(Version)},
+};
+
+namespace {
+
+constexpr btkTimeval silenceLimitAtFirst(5, 0);
+// The first byte is there when the handshake begins, so the rest of it is short.
+constexpr btkTimeval handshakeLimit(1, 0);
+
+std::atomic<double> answerLimit = 10;
+
+btkTimeval LimitOf(double seconds)
+{
+    return seconds == INFINITE ? btkTimeval::Forever() : btkTimeval(seconds);
+}
+
+[[noreturn]] void Refuse()
+{
+    netXException::Throw(netConnectionRefused, "Connection refused due to lack of rights");
+}
+
+// A connected socket whose calls are limited; null when nobody listens there.
+std::unique_ptr<btkStreamSocket> Reach(netAddress* address, btkTimeval limit)
+{
+    std::unique_ptr<btkStreamSocket> socket = netConnect(address, limit);
+    if (socket != nullptr) {
+        socket->SetRecvLimit(LimitOf(answerLimit));
+        socket->SetSendLimit(LimitOf(answerLimit));
+    }
+    return socket;
+}
+
+void Unlimit(btkStreamSocket& socket)
+{
+    socket.SetRecvLimit(btkTimeval::Forever());
+    socket.SetSendLimit(btkTimeval::Forever());
+}
+
+} // namespace
+
+// ---- the server's side
+
+netServer::netServer(btkAcceptSocket* socket, xstring name)
+    : netBaseServer(socket, name), version("QEL netServer Version 0.99")
+{
+    SetSilenceLimit(silenceLimitAtFirst);
+}
+
+netServer* netServer::Create(const char* name, int port)
+{
+    netServer* const server = CreateAs<netServer>(name, port);
+    if (server != nullptr && !(server->getServerName() == nullptr) &&
+        !IsConnectionRestrictable(server->getServerName()))
+        std::cerr << "netServer: every machine may connect to \"" << name
+                  << "\": no key of the registry can have such a name" << std::endl;
+    return server;
+}
+
+void netServer::setSilenceLimit(double seconds)
+{
+    if (seconds > 0)
+        SetSilenceLimit(LimitOf(seconds));
+}
+
+netServerLoopAction netServer::PreprocessRequest(btkStreamSocket* socket)
+{
+    socket->SetRecvLimit(handshakeLimit);
+    socket->SetSendLimit(handshakeLimit);
+    unsigned char code = 0;
+    if (socket->Recv(&code, 1) != 1)
+        return netServerContinue;
+    const auto request = static_cast<netRequestCode>(code);
+    if (request == netRequestCode::ping) {
+        socket->Send(&netAdmitted, 1);
+        return netServerContinue;
+    }
+    if (request != netRequestCode::open && request != netRequestCode::version &&
+        request != netRequestCode::shutdown)
+        return netServerContinue;
+    if (!socket->IsPeerOnTheSameMachine() && !IsConnectionAllowed(socket, getServerName())) {
+        socket->Send(&netRefused, 1);
+        return netServerContinue;
+    }
+
+    std::string answer(1, static_cast<char>(netAdmitted));
+    if (request == netRequestCode::version) {
+        const auto size = static_cast<unsigned char>(version.GetMBSize());
+        answer += static_cast<char>(size);
+        answer.append(version.CastToCString(), size);
+    }
+    if (socket->Send(answer.data(), answer.size()) != answer.size() || request == netRequestCode::version)
+        return netServerContinue;
+    if (request == netRequestCode::shutdown)
+        return netServerTerminate;
+    Unlimit(*socket);
+    return netServerNoDecision;
+}
+
+// ---- the client's side
+
+void netServer::setAnswerLimit(double seconds)
+{
+    answerLimit = seconds;
+}
+
+netSocketStream* netServer::Connect(netAddress* address, double timeout)
+{
+    std::unique_ptr<btkStreamSocket> socket = Reach(address, LimitOf(timeout));
+    if (socket == nullptr)
+        return nullptr;
+    const int verdict = netAsk(*socket, netRequestCode::open);
+    if (verdict < 0)
+        return nullptr;
+    if (verdict != netAdmitted)
+        Refuse();
+    Unlimit(*socket);
+    return netSocketStream::Create(socket.release());
+}
+
+unsigned char netServer::IsAlive(netAddress* address)
+{
+    const std::unique_ptr<btkStreamSocket> socket = Reach(address, btkTimeval::Forever());
+    if (socket == nullptr)
+        return false;
+    const int answer = netAsk(*socket, netRequestCode::ping);
+    return answer < 0 || answer == netAdmitted;
+}
+
+xstring netServer::GetVersion(netAddress* address)
+{
+    const std::unique_ptr<btkStreamSocket> socket = Reach(address, btkTimeval::Forever());
+    if (socket == nullptr)
+        netXException::Throw(netConnectionRefused, "Connection refused");
+    if (netAsk(*socket, netRequestCode::version) != netAdmitted)
+        Refuse();
+    std::string text;
+    netReadVersion(*socket, text);
+    return text.c_str();
+}
+
+void netServer::Shutdown(netAddress* address)
+{
+    const std::unique_ptr<btkStreamSocket> socket = Reach(address, btkTimeval::Forever());
+    if (socket != nullptr && netAsk(*socket, netRequestCode::shutdown) != netAdmitted)
+        Refuse();
+}

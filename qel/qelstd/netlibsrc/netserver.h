@@ -1,0 +1,59 @@
+#pragma once
+
+#include <qel/netbaseserver.h>
+
+class netAddress;
+
+/// A server with a version, which clients can ask whether it lives and to stop. Its clients say first what
+/// they want (one byte); peers on other machines are admitted when the registry allows it, see netrights.h.
+/// Requests for connections go to the request handler.
+///
+/// Any program of this machine can ask it to stop, and so can every admitted peer. Silent clients delay
+/// nobody: they are closed after a while. Not counted: freed with xdelete.
+class QEL_API netServer : public netBaseServer
+{
+    QEL_OBJECT(netServer); // "netlib::Server"
+
+public:
+    /// As netBaseServer::Create. Warns on the standard error output when the registry cannot restrict the
+    /// connections to a server of that name.
+    static netServer* Create(const char* name, int port);
+
+    xstring getVersion() { return version; }
+    /// Seconds after which a client that has sent nothing is closed; 5 at first, more than 0.
+    void setSilenceLimit(double seconds);
+    double getSilenceLimit() { return GetSilenceLimit().ToSeconds(); }
+
+    // ---- for clients: each asks the server at `address`, whose port is asked of the name server of its host
+    // when it is not known, and throws what ResolvePort throws. Waits for an answer as long as
+    // setAnswerLimit says. Safe to call from any thread, an address from one at a time.
+
+    /// Opens a connection for requests; `timeout` limits the connecting, in seconds, INFINITE waits as long
+    /// as the host does. Null when nobody answers. The caller owns the stream.
+    /// @throws netXException  the server refuses this machine
+    static netSocketStream* Connect(netAddress* address, double timeout);
+    /// Whether it accepts connections and does not answer them wrongly. A listener that answers nothing
+    /// counts as alive: GetVersion tells more.
+    static unsigned char IsAlive(netAddress* address);
+    /// Its version text.
+    /// @throws netXException  nobody listens there, or the server refuses this machine or does not answer
+    static xstring GetVersion(netAddress* address);
+    /// Asks it to stop; quiet when nobody listens there.
+    /// @throws netXException  the server refuses this machine or does not answer
+    static void Shutdown(netAddress* address);
+
+    /// How many seconds those calls wait at most for a byte of the answer: 10 at first, INFINITE without
+    /// limit. Holds for the whole process.
+    static void setAnswerLimit(double seconds);
+
+protected:
+    netServer(btkAcceptSocket* listening, xstring name);
+
+    /// Reads what the client wants, and answers it.
+    netServerLoopAction PreprocessRequest(btkStreamSocket* socket) override;
+
+private:
+    friend class netBaseServer;
+
+    xstring version;
+};

@@ -1,0 +1,390 @@
+#include <qel/xnetlib.h>
+
+#include <atomic>
+#include <ctime>
+#include <future>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+#include "support/descriptors.h"
+#include "support/nameserver.h"
+#include "support/testserver.h"
+#include <qel/base/btksocket.h>
+#include <qel/xiolib.h>
+
+namespace {
+
+constexpr btkTimeval patience(10, 0);
+
+// The server of a test, whose handlers outlive it.
+Owned<netBaseServer> makeServer()
+{
+    return Owned<netBaseServer>(netBaseServer::Create(nullptr, 0));
+}
+
+Owned<netSocketStream> connectTo(netBaseServer& server)
+{
+    const xrchandle<netAddress> address(netAddress::Create(server.getPortN(), nullptr));
+    return Owned<netSocketStream>(netBaseServer::Connect(address.get(), 10.0));
+}
+
+// The failure's code and text.
+template<typename Action>
+std::string failureOf(Action action)
+{
+    try {
+        action();
+    } catch (xthrowable* thrown) {
+        std::string text;
+        if (netXException* const failure = netXException::softcast(thrown))
+            text = std::to_string(failure->getError()) + " " + failure->getMsg().CastToCString();
+        xdelete(thrown);
+        return text;
+    }
+    return {};
+}
+
+bool isListened(int port)
+{
+    btkStreamSocket socket;
+    return socket.Connect(nullptr, port, patience);
+}
+
+// Waits for the end of what the peer sends; false when something else comes.
+bool isClosed(netSocketStream& stream)
+{
+    char byte = 0;
+    try {
+        stream.ReadBytes(&byte, 1);
+    } catch (xthrowable* end) {
+        xdelete(end);
+        return true;
+    }
+    return false;
+}
+
+} // namespace
+
+TEST(netBaseServer, ListensOnThePortThatIsAskedForOrOnAFreeOne)
+{
+    const Owned<netBaseServer> any(netBaseServer::Create(xnullstr, xnullint));
+    ASSERT_NE(any, nullptr);
+    EXPECT_GT(any->getPortN(), 0);
+    EXPECT_TRUE(any->getServerName() == nullptr);
+    EXPECT_EQ(any->getTimeSlice(), 0.01);
+
+    EXPECT_EQ(netBaseServer::Create(nullptr, any->getPortN()), nullptr); // taken
+    EXPECT_EQ(netBaseServer::Create(nullptr, 65536), nullptr);
+    EXPECT_EQ(netBaseServer::Create(nullptr, -1), nullptr);
+}
+
+TEST(netBaseServer, IsKnownByItsNameWhileItLives)
+{
+    const TestNameServer names;
+    ASSERT_TRUE(names.isListening());
+    const xrchandle<netAddress> address(netAddress::Create("counter", nullptr));
+    {
+        const Owned<netBaseServer> server(netBaseServer::Create("counter", 0));
+        ASSERT_NE(server, nullptr);
+        EXPECT_TRUE(server->getServerName() == "counter");
+        EXPECT_EQ(ResolvePort(address.get()), server->getPortN());
+
+        // A second one is refused, does not go on listening, and leaves the name to the first.
+        const int port = [] {
+            btkAcceptSocket free;
+            return free.Listen(0, nullptr) ? free.GetPortN() : 0;
+        }();
+        EXPECT_EQ(failureOf([&] { netBaseServer::Create("counter", port); }),
+                  "0 Already registered with Name Server");
+        EXPECT_FALSE(isListened(port));
+        address->setPortN(0);
+        EXPECT_EQ(ResolvePort(address.get()), server->getPortN());
+    }
+    address->setPortN(0);
+    EXPECT_EQ(failureOf([&] { ResolvePort(address.get()); }), "0 Server is not registered");
+}
+
+TEST(netBaseServer, NeedsANameServerForItsNameOnly)
+{
+    const int port = [] {
+        btkAcceptSocket free;
+        return free.Listen(0, "127.0.0.1") ? free.GetPortN() : 0;
+    }();
+    const EnvSetting nobody("VRXNMSPORT", std::to_string(port).c_str());
+    EXPECT_EQ(failureOf([] { netBaseServer::Create("counter", 0); }),
+              "0 Can't register: Name Server not found");
+    EXPECT_NE(makeServer(), nullptr);
+}
+
+TEST(netBaseServer, WithoutHandlersClosesConnectionsAndGoesOn)
+{
+    ServedInThread served(netBaseServer::Create(nullptr, 0));
+    for (int i = 0; i < 3; ++i) {
+        const Owned<netSocketStream> stream = connectTo(*served);
+        ASSERT_NE(stream, nullptr);
+        EXPECT_TRUE(isClosed(*stream));
+    }
+}
+
+TEST(netBaseServer, CallsTheIdleHandlerWhenATimeSliceHasPassed)
+{
+    const Owned<netBaseServer> server = makeServer();
+    int calls = 0;
+    IdleHandler idle([&] { return ++calls < 3 ? netServerContinue : netServerTerminate; });
+    server->setOnIdle(&idle);
+    server->setTimeSlice(0.02);
+
+    const btkTimeval start = btkTimeval::Now();
+    server->Run();
+    EXPECT_EQ(calls, 3);
+    EXPECT_GE((btkTimeval::Now() - start).ToSeconds(), 0.06);
+    EXPECT_EQ(server->OnRequest(nullptr), netServerNoDecision);
+}
+
+TEST(netBaseServer, ServesUntilAHandlerAsksForTheEnd)
+{
+    const Owned<netBaseServer> server = makeServer();
+    RequestHandler doubler([](netSocketStream* accepted) {
+        const Owned<netSocketStream> stream(accepted);
+        const int value = stream->ReadInt();
+        stream->WriteInt(2 * value);
+        return value == 0 ? netServerTerminate : netServerContinue;
+    });
+    server->setOnRequest(&doubler);
+    server->setTimeSlice(INFINITE);
+
+    for (int round = 0; round < 2; ++round) { // it can be run again
+        auto client = std::async(std::launch::async, [&] {
+            int sum = 0;
+            for (const int value : {21, 4, 0}) {
+                const Owned<netSocketStream> stream = connectTo(*server);
+                stream->WriteInt(value);
+                sum += stream->ReadInt();
+            }
+            return sum;
+        });
+        server->Run();
+        EXPECT_EQ(client.get(), 50);
+    }
+}
+
+TEST(netBaseServer, LetsWhatAHandlerThrowsLeaveTheLoop)
+{
+    const Owned<netBaseServer> server = makeServer();
+    RequestHandler failing([](netSocketStream* accepted) -> netServerLoopAction {
+        const Owned<netSocketStream> stream(accepted);
+        throw std::runtime_error("no");
+    });
+    server->setOnRequest(&failing);
+    const Owned<netSocketStream> stream = connectTo(*server);
+    EXPECT_THROW(server->Run(), std::runtime_error);
+    EXPECT_TRUE(isClosed(*stream));
+}
+
+TEST(netBaseServer, ScreensConnectionsBeforeThereIsAStream)
+{
+    struct Screen : netBaseServer
+    {
+        static Screen* Create() { return CreateAs<Screen>(nullptr, 0); }
+        Screen(btkAcceptSocket* socket, xstring name) : netBaseServer(socket, name) {}
+        netServerLoopAction PreprocessRequest(btkStreamSocket*) override
+        {
+            return answers[static_cast<std::size_t>(next++)];
+        }
+        const netServerLoopAction answers[4] = {netServerContinue, netSpawnAsyncServer, netServerNoDecision,
+                                                netServerTerminate};
+        int next = 0;
+    };
+    const Owned<Screen> server(Screen::Create());
+    int requests = 0;
+    RequestHandler counting([&](netSocketStream* accepted) {
+        const Owned<netSocketStream> stream(accepted);
+        ++requests;
+        return netServerNoDecision;
+    });
+    server->setOnRequest(&counting);
+    std::vector<Owned<netSocketStream>> clients;
+    for (int i = 0; i < 4; ++i)
+        clients.push_back(connectTo(*server));
+
+    server->Run();
+    EXPECT_EQ(requests, 2);
+    for (const auto& client : clients)
+        EXPECT_TRUE(isClosed(*client));
+}
+
+TEST(netBaseServer, AcceptsWithoutItsLoop)
+{
+    const Owned<netBaseServer> server = makeServer();
+    const Owned<netEvent> event(server->AcceptEvent());
+    EXPECT_EQ(event->getServer(), server.get());
+    EXPECT_FALSE(event->getIsSignaled());
+    EXPECT_EQ(server->Accept(0.01), nullptr);
+
+    const Owned<netSocketStream> client = connectTo(*server);
+    EXPECT_TRUE(event->Wait(10.0));
+    const Owned<netSocketStream> accepted(server->Accept(INFINITE));
+    ASSERT_NE(accepted, nullptr);
+    EXPECT_FALSE(event->getIsSignaled());
+    client->WriteString("text");
+    client->Flush(1);
+    EXPECT_TRUE(accepted->ReadString(nullptr) == "text");
+}
+
+// ---- asynchronous requests
+
+TEST(AsyncRequest, IsServedByAThreadOfItsOwnAndMayEndTheLoop)
+{
+    const long before = openDescriptors();
+    {
+        const Owned<netBaseServer> server = makeServer();
+        RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
+        const std::thread::id owner = std::this_thread::get_id();
+        AsyncHandler echo([&](netSocketStream* handed, evtEvent* stop) {
+            const Owned<netSocketStream> stream(handed);
+            EXPECT_NE(std::this_thread::get_id(), owner);
+            EXPECT_FALSE(stop->getIsSignaled());
+            const int value = stream->ReadInt();
+            stream->WriteInt(-value);
+            stream->Flush(1);
+            if (value == 3)
+                throw std::runtime_error("counts as continue");
+            return value == 4 ? netServerTerminate : netServerContinue;
+        });
+        server->setOnRequest(&spawning);
+        server->setOnAsyncRequest(&echo);
+
+        auto client = std::async(std::launch::async, [&] {
+            // All are connected before the first is served: one after the other would do without threads.
+            std::vector<Owned<netSocketStream>> streams;
+            for (int i = 0; i < 4; ++i)
+                streams.push_back(connectTo(*server));
+            int sum = 0;
+            for (int value = 1; value <= 4; ++value) {
+                netSocketStream& stream = *streams[static_cast<std::size_t>(4 - value)];
+                stream.WriteInt(value);
+                sum += stream.ReadInt();
+            }
+            return sum;
+        });
+        server->Run();
+        EXPECT_EQ(client.get(), -10);
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(AsyncRequest, WithoutAHandlerIsClosed)
+{
+    RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
+    ServedInThread served([&] {
+        netBaseServer* const server = netBaseServer::Create(nullptr, 0);
+        server->setOnRequest(&spawning);
+        return server;
+    }());
+    const Owned<netSocketStream> stream = connectTo(*served);
+    EXPECT_TRUE(isClosed(*stream));
+}
+
+TEST(AsyncRequest, IsToldToStopWhenTheServerEndsWhichWaitsForIt)
+{
+    const long before = openDescriptors();
+    std::atomic<int> running = 0;
+    std::atomic<int> stopped = 0;
+    {
+        Owned<netBaseServer> server = makeServer();
+        RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
+        AsyncHandler waiting([&](netSocketStream* handed, evtEvent* stop) {
+            const Owned<netSocketStream> stream(handed);
+            ++running;
+            EXPECT_TRUE(stop->Wait(30.0));
+            ++stopped;
+            return netServerContinue;
+        });
+        IdleHandler idle([&] { return running == 5 ? netServerTerminate : netServerContinue; });
+        server->setOnRequest(&spawning);
+        server->setOnAsyncRequest(&waiting);
+        server->setOnIdle(&idle);
+        std::vector<Owned<netSocketStream>> clients;
+        for (int i = 0; i < 5; ++i)
+            clients.push_back(connectTo(*server));
+        server->Run();
+        EXPECT_EQ(stopped, 0);
+
+        const btkTimeval start = btkTimeval::Now();
+        server.reset();
+        EXPECT_EQ(stopped, 5);
+        EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 1.0);
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(AsyncRequest, ThatCannotStartLosesItsConnectionOnly)
+{
+    const long before = openDescriptors();
+    std::atomic<bool> releases = false;
+    RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
+    AsyncHandler holding([&](netSocketStream* handed, evtEvent* stop) {
+        const Owned<netSocketStream> stream(handed);
+        stream->WriteByte(1);
+        stream->Flush(1);
+        while (!releases && !stop->Wait(0.01)) {
+        }
+        return netServerContinue;
+    });
+    testing::internal::CaptureStdout();
+    {
+        ServedInThread served([&] {
+            netBaseServer* const server = netBaseServer::Create(nullptr, 0);
+            server->setOnRequest(&spawning);
+            server->setOnAsyncRequest(&holding);
+            server->setAsyncLimit(1);
+            return server;
+        }());
+        const Owned<netSocketStream> first = connectTo(*served);
+        EXPECT_EQ(first->ReadByte(), 1);
+        const Owned<netSocketStream> second = connectTo(*served);
+        EXPECT_TRUE(isClosed(*second));
+        releases = true;
+        EXPECT_TRUE(isClosed(*first));
+        // Once the first has been collected there is room again.
+        for (const btkTimeval end = btkTimeval::Now() + patience;;) {
+            const Owned<netSocketStream> next = connectTo(*served);
+            if (!isClosed(*next))
+                break;
+            ASSERT_LT(btkTimeval::Now(), end);
+        }
+    }
+    const std::string told = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(told.find("netBaseServer::SpawnAsyncRequest: create thread failed\n"), 0u) << told;
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+// ---- descriptors run out
+
+TEST(netBaseServer, SleepsWhileThereIsNoDescriptorAndServesAgainLater)
+{
+    ServedInThread served(netBaseServer::Create(nullptr, 0));
+    std::vector<btkStreamSocket> clients(3);
+    for (btkStreamSocket& client : clients)
+        ASSERT_TRUE(client.Connect(nullptr, served.getPort(), patience));
+    char byte = 0;
+    EXPECT_EQ(clients[0].Recv(&byte, 1), 0);
+
+    std::clock_t used = 0;
+    {
+        const int next = dup(clients[0].GetHandle()); // the lowest free one, freed again
+        close(next);
+        const DescriptorLimit limit(next + 1);
+        btkStreamSocket waiting;
+        ASSERT_TRUE(waiting.Connect(nullptr, served.getPort(), patience));
+
+        const std::clock_t start = std::clock();
+        EXPECT_FALSE(waiting.IsReadable(btkTimeval(0.5)));
+        used = std::clock() - start;
+    }
+    EXPECT_LT(used, CLOCKS_PER_SEC / 20); // of half a second
+    btkStreamSocket honest;
+    ASSERT_TRUE(honest.Connect(nullptr, served.getPort(), patience));
+    EXPECT_EQ(honest.Recv(&byte, 1), 0);
+}
