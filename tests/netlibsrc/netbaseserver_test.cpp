@@ -373,9 +373,7 @@ TEST(netBaseServer, SleepsWhileThereIsNoDescriptorAndServesAgainLater)
 
     std::clock_t used = 0;
     {
-        const int next = dup(clients[0].GetHandle()); // the lowest free one, freed again
-        close(next);
-        const DescriptorLimit limit(next + 1);
+        const DescriptorLimit limit(nextDescriptor() + 1);
         btkStreamSocket waiting;
         ASSERT_TRUE(waiting.Connect(nullptr, served.getPort(), patience));
 

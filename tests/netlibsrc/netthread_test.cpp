@@ -93,7 +93,7 @@ TEST(netThread, IsNotStartedWhenItRefusesOrTheHostHasNoPipe)
 
     Worker worker;
     {
-        const DescriptorLimit none(static_cast<int>(openDescriptors()));
+        const DescriptorLimit none(nextDescriptor());
         EXPECT_FALSE(worker.Start());
     }
     EXPECT_FALSE(worker.ran);

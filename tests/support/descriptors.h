@@ -3,12 +3,21 @@
 #include <filesystem>
 #include <iterator>
 #include <sys/resource.h>
+#include <unistd.h>
 
 /// How many descriptors the process has open.
 inline long openDescriptors()
 {
     const std::filesystem::directory_iterator all("/proc/self/fd");
     return std::distance(begin(all), end(all)) - 1; // the listing has one itself
+}
+
+/// The number that the next descriptor gets.
+inline int nextDescriptor()
+{
+    const int next = dup(0);
+    close(next);
+    return next;
 }
 
 /// Descriptors below `most` only can be opened while it lives; open ones stay open.
