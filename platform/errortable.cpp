@@ -1,6 +1,7 @@
 #include <qel/platform/errortable.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include <sys/stat.h>
 
@@ -46,6 +47,59 @@ constexpr ErrorRow errors[] = {
     {ENOSYS, ERROR_NOT_SUPPORTED},
 };
 
+struct TextRow
+{
+    DWORD error;
+    const char* text;
+};
+
+constexpr TextRow texts[] = {
+    {ERROR_SUCCESS, "success"},
+    {ERROR_FILE_NOT_FOUND, "not found"},
+    {ERROR_PATH_NOT_FOUND, "a directory on the way is not found"},
+    {ERROR_TOO_MANY_OPEN_FILES, "too many open files"},
+    {ERROR_ACCESS_DENIED, "access denied"},
+    {ERROR_INVALID_HANDLE, "not open"},
+    {ERROR_NOT_ENOUGH_MEMORY, "out of memory"},
+    {ERROR_INVALID_DRIVE, "no such drive"},
+    {ERROR_NOT_SAME_DEVICE, "on another volume"},
+    {ERROR_NO_MORE_FILES, "no more files"},
+    {ERROR_WRITE_PROTECT, "read-only volume"},
+    {ERROR_NOT_READY, "device not ready"},
+    {ERROR_GEN_FAILURE, "failed"},
+    {ERROR_SHARING_VIOLATION, "in use by somebody else"},
+    {ERROR_LOCK_VIOLATION, "locked by somebody else"},
+    {ERROR_NOT_SUPPORTED, "not supported"},
+    {ERROR_FILE_EXISTS, "exists"},
+    {ERROR_INVALID_PARAMETER, "invalid argument"},
+    {ERROR_BROKEN_PIPE, "broken pipe"},
+    {ERROR_BUFFER_OVERFLOW, "path too long"},
+    {ERROR_DISK_FULL, "disk full"},
+    {ERROR_INSUFFICIENT_BUFFER, "buffer too small"},
+    {ERROR_INVALID_NAME, "invalid name"},
+    {ERROR_NEGATIVE_SEEK, "position before the beginning"},
+    {ERROR_DIR_NOT_EMPTY, "directory not empty"},
+    {ERROR_BAD_PATHNAME, "invalid path"},
+    {ERROR_SIGNAL_PENDING, "interrupted"},
+    {ERROR_BUSY, "busy"},
+    {ERROR_ALREADY_EXISTS, "exists"},
+    {ERROR_ENVVAR_NOT_FOUND, "no such environment variable"},
+    {ERROR_FILENAME_EXCED_RANGE, "name too long"},
+    {ERROR_FILE_TOO_LARGE, "file too large"},
+    {ERROR_MORE_DATA, "more data"},
+    {ERROR_NO_MORE_ITEMS, "no more items"},
+    {ERROR_DIRECTORY, "not a directory"},
+    {ERROR_OPERATION_ABORTED, "ended before it was done"},
+    {ERROR_KEY_DELETED, "the key has been deleted"},
+    {ERROR_IO_DEVICE, "input or output error"},
+    {ERROR_TOO_MANY_LINKS, "too many links"},
+    {ERROR_NONE_MAPPED, "unknown name"},
+    {ERROR_FILE_CORRUPT, "damaged file"},
+    {ERROR_UNSUPPORTED_TYPE, "of another type"},
+    {ERROR_NOT_ENOUGH_QUOTA, "quota exhausted"},
+    {ERROR_CANT_RESOLVE_FILENAME, "too many soft links"},
+};
+
 /// Whether the directory that holds the last name of `hostPath` is there.
 bool parentExists(const std::string& hostPath)
 {
@@ -89,4 +143,18 @@ BOOL platFailWith(DWORD error)
 bool platInterrupted()
 {
     return errno == EINTR;
+}
+
+unsigned int FormatMessageA(unsigned int flags, const void*, unsigned int error, unsigned int, char* buffer,
+                            unsigned int size, std::va_list*)
+{
+    if ((flags & ~FORMAT_MESSAGE_IGNORE_INSERTS) == FORMAT_MESSAGE_FROM_SYSTEM && buffer != nullptr)
+        for (const TextRow& row : texts) {
+            const std::size_t length = std::strlen(row.text);
+            if (row.error != error || length >= size)
+                continue;
+            std::memcpy(buffer, row.text, length + 1);
+            return static_cast<unsigned int>(length);
+        }
+    return 0;
 }

@@ -1,8 +1,22 @@
 #pragma once
 
+#include <cstdarg>
+
 /// The calling thread's last error, in the numbers of Windows (2 is "file not found"). Calls that fail set
 /// it; calls that succeed leave it, unless they say otherwise. Safe to call from any thread.
 __attribute__((visibility("default"))) unsigned int GetLastError();
 
 /// Sets the calling thread's last error.
 __attribute__((visibility("default"))) void SetLastError(unsigned int error);
+
+inline constexpr unsigned int FORMAT_MESSAGE_IGNORE_INSERTS = 0x200;
+inline constexpr unsigned int FORMAT_MESSAGE_FROM_SYSTEM = 0x1000;
+
+/// Puts a text of one line without an end, such as "access denied", for the error number `error` into
+/// `buffer`, which has room for `size` bytes. Answers its length; 0 when `error` is unknown, there is not
+/// room for it and a zero byte, or `flags` has anything but the two above. `source`, `language` and
+/// `arguments` have no effect.
+__attribute__((visibility("default"))) unsigned int FormatMessageA(unsigned int flags, const void* source,
+                                                                   unsigned int error, unsigned int language,
+                                                                   char* buffer, unsigned int size,
+                                                                   std::va_list* arguments);

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <thread>
 
 #include <qel/platform/directories.h>
@@ -341,4 +342,24 @@ TEST(Directories, TellTheFreeSpaceOfAVolume)
     const double expected = double(std::filesystem::space(dir.path()).available);
     EXPECT_NEAR(told, expected, 1e9); // others work on this volume too
     EXPECT_FALSE(GetDiskFreeSpaceA(dir.path("missing"), &sectors, &bytes, &available, &all));
+}
+
+// ---- errors
+
+TEST(Errors, OfTheHostHaveANumberWithAText)
+{
+    constexpr int highestOfHost = 133;
+    constexpr unsigned system = FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS;
+    char text[100];
+    for (int host = 1; host <= highestOfHost; ++host) {
+        const unsigned length =
+            FormatMessageA(system, nullptr, platErrorOf(host), 0, text, sizeof text, nullptr);
+        EXPECT_GT(length, 0u) << host;
+        EXPECT_EQ(length, std::strlen(text)) << host;
+    }
+    EXPECT_EQ(FormatMessageA(system, nullptr, ERROR_ACCESS_DENIED, 0, text, 14, nullptr), 13u);
+    EXPECT_STREQ(text, "access denied");
+    EXPECT_EQ(FormatMessageA(system, nullptr, ERROR_ACCESS_DENIED, 0, text, 13, nullptr), 0u);
+    EXPECT_EQ(FormatMessageA(system, nullptr, 424242, 0, text, sizeof text, nullptr), 0u);
+    EXPECT_EQ(FormatMessageA(0, nullptr, ERROR_ACCESS_DENIED, 0, text, sizeof text, nullptr), 0u);
 }
