@@ -41,6 +41,20 @@ void requireInside(std::string path)
     }
 }
 
+/// Requires that a directory of the store is found under the name that it is enumerated by, whatever its own
+/// file says about that.
+void enumerateAny(const std::string& path, const std::string& writtenName)
+{
+    const std::string folder = store.folder + "/System/" + path;
+    std::filesystem::create_directories(folder);
+    std::ofstream(folder + "/.name", std::ios::binary) << writtenName;
+    char name[8192];
+    DWORD size = sizeof name;
+    require(RegEnumKeyExA(HKEY_CLASSES_ROOT, 0, name, &size, nullptr, nullptr, nullptr, nullptr) == 0);
+    require(platKeyPath(name) == path);
+    std::filesystem::remove_all(store.folder + "/System");
+}
+
 /// The name, in lower case, that a path stands for.
 std::string nameOf(const std::string& path)
 {
@@ -94,6 +108,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (c >= 'A' && c <= 'Z')
             c = static_cast<char>(c - 'A' + 'a');
     require(nameOf(path) == name);
+    require(platNameOfFile(path) == name);
+    require(platNameAsWritten(platWrittenName(name)) == name);
+    if (!name.empty() && name.size() < 1000 &&
+        name.find_first_of(std::string("\\\0", 2)) == std::string::npos)
+        enumerateAny(path, cut < input.size() ? input.substr(cut + 1) : "");
     readAny(cut < input.size() ? input.substr(cut + 1) : "");
     return 0;
 }

@@ -47,15 +47,6 @@ int openFlags(DWORD disposition)
     }
 }
 
-FILETIME fileTime(const struct timespec& time)
-{
-    constexpr long long stepsASecond = 10000000;
-    constexpr long long nanosecondsAStep = 100;
-    const auto steps = static_cast<unsigned long long>((time.tv_sec + platSecondsTo1970) * stepsASecond +
-                                                       time.tv_nsec / nanosecondsAStep);
-    return {static_cast<DWORD>(steps), static_cast<DWORD>(steps >> 32)};
-}
-
 bool statusOf(const char* path, struct stat& status)
 {
     std::string host;
@@ -95,6 +86,15 @@ int moveInSteps(const std::string& from, const std::string& to)
 }
 
 } // namespace
+
+FILETIME platFileTime(const struct timespec& time)
+{
+    constexpr long long stepsASecond = 10000000;
+    constexpr long long nanosecondsAStep = 100;
+    const auto steps = static_cast<unsigned long long>((time.tv_sec + platSecondsTo1970) * stepsASecond +
+                                                       time.tv_nsec / nanosecondsAStep);
+    return {static_cast<DWORD>(steps), static_cast<DWORD>(steps >> 32)};
+}
 
 HANDLE CreateFileA(const char* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES*, DWORD disposition,
                    DWORD flags, HANDLE)
@@ -205,9 +205,9 @@ BOOL GetFileAttributesExA(const char* path, GET_FILEEX_INFO_LEVELS, void* data)
     const auto size = static_cast<unsigned long long>(status.st_size);
     *static_cast<WIN32_FILE_ATTRIBUTE_DATA*>(data) = {
         .dwFileAttributes = attributesOf(status),
-        .ftCreationTime = fileTime(status.st_ctim),
-        .ftLastAccessTime = fileTime(status.st_atim),
-        .ftLastWriteTime = fileTime(status.st_mtim),
+        .ftCreationTime = platFileTime(status.st_ctim),
+        .ftLastAccessTime = platFileTime(status.st_atim),
+        .ftLastWriteTime = platFileTime(status.st_mtim),
         .nFileSizeHigh = static_cast<DWORD>(size >> 32),
         .nFileSizeLow = static_cast<DWORD>(size),
     };

@@ -65,3 +65,6 @@ BOOL CopyFileA(const char* from, const char* to, BOOL failIfExists);
 /// and `name` have room for MAX_PATH bytes. Answers 0 when it fails. The whole prefix is kept, not three
 /// letters; one that holds a separator is ERROR_INVALID_NAME.
 unsigned GetTempFileNameA(const char* directory, const char* prefix, unsigned unique, char* name);
+
+struct timespec;
+FILETIME platFileTime(const struct timespec& time);

@@ -7,20 +7,38 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/file.h>
 
 #include <qel/platform/errortable.h>
 #include <qel/platform/filecopy.h>
+#include <qel/platform/files.h>
 #include <qel/platform/folder.h>
 #include <qel/platform/registryname.h>
+
+namespace {
+
+/// The names in a key as they were when somebody began to enumerate them.
+struct Listing
+{
+    std::mutex lock;
+    std::vector<std::string> names;
+};
+
+/// Which names of a key.
+enum Listed { listedKeys, listedValues };
+
+} // namespace
 
 /// An open key below a root.
 struct HKEY__
 {
     platDescriptor folder;
     std::string store; // the store that it belongs to, for its lock
+    Listing listings[2] = {};
 };
 
 namespace {
@@ -32,6 +50,9 @@ constexpr const char* lockName = "/.lock";
 constexpr const char* writtenNameFile = ".name";
 constexpr const char* unfinishedFile = ".new";
 constexpr const char* deletedFolder = ".deleted";
+constexpr std::string_view valueEnding = ".value";
+constexpr std::size_t longestHead = 16384; // of a value's file, and of the file of a key's name
+constexpr std::size_t longestPath = 4096;
 
 long hostError()
 {
@@ -150,6 +171,12 @@ bool replaceFile(int folder, const std::string& prefix, const std::string& path,
     return false;
 }
 
+/// Where the directories of the store begin in the paths of a place.
+std::size_t partsBegin(const Place& place)
+{
+    return place.folder == AT_FDCWD ? place.store.size() + 1 : 0;
+}
+
 /// Makes the directories of `path` from byte `from` on, the last one only when `whole`. Answers whether any
 /// was missing, or -1.
 int makeParts(int folder, const std::string& path, std::size_t from, bool whole)
@@ -224,6 +251,16 @@ std::string valueText(DWORD type, const char* name, std::string_view data)
     return std::to_string(type) + ' ' + platWrittenName(name) + '\n' + std::string(data);
 }
 
+/// The type and the name in the first line of a value's file. False when it has no such line.
+bool parseHead(std::string_view line, DWORD& type, std::string_view& name)
+{
+    const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), type);
+    if (error != std::errc() || end == line.data() + line.size() || *end != ' ')
+        return false;
+    name = line.substr(static_cast<std::size_t>(end + 1 - line.data()));
+    return true;
+}
+
 long readValue(const Place& place, const char* name, Value& value)
 {
     struct stat status;
@@ -243,8 +280,8 @@ long readValue(const Place& place, const char* name, Value& value)
     if (count < 0)
         return hostError();
     const std::size_t line = text.find('\n');
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value.type);
-    if (line == std::string::npos || error != std::errc() || *end != ' ')
+    std::string_view written;
+    if (line == std::string::npos || !parseHead({text.data(), line}, value.type, written))
         return ERROR_FILE_CORRUPT;
     value.data = text.substr(line + 1);
     return ERROR_SUCCESS;
@@ -268,6 +305,152 @@ long openKey(const Place& place, const std::string& path, HKEY* key)
 long changeError(const Place& place)
 {
     return errno == ENOENT && place.folder != AT_FDCWD ? static_cast<long>(ERROR_KEY_DELETED) : hostError();
+}
+
+// ---- enumerating
+
+/// The first line of a file of the store; empty when there is none.
+std::string firstLine(int folder, const std::string& path)
+{
+    struct stat status;
+    const platDescriptor file(platOpenRegular(folder, path.c_str(), O_RDONLY, 0, status));
+    std::string text(longestHead, '\0');
+    const ssize_t count = file ? platRetry([&] { return read(file.get(), text.data(), text.size()); }) : 0;
+    text.resize(static_cast<std::size_t>(std::max(count, ssize_t{0})));
+    return text.substr(0, text.find('\n'));
+}
+
+/// Collects the paths of the keys or values in a key's directory. `prefix` leads to `folder`, which carries a
+/// part of a long name when it is not empty.
+bool collectFiles(platFolder& folder, const std::string& prefix, Listed what, std::vector<std::string>& files)
+{
+    platEntry entry;
+    while (folder.Read(entry)) {
+        const std::string path = prefix + entry.hostName;
+        const platNodeKind kind =
+            entry.kind == platLink ? folder.Kind(entry.hostName, platFollowLinks) : entry.kind;
+        if (kind == platDirectory && platIsNamePart(entry.hostName)) {
+            platFolder part;
+            if (path.size() < longestPath && part.Open(folder, entry.hostName, platKeepLinks) &&
+                !collectFiles(part, path + '/', what, files))
+                return false;
+        } else if (what == listedKeys ? kind == platDirectory && entry.hostName[0] != '.'
+                                      : kind != platDirectory && path.ends_with(valueEnding)) {
+            files.push_back(path);
+        }
+    }
+    return GetLastError() == ERROR_NO_MORE_FILES;
+}
+
+/// Whether a caller can name a single key or value so.
+bool canBeAsked(std::string_view name, Listed what)
+{
+    return name.find('\0') == std::string_view::npos &&
+           (what == listedValues || name.find('\\') == std::string_view::npos);
+}
+
+/// The name of the key or value that `file` keeps, as it was written. A text that does not lead to the file
+/// is not believed. Nothing when the file is none of the store's.
+std::optional<std::string> nameIn(const Place& place, const std::string& file, Listed what)
+{
+    if (what == listedKeys) {
+        std::string name =
+            platNameAsWritten(firstLine(place.folder, place.prefix + file + '/' + writtenNameFile));
+        if (canBeAsked(name, what) && platKeyPath(name) == file)
+            return name;
+        return platNameOfFile(file);
+    }
+    const std::string head = firstLine(place.folder, place.prefix + file);
+    DWORD type;
+    std::string_view written;
+    if (parseHead(head, type, written)) {
+        std::string name = platNameAsWritten(written);
+        if (canBeAsked(name, what) && platValuePath(name) == file)
+            return name;
+    }
+    return platNameOfFile(std::string_view(file).substr(0, file.size() - valueEnding.size()));
+}
+
+/// Whether an open key has been deleted.
+bool isDeleted(const Place& place)
+{
+    struct stat status;
+    return place.folder != AT_FDCWD && fstat(place.folder, &status) == 0 && status.st_nlink == 0;
+}
+
+long takeListing(const Place& place, Listed what, std::vector<std::string>& names)
+{
+    names.clear();
+    platFolder folder;
+    std::vector<std::string> files;
+    if (!folder.OpenHost(place.folder, (place.prefix + '.').c_str()) ||
+        !collectFiles(folder, "", what, files)) {
+        const DWORD error = GetLastError();
+        if (error != ERROR_FILE_NOT_FOUND)
+            return static_cast<long>(error);
+        // A root that nothing has been written to is not there.
+        return static_cast<long>(place.folder == AT_FDCWD ? ERROR_SUCCESS : ERROR_KEY_DELETED);
+    }
+    if (files.empty() && isDeleted(place))
+        return ERROR_KEY_DELETED;
+    std::vector<std::pair<std::string, std::string>> inOrder; // without case, and as written
+    for (const std::string& file : files)
+        if (std::optional<std::string> name = nameIn(place, file, what); name && canBeAsked(*name, what)) {
+            std::string order = *name;
+            std::transform(order.begin(), order.end(), order.begin(), [](char c) {
+                return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+            });
+            inOrder.emplace_back(std::move(order), std::move(*name));
+        }
+    std::sort(inOrder.begin(), inOrder.end());
+    for (auto& [order, name] : inOrder)
+        names.push_back(std::move(name));
+    return ERROR_SUCCESS;
+}
+
+Listing& listingOf(HKEY key, Listed what)
+{
+    static Listing ofSystem[2], ofUser[2];
+    return (key == HKEY_CLASSES_ROOT ? ofSystem : key == HKEY_CURRENT_USER ? ofUser : key->listings)[what];
+}
+
+/// Copies the name `index` of a listing to a buffer, and to `found`.
+long enumerate(HKEY key, const Place& place, Listed what, DWORD index, char* name, DWORD* size,
+               std::string& found)
+{
+    if (name == nullptr || size == nullptr)
+        return ERROR_INVALID_PARAMETER;
+    Listing& listing = listingOf(key, what);
+    const std::lock_guard<std::mutex> held(listing.lock);
+    if (index == 0)
+        if (const long error = takeListing(place, what, listing.names); error != ERROR_SUCCESS)
+            return error;
+    if (index >= listing.names.size())
+        return ERROR_NO_MORE_ITEMS;
+    found = listing.names[index];
+    const DWORD room = *size;
+    *size = static_cast<DWORD>(found.size());
+    if (room <= found.size())
+        return ERROR_MORE_DATA;
+    std::memcpy(name, found.c_str(), found.size() + 1);
+    return ERROR_SUCCESS;
+}
+
+/// Gives out the data of a value as far as the caller asked for it.
+long answerValue(const Value& value, DWORD* type, unsigned char* data, DWORD* size)
+{
+    if (type != nullptr)
+        *type = value.type;
+    if (size == nullptr)
+        return data == nullptr ? ERROR_SUCCESS : ERROR_INVALID_PARAMETER;
+    const DWORD room = *size;
+    *size = static_cast<DWORD>(value.data.size());
+    if (data == nullptr)
+        return ERROR_SUCCESS;
+    if (room < *size)
+        return ERROR_MORE_DATA;
+    std::memcpy(data, value.data.data(), value.data.size());
+    return ERROR_SUCCESS;
 }
 
 } // namespace
@@ -297,7 +480,7 @@ long RegCreateKeyExA(HKEY parent, const char* path, DWORD, char*, DWORD, DWORD, 
     if (error == ERROR_FILE_NOT_FOUND) {
         const StoreLock lock(place.store, true);
         const int made =
-            lock ? makeParts(place.folder, place.prefix + *fileName, place.store.size() + 1, true) : -1;
+            lock ? makeParts(place.folder, place.prefix + *fileName, partsBegin(place), true) : -1;
         if (made < 0 || !keepWrittenNames(place, path))
             return changeError(place);
         if (made > 0)
@@ -363,8 +546,7 @@ long RegSetValueExA(HKEY key, const char* name, DWORD, DWORD type, const unsigne
     const StoreLock lock(place.store, true);
     if (!lock)
         return hostError();
-    const std::size_t from = place.folder == AT_FDCWD ? place.store.size() + 1 : 0;
-    if (makeParts(place.folder, path, from, false) < 0 ||
+    if (makeParts(place.folder, path, partsBegin(place), false) < 0 ||
         !replaceFile(place.folder, place.prefix, path, valueText(type, name, bytes)))
         return changeError(place);
     return ERROR_SUCCESS;
@@ -378,18 +560,7 @@ long RegQueryValueExA(HKEY key, const char* name, DWORD*, DWORD* type, unsigned 
     Value value;
     if (const long error = readValue(place, name == nullptr ? "" : name, value); error != ERROR_SUCCESS)
         return error;
-    if (type != nullptr)
-        *type = value.type;
-    if (size == nullptr)
-        return data == nullptr ? ERROR_SUCCESS : ERROR_INVALID_PARAMETER;
-    const DWORD room = *size;
-    *size = static_cast<DWORD>(value.data.size());
-    if (data == nullptr)
-        return ERROR_SUCCESS;
-    if (room < *size)
-        return ERROR_MORE_DATA;
-    std::memcpy(data, value.data.data(), value.data.size());
-    return ERROR_SUCCESS;
+    return answerValue(value, type, data, size);
 }
 
 long RegDeleteValueA(HKEY key, const char* name)
@@ -403,4 +574,42 @@ long RegDeleteValueA(HKEY key, const char* name)
         return hostError();
     removeParts(place, path);
     return ERROR_SUCCESS;
+}
+
+long RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* size, DWORD*, char* className, DWORD* classSize,
+                   FILETIME* lastWrite)
+{
+    Place place;
+    if (!placeOf(key, place))
+        return ERROR_INVALID_HANDLE;
+    std::string found;
+    if (const long error = enumerate(key, place, listedKeys, index, name, size, found);
+        error != ERROR_SUCCESS)
+        return error;
+    if (className != nullptr && classSize != nullptr && *classSize > 0)
+        *className = '\0';
+    if (classSize != nullptr)
+        *classSize = 0;
+    if (lastWrite != nullptr) {
+        struct stat status = {};
+        fstatat(place.folder, (place.prefix + *platKeyPath(found)).c_str(), &status, 0);
+        *lastWrite = platFileTime(status.st_mtim);
+    }
+    return ERROR_SUCCESS;
+}
+
+long RegEnumValueA(HKEY key, DWORD index, char* name, DWORD* size, DWORD*, DWORD* type, unsigned char* data,
+                   DWORD* dataSize)
+{
+    Place place;
+    if (!placeOf(key, place))
+        return ERROR_INVALID_HANDLE;
+    std::string found;
+    if (const long error = enumerate(key, place, listedValues, index, name, size, found);
+        error != ERROR_SUCCESS)
+        return error;
+    Value value;
+    if ((type != nullptr || dataSize != nullptr) && readValue(place, found.c_str(), value) != ERROR_SUCCESS)
+        value = {};
+    return answerValue(value, type, data, dataSize);
 }

@@ -2,12 +2,12 @@
 
 /// The registry, kept as a tree of plain files below the directory that QELSTD_REGISTRY names; by default
 /// `qelstd/registry` in the user's configuration directory (XDG_CONFIG_HOME, or `.config` in the home
-/// directory). README.md shows the form of the tree. Differences from Windows, on purpose:
+/// directory). docs/registry.md shows the form of the tree. Differences from Windows, on purpose:
 /// - Nothing is asked about rights: the store is the user's own (directories 0700, files 0600).
 /// - A path that is empty, begins with a separator or doubles one is ERROR_BAD_PATHNAME.
-/// - Names differ by anything but ASCII case. A name has room for about 1300 bytes at the least, 4000 when it
-/// is
-///   of ASCII letters and digits.
+/// - Names differ by anything but ASCII case. A name has room for about 1300 bytes at the least, and for 4000
+///   when it is of ASCII letters and digits.
+/// - An enumeration gives what was there when index 0 was asked for, whatever is changed meanwhile.
 ///
 /// The calls answer an error number, 0 for success; the last error says nothing about them. Changes are made
 /// one at a time whoever makes them; a value is read whole, as it was before or after a change, and without
@@ -22,6 +22,7 @@ using HKEY = struct HKEY__*;
 
 inline constexpr DWORD KEY_ALL_ACCESS = 0xF003F;
 inline constexpr DWORD REG_OPTION_NON_VOLATILE = 0;
+inline constexpr DWORD REG_NONE = 0;
 inline constexpr DWORD REG_SZ = 1;
 inline constexpr DWORD REG_CREATED_NEW_KEY = 1;
 inline constexpr DWORD REG_OPENED_EXISTING_KEY = 2;
@@ -43,3 +44,14 @@ long RegSetValueExA(HKEY key, const char* name, DWORD reserved, DWORD type, cons
 long RegQueryValueExA(HKEY key, const char* name, DWORD* reserved, DWORD* type, unsigned char* data,
                       DWORD* size);
 long RegDeleteValueA(HKEY key, const char* name);
+
+/// The name, as it was written, of the direct subkey `index`; they are in the order of their names without
+/// case. `*size` is the room for it and its zero byte, and receives its length; ERROR_MORE_DATA when that is
+/// too small, ERROR_NO_MORE_ITEMS behind the last one. A class is answered as empty. All but the first four
+/// may be null.
+long RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* size, DWORD* reserved, char* className,
+                   DWORD* classSize, FILETIME* lastWrite);
+/// The same for values. `type`, and `data` with `dataSize`, are as in RegQueryValueExA; a value that cannot
+/// be read, or is gone by now, has the type REG_NONE and no data.
+long RegEnumValueA(HKEY key, DWORD index, char* name, DWORD* size, DWORD* reserved, DWORD* type,
+                   unsigned char* data, DWORD* dataSize);

@@ -12,6 +12,25 @@ void appendHex(std::string& to, char byte)
     to.append({'%', digits[value >> 4], digits[value & 0xF]});
 }
 
+/// The value of a hexadecimal digit as it is written here, or -1.
+int digitOf(char c)
+{
+    return c >= '0' && c <= '9' ? c - '0' : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+}
+
+/// `text` with the bytes that its escapes stand for.
+std::string unescaped(std::string_view text)
+{
+    std::string result;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const int high = text[i] == '%' && i + 2 < text.size() ? digitOf(text[i + 1]) : -1;
+        const int low = high >= 0 ? digitOf(text[i + 2]) : -1;
+        result.push_back(low >= 0 ? static_cast<char>(high * 16 + low) : text[i]);
+        i += low >= 0 ? 2 : 0;
+    }
+    return result;
+}
+
 std::string escaped(std::string_view name)
 {
     std::string result;
@@ -68,4 +87,20 @@ std::string platWrittenName(std::string_view name)
             result.push_back(c);
     }
     return result;
+}
+
+std::string platNameAsWritten(std::string_view text)
+{
+    return unescaped(text);
+}
+
+std::optional<std::string> platNameOfFile(std::string_view path)
+{
+    std::string whole(path);
+    for (std::size_t at = partLength; at + 2 < whole.size(); at += partLength)
+        whole.erase(at, 2);
+    std::string name = unescaped(whole);
+    if (escaped(name) != path)
+        return std::nullopt;
+    return name;
 }

@@ -21,3 +21,10 @@ bool platIsNamePart(std::string_view fileName);
 
 /// `name` with control bytes and "%" as "%" and two digits, for the first line of a file.
 std::string platWrittenName(std::string_view name);
+
+/// The name that such a first line holds.
+std::string platNameAsWritten(std::string_view text);
+
+/// The name, without its capital letters, whose key has the directory `path`, or whose value has the file
+/// `path` and ".value". Nothing when no name has.
+std::optional<std::string> platNameOfFile(std::string_view path);

@@ -4,7 +4,11 @@
 #include <qel/platform/registry.h>
 
 #include <csignal>
+#include <cstring>
+#include <set>
+#include <sstream>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -55,6 +59,31 @@ protected:
         EXPECT_EQ(value.back(), '\0');
         value.pop_back();
         return value;
+    }
+
+    /// The names in a key, each ended by "|", and the error that ends them when it is not the usual one.
+    static std::string namesOf(HKEY key, decltype(&RegEnumKeyExA) enumerate = &RegEnumKeyExA)
+    {
+        std::string names;
+        for (DWORD index = 0;; ++index) {
+            char name[6000];
+            DWORD size = sizeof name;
+            const long error = enumerate(key, index, name, &size, nullptr, nullptr, nullptr, nullptr);
+            if (error == ERROR_NO_MORE_ITEMS)
+                return names;
+            if (error != 0)
+                return names + "error " + std::to_string(error);
+            EXPECT_EQ(size, std::strlen(name));
+            names += std::string(name) + "|";
+        }
+    }
+
+    static std::string valuesOf(HKEY key)
+    {
+        return namesOf(key, [](HKEY values, DWORD index, char* name, DWORD* size, DWORD* reserved, char*,
+                               DWORD*, FILETIME*) {
+            return RegEnumValueA(values, index, name, size, reserved, nullptr, nullptr, nullptr);
+        });
     }
 
     TempDir dir;
@@ -140,6 +169,15 @@ TEST_F(Registry, ConfinesEveryNameToItsStore)
         RegCloseKey(sub);
     }
 
+    std::set<std::string> keys, values; // as they are enumerated
+    std::stringstream keysText(namesOf(key)), valuesText(valuesOf(key));
+    for (std::string name; std::getline(keysText, name, '|');)
+        keys.insert(name);
+    for (std::string name; std::getline(valuesText, name, '|');)
+        values.insert(name);
+    EXPECT_EQ(keys, std::set<std::string>(std::begin(strange), std::end(strange)));
+    EXPECT_EQ(values, keys);
+
     number = 0;
     for (const std::string& name : strange) {
         HKEY sub = nullptr;
@@ -162,6 +200,103 @@ TEST_F(Registry, ConfinesEveryNameToItsStore)
     const std::filesystem::directory_iterator left(dir.path("in/store/User/names"));
     for (const auto& entry : left)
         EXPECT_EQ(entry.path().filename(), ".name");
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, EnumeratesNamesAsTheyWereWritten)
+{
+    EXPECT_EQ(namesOf(HKEY_CURRENT_USER), ""); // there is no store yet
+    EXPECT_EQ(valuesOf(HKEY_CLASSES_ROOT), "");
+    const HKEY key = create(HKEY_CURRENT_USER, "Software\\VRX");
+    for (const char* sub : {"beta", "Alpha", "g\\below\\deep"}) // several levels at once below an open key
+        RegCloseKey(create(key, sub));
+    for (const char* value : {"Zeta", "", "my value", "100%"})
+        EXPECT_EQ(set(key, value, value), 0);
+
+    EXPECT_EQ(namesOf(key), "Alpha|beta|g|");
+    EXPECT_EQ(open(key, "G\\Below\\Deep"), 0);
+    EXPECT_EQ(valuesOf(key), "|100%|my value|Zeta|");
+    EXPECT_EQ(namesOf(HKEY_CURRENT_USER), "Software|");
+    EXPECT_EQ(namesOf(HKEY_CLASSES_ROOT), "");
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, EnumeratesWhatWasThereAtTheFirstIndex)
+{
+    const HKEY key = create(HKEY_CURRENT_USER, "key");
+    for (const char* name : {"a", "b"})
+        EXPECT_EQ(set(key, name, "text"), 0);
+    char name[8], data[8];
+    DWORD size = sizeof name, type = 0, dataSize = sizeof data;
+    const auto next = [&](DWORD index) {
+        size = sizeof name;
+        dataSize = sizeof data;
+        return RegEnumValueA(key, index, name, &size, nullptr, &type, reinterpret_cast<unsigned char*>(data),
+                             &dataSize);
+    };
+
+    EXPECT_EQ(next(0), 0);
+    EXPECT_EQ(std::string(name) + data, "atext");
+    EXPECT_EQ(type, REG_SZ);
+    EXPECT_EQ(set(key, "0", "before them"), 0);
+    EXPECT_EQ(RegDeleteValueA(key, "b"), 0);
+    EXPECT_EQ(next(1), 0);
+    EXPECT_STREQ(name, "b");
+    EXPECT_EQ(type, REG_NONE); // gone
+    EXPECT_EQ(dataSize, 0u);
+    EXPECT_EQ(next(2), ERROR_NO_MORE_ITEMS);
+    EXPECT_EQ(next(0), ERROR_MORE_DATA); // its text
+    EXPECT_EQ(dataSize, 12u);
+
+    size = 1; // no room for the zero byte
+    EXPECT_EQ(RegEnumValueA(key, 0, name, &size, nullptr, nullptr, nullptr, nullptr), ERROR_MORE_DATA);
+    EXPECT_EQ(size, 1u);
+    EXPECT_EQ(RegEnumValueA(key, 0, nullptr, &size, nullptr, nullptr, nullptr, nullptr),
+              ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(namesOf(nullptr), "error 6");
+    EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "key"), 0);
+    EXPECT_EQ(namesOf(key), "error 1018");
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, TellsWhenASubkeyWasChanged)
+{
+    RegCloseKey(create(HKEY_CURRENT_USER, "Key"));
+    const struct timespec times[] = {{0, 0}, {1, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, dir.path("in/store/User/key").c_str(), times, 0), 0);
+    char name[8], className[8] = "unset";
+    DWORD size = sizeof name, classSize = sizeof className;
+    FILETIME changed;
+    EXPECT_EQ(RegEnumKeyExA(HKEY_CURRENT_USER, 0, name, &size, nullptr, className, &classSize, &changed), 0);
+    EXPECT_EQ(std::string(name) + className, "Key");
+    EXPECT_EQ(classSize, 0u);
+    EXPECT_EQ(changed.dwHighDateTime * 0x100000000 + changed.dwLowDateTime,
+              (platSecondsTo1970 + 1) * 10000000ull);
+}
+
+TEST_F(Registry, EnumeratesADamagedStoreByItsFileNames)
+{
+    const HKEY key = create(HKEY_CURRENT_USER, "key");
+    RegCloseKey(create(key, "Sub"));
+    const std::string folder = "in/store/User/key/";
+    dir.write(folder + "sub/.name", "other"); // does not lead here
+    dir.makeDir(folder + "two%20words");
+    dir.makeDir(folder + "Foreign");
+    dir.makeDir(folder + "%zz");
+    dir.makeDir(folder + "zero%00");
+    dir.makeDir(folder + "two%5Csteps");
+    dir.makeDir(folder + "one");
+    dir.write(folder + "one/.name", "one\\");
+    dir.makeDir(folder + "short+/rest");
+    dir.makeDir(folder + std::string(200, 'p') + "+/rest");
+    dir.write(folder + "v.value", "no head");
+    dir.write(folder + "w.value", "1 V\ntext");
+    dir.write(folder + "Foreign.value", "1 Foreign\ntext");
+    dir.write(folder + "x", "1 x\ntext");
+    dir.write(folder + ".new", "1 x");
+
+    EXPECT_EQ(namesOf(key), "one|" + std::string(200, 'p') + "rest|sub|two words|");
+    EXPECT_EQ(valuesOf(key), "v|w|");
     RegCloseKey(key);
 }
 
