@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <qel/hmxregistry.h>
+#include <qel/platform/lasterror.h>
 #include <qel/qelrtti.h>
 #include <qel/reglib.h>
 
@@ -13,6 +14,16 @@ namespace {
 std::string textOf(const xstring& text)
 {
     return text == nullptr ? "(null)" : text.CastToCString();
+}
+
+std::string textOf(const xrchandle<xstringsequence>& names)
+{
+    if (!names)
+        return "(none)";
+    std::string text;
+    for (int i = 0; i < names->getarraysize(); ++i)
+        text += textOf(names->get(i)) + "|";
+    return text;
 }
 
 class RegistryKeys : public testing::Test
@@ -61,6 +72,49 @@ TEST_F(RegistryKeys, KeepStringValues)
     const std::string longText(100000, 't');
     EXPECT_TRUE(key.SetValue("long", longText.c_str()));
     EXPECT_EQ(textOf(again.GetValue("long")), longText);
+}
+
+TEST_F(RegistryKeys, ListTheirSubkeysAndValues)
+{
+    hmxRegistryKey key, below, closed;
+    EXPECT_EQ(textOf(user.ListSubkeys()), "");
+    ASSERT_TRUE(key.Create(user, "Software\\VRX"));
+    const std::string longName(1000, 'L');
+    for (const char* name : {"beta", "Alpha", longName.c_str()}) {
+        ASSERT_TRUE(below.Create(key, name));
+        ASSERT_TRUE(key.SetValue(name, "x"));
+    }
+    EXPECT_EQ(textOf(key.ListSubkeys()), "Alpha|beta|" + longName + "|");
+    EXPECT_EQ(textOf(key.ListValues()), "Alpha|beta|" + longName + "|");
+    EXPECT_EQ(textOf(user.ListSubkeys()), "Software|");
+
+    EXPECT_EQ(textOf(closed.ListValues()), "(none)");
+    EXPECT_EQ(GetLastError(), 6u); // invalid handle
+    EXPECT_TRUE(key.DeleteSubkey(longName.c_str()));
+    EXPECT_EQ(textOf(below.ListSubkeys()), "(none)");
+    EXPECT_EQ(GetLastError(), 1018u); // key deleted
+    regKey object(key);
+    EXPECT_EQ(textOf(object.ListSubkeys()), "Alpha|beta|");
+    EXPECT_EQ(textOf(object.ListValues()), "Alpha|beta|" + longName + "|");
+    regKey deleted(below);
+    EXPECT_EQ(refusal([&] { deleted.ListValues(); }), "reglib::XAccess");
+    object.Close();
+    EXPECT_EQ(refusal([&] { object.ListSubkeys(); }), "reglib::XKeyClosed");
+}
+
+TEST_F(RegistryKeys, SayWhyTheyRefuse)
+{
+    hmxRegistryKey key;
+    const auto errorOf = [](bool worked) { return worked ? 0u : GetLastError(); };
+    EXPECT_EQ(errorOf(key.Open(user, "none")), 2u);
+    EXPECT_EQ(errorOf(key.Open(user, "a/b")), 123u); // invalid name
+    EXPECT_EQ(errorOf(key.Open(user, "\\a")), 161u); // bad path name
+    EXPECT_EQ(errorOf(key.SetValue("v", "x")), 6u);  // closed
+    ASSERT_TRUE(key.Create(user, "a\\b"));
+    EXPECT_EQ(errorOf(user.DeleteSubkey("a")), 5u); // has subkeys
+    EXPECT_EQ(errorOf(user.DeleteValue("a\\b")), 123u);
+    EXPECT_TRUE(key.GetValue("v") == nullptr);
+    EXPECT_EQ(GetLastError(), 2u);
 }
 
 TEST_F(RegistryKeys, KnowValidPathsAndNames)

@@ -41,6 +41,35 @@ long openKey(void* parent, const char* path, void** key)
     return error;
 }
 
+/// Whether a call of the platform worked; the last error is its error otherwise.
+bool done(long error)
+{
+    if (error != ERROR_SUCCESS)
+        SetLastError(static_cast<DWORD>(error));
+    return error == ERROR_SUCCESS;
+}
+
+/// The names that `enumerate`, a call of the platform with an index, a buffer and its size, gives.
+template<class Enumerate>
+xrchandle<xstringsequence> listed(Enumerate enumerate)
+{
+    constexpr std::size_t ordinarySize = 256;
+    xrchandle<xstringsequence> names(xstringsequence::create());
+    std::string name(ordinarySize, '\0');
+    for (DWORD index = 0;;) {
+        auto size = static_cast<DWORD>(name.size());
+        const long error = enumerate(index, name.data(), &size);
+        if (error == ERROR_MORE_DATA) {
+            name.resize(size + std::size_t{1});
+            continue;
+        }
+        if (error != ERROR_SUCCESS)
+            return error == ERROR_NO_MORE_ITEMS || done(error) ? names : xrchandle<xstringsequence>();
+        names->append(name.c_str());
+        ++index;
+    }
+}
+
 /// The singleton that `kept` holds, made when it is asked for first.
 hmxRegistry& singleton(hmxRegistry*& kept, hmxRegistry::Type type)
 {
@@ -88,7 +117,7 @@ bool hmxRegistryKey::become(Opener opener, const hmxRegistryKey& parent, const c
     const hmxRegistryKey held(parent);
     Close();
     void* opened = nullptr;
-    if (opener(held.record->handle, path, &opened) != ERROR_SUCCESS)
+    if (!done(opener(held.record->handle, path, &opened)))
         return false;
     record = new Record{1, held.record->registry, static_cast<HKEY>(opened)};
     return true;
@@ -106,7 +135,7 @@ bool hmxRegistryKey::Open(hmxRegistryKey& parent, const char* path)
 
 bool hmxRegistryKey::DeleteSubkey(const char* name)
 {
-    return IsNameValid(name) && RegDeleteKeyA(record->handle, name) == ERROR_SUCCESS;
+    return IsNameValid(name) && done(RegDeleteKeyA(record->handle, name));
 }
 
 bool hmxRegistryKey::SetValue(const char* name, const char* value)
@@ -114,9 +143,11 @@ bool hmxRegistryKey::SetValue(const char* name, const char* value)
     if (!IsNameValid(name))
         return false;
     const std::string text = qelIsObject(value) ? value : name;
-    return text.size() < 0xFFFFFFFF && RegSetValueExA(record->handle, name, 0, REG_SZ,
-                                                      reinterpret_cast<const unsigned char*>(text.c_str()),
-                                                      static_cast<DWORD>(text.size() + 1)) == ERROR_SUCCESS;
+    if (text.size() >= 0xFFFFFFFF)
+        return done(ERROR_INVALID_PARAMETER);
+    return done(RegSetValueExA(record->handle, name, 0, REG_SZ,
+                               reinterpret_cast<const unsigned char*>(text.c_str()),
+                               static_cast<DWORD>(text.size() + 1)));
 }
 
 xstring hmxRegistryKey::GetValue(const char* name) const
@@ -132,7 +163,9 @@ xstring hmxRegistryKey::GetValue(const char* name) const
                                      reinterpret_cast<unsigned char*>(text.data()), &size)) ==
            ERROR_MORE_DATA)
         text.assign(size, '\0');
-    if (error != ERROR_SUCCESS || type != REG_SZ)
+    if (error == ERROR_SUCCESS && type != REG_SZ)
+        error = ERROR_UNSUPPORTED_TYPE;
+    if (!done(error))
         return {};
     text.resize(size);
     return text.c_str();
@@ -140,18 +173,39 @@ xstring hmxRegistryKey::GetValue(const char* name) const
 
 bool hmxRegistryKey::DeleteValue(const char* name)
 {
-    return IsNameValid(name) && RegDeleteValueA(record->handle, name) == ERROR_SUCCESS;
+    return IsNameValid(name) && done(RegDeleteValueA(record->handle, name));
+}
+
+xrchandle<xstringsequence> hmxRegistryKey::ListSubkeys() const
+{
+    return listed([this](DWORD index, char* name, DWORD* size) {
+        return record == nullptr
+                   ? static_cast<long>(ERROR_INVALID_HANDLE)
+                   : RegEnumKeyExA(record->handle, index, name, size, nullptr, nullptr, nullptr, nullptr);
+    });
+}
+
+xrchandle<xstringsequence> hmxRegistryKey::ListValues() const
+{
+    return listed([this](DWORD index, char* name, DWORD* size) {
+        return record == nullptr
+                   ? static_cast<long>(ERROR_INVALID_HANDLE)
+                   : RegEnumValueA(record->handle, index, name, size, nullptr, nullptr, nullptr, nullptr);
+    });
 }
 
 bool hmxRegistryKey::IsKeyValid(const char* path) const
 {
-    return record != nullptr && qelIsObject(path) &&
-           std::strpbrk(path, record->registry->invalidChars) == nullptr;
+    if (record == nullptr)
+        return done(ERROR_INVALID_HANDLE);
+    return (qelIsObject(path) && std::strpbrk(path, record->registry->invalidChars) == nullptr) ||
+           done(ERROR_INVALID_NAME);
 }
 
 bool hmxRegistryKey::IsNameValid(const char* name) const
 {
-    return IsKeyValid(name) && std::strchr(name, record->registry->separator) == nullptr;
+    return IsKeyValid(name) &&
+           (std::strchr(name, record->registry->separator) == nullptr || done(ERROR_INVALID_NAME));
 }
 
 // ---- roots

@@ -1,12 +1,13 @@
 #pragma once
 
+#include <qel/xsequence.h>
 #include <qel/xstring.h>
 
 class hmxRegistry;
 
 /// A shared handle to an open registry key, or closed. Copies share the key: it is closed with the last one.
-/// Nothing is thrown; what fails, and every call on a closed key, answers false or the null string. A key and
-/// its copies belong to one thread at a time.
+/// Nothing is thrown; what fails, and every call on a closed key, answers false or the null string, and
+/// GetLastError() says why. A key and its copies belong to one thread at a time.
 ///
 /// A key path holds none of the characters "/.:*?"; "\" in it leads to keys below. A name, of a value or of a
 /// direct subkey, holds no "\" either. Names are compared without ASCII case.
@@ -33,6 +34,11 @@ public:
     /// Null when there is no such value, or it is no string.
     xstring GetValue(const char* name) const;
     bool DeleteValue(const char* name);
+
+    /// The names of the direct subkeys, and of the values, as they were written and in the order of the names
+    /// without case. A null handle when they cannot be listed.
+    xrchandle<xstringsequence> ListSubkeys() const;
+    xrchandle<xstringsequence> ListValues() const;
 
     bool IsKeyValid(const char* path) const;
     bool IsNameValid(const char* name) const;

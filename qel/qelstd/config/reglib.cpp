@@ -33,6 +33,14 @@ regKey* newKey(bool opened, const hmxRegistryKey& key)
     return opened ? new (pDefMemMgr) regKey(key) : nullptr;
 }
 
+/// What has been listed, if it has.
+xrchandle<xstringsequence> known(xrchandle<xstringsequence> names)
+{
+    if (!names)
+        regXAccess::Throw();
+    return names;
+}
+
 /// The text of a number, as a standard stream writes it by default.
 template<class... Form>
 std::string textOf(auto number, Form... form)
@@ -167,6 +175,18 @@ unsigned char regKey::DeleteValue(const char* name)
 {
     checkName(name);
     return key.DeleteValue(name);
+}
+
+xrchandle<xstringsequence> regKey::ListSubkeys()
+{
+    checkOpen();
+    return known(key.ListSubkeys());
+}
+
+xrchandle<xstringsequence> regKey::ListValues()
+{
+    checkOpen();
+    return known(key.ListValues());
 }
 
 // ---- roots

@@ -78,6 +78,12 @@ public:
     /// 1 when it worked.
     virtual unsigned char DeleteValue(const char* name);
 
+    /// The names of the direct subkeys, and of the values, as they were written and in the order of the names
+    /// without case.
+    /// @throws regXAccess  they cannot be listed
+    xrchandle<xstringsequence> ListSubkeys();
+    xrchandle<xstringsequence> ListValues();
+
 private:
     void checkOpen() const;
     void checkName(const char* name) const;
