@@ -1,5 +1,6 @@
 // The reading and writing back of configuration files of any content, against the plainest way to say what
 // their lines mean.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -49,6 +50,22 @@ const struct OwnFile
     ~OwnFile() { std::remove(name.c_str()); }
 } file;
 
+/// Counts the lines that writing back drops.
+class Dropped : public hmxConfigOddityHandler
+{
+public:
+    void Invoke(hmxConfigOddity oddity, long long line, const char* text, long long later) override
+    {
+        require(line >= last && text != nullptr && (oddity == hmxOverridden ? later > line : later == 0));
+        last = line;
+        if (oddity == hmxNoColon || oddity == hmxNoKey || oddity == hmxOverridden)
+            ++count;
+    }
+
+    std::size_t count = 0;
+    long long last = 1;
+};
+
 /// Requires that the file holds `expected`.
 void requireEntries(hmxConfigFile& config, const Entries& expected)
 {
@@ -67,9 +84,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string content(reinterpret_cast<const char*>(data), size);
     std::ofstream(file.name, std::ios::binary) << content;
     Entries expected = entriesOf(content);
+    Dropped dropped;
+    require(hmxConfigFile::Check(file.name.c_str(), dropped));
+    const auto lineEnds = static_cast<std::size_t>(std::count(content.begin(), content.end(), '\n'));
+    const std::size_t lines = lineEnds + (content.empty() || content.back() == '\n' ? 0 : 1);
+    require(lines == dropped.count + expected.size());
     hmxConfigFile config;
     require(config.Open(file.name.c_str(), hmxConfigFile::ReadWrite));
     requireEntries(config, expected);
+    require(static_cast<std::size_t>(config.GetKeys()->getarraysize()) == expected.size());
     require(config.SetValue("added", "value") && !config.SetValue("", "x"));
     config.Close();
 

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include <qel/hmxconfigfile.h>
+#include <qel/platform/lasterror.h>
 
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -30,6 +31,16 @@ protected:
     {
         hmxConfigFile file;
         return file.Open(path(), hmxConfigFile::ReadWrite) && file.SetValue(key, value);
+    }
+
+    /// The keys of an open file, each with its value, in one text.
+    static std::string listOf(const hmxConfigFile& file)
+    {
+        std::string list;
+        const xrchandle<xstringsequence> keys = file.GetKeys();
+        for (int i = 0; i < keys->getarraysize(); ++i)
+            list += textOf(keys->get(i)) + "=" + textOf(file.GetValue(keys->get(i).CastToCString())) + ";";
+        return list;
     }
 
     const char* path() const { return name.c_str(); }
@@ -100,6 +111,85 @@ TEST_F(Config, IsWrittenBackInTheOrderOfItsKeysWhenItChanged)
         EXPECT_TRUE(file.DeleteValue(key));
     ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadOnly)); // closes first, which writes
     EXPECT_EQ(content(), "a: 1\n");
+}
+
+TEST_F(Config, ListsItsKeysInTheOrderOfTheLines)
+{
+    dir.write("config", "z:1\nremark\nb:2\na : 3\nz:4\n");
+    hmxConfigFile file;
+    EXPECT_EQ(listOf(file), "");
+    ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite));
+    EXPECT_EQ(listOf(file), "b=2;a= 3;z=4;"); // z where the line stands that counts
+
+    EXPECT_TRUE(file.SetValue("y", "new"));
+    EXPECT_TRUE(file.SetValue("b", nullptr));
+    EXPECT_TRUE(file.SetValue("k", "newer"));
+    EXPECT_TRUE(file.DeleteValue("a"));
+    EXPECT_EQ(listOf(file), "b=(null);z=4;y=new;k=newer;");
+    file.Close();
+    EXPECT_EQ(listOf(file), "");
+    ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadOnly));
+    EXPECT_EQ(listOf(file), "b=nil;k=newer;y=new;z=4;");
+}
+
+namespace {
+
+/// What a check tells, a line for each oddity.
+class Report : public hmxConfigOddityHandler
+{
+public:
+    void Invoke(hmxConfigOddity oddity, long long line, const char* lineText, long long later) override
+    {
+        static constexpr const char* names[] = {"no colon", "no key",      "overridden", "blanks",
+                                                "no value", "no line end", "return",     "zero"};
+        text += std::to_string(line) + " " + names[oddity] + " '" + lineText + "'";
+        text += later != 0 ? " " + std::to_string(later) + "\n" : "\n";
+    }
+
+    std::string text;
+};
+
+} // namespace
+
+TEST_F(Config, NamesTheLinesThatAreNotKept)
+{
+    const std::string odd("a:1\n# remark\n\n \t:x\nb c:\nbc:2\na:2\r\nk:v\0w\nbc: 3\nz:end", 51);
+    dir.write("config", odd);
+    Report report;
+    ASSERT_TRUE(hmxConfigFile::Check(path(), report));
+    EXPECT_EQ(report.text, "1 overridden 'a:1' 7\n"
+                           "2 no colon '# remark'\n"
+                           "3 no colon ''\n"
+                           "4 no key ' \t:x'\n"
+                           "5 blanks 'b c:'\n"
+                           "5 no value 'b c:'\n"
+                           "5 overridden 'b c:' 9\n"
+                           "6 overridden 'bc:2' 9\n"
+                           "7 return 'a:2\r'\n"
+                           "8 zero 'k:v'\n"
+                           "10 no line end 'z:end'\n");
+    EXPECT_EQ(content(), odd);
+    EXPECT_TRUE(update("z", "end")); // the lock is free
+    Report again;
+    ASSERT_TRUE(hmxConfigFile::Check(path(), again));
+    EXPECT_EQ(again.text, "1 return 'a:2\r'\n3 zero 'k:v'\n");
+}
+
+TEST_F(Config, SaysWhyItCannotBeRead)
+{
+    Report report;
+    dir.makeDir("sub");
+    EXPECT_FALSE(hmxConfigFile::Check(path(), report));
+    EXPECT_EQ(GetLastError(), 2u); // file not found
+    EXPECT_FALSE(hmxConfigFile::Check(dir.path("none/config").c_str(), report));
+    EXPECT_EQ(GetLastError(), 3u); // path not found
+    EXPECT_FALSE(hmxConfigFile::Check(dir.path("sub").c_str(), report));
+    EXPECT_EQ(GetLastError(), 5u); // access denied
+    hmxConfigFile file;
+    EXPECT_FALSE(file.Open(path(), hmxConfigFile::ReadOnly));
+    EXPECT_EQ(GetLastError(), 2u);
+    EXPECT_TRUE(file.CloseChecked());
+    EXPECT_EQ(report.text, "");
 }
 
 TEST_F(Config, RefusesWhatWouldBeAnotherEntryOrNone)
@@ -233,10 +323,14 @@ TEST_F(Config, KeepsTheOldContentWhenTheNewOneCannotBeWritten)
                   signal(SIGXFSZ, SIG_IGN);
                   const rlimit limit = {1000, 1000};
                   setrlimit(RLIMIT_FSIZE, &limit);
-                  update("b", std::string(5000, 'n').c_str());
-                  return 0;
+                  hmxConfigFile file;
+                  return file.Open(path(), hmxConfigFile::ReadWrite) &&
+                                 file.SetValue("b", std::string(5000, 'n').c_str()) && !file.CloseChecked() &&
+                                 !file.IsOpened()
+                             ? static_cast<int>(GetLastError())
+                             : 0;
               }),
-              0);
+              223); // file too large
     EXPECT_EQ(content(), old);
     EXPECT_EQ(nodes(), 1);
 }

@@ -1,7 +1,6 @@
 #include "hmxconfigfile.h"
 
 #include <algorithm>
-#include <cstring>
 #include <ios>
 #include <map>
 #include <memory>
@@ -9,8 +8,11 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <qel/base/lockfilebuf.h>
+#include <qel/platform/errortable.h>
 #include <qel/platform/pathmapping.h>
 #include <qel/xobject.h>
 
@@ -38,24 +40,109 @@ std::string_view viewOf(const char* text)
     return qelIsObject(text) ? text : std::string_view();
 }
 
+/// Opens `path` and waits for its lock. Null when that fails, with the last error set.
+std::unique_ptr<lockFileBuf> openLocked(const char* path, hmxConfigFile::OpenMode mode)
+{
+    std::string host;
+    if (!platHostPath(qelIsObject(path) ? path : nullptr, host))
+        return nullptr;
+    auto buffer = std::make_unique<lockFileBuf>();
+    const auto streamMode =
+        mode == hmxConfigFile::ReadOnly ? std::ios_base::in : std::ios_base::in | std::ios_base::out;
+    if (!buffer->Open(host.c_str(), static_cast<int>(streamMode), newFileMode))
+        return buffer;
+    platFailOn(host);
+    return nullptr;
+}
+
+/// Collects what is odd about lines.
+class Oddities
+{
+public:
+    void AddLine(std::string_view line)
+    {
+        starts.push_back(texts.size());
+        texts.append(line).push_back('\0');
+    }
+
+    /// About the line that was added last.
+    void Add(hmxConfigOddity oddity) { found.push_back({CurrentLine(), oddity, 0}); }
+    /// About a line before it.
+    void AddOverridden(long long line) { found.push_back({line, hmxOverridden, CurrentLine()}); }
+
+    void Tell(hmxConfigOddityHandler& handler)
+    {
+        std::stable_sort(found.begin(), found.end(),
+                         [](const Found& a, const Found& b) { return a.line < b.line; });
+        // A key that stands in several lines: all of them give way to the last one.
+        std::map<long long, long long> last;
+        for (auto at = found.rbegin(); at != found.rend(); ++at)
+            if (at->oddity == hmxOverridden) {
+                const auto further = last.find(at->later);
+                last[at->line] = at->later = further == last.end() ? at->later : further->second;
+            }
+        for (const Found& each : found)
+            handler.Invoke(each.oddity, each.line,
+                           texts.c_str() + starts[static_cast<std::size_t>(each.line - 1)], each.later);
+    }
+
+    long long CurrentLine() const { return static_cast<long long>(starts.size()); }
+
+private:
+    struct Found
+    {
+        long long line;
+        hmxConfigOddity oddity;
+        long long later;
+    };
+
+    std::string texts; // of all lines, each ended by a zero byte
+    std::vector<std::size_t> starts;
+    std::vector<Found> found;
+};
+
 } // namespace
 
 /// The entries, as bytes: a file may hold what is no text.
 struct hmxConfigFile::Table
 {
-    using Value = std::optional<std::string>; // nothing: null
+    struct Entry
+    {
+        std::optional<std::string> value; // nothing: null
+        long long line;                   // where it stands, or in which order it was added
+    };
 
-    std::map<std::string, Value, std::less<>> entries; // by the bytes of the keys
+    std::map<std::string, Entry, std::less<>> entries; // by the bytes of the keys
+    long long lines = 0;
+    Oddities* oddities = nullptr; // null: not asked for
 
     void AddLine(std::string_view line)
     {
+        ++lines;
+        if (oddities != nullptr)
+            oddities->AddLine(line);
         const std::size_t colon = line.find(separator);
-        std::string key = pressed(line.substr(0, std::min(colon, line.size())));
-        if (colon == std::string_view::npos || key.empty())
-            return;
-        line.remove_prefix(colon + 1);
+        if (colon == std::string_view::npos)
+            return note(hmxNoColon);
+        std::string key = pressed(line.substr(0, colon));
+        if (key.empty())
+            return note(hmxNoKey);
+        const std::string_view value = line.substr(colon + 1);
+        if (oddities != nullptr)
+            noteOddities(key, colon, value);
         // A file that this class has written is in order: each entry comes behind the last one.
-        entries.insert_or_assign(entries.end(), std::move(key), line.empty() ? Value() : Value(line));
+        entries.insert_or_assign(
+            entries.end(), std::move(key),
+            Entry{value.empty() ? std::optional<std::string>() : std::string(value), lines});
+    }
+
+    /// Sets or adds what is no line of the file.
+    void Set(std::string key, std::optional<std::string> value)
+    {
+        const auto [at, added] = entries.try_emplace(std::move(key));
+        at->second.value = std::move(value);
+        if (added)
+            at->second.line = ++lines;
     }
 
     /// False when not everything could be read.
@@ -77,18 +164,43 @@ struct hmxConfigFile::Table
             }
             rest.append(unread);
         }
-        AddLine(rest);
+        if (!rest.empty()) {
+            AddLine(rest);
+            note(hmxNoLineEnd);
+        }
         return !file.HasFailed();
     }
 
     std::string Text() const
     {
         std::string text;
-        for (const auto& [key, value] : entries) {
+        for (const auto& [key, entry] : entries) {
             text.append(key).push_back(separator);
-            text.append(value ? std::string_view(*value) : nullText).push_back('\n');
+            text.append(entry.value ? std::string_view(*entry.value) : nullText).push_back('\n');
         }
         return text;
+    }
+
+private:
+    void note(hmxConfigOddity oddity) const
+    {
+        if (oddities != nullptr)
+            oddities->Add(oddity);
+    }
+
+    /// About an entry that is not in the table yet, and whose colon stands at byte `colon` of its line.
+    void noteOddities(const std::string& key, std::size_t colon, std::string_view value) const
+    {
+        if (const auto earlier = entries.find(key); earlier != entries.end())
+            oddities->AddOverridden(earlier->second.line);
+        if (key.size() != colon)
+            note(hmxBlanksInKey);
+        if (value.empty())
+            note(hmxNoValue);
+        if (value.ends_with('\r'))
+            note(hmxCarriageReturn);
+        if (key.find('\0') != std::string::npos || value.find('\0') != std::string_view::npos)
+            note(hmxZeroByte);
     }
 };
 
@@ -108,16 +220,14 @@ bool hmxConfigFile::Open(const char* path, OpenMode openMode)
     fileName = path;
     modified = false;
     mode = openMode;
-    std::string host;
-    if (!qelIsObject(path) || !platHostPath(path, host))
-        return false;
-    auto buffer = std::make_unique<lockFileBuf>();
-    const auto streamMode = openMode == ReadOnly ? std::ios_base::in : std::ios_base::in | std::ios_base::out;
-    if (buffer->Open(host.c_str(), static_cast<int>(streamMode), newFileMode))
+    auto buffer = openLocked(path, openMode);
+    if (buffer == nullptr)
         return false;
     auto read = std::make_unique<Table>();
-    if (!read->Read(*buffer))
+    if (!read->Read(*buffer)) {
+        platFail();
         return false;
+    }
     delete table;
     table = read.release();
     lockBuffer = buffer.release();
@@ -126,25 +236,35 @@ bool hmxConfigFile::Open(const char* path, OpenMode openMode)
 
 void hmxConfigFile::Close()
 {
+    CloseChecked();
+}
+
+bool hmxConfigFile::CloseChecked()
+{
     if (lockBuffer == nullptr)
-        return;
+        return true;
+    bool kept = true;
     if (modified) {
         try {
             const std::string text = table->Text();
-            lockBuffer->Replace(text.data(), text.size());
+            kept = !lockBuffer->Replace(text.data(), text.size());
+            if (!kept)
+                platFail();
         } catch (const std::bad_alloc&) {
-            // The old content stays.
+            kept = false; // the old content stays
+            platFailWith(ERROR_NOT_ENOUGH_MEMORY);
         }
     }
     table->entries.clear();
     delete lockBuffer;
     lockBuffer = nullptr;
+    return kept;
 }
 
 xstring hmxConfigFile::GetValue(const char* key) const
 {
     const auto found = table->entries.find(pressed(viewOf(key)));
-    return found == table->entries.end() || !found->second ? xstring() : found->second->c_str();
+    return found == table->entries.end() || !found->second.value ? xstring() : found->second.value->c_str();
 }
 
 bool hmxConfigFile::SetValue(const char* key, const char* value)
@@ -152,8 +272,7 @@ bool hmxConfigFile::SetValue(const char* key, const char* value)
     std::string name = pressed(viewOf(key));
     if (!canChange() || name.empty() || hasLineFeed(name) || hasLineFeed(viewOf(value)))
         return false;
-    table->entries.insert_or_assign(std::move(name),
-                                    qelIsObject(value) ? Table::Value(value) : Table::Value());
+    table->Set(std::move(name), qelIsObject(value) ? std::optional<std::string>(value) : std::nullopt);
     modified = true;
     return true;
 }
@@ -163,5 +282,36 @@ bool hmxConfigFile::DeleteValue(const char* key)
     if (!canChange() || table->entries.erase(pressed(viewOf(key))) == 0)
         return false;
     modified = true;
+    return true;
+}
+
+xrchandle<xstringsequence> hmxConfigFile::GetKeys() const
+{
+    std::vector<std::pair<long long, const std::string*>> inOrder;
+    inOrder.reserve(table->entries.size());
+    for (const auto& [key, entry] : table->entries)
+        inOrder.emplace_back(entry.line, &key);
+    std::sort(inOrder.begin(), inOrder.end());
+    xrchandle<xstringsequence> keys(xstringsequence::create());
+    for (const auto& [line, key] : inOrder)
+        keys->append(key->c_str());
+    return keys;
+}
+
+bool hmxConfigFile::Check(const char* path, hmxConfigOddityHandler& handler)
+{
+    Oddities oddities;
+    {
+        const auto buffer = openLocked(path, ReadOnly);
+        if (buffer == nullptr)
+            return false;
+        Table table;
+        table.oddities = &oddities;
+        if (!table.Read(*buffer)) {
+            platFail();
+            return false;
+        }
+    }
+    oddities.Tell(handler);
     return true;
 }

@@ -1,8 +1,34 @@
 #pragma once
 
+#include <qel/xsequence.h>
 #include <qel/xstring.h>
 
 class lockFileBuf;
+
+/// What a line of a configuration file has that is not kept, or may not be meant.
+enum hmxConfigOddity {
+    // writing the file back drops the line:
+    hmxNoColon,    // it has no ":"
+    hmxNoKey,      // nothing but blanks stands before its first ":"
+    hmxOverridden, // a later line has the same key
+    // the line is written otherwise:
+    hmxBlanksInKey, // without them
+    hmxNoValue,     // with "nil" as its value
+    hmxNoLineEnd,   // with a line feed: it is the last line and has none
+    // the line is kept:
+    hmxCarriageReturn, // its value ends in one, as on other hosts
+    hmxZeroByte        // GetValue gives what is before it
+};
+
+/// Is told what hmxConfigFile::Check finds.
+class QEL_API hmxConfigOddityHandler
+{
+public:
+    virtual ~hmxConfigOddityHandler() = default;
+    /// Lines count from 1. `text` is the line up to a zero byte, valid during the call. `later`: the last
+    /// line with the same key, for hmxOverridden; else 0.
+    virtual void Invoke(hmxConfigOddity oddity, long long line, const char* text, long long later) = 0;
+};
 
 /// A small text file of lines `key:value`, held in memory, sorted by key, while it is open. Blanks and tabs
 /// are removed from keys wherever they stand; a value is everything behind the first ":", and case counts.
@@ -23,12 +49,15 @@ public:
     ~hmxConfigFile();
 
     /// Closes the file that is open, then opens `path` and reads it; ReadWrite creates a missing file. False
-    /// when that fails: no file is open then.
+    /// when that fails: no file is open then, and GetLastError() says why.
     bool Open(const char* path, OpenMode mode);
     /// If anything was changed, writes the file back: one line for each entry in ascending order of the keys,
     /// and nothing else. The file then holds the old content or the new, whatever happens meanwhile; when it
     /// cannot be written, the old one stays, and nobody is told. Does nothing when no file is open.
     void Close();
+    /// The same for callers who want to know: false when a change could not be written. GetLastError() says
+    /// why.
+    bool CloseChecked();
     bool IsOpened() const { return lockBuffer != nullptr; }
 
     /// Null when there is no such key, or nothing behind its ":".
@@ -39,6 +68,14 @@ public:
     bool SetValue(const char* key, const char* value);
     /// False when the file is not open for updating or has no such key.
     bool DeleteValue(const char* key);
+    /// The keys in the order of their lines; those that were added come last, in the order of adding. Empty
+    /// when no file is open.
+    xrchandle<xstringsequence> GetKeys() const;
+
+    /// Reads the file `path`, in its turn as for reading, and tells `handler` in the order of the lines what
+    /// is odd about them; of one line it may be several things. The file is free again by then. False when it
+    /// cannot be read; GetLastError() says why.
+    static bool Check(const char* path, hmxConfigOddityHandler& handler);
 
 private:
     struct Table;
