@@ -1,5 +1,6 @@
 #include <qel/platform/filecopy.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include <fcntl.h>
@@ -10,6 +11,7 @@
 namespace {
 
 constexpr std::size_t kernelStep = 1U << 30;
+constexpr std::size_t watchedStep = 8U << 20;
 constexpr std::size_t blockSize = 64 * 1024;
 constexpr mode_t permissionBits = 0777;
 
@@ -25,19 +27,6 @@ bool writeAll(int target, const char* data, std::size_t size)
     return true;
 }
 
-/// Copies from the current positions to the end of `source` by reading and writing.
-bool copyByBlocks(int source, int target)
-{
-    char block[blockSize];
-    for (;;) {
-        const ssize_t count = platRetry([&] { return read(source, block, sizeof block); });
-        if (count <= 0)
-            return count == 0;
-        if (!writeAll(target, block, static_cast<std::size_t>(count)))
-            return false;
-    }
-}
-
 /// Whether an error of a kernel copy says that these two files cannot be copied that way.
 bool isUnsupported(int error)
 {
@@ -47,71 +36,108 @@ bool isUnsupported(int error)
 
 enum class Copied { all, fewer, failed };
 
-/// Copies `size` bytes from the current positions inside the kernel; `fewer` when it gave up before.
-Copied copyInKernel(int source, int target, off_t size)
+/// The copying of the contents of one open file to another.
+class ContentsCopy
 {
-    bool byRange = true;
-    while (size > 0) {
-        const std::size_t step =
-            static_cast<std::size_t>(size) < kernelStep ? static_cast<std::size_t>(size) : kernelStep;
-        const ssize_t count = platRetry([&] {
-            return byRange ? copy_file_range(source, nullptr, target, nullptr, step, 0)
-                           : sendfile(target, source, nullptr, step);
-        });
-        if (count > 0)
-            size -= count;
-        else if (count < 0 && !isUnsupported(errno))
-            return Copied::failed;
-        else if (byRange)
-            byRange = false;
-        else
-            return Copied::fewer;
-    }
-    return Copied::all;
-}
+public:
+    ContentsCopy(int from, int to, platCopyWatcher* told) : source(from), target(to), watcher(told) {}
 
-/// Copies the runs of data of a file that has holes; the holes stay.
-bool copySparse(int source, int target, off_t size)
-{
-    off_t data = 0;
-    while (data < size) {
-        data = lseek(source, data, SEEK_DATA);
-        if (data < 0) {
-            if (errno != ENXIO)
-                return false;
-            break; // a hole up to the end
-        }
-        off_t hole = lseek(source, data, SEEK_HOLE);
-        if (hole < 0)
+    bool Run(const struct stat& status)
+    {
+        constexpr off_t blocksUnit = 512; // of st_blocks
+        if (status.st_blocks * blocksUnit < status.st_size && lseek(source, 0, SEEK_HOLE) >= 0)
+            return copySparse(status.st_size);
+        if (lseek(source, 0, SEEK_SET) < 0)
             return false;
-        if (hole > size)
-            hole = size;
-        if (lseek(source, data, SEEK_SET) < 0 || lseek(target, data, SEEK_SET) < 0)
-            return false;
-        switch (copyInKernel(source, target, hole - data)) {
-        case Copied::failed:
-            return false;
-        case Copied::fewer:
-            return copyByBlocks(source, target);
-        case Copied::all:
-            break;
-        }
-        data = hole;
+        // Files of the kernel's own (/proc) say that they are empty and are not.
+        const Copied copied = status.st_size > 0 ? copyInKernel(status.st_size) : Copied::fewer;
+        return copied == Copied::all || (copied == Copied::fewer && copyByBlocks());
     }
-    return ftruncate(target, size) == 0;
-}
 
-bool copyData(int source, const struct stat& status, int target)
-{
-    constexpr off_t blocksUnit = 512; // of st_blocks
-    if (status.st_blocks * blocksUnit < status.st_size && lseek(source, 0, SEEK_HOLE) >= 0)
-        return copySparse(source, target, status.st_size);
-    if (lseek(source, 0, SEEK_SET) < 0)
+private:
+    /// False when the watcher wants no more.
+    bool tell(off_t size) const
+    {
+        if (watcher == nullptr || size == 0 || watcher->Copied(size))
+            return true;
+        errno = ECANCELED;
         return false;
-    // Files of the kernel's own (/proc) say that they are empty and are not.
-    const Copied copied = status.st_size > 0 ? copyInKernel(source, target, status.st_size) : Copied::fewer;
-    return copied == Copied::all || (copied == Copied::fewer && copyByBlocks(source, target));
-}
+    }
+
+    /// Copies `size` bytes from the current positions inside the kernel; `fewer` when it gave up before.
+    Copied copyInKernel(off_t size) const
+    {
+        const std::size_t longest = watcher == nullptr ? kernelStep : watchedStep;
+        bool byRange = true;
+        while (size > 0) {
+            const std::size_t step = std::min(static_cast<std::size_t>(size), longest);
+            const ssize_t count = platRetry([&] {
+                return byRange ? copy_file_range(source, nullptr, target, nullptr, step, 0)
+                               : sendfile(target, source, nullptr, step);
+            });
+            if (count > 0) {
+                size -= count;
+                if (!tell(count))
+                    return Copied::failed;
+            } else if (count < 0 && !isUnsupported(errno)) {
+                return Copied::failed;
+            } else if (byRange) {
+                byRange = false;
+            } else {
+                return Copied::fewer;
+            }
+        }
+        return Copied::all;
+    }
+
+    /// Copies from the current positions to the end of the source by reading and writing.
+    bool copyByBlocks() const
+    {
+        char block[blockSize];
+        for (;;) {
+            const ssize_t count = platRetry([&] { return read(source, block, sizeof block); });
+            if (count <= 0)
+                return count == 0;
+            if (!writeAll(target, block, static_cast<std::size_t>(count)) || !tell(count))
+                return false;
+        }
+    }
+
+    /// Copies the runs of data of a file that has holes; the holes stay.
+    bool copySparse(off_t size) const
+    {
+        off_t data = 0;
+        while (data < size) {
+            const off_t before = data;
+            data = lseek(source, data, SEEK_DATA);
+            if (data < 0 && errno != ENXIO)
+                return false;
+            const bool isLast = data < 0; // a hole up to the end
+            if (!tell((isLast ? size : std::min(data, size)) - before))
+                return false;
+            if (isLast)
+                break;
+            const off_t hole = std::min(lseek(source, data, SEEK_HOLE), size);
+            if (hole < 0)
+                return false;
+            if (lseek(source, data, SEEK_SET) < 0 || lseek(target, data, SEEK_SET) < 0)
+                return false;
+            switch (copyInKernel(hole - data)) {
+            case Copied::failed:
+                return false;
+            case Copied::fewer:
+                return copyByBlocks();
+            case Copied::all:
+                break;
+            }
+            data = hole;
+        }
+        return ftruncate(target, size) == 0;
+    }
+
+    int source, target;
+    platCopyWatcher* watcher; // null: none
+};
 
 } // namespace
 
@@ -136,14 +162,15 @@ int platOpenRegular(int folder, const char* name, int flags, unsigned mode, stru
     return file.release();
 }
 
-bool platCopyContents(int source, const struct stat& status, int folder, const char* name)
+bool platCopyContents(int source, const struct stat& status, int folder, const char* name,
+                      platCopyWatcher* watcher)
 {
     // Nobody else may read it before it has the mode of the source.
     platDescriptor target(platOpenAt(folder, name, O_WRONLY | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR));
     if (!target)
         return false;
     const struct timespec times[] = {{0, UTIME_OMIT}, status.st_mtim};
-    if (copyData(source, status, target.get()) &&
+    if (ContentsCopy(source, target.get(), watcher).Run(status) &&
         fchmod(target.get(), status.st_mode & permissionBits) == 0 && futimens(target.get(), times) == 0 &&
         close(target.release()) == 0)
         return true;

@@ -202,6 +202,14 @@ platNodeKind platFolder::Kind(const char* name, platLinks links, platNodeId* id)
     return kindOf(status.st_mode);
 }
 
+long long platFolder::Size(const char* name, platLinks links) const
+{
+    struct stat status;
+    const bool known =
+        fstatat(descriptor, name, &status, links == platKeepLinks ? AT_SYMLINK_NOFOLLOW : 0) == 0;
+    return known ? status.st_size : 0;
+}
+
 bool platFolder::Create(const char* name)
 {
     return hostDone(mkdirat(descriptor, name, newFolderMode));
@@ -310,10 +318,10 @@ bool platSource::Open(const platFolder& folder, const char* name, platLinks link
     return true;
 }
 
-bool platSource::CopyTo(platFolder& folder, const char* name)
+bool platSource::CopyTo(platFolder& folder, const char* name, platCopyWatcher* watcher)
 {
     struct stat status;
     if (fstat(descriptor, &status) != 0)
         return hostDone(-1);
-    return hostDone(platCopyContents(descriptor, status, folder.descriptor, name) ? 0 : -1);
+    return hostDone(platCopyContents(descriptor, status, folder.descriptor, name, watcher) ? 0 : -1);
 }

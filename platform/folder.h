@@ -10,6 +10,8 @@
 #include <cstddef>
 #include <string>
 
+class platCopyWatcher;
+
 /// What a node is itself. `platSpecial` is a pipe, socket or device.
 enum platNodeKind { platAbsent, platFile, platDirectory, platLink, platSpecial };
 
@@ -59,6 +61,8 @@ public:
     /// What the node `name` is; platAbsent also when that cannot be found out, with the last error set. `id`,
     /// when given, receives which node it is.
     platNodeKind Kind(const char* name, platLinks links, platNodeId* id = nullptr) const;
+    /// The bytes that the file `name` holds; 0 when that cannot be found out.
+    long long Size(const char* name, platLinks links) const;
     bool Create(const char* name);
     bool DeleteFile(const char* name);
     bool RemoveFolder(const char* name);
@@ -97,8 +101,8 @@ public:
     /// Opens the file `name` of `folder`. ERROR_ACCESS_DENIED for anything but a regular file.
     bool Open(const platFolder& folder, const char* name, platLinks links);
     /// Copies contents, mode and modification time to the new file `name` of `folder`; a part of it is
-    /// removed when that fails.
-    bool CopyTo(platFolder& folder, const char* name);
+    /// removed when that fails. `watcher` may be null.
+    bool CopyTo(platFolder& folder, const char* name, platCopyWatcher* watcher = nullptr);
 
 private:
     int descriptor = -1;

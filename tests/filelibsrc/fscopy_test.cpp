@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <qel/filelib.h>
 
 #include <fcntl.h>
@@ -232,6 +234,92 @@ TEST_F(Copying, RefusesPipesWithoutWaitingAndKeepsWhatIsCopied)
     EXPECT_EQ(copy("X:/from", "X:/to"), refused(9, "X:\\from\\pipe"));
     EXPECT_EQ(copy("X:/from/pipe", "X:/other"), refused(9, "X:\\from\\pipe"));
     EXPECT_TRUE(dir.has("to"));
+}
+
+// ---- progress
+
+namespace {
+
+/// Keeps what it is told, and ends the copy at the call `last`.
+class Watch : public fsProgressHandler
+{
+public:
+    explicit Watch(std::size_t last = 1000000) : lastCall(last) {}
+
+    bool Invoke(const char* path, double done, double total) override
+    {
+        paths.emplace_back(path);
+        steps.push_back(done - (paths.size() == 1 ? 0 : lastDone));
+        lastDone = done;
+        lastTotal = total;
+        return paths.size() < lastCall;
+    }
+
+    std::vector<std::string> paths;
+    std::vector<double> steps;
+    double lastDone = 0, lastTotal = 0;
+
+private:
+    std::size_t lastCall;
+};
+
+constexpr std::size_t mebibyte = 1 << 20;
+
+} // namespace
+
+TEST_F(Copying, TellsHowItGetsOn)
+{
+    dir.write("from/deep/small", "12345");
+    dir.write("from/large", std::string(20 * mebibyte, 'l'));
+    dir.write("outside", "123");
+    dir.link("../outside", "from/link");
+    dir.link(".", "from/deep/back");
+    Watch watch;
+    fsCopy("X:/from", "X:/to", fsForceNew, fsNewLink, fsSimple, watch);
+
+    EXPECT_EQ(shape("to"), shape("from"));
+    EXPECT_EQ(watch.lastTotal, 20.0 * mebibyte + 5);
+    EXPECT_EQ(watch.lastDone, watch.lastTotal);
+    EXPECT_EQ(std::count(watch.paths.begin(), watch.paths.end(), "X:\\from\\large"), 3);
+    EXPECT_EQ(std::count(watch.paths.begin(), watch.paths.end(), "X:\\from\\deep\\small"), 1);
+    EXPECT_LE(*std::max_element(watch.steps.begin(), watch.steps.end()), 8.0 * mebibyte);
+
+    Watch followed; // what the links lead to counts
+    std::filesystem::remove(dir.path("from/deep/back"));
+    fsCopy("X:/from", "X:/expanded", fsForceNew, fsExpand, fsSimple, followed);
+    EXPECT_EQ(followed.lastTotal, 20.0 * mebibyte + 8);
+    EXPECT_EQ(followed.lastDone, followed.lastTotal);
+}
+
+TEST_F(Copying, CountsHolesAsCopied)
+{
+    dir.write("holes", "begin");
+    std::filesystem::resize_file(dir.path("holes"), 100 * mebibyte);
+    Watch watch;
+    fsCopy("X:/holes", "X:/copy", fsMerge, fsNewLink, fsSimple, watch);
+    EXPECT_EQ(watch.lastDone, 100.0 * mebibyte);
+    EXPECT_EQ(watch.lastTotal, 100.0 * mebibyte);
+    EXPECT_EQ(std::filesystem::file_size(dir.path("copy")), 100 * mebibyte);
+}
+
+TEST_F(Copying, EndsWhenItIsToldTo)
+{
+    dir.write("large", std::string(20 * mebibyte, 'l'));
+    Watch watch(2);
+    const Raised raised =
+        raisedBy([&] { fsCopy("X:/large", "X:/copy", fsMerge, fsNewLink, fsSimple, watch); });
+    EXPECT_EQ(raised, refused(10, "X:\\large")); // signal
+    EXPECT_EQ(watch.paths.size(), 2u);
+    EXPECT_FALSE(dir.has("copy"));
+
+    dir.write("tree/a", "1");
+    dir.write("tree/b", "2");
+    Watch first(1);
+    EXPECT_EQ(raisedBy([&] { fsCopy("X:/tree", "X:/copies", fsMerge, fsNewLink, fsSimple, first); }).code,
+              10);
+    const std::filesystem::directory_iterator copies(dir.path("copies"));
+    EXPECT_EQ(std::distance(begin(copies), end(copies)), 1); // what was complete stays
+    EXPECT_EQ(copy("X:/large", "X:/copy"), done);
 }
 
 TEST_F(Copying, StopsAtAPathThatIsTooLong)

@@ -65,6 +65,22 @@ QEL_API void fsRename(const char* path, const char* newName);
 QEL_API void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode,
                     fsSoftLinkCopyMode linkMode, fsOpMode mode);
 
+/// Is told how a long copy gets on.
+class QEL_API fsProgressHandler
+{
+public:
+    virtual ~fsProgressHandler() = default;
+    /// `done` of `total` bytes have been copied; a hole in a file counts. `path` is the file that is being
+    /// copied, in native form and valid during the call. False ends the copy. Must not throw.
+    virtual bool Invoke(const char* path, double done, double total) = 0;
+};
+
+/// The same, and tells `progress` after each file and after each 8 MiB of a file. The sizes are added up
+/// before the copy begins; `done` runs past them when files grow meanwhile.
+/// @throws fsXSignal  `progress` ended it; a file that was copied in part has been removed
+QEL_API void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode,
+                    fsSoftLinkCopyMode linkMode, fsOpMode mode, fsProgressHandler& progress);
+
 /// Both always throw fsXLinksNotSupported.
 QEL_API xstring fsReadLink(const char* path);
 QEL_API void fsCreateSoftLink(const char* target, const char* link, fsOpMode mode);

@@ -1,9 +1,11 @@
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <qel/platform/errortable.h>
+#include <qel/platform/filecopy.h>
 #include <qel/platform/folder.h>
 #include <qel/platform/pathmapping.h>
 
@@ -73,14 +75,91 @@ struct Source
     platLinks links = platKeepLinks;
 };
 
+/// Adds up the sizes of the files that are to be copied, as far as they can be found out.
+class Measure
+{
+public:
+    explicit Measure(fsSoftLinkCopyMode mode) : linkMode(mode) {}
+
+    void Add(Source source)
+    {
+        if (source.kind == platLink && linkMode == fsExpand) {
+            source.links = platFollowLinks;
+            source.kind = source.folder.Kind(source.name, platFollowLinks);
+        }
+        if (source.kind == platFile)
+            total += static_cast<double>(source.folder.Size(source.name, source.links));
+        else if (source.kind == platDirectory)
+            addDirectory(source);
+    }
+
+    double Total() const { return total; }
+
+private:
+    void addDirectory(const Source& source)
+    {
+        platFolder folder;
+        if (entered.size() == deepest || !folder.Open(source.folder, source.name, source.links))
+            return;
+        if (std::find(entered.begin(), entered.end(), folder.Id()) != entered.end())
+            return;
+        entered.push_back(folder.Id());
+        platEntry entry;
+        while (folder.Read(entry))
+            Add({folder, entry.hostName, entry.kind});
+        entered.pop_back();
+    }
+
+    static constexpr std::size_t deepest = MAX_PATH / 2; // each level takes two characters of a path
+
+    fsSoftLinkCopyMode linkMode;
+    double total = 0;
+    std::vector<platNodeId> entered; // the directories on the way
+};
+
+/// Passes on how a copy gets on.
+class Progress : public platCopyWatcher
+{
+public:
+    Progress(fsProgressHandler& told, const fsNativePath& current) : handler(told), path(current) {}
+
+    void SetTotal(double bytes) { total = bytes; }
+    bool IsEnded() const { return ended; }
+
+    bool Copied(off_t size) override
+    {
+        done += static_cast<double>(size);
+        // The end of a file is told when the file is complete.
+        return (unheard += size) < step || Tell();
+    }
+    bool Tell()
+    {
+        unheard = 0;
+        ended = !handler.Invoke(path.text(), done, total);
+        return !ended;
+    }
+
+private:
+    static constexpr off_t step = 8 << 20;
+
+    fsProgressHandler& handler;
+    const fsNativePath& path;
+    double done = 0, total = 0;
+    off_t unheard = 0;
+    bool ended = false;
+};
+
 /// One copy. The paths are those of the nodes at hand, for the exceptions; the work is done on directories
 /// that are held open.
 class Copy
 {
 public:
-    Copy(const fsNativePath& from, const fsNativePath& to, fsSoftLinkCopyMode mode)
+    /// `told` may be null.
+    Copy(const fsNativePath& from, const fsNativePath& to, fsSoftLinkCopyMode mode, fsProgressHandler* told)
         : sourcePath(from), targetPath(to), linkMode(mode)
     {
+        if (told != nullptr)
+            progress.emplace(*told, sourcePath);
     }
 
     void Run()
@@ -94,6 +173,11 @@ public:
         }
         if (!resolve(top))
             return;
+        if (progress) {
+            Measure measure(linkMode);
+            measure.Add(top);
+            progress->SetTotal(measure.Total());
+        }
         if (!to.OpenParent(targetPath.text(), newName)) {
             if (top.kind != platDirectory)
                 raiseLast(sourcePath);
@@ -151,8 +235,11 @@ private:
             raiseLast(sourcePath);
         if (present != platAbsent && !to.DeleteFile(newName))
             raiseLast(targetPath);
-        const bool copied = source.kind == platFile ? file.CopyTo(to, newName)
-                                                    : source.folder.CopyLink(source.name, to, newName);
+        const bool copied = source.kind == platFile
+                                ? file.CopyTo(to, newName, progress ? &*progress : nullptr)
+                                : source.folder.CopyLink(source.name, to, newName);
+        if (copied ? progress && !progress->Tell() : progress && progress->IsEnded())
+            raise(fsSignal, sourcePath);
         if (!copied)
             raiseLast(sourcePath);
     }
@@ -204,7 +291,8 @@ private:
 
     fsNativePath sourcePath, targetPath;
     fsSoftLinkCopyMode linkMode;
-    std::vector<platNodeId> entered; // the source directories that are being copied
+    std::optional<Progress> progress; // when somebody wants to know
+    std::vector<platNodeId> entered;  // the source directories that are being copied
 };
 
 /// What is at the path itself: a link is a link.
@@ -244,10 +332,9 @@ bool meetItself(const fsNativePath& from, const fsNativePath& to, fsSoftLinkCopy
                                 (isHeldBy(from, platKeepLinks, target) || isHeldBy(from, links, target)));
 }
 
-} // namespace
-
-void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode, fsSoftLinkCopyMode linkMode,
-            fsOpMode mode)
+/// `progress` may be null.
+void copy(const char* from, const char* to, fsRecursiveCopyMode copyMode, fsSoftLinkCopyMode linkMode,
+          fsOpMode mode, fsProgressHandler* progress)
 {
     fsNativePath nativeFrom, nativeTo;
     const char* const source = fsCheckTwoPaths(nativeFrom, from, nativeTo, to, function);
@@ -266,5 +353,19 @@ void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode, fsSo
             raise(fsInvalidPath, nativeFrom);
         fsRemoveNode(nativeTo.text(), true, function);
     }
-    Copy(nativeFrom, nativeTo, linkMode).Run();
+    Copy(nativeFrom, nativeTo, linkMode, progress).Run();
+}
+
+} // namespace
+
+void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode, fsSoftLinkCopyMode linkMode,
+            fsOpMode mode)
+{
+    copy(from, to, copyMode, linkMode, mode, nullptr);
+}
+
+void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode, fsSoftLinkCopyMode linkMode,
+            fsOpMode mode, fsProgressHandler& progress)
+{
+    copy(from, to, copyMode, linkMode, mode, &progress);
 }
