@@ -136,6 +136,10 @@ TEST(Descriptors, OfStructuresFindAttributes)
     EXPECT_EQ(namesOf(qelRttiCollectAttrs(type, 1)), "One Two Three Two Four ");
     EXPECT_EQ(namesOf(qelRttiCollectAttrs(type, 0)), "Two Four ");
 
+    xrttistruct* const side = makeStruct("test::Side", {base}, {"Five"});
+    xrttistruct* const diamond = makeStruct("test::Diamond", {middle, side}, {"Six"});
+    EXPECT_EQ(namesOf(qelRttiCollectAttrs(diamond, 1)), "One Two Three One Two Five Six ");
+
     xrttistruct* const odd =
         makeStruct("test::Odd", {xrttiobject::cast(xintsequence::getClassRtti())}, {"One"});
     EXPECT_EQ(odd->findAttr("One", 1), odd->getAttr(0));
@@ -191,6 +195,22 @@ TEST(Descriptors, OfUnionsMapLabelsToMembers)
     EXPECT_EQ(open->mapLabelToAttr(xany(2.0), 0), nullptr);
     EXPECT_EQ(open->getLabel(2), xnullint);
     EXPECT_EQ(open->getAttr(2), nullptr);
+}
+
+TEST(Descriptors, OfUnionsTakeALabelWithoutMemberForAnAnswer)
+{
+    static xrttiattr* members[] = {new xrttiattr("One", qelGetRtti_int(), 0, nullptr)};
+    static xrttiattr* none[] = {nullptr};
+    static int labels[] = {1};
+    auto* const base = kept(new xrttiunion);
+    base->initialize("test::Full", 1, 0, nullptr, members[0], 1, labels, members, members[0]);
+    static xrttiobject* parents[] = {base};
+    auto* const derived = kept(new xrttiunion);
+    derived->initialize("test::Void", 1, 1, parents, members[0], 1, labels, none, nullptr);
+
+    EXPECT_EQ(derived->mapLabelToAttr(1, 0), nullptr);
+    EXPECT_EQ(derived->mapLabelToAttr(1, 1), nullptr);
+    EXPECT_EQ(derived->mapLabelToAttr(2, 1), members[0]);
 }
 
 TEST(Registry, GivesTheLastOfAName)

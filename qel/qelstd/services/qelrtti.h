@@ -26,7 +26,8 @@ QEL_API void* qelRttiGetUserData(xrtti* type, const char* key);
 QEL_API void* qelRttiGetUserData(const char* typeName, const char* key);
 
 /// Appends the attributes of `type` to `out`: with `inherited`, those of its parents first, the most basic
-/// class's first of all. The attributes are not owned by the list.
+/// class's first of all; those of a base that is reached in several ways come once for each. The attributes
+/// are not owned by the list.
 /// @throws qelXTypeMismatch  a parent of a structure is no structure
 QEL_API void qelRttiCollectAttrs(xrttistruct* type, unsigned char inherited, xrttiattrseq* out);
 /// The same into a new list, which the caller frees with xdelete.

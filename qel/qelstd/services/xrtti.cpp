@@ -391,13 +391,25 @@ xrttiattr* xrttiunion::mapLabelToAttr(xany label, unsigned char inherited)
 
 xrttiattr* xrttiunion::mapLabelToAttr(int label, unsigned char inherited)
 {
-    if (inherited) {
+    xrttiattr* member = nullptr;
+    if (!inherited) {
+        hasLabel(label, &member);
+    } else {
         xrttiancestors ancestors(
-            [=](xrttiobject* type) { return xrttiunion::cast(type)->mapLabelToAttr(label, 0); });
-        return ancestors.answer(this);
+            [&](xrttiobject* type) { return xrttiunion::cast(type)->hasLabel(label, &member); });
+        ancestors.answer(this);
     }
-    for (int i = 0; i < nLabels; ++i)
-        if (labels[i] == label)
-            return attrs[i];
-    return defaultAttr;
+    return member;
+}
+
+bool xrttiunion::hasLabel(int label, xrttiattr** member)
+{
+    for (int i = 0; i < nLabels; ++i) {
+        if (labels[i] == label) {
+            *member = attrs[i];
+            return true;
+        }
+    }
+    *member = defaultAttr;
+    return defaultAttr != nullptr;
 }

@@ -251,7 +251,7 @@ public:
     virtual int getNLabels();
     /// The i-th label, or xnullint.
     virtual int getLabel(int i);
-    /// The member of the i-th label, or null.
+    /// The member of the i-th label, or null; a label may have none.
     virtual xrttiattr* getAttr(int i);
     /// The member for labels that are not listed, or null.
     virtual xrttiattr* getDefaultAttr();
@@ -262,6 +262,10 @@ public:
     virtual xrttiattr* mapLabelToAttr(int label, unsigned char inherited);
 
 private:
+    /// Whether this class itself has a member for `label`, or says that there is none, as for a label without
+    /// a value.
+    bool hasLabel(int label, xrttiattr** member);
+
     xrttiattr* discr = nullptr;
     int nLabels = 0;
     int* labels = nullptr;
