@@ -1,0 +1,128 @@
+// Arbitrary bytes as what a client sends to a versioned server, which answers as its first byte asks and
+// serves the next one; and as what a server answers, upon which each call of a client ends as documented.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "support/testserver.h"
+#include <qel/netexception.h>
+#include <qel/netserver.h>
+
+namespace {
+
+constexpr btkTimeval limit(5, 0);
+const std::string version("\1\x1bQEL netServer Version 0.99\0", 29);
+
+netServerLoopAction readAll(netSocketStream* accepted)
+{
+    const Owned<netSocketStream> stream(accepted);
+    try {
+        for (;;)
+            stream->ReadInt();
+    } catch (xthrowable* end) {
+        xdelete(end);
+    }
+    return netServerContinue;
+}
+
+std::string answerTo(int port, const std::string& bytes)
+{
+    btkStreamSocket socket;
+    if (!socket.Connect(nullptr, port, limit))
+        std::abort();
+    socket.SetRecvLimit(limit);
+    socket.Send(bytes.data(), bytes.size());
+    socket.ShutdownOutput();
+    std::string answer(100, '\0');
+    answer.resize(socket.RecvAll(answer.data(), answer.size()));
+    return answer;
+}
+
+void askServer(const std::string& bytes)
+{
+    static RequestHandler handler(&readAll);
+    static ServedInThread served([] {
+        netServer* const server = netServer::Create(nullptr, 0);
+        server->setOnRequest(&handler);
+        return server;
+    }());
+    if (bytes.empty() || bytes[0] == 3) // ends the server
+        return;
+    const std::string answer = answerTo(served.getPort(), bytes);
+    const std::string whole = bytes[0] == 0 || bytes[0] == 1 ? "\1" : bytes[0] == 2 ? version : "";
+    // A server that closes with bytes unread resets the connection, which may overtake what it sent.
+    if (answer.size() > whole.size() || whole.compare(0, answer.size(), answer) != 0)
+        std::abort();
+    if (answerTo(served.getPort(), "\2") != version)
+        std::abort();
+}
+
+// The bytes are the answer; `expected` is what the call should make of them.
+template<typename Call>
+void askAs(const std::string& bytes, Call call)
+{
+    static btkAcceptSocket door;
+    if (!door.IsOpen() && !door.Listen(0, "127.0.0.1"))
+        std::abort();
+    std::thread server([&] {
+        btkStreamSocket client;
+        if (door.Wait(limit, 1) != 1 || !door.Accept(&client))
+            std::abort();
+        client.SetRecvLimit(limit);
+        char code = 0;
+        if (client.RecvAll(&code, 1) != 1)
+            std::abort();
+        client.Send(bytes.data(), bytes.size());
+    });
+    const xrchandle<netAddress> address(netAddress::Create(door.GetPortN(), nullptr));
+    const bool isAdmitted = !bytes.empty() && bytes[0] == 1;
+    bool isRefused = false;
+    try {
+        call(address.get(), isAdmitted);
+    } catch (xthrowable* thrown) {
+        isRefused = netXException::softcast(thrown) != nullptr &&
+                    netXException::softcast(thrown)->getError() == netConnectionRefused;
+        xdelete(thrown);
+        if (!isRefused || isAdmitted)
+            std::abort();
+    }
+    server.join();
+}
+
+void answerClients(const std::string& bytes)
+{
+    askAs(bytes, [&](netAddress* address, bool isAdmitted) {
+        if (static_cast<bool>(netServer::IsAlive(address)) != (bytes.empty() || isAdmitted))
+            std::abort();
+    });
+    askAs(bytes, [&](netAddress* address, bool isAdmitted) {
+        const Owned<netSocketStream> stream(netServer::Connect(address, 5.0));
+        if ((stream != nullptr) != isAdmitted)
+            std::abort();
+    });
+    askAs(bytes, [&](netAddress* address, bool) {
+        const xstring text = netServer::GetVersion(address);
+        const std::size_t most = bytes.size() > 2 ? bytes.size() - 2 : 0;
+        if (std::strlen(text.CastToCString()) > most)
+            std::abort();
+    });
+    askAs(bytes, [&](netAddress* address, bool) { netServer::Shutdown(address); });
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    if (size == 0 || size > 4096)
+        return 0;
+    const std::string bytes(reinterpret_cast<const char*>(data + 1), size - 1);
+    if (data[0] % 2 == 0)
+        askServer(bytes);
+    else
+        answerClients(bytes);
+    return 0;
+}
