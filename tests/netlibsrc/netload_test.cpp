@@ -1,0 +1,212 @@
+#include <qel/xnetlib.h>
+
+#include <atomic>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include "support/descriptors.h"
+#include "support/longrun.h"
+#include "support/nameserver.h"
+#include "support/testserver.h"
+#include <qel/xiolib.h>
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool memoryIsMine = false; // the sanitizer keeps what is freed
+#else
+constexpr bool memoryIsMine = true;
+#endif
+
+long residentKiB()
+{
+    std::ifstream pages("/proc/self/statm");
+    long whole = 0;
+    long resident = 0;
+    pages >> whole >> resident;
+    return resident * 4;
+}
+
+// Lets the soft limit of descriptors be at least `count` while it lives.
+class DescriptorRoom
+{
+public:
+    explicit DescriptorRoom(rlim_t count)
+    {
+        getrlimit(RLIMIT_NOFILE, &before);
+        rlimit more = before;
+        more.rlim_cur = std::max(before.rlim_cur, std::min(before.rlim_max, count));
+        setrlimit(RLIMIT_NOFILE, &more);
+        isThere = more.rlim_cur >= count;
+    }
+    ~DescriptorRoom() { setrlimit(RLIMIT_NOFILE, &before); }
+    DescriptorRoom(const DescriptorRoom&) = delete;
+    DescriptorRoom& operator=(const DescriptorRoom&) = delete;
+
+    bool isThere = false;
+
+private:
+    rlimit before;
+};
+
+// Answers the sum of the integers that come before a zero; odd sizes by threads.
+netServerLoopAction sum(netSocketStream& stream)
+{
+    int total = 0;
+    for (int value = stream.ReadInt(); value != 0; value = stream.ReadInt())
+        total += value;
+    stream.WriteInt(total);
+    stream.Flush(1);
+    return netServerContinue;
+}
+
+RequestHandler atOnceOrSpawn([](netSocketStream* stream) {
+    if (stream->ReadInt() != 0)
+        return netSpawnAsyncServer;
+    const Owned<netSocketStream> owned(stream);
+    return sum(*stream);
+});
+
+AsyncHandler byThread([](netSocketStream* stream, evtEvent*) {
+    const Owned<netSocketStream> owned(stream);
+    return sum(*stream);
+});
+
+netServer* makeServer(const char* name)
+{
+    netServer* const server = netServer::Create(name, 0);
+    server->setOnRequest(&atOnceOrSpawn);
+    server->setOnAsyncRequest(&byThread);
+    return server;
+}
+
+bool isServed(netAddress* address, int spawn, int size)
+{
+    const Owned<netSocketStream> stream(netServer::Connect(address, INFINITE));
+    if (stream == nullptr)
+        return false;
+    stream->WriteInt(spawn);
+    for (int i = 1; i <= size; ++i)
+        stream->WriteInt(i);
+    stream->WriteInt(0);
+    return stream->ReadInt() == size * (size + 1) / 2;
+}
+
+} // namespace
+
+TEST(netServerLoad, SixtyFourClientsLoseNothing)
+{
+    const long before = openDescriptors();
+    {
+        const TestNameServer names;
+        ServedInThread served(makeServer("summing"));
+        const auto runClients = [](double seconds) {
+            std::atomic<int> lost = 0;
+            std::atomic<int> done = 0;
+            std::vector<std::thread> clients;
+            for (int client = 0; client < 64; ++client) {
+                clients.emplace_back([&lost, &done, client, seconds] {
+                    const btkTimeval end = btkTimeval::Now() + btkTimeval(seconds);
+                    for (int turn = 0; btkTimeval::Now() < end; ++turn) {
+                        const xrchandle<netAddress> address(netAddress::Create("summing", nullptr));
+                        try {
+                            lost += !isServed(address.get(), (client + turn) % 2, (client * 7 + turn) % 3000);
+                        } catch (xthrowable* failure) {
+                            ++lost;
+                            xdelete(failure);
+                        }
+                        ++done;
+                    }
+                });
+            }
+            for (std::thread& client : clients)
+                client.join();
+            EXPECT_EQ(lost, 0) << "of " << done;
+            EXPECT_GT(done, 64);
+        };
+        runClients(1);
+        const long warm = residentKiB();
+        runClients(ofALongRun(1.0, 60.0));
+        if (memoryIsMine) {
+            EXPECT_LT(residentKiB() - warm, 4096);
+        }
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(netServerLoad, ManyRequestsAtOnceTakeLittleEachAndAreCollected)
+{
+    const int count = ofALongRun(200, 1000);
+    const DescriptorRoom room(static_cast<rlim_t>(6 * count + 100));
+    if (!room.isThere)
+        GTEST_SKIP() << "too few descriptors for this";
+    const long before = openDescriptors();
+    {
+        ServedInThread served(makeServer(nullptr));
+        const xrchandle<netAddress> address = served.address();
+        ASSERT_TRUE(isServed(address.get(), 1, 1));
+        const long idle = residentKiB();
+        std::vector<Owned<netSocketStream>> clients;
+        for (int i = 0; i < count; ++i) {
+            clients.emplace_back(netServer::Connect(address.get(), INFINITE));
+            ASSERT_NE(clients.back(), nullptr);
+            clients.back()->WriteInt(1);
+            clients.back()->WriteInt(i + 1);
+            clients.back()->Flush(1);
+        }
+        ASSERT_TRUE(isServed(address.get(), 1, 10)); // all that came before are being served
+        if (memoryIsMine) {                          // both ends, and what is touched of a stack
+            EXPECT_LT((residentKiB() - idle) / count, 64);
+        }
+        for (int i = 0; i < count; ++i) {
+            clients[static_cast<std::size_t>(i)]->WriteInt(0);
+            EXPECT_EQ(clients[static_cast<std::size_t>(i)]->ReadInt(), i + 1);
+        }
+        clients.clear();
+        // What has ended is collected while the server goes on.
+        const btkTimeval end = btkTimeval::Now() + btkTimeval(20, 0);
+        while (openDescriptors() > before + 10 && btkTimeval::Now() < end)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        EXPECT_LT(openDescriptors(), before + 10);
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(netServerLoad, EndsSoonWhateverItsClientsDo)
+{
+    const long before = openDescriptors();
+    {
+        Owned<netServer> server(makeServer(nullptr));
+        AsyncHandler waiting([](netSocketStream* stream, evtEvent* stop) {
+            const Owned<netSocketStream> owned(stream);
+            EXPECT_TRUE(stop->Wait(30.0));
+            return netServerContinue;
+        });
+        server->setOnAsyncRequest(&waiting);
+        const xrchandle<netAddress> address(netAddress::Create(server->getPortN(), nullptr));
+        std::thread clients([&] {
+            std::vector<btkStreamSocket> silent(120);
+            for (btkStreamSocket& one : silent)
+                EXPECT_TRUE(one.Connect(nullptr, server->getPortN(), btkTimeval(10, 0)));
+            std::vector<Owned<netSocketStream>> spawned;
+            for (int i = 0; i < 5; ++i) {
+                spawned.emplace_back(netServer::Connect(address.get(), INFINITE));
+                spawned.back()->WriteInt(1);
+                spawned.back()->Flush(1);
+            }
+            const btkTimeval start = btkTimeval::Now();
+            netServer::Shutdown(address.get());
+            char byte = 0;
+            silent.back().Recv(&byte, 1); // the end, once the server is gone
+            EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 1.0);
+        });
+        server->Run();
+        server.reset();
+        clients.join();
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
