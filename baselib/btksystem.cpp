@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 
+#include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -68,4 +69,16 @@ std::string Error_GetText(unsigned long number)
 {
     char buffer[256] = "";
     return strerror_r(static_cast<int>(number), buffer, sizeof buffer);
+}
+
+btkFd btkAwaitTermination()
+{
+    sigset_t awaited;
+    sigemptyset(&awaited);
+    sigaddset(&awaited, SIGTERM);
+    sigaddset(&awaited, SIGINT);
+    btkFd signals(signalfd(-1, &awaited, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (signals)
+        pthread_sigmask(SIG_BLOCK, &awaited, nullptr);
+    return signals;
 }

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include <qel/base/baseexport.h>
+#include <qel/base/btkfd.h>
 
 /// The machine and the operating system that this library was built for, such as "x86_64" and "linux".
 extern BASE_API const char* const ZUN_MACHINE_TYPE;
@@ -23,3 +23,9 @@ BASE_API bool Putenv(const char* name, const char* value);
 /// text for a number.
 BASE_API unsigned long Error_GetLast();
 BASE_API std::string Error_GetText(unsigned long number);
+
+/// For programs that end in order when they are told to: from now on SIGTERM and SIGINT do nothing to the
+/// calling thread and to those that it starts; the descriptor becomes readable when one of them has come. To
+/// be called before there are other threads. Owns nothing, with the reason in errno, when the host has no
+/// descriptor left.
+BASE_API btkFd btkAwaitTermination();

@@ -2,14 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <new>
 #include <poll.h>
 
 #include <qel/base/btkevent.h>
+#include <qel/base/btksystem.h>
 
 #include "btkpoll_p.h"
-#include <sys/signalfd.h>
 #include <sys/socket.h>
 
 namespace {
@@ -68,12 +67,7 @@ nmsServer::~nmsServer()
 bool nmsServer::Listen()
 {
     if (options.untilSignal) {
-        sigset_t awaited;
-        sigemptyset(&awaited);
-        sigaddset(&awaited, SIGTERM);
-        sigaddset(&awaited, SIGINT);
-        pthread_sigmask(SIG_BLOCK, &awaited, nullptr);
-        signals.Reset(signalfd(-1, &awaited, SFD_CLOEXEC | SFD_NONBLOCK));
+        signals = btkAwaitTermination();
         if (!signals)
             return false;
     }
