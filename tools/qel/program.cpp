@@ -5,11 +5,12 @@
 
 void AddNameServiceCommands(CLI::App& program); // ns.cpp
 void AddServerCommands(CLI::App& program);      // server.cpp
+void AddRemoteShellCommands(CLI::App& program); // rsh.cpp
 
 namespace {
 
 // In the order in which the help names them.
-constexpr AddCommands groups[] = {&AddNameServiceCommands, &AddServerCommands};
+constexpr AddCommands groups[] = {&AddNameServiceCommands, &AddServerCommands, &AddRemoteShellCommands};
 
 } // namespace
 

@@ -1,0 +1,359 @@
+// qel rsh and qel rshd: a command at another machine, and the server that runs it.
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include <qel/base/btkcmdline.h>
+#include <qel/base/btksystem.h>
+#include <qel/base/nethandshake.h>
+#include <qel/hmxregistry.h>
+#include <qel/netaddress.h>
+#include <qel/netrights.h>
+#include <qel/netserver.h>
+#include <qel/pcinterrupt.h>
+#include <qel/rshprocess.h>
+#include <qel/rshserver.h>
+
+namespace {
+
+constexpr int usualPort = 1240;
+constexpr const char* usualName = "rshd";
+
+template<class T>
+using Owned = std::unique_ptr<T, qelDelete>;
+
+// ---- asking
+
+struct AskChoices
+{
+    std::string host;
+    std::string name; // empty: the port is known
+    int port = usualPort;
+    double seconds = 10;
+    std::string directory;
+    bool useShell = false;
+    bool hasNoInput = false;
+};
+
+Owned<netSocketStream> Connect(const AskChoices& choices)
+{
+    const xrchandle<netAddress> address(choices.name.empty()
+                                            ? netAddress::Create(choices.port, choices.host.c_str())
+                                            : netAddress::Create(choices.name.c_str(), choices.host.c_str()));
+    try {
+        Owned<netSocketStream> stream(netServer::Connect(address.get(), choices.seconds));
+        if (stream != nullptr)
+            return stream;
+    } catch (xthrowable* thrown) {
+        throw FailureOf(thrown, Exit::peer, choices.host);
+    }
+    Fail(Exit::peer, choices.host + ", port " + std::to_string(address->getPortN()), "no answer");
+}
+
+// The line from which the server gets the words back; for a shell, as the user wrote it.
+std::string LineOf(const std::vector<std::string>& words, bool useShell)
+{
+    std::string line;
+    for (const std::string& word : words)
+        line += (line.empty() ? "" : " ") + (useShell ? word : btkQuoteWord(word));
+    return line;
+}
+
+Owned<rshProcess> Start(const AskChoices& choices, const std::vector<std::string>& words,
+                        netSocketStream& connection)
+{
+    ioStream* const in = choices.hasNoInput ? nullptr : ioStream::getStdin();
+    Owned<rshProcess> process;
+    try {
+        process.reset(rshProcess::Create(&connection, LineOf(words, choices.useShell).c_str(),
+                                         choices.directory.c_str(), in, ioStream::getStdout(),
+                                         ioStream::getStderr(), choices.useShell ? 1 : 0, 0));
+        if (process != nullptr && choices.hasNoInput)
+            process->getStdin()->Close();
+    } catch (xthrowable* thrown) {
+        const bool isAnswer = rshXProcess::softcast(thrown) != nullptr;
+        throw FailureOf(thrown, Exit::peer, isAnswer ? words.front() : choices.host);
+    }
+    if (process == nullptr)
+        Fail(Exit::peer, "", "no thread is left");
+    return process;
+}
+
+// Hands the user's interrupts on until the command has ended. False when nobody takes its output any more: it
+// has been ended then.
+bool Attend(rshProcess& process)
+{
+    const Owned<rshEvent> end(process.ExitEvent());
+    const Owned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
+    btkEvent outputFailure(new btkSelectEvent(1, 2)); // a pipe without a reader counts as that
+    btkEvent::List events = {end.get(), interrupt.get(), &outputFailure};
+    bool isTaken = true;
+    while (process.IsRunning() != 0) {
+        btkEvent::Wait(events, btkTimeval::Forever());
+        if (interrupt != nullptr && interrupt->WasSignaled()) {
+            pcInterruptEvent::Reset();
+            process.Interrupt();
+        }
+        if (isTaken && outputFailure.WasSignaled()) {
+            isTaken = false;
+            events.pop_back();
+            process.Terminate();
+        }
+    }
+    return isTaken;
+}
+
+void Ask(const AskChoices& choices, const std::vector<std::string>& words)
+{
+    if (words.empty())
+        Fail(Exit::usage, "COMMAND", "what is to be run?");
+    const Owned<netSocketStream> connection = Connect(choices);
+    const Owned<rshProcess> process = Start(choices, words, *connection);
+    if (!Attend(*process))
+        throw CommandFailed{};
+    const int code = process->GetExitCode();
+    if (code == xnullint)
+        Fail(Exit::peer, choices.host, "the connection was lost, or the server ended the command");
+    if (code != 0)
+        throw CommandFailed{static_cast<Exit>(code), "", ""};
+}
+
+void AddAsk(CLI::App& program)
+{
+    const auto choices = std::make_shared<AskChoices>();
+    CLI::App& ask = AddCommand(program, "rsh",
+                               "Run a command at another machine, by the server `qel rshd` there", nullptr);
+    ask.callback([choices, &ask] { Ask(*choices, ask.remaining()); });
+    ask.add_option("host", choices->host, "Machine of the server")->type_name("HOST")->required();
+    // For the help alone: it takes nothing, so what follows HOST stays together as it was given.
+    ask.validate_positionals();
+    ask.prefix_command();
+    ask.add_option("command", "Program to run there, and its arguments, each of which arrives as it is")
+        ->type_name("COMMAND")
+        ->expected(0, 1 << 20)
+        ->check([](const std::string&) { return std::string("taken as it is"); });
+    ask.add_option("--port", choices->port, "Port of the server")
+        ->type_name("PORT")
+        ->check(CLI::Range(1, 65535))
+        ->capture_default_str();
+    ask.add_option("--name", choices->name,
+                   "Ask the name server of HOST for the port of the server NAME instead")
+        ->type_name("NAME");
+    ask.add_option("--limit", choices->seconds, "Time to wait for the connection")
+        ->type_name("SECONDS")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    ask.add_option("--directory", choices->directory,
+                   "Where to run it (default: where the server runs commands)")
+        ->type_name("DIRECTORY");
+    ask.add_flag("--shell", choices->useShell,
+                 "COMMAND, its words joined by blanks, is a line for the shell of the server's user");
+    ask.add_flag("--no-input", choices->hasNoInput, "Leave the standard input to others");
+}
+
+// ---- serving
+
+struct ServeChoices
+{
+    std::string interface = "127.0.0.1";
+    std::string name = usualName;
+    int port = usualPort;
+    bool isRegistered = false;
+    std::string directory;
+    int sessions = 32;
+};
+
+// Who besides this machine may come: lists of patterns of addresses, all of which a peer has to match.
+class AllowLists
+{
+public:
+    explicit AllowLists(const std::string& name) : path("Software\\VRX\\" + name) {}
+
+    bool IsPossible() const { return hmxRegistry::User().root.IsKeyValid(path.c_str()); }
+    /// Whether there is one that does not admit everybody.
+    bool Restrict() const { return Restricts(hmxRegistry::System()) || Restricts(hmxRegistry::User()); }
+    const std::string& GetPath() const { return path; }
+
+private:
+    bool Restricts(hmxRegistry& registry) const
+    {
+        hmxRegistryKey key;
+        const xstring value =
+            key.Open(registry.root, path.c_str()) ? key.GetValue("ConnectionAllowed") : xstring();
+        if (value == nullptr)
+            return false;
+        const xrchandle<xstringsequence> patterns = SplitPatternList(value);
+        for (int i = 0; i < patterns->getarraysize(); ++i)
+            if (std::strcspn(patterns->get(i).CastToCString(), "0123456789") ==
+                patterns->get(i).GetMBSize() - 1)
+                return false; // it names no address at all
+        return true;
+    }
+
+    std::string path;
+};
+
+class ShellServer : public netServer
+{
+public:
+    ShellServer(btkAcceptSocket* door, const char* registered, const ServeChoices& choices)
+        : netServer(door, registered), name(choices.name.c_str()), allowed(choices.name)
+    {
+        setAsyncLimit(choices.sessions);
+        setTimeSlice(0.1);
+    }
+
+private:
+    netServerLoopAction PreprocessRequest(btkStreamSocket* socket) override
+    {
+        // Asked again each time: a list that is taken away must not let everybody in.
+        const bool mayCome =
+            socket->IsPeerOnTheSameMachine() || (allowed.Restrict() && IsConnectionAllowed(socket, name));
+        if (!mayCome) {
+            std::cout << "refused: " << socket->GetPeerAddrStr() << std::endl;
+            unsigned char request = 0;
+            if (socket->RecvAll(&request, 1) == 1)
+                socket->Send(&netRefused, 1);
+            return netServerContinue;
+        }
+        return netServer::PreprocessRequest(socket);
+    }
+
+    xstring name;
+    AllowLists allowed;
+};
+
+// The program is told to end by SIGTERM; then the server's requests are, and their commands with them.
+struct EndWhenTold : netBaseServer_OnIdle_cb
+{
+    explicit EndWhenTold(btkFd told) : termination(std::move(told)) {}
+    netServerLoopAction Invoke(netBaseServer*) override
+    {
+        return btkIsReadable(termination.Get()) ? netServerTerminate : netServerContinue;
+    }
+
+    btkFd termination;
+};
+
+struct ServeBeside : netBaseServer_OnRequest_cb
+{
+    netServerLoopAction Invoke(netBaseServer* server, netSocketStream* stream) override
+    {
+        if (server->OnIdle() == netServerContinue)
+            return netSpawnAsyncServer;
+        xdelete(stream);
+        return netServerTerminate;
+    }
+};
+
+struct RunCommand : netBaseServer_OnAsyncRequest_cb
+{
+    explicit RunCommand(std::string base) : directory(std::move(base)) {}
+    netServerLoopAction Invoke(netBaseServer*, netSocketStream* stream, evtEvent* stop) override
+    {
+        const Owned<netSocketStream> connection(stream);
+        rshServer::Execute(stream, directory.c_str(), stop);
+        return netServerContinue;
+    }
+
+    std::string directory;
+};
+
+bool IsLoopback(const std::string& interface)
+{
+    return interface == "localhost" || interface == "::1" ||
+           (interface.rfind("127.", 0) == 0 &&
+            interface.find_first_not_of("0123456789.") == std::string::npos);
+}
+
+void RequireAllowList(const ServeChoices& choices)
+{
+    const AllowLists allowed(choices.name);
+    if (!allowed.IsPossible())
+        Fail(Exit::usage, "--name", "no key of the registry has a name like that");
+    if (!IsLoopback(choices.interface) && !allowed.Restrict())
+        Fail(Exit::usage, "--interface",
+             "everybody could run commands here; first say who may come from there: patterns of addresses in "
+             "the value "
+             "ConnectionAllowed of the registry key " +
+                 allowed.GetPath() + ", System or User");
+}
+
+void Register(const char* name, int port)
+{
+    capi_nmsServerProxy* const names = getNameServer(nullptr);
+    if (names == nullptr)
+        Fail(Exit::peer, name, "cannot register: no name server on this machine");
+    if (IsRegisteredWithNMS(names, name) || !RegisterWithNMS(names, port, name))
+        Fail(Exit::peer, name, "cannot register: the name server has one, or refuses it");
+}
+
+void Serve(const ServeChoices& choices)
+{
+    RequireAllowList(choices);
+    EndWhenTold end(btkAwaitTermination());
+    ServeBeside request;
+    RunCommand command(choices.directory);
+    auto listening = std::make_unique<btkAcceptSocket>();
+    if (!end.termination ||
+        !listening->Listen(choices.port, choices.interface == "*" ? nullptr : choices.interface.c_str()))
+        Fail(Exit::peer, choices.interface + ", port " + std::to_string(choices.port),
+             std::string("cannot listen: ") + std::strerror(errno));
+    if (choices.isRegistered)
+        Register(choices.name.c_str(), listening->GetPortN());
+    const Owned<ShellServer> server(new (pDefMemMgr) ShellServer(
+        listening.release(), choices.isRegistered ? choices.name.c_str() : nullptr, choices));
+    server->setOnIdle(&end);
+    server->setOnRequest(&request);
+    server->setOnAsyncRequest(&command);
+    // Who started the server with port 0 reads the port from here.
+    std::cout << "serving on " << choices.interface << ", port " << server->getPortN() << std::endl;
+    server->Run();
+}
+
+void AddServe(CLI::App& program)
+{
+    const auto choices = std::make_shared<ServeChoices>();
+    CLI::App& serve =
+        AddCommand(program, "rshd",
+                   "Run commands for whoever can connect, until SIGTERM. It authenticates nobody and "
+                   "encrypts nothing: on the loopback every user of this machine can run commands as "
+                   "the user of this server, and beyond it everybody whose address is allowed",
+                   [choices] { Serve(*choices); });
+    serve
+        .add_option("--interface", choices->interface,
+                    "Address or name of the interface to listen on; '*': all of them. One that is no "
+                    "loopback needs a "
+                    "list of addresses that may come, in the value ConnectionAllowed of the registry key "
+                    "Software\\VRX\\NAME")
+        ->type_name("HOST")
+        ->capture_default_str();
+    serve.add_option("--port", choices->port, "Port; 0: a free one")
+        ->type_name("PORT")
+        ->check(CLI::Range(0, 65535))
+        ->capture_default_str();
+    serve.add_option("--name", choices->name, "Whose list of addresses holds, and what --register registers")
+        ->type_name("NAME")
+        ->capture_default_str();
+    serve.add_flag(
+        "--register", choices->isRegistered,
+        "Register NAME with the name server of this machine, for clients that ask it for the port");
+    serve.add_option("--directory", choices->directory, "Where relative directories of clients begin")
+        ->type_name("DIRECTORY");
+    serve.add_option("--sessions", choices->sessions, "Commands that may run at once")
+        ->type_name("COUNT")
+        ->check(CLI::Range(1, 10000))
+        ->capture_default_str();
+}
+
+} // namespace
+
+void AddRemoteShellCommands(CLI::App& program)
+{
+    AddAsk(program);
+    AddServe(program);
+}
