@@ -1,8 +1,15 @@
 #pragma once
 
 #include <cstdio>
+#include <fcntl.h>
 #include <string>
+#include <unistd.h>
+#include <utility>
+#include <vector>
 
+#include "support/child.h"
+#include <gtest/gtest.h>
+#include <qel/base/btkfd.h>
 #include <sys/wait.h>
 
 struct Outcome
@@ -23,3 +30,81 @@ inline Outcome Qel(const std::string& arguments)
     const int status = pclose(pipe);
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
 }
+
+/// The program qel beside the test, which writes its standard input and reads its standard output. It is
+/// killed with the object.
+class RunningQel
+{
+public:
+    explicit RunningQel(std::vector<std::string> words)
+        : arguments(std::move(words)), child([this] { return run(); }), input(std::move(ends[0][1])),
+          output(std::move(ends[1][0]))
+    {
+        for (auto& pipe : ends)
+            for (btkFd& end : pipe)
+                end.Reset();
+    }
+
+    /// The next line, without its end; what there is when the output ends or nothing comes.
+    std::string line() const
+    {
+        std::string text;
+        for (char c = 0;
+             btkIsReadable(output.Get(), btkTimeval(20.0)) && btkRead(output.Get(), &c, 1) == 1 && c != '\n';)
+            text += c;
+        return text;
+    }
+    /// The rest of the output.
+    std::string rest() const
+    {
+        std::string text;
+        char block[4096];
+        for (std::ptrdiff_t size; btkIsReadable(output.Get(), btkTimeval(20.0)) &&
+                                  (size = btkRead(output.Get(), block, sizeof block)) > 0;)
+            text.append(block, static_cast<std::size_t>(size));
+        return text;
+    }
+    /// The port of a server, from the line that it writes first.
+    int port() const
+    {
+        const std::string said = line();
+        int number = 0;
+        if (std::sscanf(said.c_str(), "serving on %*[^,], port %d", &number) != 1)
+            ADD_FAILURE() << "does not serve: " << said;
+        return number;
+    }
+
+private:
+    int run()
+    {
+        dup2(ends[0][0].Get(), 0);
+        dup2(ends[1][1].Get(), 1);
+        char name[] = "qel";
+        std::vector<char*> pointers = {name};
+        for (std::string& argument : arguments)
+            pointers.push_back(argument.data());
+        pointers.push_back(nullptr);
+        execv(QEL_PROGRAM, pointers.data());
+        return 127;
+    }
+
+    struct Pipe
+    {
+        explicit Pipe(btkFd (&pipe)[2])
+        {
+            int made[2] = {-1, -1};
+            if (pipe2(made, O_CLOEXEC) != 0)
+                ADD_FAILURE() << "no pipe";
+            pipe[0].Reset(made[0]);
+            pipe[1].Reset(made[1]);
+        }
+    };
+
+    std::vector<std::string> arguments;
+    btkFd ends[2][2];
+    Pipe in{ends[0]}, out{ends[1]};
+
+public:
+    ChildProcess child;
+    btkFd input, output;
+};

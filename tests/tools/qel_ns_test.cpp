@@ -1,54 +1,25 @@
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include "support/child.h"
 #include "support/environment.h"
 #include "support/qelprogram.h"
 
 namespace {
 
 // `qel ns serve` on a free port, which the clients of this process find.
-class Server
+class Server : public RunningQel
 {
 public:
-    Server() : child([this] { return serve(); })
+    Server() : RunningQel({"ns", "serve", "--port", "0", "--max-records-of-process", "2"})
     {
-        close(ends[1]);
-        FILE* const said = fdopen(ends[0], "r");
-        int port = 0;
-        if (std::fscanf(said, "serving on 127.0.0.1, port %d", &port) != 1)
-            ADD_FAILURE() << "does not serve";
-        std::fclose(said);
-        setenv("VRXNMSPORT", std::to_string(port).c_str(), 1);
+        setenv("VRXNMSPORT", std::to_string(port()).c_str(), 1);
     }
 
 private:
-    struct Pipe
-    {
-        explicit Pipe(int* both)
-        {
-            if (pipe(both) != 0)
-                ADD_FAILURE() << "no pipe";
-        }
-    };
-
-    int serve() const
-    {
-        dup2(ends[1], 1);
-        execl(QEL_PROGRAM, "qel", "ns", "serve", "--port", "0", "--max-records-of-process", "2", nullptr);
-        return 127;
-    }
-
     EnvSetting portAfterwards{"VRXNMSPORT", nullptr};
-    int ends[2] = {-1, -1};
-    Pipe made{ends};
-
-public:
-    ChildProcess child;
 };
 
 } // namespace

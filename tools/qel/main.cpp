@@ -5,8 +5,20 @@
 
 #include "commands.h"
 #include "program.h"
+#include <qel/base/btkfd.h>
 
 namespace {
+
+// A standard stream that the program was started without must not become the first file or connection that is
+// opened. Reading it meets the end, and writing it fails.
+void FillStandardStreams()
+{
+    btkFd opened;
+    do {
+        opened.Release();
+        opened = btkOpenFile("/dev/null", btkOpenRead);
+    } while (opened && opened.Get() <= 2);
+}
 
 int Report(const CLI::App& program, const CommandFailed& failed)
 {
@@ -42,6 +54,7 @@ int Run(CLI::App& program, int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    FillStandardStreams();
     CLI::App program("Serves and asks the parts of a distributed system.", "qel");
     return Run(program, argc, argv);
 }

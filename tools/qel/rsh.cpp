@@ -128,6 +128,10 @@ void AddAsk(CLI::App& program)
     CLI::App& ask = AddCommand(program, "rsh",
                                "Run a command at another machine, by the server `qel rshd` there", nullptr);
     ask.callback([choices, &ask] { Ask(*choices, ask.remaining()); });
+    ask.footer(
+        "qel rsh localhost sort <names\tSort the lines of a file by the server of this machine.\n"
+        "qel rsh --shell build7 'cd src && make -j4'\tA line for the shell there.\n"
+        "qel rsh --no-input --name shell build7 uptime\tBy the server that is registered there as shell.\n");
     ask.add_option("host", choices->host, "Machine of the server")->type_name("HOST")->required();
     // For the help alone: it takes nothing, so what follows HOST stays together as it was given.
     ask.validate_positionals();
@@ -197,6 +201,17 @@ private:
     std::string path;
 };
 
+// On the standard error output, which may have no reader any more.
+void Report(const std::string& line)
+{
+    try {
+        ioStream::getStderr()->WriteBytes(line.data(), static_cast<unsigned>(line.size()));
+        ioStream::getStderr()->Flush(1);
+    } catch (xthrowable* thrown) {
+        static_cast<void>(FailureOf(thrown));
+    }
+}
+
 class ShellServer : public netServer
 {
 public:
@@ -214,7 +229,7 @@ private:
         const bool mayCome =
             socket->IsPeerOnTheSameMachine() || (allowed.Restrict() && IsConnectionAllowed(socket, name));
         if (!mayCome) {
-            std::cout << "refused: " << socket->GetPeerAddrStr() << std::endl;
+            Report("refused: " + socket->GetPeerAddrStr() + '\n');
             unsigned char request = 0;
             if (socket->RecvAll(&request, 1) == 1)
                 socket->Send(&netRefused, 1);
@@ -324,6 +339,9 @@ void AddServe(CLI::App& program)
                    "encrypts nothing: on the loopback every user of this machine can run commands as "
                    "the user of this server, and beyond it everybody whose address is allowed",
                    [choices] { Serve(*choices); });
+    serve.footer("qel rshd\tServe this machine.\n"
+                 "qel rshd --interface 10.1.0.7\tServe those whose addresses are allowed, too.\n"
+                 "qel rshd --port 0 --register --name shell\tOn a free port, which clients find by name.\n");
     serve
         .add_option("--interface", choices->interface,
                     "Address or name of the interface to listen on; '*': all of them. One that is no "

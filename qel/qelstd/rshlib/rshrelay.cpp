@@ -115,8 +115,9 @@ bool rshInlet::Move(rshTag tag, rshQueue& to, bool isLast)
     const bool isSound = rshSucceeds([&] {
         const std::size_t room = to.GetRoom() - 8 - rshQueue::spare;
         count = std::min<std::size_t>(source->PeekNBytes(), room);
-        if (count > 0)
-            count = source->ReadBytes(block + 8, static_cast<unsigned>(count));
+        // Some devices do not tell how much there is; at the end this reads nothing.
+        if (count > 0 || isReady)
+            count = source->ReadBytes(block + 8, static_cast<unsigned>(std::max<std::size_t>(count, 1)));
     });
     isEnded = !isSound || count == 0;
     if (isEnded)

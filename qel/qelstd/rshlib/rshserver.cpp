@@ -26,7 +26,8 @@ namespace {
 
 // How long a client may take for the rest once the server was told to stop, and a command to die once it was
 // killed.
-constexpr double patience = 5.0;
+constexpr double patienceWithClient = 0.5;
+constexpr double patienceWithCommand = 5.0;
 
 struct Request
 {
@@ -125,7 +126,7 @@ public:
     // Relays until the client has answered the end, or the connection is lost.
     void Serve()
     {
-        while (!isFinished && !isBroken) {
+        while (!isFinished && !isBroken && !IsOutOfPatience()) {
             Wait();
             Stop();
             TakeUrgent();
@@ -139,7 +140,7 @@ public:
         }
         if (!hasEnded) {
             process->Terminate();
-            exit->evtEvent::Wait(patience);
+            exit->evtEvent::Wait(patienceWithCommand);
         }
         process->Close();
     }
@@ -166,14 +167,13 @@ private:
 
     void Stop()
     {
-        if (isStopping) {
-            isBroken = btkTimeval::Now() >= end;
-        } else if (stopEvent != nullptr && stopEvent->WasSignaled()) {
-            isStopping = true;
-            end = btkTimeval::Now() + btkTimeval(patience);
-            process->Terminate();
-        }
+        if (isStopping || stopEvent == nullptr || !stopEvent->WasSignaled())
+            return;
+        isStopping = true;
+        end = btkTimeval::Now() + btkTimeval(patienceWithClient);
+        process->Terminate();
     }
+    bool IsOutOfPatience() const { return isStopping && btkTimeval::Now() >= end; }
 
     void TakeUrgent()
     {

@@ -26,7 +26,7 @@ public:
     ~rshServer() override;
 
     /// Tells the server to stop: the command is terminated, and the server ends once the client has taken the
-    /// rest, at the latest after five seconds.
+    /// rest, at the latest after half a second.
     void Terminate();
     /// A new event that is signaled when the server has ended. The caller owns it.
     rshServerEvent* ExitEvent();

@@ -1,0 +1,217 @@
+#include <csignal>
+#include <cstdlib>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/addresses.h"
+#include "support/environment.h"
+#include "support/nameserver.h"
+#include "support/qelprogram.h"
+#include "support/tempdir.h"
+#include <qel/base/btkprocess.h>
+#include <qel/base/btksocket.h>
+#include <qel/base/nethandshake.h>
+#include <qel/hmxregistry.h>
+
+namespace {
+
+// `qel rshd` on a free port, and `qel rsh` with it.
+struct Shell
+{
+    explicit Shell(std::vector<std::string> arguments = {"rshd", "--port", "0"})
+        : server(std::move(arguments)), port(std::to_string(server.port()))
+    {
+    }
+    // `before` and `behind`: the rest of the line of a shell.
+    Outcome run(const std::string& arguments, const std::string& behind = "") const
+    {
+        return Qel("rsh --port " + port + " localhost " + arguments + " " + behind);
+    }
+    RunningQel start(const std::string& line) const
+    {
+        return RunningQel({"rsh", "--port", port, "--shell", "localhost", line});
+    }
+
+    const EnvSetting shell{"SHELL", "/bin/sh"};
+    RunningQel server;
+    std::string port;
+};
+
+// Whether the process, whose parent is another one, ends within `seconds`.
+bool Ends(const std::string& id, double seconds = 2.0)
+{
+    btkProcess* process = nullptr;
+    if (!Process_Open(&process, std::strtoul(id.c_str(), nullptr, 10)))
+        return true;
+    const bool ended = btkIsReadable(Process_GetExitHandle(process), btkTimeval(seconds));
+    Process_Free(process);
+    return ended;
+}
+
+} // namespace
+
+TEST(QelRsh, IsLikeRunningTheCommandHere)
+{
+    const Shell shell;
+    const TempDir dir;
+    dir.write("names", "b\nc\na\n");
+    const std::string input = "<" + dir.path("names");
+    const struct
+    {
+        std::string command, behind, output;
+        int status;
+    } cases[] = {
+        {"sort", input, "a\nb\nc\n", 0},
+        {"printf %s-%s 'a  b' \\''\"$x\\'", "", "a  b-'\"$x\\", 0},
+        {"sh -c 'echo err >&2; exit 7'", "", "err\n", 7},
+        {"sh -c 'kill -9 $$'", "", "", 137},
+        {"ls --help --port 3", ">/dev/null", "", 0},
+        {"head -c 3", "</dev/zero | tr '\\0' z", "zzz", 0},
+        {"wc -c", "</dev/null", "0\n", 0},
+        {"--no-input cat", "", "", 0}, // the test's own input may never end
+        {"cat", "<&-", "", 0},
+        {"yes", "| head -n 1", "y\n", 0},
+        {"--shell 'echo $((6*7)); exit' 9", "", "42\n", 9},
+        {"--directory " + dir.path() + " ls", "", "names\n", 0},
+        {"no-such-program", "", "qel rsh: no-such-program: No such file or directory\n", 3},
+    };
+    for (const auto& [command, behind, output, status] : cases) {
+        const Outcome outcome = command[0] == '-'
+                                    ? Qel("rsh --port " + shell.port + " localhost " + command + " " + behind)
+                                    : shell.run(command, behind);
+        EXPECT_EQ(outcome.output, output) << command;
+        EXPECT_EQ(outcome.status, status) << command;
+    }
+    const std::string port = shell.port;
+    EXPECT_EQ(Qel("rsh localhost").status, 2);
+    EXPECT_EQ(Qel("rsh --port 1 localhost true").output, "qel rsh: localhost, port 1: no answer\n");
+    EXPECT_EQ(Qel("rsh --port 1 localhost true").status, 3);
+}
+
+TEST(QelRsh, CarriesMuchThroughPipes)
+{
+    const Shell shell;
+    const auto checkOf = [](const std::string& line) {
+        FILE* const pipe = popen((line + " | cksum").c_str(), "r");
+        char text[100] = "";
+        EXPECT_NE(std::fgets(text, sizeof text, pipe), nullptr);
+        EXPECT_EQ(pclose(pipe), 0);
+        return std::string(text);
+    };
+    const std::string remotely = QEL_PROGRAM " rsh --port " + shell.port + " localhost ";
+    EXPECT_EQ(checkOf("seq 2000000 | " + remotely + "cat"), checkOf("seq 2000000"));
+    EXPECT_EQ(checkOf(remotely + "sh -c 'seq 2000000 >&2' 2>&1 </dev/null"), checkOf("seq 2000000"));
+}
+
+TEST(QelRsh, HandsInterruptsOn)
+{
+    const Shell shell;
+    RunningQel client = shell.start(
+        "trap 'n=$((n+1)); echo $n; [ $n -lt 2 ] || exit 5' INT; echo ready; while :; do sleep 0.01; done");
+    EXPECT_EQ(client.line(), "ready");
+    client.child.signal(SIGINT);
+    EXPECT_EQ(client.line(), "1");
+    client.child.signal(SIGINT);
+    EXPECT_EQ(client.rest(), "2\n");
+    EXPECT_EQ(client.child.wait(), 5);
+}
+
+TEST(QelRsh, EndsTheCommandWithAClientThatIsKilled)
+{
+    const Shell shell;
+    RunningQel client = shell.start("echo $$; sleep 60; echo");
+    const std::string command = client.line();
+    client.child.signal(SIGKILL);
+    EXPECT_TRUE(Ends(command));
+    EXPECT_EQ(shell.run("echo fine").output, "fine\n");
+}
+
+TEST(QelRsh, LosesTheConnectionWhenTheServerIsKilled)
+{
+    Shell shell;
+    RunningQel client = shell.start("echo $$; exec cat");
+    const std::string command = client.line();
+    shell.server.child.signal(SIGKILL);
+    EXPECT_EQ(client.child.wait(), 3);
+    EXPECT_TRUE(Ends(command));
+}
+
+TEST(QelRshd, StopsAtSigtermWithItsCommandsWhateverItsClientsDo)
+{
+    Shell shell;
+    RunningQel client = shell.start("echo $$; exec sleep 60");
+    const std::string command = client.line();
+    btkStreamSocket silent, stuck;
+    for (btkStreamSocket* const socket : {&silent, &stuck}) {
+        ASSERT_TRUE(socket->Connect("localhost", std::atoi(shell.port.c_str()), btkTimeval(10.0)));
+        EXPECT_EQ(netAsk(*socket, netRequestCode::open), netAdmitted);
+    }
+    const std::string request("\0\0\0\3yes\0\0\0\0\0\0\0\0", 15); // and then it reads nothing
+    EXPECT_EQ(stuck.Send(request.data(), request.size()), request.size());
+    EXPECT_TRUE(stuck.IsReadable(btkTimeval(10.0)));
+
+    const btkTimeval start = btkTimeval::Now();
+    shell.server.child.signal(SIGTERM);
+    EXPECT_EQ(shell.server.child.wait(), 0);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    EXPECT_LT(btkTimeval::Now() - start, btkTimeval(1.0));
+#endif
+    EXPECT_EQ(client.child.wait(), 128 + SIGKILL);
+    EXPECT_TRUE(Ends(command));
+}
+
+TEST(QelRshd, IsFoundByNameAndIsAVersionedServer)
+{
+    const TestNameServer names;
+    Shell shell({"rshd", "--port", "0", "--register", "--name", "shell"});
+    EXPECT_EQ(Qel("rsh --name shell localhost echo here").output, "here\n");
+    EXPECT_EQ(Qel("server ping shell").status, 0);
+    EXPECT_EQ(Qel("rshd --port 0 --register --name shell").status, 3) << "there is one";
+    EXPECT_EQ(Qel("server shutdown shell").status, 0);
+    EXPECT_EQ(shell.server.child.wait(), 0);
+    EXPECT_EQ(Qel("ns list").output, "");
+}
+
+TEST(QelRshd, RefusesToServeTheWorld)
+{
+    const TempDir dir;
+    const EnvSetting registry("QELSTD_REGISTRY", dir.path());
+    const auto allow = [](const char* patterns) {
+        return runInChild([patterns] { // which has no roots of an earlier registry
+            hmxRegistryKey key;
+            return key.Create(hmxRegistry::System().root, "Software\\VRX\\rshd") &&
+                           key.SetValue("ConnectionAllowed", patterns)
+                       ? 0
+                       : 1;
+        });
+    };
+    for (const char* const interface : {"'*'", "0.0.0.0", "::", "127.example.com"})
+        EXPECT_EQ(Qel(std::string("rshd --port 0 --interface ") + interface).status, 2) << interface;
+    for (const char* const patterns : {"*", "10.1.2.3 *.*.*.*", "?*"}) {
+        EXPECT_EQ(allow(patterns), 0);
+        EXPECT_EQ(Qel("rshd --port 0 --interface '*'").status, 2) << patterns;
+    }
+    EXPECT_EQ(Qel("rshd --port 0 --name 'a.b'").status, 2);
+
+    EXPECT_EQ(allow("10.1.* 192.168.0.5"), 0);
+    const auto answer = [](const char* from, int port) { // to the byte that asks for a connection
+        const btkFd socket(connectFrom(from, "10.9.9.9", port));
+        char byte = 0;
+        return socket && btkWrite(socket.Get(), &byte, 1) == 1 && btkRead(socket.Get(), &byte, 1) == 1 ? byte
+                                                                                                       : -1;
+    };
+    EXPECT_EQ(runInChild([&] {
+                  if (!enterOwnNetwork({"127.0.0.1", "10.1.2.3", "10.2.2.3", "10.9.9.9"}))
+                      return 0; // the host does not allow it
+                  RunningQel server({"rshd", "--port", "0", "--interface", "10.9.9.9"});
+                  const int port = server.port();
+                  if (answer("10.1.2.3", port) != 1)
+                      return 1;
+                  if (answer("10.2.2.3", port) != 0)
+                      return 2;
+                  std::filesystem::remove_all(dir.path());
+                  return answer("10.1.2.3", port) == 0 ? 0 : 3; // without a list nobody may come
+              }),
+              0);
+}
