@@ -15,6 +15,12 @@ function(qel_library name macro)
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
     LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib
     INSTALL_RPATH "$ORIGIN")
+  # All symbols have one version, so that a program tells which library it was linked with, and several may be loaded.
+  string(TOUPPER ${name} QEL_VERSION_NODE)
+  set(script ${CMAKE_CURRENT_BINARY_DIR}/${name}.map)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/symbols.map.in ${script} @ONLY)
+  target_link_options(${name} PRIVATE LINKER:--version-script=${script})
+  set_target_properties(${name} PROPERTIES LINK_DEPENDS ${script})
   install(TARGETS ${name} EXPORT qelstd LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     COMPONENT libraries NAMELINK_COMPONENT development)
   set(QEL_LIBRARY ${name} PARENT_SCOPE)
