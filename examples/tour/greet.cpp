@@ -1,0 +1,56 @@
+// A server and its client in one program: the server greets whoever connects, until it is asked to stop.
+
+#include <iostream>
+#include <memory>
+#include <thread>
+
+#include <qel/netaddress.h>
+#include <qel/netserver.h>
+
+namespace {
+
+// sample server
+class Greeting : public netBaseServer_OnRequest_cb
+{
+    netServerLoopAction Invoke(netBaseServer*, netSocketStream* accepted) override
+    {
+        const std::unique_ptr<netSocketStream, qelDelete> stream(accepted);
+        try {
+            const xstring name = stream->ReadString(nullptr);
+            stream->WriteString(xstring("Hello, ", name.CastToCString()).CastToCString());
+        } catch (xthrowable* failure) { // the client has gone: no reason to end
+            xdelete(failure);
+        }
+        return netServerContinue; // netServerTerminate would end Run
+    }
+};
+// end
+
+// sample client
+xstring greet(netAddress* address, const char* name)
+{
+    const std::unique_ptr<netSocketStream, qelDelete> stream(netServer::Connect(address, 10.0));
+    if (stream == nullptr)
+        return "nobody there";
+    stream->WriteString(name);
+    return stream->ReadString(nullptr); // sends what was written before it waits
+}
+// end
+
+} // namespace
+
+int main()
+{
+    // sample run
+    Greeting greeting;
+    const std::unique_ptr<netServer, qelDelete> server(netServer::Create(nullptr, 0)); // any free port
+    server->setOnRequest(&greeting);
+    std::thread loop([&] { server->Run(); });
+
+    const xrchandle<netAddress> address(netAddress::Create(server->getPortN(), nullptr));
+    std::cout << greet(address.get(), "Ada") << std::endl;
+    std::cout << "alive: " << +netServer::IsAlive(address.get()) << std::endl;
+    netServer::Shutdown(address.get());
+    loop.join();
+    // end
+}

@@ -1,0 +1,23 @@
+// A monitor file: one process publishes named values, others watch them. Here both are one program.
+
+#include <iostream>
+#include <memory>
+
+#include <qel/xmonlib.h>
+
+int main(int, char** argv)
+{
+    // sample publish
+    const std::unique_ptr<monFile, qelDelete> published(monFile::Create(argv[1], "a pump"));
+    monRealParam* const pressure = published->Real("pressure.bar");
+    monStringParam* const state = published->String("state", 20); // room for 20 bytes
+    pressure->setValue(2.5);
+    state->setValue("running");
+    // end
+
+    // sample watch
+    const std::unique_ptr<monFile, qelDelete> watched(monFile::Open(argv[1]));
+    std::cout << watched->getTitle() << ": " << watched->Real("pressure.bar")->getValue() << " bar, "
+              << watched->String("state", 20)->getValue() << std::endl;
+    // end
+}

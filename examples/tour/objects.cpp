@@ -1,0 +1,99 @@
+// The object model: values that may be missing, strings, collections, handles, and code that knows no types.
+
+#include <iostream>
+
+#include <qel/qelexception.h>
+#include <qel/qelprint.h>
+#include <qel/xdictionary.h>
+#include <qel/xrtti.h>
+#include <qel/xsequence.h>
+
+namespace {
+
+// sample values
+void values()
+{
+    xany value; // uninit: never set
+    std::cout << value.isUninit();
+    value = nullptr; // null: set, to nothing
+    std::cout << value.isNull();
+    value = 42;
+    value = "forty-two";
+    std::cout << ' ' << value.getQelTypeName() << ' ' << static_cast<xstring>(value) << std::endl;
+}
+// end
+
+// sample strings
+void strings()
+{
+    xstring greeting("Grüße");
+    const xstring shared = greeting; // shares the text until one of them is written to
+    greeting += " aus Köln";
+    std::cout << greeting << ", " << shared.GetLength() << " bytes, " << greeting.GetWord(2, " ")
+              << std::endl;
+
+    const xstring nothing; // the null string is no text, which is not the empty text
+    std::cout << (nothing == nullptr) << (xstring("") == nullptr) << std::endl;
+}
+// end
+
+// sample collections
+xrchandle<xanydictionary> person()
+{
+    const xrchandle<xstringsequence> languages(xstringsequence::create());
+    languages->append("French");
+    languages->append("Italian");
+
+    xrchandle<xanydictionary> made(xanydictionary::create());
+    made->set("name", "Ada");
+    made->set("age", 36);
+    made->set("address", nullptr);
+    made->set("languages", languages);
+    return made; // the dictionary holds the sequence now, and the caller's handle the dictionary
+}
+// end
+
+// sample types
+void whatItIs(xobject* object)
+{
+    std::cout << object->getQelTypeName() << ": ";
+    if (xintsequence* const numbers = xintsequence::softcast(object)) // null when it is something else
+        std::cout << "numbers, " << numbers->getarraysize() << " of them" << std::endl;
+    else if (object->isKindOf(xanydictionary::getClassRtti()))
+        std::cout << "texts with values of any type" << std::endl;
+}
+// end
+
+// sample failures
+void failures(xintsequence& numbers)
+{
+    try {
+        numbers.get(7);
+    } catch (xthrowable* thrown) {
+        const xrchandle<xthrowable> failure(thrown);
+        xrcrelease(thrown); // the catcher owns a reference; the handle has its own
+        if (auto* const index = qelXInvalidSeqIndex::softcast(thrown))
+            std::cout << index->getDescription() << ": " << index->getIndex() << std::endl;
+    }
+}
+// end
+
+} // namespace
+
+int main()
+{
+    values();
+    strings();
+
+    const xrchandle<xanydictionary> ada = person();
+    // sample print
+    qelPrint(ada, std::cout, 2);
+    std::cout << std::endl;
+    // end
+
+    const xrchandle<xintsequence> numbers(xintsequence::create());
+    numbers->set(2, 5); // extends it; what is new is zero
+    whatItIs(numbers.get());
+    whatItIs(ada.get());
+    failures(*numbers.get());
+}

@@ -1,0 +1,78 @@
+"""samples.py ROOT: the code in the documents is code that is built and run.
+
+In a document a comment before a fenced block says which file of the tree the block shows, or which sample of it:
+
+    <!-- examples/tour/objects.cpp: values -->
+    ```cpp
+    ...
+    ```
+
+The file must be a source that its folder's CMakeLists.txt names, or the output that a program there must print. A sample
+stands between the lines `// sample NAME` and `// end`; the block has its lines, moved to the left. Only blocks of the
+languages in FREE show no file. With a second argument, `write`, the blocks are filled with what the files say."""
+import re
+import sys
+import textwrap
+import tree
+
+FREE = {"sh", "cmake", "text", "gdb", "ini"}
+BLOCK = re.compile(r"(?:<!-- (?P<file>[^\s:]+)(?:: (?P<sample>[\w ]+))? -->\n)?^```(?P<language>\w*)\n(?P<code>.*?)^```$",
+                   re.MULTILINE | re.DOTALL)
+
+faults = []
+
+
+def shown(document, file, sample):
+    """What a block of the sample says."""
+    path = tree.root() / file
+    if not path.is_file():
+        faults.append(f"{document}: there is no {file}")
+        return None
+    lists = path.parent / "CMakeLists.txt"
+    if path.suffix != ".md" and (not lists.exists() or path.stem not in re.findall(r"[\w-]+", lists.read_text())):
+        faults.append(f"{document}: {file} is not built or compared by {lists.relative_to(tree.root())}")
+    text = path.read_text()
+    if sample is None:
+        return text
+    found = re.search(rf"^ *// sample {sample}\n(.*?)^ *// end\n", text, re.MULTILINE | re.DOTALL)
+    if found is None:
+        faults.append(f"{document}: there is no sample '{sample}' in {file}")
+        return None
+    return textwrap.dedent(found.group(1))
+
+
+def check(path, write):
+    document = path.relative_to(tree.root())
+    text = path.read_text()
+
+    def block(match):
+        line = text.count("\n", 0, match.start()) + 1
+        place = f"{document}:{line}"
+        if match["file"] is None:
+            if match["language"] not in FREE:
+                faults.append(f"{place}: a block of '{match['language']}' that does not say which file it shows")
+            return match.group(0)
+        expected = shown(place, match["file"], match["sample"])
+        if expected is None or expected == match["code"]:
+            return match.group(0)
+        if not write:
+            faults.append(f"{place}: differs from {match['file']}; `./dev docs samples` fills it in")
+        return text[match.start():match.start("code")] + expected + "```"
+
+    filled = BLOCK.sub(block, text)
+    if filled.count("```") % 2 != 0:
+        faults.append(f"{document}: a block has no end")
+    # Code that is merely indented would escape all this.
+    for number, line in enumerate(BLOCK.sub(lambda match: "\n" * match.group(0).count("\n"), text).splitlines(), 1):
+        if re.match(r"    .*(;|\{|^    #include.*)$", line):
+            faults.append(f"{document}:{number}: code that is not in a fenced block: {line.strip()}")
+    if write and filled != text:
+        path.write_text(filled)
+    return len(BLOCK.findall(text))
+
+
+documents = [tree.root() / "README.md", *sorted((tree.root() / "docs").glob("*.md"))]
+blocks = sum(check(path, "write" in sys.argv[2:]) for path in documents)
+if blocks < 5:
+    faults.append(f"hardly any blocks in {len(documents)} documents")
+tree.finish(faults)
