@@ -1,8 +1,6 @@
 #include <qel/xnetlib.h>
 
 #include <atomic>
-#include <fstream>
-#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -11,25 +9,11 @@
 #include "support/descriptors.h"
 #include "support/longrun.h"
 #include "support/nameserver.h"
+#include "support/resident.h"
 #include "support/testserver.h"
 #include <qel/xiolib.h>
 
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool memoryIsMine = false; // the sanitizer keeps what is freed
-#else
-constexpr bool memoryIsMine = true;
-#endif
-
-long residentKiB()
-{
-    std::ifstream pages("/proc/self/statm");
-    long whole = 0;
-    long resident = 0;
-    pages >> whole >> resident;
-    return resident * 4;
-}
 
 // Lets the soft limit of descriptors be at least `count` while it lives.
 class DescriptorRoom
@@ -131,7 +115,7 @@ TEST(netServerLoad, SixtyFourClientsLoseNothing)
         runClients(1);
         const long warm = residentKiB();
         runClients(ofALongRun(1.0, 60.0));
-        if (memoryIsMine) {
+        if (freedMemoryIsGone) {
             EXPECT_LT(residentKiB() - warm, 4096);
         }
     }
@@ -159,7 +143,7 @@ TEST(netServerLoad, ManyRequestsAtOnceTakeLittleEachAndAreCollected)
             clients.back()->Flush(1);
         }
         ASSERT_TRUE(isServed(address.get(), 1, 10)); // all that came before are being served
-        if (memoryIsMine) {                          // both ends, and what is touched of a stack
+        if (freedMemoryIsGone) {                     // both ends, and what is touched of a stack
             EXPECT_LT((residentKiB() - idle) / count, 64);
         }
         for (int i = 0; i < count; ++i) {

@@ -3,6 +3,24 @@
 #include <fstream>
 #include <string>
 
+/// What the process has of a field of its status, in KiB: `VmRSS:`, the memory it uses, or `VmHWM:`, the most
+/// it has used.
+inline long residentKiB(const std::string& field = "VmRSS:")
+{
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;)
+        if (long size = 0; word == field && status >> size)
+            return size;
+    return -1;
+}
+
+/// Whether memory that is freed is given up: a sanitizer keeps it.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool freedMemoryIsGone = false;
+#else
+inline constexpr bool freedMemoryIsGone = true;
+#endif
+
 /// How much memory the process has come to use since the object was made.
 class ResidentGrowth
 {
@@ -10,20 +28,11 @@ public:
     ResidentGrowth()
     {
         std::ofstream("/proc/self/clear_refs") << 5; // forgets the peak so far
-        before = read("VmRSS:");
+        before = residentKiB();
     }
     /// The peak, in KiB.
-    long peak() const { return read("VmHWM:") - before; }
+    long peak() const { return residentKiB("VmHWM:") - before; }
 
 private:
-    static long read(const std::string& name)
-    {
-        std::ifstream status("/proc/self/status");
-        for (std::string word; status >> word;)
-            if (long size = 0; word == name && status >> size)
-                return size;
-        return -1;
-    }
-
     long before;
 };

@@ -1,0 +1,235 @@
+// Everything at once for a while, in one process: clients of the name server and of a named server, monitor
+// files that are written and watched, remote commands, configuration files and the registry. Nothing may be
+// lost, and memory and descriptors must stay what they were. QELSTD_SOAK_SECONDS says how long.
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/descriptors.h"
+#include "support/environment.h"
+#include "support/nameserver.h"
+#include "support/programs.h"
+#include "support/resident.h"
+#include "support/streampair.h"
+#include "support/tempdir.h"
+#include "support/testserver.h"
+#include <qel/hmxconfigfile.h>
+#include <qel/hmxregistry.h>
+#include <qel/iopipe.h>
+#include <qel/netserver.h>
+#include <qel/rshprocess.h>
+#include <qel/rshserver.h>
+#include <qel/xmonlib.h>
+
+namespace {
+
+double soakSeconds()
+{
+    const char* const given = std::getenv("QELSTD_SOAK_SECONDS");
+    return given != nullptr ? std::atof(given) : 4;
+}
+
+// Answers an integer and a text that its client sends.
+void echo(netSocketStream& stream)
+{
+    const int value = stream.ReadInt();
+    const xstring text = stream.ReadString(nullptr);
+    stream.WriteInt(value);
+    stream.WriteString(text.CastToCString());
+    stream.Flush(1);
+}
+
+// ---- one round each; true when all was as it should be
+
+bool askServer(int round)
+{
+    const xrchandle<netAddress> address(netAddress::Create("soaked", nullptr));
+    if (round % 16 == 0)
+        return netServer::GetVersion(address.get()) == "QEL netServer Version 0.99";
+    const Owned<netSocketStream> stream(netServer::Connect(address.get(), 30.0));
+    if (stream == nullptr)
+        return false;
+    const std::string text(static_cast<std::size_t>(round * 37 % 5000), 'x');
+    stream->WriteInt(round % 2); // 1: to be served by a thread
+    stream->WriteInt(round);
+    stream->WriteString(text.c_str());
+    return stream->ReadInt() == round && stream->ReadString(nullptr) == text.c_str();
+}
+
+bool registerServer(int round)
+{
+    const std::string name = "passing" + std::to_string(round);
+    const xrchandle<netAddress> address(netAddress::Create(name.c_str(), nullptr));
+    const Owned<netBaseServer> server(netBaseServer::Create(name.c_str(), 0));
+    return server != nullptr && ResolvePort(address.get()) == server->getPortN();
+}
+
+bool relayCommand(int round)
+{
+    StreamPair pair;
+    std::thread serving([&] { rshServer::Execute(pair.far.get(), nullptr, nullptr); });
+    const std::string command = "head -c " + std::to_string(round * 977 % 100000) + " /dev/zero; exit 7";
+    std::size_t got = 0;
+    bool isRight = false;
+    {
+        const Owned<rshProcess> process(
+            rshProcess::Create(pair.near.get(), command.c_str(), nullptr, nullptr, nullptr, nullptr, 1, 0));
+        char block[4096];
+        try {
+            for (;;)
+                got += process->getStdout()->ReadBytes(block, 1);
+        } catch (xthrowable* end) {
+            xdelete(end);
+        }
+        process->WaitExitCode();
+        isRight = process->GetExitCode() == 7;
+    }
+    pair.near->Close();
+    serving.join();
+    return isRight && got == static_cast<std::size_t>(round * 977 % 100000);
+}
+
+bool watchValues(const std::string& path, int round)
+{
+    const Owned<monFile> writer(monFile::Create(path.c_str(), "soak"));
+    writer->Int("round")->setValue(round);
+    writer->String("text", 100)->setValue(std::to_string(round).c_str());
+    const Owned<monFile> watcher(monFile::Open(path.c_str()));
+    monParamDict* const params = watcher->getParams();
+    for (int i = 0; i < 20; ++i)
+        writer->Real("real")->setValue(i);
+    return params != nullptr && watcher->Int("round")->getValue() == round &&
+           watcher->String("text", 100)->getValue() == std::to_string(round).c_str() &&
+           watcher->Real("real")->getValue() == 19;
+}
+
+bool keepSettings(const std::string& path, int round)
+{
+    const std::string value = std::to_string(round);
+    {
+        hmxConfigFile file;
+        if (!file.Open(path.c_str(), hmxConfigFile::ReadWrite) || !file.SetValue("round", value.c_str()))
+            return false;
+        file.Close();
+    }
+    hmxConfigFile file;
+    hmxRegistryKey key;
+    return file.Open(path.c_str(), hmxConfigFile::ReadOnly) && file.GetValue("round") == value.c_str() &&
+           key.Create(hmxRegistry::User().root, "Software\\VRX\\soak") &&
+           key.SetValue("round", value.c_str()) && key.GetValue("round") == value.c_str();
+}
+
+} // namespace
+
+TEST(Soak, LosesNothingAndStaysWhatItWas)
+{
+    const double seconds = soakSeconds();
+    const long before = openDescriptors();
+    {
+        const TempDir dir(TempDir::InMemory);
+        const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
+        const TestNameServer names;
+        RequestHandler handler([](netSocketStream* stream) {
+            if (stream->ReadInt() == 1)
+                return netSpawnAsyncServer;
+            const Owned<netSocketStream> owned(stream);
+            echo(*stream);
+            return netServerContinue;
+        });
+        AsyncHandler asyncHandler([](netSocketStream* stream, evtEvent*) {
+            const Owned<netSocketStream> owned(stream);
+            echo(*stream);
+            return netServerContinue;
+        });
+        ServedInThread served([&] {
+            netServer* const server = netServer::Create("soaked", 0);
+            server->setOnRequest(&handler);
+            server->setOnAsyncRequest(&asyncHandler);
+            return server;
+        }());
+
+        std::atomic<bool> ends = false;
+        std::atomic<bool> pauses = false;
+        struct Worker
+        {
+            const char* name;
+            std::function<bool(int round)> round;
+            std::atomic<int> rounds = 0;
+            std::atomic<int> failures = 0;
+            std::atomic<bool> rests = false;
+        };
+        const std::string monitor = dir.path("soak.mon");
+        const std::string settings = dir.path("soak.conf");
+        std::array<Worker, 6> workers = {{
+            {"requests", &askServer},
+            {"more requests", &askServer},
+            {"registrations", &registerServer},
+            {"remote commands", &relayCommand},
+            {"monitor files", [&](int round) { return watchValues(monitor, round); }},
+            {"settings", [&](int round) { return keepSettings(settings, round); }},
+        }};
+        std::vector<std::thread> threads;
+        for (Worker& worker : workers) {
+            threads.emplace_back([&] {
+                while (!ends) {
+                    worker.rests = pauses.load();
+                    if (worker.rests) {
+                        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                        continue;
+                    }
+                    try {
+                        worker.failures += !worker.round(++worker.rounds);
+                    } catch (xthrowable* thrown) {
+                        ++worker.failures;
+                        xdelete(thrown);
+                    }
+                }
+            });
+        }
+        // What is in use while all workers rest and the server has collected its threads.
+        const auto measure = [&] {
+            pauses = true;
+            const btkTimeval end = btkTimeval::Now() + btkTimeval(20, 0);
+            const auto areResting = [&] {
+                return std::all_of(workers.begin(), workers.end(),
+                                   [](const Worker& one) { return one.rests.load(); });
+            };
+            while (!areResting() && btkTimeval::Now() < end)
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            const std::pair<long, long> used(residentKiB(), openDescriptors());
+            pauses = false;
+            return used;
+        };
+        const auto goOn = [](double time) {
+            std::this_thread::sleep_for(std::chrono::duration<double>(time));
+        };
+        goOn(seconds / 4);
+        const auto [memory, descriptors] = measure();
+        goOn(seconds * 3 / 4);
+        const auto [memoryLater, descriptorsLater] = measure();
+        ends = true;
+        for (std::thread& thread : threads)
+            thread.join();
+
+        for (const Worker& worker : workers) {
+            EXPECT_EQ(worker.failures, 0) << worker.name;
+            EXPECT_GT(worker.rounds, 3) << worker.name;
+            RecordProperty(worker.name, worker.rounds);
+        }
+        EXPECT_EQ(descriptorsLater, descriptors);
+        if (freedMemoryIsGone) {
+            EXPECT_LT(memoryLater - memory, 4096) << "KiB more than the " << memory << " at first";
+        }
+    }
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_TRUE(hasNoChildren());
+}
