@@ -28,6 +28,10 @@ for library in qelstd baselib ctools; do
         { echo "lib$library.so does not carry the major version"; exit 1; }
 done
 
+for file in man/man1/qel.1 man/man1/qel-ns.1 bash-completion/completions/qel zsh/vendor-completions/_qel; do
+    [[ -s $prefix/share/$file ]] || { echo "share/$file is not installed"; exit 1; }
+done
+
 echo "== find_package, installed"
 "$cmake" -S "$consumer" -B "$work/installed" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
 "$cmake" --build "$work/installed" >/dev/null

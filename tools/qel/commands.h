@@ -2,8 +2,10 @@
 
 #include <functional>
 #include <initializer_list>
+#include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -91,3 +93,22 @@ CLI::App& AddGroup(CLI::App& program, const char* name, const char* help,
 CLI::App& AddCommand(CLI::App& group, const char* name, const char* help, std::function<void()> run);
 /// Gives the command the flag --json.
 void OfferJson(CLI::App& command);
+
+// ---- what the shell's completion offers
+
+/// What is on the command line before the value that is to be completed.
+struct Typed
+{
+    std::vector<std::string> arguments;         // of the command, without its options
+    std::map<std::string, std::string> options; // by their long name: "--host"
+    std::string word;                           // the beginning of the value
+};
+/// The values that there are; those that do not begin with the word are left out afterwards. It has 180 ms in
+/// all.
+/// ":files" and ":directories" stand for those that the shell finds.
+using Offers = std::function<std::vector<std::string>(const Typed& typed)>;
+/// The servers that this machine's name server knows; none when it does not answer at once.
+std::vector<std::string> ServerNames();
+/// Offers values for an option or an argument. Without it, those called FILE, DIRECTORY and SERVER offer
+/// such.
+void Offer(CLI::Option& option, Offers offers);

@@ -28,6 +28,15 @@ int Report(const CLI::App& program, const CommandFailed& failed)
     return static_cast<int>(failed.status);
 }
 
+std::string WhatIsWrong(const CLI::App& program, const CLI::ParseError& problem)
+{
+    const std::string command = CommandLineOf(program);
+    const std::vector<std::string> left = program.remaining(true);
+    const bool isUnknown = dynamic_cast<const CLI::RequiredError*>(&problem) != nullptr && !left.empty();
+    return (isUnknown ? "no such command: " + left.front() : problem.what()) + " (see " + command +
+           " --help)";
+}
+
 int Run(CLI::App& program, int argc, char** argv)
 {
     try {
@@ -36,8 +45,7 @@ int Run(CLI::App& program, int argc, char** argv)
     } catch (const CLI::Success& asked) { // for the help or the version
         program.exit(asked);
     } catch (const CLI::ParseError& problem) {
-        const std::string see = " (see " + CommandLineOf(program) + " --help)";
-        return Report(program, {Exit::usage, {}, problem.what() + see});
+        return Report(program, {Exit::usage, {}, WhatIsWrong(program, problem)});
     } catch (const CommandFailed& failed) {
         return Report(program, failed);
     } catch (const std::exception& failure) {

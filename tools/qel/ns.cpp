@@ -207,6 +207,34 @@ void Shutdown(const AskChoices& choices)
     Require(choices, nmsServShutdown(choices.Connect().get()));
 }
 
+// ---- what the completion offers
+
+std::vector<nmsFields> RecordsAtOnce()
+{
+    nmsSetAnswerLimit(btkTimeval(0.1));
+    const nmsOwnedProxy proxy(nmsServConnectLocal());
+    const nmsOwnedRecord all(nmsRecCreate(0));
+    capi_nmsRecordArray* found = nullptr;
+    int count = 0;
+    const nmsOwnedError error(nmsServQuery(proxy.get(), all.get(), &found, &count));
+    const nmsOwnedRecords held(found);
+    std::vector<nmsFields> records;
+    for (int i = 0; error == nullptr && i < count; ++i)
+        records.push_back(nmsRecGetFields(nmsRecArrGetByIndex(found, i)));
+    return records;
+}
+
+std::vector<std::string> KnownFields(const Typed&)
+{
+    std::vector<std::string> fields;
+    for (const nmsFields& record : RecordsAtOnce())
+        for (const auto& [name, value] : record.fields)
+            fields.push_back(name + '=' + value);
+    return fields;
+}
+
+// ---- the commands
+
 struct AskCommand
 {
     const char* name;
@@ -239,10 +267,10 @@ void AddAsk(CLI::App& group, const AskCommand& command)
         const auto isField = [](const std::string& text) {
             return text.find('=') == std::string::npos ? "not NAME=VALUE: " + text : std::string();
         };
-        ask.add_option("field", choices->fields, "A field, such as _ServerName=NAME")
-            ->type_name("NAME=VALUE")
-            ->check(isField)
-            ->required(command.fields == AskCommand::NeedsFields);
+        CLI::Option& field = *ask.add_option("field", choices->fields, "A field, such as _ServerName=NAME");
+        field.type_name("NAME=VALUE")->check(isField);
+        field.required(command.fields == AskCommand::NeedsFields);
+        Offer(field, &KnownFields);
     }
     if (command.ask == &Register)
         ask.add_option("--process", choices->owner, "Process that the record goes with (default: none)")
@@ -253,6 +281,15 @@ void AddAsk(CLI::App& group, const AskCommand& command)
 }
 
 } // namespace
+
+std::vector<std::string> ServerNames()
+{
+    std::vector<std::string> names;
+    for (const nmsFields& record : RecordsAtOnce())
+        if (const std::string* const name = record.Find("_ServerName"))
+            names.push_back(*name);
+    return names;
+}
 
 void AddNameServiceCommands(CLI::App& program)
 {

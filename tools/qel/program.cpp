@@ -6,11 +6,21 @@
 void AddNameServiceCommands(CLI::App& program); // ns.cpp
 void AddServerCommands(CLI::App& program);      // server.cpp
 void AddRemoteShellCommands(CLI::App& program); // rsh.cpp
+void AddCompletionCommands(CLI::App& program);  // complete.cpp
+void AddManCommand(CLI::App& program);          // man.cpp
 
 namespace {
 
 // In the order in which the help names them.
-constexpr AddCommands groups[] = {&AddNameServiceCommands, &AddServerCommands, &AddRemoteShellCommands};
+// clang-format off: a line for each
+constexpr AddCommands groups[] = {
+    &AddNameServiceCommands,
+    &AddServerCommands,
+    &AddRemoteShellCommands,
+    &AddCompletionCommands,
+    &AddManCommand,
+};
+// clang-format on
 
 } // namespace
 
@@ -24,6 +34,12 @@ void BuildProgram(CLI::App& program)
     program.require_subcommand(1);
     for (const AddCommands add : groups)
         add(program);
+}
+
+const CLI::App* FindCommand(const CLI::App& command, const std::string& name)
+{
+    const auto found = command.get_subcommands([&](const CLI::App* sub) { return sub->get_name() == name; });
+    return found.empty() ? nullptr : found.front();
 }
 
 std::string CommandLineOf(const CLI::App& program)

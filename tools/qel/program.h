@@ -11,8 +11,23 @@ using AddCommands = void (*)(CLI::App& program);
 
 /// Gives `program` its options and every group of commands.
 void BuildProgram(CLI::App& program);
+/// The command of that name below `command`, or null.
+const CLI::App* FindCommand(const CLI::App& command, const std::string& name);
 /// The words of the command that is being parsed or run: "qel ns list".
 std::string CommandLineOf(const CLI::App& program);
+
+/// A variable of the environment that the programs of the library heed, and what for.
+struct VariableHelp
+{
+    const char* name;
+    const char* says;
+};
+inline constexpr VariableHelp environmentHelp[] = {
+    {"VRXNMSPORT", "Port of the name server, here and on other machines (1239)"},
+    {"QELSTD_REGISTRY", "Directory of the registry ($XDG_CONFIG_HOME/qelstd/registry)"},
+    {"QELSTD_DRIVE_C", "Where the drive C: is (/); QELSTD_DRIVE_D and so on add drives"},
+    {"NO_COLOR", "When not empty: write no colours to a terminal"},
+};
 
 /// What stands in the help for an option or an argument.
 struct OptionHelp

@@ -1,0 +1,22 @@
+#!/bin/bash
+# manual.sh DIRECTORY QEL: mandoc has nothing to say about the manual pages, and each group of commands has one.
+set -uo pipefail
+pages=$1 qel=$2
+faults=0
+fault() { echo "$*"; faults=1; }
+
+command -v mandoc >/dev/null || { echo "no mandoc here"; exit 1; }
+for page in "$pages"/qel*.1; do
+    # Pages that are not installed here cannot be found; whether they are made is seen below.
+    said=$(mandoc -Tlint -Wstyle "$page" | grep -v 'referenced manual not found')
+    [[ -z $said ]] || fault "$said"
+done
+while read -r reference; do
+    [[ -f $pages/$reference.1 ]] || fault "no page $reference"
+done < <(sed -n 's/^\.Xr \(qel[a-z-]*\) 1.*/\1/p' "$pages"/qel*.1 | sort -u)
+# A group is a word of the first help that has commands of its own.
+while read -r group; do
+    "$qel" "$group" --help | grep -q '^Commands:' && [[ ! -f $pages/qel-$group.1 ]] && fault "no page for $group"
+done < <("$qel" --help | sed -n '/^Commands:/,/^$/s/^  \([a-z][a-z]*\) .*/\1/p')
+[[ $("$qel" man ns) == "$(cat "$pages/qel-ns.1")" ]] || fault "'qel man ns' is another page"
+exit $faults

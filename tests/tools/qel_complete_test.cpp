@@ -1,0 +1,63 @@
+#include <chrono>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/nameserver.h"
+#include "support/qelprogram.h"
+#include <qel/base/btksocket.h>
+#include <qel/netaddress.h>
+
+namespace {
+
+// What the last of the words may become, without what it is.
+std::string Offered(const std::string& words)
+{
+    const Outcome outcome = Qel("complete -- " + words);
+    EXPECT_EQ(outcome.status, 0) << words;
+    std::string texts;
+    bool inText = true;
+    for (const char c : outcome.output) {
+        inText = c != '\t' && (inText || c == '\n');
+        if (inText)
+            texts += c == '\n' ? ' ' : c;
+    }
+    return texts;
+}
+
+} // namespace
+
+TEST(QelComplete, OffersCommandsAndOptions)
+{
+    EXPECT_EQ(Offered("ser"), "server ");
+    EXPECT_EQ(Offered("server ''"), "ping version shutdown ");
+    EXPECT_EQ(Offered("ns serve --max"), "--max-records --max-records-of-process ");
+    EXPECT_EQ(Offered("ns query --host=x --js"), "--json ");
+    EXPECT_EQ(Offered("ns query --host --js"), "") << "it is the host";
+    EXPECT_EQ(Offered("completion ''"), "bash zsh ");
+    EXPECT_EQ(Offered("completion bash ''"), "");
+    EXPECT_EQ(Offered("man --directory ''"), ":directories ");
+    EXPECT_EQ(Offered("nothing -"), "--help --version ");
+    EXPECT_EQ(Offered("co"), "completion ") << "hidden ones are not offered";
+}
+
+TEST(QelComplete, OffersTheServersThatThereAre)
+{
+    const TestNameServer names;
+    ASSERT_TRUE(RegisterWithNMS(getNameServer(nullptr), 4000, "files"));
+    ASSERT_TRUE(RegisterWithNMS(getNameServer(nullptr), 4001, "two\x1b words"));
+    EXPECT_EQ(Offered("server ping f"), "files ");
+    EXPECT_EQ(Offered("server ping --limit 3 ''"), "files two words ");
+    EXPECT_EQ(Offered("ns query _S"), "_ServerName=files _ServerName=two words ");
+}
+
+TEST(QelComplete, DoesNotWaitForANameServerThatIsSilent)
+{
+    btkAcceptSocket silent;
+    ASSERT_TRUE(silent.Listen(0, "127.0.0.1"));
+    const EnvSetting port("VRXNMSPORT", std::to_string(silent.GetPortN()).c_str());
+
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Offered("server ping ''"), "");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2)); // 0.2 where nobody measures
+}

@@ -1,0 +1,253 @@
+// The shells' completion: the scripts, and what they ask at each press of the key.
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "commands.h"
+#include "program.h"
+
+namespace {
+
+// ---- the scripts
+
+// Both ask `qel complete -- WORD...` for what the last word may become: lines of a text, a tab and what it
+// is.
+// ":files" and ":directories" leave it to the shell.
+constexpr const char* bashScript = R"(# bash completion for qel
+_qel()
+{
+    local line=${COMP_LINE:0:COMP_POINT} words=() i word piece
+    # bash takes words apart at the characters of COMP_WORDBREAKS; the program wants them as typed.
+    for ((i = 0; i <= COMP_CWORD; ++i)); do
+        word=${COMP_WORDS[i]}
+        if ((i > 0)) && [[ $line != [[:blank:]]* ]]; then
+            piece=${word:0:${#line}}
+            words[-1]+=$piece
+        else
+            line=${line#"${line%%[![:blank:]]*}"}
+            piece=${word:0:${#line}}
+            words+=("$piece")
+        fi
+        line=${line:${#word}}
+    done
+    # Of the word, bash replaces only what follows the last such character.
+    [[ -n $piece && -z ${piece//[$COMP_WORDBREAKS]/} ]] && piece=
+    local quote=${piece:0:1}
+    piece=${piece//[\\\'\"]/}
+    words=("${words[@]//[\\\'\"]/}")
+    local last=${words[-1]}
+    local before=${last:0:${#last}-${#piece}}
+    COMPREPLY=()
+    while IFS= read -r line; do
+        case $line in
+            :files) compopt -o filenames; mapfile -t -O ${#COMPREPLY[@]} COMPREPLY < <(compgen -f -- "$piece") ;;
+            :directories) compopt -o filenames; mapfile -t -O ${#COMPREPLY[@]} COMPREPLY < <(compgen -d -- "$piece") ;;
+            *)
+                word=${line%%$'\t'*}
+                [[ $word == *[=/@] ]] && compopt -o nospace
+                word=${word:${#before}}
+                [[ $quote == [\'\"] ]] || printf -v word %q "$word"
+                COMPREPLY+=("$word")
+                ;;
+        esac
+    done < <("$1" complete -- "${words[@]:1}" 2>/dev/null)
+}
+complete -F _qel qel
+)";
+
+constexpr const char* zshScript = R"(#compdef qel
+_qel()
+{
+    local line word
+    local -a whole open
+    while IFS= read -r line; do
+        word=${line%%$'\t'*}
+        case $line in
+            :files) _files ;;
+            :directories) _files -/ ;;
+            *[=/@]$'\t'*) open+=("${word//:/\\:}:${line#*$'\t'}") ;;
+            *) whole+=("${word//:/\\:}:${line#*$'\t'}") ;;
+        esac
+    done < <($words[1] complete -- "${(@Q)words[2,CURRENT-1]}" "${(Q)PREFIX}" 2>/dev/null)
+    (( $#whole )) && _describe -V qel whole
+    (( $#open )) && _describe -V qel open -S ''
+}
+if [[ $funcstack[1] == _qel ]]; then _qel "$@"; else compdef _qel qel; fi
+)";
+
+// ---- what a word may become
+
+struct Offered
+{
+    std::string text;
+    std::string says;
+};
+
+std::map<const CLI::Option*, Offers>& OffersOfOptions()
+{
+    static std::map<const CLI::Option*, Offers> offers;
+    return offers;
+}
+
+// What is offered for a value, after its word in the help.
+std::vector<std::string> ValuesOf(const CLI::Option& option, const Typed& typed)
+{
+    const auto own = OffersOfOptions().find(&option);
+    if (own != OffersOfOptions().end())
+        return own->second(typed);
+    const std::string word = option.get_type_name().substr(0, option.get_type_name().find(':'));
+    if (word == "FILE")
+        return {":files"};
+    if (word == "DIRECTORY")
+        return {":directories"};
+    if (word == "SERVER")
+        return ServerNames();
+    return {};
+}
+
+// Reads the words before the last one as the parser would, and remembers what may come next.
+class Reader
+{
+public:
+    explicit Reader(const CLI::App& program) : command(&program) {}
+
+    void Read(const std::string& word)
+    {
+        if (awaited != nullptr) {
+            typed.options[awaited->get_name()] = word;
+            awaited = nullptr;
+        } else if (!onlyArguments && word == "--") {
+            onlyArguments = true;
+        } else if (!onlyArguments && word.size() > 1 && word.starts_with('-')) {
+            const std::size_t equals = word.find('=');
+            const CLI::Option* const option = command->get_option_no_throw(word.substr(0, equals));
+            if (option == nullptr || option->get_expected_max() == 0)
+                return;
+            if (equals == std::string::npos)
+                awaited = option;
+            else
+                typed.options[option->get_name()] = word.substr(equals + 1);
+        } else if (const CLI::App* const sub = FindCommand(*command, word)) {
+            command = sub;
+            typed.arguments.clear();
+        } else {
+            typed.arguments.push_back(word);
+        }
+    }
+
+    std::vector<Offered> Complete(const std::string& word)
+    {
+        std::vector<Offered> offered;
+        const std::size_t equals = word.find('=');
+        if (awaited != nullptr) {
+            Add(offered, *awaited, "", word);
+        } else if (!onlyArguments && word.starts_with('-') && equals != std::string::npos) {
+            const CLI::Option* const option = command->get_option_no_throw(word.substr(0, equals));
+            if (option != nullptr)
+                Add(offered, *option, word.substr(0, equals + 1), word.substr(equals + 1));
+        } else if (!onlyArguments && word.starts_with('-')) {
+            for (const CLI::Option* const option : command->get_options())
+                for (const std::string& name : option->get_lnames())
+                    offered.push_back({"--" + name, option->get_description()});
+        } else {
+            for (const CLI::App* const sub : command->get_subcommands(nullptr))
+                if (!sub->get_group().empty())
+                    offered.push_back({sub->get_name(), sub->get_description()});
+            if (const CLI::Option* const argument = Argument())
+                Add(offered, *argument, "", word);
+        }
+        std::erase_if(offered, [&](const Offered& one) {
+            return !one.text.starts_with(':') && !one.text.starts_with(word);
+        });
+        return offered;
+    }
+
+private:
+    // That whose turn it is; the last one may take more than one value.
+    const CLI::Option* Argument() const
+    {
+        std::size_t before = typed.arguments.size();
+        for (const CLI::Option* const option : command->get_options())
+            if (option->get_positional() && (before-- == 0 || option->get_expected_max() > 1))
+                return option;
+        return nullptr;
+    }
+
+    void Add(std::vector<Offered>& offered, const CLI::Option& option, const std::string& before,
+             const std::string& word)
+    {
+        typed.word = word;
+        for (const std::string& value : ValuesOf(option, typed))
+            offered.push_back({(value.starts_with(':') ? "" : before) + value, option.get_description()});
+    }
+
+    const CLI::App* command;
+    const CLI::Option* awaited = nullptr; // whose value comes next
+    bool onlyArguments = false;
+    Typed typed;
+};
+
+void Complete(const CLI::App& program, const std::vector<std::string>& words)
+{
+    // Whoever presses the key waits for it: what is slow is not offered.
+    std::thread([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(180));
+        std::_Exit(0);
+    }).detach();
+    Reader reader(program);
+    for (std::size_t i = 0; i + 1 < words.size(); ++i)
+        reader.Read(words[i]);
+    std::vector<Offered> offered;
+    try {
+        offered = reader.Complete(words.empty() ? std::string() : words.back());
+    } catch (xthrowable* failure) {
+        FailureOf(failure);
+    } catch (const CommandFailed&) {
+        return;
+    }
+    std::string lines;
+    for (const auto& [text, says] : offered)
+        lines += Printable(text) + (text.starts_with(':') ? "" : '\t' + Printable(says)) + '\n';
+    std::cout << lines << std::flush;
+}
+
+void PrintScript(const std::string& shell)
+{
+    std::cout << (shell == "bash" ? bashScript : zshScript);
+}
+
+} // namespace
+
+void Offer(CLI::Option& option, Offers offers)
+{
+    OffersOfOptions()[&option] = std::move(offers);
+}
+
+void AddCompletionCommands(CLI::App& program)
+{
+    const auto shell = std::make_shared<std::string>();
+    CLI::App& completion =
+        AddCommand(program, "completion", "Write the script by which a shell completes words for qel",
+                   [shell] { PrintScript(*shell); });
+    completion.footer("qel completion bash\tRead it in ~/.bashrc: source <(qel completion bash)\n"
+                      "qel completion zsh\tRead it in ~/.zshrc: source <(qel completion zsh)\n");
+    Offer(*completion.add_option("shell", *shell, "bash or zsh")
+               ->type_name("SHELL")
+               ->required()
+               ->check(CLI::IsMember({"bash", "zsh"})),
+          [](const Typed&) {
+              return std::vector<std::string>{"bash", "zsh"};
+          });
+
+    const auto words = std::make_shared<std::vector<std::string>>();
+    CLI::App& complete = AddCommand(program, "complete", "Print what the last of the words may become",
+                                    [&program, words] { Complete(program, *words); });
+    complete.group(""); // for those scripts: not in the help
+    complete.add_option("word", *words, "What stands behind `qel` on the command line")->type_name("WORD");
+}

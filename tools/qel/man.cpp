@@ -1,0 +1,237 @@
+// qel man: the manual pages, in mdoc, from the objects that the command line is read with.
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "program.h"
+
+namespace {
+
+// ---- mdoc
+
+// Text in short lines, none of which begins like a request; a backslash stands for itself.
+std::string TextLine(const std::string& text)
+{
+    std::string lines;
+    std::string line;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        if (line.size() + word.size() > 76) {
+            lines += line + '\n';
+            line.clear();
+        }
+        if (line.empty() && (word.starts_with('.') || word.starts_with('\'')))
+            line = "\\&";
+        else if (!line.empty())
+            line += ' ';
+        for (const char c : word)
+            line += c == '\\' ? std::string("\\e") : std::string(1, c);
+    }
+    return lines + line + '\n';
+}
+
+// An argument of a macro.
+std::string Argument(const std::string& text)
+{
+    std::string quoted = "\"";
+    for (const char c : text)
+        quoted += c == '\\' ? std::string("\\e") : c == '"' ? std::string("\\(dq") : std::string(1, c);
+    return quoted + '"';
+}
+
+// "-h, --help", "--port PORT" or "[FILE ...]" as macros.
+std::string Term(const std::string& term)
+{
+    if (term.starts_with('['))
+        return "Op " + Term(term.substr(1, term.size() - 2));
+    std::string macros;
+    std::istringstream words(term);
+    for (std::string word; words >> word;) {
+        const bool isFlag = word.starts_with('-');
+        const bool more = word.ends_with(',');
+        if (more)
+            word.pop_back();
+        macros += (macros.empty() ? "" : " ") +
+                  (isFlag ? "Fl " + Argument(word.substr(1)) : "Ar " + Argument(word)) + (more ? " ," : "");
+    }
+    return macros;
+}
+
+std::string List(const std::vector<std::pair<std::string, std::string>>& rows)
+{
+    if (rows.empty())
+        return {};
+    std::string list = ".Bl -tag -width Ds\n";
+    for (const auto& [term, text] : rows)
+        list += ".It " + term + '\n' + TextLine(text);
+    return list + ".El\n";
+}
+
+// ---- sections
+
+std::string Arguments(const CLI::App& command)
+{
+    const bool isProgram = command.get_parent() == nullptr; // the only one to tell of --help
+    std::vector<std::pair<std::string, std::string>> rows;
+    for (const bool positional : {true, false})
+        for (const CLI::Option* const option : command.get_options())
+            if (option->get_positional() == positional && (isProgram || option != command.get_help_ptr())) {
+                const auto [term, text] = HelpOf(*option);
+                rows.emplace_back(Term(term), text + '.');
+            }
+    return List(rows);
+}
+
+std::string Synopsis(const CLI::App& command, const std::string& words)
+{
+    std::string line = ".Nm " + words + "\n.Op Ar OPTION ...\n";
+    for (const CLI::Option* const option : command.get_options())
+        if (option->get_positional())
+            line += "." + Term(HelpOf(*option).term) + '\n';
+    return line;
+}
+
+std::string Examples(const CLI::App& command)
+{
+    const std::vector<ExampleText> examples = ExamplesOf(command);
+    if (examples.empty())
+        return {};
+    std::string section = ".Sh EXAMPLES\n";
+    for (const auto& [line, says] : examples)
+        section += TextLine(says) + ".Pp\n.Dl " + Argument(line) + "\n.Pp\n";
+    return section.substr(0, section.size() - 4); // no paragraph at the end
+}
+
+std::vector<const CLI::App*> Shown(const CLI::App& command)
+{
+    return command.get_subcommands([](const CLI::App* sub) { return !sub->get_group().empty(); });
+}
+
+// The pages of the program and of its groups.
+std::string SeeAlso(const CLI::App& program, const CLI::App* without)
+{
+    std::string section;
+    if (without != nullptr)
+        section = ".Xr qel 1";
+    for (const CLI::App* const group : Shown(program))
+        if (group != without && !Shown(*group).empty())
+            section += (section.empty() ? ".Xr qel-" : " ,\n.Xr qel-") + group->get_name() + " 1";
+    return section.empty() ? section : ".Sh SEE ALSO\n" + section + '\n';
+}
+
+constexpr const char* exitStatus = R"(.Sh EXIT STATUS
+.Bl -tag -width Ds
+.It 0
+Done, or the answer is yes.
+.It 1
+The answer is no, or what was asked for is not there or not allowed.
+.It 2
+The arguments are wrong.
+.It 3
+Another program did not answer, or input or output failed.
+.El
+.Pp
+What went wrong is one line on the standard error output.
+)";
+
+std::string Head(const std::string& page, const std::string& does)
+{
+    std::string title = page;
+    for (char& c : title)
+        c = c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+    return ".Dd " QEL_DATE "\n.Dt " + title + " 1\n.Os qelstd " QEL_VERSION "\n.Sh NAME\n.Nm " + page +
+           "\n.Nd " + does + '\n';
+}
+
+// ---- pages
+
+std::string ProgramPage(const CLI::App& program)
+{
+    std::string page = Head("qel", "serves and asks the parts of a distributed system");
+    page += ".Sh SYNOPSIS\n.Nm qel\n.Op Ar OPTION ...\n.Ar GROUP\n.Ar COMMAND\n.Op Ar ARGUMENT ...\n";
+    page += ".Sh DESCRIPTION\nEach group of commands has a page of its own, such as\n.Xr qel-ns 1 .\n"
+            "The groups and the commands without one:\n";
+    std::vector<std::pair<std::string, std::string>> rows;
+    for (const CLI::App* const group : Shown(program))
+        rows.emplace_back("Cm " + group->get_name(), group->get_description() + '.');
+    page += List(rows) + ".Pp\nThe options:\n" + Arguments(program);
+    page += ".Pp\nWhat a program may read is written as JSON with the option\n.Fl -json .\n";
+    for (const CLI::App* const command : Shown(program))
+        if (Shown(*command).empty()) {
+            page += ".Ss qel " + command->get_name() + '\n' + TextLine(command->get_description() + '.');
+            page += ".Pp\n" + Synopsis(*command, "qel " + command->get_name()) + Arguments(*command);
+        }
+    page += ".Sh ENVIRONMENT\n";
+    rows.clear();
+    for (const auto& [name, says] : environmentHelp)
+        rows.emplace_back(std::string("Ev ") + name, std::string(says) + '.');
+    return page + List(rows) + exitStatus + Examples(program) + SeeAlso(program, nullptr);
+}
+
+std::string GroupPage(const CLI::App& program, const CLI::App& group)
+{
+    std::string does = group.get_description();
+    if (does.compare(0, 2, "A ") == 0 || does.compare(0, 4, "The ") == 0)
+        does[0] = static_cast<char>(does[0] - 'A' + 'a');
+    std::string page = Head("qel-" + group.get_name(), does) + ".Sh SYNOPSIS\n";
+    std::string commands;
+    for (const CLI::App* const command : Shown(group)) {
+        const std::string words = "qel " + group.get_name() + ' ' + command->get_name();
+        page += Synopsis(*command, words);
+        commands += ".Ss " + words + '\n' + TextLine(command->get_description() + '.') + Arguments(*command);
+    }
+    return page + ".Sh DESCRIPTION\n" + TextLine("The commands of this group and what they take.") +
+           commands + exitStatus + Examples(group) + SeeAlso(program, &group);
+}
+
+struct Choices
+{
+    std::string group;
+    std::string directory;
+};
+
+void Write(const std::filesystem::path& file, const std::string& page)
+{
+    std::ofstream stream(file);
+    stream << page;
+    if (!stream.flush())
+        Fail(Exit::peer, file.string(), "cannot be written");
+}
+
+void Man(const CLI::App& program, const Choices& choices)
+{
+    if (!choices.directory.empty()) {
+        const std::filesystem::path directory(choices.directory);
+        std::filesystem::create_directories(directory);
+        Write(directory / "qel.1", ProgramPage(program));
+        for (const CLI::App* const group : Shown(program))
+            if (!Shown(*group).empty())
+                Write(directory / ("qel-" + group->get_name() + ".1"), GroupPage(program, *group));
+    } else if (choices.group.empty()) {
+        std::cout << ProgramPage(program);
+    } else {
+        const CLI::App* const group = FindCommand(program, choices.group);
+        if (group == nullptr || Shown(*group).empty())
+            Fail(Exit::no, choices.group, "no group of commands");
+        std::cout << GroupPage(program, *group);
+    }
+}
+
+} // namespace
+
+void AddManCommand(CLI::App& program)
+{
+    const auto choices = std::make_shared<Choices>();
+    CLI::App& man = AddCommand(program, "man", "Write a manual page for mandoc or man",
+                               [&program, choices] { Man(program, *choices); });
+    man.group(""); // for who makes packages: not in the help
+    man.add_option("group", choices->group, "The group whose page it is (default: that of the program)")
+        ->type_name("GROUP");
+    man.add_option("--directory", choices->directory, "Write all pages, as files of this directory")
+        ->type_name("DIRECTORY");
+}
