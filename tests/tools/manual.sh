@@ -1,5 +1,5 @@
 #!/bin/bash
-# manual.sh DIRECTORY QEL: mandoc has nothing to say about the manual pages, and each group of commands has one.
+# manual.sh DIRECTORY QEL: mandoc has nothing to say about the manual pages, and each command has one.
 set -uo pipefail
 pages=$1 qel=$2
 faults=0
@@ -14,9 +14,8 @@ done
 while read -r reference; do
     [[ -f $pages/$reference.1 ]] || fault "no page $reference"
 done < <(sed -n 's/^\.Xr \(qel[a-z-]*\) 1.*/\1/p' "$pages"/qel*.1 | sort -u)
-# A group is a word of the first help that has commands of its own.
-while read -r group; do
-    "$qel" "$group" --help | grep -q '^Commands:' && [[ ! -f $pages/qel-$group.1 ]] && fault "no page for $group"
+while read -r command; do
+    [[ -f $pages/qel-$command.1 ]] || fault "no page for $command"
 done < <("$qel" --help | sed -n '/^Commands:/,/^$/s/^  \([a-z][a-z]*\) .*/\1/p')
 [[ $("$qel" man ns) == "$(cat "$pages/qel-ns.1")" ]] || fault "'qel man ns' is another page"
 exit $faults

@@ -158,7 +158,7 @@ public:
         } else {
             for (const CLI::App* const sub : command->get_subcommands(nullptr))
                 if (!sub->get_group().empty())
-                    offered.push_back({sub->get_name(), sub->get_description()});
+                    offered.push_back({sub->get_name(), SummaryOf(*sub)});
             if (const CLI::Option* const argument = Argument())
                 Add(offered, *argument, "", word);
         }

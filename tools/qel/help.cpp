@@ -85,6 +85,11 @@ OptionHelp HelpOf(const CLI::Option& option)
     return help;
 }
 
+std::string SummaryOf(const CLI::App& command)
+{
+    return command.get_description().substr(0, command.get_description().find(". "));
+}
+
 std::vector<ExampleText> ExamplesOf(const CLI::App& command)
 {
     std::string words = command.get_name();
@@ -108,7 +113,7 @@ std::string HelpText(const CLI::App& command, const std::string& name)
     std::vector<Row> options;
     for (const CLI::App* const sub : command.get_subcommands(nullptr))
         if (!sub->get_group().empty())
-            commands.push_back({sub->get_name(), sub->get_description()});
+            commands.push_back({sub->get_name(), SummaryOf(*sub)});
     std::string usage = "Usage: " + (name.empty() ? command.get_name() : name) + " [OPTION ...]";
     for (const CLI::Option* const option : command.get_options()) {
         const auto [term, text] = HelpOf(*option);

@@ -3,6 +3,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -21,7 +22,8 @@ std::string TextLine(const std::string& text)
     std::string line;
     std::istringstream words(text);
     for (std::string word; words >> word;) {
-        if (line.size() + word.size() > 76) {
+        const bool isSentenceOver = line.ends_with('.') || line.ends_with('!') || line.ends_with('?');
+        if (isSentenceOver || line.size() + word.size() > 76) {
             lines += line + '\n';
             line.clear();
         }
@@ -112,16 +114,19 @@ std::vector<const CLI::App*> Shown(const CLI::App& command)
     return command.get_subcommands([](const CLI::App* sub) { return !sub->get_group().empty(); });
 }
 
-// The pages of the program and of its groups.
+// The other pages.
 std::string SeeAlso(const CLI::App& program, const CLI::App* without)
 {
-    std::string section;
+    std::set<std::string> pages;
     if (without != nullptr)
-        section = ".Xr qel 1";
-    for (const CLI::App* const group : Shown(program))
-        if (group != without && !Shown(*group).empty())
-            section += (section.empty() ? ".Xr qel-" : " ,\n.Xr qel-") + group->get_name() + " 1";
-    return section.empty() ? section : ".Sh SEE ALSO\n" + section + '\n';
+        pages.insert("qel");
+    for (const CLI::App* const command : Shown(program))
+        if (command != without)
+            pages.insert("qel-" + command->get_name());
+    std::string section;
+    for (const std::string& page : pages)
+        section += (section.empty() ? ".Xr " : " ,\n.Xr ") + page + " 1";
+    return ".Sh SEE ALSO\n" + section + '\n';
 }
 
 constexpr const char* exitStatus = R"(.Sh EXIT STATUS
@@ -154,18 +159,13 @@ std::string ProgramPage(const CLI::App& program)
 {
     std::string page = Head("qel", "serves and asks the parts of a distributed system");
     page += ".Sh SYNOPSIS\n.Nm qel\n.Op Ar OPTION ...\n.Ar GROUP\n.Ar COMMAND\n.Op Ar ARGUMENT ...\n";
-    page += ".Sh DESCRIPTION\nEach group of commands has a page of its own, such as\n.Xr qel-ns 1 .\n"
-            "The groups and the commands without one:\n";
+    page += ".Sh DESCRIPTION\nEach command, or group of commands, has a page of its own, such as\n"
+            ".Xr qel-ns 1 :\n";
     std::vector<std::pair<std::string, std::string>> rows;
     for (const CLI::App* const group : Shown(program))
-        rows.emplace_back("Cm " + group->get_name(), group->get_description() + '.');
+        rows.emplace_back("Cm " + group->get_name(), SummaryOf(*group) + '.');
     page += List(rows) + ".Pp\nThe options:\n" + Arguments(program);
     page += ".Pp\nWhat a program may read is written as JSON with the option\n.Fl -json .\n";
-    for (const CLI::App* const command : Shown(program))
-        if (Shown(*command).empty()) {
-            page += ".Ss qel " + command->get_name() + '\n' + TextLine(command->get_description() + '.');
-            page += ".Pp\n" + Synopsis(*command, "qel " + command->get_name()) + Arguments(*command);
-        }
     page += ".Sh ENVIRONMENT\n";
     rows.clear();
     for (const auto& [name, says] : environmentHelp)
@@ -173,25 +173,29 @@ std::string ProgramPage(const CLI::App& program)
     return page + List(rows) + exitStatus + Examples(program) + SeeAlso(program, nullptr);
 }
 
-std::string GroupPage(const CLI::App& program, const CLI::App& group)
+// Of a command of the program, or of a group of them.
+std::string CommandPage(const CLI::App& program, const CLI::App& top)
 {
-    std::string does = group.get_description();
-    if (does.compare(0, 2, "A ") == 0 || does.compare(0, 4, "The ") == 0)
+    std::string does = SummaryOf(top);
+    if (does.compare(0, 2, "A ") == 0 || does.compare(0, 4, "The ") == 0 || Shown(top).empty())
         does[0] = static_cast<char>(does[0] - 'A' + 'a');
-    std::string page = Head("qel-" + group.get_name(), does) + ".Sh SYNOPSIS\n";
+    std::string page = Head("qel-" + top.get_name(), does) + ".Sh SYNOPSIS\n";
     std::string commands;
-    for (const CLI::App* const command : Shown(group)) {
-        const std::string words = "qel " + group.get_name() + ' ' + command->get_name();
+    for (const CLI::App* const command : Shown(top)) {
+        const std::string words = "qel " + top.get_name() + ' ' + command->get_name();
         page += Synopsis(*command, words);
         commands += ".Ss " + words + '\n' + TextLine(command->get_description() + '.') + Arguments(*command);
     }
-    return page + ".Sh DESCRIPTION\n" + TextLine("The commands of this group and what they take.") +
-           commands + exitStatus + Examples(group) + SeeAlso(program, &group);
+    if (commands.empty()) {
+        page += Synopsis(top, "qel " + top.get_name());
+        commands = TextLine(top.get_description() + '.') + Arguments(top);
+    }
+    return page + ".Sh DESCRIPTION\n" + commands + exitStatus + Examples(top) + SeeAlso(program, &top);
 }
 
 struct Choices
 {
-    std::string group;
+    std::string command;
     std::string directory;
 };
 
@@ -209,16 +213,15 @@ void Man(const CLI::App& program, const Choices& choices)
         const std::filesystem::path directory(choices.directory);
         std::filesystem::create_directories(directory);
         Write(directory / "qel.1", ProgramPage(program));
-        for (const CLI::App* const group : Shown(program))
-            if (!Shown(*group).empty())
-                Write(directory / ("qel-" + group->get_name() + ".1"), GroupPage(program, *group));
-    } else if (choices.group.empty()) {
+        for (const CLI::App* const command : Shown(program))
+            Write(directory / ("qel-" + command->get_name() + ".1"), CommandPage(program, *command));
+    } else if (choices.command.empty()) {
         std::cout << ProgramPage(program);
     } else {
-        const CLI::App* const group = FindCommand(program, choices.group);
-        if (group == nullptr || Shown(*group).empty())
-            Fail(Exit::no, choices.group, "no group of commands");
-        std::cout << GroupPage(program, *group);
+        const CLI::App* const command = FindCommand(program, choices.command);
+        if (command == nullptr)
+            Fail(Exit::no, choices.command, "no such command");
+        std::cout << CommandPage(program, *command);
     }
 }
 
@@ -230,8 +233,9 @@ void AddManCommand(CLI::App& program)
     CLI::App& man = AddCommand(program, "man", "Write a manual page for mandoc or man",
                                [&program, choices] { Man(program, *choices); });
     man.group(""); // for who makes packages: not in the help
-    man.add_option("group", choices->group, "The group whose page it is (default: that of the program)")
-        ->type_name("GROUP");
+    man.add_option("command", choices->command,
+                   "The command or group of commands whose page it is (default: that of the program)")
+        ->type_name("COMMAND");
     man.add_option("--directory", choices->directory, "Write all pages, as files of this directory")
         ->type_name("DIRECTORY");
 }

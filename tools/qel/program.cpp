@@ -14,11 +14,8 @@ namespace {
 // In the order in which the help names them.
 // clang-format off: a line for each
 constexpr AddCommands groups[] = {
-    &AddNameServiceCommands,
-    &AddServerCommands,
-    &AddRemoteShellCommands,
-    &AddCompletionCommands,
-    &AddManCommand,
+    &AddNameServiceCommands, &AddServerCommands, &AddRemoteShellCommands,
+    &AddCompletionCommands,  &AddManCommand,
 };
 // clang-format on
 

@@ -36,6 +36,8 @@ struct OptionHelp
     std::string text; // what it is for, and its default
 };
 OptionHelp HelpOf(const CLI::Option& option);
+/// What the command is for: the first sentence of its description.
+std::string SummaryOf(const CLI::App& command);
 /// The text of --help, in 80 columns.
 std::string HelpText(const CLI::App& command, const std::string& name);
 /// The examples of a command, each as its line and its sentence.
