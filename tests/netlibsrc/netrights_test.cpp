@@ -8,6 +8,7 @@
 
 #include "support/addresses.h"
 #include "support/child.h"
+#include "support/descriptors.h"
 #include "support/environment.h"
 #include "support/tempdir.h"
 
@@ -78,6 +79,10 @@ TEST(IsConnectionAllowed, AsksForAMatchOfEveryValueThatThereIs)
         EXPECT_TRUE(IsConnectionAllowed(&peer, "svc"));
         Allow(user, "192.168.*");
         EXPECT_FALSE(IsConnectionAllowed(&peer, "svc"));
+        {
+            const DescriptorLimit none(nextDescriptor());
+            EXPECT_FALSE(IsConnectionAllowed(&peer, "svc")) << "a value that cannot be read is still there";
+        }
         EXPECT_TRUE(IsConnectionAllowed(&peer, "other"));
         EXPECT_TRUE(IsConnectionAllowed(&peer, nullptr));
         EXPECT_TRUE(IsConnectionAllowed(&peer, ""));

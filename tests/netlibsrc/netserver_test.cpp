@@ -294,6 +294,28 @@ TEST(netServer, ClosesSilentClientsAfterAWhile)
     EXPECT_EQ(openDescriptors(), before);
 }
 
+TEST(netServer, NobodyWaitsForAClientThatSendsAnUrgentValueOnly)
+{
+    ServedInThread served(makeServer());
+    const int port = served.getPort();
+    std::vector<btkStreamSocket> odd(3);
+    for (btkStreamSocket& socket : odd)
+        ASSERT_TRUE(socket.Connect(nullptr, port, patience));
+    EXPECT_EQ(answerTo(port, "\1"), "\1"); // the others are waited for by now
+
+    const btkTimeval start = btkTimeval::Now();
+    for (btkStreamSocket& socket : odd)
+        ASSERT_EQ(socket.Send("oddo", 4, true), 4u);
+    EXPECT_EQ(answerTo(port, "\1"), "\1");
+    EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 0.9);
+
+    // What they say afterwards is heard.
+    char byte = 0;
+    odd[1].SetRecvLimit(patience);
+    odd[1].Send("\1", 1);
+    EXPECT_EQ(odd[1].Recv(&byte, 1), 1);
+}
+
 TEST(netServer, ServesHonestClientsBesideManyBadOnes)
 {
     const long before = openDescriptors();

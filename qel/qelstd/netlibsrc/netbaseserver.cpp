@@ -158,16 +158,19 @@ std::unique_ptr<btkStreamSocket> netBaseServer::TakeConnection()
     std::unique_ptr<btkStreamSocket> socket(new (std::nothrow) btkStreamSocket);
     if (socket != nullptr && listening->Accept(socket.get()))
         return socket;
-    const bool noRoom =
-        socket == nullptr || errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
-    if (socket != nullptr && noRoom && !silent.empty()) {
+    int error = socket == nullptr ? ENOMEM : errno;
+    const auto isNoRoom = [&] {
+        return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+    };
+    if (socket != nullptr && isNoRoom() && !silent.empty()) {
         silent.pop_front();
         if (listening->Accept(socket.get()))
             return socket;
+        error = errno;
     }
-    if (errno == EBADF || errno == EINVAL || errno == ENOTSOCK)
+    if (error == EBADF || error == EINVAL || error == ENOTSOCK)
         netXException::Throw(socketFailed, "Socket failed");
-    if (noRoom)
+    if (isNoRoom())
         restEnd = btkTimeval::Now() +
                   (timeSlice == INFINITE ? longestRest : std::min(longestRest, btkTimeval(timeSlice)));
     return nullptr;
@@ -176,8 +179,10 @@ std::unique_ptr<btkStreamSocket> netBaseServer::TakeConnection()
 // The oldest connection whose first byte, or end, the last wait has found.
 std::unique_ptr<btkStreamSocket> netBaseServer::TakeSpoken()
 {
-    const auto found = std::find_if(silent.begin(), silent.end(),
-                                    [](const Silent& one) { return one.input->WasSignaled(); });
+    // An urgent value ends the wait, too, but is no byte that a handshake could begin with.
+    const auto found = std::find_if(silent.begin(), silent.end(), [](const Silent& one) {
+        return one.input->WasSignaled() && one.socket->IsReadable();
+    });
     if (found == silent.end())
         return nullptr;
     std::unique_ptr<btkStreamSocket> socket = std::move(found->socket);
@@ -275,7 +280,8 @@ bool netBaseServer::StartAsyncRequest(netSocketStream* stream)
 try {
     if (asyncLimit > 0 && requests.size() >= static_cast<std::size_t>(asyncLimit))
         return false;
-    waitList.reserve(requests.size() + 1); // what follows the start must not fail
+    if (waitList.capacity() == requests.size()) // what follows the start must not fail
+        waitList.reserve(2 * requests.size() + 16);
     requests.push_back(std::make_unique<netAsyncRequest>(this, stream));
     netAsyncRequest& request = *requests.back();
     if (!request.Start()) {
@@ -329,6 +335,7 @@ void netAsyncRequest::TellToStop() noexcept
         ControlStream()->Flush(true);
     } catch (xthrowable* e) { // the body has ended or ends by itself
         const qelCaught caught(e);
+    } catch (const std::bad_alloc&) { // for the report of that
     }
 }
 

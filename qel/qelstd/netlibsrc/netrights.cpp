@@ -4,19 +4,28 @@
 
 #include "hmxregistry.h"
 #include <qel/base/btksocket.h>
+#include <qel/platform/errortable.h>
 
 namespace {
 
 enum Verdict { noValue, matches, refused };
 
+// Where the registry could not be asked, nobody can tell that there is no value: a peer that uses up the
+// descriptors is not to be admitted for it.
+Verdict WithoutValue()
+{
+    const DWORD reason = GetLastError();
+    return reason == ERROR_TOO_MANY_OPEN_FILES || reason == ERROR_NOT_ENOUGH_MEMORY ? refused : noValue;
+}
+
 Verdict Ask(hmxRegistry& registry, const xstring& path, const xstring& address)
 {
     hmxRegistryKey key;
     if (!key.Open(registry.root, path.CastToCString()))
-        return noValue;
+        return WithoutValue();
     const xstring value = key.GetValue("ConnectionAllowed");
     if (value == nullptr)
-        return noValue;
+        return WithoutValue();
     return MatchAnyPattern(address, SplitPatternList(value)) ? matches : refused;
 }
 
