@@ -32,10 +32,20 @@ struct Launch
 
 void* Run(void* given)
 {
-    const std::unique_ptr<Launch> launch(static_cast<Launch*>(given));
-    launch->thread->code = launch->start(launch->arg);
-    launch->thread->hasEnded.store(true, std::memory_order_release);
-    Event_Set(launch->thread->exited.Get());
+    // Said also of a thread that leaves by pthread_exit or is cancelled: its owner waits for it.
+    struct EndNote
+    {
+        std::unique_ptr<Launch> launch;
+        ~EndNote()
+        {
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE,
+                                   nullptr); // setting the event would be a place for it
+            launch->thread->hasEnded.store(true, std::memory_order_release);
+            Event_Set(launch->thread->exited.Get());
+        }
+    };
+    const EndNote note{std::unique_ptr<Launch>(static_cast<Launch*>(given))};
+    note.launch->thread->code = note.launch->start(note.launch->arg);
     return nullptr;
 }
 

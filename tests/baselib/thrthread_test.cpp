@@ -71,6 +71,23 @@ TEST_F(Threads, RunOnAfterTheirHandleWasFreed)
     EXPECT_EQ(btkEvent::Wait({&exited}, btkTimeval(10, 0)), 1);
 }
 
+TEST_F(Threads, EndAlsoWhenTheyLeaveInTheMiddle)
+{
+    for (const auto leave : {+[](void*) -> int { pthread_exit(nullptr); },
+                             +[](void* event) {
+                                 pthread_cancel(pthread_self());
+                                 return waitForEvent(event);
+                             }}) {
+        void* const thread = StrictThread_Launch(leave, Gate(), nullptr);
+        btkEvent exited(new btkPROCESSEvent(thread));
+        EXPECT_EQ(btkEvent::Wait({&exited}, btkTimeval(10, 0)), 1);
+        int code = 1;
+        StrictThread_Wait(thread, &code);
+        EXPECT_EQ(code, 0);
+        StrictThread_Free(thread);
+    }
+}
+
 TEST(ThreadLimits, WithoutDescriptorsNoThreadIsStartedAndNothingIsLost)
 {
     const int status = runInChild([] {
