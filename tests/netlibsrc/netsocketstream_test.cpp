@@ -143,7 +143,7 @@ TEST_F(NameService, TheFirstRecordWithAPortDecides)
     EXPECT_EQ(resolve("many", &port), "");
     EXPECT_EQ(port, 7002);
 
-    for (const char* const useless : {"0", "-5", "abc"}) {
+    for (const char* const useless : {"0", "-5", "abc", "65536", "4294974297"}) {
         add(useless, useless);
         EXPECT_EQ(resolve(useless), "0 Server is not registered");
     }

@@ -132,8 +132,8 @@ int GetPortFromNMS(capi_nmsServerProxy* proxy, xstring name)
     for (int i = 0; i < count; ++i) {
         const capi_nmsRecord* const found = nmsRecArrGetByIndex(array.get(), i);
         if (found != nullptr && nmsRecHasField(found, portField)) {
-            const int port = std::atoi(nmsRecGetFieldValueByName(found, portField));
-            return port > 0 ? port : 0;
+            const long port = std::strtol(nmsRecGetFieldValueByName(found, portField), nullptr, 10);
+            return port > 0 && port <= 65535 ? static_cast<int>(port) : 0;
         }
     }
     return 0;

@@ -51,5 +51,5 @@ QEL_API bool RegisterWithNMS(capi_nmsServerProxy* proxy, int port, xstring name)
 QEL_API bool IsRegisteredWithNMS(capi_nmsServerProxy* proxy, xstring name);
 /// Removes every server of that name. Whether that was done.
 QEL_API bool UnregisterFromNMS(capi_nmsServerProxy* proxy, xstring name);
-/// The port in the first record of that name that has one; 0 when there is none or it is no positive number.
+/// The port in the first record of that name that has one; 0 when there is none or it is not in 1..65535.
 QEL_API int GetPortFromNMS(capi_nmsServerProxy* proxy, xstring name);
