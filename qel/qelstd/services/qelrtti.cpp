@@ -1,5 +1,10 @@
 #include "qelrtti.h"
 
+#include <cstdlib>
+#include <cxxabi.h>
+#include <memory>
+
+#include "qeltable.h"
 #include "xrttiattrseq.h"
 #include "xrttimap_p.h"
 
@@ -10,6 +15,18 @@ xrttimap<xrtti>& registry()
     static auto* const map =
         new xrttimap<xrtti>; // never freed: used by registrars and by whatever outlives statics
     return *map;
+}
+
+// What the registrars know of the types that they name. Used by registrars before statics are initialized.
+constinit const qelNamedTypes* named = nullptr;
+
+const qelNamed* namedAs(xrtti* type)
+{
+    for (const qelNamedTypes* list = named; list != nullptr && type != nullptr; list = list->next)
+        for (std::size_t i = 0; i < list->count; ++i)
+            if (list->types[i].rtti() == type)
+                return &list->types[i];
+    return nullptr;
 }
 
 xrttibasic* makeBasic(const char* name)
@@ -36,6 +53,32 @@ xrtti* qelRttiGetFromMap(const char* name)
 void qelRttiForEach(void (*visit)(xrtti* type, void* context), void* context)
 {
     registry().forEach([=](xrtti* type) { visit(type, context); });
+}
+
+void qelKeepNames(qelNamedTypes& more)
+{
+    for (const qelNamedTypes* list = named; list != nullptr; list = list->next)
+        if (list == &more)
+            return;
+    more.next = named;
+    named = &more;
+}
+
+xstring qelRttiCppName(xrtti* type)
+{
+    const qelNamed* const known = qelIsObject(type) ? namedAs(type) : nullptr;
+    if (known == nullptr)
+        return nullptr;
+    int status = 0;
+    const std::unique_ptr<char, decltype(&std::free)> readable(
+        abi::__cxa_demangle(known->type->name(), nullptr, nullptr, &status), &std::free);
+    return readable == nullptr ? known->type->name() : readable.get();
+}
+
+xobject* qelRttiCreate(const char* typeName)
+{
+    const qelNamed* const known = namedAs(qelRttiGetFromMap(typeName));
+    return known == nullptr || known->make == nullptr ? nullptr : known->make();
 }
 
 void qelRttiAddUserData(xrtti* type, const char* key, void* data)

@@ -17,6 +17,14 @@ QEL_API xrtti* qelRttiGetFromMap(const char* name);
 /// nothing.
 QEL_API void qelRttiForEach(void (*visit)(xrtti* type, void* context), void* context);
 
+/// The name of the type in C++, "fsNodeInfo", for a class or enumeration that a qelRegister names; null for
+/// others.
+QEL_API xstring qelRttiCppName(xrtti* type);
+/// A new object, made without arguments, of the class that is registered as `typeName` and that a qelRegister
+/// names. Null when there is none, or its objects cannot be made so. The caller attaches it, or frees it with
+/// xdelete when its class is not countable. Lets through what the constructor throws.
+QEL_API xobject* qelRttiCreate(const char* typeName);
+
 /// Keeps `data` with `type` under `key`; both pointers must outlive the type. A type with a name is
 /// registered if its name is not; if another descriptor has the name, that one gets the data too.
 QEL_API void qelRttiAddUserData(xrtti* type, const char* key, void* data);

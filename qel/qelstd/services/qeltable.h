@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <initializer_list>
 #include <type_traits>
+#include <typeinfo>
 #include <utility>
 
 #include <qel/qelrtti.h>
@@ -387,8 +389,45 @@ void qelRegisterOne()
         T::getClassRtti();
 }
 
+/// What a qelRegister knows of a type beyond its descriptor.
+struct qelNamed
+{
+    xrtti* (*rtti)();
+    const std::type_info* type;
+    xobject* (*make)(); ///< a new object made without arguments; null where there is no such
+};
+
+/// The types that one qelRegister names; kept by pointer, forever.
+struct qelNamedTypes
+{
+    const qelNamed* types;
+    std::size_t count;
+    const qelNamedTypes* next = nullptr;
+};
+
+/// Makes them known to qelRttiCppName and qelRttiCreate; a second time: nothing.
+QEL_API void qelKeepNames(qelNamedTypes& more);
+
+template<class T>
+constexpr qelNamed qelNamedOf()
+{
+    if constexpr (std::is_enum_v<T>)
+        return {[]() -> xrtti* { return qelEnumRtti(static_cast<T*>(nullptr)); }, &typeid(T), nullptr};
+    else if constexpr (requires { qelObjectOf(T::create()); })
+        return {[]() -> xrtti* { return T::getClassRtti(); }, &typeid(T),
+                []() -> xobject* { return qelObjectOf(T::create()); }};
+    else if constexpr (std::is_default_constructible_v<T>)
+        return {[]() -> xrtti* { return T::getClassRtti(); }, &typeid(T),
+                []() -> xobject* { return qelObjectOf(new (pDefMemMgr) T); }};
+    else
+        return {[]() -> xrtti* { return T::getClassRtti(); }, &typeid(T), nullptr};
+}
+
 template<class... T>
 void qelRegister()
 {
     (qelRegisterOne<T>(), ...);
+    static constexpr qelNamed types[] = {qelNamedOf<T>()...};
+    static qelNamedTypes all{types, sizeof...(T)};
+    qelKeepNames(all);
 }
