@@ -63,25 +63,26 @@ inside() # VERSION: as root of the copy; /debs has the packages, those of debug 
     ! command -v qel || fail "qel is still there"
 }
 
-copied() # BUILD SOURCE: makes the copy, in a mount name space of its own, and goes inside
+copied() # BUILD SOURCE PLACE: makes the copy in that folder, in a mount name space of its own, and goes inside
 {
-    local build=$1 source=$2 version main package file depends
+    local build=$1 source=$2 place=$3 version main package file depends
     version=$(sed -n 's/^project(qelstd VERSION \([0-9.]*\).*/\1/p' "$source/CMakeLists.txt")
     main=libqelstd${version%%.*}
 
-    mount -t tmpfs tmpfs /mnt
-    mkdir /mnt/{changes,work,root}
-    mount -t overlay overlay -o lowerdir=/,upperdir=/mnt/changes,workdir=/mnt/work /mnt/root
-    mount --rbind /proc /mnt/root/proc
-    mount --rbind /dev /mnt/root/dev
-    mkdir /mnt/root/debs
-    cp -r "$source/tests/package/consumer" "$0" /mnt/root/debs
+    mount -t tmpfs tmpfs "$place"
+    local root=$place/root changes=$place/changes
+    mkdir "$root" "$changes" "$place/work"
+    mount -t overlay overlay -o "lowerdir=/,upperdir=$changes,workdir=$place/work" "$root"
+    mount --rbind /proc "$root/proc"
+    mount --rbind /dev "$root/dev"
+    mkdir "$root/debs"
+    cp -r "$source/tests/package/consumer" "$0" "$root/debs"
 
     say "what there is, and what it asks for"
     for package in "$main" libqelstd-dev python3-qelstd qelstd-tools; do
         file=$(find "$build" -maxdepth 1 -name "${package}_${version}_*.deb")
         [[ -f $file ]] || fail "no package $package"
-        cp "$file" /mnt/root/debs
+        cp "$file" "$root/debs"
         depends=$(dpkg-deb -f "$file" Depends)
         case $package in
             "$main") [[ $depends == *libc6*libstdc++6* ]] || fail "$package does not ask for its libraries: $depends" ;;
@@ -97,11 +98,11 @@ copied() # BUILD SOURCE: makes the copy, in a mount name space of its own, and g
     dpkg-deb --info "$(find "$build" -maxdepth 1 -name "${main}_${version}_*.deb")" shlibs | grep "libqelstd ${version%%.*} $main" \
         >/dev/null || fail "$main does not say what its users depend on"
 
-    chroot /mnt/root /bin/bash /debs/debs.sh inside "$version"
+    chroot "$root" /bin/bash /debs/debs.sh inside "$version"
 
     # What remains changed is dpkg's and ldconfig's own, and this script's.
     local left
-    left=$(cd /mnt/changes && find . ! -type d | grep -v -E '^\./(debs/|tmp/|var/lib/dpkg/|var/log/|var/cache/|etc/ld\.so\.cache$)' || true)
+    left=$(cd "$changes" && find . ! -type d | grep -v -E '^\./(debs/|tmp/|var/lib/dpkg/|var/log/|var/cache/|etc/ld\.so\.cache$)' || true)
     [[ -z $left ]] || fail "left behind: $left"
     say "nothing is left of them"
 }
@@ -111,6 +112,8 @@ case $1 in
     *)
         as_root=()
         ((EUID == 0)) || as_root=(--map-root-user)
-        exec unshare "${as_root[@]}" --mount --propagation private "$0" copied "$(realpath "$1")" "$(realpath "$2")"
+        place=$(mktemp -d)
+        trap 'rmdir "$place"' EXIT
+        unshare "${as_root[@]}" --mount --propagation private "$0" copied "$(realpath "$1")" "$(realpath "$2")" "$place"
         ;;
 esac
