@@ -65,7 +65,7 @@ inside() # VERSION: as root of the copy; /debs has the packages, those of debug 
 
 copied() # BUILD SOURCE PLACE: makes the copy in that folder, in a mount name space of its own, and goes inside
 {
-    local build=$1 source=$2 place=$3 version main package file depends
+    local build=$1 source=$2 place=$3 version main package file depends page
     version=$(sed -n 's/^project(qelstd VERSION \([0-9.]*\).*/\1/p' "$source/CMakeLists.txt")
     main=libqelstd${version%%.*}
 
@@ -97,6 +97,11 @@ copied() # BUILD SOURCE PLACE: makes the copy in that folder, in a mount name sp
     done
     dpkg-deb --info "$(find "$build" -maxdepth 1 -name "${main}_${version}_*.deb")" shlibs | grep "libqelstd ${version%%.*} $main" \
         >/dev/null || fail "$main does not say what its users depend on"
+
+    file=$(find "$build" -maxdepth 1 -name "qelstd-tools_${version}_*.deb")
+    for page in man/man1/qel.1 bash-completion/completions/qel zsh/vendor-completions/_qel; do
+        dpkg-deb -c "$file" | grep "/usr/share/$page" >/dev/null || fail "qelstd-tools has no $page"
+    done
 
     chroot "$root" /bin/bash /debs/debs.sh inside "$version"
 
