@@ -83,7 +83,7 @@ constexpr TextRow texts[] = {
     {ERROR_SIGNAL_PENDING, "interrupted"},
     {ERROR_BUSY, "busy"},
     {ERROR_ALREADY_EXISTS, "exists"},
-    {ERROR_ENVVAR_NOT_FOUND, "no such environment variable"},
+    {ERROR_ENVVAR_NOT_FOUND, "an environment variable is not set"},
     {ERROR_FILENAME_EXCED_RANGE, "name too long"},
     {ERROR_FILE_TOO_LARGE, "file too large"},
     {ERROR_MORE_DATA, "more data"},

@@ -83,19 +83,19 @@ const char* rootName(HKEY key)
     return key == HKEY_CLASSES_ROOT ? "System" : key == HKEY_CURRENT_USER ? "User" : nullptr;
 }
 
-/// False for a key that is none, or when nothing says where the store is.
-bool placeOf(HKEY key, Place& place)
+/// An error for a key that is none, or when nothing says where the store is.
+long findPlace(HKEY key, Place& place)
 {
     if (key == nullptr)
-        return false;
+        return ERROR_INVALID_HANDLE;
     const char* root = rootName(key);
     if (root == nullptr) {
         place = {key->folder.get(), "", key->store};
-        return true;
+        return ERROR_SUCCESS;
     }
     place.store = storePath();
     place.prefix = place.store + '/' + root + '/';
-    return !place.store.empty();
+    return static_cast<long>(place.store.empty() ? ERROR_ENVVAR_NOT_FOUND : ERROR_SUCCESS);
 }
 
 /// Makes the directory `path` and those on the way to it.
@@ -458,8 +458,8 @@ long answerValue(const Value& value, DWORD* type, unsigned char* data, DWORD* si
 long RegOpenKeyExA(HKEY parent, const char* path, DWORD, DWORD, HKEY* key)
 {
     Place place;
-    if (!placeOf(parent, place))
-        return ERROR_INVALID_HANDLE;
+    if (const long error = findPlace(parent, place); error != ERROR_SUCCESS)
+        return error;
     const std::optional<std::string> fileName = platKeyPath(path == nullptr ? "" : path);
     return fileName ? openKey(place, *fileName, key) : static_cast<long>(ERROR_BAD_PATHNAME);
 }
@@ -468,8 +468,8 @@ long RegCreateKeyExA(HKEY parent, const char* path, DWORD, char*, DWORD, DWORD, 
                      HKEY* key, DWORD* disposition)
 {
     Place place;
-    if (!placeOf(parent, place))
-        return ERROR_INVALID_HANDLE;
+    if (const long error = findPlace(parent, place); error != ERROR_SUCCESS)
+        return error;
     if (path == nullptr)
         path = "";
     const std::optional<std::string> fileName = platKeyPath(path);
@@ -504,8 +504,8 @@ long RegCloseKey(HKEY key)
 long RegDeleteKeyA(HKEY parent, const char* path)
 {
     Place place;
-    if (!placeOf(parent, place))
-        return ERROR_INVALID_HANDLE;
+    if (const long error = findPlace(parent, place); error != ERROR_SUCCESS)
+        return error;
     const std::optional<std::string> fileName = platKeyPath(path == nullptr ? "" : path);
     if (!fileName)
         return ERROR_BAD_PATHNAME;
@@ -535,8 +535,8 @@ long RegDeleteKeyA(HKEY parent, const char* path)
 long RegSetValueExA(HKEY key, const char* name, DWORD, DWORD type, const unsigned char* data, DWORD size)
 {
     Place place;
-    if (!placeOf(key, place))
-        return ERROR_INVALID_HANDLE;
+    if (const long error = findPlace(key, place); error != ERROR_SUCCESS)
+        return error;
     if (size > largestValue)
         return ERROR_INVALID_PARAMETER;
     if (name == nullptr)
@@ -555,8 +555,8 @@ long RegSetValueExA(HKEY key, const char* name, DWORD, DWORD type, const unsigne
 long RegQueryValueExA(HKEY key, const char* name, DWORD*, DWORD* type, unsigned char* data, DWORD* size)
 {
     Place place;
-    if (!placeOf(key, place))
-        return ERROR_INVALID_HANDLE;
+    if (const long error = findPlace(key, place); error != ERROR_SUCCESS)
+        return error;
     Value value;
     if (const long error = readValue(place, name == nullptr ? "" : name, value); error != ERROR_SUCCESS)
         return error;
@@ -566,8 +566,8 @@ long RegQueryValueExA(HKEY key, const char* name, DWORD*, DWORD* type, unsigned 
 long RegDeleteValueA(HKEY key, const char* name)
 {
     Place place;
-    if (!placeOf(key, place))
-        return ERROR_INVALID_HANDLE;
+    if (const long error = findPlace(key, place); error != ERROR_SUCCESS)
+        return error;
     const std::string path = platValuePath(name == nullptr ? "" : name);
     const StoreLock lock(place.store, false);
     if (!lock || unlinkat(place.folder, (place.prefix + path).c_str(), 0) != 0)
@@ -580,8 +580,8 @@ long RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* size, DWORD*, char*
                    FILETIME* lastWrite)
 {
     Place place;
-    if (!placeOf(key, place))
-        return ERROR_INVALID_HANDLE;
+    if (const long error = findPlace(key, place); error != ERROR_SUCCESS)
+        return error;
     std::string found;
     if (const long error = enumerate(key, place, listedKeys, index, name, size, found);
         error != ERROR_SUCCESS)
@@ -602,8 +602,8 @@ long RegEnumValueA(HKEY key, DWORD index, char* name, DWORD* size, DWORD*, DWORD
                    DWORD* dataSize)
 {
     Place place;
-    if (!placeOf(key, place))
-        return ERROR_INVALID_HANDLE;
+    if (const long error = findPlace(key, place); error != ERROR_SUCCESS)
+        return error;
     std::string found;
     if (const long error = enumerate(key, place, listedValues, index, name, size, found);
         error != ERROR_SUCCESS)

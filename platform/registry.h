@@ -9,7 +9,8 @@
 ///   when it is of ASCII letters and digits.
 /// - An enumeration gives what was there when index 0 was asked for, whatever is changed meanwhile.
 ///
-/// The calls answer an error number, 0 for success; the last error says nothing about them. Changes are made
+/// The calls answer an error number, 0 for success; the last error says nothing about them. When no variable
+/// says where the store is, it is ERROR_ENVVAR_NOT_FOUND. Changes are made
 /// one at a time whoever makes them; a value is read whole, as it was before or after a change, and without
 /// waiting. Keys may be used by several threads. The variable is read on each call that begins at a root.
 

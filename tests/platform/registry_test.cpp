@@ -354,6 +354,21 @@ TEST_F(Registry, TreatsDamagedAndForeignFilesAsUnusable)
     RegCloseKey(key);
 }
 
+TEST_F(Registry, IsInTheUsersConfigurationWhenNothingElseIsSaid)
+{
+    const EnvSetting none("QELSTD_REGISTRY", nullptr);
+    const EnvSetting config("XDG_CONFIG_HOME", dir.path("config").c_str());
+    RegCloseKey(create(HKEY_CURRENT_USER, "a"));
+    EXPECT_TRUE(dir.has("config/qelstd/registry/User/a"));
+    const EnvSetting relative("XDG_CONFIG_HOME", "config"); // does not count
+    const EnvSetting home("HOME", dir.path("home").c_str());
+    RegCloseKey(create(HKEY_CURRENT_USER, "b"));
+    EXPECT_TRUE(dir.has("home/.config/qelstd/registry/User/b"));
+    const EnvSetting homeless("HOME", nullptr);
+    EXPECT_EQ(open(HKEY_CURRENT_USER, "b"), ERROR_ENVVAR_NOT_FOUND);
+    EXPECT_EQ(namesOf(HKEY_CLASSES_ROOT), "error 203");
+}
+
 TEST_F(Registry, IsPrivateToItsUser)
 {
     const HKEY key = create(HKEY_CURRENT_USER, "key");

@@ -38,7 +38,7 @@ TEST(QelComplete, OffersCommandsAndOptions)
     EXPECT_EQ(Offered("completion bash ''"), "");
     EXPECT_EQ(Offered("man --directory ''"), ":directories ");
     EXPECT_EQ(Offered("nothing -"), "--help --version ");
-    EXPECT_EQ(Offered("co"), "completion ") << "hidden ones are not offered";
+    EXPECT_EQ(Offered("co"), "conf completion ") << "hidden ones are not offered";
 }
 
 TEST(QelComplete, OffersTheServersThatThereAre)

@@ -3,7 +3,10 @@
 
 #include "commands.h"
 
+void AddConfigCommands(CLI::App& program);      // conf.cpp
+void AddFileCommands(CLI::App& program);        // fs.cpp
 void AddNameServiceCommands(CLI::App& program); // ns.cpp
+void AddRegistryCommands(CLI::App& program);    // reg.cpp
 void AddServerCommands(CLI::App& program);      // server.cpp
 void AddRemoteShellCommands(CLI::App& program); // rsh.cpp
 void AddCompletionCommands(CLI::App& program);  // complete.cpp
@@ -12,12 +15,10 @@ void AddManCommand(CLI::App& program);          // man.cpp
 namespace {
 
 // In the order in which the help names them.
-// clang-format off: a line for each
 constexpr AddCommands groups[] = {
-    &AddNameServiceCommands, &AddServerCommands, &AddRemoteShellCommands,
-    &AddCompletionCommands,  &AddManCommand,
+    &AddNameServiceCommands, &AddServerCommands, &AddRemoteShellCommands, &AddConfigCommands,
+    &AddRegistryCommands,    &AddFileCommands,   &AddCompletionCommands,  &AddManCommand,
 };
-// clang-format on
 
 } // namespace
 

@@ -1,0 +1,307 @@
+// qel conf: configuration files.
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "files.h"
+#include <qel/base/btkfd.h>
+#include <qel/filelib.h>
+#include <qel/hmxconfigfile.h>
+#include <qel/platform/lasterror.h>
+
+namespace {
+
+struct Choices
+{
+    std::string file;
+    std::vector<std::string> files;
+    std::string key;
+    std::vector<std::string> keys;
+    std::string value;
+    std::optional<std::string> fallback;
+    bool drop = false;
+};
+
+constexpr unsigned fileNotFound = 2;
+
+std::string Pressed(const std::string& key)
+{
+    xstring pressed(key.c_str());
+    StrPress(pressed);
+    return pressed.CastToCString();
+}
+
+[[noreturn]] void FailToOpen(const std::string& path)
+{
+    constexpr unsigned accessDenied = 5; // also of what is no file
+    if (GetLastError() == accessDenied && fshIsDirectory(path.c_str()) == 1)
+        Fail(Exit::no, path, "is a directory");
+    FailForLastError(path);
+}
+
+void Open(hmxConfigFile& file, const std::string& path, hmxConfigFile::OpenMode mode)
+{
+    if (!file.Open(path.c_str(), mode))
+        FailToOpen(path);
+}
+
+void Close(hmxConfigFile& file, const std::string& path)
+{
+    if (!file.CloseChecked())
+        Fail(Exit::peer, path, "not changed: " + LastErrorText());
+}
+
+Json ValueOf(const hmxConfigFile& file, const char* key)
+{
+    const xstring value = file.GetValue(key);
+    return value == nullptr ? Json() : Json(value.CastToCString());
+}
+
+/// All entries in the order of their lines.
+Json EntriesOf(const hmxConfigFile& file)
+{
+    Json entries = Json::object();
+    const xrchandle<xstringsequence> keys = file.GetKeys();
+    for (int i = 0; i < keys->getarraysize(); ++i) {
+        const xstring key = keys->get(i);
+        entries[key.CastToCString()] = ValueOf(file, key.CastToCString());
+    }
+    return entries;
+}
+
+/// As it is for another program, and without what a terminal would obey for a person.
+std::string Exactly(const std::string& text)
+{
+    return btkIsTerminal(1) ? Printable(text) : text;
+}
+
+std::string TextOf(const Json& value)
+{
+    return value.is_null() ? std::string() : Exactly(value.get<std::string>());
+}
+
+// ---- lines that are not kept
+
+struct Finding
+{
+    hmxConfigOddity oddity;
+    long long line;
+    std::string text;
+    long long later;
+
+    bool IsDropped() const { return oddity <= hmxOverridden; }
+    bool IsBlank() const { return text.find_first_not_of(" \t\r") == std::string::npos; }
+    const char* Fate() const { return IsDropped() ? "dropped" : oddity <= hmxNoLineEnd ? "changed" : "kept"; }
+    std::string Why() const
+    {
+        switch (oddity) {
+        case hmxNoColon:
+            return IsBlank() ? "it is blank" : "it has no colon";
+        case hmxNoKey:
+            return "no key stands before its colon";
+        case hmxOverridden:
+            return "line " + std::to_string(later) + " has the same key";
+        case hmxBlanksInKey:
+            return "the blanks in its key go";
+        case hmxNoValue:
+            return "its value becomes \"nil\"";
+        case hmxNoLineEnd:
+            return "it gets a line end";
+        case hmxCarriageReturn:
+            return "its value ends in a carriage return";
+        case hmxZeroByte:
+            return "its value is read up to a zero byte";
+        }
+        return {};
+    }
+};
+
+class Findings : public hmxConfigOddityHandler
+{
+public:
+    void Invoke(hmxConfigOddity oddity, long long line, const char* text, long long later) override
+    {
+        all.push_back({oddity, line, text, later});
+    }
+
+    std::vector<Finding> all;
+};
+
+/// Ends the program when writing `path` back would drop remarks, which a person may have put there. False
+/// when there is no such file.
+bool KeepsRemarks(const std::string& path, bool drop)
+{
+    Findings findings;
+    if (!hmxConfigFile::Check(path.c_str(), findings)) {
+        if (GetLastError() == fileNotFound)
+            return false;
+        FailToOpen(path);
+    }
+    std::vector<long long> lines;
+    for (const Finding& finding : findings.all)
+        if (finding.IsDropped() && !finding.IsBlank())
+            lines.push_back(finding.line);
+    if (drop || lines.empty())
+        return true;
+    Fail(Exit::no, path,
+         (lines.size() == 1 ? "line " + std::to_string(lines.front())
+                            : std::to_string(lines.size()) + " lines, from line " +
+                                  std::to_string(lines.front()) + " on,") +
+             " would be dropped (see qel conf lint); --drop to go on");
+}
+
+// ---- the commands
+
+void Get(const Choices& choices)
+{
+    hmxConfigFile file;
+    Open(file, choices.file, hmxConfigFile::ReadOnly);
+    Json value = ValueOf(file, choices.key.c_str());
+    if (value.is_null() && !EntriesOf(file).contains(Pressed(choices.key))) {
+        if (!choices.fallback)
+            Fail(Exit::no, choices.file, "no key \"" + choices.key + '"');
+        value = *choices.fallback;
+    }
+    Show(value, [](const Json& found) { return TextOf(found) + '\n'; });
+}
+
+void Set(const Choices& choices)
+{
+    const std::string key = Pressed(choices.key);
+    if (key.empty())
+        Fail(Exit::usage, "key", "nothing is left of it without its blanks");
+    if (key.find(':') != std::string::npos)
+        Fail(Exit::usage, choices.key, "the first colon would end the key");
+    if (key.find('\n') != std::string::npos || choices.value.find('\n') != std::string::npos)
+        Fail(Exit::usage, choices.key, "a line end would begin another entry");
+    KeepsRemarks(choices.file, choices.drop);
+    hmxConfigFile file;
+    Open(file, choices.file, hmxConfigFile::ReadWrite);
+    file.SetValue(key.c_str(), choices.value.c_str());
+    Close(file, choices.file);
+}
+
+void Delete(const Choices& choices)
+{
+    hmxConfigFile file;
+    if (!KeepsRemarks(choices.file, choices.drop))
+        FailToOpen(choices.file);
+    Open(file, choices.file, hmxConfigFile::ReadWrite);
+    const Json entries = EntriesOf(file);
+    for (const std::string& key : choices.keys)
+        if (!entries.contains(Pressed(key)))
+            Fail(Exit::no, choices.file, "no key \"" + key + '"');
+    for (const std::string& key : choices.keys)
+        file.DeleteValue(key.c_str());
+    Close(file, choices.file);
+}
+
+void List(const Choices& choices)
+{
+    hmxConfigFile file;
+    Open(file, choices.file, hmxConfigFile::ReadOnly);
+    Show(EntriesOf(file), [](const Json& entries) {
+        std::string lines;
+        for (const auto& [key, value] : entries.items())
+            lines.append(Exactly(key)).append(1, ':').append(TextOf(value)).append(1, '\n');
+        return lines;
+    });
+}
+
+std::string FindingLines(const Json& findings)
+{
+    std::string lines;
+    for (const Json& finding : findings) {
+        const std::string text = Printable(finding["text"].get<std::string>());
+        lines.append(Printable(finding["file"].get<std::string>()))
+            .append(1, ':')
+            .append(std::to_string(finding["line"].get<long long>()))
+            .append(": ")
+            .append(finding["fate"])
+            .append(", ")
+            .append(finding["why"])
+            .append(text.empty() ? "" : ": ")
+            .append(text)
+            .append(1, '\n');
+    }
+    return lines;
+}
+
+void Lint(const Choices& choices)
+{
+    Json all = Json::array();
+    for (const std::string& path : choices.files) {
+        Findings findings;
+        if (!hmxConfigFile::Check(path.c_str(), findings))
+            FailToOpen(path);
+        for (const Finding& finding : findings.all)
+            all.push_back({{"file", path},
+                           {"line", finding.line},
+                           {"fate", finding.Fate()},
+                           {"why", finding.Why()},
+                           {"text", finding.text}});
+    }
+    Show(all, &FindingLines);
+    if (!all.empty())
+        AnswerNo();
+}
+
+void AddFile(CLI::App& command, std::string& file)
+{
+    command.add_option("file", file, "The configuration file")->type_name("FILE")->required();
+}
+
+void AddDrop(CLI::App& command, bool& drop)
+{
+    command.add_flag("--drop", drop, "Go on when that drops lines that are no entries");
+}
+
+} // namespace
+
+void AddConfigCommands(CLI::App& program)
+{
+    CLI::App& group = AddGroup(program, "conf", "Configuration files: lines of the form KEY:VALUE",
+                               {{"qel conf list app.conf", "All entries, in the order of their lines."},
+                                {"qel conf get app.conf port --default 4711",
+                                 "The value of the key \"port\", or 4711 when there is none."},
+                                {"qel conf set app.conf port 4712", "Change or add an entry."},
+                                {"qel conf delete app.conf port host", "Remove two entries."},
+                                {"qel conf lint *.conf", "The lines that are lost when a program writes."}});
+    const auto choices = std::make_shared<Choices>();
+
+    CLI::App& get = AddCommand(group, "get", "Print the value of a key; the answer is no when it has none",
+                               [choices] { Get(*choices); });
+    AddFile(get, choices->file);
+    get.add_option("key", choices->key, "The key; blanks in it do not count")->type_name("KEY")->required();
+    get.add_option("--default", choices->fallback, "What to print when there is no such key")
+        ->type_name("VALUE");
+    OfferJson(get);
+
+    CLI::App& set = AddCommand(group, "set", "Change a value or add an entry; a missing file is created",
+                               [choices] { Set(*choices); });
+    AddFile(set, choices->file);
+    set.add_option("key", choices->key, "The key; blanks in it are left out")->type_name("KEY")->required();
+    set.add_option("value", choices->value, "The value, of one line")->type_name("VALUE")->required();
+    AddDrop(set, choices->drop);
+
+    CLI::App& remove = AddCommand(group, "delete", "Remove entries; nothing is changed when one is missing",
+                                  [choices] { Delete(*choices); });
+    AddFile(remove, choices->file);
+    remove.add_option("key", choices->keys, "The keys; blanks in them do not count")
+        ->type_name("KEY")
+        ->required();
+    AddDrop(remove, choices->drop);
+
+    CLI::App& list = AddCommand(group, "list", "Print all entries, as KEY:VALUE, in the order of their lines",
+                                [choices] { List(*choices); });
+    AddFile(list, choices->file);
+    OfferJson(list);
+
+    CLI::App& lint =
+        AddCommand(group, "lint", "Name the lines that a program drops or changes when it writes the file",
+                   [choices] { Lint(*choices); });
+    lint.add_option("file", choices->files, "The configuration files")->type_name("FILE")->required();
+    OfferJson(lint);
+}

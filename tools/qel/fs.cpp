@@ -1,0 +1,437 @@
+// qel fs: files and directories.
+#include <algorithm>
+#include <array>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <openssl/evp.h>
+
+#include "commands.h"
+#include "files.h"
+#include "progress.h"
+#include <qel/base/btkfd.h>
+#include <qel/filelib.h>
+#include <qel/pcinterrupt.h>
+#include <qel/tmtime.h>
+
+namespace {
+
+constexpr int manyPaths = 1 << 20;
+constexpr std::size_t longestPath = 259;
+
+bool IsSeparator(char c)
+{
+    return c == '/' || c == '\\';
+}
+
+std::string WithoutEndSeparators(std::string path)
+{
+    while (path.size() > 1 && IsSeparator(path.back()))
+        path.pop_back();
+    return path;
+}
+
+/// The last entry of a path; empty for a root and for a drive.
+std::string LastEntry(const std::string& path)
+{
+    const std::string whole = WithoutEndSeparators(path);
+    const std::size_t end = whole.find_last_of("/\\:");
+    return end == std::string::npos ? whole : whole.substr(end + 1);
+}
+
+bool HasOwnName(const std::string& path)
+{
+    const std::string entry = LastEntry(path);
+    return !entry.empty() && entry != "." && entry != "..";
+}
+
+std::string Joined(const std::string& directory, const std::string& name)
+{
+    return IsSeparator(directory.back()) ? directory + name : directory + '/' + name;
+}
+
+/// Runs a command of this group; what the file library throws becomes its failure.
+template<class Work>
+void Tried(Work work)
+{
+    try {
+        work();
+    } catch (xthrowable* caught) {
+        throw FileFailureOf(caught);
+    }
+}
+
+// ---- ls
+
+struct ListChoices
+{
+    std::string path = ".";
+    std::string pattern = "*";
+    bool isLong = false;
+};
+
+std::string TimeText(tmTime* time)
+{
+    const std::unique_ptr<tmTime, void (*)(tmTime*)> owned(time, [](tmTime* old) { xdelete(old); });
+    return tmTime::TimeToString(time, "%Y-%m-%dT%H:%M:%S%z").CastToCString();
+}
+
+Json NodeOf(const std::string& path, const std::string& name)
+{
+    fsNodeInfo info;
+    if (info.Initialize(path.c_str()) == 0) // a link that leads nowhere, or gone by now
+        return {{"name", name}, {"type", nullptr}, {"size", nullptr}, {"modified", nullptr}};
+    const bool isDirectory = info.getType() == fsDirectory;
+    return {{"name", name},
+            {"type", isDirectory ? "directory" : "file"},
+            {"size", isDirectory ? Json() : Json(static_cast<long long>(info.getSize()))},
+            {"modified", TimeText(info.getModTime())}};
+}
+
+std::string Names(const Json& nodes)
+{
+    std::string lines;
+    for (const Json& node : nodes) {
+        const std::string name = node["name"];
+        lines.append(btkIsTerminal(1) ? Printable(name) : name).append(1, '\n');
+    }
+    return lines;
+}
+
+std::string Rows(const Json& nodes)
+{
+    constexpr std::size_t toSeconds = 19; // "2024-02-29T23:59:59"
+    Json rows = Json::array();
+    for (const Json& node : nodes) {
+        std::string modified = node["modified"].is_null() ? "" : node["modified"].get<std::string>();
+        modified = modified.substr(0, toSeconds);
+        std::replace(modified.begin(), modified.end(), 'T', ' ');
+        rows.push_back({{"type", node["type"].is_null() ? Json("lost") : node["type"]},
+                        {"size", node["size"]},
+                        {"modified", modified},
+                        {"name", node["name"]}});
+    }
+    return AsText(rows);
+}
+
+void List(const ListChoices& choices)
+{
+    Json nodes = Json::array();
+    if (fshIsDirectory(choices.path.c_str()) == 1) {
+        const xrchandle<xstringsequence> names =
+            fsListDirectory(choices.path.c_str(), choices.pattern.c_str());
+        std::vector<std::string> sorted;
+        for (int i = 0; i < names->getarraysize(); ++i)
+            sorted.emplace_back(names->get(i).CastToCString());
+        std::sort(sorted.begin(), sorted.end());
+        for (const std::string& name : sorted)
+            nodes.push_back(NodeOf(Joined(choices.path, name), name));
+    } else {
+        fsGetNodeInfo(choices.path.c_str()); // says what is wrong, if anything is
+        nodes.push_back(NodeOf(choices.path, choices.path));
+    }
+    Show(nodes, choices.isLong ? &Rows : &Names);
+}
+
+// ---- cp
+
+struct CopyChoices
+{
+    std::vector<std::string> paths; // the last one is where to
+    bool recursive = false;
+    bool parents = false;
+    fsRecursiveCopyMode existing = fsMerge;
+    fsSoftLinkCopyMode links = fsNewLink;
+};
+
+/// Shows how a copy gets on, and ends it when the user interrupts the program: so no half file is left.
+class CopyWatch : public fsProgressHandler
+{
+public:
+    bool Invoke(const char* path, double done, double total) override
+    {
+        line.Show(LastEntry(path), done, total);
+        return interrupt == nullptr || interrupt->getIsSignaled() == 0;
+    }
+
+private:
+    ProgressLine line;
+    std::unique_ptr<pcInterruptEvent, void (*)(pcInterruptEvent*)> interrupt{
+        pcInterruptEvent::Create(), [](pcInterruptEvent* event) { xdelete(event); }};
+};
+
+/// The path that a copy of `from` gets: `to`, or in it when it is a directory.
+std::string TargetOf(const std::string& from, const std::string& to, bool isOnlyOne)
+{
+    if (fshIsDirectory(to.c_str()) == 0) {
+        if (!isOnlyOne)
+            Fail(Exit::no, to, "is no directory");
+        return to;
+    }
+    if (!HasOwnName(from))
+        Fail(Exit::usage, from, "has no name to be copied under; name the new directory");
+    return Joined(to, LastEntry(from));
+}
+
+void Copy(const CopyChoices& choices)
+{
+    std::vector<std::string> sources = choices.paths;
+    sources.pop_back();
+    for (const std::string& from : sources) {
+        if (!choices.recursive && fshIsDirectory(from.c_str()) == 1)
+            Fail(Exit::no, from, "is a directory; --recursive copies it");
+        const std::string to = TargetOf(from, choices.paths.back(), sources.size() == 1);
+        CopyWatch watch;
+        try {
+            fsCopy(from.c_str(), to.c_str(), choices.existing, choices.links,
+                   choices.parents ? fsRecursive : fsSimple, watch);
+        } catch (xthrowable* refused) {
+            const bool isPath = fsXInvalidPath::softcast(refused) != nullptr;
+            CommandFailed failed = FileFailureOf(refused);
+            if (!isPath)
+                throw failed;
+            failed.why = fshExists(from.c_str()) == 0 ? "not found"
+                         : failed.what.size() > longestPath || to.size() > longestPath
+                             ? "the path is too long"
+                             : "it would be copied onto or into itself, or leads nowhere";
+            throw failed;
+        }
+    }
+}
+
+// ---- rm
+
+struct RemoveChoices
+{
+    std::vector<std::string> paths;
+    bool recursive = false;
+    bool force = false;
+};
+
+void Remove(const RemoveChoices& choices)
+{
+    for (const std::string& path : choices.paths)
+        if (!HasOwnName(path))
+            Fail(Exit::usage, path, "roots, \".\" and \"..\" are not removed");
+    for (const std::string& path : choices.paths)
+        try {
+            fsRemove(path.c_str(), choices.recursive ? fsRecursive : fsSimple);
+        } catch (xthrowable* caught) {
+            const bool isAbsent = fsXDoesNotExist::softcast(caught) != nullptr;
+            const bool isFull = fsXFileExists::softcast(caught) != nullptr;
+            CommandFailed failed = FileFailureOf(caught);
+            if (isFull)
+                failed.why = "directory not empty; --recursive removes it";
+            if (!isAbsent || !choices.force)
+                throw failed;
+        }
+}
+
+// ---- sum
+
+struct SumChoices
+{
+    std::vector<std::string> paths = {"-"};
+    bool simple = false;
+};
+
+/// The SHA-256 of bytes.
+class Sha256
+{
+public:
+    Sha256()
+    {
+        if (context == nullptr || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1)
+            Fail(Exit::peer, "SHA-256", "cannot be computed here");
+    }
+
+    void Add(const char* bytes, std::size_t size) { EVP_DigestUpdate(context.get(), bytes, size); }
+
+    std::string Hex()
+    {
+        std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+        unsigned size = 0;
+        EVP_DigestFinal_ex(context.get(), digest.data(), &size);
+        std::string text;
+        for (unsigned i = 0; i < size; ++i) {
+            constexpr const char* digits = "0123456789abcdef";
+            text += {digits[digest[i] >> 4], digits[digest[i] & 0xF]};
+        }
+        return text;
+    }
+
+private:
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context{EVP_MD_CTX_new(), &EVP_MD_CTX_free};
+};
+
+constexpr std::size_t blockSize = 256 * 1024;
+
+std::string SumOfInput()
+{
+    Sha256 sum;
+    std::vector<char> block(blockSize);
+    while (std::cin.read(block.data(), static_cast<std::streamsize>(block.size())) || std::cin.gcount() > 0)
+        sum.Add(block.data(), static_cast<std::size_t>(std::cin.gcount()));
+    if (std::cin.bad())
+        Fail(Exit::peer, "standard input", "cannot be read");
+    return sum.Hex();
+}
+
+std::string SumOfFile(const std::string& path)
+{
+    if (fshIsDirectory(path.c_str()) == 1)
+        Fail(Exit::no, path, "is a directory");
+    const xrchandle<fsNodeInfo> info = fsGetNodeInfo(path.c_str());
+    fsiFile file;
+    if (!file.Open(path.c_str(), fsReadOnly))
+        FailForLastError(path);
+    Sha256 sum;
+    ProgressLine line;
+    std::vector<char> block(blockSize);
+    double done = 0;
+    unsigned long size = 0;
+    fsIOStatus status;
+    while ((status = file.Read(block.data(), block.size(), &size)) == fsIOOk) {
+        sum.Add(block.data(), size);
+        done += static_cast<double>(size);
+        line.Show(LastEntry(path), done, info->getSize());
+    }
+    if (status == fsIOFailed)
+        FailForLastError(path);
+    return sum.Hex();
+}
+
+std::string SimpleSumOf(const std::string& path)
+{
+    std::array<char, 9> text{};
+    std::snprintf(text.data(), text.size(), "%08x", static_cast<unsigned>(fsCalculateCheckSum(path.c_str())));
+    return text.data();
+}
+
+/// A line as the usual programs for checksums read it: a name with a line end in it is escaped, which a
+/// backslash at the beginning says.
+std::string SumLines(const Json& sums)
+{
+    static const std::map<char, const char*> escapes = {{'\n', "\\n"}, {'\r', "\\r"}, {'\\', "\\\\"}};
+    std::string lines;
+    for (const Json& sum : sums) {
+        const std::string name = sum["file"];
+        const bool isEscaped = name.find_first_of("\n\r\\") != std::string::npos;
+        lines.append(isEscaped ? "\\" : "").append(sum["sum"]).append("  ");
+        for (const char c : btkIsTerminal(1) ? Printable(name) : name) {
+            const auto escape = escapes.find(c);
+            lines += escape == escapes.end() ? std::string(1, c) : escape->second;
+        }
+        lines += '\n';
+    }
+    return lines;
+}
+
+void Sum(const SumChoices& choices)
+{
+    Json sums = Json::array();
+    CommandFailed first{Exit::yes, {}, {}};
+    for (const std::string& path : choices.paths)
+        try {
+            Tried([&] {
+                if (path == "-" && choices.simple)
+                    Fail(Exit::usage, path, "--simple needs files");
+                sums.push_back({{"file", path},
+                                {"sum", choices.simple ? SimpleSumOf(path)
+                                        : path == "-"  ? SumOfInput()
+                                                       : SumOfFile(path)}});
+            });
+        } catch (const CommandFailed& failed) {
+            if (first.status == Exit::yes)
+                first = failed;
+        }
+    Show(sums, &SumLines);
+    if (first.status != Exit::yes)
+        throw first;
+}
+
+// ---- the group
+
+void AddList(CLI::App& group)
+{
+    const auto choices = std::make_shared<ListChoices>();
+    CLI::App& list = AddCommand(group, "ls", "Print what a directory holds, in the order of the names",
+                                [choices] { Tried([&] { List(*choices); }); });
+    list.add_option("path", choices->path, "The directory, or a file")
+        ->type_name("PATH")
+        ->capture_default_str();
+    list.add_option("--like", choices->pattern, "Only names that are like this; * and ? stand for others")
+        ->type_name("PATTERN")
+        ->capture_default_str();
+    list.add_flag("-l,--long", choices->isLong, "With type, size in bytes and time of the last change");
+    OfferJson(list);
+}
+
+void AddCopy(CLI::App& group)
+{
+    const auto choices = std::make_shared<CopyChoices>();
+    CLI::App& copy = AddCommand(group, "cp", "Copy files and directories, with modes, times and holes",
+                                [choices] { Tried([&] { Copy(*choices); }); });
+    copy.add_option("path", choices->paths, "What to copy, and last its new path or a directory to copy into")
+        ->type_name("PATH")
+        ->required()
+        ->expected(2, manyPaths);
+    copy.add_flag("-r,--recursive", choices->recursive, "Directories too, with everything in them");
+    copy.add_flag("-p,--parents", choices->parents,
+                  "Create the missing directories on the way to the new path");
+    copy.add_option("--existing", choices->existing,
+                    "What becomes of a file or directory that is in the way: refuse to copy, merge "
+                    "(directories are merged, files replaced), or replace (it is removed first)")
+        ->type_name("WAY")
+        ->transform(CLI::CheckedTransformer(std::map<std::string, fsRecursiveCopyMode>{
+            {"refuse", fsForceNew}, {"merge", fsMerge}, {"replace", fsReplace}}))
+        ->default_str("merge");
+    copy.add_option("--links", choices->links,
+                    "What becomes of soft links: keep, follow (copy what they lead to), or skip")
+        ->type_name("WAY")
+        ->transform(CLI::CheckedTransformer(std::map<std::string, fsSoftLinkCopyMode>{
+            {"keep", fsNewLink}, {"follow", fsExpand}, {"skip", fsIgnore}}))
+        ->default_str("keep");
+}
+
+void AddRemove(CLI::App& group)
+{
+    const auto choices = std::make_shared<RemoveChoices>();
+    CLI::App& remove = AddCommand(group, "rm", "Remove files and empty directories; of a soft link, the link",
+                                  [choices] { Tried([&] { Remove(*choices); }); });
+    remove.add_option("path", choices->paths, "What to remove")->type_name("PATH")->required();
+    remove.add_flag("-r,--recursive", choices->recursive, "Directories with everything in them");
+    remove.add_flag("-f,--force", choices->force, "Say nothing of what is not there");
+}
+
+void AddSum(CLI::App& group)
+{
+    const auto choices = std::make_shared<SumChoices>();
+    CLI::App& sum =
+        AddCommand(group, "sum", "Print the SHA-256 checksums of files, as `sha256sum --check` reads them",
+                   [choices] { Sum(*choices); });
+    sum.add_option("file", choices->paths, "The files (default: -, the standard input)")->type_name("FILE");
+    sum.add_flag("--simple", choices->simple, "The library's own checksum, of 32 bits, instead");
+    OfferJson(sum);
+}
+
+} // namespace
+
+void AddFileCommands(CLI::App& program)
+{
+    CLI::App& group =
+        AddGroup(program, "fs", "Files and directories: list, copy, remove, sum",
+                 {{"qel fs ls --long --like '*.log' /var/log", "Logs, with their sizes and times."},
+                  {"qel fs cp -r --links follow data /mnt/backup", "A copy that needs nothing else."},
+                  {"qel fs rm -r old", "Remove a directory with everything in it."},
+                  {"qel fs sum *.bin >SUMS", "Checksums that `sha256sum --check SUMS` compares."},
+                  {"qel fs sum --json /etc/hosts", "A checksum for a program."}});
+    AddList(group);
+    AddCopy(group);
+    AddRemove(group);
+    AddSum(group);
+}

@@ -1,0 +1,110 @@
+// How long work gets on, for a person who waits for it.
+#include "progress.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <iostream>
+#include <iterator>
+
+#include "commands.h"
+#include <qel/base/btkfd.h>
+
+namespace {
+
+constexpr std::size_t lineWidth = 79;
+constexpr std::chrono::milliseconds patience(500), interval(100);
+
+template<class... Values>
+std::string Formatted(const char* format, Values... values)
+{
+    std::array<char, 100> text{};
+    std::snprintf(text.data(), text.size(), format, values...);
+    return text.data();
+}
+
+std::size_t WidthOf(std::string_view text)
+{
+    return static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](unsigned char c) { return (c & 0xC0U) != 0x80U; }));
+}
+
+/// The end of a text, in at most `width` characters.
+std::string EndOf(std::string text, std::size_t width)
+{
+    if (WidthOf(text) <= width)
+        return text;
+    const auto isInside = [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U; };
+    while (!text.empty() && WidthOf(text) + 3 > width)
+        text.erase(0, static_cast<std::size_t>(std::find_if_not(text.begin() + 1, text.end(), isInside) -
+                                               text.begin()));
+    return "..." + text;
+}
+
+std::string DurationText(double seconds)
+{
+    const auto whole = static_cast<long long>(std::min(seconds, 359999.0));
+    const auto part = [](long long number) { return static_cast<int>(number); };
+    if (whole >= 3600)
+        return Formatted("%d:%02d:%02d", part(whole / 3600), part(whole / 60 % 60), part(whole % 60));
+    return Formatted("%d:%02d", part(whole / 60), part(whole % 60));
+}
+
+} // namespace
+
+std::string SizeText(double bytes)
+{
+    static constexpr const char* units[] = {"bytes", "kB", "MB", "GB", "TB", "PB"};
+    std::size_t unit = 0;
+    for (; bytes >= 999.5 && unit + 1 < std::size(units); ++unit)
+        bytes /= 1000;
+    return Formatted(unit == 0 || bytes >= 99.95 ? "%.0f %s"
+                     : bytes >= 9.995            ? "%.1f %s"
+                                                 : "%.2f %s",
+                     bytes, units[unit]);
+}
+
+ProgressLine::ProgressLine() : wanted(btkIsTerminal(2)), begin(Clock::now()), next(begin + patience)
+{
+}
+
+ProgressLine::~ProgressLine()
+{
+    write("");
+}
+
+void ProgressLine::Show(const std::string& what, double done, double total)
+{
+    const Clock::time_point now = wanted ? Clock::now() : begin;
+    if (!wanted || now < next)
+        return;
+    next = now + interval;
+    write(Text(what, done, total, std::chrono::duration<double>(now - begin).count()));
+}
+
+std::string ProgressLine::Text(const std::string& what, double done, double total, double seconds)
+{
+    const double rate = seconds > 0 ? done / seconds : 0;
+    std::string line;
+    if (total > 0)
+        line += Formatted("%3.0f%%  ", std::floor(100 * std::min(done / total, 1.0)));
+    line += SizeText(done);
+    if (total > 0)
+        line += " of " + SizeText(std::max(total, done));
+    line += "  " + SizeText(rate) + "/s";
+    if (total > done && rate > 0)
+        line += "  " + DurationText((total - done) / rate) + " left";
+    line += "  ";
+    return line + EndOf(Printable(what), lineWidth - std::min(lineWidth, WidthOf(line)));
+}
+
+void ProgressLine::write(const std::string& line)
+{
+    const std::size_t shown = WidthOf(line);
+    if (shown == 0 && width == 0)
+        return;
+    std::cerr << '\r' << line << std::string(width - std::min(width, shown), ' ') << (shown == 0 ? "\r" : "")
+              << std::flush;
+    width = shown;
+}

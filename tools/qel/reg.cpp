@@ -1,0 +1,270 @@
+// qel reg: the registry.
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "commands.h"
+#include "files.h"
+#include <qel/base/btkfd.h>
+#include <qel/hmxregistry.h>
+#include <qel/platform/lasterror.h>
+
+namespace {
+
+struct Choices
+{
+    bool system = false;
+    bool user = false;
+    std::string key;
+    std::string name;
+    std::string value;
+    bool all = false; // with everything below
+};
+
+constexpr unsigned notFound = 2;
+constexpr unsigned accessDenied = 5;                      // also of a key that has subkeys
+constexpr std::string_view rightsKey = "software\\vrx\\"; // and the server's name, without case
+constexpr const char* rightsValue = "connectionallowed";
+
+hmxRegistryKey& RootOf(const Choices& choices)
+{
+    return (choices.system ? hmxRegistry::System() : hmxRegistry::User()).root;
+}
+
+std::string Lower(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    return text;
+}
+
+/// The root itself is written as "\", or left out.
+bool IsRoot(const std::string& key)
+{
+    return key.empty() || key == "\\";
+}
+
+/// Ends the program for arguments that can name no key or value. `server`: say so of a server's name.
+void CheckNames(const Choices& choices, bool server)
+{
+    const hmxRegistryKey& root = RootOf(choices);
+    if (!root.IsKeyValid(choices.key.c_str())) {
+        if (server && Lower(choices.key).starts_with(rightsKey) && Lower(choices.name) == rightsValue)
+            Fail(Exit::usage, choices.key.substr(rightsKey.size()),
+                 "no rights can be set for a server whose name holds one of / . : * ?: it admits everybody");
+        Fail(Exit::usage, choices.key, "a key holds none of / . : * ? (its parts stand between \\)");
+    }
+    if (!root.IsNameValid(choices.name.c_str()))
+        Fail(Exit::usage, choices.name, "the name of a value holds none of \\ / . : * ?");
+}
+
+/// The key of the choices, which has to exist.
+hmxRegistryKey Opened(const Choices& choices)
+{
+    hmxRegistryKey key = RootOf(choices);
+    if (IsRoot(choices.key) || key.Open(key, choices.key.c_str()))
+        return key;
+    if (GetLastError() == notFound)
+        Fail(Exit::no, choices.key, "no such key");
+    FailForLastError(choices.key);
+}
+
+/// What names a value in a failure.
+std::string NameOf(const Choices& choices)
+{
+    const std::string name = choices.name.empty() ? "(the value without a name)" : choices.name;
+    return IsRoot(choices.key) ? name : choices.key + ", " + name;
+}
+
+[[noreturn]] void FailForValue(const Choices& choices)
+{
+    if (GetLastError() == notFound)
+        Fail(Exit::no, NameOf(choices), "no such value");
+    FailForLastError(NameOf(choices));
+}
+
+// ---- the commands
+
+void Get(const Choices& choices)
+{
+    CheckNames(choices, false);
+    const xstring value = Opened(choices).GetValue(choices.name.c_str());
+    if (value == nullptr)
+        FailForValue(choices);
+    Show(value.CastToCString(), [](const Json& found) {
+        const std::string text = found;
+        return (btkIsTerminal(1) ? Printable(text) : text) + '\n';
+    });
+}
+
+void Set(const Choices& choices)
+{
+    CheckNames(choices, true);
+    hmxRegistryKey key = RootOf(choices);
+    if ((!IsRoot(choices.key) && !key.Create(key, choices.key.c_str())) ||
+        !key.SetValue(choices.name.c_str(), choices.value.c_str()))
+        Fail(Exit::peer, NameOf(choices), "not set: " + LastErrorText());
+}
+
+/// The names in a list.
+std::vector<std::string> NamesIn(const xrchandle<xstringsequence>& list, const std::string& key)
+{
+    if (!list)
+        FailForLastError(key);
+    std::vector<std::string> names;
+    for (int i = 0; i < list->getarraysize(); ++i)
+        names.emplace_back(list->get(i).CastToCString());
+    return names;
+}
+
+void DeleteKey(hmxRegistryKey& parent, const std::string& name, const std::string& path, bool all)
+{
+    if (all) {
+        hmxRegistryKey key;
+        if (!key.Open(parent, name.c_str()))
+            FailForLastError(path);
+        for (const std::string& sub : NamesIn(key.ListSubkeys(), path))
+            DeleteKey(key, sub, path + '\\' + sub, true);
+    }
+    if (parent.DeleteSubkey(name.c_str()))
+        return;
+    const unsigned error = GetLastError();
+    if (error == notFound)
+        Fail(Exit::no, path, "no such key");
+    hmxRegistryKey key;
+    if (error == accessDenied && key.Open(parent, name.c_str()) && !NamesIn(key.ListSubkeys(), path).empty())
+        Fail(Exit::no, path, "has subkeys; --all deletes them too");
+    SetLastError(error);
+    FailForLastError(path);
+}
+
+void Delete(const Choices& choices, bool ofValue)
+{
+    CheckNames(choices, false);
+    if (ofValue) {
+        if (!Opened(choices).DeleteValue(choices.name.c_str()))
+            FailForValue(choices);
+        return;
+    }
+    if (IsRoot(choices.key))
+        Fail(Exit::usage, "key", "the root stays");
+    std::string path = choices.key;
+    if (path.ends_with('\\'))
+        path.pop_back();
+    Choices parent = choices;
+    const std::size_t separator = path.rfind('\\');
+    parent.key = separator == std::string::npos ? "" : path.substr(0, separator);
+    hmxRegistryKey opened = Opened(parent);
+    DeleteKey(opened, path.substr(separator + 1), path, choices.all);
+}
+
+/// A key's values, and the names of its subkeys, or all that is below it.
+Json ContentsOf(const hmxRegistryKey& key, const std::string& path, bool all)
+{
+    Json values = Json::object();
+    for (const std::string& name : NamesIn(key.ListValues(), path)) {
+        const xstring value = key.GetValue(name.c_str());
+        values[name] = value == nullptr ? Json() : Json(value.CastToCString());
+    }
+    const std::vector<std::string> names = NamesIn(key.ListSubkeys(), path);
+    if (!all)
+        return {{"values", values}, {"keys", names}};
+    Json keys = Json::object();
+    for (const std::string& name : names) {
+        hmxRegistryKey sub(key);
+        if (sub.Open(sub, name.c_str())) // else it is gone by now
+            keys[name] = ContentsOf(sub, path + '\\' + name, true);
+    }
+    return {{"values", values}, {"keys", keys}};
+}
+
+/// A line for each key and value, those of a subkey further right.
+std::string ContentLines(const Json& contents, std::size_t indent)
+{
+    const std::string margin(indent, ' ');
+    std::string lines;
+    for (const auto& [name, value] : contents["values"].items())
+        lines += margin + (name.empty() ? "(no name)" : Printable(name)) +
+                 (value.is_null() ? " (no text)" : " = " + Printable(value.get<std::string>())) + '\n';
+    for (const auto& [name, sub] : contents["keys"].items()) {
+        const bool deep = sub.is_object();
+        lines += margin + Printable(deep ? name : sub.get<std::string>()) + "\\\n";
+        if (deep)
+            lines += ContentLines(sub, indent + 2);
+    }
+    return lines;
+}
+
+void List(const Choices& choices)
+{
+    CheckNames(choices, false);
+    Show(ContentsOf(Opened(choices), choices.key, choices.all),
+         [](const Json& contents) { return ContentLines(contents, 0); });
+}
+
+void AddRoots(CLI::App& command, Choices& choices)
+{
+    CLI::Option* const system = command.add_flag("--system", choices.system, "Under the root of the system");
+    command.add_flag("--user", choices.user, "Under the root of the user (default)")->excludes(system);
+}
+
+CLI::Option& AddKey(CLI::App& command, Choices& choices)
+{
+    return *command.add_option("key", choices.key, "The key, such as 'Software\\VRX'; '\\' is the root")
+                ->type_name("KEY");
+}
+
+CLI::Option& AddName(CLI::App& command, Choices& choices)
+{
+    return *command.add_option("name", choices.name, "The name of the value; it may be empty")
+                ->type_name("NAME");
+}
+
+} // namespace
+
+void AddRegistryCommands(CLI::App& program)
+{
+    CLI::App& group = AddGroup(
+        program, "reg",
+        "The registry: keys that hold named values, below a root of the system and one of the user",
+        {{"qel reg list --all", "Everything below the user's root, as a tree."},
+         {"qel reg get 'Software\\VRX\\files' ConnectionAllowed",
+          "The addresses that may connect to the server \"files\"."},
+         {"qel reg set --system 'Software\\VRX\\files' ConnectionAllowed '10.1.* 10.2.0.5'",
+          "Let these connect only."},
+         {"qel reg delete --system 'Software\\VRX\\files' ConnectionAllowed", "Let everybody connect."},
+         {"qel reg delete --all 'Software\\Old'", "Remove a key with everything below it."}});
+    const auto choices = std::make_shared<Choices>();
+
+    CLI::App& get = AddCommand(group, "get", "Print a value; the answer is no when there is none",
+                               [choices] { Get(*choices); });
+    AddRoots(get, *choices);
+    AddKey(get, *choices).required();
+    AddName(get, *choices).required();
+    OfferJson(get);
+
+    CLI::App& set = AddCommand(group, "set", "Change or add a value; a missing key is created",
+                               [choices] { Set(*choices); });
+    AddRoots(set, *choices);
+    AddKey(set, *choices).required();
+    AddName(set, *choices).required();
+    set.add_option("value", choices->value, "The value, a text")->type_name("VALUE")->required();
+
+    CLI::App& remove = *group.add_subcommand("delete", "Remove a value, or a key with its values");
+    AddRoots(remove, *choices);
+    AddKey(remove, *choices).required();
+    CLI::Option* const name = &AddName(remove, *choices);
+    name->description("The name of the value to remove (default: the key is removed)");
+    remove.add_flag("--all", choices->all, "With everything below the key")->excludes(name);
+    remove.callback([choices, name] { Delete(*choices, name->count() > 0); });
+
+    CLI::App& list =
+        AddCommand(group, "list", "Print the values of a key, and its subkeys (with \\ at the end)",
+                   [choices] { List(*choices); });
+    AddRoots(list, *choices);
+    AddKey(list, *choices);
+    list.add_flag("--all", choices->all, "With everything below the key, as a tree");
+    OfferJson(list);
+}
