@@ -4,6 +4,7 @@
 #include <climits>
 #include <csignal>
 #include <fcntl.h>
+#include <functional>
 #include <unistd.h>
 #include <unordered_set>
 
@@ -41,14 +42,20 @@ std::string StartOf(std::uint32_t process)
                                       : line.substr(place + 1, line.find(' ', place + 1) - place - 1);
 }
 
-// Takes `id` out, if it is there.
-template<class Id>
-void EraseId(std::vector<Id>& ascending, Id id)
+// The wire form of a record, counted among `bytes` while anybody has it.
+struct Counted
 {
-    const auto place = std::lower_bound(ascending.begin(), ascending.end(), id);
-    if (place != ascending.end() && *place == id)
-        ascending.erase(place);
-}
+    explicit Counted(std::shared_ptr<std::size_t> sum) : bytes(std::move(sum)) {}
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+    ~Counted() { *bytes -= counted; }
+
+    void Count() { *bytes += counted = text.size(); }
+
+    std::string text;
+    std::shared_ptr<std::size_t> bytes;
+    std::size_t counted = 0;
+};
 
 std::size_t HandlesToSpend()
 {
@@ -68,22 +75,22 @@ nmscReturnCode nmsTable::Add(nmsFields&& record)
 {
     DropDead();
     for (const Id id : Match(record))
-        if (entries.at(id).record.fields.size() == record.fields.size())
+        if (entries.at(id).places.size() == record.fields.size())
             return nmscExists;
 
-    auto encoded = std::make_shared<std::string>();
-    if (!nmsPutRecord(*encoded, record) || entries.size() >= limits.records ||
-        encoded->size() > limits.bytes - bytes)
+    const auto encoded = std::make_shared<Counted>(bytes);
+    if (!nmsPutRecord(encoded->text, record) || entries.size() >= limits.records || *bytes > limits.bytes ||
+        encoded->text.size() > limits.bytes - *bytes)
         return nmscInternal;
+    encoded->Count();
     const std::uint32_t process = record.owner;
     const Id id = nextId++;
     const auto entry =
-        entries.emplace_hint(entries.end(), id, Entry{std::move(record), std::move(encoded), {}});
-    bytes += entry->second.encoded->size();
+        entries.emplace_hint(entries.end(), id, Entry{process, Encoded(encoded, &encoded->text), {}});
     try {
         const nmscReturnCode refusal = process == 0 ? nmscDone : Acquire(process);
         if (refusal == nmscDone)
-            Index(*entry);
+            Index(*entry, record);
         else
             Erase(entry);
         return refusal;
@@ -93,16 +100,18 @@ nmscReturnCode nmsTable::Add(nmsFields&& record)
     }
 }
 
-void nmsTable::Index(std::pair<const Id, Entry>& added)
+void nmsTable::Index(std::pair<const Id, Entry>& added, const nmsFields& record)
 {
     auto& [id, entry] = added;
-    if (entry.record.owner != 0)
-        owners.at(entry.record.owner).ids.push_back(id);
-    entry.places.reserve(entry.record.fields.size());
-    for (const auto& field : entry.record.fields) {
+    if (entry.owner != 0)
+        owners.at(entry.owner).ids.insert(id);
+    entry.places.reserve(record.fields.size());
+    for (const auto& field : record.fields) {
         entry.places.push_back(&*byField.try_emplace(KeyOf(field)).first);
-        entry.places.back()->second.push_back(id);
+        std::set<Id>& ids = entry.places.back()->second;
+        ids.insert(ids.end(), id);
     }
+    std::sort(entry.places.begin(), entry.places.end(), std::less<>());
 }
 
 std::size_t nmsTable::Remove(const nmsFields& pattern)
@@ -131,24 +140,31 @@ std::vector<nmsTable::Id> nmsTable::Match(const nmsFields& pattern)
         for (const auto& [id, entry] : entries)
             found.push_back(id);
     } else {
-        const std::vector<Id>* fewest = nullptr;
+        std::vector<const Place*> wanted;
         for (const auto& field : pattern.fields) {
             const auto place = byField.find(KeyOf(field));
             if (place == byField.end())
                 return {};
-            if (fewest == nullptr || place->second.size() < fewest->size())
-                fewest = &place->second;
+            wanted.push_back(&*place);
         }
-        for (const Id id : *fewest)
-            if (pattern.fields.size() == 1 || entries.at(id).record.Matches(pattern))
+        const auto rarest =
+            std::min_element(wanted.begin(), wanted.end(), [](const Place* a, const Place* b) {
+                return a->second.size() < b->second.size();
+            });
+        const std::set<Id>& ids = (*rarest)->second;
+        std::sort(wanted.begin(), wanted.end(), std::less<>());
+        for (const Id id : ids) {
+            const std::vector<Place*>& held = entries.at(id).places;
+            if (std::includes(held.begin(), held.end(), wanted.begin(), wanted.end(), std::less<>()))
                 found.push_back(id);
+        }
     }
 
     // Processes without a handle are asked for one by one, and only when an answer depends on them.
     if (owners.size() > handles) {
         std::unordered_set<std::uint32_t> asked;
         for (const Id id : found)
-            asked.insert(entries.at(id).record.owner);
+            asked.insert(entries.at(id).owner);
         asked.erase(0);
         for (const std::uint32_t owner : asked)
             if (HasEnded(owner))
@@ -177,7 +193,7 @@ void nmsTable::DropDead()
 void nmsTable::DropOwner(std::uint32_t id)
 {
     for (auto owner = owners.find(id); owner != owners.end(); owner = owners.find(id))
-        Erase(entries.find(owner->second.ids.back()));
+        Erase(entries.find(*owner->second.ids.begin()));
 }
 
 // Makes sure that a process is known and may have one more record.
@@ -211,12 +227,12 @@ nmscReturnCode nmsTable::Acquire(std::uint32_t id)
 void nmsTable::Erase(std::map<Id, Entry>::iterator entry)
 {
     for (Place* const place : entry->second.places) {
-        EraseId(place->second, entry->first);
+        place->second.erase(entry->first);
         if (place->second.empty())
             byField.erase(byField.find(place->first));
     }
-    if (const auto owner = owners.find(entry->second.record.owner); owner != owners.end()) {
-        EraseId(owner->second.ids, entry->first);
+    if (const auto owner = owners.find(entry->second.owner); owner != owners.end()) {
+        owner->second.ids.erase(entry->first);
         if (owner->second.ids.empty()) {
             if (owner->second.handle) {
                 // Closing alone does not end the watch while a child still holds the handle.
@@ -226,6 +242,5 @@ void nmsTable::Erase(std::map<Id, Entry>::iterator entry)
             owners.erase(owner);
         }
     }
-    bytes -= entry->second.encoded->size();
     entries.erase(entry);
 }

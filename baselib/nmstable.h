@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -16,13 +17,15 @@ struct nmsTableLimits
     std::size_t records = 10000;
     /// Of one process. Records of no process count in the whole only.
     std::size_t recordsOfOwner = 1000;
-    /// Bytes of all records together, in their wire form.
+    /// Bytes of all records together, in their wire form, those included that were removed and are still held
+    /// as a part of an answer.
     std::size_t bytes = std::size_t(64) << 20;
 };
 
-/// The records of a name server, found by any of their fields without a walk over all. A record of a process
-/// goes with its process, at the latest before the next answer that it could be in. An operation that throws
-/// for want of memory has changed nothing but for the records of ended processes. Used by one thread.
+/// The records of a name server, found by any of their fields without a walk over all; whatever the records
+/// are, what an operation costs grows with the fields of those that have its rarest field. A record of a
+/// process goes with its process, at the latest before the next answer that it could be in. An operation that
+/// throws for want of memory has changed nothing but for the records of ended processes. Used by one thread.
 class BASE_API nmsTable
 {
 public:
@@ -45,13 +48,13 @@ public:
 
 private:
     using Id = std::uint64_t;
-    /// A field and the records that have it, ascending, never none.
-    using Place = std::pair<const std::string, std::vector<Id>>;
+    /// A field and the records that have it, never none.
+    using Place = std::pair<const std::string, std::set<Id>>;
     struct Entry
     {
-        nmsFields record;
+        std::uint32_t owner;
         Encoded encoded;
-        std::vector<Place*> places; // of its fields
+        std::vector<Place*> places; // of its fields, ascending
     };
     /// A process with records. Where the host has no handle left for it, it is known by its id and the time
     /// of its start.
@@ -59,7 +62,7 @@ private:
     {
         btkFd handle;
         std::string start;
-        std::vector<Id> ids; // of its records, ascending
+        std::set<Id> ids; // of its records
     };
 
     void DropDead();
@@ -67,14 +70,14 @@ private:
     bool HasEnded(std::uint32_t id) const;
     std::vector<Id> Match(const nmsFields& pattern);
     nmscReturnCode Acquire(std::uint32_t id);
-    void Index(std::pair<const Id, Entry>& added);
+    void Index(std::pair<const Id, Entry>& added, const nmsFields& record);
     void Erase(std::map<Id, Entry>::iterator entry);
 
     nmsTableLimits limits;
-    std::size_t bytes = 0;
+    std::shared_ptr<std::size_t> bytes = std::make_shared<std::size_t>(0);
     Id nextId = 0;
     std::map<Id, Entry> entries;
-    std::unordered_map<std::string, std::vector<Id>> byField;
+    std::unordered_map<std::string, std::set<Id>> byField;
     std::unordered_map<std::uint32_t, Owner> owners;
     btkFd watch; // tells which processes with a handle have ended
     std::size_t handles = 0;

@@ -24,14 +24,6 @@ void nmsFields::Set(std::string name, std::string value)
     fields.emplace_back(std::move(name), std::move(value));
 }
 
-bool nmsFields::Matches(const nmsFields& pattern) const
-{
-    return std::all_of(pattern.fields.begin(), pattern.fields.end(), [&](const auto& field) {
-        const std::string* const held = Find(field.first);
-        return held != nullptr && *held == field.second;
-    });
-}
-
 // ---- statuses
 
 std::string nmsStatusText(int code, bool fromServer, const char* host, int port)

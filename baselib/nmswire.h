@@ -55,8 +55,6 @@ struct BASE_API nmsFields
     const std::string* Find(std::string_view name) const;
     /// Adds a field, or replaces the value of the one of that name.
     void Set(std::string name, std::string value);
-    /// Whether each field of `pattern` is here with the same value.
-    bool Matches(const nmsFields& pattern) const;
 };
 
 /// The most that a record may have: fields, and bytes of a name and of a value with the ending zero.

@@ -1,3 +1,4 @@
+#include <ctime>
 #include <string>
 #include <unistd.h>
 
@@ -51,6 +52,8 @@ TEST(NameTable, FindsByAnyFieldsInTheOrderOfAdding)
     ASSERT_EQ(rest.size(), 50u);
     EXPECT_NE(rest[1]->find("s3"), std::string::npos);
     EXPECT_TRUE(table.Find(Record("name", "s4")).empty());
+    EXPECT_TRUE(table.Find(Record("name", "s*")).empty());
+    EXPECT_TRUE(table.Find(Record("s3", "name")).empty());
     EXPECT_EQ(table.Remove({}), 50u);
     EXPECT_EQ(table.GetSize(), 0u);
 }
@@ -79,6 +82,38 @@ TEST(NameTable, KeepsWithinItsLimits)
     EXPECT_EQ(table.Add(Record("n", "7")), nmscInternal);
     EXPECT_EQ(table.Remove(Record("n", "1")), 1u);
     EXPECT_EQ(table.Add(Record("n", "8", self)), nmscDone);
+}
+
+TEST(NameTable, CountsWhatAnswersStillHold)
+{
+    nmsTable table({.bytes = 300});
+    ASSERT_EQ(table.Add(Record("n", std::string(200, 'x'))), nmscDone);
+    auto answer = table.Find({});
+    ASSERT_EQ(table.Remove({}), 1u);
+
+    EXPECT_EQ(table.Add(Record("n", std::string(200, 'y'))), nmscInternal);
+    answer.clear();
+    EXPECT_EQ(table.Add(Record("n", std::string(200, 'y'))), nmscDone);
+}
+
+// A client could keep the name server from the others with a few requests if this multiplied.
+TEST(NameTable, ManyFieldsThatAllRecordsHaveCostLittle)
+{
+    constexpr int records = 500;
+    nmsFields shared;
+    for (int i = 0; i < 200; ++i)
+        shared.Set("field" + std::to_string(i), "same");
+    nmsTable table;
+    for (int i = 0; i < records; ++i) {
+        nmsFields record = shared;
+        record.Set("own", std::to_string(i));
+        ASSERT_EQ(table.Add(std::move(record)), nmscDone);
+    }
+
+    const std::clock_t start = std::clock();
+    EXPECT_EQ(table.Find(shared).size(), 1u * records);
+    EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC / 10);
+    EXPECT_EQ(table.Remove(shared), 1u * records);
 }
 
 TEST(NameTable, DropsTheRecordsOfAProcessWithIt)

@@ -103,24 +103,6 @@ TEST(NameWire, RefusesToReadNegativeAndGreatLengths)
     EXPECT_EQ(strict.record.owner, 7u);
 }
 
-TEST(NameWire, MatchesWholeValuesOnly)
-{
-    nmsFields record;
-    record.Set("a", "1");
-    record.Set("b", "2");
-    const auto matches = [&](const char* name, const char* value) {
-        nmsFields pattern;
-        pattern.Set(name, value);
-        return record.Matches(pattern);
-    };
-
-    EXPECT_TRUE(record.Matches({}));
-    EXPECT_TRUE(matches("b", "2"));
-    EXPECT_FALSE(matches("a", "2"));
-    EXPECT_FALSE(matches("c", "1"));
-    EXPECT_FALSE(matches("a", "*"));
-}
-
 TEST(NameWire, TellsOfFailures)
 {
     EXPECT_EQ(nmsStatusText(nmscNotFound, true, "", 0),
