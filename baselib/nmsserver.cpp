@@ -20,6 +20,7 @@ constexpr btkTimeval endingLimit(0, 500000);
 constexpr std::size_t fixedPlaces = 3; // of what is waited for beside the clients
 constexpr std::size_t receiveSize = 16384;
 constexpr std::size_t sendSize = 65536;
+constexpr int sendsInTurn = 4; // then the other clients have theirs
 
 } // namespace
 
@@ -236,7 +237,7 @@ bool nmsServer::Parse(Client& client)
 
 void nmsServer::Answer(Client& client)
 {
-    const bool isLocal = client.socket.IsPeerOnTheSameMachine();
+    const auto isLocal = [&] { return client.socket.IsPeerOnTheSameMachine(); };
     nmsFields& record = client.reader.record;
     const bool isWhole = client.reader.IsWhole();
     int status = nmscDone;
@@ -248,9 +249,9 @@ void nmsServer::Answer(Client& client)
         case nmsRequestCode::ping:
             break;
         case nmsRequestCode::enter:
-            status = !isWhole                        ? nmscInternal
-                     : record.owner != 0 && !isLocal ? nmscNotAllowed
-                                                     : table.Add(std::move(record));
+            status = !isWhole                          ? nmscInternal
+                     : record.owner != 0 && !isLocal() ? nmscNotAllowed
+                                                       : table.Add(std::move(record));
             break;
         case nmsRequestCode::remove: {
             const std::size_t count = isWhole ? table.Remove(record) : 0;
@@ -267,7 +268,7 @@ void nmsServer::Answer(Client& client)
             nmsPutInt(rest, static_cast<int>(client.records.size()));
             break;
         case nmsRequestCode::shutdown:
-            if (isLocal)
+            if (isLocal())
                 isStopping = true;
             else
                 status = nmscNotAllowed;
@@ -288,7 +289,7 @@ void nmsServer::Answer(Client& client)
 
 void nmsServer::Send(Client& client)
 {
-    for (;;) {
+    for (int sends = 0;; ++sends) {
         // Only as much as goes out at once is put together; the records themselves are shared.
         if (client.sent == client.out.size()) {
             client.out.clear();
@@ -298,6 +299,8 @@ void nmsServer::Send(Client& client)
             client.out += *client.records[client.nextRecord++];
         if (client.out.empty())
             break;
+        if (sends == sendsInTurn)
+            return;
         const std::ptrdiff_t count = send(client.socket.GetHandle(), client.out.data() + client.sent,
                                           client.out.size() - client.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
         if (count < 0 && errno == EINTR)
