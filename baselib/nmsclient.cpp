@@ -61,6 +61,19 @@ btkTimeval nmsGetAnswerLimit()
     return answerLimit;
 }
 
+bool nmsExchange::Connect(const char* host, int port)
+{
+    socket.SetSendLimit(nmsGetAnswerLimit());
+    return socket.Connect(host, port, btkTimeval::Forever());
+}
+
+nmsOutcome nmsExchange::DoNot(const char* host, int port)
+{
+    const bool isReached = Connect(host, port);
+    socket.Close();
+    return {isReached ? nmscInternal : nmscNoConnection, false};
+}
+
 int nmsExchange::Ask(const char* host, int port, nmsRequestCode code, const std::string& record)
 {
     std::string request;
@@ -68,8 +81,7 @@ int nmsExchange::Ask(const char* host, int port, nmsRequestCode code, const std:
     request += record;
     held.clear();
     used = 0;
-    socket.SetSendLimit(nmsGetAnswerLimit());
-    if (!socket.Connect(host, port, btkTimeval::Forever()))
+    if (!Connect(host, port))
         return noAnswer;
     // What the server answered stands, also when it did not read the request to its end.
     socket.Send(request.data(), request.size());
@@ -172,9 +184,10 @@ capi_nmsError* Request(capi_nmsServerProxy& proxy, nmsRequestCode code, const nm
 {
     std::string encoded;
     proxy.port = nmsFindPort();
-    if (record != nullptr && !nmsPutRecord(encoded, *record))
-        return NewError(proxy, nmscInternal, false);
-    const nmsOutcome outcome = nmsExchange().Do(proxy.host.c_str(), proxy.port, code, encoded, rest);
+    const char* const host = proxy.host.c_str();
+    const nmsOutcome outcome = record == nullptr || nmsPutRecord(encoded, *record)
+                                   ? nmsExchange().Do(host, proxy.port, code, encoded, rest)
+                                   : nmsExchange().DoNot(host, proxy.port);
     return outcome.code == nmscDone ? nullptr : NewError(proxy, outcome.code, outcome.fromServer);
 }
 

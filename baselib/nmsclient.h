@@ -46,6 +46,8 @@ public:
             return {status, true};
         return {isRead ? nmscDone : nmscNoConnection, false};
     }
+    /// How a request ends whose record is too great to be sent. nmscInternal, unless there is nobody there.
+    nmsOutcome DoNot(const char* host, int port);
     /// For answers that are no more than a status.
     static bool NoRest(nmsExchange&, int) { return true; }
 
@@ -58,6 +60,7 @@ public:
     bool ReadRecords(std::vector<nmsFields>& records);
 
 private:
+    bool Connect(const char* host, int port);
     bool Read(char* to, std::size_t size, btkTimeval end);
 
     btkStreamSocket socket;

@@ -117,6 +117,9 @@ TEST(nmsServerProxy, SaysWhenThereIsNoNameServer)
     EXPECT_EQ(failure->getServerName(), "nohost.invalid");
     EXPECT_EQ(failure->getDescription(), "ERROR  : can't connect by name");
 
+    const Record tooLong = RecordOf("n", std::string(256, 'x').c_str());
+    EXPECT_EQ(Status(proxy->ImplRegister(*tooLong))->getCode(), 2);
+
     const Status status(proxy->Ping());
     std::ostringstream told;
     told << *status << *proxy;

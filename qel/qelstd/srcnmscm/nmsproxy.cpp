@@ -27,13 +27,19 @@ const char* TextOf(const xstring& s)
     return qelIsObject(text) ? text : "";
 }
 
-std::string LineOf(const nmsClientStatus& status)
+std::string Report(const nmsClientStatus& status)
 {
     const xstring host = status.getHost();
-    std::string line = nmsStatusText(status.getCode(), status.getOrigin() == nmsClientStatus::Server,
-                                     status.getLocal() ? "LOCALHOST" : TextOf(host), status.getPort());
+    return nmsStatusText(status.getCode(), status.getOrigin() == nmsClientStatus::Server,
+                         status.getLocal() ? "LOCALHOST" : TextOf(host), status.getPort());
+}
+
+// What an exception says of it: the first line.
+std::string LineOf(const nmsClientStatus& status)
+{
     constexpr std::size_t most = 1024;
-    return line.substr(0, std::min(line.find('\n'), most));
+    const std::string report = Report(status);
+    return report.substr(0, std::min(report.find('\n'), most));
 }
 
 using Failure = std::unique_ptr<nmsClientStatus>;
@@ -71,7 +77,7 @@ nmsClientStatus::nmsClientStatus(int statusCode, StatusOrigin foundBy, const xst
 std::ostream& operator<<(std::ostream& os, const nmsClientStatus& status)
 {
     if (os.good())
-        os << LineOf(status) << std::endl;
+        os << Report(status) << std::endl;
     return os;
 }
 
@@ -170,10 +176,11 @@ nmsClientStatus* nmsServerProxy::Request(int code, nmsRecord* record, Rest rest)
 {
     port = nmsFindPort();
     std::string encoded;
-    if (record != nullptr && !nmsRecordWire::Encode(*record, encoded))
-        return Status(nmscInternal, nmsClientStatus::Client);
-    const auto [status, fromServer] = nmsExchange().Do(local ? nullptr : TextOf(host), port,
-                                                       static_cast<nmsRequestCode>(code), encoded, rest);
+    const char* const name = local ? nullptr : TextOf(host);
+    const auto [status, fromServer] =
+        record == nullptr || nmsRecordWire::Encode(*record, encoded)
+            ? nmsExchange().Do(name, port, static_cast<nmsRequestCode>(code), encoded, rest)
+            : nmsExchange().DoNot(name, port);
     return status == nmscDone
                ? nullptr
                : Status(status, fromServer ? nmsClientStatus::Server : nmsClientStatus::Client);
