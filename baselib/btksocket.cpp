@@ -36,6 +36,12 @@ void SetOption(btkHandle handle, int level, int option, int value)
     setsockopt(handle, level, option, &value, sizeof value);
 }
 
+void SetStreamOptions(btkHandle handle)
+{
+    SetOption(handle, IPPROTO_TCP, TCP_NODELAY, 1);
+    SetOption(handle, SOL_SOCKET, SO_OOBINLINE, 1);
+}
+
 btkTimeval EndOf(btkTimeval limit)
 {
     return limit.IsForever() ? btkTimeval::Forever() : btkTimeval::Now() + limit;
@@ -225,8 +231,7 @@ void btkStreamSocket::Adopt(btkFd connected)
 {
     Close();
     fd = std::move(connected);
-    SetOption(fd.Get(), IPPROTO_TCP, TCP_NODELAY, 1);
-    SetOption(fd.Get(), SOL_SOCKET, SO_OOBINLINE, 1);
+    SetStreamOptions(fd.Get());
 }
 
 void btkStreamSocket::Close()
@@ -483,6 +488,7 @@ bool btkAcceptSocket::Listen(int port, const char* interface)
         if (!made)
             continue;
         SetOption(made.Get(), SOL_SOCKET, SO_REUSEADDR, 1);
+        SetStreamOptions(made.Get()); // its connections inherit them, which saves two calls for each
         if (family == AF_INET6)
             SetOption(made.Get(), IPPROTO_IPV6, IPV6_V6ONLY, interface != nullptr);
         if (bind(made.Get(), address.Get(), address.size) == 0 && listen(made.Get(), SOMAXCONN) == 0) {
@@ -500,7 +506,8 @@ bool btkAcceptSocket::Accept(btkStreamSocket* connection)
     for (;;) {
         btkFd accepted(accept4(fd.Get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (accepted) {
-            connection->Adopt(std::move(accepted));
+            connection->Close();
+            connection->fd = std::move(accepted);
             return true;
         }
         if (errno != EINTR)

@@ -90,6 +90,7 @@ public:
     bool IsPeerOnTheSameMachine() const;
 
 private:
+    friend class btkAcceptSocket;
     struct Ahead;
 
     std::ptrdiff_t Receive(char* to, std::size_t size, bool wait);
