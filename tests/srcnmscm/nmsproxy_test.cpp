@@ -1,10 +1,13 @@
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "support/nameserver.h"
+#include <qel/base/btksocket.h>
 #include <qel/nmsproxy.h>
 
 namespace {
@@ -38,6 +41,40 @@ std::string Text(const xstring& s)
 {
     return s.CastToCString();
 }
+
+// Answers one request with these bytes, whatever it is, and closes the connection. While it lives it is the
+// name server that proxies find.
+class StrangeServer
+{
+public:
+    explicit StrangeServer(std::string answer) : bytes(std::move(answer))
+    {
+        isListening = door.Listen(0, "127.0.0.1");
+        setting.emplace("VRXNMSPORT", std::to_string(door.GetPortN()).c_str());
+        loop = std::thread([this] {
+            constexpr btkTimeval patience(10, 0);
+            btkStreamSocket client;
+            if (door.Wait(patience, 1) != 1 || !door.Accept(&client))
+                return;
+            client.Send(bytes.data(), bytes.size());
+            client.ShutdownOutput();
+            client.SetRecvLimit(patience);
+            char byte = 0;
+            while (client.Recv(&byte, 1) > 0) {
+            }
+        });
+    }
+    ~StrangeServer() { loop.join(); }
+    std::string port() const { return std::to_string(door.GetPortN()); }
+
+    bool isListening = false;
+
+private:
+    btkAcceptSocket door;
+    std::string bytes;
+    std::optional<EnvSetting> setting;
+    std::thread loop;
+};
 
 // The description and the name of the function of what `action` throws.
 template<class X, class Action>
@@ -126,4 +163,56 @@ TEST(nmsServerProxy, SaysWhenThereIsNoNameServer)
     const std::string expected = "ERROR  : NMS client: could not connect to NameServer. (LOCALHOST, port " +
                                  std::to_string(server.getPort()) + ")\n" + Text(proxy->getHost());
     EXPECT_EQ(told.str(), expected);
+}
+
+TEST(nmsServerProxy, TakesWhatAnyServerAnswers)
+{
+    const Proxy proxy(nmsServerProxy::InitLocalProxy());
+    const Record pattern = RecordOf("a", "b");
+    const std::string done(1, '\0');
+    const std::string zero(4, '\0');
+    const std::string head = "ERROR  : NameServer on client request: ";
+    {
+        const StrangeServer noVersion(done + zero + zero);
+        EXPECT_EQ(Told<nmsXCantGetVersion>([&] { proxy->GetVersion(); }),
+                  "ERROR  : Other in nmsServerProxy::GetVersion");
+    }
+    {
+        const StrangeServer none(done + zero);
+        EXPECT_EQ(proxy->Delete(pattern.get()), 0);
+    }
+    {
+        const StrangeServer some("\5" + zero.substr(1) + "\3"); // the number comes whatever the status is
+        int count = 0;
+        const Status status(proxy->ImplDelete(*pattern, &count));
+        ASSERT_NE(status, nullptr);
+        EXPECT_EQ(status->getCode(), 5);
+        EXPECT_EQ(status->getOrigin(), nmsClientStatus::Server);
+        EXPECT_EQ(count, 3);
+    }
+    {
+        const StrangeServer unknown("\x4d");
+        EXPECT_EQ(Told<nmsXCantRegisterRecord>([&] { proxy->Register(pattern.get()); }),
+                  head + "internal error occured. in nmsServerProxy::Register");
+    }
+    {
+        const StrangeServer unwilling("\6");
+        EXPECT_FALSE(proxy->IsAlive());
+    }
+    {
+        // Two records are announced and one comes.
+        const StrangeServer broken(done + zero.substr(1) + "\2" + zero + zero);
+        EXPECT_EQ(Told<nmsXCantQuery>([&] { proxy->Query(pattern.get()); }),
+                  "ERROR  : NMS client: could not connect to NameServer. (LOCALHOST, port " + broken.port() +
+                      ") in nmsServerProxy::Query");
+    }
+    {
+        const StrangeServer broken(done + zero.substr(1) + "\2" + zero + zero);
+        const xrchandle<nmsRecordArray> found(nmsRecordArray::create());
+        int count = 0;
+        EXPECT_EQ(Status(proxy->ImplQuery(*pattern, found.get(), &count))->getCode(), 2);
+        EXPECT_EQ(count, 1);
+        ASSERT_EQ(found->getarraysize(), 1);
+        const Record kept(found->get(0));
+    }
 }

@@ -22,7 +22,8 @@ inline constexpr netServerLoopAction netServerNoDecision = static_cast<netServer
 
 // ---- handlers: the application derives from them, sets them before it calls Run, and owns them.
 
-/// Serves a connection, in the thread of the loop.
+/// Serves a connection, in the thread of the loop, which serves nobody else meanwhile: what takes long, or
+/// reads from clients that may be silent, belongs in an asynchronous request.
 class QEL_API netBaseServer_OnRequest_cb : public virtual xobject
 {
     QEL_OBJECT(netBaseServer_OnRequest_cb); // "netlib::BaseServer_OnRequest_cb"
@@ -107,7 +108,8 @@ public:
     /// have passed, without limit for INFINITE. Calls no handler.
     /// @throws netXException  the listening socket failed (error 4)
     netSocketStream* Accept(double timeout);
-    /// A new event that is signaled while a connection waits to be accepted. The caller owns it.
+    /// A new event that is signaled while a connection waits to be accepted. The caller owns it, and frees it
+    /// before the server.
     netEvent* AcceptEvent();
 
     // ---- call the handler; without one they answer netServerNoDecision
