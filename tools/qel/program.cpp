@@ -3,21 +3,31 @@
 
 #include "commands.h"
 
-void AddConfigCommands(CLI::App& program);      // conf.cpp
-void AddFileCommands(CLI::App& program);        // fs.cpp
-void AddNameServiceCommands(CLI::App& program); // ns.cpp
-void AddRegistryCommands(CLI::App& program);    // reg.cpp
-void AddServerCommands(CLI::App& program);      // server.cpp
-void AddRemoteShellCommands(CLI::App& program); // rsh.cpp
-void AddCompletionCommands(CLI::App& program);  // complete.cpp
-void AddManCommand(CLI::App& program);          // man.cpp
+void AddNameServiceCommands(CLI::App& program);
+void AddServerCommands(CLI::App& program);
+void AddRemoteShellCommands(CLI::App& program);
+void AddConfigCommands(CLI::App& program);
+void AddRegistryCommands(CLI::App& program);
+void AddFileCommands(CLI::App& program);
+void AddInfoCommand(CLI::App& program);
+void AddSelftestCommand(CLI::App& program);
+void AddCompletionCommands(CLI::App& program);
+void AddManCommand(CLI::App& program);
 
 namespace {
 
-// In the order in which the help names them.
+// In the order in which the help names them; each has a source of the name beside it.
 constexpr AddCommands groups[] = {
-    &AddNameServiceCommands, &AddServerCommands, &AddRemoteShellCommands, &AddConfigCommands,
-    &AddRegistryCommands,    &AddFileCommands,   &AddCompletionCommands,  &AddManCommand,
+    &AddNameServiceCommands, // ns
+    &AddServerCommands,      // server
+    &AddRemoteShellCommands, // rsh
+    &AddConfigCommands,      // conf
+    &AddRegistryCommands,    // reg
+    &AddFileCommands,        // fs
+    &AddInfoCommand,         // info
+    &AddSelftestCommand,     // selftest
+    &AddCompletionCommands,  // complete
+    &AddManCommand,          // man
 };
 
 } // namespace

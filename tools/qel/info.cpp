@@ -1,0 +1,88 @@
+// qel info: what this program and its library are, and what they go by.
+#include <limits>
+#include <string>
+
+#include "commands.h"
+#include <qel/base/nmsclient.h>
+#include <qel/base/nmsserver.h>
+#include <qel/filelib.h>
+#include <qel/syslib.h>
+#include <qel/xstring.h>
+
+namespace {
+
+Json Text(const xstring& text)
+{
+    return text == nullptr ? Json() : Json(text.CastToCString());
+}
+
+// The variables that the library and this program look at.
+constexpr const char* variables[] = {
+    "VRXNMSPORT", "QELSTD_REGISTRY", "QELSTD_DRIVE_C", "XDG_CONFIG_HOME",
+    "HOME",       "HOMEDRIVE",       "HOMEPATH",       "NO_COLOR",
+};
+
+Json Environment()
+{
+    Json set = Json::object();
+    for (const char* const name : variables)
+        if (const xstring value = sysGetEnv(name); !(value == nullptr))
+            set[name] = Text(value);
+    for (char drive = 'D'; drive <= 'Z'; ++drive) {
+        const std::string name = std::string("QELSTD_DRIVE_") + drive;
+        if (const xstring value = sysGetEnv(name.c_str()); !(value == nullptr))
+            set[name] = Text(value);
+    }
+    return set;
+}
+
+Json Everything()
+{
+    const nmsServerOptions names;
+    Json all;
+    all["version"] = QEL_VERSION;
+    all["build"] = {{"compiler", __VERSION__},
+                    {"type", QEL_BUILD_TYPE},
+                    {"bits", std::numeric_limits<std::size_t>::digits}};
+    all["machine"] = {{"name", Text(sysGetCurHostName())},
+                      {"platform", Text(sysGetPlatform())},
+                      {"system", Text(sysGetOSType())},
+                      {"user", Text(sysGetCurUserName())}};
+    const xstring drive = sysGetEnv("QELSTD_DRIVE_C");
+    all["paths"] = {{"current directory", Text(fsGetCurDir())},
+                    {"drive C", drive == nullptr ? Json("/") : Text(drive)}};
+    all["name server"] = {{"port", nmsFindPort()}, {"answer limit in s", nmsGetAnswerLimit().ToSeconds()}};
+    all["limits"] = {{"records of a name server", names.table.records},
+                     {"records of a process", names.table.recordsOfOwner},
+                     {"waiting clients", names.waiting}};
+    all["environment"] = Environment();
+    return all;
+}
+
+// A heading for each member, and a line for each of its own.
+std::string Lines(const Json& everything)
+{
+    std::string lines;
+    for (const auto& [name, value] : everything.items()) {
+        lines += Bold(name);
+        if (!value.is_object()) {
+            lines += ": " + AsText(value);
+            continue;
+        }
+        lines += ":\n";
+        for (const auto& [key, one] : value.items())
+            lines += "  " + key + ": " + AsText(one);
+    }
+    return lines;
+}
+
+} // namespace
+
+void AddInfoCommand(CLI::App& program)
+{
+    CLI::App& info =
+        AddCommand(program, "info", "Print the version, the limits, and what of the environment is in force",
+                   [] { Show(Everything(), &Lines); });
+    info.footer("qel info --json\tFor a report of a fault.\n");
+    OfferJson(info);
+}
