@@ -24,34 +24,27 @@ void Require(bool holds)
         std::abort();
 }
 
-// Memory that is in use; its size in MiB is the benchmark's argument.
-class Resident
+// Lets the process have as many MiB in use as the benchmark's argument says.
+void Use(const benchmark::State& state)
 {
-public:
-    explicit Resident(const benchmark::State& state) : size(static_cast<std::size_t>(state.range(0)) << 20)
-    {
-        if (size == 0)
-            return;
-        memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        Require(memory != MAP_FAILED);
-        std::memset(memory, 1, size);
-    }
-    ~Resident()
-    {
-        if (size > 0)
-            munmap(memory, size);
-    }
-    Resident(const Resident&) = delete;
-    Resident& operator=(const Resident&) = delete;
-
-private:
-    std::size_t size;
-    void* memory = nullptr;
-};
+    static std::size_t used = 0;
+    static void* memory = nullptr;
+    const std::size_t size = static_cast<std::size_t>(state.range(0)) << 20;
+    if (size == used)
+        return;
+    if (used > 0)
+        munmap(memory, used);
+    used = size;
+    if (size == 0)
+        return;
+    memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    Require(memory != MAP_FAILED);
+    std::memset(memory, 1, size);
+}
 
 void startOurs(benchmark::State& state)
 {
-    const Resident resident(state);
+    Use(state);
     for (auto _ : state) {
         const Owned<pcProcess> process(pcProcess::Create("true", nullptr, nullptr, nullptr, nullptr, 0, 0));
         const Owned<pcEvent> end(process->ExitEvent());
@@ -61,7 +54,7 @@ void startOurs(benchmark::State& state)
 
 void startSpawn(benchmark::State& state)
 {
-    const Resident resident(state);
+    Use(state);
     for (auto _ : state) {
         char name[] = "true";
         char* const arguments[] = {name, nullptr};
@@ -74,7 +67,7 @@ void startSpawn(benchmark::State& state)
 
 void startQt(benchmark::State& state)
 {
-    const Resident resident(state);
+    Use(state);
     for (auto _ : state) {
         QProcess process;
         process.start("true", QStringList());
@@ -84,7 +77,7 @@ void startQt(benchmark::State& state)
 
 void Sizes(benchmark::internal::Benchmark* benchmark)
 {
-    benchmark->Arg(0)->Arg(1024)->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(0.3);
+    benchmark->Arg(0)->Arg(8192)->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(0.3);
 }
 BENCHMARK(startOurs)->Name("processes/start_and_wait/qelstd")->Apply(Sizes);
 BENCHMARK(startSpawn)->Name("processes/start_and_wait/posix_spawn")->Apply(Sizes);

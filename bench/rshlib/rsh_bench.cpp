@@ -2,15 +2,15 @@
 // KiB over the same pipes and a socket.
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <thread>
 #include <vector>
 
 #include "support/owned.h"
+#include "support/socketpair.h"
 #include "support/streampair.h"
 #include <qel/base/btkpipe.h>
-#include <qel/pcprocess.h>
+#include <qel/base/btkprocess.h>
 #include <qel/rshprocess.h>
 #include <qel/rshserver.h>
 #include <qel/xiolib.h>
@@ -26,6 +26,25 @@ void Require(bool holds)
     if (!holds)
         std::abort();
 }
+
+// A program with pipes, which ends with the benchmark's work.
+class Started
+{
+public:
+    Started(const char* command, btkHandle in, btkHandle out)
+    {
+        unsigned long id = 0;
+        Require(Process_Launch(&process, &id, command, nullptr, in, out, -1, 0));
+    }
+    ~Started()
+    {
+        long code = -1;
+        Require(Process_Wait(process, &code, true, true) && code == 0);
+    }
+
+private:
+    btkProcess* process = nullptr;
+};
 
 // Reads until the end.
 std::size_t Drain(btkHandle handle)
@@ -78,37 +97,44 @@ void outputOurs(benchmark::State& state)
     }
 }
 
-// A pipe of the command, a socket, a pipe of the reader: a thread for each copy.
+struct Pipe
+{
+    Pipe() { Require(btkAnonymousPipe::Create(output, input)); }
+
+    btkOutputPipe output;
+    btkInputPipe input;
+};
+
+// Copies in a thread of its own, and closes where it copies to.
+class Copier
+{
+public:
+    template<class Close>
+    Copier(btkHandle from, btkHandle to, Close close)
+        : thread([=] {
+              Copy(from, to);
+              close();
+          })
+    {
+    }
+    ~Copier() { thread.join(); }
+
+private:
+    std::thread thread;
+};
+
+// A pipe of the command, a socket, a pipe of the reader.
 void outputPlain(benchmark::State& state)
 {
     for (auto _ : state) {
-        int ends[2];
-        Require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0);
-        const Owned<ioPipe> command(ioPipe::Create());
-        const Owned<pcProcess> process(
-            pcProcess::Create(writer, nullptr, nullptr, command->getWriteEnd(), nullptr, 0, 0));
-        btkOutputPipe output;
-        btkInputPipe input;
-        Require(btkAnonymousPipe::Create(output, input));
-        std::thread sender([&] {
-            const btkFd to(ends[0]);
-            std::vector<char> block(part);
-            for (std::size_t done = 0; done < total;) {
-                const unsigned size =
-                    std::min<unsigned>(part, std::max(command->getReadEnd()->PeekNBytes(), 1u));
-                const unsigned got = command->getReadEnd()->ReadBytes(block.data(), size);
-                Require(btkWrite(to.Get(), block.data(), got) == got);
-                done += got;
-            }
-        });
-        std::thread receiver([&] {
-            const btkFd from(ends[1]);
-            Copy(from.Get(), output.Get());
-            output.Reset();
-        });
-        Require(Drain(input.Get()) == total);
-        sender.join();
-        receiver.join();
+        SocketPair sockets;
+        Pipe command, reader;
+        Started child(writer, -1, command.output.Get());
+        command.output.Reset();
+        const Copier sender(command.input.Get(), sockets.far.GetHandle(),
+                            [&] { sockets.far.ShutdownOutput(); });
+        const Copier receiver(sockets.near.GetHandle(), reader.output.Get(), [&] { reader.output.Reset(); });
+        Require(Drain(reader.input.Get()) == total);
     }
 }
 BENCHMARK(outputOurs)
@@ -136,8 +162,36 @@ void bothWaysOurs(benchmark::State& state)
         server->WaitExitCode();
     }
 }
+void bothWaysPlain(benchmark::State& state)
+{
+    for (auto _ : state) {
+        SocketPair sockets;
+        Pipe given, commandIn, commandOut, reader;
+        Started child("cat", commandIn.input.Get(), commandOut.output.Get());
+        commandIn.input.Reset();
+        commandOut.output.Reset();
+        btkStreamSocket &near = sockets.near, &far = sockets.far;
+        const Copier sender(given.input.Get(), near.GetHandle(), [&] { near.ShutdownOutput(); });
+        const Copier toCommand(far.GetHandle(), commandIn.output.Get(), [&] { commandIn.output.Reset(); });
+        const Copier fromCommand(commandOut.input.Get(), far.GetHandle(), [&] { far.ShutdownOutput(); });
+        const Copier receiver(near.GetHandle(), reader.output.Get(), [&] { reader.output.Reset(); });
+        std::thread filler([&] {
+            const std::vector<char> block(part, 'x');
+            for (std::size_t done = 0; done < total; done += part)
+                Require(btkWrite(given.output.Get(), block.data(), part) == part);
+            given.output.Reset();
+        });
+        Require(Drain(reader.input.Get()) == total);
+        filler.join();
+    }
+}
 BENCHMARK(bothWaysOurs)
     ->Name("remote_shell/both_ways_1GiB/qelstd")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1);
+BENCHMARK(bothWaysPlain)
+    ->Name("remote_shell/both_ways_1GiB/plain")
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond)
     ->Iterations(1);
