@@ -39,6 +39,12 @@ void SetOption(btkHandle handle, int level, int option, int value)
 void SetStreamOptions(btkHandle handle)
 {
     SetOption(handle, IPPROTO_TCP, TCP_NODELAY, 1);
+    // A peer whose machine is gone says nothing, and who reads from it would wait for ever: found in 2
+    // minutes.
+    SetOption(handle, SOL_SOCKET, SO_KEEPALIVE, 1);
+    SetOption(handle, IPPROTO_TCP, TCP_KEEPIDLE, 60);
+    SetOption(handle, IPPROTO_TCP, TCP_KEEPINTVL, 15);
+    SetOption(handle, IPPROTO_TCP, TCP_KEEPCNT, 4);
     SetOption(handle, SOL_SOCKET, SO_OOBINLINE, 1);
 }
 

@@ -41,6 +41,9 @@ protected:
 /// arrives before anything was read from this end since the first may take the first one's mark, and the
 /// first is then lost as a value.
 ///
+/// A peer that has vanished without a word, as when its machine has lost its power, is asked for after a
+/// minute of silence; receiving fails with ETIMEDOUT a minute later.
+///
 /// Failed calls leave the reason in errno. No call raises SIGPIPE, and none ends because of a signal.
 class BASE_API btkStreamSocket : public btkSocket
 {

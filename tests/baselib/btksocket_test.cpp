@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <string>
 #include <sys/socket.h>
 #include <thread>
@@ -130,6 +132,24 @@ TEST(btkStreamSocket, GivesUpConnectingAtTheLimit)
     EXPECT_EQ(errno, ETIMEDOUT);
     EXPECT_GE(btkTimeval::Now() - start, btkTimeval(0, 200000));
     EXPECT_LT(btkTimeval::Now() - start, btkTimeval(5, 0));
+}
+
+TEST(btkStreamSocket, EachEndSendsAtOnceAndAsksForAPeerThatIsSilentForLong)
+{
+    const auto option = [](const btkStreamSocket& socket, int level, int name) {
+        int value = 0;
+        socklen_t size = sizeof value;
+        EXPECT_EQ(getsockopt(socket.GetHandle(), level, name, &value, &size), 0);
+        return value;
+    };
+    SocketPair pair; // one end has connected, and the other has what an accepted connection inherits
+    for (const btkStreamSocket* const end : {&pair.near, &pair.far}) {
+        EXPECT_EQ(option(*end, IPPROTO_TCP, TCP_NODELAY), 1);
+        EXPECT_EQ(option(*end, SOL_SOCKET, SO_KEEPALIVE), 1);
+        const int found = option(*end, IPPROTO_TCP, TCP_KEEPIDLE) +
+                          option(*end, IPPROTO_TCP, TCP_KEEPINTVL) * option(*end, IPPROTO_TCP, TCP_KEEPCNT);
+        EXPECT_EQ(found, 120); // seconds
+    }
 }
 
 TEST(btkStreamSocket, KeepsItsLimitsWhileInterrupted)
