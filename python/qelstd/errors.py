@@ -5,7 +5,7 @@ class Error(Exception):
     """A failure that the library reports. `type_name` is the registered name of its class there."""
 
     def __init__(self, text=None, type_name=None):
-        super().__init__(text)
+        super().__init__(text, type_name)
         self.text = text
         self.type_name = type_name
 

@@ -134,6 +134,11 @@ class Exceptions(unittest.TestCase):
         self.assertIs(type(raised), qelstd.Error)
         self.assertEqual(str(raised), "mylib::XBroken")
 
+    def test_they_go_through_pickle_whole(self):
+        raised = pickle.loads(pickle.dumps(qelstd.errors.make("qellib::XNull", "no value")))
+        self.assertIs(type(raised), qelstd.NullValue)
+        self.assertEqual((str(raised), raised.type_name), ("no value", "qellib::XNull"))
+
 
 class Values(unittest.TestCase):
     def test_uninit_is_one(self):
