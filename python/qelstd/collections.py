@@ -132,7 +132,9 @@ class Sequence(_Collection, collections.abc.MutableSequence):
     def __getitem__(self, index):
         if isinstance(index, slice):
             return self._slice(*index.indices(len(self)))
-        return self._element.from_c(self._call("get", self._place(index)))
+        # The library itself refuses what lies past the end.
+        place = index if type(index) is int and 0 <= index <= _LAST_INT else self._place(index)
+        return self._element.from_c(self._call("get", place))
 
     def _slice(self, start, stop, step):
         made = type(self)()
