@@ -155,7 +155,8 @@ bool writeFile(int folder, const std::string& path, std::string_view text)
             return false;
         text.remove_prefix(static_cast<std::size_t>(count));
     }
-    return close(file.release()) == 0;
+    // On the disk before its name is: after a loss of power, the old value is there or the new one.
+    return platRetry([&] { return fdatasync(file.get()); }) == 0 && close(file.release()) == 0;
 }
 
 /// Puts a whole file at `path`, or leaves what was there. `prefix` is the key's place in `folder`.

@@ -3,17 +3,20 @@
 #include <qel/platform/errortable.h>
 #include <qel/platform/registry.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <set>
 #include <sstream>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "support/child.h"
 #include "support/environment.h"
+#include "support/interrupt.h"
 #include "support/tempdir.h"
 
 namespace {
@@ -381,33 +384,90 @@ TEST_F(Registry, IsPrivateToItsUser)
 
 TEST_F(Registry, GivesWholeValuesWhileOthersWriteAndAreKilled)
 {
+    constexpr int rounds = 20;
+    constexpr auto patience = std::chrono::seconds(30);
     const HKEY key = create(HKEY_CURRENT_USER, "key");
     const std::string first(3000, 'a'), second(9000, 'b');
     ASSERT_EQ(set(key, "v", first), 0);
-    int whole = 0;
-    for (int round = 0; round < 20; ++round) {
-        const pid_t writer = fork();
-        if (writer == 0) {
+    for (int round = 0; round < rounds; ++round) {
+        ChildProcess writer([&]() -> int {
             for (;;) {
                 set(key, "v", second);
                 set(key, "v", first);
             }
+        });
+        // Until the writer has been seen at work, in the middle of which it is killed.
+        int changes = 0;
+        std::string before = get(key, "v");
+        for (const auto begin = std::chrono::steady_clock::now();
+             changes < 5 && std::chrono::steady_clock::now() - begin < patience;) {
+            const std::string value = get(key, "v");
+            ASSERT_TRUE(value == first || value == second) << value.size();
+            changes += value != before ? 1 : 0;
+            before = value;
         }
-        for (int i = 0; i < 50; ++i) {
-            DWORD size = 20000;
-            std::string value(size, '?');
-            ASSERT_EQ(RegQueryValueExA(key, "v", nullptr, nullptr,
-                                       reinterpret_cast<unsigned char*>(value.data()), &size),
-                      0);
-            value.resize(size - 1);
-            whole += value == first || value == second ? 1 : 0;
-        }
-        kill(writer, SIGKILL);
-        waitpid(writer, nullptr, 0);
+        EXPECT_EQ(changes, 5);
+        writer.signal(SIGKILL);
+        writer.wait();
+        const std::string left = get(key, "v");
+        EXPECT_TRUE(left == first || left == second) << left.size();
     }
-    EXPECT_EQ(whole, 20 * 50);
     EXPECT_EQ(set(key, "v", "still writable"), 0);
+    EXPECT_EQ(get(key, "v"), "still writable");
+    EXPECT_EQ(valuesOf(key), "v|") << "what a killed writer has left is no value";
     RegCloseKey(key);
+}
+
+TEST_F(Registry, KeepsTheOldValueWhenTheNewOneCannotBeWritten)
+{
+    const HKEY key = create(HKEY_CURRENT_USER, "key");
+    ASSERT_EQ(set(key, "v", "old"), 0);
+    EXPECT_EQ(runInChild([&] {
+                  signal(SIGXFSZ, SIG_IGN);
+                  const rlimit limit = {1000, 1000};
+                  setrlimit(RLIMIT_FSIZE, &limit);
+                  return static_cast<int>(set(key, "v", std::string(5000, 'n')));
+              }),
+              static_cast<int>(ERROR_FILE_TOO_LARGE));
+    EXPECT_EQ(get(key, "v"), "old");
+    EXPECT_FALSE(dir.has("in/store/User/key/.new"));
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, DeletesAKeyInPlaceOfOneThatAKilledProcessHasLeft)
+{
+    RegCloseKey(create(HKEY_CURRENT_USER, "a\\key"));
+    dir.write("in/store/User/a/.deleted/v.value", "1 v\nhalf deleted");
+    dir.write("in/store/User/a/.deleted/sub/.name", "Sub");
+    EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "a\\key"), 0);
+    EXPECT_FALSE(dir.has("in/store/User/a/.deleted"));
+    EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "a"), 0);
+}
+
+TEST_F(Registry, WarnsOnceOfOthersWhoCanChangeIt)
+{
+    RegCloseKey(create(HKEY_CURRENT_USER, "key"));
+    ASSERT_EQ(chmod(dir.path("in/store"), 0770), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(open(HKEY_CURRENT_USER, "key"), 0);
+    EXPECT_EQ(open(HKEY_CURRENT_USER, "key"), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Warning: other users can write to the registry in " +
+                                                          std::string(dir.path("in/store")) + "\n");
+}
+
+TEST_F(Registry, IsNotDisturbedBySignals)
+{
+    const Interrupter interrupter;
+    const int before = Interrupter::interrupts;
+    for (int i = 0; Interrupter::interrupts < before + 100; ++i) {
+        const HKEY key = create(HKEY_CURRENT_USER, "Key\\Below");
+        EXPECT_EQ(set(key, "v", std::to_string(i)), 0);
+        EXPECT_EQ(get(key, "v"), std::to_string(i));
+        EXPECT_EQ(valuesOf(key), "v|");
+        EXPECT_EQ(RegDeleteValueA(key, "v"), 0);
+        RegCloseKey(key);
+        ASSERT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "key\\below"), 0);
+    }
 }
 
 TEST_F(Registry, LosesNothingWhenManyProcessesChangeIt)
