@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
+#include <fstream>
 #include <memory>
 #include <random>
 #include <thread>
@@ -14,6 +16,7 @@
 
 #include "support/child.h"
 #include "support/environment.h"
+#include "support/interrupt.h"
 #include "support/tempdir.h"
 
 namespace {
@@ -426,23 +429,53 @@ TEST_F(Config, IsOldOrNewWhenItsWriterIsKilledAtAnyMoment)
     const std::string filler(20000, 'f');
     dir.write("config", "count:0\nfiller:" + filler + "\n");
     std::minstd_rand random(1);
+    int updated = 0;
+    std::string before = content();
     for (int i = 0; i < kills; ++i) {
-        const pid_t writer = fork();
-        if (writer == 0)
+        ChildProcess writer([this, i]() -> int {
             for (int n = 0;; ++n)
-                update("count", std::to_string(n).c_str());
+                update("count", (std::to_string(i) + '.' + std::to_string(n)).c_str());
+        });
         usleep(static_cast<useconds_t>(random() % 3000));
-        kill(writer, SIGKILL);
-        waitpid(writer, nullptr, 0);
+        writer.signal(SIGKILL);
+        writer.wait();
         const std::string now = content();
-        ASSERT_TRUE(now.starts_with("count:") && now.ends_with("filler:" + filler + "\n"))
+        const std::size_t end = now.find('\n');
+        ASSERT_TRUE(now.starts_with("count:") && now.find_first_not_of("0123456789.", 6) == end)
             << now.substr(0, 50);
+        ASSERT_EQ(now.substr(end), "\nfiller:" + filler + "\n");
+        updated += now != before ? 1 : 0;
+        before = now;
     }
+    EXPECT_GT(updated, kills / 20) << "the writers have hardly been at work";
     EXPECT_TRUE(update("count", "end"));
     EXPECT_EQ(nodes(), 1);
 }
 
 // ---- the lock
+
+namespace {
+
+/// Waits until somebody waits for the lock of a file. False when nobody does.
+bool isWaitedFor(const char* path)
+{
+    constexpr auto patience = std::chrono::seconds(20);
+    struct stat status;
+    if (stat(path, &status) != 0)
+        return false;
+    const std::string node = ":" + std::to_string(status.st_ino) + " ";
+    const auto begin = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - begin < patience) {
+        std::ifstream locks("/proc/locks");
+        for (std::string line; std::getline(locks, line);)
+            if (line.find("-> FLOCK") != std::string::npos && line.find(node) != std::string::npos)
+                return true;
+        usleep(1000);
+    }
+    return false;
+}
+
+} // namespace
 
 TEST_F(Config, LosesNoUpdateOfSeveralProcesses)
 {
@@ -492,11 +525,36 @@ TEST_F(Config, LetsReadersInTogetherAndAWriterAlone)
     });
 
     second.Close();
-    usleep(20000);
+    EXPECT_TRUE(isWaitedFor(path()));
     EXPECT_FALSE(written);
     first.reset();
     writer.join();
     EXPECT_EQ(content(), "a:2\n");
+}
+
+TEST_F(Config, IsNotDisturbedBySignals)
+{
+    const Interrupter interrupter;
+    const int before = Interrupter::interrupts;
+    int updates = 0;
+    for (; Interrupter::interrupts < before + 100; ++updates) {
+        hmxConfigFile file;
+        ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite));
+        EXPECT_EQ(textOf(file.GetValue("n")), updates == 0 ? "(null)" : std::to_string(updates - 1));
+        EXPECT_TRUE(file.SetValue("n", std::to_string(updates).c_str()));
+        ASSERT_TRUE(file.CloseChecked());
+    }
+    EXPECT_EQ(content(), "n:" + std::to_string(updates - 1) + "\n");
+
+    hmxConfigFile reader; // and while it waits for its turn
+    ASSERT_TRUE(reader.Open(path(), hmxConfigFile::ReadOnly));
+    std::thread writer([&] { EXPECT_TRUE(update("n", "end")); });
+    EXPECT_TRUE(isWaitedFor(path()));
+    for (const int seen = Interrupter::interrupts; Interrupter::interrupts < seen + 20;)
+        usleep(1000);
+    reader.Close();
+    writer.join();
+    EXPECT_EQ(content(), "n:end\n");
 }
 
 // ---- text functions
