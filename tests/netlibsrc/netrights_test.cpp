@@ -91,6 +91,10 @@ TEST(IsConnectionAllowed, AsksForAMatchOfEveryValueThatThereIs)
         EXPECT_TRUE(IsConnectionAllowed(&peer, "svc"));
         Allow(system, "");
         EXPECT_FALSE(IsConnectionAllowed(&peer, "svc"));
+        Allow(system, "*");
+        EXPECT_TRUE(IsConnectionAllowed(&peer, "svc"));
+        dir.write("store/User/software/vrx/svc/connectionallowed.value", "damaged");
+        EXPECT_FALSE(IsConnectionAllowed(&peer, "svc")) << "there is a value, whatever it was";
         close(client);
         return testing::Test::HasFailure() ? 1 : 0;
     });

@@ -1,6 +1,8 @@
 #include "netrights.h"
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "hmxregistry.h"
 #include <qel/base/btksocket.h>
@@ -11,11 +13,12 @@ namespace {
 enum Verdict { noValue, matches, refused };
 
 // Where the registry could not be asked, nobody can tell that there is no value: a peer that uses up the
-// descriptors is not to be admitted for it.
+// descriptors is not to be admitted for it, nor is everybody because a file is damaged.
 Verdict WithoutValue()
 {
-    const DWORD reason = GetLastError();
-    return reason == ERROR_TOO_MANY_OPEN_FILES || reason == ERROR_NOT_ENOUGH_MEMORY ? refused : noValue;
+    constexpr DWORD unknown[] = {ERROR_TOO_MANY_OPEN_FILES, ERROR_NOT_ENOUGH_MEMORY, ERROR_ACCESS_DENIED,
+                                 ERROR_IO_DEVICE, ERROR_FILE_CORRUPT};
+    return std::ranges::find(unknown, GetLastError()) != std::end(unknown) ? refused : noValue;
 }
 
 Verdict Ask(hmxRegistry& registry, const xstring& path, const xstring& address)

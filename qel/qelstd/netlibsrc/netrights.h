@@ -6,8 +6,8 @@ class btkStreamSocket;
 
 // Who may connect to a server: the value "ConnectionAllowed" of the registry key "Software\VRX\" + the
 // server's name holds patterns of addresses, under the system root and under the user's. A peer must match a
-// pattern of every such value there is; without a value everybody is admitted, and nobody while descriptors
-// or memory are missing to look for one. A name with one of "/.:*?" is no key, so such a server admits
+// pattern of every such value there is; without a value everybody is admitted, and nobody when it cannot
+// be read (no descriptors, a damaged file). A name with one of "/.:*?" is no key, so such a server admits
 // everybody. Peers on the same machine are not asked about.
 
 /// Whether the peer of `socket` may connect to the server of that name. A null or empty name has no rights:
