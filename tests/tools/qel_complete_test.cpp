@@ -5,6 +5,7 @@
 
 #include "support/nameserver.h"
 #include "support/qelprogram.h"
+#include "support/tempdir.h"
 #include <qel/base/btksocket.h>
 #include <qel/netaddress.h>
 
@@ -60,4 +61,23 @@ TEST(QelComplete, DoesNotWaitForANameServerThatIsSilent)
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(Offered("server ping ''"), "");
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2)); // 0.2 where nobody measures
+}
+
+TEST(QelComplete, OffersKeysAndPaths)
+{
+    const TempDir dir;
+    const std::string file = dir.path("app.conf");
+    dir.write("app.conf", "port:1\npeer:2\nhost:3\n");
+    EXPECT_EQ(Offered("conf get " + file + " p"), "port peer ");
+    EXPECT_EQ(Offered("conf delete " + file + " port ''"), "port peer host ");
+    EXPECT_EQ(Offered("conf get ''"), ":files ");
+    EXPECT_EQ(Offered("conf get " + file + "none ''"), "");
+    EXPECT_EQ(Offered("fs cp ''"), ":files ");
+
+    const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
+    Qel("reg set 'Software\\VRX' MaxFields 1");
+    Qel("reg set --system System x 1");
+    EXPECT_EQ(Offered("reg get S"), "Software Software\\VRX ");
+    EXPECT_EQ(Offered("reg list --system ''"), "System ");
+    EXPECT_EQ(Offered("reg get SoftwareVRX ''"), "MaxFields ") << "the shells take the backslash out";
 }

@@ -100,7 +100,7 @@ void OfferJson(CLI::App& command);
 struct Typed
 {
     std::vector<std::string> arguments;         // of the command, without its options
-    std::map<std::string, std::string> options; // by their long name: "--host"
+    std::map<std::string, std::string> options; // by their long name: "--host"; flags with no value
     std::string word;                           // the beginning of the value
 };
 /// The values that there are; those that do not begin with the word are left out afterwards. It has 180 ms in

@@ -127,9 +127,11 @@ public:
         } else if (!onlyArguments && word.size() > 1 && word.starts_with('-')) {
             const std::size_t equals = word.find('=');
             const CLI::Option* const option = command->get_option_no_throw(word.substr(0, equals));
-            if (option == nullptr || option->get_expected_max() == 0)
+            if (option == nullptr)
                 return;
-            if (equals == std::string::npos)
+            if (option->get_expected_max() == 0)
+                typed.options[option->get_name()] = {};
+            else if (equals == std::string::npos)
                 awaited = option;
             else
                 typed.options[option->get_name()] = word.substr(equals + 1);

@@ -248,6 +248,17 @@ void Lint(const Choices& choices)
         AnswerNo();
 }
 
+/// The keys of the file that stands before on the command line.
+std::vector<std::string> KnownKeys(const Typed& typed)
+{
+    hmxConfigFile file;
+    std::vector<std::string> known;
+    if (!typed.arguments.empty() && file.Open(typed.arguments.front().c_str(), hmxConfigFile::ReadOnly))
+        for (const auto& [key, value] : EntriesOf(file).items())
+            known.push_back(key);
+    return known;
+}
+
 void AddFile(CLI::App& command, std::string& file)
 {
     command.add_option("file", file, "The configuration file")->type_name("FILE")->required();
@@ -274,7 +285,10 @@ void AddConfigCommands(CLI::App& program)
     CLI::App& get = AddCommand(group, "get", "Print the value of a key; the answer is no when it has none",
                                [choices] { Get(*choices); });
     AddFile(get, choices->file);
-    get.add_option("key", choices->key, "The key; blanks in it do not count")->type_name("KEY")->required();
+    Offer(*get.add_option("key", choices->key, "The key; blanks in it do not count")
+               ->type_name("KEY")
+               ->required(),
+          &KnownKeys);
     get.add_option("--default", choices->fallback, "What to print when there is no such key")
         ->type_name("VALUE");
     OfferJson(get);
@@ -282,16 +296,20 @@ void AddConfigCommands(CLI::App& program)
     CLI::App& set = AddCommand(group, "set", "Change a value or add an entry; a missing file is created",
                                [choices] { Set(*choices); });
     AddFile(set, choices->file);
-    set.add_option("key", choices->key, "The key; blanks in it are left out")->type_name("KEY")->required();
+    Offer(*set.add_option("key", choices->key, "The key; blanks in it are left out")
+               ->type_name("KEY")
+               ->required(),
+          &KnownKeys);
     set.add_option("value", choices->value, "The value, of one line")->type_name("VALUE")->required();
     AddDrop(set, choices->drop);
 
     CLI::App& remove = AddCommand(group, "delete", "Remove entries; nothing is changed when one is missing",
                                   [choices] { Delete(*choices); });
     AddFile(remove, choices->file);
-    remove.add_option("key", choices->keys, "The keys; blanks in them do not count")
-        ->type_name("KEY")
-        ->required();
+    Offer(*remove.add_option("key", choices->keys, "The keys; blanks in them do not count")
+               ->type_name("KEY")
+               ->required(),
+          &KnownKeys);
     AddDrop(remove, choices->drop);
 
     CLI::App& list = AddCommand(group, "list", "Print all entries, as KEY:VALUE, in the order of their lines",

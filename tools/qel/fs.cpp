@@ -356,14 +356,20 @@ void Sum(const SumChoices& choices)
 
 // ---- the group
 
+std::vector<std::string> Files(const Typed&)
+{
+    return {":files"};
+}
+
 void AddList(CLI::App& group)
 {
     const auto choices = std::make_shared<ListChoices>();
     CLI::App& list = AddCommand(group, "ls", "Print what a directory holds, in the order of the names",
                                 [choices] { Tried([&] { List(*choices); }); });
-    list.add_option("path", choices->path, "The directory, or a file")
-        ->type_name("PATH")
-        ->capture_default_str();
+    Offer(*list.add_option("path", choices->path, "The directory, or a file")
+               ->type_name("PATH")
+               ->capture_default_str(),
+          &Files);
     list.add_option("--like", choices->pattern, "Only names that are like this; * and ? stand for others")
         ->type_name("PATTERN")
         ->capture_default_str();
@@ -376,10 +382,12 @@ void AddCopy(CLI::App& group)
     const auto choices = std::make_shared<CopyChoices>();
     CLI::App& copy = AddCommand(group, "cp", "Copy files and directories, with modes, times and holes",
                                 [choices] { Tried([&] { Copy(*choices); }); });
-    copy.add_option("path", choices->paths, "What to copy, and last its new path or a directory to copy into")
-        ->type_name("PATH")
-        ->required()
-        ->expected(2, manyPaths);
+    Offer(*copy.add_option("path", choices->paths,
+                           "What to copy, and last its new path or a directory to copy into")
+               ->type_name("PATH")
+               ->required()
+               ->expected(2, manyPaths),
+          &Files);
     copy.add_flag("-r,--recursive", choices->recursive, "Directories too, with everything in them");
     copy.add_flag("-p,--parents", choices->parents,
                   "Create the missing directories on the way to the new path");
@@ -403,7 +411,8 @@ void AddRemove(CLI::App& group)
     const auto choices = std::make_shared<RemoveChoices>();
     CLI::App& remove = AddCommand(group, "rm", "Remove files and empty directories; of a soft link, the link",
                                   [choices] { Tried([&] { Remove(*choices); }); });
-    remove.add_option("path", choices->paths, "What to remove")->type_name("PATH")->required();
+    Offer(*remove.add_option("path", choices->paths, "What to remove")->type_name("PATH")->required(),
+          &Files);
     remove.add_flag("-r,--recursive", choices->recursive, "Directories with everything in them");
     remove.add_flag("-f,--force", choices->force, "Say nothing of what is not there");
 }

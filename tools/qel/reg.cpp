@@ -9,6 +9,7 @@
 #include "files.h"
 #include <qel/base/btkfd.h>
 #include <qel/hmxregistry.h>
+#include <qel/netrights.h>
 #include <qel/platform/lasterror.h>
 
 namespace {
@@ -46,16 +47,17 @@ bool IsRoot(const std::string& key)
     return key.empty() || key == "\\";
 }
 
-/// Ends the program for arguments that can name no key or value. `server`: say so of a server's name.
-void CheckNames(const Choices& choices, bool server)
+/// Ends the program for arguments that can name no key or value. `sets`: the value is to be set.
+void CheckNames(const Choices& choices, bool sets)
 {
     const hmxRegistryKey& root = RootOf(choices);
-    if (!root.IsKeyValid(choices.key.c_str())) {
-        if (server && Lower(choices.key).starts_with(rightsKey) && Lower(choices.name) == rightsValue)
-            Fail(Exit::usage, choices.key.substr(rightsKey.size()),
-                 "no rights can be set for a server whose name holds one of / . : * ?: it admits everybody");
+    const bool isOfRights = Lower(choices.key).starts_with(rightsKey) && Lower(choices.name) == rightsValue;
+    const std::string server = isOfRights ? choices.key.substr(rightsKey.size()) : std::string();
+    if (sets && isOfRights && !IsConnectionRestrictable(server.c_str()))
+        Fail(Exit::usage, server,
+             "no rights can be set for a server whose name holds one of / . : * ?: it admits everybody");
+    if (!root.IsKeyValid(choices.key.c_str()))
         Fail(Exit::usage, choices.key, "a key holds none of / . : * ? (its parts stand between \\)");
-    }
     if (!root.IsNameValid(choices.name.c_str()))
         Fail(Exit::usage, choices.name, "the name of a value holds none of \\ / . : * ?");
 }
@@ -85,6 +87,63 @@ std::string NameOf(const Choices& choices)
     FailForLastError(NameOf(choices));
 }
 
+/// The names in a list.
+std::vector<std::string> NamesIn(const xrchandle<xstringsequence>& list, const std::string& key)
+{
+    if (!list)
+        FailForLastError(key);
+    std::vector<std::string> names;
+    for (int i = 0; i < list->getarraysize(); ++i)
+        names.emplace_back(list->get(i).CastToCString());
+    return names;
+}
+
+// ---- completion
+
+constexpr std::size_t mostOffered = 1000;
+
+void AddKeysBelow(const hmxRegistryKey& key, const std::string& path, std::vector<std::string>& paths)
+{
+    for (const std::string& name : NamesIn(key.ListSubkeys(), path)) {
+        hmxRegistryKey sub(key);
+        if (paths.size() >= mostOffered || !sub.Open(sub, name.c_str()))
+            continue;
+        paths.push_back(path.empty() ? name : path + '\\' + name);
+        AddKeysBelow(sub, std::string(paths.back()), paths);
+    }
+}
+
+hmxRegistryKey RootOf(const Typed& typed)
+{
+    return (typed.options.contains("--system") ? hmxRegistry::System() : hmxRegistry::User()).root;
+}
+
+std::vector<std::string> KnownKeys(const Typed& typed)
+{
+    std::vector<std::string> paths;
+    AddKeysBelow(RootOf(typed), "", paths);
+    return paths;
+}
+
+/// The shells take the backslashes out of what has been typed.
+std::string WithoutBackslashes(std::string path)
+{
+    std::erase(path, '\\');
+    return Lower(path);
+}
+
+std::vector<std::string> KnownValues(const Typed& typed)
+{
+    hmxRegistryKey key = RootOf(typed);
+    const std::string wanted = WithoutBackslashes(typed.arguments.front());
+    if (wanted.empty())
+        return NamesIn(key.ListValues(), {});
+    for (const std::string& path : KnownKeys(typed))
+        if (WithoutBackslashes(path) == wanted && key.Open(key, path.c_str()))
+            return NamesIn(key.ListValues(), path);
+    return {};
+}
+
 // ---- the commands
 
 void Get(const Choices& choices)
@@ -106,17 +165,6 @@ void Set(const Choices& choices)
     if ((!IsRoot(choices.key) && !key.Create(key, choices.key.c_str())) ||
         !key.SetValue(choices.name.c_str(), choices.value.c_str()))
         Fail(Exit::peer, NameOf(choices), "not set: " + LastErrorText());
-}
-
-/// The names in a list.
-std::vector<std::string> NamesIn(const xrchandle<xstringsequence>& list, const std::string& key)
-{
-    if (!list)
-        FailForLastError(key);
-    std::vector<std::string> names;
-    for (int i = 0; i < list->getarraysize(); ++i)
-        names.emplace_back(list->get(i).CastToCString());
-    return names;
 }
 
 void DeleteKey(hmxRegistryKey& parent, const std::string& name, const std::string& path, bool all)
@@ -212,14 +260,19 @@ void AddRoots(CLI::App& command, Choices& choices)
 
 CLI::Option& AddKey(CLI::App& command, Choices& choices)
 {
-    return *command.add_option("key", choices.key, "The key, such as 'Software\\VRX'; '\\' is the root")
-                ->type_name("KEY");
+    CLI::Option& key =
+        *command.add_option("key", choices.key, "The key, such as 'Software\\VRX'; '\\' is the root")
+             ->type_name("KEY");
+    Offer(key, &KnownKeys);
+    return key;
 }
 
 CLI::Option& AddName(CLI::App& command, Choices& choices)
 {
-    return *command.add_option("name", choices.name, "The name of the value; it may be empty")
-                ->type_name("NAME");
+    CLI::Option& name = *command.add_option("name", choices.name, "The name of the value; it may be empty")
+                             ->type_name("NAME");
+    Offer(name, &KnownValues);
+    return name;
 }
 
 } // namespace
