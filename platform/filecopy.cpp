@@ -40,7 +40,7 @@ enum class Copied { all, fewer, failed };
 class ContentsCopy
 {
 public:
-    ContentsCopy(int from, int to, platCopyWatcher* told) : source(from), target(to), watcher(told) {}
+    ContentsCopy(int from, int to, platWatcher* told) : source(from), target(to), watcher(told) {}
 
     bool Run(const struct stat& status)
     {
@@ -58,7 +58,7 @@ private:
     /// False when the watcher wants no more.
     bool tell(off_t size) const
     {
-        if (watcher == nullptr || size == 0 || watcher->Copied(size))
+        if (watcher == nullptr || size == 0 || watcher->Advance(size))
             return true;
         errno = ECANCELED;
         return false;
@@ -136,7 +136,7 @@ private:
     }
 
     int source, target;
-    platCopyWatcher* watcher; // null: none
+    platWatcher* watcher; // null: none
 };
 
 } // namespace
@@ -163,7 +163,7 @@ int platOpenRegular(int folder, const char* name, int flags, unsigned mode, stru
 }
 
 bool platCopyContents(int source, const struct stat& status, int folder, const char* name,
-                      platCopyWatcher* watcher)
+                      platWatcher* watcher)
 {
     // Nobody else may read it before it has the mode of the source.
     platDescriptor target(platOpenAt(folder, name, O_WRONLY | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR));

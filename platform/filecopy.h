@@ -39,17 +39,18 @@ int platOpenAt(int folder, const char* name, int flags, unsigned mode = 0);
 /// what is no regular file, which is not waited on. `status` receives the status of the opened file.
 int platOpenRegular(int folder, const char* name, int flags, unsigned mode, struct stat& status);
 
-/// Is told how a copy gets on.
-class platCopyWatcher
+/// Is told how long work gets on.
+class platWatcher
 {
 public:
-    virtual ~platCopyWatcher() = default;
-    /// `size` bytes more have been copied, or were a hole. False ends the copy with ECANCELED.
-    virtual bool Copied(off_t size) = 0;
+    virtual ~platWatcher() = default;
+    /// So much more has been done: bytes that were copied or are a hole, or nodes that were removed. False
+    /// ends the work with ERROR_OPERATION_ABORTED.
+    virtual bool Advance(off_t amount) = 0;
 };
 
 /// Copies the contents of `source`, whose status is `status`, into the new file `name` of `folder`, with mode
 /// (the nine permission bits) and modification time. When it fails, errno is set and the new file is gone
 /// again. `watcher` is told after 8 MiB at most; null: nobody watches.
 bool platCopyContents(int source, const struct stat& status, int folder, const char* name,
-                      platCopyWatcher* watcher = nullptr);
+                      platWatcher* watcher = nullptr);

@@ -230,14 +230,14 @@ bool platFolder::Rename(const char* name, const char* newName)
     return hostDone(renameat(descriptor, name, descriptor, newName));
 }
 
-bool platFolder::RemoveContents(std::size_t room)
+bool platFolder::RemoveContents(std::size_t room, platWatcher* watcher)
 {
-    const auto removed = [this](const platEntry& entry, std::size_t roomInside) {
+    const auto removed = [this, watcher](const platEntry& entry, std::size_t roomInside) {
         if (entry.kind != platDirectory)
             return DeleteFile(entry.hostName);
         platFolder folder;
-        return folder.Open(*this, entry.hostName, platKeepLinks) && folder.RemoveContents(roomInside) &&
-               folder.Close() && RemoveFolder(entry.hostName);
+        return folder.Open(*this, entry.hostName, platKeepLinks) &&
+               folder.RemoveContents(roomInside, watcher) && folder.Close() && RemoveFolder(entry.hostName);
     };
     platEntry entry;
     while (Read(entry)) {
@@ -249,6 +249,10 @@ bool platFolder::RemoveContents(std::size_t room)
         const std::size_t roomInside = room == platNoLimit ? room : room > length ? room - length - 1 : 0;
         if (!removed(entry, roomInside) && GetLastError() != ERROR_FILE_NOT_FOUND)
             return false;
+        if (watcher != nullptr && !watcher->Advance(1)) {
+            platFailWith(ERROR_OPERATION_ABORTED);
+            return false;
+        }
     }
     return GetLastError() == ERROR_NO_MORE_FILES;
 }
@@ -318,7 +322,7 @@ bool platSource::Open(const platFolder& folder, const char* name, platLinks link
     return true;
 }
 
-bool platSource::CopyTo(platFolder& folder, const char* name, platCopyWatcher* watcher)
+bool platSource::CopyTo(platFolder& folder, const char* name, platWatcher* watcher)
 {
     struct stat status;
     if (fstat(descriptor, &status) != 0)

@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <string>
 
-class platCopyWatcher;
+class platWatcher;
 
 /// What a node is itself. `platSpecial` is a pipe, socket or device.
 enum platNodeKind { platAbsent, platFile, platDirectory, platLink, platSpecial };
@@ -69,8 +69,9 @@ public:
     bool Rename(const char* name, const char* newName);
     /// Removes everything in this folder, depth first; links are unlinked and never entered. The first node
     /// that cannot be removed ends it; one that is gone already does not. `room` is how long the shown path
-    /// of a node below this folder may be: ERROR_BUFFER_OVERFLOW for a longer one.
-    bool RemoveContents(std::size_t room);
+    /// of a node below this folder may be: ERROR_BUFFER_OVERFLOW for a longer one. `watcher`, unless null, is
+    /// told after each node.
+    bool RemoveContents(std::size_t room, platWatcher* watcher = nullptr);
     /// Makes `newName` in `target` a link with the same text as the link `name`.
     bool CopyLink(const char* name, platFolder& target, const char* newName) const;
     /// Gives `target`, a folder opened for reading, this folder's mode (the nine permission bits) and
@@ -102,7 +103,7 @@ public:
     bool Open(const platFolder& folder, const char* name, platLinks links);
     /// Copies contents, mode and modification time to the new file `name` of `folder`; a part of it is
     /// removed when that fails. `watcher` may be null.
-    bool CopyTo(platFolder& folder, const char* name, platCopyWatcher* watcher = nullptr);
+    bool CopyTo(platFolder& folder, const char* name, platWatcher* watcher = nullptr);
 
 private:
     int descriptor = -1;

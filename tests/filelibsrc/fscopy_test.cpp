@@ -322,6 +322,25 @@ TEST_F(Copying, EndsWhenItIsToldTo)
     EXPECT_EQ(copy("X:/large", "X:/copy"), done);
 }
 
+TEST_F(Copying, OrRemovingTellsOfNodesAndCanBeEnded)
+{
+    for (const char* name : {"tree/a", "tree/sub/b", "tree/sub/c"})
+        dir.write(name, "1");
+    Watch ended(2);
+    const Raised raised = raisedBy([&] { fsRemove("X:/tree", fsRecursive, ended); });
+    EXPECT_EQ(raised, Raised(10, "fsRemove", "X:\\tree")); // signal
+    EXPECT_EQ(ended.lastDone, 2);
+    EXPECT_TRUE(dir.has("tree"));
+
+    Watch watch;
+    fsRemove("X:/tree", fsRecursive, watch);
+    EXPECT_FALSE(dir.has("tree"));
+    EXPECT_EQ(watch.lastDone, 2); // what was left
+    EXPECT_EQ(watch.lastTotal, 0);
+    EXPECT_EQ(watch.paths.front(), "X:\\tree");
+    EXPECT_EQ(raisedBy([&] { fsRemove("X:/tree", fsRecursive, watch); }).code, 6); // not found
+}
+
 TEST_F(Copying, StopsAtAPathThatIsTooLong)
 {
     std::string deep = "from";

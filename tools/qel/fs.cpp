@@ -65,6 +65,25 @@ void Tried(Work work)
     }
 }
 
+/// Shows how long work gets on, and ends it when the user interrupts the program: so no half file is left.
+class Watch : public fsProgressHandler
+{
+public:
+    bool Invoke(const char* path, double done, double total) override
+    {
+        if (total > 0)
+            line.Show(LastEntry(path), done, total);
+        else
+            line.ShowCount(LastEntry(path), done);
+        return interrupt == nullptr || interrupt->getIsSignaled() == 0;
+    }
+
+private:
+    ProgressLine line;
+    std::unique_ptr<pcInterruptEvent, void (*)(pcInterruptEvent*)> interrupt{
+        pcInterruptEvent::Create(), [](pcInterruptEvent* event) { xdelete(event); }};
+};
+
 // ---- ls
 
 struct ListChoices
@@ -148,22 +167,6 @@ struct CopyChoices
     fsSoftLinkCopyMode links = fsNewLink;
 };
 
-/// Shows how a copy gets on, and ends it when the user interrupts the program: so no half file is left.
-class CopyWatch : public fsProgressHandler
-{
-public:
-    bool Invoke(const char* path, double done, double total) override
-    {
-        line.Show(LastEntry(path), done, total);
-        return interrupt == nullptr || interrupt->getIsSignaled() == 0;
-    }
-
-private:
-    ProgressLine line;
-    std::unique_ptr<pcInterruptEvent, void (*)(pcInterruptEvent*)> interrupt{
-        pcInterruptEvent::Create(), [](pcInterruptEvent* event) { xdelete(event); }};
-};
-
 /// The path that a copy of `from` gets: `to`, or in it when it is a directory.
 std::string TargetOf(const std::string& from, const std::string& to, bool isOnlyOne)
 {
@@ -185,7 +188,7 @@ void Copy(const CopyChoices& choices)
         if (!choices.recursive && fshIsDirectory(from.c_str()) == 1)
             Fail(Exit::no, from, "is a directory; --recursive copies it");
         const std::string to = TargetOf(from, choices.paths.back(), sources.size() == 1);
-        CopyWatch watch;
+        Watch watch;
         try {
             fsCopy(from.c_str(), to.c_str(), choices.existing, choices.links,
                    choices.parents ? fsRecursive : fsSimple, watch);
@@ -219,7 +222,8 @@ void Remove(const RemoveChoices& choices)
             Fail(Exit::usage, path, "roots, \".\" and \"..\" are not removed");
     for (const std::string& path : choices.paths)
         try {
-            fsRemove(path.c_str(), choices.recursive ? fsRecursive : fsSimple);
+            Watch watch;
+            fsRemove(path.c_str(), choices.recursive ? fsRecursive : fsSimple, watch);
         } catch (xthrowable* caught) {
             const bool isAbsent = fsXDoesNotExist::softcast(caught) != nullptr;
             const bool isFull = fsXFileExists::softcast(caught) != nullptr;

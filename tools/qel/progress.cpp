@@ -74,13 +74,29 @@ ProgressLine::~ProgressLine()
     write("");
 }
 
-void ProgressLine::Show(const std::string& what, double done, double total)
+bool ProgressLine::isTime(double& seconds)
 {
     const Clock::time_point now = wanted ? Clock::now() : begin;
     if (!wanted || now < next)
-        return;
+        return false;
     next = now + interval;
-    write(Text(what, done, total, std::chrono::duration<double>(now - begin).count()));
+    seconds = std::chrono::duration<double>(now - begin).count();
+    return true;
+}
+
+void ProgressLine::Show(const std::string& what, double done, double total)
+{
+    if (double seconds; isTime(seconds))
+        write(Text(what, done, total, seconds));
+}
+
+void ProgressLine::ShowCount(const std::string& what, double count)
+{
+    double seconds;
+    if (!isTime(seconds))
+        return;
+    const std::string line = Formatted("%.0f  %.0f/s  ", count, count / seconds);
+    write(line + EndOf(Printable(what), lineWidth - line.size()));
 }
 
 std::string ProgressLine::Text(const std::string& what, double done, double total, double seconds)

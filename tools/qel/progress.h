@@ -15,6 +15,8 @@ public:
 
     /// `done` of `total` bytes; 0: nobody knows how many there are. `what` is being worked on.
     void Show(const std::string& what, double done, double total);
+    /// `count` things have been done, of which nobody knows how many there are.
+    void ShowCount(const std::string& what, double count);
 
     /// The line, without its end, `seconds` after the beginning. It has at most 79 characters.
     static std::string Text(const std::string& what, double done, double total, double seconds);
@@ -22,6 +24,8 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
+    /// Whether it is time for another line, and how many seconds after the beginning that is.
+    bool isTime(double& seconds);
     void write(const std::string& line);
 
     const bool wanted;

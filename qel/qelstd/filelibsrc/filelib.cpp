@@ -7,6 +7,7 @@
 #include <qel/base/ctenv.h>
 #include <qel/platform/directories.h>
 #include <qel/platform/errortable.h>
+#include <qel/platform/filecopy.h>
 #include <qel/platform/files.h>
 #include <qel/platform/folder.h>
 
@@ -30,15 +31,15 @@ bool endsWithSeparator(const char* native)
 
 /// Removes everything in a directory and then the directory. False with the last error set;
 /// ERROR_BUFFER_OVERFLOW when a path below `length` bytes of path is too long.
-bool removeDirectory(platFolder& parent, const char* name, std::size_t length)
+bool removeDirectory(platFolder& parent, const char* name, std::size_t length, platWatcher* watcher)
 {
     platFolder folder;
     const std::size_t room = fsNativePath::maxLength - std::min(length + 1, fsNativePath::maxLength);
-    return folder.Open(parent, name, platKeepLinks) && folder.RemoveContents(room) && folder.Close() &&
-           parent.RemoveFolder(name);
+    return folder.Open(parent, name, platKeepLinks) && folder.RemoveContents(room, watcher) &&
+           folder.Close() && parent.RemoveFolder(name);
 }
 
-bool removeNode(const char* path, bool recursive)
+bool removeNode(const char* path, bool recursive, platWatcher* watcher)
 {
     platFolder parent;
     std::string name;
@@ -56,8 +57,30 @@ bool removeNode(const char* path, bool recursive)
     // either.
     if (!recursive || name == ".")
         return parent.RemoveFolder(name.c_str());
-    return removeDirectory(parent, name.c_str(), std::strlen(path));
+    return removeDirectory(parent, name.c_str(), std::strlen(path), watcher);
 }
+
+/// Passes on how a removal gets on.
+class RemovalProgress : public platWatcher
+{
+public:
+    RemovalProgress(fsProgressHandler& told, const fsNativePath& top) : handler(told), path(top) {}
+
+    bool IsEnded() const { return ended; }
+
+    bool Advance(off_t nodes) override
+    {
+        done += static_cast<double>(nodes);
+        ended = !handler.Invoke(path.text(), done, 0);
+        return !ended;
+    }
+
+private:
+    fsProgressHandler& handler;
+    const fsNativePath& path;
+    double done = 0;
+    bool ended = false;
+};
 
 void move(const char* from, const char* to, const char* function, const char* about)
 {
@@ -93,9 +116,9 @@ const char* homePart(const char* variable, std::size_t longest)
 
 } // namespace
 
-void fsRemoveNode(const char* path, bool recursive, const char* function)
+void fsRemoveNode(const char* path, bool recursive, const char* function, platWatcher* watcher)
 {
-    if (removeNode(path, recursive))
+    if (removeNode(path, recursive, watcher))
         return;
     if (GetLastError() == ERROR_BUFFER_OVERFLOW)
         fsRaise(fsInvalidPath, function, nullptr);
@@ -148,6 +171,22 @@ void fsRemove(const char* path, fsOpMode mode)
     fsNativePath native;
     fsCheckPath(native, path, function);
     fsRemoveNode(native.text(), mode != fsSimple, function);
+}
+
+void fsRemove(const char* path, fsOpMode mode, fsProgressHandler& handler)
+{
+    constexpr const char* function = "fsRemove";
+    fsNativePath native;
+    fsCheckPath(native, path, function);
+    RemovalProgress progress(handler, native);
+    try {
+        fsRemoveNode(native.text(), mode != fsSimple, function, &progress);
+    } catch (xthrowable* failure) {
+        if (!progress.IsEnded())
+            throw;
+        xrcrelease(failure);
+        fsRaise(fsSignal, function, native.text());
+    }
 }
 
 void fsMove(const char* from, const char* to, fsOpMode mode)

@@ -41,12 +41,27 @@ constexpr int fsNodeAbsent = 3;
 
 // ---- creating, removing, moving, copying
 
+/// Is told how long work gets on.
+class QEL_API fsProgressHandler
+{
+public:
+    virtual ~fsProgressHandler() = default;
+    /// `done` of `total` bytes have been copied; a hole in a file counts. Or: `done` nodes have been removed,
+    /// and `total` is 0, as nobody knows. `path` is the file that is being copied, or what is removed as a
+    /// whole, in native form and valid during the call. False ends the work. Must not throw.
+    virtual bool Invoke(const char* path, double done, double total) = 0;
+};
+
 /// fsSimple: one directory. Else: those missing on the way to it, too; one that exists is no failure then.
 QEL_API void fsCreateDir(const char* path, fsOpMode mode);
 
 /// fsSimple: a file, or an empty directory. Else: a directory with everything in it, depth first; links in it
 /// are removed and never entered.
 QEL_API void fsRemove(const char* path, fsOpMode mode);
+
+/// The same, and tells `progress` after each node that was in a directory.
+/// @throws fsXSignal  `progress` ended it
+QEL_API void fsRemove(const char* path, fsOpMode mode, fsProgressHandler& progress);
 
 /// Moves or renames without replacing anything, within one volume. Unless fsSimple, creates the directories
 /// on the way to `to`.
@@ -64,16 +79,6 @@ QEL_API void fsRename(const char* path, const char* newName);
 /// @throws fsXNoPermission  a pipe, socket or device is met
 QEL_API void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode,
                     fsSoftLinkCopyMode linkMode, fsOpMode mode);
-
-/// Is told how a long copy gets on.
-class QEL_API fsProgressHandler
-{
-public:
-    virtual ~fsProgressHandler() = default;
-    /// `done` of `total` bytes have been copied; a hole in a file counts. `path` is the file that is being
-    /// copied, in native form and valid during the call. False ends the copy. Must not throw.
-    virtual bool Invoke(const char* path, double done, double total) = 0;
-};
 
 /// The same, and tells `progress` after each file and after each 8 MiB of a file. The sizes are added up
 /// before the copy begins; `done` runs past them when files grow meanwhile.

@@ -118,7 +118,7 @@ private:
 };
 
 /// Passes on how a copy gets on.
-class Progress : public platCopyWatcher
+class Progress : public platWatcher
 {
 public:
     Progress(fsProgressHandler& told, const fsNativePath& current) : handler(told), path(current) {}
@@ -126,7 +126,7 @@ public:
     void SetTotal(double bytes) { total = bytes; }
     bool IsEnded() const { return ended; }
 
-    bool Copied(off_t size) override
+    bool Advance(off_t size) override
     {
         done += static_cast<double>(size);
         // The end of a file is told when the file is complete.
