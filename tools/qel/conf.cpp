@@ -253,9 +253,11 @@ std::vector<std::string> KnownKeys(const Typed& typed)
 {
     hmxConfigFile file;
     std::vector<std::string> known;
-    if (!typed.arguments.empty() && file.Open(typed.arguments.front().c_str(), hmxConfigFile::ReadOnly))
-        for (const auto& [key, value] : EntriesOf(file).items())
-            known.push_back(key);
+    if (typed.arguments.empty() || !file.Open(typed.arguments.front().c_str(), hmxConfigFile::ReadOnly))
+        return known;
+    const Json entries = EntriesOf(file);
+    for (const auto& [key, value] : entries.items())
+        known.push_back(key);
     return known;
 }
 
