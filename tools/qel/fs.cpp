@@ -71,15 +71,17 @@ class Watch : public fsProgressHandler
 public:
     bool Invoke(const char* path, double done, double total) override
     {
+        ++calls;
         if (total > 0)
             line.Show(LastEntry(path), done, total);
-        else
-            line.ShowCount(LastEntry(path), done);
+        else // what is removed, and files with nothing in them
+            line.ShowCount(LastEntry(path), calls);
         return interrupt == nullptr || interrupt->getIsSignaled() == 0;
     }
 
 private:
     ProgressLine line;
+    double calls = 0;
     std::unique_ptr<pcInterruptEvent, void (*)(pcInterruptEvent*)> interrupt{
         pcInterruptEvent::Create(), [](pcInterruptEvent* event) { xdelete(event); }};
 };
