@@ -177,11 +177,23 @@ struct btkStreamSocket::Ahead
         const std::size_t count = std::min(size, Sure());
         std::memcpy(to, bytes.data() + taken, count);
         taken += count;
-        if (taken == bytes.size()) {
-            bytes = std::string(); // gives back what a long way to a mark took
-            taken = 0;
-        }
+        ForgetTaken();
         return count;
+    }
+    // Takes the bytes before a mark, which belong to its value.
+    void TakeBack(char* to, std::size_t size)
+    {
+        const std::size_t rest = bytes.size() - size;
+        std::memcpy(to, bytes.data() + rest, size);
+        bytes.resize(rest);
+        ForgetTaken();
+    }
+    void ForgetTaken()
+    {
+        if (Count() > 0)
+            return;
+        bytes = std::string(); // gives back what a long way to a mark took
+        taken = 0;
     }
     // Keeps the newest values.
     void Push(const Value& value)
@@ -338,7 +350,8 @@ std::ptrdiff_t btkStreamSocket::Receive(char* to, std::size_t size, bool wait)
         if (got <= 0)
             return got;
         const std::size_t count = static_cast<std::size_t>(got);
-        if (!IsAtMark() && (count < size || !IsUrgentPending()))
+        const bool isMarkKnown = ahead != nullptr && ahead->isMarkNear;
+        if (!IsAtMark() && !isMarkKnown && (count < size || !IsUrgentPending()))
             return got;
         const std::size_t tail = std::min(count, beforeMark);
         GetAhead().bytes.assign(to + count - tail, tail);
@@ -415,11 +428,9 @@ void btkStreamSocket::TakeMark(char last)
 {
     Ahead::Value value = {{last}, 1};
     if (ahead->Count() >= beforeMark) {
-        const std::size_t rest = ahead->bytes.size() - beforeMark;
-        std::memcpy(value.bytes.data(), ahead->bytes.data() + rest, beforeMark);
+        ahead->TakeBack(value.bytes.data(), beforeMark);
         value.bytes[beforeMark] = last;
         value.count = valueSize;
-        ahead->bytes.resize(rest);
     }
     ahead->Push(value);
 }
