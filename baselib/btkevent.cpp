@@ -31,8 +31,8 @@ int btkPollSet::Sleep()
 
 short btkBaseEvent::SelectEvents(int type)
 {
-    static constexpr short events[] = {POLLIN, POLLOUT, POLLPRI};
-    return type >= 0 && type <= 2 ? events[type] : short(0);
+    static constexpr short events[] = {POLLIN, POLLOUT, POLLPRI, POLLRDHUP};
+    return type >= 0 && type <= 3 ? events[type] : short(0);
 }
 
 bool btkBaseEvent::IsSignaled()

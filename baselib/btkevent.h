@@ -44,7 +44,8 @@ protected:
     };
     Watch& GetWatch() { return *watch; }
 
-    /// The poll events of the select types: 0 readable, 1 writable, 2 urgent data there.
+    /// The poll events of the select types: 0 readable, 1 writable, 2 urgent data there, 3
+    /// the peer sends no more.
     static short SelectEvents(int type);
 
     /// Called before the descriptor is asked and before every sleep; may change the watch.
@@ -72,8 +73,8 @@ protected:
 };
 
 /// On while a descriptor is ready: 0 readable, or a connection to be accepted; 1 writable; 2 urgent data
-/// there. The end of the input and a broken connection count as ready. The descriptor is not owned and must
-/// stay open.
+/// there; 3 the peer sends no more, however much of what it sent has not been read. The end of the input and
+/// a broken connection count as ready. The descriptor is not owned and must stay open.
 class BASE_API btkSelectEvent : public btkBaseEvent
 {
 public:

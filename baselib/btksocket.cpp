@@ -273,9 +273,7 @@ std::size_t btkStreamSocket::Send(const void* from, std::size_t size, bool oob)
         }
         // The mark of a value is lost once the next one is set. There is no event for "all has arrived".
         const btkTimeval patience = btkTimeval::Now() + urgentLimit;
-        int unsent = 0;
-        for (btkTimeval pause(0, 50);
-             ioctl(fd.Get(), TIOCOUTQ, &unsent) == 0 && unsent > 0 && btkTimeval::Now() < patience;
+        for (btkTimeval pause(0, 50); btkCountUnsent(fd.Get()) > 0 && btkTimeval::Now() < patience;
              pause = std::min(pause + pause, btkTimeval(0, 2000)))
             btkPoll(nullptr, 0, pause);
     }
@@ -466,7 +464,12 @@ bool btkStreamSocket::HasUrgent()
 {
     if (ahead != nullptr && ahead->valueCount > 0)
         return true;
-    return (ahead == nullptr || ahead->Count() < heldLimit) && IsUrgentPending();
+    return MayReadAhead() && IsUrgentPending();
+}
+
+bool btkStreamSocket::MayReadAhead() const
+{
+    return ahead == nullptr || ahead->Count() < heldLimit;
 }
 
 std::string btkStreamSocket::GetPeerAddrStr() const
@@ -530,4 +533,18 @@ bool btkAcceptSocket::Accept(btkStreamSocket* connection)
         if (errno != EINTR)
             return false;
     }
+}
+
+// ---- what a connection is like
+
+void btkResetOnClose(btkHandle connection, bool isOn)
+{
+    const linger option = {isOn ? 1 : 0, 0};
+    setsockopt(connection, SOL_SOCKET, SO_LINGER, &option, sizeof option);
+}
+
+std::size_t btkCountUnsent(btkHandle connection)
+{
+    int count = 0;
+    return ioctl(connection, TIOCOUTQ, &count) == 0 && count > 0 ? static_cast<std::size_t>(count) : 0;
 }

@@ -85,6 +85,8 @@ public:
     bool IsReadable(btkTimeval limit = {});
     /// Whether an urgent value can be received.
     bool HasUrgent();
+    /// Whether there is room to read on to an urgent value's mark.
+    bool MayReadAhead() const;
 
     /// The peer's address, as numbers; one that is IPv4 mapped into IPv6 is dotted. Empty when it is not
     /// known.
@@ -123,6 +125,12 @@ public:
     /// Gives the next connection to `connection`. False when there is none now (EAGAIN) or taking it failed.
     bool Accept(btkStreamSocket* connection);
 };
+
+/// Whether closing the connection resets it, also when the program ends: what has not been sent is dropped,
+/// and the peer learns of the end at once, even when it takes nothing. Off at first: the rest is sent then.
+BASE_API void btkResetOnClose(btkHandle connection, bool isOn);
+/// How many bytes that were sent have not arrived at the peer's machine.
+BASE_API std::size_t btkCountUnsent(btkHandle connection);
 
 /// Whether `host` means this machine: null, empty, `localhost` or the machine's own name, in any case.
 BASE_API bool btkIsThisMachine(const char* host);

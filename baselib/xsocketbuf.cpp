@@ -19,12 +19,19 @@ public:
 protected:
     State OnAsk() override
     {
-        if (*socket != nullptr)
-            return (*socket)->HasUrgent() ? On : Ask;
-        GetWatch().handle = -1;
-        return On;
+        if (*socket == nullptr) {
+            GetWatch().handle = -1;
+            return On;
+        }
+        // A value that can not be taken yet must not wake us again and again.
+        GetWatch().events = (*socket)->MayReadAhead() ? SelectEvents(2) : short(0);
+        return (*socket)->HasUrgent() ? On : Ask;
     }
-    bool OnPolled(short ready) override { return *socket != nullptr ? (*socket)->HasUrgent() : ready != 0; }
+    // A connection that failed is ready, too, and stays so.
+    bool OnPolled(short ready) override
+    {
+        return *socket == nullptr || (*socket)->HasUrgent() || (ready & ~SelectEvents(2)) != 0;
+    }
 
 private:
     std::shared_ptr<btkStreamSocket*> socket;

@@ -111,6 +111,22 @@ TEST(xsocketbuf, AnUrgentValueAloneDoesNotMakeInput)
     EXPECT_FALSE(come.IsSignaled());
 }
 
+TEST(xsocketbuf, AWaitForUrgentValuesEndsWithTheConnection)
+{
+    Ends ends;
+    btkEvent come(ends.in->GetUrgentEvent());
+    ends.write("unread");
+    ends.out->pubsync();
+    ASSERT_TRUE(ends.far.IsReadable(aWhile));
+    EXPECT_EQ(btkEvent::Wait({&come}, btkTimeval(0, 20000)), 0);
+
+    btkResetOnClose(ends.near.GetHandle(), true);
+    ends.out.reset();
+    ends.near.Close();
+    EXPECT_EQ(btkEvent::Wait({&come}, aWhile), 1);
+    EXPECT_EQ(ends.urgent(), "");
+}
+
 TEST(xsocketbuf, AViewShowsWhatHasComeAndTakesNothing)
 {
     Ends ends;

@@ -121,12 +121,12 @@ protected:
         return id;
     }
 
-    std::string CommandFor(Victim victim) const
+    std::string CommandFor(Victim victim, bool reads) const
     {
         // One of the group that uses none of the streams has to be ended by the server.
         const bool hasAnother = victim == Client || victim == Network;
         return "exec 9>" + pathOfIds + "; echo $$ >&9; " + (hasAnother ? "sleep 60 <&- >&- 2>&- & " : "") +
-               "exec cat";
+               (reads ? "exec cat" : "exec sleep 60");
     }
 
     // The id of the command, once it runs.
@@ -205,16 +205,20 @@ TEST_F(RelayUnderKills, EndsSoonAndLeavesNothing)
     for (int round = 0; round < rounds; ++round) {
         const auto victim = static_cast<Victim>(round % 4);
         const bool isEarly = victim != Command && random() % 2 == 0;
-        const auto delay = microseconds(random() % (isEarly ? 3000 : 10000));
-        SCOPED_TRACE(std::to_string(round) + ": " + victims[victim] + (isEarly ? ", early" : ""));
+        // One that does not read sees no end of its input, and soon nothing gets through to its server.
+        const bool reads = victim == Server || victim == Command || random() % 2 == 0;
+        const auto delay = microseconds(random() % (isEarly ? 3000 : reads ? 10000 : 100000));
+        SCOPED_TRACE(std::to_string(round) + ": " + victims[victim] + (isEarly ? ", early" : "") +
+                     (reads ? "" : ", unread"));
         statuses.clear();
         while (NextId() != 0) { // of an early round
         }
 
         StreamPair pair;
         const pid_t server = Fork([&] { return Serve(pair); });
-        const pid_t client =
-            Fork([&] { return Ask(pair, CommandFor(victim), victim == Command ? 128 + SIGKILL : xnullint); });
+        const pid_t client = Fork([&] {
+            return Ask(pair, CommandFor(victim, reads), victim == Command ? 128 + SIGKILL : xnullint);
+        });
         pair.far.reset();
         if (victim != Network)
             pair.near.reset();

@@ -1,10 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstdint>
+#include <ctime>
 
+#include "support/environment.h"
 #include "support/owned.h"
 #include "support/programs.h"
 #include "support/streampair.h"
+#include <qel/base/btkbyteorder.h>
 #include <qel/rshprocess.h>
 #include <qel/rshserver.h>
 #include <qel/xiolib.h>
@@ -134,6 +138,59 @@ TEST(rshServer, EndsWithAClientThatVanishesInTheMiddle)
 
 namespace {
 
+// Sends input, as the client of a command that reads none, until `count` bytes are on their way or no more is
+// taken.
+void SendUnread(const StreamPair& pair, std::size_t count)
+{
+    const std::string block = Int(4) + Text(std::string(60000, 'x'));
+    for (std::size_t sent = 0, taken = 1; sent < count && taken > 0; sent += taken) {
+        const std::ptrdiff_t now = btkTryWrite(pair.nearSocket->GetHandle(), block.data(), block.size());
+        taken = now > 0 ? static_cast<std::size_t>(now) : 0;
+    }
+}
+
+} // namespace
+
+TEST(rshServer, EndsWithAClientThatIsLostWhileTheCommandReadsNothing)
+{
+    for (const bool isReset : {false, true}) {
+        Served served;
+        Send(served.pair, Text("sleep 60") + Text("") + Int(0));
+        EXPECT_EQ(Receive(served.pair, 4), Int(0));
+        SendUnread(served.pair, isReset ? SIZE_MAX : 180000);
+        btkResetOnClose(served.pair.nearSocket->GetHandle(), isReset);
+        served.pair.near.reset();
+    }
+}
+
+TEST(rshServer, SendsOnlyWhatWasWrittenBeforeTheCommandEnded)
+{
+    const EnvSetting shell("SHELL", "/bin/sh");
+    const Served served;
+    Send(served.pair, Text("yes & sleep 0.1; kill -STOP $!; kill -CONT $! & exit 4") + Text("") + Int(1));
+    EXPECT_EQ(Receive(served.pair, 4), Int(0));
+    std::size_t behindTheExitCode = 0;
+    bool hasExitCode = false;
+    for (std::string tag; (tag = Receive(served.pair, 4)) != Int(7);) {
+        ASSERT_EQ(tag.size(), 4u);
+        const std::string number = Receive(served.pair, 4);
+        ASSERT_EQ(number.size(), 4u);
+        hasExitCode |= tag == Int(6);
+        if (tag == Int(6)) {
+            EXPECT_EQ(number, Int(4));
+            continue;
+        }
+        const auto size = static_cast<std::size_t>(btkGetNetwork<int>(number.data()));
+        ASSERT_EQ(Receive(served.pair, size).size(), size);
+        behindTheExitCode += hasExitCode ? size : 0;
+    }
+    EXPECT_TRUE(hasExitCode);
+    EXPECT_LE(behindTheExitCode, 1u << 18);
+    Send(served.pair, Int(7));
+}
+
+namespace {
+
 // A client whose server the test plays: what it answers and all that it says afterwards. The exit code.
 int PlayServer(const std::string& answer, std::string& output)
 {
@@ -191,4 +248,72 @@ TEST(rshProcess, TellsWhatTheServerRefuses)
     EXPECT_EQ(RefusedBy(Int(10) + Int(3) + Text("No such file")), "3 No such file");
     EXPECT_EQ(RefusedBy(Int(77) + Int(12) + Text("bad")), "12 bad");
     EXPECT_EQ(RefusedBy(Int(10) + Int(0) + Int(-1)), "0 Remote process launching error");
+}
+
+namespace {
+
+// A client whose server has started the command and then takes nothing.
+struct Stuck
+{
+    explicit Stuck(ioStream* out = nullptr)
+    {
+        std::swap(pair.near, pair.far);
+        Send(pair, Int(0));
+        process.reset(
+            rshProcess::Create(pair.near.get(), "command", nullptr, endless.get(), out, nullptr, 0, 0));
+        end.reset(process->ExitEvent());
+        // Nothing more is taken once the queues on the way are full.
+        for (std::size_t before = 0, now = 1; now != before; before = now) {
+            end->evtEvent::Wait(0.1);
+            std::swap(before, now);
+            now = btkCountReadable(pair.nearSocket->GetHandle());
+        }
+    }
+
+    StreamPair pair;
+    const Owned<ioFileStream> endless{ioFileStream::Open("/dev/zero", ioReadOnly)};
+    Owned<rshProcess> process;
+    Owned<rshEvent> end;
+};
+
+} // namespace
+
+TEST(rshProcess, TakesTheEndFromAServerThatTakesNothing)
+{
+    Stuck stuck;
+    Send(stuck.pair, Int(6) + Int(5) + Int(7));
+    EXPECT_EQ(stuck.end->evtEvent::Wait(10.0), 1);
+    EXPECT_EQ(stuck.process->GetExitCode(), 5);
+}
+
+TEST(rshProcess, EndsWithoutAServerThatCanNotBeToldToEndTheCommand)
+{
+    Stuck stuck;
+    for (int time = 0; time < 100; ++time)
+        stuck.process->Interrupt();
+    stuck.process->Terminate();
+    EXPECT_EQ(stuck.end->evtEvent::Wait(10.0), 1);
+    EXPECT_EQ(stuck.process->GetExitCode(), xnullint);
+    // The server learns of it by a reset, however much there is before.
+    stuck.pair.near.reset();
+    EXPECT_EQ(btkTryWrite(stuck.pair.nearSocket->GetHandle(), "x", 1), -1);
+}
+
+TEST(rshProcess, SleepsWhileNobodyReadsWhatAServerLeftThatIsGone)
+{
+    StreamPair pair;
+    std::swap(pair.near, pair.far);
+    Send(pair, Int(0) + Int(3) + Text(std::string(100000, 'x')) + Int(3) + Int(1));
+    const Owned<rshProcess> process(
+        rshProcess::Create(pair.near.get(), "command", nullptr, nullptr, nullptr, nullptr, 0, 0));
+    pair.nearSocket->ShutdownOutput();
+    const Owned<rshEvent> end(process->ExitEvent());
+    EXPECT_EQ(end->evtEvent::Wait(0.2), 0);
+    const std::clock_t before = std::clock();
+    EXPECT_EQ(end->evtEvent::Wait(0.5), 0);
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 10);
+
+    std::string left(100000, ' ');
+    EXPECT_EQ(process->getStdout()->ReadBytes(left.data(), 100000), 100000u);
+    EXPECT_EQ(end->evtEvent::Wait(5.0), 1);
 }

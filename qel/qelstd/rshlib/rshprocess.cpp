@@ -1,5 +1,6 @@
 #include "rshprocess.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "iopipe.h"
@@ -8,6 +9,7 @@
 #include "qeltable.h"
 #include "rshrelay_p.h"
 #include <qel/base/btkabort.h>
+#include <qel/base/btksocket.h>
 
 constinit qelClass rshProcess::rtti = {
     .name = "rshlib::Process",
@@ -29,6 +31,8 @@ namespace {
 
 // What the owner writes to the thread besides the two tags: give up.
 constexpr int giveUp = -1;
+// How long a server may take nothing when it is to end the command, or to take the closing tag.
+constexpr btkTimeval patienceWithServer(2, 0);
 
 void ReadReply(netSocketStream& connection)
 {
@@ -48,8 +52,8 @@ class Session : private rshReceiver
 {
 public:
     Session(netSocketStream& s, ioStream* signals, ioStream* in, ioStream* out, ioStream* err)
-        : rshReceiver(s), connection(&s), urgentStream(s), control(*signals), signaled(signals->InputEvent()),
-          input(in), output(out), errors(err)
+        : rshReceiver(s), connection(&s), socket(connection.GetHandle()), urgentStream(s), control(*signals),
+          signaled(signals->InputEvent()), input(in), output(out), errors(err)
     {
     }
 
@@ -57,83 +61,118 @@ public:
     // xnullint.
     int Serve()
     {
+        // A server that takes nothing learns only so that this program was killed or gives up.
+        btkResetOnClose(socket, true);
         while (!isGivenUp && !isFinished) {
-            Wait();
+            btkEvent::List events;
+            if (!isTerminated)
+                input.AddTo(events, connection.queue);
+            rshReceiver::AddTo(events);
+            Wait(events);
             ForwardSignals();
             MoveInput();
-            if (!connection.Pump() || !Receive())
+            if (!Receive() || !connection.Pump() || IsTerminationStuck())
                 break;
             PumpOutputs();
         }
-        while (!isGivenUp && (output.queue.GetSize() > 0 || errors.queue.GetSize() > 0)) {
-            Wait();
-            ForwardSignals();
-            PumpOutputs();
-        }
         if (isFinished)
-            Answer();
+            end = btkTimeval::Now() + patienceWithServer;
+        else
+            connection.Fail();
+        for (PumpOutputs(); !isGivenUp && (IsAnswering() || HasOutput()); PumpOutputs()) {
+            btkEvent::List events;
+            Wait(events);
+            ForwardSignals();
+        }
+        if (isAnswered && connection.Pump() && connection.queue.GetSize() == 0)
+            btkResetOnClose(socket, false);
         return exitCode;
     }
 
 private:
-    void Wait()
+    // For `events` and whatever may be going on at any time.
+    void Wait(btkEvent::List& events)
     {
-        btkEvent::List events = {signaled.get()};
-        if (!isFinished && !connection.IsFailed()) {
-            input.AddTo(events, connection.queue);
-            rshReceiver::AddTo(events);
-            connection.AddTo(events);
-        }
+        events.push_back(signaled.get());
+        connection.AddTo(events);
         output.AddTo(events);
         errors.AddTo(events);
-        btkEvent::Wait(events, btkTimeval(3.0));
+        const btkTimeval usual(3.0), left = end - btkTimeval::Now();
+        btkEvent::Wait(events, left > btkTimeval() ? std::min(usual, left) : usual);
     }
 
     void ForwardSignals()
     {
         rshSucceeds([this] {
-            while (connection.queue.GetRoom() >= 4 && control.TryReadInt() == ioSuccess) {
+            while (control.TryReadInt() == ioSuccess) {
                 const int tag = control.ReadInt();
                 if (tag == giveUp)
                     isGivenUp = true;
-                else if (!isFinished && !SendUrgent(tag))
-                    connection.queue.PutInt(tag);
+                else if (!isFinished && !connection.IsFailed())
+                    Forward(tag);
             }
         });
     }
 
+    void Forward(int tag)
+    {
+        const bool isTerminate = tag == rshTagTerminate;
+        if (isTerminate && isTerminated)
+            return;
+        // A server that takes nothing has enough interrupts before it some time; one room is kept for each of
+        // the messages that come once.
+        if (!SendUrgent(tag) && connection.queue.GetRoom() >= (isTerminate ? 4u : 16u))
+            connection.queue.PutInt(tag);
+        if (isTerminate) {
+            isTerminated = isTerminating = true; // so there is no use for further input
+            end = btkTimeval::Now() + patienceWithServer;
+        }
+    }
+
+    // Whether the server takes nothing, so that it can not be told to end the command. It does so, too, when
+    // the connection is given up.
+    bool IsTerminationStuck()
+    {
+        isTerminating = isTerminating && (connection.queue.GetSize() > 0 || btkCountUnsent(socket) > 0);
+        return isTerminating && btkTimeval::Now() >= end;
+    }
+
     // Where the server may be waiting for the command to read its input, it sees what comes beside it only.
-    // That must stand between whole messages.
+    // That must stand between whole messages, and must not make this wait.
     bool SendUrgent(int tag)
     {
+        bool isBroken = false;
         return hasSentInput && connection.Pump() && connection.queue.GetSize() == 0 &&
-               urgentStream.WriteOutOfBand(tag) != 0;
+               btkCountWritable(socket, isBroken) > 0 && urgentStream.WriteOutOfBand(tag) != 0;
     }
 
     void MoveInput()
     {
+        if (isTerminated)
+            return;
         if (input.Move(rshTagIn, connection.queue))
             hasSentInput = true;
-        else if (input.IsEnded() && !isEndSent && connection.queue.GetRoom() >= 4) {
+        else if (input.IsEnded() && !isEndSent) {
             connection.queue.PutInt(rshTagInEnd);
             isEndSent = true;
         }
     }
 
+    bool HasOutput() const { return output.queue.GetSize() > 0 || errors.queue.GetSize() > 0; }
     void PumpOutputs()
     {
         output.Pump();
         errors.Pump();
     }
 
-    void Answer()
+    // Whether the closing tag, and what stands before it, is still on its way, and the server may take it.
+    bool IsAnswering()
     {
-        rshSucceeds([this] {
-            urgentStream.WriteBytes(connection.queue.GetHead(),
-                                    static_cast<unsigned>(connection.queue.GetSize()));
-            urgentStream.WriteInt(rshTagEnd);
-            urgentStream.Flush(1);
-        });
+        if (isFinished && !isAnswered) {
+            connection.queue.PutInt(rshTagEnd);
+            isAnswered = true;
+        }
+        return isFinished && connection.Pump() && connection.queue.GetSize() > 0 && btkTimeval::Now() < end;
     }
 
     rshOutlet* OutletOf(int tag) override
@@ -149,6 +188,7 @@ private:
     }
 
     rshOutlet connection;
+    const btkHandle socket;
     netSocketStream& urgentStream;
     ioStream& control;
     rshOwned<ioEvent> signaled;
@@ -159,6 +199,10 @@ private:
     bool hasSentInput = false;
     bool isEndSent = false;
     bool isFinished = false;
+    bool isAnswered = false;
+    bool isTerminated = false;
+    bool isTerminating = false; // and the server may not know it yet
+    btkTimeval end;             // when patience with a server that takes nothing ends
     bool isGivenUp = false;
 };
 

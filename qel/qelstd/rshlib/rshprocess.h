@@ -38,7 +38,9 @@ public:
     ioStream* getStdout();
     ioStream* getStderr();
 
-    /// Has the command ended, or interrupted as by the interrupt key, with what it started.
+    /// Has the command ended, or interrupted as by the interrupt key, with what it started. Neither gets
+    /// through while input that the command does not read fills all buffers on the way. Terminate then gives
+    /// the command up after two seconds: there is no exit code, and the server ends it when `s` is closed.
     void Terminate();
     void Interrupt();
     /// The exit code once the thread has ended; xnullint before, and when none arrived.

@@ -105,27 +105,38 @@ void rshInlet::AddTo(btkEvent::List& events, const rshQueue& to)
         events.push_back(input.get());
 }
 
-bool rshInlet::Move(rshTag tag, rshQueue& to, bool isLast)
+bool rshInlet::Move(rshTag tag, rshQueue& to)
 {
     const bool isReady = input == nullptr || (isAsked && input->WasSignaled());
-    if (isEnded || !to.HasRoomForBlock() || (!isReady && !isLast))
+    if (isEnded || !to.HasRoomForBlock() || (!isReady && !rest))
         return false;
     std::size_t count = 0;
     char* const block = to.GetTail();
     const bool isSound = rshSucceeds([&] {
         const std::size_t room = to.GetRoom() - 8 - rshQueue::spare;
         count = std::min<std::size_t>(source->PeekNBytes(), room);
-        // Some devices do not tell how much there is; at the end this reads nothing.
-        if (count > 0 || isReady)
-            count = source->ReadBytes(block + 8, static_cast<unsigned>(std::max<std::size_t>(count, 1)));
+        if (rest)
+            count = std::min(count, *rest);
+        else if (count == 0) // some devices do not tell how much there is; at the end this reads nothing
+            count = 1;
+        if (count > 0)
+            count = source->ReadBytes(block + 8, static_cast<unsigned>(count));
     });
     isEnded = !isSound || count == 0;
     if (isEnded)
         return false;
+    if (rest)
+        *rest -= count;
     btkPutNetwork(block, static_cast<int>(tag));
     btkPutNetwork(block + 4, static_cast<int>(count));
     to.Add(count + 8);
     return true;
+}
+
+void rshInlet::TakeOnlyTheRest()
+{
+    rest = 0;
+    rshSucceeds([this] { rest = source->PeekNBytes(); });
 }
 
 // ---- rshReceiver
@@ -136,9 +147,13 @@ rshReceiver::rshReceiver(ioStream& stream) : connection(stream), input(stream.In
 
 void rshReceiver::AddTo(btkEvent::List& events)
 {
-    const bool isFull = blockLeft > 0 && !outlet->IsFailed() && outlet->queue.GetRoom() == 0;
-    if (!isFull && !isDone)
+    if (!IsBlocked() && !isDone)
         events.push_back(input.get());
+}
+
+bool rshReceiver::IsBlocked() const
+{
+    return blockLeft > 0 && !outlet->IsFailed() && outlet->queue.GetRoom() == 0;
 }
 
 bool rshReceiver::Receive()

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <qel/iobasestream.h>
@@ -83,6 +84,8 @@ public:
     bool Pump();
     /// Puts what a wait needs to know into `events`.
     void AddTo(btkEvent::List& events);
+    /// Of a stream that has a reader at its other end; else -1.
+    btkHandle GetHandle() const { return handle; }
     bool IsFailed() const { return isFailed; }
     /// From now on all is dropped.
     void Fail();
@@ -106,14 +109,17 @@ public:
     /// Puts what a wait needs to know into `events` while there may be more and `to` has room.
     void AddTo(btkEvent::List& events, const rshQueue& to);
     /// Moves what is there into `to`, as one block behind `tag`. Nothing to be moved though the last wait
-    /// found the source ready, or `isLast`, is the end. False when nothing was moved.
-    bool Move(rshTag tag, rshQueue& to, bool isLast = false);
+    /// found the source ready is the end. False when nothing was moved.
+    bool Move(rshTag tag, rshQueue& to);
+    /// What is there now is the rest, whoever goes on writing: behind it is the end.
+    void TakeOnlyTheRest();
     bool IsEnded() const { return isEnded; }
 
 private:
     ioStream* source;
     rshOwned<ioEvent> input;
-    bool isAsked = false; // whether the last wait looked at it
+    std::optional<std::size_t> rest; // how much is to be taken still, once that is settled
+    bool isAsked = false;            // whether the last wait looked at it
     bool isEnded = false;
 };
 
@@ -129,6 +135,8 @@ public:
     bool Receive();
     /// Puts what a wait needs to know into `events`, unless a block waits for room.
     void AddTo(btkEvent::List& events);
+    /// Whether a block waits for room, so that nothing is read.
+    bool IsBlocked() const;
 
 protected:
     /// Where the blocks behind `tag` go; null when `tag` has no block.

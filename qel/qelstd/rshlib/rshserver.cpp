@@ -77,7 +77,8 @@ class Session : private rshReceiver
 {
 public:
     Session(netSocketStream& s, evtEvent* stop)
-        : rshReceiver(s), connection(&s), urgent(s.OutOfBandEvent()), urgentStream(s), stopEvent(stop)
+        : rshReceiver(s), connection(&s), lost(new btkSelectEvent(connection.GetHandle(), 3)),
+          urgent(s.OutOfBandEvent()), urgentStream(s), stopEvent(stop)
     {
     }
 
@@ -130,7 +131,7 @@ public:
             Wait();
             Stop();
             TakeUrgent();
-            if (!Receive())
+            if (IsClientLost() || !Receive())
                 break;
             MoveOutputs();
             TakeExitCode();
@@ -153,6 +154,9 @@ private:
         out->AddTo(events, connection.queue);
         err->AddTo(events, connection.queue);
         rshReceiver::AddTo(events);
+        // What is not read does not tell that nothing follows.
+        if (IsBlocked())
+            events.push_back(&lost);
         connection.AddTo(events);
         if (in != nullptr)
             in->AddTo(events);
@@ -175,6 +179,8 @@ private:
     }
     bool IsOutOfPatience() const { return isStopping && btkTimeval::Now() >= end; }
 
+    bool IsClientLost() { return IsBlocked() && lost.WasSignaled(); }
+
     void TakeUrgent()
     {
         if (urgent->WasSignaled())
@@ -189,7 +195,7 @@ private:
             process->Interrupt();
     }
 
-    // The outputs are read once more afterwards: what is there then is all that the command has written.
+    // What the outputs hold then is all that the command has written.
     void TakeExitCode()
     {
         if (hasEnded || !exit->WasSignaled())
@@ -197,15 +203,17 @@ private:
         connection.queue.PutInt(rshTagExit);
         connection.queue.PutInt(process->GetExitCode());
         hasEnded = true;
+        out->TakeOnlyTheRest();
+        err->TakeOnlyTheRest();
         // Nobody reads it any more; the client's closing tag comes behind it.
         in->Fail();
     }
 
     void MoveOutputs()
     {
-        while (out->Move(rshTagOut, connection.queue, hasEnded) && hasEnded && connection.Pump()) {
+        while (out->Move(rshTagOut, connection.queue) && hasEnded && connection.Pump()) {
         }
-        while (err->Move(rshTagErr, connection.queue, hasEnded) && hasEnded && connection.Pump()) {
+        while (err->Move(rshTagErr, connection.queue) && hasEnded && connection.Pump()) {
         }
     }
     void CheckEnd()
@@ -239,6 +247,7 @@ private:
     }
 
     rshOutlet connection;
+    btkEvent lost;
     rshOwned<ioEvent> urgent;
     netSocketStream& urgentStream;
     evtEvent* stopEvent;
