@@ -70,7 +70,7 @@ void btkEvent::PrepareAsked(btkPollSet::Place& place, btkPollSet& places)
 bool btkEvent::Finish(const btkPollSet::Place& place)
 {
     const bool on = place.IsMarked() || !watch.asks || baseEvent->OnPolled(place.ready);
-    std::atomic_ref(watch.wasOn).store(on, std::memory_order_relaxed);
+    wasOn.Set(on);
     return on;
 }
 

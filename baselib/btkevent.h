@@ -1,9 +1,9 @@
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <vector>
 
+#include <qel/base/btkatomic.h>
 #include <qel/base/btkfd.h>
 
 /// Something that can be waited for: it is on (signaled) or not, and waiting does not change that. Each kind
@@ -40,7 +40,6 @@ protected:
         btkHandle handle; // -1: none
         short events;
         bool asks; // OnAsk and OnPolled are to be called
-        alignas(std::atomic_ref<bool>::required_alignment) bool wasOn = false; // the last wait found it on
     };
     Watch& GetWatch() { return *watch; }
 
@@ -146,7 +145,7 @@ public:
     /// Whether it is on now. Does not wait.
     bool IsSignaled();
     /// Whether the last wait that this event took part in found it on.
-    bool WasSignaled() { return std::atomic_ref(watch.wasOn).load(std::memory_order_relaxed); }
+    bool WasSignaled() { return wasOn.Get(); }
 
     /// Sleeps until at least one event of `list` is on or `limit` has passed, and answers how many are on.
     /// Null entries are skipped. `second` has no meaning on this host, where all kinds are waited for at
@@ -161,7 +160,7 @@ private:
     void Prepare(btkPollSet::Place& place, btkPollSet& places)
     {
         if (WasSignaled())
-            std::atomic_ref(watch.wasOn).store(false, std::memory_order_relaxed);
+            wasOn.Set(false);
         place = {watch.handle, watch.events, 0};
         if (watch.asks)
             PrepareAsked(place, places);
@@ -171,6 +170,7 @@ private:
     bool Finish(const btkPollSet::Place& place);
 
     btkBaseEvent::Watch watch = {-1, 0, false}; // first of all: what a wait looks at
+    btkAtomic<bool> wasOn = false;              // the last wait found it on
     btkBaseEvent* baseEvent;
 };
 

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "support/testserver.h"
+#include <qel/base/btksocket.h>
 #include <qel/netexception.h>
 #include <qel/netserver.h>
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <atomic>
 #include <iosfwd>
 
+#include <qel/base/btkatomic.h>
 #include <qel/base/btkfd.h>
 #include <qel/evtevent.h>
 #include <qel/ioserializer.h>
@@ -34,12 +34,12 @@ public:
     ioStreamLink(const ioStreamLink& other) noexcept : place(other.place)
     {
         if (place != nullptr)
-            place->shares.fetch_add(1, std::memory_order_relaxed);
+            place->shares.Add(1);
     }
     ioStreamLink& operator=(const ioStreamLink&) = delete;
     ~ioStreamLink()
     {
-        if (place != nullptr && place->shares.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        if (place != nullptr && place->shares.SubtractOrdered(1) == 1)
             delete place;
     }
 
@@ -63,7 +63,7 @@ private:
     struct Place
     {
         ioStream* stream;
-        std::atomic<unsigned> shares = 1;
+        btkAtomic<unsigned> shares = 1;
     };
     Place* place = nullptr;
 };

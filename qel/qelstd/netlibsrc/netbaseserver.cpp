@@ -1,8 +1,12 @@
 #include "netbaseserver.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <deque>
 #include <iostream>
+#include <list>
+#include <memory>
 
 #include "netaddress.h"
 #include "netasyncrequest_p.h"
@@ -46,12 +50,73 @@ std::unique_ptr<btkEvent> InputOf(const btkSocket& socket)
 
 } // namespace
 
+class [[gnu::visibility("hidden")]] netBaseServer::Loop
+{
+public:
+    Loop(netBaseServer & of, std::unique_ptr<btkAcceptSocket> socket)
+        : server(of), listening(std::move(socket)), connectionWaits(InputOf(*listening))
+    {
+    }
+
+    btkHandle GetHandle() const
+    {
+        return listening->GetHandle();
+    }
+    /// The next connection to be served; null when `timeout` seconds have passed. `mayBeSilent`: how long one
+    /// is kept whose first byte has not come; 0: that is not waited for.
+    std::unique_ptr<btkStreamSocket> WaitForRequest(double timeout, btkTimeval mayBeSilent);
+    netServerLoopAction Serve(std::unique_ptr<btkStreamSocket> socket);
+    /// Waits for the end of asynchronous requests and collects those that have ended.
+    netServerLoopAction CheckAsyncRequests(btkTimeval timeout);
+    /// Closes the port and the connections that wait.
+    void StopListening();
+    /// Asks all asynchronous requests to stop, and waits until they have ended.
+    void StopRequests();
+    /// An asynchronous request has ended; called in its thread.
+    void NoteEnd()
+    {
+        ++endedBodies;
+    }
+
+private:
+    /// A connection whose first byte has not come.
+    struct Silent
+    {
+        std::unique_ptr<btkStreamSocket> socket;
+        btkTimeval since;
+        std::unique_ptr<btkEvent> input;
+    };
+
+    std::unique_ptr<btkStreamSocket> TakeConnection();
+    std::unique_ptr<btkStreamSocket> TakeSpoken();
+    void DropSilent(btkTimeval latest);
+    void SpawnAsyncRequest(netSocketStream * stream);
+    bool StartAsyncRequest(netSocketStream * stream);
+
+    netBaseServer& server;
+
+    std::unique_ptr<btkAcceptSocket> listening;
+    std::unique_ptr<btkEvent> connectionWaits; // on while `listening` has a connection
+    btkTimeval restEnd;                        // until then `listening` is left alone
+    std::deque<Silent> silent;                 // the oldest first
+
+    std::list<std::unique_ptr<netAsyncRequest>> requests;
+    btkEvent::List waitList;          // the exit events of `requests`
+    std::atomic<int> endedBodies = 0; // of `requests`; written by their threads
+};
+
 // ---- creation and end
 
 netBaseServer::netBaseServer(btkAcceptSocket* socket, xstring name)
-    : portN(socket->GetPortN()), serverName(name), isRegistered(!(name == nullptr)), listening(socket),
-      connectionWaits(InputOf(*socket))
+    : portN(socket->GetPortN()), serverName(name), isRegistered(!(name == nullptr)),
+      loop(MakeLoop(this, socket))
 {
+}
+
+netBaseServer::Loop* netBaseServer::MakeLoop(netBaseServer* server, btkAcceptSocket* listening)
+{
+    std::unique_ptr<btkAcceptSocket> owned(listening);
+    return new Loop(*server, std::move(owned));
 }
 
 netBaseServer* netBaseServer::Create(const char* name, int port)
@@ -59,12 +124,19 @@ netBaseServer* netBaseServer::Create(const char* name, int port)
     return CreateAs<netBaseServer>(name, port);
 }
 
-std::unique_ptr<btkAcceptSocket> netBaseServer::Listen(int port)
+netBaseServer* netBaseServer::Make(const char* name, int port, Maker make)
 {
-    auto socket = std::make_unique<btkAcceptSocket>();
-    if (!socket->Listen(port == xnullint ? 0 : port, nullptr))
+    struct Offer
+    {
+        ~Offer() { delete socket; }
+        btkAcceptSocket* socket;
+    };
+    Offer offer{new btkAcceptSocket};
+    if (!offer.socket->Listen(port == xnullint ? 0 : port, nullptr))
         return nullptr;
-    return socket;
+    std::unique_ptr<netBaseServer, qelDelete> server(make(offer.socket));
+    server->Register(name);
+    return server.release();
 }
 
 void netBaseServer::Register(const char* name)
@@ -95,10 +167,21 @@ try {
 
 netBaseServer::~netBaseServer()
 {
+    loop->StopListening();
+    Unregister();
+    loop->StopRequests();
+    delete loop;
+}
+
+void netBaseServer::Loop::StopListening()
+{
     connectionWaits.reset();
     listening.reset();
     silent.clear();
-    Unregister();
+}
+
+void netBaseServer::Loop::StopRequests()
+{
     for (const auto& request : requests)
         request->TellToStop();
     while (!waitList.empty())
@@ -116,7 +199,7 @@ netSocketStream* netBaseServer::Connect(netAddress* address, double timeout)
 
 // ---- waiting for connections
 
-std::unique_ptr<btkStreamSocket> netBaseServer::WaitForRequest(double timeout, btkTimeval mayBeSilent)
+std::unique_ptr<btkStreamSocket> netBaseServer::Loop::WaitForRequest(double timeout, btkTimeval mayBeSilent)
 {
     const bool isByteWanted = mayBeSilent > btkTimeval();
     if (!isByteWanted && !silent.empty()) {
@@ -153,7 +236,7 @@ std::unique_ptr<btkStreamSocket> netBaseServer::WaitForRequest(double timeout, b
 
 // The next connection; null when accepting it failed. Without room for one, the port is left alone for a
 // while: it stays ready, and asking again at once would not let this thread sleep.
-std::unique_ptr<btkStreamSocket> netBaseServer::TakeConnection()
+std::unique_ptr<btkStreamSocket> netBaseServer::Loop::TakeConnection()
 {
     std::unique_ptr<btkStreamSocket> socket(new (std::nothrow) btkStreamSocket);
     if (socket != nullptr && listening->Accept(socket.get()))
@@ -171,13 +254,14 @@ std::unique_ptr<btkStreamSocket> netBaseServer::TakeConnection()
     if (error == EBADF || error == EINVAL || error == ENOTSOCK)
         netXException::Throw(socketFailed, "Socket failed");
     if (isNoRoom())
-        restEnd = btkTimeval::Now() +
-                  (timeSlice == INFINITE ? longestRest : std::min(longestRest, btkTimeval(timeSlice)));
+        restEnd = btkTimeval::Now() + (server.timeSlice == INFINITE
+                                           ? longestRest
+                                           : std::min(longestRest, btkTimeval(server.timeSlice)));
     return nullptr;
 }
 
 // The oldest connection whose first byte, or end, the last wait has found.
-std::unique_ptr<btkStreamSocket> netBaseServer::TakeSpoken()
+std::unique_ptr<btkStreamSocket> netBaseServer::Loop::TakeSpoken()
 {
     // An urgent value ends the wait, too, but is no byte that a handshake could begin with.
     const auto found = std::find_if(silent.begin(), silent.end(), [](const Silent& one) {
@@ -191,7 +275,7 @@ std::unique_ptr<btkStreamSocket> netBaseServer::TakeSpoken()
 }
 
 // Closes those that came at `latest` or before.
-void netBaseServer::DropSilent(btkTimeval latest)
+void netBaseServer::Loop::DropSilent(btkTimeval latest)
 {
     while (!silent.empty() && silent.front().since <= latest)
         silent.pop_front();
@@ -199,13 +283,13 @@ void netBaseServer::DropSilent(btkTimeval latest)
 
 netSocketStream* netBaseServer::Accept(double timeout)
 {
-    std::unique_ptr<btkStreamSocket> socket = WaitForRequest(timeout, {});
+    std::unique_ptr<btkStreamSocket> socket = loop->WaitForRequest(timeout, {});
     return socket != nullptr ? netSocketStream::Create(socket.release()) : nullptr;
 }
 
 netEvent* netBaseServer::AcceptEvent()
 {
-    return new (pDefMemMgr) netEvent(new (std::nothrow) btkSelectEvent(listening->GetHandle(), 0), this);
+    return new (pDefMemMgr) netEvent(new (std::nothrow) btkSelectEvent(loop->GetHandle(), 0), this);
 }
 
 // ---- the loop
@@ -213,34 +297,34 @@ netEvent* netBaseServer::AcceptEvent()
 void netBaseServer::Run()
 {
     for (;;) {
-        if (CheckAsyncRequests({}) == netServerTerminate)
+        if (loop->CheckAsyncRequests({}) == netServerTerminate)
             return;
         std::unique_ptr<btkStreamSocket> socket;
         try {
-            socket = WaitForRequest(timeSlice, silenceLimit);
+            socket = loop->WaitForRequest(timeSlice, silenceLimit);
         } catch (const std::bad_alloc&) { // the connection that met it is lost
         }
-        if ((socket != nullptr ? Serve(std::move(socket)) : OnIdle()) == netServerTerminate)
+        if ((socket != nullptr ? loop->Serve(std::move(socket)) : OnIdle()) == netServerTerminate)
             return;
     }
 }
 
-netServerLoopAction netBaseServer::Serve(std::unique_ptr<btkStreamSocket> socket)
+netServerLoopAction netBaseServer::Loop::Serve(std::unique_ptr<btkStreamSocket> socket)
 {
     netSocketStream* stream = nullptr;
     try {
-        const netServerLoopAction action = PreprocessRequest(socket.get());
+        const netServerLoopAction action = server.PreprocessRequest(socket.get());
         if (action == netServerContinue || action == netServerTerminate)
             return action;
         stream = netSocketStream::Create(socket.release());
     } catch (const std::bad_alloc&) {
         return netServerContinue;
     }
-    if (onRequest == nullptr) {
+    if (server.onRequest == nullptr) {
         xdelete(stream);
         return netServerContinue;
     }
-    const netServerLoopAction action = OnRequest(stream);
+    const netServerLoopAction action = server.OnRequest(stream);
     if (action == netSpawnAsyncServer)
         SpawnAsyncRequest(stream);
     return action;
@@ -268,7 +352,7 @@ netServerLoopAction netBaseServer::OnIdle()
 
 // ---- asynchronous requests
 
-void netBaseServer::SpawnAsyncRequest(netSocketStream* stream)
+void netBaseServer::Loop::SpawnAsyncRequest(netSocketStream* stream)
 {
     if (StartAsyncRequest(stream))
         return;
@@ -276,13 +360,13 @@ void netBaseServer::SpawnAsyncRequest(netSocketStream* stream)
     xdelete(stream);
 }
 
-bool netBaseServer::StartAsyncRequest(netSocketStream* stream)
+bool netBaseServer::Loop::StartAsyncRequest(netSocketStream* stream)
 try {
-    if (asyncLimit > 0 && requests.size() >= static_cast<std::size_t>(asyncLimit))
+    if (server.asyncLimit > 0 && requests.size() >= static_cast<std::size_t>(server.asyncLimit))
         return false;
     if (waitList.capacity() == requests.size()) // what follows the start must not fail
         waitList.reserve(2 * requests.size() + 16);
-    requests.push_back(std::make_unique<netAsyncRequest>(this, stream));
+    requests.push_back(std::make_unique<netAsyncRequest>(&server, stream));
     netAsyncRequest& request = *requests.back();
     if (!request.Start()) {
         requests.pop_back();
@@ -295,7 +379,7 @@ try {
     return false;
 }
 
-netServerLoopAction netBaseServer::CheckAsyncRequests(btkTimeval timeout)
+netServerLoopAction netBaseServer::Loop::CheckAsyncRequests(btkTimeval timeout)
 {
     // Asking many events each time the loop comes round would cost more than serving.
     if (requests.empty() || (timeout == btkTimeval() && endedBodies.load(std::memory_order_relaxed) == 0))
@@ -344,10 +428,10 @@ int netAsyncRequest::OnStart()
     // Also when the thread is cancelled.
     struct EndNote
     {
-        std::atomic<int>& count;
-        ~EndNote() { ++count; }
+        netBaseServer::Loop& loop;
+        ~EndNote() { loop.NoteEnd(); }
     };
-    const EndNote note{server->endedBodies};
+    const EndNote note{*server->loop};
 
     std::unique_ptr<netSocketStream, qelDelete> unserved(stream);
     try {

@@ -1,16 +1,14 @@
 #pragma once
 
-#include <atomic>
-#include <deque>
-#include <list>
-#include <memory>
+#include <utility>
 
-#include <qel/base/btksocket.h>
 #include <qel/evtevent.h>
 #include <qel/netsocketstream.h>
+#include <qel/xstring.h>
 
+class btkAcceptSocket;
+class btkStreamSocket;
 class netAddress;
-class netAsyncRequest;
 class netBaseServer;
 
 /// What a handler wants of the request loop.
@@ -138,13 +136,9 @@ protected:
     template<class Server>
     static Server* CreateAs(const char* name, int port)
     {
-        std::unique_ptr<btkAcceptSocket> socket = Listen(port);
-        if (socket == nullptr)
-            return nullptr;
-        std::unique_ptr<Server, qelDelete> server(new (pDefMemMgr)
-                                                      Server(socket.release(), xstring(nullptr)));
-        server->Register(name);
-        return server.release();
+        return static_cast<Server*>(Make(name, port, [](btkAcceptSocket*& listening) -> netBaseServer* {
+            return new (pDefMemMgr) Server(std::exchange(listening, nullptr), xstring(nullptr));
+        }));
     }
 
     /// How long a new connection may be silent before it is closed. Until its first byte has come it waits
@@ -156,30 +150,19 @@ protected:
 private:
     friend class netAsyncRequest;
 
-    /// A connection whose first byte has not come.
-    struct Silent
-    {
-        std::unique_ptr<btkStreamSocket> socket;
-        btkTimeval since;
-        std::unique_ptr<btkEvent> input;
-    };
+    /// The connections that wait, and the asynchronous requests.
+    class Loop;
+    /// Makes a server that takes the socket, which it sets to null.
+    using Maker = netBaseServer* (*)(btkAcceptSocket*& listening);
 
     /// Screens a new connection before there is a stream. netServerContinue: it is closed and the loop goes
     /// on; netServerTerminate: it is closed and Run returns; any other answer: it is served.
     virtual netServerLoopAction PreprocessRequest(btkStreamSocket* socket);
 
-    static std::unique_ptr<btkAcceptSocket> Listen(int port);
+    static netBaseServer* Make(const char* name, int port, Maker make);
+    static Loop* MakeLoop(netBaseServer* server, btkAcceptSocket* listening);
     void Register(const char* name);
     void Unregister() noexcept;
-
-    std::unique_ptr<btkStreamSocket> WaitForRequest(double timeout, btkTimeval mayBeSilent);
-    std::unique_ptr<btkStreamSocket> TakeConnection();
-    std::unique_ptr<btkStreamSocket> TakeSpoken();
-    void DropSilent(btkTimeval now);
-    netServerLoopAction Serve(std::unique_ptr<btkStreamSocket> socket);
-    void SpawnAsyncRequest(netSocketStream* stream);
-    bool StartAsyncRequest(netSocketStream* stream);
-    netServerLoopAction CheckAsyncRequests(btkTimeval timeout);
 
     netBaseServer_OnRequest_cb* onRequest = nullptr;
     netBaseServer_OnAsyncRequest_cb* onAsyncRequest = nullptr;
@@ -189,14 +172,6 @@ private:
     double timeSlice = 0.01;
     bool isRegistered;
     int asyncLimit = 0;
-
-    std::unique_ptr<btkAcceptSocket> listening;
-    std::unique_ptr<btkEvent> connectionWaits; // on while `listening` has a connection
-    btkTimeval restEnd;                        // until then `listening` is left alone
     btkTimeval silenceLimit;
-    std::deque<Silent> silent; // the oldest first
-
-    std::list<std::unique_ptr<netAsyncRequest>> requests;
-    btkEvent::List waitList;          // the exit events of `requests`
-    std::atomic<int> endedBodies = 0; // of `requests`; written by their threads
+    Loop* loop;
 };
