@@ -65,6 +65,11 @@ constexpr bool ofMalloc = false;
     throw std::bad_alloc();
 }
 
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    return failing::fails() ? nullptr : std::malloc(size);
+}
+
 [[gnu::noinline]] void operator delete(void* p) noexcept
 {
     std::free(p);

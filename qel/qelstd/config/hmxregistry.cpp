@@ -1,6 +1,7 @@
 #include "hmxregistry.h"
 
 #include <cstring>
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -116,10 +117,12 @@ bool hmxRegistryKey::become(Opener opener, const hmxRegistryKey& parent, const c
         return false;
     const hmxRegistryKey held(parent);
     Close();
+    auto made = std::make_unique<Record>(Record{1, held.record->registry, nullptr}); // before there is a key
     void* opened = nullptr;
     if (!done(opener(held.record->handle, path, &opened)))
         return false;
-    record = new Record{1, held.record->registry, static_cast<HKEY>(opened)};
+    made->handle = static_cast<HKEY>(opened);
+    record = made.release();
     return true;
 }
 

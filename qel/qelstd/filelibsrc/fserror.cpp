@@ -146,7 +146,7 @@ void fsRaise(fsErrorCode code, const char* function, const char* path)
 {
     for (const ErrorRow& row : errors)
         if (row.code == code && row.raise != nullptr)
-            row.raise(path, row.text, new (pDefMemMgr) qelXFunc(function));
+            row.raise(path, row.text, xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get());
     if (code == fsOther)
         QEL_ABORT("The table has no row to raise.");
     fsRaise(fsOther, function, path);

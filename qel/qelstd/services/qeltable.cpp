@@ -2,6 +2,8 @@
 
 #include <cstring>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include <qel/base/btkmemory.h>
 
@@ -14,35 +16,80 @@ namespace {
 
 constexpr char tableKey[] = "qelstd.table"; // the user data under which a descriptor keeps its table
 
-xrttiattr* buildAttr(const qelAttr& row)
+using OwnedAttr = std::unique_ptr<xrttiattr, qelDelete>;
+
+OwnedAttr buildAttr(const qelAttr& row)
 {
-    return row.name == nullptr ? nullptr
-                               : new (pDefMemMgr) xrttiattr(row.name, row.type(), row.optional, row.read);
+    return OwnedAttr(row.name == nullptr ? nullptr
+                                         : new (pDefMemMgr)
+                                               xrttiattr(row.name, row.type(), row.optional, row.read));
 }
 
-/// A block of what `make` answers for each row, for good.
-template<class Out, class Rows, class Make>
-Out* buildArray(const Rows& rows, Make make)
+/// What `make` answers for each row, until a descriptor keeps it for good.
+template<class Out>
+class Block
 {
-    Out* const block = rows.size() == 0 ? nullptr : new Out[rows.size()];
-    Out* at = block;
-    for (const auto& row : rows)
-        *at++ = make(row); // NOLINT(clang-analyzer-core.NullDereference): null only when there is no row
-    return block;
-}
-
-/// The arrays that the descriptors of classes with parents share.
-struct Ancestry
-{
-    explicit Ancestry(const qelClass& cls)
-        : count(static_cast<int>(cls.parents.size())),
-          parents(buildArray<xrttiobject*>(cls.parents, [](const qelParent& row) { return row.rtti(); }))
+public:
+    template<class Rows, class Make>
+    Block(const Rows& rows, Make make)
+        : all(rows.size() == 0 ? nullptr : new Out[rows.size()]), count(static_cast<int>(rows.size()))
     {
+        Out* at = all.get();
+        for (const auto& row : rows)
+            *at++ = make(row); // NOLINT(clang-analyzer-core.NullDereference): null only when there is no row
     }
 
+    int size() const { return count; }
+    Out* get() const { return all.get(); }
+    void keep() { static_cast<void>(all.release()); }
+
+private:
+    std::unique_ptr<Out[]> all;
     int count;
-    xrttiobject** parents;
 };
+
+/// The same for attributes.
+class AttrBlock
+{
+public:
+    template<class Rows, class Attr>
+    AttrBlock(const Rows& rows, Attr attrOf) : block(rows, [](const auto&) { return nullptr; })
+    {
+        owned.reserve(rows.size());
+        for (const auto& row : rows) {
+            owned.push_back(buildAttr(attrOf(row)));
+            block.get()[owned.size() - 1] = owned.back().get();
+        }
+    }
+
+    int size() const { return block.size(); }
+    xrttiattr** get() const { return block.get(); }
+    void keep()
+    {
+        for (OwnedAttr& attr : owned)
+            static_cast<void>(attr.release());
+        block.keep();
+    }
+
+private:
+    std::vector<OwnedAttr> owned;
+    Block<xrttiattr*> block;
+};
+
+Block<xrttiobject*> parentsOf(const qelClass& cls)
+{
+    return {cls.parents, [](const qelParent& row) { return row.rtti(); }};
+}
+
+/// The descriptor of a class, as the kind that it is. The table learns of it before parents and attributes
+/// are asked for theirs: a class may refer to itself, or back to itself through others.
+template<class T>
+T* begin(qelClass& cls)
+{
+    T* const type = cls.begun != nullptr ? dynamic_cast<T*>(cls.begun) : new (pDefMemMgr) T;
+    cls.begun = cls.built = type;
+    return type;
+}
 
 void publish(qelClass& cls, xrttiobject* type)
 {
@@ -50,42 +97,45 @@ void publish(qelClass& cls, xrttiobject* type)
     qelRttiAddUserData(type, tableKey, &cls);
 }
 
-// In each of these the table learns of the descriptor before parents and attributes are asked for theirs: a
-// class may refer to itself, or back to itself through others.
+// Each of these keeps what it has made once the descriptor is initialized, which may fail.
 
 void buildStruct(qelClass& cls)
 {
-    auto* const type = new (pDefMemMgr) xrttistruct;
-    cls.built = type;
-    const Ancestry ancestry(cls);
-    type->initialize(cls.name, cls.counted, ancestry.count, ancestry.parents,
-                     static_cast<int>(cls.attrs.size()), buildArray<xrttiattr*>(cls.attrs, buildAttr));
+    auto* const type = begin<xrttistruct>(cls);
+    Block<xrttiobject*> parents = parentsOf(cls);
+    AttrBlock attrs(cls.attrs, [](const qelAttr& row) { return row; });
+    type->initialize(cls.name, cls.counted, parents.size(), parents.get(), attrs.size(), attrs.get());
+    parents.keep();
+    attrs.keep();
 }
 
 void buildUnion(qelClass& cls)
 {
-    auto* const type = new (pDefMemMgr) xrttiunion;
-    cls.built = type;
-    const Ancestry ancestry(cls);
-    int* const labels = buildArray<int>(cls.cases, [](const qelCase& row) { return row.label; });
-    xrttiattr** const members =
-        buildArray<xrttiattr*>(cls.cases, [](const qelCase& row) { return buildAttr(row.attr); });
-    type->initialize(cls.name, cls.counted, ancestry.count, ancestry.parents, buildAttr(cls.discriminator),
-                     static_cast<int>(cls.cases.size()), labels, members, buildAttr(cls.otherwise));
+    auto* const type = begin<xrttiunion>(cls);
+    Block<xrttiobject*> parents = parentsOf(cls);
+    Block<int> labels(cls.cases, [](const qelCase& row) { return row.label; });
+    AttrBlock members(cls.cases, [](const qelCase& row) { return row.attr; });
+    OwnedAttr discriminator = buildAttr(cls.discriminator);
+    OwnedAttr otherwise = buildAttr(cls.otherwise);
+    type->initialize(cls.name, cls.counted, parents.size(), parents.get(), discriminator.get(), labels.size(),
+                     labels.get(), members.get(), otherwise.get());
+    parents.keep();
+    labels.keep();
+    members.keep();
+    static_cast<void>(discriminator.release());
+    static_cast<void>(otherwise.release());
 }
 
 void buildSequence(qelClass& cls)
 {
-    auto* const type = new (pDefMemMgr) xrttisequence;
-    cls.built = type;
+    auto* const type = begin<xrttisequence>(cls);
     const qelShape& shape = *cls.elements;
     type->initialize(cls.name, cls.counted, shape.elemType(), shape.optional, shape.size, shape.elemAt);
 }
 
 void buildDictionary(qelClass& cls)
 {
-    auto* const type = new (pDefMemMgr) xrttidictionary;
-    cls.built = type;
+    auto* const type = begin<xrttidictionary>(cls);
     const qelShape& shape = *cls.elements;
     type->initialize(cls.name, cls.counted, shape.elemType(), shape.optional, shape.size, shape.find,
                      shape.keyAt, shape.valueAt);
@@ -93,15 +143,15 @@ void buildDictionary(qelClass& cls)
 
 void buildArrayType(qelClass& cls)
 {
-    auto* const type = new (pDefMemMgr) xrttiarray;
-    cls.built = type;
+    auto* const type = begin<xrttiarray>(cls);
     const qelShape& shape = *cls.elements;
-    int* const extents = buildArray<int>(cls.dims, [](int extent) { return extent; });
-    type->initialize(cls.name, cls.counted, static_cast<int>(cls.dims.size()), extents, shape.elemType(),
-                     shape.optional, shape.elemAtAll);
+    Block<int> extents(cls.dims, [](int extent) { return extent; });
+    type->initialize(cls.name, cls.counted, extents.size(), extents.get(), shape.elemType(), shape.optional,
+                     shape.elemAtAll);
+    extents.keep();
 }
 
-void build(qelClass& cls)
+void describe(qelClass& cls)
 {
     if (cls.elements == nullptr) {
         if (cls.discriminator.name != nullptr)
@@ -121,7 +171,17 @@ void build(qelClass& cls)
             break;
         }
     }
+}
+
+void build(qelClass& cls)
+try {
+    if (cls.begun == nullptr || cls.begun->getName() == nullptr)
+        describe(cls);
+    cls.built = cls.begun;
     publish(cls, cls.built);
+} catch (...) {
+    cls.built = nullptr; // the next call goes on with what was begun
+    throw;
 }
 
 } // namespace
@@ -162,21 +222,27 @@ void qelThrowNotLive()
 
 xrttienum* qelBuildEnum(const char* name, int count, const char* list)
 {
-    const char** const labels = new const char*[static_cast<std::size_t>(count)];
+    const auto size = static_cast<std::size_t>(count);
+    std::unique_ptr<const char*[]> labels(new const char*[size]);
+    std::vector<std::unique_ptr<char[]>> texts;
+    texts.reserve(size);
     const char* at = list;
-    for (int i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < size; ++i) {
         at += std::strspn(at, " ,");
         // A label may be written with its scope, `Colour::red`; its name is the last part.
         const std::size_t length = std::strcspn(at, ", ");
-        char* const label = btkStrDup(at);
+        std::unique_ptr<char[]> label(btkStrDup(at));
         label[length] = '\0';
-        const char* const scope = std::strrchr(label, ':');
-        labels[i] = scope == nullptr ? label : btkStrDup(scope + 1);
-        if (scope != nullptr)
-            delete[] label;
+        if (const char* const scope = std::strrchr(label.get(), ':'))
+            label.reset(btkStrDup(scope + 1));
+        labels[i] = label.get();
+        texts.push_back(std::move(label));
         at += length;
     }
-    auto* const type = new (pDefMemMgr) xrttienum(name, count, labels);
-    qelRttiAddToMap(type);
-    return type;
+    std::unique_ptr<xrttienum, qelDelete> type(new (pDefMemMgr) xrttienum(name, count, labels.get()));
+    qelRttiAddToMap(type.get());
+    for (auto& text : texts)
+        static_cast<void>(text.release());
+    static_cast<void>(labels.release());
+    return type.release();
 }

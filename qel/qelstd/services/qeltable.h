@@ -100,6 +100,8 @@ struct qelClass
 
     /// The descriptor, once it has been asked for.
     xrttiobject* built = nullptr;
+    /// The same from the moment when it was begun: what ran out of memory goes on with it.
+    xrttiobject* begun = nullptr;
 };
 
 /// The table from which the descriptor `type` was built, or null when it was built by hand.

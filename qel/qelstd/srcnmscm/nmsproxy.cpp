@@ -50,7 +50,8 @@ void ThrowFor(nmsClientStatus* failure, const char* function, Values... values)
 {
     const Failure held(failure);
     if (held != nullptr)
-        qelThrowNew<X>(LineOf(*held).c_str(), new (pDefMemMgr) qelXFunc(function), values...);
+        qelThrowNew<X>(LineOf(*held).c_str(), xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get(),
+                       values...);
 }
 
 // Frees a counted object that nobody has attached.
@@ -104,8 +105,9 @@ nmsServerProxy* nmsServerProxy::ConnectLocal()
 {
     nmsServerProxy* const proxy = Answering(InitLocalProxy());
     if (proxy == nullptr)
-        qelThrowNew<nmsXCantConnectLocal>("Can't connect locally",
-                                          new (pDefMemMgr) qelXFunc("nmsServerProxy::ConnectLocal"));
+        qelThrowNew<nmsXCantConnectLocal>(
+            "Can't connect locally",
+            xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc("nmsServerProxy::ConnectLocal")).get());
     return proxy;
 }
 
@@ -113,9 +115,9 @@ nmsServerProxy* nmsServerProxy::ConnectByName(const char* hostName)
 {
     nmsServerProxy* const proxy = Answering(InitProxy(hostName));
     if (proxy == nullptr)
-        qelThrowNew<nmsXCantConnectByName>("ERROR  : can't connect by name",
-                                           new (pDefMemMgr) qelXFunc("nmsServerProxy::ConnectByName"),
-                                           hostName);
+        qelThrowNew<nmsXCantConnectByName>(
+            "ERROR  : can't connect by name",
+            xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc("nmsServerProxy::ConnectByName")).get(), hostName);
     return proxy;
 }
 
@@ -150,7 +152,8 @@ xstring nmsServerProxy::GetVersion()
     const xrchandle<nmsRecord> answer(nmsRecord::Create(0));
     ThrowFor<nmsXCantGetVersion>(Version(*answer), function);
     if (!answer->HasField("Version"))
-        qelThrowNew<nmsXCantGetVersion>("ERROR  : Other", new (pDefMemMgr) qelXFunc(function));
+        qelThrowNew<nmsXCantGetVersion>("ERROR  : Other",
+                                        xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get());
     return answer->GetFieldValueByName("Version");
 }
 

@@ -102,7 +102,8 @@ void sysHandleKnownError(sysErrorCode code, const char* function, const char* va
     for (const ErrorRow& row : errors) {
         if (row.code != code || row.create == nullptr)
             continue;
-        sysXException* const failure = row.create(row.text, new (pDefMemMgr) qelXFunc(function), var);
+        sysXException* const failure =
+            row.create(row.text, xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get(), var);
         failure->Print(std::cerr);
         xdelete(failure);
     }

@@ -34,7 +34,8 @@ template<class X, class... Values>
 [[noreturn]] void reportAndExit(const char* description, const char* function, Values... values)
 {
     // Not freed: the process ends here, and the attributes may be looked at by what runs at exit.
-    auto* const failure = new (pDefMemMgr) X(description, new (pDefMemMgr) qelXFunc(function), values...);
+    auto* const failure = new (pDefMemMgr)
+        X(description, xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get(), values...);
     failure->Print(std::cerr);
     std::exit(1);
 }
