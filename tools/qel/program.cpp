@@ -11,6 +11,7 @@ void AddRegistryCommands(CLI::App& program);
 void AddFileCommands(CLI::App& program);
 void AddInfoCommand(CLI::App& program);
 void AddSelftestCommand(CLI::App& program);
+void AddTypeCommands(CLI::App& program);
 void AddCompletionCommands(CLI::App& program);
 void AddManCommand(CLI::App& program);
 
@@ -26,6 +27,7 @@ constexpr AddCommands groups[] = {
     &AddFileCommands,        // fs
     &AddInfoCommand,         // info
     &AddSelftestCommand,     // selftest
+    &AddTypeCommands,        // types
     &AddCompletionCommands,  // complete
     &AddManCommand,          // man
 };

@@ -1,0 +1,70 @@
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/qelprogram.h"
+
+namespace {
+
+bool Holds(const std::string& text, const std::string& part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+} // namespace
+
+TEST(QelTypes, ShowsTheTypesByTheirLibraries)
+{
+    const std::string all = Qel("types").output;
+    EXPECT_TRUE(Holds(all, "\nfilelib\n  NodeInfo ")) << all;
+    EXPECT_TRUE(Holds(all, "\n  XDiskFull                     structure : filelib::XException\n")) << all;
+    EXPECT_TRUE(Holds(all, "\n  intseq                        sequence of int\n")) << all;
+    const std::string files = Qel("types filelib").output;
+    EXPECT_TRUE(Holds(files, "NodeInfo"));
+    EXPECT_FALSE(Holds(files, "intseq"));
+    EXPECT_EQ(Qel("types nolib").status, 1);
+}
+
+TEST(QelTypes, ShowsAllOfOneType)
+{
+    EXPECT_EQ(Qel("types filelib::XDiskFull").output,
+              "name     filelib::XDiskFull\n"
+              "kind     structure\n"
+              "c++      fsXDiskFull\n"
+              "counted  yes\n"
+              "parents  filelib::XException\n"
+              "\n"
+              "NAME         TYPE           OPTIONAL  FROM\n"
+              "Description  string         yes       qellib::XException\n"
+              "Func         qellib::XFunc  no        qellib::XExternFunc\n"
+              "Path         string         yes       filelib::XException\n");
+    EXPECT_EQ(Qel("types filelib::OpMode").output, "name    filelib::OpMode\n"
+                                                   "kind    enumeration\n"
+                                                   "c++     fsOpMode\n"
+                                                   "labels  fsRecursive, fsSimple\n");
+    EXPECT_TRUE(Holds(Qel("types --json intseq").output, "\"element\": \"int\""));
+}
+
+TEST(QelPrint, MakesValuesOfMostTypes)
+{
+    EXPECT_EQ(Qel("print intseq 1 2").output, "intseq\n[\n  0 : 1\n  1 : 2\n]\n");
+    EXPECT_EQ(Qel("print stringdict 'a=x y'").output, "stringdict\n{\n  \"a\" : \"x y\"\n}\n");
+    EXPECT_EQ(Qel("print qellib::XNull Description=gone").output,
+              "qellib::XNull\n{\n  Description : \"gone\"\n}\n");
+    EXPECT_EQ(Qel("print filelib::OpMode fsSimple").output, "fsSimple\n");
+    EXPECT_EQ(Qel("print real 0.5").output, "0.5\n");
+    EXPECT_EQ(Qel("print string").status, 0);
+    EXPECT_TRUE(Holds(Qel("print filelib::NodeInfo").output, "Size : 0\n"));
+}
+
+TEST(QelPrint, SaysWhyThereIsNoValue)
+{
+    EXPECT_EQ(Qel("print nothing").output, "qel print: nothing: no such type\n");
+    EXPECT_EQ(Qel("print nothing").status, 1);
+    EXPECT_EQ(Qel("print int 1x").status, 2);
+    EXPECT_EQ(Qel("print intseq x").status, 2);
+    EXPECT_EQ(Qel("print intdict x").status, 2);
+    EXPECT_EQ(Qel("print filelib::OpMode fsNone").status, 2);
+    EXPECT_EQ(Qel("print qellib::XNull Nothing=1").status, 2);
+    EXPECT_EQ(Qel("print xrtti").status, 1);
+}

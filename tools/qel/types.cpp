@@ -1,0 +1,370 @@
+// qel types, qel print: the types that the library registers, and values of them.
+#include <algorithm>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include <qel/qelprint.h>
+#include <qel/qelrtti.h>
+#include <qel/qeltable.h>
+#include <qel/xdictionary.h>
+#include <qel/xrtti.h>
+#include <qel/xsequence.h>
+
+namespace {
+
+std::string TextOf(const xstring& text)
+{
+    return text == nullptr ? std::string() : text.CastToCString();
+}
+
+std::string NameOf(xrtti* type)
+{
+    return TextOf(type->getName());
+}
+
+std::vector<xrtti*> AllTypes()
+{
+    std::vector<xrtti*> types;
+    qelRttiForEach([](xrtti* type, void* all) { static_cast<std::vector<xrtti*>*>(all)->push_back(type); },
+                   &types);
+    return types;
+}
+
+std::vector<std::string> TypeNames(const Typed&)
+{
+    std::vector<std::string> names;
+    for (xrtti* const type : AllTypes())
+        names.push_back(NameOf(type));
+    return names;
+}
+
+// "filelib" of "filelib::NodeInfo"; empty for the built-in types.
+std::string LibraryOf(const std::string& name)
+{
+    const std::size_t end = name.find("::");
+    return end == std::string::npos ? std::string() : name.substr(0, end);
+}
+
+const char* KindOf(xrtti* type)
+{
+    if (qelSoftcast<xrttienum>(type) != nullptr)
+        return "enumeration";
+    if (qelSoftcast<xrttisequence>(type) != nullptr)
+        return "sequence";
+    if (qelSoftcast<xrttidictionary>(type) != nullptr)
+        return "dictionary";
+    if (qelSoftcast<xrttiarray>(type) != nullptr)
+        return "array";
+    if (qelSoftcast<xrttiunion>(type) != nullptr)
+        return "union";
+    return qelSoftcast<xrttiobject>(type) != nullptr ? "structure" : "basic";
+}
+
+// ---- one type
+
+Json Attribute(xrttiattr* attribute, xrttiobject* from)
+{
+    return {{"name", TextOf(attribute->getName())},
+            {"type", NameOf(attribute->getType())},
+            {"optional", attribute->getIsOptional() != 0},
+            {"from", NameOf(from)}};
+}
+
+// The attributes that the parents have, too; those first.
+void AddAttributes(xrttistruct* type, Json& attributes)
+{
+    for (int i = 0; i < type->getNParents(); ++i)
+        if (xrttistruct* const parent = qelSoftcast<xrttistruct>(type->getParent(i)))
+            AddAttributes(parent, attributes);
+    for (int i = 0; i < type->getNAttrs(); ++i) {
+        const Json attribute = Attribute(type->getAttr(i), type);
+        if (std::find(attributes.begin(), attributes.end(), attribute) == attributes.end())
+            attributes.push_back(attribute);
+    }
+}
+
+void AddElements(Json& described, xrtti* type, unsigned char optional)
+{
+    described["element"] = NameOf(type);
+    described["optional"] = optional != 0;
+}
+
+void AddShape(Json& described, xrttiobject* type)
+{
+    if (xrttistruct* const structure = qelSoftcast<xrttistruct>(type)) {
+        described["attributes"] = Json::array();
+        AddAttributes(structure, described["attributes"]);
+    }
+    if (xrttisequence* const sequence = qelSoftcast<xrttisequence>(type))
+        AddElements(described, sequence->getElemType(), sequence->getIsElemOptional());
+    if (xrttidictionary* const dictionary = qelSoftcast<xrttidictionary>(type))
+        AddElements(described, dictionary->getElemType(), dictionary->getIsElemOptional());
+    if (xrttiarray* const array = qelSoftcast<xrttiarray>(type)) {
+        AddElements(described, array->getElemType(), array->getIsElemOptional());
+        for (int i = 0; i < array->getNDimentions(); ++i)
+            described["extents"].push_back(array->getDimention(i));
+    }
+    if (xrttiunion* const choice = qelSoftcast<xrttiunion>(type)) {
+        described["discriminator"] = Attribute(choice->getDiscr(), type);
+        described["attributes"] = Json::array();
+        for (int i = 0; i < choice->getNLabels(); ++i)
+            if (choice->getAttr(i) != nullptr)
+                described["attributes"].push_back(Attribute(choice->getAttr(i), type));
+    }
+}
+
+Json Described(xrtti* type)
+{
+    Json described = {{"name", NameOf(type)}, {"kind", KindOf(type)}};
+    const std::string name = TextOf(qelRttiCppName(type));
+    described["c++"] = name.empty() ? Json() : Json(name);
+    if (xrttienum* const enumeration = qelSoftcast<xrttienum>(type)) {
+        described["labels"] = Json::array();
+        for (int i = 0; i < enumeration->getNValues(); ++i)
+            described["labels"].push_back(TextOf(enumeration->mapIntToString(i)));
+    }
+    if (xrttiobject* const object = qelSoftcast<xrttiobject>(type)) {
+        described["counted"] = object->getIsRefCount() != 0;
+        described["parents"] = Json::array();
+        for (int i = 0; i < object->getNParents(); ++i)
+            described["parents"].push_back(NameOf(object->getParent(i)));
+        AddShape(described, object);
+    }
+    return described;
+}
+
+// The attributes are a table below the other facts.
+std::string TypeText(const Json& described)
+{
+    Json facts = described;
+    facts.erase("attributes");
+    for (const char* const key : {"c++", "parents"})
+        if (facts.contains(key) && (facts[key].is_null() || facts[key].empty()))
+            facts.erase(key);
+    std::string text = AsText(facts);
+    if (described.contains("attributes") && !described["attributes"].empty())
+        text += '\n' + AsText(described["attributes"]);
+    return text;
+}
+
+// ---- the tree
+
+// What a line of the tree says of the type behind its kind.
+std::string IsOf(const Json& described)
+{
+    if (described.contains("element"))
+        return " of " + described["element"].get<std::string>();
+    std::string parents;
+    for (const Json& parent : described.value("parents", Json::array()))
+        parents += (parents.empty() ? " : " : ", ") + parent.get<std::string>();
+    return parents;
+}
+
+std::string Tree(const Json& types)
+{
+    std::map<std::string, std::vector<Json>> libraries;
+    std::size_t widest = 0;
+    for (const Json& type : types) {
+        const std::string name = type["name"];
+        libraries[LibraryOf(name)].push_back(type);
+        widest = std::max(widest, name.size() - (LibraryOf(name).empty() ? 0 : LibraryOf(name).size() + 2));
+    }
+    std::string text;
+    for (const auto& [library, members] : libraries) {
+        text += Bold(library.empty() ? "(no library)" : Printable(library)) + '\n';
+        for (const Json& type : members) {
+            const std::string whole = type["name"];
+            std::string name = Printable(whole.substr(library.empty() ? 0 : library.size() + 2));
+            name.resize(std::max(widest, name.size()), ' ');
+            text += "  " + name + "  " + type["kind"].get<std::string>() + IsOf(type) + '\n';
+        }
+    }
+    return text;
+}
+
+void ShowTypes(const std::string& name)
+{
+    if (xrtti* const type = name.empty() ? nullptr : qelRttiGetFromMap(name.c_str())) {
+        Show(Described(type), &TypeText);
+        return;
+    }
+    Json types = Json::array();
+    for (xrtti* const type : AllTypes())
+        if (name.empty() || LibraryOf(NameOf(type)) == name)
+            types.push_back(Described(type));
+    if (types.empty())
+        Fail(Exit::no, name, "neither a type nor a library");
+    Show(types, &Tree);
+}
+
+// ---- print
+
+[[noreturn]] void NoValue(const std::string& text, const char* type)
+{
+    Fail(Exit::usage, text, std::string("no value of the type ") + type);
+}
+
+xany BasicValue(const std::string& type, const std::string& text)
+{
+    std::istringstream stream(text);
+    if (type == "bool") {
+        if (text != "yes" && text != "no")
+            NoValue(text, "bool (yes or no)");
+        return xany(text == "yes");
+    }
+    if (type == "int") {
+        int number = 0;
+        if (!(stream >> number) || !stream.eof())
+            NoValue(text, "int");
+        return xany(number);
+    }
+    if (type == "real") {
+        double number = 0;
+        if (!(stream >> number) || !stream.eof())
+            NoValue(text, "real");
+        return xany(number);
+    }
+    return xany(text.c_str());
+}
+
+// A value of that type; where nobody gives one, something to look at.
+xany ValueOf(xrtti* type, const std::string* text)
+{
+    const std::string name = NameOf(type);
+    if (xrttienum* const enumeration = qelSoftcast<xrttienum>(type)) {
+        const int value = text == nullptr ? 0 : enumeration->mapStringToInt(text->c_str());
+        if (value == xnullint)
+            NoValue(*text, name.c_str());
+        return {value, enumeration};
+    }
+    static const std::map<std::string, std::string> samples = {
+        {"bool", "yes"}, {"int", "42"}, {"real", "3.25"}, {"string", "a text"}, {"any", "any value"}};
+    const auto sample = samples.find(name);
+    return sample == samples.end() ? xany() : BasicValue(name, text == nullptr ? sample->second : *text);
+}
+
+template<class V>
+V Unpacked(const xany& value)
+{
+    if constexpr (std::is_same_v<V, xany>)
+        return value;
+    else
+        return static_cast<V>(value);
+}
+
+// The collections of basic values are filled: a sequence with the texts, a dictionary with NAME=VALUE each.
+template<class C, class V>
+bool Fill(xobject* object, const char* element, const std::vector<std::string>& texts)
+{
+    C* const collection = qelSoftcast<C>(object);
+    if (collection == nullptr)
+        return false;
+    for (const std::string& text : texts) {
+        const std::size_t equals = text.find('=');
+        if constexpr (requires { collection->append(V()); })
+            collection->append(Unpacked<V>(BasicValue(element, text)));
+        else if (equals == std::string::npos)
+            Fail(Exit::usage, text, "not KEY=VALUE");
+        else
+            collection->set(text.substr(0, equals).c_str(),
+                            Unpacked<V>(BasicValue(element, text.substr(equals + 1))));
+    }
+    return true;
+}
+
+bool IsFilled(xobject* object, const std::vector<std::string>& texts)
+{
+    return Fill<xboolsequence, unsigned char>(object, "bool", texts) ||
+           Fill<xintsequence, int>(object, "int", texts) ||
+           Fill<xrealsequence, double>(object, "real", texts) ||
+           Fill<xstringsequence, xstring>(object, "string", texts) ||
+           Fill<xanysequence, xany>(object, "any", texts) ||
+           Fill<xbooldictionary, unsigned char>(object, "bool", texts) ||
+           Fill<xintdictionary, int>(object, "int", texts) ||
+           Fill<xrealdictionary, double>(object, "real", texts) ||
+           Fill<xstringdictionary, xstring>(object, "string", texts) ||
+           Fill<xanydictionary, xany>(object, "any", texts);
+}
+
+// Sets the attribute of the class or of a parent that has it.
+bool IsSet(xrttiobject* type, xobject* object, const std::string& name, const std::string& text)
+{
+    const qelClass* const table = qelClassOf(type);
+    if (table != nullptr)
+        for (const qelAttr& attr : table->attrs)
+            if (attr.name == name && attr.rebuild != nullptr) {
+                attr.rebuild(object, ValueOf(attr.type(), &text));
+                return true;
+            }
+    for (int i = 0; i < type->getNParents(); ++i)
+        if (IsSet(type->getParent(i), object, name, text))
+            return true;
+    return false;
+}
+
+xany ObjectOf(xrttiobject* type, const std::vector<std::string>& texts)
+{
+    const std::string name = NameOf(type);
+    const qelClass* const table = qelClassOf(type);
+    xobject* object = qelRttiCreate(name.c_str());
+    if (object == nullptr && table != nullptr && table->rebuild != nullptr)
+        object = table->rebuild(nullptr);
+    if (object == nullptr)
+        Fail(Exit::no, name, "an object of this class needs more than values");
+    const xany held(object); // frees it, when it is counted
+    if (IsFilled(object, texts))
+        return held;
+    for (const std::string& text : texts) {
+        const std::size_t equals = text.find('=');
+        if (equals == std::string::npos ||
+            !IsSet(type, object, text.substr(0, equals), text.substr(equals + 1)))
+            Fail(Exit::usage, text, "not ATTRIBUTE=VALUE, of an attribute that can be set");
+    }
+    return held;
+}
+
+void Print(const std::string& name, const std::vector<std::string>& texts)
+{
+    xrtti* const type = qelRttiGetFromMap(name.c_str());
+    if (type == nullptr)
+        Fail(Exit::no, name, "no such type");
+    xrttiobject* const object = qelSoftcast<xrttiobject>(type);
+    if (object == nullptr && texts.size() > 1)
+        Fail(Exit::usage, texts[1], "one value is enough");
+    qelPrint(object != nullptr ? ObjectOf(object, texts)
+                               : ValueOf(type, texts.empty() ? nullptr : texts.data()),
+             std::cout, 2);
+    std::cout << '\n';
+}
+
+} // namespace
+
+void AddTypeCommands(CLI::App& program)
+{
+    const auto name = std::make_shared<std::string>();
+    CLI::App& types =
+        AddCommand(program, "types", "Print the types that the library registers, or all of one",
+                   [name] { ShowTypes(*name); });
+    types.footer("qel types\tAll types, by their libraries.\n"
+                 "qel types filelib\tThose of one library.\n"
+                 "qel types filelib::NodeInfo\tOne type: its parents, its attributes, its name in C++.\n");
+    Offer(*types.add_option("name", *name, "The type, or the library")->type_name("NAME"), &TypeNames);
+    OfferJson(types);
+
+    const auto values = std::make_shared<std::vector<std::string>>();
+    CLI::App& print = AddCommand(program, "print", "Print a value of a registered type as the library does",
+                                 [name, values] { Print(*name, *values); });
+    print.footer("qel print intseq 1 2 3\tA sequence of three numbers.\n"
+                 "qel print stringdict a=one b=two\tA dictionary.\n"
+                 "qel print qellib::XNull Description=missing\tAn object with an attribute of that value.\n");
+    Offer(*print.add_option("name", *name, "The type")->type_name("NAME")->required(), &TypeNames);
+    print
+        .add_option("value", *values,
+                    "What it is made of: values, KEY=VALUE or ATTRIBUTE=VALUE (default: a sample)")
+        ->type_name("VALUE");
+}
