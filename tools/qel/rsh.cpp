@@ -215,11 +215,18 @@ void Report(const std::string& line)
 class ShellServer : public netServer
 {
 public:
-    ShellServer(btkAcceptSocket* door, const char* registered, const ServeChoices& choices)
-        : netServer(door, registered), name(choices.name.c_str()), allowed(choices.name)
+    ShellServer(btkAcceptSocket* door, const ServeChoices& choices)
+        : netServer(door, nullptr), name(choices.name.c_str()), allowed(choices.name)
     {
         setAsyncLimit(choices.sessions);
         setTimeSlice(0.1);
+    }
+
+    void RegisterByName()
+    try {
+        Register(name.CastToCString());
+    } catch (xthrowable* refusal) {
+        throw FailureOf(refusal, Exit::peer, name.CastToCString());
     }
 
 private:
@@ -298,15 +305,6 @@ void RequireAllowList(const ServeChoices& choices)
                  allowed.GetPath() + ", System or User");
 }
 
-void Register(const char* name, int port)
-{
-    capi_nmsServerProxy* const names = getNameServer(nullptr);
-    if (names == nullptr)
-        Fail(Exit::peer, name, "cannot register: no name server on this machine");
-    if (IsRegisteredWithNMS(names, name) || !RegisterWithNMS(names, port, name))
-        Fail(Exit::peer, name, "cannot register: the name server has one, or refuses it");
-}
-
 void Serve(const ServeChoices& choices)
 {
     RequireAllowList(choices);
@@ -318,10 +316,9 @@ void Serve(const ServeChoices& choices)
         !listening->Listen(choices.port, choices.interface == "*" ? nullptr : choices.interface.c_str()))
         Fail(Exit::peer, choices.interface + ", port " + std::to_string(choices.port),
              std::string("cannot listen: ") + std::strerror(errno));
+    const Owned<ShellServer> server(new (pDefMemMgr) ShellServer(listening.release(), choices));
     if (choices.isRegistered)
-        Register(choices.name.c_str(), listening->GetPortN());
-    const Owned<ShellServer> server(new (pDefMemMgr) ShellServer(
-        listening.release(), choices.isRegistered ? choices.name.c_str() : nullptr, choices));
+        server->RegisterByName();
     server->setOnIdle(&end);
     server->setOnRequest(&request);
     server->setOnAsyncRequest(&command);

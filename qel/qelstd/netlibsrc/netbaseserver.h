@@ -141,6 +141,11 @@ protected:
         }));
     }
 
+    /// Registers the server with the name server of this machine until its end; null or xnullstr: does
+    /// nothing. Once at most.
+    /// @throws netXException  as Create
+    void Register(const char* name);
+
     /// How long a new connection may be silent before it is closed. Until its first byte has come it waits
     /// beside the others, at most 64 of them, and delays nobody; the oldest is closed for one more. 0, as at
     /// first: connections are served at once, as clients need it that wait for the server to speak first.
@@ -161,7 +166,6 @@ private:
 
     static netBaseServer* Make(const char* name, int port, Maker make);
     static Loop* MakeLoop(netBaseServer* server, btkAcceptSocket* listening);
-    void Register(const char* name);
     void Unregister() noexcept;
 
     netBaseServer_OnRequest_cb* onRequest = nullptr;
