@@ -5,7 +5,10 @@
 #include <gtest/gtest.h>
 
 #include "support/environment.h"
+#include "support/nameserver.h"
 #include "support/qelprogram.h"
+#include <qel/base/btksocket.h>
+#include <qel/netaddress.h>
 
 namespace {
 
@@ -78,4 +81,26 @@ TEST(QelNs, RefusesWrongArguments)
               "qel ns register: field: not NAME=VALUE: a (see qel ns register --help)\n");
     EXPECT_EQ(Qel("ns serve --help").status, 0);
     EXPECT_EQ(Qel("ns serve --interface nowhere.invalid --port 0").status, 3);
+}
+
+TEST(QelNs, WaitsForAServer)
+{
+    const TestNameServer names;
+    EXPECT_EQ(Qel("ns wait --timeout 0.1 late").output, "qel ns wait: late: no server of that name\n");
+    EXPECT_EQ(Qel("ns wait --timeout 0.1 late").status, 1);
+
+    RunningQel waiting({"ns", "wait", "late", "--timeout", "20"});
+    EXPECT_FALSE(btkIsReadable(waiting.output.Get(), btkTimeval(0.2))); // its end would be readable
+    ASSERT_TRUE(RegisterWithNMS(getNameServer(nullptr), 4000, "late"));
+    EXPECT_EQ(waiting.child.wait(), 0);
+}
+
+TEST(QelNs, WaitingWithoutANameServerFails)
+{
+    const int port = [] {
+        btkAcceptSocket free;
+        return free.Listen(0, "127.0.0.1") ? free.GetPortN() : 0;
+    }();
+    const EnvSetting nobody("VRXNMSPORT", std::to_string(port).c_str());
+    EXPECT_EQ(Qel("ns wait --timeout 0.1 late").status, 3);
 }

@@ -2,9 +2,11 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "support/nameserver.h"
 #include "support/qelprogram.h"
+#include "support/tempdir.h"
 #include <qel/base/btksocket.h>
 #include <qel/netaddress.h>
 
@@ -90,4 +92,30 @@ TEST(QelServer, SaysThatThereIsNone)
     EXPECT_EQ(Qel("server ping nobody").output, without);
     EXPECT_EQ(Qel("server ping nobody").status, 3);
     EXPECT_EQ(Qel("server ping").status, 2);
+}
+
+TEST(QelServer, ChecksWhoMayConnect)
+{
+    const TempDir dir;
+    const EnvSetting registry("QELSTD_REGISTRY", dir.path("store").c_str());
+    const TestNameServer names;
+    ASSERT_TRUE(RegisterWithNMS(getNameServer(nullptr), 4000, "open"));
+    EXPECT_EQ(Qel("reg set --system 'Software\\VRX\\narrow' ConnectionAllowed '10.1.* 10.2.0.1'").status, 0);
+    EXPECT_EQ(Qel("reg set --user 'Software\\VRX\\shut' ConnectionAllowed ''").status, 0);
+
+    EXPECT_EQ(Qel("server check narrow shut").status, 0);
+    EXPECT_EQ(Qel("server check open").status, 1);
+    const Outcome all = Qel("server check --json");
+    EXPECT_EQ(all.status, 1);
+    const auto rights = nlohmann::json::parse(all.output);
+    ASSERT_EQ(rights.size(), 3u) << all.output;
+    EXPECT_EQ(rights[0]["server"], "narrow");
+    EXPECT_EQ(rights[0]["admits"], "these");
+    EXPECT_EQ(rights[0]["system"], nlohmann::json({"10.1.*", "10.2.0.1"}));
+    EXPECT_EQ(rights[1]["admits"], "everybody");
+    EXPECT_EQ(rights[2]["admits"], "nobody");
+
+    const auto dotted = nlohmann::json::parse(Qel("server check --json files.old").output);
+    EXPECT_EQ(dotted[0]["restrictable"], false);
+    EXPECT_EQ(dotted[0]["admits"], "everybody");
 }

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "commands.h"
+#include "program.h"
 #include <qel/base/nmsclient.h>
 #include <qel/base/nmsserver.h>
 #include <qel/filelib.h>
@@ -16,23 +17,19 @@ Json Text(const xstring& text)
     return text == nullptr ? Json() : Json(text.CastToCString());
 }
 
-// The variables that the library and this program look at.
-constexpr const char* variables[] = {
-    "VRXNMSPORT", "QELSTD_REGISTRY", "QELSTD_DRIVE_C", "XDG_CONFIG_HOME",
-    "HOME",       "HOMEDRIVE",       "HOMEPATH",       "NO_COLOR",
-};
-
 Json Environment()
 {
     Json set = Json::object();
-    for (const char* const name : variables)
-        if (const xstring value = sysGetEnv(name); !(value == nullptr))
-            set[name] = Text(value);
-    for (char drive = 'D'; drive <= 'Z'; ++drive) {
-        const std::string name = std::string("QELSTD_DRIVE_") + drive;
+    const auto add = [&set](const std::string& name) {
         if (const xstring value = sysGetEnv(name.c_str()); !(value == nullptr))
             set[name] = Text(value);
-    }
+    };
+    for (const VariableHelp& variable : environmentHelp)
+        add(variable.name);
+    for (char drive = 'D'; drive <= 'Z'; ++drive)
+        add(std::string("QELSTD_DRIVE_") + drive);
+    for (const char* const name : {"XDG_CONFIG_HOME", "HOME", "HOMEDRIVE", "HOMEPATH"})
+        add(name);
     return set;
 }
 

@@ -1,9 +1,12 @@
 // qel ns: the name server, and its clients.
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "commands.h"
@@ -107,6 +110,12 @@ struct AskChoices
     }
 };
 
+void AddHost(CLI::App& command, AskChoices& choices)
+{
+    command.add_option("--host", choices.host, "Machine of the name server (default: this one)")
+        ->type_name("HOST");
+}
+
 void Require(const AskChoices& choices, capi_nmsError* answered)
 {
     const nmsOwnedError error(answered);
@@ -207,6 +216,56 @@ void Shutdown(const AskChoices& choices)
     Require(choices, nmsServShutdown(choices.Connect().get()));
 }
 
+// ---- waiting for a server
+
+struct WaitChoices
+{
+    AskChoices query;
+    std::string name;
+    double seconds = 30;
+};
+
+// Whether a server of that name is registered. A name server that is not there yet counts as no.
+bool IsThere(const AskChoices& query, bool isLast)
+{
+    try {
+        return !Matching(query).empty();
+    } catch (const CommandFailed& failed) {
+        if (isLast || failed.status != Exit::peer)
+            throw;
+        return false;
+    }
+}
+
+void Wait(WaitChoices& choices)
+{
+    choices.query.fields = {"_ServerName=" + choices.name};
+    const btkTimeval end = btkTimeval::Now() + btkTimeval(choices.seconds);
+    for (;;) {
+        const bool isLast = btkTimeval::Now() >= end;
+        if (IsThere(choices.query, isLast))
+            return;
+        if (isLast)
+            Fail(Exit::no, choices.name, "no server of that name");
+        const btkTimeval pause = std::min(btkTimeval(0.05), end - btkTimeval::Now());
+        std::this_thread::sleep_for(std::chrono::duration<double>(pause.ToSeconds()));
+    }
+}
+
+void AddWait(CLI::App& group)
+{
+    const auto choices = std::make_shared<WaitChoices>();
+    CLI::App& wait = AddCommand(group, "wait", "Wait until a server of that name is registered",
+                                [choices] { Wait(*choices); });
+    wait.add_option("server", choices->name, "Name of the server")->type_name("SERVER")->required();
+    wait.add_option("--timeout", choices->seconds,
+                    "Time after which the answer is no, or without a name server a failure")
+        ->type_name("SECONDS")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    AddHost(wait, choices->query);
+}
+
 // ---- what the completion offers
 
 std::vector<nmsFields> RecordsAtOnce()
@@ -261,8 +320,7 @@ void AddAsk(CLI::App& group, const AskCommand& command)
     const auto choices = std::make_shared<AskChoices>();
     CLI::App& ask =
         AddCommand(group, command.name, command.help, [choices, run = command.ask] { run(*choices); });
-    ask.add_option("--host", choices->host, "Machine of the name server (default: this one)")
-        ->type_name("HOST");
+    AddHost(ask, *choices);
     if (command.fields != AskCommand::NoFields) {
         const auto isField = [](const std::string& text) {
             return text.find('=') == std::string::npos ? "not NAME=VALUE: " + text : std::string();
@@ -299,8 +357,10 @@ void AddNameServiceCommands(CLI::App& program)
                   {"qel ns list", "All records: which process, and what it has said of itself."},
                   {"qel ns query --json _ServerName=files", "Where the server \"files\" is, for a program."},
                   {"qel ns register _ServerName=files _PortNumber=4000",
-                   "Make a server known that cannot do it itself."}});
+                   "Make a server known that cannot do it itself."},
+                  {"qel ns wait files --timeout 10", "Go on once the server \"files\" is there."}});
     AddServe(group);
     for (const AskCommand& command : askCommands)
         AddAsk(group, command);
+    AddWait(group);
 }

@@ -175,22 +175,19 @@ struct ServeChoices
 class AllowLists
 {
 public:
-    explicit AllowLists(const std::string& name) : path("Software\\VRX\\" + name) {}
+    explicit AllowLists(std::string name) : server(std::move(name)) {}
 
-    bool IsPossible() const { return hmxRegistry::User().root.IsKeyValid(path.c_str()); }
+    bool IsPossible() const { return IsConnectionRestrictable(server.c_str()); }
     /// Whether there is one that does not admit everybody.
     bool Restrict() const { return Restricts(hmxRegistry::System()) || Restricts(hmxRegistry::User()); }
-    const std::string& GetPath() const { return path; }
+    std::string GetPath() const { return netRightsPath + server; }
 
 private:
     bool Restricts(hmxRegistry& registry) const
     {
-        hmxRegistryKey key;
-        const xstring value =
-            key.Open(registry.root, path.c_str()) ? key.GetValue("ConnectionAllowed") : xstring();
-        if (value == nullptr)
+        const xrchandle<xstringsequence> patterns = ReadConnectionPatterns(registry, server.c_str());
+        if (!patterns)
             return false;
-        const xrchandle<xstringsequence> patterns = SplitPatternList(value);
         for (int i = 0; i < patterns->getarraysize(); ++i)
             if (std::strcspn(patterns->get(i).CastToCString(), "0123456789") ==
                 patterns->get(i).GetMBSize() - 1)
@@ -198,7 +195,7 @@ private:
         return true;
     }
 
-    std::string path;
+    std::string server;
 };
 
 // On the standard error output, which may have no reader any more.

@@ -1,10 +1,14 @@
 // qel server: what every versioned server answers, whatever it serves.
 #include <memory>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "commands.h"
 #include <qel/base/nethandshake.h>
+#include <qel/hmxregistry.h>
 #include <qel/netaddress.h>
+#include <qel/netrights.h>
 
 namespace {
 
@@ -72,6 +76,86 @@ void Shutdown(const Address& address)
     Ask(address, netRequestCode::shutdown, socket);
 }
 
+// ---- who may connect
+
+// The patterns of one root; null where there is no value, which admits everybody.
+Json PatternsOf(hmxRegistry& registry, const std::string& server)
+{
+    const xrchandle<xstringsequence> patterns = ReadConnectionPatterns(registry, server.c_str());
+    if (!patterns)
+        return {};
+    Json list = Json::array();
+    for (int i = 0; i < patterns->getarraysize(); ++i)
+        list.push_back(patterns->get(i).CastToCString());
+    return list;
+}
+
+const char* AdmittedBy(const Json& patterns)
+{
+    return patterns.is_null() ? "everybody" : patterns.empty() ? "nobody" : "these";
+}
+
+Json RightsOf(const std::string& server)
+{
+    Json rights;
+    rights["server"] = server;
+    rights["restrictable"] = IsConnectionRestrictable(server.c_str());
+    const bool isKey = rights["restrictable"];
+    const Json system = isKey ? PatternsOf(hmxRegistry::System(), server) : Json();
+    const Json user = isKey ? PatternsOf(hmxRegistry::User(), server) : Json();
+    rights["admits"] = AdmittedBy(system.is_null() ? user : user.is_null() || system.empty() ? system : user);
+    rights["system"] = system;
+    rights["user"] = user;
+    return rights;
+}
+
+// The servers that are named in the registry and those that the name server knows.
+std::set<std::string> AllServers()
+{
+    std::set<std::string> names;
+    for (const std::string& name : ServerNames())
+        names.insert(name);
+    for (hmxRegistry* const registry : {&hmxRegistry::System(), &hmxRegistry::User()}) {
+        hmxRegistryKey key;
+        const std::string path(netRightsPath);
+        if (!key.Open(registry->root, path.substr(0, path.size() - 1).c_str()))
+            continue;
+        const xrchandle<xstringsequence> subkeys = key.ListSubkeys();
+        for (int i = 0; subkeys && i < subkeys->getarraysize(); ++i)
+            names.insert(subkeys->get(i).CastToCString());
+    }
+    return names;
+}
+
+void Check(const std::vector<std::string>& servers)
+{
+    Json all = Json::array();
+    bool isRestricted = true;
+    const std::set<std::string> named(servers.begin(), servers.end());
+    for (const std::string& server : named.empty() ? AllServers() : named) {
+        all.push_back(RightsOf(server));
+        isRestricted = isRestricted && all.back()["admits"] != "everybody";
+    }
+    Show(all);
+    if (!isRestricted)
+        AnswerNo();
+}
+
+void AddCheck(CLI::App& group)
+{
+    const auto servers = std::make_shared<std::vector<std::string>>();
+    CLI::App& check = AddCommand(group, "check",
+                                 "Print which machines a server admits, by the registry of this one, and "
+                                 "whether that can be restricted at all; the answer is no when one admits "
+                                 "everybody. Programs of its own machine are always admitted",
+                                 [servers] { Check(*servers); });
+    check
+        .add_option("server", *servers,
+                    "Names of servers (default: those in the registry, and those that the name server knows)")
+        ->type_name("SERVER");
+    OfferJson(check);
+}
+
 struct Command
 {
     const char* name;
@@ -91,7 +175,8 @@ void AddServerCommands(CLI::App& program)
         AddGroup(program, "server", "A server that is registered with a name server",
                  {{"qel server ping files", "Whether the server \"files\" of this machine answers."},
                   {"qel server version files@lab2", "What the one on the machine lab2 says of its version."},
-                  {"qel server shutdown files", "Ask it to stop; it may refuse."}});
+                  {"qel server shutdown files", "Ask it to stop; it may refuse."},
+                  {"qel server check", "Which machines may connect to which server."}});
     for (const Command& command : commands) {
         const auto address = std::make_shared<Address>();
         const auto whole = std::make_shared<std::string>();
@@ -109,4 +194,5 @@ void AddServerCommands(CLI::App& program)
         if (command.run == &PrintVersion)
             OfferJson(added);
     }
+    AddCheck(group);
 }

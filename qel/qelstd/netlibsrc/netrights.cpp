@@ -10,29 +10,33 @@
 
 namespace {
 
-enum Verdict { noValue, matches, refused };
-
 // Where the registry could not be asked, nobody can tell that there is no value: a peer that uses up the
 // descriptors is not to be admitted for it, nor is everybody because a file is damaged.
-Verdict WithoutValue()
+bool IsWithoutValue()
 {
     constexpr DWORD unknown[] = {ERROR_TOO_MANY_OPEN_FILES, ERROR_NOT_ENOUGH_MEMORY, ERROR_ACCESS_DENIED,
                                  ERROR_IO_DEVICE, ERROR_FILE_CORRUPT};
-    return std::ranges::find(unknown, GetLastError()) != std::end(unknown) ? refused : noValue;
+    return std::ranges::find(unknown, GetLastError()) == std::end(unknown);
 }
 
-Verdict Ask(hmxRegistry& registry, const xstring& path, const xstring& address)
+bool Admits(hmxRegistry& registry, const xstring& server, const xstring& address)
 {
-    hmxRegistryKey key;
-    if (!key.Open(registry.root, path.CastToCString()))
-        return WithoutValue();
-    const xstring value = key.GetValue("ConnectionAllowed");
-    if (value == nullptr)
-        return WithoutValue();
-    return MatchAnyPattern(address, SplitPatternList(value)) ? matches : refused;
+    const xrchandle<xstringsequence> patterns = ReadConnectionPatterns(registry, server);
+    return !patterns || MatchAnyPattern(address, patterns);
 }
 
 } // namespace
+
+xrchandle<xstringsequence> ReadConnectionPatterns(hmxRegistry& registry, xstring serverName)
+{
+    const xstring path(netRightsPath, serverName.CastToCString());
+    hmxRegistryKey key;
+    const xstring value =
+        key.Open(registry.root, path.CastToCString()) ? key.GetValue("ConnectionAllowed") : xstring(nullptr);
+    if (value == nullptr && IsWithoutValue())
+        return nullptr;
+    return SplitPatternList(value);
+}
 
 bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName)
 {
@@ -42,9 +46,8 @@ bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName)
     static hmxRegistry& system = hmxRegistry::System();
     static hmxRegistry& user = hmxRegistry::User();
 
-    const xstring path("Software\\VRX\\", serverName.CastToCString());
     const xstring address(socket->GetPeerAddrStr().c_str());
-    return Ask(system, path, address) != refused && Ask(user, path, address) != refused;
+    return Admits(system, serverName, address) && Admits(user, serverName, address);
 }
 
 bool IsConnectionRestrictable(xstring serverName)

@@ -3,6 +3,7 @@
 #include <qel/xsequence.h>
 
 class btkStreamSocket;
+class hmxRegistry;
 
 // Who may connect to a server: the value "ConnectionAllowed" of the registry key "Software\VRX\" + the
 // server's name holds patterns of addresses, under the system root and under the user's. A peer must match a
@@ -13,6 +14,12 @@ class btkStreamSocket;
 /// Whether the peer of `socket` may connect to the server of that name. A null or empty name has no rights:
 /// true.
 QEL_API bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName);
+/// The key of a server's rights is this and its name.
+inline constexpr const char* netRightsPath = "Software\\VRX\\";
+/// The patterns that one root of the registry has for a server of that name, as a new sequence. A null handle
+/// when there is no value, so that this root admits everybody; an empty one admits nobody, which is so where
+/// the value cannot be read, too.
+QEL_API xrchandle<xstringsequence> ReadConnectionPatterns(hmxRegistry& registry, xstring serverName);
 /// Whether the rights of a server of that name can be set at all: the name is a key of the registry.
 QEL_API bool IsConnectionRestrictable(xstring serverName);
 /// The words of `value`, which blanks, tabs and line feeds separate, as a new sequence.
