@@ -72,6 +72,8 @@ void Show(const Json& result, const std::function<std::string(const Json&)>& asT
 std::string AsText(const Json& result);
 /// A text from elsewhere without what a terminal would obey; tabs and line ends go too.
 std::string Printable(std::string_view text);
+/// The text, made as long as `width` characters with blanks behind it.
+std::string Padded(const std::string& text, std::size_t width);
 /// The text in bold where the standard output is a terminal that is to have colours, else as it is.
 std::string Bold(const std::string& text);
 /// Whether the standard output is a terminal, and the environment asks for no plain output (NO_COLOR).

@@ -55,11 +55,6 @@ std::size_t WidthOf(const std::string& text)
         std::count_if(text.begin(), text.end(), [](unsigned char c) { return (c & 0xC0U) != 0x80U; }));
 }
 
-std::string Padded(const std::string& text, std::size_t width)
-{
-    return text + std::string(width - std::min(width, WidthOf(text)), ' ');
-}
-
 struct Column
 {
     std::string name;
@@ -161,6 +156,11 @@ CommandFailed FailureOf(xthrowable* caught, Exit status, const std::string& what
 }
 
 // ---- answering
+
+std::string Padded(const std::string& text, std::size_t width)
+{
+    return text + std::string(width - std::min(width, WidthOf(text)), ' ');
+}
 
 bool HasColours()
 {

@@ -6,6 +6,7 @@
 void AddNameServiceCommands(CLI::App& program);
 void AddServerCommands(CLI::App& program);
 void AddRemoteShellCommands(CLI::App& program);
+void AddMonitorCommands(CLI::App& program);
 void AddConfigCommands(CLI::App& program);
 void AddRegistryCommands(CLI::App& program);
 void AddFileCommands(CLI::App& program);
@@ -22,6 +23,7 @@ constexpr AddCommands groups[] = {
     &AddNameServiceCommands, // ns
     &AddServerCommands,      // server
     &AddRemoteShellCommands, // rsh
+    &AddMonitorCommands,     // mon
     &AddConfigCommands,      // conf
     &AddRegistryCommands,    // reg
     &AddFileCommands,        // fs

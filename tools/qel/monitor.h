@@ -1,0 +1,30 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include <qel/xmonlib.h>
+
+// What the commands that work on monitor files share.
+
+using Monitor = std::unique_ptr<monFile, qelDelete>;
+
+/// Opens the file; ends the program when that fails.
+Monitor OpenMonitor(const std::string& path);
+/// The parameters, new ones too, in the order of their names.
+std::vector<monParam*> ParametersOf(monFile& file);
+/// Ends the program (the answer is no) when there is no such parameter.
+monParam& ParameterOf(monFile& file, const std::string& path, const std::string& name);
+/// "bool", "int", "real" or "string".
+const char* KindOf(monParam& parameter);
+/// The value as it is now; null for the library's null and uninit.
+Json ValueOf(monParam& parameter);
+/// The names of the parameters in the file that is the first argument, for the completion.
+std::vector<std::string> KnownParameters(const Typed& typed);
+/// Gives a command the argument FILE.
+void AddMonitorFile(CLI::App& command, std::string& path);
+
+/// Adds `watch` and `plot`. monwatch.cpp
+void AddWatchCommands(CLI::App& group);

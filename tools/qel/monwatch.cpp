@@ -1,0 +1,343 @@
+// qel mon watch and plot: what a monitor file says over a time.
+#include <algorithm>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <sstream>
+
+#include "monitor.h"
+#include <qel/base/btkfd.h>
+#include <qel/iopipe.h>
+#include <qel/pcinterrupt.h>
+#include <qel/pcprocess.h>
+#include <qel/qelexception.h>
+
+namespace {
+
+template<class T>
+using Owned = std::unique_ptr<T, qelDelete>;
+
+struct Choices
+{
+    std::string path;
+    std::vector<std::string> names; // empty: all
+    double interval = 1;
+    int count = 0; // 0: until the user interrupts
+    bool isOnce = false;
+    bool asCsv = false;
+    bool asJson = false;
+    std::string picture; // empty: the terminal
+};
+
+// What a file says at one moment.
+struct Sample
+{
+    double time = 0; // seconds since 1970-01-01 00:00 UTC
+    std::string title;
+    std::string problem; // why there are no values
+    Json values = Json::object();
+};
+
+// Who publishes may begin the file anew at any time, or not have begun it yet: then it is opened again.
+class Watcher
+{
+public:
+    explicit Watcher(const Choices& watched) : choices(watched)
+    {
+        if (choices.isOnce)
+            file = OpenMonitor(choices.path);
+    }
+
+    Sample Take()
+    {
+        Sample sample;
+        const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
+        sample.time = now.count();
+        try {
+            if (file == nullptr)
+                file.reset(monFile::Open(choices.path.c_str()));
+            if (file == nullptr)
+                sample.problem = "not there yet";
+            else
+                Read(sample);
+        } catch (xthrowable* thrown) {
+            sample.problem = FailureOf(thrown).why;
+            sample.values = Json::object();
+            file.reset();
+        }
+        if (choices.isOnce && !sample.problem.empty())
+            Fail(Exit::peer, choices.path, sample.problem);
+        return sample;
+    }
+
+private:
+    void Read(Sample& sample)
+    {
+        sample.title = Printable(file->getTitle().CastToCString());
+        for (monParam* const parameter : ParametersOf(*file)) {
+            const std::string name = parameter->getName().CastToCString();
+            if (choices.names.empty() ||
+                std::find(choices.names.begin(), choices.names.end(), name) != choices.names.end())
+                sample.values[name] = ValueOf(*parameter);
+        }
+        for (const std::string& name : choices.names)
+            if (choices.isOnce && !sample.values.contains(name))
+                Fail(Exit::no, choices.path + ", " + name, "no such parameter");
+    }
+
+    const Choices& choices;
+    Monitor file;
+};
+
+// Hands over one sample after the other until the count is reached or the user interrupts.
+void ForEachSample(const Choices& choices, const std::function<void(const Sample&)>& take)
+{
+    Watcher watcher(choices);
+    const Owned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
+    const btkTimeval start = btkTimeval::Now();
+    const int count = choices.isOnce ? 1 : choices.count;
+    for (int taken = 1;; ++taken) {
+        take(watcher.Take());
+        if (taken == count)
+            return;
+        const btkTimeval next = start + btkTimeval(choices.interval * taken);
+        if (interrupt != nullptr && interrupt->Wait((next - btkTimeval::Now()).ToSeconds()) != 0)
+            return;
+    }
+}
+
+// The value as a number, if it is one.
+const double* NumberIn(const Json& value, double& number)
+{
+    if (!value.is_number() && !value.is_boolean())
+        return nullptr;
+    number = value.is_boolean() ? static_cast<double>(value.get<bool>()) : value.get<double>();
+    return &number;
+}
+
+// ---- the forms of a sample
+
+std::string InQuotes(const std::string& text, char quote)
+{
+    std::string quoted(1, quote);
+    for (const char c : text)
+        quoted.append(c == quote ? 2 : 1, c);
+    return quoted + quote;
+}
+
+std::string CsvField(const Json& value)
+{
+    const std::string text = value.is_null()     ? std::string()
+                             : value.is_string() ? value.get<std::string>()
+                                                 : value.dump();
+    return text.find_first_of(",\"\r\n") == std::string::npos ? text : InQuotes(text, '"');
+}
+
+std::string TimeText(const Sample& sample)
+{
+    std::ostringstream text;
+    text.precision(3);
+    text << std::fixed << sample.time;
+    return text.str();
+}
+
+void PrintCsv(const Sample& sample)
+{
+    for (const auto& [name, value] : sample.values.items())
+        std::cout << TimeText(sample) << ',' << CsvField(name) << ',' << CsvField(value) << '\n';
+    std::cout.flush();
+}
+
+void PrintJson(const Sample& sample)
+{
+    Json line;
+    line["time"] = std::stod(TimeText(sample));
+    line["title"] = sample.title;
+    line["values"] = sample.values;
+    if (!sample.problem.empty())
+        line["problem"] = sample.problem;
+    std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
+}
+
+void PrintText(const Sample& sample)
+{
+    Json rows = Json::array();
+    for (const auto& [name, value] : sample.values.items())
+        rows.push_back({{"name", name}, {"value", value}});
+    std::cout << (sample.problem.empty() ? AsText(rows) : sample.problem + '\n') << std::flush;
+}
+
+// A table that changes in place, each number with a line of what it was.
+class Screen
+{
+public:
+    explicit Screen(const std::string& watched) : path(watched) {}
+
+    void Show(const Sample& sample)
+    {
+        std::string screen = "\x1b[H" + Bold(sample.title.empty() ? path : sample.title) + "\x1b[K\n";
+        if (!sample.problem.empty())
+            screen += path + ": " + sample.problem + "\x1b[K\n";
+        for (const auto& [name, value] : sample.values.items()) {
+            std::deque<double>& past = history[name];
+            double number = 0;
+            if (NumberIn(value, number) != nullptr) {
+                past.push_back(number);
+                if (past.size() > historyWidth)
+                    past.pop_front();
+            }
+            std::string cell = AsText(value);
+            cell.erase(cell.find_last_not_of('\n') + 1);
+            screen += Padded(Printable(name), nameWidth) + "  " + Padded(cell, valueWidth) + "  " +
+                      LineOf(past) + "\x1b[K\n";
+        }
+        std::cout << screen << "\x1b[J" << std::flush;
+    }
+
+private:
+    static constexpr std::size_t nameWidth = 28;
+    static constexpr std::size_t valueWidth = 22;
+    static constexpr std::size_t historyWidth = 24;
+
+    static std::string LineOf(const std::deque<double>& past)
+    {
+        static constexpr const char* heights[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+        if (past.empty())
+            return {};
+        const auto [least, most] = std::minmax_element(past.begin(), past.end());
+        std::string line;
+        for (const double value : past) {
+            const double part = *most > *least ? (value - *least) / (*most - *least) : 0.5;
+            line += heights[static_cast<int>(part * 7.5)];
+        }
+        return line;
+    }
+
+    std::string path;
+    std::map<std::string, std::deque<double>> history;
+};
+
+void Watch(const Choices& choices)
+{
+    if (choices.asCsv)
+        std::cout << "time,name,value\n";
+    if (choices.asCsv || choices.asJson) {
+        ForEachSample(choices, choices.asCsv ? &PrintCsv : &PrintJson);
+    } else if (HasColours() && !choices.isOnce) {
+        Screen screen(choices.path);
+        std::cout << "\x1b[2J";
+        ForEachSample(choices, [&](const Sample& sample) { screen.Show(sample); });
+    } else {
+        ForEachSample(choices, &PrintText);
+    }
+}
+
+// ---- a chart
+
+using Curve = std::vector<std::pair<double, double>>; // seconds since the first sample, and the value
+
+std::string ScriptFor(const std::map<std::string, Curve>& curves, const std::string& title,
+                      const std::string& picture)
+{
+    std::ostringstream script;
+    script << (picture.empty() ? "set terminal dumb 79 24 noenhanced\n"
+                               : "set terminal svg size 900,450 noenhanced background 'white'\nset output " +
+                                     InQuotes(picture, '\'') + '\n');
+    script << "set title " << InQuotes(Printable(title), '\'')
+           << "\nset xlabel 'seconds'\nset key below\nplot ";
+    const char* separator = "";
+    for (const auto& [name, curve] : curves) {
+        script << separator << "'-' using 1:2 with lines title " << InQuotes(Printable(name), '\'');
+        separator = ", ";
+    }
+    script << '\n';
+    script.precision(10);
+    for (const auto& [name, curve] : curves) {
+        for (const auto& [time, value] : curve)
+            script << time << ' ' << value << '\n';
+        script << "e\n";
+    }
+    return script.str();
+}
+
+// Has gnuplot draw it, on the standard output or into the file that the script names.
+void Draw(const std::string& script)
+{
+    try {
+        const Owned<ioPipe> pipe(ioPipe::Create());
+        if (pipe == nullptr)
+            Fail(Exit::peer, "gnuplot", "no pipe is left");
+        const Owned<pcProcess> drawing(
+            pcProcess::Create("gnuplot", nullptr, pipe->getReadEnd(), nullptr, nullptr, 0, 0));
+        const Owned<pcEvent> end(drawing->ExitEvent());
+        pipe->getWriteEnd()->WriteBytes(script.data(), static_cast<unsigned>(script.size()));
+        pipe->getWriteEnd()->Close();
+        end->Wait(INFINITE);
+        if (drawing->GetExitCode() != 0)
+            Fail(Exit::peer, "gnuplot", "ended with " + std::to_string(drawing->GetExitCode()));
+    } catch (xthrowable* thrown) {
+        throw FailureOf(thrown, Exit::peer, "gnuplot");
+    }
+}
+
+void Plot(const Choices& choices)
+{
+    std::map<std::string, Curve> curves;
+    std::string title = choices.path;
+    double start = 0;
+    ForEachSample(choices, [&](const Sample& sample) {
+        if (start == 0)
+            start = sample.time;
+        if (!sample.title.empty())
+            title = sample.title;
+        for (const auto& [name, value] : sample.values.items())
+            if (double number = 0; NumberIn(value, number) != nullptr)
+                curves[name].emplace_back(sample.time - start, number);
+    });
+    if (curves.empty())
+        Fail(Exit::no, choices.path, "no numbers to draw");
+    Draw(ScriptFor(curves, title, choices.picture));
+}
+
+// What both commands take.
+void AddSampling(CLI::App& command, Choices& choices, const char* countHelp)
+{
+    AddMonitorFile(command, choices.path);
+    Offer(*command.add_option("parameter", choices.names, "Names of parameters (default: all)")
+               ->type_name("NAME"),
+          &KnownParameters);
+    command.add_option("--interval", choices.interval, "Time between samples")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.01, 86400.0).description(""))
+        ->capture_default_str();
+    command.add_option("--count", choices.count, countHelp)
+        ->type_name("COUNT")
+        ->check(CLI::Range(1, 1000000).description(""));
+}
+
+} // namespace
+
+void AddWatchCommands(CLI::App& group)
+{
+    const auto watched = std::make_shared<Choices>();
+    CLI::App& watch = AddCommand(group, "watch",
+                                 "Show the values as they change: on a terminal in place, each number with a "
+                                 "line of what it was, else as a table for each sample",
+                                 [watched] { Watch(*watched); });
+    AddSampling(watch, *watched, "Samples to be taken (default: until Ctrl-C)");
+    watch.add_flag("--once", watched->isOnce, "Take one sample, which has to be there");
+    CLI::Option* const csv =
+        watch.add_flag("--csv", watched->asCsv, "A line for each value: time,name,value; time is since 1970");
+    watch.add_flag("--json", watched->asJson, "A line of JSON for each sample")->excludes(csv);
+
+    const auto plotted = std::make_shared<Choices>();
+    plotted->count = 60;
+    CLI::App& plot =
+        AddCommand(group, "plot", "Take samples and draw the numbers over the time, with the program gnuplot",
+                   [plotted] { Plot(*plotted); });
+    AddSampling(plot, *plotted, "Samples to be taken (default: 60); Ctrl-C ends it early");
+    plot.add_option("--svg", plotted->picture, "Draw into this file (default: with characters)")
+        ->type_name("FILE");
+}
