@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "failure.h"
 #include "support/descriptors.h"
 #include "support/nameserver.h"
 #include "support/testserver.h"
@@ -27,22 +28,6 @@ Owned<netSocketStream> connectTo(netBaseServer& server)
 {
     const xrchandle<netAddress> address(netAddress::Create(server.getPortN(), nullptr));
     return Owned<netSocketStream>(netBaseServer::Connect(address.get(), 10.0));
-}
-
-// The failure's code and text.
-template<typename Action>
-std::string failureOf(Action action)
-{
-    try {
-        action();
-    } catch (xthrowable* thrown) {
-        std::string text;
-        if (netXException* const failure = netXException::softcast(thrown))
-            text = std::to_string(failure->getError()) + " " + failure->getMsg().CastToCString();
-        xdelete(thrown);
-        return text;
-    }
-    return {};
 }
 
 bool isListened(int port)

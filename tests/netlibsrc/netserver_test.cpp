@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "failure.h"
 #include "support/addresses.h"
 #include "support/child.h"
 #include "support/descriptors.h"
@@ -55,22 +56,6 @@ std::string answerTo(int port, const std::string& bytes, bool endsOutput = false
     std::string answer(1000, '\0');
     answer.resize(socket.RecvAll(answer.data(), answer.size()));
     return answer;
-}
-
-// The failure's code and text.
-template<typename Action>
-std::string failureOf(Action action)
-{
-    try {
-        action();
-    } catch (xthrowable* thrown) {
-        std::string text;
-        if (netXException* const failure = netXException::softcast(thrown))
-            text = std::to_string(failure->getError()) + " " + failure->getMsg().CastToCString();
-        xdelete(thrown);
-        return text;
-    }
-    return {};
 }
 
 constexpr const char* refused = "3 Connection refused due to lack of rights";

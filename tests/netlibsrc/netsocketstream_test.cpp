@@ -5,6 +5,7 @@
 #include <string>
 #include <thread>
 
+#include "failure.h"
 #include "support/socketpair.h"
 #include <qel/base/nmsclient.h>
 #include <qel/base/nmsserver.h>
@@ -33,25 +34,6 @@ struct Streams : SocketPair
     Stream out = streamOver(near);
     Stream in = streamOver(far);
 };
-
-// The error and the text of the network exception that `work` throws; "" when it throws none.
-template<class Work>
-std::string failureOf(Work work)
-{
-    try {
-        work();
-    } catch (xthrowable* thrown) {
-        netXException* const failure = netXException::softcast(thrown);
-        ioXStream* const streamFailure = ioXStream::softcast(thrown);
-        std::string text = failure != nullptr
-                               ? std::to_string(failure->getError()) + " " + failure->getMsg().CastToCString()
-                           : streamFailure != nullptr ? streamFailure->getMsg().CastToCString()
-                                                      : "another exception";
-        xdelete(thrown);
-        return text;
-    }
-    return "";
-}
 
 // A name server on a free port, which this process uses.
 class NameService : public testing::Test
