@@ -7,12 +7,15 @@
 #include "support/addresses.h"
 #include "support/environment.h"
 #include "support/nameserver.h"
+#include "support/owned.h"
 #include "support/qelprogram.h"
 #include "support/tempdir.h"
 #include <qel/base/btkprocess.h>
 #include <qel/base/btksocket.h>
 #include <qel/base/nethandshake.h>
 #include <qel/hmxregistry.h>
+#include <qel/netaddress.h>
+#include <qel/netserver.h>
 
 namespace {
 
@@ -162,6 +165,27 @@ TEST(QelRshd, StopsAtSigtermWithItsCommandsWhateverItsClientsDo)
     EXPECT_LT(btkTimeval::Now() - start, limit);
     EXPECT_EQ(client.child.wait(), 128 + SIGKILL);
     EXPECT_TRUE(Ends(command));
+}
+
+TEST(QelRsh, SaysThatOutputWasLost)
+{
+    const Shell shell;
+    const Outcome lost = shell.run("echo text", ">/dev/full");
+    EXPECT_EQ(lost.status, 3);
+    EXPECT_EQ(Qel("rsh --port " + shell.port + " localhost echo text 3>&1 1>/dev/full 2>&3 #").output,
+              "qel rsh: not all of the command's output could be written\n");
+}
+
+TEST(QelRshd, LetsNobodyKeepAPlaceWithoutARequest)
+{
+    const Shell shell({"rshd", "--port", "0", "--sessions", "1", "--request-limit", "0.3"});
+    const xrchandle<netAddress> address(netAddress::Create(std::stoi(shell.port), nullptr));
+    const Owned<netSocketStream> silent(netServer::Connect(address.get(), 10.0));
+    ASSERT_NE(silent, nullptr);
+    const Owned<ioEvent> end(silent->InputEvent());
+    EXPECT_TRUE(end->Wait(10.0));
+    EXPECT_EQ(silent->PeekNBytes(), 0u);
+    EXPECT_EQ(shell.run("echo fine").output, "fine\n");
 }
 
 TEST(QelRshd, IsFoundByNameAndIsAVersionedServer)

@@ -115,6 +115,8 @@ void Ask(const AskChoices& choices, const std::vector<std::string>& words)
     const Owned<rshProcess> process = Start(choices, words, *connection);
     if (!Attend(*process))
         throw CommandFailed{};
+    if (ioStream::getStdout()->getIsBad() != 0 || ioStream::getStderr()->getIsBad() != 0)
+        Fail(Exit::peer, "", "not all of the command's output could be written");
     const int code = process->GetExitCode();
     if (code == xnullint)
         Fail(Exit::peer, choices.host, "the connection was lost, or the server ended the command");
@@ -168,6 +170,7 @@ struct ServeChoices
     int port = usualPort;
     bool isRegistered = false;
     std::string directory;
+    double seconds = 10;
     int sessions = 32;
 };
 
@@ -271,15 +274,21 @@ struct ServeBeside : netBaseServer_OnRequest_cb
 
 struct RunCommand : netBaseServer_OnAsyncRequest_cb
 {
-    explicit RunCommand(std::string base) : directory(std::move(base)) {}
+    RunCommand(std::string base, double seconds) : directory(std::move(base)), requestLimit(seconds) {}
     netServerLoopAction Invoke(netBaseServer*, netSocketStream* stream, evtEvent* stop) override
     {
         const Owned<netSocketStream> connection(stream);
+        // Who is admitted and asks for nothing must not keep the others' place.
+        const Owned<ioEvent> request(stream->InputEvent());
+        btkEvent::Wait({request.get(), stop}, requestLimit);
+        if (!request->WasSignaled())
+            return netServerContinue;
         rshServer::Execute(stream, directory.c_str(), stop);
         return netServerContinue;
     }
 
     std::string directory;
+    btkTimeval requestLimit;
 };
 
 bool IsLoopback(const std::string& interface)
@@ -307,7 +316,7 @@ void Serve(const ServeChoices& choices)
     RequireAllowList(choices);
     EndWhenTold end(btkAwaitTermination());
     ServeBeside request;
-    RunCommand command(choices.directory);
+    RunCommand command(choices.directory, choices.seconds);
     auto listening = std::make_unique<btkAcceptSocket>();
     if (!end.termination ||
         !listening->Listen(choices.port, choices.interface == "*" ? nullptr : choices.interface.c_str()))
@@ -356,6 +365,10 @@ void AddServe(CLI::App& program)
         "Register NAME with the name server of this machine, for clients that ask it for the port");
     serve.add_option("--directory", choices->directory, "Where relative directories of clients begin")
         ->type_name("DIRECTORY");
+    serve.add_option("--request-limit", choices->seconds, "Time that a client may take before its request")
+        ->type_name("SECONDS")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
     serve.add_option("--sessions", choices->sessions, "Commands that may run at once")
         ->type_name("COUNT")
         ->check(CLI::Range(1, 10000))
