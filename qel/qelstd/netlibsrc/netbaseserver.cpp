@@ -362,7 +362,9 @@ void netBaseServer::Loop::SpawnAsyncRequest(netSocketStream* stream)
 
 bool netBaseServer::Loop::StartAsyncRequest(netSocketStream* stream)
 try {
-    if (server.asyncLimit > 0 && requests.size() >= static_cast<std::size_t>(server.asyncLimit))
+    // Those whose work is done do not count, though they may not have been collected yet.
+    const int running = static_cast<int>(requests.size()) - endedBodies;
+    if (server.asyncLimit > 0 && running >= server.asyncLimit)
         return false;
     if (waitList.capacity() == requests.size()) // what follows the start must not fail
         waitList.reserve(2 * requests.size() + 16);
