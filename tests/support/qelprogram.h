@@ -18,10 +18,10 @@ struct Outcome
     std::string output;
 };
 
-/// Runs the program qel; what it writes to both of its outputs comes together.
-inline Outcome Qel(const std::string& arguments)
+/// Runs a line of the shell; what it writes to both of its outputs comes together.
+inline Outcome Line(const std::string& line)
 {
-    FILE* const pipe = popen((QEL_PROGRAM " " + arguments + " 2>&1").c_str(), "r");
+    FILE* const pipe = popen(("{ " + line + "\n} 2>&1").c_str(), "r");
     if (pipe == nullptr)
         return {-1, "not run"};
     std::string output;
@@ -29,6 +29,12 @@ inline Outcome Qel(const std::string& arguments)
         output += static_cast<char>(c);
     const int status = pclose(pipe);
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+/// Runs the program qel, as Line.
+inline Outcome Qel(const std::string& arguments)
+{
+    return Line(QEL_PROGRAM " " + arguments + " 2>&1");
 }
 
 /// The program qel beside the test, which writes its standard input and reads its standard output. It is

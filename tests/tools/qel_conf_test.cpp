@@ -125,14 +125,10 @@ TEST_F(QelConf, KeepsTheFileWhenThereIsNoRoomForTheNewOne)
 {
     dir.write("app.conf", "a:1\n");
     // 512 bytes are less than the new content needs. The signal for that is ignored.
-    const std::string limited = "trap '' XFSZ; ulimit -f 1; " QEL_PROGRAM " conf set " + path + " a " +
-                                std::string(5000, 'x') + " 2>&1";
-    FILE* const pipe = popen(limited.c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    char said[1000] = "";
-    EXPECT_NE(std::fgets(said, sizeof said, pipe), nullptr);
-    EXPECT_EQ(WEXITSTATUS(pclose(pipe)), 3);
-    EXPECT_NE(std::string(said).find("not changed: file too large"), std::string::npos) << said;
+    const Outcome outcome =
+        Line("trap '' XFSZ; ulimit -f 1; " QEL_PROGRAM " conf set " + path + " a " + std::string(5000, 'x'));
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_NE(outcome.output.find("not changed: file too large"), std::string::npos) << outcome.output;
     EXPECT_EQ(dir.read("app.conf"), "a:1\n");
     EXPECT_FALSE(dir.has(".app.conf.new"));
 }

@@ -118,14 +118,10 @@ TEST_F(QelFs, RefusesCopiesThatMakeNoSense)
 TEST_F(QelFs, SaysThatTheDiskIsFull)
 {
     dir.write("large", std::string(5000, 'x'));
-    const std::string limited =
-        "cd " + dir.path() + "; trap '' XFSZ; ulimit -f 1; " QEL_PROGRAM " fs cp large copy 2>&1";
-    FILE* const pipe = popen(limited.c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    char said[1000] = "";
-    EXPECT_NE(std::fgets(said, sizeof said, pipe), nullptr);
-    EXPECT_EQ(WEXITSTATUS(pclose(pipe)), 3);
-    EXPECT_STREQ(said, "qel fs cp: large: file too large\n");
+    const Outcome outcome =
+        Line("cd " + dir.path() + "; trap '' XFSZ; ulimit -f 1; " QEL_PROGRAM " fs cp large copy");
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_EQ(outcome.output.substr(0, outcome.output.find('\n')), "qel fs cp: large: file too large");
     EXPECT_FALSE(dir.has("copy")) << "no part of it is left";
     EXPECT_EQ(fs("ls >/dev/full").status, 3);
 }
