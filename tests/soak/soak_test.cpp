@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -75,7 +76,8 @@ bool registerServer(int round)
 bool relayCommand(int round)
 {
     StreamPair pair;
-    std::thread serving([&] { rshServer::Execute(pair.far.get(), nullptr, nullptr); });
+    const auto serving =
+        std::async(std::launch::async, [&] { return rshServer::Execute(pair.far.get(), nullptr, nullptr); });
     const std::string command = "head -c " + std::to_string(round * 977 % 100000) + " /dev/zero; exit 7";
     std::size_t got = 0;
     bool isRight = false;
@@ -93,7 +95,7 @@ bool relayCommand(int round)
         isRight = process->GetExitCode() == 7;
     }
     pair.near->Close();
-    serving.join();
+    serving.wait();
     return isRight && got == static_cast<std::size_t>(round * 977 % 100000);
 }
 
@@ -136,6 +138,7 @@ TEST(Soak, LosesNothingAndStaysWhatItWas)
     {
         const TempDir dir(TempDir::InMemory);
         const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
+        const EnvSetting shell("SHELL", "/bin/sh");
         const TestNameServer names;
         RequestHandler handler([](netSocketStream* stream) {
             if (stream->ReadInt() == 1)

@@ -54,6 +54,16 @@ bool Ends(const std::string& id, double seconds = 2.0)
 
 } // namespace
 
+TEST(QelRsh, FindsAShellWhereTheServersEnvironmentNamesNone)
+{
+    const EnvSetting noShell("SHELL", nullptr), noComspec("COMSPEC", nullptr);
+    const RunningQel server({"rshd", "--port", "0"});
+    const Outcome outcome = Qel("rsh --port " + std::to_string(server.port()) +
+                                " --shell --no-input localhost 'echo $((6 * 7))'");
+    EXPECT_EQ(outcome.output, "42\n");
+    EXPECT_EQ(outcome.status, 0);
+}
+
 TEST(QelRsh, IsLikeRunningTheCommandHere)
 {
     const Shell shell;

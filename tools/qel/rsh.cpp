@@ -1,5 +1,6 @@
 // qel rsh and qel rshd: a command at another machine, and the server that runs it.
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -15,6 +16,7 @@
 #include <qel/netrights.h>
 #include <qel/netserver.h>
 #include <qel/pcinterrupt.h>
+#include <qel/pcprocess.h>
 #include <qel/rshprocess.h>
 #include <qel/rshserver.h>
 
@@ -157,7 +159,8 @@ void AddAsk(CLI::App& program)
                    "Where to run it (default: where the server runs commands)")
         ->type_name("DIRECTORY");
     ask.add_flag("--shell", choices->useShell,
-                 "COMMAND, its words joined by blanks, is a line for the shell of the server's user");
+                 "COMMAND, its words joined by blanks, is a line for the shell of the server's user ($SHELL, "
+                 "else /bin/sh)");
     ask.add_flag("--no-input", choices->hasNoInput, "Leave the standard input to others");
 }
 
@@ -311,9 +314,17 @@ void RequireAllowList(const ServeChoices& choices)
                  allowed.GetPath() + ", System or User");
 }
 
+// Whoever starts this server without a login, as containers do, names no shell.
+void NameShell()
+{
+    if (pcGetShellCommand() == nullptr)
+        setenv("SHELL", "/bin/sh", 0);
+}
+
 void Serve(const ServeChoices& choices)
 {
     RequireAllowList(choices);
+    NameShell();
     EndWhenTold end(btkAwaitTermination());
     ServeBeside request;
     RunCommand command(choices.directory, choices.seconds);
