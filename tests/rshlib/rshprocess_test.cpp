@@ -120,6 +120,7 @@ TEST_F(RemoteShell, UsesTheStreamsOfTheCaller)
 
 TEST_F(RemoteShell, SaysWhyACommandDoesNotStart)
 {
+    const std::string tooLong = "echo " + std::string(3 << 20, 'x');
     const struct
     {
         const char* command;
@@ -127,11 +128,12 @@ TEST_F(RemoteShell, SaysWhyACommandDoesNotStart)
         const char* message;
     } cases[] = {{"no-such-program", nullptr, "No such file or directory"},
                  {"true", "missing", "No such file or directory"},
+                 {tooLong.c_str(), nullptr, "Argument list too long"},
                  {"'", nullptr, "Invalid argument"}};
     for (const auto& [command, workDir, message] : cases) {
         try {
             const Remote remote(command, 0, workDir, "/");
-            ADD_FAILURE() << command;
+            ADD_FAILURE() << message;
         } catch (xthrowable* thrown) {
             const Owned<rshXProcess> failure(rshXProcess::cast(thrown));
             EXPECT_EQ(failure->getError(), rshDaemonError);

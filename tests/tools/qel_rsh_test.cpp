@@ -1,6 +1,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -128,6 +129,30 @@ TEST(QelRsh, HandsInterruptsOn)
     client.child.signal(SIGINT);
     EXPECT_EQ(client.rest(), "2\n");
     EXPECT_EQ(client.child.wait(), 5);
+}
+
+TEST(QelRsh, EndsWhatTheThirdInterruptFindsRunning)
+{
+    const Shell shell;
+    const auto insist = [](RunningQel& client) {
+        for (int i = 0; i < 3; ++i) {
+            client.child.signal(SIGINT);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+    };
+    RunningQel deaf = shell.start("trap '' INT; echo ready; exec sleep 60");
+    EXPECT_EQ(deaf.line(), "ready");
+    insist(deaf);
+    EXPECT_EQ(deaf.child.wait(), 137);
+
+    RunningQel client = shell.start("echo ready; exec sleep 60");
+    EXPECT_EQ(client.line(), "ready");
+    shell.server.child.signal(SIGSTOP);
+    insist(client);
+    const btkTimeval start = btkTimeval::Now();
+    EXPECT_EQ(client.child.wait(), 3);
+    EXPECT_LT(btkTimeval::Now() - start, btkTimeval(5.0));
+    shell.server.child.signal(SIGCONT);
 }
 
 TEST(QelRsh, EndsTheCommandWithAClientThatIsKilled)

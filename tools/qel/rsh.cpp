@@ -1,4 +1,5 @@
 // qel rsh and qel rshd: a command at another machine, and the server that runs it.
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -85,25 +86,49 @@ Owned<rshProcess> Start(const AskChoices& choices, const std::vector<std::string
     return process;
 }
 
-// Hands the user's interrupts on until the command has ended. False when nobody takes its output any more: it
-// has been ended then.
-bool Attend(rshProcess& process)
+// Whether the user insists: the third interrupt within two seconds.
+class Insistence
+{
+public:
+    bool NoteInterrupt()
+    {
+        const btkTimeval now = btkTimeval::Now();
+        const bool insists = now - last[0] < btkTimeval(2.0);
+        last = {last[1], now};
+        return insists;
+    }
+
+private:
+    std::array<btkTimeval, 2> last;
+};
+
+// Hands the user's interrupts on until the command has ended, and ends it when they insist. False when nobody
+// takes its output any more: it has been ended then.
+bool Attend(rshProcess& process, const std::string& host)
 {
     const Owned<rshEvent> end(process.ExitEvent());
     const Owned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
     btkEvent outputFailure(new btkSelectEvent(1, 2)); // a pipe without a reader counts as that
     btkEvent::List events = {end.get(), interrupt.get(), &outputFailure};
+    Insistence insistence;
+    btkTimeval patience = btkTimeval::Forever();
     bool isTaken = true;
     while (process.IsRunning() != 0) {
-        btkEvent::Wait(events, btkTimeval::Forever());
+        btkEvent::Wait(events, patience);
         if (interrupt != nullptr && interrupt->WasSignaled()) {
             pcInterruptEvent::Reset();
-            process.Interrupt();
-        }
-        if (isTaken && outputFailure.WasSignaled()) {
+            if (insistence.NoteInterrupt()) {
+                process.Terminate();
+                patience = btkTimeval(2.0);
+            } else {
+                process.Interrupt();
+            }
+        } else if (isTaken && outputFailure.WasSignaled()) {
             isTaken = false;
             events.pop_back();
             process.Terminate();
+        } else if (!end->WasSignaled() && !patience.IsForever()) {
+            Fail(Exit::peer, host, "the server does not end the command");
         }
     }
     return isTaken;
@@ -115,7 +140,7 @@ void Ask(const AskChoices& choices, const std::vector<std::string>& words)
         Fail(Exit::usage, "COMMAND", "what is to be run?");
     const Owned<netSocketStream> connection = Connect(choices);
     const Owned<rshProcess> process = Start(choices, words, *connection);
-    if (!Attend(*process))
+    if (!Attend(*process, choices.host))
         throw CommandFailed{};
     if (ioStream::getStdout()->getIsBad() != 0 || ioStream::getStderr()->getIsBad() != 0)
         Fail(Exit::peer, "", "not all of the command's output could be written");
@@ -129,8 +154,11 @@ void Ask(const AskChoices& choices, const std::vector<std::string>& words)
 void AddAsk(CLI::App& program)
 {
     const auto choices = std::make_shared<AskChoices>();
-    CLI::App& ask = AddCommand(program, "rsh",
-                               "Run a command at another machine, by the server `qel rshd` there", nullptr);
+    CLI::App& ask =
+        AddCommand(program, "rsh",
+                   "Run a command at another machine, by the server `qel rshd` there. Interrupts go to "
+                   "the command; the third within two seconds ends it",
+                   nullptr);
     ask.callback([choices, &ask] { Ask(*choices, ask.remaining()); });
     ask.footer(
         "qel rsh localhost sort <names\tSort the lines of a file by the server of this machine.\n"

@@ -173,7 +173,9 @@ public:
 private:
     bool WaitForInput();
 
-    static constexpr int greatestText = 1 << 20;
+    // More than a host passes to a program, also when every character is quoted: what is too long is the
+    // host's to say.
+    static constexpr int greatestText = 8 << 20;
 
     ioStream& stream;
     rshOwned<ioEvent> input;
