@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
+#include <map>
 #include <random>
 #include <set>
 #include <string>
@@ -16,6 +17,7 @@
 
 #include "dictmodel.h"
 #include "support/child.h"
+#include "support/resident.h"
 #include "support/thrown.h"
 
 namespace {
@@ -367,6 +369,72 @@ TEST(xdictionary, KeepsTextsThroughItsChangesOfSize)
         xstring value;
         ASSERT_EQ(d.find(names[i].c_str(), &value), i % 2 == 1);
         ASSERT_TRUE(value == (i % 2 == 1 ? names[i].c_str() : nullptr));
+    }
+}
+
+TEST(xdictionary, KeepsKeysOfAllLengthsApart)
+{
+    // Of many lengths around those at which their storage changes, that differ in one byte at most.
+    std::vector<std::string> keys;
+    for (std::size_t length = 1; length <= 80; ++length)
+        for (std::size_t odd = 0; odd < length; odd += 1 + length / 8)
+            keys.push_back(std::string(length, 'x').replace(odd, 1, "y"));
+    std::mt19937 random(5);
+    xintdictionary d;
+    std::map<std::string, int> model;
+    for (int round = 0; round < 6; ++round) {
+        // Fills up, and then keeps but a few.
+        for (int step = 0; step < 3000; ++step) {
+            const std::string& key = keys[random() % keys.size()];
+            d.set(key.c_str(), step);
+            model[key] = step;
+            if (step % 3 == 0) {
+                d.remove(key.c_str());
+                model.erase(key);
+            }
+        }
+        std::shuffle(keys.begin(), keys.end(), random);
+        for (std::size_t i = round % 2 == 0 ? 10 : 100; i < keys.size(); ++i) {
+            d.remove(keys[i].c_str());
+            model.erase(keys[i]);
+        }
+
+        std::map<std::string, int> walked;
+        for (int slot = 0; slot < d.getarraysize(); ++slot)
+            if (xstring key; d.getkeybyindex(slot, &key)) {
+                ASSERT_TRUE(d.getbyindex(slot, &walked[key.CastToCString()]));
+            }
+        ASSERT_EQ(walked, model) << round;
+        for (const std::string& key : keys)
+            ASSERT_EQ(d.find(key.c_str(), nullptr), model.count(key) != 0) << key;
+    }
+}
+
+TEST(xdictionary, TakesNoMoreMemoryWhenKeysComeAndGo)
+{
+    xintdictionary d;
+    const auto key = [](int i) {
+        return std::to_string(i) + std::string(static_cast<std::size_t>(i % 50), '-');
+    };
+    for (int i = 0; i < 1000; ++i)
+        d.set(key(i).c_str(), i);
+
+    const ResidentGrowth growth;
+    for (int i = 1000; i < 100000; ++i) {
+        d.set(key(i).c_str(), i);
+        d.remove(key(i - 1000).c_str());
+    }
+    EXPECT_LT(growth.peak(), 2000); // all keys would take 4000
+
+    // Nor do the keys of a peak leave much behind.
+    const long before = residentKiB();
+    const auto longKey = [](int i) { return std::to_string(i) + std::string(55, '-'); };
+    for (int i = 0; i < 100000; ++i)
+        d.set(longKey(i).c_str(), i);
+    for (int i = 0; i < 100000; ++i)
+        d.remove(longKey(i).c_str());
+    if (freedMemoryIsGone) {
+        EXPECT_LT(residentKiB() - before, 10000); // the keys took 6300, and the index has kept 4100
     }
 }
 

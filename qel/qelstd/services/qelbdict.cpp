@@ -5,12 +5,14 @@
 #include <memory>
 #include <new>
 #include <stdexcept>
+#include <utility>
 
 #include <qel/base/btkabort.h>
 #include <qel/base/btkmemory.h>
 
 #include "xcollection.h"
 #include "xdictindex_p.h"
+#include "xdictkeys_p.h"
 #include "xdictplaces_p.h"
 
 /// What a table knows besides its slots.
@@ -19,6 +21,7 @@ struct xdictside
     explicit xdictside(unsigned size) : places(size), homes(new xdicthome[size]) {}
 
     xdictindex index;
+    xdictkeys keys;
     xdictplaces places;
     std::unique_ptr<xdicthome[]> homes; ///< of the keys in the slots that are taken
 };
@@ -84,20 +87,38 @@ void xbasedictionary::BaseSet(const char* key, const void* value, unsigned entry
 {
     if (!qelIsObject(key))
         qelhThrowNotInitialized();
-    const bool isFirst = side == nullptr;
-    const xdictkey sought = isFirst ? xdictkey(key, 0) : side->index.keyOf(key);
-    if (!isFirst)
-        if (const xdictindexentry* const found = side->index.find(sought)) {
-            OnCopyEntry(EntryOf(found->slot, entrySize) + valueOffset, value);
-            return;
-        }
-    // All memory is taken before anything changes.
-    std::unique_ptr<char[]> copy(sought.copy());
-    if (!isFirst)
-        side->index.reserve();
+    if (side != nullptr) {
+        SetKey(key, value, entrySize, valueOffset);
+        return;
+    }
     AdjustTableSize(entrySize, valueOffset);
-    AddEntry(copy.get(), isFirst ? side->index.keyOf(key) : sought, value, entrySize, valueOffset);
-    copy.release();
+    try {
+        SetKey(key, value, entrySize, valueOffset);
+    } catch (...) {
+        BaseClearAll(entrySize, valueOffset);
+        throw;
+    }
+}
+
+void xbasedictionary::SetKey(const char* key, const void* value, unsigned entrySize, unsigned valueOffset)
+{
+    const xdictkey sought = side->index.keyOf(key);
+    xdictindexentry* place = side->index.seek(sought);
+    if (place->key != nullptr) {
+        OnCopyEntry(EntryOf(place->slot, entrySize) + valueOffset, value);
+        return;
+    }
+    // All memory is taken before anything changes.
+    if (side->index.reserve())
+        place = side->index.seek(sought);
+    char* const text = side->keys.add(sought);
+    try {
+        AdjustTableSize(entrySize, valueOffset);
+        AddEntry(text, sought, place, value, entrySize, valueOffset);
+    } catch (...) {
+        side->keys.remove(text, sought.length);
+        throw;
+    }
 }
 
 unsigned char xbasedictionary::BaseGetKeyByIndex(int slot, xstring* outKey, unsigned entrySize, unsigned)
@@ -145,13 +166,13 @@ void xbasedictionary::BaseRemove(const char* key, unsigned entrySize, unsigned v
 {
     if (side == nullptr || !qelIsObject(key))
         return;
-    xdictindexentry* const found = side->index.find(side->index.keyOf(key));
+    const xdictkey sought = side->index.keyOf(key);
+    xdictindexentry* const found = side->index.find(sought);
     if (found == nullptr)
         return;
     const unsigned slot = found->slot;
     char* const entry = EntryOf(slot, entrySize);
-    const std::unique_ptr<char[]> text(keyOf(entry));
-    keyOf(entry) = removedKey;
+    side->keys.remove(std::exchange(keyOf(entry), removedKey), sought.length);
     side->index.erase(found);
     side->places.giveBack(slot);
     --count;
@@ -184,9 +205,15 @@ void xbasedictionary::BaseClearAll(unsigned entrySize, unsigned)
 
 void xbasedictionary::BaseFreeAllKeys(unsigned entrySize)
 {
-    for (unsigned slot = 0; slot < size; ++slot)
-        if (char* const key = keyOf(EntryOf(slot, entrySize)); isLive(key))
-            delete[] key;
+    if (side == nullptr)
+        return;
+    if (side->keys.hasLong())
+        side->places.forEachTaken([&](unsigned slot) {
+            char* const key = keyOf(EntryOf(slot, entrySize));
+            if (const std::size_t length = std::strlen(key); xdictkeys::isLong(length))
+                side->keys.remove(key, length);
+        });
+    xdictkeys().swap(side->keys);
 }
 
 void* xbasedictionary::AllocateBlock(std::size_t bytes)
@@ -204,8 +231,8 @@ bool xbasedictionary::IsSlot(int slot) const
 }
 
 /// Adds a key that there is not, in a table and an index that have room for it.
-void xbasedictionary::AddEntry(char* text, const xdictkey& key, const void* value, unsigned entrySize,
-                               unsigned valueOffset)
+void xbasedictionary::AddEntry(char* text, const xdictkey& key, xdictindexentry* place, const void* value,
+                               unsigned entrySize, unsigned valueOffset)
 {
     const xdicthome home(text, key.length);
     const unsigned slot = side->places.take(home);
@@ -220,7 +247,7 @@ void xbasedictionary::AddEntry(char* text, const xdictkey& key, const void* valu
     }
     keyOf(entry) = text;
     side->homes[slot] = home;
-    side->index.insert({text, slot, key.hash});
+    side->index.insert(place, {text, slot, key.hash});
     ++count;
 }
 
@@ -233,8 +260,11 @@ void xbasedictionary::AdjustTableSize(unsigned entrySize, unsigned valueOffset)
         Rehash(minSize, entrySize, valueOffset);
     else if (percent >= std::uint64_t{size} * (std::uint64_t{maxLoad} + 1))
         Rehash(size * 2, entrySize, valueOffset);
-    else if (size > minSize && percent < std::uint64_t{size / 2} * minLoad)
+    else if (size > minSize && percent < std::uint64_t{size / 2} * minLoad) {
         Rehash(size / 2, entrySize, valueOffset);
+        if (side->keys.isSparse())
+            CompactKeys(entrySize);
+    }
 }
 
 char* xbasedictionary::Allocate(unsigned nSlots, unsigned entrySize)
@@ -260,7 +290,7 @@ void xbasedictionary::Rehash(unsigned newSize, unsigned entrySize, unsigned valu
 
     xdictplaces places(newSize);
     std::unique_ptr<xdicthome[]> homes(new xdicthome[newSize]);
-    const std::unique_ptr<std::uint32_t[]> newSlots(new std::uint32_t[size]);
+    const auto newSlots = std::make_unique<std::uint32_t[]>(size);
     char* const block = Allocate(newSize, entrySize);
     const bool moveBits = movesBits; // and then nobody sees that no value is copied
     try {
@@ -292,4 +322,15 @@ void xbasedictionary::Rehash(unsigned newSize, unsigned entrySize, unsigned valu
     table = block;
     size = newSize;
     OnDestroy(oldTable, oldSize);
+}
+
+/// Gives back the memory that many keys took which are gone.
+void xbasedictionary::CompactKeys(unsigned entrySize)
+{
+    xdictkeys compact(side->keys.used());
+    side->index.forEach([&](xdictindexentry& entry) {
+        entry.key = compact.adopt(entry.key);
+        keyOf(EntryOf(entry.slot, entrySize)) = entry.key;
+    });
+    side->keys.swap(compact);
 }

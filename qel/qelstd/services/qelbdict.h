@@ -7,6 +7,7 @@
 class xstring;
 struct xdictside;
 struct xdictkey;
+struct xdictindexentry;
 
 /// When a dictionary's table grows and shrinks, in percent of the slots in use.
 struct xdictcontrol
@@ -30,7 +31,8 @@ struct xdictcontrol
 /// doubles or halves as xdictcontrol says, and then the keys are added anew in the order of the old slots.
 /// How keys and free slots are found is another matter: qelbdict.cpp does it without probing.
 ///
-/// Key pointers in slots: null, never used; 1, removed; else the dictionary's own copy of the text. Null and
+/// Key pointers in slots: null, never used; 1, removed; else the dictionary's own copy of the text, which a
+/// change of size may move. Null and
 /// the marker pointers are no keys: they are never found, and setting one throws qelXNotInitialized.
 class QEL_API xbasedictionary
 {
@@ -69,7 +71,7 @@ protected:
     explicit xbasedictionary(const xdictcontrol* control = nullptr);
     ~xbasedictionary();
 
-    /// Frees the texts of all keys and leaves the pointers.
+    /// Frees the texts of all keys and leaves the pointers, which the table is done with.
     void BaseFreeAllKeys(unsigned entrySize);
     /// Memory of the framework's allocator, freed with `operator delete`.
     static void* AllocateBlock(std::size_t bytes);
@@ -97,11 +99,13 @@ protected:
 
 private:
     bool IsSlot(int slot) const;
-    void AddEntry(char* text, const xdictkey& key, const void* value, unsigned entrySize,
-                  unsigned valueOffset);
+    void SetKey(const char* key, const void* value, unsigned entrySize, unsigned valueOffset);
+    void AddEntry(char* text, const xdictkey& key, xdictindexentry* place, const void* value,
+                  unsigned entrySize, unsigned valueOffset);
     void AdjustTableSize(unsigned entrySize, unsigned valueOffset);
     char* Allocate(unsigned nSlots, unsigned entrySize);
     void Rehash(unsigned newSize, unsigned entrySize, unsigned valueOffset);
+    void CompactKeys(unsigned entrySize);
 
     bool ownCopy = false;
     bool movesBits = false;

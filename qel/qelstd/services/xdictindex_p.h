@@ -20,18 +20,16 @@ struct xdictkey
             return std::strcmp(stored, text) == 0;
         return read<std::uint64_t>(stored) == first && read<std::uint64_t>(stored + 8) == second;
     }
-    /// A copy to be stored, which has at least 16 bytes: zeros follow a short text. Freed with `delete[]`.
-    /// @throws std::bad_alloc
-    char* copy() const
+    /// Writes the text with its terminator, and zeros behind a short one up to 16 bytes.
+    char* writeTo(char* to) const
     {
-        char* const stored = new char[length < inWords ? inWords : length + 1];
         if (length < inWords) {
-            std::memcpy(stored, &first, 8);
-            std::memcpy(stored + 8, &second, 8);
+            std::memcpy(to, &first, 8);
+            std::memcpy(to + 8, &second, 8);
         } else {
-            std::memcpy(stored, text, length + 1);
+            std::memcpy(to, text, length + 1);
         }
-        return stored;
+        return to;
     }
 
     const char* text;
@@ -75,14 +73,17 @@ inline xdictkey::xdictkey(const char* key, std::uint64_t seed) : text(key), leng
 inline void xdictkey::readShort()
 {
     if constexpr (std::endian::native == std::endian::little) {
-        // Reads that overlap, in place of a loop over the bytes.
+        // Reads that overlap, in place of a loop over the bytes; from 4 bytes on without a branch.
         const std::size_t n = length;
-        if (n >= 8) {
-            first = read<std::uint64_t>(text);
-            second = read<std::uint64_t>(text + n - 8) >> 7 >> (8 * (15 - n) + 1);
-        } else if (n >= 4) {
-            first = read<std::uint32_t>(text) | std::uint64_t{read<std::uint32_t>(text + n - 4)}
-                                                    << 8 * (n - 4);
+        if (n >= 4) {
+            const bool isWide = n >= 8;
+            const std::size_t inner = isWide ? 4 : 0;
+            const std::uint64_t head = read<std::uint32_t>(text);
+            const std::uint64_t tail = read<std::uint32_t>(text + n - 4);
+            const std::uint64_t head8 = head | std::uint64_t{read<std::uint32_t>(text + inner)} << 32;
+            const std::uint64_t tail8 = read<std::uint32_t>(text + n - 4 - inner) | tail << 32;
+            first = isWide ? head8 : head | tail << 8 * (n % 4);
+            second = isWide ? tail8 >> 7 >> (8 * (15 - n) + 1) : 0;
         } else if (n > 0) {
             const auto byte = [this](std::size_t i) {
                 return std::uint64_t{static_cast<unsigned char>(text[i])} << 8 * i;
@@ -99,7 +100,7 @@ inline void xdictkey::readShort()
 
 struct xdictindexentry
 {
-    const char* key; ///< a copy that xdictkey made, or null: free
+    char* key; ///< a text of xdictkeys, or null: free
     std::uint32_t slot;
     std::uint32_t hash;
 };
@@ -117,34 +118,50 @@ public:
     xdictindex& operator=(const xdictindex&) = delete;
 
     xdictkey keyOf(const char* text) const { return xdictkey(text, seed); }
+    /// The entry of `key`, or the free one where it would be.
+    Entry* seek(const xdictkey& key) const
+    {
+        std::size_t i = key.hash & mask;
+        while (entries[i].key != nullptr && (entries[i].hash != key.hash || !key.equals(entries[i].key)))
+            i = (i + 1) & mask;
+        return &entries[i];
+    }
     /// The entry of `key`, or null.
     Entry* find(const xdictkey& key) const
     {
-        for (std::size_t i = key.hash & mask; entries[i].key != nullptr; i = (i + 1) & mask)
-            if (entries[i].hash == key.hash && key.equals(entries[i].key))
-                return &entries[i];
-        return nullptr;
+        Entry* const entry = seek(key);
+        return entry->key == nullptr ? nullptr : entry;
     }
-    /// Makes room for one more entry.
+    /// Makes room for one more entry. True when that moved all entries.
     /// @throws std::bad_alloc  nothing has changed
-    void reserve()
+    bool reserve()
     {
-        if ((count + 1) * 8 > (mask + 1) * 5)
-            grow();
+        if ((count + 1) * 8 <= (mask + 1) * 5)
+            return false;
+        grow();
+        return true;
     }
-    /// Adds a key that there is not; there is room for it.
-    void insert(Entry entry)
+    /// Adds a key that there is not, in the free place where it was sought; there is room for it.
+    void insert(Entry* place, Entry entry)
     {
-        *freeFor(entry.hash) = entry;
+        *place = entry;
         ++count;
     }
     void erase(Entry* entry);
-    /// Gives each entry the slot slots[old slot].
-    void renumber(const std::uint32_t* slots)
+    /// Calls visit(entry) for each entry, in no order that means anything.
+    template<class Visit>
+    void forEach(Visit visit)
     {
         for (std::size_t i = 0; i <= mask; ++i)
             if (entries[i].key != nullptr)
-                entries[i].slot = slots[entries[i].slot];
+                visit(entries[i]);
+    }
+    /// Gives each entry the slot slots[old slot]. The numbers of free entries go along, since a branch would
+    /// be hard to predict: they are 0 or what slots[another] once was, so each of `slots` must be a slot.
+    void renumber(const std::uint32_t* slots)
+    {
+        for (std::size_t i = 0; i <= mask; ++i)
+            entries[i].slot = slots[entries[i].slot];
     }
 
 private:
