@@ -149,8 +149,8 @@ char* xbasesequence::reallocate(unsigned newCapacity)
     // Some hysteresis, so that a sequence that grows and shrinks in turn does not move each time.
     if (newCapacity <= room && newCapacity >= room / 4)
         return data;
-    // Of a large block, only what is used takes memory.
-    const std::size_t grown = std::min(std::size_t{room} * (room < largeRoom ? 2 : 4), maxBytes);
+    // Of a large block, only what is used takes memory, and moving it takes long.
+    const std::size_t grown = std::min(std::size_t{room} * (room < largeRoom ? 2 : 8), maxBytes);
     std::size_t wanted = newCapacity > room ? std::max<std::size_t>(newCapacity, grown) : newCapacity;
     const std::size_t kept = std::min(capacity, newCapacity);
     void* block = btkResizeBlock(data, kept, wanted);
