@@ -41,7 +41,7 @@ private:
     static constexpr std::size_t unit = xdictkey::inWords;
     static constexpr std::size_t longest = 4 * unit; ///< of a cell
     static constexpr std::size_t firstChunk = 512;
-    static constexpr std::size_t largestChunk = std::size_t{4} << 20;
+    static constexpr std::size_t largestChunk = std::size_t{16} << 20;
 
     struct Chunk
     {

@@ -30,6 +30,7 @@ xdictplaces::xdictplaces(unsigned size)
 void xdictplaces::giveBack(unsigned slot)
 {
     taken[slot / 64] &= ~(std::uint64_t{1} << slot % 64);
+    ++age;
     if (paths == nullptr)
         return;
     // The paths learn of it when they are next gone far, or when there is no more room to note it.
@@ -45,10 +46,28 @@ void xdictplaces::giveBack(unsigned slot)
 }
 
 /// Goes on where patience ended, at `slot`.
-unsigned xdictplaces::takeFar(unsigned path, std::uint32_t slot)
+unsigned xdictplaces::takeFar(xdicthome home, std::uint32_t slot)
 {
     if (mask < small)
         return none;
+    const std::uint32_t step = stepOf(home.path());
+    Cursor* const cursor = openCursor(home);
+    if (cursor != nullptr && cursor->home == home && cursor->age == age)
+        slot = cursor->next;
+    for (unsigned i = 0; i < stretch && isTaken(slot); ++i)
+        slot = (slot + step) & mask;
+    if (isTaken(slot))
+        slot = findFarther(home.path(), slot);
+    if (slot == none)
+        return none;
+    if (cursor != nullptr)
+        *cursor = {home, (slot + step) & mask, age};
+    return take(slot);
+}
+
+/// Goes on stretch by stretch at `slot`.
+unsigned xdictplaces::findFarther(unsigned path, std::uint32_t slot)
+{
     const std::uint32_t step = stepOf(path);
     const std::uint32_t inverse = inverseOf(step);
     Path* const known = openPath(path);
@@ -65,12 +84,21 @@ unsigned xdictplaces::takeFar(unsigned path, std::uint32_t slot)
         slot = at * stretch * step & mask;
         for (unsigned i = 0; i < stretch; ++i, slot = (slot + step) & mask)
             if (!isTaken(slot))
-                return take(slot);
+                return slot;
         if (known != nullptr)
             known->full[at / 64] |= std::uint64_t{1} << at % 64;
         at = (at + 1) & (stretches - 1);
     }
     return none;
+}
+
+/// Null: no memory. It may be that of another home.
+xdictplaces::Cursor* xdictplaces::openCursor(xdicthome home)
+{
+    const std::uint64_t n = std::clamp((mask + 1) / 32, 64u, 4096u);
+    if (cursors == nullptr)
+        cursors.reset(new (std::nothrow) Cursor[n]);
+    return cursors == nullptr ? nullptr : &cursors[home.hash() * n >> 32];
 }
 
 /// What is known of a path, or null: without memory all slots are looked at.

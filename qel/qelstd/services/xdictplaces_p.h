@@ -23,14 +23,18 @@ public:
     std::uint32_t start() const { return static_cast<std::uint32_t>(static_cast<std::int32_t>(packed) >> 8); }
     /// The step is 2 * path + 1, with path as a signed byte.
     unsigned char path() const { return static_cast<unsigned char>(packed); }
+    bool operator==(const xdicthome&) const = default;
+    /// Spreads homes over 2^32.
+    std::uint32_t hash() const { return packed * 0x9e3779b1; }
 
 private:
     std::uint32_t packed = 0; // the product of three signed bytes takes 23 bits
 };
 
 /// Which slots of a table are free, and which free one is the first that the probes of a key meet. That is
-/// found without walking the probes one by one, of which there may be as many as there are keys: on each path
-/// (there are no more than 256), stretches of 16 slots that are known to be all taken are skipped.
+/// found without walking the probes one by one, of which there may be as many as there are keys: keys that
+/// share a home go on where the last of them ended, and on each path (there are no more than 256), stretches
+/// of 16 slots that are known to be all taken are skipped.
 class xdictplaces
 {
 public:
@@ -48,7 +52,7 @@ public:
         for (unsigned i = mask < small ? mask + 1 : patience; i != 0; --i, slot = (slot + step) & mask)
             if (!isTaken(slot))
                 return take(slot);
-        return takeFar(home.path(), slot);
+        return takeFar(home, slot);
     }
     void giveBack(unsigned slot);
     /// Calls visit(slot) for each slot that is taken, from the first to the last.
@@ -61,8 +65,8 @@ public:
     }
 
 private:
-    static constexpr unsigned small = 64;    // slots, all of which are probed one by one
-    static constexpr unsigned patience = 16; // probes one by one in a larger table
+    static constexpr unsigned small = 64;   // slots, all of which are probed one by one
+    static constexpr unsigned patience = 8; // probes one by one in a larger table
     static constexpr unsigned stretch = 16;
     static constexpr unsigned pathCount = 256;
 
@@ -71,6 +75,14 @@ private:
         /// One bit for each stretch, set when all of its slots were seen taken; null while nobody went far.
         std::unique_ptr<std::uint64_t[]> full;
         std::size_t applied = 0; ///< of `freed`, what `full` knows of
+    };
+
+    /// How far the probes from a home were last gone, for keys that share it.
+    struct Cursor
+    {
+        xdicthome home;
+        std::uint32_t next = 0; ///< all slots before it were taken
+        std::uint64_t age = 0;  ///< the value of `age` then
     };
 
     static std::uint32_t stepOf(unsigned path)
@@ -83,13 +95,17 @@ private:
         taken[slot / 64] |= std::uint64_t{1} << slot % 64;
         return slot;
     }
-    unsigned takeFar(unsigned path, std::uint32_t slot);
+    unsigned takeFar(xdicthome home, std::uint32_t slot);
+    unsigned findFarther(unsigned path, std::uint32_t slot);
+    Cursor* openCursor(xdicthome home);
     Path* openPath(unsigned path);
     void applyFreed(Path& to, std::uint32_t inverse);
     std::uint32_t nextStretch(const Path* path, std::uint32_t from) const;
 
     std::uint32_t mask;
     std::unique_ptr<std::uint64_t[]> taken; // one bit for each slot
+    std::uint64_t age = 1;                  // grows when a slot is given back, which ends all cursors
+    std::unique_ptr<Cursor[]> cursors;      // null until somebody goes far
     std::unique_ptr<Path[]> paths;          // null until somebody goes far
     std::unique_ptr<std::uint32_t[]> freed; // slots given back since the paths learned of it
     std::size_t freedCount = 0;
