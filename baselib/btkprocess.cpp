@@ -234,7 +234,7 @@ bool Process_Open(btkProcess** process, unsigned long id)
     made->id = static_cast<pid_t>(id);
     made->descriptor.Reset(OpenProcess(made->id));
     if (!made->descriptor) {
-        if (errno == EINVAL) // the id of a thread
+        if (errno == EINVAL || errno == ENOENT) // the id of a thread; hosts differ
             errno = ESRCH;
         return false;
     }

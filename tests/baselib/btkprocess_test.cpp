@@ -3,6 +3,7 @@
 #include <atomic>
 #include <csignal>
 #include <fcntl.h>
+#include <future>
 #include <thread>
 #include <unistd.h>
 
@@ -212,10 +213,19 @@ TEST_F(Processes, OpenedByIdAreWatchedButKeepTheirExitCode)
     Process_Interrupt(opened); // reaches nobody
     Process_Free(opened);
 
-    for (const unsigned long id : {started.id, 0ul, 1ul << 31, ~0ul}) {
+    std::promise<unsigned long> announced;
+    std::promise<void> end;
+    std::thread thread([&] {
+        announced.set_value(static_cast<unsigned long>(gettid()));
+        end.get_future().wait();
+    });
+    const unsigned long idOfThread = announced.get_future().get();
+    for (const unsigned long id : {started.id, idOfThread, 0ul, 1ul << 31, ~0ul}) {
         EXPECT_FALSE(Process_Open(&opened, id)) << id;
         EXPECT_EQ(Error_GetLast(), static_cast<unsigned long>(ESRCH));
     }
+    end.set_value();
+    thread.join();
 }
 
 TEST_F(Processes, FreedWhileTheyRunLeaveNoZombie)
