@@ -3,8 +3,6 @@
 #include <csignal>
 
 #include <fcntl.h>
-#include <poll.h>
-#include <pty.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +11,7 @@
 #include "support/environment.h"
 #include "support/qelprogram.h"
 #include "support/tempdir.h"
+#include "support/terminal.h"
 
 namespace {
 
@@ -203,67 +202,6 @@ TEST(Progress, IsOneLineThatFits)
     EXPECT_EQ(SizeText(99960), "100 kB");
     EXPECT_EQ(SizeText(12340000), "12.3 MB");
 }
-
-namespace {
-
-/// The program with a terminal as its outputs.
-class AtTerminal
-{
-public:
-    explicit AtTerminal(const std::vector<std::string>& arguments)
-    {
-        child = forkpty(&terminal, nullptr, nullptr, nullptr);
-        if (child == 0) {
-            std::vector<char*> words;
-            for (const std::string& word : arguments)
-                words.push_back(const_cast<char*>(word.c_str()));
-            words.push_back(nullptr);
-            execv(QEL_PROGRAM, words.data());
-            _exit(127);
-        }
-    }
-    ~AtTerminal()
-    {
-        if (child > 0) {
-            kill(child, SIGKILL);
-            waitpid(child, nullptr, 0);
-        }
-        close(terminal);
-    }
-    AtTerminal(const AtTerminal&) = delete;
-    AtTerminal& operator=(const AtTerminal&) = delete;
-
-    /// Reads until `text` has been written or the program has ended.
-    std::string readUntil(const std::string& text) const
-    {
-        std::string all;
-        char block[1000];
-        while (text.empty() || all.find(text) == std::string::npos) {
-            pollfd ready = {terminal, POLLIN, 0};
-            const ssize_t count = poll(&ready, 1, 20000) == 1 ? read(terminal, block, sizeof block) : 0;
-            if (count <= 0)
-                break;
-            all.append(block, static_cast<std::size_t>(count));
-        }
-        return all;
-    }
-
-    void type(char key) const { EXPECT_EQ(write(terminal, &key, 1), 1); }
-
-    int wait()
-    {
-        int status = -1;
-        waitpid(child, &status, 0);
-        child = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-private:
-    int terminal = -1;
-    pid_t child = -1;
-};
-
-} // namespace
 
 TEST_F(QelFs, ShowsAtATerminalHowLongWorkGetsOn)
 {

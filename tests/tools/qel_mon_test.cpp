@@ -1,12 +1,15 @@
+#include <limits>
 #include <memory>
 #include <string>
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
+#include "support/environment.h"
 #include "support/owned.h"
 #include "support/qelprogram.h"
 #include "support/tempdir.h"
+#include "support/terminal.h"
 #include <qel/xmonlib.h>
 
 using testing::HasSubstr;
@@ -49,6 +52,7 @@ TEST_F(QelMon, WritesWhatTheLibraryReads)
     opened->Real("speed")->setValue(xnullreal);
     EXPECT_EQ(Qel("mon get --json " + file + " speed").output, "null\n");
     EXPECT_EQ(Qel("mon get " + file + " note").output, "two words\n");
+    EXPECT_EQ(Qel("mon get " + file + " note done ok").output, "note  two words\ndone  -17\nok    no\n");
     EXPECT_EQ(Qel("mon list " + file).output, "NAME   TYPE    VALUE\n"
                                               "done   int     -17\n"
                                               "note   string  two words\n"
@@ -69,6 +73,9 @@ TEST_F(QelMon, RefusesWhatDoesNotFitAndChangesNothing)
     EXPECT_EQ(Qel("mon set " + file + " none 1").output,
               "qel mon set: " + file + ", none: no such parameter\n");
     EXPECT_EQ(Qel("mon get " + file + " none").status, 1);
+    EXPECT_EQ(Qel("mon add " + file + " more real 1.5x").status, 2);
+    EXPECT_EQ(Qel("mon add " + file + " more bool -1").status, 2);
+    EXPECT_EQ(Qel("mon create " + dir.path("no/where")).status, 3);
     EXPECT_EQ(dir.read("run.mon"), before);
 
     EXPECT_EQ(Qel("mon list " + file + ".no").status, 1);
@@ -91,6 +98,44 @@ TEST_F(QelMon, WatchesInEachForm)
     EXPECT_EQ(Qel("mon watch --once " + file + " none").status, 1);
     EXPECT_EQ(Qel("mon watch --once " + file + ".no").status, 1);
     EXPECT_EQ(Qel("mon watch --csv --json " + file).status, 2);
+}
+
+TEST_F(QelMon, ShowsOnATerminalWhatNumbersWere)
+{
+    const EnvSetting kind("TERM", "xterm");
+    const Owned<monFile> opened(monFile::Open(file.c_str()));
+    monRealParam* const speed = opened->Real("speed");
+    AtTerminal watching({"qel", "mon", "watch", "--interval", "0.01", file, "speed", "ok"});
+    EXPECT_THAT(watching.readUntil("\u2584"), HasSubstr("Night run"));
+
+    // Whoever publishes may publish anything; what cannot be drawn leaves the line as it was.
+    constexpr double most = std::numeric_limits<double>::max();
+    for (const double value : {-most, std::numeric_limits<double>::infinity(), most,
+                               std::numeric_limits<double>::quiet_NaN(), -most}) {
+        speed->setValue(value);
+        watching.readUntil("speed");
+        watching.readUntil("speed");
+    }
+    EXPECT_THAT(watching.readUntil("\u2581"), HasSubstr("ok"));
+    speed->setValue(7);
+    EXPECT_THAT(watching.readUntil(" 7.0 "), HasSubstr("\u2588"));
+    {
+        const Owned<monFile> damaged(monFile::Create(file.c_str(), ""));
+    }
+    dir.write("run.mon", "damaged");
+    EXPECT_THAT(watching.readUntil("run.mon: "), HasSubstr("\x1b[J"));
+    watching.type('\x03');
+    EXPECT_EQ(watching.wait(), 0);
+}
+
+TEST_F(QelMon, WritesForTablesWhatWouldEndAField)
+{
+    ASSERT_EQ(Qel("mon add " + file + " 'a,\"b\"' string 'c\nd'").status, 0);
+    EXPECT_THAT(Qel("mon watch --csv --once " + file + " 'a,\"b\"'").output,
+                HasSubstr(",\"a,\"\"b\"\"\",\"c\nd\"\n"));
+    EXPECT_EQ(Qel("mon watch --count 1 " + file + ".no").output, "not there yet\n");
+    EXPECT_THAT(Qel("mon watch --json --count 1 " + file + ".no").output,
+                HasSubstr("\"problem\":\"not there yet\""));
 }
 
 TEST_F(QelMon, GoesOnWatchingAFileThatIsBegunAnew)
@@ -124,4 +169,6 @@ TEST_F(QelMon, DrawsCharts)
     EXPECT_THAT(chart.output, HasSubstr("done"));
     EXPECT_EQ(Qel("mon plot --count 1 " + file + " note").status, 1);
     EXPECT_EQ(Qel("mon plot --count 1 --svg /nonexistent/x.svg " + file + " done").status, 3);
+    const EnvSetting nowhere("PATH", "/nonexistent");
+    EXPECT_THAT(Qel("mon plot --count 1 " + file + " done").output, HasSubstr("qel mon plot: gnuplot: "));
 }

@@ -1,6 +1,7 @@
 // qel mon watch and plot: what a monitor file says over a time.
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <deque>
 #include <functional>
 #include <iostream>
@@ -108,13 +109,13 @@ void ForEachSample(const Choices& choices, const std::function<void(const Sample
     }
 }
 
-// The value as a number, if it is one.
+// The value as a number that can be drawn, if it is one.
 const double* NumberIn(const Json& value, double& number)
 {
     if (!value.is_number() && !value.is_boolean())
         return nullptr;
     number = value.is_boolean() ? static_cast<double>(value.get<bool>()) : value.get<double>();
-    return &number;
+    return std::isfinite(number) ? &number : nullptr;
 }
 
 // ---- the forms of a sample
@@ -209,7 +210,9 @@ private:
         const auto [least, most] = std::minmax_element(past.begin(), past.end());
         std::string line;
         for (const double value : past) {
-            const double part = *most > *least ? (value - *least) / (*most - *least) : 0.5;
+            // Halves: the distance of two numbers may be more than a number holds.
+            const double range = *most / 2 - *least / 2;
+            const double part = range > 0 ? (value / 2 - *least / 2) / range : 0.5;
             line += heights[static_cast<int>(part * 7.5)];
         }
         return line;
