@@ -104,6 +104,9 @@ TEST_F(FileBuffer, SeeksFromEverywhereAndStaysWhenItCannot)
     EXPECT_EQ(Take(*file, 1), "6");
     EXPECT_EQ(file->Seek(-1, std::ios_base::beg), -1);
     EXPECT_EQ(file->Seek(0x7fffffffffffffff, std::ios_base::cur), -1);
+    EXPECT_EQ(file->pubseekoff(-8, std::ios_base::cur), -1);
+    EXPECT_EQ(file->pubseekoff(0, std::ios_base::end), 10);
+    EXPECT_EQ(file->pubseekoff(-3, std::ios_base::cur), 7);
     EXPECT_EQ(Take(*file, 1), "7");
     Put(*file, "XYZ");
     EXPECT_EQ(file->Seek(-1, std::ios_base::end), 10);
@@ -182,6 +185,15 @@ TEST_F(FileBuffer, KeepsWhatTheHostDoesNotTake)
     EXPECT_EQ(full->Seek(0, std::ios_base::beg), -1);
     EXPECT_LT(Put(*full, std::string(100000, 'x')), 100000);
     EXPECT_EQ(full->Tell(), 3);
+    EXPECT_EQ(full->GetFileSize(), 3);
+    EXPECT_EQ(full->sgetc(), EOF) << "reading would lose it";
+    EXPECT_EQ(Take(*full, 1), "");
+    EXPECT_EQ(Take(*full->GetTryIBuf(), 1), "");
+    full->FreeTryIBuf();
+    EXPECT_EQ(Put(*full, ""), 0);
+    full->DropPending();
+    EXPECT_EQ(full->Tell(), 0);
+    EXPECT_EQ(full->pubsync(), 0);
 }
 
 TEST_F(FileBuffer, TreatsANamedPipeAsAPipe)
@@ -197,6 +209,13 @@ TEST_F(FileBuffer, TreatsANamedPipeAsAPipe)
     reader->FreeTryIBuf();
     EXPECT_FALSE(reader->IsEofReached());
     EXPECT_EQ(Take(*reader, 2), "ab");
+    EXPECT_EQ(Take(*reader, 1), "c");
+    Put(*writer, "def");
+    EXPECT_EQ(reader->sgetc(), 'd');
+    btkEvent input(reader->GetInputEvent());
+    EXPECT_TRUE(input.IsSignaled());
+    EXPECT_EQ(Take(*reader, 3), "def");
+    EXPECT_FALSE(input.IsSignaled());
     EXPECT_EQ(reader->Tell(), -1);
     EXPECT_EQ(reader->Seek(0, std::ios_base::beg), -1);
     EXPECT_EQ(reader->GetFileSize(), -1);

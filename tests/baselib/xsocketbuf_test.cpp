@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <sys/socket.h>
 #include <thread>
 
 #include "support/interrupt.h"
@@ -155,6 +156,65 @@ TEST(xsocketbuf, FailsToSendToAPeerThatIsGone)
 
     EXPECT_LT(sent, 3 << 20);
     EXPECT_EQ(ends.out->pubsync(), -1);
+}
+
+TEST(xsocketbuf, TestsWritesAndSendsNothing)
+{
+    Ends ends;
+    std::streambuf* area = ends.out->GetTryOBuf();
+    EXPECT_EQ(area->sputn("abc", 3), 3);
+    EXPECT_EQ(area->sputc('d'), 'd');
+    ends.out->FreeTryOBuf();
+    EXPECT_FALSE(ends.out->IsTryExhausted());
+    ends.write("x");
+    EXPECT_EQ(ends.out->GetTryOBuf()->sputn("abc", 3), 3) << "also while some is collected";
+    ends.out->pubsync();
+    EXPECT_EQ(ends.read(1), "x");
+
+    // Once the connection is full, what is collected here is all that can be taken.
+    btkEvent writable(ends.out->GetOutputEvent());
+    const std::string block(4096, 'b');
+    bool broken = false;
+    while (btkCountWritable(ends.near.GetHandle(), broken) > 0)
+        send(ends.near.GetHandle(), block.data(), block.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    EXPECT_FALSE(broken);
+    EXPECT_FALSE(writable.IsSignaled());
+    area = ends.out->GetTryOBuf();
+    std::size_t taken = 0;
+    while (area->sputc('c') == 'c')
+        ++taken;
+    EXPECT_GT(taken, 0u);
+    EXPECT_TRUE(ends.out->IsTryExhausted());
+
+    btkResetOnClose(ends.far.GetHandle(), true);
+    ends.in.reset();
+    ends.far.Close();
+    EXPECT_EQ(btkEvent::Wait({&writable}, aWhile), 1);
+    EXPECT_EQ(ends.out->GetTryOBuf()->sputc('x'), EOF);
+    EXPECT_FALSE(ends.out->IsTryExhausted()) << "waiting will not help";
+    ends.out->sputc('y'); // it is collected,
+    EXPECT_EQ(ends.out->pubsync(), -1);
+    EXPECT_FALSE(ends.out->SendUrgent("0123"));
+    EXPECT_EQ(ends.out->sputn(block.data(), 4096), 4096);
+    EXPECT_EQ(ends.out->sputn(std::string(1 << 20, 'z').data(), 1 << 20), 0)
+        << "and fails when it is to be sent";
+}
+
+TEST(xsocketbuf, TakesWhatHasComeBeforeItSends)
+{
+    Ends ends;
+    ends.in->sputn("here", 4);
+    ends.in->pubsync();
+    ASSERT_TRUE(ends.near.IsReadable(aWhile));
+    ends.write("collected");
+    char got[4];
+    EXPECT_EQ(ends.out->sgetn(got, 4), 4);
+    EXPECT_FALSE(ends.far.IsReadable(btkTimeval(0, 20000))) << "nothing had to wait";
+
+    ends.in.reset();
+    ends.far.Close();
+    EXPECT_EQ(ends.out->sgetc(), EOF);
+    EXPECT_TRUE(ends.out->IsEofReached());
 }
 
 TEST(xsocketbuf, TransfersEverythingWhileInterrupted)

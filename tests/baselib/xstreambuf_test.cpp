@@ -2,9 +2,11 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <unistd.h>
 
+#include "support/child.h"
 #include "support/interrupt.h"
 #include <qel/base/xbufaccess.h>
 #include <qel/base/xpipebuf.h>
@@ -20,7 +22,7 @@ std::string Take(std::streambuf& buffer, std::size_t count)
     return text;
 }
 
-std::streamsize Put(std::streambuf& buffer, const std::string& text)
+std::streamsize Put(std::streambuf& buffer, std::string_view text)
 {
     return buffer.sputn(text.data(), static_cast<std::streamsize>(text.size()));
 }
@@ -70,6 +72,11 @@ TEST(xstringbuf, ShowsAtOnceWhatWasWritten)
         EXPECT_EQ(Take(buffer, part.size()), part);
     }
     EXPECT_EQ(std::string(buffer.GetText(), buffer.GetSize()), all);
+    EXPECT_EQ(buffer.in_avail(), -1);
+    buffer.sputc('x');
+    EXPECT_EQ(buffer.in_avail(), 1);
+    EXPECT_THROW(Put(buffer, std::string_view("x", static_cast<std::size_t>(-1) / 4)), std::bad_alloc);
+    EXPECT_EQ(Take(buffer, 2), "x");
 }
 
 TEST(xstringbuf, RefusesWritesIntoAGivenText)
@@ -266,6 +273,23 @@ TEST(StandardBuffers, KeepTheirOrderWithTheProgramsOwnOutput)
     }
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "1234");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "e");
+}
+
+TEST(StandardBuffers, FailWithoutASignalWhenNobodyReads)
+{
+    btkOutputPipe writing;
+    btkInputPipe reading;
+    ASSERT_TRUE(btkAnonymousPipe::Create(writing, reading));
+    reading.Reset();
+    EXPECT_EQ(runInChild([&] {
+                  dup2(writing.Get(), 1);
+                  dup2(writing.Get(), 2);
+                  xostdbuf output(0), error(1);
+                  const bool isCollected = output.sputc('x') == 'x';
+                  const bool isWritten = error.sputc('x') == 'x' || Put(error, "more") == 4;
+                  return isCollected && output.pubsync() == -1 && !isWritten ? 0 : 1;
+              }),
+              0);
 }
 
 TEST(StandardBuffers, ReadAndLendTheStandardInput)

@@ -40,6 +40,13 @@ TEST(QelComplete, OffersCommandsAndOptions)
     EXPECT_EQ(Offered("man --directory ''"), ":directories ");
     EXPECT_EQ(Offered("nothing -"), "--help --version ");
     EXPECT_EQ(Offered("co"), "conf completion ") << "hidden ones are not offered";
+    EXPECT_EQ(Offered("mon add f p ''"), "bool int real string ");
+    EXPECT_EQ(Offered("ns query --host=x --none=y --"), Offered("ns query --"));
+    EXPECT_EQ(Offered("ns query --none=''"), "");
+    EXPECT_EQ(Offered("mon plot --svg=''"), ":files ");
+    EXPECT_EQ(Offered("man -- --d"), "") << "behind -- there are no options";
+    EXPECT_TRUE(Offered("types filelib::XD").starts_with("filelib::XDiskFull "));
+    EXPECT_EQ(Offered("''").substr(0, 3), Offered("").substr(0, 3));
 }
 
 TEST(QelComplete, OffersTheServersThatThereAre)
@@ -74,10 +81,17 @@ TEST(QelComplete, OffersKeysAndPaths)
     EXPECT_EQ(Offered("conf get " + file + "none ''"), "");
     EXPECT_EQ(Offered("fs cp ''"), ":files ");
 
+    Qel("mon create " + dir.path("run.mon"));
+    Qel("mon add " + dir.path("run.mon") + " 'load 1' int 1");
+    EXPECT_EQ(Offered("mon get " + dir.path("run.mon") + " l"), "load 1 ");
+    EXPECT_EQ(Offered("mon get " + file + " ''"), "") << "it is no monitor file";
+
     const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
     Qel("reg set 'Software\\VRX' MaxFields 1");
     Qel("reg set --system System x 1");
     EXPECT_EQ(Offered("reg get S"), "Software Software\\VRX ");
     EXPECT_EQ(Offered("reg list --system ''"), "System ");
+    EXPECT_EQ(Offered("reg get '\\' ''"), "");
+    EXPECT_EQ(Offered("reg get None ''"), "");
     EXPECT_EQ(Offered("reg get SoftwareVRX ''"), "MaxFields ") << "the shells take the backslash out";
 }

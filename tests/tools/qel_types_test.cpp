@@ -43,6 +43,8 @@ TEST(QelTypes, ShowsAllOfOneType)
                                                    "c++     fsOpMode\n"
                                                    "labels  fsRecursive, fsSimple\n");
     EXPECT_TRUE(Holds(Qel("types --json intseq").output, "\"element\": \"int\""));
+    EXPECT_TRUE(Holds(Qel("types stringdict").output, "dictionary\n"));
+    EXPECT_EQ(Qel("types real").output, "name  real\nkind  basic\n");
 }
 
 TEST(QelPrint, MakesValuesOfMostTypes)
@@ -54,6 +56,25 @@ TEST(QelPrint, MakesValuesOfMostTypes)
     EXPECT_EQ(Qel("print filelib::OpMode fsSimple").output, "fsSimple\n");
     EXPECT_EQ(Qel("print real 0.5").output, "0.5\n");
     EXPECT_EQ(Qel("print string").status, 0);
+    const struct
+    {
+        const char* arguments;
+        const char* shown;
+    } values[] = {{"bool no", "false"},
+                  {"int", "42"},
+                  {"any 'a b'", "a b"},
+                  {"filelib::OpMode", "fsRecursive"},
+                  {"booleanseq yes no", "[\n  0 : true\n  1 : false\n]"},
+                  {"realseq -1.5", "0 : -1.5"},
+                  {"anyseq x", "0 : \"x\""},
+                  {"intdict b=2 a=1", "\"a\" : 1\n"},
+                  {"booleandict a=yes", "\"a\" : true\n"},
+                  {"realdict a=1e3", "\"a\" : 1000\n"},
+                  {"anydict a==b", "\"a\" : \"=b\""},
+                  {"qellib::XInvalidSeqIndex Index=3 Description=far", "Index : 3\n"}};
+    for (const auto& [arguments, shown] : values)
+        EXPECT_TRUE(Holds(Qel(std::string("print ") + arguments).output, shown))
+            << arguments << ": " << Qel(std::string("print ") + arguments).output;
     EXPECT_TRUE(Holds(Qel("print filelib::NodeInfo").output, "Size : 0\n"));
 }
 
@@ -66,5 +87,10 @@ TEST(QelPrint, SaysWhyThereIsNoValue)
     EXPECT_EQ(Qel("print intdict x").status, 2);
     EXPECT_EQ(Qel("print filelib::OpMode fsNone").status, 2);
     EXPECT_EQ(Qel("print qellib::XNull Nothing=1").status, 2);
+    EXPECT_EQ(Qel("print qellib::XNull Description").status, 2);
+    for (const char* const refused : {"bool maybe", "bool", "real 1,5", "real ''", "int 2147483648",
+                                      "booleanseq yes 1", "realdict a=b", "int 1 2"})
+        EXPECT_EQ(Qel(std::string("print ") + refused).status, std::string_view(refused) == "bool" ? 0 : 2)
+            << refused;
     EXPECT_EQ(Qel("print xrtti").status, 1);
 }
