@@ -1,0 +1,99 @@
+"""coverage.py BUILD: what the tests that have run in a coverage build reach, in pages, as a summary, and against the goals.
+
+gcovr counts; two things are mended between what it reads and what it reports. Public headers are found through links in
+the build tree: a header counts once, under its own name. And a branch that only an exception takes is known as such only
+where the function has run: it is left out after the counts of all instances of a function have been put together, not
+before, as each instance that never ran would bring it back."""
+import json
+import os
+import pathlib
+import subprocess
+import sys
+
+FOLDERS = ("baselib/", "ctools/", "platform/", "qel/", "tools/")
+
+# Percent of lines and of branches.
+GOAL = (90, 80)
+STRICT_GOAL = (95, 90)
+STRICT = {
+    "decoders": ("qel/qelstd/iolibsrc/ioserializer", "qel/qelstd/iolibsrc/ioasciiserializer", "qel/qelstd/iolibsrc/ioform_p",
+                 "qel/qelstd/iolibsrc/iotext_p", "baselib/nmswire", "baselib/nmstable", "qel/qelstd/monlibsrc/"),
+    "write-back": ("baselib/xfilebuf", "baselib/xinputbuf", "baselib/xpipebuf", "baselib/xsocketbuf", "baselib/xstdbuf",
+                   "baselib/xstreambuf", "baselib/xstringbuf", "baselib/xbufaccess", "ctools/lockfilebuf",
+                   "qel/qelstd/config/hmxconfigfile"),
+    "handshake": ("baselib/nethandshake", "qel/qelstd/netlibsrc/"),
+    "relay": ("qel/qelstd/rshlib/rshrelay",),
+}
+
+
+def gcovr(*arguments):
+    filters = [word for folder in FOLDERS for word in ("--filter", folder)]
+    subprocess.run(["gcovr", "--root", ".", *filters, "--exclude-unreachable-branches", *arguments], check=True)
+
+
+def added(one, other):
+    """The counts of two lists of lines, of the same file, together."""
+    lines = {line["line_number"]: line for line in one}
+    for line in other:
+        known = lines.setdefault(line["line_number"], line)
+        if known is line:
+            continue
+        known["count"] += line["count"]
+        known["gcovr/noncode"] = known["gcovr/noncode"] and line["gcovr/noncode"]
+        for place, branch in enumerate(line["branches"]):
+            if place == len(known["branches"]):
+                known["branches"].append(branch)
+            else:
+                same = known["branches"][place]
+                same["count"] += branch["count"]
+                same["throw"] = same["throw"] or branch["throw"]
+    return sorted(lines.values(), key=lambda line: line["line_number"])
+
+
+def mended(path):
+    """Gives files their own names, and leaves out what only exceptions take; the file at `path` is written anew."""
+    report = json.loads(path.read_text())
+    files = {}
+    for file in report["files"]:
+        file["file"] = os.path.relpath(os.path.realpath(file["file"]))
+        known = files.setdefault(file["file"], file)
+        if known is not file:
+            known["lines"] = added(known["lines"], file["lines"])
+            names = {function["name"] for function in known["functions"]}
+            known["functions"] += [one for one in file["functions"] if one["name"] not in names]
+    report["files"] = list(files.values())
+    for file in report["files"]:
+        for line in file["lines"]:
+            line["branches"] = [branch for branch in line["branches"] if not branch["throw"]]
+    path.write_text(json.dumps(report))
+    return report["files"]
+
+
+def percents(files):
+    lines = [line for file in files for line in file["lines"] if not line["gcovr/noncode"]]
+    branches = [branch for line in lines for branch in line["branches"]]
+    return [100 * sum(one["count"] > 0 for one in all) / max(len(all), 1) for all in (lines, branches)]
+
+
+def main(build):
+    report = build / "report"
+    report.mkdir(exist_ok=True)
+    counts = report / "counts.json"
+    gcovr("--gcov-executable", os.path.abspath("tests/coverage/gcov.sh"), "--json", "--output", str(counts), str(build))
+    files = mended(counts)
+    gcovr("--add-tracefile", str(counts), "--html-details", str(report / "index.html"), "--csv", str(report / "files.csv"),
+          "--print-summary")
+    groups = {"all": (files, GOAL)}
+    for name, starts in STRICT.items():
+        groups[name] = ([file for file in files if file["file"].startswith(starts)], STRICT_GOAL)
+    missed = False
+    print(f"{'':12}{'lines':>8}{'goal':>6}{'branches':>10}{'goal':>6}")
+    for name, (members, goal) in groups.items():
+        reached = percents(members)
+        print(f"{name:12}{reached[0]:7.1f}%{goal[0]:5}%{reached[1]:9.1f}%{goal[1]:5}%")
+        missed = missed or reached[0] < goal[0] or reached[1] < goal[1]
+    return 1 if missed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(pathlib.Path(sys.argv[1])))
