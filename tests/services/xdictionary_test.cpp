@@ -412,6 +412,8 @@ TEST(xdictionary, KeepsKeysOfAllLengthsApart)
 
 TEST(xdictionary, TakesNoMoreMemoryWhenKeysComeAndGo)
 {
+    if (!freedMemoryIsGone)
+        GTEST_SKIP() << "a sanitizer keeps what is freed";
     xintdictionary d;
     const auto key = [](int i) {
         return std::to_string(i) + std::string(static_cast<std::size_t>(i % 50), '-');
@@ -433,9 +435,7 @@ TEST(xdictionary, TakesNoMoreMemoryWhenKeysComeAndGo)
         d.set(longKey(i).c_str(), i);
     for (int i = 0; i < 100000; ++i)
         d.remove(longKey(i).c_str());
-    if (freedMemoryIsGone) {
-        EXPECT_LT(residentKiB() - before, 10000); // the keys took 6300, and the index has kept 4100
-    }
+    EXPECT_LT(residentKiB() - before, 10000); // the keys took 6300, and the index has kept 4100
 }
 
 namespace {
