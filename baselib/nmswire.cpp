@@ -75,14 +75,11 @@ bool nmsPutRecord(std::string& to, const nmsFields& record, const nmsLimits& lim
     nmsPutInt(to, static_cast<int>(record.owner));
     nmsPutInt(to, static_cast<int>(count));
     const auto put = [&](const std::string& text, unsigned limit) {
-        if (text.size() >= limit)
-            return false;
-        const unsigned length = static_cast<unsigned>(text.size());
+        const unsigned length = static_cast<unsigned>(std::min<std::size_t>(text.size(), limit));
         return nmsPutText(to, text.data(), length + 1, length, limit);
     };
     for (const auto& [name, value] : record.fields)
-        if (name.size() >= limits.nameSize || value.size() >= limits.valueSize ||
-            !put(name, limits.nameSize) || !put(value, limits.valueSize))
+        if (!put(name, limits.nameSize) || !put(value, limits.valueSize))
             return false;
     return true;
 }

@@ -111,6 +111,8 @@ TEST(NameWire, TellsOfFailures)
               "ERROR  : NMS client: could not connect to NameServer. (LOCALHOST, port 1239)");
     EXPECT_EQ(nmsStatusText(nmscNoConnection, false, "far", 0),
               "ERROR  : NMS client: could not connect to NameServer. (far)");
+    EXPECT_EQ(nmsStatusText(nmscNotRecognized, true, "", 0),
+              "ERROR  : NameServer on client request: request is not recognized.");
     EXPECT_EQ(nmsStatusText(77, true, "", 0),
               "ERROR  : NameServer on client request: internal error occured.");
 }
