@@ -40,9 +40,11 @@ static void write_counts(void)
         return;
     /* A file cut off in the middle would take no counts any more. */
     getrlimit(RLIMIT_FSIZE, &most_bytes);
-    most_bytes.rlim_cur = most_bytes.rlim_max;
-    if (most_bytes.rlim_max != RLIM_INFINITY || setrlimit(RLIMIT_FSIZE, &most_bytes) != 0)
-        return;
+    if (most_bytes.rlim_cur != RLIM_INFINITY) {
+        most_bytes.rlim_cur = most_bytes.rlim_max = RLIM_INFINITY;
+        if (setrlimit(RLIMIT_FSIZE, &most_bytes) != 0)
+            return;
+    }
     owner = 0; /* once */
     for (int i = 0; i < count; ++i)
         dumps[i]();
