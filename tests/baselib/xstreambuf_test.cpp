@@ -3,13 +3,18 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
 #include "support/child.h"
 #include "support/interrupt.h"
+#include "support/tempdir.h"
+#include <qel/base/btksocket.h>
 #include <qel/base/xbufaccess.h>
+#include <qel/base/xfilebuf.h>
 #include <qel/base/xpipebuf.h>
+#include <qel/base/xsocketbuf.h>
 #include <qel/base/xstdbuf.h>
 #include <qel/base/xstringbuf.h>
 
@@ -34,6 +39,15 @@ std::string Try(xstreambuf& buffer, std::size_t count)
     buffer.FreeTryIBuf();
     return text;
 }
+
+// A buffer whose protected operations the standard library calls, or may call.
+template<class Buffer>
+struct Opened : Buffer
+{
+    using Buffer::Buffer;
+    using Buffer::overflow;
+    using Buffer::underflow;
+};
 
 class PipeBuffers : public testing::Test
 {
@@ -102,6 +116,14 @@ TEST(xstringbuf, LendsWithoutConsumingAndKnowsItsEnd)
     EXPECT_TRUE(buffer.IsEofReached());
     EXPECT_EQ(Take(buffer, 9), "2345");
     EXPECT_EQ(buffer.GetTryOBuf(), nullptr);
+}
+
+TEST(xstringbuf, OfNoTextIsAtItsEnd)
+{
+    xstringbuf buffer("", 0);
+    EXPECT_EQ(buffer.sgetc(), EOF);
+    EXPECT_EQ(buffer.CountReadable(), 0u);
+    EXPECT_EQ(std::string(buffer.GetText(), buffer.GetSize()), "");
 }
 
 TEST(xbufaccess, ReadsAndWritesRightInTheAreas)
@@ -273,6 +295,90 @@ TEST(StandardBuffers, KeepTheirOrderWithTheProgramsOwnOutput)
     }
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "1234");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "e");
+}
+
+TEST(AllBuffers, WriteNothingForTheEndOfFile)
+{
+    const TempDir dir;
+    btkStreamSocket socket;
+    btkFd file = btkOpenFile(dir.path("f").c_str(), btkOpenWrite | btkOpenCreate);
+    Opened<xstringbuf> text;
+    Opened<xoutputbuf> output(file.Get());
+    Opened<xostdbuf> standard(0);
+    Opened<xsocketbuf> connection(&socket);
+    EXPECT_NE(text.overflow(EOF), EOF);
+    EXPECT_NE(output.overflow(EOF), EOF);
+    EXPECT_NE(standard.overflow(EOF), EOF);
+    EXPECT_NE(connection.overflow(EOF), EOF);
+    EXPECT_EQ(text.GetSize(), 0u);
+    EXPECT_EQ(dir.read("f"), "");
+}
+
+TEST(AllBuffers, PassOnWhatTheHostCanMove)
+{
+    const TempDir dir;
+    const std::string bytes(200000, 'b');
+    dir.write("from", bytes);
+    const auto open = [&](const char* name, xfilebuf::Mode mode) {
+        return std::unique_ptr<xfilebuf>(xfilebuf::Open(dir.path(name).c_str(), mode));
+    };
+    const auto from = open("from", xfilebuf::Read);
+    const auto to = open("to", xfilebuf::Write);
+    Put(*to, "head");
+    from->PassTo(*to);
+    EXPECT_EQ(from->sgetc(), EOF);
+    Put(*to, "tail");
+    to->pubsync();
+    EXPECT_TRUE(dir.read("to") == "head" + bytes + "tail");
+
+    // What is held here, not open for that, not open at all to the host, or without room stays for a copy.
+    from->Seek(0, std::ios_base::beg);
+    EXPECT_EQ(from->sgetc(), 'b');
+    from->PassTo(*to);
+    EXPECT_EQ(from->Tell(), 0);
+    from->Seek(0, std::ios_base::beg);
+    from->PassTo(*from);
+    EXPECT_EQ(from->Tell(), 0);
+    to->PassTo(*from);
+    xstringbuf text;
+    from->PassTo(text);
+    EXPECT_EQ(from->Tell(), 0);
+    EXPECT_EQ(text.GetSize(), 0u);
+    const std::unique_ptr<xfilebuf> full(xfilebuf::Open("/dev/full", xfilebuf::ReadWrite));
+    Put(*full, "pending");
+    from->PassTo(*full);
+    EXPECT_EQ(from->Tell(), 0);
+    EXPECT_EQ(Take(*from, 3), "bbb");
+    full->DropPending();
+    to->pubsync();
+    EXPECT_EQ(dir.read("to").size(), bytes.size() + 8);
+}
+
+TEST(StandardBuffers, ShowWhatWasWrittenBeforeTheyWaitForInput)
+{
+    btkOutputPipe writing;
+    btkInputPipe reading;
+    ASSERT_TRUE(btkAnonymousPipe::Create(writing, reading));
+    const btkFd kept(dup(0));
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(dup2(reading.Get(), 0), 0);
+    fputs("question ", stdout);
+    bool isShown = false;
+    std::thread answerer([&] {
+        const btkTimeval end = btkTimeval::Now() + btkTimeval(10.0);
+        struct stat shown = {};
+        while (!isShown && btkTimeval::Now() < end)
+            isShown = fstat(1, &shown) == 0 && shown.st_size == 9;
+        btkWrite(writing.Get(), "answer", 6);
+    });
+
+    xistdbuf input;
+    EXPECT_EQ(Take(input, 6), "answer");
+
+    answerer.join();
+    EXPECT_TRUE(isShown);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "question ");
+    dup2(kept.Get(), 0);
 }
 
 TEST(StandardBuffers, FailWithoutASignalWhenNobodyReads)

@@ -7,6 +7,7 @@
 #include <random>
 #include <thread>
 
+#include <qel/base/lockfilebuf.h>
 #include <qel/hmxconfigfile.h>
 #include <qel/platform/lasterror.h>
 
@@ -336,6 +337,31 @@ TEST_F(Config, KeepsTheOldContentWhenTheNewOneCannotBeWritten)
               223); // file too large
     EXPECT_EQ(content(), old);
     EXPECT_EQ(nodes(), 1);
+}
+
+TEST_F(Config, FailsOnAFileThatCannotBeRead)
+{
+    hmxConfigFile file;
+    EXPECT_FALSE(file.Open("/proc/self/mem", hmxConfigFile::ReadOnly));
+    EXPECT_FALSE(file.IsOpened());
+    EXPECT_NE(GetLastError(), 0u);
+    struct Nothing : hmxConfigOddityHandler
+    {
+        void Invoke(hmxConfigOddity, long long, const char*, long long) override { ADD_FAILURE(); }
+    } nothing;
+    EXPECT_FALSE(hmxConfigFile::Check("/proc/self/mem", nothing));
+}
+
+TEST_F(Config, LockIsGivenBackByClosing)
+{
+    dir.write("config", "a:1\n");
+    lockFileBuf locked, next;
+    ASSERT_FALSE(locked.Open(dir.path("config").c_str(), std::ios_base::in | std::ios_base::out, 0600));
+    EXPECT_FALSE(locked.Close());
+    ASSERT_FALSE(next.Open(dir.path("config").c_str(), std::ios_base::in | std::ios_base::out, 0600))
+        << "nobody holds it";
+    EXPECT_TRUE(locked.Close()) << "it is closed";
+    EXPECT_EQ(errno, EBADF);
 }
 
 /// The program that the two tests below run under strace: this test, on the file that the environment names.

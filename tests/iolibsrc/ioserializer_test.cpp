@@ -3,11 +3,13 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <random>
 #include <sstream>
 
 #include "iosupport.h"
+#include "support/thrown.h"
 #include <qel/xrtti.h>
 
 namespace {
@@ -229,6 +231,30 @@ TEST(Serializers, TellTheSizesOfValues)
     const auto native = MemoryStream(binary);
     EXPECT_EQ(native->SizeOf(xnullbool), 1);
     EXPECT_EQ(native->SizeOf("abc"), 7);
+    EXPECT_EQ(native->SizeOf(0.5), 8);
+}
+
+TEST(Serializers, SayThatNobodyReads)
+{
+    const std::string large(100000, 'x');
+    const std::function<void(ioStream&)> writes[] = {
+        [](ioStream& stream) { stream.WriteByte('x'); },
+        [](ioStream& stream) { stream.WriteInt(1); },
+        [](ioStream& stream) { stream.WriteReal(0.5); },
+        [](ioStream& stream) { stream.WriteBool(1); },
+        [](ioStream& stream) { stream.WriteString("text"); },
+        [&](ioStream& stream) { stream.WriteString(large.c_str()); },
+        [&](ioStream& stream) { stream.WriteBytes(large.data(), 100000); },
+    };
+    for (ioSerializer* const form : {ascii, binary, xdr})
+        for (const auto& write : writes) {
+            const Owned<ioPipe> pipe(ioPipe::Create());
+            ioStream& stream = *pipe->getWriteEnd();
+            stream.setSerializer(form);
+            pipe->getReadEnd()->Close();
+            EXPECT_EQ(thrownBy([&] { write(stream); }), "iolib::XStream");
+            EXPECT_NE(stream.getIsBad(), 0);
+        }
 }
 
 TEST(AsciiForm, ReadsIntsAsAStandardStreamDoes)

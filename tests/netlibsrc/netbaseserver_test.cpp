@@ -13,6 +13,7 @@
 #include "support/testserver.h"
 #include <qel/base/btksocket.h>
 #include <qel/xiolib.h>
+#include <qel/xrtti.h>
 
 namespace {
 
@@ -34,6 +35,12 @@ bool isListened(int port)
 {
     btkStreamSocket socket;
     return socket.Connect(nullptr, port, patience);
+}
+
+// An attribute, as programs read it that know no class.
+xany valueOf(xobject* object, const char* name)
+{
+    return xrttistruct::cast(object->getRtti())->findAttr(name, 1)->getValue(object);
 }
 
 // Waits for the end of what the peer sends; false when something else comes.
@@ -204,6 +211,12 @@ TEST(netBaseServer, AcceptsWithoutItsLoop)
     const Owned<netBaseServer> server = makeServer();
     const Owned<netEvent> event(server->AcceptEvent());
     EXPECT_EQ(event->getServer(), server.get());
+    EXPECT_TRUE(valueOf(event.get(), "Server") == xany(server.get()));
+    EXPECT_TRUE(valueOf(server.get(), "PortN") == server->getPortN());
+    EXPECT_TRUE(valueOf(server.get(), "TimeSlice") == 0.01);
+    EXPECT_TRUE(valueOf(server.get(), "ServerName").isNull());
+    const Owned<netServer> versioned(netServer::Create(nullptr, 0));
+    EXPECT_TRUE(valueOf(versioned.get(), "Version") == "QEL netServer Version 0.99");
     EXPECT_FALSE(event->getIsSignaled());
     EXPECT_EQ(server->Accept(0.01), nullptr);
 
@@ -346,6 +359,37 @@ TEST(AsyncRequest, ThatCannotStartLosesItsConnectionOnly)
 }
 
 // ---- descriptors run out
+
+TEST(AsyncRequest, ThatHasNoPipeLosesItsConnectionOnly)
+{
+    RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
+    AsyncHandler answering([](netSocketStream* handed, evtEvent*) {
+        const Owned<netSocketStream> stream(handed);
+        stream->WriteByte(1);
+        return netServerContinue;
+    });
+    ServedInThread served([&] {
+        netBaseServer* const server = netBaseServer::Create(nullptr, 0);
+        server->setOnRequest(&spawning);
+        server->setOnAsyncRequest(&answering);
+        return server;
+    }());
+    char byte = 0;
+    testing::internal::CaptureStdout();
+    {
+        const DescriptorLimit limit(nextDescriptor() + 3); // two for the connection, one of the pipe's two
+        btkStreamSocket refused;
+        ASSERT_TRUE(refused.Connect(nullptr, served.getPort(), patience));
+        refused.SetRecvLimit(patience);
+        EXPECT_EQ(refused.Recv(&byte, 1), 0);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "netBaseServer::SpawnAsyncRequest: create thread failed\n");
+    btkStreamSocket admitted;
+    ASSERT_TRUE(admitted.Connect(nullptr, served.getPort(), patience));
+    admitted.SetRecvLimit(patience);
+    EXPECT_EQ(admitted.Recv(&byte, 1), 1);
+}
 
 TEST(netBaseServer, SleepsWhileThereIsNoDescriptorAndServesAgainLater)
 {

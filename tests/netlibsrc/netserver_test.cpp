@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <future>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include <sys/socket.h>
@@ -277,6 +278,26 @@ TEST(netServer, ClosesSilentClientsAfterAWhile)
         EXPECT_EQ(late.Recv(&byte, 1), 1);
     }
     EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(netServer, ClosesTheOldestSilentClientWhereThereIsNoDescriptorForAnother)
+{
+    ServedInThread served(makeServer());
+    btkStreamSocket silent;
+    ASSERT_TRUE(silent.Connect(nullptr, served.getPort(), patience));
+    EXPECT_EQ(answerTo(served.getPort(), "\1"), "\1"); // the silent one has been accepted before
+    const DescriptorLimit limit(200);
+    std::vector<btkFd> others;
+    for (int taken = dup(0); taken >= 0; taken = dup(0))
+        others.emplace_back(taken);
+    others.pop_back();
+    btkStreamSocket honest;
+    ASSERT_TRUE(honest.Connect(nullptr, served.getPort(), patience));
+    honest.Send("\1", 1);
+    char byte = 0;
+    honest.SetRecvLimit(patience);
+    EXPECT_EQ(honest.Recv(&byte, 1), 1);
+    EXPECT_EQ(silent.Recv(&byte, 1), 0);
 }
 
 TEST(netServer, NobodyWaitsForAClientThatSendsAnUrgentValueOnly)

@@ -11,6 +11,7 @@
 #include <qel/base/nmsserver.h>
 #include <qel/syslib.h>
 #include <qel/xiolib.h>
+#include <qel/xrtti.h>
 
 #include <gtest/gtest.h>
 
@@ -95,6 +96,10 @@ TEST(netAddress, HoldsWhatItWasGiven)
     EXPECT_TRUE(named->getHostName() == nullptr);
     EXPECT_EQ(named->getPortN(), 0);
     EXPECT_TRUE(named->getServerName() == "name");
+    auto* const type = xrttistruct::cast(named->getRtti());
+    EXPECT_TRUE(type->findAttr("HostName", 1)->getValue(named.get()).isNull());
+    EXPECT_TRUE(type->findAttr("PortN", 1)->getValue(named.get()) == 0);
+    EXPECT_TRUE(type->findAttr("ServerName", 1)->getValue(named.get()) == "name");
     EXPECT_EQ(failureOf([] { ResolvePort(nullptr); }), "1 Address is nil!");
 }
 

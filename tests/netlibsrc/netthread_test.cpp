@@ -33,6 +33,14 @@ protected:
     void OnPostStart() override { postStarted = true; }
 };
 
+// What a thread's subclasses see of it.
+struct Open : Worker
+{
+    using Worker::AtFork;
+    using Worker::GetExitHandle;
+    using Worker::SignalStream;
+};
+
 class Unwilling : public netBaseThread
 {
 public:
@@ -102,6 +110,24 @@ TEST(netThread, IsNotStartedWhenItRefusesOrTheHostHasNoPipe)
     EXPECT_EQ(worker.WaitExitCode(), 1);
 }
 
+TEST(netThread, KeepsOneEndOfItsPipeOnEachSideWhereThreadsAreProcesses)
+{
+    for (const bool isParent : {false, true}) {
+        Open worker;
+        EXPECT_EQ(worker.GetExitHandle(), -1);
+        worker.AtFork(isParent); // without a pipe
+        ASSERT_TRUE(worker.Start());
+        EXPECT_FALSE(btkIsReadable(worker.GetExitHandle()));
+        worker.ControlStream()->WriteByte(9);
+        EXPECT_TRUE(btkIsReadable(worker.GetExitHandle(), btkTimeval(30.0)));
+        worker.AtFork(isParent);
+        EXPECT_EQ(worker.SignalStream()->getIsOpen() != 0, !isParent);
+        EXPECT_EQ(worker.ControlStream()->getIsOpen() != 0, isParent);
+        EXPECT_EQ(worker.WaitExitCode(), 9);
+        EXPECT_EQ(worker.GetExitHandle(), -1);
+    }
+}
+
 namespace {
 
 struct Shell : netService
@@ -154,5 +180,9 @@ TEST(netServiceDeathTest, HasNoShellOnThisHost)
                  "QEL generated function not implemented!.*1264");
     EXPECT_DEATH(netService::ReportStarting(1), "netService::ReportStarting.*netlibnew.*1315");
     EXPECT_DEATH(netService::IsStopped(), "netService::IsStopped.*1333");
+    EXPECT_DEATH(netService::ReportRunning(), "netService::ReportRunning.*1321");
+    EXPECT_DEATH(netService::ReportPaused(), "netService::ReportPaused.*1327");
+    EXPECT_DEATH(netService::IsPaused(), "netService::IsPaused.*1340");
+    EXPECT_DEATH(netService::IsReleased(), "netService::IsReleased.*1347");
     EXPECT_DEATH(netService::DoPause(), "netService::DoPause.*1354");
 }

@@ -1,13 +1,17 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <memory>
 
 #include "iosupport.h"
 #include "support/descriptors.h"
 #include "support/environment.h"
 #include "support/programs.h"
 #include "support/tempdir.h"
+#include <qel/base/btksocket.h>
+#include <qel/netsocketstream.h>
 #include <qel/pcprocess.h>
+#include <qel/xiolib.h>
 
 namespace {
 
@@ -82,6 +86,28 @@ TEST_F(Processes, TalkThroughTheStreamsThatTheyAreGiven)
     EXPECT_EQ(end->getIsSignaled(), 1);
     process->Interrupt();
     process->Terminate();
+}
+
+TEST_F(Processes, TakeFilesAndConnectionsAsTheirStreams)
+{
+    const TempDir dir;
+    dir.write("in", "TEXT");
+    btkAcceptSocket door;
+    btkStreamSocket peer;
+    ASSERT_TRUE(door.Listen(0, "127.0.0.1"));
+    auto connected = std::make_unique<btkStreamSocket>();
+    ASSERT_TRUE(connected->Connect("127.0.0.1", door.GetPortN(), btkTimeval(20.0)));
+    ASSERT_TRUE(door.Wait(btkTimeval(20.0), 1) == 1 && door.Accept(&peer));
+    const Owned<netSocketStream> connection(netSocketStream::Create(connected.release()));
+    const Owned<ioFileStream> file(ioFileStream::Open(dir.path("in").c_str(), ioReadOnly));
+    file->ReadByte(); // the process opens the file by itself
+
+    const Process process = Start("tr A-Z a-z", file.get(), connection.get(), ioStream::getStderr());
+    EXPECT_EQ(ExitCodeOf(*process), 0);
+    EXPECT_EQ(file->getIsOpen() + connection->getIsOpen(), 0);
+    std::string text(10, '\0');
+    text.resize(peer.RecvAll(text.data(), text.size()));
+    EXPECT_EQ(text, "text");
 }
 
 TEST_F(Processes, StayUnstartedWhenAStreamCanNotBePassed)
