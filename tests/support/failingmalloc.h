@@ -14,6 +14,7 @@ namespace failing {
 inline long countdown = -1;
 inline bool forEver = false;
 inline bool reached = false; // since the last Failing began
+inline long seen = 0;        // allocations while it lived and was not stopped
 /// Allocations that have not been given back.
 inline long live = 0;
 
@@ -21,6 +22,7 @@ inline bool fails()
 {
     if (countdown < 0)
         return false;
+    ++seen;
     if (countdown > 0) {
         --countdown;
         return false;
@@ -39,6 +41,7 @@ public:
     {
         forEver = ever;
         reached = false;
+        seen = 0;
         countdown = after;
     }
     ~Failing() { stop(); }

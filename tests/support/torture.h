@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -49,10 +50,9 @@ Outcome attempt(Work work)
 template<class Work>
 long allocationsOf(Work work)
 {
-    constexpr long plenty = 1L << 40;
-    const failing::Failing never(plenty, false);
+    const failing::Failing never(std::numeric_limits<long>::max(), false);
     work();
-    return plenty - failing::countdown;
+    return failing::seen;
 }
 
 /// After how many allocations one fails: all numbers that make a difference, or 50 of them, evenly spread,
