@@ -55,6 +55,8 @@ TEST(NameWire, ARecordHasItsBytesAndComesBack)
     EXPECT_EQ(Feed(reader, bytes), bytes.size());
     EXPECT_TRUE(reader.IsWhole());
     EXPECT_EQ(reader.record.fields, record.fields);
+    EXPECT_FALSE(reader.Take(bytes.data())) << "nothing more belongs to it";
+    EXPECT_EQ(reader.record.fields, record.fields);
     for (std::size_t shorter = 0; shorter < bytes.size(); ++shorter) {
         nmsRecordReader cut;
         Feed(cut, bytes.substr(0, shorter));

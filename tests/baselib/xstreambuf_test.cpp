@@ -146,6 +146,7 @@ TEST(xbufaccess, ReadsAndWritesRightInTheAreas)
 
 TEST_F(PipeBuffers, WritesStraightThroughAndReadsAllThatIsAskedFor)
 {
+    EXPECT_EQ(input->in_avail(), 0) << "some may come";
     Put(*output, "12");
     EXPECT_EQ(input->CountReadable(), 2u);
     std::thread writer([&] {
@@ -160,6 +161,7 @@ TEST_F(PipeBuffers, WritesStraightThroughAndReadsAllThatIsAskedFor)
     EXPECT_EQ(Take(*input, 1), "");
     EXPECT_TRUE(input->IsEofReached());
     EXPECT_EQ(input->in_avail(), -1);
+    EXPECT_EQ(Take(*input, 1 << 20), "");
 }
 
 TEST_F(PipeBuffers, LendsWhatHasArrivedAndTellsAPauseFromTheEnd)

@@ -352,6 +352,22 @@ TEST_F(Config, FailsOnAFileThatCannotBeRead)
     EXPECT_FALSE(hmxConfigFile::Check("/proc/self/mem", nothing));
 }
 
+TEST_F(Config, StaysItsOwnersWhenTheSuperuserChangesIt)
+{
+    dir.write("config", "a:1\n");
+    if (chown(path(), 65534, 65533) != 0)
+        GTEST_SKIP() << "needs the right to give files away";
+    hmxConfigFile file;
+    ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite));
+    file.SetValue("a", "2");
+    EXPECT_TRUE(file.CloseChecked());
+    struct stat now = {};
+    EXPECT_EQ(stat(path(), &now), 0);
+    EXPECT_EQ(now.st_uid, 65534u);
+    EXPECT_EQ(now.st_gid, 65533u);
+    EXPECT_EQ(content(), "a:2\n");
+}
+
 TEST_F(Config, LockIsGivenBackByClosing)
 {
     dir.write("config", "a:1\n");
