@@ -300,6 +300,26 @@ TEST(netServer, ClosesTheOldestSilentClientWhereThereIsNoDescriptorForAnother)
     EXPECT_EQ(silent.Recv(&byte, 1), 0);
 }
 
+TEST(netServer, HandsOverWhoIsSilentOnceItsLoopHasEnded)
+{
+    const Owned<netServer> server(makeServer());
+    int calls = 0;
+    IdleHandler idle([&] { return ++calls < 3 ? netServerContinue : netServerTerminate; });
+    server->setOnIdle(&idle);
+    btkStreamSocket silent;
+    ASSERT_TRUE(silent.Connect(nullptr, server->getPortN(), patience));
+    server->Run();
+
+    const Owned<netSocketStream> taken(server->Accept(0));
+    ASSERT_NE(taken, nullptr);
+    taken->WriteByte(7);
+    taken->Flush(1);
+    char byte = 0;
+    silent.SetRecvLimit(patience);
+    EXPECT_EQ(silent.Recv(&byte, 1), 1);
+    EXPECT_EQ(byte, 7);
+}
+
 TEST(netServer, NobodyWaitsForAClientThatSendsAnUrgentValueOnly)
 {
     ServedInThread served(makeServer());
