@@ -21,7 +21,7 @@ STRICT = {
     "write-back": ("baselib/xfilebuf", "baselib/xinputbuf", "baselib/xpipebuf", "baselib/xsocketbuf", "baselib/xstdbuf",
                    "baselib/xstreambuf", "baselib/xstringbuf", "baselib/xbufaccess", "ctools/lockfilebuf",
                    "qel/qelstd/config/hmxconfigfile"),
-    "handshake": ("baselib/nethandshake", "qel/qelstd/netlibsrc/"),
+    "handshake": ("baselib/nethandshake", "qel/qelstd/netlibsrc/netserver"),
     "relay": ("qel/qelstd/rshlib/rshrelay",),
 }
 
