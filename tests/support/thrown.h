@@ -13,8 +13,11 @@ std::string thrownBy(Action action)
         action();
         return {};
     } catch (xthrowable* thrown) {
-        const xrchandle<xthrowable> held(thrown);
-        xrcrelease(thrown);
-        return thrown->getQelTypeName().CastToCString();
+        std::string name = thrown->getQelTypeName().CastToCString();
+        if (thrown->isRefCountable())
+            xrcrelease(thrown);
+        else
+            xdelete(thrown);
+        return name;
     }
 }
