@@ -120,6 +120,7 @@ TEST(netThread, KeepsOneEndOfItsPipeOnEachSideWhereThreadsAreProcesses)
         EXPECT_FALSE(btkIsReadable(worker.GetExitHandle()));
         worker.ControlStream()->WriteByte(9);
         EXPECT_TRUE(btkIsReadable(worker.GetExitHandle(), btkTimeval(30.0)));
+        EXPECT_TRUE(worker.IsExited());
         worker.AtFork(isParent);
         EXPECT_EQ(worker.SignalStream()->getIsOpen() != 0, !isParent);
         EXPECT_EQ(worker.ControlStream()->getIsOpen() != 0, isParent);
