@@ -420,6 +420,28 @@ TEST(OutOfMemory, LeavesWhatWasThereWhenAStringCannotGrow)
     EXPECT_EQ(text.CastToCString()[text.GetLength() - 1], '!');
 }
 
+TEST(OutOfMemory, LetsADictionaryShrinkLater)
+{
+    const xrchandle<xintdictionary> dictionary(xintdictionary::create());
+    for (int i = 0; i < 40000; ++i)
+        dictionary->set(std::to_string(i).c_str(), i);
+    std::vector<std::string> names;
+    for (int i = 100; i < 40000; ++i)
+        names.push_back(std::to_string(i));
+    {
+        const failing::Failing failure(0, true);
+        for (const std::string& name : names)
+            dictionary->remove(name.c_str());
+    }
+    for (int i = 100; i < 110; ++i)
+        dictionary->set(std::to_string(i).c_str(), i);
+    for (int i = 0; i < 110; ++i) {
+        int found = -1;
+        EXPECT_TRUE(dictionary->find(std::to_string(i).c_str(), &found));
+        EXPECT_EQ(found, i);
+    }
+}
+
 TEST(OutOfMemory, LeavesCollectionsWhole)
 {
     const xrchandle<xintdictionary> dictionary(xintdictionary::create());

@@ -182,8 +182,10 @@ void xbasedictionary::BaseRemove(const char* key, unsigned entrySize, unsigned v
     if (size != 0) {
         try {
             AdjustTableSize(entrySize, valueOffset);
+            if (side->keys.isSparse()) // only here, where every text is the key of an entry
+                CompactKeys(entrySize);
         } catch (const std::bad_alloc&) {
-            // The table stays as large as it is: a removal does not fail.
+            // Both stay as large as they are: a removal does not fail.
         }
     }
 }
@@ -260,11 +262,8 @@ void xbasedictionary::AdjustTableSize(unsigned entrySize, unsigned valueOffset)
         Rehash(minSize, entrySize, valueOffset);
     else if (percent >= std::uint64_t{size} * (std::uint64_t{maxLoad} + 1))
         Rehash(size * 2, entrySize, valueOffset);
-    else if (size > minSize && percent < std::uint64_t{size / 2} * minLoad) {
+    else if (size > minSize && percent < std::uint64_t{size / 2} * minLoad)
         Rehash(size / 2, entrySize, valueOffset);
-        if (side->keys.isSparse())
-            CompactKeys(entrySize);
-    }
 }
 
 char* xbasedictionary::Allocate(unsigned nSlots, unsigned entrySize)
