@@ -40,6 +40,11 @@ void oneThreadQelstd(benchmark::State& state)
 {
     copyAndDrop(state, xrchandle<Thing>(new Thing));
 }
+void oneThreadRoot(benchmark::State& state)
+{
+    copyAndDrop(state, xrchandle<xobject>(new Thing));
+}
+BENCHMARK(oneThreadRoot)->Name("objects/attach and release, one thread/qelstd");
 void oneThreadShared(benchmark::State& state)
 {
     copyAndDrop(state, std::make_shared<Plain>());

@@ -29,7 +29,12 @@ inline bool qelIsObject(const void* p)
 template<class To, class From>
 inline To* qelUpcast(From* p)
 {
-    return qelIsObject(p) ? static_cast<To*>(p) : reinterpret_cast<To*>(reinterpret_cast<std::uintptr_t>(p));
+    if (!qelIsObject(p))
+        return reinterpret_cast<To*>(reinterpret_cast<std::uintptr_t>(p));
+    To* const base = static_cast<To*>(p);
+    if (!qelIsObject(base))
+        __builtin_unreachable(); // spares the next one to ask
+    return base;
 }
 
 /// `p` as a pointer to the root class; a marker keeps its number.
