@@ -53,16 +53,6 @@ void xany::copyEnum(const __xany_c& from)
     value = from;
 }
 
-void xany::drop()
-{
-    if (value.tag == xanyString) {
-        if (value.u.stringValue.buffer != nullptr)
-            value.u.stringValue.buffer->Unlock();
-    } else if (value.tag == xanyObject) {
-        xrcrelease(value.u.objectValue);
-    }
-}
-
 // ---- queries
 
 xrtti* xany::getRtti() const

@@ -17,11 +17,7 @@ public:
     xany() noexcept { setPlain(xanyUninit, 0); }
     xany(const xany& other) { copyFrom(other.value); }
     xany(xany&& other) noexcept { takeFrom(other); }
-    ~xany()
-    {
-        if (!isPlain(value.tag))
-            drop();
-    }
+    ~xany() { drop(); }
 
     xany(std::nullptr_t) { setPlain(xanyNull, 0); }
     /// xnullint: null. xuninitint: uninit.
@@ -169,9 +165,13 @@ private:
             __builtin_memcpy(&value.u, &from.u, sizeof value.u.realValue);
         } else if (from.tag == xanyString) {
             value.tag = xanyString;
-            value.u.stringValue = from.u.stringValue;
-            if (from.u.stringValue.buffer != nullptr)
-                from.u.stringValue.buffer->Lock();
+            // The buffer for itself: part of a vector would reach memory too late for who reads it next.
+            btkStrBuf* const buffer = from.u.stringValue.buffer;
+            value.u.stringValue.buffer = buffer;
+            if (buffer != nullptr)
+                buffer->Lock();
+            value.u.stringValue.mb = from.u.stringValue.mb;
+            value.u.stringValue.wide = from.u.stringValue.wide;
         } else if (from.tag == xanyObject) {
             value.tag = xanyObject;
             value.u.objectValue = from.u.objectValue;
@@ -191,7 +191,15 @@ private:
         other.value.tag = xanyUninit;
     }
     void copyEnum(const __xany_c& from);
-    void drop();
+    void drop()
+    {
+        if (value.tag == xanyString) {
+            if (value.u.stringValue.buffer != nullptr)
+                value.u.stringValue.buffer->Unlock();
+        } else if (value.tag == xanyObject) {
+            xrcrelease(value.u.objectValue);
+        }
+    }
     unsigned char equalsOther(const xany& other) const;
 
     __xany_c value;
