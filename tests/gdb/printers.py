@@ -38,7 +38,7 @@ EXPECTED = {
     "texts": 'xauto<xstringsequence> of 3 = {"a", "", null}',
     "mixed": 'xauto<xanysequence> of 3 = {1, "two", uninit}',
     "noTexts": "xauto<xstringsequence> of 0",
-    "counts": 'xauto<xintdictionary> of 2 = {["none"] = null, ["one"] = 1}',
+    "counts": 'xauto<xintdictionary> of 2 = {["one"] = 1, ["none"] = null}',
     "flags": 'xauto<xbooldictionary> of 1 = {["on"] = true}',
     "settings": 'xauto<xanydictionary> of 1 = {["name"] = "Ada"}',
     "noReals": "xauto<xrealdictionary> of 0",

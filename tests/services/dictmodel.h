@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include <qel/qelbdict.h>
+
 /// The published rule of dictionary slots, followed word by word: for comparison with what the dictionaries
 /// do. Keys are numbers, whose texts the model looks up.
 class DictModel
@@ -17,7 +19,7 @@ public:
         int value = 0;
     };
 
-    explicit DictModel(const std::vector<std::string>& names)
+    explicit DictModel(const std::vector<std::string>& names, xdictcontrol control = {}) : loads(control)
     {
         for (const std::string& name : names)
             homes.push_back(homeOf(name));
@@ -92,9 +94,9 @@ private:
         std::size_t size = slots.size();
         if (size == 0)
             size = 32;
-        else if (count * 100 / size > 90)
+        else if (count * 100 / size > loads.maxLoad)
             size *= 2;
-        else if (size <= 32 || count * 100 / (size / 2) >= 70)
+        else if (size <= 32 || count * 100 / (size / 2) >= loads.minLoad)
             return;
         else
             size /= 2;
@@ -106,5 +108,6 @@ private:
                 add(slot.key, slot.value);
     }
 
+    const xdictcontrol loads;
     std::vector<Home> homes;
 };

@@ -75,7 +75,7 @@ int slotOf(xintdictionary& d, const char* key)
     return -1;
 }
 
-void expectSame(xintdictionary& d, const DictModel& model, const std::vector<std::string>& names)
+void expectSame(xtbdictionary<int>& d, const DictModel& model, const std::vector<std::string>& names)
 {
     ASSERT_EQ(d.getarraysize(), static_cast<int>(model.slots.size()));
     for (int slot = 0; slot < d.getarraysize(); ++slot) {
@@ -224,6 +224,39 @@ TEST(xdictionary, FollowsThePublishedRuleOnALongPath)
         for (const int key : gone)
             both(key, true);
         expectSame(d, model, names);
+    }
+}
+
+TEST(xdictionary, AssignsSlotsLateAsIfItHadAllAlong)
+{
+    std::mt19937 random(8);
+    for (int life = 0; life < 300; ++life) {
+        const xdictcontrol loads[] = {{70, 90}, {0, 90}, {10, 50}, {90, 95}, {60, 20}};
+        const xdictcontrol& load = loads[life % 5];
+        const auto names = life % 2 == 0 ? words(8 + static_cast<int>(random() % 400)) : twins(100);
+        Open<xtsdictionary<int>> d(&load);
+        DictModel model(names, load);
+        // Once with all slots unassigned, and then with some entries settled.
+        for (int part = 0; part < 3; ++part) {
+            for (auto left = random() % 900, turn = random() % 8; left > 0; --left) {
+                if (random() % 200 == 0)
+                    turn = random() % 8;
+                const auto index = random() % names.size();
+                const int key = static_cast<int>(index);
+                if (random() % 8 > turn) {
+                    d.set(names[index].c_str(), static_cast<int>(left));
+                    model.set(key, static_cast<int>(left));
+                } else {
+                    d.remove(names[index].c_str());
+                    model.remove(key);
+                }
+                ASSERT_EQ(d.getarraysize(), static_cast<int>(model.slots.size()));
+                ASSERT_EQ(d.count, model.count);
+            }
+            for (std::size_t key = 0; key < names.size(); ++key)
+                ASSERT_EQ(d.find(names[key].c_str(), nullptr), model.find(static_cast<int>(key)) >= 0);
+            expectSame(d, model, names);
+        }
     }
 }
 
@@ -493,6 +526,33 @@ TEST(xdictionary, ShowsAllCopiesToASubclassThatWatchesThem)
     EXPECT_EQ(d.copies, 31 + 30); // all sets, and 30 entries into the larger table
     EXPECT_TRUE(d.find(names[3].c_str(), nullptr));
     EXPECT_EQ(d.copies, 61);
+
+    // One that watches its tables sees each when its time has come.
+    class Tables : public xtsdictionary<int>
+    {
+    public:
+        std::vector<unsigned> made, ended;
+
+    private:
+        void* OnAllocate(unsigned nSlots) override
+        {
+            made.push_back(nSlots);
+            return std::calloc(nSlots, entrySize);
+        }
+        void Destroy(void* block, unsigned nSlots) override
+        {
+            ended.push_back(nSlots);
+            std::free(block);
+        }
+    };
+    Tables t;
+    for (const std::string& name : names)
+        t.set(name.c_str(), 1);
+    for (int i = 0; i < 9; ++i)
+        t.remove(names[static_cast<std::size_t>(i)].c_str());
+    EXPECT_EQ(t.made, (std::vector<unsigned>{32, 64, 32}));
+    EXPECT_EQ(t.ended, (std::vector<unsigned>{32, 64}));
+    t.clearall();
 }
 
 TEST(xdictionary, IsKnownToTheTypeSystem)

@@ -422,23 +422,27 @@ TEST(OutOfMemory, LeavesWhatWasThereWhenAStringCannotGrow)
 
 TEST(OutOfMemory, LetsADictionaryShrinkLater)
 {
-    const xrchandle<xintdictionary> dictionary(xintdictionary::create());
-    for (int i = 0; i < 40000; ++i)
-        dictionary->set(std::to_string(i).c_str(), i);
-    std::vector<std::string> names;
-    for (int i = 100; i < 40000; ++i)
-        names.push_back(std::to_string(i));
-    {
-        const failing::Failing failure(0, true);
-        for (const std::string& name : names)
-            dictionary->remove(name.c_str());
-    }
-    for (int i = 100; i < 110; ++i)
-        dictionary->set(std::to_string(i).c_str(), i);
-    for (int i = 0; i < 110; ++i) {
-        int found = -1;
-        EXPECT_TRUE(dictionary->find(std::to_string(i).c_str(), &found));
-        EXPECT_EQ(found, i);
+    for (const bool settled : {false, true}) {
+        const xrchandle<xintdictionary> dictionary(xintdictionary::create());
+        for (int i = 0; i < 40000; ++i)
+            dictionary->set(std::to_string(i).c_str(), i);
+        if (settled)
+            dictionary->getkeybyindex(0, nullptr);
+        std::vector<std::string> names;
+        for (int i = 100; i < 40000; ++i)
+            names.push_back(std::to_string(i));
+        {
+            const failing::Failing failure(0, true);
+            for (const std::string& name : names)
+                dictionary->remove(name.c_str());
+        }
+        for (int i = 100; i < 110; ++i)
+            dictionary->set(std::to_string(i).c_str(), i);
+        for (int i = 0; i < 110; ++i) {
+            int found = -1;
+            EXPECT_TRUE(dictionary->find(std::to_string(i).c_str(), &found));
+            EXPECT_EQ(found, i);
+        }
     }
 }
 

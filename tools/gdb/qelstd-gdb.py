@@ -149,7 +149,8 @@ class Handle:
 
 class Collection:
     """What sequences and dictionaries share: elements of one type, kept in a block of memory."""
-    TEMPLATES = FIELDS = None
+    TEMPLATES = None
+    FIELDS = None  # the block, the elements it has or has room for, and one more; each with its offset
 
     def __init__(self, value):
         self.name = value.type.strip_typedefs().unqualified().tag
@@ -161,21 +162,21 @@ class Collection:
         char = gdb.lookup_type("char").pointer()
         place = value.address.cast(char)
 
-        def read(field, kind, offset):
+        def read(field, kind):
+            name, offset = field
             # The compiler describes these classes in the library's debug information only.
-            return value[field] if base.fields() else (place + offset).cast(kind.pointer()).dereference()
+            return value[name] if base.fields() else (place + offset).cast(kind.pointer()).dereference()
 
         word = gdb.lookup_type("unsigned int")
         block, first, second = self.FIELDS
-        # Behind the table of virtual functions and the count of the object comes the table of the hooks.
-        self.block = read(block, char, 24)
-        self.first, self.second = int(read(first, word, 32)), int(read(second, word, 36))
+        self.block = read(block, char)
+        self.first, self.second = int(read(first, word)), int(read(second, word))
 
 
 class Sequence(Collection):
     """The sequences: the elements."""
     TEMPLATES = ("xtbsequence", "xtssequence", "xtcsequence")
-    FIELDS = ("data", "used", "capacity")
+    FIELDS = (("data", 24), ("used", 32), ("capacity", 36))
 
     def size(self):
         return self.first // self.element.sizeof
@@ -193,9 +194,9 @@ class Sequence(Collection):
 
 
 class Dictionary(Collection):
-    """The dictionaries: the entries in the order of their slots."""
+    """The dictionaries: the entries in the order in which they lie."""
     TEMPLATES = ("xtbdictionary", "xtsdictionary", "xtcdictionary")
-    FIELDS = ("table", "size", "count")
+    FIELDS = (("table", 24), ("room", 52), ("count", 36))
 
     def to_string(self):
         return f"{self.name} of {self.second}"

@@ -29,11 +29,13 @@ struct xdictcontrol
 ///     none
 /// A new key takes the first slot that is empty or whose key was removed. The table has 32 slots at first; it
 /// doubles or halves as xdictcontrol says, and then the keys are added anew in the order of the old slots.
-/// How keys and free slots are found is another matter: qelbdict.cpp does it without probing.
+/// How keys and free slots are found is another matter: qelbdict.cpp does it without probing. Nor are slots
+/// assigned before somebody asks for one: until the first operation by slot, entries lie in the order in
+/// which they were added.
 ///
 /// Key pointers in slots: null, never used; 1, removed; else the dictionary's own copy of the text, which a
-/// change of size may move. Null and
-/// the marker pointers are no keys: they are never found, and setting one throws qelXNotInitialized.
+/// change of size may move. Null and the marker pointers are no keys: they are never found, and setting one
+/// throws qelXNotInitialized.
 class QEL_API xbasedictionary
 {
 public:
@@ -46,6 +48,7 @@ public:
     void BaseSet(const char* key, const void* value, unsigned entrySize, unsigned valueOffset);
     /// Whether there is an entry in the slot, whose key or value is stored when the pointer is not null.
     /// @throws qelXNegativeIndex
+    /// @throws std::bad_alloc  no memory to assign slots, as in all operations by slot; nothing has changed
     unsigned char BaseGetKeyByIndex(int slot, xstring* outKey, unsigned entrySize, unsigned valueOffset);
     unsigned char BaseGetByIndex(int slot, void* out, unsigned entrySize, unsigned valueOffset);
     /// False when there is no such slot. A slot without an entry is left alone.
@@ -76,19 +79,21 @@ protected:
     /// Memory of the framework's allocator, freed with `operator delete`.
     static void* AllocateBlock(std::size_t bytes);
 
-    static constexpr unsigned noSlot = ~0u;
-    /// The slot of `key`, or noSlot.
+    static constexpr unsigned nowhere = ~0u;
+    /// Where in the table the entry of `key` lies, or nowhere.
     unsigned FindIndex(const char* key) const;
-    char* EntryOf(unsigned slot, unsigned entrySize) const { return table + std::size_t{slot} * entrySize; }
+    char* EntryOf(unsigned place, unsigned entrySize) const { return &table[std::size_t{place} * entrySize]; }
 
-    /// Called by the hook set's OnCopyEntry: it runs, so no subclass watches copies, which may then be made
-    /// without it. Where the bits of a value may be moved, that is what happens when the table changes its
-    /// size.
+    /// Called by the hooks of the hook sets: they run, so no subclass watches what they do, which may then be
+    /// done without them. Where the bits of a value may be moved, that is what happens when the table changes
+    /// its size.
     void sawOwnCopy(bool isMovedByBits)
     {
         ownCopy = true;
         movesBits = isMovedByBits;
     }
+    void sawOwnAllocate() { ownAllocate = true; }
+    void sawOwnDestroy() { ownDestroy = true; }
     bool isOwnCopy() const { return ownCopy; }
 
     char* table = nullptr;
@@ -98,16 +103,31 @@ protected:
     const unsigned maxLoad;
 
 private:
+    xdictcontrol loads() const { return {minLoad, maxLoad}; }
     bool IsSlot(int slot) const;
+    char* SettledEntryOf(int slot, unsigned entrySize);
+    template<class Visit>
+    void ForEachEntry(unsigned entrySize, Visit visit) const;
     void SetKey(const char* key, const void* value, unsigned entrySize, unsigned valueOffset);
-    void AddEntry(char* text, const xdictkey& key, xdictindexentry* place, const void* value,
-                  unsigned entrySize, unsigned valueOffset);
+    void AddEntry(char* text, const xdictkey& key, xdictindexentry* at, const void* value, unsigned entrySize,
+                  unsigned valueOffset);
+    void AppendEntry(char* text, const xdictkey& key, xdictindexentry* at, const void* value,
+                     unsigned entrySize, unsigned valueOffset);
     void AdjustTableSize(unsigned entrySize, unsigned valueOffset);
     char* Allocate(unsigned nSlots, unsigned entrySize);
+    void Replace(char* block, unsigned nSlots);
+    void MakeTable(unsigned entrySize);
+    void AddFirst(const char* key, const void* value, unsigned entrySize, unsigned valueOffset);
     void Rehash(unsigned newSize, unsigned entrySize, unsigned valueOffset);
+    void MakeRoom(unsigned nSlots, unsigned entrySize);
+    void AdjustPending(unsigned entrySize, unsigned valueOffset);
+    void Settle(unsigned entrySize);
     void CompactKeys(unsigned entrySize);
 
     bool ownCopy = false;
     bool movesBits = false;
+    bool ownAllocate = false;
+    bool ownDestroy = false;
+    unsigned room = 0;         // slots that the block of the table has
     xdictside* side = nullptr; // there is one while there is a table
 };

@@ -100,12 +100,12 @@ inline void xdictkey::readShort()
 
 struct xdictindexentry
 {
-    char* key; ///< a text of xdictkeys, or null: free
-    std::uint32_t slot;
+    char* key;           ///< a text of xdictkeys, or null: free
+    std::uint32_t place; ///< of the entry in the table
     std::uint32_t hash;
 };
 
-/// Finds the slot of a key: an open hash table with a hash worth its name and a seed of its own, so that no
+/// Finds the entry of a key: an open hash table with a hash worth its name and a seed of its own, so that no
 /// choice of keys makes it slow.
 class xdictindex
 {
@@ -156,12 +156,13 @@ public:
             if (entries[i].key != nullptr)
                 visit(entries[i]);
     }
-    /// Gives each entry the slot slots[old slot]. The numbers of free entries go along, since a branch would
-    /// be hard to predict: they are 0 or what slots[another] once was, so each of `slots` must be a slot.
-    void renumber(const std::uint32_t* slots)
+    /// Gives each entry the place places[old place]. The numbers of free entries go along, since a branch
+    /// would be hard to predict: they are 0 or what places[another] once was, so each of `places` must be a
+    /// place.
+    void renumber(const std::uint32_t* places)
     {
         for (std::size_t i = 0; i <= mask; ++i)
-            entries[i].slot = slots[entries[i].slot];
+            entries[i].place = places[entries[i].place];
     }
 
 private:

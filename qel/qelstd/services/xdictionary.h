@@ -36,10 +36,10 @@ public:
     {
         if (!isOwnCopy())
             return BaseFind(key, out, entrySize, valueOffset);
-        const unsigned slot = FindIndex(key);
-        if (slot != noSlot && out != nullptr)
-            *out = reinterpret_cast<const entry*>(EntryOf(slot, entrySize))->value;
-        return slot != noSlot;
+        const unsigned place = FindIndex(key);
+        if (place != nowhere && out != nullptr)
+            *out = reinterpret_cast<const entry*>(EntryOf(place, entrySize))->value;
+        return place != nowhere;
     }
     /// Sets the value of an existing key, or adds the key.
     /// @throws qelXNotInitialized  `key` is no text
@@ -104,10 +104,15 @@ public:
 private:
     void* OnAllocate(unsigned nSlots) override
     {
+        this->sawOwnAllocate();
         return this->AllocateBlock(std::size_t{nSlots} * this->entrySize);
     }
     void OnRemoveEntry(void*) override {}
-    void Destroy(void* block, unsigned) override { ::operator delete(block); }
+    void Destroy(void* block, unsigned) override
+    {
+        this->sawOwnDestroy();
+        ::operator delete(block);
+    }
 };
 
 /// A dictionary of values with constructors. Those of slots without an entry are in the default state, which
@@ -125,6 +130,7 @@ public:
 private:
     void* OnAllocate(unsigned nSlots) override
     {
+        this->sawOwnAllocate();
         void* const block = this->AllocateBlock(std::size_t{nSlots} * this->entrySize);
         entry* at = static_cast<entry*>(block);
         for (entry* const end = at + nSlots; at != end; ++at)
@@ -141,6 +147,7 @@ private:
     }
     void Destroy(void* block, unsigned nSlots) override
     {
+        this->sawOwnDestroy();
         entry* at = static_cast<entry*>(block);
         for (entry* const end = at + nSlots; at != end; ++at)
             if (reinterpret_cast<std::uintptr_t>(at->key) > 1)
