@@ -8,6 +8,7 @@
 #include <random>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include <QByteArray>
@@ -28,14 +29,32 @@ constexpr int million = 1000000;
 
 // ---- sequences
 
-template<class Make, class Value>
-void append(benchmark::State& state, Make make, Value value)
+/// Whether large blocks that are freed stay with the program, or the system gives new memory each time. Left
+/// to itself, the C library does either, depending on what else lies on the heap.
+enum class Freed { kept, goes };
+
+void treatFreed(Freed freed)
 {
+    mallopt(M_TRIM_THRESHOLD, freed == Freed::kept ? 1 << 30 : 1 << 17);
+    mallopt(M_MMAP_THRESHOLD, freed == Freed::kept ? 1 << 25 : 1 << 17);
+}
+
+template<class Make, class Value>
+void append(benchmark::State& state, Make make, Value value, Freed freed)
+{
+    treatFreed(freed);
     for (auto _ : state) {
-        auto sequence = make();
-        for (int i = 0; i < million; ++i)
-            sequence->append(value(i));
-        benchmark::DoNotOptimize(sequence);
+        {
+            auto sequence = make();
+            for (int i = 0; i < million; ++i)
+                sequence->append(value(i));
+            benchmark::DoNotOptimize(sequence);
+        }
+        if (freed == Freed::goes) {
+            state.PauseTiming();
+            malloc_trim(0);
+            state.ResumeTiming();
+        }
     }
 }
 
@@ -70,23 +89,28 @@ void readQelstd(benchmark::State& state)
 
 void addSequences()
 {
-    const auto add = [](const char* name, auto make, auto value) {
-        benchmark::RegisterBenchmark(name, [=](benchmark::State& s) {
-            append(s, make, value);
-        })->Unit(benchmark::kMillisecond);
+    const auto add = [](const std::string& what, const char* who, auto make, auto value) {
+        for (const Freed freed : {Freed::goes, Freed::kept}) {
+            const std::string name = "collections/append 10^6 " + what +
+                                     (freed == Freed::kept ? ", reused memory/" : ", new memory/") + who;
+            benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& s) {
+                append(s, make, value, freed);
+            })->Unit(benchmark::kMillisecond);
+        }
     };
     const auto number = [](int i) { return i; };
-    add("collections/append 10^6 ints/qelstd", qelNew<xintsequence>, number);
-    add("collections/append 10^6 ints/std::vector", std::make_unique<StdVector<int>>, number);
-    add("collections/append 10^6 variants/qelstd", qelNew<xanysequence>, [](int i) { return xany(i); });
-    add("collections/append 10^6 variants/QVector", std::make_unique<QVector<QVariant>>,
+    add("ints", "qelstd", qelNew<xintsequence>, number);
+    add("ints", "std::vector", std::make_unique<StdVector<int>>, number);
+    add("variants", "qelstd", qelNew<xanysequence>, [](int i) { return xany(i); });
+    add("variants", "QVector<QVariant>", std::make_unique<QVector<QVariant>>,
         [](int i) { return QVariant(i); });
     static const std::array<xstring, 2> ours = {"a text of some length", "another one"};
     static const std::array<QString, 2> theirs = {"a text of some length", "another one"};
-    add("collections/append 10^6 strings/qelstd", qelNew<xstringsequence>,
+    const auto text = [](int i) { return theirs[static_cast<unsigned>(i) % 2]; };
+    add("strings", "qelstd", qelNew<xstringsequence>,
         [](int i) { return ours[static_cast<unsigned>(i) % 2]; });
-    add("collections/append 10^6 strings/QVector", std::make_unique<QVector<QString>>,
-        [](int i) { return theirs[static_cast<unsigned>(i) % 2]; });
+    add("strings", "QVector<QVariant>", std::make_unique<QVector<QVariant>>, text);
+    add("strings", "QVector<QString>", std::make_unique<QVector<QString>>, text);
     benchmark::RegisterBenchmark("collections/read 10^6 ints/qelstd", readQelstd);
 }
 
@@ -103,6 +127,13 @@ struct Qelstd
     bool find(const Key& key, int* out) { return d->find(key.text.c_str(), out); }
     void set(const Key& key, int value) { d->set(key.text.c_str(), value); }
     void remove(const Key& key) { d->remove(key.text.c_str()); }
+    template<class Visit>
+    void walk(Visit visit)
+    {
+        for (int slot = 0, n = d->getarraysize(), value; slot < n; ++slot)
+            if (d->getbyindex(slot, &value))
+                visit(value);
+    }
 
 private:
     xrchandle<xintdictionary> d = xintdictionary::create();
@@ -122,6 +153,12 @@ struct StdMap
     }
     void set(const Key& key, int value) { d[key] = value; }
     void remove(const Key& key) { d.erase(key); }
+    template<class Visit>
+    void walk(Visit visit)
+    {
+        for (const auto& entry : d)
+            visit(entry.second);
+    }
 
 private:
     std::unordered_map<std::string, int> d;
@@ -147,6 +184,12 @@ struct QtHash
     }
     void set(const Key& key, int value) { d.insert(key.text, value); }
     void remove(const Key& key) { d.remove(key.text); }
+    template<class Visit>
+    void walk(Visit visit)
+    {
+        for (const int value : std::as_const(d))
+            visit(value);
+    }
 
 private:
     QHash<Text, int> d;
@@ -169,6 +212,14 @@ struct Glib
         g_hash_table_insert(d.get(), g_strdup(key.c_str()), GINT_TO_POINTER(value));
     }
     void remove(const Key& key) { g_hash_table_remove(d.get(), key.c_str()); }
+    template<class Visit>
+    void walk(Visit visit)
+    {
+        GHashTableIter at;
+        g_hash_table_iter_init(&at, d.get());
+        for (void* value = nullptr; g_hash_table_iter_next(&at, nullptr, &value) != 0;)
+            visit(GPOINTER_TO_INT(value));
+    }
 
 private:
     struct Free
@@ -263,15 +314,20 @@ std::size_t batchFor(const Keys<D>& keys)
     return std::max<std::size_t>(1, 100000 / keys.added.size());
 }
 
-template<class D>
+template<class D, bool walked>
 void set(benchmark::State& state, const Keys<D>& keys)
 {
     for (auto _ : state) {
         state.PauseTiming();
         std::vector<D> all(batchFor(keys));
         state.ResumeTiming();
-        for (D& d : all)
+        for (D& d : all) {
             fill(d, keys);
+            int sum = 0;
+            if (walked)
+                d.walk([&](int value) { sum ^= value; });
+            benchmark::DoNotOptimize(sum);
+        }
         state.PauseTiming();
         all.clear();
         state.ResumeTiming();
@@ -313,14 +369,6 @@ void replace(benchmark::State& state, const Keys<D>& keys)
     }
 }
 
-/// Lets free memory stay with the program. Which table pays for getting it again would depend on what happens
-/// to lie at the end of the heap.
-void keepMemory()
-{
-    mallopt(M_TRIM_THRESHOLD, 1 << 30);
-    mallopt(M_MMAP_THRESHOLD, 1 << 25);
-}
-
 template<class D>
 void addOne(const std::string& family, const Texts& (*texts)(), bool large)
 {
@@ -328,7 +376,7 @@ void addOne(const std::string& family, const Texts& (*texts)(), bool large)
         const std::string name = std::string("collections/") + operation + " " + family + "/" + D::name;
         benchmark::internal::Benchmark* const added =
             benchmark::RegisterBenchmark(name.c_str(), [texts, run](benchmark::State& state) {
-                keepMemory();
+                treatFreed(Freed::kept);
                 if (texts().empty())
                     state.SkipWithError("no /usr/share/dict/words: install wamerican");
                 else
@@ -344,7 +392,8 @@ void addOne(const std::string& family, const Texts& (*texts)(), bool large)
     };
     add("find", find<D>);
     add("replace", replace<D>);
-    addWhole("set", set<D>);
+    addWhole("set", set<D, false>);
+    addWhole("set and walk", set<D, true>);
     addWhole("remove", remove<D>);
 }
 
