@@ -33,16 +33,12 @@ protected:
     template<typename Action>
     static std::string refusal(Action action)
     {
-        try {
-            action();
-            return {};
-        } catch (xthrowable* thrown) {
+        return describeThrown(action, [](xthrowable* thrown) {
             std::string text = thrown->getQelTypeName().CastToCString();
             if (regXNameInvalid* const invalid = regXNameInvalid::softcast(thrown))
                 text += " " + textOf(invalid->getName());
-            xdelete(thrown);
             return text;
-        }
+        });
     }
 
     TempDir dir;

@@ -33,17 +33,13 @@ TEST(FileErrors, AreRaisedAsTheClassOfTheirNumber)
                                  "Permission Denied", "Signal caught",
                                  "Internal error"};
     for (int code = 1; code <= 11; ++code) {
-        try {
-            fsRaise(static_cast<fsErrorCode>(code), "f", "a/b");
-        } catch (xthrowable* thrown) {
-            EXPECT_EQ(xrcgetcount(thrown), 1);
-            fsXException* const raised = fsXException::softcast(thrown);
-            ASSERT_NE(raised, nullptr);
-            EXPECT_TRUE(raised->getDescription() == texts[code - 1]);
-            EXPECT_TRUE(raised->getPath() == "a/b");
-            EXPECT_NE(qelXExternFunc::softcast(thrown), nullptr);
-            xrcrelease(thrown);
-        }
+        EXPECT_TRUE(describeThrown<fsXException>([&] { fsRaise(static_cast<fsErrorCode>(code), "f", "a/b"); },
+                                                 [&](fsXException* raised) {
+                                                     EXPECT_EQ(xrcgetcount(raised), 1);
+                                                     EXPECT_TRUE(raised->getDescription() == texts[code - 1]);
+                                                     EXPECT_TRUE(raised->getPath() == "a/b");
+                                                     return qelXExternFunc::softcast(raised) != nullptr;
+                                                 }));
         EXPECT_EQ(raisedBy([&] { fsRaise(static_cast<fsErrorCode>(code), "f", nullptr); }),
                   Raised(code, "f", "(null)"));
     }

@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "support/thrown.h"
 #include <qel/fserror.h>
 
 /// What a file operation raised: the number of the failure, the function and the path that it names.
@@ -41,18 +42,12 @@ Raised raisedBy(Action action)
                                  "filelib::XNoPermission",
                                  "filelib::XSignal",
                                  "filelib::XOther"};
-    try {
-        action();
-        return {};
-    } catch (xthrowable* thrown) {
-        const xrchandle<xthrowable> held(thrown);
-        xrcrelease(thrown);
-        fsXException* const raised = fsXException::cast(thrown);
+    return describeThrown<fsXException>(action, [&](fsXException* raised) -> Raised {
         int code = 0;
         while (code < 12 && !(raised->getQelTypeName() == names[code]))
             ++code;
         const xstring path = raised->getPath();
         return {code, raised->getFunc()->getName().CastToCString(),
                 path == nullptr ? "(null)" : path.CastToCString()};
-    }
+    });
 }

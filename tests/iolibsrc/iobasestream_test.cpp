@@ -294,16 +294,13 @@ TEST(CopyStream, ReportsTheStreamConcerned)
     EXPECT_EQ(FailureOf([&] { CopyStream(binary.get(), from.get()); }), prefix + "incompatible format");
     EXPECT_EQ(FailureOf([&] { CopyStream(from.get(), from.get()); }), prefix + "output denied");
     EXPECT_EQ(FailureOf([&] { CopyStream(nullptr, from.get()); }), "another exception");
-    try {
-        CopyStream(&full, from.get());
-        FAIL();
-    } catch (xthrowable* thrown) {
-        ioXStream* const failure = ioXStream::cast(thrown);
-        EXPECT_EQ(failure->getStream(), &full);
-        EXPECT_EQ(failure->getError(), ioStreamState);
-        EXPECT_EQ(TextOf(failure->getMsg()), prefix + "I/O error");
-        xdelete(failure);
-    }
+    EXPECT_EQ(describeThrown<ioXStream>([&] { CopyStream(&full, from.get()); },
+                                        [&](ioXStream* failure) {
+                                            EXPECT_EQ(failure->getStream(), &full);
+                                            EXPECT_EQ(failure->getError(), ioStreamState);
+                                            return TextOf(failure->getMsg());
+                                        }),
+              prefix + "I/O error");
     EXPECT_EQ(full.getIsBad(), 1);
     EXPECT_EQ(from->ReadInt(), 12); // what was not written is still there
 }

@@ -4,24 +4,17 @@
 #include <string>
 
 #include "support/owned.h"
+#include "support/thrown.h"
 #include <qel/xiolib.h>
 
 /// The text of the stream exception that `work` throws; "" when it throws none.
 template<class Work>
 std::string FailureOf(Work work)
 {
-    try {
-        work();
-    } catch (xthrowable* thrown) {
+    return describeThrown(work, [](xthrowable* thrown) -> std::string {
         ioXStream* const failure = ioXStream::softcast(thrown);
-        const std::string text = failure == nullptr ? "another exception" : failure->getMsg().CastToCString();
-        if (failure != nullptr)
-            xdelete(failure);
-        else
-            xrcrelease(thrown);
-        return text;
-    }
-    return "";
+        return failure == nullptr ? "another exception" : failure->getMsg().CastToCString();
+    });
 }
 
 inline std::string TextOf(const xstring& s)

@@ -11,19 +11,12 @@
 template<class Work>
 std::string MonFailureOf(Work work)
 {
-    std::string text;
-    const std::string streamText = FailureOf([&] {
-        try {
-            work();
-        } catch (xthrowable* thrown) {
-            qelXNativeException* const native = qelXNativeException::softcast(thrown);
-            if (native == nullptr)
-                throw;
-            text = native->getStringRep().CastToCString();
-            xrcrelease(native);
-        }
+    return describeThrown(work, [](xthrowable* thrown) -> std::string {
+        if (qelXNativeException* const native = qelXNativeException::softcast(thrown))
+            return native->getStringRep().CastToCString();
+        ioXStream* const failure = ioXStream::softcast(thrown);
+        return failure == nullptr ? "another exception" : failure->getMsg().CastToCString();
     });
-    return text + streamText;
 }
 
 inline Owned<monFile> OpenMonitor(const std::string& path)

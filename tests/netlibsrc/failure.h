@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "support/thrown.h"
 #include <qel/iobasestream.h>
 #include <qel/netexception.h>
 
@@ -10,17 +11,10 @@
 template<typename Work>
 std::string failureOf(Work work)
 {
-    try {
-        work();
-    } catch (xthrowable* thrown) {
-        netXException* const failure = netXException::softcast(thrown);
-        ioXStream* const streamFailure = ioXStream::softcast(thrown);
-        std::string text = failure != nullptr
-                               ? std::to_string(failure->getError()) + " " + failure->getMsg().CastToCString()
-                           : streamFailure != nullptr ? streamFailure->getMsg().CastToCString()
-                                                      : "another exception";
-        xdelete(thrown);
-        return text;
-    }
-    return "";
+    return describeThrown(work, [](xthrowable* thrown) -> std::string {
+        if (netXException* const failure = netXException::softcast(thrown))
+            return std::to_string(failure->getError()) + " " + failure->getMsg().CastToCString();
+        ioXStream* const failure = ioXStream::softcast(thrown);
+        return failure != nullptr ? failure->getMsg().CastToCString() : "another exception";
+    });
 }

@@ -8,6 +8,7 @@
 #include "support/environment.h"
 #include "support/programs.h"
 #include "support/tempdir.h"
+#include "support/thrown.h"
 #include <qel/base/btksocket.h>
 #include <qel/netsocketstream.h>
 #include <qel/pcprocess.h>
@@ -27,13 +28,12 @@ Process Start(const char* command, ioStream* in = nullptr, ioStream* out = nullp
 template<class Work>
 std::string FailureToCreate(Work work)
 {
-    try {
-        work();
-    } catch (xthrowable* thrown) {
-        const Owned<pcXCreate> failure(pcXCreate::cast(thrown));
-        return std::to_string(failure->getError()) + ": " + TextOf(failure->getMsg());
-    }
-    return "none";
+    return describeThrown<pcXCreate>(
+        work,
+        [](pcXCreate* failure) {
+            return std::to_string(failure->getError()) + ": " + TextOf(failure->getMsg());
+        },
+        "none");
 }
 
 std::string ReadAll(ioStream& stream)

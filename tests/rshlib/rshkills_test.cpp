@@ -40,16 +40,6 @@ constexpr const char* victims[] = {"client", "server", "command", "network"};
 // What a process answers that has lost its peers.
 enum Remains { Nothing, Descriptors, Children, WrongExitCode };
 
-template<class Work>
-void AllowStreamFailure(Work work)
-{
-    try {
-        work();
-    } catch (xthrowable* thrown) {
-        const Owned<ioXStream> failure(ioXStream::cast(thrown));
-    }
-}
-
 Remains Serve(StreamPair& pair)
 {
     pair.near.reset();
@@ -61,14 +51,14 @@ Remains Serve(StreamPair& pair)
 void SendAndReceiveWithoutEnd(rshProcess& process)
 {
     std::thread writer([stream = process.getStdin()] {
-        AllowStreamFailure([&] {
+        allowStreamFailure([&] {
             std::minstd_rand random;
             const std::string block(100000, 'x');
             for (;;)
                 stream->WriteBytes(block.data(), static_cast<unsigned>(random() % block.size()));
         });
     });
-    AllowStreamFailure([&] {
+    allowStreamFailure([&] {
         for (;;)
             process.getStdout()->ReadByte();
     });
@@ -80,7 +70,7 @@ Remains Ask(StreamPair& pair, const std::string& command, int exitCode)
     pair.far.reset();
     const long descriptors = openDescriptors();
     int code = xnullint;
-    AllowStreamFailure([&] { // before the command has been started
+    allowStreamFailure([&] { // before the command has been started
         const Owned<rshProcess> process(
             rshProcess::Create(pair.near.get(), command.c_str(), nullptr, nullptr, nullptr, nullptr, 1, 0));
         SendAndReceiveWithoutEnd(*process);

@@ -26,17 +26,6 @@ std::string TextOf(const xstring& s)
     return s == nullptr ? "(null)" : s.CastToCString();
 }
 
-// Runs `work`, which may find its stream failed.
-template<class Work>
-void AllowStreamFailure(Work work)
-{
-    try {
-        work();
-    } catch (xthrowable* thrown) {
-        const Owned<ioXStream> failure(ioXStream::cast(thrown));
-    }
-}
-
 std::string ReadAll(ioStream& stream)
 {
     std::string all;
@@ -131,15 +120,13 @@ TEST_F(RemoteShell, SaysWhyACommandDoesNotStart)
                  {tooLong.c_str(), nullptr, "Argument list too long"},
                  {"'", nullptr, "Invalid argument"}};
     for (const auto& [command, workDir, message] : cases) {
-        try {
-            const Remote remote(command, 0, workDir, "/");
-            ADD_FAILURE() << message;
-        } catch (xthrowable* thrown) {
-            const Owned<rshXProcess> failure(rshXProcess::cast(thrown));
-            EXPECT_EQ(failure->getError(), rshDaemonError);
-            EXPECT_EQ(failure->getCreateError(), pcCreateCode::system);
-            EXPECT_EQ(TextOf(failure->getMsg()), message);
-        }
+        EXPECT_EQ(describeThrown<rshXProcess>([&] { Remote(command, 0, workDir, "/"); },
+                                              [](rshXProcess* failure) {
+                                                  EXPECT_EQ(failure->getError(), rshDaemonError);
+                                                  EXPECT_EQ(failure->getCreateError(), pcCreateCode::system);
+                                                  return TextOf(failure->getMsg());
+                                              }),
+                  message);
     }
 }
 
@@ -225,7 +212,7 @@ TEST_F(RemoteShell, GoesOnWithCommandsThatDoNotReadOrLeaveOthersBehind)
         const auto start = btkTimeval::Now();
         const Remote remote(command);
         std::thread writer([&, size = input] {
-            AllowStreamFailure([&] { // when the command ends without reading all
+            allowStreamFailure([&] { // when the command ends without reading all
                 remote.Write(much.substr(0, size));
                 remote.process->getStdin()->Close();
             });

@@ -212,13 +212,12 @@ int PlayServer(const std::string& answer, std::string& output)
 std::string RefusedBy(const std::string& answer)
 {
     std::string output;
-    try {
-        PlayServer(answer, output);
-    } catch (xthrowable* thrown) {
-        const Owned<rshXProcess> failure(rshXProcess::cast(thrown));
-        return std::to_string(failure->getCreateError()) + " " + failure->getMsg().CastToCString();
-    }
-    return "not refused";
+    return describeThrown<rshXProcess>([&] { PlayServer(answer, output); },
+                                       [](rshXProcess* failure) {
+                                           return std::to_string(failure->getCreateError()) + " " +
+                                                  failure->getMsg().CastToCString();
+                                       },
+                                       "not refused");
 }
 
 } // namespace

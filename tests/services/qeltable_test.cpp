@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "support/thrown.h"
 #include <qel/qelexception.h>
 #include <qel/qeltable.h>
 
@@ -206,20 +207,11 @@ TEST(Table, RefusesOwnersThatItDoesNotDescribe)
 {
     xrttiattr* const name = xrttistruct::cast(Being::getClassRtti())->getAttr(0);
     const xrchandle<Grid> grid(new Grid);
-    const auto thrownFor = [&](xobject* owner) {
-        try {
-            name->getValue(owner);
-            return xstring();
-        } catch (xthrowable* thrown) {
-            const xstring type = thrown->getQelTypeName();
-            xrcrelease(thrown);
-            return type;
-        }
-    };
+    const auto thrownFor = [&](xobject* owner) { return thrownBy([&] { name->getValue(owner); }); };
 
-    EXPECT_TRUE(thrownFor(grid.get()) == "qellib::XTypeMismatch");
-    EXPECT_TRUE(thrownFor(nullptr) == "qellib::XNotInitialized");
-    EXPECT_TRUE(thrownFor(xuninitobj) == "qellib::XNotInitialized");
+    EXPECT_EQ(thrownFor(grid.get()), "qellib::XTypeMismatch");
+    EXPECT_EQ(thrownFor(nullptr), "qellib::XNotInitialized");
+    EXPECT_EQ(thrownFor(xuninitobj), "qellib::XNotInitialized");
 }
 
 TEST(Table, MakesAndRebuildsObjectsByName)

@@ -3,6 +3,7 @@
 #include <bit>
 #include <cstring>
 
+#include "support/thrown.h"
 #include <qel/qelexception.h>
 #include <qel/qelrtti.h>
 #include <qel/qeltable.h>
@@ -20,19 +21,6 @@ xrttienum* colour()
 xrchandle<qelXArgs> makeObject()
 {
     return new qelXArgs;
-}
-
-template<class F>
-xstring thrownBy(F action)
-{
-    try {
-        action();
-        return {};
-    } catch (xthrowable* thrown) {
-        const xstring name = thrown->getQelTypeName();
-        xrcrelease(thrown);
-        return name;
-    }
 }
 
 } // namespace

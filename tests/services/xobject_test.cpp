@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/thrown.h"
 #include <qel/qelexception.h>
 #include <qel/qeltable.h>
 #include <qel/xobject.h>
@@ -109,20 +110,10 @@ TEST_F(Objects, OfACountableClassAreRefusedByXdelete)
     const xrchandle<Counted> object(new Counted);
     xdelete(nullptr);
 
-    try {
-        xdelete(object.get());
-        FAIL() << "nothing was thrown";
-    } catch (xthrowable* thrown) {
-        EXPECT_EQ(qelXRefCountable::cast(thrown)->getQelObject(), xany(object));
-        xrcrelease(thrown);
-    }
-    try {
-        xdelete(xuninitobj);
-        FAIL() << "nothing was thrown";
-    } catch (xthrowable* thrown) {
-        EXPECT_NE(qelXNotInitialized::softcast(thrown), nullptr);
-        xrcrelease(thrown);
-    }
+    EXPECT_TRUE(describeThrown<qelXRefCountable>(
+        [&] { xdelete(object.get()); },
+        [&](qelXRefCountable* thrown) { return thrown->getQelObject() == xany(object); }));
+    EXPECT_EQ(thrownBy([] { xdelete(xuninitobj); }), "qellib::XNotInitialized");
 
     EXPECT_EQ(xrcgetcount(object.get()), 1);
 }
@@ -168,15 +159,11 @@ TEST_F(Objects, CastToWhatTheyAre)
     EXPECT_FALSE(object->isSameAs(nullptr));
     EXPECT_TRUE(object->getQelTypeName() == "test::Derived");
 
-    try {
-        Uncounted::cast(object);
-        FAIL() << "nothing was thrown";
-    } catch (xthrowable* thrown) {
-        auto* const mismatch = qelXTypeMismatch::cast(thrown);
-        EXPECT_TRUE(mismatch->getTypeName() == "test::Uncounted");
-        EXPECT_EQ(mismatch->getQelObject(), xany(object));
-        xrcrelease(thrown);
-    }
+    EXPECT_TRUE(describeThrown<qelXTypeMismatch>([&] { Uncounted::cast(object); },
+                                                 [&](qelXTypeMismatch* mismatch) {
+                                                     return mismatch->getTypeName() == "test::Uncounted" &&
+                                                            mismatch->getQelObject() == xany(object);
+                                                 }));
 }
 
 TEST_F(Objects, AreNeverReadThroughMarkers)

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "support/thrown.h"
 #include <qel/qelexception.h>
 #include <qel/qelrtti.h>
 #include <qel/qeltable.h>
@@ -46,14 +47,7 @@ std::string namesOf(xrttiattrseq* attrs)
 template<class F>
 bool mismatches(F action)
 {
-    try {
-        action();
-        return false;
-    } catch (xthrowable* thrown) {
-        const bool is = qelXTypeMismatch::softcast(thrown) != nullptr;
-        xrcrelease(thrown);
-        return is;
-    }
+    return thrownBy(action) == "qellib::XTypeMismatch";
 }
 
 } // namespace

@@ -191,15 +191,12 @@ TEST(xsequence, RefusesBadIndicesBeforeAnyChange)
     EXPECT_EQ(thrownBy([&] { s->insertseq(0, nullptr); }), "qellib::XNotInitialized");
     EXPECT_EQ(thrownBy([&] { s->get(INT_MAX); }), "qellib::XInvalidSeqIndex");
 
-    try {
-        s->get(3);
-        FAIL();
-    } catch (xthrowable* thrown) {
-        const xrchandle<qelXInvalidSeqIndex> e = qelXInvalidSeqIndex::cast(thrown);
-        xrcrelease(thrown);
-        EXPECT_EQ(e->getIndex(), 3);
-        EXPECT_EQ(static_cast<xobject*>(e->getQelObject()), static_cast<xobject*>(s.get()));
-    }
+    EXPECT_TRUE(describeThrown<qelXInvalidSeqIndex>([&] { s->get(3); },
+                                                    [&](qelXInvalidSeqIndex* e) {
+                                                        return e->getIndex() == 3 &&
+                                                               static_cast<xobject*>(e->getQelObject()) ==
+                                                                   s.get();
+                                                    }));
     EXPECT_EQ(contentOf(s.get()), (std::vector{1, 2, 3}));
     EXPECT_EQ(xrcgetcount(s.get()), 1);
 }

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "support/nameserver.h"
+#include "support/thrown.h"
 #include <qel/base/btksocket.h>
 #include <qel/nmsproxy.h>
 
@@ -27,14 +28,7 @@ Record RecordOf(const char* name, const char* value, int owner = 0)
 template<class X, class Action>
 xrchandle<X> Thrown(Action action)
 {
-    try {
-        action();
-    } catch (xthrowable* thrown) {
-        xrchandle<X> held(X::softcast(thrown));
-        xrcrelease(thrown);
-        return held;
-    }
-    return nullptr;
+    return describeThrown<X>(action, [](X* thrown) { return xrchandle<X>(thrown); });
 }
 
 std::string Text(const xstring& s)

@@ -10,6 +10,7 @@
 
 #include <qel/qelexception.h>
 
+#include "support/thrown.h"
 #include "support/widetext.h"
 
 namespace {
@@ -51,15 +52,8 @@ std::u16string wide(const xstring& s)
 template<typename Call>
 std::string thrown(Call call)
 {
-    try {
-        call();
-    } catch (xthrowable* e) {
-        auto* const native = qelXNativeException::cast(e);
-        const std::string text = narrow(native->getStringRep());
-        xrcrelease(e);
-        return text;
-    }
-    return "nothing";
+    return describeThrown<qelXNativeException>(
+        call, [](qelXNativeException* native) { return narrow(native->getStringRep()); }, "nothing");
 }
 
 } // namespace

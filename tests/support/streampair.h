@@ -3,8 +3,16 @@
 #include <memory>
 
 #include "support/owned.h"
+#include "support/thrown.h"
 #include <qel/base/btksocket.h>
 #include <qel/netsocketstream.h>
+
+/// Runs `work`, which may find its stream failed.
+template<class Work>
+void allowStreamFailure(Work work)
+{
+    describeThrown<ioXStream>(work, [](ioXStream*) { return true; });
+}
 
 /// Two streams that are connected to each other over the loopback. The sockets are the streams'.
 struct StreamPair

@@ -1,23 +1,46 @@
 #pragma once
 
 #include <string>
+#include <type_traits>
 
 #include <qel/xobject.h>
 #include <qel/xstring.h>
+
+/// Gives back a caught exception, as a catcher does.
+inline void letGo(xthrowable* thrown)
+{
+    if (thrown->isRefCountable())
+        xrcrelease(thrown);
+    else
+        xdelete(thrown);
+}
+
+/// What `describe` answers of the X that `action` throws, which goes then; `nothing` when it throws none. Any
+/// other framework exception is a mismatch, which fails the test.
+template<class X = xthrowable, class Action, class Describe,
+         class Answer = std::invoke_result_t<Describe, X*>>
+Answer describeThrown(Action action, Describe describe, std::type_identity_t<Answer> nothing = {})
+{
+    try {
+        action();
+        return nothing;
+    } catch (xthrowable* thrown) {
+        struct Held
+        {
+            xthrowable* const thrown;
+            ~Held() { letGo(thrown); }
+        } const held{thrown};
+        if constexpr (std::is_same_v<X, xthrowable>)
+            return describe(thrown);
+        else
+            return describe(X::cast(thrown));
+    }
+}
 
 /// The registered name of the framework exception that `action` throws, or "" when it throws none.
 template<typename Action>
 std::string thrownBy(Action action)
 {
-    try {
-        action();
-        return {};
-    } catch (xthrowable* thrown) {
-        std::string name = thrown->getQelTypeName().CastToCString();
-        if (thrown->isRefCountable())
-            xrcrelease(thrown);
-        else
-            xdelete(thrown);
-        return name;
-    }
+    return describeThrown(
+        action, [](xthrowable* thrown) { return std::string(thrown->getQelTypeName().CastToCString()); });
 }

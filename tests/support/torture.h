@@ -10,6 +10,7 @@
 
 #include "support/descriptors.h"
 #include "support/failingmalloc.h"
+#include "support/thrown.h"
 #include <qel/xobject.h>
 
 // Pieces of a program's work run with one of their allocations failing, or all from one on. However such a
@@ -38,10 +39,7 @@ Outcome attempt(Work work)
         return outOfMemory;
     } catch (xthrowable* thrown) {
         failing::Failing::stop();
-        if (thrown->isRefCountable())
-            xrcrelease(thrown);
-        else
-            xdelete(thrown);
+        letGo(thrown);
         return reported;
     }
 }

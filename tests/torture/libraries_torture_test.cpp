@@ -1,3 +1,4 @@
+#include "support/thrown.h"
 #include "support/torture.h"
 
 #include <memory>
@@ -179,11 +180,7 @@ void pathText()
     EXPECT_TRUE(fsCatPaths("C:\\a\\b", "c") == "C:\\a\\b\\c");
     EXPECT_TRUE(fsGetTailEntry("/a/b/c") == "c");
     EXPECT_TRUE(fsIntersectPaths("C:\\a\\b", "C:\\a\\c") == "C:\\a");
-    try {
-        fsGetNodeInfo("/there/is/no/such/file");
-    } catch (xthrowable* thrown) {
-        xrcrelease(thrown);
-    }
+    describeThrown([] { fsGetNodeInfo("/there/is/no/such/file"); }, [](xthrowable*) { return 0; });
 }
 
 // ---- settings
