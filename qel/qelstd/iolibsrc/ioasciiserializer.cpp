@@ -1,5 +1,6 @@
 #include <charconv>
 #include <climits>
+#include <cstdint>
 #include <string>
 
 #include "ioserializer.h"
@@ -82,15 +83,17 @@ ioTryCode ReadInt(int& value, Cursor& input)
         c = input.Next();
     bool failed = !IsDigit(c);
     // All digits belong to the number, fitting or not.
-    const unsigned limit = negative ? 1u + INT_MAX : INT_MAX;
-    unsigned number = 0;
+    const std::int64_t limit = negative ? 1 + std::int64_t{INT_MAX} : INT_MAX;
+    std::int64_t number = 0;
     for (; IsDigit(c); c = input.Next()) {
-        const unsigned digit = static_cast<unsigned>(c - '0');
-        failed |= number > (limit - digit) / 10;
-        number = number * 10 + digit;
+        number = number * 10 + (c - '0');
+        if (number > limit) {
+            failed = true;
+            number = limit;
+        }
     }
     if (!failed)
-        value = static_cast<int>(negative ? 0u - number : number);
+        value = static_cast<int>(negative ? -number : number);
     return CodeOf(failed, c == end);
 }
 
