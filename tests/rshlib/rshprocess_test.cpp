@@ -119,14 +119,14 @@ TEST_F(RemoteShell, SaysWhyACommandDoesNotStart)
                  {"true", "missing", "No such file or directory"},
                  {tooLong.c_str(), nullptr, "Argument list too long"},
                  {"'", nullptr, "Invalid argument"}};
-    for (const auto& [command, workDir, message] : cases) {
-        EXPECT_EQ(describeThrown<rshXProcess>([&] { Remote(command, 0, workDir, "/"); },
-                                              [](rshXProcess* failure) {
-                                                  EXPECT_EQ(failure->getError(), rshDaemonError);
-                                                  EXPECT_EQ(failure->getCreateError(), pcCreateCode::system);
-                                                  return TextOf(failure->getMsg());
-                                              }),
-                  message);
+    for (const auto& tried : cases) {
+        const auto start = [&] { Remote(tried.command, 0, tried.workDir, "/"); };
+        const auto failureText = [](rshXProcess* failure) {
+            EXPECT_EQ(failure->getError(), rshDaemonError);
+            EXPECT_EQ(failure->getCreateError(), pcCreateCode::system);
+            return TextOf(failure->getMsg());
+        };
+        EXPECT_EQ(describeThrown<rshXProcess>(start, failureText), tried.message);
     }
 }
 
