@@ -106,7 +106,10 @@ TEST_F(QelMon, ShowsOnATerminalWhatNumbersWere)
     const Owned<monFile> opened(monFile::Open(file.c_str()));
     monRealParam* const speed = opened->Real("speed");
     AtTerminal watching({"qel", "mon", "watch", "--interval", "0.01", file, "speed", "ok"});
-    EXPECT_THAT(watching.readUntil("\u2584"), HasSubstr("Night run"));
+    // What is shown is shown again each time, and may come in pieces.
+    const auto shows = [&](const char* text) { EXPECT_THAT(watching.readUntil(text), HasSubstr(text)); };
+    shows("Night run");
+    shows("\u2584");
 
     // Whoever publishes may publish anything; what cannot be drawn leaves the line as it was.
     constexpr double most = std::numeric_limits<double>::max();
@@ -116,14 +119,17 @@ TEST_F(QelMon, ShowsOnATerminalWhatNumbersWere)
         watching.readUntil("speed");
         watching.readUntil("speed");
     }
-    EXPECT_THAT(watching.readUntil("\u2581"), HasSubstr("ok"));
+    shows("\u2581");
+    shows("ok");
     speed->setValue(7);
-    EXPECT_THAT(watching.readUntil(" 7.0 "), HasSubstr("\u2588"));
+    shows(" 7.0 ");
+    shows("\u2588");
     {
         const Owned<monFile> damaged(monFile::Create(file.c_str(), ""));
     }
     dir.write("run.mon", "damaged");
-    EXPECT_THAT(watching.readUntil("run.mon: "), HasSubstr("\x1b[J"));
+    shows("run.mon: ");
+    shows("\x1b[J");
     watching.type('\x03');
     EXPECT_EQ(watching.wait(), 0);
 }
