@@ -421,13 +421,15 @@ void xbasedictionary::Rehash(unsigned newSize, unsigned entrySize, unsigned valu
 {
     if (newSize > maxSize)
         throw std::length_error(tooLarge);
-    xdictlayout layout(newSize);
+    const xdictlayout& old = *side->layout;
+    std::unique_ptr<xdicthome[]> homes(new xdicthome[newSize]);
+    std::optional<xdictplaces> places;
     const auto newSlots = std::make_unique<std::uint32_t[]>(size);
     char* const block = Allocate(newSize, entrySize);
     const bool moveBits = movesBits; // and then nobody sees that no value is copied
     try {
-        side->layout->places.forEachTaken([&](unsigned slot) {
-            const unsigned newSlot = layout.places.take(side->layout->homes[slot]);
+        const auto homeOf = [&](unsigned slot) { return old.homes[slot]; };
+        places = old.places.rehashed(newSize, homeOf, [&](unsigned slot, unsigned newSlot) {
             if (newSlot == xdictplaces::none)
                 QEL_ABORT(overflow);
             char* const from = EntryOf(slot, entrySize);
@@ -439,7 +441,7 @@ void xbasedictionary::Rehash(unsigned newSize, unsigned entrySize, unsigned valu
                 OnCopyEntry(to + valueOffset, from + valueOffset);
                 keyOf(to) = keyOf(from);
             }
-            layout.homes[newSlot] = side->layout->homes[slot];
+            homes[newSlot] = old.homes[slot];
             newSlots[slot] = newSlot;
         });
     } catch (...) {
@@ -447,7 +449,7 @@ void xbasedictionary::Rehash(unsigned newSize, unsigned entrySize, unsigned valu
         throw;
     }
     side->index.renumber(newSlots.get());
-    side->layout = std::move(layout);
+    side->layout.emplace(std::move(*places), std::move(homes));
     size = newSize;
     Replace(block, newSize);
 }

@@ -27,15 +27,13 @@ xdicthistory::Outcome xdicthistory::replay(const xdictcontrol& loads, xdicthome*
     const auto resize = [&](unsigned newSize) {
         if (newSize == now.size)
             return;
-        xdictplaces places(newSize);
         std::unique_ptr<std::uint32_t[]> moved(new std::uint32_t[newSize]);
-        now.places.forEachTaken([&](unsigned slot) {
-            const std::uint32_t entry = entries[slot];
-            const unsigned newSlot = places.take(homes[entry]);
-            moved[newSlot] = entry;
-            now.slots[entry] = newSlot;
-        });
-        now.places = std::move(places);
+        now.places = now.places.rehashed(
+            newSize, [&](unsigned slot) { return homes[entries[slot]]; },
+            [&](unsigned slot, unsigned newSlot) {
+                moved[newSlot] = entries[slot];
+                now.slots[entries[slot]] = newSlot;
+            });
         now.size = newSize;
         entries = std::move(moved);
     };

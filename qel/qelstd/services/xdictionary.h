@@ -18,8 +18,9 @@ struct xdictentry
 
 /// Maps texts to values of type T. Besides by key, entries are reached by slot: walking a dictionary means
 /// visiting the slots 0 to getarraysize() - 1, of which many are empty. Slot numbers are valid until the next
-/// set of a new key or removal. Keys are compared byte for byte; null and the marker pointers are no keys:
-/// they are never found. Null `out` pointers are accepted. Used by one thread at a time.
+/// set of a new key or removal. Slots are assigned when they are first asked for: an operation by slot may
+/// throw std::bad_alloc, with nothing changed. Keys are compared byte for byte; null and the marker pointers
+/// are no keys: they are never found. Null `out` pointers are accepted. Used by one thread at a time.
 template<class T>
 class xtbdictionary : public xobject, public xbasedictionary
 {

@@ -63,6 +63,16 @@ public:
             for (std::uint64_t bits = taken[word]; bits != 0; bits &= bits - 1)
                 visit(static_cast<unsigned>(word * 64) + static_cast<unsigned>(std::countr_zero(bits)));
     }
+    /// The places of a table of another size, which takes the keys in the order of these slots:
+    /// `homeOf(slot)` is the home of a key, and `moved(slot, newSlot)` hears where it goes, `none` when all
+    /// is taken.
+    template<class HomeOf, class Moved>
+    xdictplaces rehashed(unsigned newSize, HomeOf homeOf, Moved moved) const
+    {
+        xdictplaces places(newSize);
+        forEachTaken([&](unsigned slot) { moved(slot, places.take(homeOf(slot))); });
+        return places;
+    }
 
 private:
     static constexpr unsigned small = 64;   // slots, all of which are probed one by one
