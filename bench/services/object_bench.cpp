@@ -50,6 +50,7 @@ void oneThreadShared(benchmark::State& state)
     copyAndDrop(state, std::make_shared<Plain>());
 }
 BENCHMARK(oneThreadQelstd)->Name("objects/copy and drop a handle, one thread/qelstd");
+BENCHMARK(oneThreadShared)->Name("objects/attach and release, one thread/std::shared_ptr");
 BENCHMARK(oneThreadShared)->Name("objects/copy and drop a handle, one thread/std::shared_ptr");
 
 // ---- variants
