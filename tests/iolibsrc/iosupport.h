@@ -7,14 +7,18 @@
 #include "support/thrown.h"
 #include <qel/xiolib.h>
 
+/// The text of a stream's failure.
+inline std::string StreamFailureText(xthrowable* thrown)
+{
+    ioXStream* const failure = ioXStream::softcast(thrown);
+    return failure == nullptr ? "another exception" : failure->getMsg().CastToCString();
+}
+
 /// The text of the stream exception that `work` throws; "" when it throws none.
 template<class Work>
 std::string FailureOf(Work work)
 {
-    return describeThrown(work, [](xthrowable* thrown) -> std::string {
-        ioXStream* const failure = ioXStream::softcast(thrown);
-        return failure == nullptr ? "another exception" : failure->getMsg().CastToCString();
-    });
+    return describeThrown(work, StreamFailureText);
 }
 
 inline std::string TextOf(const xstring& s)

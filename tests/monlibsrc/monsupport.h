@@ -14,8 +14,7 @@ std::string MonFailureOf(Work work)
     return describeThrown(work, [](xthrowable* thrown) -> std::string {
         if (qelXNativeException* const native = qelXNativeException::softcast(thrown))
             return native->getStringRep().CastToCString();
-        ioXStream* const failure = ioXStream::softcast(thrown);
-        return failure == nullptr ? "another exception" : failure->getMsg().CastToCString();
+        return StreamFailureText(thrown);
     });
 }
 

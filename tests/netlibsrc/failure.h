@@ -2,8 +2,7 @@
 
 #include <string>
 
-#include "support/thrown.h"
-#include <qel/iobasestream.h>
+#include "iolibsrc/iosupport.h"
 #include <qel/netexception.h>
 
 /// What `work` throws: the code and the text of a failure of the network library, the text of a stream's; ""
@@ -14,7 +13,6 @@ std::string failureOf(Work work)
     return describeThrown(work, [](xthrowable* thrown) -> std::string {
         if (netXException* const failure = netXException::softcast(thrown))
             return std::to_string(failure->getError()) + " " + failure->getMsg().CastToCString();
-        ioXStream* const failure = ioXStream::softcast(thrown);
-        return failure != nullptr ? failure->getMsg().CastToCString() : "another exception";
+        return StreamFailureText(thrown);
     });
 }
