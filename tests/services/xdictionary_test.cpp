@@ -231,8 +231,8 @@ TEST(xdictionary, AssignsSlotsLateAsIfItHadAllAlong)
 {
     std::mt19937 random(8);
     for (int life = 0; life < 300; ++life) {
-        const xdictcontrol loads[] = {{70, 90}, {0, 90}, {10, 50}, {90, 95}, {60, 20}};
-        const xdictcontrol& load = loads[life % 5];
+        const xdictcontrol loads[] = {{70, 90}, {0, 90}, {10, 50}, {90, 95}, {60, 20}, {0, 0}};
+        const xdictcontrol& load = loads[life % 6];
         const auto names = life % 2 == 0 ? words(8 + static_cast<int>(random() % 400)) : twins(100);
         Open<xtsdictionary<int>> d(&load);
         DictModel model(names, load);
