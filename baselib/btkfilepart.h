@@ -53,6 +53,9 @@ public:
     /// Whether Try would answer Busy. Takes nothing.
     bool IsBusy(Kind kind) const;
     void Release();
+    /// Lets the opening keep the lock beyond this object's life: it ends when the opening's last descriptor
+    /// is closed.
+    void Leave() { held = false; }
 
 private:
     btkHandle handle;
