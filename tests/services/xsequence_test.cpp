@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -341,6 +342,75 @@ TEST(xsequence, CanBeReadWhileAnElementDies)
     s.append(xany(new Onlooker(&s)));
     s.set(0, 5);
     EXPECT_GT(Onlooker::sum, 0);
+}
+
+namespace {
+
+class Meddler : public virtual xobject
+{
+    QEL_OBJECT(Meddler);
+
+public:
+    explicit Meddler(std::function<void()> when) : whenItDies(std::move(when)) {}
+    ~Meddler() override { whenItDies(); }
+
+private:
+    std::function<void()> whenItDies;
+};
+
+constinit qelClass Meddler::rtti = {.name = "test::Meddler", .counted = true};
+
+std::vector<int> numbersIn(xanysequence* s)
+{
+    std::vector<int> values;
+    for (int i = 0; i < s->getarraysize(); ++i)
+        values.push_back(s->get(i).getKind() == xanyInt ? static_cast<int>(s->get(i)) : -1);
+    return values;
+}
+
+} // namespace
+
+TEST(xsequence, CanBeChangedWhileAnElementDies)
+{
+    using Change = std::function<void(xanysequence*)>;
+    const std::vector<Change> operations = {
+        [](xanysequence* s) { s->removerange(2, 8); },
+        [](xanysequence* s) { s->removerange(3, 4); },
+        [](xanysequence* s) { s->removerange(0, INT_MAX); },
+        [](xanysequence* s) { s->clear(); },
+        [](xanysequence* s) { s->set(3, 5); },
+    };
+    const std::vector<Change> meddlings = {
+        [](xanysequence* s) {
+            for (int i = 0; i < 100; ++i)
+                s->append(i);
+        },
+        [](xanysequence* s) { s->clear(); },
+        [](xanysequence* s) { s->removerange(0, 3); },
+        [](xanysequence* s) { s->insert(0, 7); },
+        [](xanysequence* s) { s->insertseq(1, s); },
+        [](xanysequence* s) { s->set(300, 1); },
+    };
+    // Whatever is done, the end of the element comes after it.
+    for (const int size : {4, 5, 20})
+        for (std::size_t op = 0; op < operations.size(); ++op)
+            for (std::size_t meddling = 0; meddling < meddlings.size(); ++meddling) {
+                xanysequence s, expected;
+                for (int i = 0; i < size; ++i) {
+                    expected.append(i);
+                    s.append(i == 3 ? xany(new Meddler([&] { meddlings[meddling](&s); })) : xany(i));
+                }
+                operations[op](&expected);
+                meddlings[meddling](&expected);
+                operations[op](&s);
+                EXPECT_EQ(numbersIn(&s), numbersIn(&expected)) << size << " " << op << " " << meddling;
+            }
+
+    for (const Change& meddle : meddlings) {
+        xanysequence s;
+        for (int i = 0; i < 20; ++i)
+            s.append(xany(new Meddler([&] { meddle(&s); })));
+    }
 }
 
 TEST(xsequence, LeavesEverythingAsItWasWhenItCannotGrow)

@@ -19,6 +19,22 @@ inline constexpr bool qelIsMovedByBits<xstring> = true;
 template<>
 inline constexpr bool qelIsMovedByBits<xany> = true;
 
+/// Whether nothing but this library's own code runs when a value ends. Overload it for classes of which that
+/// is known.
+template<class T>
+bool qelEndsQuietly(const T&)
+{
+    return std::is_trivially_destructible_v<T>;
+}
+inline bool qelEndsQuietly(const xstring&)
+{
+    return true;
+}
+inline bool qelEndsQuietly(const xany& value)
+{
+    return value.getKind() != xanyObject;
+}
+
 /// Whether `a` lies below `b`, which may point into another block.
 inline bool qelIsBelow(const void* a, const void* b)
 {

@@ -1,8 +1,11 @@
 #include "xsequence.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdlib>
+#include <cstring>
 #include <stdexcept>
+#include <utility>
 
 #include <qel/base/btkmemory.h>
 
@@ -49,7 +52,9 @@ void checkRange(std::size_t offset, std::size_t n)
         throwTooLong();
 }
 
-constexpr std::size_t largeRoom = 1 << 20;
+constexpr unsigned firstRoom = 32;
+constexpr std::size_t largeRoom = 64 << 20;
+constexpr std::size_t hugeRoom = 8 << 20; // from here on blocks have large pages, if they are used in full
 
 constexpr std::size_t elsewhere = static_cast<std::size_t>(-1);
 
@@ -72,11 +77,13 @@ void xbasesequence::Resize(std::size_t newUsed)
         const std::size_t rounded = (newUsed + granularity - 1) / granularity * granularity;
         if (rounded > maxBytes)
             throwTooLong();
-        if (rounded != capacity) {
+        if (rounded != capacity || (isOwn(ownGrowth) && after > room)) {
+            needed = after;
             data = static_cast<char*>(OnResize(static_cast<unsigned>(rounded)));
             capacity = static_cast<unsigned>(rounded);
             used = after;
-            resetSlots(after, std::min(before, capacity));
+            findReady();
+            resetSlots(after, std::min(before, isOwn(ownGrowth) ? std::min(capacity, room) : capacity));
             return;
         }
     }
@@ -152,11 +159,14 @@ char* xbasesequence::reallocate(unsigned newCapacity)
     // Of a large block, only what is used takes memory, and moving it takes long.
     const std::size_t grown = std::min(std::size_t{room} * (room < largeRoom ? 2 : 8), maxBytes);
     std::size_t wanted = newCapacity > room ? std::max<std::size_t>(newCapacity, grown) : newCapacity;
-    const std::size_t kept = std::min(capacity, newCapacity);
-    void* block = btkResizeBlock(data, kept, wanted);
+    const std::size_t kept = std::min({capacity, room, newCapacity});
+    const auto resized = [&] {
+        return wanted < hugeRoom ? std::realloc(data, wanted) : btkResizeBlock(data, kept, wanted);
+    };
+    void* block = resized();
     while (block == nullptr && wanted != newCapacity) {
         wanted = newCapacity + (wanted - newCapacity) / 2;
-        block = btkResizeBlock(data, kept, wanted);
+        block = resized();
     }
     if (block == nullptr) {
         if (newCapacity <= room)
@@ -165,6 +175,18 @@ char* xbasesequence::reallocate(unsigned newCapacity)
     }
     room = static_cast<unsigned>(wanted);
     return static_cast<char*>(block);
+}
+
+char* xbasesequence::reallocatePlain(unsigned newCapacity)
+{
+    const unsigned before = std::min(capacity, room);
+    char* const block = reallocate(newCapacity <= granularity
+                                       ? std::min(newCapacity, std::max(std::bit_ceil(needed), firstRoom))
+                                       : newCapacity);
+    const unsigned after = std::min(newCapacity, room);
+    if (after > before)
+        std::memset(block + before, 0, after - before);
+    return block;
 }
 
 char* xbasesequence::replace(unsigned newCapacity)
@@ -191,6 +213,12 @@ char* xbasesequence::replace(unsigned newCapacity)
     std::free(data);
     room = newCapacity;
     return block;
+}
+
+char* xbasesequence::giveUpBlock() noexcept
+{
+    used = capacity = room = ready = 0;
+    return std::exchange(data, nullptr);
 }
 
 void xbasesequence::releaseBlock() noexcept

@@ -1,9 +1,13 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdlib>
+#include <iterator>
 #include <new>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include <qel/xcollection.h>
 
@@ -18,7 +22,8 @@ struct xseqcontrol
 /// sets xtssequence and xtcsequence below implement them.
 ///
 /// A sequence holds at most 2^31 - 1 bytes: what would need more throws std::length_error. That, and
-/// std::bad_alloc when memory runs out, leave the sequence as it was.
+/// std::bad_alloc when memory runs out, leave the sequence as it was. The operations by bytes are for
+/// elements whose end runs no code that uses the sequence; those of xtbsequence are safe with all.
 class QEL_API xbasesequence
 {
 public:
@@ -63,8 +68,13 @@ protected:
     /// A block of the C runtime in the place of `data`, its bytes kept. It has some room beyond what is asked
     /// for, so that appending takes linear time. Fails only when it grows.
     char* reallocate(unsigned newCapacity);
+    /// The same for plain values: the first `granularity` bytes of capacity get memory as elements come, and
+    /// all memory within the capacity is zero at first.
+    char* reallocatePlain(unsigned newCapacity);
     /// A new block, filled through the hooks, in the place of `data`.
     char* replace(unsigned newCapacity);
+    /// Leaves an empty sequence without a block. The caller ends the elements and frees the block.
+    char* giveUpBlock() noexcept;
     void releaseBlock() noexcept;
 
     /// Which hooks have been seen to be those of the hook set. While the set's own run, nobody can tell
@@ -79,13 +89,20 @@ protected:
         ownAppend = ownCopy | ownGrowth
     };
     bool isOwn(OwnHooks hooks) const { return (seen & hooks) == hooks; }
-    void sawOwn(OwnHooks hook) { seen |= hook; }
+    void sawOwn(OwnHooks hook)
+    {
+        if (isOwn(hook))
+            return;
+        seen |= hook;
+        findReady();
+    }
     /// Adds one more block, for the caller to fill, when there is room for it.
     bool takeBlock()
     {
-        if (room - capacity < granularity)
+        if (capacity + std::size_t{granularity} > room)
             return false;
         capacity += granularity;
+        findReady();
         return true;
     }
 
@@ -96,18 +113,27 @@ protected:
 
 private:
     void resetSlots(unsigned from, unsigned to);
+    void findReady() { ready = isOwn(ownAppend) ? std::min(capacity, room) : 0; }
 
     unsigned char seen = 0; // OwnHooks
 
 protected:
     const unsigned granularity;
+    unsigned ready = 0; // bytes up to which elements may be appended without a look at anything else
 
 private:
-    unsigned room = 0; // bytes that `data` really has
+    unsigned room = 0;   // bytes that `data` really has; less than the capacity in small plain sequences only
+    unsigned needed = 0; // bytes that are to be used when OnResize returns
 };
 
 /// A growable array of T with indices from 0. Every operation that takes an index throws qelXNegativeIndex
-/// for a negative one, before anything is changed. Used by one thread at a time.
+/// for a negative one, before anything is changed.
+///
+/// What an element holds may use the sequence when it ends: it ends after the operation that removed it, when
+/// the sequence is whole again.
+///
+/// Any number of threads may read at a time (`getarraysize`, `get`, walks, printing) while none changes the
+/// sequence.
 template<class T>
 class xtbsequence : public xobject, public xbasesequence
 {
@@ -150,6 +176,7 @@ protected:
 private:
     static std::size_t offsetOf(int index);
     [[gnu::noinline]] void appendSlowly(T value);
+    void remove(std::size_t from, std::size_t to);
 };
 
 /// A sequence of plain values: numbers and pointers. Pointers to objects are not counted.
@@ -165,7 +192,11 @@ public:
 
 private:
     // Free storage is kept zero: so are the elements of a gap.
-    void* OnResize(unsigned newCapacity) override;
+    void* OnResize(unsigned newCapacity) override
+    {
+        this->sawOwn(this->ownGrowth);
+        return this->reallocatePlain(newCapacity);
+    }
     void OnAllocate(void* at, unsigned bytes) override { this->construct(at, bytes / sizeof(T)); }
     void OnDestroy(void*, unsigned) override {}
     void OnCopy(void* to, const void* from, unsigned bytes) override
@@ -187,8 +218,12 @@ public:
     explicit xtcsequence(xseqcontrol control) : xtbsequence<T>(control) {}
     ~xtcsequence() override
     {
-        destroy(this->at(0), this->used / sizeof(T));
-        this->releaseBlock();
+        while (this->data != nullptr) { // what an element holds may add others while it goes
+            const unsigned n = this->used / sizeof(T);
+            char* const block = this->giveUpBlock();
+            destroy(reinterpret_cast<T*>(block), n);
+            std::free(block);
+        }
     }
 
 private:
@@ -306,15 +341,15 @@ void xtbsequence<T>::set(int index, T value)
 template<class T>
 void xtbsequence<T>::append(T value)
 {
-    const unsigned end = used;
-    if (!isOwn(ownAppend) || capacity - end < sizeof(T))
+    const std::size_t end = std::size_t{used} + sizeof(T);
+    if (end > ready)
         return appendSlowly(std::move(value));
-    T* const slot = at(end);
+    T* const slot = at(used);
     if constexpr (qelIsMovedByBits<T>)
         new (slot) T(std::move(value)); // what was there owns nothing
     else
         *slot = std::move(value);
-    used = end + static_cast<unsigned>(sizeof(T));
+    used = static_cast<unsigned>(end);
 }
 
 /// For when there is no free slot, or a hook may be watched.
@@ -355,24 +390,28 @@ template<class T>
 void xtbsequence<T>::removerange(int from, int to)
 {
     const std::size_t first = offsetOf(from);
-    BaseRemove(first, offsetOf(to));
+    remove(first, offsetOf(to));
 }
 
 template<class T>
 void xtbsequence<T>::clear()
 {
-    BaseRemove(0, used);
+    remove(0, used);
 }
 
 template<class T>
-void* xtssequence<T>::OnResize(unsigned newCapacity)
+void xtbsequence<T>::remove(std::size_t from, std::size_t to)
 {
-    const unsigned old = this->capacity;
-    char* const block = this->reallocate(newCapacity);
-    if (newCapacity > old)
-        this->construct(block + old, (newCapacity - old) / sizeof(T));
-    this->sawOwn(this->ownGrowth);
-    return block;
+    if constexpr (!std::is_trivially_destructible_v<T>) {
+        const std::size_t first = std::min({from, to, std::size_t{used}});
+        const std::size_t last = std::min(std::max(from, to), std::size_t{used});
+        std::vector<T> held; // until the sequence is whole again, since their end may use it
+        std::copy_if(at(first), at(last), std::back_inserter(held),
+                     [](const T& value) { return !qelEndsQuietly(value); });
+        BaseRemove(from, to);
+    } else {
+        BaseRemove(from, to);
+    }
 }
 
 template<class T>
