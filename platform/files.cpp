@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -18,6 +19,7 @@ namespace {
 
 constexpr unsigned newFileMode = 0666;
 constexpr unsigned temporaryFileMode = 0600;
+constexpr long long stepsASecond = 10000000; // of a FILETIME
 
 /// A handle is the descriptor plus one, so that neither null nor INVALID_HANDLE_VALUE is a descriptor.
 HANDLE handleOf(int descriptor)
@@ -89,11 +91,22 @@ int moveInSteps(const std::string& from, const std::string& to)
 
 FILETIME platFileTime(const struct timespec& time)
 {
-    constexpr long long stepsASecond = 10000000;
     constexpr long long nanosecondsAStep = 100;
-    const auto steps = static_cast<unsigned long long>((time.tv_sec + platSecondsTo1970) * stepsASecond +
-                                                       time.tv_nsec / nanosecondsAStep);
-    return {static_cast<DWORD>(steps), static_cast<DWORD>(steps >> 32)};
+    long long steps;
+    if (__builtin_add_overflow(time.tv_sec, platSecondsTo1970, &steps) ||
+        __builtin_mul_overflow(steps, stepsASecond, &steps) ||
+        __builtin_add_overflow(steps, time.tv_nsec / nanosecondsAStep, &steps))
+        steps = time.tv_sec < 0 ? LLONG_MIN : LLONG_MAX;
+    const auto bits = static_cast<unsigned long long>(steps);
+    return {static_cast<DWORD>(bits), static_cast<DWORD>(bits >> 32)};
+}
+
+long long platSecondsOf(const FILETIME& time)
+{
+    const auto bits = static_cast<unsigned long long>(time.dwHighDateTime) << 32 | time.dwLowDateTime;
+    const auto steps = static_cast<long long>(bits);
+    const long long down = steps % stepsASecond < 0 ? 1 : 0;
+    return steps / stepsASecond - down - platSecondsTo1970;
 }
 
 HANDLE CreateFileA(const char* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES*, DWORD disposition,

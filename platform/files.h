@@ -67,4 +67,7 @@ BOOL CopyFileA(const char* from, const char* to, BOOL failIfExists);
 unsigned GetTempFileNameA(const char* directory, const char* prefix, unsigned unique, char* name);
 
 struct timespec;
+/// The signed 64-bit count of steps reaches from the year -27627 to 30828; a time beyond becomes its end.
 FILETIME platFileTime(const struct timespec& time);
+/// Whole seconds since 1970-01-01 00:00 UTC, rounded down.
+long long platSecondsOf(const FILETIME& time);

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <set>
+#include <utility>
 
 #include <qel/fsdir.h>
 #include <qel/fsfile.h>
@@ -230,6 +231,32 @@ TEST(fsNodeInfo, TakesTheStatusAndKeepsItWhenInitializeFails)
     ASSERT_TRUE(info.Initialize(dir.path()));
     EXPECT_EQ(info.getType(), fsDirectory);
     EXPECT_EQ(copy.getType(), fsFile);
+}
+
+TEST(fsNodeInfo, GivesFarTimesInOrder)
+{
+    const TempDir dir(TempDir::InMemory); // where every time can be kept
+    dir.write("a", "");
+    constexpr long long lastOfCount = 910692730085; // in the year 30828
+    constexpr std::pair<long long, double> times[] = {
+        {-12000000000, -12000000000.0},        // before 1601
+        {lastOfCount, lastOfCount},            // what a count of 100 ns in 63 bits reaches
+        {lastOfCount + 1, lastOfCount},        //
+        {4000000000000000000, lastOfCount},    //
+        {-4000000000000000000, -933981677286}, // its other end
+    };
+    for (const auto& [kept, shown] : times) {
+        const timespec both[] = {{kept, 500}, {kept, 500}};
+        struct stat status;
+        if (utimensat(AT_FDCWD, dir.path("a"), both, 0) != 0 || stat(dir.path("a"), &status) != 0 ||
+            status.st_mtim.tv_sec != kept)
+            GTEST_SKIP() << "no file system with 64-bit times";
+        xauto<fsNodeInfo> info;
+        ASSERT_TRUE(info.Initialize(dir.path("a")));
+        tmTime* const modified = info.getModTime();
+        EXPECT_EQ(modified->getAbsTime(), shown) << kept;
+        xdelete(modified);
+    }
 }
 
 TEST(fsNodeInfo, IsReadThroughItsDescriptorWithoutLeakingTimes)

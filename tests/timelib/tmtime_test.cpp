@@ -6,6 +6,7 @@
 #include <memory>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include <qel/qelrtti.h>
 #include <qel/syslib.h>
@@ -74,9 +75,24 @@ TEST_F(Time, StoresWholeSecondsAndKeepsTheOldOnesForWhatIsNoTime)
     for (double none :
          {static_cast<double>(NAN), static_cast<double>(INFINITY), xnullreal, xuninitreal, -1e300})
         EXPECT_EQ(time.setAbsTime(none), -12.0);
-    for (const long far : {LONG_MAX, LONG_MIN, 4000000000000000000L})
-        EXPECT_GE(tmTime(far).getMonth(), 1);
-    EXPECT_EQ(tmTime(67767976233529199L - 7200).getYear(), INT_MAX);
+}
+
+TEST_F(Time, HasNoFieldsBeyondTheCalendar)
+{
+    const auto fieldsOf = [](double seconds) {
+        tmTime time(0);
+        time.setAbsTime(seconds);
+        return std::vector<int>{time.getYear(), time.getMonth(),  time.getDayOfMonth(), time.getDayOfWeek(),
+                                time.getHour(), time.getMinute(), time.getSecond()};
+    };
+    const std::vector<int> none(7, xnullint);
+    constexpr double endOfLastYear = 67767976233529200; // of the year INT_MAX, in UTC
+    EXPECT_EQ(fieldsOf(endOfLastYear - 7200)[0], INT_MAX);
+    for (const double beyond : {endOfLastYear + 7200, 1e17, -1e17, 9.2e18, -9.2e18})
+        EXPECT_EQ(fieldsOf(beyond), none) << beyond;
+    EXPECT_EQ(tmTime(LONG_MAX).getMonth(), xnullint);
+    EXPECT_EQ(tmTime(LONG_MIN).getMonth(), xnullint);
+    EXPECT_EXIT(text(100000000000000000), ExitedWithCode(1), "time object: \"1e\\+17\" given the format");
 }
 
 TEST_F(Time, MakesLocalTimesAndLetsFieldsRunOver)

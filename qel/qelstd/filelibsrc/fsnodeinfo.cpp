@@ -26,12 +26,6 @@ long long wide(DWORD high, DWORD low)
     return static_cast<long long>((static_cast<unsigned long long>(high) << 32) | low);
 }
 
-long long secondsOf(const FILETIME& time)
-{
-    constexpr long long stepsASecond = 10000000;
-    return wide(time.dwHighDateTime, time.dwLowDateTime) / stepsASecond - platSecondsTo1970;
-}
-
 } // namespace
 
 fsNodeInfo::fsNodeInfo(const fsNodeInfo& other)
@@ -51,7 +45,7 @@ unsigned char fsNodeInfo::Initialize(const char* path)
         return 0;
     mode = (status.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? directoryType : fileType;
     size = wide(status.nFileSizeHigh, status.nFileSizeLow);
-    modified = secondsOf(status.ftLastWriteTime);
+    modified = platSecondsOf(status.ftLastWriteTime);
     valid = true;
     return 1;
 }

@@ -24,7 +24,8 @@ public:
     unsigned char Initialize(const char* path);
 
     fsNodeType getType();
-    /// Time of the last modification. The caller owns the new object and frees it with xdelete.
+    /// Time of the last modification; one beyond the year 30828 is given as that year's. The caller owns the
+    /// new object and frees it with xdelete.
     tmTime* getModTime();
     /// Size in bytes.
     double getSize();

@@ -60,18 +60,19 @@ std::string currentFormat()
     return format.text;
 }
 
-std::tm localFields(double seconds)
+/// The local time; false when it is beyond the calendar: its year fits no int.
+bool breakDown(double seconds, std::tm& fields)
 {
     constexpr double furthest = 9.2e18; // what a time_t holds
     const auto whole = static_cast<std::time_t>(std::clamp(seconds, -furthest, furthest));
-    std::tm fields = {};
-    localtime_r(&whole, &fields);
-    return fields;
+    return localtime_r(&whole, &fields) != nullptr && fields.tm_year <= INT_MAX - firstYear;
 }
 
-long long yearOf(double seconds)
+/// One field of the local time, counted from `first`; null when that is beyond the calendar.
+int localField(double seconds, int std::tm::*field, int first = 0)
 {
-    return static_cast<long long>(localFields(seconds).tm_year) + firstYear;
+    std::tm fields;
+    return breakDown(seconds, fields) ? fields.*field + first : xnullint;
 }
 
 /// A calendar time as it was given: the month from 1, the year perhaps short.
@@ -206,7 +207,7 @@ bool readDate(Tokens& tokens, Calendar* out)
         return false;
     if (tokens.take(Tokens::dateSeparator))
         return tokens.take(&out->year);
-    out->year = yearOf(static_cast<double>(std::time(nullptr)));
+    out->year = localField(static_cast<double>(std::time(nullptr)), &std::tm::tm_year, firstYear);
     return true;
 }
 
@@ -250,9 +251,9 @@ xstring tmTime::TimeToString(tmTime* time, const char* format)
         byDefault = currentFormat();
         format = byDefault.c_str();
     }
-    const std::tm fields = localFields(time->AbsTime);
+    std::tm fields;
     char text[1000];
-    if (std::strftime(text, sizeof text, format, &fields) == 0)
+    if (!breakDown(time->AbsTime, fields) || std::strftime(text, sizeof text, format, &fields) == 0)
         reportAndExit<tmXCantMakeTimeString>(noText, "tmTime::TimeToString", format, time);
     return text;
 }
@@ -292,38 +293,37 @@ double tmTime::setAbsTime(double t)
 
 int tmTime::getYear()
 {
-    int year;
-    return fits(yearOf(AbsTime), &year) ? year : xnullint;
+    return localField(AbsTime, &std::tm::tm_year, firstYear);
 }
 
 int tmTime::getMonth()
 {
-    return localFields(AbsTime).tm_mon + 1;
+    return localField(AbsTime, &std::tm::tm_mon, 1);
 }
 
 int tmTime::getDayOfMonth()
 {
-    return localFields(AbsTime).tm_mday;
+    return localField(AbsTime, &std::tm::tm_mday);
 }
 
 int tmTime::getDayOfWeek()
 {
-    return localFields(AbsTime).tm_wday;
+    return localField(AbsTime, &std::tm::tm_wday);
 }
 
 int tmTime::getHour()
 {
-    return localFields(AbsTime).tm_hour;
+    return localField(AbsTime, &std::tm::tm_hour);
 }
 
 int tmTime::getMinute()
 {
-    return localFields(AbsTime).tm_min;
+    return localField(AbsTime, &std::tm::tm_min);
 }
 
 int tmTime::getSecond()
 {
-    return localFields(AbsTime).tm_sec;
+    return localField(AbsTime, &std::tm::tm_sec);
 }
 
 bool tmString2Time(const char* text, long* result)

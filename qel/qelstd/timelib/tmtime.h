@@ -29,8 +29,8 @@ public:
     // ---- texts
 
     /// The time in local time, as strftime formats it by `format`, or by the default format when that is
-    /// null. A result that is empty or longer than 999 bytes is reported (tmXCantMakeTimeString) and ends the
-    /// process with exit status 1.
+    /// null. A result that is empty or longer than 999 bytes, and a time that the accessors have no year for,
+    /// is reported (tmXCantMakeTimeString) and ends the process with exit status 1.
     /// @throws qelXNotInitialized  `time` is null or uninit
     static xstring TimeToString(tmTime* time, const char* format = nullptr);
     /// The default format of the process, "%a %b %d %H:%M:%S %y" at first; null when it is empty.
@@ -47,7 +47,8 @@ public:
     /// Stores the whole seconds of `t` and answers what it stored. What fits no time, such as a null, changes
     /// nothing.
     virtual double setAbsTime(double t);
-    virtual int getYear();       // of the calendar; null for one that does not fit
+    // The local time; null for a time whose year fits no int.
+    virtual int getYear();
     virtual int getMonth();      // 1 to 12
     virtual int getDayOfMonth(); // 1 to 31
     virtual int getDayOfWeek();  // 0 (Sunday) to 6
