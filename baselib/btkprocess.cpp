@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <qel/base/btkcmdline.h>
+#include <qel/base/btkenvironment.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
@@ -165,8 +166,8 @@ pid_t Spawn(const std::vector<std::string>& words, const char* workDir, const bt
         return -1;
 
     pid_t child;
-    const int error =
-        posix_spawnp(&child, arguments[0], actions.Get(), attributes.Get(), arguments.data(), environ);
+    const int error = posix_spawnp(&child, arguments[0], actions.Get(), attributes.Get(), arguments.data(),
+                                   btkEnvironment::ForProgram().data());
     if (error == 0)
         return child;
     errno = error;

@@ -1,12 +1,16 @@
 #include <qel/base/btksystem.h>
 
 #include "btkspawn_p.h"
+#include <qel/base/btkenvironment.h>
+#include <qel/base/btkpipe.h>
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
 #include <sys/signalfd.h>
 #include <sys/wait.h>
@@ -33,15 +37,12 @@ void btkSpawnAttributes::LeadGroup()
                              POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
 }
 
-int System(const char* command)
+namespace {
+
+/// Waits for the end of a child: its exit status, 128 and the signal's number, or -1.
+int statusOf(pid_t child)
 {
-    if (command == nullptr)
-        return -1;
-    char shell[] = "sh", option[] = "-c", end[] = "--";
-    char* const arguments[] = {shell, option, end, const_cast<char*>(command), nullptr};
-    const btkSpawnAttributes attributes;
-    pid_t child;
-    if (posix_spawn(&child, "/bin/sh", nullptr, attributes.Get(), arguments, environ) != 0)
+    if (child < 0)
         return -1;
     int status;
     while (waitpid(child, &status, 0) < 0)
@@ -50,10 +51,73 @@ int System(const char* command)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+/// -1 when it fails.
+pid_t startShell(const char* command, char* const* environment)
+{
+    char shell[] = "sh", option[] = "-c", end[] = "--";
+    char* const arguments[] = {shell, option, end, const_cast<char*>(command), nullptr};
+    const btkSpawnAttributes attributes;
+    pid_t child;
+    const int error = posix_spawn(&child, "/bin/sh", nullptr, attributes.Get(), arguments, environment);
+    return error == 0 ? child : -1;
+}
+
+bool childrenLeaveNoStatus()
+{
+    struct sigaction action;
+    return sigaction(SIGCHLD, nullptr, &action) == 0 &&
+           (action.sa_handler == SIG_IGN || (action.sa_flags & SA_NOCLDWAIT) != 0);
+}
+
+/// Runs the shell from a process that does not ignore SIGCHLD and tells its status through a pipe. Only calls
+/// that are safe after a fork beside other threads are made there.
+int runShellApart(const char* command, char* const* environment)
+{
+    btkOutputPipe output;
+    btkInputPipe input;
+    if (!btkAnonymousPipe::Create(output, input))
+        return -1;
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const pid_t helper = fork();
+    if (helper == 0) {
+        struct sigaction byDefault = {};
+        byDefault.sa_handler = SIG_DFL;
+        sigaction(SIGCHLD, &byDefault, nullptr);
+        const pid_t child = startShell(command, environment);
+        const auto kept = static_cast<unsigned>(output.Get());
+        // Nobody is to find a descriptor open here that the caller has closed.
+        if (kept > 0)
+            close_range(0, kept - 1, 0);
+        close_range(kept + 1, UINT_MAX, 0);
+        const int status = statusOf(child);
+        _exit(write(output.Get(), &status, sizeof status) == sizeof status ? 0 : 1);
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (helper < 0)
+        return -1;
+    output.Reset();
+    int status;
+    const bool told = btkRead(input.Get(), &status, sizeof status) == sizeof status;
+    statusOf(helper); // there is one if SIGCHLD is no longer ignored
+    return told ? status : -1;
+}
+
+} // namespace
+
+int System(const char* command)
+{
+    if (command == nullptr)
+        return -1;
+    const std::vector<char*> environment = btkEnvironment::ForProgram();
+    return childrenLeaveNoStatus() ? runShellApart(command, environment.data())
+                                   : statusOf(startShell(command, environment.data()));
+}
+
 bool Putenv(const char* name, const char* value)
 {
-    if (name == nullptr || value == nullptr || *name == '\0' || std::strchr(name, '=') != nullptr ||
-        setenv(name, value, 1) != 0)
+    if (!btkEnvironment::Set(name, value))
         return false;
     if (std::strcmp(name, "TZ") == 0)
         tzset(); // the reentrant calls do not look

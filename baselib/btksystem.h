@@ -11,12 +11,13 @@ extern BASE_API const char* const ZUN_OS_TYPE;
 /// Runs `command` in the command shell and waits for its end; the caller's standard streams are the
 /// command's. Answers its exit status, 128 and the signal's number when a signal ended it, or -1 when it
 /// could not be run. The command starts with the default signal handling, whatever the caller's; the caller's
-/// is not touched. Safe to call from any thread.
+/// is not touched. Where the caller ignores SIGCHLD, which leaves it without its children's statuses, another
+/// process waits for the command. Safe to call from any thread.
 BASE_API int System(const char* command);
 
 /// Sets `name` in the environment of the process to a copy of `value`; local time follows TZ. False, with
-/// nothing changed, for a name that is empty or holds "=", and when memory runs out. Not to be called while
-/// another thread reads the environment.
+/// nothing changed, for a name that is empty or holds "=", and when memory runs out. Safe to call from any
+/// thread; see btkEnvironment.
 BASE_API bool Putenv(const char* name, const char* value);
 
 /// The number of the calling thread's last failure in this layer, as the host counts them, and the host's

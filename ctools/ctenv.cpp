@@ -1,8 +1,8 @@
 #include <qel/base/ctenv.h>
 
-#include <cstdlib>
+#include <qel/base/btkenvironment.h>
 
-const char* Getenv(const char* name)
+bool Getenv(const char* name, std::string& value)
 {
-    return name == nullptr ? nullptr : std::getenv(name);
+    return btkEnvironment::Get(name, value);
 }

@@ -1,8 +1,9 @@
 #pragma once
 
+#include <string>
+
 #include <qel/base/baseexport.h>
 
-/// The value of the environment variable `name`, or null when it is not set. The text belongs to the
-/// environment and stays valid until the variable changes. Not to be called while another thread changes the
-/// environment.
-BASE_API const char* Getenv(const char* name);
+/// Copies the value of the environment variable `name` to `value`. False, with `value` unchanged, when the
+/// variable is not set. Safe to call from any thread.
+BASE_API bool Getenv(const char* name, std::string& value);

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -27,25 +26,6 @@ bool copyOut(const std::string& text, char* buffer, DWORD* size)
 }
 
 } // namespace
-
-BOOL SetEnvironmentVariableA(const char* name, const char* value)
-{
-    if (name == nullptr || *name == '\0' || std::strchr(name, '=') != nullptr)
-        return platFailWith(ERROR_INVALID_PARAMETER);
-    const int result = value == nullptr ? unsetenv(name) : setenv(name, value, 1);
-    return result == 0 ? TRUE : platFail();
-}
-
-DWORD GetEnvironmentVariableA(const char* name, char* buffer, DWORD size)
-{
-    const char* value = name == nullptr ? nullptr : std::getenv(name);
-    if (value == nullptr)
-        return static_cast<DWORD>(platFailWith(ERROR_ENVVAR_NOT_FOUND));
-    DWORD length = size;
-    if (copyOut(value, buffer, &length))
-        --length;
-    return length;
-}
 
 BOOL GetComputerNameA(char* buffer, DWORD* size)
 {

@@ -1,12 +1,18 @@
 #include <qel/platform/pathmapping.h>
 
+#include <algorithm>
+#include <atomic>
 #include <climits>
+#include <cstdint>
 #include <cstring>
+#include <list>
+#include <mutex>
 #include <optional>
 #include <vector>
 
 #include <unistd.h>
 
+#include <qel/base/btkenvironment.h>
 #include <qel/platform/errortable.h>
 
 namespace {
@@ -20,7 +26,10 @@ struct Drive
 {
     char letter;
     std::string root; // without separator at the end: the host's root is empty
+
+    bool operator==(const Drive&) const = default;
 };
+using Drives = std::vector<Drive>;
 
 bool isSeparator(char c)
 {
@@ -34,14 +43,11 @@ char driveLetter(const char* path)
     return upper >= 'A' && upper <= 'Z' && path[1] == ':' ? upper : '\0';
 }
 
-std::vector<Drive> readDrives()
+Drives readDrives()
 {
-    std::vector<Drive> drives{{defaultDrive, ""}};
-    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-        const char* text = *entry;
-        if (std::strncmp(text, drivePrefix.data(), drivePrefix.size()) != 0)
-            continue;
-        const char* letter = text + drivePrefix.size();
+    Drives drives{{defaultDrive, ""}};
+    for (const std::string& text : btkEnvironment::WithPrefix(drivePrefix)) {
+        const char* letter = text.c_str() + drivePrefix.size();
         if (*letter < 'A' || *letter > 'Z' || letter[1] != '=' || letter[2] != '/')
             continue;
         std::string root = platWithoutEndSeparators(letter + 2);
@@ -55,7 +61,40 @@ std::vector<Drive> readDrives()
     return drives;
 }
 
-const Drive* findDrive(const std::vector<Drive>& drives, char letter)
+/// The drives as the environment has them now, without a look at it unless it has changed.
+class DriveTable
+{
+public:
+    static const Drives& Get()
+    {
+        static DriveTable* const only = new DriveTable; // never freed: used while the process ends
+        return only->asOf(btkEnvironment::Changes());
+    }
+
+private:
+    const Drives& asOf(std::uint64_t changes)
+    {
+        if (const Drives* known = current.load(std::memory_order_acquire);
+            known != nullptr && readAt.load(std::memory_order_acquire) == changes)
+            return *known;
+        const std::lock_guard lock(guard);
+        changes = btkEnvironment::Changes();
+        Drives drives = readDrives();
+        auto same = std::find(seen.begin(), seen.end(), drives);
+        if (same == seen.end())
+            same = seen.insert(seen.end(), std::move(drives));
+        current.store(&*same, std::memory_order_release);
+        readAt.store(changes, std::memory_order_release);
+        return *same;
+    }
+
+    std::mutex guard;
+    std::list<Drives> seen; // all that were ever in force: readers hold none of them long, but without a lock
+    std::atomic<const Drives*> current = nullptr;
+    std::atomic<std::uint64_t> readAt = 0;
+};
+
+const Drive* findDrive(const Drives& drives, char letter)
 {
     for (const Drive& drive : drives)
         if (drive.letter == letter)
@@ -64,7 +103,7 @@ const Drive* findDrive(const std::vector<Drive>& drives, char letter)
 }
 
 /// The drive whose root holds `host` and reaches deepest, or null.
-const Drive* driveOf(const std::vector<Drive>& drives, std::string_view host)
+const Drive* driveOf(const Drives& drives, std::string_view host)
 {
     const Drive* best = nullptr;
     for (const Drive& drive : drives) {
@@ -139,7 +178,7 @@ bool platHostPath(const char* path, std::string& host)
     const bool rooted = isSeparator(*path);
     std::string tail = platHostName(path);
 
-    const std::vector<Drive> drives = readDrives();
+    const Drives& drives = DriveTable::Get();
     const bool single = drives.size() == 1 && drives.front().root.empty();
     if (!rooted && single && (letter == '\0' || letter == defaultDrive)) {
         host = tail.empty() ? "." : std::move(tail);
@@ -171,7 +210,7 @@ bool platHostPath(const char* path, std::string& host)
 
 bool platNativePath(std::string_view host, std::string& native)
 {
-    const std::vector<Drive> drives = readDrives();
+    const Drives& drives = DriveTable::Get();
     const Drive* drive = driveOf(drives, host);
     if (drive == nullptr)
         return platFailWith(ERROR_INVALID_DRIVE);

@@ -3,17 +3,17 @@
 /// The one place that knows how a path of the libraries names a node of this host.
 ///
 /// - `C:\x` is the host's `/x`, or x below the directory that QELSTD_DRIVE_C names. QELSTD_DRIVE_D and so on
-///   give further drives. The variables are read on each call; one that is no absolute path does not count.
+///   give further drives. The variables are kept in a table that follows btkEnvironment::Set (Putenv,
+///   sysPutEnv), not setenv; one that is no absolute path does not count.
 /// - `\x` is rooted on the drive of the current directory. `D:x` is x in the current directory when that is
 /// on
 ///   drive D, else x in the drive's root. A drive alone names that directory itself.
 /// - Both separators are accepted. Case counts in names, not in drive letters.
 /// - On a re-rooted drive ".." is resolved in the text and stops at the drive's root. It does not look at
-/// soft
-///   links: those lead wherever they lead.
+///   soft links: those lead wherever they lead.
 /// - A backslash in a host name is shown as U+F05C and found by it. So that each name has a form of its own,
 ///   U+F05C and U+F05D in a host name are shown with U+F05D before them.
-/// Texts are bytes; what is not UTF-8 passes unchanged.
+/// Texts are bytes; what is not UTF-8 passes unchanged. Safe to call from any thread.
 
 #include <string>
 #include <string_view>

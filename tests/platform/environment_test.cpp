@@ -11,29 +11,6 @@
 #include <unistd.h>
 
 #include "support/child.h"
-#include "support/environment.h"
-
-TEST(Environment, SetsCopiesAndRefusesNamesThatAreNone)
-{
-    EnvSetting restored("QEL_TEST_VARIABLE", nullptr);
-    char value[] = "first";
-    char read[16] = "untouched";
-
-    ASSERT_TRUE(SetEnvironmentVariableA("QEL_TEST_VARIABLE", value));
-    value[0] = 'X';
-    EXPECT_EQ(GetEnvironmentVariableA("QEL_TEST_VARIABLE", read, 5), 6u); // no room for the terminator
-    EXPECT_STREQ(read, "untouched");
-    EXPECT_EQ(GetEnvironmentVariableA("QEL_TEST_VARIABLE", read, 6), 5u);
-    EXPECT_STREQ(read, "first");
-
-    ASSERT_TRUE(SetEnvironmentVariableA("QEL_TEST_VARIABLE", nullptr));
-    EXPECT_EQ(GetEnvironmentVariableA("QEL_TEST_VARIABLE", read, sizeof read), 0u);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_ENVVAR_NOT_FOUND});
-    for (const char* name : {"", "A=B", static_cast<const char*>(nullptr)}) {
-        EXPECT_FALSE(SetEnvironmentVariableA(name, "x"));
-        EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
-    }
-}
 
 TEST(Environment, NamesTheMachineAndTheUser)
 {

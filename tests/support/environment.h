@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#include <qel/base/btksystem.h>
+
 /// An environment variable that has another value, or none (null), while the object lives.
 class EnvSetting
 {
@@ -25,6 +27,7 @@ private:
             unsetenv(name.c_str());
         else
             setenv(name.c_str(), value, 1);
+        Putenv("QELSTD_TEST_SETTING", name.c_str()); // the library looks again
     }
 
     std::string name;

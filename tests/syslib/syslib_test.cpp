@@ -1,10 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
+#include <memory>
 #include <sstream>
+#include <thread>
+#include <vector>
 
+#include <qel/filelib.h>
 #include <qel/syslib.h>
+#include <qel/tmtime.h>
 
 #include <sched.h>
 #include <sys/utsname.h>
@@ -12,6 +18,7 @@
 
 #include "support/child.h"
 #include "support/environment.h"
+#include "support/longrun.h"
 #include "support/tempdir.h"
 
 namespace {
@@ -83,6 +90,47 @@ TEST(SystemEnvironment, ReportsAVariableThatCannotBeSet)
     EXPECT_STREQ(sysGetDescription(4), "No description");
 }
 
+TEST(SystemEnvironment, ChangesBesidePathsTimesAndProcesses)
+{
+    // Each new name makes the table longer, so that readers meet it while it moves.
+    const EnvSetting restored("QELSTD_DRIVE_Q", nullptr);
+    const int names = ofALongRun(1000, 20000);
+    TempDir dir;
+    dir.write("inside", "12345");
+    std::atomic<bool> done = false;
+    std::vector<std::thread> readers;
+    const auto repeat = [&](auto work) {
+        readers.emplace_back([&done, work] {
+            do
+                work();
+            while (!done);
+        });
+    };
+    for (int i = 0; i < 2; ++i)
+        repeat([&] { EXPECT_EQ(fshGetSize(dir.path("inside")), 5.0); });
+    repeat([] {
+        const std::unique_ptr<tmTime, void (*)(tmTime*)> noon(tmTime::LocalTime(2024, 1, 31, 12, 0, 0, 0),
+                                                              [](tmTime* time) { xdelete(time); });
+        EXPECT_EQ(noon->getHour(), 12);
+        EXPECT_EQ(textOf(sysGetEnv("QEL_TEST_SYS_NONE")), "(null)");
+    });
+    repeat([] { EXPECT_EQ(sysOSCall("test ${QEL_TEST_SYS_0:-0} = 0"), 0); });
+
+    for (int i = 0; i < names; ++i) {
+        const std::string name = "QEL_TEST_SYS_" + std::to_string(i);
+        sysPutEnv(name.c_str(), "0");
+        sysPutEnv(name.c_str(), std::to_string(i).c_str());
+        sysPutEnv("QELSTD_DRIVE_Q", i % 2 == 0 ? dir.path().c_str() : "");
+    }
+    sysPutEnv("QELSTD_DRIVE_Q", dir.path());
+
+    done = true;
+    for (std::thread& reader : readers)
+        reader.join();
+    EXPECT_EQ(textOf(sysGetEnv("QEL_TEST_SYS_999")), "999");
+    EXPECT_EQ(fshGetSize("Q:\\inside"), 5.0);
+}
+
 TEST(SystemCommands, AnswerTheExitStatus)
 {
     TempDir dir;
@@ -107,6 +155,24 @@ TEST(SystemCommands, StartWithSignalsAsByDefaultAndLeaveOursAlone)
 
     EXPECT_EQ(std::signal(SIGINT, handler), SIG_IGN);
     sigprocmask(SIG_SETMASK, &before, nullptr);
+}
+
+TEST(SystemCommands, AnswerTheExitStatusWhereTheEndsOfChildrenAreIgnored)
+{
+    struct sigaction unwaited = {}, before;
+    unwaited.sa_flags = SA_NOCLDWAIT;
+    unwaited.sa_handler = SIG_DFL;
+    sigaction(SIGCHLD, &unwaited, &before);
+    EXPECT_EQ(sysOSCall("exit 7"), 7);
+    unwaited.sa_handler = SIG_IGN;
+    sigaction(SIGCHLD, &unwaited, nullptr);
+    {
+        const ChildProcess another([] { return pause(); }); // is not waited for
+        EXPECT_EQ(sysOSCall("(exit 5); test $? = 5 && exit 7"), 7);
+        EXPECT_EQ(sysOSCall("kill -TERM $$; exit 1"), 128 + SIGTERM);
+        EXPECT_EQ(sysOSCall("-no-option"), 127);
+    }
+    sigaction(SIGCHLD, &before, nullptr);
 }
 
 TEST(SystemSleep, LastsAtLeastAsLongAsAsked)

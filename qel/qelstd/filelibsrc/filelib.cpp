@@ -104,14 +104,10 @@ bool extend(fsiFile& file, double current, double wanted)
     return true;
 }
 
-/// The variable's value; null when it is missing, empty or longer than `longest`.
-const char* homePart(const char* variable, std::size_t longest)
+/// Takes the variable's value. False when it is missing, empty or longer than `longest`.
+bool takeHomePart(const char* variable, std::size_t longest, std::string& value)
 {
-    const char* const value = Getenv(variable);
-    if (value == nullptr)
-        return nullptr;
-    const std::size_t length = std::strlen(value);
-    return length >= 1 && length <= longest ? value : nullptr;
+    return Getenv(variable, value) && !value.empty() && value.size() <= longest;
 }
 
 } // namespace
@@ -253,11 +249,10 @@ xstring fsGetHomeDir()
 {
     constexpr std::size_t longestDrive = 3;
     constexpr std::size_t longestPath = 255;
-    const char* const drive = homePart("HOMEDRIVE", longestDrive);
-    const char* const path = homePart("HOMEPATH", longestPath);
-    if (drive == nullptr || path == nullptr)
+    std::string drive, path;
+    if (!takeHomePart("HOMEDRIVE", longestDrive, drive) || !takeHomePart("HOMEPATH", longestPath, path))
         fsRaise(fsOther, "fsGetHomeDir", nullptr);
-    return xstring(drive, path);
+    return (drive + path).c_str();
 }
 
 xstring fsGetCurDir()

@@ -7,8 +7,8 @@
 #include "qeltable.h"
 #include <qel/base/btkprocess.h>
 #include <qel/base/btksystem.h>
+#include <qel/base/ctenv.h>
 #include <qel/base/thrthread.h>
-#include <qel/platform/environment.h>
 #include <qel/platform/pathmapping.h>
 
 QEL_LABELS(pcProcessStatus, "proclib::ProcessStatus", pcUninit, pcRunning, pcExited);
@@ -185,11 +185,7 @@ xstring pcGetShellCommand()
         const char* option;
     } shells[] = {{"SHELL", " -c"}, {"COMSPEC", " /c"}};
     for (const auto& [variable, option] : shells)
-        // With no room the size that is needed, the terminator included.
-        if (const DWORD size = GetEnvironmentVariableA(variable, nullptr, 0); size > 0) {
-            std::string value(size, '\0');
-            value.resize(GetEnvironmentVariableA(variable, value.data(), size));
+        if (std::string value; Getenv(variable, value))
             return xstring(value.c_str(), option);
-        }
     return nullptr;
 }

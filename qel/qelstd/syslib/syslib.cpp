@@ -1,6 +1,7 @@
 #include "syslib.h"
 
 #include <limits>
+#include <string>
 
 #include <qel/base/btksystem.h>
 #include <qel/base/ctenv.h>
@@ -46,7 +47,8 @@ xstring sysGetOSType()
 
 xstring sysGetEnv(const char* name)
 {
-    return qelIsObject(name) ? Getenv(name) : nullptr;
+    std::string value;
+    return qelIsObject(name) && Getenv(name, value) ? xstring(value.c_str()) : xstring();
 }
 
 void sysPutEnv(const char* name, const char* value)

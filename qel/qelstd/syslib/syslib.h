@@ -4,8 +4,7 @@
 #include <qel/xstring.h>
 
 // Facts about the machine and the process, and a few actions. Nothing is thrown: what fails is reported on
-// the standard error stream. All but sysGetEnv and sysPutEnv may be called from any thread; those two work on
-// the environment of the process, which must not be read while it is changed.
+// the standard error stream. Safe to call from any thread.
 
 /// The computer's name; null when that fails (sysXCantGetHostName is reported).
 QEL_API xstring sysGetCurHostName();
@@ -17,8 +16,9 @@ QEL_API xstring sysGetOSType();
 
 /// The value of an environment variable; null when it is not set.
 QEL_API xstring sysGetEnv(const char* name);
-/// Sets an environment variable to a copy of `value`. A name that is empty or holds "=", and null, are
-/// refused (sysXCantPutEnv is reported).
+/// Sets an environment variable of the process to a copy of `value`. Paths, local time and the programs that
+/// are started from now on follow it. Code of other libraries may read the environment meanwhile, but must
+/// not change it. A name that is empty or holds "=", and null, are refused (sysXCantPutEnv is reported).
 QEL_API void sysPutEnv(const char* name, const char* value);
 
 /// Runs a command in the shell and answers its exit status; 128 and the signal's number when a signal ended

@@ -1,0 +1,115 @@
+#include <qel/base/btkenvironment.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <list>
+#include <mutex>
+#include <new>
+#include <set>
+#include <shared_mutex>
+
+#include <unistd.h>
+
+namespace {
+
+struct State
+{
+    std::shared_mutex guard;
+    std::atomic<std::uint64_t> changes = 0;
+    std::set<std::string> texts;          // each "NAME=value" that Set has put into a table
+    std::list<std::vector<char*>> tables; // the last one is in force unless other code made its own
+};
+
+State& state()
+{
+    static State* const only = new State; // never freed: read while the process ends
+    return *only;
+}
+
+std::size_t countEntries()
+{
+    std::size_t count = 0;
+    while (environ != nullptr && environ[count] != nullptr)
+        ++count;
+    return count;
+}
+
+/// The place of the variable `name`, or null.
+char** find(std::string_view name)
+{
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry)
+        if (std::strncmp(*entry, name.data(), name.size()) == 0 && (*entry)[name.size()] == '=')
+            return entry;
+    return nullptr;
+}
+
+/// A place for one more variable at the end of the table. Its neighbour is null already, so that readers
+/// without the lock find an end at all times.
+char** newPlace(State& all)
+{
+    const std::size_t count = countEntries();
+    if (all.tables.empty() || environ != all.tables.back().data() || count + 2 > all.tables.back().size()) {
+        std::vector<char*> larger(2 * count + 16);
+        std::copy_n(environ, count, larger.begin());
+        all.tables.push_back(std::move(larger));
+        std::atomic_ref(environ).store(all.tables.back().data(), std::memory_order_release);
+    }
+    return environ + count;
+}
+
+} // namespace
+
+bool btkEnvironment::Get(const char* name, std::string& value)
+{
+    if (name == nullptr)
+        return false;
+    const std::string_view wanted = name;
+    const std::shared_lock lock(state().guard);
+    char** const entry = find(wanted);
+    if (entry != nullptr)
+        value = *entry + wanted.size() + 1;
+    return entry != nullptr;
+}
+
+bool btkEnvironment::Set(const char* name, const char* value)
+{
+    if (name == nullptr || value == nullptr || *name == '\0' || std::strchr(name, '=') != nullptr)
+        return false;
+    try {
+        State& all = state();
+        const std::lock_guard lock(all.guard);
+        const std::string& text = *all.texts.insert(std::string(name) + '=' + value).first;
+        char** entry = find(name);
+        if (entry == nullptr)
+            entry = newPlace(all);
+        std::atomic_ref(*entry).store(const_cast<char*>(text.c_str()), std::memory_order_release);
+        all.changes.fetch_add(1, std::memory_order_release);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+std::vector<std::string> btkEnvironment::WithPrefix(std::string_view prefix)
+{
+    std::vector<std::string> found;
+    const std::shared_lock lock(state().guard);
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry)
+        if (std::strncmp(*entry, prefix.data(), prefix.size()) == 0)
+            found.emplace_back(*entry);
+    return found;
+}
+
+std::vector<char*> btkEnvironment::ForProgram()
+{
+    const std::shared_lock lock(state().guard);
+    std::vector<char*> table(environ, environ + countEntries());
+    table.push_back(nullptr);
+    return table;
+}
+
+std::uint64_t btkEnvironment::Changes()
+{
+    return state().changes.load(std::memory_order_acquire);
+}
