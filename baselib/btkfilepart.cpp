@@ -80,15 +80,15 @@ std::size_t btkWriteWholeAt(btkHandle handle, const void* from, std::size_t size
 
 bool btkPatience::Rest()
 {
-    constexpr int atOnce = 20;
-    constexpr timespec nap = {0, 50000};
+    constexpr int atOnce = 20, often = 200;
+    constexpr timespec nap = {0, 50000}, longNap = {0, 2000000};
     const btkTimeval now = btkTimeval::Now();
     if (rests == 0)
         end = now + limit;
     if (now >= end)
         return false;
     if (rests++ >= atOnce)
-        nanosleep(&nap, nullptr);
+        nanosleep(rests < often ? &nap : &longNap, nullptr);
     return true;
 }
 
@@ -104,6 +104,15 @@ btkRangeLock::Answer btkRangeLock::Try(Kind kind)
 
 btkRangeLock::Answer btkRangeLock::Wait(Kind kind, btkTimeval limit)
 {
+    if (limit.IsForever()) {
+        struct flock lock = Describe(TypeOf(kind), first, count);
+        int done;
+        do
+            done = fcntl(handle, F_OFD_SETLKW, &lock);
+        while (done != 0 && errno == EINTR);
+        held = done == 0;
+        return held ? Held : Unsupported;
+    }
     btkPatience patience(limit);
     Answer answer = Busy;
     do

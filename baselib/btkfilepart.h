@@ -48,7 +48,7 @@ public:
     /// Takes the lock unless another opening holds one against it: exclusive ones against all, shared ones
     /// against exclusive ones. Never waits.
     Answer Try(Kind kind);
-    /// Tries until the answer is not Busy or `limit` has passed.
+    /// Waits until the answer is not Busy or `limit` has passed.
     Answer Wait(Kind kind, btkTimeval limit);
     /// Whether Try would answer Busy. Takes nothing.
     bool IsBusy(Kind kind) const;

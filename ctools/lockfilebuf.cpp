@@ -1,19 +1,28 @@
 #include <qel/base/lockfilebuf.h>
 
+#include "updatejournal_p.h"
+
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <ios>
-#include <memory>
+#include <string>
 
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
+
+#include <qel/base/btkfilepart.h>
+#include <qel/base/btkreplace.h>
 
 namespace {
 
-constexpr int attempts = 10000; // to catch a file that others keep replacing
-constexpr mode_t keptBits = 07777;
+constexpr int attempts = 10000;                  // to catch a file that others keep replacing
+constexpr long long queueByte = (1LL << 62) + 1; // of the file: who waits for an update holds it
 
 template<typename Call>
 auto retried(Call call)
@@ -24,26 +33,62 @@ auto retried(Call call)
     return result;
 }
 
-/// Closes a descriptor and keeps errno.
-void closeQuietly(int& descriptor)
+bool isSame(const struct stat& a, const struct stat& b)
 {
-    const int error = errno;
-    if (descriptor >= 0)
-        close(descriptor);
-    descriptor = -1;
-    errno = error;
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-bool writeAll(int file, const char* content, std::size_t size)
+/// What a thread knows of a file that it has opened and perhaps closed again, in whatever thread.
+struct Opening
 {
-    while (size > 0) {
-        const ssize_t count = retried([&] { return write(file, content, size); });
-        if (count < 0)
+    struct stat status;
+    pid_t process;
+    bool forUpdate;
+    std::atomic<bool> isOpen = true;
+};
+
+thread_local std::vector<std::shared_ptr<Opening>> openings;
+
+enum class Own { none, reading, updating };
+
+/// How this thread has the file open already.
+Own ownOpeningOf(const struct stat& status)
+{
+    std::erase_if(openings, [](const auto& each) { return !each->isOpen; });
+    Own found = Own::none;
+    for (const auto& each : openings)
+        if (isSame(each->status, status) && each->process == getpid() && found != Own::updating)
+            found = each->forUpdate ? Own::updating : Own::reading;
+    return found;
+}
+
+/// Takes the lock of the file before `end`.
+bool lockBefore(int file, bool forUpdate, btkTimeval end)
+{
+    const int kind = forUpdate ? LOCK_EX : LOCK_SH;
+    if (end.IsForever())
+        return retried([&] { return flock(file, kind); }) == 0;
+    btkPatience patience(end - btkTimeval::Now());
+    do {
+        if (flock(file, kind | LOCK_NB) == 0)
+            return true;
+        if (errno != EWOULDBLOCK && errno != EINTR)
             return false;
-        content += count;
-        size -= static_cast<std::size_t>(count);
+    } while (patience.Rest());
+    errno = EAGAIN;
+    return false;
+}
+
+/// Takes the lock of the file before `end`, behind those who wait for an update.
+bool queueForLock(int file, bool forUpdate, btkTimeval end)
+{
+    btkRangeLock queue(file, queueByte, 1);
+    const btkTimeval limit = end.IsForever() ? end : end - btkTimeval::Now();
+    if (queue.Wait(forUpdate ? btkRangeLock::Exclusive : btkRangeLock::Shared, limit) == btkRangeLock::Busy) {
+        errno = EAGAIN;
+        return false;
     }
-    return true;
+    return lockBefore(file, forUpdate, end);
 }
 
 /// Whether a new file cannot stand beside the old one, so that the old one has to be overwritten.
@@ -52,174 +97,305 @@ bool isKeptOut(int error)
     return error == EACCES || error == EPERM || error == EROFS || error == ENAMETOOLONG;
 }
 
-/// The new file beside the old one, gone again unless it took the old one's place.
-class Successor
+/// Whether the host does not let this file be replaced: a mount of its own, another's in a sticky folder.
+bool isFixed(int error)
 {
-public:
-    Successor(int directory, const std::string& oldName) : folder(directory), name("." + oldName + ".new")
-    {
-        // Left over from a process that was ended; nobody else uses the name while the old file is locked.
-        unlinkat(folder, name.c_str(), 0);
-        file = retried([&] {
-            return openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                          S_IRUSR | S_IWUSR);
-        });
-        exists = file >= 0;
-    }
-    ~Successor()
-    {
+    return error == EBUSY || error == EXDEV || error == EOPNOTSUPP || error == EPERM || error == EACCES;
+}
+
+/// Reserves the space for `size` bytes. False when there is not enough. Changes nothing that can be read.
+bool reserve(int file, std::size_t size)
+{
+    const auto bytes = static_cast<off_t>(size);
+    return size == 0 || retried([&] { return fallocate(file, FALLOC_FL_KEEP_SIZE, 0, bytes); }) == 0 ||
+           (errno != ENOSPC && errno != EDQUOT && errno != EFBIG && errno != EIO);
+}
+
+/// What is added comes first: until it is all there, cutting it off is enough.
+bool writeInPlace(int file, std::size_t oldSize, const char* content, std::size_t size)
+{
+    const std::size_t head = size < oldSize ? size : oldSize;
+    return btkWriteAt(file, content + head, size - head, static_cast<long long>(head)) == size - head &&
+           btkWriteAt(file, content, head, 0) == head && btkSetFileSize(file, static_cast<long long>(size)) &&
+           retried([&] { return fsync(file); }) == 0;
+}
+
+/// Overwrites the file whose name leads to it in `folder`.
+bool overwrite(int folder, int file, const char* content, std::size_t size)
+{
+    std::string old;
+    if (!readWhole(file, old))
+        return false;
+    if (!reserve(file, size)) {
         const int error = errno;
-        closeQuietly(file);
-        if (exists)
-            unlinkat(folder, name.c_str(), 0);
+        btkSetFileSize(file, static_cast<long long>(old.size())); // gives back what was reserved
         errno = error;
+        return false;
     }
-    Successor(const Successor&) = delete;
-    Successor& operator=(const Successor&) = delete;
-
-    bool isOpen() const { return file >= 0; }
-
-    /// Takes owner and mode of the old file. False when this process may not give it to that owner.
-    bool takeStatus(const struct stat& old)
-    {
-        struct stat mine;
-        if (fstat(file, &mine) != 0)
-            return false;
-        if ((mine.st_uid != old.st_uid || mine.st_gid != old.st_gid) &&
-            fchown(file, old.st_uid, old.st_gid) != 0)
-            return false;
-        return fchmod(file, old.st_mode & keptBits) == 0;
-    }
-
-    bool fill(const char* content, std::size_t size)
-    {
-        if (!writeAll(file, content, size) || retried([&] { return fsync(file); }) != 0)
-            return false;
-        const int closed = close(file);
-        file = -1;
-        return closed == 0;
-    }
-
-    bool takePlaceOf(const std::string& oldName)
-    {
-        if (renameat(folder, name.c_str(), folder, oldName.c_str()) != 0)
-            return false;
-        exists = false;
-        // The name is durable with its directory; where that cannot be asked for, it will be in time.
-        int directory = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (directory >= 0)
-            fsync(directory);
-        closeQuietly(directory);
+    const updateJournal journal(folder, file);
+    const bool kept = journal.Write(old, content, size);
+    if (writeInPlace(file, old.size(), content, size)) {
+        if (kept)
+            journal.Remove(); // if it stays, it says the same as the file
         return true;
     }
-
-private:
-    int folder;
-    std::string name;
-    int file = -1;
-    bool exists = false;
-};
-
-bool overwrite(int file, const char* content, std::size_t size)
-{
-    return lseek(file, 0, SEEK_SET) == 0 && writeAll(file, content, size) &&
-           retried([&] { return ftruncate(file, static_cast<off_t>(size)); }) == 0 && fsync(file) == 0;
+    const int error = errno;
+    const bool takenBack = btkSetFileSize(file, static_cast<long long>(old.size())) &&
+                           writeInPlace(file, old.size(), old.data(), old.size());
+    if (kept && !takenBack)
+        return true; // readers find the new content there
+    if (kept)
+        journal.Remove();
+    errno = error;
+    return false;
 }
 
 } // namespace
 
-lockFileBuf::~lockFileBuf()
+struct lockFileBuf::State
 {
-    release();
-}
+    btkFd file;
+    btkFd folder;     // the one that holds the file
+    std::string name; // of the file in it
+    struct stat opened = {};
+    std::shared_ptr<Opening> opening; // null: not locked
+    std::string fromJournal;          // what is to be read in place of the file's content
+    bool usesJournal = false;
+    char buffer[16384];
 
-void lockFileBuf::release()
-{
-    closeQuietly(folder);
-    closeQuietly(file);
-    setg(nullptr, nullptr, nullptr);
-    failed = false;
-}
+    ~State()
+    {
+        const int error = errno;
+        Unlock();
+        errno = error;
+    }
+
+    /// A forked child's copy of the descriptor would keep the lock.
+    void Unlock()
+    {
+        if (opening == nullptr)
+            return;
+        opening->isOpen = false;
+        if (opening->process == getpid())
+            flock(file.Get(), LOCK_UN);
+        opening.reset();
+    }
+
+    bool Open(const char* path, int flags, int permissions, btkTimeval end)
+    {
+        // O_NONBLOCK: a pipe is refused, not waited on.
+        file.Reset(
+            retried([&] { return open(path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, permissions); }));
+        if (!file || fstat(file.Get(), &opened) != 0)
+            return false;
+        if (!S_ISREG(opened.st_mode)) {
+            errno = EACCES;
+            return false;
+        }
+        return Lock((flags & O_ACCMODE) == O_RDWR, end);
+    }
+
+    bool Lock(bool forUpdate, btkTimeval end)
+    {
+        const Own own = ownOpeningOf(opened);
+        if (own == Own::updating || (own == Own::reading && forUpdate)) {
+            errno = EDEADLK;
+            return false;
+        }
+        auto made = std::make_shared<Opening>();
+        made->status = opened;
+        made->process = getpid();
+        made->forUpdate = forUpdate;
+        openings.push_back(made);
+        // An update that waits for this thread's other opening must not be waited for.
+        const bool locked = own == Own::reading ? lockBefore(file.Get(), forUpdate, end)
+                                                : queueForLock(file.Get(), forUpdate, end);
+        made->isOpen = locked;
+        if (locked)
+            opening = std::move(made);
+        return locked;
+    }
+
+    /// Finds the folder that holds the file. False when the file at `path` is another one by now, with ENOENT
+    /// as the reason.
+    bool Locate(const char* path)
+    {
+        const std::unique_ptr<char, decltype(&std::free)> real(realpath(path, nullptr), &std::free);
+        if (real == nullptr)
+            return false;
+        const std::string whole = real.get();
+        const std::size_t last = whole.rfind('/') + 1;
+        name = whole.substr(last);
+        folder.Reset(open(whole.substr(0, last).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        struct stat there;
+        if (!folder || fstatat(folder.Get(), name.c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0)
+            return false;
+        errno = ENOENT;
+        return isSame(there, opened);
+    }
+
+    /// Completes an update that was broken off, or reads around it.
+    bool Recover()
+    {
+        const updateJournal journal(folder.Get(), file.Get());
+        updateJournal::Standing standing;
+        if (!journal.Find(standing, fromJournal))
+            return false;
+        usesJournal = standing == updateJournal::current;
+        if (standing == updateJournal::absent || !opening->forUpdate)
+            return fstat(file.Get(), &opened) == 0; // during the wait it may have changed
+        if (usesJournal && !writeInPlace(file.Get(), static_cast<std::size_t>(btkGetFileSize(file.Get())),
+                                         fromJournal.data(), fromJournal.size()))
+            return false;
+        usesJournal = false;
+        return journal.Remove() && fstat(file.Get(), &opened) == 0;
+    }
+
+    /// Whether others have deleted the file. False when they have done something else with it.
+    bool CheckOthers(bool& deleted) const
+    {
+        struct stat there, now;
+        deleted = fstatat(folder.Get(), name.c_str(), &there, AT_SYMLINK_NOFOLLOW) != 0;
+        if (deleted)
+            return errno == ENOENT;
+        const bool unchanged = isSame(there, opened) && fstat(file.Get(), &now) == 0 &&
+                               now.st_size == opened.st_size && now.st_mtim.tv_sec == opened.st_mtim.tv_sec &&
+                               now.st_mtim.tv_nsec == opened.st_mtim.tv_nsec;
+        if (!unchanged)
+            errno = ESTALE;
+        return unchanged;
+    }
+
+    /// Gives the new file the old one's owner and rights. A deleted file cannot be overwritten: the new one
+    /// is for its maker alone when the owner cannot be kept.
+    bool TakeStatus(btkHandle next, bool deleted) const
+    {
+        constexpr unsigned ownersBits = 0700;
+        if (btkCopyOwner(file.Get(), next))
+            return btkCopyRights(file.Get(), next);
+        return deleted && fchmod(next, opened.st_mode & ownersBits) == 0;
+    }
+
+    bool Replace(const char* content, std::size_t size)
+    {
+        bool deleted = false;
+        if (!CheckOthers(deleted))
+            return false;
+        // Made read-only meanwhile, it stays as it is.
+        if (!deleted && faccessat(folder.Get(), name.c_str(), W_OK, AT_EACCESS) != 0)
+            return false;
+        btkReplacement::RemoveLeftOvers(folder.Get());
+        if (!deleted && opened.st_nlink > 1)
+            return overwrite(folder.Get(), file.Get(), content, size);
+        btkReplacement next;
+        const bool made = next.Create(folder.Get());
+        if (made && TakeStatus(next.Get(), deleted)) {
+            if (!next.Write(content, size))
+                return false;
+            if (next.TakePlace(name.c_str(), btkReplacement::Synced,
+                               deleted ? btkReplacement::Kept : btkReplacement::Replaced))
+                return true;
+            if (errno == EEXIST)
+                errno = ESTALE;
+            if (!isFixed(errno))
+                return false;
+        } else if (!made && !isKeptOut(errno)) {
+            return false;
+        }
+        return !deleted && overwrite(folder.Get(), file.Get(), content, size);
+    }
+};
+
+lockFileBuf::lockFileBuf() = default;
+lockFileBuf::~lockFileBuf() = default;
 
 bool lockFileBuf::Open(const char* path, int mode, int permissions)
 {
-    release();
+    return Open(path, mode, permissions, btkTimeval::Forever());
+}
+
+bool lockFileBuf::Open(const char* path, int mode, int permissions, btkTimeval limit)
+{
     const int flags = (mode & static_cast<int>(std::ios_base::out)) != 0 ? O_RDWR | O_CREAT : O_RDONLY;
+    const btkTimeval end = limit.IsForever() ? limit : btkTimeval::Now() + limit;
+    setg(nullptr, nullptr, nullptr);
+    failed = false;
     for (int attempt = 0; attempt < attempts; ++attempt) {
-        if (!openOnce(path, flags, permissions))
-            return true;
-        if (locate(path))
-            return false;
-        release();
+        state = std::make_unique<State>();
+        if (!state->Open(path, flags, permissions, end))
+            break;
+        if (state->Locate(path)) {
+            if (state->Recover())
+                return false;
+            break;
+        }
+        if (errno != ENOENT)
+            break;
+        errno = EAGAIN;
     }
-    errno = ESTALE;
+    state.reset();
     return true;
-}
-
-bool lockFileBuf::openOnce(const char* path, int flags, int permissions)
-{
-    // O_NONBLOCK: a pipe is refused, not waited on.
-    struct stat status;
-    file = retried([&] { return open(path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, permissions); });
-    if (file < 0 || fstat(file, &status) != 0)
-        return false;
-    if (!S_ISREG(status.st_mode)) {
-        errno = EACCES;
-        return false;
-    }
-    const int kind = (flags & O_ACCMODE) == O_RDWR ? LOCK_EX : LOCK_SH;
-    return retried([&] { return flock(file, kind); }) == 0;
-}
-
-/// Finds the directory that holds the file. False when the file at `path` is another one by now.
-bool lockFileBuf::locate(const char* path)
-{
-    const std::unique_ptr<char, decltype(&std::free)> real(realpath(path, nullptr), &std::free);
-    if (real == nullptr)
-        return false;
-    const std::string whole = real.get();
-    const std::size_t last = whole.rfind('/') + 1;
-    name = whole.substr(last);
-    folder = open(whole.substr(0, last).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    struct stat there, mine;
-    return folder >= 0 && fstatat(folder, name.c_str(), &there, AT_SYMLINK_NOFOLLOW) == 0 &&
-           fstat(file, &mine) == 0 && there.st_dev == mine.st_dev && there.st_ino == mine.st_ino;
 }
 
 bool lockFileBuf::Close()
 {
-    const int descriptor = file;
-    file = -1;
-    release();
-    if (descriptor < 0) {
+    if (state == nullptr) {
         errno = EBADF;
         return true;
     }
-    return close(descriptor) != 0 && errno != EINTR; // closed all the same then
+    setg(nullptr, nullptr, nullptr);
+    failed = false;
+    state->Unlock();
+    const int closed = close(state->file.Release());
+    state.reset();
+    return closed != 0 && errno != EINTR; // closed all the same then
 }
 
 bool lockFileBuf::Replace(const char* content, std::size_t size)
 {
-    struct stat old;
-    if (fstat(file, &old) != 0)
-        return true;
-    // Made read-only meanwhile, it stays as it is.
-    if (faccessat(folder, name.c_str(), W_OK, AT_EACCESS) != 0 && errno != ENOENT)
-        return true;
-    if (old.st_nlink > 1)
-        return !overwrite(file, content, size);
-    Successor next(folder, name);
-    if (next.isOpen() ? !next.takeStatus(old) : isKeptOut(errno))
-        return !overwrite(file, content, size);
-    return !(next.isOpen() && next.fill(content, size) && next.takePlaceOf(name));
+    if (state != nullptr)
+        return !state->Replace(content, size);
+    errno = EBADF;
+    return true;
+}
+
+std::vector<int> lockFileBuf::GetHolders(const char* path)
+{
+    std::vector<int> holders;
+    struct stat status;
+    if (stat(path, &status) != 0)
+        return holders;
+    // 1: FLOCK  ADVISORY  WRITE 4711 fe:00:131 0 EOF; the lines of those who wait have "->" behind the
+    // number.
+    std::ifstream locks("/proc/locks");
+    for (std::string line; std::getline(locks, line);) {
+        int process = 0;
+        unsigned major = 0, minor = 0;
+        unsigned long node = 0;
+        if (std::sscanf(line.c_str(), "%*d: FLOCK %*s %*s %d %x:%x:%lu", &process, &major, &minor, &node) ==
+                4 &&
+            process > 0 && makedev(major, minor) == status.st_dev && node == status.st_ino)
+            holders.push_back(process);
+    }
+    return holders;
 }
 
 lockFileBuf::int_type lockFileBuf::underflow()
 {
-    const ssize_t count = retried([&] { return read(file, buffer, sizeof buffer); });
+    if (state == nullptr)
+        return traits_type::eof();
+    if (state->usesJournal) {
+        // Handed out whole; behind its end there is nothing to read.
+        char* const begin = state->fromJournal.data();
+        if (gptr() != nullptr || state->fromJournal.empty())
+            return traits_type::eof();
+        setg(begin, begin, begin + state->fromJournal.size());
+        return traits_type::to_int_type(*begin);
+    }
+    const std::ptrdiff_t count = btkRead(state->file.Get(), state->buffer, sizeof state->buffer);
     failed = count < 0;
     if (count <= 0)
         return traits_type::eof();
-    setg(buffer, buffer, buffer + count);
-    return traits_type::to_int_type(buffer[0]);
+    setg(state->buffer, state->buffer, state->buffer + count);
+    return traits_type::to_int_type(state->buffer[0]);
 }

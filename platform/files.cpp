@@ -21,15 +21,24 @@ constexpr unsigned newFileMode = 0666;
 constexpr unsigned temporaryFileMode = 0600;
 constexpr long long stepsASecond = 10000000; // of a FILETIME
 
-/// A handle is the descriptor plus one, so that neither null nor INVALID_HANDLE_VALUE is a descriptor.
-HANDLE handleOf(int descriptor)
+/// A handle is the descriptor plus one, so that neither null nor INVALID_HANDLE_VALUE is a descriptor; above
+/// that stands the process that has locked the file, 0 for none.
+static_assert(sizeof(HANDLE) == 8);
+
+HANDLE handleOf(int descriptor, pid_t locker)
 {
-    return reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(descriptor) + 1);
+    return reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(locker) << 32 |
+                                    (static_cast<std::intptr_t>(descriptor) + 1));
 }
 
 int descriptorOf(HANDLE file)
 {
-    return static_cast<int>(reinterpret_cast<std::intptr_t>(file) - 1);
+    return static_cast<int>(static_cast<std::uint32_t>(reinterpret_cast<std::intptr_t>(file)) - 1U);
+}
+
+pid_t lockerOf(HANDLE file)
+{
+    return static_cast<pid_t>(reinterpret_cast<std::intptr_t>(file) >> 32);
 }
 
 /// The host's flags for a disposition, or -1.
@@ -141,11 +150,14 @@ HANDLE CreateFileA(const char* path, DWORD access, DWORD share, SECURITY_ATTRIBU
     }
     if ((flags & FILE_FLAG_SEQUENTIAL_SCAN) != 0)
         posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-    return handleOf(file.release());
+    return handleOf(file.release(), exclusive ? getpid() : 0);
 }
 
 BOOL CloseHandle(HANDLE file)
 {
+    // A forked child's copy of the descriptor would keep the lock; the child itself leaves it to the parent.
+    if (file != INVALID_HANDLE_VALUE && lockerOf(file) == getpid())
+        flock(descriptorOf(file), LOCK_UN);
     // Not repeated when interrupted: the host has given the descriptor up by then.
     if (close(descriptorOf(file)) == 0 || errno == EINTR)
         return TRUE;

@@ -11,13 +11,17 @@
 #include <qel/hmxconfigfile.h>
 #include <qel/platform/lasterror.h>
 
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include "support/child.h"
 #include "support/environment.h"
 #include "support/interrupt.h"
+#include "support/longrun.h"
 #include "support/tempdir.h"
 
 namespace {
@@ -380,40 +384,40 @@ TEST_F(Config, LockIsGivenBackByClosing)
     EXPECT_EQ(errno, EBADF);
 }
 
-/// The program that the two tests below run under strace: this test, on the file that the environment names.
-TEST(ConfigProgram, Updates)
-{
-    const char* const path = std::getenv("QEL_TEST_CONFIG");
-    if (path == nullptr)
-        GTEST_SKIP() << "run by other tests";
-    hmxConfigFile file;
-    ASSERT_TRUE(file.Open(path, hmxConfigFile::ReadWrite));
-    file.SetValue("b", "new");
-    file.Close();
-}
-
 namespace {
 
-/// Calls that the write-back consists of, and whether strace has to be told the files: they are many in a
-/// program.
-struct Call
+/// What the tests below run under strace: this program, before its own main, on the file that the environment
+/// names. It ends with 0 when its change was kept, 3 when it is told that it was not.
+[[maybe_unused]] const bool hasUpdated = [] {
+    const char* const path = std::getenv("QEL_TEST_CONFIG");
+    if (path == nullptr)
+        return false;
+    hmxConfigFile file;
+    const bool opened = file.Open(path, hmxConfigFile::ReadWrite) && file.SetValue("b", "new");
+    _exit(!opened ? 1 : file.CloseChecked() ? 0 : 3);
+}();
+
+struct Faulty
 {
-    const char* names;
-    bool byFile;
+    bool struck;
+    int status; // of the program; 128 and the signal when it was killed
 };
 
-/// Runs the program above with a fault at the `when`-th call. False when strace cannot be used.
-bool updateWithFault(const std::string& path, Call call, const std::string& fault, int when)
+/// Runs the program above with a fault at the calls `call` that `when` counts. `onlyOn`: strace's options
+/// that say of which files.
+Faulty updateWithFault(const std::string& path, const std::string& call, const std::string& fault,
+                       const std::string& when, const std::string& onlyOn = "")
 {
+    const TempDir dir(TempDir::InMemory);
     EnvSetting variable("QEL_TEST_CONFIG", path.c_str());
     const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
-    const std::string names = call.names;
-    std::string command = "strace -qq -o /dev/null -f -e trace=" + names + " -e inject=" + names + ":" +
-                          fault + ":when=" + std::to_string(when);
-    if (call.byFile)
-        command += " -P " + path + " -P " + path.substr(0, path.rfind('/')) + "/.config.new";
-    command += " " + self + " --gtest_filter=ConfigProgram.Updates >/dev/null 2>&1";
-    return std::system(command.c_str()) != -1;
+    const std::string command = "strace -qq -o " + dir.path("trace") + " -f -e trace=" + call +
+                                " -e inject=" + call + ":" + fault + ":when=" + when + onlyOn + " " + self +
+                                " >/dev/null 2>&1";
+    const int status = std::system(command.c_str());
+    const bool killed = WIFSIGNALED(status) || WEXITSTATUS(status) > 128;
+    const int code = killed ? 128 + SIGKILL : WEXITSTATUS(status);
+    return {killed || dir.read("trace").find("INJECTED") != std::string::npos, code};
 }
 
 bool hasStrace()
@@ -421,53 +425,235 @@ bool hasStrace()
     return std::system("strace -qq -o /dev/null true >/dev/null 2>&1") == 0;
 }
 
-} // namespace
-
-TEST_F(Config, IsOldOrNewWhenItsWriterIsKilledAtAnyCall)
+/// The content as openings for reading find it.
+std::string asRead(const std::string& path)
 {
-    if (!hasStrace())
-        GTEST_SKIP() << "needs strace";
-    const std::string old = "a:1\n", renewed = "a:1\nb:new\n";
-    int kept = 0, replaced = 0;
-    for (const Call& call :
-         {Call{"openat", true}, Call{"write", true}, Call{"fchmod", true}, Call{"fsync", true},
-          Call{"close", true}, Call{"renameat", false}, Call{"unlinkat", false}})
-        for (int when = 1; when <= 3; ++when) {
-            dir.write("config", old);
-            ASSERT_TRUE(updateWithFault(path(), call, "signal=KILL", when));
-            const std::string now = content();
-            EXPECT_TRUE(now == old || now == renewed) << call.names << when << now;
-            kept += now == old;
-            replaced += now == renewed;
-        }
-    EXPECT_GT(kept, 3); // the faults have struck
-    EXPECT_GT(replaced, 3);
-    EXPECT_TRUE(update("c", "3")); // whatever was left behind is in nobody's way
-    EXPECT_EQ(nodes(), 1);
+    lockFileBuf file;
+    std::string text;
+    if (file.Open(path.c_str(), std::ios_base::in, 0))
+        return "(not opened)";
+    for (int c; (c = file.sbumpc()) != EOF;)
+        text += static_cast<char>(c);
+    return text;
 }
 
-TEST_F(Config, IsOldAndAloneWhenACallOfTheWriteBackFails)
+// The change makes the file longer and moves what stands in it.
+const std::string oldContent = "a:1\nc:" + std::string(6000, 'c') + "\n";
+const std::string newContent = "a:1\nb:new\nc:" + std::string(6000, 'c') + "\n";
+
+class ConfigFaults : public Config, public testing::WithParamInterface<bool>
+{
+protected:
+    /// Puts the old content there: in a file with two names, which is overwritten in place, or with one.
+    void prepare()
+    {
+        dir.write("config", oldContent);
+        if (GetParam() && !dir.has("other"))
+            std::filesystem::create_hard_link(path(), dir.path("other"));
+    }
+    int expectedNodes() const { return GetParam() ? 2 : 1; }
+};
+
+INSTANTIATE_TEST_SUITE_P(Replaced, ConfigFaults, testing::Values(false));
+INSTANTIATE_TEST_SUITE_P(InPlace, ConfigFaults, testing::Values(true));
+
+} // namespace
+
+TEST_P(ConfigFaults, IsOldOrNewWhenItsWriterIsKilledAtAnyCall)
 {
     if (!hasStrace())
         GTEST_SKIP() << "needs strace";
-    const std::string old = "a:1\n", renewed = "a:1\nb:new\n";
-    int kept = 0;
-    for (const char* error : {"ENOSPC", "EIO", "EDQUOT", "EROFS"})
-        for (const Call& call :
-             {Call{"write", true}, Call{"fsync", true}, Call{"close", true}, Call{"renameat", false}}) {
-            dir.write("config", old);
-            ASSERT_TRUE(updateWithFault(path(), call, std::string("error=") + error, 1));
-            const std::string now = content();
-            EXPECT_TRUE(now == old || now == renewed) << call.names << error;
-            kept += now == old;
-            EXPECT_EQ(nodes(), 1) << call.names << error;
+    int kept = 0, replaced = 0;
+    for (const char* call : {"write", "pwrite64", "fsync", "renameat,renameat2", "unlinkat", "fchmod",
+                             "ftruncate", "fallocate", "flock", "getrandom"})
+        for (int when = 1;; ++when) {
+            prepare();
+            const Faulty run = updateWithFault(path(), call, "signal=KILL", std::to_string(when));
+            const std::string now = asRead(path());
+            EXPECT_TRUE(now == oldContent || now == newContent) << call << when << now.substr(0, 20);
+            if (!run.struck) {
+                EXPECT_EQ(run.status, 0);
+                break;
+            }
+            kept += now == oldContent;
+            replaced += now == newContent;
+            // What was left behind is in nobody's way.
+            EXPECT_TRUE(update("b", "next")) << call << when;
+            EXPECT_EQ(content().find("b:next\nc:"), 4u) << call << when << content().substr(0, 20);
+            EXPECT_EQ(content().size(), newContent.size() + 1);
+            EXPECT_EQ(nodes(), expectedNodes()) << call << when;
         }
-    EXPECT_EQ(kept, 16); // each fault has struck
+    EXPECT_GE(kept, 5);
+    EXPECT_GE(replaced, 2);
+}
+
+TEST_P(ConfigFaults, IsWhatItsWriterWasToldWhenACallFails)
+{
+    if (!hasStrace())
+        GTEST_SKIP() << "needs strace";
+    int failed = 0;
+    std::vector<const char*> errors = {"ENOSPC", "EIO", "EDQUOT", "EROFS"};
+    errors.resize(ofALongRun<std::size_t>(2, 4));
+    for (const char* error : errors)
+        for (const char* call :
+             {"write", "pwrite64", "fsync", "renameat,renameat2", "ftruncate", "fallocate"})
+            for (const char* when : {"1", "2", "1+"}) {
+                prepare();
+                const Faulty run = updateWithFault(path(), call, std::string("error=") + error, when);
+                if (!run.struck)
+                    continue;
+                const std::string fault = std::string(call) + ' ' + error + ' ' + when;
+                EXPECT_TRUE(run.status == 0 || run.status == 3) << fault << run.status;
+                EXPECT_TRUE(asRead(path()) == (run.status == 0 ? newContent : oldContent)) << fault;
+                if (run.status == 3) {
+                    EXPECT_TRUE(content() == oldContent) << fault;
+                    EXPECT_EQ(nodes(), expectedNodes()) << fault;
+                }
+                failed += run.status == 3;
+                update("b", "next"); // removes what keeps the new content
+            }
+    EXPECT_GE(failed, GetParam() ? 4 : 6);
+}
+
+TEST_F(Config, OthersEditsAreNotOverwritten)
+{
+    constexpr unsigned changedByOthers = 1006;
+    hmxConfigFile file;
+    const auto open = [&](int names) {
+        std::filesystem::remove(dir.path("other"));
+        dir.write("config", "a:1\n");
+        if (names == 2)
+            std::filesystem::create_hard_link(path(), dir.path("other"));
+        return file.Open(path(), hmxConfigFile::ReadWrite) && file.SetValue("a", "ours");
+    };
+    for (const int links : {1, 2}) {
+        ASSERT_TRUE(open(links));
+        dir.write("new", "a:theirs\n");
+        std::filesystem::rename(dir.path("new"), path()); // as editors do
+        EXPECT_FALSE(file.CloseChecked());
+        EXPECT_EQ(GetLastError(), changedByOthers);
+        EXPECT_EQ(content(), "a:theirs\n");
+
+        ASSERT_TRUE(open(links));
+        dir.write("config", "a:theirs\n");
+        EXPECT_FALSE(file.CloseChecked());
+        EXPECT_EQ(GetLastError(), changedByOthers);
+        EXPECT_EQ(content(), "a:theirs\n");
+        EXPECT_EQ(nodes(), links);
+
+        ASSERT_TRUE(open(links));
+        chmod(path(), 0640);
+        std::filesystem::remove(path());
+        EXPECT_TRUE(file.CloseChecked());
+        EXPECT_EQ(content(), "a:ours\n");
+        struct stat status = {};
+        EXPECT_EQ(stat(path(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, 0640u);
+    }
+}
+
+TEST_F(Config, KeepsItsAccessListAndWhatOthersHaveBesideIt)
+{
+    std::string list("\2\0\0\0\1\0\6\0\xFF\xFF\xFF\xFF\2\0\4\0\xE8\3\0\0\4\0\0\0\xFF\xFF\xFF\xFF", 28);
+    list += std::string("\x10\0\6\0\xFF\xFF\xFF\xFF\x20\0\0\0\xFF\xFF\xFF\xFF", 16);
+    dir.write("config", "a:1\n");
+    dir.write(".config.new", "the user's");
+    const bool hasLists = setxattr(path(), "system.posix_acl_access", list.data(), list.size(), 0) == 0;
+    EXPECT_TRUE(update("a", "2"));
+    EXPECT_EQ(content(), "a:2\n");
+    EXPECT_EQ(dir.read(".config.new"), "the user's");
+    if (!hasLists)
+        GTEST_SKIP() << "needs a file system with access lists";
+    char now[100];
+    ASSERT_EQ(getxattr(path(), "system.posix_acl_access", now, sizeof now), 44);
+    EXPECT_EQ(std::string(now, 44), list);
+}
+
+namespace {
+
+constexpr int cannotMount = 77;
+
+/// Whether this process sees mounts of its own from now on.
+bool hasOwnMounts()
+{
+    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+} // namespace
+
+TEST_F(Config, IsWholeInPlaceOnAFullDisk)
+{
+    dir.makeDir("small");
+    const std::string file = dir.path("small/config");
+    const int status = runInChild([&] {
+        if (!hasOwnMounts() || mount("none", dir.path("small"), "tmpfs", 0, "size=64k") != 0)
+            return cannotMount;
+        dir.write("small/config", oldContent);
+        std::filesystem::create_hard_link(file, dir.path("small/other"));
+        dir.write("small/filler", std::string(48 * 1024, 'f')); // 2 of 16 pages are left
+        hmxConfigFile config;
+        if (!config.Open(file.c_str(), hmxConfigFile::ReadWrite) ||
+            !config.SetValue("b", std::string(20000, 'n').c_str()))
+            return 1;
+        if (config.CloseChecked() || GetLastError() != 112) // disk full
+            return 2;
+        return dir.read("small/config") == oldContent && !dir.has("small/.qelupdate") ? 0 : 3;
+    });
+    if (status == cannotMount)
+        GTEST_SKIP() << "needs the right to mount";
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(Config, MayBeAMountOfItsOwn)
+{
+    dir.write("config", "a:1\n");
+    dir.write("outside", "a:1\n");
+    const int status = runInChild([&] {
+        if (!hasOwnMounts() || mount(dir.path("outside"), path(), nullptr, MS_BIND, nullptr) != 0)
+            return cannotMount;
+        hmxConfigFile file;
+        file.Open(path(), hmxConfigFile::ReadWrite);
+        file.SetValue("b", "2");
+        return file.CloseChecked() ? 0 : static_cast<int>(GetLastError());
+    });
+    if (status == cannotMount)
+        GTEST_SKIP() << "needs the right to mount";
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(dir.read("outside"), "a:1\nb:2\n");
+    EXPECT_EQ(nodes(), 2);
+}
+
+TEST_F(Config, WhatAnotherHasPutBesideItIsNotBelieved)
+{
+    // Everybody may make files in a sticky folder. The head says: 4 bytes of old content, 5 of new.
+    struct stat status = {};
+    dir.write("config", "a:1\n");
+    ASSERT_EQ(stat(path(), &status), 0);
+    char journal[40];
+    std::snprintf(journal, sizeof journal, ".qelupdate-%016lx", status.st_ino);
+    dir.write(journal, "qelstd update 1 00000000000000000004 00000000000000000005\na:1\na:22\n");
+    EXPECT_EQ(asRead(path()), "a:22\n") << "the form is not the one that is tried here";
+    if (chown(dir.path(journal), 65534, 65534) != 0)
+        GTEST_SKIP() << "needs the right to give files away";
+    chmod(dir.path(), 01777);
+    EXPECT_EQ(asRead(path()), "a:1\n");
+
+    chown(dir.path(journal), 0, 0);
+    for (const char* broken :
+         {"", "qelstd update 1 ", "qelstd update 1 99999999999999999999 00000000000000000005\n",
+          "qelstd update 1 00000000000000000004 00000000000000000009\na:1\na:22\n"}) {
+        dir.write(journal, broken);
+        EXPECT_EQ(asRead(path()), "a:1\n") << broken;
+    }
+    dir.write(journal, "qelstd update 1 00000000000000000004 00000000000000000005\nb:7\na:22\n");
+    EXPECT_EQ(asRead(path()), "a:1\n") << "others have written since";
+    EXPECT_TRUE(update("a", "3"));
+    EXPECT_EQ(nodes(), 1) << "it is of no use";
 }
 
 TEST_F(Config, IsOldOrNewWhenItsWriterIsKilledAtAnyMoment)
 {
-    constexpr int kills = 150;
+    const int kills = ofALongRun(1000, 10000);
     const std::string filler(20000, 'f');
     dir.write("config", "count:0\nfiller:" + filler + "\n");
     std::minstd_rand random(1);
@@ -521,7 +707,8 @@ bool isWaitedFor(const char* path)
 
 TEST_F(Config, LosesNoUpdateOfSeveralProcesses)
 {
-    constexpr int processes = 4, updates = 500;
+    constexpr int processes = 4;
+    const int updates = ofALongRun(500, 5000);
     dir.write("config", "count:0\n");
     const pid_t waiting = fork(); // a reader that is killed while it waits for its turn
     if (waiting == 0)
@@ -572,6 +759,77 @@ TEST_F(Config, LetsReadersInTogetherAndAWriterAlone)
     first.reset();
     writer.join();
     EXPECT_EQ(content(), "a:2\n");
+}
+
+TEST_F(Config, WaitsForItsTurnWithinALimitAndNeverForItself)
+{
+    constexpr auto updating = hmxConfigFile::ReadWrite, reading = hmxConfigFile::ReadOnly;
+    constexpr unsigned sharing = 32, locked = 33;
+    dir.write("config", "a:1\n");
+    hmxConfigFile first, second;
+    for (const auto& [held, wanted] :
+         {std::pair{updating, updating}, {updating, reading}, {reading, updating}}) {
+        ASSERT_TRUE(first.Open(path(), held));
+        EXPECT_FALSE(second.Open(path(), wanted));
+        EXPECT_EQ(GetLastError(), sharing);
+        std::thread other([&, wanted = wanted] {
+            hmxConfigFile file;
+            const auto begin = std::chrono::steady_clock::now();
+            EXPECT_FALSE(file.Open(path(), wanted, 0));
+            EXPECT_EQ(GetLastError(), locked);
+            EXPECT_FALSE(file.Open(path(), wanted, 0.05));
+            EXPECT_EQ(GetLastError(), locked);
+            const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - begin;
+            EXPECT_GE(taken.count(), 0.05);
+            EXPECT_LT(taken.count(), 1);
+        });
+        other.join();
+        EXPECT_EQ(hmxConfigFile::GetHolders(path())->getarraysize(), 1);
+        EXPECT_EQ(hmxConfigFile::GetHolders(path())->get(0), getpid());
+        first.Close();
+        EXPECT_TRUE(second.Open(path(), wanted, 0)) << "nobody has it";
+        second.Close();
+    }
+    EXPECT_EQ(hmxConfigFile::GetHolders(path())->getarraysize(), 0);
+}
+
+TEST_F(Config, ReadersDoNotStarveAWriter)
+{
+    dir.write("config", "a:1\n");
+    hmxConfigFile first, own;
+    ASSERT_TRUE(first.Open(path(), hmxConfigFile::ReadOnly));
+    std::thread writer([&] { EXPECT_TRUE(update("a", "2")); });
+    EXPECT_TRUE(isWaitedFor(path()));
+    EXPECT_TRUE(own.Open(path(), hmxConfigFile::ReadOnly)) << "the writer waits for this thread";
+    std::thread reader([&] {
+        hmxConfigFile file;
+        EXPECT_FALSE(file.Open(path(), hmxConfigFile::ReadOnly, 0)) << "got in before the writer";
+        EXPECT_TRUE(file.Open(path(), hmxConfigFile::ReadOnly, 20));
+        EXPECT_EQ(textOf(file.GetValue("a")), "2");
+    });
+    usleep(20000); // the reader waits as well
+    first.Close();
+    own.Close();
+    writer.join();
+    reader.join();
+}
+
+TEST_F(Config, IsFreeOnceClosedThoughAForkedChildLives)
+{
+    dir.write("config", "a:1\n");
+    hmxConfigFile file;
+    ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite));
+    const ChildProcess idle([]() -> int {
+        pause();
+        return 0;
+    });
+    EXPECT_EQ(runInChild([&] {
+                  file.~hmxConfigFile(); // unlocks nothing
+                  return hmxConfigFile().Open(path(), hmxConfigFile::ReadWrite, 0) ? 1 : 0;
+              }),
+              0);
+    file.Close();
+    EXPECT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite, 0));
 }
 
 TEST_F(Config, IsNotDisturbedBySignals)

@@ -113,6 +113,17 @@ TEST(Files, KeepASecondWriterOutAndLeaveTheContentsAlone)
     EXPECT_EQ(GetLastError(), DWORD{ERROR_SHARING_VIOLATION});
     EXPECT_EQ(dir.read("file"), "kept");
 
+    const ChildProcess idle([]() -> int { // which has a copy of the descriptor
+        pause();
+        return 0;
+    });
+    EXPECT_EQ(runInChild([&] {
+                  CloseHandle(first); // unlocks nothing
+                  return openFile(dir.path("file"), GENERIC_WRITE, OPEN_ALWAYS, 0) == INVALID_HANDLE_VALUE
+                             ? 0
+                             : 1;
+              }),
+              0);
     EXPECT_TRUE(CloseHandle(first));
     const HANDLE second = openFile(dir.path("file"), GENERIC_WRITE, CREATE_ALWAYS, 0);
     EXPECT_NE(second, INVALID_HANDLE_VALUE);

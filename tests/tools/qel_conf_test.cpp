@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <qel/hmxconfigfile.h>
+
+#include <unistd.h>
+
 #include "support/qelprogram.h"
 #include "support/tempdir.h"
 
@@ -141,4 +145,22 @@ TEST_F(QelConf, LosesNoChangeOfSeveralPrograms)
         all += one + std::to_string(i) + " x) & ";
     ASSERT_EQ(std::system((all + "wait").c_str()), 0);
     EXPECT_EQ(conf("list").output, "0:x\n1:x\n2:x\n3:x\n4:x\n5:x\n6:x\n7:x\n8:x\n9:x\n");
+}
+
+TEST_F(QelConf, SaysWhoHasTheFileAndGivesUp)
+{
+    dir.write("app.conf", "a:1\n");
+    hmxConfigFile file;
+    ASSERT_TRUE(file.Open(path.c_str(), hmxConfigFile::ReadWrite));
+    const std::string holder = "is in use by process " + std::to_string(getpid()) + " (qel_conf_test)";
+    for (const char* command : {"get", "set", "delete", "list", "lint"}) {
+        const std::string arguments = command[0] == 's' ? "a 2" : command[0] == 'l' ? "" : "a";
+        const Outcome refused = conf(command, arguments + " --limit 0");
+        EXPECT_EQ(refused.status, 3);
+        EXPECT_EQ(complaint(refused), std::string("qel conf ") + command + ": : " + holder + "\n");
+    }
+    const Outcome waited = conf("set", "a 2 --limit 1.2");
+    EXPECT_EQ(waited.status, 3);
+    EXPECT_EQ(waited.output.find(path + " " + holder + "; waiting\n"), 0u) << waited.output;
+    EXPECT_EQ(dir.read("app.conf"), "a:1\n");
 }

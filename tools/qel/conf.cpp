@@ -1,4 +1,8 @@
 // qel conf: configuration files.
+#include <algorithm>
+#include <fstream>
+#include <functional>
+#include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,9 +26,10 @@ struct Choices
     std::string value;
     std::optional<std::string> fallback;
     bool drop = false;
+    std::optional<double> limit; // in seconds; none: without limit
 };
 
-constexpr unsigned fileNotFound = 2;
+constexpr unsigned fileNotFound = 2, isLocked = 33;
 
 std::string Pressed(const std::string& key)
 {
@@ -33,18 +38,57 @@ std::string Pressed(const std::string& key)
     return pressed.CastToCString();
 }
 
+/// " by process 4711 (editor)", and so on; nothing when the host does not say who it is.
+std::string HoldersOf(const std::string& path)
+{
+    std::string text;
+    const xrchandle<xintsequence> holders = hmxConfigFile::GetHolders(path.c_str());
+    for (int i = 0; i < holders->getarraysize(); ++i) {
+        const std::string process = std::to_string(holders->get(i));
+        std::string name;
+        std::getline(std::ifstream("/proc/" + process + "/comm"), name);
+        text += (text.empty() ? " by process " : ", ") + process;
+        if (!name.empty())
+            text += " (" + Printable(name) + ')';
+    }
+    return text;
+}
+
 [[noreturn]] void FailToOpen(const std::string& path)
 {
     constexpr unsigned accessDenied = 5; // also of what is no file
     if (GetLastError() == accessDenied && fshIsDirectory(path.c_str()) == 1)
         Fail(Exit::no, path, "is a directory");
+    if (GetLastError() == isLocked)
+        Fail(Exit::peer, path, "is in use" + HoldersOf(path));
     FailForLastError(path);
 }
 
-void Open(hmxConfigFile& file, const std::string& path, hmxConfigFile::OpenMode mode)
+/// Calls `open` with a number of seconds that it may wait for its turn. After a second it says who has the
+/// file. False when it cannot be opened.
+bool OpenInTurn(const std::string& path, const Choices& choices, const std::function<bool(double)>& open)
 {
-    if (!file.Open(path.c_str(), mode))
-        FailToOpen(path);
+    constexpr double patience = 1, longest = 1e9;
+    const double limit = choices.limit.value_or(longest);
+    if (open(std::min(limit, patience)))
+        return true;
+    if (GetLastError() != isLocked || limit <= patience)
+        return false;
+    std::cerr << Printable(path) << " is in use" << HoldersOf(path) << "; waiting" << std::endl;
+    return open(limit - patience);
+}
+
+void Open(hmxConfigFile& file, const Choices& choices, hmxConfigFile::OpenMode mode)
+{
+    if (!OpenInTurn(choices.file, choices,
+                    [&](double limit) { return file.Open(choices.file.c_str(), mode, limit); }))
+        FailToOpen(choices.file);
+}
+
+bool Check(const std::string& path, const Choices& choices, hmxConfigOddityHandler& handler)
+{
+    return OpenInTurn(path, choices,
+                      [&](double limit) { return hmxConfigFile::Check(path.c_str(), handler, limit); });
 }
 
 void Close(hmxConfigFile& file, const std::string& path)
@@ -129,12 +173,13 @@ public:
     std::vector<Finding> all;
 };
 
-/// Ends the program when writing `path` back would drop remarks, which a person may have put there. False
+/// Ends the program when writing the file back would drop remarks, which a person may have put there. False
 /// when there is no such file.
-bool KeepsRemarks(const std::string& path, bool drop)
+bool KeepsRemarks(const Choices& choices)
 {
+    const std::string& path = choices.file;
     Findings findings;
-    if (!hmxConfigFile::Check(path.c_str(), findings)) {
+    if (!Check(path, choices, findings)) {
         if (GetLastError() == fileNotFound)
             return false;
         FailToOpen(path);
@@ -143,7 +188,7 @@ bool KeepsRemarks(const std::string& path, bool drop)
     for (const Finding& finding : findings.all)
         if (finding.IsDropped() && !finding.IsBlank())
             lines.push_back(finding.line);
-    if (drop || lines.empty())
+    if (choices.drop || lines.empty())
         return true;
     Fail(Exit::no, path,
          (lines.size() == 1 ? "line " + std::to_string(lines.front())
@@ -157,7 +202,7 @@ bool KeepsRemarks(const std::string& path, bool drop)
 void Get(const Choices& choices)
 {
     hmxConfigFile file;
-    Open(file, choices.file, hmxConfigFile::ReadOnly);
+    Open(file, choices, hmxConfigFile::ReadOnly);
     Json value = ValueOf(file, choices.key.c_str());
     if (value.is_null() && !EntriesOf(file).contains(Pressed(choices.key))) {
         if (!choices.fallback)
@@ -176,9 +221,9 @@ void Set(const Choices& choices)
         Fail(Exit::usage, choices.key, "the first colon would end the key");
     if (key.find('\n') != std::string::npos || choices.value.find('\n') != std::string::npos)
         Fail(Exit::usage, choices.key, "a line end would begin another entry");
-    KeepsRemarks(choices.file, choices.drop);
+    KeepsRemarks(choices);
     hmxConfigFile file;
-    Open(file, choices.file, hmxConfigFile::ReadWrite);
+    Open(file, choices, hmxConfigFile::ReadWrite);
     file.SetValue(key.c_str(), choices.value.c_str());
     Close(file, choices.file);
 }
@@ -186,9 +231,9 @@ void Set(const Choices& choices)
 void Delete(const Choices& choices)
 {
     hmxConfigFile file;
-    if (!KeepsRemarks(choices.file, choices.drop))
+    if (!KeepsRemarks(choices))
         FailToOpen(choices.file);
-    Open(file, choices.file, hmxConfigFile::ReadWrite);
+    Open(file, choices, hmxConfigFile::ReadWrite);
     const Json entries = EntriesOf(file);
     for (const std::string& key : choices.keys)
         if (!entries.contains(Pressed(key)))
@@ -201,7 +246,7 @@ void Delete(const Choices& choices)
 void List(const Choices& choices)
 {
     hmxConfigFile file;
-    Open(file, choices.file, hmxConfigFile::ReadOnly);
+    Open(file, choices, hmxConfigFile::ReadOnly);
     Show(EntriesOf(file), [](const Json& entries) {
         std::string lines;
         for (const auto& [key, value] : entries.items())
@@ -234,7 +279,7 @@ void Lint(const Choices& choices)
     Json all = Json::array();
     for (const std::string& path : choices.files) {
         Findings findings;
-        if (!hmxConfigFile::Check(path.c_str(), findings))
+        if (!Check(path, choices, findings))
             FailToOpen(path);
         for (const Finding& finding : findings.all)
             all.push_back({{"file", path},
@@ -253,7 +298,7 @@ std::vector<std::string> KnownKeys(const Typed& typed)
 {
     hmxConfigFile file;
     std::vector<std::string> known;
-    if (typed.arguments.empty() || !file.Open(typed.arguments.front().c_str(), hmxConfigFile::ReadOnly))
+    if (typed.arguments.empty() || !file.Open(typed.arguments.front().c_str(), hmxConfigFile::ReadOnly, 0))
         return known;
     const Json entries = EntriesOf(file);
     for (const auto& [key, value] : entries.items())
@@ -264,6 +309,13 @@ std::vector<std::string> KnownKeys(const Typed& typed)
 void AddFile(CLI::App& command, std::string& file)
 {
     command.add_option("file", file, "The configuration file")->type_name("FILE")->required();
+}
+
+void AddLimit(CLI::App& command, std::optional<double>& limit)
+{
+    command.add_option("--limit", limit, "Time to wait for others who have the file open (no limit)")
+        ->type_name("SECONDS")
+        ->check(CLI::NonNegativeNumber);
 }
 
 void AddDrop(CLI::App& command, bool& drop)
@@ -287,6 +339,7 @@ void AddConfigCommands(CLI::App& program)
     CLI::App& get = AddCommand(group, "get", "Print the value of a key; the answer is no when it has none",
                                [choices] { Get(*choices); });
     AddFile(get, choices->file);
+    AddLimit(get, choices->limit);
     Offer(*get.add_option("key", choices->key, "The key; blanks in it do not count")
                ->type_name("KEY")
                ->required(),
@@ -298,6 +351,7 @@ void AddConfigCommands(CLI::App& program)
     CLI::App& set = AddCommand(group, "set", "Change a value or add an entry; a missing file is created",
                                [choices] { Set(*choices); });
     AddFile(set, choices->file);
+    AddLimit(set, choices->limit);
     Offer(*set.add_option("key", choices->key, "The key; blanks in it are left out")
                ->type_name("KEY")
                ->required(),
@@ -308,6 +362,7 @@ void AddConfigCommands(CLI::App& program)
     CLI::App& remove = AddCommand(group, "delete", "Remove entries; nothing is changed when one is missing",
                                   [choices] { Delete(*choices); });
     AddFile(remove, choices->file);
+    AddLimit(remove, choices->limit);
     Offer(*remove.add_option("key", choices->keys, "The keys; blanks in them do not count")
                ->type_name("KEY")
                ->required(),
@@ -317,11 +372,13 @@ void AddConfigCommands(CLI::App& program)
     CLI::App& list = AddCommand(group, "list", "Print all entries, as KEY:VALUE, in the order of their lines",
                                 [choices] { List(*choices); });
     AddFile(list, choices->file);
+    AddLimit(list, choices->limit);
     OfferJson(list);
 
     CLI::App& lint =
         AddCommand(group, "lint", "Name the lines that a program drops or changes when it writes the file",
                    [choices] { Lint(*choices); });
     lint.add_option("file", choices->files, "The configuration files")->type_name("FILE")->required();
+    AddLimit(lint, choices->limit);
     OfferJson(lint);
 }

@@ -41,7 +41,7 @@ std::string_view viewOf(const char* text)
 }
 
 /// Opens `path` and waits for its lock. Null when that fails, with the last error set.
-std::unique_ptr<lockFileBuf> openLocked(const char* path, hmxConfigFile::OpenMode mode)
+std::unique_ptr<lockFileBuf> openLocked(const char* path, hmxConfigFile::OpenMode mode, btkTimeval limit)
 {
     std::string host;
     if (!platHostPath(qelIsObject(path) ? path : nullptr, host))
@@ -49,7 +49,7 @@ std::unique_ptr<lockFileBuf> openLocked(const char* path, hmxConfigFile::OpenMod
     auto buffer = std::make_unique<lockFileBuf>();
     const auto streamMode =
         mode == hmxConfigFile::ReadOnly ? std::ios_base::in : std::ios_base::in | std::ios_base::out;
-    if (!buffer->Open(host.c_str(), static_cast<int>(streamMode), newFileMode))
+    if (!buffer->Open(host.c_str(), static_cast<int>(streamMode), newFileMode, limit))
         return buffer;
     platFailOn(host);
     return nullptr;
@@ -216,11 +216,21 @@ hmxConfigFile::~hmxConfigFile()
 
 bool hmxConfigFile::Open(const char* path, OpenMode openMode)
 {
+    return openWithin(path, openMode, btkTimeval::Forever());
+}
+
+bool hmxConfigFile::Open(const char* path, OpenMode openMode, double limit)
+{
+    return openWithin(path, openMode, btkTimeval(limit));
+}
+
+bool hmxConfigFile::openWithin(const char* path, OpenMode openMode, btkTimeval limit)
+{
     Close();
     fileName = path;
     modified = false;
     mode = openMode;
-    auto buffer = openLocked(path, openMode);
+    auto buffer = openLocked(path, openMode, limit);
     if (buffer == nullptr)
         return false;
     auto read = std::make_unique<Table>();
@@ -300,9 +310,19 @@ xrchandle<xstringsequence> hmxConfigFile::GetKeys() const
 
 bool hmxConfigFile::Check(const char* path, hmxConfigOddityHandler& handler)
 {
+    return checkWithin(path, handler, btkTimeval::Forever());
+}
+
+bool hmxConfigFile::Check(const char* path, hmxConfigOddityHandler& handler, double limit)
+{
+    return checkWithin(path, handler, btkTimeval(limit));
+}
+
+bool hmxConfigFile::checkWithin(const char* path, hmxConfigOddityHandler& handler, btkTimeval limit)
+{
     Oddities oddities;
     {
-        const auto buffer = openLocked(path, ReadOnly);
+        const auto buffer = openLocked(path, ReadOnly, limit);
         if (buffer == nullptr)
             return false;
         Table table;
@@ -314,4 +334,14 @@ bool hmxConfigFile::Check(const char* path, hmxConfigOddityHandler& handler)
     }
     oddities.Tell(handler);
     return true;
+}
+
+xrchandle<xintsequence> hmxConfigFile::GetHolders(const char* path)
+{
+    xrchandle<xintsequence> holders(xintsequence::create());
+    std::string host;
+    if (platHostPath(qelIsObject(path) ? path : nullptr, host))
+        for (const int process : lockFileBuf::GetHolders(host.c_str()))
+            holders->append(process);
+    return holders;
 }

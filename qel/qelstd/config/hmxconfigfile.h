@@ -3,6 +3,7 @@
 #include <qel/xsequence.h>
 #include <qel/xstring.h>
 
+class btkTimeval;
 class lockFileBuf;
 
 /// What a line of a configuration file has that is not kept, or may not be meant.
@@ -36,7 +37,9 @@ public:
 /// key the last counts.
 ///
 /// An open file is locked: for reading together with other readers, for updating alone. Open waits for its
-/// turn, for ever when this thread itself has the file open for updating. Used by one thread at a time.
+/// turn; readers that come while an update waits are let in after it, so a thread must not hold a file that
+/// another one needs for going on. A thread that would wait for itself is refused: GetLastError() is 32
+/// when it has the file open and one of the two openings is for updating. Used by one thread at a time.
 class QEL_API hmxConfigFile
 {
 public:
@@ -51,12 +54,20 @@ public:
     /// Closes the file that is open, then opens `path` and reads it; ReadWrite creates a missing file. False
     /// when that fails: no file is open then, and GetLastError() says why.
     bool Open(const char* path, OpenMode mode);
+    /// The same, but waits for its turn `limit` seconds at most; 0 tries once. GetLastError() is 33 when the
+    /// limit has passed.
+    bool Open(const char* path, OpenMode mode, double limit);
     /// If anything was changed, writes the file back: one line for each entry in ascending order of the keys,
     /// and nothing else. The file then holds the old content or the new, whatever happens meanwhile; when it
-    /// cannot be written, the old one stays, and nobody is told. Does nothing when no file is open.
+    /// cannot be written, the old one stays, and nobody is told. A file that has several hard links, is a
+    /// mount of its own, or stands in a folder that this process may not change is overwritten in place: a
+    /// full disk changes nothing, but a kill in the middle can leave a mixture, which this class reads as the
+    /// new content where it could keep that beside the file; docs/config.md has the details. Does nothing
+    /// when no file is open.
     void Close();
     /// The same for callers who want to know: false when a change could not be written. GetLastError() says
-    /// why.
+    /// why: 1006, with nothing written, when others have replaced or changed the file since Open without
+    /// asking for the lock. One that was deleted since is written anew.
     bool CloseChecked();
     bool IsOpened() const { return lockBuffer != nullptr; }
 
@@ -76,10 +87,18 @@ public:
     /// is odd about them; of one line it may be several things. The file is free again by then. False when it
     /// cannot be read; GetLastError() says why.
     static bool Check(const char* path, hmxConfigOddityHandler& handler);
+    /// The same, but waits for its turn `limit` seconds at most, as Open does.
+    static bool Check(const char* path, hmxConfigOddityHandler& handler, double limit);
+
+    /// The numbers of the processes that have the file `path` open, as far as the host shows them; this one
+    /// may be among them.
+    static xrchandle<xintsequence> GetHolders(const char* path);
 
 private:
     struct Table;
 
+    bool openWithin(const char* path, OpenMode mode, btkTimeval limit);
+    static bool checkWithin(const char* path, hmxConfigOddityHandler& handler, btkTimeval limit);
     bool canChange() const { return lockBuffer != nullptr && mode != ReadOnly; }
 
     Table* table;
