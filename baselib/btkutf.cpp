@@ -105,6 +105,18 @@ std::size_t btkMBByteCount(const char* text, std::size_t characters)
     return at;
 }
 
+std::size_t btkMBCharCount(const char* text, std::size_t length)
+{
+    std::size_t at = asciiRun(text, length);
+    std::size_t characters = at;
+    while (at < length) {
+        at += decode(text + at, untilZero).size;
+        if (at <= length)
+            ++characters;
+    }
+    return characters;
+}
+
 std::size_t btkMBToWCLength(const char* text, std::size_t length)
 {
     std::size_t units = 0;

@@ -20,6 +20,9 @@ BASE_API std::size_t btkMBCharSize(const char* text);
 /// at nothing behind them.
 BASE_API std::size_t btkMBByteCount(const char* text, std::size_t characters);
 
+/// Characters that end within the first `length` bytes of `text`, which has so many before its first zero.
+BASE_API std::size_t btkMBCharCount(const char* text, std::size_t length);
+
 /// Units that `length` bytes of `text` become.
 BASE_API std::size_t btkMBToWCLength(const char* text, std::size_t length);
 

@@ -55,7 +55,7 @@ void checkNarrow(const std::string& text, const std::string& a, const std::strin
     const auto characters = charactersOf(text);
     require(s == text.c_str());
     require(s.Match(a.c_str()) == matches(characters, charactersOf(a)));
-    require(s.Pos(a.c_str()) == static_cast<int>(static_cast<long>(text.find(a))));
+    require(s.BytePos(a.c_str()) == static_cast<int>(static_cast<long>(text.find(a))));
 
     const int middle = static_cast<int>(characters.size() / 2);
     require(xstring(s.Substring(0, middle).CastToCString(), s.Substring(middle, -1).CastToCString()) == s);

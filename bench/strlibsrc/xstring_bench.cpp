@@ -27,7 +27,7 @@ struct Ops;
 template<>
 struct Ops<xstring>
 {
-    static int find(const xstring& s, const char* sub) { return s.Pos(sub); }
+    static int find(const xstring& s, const char* sub) { return s.BytePos(sub); }
     static xstring upper(const xstring& s) { return s.ToUpper(); }
     static void replace(xstring& s, const char* from, const char* to) { s.Substitute(from, to, 0, -1); }
     static const void* wide(const char* text) { return xstring(text).CastToCWString(); }

@@ -95,6 +95,9 @@ TEST(Utf, StepsOverCharactersWithoutLookingBehindThem)
     EXPECT_EQ(btkMBByteCount("ab", 3), 2u);
     EXPECT_EQ(btkMBByteCount("ab", static_cast<std::size_t>(-1)), 2u);
     EXPECT_EQ(btkMBByteCount("", 1), 0u);
+    EXPECT_EQ(btkMBCharCount("a\xC3\xA9\xE2\x82\xACz", 6), 3u);
+    EXPECT_EQ(btkMBCharCount("a\xC3\xA9\xE2\x82\xACz", 5), 2u); // cut in a character
+    EXPECT_EQ(btkMBCharCount("\xC3\xFF", 2), 2u);
 
     const std::unique_ptr<char[]> bytes(new char[19]); // no terminator: the sanitizer's run watches
     std::fill_n(bytes.get(), 19, 'x');

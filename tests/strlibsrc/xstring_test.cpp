@@ -311,6 +311,29 @@ TEST(xstring, GivesSubstringsInCharactersOfTheFormAtHand)
     EXPECT_EQ(smile.Substring(1, -1), "!") << "UTF-8 characters afterwards";
 }
 
+TEST(xstring, FindsTheCharacterThatSubstringTakes)
+{
+    const xstring size("Gr\xC3\xB6\xC3\x9F\x65: 5");
+    EXPECT_EQ(size.Substring(size.Pos(":") + 1, -1), " 5");
+    EXPECT_EQ(size.CastToCString() + size.BytePos("5"), std::string("5"));
+    xstring changed = size;
+    changed.Substitute("5", "6", changed.Pos("5"), -1);
+    EXPECT_EQ(changed, "Gr\xC3\xB6\xC3\x9F\x65: 6");
+    EXPECT_EQ(size.Pos("none"), -1);
+    EXPECT_EQ(size.Pos(""), 0);
+    EXPECT_EQ(xstring("\xFF\xC3x").Pos("x"), 2) << "bytes that are no UTF-8 are characters";
+}
+
+TEST(xstring, TakesBytesWithTheirNumber)
+{
+    const std::string text = "\xC3\xA9t\xC3\xA9 and more";
+    EXPECT_EQ(xstring(std::string_view(text).substr(0, 5)), "\xC3\xA9t\xC3\xA9");
+    EXPECT_EQ(xstring(std::string_view("a\0b", 3)), "a");
+    EXPECT_EQ(xstring(text), text.c_str());
+    for (const std::string_view none : {std::string_view(), std::string_view("x", 0)})
+        EXPECT_TRUE(xstring(none) == "");
+}
+
 TEST(xstring, PassesQueriesToTheFormThatFits)
 {
     for (const xstring& s : {xstring(" 12 \xC3\xA9"), xstring(WideText(u" 12 \u00E9"))}) {
@@ -319,6 +342,8 @@ TEST(xstring, PassesQueriesToTheFormThatFits)
         EXPECT_EQ(s.GetWord(0, WideText(u" ")), "12");
         EXPECT_EQ(s.GetWord(1, " "), "\xC3\xA9");
         EXPECT_EQ(s.Pos("\xC3"), 4);
+        EXPECT_EQ(s.Pos("\xA9"), 4);
+        EXPECT_EQ(s.BytePos("\xA9"), 5);
         EXPECT_EQ(s.Pos(WideText(u"\u00E9")), 4);
         EXPECT_TRUE(s.Match(" 1? *?"));
         EXPECT_TRUE(s.Match(WideText(u"*\u00E9")));

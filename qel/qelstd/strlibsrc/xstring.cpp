@@ -98,6 +98,11 @@ xstring::xstring(const unsigned short* text)
     CreateFromWString(text);
 }
 
+xstring::xstring(std::string_view text)
+{
+    Form<char>::create(*this, text.data(), std::min(text.find('\0'), text.size()));
+}
+
 xstring::xstring(const char* a, const char* b)
 {
     Form<char>::concatenate(*this, a, b);

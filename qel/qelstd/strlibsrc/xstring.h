@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <iosfwd>
+#include <string_view>
 
 #include <qel/base/btkstrbuf.h>
 #include <qel/qelexport.h>
@@ -18,7 +19,7 @@ class strstream; // <strstream> is deprecated, and only who uses it should hear 
 /// The pointers null, `xnullstr` (1) and `xuninitstr` (2) stand for no text wherever a text is an argument.
 /// Characters of the multibyte form are UTF-8 characters, where a byte that is no valid UTF-8 is a character
 /// for itself and becomes U+FFFD in the wide form; characters of the wide form are its 16-bit units. Lengths
-/// and positions are bytes or units, indices are characters. A text ends at its first zero.
+/// are bytes or units, indices and positions are characters. A text ends at its first zero.
 ///
 /// A wide text with an unpaired surrogate has no multibyte form, and members that need it throw
 /// qelXNativeException, "xstring::GetMBSize: invalid wide string". A text of more than 2 GiB throws
@@ -60,11 +61,15 @@ public:
     xstring(const char* text);
     xstring(const unsigned short* text);
 
+    /// A copy of the bytes of `text`, up to its first zero. No bytes, or a view of nothing: the empty string.
+    explicit xstring(std::string_view text);
+
     /// The texts in a row; null when both are.
     xstring(const char* a, const char* b);
     xstring(const unsigned short* a, const unsigned short* b);
 
-    /// The first `n` characters, or all when there are not more; none when `n` is negative.
+    /// The first `n` characters, not bytes, or all when there are not more; none when `n` is negative. `text`
+    /// ends with a zero unless it has so many: for bytes and their number there is the string_view.
     xstring(const char* text, int n);
     xstring(const unsigned short* text, int n);
 
@@ -146,9 +151,12 @@ public:
     xstring GetWord(int n, const char* delimiters) const;
     xstring GetWord(int n, const unsigned short* delimiters) const;
 
-    /// The position of the first `sub`, or -1.
+    /// The index of the character at which the first `sub` begins, as Substring and Substitute take it, or
+    /// -1.
     int Pos(const char* sub) const;
     int Pos(const unsigned short* sub) const;
+    /// The same in bytes of the multibyte form, for work on CastToCString().
+    int BytePos(const char* sub) const;
 
     /// Whether the whole text is like `pattern`, in which `*` stands for any characters and `?` for one.
     bool Match(const char* pattern) const;

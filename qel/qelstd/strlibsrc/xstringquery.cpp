@@ -149,6 +149,12 @@ bool xstring::Form<C>::match(const xstring& s, const C* pattern)
 
 int xstring::Pos(const char* sub) const
 {
+    const int at = BytePos(sub);
+    return at <= 0 ? at : static_cast<int>(btkMBCharCount(mb, static_cast<std::size_t>(at)));
+}
+
+int xstring::BytePos(const char* sub) const
+{
     return Form<char>::pos(*this, sub);
 }
 
