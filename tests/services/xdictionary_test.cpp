@@ -353,7 +353,7 @@ TEST(xdictionary, RefusesWhatIsNoSlotAndWhatIsNoKey)
     for (const char* none : {static_cast<const char*>(nullptr), xnullstr, xuninitstr}) {
         EXPECT_FALSE(d->find(none, nullptr));
         d->remove(none);
-        EXPECT_EQ(thrownBy([&] { d->set(none, 1); }), "qellib::XNotInitialized");
+        EXPECT_EQ(thrownBy([&] { d->set(none, 1); }), "qellib::XInvalidDictKey");
     }
     int value = 0;
     EXPECT_TRUE(d->find("a", &value));

@@ -105,7 +105,7 @@ unsigned char xbasedictionary::BaseFind(const char* key, void* out, unsigned ent
 void xbasedictionary::BaseSet(const char* key, const void* value, unsigned entrySize, unsigned valueOffset)
 {
     if (!qelIsObject(key))
-        qelhThrowNotInitialized();
+        qelhThrowInvalidDictKey(nullptr, nullptr);
     if (side != nullptr) {
         SetKey(key, value, entrySize, valueOffset);
         return;

@@ -35,7 +35,7 @@ struct xdictcontrol
 ///
 /// Key pointers in slots: null, never used; 1, removed; else the dictionary's own copy of the text, which a
 /// change of size may move. Null and the marker pointers are no keys: they are never found, and setting one
-/// throws qelXNotInitialized.
+/// throws qelXInvalidDictKey.
 class QEL_API xbasedictionary
 {
 public:

@@ -21,7 +21,7 @@ public:
     xrcunihandle<xobject> getRootObject();
 
     /// Keeps `value` under `name`, replacing what was there.
-    /// @throws qelXNotInitialized  `name` is no text
+    /// @throws qelXInvalidDictKey  `name` is no text
     void setUserData(const char* name, xany value);
     /// What was kept under `name`, or an uninit value.
     xany getUserData(const char* name);

@@ -43,5 +43,6 @@ inline bool qelIsBelow(const void* a, const void* b)
 
 [[noreturn]] QEL_API void qelhThrowInvalidSeqIndex(xobject* obj, int index);
 [[noreturn]] QEL_API void qelhThrowInvalidDictIndex(xobject* obj, int index);
+[[noreturn]] QEL_API void qelhThrowInvalidDictKey(xobject* obj, const char* key);
 [[noreturn]] QEL_API void qelhThrowNegativeIndex(int index);
 [[noreturn]] QEL_API void qelhThrowNotInitialized();

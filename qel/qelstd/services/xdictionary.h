@@ -43,8 +43,13 @@ public:
         return place != nowhere;
     }
     /// Sets the value of an existing key, or adds the key.
-    /// @throws qelXNotInitialized  `key` is no text
-    virtual void set(const char* key, T value) { BaseSet(key, &value, entrySize, valueOffset); }
+    /// @throws qelXInvalidDictKey  `key` is no text
+    virtual void set(const char* key, T value)
+    {
+        if (!qelIsObject(key))
+            qelhThrowInvalidDictKey(this, nullptr);
+        BaseSet(key, &value, entrySize, valueOffset);
+    }
     /// Whether there is an entry in the slot, whose key is stored. False for a slot past the table.
     /// @throws qelXNegativeIndex
     virtual unsigned char getkeybyindex(int slot, xstring* outKey)

@@ -39,17 +39,9 @@ template class xtcsequence<xany>;
 
 namespace {
 
-constexpr std::size_t maxBytes = 0x7fffffff; // and so at most as many elements as an int counts
-
 [[noreturn]] void throwTooLong()
 {
     throw std::length_error("a sequence holds at most 2 GiB");
-}
-
-void checkRange(std::size_t offset, std::size_t n)
-{
-    if (offset > maxBytes || n > maxBytes - offset)
-        throwTooLong();
 }
 
 constexpr unsigned firstRoom = 32;
@@ -68,9 +60,15 @@ std::size_t positionIn(const char* block, std::size_t size, const void* p)
 
 } // namespace
 
+static void checkRange(std::size_t offset, std::size_t n, std::size_t maxBytes)
+{
+    if (offset > maxBytes || n > maxBytes - offset)
+        throwTooLong();
+}
+
 void xbasesequence::Resize(std::size_t newUsed)
 {
-    checkRange(0, newUsed);
+    checkRange(0, newUsed, maxBytes);
     const unsigned before = used;
     const auto after = static_cast<unsigned>(newUsed);
     if (shrink || after > before) {
@@ -101,7 +99,7 @@ void xbasesequence::resetSlots(unsigned from, unsigned to)
 
 void xbasesequence::BaseCopy(std::size_t offset, std::size_t n, const void* from)
 {
-    checkRange(offset, n);
+    checkRange(offset, n, maxBytes);
     const std::size_t position = positionIn(data, used, from);
     if (offset + n > used)
         Resize(offset + n);
@@ -111,7 +109,7 @@ void xbasesequence::BaseCopy(std::size_t offset, std::size_t n, const void* from
 
 void xbasesequence::BaseInsertEmpty(std::size_t offset, std::size_t n)
 {
-    checkRange(offset, n);
+    checkRange(offset, n, maxBytes);
     const unsigned before = used;
     Resize(std::max<std::size_t>(before, offset) + n);
     if (n != 0 && offset < before)

@@ -21,9 +21,10 @@ struct xseqcontrol
 /// The storage of a sequence, in bytes. It knows nothing of the elements but what its four hooks do; the hook
 /// sets xtssequence and xtcsequence below implement them.
 ///
-/// A sequence holds at most 2^31 - 1 bytes: what would need more throws std::length_error. That, and
-/// std::bad_alloc when memory runs out, leave the sequence as it was. The operations by bytes are for
-/// elements whose end runs no code that uses the sequence; those of xtbsequence are safe with all.
+/// A sequence holds at most 2^31 - 1 bytes: what would need more throws std::length_error here, and
+/// qelXInvalidSeqIndex where there are indices. That, and std::bad_alloc when memory runs out, leave the
+/// sequence as it was. The operations by bytes are for elements whose end runs no code that uses the sequence;
+/// those of xtbsequence are safe with all.
 class QEL_API xbasesequence
 {
 public:
@@ -42,6 +43,15 @@ public:
     void BaseInsert(std::size_t offset, std::size_t n, const void* from);
     /// Removes the bytes between the two offsets, whichever is lower, as far as there are any.
     void BaseRemove(std::size_t a, std::size_t b);
+
+protected:
+    /// Whether a sequence may have so many bytes in use.
+    bool mayHold(std::size_t bytes) const
+    {
+        return bytes <= maxBytes && (bytes + granularity - 1) / granularity * granularity <= maxBytes;
+    }
+
+    static constexpr std::size_t maxBytes = 0x7fffffff; // and so at most as many elements as an int counts
 
 private:
     /// Answers the storage block for a capacity of `newCapacity` bytes, which holds the present content as
@@ -127,7 +137,8 @@ private:
 };
 
 /// A growable array of T with indices from 0. Every operation that takes an index throws qelXNegativeIndex
-/// for a negative one, before anything is changed.
+/// for a negative one, and one that would make the sequence too long throws qelXInvalidSeqIndex with the
+/// index (append: the one that the element would have had), before anything is changed.
 ///
 /// What an element holds may use the sequence when it ends: it ends after the operation that removed it, when
 /// the sequence is whole again.
@@ -175,6 +186,12 @@ protected:
 
 private:
     static std::size_t offsetOf(int index);
+    /// Refuses what would take a sequence of `end` bytes.
+    void checkEnd(std::size_t end, int index)
+    {
+        if (!mayHold(end))
+            qelhThrowInvalidSeqIndex(this, index);
+    }
     [[gnu::noinline]] void appendSlowly(T value);
     void remove(std::size_t from, std::size_t to);
 };
@@ -334,8 +351,10 @@ void xtbsequence<T>::set(int index, T value)
     const std::size_t offset = offsetOf(index);
     if (isOwn(ownCopy) && offset + sizeof(T) <= used)
         *at(offset) = std::move(value);
-    else
+    else {
+        checkEnd(offset + sizeof(T), index);
         BaseCopy(offset, sizeof(T), &value);
+    }
 }
 
 template<class T>
@@ -361,6 +380,7 @@ void xtbsequence<T>::appendSlowly(T value)
         construct(data + end, granularity / sizeof(T));
         xtbsequence::append(std::move(value));
     } else {
+        checkEnd(used + sizeof(T), static_cast<int>(used / sizeof(T)));
         BaseInsert(used, sizeof(T), &value);
     }
 }
@@ -374,7 +394,9 @@ void xtbsequence<T>::operator+=(T value)
 template<class T>
 void xtbsequence<T>::insert(int index, T value)
 {
-    BaseInsert(offsetOf(index), sizeof(T), &value);
+    const std::size_t offset = offsetOf(index);
+    checkEnd((offset < used ? used : offset) + sizeof(T), index);
+    BaseInsert(offset, sizeof(T), &value);
 }
 
 template<class T>
@@ -383,6 +405,7 @@ void xtbsequence<T>::insertseq(int index, xtbsequence<T>* other)
     const std::size_t offset = offsetOf(index);
     if (!qelIsObject(other))
         qelhThrowNotInitialized();
+    checkEnd((offset < used ? used : offset) + other->used, index);
     BaseInsert(offset, other->used, other->data);
 }
 
