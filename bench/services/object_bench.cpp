@@ -34,6 +34,15 @@ void copyAndDrop(benchmark::State& state, const Handle& handle)
     }
 }
 
+template<class Make>
+void makeAndDrop(benchmark::State& state, Make make)
+{
+    for (auto _ : state) {
+        auto handle = make();
+        benchmark::DoNotOptimize(handle);
+    }
+}
+
 // ---- handles
 
 void oneThreadQelstd(benchmark::State& state)
@@ -52,6 +61,17 @@ void oneThreadShared(benchmark::State& state)
 BENCHMARK(oneThreadQelstd)->Name("objects/copy and drop a handle, one thread/qelstd");
 BENCHMARK(oneThreadShared)->Name("objects/attach and release, one thread/std::shared_ptr");
 BENCHMARK(oneThreadShared)->Name("objects/copy and drop a handle, one thread/std::shared_ptr");
+
+void birthQelstd(benchmark::State& state)
+{
+    makeAndDrop(state, [] { return xrchandle<Thing>(new (pDefMemMgr) Thing); });
+}
+void birthShared(benchmark::State& state)
+{
+    makeAndDrop(state, [] { return std::make_shared<Plain>(); });
+}
+BENCHMARK(birthQelstd)->Name("objects/make and drop, one thread/qelstd");
+BENCHMARK(birthShared)->Name("objects/make and drop, one thread/std::make_shared");
 
 // ---- variants
 

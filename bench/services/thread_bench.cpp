@@ -51,6 +51,20 @@ void copyAndDrop(benchmark::State& state, const Handle& handle)
     }
 }
 
+template<class Make>
+void makeAndDrop(benchmark::State& state, Make make)
+{
+    for (auto _ : state) {
+        auto handle = make();
+        benchmark::DoNotOptimize(handle);
+    }
+}
+
+xrchandle<Thing> newThing()
+{
+    return xrchandle<Thing>(new (pDefMemMgr) Thing);
+}
+
 void threadedQelstd(benchmark::State& state)
 {
     const SecondThread second;
@@ -63,6 +77,19 @@ void threadedShared(benchmark::State& state)
 }
 BENCHMARK(threadedQelstd)->Name("objects/copy and drop a handle, threads exist/qelstd");
 BENCHMARK(threadedShared)->Name("objects/copy and drop a handle, threads exist/std::shared_ptr");
+
+void threadedBirthQelstd(benchmark::State& state)
+{
+    const SecondThread second;
+    makeAndDrop(state, newThing);
+}
+void threadedBirthShared(benchmark::State& state)
+{
+    const SecondThread second;
+    makeAndDrop(state, [] { return std::make_shared<Plain>(); });
+}
+BENCHMARK(threadedBirthQelstd)->Name("objects/make and drop, threads exist/qelstd");
+BENCHMARK(threadedBirthShared)->Name("objects/make and drop, threads exist/std::make_shared");
 
 const xrchandle<Thing>& sharedThing()
 {
@@ -96,6 +123,16 @@ void contendedGObject(benchmark::State& state)
         g_object_unref(object);
     }
 }
+void activeBirthQelstd(benchmark::State& state)
+{
+    makeAndDrop(state, newThing);
+}
+void activeBirthShared(benchmark::State& state)
+{
+    makeAndDrop(state, [] { return std::make_shared<Plain>(); });
+}
+BENCHMARK(activeBirthQelstd)->Name("objects/make and drop, two active threads/qelstd")->Threads(2);
+BENCHMARK(activeBirthShared)->Name("objects/make and drop, two active threads/std::make_shared")->Threads(2);
 BENCHMARK(contendedQelstd)->Name("objects/two threads, one object/qelstd")->Threads(2);
 BENCHMARK(contendedShared)->Name("objects/two threads, one object/std::shared_ptr")->Threads(2);
 BENCHMARK(contendedGObject)->Name("objects/two threads, one object/GObject")->Threads(2);

@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
 #include <functional>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -298,6 +300,24 @@ TEST(Counts, LetOneThreadOfManyDeleteTheObject)
         }
         ASSERT_EQ(events.size(), 2u);
     }
+}
+
+TEST(Counts, OfNewObjectsDoNotWaitForADestructor)
+{
+    events.clear();
+    xrchandle<Counted> made;
+    std::future_status status = std::future_status::deferred;
+    {
+        const xrchandle<Counted> dying(new Counted([&] {
+            auto worker = std::async(std::launch::async, [&] { made = new Counted; });
+            status = worker.wait_for(std::chrono::seconds(10));
+            if (status != std::future_status::ready)
+                std::abort(); // the worker cannot end before this destructor has
+        }));
+    }
+
+    EXPECT_EQ(status, std::future_status::ready);
+    EXPECT_EQ(xrcgetcount(made.get()), 1);
 }
 
 TEST(Counts, ThatNobodyCanHaveMadeEndTheProcess)

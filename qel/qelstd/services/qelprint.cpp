@@ -470,11 +470,13 @@ void qelPrint(xany value, std::ostream& stream, int spaces)
 
 void qelDebugPrint(xobject* obj)
 {
+    const qelReadHold held(obj);
     qelPrint(obj, std::cerr, 2);
 }
 
 void qelDbgPrintDictKeys(xobject* obj, const char* fileName)
 {
+    const qelReadHold held(obj);
     std::ofstream file;
     if (qelIsObject(fileName))
         file.open(fileName);

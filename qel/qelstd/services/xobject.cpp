@@ -10,30 +10,30 @@
 
 namespace {
 
-thrMutex& countMutex()
+thrMutex& deathMutex()
 {
     static thrMutex* const mutex = new thrMutex; // never destroyed: objects may die after every static
     return *mutex;
 }
 
-[[maybe_unused]] const thrMutex& madeAtLoad = countMutex();
+[[maybe_unused]] const thrMutex& madeAtLoad = deathMutex();
 
-/// Holds the process-wide count lock for the life of a block, if the process has threads when it begins.
-class CountLock
+/// Holds the process-wide lock of deaths for the life of a block, if the process has threads when it begins.
+class DeathLock
 {
 public:
-    CountLock() : mutex(thrIsThreaded() ? &countMutex() : nullptr)
+    DeathLock() : mutex(thrIsThreaded() ? &deathMutex() : nullptr)
     {
         if (mutex != nullptr)
             mutex->Lock();
     }
-    ~CountLock()
+    ~DeathLock()
     {
         if (mutex != nullptr)
             mutex->Unlock();
     }
-    CountLock(const CountLock&) = delete;
-    CountLock& operator=(const CountLock&) = delete;
+    DeathLock(const DeathLock&) = delete;
+    DeathLock& operator=(const DeathLock&) = delete;
 
 private:
     thrMutex* const mutex;
@@ -103,18 +103,12 @@ void xobject::onDelete()
 {
 }
 
-// The lock is for the first reference, the last one and the fatal reports. In between, xrcattach and
-// xrcrelease change the count in one step, so it may move here, too.
+// The lock is for the last reference and the fatal reports. The others change the count in one step.
 
 void xobject::xattach()
 {
     std::int32_t count = __atomic_load_n(&refcount, __ATOMIC_RELAXED);
-    if (count == -1)
-        return;
-    const CountLock lock;
-    for (;;) {
-        if (count == -1)
-            return;
+    while (count != -1) {
         if (count < -1)
             QEL_ABORT("xrcattach: Invalid value of refcount.");
         const std::int32_t next = count > 0 ? count + 1 : isRefCountable() ? 1 : -1;
@@ -128,7 +122,7 @@ void xobject::xrelease()
     std::int32_t count = __atomic_load_n(&refcount, __ATOMIC_ACQUIRE);
     if (count == 0 || count == -1)
         return;
-    const CountLock lock;
+    const DeathLock lock;
     for (;;) {
         if (count == 0 || count == -1)
             return;
@@ -197,6 +191,25 @@ unsigned char xobject::isKindOf(xrttiobject* cls)
 unsigned char xobject::isRefCountable()
 {
     return getRtti()->getIsRefCount();
+}
+
+// A fresh object is held by its maker alone, so only what runs inside the block may change its count.
+
+void qelReadHold::holdFresh(xobject* p)
+{
+    if (xrcgetcount(p) != 0)
+        return;
+    fresh = p;
+    if (p->isRefCountable())
+        xrcattach(p);
+}
+
+void qelReadHold::releaseFresh()
+{
+    std::int32_t count = xrcgetcount(fresh);
+    while (count != 0 && !__atomic_compare_exchange_n(&fresh->refcount, &count, count > 0 ? count - 1 : 0,
+                                                      false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
+    }
 }
 
 void xdelete(xobject* p)

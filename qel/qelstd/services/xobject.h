@@ -12,6 +12,7 @@
 class xstring;
 struct qelClass;
 class qelS11nContext;
+class xrttienum;
 template<class T>
 class xrcunihandle;
 
@@ -33,7 +34,7 @@ inline To* qelUpcast(From* p)
         return reinterpret_cast<To*>(reinterpret_cast<std::uintptr_t>(p));
     To* const base = static_cast<To*>(p);
     if (!qelIsObject(base))
-        __builtin_unreachable(); // spares the next one to ask
+        __builtin_unreachable(); // lets the compiler drop later marker checks
     return base;
 }
 
@@ -49,14 +50,19 @@ inline xobject* qelObjectOf(T* p)
 /// The root of every framework object: a signed 32-bit reference count and the operations that every class
 /// has.
 ///
-/// Count: 0, no counted reference has been taken yet (or the last one of an object that is not deletable
-/// went); n > 0, n counted references; -1, the class is not reference countable. A countable object dies with
-/// its last reference. One that was never attached dies with the first handle or variant that lets it go: who
-/// wants to keep a new object attaches it first. An object of a class that is not countable is freed by
-/// xdelete.
+/// Count: 0, no counted reference has been taken yet (or the last one of an object that is not deletable was
+/// released); n > 0, n counted references; -1, the class is not reference countable. A countable object is
+/// deleted with its last reference. Attach first: an object that was never attached is deleted by the first
+/// handle, variant or exception that holds it and lets it go. Reading an object through its descriptor counts
+/// nothing on it. An object of a class that is not countable is freed by xdelete.
 ///
-/// Counts may change from any thread; `onDelete` and destruction run one at a time for the whole process.
-/// Copying an object does not copy its count.
+/// Counts may change from any thread. The first reference is taken without a lock: making objects never
+/// waits. `onDelete` and destruction run one at a time for the whole process: a release that deletes waits
+/// for the destructors that run on other threads. So do not join a thread in a destructor, nor wait for one
+/// in another way: it cannot end if it releases a last reference meanwhile. Where each of a chain of objects
+/// releases the next in its destructor, those more than 200 levels down are deleted after the releases that
+/// led to them have returned, but before the outermost one returns. Copying an object does not copy its
+/// count.
 class QEL_API xobject
 {
 public:
@@ -110,6 +116,7 @@ private:
     friend void xrcrelease(xobject* p);
     friend int xrcgetcount(xobject* p);
     friend QEL_API void xdelete(xobject* p);
+    friend class qelReadHold;
 
     std::int32_t refcount = 0;
 };
@@ -168,6 +175,40 @@ inline int xrcgetcount(xobject* p)
 {
     return __atomic_load_n(&p->refcount, __ATOMIC_RELAXED);
 }
+
+/// Keeps an object for the life of a block that only reads it, and never deletes it: the count of an object
+/// that nobody has attached yet is 0 again afterwards. Null and xuninitobj: nothing.
+class QEL_API qelReadHold
+{
+public:
+    explicit qelReadHold(xobject* p)
+    {
+        if (!qelIsObject(p))
+            return;
+        if (xrcgetcount(p) > 0) {
+            xrcattach(p);
+            counted = p;
+        } else {
+            holdFresh(p);
+        }
+    }
+    ~qelReadHold()
+    {
+        if (counted != nullptr)
+            xrcrelease(counted);
+        else if (fresh != nullptr)
+            releaseFresh();
+    }
+    qelReadHold(const qelReadHold&) = delete;
+    qelReadHold& operator=(const qelReadHold&) = delete;
+
+private:
+    void holdFresh(xobject* p);
+    void releaseFresh();
+
+    xobject* counted = nullptr;
+    xobject* fresh = nullptr; // had no reference before
+};
 
 /// Frees an object of a class that is not reference countable. Null: nothing.
 /// @throws qelXNotInitialized  `p` is xuninitobj
@@ -246,7 +287,9 @@ private:                                               \
         return qelGetRtti_##E();         \
     }                                    \
     static_assert(sizeof(E) <= sizeof(int))
-class xrttienum;
+
+/// The number of labels of an enumeration, which as a value stands for null.
+QEL_API int qelLabelCount(xrttienum* type);
 
 /// In the body of a class that can be rebuilt from a serialized form: the constructor that leaves every
 /// attribute without a value, and the creation entry, which answers a new T as an untyped pointer, or null
@@ -270,8 +313,8 @@ protected:                                             \
 private:                                               \
     static_assert(true)
 
-/// The value that stands for "no value yet" in an attribute of type V: null for numbers, and what V's default
-/// constructor makes for the others (null string, uninit variant, null handle).
+/// The value that stands for "no value yet" in an attribute of type V: null for numbers and enumerations, and
+/// what V's default constructor makes for the others (null string, uninit variant, null handle, false).
 template<class V>
 V qelUnset()
 {
@@ -281,11 +324,18 @@ V qelUnset()
         return xnullreal;
     else if constexpr (std::is_same_v<V, unsigned char>)
         return xnullbool;
+    else if constexpr (std::is_enum_v<V> && sizeof(V) == sizeof(int))
+        return __builtin_bit_cast(V, xnullint);
+    else if constexpr (requires { qelEnumRtti(static_cast<V*>(nullptr)); })
+        return static_cast<V>(
+            qelLabelCount(qelEnumRtti(static_cast<V*>(nullptr)))); // too narrow for xnullint
     else
         return V();
 }
 
-/// In a class body: an attribute kept in a field of its own, with its accessor and its rebuild hook.
+/// In a class body: an attribute kept in a field of its own, with its accessor and its rebuild hook. It reads
+/// as null (a variant as uninit) until it is set; but a `bool` has no null and starts as false: use
+/// `unsigned char` for a truth value that may be missing.
 #define QEL_PROPERTY(type, Name)             \
 public:                                      \
     type get##Name() const                   \
@@ -324,7 +374,8 @@ protected:
 };
 
 /// A handle that always counts: it owns one counted reference to the object it holds. For objects of
-/// countable classes. One handle is used by one thread at a time; the objects may be shared.
+/// countable classes. Attach first what is to outlive a temporary handle: a new object is deleted by the
+/// first handle that lets it go. One handle is used by one thread at a time; the objects may be shared.
 template<class T>
 class xrchandle : public xrcbasehandle<T>
 {
