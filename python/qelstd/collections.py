@@ -272,14 +272,13 @@ class Dictionary(_Collection, collections.abc.MutableMapping):
         nothing = self._element.to_c(None)
         for slot in itertools.count():
             key = library.CString()
-            with library.lock:
-                found = self._call("getkeybyindex", slot, ctypes.byref(key))
-                text = library.take_text(key)
-                if not found:
-                    try:
-                        self._call("setbyindex", slot, nothing)
-                    except InvalidDictIndex:
-                        return
+            found = self._call("getkeybyindex", slot, ctypes.byref(key))
+            text = library.take_text(key)
+            if not found:
+                try:
+                    self._call("setbyindex", slot, nothing)
+                except InvalidDictIndex:
+                    return
             if found:
                 yield text
 

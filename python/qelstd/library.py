@@ -50,22 +50,31 @@ print_object = function("xprint_c", None, _object)
 _type_name = function("xgettypename_c", CString, _object)
 _is_exception = function("xisexc_c", ctypes.c_ubyte)
 _extract_exception = function("xextractexc_c", _object)
+_use_own_exception = function("xthreadexc_c", None, ctypes.c_ubyte)
 _exception_text = function("xgetexctext_c", CString, _object)
 _text_of = function("xstrgetmb_c", ctypes.c_void_p, CString)
 _unlock = function("xstrunlock_c", None, CString)
 
-# The library has one current exception for the process: a call and the look at what it left belong together.
-lock = threading.RLock()
+class _Thread(threading.local):
+    """Gives each thread a current exception of its own, in place of the process's, when it first looks here."""
+
+    def __init__(self):
+        _use_own_exception(1)
+
+    def prepare(self):
+        """Looks here."""
+
+
+_thread = _Thread()
 
 
 def call(called, *arguments):
-    """What the function answers. Raises the exception that it left current."""
-    with lock:
-        result = called(*arguments)
-        if not _is_exception():
-            return result
-        left = _extract_exception()
-    raise _error(left)
+    """What the function returns. Raises the exception that it left current."""
+    _thread.prepare()
+    result = called(*arguments)
+    if not _is_exception():
+        return result
+    raise _error(_extract_exception())
 
 
 def _error(exception):
@@ -80,12 +89,12 @@ def _error(exception):
 
 def take_text(string):
     """The text of a CString, None for null. The reference is given back."""
-    with lock:
-        address = _text_of(string)
-        if address == 2:  # the uninit marker: the text has no UTF-8 form
-            raise _error(_extract_exception())
-        content = None if address is None or address == 1 else ctypes.string_at(address)
-        _unlock(string)
+    _thread.prepare()
+    address = _text_of(string)
+    if address == 2:  # the uninit marker: the text has no UTF-8 form
+        raise _error(_extract_exception())
+    content = None if address is None or address == 1 else ctypes.string_at(address)
+    _unlock(string)
     return None if content is None else content.decode("utf-8", "surrogateescape")
 
 

@@ -190,6 +190,25 @@ class Threads(unittest.TestCase):
             sys.setswitchinterval(interval)
         self.assertEqual(wrong, [])
 
+    def test_other_code_does_not_take_a_failure_away(self):
+        other = ctypes.CDLL(library._path())  # lets go of the interpreter's lock
+        stop = threading.Event()
+
+        def clear():
+            while not stop.is_set():
+                other.xcleanupexc_c()
+
+        beside = threading.Thread(target=clear)
+        beside.start()
+        try:
+            empty = IntSequence()
+            for _ in range(2000):
+                with self.assertRaises(qelstd.InvalidSeqIndex):
+                    library.call(empty._functions["get"], empty.pointer, 0)
+        finally:
+            stop.set()
+            beside.join()
+
 
 if __name__ == "__main__":
     unittest.main()

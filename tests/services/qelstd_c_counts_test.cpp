@@ -1,11 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
+#include <new>
 #include <stdexcept>
+#include <thread>
 
+#include <qel/pcexception.h>
 #include <qel/qelexception.h>
 #include <qel/qelstd_c.h>
 #include <qel/qeltable.h>
+#include <qel/reglib.h>
 #include <qel/xdictionary.h>
 #include <qel/xportexception.h>
 #include <qel/xsequence.h>
@@ -193,7 +198,9 @@ TEST_F(CInterface, TellsWhatAnExceptionSays)
         {new qelXNativeException("disk is on fire"), "disk is on fire"},
         {new qelXSoapFault("Client", "no such method", xany()), "no such method"},
         {new Uncounted, "communication timeout"},
-        {new xthrowable, "(null)"},
+        {new pcXCreate(pcCreateCode::badIn, 0),
+         "Stream can not be passed to a process created as an input stream"},
+        {new regXKeyClosed, "reglib::XKeyClosed"}, // nothing but its name
     };
     watched->action = [] { qelXNegativeIndex::Throw(-9); };
     xintsequence_get(watched, 0);
@@ -212,8 +219,20 @@ TEST_F(CInterface, LetsForeignExceptionsThroughAndKeepsNothing)
     EXPECT_THROW(xintsequence_get(watched, 0), std::runtime_error);
     EXPECT_FALSE(xisexc_c());
     EXPECT_EQ(xrcgetcount(watched), 1);
+}
 
-    EXPECT_THROW(xintsequence_set(watched, 0x7fffffff, 1), std::length_error);
+TEST_F(CInterface, MakesCurrentWhatACollectionOrTheMemoryRefuses)
+{
+    watched->action = [] { throw std::bad_alloc(); };
+    EXPECT_EQ(xintsequence_get(watched, 0), xuninitint);
+    xthrowable* const refused = xextractexc_c();
+    EXPECT_EQ(textOf(xgetexctext_c(refused)), "Out of memory");
+    EXPECT_NE(qelXNativeException::softcast(refused), nullptr);
+    xdelete_c(refused);
+
+    xintsequence_set(watched, 1000000000, 1);
+    EXPECT_EQ(xrcgetcount(watched), 2); // the exception has one
+    EXPECT_EQ(takeCurrent(), "qellib::XInvalidSeqIndex");
     EXPECT_EQ(xrcgetcount(watched), 1);
     EXPECT_EQ(xintsequence_getarraysize(watched), 0);
 }
@@ -272,4 +291,66 @@ TEST_F(CInterface, KeepsWhatAnOutArgumentHeldWhenTheOperationFails)
     EXPECT_EQ(xrcgetcount(dictionary.get()), 2);
     xrealdictionary_find(dictionary.get(), "x", &number);
     EXPECT_EQ(xrcgetcount(dictionary.get()), 1);
+}
+
+namespace {
+
+/// Calls `work` on two threads at once.
+template<class Work>
+void onTwoThreads(Work work)
+{
+    const std::jthread first(work);
+    const std::jthread second(work);
+}
+
+/// The index of which the current exception tells, which is taken; -1 when there is none.
+int takeIndex()
+{
+    xthrowable* const taken = xextractexc_c();
+    auto* const failure = qelXNegativeIndex::softcast(taken);
+    const int index = failure == nullptr ? -1 : failure->getIndex();
+    xdelete_c(taken);
+    return index;
+}
+
+} // namespace
+
+TEST(CThreads, MayShareTheCurrentException)
+{
+    onTwoThreads([] {
+        xintsequence* const sequence = xintsequence_create();
+        for (int i = 0; i < 20000; ++i) {
+            xintsequence_get(sequence, -7);
+            if (xthrowable* const failure = xgetexc_c()) {
+                EXPECT_EQ(qelXNegativeIndex::cast(failure)->getIndex(), -7);
+                xrcrelease_c(failure);
+            }
+        }
+        xrcrelease_c(sequence);
+    });
+    xcleanupexc_c();
+}
+
+TEST(CThreads, MayHaveACurrentExceptionOfTheirOwn)
+{
+    std::atomic<int> next = -100;
+    xsetexc_c(nullptr);
+    onTwoThreads([&] {
+        xintsequence* const sequence = xintsequence_create();
+        const int mine = next++;
+        xthreadexc_c(1);
+        for (int i = 0; i < 2000; ++i) {
+            xintsequence_get(sequence, mine);
+            std::this_thread::yield();
+            ASSERT_EQ(takeIndex(), mine);
+        }
+        xintsequence_get(sequence, mine);
+        xthreadexc_c(0);
+        EXPECT_FALSE(xisexc_c());
+        xthreadexc_c(1);
+        EXPECT_FALSE(xisexc_c());
+        xintsequence_get(sequence, mine); // left to the end of the thread
+        xrcrelease_c(sequence);
+    });
+    EXPECT_FALSE(xisexc_c());
 }

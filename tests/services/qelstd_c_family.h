@@ -166,7 +166,7 @@ static void GLUE(FAMILY, DictionaryReportsErrors)(void)
     CHECK(!xisexc_c());
     FAILS("XInvalidDictIndex", DICT(_setbyindex)(d, 32, FIRST));
     FAILS("XInvalidDictIndex", DICT(_removebyindex)(d, 32));
-    FAILS("XNotInitialized", DICT(_set)(d, NULL, FIRST));
+    FAILS("XInvalidDictKey", DICT(_set)(d, NULL, FIRST));
 
     for (int i = 0; i < 2; ++i) {
         DICTIONARY* const marker = markers[i];

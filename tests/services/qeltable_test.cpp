@@ -1,13 +1,20 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <barrier>
 #include <cstring>
+#include <thread>
+#include <utility>
 
 #include "support/thrown.h"
 #include <qel/qelexception.h>
+#include <qel/qelprint.h>
 #include <qel/qeltable.h>
 
 enum testMood { calm, merry, cross };
 QEL_ENUM(testMood);
+enum testPulse : unsigned char { slow, fast };
+QEL_ENUM(testPulse);
 
 namespace test {
 
@@ -92,6 +99,14 @@ public:
     xauto<Person> people[3];
 };
 
+/// Enumerations that nobody has set, one of them too narrow for the null marker.
+class Patient : public virtual xobject
+{
+    QEL_OBJECT(Patient);
+    QEL_PROPERTY(testMood, Mood);
+    QEL_PROPERTY(testPulse, Pulse);
+};
+
 constinit qelClass Being::rtti = {
     .name = "test::Being",
     .counted = true,
@@ -110,6 +125,8 @@ constinit qelClass Person::rtti = {
               QEL_ATTR(Anything), QEL_ATTR(Diary), QEL_ATTR(Self), QEL_ATTR_BY(Secret, object.secret())},
 };
 
+constinit qelClass Patient::rtti = {.name = "test::Patient", .attrs = {QEL_ATTR(Mood), QEL_ATTR(Pulse)}};
+
 constinit qelClass Choice::rtti = {
     .name = "test::Choice",
     .counted = true,
@@ -125,6 +142,7 @@ constinit qelClass Crowd::rtti = {.name = "test::Crowd", .elements = qelSequence
 } // namespace test
 
 QEL_LABELS(testMood, "test::Mood", calm, merry, cross);
+QEL_LABELS(testPulse, "test::Pulse", slow, fast);
 
 using namespace test;
 
@@ -135,7 +153,43 @@ xany read(xobject* owner, const char* attr)
     return xrttistruct::cast(owner->getRtti())->findAttr(attr, 1)->getValue(owner);
 }
 
+/// A T that records its end, to which nobody holds a reference.
+template<class T>
+struct Fresh : T
+{
+    explicit Fresh(bool& e) : ended(e) {}
+    ~Fresh() override { ended = true; }
+    bool& ended;
+};
+
 } // namespace
+
+TEST(Reading, NeitherFreesAnObjectNorMovesItsCount)
+{
+    bool ended = false;
+    auto* const person = new Fresh<Person>(ended);
+    auto* const diary = new Fresh<Diary>(ended);
+    auto* const crowd = new Fresh<Crowd>(ended);
+    const qelAttr& rebuildName = *qelClassOf(Being::getClassRtti())->attrs.begin();
+
+    rebuildName.rebuild(person, "Ann");
+    EXPECT_EQ(read(person, "Name"), "Ann");
+    EXPECT_EQ(read(diary, "Pages"), 12);
+    EXPECT_EQ(xrttisequence::cast(crowd->getRtti())->getSize(crowd), 3);
+    testing::internal::CaptureStderr();
+    qelDebugPrint(diary);
+    qelDebugPrint(crowd);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("Pages : 12"), std::string::npos);
+
+    EXPECT_FALSE(ended);
+    for (xobject* const object : std::initializer_list<xobject*>{person, diary, crowd})
+        EXPECT_EQ(xrcgetcount(object), 0);
+    xdelete(diary);
+    xdelete(crowd);
+    ended = false;
+    // What the read returns keeps the object, and lets go of it last.
+    EXPECT_EQ(read(person, "Self"), xany(xrchandle<Person>(person)));
+}
 
 TEST(Table, GivesStructuresTheirAttributes)
 {
@@ -172,6 +226,18 @@ TEST(Table, GivesEnumerationsTheirLabels)
     EXPECT_EQ(type->getNValues(), 3);
     EXPECT_TRUE(type->mapIntToString(cross) == "cross");
     EXPECT_EQ(qelRttiGetFromMap("test::Mood"), type);
+}
+
+TEST(Table, ReadsEnumerationsWithoutAValueAsNull)
+{
+    Patient patient;
+    for (const qelAttr& attr : qelClassOf(Patient::getClassRtti())->attrs) {
+        EXPECT_TRUE(attr.read(&patient).isNull()) << attr.name;
+        attr.rebuild(&patient, xany(1, xrttienum::cast(attr.type())));
+        EXPECT_EQ(static_cast<int>(attr.read(&patient)), 1) << attr.name;
+        attr.rebuild(&patient, nullptr);
+        EXPECT_TRUE(attr.read(&patient).isNull()) << attr.name;
+    }
 }
 
 TEST(Table, GivesUnionsTheirMembers)
@@ -259,4 +325,130 @@ TEST(Table, CastsInALatticeInLinearTime)
     test::Diary object;
     EXPECT_EQ(Layer<60>::downcast(&object, Layer<0>::rtti()), &object);
     EXPECT_EQ(Layer<60>::downcast(&object, test::Being::getClassRtti()), nullptr);
+}
+
+// ---- classes that nobody has asked for before
+
+namespace {
+
+constexpr int pairs = 200;
+
+/// "test::Pair000" and so on.
+struct PairName
+{
+    constexpr explicit PairName(int n)
+        : text{'t',           'e',      's', 't', ':', ':', 'P', 'a', 'i', 'r', digit(n / 100),
+               digit(n / 10), digit(n), '\0'}
+    {
+    }
+    static constexpr char digit(int n) { return static_cast<char>('0' + n % 10); }
+    char text[14];
+};
+template<int n>
+constexpr PairName pairName(n);
+
+/// One of two classes that refer to each other.
+template<int n>
+class Paired : public virtual Being
+{
+    QEL_OBJECT(Paired);
+
+public:
+    Paired<n ^ 1>* getOther() { return nullptr; }
+    int getNumber() { return n; }
+};
+template<int n>
+constinit qelClass Paired<n>::rtti = {
+    .name = pairName<n>.text,
+    .counted = true,
+    .parents = {QEL_PARENT(Being)},
+    .attrs = {QEL_ATTR(Other, qelOptional), QEL_ATTR(Number)},
+};
+
+template<int n>
+bool isWhole()
+{
+    auto* const type = xrttistruct::cast(Paired<n>::getClassRtti());
+    return type->getName() == pairName<n>.text && type->getNAttrs() == 2 &&
+           type->getParent(0) == Being::getClassRtti() &&
+           type->getAttr(0)->getType()->getName() == pairName<n ^ 1>.text &&
+           qelRttiGetFromMap(pairName<n>.text) == type && qelClassOf(type) != nullptr;
+}
+
+template<int... n>
+int countWhole(std::integer_sequence<int, n...>)
+{
+    return (isWhole<n>() + ...);
+}
+
+/// Two classes that a mistake has given one name.
+template<int n>
+class Namesake : public virtual xobject
+{
+    QEL_OBJECT(Namesake);
+};
+template<int n>
+constinit qelClass Namesake<n>::rtti = {.name = "test::Namesake", .counted = true};
+
+/// What a table of its kind has no place for.
+template<int n>
+class Misfit : public virtual Being
+{
+    QEL_OBJECT(Misfit);
+
+public:
+    int getKind() const { return n; }
+    int getarraysize() const { return n; }
+    int get(int index) const { return index; }
+};
+template<>
+constinit qelClass Misfit<0>::rtti = {
+    .name = "test::ListWithParents", .parents = {QEL_PARENT(Being)}, .elements = qelSequenceOf<self>};
+template<>
+constinit qelClass Misfit<1>::rtti = {
+    .name = "test::ListWithAttrs", .attrs = {QEL_ATTR(Kind)}, .elements = qelSequenceOf<self>};
+template<>
+constinit qelClass Misfit<2>::rtti = {
+    .name = "test::UnionWithAttrs", .attrs = {QEL_ATTR(Kind)}, .discriminator = QEL_ATTR(Kind)};
+template<>
+constinit qelClass Misfit<3>::rtti = {.name = "test::CasesAlone", .cases = {{1, QEL_ATTR(Kind)}}};
+
+} // namespace
+
+TEST(Table, IsBuiltOnceThoughSeveralThreadsAskFirst)
+{
+    std::barrier together(3);
+    std::atomic<int> whole = 0;
+    {
+        std::vector<std::jthread> threads;
+        for (int i = 0; i < 3; ++i)
+            threads.emplace_back([&] {
+                together.arrive_and_wait();
+                whole += countWhole(std::make_integer_sequence<int, pairs>());
+            });
+    }
+    EXPECT_EQ(whole, 3 * pairs);
+}
+
+TEST(Table, OfASecondClassOfOneNameIsReported)
+{
+    testing::internal::CaptureStderr();
+    qelRegister<Namesake<1>>();
+    qelRegister<Namesake<1>>();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+    testing::internal::CaptureStderr();
+    qelRegister<Namesake<2>>();
+    const std::string report = testing::internal::GetCapturedStderr();
+    for (const char* const part : {"Namesake<1>", "Namesake<2>", "\"test::Namesake\""})
+        EXPECT_NE(report.find(part), std::string::npos) << report;
+    EXPECT_EQ(qelRttiGetFromMap("test::Namesake"), Namesake<2>::getClassRtti()); // the last one
+}
+
+TEST(Table, WithRowsThatWouldBeLostIsRefused)
+{
+    EXPECT_DEATH(Misfit<0>::getClassRtti(), "test::ListWithParents: a table with .elements");
+    EXPECT_DEATH(Misfit<1>::getClassRtti(), "test::ListWithAttrs: a table with .elements");
+    EXPECT_DEATH(Misfit<2>::getClassRtti(), "test::UnionWithAttrs: a table with a .discriminator");
+    EXPECT_DEATH(Misfit<3>::getClassRtti(), "test::CasesAlone: a table with .cases");
 }

@@ -160,6 +160,20 @@ TEST(Descriptors, OfArraysReadBothFormsOfIndices)
     }
 
     EXPECT_TRUE(type->getElemValue(nullptr, indices) == type->getElemValue(nullptr, plain));
+    const auto refuses = [&](int dimension, int index) {
+        return describeThrown<qelXInvalidArrayIndex>([&] { type->getElemValue(nullptr, indices); },
+                                                     [=](qelXInvalidArrayIndex* e) {
+                                                         return e->getDimension() == dimension &&
+                                                                e->getIndex() == index;
+                                                     });
+    };
+    indices->set(4, 2);
+    EXPECT_TRUE(refuses(4, 2));
+    indices->set(4, -1);
+    EXPECT_TRUE(refuses(4, -1));
+    indices->set(4, 0);
+    indices->removerange(3, rank);
+    EXPECT_TRUE(refuses(3, xnullint)); // an index for each of the first three only
     EXPECT_EQ(type->getDimention(11), 3);
     EXPECT_EQ(type->getDimention(12), xnullint);
     EXPECT_EQ(type->getNDimentions(), rank);
@@ -205,6 +219,17 @@ TEST(Descriptors, OfUnionsTakeALabelWithoutMemberForAnAnswer)
     EXPECT_EQ(derived->mapLabelToAttr(1, 0), nullptr);
     EXPECT_EQ(derived->mapLabelToAttr(1, 1), nullptr);
     EXPECT_EQ(derived->mapLabelToAttr(2, 1), members[0]);
+
+    // As a parent it answers null for itself and its own parents, and the next parent is asked.
+    auto* const sibling = kept(new xrttiunion);
+    static xrttiattr* others[] = {new xrttiattr("Two", qelGetRtti_int(), 0, nullptr)};
+    sibling->initialize("test::Sibling", 1, 0, nullptr, members[0], 1, labels, others, nullptr);
+    static xrttiobject* two[] = {derived, sibling};
+    auto* const heir = kept(new xrttiunion);
+    heir->initialize("test::Heir", 1, 2, two, members[0], 0, nullptr, nullptr, nullptr);
+    EXPECT_EQ(heir->mapLabelToAttr(1, 1), others[0]);
+    EXPECT_EQ(heir->mapLabelToAttr(2, 1), members[0]);
+    EXPECT_EQ(heir->mapLabelToAttr(1, 0), nullptr);
 }
 
 TEST(Registry, GivesTheLastOfAName)

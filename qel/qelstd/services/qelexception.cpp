@@ -315,6 +315,26 @@ xstring qelXSoapFault::getMessage()
 
 // ---- throw helpers
 
+xstring qelTextOf(xthrowable* failure)
+{
+    if (!qelIsObject(failure))
+        return nullptr;
+    const qelReadHold held(failure);
+    xstring text;
+    if (const auto* const native = qelXNativeException::softcast(failure))
+        text = native->getStringRep();
+    else if (auto* const other = qelXS11nException::softcast(failure))
+        text = other->getMessage();
+    else if (const auto* const framework = qelXException::softcast(failure))
+        text = framework->getDescription();
+    else if (auto* const type = xrttistruct::softcast(failure->getRtti()))
+        // The libraries' own families have their text in an attribute of this name.
+        if (auto* const attr = type->findAttr("Msg", 1))
+            if (const xany message = attr->getValue(failure); message.getKind() == xanyString)
+                text = message;
+    return text == nullptr || text == "" ? failure->getQelTypeName() : text;
+}
+
 void qelhThrowInvalidSeqIndex(xobject* obj, int index)
 {
     qelXInvalidSeqIndex::Throw(obj, index);

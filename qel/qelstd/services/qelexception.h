@@ -7,7 +7,8 @@
 #include <qel/xstring.h>
 
 // The framework's exceptions. Each is thrown as an `xthrowable*` by its static Throw; the catcher owns one
-// reference to an exception of a countable class (all of these) and gives it back with xrcrelease. Text
+// reference to an exception of a countable class (all of these) and gives it back with xrcrelease. An
+// object that an exception carries is held by it: attach first, or a failing cast deletes a new object. Text
 // arguments may be null.
 
 /// The base of the framework's exceptions.
@@ -244,6 +245,10 @@ public:
     QEL_PROPERTY(xstring, FaultString);
     QEL_PROPERTY(xany, FaultDetail);
 };
+
+/// What `failure` says in words, for a message to people; of any library's exception. The registered name of
+/// its class when it says nothing; null and xuninitobj: the null string.
+QEL_API xstring qelTextOf(xthrowable* failure);
 
 // ---- throwing
 

@@ -1,8 +1,11 @@
 #include "qelrtti.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cxxabi.h>
 #include <memory>
+#include <vector>
 
 #include "qeltable.h"
 #include "xrttiattrseq.h"
@@ -10,23 +13,25 @@
 
 namespace {
 
-xrttimap<xrtti>& registry()
+// Used by registrars before statics are initialized, and after they are destroyed.
+constinit xrttimap registry;
+
+/// What a qelRegister knows of `type`, which is or was registered as `entry`.
+const qelNamed* namedAs(const xrttientry* entry, const xrtti* type)
 {
-    static auto* const map =
-        new xrttimap<xrtti>; // never freed: used by registrars and by whatever outlives statics
-    return *map;
+    const auto* fact = entry == nullptr ? nullptr : entry->facts.load(std::memory_order_acquire);
+    while (fact != nullptr && fact->named.rtti() != type)
+        fact = fact->next;
+    return fact == nullptr ? nullptr : &fact->named;
 }
 
-// What the registrars know of the types that they name. Used by registrars before statics are initialized.
-constinit const qelNamedTypes* named = nullptr;
-
-const qelNamed* namedAs(xrtti* type)
+/// The name of a type as C++ code has it.
+xstring readable(const std::type_info& type)
 {
-    for (const qelNamedTypes* list = named; list != nullptr && type != nullptr; list = list->next)
-        for (std::size_t i = 0; i < list->count; ++i)
-            if (list->types[i].rtti() == type)
-                return &list->types[i];
-    return nullptr;
+    int status = 0;
+    const std::unique_ptr<char, decltype(&std::free)> name(
+        abi::__cxa_demangle(type.name(), nullptr, nullptr, &status), &std::free);
+    return name == nullptr ? type.name() : name.get();
 }
 
 xrttibasic* makeBasic(const char* name)
@@ -36,48 +41,79 @@ xrttibasic* makeBasic(const char* name)
 
 } // namespace
 
+// Held for additions only, and never while other code is called: that may hold the guard of a static.
+thrMutex& qelRttiMutex()
+{
+    static thrMutex* const mutex = new thrMutex;
+    return *mutex;
+}
+
 void qelRttiAddToMap(xrtti* type)
 {
     if (!qelIsObject(type))
         return;
     const xstring name = type->getName();
-    if (name != nullptr)
-        registry().set(name.CastToCString(), type); // the text lives as long as the descriptor's own copy
+    if (name == nullptr)
+        return;
+    const thrLock lock(qelRttiMutex());
+    registry.findOrAdd(name.CastToCString()).type.store(type, std::memory_order_release);
 }
 
 xrtti* qelRttiGetFromMap(const char* name)
 {
-    return qelIsObject(name) ? registry().get(name) : nullptr;
+    const xrttientry* const entry = qelIsObject(name) ? registry.find(name) : nullptr;
+    return entry == nullptr ? nullptr : entry->type.load(std::memory_order_acquire);
 }
 
 void qelRttiForEach(void (*visit)(xrtti* type, void* context), void* context)
 {
-    registry().forEach([=](xrtti* type) { visit(type, context); });
+    std::vector<const xrttientry*> entries;
+    registry.forEach([&](const xrttientry& entry) { entries.push_back(&entry); });
+    std::sort(entries.begin(), entries.end(), [](const xrttientry* a, const xrttientry* b) {
+        return std::strcmp(a->name.get(), b->name.get()) < 0;
+    });
+    for (const xrttientry* const entry : entries)
+        if (xrtti* const type = entry->type.load(std::memory_order_acquire))
+            visit(type, context);
 }
 
-void qelKeepNames(qelNamedTypes& more)
+void qelKeepNamed(const qelNamed& type)
 {
-    for (const qelNamedTypes* list = named; list != nullptr; list = list->next)
-        if (list == &more)
-            return;
-    more.next = named;
-    named = &more;
+    const xstring name = type.rtti()->getName();
+    const xrttientry::Fact* other = nullptr;
+    {
+        const thrLock lock(qelRttiMutex());
+        xrttientry& entry = registry.findOrAdd(name.CastToCString());
+        xrttientry::Fact* const facts = entry.facts;
+        for (const xrttientry::Fact* fact = facts; fact != nullptr; fact = fact->next) {
+            if (&fact->named == &type)
+                return;
+            if (*fact->named.type != *type.type)
+                other = fact;
+        }
+        entry.facts.store(new xrttientry::Fact{type, facts}, std::memory_order_release);
+    }
+    if (other != nullptr)
+        std::fprintf(stderr, "qelRegister: %s and %s are both named \"%s\": casts cannot tell them apart\n",
+                     readable(*other->named.type).CastToCString(), readable(*type.type).CastToCString(),
+                     name.CastToCString());
 }
 
 xstring qelRttiCppName(xrtti* type)
 {
-    const qelNamed* const known = qelIsObject(type) ? namedAs(type) : nullptr;
-    if (known == nullptr)
+    if (!qelIsObject(type))
         return nullptr;
-    int status = 0;
-    const std::unique_ptr<char, decltype(&std::free)> readable(
-        abi::__cxa_demangle(known->type->name(), nullptr, nullptr, &status), &std::free);
-    return readable == nullptr ? known->type->name() : readable.get();
+    const xstring name = type->getName();
+    const qelNamed* const known =
+        name == nullptr ? nullptr : namedAs(registry.find(name.CastToCString()), type);
+    return known == nullptr ? nullptr : readable(*known->type);
 }
 
 xobject* qelRttiCreate(const char* typeName)
 {
-    const qelNamed* const known = namedAs(qelRttiGetFromMap(typeName));
+    const xrttientry* const entry = qelIsObject(typeName) ? registry.find(typeName) : nullptr;
+    const qelNamed* const known =
+        entry == nullptr ? nullptr : namedAs(entry, entry->type.load(std::memory_order_acquire));
     return known == nullptr || known->make == nullptr ? nullptr : known->make();
 }
 

@@ -4,17 +4,17 @@
 
 class xrttiattrseq;
 
-// The registry of types by name, what other layers keep with a type, and the built-in types. All registration
-// normally happens while a library is loaded; who registers types or adds user data while other threads look
-// types up must serialize those calls. None of these functions fails unless it says so.
+// The registry of types by name, what other layers keep with a type, and the built-in types. Safe to call
+// from any thread; looking something up takes no lock. None of these functions fails unless it says so, but
+// for want of memory.
 
 /// Registers `type` under its name. A name that is registered already gets the new descriptor; the old one
 /// lives on. Null, and a descriptor without a name: nothing.
 QEL_API void qelRttiAddToMap(xrtti* type);
 /// The registered descriptor of that name, or null.
 QEL_API xrtti* qelRttiGetFromMap(const char* name);
-/// Calls `visit(type, context)` for every registered descriptor in the order of names. `visit` registers
-/// nothing.
+/// Calls `visit(type, context)` for every registered descriptor in the order of names. Those that are
+/// registered meanwhile are left out.
 QEL_API void qelRttiForEach(void (*visit)(xrtti* type, void* context), void* context);
 
 /// The name of the type in C++, "fsNodeInfo", for a class or enumeration that a qelRegister names; null for

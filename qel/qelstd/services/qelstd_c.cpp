@@ -1,6 +1,8 @@
 #include "qelstd_c.h"
 
+#include <atomic>
 #include <iostream>
+#include <mutex>
 #include <utility>
 
 #include <qel/base/btkstrbuf.h>
@@ -12,9 +14,6 @@
 
 namespace {
 
-/// The current exception: the slot owns one reference to it, or all of it when its class is not countable.
-xthrowable* current = nullptr;
-
 void dispose(xobject* p)
 {
     if (p->isRefCountable())
@@ -23,13 +22,64 @@ void dispose(xobject* p)
         xdelete(p);
 }
 
-/// Empty or replaced before anything is released: a destructor may use the slot too.
-void replaceCurrent(xthrowable* next)
+/// A current exception: the slot owns one reference to it, or all of it when its class is not countable.
+/// Nothing is released under the lock: a destructor may use the slot too.
+class Slot
 {
-    xthrowable* const old = std::exchange(current, next);
-    if (old != nullptr)
-        dispose(old);
+public:
+    xthrowable* peek() const { return held.load(std::memory_order_acquire); }
+
+    /// With a reference of its own for the caller.
+    xthrowable* share()
+    {
+        const std::lock_guard lock(mutex);
+        xthrowable* const shared = held.load(std::memory_order_relaxed);
+        xrcattach(shared);
+        return shared;
+    }
+
+    /// Passes what was held to the caller.
+    xthrowable* exchange(xthrowable* next)
+    {
+        if (next == nullptr && peek() == nullptr)
+            return nullptr;
+        const std::lock_guard lock(mutex);
+        return held.exchange(next, std::memory_order_acq_rel);
+    }
+
+    void clear()
+    {
+        if (xthrowable* const old = exchange(nullptr))
+            dispose(old);
+    }
+
+private:
+    std::mutex mutex;
+    std::atomic<xthrowable*> held = nullptr;
+};
+
+constinit Slot processSlot;
+constinit thread_local Slot* current = &processSlot; // the slot that the thread uses
+
+struct OwnSlot : Slot
+{
+    ~OwnSlot()
+    {
+        current = &processSlot; // what ends the thread later may still use one
+        clear();
+    }
+};
+thread_local OwnSlot ownSlot;
+
+/// What is current when there is no memory to make an exception from. Made while the library is loaded.
+qelXNativeException* outOfMemory()
+{
+    static const xrchandle<qelXNativeException>* const made =
+        new xrchandle<qelXNativeException>(qelCreateNativeException("Out of memory"));
+    return made->get();
 }
+
+[[maybe_unused]] const qelXNativeException* const madeAtLoad = outOfMemory();
 
 /// What `operation` answers for the object, which stays meanwhile; null and uninit are answered for.
 template<class R, class Operation>
@@ -42,6 +92,22 @@ R onObject(xobject* p, R forNull, R forUninit, Operation operation)
 }
 
 } // namespace
+
+void qelKeepCurrent(xthrowable* e)
+{
+    if (current->peek() != e)
+        current->clear(); // its destructor may make another exception current, which is replaced
+    xthrowable* const old = current->exchange(e);
+    if (old == e)
+        xrcrelease(e); // the slot had its reference
+    else if (old != nullptr)
+        dispose(old);
+}
+
+void qelKeepOutOfMemory()
+{
+    xsetexc_c(outOfMemory());
+}
 
 // ---- objects
 
@@ -102,7 +168,7 @@ void xprint_c(xobject* p)
 
 __xstring_c xstrcreate_c(const char* text)
 {
-    return xstring(text).getxstring_c();
+    return qelForC<__xstring_c>(xstring().getxstring_c(), [=] { return xstring(text).getxstring_c(); });
 }
 
 const char* xstrgetmb_c(__xstring_c s)
@@ -130,34 +196,40 @@ void xstrunlock_c(__xstring_c s)
 
 void xsetexc_c(xthrowable* e)
 {
-    if (e == current)
-        return;
     if (!qelIsObject(e))
         return xcleanupexc_c();
-    xrcattach(e); // before what is current goes: that may be its only owner
-    xcleanupexc_c();
-    replaceCurrent(e);
+    xrcattach(e); // before what is current is released: that may be its only owner
+    qelKeepCurrent(e);
 }
 
 xthrowable* xgetexc_c()
 {
-    xrcattach(current);
-    return current;
+    return current->share();
 }
 
 unsigned char xisexc_c()
 {
-    return current != nullptr;
+    return current->peek() != nullptr;
 }
 
 xthrowable* xextractexc_c()
 {
-    return std::exchange(current, nullptr);
+    return current->exchange(nullptr);
 }
 
 void xcleanupexc_c()
 {
-    replaceCurrent(nullptr);
+    current->clear();
+}
+
+void xthreadexc_c(unsigned char own)
+{
+    if (own) {
+        current = &ownSlot;
+    } else if (current != &processSlot) {
+        current = &processSlot;
+        ownSlot.clear();
+    }
 }
 
 __xstring_c xgetexctext_c(xthrowable* e)
@@ -165,10 +237,5 @@ __xstring_c xgetexctext_c(xthrowable* e)
     if (!qelIsObject(e))
         return xstring().getxstring_c();
     const xrcunihandle<xthrowable> held(e);
-    if (const auto* const native = qelXNativeException::softcast(e))
-        return native->getStringRep().getxstring_c();
-    if (auto* const other = qelXS11nException::softcast(e))
-        return other->getMessage().getxstring_c();
-    const auto* const framework = qelXException::softcast(e);
-    return (framework != nullptr ? framework->getDescription() : xstring()).getxstring_c();
+    return qelForC(xstring(), [e] { return qelTextOf(e); }).getxstring_c();
 }

@@ -23,11 +23,12 @@
  *    they name.
  * 5. Attach first. A function holds a reference of its own while it works: an object made elsewhere to which
  *    nobody holds a reference yet goes when the function lets go.
- * 6. Threads. The current exception is one for the process, without a lock: only one thread at a time uses
- *    the functions that report exceptions. A collection is used by one thread at a time. Counting is safe from
- *    any thread.
- * 7. Other exceptions. What C++ code throws beside the framework's exceptions (no memory, above all) is not
- *    caught: it passes through to C++ callers, and ends a program that has none.
+ * 6. Threads. The current exception is one for the process: it may tell of a call on another thread. A thread
+ *    that calls xthreadexc_c(1) first has one of its own. A collection is used by one thread at a time.
+ *    Counting is safe from any thread.
+ * 7. Other exceptions. Memory that runs out makes a qellib::XNativeException, "Out of memory", current. What
+ *    else C++ code throws beside the framework's exceptions is not caught: it passes through to C++ callers,
+ *    and ends a program that has none.
  *
  * C99; the same functions serve C++. */
 /* clang-format on */
@@ -97,7 +98,8 @@ QEL_API void xstrunlock_c(__xstring_c s);
 /* Makes `e` the current exception in place of what was there; the slot takes a reference of its own, or owns
  * an exception of a class that is not countable. Null: empties the slot. */
 QEL_API void xsetexc_c(xthrowable* e);
-/* The current exception or null, with a reference for the caller if its class is countable. */
+/* The current exception or null, with a reference for the caller if its class is countable. One that is not
+ * lives while it is current: where other threads use the same slot, take it with xextractexc_c. */
 QEL_API xthrowable* xgetexc_c(void);
 /* Whether there is a current exception. */
 QEL_API unsigned char xisexc_c(void);
@@ -105,8 +107,11 @@ QEL_API unsigned char xisexc_c(void);
 QEL_API xthrowable* xextractexc_c(void);
 /* Empties the slot. */
 QEL_API void xcleanupexc_c(void);
-/* What `e` says in words: what a failure that is not the framework's own reported, else the description.
- * Null, xuninitobj, and classes that say nothing: the null string. Leaves the current exception alone. */
+/* 1: gives the calling thread a current exception of its own, empty at first and freed with the thread. 0:
+ * frees it; the thread uses the process's again, as every thread does from the start. */
+QEL_API void xthreadexc_c(unsigned char own);
+/* What `e` says in words, the registered name of its class when it says nothing. Null, xuninitobj: the null
+ * string. Leaves the current exception alone. */
 QEL_API __xstring_c xgetexctext_c(xthrowable* e);
 
 /* ---- sequences: xboolsequence_get, xintsequence_get, ...
@@ -142,7 +147,8 @@ QEL_C_SEQUENCE(xstringsequence, const char*, __xstring_c);
  *
  * create        A new empty dictionary with one reference, which is the caller's.
  * find          Whether there is such a key. Stores its value.
- * set           Assigns the value of the key, which is added if it is new.
+ * set           Assigns the value of the key, which is added if it is new. A null key makes
+ *               qellib::XInvalidDictKey current.
  * getbyindex    Whether the slot has an entry. Stores its value. A negative slot makes
  *               qellib::XNegativeIndex current here and below.
  * getkeybyindex The same with its key.

@@ -2,10 +2,13 @@
 
 #include <cstring>
 #include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
+#include <qel/base/btkabort.h>
 #include <qel/base/btkmemory.h>
+#include <qel/base/thrmutex.h>
 
 #include "qelexception.h"
 #include "xrttiancestors_p.h"
@@ -81,20 +84,29 @@ Block<xrttiobject*> parentsOf(const qelClass& cls)
     return {cls.parents, [](const qelParent& row) { return row.rtti(); }};
 }
 
-/// The descriptor of a class, as the kind that it is. The table learns of it before parents and attributes
-/// are asked for theirs: a class may refer to itself, or back to itself through others.
+// Descriptors are built under this lock. Classes refer to each other, to themselves too, so a descriptor is
+// begun before those that it refers to are asked for, and the thread that builds works with unfinished ones.
+// Other threads see all that were begun together at once, when all are whole.
+
+thrMutex& buildMutex()
+{
+    static thrMutex* const mutex = new thrMutex; // never destroyed: classes may be used after every static
+    return *mutex;
+}
+
+constinit bool isBuilding = false;
+constinit qelClass* begunClasses = nullptr; // those not published yet, the last begun first
+
+/// The descriptor of a class, as the kind that it is.
 template<class T>
 T* begin(qelClass& cls)
 {
-    T* const type = cls.begun != nullptr ? dynamic_cast<T*>(cls.begun) : new (pDefMemMgr) T;
-    cls.begun = cls.built = type;
+    if (cls.begun != nullptr)
+        return dynamic_cast<T*>(cls.begun);
+    T* const type = new (pDefMemMgr) T;
+    cls.begun = type;
+    cls.nextBegun = std::exchange(begunClasses, &cls);
     return type;
-}
-
-void publish(qelClass& cls, xrttiobject* type)
-{
-    qelRttiAddToMap(type);
-    qelRttiAddUserData(type, tableKey, &cls);
 }
 
 // Each of these keeps what it has made once the descriptor is initialized, which may fail.
@@ -151,8 +163,24 @@ void buildArrayType(qelClass& cls)
     extents.keep();
 }
 
+/// Refuses a table with rows that its kind of class has no place for: they would be lost.
+void check(const qelClass& cls)
+{
+    const char* fault = nullptr;
+    if (cls.elements != nullptr &&
+        (cls.parents.size() != 0 || cls.attrs.size() != 0 || cls.discriminator.name != nullptr))
+        fault = "a table with .elements has no .parents, .attrs or .discriminator";
+    else if (cls.discriminator.name != nullptr && cls.attrs.size() != 0)
+        fault = "a table with a .discriminator has no .attrs";
+    else if (cls.discriminator.name == nullptr && (cls.cases.size() != 0 || cls.otherwise.name != nullptr))
+        fault = "a table with .cases or .otherwise has a .discriminator";
+    if (fault != nullptr)
+        QEL_ABORT((std::string(cls.name) + ": " + fault).c_str());
+}
+
 void describe(qelClass& cls)
 {
+    check(cls);
     if (cls.elements == nullptr) {
         if (cls.discriminator.name != nullptr)
             buildUnion(cls);
@@ -173,31 +201,62 @@ void describe(qelClass& cls)
     }
 }
 
-void build(qelClass& cls)
-try {
-    if (cls.begun == nullptr || cls.begun->getName() == nullptr)
+/// A class that was begun and has no name yet: what is being built, or ran out of memory.
+qelClass* unfinished()
+{
+    qelClass* at = begunClasses;
+    while (at != nullptr && at->begun->getName() != nullptr)
+        at = at->nextBegun;
+    return at;
+}
+
+void publishAll()
+{
+    for (qelClass* at = begunClasses; at != nullptr; at = at->nextBegun) {
+        qelRttiAddToMap(at->begun);
+        qelRttiAddUserData(at->begun, tableKey, at);
+    }
+    for (; begunClasses != nullptr; begunClasses = begunClasses->nextBegun)
+        __atomic_store_n(&begunClasses->built, begunClasses->begun, __ATOMIC_RELEASE);
+}
+
+/// Whatever ends it early, the next call goes on with what was begun.
+xrttiobject* build(qelClass& cls)
+{
+    const thrLock lock(buildMutex());
+    if (cls.built != nullptr)
+        return cls.built; // by another thread meanwhile
+    if (cls.begun == nullptr && isBuilding)
         describe(cls);
-    cls.built = cls.begun;
-    publish(cls, cls.built);
-} catch (...) {
-    cls.built = nullptr; // the next call goes on with what was begun
-    throw;
+    if (isBuilding)
+        return cls.begun;
+
+    struct Building
+    {
+        Building() { isBuilding = true; }
+        ~Building() { isBuilding = false; }
+    } const building;
+    if (cls.begun == nullptr)
+        describe(cls);
+    while (qelClass* const left = unfinished())
+        describe(*left);
+    publishAll();
+    return cls.begun;
 }
 
 } // namespace
 
 xrttiobject* qelDescriptorOf(qelClass& cls)
 {
-    if (cls.built == nullptr)
-        build(cls);
-    return cls.built;
+    xrttiobject* const built = __atomic_load_n(&cls.built, __ATOMIC_ACQUIRE);
+    return built != nullptr ? built : build(cls);
 }
 
 void* qelDowncast(qelClass& cls, void* self, xobject* object, const xrttiobject* wanted)
 {
     if (!qelIsObject(wanted))
         return nullptr;
-    if (cls.built == wanted)
+    if (__atomic_load_n(&cls.built, __ATOMIC_ACQUIRE) == wanted)
         return self;
     if (qelDescriptorOf(cls)->xrtti::isSameAs(wanted))
         return self;

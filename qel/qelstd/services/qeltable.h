@@ -25,8 +25,8 @@
 // object is rebuilt.
 //
 // Tables are for sources: this header is not for the header of a class. A class is registered when its
-// descriptor is first asked for; qelRegister<Person, ...>() names classes and enumerations to be registered
-// while the program loads.
+// descriptor is first asked for, by whichever thread; qelRegister<Person, ...>() names classes and
+// enumerations to be registered while the program loads.
 
 class qelS11nContext;
 
@@ -76,7 +76,8 @@ struct qelShape
 };
 
 /// What the type system knows of a class. A class with `elements` is a sequence, dictionary or array, one
-/// with a `discriminator` is a union, and any other a structure.
+/// with a `discriminator` is a union, and any other a structure. A sequence, dictionary or array has neither
+/// parents nor attributes, and a union has no `attrs`: such a table ends the process when it is first used.
 struct qelClass
 {
     const char* name;
@@ -98,10 +99,12 @@ struct qelClass
     /// QEL_REBUILD. Null without memory.
     xobject* (*rebuild)(qelS11nContext* context) = nullptr;
 
-    /// The descriptor, once it has been asked for.
+    /// The descriptor, once it and all that it refers to are whole. Read and written atomically.
     xrttiobject* built = nullptr;
-    /// The same from the moment when it was begun: what ran out of memory goes on with it.
+    /// The same from the moment when it was begun: what ran out of memory goes on with it. Like nextBegun
+    /// used under the lock of building only.
     xrttiobject* begun = nullptr;
+    qelClass* nextBegun = nullptr;
 };
 
 /// The table from which the descriptor `type` was built, or null when it was built by hand.
@@ -121,7 +124,12 @@ struct qelValue
                                      "enumeration, or a pointer or handle to an exposed class");
     static xrtti* rtti() { return qelEnumRtti(static_cast<V*>(nullptr)); }
     static xany pack(V v) { return xany(static_cast<int>(v), qelEnumRtti(static_cast<V*>(nullptr))); }
-    static V unpack(const xany& a) { return static_cast<V>(static_cast<int>(a)); }
+    static V unpack(const xany& a)
+    {
+        if (a.isNull())
+            return qelUnset<V>();
+        return static_cast<V>(static_cast<int>(a));
+    }
 };
 
 #define QEL_BASIC_VALUE(V, builtin)                                 \
@@ -177,17 +185,21 @@ struct qelValue<xrcunihandle<T>> : qelValue<T*>
     static xany pack(const xrcunihandle<T>& h) { return xany(h.get()); }
 };
 
-/// A live T for the duration of a read: refuses null and uninit and keeps a counted object from disappearing.
+[[noreturn]] QEL_API void qelThrowNotLive();
+
+/// A live T for the duration of a read: refuses null and uninit, and keeps the object from being deleted
+/// where T is counted.
 template<class T>
 class qelReading
 {
 public:
     /// @throws qelXNotInitialized, qelXTypeMismatch
-    explicit qelReading(xobject* owner);
-    ~qelReading()
+    explicit qelReading(xobject* owner)
+        : object(qelIsObject(owner) ? qelCast<T>(owner) : nullptr),
+          held(object != nullptr && T::getClassRtti()->getIsRefCount() ? owner : nullptr)
     {
-        if (held != nullptr)
-            xrcrelease(held);
+        if (object == nullptr)
+            qelThrowNotLive();
     }
     qelReading(const qelReading&) = delete;
     qelReading& operator=(const qelReading&) = delete;
@@ -196,22 +208,9 @@ public:
     T* operator->() const { return object; }
 
 private:
-    T* object;
-    xobject* held; ///< null for a class that is not counted
+    T* const object;
+    const qelReadHold held;
 };
-
-[[noreturn]] QEL_API void qelThrowNotLive();
-
-template<class T>
-qelReading<T>::qelReading(xobject* owner) : object(nullptr), held(nullptr)
-{
-    if (!qelIsObject(owner))
-        qelThrowNotLive();
-    object = qelCast<T>(owner);
-    xrcattach(owner);
-    if (xrcgetcount(owner) > 0)
-        held = owner;
-}
 
 /// `Get` and `Set` are types of lambdas without a capture, so a row needs nothing but functions.
 template<class T, class Get, class Set>
@@ -399,16 +398,10 @@ struct qelNamed
     xobject* (*make)(); ///< a new object made without arguments; null where there is no such
 };
 
-/// The types that one qelRegister names; kept by pointer, forever.
-struct qelNamedTypes
-{
-    const qelNamed* types;
-    std::size_t count;
-    const qelNamedTypes* next = nullptr;
-};
-
-/// Makes them known to qelRttiCppName and qelRttiCreate; a second time: nothing.
-QEL_API void qelKeepNames(qelNamedTypes& more);
+/// Makes `type`, which is kept by pointer forever, known to qelRttiCppName and qelRttiCreate; a second time:
+/// nothing. When another type of C++ has been named under its registered name, one line on standard error
+/// says so: types are told apart by that name, and a cast may give a pointer to the wrong class.
+QEL_API void qelKeepNamed(const qelNamed& type);
 
 template<class T>
 constexpr qelNamed qelNamedOf()
@@ -430,6 +423,6 @@ void qelRegister()
 {
     (qelRegisterOne<T>(), ...);
     static constexpr qelNamed types[] = {qelNamedOf<T>()...};
-    static qelNamedTypes all{types, sizeof...(T)};
-    qelKeepNames(all);
+    for (const qelNamed& type : types)
+        qelKeepNamed(type);
 }

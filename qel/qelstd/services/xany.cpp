@@ -1,5 +1,8 @@
 #include "xany.h"
 
+#include <iterator>
+#include <string>
+
 #include <qel/base/btkabort.h>
 #include <qel/base/btkstrbuf.h>
 
@@ -131,6 +134,17 @@ unsigned char xany::operator==(const char* text) const
 
 // ---- conversions
 
+/// The fatal report of a conversion: its sentence and the kind that the variant has.
+[[noreturn]] static void abortConversion(const char* sentence, int kind)
+{
+    static constexpr const char* kinds[] = {"uninit", "null",     "an int",         "a bool",
+                                            "a real", "a string", "an enumeration", "an object"};
+    const std::string report =
+        std::string(sentence) + " It is " +
+        (kind >= 0 && kind < static_cast<int>(std::size(kinds)) ? kinds[kind] : "corrupt") + ".";
+    QEL_ABORT(report.c_str());
+}
+
 xany::operator int() const
 {
     switch (value.tag) {
@@ -143,7 +157,7 @@ xany::operator int() const
     case xanyEnum:
         return value.u.enumValue.value;
     default:
-        QEL_ABORT("Can not convert xany to xint.");
+        abortConversion("Can not convert xany to xint.", value.tag);
     }
 }
 
@@ -157,7 +171,7 @@ xany::operator unsigned char() const
     case xanyBool:
         return value.u.boolValue;
     default:
-        QEL_ABORT("Can not convert xany to xbool.");
+        abortConversion("Can not convert xany to xbool.", value.tag);
     }
 }
 
@@ -168,10 +182,12 @@ xany::operator double() const
         return xuninitreal;
     case xanyNull:
         return xnullreal;
+    case xanyInt:
+        return value.u.intValue;
     case xanyReal:
         return value.u.realValue;
     default:
-        QEL_ABORT("Can not convert xany to xreal.");
+        abortConversion("Can not convert xany to xreal.", value.tag);
     }
 }
 
@@ -184,7 +200,7 @@ xany::operator xstring() const
     case xanyString:
         return xstring(value.u.stringValue);
     default:
-        QEL_ABORT("Can not convert xany to xrstring.");
+        abortConversion("Can not convert xany to xrstring.", value.tag);
     }
 }
 
@@ -198,7 +214,7 @@ xany::operator xobject*() const
     case xanyObject:
         return value.u.objectValue;
     default:
-        QEL_ABORT("Can not convert xany to xobject.");
+        abortConversion("Can not convert xany to xobject.", value.tag);
     }
 }
 

@@ -121,8 +121,8 @@ public:
     requires std::is_arithmetic_v<N>
     unsigned char operator==(N number) const { return *this == xany(number); }
 
-    /// Null and uninit give the markers of the target type. A value of another kind is a broken invariant of
-    /// the caller and ends the process: ask the kind first.
+    /// Null and uninit give the markers of the target type; an int converts to a double too. A value of
+    /// another kind is a broken invariant of the caller and ends the process: ask the kind first.
     operator int() const;
     operator unsigned char() const;
     operator double() const;

@@ -1,6 +1,7 @@
 #include "xrtti.h"
 
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "qelexception.h"
@@ -43,7 +44,10 @@ unsigned hashOf(const char* text)
 
 xrtti::~xrtti()
 {
-    delete userData;
+    while (userData != nullptr) {
+        const std::unique_ptr<xrttiuserdata> gone(userData);
+        userData = gone->next;
+    }
 }
 
 void xrtti::initialize(const char* typeName)
@@ -69,16 +73,29 @@ unsigned char xrtti::isKindOf(const xrtti* other) const
     return qelIsObject(other) && (other->isSameAs(qelGetRtti_any()) || isSameAs(other));
 }
 
+static xrttiuserdata* findUserData(xrttiuserdata* const& head, const char* key)
+{
+    xrttiuserdata* at = __atomic_load_n(&head, __ATOMIC_ACQUIRE);
+    while (at != nullptr && at->key != key && std::strcmp(at->key, key) != 0)
+        at = at->next;
+    return at;
+}
+
 void xrtti::addUserData(const char* key, void* data)
 {
-    if (userData == nullptr)
-        userData = new xrttiuserdata;
-    userData->set(key, data);
+    if (key == nullptr)
+        return;
+    const thrLock lock(qelRttiMutex());
+    if (xrttiuserdata* const known = findUserData(userData, key))
+        known->data.store(data, std::memory_order_release);
+    else
+        __atomic_store_n(&userData, new xrttiuserdata{key, data, userData}, __ATOMIC_RELEASE);
 }
 
 void* xrtti::getUserData(const char* key)
 {
-    return userData == nullptr ? nullptr : userData->get(key);
+    xrttiuserdata* const found = key == nullptr ? nullptr : findUserData(userData, key);
+    return found == nullptr ? nullptr : found->data.load(std::memory_order_acquire);
 }
 
 // ---- xrttibasic, xrttienum
@@ -110,6 +127,11 @@ int xrttienum::mapStringToInt(const char* label)
         if (labels[i] == label || std::strcmp(labels[i], label) == 0)
             return i;
     return xnullint;
+}
+
+int qelLabelCount(xrttienum* type)
+{
+    return type->getNValues();
 }
 
 // ---- xrttiobject
@@ -254,6 +276,11 @@ xany xrttiarray::getElemValue(xobject* owner, xrchandle<xintsequence> indices)
     }
     for (int i = 0; i < count; ++i)
         list[i] = indices->get(i);
+    for (int i = 0; i < getNDimentions(); ++i) {
+        const int index = i < count ? list[i] : xnullint;
+        if (index < 0 || index >= getDimention(i))
+            qelhThrowInvalidArrayIndex(owner, i, index);
+    }
     return getElemValue(owner, list);
 }
 
@@ -395,8 +422,13 @@ xrttiattr* xrttiunion::mapLabelToAttr(int label, unsigned char inherited)
     if (!inherited) {
         hasLabel(label, &member);
     } else {
+        bool listed = false;
         xrttiancestors ancestors(
-            [&](xrttiobject* type) { return xrttiunion::cast(type)->hasLabel(label, &member); });
+            [&](xrttiobject* type) {
+                listed = xrttiunion::cast(type)->hasLabel(label, &member);
+                return member;
+            },
+            [&] { return !listed; });
         ancestors.answer(this);
     }
     return member;

@@ -7,14 +7,15 @@
 class xintsequence;
 struct xrttiuserdata;
 
-/// A function that reads one attribute of `owner`, a live object of the class that has the attribute.
+/// A function that reads one attribute of `owner`, a live object of the class that has the attribute. Those
+/// that tables make leave the count of `owner` as it was, 0 included.
 using xrttigetter = xany (*)(xobject* owner);
 
 /// The descriptor of a type: its name, and what generic code must know to walk values of the type.
 /// Descriptors are built once and never freed; their classes are not reference countable. An application may
 /// build descriptors of its own with the constructors and `initialize`; arrays given there are kept by
-/// pointer, and qelRttiAddToMap registers the result. On a descriptor, isSameAs and isKindOf ask about the
-/// type it describes.
+/// pointer, and qelRttiAddToMap registers the result. A descriptor may be used from any thread once it is
+/// registered. On a descriptor, isSameAs and isKindOf ask about the type it describes.
 class QEL_API xrtti : public virtual xobject
 {
     QEL_OBJECT(xrtti);
@@ -165,7 +166,10 @@ public:
     virtual xrtti* getElemType();
     virtual unsigned char getIsElemOptional();
     /// The element at `indices`, one index a dimension.
+    /// @throws qelXInvalidArrayIndex  an index is outside its extent, or there is none (xnullint) for a
+    ///                                dimension; dimensions are counted from 0
     virtual xany getElemValue(xobject* owner, xrchandle<xintsequence> indices);
+    /// The same with the indices taken as they are.
     virtual xany getElemValue(xobject* owner, int* indices);
 
 private:
@@ -255,8 +259,9 @@ public:
     virtual xrttiattr* getAttr(int i);
     /// The member for labels that are not listed, or null.
     virtual xrttiattr* getDefaultAttr();
-    /// The member of `label`, else the default member, else (with `inherited`) the first answer of a parent,
-    /// else null. A label that is neither null, uninit, int nor enumeration has no member.
+    /// The member of `label`, which may be listed without one (null); else the default member, else (with
+    /// `inherited`) the first answer of a parent that is not null, else null. A label that is neither null,
+    /// uninit, int nor enumeration has no member.
     /// @throws qelXTypeMismatch  a parent that is asked is no union
     virtual xrttiattr* mapLabelToAttr(xany label, unsigned char inherited);
     virtual xrttiattr* mapLabelToAttr(int label, unsigned char inherited);

@@ -6,17 +6,20 @@
 #include "xrtti.h"
 
 /// Asks a type and its ancestors, depth first, until one answers with more than 0 or null. A base that can be
-/// reached in several ways, of which there may be very many, is asked once.
-template<class Ask>
+/// reached in several ways, of which there may be very many, is asked once. `goesOn()` says after each answer
+/// that is 0 or null whether the type's own bases are asked.
+template<class Ask, class GoesOn = decltype([] { return true; })>
 class xrttiancestors
 {
 public:
-    explicit xrttiancestors(Ask a) : ask(a) {}
+    explicit xrttiancestors(Ask a, GoesOn g = {}) : ask(a), goesOn(g) {}
 
     auto answer(xrttiobject* type) -> decltype(std::declval<Ask>()(type))
     {
         if (auto found = ask(type))
             return found;
+        if (!goesOn())
+            return {};
         const int count = type->getNParents();
         for (int i = 0; i < count; ++i) {
             xrttiobject* const parent = type->getParent(i);
@@ -42,6 +45,7 @@ private:
     static constexpr int most = 16;
 
     Ask ask;
+    GoesOn goesOn;
     int used = 0;
     const xrttiobject* few[most];
     std::unordered_set<const xrttiobject*> more;

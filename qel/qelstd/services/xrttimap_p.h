@@ -1,58 +1,85 @@
 #pragma once
 
-#include <algorithm>
+#include <atomic>
 #include <cstring>
-#include <vector>
+#include <memory>
 
-/// A map from C strings, kept by pointer, to pointers: a sorted array with binary search. Null keys are never
-/// found.
-template<class V>
+#include <qel/base/btkmemory.h>
+#include <qel/base/thrmutex.h>
+
+struct qelNamed;
+class xrtti;
+
+// What is read by any thread without a lock while another one adds to it: nodes are whole before they are
+// linked, and are never removed. Who adds holds the lock of the registry.
+
+thrMutex& qelRttiMutex();
+
+/// One piece of user data of a descriptor. Keys are kept by pointer.
+struct xrttiuserdata
+{
+    const char* const key;
+    std::atomic<void*> data;
+    xrttiuserdata* const next;
+};
+
+/// A name under which a descriptor is registered.
+struct xrttientry
+{
+    /// What a qelRegister knows of a type of that name. There is more than one only by mistake.
+    struct Fact
+    {
+        const qelNamed& named;
+        Fact* const next;
+    };
+
+    const std::unique_ptr<const char[]> name;
+    std::atomic<xrtti*> type = nullptr;
+    std::atomic<Fact*> facts = nullptr;
+    xrttientry* const next;
+};
+
+/// The registry: a hash table of a fixed number of lists.
 class xrttimap
 {
 public:
-    void set(const char* key, V* data)
+    xrttientry* find(const char* name) const
     {
-        if (key == nullptr)
-            return;
-        const auto place = lowerBound(key);
-        if (place != entries.end() && std::strcmp(place->key, key) == 0)
-            *place = {key, data}; // the key too: the old one belongs to what was replaced
-        else
-            entries.insert(place, {key, data});
+        xrttientry* at = list(name).load(std::memory_order_acquire);
+        while (at != nullptr && std::strcmp(at->name.get(), name) != 0)
+            at = at->next;
+        return at;
     }
 
-    V* get(const char* key)
+    xrttientry& findOrAdd(const char* name)
     {
-        if (key == nullptr)
-            return nullptr;
-        const auto place = lowerBound(key);
-        return place != entries.end() && std::strcmp(place->key, key) == 0 ? place->data : nullptr;
+        if (xrttientry* const known = find(name))
+            return *known;
+        std::unique_ptr<const char[]> copy(btkStrDup(name));
+        std::atomic<xrttientry*>& head = list(name);
+        auto* const entry = new xrttientry{.name = std::move(copy), .next = head};
+        head.store(entry, std::memory_order_release);
+        return *entry;
     }
 
     template<class F>
     void forEach(F visit) const
     {
-        for (const Entry& entry : entries)
-            visit(entry.data);
+        for (const std::atomic<xrttientry*>& head : heads)
+            for (xrttientry* at = head.load(std::memory_order_acquire); at != nullptr; at = at->next)
+                visit(*at);
     }
 
 private:
-    struct Entry
-    {
-        const char* key;
-        V* data;
-    };
+    static constexpr unsigned size = 1024;
 
-    typename std::vector<Entry>::iterator lowerBound(const char* key)
+    std::atomic<xrttientry*>& list(const char* name) const
     {
-        return std::lower_bound(entries.begin(), entries.end(), key, [](const Entry& entry, const char* k) {
-            return std::strcmp(entry.key, k) < 0;
-        });
+        unsigned hash = 2166136261u; // FNV-1a, 32 bits
+        while (*name != '\0')
+            hash = (hash ^ static_cast<unsigned char>(*name++)) * 16777619u;
+        return heads[(hash ^ (hash >> 16)) % size];
     }
 
-    std::vector<Entry> entries;
-};
-
-struct xrttiuserdata : xrttimap<void>
-{
+    mutable std::atomic<xrttientry*> heads[size] = {};
 };
