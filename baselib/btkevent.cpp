@@ -2,6 +2,7 @@
 
 #include "btkpoll_p.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -22,11 +23,14 @@ btkPollSet::btkPollSet(std::size_t size, btkTimeval timeLimit)
 
 int btkPollSet::Sleep()
 {
-    const int ready = btkPoll(reinterpret_cast<pollfd*>(all), count, limit);
-    mayGoOn = ready > 0;
+    constexpr btkTimeval soon(0, 5000);
+    const int ready =
+        btkPoll(reinterpret_cast<pollfd*>(all), count, asksAgain ? std::min(limit, soon) : limit);
     if (limit > btkTimeval() && !limit.IsForever())
         limit = end - btkTimeval::Now();
-    return marked + (mayGoOn ? ready : 0);
+    mayGoOn = ready > 0 || (asksAgain && limit > btkTimeval());
+    asksAgain = false;
+    return marked + ready;
 }
 
 short btkBaseEvent::SelectEvents(int type)
@@ -37,8 +41,10 @@ short btkBaseEvent::SelectEvents(int type)
 
 bool btkBaseEvent::IsSignaled()
 {
-    if (watch->asks && OnAsk() != Ask)
-        return true;
+    if (watch->asks) {
+        if (const State state = OnAsk(); state != Ask)
+            return state == On;
+    }
     pollfd asked = {watch->handle, watch->events, 0};
     return btkPoll(&asked, 1, {}) > 0 && (!watch->asks || OnPolled(asked.revents));
 }
@@ -62,9 +68,11 @@ void btkEvent::PrepareAsked(btkPollSet::Place& place, btkPollSet& places)
     place = {watch.handle, watch.events, 0}; // asking may have changed it
     if (state == btkBaseEvent::Ask)
         return;
+    place.handle = -1;
     if (state == btkBaseEvent::On)
-        place.handle = -1;
-    places.Mark(place, state == btkBaseEvent::QuietOn);
+        places.Mark(place);
+    else
+        places.AskAgain();
 }
 
 bool btkEvent::Finish(const btkPollSet::Place& place)

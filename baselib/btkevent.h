@@ -14,9 +14,10 @@ class BASE_API btkBaseEvent
 public:
     /// What a kind knows before its descriptor is asked.
     enum State {
-        Ask,    // the descriptor decides
-        On,     // on, whatever the descriptor says
-        QuietOn // on, but no reason to end a wait: what is there was looked at already and is not enough
+        Ask,     // the descriptor decides
+        On,      // on, whatever the descriptor says
+        AskAgain // off, whatever the descriptor says, and nothing tells when that changes: a wait asks again
+                 // soon
     };
 
     virtual ~btkBaseEvent() = default;
@@ -101,14 +102,15 @@ public:
     btkPollSet& operator=(const btkPollSet&) = delete;
 
     Place& operator[](std::size_t i) { return all[i]; }
-    /// Marks a place as on without its descriptor. `quietly`: that does not end the sleep.
-    void Mark(Place& place, bool quietly)
+    /// Marks a place as on without its descriptor.
+    void Mark(Place& place)
     {
         place.events |= onMark;
         ++marked;
-        if (!quietly)
-            limit = {};
+        limit = {};
     }
+    /// Lets the next sleep end soon, so that all places are filled in again.
+    void AskAgain() { asksAgain = true; }
     /// Sleeps until a place is ready or what is left of the limit has passed. Answers how many places are
     /// found, or more.
     int Sleep();
@@ -124,6 +126,7 @@ private:
     btkTimeval limit;
     btkTimeval end;
     int marked = 0;
+    bool asksAgain = false;
     bool mayGoOn = true;
     Place near[512];
     Place* far = nullptr;

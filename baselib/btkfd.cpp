@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <fcntl.h>
-#include <limits>
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -65,20 +65,6 @@ sigset_t JustSigPipe()
 }
 
 } // namespace
-
-int btkPoll(pollfd* asked, std::size_t count, btkTimeval limit)
-{
-    const bool timed = limit > btkTimeval() && !limit.IsForever();
-    const btkTimeval end = timed ? btkTimeval::Now() + limit : limit;
-    for (;;) {
-        const timespec left = {limit.GetSeconds(), limit.GetMicroseconds() * 1000L};
-        const int answer = ppoll(asked, count, limit.IsForever() ? nullptr : &left, nullptr);
-        if (answer >= 0 || errno != EINTR)
-            return answer;
-        if (timed)
-            limit = end - btkTimeval::Now();
-    }
-}
 
 void btkFd::Reset(btkHandle owned)
 {
@@ -174,6 +160,11 @@ bool btkHasPositions(btkHandle handle)
     return lseek(handle, 0, SEEK_CUR) >= 0;
 }
 
+bool btkSetPosition(btkHandle handle, long long position)
+{
+    return lseek(handle, position, SEEK_SET) == position;
+}
+
 bool btkIsTerminal(btkHandle handle)
 {
     return isatty(handle) == 1;
@@ -221,14 +212,24 @@ std::size_t btkCountWritable(btkHandle handle, bool& broken)
     broken = (ready & (POLLERR | POLLNVAL)) != 0;
     if (broken || (ready & POLLOUT) == 0)
         return 0;
+    const std::size_t capacity = btkGetPipeSize(handle);
+    // A pipe that is ready has a free page at least.
+    return capacity == SIZE_MAX || btkCountReadable(handle) == 0
+               ? capacity
+               : static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+}
+
+std::size_t btkGetPipeSize(btkHandle handle)
+{
     const int capacity = fcntl(handle, F_GETPIPE_SZ);
-    if (capacity < 0)
-        return std::numeric_limits<std::size_t>::max(); // not a pipe: it takes what comes
-    // A ready pipe has a free page at least; the oldest and the newest page in use may be filled in part.
-    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-    const std::size_t used = (btkCountReadable(handle) + page - 1) / page * page;
-    const std::size_t size = static_cast<std::size_t>(capacity);
-    return used == 0 ? size : used + 2 * page <= size ? size - used - page : page;
+    return capacity < 0 ? SIZE_MAX : static_cast<std::size_t>(capacity);
+}
+
+bool btkIsSameFile(btkHandle a, btkHandle b)
+{
+    struct stat first, second;
+    return fstat(a, &first) == 0 && fstat(b, &second) == 0 && S_ISREG(first.st_mode) &&
+           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
 btkNoSigPipe::btkNoSigPipe()

@@ -71,6 +71,8 @@ BASE_API btkFd btkOpenFile(const char* path, int mode);
 BASE_API long long btkGetFileSize(btkHandle handle);
 /// Whether the descriptor has positions: files do, pipes, sockets and terminals do not.
 BASE_API bool btkHasPositions(btkHandle handle);
+/// Moves the position of a descriptor that has positions to `position` bytes from the beginning.
+BASE_API bool btkSetPosition(btkHandle handle, long long position);
 
 /// Whether somebody may be sitting at the other end.
 BASE_API bool btkIsTerminal(btkHandle handle);
@@ -79,10 +81,14 @@ BASE_API bool btkIsTerminal(btkHandle handle);
 BASE_API std::size_t btkCountReadable(btkHandle handle);
 /// Whether a read would answer at once: with bytes, with the end or with an error.
 BASE_API bool btkIsReadable(btkHandle handle, btkTimeval limit = {});
-/// The number of bytes that can surely be written without blocking. For a pipe it is rounded down to whole
-/// pages, which is how the host keeps them. 0 is also the answer for a descriptor that cannot be written:
-/// `broken` is set then.
+/// The number of bytes that can surely be written without blocking. For a pipe that holds something it is one
+/// page or none: the system keeps a pipe in pages, each of which may hold a byte or a few only. 0 is also
+/// returned for a descriptor that cannot be written: `broken` is set then.
 BASE_API std::size_t btkCountWritable(btkHandle handle, bool& broken);
+/// The number of bytes that an empty pipe takes; SIZE_MAX for what is no pipe.
+BASE_API std::size_t btkGetPipeSize(btkHandle handle);
+/// Whether both descriptors are of one plain file.
+BASE_API bool btkIsSameFile(btkHandle a, btkHandle b);
 
 /// A descriptor and where in it the next byte is: at `*position`, or, when that is null, wherever the host
 /// has it.

@@ -88,8 +88,12 @@ xfilebuf::pos_type xfilebuf::seekpos(pos_type position, std::ios_base::openmode)
 // file is not open for reading.
 bool xfilebuf::BeginReading()
 {
-    if ((mode & Read) == 0 || !WritePending())
+    if ((mode & Read) == 0)
         return false;
+    if (!WritePending()) {
+        SetFailed(true);
+        return false;
+    }
     if (pendingStart != nullptr)
         MoveTo(filePosition);
     return true;
@@ -120,6 +124,15 @@ std::size_t xfilebuf::CountPending()
         return xinputbuf::CountPending();
     const long long left = btkGetFileSize(file.Get()) - (filePosition + Pending());
     return left > 0 ? static_cast<std::size_t>(left) : 0;
+}
+
+std::size_t xfilebuf::CountReadable()
+{
+    const std::size_t count = xinputbuf::CountReadable();
+    if (count > 0 || !hasPositions || Pending() > 0)
+        return count;
+    sgetc();
+    return Held();
 }
 
 btkPlace xfilebuf::GetSourcePlace()

@@ -19,8 +19,13 @@ public:
     /// Opens `path`, as the host names it. Null when that fails; the reason is in errno. The caller owns the
     /// buffer.
     static xfilebuf* Open(const char* path, Mode mode);
-    /// Writes out what is pending; what cannot be written is lost. Ask pubsync first to know.
+    /// Writes out what is pending; what cannot be written is lost. Ask Finish first to know.
     ~xfilebuf() override;
+    bool Finish() override { return WritePending(); }
+    bool GiveBack() override { return hasPositions || xinputbuf::GiveBack(); }
+    /// Where the file has no size of its own, as those that the kernel makes up when they are read: what it
+    /// gives at once.
+    std::size_t CountReadable() override;
 
     /// Moves the position `offset` bytes from the beginning, from the position or from the end of the file.
     /// Pending output is written first and read-ahead dropped, so that what follows sees the file as it is.

@@ -17,8 +17,10 @@ char* xinputbuf::GetStorage()
 // Reads from the source and notes whether it has ended. Answers the number of bytes.
 std::size_t xinputbuf::ReadInto(char* to, std::size_t size)
 {
+    starvedStart = starvedEnd = nullptr;
     const std::ptrdiff_t count = ReadSome(to, size);
     SetEofReached(count <= 0);
+    SetFailed(count < 0);
     NoteHeld();
     return count <= 0 ? 0 : static_cast<std::size_t>(count);
 }
@@ -121,7 +123,5 @@ bool xinputbuf::OnTryUnderflow()
 
 btkBaseEvent::State xinputbuf::OnAskInput()
 {
-    if (Held() == 0)
-        return btkBaseEvent::Ask;
-    return gptr() == starvedStart && egptr() == starvedEnd ? btkBaseEvent::QuietOn : btkBaseEvent::On;
+    return Held() == 0 || IsStarved() ? btkBaseEvent::Ask : btkBaseEvent::On;
 }

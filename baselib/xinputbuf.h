@@ -12,6 +12,7 @@ class BASE_API xinputbuf : public xstreambuf
 public:
     /// What is held and what waits in the source.
     std::size_t CountReadable() override { return Held() + CountPending(); }
+    bool IsStarved() const override { return gptr() == starvedStart && egptr() == starvedEnd && Held() > 0; }
     btkHandle GetHandle() const override { return source; }
 
 protected:
@@ -58,7 +59,7 @@ private:
     xtrystreambuf view{*this};
     std::size_t filled = 0;  // bytes that the view which is out has taken from the source
     std::size_t allowed = 0; // and how many it may take
-    // The bytes that the last view ran out of, as long as they are all that is held.
+    // The bytes that the last view ran out of, until others are read.
     const char* starvedStart = nullptr;
     const char* starvedEnd = nullptr;
 };

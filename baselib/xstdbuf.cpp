@@ -1,13 +1,43 @@
 #include <qel/base/xstdbuf.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <ext/stdio_sync_filebuf.h>
 #include <iostream>
+#include <stdio_ext.h>
+#include <unistd.h>
+
+#include <qel/base/xbufaccess.h>
 
 namespace {
 
 std::streambuf& StandardBuffer(bool isError)
 {
     return isError ? *std::cerr.rdbuf() : *std::cout.rdbuf();
+}
+
+// Writes to the standard C stream behind `buffer`, where there is one and its own buffer has room, so that
+// nothing is written to the descriptor.
+bool FillStandard(std::streambuf& buffer, const char* from, std::size_t size)
+{
+    using Synchronized = __gnu_cxx::stdio_sync_filebuf<char>;
+    static std::atomic<std::streambuf*> known = nullptr;
+    if (&buffer != known.load(std::memory_order_relaxed)) {
+        if (dynamic_cast<Synchronized*>(&buffer) == nullptr)
+            return false;
+        known.store(&buffer, std::memory_order_relaxed);
+    }
+    FILE* const file = static_cast<Synchronized&>(buffer).file();
+    flockfile(file);
+    const bool hasRoom =
+        __flbf(file) == 0 && size < __fbufsize(file) - std::min(__fbufsize(file), __fpending(file));
+    const bool filled = hasRoom && fwrite_unlocked(from, 1, size, file) == size;
+    funlockfile(file);
+    return filled;
 }
 
 // Calls `write` with SIGPIPE kept from the caller.
@@ -35,16 +65,39 @@ xostdbuf::xostdbuf(int type) : xoutputbuf(type == 0 ? 1 : 2), isError(type != 0)
 {
 }
 
+bool xistdbuf::GiveBack()
+{
+    if (Held() > 0 && lseek(GetHandle(), -static_cast<off_t>(Held()), SEEK_CUR) >= 0)
+        DropHeld();
+    return Held() == 0;
+}
+
+bool xostdbuf::FlushAll()
+{
+    return WithoutSignal(
+        [] { return std::cout.rdbuf()->pubsync() == 0 && std::cerr.rdbuf()->pubsync() == 0; });
+}
+
 xostdbuf::int_type xostdbuf::overflow(int_type byte)
 {
     if (traits_type::eq_int_type(byte, traits_type::eof()))
         return traits_type::not_eof(byte);
-    return WithoutSignal([&] { return StandardBuffer(isError).sputc(traits_type::to_char_type(byte)); });
+    const char written = traits_type::to_char_type(byte);
+    return xsputn(&written, 1) == 1 ? byte : traits_type::eof();
 }
 
 std::streamsize xostdbuf::xsputn(const char* from, std::streamsize count)
 {
-    return WithoutSignal([&] { return StandardBuffer(isError).sputn(from, count); });
+    std::streambuf& buffer = StandardBuffer(isError);
+    const std::size_t size = count < 0 ? 0 : static_cast<std::size_t>(count);
+    if (char* const room = xbufaccess::Reserve(buffer, size); room != nullptr && size <= INT_MAX) {
+        std::memcpy(room, from, size);
+        xbufaccess::Commit(buffer, static_cast<int>(size));
+        return count;
+    }
+    if (FillStandard(buffer, from, size))
+        return count;
+    return WithoutSignal([&] { return buffer.sputn(from, count); });
 }
 
 int xostdbuf::sync()

@@ -9,6 +9,8 @@ class BASE_API xistdbuf : public xinputbuf
 public:
     xistdbuf() : xinputbuf(0) {}
 
+    bool GiveBack() override;
+
 protected:
     std::ptrdiff_t ReadSome(char* to, std::size_t size) override;
 };
@@ -19,6 +21,9 @@ class BASE_API xostdbuf : public xoutputbuf
 {
 public:
     explicit xostdbuf(int type);
+
+    /// Brings what was written to std::cout and std::cerr to the descriptors. False when that fails.
+    static bool FlushAll();
 
 protected:
     int_type overflow(int_type byte) override;

@@ -11,7 +11,7 @@ public:
             next->place = &next;
         owner.eventList = this;
         place = &owner.eventList;
-        GetWatch().asks = isInput;
+        GetWatch().asks = true;
     }
     ~xbufferevent() override { Leave(); }
 
@@ -27,11 +27,11 @@ public:
         GetWatch() = {-1, 0, true};
     }
 
-    // The buffer has taken bytes from its source: they are to be asked for until they are gone.
-    static void NoteHeld(xbufferevent* list)
+    // The buffer knows something of its input or output: its events of that kind ask it before they look.
+    static void NoteKnown(xbufferevent* list, bool ofInput)
     {
         for (; list != nullptr; list = list->next)
-            list->GetWatch().asks = list->isInput;
+            list->GetWatch().asks |= list->isInput == ofInput;
     }
 
 protected:
@@ -39,6 +39,11 @@ protected:
     {
         if (buffer == nullptr)
             return On;
+        if (!isInput) {
+            const State state = buffer->OnAskOutput();
+            GetWatch().asks = state != Ask;
+            return state;
+        }
         const bool mayKnow = buffer->gptr() != buffer->egptr() || buffer->asksInput;
         GetWatch().asks = mayKnow;
         return mayKnow ? buffer->OnAskInput() : Ask;
@@ -64,7 +69,7 @@ xstreambuf::~xstreambuf()
 
 std::streambuf* xstreambuf::GetTryIBuf()
 {
-    tryExhausted = false;
+    tryExhausted = tryTooLarge = false;
     return OnGetTryIBuf();
 }
 
@@ -75,7 +80,7 @@ void xstreambuf::FreeTryIBuf()
 
 std::streambuf* xstreambuf::GetTryOBuf()
 {
-    tryExhausted = false;
+    tryExhausted = tryTooLarge = false;
     return OnGetTryOBuf();
 }
 
@@ -94,7 +99,12 @@ void xstreambuf::PassTo(xstreambuf& to)
 
 void xstreambuf::NoteHeld()
 {
-    xbufferevent::NoteHeld(eventList);
+    xbufferevent::NoteKnown(eventList, true);
+}
+
+void xstreambuf::NoteShort()
+{
+    xbufferevent::NoteKnown(eventList, false);
 }
 
 btkBaseEvent* xstreambuf::MakeInputEvent(btkHandle handle)
@@ -126,8 +136,11 @@ std::streamsize xtryoutputbuf::xsputn(const char*, std::streamsize count)
 {
     const std::size_t size = count < 0 ? 0 : static_cast<std::size_t>(count);
     const std::size_t taken = size < room ? size : room;
-    if (taken < size && !isBroken)
+    if (size > largest)
+        owner.SetTryTooLarge();
+    else if (taken < size && !isBroken)
         owner.SetTryExhausted();
     room -= taken;
+    largest -= taken;
     return static_cast<std::streamsize>(taken);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <streambuf>
 
 #include <qel/base/btkevent.h>
@@ -29,14 +30,18 @@ public:
     void FreeTryOBuf();
     /// Whether the last view or area came to its end: more was asked of it than it had.
     bool IsTryExhausted() const { return tryExhausted; }
+    /// Whether the last area was asked for more than it can ever take at once.
+    bool IsTryTooLarge() const { return tryTooLarge; }
+    /// Whether the unread bytes that are held are those that the last view ran out of, and no others.
+    virtual bool IsStarved() const { return false; }
 
     // ---- events; the caller owns them. Once the buffer is gone they are on for ever.
 
     /// On while there is input, held here or waiting in the source, and at the end of the input. Bytes that a
-    /// try view has shown, and that were not enough, do not end a wait. Null when this buffer has no such
-    /// event.
+    /// try view has shown, and that were not enough, do not count. Null when this buffer has no such event.
     btkBaseEvent* GetInputEvent() { return OnGetInputEvent(); }
-    /// On while something can be written. Null when this buffer has no such event.
+    /// On while something can be written; after an area that was too small, while more can be written than
+    /// could be then. Null when this buffer has no such event.
     btkBaseEvent* GetOutputEvent() { return OnGetOutputEvent(); }
 
     /// Lets the host move the input, of which nothing is held, to the target of `to`, as far as it can do
@@ -47,6 +52,13 @@ public:
 
     /// Whether no more input can arrive than what is held.
     bool IsEofReached() const { return eofReached; }
+    /// Whether the input ended because it could not be read: a failed device, a reset connection.
+    bool HasFailed() const { return failed; }
+    /// Writes out what is pending, before the buffer is destroyed. False when bytes are lost by that of which
+    /// the caller should know; where the reader has closed its end, nobody misses them.
+    virtual bool Finish() { return true; }
+    /// Gives what was read ahead back to the source, for others who read it. False where that cannot be done.
+    virtual bool GiveBack() { return gptr() == egptr(); }
     /// The number of bytes that can be read without waiting.
     virtual std::size_t CountReadable() { return 0; }
     /// The host's handle behind the buffer; stays the buffer's. -1: none.
@@ -56,7 +68,9 @@ protected:
     xstreambuf() = default;
 
     void SetEofReached(bool reached = true) { eofReached = reached; }
+    void SetFailed(bool hasFailed) { failed = hasFailed; }
     void SetTryExhausted() { tryExhausted = true; }
+    void SetTryTooLarge() { tryTooLarge = true; }
 
     /// Where the host has the next byte to be read or written; no handle when bytes are held here, or are not
     /// simply those of the descriptor.
@@ -78,6 +92,9 @@ protected:
     /// once SetAsksInput was called.
     virtual btkBaseEvent::State OnAskInput() { return btkBaseEvent::Ask; }
     void NoteHeld();
+    /// The same for the output events, which ask once after each NoteShort.
+    virtual btkBaseEvent::State OnAskOutput() { return btkBaseEvent::Ask; }
+    void NoteShort();
     void SetAsksInput()
     {
         asksInput = true;
@@ -98,7 +115,9 @@ private:
     xbufferevent* eventList = nullptr; // those that are alive
     bool asksInput = false;
     bool eofReached = false;
+    bool failed = false;
     bool tryExhausted = false;
+    bool tryTooLarge = false;
 };
 
 /// A try view that lends bytes of its owner's buffer.
@@ -131,11 +150,12 @@ class BASE_API xtryoutputbuf : public std::streambuf
 public:
     explicit xtryoutputbuf(xstreambuf& lender) : owner(lender) {}
 
-    /// Takes `count` bytes from now on. When `broken`, what is too much failed, and would not just have to
-    /// wait.
-    void SetRoom(std::size_t count, bool broken)
+    /// Takes `count` bytes from now on, of at most `most` that can ever be taken at once. When `broken`, what
+    /// is too much failed, and would not just have to wait.
+    void SetRoom(std::size_t count, bool broken, std::size_t most = SIZE_MAX)
     {
         room = count;
+        largest = most;
         isBroken = broken;
     }
 
@@ -146,5 +166,6 @@ protected:
 private:
     xstreambuf& owner;
     std::size_t room = 0;
+    std::size_t largest = 0;
     bool isBroken = false;
 };

@@ -4,6 +4,13 @@
 #include <cstring>
 #include <new>
 
+namespace {
+
+// A larger block is given back when little of it is used.
+constexpr std::size_t keptCapacity = 65536;
+
+} // namespace
+
 xstringbuf::xstringbuf(const char* text, std::size_t size) : readOnly(true)
 {
     Reallocate(size);
@@ -25,22 +32,46 @@ void xstringbuf::Reallocate(std::size_t size)
 
 std::size_t xstringbuf::GetSize() const
 {
-    return readOnly ? capacity : static_cast<std::size_t>(pptr() - storage.get());
+    return readOnly ? capacity : static_cast<std::size_t>(pptr() - storage.get()) - forgotten;
+}
+
+void xstringbuf::DiscardRead()
+{
+    if (readOnly)
+        return;
+    forgotten = static_cast<std::size_t>(gptr() - storage.get());
+    const std::size_t left = GetSize();
+    // What is left is moved to the front once that costs no more than it is worth.
+    if (left > 0 && left <= forgotten)
+        std::memcpy(storage.get(), gptr(), left);
+    if (left <= forgotten)
+        forgotten = 0;
+    Place(0, left);
+    if (forgotten == 0 && capacity > keptCapacity && left < capacity / 4) {
+        Reallocate(std::max(left, keptCapacity));
+        Place(0, left);
+    }
+}
+
+// Sets the areas for what is in the storage: `size` bytes that are not forgotten, of which `read` were read.
+void xstringbuf::Place(std::size_t read, std::size_t size)
+{
+    char* const start = storage.get() + forgotten;
+    setg(start, start + read, start + size);
+    setp(start + size, storage.get() + capacity);
 }
 
 // Makes room for `count` bytes behind what was written.
 void xstringbuf::Grow(std::size_t count)
 {
-    const std::size_t size = GetSize();
-    if (capacity - size >= count)
+    const std::size_t size = GetSize(), used = forgotten + size;
+    if (capacity - used >= count)
         return;
-    if (count > static_cast<std::size_t>(-1) / 4 - size)
+    if (count > static_cast<std::size_t>(-1) / 4 - used)
         throw std::bad_alloc();
-    const std::ptrdiff_t read = gptr() - eback();
-    Reallocate(std::max({std::size_t(256), capacity * 2, size + count}));
-    char* const start = storage.get();
-    setg(start, start + read, start + size);
-    setp(start + size, start + capacity);
+    const std::size_t read = static_cast<std::size_t>(gptr() - eback());
+    Reallocate(std::max({std::size_t(256), capacity * 2, used + count}));
+    Place(read, size);
 }
 
 // Lets the get area reach up to what was written. True when there is something unread.

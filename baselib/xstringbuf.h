@@ -14,9 +14,12 @@ public:
     /// A private copy of `text`; read-only.
     xstringbuf(const char* text, std::size_t size);
 
-    /// All that was written, without a terminator; valid until the next write. Null when nothing was.
-    const char* GetText() const { return storage.get(); }
+    /// All that was written and is not forgotten, without a terminator; valid until the next write. Null when
+    /// nothing was.
+    const char* GetText() const { return storage == nullptr ? nullptr : storage.get() + forgotten; }
     std::size_t GetSize() const;
+    /// Forgets what was read of what was written, and gives back memory of which little is used then.
+    void DiscardRead();
     std::size_t CountReadable() override;
 
 protected:
@@ -31,6 +34,7 @@ protected:
 private:
     void Reallocate(std::size_t size);
     void Grow(std::size_t count);
+    void Place(std::size_t read, std::size_t size);
     bool ShowWritten();
 
     struct Free
@@ -40,6 +44,7 @@ private:
 
     std::unique_ptr<char, Free> storage; // of the C runtime, which can let a block grow where it is
     std::size_t capacity = 0;
+    std::size_t forgotten = 0; // bytes at the start of the storage
     bool readOnly = false;
     xtrystreambuf view{*this};
 };

@@ -3,9 +3,11 @@
 #include <csignal>
 #include <limits>
 #include <memory>
+#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 
+#include "support/child.h"
 #include "support/interrupt.h"
 #include <qel/base/btkevent.h>
 #include <qel/base/btkpipe.h>
@@ -29,10 +31,16 @@ public:
     explicit ToldEvent(btkHandle input) : btkBaseEvent(input, 1 /* POLLIN */, true) {}
 
     State state = Ask;
+    int asksUntilOn = 0; // then the state changes from AskAgain to On
     int falseAlarms = 0;
 
 protected:
-    State OnAsk() override { return state; }
+    State OnAsk() override
+    {
+        if (asksUntilOn > 0 && --asksUntilOn == 0)
+            state = On;
+        return state;
+    }
     bool OnPolled(short) override
     {
         if (falseAlarms == 0)
@@ -127,11 +135,12 @@ TEST(btkEvent, AsksAKindForWhatItKnowsBesideItsDescriptor)
     told->state = ToldEvent::On;
     EXPECT_EQ(btkEvent::Wait({&event}, btkTimeval::Forever()), 1);
 
-    // Bytes that were looked at already do not cut a wait short, but are there when it ends.
-    told->state = ToldEvent::QuietOn;
-    EXPECT_TRUE(event.IsSignaled());
-    EXPECT_GE(SecondsOf([&] { EXPECT_EQ(btkEvent::Wait({&event}, btkTimeval(0.05)), 1); }), 0.05);
+    // Off although its descriptor is ready, until it is asked again.
     pipe.Put();
+    told->state = ToldEvent::AskAgain;
+    EXPECT_FALSE(event.IsSignaled());
+    EXPECT_GE(SecondsOf([&] { EXPECT_EQ(btkEvent::Wait({&event}, btkTimeval(0.05)), 0); }), 0.05);
+    told->asksUntilOn = 3;
     EXPECT_EQ(btkEvent::Wait({&event}, btkTimeval::Forever()), 1);
 
     told->state = ToldEvent::Ask;
@@ -157,4 +166,35 @@ TEST(btkEvent, WaitsForMoreThanAThousandPipes)
     EXPECT_TRUE(events[count - 1]->WasSignaled());
     EXPECT_FALSE(events[0]->WasSignaled());
     writer.join();
+}
+
+// The system polls no more entries at once than a process may open descriptors.
+TEST(btkEvent, WaitsForMoreEventsThanDescriptorsMayBeOpened)
+{
+    EXPECT_EQ(runInChild([] {
+                  std::vector<Pipe> pipes(40);
+                  std::vector<std::unique_ptr<btkEvent>> events;
+                  btkEvent::List list;
+                  for (Pipe& pipe : pipes) {
+                      for (int i = 0; i < 4; ++i)
+                          list.push_back(events.emplace_back(pipe.Readable()).get());
+                  }
+                  // More entries than the limit, of fewer descriptors; and fewer than the descriptors, too.
+                  for (const rlim_t most : {100, 16}) {
+                      const rlimit limit = {most, most};
+                      setrlimit(RLIMIT_NOFILE, &limit);
+                      bool isEarly = false;
+                      if (SecondsOf([&] { isEarly = btkEvent::Wait(list, btkTimeval(0.1)) != 0; }) < 0.1 ||
+                          isEarly)
+                          return 1;
+                      pipes[33].Put();
+                      if (btkEvent::Wait(list, btkTimeval::Forever()) != 4 || !list[4 * 33]->WasSignaled() ||
+                          list[0]->WasSignaled())
+                          return 2;
+                      char taken;
+                      btkRead(pipes[33].input.Get(), &taken, 1);
+                  }
+                  return 0;
+              }),
+              0);
 }

@@ -98,7 +98,7 @@ TEST_F(btkPipe, TellsWhatCanBeReadAndWrittenWithoutBlocking)
     char byte;
     EXPECT_EQ(btkRead(input.Get(), &byte, 1), 1);
     while (const std::size_t left = btkCountWritable(output.Get(), broken)) {
-        const std::string part(left < 3001 ? left : 3001, 'z');
+        const std::string part(left < 3001 ? left : 3001, 'z'); // each leaves a part of a page unused
         ASSERT_EQ(write(output.Get(), part.data(), part.size()), static_cast<ssize_t>(part.size()));
     }
     EXPECT_FALSE(broken);

@@ -230,10 +230,12 @@ TEST_F(PipeBuffers, DoesNotWakeAWaitForBytesThatWereTooFew)
     Put(*output, "ab");
     EXPECT_EQ(Try(*input, 4), "ab");
 
-    EXPECT_TRUE(pending.IsSignaled());
+    EXPECT_FALSE(pending.IsSignaled());
+    EXPECT_EQ(btkEvent::Wait({&pending}, {}), 0);
     const btkTimeval start = btkTimeval::Now();
-    btkEvent::Wait({&pending}, btkTimeval(0.05));
+    EXPECT_EQ(btkEvent::Wait({&pending}, btkTimeval(0.05)), 0);
     EXPECT_GE(btkTimeval::Now() - start, btkTimeval(0.05));
+    EXPECT_FALSE(pending.WasSignaled());
 
     Put(*output, "cd");
     EXPECT_EQ(btkEvent::Wait({&pending}, btkTimeval::Forever()), 1);
@@ -241,6 +243,59 @@ TEST_F(PipeBuffers, DoesNotWakeAWaitForBytesThatWereTooFew)
     EXPECT_EQ(Take(*input, 1), "a");
     EXPECT_EQ(btkEvent::Wait({&pending}, btkTimeval::Forever()),
               1); // some were consumed: they may be enough now
+
+    // As many bytes in the same place, but others: they were not looked at yet.
+    EXPECT_EQ(Try(*input, 9), "bcd");
+    EXPECT_EQ(Take(*input, 3), "bcd");
+    Put(*output, "xyz!");
+    EXPECT_EQ(Take(*input, 1), "x");
+    EXPECT_EQ(btkEvent::Wait({&pending}, btkTimeval::Forever()), 1);
+}
+
+TEST(xopipebuf, QuietsItsEventAfterAShortTryUntilThereIsMoreRoom)
+{
+    btkOutputPipe output;
+    btkInputPipe input;
+    ASSERT_TRUE(btkAnonymousPipe::Create(output, input));
+    xopipebuf buffer(std::move(output));
+    btkEvent writable(buffer.GetOutputEvent());
+    const std::string page(4096, 'p'), three(12288, 't');
+    const auto tries = [&](const std::string& text) {
+        const std::streamsize taken = Put(*buffer.GetTryOBuf(), text);
+        buffer.FreeTryOBuf();
+        return taken == static_cast<std::streamsize>(text.size());
+    };
+    const auto readPage = [&] {
+        char taken[4096];
+        EXPECT_EQ(btkRead(input.Get(), taken, sizeof taken), 4096);
+    };
+    while (tries(page))
+        Put(buffer, page);
+    readPage();
+
+    EXPECT_EQ(btkEvent::Wait({&writable}, {}), 1);
+    EXPECT_FALSE(tries(three));
+    EXPECT_EQ(btkEvent::Wait({&writable}, btkTimeval(0.03)), 0);
+    EXPECT_FALSE(writable.IsSignaled());
+    EXPECT_TRUE(tries(page));
+    EXPECT_TRUE(writable.IsSignaled());
+
+    EXPECT_FALSE(tries(three));
+    std::thread reader([&] {
+        while (btkCountReadable(input.Get()) > 0)
+            readPage();
+    });
+    EXPECT_EQ(btkEvent::Wait({&writable}, btkTimeval::Forever()), 1);
+    reader.join();
+    EXPECT_TRUE(tries(three));
+    EXPECT_FALSE(tries(std::string(1 << 20, 'l')));
+    EXPECT_TRUE(buffer.IsTryTooLarge());
+
+    EXPECT_TRUE(tries(page));
+    Put(buffer, "x");
+    EXPECT_FALSE(tries(three));
+    input.Reset();
+    EXPECT_EQ(btkEvent::Wait({&writable}, btkTimeval::Forever()), 1); // without a reader, too
 }
 
 TEST_F(PipeBuffers, TestsWritesAndSendsNothing)

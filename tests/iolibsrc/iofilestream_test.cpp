@@ -218,3 +218,48 @@ TEST_F(FileStream, IsDescribed)
     EXPECT_EQ(qelGetRtti_ioDirection()->mapStringToInt("ioEnd"), 1);
     EXPECT_EQ(qelGetRtti_ioOpenMode()->mapStringToInt("ioReadWrite"), 2);
 }
+
+TEST_F(FileStream, ReportsAReadThatFailedAsAnErrorAndNoEnd)
+{
+    // Nothing is mapped at the beginning of this process's memory: reading there fails.
+    const Owned<ioFileStream> memory(ioFileStream::Open("/proc/self/mem", ioReadOnly));
+    EXPECT_EQ(memory->TryReadInt(), ioIOError);
+    EXPECT_EQ(FailureOf([&] { memory->ReadInt(); }), "Stream Error (iolib): I/O error");
+    EXPECT_EQ(memory->getIsBad(), 1);
+    EXPECT_EQ(memory->getIsEof(), 0);
+
+    memory->setIsFail(0);
+    const auto copy = Open(ioWriteOnly, ioSerializer::getAscii());
+    EXPECT_EQ(FailureOf([&] { CopyStream(copy.get(), memory.get()); }), "Stream Error (iolib): I/O error");
+}
+
+TEST_F(FileStream, ReportsAtCloseWhatCanNotBeWritten)
+{
+    Owned<ioFileStream> full(ioFileStream::Open("/dev/full", ioWriteOnly));
+    full->WriteInt(1);
+    EXPECT_EQ(FailureOf([&] { full->Close(); }), "Stream Error (iolib): I/O error");
+    EXPECT_EQ(full->getIsOpen(), 0);
+    EXPECT_EQ(FailureOf([&] { full->Close(); }), "");
+
+    full.reset(ioFileStream::Open("/dev/full", ioWriteOnly));
+    full->WriteInt(1);
+    EXPECT_EQ(FailureOf([&] { full.reset(); }), ""); // a destructor stays silent
+}
+
+TEST_F(FileStream, CopiesAFileOntoItsOwnEndOnce)
+{
+    dir.write("f", std::string(10000, 'a'));
+    const auto from = Open(ioReadOnly), to = Open(ioReadWrite);
+    to->SeekOff(0, ioEnd);
+    CopyStream(to.get(), from.get());
+    to->Flush(1);
+    EXPECT_EQ(to->TellSize(), 20000);
+}
+
+TEST_F(FileStream, CountsWhatAFileOfTheKernelGives)
+{
+    const Owned<ioFileStream> file(ioFileStream::Open("/proc/self/status", ioReadOnly));
+    const unsigned count = file->PeekNBytes();
+    EXPECT_GT(count, 0u);
+    EXPECT_EQ(RestOf(*file).substr(0, 5), "Name:");
+}

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <ctime>
 #include <thread>
 
 #include "iosupport.h"
@@ -122,6 +123,7 @@ TEST_F(PipeStreams, TestWritesWithoutSending)
 {
     EXPECT_EQ(out.TryWriteInt(7), ioSuccess);
     EXPECT_EQ(out.TryWriteString("text"), ioSuccess);
+    EXPECT_EQ(out.TryWriteString(std::string(1 << 20, 'l').c_str()), ioNotSupported); // at no time
     EXPECT_EQ(in.PeekNBytes(), 0u);
 
     const std::string page(4096, 'p');
@@ -176,6 +178,108 @@ TEST_F(PipeStreams, LeaveEventsThatOutliveThem)
     pipe.reset();
     EXPECT_EQ(pending->getStream(), nullptr);
     EXPECT_EQ(pending->Wait(INFINITE), 1);
+}
+
+// 32 MiB that arrive in small parts: searching them again each time takes a minute.
+TEST_F(PipeStreams, LookAtATextOnceWhileItArrives)
+{
+    for (ioSerializer* const form : {ioSerializer::getAscii(), ioSerializer::getXDR()}) {
+        const Owned<ioPipe> each(ioPipe::Create());
+        ioPipeStream &to = *each->getWriteEnd(), &from = *each->getReadEnd();
+        to.setSerializer(form);
+        from.setSerializer(form);
+        const std::string large(32 << 20, 'v');
+        std::thread writer([&] {
+            to.WriteString(large.c_str());
+            to.WriteByte('\n');
+        });
+        const Owned<ioEvent> pending(from.InputEvent());
+        const std::clock_t start = std::clock();
+        while (from.TryReadString(nullptr) == ioWouldBlock)
+            ASSERT_EQ(pending->Wait(20.0), 1);
+        writer.join();
+        EXPECT_LT(std::clock() - start, 5 * CLOCKS_PER_SEC);
+        EXPECT_TRUE(TextOf(from.ReadString(nullptr)) == large);
+    }
+}
+
+TEST_F(PipeStreams, FindADelimiterBehindWhatWasSearched)
+{
+    UseForm(ioSerializer::getAscii());
+    const auto tries = [this](const char* more, const char* delims) {
+        out.WriteString(more);
+        return in.TryReadString(delims);
+    };
+    EXPECT_EQ(tries("  ", nullptr), ioWouldBlock);
+    EXPECT_EQ(tries("a b", nullptr), ioWouldBlock);
+    EXPECT_EQ(tries(";", nullptr), ioWouldBlock);
+    EXPECT_EQ(tries("", ";"), ioSuccess); // another delimiter, in what was searched
+    EXPECT_EQ(tries("", ","), ioWouldBlock);
+    EXPECT_EQ(in.ReadByte(), 'a');
+    EXPECT_EQ(tries("c\n", nullptr), ioSuccess);
+    EXPECT_EQ(TextOf(in.ReadString(nullptr)), "b;c");
+    EXPECT_EQ(tries(" ", ","), ioWouldBlock);
+    EXPECT_EQ(tries(" ,x", ","), ioFormatError);
+}
+
+TEST_F(PipeStreams, GatherWhenTheyAreBuffered)
+{
+    out.setBuffered(true);
+    out.WriteInt(1);
+    EXPECT_EQ(in.PeekNBytes(), 0u);
+    out.Flush(1);
+    EXPECT_EQ(in.PeekNBytes(), 4u);
+
+    for (int i = 0; i < 1025; ++i) // 4 KiB and one more
+        out.WriteInt(i);
+    EXPECT_EQ(in.PeekNBytes(), 4u + 4096u);
+    out.setBuffered(false);
+    EXPECT_EQ(in.PeekNBytes(), 4u + 4100u);
+    out.WriteInt(2);
+    EXPECT_EQ(in.PeekNBytes(), 4u + 4104u);
+
+    out.setBuffered(true);
+    out.WriteInt(3);
+    const std::string large(5000, 'l');
+    out.WriteString(large.c_str());
+    out.WriteInt(4);
+    out.Close();
+    EXPECT_EQ(in.PeekNBytes(), 4u + 4104u + 4u + 5004u + 4u);
+    EXPECT_EQ(FailureOf([&] { in.setBuffered(true); }), "Stream Error (iolib): output denied");
+
+    // Nobody misses what is gathered for a reader that has closed.
+    const Owned<ioPipe> unread(ioPipe::Create());
+    unread->getWriteEnd()->setBuffered(true);
+    unread->getWriteEnd()->WriteInt(1);
+    unread->getReadEnd()->Close();
+    EXPECT_EQ(FailureOf([&] { unread->getWriteEnd()->Close(); }), "");
+}
+
+TEST(StringStreams, GiveTheirBytesAndForgetWhatWasRead)
+{
+    const auto stream = MemoryStream(ioSerializer::getXDR());
+    unsigned int size = 9;
+    EXPECT_EQ(stream->getBytes(&size), nullptr);
+    EXPECT_EQ(size, 0u);
+    for (int i = 0; i < 3; ++i)
+        stream->WriteInt(i);
+    const char* const bytes = stream->getBytes(&size);
+    EXPECT_EQ(std::string(bytes, size), Hex("00 00 00 00 00 00 00 01 00 00 00 02"));
+
+    EXPECT_EQ(stream->ReadInt(), 0);
+    stream->DiscardRead();
+    stream->WriteInt(3);
+    const char* const rest = stream->getBytes(&size);
+    EXPECT_EQ(std::string(rest, size), Hex("00 00 00 01 00 00 00 02 00 00 00 03"));
+    for (int next = 1, i = 4; i < 300000; ++i, ++next) {
+        stream->WriteInt(i);
+        ASSERT_EQ(stream->ReadInt(), next);
+        stream->DiscardRead();
+        stream->getBytes(&size);
+        ASSERT_EQ(size, 12u);
+    }
+    EXPECT_EQ(stream->SizeOf(true), 4);
+    EXPECT_EQ(MemoryStream(ioSerializer::getBinary())->SizeOf(true), 1);
 }
 
 TEST(StringStreams, ReadAGivenTextOnly)

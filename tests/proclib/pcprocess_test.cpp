@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdio>
 #include <memory>
 
 #include "iosupport.h"
 #include "support/descriptors.h"
+#include "support/child.h"
 #include "support/environment.h"
 #include "support/programs.h"
 #include "support/tempdir.h"
@@ -100,14 +102,63 @@ TEST_F(Processes, TakeFilesAndConnectionsAsTheirStreams)
     ASSERT_TRUE(door.Wait(btkTimeval(20.0), 1) == 1 && door.Accept(&peer));
     const Owned<netSocketStream> connection(netSocketStream::Create(connected.release()));
     const Owned<ioFileStream> file(ioFileStream::Open(dir.path("in").c_str(), ioReadOnly));
-    file->ReadByte(); // the process opens the file by itself
+    file->ReadByte(); // the process goes on behind it
 
     const Process process = Start("tr A-Z a-z", file.get(), connection.get(), ioStream::getStderr());
     EXPECT_EQ(ExitCodeOf(*process), 0);
     EXPECT_EQ(file->getIsOpen() + connection->getIsOpen(), 0);
     std::string text(10, '\0');
     text.resize(peer.RecvAll(text.data(), text.size()));
-    EXPECT_EQ(text, "text");
+    EXPECT_EQ(text, "ext");
+}
+
+TEST_F(Processes, GoOnWhereTheirStreamsStand)
+{
+    const TempDir dir;
+    dir.write("out", "");
+    const Owned<ioFileStream> file(ioFileStream::Open(dir.path("out").c_str(), ioReadWrite));
+    file->WriteString("first ");
+    EXPECT_EQ(ExitCodeOf(*Start("printf second", nullptr, file.get())), 0);
+    EXPECT_EQ(dir.read("out"), "first second");
+
+    const Owned<ioPipe> pipe(ioPipe::Create());
+    pipe->getWriteEnd()->setBuffered(true);
+    pipe->getWriteEnd()->WriteBytes("1 ", 2);
+    EXPECT_EQ(ExitCodeOf(*Start("printf 2", nullptr, pipe->getWriteEnd())), 0);
+    EXPECT_EQ(ReadAll(*pipe->getReadEnd()), "1 2");
+
+    // What cannot be written, or is read ahead and cannot be given back, starts nothing.
+    const Owned<ioFileStream> full(ioFileStream::Open("/dev/full", ioWriteOnly));
+    full->WriteInt(1);
+    EXPECT_EQ(
+        FailureToCreate([&] { Start("touch started", nullptr, full.get(), nullptr, 0, dir.path().c_str()); }),
+        "12: Stream can not be passed to a process created as an output stream");
+    const Owned<ioPipe> ahead(ioPipe::Create());
+    ahead->getWriteEnd()->WriteBytes("ab", 2);
+    ahead->getReadEnd()->ReadByte();
+    EXPECT_EQ(FailureToCreate([&] {
+                  Start("touch started", ahead->getReadEnd(), nullptr, nullptr, 0, dir.path().c_str());
+              }),
+              "11: Stream can not be passed to a process created as an input stream");
+    EXPECT_FALSE(std::filesystem::exists(dir.path("started")));
+}
+
+TEST_F(Processes, GoOnWhereTheInheritedStandardStreamsStand)
+{
+    const TempDir dir;
+    dir.write("in", "one\ntwo\n");
+    EXPECT_EQ(runInChild([&] {
+                  if (std::freopen(dir.path("in").c_str(), "r", stdin) == nullptr ||
+                      std::freopen(dir.path("out").c_str(), "w", stdout) == nullptr)
+                      return 1;
+                  char lineFeed;
+                  ioStream::getStdin()->ReadString(nullptr);
+                  ioStream::getStdin()->ReadBytes(&lineFeed, 1);
+                  ioStream::getStdout()->WriteString("before ");
+                  return ExitCodeOf(*Start("cat"));
+              }),
+              0);
+    EXPECT_EQ(dir.read("out"), "before two\n");
 }
 
 TEST_F(Processes, StayUnstartedWhenAStreamCanNotBePassed)

@@ -46,10 +46,15 @@ void evtRemoveEvent(evtEventArray* events, evtEvent* event)
 {
     if (!qelIsObject(events))
         return;
-    for (int i = 0; i < events->getarraysize();) {
-        if (events->get(i) == event)
-            events->removerange(i, i + 1);
-        else
-            ++i;
+    const int count = events->getarraysize();
+    int kept = 0;
+    for (int i = 0; i < count; ++i) {
+        if (evtEvent* const other = events->get(i); other != event) {
+            if (kept != i)
+                events->set(kept, other);
+            ++kept;
+        }
     }
+    if (kept < count)
+        events->removerange(kept, count);
 }

@@ -14,11 +14,6 @@ namespace {
 
 constexpr int end = std::char_traits<char>::eof();
 
-bool IsSpace(int c)
-{
-    return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
 bool IsDigit(int c)
 {
     return c >= '0' && c <= '9';
@@ -62,7 +57,7 @@ template<class Cursor>
 int SkipSpace(Cursor& input)
 {
     int c = input.Peek();
-    while (IsSpace(c))
+    while (ioIsSpace(c))
         c = input.Next();
     return c;
 }
@@ -369,9 +364,8 @@ int ioAsciiSerializer::SzReal(double d)
 
 ioTryCode ioAsciiSerializer::RdString(xstring& s, std::streambuf* sb, const char* delims)
 {
-    const char delimiter = qelIsObject(delims) && *delims != '\0' ? *delims : '\n';
     BufferCursor input(*sb);
-    return SkipSpace(input) == end ? ioEndOfFile : ReadUpTo(delimiter, s, *sb);
+    return SkipSpace(input) == end ? ioEndOfFile : ReadUpTo(ioDelimiterOf(delims), s, *sb);
 }
 
 ioTryCode ioAsciiSerializer::WrString(const char* s, std::streambuf* sb)

@@ -52,6 +52,19 @@ void ioStream::Close()
 {
     if (!isOpen)
         return;
+    struct AtEnd
+    {
+        ~AtEnd() { stream.Release(); }
+        ioStream& stream;
+    } const atEnd{*this};
+    if (!streamBuf->Finish())
+        ThrowState(stateBad);
+}
+
+void ioStream::Release()
+{
+    if (!isOpen)
+        return;
     OnClose();
     isOpen = false;
     FindWays();
@@ -62,6 +75,12 @@ void ioStream::Close()
 btkHandle ioStream::GetInheritHandle()
 {
     return -1;
+}
+
+btkHandle ioStream::GetSettledHandle()
+{
+    CheckOpen();
+    return streamBuf->pubsync() == 0 && streamBuf->GiveBack() ? streamBuf->GetHandle() : -1;
 }
 
 void ioStream::SetTextMode()
@@ -94,7 +113,7 @@ void ioStream::ThrowTryCode(ioTryCode code)
 {
     switch (code) {
     case ioEndOfFile:
-        ThrowState(stateEof);
+        ThrowState(streamBuf->HasFailed() ? stateBad : stateEof);
     case ioIOError:
         ThrowState(stateBad);
     case ioFormatError:
@@ -146,6 +165,9 @@ ioTryCode ioStream::TryRead(Transfer transfer)
         return ioNotSupported;
     const TryLoan loan{*streamBuf, &xstreambuf::FreeTryIBuf};
     SetActive();
+    const Searched before = std::exchange(searched, {});
+    if (streamBuf->IsStarved())
+        searched = before;
     ioTryCode code = transfer(view);
     // What the view ended with may go on in the source, a number for instance; until that has ended nobody
     // knows.
@@ -154,7 +176,86 @@ ioTryCode ioStream::TryRead(Transfer transfer)
         code = ioWouldBlock;
     if (code == ioWouldBlock && streamBuf->IsEofReached())
         code = ioEndOfFile;
-    return code;
+    return code == ioEndOfFile && streamBuf->HasFailed() ? ioIOError : code;
+}
+
+namespace {
+
+// The unread bytes of an area that is not empty, passed over part by part.
+class AreaPart
+{
+public:
+    // What is unread in `buffer`: its get area, or a single byte of a buffer without one.
+    explicit AreaPart(std::streambuf& buffer) : sb(buffer)
+    {
+        const int c = sb.sgetc();
+        single = static_cast<char>(c);
+        hasArea = xbufaccess::View(sb, 1) != nullptr;
+        first = hasArea ? xbufaccess::Next(sb) : &single;
+        last = hasArea ? xbufaccess::End(sb) : first + (c != EOF);
+    }
+    const char* begin() const { return first; }
+    const char* end() const { return last; }
+    bool IsEmpty() const { return first == last; }
+    void Pass(std::size_t count)
+    {
+        if (hasArea)
+            xbufaccess::Advance(sb, first + count);
+        else if (count > 0)
+            sb.sbumpc();
+    }
+
+private:
+    std::streambuf& sb;
+    char single;
+    bool hasArea;
+    const char* first;
+    const char* last;
+};
+
+} // namespace
+
+// As the ASCII form reads a string, but nothing is made of it, and nothing is looked at twice while the text
+// arrives.
+ioTryCode ioStream::TryFindText(std::streambuf& view, const char* delims)
+{
+    const char delimiter = ioDelimiterOf(delims);
+    if (searched.delimiter != delimiter || xbufaccess::View(view, searched.count) == nullptr)
+        searched = {0, delimiter, false};
+    xbufaccess::Advance(view, xbufaccess::Next(view) + searched.count);
+    for (;;) {
+        AreaPart part(view);
+        if (part.IsEmpty())
+            return searched.hasText ? ioSuccess : ioEndOfFile;
+        const char* const text =
+            searched.hasText ? part.begin() : std::find_if_not(part.begin(), part.end(), ioIsSpace);
+        if (!searched.hasText && text != part.end() && *text == delimiter)
+            return ioFormatError;
+        if (std::find(text, part.end(), delimiter) != part.end())
+            return ioSuccess;
+        searched.hasText |= text != part.end();
+        searched.count += static_cast<std::size_t>(part.end() - part.begin());
+        part.Pass(static_cast<std::size_t>(part.end() - part.begin()));
+    }
+}
+
+// As the other forms read a string.
+ioTryCode ioStream::TryPassText(std::streambuf& view)
+{
+    int announced = 0;
+    if (const ioTryCode code = serializer->RdInt(announced, &view); code != ioSuccess)
+        return code;
+    if (announced < 0)
+        return ioFormatError;
+    for (std::size_t left = static_cast<std::size_t>(announced); left > 0;) {
+        AreaPart part(view);
+        if (part.IsEmpty())
+            return ioEndOfFile;
+        const std::size_t passed = std::min(left, static_cast<std::size_t>(part.end() - part.begin()));
+        part.Pass(passed);
+        left -= passed;
+    }
+    return ioSuccess;
 }
 
 template<class Transfer>
@@ -167,6 +268,8 @@ ioTryCode ioStream::TryWrite(Transfer transfer)
     const TryLoan loan{*streamBuf, &xstreambuf::FreeTryOBuf};
     SetActive();
     const ioTryCode code = transfer(area);
+    if (code == ioIOError && streamBuf->IsTryTooLarge())
+        return ioNotSupported;
     return code == ioIOError && streamBuf->IsTryExhausted() ? ioWouldBlock : code;
 }
 
@@ -196,8 +299,18 @@ ioTryCode ioStream::TryReadReal()
 
 ioTryCode ioStream::TryReadString(const char* delims)
 {
-    xstring s;
-    return TryRead([&](std::streambuf* view) { return serializer->RdString(s, view, delims); });
+    return TryRead([&](std::streambuf* view) {
+        xstring s;
+        switch (GetFormWay()) {
+        case asText:
+            return TryFindText(*view, delims);
+        case asNative:
+        case asNetwork:
+            return TryPassText(*view);
+        default:
+            return serializer->RdString(s, view, delims);
+        }
+    });
 }
 
 ioTryCode ioStream::TryWriteByte(int byte)
@@ -273,15 +386,20 @@ void ioStream::GuardWrite()
     SetActive();
 }
 
+ioStream::Way ioStream::GetFormWay() const
+{
+    return serializer == ioSerializer::getXDR()      ? asNetwork
+           : serializer == ioSerializer::getBinary() ? asNative
+           : serializer == ioSerializer::getAscii()  ? asText
+                                                     : bySerializer;
+}
+
 void ioStream::FindWays()
 {
     readWay = writeWay = withGuards;
     if (!active || !isOpen || state != 0)
         return;
-    const Way way = serializer == ioSerializer::getXDR()      ? asNetwork
-                    : serializer == ioSerializer::getBinary() ? asNative
-                    : serializer == ioSerializer::getAscii()  ? asText
-                                                              : bySerializer;
+    const Way way = GetFormWay();
     if (canRead && iTimeout == INFINITE)
         readWay = way;
     if (canWrite && oTimeout == INFINITE)
@@ -439,8 +557,8 @@ void CopyStream(ioStream* to, ioStream* from)
 
     std::streambuf& source = *from->direct;
     char block[4096];
-    const bool isSame = to == from;
-    // A stream copied into itself would grow for ever: it gets what was unread at the beginning.
+    const bool isSame = to == from || btkIsSameFile(to->streamBuf->GetHandle(), from->streamBuf->GetHandle());
+    // A stream or file copied into itself would grow forever: it gets what was unread at the beginning.
     std::size_t left = isSame ? from->streamBuf->CountReadable() : SIZE_MAX;
     for (bool isPassed = isSame; left > 0;) {
         if (!isPassed && xbufaccess::View(source, 1) == nullptr) {
@@ -462,6 +580,8 @@ void CopyStream(ioStream* to, ioStream* from)
             to->ThrowState(ioStream::stateBad);
         left -= static_cast<std::size_t>(size);
     }
+    if (left > 0 && from->streamBuf->HasFailed())
+        from->ThrowState(ioStream::stateBad);
 }
 
 ioEvent* ioStream::Flush(unsigned char blocking)

@@ -78,7 +78,7 @@ private:
 /// but Close, Flush(true) and the attributes that read its fields. Used by one thread at a time. Not counted:
 /// freed with xdelete.
 ///
-/// A concrete stream brings its buffer, and its destructor calls Close.
+/// A concrete stream brings its buffer, and its destructor calls Release.
 class QEL_API ioStream : public virtual xobject
 {
     QEL_OBJECT(ioStream); // "iolib::Stream"
@@ -101,6 +101,8 @@ public:
     ioTryCode TryWriteBool(unsigned char b);
     ioTryCode TryWriteReal(double d);
     ioTryCode TryWriteString(const char* s);
+    /// A text that can never be written at once, because it is larger than a whole pipe, is ioNotSupported:
+    /// WriteString writes it in parts.
     /// The number of bytes that can be read without blocking; 0 also at the end.
     unsigned int PeekNBytes();
     /// A new event for data to read, or for room to write; null when the stream has none. The caller owns it;
@@ -126,7 +128,7 @@ public:
     /// Raw bytes. Answers how many were read: `n`, or fewer before the end of the data.
     unsigned int ReadBytes(void* p, unsigned int n);
     void WriteBytes(const void* p, unsigned int n);
-    /// Copies all that remains in `src` into this stream, or in this stream into `dst`.
+    /// Copies all that remains in `src` into this stream, or in this stream into `dst`. See CopyStream.
     void ReadStream(ioStream* src);
     void WriteStream(ioStream* dst);
     /// Brings what is buffered to its destination. Answers null. Only `blocking` flushes are supported.
@@ -137,12 +139,17 @@ public:
     int SizeOfByte(int byte);
     int SizeOf(int v);
     int SizeOf(unsigned char b);
+    int SizeOf(bool b) { return SizeOf(static_cast<unsigned char>(b)); }
     int SizeOf(double d);
     int SizeOf(const char* s);
 
     // ---- state and settings
 
-    /// Closes the stream for good. Closing twice does nothing.
+    /// Brings what was written to its destination and closes the stream for good. Closing twice does nothing.
+    /// @throws ioXStream  ioStreamState: what was written to a file, or gathered for a pipe, cannot be
+    /// brought
+    ///                    there. The stream is closed all the same. A pipe without reader and a connection
+    ///                    are no such failure.
     void Close();
     ioSerializer* getSerializer() { return serializer; }
     /// @throws ioXStream  ioImproperFunction once something has been transferred
@@ -200,6 +207,12 @@ protected:
     /// A new event over `event`, of which it takes ownership.
     ioEvent* CreateEvent(btkBaseEvent* event, ioEventType type);
 
+    /// Close for destructors: what cannot be brought to its destination is lost.
+    void Release();
+
+    /// GetInheritHandle for a stream whose buffer has the descriptor.
+    btkHandle GetSettledHandle();
+
     // The guards: the open check, and what comes before reading and writing.
     void CheckOpen()
     {
@@ -225,14 +238,19 @@ protected:
 private:
     friend class ioXStream;
     friend class ioEvent;
-    friend class pcProcess; // gives the inheritable handle to a child
+    friend class pcProcess; // prepares streams for a child, and gives it their handles
     friend class rshOutlet; // writes to the handle without waiting
     friend QEL_API void CopyStream(ioStream* to, ioStream* from);
 
     /// Releases what the concrete stream holds, its buffer at least. Called once.
     virtual void OnClose() = 0;
-    /// The descriptor that a child process may inherit; -1: none. It stays the stream's.
+    /// The descriptor that a child process may inherit: what was written before stands before what the child
+    /// writes, and the child reads what comes next here. It stays the stream's. -1: there is none, what was
+    /// written cannot be brought to it, or what was read ahead cannot be given back.
     virtual btkHandle GetInheritHandle();
+    /// Lets a child that inherits the standard streams go on where this process is with them, where that is
+    /// possible.
+    static void SettleStandardStreams();
     virtual void SetTextMode();
     virtual void SetBinaryMode();
 
@@ -246,6 +264,8 @@ private:
     const char* StateText() const;
     template<class Transfer>
     ioTryCode TryRead(Transfer transfer);
+    ioTryCode TryFindText(std::streambuf& view, const char* delims);
+    ioTryCode TryPassText(std::streambuf& view);
     template<class Transfer>
     ioTryCode TryWrite(Transfer transfer);
     /// How the blocking operations transfer: with all guards, by the serializer's operations, or first of all
@@ -274,6 +294,7 @@ private:
     bool ReadHeld(Value& value);
     template<class Value>
     bool WriteHeld(Value value);
+    Way GetFormWay() const;
     void FindWays();
     void SetState(int bits)
     {
@@ -303,11 +324,21 @@ private:
     double oTimeout = INFINITE;
     btkTimeval oTimeval;
     int state = 0;
+    /// The unread bytes in which TryReadString has found no delimiter, while the buffer is starved of more.
+    struct Searched
+    {
+        std::size_t count = 0;
+        char delimiter = 0;
+        bool hasText = false; // not white space alone
+    };
+    Searched searched;
     ioStreamLink link; // shared with events and failures
 };
 
-/// Copies all that remains in `from`, byte by byte as it is, into `to`. Nothing is flushed.
-/// @throws ioXStream  of `from`: it cannot be read, or has another serializer; of `to`: it cannot be written
+/// Copies all that remains in `from`, byte by byte as it is, into `to`; of a file that is copied to itself,
+/// what it held at the beginning. Nothing is flushed.
+/// @throws ioXStream  of `from`: it cannot be read, reading failed, or it has another serializer; of `to`: it
+///                    cannot be written
 QEL_API void CopyStream(ioStream* to, ioStream* from);
 
 /// A failure of a stream. Thrown as an `xthrowable*`; not counted: the catcher frees it with xdelete. It may

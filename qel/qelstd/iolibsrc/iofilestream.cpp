@@ -59,7 +59,7 @@ ioFileStream::ioFileStream(xfilebuf* opened, const char* name, bool writable, bo
 
 ioFileStream::~ioFileStream()
 {
-    Close();
+    Release();
 }
 
 void ioFileStream::OnClose()
@@ -106,11 +106,13 @@ xstring ioFileStream::getPath()
 
 btkHandle ioFileStream::GetInheritHandle()
 {
-    CheckOpen();
+    if (GetSettledHandle() < 0)
+        return -1;
     std::string host;
     if (!inheritHandle && platHostPath(path.CastToCString(), host)) {
         const int access = (getCanRead() ? btkOpenRead : 0) | (getCanWrite() ? btkOpenWrite : 0);
         inheritHandle = btkOpenFile(host.c_str(), access | btkOpenCreate);
     }
-    return inheritHandle.Get();
+    const long long position = fileBuf->Tell();
+    return position < 0 || btkSetPosition(inheritHandle.Get(), position) ? inheritHandle.Get() : -1;
 }

@@ -14,26 +14,38 @@ constinit qelClass ioPipe::rtti = {
     .name = "iolib::Pipe",
 };
 
-ioPipeStream::ioPipeStream(xstreambuf* end, bool writable)
-    : ioStream(ioSerializer::getBinary(), end, writable, !writable), pipeBuf(end)
+ioPipeStream::ioPipeStream(xipipebuf* end)
+    : ioStream(ioSerializer::getBinary(), end, false, true), pipeBuf(end)
+{
+}
+
+ioPipeStream::ioPipeStream(xopipebuf* end)
+    : ioStream(ioSerializer::getBinary(), end, true, false), pipeBuf(end), outputBuf(end)
 {
 }
 
 ioPipeStream::~ioPipeStream()
 {
-    Close();
+    Release();
 }
 
 void ioPipeStream::OnClose()
 {
     delete pipeBuf;
     pipeBuf = nullptr;
+    outputBuf = nullptr;
+}
+
+void ioPipeStream::setBuffered(bool buffered)
+{
+    CheckWritable();
+    if (!outputBuf->SetGathers(buffered))
+        ThrowState(stateBad);
 }
 
 btkHandle ioPipeStream::GetInheritHandle()
 {
-    CheckOpen();
-    return pipeBuf->GetHandle();
+    return GetSettledHandle();
 }
 
 ioPipe* ioPipe::Create()
@@ -44,10 +56,10 @@ ioPipe* ioPipe::Create()
         return nullptr;
     std::unique_ptr<ioPipe> pipe(new (pDefMemMgr) ioPipe);
     auto writing = std::make_unique<xopipebuf>(std::move(output));
-    pipe->writeEnd = new (pDefMemMgr) ioPipeStream(writing.get(), true);
+    pipe->writeEnd = new (pDefMemMgr) ioPipeStream(writing.get());
     writing.release();
     auto reading = std::make_unique<xipipebuf>(std::move(input));
-    pipe->readEnd = new (pDefMemMgr) ioPipeStream(reading.get(), false);
+    pipe->readEnd = new (pDefMemMgr) ioPipeStream(reading.get());
     reading.release();
     return pipe.release();
 }

@@ -2,12 +2,12 @@
 
 #include <qel/iobasestream.h>
 
-class btkInputPipe;
-class btkOutputPipe;
+class xipipebuf;
+class xopipebuf;
 
-/// A stream over one end of a pipe. Binary form unless set otherwise. What is written is in the pipe at once;
-/// writing waits while the pipe is full, and fails with the state "I/O error", and no signal, when nobody can
-/// read it.
+/// A stream over one end of a pipe. Binary form unless set otherwise. What is written is in the pipe at once,
+/// unless setBuffered says otherwise; writing waits while the pipe is full, and fails with the state "I/O
+/// error", and no signal, when nobody can read it.
 class QEL_API ioPipeStream : public ioStream
 {
     QEL_OBJECT(ioPipeStream); // "iolib::PipeStream"
@@ -15,15 +15,25 @@ class QEL_API ioPipeStream : public ioStream
 public:
     ~ioPipeStream() override;
 
+    /// True: what is written to this end is gathered until it fills 4 KiB, Flush, Close, or the launch of a
+    /// process that gets the stream; values cost no system call each then. False, as at first: what was
+    /// gathered is written, and so is each value from now on.
+    /// @throws ioXStream  ioOutputNotAllowed: this is a reading end; ioStreamState: what was gathered cannot
+    /// be
+    ///                    written
+    void setBuffered(bool buffered);
+
 private:
     friend class ioPipe;
 
-    ioPipeStream(xstreambuf* end, bool writable);
+    explicit ioPipeStream(xipipebuf* end);
+    explicit ioPipeStream(xopipebuf* end);
 
     void OnClose() override;
     btkHandle GetInheritHandle() override;
 
     xstreambuf* pipeBuf;
+    xopipebuf* outputBuf = nullptr; // the same, of a writing end
 };
 
 /// An anonymous pipe: what is written to one end is read from the other. Each end is used by one thread or

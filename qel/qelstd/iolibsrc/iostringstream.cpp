@@ -1,5 +1,7 @@
 #include "iostringstream.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstring>
 #include <memory>
 
@@ -30,7 +32,7 @@ ioStringStream::ioStringStream(xstringbuf* memory, bool writable)
 
 ioStringStream::~ioStringStream()
 {
-    Close();
+    Release();
 }
 
 void ioStringStream::OnClose()
@@ -43,4 +45,18 @@ xstring ioStringStream::getStr()
 {
     CheckWritable();
     return ioMakeString(stringBuf->GetText(), stringBuf->GetSize());
+}
+
+const char* ioStringStream::getBytes(unsigned int* size)
+{
+    CheckWritable();
+    const std::size_t count = stringBuf->GetSize();
+    *size = static_cast<unsigned int>(std::min<std::size_t>(count, UINT_MAX));
+    return count == 0 ? nullptr : stringBuf->GetText();
+}
+
+void ioStringStream::DiscardRead()
+{
+    CheckWritable();
+    stringBuf->DiscardRead();
 }

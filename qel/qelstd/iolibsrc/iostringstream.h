@@ -15,9 +15,16 @@ public:
     static ioStringStream* Create(const char* text);
     ~ioStringStream() override;
 
-    /// All that was written so far, read or not; a string ends at its first zero.
+    /// All that was written so far, read or not, except what DiscardRead has forgotten; a string ends at its
+    /// first zero. getBytes gives the bytes of the binary forms.
     /// @throws ioXStream  ioOutputNotAllowed when the stream reads a given text
     xstring getStr();
+    /// The same bytes as they are, and their number; valid until the stream is written, closed or freed. Null
+    /// when there are none.
+    const char* getBytes(unsigned int* size);
+    /// Forgets what was read, which getStr and getBytes then leave out. For a stream that is used as a queue:
+    /// it keeps all that was ever written otherwise.
+    void DiscardRead();
 
 private:
     ioStringStream(xstringbuf* memory, bool writable);

@@ -26,6 +26,17 @@ inline ioTryCode ioPut(std::streambuf& sb, const char* from, std::size_t size)
     return sb.sputn(from, count) == count ? ioSuccess : ioIOError;
 }
 
+/// What ends a string in the ASCII form.
+inline char ioDelimiterOf(const char* delims)
+{
+    return qelIsObject(delims) && *delims != '\0' ? *delims : '\n';
+}
+
+inline bool ioIsSpace(int c)
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
 /// The length of a text argument; null and the reserved pointers are the empty text.
 inline std::size_t ioTextLength(const char* text)
 {

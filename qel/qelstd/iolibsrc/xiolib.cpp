@@ -13,7 +13,7 @@ namespace {
 class StandardStream : public ioStream
 {
 public:
-    ~StandardStream() override { Close(); }
+    ~StandardStream() override { Release(); }
 
 protected:
     StandardStream(std::unique_ptr<xstreambuf> buffer, bool writable)
@@ -23,11 +23,7 @@ protected:
 
 private:
     void OnClose() override { stdBuf.reset(); }
-    btkHandle GetInheritHandle() override
-    {
-        CheckOpen();
-        return stdBuf->GetHandle();
-    }
+    btkHandle GetInheritHandle() override { return GetSettledHandle(); }
 
     std::unique_ptr<xstreambuf> stdBuf;
 };
@@ -66,6 +62,13 @@ struct Slot
 constinit Slot standardInput, standardOutput, standardError;
 
 } // namespace
+
+void ioStream::SettleStandardStreams()
+{
+    xostdbuf::FlushAll();
+    if (ioStream* const input = standardInput.stream; input != nullptr && input->isOpen)
+        input->streamBuf->GiveBack();
+}
 
 ioStream* ioStream::getStdin()
 {

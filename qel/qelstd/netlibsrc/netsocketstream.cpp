@@ -26,7 +26,7 @@ netSocketStream::netSocketStream(xsocketbuf* buf, btkStreamSocket* socket)
 
 netSocketStream::~netSocketStream()
 {
-    Close();
+    Release();
 }
 
 netSocketStream* netSocketStream::Create(btkStreamSocket* socket)
@@ -49,8 +49,7 @@ void netSocketStream::OnClose()
 
 btkHandle netSocketStream::GetInheritHandle()
 {
-    CheckOpen();
-    return connection->GetHandle();
+    return GetSettledHandle();
 }
 
 unsigned char netSocketStream::WriteOutOfBand(int value)

@@ -77,6 +77,7 @@ pcProcess* pcProcess::Create(const char* command, const char* workDir, ioStream*
     if (qelIsObject(workDir) && *workDir != '\0' && !platHostPath(workDir, directory))
         directory = workDir;
 
+    ioStream::SettleStandardStreams();
     btkProcess* handle;
     unsigned long id;
     const unsigned flags = (ownGroup ? btkLaunchGroup : 0u) | (detached ? btkLaunchDetached : 0u);

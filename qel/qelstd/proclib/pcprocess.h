@@ -22,10 +22,14 @@ public:
     /// Starts the program that `command` names, found by PATH, in the directory `workDir`, in native or
     /// remote form (null, xnullstr or empty: the caller's). The command line is split like a shell's words;
     /// see btkcmdline.h. The streams become its standard streams and are closed here, once it runs; a null
-    /// one is the caller's own, inherited. `ownGroup`: Interrupt and Terminate reach the programs that it
+    /// one is the caller's own, inherited. The child goes on where the streams stand: what was written before
+    /// is brought to its destination first, and it reads what comes next here. What getStdin has read ahead
+    /// comes back for a child that inherits the standard input where that has positions; from a terminal or
+    /// pipe it stays here. `ownGroup`: Interrupt and Terminate reach the programs that it
     /// starts, too, and the console's keys do not reach it. `detached` has no effect on this host.
-    /// @throws pcXCreate  3: it can not be started; 11 to 13: a stream can not be passed; the streams stay
-    /// open then
+    /// @throws pcXCreate  3: it cannot be started; 11 to 13: a stream cannot be passed, also because what was
+    ///                    written to it cannot be brought to its destination, or because bytes were read
+    ///                    ahead from a pipe or a connection; the streams stay open then
     static pcProcess* Create(const char* command, const char* workDir, ioStream* in, ioStream* out,
                              ioStream* err, unsigned char ownGroup, unsigned char detached);
     /// A process that runs, or has ended and was not waited for yet. Its exit code stays with who started it.
