@@ -13,8 +13,6 @@
 
 namespace {
 
-// A client younger than this does not have to go for another one.
-constexpr btkTimeval newFor(0, 20000);
 constexpr btkTimeval pauseWithoutRoom(0, 50000);
 constexpr btkTimeval endingLimit(0, 500000);
 constexpr std::size_t fixedPlaces = 3; // of what is waited for beside the clients
@@ -29,6 +27,7 @@ struct nmsServer::Client
     enum State { Asking, Answering, Leaving, Gone };
 
     btkStreamSocket socket;
+    std::string address;
     State state = Asking;
     short ready = 0; // what the last poll found
     btkTimeval since = btkTimeval::Now();
@@ -54,10 +53,9 @@ struct nmsServer::Client
 };
 
 nmsServer::nmsServer(nmsServerOptions wanted)
-    : options(std::move(wanted)), table(options.table), stop(Event_Create(false)),
-      asked(std::make_unique<pollfd[]>(fixedPlaces + options.waiting))
+    : options(std::move(wanted)), table(options.table), stop(Event_Create(false)), clients(options.waiting),
+      asked(std::make_unique<pollfd[]>(fixedPlaces + clients.GetPlaces() + 1))
 {
-    clients.reserve(options.waiting);
 }
 
 nmsServer::~nmsServer()
@@ -84,7 +82,7 @@ void nmsServer::Run()
 {
     isStopping = false;
     btkTimeval end = btkTimeval::Forever();
-    while (!isStopping || (!clients.empty() && btkTimeval::Now() < end)) {
+    while (!isStopping || (!clients.IsEmpty() && btkTimeval::Now() < end)) {
         const btkTimeval limit = isStopping ? std::min(NextLimit(), end) : NextLimit();
         if (Sleep(limit))
             isStopping = true;
@@ -99,9 +97,9 @@ void nmsServer::Run()
             door.Close();
         }
         if (isStopping)
-            std::erase_if(clients, [](const auto& client) { return client->state != Client::Answering; });
+            clients.DropIf([](const Client& client) { return client.state != Client::Answering; });
     }
-    clients.clear();
+    clients.Clear();
     door.Close();
     Event_Reset(stop);
 }
@@ -133,27 +131,22 @@ bool nmsServer::Sleep(btkTimeval limit)
 // When the first client, or the closed door, is to be looked after.
 btkTimeval nmsServer::NextLimit() const
 {
-    return clients.empty() ? btkTimeval::Forever() : clients.front()->since + options.requestLimit;
+    return clients.IsEmpty() ? btkTimeval::Forever() : clients[0].since + options.requestLimit;
 }
 
 void nmsServer::DropLate()
 {
     const btkTimeval now = btkTimeval::Now();
-    std::erase_if(clients, [&](const auto& client) {
-        return client->state == Client::Gone || client->since + options.requestLimit <= now;
-    });
+    clients.DropUntil(now - options.requestLimit);
+    clients.DropIf([](const Client& client) { return client.state == Client::Gone; });
 }
 
 void nmsServer::AcceptClients()
 {
-    for (std::size_t accepted = 0; accepted < options.waiting; ++accepted) {
+    for (std::size_t accepted = 0; accepted < clients.GetPlaces(); ++accepted) {
         const btkTimeval now = btkTimeval::Now();
         if (doorClosedUntil > now)
             return;
-        if (clients.size() >= options.waiting && clients.front()->since + newFor > now) {
-            doorClosedUntil = clients.front()->since + newFor;
-            return;
-        }
         std::unique_ptr<Client> client(new (std::nothrow) Client);
         if (client == nullptr || !door.Accept(&client->socket)) {
             if (client == nullptr || (errno != EAGAIN && errno != ECONNABORTED))
@@ -164,9 +157,10 @@ void nmsServer::AcceptClients()
         Serve(*client);
         if (client->state == Client::Gone)
             continue;
-        if (clients.size() >= options.waiting)
-            clients.erase(clients.begin());
-        clients.push_back(std::move(client));
+        client->address = client->socket.GetPeerAddrStr();
+        clients.Add(std::move(client));
+        if (clients.IsOverfull())
+            clients.TakeLeaving(now);
     }
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <qel/base/btksocket.h>
+#include <qel/base/netsilentset.h>
 #include <qel/base/nmstable.h>
 
 struct pollfd;
@@ -20,9 +21,8 @@ struct nmsServerOptions
     std::string version = {};
     /// How long a client may take for its request and for taking the answer.
     btkTimeval requestLimit = btkTimeval(5, 0);
-    /// How many clients may be waiting at once. When one more comes, the one that has been there longest
-    /// goes, unless it is new itself.
-    std::size_t waiting = 64;
+    /// How many clients may be waiting at once. When one more comes, another leaves: see netSilentSet.
+    std::size_t waiting = 256;
     nmsTableLimits table = {};
     /// SIGTERM and SIGINT end the server. The thread that calls Listen has them blocked from then on.
     bool untilSignal = false;
@@ -70,6 +70,6 @@ private:
     btkFd signals;              // readable once one that ends the server has come
     bool isStopping = false;
     // Both have room for all that may be there, so that serving needs memory for requests only.
-    std::vector<std::unique_ptr<Client>> clients; // the oldest first
+    netSilentSet<Client> clients;
     std::unique_ptr<pollfd[]> asked;
 };
