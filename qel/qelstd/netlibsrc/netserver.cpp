@@ -19,7 +19,7 @@ constinit qelClass netServer::rtti = {
 
 namespace {
 
-constexpr btkTimeval silenceLimitAtFirst(5, 0);
+constexpr btkTimeval patienceAtFirst(5, 0);
 // The first byte is there when the handshake begins, so the rest of it is short.
 constexpr btkTimeval handshakeLimit(1, 0);
 
@@ -46,6 +46,20 @@ std::unique_ptr<btkStreamSocket> Reach(netAddress* address, btkTimeval limit)
     return socket;
 }
 
+// Says on the standard error output who may connect to a server whose maker has perhaps not thought of it.
+void WarnOfOpenDoor(netServer& server)
+{
+    const xstring name = server.getServerName();
+    const char* const why = !IsConnectionRestrictable(name) ? "no key of the registry can have such a name"
+                            : !server.IsLoopbackOnly() && !HasConnectionRights(name)
+                                ? "the registry has no rights for it"
+                                : nullptr;
+    if (why != nullptr)
+        std::cerr << "netServer: every machine may connect to \"" + std::string(name.CastToCString()) +
+                         "\": " + why + '\n'
+                  << std::flush;
+}
+
 void Unlimit(btkStreamSocket& socket)
 {
     socket.SetRecvLimit(btkTimeval::Forever());
@@ -59,23 +73,31 @@ void Unlimit(btkStreamSocket& socket)
 netServer::netServer(btkAcceptSocket* socket, xstring name)
     : netBaseServer(socket, name), version("QEL netServer Version 0.99")
 {
-    SetSilenceLimit(silenceLimitAtFirst);
+    SetSilentPatience(patienceAtFirst);
+}
+
+netServer::~netServer()
+{
+    EndService();
 }
 
 netServer* netServer::Create(const char* name, int port)
 {
-    netServer* const server = CreateAs<netServer>(name, port);
-    if (server != nullptr && !(server->getServerName() == nullptr) &&
-        !IsConnectionRestrictable(server->getServerName()))
-        std::cerr << "netServer: every machine may connect to \"" << name
-                  << "\": no key of the registry can have such a name" << std::endl;
+    return Create(name, port, nullptr);
+}
+
+netServer* netServer::Create(const char* name, int port, const char* interface)
+{
+    netServer* const server = CreateAs<netServer>(name, port, interface);
+    if (server != nullptr && !(server->getServerName() == nullptr))
+        WarnOfOpenDoor(*server);
     return server;
 }
 
-void netServer::setSilenceLimit(double seconds)
+void netServer::setSilentPatience(double seconds)
 {
     if (seconds > 0)
-        SetSilenceLimit(LimitOf(seconds));
+        SetSilentPatience(LimitOf(seconds));
 }
 
 netServerLoopAction netServer::PreprocessRequest(btkStreamSocket* socket)
@@ -93,7 +115,7 @@ netServerLoopAction netServer::PreprocessRequest(btkStreamSocket* socket)
     if (request != netRequestCode::open && request != netRequestCode::version &&
         request != netRequestCode::shutdown)
         return netServerContinue;
-    if (!socket->IsPeerOnTheSameMachine() && !IsConnectionAllowed(socket, getServerName())) {
+    if (!MayCome(socket)) {
         socket->Send(&netRefused, 1);
         return netServerContinue;
     }
@@ -110,6 +132,11 @@ netServerLoopAction netServer::PreprocessRequest(btkStreamSocket* socket)
         return netServerTerminate;
     Unlimit(*socket);
     return netServerNoDecision;
+}
+
+bool netServer::MayCome(btkStreamSocket* socket)
+{
+    return socket->IsPeerOnTheSameMachine() || IsConnectionAllowed(socket, getServerName());
 }
 
 // ---- the client's side

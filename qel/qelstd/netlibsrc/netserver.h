@@ -15,14 +15,22 @@ class QEL_API netServer : public netBaseServer
     QEL_OBJECT(netServer); // "netlib::Server"
 
 public:
-    /// As netBaseServer::Create. Warns on the standard error output when the registry cannot restrict the
-    /// connections to a server of that name.
+    /// As netBaseServer::Create. Warns on the standard error output when a server with a name listens beyond
+    /// the loopback and has no rights, so that every machine may connect, and when the registry cannot
+    /// restrict the connections to a server of that name at all.
     static netServer* Create(const char* name, int port);
+    static netServer* Create(const char* name, int port, const char* interface);
+    ~netServer() override;
 
     xstring getVersion() { return version; }
     /// Seconds after which a client that has sent nothing is closed; 5 at first, more than 0.
-    void setSilenceLimit(double seconds);
-    double getSilenceLimit() { return GetSilenceLimit().ToSeconds(); }
+    void setSilentPatience(double seconds);
+    double getSilentPatience() { return GetSilentPatience().ToSeconds(); }
+    /// How many clients may be silent at once, at least 1; 256 at first. For one more another is closed: the
+    /// oldest of the address that holds most of the places, but none younger than 0.1 seconds while another
+    /// address has an older one.
+    void setSilentPlaces(int most) { SetSilentPlaces(most); }
+    int getSilentPlaces() { return GetSilentPlaces(); }
 
     // ---- for clients: each asks the server at `address`, whose port is asked of the name server of its host
     // when it is not known, and throws what ResolvePort throws. Waits for an answer as long as
@@ -51,6 +59,9 @@ protected:
 
     /// Reads what the client wants, and answers it.
     netServerLoopAction PreprocessRequest(btkStreamSocket* socket) override;
+    /// Whether the peer of `socket` may do more than ping. Called for each such request, in the loop's
+    /// thread. At first: one on the same machine, and one that the registry allows.
+    virtual bool MayCome(btkStreamSocket* socket);
 
 private:
     friend class netBaseServer;

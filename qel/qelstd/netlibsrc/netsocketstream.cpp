@@ -15,6 +15,7 @@ constinit qelClass netSocketStream::rtti = {
 namespace {
 
 constexpr ioEventType outOfBandPending = static_cast<ioEventType>(2);
+constexpr std::size_t usualTextLimit = 64 << 20;
 constexpr std::size_t valueSize = sizeof(int); // in XDR form, which is that of the network
 
 } // namespace
@@ -22,6 +23,7 @@ constexpr std::size_t valueSize = sizeof(int); // in XDR form, which is that of 
 netSocketStream::netSocketStream(xsocketbuf* buf, btkStreamSocket* socket)
     : ioStream(ioSerializer::getXDR(), buf, true, true), socketBuf(buf), connection(socket)
 {
+    SetTextLimit(usualTextLimit);
 }
 
 netSocketStream::~netSocketStream()
@@ -50,6 +52,24 @@ void netSocketStream::OnClose()
 btkHandle netSocketStream::GetInheritHandle()
 {
     return GetSettledHandle();
+}
+
+xstring netSocketStream::getPeerAddress()
+{
+    CheckOpen();
+    return connection->GetPeerAddrStr().c_str();
+}
+
+void netSocketStream::setUrgentBudget(unsigned int bytes)
+{
+    CheckOpen();
+    connection->SetUrgentBudget(bytes);
+}
+
+void netSocketStream::SetStopSign(std::shared_ptr<const btkStopSign> sign)
+{
+    CheckOpen();
+    connection->SetStopSign(std::move(sign));
 }
 
 unsigned char netSocketStream::WriteOutOfBand(int value)

@@ -1,13 +1,20 @@
 #pragma once
 
+#include <memory>
+
 #include <qel/iobasestream.h>
 
+class btkStopSign;
 class btkStreamSocket;
 class xsocketbuf;
 
 /// A stream over a connection, in XDR form unless set otherwise, and beside it a channel for urgent integers.
 /// Output is buffered: it is sent by Flush, by a read or a wait for input that would have to sleep, by an
 /// urgent integer and by Close. Reading n bytes waits for n bytes or the end.
+///
+/// Both timeouts hold for each blocking operation, Flush and Close too: it fails with the state "timeout
+/// expired" when so many seconds have passed without a byte that came, or went. What a peer may make this
+/// process hold is limited by setTextLimit and setUrgentBudget.
 ///
 /// An urgent integer stands outside the stream, whose values it never disturbs. One at a time is sure: one
 /// that is sent before the peer has looked at the one before may displace it. Not counted: freed with
@@ -32,7 +39,21 @@ public:
     /// @throws ioXStream  the stream is not open
     ioEvent* OutOfBandEvent();
 
+    /// The peer's address, as numbers, IPv4 dotted; the text that the rights of a server are checked against.
+    /// Empty when it is not known.
+    /// @throws ioXStream  the stream is not open
+    xstring getPeerAddress();
+    /// The longest text that is read, in bytes; 64 MiB at first. A longer one is a conversion error, which a
+    /// text with its size before it is as soon as that has come.
+    void setTextLimit(unsigned int bytes) { SetTextLimit(bytes); }
+    /// How many bytes are held at most because an urgent integer stands behind them; 256 KiB at first. One
+    /// further on is found once enough of them have been read.
+    void setUrgentBudget(unsigned int bytes);
+
 private:
+    friend class netAsyncRequest;
+
+    void SetStopSign(std::shared_ptr<const btkStopSign> sign);
     netSocketStream(xsocketbuf* buf, btkStreamSocket* socket);
 
     void OnClose() override;
