@@ -82,6 +82,7 @@ bool xsocketbuf::SetInputLimit(btkTimeval limit)
 std::ptrdiff_t xsocketbuf::ReadSome(char* to, std::size_t size)
 {
     const bool isPending = Pending() > 0;
+    SetLimitPassed(false);
     if (isPending) {
         const std::ptrdiff_t count = socket->TryRecv(to, size);
         if (count >= 0 || errno != EAGAIN)
