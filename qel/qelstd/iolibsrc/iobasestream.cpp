@@ -236,7 +236,10 @@ ioTryCode ioStream::TryFindText(std::streambuf& view, const char* delims)
             searched.hasText ? part.begin() : std::find_if_not(part.begin(), part.end(), ioIsSpace);
         if (!searched.hasText && text != part.end() && *text == delimiter)
             return ioFormatError;
-        if (std::find(text, part.end(), delimiter) != part.end())
+        const char* const found = std::find(text, part.end(), delimiter);
+        if (searched.count + static_cast<std::size_t>(found - text) > streamBuf->GetTextLimit())
+            return ioFormatError;
+        if (found != part.end())
             return ioSuccess;
         searched.hasText |= text != part.end();
         searched.count += static_cast<std::size_t>(part.end() - part.begin());
@@ -250,7 +253,7 @@ ioTryCode ioStream::TryPassText(std::streambuf& view)
     int announced = 0;
     if (const ioTryCode code = serializer->RdInt(announced, &view); code != ioSuccess)
         return code;
-    if (announced < 0)
+    if (announced < 0 || static_cast<std::size_t>(announced) > streamBuf->GetTextLimit())
         return ioFormatError;
     for (std::size_t left = static_cast<std::size_t>(announced); left > 0;) {
         AreaPart part(view);
@@ -674,7 +677,8 @@ void ioStream::setOTimeout(double seconds)
 void ioStream::SetTextLimit(std::size_t bytes)
 {
     CheckOpen();
-    streamBuf->SetTextLimit(bytes);
+    constexpr std::size_t least = 65536; // what a buffer may hold is not looked at
+    streamBuf->SetTextLimit(std::max(bytes, least));
 }
 
 void ioStream::setIsFail(unsigned char fail)

@@ -238,8 +238,8 @@ protected:
     btkTimeval GetITimeval() const { return iTimeval; }
     btkTimeval GetOTimeval() const { return oTimeval; }
     void ClearEofBit() { SetState(state & ~stateEof); }
-    /// How many bytes a text may have that is read; a longer one is a conversion error. Without limit at
-    /// first, but for connections.
+    /// How many bytes a text may have that is read; a longer one is a conversion error. 65536 at least,
+    /// without limit at first, but for connections.
     void SetTextLimit(std::size_t bytes);
 
 private:

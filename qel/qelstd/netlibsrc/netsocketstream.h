@@ -43,8 +43,8 @@ public:
     /// Empty when it is not known.
     /// @throws ioXStream  the stream is not open
     xstring getPeerAddress();
-    /// The longest text that is read, in bytes; 64 MiB at first. A longer one is a conversion error, which a
-    /// text with its size before it is as soon as that has come.
+    /// The longest text that is read, in bytes; 64 MiB at first, 65536 at least. A longer one is a conversion
+    /// error, which a text with its size before it is as soon as that has come.
     void setTextLimit(unsigned int bytes) { SetTextLimit(bytes); }
     /// How many bytes are held at most because an urgent integer stands behind them; 256 KiB at first. One
     /// further on is found once enough of them have been read.
