@@ -13,8 +13,7 @@ bool netBaseThread::Start()
 {
     if (started || !OnPreStart())
         return false;
-    void* const launched = hasExitEvent ? StrictThread_Launch(&Starter, this, &Forker)
-                                        : StrictThread_LaunchWithoutEvent(&Starter, this);
+    void* const launched = StrictThread_Launch(&Starter, this, &Forker);
     if (launched == StrictThread_Refused)
         return false;
     handle = launched;
@@ -95,12 +94,6 @@ ioStream* netThread::ControlStream()
 ioStream* netThread::SignalStream()
 {
     return controlPipe != nullptr ? controlPipe->getReadEnd() : nullptr;
-}
-
-btkHandle netThread::GetSignalHandle()
-{
-    ioStream* const end = SignalStream();
-    return end != nullptr ? end->GetInheritHandle() : -1;
 }
 
 int netThread::GetExitCode()
