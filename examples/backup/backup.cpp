@@ -51,7 +51,9 @@ public:
     TemporaryDirectory()
     {
         const xstring place = sysGetEnv("TMPDIR");
-        path = fsMkTmpDir(place == nullptr ? "/tmp" : place.CastToCString(), "bak").CastToCString();
+        path = fsMkTmpName(place == nullptr ? "/tmp" : place.CastToCString(), "bak").CastToCString();
+        fsRemove(path.c_str(), fsSimple); // it is a file
+        fsCreateDir(path.c_str(), fsSimple);
     }
     ~TemporaryDirectory()
     {

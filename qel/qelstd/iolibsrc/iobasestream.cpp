@@ -113,19 +113,14 @@ void ioStream::ThrowTryCode(ioTryCode code)
 {
     switch (code) {
     case ioEndOfFile:
-        ThrowState(WhyFailed(streamBuf->HasFailed() ? stateBad : stateEof));
+        ThrowState(streamBuf->HasFailed() ? stateBad : stateEof);
     case ioIOError:
-        ThrowState(WhyFailed(stateBad));
+        ThrowState(stateBad);
     case ioFormatError:
         ThrowState(stateFail);
     default:
         Throw(ioUnsupportedFunction);
     }
-}
-
-int ioStream::WhyFailed(int bits) const
-{
-    return streamBuf->IsLimitPassed() ? stateTimeout : bits;
 }
 
 const char* ioStream::StateText() const
@@ -236,10 +231,7 @@ ioTryCode ioStream::TryFindText(std::streambuf& view, const char* delims)
             searched.hasText ? part.begin() : std::find_if_not(part.begin(), part.end(), ioIsSpace);
         if (!searched.hasText && text != part.end() && *text == delimiter)
             return ioFormatError;
-        const char* const found = std::find(text, part.end(), delimiter);
-        if (searched.count + static_cast<std::size_t>(found - text) > streamBuf->GetTextLimit())
-            return ioFormatError;
-        if (found != part.end())
+        if (std::find(text, part.end(), delimiter) != part.end())
             return ioSuccess;
         searched.hasText |= text != part.end();
         searched.count += static_cast<std::size_t>(part.end() - part.begin());
@@ -253,7 +245,7 @@ ioTryCode ioStream::TryPassText(std::streambuf& view)
     int announced = 0;
     if (const ioTryCode code = serializer->RdInt(announced, &view); code != ioSuccess)
         return code;
-    if (announced < 0 || static_cast<std::size_t>(announced) > streamBuf->GetTextLimit())
+    if (announced < 0)
         return ioFormatError;
     for (std::size_t left = static_cast<std::size_t>(announced); left > 0;) {
         AreaPart part(view);
@@ -381,7 +373,7 @@ ioEvent* ioStream::CreateEvent(btkBaseEvent* event, ioEventType type)
 void ioStream::GuardRead()
 {
     CheckReadable();
-    if (!keepsITimeout)
+    if (iTimeout != INFINITE)
         Throw(ioUnsupportedFunction, "ITimeout != INFINITE");
     SetActive();
 }
@@ -389,7 +381,7 @@ void ioStream::GuardRead()
 void ioStream::GuardWrite()
 {
     CheckWritable();
-    if (!keepsOTimeout)
+    if (oTimeout != INFINITE)
         Throw(ioUnsupportedFunction, "OTimeout != INFINITE");
     SetActive();
 }
@@ -408,9 +400,9 @@ void ioStream::FindWays()
     if (!active || !isOpen || state != 0)
         return;
     const Way way = GetFormWay();
-    if (canRead && keepsITimeout)
+    if (canRead && iTimeout == INFINITE)
         readWay = way;
-    if (canWrite && keepsOTimeout)
+    if (canWrite && oTimeout == INFINITE)
         writeWay = way;
 }
 
@@ -531,8 +523,6 @@ unsigned int ioStream::ReadBytes(void* p, unsigned int n)
     const unsigned int count = serializer->RdBytes(p, n, direct);
     if (count == 0)
         ThrowTryCode(ioEndOfFile);
-    if (count < n)
-        SetState(state | WhyFailed(0));
     return count;
 }
 
@@ -587,12 +577,11 @@ void CopyStream(ioStream* to, ioStream* from)
         if (isLent)
             xbufaccess::Advance(source, part + std::max<std::streamsize>(written, 0));
         if (written < size)
-            to->ThrowState(to->WhyFailed(ioStream::stateBad));
+            to->ThrowState(ioStream::stateBad);
         left -= static_cast<std::size_t>(size);
     }
-    const int failed = from->WhyFailed(from->streamBuf->HasFailed() ? ioStream::stateBad : 0);
-    if (left > 0 && failed != 0)
-        from->ThrowState(failed);
+    if (left > 0 && from->streamBuf->HasFailed())
+        from->ThrowState(ioStream::stateBad);
 }
 
 ioEvent* ioStream::Flush(unsigned char blocking)
@@ -600,7 +589,7 @@ ioEvent* ioStream::Flush(unsigned char blocking)
     if (!blocking)
         Throw(ioUnsupportedFunction, "non-blocking Flush");
     if (isOpen && direct->pubsync() == -1)
-        ThrowState(WhyFailed(stateBad));
+        ThrowState(stateBad);
     return nullptr;
 }
 
@@ -656,10 +645,8 @@ void ioStream::setITimeout(double seconds)
 {
     CheckOpen();
     iTimeout = seconds;
-    const bool hasLimit = seconds != INFINITE;
-    if (hasLimit)
+    if (seconds != INFINITE)
         iTimeval = btkTimeval(seconds);
-    keepsITimeout = streamBuf->SetInputLimit(hasLimit ? iTimeval : btkTimeval::Forever()) || !hasLimit;
     FindWays();
 }
 
@@ -667,18 +654,9 @@ void ioStream::setOTimeout(double seconds)
 {
     CheckOpen();
     oTimeout = seconds;
-    const bool hasLimit = seconds != INFINITE;
-    if (hasLimit)
+    if (seconds != INFINITE)
         oTimeval = btkTimeval(seconds);
-    keepsOTimeout = streamBuf->SetOutputLimit(hasLimit ? oTimeval : btkTimeval::Forever()) || !hasLimit;
     FindWays();
-}
-
-void ioStream::SetTextLimit(std::size_t bytes)
-{
-    CheckOpen();
-    constexpr std::size_t least = 65536; // what a buffer may hold is not looked at
-    streamBuf->SetTextLimit(std::max(bytes, least));
 }
 
 void ioStream::setIsFail(unsigned char fail)
