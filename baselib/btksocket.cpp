@@ -1,5 +1,7 @@
 #include <qel/base/btksocket.h>
 
+#include <qel/base/btkevent.h>
+
 #include "btkpoll_p.h"
 #include "btksocketaddress_p.h"
 
@@ -8,17 +10,17 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <linux/tcp.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
 constexpr std::size_t valueSize = 4; // of an urgent value
 constexpr std::size_t beforeMark = valueSize - 1;
-constexpr std::size_t heldLimit = 16 << 20; // bytes that urgent values may make us hold
 constexpr btkTimeval urgentLimit(0, 200000);
 
 using Asked = int (*)(int, sockaddr*, socklen_t*);
@@ -29,6 +31,17 @@ btkSocketAddress AddressOf(btkHandle handle, Asked ask)
     if (ask(handle, address.Get(), &address.size) != 0)
         address.storage.ss_family = AF_UNSPEC;
     return address;
+}
+
+// Of a peer: as it was noted when its connection was accepted, else as the host knows it while it is
+// connected.
+template<std::size_t size>
+btkSocketAddress PeerOf(const btkSocket& socket, const std::array<char, size>& noted)
+{
+    static_assert(size >= sizeof(sockaddr_in6));
+    btkSocketAddress address;
+    std::memcpy(&address.storage, noted.data(), size);
+    return address.storage.ss_family != AF_UNSPEC ? address : AddressOf(socket.GetHandle(), getpeername);
 }
 
 void SetOption(btkHandle handle, int level, int option, int value)
@@ -46,6 +59,7 @@ void SetStreamOptions(btkHandle handle)
     SetOption(handle, IPPROTO_TCP, TCP_KEEPINTVL, 15);
     SetOption(handle, IPPROTO_TCP, TCP_KEEPCNT, 4);
     SetOption(handle, SOL_SOCKET, SO_OOBINLINE, 1);
+    SetOption(handle, IPPROTO_TCP, TCP_INQ, 1); // each read tells how much is left
 }
 
 btkTimeval EndOf(btkTimeval limit)
@@ -65,51 +79,63 @@ short Poll(btkHandle handle, short events, btkTimeval limit)
     return btkPoll(&asked, 1, limit) < 0 ? POLLERR : asked.revents;
 }
 
-// Repeats `call(flags)`, a send or receive, until it transfers something, fails, or `end` has passed. Without
-// an end the call itself waits; with one, poll does.
-template<typename Call>
-std::ptrdiff_t Transfer(btkHandle handle, short events, btkTimeval end, Call call)
+// A receive. `mayBeMore`: whether there may be something behind what it took; known only where the host
+// tells.
+std::ptrdiff_t ReceivePart(btkHandle handle, void* to, std::size_t size, int flags, bool& mayBeMore)
 {
-    const int flags = MSG_NOSIGNAL | (end.IsForever() ? 0 : MSG_DONTWAIT);
-    for (;;) {
-        const std::ptrdiff_t answer = call(flags);
-        if (answer >= 0 || (errno != EINTR && errno != EAGAIN))
-            return answer;
-        if (errno == EAGAIN && Poll(handle, events, LeftUntil(end)) == 0) {
-            errno = ETIMEDOUT;
-            return -1;
-        }
+    iovec room = {to, size};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+    msghdr message = {};
+    message.msg_iov = &room;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    const std::ptrdiff_t count = recvmsg(handle, &message, flags);
+    mayBeMore = true;
+    const cmsghdr* const told = count < 0 ? nullptr : CMSG_FIRSTHDR(&message);
+    if (told != nullptr && told->cmsg_level == IPPROTO_TCP && told->cmsg_type == TCP_CM_INQ) {
+        int left = 0;
+        std::memcpy(&left, CMSG_DATA(told), sizeof left);
+        mayBeMore = left > 0;
     }
+    return count;
 }
 
 // A receive that never waits.
-std::ptrdiff_t ReceiveNow(btkHandle handle, void* to, std::size_t size)
+std::ptrdiff_t ReceiveNow(btkHandle handle, void* to, std::size_t size, bool& mayBeMore)
 {
     for (;;) {
-        const std::ptrdiff_t count = recv(handle, to, size, MSG_DONTWAIT);
+        const std::ptrdiff_t count = ReceivePart(handle, to, size, MSG_DONTWAIT, mayBeMore);
         if (count >= 0 || errno != EINTR)
             return count;
     }
 }
 
-// For what no event tells of.
-template<class Holds>
-void WaitWhile(Holds holds, btkTimeval end)
+std::ptrdiff_t ReceiveNow(btkHandle handle, void* to, std::size_t size)
 {
-    for (btkTimeval pause(0, 50); btkTimeval::Now() < end && holds();
-         pause = std::min(pause + pause, btkTimeval(0, 2000)))
-        btkPoll(nullptr, 0, pause);
+    bool mayBeMore = false;
+    return ReceiveNow(handle, to, size, mayBeMore);
 }
 
-// What the operating system knows of a connection; an older one knows less, and leaves the rest as it was.
-tcp_info AskInfo(btkHandle connection, const tcp_info& unknown)
+class InputEvent final : public btkBaseEvent
 {
-    tcp_info info = unknown;
-    socklen_t size = sizeof info;
-    if (getsockopt(connection, IPPROTO_TCP, TCP_INFO, &info, &size) != 0)
-        return unknown;
-    return info;
-}
+public:
+    explicit InputEvent(btkStreamSocket& of)
+        : btkBaseEvent(of.GetHandle(), of.GetInputConditions(), true), socket(of)
+    {
+    }
+
+protected:
+    State OnAsk() override
+    {
+        GetWatch().events = socket.GetInputConditions();
+        return socket.HoldsReadable() ? On : Ask;
+    }
+    bool OnPolled(short ready) override { return socket.IsReadableAfter(ready); }
+
+private:
+    btkStreamSocket& socket;
+};
 
 btkFd ConnectTo(const btkSocketAddress& address, btkTimeval limit)
 {
@@ -163,6 +189,11 @@ int btkSocket::GetPortN() const
 std::string btkSocket::GetLocalAddrStr() const
 {
     return AddressOf(fd.Get(), getsockname).GetText();
+}
+
+bool btkSocket::IsOnLoopback() const
+{
+    return AddressOf(fd.Get(), getsockname).IsLoopback();
 }
 
 // ---- btkStreamSocket
@@ -274,6 +305,7 @@ void btkStreamSocket::Adopt(btkFd connected)
 void btkStreamSocket::Close()
 {
     fd.Reset();
+    peer = {};
     ahead.reset();
 }
 
@@ -282,23 +314,68 @@ void btkStreamSocket::ShutdownOutput()
     shutdown(fd.Get(), SHUT_WR);
 }
 
+// Waits until `events` hold, at most until `end` or the end that the stop sign tells of. False when the time
+// is up.
+bool btkStreamSocket::Await(short events, btkTimeval end)
+{
+    for (;;) {
+        const btkTimeval told = stopSign == nullptr ? btkTimeval::Forever() : stopSign->GetEnd();
+        const btkHandle sign = stopSign == nullptr || !told.IsForever() ? -1 : stopSign->GetHandle();
+        pollfd asked[] = {{fd.Get(), events, 0}, {sign, POLLIN, 0}};
+        if (btkPoll(asked, sign < 0 ? 1 : 2, LeftUntil(std::min(end, told))) < 0)
+            return true;
+        if (asked[0].revents != 0)
+            return true;
+        // An event that has no end to tell of is another one that has got its number.
+        if (asked[1].revents != 0 && !stopSign->IsKnown())
+            stopSign.reset();
+        else if (asked[1].revents == 0) {
+            limitPassed = true;
+            errno = ETIMEDOUT;
+            return false;
+        }
+    }
+}
+
+// Repeats `call(flags)`, a send or receive, until it transfers something, fails, or `end` has passed. Without
+// anything that could end it the call itself waits; else poll does.
+template<class Call>
+std::ptrdiff_t btkStreamSocket::Transfer(short events, btkTimeval end, bool waitsFirst, Call call)
+{
+    limitPassed = stopSign != nullptr && stopSign->IsOver();
+    if (limitPassed) {
+        errno = ETIMEDOUT;
+        return -1;
+    }
+    const bool mayWait = end.IsForever() && stopSign == nullptr;
+    const int flags = MSG_NOSIGNAL | (mayWait ? 0 : MSG_DONTWAIT);
+    if (waitsFirst && !mayWait && !Await(events, end))
+        return -1;
+    for (;;) {
+        const std::ptrdiff_t answer = call(flags);
+        if (answer >= 0 || (errno != EINTR && errno != EAGAIN))
+            return answer;
+        if (errno == EAGAIN && !Await(events, end))
+            return -1;
+    }
+}
+
 std::size_t btkStreamSocket::Send(const void* from, std::size_t size, bool oob)
 {
-    const btkTimeval end = std::min(EndOf(sendLimit), deadline);
     if (oob) {
         if (size != valueSize) {
             errno = EINVAL;
             return 0;
         }
-        // The mark of a value is lost once the next one is set.
-        const auto isQuiet = [&] { return btkCountReceived(fd.Get()) == receivedThen; };
-        if (lastUrgent > btkTimeval())
-            WaitWhile(isQuiet, lastUrgent + urgentSpacing);
-        WaitWhile([&] { return btkCountUnsent(fd.Get()) > 0; }, btkTimeval::Now() + urgentLimit);
+        // The mark of a value is lost once the next one is set. There is no event for "all has arrived".
+        const btkTimeval patience = btkTimeval::Now() + urgentLimit;
+        for (btkTimeval pause(0, 50); btkCountUnsent(fd.Get()) > 0 && btkTimeval::Now() < patience;
+             pause = std::min(pause + pause, btkTimeval(0, 2000)))
+            btkPoll(nullptr, 0, pause);
     }
     std::size_t done = 0;
     while (done < size) {
-        const std::ptrdiff_t count = Transfer(fd.Get(), POLLOUT, end, [&](int flags) {
+        const std::ptrdiff_t count = Transfer(POLLOUT, EndOf(sendLimit), false, [&](int flags) {
             return send(fd.Get(), static_cast<const char*>(from) + done, size - done,
                         flags | (oob ? MSG_OOB : 0));
         });
@@ -306,25 +383,26 @@ std::size_t btkStreamSocket::Send(const void* from, std::size_t size, bool oob)
             break;
         done += static_cast<std::size_t>(count);
     }
-    if (oob && urgentSpacing > btkTimeval()) {
-        lastUrgent = btkTimeval::Now();
-        receivedThen = btkCountReceived(fd.Get());
-    }
     return done;
 }
 
 std::ptrdiff_t btkStreamSocket::Recv(void* to, std::size_t size, bool oob)
 {
     if (!oob)
-        return Receive(static_cast<char*>(to), size, true);
+        return Receive(static_cast<char*>(to), size, Wait::whenNothingIsThere);
     if (ahead == nullptr || ahead->valueCount == 0)
         Settle();
     return ahead == nullptr ? 0 : static_cast<std::ptrdiff_t>(ahead->Pop(to, size));
 }
 
+std::ptrdiff_t btkStreamSocket::AwaitAndRecv(void* to, std::size_t size)
+{
+    return Receive(static_cast<char*>(to), size, Wait::first);
+}
+
 std::ptrdiff_t btkStreamSocket::TryRecv(void* to, std::size_t size)
 {
-    return Receive(static_cast<char*>(to), size, false);
+    return Receive(static_cast<char*>(to), size, Wait::never);
 }
 
 std::size_t btkStreamSocket::RecvAll(void* to, std::size_t size)
@@ -339,20 +417,23 @@ std::size_t btkStreamSocket::RecvAll(void* to, std::size_t size)
     return done;
 }
 
-std::ptrdiff_t btkStreamSocket::ReceiveRaw(char* to, std::size_t size, bool wait, btkTimeval end)
+std::ptrdiff_t btkStreamSocket::ReceiveRaw(char* to, std::size_t size, Wait wait, btkTimeval end,
+                                           bool& mayBeMore)
 {
-    if (!wait)
-        return ReceiveNow(fd.Get(), to, size);
-    return Transfer(fd.Get(), POLLIN, end, [&](int flags) { return recv(fd.Get(), to, size, flags); });
+    if (wait == Wait::never)
+        return ReceiveNow(fd.Get(), to, size, mayBeMore);
+    return Transfer(POLLIN, end, wait == Wait::first,
+                    [&](int flags) { return ReceivePart(fd.Get(), to, size, flags, mayBeMore); });
 }
 
 // One path for both channels. The host stops a read at a mark, so the three bytes before one are the last of
-// a read; only a read that has filled its room may end among them.
-std::ptrdiff_t btkStreamSocket::Receive(char* to, std::size_t size, bool wait)
+// a read; only a read that has filled its room may end among them. A read that leaves nothing ends at no
+// mark.
+std::ptrdiff_t btkStreamSocket::Receive(char* to, std::size_t size, Wait wait)
 {
     if (size == 0)
         return 0;
-    const btkTimeval end = wait ? std::min(EndOf(recvLimit), deadline) : btkTimeval();
+    const btkTimeval end = wait == Wait::never ? btkTimeval() : EndOf(recvLimit);
     for (;;) {
         if (ahead != nullptr && ahead->Count() > 0) {
             if (ahead->isMarkNear)
@@ -361,17 +442,19 @@ std::ptrdiff_t btkStreamSocket::Receive(char* to, std::size_t size, bool wait)
             if (held > 0)
                 return static_cast<std::ptrdiff_t>(held);
             if (ahead->Count() > 0) { // parts of a value whose end is on its way
-                if (wait && Poll(fd.Get(), POLLIN, LeftUntil(end)) != 0)
+                if (wait == Wait::never)
+                    errno = EAGAIN;
+                else if (Await(POLLIN, end))
                     continue;
-                errno = wait ? ETIMEDOUT : EAGAIN;
                 return -1;
             }
         }
-        const std::ptrdiff_t got = ReceiveRaw(to, size, wait, end);
-        if (got <= 0)
+        bool mayBeMore = true;
+        const std::ptrdiff_t got = ReceiveRaw(to, size, wait, end, mayBeMore);
+        const bool isMarkKnown = ahead != nullptr && ahead->isMarkNear;
+        if (got <= 0 || (!mayBeMore && !isMarkKnown))
             return got;
         const std::size_t count = static_cast<std::size_t>(got);
-        const bool isMarkKnown = ahead != nullptr && ahead->isMarkNear;
         if (!IsAtMark() && !isMarkKnown && (count < size || !IsUrgentPending()))
             return got;
         const std::size_t tail = std::min(count, beforeMark);
@@ -428,11 +511,12 @@ void btkStreamSocket::ReadToMark()
             ahead->isMarkNear = false;
             return;
         }
-        if (ahead->Count() >= heldLimit)
+        if (!MayReadAhead())
             return;
         std::string& bytes = ahead->bytes;
+        bytes.erase(0, std::exchange(ahead->taken, 0));
         const std::size_t before = bytes.size();
-        constexpr std::size_t piece = 65536;
+        const std::size_t piece = std::min<std::size_t>(urgentBudget - before, 65536);
         bytes.resize(before + piece);
         const std::ptrdiff_t count = ReceiveNow(fd.Get(), bytes.data() + before, piece);
         bytes.resize(before + static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
@@ -470,10 +554,8 @@ bool btkStreamSocket::IsReadable(btkTimeval limit)
             ReadToMark();
         if (ahead != nullptr && ahead->Sure() > 0)
             return true;
-        // A mark that is known and not reached yet must not wake us again and again.
         const bool isMarkNear = ahead != nullptr && ahead->isMarkNear;
-        const short ready =
-            Poll(fd.Get(), static_cast<short>(POLLIN | (isMarkNear ? 0 : POLLPRI)), LeftUntil(end));
+        const short ready = Poll(fd.Get(), GetInputConditions(), LeftUntil(end));
         if (ready == 0)
             return false;
         if ((ready & POLLPRI) == 0 && !isMarkNear)
@@ -481,6 +563,29 @@ bool btkStreamSocket::IsReadable(btkTimeval limit)
         GetAhead();
         Settle();
     }
+}
+
+btkBaseEvent* btkStreamSocket::GetInputEvent()
+{
+    return new InputEvent(*this);
+}
+
+bool btkStreamSocket::HoldsReadable() const
+{
+    return ahead != nullptr && ahead->Sure() > 0;
+}
+
+// A mark that is known and not reached yet must not wake us again and again.
+short btkStreamSocket::GetInputConditions() const
+{
+    return static_cast<short>(ahead != nullptr && ahead->isMarkNear ? POLLIN : POLLIN | POLLPRI);
+}
+
+// Without a mark what is readable is ordinary, whatever has come since.
+bool btkStreamSocket::IsReadableAfter(short found)
+{
+    const bool isMarkNear = ahead != nullptr && ahead->isMarkNear;
+    return !isMarkNear && (found & POLLPRI) == 0 ? found != 0 : IsReadable();
 }
 
 bool btkStreamSocket::HasUrgent()
@@ -492,20 +597,20 @@ bool btkStreamSocket::HasUrgent()
 
 bool btkStreamSocket::MayReadAhead() const
 {
-    return ahead == nullptr || ahead->Count() < heldLimit;
+    return ahead == nullptr || ahead->Count() < urgentBudget;
 }
 
 std::string btkStreamSocket::GetPeerAddrStr() const
 {
-    return AddressOf(fd.Get(), getpeername).GetText();
+    return PeerOf(*this, peer).GetText();
 }
 
 bool btkStreamSocket::IsPeerOnTheSameMachine() const
 {
-    const btkSocketAddress peer = AddressOf(fd.Get(), getpeername);
-    if (peer.storage.ss_family == AF_UNSPEC)
+    const btkSocketAddress address = PeerOf(*this, peer);
+    if (address.storage.ss_family == AF_UNSPEC)
         return false;
-    return peer.IsLoopback() || peer.HasSameHost(AddressOf(fd.Get(), getsockname));
+    return address.IsLoopback() || address.HasSameHost(AddressOf(fd.Get(), getsockname));
 }
 
 // ---- btkAcceptSocket
@@ -547,10 +652,12 @@ bool btkAcceptSocket::Listen(int port, const char* interface)
 bool btkAcceptSocket::Accept(btkStreamSocket* connection)
 {
     for (;;) {
-        btkFd accepted(accept4(fd.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        btkSocketAddress address;
+        btkFd accepted(accept4(fd.Get(), address.Get(), &address.size, SOCK_CLOEXEC));
         if (accepted) {
             connection->Close();
             connection->fd = std::move(accepted);
+            std::memcpy(connection->peer.data(), &address.storage, connection->peer.size());
             return true;
         }
         if (errno != EINTR)
@@ -570,23 +677,4 @@ std::size_t btkCountUnsent(btkHandle connection)
 {
     int count = 0;
     return ioctl(connection, TIOCOUTQ, &count) == 0 && count > 0 ? static_cast<std::size_t>(count) : 0;
-}
-
-std::size_t btkCountPeerRoom(btkHandle connection)
-{
-    tcp_info unknown = {};
-    unknown.tcpi_snd_wnd = 0x7FFFFFFF;
-    const std::size_t room = AskInfo(connection, unknown).tcpi_snd_wnd;
-    const std::size_t underway = btkCountUnsent(connection);
-    return room > underway ? room - underway : 0;
-}
-
-unsigned long long btkCountReceived(btkHandle connection)
-{
-    return AskInfo(connection, {}).tcpi_bytes_received;
-}
-
-void btkSetOwnRoom(btkHandle connection, std::size_t bytes)
-{
-    SetOption(connection, SOL_SOCKET, SO_RCVBUF, static_cast<int>(bytes)); // takes as much again for itself
 }

@@ -13,7 +13,6 @@ struct capi_nmsServerProxy
 {
     std::string host; // empty: this machine
     int port;         // of the last request
-    btkTimeval deadline = btkTimeval::Forever();
 };
 
 struct capi_nmsRecord
@@ -37,17 +36,6 @@ struct capi_nmsError
 namespace {
 
 std::atomic<btkTimeval> answerLimit = btkTimeval(10, 0);
-std::atomic<std::size_t> mostRecords = 100000;
-std::atomic<std::size_t> mostBytes = std::size_t(64) << 20;
-
-// What a record takes of memory, about.
-std::size_t CostOf(const nmsFields& record)
-{
-    std::size_t cost = sizeof record;
-    for (const auto& field : record.fields)
-        cost += sizeof field + field.first.size() + field.second.size();
-    return cost;
-}
 
 } // namespace
 
@@ -57,8 +45,8 @@ int nmsFindPort()
     if (text == nullptr)
         return nmsDefaultPort;
     const long port = std::strtol(text, nullptr, 10);
-    if (port != 0)
-        return static_cast<int>(std::clamp<long>(port, INT_MIN, INT_MAX));
+    if (port != 0 && port <= 65535 && port >= INT_MIN)
+        return static_cast<int>(port);
     std::fprintf(stderr, "ERROR  : value of VRXNMSPORT is invalid, using the port %d.\n", nmsDefaultPort);
     return nmsDefaultPort;
 }
@@ -73,17 +61,10 @@ btkTimeval nmsGetAnswerLimit()
     return answerLimit;
 }
 
-void nmsSetAnswerBounds(std::size_t records, std::size_t bytes)
-{
-    mostRecords = records;
-    mostBytes = bytes;
-}
-
 bool nmsExchange::Connect(const char* host, int port)
 {
-    end = latest.IsForever() ? btkTimeval::Now() + nmsGetAnswerLimit() : latest;
-    socket.SetDeadline(end);
-    return socket.Connect(host, port, end - btkTimeval::Now());
+    socket.SetSendLimit(nmsGetAnswerLimit());
+    return socket.Connect(host, port, btkTimeval::Forever());
 }
 
 nmsOutcome nmsExchange::DoNot(const char* host, int port)
@@ -105,20 +86,20 @@ int nmsExchange::Ask(const char* host, int port, nmsRequestCode code, const std:
     // What the server answered stands, also when it did not read the request to its end.
     socket.Send(request.data(), request.size());
     char status = 0;
-    if (!Read(&status, 1))
+    if (!Read(&status, 1, btkTimeval::Now() + nmsGetAnswerLimit()))
         return noAnswer;
     return static_cast<unsigned char>(status);
 }
 
-bool nmsExchange::Read(char* to, std::size_t size)
+bool nmsExchange::Read(char* to, std::size_t size, btkTimeval end)
 {
     while (size > 0) {
         if (used == held.size()) {
             constexpr std::size_t room = 16384;
             held.resize(room);
             used = 0;
-            // Also when there are bytes each time that it looks.
-            const std::ptrdiff_t count = btkTimeval::Now() < end ? socket.Recv(held.data(), room) : 0;
+            socket.SetRecvLimit(end - btkTimeval::Now());
+            const std::ptrdiff_t count = socket.Recv(held.data(), room);
             held.resize(static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
             if (count <= 0) {
                 socket.Close();
@@ -137,7 +118,7 @@ bool nmsExchange::Read(char* to, std::size_t size)
 bool nmsExchange::ReadInt(int& value)
 {
     char bytes[nmsIntSize];
-    if (!Read(bytes, sizeof bytes))
+    if (!Read(bytes, sizeof bytes, btkTimeval::Now() + nmsGetAnswerLimit()))
         return false;
     value = nmsGetInt(bytes);
     return true;
@@ -145,10 +126,11 @@ bool nmsExchange::ReadInt(int& value)
 
 bool nmsExchange::ReadRecord(nmsFields& record)
 {
+    const btkTimeval end = btkTimeval::Now() + nmsGetAnswerLimit();
     nmsRecordReader reader;
     char piece[nmsRecordReader::maxPiece];
     while (reader.GetWanted() > 0)
-        if (!Read(piece, reader.GetWanted()) || !reader.Take(piece))
+        if (!Read(piece, reader.GetWanted(), end) || !reader.Take(piece))
             break;
     record = std::move(reader.record);
     return reader.IsWhole();
@@ -159,15 +141,9 @@ bool nmsExchange::ReadRecords(std::vector<nmsFields>& records)
     int count = 0;
     if (!ReadInt(count) || count < 0)
         return false;
-    std::size_t bytes = 0;
     for (int i = 0; i < count; ++i) {
         nmsFields record;
-        isBeyondBounds = static_cast<std::size_t>(i) >= mostRecords;
-        if (isBeyondBounds || !ReadRecord(record))
-            return false;
-        bytes += CostOf(record);
-        isBeyondBounds = bytes > mostBytes;
-        if (isBeyondBounds)
+        if (!ReadRecord(record))
             return false;
         records.push_back(std::move(record));
     }
@@ -190,7 +166,7 @@ void Delete(T** object)
 capi_nmsServerProxy* NewProxy(const char* host)
 {
     try {
-        return new capi_nmsServerProxy{.host = host, .port = 0};
+        return new capi_nmsServerProxy{host, 0};
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
@@ -210,8 +186,8 @@ capi_nmsError* Request(capi_nmsServerProxy& proxy, nmsRequestCode code, const nm
     proxy.port = nmsFindPort();
     const char* const host = proxy.host.c_str();
     const nmsOutcome outcome = record == nullptr || nmsPutRecord(encoded, *record)
-                                   ? nmsExchange(proxy.deadline).Do(host, proxy.port, code, encoded, rest)
-                                   : nmsExchange(proxy.deadline).DoNot(host, proxy.port);
+                                   ? nmsExchange().Do(host, proxy.port, code, encoded, rest)
+                                   : nmsExchange().DoNot(host, proxy.port);
     return outcome.code == nmscDone ? nullptr : NewError(proxy, outcome.code, outcome.fromServer);
 }
 
@@ -230,11 +206,6 @@ capi_nmsServerProxy* nmsServConnectByName(const char* host)
 void nmsServDelete(capi_nmsServerProxy** proxy)
 {
     Delete(proxy);
-}
-
-void nmsServSetDeadline(capi_nmsServerProxy* proxy, btkTimeval end)
-{
-    proxy->deadline = end;
 }
 
 std::uint32_t nmsGetOwnProcess()

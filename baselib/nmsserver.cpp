@@ -1,16 +1,11 @@
 #include "nmsserver.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <fcntl.h>
 #include <new>
 #include <poll.h>
 
 #include <qel/base/btkevent.h>
-#include <qel/base/btkreplace.h>
 #include <qel/base/btksystem.h>
 
 #include "btkpoll_p.h"
@@ -18,42 +13,12 @@
 
 namespace {
 
-// A client younger than this does not have to go for another one.
-constexpr btkTimeval newFor(0, 20000);
 constexpr btkTimeval pauseWithoutRoom(0, 50000);
 constexpr btkTimeval endingLimit(0, 500000);
 constexpr std::size_t fixedPlaces = 3; // of what is waited for beside the clients
 constexpr std::size_t receiveSize = 16384;
 constexpr std::size_t sendSize = 65536;
 constexpr int sendsInTurn = 4; // then the other clients have theirs
-constexpr btkTimeval saveDelay(0, 500000);
-constexpr btkTimeval reportInterval(60, 0);
-
-// Whose records count together: those of one address, of IPv6 those of one network, of which every machine
-// has more addresses than there is room; empty: this machine.
-std::string HolderOf(const btkStreamSocket& client)
-{
-    if (client.IsPeerOnTheSameMachine())
-        return {};
-    std::string address = client.GetPeerAddrStr();
-    in6_addr bytes = {};
-    if (inet_pton(AF_INET6, address.c_str(), &bytes) == 1)
-        address.assign(reinterpret_cast<const char*>(bytes.s6_addr), 8);
-    return address;
-}
-
-// The folder of a file, and what is left of its path there.
-btkFd OpenFolderOf(const std::string& path)
-{
-    const std::size_t slash = path.rfind('/');
-    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    return btkFd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-}
-
-const char* NameOf(const std::string& path)
-{
-    return path.c_str() + path.rfind('/') + 1; // without one: npos + 1 is 0
-}
 
 } // namespace
 
@@ -62,6 +27,7 @@ struct nmsServer::Client
     enum State { Asking, Answering, Leaving, Gone };
 
     btkStreamSocket socket;
+    std::string address;
     State state = Asking;
     short ready = 0; // what the last poll found
     btkTimeval since = btkTimeval::Now();
@@ -87,10 +53,9 @@ struct nmsServer::Client
 };
 
 nmsServer::nmsServer(nmsServerOptions wanted)
-    : options(std::move(wanted)), table(options.table), stop(Event_Create(false)),
-      asked(std::make_unique<pollfd[]>(fixedPlaces + options.waiting))
+    : options(std::move(wanted)), table(options.table), stop(Event_Create(false)), clients(options.waiting),
+      asked(std::make_unique<pollfd[]>(fixedPlaces + clients.GetPlaces() + 1))
 {
-    clients.reserve(options.waiting);
 }
 
 nmsServer::~nmsServer()
@@ -105,11 +70,7 @@ bool nmsServer::Listen()
         if (!signals)
             return false;
     }
-    if (stop < 0 || !door.Listen(options.port, options.interface))
-        return false;
-    if (!options.stateFile.empty())
-        LoadState();
-    return true;
+    return stop >= 0 && door.Listen(options.port, options.interface);
 }
 
 void nmsServer::Stop()
@@ -121,7 +82,7 @@ void nmsServer::Run()
 {
     isStopping = false;
     btkTimeval end = btkTimeval::Forever();
-    while (!isStopping || (!clients.empty() && btkTimeval::Now() < end)) {
+    while (!isStopping || (!clients.IsEmpty() && btkTimeval::Now() < end)) {
         const btkTimeval limit = isStopping ? std::min(NextLimit(), end) : NextLimit();
         if (Sleep(limit))
             isStopping = true;
@@ -131,19 +92,14 @@ void nmsServer::Run()
         DropLate();
         if (!isStopping)
             AcceptClients();
-        ReportRefusals();
-        if (saveAt <= btkTimeval::Now())
-            SaveState();
         if (isStopping && end.IsForever()) {
             end = btkTimeval::Now() + endingLimit;
             door.Close();
         }
         if (isStopping)
-            std::erase_if(clients, [](const auto& client) { return client->state != Client::Answering; });
+            clients.DropIf([](const Client& client) { return client.state != Client::Answering; });
     }
-    clients.clear();
-    if (table.GetVersion() != savedVersion)
-        SaveState();
+    clients.Clear();
     door.Close();
     Event_Reset(stop);
 }
@@ -175,27 +131,22 @@ bool nmsServer::Sleep(btkTimeval limit)
 // When the first client, or the closed door, is to be looked after.
 btkTimeval nmsServer::NextLimit() const
 {
-    return clients.empty() ? saveAt : std::min(saveAt, clients.front()->since + options.requestLimit);
+    return clients.IsEmpty() ? btkTimeval::Forever() : clients[0].since + options.requestLimit;
 }
 
 void nmsServer::DropLate()
 {
     const btkTimeval now = btkTimeval::Now();
-    std::erase_if(clients, [&](const auto& client) {
-        return client->state == Client::Gone || client->since + options.requestLimit <= now;
-    });
+    clients.DropUntil(now - options.requestLimit);
+    clients.DropIf([](const Client& client) { return client.state == Client::Gone; });
 }
 
 void nmsServer::AcceptClients()
 {
-    for (std::size_t accepted = 0; accepted < options.waiting; ++accepted) {
+    for (std::size_t accepted = 0; accepted < clients.GetPlaces(); ++accepted) {
         const btkTimeval now = btkTimeval::Now();
         if (doorClosedUntil > now)
             return;
-        if (clients.size() >= options.waiting && clients.front()->since + newFor > now) {
-            doorClosedUntil = clients.front()->since + newFor;
-            return;
-        }
         std::unique_ptr<Client> client(new (std::nothrow) Client);
         if (client == nullptr || !door.Accept(&client->socket)) {
             if (client == nullptr || (errno != EAGAIN && errno != ECONNABORTED))
@@ -206,9 +157,10 @@ void nmsServer::AcceptClients()
         Serve(*client);
         if (client->state == Client::Gone)
             continue;
-        if (clients.size() >= options.waiting)
-            clients.erase(clients.begin());
-        clients.push_back(std::move(client));
+        client->address = client->socket.GetPeerAddrStr();
+        clients.Add(std::move(client));
+        if (clients.IsOverfull())
+            clients.TakeLeaving(now);
     }
 }
 
@@ -291,10 +243,9 @@ void nmsServer::Answer(Client& client)
         case nmsRequestCode::ping:
             break;
         case nmsRequestCode::enter:
-            status = !isWhole ? nmscInternal
-                     : record.owner != 0 && !isLocal()
-                         ? nmscNotAllowed
-                         : table.Add(std::move(record), HolderOf(client.socket));
+            status = !isWhole                          ? nmscInternal
+                     : record.owner != 0 && !isLocal() ? nmscNotAllowed
+                                                       : table.Add(std::move(record));
             break;
         case nmsRequestCode::remove: {
             const std::size_t count = isWhole ? table.Remove(record) : 0;
@@ -316,14 +267,15 @@ void nmsServer::Answer(Client& client)
             else
                 status = nmscNotAllowed;
             break;
-        case nmsRequestCode::version:
-            nmsPutRecord(rest, Describe());
+        case nmsRequestCode::version: {
+            nmsFields about;
+            about.Set("Version", options.version);
+            nmsPutRecord(rest, about);
             break;
+        }
         default:
             status = nmscNotRecognized;
         }
-    if (stateFolder && table.GetVersion() != savedVersion && saveAt.IsForever())
-        saveAt = btkTimeval::Now() + saveDelay;
     client.out.assign(1, static_cast<char>(status));
     client.out += rest;
     client.state = Client::Answering;
@@ -358,85 +310,4 @@ void nmsServer::Send(Client& client)
     client.state = isAllRead ? Client::Gone : Client::Leaving;
     if (!isAllRead)
         client.socket.ShutdownOutput();
-}
-
-// What the version record says.
-nmsFields nmsServer::Describe() const
-{
-    const nmsTableUse use = table.GetUse();
-    const nmsTableLimits& most = table.GetLimits();
-    nmsFields about;
-    about.Set("Version", options.version);
-    about.Set("Records", std::to_string(use.records));
-    about.Set("MaxRecords", std::to_string(most.records));
-    about.Set("RecordsOfNoProcess", std::to_string(use.recordsWithoutOwner));
-    about.Set("MaxRecordsOfNoProcess", std::to_string(nmsTable::ShareWithoutOwner(most.records)));
-    about.Set("Bytes", std::to_string(use.bytes));
-    about.Set("MaxBytes", std::to_string(most.bytes));
-    about.Set("Refused", std::to_string(use.refused));
-    if (use.lastRefusal != nullptr)
-        about.Set("LastRefusal", use.lastRefusal);
-    return about;
-}
-
-void nmsServer::ReportRefusals()
-{
-    const nmsTableUse use = table.GetUse();
-    const btkTimeval now = btkTimeval::Now();
-    if (use.refused == reportedRefusals || now < nextReport)
-        return;
-    std::fprintf(stderr, "name server: full: %s; %zu refused since the start\n", use.lastRefusal,
-                 use.refused);
-    reportedRefusals = use.refused;
-    nextReport = now + reportInterval;
-}
-
-// ---- the state file
-
-void nmsServer::LoadState()
-{
-    stateFolder = OpenFolderOf(options.stateFile);
-    if (!stateFolder) {
-        std::fprintf(stderr, "name server: the records will not outlive it: %s: %s\n",
-                     options.stateFile.c_str(), std::strerror(errno));
-        return;
-    }
-    btkReplacement::RemoveLeftOvers(stateFolder.Get());
-    const btkFd file = btkOpenFile(options.stateFile.c_str(), btkOpenRead);
-    std::string saved;
-    // More than a table within the limits takes is no such file.
-    for (const std::size_t most = 2 * options.table.bytes + receiveSize; file && saved.size() < most;) {
-        const std::size_t before = saved.size();
-        saved.resize(before + sendSize);
-        const std::ptrdiff_t count = btkRead(file.Get(), saved.data() + before, sendSize);
-        saved.resize(before + static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
-        if (count <= 0)
-            break;
-    }
-    if (file && !table.Restore(saved))
-        std::fprintf(stderr, "name server: %s is damaged: %zu records were found in it\n",
-                     options.stateFile.c_str(), table.GetSize());
-    savedVersion = table.GetVersion();
-}
-
-void nmsServer::SaveState()
-{
-    saveAt = btkTimeval::Forever();
-    if (!stateFolder)
-        return;
-    savedVersion = table.GetVersion();
-    try {
-        const std::string saved = table.Save();
-        btkReplacement file;
-        // It need not outlive the machine's run.
-        if (file.Create(stateFolder.Get()) && file.Write(saved.data(), saved.size()) &&
-            file.TakePlace(NameOf(options.stateFile), btkReplacement::Unsynced))
-            return;
-    } catch (const std::bad_alloc&) {
-        errno = ENOMEM;
-    }
-    if (!isStateReported)
-        std::fprintf(stderr, "name server: %s cannot be written: %s\n", options.stateFile.c_str(),
-                     std::strerror(errno));
-    isStateReported = true;
 }

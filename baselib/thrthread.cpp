@@ -41,7 +41,8 @@ void* Run(void* given)
             pthread_setcancelstate(PTHREAD_CANCEL_DISABLE,
                                    nullptr); // setting the event would be a place for it
             launch->thread->hasEnded.store(true, std::memory_order_release);
-            Event_Set(launch->thread->exited.Get());
+            if (launch->thread->exited)
+                Event_Set(launch->thread->exited.Get());
         }
     };
     const EndNote note{std::unique_ptr<Launch>(static_cast<Launch*>(given))};
@@ -54,20 +55,31 @@ Handle& HandleOf(void* thread)
     return *static_cast<Handle*>(thread);
 }
 
-} // namespace
-
-void* StrictThread_Launch(int (*start)(void*), void* arg, void (*)(void*, bool))
-try {
+void* Start(int (*start)(void*), void* arg, btkFd exited)
+{
     auto handle = std::make_unique<Handle>();
     handle->thread = std::make_shared<btkThreadEnd>();
-    handle->thread->exited.Reset(Event_Create(false));
-    if (!handle->thread->exited)
-        return StrictThread_Refused;
+    handle->thread->exited = std::move(exited);
     auto launch = std::make_unique<Launch>(Launch{handle->thread, start, arg});
     if (pthread_create(&handle->id, nullptr, Run, launch.get()) != 0)
         return StrictThread_Refused;
     [[maybe_unused]] const auto* const taken = launch.release(); // the thread's now
     return handle.release();
+}
+
+} // namespace
+
+void* StrictThread_Launch(int (*start)(void*), void* arg, void (*)(void*, bool))
+try {
+    btkFd exited(Event_Create(false));
+    return exited ? Start(start, arg, std::move(exited)) : StrictThread_Refused;
+} catch (const std::bad_alloc&) {
+    return StrictThread_Refused;
+}
+
+void* StrictThread_LaunchWithoutEvent(int (*start)(void*), void* arg)
+try {
+    return Start(start, arg, {});
 } catch (const std::bad_alloc&) {
     return StrictThread_Refused;
 }

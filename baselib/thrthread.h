@@ -13,6 +13,9 @@ inline void* const StrictThread_Refused = reinterpret_cast<void*>(-1);
 /// handle is freed with StrictThread_Free; StrictThread_Refused when the host has no thread, descriptor or
 /// memory left. `fork` is for hosts whose threads are processes: never called on this one.
 BASE_API void* StrictThread_Launch(int (*start)(void* arg), void* arg, void (*fork)(void* arg, bool parent));
+/// The same for a thread whose end is asked for or waited for with the functions below only: it takes no
+/// descriptor, and no event is made of it.
+BASE_API void* StrictThread_LaunchWithoutEvent(int (*start)(void* arg), void* arg);
 /// Whether the thread still runs. False as soon as its exit event is on; what the thread has written before
 /// is seen by the caller then.
 BASE_API bool StrictThread_CheckRunning(void* thread);

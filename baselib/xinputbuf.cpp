@@ -19,8 +19,8 @@ std::size_t xinputbuf::ReadInto(char* to, std::size_t size)
 {
     starvedStart = starvedEnd = nullptr;
     const std::ptrdiff_t count = ReadSome(to, size);
-    SetEofReached(count <= 0);
-    SetFailed(count < 0);
+    SetEofReached(count <= 0 && !IsLimitPassed());
+    SetFailed(count < 0 && !IsLimitPassed());
     NoteHeld();
     return count <= 0 ? 0 : static_cast<std::size_t>(count);
 }

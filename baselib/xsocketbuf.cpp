@@ -73,15 +73,28 @@ btkBaseEvent* xsocketbuf::GetUrgentEvent()
 
 // ---- input
 
+bool xsocketbuf::SetInputLimit(btkTimeval limit)
+{
+    socket->SetRecvLimit(limit);
+    return true;
+}
+
 std::ptrdiff_t xsocketbuf::ReadSome(char* to, std::size_t size)
 {
-    if (Pending() > 0) {
+    const bool isPending = Pending() > 0;
+    SetLimitPassed(false);
+    if (isPending) {
         const std::ptrdiff_t count = socket->TryRecv(to, size);
         if (count >= 0 || errno != EAGAIN)
             return count;
-        SendPending(); // a failure shows in what is read: the connection is gone
+        SendPending();
+        if (IsLimitPassed())
+            return -1;
+        // Another failure shows in what is read: the connection is gone.
     }
-    return socket->Recv(to, size);
+    const std::ptrdiff_t count = isPending ? socket->AwaitAndRecv(to, size) : socket->Recv(to, size);
+    SetLimitPassed(count < 0 && socket->IsLimitPassed());
+    return count;
 }
 
 std::size_t xsocketbuf::CountPending()
@@ -103,24 +116,42 @@ bool xsocketbuf::OnTryUnderflow()
 btkBaseEvent::State xsocketbuf::OnAskInput()
 {
     const btkBaseEvent::State state = xinputbuf::OnAskInput();
-    if (state == btkBaseEvent::On || socket->IsReadable())
+    if (state == btkBaseEvent::On || socket->HoldsReadable())
         return btkBaseEvent::On;
     SendPending();
+    SetInputConditions(socket->GetInputConditions());
     return state;
 }
 
-bool xsocketbuf::OnInputPolled(short)
+bool xsocketbuf::OnInputPolled(short ready)
 {
-    return socket->IsReadable();
+    return socket->IsReadableAfter(ready);
 }
 
 // ---- output
+
+bool xsocketbuf::SetOutputLimit(btkTimeval limit)
+{
+    socket->SetSendLimit(limit);
+    return true;
+}
+
+// After output that was lost none is sent: its bytes would stand in the wrong place.
+std::size_t xsocketbuf::Send(const char* from, std::size_t size)
+{
+    if (isBroken)
+        return 0;
+    const std::size_t sent = socket->Send(from, size);
+    isBroken = sent < size;
+    SetLimitPassed(isBroken && socket->IsLimitPassed());
+    return sent;
+}
 
 bool xsocketbuf::SendPending()
 {
     const std::size_t count = Pending();
     if (count > 0) {
-        isBroken |= socket->Send(pbase(), count) < count;
+        Send(pbase(), count);
         setp(pbase(), epptr());
     }
     return !isBroken;
@@ -143,11 +174,8 @@ std::streamsize xsocketbuf::xsputn(const char* from, std::streamsize count)
     const std::size_t size = count < 0 ? 0 : static_cast<std::size_t>(count);
     if (size > static_cast<std::size_t>(epptr() - pptr()) && !SendPending())
         return 0;
-    if (size >= outputSize) {
-        const std::size_t sent = socket->Send(from, size);
-        isBroken |= sent < size;
-        return static_cast<std::streamsize>(sent);
-    }
+    if (size >= outputSize)
+        return static_cast<std::streamsize>(Send(from, size));
     std::memcpy(pptr(), from, size);
     pbump(static_cast<int>(size));
     return static_cast<std::streamsize>(size);

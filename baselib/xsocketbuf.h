@@ -25,6 +25,9 @@ public:
     /// buffer and is on then.
     btkBaseEvent* GetUrgentEvent();
 
+    bool SetInputLimit(btkTimeval limit) override;
+    bool SetOutputLimit(btkTimeval limit) override;
+
 protected:
     std::ptrdiff_t ReadSome(char* to, std::size_t size) override;
     std::size_t CountPending() override;
@@ -44,6 +47,7 @@ private:
 
     std::size_t Pending() const { return static_cast<std::size_t>(pptr() - pbase()); }
     bool SendPending();
+    std::size_t Send(const char* from, std::size_t size);
 
     btkStreamSocket* socket;
     std::unique_ptr<char[]> output; // made on first use

@@ -46,7 +46,12 @@ protected:
         }
         const bool mayKnow = buffer->gptr() != buffer->egptr() || buffer->asksInput;
         GetWatch().asks = mayKnow;
-        return mayKnow ? buffer->OnAskInput() : Ask;
+        if (!mayKnow)
+            return Ask;
+        const State state = buffer->OnAskInput();
+        if (buffer->inputConditions != 0)
+            GetWatch().events = buffer->inputConditions;
+        return state;
     }
     bool OnPolled(short ready) override
     {
@@ -115,6 +120,14 @@ btkBaseEvent* xstreambuf::MakeInputEvent(btkHandle handle)
 btkBaseEvent* xstreambuf::MakeOutputEvent(btkHandle handle)
 {
     return new xbufferevent(*this, handle, 1);
+}
+
+std::size_t xGetTextLimit(const std::streambuf& buffer)
+{
+    if (const auto* const own = dynamic_cast<const xstreambuf*>(&buffer))
+        return own->GetTextLimit();
+    const auto* const view = dynamic_cast<const xtrystreambuf*>(&buffer);
+    return view != nullptr ? view->GetOwner().GetTextLimit() : static_cast<std::size_t>(-1);
 }
 
 xtrystreambuf::int_type xtrystreambuf::underflow()

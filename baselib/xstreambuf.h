@@ -48,6 +48,18 @@ public:
     /// that for the two. What is left afterwards, all or nothing, is for an ordinary copy.
     void PassTo(xstreambuf& to);
 
+    // ---- limits; a buffer that keeps none of a kind returns false
+
+    /// How long reading, or writing, waits at most for the next byte to come, or to go, before it fails;
+    /// Forever: no limit.
+    virtual bool SetInputLimit(btkTimeval) { return false; }
+    virtual bool SetOutputLimit(btkTimeval) { return false; }
+    /// Whether the last transfer failed because its limit had passed.
+    bool IsLimitPassed() const { return limitPassed; }
+    /// How many bytes a text may have that is read from here; without limit at first.
+    std::size_t GetTextLimit() const { return textLimit; }
+    void SetTextLimit(std::size_t bytes) { textLimit = bytes; }
+
     // ---- what is known
 
     /// Whether no more input can arrive than what is held.
@@ -71,6 +83,7 @@ protected:
     void SetFailed(bool hasFailed) { failed = hasFailed; }
     void SetTryExhausted() { tryExhausted = true; }
     void SetTryTooLarge() { tryTooLarge = true; }
+    void SetLimitPassed(bool passed) { limitPassed = passed; }
 
     /// Where the host has the next byte to be read or written; no handle when bytes are held here, or are not
     /// simply those of the descriptor.
@@ -95,6 +108,8 @@ protected:
     /// The same for the output events, which ask once after each NoteShort.
     virtual btkBaseEvent::State OnAskOutput() { return btkBaseEvent::Ask; }
     void NoteShort();
+    /// What the events ask the host for, as poll takes it, in place of "readable".
+    void SetInputConditions(short conditions) { inputConditions = conditions; }
     void SetAsksInput()
     {
         asksInput = true;
@@ -118,7 +133,13 @@ private:
     bool failed = false;
     bool tryExhausted = false;
     bool tryTooLarge = false;
+    bool limitPassed = false;
+    short inputConditions = 0; // 0: readable
+    std::size_t textLimit = static_cast<std::size_t>(-1);
 };
+
+/// How many bytes a text may have that is read from `buffer`, or from a try view of it.
+BASE_API std::size_t xGetTextLimit(const std::streambuf& buffer);
 
 /// A try view that lends bytes of its owner's buffer.
 class BASE_API xtrystreambuf : public std::streambuf
@@ -136,6 +157,7 @@ public:
     }
     /// Ends the loan.
     void FreeBuf() { setg(nullptr, nullptr, nullptr); }
+    const xstreambuf& GetOwner() const { return owner; }
 
 protected:
     int_type underflow() override;

@@ -19,6 +19,7 @@ namespace {
 
 constexpr unsigned newFileMode = 0666;
 constexpr unsigned temporaryFileMode = 0600;
+constexpr unsigned temporaryDirectoryMode = 0700;
 constexpr long long stepsASecond = 10000000; // of a FILETIME
 
 /// A handle is the descriptor plus one, so that neither null nor INVALID_HANDLE_VALUE is a descriptor; above
@@ -94,6 +95,41 @@ int moveInSteps(const std::string& from, const std::string& to)
         return -1;
     }
     return rename(from.c_str(), to.c_str());
+}
+
+/// `make` creates the node of a host path and fails, with errno set, when there is one.
+template<class Make>
+unsigned makeTemporary(const char* directory, const char* prefix, unsigned unique, char* name, Make make)
+{
+    constexpr int attempts = 1000;
+    constexpr std::size_t addedLength = 8 + 4;
+    if (unique != 0 || directory == nullptr || prefix == nullptr)
+        return static_cast<unsigned>(platFailWith(ERROR_INVALID_PARAMETER));
+    if (std::strpbrk(prefix, "/\\") != nullptr)
+        return static_cast<unsigned>(platFailWith(ERROR_INVALID_NAME));
+    std::string path = directory;
+    if (path.empty())
+        return static_cast<unsigned>(platFailWith(ERROR_DIRECTORY));
+    if (path.back() != '\\' && path.back() != '/')
+        path.push_back('\\');
+    path.append(prefix);
+    if (path.size() + addedLength >= MAX_PATH)
+        return static_cast<unsigned>(platFailWith(ERROR_FILENAME_EXCED_RANGE));
+
+    std::string host;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        std::uint32_t number = 0;
+        if (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number) || number == 0)
+            continue;
+        std::snprintf(name, MAX_PATH, "%s%08X.TMP", path.c_str(), number);
+        if (!platHostPath(name, host))
+            return 0;
+        if (make(host.c_str()))
+            return number;
+        if (errno != EEXIST)
+            return static_cast<unsigned>(platFailOn(host));
+    }
+    return static_cast<unsigned>(platFailWith(ERROR_FILE_EXISTS));
 }
 
 } // namespace
@@ -280,35 +316,14 @@ BOOL CopyFileA(const char* from, const char* to, BOOL failIfExists)
 
 unsigned GetTempFileNameA(const char* directory, const char* prefix, unsigned unique, char* name)
 {
-    constexpr int attempts = 1000;
-    constexpr std::size_t addedLength = 8 + 4;
-    if (unique != 0 || directory == nullptr || prefix == nullptr)
-        return static_cast<unsigned>(platFailWith(ERROR_INVALID_PARAMETER));
-    if (std::strpbrk(prefix, "/\\") != nullptr)
-        return static_cast<unsigned>(platFailWith(ERROR_INVALID_NAME));
-    std::string path = directory;
-    if (path.empty())
-        return static_cast<unsigned>(platFailWith(ERROR_DIRECTORY));
-    if (path.back() != '\\' && path.back() != '/')
-        path.push_back('\\');
-    path.append(prefix);
-    if (path.size() + addedLength >= MAX_PATH)
-        return static_cast<unsigned>(platFailWith(ERROR_FILENAME_EXCED_RANGE));
+    return makeTemporary(directory, prefix, unique, name, [](const char* host) {
+        return static_cast<bool>(
+            platDescriptor(platOpenAt(AT_FDCWD, host, O_WRONLY | O_CREAT | O_EXCL, temporaryFileMode)));
+    });
+}
 
-    std::string host;
-    for (int attempt = 0; attempt < attempts; ++attempt) {
-        std::uint32_t number = 0;
-        if (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number) || number == 0)
-            continue;
-        std::snprintf(name, MAX_PATH, "%s%08X.TMP", path.c_str(), number);
-        if (!platHostPath(name, host))
-            return 0;
-        const platDescriptor file(
-            platOpenAt(AT_FDCWD, host.c_str(), O_WRONLY | O_CREAT | O_EXCL, temporaryFileMode));
-        if (file)
-            return number;
-        if (errno != EEXIST)
-            return static_cast<unsigned>(platFailOn(host));
-    }
-    return static_cast<unsigned>(platFailWith(ERROR_FILE_EXISTS));
+unsigned platMakeTempDirectory(const char* directory, const char* prefix, unsigned unique, char* name)
+{
+    return makeTemporary(directory, prefix, unique, name,
+                         [](const char* host) { return mkdir(host, temporaryDirectoryMode) == 0; });
 }

@@ -65,6 +65,8 @@ BOOL CopyFileA(const char* from, const char* to, BOOL failIfExists);
 /// and `name` have room for MAX_PATH bytes. Answers 0 when it fails. The whole prefix is kept, not three
 /// letters; one that holds a separator is ERROR_INVALID_NAME.
 unsigned GetTempFileNameA(const char* directory, const char* prefix, unsigned unique, char* name);
+/// The same for a directory.
+unsigned platMakeTempDirectory(const char* directory, const char* prefix, unsigned unique, char* name);
 
 struct timespec;
 /// The signed 64-bit count of steps reaches from the year -27627 to 30828; a time beyond becomes its end.

@@ -19,6 +19,15 @@ namespace {
 
 constexpr std::string_view shownBackslash = "\xEF\x81\x9C"; // U+F05C
 constexpr std::string_view shownEscape = "\xEF\x81\x9D";    // U+F05D
+constexpr std::string_view shownColon = "\xEF\x80\xBA";     // U+F03A
+
+/// The forms by which names are shown that would be taken for something else.
+struct Shown
+{
+    std::string_view form;
+    char hostByte; // 0: the form that stands before each of these where the host's name holds it
+};
+constexpr Shown shownForms[] = {{shownBackslash, '\\'}, {shownColon, ':'}, {shownEscape, '\0'}};
 constexpr std::string_view drivePrefix = "QELSTD_DRIVE_";
 constexpr char defaultDrive = 'C';
 
@@ -36,11 +45,34 @@ bool isSeparator(char c)
     return c == '/' || c == '\\';
 }
 
+bool isLetter(char c)
+{
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+}
+
+/// The form that `text` begins with, or null.
+const Shown* shownAtBegin(std::string_view text)
+{
+    for (const Shown& shown : shownForms)
+        if (text.starts_with(shown.form))
+            return &shown;
+    return nullptr;
+}
+
+/// Whether the ":" at `at` would make a drive of the beginning of a name, or a remote path.
+bool isTakenForMore(std::string_view hostName, std::size_t at)
+{
+    const auto byteAt = [hostName](std::size_t place) { // 0 before and behind the name
+        return place < hostName.size() ? hostName[place] : '\0';
+    };
+    const bool isDrive = at >= 1 && isLetter(byteAt(at - 1)) && (at == 1 || byteAt(at - 2) == '/');
+    return isDrive || byteAt(at + 1) == ':' || byteAt(at - 1) == ':';
+}
+
 /// The letter of the drive that `path` begins with, in upper case; 0 when there is none.
 char driveLetter(const char* path)
 {
-    const char upper = static_cast<char>(path[0] & ~0x20);
-    return upper >= 'A' && upper <= 'Z' && path[1] == ':' ? upper : '\0';
+    return isLetter(path[0]) && path[1] == ':' ? static_cast<char>(path[0] & ~0x20) : '\0';
 }
 
 Drives readDrives()
@@ -93,6 +125,12 @@ private:
     std::atomic<const Drives*> current = nullptr;
     std::atomic<std::uint64_t> readAt = 0;
 };
+
+/// Whether there is but drive C, which is the host's root: paths are the host's own then.
+bool isPlain(const Drives& drives)
+{
+    return drives.size() == 1 && drives.front().root.empty();
+}
 
 const Drive* findDrive(const Drives& drives, char letter)
 {
@@ -179,7 +217,7 @@ bool platHostPath(const char* path, std::string& host)
     std::string tail = platHostName(path);
 
     const Drives& drives = DriveTable::Get();
-    const bool single = drives.size() == 1 && drives.front().root.empty();
+    const bool single = isPlain(drives);
     if (!rooted && single && (letter == '\0' || letter == defaultDrive)) {
         host = tail.empty() ? "." : std::move(tail);
         return true;
@@ -222,28 +260,40 @@ bool platNativePath(std::string_view host, std::string& native)
     return true;
 }
 
+bool platPathOfHost(std::string_view host, std::string& path)
+{
+    if (!host.starts_with('/') || isPlain(DriveTable::Get())) {
+        path = platNativeName(host);
+        return true;
+    }
+    return platNativePath(hasUpStep(host) ? resolvedInText(host) : std::string(host), path);
+}
+
 std::string platNativeName(std::string_view hostName)
 {
     std::string native;
     native.reserve(hostName.size());
-    while (!hostName.empty()) {
-        if (hostName.front() == '\\') {
-            native.append(shownBackslash);
-            hostName.remove_prefix(1);
-        } else if (hostName.starts_with(shownBackslash) || hostName.starts_with(shownEscape)) {
-            native.append(shownEscape).append(hostName.substr(0, shownEscape.size()));
-            hostName.remove_prefix(shownEscape.size());
-        } else {
-            native.push_back(hostName.front());
-            hostName.remove_prefix(1);
+    for (std::size_t at = 0; at < hostName.size();) {
+        const std::string_view rest = hostName.substr(at);
+        if (const Shown* escaped = shownAtBegin(rest)) {
+            native.append(shownEscape).append(escaped->form);
+            at += escaped->form.size();
+            continue;
         }
+        if (rest.front() == '\\')
+            native.append(shownBackslash);
+        else if (rest.front() == ':' && isTakenForMore(hostName, at))
+            native.append(shownColon);
+        else
+            native.push_back(rest.front());
+        ++at;
     }
     return native;
 }
 
 bool platIsShownAsIs(const char* hostName)
 {
-    constexpr const char* firstBytes = "\\\xEF"; // of all that is shown otherwise
+    constexpr const char* firstBytes = "\\:\xEF"; // of all that may be shown otherwise
     return std::strpbrk(hostName, firstBytes) == nullptr;
 }
 
@@ -252,21 +302,20 @@ std::string platHostName(std::string_view nativeName)
     std::string host;
     host.reserve(nativeName.size());
     while (!nativeName.empty()) {
-        if (nativeName.starts_with(shownBackslash)) {
-            host.push_back('\\');
-            nativeName.remove_prefix(shownBackslash.size());
-            continue;
+        const Shown* form = shownAtBegin(nativeName);
+        if (form != nullptr && form->hostByte == '\0') { // the escape, of a form that follows
+            const Shown* const escaped = shownAtBegin(nativeName.substr(form->form.size()));
+            if (escaped != nullptr) {
+                nativeName.remove_prefix(form->form.size());
+                form = escaped;
+            }
+            host.append(form->form);
+        } else if (form != nullptr) {
+            host.push_back(form->hostByte);
+        } else {
+            host.push_back(nativeName.front() == '\\' ? '/' : nativeName.front());
         }
-        if (nativeName.starts_with(shownEscape)) {
-            const std::string_view next = nativeName.substr(shownEscape.size());
-            if (next.starts_with(shownBackslash) || next.starts_with(shownEscape))
-                nativeName = next;
-            host.append(nativeName.substr(0, shownEscape.size()));
-            nativeName.remove_prefix(shownEscape.size());
-            continue;
-        }
-        host.push_back(nativeName.front() == '\\' ? '/' : nativeName.front());
-        nativeName.remove_prefix(1);
+        nativeName.remove_prefix(form != nullptr ? form->form.size() : 1);
     }
     return host;
 }

@@ -11,8 +11,10 @@
 /// - Both separators are accepted. Case counts in names, not in drive letters.
 /// - On a re-rooted drive ".." is resolved in the text and stops at the drive's root. It does not look at
 ///   soft links: those lead wherever they lead.
-/// - A backslash in a host name is shown as U+F05C and found by it. So that each name has a form of its own,
-///   U+F05C and U+F05D in a host name are shown with U+F05D before them.
+/// - A backslash in a host name is shown as U+F05C and found by it. A ":" in a host name is shown as U+F03A
+///   where it would make a drive (behind one letter that begins the name) or a remote path (beside another
+///   ":"), and found by it. So that each name has a form of its own, U+F05C, U+F03A and U+F05D in a host name
+///   are shown with U+F05D before them.
 /// Texts are bytes; what is not UTF-8 passes unchanged. Safe to call from any thread.
 
 #include <string>
@@ -26,10 +28,14 @@ bool platHostPath(const char* path, std::string& host);
 /// False when it lies on no drive: the last error is ERROR_INVALID_DRIVE then.
 bool platNativePath(std::string_view host, std::string& native);
 
-/// A name met on the host as it is shown, and back.
+/// Puts the path for `host`, a path as the host has it, into `path`: in native form with its drive where
+/// drives are re-rooted, else with the host's separators. False when it is absolute and lies on no drive.
+bool platPathOfHost(std::string_view host, std::string& path);
+
+/// A name, or a path that is relative, met on the host as it is shown, and back.
 std::string platNativeName(std::string_view hostName);
 std::string platHostName(std::string_view nativeName);
-/// Whether a name is shown as it is; nearly all are.
+/// True for a name that is shown as it is, as nearly all are; false when it has to be looked at.
 bool platIsShownAsIs(const char* hostName);
 
 /// `hostPath` without separators at its end; a root stays. For calls that look at a link itself: with a

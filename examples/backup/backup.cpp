@@ -51,9 +51,7 @@ public:
     TemporaryDirectory()
     {
         const xstring place = sysGetEnv("TMPDIR");
-        path = fsMkTmpName(place == nullptr ? "/tmp" : place.CastToCString(), "bak").CastToCString();
-        fsRemove(path.c_str(), fsSimple); // it is a file
-        fsCreateDir(path.c_str(), fsSimple);
+        path = fsMkTmpDir(place == nullptr ? "/tmp" : place.CastToCString(), "bak").CastToCString();
     }
     ~TemporaryDirectory()
     {

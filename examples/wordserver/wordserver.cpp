@@ -1,9 +1,11 @@
 // Counts the words of what its clients send: wordserver NAME
 //
 // The server registers itself as NAME with the name server of this machine and serves until a client asks it
-// to stop. A client says first whether it wants to be served at once, or by a thread of its own while the
-// server goes on with others.
+// to stop, or SIGTERM or an interrupt does. A client says first whether it wants to be served at once, or by
+// a thread of its own while the server goes on with others.
 
+#include <atomic>
+#include <csignal>
 #include <iostream>
 #include <memory>
 #include <sstream>
@@ -16,6 +18,16 @@
 namespace {
 
 using Stream = std::unique_ptr<netSocketStream, qelDelete>;
+
+/// How many seconds a client may send nothing, or take nothing.
+constexpr double clientLimit = 2;
+
+std::atomic<netServer*> running;
+
+void stopRunning(int)
+{
+    running.load()->Stop();
+}
 
 /// Reads a text, and answers its counts.
 void serve(netSocketStream& stream)
@@ -56,6 +68,8 @@ class Requests : public netBaseServer_OnRequest_cb
     netServerLoopAction Invoke(netBaseServer*, netSocketStream* stream) override
     {
         int mode = serveAtOnce;
+        stream->setITimeout(clientLimit);
+        stream->setOTimeout(clientLimit);
         try {
             mode = stream->ReadInt();
         } catch (xthrowable* failure) { // serving reports the broken connection
@@ -91,8 +105,14 @@ int main(int argc, char** argv)
         }
         server->setOnRequest(&requests);
         server->setOnAsyncRequest(&asyncRequests);
+        server->setGracePeriod(0.5); // of requests whose client keeps them when the server is to stop
+        running = server.get();
+        for (const int signal : {SIGTERM, SIGINT})
+            std::signal(signal, &stopRunning);
         std::cout << "serving as " << argv[1] << " on port " << server->getPortN() << std::endl;
         server->Run();
+        for (const int signal : {SIGTERM, SIGINT}) // the server ends now
+            std::signal(signal, SIG_IGN);
         return 0;
     } catch (xthrowable* failure) {
         std::cerr << "wordserver: " << reasonOf(failure) << '\n';

@@ -141,6 +141,27 @@ TEST_F(Files, CreateTheLevelsThatAreMissing)
     dir.write("file");
     EXPECT_EQ(raisedBy([] { fsCreateDir("X:/file/x", fsRecursive); }), Raised(6, "fsCreateDir", x("file/x")));
     EXPECT_EQ(raisedBy([] { fsCreateDir("Q:/no/drive", fsRecursive); }).code, 6);
+    EXPECT_EQ(raisedBy([] { fsCreateDir("X:/file", fsRecursive); }), Raised(7, "fsCreateDir", x("file")));
+    dir.link("nowhere", "lost");
+    EXPECT_EQ(raisedBy([] { fsCreateDir("X:/lost", fsRecursive); }), Raised(7, "fsCreateDir", x("lost")));
+}
+
+TEST_F(Files, CreateLevelsThatOthersCreateToo)
+{
+    constexpr int trees = 100;
+    std::atomic<int> failed = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&] {
+            for (int tree = 0; tree < trees; ++tree)
+                if (raisedBy([&] {
+                        fsCreateDir(x("raced" + std::to_string(tree) + "/a/b/c/d").c_str(), fsRecursive);
+                    }).code != Raised().code)
+                    ++failed;
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(failed, 0);
 }
 
 TEST_F(Files, RemoveATreeButNothingThatALinkLeadsTo)
@@ -363,6 +384,17 @@ TEST_F(Files, KnowTheHomeDirectoryFromTwoVariables)
     EXPECT_EQ(raisedBy([] { fsGetHomeDir(); }), none);
 }
 
+TEST_F(Files, KnowTheHomeDirectoryFromTheHostsVariable)
+{
+    EnvSetting homeDrive("HOMEDRIVE", nullptr), homePath("HOMEPATH", nullptr);
+    EnvSetting home("HOME", dir.path("C:me/").c_str());
+    EXPECT_TRUE(fsGetHomeDir() == "X:\\C\xEF\x80\xBAme");
+    for (const char* const none : {"", "relative", static_cast<const char*>(nullptr)}) {
+        EnvSetting bad("HOME", none);
+        EXPECT_EQ(raisedBy([] { fsGetHomeDir(); }), Raised(11, "fsGetHomeDir", "(null)"));
+    }
+}
+
 TEST_F(Files, ChangeAndTellTheCurrentDirectory)
 {
     const std::filesystem::path before = std::filesystem::current_path();
@@ -385,12 +417,32 @@ TEST_F(Files, GetTemporaryNamesThatAreNew)
     EXPECT_FALSE(fsMkTmpName("X:\\", "job") == name);
     EXPECT_EQ(raisedBy([] { fsMkTmpName("X:\\none", "job"); }), Raised(6, "fsMkTmpName", "X:\\none"));
     EXPECT_EQ(raisedBy([] { fsMkTmpName("X:\\", "../x"); }), Raised(4, "fsMkTmpName", "../x"));
+
+    dir.makeDir("sub");
+    EXPECT_TRUE(fsMkTmpName("X:/sub", "job").Match("X:\\sub\\job*"));
+    const xstring directory = fsMkTmpDir("X:/sub", "job");
+    EXPECT_TRUE(directory.Match("X:\\sub\\job*"));
+    EXPECT_FALSE(fsMkTmpDir("X:/sub", "job") == directory);
+    struct stat status;
+    ASSERT_EQ(stat(fsPathToHost(directory.CastToCString()).CastToCString(), &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFDIR | 0700u);
+    EXPECT_EQ(raisedBy([] { fsMkTmpDir("X:/none", "job"); }), Raised(6, "fsMkTmpDir", "X:/none"));
 }
 
-TEST_F(Files, TellFreeSpaceOfADriveOrTheCurrentDirectory)
+TEST_F(Files, TellFreeSpaceWhereThePathIs)
 {
-    const double expected = static_cast<double>(std::filesystem::space(dir.path()).available);
-    EXPECT_NEAR(fsGetAvailableDiskSpace("X:/whatever"), expected, 2e9);
+    // The drive's root is one file system, what a link in it leads to another.
+    const char* const elsewhere = "/dev/shm";
+    const auto spaceOf = [](const char* host) {
+        return static_cast<double>(std::filesystem::space(host).available);
+    };
+    ASSERT_TRUE(std::filesystem::is_directory(elsewhere));
+    ASSERT_GT(std::abs(spaceOf(elsewhere) - spaceOf(dir.path())), 1e8) << "cannot be told apart";
+    dir.link(elsewhere, "other");
+    dir.write("file");
+    EXPECT_NEAR(fsGetAvailableDiskSpace("X:/other/none/deep\\er"), spaceOf(elsewhere), 2e7);
+    for (const char* const path : {"X:/", "X:/none/deeper", "X:/file", "X:file/x/", "\\"})
+        EXPECT_GT(std::abs(fsGetAvailableDiskSpace(path) - spaceOf(elsewhere)), 5e7) << path;
     EXPECT_GT(fsGetAvailableDiskSpace("relative"), 0);
     EXPECT_EQ(raisedBy([] { fsGetAvailableDiskSpace("Q:/x"); }),
               Raised(6, "fsGetAvailableDiskSpace", "Q:\\x"));

@@ -1,6 +1,7 @@
 #include <qel/xnetlib.h>
 
 #include <atomic>
+#include <csignal>
 #include <ctime>
 #include <future>
 #include <stdexcept>
@@ -8,13 +9,11 @@
 #include <gtest/gtest.h>
 
 #include "failure.h"
-#include "support/child.h"
 #include "support/descriptors.h"
 #include "support/nameserver.h"
+#include "support/streampair.h"
 #include "support/testserver.h"
-#include <qel/base/btkpipe.h>
 #include <qel/base/btksocket.h>
-#include <qel/base/nmsclient.h>
 #include <qel/xiolib.h>
 #include <qel/xrtti.h>
 
@@ -100,58 +99,6 @@ TEST(netBaseServer, IsKnownByItsNameWhileItLives)
     EXPECT_EQ(failureOf([&] { ResolvePort(address.get()); }), "0 Server is not registered");
 }
 
-// Each asks whether the name is taken before it registers it, and all find that it is not.
-TEST(netBaseServer, OneOfManyThatStartAtOnceGetsTheName)
-{
-    const TestNameServer names;
-    btkOutputPipe go;
-    btkInputPipe gone;
-    ASSERT_TRUE(btkAnonymousPipe::Create(go, gone));
-    std::vector<std::unique_ptr<ChildProcess>> twins;
-    for (int i = 0; i < 12; ++i)
-        twins.push_back(std::make_unique<ChildProcess>([&] {
-            go.Reset();
-            char byte = 0;
-            btkRead(gone.Get(), &byte, 1); // until all are there
-            try {
-                const Owned<netBaseServer> server(netBaseServer::Create("twin", 0));
-                if (server == nullptr)
-                    return 2;
-                pause();
-                return 3;
-            } catch (xthrowable*) {
-                return 1;
-            }
-        }));
-    go.Reset();
-    int refused = 0;
-    for (int i = 0; i < 11; ++i) {
-        int status = 0;
-        const pid_t ended = waitpid(-1, &status, 0);
-        refused += ended > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 1;
-    }
-    EXPECT_EQ(refused, 11);
-    const nmsOwnedProxy proxy(getNameServer(nullptr));
-    EXPECT_TRUE(IsRegisteredWithNMS(proxy.get(), "twin"));
-}
-
-TEST(netBaseServer, TakesNobodyElsesNameAway)
-{
-    const TestNameServer names;
-    const nmsOwnedProxy proxy(getNameServer(nullptr));
-    const xrchandle<netAddress> address(netAddress::Create("counter", nullptr));
-    {
-        const Owned<netBaseServer> server(netBaseServer::Create("counter", 0));
-        const nmsOwnedRecord other(MakeServerRecord("counter")); // of this process, too
-        nmsRecAdd(other.get(), "_PortNumber", "7");
-        EXPECT_EQ(nmsOwnedError(nmsServRegister(proxy.get(), other.get())), nullptr);
-    }
-    EXPECT_EQ(ResolvePort(address.get()), 7);
-    EXPECT_TRUE(UnregisterFromNMS(proxy.get(), "counter"));
-    address->setPortN(0);
-    EXPECT_EQ(failureOf([&] { ResolvePort(address.get()); }), "0 Server is not registered");
-}
-
 TEST(netBaseServer, NeedsANameServerForItsNameOnly)
 {
     const int port = [] {
@@ -216,7 +163,7 @@ TEST(netBaseServer, ServesUntilAHandlerAsksForTheEnd)
     }
 }
 
-TEST(netBaseServer, LetsWhatAHandlerThrowsLeaveTheLoop)
+TEST(netBaseServer, ReportsWhatAHandlerThrowsAndLetsItLeaveTheLoop)
 {
     const Owned<netBaseServer> server = makeServer();
     RequestHandler failing([](netSocketStream* accepted) -> netServerLoopAction {
@@ -225,8 +172,89 @@ TEST(netBaseServer, LetsWhatAHandlerThrowsLeaveTheLoop)
     });
     server->setOnRequest(&failing);
     const Owned<netSocketStream> stream = connectTo(*server);
+    testing::internal::CaptureStderr();
     EXPECT_THROW(server->Run(), std::runtime_error);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "netlib::BaseServer, port " + std::to_string(server->getPortN()) + ", client 127.0.0.1: no\n");
     EXPECT_TRUE(isClosed(*stream));
+}
+
+namespace {
+
+netBaseServer* stoppedBySignal = nullptr;
+
+} // namespace
+
+TEST(netBaseServer, StopsFromASignalHandlerHoweverManyClientsCome)
+{
+    const Owned<netServer> server(netServer::Create(nullptr, 0));
+    stoppedBySignal = server.get();
+    const auto before = std::signal(SIGUSR1, [](int) { stoppedBySignal->Stop(); });
+    std::atomic<bool> isServing = true;
+    std::atomic<int> pings = 0;
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 4; ++i) {
+        clients.emplace_back([&] {
+            const xrchandle<netAddress> address(netAddress::Create(server->getPortN(), nullptr));
+            while (isServing) {
+                pings += netServer::IsAlive(address.get());
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
+        });
+    }
+    std::vector<btkStreamSocket> silent(32);
+    for (btkStreamSocket& one : silent)
+        ASSERT_TRUE(one.Connect(nullptr, server->getPortN(), patience));
+    btkTimeval asked;
+    std::thread stopping([&] {
+        while (pings < 200)
+            std::this_thread::yield();
+        asked = btkTimeval::Now();
+        std::raise(SIGUSR1);
+    });
+    server->Run();
+    const btkTimeval ended = btkTimeval::Now();
+    stopping.join();
+    isServing = false;
+    std::signal(SIGUSR1, before);
+    EXPECT_LT((ended - asked).ToSeconds(), 1.0);
+    // Those that wait for an answer get the end.
+    server->setTimeSlice(0.01);
+    std::thread rest([&] { server->Run(); });
+    for (std::thread& client : clients)
+        client.join();
+    server->Stop();
+    rest.join();
+}
+
+TEST(netBaseServer, HeedsAStopThatCameTooEarlyOnce)
+{
+    const Owned<netBaseServer> server = makeServer();
+    server->setTimeSlice(INFINITE);
+    server->Stop();
+    server->Run();
+    server->Stop();
+    EXPECT_EQ(server->Accept(INFINITE), nullptr);
+    EXPECT_EQ(server->Accept(0.01), nullptr);
+    std::thread end([&] { server->Stop(); });
+    server->Run();
+    end.join();
+}
+
+TEST(netBaseServer, ListensWhereItIsTold)
+{
+    const Owned<netBaseServer> everywhere = makeServer();
+    EXPECT_FALSE(everywhere->IsLoopbackOnly());
+    const Owned<netBaseServer> here(netBaseServer::Create(nullptr, 0, "127.0.0.1"));
+    ASSERT_NE(here, nullptr);
+    EXPECT_TRUE(here->IsLoopbackOnly());
+    EXPECT_EQ(netBaseServer::Create(nullptr, 0, "no such interface"), nullptr);
+
+    netBaseServer::setListenInterface("127.0.0.1");
+    const Owned<netServer> asSet(netServer::Create(nullptr, 0));
+    netBaseServer::setListenInterface(nullptr);
+    ASSERT_NE(asSet, nullptr);
+    EXPECT_TRUE(asSet->IsLoopbackOnly());
 }
 
 TEST(netBaseServer, ScreensConnectionsBeforeThereIsAStream)
@@ -303,6 +331,8 @@ TEST(AsyncRequest, IsServedByAThreadOfItsOwnAndMayEndTheLoop)
             stream->Flush(1);
             if (value == 3)
                 throw std::runtime_error("counts as continue");
+            EXPECT_LE(openDescriptors(),
+                      before + 3 + 4 * 4); // the server's three; each both ends and the pipe's two
             return value == 4 ? netServerTerminate : netServerContinue;
         });
         server->setOnRequest(&spawning);
@@ -370,6 +400,118 @@ TEST(AsyncRequest, IsToldToStopWhenTheServerEndsWhichWaitsForIt)
         EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 1.0);
     }
     EXPECT_EQ(openDescriptors(), before);
+}
+
+namespace {
+
+// A server whose handlers use what it has of its own.
+struct Counting : netServer
+{
+    static Counting* Create() { return CreateAs<Counting>(nullptr, 0); }
+    Counting(btkAcceptSocket* socket, xstring name) : netServer(socket, name) {}
+    ~Counting() override { EndService(); }
+
+    std::vector<int> served = {0};
+};
+
+} // namespace
+
+TEST(AsyncRequest, FindsADerivedServerWholeUntilItHasEnded)
+{
+    for (int i = 0; i < 10; ++i) {
+        std::atomic<int> running = 0;
+        RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
+        netServer* plain = nullptr;
+        Counting* counting = nullptr;
+        AsyncHandler using_([&](netSocketStream* handed, evtEvent* stop) {
+            const Owned<netSocketStream> stream(handed);
+            ++running;
+            EXPECT_TRUE(stop->Wait(30.0));
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            if (plain != nullptr)
+                EXPECT_TRUE(plain->getVersion() == "QEL netServer Version 0.99");
+            else
+                ++counting->served.back();
+            return netServerContinue;
+        });
+        const auto destroyUnderRequest = [&](Owned<netServer> server) {
+            running = 0;
+            server->setOnRequest(&spawning);
+            server->setOnAsyncRequest(&using_);
+            IdleHandler idle([&] { return running == 1 ? netServerTerminate : netServerContinue; });
+            server->setOnIdle(&idle);
+            const xrchandle<netAddress> address(netAddress::Create(server->getPortN(), nullptr));
+            auto client = std::async(std::launch::async, [&] {
+                return Owned<netSocketStream>(netServer::Connect(address.get(), 10.0));
+            });
+            server->Run();
+            server.reset();
+            return client.get() != nullptr;
+        };
+        plain = netServer::Create(nullptr, 0);
+        EXPECT_TRUE(destroyUnderRequest(Owned<netServer>(plain)));
+        plain = nullptr;
+        counting = Counting::Create();
+        EXPECT_TRUE(destroyUnderRequest(Owned<netServer>(counting)));
+    }
+}
+
+TEST(AsyncRequest, BlocksNoLongerThanTheGracePeriodOnceItWasToldToStop)
+{
+    RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
+    std::atomic<int> running = 0;
+    std::atomic<int> timedOut = 0;
+    const std::string tooMuch(64 << 20, 'x');
+    // One waits for a client that sends nothing, one for a client that reads nothing, one is kept busy, and
+    // none asks for the stop event.
+    AsyncHandler stuck([&](netSocketStream* handed, evtEvent*) {
+        const Owned<netSocketStream> stream(handed);
+        const int kind = stream->ReadInt();
+        ++running;
+        try {
+            if (kind == 1)
+                stream->WriteBytes(tooMuch.data(), static_cast<unsigned>(tooMuch.size()));
+            while (kind != 1)
+                stream->ReadInt();
+        } catch (xthrowable* end) {
+            timedOut += stream->getIsTimeout();
+            EXPECT_TRUE(ioXStream::cast(end)->getMsg() == "Stream Error (iolib): timeout expired");
+            xdelete(end);
+        }
+        return netServerContinue;
+    });
+    Owned<netBaseServer> server = makeServer();
+    IdleHandler idle([&] { return running == 3 ? netServerTerminate : netServerContinue; });
+    server->setOnRequest(&spawning);
+    server->setOnAsyncRequest(&stuck);
+    server->setOnIdle(&idle);
+    EXPECT_EQ(server->getGracePeriod(), 5.0);
+    server->setGracePeriod(0.3);
+    std::vector<Owned<netSocketStream>> clients;
+    for (int kind = 0; kind < 3; ++kind) {
+        clients.push_back(connectTo(*server));
+        clients.back()->WriteInt(kind);
+        clients.back()->Flush(1);
+    }
+    std::atomic<bool> isOver = false;
+    std::thread busy([&] {
+        allowStreamFailure([&] {
+            while (!isOver)
+                clients[2]->WriteInt(7);
+        });
+    });
+    server->Run();
+
+    const btkTimeval start = btkTimeval::Now();
+    server.reset();
+    const double taken = (btkTimeval::Now() - start).ToSeconds();
+    isOver = true;
+    clients[0].reset();
+    clients[1].reset();
+    busy.join();
+    EXPECT_EQ(timedOut, 3);
+    EXPECT_GE(taken, 0.29);
+    EXPECT_LT(taken, 0.3 * 1.1 + 0.25); // 0.05 on a machine that is not loaded
 }
 
 TEST(AsyncRequest, ThatCannotStartLosesItsConnectionOnly)

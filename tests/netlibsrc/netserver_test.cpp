@@ -171,6 +171,24 @@ TEST(netServerClient, TakesOfAVersionWhatArrives)
     EXPECT_EQ(answer("\1"), "");
 }
 
+TEST(netServerClient, GivesUpOnAServerThatHangs)
+{
+    netServer::setAnswerLimit(0.1);
+    std::promise<void> finished;
+    const std::shared_future<void> end = finished.get_future().share();
+    const auto hang = [end](btkStreamSocket&) { end.wait_for(std::chrono::seconds(20)); };
+    const btkTimeval start = btkTimeval::Now();
+    {
+        Peer silent(hang);
+        EXPECT_EQ(netServer::Connect(silent.address().get(), 10.0), nullptr);
+        Peer another(hang);
+        EXPECT_EQ(failureOf([&] { netServer::GetVersion(another.address().get()); }), refused);
+        finished.set_value();
+    }
+    EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 5.0);
+    netServer::setAnswerLimit(10);
+}
+
 // ---- rights
 
 TEST(netServer, AdmitsPeersByTheirRightsUnlessTheyAreOnTheSameMachine)
@@ -215,15 +233,26 @@ TEST(netServer, AdmitsPeersByTheirRightsUnlessTheyAreOnTheSameMachine)
     EXPECT_EQ(result, 0);
 }
 
-TEST(netServer, WarnsOfNamesThatCannotBeRestricted)
+TEST(netServer, WarnsOfDoorsThatAreOpenToEveryMachine)
 {
+    const TempDir dir(TempDir::InMemory);
+    const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
     const TestNameServer names;
-    testing::internal::CaptureStderr();
-    const Owned<netServer> odd(netServer::Create("a.b", 0));
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("\"a.b\""), std::string::npos);
-    testing::internal::CaptureStderr();
-    const Owned<netServer> plain(netServer::Create("ab", 0));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    const auto warningOf = [](const char* name, const char* interface) {
+        testing::internal::CaptureStderr();
+        const Owned<netServer> server(netServer::Create(name, 0, interface));
+        return testing::internal::GetCapturedStderr();
+    };
+    const std::string open = "netServer: every machine may connect to ";
+
+    EXPECT_EQ(warningOf("a.b", nullptr), open + "\"a.b\": no key of the registry can have such a name\n");
+    EXPECT_EQ(warningOf("ab", nullptr), open + "\"ab\": the registry has no rights for it\n");
+    EXPECT_EQ(warningOf("ab", "127.0.0.1"), "");
+    EXPECT_EQ(warningOf(nullptr, nullptr), "");
+    hmxRegistryKey key;
+    ASSERT_TRUE(key.Create(hmxRegistry::User().root, "Software\\VRX\\ab"));
+    ASSERT_TRUE(key.SetValue("ConnectionAllowed", "10.*"));
+    EXPECT_EQ(warningOf("ab", nullptr), "");
     EXPECT_FALSE(IsConnectionRestrictable(nullptr));
 }
 
@@ -235,10 +264,10 @@ TEST(netServer, ClosesSilentClientsAfterAWhile)
     {
         ServedInThread served([] {
             netServer* const server = makeServer();
-            server->setSilenceLimit(0.3);
-            EXPECT_EQ(server->getSilenceLimit(), 0.3);
-            server->setSilenceLimit(0);
-            EXPECT_EQ(server->getSilenceLimit(), 0.3);
+            server->setSilentPatience(0.3);
+            EXPECT_EQ(server->getSilentPatience(), 0.3);
+            server->setSilentPatience(0);
+            EXPECT_EQ(server->getSilentPatience(), 0.3);
             return server;
         }());
         const btkTimeval start = btkTimeval::Now();
@@ -280,6 +309,38 @@ TEST(netServer, ClosesTheOldestSilentClientWhereThereIsNoDescriptorForAnother)
     honest.SetRecvLimit(patience);
     EXPECT_EQ(honest.Recv(&byte, 1), 1);
     EXPECT_EQ(silent.Recv(&byte, 1), 0);
+}
+
+TEST(netServer, GivesEachAddressTimeForAFirstByteWhileAnotherConnectsAllTheTime)
+{
+    ServedInThread served([] {
+        netServer* const server = netServer::Create(nullptr, 0, "127.0.0.1");
+        server->setOnRequest(&incrementing);
+        server->setSilentPlaces(8);
+        EXPECT_EQ(server->getSilentPlaces(), 8);
+        return server;
+    }());
+    std::atomic<bool> ends = false;
+    std::thread flood([&] {
+        std::vector<btkFd> kept(100);
+        for (std::size_t i = 0; !ends; i = (i + 1) % kept.size()) {
+            kept[i].Reset(connectFrom("127.0.0.2", "127.0.0.1", served.getPort()));
+            std::this_thread::sleep_for(std::chrono::microseconds(500));
+        }
+    });
+    int answered = 0;
+    for (int i = 0; i < 20; ++i) {
+        btkStreamSocket late;
+        late.Adopt(btkFd(connectFrom("127.0.0.3", "127.0.0.1", served.getPort())));
+        late.SetRecvLimit(patience);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        late.Send("\1", 1);
+        char byte = 0;
+        answered += late.Recv(&byte, 1) == 1;
+    }
+    ends = true;
+    flood.join();
+    EXPECT_EQ(answered, 20);
 }
 
 TEST(netServer, HandsOverWhoIsSilentOnceItsLoopHasEnded)
@@ -330,7 +391,7 @@ TEST(netServer, ServesHonestClientsBesideManyBadOnes)
     {
         ServedInThread served([] {
             netServer* const server = makeServer();
-            server->setSilenceLimit(0.5);
+            server->setSilentPatience(0.5);
             return server;
         }());
         const int port = served.getPort();

@@ -1,6 +1,6 @@
 #include <qel/xnetlib.h>
 
-#include <chrono>
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -8,7 +8,9 @@
 #include <vector>
 
 #include "failure.h"
+#include "support/addresses.h"
 #include "support/socketpair.h"
+#include "support/streampair.h"
 #include <qel/base/nmsclient.h>
 #include <qel/base/nmsserver.h>
 #include <qel/syslib.h>
@@ -203,43 +205,6 @@ TEST(netSocketStream, CarriesUrgentIntegersBesideTheStream)
     }
 }
 
-// Two at once corrupt the stream; kept apart, each arrives.
-TEST(netSocketStream, KeepsUrgentIntegersApart)
-{
-    Streams streams;
-    netSocketStream& out = *streams.out;
-    netSocketStream& in = *streams.in;
-    out.setUrgentSpacing(0.4);
-    std::vector<int> values, urgents;
-    std::thread reader([&] {
-        const Event urgent(in.OutOfBandEvent());
-        while (urgents.size() < 3 && urgent->Wait(10.0) == 1) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(30)); // busy with something else
-            urgents.push_back(in.ReadOutOfBand());
-            if (urgents.size() == 2) { // something comes back
-                in.WriteInt(1);
-                in.Flush(1);
-            }
-        }
-        for (int i = 0; i < 3; ++i)
-            values.push_back(in.ReadInt());
-    });
-    double took[3];
-    for (int i = 0; i < 3; ++i) {
-        out.WriteInt(100 * (i + 1));
-        const btkTimeval start = btkTimeval::Now();
-        EXPECT_EQ(out.WriteOutOfBand(i + 1), 1);
-        took[i] = (btkTimeval::Now() - start).ToSeconds();
-    }
-    out.Flush(1);
-    reader.join();
-    EXPECT_EQ(urgents, std::vector<int>({1, 2, 3}));
-    EXPECT_EQ(values, std::vector<int>({100, 200, 300}));
-    EXPECT_GE(took[1], 0.35);
-    EXPECT_LT(took[2], 0.35) << "the peer has answered";
-    EXPECT_EQ(out.ReadInt(), 1);
-}
-
 TEST(netSocketStream, RefusesUrgentIntegersOnceItIsClosed)
 {
     Streams streams;
@@ -252,4 +217,165 @@ TEST(netSocketStream, RefusesUrgentIntegersOnceItIsClosed)
     EXPECT_EQ(failureOf([&] { closed.ReadOutOfBand(); }), text);
     EXPECT_EQ(failureOf([&] { closed.OutOfBandEvent(); }), text);
     EXPECT_EQ(urgent->getIsSignaled(), 1);
+}
+
+// ---- limits
+
+namespace {
+
+constexpr const char* timeoutText = "Stream Error (iolib): timeout expired";
+
+// How many seconds `work` takes.
+template<class Work>
+double secondsOf(Work work)
+{
+    const btkTimeval start = btkTimeval::Now();
+    work();
+    return (btkTimeval::Now() - start).ToSeconds();
+}
+
+void expectLimit(double taken, double limit)
+{
+    EXPECT_GE(taken, limit - 0.001);
+    EXPECT_LT(taken, limit * 1.1 + 0.25); // 0.05 on a machine that is not loaded
+}
+
+} // namespace
+
+TEST(netSocketStream, EndsEachReadWhenNothingHasComeForItsLimit)
+{
+    Streams streams;
+    netSocketStream& in = *streams.in;
+    in.setITimeout(0.2);
+    const auto readsInVain = [&](auto read) {
+        expectLimit(secondsOf([&] { EXPECT_EQ(failureOf(read), timeoutText); }), 0.2);
+        EXPECT_TRUE(in.getIsTimeout());
+        EXPECT_FALSE(in.getIsEof() || in.getIsBad());
+        EXPECT_EQ(failureOf(read), timeoutText); // at once: the state says so
+        in.setIsFail(0);
+    };
+    char bytes[8] = {};
+
+    streams.out->WriteInt(7);
+    streams.out->WriteBytes("\0\0", 2); // half a value
+    streams.out->Flush(1);
+    EXPECT_EQ(in.ReadInt(), 7);
+    readsInVain([&] { in.ReadInt(); });
+    readsInVain([&] { in.ReadBytes(bytes, 8); });
+    const std::unique_ptr<ioStringStream, qelDelete> copy(ioStringStream::Create(nullptr));
+    copy->setSerializer(in.getSerializer());
+    readsInVain([&] { copy->ReadStream(&in); });
+    streams.out->WriteInt(8);
+    streams.out->Flush(1);
+    EXPECT_EQ(in.ReadBytes(bytes, 8), 4u); // what had come
+    EXPECT_TRUE(in.getIsTimeout());
+    in.setIsFail(0);
+
+    // A byte now and then is progress.
+    std::thread dripping([&] {
+        for (int i = 0; i < 4; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            streams.out->WriteByte(i);
+            streams.out->Flush(1);
+        }
+    });
+    EXPECT_EQ(in.ReadInt(), 0x00010203);
+    dripping.join();
+    in.setITimeout(INFINITE);
+    streams.out->Close();
+    EXPECT_EQ(failureOf([&] { in.ReadInt(); }), "Stream Error (iolib): EOF reached");
+}
+
+TEST(netSocketStream, EndsEachWriteWhenNothingIsTakenForItsLimit)
+{
+    const std::string tooMuch(32 << 20, 'x');
+    const auto size = static_cast<unsigned>(tooMuch.size());
+    {
+        Streams streams;
+        streams.out->setOTimeout(0.2);
+        expectLimit(secondsOf([&] {
+                        EXPECT_EQ(failureOf([&] { streams.out->WriteBytes(tooMuch.data(), size); }),
+                                  timeoutText);
+                    }),
+                    0.2);
+        streams.out->setIsFail(0);
+        EXPECT_LT(secondsOf([&] { streams.out->Close(); }), 0.1); // after lost bytes none is sent
+    }
+    Streams streams;
+    streams.out->setOTimeout(1.0);
+    std::thread slow([&] { // a part now and then is progress
+        std::vector<char> part(2 << 20);
+        streams.in->setITimeout(10.0);
+        allowStreamFailure([&] {
+            for (unsigned left = size; left > 0;) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                left -=
+                    streams.in->ReadBytes(part.data(), std::min(left, static_cast<unsigned>(part.size())));
+            }
+        });
+    });
+    const double taken =
+        secondsOf([&] { EXPECT_EQ(failureOf([&] { streams.out->WriteBytes(tooMuch.data(), size); }), ""); });
+    slow.join();
+    EXPECT_GT(taken, 1.0);
+}
+
+TEST(netSocketStream, HoldsNoMoreOfWhatAPeerSendsThanItsBudgets)
+{
+    Streams streams;
+    netSocketStream& in = *streams.in;
+    streams.out->WriteInt(64 << 20 | 1);
+    streams.out->WriteBytes("abc", 3);
+    streams.out->Flush(1);
+    EXPECT_EQ(in.TryReadString(nullptr), ioFormatError);
+    EXPECT_EQ(failureOf([&] { in.ReadString(nullptr); }), "Stream Error (iolib): conversion error");
+
+    Streams others;
+    others.in->setSerializer(ioSerializer::getAscii());
+    others.in->setTextLimit(100000);
+    others.in->setUrgentBudget(300000);
+    const std::string endless(1 << 20, 'x');
+    const Event urgent(others.in->OutOfBandEvent());
+    std::thread writing([&] {
+        others.out->WriteBytes(endless.data(), static_cast<unsigned>(endless.size()));
+        others.out->WriteOutOfBand(7);
+    });
+    writing.join();
+    EXPECT_FALSE(urgent->Wait(0.2));
+    const Event input(others.in->InputEvent());
+    ioTryCode code = ioWouldBlock;
+    for (const btkTimeval end = btkTimeval::Now() + btkTimeval(10.0);
+         code == ioWouldBlock && btkTimeval::Now() < end;) {
+        input->Wait(1.0);
+        code = others.in->TryReadString(nullptr);
+    }
+    EXPECT_EQ(code, ioFormatError);
+    // It is found once enough of what stands before it has been read.
+    std::vector<char> part(100000);
+    std::size_t taken = 0;
+    while (taken < 800000)
+        taken += others.in->ReadBytes(part.data(), static_cast<unsigned>(part.size()));
+    EXPECT_TRUE(urgent->Wait(10.0));
+    EXPECT_EQ(others.in->ReadOutOfBand(), 7);
+    while (taken < endless.size())
+        taken += others.in->ReadBytes(part.data(),
+                                      static_cast<unsigned>(std::min(part.size(), endless.size() - taken)));
+    EXPECT_EQ(others.in->PeekNBytes(), 0u);
+}
+
+TEST(netSocketStream, KnowsItsPeersAddress)
+{
+    btkAcceptSocket door;
+    ASSERT_TRUE(door.Listen(0, nullptr));
+    btkStreamSocket client;
+    client.Adopt(btkFd(connectFrom("127.0.0.2", "127.0.0.1", door.GetPortN())));
+    ASSERT_EQ(door.Wait(btkTimeval(10, 0), 1), 1);
+    auto accepted = std::make_unique<btkStreamSocket>();
+    ASSERT_TRUE(door.Accept(accepted.get()));
+    btkResetOnClose(client.GetHandle(), true);
+    client.Close(); // it is known all the same
+    const Stream stream(netSocketStream::Create(accepted.release()));
+    EXPECT_TRUE(stream->getPeerAddress() == "127.0.0.2");
+    stream->Close();
+    EXPECT_EQ(failureOf([&] { stream->getPeerAddress(); }), "Stream Error (iolib): stream not open");
 }

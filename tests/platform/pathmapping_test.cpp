@@ -118,13 +118,18 @@ TEST(PathMapping, ShowsTheCurrentDirectoryOnTheDriveThatReachesDeepest)
 
 TEST(PathMapping, GivesEveryHostNameAFormOfItsOwn)
 {
-    const std::string bs = "\xEF\x81\x9C", escape = "\xEF\x81\x9D"; // U+F05C, U+F05D
+    const std::string bs = "\xEF\x81\x9C", escape = "\xEF\x81\x9D", colon = "\xEF\x80\xBA";
     EXPECT_EQ(platNativeName("a\\b"), "a" + bs + "b");
     EXPECT_EQ(hostOf("C:\\d\\a" + bs + "b"), "/d/a\\b");
     EXPECT_EQ(platHostName(escape + "x"), escape + "x");
+    EXPECT_EQ(platNativeName("C:note"), "C" + colon + "note");
+    EXPECT_EQ(platNativeName("d:/ab:c/:x/e:"), "d" + colon + "/ab:c/:x/e" + colon);
+    EXPECT_EQ(platNativeName("a::b:::"), "a" + colon + colon + "b" + colon + colon + colon);
+    EXPECT_EQ(hostOf("C" + colon + "note"), "C:note");
+    EXPECT_EQ(hostOf("C:\\d\\c:note"), "/d/c:note");
 
     // All names of up to four of these, the hard ones side by side.
-    const std::string pieces[] = {"\\", bs, escape, "\xEF\x81", "x"};
+    const std::string pieces[] = {"\\", ":", bs, colon, escape, "\xEF\x81", "x"};
     std::set<std::string> names{""}, shown;
     for (int length = 0; length < 4; ++length)
         for (const std::string& name : std::set<std::string>(names))
@@ -133,8 +138,28 @@ TEST(PathMapping, GivesEveryHostNameAFormOfItsOwn)
     for (const std::string& name : names) {
         const std::string native = platNativeName(name);
         EXPECT_EQ(native.find('\\'), std::string::npos);
+        EXPECT_EQ(native.find("::"), std::string::npos);
+        EXPECT_NE(native.substr(0, 2), "x:");
         EXPECT_EQ(platHostName(native), name);
         shown.insert(native);
     }
     EXPECT_EQ(shown.size(), names.size());
+}
+
+TEST(PathMapping, FindsWhatTheHostCallsByItsOwnPath)
+{
+    const std::string colon = "\xEF\x80\xBA", bs = "\xEF\x81\x9C";
+    const auto pathOf = [](const std::string& host) {
+        std::string path = "(refused)";
+        platPathOfHost(host, path);
+        return path;
+    };
+    EXPECT_EQ(pathOf("/a/C:x/y\\z"), "/a/C" + colon + "x/y" + bs + "z");
+    EXPECT_EQ(pathOf("../C:x"), "../C" + colon + "x");
+
+    EnvSetting c("QELSTD_DRIVE_C", "/srv/c"), d("QELSTD_DRIVE_D", "/srv/c/d");
+    EXPECT_EQ(pathOf("/srv/c/a/C:x"), "C:\\a\\C" + colon + "x");
+    EXPECT_EQ(pathOf("/srv/c/d/../a"), "C:\\a");
+    EXPECT_EQ(pathOf("a/C:x"), "a/C" + colon + "x");
+    EXPECT_EQ(pathOf("/etc"), "(refused)");
 }

@@ -1,7 +1,9 @@
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -200,6 +202,34 @@ TEST(QelRshd, StopsAtSigtermWithItsCommandsWhateverItsClientsDo)
     EXPECT_LT(btkTimeval::Now() - start, limit);
     EXPECT_EQ(client.child.wait(), 128 + SIGKILL);
     EXPECT_TRUE(Ends(command));
+}
+
+TEST(QelRshd, StopsAtSigtermHoweverOftenItIsPinged)
+{
+    Shell shell;
+    const xrchandle<netAddress> address(netAddress::Create(std::stoi(shell.port), nullptr));
+    std::vector<Owned<netSocketStream>> stuck;
+    for (int i = 0; i < 32; ++i)
+        stuck.emplace_back(netServer::Connect(address.get(), 10.0));
+    std::atomic<int> pings = 0;
+    std::vector<std::thread> pinging;
+    for (int i = 0; i < 4; ++i) {
+        pinging.emplace_back([&] { // 1000 a second, until it has ended
+            const xrchandle<netAddress> own(netAddress::Create(std::stoi(shell.port), nullptr));
+            while (netServer::IsAlive(own.get()) != 0) {
+                ++pings;
+                std::this_thread::sleep_for(std::chrono::milliseconds(4));
+            }
+        });
+    }
+    while (pings < 200)
+        std::this_thread::yield();
+    const btkTimeval start = btkTimeval::Now();
+    shell.server.child.signal(SIGTERM);
+    EXPECT_EQ(shell.server.child.wait(), 0);
+    EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 1.0);
+    for (std::thread& one : pinging)
+        one.join();
 }
 
 TEST(QelRsh, SaysThatOutputWasLost)

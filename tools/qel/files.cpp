@@ -5,12 +5,15 @@
 #include <iterator>
 
 #include <qel/fserror.h>
+#include <qel/fspath.h>
 #include <qel/platform/lasterror.h>
 
 namespace {
 
 // Not found (files, directories, values, keys), not allowed, exists, not a name or path.
 constexpr unsigned answers[] = {2, 3, 5, 80, 123, 145, 161, 183, 206, 267, 1018};
+
+bool isNative = false;
 
 Exit StatusOf(unsigned error)
 {
@@ -49,6 +52,30 @@ CommandFailed FileFailureOf(xthrowable* caught)
         failed.why = lastError;
     if (isInterrupted)
         failed.why = "interrupted";
-    std::replace(failed.what.begin(), failed.what.end(), '\\', '/');
+    failed.what = ShownAs(failed.what);
     return failed;
+}
+
+void OfferNative(CLI::App& command)
+{
+    command.add_flag(
+        "--native", isNative,
+        "Take and print paths in the library's own form, such as C:\\data, not as this host has them");
+}
+
+std::string PathOf(const std::string& typed)
+{
+    if (isNative)
+        return typed;
+    try {
+        return fsPathFromHost(typed.c_str()).CastToCString();
+    } catch (xthrowable* caught) {
+        FailureOf(caught);
+        Fail(Exit::no, typed, "lies on no drive; see QELSTD_DRIVE_C");
+    }
+}
+
+std::string ShownAs(const std::string& path)
+{
+    return isNative ? path : fsPathToHost(path.c_str()).CastToCString();
 }

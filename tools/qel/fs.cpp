@@ -35,7 +35,7 @@ std::string WithoutEndSeparators(std::string path)
     return path;
 }
 
-/// The last entry of a path; empty for a root and for a drive.
+/// The last entry of a path of the library; empty for a root and for a drive.
 std::string LastEntry(const std::string& path)
 {
     const std::string whole = WithoutEndSeparators(path);
@@ -73,9 +73,9 @@ public:
     {
         ++calls;
         if (total > 0)
-            line.Show(LastEntry(path), done, total);
+            line.Show(ShownAs(LastEntry(path)), done, total);
         else // what is removed, and files with nothing in them
-            line.ShowCount(LastEntry(path), calls);
+            line.ShowCount(ShownAs(LastEntry(path)), calls);
         return interrupt == nullptr || interrupt->getIsSignaled() == 0;
     }
 
@@ -101,6 +101,7 @@ std::string TimeText(tmTime* time)
     return tmTime::TimeToString(time, "%Y-%m-%dT%H:%M:%S%z").CastToCString();
 }
 
+/// What is known of the node at `path`, under the name that is printed.
 Json NodeOf(const std::string& path, const std::string& name)
 {
     fsNodeInfo info;
@@ -142,18 +143,21 @@ std::string Rows(const Json& nodes)
 void List(const ListChoices& choices)
 {
     Json nodes = Json::array();
-    if (fshIsDirectory(choices.path.c_str()) == 1) {
-        const xrchandle<xstringsequence> names =
-            fsListDirectory(choices.path.c_str(), choices.pattern.c_str());
-        std::vector<std::string> sorted;
-        for (int i = 0; i < names->getarraysize(); ++i)
-            sorted.emplace_back(names->get(i).CastToCString());
-        std::sort(sorted.begin(), sorted.end());
-        for (const std::string& name : sorted)
-            nodes.push_back(NodeOf(Joined(choices.path, name), name));
+    const std::string path = PathOf(choices.path);
+    if (fshIsDirectory(path.c_str()) == 1) {
+        const xrchandle<xstringsequence> names = fsListDirectory(path.c_str(), nullptr);
+        std::map<std::string, std::string> sorted; // from the name that is printed to the library's
+        for (int i = 0; i < names->getarraysize(); ++i) {
+            const std::string name = names->get(i).CastToCString();
+            if (const std::string shown = ShownAs(name);
+                fsMatchesPattern(shown.c_str(), choices.pattern.c_str()))
+                sorted[shown] = name;
+        }
+        for (const auto& [shown, name] : sorted)
+            nodes.push_back(NodeOf(Joined(path, name), shown));
     } else {
-        fsGetNodeInfo(choices.path.c_str()); // says what is wrong, if anything is
-        nodes.push_back(NodeOf(choices.path, choices.path));
+        fsGetNodeInfo(path.c_str()); // says what is wrong, if anything is
+        nodes.push_back(NodeOf(path, choices.path));
     }
     Show(nodes, choices.isLong ? &Rows : &Names);
 }
@@ -174,36 +178,63 @@ std::string TargetOf(const std::string& from, const std::string& to, bool isOnly
 {
     if (fshIsDirectory(to.c_str()) == 0) {
         if (!isOnlyOne)
-            Fail(Exit::no, to, "is no directory");
+            Fail(Exit::no, ShownAs(to), "is no directory");
         return to;
     }
     if (!HasOwnName(from))
-        Fail(Exit::usage, from, "has no name to be copied under; name the new directory");
+        Fail(Exit::usage, ShownAs(from), "has no name to be copied under; name the new directory");
     return Joined(to, LastEntry(from));
+}
+
+bool IsReadable(const std::string& path)
+{
+    fsiFile file;
+    fsiDir directory;
+    return fshIsDirectory(path.c_str()) == 1 ? directory.Open(path.c_str())
+                                             : file.Open(path.c_str(), fsReadOnly);
+}
+
+/// The failure of a copy, for which the library names the source, with the path that is at fault.
+CommandFailed CopyFailureOf(xthrowable* refused, const std::string& from, const std::string& to)
+{
+    const bool isPath = fsXInvalidPath::softcast(refused) != nullptr;
+    const bool isAbsent = fsXDoesNotExist::softcast(refused) != nullptr;
+    const bool isDenied = fsXNoPermission::softcast(refused) != nullptr;
+    const bool isFull =
+        fsXDiskFull::softcast(refused) != nullptr || fsXQuotaExhausted::softcast(refused) != nullptr;
+    CommandFailed failed = FileFailureOf(refused);
+    const bool isSource = failed.what == ShownAs(from);
+    if (isPath) {
+        failed.why = fshExists(from.c_str()) == 0 ? "not found"
+                     : failed.what.size() > longestPath || to.size() > longestPath
+                         ? "the path is too long"
+                         : "it would be copied onto or into itself, or leads nowhere";
+    } else if (isAbsent && isSource && fshExists(from.c_str()) == 1) {
+        failed.what = ShownAs(fsGetHeadPath(to.c_str()).CastToCString());
+        failed.why = "no such directory; --parents creates it";
+    } else if (isFull || (isDenied && isSource && IsReadable(from))) {
+        failed.what = ShownAs(to);
+    }
+    return failed;
 }
 
 void Copy(const CopyChoices& choices)
 {
-    std::vector<std::string> sources = choices.paths;
+    std::vector<std::string> sources;
+    for (const std::string& typed : choices.paths)
+        sources.push_back(PathOf(typed));
+    const std::string destination = sources.back();
     sources.pop_back();
     for (const std::string& from : sources) {
         if (!choices.recursive && fshIsDirectory(from.c_str()) == 1)
-            Fail(Exit::no, from, "is a directory; --recursive copies it");
-        const std::string to = TargetOf(from, choices.paths.back(), sources.size() == 1);
+            Fail(Exit::no, ShownAs(from), "is a directory; --recursive copies it");
+        const std::string to = TargetOf(from, destination, sources.size() == 1);
         Watch watch;
         try {
             fsCopy(from.c_str(), to.c_str(), choices.existing, choices.links,
                    choices.parents ? fsRecursive : fsSimple, watch);
         } catch (xthrowable* refused) {
-            const bool isPath = fsXInvalidPath::softcast(refused) != nullptr;
-            CommandFailed failed = FileFailureOf(refused);
-            if (!isPath)
-                throw failed;
-            failed.why = fshExists(from.c_str()) == 0 ? "not found"
-                         : failed.what.size() > longestPath || to.size() > longestPath
-                             ? "the path is too long"
-                             : "it would be copied onto or into itself, or leads nowhere";
-            throw failed;
+            throw CopyFailureOf(refused, from, to);
         }
     }
 }
@@ -219,10 +250,13 @@ struct RemoveChoices
 
 void Remove(const RemoveChoices& choices)
 {
-    for (const std::string& path : choices.paths)
-        if (!HasOwnName(path))
-            Fail(Exit::usage, path, "roots, \".\" and \"..\" are not removed");
-    for (const std::string& path : choices.paths)
+    std::vector<std::string> paths;
+    for (const std::string& typed : choices.paths) {
+        paths.push_back(PathOf(typed));
+        if (!HasOwnName(paths.back()))
+            Fail(Exit::usage, typed, "roots, \".\" and \"..\" are not removed");
+    }
+    for (const std::string& path : paths)
         try {
             Watch watch;
             fsRemove(path.c_str(), choices.recursive ? fsRecursive : fsSimple, watch);
@@ -287,14 +321,15 @@ std::string SumOfInput()
     return sum.Hex();
 }
 
-std::string SumOfFile(const std::string& path)
+std::string SumOfFile(const std::string& typed)
 {
+    const std::string path = PathOf(typed);
     if (fshIsDirectory(path.c_str()) == 1)
-        Fail(Exit::no, path, "is a directory");
+        Fail(Exit::no, typed, "is a directory");
     const xrchandle<fsNodeInfo> info = fsGetNodeInfo(path.c_str());
     fsiFile file;
     if (!file.Open(path.c_str(), fsReadOnly))
-        FailForLastError(path);
+        FailForLastError(typed);
     Sha256 sum;
     ProgressLine line;
     std::vector<char> block(blockSize);
@@ -304,17 +339,18 @@ std::string SumOfFile(const std::string& path)
     while ((status = file.Read(block.data(), block.size(), &size)) == fsIOOk) {
         sum.Add(block.data(), size);
         done += static_cast<double>(size);
-        line.Show(LastEntry(path), done, info->getSize());
+        line.Show(ShownAs(LastEntry(path)), done, info->getSize());
     }
     if (status == fsIOFailed)
-        FailForLastError(path);
+        FailForLastError(typed);
     return sum.Hex();
 }
 
-std::string SimpleSumOf(const std::string& path)
+std::string SimpleSumOf(const std::string& typed)
 {
     std::array<char, 9> text{};
-    std::snprintf(text.data(), text.size(), "%08x", static_cast<unsigned>(fsCalculateCheckSum(path.c_str())));
+    std::snprintf(text.data(), text.size(), "%08x",
+                  static_cast<unsigned>(fsCalculateCheckSum(PathOf(typed).c_str())));
     return text.data();
 }
 
@@ -380,6 +416,7 @@ void AddList(CLI::App& group)
         ->type_name("PATTERN")
         ->capture_default_str();
     list.add_flag("-l,--long", choices->isLong, "With type, size in bytes and time of the last change");
+    OfferNative(list);
     OfferJson(list);
 }
 
@@ -410,6 +447,7 @@ void AddCopy(CLI::App& group)
         ->transform(CLI::CheckedTransformer(std::map<std::string, fsSoftLinkCopyMode>{
             {"keep", fsNewLink}, {"follow", fsExpand}, {"skip", fsIgnore}}))
         ->default_str("keep");
+    OfferNative(copy);
 }
 
 void AddRemove(CLI::App& group)
@@ -421,6 +459,7 @@ void AddRemove(CLI::App& group)
           &Files);
     remove.add_flag("-r,--recursive", choices->recursive, "Directories with everything in them");
     remove.add_flag("-f,--force", choices->force, "Say nothing of what is not there");
+    OfferNative(remove);
 }
 
 void AddSum(CLI::App& group)
@@ -431,6 +470,7 @@ void AddSum(CLI::App& group)
                    [choices] { Sum(*choices); });
     sum.add_option("file", choices->paths, "The files (default: -, the standard input)")->type_name("FILE");
     sum.add_flag("--simple", choices->simple, "The library's own checksum, of 32 bits, instead");
+    OfferNative(sum);
     OfferJson(sum);
 }
 

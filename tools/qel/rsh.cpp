@@ -1,6 +1,8 @@
 // qel rsh and qel rshd: a command at another machine, and the server that runs it.
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
@@ -10,8 +12,8 @@
 
 #include "commands.h"
 #include <qel/base/btkcmdline.h>
+#include <qel/base/btksocket.h>
 #include <qel/base/btksystem.h>
-#include <qel/base/nethandshake.h>
 #include <qel/hmxregistry.h>
 #include <qel/netaddress.h>
 #include <qel/netrights.h>
@@ -138,10 +140,7 @@ void Ask(const AskChoices& choices, const std::vector<std::string>& words)
 {
     if (words.empty())
         Fail(Exit::usage, "COMMAND", "what is to be run?");
-    const btkTimeval end = btkTimeval::Now() + btkTimeval(choices.seconds);
     const Owned<netSocketStream> connection = Connect(choices);
-    connection->setUrgentSpacing(0.2);
-    rshProcess::setAnswerLimit((end - btkTimeval::Now()).ToSeconds());
     const Owned<rshProcess> process = Start(choices, words, *connection);
     if (!Attend(*process, choices.host))
         throw CommandFailed{};
@@ -182,7 +181,7 @@ void AddAsk(CLI::App& program)
     ask.add_option("--name", choices->name,
                    "Ask the name server of HOST for the port of the server NAME instead")
         ->type_name("NAME");
-    ask.add_option("--limit", choices->seconds, "Time until the command runs there")
+    ask.add_option("--limit", choices->seconds, "Time to wait for the connection")
         ->type_name("SECONDS")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
@@ -255,6 +254,7 @@ public:
         setAsyncLimit(choices.sessions);
         setTimeSlice(0.1);
     }
+    ~ShellServer() override { EndService(); }
 
     void RegisterByName()
     try {
@@ -264,46 +264,48 @@ public:
     }
 
 private:
-    netServerLoopAction PreprocessRequest(btkStreamSocket* socket) override
+    bool MayCome(btkStreamSocket* socket) override
     {
         // Asked again each time: a list that is taken away must not let everybody in.
         const bool mayCome =
             socket->IsPeerOnTheSameMachine() || (allowed.Restrict() && IsConnectionAllowed(socket, name));
-        if (!mayCome) {
+        if (!mayCome)
             Report("refused: " + socket->GetPeerAddrStr() + '\n');
-            unsigned char request = 0;
-            if (socket->RecvAll(&request, 1) == 1)
-                socket->Send(&netRefused, 1);
-            return netServerContinue;
-        }
-        return netServer::PreprocessRequest(socket);
+        return mayCome;
     }
 
     xstring name;
     AllowLists allowed;
 };
 
-// The program is told to end by SIGTERM; then the server's requests are, and their commands with them.
-struct EndWhenTold : netBaseServer_OnIdle_cb
+// SIGTERM and SIGINT stop the server while this lives, and do nothing afterwards; then its requests end, and
+// their commands with them.
+class StopWhenTold
 {
-    explicit EndWhenTold(btkFd told) : termination(std::move(told)) {}
-    netServerLoopAction Invoke(netBaseServer*) override
+public:
+    explicit StopWhenTold(netBaseServer& server)
     {
-        return btkIsReadable(termination.Get()) ? netServerTerminate : netServerContinue;
+        told = &server;
+        std::signal(SIGTERM, &Stop);
+        std::signal(SIGINT, &Stop);
     }
+    ~StopWhenTold()
+    {
+        std::signal(SIGTERM, SIG_IGN);
+        std::signal(SIGINT, SIG_IGN);
+    }
+    StopWhenTold(const StopWhenTold&) = delete;
+    StopWhenTold& operator=(const StopWhenTold&) = delete;
 
-    btkFd termination;
+private:
+    static void Stop(int) { told.load()->Stop(); }
+
+    static inline std::atomic<netBaseServer*> told;
 };
 
 struct ServeBeside : netBaseServer_OnRequest_cb
 {
-    netServerLoopAction Invoke(netBaseServer* server, netSocketStream* stream) override
-    {
-        if (server->OnIdle() == netServerContinue)
-            return netSpawnAsyncServer;
-        xdelete(stream);
-        return netServerTerminate;
-    }
+    netServerLoopAction Invoke(netBaseServer*, netSocketStream*) override { return netSpawnAsyncServer; }
 };
 
 struct RunCommand : netBaseServer_OnAsyncRequest_cb
@@ -356,20 +358,18 @@ void Serve(const ServeChoices& choices)
 {
     RequireAllowList(choices);
     NameShell();
-    EndWhenTold end(btkAwaitTermination());
     ServeBeside request;
     RunCommand command(choices.directory, choices.seconds);
     auto listening = std::make_unique<btkAcceptSocket>();
-    if (!end.termination ||
-        !listening->Listen(choices.port, choices.interface == "*" ? nullptr : choices.interface.c_str()))
+    if (!listening->Listen(choices.port, choices.interface == "*" ? nullptr : choices.interface.c_str()))
         Fail(Exit::peer, choices.interface + ", port " + std::to_string(choices.port),
              std::string("cannot listen: ") + std::strerror(errno));
     const Owned<ShellServer> server(new (pDefMemMgr) ShellServer(listening.release(), choices));
     if (choices.isRegistered)
         server->RegisterByName();
-    server->setOnIdle(&end);
     server->setOnRequest(&request);
     server->setOnAsyncRequest(&command);
+    const StopWhenTold stop(*server);
     // Who started the server with port 0 reads the port from here.
     std::cout << "serving on " << choices.interface << ", port " << server->getPortN() << std::endl;
     server->Run();

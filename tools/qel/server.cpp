@@ -6,7 +6,6 @@
 
 #include "commands.h"
 #include <qel/base/nethandshake.h>
-#include <qel/base/nmsclient.h>
 #include <qel/hmxregistry.h>
 #include <qel/netaddress.h>
 #include <qel/netrights.h>
@@ -43,12 +42,11 @@ int FindPort(const Address& address)
 // Asks the server and requires the answer 1; leaves the connection for what follows.
 void Ask(const Address& address, netRequestCode code, btkStreamSocket& socket)
 {
-    const btkTimeval end = btkTimeval::Now() + btkTimeval(address.seconds);
-    nmsSetAnswerLimit(btkTimeval(address.seconds));
-    const int port = FindPort(address);
-    if (!socket.Connect(address.host.c_str(), port, end - btkTimeval::Now()))
+    const btkTimeval limit(address.seconds);
+    if (!socket.Connect(address.host.c_str(), FindPort(address), limit))
         Refused(address, Exit::peer, "Connection refused");
-    socket.SetDeadline(end);
+    socket.SetSendLimit(limit);
+    socket.SetRecvLimit(limit);
     const int answer = netAsk(socket, code);
     if (answer < 0)
         Refused(address, Exit::peer, "no answer");
@@ -112,10 +110,10 @@ Json RightsOf(const std::string& server)
 }
 
 // The servers that are named in the registry and those that the name server knows.
-std::set<std::string> AllServers(double limit)
+std::set<std::string> AllServers()
 {
     std::set<std::string> names;
-    for (const std::string& name : ServerNames(limit))
+    for (const std::string& name : ServerNames())
         names.insert(name);
     for (hmxRegistry* const registry : {&hmxRegistry::System(), &hmxRegistry::User()}) {
         hmxRegistryKey key;
@@ -129,18 +127,12 @@ std::set<std::string> AllServers(double limit)
     return names;
 }
 
-struct CheckChoices
-{
-    std::vector<std::string> servers;
-    double seconds = 10;
-};
-
-void Check(const CheckChoices& choices)
+void Check(const std::vector<std::string>& servers)
 {
     Json all = Json::array();
     bool isRestricted = true;
-    const std::set<std::string> named(choices.servers.begin(), choices.servers.end());
-    for (const std::string& server : named.empty() ? AllServers(choices.seconds) : named) {
+    const std::set<std::string> named(servers.begin(), servers.end());
+    for (const std::string& server : named.empty() ? AllServers() : named) {
         all.push_back(RightsOf(server));
         isRestricted = isRestricted && all.back()["admits"] != "everybody";
     }
@@ -149,27 +141,18 @@ void Check(const CheckChoices& choices)
         AnswerNo();
 }
 
-void AddLimit(CLI::App& command, const char* help, double& seconds)
-{
-    command.add_option("--limit", seconds, help)
-        ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber)
-        ->capture_default_str();
-}
-
 void AddCheck(CLI::App& group)
 {
-    const auto choices = std::make_shared<CheckChoices>();
+    const auto servers = std::make_shared<std::vector<std::string>>();
     CLI::App& check = AddCommand(group, "check",
                                  "Print which machines a server admits, by the registry of this one, and "
                                  "whether that can be restricted at all; the answer is no when one admits "
                                  "everybody. Programs of its own machine are always admitted",
-                                 [choices] { Check(*choices); });
+                                 [servers] { Check(*servers); });
     check
-        .add_option("server", choices->servers,
+        .add_option("server", *servers,
                     "Names of servers (default: those in the registry, and those that the name server knows)")
         ->type_name("SERVER");
-    AddLimit(check, "Time to wait for the name server", choices->seconds);
     OfferJson(check);
 }
 
@@ -204,7 +187,10 @@ void AddServerCommands(CLI::App& program)
             run(*address);
         });
         added.add_option("server", *whole, "NAME, or NAME@HOST")->type_name("SERVER")->required();
-        AddLimit(added, "Time for the name server's and the server's answer together", address->seconds);
+        added.add_option("--limit", address->seconds, "Time to wait for an answer")
+            ->type_name("SECONDS")
+            ->check(CLI::PositiveNumber)
+            ->capture_default_str();
         if (command.run == &PrintVersion)
             OfferJson(added);
     }

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <string>
 
-#include <qel/base/ctenv.h>
 #include <qel/platform/directories.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/filecopy.h>
@@ -104,10 +103,18 @@ bool extend(fsiFile& file, double current, double wanted)
     return true;
 }
 
-/// Takes the variable's value. False when it is missing, empty or longer than `longest`.
-bool takeHomePart(const char* variable, std::size_t longest, std::string& value)
+/// Creates a directory unless there is a node already, which must be a directory if it is the last level.
+/// False with the last error set.
+bool createLevel(const char* path, bool isLast)
 {
-    return Getenv(variable, value) && !value.empty() && value.size() <= longest;
+    const auto isThere = [&] { return (isLast ? fshIsDirectory(path) : fshExists(path)) == 1; };
+    if (isThere() || CreateDirectoryA(path, nullptr))
+        return true;
+    const unsigned error = GetLastError();
+    if (isThere()) // another has made it meanwhile
+        return true;
+    SetLastError(error);
+    return false;
 }
 
 } // namespace
@@ -130,9 +137,10 @@ bool fsCreateLevels(const fsNativePath& path)
             separator == nullptr ? path.length() : static_cast<std::size_t>(separator - path.text());
         level = path;
         level.Cut(end);
-        if (!fshExists(level.text()) && !CreateDirectoryA(level.text(), nullptr))
+        const bool isLast = end + 1 >= path.length();
+        if (!createLevel(level.text(), isLast))
             return false;
-        if (end + 1 >= path.length())
+        if (isLast)
             return true;
         from = end + 1;
     }
@@ -243,60 +251,4 @@ void fsSetFileSize(const char* path, double size)
     if (!opened.Open(file, fsWriteOnly) ||
         !(current > size ? opened.Truncate(size) : extend(opened, current, size)) || !opened.Close())
         fsRaiseLastError(function, file);
-}
-
-xstring fsGetHomeDir()
-{
-    constexpr std::size_t longestDrive = 3;
-    constexpr std::size_t longestPath = 255;
-    std::string drive, path;
-    if (!takeHomePart("HOMEDRIVE", longestDrive, drive) || !takeHomePart("HOMEPATH", longestPath, path))
-        fsRaise(fsOther, "fsGetHomeDir", nullptr);
-    return (drive + path).c_str();
-}
-
-xstring fsGetCurDir()
-{
-    std::string directory(fsNativePath::maxLength + 1, '\0');
-    for (;;) {
-        const DWORD length = GetCurrentDirectoryA(static_cast<DWORD>(directory.size()), directory.data());
-        if (length == 0)
-            fsRaiseLastError("fsGetCurDir", nullptr);
-        if (length < directory.size())
-            return directory.c_str();
-        directory.resize(length + 1);
-    }
-}
-
-void fsChangeDir(const char* path)
-{
-    constexpr const char* function = "fsChangeDir";
-    fsNativePath native;
-    fsCheckEmpty(path, function);
-    if (!SetCurrentDirectoryA(fsConvertSlashes(native, path, function)))
-        fsRaiseLastError(function, path);
-}
-
-xstring fsMkTmpName(const char* directory, const char* prefix)
-{
-    constexpr const char* function = "fsMkTmpName";
-    char name[MAX_PATH];
-    if (std::strpbrk(fsTextOf(prefix), "/\\") != nullptr)
-        fsRaise(fsInvalidName, function, prefix);
-    if (GetTempFileNameA(fsTextOf(directory), fsTextOf(prefix), 0, name) == 0)
-        fsRaiseLastError(function, directory);
-    return name;
-}
-
-double fsGetAvailableDiskSpace(const char* path)
-{
-    constexpr const char* function = "fsGetAvailableDiskSpace";
-    constexpr std::size_t rootLength = 3; // of `C:\`
-    fsNativePath native;
-    const char* const text = fsCheckPathSlashes(native, path, function);
-    const std::string root(text, fsIsPathAbsolute(text) ? rootLength : 0);
-    DWORD sectors, bytes, available, all;
-    if (!GetDiskFreeSpaceA(root.empty() ? nullptr : root.c_str(), &sectors, &bytes, &available, &all))
-        fsRaiseLastError(function, text);
-    return static_cast<double>(sectors) * static_cast<double>(bytes) * static_cast<double>(available);
 }

@@ -52,7 +52,8 @@ public:
     virtual bool Invoke(const char* path, double done, double total) = 0;
 };
 
-/// fsSimple: one directory. Else: those missing on the way to it, too; one that exists is no failure then.
+/// fsSimple: one directory. Else: those missing on the way to it, too; one that exists, or that another
+/// creates meanwhile, is no failure then, but a file is.
 QEL_API void fsCreateDir(const char* path, fsOpMode mode);
 
 /// fsSimple: a file, or an empty directory. Else: a directory with everything in it, depth first; links in it
@@ -96,18 +97,24 @@ QEL_API void fsSetFileSize(const char* path, double size);
 
 // ---- directories and volumes
 
-/// The environment variables HOMEDRIVE and HOMEPATH in a row.
-/// @throws fsXOther  one of them is missing, empty or too long (3 and 255 bytes)
+/// The environment variables HOMEDRIVE and HOMEPATH in a row; where neither is set, the native form of HOME.
+/// @throws fsXOther  one of the two is missing, empty or too long (3 and 255 bytes); HOME is no absolute
+/// path,
+///                   lies on no drive or is too long
 QEL_API xstring fsGetHomeDir();
 /// The current directory of the process, in native form with its drive.
 QEL_API xstring fsGetCurDir();
 QEL_API void fsChangeDir(const char* path);
 
-/// Creates an empty file with a new name that begins with `prefix`, and answers its path.
+/// Creates an empty file with a new name that begins with `prefix`, for its owner only, and returns its path
+/// in native form.
 /// @throws fsXInvalidName  `prefix` holds a separator
 QEL_API xstring fsMkTmpName(const char* directory, const char* prefix);
+/// The same for an empty directory.
+QEL_API xstring fsMkTmpDir(const char* directory, const char* prefix);
 
-/// Free bytes on the volume of `path`'s drive, or of the current directory when it has none.
+/// Free bytes, for this user, on the file system that holds `path`, or that would hold it: where it does not
+/// exist, its nearest folder that does counts.
 QEL_API double fsGetAvailableDiskSpace(const char* path);
 
 /// The names, not the paths, of the entries that are like `pattern` (fsMatchesPattern), in the platform's

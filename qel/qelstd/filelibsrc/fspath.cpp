@@ -4,6 +4,8 @@
 #include <cstring>
 #include <string>
 
+#include <qel/platform/lasterror.h>
+#include <qel/platform/pathmapping.h>
 #include <qel/xobject.h>
 
 #include "fserror_p.h"
@@ -309,4 +311,28 @@ xstring fsIntersectPaths(const char* a, const char* b)
         entryB = endB + 1;
     }
     return matched == nullptr ? xstring() : headOf(nativeA.text(), matched);
+}
+
+// ---- this host's own paths
+
+xstring fsPathFromHost(const char* path)
+{
+    if (!qelIsObject(path))
+        return {};
+    std::string native;
+    if (!platPathOfHost(path, native))
+        fsRaise(fsInvalidPath, "fsPathFromHost", path);
+    return native.c_str();
+}
+
+xstring fsPathToHost(const char* path)
+{
+    if (!qelIsObject(path) || *path == '\0')
+        return path;
+    const unsigned error = GetLastError();
+    std::string host;
+    if (!platHostPath(path, host))
+        host = platHostName(path);
+    SetLastError(error);
+    return host.c_str();
 }

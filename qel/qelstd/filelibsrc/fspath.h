@@ -2,7 +2,7 @@
 
 #include <qel/xstring.h>
 
-// Path arithmetic: pure text, no file is touched. Paths are written with "/" or "\"; results are in native
+// Path arithmetic: text, no file is touched. Paths are written with "/" or "\"; results are in native
 // form, with "\". A path that is converted may have 259 bytes; a longer one, and everything else that is
 // refused, throws fsXInvalidPath with the path concerned. A remote path is an address, "::" and a local path.
 // Null is taken for the empty text where nothing else is said. Safe to call from any thread.
@@ -48,3 +48,13 @@ QEL_API xstring fsSeparatePathTail(const char* separator);
 /// The longest run of whole entries with which both begin; null when there is none. Case counts. An empty
 /// path, a drive alone and a remote path are refused.
 QEL_API xstring fsIntersectPaths(const char* a, const char* b);
+
+// ---- this host's own paths
+
+/// The path by which the operations find what the host itself calls `path`, absolute or relative to the
+/// current directory; of any length. Null: null.
+/// @throws fsXInvalidPath  `path` is absolute and lies on no drive
+QEL_API xstring fsPathFromHost(const char* path);
+/// What the host calls the node at `path`, or a name that a listing gives; of any length. What lies on no
+/// drive is only made the host's name by name. Null: null.
+QEL_API xstring fsPathToHost(const char* path);

@@ -5,6 +5,7 @@
 
 #include "ioserializer.h"
 #include "iotext_p.h"
+#include <qel/base/xstreambuf.h>
 
 // What a default standard stream in the classic locale writes and accepts, without the making of one for each
 // value. A value is read right in the get area when it ends there, else byte by byte through the buffer's own
@@ -185,8 +186,13 @@ ioTryCode ReadReal(double& value, std::streambuf& sb)
     }
     std::string text;
     BufferCursor input(sb);
-    const int c = ScanReal(input, [&](char kept) { text += kept; });
-    return CodeOf(!ConvertReal(value, text.data(), text.data() + text.size()), c == end);
+    const std::size_t limit = xGetTextLimit(sb);
+    const int c = ScanReal(input, [&](char kept) {
+        if (text.size() < limit)
+            text += kept;
+    });
+    const bool converted = text.size() < limit && ConvertReal(value, text.data(), text.data() + text.size());
+    return CodeOf(!converted, c == end);
 }
 
 // The longest text of a number.
@@ -232,6 +238,7 @@ int SizeOfNumber(Value value)
 ioTryCode ReadUpTo(char delimiter, xstring& s, std::streambuf& sb)
 {
     std::string text; // parts that reached to the end of the get area
+    const std::size_t limit = xGetTextLimit(sb);
     while (sb.sgetc() != end) {
         const char* const next = xbufaccess::Next(sb);
         const std::size_t held = static_cast<std::size_t>(xbufaccess::End(sb) - next);
@@ -240,12 +247,16 @@ ioTryCode ReadUpTo(char delimiter, xstring& s, std::streambuf& sb)
             const int c = sb.sgetc();
             if (c == static_cast<unsigned char>(delimiter))
                 break;
+            if (text.size() >= limit)
+                return ioFormatError;
             text += static_cast<char>(c);
             sb.sbumpc();
             continue;
         }
         const char* const found = static_cast<const char*>(std::memchr(next, delimiter, held));
         const std::size_t size = found == nullptr ? held : static_cast<std::size_t>(found - next);
+        if (size > limit - text.size())
+            return ioFormatError;
         if (found != nullptr && text.empty()) {
             if (size == 0)
                 return ioFormatError;

@@ -113,14 +113,19 @@ void ioStream::ThrowTryCode(ioTryCode code)
 {
     switch (code) {
     case ioEndOfFile:
-        ThrowState(streamBuf->HasFailed() ? stateBad : stateEof);
+        ThrowState(WhyFailed(streamBuf->HasFailed() ? stateBad : stateEof));
     case ioIOError:
-        ThrowState(stateBad);
+        ThrowState(WhyFailed(stateBad));
     case ioFormatError:
         ThrowState(stateFail);
     default:
         Throw(ioUnsupportedFunction);
     }
+}
+
+int ioStream::WhyFailed(int bits) const
+{
+    return streamBuf->IsLimitPassed() ? stateTimeout : bits;
 }
 
 const char* ioStream::StateText() const
@@ -231,7 +236,10 @@ ioTryCode ioStream::TryFindText(std::streambuf& view, const char* delims)
             searched.hasText ? part.begin() : std::find_if_not(part.begin(), part.end(), ioIsSpace);
         if (!searched.hasText && text != part.end() && *text == delimiter)
             return ioFormatError;
-        if (std::find(text, part.end(), delimiter) != part.end())
+        const char* const found = std::find(text, part.end(), delimiter);
+        if (searched.count + static_cast<std::size_t>(found - text) > streamBuf->GetTextLimit())
+            return ioFormatError;
+        if (found != part.end())
             return ioSuccess;
         searched.hasText |= text != part.end();
         searched.count += static_cast<std::size_t>(part.end() - part.begin());
@@ -245,7 +253,7 @@ ioTryCode ioStream::TryPassText(std::streambuf& view)
     int announced = 0;
     if (const ioTryCode code = serializer->RdInt(announced, &view); code != ioSuccess)
         return code;
-    if (announced < 0)
+    if (announced < 0 || static_cast<std::size_t>(announced) > streamBuf->GetTextLimit())
         return ioFormatError;
     for (std::size_t left = static_cast<std::size_t>(announced); left > 0;) {
         AreaPart part(view);
@@ -373,7 +381,7 @@ ioEvent* ioStream::CreateEvent(btkBaseEvent* event, ioEventType type)
 void ioStream::GuardRead()
 {
     CheckReadable();
-    if (iTimeout != INFINITE)
+    if (!keepsITimeout)
         Throw(ioUnsupportedFunction, "ITimeout != INFINITE");
     SetActive();
 }
@@ -381,7 +389,7 @@ void ioStream::GuardRead()
 void ioStream::GuardWrite()
 {
     CheckWritable();
-    if (oTimeout != INFINITE)
+    if (!keepsOTimeout)
         Throw(ioUnsupportedFunction, "OTimeout != INFINITE");
     SetActive();
 }
@@ -400,9 +408,9 @@ void ioStream::FindWays()
     if (!active || !isOpen || state != 0)
         return;
     const Way way = GetFormWay();
-    if (canRead && iTimeout == INFINITE)
+    if (canRead && keepsITimeout)
         readWay = way;
-    if (canWrite && oTimeout == INFINITE)
+    if (canWrite && keepsOTimeout)
         writeWay = way;
 }
 
@@ -523,6 +531,8 @@ unsigned int ioStream::ReadBytes(void* p, unsigned int n)
     const unsigned int count = serializer->RdBytes(p, n, direct);
     if (count == 0)
         ThrowTryCode(ioEndOfFile);
+    if (count < n)
+        SetState(state | WhyFailed(0));
     return count;
 }
 
@@ -577,11 +587,12 @@ void CopyStream(ioStream* to, ioStream* from)
         if (isLent)
             xbufaccess::Advance(source, part + std::max<std::streamsize>(written, 0));
         if (written < size)
-            to->ThrowState(ioStream::stateBad);
+            to->ThrowState(to->WhyFailed(ioStream::stateBad));
         left -= static_cast<std::size_t>(size);
     }
-    if (left > 0 && from->streamBuf->HasFailed())
-        from->ThrowState(ioStream::stateBad);
+    const int failed = from->WhyFailed(from->streamBuf->HasFailed() ? ioStream::stateBad : 0);
+    if (left > 0 && failed != 0)
+        from->ThrowState(failed);
 }
 
 ioEvent* ioStream::Flush(unsigned char blocking)
@@ -589,7 +600,7 @@ ioEvent* ioStream::Flush(unsigned char blocking)
     if (!blocking)
         Throw(ioUnsupportedFunction, "non-blocking Flush");
     if (isOpen && direct->pubsync() == -1)
-        ThrowState(stateBad);
+        ThrowState(WhyFailed(stateBad));
     return nullptr;
 }
 
@@ -645,8 +656,10 @@ void ioStream::setITimeout(double seconds)
 {
     CheckOpen();
     iTimeout = seconds;
-    if (seconds != INFINITE)
+    const bool hasLimit = seconds != INFINITE;
+    if (hasLimit)
         iTimeval = btkTimeval(seconds);
+    keepsITimeout = streamBuf->SetInputLimit(hasLimit ? iTimeval : btkTimeval::Forever()) || !hasLimit;
     FindWays();
 }
 
@@ -654,9 +667,18 @@ void ioStream::setOTimeout(double seconds)
 {
     CheckOpen();
     oTimeout = seconds;
-    if (seconds != INFINITE)
+    const bool hasLimit = seconds != INFINITE;
+    if (hasLimit)
         oTimeval = btkTimeval(seconds);
+    keepsOTimeout = streamBuf->SetOutputLimit(hasLimit ? oTimeval : btkTimeval::Forever()) || !hasLimit;
     FindWays();
+}
+
+void ioStream::SetTextLimit(std::size_t bytes)
+{
+    CheckOpen();
+    constexpr std::size_t least = 65536; // what a buffer may hold is not looked at
+    streamBuf->SetTextLimit(std::max(bytes, least));
 }
 
 void ioStream::setIsFail(unsigned char fail)

@@ -125,7 +125,8 @@ public:
     void WriteReal(double d);
     /// Null and the reserved pointers write the empty text.
     void WriteString(const char* s);
-    /// Raw bytes. Answers how many were read: `n`, or fewer before the end of the data.
+    /// Raw bytes. Answers how many were read: `n`, or fewer before the end of the data or of the limit, which
+    /// the state tells.
     unsigned int ReadBytes(void* p, unsigned int n);
     void WriteBytes(const void* p, unsigned int n);
     /// Copies all that remains in `src` into this stream, or in this stream into `dst`. See CopyStream.
@@ -157,7 +158,10 @@ public:
     unsigned char getIsOpen() { return isOpen; }
     unsigned char getCanRead() { return canRead; }
     unsigned char getCanWrite() { return canWrite; }
-    /// Seconds, or INFINITE. The blocking operations work without limit only.
+    /// Seconds, or INFINITE. A stream whose buffer keeps limits (that of a connection) has each blocking
+    /// operation wait so long at most for the next byte to come, or to go; it fails then with the state
+    /// "timeout expired", and the part of a value that was transferred is lost. For all others the blocking
+    /// operations of values work without limit only.
     double getITimeout() { return iTimeout; }
     double getOTimeout() { return oTimeout; }
     void setITimeout(double seconds);
@@ -234,10 +238,14 @@ protected:
     btkTimeval GetITimeval() const { return iTimeval; }
     btkTimeval GetOTimeval() const { return oTimeval; }
     void ClearEofBit() { SetState(state & ~stateEof); }
+    /// How many bytes a text may have that is read; a longer one is a conversion error. 65536 at least,
+    /// without limit at first, but for connections.
+    void SetTextLimit(std::size_t bytes);
 
 private:
     friend class ioXStream;
     friend class ioEvent;
+    friend class netThread; // waits for the handle
     friend class pcProcess; // prepares streams for a child, and gives it their handles
     friend class rshOutlet; // writes to the handle without waiting
     friend QEL_API void CopyStream(ioStream* to, ioStream* from);
@@ -261,6 +269,8 @@ private:
             ThrowTryCode(code);
     }
     [[noreturn]] void ThrowTryCode(ioTryCode code);
+    /// `bits`, or that the limit has passed, when that is why the last transfer failed.
+    int WhyFailed(int bits) const;
     const char* StateText() const;
     template<class Transfer>
     ioTryCode TryRead(Transfer transfer);
@@ -319,6 +329,8 @@ private:
     bool isOpen = true;
     bool canRead;
     bool canWrite;
+    bool keepsITimeout = true; // the buffer does, or there is none
+    bool keepsOTimeout = true;
     double iTimeout = INFINITE;
     btkTimeval iTimeval;
     double oTimeout = INFINITE;

@@ -12,6 +12,7 @@
 #include "iotext_p.h"
 #include "qeltable.h"
 #include <qel/base/xbufaccess.h>
+#include <qel/base/xstreambuf.h>
 #include <qel/xstring.h>
 
 QEL_LABELS(ioTryCode, "iolib::TryCode", ioSuccess, ioWouldBlock, ioEndOfFile, ioIOError, ioFormatError,
@@ -118,6 +119,8 @@ ioTryCode ioByteSerializer::RdString(xstring& s, std::streambuf* sb, const char*
     if (announced < 0)
         return ioFormatError;
     const std::size_t length = static_cast<std::size_t>(announced);
+    if (length > trustedLength && length > xGetTextLimit(*sb))
+        return ioFormatError;
     if (const char* const view = xbufaccess::View(*sb, length)) {
         s = ioMakeString(view, length);
         xbufaccess::Consume(*sb, announced);

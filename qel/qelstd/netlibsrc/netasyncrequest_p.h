@@ -1,33 +1,35 @@
 #pragma once
 
-#include "netthread.h"
-#include <qel/base/btkevent.h>
+#include <memory>
 
+#include "netthread.h"
+#include <qel/base/btktimeval.h>
+
+class btkStopSign;
 class netBaseServer;
 class netSocketStream;
 
-/// The thread of one asynchronous request. Its server collects it once its exit event is on.
+/// The thread of one asynchronous request. Its server collects it once it has ended.
 class netAsyncRequest : public netThread
 {
 public:
-    netAsyncRequest(netBaseServer* of, netSocketStream* served) : server(of), stream(served) {}
+    netAsyncRequest(netBaseServer* of, netSocketStream* served)
+        : netThread(WithoutExitEvent), server(of), stream(served)
+    {
+    }
     ~netAsyncRequest() override;
 
-    /// Asks the request to stop, once.
-    void TellToStop() noexcept;
-    /// Null when there was no memory for it.
-    btkEvent* ExitEvent() { return exitEvent; }
-    /// Whether the last wait found the exit event on.
-    bool WasFoundEnded() { return exitEvent != nullptr ? exitEvent->WasSignaled() : IsExited(); }
+    /// Asks the request to stop, once. Its stream blocks no longer than `grace` from now on.
+    void TellToStop(btkTimeval grace) noexcept;
 
 protected:
+    bool OnPreStart() override;
     int OnStart() override;
-    void OnPostStart() override;
     void AtFork(bool parentSide) override;
 
 private:
     netBaseServer* server;
     netSocketStream* stream;
+    std::shared_ptr<btkStopSign> stopSign;
     bool wasTold = false;
-    btkEvent* exitEvent = nullptr;
 };

@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <deque>
 #include <iostream>
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string>
 
 #include "netaddress.h"
 #include "netasyncrequest_p.h"
@@ -15,6 +16,9 @@
 #include "netexception.h"
 #include "qelcaught_p.h"
 #include "qeltable.h"
+#include <qel/base/netsilentset.h>
+#include <qel/base/nmsclient.h>
+#include <qel/xrtti.h>
 
 QEL_LABELS(netServerLoopAction, "netlib::ServerLoopAction", netServerContinue, netServerTerminate,
            netSpawnAsyncServer);
@@ -37,15 +41,79 @@ constinit qelClass netBaseServer::rtti = {
 namespace {
 
 constexpr netError socketFailed = static_cast<netError>(4);
-constexpr std::size_t mostSilent = 64;
+constexpr std::size_t silentPlacesAtFirst = 256;
 constexpr btkTimeval longestRest(0, 100000);
 
-std::unique_ptr<btkEvent> InputOf(const btkSocket& socket)
+std::unique_ptr<btkEvent> EventOver(btkBaseEvent* made)
 {
-    auto base = std::make_unique<btkSelectEvent>(socket.GetHandle(), 0);
+    std::unique_ptr<btkBaseEvent> base(made);
     auto event = std::make_unique<btkEvent>(base.get());
     static_cast<void>(base.release());
     return event;
+}
+
+// The address or name of the interface that servers listen on when none is given; none: all.
+struct ListenInterface
+{
+    std::mutex mutex;
+    std::optional<std::string> name;
+
+    std::optional<std::string> Get()
+    {
+        const std::lock_guard lock(mutex);
+        return name;
+    }
+};
+
+ListenInterface& DefaultInterface()
+{
+    static ListenInterface* const setting = new ListenInterface; // for servers that outlive every static
+    return *setting;
+}
+
+// ---- reports
+
+// A line on the standard error output about a request of `peer`.
+void Report(netBaseServer& server, const std::string& peer, const std::string& text)
+{
+    std::string line = server.getQelTypeName().CastToCString();
+    const xstring name = server.getServerName();
+    if (!(name == nullptr))
+        line.append(" \"").append(name.CastToCString()).append("\"");
+    line += ", port " + std::to_string(server.getPortN());
+    if (!peer.empty())
+        line += ", client " + peer;
+    std::cerr << line + ": " + text + '\n' << std::flush;
+}
+
+// What a failure says of itself, else what it is.
+std::string TextOf(xthrowable& failure)
+{
+    xrttistruct* const type = xrttistruct::softcast(failure.getRtti());
+    for (const char* const name : {"Description", "Msg"}) {
+        xrttiattr* const attribute = qelIsObject(type) ? type->findAttr(name, 1) : nullptr;
+        const xany value = qelIsObject(attribute) ? attribute->getValue(&failure) : xany();
+        if (value.getKind() == xanyString && !value.isNull())
+            return xstring(value).CastToCString();
+    }
+    return failure.getQelTypeName().CastToCString();
+}
+
+// Calls `handler()`, and reports what it throws before that goes on.
+template<class Handler>
+netServerLoopAction Reported(netBaseServer& server, const std::string& peer, Handler handler)
+try {
+    return handler();
+} catch (xthrowable* failure) {
+    Report(server, peer, qelIsObject(failure) ? TextOf(*failure) : "no exception");
+    throw;
+} catch (const std::exception& failure) {
+    Report(server, peer, failure.what());
+    throw;
+} catch (...) {
+    qelPassCancellation();
+    Report(server, peer, "unknown exception");
+    throw;
 }
 
 } // namespace
@@ -54,20 +122,35 @@ class [[gnu::visibility("hidden")]] netBaseServer::Loop
 {
 public:
     Loop(netBaseServer & of, std::unique_ptr<btkAcceptSocket> socket)
-        : server(of), listening(std::move(socket)), connectionWaits(InputOf(*listening))
+        : server(of), listening(std::move(socket)),
+          connectionWaits(EventOver(new btkSelectEvent(listening->GetHandle(), 0))),
+          stopAsked(Event_Create(false)), stopWaits(EventOver(new btkEVENTEvent(stopAsked.Get()))),
+          stopSign(std::make_shared<btkStopSign>(stopAsked.Get()))
     {
+    }
+    ~Loop()
+    {
+        stopSign->Leave();
     }
 
-    btkHandle GetHandle() const
+    const btkAcceptSocket& GetSocket() const
     {
-        return listening->GetHandle();
+        return *listening;
     }
-    /// The next connection to be served; null when `timeout` seconds have passed. `mayBeSilent`: how long one
-    /// is kept whose first byte has not come; 0: that is not waited for.
-    std::unique_ptr<btkStreamSocket> WaitForRequest(double timeout, btkTimeval mayBeSilent);
+    /// Whether there was a descriptor for all that it needs.
+    bool IsWhole() const
+    {
+        return static_cast<bool>(stopAsked);
+    }
+    void Stop();
+    /// Whether Stop was called since the last time.
+    bool TakeStop();
+    /// The next connection to be served; null when `timeout` seconds have passed or it is time to stop.
+    /// `isByteWanted`: its first byte is waited for.
+    std::unique_ptr<btkStreamSocket> WaitForRequest(double timeout, bool isByteWanted);
     netServerLoopAction Serve(std::unique_ptr<btkStreamSocket> socket);
-    /// Waits for the end of asynchronous requests and collects those that have ended.
-    netServerLoopAction CheckAsyncRequests(btkTimeval timeout);
+    /// Collects the asynchronous requests that have ended.
+    netServerLoopAction CheckAsyncRequests();
     /// Closes the port and the connections that wait.
     void StopListening();
     /// Asks all asynchronous requests to stop, and waits until they have ended.
@@ -78,18 +161,20 @@ public:
         ++endedBodies;
     }
 
-private:
     /// A connection whose first byte has not come.
     struct Silent
     {
         std::unique_ptr<btkStreamSocket> socket;
+        std::string address;
         btkTimeval since;
         std::unique_ptr<btkEvent> input;
     };
+    netSilentSet<Silent> silent{silentPlacesAtFirst};
 
-    std::unique_ptr<btkStreamSocket> TakeConnection();
+private:
+    std::unique_ptr<btkStreamSocket> TakeConnection(btkTimeval now);
     std::unique_ptr<btkStreamSocket> TakeSpoken();
-    void DropSilent(btkTimeval latest);
+    void AddSilent(std::unique_ptr<btkStreamSocket> socket, btkTimeval now);
     void SpawnAsyncRequest(netSocketStream * stream);
     bool StartAsyncRequest(netSocketStream * stream);
 
@@ -98,10 +183,13 @@ private:
     std::unique_ptr<btkAcceptSocket> listening;
     std::unique_ptr<btkEvent> connectionWaits; // on while `listening` has a connection
     btkTimeval restEnd;                        // until then `listening` is left alone
-    std::deque<Silent> silent;                 // the oldest first
+
+    btkFd stopAsked; // an event
+    std::unique_ptr<btkEvent> stopWaits;
+    std::atomic<bool> isStopAsked = false;
+    std::shared_ptr<btkStopSign> stopSign; // of streams that the loop's thread serves
 
     std::list<std::unique_ptr<netAsyncRequest>> requests;
-    btkEvent::List waitList;          // the exit events of `requests`
     std::atomic<int> endedBodies = 0; // of `requests`; written by their threads
 };
 
@@ -121,10 +209,22 @@ netBaseServer::Loop* netBaseServer::MakeLoop(netBaseServer* server, btkAcceptSoc
 
 netBaseServer* netBaseServer::Create(const char* name, int port)
 {
-    return CreateAs<netBaseServer>(name, port);
+    return Create(name, port, nullptr);
 }
 
-netBaseServer* netBaseServer::Make(const char* name, int port, Maker make)
+netBaseServer* netBaseServer::Create(const char* name, int port, const char* interface)
+{
+    return CreateAs<netBaseServer>(name, port, interface);
+}
+
+void netBaseServer::setListenInterface(const char* interface)
+{
+    ListenInterface& setting = DefaultInterface();
+    const std::lock_guard lock(setting.mutex);
+    setting.name = interface != nullptr ? std::optional<std::string>(interface) : std::nullopt;
+}
+
+netBaseServer* netBaseServer::Make(const char* name, int port, const char* interface, Maker make)
 {
     struct Offer
     {
@@ -132,9 +232,13 @@ netBaseServer* netBaseServer::Make(const char* name, int port, Maker make)
         btkAcceptSocket* socket;
     };
     Offer offer{new btkAcceptSocket};
-    if (!offer.socket->Listen(port == xnullint ? 0 : port, nullptr))
+    const std::optional<std::string> setting = DefaultInterface().Get();
+    const char* const wanted = interface != nullptr ? interface : setting ? setting->c_str() : nullptr;
+    if (!offer.socket->Listen(port == xnullint ? 0 : port, wanted))
         return nullptr;
     std::unique_ptr<netBaseServer, qelDelete> server(make(offer.socket));
+    if (!server->loop->IsWhole())
+        return nullptr;
     server->Register(name);
     return server.release();
 }
@@ -143,11 +247,7 @@ void netBaseServer::Register(const char* name)
 {
     if (name == nullptr || name == xnullstr)
         return;
-    // The name server keeps processes apart, and this the threads of this one: between asking and registering
-    // nobody else takes the name.
-    static std::mutex registering;
-    const std::lock_guard<std::mutex> lock(registering);
-    nmsOwnedProxy proxy = netNameServer(nullptr, netAnswerEnd());
+    nmsOwnedProxy proxy(getNameServer(nullptr));
     if (proxy == nullptr)
         netXException::Throw(netNameServiceProblem, "Can't register: Name Server not found");
     const xstring wanted(name);
@@ -161,85 +261,129 @@ void netBaseServer::Register(const char* name)
 
 void netBaseServer::Unregister() noexcept
 try {
-    if (!isRegistered)
+    if (!std::exchange(isRegistered, false))
         return;
-    const nmsOwnedProxy proxy = netNameServer(nullptr, netAnswerEnd());
+    const nmsOwnedProxy proxy(getNameServer(nullptr));
     if (proxy != nullptr)
-        netUnregister(proxy.get(), portN, serverName);
+        UnregisterFromNMS(proxy.get(), serverName);
 } catch (const std::bad_alloc&) { // the name server drops the names of processes that have ended
 }
 
 netBaseServer::~netBaseServer()
 {
+    EndService();
+    delete loop;
+}
+
+void netBaseServer::EndService() noexcept
+{
     loop->StopListening();
     Unregister();
     loop->StopRequests();
-    delete loop;
 }
 
 void netBaseServer::Loop::StopListening()
 {
     connectionWaits.reset();
     listening.reset();
-    silent.clear();
+    silent.Clear();
 }
 
 void netBaseServer::Loop::StopRequests()
 {
+    const btkTimeval grace =
+        server.gracePeriod == INFINITE ? btkTimeval::Forever() : btkTimeval(server.gracePeriod);
     for (const auto& request : requests)
-        request->TellToStop();
-    while (!waitList.empty())
-        CheckAsyncRequests(btkTimeval(1, 0));
-    for (const auto& request : requests) // those without an event
+        request->TellToStop(grace);
+    for (const auto& request : requests)
         request->WaitExitCode();
+    requests.clear();
+}
+
+// ---- stopping
+
+void netBaseServer::Stop()
+{
+    loop->Stop();
+}
+
+void netBaseServer::Loop::Stop()
+{
+    const btkTimeval grace =
+        server.gracePeriod == INFINITE ? btkTimeval::Forever() : btkTimeval(server.gracePeriod);
+    stopSign->SetEnd(btkTimeval::Now() + grace);
+    isStopAsked.store(true, std::memory_order_release);
+    Event_Set(stopAsked.Get());
+}
+
+bool netBaseServer::Loop::TakeStop()
+{
+    if (!isStopAsked.load(std::memory_order_relaxed) || !isStopAsked.exchange(false))
+        return false;
+    Event_Reset(stopAsked.Get());
+    stopSign->SetEnd(btkTimeval::Forever());
+    return true;
 }
 
 netSocketStream* netBaseServer::Connect(netAddress* address, double timeout)
 {
-    std::unique_ptr<btkStreamSocket> socket = netConnect(address, btkTimeval::Now() + btkTimeval(timeout));
+    std::unique_ptr<btkStreamSocket> socket =
+        netConnect(address, timeout == INFINITE ? btkTimeval::Forever() : btkTimeval(timeout));
     return socket != nullptr ? netSocketStream::Create(socket.release()) : nullptr;
 }
 
 // ---- waiting for connections
 
-std::unique_ptr<btkStreamSocket> netBaseServer::Loop::WaitForRequest(double timeout, btkTimeval mayBeSilent)
+std::unique_ptr<btkStreamSocket> netBaseServer::Loop::WaitForRequest(double timeout, bool isByteWanted)
 {
-    const bool isByteWanted = mayBeSilent > btkTimeval();
-    if (!isByteWanted && !silent.empty()) {
-        std::unique_ptr<btkStreamSocket> oldest = std::move(silent.front().socket);
-        silent.pop_front();
-        return oldest;
+    if (!isByteWanted) {
+        if (const std::unique_ptr<Silent> oldest = silent.Take([](const Silent&) { return true; }))
+            return std::move(oldest->socket);
     }
     btkTimeval now = btkTimeval::Now();
     const btkTimeval end = now + (timeout == INFINITE ? btkTimeval::Forever() : btkTimeval(timeout));
     do {
         const bool rests = now < restEnd;
         btkTimeval wake = rests ? std::min(end, restEnd) : end;
-        if (!silent.empty())
-            wake = std::min(wake, silent.front().since + mayBeSilent);
-        btkEvent::WaitForAny(silent.size() + 1, wake - now, [&](std::size_t i) {
-            return i > 0 ? silent[i - 1].input.get() : rests ? nullptr : connectionWaits.get();
+        if (!silent.IsEmpty())
+            wake = std::min(wake, silent[0].since + server.silentPatience);
+        btkEvent::WaitForAny(silent.GetCount() + 2, wake - now, [&](std::size_t i) {
+            return i > 1   ? silent[i - 2].input.get()
+                   : i > 0 ? stopWaits.get()
+                   : rests ? nullptr
+                           : connectionWaits.get();
         });
+        if (stopWaits->WasSignaled())
+            return nullptr;
         if (std::unique_ptr<btkStreamSocket> spoken = TakeSpoken())
             return spoken;
         now = btkTimeval::Now();
-        DropSilent(now - mayBeSilent);
+        silent.DropUntil(now - server.silentPatience);
+        if (silent.IsOverfull())
+            silent.TakeLeaving(now);
         if (rests || !connectionWaits->WasSignaled())
             continue;
-        std::unique_ptr<btkStreamSocket> taken = TakeConnection();
-        if (taken == nullptr || !isByteWanted || taken->IsReadable())
+        std::unique_ptr<btkStreamSocket> taken = TakeConnection(now);
+        if (taken == nullptr || !isByteWanted)
             return taken;
-        if (silent.size() == mostSilent)
-            silent.pop_front();
-        std::unique_ptr<btkEvent> input = InputOf(*taken);
-        silent.push_back({std::move(taken), now, std::move(input)});
+        AddSilent(std::move(taken), now);
     } while (now < end);
     return nullptr;
 }
 
+void netBaseServer::Loop::AddSilent(std::unique_ptr<btkStreamSocket> socket, btkTimeval now)
+{
+    auto one = std::make_unique<Silent>();
+    one->address = socket->GetPeerAddrStr();
+    one->since = now;
+    one->input = EventOver(socket->GetInputEvent());
+    one->socket = std::move(socket);
+    silent.Add(std::move(one));
+}
+
 // The next connection; null when accepting it failed. Without room for one, the port is left alone for a
 // while: it stays ready, and asking again at once would not let this thread sleep.
-std::unique_ptr<btkStreamSocket> netBaseServer::Loop::TakeConnection()
+std::unique_ptr<btkStreamSocket> netBaseServer::Loop::TakeConnection(btkTimeval now)
 {
     std::unique_ptr<btkStreamSocket> socket(new (std::nothrow) btkStreamSocket);
     if (socket != nullptr && listening->Accept(socket.get()))
@@ -248,8 +392,7 @@ std::unique_ptr<btkStreamSocket> netBaseServer::Loop::TakeConnection()
     const auto isNoRoom = [&] {
         return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
     };
-    if (socket != nullptr && isNoRoom() && !silent.empty()) {
-        silent.pop_front();
+    if (socket != nullptr && isNoRoom() && silent.TakeLeaving(now) != nullptr) {
         if (listening->Accept(socket.get()))
             return socket;
         error = errno;
@@ -257,77 +400,86 @@ std::unique_ptr<btkStreamSocket> netBaseServer::Loop::TakeConnection()
     if (error == EBADF || error == EINVAL || error == ENOTSOCK)
         netXException::Throw(socketFailed, "Socket failed");
     if (isNoRoom())
-        restEnd = btkTimeval::Now() + (server.timeSlice == INFINITE
-                                           ? longestRest
-                                           : std::min(longestRest, btkTimeval(server.timeSlice)));
+        restEnd = now + (server.timeSlice == INFINITE ? longestRest
+                                                      : std::min(longestRest, btkTimeval(server.timeSlice)));
     return nullptr;
 }
 
 // The oldest connection whose first byte, or end, the last wait has found.
 std::unique_ptr<btkStreamSocket> netBaseServer::Loop::TakeSpoken()
 {
-    // An urgent value ends the wait, too, but is no byte that a handshake could begin with.
-    const auto found = std::find_if(silent.begin(), silent.end(), [](const Silent& one) {
-        return one.input->WasSignaled() && one.socket->IsReadable();
-    });
-    if (found == silent.end())
-        return nullptr;
-    std::unique_ptr<btkStreamSocket> socket = std::move(found->socket);
-    silent.erase(found);
-    return socket;
+    const std::unique_ptr<Silent> spoken =
+        silent.Take([](const Silent& one) { return one.input->WasSignaled(); });
+    return spoken != nullptr ? std::move(spoken->socket) : nullptr;
 }
 
-// Closes those that came at `latest` or before.
-void netBaseServer::Loop::DropSilent(btkTimeval latest)
+bool netBaseServer::IsLoopbackOnly()
 {
-    while (!silent.empty() && silent.front().since <= latest)
-        silent.pop_front();
+    return loop->GetSocket().IsOnLoopback();
+}
+
+void netBaseServer::SetSilentPlaces(int most)
+{
+    loop->silent.SetPlaces(static_cast<std::size_t>(std::max(most, 1)));
+}
+
+int netBaseServer::GetSilentPlaces() const
+{
+    return static_cast<int>(loop->silent.GetPlaces());
 }
 
 netSocketStream* netBaseServer::Accept(double timeout)
 {
-    std::unique_ptr<btkStreamSocket> socket = loop->WaitForRequest(timeout, {});
-    return socket != nullptr ? netSocketStream::Create(socket.release()) : nullptr;
+    std::unique_ptr<btkStreamSocket> socket = loop->WaitForRequest(timeout, false);
+    if (socket != nullptr)
+        return netSocketStream::Create(socket.release());
+    loop->TakeStop();
+    return nullptr;
 }
 
 netEvent* netBaseServer::AcceptEvent()
 {
-    return new (pDefMemMgr) netEvent(new (std::nothrow) btkSelectEvent(loop->GetHandle(), 0), this);
+    return new (pDefMemMgr)
+        netEvent(new (std::nothrow) btkSelectEvent(loop->GetSocket().GetHandle(), 0), this);
 }
 
 // ---- the loop
 
 void netBaseServer::Run()
 {
-    for (;;) {
-        if (loop->CheckAsyncRequests({}) == netServerTerminate)
+    while (!loop->TakeStop()) {
+        if (loop->CheckAsyncRequests() == netServerTerminate)
             return;
         std::unique_ptr<btkStreamSocket> socket;
         try {
-            socket = loop->WaitForRequest(timeSlice, silenceLimit);
+            socket = loop->WaitForRequest(timeSlice, silentPatience > btkTimeval());
         } catch (const std::bad_alloc&) { // the connection that met it is lost
         }
-        if ((socket != nullptr ? loop->Serve(std::move(socket)) : OnIdle()) == netServerTerminate)
+        if (socket == nullptr && loop->TakeStop())
+            return;
+        const netServerLoopAction action = socket != nullptr
+                                               ? loop->Serve(std::move(socket))
+                                               : Reported(*this, {}, [this] { return OnIdle(); });
+        if (action == netServerTerminate)
             return;
     }
 }
 
 netServerLoopAction netBaseServer::Loop::Serve(std::unique_ptr<btkStreamSocket> socket)
 {
-    netSocketStream* stream = nullptr;
+    std::unique_ptr<netSocketStream, qelDelete> made;
     try {
         const netServerLoopAction action = server.PreprocessRequest(socket.get());
-        if (action == netServerContinue || action == netServerTerminate)
-            return action;
-        stream = netSocketStream::Create(socket.release());
+        if (action == netServerContinue || action == netServerTerminate || server.onRequest == nullptr)
+            return action == netServerTerminate ? action : netServerContinue;
+        socket->SetStopSign(stopSign);
+        made.reset(netSocketStream::Create(socket.release()));
     } catch (const std::bad_alloc&) {
         return netServerContinue;
     }
-    if (server.onRequest == nullptr) {
-        xdelete(stream);
-        return netServerContinue;
-    }
-    const netServerLoopAction action = server.OnRequest(stream);
+    const std::string peer = made->getPeerAddress().CastToCString();
+    netSocketStream* const stream = made.release();
+    const netServerLoopAction action = Reported(server, peer, [&] { return server.OnRequest(stream); });
     if (action == netSpawnAsyncServer)
         SpawnAsyncRequest(stream);
     return action;
@@ -336,6 +488,10 @@ netServerLoopAction netBaseServer::Loop::Serve(std::unique_ptr<btkStreamSocket> 
 netServerLoopAction netBaseServer::PreprocessRequest(btkStreamSocket* /*socket*/)
 {
     return netServerNoDecision;
+}
+
+void netBaseServer::OnRefused(netSocketStream* /*stream*/)
+{
 }
 
 netServerLoopAction netBaseServer::OnRequest(netSocketStream* stream)
@@ -359,8 +515,9 @@ void netBaseServer::Loop::SpawnAsyncRequest(netSocketStream* stream)
 {
     if (StartAsyncRequest(stream))
         return;
+    const std::unique_ptr<netSocketStream, qelDelete> refused(stream);
     std::cout << "netBaseServer::SpawnAsyncRequest: create thread failed" << std::endl;
-    xdelete(stream);
+    server.OnRefused(stream);
 }
 
 bool netBaseServer::Loop::StartAsyncRequest(netSocketStream* stream)
@@ -369,35 +526,23 @@ try {
     const int running = static_cast<int>(requests.size()) - endedBodies;
     if (server.asyncLimit > 0 && running >= server.asyncLimit)
         return false;
-    if (waitList.capacity() == requests.size()) // what follows the start must not fail
-        waitList.reserve(2 * requests.size() + 16);
-    requests.push_back(std::make_unique<netAsyncRequest>(&server, stream));
-    netAsyncRequest& request = *requests.back();
-    if (!request.Start()) {
-        requests.pop_back();
+    std::list<std::unique_ptr<netAsyncRequest>> one; // what follows the start must not fail
+    one.push_back(std::make_unique<netAsyncRequest>(&server, stream));
+    if (!one.back()->Start())
         return false;
-    }
-    if (request.ExitEvent() != nullptr)
-        waitList.push_back(request.ExitEvent());
+    requests.splice(requests.end(), one);
     return true;
 } catch (const std::bad_alloc&) {
     return false;
 }
 
-netServerLoopAction netBaseServer::Loop::CheckAsyncRequests(btkTimeval timeout)
+netServerLoopAction netBaseServer::Loop::CheckAsyncRequests()
 {
-    // Asking many events each time the loop comes round would cost more than serving.
-    if (requests.empty() || (timeout == btkTimeval() && endedBodies.load(std::memory_order_relaxed) == 0))
-        return netServerContinue;
-    try {
-        btkEvent::Wait(waitList, timeout);
-    } catch (const std::bad_alloc&) { // they are collected another time
-        return netServerContinue;
-    }
     netServerLoopAction result = netServerContinue;
-    std::erase_if(waitList, [](btkEvent* event) { return event->WasSignaled(); });
+    if (endedBodies.load(std::memory_order_relaxed) == 0)
+        return result;
     std::erase_if(requests, [&](const std::unique_ptr<netAsyncRequest>& request) {
-        if (!request->WasFoundEnded())
+        if (!request->IsExited())
             return false;
         --endedBodies;
         if (request->GetExitCode() == netServerTerminate)
@@ -409,15 +554,27 @@ netServerLoopAction netBaseServer::Loop::CheckAsyncRequests(btkTimeval timeout)
 
 netAsyncRequest::~netAsyncRequest()
 {
-    delete exitEvent;
+    if (stopSign != nullptr)
+        stopSign->Leave();
     Close();
 }
 
-void netAsyncRequest::TellToStop() noexcept
+bool netAsyncRequest::OnPreStart()
+{
+    if (!netThread::OnPreStart())
+        return false;
+    wasTold = false;
+    stopSign = std::make_shared<btkStopSign>(GetSignalHandle());
+    stream->SetStopSign(stopSign);
+    return true;
+}
+
+void netAsyncRequest::TellToStop(btkTimeval grace) noexcept
 {
     if (wasTold)
         return;
     wasTold = true;
+    stopSign->SetEnd(btkTimeval::Now() + grace);
     try {
         const char byte = 0;
         ControlStream()->WriteBytes(&byte, 1);
@@ -441,26 +598,16 @@ int netAsyncRequest::OnStart()
     std::unique_ptr<netSocketStream, qelDelete> unserved(stream);
     try {
         const std::unique_ptr<evtEvent, qelDelete> stop(SignalStream()->InputEvent());
+        const std::string peer = stream->getPeerAddress().CastToCString();
         if (server->onAsyncRequest != nullptr)
             unserved.release();
-        return server->OnAsyncRequest(stream, stop.get());
+        return Reported(*server, peer, [&] { return server->OnAsyncRequest(stream, stop.get()); });
     } catch (xthrowable* e) {
         const qelCaught caught(e);
     } catch (...) {
         qelPassCancellation();
     }
     return netServerContinue;
-}
-
-void netAsyncRequest::OnPostStart()
-try {
-    netThread::OnPostStart();
-    wasTold = false;
-    btkBaseEvent* const exit = GetExitEvent();
-    exitEvent = new (std::nothrow) btkEvent(exit);
-    if (exitEvent == nullptr)
-        delete exit;
-} catch (const std::bad_alloc&) { // collected without an event
 }
 
 void netAsyncRequest::AtFork(bool parentSide)

@@ -28,7 +28,7 @@ class QEL_API netBaseServer_OnRequest_cb : public virtual xobject
 
 public:
     /// Owns `stream`, and frees it with xdelete, unless it answers netSpawnAsyncServer: the asynchronous
-    /// handler gets it then. What it throws leaves Run.
+    /// handler gets it then. What it throws is reported and leaves Run.
     virtual netServerLoopAction Invoke(netBaseServer* server, netSocketStream* stream) = 0;
 };
 
@@ -39,7 +39,8 @@ class QEL_API netBaseServer_OnAsyncRequest_cb : public virtual xobject
 
 public:
     /// Owns `stream`, and frees it with xdelete. Returns soon after `stop` has become signaled: the server
-    /// is about to end. `stop` stays the server's. What it throws counts as netServerContinue.
+    /// is about to end. `stop` stays the server's. What it throws is reported and counts as
+    /// netServerContinue.
     virtual netServerLoopAction Invoke(netBaseServer* server, netSocketStream* stream, evtEvent* stop) = 0;
 };
 
@@ -49,7 +50,7 @@ class QEL_API netBaseServer_OnIdle_cb : public virtual xobject
     QEL_OBJECT(netBaseServer_OnIdle_cb); // "netlib::BaseServer_OnIdle_cb"
 
 public:
-    /// What it throws leaves Run.
+    /// What it throws is reported and leaves Run.
     virtual netServerLoopAction Invoke(netBaseServer* server) = 0;
 };
 
@@ -70,27 +71,35 @@ private:
     netBaseServer* server;
 };
 
-/// A server that listens on a port of all interfaces and serves one connection after the other, or some in
-/// threads of their own. It may have a name, under which the name server of this machine knows its port
-/// while it lives.
+/// A server that listens on a port and serves one connection after the other, or some in threads of their
+/// own. It may have a name, under which the name server of this machine knows its port while it lives.
 ///
-/// Everything but OnAsyncRequest is called by the one thread that owns the server. Running out of
+/// Everything but OnAsyncRequest and Stop is called by the one thread that owns the server. Running out of
 /// descriptors, threads or memory loses the request that met it, and the loop goes on. Not counted: freed
-/// with xdelete, which asks the asynchronous requests to stop and waits until each of them has ended.
+/// with xdelete, which asks the asynchronous requests to stop and waits until each of them has ended; one
+/// that has not ended after the grace period finds that its stream blocks no more.
+///
+/// The requests use the server while they run, so the destructor of a class that derives from this one calls
+/// EndService before anything else.
 class QEL_API netBaseServer : public virtual xobject
 {
     QEL_OBJECT(netBaseServer); // "netlib::BaseServer"
 
 public:
     /// A new server on `port`; 0 or xnullint lets the system choose. `name`: null or xnullstr for none.
-    /// Null when it cannot listen there. The caller owns the server.
+    /// `interface`: the address or name of the interface to listen on; null: that of setListenInterface. Null
+    /// when it cannot listen there. The caller owns the server.
     /// @throws netXException  there is no name server, or it knows the name already or does not take it
     static netBaseServer* Create(const char* name, int port);
+    static netBaseServer* Create(const char* name, int port, const char* interface);
+    /// Where servers of this process listen that are created without an interface: its address or name; null,
+    /// as at first: all interfaces. Safe to call from any thread.
+    static void setListenInterface(const char* interface);
     ~netBaseServer() override;
 
     /// Connects to `address`, whose port is asked of the name server of its host when it is not known.
-    /// `timeout`, in seconds, is for that and the connecting together; INFINITE waits as long as the
-    /// operating system does. Null when nobody answers there within it. The caller owns the stream.
+    /// `timeout` in seconds, INFINITE waits as long as the host does. Null when nobody answers there within
+    /// it. The caller owns the stream.
     /// @throws netXException  as ResolvePort
     static netSocketStream* Connect(netAddress* address, double timeout);
 
@@ -98,12 +107,17 @@ public:
     virtual void setOnAsyncRequest(netBaseServer_OnAsyncRequest_cb* handler) { onAsyncRequest = handler; }
     virtual void setOnIdle(netBaseServer_OnIdle_cb* handler) { onIdle = handler; }
 
-    /// Serves until a handler asks for the end; may be called again then. Without a request handler each
-    /// connection is closed.
+    /// Serves until a handler asks for the end or Stop is called; may be called again then. Without a request
+    /// handler each connection is closed. What a handler throws is reported on the standard error output and
+    /// leaves Run.
     /// @throws netXException  the listening socket failed (error 4)
     void Run();
+    /// Ends Run as soon as the handler that it is in returns, however many clients there are; the handler's
+    /// stream blocks no longer than the grace period from now on. A Run or Accept that begins later returns
+    /// at once, once. Safe to call from any thread and in a signal handler, while the server lives.
+    void Stop();
     /// Waits for one connection and answers its stream, which the caller owns; null when `timeout` seconds
-    /// have passed, without limit for INFINITE. Calls no handler.
+    /// have passed, without limit for INFINITE, or Stop was called. Calls no handler.
     /// @throws netXException  the listening socket failed (error 4)
     netSocketStream* Accept(double timeout);
     /// A new event that is signaled while a connection waits to be accepted. The caller owns it, and frees it
@@ -119,6 +133,8 @@ public:
     /// The name it is registered under, or null.
     xstring getServerName() { return serverName; }
     int getPortN() { return portN; }
+    /// Whether only programs of this machine can connect: it listens on a loopback interface.
+    bool IsLoopbackOnly();
     /// Seconds that Run waits for a connection before it calls the idle handler; 0.01 at first. With INFINITE
     /// requests that have ended are collected only when the next connection comes.
     double getTimeSlice() { return timeSlice; }
@@ -126,6 +142,11 @@ public:
     /// How many asynchronous requests may run at once; one more is refused as if no thread could be started.
     /// 0, as at first: no limit.
     void setAsyncLimit(int most) { asyncLimit = most; }
+    /// Seconds that a request has to end after it was told to: from then on each blocking operation of its
+    /// stream fails with the state "timeout expired". 5 at first; INFINITE: it is waited for as long as it
+    /// takes.
+    double getGracePeriod() { return gracePeriod; }
+    void setGracePeriod(double seconds) { gracePeriod = seconds; }
 
 protected:
     /// Takes ownership of a listening socket. `name`: what it is registered under, which the destructor
@@ -134,12 +155,18 @@ protected:
 
     /// Create for a class that derives from this one and has a constructor like it.
     template<class Server>
-    static Server* CreateAs(const char* name, int port)
+    static Server* CreateAs(const char* name, int port, const char* interface = nullptr)
     {
-        return static_cast<Server*>(Make(name, port, [](btkAcceptSocket*& listening) -> netBaseServer* {
-            return new (pDefMemMgr) Server(std::exchange(listening, nullptr), xstring(nullptr));
-        }));
+        return static_cast<Server*>(
+            Make(name, port, interface, [](btkAcceptSocket*& listening) -> netBaseServer* {
+                return new (pDefMemMgr) Server(std::exchange(listening, nullptr), xstring(nullptr));
+            }));
     }
+
+    /// Ends the service, once: closes the port, removes the name, tells the asynchronous requests to stop and
+    /// waits until each has ended. The object is whole for them until then, so the destructor of each
+    /// deriving class calls this first.
+    void EndService() noexcept;
 
     /// Registers the server with the name server of this machine until its end; null or xnullstr: does
     /// nothing. Once at most.
@@ -147,10 +174,19 @@ protected:
     void Register(const char* name);
 
     /// How long a new connection may be silent before it is closed. Until its first byte has come it waits
-    /// beside the others, at most 64 of them, and delays nobody; the oldest is closed for one more. 0, as at
-    /// first: connections are served at once, as clients need it that wait for the server to speak first.
-    void SetSilenceLimit(btkTimeval limit) { silenceLimit = limit; }
-    btkTimeval GetSilenceLimit() const { return silenceLimit; }
+    /// beside the others and delays nobody. 0, as at first: connections are served at once, as clients need
+    /// it that wait for the server to speak first.
+    void SetSilentPatience(btkTimeval limit) { silentPatience = limit; }
+    btkTimeval GetSilentPatience() const { return silentPatience; }
+    /// How many may wait so, at least 1; 256 at first. For one more another is closed: the oldest of the
+    /// address that holds most of the places, but none younger than 0.1 seconds while another address has an
+    /// older one.
+    void SetSilentPlaces(int most);
+    int GetSilentPlaces() const;
+
+    /// Called with the stream of an asynchronous request that no thread is there for, before it is closed;
+    /// the base does nothing. Runs in the loop's thread, so it must not wait for the client.
+    virtual void OnRefused(netSocketStream* stream);
 
 private:
     friend class netAsyncRequest;
@@ -164,7 +200,7 @@ private:
     /// on; netServerTerminate: it is closed and Run returns; any other answer: it is served.
     virtual netServerLoopAction PreprocessRequest(btkStreamSocket* socket);
 
-    static netBaseServer* Make(const char* name, int port, Maker make);
+    static netBaseServer* Make(const char* name, int port, const char* interface, Maker make);
     static Loop* MakeLoop(netBaseServer* server, btkAcceptSocket* listening);
     void Unregister() noexcept;
 
@@ -176,6 +212,7 @@ private:
     double timeSlice = 0.01;
     bool isRegistered;
     int asyncLimit = 0;
-    btkTimeval silenceLimit;
+    double gracePeriod = 5;
+    btkTimeval silentPatience;
     Loop* loop;
 };

@@ -50,6 +50,12 @@ bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName)
     return Admits(system, serverName, address) && Admits(user, serverName, address);
 }
 
+bool HasConnectionRights(xstring serverName)
+{
+    return ReadConnectionPatterns(hmxRegistry::System(), serverName) ||
+           ReadConnectionPatterns(hmxRegistry::User(), serverName);
+}
+
 bool IsConnectionRestrictable(xstring serverName)
 {
     const char* const name = serverName.CastToCString();

@@ -22,6 +22,8 @@ inline constexpr const char* netRightsPath = "Software\\VRX\\";
 QEL_API xrchandle<xstringsequence> ReadConnectionPatterns(hmxRegistry& registry, xstring serverName);
 /// Whether the rights of a server of that name can be set at all: the name is a key of the registry.
 QEL_API bool IsConnectionRestrictable(xstring serverName);
+/// Whether either root of the registry restricts the connections to a server of that name.
+QEL_API bool HasConnectionRights(xstring serverName);
 /// The words of `value`, which blanks, tabs and line feeds separate, as a new sequence.
 QEL_API xrchandle<xstringsequence> SplitPatternList(xstring value);
 /// Whether one of `patterns` matches `address`, with `*` for any characters and `?` for one. Takes a time of

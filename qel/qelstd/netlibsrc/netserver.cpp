@@ -1,5 +1,6 @@
 #include "netserver.h"
 
+#include <atomic>
 #include <iostream>
 #include <string>
 
@@ -18,22 +19,45 @@ constinit qelClass netServer::rtti = {
 
 namespace {
 
-constexpr btkTimeval silenceLimitAtFirst(5, 0);
+constexpr btkTimeval patienceAtFirst(5, 0);
 // The first byte is there when the handshake begins, so the rest of it is short.
 constexpr btkTimeval handshakeLimit(1, 0);
+
+std::atomic<double> answerLimit = 10;
+
+btkTimeval LimitOf(double seconds)
+{
+    return seconds == INFINITE ? btkTimeval::Forever() : btkTimeval(seconds);
+}
 
 [[noreturn]] void Refuse()
 {
     netXException::Throw(netConnectionRefused, "Connection refused due to lack of rights");
 }
 
-// A connected socket whose calls end by `end`, too; null when nobody listens there.
-std::unique_ptr<btkStreamSocket> Reach(netAddress* address, btkTimeval end)
+// A connected socket whose calls are limited; null when nobody listens there.
+std::unique_ptr<btkStreamSocket> Reach(netAddress* address, btkTimeval limit)
 {
-    std::unique_ptr<btkStreamSocket> socket = netConnect(address, end);
-    if (socket != nullptr)
-        socket->SetDeadline(end.IsForever() ? netAnswerEnd() : end);
+    std::unique_ptr<btkStreamSocket> socket = netConnect(address, limit);
+    if (socket != nullptr) {
+        socket->SetRecvLimit(LimitOf(answerLimit));
+        socket->SetSendLimit(LimitOf(answerLimit));
+    }
     return socket;
+}
+
+// Says on the standard error output who may connect to a server whose maker has perhaps not thought of it.
+void WarnOfOpenDoor(netServer& server)
+{
+    const xstring name = server.getServerName();
+    const char* const why = !IsConnectionRestrictable(name) ? "no key of the registry can have such a name"
+                            : !server.IsLoopbackOnly() && !HasConnectionRights(name)
+                                ? "the registry has no rights for it"
+                                : nullptr;
+    if (why != nullptr)
+        std::cerr << "netServer: every machine may connect to \"" + std::string(name.CastToCString()) +
+                         "\": " + why + '\n'
+                  << std::flush;
 }
 
 void Unlimit(btkStreamSocket& socket)
@@ -49,23 +73,31 @@ void Unlimit(btkStreamSocket& socket)
 netServer::netServer(btkAcceptSocket* socket, xstring name)
     : netBaseServer(socket, name), version("QEL netServer Version 0.99")
 {
-    SetSilenceLimit(silenceLimitAtFirst);
+    SetSilentPatience(patienceAtFirst);
+}
+
+netServer::~netServer()
+{
+    EndService();
 }
 
 netServer* netServer::Create(const char* name, int port)
 {
-    netServer* const server = CreateAs<netServer>(name, port);
-    if (server != nullptr && !(server->getServerName() == nullptr) &&
-        !IsConnectionRestrictable(server->getServerName()))
-        std::cerr << "netServer: every machine may connect to \"" << name
-                  << "\": no key of the registry can have such a name" << std::endl;
+    return Create(name, port, nullptr);
+}
+
+netServer* netServer::Create(const char* name, int port, const char* interface)
+{
+    netServer* const server = CreateAs<netServer>(name, port, interface);
+    if (server != nullptr && !(server->getServerName() == nullptr))
+        WarnOfOpenDoor(*server);
     return server;
 }
 
-void netServer::setSilenceLimit(double seconds)
+void netServer::setSilentPatience(double seconds)
 {
     if (seconds > 0)
-        SetSilenceLimit(btkTimeval(seconds));
+        SetSilentPatience(LimitOf(seconds));
 }
 
 netServerLoopAction netServer::PreprocessRequest(btkStreamSocket* socket)
@@ -83,7 +115,7 @@ netServerLoopAction netServer::PreprocessRequest(btkStreamSocket* socket)
     if (request != netRequestCode::open && request != netRequestCode::version &&
         request != netRequestCode::shutdown)
         return netServerContinue;
-    if (!socket->IsPeerOnTheSameMachine() && !IsConnectionAllowed(socket, getServerName())) {
+    if (!MayCome(socket)) {
         socket->Send(&netRefused, 1);
         return netServerContinue;
     }
@@ -102,16 +134,21 @@ netServerLoopAction netServer::PreprocessRequest(btkStreamSocket* socket)
     return netServerNoDecision;
 }
 
+bool netServer::MayCome(btkStreamSocket* socket)
+{
+    return socket->IsPeerOnTheSameMachine() || IsConnectionAllowed(socket, getServerName());
+}
+
 // ---- the client's side
 
 void netServer::setAnswerLimit(double seconds)
 {
-    nmsSetAnswerLimit(btkTimeval(seconds));
+    answerLimit = seconds;
 }
 
 netSocketStream* netServer::Connect(netAddress* address, double timeout)
 {
-    std::unique_ptr<btkStreamSocket> socket = Reach(address, btkTimeval::Now() + btkTimeval(timeout));
+    std::unique_ptr<btkStreamSocket> socket = Reach(address, LimitOf(timeout));
     if (socket == nullptr)
         return nullptr;
     const int verdict = netAsk(*socket, netRequestCode::open);
@@ -119,13 +156,13 @@ netSocketStream* netServer::Connect(netAddress* address, double timeout)
         return nullptr;
     if (verdict != netAdmitted)
         Refuse();
-    socket->SetDeadline(btkTimeval::Forever());
+    Unlimit(*socket);
     return netSocketStream::Create(socket.release());
 }
 
 unsigned char netServer::IsAlive(netAddress* address)
 {
-    const std::unique_ptr<btkStreamSocket> socket = Reach(address, netAnswerEnd());
+    const std::unique_ptr<btkStreamSocket> socket = Reach(address, btkTimeval::Forever());
     if (socket == nullptr)
         return false;
     const int answer = netAsk(*socket, netRequestCode::ping);
@@ -134,7 +171,7 @@ unsigned char netServer::IsAlive(netAddress* address)
 
 xstring netServer::GetVersion(netAddress* address)
 {
-    const std::unique_ptr<btkStreamSocket> socket = Reach(address, netAnswerEnd());
+    const std::unique_ptr<btkStreamSocket> socket = Reach(address, btkTimeval::Forever());
     if (socket == nullptr)
         netXException::Throw(netConnectionRefused, "Connection refused");
     if (netAsk(*socket, netRequestCode::version) != netAdmitted)
@@ -146,7 +183,7 @@ xstring netServer::GetVersion(netAddress* address)
 
 void netServer::Shutdown(netAddress* address)
 {
-    const std::unique_ptr<btkStreamSocket> socket = Reach(address, netAnswerEnd());
+    const std::unique_ptr<btkStreamSocket> socket = Reach(address, btkTimeval::Forever());
     if (socket != nullptr && netAsk(*socket, netRequestCode::shutdown) != netAdmitted)
         Refuse();
 }

@@ -15,23 +15,29 @@ class QEL_API netServer : public netBaseServer
     QEL_OBJECT(netServer); // "netlib::Server"
 
 public:
-    /// As netBaseServer::Create. Warns on the standard error output when the registry cannot restrict the
-    /// connections to a server of that name.
+    /// As netBaseServer::Create. Warns on the standard error output when a server with a name listens beyond
+    /// the loopback and has no rights, so that every machine may connect, and when the registry cannot
+    /// restrict the connections to a server of that name at all.
     static netServer* Create(const char* name, int port);
+    static netServer* Create(const char* name, int port, const char* interface);
+    ~netServer() override;
 
     xstring getVersion() { return version; }
     /// Seconds after which a client that has sent nothing is closed; 5 at first, more than 0.
-    void setSilenceLimit(double seconds);
-    double getSilenceLimit() { return GetSilenceLimit().ToSeconds(); }
+    void setSilentPatience(double seconds);
+    double getSilentPatience() { return GetSilentPatience().ToSeconds(); }
+    /// How many clients may be silent at once, at least 1; 256 at first. For one more another is closed: the
+    /// oldest of the address that holds most of the places, but none younger than 0.1 seconds while another
+    /// address has an older one.
+    void setSilentPlaces(int most) { SetSilentPlaces(most); }
+    int getSilentPlaces() { return GetSilentPlaces(); }
 
     // ---- for clients: each asks the server at `address`, whose port is asked of the name server of its host
-    // when it is not known, and throws what ResolvePort throws. Ends after the time that setAnswerLimit says.
-    // Safe to call from any thread, an address from one at a time.
+    // when it is not known, and throws what ResolvePort throws. Waits for an answer as long as
+    // setAnswerLimit says. Safe to call from any thread, an address from one at a time.
 
-    /// Opens a connection for requests. `timeout`, in seconds, is for all of it instead of the answer limit:
-    /// asking for the port, connecting and the verdict; with INFINITE connecting takes as long as the
-    /// operating system lets it, and what comes before and after it each the answer limit at most. Null when
-    /// nobody answers. The caller owns the stream.
+    /// Opens a connection for requests; `timeout` limits the connecting, in seconds, INFINITE waits as long
+    /// as the host does. Null when nobody answers. The caller owns the stream.
     /// @throws netXException  the server refuses this machine
     static netSocketStream* Connect(netAddress* address, double timeout);
     /// Whether it accepts connections and does not answer them wrongly. A listener that answers nothing
@@ -44,8 +50,8 @@ public:
     /// @throws netXException  the server refuses this machine or does not answer
     static void Shutdown(netAddress* address);
 
-    /// How many seconds each of those calls, and each request to a name server, takes at most: 10 at first,
-    /// INFINITE without limit. Holds for the whole process.
+    /// How many seconds those calls wait at most for a byte of the answer: 10 at first, INFINITE without
+    /// limit. Holds for the whole process.
     static void setAnswerLimit(double seconds);
 
 protected:
@@ -53,6 +59,9 @@ protected:
 
     /// Reads what the client wants, and answers it.
     netServerLoopAction PreprocessRequest(btkStreamSocket* socket) override;
+    /// Whether the peer of `socket` may do more than ping. Called for each such request, in the loop's
+    /// thread. At first: one on the same machine, and one that the registry allows.
+    virtual bool MayCome(btkStreamSocket* socket);
 
 private:
     friend class netBaseServer;

@@ -15,6 +15,7 @@ constinit qelClass netSocketStream::rtti = {
 namespace {
 
 constexpr ioEventType outOfBandPending = static_cast<ioEventType>(2);
+constexpr std::size_t usualTextLimit = 64 << 20;
 constexpr std::size_t valueSize = sizeof(int); // in XDR form, which is that of the network
 
 } // namespace
@@ -22,6 +23,7 @@ constexpr std::size_t valueSize = sizeof(int); // in XDR form, which is that of 
 netSocketStream::netSocketStream(xsocketbuf* buf, btkStreamSocket* socket)
     : ioStream(ioSerializer::getXDR(), buf, true, true), socketBuf(buf), connection(socket)
 {
+    SetTextLimit(usualTextLimit);
 }
 
 netSocketStream::~netSocketStream()
@@ -52,6 +54,24 @@ btkHandle netSocketStream::GetInheritHandle()
     return GetSettledHandle();
 }
 
+xstring netSocketStream::getPeerAddress()
+{
+    CheckOpen();
+    return connection->GetPeerAddrStr().c_str();
+}
+
+void netSocketStream::setUrgentBudget(unsigned int bytes)
+{
+    CheckOpen();
+    connection->SetUrgentBudget(bytes);
+}
+
+void netSocketStream::SetStopSign(std::shared_ptr<const btkStopSign> sign)
+{
+    CheckOpen();
+    connection->SetStopSign(std::move(sign));
+}
+
 unsigned char netSocketStream::WriteOutOfBand(int value)
 {
     CheckOpen();
@@ -60,22 +80,11 @@ unsigned char netSocketStream::WriteOutOfBand(int value)
     return socketBuf->SendUrgent(encoded);
 }
 
-void netSocketStream::setUrgentSpacing(double seconds)
-{
-    CheckOpen();
-    connection->SetUrgentSpacing(btkTimeval(seconds));
-}
-
 int netSocketStream::ReadOutOfBand()
 {
     CheckOpen();
     char encoded[valueSize];
     return socketBuf->ReceiveUrgent(encoded) == valueSize ? btkGetNetwork<int>(encoded) : xnullint;
-}
-
-void netSocketStream::ThrowTimeout()
-{
-    ThrowState(stateTimeout);
 }
 
 ioEvent* netSocketStream::OutOfBandEvent()

@@ -13,7 +13,8 @@ bool netBaseThread::Start()
 {
     if (started || !OnPreStart())
         return false;
-    void* const launched = StrictThread_Launch(&Starter, this, &Forker);
+    void* const launched = hasExitEvent ? StrictThread_Launch(&Starter, this, &Forker)
+                                        : StrictThread_LaunchWithoutEvent(&Starter, this);
     if (launched == StrictThread_Refused)
         return false;
     handle = launched;
@@ -94,6 +95,12 @@ ioStream* netThread::ControlStream()
 ioStream* netThread::SignalStream()
 {
     return controlPipe != nullptr ? controlPipe->getReadEnd() : nullptr;
+}
+
+btkHandle netThread::GetSignalHandle()
+{
+    ioStream* const end = SignalStream();
+    return end != nullptr ? end->GetInheritHandle() : -1;
 }
 
 int netThread::GetExitCode()

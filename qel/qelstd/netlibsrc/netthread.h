@@ -17,6 +17,10 @@ class QEL_API netBaseThread
 {
 public:
     netBaseThread() = default;
+    enum ExitEvents { WithoutExitEvent };
+    /// A thread that nobody waits for but by its exit code, which saves a descriptor: GetExitEvent is not
+    /// called.
+    explicit netBaseThread(ExitEvents) : hasExitEvent(false) {}
     netBaseThread(const netBaseThread&) = delete;
     netBaseThread& operator=(const netBaseThread&) = delete;
     virtual ~netBaseThread();
@@ -60,12 +64,14 @@ private:
     bool started = false;   // between a successful Start and Close
     bool collected = false; // the exit code is known and the handle freed
     int exitCode = 0;
+    bool hasExitEvent = true;
 };
 
 /// A worker thread with a control pipe, through which its owner signals to it.
 class QEL_API netThread : public netBaseThread
 {
 public:
+    using netBaseThread::netBaseThread;
     ~netThread() override;
 
     /// The writing end of the control pipe, for the owner; null while there is no pipe. Stays the thread's.
@@ -77,6 +83,8 @@ protected:
     /// The reading end, for the body: its input event is signaled when the owner has written something. Null
     /// while there is no pipe. Stays the thread's.
     ioStream* SignalStream();
+    /// The handle of that end, -1 while there is no pipe.
+    btkHandle GetSignalHandle();
 
     bool OnPreStart() override;
     void OnPostStart() override;

@@ -1,14 +1,12 @@
 #pragma once
 
-#include <iosfwd>
-
 #include <qel/qelexception.h>
 
 class nmsRecord;
 
 // The failures of a name-service proxy, thrown as `xthrowable*`. The description is the line that reports the
 // status. All are counted. A record in one is the caller's own, not counted: it is valid as long as the
-// caller keeps it; Print needs it no more. Each is thrown by its Throw.
+// caller keeps it.
 
 /// The base of them.
 class QEL_API nmsXException : public virtual qelXExternFunc
@@ -17,10 +15,6 @@ class QEL_API nmsXException : public virtual qelXExternFunc
 
 public:
     nmsXException(const char* description, qelXFunc* func);
-    [[noreturn]] static void Throw(const char* description, qelXFunc* func);
-
-    /// Writes the description, the function and what the subclass adds, a line each.
-    virtual void Print(std::ostream& os);
 };
 
 /// "Can't connect locally"
@@ -30,7 +24,6 @@ class QEL_API nmsXCantConnectLocal : public virtual nmsXException
 
 public:
     nmsXCantConnectLocal(const char* description, qelXFunc* func);
-    [[noreturn]] static void Throw(const char* description, qelXFunc* func);
 };
 
 /// "ERROR  : can't connect by name"
@@ -40,9 +33,7 @@ class QEL_API nmsXCantConnectByName : public virtual nmsXException
 
 public:
     nmsXCantConnectByName(const char* description, qelXFunc* func, const char* serverName);
-    [[noreturn]] static void Throw(const char* description, qelXFunc* func, const char* serverName);
     xstring getServerName();
-    void Print(std::ostream& os) override;
 
 private:
     xstring ServerName;
@@ -54,13 +45,10 @@ class QEL_API nmsXCantRegisterRecord : public virtual nmsXException
 
 public:
     nmsXCantRegisterRecord(const char* description, qelXFunc* func, nmsRecord* record);
-    [[noreturn]] static void Throw(const char* description, qelXFunc* func, nmsRecord* record);
     nmsRecord* getRecord();
-    void Print(std::ostream& os) override;
 
 private:
     nmsRecord* Record;
-    xstring text; // of its fields
 };
 
 class QEL_API nmsXCantDelete : public virtual nmsXException
@@ -69,13 +57,10 @@ class QEL_API nmsXCantDelete : public virtual nmsXException
 
 public:
     nmsXCantDelete(const char* description, qelXFunc* func, nmsRecord* pattern);
-    [[noreturn]] static void Throw(const char* description, qelXFunc* func, nmsRecord* pattern);
     nmsRecord* getTemplate();
-    void Print(std::ostream& os) override;
 
 private:
     nmsRecord* Template;
-    xstring text; // of its fields
 };
 
 class QEL_API nmsXCantQuery : public virtual nmsXException
@@ -84,13 +69,10 @@ class QEL_API nmsXCantQuery : public virtual nmsXException
 
 public:
     nmsXCantQuery(const char* description, qelXFunc* func, nmsRecord* pattern);
-    [[noreturn]] static void Throw(const char* description, qelXFunc* func, nmsRecord* pattern);
     nmsRecord* getTemplate();
-    void Print(std::ostream& os) override;
 
 private:
     nmsRecord* Template;
-    xstring text; // of its fields
 };
 
 class QEL_API nmsXCantShutdown : public virtual nmsXException
@@ -99,7 +81,6 @@ class QEL_API nmsXCantShutdown : public virtual nmsXException
 
 public:
     nmsXCantShutdown(const char* description, qelXFunc* func);
-    [[noreturn]] static void Throw(const char* description, qelXFunc* func);
 };
 
 class QEL_API nmsXCantGetVersion : public virtual nmsXException
@@ -108,5 +89,4 @@ class QEL_API nmsXCantGetVersion : public virtual nmsXException
 
 public:
     nmsXCantGetVersion(const char* description, qelXFunc* func);
-    [[noreturn]] static void Throw(const char* description, qelXFunc* func);
 };

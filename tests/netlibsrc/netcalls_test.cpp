@@ -1,0 +1,170 @@
+// How many system calls a server makes for its clients, as strace counts them.
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/environment.h"
+#include "support/tempdir.h"
+#include "support/testserver.h"
+#include <qel/base/btksocket.h>
+#include <qel/netserver.h>
+#include <qel/xiolib.h>
+
+namespace {
+
+constexpr int rounds = 1000;
+
+netServerLoopAction spawn(netSocketStream*)
+{
+    return netSpawnAsyncServer;
+}
+
+// Adds one to integers until the client goes, and waits for them beside the end of the server.
+netServerLoopAction increment(netSocketStream* handed, evtEvent* stop)
+{
+    const Owned<netSocketStream> stream(handed);
+    const Owned<ioEvent> input(stream->InputEvent());
+    for (int left = rounds; left > 0; --left) {
+        btkEvent::Wait({input.get(), stop}, btkTimeval::Forever());
+        if (stop->WasSignaled())
+            break;
+        stream->WriteInt(stream->ReadInt() + 1);
+    }
+    return netServerContinue;
+}
+
+} // namespace
+
+/// The program that the test below runs under strace: it writes its port, and serves until it is asked to
+/// stop.
+TEST(CallsProgram, Serves)
+{
+    const char* const path = std::getenv("QEL_TEST_PORT");
+    if (path == nullptr)
+        GTEST_SKIP() << "run by another test";
+    const Owned<netServer> server(netServer::Create(nullptr, 0));
+    RequestHandler spawning(&spawn);
+    AsyncHandler incrementing(&increment);
+    server->setOnRequest(&spawning);
+    server->setOnAsyncRequest(&incrementing);
+    server->setTimeSlice(10);
+    std::ofstream(std::string(path) + ".new") << server->getPortN() << std::endl;
+    std::filesystem::rename(std::string(path) + ".new", path);
+    server->Run();
+}
+
+namespace {
+
+/// That program under strace.
+class CountedServer
+{
+public:
+    CountedServer() : setting("QEL_TEST_PORT", dir.path("port").c_str())
+    {
+        const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+        run = std::thread([this, self] {
+            status = std::system(("strace -f -c -o " + dir.path("calls") + " " + self +
+                                  " --gtest_filter=CallsProgram.Serves >/dev/null 2>&1")
+                                     .c_str());
+        });
+        for (int left = 1000; port == 0 && left > 0; --left) {
+            std::ifstream(dir.path("port")) >> port;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    ~CountedServer() { end(); }
+
+    xrchandle<netAddress> address() const { return netAddress::Create(port, nullptr); }
+    /// Ends it. How often the call was made.
+    long callsOf(const std::string& name)
+    {
+        end();
+        std::ifstream table(dir.path("calls"));
+        for (std::string line; std::getline(table, line);) {
+            std::istringstream fields(line);
+            std::string percent, seconds, each, word;
+            long calls = 0;
+            fields >> percent >> seconds >> each >> calls;
+            while (fields >> word)
+                if (word == name)
+                    return calls;
+        }
+        return 0;
+    }
+
+    int port = 0;
+    int status = -1;
+
+private:
+    void end()
+    {
+        if (!run.joinable())
+            return;
+        if (port != 0)
+            netServer::Shutdown(address().get());
+        run.join();
+    }
+
+    TempDir dir;
+    const EnvSetting setting;
+    std::thread run;
+};
+
+bool hasStrace()
+{
+    return std::system("strace -qq -c -f -o /dev/null true >/dev/null 2>&1") == 0;
+}
+
+// All but those that a start takes.
+void expectCalls(CountedServer& server, std::initializer_list<const char*> names, double each)
+{
+    long all = 0;
+    for (const char* const name : names)
+        all += server.callsOf(name);
+    EXPECT_EQ(server.status, 0);
+    EXPECT_LE(static_cast<double>(all) / rounds, each + 0.2);
+    EXPECT_GT(static_cast<double>(all) / rounds, each - 0.8);
+}
+
+} // namespace
+
+TEST(netServerCalls, AreThreeForARequestOnAnOpenConnection)
+{
+    if (!hasStrace())
+        GTEST_SKIP() << "needs strace";
+    CountedServer server;
+    ASSERT_NE(server.port, 0);
+    {
+        const Owned<netSocketStream> client(netServer::Connect(server.address().get(), 10.0));
+        ASSERT_NE(client, nullptr);
+        for (int i = 0; i < rounds; ++i) {
+            client->WriteInt(i);
+            ASSERT_EQ(client->ReadInt(), i + 1);
+        }
+    }
+    expectCalls(server,
+                {"ppoll", "poll", "recvmsg", "recvfrom", "sendto", "sendmsg", "ioctl", "read", "write"}, 3);
+}
+
+TEST(netServerCalls, AreFiveForAPingBesideTheLoopsWait)
+{
+    if (!hasStrace())
+        GTEST_SKIP() << "needs strace";
+    CountedServer server;
+    ASSERT_NE(server.port, 0);
+    const xrchandle<netAddress> address = server.address();
+    for (int i = 0; i < rounds; ++i)
+        ASSERT_TRUE(netServer::IsAlive(address.get()));
+    // A wait finds the connection, and another one its first byte.
+    expectCalls(server,
+                {"accept4", "poll", "recvmsg", "recvfrom", "sendto", "ioctl", "fcntl", "setsockopt",
+                 "getsockname", "getpeername", "shutdown", "close"},
+                4);
+}
