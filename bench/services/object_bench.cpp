@@ -73,6 +73,25 @@ void birthShared(benchmark::State& state)
 BENCHMARK(birthQelstd)->Name("objects/make and drop, one thread/qelstd");
 BENCHMARK(birthShared)->Name("objects/make and drop, one thread/std::make_shared");
 
+void byNameQelstd(benchmark::State& state)
+{
+    qelRegister<Thing>();
+    makeAndDrop(state, [] { return xrchandle<xobject>(qelRttiCreate("bench::Thing")); });
+}
+void byNameQt(benchmark::State& state)
+{
+    qRegisterMetaType<Plain>("Plain");
+    for (auto _ : state) {
+        const int type = QMetaType::type("Plain");
+        void* const made = QMetaType::create(type);
+        benchmark::DoNotOptimize(made);
+        QMetaType::destroy(type, made);
+    }
+}
+BENCHMARK(byNameQelstd)->Name("objects/make by the name of the type and drop/qelstd");
+BENCHMARK(birthQelstd)->Name("objects/make by the name of the type and drop/by the class");
+BENCHMARK(byNameQt)->Name("objects/make by the name of the type and drop/QMetaType");
+
 // ---- variants
 
 using StdVariant =

@@ -182,8 +182,10 @@ TEST(xany, ValidatesByTypeAndNull)
 
 TEST(xany, EndsTheProcessWhenItCannotBe)
 {
-    EXPECT_DEATH((void)static_cast<int>(xany("1")), "Can not convert xany to xint\\.");
-    EXPECT_DEATH((void)static_cast<xstring>(xany(1)), "Can not convert xany to xrstring\\.");
+    EXPECT_EQ(static_cast<double>(xany(3)), 3.0); // the one conversion between kinds
+    EXPECT_DEATH((void)static_cast<double>(xany("3")), "Can not convert xany to xreal\\. It is a string\\.");
+    EXPECT_DEATH((void)static_cast<int>(xany("1")), "Can not convert xany to xint\\. It is a string\\.");
+    EXPECT_DEATH((void)static_cast<xstring>(xany(1)), "Can not convert xany to xrstring\\. It is an int\\.");
     EXPECT_DEATH((void)static_cast<xobject*>(xany(1)), "Can not convert xany to xobject\\.");
     const __xany_c corrupt = {.tag = 8, .u = {.intValue = 0}};
     EXPECT_DEATH(xcadapt_c2cxx(corrupt), "Can not be here\\.");

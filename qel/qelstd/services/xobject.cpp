@@ -1,42 +1,83 @@
 #include "xobject.h"
 
+#include <atomic>
 #include <vector>
 
 #include <qel/base/btkabort.h>
-#include <qel/base/thrmutex.h>
 
 #include "qelexception.h"
 #include "qelrtti.h"
 
 namespace {
 
-thrMutex& deathMutex()
+/// The lock under which deaths run one at a time. Most deaths are shorter than a sleep and a wake-up, so a
+/// thread that waits looks some times before it sleeps. Never destroyed: objects may die after every static.
+class DeathMutex
 {
-    static thrMutex* const mutex = new thrMutex; // never destroyed: objects may die after every static
-    return *mutex;
-}
+public:
+    void lock()
+    {
+        for (int look = 0; look < 200; ++look)
+            if (tryLock())
+                return;
+        while (state.exchange(heldAndWaitedFor, std::memory_order_acquire) != open)
+            state.wait(heldAndWaitedFor, std::memory_order_relaxed);
+    }
+    void unlock()
+    {
+        if (state.exchange(open, std::memory_order_release) == heldAndWaitedFor)
+            state.notify_one();
+    }
 
-[[maybe_unused]] const thrMutex& madeAtLoad = deathMutex();
+private:
+    bool tryLock()
+    {
+        int expected = open;
+        return state.load(std::memory_order_relaxed) == open &&
+               state.compare_exchange_strong(expected, held, std::memory_order_acquire);
+    }
 
-/// Holds the process-wide lock of deaths for the life of a block, if the process has threads when it begins.
+    enum : int { open, held, heldAndWaitedFor };
+
+    std::atomic<int> state = open;
+};
+
+constinit DeathMutex deathMutex;
+
+struct Deaths;
+
+/// What a thread knows of the deaths that it runs.
+struct Dying
+{
+    Deaths* running;
+    bool hasLock;
+};
+[[gnu::tls_model("initial-exec")]] constinit thread_local Dying dying = {};
+
+/// Holds the lock of deaths for the life of a block, unless the thread holds it already or the process has
+/// one thread when the block begins.
 class DeathLock
 {
 public:
-    DeathLock() : mutex(thrIsThreaded() ? &deathMutex() : nullptr)
+    DeathLock() : mine(thrIsThreaded() && !dying.hasLock)
     {
-        if (mutex != nullptr)
-            mutex->Lock();
+        if (mine) {
+            deathMutex.lock();
+            dying.hasLock = true;
+        }
     }
     ~DeathLock()
     {
-        if (mutex != nullptr)
-            mutex->Unlock();
+        if (mine) {
+            dying.hasLock = false;
+            deathMutex.unlock();
+        }
     }
     DeathLock(const DeathLock&) = delete;
     DeathLock& operator=(const DeathLock&) = delete;
 
 private:
-    thrMutex* const mutex;
+    const bool mine;
 };
 
 /// The deaths that the running one has led to on this thread. A destructor that releases what it owned may
@@ -59,8 +100,6 @@ struct Deaths
         }
     }
 };
-
-constinit thread_local Deaths* running = nullptr;
 
 /// Sets a variable for the life of a block.
 template<class T>
@@ -112,6 +151,10 @@ void xobject::xattach()
         if (count < -1)
             QEL_ABORT("xrcattach: Invalid value of refcount.");
         const std::int32_t next = count > 0 ? count + 1 : isRefCountable() ? 1 : -1;
+        if (!thrIsThreaded()) {
+            refcount = next;
+            return;
+        }
         if (__atomic_compare_exchange_n(&refcount, &count, next, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED))
             return;
     }
@@ -140,6 +183,7 @@ void xobject::xrelease()
 
 void xobject::die()
 {
+    Deaths* const running = dying.running;
     if (running != nullptr) {
         if (running->depth >= Deaths::deepest && running->postpone(this))
             return;
@@ -148,7 +192,7 @@ void xobject::die()
         return;
     }
     Deaths deaths;
-    const Setting outermost(running, &deaths);
+    const Setting outermost(dying.running, &deaths);
     dieNow();
     while (!deaths.waiting.empty()) {
         xobject* const next = deaths.waiting.back();
