@@ -50,7 +50,7 @@ class Person : public virtual xobject, public Counted<Person>
 
 public:
     Person() = default;
-    Person(const char* name, int age) : Name(name), Age(age) {}
+    Person(const char* name, int age) : Name(name), Age(age), Favourite(red) {}
 };
 
 /// Two values of any kind: what makes trees and rings.

@@ -204,7 +204,7 @@ void dataOfAType()
 void elementOfAnArray()
 {
     constexpr int rank = 12;
-    static int extents[rank] = {2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2};
+    static int extents[rank] = {12, 12, 12, 12, 12, 12, 12, 12, 12, 12, 12, 12};
     static xrttiarray type;
     type.initialize("test::Cube", 1, rank, extents, qelGetRtti_int(), 0,
                     [](xobject*, int* indices) { return xany(indices[rank - 1]); });

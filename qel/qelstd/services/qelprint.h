@@ -74,7 +74,7 @@ private:
 /// An object that was never attached dies with `value`.
 QEL_API void qelPrint(xany value, std::ostream& stream, int spaces);
 
-/// Prints `obj` to standard error; for a debugger's command line.
+/// Prints `obj` to standard error; for a debugger's command line. Leaves its count as it was, 0 too.
 extern "C" QEL_API void qelDebugPrint(xobject* obj);
 
 /// Writes the keys of the dictionary `obj`, a line each, to the file `fileName`, which is replaced, or to
