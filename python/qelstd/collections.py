@@ -233,8 +233,7 @@ class Sequence(_Collection, collections.abc.MutableSequence):
 
 class Dictionary(_Collection, collections.abc.MutableMapping):
     """A mutable mapping of the library, from str to values of one type. Its order is that of the library's table, which
-    may change with each new key and each removal. The table is walked to count the entries, so `len` takes as long as a
-    walk over the keys."""
+    may change with each new key and each removal."""
     _kind = "dictionary"
 
     def __init__(self, entries=(), /, **more):
@@ -286,10 +285,7 @@ class Dictionary(_Collection, collections.abc.MutableMapping):
         return iter(list(self._walk()))
 
     def __len__(self):
-        return sum(1 for _ in self._walk())
-
-    def __bool__(self):
-        return next(self._walk(), None) is not None
+        return self._call("getcount")
 
     def popitem(self):
         for key in self._walk():

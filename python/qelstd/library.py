@@ -134,6 +134,7 @@ def collection(family, element_in, element_out, kind):
         },
         "dictionary": {
             "create": (_object,),
+            "getcount": (index, _object),
             "find": (ctypes.c_ubyte, _object, _text, place),
             "set": (None, _object, _text, element_in),
             "getkeybyindex": (ctypes.c_ubyte, _object, index, ctypes.POINTER(CString)),

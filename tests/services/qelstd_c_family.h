@@ -134,7 +134,7 @@ static void GLUE(FAMILY, DictionaryIsWalkedBySlots)(void)
             CHECK(IS_MISS(value));
         }
     }
-    CHECK(entries == 1);
+    CHECK(entries == 1 && DICT(_getcount)(d) == 1);
 
     const int empty = (occupied + 1) % 32;
     RESULT value = BLANK;
@@ -146,6 +146,7 @@ static void GLUE(FAMILY, DictionaryIsWalkedBySlots)(void)
     DICT(_removebyindex)(d, occupied);
     CHECK(!xisexc_c());
     CHECK(DICT(_getkeybyindex)(d, occupied, NULL) == 0);
+    CHECK(DICT(_getcount)(d) == 0);
 
     xrcrelease_c((xobject*)d);
 }

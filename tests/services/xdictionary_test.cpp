@@ -1,13 +1,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdlib>
 #include <map>
+#include <memory>
 #include <random>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include <malloc.h>
 
 #include <qel/qelexception.h>
 #include <qel/qelrtti.h>
@@ -21,14 +26,6 @@
 #include "support/thrown.h"
 
 namespace {
-
-template<class D>
-class Open : public D
-{
-public:
-    using D::count;
-    using D::D;
-};
 
 std::string numbered(const char* before, int number)
 {
@@ -91,12 +88,64 @@ void expectSame(xtbdictionary<int>& d, const DictModel& model, const std::vector
     }
 }
 
+/// Watches copies, and keeps the values as they are.
+class Watching : public xtsdictionary<int>
+{
+public:
+    using xtsdictionary<int>::xtsdictionary;
+    int copies = 0;
+
+private:
+    void OnCopyEntry(void* to, const void* from) override
+    {
+        ++copies;
+        *static_cast<int*>(to) = *static_cast<const int*>(from);
+    }
+};
+
+/// Watches its tables: with the hooks for both, or for their end alone.
+class Ends : public xtsdictionary<int>
+{
+public:
+    using xtsdictionary<int>::xtsdictionary;
+    std::vector<unsigned> ended;
+
+private:
+    void Destroy(void* block, unsigned nSlots) override
+    {
+        ended.push_back(nSlots);
+        for (unsigned slot = 0; slot < nSlots; ++slot) // there are so many
+            static_cast<entry*>(block)[slot].value = -1;
+        ::operator delete(block);
+    }
+};
+class Tables : public xtsdictionary<int>
+{
+public:
+    using xtsdictionary<int>::xtsdictionary;
+    std::vector<unsigned> made, ended;
+    ~Tables() override { clearall(); }
+
+private:
+    void* OnAllocate(unsigned nSlots) override
+    {
+        made.push_back(nSlots);
+        return std::calloc(nSlots, entrySize);
+    }
+    void Destroy(void* block, unsigned nSlots) override
+    {
+        ended.push_back(nSlots);
+        std::free(block);
+    }
+};
+
 /// Sets and removes at random, in turns of growing and of shrinking.
+template<class D = xintdictionary>
 void compareWithModel(const std::vector<std::string>& names, int steps)
 {
     std::mt19937 random(static_cast<unsigned>(names.size()));
     DictModel model(names);
-    Open<xintdictionary> d;
+    D d;
     const int turn = static_cast<int>(names.size()) * 2;
     for (int step = 0; step < steps; ++step) {
         const auto index = random() % names.size();
@@ -128,27 +177,12 @@ void compareWithModel(const std::vector<std::string>& names, int steps)
             growing == (random() % 4 != 0) ? model.set(key, step) : model.remove(key);
             model.find(key) >= 0 ? d.set(name, step) : d.remove(name);
         }
-        ASSERT_EQ(d.count, model.count) << step;
+        ASSERT_EQ(d.getcount(), static_cast<int>(model.count)) << step;
         if (step % (turn / 4) == 0)
             expectSame(d, model, names);
     }
     expectSame(d, model, names);
 }
-
-/// Watches copies, and keeps the values as they are.
-class Watching : public xtsdictionary<int>
-{
-public:
-    using xtsdictionary<int>::xtsdictionary;
-    int copies = 0;
-
-private:
-    void OnCopyEntry(void* to, const void* from) override
-    {
-        ++copies;
-        *static_cast<int*>(to) = *static_cast<const int*>(from);
-    }
-};
 
 } // namespace
 
@@ -198,13 +232,16 @@ TEST(xdictionary, FollowsThePublishedRuleSlotBySlot)
     compareWithModel(words(25), 100000);
     compareWithModel(numbers(3000), 300000);
     compareWithModel(twins(500), 50000);
+    compareWithModel<Watching>(words(300), 50000);
+    compareWithModel<Ends>(words(300), 50000);
+    compareWithModel<Tables>(words(300), 50000);
 }
 
 TEST(xdictionary, FollowsThePublishedRuleOnALongPath)
 {
     const auto names = twins(5000);
     DictModel model(names);
-    Open<xintdictionary> d;
+    xintdictionary d;
     const auto both = [&](int key, bool add) {
         add ? model.set(key, key) : model.remove(key);
         add ? d.set(names[static_cast<std::size_t>(key)].c_str(), key)
@@ -234,7 +271,14 @@ TEST(xdictionary, AssignsSlotsLateAsIfItHadAllAlong)
         const xdictcontrol loads[] = {{70, 90}, {0, 90}, {10, 50}, {90, 95}, {60, 20}, {0, 0}};
         const xdictcontrol& load = loads[life % 6];
         const auto names = life % 2 == 0 ? words(8 + static_cast<int>(random() % 400)) : twins(100);
-        Open<xtsdictionary<int>> d(&load);
+        std::shared_ptr<xtbdictionary<int>> made;
+        if (life % 4 == 0)
+            made = std::make_shared<Watching>(&load);
+        else if (life % 4 == 1)
+            made = std::make_shared<Ends>(&load);
+        else
+            made = std::make_shared<xtsdictionary<int>>(&load);
+        xtbdictionary<int>& d = *made;
         DictModel model(names, load);
         // Once with all slots unassigned, and then with some entries settled.
         for (int part = 0; part < 3; ++part) {
@@ -251,7 +295,7 @@ TEST(xdictionary, AssignsSlotsLateAsIfItHadAllAlong)
                     model.remove(key);
                 }
                 ASSERT_EQ(d.getarraysize(), static_cast<int>(model.slots.size()));
-                ASSERT_EQ(d.count, model.count);
+                ASSERT_EQ(d.getcount(), static_cast<int>(model.count));
             }
             for (std::size_t key = 0; key < names.size(); ++key)
                 ASSERT_EQ(d.find(names[key].c_str(), nullptr), model.find(static_cast<int>(key)) >= 0);
@@ -262,18 +306,18 @@ TEST(xdictionary, AssignsSlotsLateAsIfItHadAllAlong)
 
 TEST(xdictionary, GrowsAndHalvesAtItsLoads)
 {
-    Open<xintdictionary> d;
+    xintdictionary d;
     const auto names = words(60);
     for (std::size_t i = 0; i < 30; ++i)
         d.set(names[i].c_str(), 1);
     d.set(names[29].c_str(), 2); // an existing key needs no room
     EXPECT_EQ(d.getarraysize(), 32);
-    EXPECT_EQ(d.count, 30u);
+    EXPECT_EQ(d.getcount(), 30);
     d.set(names[30].c_str(), 1);
     EXPECT_EQ(d.getarraysize(), 64);
     for (std::size_t i = 0; i < 8; ++i)
         d.remove(names[i].c_str());
-    EXPECT_EQ(d.count, 23u);
+    EXPECT_EQ(d.getcount(), 23);
     EXPECT_EQ(d.getarraysize(), 64);
     d.remove(names[8].c_str());
     EXPECT_EQ(d.getarraysize(), 32);
@@ -515,6 +559,9 @@ TEST(xdictionary, CanBeUsedWhileAValueDies)
     d.set("x", xany(new Meddler(&d)));
     d.set("x", 1);
     EXPECT_TRUE(holdsAll(d));
+
+    xanydictionary ends;
+    ends.set("x", xany(new Meddler(&ends)));
 }
 
 TEST(xdictionary, ShowsAllCopiesToASubclassThatWatchesThem)
@@ -528,23 +575,6 @@ TEST(xdictionary, ShowsAllCopiesToASubclassThatWatchesThem)
     EXPECT_EQ(d.copies, 61);
 
     // One that watches its tables sees each when its time has come.
-    class Tables : public xtsdictionary<int>
-    {
-    public:
-        std::vector<unsigned> made, ended;
-
-    private:
-        void* OnAllocate(unsigned nSlots) override
-        {
-            made.push_back(nSlots);
-            return std::calloc(nSlots, entrySize);
-        }
-        void Destroy(void* block, unsigned nSlots) override
-        {
-            ended.push_back(nSlots);
-            std::free(block);
-        }
-    };
     Tables t;
     for (const std::string& name : names)
         t.set(name.c_str(), 1);
@@ -552,7 +582,86 @@ TEST(xdictionary, ShowsAllCopiesToASubclassThatWatchesThem)
         t.remove(names[static_cast<std::size_t>(i)].c_str());
     EXPECT_EQ(t.made, (std::vector<unsigned>{32, 64, 32}));
     EXPECT_EQ(t.ended, (std::vector<unsigned>{32, 64}));
-    t.clearall();
+
+    Ends e;
+    for (const std::string& name : names)
+        e.set(name.c_str(), 1);
+    e.clearall();
+    e.set("one", 1);
+    e.clearall();
+    EXPECT_EQ(e.ended, (std::vector<unsigned>{32, 64, 32}));
+}
+
+TEST(xdictionary, KeepsValuesThatCannotBeMovedByBits)
+{
+    xtcdictionary<std::string> d;
+    const auto names = words(300);
+    for (const std::string& name : names)
+        d.set(name.c_str(), name);
+    for (std::size_t i = 0; i < names.size(); i += 2)
+        d.remove(names[i].c_str());
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        std::string value;
+        ASSERT_EQ(d.find(names[i].c_str(), &value), i % 2);
+        ASSERT_EQ(value, i % 2 == 0 ? "" : names[i]);
+    }
+}
+
+TEST(xdictionary, CanBeReadByManyThreadsAtATime)
+{
+    // All slots are assigned by whoever asks first.
+    const auto names = words(500);
+    xintdictionary d;
+    for (int round = 0; round < 30; ++round) {
+        for (std::size_t i = 0; i < names.size(); ++i)
+            static_cast<int>(i) % 30 == round ? d.remove(names[i].c_str())
+                                              : d.set(names[i].c_str(), static_cast<int>(i));
+        std::atomic<int> ready = 0, faults = 0;
+        std::vector<std::thread> readers;
+        for (int reader = 0; reader < 3; ++reader)
+            readers.emplace_back([&, reader] {
+                ++ready;
+                while (ready != 3)
+                    std::this_thread::yield();
+                int walked = 0, value = 0;
+                const auto findAll = [&] {
+                    for (std::size_t i = 0; i < names.size(); ++i)
+                        faults += d.find(names[i].c_str(), &value) == (static_cast<int>(i) % 30 == round);
+                };
+                if (reader == 0)
+                    findAll();
+                for (int slot = 0; slot < d.getarraysize(); ++slot) {
+                    xstring key;
+                    walked += d.getkeybyindex(slot, &key);
+                    faults += d.getbyindex(slot, &value) &&
+                              names[static_cast<std::size_t>(value)] != key.CastToCString();
+                }
+                faults += walked != d.getcount();
+            });
+        for (std::thread& reader : readers)
+            reader.join();
+        ASSERT_EQ(faults, 0) << round;
+    }
+}
+
+TEST(xdictionary, TakesLittleWhenItHoldsLittle)
+{
+    if (!freedMemoryIsGone)
+        GTEST_SKIP() << "a sanitizer has a heap of its own";
+    const auto heapOf = [](auto make, int entries) {
+        const auto inUse = [] { return mallinfo2().uordblks; };
+        const std::size_t before = inUse();
+        const auto d = make();
+        for (int i = 0; i < entries; ++i)
+            d->set(numbered("key", i).c_str(), i);
+        return inUse() - before;
+    };
+    const auto ints = [] { return xrchandle<xintdictionary>(xintdictionary::create()); };
+    const auto variants = [] { return xrchandle<xanydictionary>(xanydictionary::create()); };
+    heapOf(ints, 1);
+    EXPECT_LE(heapOf(ints, 1), 400u);
+    EXPECT_LE(heapOf(ints, 5), 600u);
+    EXPECT_LE(heapOf(variants, 5), 900u);
 }
 
 TEST(xdictionary, IsKnownToTheTypeSystem)

@@ -208,7 +208,7 @@ class Dictionary(Collection):
         for slot in range(self.first):
             place = self.block + slot * slot_size
             key = place.cast(pointer.pointer()).dereference()
-            if address(key) > 1:
+            if address(key) != 0 and address(key) % 2 == 0:
                 yield f"key {slot}", key.lazy_string("utf-8")
                 yield f"value {slot}", element((place + pointer.sizeof).cast(self.element.pointer()).dereference())
 

@@ -1,67 +1,45 @@
 #include "qelbdict.h"
 
 #include <algorithm>
+#include <atomic>
+#include <bit>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
-#include <optional>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include <qel/base/btkabort.h>
 #include <qel/base/btkmemory.h>
 
 #include "xcollection.h"
-#include "xdicthistory_p.h"
 #include "xdictindex_p.h"
 #include "xdictkeys_p.h"
-#include "xdictplaces_p.h"
-
-/// Which slots of a table are taken, and by keys of which homes.
-struct xdictlayout
-{
-    explicit xdictlayout(unsigned size) : places(size), homes(new xdicthome[size]) {}
-    xdictlayout(xdictplaces taken, std::unique_ptr<xdicthome[]> byThem)
-        : places(std::move(taken)), homes(std::move(byThem))
-    {
-    }
-
-    xdictplaces places;
-    std::unique_ptr<xdicthome[]> homes; ///< of the keys in the slots that are taken
-};
-
-/// What a table knows besides its slots. Either its entries are settled, each in its slot, or they lie in the
-/// order in which they were added.
-struct xdictside
-{
-    explicit xdictside(unsigned size) : history(size) {}
-
-    bool isSettled() const { return layout.has_value(); }
-
-    xdictindex index;
-    xdictkeys keys;
-    std::optional<xdictlayout> layout; ///< of settled entries
-    xdicthistory history;              ///< of the others
-};
+#include "xdictslots_p.h"
 
 namespace {
 
-constexpr unsigned maxSize = 1u << 30; // so that an int counts the slots
+constexpr unsigned firstRoom = 2;
+constexpr unsigned mostUnindexed = 8; // entries that are found by looking at each
 
 constexpr char overflow[] = "Hash table overflow.";
 constexpr char tooLarge[] = "a dictionary has at most 2^30 slots";
-
-char* const removedKey = reinterpret_cast<char*>(1);
 
 char*& keyOf(char* entry)
 {
     return *reinterpret_cast<char**>(entry);
 }
 
-bool isLive(const char* key)
+// The key pointer of a removed entry is odd: 1, or the home of its key, which the log still needs.
+char* const removedKey = reinterpret_cast<char*>(1);
+
+xdicthome homeOf(char* entry, bool isLive)
 {
-    return reinterpret_cast<std::uintptr_t>(key) > reinterpret_cast<std::uintptr_t>(removedKey);
+    return isLive ? xdicthome(keyOf(entry), std::strlen(keyOf(entry)))
+                  : xdicthome::unpack(reinterpret_cast<std::uintptr_t>(keyOf(entry)));
 }
 
 /// Entries are whole words, since they begin with a pointer.
@@ -71,7 +49,54 @@ void moveEntry(char* to, const char* from, unsigned entrySize)
         std::memcpy(to + i, from + i, sizeof(void*));
 }
 
+/// Differs from run to run, as addresses and the time do.
+std::uint64_t runSeed()
+{
+    static const std::uint64_t seed =
+        static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()) ^
+        reinterpret_cast<std::uintptr_t>(&seed) << 20;
+    return seed;
+}
+
 } // namespace
+
+/// What a table knows besides its entries.
+struct xdictside
+{
+    explicit xdictside(unsigned size)
+        : firstSize(size), seed((reinterpret_cast<std::uintptr_t>(this) ^ runSeed()) * 0xd6e8feb86659fd93)
+    {
+    }
+
+    enum SlotState { stale, busy, current };
+    static constexpr std::uint32_t addsBit = 1u << 31; // "so many had been added" in the place of "removed"
+
+    /// Makes room to log what may happen until a block of `room` entries is full, so that no removal needs
+    /// memory.
+    void reserveLog(unsigned room) { log.reserve(log.size() + std::size_t{room} * 2 - added + 1); }
+    void logRemoval(unsigned place)
+    {
+        if (loggedAdds != added)
+            log.push_back(addsBit | (loggedAdds = added));
+        log.push_back(place);
+        slotState.store(stale, std::memory_order_relaxed);
+    }
+
+    xdictindex index; ///< from a number of entries on
+    xdictkeys keys;
+    unsigned added = 0; ///< places that have been given to entries
+    unsigned gap = 0;   ///< a place from which on to look for that of a removed entry
+    unsigned firstSize; ///< slots of the table that the log begins with
+    const std::uint64_t seed;
+
+    // The slots of the entries, as far as they are assigned, and what has happened since.
+    std::atomic<int> slotState = stale;
+    unsigned assigned = 0; ///< places whose entries were added to `slots`
+    std::unique_ptr<xdictslots> slots;
+    std::vector<std::uint32_t> log; ///< the places of removed entries in their order
+    unsigned loggedAdds = 0;
+    std::size_t replayed = 0; ///< of `log`
+};
 
 xbasedictionary::xbasedictionary(const xdictcontrol* control)
     : minLoad(control != nullptr ? control->minLoad : xdictcontrol().minLoad),
@@ -84,17 +109,37 @@ xbasedictionary::~xbasedictionary()
     delete side;
 }
 
-unsigned xbasedictionary::FindIndex(const char* key) const
+unsigned xbasedictionary::NextSize() const
+{
+    return xdictNextSize({minLoad, maxLoad}, size, count);
+}
+
+/// The place of an entry, or nowhere. With an index, `at` gets its entry there, or the free one.
+[[gnu::always_inline]] inline unsigned xbasedictionary::Seek(const xdictkey& key, unsigned entrySize,
+                                                             xdictindexentry** at) const
+{
+    if (side->index.isBuilt()) [[likely]] {
+        xdictindexentry* const found = side->index.seek(key);
+        if (at != nullptr)
+            *at = found;
+        return found->key == nullptr ? nowhere : found->place;
+    }
+    for (unsigned place = 0; place < side->added; ++place)
+        if (const char* const text = keyOf(EntryOf(place, entrySize)); isLive(text) && key.equals(text))
+            return place;
+    return nowhere;
+}
+
+unsigned xbasedictionary::FindIndex(const char* key, unsigned entrySize) const
 {
     if (side == nullptr || !qelIsObject(key))
         return nowhere;
-    const xdictindexentry* const found = side->index.find(side->index.keyOf(key));
-    return found == nullptr ? nowhere : found->place;
+    return Seek(xdictkey(key, side->seed), entrySize);
 }
 
 unsigned char xbasedictionary::BaseFind(const char* key, void* out, unsigned entrySize, unsigned valueOffset)
 {
-    const unsigned place = FindIndex(key);
+    const unsigned place = FindIndex(key, entrySize);
     if (place == nowhere)
         return 0;
     if (out != nullptr)
@@ -106,153 +151,144 @@ void xbasedictionary::BaseSet(const char* key, const void* value, unsigned entry
 {
     if (!qelIsObject(key))
         qelhThrowInvalidDictKey(nullptr, nullptr);
-    if (side != nullptr) {
-        SetKey(key, value, entrySize, valueOffset);
+    const bool first = side == nullptr;
+    if (first) {
+        auto made = std::make_unique<xdictside>(xdictminsize);
+        made->reserveLog(firstRoom);
+        table = Allocate(xdictminsize, entrySize, firstRoom);
+        watched = !ownAllocate || !movesBits;
+        room = watched ? xdictminsize : firstRoom;
+        size = xdictminsize;
+        side = made.release();
+    }
+    const xdictkey sought(key, side->seed);
+    xdictindexentry* at = nullptr;
+    if (const unsigned place = Seek(sought, entrySize, &at); place != nowhere) {
+        OnCopyEntry(EntryOf(place, entrySize) + valueOffset, value);
         return;
     }
-    MakeTable(entrySize);
     try {
-        AddFirst(key, value, entrySize, valueOffset);
+        if (first && watched)
+            side->reserveLog(room);
+        Add(sought, at, value, {entrySize, valueOffset});
     } catch (...) {
-        BaseClearAll(entrySize, valueOffset);
+        if (first)
+            BaseClearAll(entrySize, valueOffset);
         throw;
     }
 }
 
-void xbasedictionary::SetKey(const char* key, const void* value, unsigned entrySize, unsigned valueOffset)
+/// The entry in a slot, or null.
+char* xbasedictionary::EntryIn(int slot, unsigned entrySize)
 {
-    const xdictkey sought = side->index.keyOf(key);
-    xdictindexentry* at = side->index.seek(sought);
-    if (at->key != nullptr) {
-        OnCopyEntry(EntryOf(at->place, entrySize) + valueOffset, value);
-        return;
-    }
-    // All memory is taken before anything changes.
-    if (side->index.reserve())
-        at = side->index.seek(sought);
-    char* const text = side->keys.add(sought);
-    try {
-        if (side->isSettled())
-            AddEntry(text, sought, at, value, entrySize, valueOffset);
-        else
-            AppendEntry(text, sought, at, value, entrySize, valueOffset);
-    } catch (...) {
-        side->keys.remove(text, sought.length);
-        throw;
-    }
+    if (slot < 0)
+        qelhThrowNegativeIndex(slot);
+    if (static_cast<unsigned>(slot) >= size)
+        return nullptr;
+    Settle(entrySize);
+    const unsigned place = side->slots->placeIn(static_cast<unsigned>(slot));
+    // Walks go by slot, and entries lie in another order.
+    if (const unsigned ahead = side->slots->placeIn((static_cast<unsigned>(slot) + 8) & (size - 1));
+        ahead != xdictslots::none)
+        __builtin_prefetch(EntryOf(ahead, entrySize));
+    return place == xdictslots::none ? nullptr : EntryOf(place, entrySize);
 }
 
 unsigned char xbasedictionary::BaseGetKeyByIndex(int slot, xstring* outKey, unsigned entrySize, unsigned)
 {
-    char* const entry = SettledEntryOf(slot, entrySize);
-    if (entry == nullptr || !isLive(keyOf(entry)))
-        return 0;
-    if (outKey != nullptr)
+    char* const entry = EntryIn(slot, entrySize);
+    if (entry != nullptr && outKey != nullptr)
         *outKey = keyOf(entry);
-    return 1;
+    return entry != nullptr;
 }
 
 unsigned char xbasedictionary::BaseGetByIndex(int slot, void* out, unsigned entrySize, unsigned valueOffset)
 {
-    char* const entry = SettledEntryOf(slot, entrySize);
-    if (entry == nullptr || !isLive(keyOf(entry)))
-        return 0;
-    if (out != nullptr)
+    char* const entry = EntryIn(slot, entrySize);
+    if (entry != nullptr && out != nullptr)
         OnCopyEntry(out, entry + valueOffset);
-    return 1;
+    return entry != nullptr;
 }
 
 unsigned char xbasedictionary::BaseSetByIndex(int slot, const void* value, unsigned entrySize,
                                               unsigned valueOffset)
 {
-    char* const entry = SettledEntryOf(slot, entrySize);
-    if (entry == nullptr)
-        return 0;
-    if (isLive(keyOf(entry)))
+    const bool isSlot = static_cast<unsigned>(slot) < size;
+    if (char* const entry = EntryIn(slot, entrySize); entry != nullptr)
         OnCopyEntry(entry + valueOffset, value);
-    return 1;
+    return isSlot;
 }
 
 unsigned char xbasedictionary::BaseRemoveByIndex(int slot, unsigned entrySize, unsigned valueOffset)
 {
-    char* const entry = SettledEntryOf(slot, entrySize);
-    if (entry == nullptr)
-        return 0;
-    if (isLive(keyOf(entry)))
+    const bool isSlot = static_cast<unsigned>(slot) < size;
+    if (char* const entry = EntryIn(slot, entrySize); entry != nullptr)
         BaseRemove(keyOf(entry), entrySize, valueOffset);
-    return 1;
+    return isSlot;
 }
 
 void xbasedictionary::BaseRemove(const char* key, unsigned entrySize, unsigned valueOffset)
 {
     if (side == nullptr || !qelIsObject(key))
         return;
-    const xdictkey sought = side->index.keyOf(key);
-    xdictindexentry* const found = side->index.find(sought);
-    if (found == nullptr)
+    const xdictkey sought(key, side->seed);
+    xdictindexentry* at = nullptr;
+    const unsigned place = Seek(sought, entrySize, &at);
+    if (place == nowhere)
         return;
-    const unsigned place = found->place;
     char* const entry = EntryOf(place, entrySize);
-    if (side->isSettled())
-        side->layout->places.giveBack(place);
-    else
-        side->history.remove(place, xdicthome(key, sought.length));
-    side->keys.remove(std::exchange(keyOf(entry), removedKey), sought.length);
-    side->index.erase(found);
+    char* const text = keyOf(entry);
+    keyOf(entry) = reinterpret_cast<char*>(xdicthome(text, sought.length).pack());
+    if (at != nullptr)
+        side->index.erase(at);
+    side->keys.remove(text, sought.length);
+    side->logRemoval(place);
+    side->gap = place;
     --count;
+    const unsigned oldSize = size;
+    if (const unsigned newSize = NextSize(); newSize <= xdictmaxsize)
+        size = newSize;
     OnRemoveEntry(entry + valueOffset);
 
     // What the value held may have changed the dictionary while it went.
-    if (size != 0) {
-        try {
-            if (side->isSettled())
-                AdjustTableSize(entrySize, valueOffset);
-            else
-                AdjustPending(entrySize, valueOffset);
-            if (side->keys.isSparse()) // only here, where every text is the key of an entry
-                CompactKeys(entrySize);
-        } catch (const std::bad_alloc&) {
-            // Both stay as large as they are: a removal does not fail.
+    if (side == nullptr)
+        return;
+    try {
+        if (size != oldSize || watched)
+            ShowSize(oldSize, size, {entrySize, valueOffset});
+        if (!watched && count == 0 && room > mostUnindexed) {
+            Restart(entrySize);
+            xdictindex().swap(side->index);
+        } else if (side->keys.isSparse()) {
+            CompactKeys(entrySize);
         }
+    } catch (const std::bad_alloc&) {
+        // All stays as large as it is: a removal does not fail.
     }
 }
 
-void xbasedictionary::BaseClearAll(unsigned entrySize, unsigned)
+void xbasedictionary::BaseClearAll(unsigned entrySize, unsigned valueOffset)
 {
     if (table == nullptr)
         return;
+    if (!watched && !ownDestroy) {
+        try {
+            Move(size, {entrySize, valueOffset}, true);
+        } catch (const std::bad_alloc&) {
+            // A subclass that watches sees fewer slots.
+        }
+    }
     BaseFreeAllKeys(entrySize);
-    delete side;
-    side = nullptr;
     size = 0;
     count = 0;
-    Replace(nullptr, 0); // last, for the same reason
+    const std::unique_ptr<xdictside> ended(std::exchange(side, nullptr));
+    Replace(nullptr, 0, entrySize); // last, since what the values hold may change the dictionary
 }
 
-/// Calls visit(place, entry) for each entry.
-template<class Visit>
-void xbasedictionary::ForEachEntry(unsigned entrySize, Visit visit) const
+void xbasedictionary::BaseFreeAllKeys(unsigned)
 {
-    if (side->isSettled()) {
-        side->layout->places.forEachTaken([&](unsigned slot) { visit(slot, EntryOf(slot, entrySize)); });
-        return;
-    }
-    for (unsigned place = 0; place < side->history.added(); ++place)
-        if (char* const entry = EntryOf(place, entrySize); isLive(keyOf(entry)))
-            visit(place, entry);
-}
-
-void xbasedictionary::BaseFreeAllKeys(unsigned entrySize)
-{
-    if (side == nullptr)
-        return;
-    if (side->keys.hasLong())
-        ForEachEntry(entrySize, [&](unsigned, char* entry) {
-            char* const key = keyOf(entry);
-            if (const std::size_t length = std::strlen(key); xdictkeys::isLong(length))
-                side->keys.remove(key, length);
-        });
-    xdictkeys().swap(side->keys);
+    if (side != nullptr)
+        xdictkeys().swap(side->keys);
 }
 
 void* xbasedictionary::AllocateBlock(std::size_t bytes)
@@ -262,245 +298,254 @@ void* xbasedictionary::AllocateBlock(std::size_t bytes)
     return block;
 }
 
-bool xbasedictionary::IsSlot(int slot) const
+/// A block of `nSlots` entries; if no subclass sees how many they are, of `onlyFor`.
+char* xbasedictionary::Allocate(unsigned nSlots, unsigned entrySize, unsigned onlyFor)
 {
-    if (slot < 0)
-        qelhThrowNegativeIndex(slot);
-    return static_cast<unsigned>(slot) < size;
-}
-
-/// The entry in a slot, once all are settled; null when there is no such slot.
-char* xbasedictionary::SettledEntryOf(int slot, unsigned entrySize)
-{
-    if (!IsSlot(slot))
-        return nullptr;
-    if (!side->isSettled())
-        Settle(entrySize);
-    return EntryOf(static_cast<unsigned>(slot), entrySize);
-}
-
-/// Adds a key that there is not to a settled table, where the rule says. The index has room for it.
-void xbasedictionary::AddEntry(char* text, const xdictkey& key, xdictindexentry* at, const void* value,
-                               unsigned entrySize, unsigned valueOffset)
-{
-    AdjustTableSize(entrySize, valueOffset);
-    xdictlayout& layout = *side->layout;
-    const xdicthome home(text, key.length);
-    const unsigned slot = layout.places.take(home);
-    if (slot == xdictplaces::none)
-        QEL_ABORT(overflow);
-    char* const entry = EntryOf(slot, entrySize);
-    try {
-        OnCopyEntry(entry + valueOffset, value);
-    } catch (...) {
-        layout.places.giveBack(slot);
-        throw;
-    }
-    keyOf(entry) = text;
-    layout.homes[slot] = home;
-    side->index.insert(at, {text, slot, key.hash});
-    ++count;
-}
-
-/// Adds a key that there is not to a table that is not settled, behind all others.
-void xbasedictionary::AppendEntry(char* text, const xdictkey& key, xdictindexentry* at, const void* value,
-                                  unsigned entrySize, unsigned valueOffset)
-{
-    const unsigned newSize = xdictNextSize(loads(), size, count);
-    if (newSize <= room && side->history.added() == room) {
-        // Many have gone. What is settled has no gaps.
-        Settle(entrySize);
-        AddEntry(text, key, at, value, entrySize, valueOffset);
-        return;
-    }
-    if (count == newSize)
-        QEL_ABORT(overflow);
-    side->history.reserve();
-    if (newSize > room)
-        MakeRoom(newSize, entrySize);
-    const unsigned number = side->history.added();
-    char* const entry = EntryOf(number, entrySize);
-    OnCopyEntry(entry + valueOffset, value);
-    keyOf(entry) = text;
-    side->index.insert(at, {text, number, key.hash});
-    side->history.add();
-    size = newSize;
-    ++count;
-}
-
-/// Of settled entries: before a new key and after a removal.
-void xbasedictionary::AdjustTableSize(unsigned entrySize, unsigned valueOffset)
-{
-    if (const unsigned newSize = xdictNextSize(loads(), size, count); newSize != size)
-        Rehash(newSize, entrySize, valueOffset);
-}
-
-/// The same after the removal of an entry that was not settled. The block stays, as long as it has entries.
-void xbasedictionary::AdjustPending(unsigned entrySize, unsigned valueOffset)
-{
-    const unsigned newSize = xdictNextSize(loads(), size, count);
-    if (newSize != size) {
-        if (!ownDestroy) {
-            Settle(entrySize);
-            AdjustTableSize(entrySize, valueOffset);
-            return;
-        }
-        if (newSize > maxSize || !side->history.resize(size, newSize))
-            return;
-        size = newSize;
-    }
-    if (count != 0)
-        return;
-    if (room > size) {
-        auto fresh = std::make_unique<xdictside>(size);
-        char* const block = Allocate(size, entrySize);
-        delete std::exchange(side, fresh.release());
-        Replace(block, size);
-    } else {
-        side->history.restart(size);
-    }
-}
-
-char* xbasedictionary::Allocate(unsigned nSlots, unsigned entrySize)
-{
+    wanted = onlyFor;
     char* const block = static_cast<char*>(OnAllocate(nSlots));
-    for (unsigned slot = 0; slot < nSlots; ++slot)
-        keyOf(block + std::size_t{slot} * entrySize) = nullptr;
+    const unsigned n = ownAllocate && movesBits && onlyFor != 0 ? onlyFor : nSlots;
+    for (unsigned place = 0; place < n; ++place)
+        keyOf(block + std::size_t{place} * entrySize) = nullptr;
     return block;
 }
 
 /// Makes `block` the table, and ends the old one.
-void xbasedictionary::Replace(char* block, unsigned nSlots)
+void xbasedictionary::Replace(char* block, unsigned newRoom, unsigned entrySize)
 {
-    void* const old = std::exchange(table, block);
-    OnDestroy(old, std::exchange(room, nSlots));
+    const unsigned oldRoom = std::exchange(room, newRoom);
+    for (unsigned place = 0; watched && place < oldRoom; ++place)
+        if (char*& key = keyOf(EntryOf(place, entrySize)); key != nullptr && !isLive(key))
+            key = removedKey;
+    OnDestroy(std::exchange(table, block), oldRoom);
 }
 
-/// The first table.
-void xbasedictionary::MakeTable(unsigned entrySize)
+/// Adds a key that there is not. All memory is taken before anything changes.
+void xbasedictionary::Add(const xdictkey& key, xdictindexentry* at, const void* value, Shape shape)
 {
-    auto newSide = std::make_unique<xdictside>(xdictminsize);
-    table = Allocate(xdictminsize, entrySize);
-    side = newSide.release();
-    size = room = xdictminsize;
-}
-
-/// Adds the first key, where the rule says. If nobody watches, entries lie in the order in which they are
-/// added from then on.
-void xbasedictionary::AddFirst(const char* key, const void* value, unsigned entrySize, unsigned valueOffset)
-{
-    const xdictkey added = side->index.keyOf(key);
-    const xdicthome home(key, added.length);
-    unsigned place = home.start() & (size - 1);
-    char* const entry = EntryOf(place, entrySize);
-    char* const text = side->keys.add(added);
+    const unsigned newSize = NextSize();
+    if (newSize > xdictmaxsize)
+        throw std::length_error(tooLarge);
+    if (count == newSize)
+        QEL_ABORT(overflow);
+    if (!side->index.isBuilt() && count == mostUnindexed)
+        for (unsigned place = 0; place < side->added; ++place)
+            if (char* const text = keyOf(EntryOf(place, shape.size)); isLive(text))
+                side->index.add(xdictkey(text, side->seed), text, place);
+    if (side->index.isBuilt() && (side->index.reserve() || at == nullptr))
+        at = side->index.seek(key);
+    if (!watched && side->added == room)
+        MakeRoom(shape);
+    char* const text = side->keys.add(key);
+    unsigned place;
     try {
-        keyOf(entry) = text;
-        OnCopyEntry(entry + valueOffset, value);
-        if (!movesBits || !ownAllocate) {
-            side->layout.emplace(size);
-            side->layout->places.take(home);
-            side->layout->homes[place] = home;
-        }
+        if (newSize != size || watched) [[unlikely]]
+            ShowSize(size, newSize, shape);
+        place = side->added < room ? side->added : GapForOne(newSize, shape.size);
+        OnCopyEntry(EntryOf(place, shape.size) + shape.valueOffset, value);
     } catch (...) {
-        side->keys.remove(text, added.length);
+        side->keys.remove(text, key.length);
         throw;
     }
-    if (!side->isSettled()) {
-        if (place != 0)
-            std::swap_ranges(entry, entry + entrySize, table);
-        place = 0;
-        side->history.add();
-    }
-    side->index.insert(side->index.seek(added), {text, place, added.hash});
+    keyOf(EntryOf(place, shape.size)) = text;
+    if (at != nullptr)
+        side->index.insert(at, {text, place, key.hash});
     ++count;
+    size = newSize;
+    if (place < side->added) {
+        const xdicthome home(text, key.length);
+        side->slots->put(side->slots->take(home), place, home);
+        return;
+    }
+    ++side->added;
+    side->slotState.store(xdictside::stale, std::memory_order_relaxed);
+    if (!watched && !ownCopy)
+        Move(size, shape, true);
 }
 
-/// Moves settled entries to a table of another size, in the order of the old slots.
-void xbasedictionary::Rehash(unsigned newSize, unsigned entrySize, unsigned valueOffset)
+/// The place of a removed entry. The slots of all are assigned then.
+unsigned xbasedictionary::GapForOne(unsigned newSize, unsigned entrySize)
 {
-    if (newSize > maxSize)
-        throw std::length_error(tooLarge);
-    const xdictlayout& old = *side->layout;
-    std::unique_ptr<xdicthome[]> homes(new xdicthome[newSize]);
-    std::optional<xdictplaces> places;
-    const auto newSlots = std::make_unique<std::uint32_t[]>(size);
-    char* const block = Allocate(newSize, entrySize);
-    const bool moveBits = movesBits; // and then nobody sees that no value is copied
+    AssignSlots(entrySize);
+    if (newSize != side->slots->size() && !side->slots->resize(newSize))
+        QEL_ABORT(overflow);
+    size = newSize;
+    unsigned& place = side->gap;
+    while (isLive(keyOf(EntryOf(place, entrySize))))
+        place = place + 1 < room ? place + 1 : 0;
+    return place;
+}
+
+/// Makes room for one more entry behind the others, or leaves it the place of a removed one if there are
+/// many.
+void xbasedictionary::MakeRoom(Shape shape)
+{
+    if (count == 0) {
+        Restart(shape.size);
+    } else if (room >= 32 && count < room / 8) {
+        Move(std::bit_ceil(2 * count), shape, false);
+    } else if (room < 32 || count >= room - room / 4) {
+        const unsigned newRoom = room * (room < 64 ? 4 : 2);
+        side->reserveLog(newRoom);
+        char* const block = Allocate(size, shape.size, newRoom);
+        std::memcpy(block, table, std::size_t{room} * shape.size);
+        ::operator delete(std::exchange(table, block));
+        room = newRoom;
+    }
+}
+
+/// Moves the entries, in the order of their slots, to a block of `newRoom` without gaps. `watch`: from now on
+/// a subclass sees it.
+void xbasedictionary::Move(unsigned newRoom, Shape shape, bool watch)
+{
+    AssignSlots(shape.size); // and so the log names no places
+    const auto places = std::make_unique<std::uint32_t[]>(std::max(side->added, 1u));
+    std::vector<xdictslots::Entry> spare(count);
+    side->log.reserve(2 * std::size_t{newRoom} + 1);
+    char* const block = Allocate(watch ? newRoom : size, shape.size, watch ? 0 : newRoom);
+    const bool byBits = movesBits && (ownCopy || !watched); // and then nobody sees that no value is copied
+    unsigned moved = 0;
     try {
-        const auto homeOf = [&](unsigned slot) { return old.homes[slot]; };
-        places = old.places.rehashed(newSize, homeOf, [&](unsigned slot, unsigned newSlot) {
-            if (newSlot == xdictplaces::none)
-                QEL_ABORT(overflow);
-            char* const from = EntryOf(slot, entrySize);
-            char* const to = block + std::size_t{newSlot} * entrySize;
-            if (moveBits) {
-                moveEntry(to, from, entrySize);
+        side->slots->forEachTaken([&](unsigned slot) {
+            const unsigned place = side->slots->placeIn(slot);
+            char* const from = EntryOf(place, shape.size);
+            char* const to = block + std::size_t{moved} * shape.size;
+            if (byBits) {
+                moveEntry(to, from, shape.size);
                 keyOf(from) = nullptr;
             } else {
-                OnCopyEntry(to + valueOffset, from + valueOffset);
+                OnCopyEntry(to + shape.valueOffset, from + shape.valueOffset);
                 keyOf(to) = keyOf(from);
             }
-            homes[newSlot] = old.homes[slot];
-            newSlots[slot] = newSlot;
+            places[place] = moved++;
         });
     } catch (...) {
-        OnDestroy(block, newSize);
+        OnDestroy(block, newRoom);
         throw;
     }
-    side->index.renumber(newSlots.get());
-    side->layout.emplace(std::move(*places), std::move(homes));
-    size = newSize;
-    Replace(block, newSize);
+    side->slots->renumber(places.get(), spare);
+    side->index.renumber(places.get());
+    side->added = side->assigned = side->loggedAdds = moved;
+    const bool wasWatched = watched;
+    watched = watch;
+    if (wasWatched) {
+        Replace(block, newRoom, shape.size);
+    } else {
+        ::operator delete(std::exchange(table, block));
+        room = newRoom;
+    }
 }
 
-/// Moves entries that are not settled to a larger block.
-void xbasedictionary::MakeRoom(unsigned nSlots, unsigned entrySize)
+/// The table has another size: what a subclass that watches sees of it. Whether one watches its tables end is
+/// known when the first does.
+void xbasedictionary::ShowSize(unsigned oldSize, unsigned newSize, Shape shape)
 {
-    if (nSlots > maxSize)
-        throw std::length_error(tooLarge);
-    char* const block = Allocate(nSlots, entrySize);
-    const unsigned n = side->history.added();
-    std::memcpy(block, table, std::size_t{n} * entrySize);
-    for (unsigned place = 0; place < n; ++place)
-        keyOf(EntryOf(place, entrySize)) = nullptr;
-    Replace(block, nSlots);
+    bool watch = watched;
+    if (!watched && !ownDestroy && newSize != oldSize) {
+        OnDestroy(Allocate(oldSize, shape.size), oldSize);
+        watch = !ownDestroy;
+    }
+    if (watch && newSize != room)
+        Move(newSize, shape, true);
 }
 
-/// Assigns their slots to entries that are not settled.
-/// @throws std::bad_alloc  nothing has changed
+/// Begins anew when no entry is left.
+void xbasedictionary::Restart(unsigned entrySize)
+{
+    std::vector<std::uint32_t> log;
+    log.reserve(2 * (room > mostUnindexed ? firstRoom : room) + 1);
+    if (room > mostUnindexed) {
+        char* const block = Allocate(size, entrySize, firstRoom);
+        ::operator delete(std::exchange(table, block));
+        room = firstRoom;
+    }
+    for (unsigned place = 0; place < room; ++place)
+        keyOf(EntryOf(place, entrySize)) = nullptr;
+    xdictkeys().swap(side->keys);
+    side->slots.reset();
+    side->log.swap(log);
+    side->added = side->assigned = side->loggedAdds = 0;
+    side->replayed = 0;
+    side->firstSize = size;
+    side->slotState.store(xdictside::stale, std::memory_order_relaxed);
+}
+
+/// Assigns slots to all entries. Of threads that read, the first does it, and others wait for it.
+/// @throws std::bad_alloc  no entry has changed
 void xbasedictionary::Settle(unsigned entrySize)
 {
-    const unsigned n = side->history.added();
-    const std::unique_ptr<xdicthome[]> homes(new xdicthome[n]);
-    ForEachEntry(entrySize, [&](unsigned place, char* entry) {
-        homes[place] = xdicthome(keyOf(entry), std::strlen(keyOf(entry)));
-    });
-    xdicthistory::Outcome outcome = side->history.replay(loads(), homes.get(), room);
-    if (outcome.size != size)
-        QEL_ABORT("Can not be here.");
-    std::unique_ptr<xdicthome[]> settledHomes(new xdicthome[size]);
-    char* const block = Allocate(size, entrySize);
-
-    ForEachEntry(entrySize, [&](unsigned place, char* entry) {
-        const unsigned slot = outcome.slots[place];
-        moveEntry(block + std::size_t{slot} * entrySize, entry, entrySize);
-        keyOf(entry) = nullptr;
-        settledHomes[slot] = homes[place];
-    });
-    side->index.renumber(outcome.slots.get());
-    side->layout.emplace(std::move(outcome.places), std::move(settledHomes));
-    side->history = xdicthistory(size);
-    Replace(block, size);
+    std::atomic<int>& state = side->slotState;
+    for (int seen = state.load(std::memory_order_acquire); seen != xdictside::current;
+         seen = state.load(std::memory_order_acquire)) {
+        if (seen == xdictside::busy || !state.compare_exchange_strong(seen, xdictside::busy)) {
+            state.wait(xdictside::busy);
+            continue;
+        }
+        try {
+            AssignSlots(entrySize);
+        } catch (...) {
+            state = xdictside::stale;
+            state.notify_all();
+            throw;
+        }
+        state.notify_all();
+    }
 }
 
-/// Gives back the memory that many keys took which are gone.
+/// Replays what has happened since slots were last assigned. Without memory it ends early, and goes on the
+/// next time.
+void xbasedictionary::AssignSlots(unsigned entrySize)
+{
+    xdictside& s = *side;
+    if (s.slots == nullptr)
+        s.slots = std::make_unique<xdictslots>(s.firstSize);
+    xdictslots& slots = *s.slots;
+    slots.reserve(s.added);
+    const auto resize = [&] {
+        const unsigned newSize = xdictNextSize({minLoad, maxLoad}, slots.size(), slots.count());
+        if (newSize != slots.size() && newSize <= xdictmaxsize && !slots.resize(newSize))
+            QEL_ABORT(overflow);
+    };
+    const auto addUpTo = [&](unsigned end) {
+        for (; s.assigned < end; ++s.assigned) {
+            resize();
+            char* const entry = EntryOf(s.assigned, entrySize);
+            const xdicthome home = homeOf(entry, isLive(keyOf(entry)));
+            slots.put(slots.take(home), s.assigned, home);
+        }
+    };
+    for (; s.replayed < s.log.size(); ++s.replayed) {
+        const std::uint32_t word = s.log[s.replayed];
+        if ((word & xdictside::addsBit) != 0) {
+            addUpTo(word & ~xdictside::addsBit);
+        } else {
+            slots.giveBack(slots.slotOf(word));
+            resize();
+        }
+    }
+    addUpTo(s.added);
+    s.log.clear();
+    s.replayed = 0;
+    s.slotState.store(xdictside::current, std::memory_order_release);
+}
+
+/// Gives back the memory of keys that are gone, if there is memory to do it.
 void xbasedictionary::CompactKeys(unsigned entrySize)
 {
-    xdictkeys compact(side->keys.used());
-    side->index.forEach([&](xdictindexentry& entry) {
-        entry.key = compact.adopt(entry.key);
-        keyOf(EntryOf(entry.place, entrySize)) = entry.key;
-    });
-    side->keys.swap(compact);
+    try {
+        xdictkeys keys;
+        xdictindex index;
+        keys.reserve(side->keys);
+        for (unsigned place = 0; place < side->added; ++place) {
+            const char* const text = keyOf(EntryOf(place, entrySize));
+            if (!isLive(text))
+                continue;
+            const xdictkey key(text, side->seed);
+            index.add(key, keys.add(key), place);
+        }
+        index.forEach([&](const xdictindexentry& at) { keyOf(EntryOf(at.place, entrySize)) = at.key; });
+        side->keys.swap(keys);
+        side->index.swap(index);
+    } catch (const std::bad_alloc&) {
+        // They stay.
+    }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include <qel/qelexport.h>
 
@@ -29,13 +30,15 @@ struct xdictcontrol
 ///     none
 /// A new key takes the first slot that is empty or whose key was removed. The table has 32 slots at first; it
 /// doubles or halves as xdictcontrol says, and then the keys are added anew in the order of the old slots.
-/// How keys and free slots are found is another matter: qelbdict.cpp does it without probing. Nor are slots
-/// assigned before somebody asks for one: until the first operation by slot, entries lie in the order in
-/// which they were added.
+/// That is what callers see. How keys and free slots are found is another matter, and slots are not assigned
+/// before somebody asks for one: docs/dictionary.md shows it.
 ///
-/// Key pointers in slots: null, never used; 1, removed; else the dictionary's own copy of the text, which a
-/// change of size may move. Null and the marker pointers are no keys: they are never found, and setting one
-/// throws qelXInvalidDictKey.
+/// Key pointers in the table: null, never used; odd, removed; else the dictionary's own copy of the text,
+/// which other operations may move. Null and the marker pointers are no keys: they are never found, and
+/// setting one throws qelXInvalidDictKey.
+///
+/// A subclass that overrides a hook sees all calls that the rule asks for, at their time and with a table of
+/// `size` slots. With the hooks of the hook sets nobody sees them, and most are left out.
 class QEL_API xbasedictionary
 {
 public:
@@ -81,19 +84,28 @@ protected:
 
     static constexpr unsigned nowhere = ~0u;
     /// Where in the table the entry of `key` lies, or nowhere.
-    unsigned FindIndex(const char* key) const;
+    unsigned FindIndex(const char* key, unsigned entrySize) const;
     char* EntryOf(unsigned place, unsigned entrySize) const { return &table[std::size_t{place} * entrySize]; }
-
-    /// Called by the hooks of the hook sets: they run, so no subclass watches what they do, which may then be
-    /// done without them. Where the bits of a value may be moved, that is what happens when the table changes
-    /// its size.
-    void sawOwnCopy(bool isMovedByBits)
+    /// Whether the key pointer of an entry is a text.
+    static bool isLive(const char* key)
     {
-        ownCopy = true;
-        movesBits = isMovedByBits;
+        return key != nullptr && (reinterpret_cast<std::uintptr_t>(key) & 1) == 0;
     }
-    void sawOwnAllocate() { ownAllocate = true; }
+
+    // Called by the hooks of the hook sets: they run, so no subclass watches what they do.
+    /// Tells for how many slots to allocate. `isMovedByBits`: so are the values.
+    unsigned sawOwnAllocate(unsigned nSlots, bool isMovedByBits)
+    {
+        ownAllocate = true;
+        movesBits = isMovedByBits;
+        return wanted != 0 && isMovedByBits ? wanted : nSlots;
+    }
     void sawOwnDestroy() { ownDestroy = true; }
+    void sawOwnCopy()
+    {
+        if (!ownCopy) // never while threads only read
+            ownCopy = true;
+    }
     bool isOwnCopy() const { return ownCopy; }
 
     char* table = nullptr;
@@ -103,31 +115,33 @@ protected:
     const unsigned maxLoad;
 
 private:
-    xdictcontrol loads() const { return {minLoad, maxLoad}; }
-    bool IsSlot(int slot) const;
-    char* SettledEntryOf(int slot, unsigned entrySize);
-    template<class Visit>
-    void ForEachEntry(unsigned entrySize, Visit visit) const;
-    void SetKey(const char* key, const void* value, unsigned entrySize, unsigned valueOffset);
-    void AddEntry(char* text, const xdictkey& key, xdictindexentry* at, const void* value, unsigned entrySize,
-                  unsigned valueOffset);
-    void AppendEntry(char* text, const xdictkey& key, xdictindexentry* at, const void* value,
-                     unsigned entrySize, unsigned valueOffset);
-    void AdjustTableSize(unsigned entrySize, unsigned valueOffset);
-    char* Allocate(unsigned nSlots, unsigned entrySize);
-    void Replace(char* block, unsigned nSlots);
-    void MakeTable(unsigned entrySize);
-    void AddFirst(const char* key, const void* value, unsigned entrySize, unsigned valueOffset);
-    void Rehash(unsigned newSize, unsigned entrySize, unsigned valueOffset);
-    void MakeRoom(unsigned nSlots, unsigned entrySize);
-    void AdjustPending(unsigned entrySize, unsigned valueOffset);
+    struct Shape // of an entry
+    {
+        unsigned size;
+        unsigned valueOffset;
+    };
+
+    unsigned NextSize() const;
+    char* EntryIn(int slot, unsigned entrySize);
+    unsigned Seek(const xdictkey& key, unsigned entrySize, xdictindexentry** at = nullptr) const;
+    char* Allocate(unsigned nSlots, unsigned entrySize, unsigned onlyFor = 0);
+    void Replace(char* block, unsigned newRoom, unsigned entrySize);
+    void Add(const xdictkey& key, xdictindexentry* at, const void* value, Shape shape);
+    unsigned GapForOne(unsigned newSize, unsigned entrySize);
+    void MakeRoom(Shape shape);
+    void Move(unsigned newRoom, Shape shape, bool watch);
+    void ShowSize(unsigned oldSize, unsigned newSize, Shape shape);
+    void Restart(unsigned entrySize);
     void Settle(unsigned entrySize);
+    void AssignSlots(unsigned entrySize);
     void CompactKeys(unsigned entrySize);
 
-    bool ownCopy = false;
-    bool movesBits = false;
-    bool ownAllocate = false;
-    bool ownDestroy = false;
-    unsigned room = 0;         // slots that the block of the table has
+    bool ownCopy : 1 = false;
+    bool ownAllocate : 1 = false;
+    bool ownDestroy : 1 = false;
+    bool movesBits : 1 = false;
+    bool watched : 1 = false;  // a subclass overrides hooks: blocks have an entry for each slot
+    unsigned room = 0;         // entries that the block has
+    unsigned wanted = 0;       // entries of a new block whose size no subclass sees; 0: one for each slot
     xdictside* side = nullptr; // there is one while there is a table
 };

@@ -152,6 +152,10 @@ C* create()
     {                                                                                             \
         return create<C>();                                                                       \
     }                                                                                             \
+    int C##_getcount(C* d)                                                                        \
+    {                                                                                             \
+        return onCollection(d, xuninitint, [=] { return d->getcount(); });                        \
+    }                                                                                             \
     unsigned char C##_find(C* d, const char* key, COut* value)                                    \
     {                                                                                             \
         return fetch<V>(d, value, [=](V* out) { return d->find(key, out); });                     \

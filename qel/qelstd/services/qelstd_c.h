@@ -146,6 +146,7 @@ QEL_C_SEQUENCE(xstringsequence, const char*, __xstring_c);
  * either; it is setbyindex and removebyindex that tell them from empty ones.
  *
  * create        A new empty dictionary with one reference, which is the caller's.
+ * getcount      The number of entries, at once.
  * find          Whether there is such a key. Stores its value.
  * set           Assigns the value of the key, which is added if it is new. A null key makes
  *               qellib::XInvalidDictKey current.
@@ -162,6 +163,7 @@ QEL_C_SEQUENCE(xstringsequence, const char*, __xstring_c);
  * when nothing was found or the call failed. Null out pointers are accepted. */
 #define QEL_C_DICTIONARY(type, in, out)                                              \
     QEL_API type* type##_create(void);                                               \
+    QEL_API int type##_getcount(type* d);                                            \
     QEL_API unsigned char type##_find(type* d, const char* key, out* value);         \
     QEL_API void type##_set(type* d, const char* key, in value);                     \
     QEL_API unsigned char type##_getbyindex(type* d, int slot, out* value);          \

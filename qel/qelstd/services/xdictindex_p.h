@@ -3,8 +3,9 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <utility>
 
 /// The text of a key as it is looked for: with its length, its hash and, when it is short, its bytes in two
 /// words.
@@ -101,23 +102,23 @@ inline void xdictkey::readShort()
 struct xdictindexentry
 {
     char* key;           ///< a text of xdictkeys, or null: free
-    std::uint32_t place; ///< of the entry in the table
+    std::uint32_t place; ///< of the entry in the block
     std::uint32_t hash;
 };
 
-/// Finds the entry of a key: an open hash table with a hash worth its name and a seed of its own, so that no
-/// choice of keys makes it slow.
+/// Finds the entry of a key: open addressing with linear probing, with a hash worth its name and a seed of
+/// its own, so that no choice of keys makes it slow. It has no memory until the first reserve.
 class xdictindex
 {
 public:
     using Entry = xdictindexentry;
 
-    xdictindex();
-    ~xdictindex();
+    xdictindex() = default;
+    ~xdictindex() { std::free(entries); }
     xdictindex(const xdictindex&) = delete;
     xdictindex& operator=(const xdictindex&) = delete;
 
-    xdictkey keyOf(const char* text) const { return xdictkey(text, seed); }
+    bool isBuilt() const { return entries != nullptr; }
     /// The entry of `key`, or the free one where it would be.
     Entry* seek(const xdictkey& key) const
     {
@@ -126,17 +127,11 @@ public:
             i = (i + 1) & mask;
         return &entries[i];
     }
-    /// The entry of `key`, or null.
-    Entry* find(const xdictkey& key) const
-    {
-        Entry* const entry = seek(key);
-        return entry->key == nullptr ? nullptr : entry;
-    }
     /// Makes room for one more entry. True when that moved all entries.
     /// @throws std::bad_alloc  nothing has changed
     bool reserve()
     {
-        if ((count + 1) * 8 <= (mask + 1) * 5)
+        if ((count + std::size_t{1}) * 8 <= (mask + std::size_t{1}) * 5)
             return false;
         grow();
         return true;
@@ -147,12 +142,26 @@ public:
         *place = entry;
         ++count;
     }
+    /// Adds a key that there is not.
+    /// @throws std::bad_alloc
+    void add(const xdictkey& key, char* text, std::uint32_t place)
+    {
+        reserve();
+        insert(seek(key), {text, place, key.hash});
+    }
+    void swap(xdictindex& other) noexcept
+    {
+        std::swap(mask, other.mask);
+        std::swap(count, other.count);
+        std::swap(entries, other.entries);
+    }
+    /// Removes an entry by backward shift: no search ends at a gap before it has seen what was added later.
     void erase(Entry* entry);
-    /// Calls visit(entry) for each entry, in no order that means anything.
+    /// Calls visit(entry) for each entry, always in the same order.
     template<class Visit>
     void forEach(Visit visit)
     {
-        for (std::size_t i = 0; i <= mask; ++i)
+        for (std::size_t i = 0; i < size(); ++i)
             if (entries[i].key != nullptr)
                 visit(entries[i]);
     }
@@ -161,23 +170,15 @@ public:
     /// place.
     void renumber(const std::uint32_t* places)
     {
-        for (std::size_t i = 0; i <= mask; ++i)
+        for (std::size_t i = 0; i < size(); ++i)
             entries[i].place = places[entries[i].place];
     }
 
 private:
-    static Entry* allocate(std::size_t n);
+    std::size_t size() const { return isBuilt() ? mask + std::size_t{1} : 0; }
     void grow();
-    Entry* freeFor(std::uint32_t hash) const
-    {
-        std::size_t i = hash & mask;
-        while (entries[i].key != nullptr)
-            i = (i + 1) & mask;
-        return &entries[i];
-    }
 
-    std::size_t mask = 63;
-    std::size_t count = 0;
-    Entry* entries;
-    std::uint64_t seed;
+    std::uint32_t mask = 0;
+    std::uint32_t count = 0;
+    Entry* entries = nullptr;
 };

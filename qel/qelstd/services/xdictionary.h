@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -20,7 +19,10 @@ struct xdictentry
 /// visiting the slots 0 to getarraysize() - 1, of which many are empty. Slot numbers are valid until the next
 /// set of a new key or removal. Slots are assigned when they are first asked for: an operation by slot may
 /// throw std::bad_alloc, with nothing changed. Keys are compared byte for byte; null and the marker pointers
-/// are no keys: they are never found. Null `out` pointers are accepted. Used by one thread at a time.
+/// are no keys: they are never found. Null `out` pointers are accepted.
+///
+/// Any number of threads may read at a time (`find`, `getcount`, `getarraysize`, `getkeybyindex`,
+/// `getbyindex`, walks, printing) while none changes the dictionary.
 template<class T>
 class xtbdictionary : public xobject, public xbasedictionary
 {
@@ -30,6 +32,8 @@ protected:
     static constexpr unsigned valueOffset = sizeof(char*) < alignof(T) ? alignof(T) : sizeof(char*);
 
 public:
+    /// The number of entries.
+    int getcount() const { return static_cast<int>(count); }
     /// The number of slots, 0 at first; not the number of entries.
     virtual int getarraysize() { return static_cast<int>(size); }
     /// Whether there is a value for `key`, which is stored.
@@ -37,7 +41,7 @@ public:
     {
         if (!isOwnCopy())
             return BaseFind(key, out, entrySize, valueOffset);
-        const unsigned place = FindIndex(key);
+        const unsigned place = FindIndex(key, entrySize);
         if (place != nowhere && out != nullptr)
             *out = reinterpret_cast<const entry*>(EntryOf(place, entrySize))->value;
         return place != nowhere;
@@ -88,7 +92,7 @@ private:
     void OnDestroy(void* block, unsigned nSlots) override { Destroy(block, nSlots); }
     void OnCopyEntry(void* toValue, const void* fromValue) override
     {
-        sawOwnCopy(qelIsMovedByBits<T>);
+        sawOwnCopy();
         *static_cast<T*>(toValue) = *static_cast<const T*>(fromValue);
     }
 
@@ -105,13 +109,16 @@ class xtsdictionary : public xtbdictionary<T>
 
 public:
     explicit xtsdictionary(const xdictcontrol* control = nullptr) : xtbdictionary<T>(control) {}
-    ~xtsdictionary() override { this->BaseClearAll(this->entrySize, this->valueOffset); }
+    ~xtsdictionary() override
+    {
+        this->sawOwnDestroy();
+        this->BaseClearAll(this->entrySize, this->valueOffset);
+    }
 
 private:
     void* OnAllocate(unsigned nSlots) override
     {
-        this->sawOwnAllocate();
-        return this->AllocateBlock(std::size_t{nSlots} * this->entrySize);
+        return this->AllocateBlock(std::size_t{this->sawOwnAllocate(nSlots, true)} * this->entrySize);
     }
     void OnRemoveEntry(void*) override {}
     void Destroy(void* block, unsigned) override
@@ -131,15 +138,20 @@ class xtcdictionary : public xtbdictionary<T>
 
 public:
     explicit xtcdictionary(const xdictcontrol* control = nullptr) : xtbdictionary<T>(control) {}
-    ~xtcdictionary() override { this->BaseClearAll(this->entrySize, this->valueOffset); }
+    ~xtcdictionary() override
+    {
+        this->sawOwnDestroy();
+        while (this->table != nullptr) // what a value holds may add others while it goes
+            this->BaseClearAll(this->entrySize, this->valueOffset);
+    }
 
 private:
     void* OnAllocate(unsigned nSlots) override
     {
-        this->sawOwnAllocate();
-        void* const block = this->AllocateBlock(std::size_t{nSlots} * this->entrySize);
+        const unsigned n = this->sawOwnAllocate(nSlots, qelIsMovedByBits<T>);
+        void* const block = this->AllocateBlock(std::size_t{n} * this->entrySize);
         entry* at = static_cast<entry*>(block);
-        for (entry* const end = at + nSlots; at != end; ++at)
+        for (entry* const end = at + n; at != end; ++at)
             new (at) entry();
         return block;
     }
@@ -156,7 +168,7 @@ private:
         this->sawOwnDestroy();
         entry* at = static_cast<entry*>(block);
         for (entry* const end = at + nSlots; at != end; ++at)
-            if (reinterpret_cast<std::uintptr_t>(at->key) > 1)
+            if (this->isLive(at->key))
                 at->value.~T();
         ::operator delete(block);
     }

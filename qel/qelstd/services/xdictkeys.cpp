@@ -1,8 +1,6 @@
 #include "xdictkeys_p.h"
 
-#include <cstring>
 #include <new>
-#include <utility>
 
 #include <qel/base/btkmemory.h>
 
@@ -20,21 +18,7 @@ void xdictkeys::swap(xdictkeys& other) noexcept
     std::swap(chunks, other.chunks);
     std::swap(chunkBytes, other.chunkBytes);
     std::swap(usedBytes, other.usedBytes);
-    std::swap(longCount, other.longCount);
-}
-
-char* xdictkeys::adopt(char* text)
-{
-    const std::size_t length = std::strlen(text);
-    if (isLong(length)) {
-        ++longCount;
-        return text;
-    }
-    const std::size_t size = cellSize(length);
-    char* const cell = at;
-    at += size;
-    usedBytes += size;
-    return static_cast<char*>(std::memcpy(cell, text, size));
+    std::swap(lostBytes, other.lostBytes);
 }
 
 void xdictkeys::addChunk(std::size_t bytes)

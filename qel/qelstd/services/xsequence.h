@@ -23,8 +23,8 @@ struct xseqcontrol
 ///
 /// A sequence holds at most 2^31 - 1 bytes: what would need more throws std::length_error here, and
 /// qelXInvalidSeqIndex where there are indices. That, and std::bad_alloc when memory runs out, leave the
-/// sequence as it was. The operations by bytes are for elements whose end runs no code that uses the sequence;
-/// those of xtbsequence are safe with all.
+/// sequence as it was. The operations by bytes are for elements whose end runs no code that uses the
+/// sequence; those of xtbsequence are safe with all.
 class QEL_API xbasesequence
 {
 public:

@@ -1,8 +1,9 @@
-#include "xdictplaces_p.h"
+#include "xdictslots_p.h"
 
 #include <algorithm>
 #include <bit>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -22,14 +23,43 @@ std::size_t wordsFor(std::size_t bits)
 
 } // namespace
 
-xdictplaces::xdictplaces(unsigned size)
-    : mask(size - 1), taken(std::make_unique<std::uint64_t[]>(wordsFor(size)))
+xdictslots::xdictslots(unsigned size)
+    : mask(size - 1), taken(std::make_unique<std::uint64_t[]>(wordsFor(size))),
+      places(new std::uint32_t[size])
 {
 }
 
-void xdictplaces::giveBack(unsigned slot)
+bool xdictslots::resize(unsigned newSize)
+{
+    xdictslots next(newSize);
+    next.entries.swap(entries);
+    bool fits = true;
+    forEachTaken([&](unsigned slot) {
+        const unsigned place = places[slot];
+        const unsigned newSlot = next.take(next.entries[place].home);
+        if (newSlot == none)
+            fits = false;
+        else
+            next.put(newSlot, place, next.entries[place].home);
+    });
+    *this = std::move(next);
+    return fits;
+}
+
+void xdictslots::renumber(const std::uint32_t* to, std::vector<Entry>& spare)
+{
+    forEachTaken([&](unsigned slot) {
+        const unsigned place = to[places[slot]];
+        spare[place] = entries[places[slot]];
+        places[slot] = place;
+    });
+    entries.swap(spare);
+}
+
+void xdictslots::giveBack(unsigned slot)
 {
     taken[slot / 64] &= ~(std::uint64_t{1} << slot % 64);
+    --takenCount;
     ++age;
     if (paths == nullptr)
         return;
@@ -46,7 +76,7 @@ void xdictplaces::giveBack(unsigned slot)
 }
 
 /// Goes on where patience ended, at `slot`.
-unsigned xdictplaces::takeFar(xdicthome home, std::uint32_t slot)
+unsigned xdictslots::takeFar(xdicthome home, std::uint32_t slot)
 {
     if (mask < small)
         return none;
@@ -62,11 +92,11 @@ unsigned xdictplaces::takeFar(xdicthome home, std::uint32_t slot)
         return none;
     if (cursor != nullptr)
         *cursor = {home, (slot + step) & mask, age};
-    return take(slot);
+    return takeSlot(slot);
 }
 
 /// Goes on stretch by stretch at `slot`.
-unsigned xdictplaces::findFarther(unsigned path, std::uint32_t slot)
+unsigned xdictslots::findFarther(unsigned path, std::uint32_t slot)
 {
     const std::uint32_t step = stepOf(path);
     const std::uint32_t inverse = inverseOf(step);
@@ -93,7 +123,7 @@ unsigned xdictplaces::findFarther(unsigned path, std::uint32_t slot)
 }
 
 /// Null: no memory. It may be that of another home.
-xdictplaces::Cursor* xdictplaces::openCursor(xdicthome home)
+xdictslots::Cursor* xdictslots::openCursor(xdicthome home)
 {
     const std::uint64_t n = std::clamp((mask + 1) / 32, 64u, 4096u);
     if (cursors == nullptr)
@@ -102,7 +132,7 @@ xdictplaces::Cursor* xdictplaces::openCursor(xdicthome home)
 }
 
 /// What is known of a path, or null: without memory all slots are looked at.
-xdictplaces::Path* xdictplaces::openPath(unsigned path)
+xdictslots::Path* xdictslots::openPath(unsigned path)
 {
     if (paths == nullptr) {
         freed.reset(new (std::nothrow) std::uint32_t[mask / stretch]);
@@ -119,7 +149,7 @@ xdictplaces::Path* xdictplaces::openPath(unsigned path)
     return opened.full == nullptr ? nullptr : &opened;
 }
 
-void xdictplaces::applyFreed(Path& to, std::uint32_t inverse)
+void xdictslots::applyFreed(Path& to, std::uint32_t inverse)
 {
     for (; to.applied < freedCount; ++to.applied) {
         const std::uint32_t at = (freed[to.applied] * inverse & mask) / stretch;
@@ -128,7 +158,7 @@ void xdictplaces::applyFreed(Path& to, std::uint32_t inverse)
 }
 
 /// The first stretch from `from` on, around the end, that is not known to be full.
-std::uint32_t xdictplaces::nextStretch(const Path* path, std::uint32_t from) const
+std::uint32_t xdictslots::nextStretch(const Path* path, std::uint32_t from) const
 {
     if (path == nullptr)
         return from;
