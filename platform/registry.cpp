@@ -1,243 +1,230 @@
 #include <qel/platform/registry.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <mutex>
+#include <map>
+#include <optional>
 #include <vector>
 
 #include <fcntl.h>
-#include <sys/file.h>
 
+#include "registrystore.h"
 #include <qel/platform/errortable.h>
-#include <qel/platform/filecopy.h>
 #include <qel/platform/files.h>
 #include <qel/platform/folder.h>
 #include <qel/platform/registryname.h>
-
-namespace {
-
-/// The names in a key as they were when somebody began to enumerate them.
-struct Listing
-{
-    std::mutex lock;
-    std::vector<std::string> names;
-};
-
-/// Which names of a key.
-enum Listed { listedKeys, listedValues };
-
-} // namespace
 
 /// An open key below a root.
 struct HKEY__
 {
     platDescriptor folder;
-    std::string store; // the store that it belongs to, for its lock
-    Listing listings[2] = {};
+    std::shared_ptr<const platStore> store;
 };
 
 namespace {
 
-constexpr unsigned folderMode = 0700;
-constexpr unsigned fileMode = 0600;
 constexpr DWORD largestValue = 16 * 1024 * 1024;
-constexpr const char* lockName = "/.lock";
-constexpr const char* writtenNameFile = ".name";
-constexpr const char* unfinishedFile = ".new";
-constexpr const char* deletedFolder = ".deleted";
 constexpr std::string_view valueEnding = ".value";
 constexpr std::size_t longestHead = 16384; // of a value's file, and of the file of a key's name
 constexpr std::size_t longestPath = 4096;
 
+/// Which names of a key.
+enum Listed { listedKeys, listedValues };
+
+/// The names in a key as they were when the thread began to enumerate them. By thread: those that enumerate
+/// one key, or a root, at the same time do not disturb each other.
+thread_local std::map<std::pair<HKEY, Listed>, std::vector<std::string>> listings;
+
+/// Only a node that is absent is "not found"; what is no folder where one belongs is something else.
 long hostError()
 {
-    return static_cast<long>(platErrorOf(errno));
+    return static_cast<long>(errno == ENOTDIR ? ERROR_DIRECTORY : platErrorOf(errno));
 }
 
-std::string storePath()
-{
-    if (const char* given = std::getenv("QELSTD_REGISTRY"); given != nullptr && *given != '\0')
-        return given;
-    if (const char* config = std::getenv("XDG_CONFIG_HOME"); config != nullptr && *config == '/')
-        return std::string(config) + "/qelstd/registry";
-    if (const char* home = std::getenv("HOME"); home != nullptr && *home == '/')
-        return std::string(home) + "/.config/qelstd/registry";
-    return {};
-}
-
-/// Where a call works: a directory and the beginning of the paths in it.
+/// Where a call works: a folder and the beginning of the paths in it.
 struct Place
 {
-    int folder = AT_FDCWD;
-    std::string prefix; // empty or with "/" at its end
-    std::string store;
+    int folder = -1;
+    std::string prefix; // empty, or the folder of a root with "/" at its end
+    std::shared_ptr<const platStore> store;
+
+    bool IsRoot() const { return !prefix.empty(); }
 };
 
-const char* rootName(HKEY key)
+bool isRoot(HKEY key)
 {
-    return key == HKEY_CLASSES_ROOT ? "System" : key == HKEY_CURRENT_USER ? "User" : nullptr;
+    return key == HKEY_CLASSES_ROOT || key == HKEY_CURRENT_USER;
 }
 
-/// An error for a key that is none, or when nothing says where the store is.
-long findPlace(HKEY key, Place& place)
+/// An error for a key that is none, or when the store of a root cannot be opened. Makes a missing store when
+/// `create` is true.
+long findPlace(HKEY key, bool create, Place& place)
 {
     if (key == nullptr)
         return ERROR_INVALID_HANDLE;
-    const char* root = rootName(key);
-    if (root == nullptr) {
+    if (!isRoot(key)) {
         place = {key->folder.get(), "", key->store};
         return ERROR_SUCCESS;
     }
-    place.store = storePath();
-    place.prefix = place.store + '/' + root + '/';
-    return static_cast<long>(place.store.empty() ? ERROR_ENVVAR_NOT_FOUND : ERROR_SUCCESS);
+    const bool isSystem = key == HKEY_CLASSES_ROOT;
+    if (const long error = platStore::Open(isSystem, create, place.store); error != ERROR_SUCCESS)
+        return error;
+    place.folder = place.store->folder.get();
+    place.prefix = isSystem ? "System/" : "User/";
+    return ERROR_SUCCESS;
 }
 
-/// Makes the directory `path` and those on the way to it.
-bool makeFolders(const std::string& path)
+/// Finds the place and, below it, the folder of the key `path`.
+long findKey(HKEY parent, const char* path, bool create, Place& place, std::string& folder)
 {
-    for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
-        if (mkdir(path.substr(0, end).c_str(), folderMode) != 0 && errno != EEXIST)
-            return false;
-        if (end == std::string::npos)
-            return true;
-    }
+    const std::optional<std::string> below = platKeyPath(path == nullptr ? "" : path);
+    if (parent != nullptr && !below)
+        return ERROR_BAD_PATHNAME;
+    if (below && create && below->size() >= longestPath)
+        return ERROR_FILENAME_EXCED_RANGE;
+    const long error = findPlace(parent, create, place);
+    if (error == ERROR_SUCCESS)
+        folder = place.prefix + *below;
+    return error;
 }
 
-/// Says once if other users can change the store: it decides who may connect to servers.
-void warnOfOtherWriters(int folder, const std::string& store)
+/// The error of a change inside a key: its folder is gone when it was deleted meanwhile.
+long changeError(const Place& place)
 {
-    static std::atomic<bool> warned = false;
-    struct stat status;
-    if (fstat(folder, &status) == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !warned.exchange(true))
-        std::fprintf(stderr, "Warning: other users can write to the registry in %s\n", store.c_str());
+    return errno == ENOENT && !place.IsRoot() ? static_cast<long>(ERROR_KEY_DELETED) : hostError();
 }
 
-/// Keeps other changes to a store out, those of other processes and threads included.
-class StoreLock
+/// Appends the folders on `path`; the last one keeps `name` unless that is empty.
+void addSteps(std::vector<platStep>& steps, std::string_view path, const std::string& name)
 {
-public:
-    /// Makes the store when it is missing and `create` is true.
-    StoreLock(const std::string& store, bool create)
-    {
-        const std::string path = store + lockName;
-        lock = open(path);
-        if (!lock && errno == ENOENT && create && makeFolders(store))
-            lock = open(path);
-        if (lock && platRetry([&] { return flock(lock.get(), LOCK_EX); }) != 0)
-            lock = platDescriptor();
-    }
-
-    explicit operator bool() const { return static_cast<bool>(lock); }
-
-private:
-    static platDescriptor open(const std::string& path)
-    {
-        return platDescriptor(platOpenAt(AT_FDCWD, path.c_str(), O_RDWR | O_CREAT, fileMode));
-    }
-
-    platDescriptor lock;
-};
-
-bool writeFile(int folder, const std::string& path, std::string_view text)
-{
-    platDescriptor file(platOpenAt(folder, path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, fileMode));
-    if (!file)
-        return false;
-    while (!text.empty()) {
-        const ssize_t count = platRetry([&] { return write(file.get(), text.data(), text.size()); });
-        if (count < 0)
-            return false;
-        text.remove_prefix(static_cast<std::size_t>(count));
-    }
-    // On the disk before its name is: after a loss of power, the old value is there or the new one.
-    return platRetry([&] { return fdatasync(file.get()); }) == 0 && close(file.release()) == 0;
+    for (std::size_t slash; (slash = path.find('/')) != std::string_view::npos; path.remove_prefix(slash + 1))
+        steps.push_back({std::string(path.substr(0, slash)), {}});
+    if (!path.empty())
+        steps.push_back({std::string(path), name});
 }
 
-/// Puts a whole file at `path`, or leaves what was there. `prefix` is the key's place in `folder`.
-bool replaceFile(int folder, const std::string& prefix, const std::string& path, std::string_view text)
+/// The folders of the key `path`, with its names as they were written where their folders do not show them.
+std::vector<platStep> stepsOf(const Place& place, std::string_view path)
 {
-    const std::string unfinished = prefix + unfinishedFile;
-    if (writeFile(folder, unfinished, text) &&
-        renameat(folder, unfinished.c_str(), folder, path.c_str()) == 0)
-        return true;
-    const int error = errno;
-    unlinkat(folder, unfinished.c_str(), 0);
-    errno = error;
-    return false;
-}
-
-/// Where the directories of the store begin in the paths of a place.
-std::size_t partsBegin(const Place& place)
-{
-    return place.folder == AT_FDCWD ? place.store.size() + 1 : 0;
-}
-
-/// Makes the directories of `path` from byte `from` on, the last one only when `whole`. Answers whether any
-/// was missing, or -1.
-int makeParts(int folder, const std::string& path, std::size_t from, bool whole)
-{
-    int made = 0;
-    for (std::size_t end = path.find('/', from); whole || end != std::string::npos;
-         end = path.find('/', end + 1)) {
-        if (mkdirat(folder, path.substr(0, end).c_str(), folderMode) == 0)
-            made = 1;
-        else if (errno != EEXIST)
-            return -1;
-        if (end == std::string::npos)
-            break;
-    }
-    return made;
-}
-
-/// Keeps the names of the keys on `path` as they were written, where their directories do not show them.
-bool keepWrittenNames(const Place& place, std::string_view path)
-{
-    std::string folder = place.prefix;
+    std::vector<platStep> steps;
+    addSteps(steps, place.prefix, {});
     while (!path.empty()) {
         const std::string_view name = path.substr(0, path.find('\\'));
-        const std::string fileName = *platKeyPath(name);
-        folder += fileName + '/';
+        const std::string folder = *platKeyPath(name);
+        addSteps(steps, folder, folder == name ? std::string() : platWrittenName(name));
         path.remove_prefix(std::min(name.size() + 1, path.size()));
-        if (fileName == name || faccessat(place.folder, (folder + writtenNameFile).c_str(), F_OK, 0) == 0)
-            continue;
-        if (!replaceFile(place.folder, folder, folder + writtenNameFile, platWrittenName(name)))
-            return false;
     }
-    return true;
+    return steps;
 }
 
-/// Removes the directories that carry parts of the long name of `path`, as far as they are empty.
+/// Opens the folders of `steps` as far as they are there.
+class Walk
+{
+public:
+    Walk(const Place& place, const std::vector<platStep>& allSteps) : begin(place.folder), steps(allSteps) {}
+
+    /// Writes names that are missing, unless `repair` is null. An error number; success also where a folder
+    /// is missing.
+    long Go(platChange* repair)
+    {
+        opened = platDescriptor();
+        for (done = 0; done < steps.size(); ++done) {
+            const platStep& step = steps[done];
+            platDescriptor next = platOpenInside(Folder(), step.folder);
+            if (!next)
+                return errno == ENOENT ? static_cast<long>(ERROR_SUCCESS) : hostError();
+            opened = std::move(next);
+            if (step.name.empty() || faccessat(Folder(), platNameFile, F_OK, AT_SYMLINK_NOFOLLOW) == 0 ||
+                errno != ENOENT)
+                continue;
+            lacksName = true;
+            if (repair != nullptr)
+                repair->Replace(Folder(), platNameFile, step.name); // the key can be used without it, too
+        }
+        return ERROR_SUCCESS;
+    }
+
+    /// The deepest folder there is.
+    int Folder() const { return opened ? opened.get() : begin; }
+    platDescriptor Take() { return std::move(opened); }
+    bool IsWhole() const { return done == steps.size(); }
+    bool LacksName() const { return lacksName; }
+    std::span<const platStep> Missing() const { return std::span(steps).subspan(done); }
+
+private:
+    int begin;
+    const std::vector<platStep>& steps;
+    std::size_t done = 0;
+    bool lacksName = false;
+    platDescriptor opened;
+};
+
+/// Opens the folders of `steps`, makes those that are missing, and writes names that are. `made` tells
+/// whether any folder was missing.
+long makeFolders(const Place& place, platChange& change, Walk& walk, bool& made)
+{
+    made = false;
+    if (!change)
+        return hostError();
+    long error = walk.Go(&change);
+    if (error != ERROR_SUCCESS || walk.IsWhole())
+        return error;
+    if (!change.Build(walk.Folder(), walk.Missing()))
+        return changeError(place);
+    made = true;
+    error = walk.Go(nullptr);
+    return error != ERROR_SUCCESS || walk.IsWhole() ? error : static_cast<long>(ERROR_KEY_DELETED);
+}
+
+/// Removes the folders that carry parts of the long name of `path`, as far as they are empty.
 void removeParts(const Place& place, std::string path)
 {
-    for (;;) {
-        const std::size_t slash = path.rfind('/');
-        if (slash == std::string::npos)
-            return;
+    for (std::size_t slash; (slash = path.rfind('/')) != std::string::npos;) {
         path.resize(slash);
-        if (!platIsNamePart(path) || unlinkat(place.folder, (place.prefix + path).c_str(), AT_REMOVEDIR) != 0)
+        platSpot spot;
+        if (!platIsNamePart(path) || !platFindSpot(place.folder, path, spot) ||
+            unlinkat(spot.folder, spot.name.c_str(), AT_REMOVEDIR) != 0)
             return;
     }
 }
 
-/// Whether the opened directory of a key holds subkeys.
-bool hasSubkeys(platFolder& folder)
+/// Whether the file `path` below a key is named as a value's file is.
+bool isValueFile(std::string_view path)
+{
+    return path.ends_with(valueEnding) &&
+           platNameOfFile(path.substr(0, path.size() - valueEnding.size())).has_value();
+}
+
+/// Whether nothing but values is in a key's folder: an error number, ERROR_ACCESS_DENIED for subkeys and
+/// ERROR_DIR_NOT_EMPTY for what is not the store's own. `prefix` leads to `folder`, which carries a part of a
+/// long name when it is not empty.
+long checkDeletable(platFolder& folder, const std::string& prefix)
 {
     platEntry entry;
+    bool isOwn = true;
     while (folder.Read(entry)) {
-        if (entry.kind != platDirectory || entry.hostName[0] == '.')
-            continue;
-        platFolder part;
-        if (!platIsNamePart(entry.hostName) || !part.Open(folder, entry.hostName, platKeepLinks) ||
-            hasSubkeys(part))
-            return true;
+        const std::string path = prefix + entry.hostName;
+        if (entry.kind != platDirectory) {
+            isOwn = isOwn && entry.kind == platFile && (path == platNameFile || isValueFile(path));
+        } else if (!platIsNamePart(entry.hostName)) {
+            if (platNameOfFile(path))
+                return ERROR_ACCESS_DENIED;
+            isOwn = false;
+        } else {
+            platFolder part;
+            const long error = part.Open(folder, entry.hostName, platKeepLinks)
+                                   ? checkDeletable(part, path + '/')
+                                   : static_cast<long>(GetLastError());
+            if (error != ERROR_SUCCESS && error != ERROR_DIR_NOT_EMPTY)
+                return error;
+            isOwn = isOwn && error == ERROR_SUCCESS;
+        }
     }
-    return GetLastError() != ERROR_NO_MORE_FILES;
+    if (GetLastError() != ERROR_NO_MORE_FILES)
+        return static_cast<long>(GetLastError());
+    return static_cast<long>(isOwn ? ERROR_SUCCESS : ERROR_DIR_NOT_EMPTY);
 }
 
 /// A value's file is a line with the type's number and the name as written, then the data.
@@ -264,11 +251,9 @@ bool parseHead(std::string_view line, DWORD& type, std::string_view& name)
 
 long readValue(const Place& place, const char* name, Value& value)
 {
-    struct stat status;
-    const platDescriptor file(
-        platOpenRegular(place.folder, (place.prefix + platValuePath(name)).c_str(), O_RDONLY, 0, status));
+    const platDescriptor file = platOpenFileInside(place.folder, place.prefix + platValuePath(name));
     if (!file)
-        return errno == ENOENT ? static_cast<long>(ERROR_FILE_NOT_FOUND) : hostError();
+        return hostError();
     std::string text;
     char block[4096];
     ssize_t count;
@@ -288,55 +273,32 @@ long readValue(const Place& place, const char* name, Value& value)
     return ERROR_SUCCESS;
 }
 
-/// Opens the directory `path` as a key.
-long openKey(const Place& place, const std::string& path, HKEY* key)
-{
-    platDescriptor folder(platOpenAt(place.folder, (place.prefix + path).c_str(), O_PATH | O_DIRECTORY));
-    if (!folder)
-        return errno == ENOENT || errno == ENOTDIR ? static_cast<long>(ERROR_FILE_NOT_FOUND) : hostError();
-    if (place.folder == AT_FDCWD) {
-        const platDescriptor store(platOpenAt(AT_FDCWD, place.store.c_str(), O_PATH | O_DIRECTORY));
-        warnOfOtherWriters(store.get(), place.store);
-    }
-    *key = new HKEY__{std::move(folder), place.store};
-    return ERROR_SUCCESS;
-}
-
-/// The error of a change inside a key: its directory is gone when it was deleted meanwhile.
-long changeError(const Place& place)
-{
-    return errno == ENOENT && place.folder != AT_FDCWD ? static_cast<long>(ERROR_KEY_DELETED) : hostError();
-}
-
 // ---- enumerating
 
 /// The first line of a file of the store; empty when there is none.
 std::string firstLine(int folder, const std::string& path)
 {
-    struct stat status;
-    const platDescriptor file(platOpenRegular(folder, path.c_str(), O_RDONLY, 0, status));
+    const platDescriptor file = platOpenFileInside(folder, path);
     std::string text(longestHead, '\0');
     const ssize_t count = file ? platRetry([&] { return read(file.get(), text.data(), text.size()); }) : 0;
     text.resize(static_cast<std::size_t>(std::max(count, ssize_t{0})));
     return text.substr(0, text.find('\n'));
 }
 
-/// Collects the paths of the keys or values in a key's directory. `prefix` leads to `folder`, which carries a
-/// part of a long name when it is not empty.
+/// Collects the paths of the keys or values in a key's folder; a link is neither. `prefix` leads to `folder`,
+/// which carries a part of a long name when it is not empty.
 bool collectFiles(platFolder& folder, const std::string& prefix, Listed what, std::vector<std::string>& files)
 {
     platEntry entry;
     while (folder.Read(entry)) {
         const std::string path = prefix + entry.hostName;
-        const platNodeKind kind =
-            entry.kind == platLink ? folder.Kind(entry.hostName, platFollowLinks) : entry.kind;
-        if (kind == platDirectory && platIsNamePart(entry.hostName)) {
+        if (entry.kind == platDirectory && platIsNamePart(entry.hostName)) {
             platFolder part;
             if (path.size() < longestPath && part.Open(folder, entry.hostName, platKeepLinks) &&
                 !collectFiles(part, path + '/', what, files))
                 return false;
-        } else if (what == listedKeys ? kind == platDirectory && entry.hostName[0] != '.'
-                                      : kind != platDirectory && path.ends_with(valueEnding)) {
+        } else if (what == listedKeys ? entry.kind == platDirectory && entry.hostName[0] != '.'
+                                      : entry.kind == platFile && path.ends_with(valueEnding)) {
             files.push_back(path);
         }
     }
@@ -356,7 +318,7 @@ std::optional<std::string> nameIn(const Place& place, const std::string& file, L
 {
     if (what == listedKeys) {
         std::string name =
-            platNameAsWritten(firstLine(place.folder, place.prefix + file + '/' + writtenNameFile));
+            platNameAsWritten(firstLine(place.folder, place.prefix + file + '/' + platNameFile));
         if (canBeAsked(name, what) && platKeyPath(name) == file)
             return name;
         return platNameOfFile(file);
@@ -376,22 +338,30 @@ std::optional<std::string> nameIn(const Place& place, const std::string& file, L
 bool isDeleted(const Place& place)
 {
     struct stat status;
-    return place.folder != AT_FDCWD && fstat(place.folder, &status) == 0 && status.st_nlink == 0;
+    return !place.IsRoot() && fstat(place.folder, &status) == 0 && status.st_nlink == 0;
 }
 
-long takeListing(const Place& place, Listed what, std::vector<std::string>& names)
+long takeListing(HKEY key, Listed what, std::vector<std::string>& names)
 {
-    names.clear();
+    Place place;
+    long error = findPlace(key, false, place);
+    platDescriptor opened;
     platFolder folder;
     std::vector<std::string> files;
-    if (!folder.OpenHost(place.folder, (place.prefix + '.').c_str()) ||
-        !collectFiles(folder, "", what, files)) {
-        const DWORD error = GetLastError();
-        if (error != ERROR_FILE_NOT_FOUND)
-            return static_cast<long>(error);
-        // A root that nothing has been written to is not there.
-        return static_cast<long>(place.folder == AT_FDCWD ? ERROR_SUCCESS : ERROR_KEY_DELETED);
+    if (error == ERROR_SUCCESS) {
+        if (place.IsRoot())
+            opened = platOpenInside(place.folder, place.prefix.substr(0, place.prefix.size() - 1));
+        if (place.IsRoot() && !opened)
+            error = hostError();
+        else if (!folder.OpenHost(opened ? opened.get() : place.folder, ".") ||
+                 !collectFiles(folder, "", what, files))
+            error = static_cast<long>(GetLastError());
     }
+    // A root that nothing has been written to is not there.
+    if (error == ERROR_FILE_NOT_FOUND)
+        return static_cast<long>(isRoot(key) ? ERROR_SUCCESS : ERROR_KEY_DELETED);
+    if (error != ERROR_SUCCESS)
+        return error;
     if (files.empty() && isDeleted(place))
         return ERROR_KEY_DELETED;
     std::vector<std::pair<std::string, std::string>> inOrder; // without case, and as written
@@ -409,26 +379,23 @@ long takeListing(const Place& place, Listed what, std::vector<std::string>& name
     return ERROR_SUCCESS;
 }
 
-Listing& listingOf(HKEY key, Listed what)
-{
-    static Listing ofSystem[2], ofUser[2];
-    return (key == HKEY_CLASSES_ROOT ? ofSystem : key == HKEY_CURRENT_USER ? ofUser : key->listings)[what];
-}
-
 /// Copies the name `index` of a listing to a buffer, and to `found`.
-long enumerate(HKEY key, const Place& place, Listed what, DWORD index, char* name, DWORD* size,
-               std::string& found)
+long enumerate(HKEY key, Listed what, DWORD index, char* name, DWORD* size, std::string& found)
 {
     if (name == nullptr || size == nullptr)
         return ERROR_INVALID_PARAMETER;
-    Listing& listing = listingOf(key, what);
-    const std::lock_guard<std::mutex> held(listing.lock);
-    if (index == 0)
-        if (const long error = takeListing(place, what, listing.names); error != ERROR_SUCCESS)
+    auto listing = listings.find({key, what});
+    if (index == 0 || listing == listings.end()) {
+        std::vector<std::string> names;
+        if (const long error = takeListing(key, what, names); error != ERROR_SUCCESS)
             return error;
-    if (index >= listing.names.size())
+        listing = listings.insert_or_assign({key, what}, std::move(names)).first;
+    }
+    if (index >= listing->second.size()) {
+        listings.erase(listing);
         return ERROR_NO_MORE_ITEMS;
-    found = listing.names[index];
+    }
+    found = listing->second[index];
     const DWORD room = *size;
     *size = static_cast<DWORD>(found.size());
     if (room <= found.size())
@@ -459,45 +426,47 @@ long answerValue(const Value& value, DWORD* type, unsigned char* data, DWORD* si
 long RegOpenKeyExA(HKEY parent, const char* path, DWORD, DWORD, HKEY* key)
 {
     Place place;
-    if (const long error = findPlace(parent, place); error != ERROR_SUCCESS)
+    std::string folder;
+    if (const long error = findKey(parent, path, false, place, folder); error != ERROR_SUCCESS)
         return error;
-    const std::optional<std::string> fileName = platKeyPath(path == nullptr ? "" : path);
-    return fileName ? openKey(place, *fileName, key) : static_cast<long>(ERROR_BAD_PATHNAME);
+    platDescriptor opened = platOpenInside(place.folder, folder);
+    if (!opened)
+        return hostError();
+    *key = new HKEY__{std::move(opened), std::move(place.store)};
+    return ERROR_SUCCESS;
 }
 
 long RegCreateKeyExA(HKEY parent, const char* path, DWORD, char*, DWORD, DWORD, SECURITY_ATTRIBUTES*,
                      HKEY* key, DWORD* disposition)
 {
     Place place;
-    if (const long error = findPlace(parent, place); error != ERROR_SUCCESS)
+    std::string folder;
+    if (const long error = findKey(parent, path, true, place, folder); error != ERROR_SUCCESS)
         return error;
-    if (path == nullptr)
-        path = "";
-    const std::optional<std::string> fileName = platKeyPath(path);
-    if (!fileName)
-        return ERROR_BAD_PATHNAME;
-    DWORD outcome = REG_OPENED_EXISTING_KEY;
-    long error = openKey(place, *fileName, key);
-    if (error == ERROR_FILE_NOT_FOUND) {
-        const StoreLock lock(place.store, true);
-        const int made =
-            lock ? makeParts(place.folder, place.prefix + *fileName, partsBegin(place), true) : -1;
-        if (made < 0 || !keepWrittenNames(place, path))
-            return changeError(place);
-        if (made > 0)
-            outcome = REG_CREATED_NEW_KEY;
-        error = openKey(place, *fileName, key);
+    const std::vector<platStep> steps = stepsOf(place, path);
+    Walk walk(place, steps);
+    if (const long error = walk.Go(nullptr); error != ERROR_SUCCESS)
+        return error;
+    bool made = false;
+    if (!walk.IsWhole() || walk.LacksName()) {
+        platChange change(*place.store);
+        if (const long error = makeFolders(place, change, walk, made);
+            error != ERROR_SUCCESS && !walk.IsWhole())
+            return error;
     }
-    if (error == ERROR_SUCCESS && disposition != nullptr)
-        *disposition = outcome;
-    return error;
+    *key = new HKEY__{walk.Take(), std::move(place.store)};
+    if (disposition != nullptr)
+        *disposition = made ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
+    return ERROR_SUCCESS;
 }
 
 long RegCloseKey(HKEY key)
 {
     if (key == nullptr)
         return ERROR_INVALID_HANDLE;
-    if (rootName(key) == nullptr)
+    listings.erase({key, listedKeys});
+    listings.erase({key, listedValues});
+    if (!isRoot(key))
         delete key;
     return ERROR_SUCCESS;
 }
@@ -505,50 +474,49 @@ long RegCloseKey(HKEY key)
 long RegDeleteKeyA(HKEY parent, const char* path)
 {
     Place place;
-    if (const long error = findPlace(parent, place); error != ERROR_SUCCESS)
+    std::string folder;
+    if (const long error = findKey(parent, path, false, place, folder); error != ERROR_SUCCESS)
         return error;
-    const std::optional<std::string> fileName = platKeyPath(path == nullptr ? "" : path);
-    if (!fileName)
-        return ERROR_BAD_PATHNAME;
-    const StoreLock lock(place.store, false);
-    if (!lock)
+    platChange change(*place.store);
+    platSpot spot;
+    if (!change || !platFindSpot(place.folder, folder, spot))
         return hostError();
-    const std::size_t leaf = fileName->rfind('/') + 1; // 0 when there is none
-    const std::string name = fileName->substr(leaf);
-    platFolder around, key, deleted;
-    if (!around.OpenHost(place.folder, (place.prefix + fileName->substr(0, leaf) + '.').c_str()) ||
-        !key.OpenHost(place.folder, (place.prefix + *fileName).c_str()))
+    const platDescriptor opened = platOpenInside(spot.folder, spot.name);
+    platFolder key;
+    if (!opened)
+        return hostError();
+    if (!key.OpenHost(opened.get(), "."))
         return static_cast<long>(GetLastError());
-    if (hasSubkeys(key))
-        return ERROR_ACCESS_DENIED;
-    // The key goes in one step; what is in the way is left over from a process that was ended.
-    const auto removeDeleted = [&] {
-        return deleted.Open(around, deletedFolder, platKeepLinks) && deleted.RemoveContents(platNoLimit) &&
-               around.RemoveFolder(deletedFolder);
-    };
-    removeDeleted();
-    if (!around.Rename(name.c_str(), deletedFolder) || !removeDeleted())
-        return static_cast<long>(GetLastError());
-    removeParts(place, *fileName);
+    if (const long error = checkDeletable(key, ""); error != ERROR_SUCCESS)
+        return error;
+    if (!change.RemoveTree(spot.folder, spot.name.c_str()))
+        return hostError();
+    removeParts(place, folder);
     return ERROR_SUCCESS;
 }
 
 long RegSetValueExA(HKEY key, const char* name, DWORD, DWORD type, const unsigned char* data, DWORD size)
 {
-    Place place;
-    if (const long error = findPlace(key, place); error != ERROR_SUCCESS)
-        return error;
     if (size > largestValue)
         return ERROR_INVALID_PARAMETER;
     if (name == nullptr)
         name = "";
-    const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+    Place place;
+    if (const long error = findPlace(key, true, place); error != ERROR_SUCCESS)
+        return error;
     const std::string path = place.prefix + platValuePath(name);
-    const StoreLock lock(place.store, true);
-    if (!lock)
-        return hostError();
-    if (makeParts(place.folder, path, partsBegin(place), false) < 0 ||
-        !replaceFile(place.folder, place.prefix, path, valueText(type, name, bytes)))
+    if (path.size() >= longestPath)
+        return ERROR_FILENAME_EXCED_RANGE;
+    const std::size_t leaf = path.rfind('/') + 1; // 0 when there is none
+    std::vector<platStep> steps;
+    addSteps(steps, std::string_view(path).substr(0, leaf), {});
+    Walk walk(place, steps);
+    platChange change(*place.store);
+    bool made;
+    if (const long error = makeFolders(place, change, walk, made); error != ERROR_SUCCESS)
+        return error;
+    const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+    if (!change.Replace(walk.Folder(), path.c_str() + leaf, valueText(type, name, bytes)))
         return changeError(place);
     return ERROR_SUCCESS;
 }
@@ -556,7 +524,7 @@ long RegSetValueExA(HKEY key, const char* name, DWORD, DWORD type, const unsigne
 long RegQueryValueExA(HKEY key, const char* name, DWORD*, DWORD* type, unsigned char* data, DWORD* size)
 {
     Place place;
-    if (const long error = findPlace(key, place); error != ERROR_SUCCESS)
+    if (const long error = findPlace(key, false, place); error != ERROR_SUCCESS)
         return error;
     Value value;
     if (const long error = readValue(place, name == nullptr ? "" : name, value); error != ERROR_SUCCESS)
@@ -567,11 +535,13 @@ long RegQueryValueExA(HKEY key, const char* name, DWORD*, DWORD* type, unsigned 
 long RegDeleteValueA(HKEY key, const char* name)
 {
     Place place;
-    if (const long error = findPlace(key, place); error != ERROR_SUCCESS)
+    if (const long error = findPlace(key, false, place); error != ERROR_SUCCESS)
         return error;
-    const std::string path = platValuePath(name == nullptr ? "" : name);
-    const StoreLock lock(place.store, false);
-    if (!lock || unlinkat(place.folder, (place.prefix + path).c_str(), 0) != 0)
+    const std::string path = place.prefix + platValuePath(name == nullptr ? "" : name);
+    platChange change(*place.store);
+    platSpot spot;
+    if (!change || !platFindSpot(place.folder, path, spot) ||
+        !change.RemoveFile(spot.folder, spot.name.c_str()))
         return hostError();
     removeParts(place, path);
     return ERROR_SUCCESS;
@@ -581,11 +551,8 @@ long RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* size, DWORD*, char*
                    FILETIME* lastWrite)
 {
     Place place;
-    if (const long error = findPlace(key, place); error != ERROR_SUCCESS)
-        return error;
     std::string found;
-    if (const long error = enumerate(key, place, listedKeys, index, name, size, found);
-        error != ERROR_SUCCESS)
+    if (const long error = enumerate(key, listedKeys, index, name, size, found); error != ERROR_SUCCESS)
         return error;
     if (className != nullptr && classSize != nullptr && *classSize > 0)
         *className = '\0';
@@ -593,7 +560,10 @@ long RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* size, DWORD*, char*
         *classSize = 0;
     if (lastWrite != nullptr) {
         struct stat status = {};
-        fstatat(place.folder, (place.prefix + *platKeyPath(found)).c_str(), &status, 0);
+        if (findPlace(key, false, place) == ERROR_SUCCESS)
+            if (const platDescriptor sub = platOpenInside(place.folder, place.prefix + *platKeyPath(found));
+                sub)
+                fstat(sub.get(), &status);
         *lastWrite = platFileTime(status.st_mtim);
     }
     return ERROR_SUCCESS;
@@ -602,15 +572,21 @@ long RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* size, DWORD*, char*
 long RegEnumValueA(HKEY key, DWORD index, char* name, DWORD* size, DWORD*, DWORD* type, unsigned char* data,
                    DWORD* dataSize)
 {
-    Place place;
-    if (const long error = findPlace(key, place); error != ERROR_SUCCESS)
-        return error;
     std::string found;
-    if (const long error = enumerate(key, place, listedValues, index, name, size, found);
-        error != ERROR_SUCCESS)
+    if (const long error = enumerate(key, listedValues, index, name, size, found); error != ERROR_SUCCESS)
         return error;
+    Place place;
     Value value;
-    if ((type != nullptr || dataSize != nullptr) && readValue(place, found.c_str(), value) != ERROR_SUCCESS)
+    if ((type != nullptr || dataSize != nullptr) && (findPlace(key, false, place) != ERROR_SUCCESS ||
+                                                     readValue(place, found.c_str(), value) != ERROR_SUCCESS))
         value = {};
     return answerValue(value, type, data, dataSize);
+}
+
+// ---- batches and where the store is
+
+std::string platRegistryFolder(HKEY root)
+{
+    const std::string store = platStorePath(root == HKEY_CLASSES_ROOT);
+    return store.empty() ? store : store + (root == HKEY_CLASSES_ROOT ? "/System" : "/User");
 }

@@ -1,18 +1,27 @@
 #pragma once
 
-/// The registry, kept as a tree of plain files below the directory that QELSTD_REGISTRY names; by default
-/// `qelstd/registry` in the user's configuration directory (XDG_CONFIG_HOME, or `.config` in the home
+/// The registry, kept as a tree of plain files below the directory that QELSTD_REGISTRY names. Without that
+/// variable, the system's root is in /etc/qelstd/registry where that directory exists; all else is in
+/// `qelstd/registry` of the user's configuration directory (XDG_CONFIG_HOME, or `.config` in the home
 /// directory). docs/registry.md shows the form of the tree. Differences from Windows, on purpose:
-/// - Nothing is asked about rights: the store is the user's own (directories 0700, files 0600).
+/// - Nothing is asked about rights: a store is its user's own (directories 0700, files 0600), that in /etc
+/// may be
+///   read by everybody (0755, 0644).
 /// - A path that is empty, begins with a separator or doubles one is ERROR_BAD_PATHNAME.
 /// - Names differ by anything but ASCII case. A name has room for about 1300 bytes at the least, and for 4000
 ///   when it is of ASCII letters and digits.
-/// - An enumeration gives what was there when index 0 was asked for, whatever is changed meanwhile.
+/// - An enumeration gives what was there when the thread asked for index 0, whatever is changed meanwhile.
 ///
-/// The calls answer an error number, 0 for success; the last error says nothing about them. When no variable
-/// says where the store is, it is ERROR_ENVVAR_NOT_FOUND. Changes are made
-/// one at a time whoever makes them; a value is read whole, as it was before or after a change, and without
-/// waiting. Keys may be used by several threads. The variable is read on each call that begins at a root.
+/// The calls return an error number, 0 for success; the last error says nothing about them.
+/// ERROR_FILE_NOT_FOUND means that the key or value is certainly absent. A link inside a store is neither a
+/// key nor a value and is never followed: opening it is another error, and so is everything else that keeps a
+/// key or value from being read. When no variable says where the store is, it is ERROR_ENVVAR_NOT_FOUND.
+///
+/// Changes are made one at a time, also between processes; each is on the disk when the call returns, except
+/// in a batch. A value is read whole, as it was before or after a change, and without waiting. Keys may be
+/// used by several threads. The variables are read on each call that begins at a root.
+
+#include <string>
 
 #include <qel/platform/platformtypes.h>
 
@@ -28,13 +37,15 @@ inline constexpr DWORD REG_SZ = 1;
 inline constexpr DWORD REG_CREATED_NEW_KEY = 1;
 inline constexpr DWORD REG_OPENED_EXISTING_KEY = 2;
 
-/// Opens `path` below `parent`, creating what is missing of it.
+/// Opens `path` below `parent`. What is missing of it is created in one step; the written name of a key that
+/// has lost it is written again.
 long RegCreateKeyExA(HKEY parent, const char* path, DWORD reserved, char* className, DWORD options,
                      DWORD access, SECURITY_ATTRIBUTES* security, HKEY* key, DWORD* disposition);
 long RegOpenKeyExA(HKEY parent, const char* path, DWORD options, DWORD access, HKEY* key);
 /// A root stays open.
 long RegCloseKey(HKEY key);
-/// Deletes a key with its values. ERROR_ACCESS_DENIED when it has subkeys.
+/// Deletes a key with its values. ERROR_ACCESS_DENIED when it has subkeys, ERROR_DIR_NOT_EMPTY when its
+/// directory holds anything that is not the registry's.
 long RegDeleteKeyA(HKEY parent, const char* path);
 
 /// `data` and `size` are taken as they are, a terminator included. At most 16 MiB.
@@ -56,3 +67,14 @@ long RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* size, DWORD* reserv
 /// be read, or is gone by now, has the type REG_NONE and no data.
 long RegEnumValueA(HKEY key, DWORD index, char* name, DWORD* size, DWORD* reserved, DWORD* type,
                    unsigned char* data, DWORD* dataSize);
+
+/// The directory that keeps a root; empty when nothing says where it is.
+std::string platRegistryFolder(HKEY root);
+
+/// Between platBeginBatch and as many platEndBatch calls, the calling thread's changes are made as always,
+/// but brought to the disk by platCommitBatch only, all at once, and by the last platEndBatch. Until then, a
+/// loss of power may undo any of them or leave a value that is ERROR_FILE_CORRUPT.
+void platBeginBatch();
+/// An error number.
+long platCommitBatch();
+void platEndBatch();

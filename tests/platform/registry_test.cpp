@@ -3,11 +3,14 @@
 #include <qel/platform/errortable.h>
 #include <qel/platform/registry.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <memory>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -89,7 +92,7 @@ protected:
         });
     }
 
-    TempDir dir;
+    TempDir dir{TempDir::InMemory};
     EnvSetting store{"QELSTD_REGISTRY", dir.path("in/store")};
 };
 
@@ -192,7 +195,8 @@ TEST_F(Registry, ConfinesEveryNameToItsStore)
     std::vector<std::string> beside;
     for (const auto& entry : std::filesystem::directory_iterator(dir.path("in/store")))
         beside.push_back(entry.path().filename().string());
-    EXPECT_EQ(std::set<std::string>(beside.begin(), beside.end()), (std::set<std::string>{".lock", "User"}));
+    EXPECT_EQ(std::set<std::string>(beside.begin(), beside.end()),
+              (std::set<std::string>{".lock", ".unfinished", "User"}));
     EXPECT_FALSE(dir.has("in/passwd"));
 
     for (const std::string& name : strange) {
@@ -439,18 +443,160 @@ TEST_F(Registry, KeepsTheOldValueWhenTheNewOneCannotBeWritten)
               }),
               static_cast<int>(ERROR_FILE_TOO_LARGE));
     EXPECT_EQ(get(key, "v"), "old");
-    EXPECT_FALSE(dir.has("in/store/User/key/.new"));
+    EXPECT_TRUE(std::filesystem::is_empty(dir.path("in/store/.unfinished")));
     RegCloseKey(key);
 }
 
-TEST_F(Registry, DeletesAKeyInPlaceOfOneThatAKilledProcessHasLeft)
+TEST_F(Registry, RemovesItsOwnLeftOversOnly)
 {
-    RegCloseKey(create(HKEY_CURRENT_USER, "a\\key"));
-    dir.write("in/store/User/a/.deleted/v.value", "1 v\nhalf deleted");
-    dir.write("in/store/User/a/.deleted/sub/.name", "Sub");
-    EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "a\\key"), 0);
-    EXPECT_FALSE(dir.has("in/store/User/a/.deleted"));
-    EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "a"), 0);
+    const HKEY key = create(HKEY_CURRENT_USER, "key");
+    const std::string unfinished = "in/store/.unfinished/";
+    dir.write(unfinished + "0123456789abcdef", "1 v\nhalf written");
+    dir.write(unfinished + "fedcba9876543210/v.value", "1 v\nhalf deleted");
+    dir.write(unfinished + "fedcba9876543210/sub/.name", "Sub");
+    for (const char* name : {"notes", ".unfinished/notes", "User/key/.v.new", "User/key/.new", "User/key/x"})
+        dir.write(std::string("in/store/") + name, "the user's");
+    dir.link(dir.path("in/store/notes"), unfinished + "0000000000000000");
+
+    EXPECT_EQ(set(key, "v", "x"), 0);
+    std::set<std::string> left;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path("in/store")))
+        if (!entry.is_directory())
+            left.insert(entry.path().lexically_relative(std::string(dir.path("in/store"))));
+    EXPECT_EQ(left,
+              (std::set<std::string>{".lock", "notes", ".unfinished/0000000000000000", ".unfinished/notes",
+                                     "User/key/.new", "User/key/.v.new", "User/key/v.value", "User/key/x"}));
+    EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "key"), ERROR_DIR_NOT_EMPTY);
+    EXPECT_EQ(get(key, "v"), "x");
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, FollowsNoLinkInsideItsStore)
+{
+    const HKEY key = create(HKEY_CURRENT_USER, "a\\key");
+    EXPECT_EQ(set(key, "own", "x"), 0);
+    dir.write("outside/v.value", "1 v\nouter");
+    dir.write("outside/sub/.name", "Sub");
+    dir.makeDir("outside/" + std::string(100, 'v'));
+    const std::string longName = std::string(200, 'n') + "tail";
+    const auto link = [this](const std::string& target, const std::string& name) {
+        dir.link(target, "in/store/User/a/key/" + name);
+    };
+    link(dir.path("outside"), "linked");
+    link("..", "parent");
+    link("/", "root");
+    link("loop", "loop");
+    link("nowhere", "dangling");
+    link(dir.path("outside"), std::string(200, 'n') + "+");
+    link(dir.path("outside/v.value"), "v.value");
+    link("nowhere", "d.value");
+
+    EXPECT_EQ(namesOf(key), "");
+    EXPECT_EQ(valuesOf(key), "own|");
+    for (const std::string& name :
+         {std::string("linked"), std::string("parent"), std::string("root"), std::string("loop"),
+          std::string("dangling"), std::string("linked\\sub"), longName}) {
+        HKEY opened = nullptr;
+        EXPECT_EQ(open(key, name), ERROR_DIRECTORY) << name;
+        EXPECT_EQ(RegCreateKeyExA(key, name.c_str(), 0, nullptr, 0, 0, nullptr, &opened, nullptr),
+                  ERROR_DIRECTORY)
+            << name;
+        EXPECT_EQ(RegDeleteKeyA(key, name.c_str()), ERROR_DIRECTORY) << name;
+    }
+    for (const char* name : {"v", "d"}) {
+        EXPECT_EQ(get(key, name), "error " + std::to_string(ERROR_CANT_RESOLVE_FILENAME));
+        EXPECT_EQ(set(key, name, "x"), ERROR_CANT_RESOLVE_FILENAME);
+        EXPECT_EQ(RegDeleteValueA(key, name), ERROR_CANT_RESOLVE_FILENAME);
+    }
+    EXPECT_EQ(set(key, longName, "x"), ERROR_DIRECTORY);
+    EXPECT_EQ(RegDeleteValueA(key, longName.c_str()), ERROR_DIRECTORY);
+    EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "a\\key"), ERROR_DIR_NOT_EMPTY);
+    EXPECT_EQ(dir.read("outside/v.value"), "1 v\nouter");
+    EXPECT_TRUE(dir.has("outside/sub/.name"));
+    EXPECT_EQ(get(key, "own"), "x");
+    RegCloseKey(key);
+
+    // The store itself may be reached through links; a root is inside it.
+    dir.link("in/store", "way");
+    const EnvSetting way("QELSTD_REGISTRY", dir.path("way").c_str());
+    EXPECT_EQ(open(HKEY_CURRENT_USER, "a"), 0);
+    dir.link("User", "in/store/System");
+    EXPECT_EQ(open(HKEY_CLASSES_ROOT, "a"), ERROR_DIRECTORY);
+    EXPECT_EQ(namesOf(HKEY_CLASSES_ROOT), "error " + std::to_string(ERROR_DIRECTORY));
+}
+
+TEST_F(Registry, TakesOnlyWhatIsAbsentForAbsent)
+{
+    dir.write("file");
+    dir.link("nowhere", "dangling");
+    dir.link("loop", "loop");
+    dir.makeDir("empty");
+    const struct
+    {
+        const char* store;
+        long error;
+    } cases[] = {{"none", ERROR_FILE_NOT_FOUND},
+                 {"none/below/", ERROR_FILE_NOT_FOUND},
+                 {"empty", ERROR_FILE_NOT_FOUND},
+                 {"file", ERROR_DIRECTORY},
+                 {"file/store", ERROR_DIRECTORY},
+                 {"dangling", ERROR_CANT_RESOLVE_FILENAME},
+                 {"dangling/store/", ERROR_CANT_RESOLVE_FILENAME},
+                 {"loop", ERROR_CANT_RESOLVE_FILENAME}};
+    for (const auto& [name, error] : cases) {
+        const EnvSetting other("QELSTD_REGISTRY", dir.path(name).c_str());
+        EXPECT_EQ(open(HKEY_CURRENT_USER, "key"), error) << name;
+    }
+    dir.write("in/store/User/key");
+    EXPECT_EQ(open(HKEY_CURRENT_USER, "key"), ERROR_DIRECTORY);
+    EXPECT_EQ(open(HKEY_CURRENT_USER, "key\\below"), ERROR_DIRECTORY);
+}
+
+TEST_F(Registry, IsUnlockedThoughAForkedChildLivesOn)
+{
+    constexpr int children = 8;
+    const TempDir disk; // so that the lock is held nearly all the time
+    const EnvSetting onDisk("QELSTD_REGISTRY", disk.path("store"));
+    const HKEY key = create(HKEY_CURRENT_USER, "key");
+    std::atomic<int> changes = 0;
+    std::atomic<bool> isOver = false;
+    std::thread writer([&] {
+        for (; !isOver; ++changes)
+            EXPECT_EQ(set(key, "v", std::to_string(changes)), 0);
+    });
+    const auto getsOn = [&changes] {
+        const int before = changes;
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (changes < before + 2 && std::chrono::steady_clock::now() < end)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return changes >= before + 2;
+    };
+    std::vector<std::unique_ptr<ChildProcess>> forked; // most while the writer has the lock
+    while (static_cast<int>(forked.size()) < children && getsOn())
+        forked.push_back(std::make_unique<ChildProcess>([] { return pause(); }));
+    EXPECT_TRUE(getsOn());
+    isOver = true;
+    forked.clear();
+    writer.join();
+    RegCloseKey(key);
+}
+
+TEST_F(Registry, MakesAKeyWholeOrNotAtAll)
+{
+    // Both names need a file; the second key cannot be made.
+    const std::string path = "Upper Key\\" + std::string(3000, '$');
+    HKEY key = nullptr;
+    EXPECT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, path.c_str(), 0, nullptr, 0, 0, nullptr, &key, nullptr),
+              ERROR_FILENAME_EXCED_RANGE);
+    EXPECT_EQ(namesOf(HKEY_CURRENT_USER), "");
+
+    // A name that was lost, as by a process that was killed, is written again.
+    RegCloseKey(create(HKEY_CURRENT_USER, "Upper Key\\Sub"));
+    std::filesystem::remove(dir.path("in/store/User/upper%20key/.name"));
+    EXPECT_EQ(namesOf(HKEY_CURRENT_USER), "upper key|");
+    RegCloseKey(create(HKEY_CURRENT_USER, "Upper Key\\SUB"));
+    EXPECT_EQ(namesOf(HKEY_CURRENT_USER), "Upper Key|");
+    EXPECT_EQ(dir.read("in/store/User/upper%20key/sub/.name"), "Sub") << "one that is there stays";
 }
 
 TEST_F(Registry, WarnsOnceOfOthersWhoCanChangeIt)

@@ -1,5 +1,6 @@
 #include "hmxregistry.h"
 
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -11,7 +12,9 @@
 
 struct hmxRegistryKey::Record
 {
-    int count;
+    Record(int counted, hmxRegistry* owner, HKEY key) : count(counted), registry(owner), handle(key) {}
+
+    std::atomic<int> count;
     hmxRegistry* registry;
     HKEY handle;
 };
@@ -71,14 +74,6 @@ xrchandle<xstringsequence> listed(Enumerate enumerate)
     }
 }
 
-/// The singleton that `kept` holds, made when it is asked for first.
-hmxRegistry& singleton(hmxRegistry*& kept, hmxRegistry::Type type)
-{
-    if (kept == nullptr)
-        kept = new hmxRegistry(type, pathSeparator, refusedCharacters);
-    return *kept;
-}
-
 } // namespace
 
 // ---- keys
@@ -101,25 +96,26 @@ hmxRegistryKey::~hmxRegistryKey()
     Close();
 }
 
-void hmxRegistryKey::Close()
+bool hmxRegistryKey::Close()
 {
-    Record* const closed = record;
-    record = nullptr;
-    if (closed == nullptr || --closed->count > 0)
-        return;
-    RegCloseKey(closed->handle);
-    delete closed;
+    Record* const released = std::exchange(record, nullptr);
+    if (released == nullptr || --released->count > 0)
+        return true;
+    const std::unique_ptr<Record> last(released);
+    return done(RegCloseKey(last->handle));
 }
 
 bool hmxRegistryKey::become(Opener opener, const hmxRegistryKey& parent, const char* path)
 {
     if (!parent.IsKeyValid(path))
         return false;
-    const hmxRegistryKey held(parent);
-    Close();
-    auto made = std::make_unique<Record>(Record{1, held.record->registry, nullptr}); // before there is a key
+    // The parent is not counted: it may be a root, which all threads share. It may also be this key, which is
+    // therefore closed last.
+    auto made = std::make_unique<Record>(1, parent.record->registry, nullptr);
     void* opened = nullptr;
-    if (!done(opener(held.record->handle, path, &opened)))
+    const long error = opener(parent.record->handle, path, &opened);
+    Close();
+    if (!done(error))
         return false;
     made->handle = static_cast<HKEY>(opened);
     record = made.release();
@@ -218,27 +214,30 @@ hmxRegistry::hmxRegistry(Type type, char keySeparator, const char* invalidCharac
 {
     if (type == typeSystem || type == typeUser)
         root.record =
-            new hmxRegistryKey::Record{1, this, type == typeSystem ? HKEY_CLASSES_ROOT : HKEY_CURRENT_USER};
+            new hmxRegistryKey::Record(1, this, type == typeSystem ? HKEY_CLASSES_ROOT : HKEY_CURRENT_USER);
 }
 
 hmxRegistry& hmxRegistry::System()
 {
-    return singleton(mSystem, typeSystem);
+    static hmxRegistry& made = *(mSystem = new hmxRegistry(typeSystem, pathSeparator, refusedCharacters));
+    return made;
 }
 
 hmxRegistry& hmxRegistry::User()
 {
-    return singleton(mUser, typeUser);
+    static hmxRegistry& made = *(mUser = new hmxRegistry(typeUser, pathSeparator, refusedCharacters));
+    return made;
 }
 
 bool hmxRegistry::Open()
 {
-    ++openCount;
+    ++std::atomic_ref(openCount);
     return true;
 }
 
 void hmxRegistry::Close()
 {
-    if (openCount > 0)
-        --openCount;
+    const std::atomic_ref count(openCount);
+    for (int open = count; open > 0 && !count.compare_exchange_weak(open, open - 1);)
+        ;
 }

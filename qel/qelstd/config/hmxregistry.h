@@ -6,8 +6,9 @@
 class hmxRegistry;
 
 /// A shared handle to an open registry key, or closed. Copies share the key: it is closed with the last one.
-/// Nothing is thrown; what fails, and every call on a closed key, answers false or the null string, and
-/// GetLastError() says why. A key and its copies belong to one thread at a time.
+/// No call throws. A call that fails, and every call but Close on a closed key, returns false or the null
+/// string, and GetLastError() says why. One object is used by one thread at a time; copies of it, and keys
+/// below one parent, may be used by several threads.
 ///
 /// A key path holds none of the characters "/.:*?"; "\" in it leads to keys below. A name, of a value or of a
 /// direct subkey, holds no "\" either. Names are compared without ASCII case.
@@ -20,10 +21,12 @@ public:
     ~hmxRegistryKey();
 
     /// Closes this key and becomes the key at `path` below `parent`, which Create makes if it is missing. An
-    /// invalid path changes nothing. `parent` may be this key.
+    /// invalid path changes nothing. `parent` may be this key, and a parent that others open keys below at
+    /// the same time.
     bool Create(hmxRegistryKey& parent, const char* path);
     bool Open(hmxRegistryKey& parent, const char* path);
-    void Close();
+    /// True also for a key that is closed already.
+    bool Close();
     bool IsOpened() const { return record != nullptr; }
 
     /// Deletes a direct subkey with its values. False when it has subkeys.
@@ -65,11 +68,11 @@ public:
     hmxRegistry(const hmxRegistry&) = delete;
     hmxRegistry& operator=(const hmxRegistry&) = delete;
 
-    /// The roots of the process, made on the first call and never freed. The first calls must not race.
+    /// The roots of the process, made on the first call and never freed. Safe to call from any thread.
     static hmxRegistry& System();
     static hmxRegistry& User();
 
-    /// Counts the openings; nothing else depends on them. Open answers true.
+    /// Counts the openings; nothing else depends on them. Open returns true. Safe to call from any thread.
     bool Open();
     void Close();
 

@@ -1,0 +1,352 @@
+#include "registrystore.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
+
+#include <qel/platform/errortable.h>
+#include <qel/platform/folder.h>
+#include <qel/platform/registry.h>
+
+namespace {
+
+constexpr const char* systemStore = "/etc/qelstd/registry";
+constexpr unsigned privateFolder = 0700;
+constexpr unsigned privateFile = 0600;
+constexpr unsigned sharedFolder = 0755;
+constexpr unsigned sharedFile = 0644;
+constexpr const char* lockFile = ".lock";
+constexpr const char* unfinishedFolder = ".unfinished";
+constexpr std::size_t temporaryDigits = 16;
+
+/// What a batch of the thread has put off.
+struct Batch
+{
+    int depth = 0;
+    std::vector<std::pair<dev_t, platDescriptor>> changed; // a folder on each file system
+};
+thread_local Batch batch;
+
+std::string variable(const char* name)
+{
+    const char* const value = std::getenv(name);
+    return value == nullptr ? std::string() : value;
+}
+
+std::string userStorePath()
+{
+    if (const std::string config = variable("XDG_CONFIG_HOME"); config.starts_with('/'))
+        return config + "/qelstd/registry";
+    if (const std::string home = variable("HOME"); home.starts_with('/'))
+        return home + "/.config/qelstd/registry";
+    return {};
+}
+
+/// Whether nothing is at `path`, and the way there ends in a folder: not in a link that leads nowhere, which
+/// may be what is left of a mounted file system.
+bool isAbsent(std::string path)
+{
+    struct stat status;
+    while (lstat(path.c_str(), &status) != 0) {
+        if (errno != ENOENT)
+            return false;
+        const std::size_t slash = path.find_last_not_of('/', path.rfind('/'));
+        if (slash == std::string::npos || path.find('/') == std::string::npos)
+            return true; // below the root, or the current directory
+        path.resize(slash + 1);
+    }
+    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+/// Makes the directory `path` and those on the way to it.
+bool makeFolders(const std::string& path)
+{
+    for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+        if (mkdir(path.substr(0, end).c_str(), privateFolder) != 0 && errno != EEXIST)
+            return false;
+        if (end == std::string::npos)
+            return true;
+    }
+}
+
+/// Says once if other users can change the store: it decides who may connect to servers.
+void warnOfOtherWriters(const struct stat& status, const std::string& path)
+{
+    static std::atomic<bool> warned = false;
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !warned.exchange(true))
+        std::fprintf(stderr, "Warning: other users can write to the registry in %s\n", path.c_str());
+}
+
+/// A name that nothing else has.
+std::string temporaryName()
+{
+    constexpr char digits[] = "0123456789abcdef";
+    unsigned char random[temporaryDigits / 2];
+    std::string name;
+    if (platRetry([&] { return getrandom(random, sizeof random, 0); }) != sizeof random)
+        return name; // no file has an empty name
+    for (const unsigned char byte : random)
+        name.append({digits[byte >> 4], digits[byte & 0xF]});
+    return name;
+}
+
+bool isTemporaryName(std::string_view name)
+{
+    return name.size() == temporaryDigits &&
+           name.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
+/// Removes a file or folder that was not finished, with what is of the store's kind in it. Links and other
+/// files stay.
+void removeLeftOver(platFolder& around, const platEntry& found)
+{
+    const std::string name = found.hostName;
+    if (found.kind == platFile)
+        around.DeleteFile(name.c_str());
+    platFolder folder;
+    if (found.kind != platDirectory || !folder.Open(around, name.c_str(), platKeepLinks))
+        return;
+    platEntry entry;
+    while (folder.Read(entry))
+        if (const std::string_view inside = entry.hostName;
+            entry.kind == platFile ? inside == platNameFile || inside.ends_with(".value")
+                                   : !inside.starts_with('.'))
+            removeLeftOver(folder, entry);
+    around.RemoveFolder(name.c_str());
+}
+
+/// Whether there is a regular file or nothing; errno says what else there is.
+bool isFileOrAbsent(int folder, const char* name)
+{
+    struct stat status;
+    if (fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno == ENOENT;
+    errno = S_ISLNK(status.st_mode) ? ELOOP : EACCES;
+    return S_ISREG(status.st_mode);
+}
+
+} // namespace
+
+std::string platStorePath(bool ofSystem)
+{
+    if (std::string given = variable("QELSTD_REGISTRY"); !given.empty())
+        return given;
+    struct stat status;
+    // Whatever is there is in force: a link that leads nowhere is an error, not the user's own tree.
+    if (ofSystem && (lstat(systemStore, &status) == 0 || (errno != ENOENT && errno != ENOTDIR)))
+        return systemStore;
+    return userStorePath();
+}
+
+long platStore::Open(bool ofSystem, bool create, std::shared_ptr<const platStore>& store)
+{
+    const std::string path = platStorePath(ofSystem);
+    if (path.empty())
+        return ERROR_ENVVAR_NOT_FOUND;
+    const auto open = [&path] { return platOpenAt(AT_FDCWD, path.c_str(), O_PATH | O_DIRECTORY); };
+    platDescriptor folder(open());
+    if (!folder && errno == ENOENT) {
+        if (!isAbsent(path))
+            return ERROR_CANT_RESOLVE_FILENAME;
+        if (!create)
+            return ERROR_FILE_NOT_FOUND;
+        if (makeFolders(path))
+            folder = platDescriptor(open());
+    }
+    struct stat status = {};
+    if (!folder || fstat(folder.get(), &status) != 0)
+        return static_cast<long>(errno == ENOTDIR ? ERROR_DIRECTORY : platErrorOf(errno));
+    warnOfOtherWriters(status, path);
+    store =
+        std::make_shared<const platStore>(platStore{std::move(folder), status.st_dev, path == systemStore});
+    return ERROR_SUCCESS;
+}
+
+// ---- nodes
+
+bool platFindSpot(int folder, const std::string& path, platSpot& spot)
+{
+    spot = {platDescriptor(), folder, {}};
+    std::size_t begin = 0;
+    for (std::size_t slash; (slash = path.find('/', begin)) != std::string::npos; begin = slash + 1) {
+        spot.opened = platDescriptor(platOpenAt(spot.folder, path.substr(begin, slash - begin).c_str(),
+                                                O_PATH | O_DIRECTORY | O_NOFOLLOW));
+        if (!spot.opened)
+            return false;
+        spot.folder = spot.opened.get();
+    }
+    spot.name = path.substr(begin);
+    return true;
+}
+
+platDescriptor platOpenInside(int folder, const std::string& path)
+{
+    platSpot spot;
+    return platDescriptor(platFindSpot(folder, path, spot)
+                              ? platOpenAt(spot.folder, spot.name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW)
+                              : -1);
+}
+
+platDescriptor platOpenFileInside(int folder, const std::string& path)
+{
+    platSpot spot;
+    struct stat status;
+    return platDescriptor(platFindSpot(folder, path, spot) ? platOpenRegular(spot.folder, spot.name.c_str(),
+                                                                             O_RDONLY | O_NOFOLLOW, 0, status)
+                                                           : -1);
+}
+
+// ---- changes
+
+platChange::platChange(const platStore& changed) : store(changed), owner(getpid())
+{
+    const int folder = store.folder.get();
+    lock = platDescriptor(platOpenAt(folder, lockFile, O_RDWR | O_CREAT | O_NOFOLLOW, privateFile));
+    if (!lock || platRetry([this] { return flock(lock.get(), LOCK_EX); }) != 0)
+        return;
+    if (mkdirat(folder, unfinishedFolder, privateFolder) != 0 && errno != EEXIST)
+        return;
+    unfinished = platDescriptor(platOpenAt(folder, unfinishedFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+    if (unfinished)
+        removeUnfinished({});
+}
+
+platChange::~platChange()
+{
+    // Closing would not unlock while a child that was forked meanwhile has the descriptor, too.
+    if (lock && getpid() == owner)
+        flock(lock.get(), LOCK_UN);
+}
+
+void platChange::removeUnfinished(std::string_view name) const
+{
+    platFolder folder;
+    platEntry entry;
+    if (folder.OpenHost(unfinished.get(), "."))
+        while (folder.Read(entry))
+            if (name.empty() ? isTemporaryName(entry.hostName) : name == entry.hostName)
+                removeLeftOver(folder, entry);
+}
+
+bool platChange::write(int folder, const char* name, std::string_view text) const
+{
+    platDescriptor file(platOpenAt(folder, name, O_WRONLY | O_CREAT | O_EXCL, privateFile));
+    if (!file)
+        return false;
+    while (!text.empty()) {
+        const ssize_t count = platRetry([&] { return ::write(file.get(), text.data(), text.size()); });
+        if (count < 0)
+            return false;
+        text.remove_prefix(static_cast<std::size_t>(count));
+    }
+    // On the disk before its name is: after a loss of power, the old value is there or the new one.
+    return (!store.isShared || fchmod(file.get(), sharedFile) == 0) &&
+           (batch.depth > 0 || platRetry([&] { return fdatasync(file.get()); }) == 0) &&
+           close(file.release()) == 0;
+}
+
+bool platChange::Replace(int folder, const char* name, std::string_view text)
+{
+    const std::string temporary = temporaryName();
+    if (!isFileOrAbsent(folder, name))
+        return false;
+    if (write(unfinished.get(), temporary.c_str(), text) &&
+        renameat(unfinished.get(), temporary.c_str(), folder, name) == 0)
+        return sync(folder);
+    const int error = errno;
+    unlinkat(unfinished.get(), temporary.c_str(), 0);
+    errno = error;
+    return false;
+}
+
+bool platChange::makeTree(const std::string& name, std::span<const platStep> steps) const
+{
+    platDescriptor folder;
+    for (const platStep& step : steps) {
+        const int around = folder ? folder.get() : unfinished.get();
+        const char* const made = folder ? step.folder.c_str() : name.c_str();
+        if (mkdirat(around, made, privateFolder) != 0)
+            return false;
+        folder = platDescriptor(platOpenAt(around, made, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+        if (!folder || (store.isShared && fchmod(folder.get(), sharedFolder) != 0) ||
+            (!step.name.empty() && !write(folder.get(), platNameFile, step.name)))
+            return false;
+    }
+    return true;
+}
+
+bool platChange::Build(int folder, std::span<const platStep> steps)
+{
+    const std::string temporary = temporaryName();
+    if (makeTree(temporary, steps) &&
+        renameat(unfinished.get(), temporary.c_str(), folder, steps.front().folder.c_str()) == 0)
+        return sync(folder);
+    const int error = errno;
+    removeUnfinished(temporary);
+    errno = error;
+    return false;
+}
+
+bool platChange::RemoveTree(int folder, const char* name)
+{
+    const std::string temporary = temporaryName();
+    if (renameat(folder, name, unfinished.get(), temporary.c_str()) != 0)
+        return false;
+    // The key is gone with the rename; what is left of it may stay until the next change.
+    const bool isSynced = sync(folder);
+    const int error = errno;
+    removeUnfinished(temporary);
+    errno = error;
+    return isSynced;
+}
+
+bool platChange::RemoveFile(int folder, const char* name)
+{
+    return isFileOrAbsent(folder, name) && unlinkat(folder, name, 0) == 0 && sync(folder);
+}
+
+bool platChange::sync(int folder) const
+{
+    if (batch.depth > 0) {
+        const auto isOfDevice = [this](const auto& other) { return other.first == store.device; };
+        if (std::ranges::any_of(batch.changed, isOfDevice))
+            return true;
+        if (platDescriptor kept(fcntl(unfinished.get(), F_DUPFD_CLOEXEC, 0)); kept) {
+            batch.changed.emplace_back(store.device, std::move(kept));
+            return true;
+        }
+    }
+    const platDescriptor readable(platOpenAt(folder, ".", O_RDONLY | O_DIRECTORY));
+    // EINVAL: a file system that cannot sync a folder.
+    return readable && (platRetry([&] { return fsync(readable.get()); }) == 0 || errno == EINVAL);
+}
+
+// ---- batches
+
+void platBeginBatch()
+{
+    ++batch.depth;
+}
+
+long platCommitBatch()
+{
+    long error = ERROR_SUCCESS;
+    for (const auto& [device, folder] : std::exchange(batch.changed, {}))
+        if (syncfs(folder.get()) != 0)
+            error = static_cast<long>(platErrorOf(errno));
+    return error;
+}
+
+void platEndBatch()
+{
+    if (--batch.depth == 0)
+        platCommitBatch();
+}
