@@ -1,16 +1,29 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <thread>
+#include <vector>
 
 #include <qel/base/btksocket.h>
 #include <qel/hmxregistry.h>
 #include <qel/netrights.h>
+#include <qel/netserver.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "support/addresses.h"
 #include "support/child.h"
 #include "support/descriptors.h"
 #include "support/environment.h"
+#include "support/failingmalloc.h"
+#include "support/nameserver.h"
 #include "support/tempdir.h"
+#include "support/testserver.h"
 
 namespace {
 
@@ -20,6 +33,37 @@ void Allow(hmxRegistry& registry, const char* patterns)
     ASSERT_TRUE(key.Create(registry.root, "Software\\VRX\\svc"));
     ASSERT_TRUE(key.SetValue("ConnectionAllowed", patterns));
 }
+
+/// A connection from 10.1.2.3, which is another machine in a network of this process alone.
+class RemotePeer
+{
+public:
+    RemotePeer()
+    {
+        if (!enterOwnNetwork({"10.9.9.9", "10.1.2.3"}))
+            return;
+        EXPECT_TRUE(door.Listen(0, nullptr));
+        client = connectFrom("10.1.2.3", "10.9.9.9", door.GetPortN());
+        EXPECT_EQ(door.Wait(btkTimeval(10, 0), 1), 1);
+        EXPECT_TRUE(door.Accept(&peer));
+        EXPECT_FALSE(peer.IsPeerOnTheSameMachine());
+    }
+    RemotePeer(const RemotePeer&) = delete;
+    RemotePeer& operator=(const RemotePeer&) = delete;
+    ~RemotePeer()
+    {
+        if (client >= 0)
+            close(client);
+    }
+    /// False where nobody may make networks.
+    explicit operator bool() const { return client >= 0; }
+    btkStreamSocket* socket() const { return &peer; }
+
+private:
+    btkAcceptSocket door;
+    mutable btkStreamSocket peer;
+    int client = -1;
+};
 
 } // namespace
 
@@ -60,42 +104,266 @@ TEST(MatchAnyPattern, IsNotHeldUpByManyStars)
 TEST(IsConnectionAllowed, AsksForAMatchOfEveryValueThatThereIs)
 {
     const int result = runInChild([] {
-        if (!enterOwnNetwork({"10.9.9.9", "10.1.2.3"}))
+        const TempDir dir(TempDir::InMemory);
+        const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
+        const RemotePeer peer;
+        if (!peer)
+            return 77;
+        hmxRegistry& system = hmxRegistry::System();
+        hmxRegistry& user = hmxRegistry::User();
+        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
+        Allow(system, "10.1.* 192.168.0.5");
+        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
+        Allow(user, "192.168.*");
+        EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc"));
+        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "other"));
+        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), nullptr));
+        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), ""));
+        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "a/b"));
+        Allow(user, "10.?.2.3");
+        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
+        Allow(system, "");
+        EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc"));
+        Allow(system, "*");
+        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    if (result == 77)
+        GTEST_SKIP() << "this host lets nobody make networks";
+    EXPECT_EQ(result, 0);
+}
+
+// ---- rights that cannot be read
+
+namespace {
+
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+/// A way to keep the value of the user's root from being read.
+struct Obstacle
+{
+    const char* name;
+    std::function<void(const TempDir& dir)> apply;
+};
+
+const std::string keyFolder = "store/User/software/vrx/svc";
+const std::string valueFile = keyFolder + "/connectionallowed.value";
+
+std::function<void(const TempDir&)> valueIs(const std::string& content)
+{
+    return [content](const TempDir& dir) { dir.write(valueFile, content); };
+}
+
+/// A link with the text `target` in place of `node`.
+std::function<void(const TempDir&)> linkAt(const std::string& node, const std::string& target)
+{
+    return [=](const TempDir& dir) {
+        std::filesystem::rename(dir.path(node), dir.path("moved"));
+        dir.link(target == "moved" ? std::string(dir.path(target)) : target, node);
+    };
+}
+
+std::function<void(const TempDir&)> fileAt(const std::string& node)
+{
+    return [=](const TempDir& dir) {
+        std::filesystem::rename(dir.path(node), dir.path("moved"));
+        dir.write(node);
+    };
+}
+
+const Obstacle obstacles[] = {
+    {"a value of another type", valueIs("4 ConnectionAllowed\n....")},
+    {"a damaged value", valueIs("*")},
+    {"an empty value file", valueIs("")},
+    {"a link to a value", linkAt(valueFile, "moved")},
+    {"a value that is a loop", linkAt(valueFile, "connectionallowed.value")},
+    {"a value that leads nowhere", linkAt(valueFile, "nowhere")},
+    {"a pipe as a value",
+     [](const TempDir& dir) {
+         std::filesystem::remove(dir.path(valueFile));
+         mkfifo(dir.path(valueFile), 0600);
+     }},
+    {"a folder as a value",
+     [](const TempDir& dir) {
+         std::filesystem::remove(dir.path(valueFile));
+         dir.makeDir(valueFile);
+     }},
+    {"a link to a key", linkAt(keyFolder, "moved")},
+    {"a key that is a loop", linkAt(keyFolder, "svc")},
+    {"a key that leads nowhere", linkAt(keyFolder, "nowhere")},
+    {"a file as a key", fileAt(keyFolder)},
+    {"a key above that leads nowhere", linkAt("store/User/software", "nowhere")},
+    {"a root that is a loop", linkAt("store/User", "User")},
+    {"a root that leads nowhere", linkAt("store/User", "nowhere")},
+    {"a file as a root", fileAt("store/User")},
+    {"a store that is a loop", linkAt("store", "store")},
+    {"a store that leads nowhere", linkAt("store", "nowhere")},
+    {"a file as the store", fileAt("store")},
+    {"no right to read", [](const TempDir&) { EXPECT_EQ(seteuid(geteuid() == 0 ? 65534 : geteuid()), 0); }},
+    {"no HOME",
+     [](const TempDir&) {
+         for (const char* name : {"QELSTD_REGISTRY", "XDG_CONFIG_HOME", "HOME"})
+             unsetenv(name);
+     }},
+};
+
+} // namespace
+
+TEST(IsConnectionAllowed, AdmitsNobodyWhenTheRightsCannotBeRead)
+{
+    for (const Obstacle& obstacle : obstacles) {
+        SCOPED_TRACE(obstacle.name);
+        const int result = runInChild([&] {
+            const TempDir dir(TempDir::InMemory);
+            const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
+            const RemotePeer peer;
+            if (!peer)
+                return 77;
+            EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc")) << "there is no store";
+            Allow(hmxRegistry::User(), "*");
+            EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
+            obstacle.apply(dir);
+            CaptureStderr();
+            EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc"));
+            EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc"));
+            const std::string said = GetCapturedStderr();
+            EXPECT_TRUE(said.starts_with("netServer: no other machine may connect to \"svc\"")) << said;
+            EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+            EXPECT_EQ(seteuid(getuid()), 0);
+            return testing::Test::HasFailure() ? 1 : 0;
+        });
+        if (result == 77)
+            GTEST_SKIP() << "this host lets nobody make networks";
+        EXPECT_EQ(result, 0);
+    }
+}
+
+TEST(IsConnectionAllowed, AdmitsNobodyWithoutDescriptorsOrMemory)
+{
+    const int result = runInChild([] {
+        const TempDir dir(TempDir::InMemory);
+        const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
+        const RemotePeer peer;
+        if (!peer)
+            return 77;
+        Allow(hmxRegistry::User(), "*");
+        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
+        CaptureStderr();
+        const int next = nextDescriptor();
+        for (int most = next; most < next + 3; ++most) {
+            const DescriptorLimit few(most);
+            EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc")) << most;
+        }
+        long failures = 0;
+        for (bool struck = true; struck; ++failures) {
+            const xstring name("svc");
+            bool isAdmitted;
+            {
+                const failing::Failing failure(failures, true);
+                isAdmitted = IsConnectionAllowed(peer.socket(), name);
+                struck = failure.happened();
+            }
+            EXPECT_EQ(isAdmitted, !struck) << "with " << failures << " allocations";
+        }
+        EXPECT_GT(failures, 3);
+        const std::string said = GetCapturedStderr();
+        EXPECT_NE(said.find("too many open files"), std::string::npos) << said;
+        EXPECT_NE(said.find("out of memory"), std::string::npos) << said;
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    if (result == 77)
+        GTEST_SKIP() << "this host lets nobody make networks";
+    EXPECT_EQ(result, 0);
+}
+
+/// The program that the test below runs under strace.
+TEST(RightsProgram, ReadsRights)
+{
+    const char* const output = std::getenv("QEL_TEST_RIGHTS");
+    if (output == nullptr)
+        GTEST_SKIP() << "run by another test";
+    std::ofstream(output) << ReadConnectionRights(hmxRegistry::User(), "svc");
+}
+
+TEST(ReadConnectionRights, AreUnknownWhenTheDiskOrTheServerOfTheFilesFails)
+{
+    if (std::system("strace -qq -o /dev/null true >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "needs strace";
+    const TempDir dir(TempDir::InMemory);
+    const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
+    const EnvSetting output("QEL_TEST_RIGHTS", dir.path("state").c_str());
+    Allow(hmxRegistry::User(), "*");
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+    // At the store, on the way, and at the value.
+    const struct
+    {
+        const char* call;
+        std::string path;
+    } places[] = {{"openat", "store"}, {"openat", "store/User"}, {"openat", keyFolder}, {"read", valueFile}};
+    for (const char* error : {"EIO", "ESTALE", "ENOMEM", "ENFILE"})
+        for (const auto& [call, path] : places) {
+            const std::string command = "strace -qq -o /dev/null -f -e trace=" + std::string(call) +
+                                        " -e inject=" + call + ":error=" + error + ":when=1 -P " +
+                                        dir.path(path) + " " + self +
+                                        " --gtest_filter=RightsProgram.ReadsRights >/dev/null 2>&1";
+            dir.write("state");
+            EXPECT_EQ(std::system(command.c_str()), 0);
+            EXPECT_EQ(dir.read("state"), std::to_string(netRightsUnknown)) << call << path << error;
+        }
+}
+
+// ---- threads
+
+TEST(ReadConnectionRights, ServesThreadsThatReadAndOneThatWrites)
+{
+    constexpr int rounds = 300;
+    const TempDir dir(TempDir::InMemory);
+    const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
+    Allow(hmxRegistry::User(), "10.1.* 10.2.*");
+    std::vector<std::thread> threads;
+    for (int number = 0; number < 3; ++number)
+        threads.emplace_back([] {
+            for (int round = 0; round < rounds; ++round) {
+                const auto patterns = ReadConnectionPatterns(hmxRegistry::User(), "svc");
+                ASSERT_TRUE(patterns);
+                EXPECT_EQ(patterns->getarraysize(), 2);
+                EXPECT_FALSE(ReadConnectionPatterns(hmxRegistry::System(), "svc"));
+                EXPECT_EQ(hmxRegistry::User().root.ListSubkeys()->getarraysize(), 1);
+                const hmxRegistryKey copy(hmxRegistry::User().root);
+            }
+        });
+    for (int round = 0; round < rounds; ++round)
+        Allow(hmxRegistry::User(), round % 2 == 0 ? "a b" : "c d");
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+TEST(ReadConnectionRights, ServesTwoServersInOneProcess)
+{
+    const int result = runInChild([] {
+        if (!enterOwnNetwork({"127.0.0.1", "10.9.9.9", "10.1.2.3"}))
             return 77;
         const TempDir dir(TempDir::InMemory);
         const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
-        btkAcceptSocket door;
-        btkStreamSocket peer;
-        EXPECT_TRUE(door.Listen(0, nullptr));
-        const int client = connectFrom("10.1.2.3", "10.9.9.9", door.GetPortN());
-        EXPECT_EQ(door.Wait(btkTimeval(10, 0), 1), 1);
-        EXPECT_TRUE(door.Accept(&peer));
-        EXPECT_FALSE(peer.IsPeerOnTheSameMachine());
-
-        hmxRegistry& system = hmxRegistry::System();
-        hmxRegistry& user = hmxRegistry::User();
-        EXPECT_TRUE(IsConnectionAllowed(&peer, "svc"));
-        Allow(system, "10.1.* 192.168.0.5");
-        EXPECT_TRUE(IsConnectionAllowed(&peer, "svc"));
-        Allow(user, "192.168.*");
-        EXPECT_FALSE(IsConnectionAllowed(&peer, "svc"));
-        {
-            const DescriptorLimit none(nextDescriptor());
-            EXPECT_FALSE(IsConnectionAllowed(&peer, "svc")) << "a value that cannot be read is still there";
-        }
-        EXPECT_TRUE(IsConnectionAllowed(&peer, "other"));
-        EXPECT_TRUE(IsConnectionAllowed(&peer, nullptr));
-        EXPECT_TRUE(IsConnectionAllowed(&peer, ""));
-        EXPECT_TRUE(IsConnectionAllowed(&peer, "a/b"));
-        Allow(user, "10.?.2.3");
-        EXPECT_TRUE(IsConnectionAllowed(&peer, "svc"));
-        Allow(system, "");
-        EXPECT_FALSE(IsConnectionAllowed(&peer, "svc"));
-        Allow(system, "*");
-        EXPECT_TRUE(IsConnectionAllowed(&peer, "svc"));
-        dir.write("store/User/software/vrx/svc/connectionallowed.value", "damaged");
-        EXPECT_FALSE(IsConnectionAllowed(&peer, "svc")) << "there is a value, whatever it was";
-        close(client);
+        Allow(hmxRegistry::User(), "10.1.*");
+        const TestNameServer names;
+        ServedInThread first(netServer::Create("svc", 0)), second(netServer::Create("other", 0));
+        const auto askOften = [](int port) {
+            constexpr int times = 100;
+            for (int i = 0; i < times; ++i) {
+                btkStreamSocket socket;
+                socket.Adopt(btkFd(connectFrom("10.1.2.3", "10.9.9.9", port)));
+                socket.SetRecvLimit(btkTimeval(10, 0));
+                char byte = 2;
+                socket.Send(&byte, 1);
+                EXPECT_EQ(socket.RecvAll(&byte, 1), 1u);
+                EXPECT_EQ(byte, 1);
+            }
+        };
+        std::thread client(askOften, first.getPort());
+        askOften(second.getPort());
+        client.join();
         return testing::Test::HasFailure() ? 1 : 0;
     });
     if (result == 77)

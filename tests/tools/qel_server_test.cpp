@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -114,6 +115,17 @@ TEST(QelServer, ChecksWhoMayConnect)
     EXPECT_EQ(rights[0]["system"], nlohmann::json({"10.1.*", "10.2.0.1"}));
     EXPECT_EQ(rights[1]["admits"], "everybody");
     EXPECT_EQ(rights[2]["admits"], "nobody");
+
+    EXPECT_EQ(rights[0]["system found"], "patterns");
+    EXPECT_EQ(rights[0]["user found"], "no value");
+
+    dir.write("store/User/software/vrx/open/connectionallowed.value", "damaged");
+    const auto damaged = nlohmann::json::parse(Qel("server check --json open").output);
+    EXPECT_EQ(damaged[0]["user found"], "cannot be read: damaged file");
+    EXPECT_EQ(damaged[0]["admits"], "nobody");
+    std::filesystem::rename(dir.path("store/System"), dir.path("moved"));
+    dir.link("nowhere", "store/System");
+    EXPECT_EQ(Qel("server check").output, "qel server check: Software\\VRX\\: not a directory\n");
 
     const auto dotted = nlohmann::json::parse(Qel("server check --json files.old").output);
     EXPECT_EQ(dotted[0]["restrictable"], false);

@@ -24,8 +24,6 @@ struct Choices
     bool all = false; // with everything below
 };
 
-constexpr unsigned notFound = 2;
-constexpr unsigned accessDenied = 5;                      // also of a key that has subkeys
 constexpr std::string_view rightsKey = "software\\vrx\\"; // and the server's name, without case
 constexpr const char* rightsValue = "connectionallowed";
 
@@ -68,7 +66,7 @@ hmxRegistryKey Opened(const Choices& choices)
     hmxRegistryKey key = RootOf(choices);
     if (IsRoot(choices.key) || key.Open(key, choices.key.c_str()))
         return key;
-    if (GetLastError() == notFound)
+    if (GetLastError() == errorNotFound)
         Fail(Exit::no, choices.key, "no such key");
     FailForLastError(choices.key);
 }
@@ -82,7 +80,7 @@ std::string NameOf(const Choices& choices)
 
 [[noreturn]] void FailForValue(const Choices& choices)
 {
-    if (GetLastError() == notFound)
+    if (GetLastError() == errorNotFound)
         Fail(Exit::no, NameOf(choices), "no such value");
     FailForLastError(NameOf(choices));
 }
@@ -179,11 +177,14 @@ void DeleteKey(hmxRegistryKey& parent, const std::string& name, const std::strin
     if (parent.DeleteSubkey(name.c_str()))
         return;
     const unsigned error = GetLastError();
-    if (error == notFound)
+    if (error == errorNotFound)
         Fail(Exit::no, path, "no such key");
     hmxRegistryKey key;
-    if (error == accessDenied && key.Open(parent, name.c_str()) && !NamesIn(key.ListSubkeys(), path).empty())
+    if (error == errorAccessDenied && key.Open(parent, name.c_str()) &&
+        !NamesIn(key.ListSubkeys(), path).empty())
         Fail(Exit::no, path, "has subkeys; --all deletes them too");
+    if (error == errorNotEmpty)
+        Fail(Exit::no, path, "its folder holds files or links that are not the registry's");
     SetLastError(error);
     FailForLastError(path);
 }

@@ -5,10 +5,12 @@
 #include <vector>
 
 #include "commands.h"
+#include "files.h"
 #include <qel/base/nethandshake.h>
 #include <qel/hmxregistry.h>
 #include <qel/netaddress.h>
 #include <qel/netrights.h>
+#include <qel/platform/lasterror.h>
 
 namespace {
 
@@ -78,16 +80,28 @@ void Shutdown(const Address& address)
 
 // ---- who may connect
 
-// The patterns of one root; null where there is no value, which admits everybody.
-Json PatternsOf(hmxRegistry& registry, const std::string& server)
+// What one root says: the patterns of a value, or why it has none.
+struct Rights
 {
-    const xrchandle<xstringsequence> patterns = ReadConnectionPatterns(registry, server.c_str());
-    if (!patterns)
-        return {};
-    Json list = Json::array();
+    netRightsState state = netRightsAbsent;
+    Json patterns;           // null: no value
+    std::string description; // of the state
+};
+
+Rights RightsIn(hmxRegistry& registry, const std::string& server)
+{
+    xrchandle<xstringsequence> patterns;
+    Rights rights;
+    rights.state = ReadConnectionRights(registry, server.c_str(), &patterns);
+    if (rights.state == netRightsAbsent)
+        return {netRightsAbsent, {}, "no value"};
+    if (rights.state == netRightsUnknown)
+        return {netRightsUnknown, Json::array(), "cannot be read: " + LastErrorText()};
+    rights.description = "patterns";
+    rights.patterns = Json::array();
     for (int i = 0; i < patterns->getarraysize(); ++i)
-        list.push_back(patterns->get(i).CastToCString());
-    return list;
+        rights.patterns.push_back(patterns->get(i).CastToCString());
+    return rights;
 }
 
 const char* AdmittedBy(const Json& patterns)
@@ -97,16 +111,19 @@ const char* AdmittedBy(const Json& patterns)
 
 Json RightsOf(const std::string& server)
 {
-    Json rights;
-    rights["server"] = server;
-    rights["restrictable"] = IsConnectionRestrictable(server.c_str());
-    const bool isKey = rights["restrictable"];
-    const Json system = isKey ? PatternsOf(hmxRegistry::System(), server) : Json();
-    const Json user = isKey ? PatternsOf(hmxRegistry::User(), server) : Json();
-    rights["admits"] = AdmittedBy(system.is_null() ? user : user.is_null() || system.empty() ? system : user);
-    rights["system"] = system;
-    rights["user"] = user;
-    return rights;
+    const bool isKey = IsConnectionRestrictable(server.c_str());
+    const Rights none = {netRightsAbsent, {}, "no key can have this name"};
+    const Rights system = isKey ? RightsIn(hmxRegistry::System(), server) : none;
+    const Rights user = isKey ? RightsIn(hmxRegistry::User(), server) : none;
+    const bool systemDecides =
+        user.patterns.is_null() || (!system.patterns.is_null() && system.patterns.empty());
+    return {{"server", server},
+            {"restrictable", isKey},
+            {"admits", AdmittedBy(systemDecides ? system.patterns : user.patterns)},
+            {"system", system.patterns},
+            {"system found", system.description},
+            {"user", user.patterns},
+            {"user found", user.description}};
 }
 
 // The servers that are named in the registry and those that the name server knows.
@@ -118,10 +135,13 @@ std::set<std::string> AllServers()
     for (hmxRegistry* const registry : {&hmxRegistry::System(), &hmxRegistry::User()}) {
         hmxRegistryKey key;
         const std::string path(netRightsPath);
-        if (!key.Open(registry->root, path.substr(0, path.size() - 1).c_str()))
+        const bool isOpen = key.Open(registry->root, path.substr(0, path.size() - 1).c_str());
+        if (!isOpen && GetLastError() == errorNotFound)
             continue;
-        const xrchandle<xstringsequence> subkeys = key.ListSubkeys();
-        for (int i = 0; subkeys && i < subkeys->getarraysize(); ++i)
+        const xrchandle<xstringsequence> subkeys = isOpen ? key.ListSubkeys() : nullptr;
+        if (!subkeys)
+            FailForLastError(path);
+        for (int i = 0; i < subkeys->getarraysize(); ++i)
             names.insert(subkeys->get(i).CastToCString());
     }
     return names;

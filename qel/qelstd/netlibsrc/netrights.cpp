@@ -1,8 +1,13 @@
 #include "netrights.h"
 
-#include <algorithm>
+#include <chrono>
+#include <cstdio>
 #include <cstring>
-#include <iterator>
+#include <functional>
+#include <iostream>
+#include <mutex>
+#include <new>
+#include <string_view>
 
 #include "hmxregistry.h"
 #include <qel/base/btksocket.h>
@@ -10,44 +15,90 @@
 
 namespace {
 
-// Where the registry could not be asked, nobody can tell that there is no value: a peer that uses up the
-// descriptors is not to be admitted for it, nor is everybody because a file is damaged.
-bool IsWithoutValue()
+constexpr const char* rightsValue = "ConnectionAllowed";
+
+/// Whether the last error of the registry says for certain that there is no such key or value.
+bool IsCertainlyAbsent()
 {
-    constexpr DWORD unknown[] = {ERROR_TOO_MANY_OPEN_FILES, ERROR_NOT_ENOUGH_MEMORY, ERROR_ACCESS_DENIED,
-                                 ERROR_IO_DEVICE, ERROR_FILE_CORRUPT};
-    return std::ranges::find(unknown, GetLastError()) == std::end(unknown);
+    const DWORD error = GetLastError();
+    // The last two: no key can have that name.
+    return error == ERROR_FILE_NOT_FOUND || error == ERROR_INVALID_NAME || error == ERROR_BAD_PATHNAME;
 }
 
-bool Admits(hmxRegistry& registry, const xstring& server, const xstring& address)
+/// Says on the standard error output why nobody is admitted. Peers cause it: the same again after a minute
+/// only. Allocates nothing.
+void ReportUnknown(const char* server, const char* root, DWORD error)
 {
-    const xrchandle<xstringsequence> patterns = ReadConnectionPatterns(registry, server);
-    return !patterns || MatchAnyPattern(address, patterns);
+    using Clock = std::chrono::steady_clock;
+    constexpr auto pause = std::chrono::minutes(1);
+    static std::mutex mutex;
+    static std::size_t last = 0;
+    static Clock::time_point when;
+    const std::size_t what = std::hash<std::string_view>()(server) + 2 * error + (*root == 's' ? 1 : 0);
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        const Clock::time_point now = Clock::now();
+        if (what == last && now - when < pause)
+            return;
+        last = what;
+        when = now;
+    }
+    char why[64] = "failed", line[512];
+    FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, error, 0, why,
+                   sizeof why, nullptr);
+    std::snprintf(
+        line, sizeof line,
+        "netServer: no other machine may connect to \"%.200s\": its rights in the %s registry cannot be "
+        "read: %s (error %u)\n",
+        server, root, why, error);
+    std::cerr << line << std::flush;
+}
+
+bool Admits(hmxRegistry& registry, const char* root, const xstring& server, const xstring& address)
+{
+    xrchandle<xstringsequence> patterns;
+    const netRightsState state = ReadConnectionRights(registry, server, &patterns);
+    if (state == netRightsUnknown)
+        ReportUnknown(server.CastToCString(), root, GetLastError());
+    return state == netRightsAbsent || (state == netRightsGiven && MatchAnyPattern(address, patterns));
 }
 
 } // namespace
 
-xrchandle<xstringsequence> ReadConnectionPatterns(hmxRegistry& registry, xstring serverName)
+netRightsState ReadConnectionRights(hmxRegistry& registry, xstring serverName,
+                                    xrchandle<xstringsequence>* patterns)
 {
     const xstring path(netRightsPath, serverName.CastToCString());
     hmxRegistryKey key;
     const xstring value =
-        key.Open(registry.root, path.CastToCString()) ? key.GetValue("ConnectionAllowed") : xstring(nullptr);
-    if (value == nullptr && IsWithoutValue())
-        return nullptr;
-    return SplitPatternList(value);
+        key.Open(registry.root, path.CastToCString()) ? key.GetValue(rightsValue) : xstring(nullptr);
+    if (value == nullptr)
+        return IsCertainlyAbsent() ? netRightsAbsent : netRightsUnknown;
+    if (patterns != nullptr)
+        *patterns = SplitPatternList(value);
+    return netRightsGiven;
+}
+
+xrchandle<xstringsequence> ReadConnectionPatterns(hmxRegistry& registry, xstring serverName)
+{
+    xrchandle<xstringsequence> patterns;
+    const netRightsState state = ReadConnectionRights(registry, serverName, &patterns);
+    return state == netRightsUnknown ? SplitPatternList(nullptr) : patterns;
 }
 
 bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName)
 {
-    if (serverName == nullptr || serverName == "")
+    const char* const server = serverName.CastToCString();
+    if (server == nullptr || *server == '\0')
         return true;
-    // Local statics: the roots' first calls must not race.
-    static hmxRegistry& system = hmxRegistry::System();
-    static hmxRegistry& user = hmxRegistry::User();
-
-    const xstring address(socket->GetPeerAddrStr().c_str());
-    return Admits(system, serverName, address) && Admits(user, serverName, address);
+    try {
+        const xstring address(socket->GetPeerAddrStr().c_str());
+        return Admits(hmxRegistry::System(), "system's", serverName, address) &&
+               Admits(hmxRegistry::User(), "user's", serverName, address);
+    } catch (const std::bad_alloc&) {
+        ReportUnknown(server, "system's or the user's", ERROR_NOT_ENOUGH_MEMORY);
+        return false;
+    }
 }
 
 bool HasConnectionRights(xstring serverName)
