@@ -9,6 +9,7 @@
 #include <glib.h>
 #include <qel/hmxconfigfile.h>
 #include <qel/hmxregistry.h>
+#include <qel/reglib.h>
 
 namespace {
 
@@ -132,5 +133,43 @@ void setPlain(benchmark::State& state)
                                  nullptr);
 }
 BENCHMARK(setPlain)->Name("registry/set/g_file_set_contents");
+
+constexpr int batchSize = 2000;
+
+std::string valueOf(int i)
+{
+    return "value" + std::to_string(i);
+}
+
+void setManyOurs(benchmark::State& state)
+{
+    for (auto _ : state) {
+        regBatch batch;
+        for (int i = 0; i < batchSize; ++i)
+            key().SetValue(valueOf(i).c_str(), "10.0.0.*");
+        if (!batch.Commit())
+            state.SkipWithError("not committed");
+    }
+}
+BENCHMARK(setManyOurs)
+    ->Name("registry/set_2000_in_batch/qelstd")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+
+/// What there is without batches: each file is synced by itself.
+void setManyPlain(benchmark::State& state)
+{
+    const std::string folder = data.root + "/many";
+    std::filesystem::create_directory(folder);
+    for (auto _ : state) {
+        for (int i = 0; i < batchSize; ++i)
+            g_file_set_contents_full((folder + '/' + valueOf(i)).c_str(), "10.0.0.*", -1,
+                                     G_FILE_SET_CONTENTS_CONSISTENT, 0600, nullptr);
+    }
+}
+BENCHMARK(setManyPlain)
+    ->Name("registry/set_2000_in_batch/g_file_set_contents")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 } // namespace

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <string>
+
 #include <qel/hmxregistry.h>
 #include <qel/platform/lasterror.h>
 #include <qel/qelrtti.h>
@@ -41,7 +44,7 @@ protected:
         });
     }
 
-    TempDir dir;
+    TempDir dir{TempDir::InMemory};
     EnvSetting store{"QELSTD_REGISTRY", dir.path("store").c_str()};
     hmxRegistryKey& user = hmxRegistry::User().root;
 };
@@ -209,6 +212,44 @@ TEST_F(RegistryKeys, HoldTypedValuesAsTexts)
     EXPECT_EQ(root->OpenSubkey("still\\open"), nullptr);
     xdelete(key);
     xdelete(root);
+}
+
+TEST_F(RegistryKeys, CloseWithSuccess)
+{
+    hmxRegistryKey key;
+    EXPECT_TRUE(key.Close()) << "closed already";
+    ASSERT_TRUE(key.Create(user, "a"));
+    hmxRegistryKey copy(key);
+    EXPECT_TRUE(key.Close());
+    EXPECT_TRUE(copy.IsOpened() && copy.Close());
+    EXPECT_FALSE(copy.IsOpened());
+}
+
+TEST_F(RegistryKeys, AreSyncedOnceForABatch)
+{
+    const TempDir disk;
+    const EnvSetting onDisk("QELSTD_REGISTRY", disk.path("store").c_str());
+    constexpr int values = 2000;
+    hmxRegistryKey key;
+    ASSERT_TRUE(key.Create(user, "many"));
+    {
+        regBatch batch;
+        const auto start = std::chrono::steady_clock::now();
+        {
+            regBatch inner;
+            for (int i = 0; i < values; ++i)
+                ASSERT_TRUE(key.SetValue(("value" + std::to_string(i)).c_str(), "x"));
+        }
+        // One sync for each would take seconds; the one of all takes what others have written, too.
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+        EXPECT_TRUE(batch.Commit());
+        hmxRegistryKey below;
+        EXPECT_TRUE(below.Create(key, "Sub") && key.DeleteSubkey("sub") && key.DeleteValue("value0"));
+        EXPECT_TRUE(batch.Commit());
+    }
+    EXPECT_EQ(key.ListValues()->getarraysize(), values - 1);
+    regBatch unused;
+    EXPECT_TRUE(unused.Commit());
 }
 
 TEST_F(RegistryKeys, ThrowForMisuse)

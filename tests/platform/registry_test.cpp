@@ -13,6 +13,8 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -374,6 +376,52 @@ TEST_F(Registry, IsInTheUsersConfigurationWhenNothingElseIsSaid)
     const EnvSetting homeless("HOME", nullptr);
     EXPECT_EQ(open(HKEY_CURRENT_USER, "b"), ERROR_ENVVAR_NOT_FOUND);
     EXPECT_EQ(namesOf(HKEY_CLASSES_ROOT), "error 203");
+}
+
+TEST_F(Registry, KeepsTheSystemsRootInEtcWhereThatHasAFolderForIt)
+{
+    const int result = runInChild([this] {
+        // A folder /etc of this process alone.
+        const auto enter = [] {
+            return unshare(CLONE_NEWNS) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0;
+        };
+        if (!enter() || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("none", "/etc", "tmpfs", 0, nullptr) != 0)
+            return 77;
+        umask(077);
+        const EnvSetting none("QELSTD_REGISTRY", nullptr);
+        const EnvSetting config("XDG_CONFIG_HOME", dir.path("config").c_str());
+        RegCloseKey(create(HKEY_CLASSES_ROOT, "of the user"));
+        EXPECT_TRUE(dir.has("config/qelstd/registry/System/of%20the%20user"));
+        std::filesystem::create_directories("/etc/qelstd/registry");
+        EXPECT_EQ(open(HKEY_CLASSES_ROOT, "of the user"), ERROR_FILE_NOT_FOUND);
+        EXPECT_EQ(platRegistryFolder(HKEY_CLASSES_ROOT), "/etc/qelstd/registry/System");
+
+        const HKEY key = create(HKEY_CLASSES_ROOT, "Software\\VRX");
+        EXPECT_EQ(set(key, "v", "x"), 0);
+        RegCloseKey(key);
+        RegCloseKey(create(HKEY_CURRENT_USER, "still the user's"));
+        const std::filesystem::path system = "/etc/qelstd/registry/System";
+        const auto modeOf = [](const std::filesystem::path& path) {
+            return static_cast<unsigned>(std::filesystem::status(path).permissions());
+        };
+        EXPECT_EQ(modeOf(system), 0755u);
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(system))
+            EXPECT_EQ(modeOf(entry), entry.is_directory() ? 0755u : 0644u) << entry;
+        EXPECT_EQ(modeOf("/etc/qelstd/registry/.lock"), 0600u) << "nobody else may hold up a change";
+        {
+            const EnvSetting given("QELSTD_REGISTRY", dir.path("given").c_str());
+            EXPECT_EQ(platRegistryFolder(HKEY_CLASSES_ROOT), std::string(dir.path("given")) + "/System");
+        }
+        // A store that has been taken away for a while is not the user's tree.
+        std::filesystem::rename("/etc/qelstd/registry", "/etc/qelstd/away");
+        std::filesystem::create_symlink("/nowhere", "/etc/qelstd/registry");
+        EXPECT_EQ(open(HKEY_CLASSES_ROOT, "of the user"), ERROR_CANT_RESOLVE_FILENAME);
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    if (result == 77)
+        GTEST_SKIP() << "this host lets nobody mount";
+    EXPECT_EQ(result, 0);
 }
 
 TEST_F(Registry, IsPrivateToItsUser)

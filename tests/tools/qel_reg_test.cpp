@@ -77,6 +77,23 @@ TEST_F(QelReg, DeletesAKeyWithSubkeysOnlyWhenItIsToldTo)
     EXPECT_EQ(Qel("reg delete '\\'").status, 2);
 }
 
+TEST_F(QelReg, DeletesNothingOutsideTheStore)
+{
+    Qel("reg set 'A\\B' x 1");
+    dir.write("outside/sub/file", "the user's");
+    dir.link(dir.path("outside"), "store/User/a/linked");
+    dir.link("/", "store/User/a/b/root");
+    dir.link("..", "store/User/a/b/parent");
+    EXPECT_EQ(Qel("reg list --all").output, "A\\\n  B\\\n    x = 1\n");
+    const Outcome refused = Qel("reg delete --all A");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.output,
+              "qel reg delete: A\\B: its folder holds files or links that are not the registry's\n");
+    EXPECT_EQ(dir.read("outside/sub/file"), "the user's");
+    EXPECT_EQ(Qel("reg get 'A\\B' x").output, "1\n");
+    EXPECT_EQ(Qel("reg list 'A\\linked'").output, "qel reg list: A\\linked: not a directory\n");
+}
+
 TEST_F(QelReg, SetsNoRightsThatCanNeverApply)
 {
     for (const char* const name : {"my.server", "a:1", "a/b", "a*", "a?"})

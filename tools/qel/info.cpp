@@ -7,6 +7,7 @@
 #include <qel/base/nmsclient.h>
 #include <qel/base/nmsserver.h>
 #include <qel/filelib.h>
+#include <qel/hmxregistry.h>
 #include <qel/syslib.h>
 #include <qel/xstring.h>
 
@@ -48,6 +49,8 @@ Json Everything()
     const xstring drive = sysGetEnv("QELSTD_DRIVE_C");
     all["paths"] = {{"current directory", Text(fsGetCurDir())},
                     {"drive C", drive == nullptr ? Json("/") : Text(drive)}};
+    all["registry"] = {{"of the system", Text(hmxRegistry::System().getFolder())},
+                       {"of the user", Text(hmxRegistry::User().getFolder())}};
     all["name server"] = {{"port", nmsFindPort()}, {"answer limit in s", nmsGetAnswerLimit().ToSeconds()}};
     all["limits"] = {{"records of a name server", names.table.records},
                      {"records of a process", names.table.recordsOfOwner},

@@ -241,3 +241,9 @@ void hmxRegistry::Close()
     for (int open = count; open > 0 && !count.compare_exchange_weak(open, open - 1);)
         ;
 }
+
+xstring hmxRegistry::getFolder() const
+{
+    const std::string folder = root.IsOpened() ? platRegistryFolder(root.record->handle) : std::string();
+    return folder.empty() ? xstring(nullptr) : xstring(folder.c_str());
+}

@@ -76,6 +76,10 @@ public:
     bool Open();
     void Close();
 
+    /// The folder that keeps this root in force now, as a path of the operating system; null when nothing
+    /// says where the registry is.
+    xstring getFolder() const;
+
     hmxRegistryKey root;
 
 private:

@@ -5,6 +5,8 @@
 
 #include "qelexception.h"
 #include "qeltable.h"
+#include <qel/platform/errortable.h>
+#include <qel/platform/registry.h>
 
 constinit qelClass regKey::rtti = {.name = "reglib::Key"};
 
@@ -213,4 +215,24 @@ void regRegistry::Close()
 unsigned char regRegistry::Open()
 {
     return root.Open();
+}
+
+// ---- batches
+
+regBatch::regBatch()
+{
+    platBeginBatch();
+}
+
+regBatch::~regBatch()
+{
+    platEndBatch();
+}
+
+bool regBatch::Commit()
+{
+    const long error = platCommitBatch();
+    if (error != ERROR_SUCCESS)
+        SetLastError(static_cast<DWORD>(error));
+    return error == ERROR_SUCCESS;
 }

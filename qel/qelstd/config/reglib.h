@@ -39,8 +39,10 @@ public:
 };
 
 /// An open registry key with typed values, which are kept as texts. Not counted: whoever receives one frees
-/// it with xdelete. Used by one thread at a time. Every operation but Close throws regXKeyClosed when the key
-/// is closed, then regXNameInvalid for a path or name that breaks the rules.
+/// it with xdelete. One object is used by one thread at a time; objects for one key may be used by several
+/// threads. A change is on the disk when the call returns, except in a batch (regBatch). Every operation but
+/// Close throws regXKeyClosed when the key is closed, then regXNameInvalid for a path or name that breaks the
+/// rules.
 class QEL_API regKey : public virtual xobject
 {
     QEL_OBJECT(regKey); // "reglib::Key"
@@ -111,4 +113,21 @@ public:
 
 private:
     hmxRegistry& root;
+};
+
+/// Brings the registry changes that the thread makes while the object lives to the disk all at once:
+/// thousands of values take no longer than a few. Every change is made at once and seen by all as always;
+/// until it is committed, a loss of power (not the end of the process) may undo it, or leave a value that
+/// cannot be read. Belongs to the thread that made it; batches may be nested.
+class QEL_API regBatch
+{
+public:
+    regBatch();
+    regBatch(const regBatch&) = delete;
+    regBatch& operator=(const regBatch&) = delete;
+    /// Commits what has not been, without a word on whether that worked.
+    ~regBatch();
+
+    /// Brings the changes up to now to the disk. False when that failed; GetLastError() says why.
+    bool Commit();
 };
