@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <utility>
 #include <vector>
 
@@ -12,6 +11,7 @@
 #include <sys/file.h>
 #include <sys/random.h>
 
+#include <qel/base/btkenvironment.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/folder.h>
 #include <qel/platform/registry.h>
@@ -37,8 +37,9 @@ thread_local Batch batch;
 
 std::string variable(const char* name)
 {
-    const char* const value = std::getenv(name);
-    return value == nullptr ? std::string() : value;
+    std::string value;
+    btkEnvironment::Get(name, value);
+    return value;
 }
 
 std::string userStorePath()

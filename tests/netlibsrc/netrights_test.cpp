@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -21,6 +22,7 @@
 #include "support/descriptors.h"
 #include "support/environment.h"
 #include "support/failingmalloc.h"
+#include "support/longrun.h"
 #include "support/nameserver.h"
 #include "support/tempdir.h"
 #include "support/testserver.h"
@@ -315,28 +317,33 @@ TEST(ReadConnectionRights, AreUnknownWhenTheDiskOrTheServerOfTheFilesFails)
 
 // ---- threads
 
-TEST(ReadConnectionRights, ServesThreadsThatReadAndOneThatWrites)
+TEST(ReadConnectionRights, ServesThreadsThatReadTheSameAndWriteTheirOwn)
 {
-    constexpr int rounds = 300;
     const TempDir dir(TempDir::InMemory);
     const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
-    Allow(hmxRegistry::User(), "10.1.* 10.2.*");
+    hmxRegistry& user = hmxRegistry::User();
+    Allow(user, "10.1.* 10.2.*");
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(ofALongRun(1, 600));
+    std::atomic<int> rounds = 0;
     std::vector<std::thread> threads;
-    for (int number = 0; number < 3; ++number)
-        threads.emplace_back([] {
-            for (int round = 0; round < rounds; ++round) {
-                const auto patterns = ReadConnectionPatterns(hmxRegistry::User(), "svc");
+    for (int number = 0; number < 4; ++number)
+        threads.emplace_back([&, number] {
+            const std::string own = "own" + std::to_string(number);
+            for (; std::chrono::steady_clock::now() < end; ++rounds) {
+                const auto patterns = ReadConnectionPatterns(user, "svc");
                 ASSERT_TRUE(patterns);
                 EXPECT_EQ(patterns->getarraysize(), 2);
                 EXPECT_FALSE(ReadConnectionPatterns(hmxRegistry::System(), "svc"));
-                EXPECT_EQ(hmxRegistry::User().root.ListSubkeys()->getarraysize(), 1);
-                const hmxRegistryKey copy(hmxRegistry::User().root);
+                hmxRegistryKey key(user.root);
+                ASSERT_TRUE(key.Create(key, own.c_str()) && key.SetValue("v", own.c_str()));
+                EXPECT_TRUE(key.GetValue("v") == own.c_str());
+                EXPECT_GE(user.root.ListSubkeys()->getarraysize(), 2) << "Software and " << own;
+                EXPECT_TRUE(key.Close() && hmxRegistryKey(user.root).DeleteSubkey(own.c_str()));
             }
         });
-    for (int round = 0; round < rounds; ++round)
-        Allow(hmxRegistry::User(), round % 2 == 0 ? "a b" : "c d");
     for (std::thread& thread : threads)
         thread.join();
+    EXPECT_GT(rounds, 4);
 }
 
 TEST(ReadConnectionRights, ServesTwoServersInOneProcess)
