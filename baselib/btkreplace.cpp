@@ -45,7 +45,9 @@ bool isNotKept(int error)
 
 bool dropList(btkHandle file, const char* name)
 {
-    return fremovexattr(file, name) == 0 || errno == ENODATA || isNotKept(errno);
+    // Nearly always there is none, and asking is cheaper than removing.
+    return fgetxattr(file, name, nullptr, 0) < 0 || fremovexattr(file, name) == 0 || errno == ENODATA ||
+           isNotKept(errno);
 }
 
 /// The permission bits of the group in an access list in the host's form, within the list's mask; none when
@@ -96,19 +98,25 @@ bool copyAttributes(btkHandle from, btkHandle to, bool isFolder, mode_t& mode)
         const ssize_t length = flistxattr(from, names.get(), largestAttribute);
         if (length < 0)
             return false;
+        std::size_t size = 0;
         for (const char* name = names.get(); name < names.get() + length; name += std::strlen(name) + 1) {
-            const bool isAccess = std::strcmp(name, accessList) == 0;
-            const bool isDefault = std::strcmp(name, defaultList) == 0;
-            if (!isAccess && !(isDefault && isFolder) && !std::string_view(name).starts_with("user."))
-                continue;
-            std::size_t size = 0;
-            const bool copied = copyAttribute(from, to, name, value.get(), size);
-            if (!copied && !isNotKept(errno))
+            hasAccess |= std::strcmp(name, accessList) == 0;
+            hasDefault |= isFolder && std::strcmp(name, defaultList) == 0;
+            if (std::string_view(name).starts_with("user.") &&
+                !copyAttribute(from, to, name, value.get(), size) && !isNotKept(errno))
                 return false;
-            if (!copied && isAccess)
-                mode = (mode & ~static_cast<mode_t>(S_IRWXG)) | groupBits(value.get(), size);
-            hasAccess |= copied && isAccess;
-            hasDefault |= copied && isDefault;
+        }
+        // The lists come last: they may keep their owner from setting attributes.
+        if (hasDefault && !copyAttribute(from, to, defaultList, value.get(), size)) {
+            if (!isNotKept(errno))
+                return false;
+            hasDefault = false;
+        }
+        if (hasAccess && !copyAttribute(from, to, accessList, value.get(), size)) {
+            if (!isNotKept(errno))
+                return false;
+            mode = (mode & ~static_cast<mode_t>(S_IRWXG)) | groupBits(value.get(), size);
+            hasAccess = false;
         }
     }
     return (hasAccess || dropList(to, accessList)) && (!isFolder || hasDefault || dropList(to, defaultList));
@@ -155,6 +163,25 @@ bool hasKeptWrites(const btkFd& file)
     return copy && (close(copy.Release()) == 0 || errno == EINTR);
 }
 
+/// Where this process finds its open files by name.
+constexpr const char* openFiles = "/proc/self/fd/";
+
+/// Gives an open file without a name the name `name`.
+bool linkOpen(btkHandle file, int folder, const char* name)
+{
+    // Older kernels want a capability for the first way.
+    return linkat(file, "", folder, name, AT_EMPTY_PATH) == 0 ||
+           (errno == ENOENT && linkat(AT_FDCWD, (openFiles + std::to_string(file)).c_str(), folder, name,
+                                      AT_SYMLINK_FOLLOW) == 0);
+}
+
+/// Whether an open file without a name can be given one.
+bool canLinkOpen()
+{
+    static const bool can = access(openFiles, X_OK) == 0;
+    return can;
+}
+
 bool renameToFree(int folder, const char* name, const char* newName)
 {
     if (renameat2(folder, name, folder, newName, RENAME_NOREPLACE) == 0)
@@ -190,6 +217,26 @@ bool btkSyncFolder(btkHandle folder)
     return readable && retried([&] { return fsync(readable.Get()); }) == 0;
 }
 
+bool btkReplaceByLink(btkHandle folder, const char* text, const char* name)
+{
+    std::string own;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        if (!newName(own))
+            return false;
+        if (symlinkat(text, folder, own.c_str()) == 0) {
+            if (renameat(folder, own.c_str(), folder, name) == 0)
+                return true;
+            const int error = errno;
+            unlinkat(folder, own.c_str(), 0);
+            errno = error;
+            return false;
+        }
+        if (errno != EEXIST)
+            return false;
+    }
+    return false;
+}
+
 btkReplacement::~btkReplacement()
 {
     const int error = errno;
@@ -198,42 +245,72 @@ btkReplacement::~btkReplacement()
     errno = error;
 }
 
-bool btkReplacement::Create(btkHandle inFolder)
+bool btkReplacement::Create(btkHandle inFolder, Name name)
 {
     folder = inFolder;
     creator = getpid();
+    if (name == Unnamed && canLinkOpen()) {
+        file = btkFd(
+            retried([&] { return openat(folder, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, S_IRUSR | S_IWUSR); }));
+        if (file || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
+            return static_cast<bool>(file);
+    }
     for (int attempt = 0; attempt < attempts; ++attempt)
-        if (createOnce() || errno != EEXIST)
+        if (createNamed() || errno != EEXIST)
             return static_cast<bool>(file);
     return false;
 }
 
 /// EEXIST: another name is to be tried.
-bool btkReplacement::createOnce()
+bool btkReplacement::createNamed()
 {
     std::string name;
     if (!newName(name))
         return false;
-    btkFd made(retried([&] {
+    file = btkFd(retried([&] {
         return openat(folder, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY,
                       S_IRUSR | S_IWUSR);
     }));
-    if (!made)
+    if (!file)
         return false;
-    // The lock shows that the file is in use. Before it was there, the file may have been taken for a
-    // left-over. It stays until the descriptor is closed.
-    btkRangeLock lock(made.Get(), lockedByte, 1);
+    // Before the lock was there, the file may have been taken for a left-over.
     struct stat status;
-    const bool busy = lock.Try(btkRangeLock::Exclusive) == btkRangeLock::Busy;
-    lock.Leave();
-    if (busy || fstat(made.Get(), &status) != 0 || status.st_nlink == 0) {
+    if (!lockIt() || fstat(file.Get(), &status) != 0 || status.st_nlink == 0) {
         unlinkat(folder, name.c_str(), 0);
+        file.Reset();
         errno = EEXIST;
         return false;
     }
-    file = std::move(made);
     ownName = std::move(name);
     return true;
+}
+
+/// Shows that the file is in use, until its descriptor is closed. False when another opening of it shows
+/// that.
+bool btkReplacement::lockIt()
+{
+    btkRangeLock lock(file.Get(), lockedByte, 1);
+    const bool busy = lock.Try(btkRangeLock::Exclusive) == btkRangeLock::Busy;
+    lock.Leave();
+    return !busy;
+}
+
+/// Gives the file a name that nobody has.
+bool btkReplacement::nameIt()
+{
+    lockIt();
+    std::string name;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        if (!newName(name))
+            return false;
+        if (linkOpen(file.Get(), folder, name.c_str())) {
+            ownName = std::move(name);
+            return true;
+        }
+        if (errno != EEXIST)
+            return false;
+    }
+    return false;
 }
 
 bool btkReplacement::Write(const void* content, std::size_t size)
@@ -247,9 +324,13 @@ bool btkReplacement::TakePlace(const char* name, Durability durability, Existing
         return false;
     if (!hasKeptWrites(file))
         return false;
-    const bool renamed = existing == Replaced ? renameat(folder, ownName.c_str(), folder, name) == 0
-                                              : renameToFree(folder, ownName.c_str(), name);
-    if (!renamed)
+    const bool isPlaced =
+        ownName.empty() && existing == Kept
+            ? linkOpen(file.Get(), folder, name)
+            : (!ownName.empty() || nameIt()) &&
+                  (existing == Replaced ? renameat(folder, ownName.c_str(), folder, name) == 0
+                                        : renameToFree(folder, ownName.c_str(), name));
+    if (!isPlaced)
         return false;
     ownName.clear();
     if (durability == Synced)

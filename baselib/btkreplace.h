@@ -22,10 +22,14 @@ BASE_API bool btkCopyRights(btkHandle from, btkHandle to, unsigned modeBits = 07
 /// where the folder may not be read.
 BASE_API bool btkSyncFolder(btkHandle folder);
 
+/// Makes `name` in the open folder a soft link with `text`, in one step where something else has the name,
+/// which must be no folder. False with the reason in errno.
+BASE_API bool btkReplaceByLink(btkHandle folder, const char* text, const char* name);
+
 /// A new file that is to take the place of another one in its folder, in one step: whoever opens the name,
 /// and whenever this process is killed, finds the old file or the whole new one. Until then the new file has
-/// a name that nobody knows, and it is removed with the object. Used by one thread at a time; a forked
-/// child's copy of the object removes nothing.
+/// no name, or one that nobody knows, and it is removed with the object. Used by one thread at a time; a
+/// forked child's copy of the object removes nothing.
 class BASE_API btkReplacement
 {
 public:
@@ -33,6 +37,8 @@ public:
     enum Durability { Synced, Unsynced };
     /// What becomes of another file that has the name.
     enum Existing { Replaced, Kept };
+    /// Whether the file has a name before TakePlace. Without one a process that is killed leaves nothing.
+    enum Name { Unnamed, Named };
 
     btkReplacement() = default;
     btkReplacement(const btkReplacement&) = delete;
@@ -41,8 +47,11 @@ public:
 
     /// Makes the file in the open folder, which stays the caller's and must stay open; a descriptor that only
     /// names the folder will do. Until btkCopyRights, or another call, changes that, the file is its owner's
-    /// alone. False with the reason in errno.
-    bool Create(btkHandle inFolder);
+    /// alone. It is named all the same where the file system has no files without a name. False with the
+    /// reason in errno.
+    bool Create(btkHandle inFolder, Name name = Unnamed);
+    /// Whether the file has a name that would stay if this process were killed.
+    bool IsNamed() const { return !ownName.empty(); }
     /// The new file, open for reading and writing. -1 before Create.
     btkHandle Get() const { return file.Get(); }
     /// Appends `size` bytes. False with the reason in errno.
@@ -57,7 +66,9 @@ public:
     static void RemoveLeftOvers(btkHandle folder);
 
 private:
-    bool createOnce();
+    bool createNamed();
+    bool nameIt();
+    bool lockIt();
 
     btkHandle folder = -1;
     btkFd file;

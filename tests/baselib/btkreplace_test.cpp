@@ -79,7 +79,7 @@ TEST_F(Replacement, TakesAPlaceInOneStepOrIsGone)
     dir.write("a", "old");
     {
         btkReplacement next;
-        ASSERT_TRUE(next.Create(folder.Get()));
+        ASSERT_TRUE(next.Create(folder.Get(), btkReplacement::Named));
         ASSERT_TRUE(next.Write("new", 3));
         const std::vector<std::string> both = names();
         ASSERT_EQ(both.size(), 2u);
@@ -104,16 +104,40 @@ TEST_F(Replacement, TakesAPlaceInOneStepOrIsGone)
     EXPECT_EQ(names(), (std::vector<std::string>{"a", "b"}));
 }
 
+TEST_F(Replacement, NeedsNoNameUntilItTakesAPlace)
+{
+    dir.write("a", "old");
+    btkReplacement next, replacing;
+    ASSERT_TRUE(next.Create(folder.Get()) && replacing.Create(folder.Get()));
+    if (next.IsNamed())
+        GTEST_SKIP() << "needs a file system with files without names";
+    EXPECT_EQ(names(), std::vector<std::string>{"a"});
+
+    EXPECT_FALSE(next.TakePlace("a", btkReplacement::Unsynced, btkReplacement::Kept));
+    EXPECT_EQ(errno, EEXIST);
+    EXPECT_EQ(dir.read("a"), "old");
+    EXPECT_TRUE(next.TakePlace("b", btkReplacement::Unsynced, btkReplacement::Kept));
+    ASSERT_TRUE(replacing.Write("new", 3));
+    dir.makeDir("c");
+    EXPECT_FALSE(replacing.TakePlace("c"));
+    EXPECT_TRUE(replacing.TakePlace("a"));
+    EXPECT_EQ(dir.read("a"), "new");
+    EXPECT_TRUE(btkReplaceByLink(folder.Get(), "any/text", "b"));
+    EXPECT_EQ(std::filesystem::read_symlink(dir.path("b")), "any/text");
+    EXPECT_FALSE(btkReplaceByLink(folder.Get(), "any/text", "c"));
+    EXPECT_EQ(names(), (std::vector<std::string>{"a", "b", "c"}));
+}
+
 TEST_F(Replacement, RemovesWhatTheDeadHaveLeftAndNothingElse)
 {
     EXPECT_EQ(runInChild([&] {
                   static btkReplacement left;
-                  return left.Create(folder.Get()) ? 0 : 1;
+                  return left.Create(folder.Get(), btkReplacement::Named) ? 0 : 1;
               }),
               0);
     ASSERT_EQ(names().size(), 1u);
     btkReplacement inUse;
-    ASSERT_TRUE(inUse.Create(folder.Get()));
+    ASSERT_TRUE(inUse.Create(folder.Get(), btkReplacement::Named));
     dir.write(".qelnew-mine");
     dir.write(".config.new");
     dir.makeDir(".qelnew-0123456789abcdef");
