@@ -168,14 +168,15 @@ TEST(netBaseServer, ReportsWhatAHandlerThrowsAndLetsItLeaveTheLoop)
     const Owned<netBaseServer> server = makeServer();
     RequestHandler failing([](netSocketStream* accepted) -> netServerLoopAction {
         const Owned<netSocketStream> stream(accepted);
-        throw std::runtime_error("no");
+        throw std::runtime_error("no\nway");
     });
     server->setOnRequest(&failing);
     const Owned<netSocketStream> stream = connectTo(*server);
     testing::internal::CaptureStderr();
     EXPECT_THROW(server->Run(), std::runtime_error);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "netlib::BaseServer, port " + std::to_string(server->getPortN()) + ", client 127.0.0.1: no\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "netlib::BaseServer, port " +
+                                                          std::to_string(server->getPortN()) +
+                                                          ", client 127.0.0.1: no way\n");
     EXPECT_TRUE(isClosed(*stream));
 }
 

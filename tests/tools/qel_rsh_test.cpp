@@ -287,9 +287,9 @@ TEST(QelRshd, RefusesToServeTheWorld)
     EXPECT_EQ(Qel("rshd --port 0 --name 'a.b'").status, 2);
 
     EXPECT_EQ(allow("10.1.* 192.168.0.5"), 0);
-    const auto answer = [](const char* from, int port) { // to the byte that asks for a connection
+    const auto answer = [](const char* from, int port,
+                           char byte = 0) { // to the byte that asks for a connection
         const btkFd socket(connectFrom(from, "10.9.9.9", port));
-        char byte = 0;
         return socket && btkWrite(socket.Get(), &byte, 1) == 1 && btkRead(socket.Get(), &byte, 1) == 1 ? byte
                                                                                                        : -1;
     };
@@ -302,6 +302,8 @@ TEST(QelRshd, RefusesToServeTheWorld)
                       return 1;
                   if (answer("10.2.2.3", port) != 0)
                       return 2;
+                  if (answer("10.2.2.3", port, 1) != 1 || answer("10.2.2.3", port, 7) != -1)
+                      return 4; // a ping is answered whoever asks, an unknown code never is
                   std::filesystem::remove_all(dir.path());
                   return answer("10.1.2.3", port) == 0 ? 0 : 3; // without a list nobody may come
               }),

@@ -83,7 +83,10 @@ void Report(netBaseServer& server, const std::string& peer, const std::string& t
     line += ", port " + std::to_string(server.getPortN());
     if (!peer.empty())
         line += ", client " + peer;
-    std::cerr << line + ": " + text + '\n' << std::flush;
+    line += ": " + text;
+    std::replace_if(
+        line.begin(), line.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; }, ' ');
+    std::cerr << line + '\n' << std::flush;
 }
 
 // What a failure says of itself, else what it is.
