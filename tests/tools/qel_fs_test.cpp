@@ -86,6 +86,11 @@ TEST_F(QelFs, TakesAndPrintsNamesAsTheHostHasThem)
     EXPECT_EQ(fs("rm --native a::b").status, 1);
     EXPECT_EQ(fs("rm -r C:note x::y 'b\\s' D:copy").output, "");
     EXPECT_EQ(fs("ls").output, "note\nsub\n");
+
+    const std::string there = "cd " + dir.path() + " && " QEL_PROGRAM; // the other commands that take files
+    EXPECT_EQ(Line(there + " conf set C:conf a 1").status, 0);
+    EXPECT_EQ(Line(there + " mon create C:mon").status, 0);
+    EXPECT_TRUE(dir.has("C:conf") && dir.has("C:mon"));
 }
 
 TEST_F(QelFs, NamesThePathThatIsAtFault)

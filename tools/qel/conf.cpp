@@ -42,7 +42,7 @@ std::string Pressed(const std::string& key)
 std::string HoldersOf(const std::string& path)
 {
     std::string text;
-    const xrchandle<xintsequence> holders = hmxConfigFile::GetHolders(path.c_str());
+    const xrchandle<xintsequence> holders = hmxConfigFile::GetHolders(PathOf(path).c_str());
     for (int i = 0; i < holders->getarraysize(); ++i) {
         const std::string process = std::to_string(holders->get(i));
         std::string name;
@@ -57,7 +57,7 @@ std::string HoldersOf(const std::string& path)
 [[noreturn]] void FailToOpen(const std::string& path)
 {
     constexpr unsigned accessDenied = 5; // also of what is no file
-    if (GetLastError() == accessDenied && fshIsDirectory(path.c_str()) == 1)
+    if (GetLastError() == accessDenied && fshIsDirectory(PathOf(path).c_str()) == 1)
         Fail(Exit::no, path, "is a directory");
     if (GetLastError() == isLocked)
         Fail(Exit::peer, path, "is in use" + HoldersOf(path));
@@ -81,14 +81,15 @@ bool OpenInTurn(const std::string& path, const Choices& choices, const std::func
 void Open(hmxConfigFile& file, const Choices& choices, hmxConfigFile::OpenMode mode)
 {
     if (!OpenInTurn(choices.file, choices,
-                    [&](double limit) { return file.Open(choices.file.c_str(), mode, limit); }))
+                    [&](double limit) { return file.Open(PathOf(choices.file).c_str(), mode, limit); }))
         FailToOpen(choices.file);
 }
 
 bool Check(const std::string& path, const Choices& choices, hmxConfigOddityHandler& handler)
 {
-    return OpenInTurn(path, choices,
-                      [&](double limit) { return hmxConfigFile::Check(path.c_str(), handler, limit); });
+    return OpenInTurn(path, choices, [&](double limit) {
+        return hmxConfigFile::Check(PathOf(path).c_str(), handler, limit);
+    });
 }
 
 void Close(hmxConfigFile& file, const std::string& path)

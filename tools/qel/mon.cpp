@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "files.h"
 #include "monitor.h"
 #include <qel/xstring.h>
 
@@ -77,7 +78,7 @@ void Create(const Choices& choices)
     if (!choices.replaces && std::filesystem::exists(choices.path, ignored))
         Fail(Exit::no, choices.path, "there is a file; --replace empties it");
     OnFile(choices, [&] {
-        const Monitor file(monFile::Create(choices.path.c_str(), choices.title.c_str()));
+        const Monitor file(monFile::Create(PathOf(choices.path).c_str(), choices.title.c_str()));
         if (file == nullptr)
             Fail(Exit::peer, choices.path, "cannot be written");
     });
@@ -166,7 +167,7 @@ void AddParameter(CLI::App& command, std::string& name)
 Monitor OpenMonitor(const std::string& path)
 {
     try {
-        if (Monitor file{monFile::Open(path.c_str())})
+        if (Monitor file{monFile::Open(PathOf(path).c_str())})
             return file;
     } catch (xthrowable* thrown) {
         throw FailureOf(thrown, Exit::peer, path);
@@ -233,7 +234,7 @@ std::vector<std::string> KnownParameters(const Typed& typed)
     if (typed.arguments.empty())
         return names;
     try {
-        const Monitor file(monFile::Open(typed.arguments.front().c_str()));
+        const Monitor file(monFile::Open(PathOf(typed.arguments.front()).c_str()));
         if (file != nullptr)
             for (monParam* const parameter : ParametersOf(*file))
                 names.emplace_back(parameter->getName().CastToCString());

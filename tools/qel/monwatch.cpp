@@ -8,6 +8,7 @@
 #include <map>
 #include <sstream>
 
+#include "files.h"
 #include "monitor.h"
 #include <qel/base/btkfd.h>
 #include <qel/iopipe.h>
@@ -58,7 +59,7 @@ public:
         sample.time = now.count();
         try {
             if (file == nullptr)
-                file.reset(monFile::Open(choices.path.c_str()));
+                file.reset(monFile::Open(PathOf(choices.path).c_str()));
             if (file == nullptr)
                 sample.problem = "not there yet";
             else
