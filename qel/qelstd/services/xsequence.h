@@ -236,7 +236,7 @@ public:
     ~xtcsequence() override
     {
         while (this->data != nullptr) { // what an element holds may add others while it goes
-            const unsigned n = this->used / sizeof(T);
+            const auto n = static_cast<unsigned>(this->used / sizeof(T));
             char* const block = this->giveUpBlock();
             destroy(reinterpret_cast<T*>(block), n);
             std::free(block);
