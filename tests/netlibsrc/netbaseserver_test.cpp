@@ -512,7 +512,7 @@ TEST(AsyncRequest, BlocksNoLongerThanTheGracePeriodOnceItWasToldToStop)
     busy.join();
     EXPECT_EQ(timedOut, 3);
     EXPECT_GE(taken, 0.29);
-    EXPECT_LT(taken, 0.3 * 1.1 + 0.25); // 0.05 on a machine that is not loaded
+    EXPECT_LT(taken, 1.0); // 0.38 on a machine that is not loaded
 }
 
 TEST(AsyncRequest, ThatCannotStartLosesItsConnectionOnly)
