@@ -493,10 +493,6 @@ netServerLoopAction netBaseServer::PreprocessRequest(btkStreamSocket* /*socket*/
     return netServerNoDecision;
 }
 
-void netBaseServer::OnRefused(netSocketStream* /*stream*/)
-{
-}
-
 netServerLoopAction netBaseServer::OnRequest(netSocketStream* stream)
 {
     return onRequest != nullptr ? onRequest->Invoke(this, stream) : netServerNoDecision;
@@ -518,9 +514,8 @@ void netBaseServer::Loop::SpawnAsyncRequest(netSocketStream* stream)
 {
     if (StartAsyncRequest(stream))
         return;
-    const std::unique_ptr<netSocketStream, qelDelete> refused(stream);
     std::cout << "netBaseServer::SpawnAsyncRequest: create thread failed" << std::endl;
-    server.OnRefused(stream);
+    xdelete(stream);
 }
 
 bool netBaseServer::Loop::StartAsyncRequest(netSocketStream* stream)

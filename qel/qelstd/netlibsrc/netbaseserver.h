@@ -184,10 +184,6 @@ protected:
     void SetSilentPlaces(int most);
     int GetSilentPlaces() const;
 
-    /// Called with the stream of an asynchronous request that no thread is there for, before it is closed;
-    /// the base does nothing. Runs in the loop's thread, so it must not wait for the client.
-    virtual void OnRefused(netSocketStream* stream);
-
 private:
     friend class netAsyncRequest;
 
