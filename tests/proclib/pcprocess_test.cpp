@@ -5,8 +5,8 @@
 #include <memory>
 
 #include "iosupport.h"
-#include "support/descriptors.h"
 #include "support/child.h"
+#include "support/descriptors.h"
 #include "support/environment.h"
 #include "support/programs.h"
 #include "support/tempdir.h"
