@@ -1,11 +1,16 @@
 #include "nmsserver.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
 #include <new>
 #include <poll.h>
 
 #include <qel/base/btkevent.h>
+#include <qel/base/btkreplace.h>
 #include <qel/base/btksystem.h>
 
 #include "btkpoll_p.h"
@@ -19,6 +24,34 @@ constexpr std::size_t fixedPlaces = 3; // of what is waited for beside the clien
 constexpr std::size_t receiveSize = 16384;
 constexpr std::size_t sendSize = 65536;
 constexpr int sendsInTurn = 4; // then the other clients have theirs
+constexpr btkTimeval saveDelay(0, 500000);
+constexpr btkTimeval reportInterval(60, 0);
+
+// Whose records count together: those of one address, of IPv6 those of one network, of which every machine
+// has more addresses than there is room; empty: this machine.
+std::string HolderOf(const btkStreamSocket& client)
+{
+    if (client.IsPeerOnTheSameMachine())
+        return {};
+    std::string address = client.GetPeerAddrStr();
+    in6_addr bytes = {};
+    if (inet_pton(AF_INET6, address.c_str(), &bytes) == 1)
+        address.assign(reinterpret_cast<const char*>(bytes.s6_addr), 8);
+    return address;
+}
+
+// The folder of a file, and what is left of its path there.
+btkFd OpenFolderOf(const std::string& path)
+{
+    const std::size_t slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    return btkFd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+const char* NameOf(const std::string& path)
+{
+    return path.c_str() + path.rfind('/') + 1; // without one: npos + 1 is 0
+}
 
 } // namespace
 
@@ -70,7 +103,11 @@ bool nmsServer::Listen()
         if (!signals)
             return false;
     }
-    return stop >= 0 && door.Listen(options.port, options.interface);
+    if (stop < 0 || !door.Listen(options.port, options.interface))
+        return false;
+    if (!options.stateFile.empty())
+        LoadState();
+    return true;
 }
 
 void nmsServer::Stop()
@@ -92,6 +129,9 @@ void nmsServer::Run()
         DropLate();
         if (!isStopping)
             AcceptClients();
+        ReportRefusals();
+        if (saveAt <= btkTimeval::Now())
+            SaveState();
         if (isStopping && end.IsForever()) {
             end = btkTimeval::Now() + endingLimit;
             door.Close();
@@ -100,6 +140,8 @@ void nmsServer::Run()
             clients.DropIf([](const Client& client) { return client.state != Client::Answering; });
     }
     clients.Clear();
+    if (table.GetVersion() != savedVersion)
+        SaveState();
     door.Close();
     Event_Reset(stop);
 }
@@ -131,7 +173,7 @@ bool nmsServer::Sleep(btkTimeval limit)
 // When the first client, or the closed door, is to be looked after.
 btkTimeval nmsServer::NextLimit() const
 {
-    return clients.IsEmpty() ? btkTimeval::Forever() : clients[0].since + options.requestLimit;
+    return clients.IsEmpty() ? saveAt : std::min(saveAt, clients[0].since + options.requestLimit);
 }
 
 void nmsServer::DropLate()
@@ -243,9 +285,10 @@ void nmsServer::Answer(Client& client)
         case nmsRequestCode::ping:
             break;
         case nmsRequestCode::enter:
-            status = !isWhole                          ? nmscInternal
-                     : record.owner != 0 && !isLocal() ? nmscNotAllowed
-                                                       : table.Add(std::move(record));
+            status = !isWhole ? nmscInternal
+                     : record.owner != 0 && !isLocal()
+                         ? nmscNotAllowed
+                         : table.Add(std::move(record), HolderOf(client.socket));
             break;
         case nmsRequestCode::remove: {
             const std::size_t count = isWhole ? table.Remove(record) : 0;
@@ -267,15 +310,14 @@ void nmsServer::Answer(Client& client)
             else
                 status = nmscNotAllowed;
             break;
-        case nmsRequestCode::version: {
-            nmsFields about;
-            about.Set("Version", options.version);
-            nmsPutRecord(rest, about);
+        case nmsRequestCode::version:
+            nmsPutRecord(rest, Describe());
             break;
-        }
         default:
             status = nmscNotRecognized;
         }
+    if (stateFolder && table.GetVersion() != savedVersion && saveAt.IsForever())
+        saveAt = btkTimeval::Now() + saveDelay;
     client.out.assign(1, static_cast<char>(status));
     client.out += rest;
     client.state = Client::Answering;
@@ -310,4 +352,85 @@ void nmsServer::Send(Client& client)
     client.state = isAllRead ? Client::Gone : Client::Leaving;
     if (!isAllRead)
         client.socket.ShutdownOutput();
+}
+
+// What the version record says.
+nmsFields nmsServer::Describe() const
+{
+    const nmsTableUse use = table.GetUse();
+    const nmsTableLimits& most = table.GetLimits();
+    nmsFields about;
+    about.Set("Version", options.version);
+    about.Set("Records", std::to_string(use.records));
+    about.Set("MaxRecords", std::to_string(most.records));
+    about.Set("RecordsOfNoProcess", std::to_string(use.recordsWithoutOwner));
+    about.Set("MaxRecordsOfNoProcess", std::to_string(nmsTable::ShareWithoutOwner(most.records)));
+    about.Set("Bytes", std::to_string(use.bytes));
+    about.Set("MaxBytes", std::to_string(most.bytes));
+    about.Set("Refused", std::to_string(use.refused));
+    if (use.lastRefusal != nullptr)
+        about.Set("LastRefusal", use.lastRefusal);
+    return about;
+}
+
+void nmsServer::ReportRefusals()
+{
+    const nmsTableUse use = table.GetUse();
+    const btkTimeval now = btkTimeval::Now();
+    if (use.refused == reportedRefusals || now < nextReport)
+        return;
+    std::fprintf(stderr, "name server: full: %s; %zu refused since the start\n", use.lastRefusal,
+                 use.refused);
+    reportedRefusals = use.refused;
+    nextReport = now + reportInterval;
+}
+
+// ---- the state file
+
+void nmsServer::LoadState()
+{
+    stateFolder = OpenFolderOf(options.stateFile);
+    if (!stateFolder) {
+        std::fprintf(stderr, "name server: the records will not outlive it: %s: %s\n",
+                     options.stateFile.c_str(), std::strerror(errno));
+        return;
+    }
+    btkReplacement::RemoveLeftOvers(stateFolder.Get());
+    const btkFd file = btkOpenFile(options.stateFile.c_str(), btkOpenRead);
+    std::string saved;
+    // More than a table within the limits takes is no such file.
+    for (const std::size_t most = 2 * options.table.bytes + receiveSize; file && saved.size() < most;) {
+        const std::size_t before = saved.size();
+        saved.resize(before + sendSize);
+        const std::ptrdiff_t count = btkRead(file.Get(), saved.data() + before, sendSize);
+        saved.resize(before + static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
+        if (count <= 0)
+            break;
+    }
+    if (file && !table.Restore(saved))
+        std::fprintf(stderr, "name server: %s is damaged: %zu records were found in it\n",
+                     options.stateFile.c_str(), table.GetSize());
+    savedVersion = table.GetVersion();
+}
+
+void nmsServer::SaveState()
+{
+    saveAt = btkTimeval::Forever();
+    if (!stateFolder)
+        return;
+    savedVersion = table.GetVersion();
+    try {
+        const std::string saved = table.Save();
+        btkReplacement file;
+        // It need not outlive the machine's run.
+        if (file.Create(stateFolder.Get()) && file.Write(saved.data(), saved.size()) &&
+            file.TakePlace(NameOf(options.stateFile), btkReplacement::Unsynced))
+            return;
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+    }
+    if (!isStateReported)
+        std::fprintf(stderr, "name server: %s cannot be written: %s\n", options.stateFile.c_str(),
+                     std::strerror(errno));
+    isStateReported = true;
 }

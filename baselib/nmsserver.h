@@ -17,8 +17,12 @@ struct nmsServerOptions
     const char* interface = "127.0.0.1";
     /// 0: the host chooses.
     int port = nmsDefaultPort;
-    /// What the version record tells.
+    /// What the version record says in its field "Version".
     std::string version = {};
+    /// A file that keeps the records, so that they outlive this server: Listen takes them from it, without
+    /// those whose processes have ended; Run writes it within a second of a change, and at its end, and
+    /// replaces it whole. Its folder must exist. Empty: none.
+    std::string stateFile = {};
     /// How long a client may take for its request and for taking the answer.
     btkTimeval requestLimit = btkTimeval(5, 0);
     /// How many clients may be waiting at once. When one more comes, another leaves: see netSilentSet.
@@ -30,7 +34,9 @@ struct nmsServerOptions
 
 /// A name server. One thread serves all clients, and none of them is waited for: who is silent, slow or sends
 /// something else delays nobody. Only clients of this machine may register records of processes and shut the
-/// server down. Does not throw but for want of memory at its start.
+/// server down. Once a minute at most it reports on the standard error output that it has refused records for
+/// want of room, and once that the state file cannot be read or written. Does not throw but for want of
+/// memory at its start.
 class BASE_API nmsServer
 {
 public:
@@ -61,9 +67,19 @@ private:
     void Send(Client& client);
     btkTimeval NextLimit() const;
     void DropLate();
+    nmsFields Describe() const;
+    void ReportRefusals();
+    void LoadState();
+    void SaveState();
 
     nmsServerOptions options;
     nmsTable table;
+    btkFd stateFolder;
+    std::uint64_t savedVersion = 0; // of the table
+    btkTimeval saveAt = btkTimeval::Forever();
+    bool isStateReported = false;
+    std::size_t reportedRefusals = 0;
+    btkTimeval nextReport;
     btkAcceptSocket door;
     btkTimeval doorClosedUntil; // while there is no room for a client
     btkHandle stop = -1;        // an event

@@ -14,6 +14,8 @@
 
 namespace {
 
+constexpr const char* nameField = "_ServerName";
+
 // A field as one text. Neither a name nor a value holds a zero byte.
 std::string KeyOf(const std::pair<std::string, std::string>& field)
 {
@@ -71,28 +73,29 @@ nmsTable::nmsTable(const nmsTableLimits& most)
 {
 }
 
-nmscReturnCode nmsTable::Add(nmsFields&& record)
+nmscReturnCode nmsTable::Add(nmsFields&& record, const std::string& peer)
 {
     DropDead();
-    for (const Id id : Match(record))
-        if (entries.at(id).places.size() == record.fields.size())
-            return nmscExists;
-
+    if (IsTaken(record))
+        return nmscExists;
     const auto encoded = std::make_shared<Counted>(bytes);
-    if (!nmsPutRecord(encoded->text, record) || entries.size() >= limits.records || *bytes > limits.bytes ||
-        encoded->text.size() > limits.bytes - *bytes)
+    if (!nmsPutRecord(encoded->text, record))
         return nmscInternal;
-    encoded->Count();
     const std::uint32_t process = record.owner;
+    if (const char* const full = FindNoRoom(process, encoded->text.size(), peer))
+        return Refuse(full);
+    encoded->Count();
     const Id id = nextId++;
-    const auto entry =
-        entries.emplace_hint(entries.end(), id, Entry{process, Encoded(encoded, &encoded->text), {}});
+    const auto entry = entries.emplace_hint(entries.end(), id,
+                                            Entry{process, nullptr, Encoded(encoded, &encoded->text), {}});
     try {
         const nmscReturnCode refusal = process == 0 ? nmscDone : Acquire(process);
-        if (refusal == nmscDone)
-            Index(*entry, record);
-        else
+        if (refusal == nmscDone) {
+            Index(*entry, record, peer);
+            ++version;
+        } else {
             Erase(entry);
+        }
         return refusal;
     } catch (...) {
         Erase(entry);
@@ -100,11 +103,59 @@ nmscReturnCode nmsTable::Add(nmsFields&& record)
     }
 }
 
-void nmsTable::Index(std::pair<const Id, Entry>& added, const nmsFields& record)
+// Whether there is a record with just these fields, or one of another process with this name.
+bool nmsTable::IsTaken(const nmsFields& record)
+{
+    for (const Id id : Match(record))
+        if (entries.at(id).places.size() == record.fields.size())
+            return true;
+    const std::string* const name = record.Find(nameField);
+    if (name == nullptr || record.owner == 0 || limits.areNamesShared)
+        return false;
+    const std::vector<Id> named = Match({0, {{nameField, *name}}});
+    return std::any_of(named.begin(), named.end(), [&](Id id) {
+        const std::uint32_t owner = entries.at(id).owner;
+        return owner != 0 && owner != record.owner;
+    });
+}
+
+// Why one more record of that size has no place; null: it has one. Those of a process are counted where it is
+// made known.
+const char* nmsTable::FindNoRoom(std::uint32_t process, std::size_t size, const std::string& peer) const
+{
+    if (entries.size() >= limits.records)
+        return "the table has as many records as it may";
+    if (*bytes > limits.bytes || size > limits.bytes - *bytes)
+        return "the records have as many bytes as they may";
+    if (process != 0)
+        return nullptr;
+    if (withoutOwner >= ShareWithoutOwner(limits.records) ||
+        bytesWithoutOwner + size > ShareWithoutOwner(limits.bytes))
+        return "the records of no process have their whole share";
+    const auto holder = peers.find(peer);
+    return holder != peers.end() && holder->second >= limits.recordsOfPeer
+               ? "an address has as many records of no process as it may"
+               : nullptr;
+}
+
+nmscReturnCode nmsTable::Refuse(const char* why)
+{
+    ++refused;
+    lastRefusal = why;
+    return nmscInternal;
+}
+
+void nmsTable::Index(std::pair<const Id, Entry>& added, const nmsFields& record, const std::string& peer)
 {
     auto& [id, entry] = added;
-    if (entry.owner != 0)
+    if (entry.owner != 0) {
         owners.at(entry.owner).ids.insert(id);
+    } else {
+        entry.peer = &*peers.try_emplace(peer, 0).first;
+        ++entry.peer->second;
+        ++withoutOwner;
+        bytesWithoutOwner += entry.encoded->size();
+    }
     entry.places.reserve(record.fields.size());
     for (const auto& field : record.fields) {
         entry.places.push_back(&*byField.try_emplace(KeyOf(field)).first);
@@ -114,12 +165,18 @@ void nmsTable::Index(std::pair<const Id, Entry>& added, const nmsFields& record)
     std::sort(entry.places.begin(), entry.places.end(), std::less<>());
 }
 
+nmsTableUse nmsTable::GetUse() const
+{
+    return {entries.size(), withoutOwner, *bytes, refused, lastRefusal};
+}
+
 std::size_t nmsTable::Remove(const nmsFields& pattern)
 {
     DropDead();
     const std::vector<Id> found = Match(pattern);
     for (const Id id : found)
         Erase(entries.find(id));
+    version += found.size();
     return found.size();
 }
 
@@ -203,7 +260,9 @@ nmscReturnCode nmsTable::Acquire(std::uint32_t id)
         DropOwner(id); // the id is another process's now
     const auto known = owners.find(id);
     if (known != owners.end())
-        return known->second.ids.size() < limits.recordsOfOwner ? nmscDone : nmscInternal;
+        return known->second.ids.size() < limits.recordsOfOwner
+                   ? nmscDone
+                   : Refuse("a process has as many records as it may");
 
     std::string start = id > INT_MAX ? std::string() : StartOf(id);
     if (start.empty())
@@ -231,6 +290,12 @@ void nmsTable::Erase(std::map<Id, Entry>::iterator entry)
         if (place->second.empty())
             byField.erase(byField.find(place->first));
     }
+    if (Peer* const peer = entry->second.peer; peer != nullptr) {
+        --withoutOwner;
+        bytesWithoutOwner -= entry->second.encoded->size();
+        if (--peer->second == 0)
+            peers.erase(peers.find(peer->first));
+    }
     if (const auto owner = owners.find(entry->second.owner); owner != owners.end()) {
         owner->second.ids.erase(entry->first);
         if (owner->second.ids.empty()) {
@@ -243,4 +308,94 @@ void nmsTable::Erase(std::map<Id, Entry>::iterator entry)
         }
     }
     entries.erase(entry);
+}
+
+// ---- what outlives the server: the mark, the id of the machine's run, the number of records, and for each
+// the start of its process, the address whose it is, and its wire form
+
+namespace {
+
+constexpr std::string_view savedMark = "qel name server 1\n";
+
+// Ids and starts of processes mean something until the machine starts again.
+std::string RunOfMachine()
+{
+    const btkFd file = btkOpenFile("/proc/sys/kernel/random/boot_id", btkOpenRead);
+    char text[64];
+    const std::ptrdiff_t size = btkRead(file.Get(), text, sizeof text);
+    return std::string(text, static_cast<std::size_t>(std::max<std::ptrdiff_t>(size, 0)));
+}
+
+void PutText(std::string& to, const std::string& text)
+{
+    nmsPutInt(to, static_cast<int>(text.size()));
+    to += text;
+}
+
+// Takes the parts of what was saved. After a part that is not whole nothing more is taken.
+class SavedReader
+{
+public:
+    explicit SavedReader(std::string_view saved) : rest(saved) {}
+
+    bool IsSound() const { return isSound; }
+    bool IsAtEnd() const { return isSound && rest.empty(); }
+    std::string_view Take(std::size_t size)
+    {
+        isSound = isSound && size <= rest.size();
+        const std::string_view taken = isSound ? rest.substr(0, size) : std::string_view();
+        rest.remove_prefix(taken.size());
+        return taken;
+    }
+    unsigned TakeInt()
+    {
+        const std::string_view bytes = Take(nmsIntSize);
+        return isSound ? static_cast<unsigned>(nmsGetInt(bytes.data())) : 0;
+    }
+    std::string TakeText() { return std::string(Take(TakeInt())); }
+    nmsFields TakeRecord()
+    {
+        nmsRecordReader reader;
+        while (isSound && reader.GetWanted() > 0) {
+            const std::string_view piece = Take(reader.GetWanted());
+            isSound = isSound && reader.Take(piece.data());
+        }
+        isSound = isSound && reader.IsWhole();
+        return std::move(reader.record);
+    }
+
+private:
+    std::string_view rest;
+    bool isSound = true;
+};
+
+} // namespace
+
+std::string nmsTable::Save() const
+{
+    std::string saved(savedMark);
+    PutText(saved, RunOfMachine());
+    nmsPutInt(saved, static_cast<int>(entries.size()));
+    for (const auto& [id, entry] : entries) {
+        PutText(saved, entry.owner == 0 ? std::string() : owners.at(entry.owner).start);
+        PutText(saved, entry.peer == nullptr ? std::string() : entry.peer->first);
+        saved += *entry.encoded;
+    }
+    return saved;
+}
+
+bool nmsTable::Restore(std::string_view saved)
+{
+    SavedReader reader(saved);
+    const bool isMarked = reader.Take(savedMark.size()) == savedMark;
+    const bool isSameRun = reader.TakeText() == RunOfMachine();
+    const unsigned count = reader.TakeInt();
+    for (unsigned i = 0; isMarked && i < count && reader.IsSound(); ++i) {
+        const std::string start = reader.TakeText();
+        const std::string peer = reader.TakeText();
+        nmsFields record = reader.TakeRecord();
+        if (reader.IsSound() && (record.owner == 0 || (isSameRun && StartOf(record.owner) == start)))
+            Add(std::move(record), peer);
+    }
+    return isMarked && reader.IsAtEnd();
 }

@@ -1,8 +1,10 @@
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -11,6 +13,7 @@
 
 #include "support/child.h"
 #include "support/nameserver.h"
+#include "support/tempdir.h"
 #include <qel/base/nmsclient.h>
 
 namespace {
@@ -201,7 +204,7 @@ TEST(NameServer, NobodyWaitsForTheSilent)
 
 TEST(NameServer, NobodyWaitsForWhoDoesNotReadItsAnswer)
 {
-    TestNameServer server;
+    TestNameServer server({.table = {.recordsOfPeer = 2000}});
     Client client;
     for (int i = 0; i < 2000; ++i)
         ASSERT_EQ(client.enter("n" + std::to_string(i), std::string(250, 'x')), 0);
@@ -374,6 +377,76 @@ TEST(NameServer, StopsAtSignals)
     EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 4.0) << "waits for the silent";
 }
 
+// Kills at any time, while clients register: what was registered a second before a kill, and whose process
+// lives, is there again, and the file can always be read.
+TEST(NameServer, RecordsOutliveItsKills)
+{
+    const TempDir dir(TempDir::InMemory);
+    const std::string state = dir.path("names");
+    const auto saved = [&](nmsTable& table) {
+        std::ifstream file(state, std::ios::binary);
+        std::ostringstream bytes;
+        bytes << file.rdbuf();
+        return table.Restore(bytes.str());
+    };
+    nmsServer chosen({.port = 0});
+    ASSERT_TRUE(chosen.Listen());
+    const std::string port = std::to_string(chosen.GetPort());
+    const EnvSetting found("VRXNMSPORT", port.c_str());
+    chosen.Stop();
+    chosen.Run(); // frees the port
+    Client client;
+    std::size_t known = 0;
+    for (int round = 0; round < 8; ++round) {
+        ChildProcess server([&] {
+            execl("/proc/self/exe", "server", "--serve-names", port.c_str(), state.c_str(), nullptr);
+            return 127;
+        });
+        for (const btkTimeval end = btkTimeval::Now() + Patience; client.ping() != 0;)
+            ASSERT_LT(btkTimeval::Now(), end);
+        int count = 0;
+        if (round > 0) {
+            EXPECT_EQ(client.query("_ServerName", "mine", count), 0);
+            EXPECT_EQ(count, 1) << round;
+            EXPECT_EQ(client.query("_ServerName", "killed", count), 0);
+            EXPECT_EQ(count, 0) << round;
+        }
+        client.enter("_ServerName", "mine", 1);
+        ChildProcess killed([] {
+            pause();
+            return 0;
+        });
+        EXPECT_EQ(client.enter("_ServerName", "killed", killed.getId()), 0);
+        const btkTimeval start = btkTimeval::Now();
+        const btkTimeval until = start + btkTimeval(0.6 + 0.07 * round);
+        for (int i = 0; btkTimeval::Now() < until && i < 60; ++i)
+            EXPECT_EQ(client.enter("n" + std::to_string(round), std::to_string(i)), 0);
+        while (btkTimeval::Now() < until)
+            std::this_thread::yield();
+        server.signal(SIGKILL);
+        server.wait();
+        nmsTable table;
+        EXPECT_TRUE(saved(table)) << round;
+        EXPECT_GT(table.GetSize(), known) << "not written within its time";
+        known = table.GetSize();
+    }
+}
+
+TEST(NameServer, SaysThatItIsFull)
+{
+    TestNameServer server({.table = {.records = 8}});
+    Client client;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(client.enter("n", "1"), 0);
+    EXPECT_EQ(client.enter("n", "2"), 0);
+    for (int i = 3; i < 100; ++i)
+        EXPECT_EQ(client.enter("n", std::to_string(i)), nmscInternal);
+    EXPECT_EQ(client.enter("_ServerName", "a", 1), 0);
+    const std::string said = testing::internal::GetCapturedStderr(); // how many were refused by then varies
+    EXPECT_EQ(said.find("name server: full: the records of no process have their whole share; "), 0u) << said;
+    EXPECT_EQ(said.find('\n'), said.size() - 1) << said;
+}
+
 // A client's side: servers that say nothing, or lie about what follows.
 TEST(NameClient, EndsWithLyingAndSilentServers)
 {
@@ -413,7 +486,7 @@ TEST(NameClient, TakesThePortFromTheEnvironment)
     {
         const char* text;
         int port;
-    } cases[] = {{nullptr, 1239}, {"1500", 1500}, {"-5", -5}, {"abc", 1239}, {"0", 1239}, {"65536", 1239}};
+    } cases[] = {{nullptr, 1239}, {"1500", 1500}, {"-5", -5}, {"abc", 1239}, {"0", 1239}, {"70000", 70000}};
     for (const auto& [text, port] : cases) {
         const EnvSetting setting("VRXNMSPORT", text);
         testing::internal::CaptureStderr();
@@ -427,8 +500,9 @@ TEST(NameClient, TakesThePortFromTheEnvironment)
 
 int main(int argc, char** argv)
 {
-    if (argc == 3 && std::string(argv[1]) == "--serve-names") {
-        nmsServer server({.port = std::stoi(argv[2]), .untilSignal = true});
+    if (argc >= 3 && std::string(argv[1]) == "--serve-names") {
+        nmsServer server(
+            {.port = std::stoi(argv[2]), .stateFile = argc > 3 ? argv[3] : "", .untilSignal = true});
         if (!server.Listen())
             return 1;
         server.Run();

@@ -1,3 +1,4 @@
+#include <csignal>
 #include <ctime>
 #include <string>
 #include <unistd.h>
@@ -75,25 +76,117 @@ TEST(NameTable, KeepsWithinItsLimits)
     EXPECT_EQ(table.Add(Record("n", "1", self)), nmscDone);
     EXPECT_EQ(table.Add(Record("n", "2", self)), nmscDone);
     EXPECT_EQ(table.Add(Record("n", "3", self)), nmscInternal);
-    EXPECT_EQ(table.Add(Record("n", "4")), nmscDone);
-    EXPECT_EQ(table.Add(Record("n", std::string(200, 'x'))), nmscInternal);
-    EXPECT_EQ(table.Add(Record("n", "5")), nmscDone);
+    const ChildProcess other(Sleeping);
+    EXPECT_EQ(table.Add(Record("n", std::string(200, 'x'), Id(other))), nmscInternal);
+    EXPECT_EQ(table.Add(Record("n", "4", Id(other))), nmscDone);
+    EXPECT_EQ(table.Add(Record("n", "5", Id(other))), nmscDone);
     EXPECT_EQ(table.Add(Record("n", "6")), nmscDone);
     EXPECT_EQ(table.Add(Record("n", "7")), nmscInternal);
     EXPECT_EQ(table.Remove(Record("n", "1")), 1u);
     EXPECT_EQ(table.Add(Record("n", "8", self)), nmscDone);
+    EXPECT_EQ(table.GetUse().refused, 3u);
+}
+
+TEST(NameTable, KeepsAPlaceForProcessesWhateverOthersRegister)
+{
+    const auto self = static_cast<std::uint32_t>(getpid());
+    nmsTable table({.records = 40, .recordsOfPeer = 6, .bytes = 4000});
+    const auto fill = [&](const std::string& peer) {
+        int added = 0;
+        while (table.Add(Record(peer, std::to_string(added)), peer) == nmscDone)
+            ++added;
+        return added;
+    };
+    EXPECT_EQ(fill("10.0.0.1"), 6);
+    EXPECT_STREQ(table.GetUse().lastRefusal, "an address has as many records of no process as it may");
+    EXPECT_EQ(fill("10.0.0.2"), 4); // all of them have a quarter
+    EXPECT_STREQ(table.GetUse().lastRefusal, "the records of no process have their whole share");
+    EXPECT_EQ(table.GetUse().recordsWithoutOwner, 10u);
+    for (int i = 0; i < 30; ++i)
+        EXPECT_EQ(table.Add(Record("of process", std::to_string(i), self)), nmscDone) << i;
+
+    EXPECT_EQ(table.Remove(Record("10.0.0.1", "3")), 1u);
+    EXPECT_EQ(table.Add(Record("n", "one"), "10.0.0.1"), nmscDone);
+    EXPECT_EQ(table.Add(Record("n", "two"), "10.0.0.1"), nmscInternal);
+    EXPECT_EQ(table.Remove({}), 40u);
+    EXPECT_EQ(table.Add(Record("n", std::string(240, 'x'))), nmscDone);
+    for (const char* const name : {"a", "b", "c"})
+        table.Add(Record(name, std::string(240, 'x')));
+    EXPECT_EQ(table.GetSize(), 3u) << "a quarter of the bytes";
+}
+
+TEST(NameTable, LetsOneLivingProcessHaveAName)
+{
+    const auto self = static_cast<std::uint32_t>(getpid());
+    const auto twin = [](std::uint32_t owner, const char* port) {
+        nmsFields record = Record("_ServerName", "twin", owner);
+        record.Set("_PortNumber", port);
+        return record;
+    };
+    for (const bool shared : {false, true}) {
+        nmsTable table({.areNamesShared = shared});
+        ChildProcess other(Sleeping);
+        EXPECT_EQ(table.Add(twin(0, "1")), nmscDone);
+        EXPECT_EQ(table.Add(twin(Id(other), "2")), nmscDone);
+        EXPECT_EQ(table.Add(twin(self, "3")), shared ? nmscDone : nmscExists);
+        EXPECT_EQ(table.Add(twin(Id(other), "4")), nmscDone);
+        EXPECT_EQ(table.Add(twin(0, "5")), nmscDone);
+        other.signal(SIGKILL);
+        other.wait();
+        EXPECT_EQ(table.Add(twin(self, "6")), nmscDone);
+    }
+}
+
+TEST(NameTable, IsRestoredWithoutWhatHasEnded)
+{
+    const auto self = static_cast<std::uint32_t>(getpid());
+    std::string saved;
+    ChildProcess ends(Sleeping);
+    {
+        nmsTable table;
+        EXPECT_EQ(table.Add(Record("n", "1", self)), nmscDone);
+        EXPECT_EQ(table.Add(Record("n", "2", Id(ends))), nmscDone);
+        EXPECT_EQ(table.Add(Record("n", "3"), std::string("\0\1", 2)), nmscDone);
+        saved = table.Save();
+    }
+    ends.signal(SIGKILL);
+    ends.wait();
+
+    nmsTable table({.recordsOfPeer = 1});
+    EXPECT_TRUE(table.Restore(saved));
+    ASSERT_EQ(table.GetSize(), 2u);
+    EXPECT_EQ(table.Find({})[0], table.Find(Record("n", "1"))[0]) << "in the same order";
+    EXPECT_EQ(table.Add(Record("n", "4"), std::string("\0\1", 2)), nmscInternal) << "its address is known";
+
+    // A process that has the id now and started at another time is another one.
+    std::string other = saved;
+    const std::size_t start = other.find("\n") + 1 + 4 + 37 + 4 + 4; // mark, id of the run, number, length
+    other[start] = other[start] == '1' ? '2' : '1';
+    nmsTable strict;
+    EXPECT_TRUE(strict.Restore(other));
+    EXPECT_EQ(strict.GetSize(), 1u);
+
+    // What is cut off or is something else adds what stands before the damage, and says so.
+    for (std::size_t size = 0; size < saved.size(); ++size) {
+        nmsTable part;
+        EXPECT_FALSE(part.Restore(saved.substr(0, size))) << size;
+        EXPECT_LE(part.GetSize(), 2u);
+    }
+    EXPECT_FALSE(nmsTable().Restore(saved + "x"));
+    EXPECT_FALSE(nmsTable().Restore("something else"));
 }
 
 TEST(NameTable, CountsWhatAnswersStillHold)
 {
+    const auto self = static_cast<std::uint32_t>(getpid());
     nmsTable table({.bytes = 300});
-    ASSERT_EQ(table.Add(Record("n", std::string(200, 'x'))), nmscDone);
+    ASSERT_EQ(table.Add(Record("n", std::string(200, 'x'), self)), nmscDone);
     auto answer = table.Find({});
     ASSERT_EQ(table.Remove({}), 1u);
 
-    EXPECT_EQ(table.Add(Record("n", std::string(200, 'y'))), nmscInternal);
+    EXPECT_EQ(table.Add(Record("n", std::string(200, 'y'), self)), nmscInternal);
     answer.clear();
-    EXPECT_EQ(table.Add(Record("n", std::string(200, 'y'))), nmscDone);
+    EXPECT_EQ(table.Add(Record("n", std::string(200, 'y'), self)), nmscDone);
 }
 
 // A client could keep the name server from the others with a few requests if this multiplied.
