@@ -10,8 +10,8 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/tcp.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -136,6 +136,25 @@ protected:
 private:
     btkStreamSocket& socket;
 };
+
+// For what no event tells of.
+template<class Holds>
+void WaitWhile(Holds holds, btkTimeval end)
+{
+    for (btkTimeval pause(0, 50); btkTimeval::Now() < end && holds();
+         pause = std::min(pause + pause, btkTimeval(0, 2000)))
+        btkPoll(nullptr, 0, pause);
+}
+
+// What the operating system knows of a connection; an older one knows less, and leaves the rest as it was.
+tcp_info AskInfo(btkHandle connection, const tcp_info& unknown)
+{
+    tcp_info info = unknown;
+    socklen_t size = sizeof info;
+    if (getsockopt(connection, IPPROTO_TCP, TCP_INFO, &info, &size) != 0)
+        return unknown;
+    return info;
+}
 
 btkFd ConnectTo(const btkSocketAddress& address, btkTimeval limit)
 {
@@ -367,21 +386,26 @@ std::size_t btkStreamSocket::Send(const void* from, std::size_t size, bool oob)
             errno = EINVAL;
             return 0;
         }
-        // The mark of a value is lost once the next one is set. There is no event for "all has arrived".
-        const btkTimeval patience = btkTimeval::Now() + urgentLimit;
-        for (btkTimeval pause(0, 50); btkCountUnsent(fd.Get()) > 0 && btkTimeval::Now() < patience;
-             pause = std::min(pause + pause, btkTimeval(0, 2000)))
-            btkPoll(nullptr, 0, pause);
+        // The mark of a value is lost once the next one is set.
+        const auto isQuiet = [&] { return btkCountReceived(fd.Get()) == receivedThen; };
+        if (lastUrgent > btkTimeval())
+            WaitWhile(isQuiet, lastUrgent + urgentSpacing);
+        WaitWhile([&] { return btkCountUnsent(fd.Get()) > 0; }, btkTimeval::Now() + urgentLimit);
     }
     std::size_t done = 0;
     while (done < size) {
-        const std::ptrdiff_t count = Transfer(POLLOUT, EndOf(sendLimit), false, [&](int flags) {
-            return send(fd.Get(), static_cast<const char*>(from) + done, size - done,
-                        flags | (oob ? MSG_OOB : 0));
-        });
+        const std::ptrdiff_t count =
+            Transfer(POLLOUT, std::min(EndOf(sendLimit), deadline), false, [&](int flags) {
+                return send(fd.Get(), static_cast<const char*>(from) + done, size - done,
+                            flags | (oob ? MSG_OOB : 0));
+            });
         if (count < 0)
             break;
         done += static_cast<std::size_t>(count);
+    }
+    if (oob && urgentSpacing > btkTimeval()) {
+        lastUrgent = btkTimeval::Now();
+        receivedThen = btkCountReceived(fd.Get());
     }
     return done;
 }
@@ -433,7 +457,7 @@ std::ptrdiff_t btkStreamSocket::Receive(char* to, std::size_t size, Wait wait)
 {
     if (size == 0)
         return 0;
-    const btkTimeval end = wait == Wait::never ? btkTimeval() : EndOf(recvLimit);
+    const btkTimeval end = wait == Wait::never ? btkTimeval() : std::min(EndOf(recvLimit), deadline);
     for (;;) {
         if (ahead != nullptr && ahead->Count() > 0) {
             if (ahead->isMarkNear)
@@ -677,4 +701,23 @@ std::size_t btkCountUnsent(btkHandle connection)
 {
     int count = 0;
     return ioctl(connection, TIOCOUTQ, &count) == 0 && count > 0 ? static_cast<std::size_t>(count) : 0;
+}
+
+std::size_t btkCountPeerRoom(btkHandle connection)
+{
+    tcp_info unknown = {};
+    unknown.tcpi_snd_wnd = 0x7FFFFFFF;
+    const std::size_t room = AskInfo(connection, unknown).tcpi_snd_wnd;
+    const std::size_t underway = btkCountUnsent(connection);
+    return room > underway ? room - underway : 0;
+}
+
+unsigned long long btkCountReceived(btkHandle connection)
+{
+    return AskInfo(connection, {}).tcpi_bytes_received;
+}
+
+void btkSetOwnRoom(btkHandle connection, std::size_t bytes)
+{
+    SetOption(connection, SOL_SOCKET, SO_RCVBUF, static_cast<int>(bytes)); // takes as much again for itself
 }

@@ -66,9 +66,10 @@ private:
 /// overtakes is the news that a value has come; reading it moves the ordinary bytes sent before it into
 /// memory, from where they are read later as if nothing had happened.
 ///
-/// The host keeps one urgent mark for each direction, so one value at a time is sure: a second one that
-/// arrives before anything was read from this end since the first may take the first one's mark, and the
-/// first is then lost as a value.
+/// TCP has one urgent mark for each direction, and a sender cannot know how far its peer has read: a second
+/// value that arrives before the peer has read past the mark of the first takes that mark. Then the first is
+/// no urgent value any more, and its four bytes stay among the ordinary ones, whose values they corrupt.
+/// SetUrgentSpacing makes that rare.
 ///
 /// A peer that has vanished without a word, as when its machine has lost its power, is asked for after a
 /// minute of silence; receiving fails with ETIMEDOUT a minute later.
@@ -104,6 +105,13 @@ public:
     /// How many ordinary bytes are held at most because an urgent value stands behind them; 256 KiB at first.
     /// A value further on is found once enough of them have been read.
     void SetUrgentBudget(std::size_t bytes) { urgentBudget = bytes; }
+    /// When the last of several calls of Send and Recv ends, on the clock of btkTimeval::Now, whatever their
+    /// own limits say; Forever, as at first: only those hold.
+    void SetDeadline(btkTimeval end) { deadline = end; }
+
+    /// Has Send wait before an urgent value until this time has passed since the last one, or something has
+    /// come from the peer since. 0, as at first: it does not.
+    void SetUrgentSpacing(btkTimeval spacing) { urgentSpacing = spacing; }
 
     /// Sends all `size` bytes. Answers how many were sent, which is less than `size` only when sending
     /// failed. `oob`: as one urgent value, which must have four bytes; waits at most 200 ms until what was
@@ -166,8 +174,12 @@ private:
     std::shared_ptr<const btkStopSign> stopSign;
     bool limitPassed = false;
     std::size_t urgentBudget = 256 << 10;
-    std::array<char, 28> peer = {}; // the address of an accepted connection's peer; room for the longest
-    std::unique_ptr<Ahead> ahead;   // what was read because of urgent values; null until there is one
+    btkTimeval deadline = btkTimeval::Forever();
+    btkTimeval urgentSpacing;
+    btkTimeval lastUrgent;
+    unsigned long long receivedThen = 0; // at lastUrgent
+    std::array<char, 28> peer = {};      // the address of an accepted connection's peer; room for the longest
+    std::unique_ptr<Ahead> ahead;        // what was read because of urgent values; null until there is one
 };
 
 /// Waits for connections. Does not block: Accept takes a connection that is there; Wait waits for one.
@@ -189,6 +201,14 @@ public:
 BASE_API void btkResetOnClose(btkHandle connection, bool isOn);
 /// How many bytes that were sent have not arrived at the peer's machine.
 BASE_API std::size_t btkCountUnsent(btkHandle connection);
+/// How many more bytes the peer's machine takes while the peer reads nothing, as far as this one knows; a
+/// great number where the operating system does not say.
+BASE_API std::size_t btkCountPeerRoom(btkHandle connection);
+/// How many bytes have come over the connection since its start; 0 where the operating system does not say.
+BASE_API unsigned long long btkCountReceived(btkHandle connection);
+/// How many bytes this machine takes, about, while this end reads nothing. Before it is set, the operating
+/// system lets it grow to some MiB.
+BASE_API void btkSetOwnRoom(btkHandle connection, std::size_t bytes);
 
 /// Whether `host` means this machine: null, empty, `localhost` or the machine's own name, in any case.
 BASE_API bool btkIsThisMachine(const char* host);

@@ -13,6 +13,7 @@ struct capi_nmsServerProxy
 {
     std::string host; // empty: this machine
     int port;         // of the last request
+    btkTimeval deadline = btkTimeval::Forever();
 };
 
 struct capi_nmsRecord
@@ -36,6 +37,17 @@ struct capi_nmsError
 namespace {
 
 std::atomic<btkTimeval> answerLimit = btkTimeval(10, 0);
+std::atomic<std::size_t> mostRecords = 100000;
+std::atomic<std::size_t> mostBytes = std::size_t(64) << 20;
+
+// What a record takes of memory, about.
+std::size_t CostOf(const nmsFields& record)
+{
+    std::size_t cost = sizeof record;
+    for (const auto& field : record.fields)
+        cost += sizeof field + field.first.size() + field.second.size();
+    return cost;
+}
 
 } // namespace
 
@@ -45,8 +57,8 @@ int nmsFindPort()
     if (text == nullptr)
         return nmsDefaultPort;
     const long port = std::strtol(text, nullptr, 10);
-    if (port != 0 && port <= 65535 && port >= INT_MIN)
-        return static_cast<int>(port);
+    if (port != 0)
+        return static_cast<int>(std::clamp<long>(port, INT_MIN, INT_MAX));
     std::fprintf(stderr, "ERROR  : value of VRXNMSPORT is invalid, using the port %d.\n", nmsDefaultPort);
     return nmsDefaultPort;
 }
@@ -61,10 +73,17 @@ btkTimeval nmsGetAnswerLimit()
     return answerLimit;
 }
 
+void nmsSetAnswerBounds(std::size_t records, std::size_t bytes)
+{
+    mostRecords = records;
+    mostBytes = bytes;
+}
+
 bool nmsExchange::Connect(const char* host, int port)
 {
-    socket.SetSendLimit(nmsGetAnswerLimit());
-    return socket.Connect(host, port, btkTimeval::Forever());
+    end = latest.IsForever() ? btkTimeval::Now() + nmsGetAnswerLimit() : latest;
+    socket.SetDeadline(end);
+    return socket.Connect(host, port, end - btkTimeval::Now());
 }
 
 nmsOutcome nmsExchange::DoNot(const char* host, int port)
@@ -86,20 +105,20 @@ int nmsExchange::Ask(const char* host, int port, nmsRequestCode code, const std:
     // What the server answered stands, also when it did not read the request to its end.
     socket.Send(request.data(), request.size());
     char status = 0;
-    if (!Read(&status, 1, btkTimeval::Now() + nmsGetAnswerLimit()))
+    if (!Read(&status, 1))
         return noAnswer;
     return static_cast<unsigned char>(status);
 }
 
-bool nmsExchange::Read(char* to, std::size_t size, btkTimeval end)
+bool nmsExchange::Read(char* to, std::size_t size)
 {
     while (size > 0) {
         if (used == held.size()) {
             constexpr std::size_t room = 16384;
             held.resize(room);
             used = 0;
-            socket.SetRecvLimit(end - btkTimeval::Now());
-            const std::ptrdiff_t count = socket.Recv(held.data(), room);
+            // Also when there are bytes each time that it looks.
+            const std::ptrdiff_t count = btkTimeval::Now() < end ? socket.Recv(held.data(), room) : 0;
             held.resize(static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
             if (count <= 0) {
                 socket.Close();
@@ -118,7 +137,7 @@ bool nmsExchange::Read(char* to, std::size_t size, btkTimeval end)
 bool nmsExchange::ReadInt(int& value)
 {
     char bytes[nmsIntSize];
-    if (!Read(bytes, sizeof bytes, btkTimeval::Now() + nmsGetAnswerLimit()))
+    if (!Read(bytes, sizeof bytes))
         return false;
     value = nmsGetInt(bytes);
     return true;
@@ -126,11 +145,10 @@ bool nmsExchange::ReadInt(int& value)
 
 bool nmsExchange::ReadRecord(nmsFields& record)
 {
-    const btkTimeval end = btkTimeval::Now() + nmsGetAnswerLimit();
     nmsRecordReader reader;
     char piece[nmsRecordReader::maxPiece];
     while (reader.GetWanted() > 0)
-        if (!Read(piece, reader.GetWanted(), end) || !reader.Take(piece))
+        if (!Read(piece, reader.GetWanted()) || !reader.Take(piece))
             break;
     record = std::move(reader.record);
     return reader.IsWhole();
@@ -141,9 +159,15 @@ bool nmsExchange::ReadRecords(std::vector<nmsFields>& records)
     int count = 0;
     if (!ReadInt(count) || count < 0)
         return false;
+    std::size_t bytes = 0;
     for (int i = 0; i < count; ++i) {
         nmsFields record;
-        if (!ReadRecord(record))
+        isBeyondBounds = static_cast<std::size_t>(i) >= mostRecords;
+        if (isBeyondBounds || !ReadRecord(record))
+            return false;
+        bytes += CostOf(record);
+        isBeyondBounds = bytes > mostBytes;
+        if (isBeyondBounds)
             return false;
         records.push_back(std::move(record));
     }
@@ -166,7 +190,7 @@ void Delete(T** object)
 capi_nmsServerProxy* NewProxy(const char* host)
 {
     try {
-        return new capi_nmsServerProxy{host, 0};
+        return new capi_nmsServerProxy{.host = host, .port = 0};
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
@@ -186,8 +210,8 @@ capi_nmsError* Request(capi_nmsServerProxy& proxy, nmsRequestCode code, const nm
     proxy.port = nmsFindPort();
     const char* const host = proxy.host.c_str();
     const nmsOutcome outcome = record == nullptr || nmsPutRecord(encoded, *record)
-                                   ? nmsExchange().Do(host, proxy.port, code, encoded, rest)
-                                   : nmsExchange().DoNot(host, proxy.port);
+                                   ? nmsExchange(proxy.deadline).Do(host, proxy.port, code, encoded, rest)
+                                   : nmsExchange(proxy.deadline).DoNot(host, proxy.port);
     return outcome.code == nmscDone ? nullptr : NewError(proxy, outcome.code, outcome.fromServer);
 }
 
@@ -206,6 +230,11 @@ capi_nmsServerProxy* nmsServConnectByName(const char* host)
 void nmsServDelete(capi_nmsServerProxy** proxy)
 {
     Delete(proxy);
+}
+
+void nmsServSetDeadline(capi_nmsServerProxy* proxy, btkTimeval end)
+{
+    proxy->deadline = end;
 }
 
 std::uint32_t nmsGetOwnProcess()

@@ -11,12 +11,17 @@
 // connection of its own. Objects are used by one thread at a time.
 
 /// The port of the name server: what the environment variable VRXNMSPORT says, or nmsDefaultPort. A value
-/// that is no number, or too great for a port, is reported on the standard error output and not used.
+/// that is no number, or 0, is reported on the standard error output and not used; any other number is used
+/// as it is, and where it is no port, connecting fails.
 BASE_API int nmsFindPort();
 
-/// How long a client waits for each part of an answer. 10 seconds at first; for the whole process.
+/// How long a request takes at most, from the resolution of the name server's address to the end of the
+/// answer. 10 seconds at first; for the whole process. Safe to call from any thread.
 BASE_API void nmsSetAnswerLimit(btkTimeval limit);
 BASE_API btkTimeval nmsGetAnswerLimit();
+/// The most that the answer to a query may hold: records (100,000 at first), and bytes of memory that they
+/// take (64 MiB). A query that is answered with more fails with nmscInternal. For the whole process.
+BASE_API void nmsSetAnswerBounds(std::size_t records, std::size_t bytes);
 
 /// How a request ended: nmscDone, or what went wrong, and who found that.
 struct nmsOutcome
@@ -29,11 +34,15 @@ struct nmsOutcome
 class BASE_API nmsExchange
 {
 public:
-    /// What Ask answers when there was no connection or it broke.
+    /// What Ask returns when there was no connection or it broke.
     static constexpr int noAnswer = -1;
 
+    /// `by`: when requests end at the latest, on the clock of btkTimeval::Now. Forever: each after the answer
+    /// limit.
+    explicit nmsExchange(btkTimeval by = btkTimeval::Forever()) : latest(by) {}
+
     /// Connects to the name server on `host` (null or empty: this machine) and sends the request; `record` is
-    /// what follows the code. Answers the status byte. How long connecting takes is the host's.
+    /// what follows the code. Returns the status byte.
     int Ask(const char* host, int port, nmsRequestCode code, const std::string& record = {});
     /// The whole request: asks, and has the rest of the answer read by `rest(*this, status)`, which answers
     /// whether it came.
@@ -44,26 +53,29 @@ public:
         const bool isRead = status != noAnswer && rest(*this, status);
         if (status != noAnswer && status != nmscDone)
             return {status, true};
-        return {isRead ? nmscDone : nmscNoConnection, false};
+        return {isRead ? nmscDone : isBeyondBounds ? nmscInternal : nmscNoConnection, false};
     }
     /// How a request ends whose record is too great to be sent. nmscInternal, unless there is nobody there.
     nmsOutcome DoNot(const char* host, int port);
     /// For answers that are no more than a status.
     static bool NoRest(nmsExchange&, int) { return true; }
 
-    /// Reads a number of the answer. False when it did not come within the limit; the exchange is over then.
+    /// Reads a number of the answer. False when it did not come in time; the exchange is over then.
     bool ReadInt(int& value);
     /// Reads a record of the answer. False as above, and when it is no record; what was read of it is kept.
     bool ReadRecord(nmsFields& record);
     /// Reads the records of a query's answer, whatever their number says: it ends at the first that cannot be
-    /// read, and is false then. What has been read is added to `records`.
+    /// read or is beyond the bounds, and is false then. What has been read is added to `records`.
     bool ReadRecords(std::vector<nmsFields>& records);
 
 private:
     bool Connect(const char* host, int port);
-    bool Read(char* to, std::size_t size, btkTimeval end);
+    bool Read(char* to, std::size_t size);
 
     btkStreamSocket socket;
+    btkTimeval latest;
+    btkTimeval end; // of the request that is on its way
+    bool isBeyondBounds = false;
     std::string held; // received and not used
     std::size_t used = 0;
 };
@@ -79,6 +91,9 @@ struct capi_nmsRecordArray;
 BASE_API capi_nmsServerProxy* nmsServConnectLocal();
 BASE_API capi_nmsServerProxy* nmsServConnectByName(const char* host);
 BASE_API void nmsServDelete(capi_nmsServerProxy** proxy);
+/// When the last of the proxy's requests ends at the latest, on the clock of btkTimeval::Now, instead of each
+/// after the answer limit. Forever, as at first: that holds.
+BASE_API void nmsServSetDeadline(capi_nmsServerProxy* proxy, btkTimeval end);
 
 /// The id of this process, as records name their owner.
 BASE_API std::uint32_t nmsGetOwnProcess();

@@ -9,11 +9,14 @@
 #include <gtest/gtest.h>
 
 #include "failure.h"
+#include "support/child.h"
 #include "support/descriptors.h"
 #include "support/nameserver.h"
 #include "support/streampair.h"
 #include "support/testserver.h"
+#include <qel/base/btkpipe.h>
 #include <qel/base/btksocket.h>
+#include <qel/base/nmsclient.h>
 #include <qel/xiolib.h>
 #include <qel/xrtti.h>
 
@@ -95,6 +98,58 @@ TEST(netBaseServer, IsKnownByItsNameWhileItLives)
         address->setPortN(0);
         EXPECT_EQ(ResolvePort(address.get()), server->getPortN());
     }
+    address->setPortN(0);
+    EXPECT_EQ(failureOf([&] { ResolvePort(address.get()); }), "0 Server is not registered");
+}
+
+// Each asks whether the name is taken before it registers it, and all find that it is not.
+TEST(netBaseServer, OneOfManyThatStartAtOnceGetsTheName)
+{
+    const TestNameServer names;
+    btkOutputPipe go;
+    btkInputPipe gone;
+    ASSERT_TRUE(btkAnonymousPipe::Create(go, gone));
+    std::vector<std::unique_ptr<ChildProcess>> twins;
+    for (int i = 0; i < 12; ++i)
+        twins.push_back(std::make_unique<ChildProcess>([&] {
+            go.Reset();
+            char byte = 0;
+            btkRead(gone.Get(), &byte, 1); // until all are there
+            try {
+                const Owned<netBaseServer> server(netBaseServer::Create("twin", 0));
+                if (server == nullptr)
+                    return 2;
+                pause();
+                return 3;
+            } catch (xthrowable*) {
+                return 1;
+            }
+        }));
+    go.Reset();
+    int refused = 0;
+    for (int i = 0; i < 11; ++i) {
+        int status = 0;
+        const pid_t ended = waitpid(-1, &status, 0);
+        refused += ended > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 1;
+    }
+    EXPECT_EQ(refused, 11);
+    const nmsOwnedProxy proxy(getNameServer(nullptr));
+    EXPECT_TRUE(IsRegisteredWithNMS(proxy.get(), "twin"));
+}
+
+TEST(netBaseServer, TakesNobodyElsesNameAway)
+{
+    const TestNameServer names;
+    const nmsOwnedProxy proxy(getNameServer(nullptr));
+    const xrchandle<netAddress> address(netAddress::Create("counter", nullptr));
+    {
+        const Owned<netBaseServer> server(netBaseServer::Create("counter", 0));
+        const nmsOwnedRecord other(MakeServerRecord("counter")); // of this process, too
+        nmsRecAdd(other.get(), "_PortNumber", "7");
+        EXPECT_EQ(nmsOwnedError(nmsServRegister(proxy.get(), other.get())), nullptr);
+    }
+    EXPECT_EQ(ResolvePort(address.get()), 7);
+    EXPECT_TRUE(UnregisterFromNMS(proxy.get(), "counter"));
     address->setPortN(0);
     EXPECT_EQ(failureOf([&] { ResolvePort(address.get()); }), "0 Server is not registered");
 }

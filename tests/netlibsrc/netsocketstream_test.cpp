@@ -1,6 +1,7 @@
 #include <qel/xnetlib.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -203,6 +204,43 @@ TEST(netSocketStream, CarriesUrgentIntegersBesideTheStream)
         EXPECT_EQ(in.ReadInt(), value / 2);
         EXPECT_EQ(in.ReadInt(), value / 3);
     }
+}
+
+// Two at once corrupt the stream; kept apart, each arrives.
+TEST(netSocketStream, KeepsUrgentIntegersApart)
+{
+    Streams streams;
+    netSocketStream& out = *streams.out;
+    netSocketStream& in = *streams.in;
+    out.setUrgentSpacing(0.4);
+    std::vector<int> values, urgents;
+    std::thread reader([&] {
+        const Event urgent(in.OutOfBandEvent());
+        while (urgents.size() < 3 && urgent->Wait(10.0) == 1) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(30)); // busy with something else
+            urgents.push_back(in.ReadOutOfBand());
+            if (urgents.size() == 2) { // something comes back
+                in.WriteInt(1);
+                in.Flush(1);
+            }
+        }
+        for (int i = 0; i < 3; ++i)
+            values.push_back(in.ReadInt());
+    });
+    double took[3];
+    for (int i = 0; i < 3; ++i) {
+        out.WriteInt(100 * (i + 1));
+        const btkTimeval start = btkTimeval::Now();
+        EXPECT_EQ(out.WriteOutOfBand(i + 1), 1);
+        took[i] = (btkTimeval::Now() - start).ToSeconds();
+    }
+    out.Flush(1);
+    reader.join();
+    EXPECT_EQ(urgents, std::vector<int>({1, 2, 3}));
+    EXPECT_EQ(values, std::vector<int>({100, 200, 300}));
+    EXPECT_GE(took[1], 0.35);
+    EXPECT_LT(took[2], 0.35) << "the peer has answered";
+    EXPECT_EQ(out.ReadInt(), 1);
 }
 
 TEST(netSocketStream, RefusesUrgentIntegersOnceItIsClosed)

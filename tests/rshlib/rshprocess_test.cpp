@@ -226,21 +226,28 @@ TEST_F(RemoteShell, GoesOnWithCommandsThatDoNotReadOrLeaveOthersBehind)
 
 TEST_F(RemoteShell, InterruptsAndTerminatesWithTheGroup)
 {
-    for (const bool withInput : {false, true})
+    // Nothing, more than the command's pipe and the queue at the server take, and more than all buffers on
+    // the way.
+    for (const std::size_t input : {0, 200000, 20000000})
         for (const bool kill : {false, true}) {
+            SCOPED_TRACE(input);
             const Remote remote("sh -c 'echo ready; exec sleep 60'; exit 3");
             char ready[6];
             EXPECT_EQ(remote.process->getStdout()->ReadBytes(ready, 6), 6u);
-            if (withInput) // more than the command's pipe and the queue at the server take
-                remote.Write(std::string(200000, 'x'));
+            std::thread writer([&] { allowStreamFailure([&] { remote.Write(std::string(input, 'x')); }); });
+            if (input > 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(300)); // it is stuck by then
             EXPECT_EQ(remote.process->GetExitCode(), xnullint);
             EXPECT_EQ(remote.process->IsRunning(), 1);
             if (kill)
                 remote.process->Terminate();
             else
                 remote.process->Interrupt();
+            const btkTimeval start = btkTimeval::Now();
             EXPECT_EQ(remote.Wait(), 128 + (kill ? SIGKILL : SIGINT));
+            EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 1.5);
             EXPECT_EQ(remote.Output(), "");
+            writer.join();
         }
 }
 

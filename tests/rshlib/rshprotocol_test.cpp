@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <climits>
 #include <cstdint>
 #include <ctime>
+#include <thread>
 
 #include "support/environment.h"
 #include "support/owned.h"
@@ -161,6 +164,57 @@ TEST(rshServer, EndsWithAClientThatIsLostWhileTheCommandReadsNothing)
         btkResetOnClose(served.pair.nearSocket->GetHandle(), isReset);
         served.pair.near.reset();
     }
+}
+
+// A connection that asks for nothing, or never answers the end, is not kept for ever.
+TEST(rshServer, IsPatientForATimeOnly)
+{
+    const auto readIn = [](const StreamPair& pair) {
+        const btkTimeval start = btkTimeval::Now();
+        rshRequest request;
+        EXPECT_FALSE(request.Read(pair.far.get(), 0.3, {nullptr}));
+        return (btkTimeval::Now() - start).ToSeconds();
+    };
+    for (const bool drips : {false, true}) {
+        const StreamPair pair;
+        Send(pair, Int(1000) + "x");
+        std::atomic<bool> ends = false;
+        std::thread sender([&] {
+            while (drips && !ends) {
+                Send(pair, "x");
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+        });
+        EXPECT_LT(readIn(pair), 0.3 * 1.1 + 0.2);
+        ends = true;
+        sender.join();
+    }
+    rshServer::setPatience(0.3);
+    for (const std::size_t output : {0, 20000000}) {
+        const Served served;
+        Send(served.pair,
+             Text("head -c " + std::to_string(output) + " /dev/zero") + Text("") + Int(0) + Int(5));
+        const Owned<rshServerEvent> end(served.server->ExitEvent());
+        if (output > 0) { // the command ends once this client has taken most of it
+            EXPECT_EQ(end->evtEvent::Wait(1.0), 0) << "patience begins with the end of the command";
+            Receive(served.pair, output - 100000);
+        }
+        const btkTimeval start = btkTimeval::Now();
+        EXPECT_EQ(end->evtEvent::Wait(5.0), 1);
+        EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 1.5);
+        // What was on its way arrives.
+        const std::string last = Int(6) + Int(0) + Int(7);
+        const std::string rest = Receive(served.pair, 1 << 20);
+        EXPECT_EQ(rest.substr(rest.size() - std::min(rest.size(), last.size())), last);
+    }
+    rshServer::setPatience(10);
+}
+
+TEST(rshServer, SaysWhyItRefusesARequest)
+{
+    StreamPair pair;
+    rshRequest::Refuse(pair.far.get(), "too many");
+    EXPECT_EQ(Receive(pair, 20), Int(10) + Int(0) + Text("too many"));
 }
 
 TEST(rshServer, SendsOnlyWhatWasWrittenBeforeTheCommandEnded)

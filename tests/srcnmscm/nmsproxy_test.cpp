@@ -36,6 +36,17 @@ std::string Text(const xstring& s)
     return s.CastToCString();
 }
 
+// What an exception prints.
+template<class X, class Action>
+std::string Printed(Action action)
+{
+    std::ostringstream os;
+    const xrchandle<X> thrown = Thrown<X>(action);
+    if (thrown)
+        thrown->Print(os);
+    return os.str();
+}
+
 // Answers one request with these bytes, whatever it is, and closes the connection. While it lives it is the
 // name server that proxies find.
 class StrangeServer
@@ -172,6 +183,11 @@ TEST(nmsServerProxy, TakesWhatAnyServerAnswers)
                   "ERROR  : Other in nmsServerProxy::GetVersion");
     }
     {
+        const StrangeServer cutOff(done + zero + zero.substr(1) + "\1"); // and no field follows
+        EXPECT_EQ(Told<nmsXCantGetVersion>([&] { proxy->GetVersion(); }),
+                  "ERROR  : Other in nmsServerProxy::GetVersion");
+    }
+    {
         const StrangeServer none(done + zero);
         EXPECT_EQ(proxy->Delete(pattern.get()), 0);
     }
@@ -209,4 +225,25 @@ TEST(nmsServerProxy, TakesWhatAnyServerAnswers)
         ASSERT_EQ(found->getarraysize(), 1);
         const Record kept(found->get(0));
     }
+}
+
+TEST(nmsXException, PrintsWhatFailedAndWithWhat)
+{
+    const EnvSetting noPort("VRXNMSPORT", "70000");
+    const Proxy proxy(nmsServerProxy::InitLocalProxy());
+    const std::string head = "Exception: \"ERROR  : NMS client: could not connect to NameServer. (LOCALHOST, "
+                             "port 70000)\"\n\tin function \"nmsServerProxy::";
+
+    EXPECT_EQ(
+        Printed<nmsXCantConnectByName>([] { nmsServerProxy::ConnectByName("nohost.invalid"); }),
+        "Exception: \"ERROR  : can't connect by name\"\n\tin function \"nmsServerProxy::ConnectByName\"\n"
+        "\t( Server: \"nohost.invalid\" )\n");
+    EXPECT_EQ(Printed<nmsXException>([&] { proxy->Shutdown(); }), head + "Shutdown\"\n");
+    // The records are gone when these are printed.
+    EXPECT_EQ(Printed<nmsXCantRegisterRecord>([&] { proxy->Register(RecordOf("a", "b").get()); }),
+              head + "Register\"\n\t( Record: \"a=b\" )\n");
+    EXPECT_EQ(Printed<nmsXException>([&] { proxy->Delete(RecordOf("c", "d").get()); }),
+              head + "Delete\"\n\t( Template: \"c=d\" )\n");
+    EXPECT_EQ(Printed<nmsXCantQuery>([] { nmsXCantQuery::Throw("text", nullptr, nullptr); }).substr(0, 19),
+              "Exception: \"text\"\n\t");
 }

@@ -7,7 +7,6 @@
 #include "netexception.h"
 #include "qeltable.h"
 #include "syslib.h"
-#include <qel/base/nmsclient.h>
 
 constinit qelClass netAddress::rtti = {
     .name = "netlib::Address",
@@ -34,6 +33,41 @@ bool Succeeded(capi_nmsError* answered)
     return error == nullptr;
 }
 
+nmsOwnedProxy NewProxy(const xstring& host)
+{
+    const char* const name = TextOf(host);
+    return nmsOwnedProxy(name == nullptr ? nmsServConnectLocal() : nmsServConnectByName(name));
+}
+
+bool Answers(const nmsOwnedProxy& proxy)
+{
+    return proxy != nullptr && nmsOwnedError(nmsServPing(proxy.get())) == nullptr;
+}
+
+nmsOwnedRecord RecordOf(const xstring& name, int port)
+{
+    nmsOwnedRecord record(MakeServerRecord(name));
+    if (record != nullptr && !nmsRecAdd(record.get(), portField, std::to_string(port).c_str()))
+        record.reset();
+    return record;
+}
+
+int ResolvePortBy(netAddress* address, btkTimeval end)
+{
+    if (!qelIsObject(address))
+        netXException::Throw(netInvalidAddress, "Address is nil!");
+    if (address->getPortN() == 0) {
+        const nmsOwnedProxy proxy = netNameServer(address->getHostName(), end);
+        if (proxy == nullptr)
+            netXException::Throw(netNameServiceProblem, "Name Server is not found");
+        const int port = GetPortFromNMS(proxy.get(), address->getServerName());
+        if (port == 0)
+            netXException::Throw(netNameServiceProblem, "Server is not registered");
+        address->setPortN(port);
+    }
+    return address->getPortN();
+}
+
 } // namespace
 
 netAddress::netAddress(const char* host, int port, const char* server)
@@ -53,37 +87,31 @@ netAddress* netAddress::Create(const char* serverName, const char* host)
 
 int ResolvePort(netAddress* address)
 {
-    if (!qelIsObject(address))
-        netXException::Throw(netInvalidAddress, "Address is nil!");
-    if (address->getPortN() == 0) {
-        const nmsOwnedProxy proxy(getNameServer(address->getHostName()));
-        if (proxy == nullptr)
-            netXException::Throw(netNameServiceProblem, "Name Server is not found");
-        const int port = GetPortFromNMS(proxy.get(), address->getServerName());
-        if (port == 0)
-            netXException::Throw(netNameServiceProblem, "Server is not registered");
-        address->setPortN(port);
-    }
-    return address->getPortN();
+    return ResolvePortBy(address, netAnswerEnd());
 }
 
-std::unique_ptr<btkStreamSocket> netConnect(netAddress* address, btkTimeval limit)
+std::unique_ptr<btkStreamSocket> netConnect(netAddress* address, btkTimeval end)
 {
-    const int port = ResolvePort(address);
+    const int port = ResolvePortBy(address, end.IsForever() ? netAnswerEnd() : end);
     const xstring host = address->getHostName();
     auto socket = std::make_unique<btkStreamSocket>();
-    if (!socket->Connect(TextOf(host), port, limit))
+    if (!socket->Connect(TextOf(host), port, end.IsForever() ? end : end - btkTimeval::Now()))
         return nullptr;
     return socket;
 }
 
+nmsOwnedProxy netNameServer(const xstring& host, btkTimeval end)
+{
+    nmsOwnedProxy proxy = NewProxy(host);
+    if (proxy != nullptr)
+        nmsServSetDeadline(proxy.get(), end);
+    return Answers(proxy) ? std::move(proxy) : nullptr;
+}
+
 capi_nmsServerProxy* getNameServer(xstring host)
 {
-    const char* const name = TextOf(host);
-    nmsOwnedProxy proxy(name == nullptr ? nmsServConnectLocal() : nmsServConnectByName(name));
-    if (proxy == nullptr || nmsOwnedError(nmsServPing(proxy.get())) != nullptr)
-        return nullptr;
-    return proxy.release();
+    nmsOwnedProxy proxy = NewProxy(host);
+    return Answers(proxy) ? proxy.release() : nullptr;
 }
 
 capi_nmsRecord* MakeServerRecord(xstring name)
@@ -97,9 +125,15 @@ capi_nmsRecord* MakeServerRecord(xstring name)
 bool RegisterWithNMS(capi_nmsServerProxy* proxy, int port, xstring name)
 {
     const nmsOwnedProxy owned(proxy);
-    const nmsOwnedRecord record(MakeServerRecord(name));
-    return record != nullptr && nmsRecAdd(record.get(), portField, std::to_string(port).c_str()) &&
-           Succeeded(nmsServRegister(proxy, record.get()));
+    const nmsOwnedRecord record = RecordOf(name, port);
+    return record != nullptr && Succeeded(nmsServRegister(proxy, record.get()));
+}
+
+void netUnregister(capi_nmsServerProxy* proxy, int port, const xstring& name)
+{
+    const nmsOwnedRecord record = RecordOf(name, port);
+    if (record != nullptr)
+        Succeeded(nmsServRemove(proxy, record.get(), nullptr));
 }
 
 bool IsRegisteredWithNMS(capi_nmsServerProxy* proxy, xstring name)

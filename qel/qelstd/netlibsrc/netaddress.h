@@ -33,7 +33,8 @@ private:
     xstring serverName;
 };
 
-/// The port of `address`. One that is not known is asked of the name server of the address's host, and kept.
+/// The port of `address`. One that is not known is asked of the name server of the address's host, for as
+/// long as netServer::setAnswerLimit says in all, and kept.
 /// @throws netXException  the address is null, there is no name server, or it knows no port for the name
 QEL_API int ResolvePort(netAddress* address);
 

@@ -17,7 +17,6 @@
 #include "qelcaught_p.h"
 #include "qeltable.h"
 #include <qel/base/netsilentset.h>
-#include <qel/base/nmsclient.h>
 #include <qel/xrtti.h>
 
 QEL_LABELS(netServerLoopAction, "netlib::ServerLoopAction", netServerContinue, netServerTerminate,
@@ -250,7 +249,11 @@ void netBaseServer::Register(const char* name)
 {
     if (name == nullptr || name == xnullstr)
         return;
-    nmsOwnedProxy proxy(getNameServer(nullptr));
+    // The name server keeps processes apart, and this the threads of this one: between asking and registering
+    // nobody else takes the name.
+    static std::mutex registering;
+    const std::lock_guard<std::mutex> lock(registering);
+    nmsOwnedProxy proxy = netNameServer(nullptr, netAnswerEnd());
     if (proxy == nullptr)
         netXException::Throw(netNameServiceProblem, "Can't register: Name Server not found");
     const xstring wanted(name);
@@ -266,9 +269,9 @@ void netBaseServer::Unregister() noexcept
 try {
     if (!std::exchange(isRegistered, false))
         return;
-    const nmsOwnedProxy proxy(getNameServer(nullptr));
+    const nmsOwnedProxy proxy = netNameServer(nullptr, netAnswerEnd());
     if (proxy != nullptr)
-        UnregisterFromNMS(proxy.get(), serverName);
+        netUnregister(proxy.get(), portN, serverName);
 } catch (const std::bad_alloc&) { // the name server drops the names of processes that have ended
 }
 
@@ -330,8 +333,7 @@ bool netBaseServer::Loop::TakeStop()
 
 netSocketStream* netBaseServer::Connect(netAddress* address, double timeout)
 {
-    std::unique_ptr<btkStreamSocket> socket =
-        netConnect(address, timeout == INFINITE ? btkTimeval::Forever() : btkTimeval(timeout));
+    std::unique_ptr<btkStreamSocket> socket = netConnect(address, btkTimeval::Now() + btkTimeval(timeout));
     return socket != nullptr ? netSocketStream::Create(socket.release()) : nullptr;
 }
 

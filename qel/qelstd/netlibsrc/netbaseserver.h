@@ -98,8 +98,8 @@ public:
     ~netBaseServer() override;
 
     /// Connects to `address`, whose port is asked of the name server of its host when it is not known.
-    /// `timeout` in seconds, INFINITE waits as long as the host does. Null when nobody answers there within
-    /// it. The caller owns the stream.
+    /// `timeout`, in seconds, is for that and the connecting together; INFINITE waits as long as the
+    /// operating system does. Null when nobody answers there within it. The caller owns the stream.
     /// @throws netXException  as ResolvePort
     static netSocketStream* Connect(netAddress* address, double timeout);
 

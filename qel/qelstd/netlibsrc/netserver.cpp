@@ -1,6 +1,5 @@
 #include "netserver.h"
 
-#include <atomic>
 #include <iostream>
 #include <string>
 
@@ -23,26 +22,17 @@ constexpr btkTimeval patienceAtFirst(5, 0);
 // The first byte is there when the handshake begins, so the rest of it is short.
 constexpr btkTimeval handshakeLimit(1, 0);
 
-std::atomic<double> answerLimit = 10;
-
-btkTimeval LimitOf(double seconds)
-{
-    return seconds == INFINITE ? btkTimeval::Forever() : btkTimeval(seconds);
-}
-
 [[noreturn]] void Refuse()
 {
     netXException::Throw(netConnectionRefused, "Connection refused due to lack of rights");
 }
 
-// A connected socket whose calls are limited; null when nobody listens there.
-std::unique_ptr<btkStreamSocket> Reach(netAddress* address, btkTimeval limit)
+// A connected socket whose calls end by `end`, too; null when nobody listens there.
+std::unique_ptr<btkStreamSocket> Reach(netAddress* address, btkTimeval end)
 {
-    std::unique_ptr<btkStreamSocket> socket = netConnect(address, limit);
-    if (socket != nullptr) {
-        socket->SetRecvLimit(LimitOf(answerLimit));
-        socket->SetSendLimit(LimitOf(answerLimit));
-    }
+    std::unique_ptr<btkStreamSocket> socket = netConnect(address, end);
+    if (socket != nullptr)
+        socket->SetDeadline(end.IsForever() ? netAnswerEnd() : end);
     return socket;
 }
 
@@ -97,7 +87,7 @@ netServer* netServer::Create(const char* name, int port, const char* interface)
 void netServer::setSilentPatience(double seconds)
 {
     if (seconds > 0)
-        SetSilentPatience(LimitOf(seconds));
+        SetSilentPatience(btkTimeval(seconds));
 }
 
 netServerLoopAction netServer::PreprocessRequest(btkStreamSocket* socket)
@@ -143,12 +133,12 @@ bool netServer::MayCome(btkStreamSocket* socket)
 
 void netServer::setAnswerLimit(double seconds)
 {
-    answerLimit = seconds;
+    nmsSetAnswerLimit(btkTimeval(seconds));
 }
 
 netSocketStream* netServer::Connect(netAddress* address, double timeout)
 {
-    std::unique_ptr<btkStreamSocket> socket = Reach(address, LimitOf(timeout));
+    std::unique_ptr<btkStreamSocket> socket = Reach(address, btkTimeval::Now() + btkTimeval(timeout));
     if (socket == nullptr)
         return nullptr;
     const int verdict = netAsk(*socket, netRequestCode::open);
@@ -156,13 +146,13 @@ netSocketStream* netServer::Connect(netAddress* address, double timeout)
         return nullptr;
     if (verdict != netAdmitted)
         Refuse();
-    Unlimit(*socket);
+    socket->SetDeadline(btkTimeval::Forever());
     return netSocketStream::Create(socket.release());
 }
 
 unsigned char netServer::IsAlive(netAddress* address)
 {
-    const std::unique_ptr<btkStreamSocket> socket = Reach(address, btkTimeval::Forever());
+    const std::unique_ptr<btkStreamSocket> socket = Reach(address, netAnswerEnd());
     if (socket == nullptr)
         return false;
     const int answer = netAsk(*socket, netRequestCode::ping);
@@ -171,7 +161,7 @@ unsigned char netServer::IsAlive(netAddress* address)
 
 xstring netServer::GetVersion(netAddress* address)
 {
-    const std::unique_ptr<btkStreamSocket> socket = Reach(address, btkTimeval::Forever());
+    const std::unique_ptr<btkStreamSocket> socket = Reach(address, netAnswerEnd());
     if (socket == nullptr)
         netXException::Throw(netConnectionRefused, "Connection refused");
     if (netAsk(*socket, netRequestCode::version) != netAdmitted)
@@ -183,7 +173,7 @@ xstring netServer::GetVersion(netAddress* address)
 
 void netServer::Shutdown(netAddress* address)
 {
-    const std::unique_ptr<btkStreamSocket> socket = Reach(address, btkTimeval::Forever());
+    const std::unique_ptr<btkStreamSocket> socket = Reach(address, netAnswerEnd());
     if (socket != nullptr && netAsk(*socket, netRequestCode::shutdown) != netAdmitted)
         Refuse();
 }

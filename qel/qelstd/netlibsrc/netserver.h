@@ -33,11 +33,13 @@ public:
     int getSilentPlaces() { return GetSilentPlaces(); }
 
     // ---- for clients: each asks the server at `address`, whose port is asked of the name server of its host
-    // when it is not known, and throws what ResolvePort throws. Waits for an answer as long as
-    // setAnswerLimit says. Safe to call from any thread, an address from one at a time.
+    // when it is not known, and throws what ResolvePort throws. Ends after the time that setAnswerLimit says.
+    // Safe to call from any thread, an address from one at a time.
 
-    /// Opens a connection for requests; `timeout` limits the connecting, in seconds, INFINITE waits as long
-    /// as the host does. Null when nobody answers. The caller owns the stream.
+    /// Opens a connection for requests. `timeout`, in seconds, is for all of it instead of the answer limit:
+    /// asking for the port, connecting and the verdict; with INFINITE connecting takes as long as the
+    /// operating system lets it, and what comes before and after it each the answer limit at most. Null when
+    /// nobody answers. The caller owns the stream.
     /// @throws netXException  the server refuses this machine
     static netSocketStream* Connect(netAddress* address, double timeout);
     /// Whether it accepts connections and does not answer them wrongly. A listener that answers nothing
@@ -50,8 +52,8 @@ public:
     /// @throws netXException  the server refuses this machine or does not answer
     static void Shutdown(netAddress* address);
 
-    /// How many seconds those calls wait at most for a byte of the answer: 10 at first, INFINITE without
-    /// limit. Holds for the whole process.
+    /// How many seconds each of those calls, and each request to a name server, takes at most: 10 at first,
+    /// INFINITE without limit. Holds for the whole process.
     static void setAnswerLimit(double seconds);
 
 protected:

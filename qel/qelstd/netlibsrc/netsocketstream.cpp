@@ -80,11 +80,22 @@ unsigned char netSocketStream::WriteOutOfBand(int value)
     return socketBuf->SendUrgent(encoded);
 }
 
+void netSocketStream::setUrgentSpacing(double seconds)
+{
+    CheckOpen();
+    connection->SetUrgentSpacing(btkTimeval(seconds));
+}
+
 int netSocketStream::ReadOutOfBand()
 {
     CheckOpen();
     char encoded[valueSize];
     return socketBuf->ReceiveUrgent(encoded) == valueSize ? btkGetNetwork<int>(encoded) : xnullint;
+}
+
+void netSocketStream::ThrowTimeout()
+{
+    ThrowState(stateTimeout);
 }
 
 ioEvent* netSocketStream::OutOfBandEvent()

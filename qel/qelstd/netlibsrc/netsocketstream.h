@@ -16,9 +16,11 @@ class xsocketbuf;
 /// expired" when so many seconds have passed without a byte that came, or went. What a peer may make this
 /// process hold is limited by setTextLimit and setUrgentBudget.
 ///
-/// An urgent integer stands outside the stream, whose values it never disturbs. One at a time is sure: one
-/// that is sent before the peer has looked at the one before may displace it. Not counted: freed with
-/// xdelete.
+/// An urgent integer stands outside the stream. One at a time is sure: TCP has one urgent mark for each
+/// direction, and this end cannot know how far its peer has read. A second integer that arrives before the
+/// peer has read past the first one corrupts the ordinary stream: the first is lost as an urgent one, and its
+/// four bytes stand among the values. setUrgentSpacing makes that rare, not impossible. Not counted: freed
+/// with xdelete.
 class QEL_API netSocketStream : public ioStream
 {
     QEL_OBJECT(netSocketStream); // "netlib::SocketStream"
@@ -32,6 +34,10 @@ public:
     /// arrival of what was sent before. Whether it was sent.
     /// @throws ioXStream  the stream is not open
     unsigned char WriteOutOfBand(int value);
+    /// Has WriteOutOfBand wait until so many seconds have passed since the last urgent integer, or something
+    /// has come from the peer since then. 0, as at first: it does not wait for that. What comes need not be
+    /// an answer to the integer, and a peer may take longer: it may still happen that two meet.
+    void setUrgentSpacing(double seconds);
     /// The oldest urgent integer that has come; does not wait. Null when there is none.
     /// @throws ioXStream  the stream is not open
     int ReadOutOfBand();
@@ -49,6 +55,9 @@ public:
     /// How many bytes are held at most because an urgent integer stands behind them; 256 KiB at first. One
     /// further on is found once enough of them have been read.
     void setUrgentBudget(unsigned int bytes);
+    /// For those who wait for this stream with a limit of their own: adds "timeout expired" to the state.
+    /// @throws ioXStream  always
+    [[noreturn]] void ThrowTimeout();
 
 private:
     friend class netAsyncRequest;

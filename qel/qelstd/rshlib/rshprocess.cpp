@@ -1,6 +1,8 @@
 #include "rshprocess.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cstring>
 #include <stdexcept>
 
 #include "iopipe.h"
@@ -9,6 +11,7 @@
 #include "qeltable.h"
 #include "rshrelay_p.h"
 #include <qel/base/btkabort.h>
+#include <qel/base/btkbyteorder.h>
 #include <qel/base/btksocket.h>
 
 constinit qelClass rshProcess::rtti = {
@@ -34,16 +37,50 @@ constexpr int giveUp = -1;
 // How long a server may take nothing when it is to end the command, or to take the closing tag.
 constexpr btkTimeval patienceWithServer(2, 0);
 
-void ReadReply(netSocketStream& connection)
+std::atomic<btkTimeval> answerLimit = btkTimeval(10, 0);
+
+void PutText(std::string& to, const char* text)
 {
-    rshPartReader reader(connection, nullptr);
+    const std::size_t size = qelIsObject(text) ? std::strlen(text) : 0;
+    char number[sizeof(int)];
+    btkPutNetwork(number, static_cast<int>(size));
+    to.append(number, sizeof number).append(qelIsObject(text) ? text : "", size);
+}
+
+// Unlike the stream itself, never waits for longer than until `end`.
+void SendRequest(netSocketStream& s, const std::string& request, btkTimeval end)
+{
+    rshOutlet connection(&s);
+    rshQueue& queue = connection.queue;
+    for (std::size_t queued = 0; queued < request.size() || queue.GetSize() > 0;) {
+        const std::size_t count = std::min(queue.GetRoom(), request.size() - queued);
+        std::memcpy(queue.GetTail(), request.data() + queued, count);
+        queue.Add(count);
+        queued += count;
+        if (!connection.Pump())
+            ioXStream::Throw(&s, ioStreamState, "");
+        const btkTimeval now = btkTimeval::Now();
+        if (now >= end)
+            s.ThrowTimeout();
+        btkEvent::List full;
+        connection.AddTo(full);
+        if (!full.empty())
+            btkEvent::Wait(full, end - now);
+    }
+}
+
+void ReadReply(netSocketStream& connection, btkTimeval end)
+{
+    rshPartReader reader(connection, end);
     int reply = 0;
-    reader.ReadInt(reply);
-    if (reply == 0)
-        return;
     int code = 0;
     std::string text;
-    const bool isWhole = reader.ReadInt(code) && reader.ReadText(text);
+    const bool isWhole =
+        reader.ReadInt(reply) && (reply == 0 || (reader.ReadInt(code) && reader.ReadText(text)));
+    if (!isWhole && btkTimeval::Now() >= end)
+        connection.ThrowTimeout();
+    if (reply == 0)
+        return;
     rshXProcess::Throw(rshDaemonError, static_cast<pcCreateError>(code), isWhole ? text.c_str() : nullptr);
 }
 
@@ -65,7 +102,7 @@ public:
         btkResetOnClose(socket, true);
         while (!isGivenUp && !isFinished) {
             btkEvent::List events;
-            if (!isTerminated)
+            if (!isTerminated && IsInputWanted())
                 input.AddTo(events, connection.queue);
             rshReceiver::AddTo(events);
             Wait(events);
@@ -97,8 +134,20 @@ private:
         connection.AddTo(events);
         output.AddTo(events);
         errors.AddTo(events);
-        const btkTimeval usual(3.0), left = end - btkTimeval::Now();
+        const btkTimeval usual = isInputHeld ? inputPause : btkTimeval(3.0), left = end - btkTimeval::Now();
         btkEvent::Wait(events, left > btkTimeval() ? std::min(usual, left) : usual);
+    }
+
+    // Whether the server's machine has room for a block of input and, behind it, for an urgent value: what
+    // stands before one must all be there, or nobody there hears of it. No event tells when there is room
+    // again.
+    bool IsInputWanted()
+    {
+        const std::size_t room = btkCountPeerRoom(socket);
+        isInputHeld = !input.IsEnded() && room < roomForUrgent + leastBlock;
+        inputRoom = isInputHeld ? 0 : room - roomForUrgent;
+        inputPause = isInputHeld ? std::min(inputPause + inputPause, longestPause) : shortestPause;
+        return !isInputHeld;
     }
 
     void ForwardSignals()
@@ -133,7 +182,8 @@ private:
     // the connection is given up.
     bool IsTerminationStuck()
     {
-        isTerminating = isTerminating && (connection.queue.GetSize() > 0 || btkCountUnsent(socket) > 0);
+        isTerminating = isTerminating && (connection.queue.GetSize() > 0 || btkCountUnsent(socket) > 0 ||
+                                          btkCountPeerRoom(socket) < roomForUrgent + leastBlock);
         return isTerminating && btkTimeval::Now() >= end;
     }
 
@@ -148,9 +198,9 @@ private:
 
     void MoveInput()
     {
-        if (isTerminated)
+        if (isTerminated || isInputHeld)
             return;
-        if (input.Move(rshTagIn, connection.queue))
+        if (input.Move(rshTagIn, connection.queue, inputRoom))
             hasSentInput = true;
         else if (input.IsEnded() && !isEndSent) {
             connection.queue.PutInt(rshTagInEnd);
@@ -196,6 +246,12 @@ private:
     rshOutlet output;
     rshOutlet errors;
     int exitCode = xnullint;
+    static constexpr std::size_t roomForUrgent = 256; // and for messages without a block
+    static constexpr std::size_t leastBlock = 1024;
+    static constexpr btkTimeval shortestPause{0, 200}, longestPause{0, 50000};
+    bool isInputHeld = false;
+    std::size_t inputRoom = 0;
+    btkTimeval inputPause = shortestPause;
     bool hasSentInput = false;
     bool isEndSent = false;
     bool isFinished = false;
@@ -211,11 +267,13 @@ private:
 rshProcess* rshProcess::Create(netSocketStream* s, const char* command, const char* workDir, ioStream* in,
                                ioStream* out, ioStream* err, unsigned char useShell, unsigned char)
 {
-    s->WriteString(command);
-    s->WriteString(workDir);
-    s->WriteInt(useShell == 1);
-    s->Flush(1);
-    ReadReply(*s);
+    const btkTimeval end = btkTimeval::Now() + answerLimit.load();
+    std::string request;
+    PutText(request, command);
+    PutText(request, workDir);
+    request.append({0, 0, 0, useShell == 1 ? '\1' : '\0'});
+    SendRequest(*s, request, end);
+    ReadReply(*s, end);
 
     rshOwned<ioPipe> pipes[3];
     ioStream* const given[] = {in, out, err};
@@ -235,6 +293,11 @@ rshProcess* rshProcess::Create(netSocketStream* s, const char* command, const ch
     rshOwned<rshProcess> process(new (pDefMemMgr) rshProcess(
         s, pipes[0].release(), pipes[1].release(), pipes[2].release(), source, target, errorTarget));
     return process->Start() ? process.release() : nullptr;
+}
+
+void rshProcess::setAnswerLimit(double seconds)
+{
+    answerLimit = btkTimeval(seconds);
 }
 
 rshProcess::rshProcess(netSocketStream* s, ioPipe* inPipe, ioPipe* outPipe, ioPipe* errPipe, ioStream* in,

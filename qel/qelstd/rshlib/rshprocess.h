@@ -26,10 +26,14 @@ public:
     /// caller's and are used by the thread only until its end. For each that is null a pipe is made, see
     /// getStdin. The last argument is not used. Null when the thread can not be started.
     /// @throws rshXProcess  the other end could not start the command
-    /// @throws ioXStream    the connection failed
+    /// @throws ioXStream    the connection failed, or the answer limit has passed
     static rshProcess* Create(netSocketStream* s, const char* command, const char* workDir, ioStream* in,
                               ioStream* out, ioStream* err, unsigned char useShell, unsigned char reserved);
     ~rshProcess() override;
+
+    /// How many seconds Create takes at most, from the first byte of the request to the whole reply: 10 at
+    /// first, INFINITE without limit. Holds for the whole process. Safe to call from any thread.
+    static void setAnswerLimit(double seconds);
 
     /// Where the standard input is written to, and where the outputs are read from; they end with the
     /// command. Null for a stream that the caller gave. They stay the object's. Who does not read an output

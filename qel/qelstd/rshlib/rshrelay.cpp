@@ -105,7 +105,7 @@ void rshInlet::AddTo(btkEvent::List& events, const rshQueue& to)
         events.push_back(input.get());
 }
 
-bool rshInlet::Move(rshTag tag, rshQueue& to)
+bool rshInlet::Move(rshTag tag, rshQueue& to, std::size_t most)
 {
     const bool isReady = input == nullptr || (isAsked && input->WasSignaled());
     if (isEnded || !to.HasRoomForBlock() || (!isReady && !rest))
@@ -113,7 +113,7 @@ bool rshInlet::Move(rshTag tag, rshQueue& to)
     std::size_t count = 0;
     char* const block = to.GetTail();
     const bool isSound = rshSucceeds([&] {
-        const std::size_t room = to.GetRoom() - 8 - rshQueue::spare;
+        const std::size_t room = std::min(to.GetRoom() - 8 - rshQueue::spare, most);
         count = std::min<std::size_t>(source->PeekNBytes(), room);
         if (rest)
             count = std::min(count, *rest);
@@ -165,6 +165,7 @@ bool rshReceiver::Receive()
             return false;
         if (step != Went)
             return step == Waits;
+        ++taken;
     }
     return true;
 }
@@ -218,16 +219,19 @@ rshReceiver::Step rshReceiver::Take(int number)
 
 // ---- rshPartReader
 
-rshPartReader::rshPartReader(ioStream& connection, evtEvent* stop)
-    : stream(connection), input(connection.InputEvent()), stopEvent(stop)
+rshPartReader::rshPartReader(ioStream& connection, btkTimeval latest, std::initializer_list<btkEvent*> stops)
+    : stream(connection), input(connection.InputEvent()), stopEvents(stops), end(latest)
 {
+    std::erase(stopEvents, nullptr);
 }
 
 bool rshPartReader::WaitForInput()
 {
-    const btkEvent::List events = {input.get(), stopEvent};
-    btkEvent::Wait(events, btkTimeval::Forever());
-    return stopEvent == nullptr || !stopEvent->WasSignaled();
+    btkEvent::List events = stopEvents;
+    events.push_back(input.get());
+    btkEvent::Wait(events, end - btkTimeval::Now());
+    return btkTimeval::Now() < end && std::none_of(stopEvents.begin(), stopEvents.end(),
+                                                   [](btkEvent* stop) { return stop->WasSignaled(); });
 }
 
 bool rshPartReader::ReadInt(int& value)
@@ -247,6 +251,8 @@ bool rshPartReader::ReadText(std::string& text)
         return false;
     char part[4096];
     while (left > 0) {
+        if (btkTimeval::Now() >= end) // also where there is always a byte
+            return false;
         while (stream.TryReadByte() == ioWouldBlock)
             if (!WaitForInput())
                 return false;

@@ -4,6 +4,7 @@
 // a command or a reader, except where it says so. A direction that can not go on leaves the others alone.
 
 #include <cstddef>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -108,9 +109,9 @@ public:
 
     /// Puts what a wait needs to know into `events` while there may be more and `to` has room.
     void AddTo(btkEvent::List& events, const rshQueue& to);
-    /// Moves what is there into `to`, as one block behind `tag`. Nothing to be moved though the last wait
-    /// found the source ready is the end. False when nothing was moved.
-    bool Move(rshTag tag, rshQueue& to);
+    /// Moves what is there, at most `most` bytes, into `to`, as one block behind `tag`. Nothing to be moved
+    /// though the last wait found the source ready is the end. False when nothing was moved.
+    bool Move(rshTag tag, rshQueue& to, std::size_t most = rshQueue::capacity);
     /// What is there now is the rest, whoever goes on writing: behind it is the end.
     void TakeOnlyTheRest();
     bool IsEnded() const { return isEnded; }
@@ -137,6 +138,8 @@ public:
     void AddTo(btkEvent::List& events);
     /// Whether a block waits for room, so that nothing is read.
     bool IsBlocked() const;
+    /// How many numbers and parts of blocks have been taken; goes round.
+    unsigned CountTaken() const { return taken; }
 
 protected:
     /// Where the blocks behind `tag` go; null when `tag` has no block.
@@ -155,17 +158,18 @@ private:
     int awaiting = rshTagNone; // whose integer is awaited, or whose block is being read
     rshOutlet* outlet = nullptr;
     int blockLeft = 0;
+    unsigned taken = 0;
     bool isDone = false;
 };
 
-/// Reads the parts of a request or a reply, and gives up when `stop` is signaled.
+/// Reads the parts of a request or a reply.
 class rshPartReader
 {
 public:
-    /// `stop` may be null.
-    rshPartReader(ioStream& connection, evtEvent* stop);
+    /// Gives up at the time `latest`, and when one of `stops` is signaled, of which each may be null.
+    rshPartReader(ioStream& connection, btkTimeval latest, std::initializer_list<btkEvent*> stops = {});
 
-    /// Both wait. False when `stop` was signaled, or a text is no sane one.
+    /// Both wait. False when it was given up, or a text is no sane one.
     /// @throws ioXStream  of the connection
     bool ReadInt(int& value);
     bool ReadText(std::string& text);
@@ -179,5 +183,6 @@ private:
 
     ioStream& stream;
     rshOwned<ioEvent> input;
-    evtEvent* stopEvent;
+    btkEvent::List stopEvents;
+    btkTimeval end;
 };

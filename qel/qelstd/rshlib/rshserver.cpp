@@ -1,5 +1,6 @@
 #include "rshserver.h"
 
+#include <atomic>
 #include <stdexcept>
 
 #include "fspath.h"
@@ -10,6 +11,7 @@
 #include "qeltable.h"
 #include "rshrelay_p.h"
 #include <qel/base/btkabort.h>
+#include <qel/base/btksocket.h>
 #include <qel/base/btksystem.h>
 
 constinit qelClass rshServer::rtti = {
@@ -28,36 +30,25 @@ namespace {
 // killed.
 constexpr double patienceWithClient = 0.5;
 constexpr double patienceWithCommand = 5.0;
+// Input that a command does not read waits there. Urgent values are found behind as much as a stream holds
+// for them, which is more.
+constexpr std::size_t ownRoom = 96 << 10;
 
-struct Request
-{
-    std::string command;
-    std::string workDir;
-    int useShell = 0;
-};
+std::atomic<btkTimeval> patienceAtEnd = btkTimeval(10, 0);
 
-bool ReadRequest(ioStream& connection, evtEvent* stop, Request& request)
+xstring ForShell(const std::string& command)
 {
-    rshPartReader reader(connection, stop);
-    return reader.ReadText(request.command) && reader.ReadText(request.workDir) &&
-           reader.ReadInt(request.useShell);
-}
-
-xstring CommandOf(const Request& request)
-{
-    if (request.useShell == 0)
-        return request.command.c_str();
     const xstring shell = pcGetShellCommand();
     const std::string prefix = shell != nullptr ? shell.CastToCString() : "";
-    return (prefix + " \"" + request.command + "\"").c_str();
+    return (prefix + " \"" + command + "\"").c_str();
 }
 
-xstring WorkDirOf(const Request& request, const char* baseDir)
+xstring WorkDirBelow(const char* baseDir, const std::string& wanted)
 {
-    const xstring workDir = fsPathToNative(request.workDir.c_str());
+    const xstring workDir = fsPathToNative(wanted.c_str());
     // One that begins with a separator is rooted, though it names no drive.
     const bool isRooted = fsIsPathAbsolute(workDir.CastToCString()) || workDir.CastToCString()[0] == '\\';
-    const bool isBelowBase = !isRooted && !request.workDir.empty() && *baseDir != '\0';
+    const bool isBelowBase = !isRooted && !wanted.empty() && *baseDir != '\0';
     return isBelowBase ? fsCatPaths(fsPathToNative(baseDir).CastToCString(), workDir.CastToCString())
                        : workDir;
 }
@@ -72,24 +63,27 @@ void ReplyFailure(ioStream& connection, int code, const char* text)
     });
 }
 
+} // namespace
+
 // One command that is being served.
-class Session : private rshReceiver
+class [[gnu::visibility("hidden")]] rshSession : private rshReceiver
 {
 public:
-    Session(netSocketStream& s, evtEvent* stop)
+    rshSession(netSocketStream & s, evtEvent * stop)
         : rshReceiver(s), connection(&s), lost(new btkSelectEvent(connection.GetHandle(), 3)),
           urgent(s.OutOfBandEvent()), urgentStream(s), stopEvent(stop)
     {
+        btkSetOwnRoom(connection.GetHandle(), ownRoom);
     }
 
-    ~Session() override
+    ~rshSession() override
     {
         if (process != nullptr && !hasEnded)
             process->Terminate();
     }
 
     // Starts the command and replies. False when that failed.
-    bool Start(const Request& request, const char* baseDir)
+    bool Start(const rshRequest& request, const char* baseDir)
     {
         for (rshOwned<ioPipe>* const pipe : {&inPipe, &outPipe, &errPipe})
             pipe->reset(ioPipe::Create());
@@ -98,9 +92,11 @@ public:
             return false;
         }
         try {
-            process.reset(pcProcess::Create(CommandOf(request).CastToCString(),
-                                            WorkDirOf(request, baseDir).CastToCString(), inPipe->getReadEnd(),
-                                            outPipe->getWriteEnd(), errPipe->getWriteEnd(), 1, 1));
+            const xstring command =
+                request.useShell != 0 ? ForShell(request.command) : xstring(request.command.c_str());
+            process.reset(pcProcess::Create(
+                command.CastToCString(), WorkDirBelow(baseDir, request.workDir).CastToCString(),
+                inPipe->getReadEnd(), outPipe->getWriteEnd(), errPipe->getWriteEnd(), 1, 1));
         } catch (xthrowable* thrown) {
             pcXCreate* const failure = pcXCreate::softcast(thrown);
             qelXException* const refused = qelXException::softcast(thrown); // the directory is no path
@@ -138,6 +134,7 @@ public:
             CheckEnd();
             PumpInput();
             isBroken = !connection.Pump();
+            NoteProgress();
         }
         if (!hasEnded) {
             process->Terminate();
@@ -165,7 +162,7 @@ private:
             events.push_back(exit.get());
         if (stopEvent != nullptr && !isStopping)
             events.push_back(stopEvent);
-        const btkTimeval limit = isStopping ? end - btkTimeval::Now() : btkTimeval(1000.0);
+        const btkTimeval limit = std::min(GetEnd() - btkTimeval::Now(), btkTimeval(1000.0));
         btkEvent::Wait(events, isDraining ? btkTimeval() : limit);
     }
 
@@ -177,9 +174,30 @@ private:
         end = btkTimeval::Now() + btkTimeval(patienceWithClient);
         process->Terminate();
     }
-    bool IsOutOfPatience() const { return isStopping && btkTimeval::Now() >= end; }
+    // A client that is not to be heard of any more must not keep its place.
+    btkTimeval GetEnd() const
+    {
+        const btkTimeval stuck = hasEnded ? lastProgress + patienceAtEnd.load() : btkTimeval::Forever();
+        return isStopping ? std::min(end, stuck) : stuck;
+    }
+    bool IsOutOfPatience() const
+    {
+        return btkTimeval::Now() >= GetEnd();
+    }
 
-    bool IsClientLost() { return IsBlocked() && lost.WasSignaled(); }
+    void NoteProgress()
+    {
+        const std::size_t toGo = connection.queue.GetSize() + btkCountUnsent(connection.GetHandle());
+        if (!hasEnded || toGo != lastToGo || CountTaken() != lastTaken)
+            lastProgress = btkTimeval::Now();
+        lastToGo = toGo;
+        lastTaken = CountTaken();
+    }
+
+    bool IsClientLost()
+    {
+        return IsBlocked() && lost.WasSignaled();
+    }
 
     void TakeUrgent()
     {
@@ -223,7 +241,10 @@ private:
             isEndSent = true;
         }
     }
-    bool IsDrained() const { return out->IsEnded() && err->IsEnded(); }
+    bool IsDrained() const
+    {
+        return out->IsEnded() && err->IsEnded();
+    }
 
     void PumpInput()
     {
@@ -234,7 +255,10 @@ private:
         }
     }
 
-    rshOutlet* OutletOf(int tag) override { return tag == rshTagIn ? in.get() : nullptr; }
+    rshOutlet* OutletOf(int tag) override
+    {
+        return tag == rshTagIn ? in.get() : nullptr;
+    }
     bool OnMessage(int tag, int) override
     {
         if (tag == rshTagInEnd)
@@ -257,6 +281,9 @@ private:
     std::unique_ptr<rshOutlet> in;
     std::unique_ptr<rshInlet> out, err;
     btkTimeval end; // when patience ends, while stopping
+    btkTimeval lastProgress = btkTimeval::Now();
+    std::size_t lastToGo = 0;
+    unsigned lastTaken = 0;
     bool isStopping = false;
     bool isInputEnded = false;
     bool hasEnded = false; // the command
@@ -265,19 +292,39 @@ private:
     bool isBroken = false;
 };
 
-} // namespace
-
-unsigned char rshServer::Execute(netSocketStream* s, const char* baseDir, evtEvent* stopEvent)
+bool rshRequest::Read(netSocketStream* s, double limit, std::initializer_list<btkEvent*> stops)
 {
-    Request request;
     bool isRead = false;
-    if (!rshSucceeds([&] { isRead = ReadRequest(*s, stopEvent, request); }) || !isRead)
-        return 0;
-    Session session(*s, stopEvent);
-    if (!session.Start(request, qelIsObject(baseDir) ? baseDir : ""))
+    return rshSucceeds([&] {
+               rshPartReader reader(*s, btkTimeval::Now() + btkTimeval(limit), stops);
+               isRead = reader.ReadText(command) && reader.ReadText(workDir) && reader.ReadInt(useShell);
+           }) &&
+           isRead;
+}
+
+unsigned char rshRequest::Execute(netSocketStream* s, const char* baseDir, evtEvent* stopEvent) const
+{
+    rshSession session(*s, stopEvent);
+    if (!session.Start(*this, qelIsObject(baseDir) ? baseDir : ""))
         return 0;
     session.Serve();
     return 1;
+}
+
+void rshRequest::Refuse(netSocketStream* s, const char* why)
+{
+    ReplyFailure(*s, 0, why);
+}
+
+unsigned char rshServer::Execute(netSocketStream* s, const char* baseDir, evtEvent* stopEvent)
+{
+    rshRequest request;
+    return request.Read(s, INFINITE, {stopEvent}) ? request.Execute(s, baseDir, stopEvent) : 0;
+}
+
+void rshServer::setPatience(double seconds)
+{
+    patienceAtEnd = btkTimeval(seconds);
 }
 
 rshServer::rshServer(netSocketStream* s, const char* baseDir) : connection(s), baseDirectory(baseDir)

@@ -1,7 +1,10 @@
 #include "nmsexception.h"
 
+#include <string>
+
 #include "qeltable.h"
 #include "recnms.h"
+#include "xiolib.h"
 
 constinit qelClass nmsXException::rtti = {
     .name = "nmsclib::XException",
@@ -55,8 +58,39 @@ constinit qelClass nmsXCantGetVersion::rtti = {
     .parents = {QEL_PARENT(nmsXException)},
 };
 
+namespace {
+
+// The fields of a record, `name=value` between blanks; null for none.
+xstring TextOf(nmsRecord* record)
+{
+    if (!qelIsObject(record))
+        return nullptr;
+    const xrchandle<xstringdictionary> fields = record->getFields();
+    std::string text;
+    xstring name, value;
+    for (int slot = 0; slot < fields->getarraysize(); ++slot)
+        if (fields->getkeybyindex(slot, &name) && fields->getbyindex(slot, &value))
+            text.append(text.empty() ? "" : " ")
+                .append(name.CastToCString())
+                .append("=")
+                .append(value.CastToCString());
+    return text.c_str();
+}
+
+} // namespace
+
 nmsXException::nmsXException(const char* description, qelXFunc* func) : qelXExternFunc(description, func)
 {
+}
+
+void nmsXException::Throw(const char* description, qelXFunc* func)
+{
+    qelThrowNew<nmsXException>(description, func);
+}
+
+void nmsXException::Print(std::ostream& os)
+{
+    PrintHead(os);
 }
 
 nmsXCantConnectLocal::nmsXCantConnectLocal(const char* description, qelXFunc* func)
@@ -64,9 +98,25 @@ nmsXCantConnectLocal::nmsXCantConnectLocal(const char* description, qelXFunc* fu
 {
 }
 
+void nmsXCantConnectLocal::Throw(const char* description, qelXFunc* func)
+{
+    qelThrowNew<nmsXCantConnectLocal>(description, func);
+}
+
 nmsXCantConnectByName::nmsXCantConnectByName(const char* description, qelXFunc* func, const char* serverName)
     : qelXExternFunc(description, func), nmsXException(description, func), ServerName(serverName)
 {
+}
+
+void nmsXCantConnectByName::Throw(const char* description, qelXFunc* func, const char* serverName)
+{
+    qelThrowNew<nmsXCantConnectByName>(description, func, serverName);
+}
+
+void nmsXCantConnectByName::Print(std::ostream& os)
+{
+    nmsXException::Print(os);
+    PrintValue(os, "Server", ServerName);
 }
 
 xstring nmsXCantConnectByName::getServerName()
@@ -75,8 +125,20 @@ xstring nmsXCantConnectByName::getServerName()
 }
 
 nmsXCantRegisterRecord::nmsXCantRegisterRecord(const char* description, qelXFunc* func, nmsRecord* record)
-    : qelXExternFunc(description, func), nmsXException(description, func), Record(record)
+    : qelXExternFunc(description, func), nmsXException(description, func), Record(record),
+      text(TextOf(record))
 {
+}
+
+void nmsXCantRegisterRecord::Throw(const char* description, qelXFunc* func, nmsRecord* record)
+{
+    qelThrowNew<nmsXCantRegisterRecord>(description, func, record);
+}
+
+void nmsXCantRegisterRecord::Print(std::ostream& os)
+{
+    nmsXException::Print(os);
+    PrintValue(os, "Record", text);
 }
 
 nmsRecord* nmsXCantRegisterRecord::getRecord()
@@ -85,8 +147,20 @@ nmsRecord* nmsXCantRegisterRecord::getRecord()
 }
 
 nmsXCantDelete::nmsXCantDelete(const char* description, qelXFunc* func, nmsRecord* pattern)
-    : qelXExternFunc(description, func), nmsXException(description, func), Template(pattern)
+    : qelXExternFunc(description, func), nmsXException(description, func), Template(pattern),
+      text(TextOf(pattern))
 {
+}
+
+void nmsXCantDelete::Throw(const char* description, qelXFunc* func, nmsRecord* pattern)
+{
+    qelThrowNew<nmsXCantDelete>(description, func, pattern);
+}
+
+void nmsXCantDelete::Print(std::ostream& os)
+{
+    nmsXException::Print(os);
+    PrintValue(os, "Template", text);
 }
 
 nmsRecord* nmsXCantDelete::getTemplate()
@@ -95,8 +169,20 @@ nmsRecord* nmsXCantDelete::getTemplate()
 }
 
 nmsXCantQuery::nmsXCantQuery(const char* description, qelXFunc* func, nmsRecord* pattern)
-    : qelXExternFunc(description, func), nmsXException(description, func), Template(pattern)
+    : qelXExternFunc(description, func), nmsXException(description, func), Template(pattern),
+      text(TextOf(pattern))
 {
+}
+
+void nmsXCantQuery::Throw(const char* description, qelXFunc* func, nmsRecord* pattern)
+{
+    qelThrowNew<nmsXCantQuery>(description, func, pattern);
+}
+
+void nmsXCantQuery::Print(std::ostream& os)
+{
+    nmsXException::Print(os);
+    PrintValue(os, "Template", text);
 }
 
 nmsRecord* nmsXCantQuery::getTemplate()
@@ -109,7 +195,17 @@ nmsXCantShutdown::nmsXCantShutdown(const char* description, qelXFunc* func)
 {
 }
 
+void nmsXCantShutdown::Throw(const char* description, qelXFunc* func)
+{
+    qelThrowNew<nmsXCantShutdown>(description, func);
+}
+
 nmsXCantGetVersion::nmsXCantGetVersion(const char* description, qelXFunc* func)
     : qelXExternFunc(description, func), nmsXException(description, func)
 {
+}
+
+void nmsXCantGetVersion::Throw(const char* description, qelXFunc* func)
+{
+    qelThrowNew<nmsXCantGetVersion>(description, func);
 }

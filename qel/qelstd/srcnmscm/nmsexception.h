@@ -1,12 +1,14 @@
 #pragma once
 
+#include <iosfwd>
+
 #include <qel/qelexception.h>
 
 class nmsRecord;
 
 // The failures of a name-service proxy, thrown as `xthrowable*`. The description is the line that reports the
 // status. All are counted. A record in one is the caller's own, not counted: it is valid as long as the
-// caller keeps it.
+// caller keeps it; Print needs it no more. Each is thrown by its Throw.
 
 /// The base of them.
 class QEL_API nmsXException : public virtual qelXExternFunc
@@ -15,6 +17,10 @@ class QEL_API nmsXException : public virtual qelXExternFunc
 
 public:
     nmsXException(const char* description, qelXFunc* func);
+    [[noreturn]] static void Throw(const char* description, qelXFunc* func);
+
+    /// Writes the description, the function and what the subclass adds, a line each.
+    virtual void Print(std::ostream& os);
 };
 
 /// "Can't connect locally"
@@ -24,6 +30,7 @@ class QEL_API nmsXCantConnectLocal : public virtual nmsXException
 
 public:
     nmsXCantConnectLocal(const char* description, qelXFunc* func);
+    [[noreturn]] static void Throw(const char* description, qelXFunc* func);
 };
 
 /// "ERROR  : can't connect by name"
@@ -33,7 +40,9 @@ class QEL_API nmsXCantConnectByName : public virtual nmsXException
 
 public:
     nmsXCantConnectByName(const char* description, qelXFunc* func, const char* serverName);
+    [[noreturn]] static void Throw(const char* description, qelXFunc* func, const char* serverName);
     xstring getServerName();
+    void Print(std::ostream& os) override;
 
 private:
     xstring ServerName;
@@ -45,10 +54,13 @@ class QEL_API nmsXCantRegisterRecord : public virtual nmsXException
 
 public:
     nmsXCantRegisterRecord(const char* description, qelXFunc* func, nmsRecord* record);
+    [[noreturn]] static void Throw(const char* description, qelXFunc* func, nmsRecord* record);
     nmsRecord* getRecord();
+    void Print(std::ostream& os) override;
 
 private:
     nmsRecord* Record;
+    xstring text; // of its fields
 };
 
 class QEL_API nmsXCantDelete : public virtual nmsXException
@@ -57,10 +69,13 @@ class QEL_API nmsXCantDelete : public virtual nmsXException
 
 public:
     nmsXCantDelete(const char* description, qelXFunc* func, nmsRecord* pattern);
+    [[noreturn]] static void Throw(const char* description, qelXFunc* func, nmsRecord* pattern);
     nmsRecord* getTemplate();
+    void Print(std::ostream& os) override;
 
 private:
     nmsRecord* Template;
+    xstring text; // of its fields
 };
 
 class QEL_API nmsXCantQuery : public virtual nmsXException
@@ -69,10 +84,13 @@ class QEL_API nmsXCantQuery : public virtual nmsXException
 
 public:
     nmsXCantQuery(const char* description, qelXFunc* func, nmsRecord* pattern);
+    [[noreturn]] static void Throw(const char* description, qelXFunc* func, nmsRecord* pattern);
     nmsRecord* getTemplate();
+    void Print(std::ostream& os) override;
 
 private:
     nmsRecord* Template;
+    xstring text; // of its fields
 };
 
 class QEL_API nmsXCantShutdown : public virtual nmsXException
@@ -81,6 +99,7 @@ class QEL_API nmsXCantShutdown : public virtual nmsXException
 
 public:
     nmsXCantShutdown(const char* description, qelXFunc* func);
+    [[noreturn]] static void Throw(const char* description, qelXFunc* func);
 };
 
 class QEL_API nmsXCantGetVersion : public virtual nmsXException
@@ -89,4 +108,5 @@ class QEL_API nmsXCantGetVersion : public virtual nmsXException
 
 public:
     nmsXCantGetVersion(const char* description, qelXFunc* func);
+    [[noreturn]] static void Throw(const char* description, qelXFunc* func);
 };

@@ -50,8 +50,8 @@ void ThrowFor(nmsClientStatus* failure, const char* function, Values... values)
 {
     const Failure held(failure);
     if (held != nullptr)
-        qelThrowNew<X>(LineOf(*held).c_str(), xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get(),
-                       values...);
+        X::Throw(LineOf(*held).c_str(), xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get(),
+                 values...);
 }
 
 // Frees a counted object that nobody has attached.
@@ -105,7 +105,7 @@ nmsServerProxy* nmsServerProxy::ConnectLocal()
 {
     nmsServerProxy* const proxy = Answering(InitLocalProxy());
     if (proxy == nullptr)
-        qelThrowNew<nmsXCantConnectLocal>(
+        nmsXCantConnectLocal::Throw(
             "Can't connect locally",
             xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc("nmsServerProxy::ConnectLocal")).get());
     return proxy;
@@ -115,7 +115,7 @@ nmsServerProxy* nmsServerProxy::ConnectByName(const char* hostName)
 {
     nmsServerProxy* const proxy = Answering(InitProxy(hostName));
     if (proxy == nullptr)
-        qelThrowNew<nmsXCantConnectByName>(
+        nmsXCantConnectByName::Throw(
             "ERROR  : can't connect by name",
             xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc("nmsServerProxy::ConnectByName")).get(), hostName);
     return proxy;
@@ -152,8 +152,8 @@ xstring nmsServerProxy::GetVersion()
     const xrchandle<nmsRecord> answer(nmsRecord::Create(0));
     ThrowFor<nmsXCantGetVersion>(Version(*answer), function);
     if (!answer->HasField("Version"))
-        qelThrowNew<nmsXCantGetVersion>("ERROR  : Other",
-                                        xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get());
+        nmsXCantGetVersion::Throw("ERROR  : Other",
+                                  xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get());
     return answer->GetFieldValueByName("Version");
 }
 
@@ -165,6 +165,16 @@ unsigned char nmsServerProxy::IsAlive()
 void nmsServerProxy::Shutdown()
 {
     ThrowFor<nmsXCantShutdown>(ImplShutdown(), "nmsServerProxy::Shutdown");
+}
+
+void nmsServerProxy::setAnswerLimit(double seconds)
+{
+    nmsSetAnswerLimit(btkTimeval(seconds));
+}
+
+void nmsServerProxy::setAnswerBounds(std::size_t records, std::size_t bytes)
+{
+    nmsSetAnswerBounds(records, bytes);
 }
 
 // ---- requests
@@ -238,9 +248,10 @@ nmsClientStatus* nmsServerProxy::Version(nmsRecord& out)
     return Request(static_cast<int>(nmsRequestCode::version), nullptr,
                    [&](nmsExchange& exchange, int status) {
                        nmsFields answer;
-                       const bool isRead = status != nmscDone || exchange.ReadRecord(answer);
+                       if (status == nmscDone)
+                           exchange.ReadRecord(answer);
                        nmsRecordWire::Take(out, answer);
-                       return isRead;
+                       return true;
                    });
 }
 

@@ -32,7 +32,7 @@ private:
 QEL_API std::ostream& operator<<(std::ostream& os, const nmsClientStatus& status);
 
 /// Stands for one name server. Each operation is one request on a connection of its own, to the port that the
-/// environment variable VRXNMSPORT names, or 1239; it waits at most 10 seconds for each part of the answer. A
+/// environment variable VRXNMSPORT names, or 1239; it ends after the time that setAnswerLimit says. A
 /// proxy stays usable when its name server goes away and comes back. Counted. The operations throw the
 /// exception that is named after them; the requests below them answer a status, which the caller deletes, or
 /// null when all went well, and throw nothing.
@@ -66,14 +66,23 @@ public:
     /// @throws nmsXCantShutdown
     virtual void Shutdown();
 
+    /// How many seconds an operation or a request takes at most, connecting and the whole answer included: 10
+    /// at first, INFINITE without limit. For the whole process, and the same as netServer::setAnswerLimit.
+    static void setAnswerLimit(double seconds);
+    /// The most that the answer to a query may hold, as nmsSetAnswerBounds: 100,000 records and 64 MiB of
+    /// memory at first. More is a failure with code 8.
+    static void setAnswerBounds(std::size_t records, std::size_t bytes);
+
     // ---- requests
 
     nmsClientStatus* Ping();
     nmsClientStatus* ImplShutdown();
     nmsClientStatus* ImplRegister(nmsRecord& record);
     /// Clears `out` and fills it with new records, and stores their number in `count`; both may be null. A
-    /// record that cannot be read ends the answer with code 2; those before it are kept.
+    /// record that cannot be read ends the answer with code 2, one beyond the bounds with code 8; those
+    /// before it are kept.
     nmsClientStatus* ImplQuery(nmsRecord& pattern, nmsRecordArray* out, int* count);
+    /// `out` gets what could be read of the record that the server answered.
     nmsClientStatus* Version(nmsRecord& out);
     /// `count`, which may be null, gets the number that the server answered, 0 when it did not.
     nmsClientStatus* ImplDelete(nmsRecord& pattern, int* count);

@@ -1,0 +1,132 @@
+// Every operation of a client with a limit ends with it, whatever the server does.
+#include <functional>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/hostilepeer.h"
+#include "support/owned.h"
+#include "support/streampair.h"
+#include "support/thrown.h"
+#include <qel/base/nmswire.h>
+#include <qel/netaddress.h>
+#include <qel/netexception.h>
+#include <qel/netserver.h>
+#include <qel/nmsproxy.h>
+#include <qel/rshprocess.h>
+
+namespace {
+
+constexpr double limit = 0.5;
+
+// Runs what may fail; says how long it took beyond the limit. 10 % and 50 ms are promised, and the machine
+// has other work.
+void ExpectInTime(const char* what, const std::function<void()>& work)
+{
+    const btkTimeval start = btkTimeval::Now();
+    describeThrown<xthrowable>([&] { work(); }, [](xthrowable*) { return true; });
+    const double seconds = (btkTimeval::Now() - start).ToSeconds();
+    EXPECT_LE(seconds, 1.1 * limit + 0.05 + 0.45) << what;
+    EXPECT_GE(seconds, 0.9 * limit) << what << ": the peer was meant to hold it";
+}
+
+class LimitedClients : public testing::Test
+{
+protected:
+    LimitedClients() { netServer::setAnswerLimit(limit); }
+    ~LimitedClients() override { netServer::setAnswerLimit(10); }
+};
+
+std::string Number(int value)
+{
+    std::string bytes;
+    nmsPutInt(bytes, value);
+    return bytes;
+}
+
+} // namespace
+
+TEST_F(LimitedClients, EndInTimeBehindANameServerThatHoldsThem)
+{
+    const std::string done(1, '\0');
+    const struct
+    {
+        const char* manner;
+        std::string atOnce;
+        HostilePeer::Manner after;
+    } peers[] = {
+        {"silent", "", HostilePeer::Silent},
+        // The ping is answered, and the zeros that follow are record after record of the query.
+        {"dripping records", done + Number(0x7FFFFFFF), HostilePeer::Drips},
+        {"half an answer", done + Number(1) + Number(0), HostilePeer::Silent},
+    };
+    for (const auto& peer : peers) {
+        SCOPED_TRACE(peer.manner);
+        const HostilePeer names(peer.atOnce, peer.after);
+        const auto byName = [] { return xrchandle<netAddress>(netAddress::Create("some", nullptr)); };
+        netServer::setAnswerLimit(10);
+        ExpectInTime("netServer::Connect", [&] { netServer::Connect(byName().get(), limit); });
+        ExpectInTime("netBaseServer::Connect", [&] { netBaseServer::Connect(byName().get(), limit); });
+        netServer::setAnswerLimit(limit);
+        ExpectInTime("IsAlive", [&] { netServer::IsAlive(byName().get()); });
+        ExpectInTime("GetVersion", [&] { netServer::GetVersion(byName().get()); });
+        ExpectInTime("ResolvePort", [&] { ResolvePort(byName().get()); });
+        ExpectInTime("Create", [] { netServer::Create("some", 0); });
+        const xrchandle<nmsServerProxy> proxy(nmsServerProxy::InitLocalProxy());
+        const xrchandle<nmsRecord> all(nmsRecord::Create(0));
+        ExpectInTime("Query", [&] { proxy->Query(all.get()); });
+    }
+}
+
+TEST_F(LimitedClients, EndInTimeBehindAServerThatHoldsThem)
+{
+    const HostilePeer silent;
+    const HostilePeer dripping("\1\xff", HostilePeer::Drips); // a version of 255 bytes
+    const auto address = [](const HostilePeer& peer) {
+        return xrchandle<netAddress>(netAddress::Create(peer.port(), nullptr));
+    };
+    ExpectInTime("GetVersion", [&] { netServer::GetVersion(address(dripping).get()); });
+    ExpectInTime("IsAlive", [&] { netServer::IsAlive(address(silent).get()); });
+    ExpectInTime("Shutdown", [&] { netServer::Shutdown(address(silent).get()); });
+    netServer::setAnswerLimit(10);
+    ExpectInTime("Connect", [&] { netServer::Connect(address(silent).get(), limit); });
+}
+
+TEST_F(LimitedClients, GetNoMoreRecordsThanTheyWant)
+{
+    std::string answer(1, '\0');
+    answer += Number(3);
+    for (int i = 0; i < 3; ++i)
+        answer += Number(0) + Number(1) + Number(2) + Number(1) + "a" + Number(2) + Number(1) + "b";
+    const HostilePeer names(answer);
+    const xrchandle<nmsServerProxy> proxy(nmsServerProxy::InitLocalProxy());
+    const xrchandle<nmsRecord> all(nmsRecord::Create(0));
+    const auto query = [&](std::size_t records, std::size_t bytes, int& count) {
+        nmsServerProxy::setAnswerBounds(records, bytes);
+        const std::unique_ptr<nmsClientStatus> failure(proxy->ImplQuery(*all, nullptr, &count));
+        nmsServerProxy::setAnswerBounds(100000, std::size_t(64) << 20);
+        return failure == nullptr ? 0 : failure->getCode();
+    };
+    int count = 0;
+    EXPECT_EQ(query(3, 1000, count), 0);
+    EXPECT_EQ(count, 3);
+    EXPECT_EQ(query(2, 1000, count), nmscInternal);
+    EXPECT_EQ(count, 2);
+    EXPECT_EQ(query(3, 150, count), nmscInternal); // a record takes more than its 22 bytes
+    EXPECT_EQ(count, 1);
+}
+
+TEST_F(LimitedClients, WaitForARemoteCommandNoLongerThanTheyWant)
+{
+    rshProcess::setAnswerLimit(limit);
+    const auto start = [](StreamPair& pair, const std::string& command) {
+        rshProcess::Create(pair.near.get(), command.c_str(), nullptr, nullptr, nullptr, nullptr, 0, 0);
+    };
+    const std::string much(5 << 20, 'x'); // more than lies between two ends where nobody reads
+    StreamPair silent, deaf;
+    ExpectInTime("the reply", [&] { start(silent, "true"); });
+    EXPECT_TRUE(silent.near->getIsTimeout());
+    ExpectInTime("the request", [&] { start(deaf, much); });
+    EXPECT_TRUE(deaf.near->getIsTimeout());
+    rshProcess::setAnswerLimit(10);
+}
