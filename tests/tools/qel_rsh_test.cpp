@@ -1,6 +1,8 @@
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -241,16 +243,65 @@ TEST(QelRsh, SaysThatOutputWasLost)
               "qel rsh: not all of the command's output could be written\n");
 }
 
+namespace {
+
+// A connection that has been admitted and has sent `bytes` of a request.
+std::unique_ptr<btkStreamSocket> Begun(const Shell& shell, const std::string& bytes)
+{
+    auto socket = std::make_unique<btkStreamSocket>();
+    EXPECT_TRUE(socket->Connect("localhost", std::atoi(shell.port.c_str()), btkTimeval(10.0)));
+    socket->SetRecvLimit(btkTimeval(10.0));
+    EXPECT_EQ(netAsk(*socket, netRequestCode::open), netAdmitted);
+    socket->Send(bytes.data(), bytes.size());
+    return socket;
+}
+
+// Whether it ends without an answer.
+bool IsCut(btkStreamSocket& socket)
+{
+    char byte = 0;
+    const std::ptrdiff_t count = socket.Recv(&byte, 1);
+    return count == 0 || (count < 0 && errno == ECONNRESET);
+}
+
+} // namespace
+
 TEST(QelRshd, LetsNobodyKeepAPlaceWithoutARequest)
 {
-    const Shell shell({"rshd", "--port", "0", "--sessions", "1", "--request-limit", "0.3"});
-    const xrchandle<netAddress> address(netAddress::Create(std::stoi(shell.port), nullptr));
-    const Owned<netSocketStream> silent(netServer::Connect(address.get(), 10.0));
-    ASSERT_NE(silent, nullptr);
-    const Owned<ioEvent> end(silent->InputEvent());
-    EXPECT_TRUE(end->Wait(10.0));
-    EXPECT_EQ(silent->PeekNBytes(), 0u);
+    const Shell shell({"rshd", "--port", "0", "--sessions", "1", "--request-limit", "2"});
+    // Of more than may be unfinished the oldest leave, whatever they have sent; the others have their time.
+    std::vector<std::unique_ptr<btkStreamSocket>> others;
+    for (int i = 0; i < 80; ++i)
+        others.push_back(Begun(shell, i % 2 == 0 ? "" : std::string(1, '\0')));
+    EXPECT_TRUE(IsCut(*others[0]));
+    EXPECT_FALSE(others.back()->IsReadable());
+    const btkTimeval start = btkTimeval::Now();
     EXPECT_EQ(shell.run("echo fine").output, "fine\n");
+    EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 1.0);
+
+    // Also one that goes on sending.
+    const auto drips = Begun(shell, std::string("\0\0\3\xe8", 4));
+    const btkTimeval begun = btkTimeval::Now();
+    while (!drips->IsReadable(btkTimeval(0.05)) && btkTimeval::Now() < begun + btkTimeval(10.0))
+        drips->Send("x", 1);
+    EXPECT_TRUE(IsCut(*drips));
+    EXPECT_LT((btkTimeval::Now() - begun).ToSeconds(), 2.0 * 1.1 + 0.5);
+}
+
+TEST(QelRshd, LetsNobodyKeepAPlaceAfterItsCommand)
+{
+    const Shell shell({"rshd", "--port", "0", "--sessions", "1", "--patience", "1"});
+    const auto done = Begun(shell, std::string("\0\0\0\4true\0\0\0\0\0\0\0\0\0\0\0\5", 20));
+    char end[16];
+    EXPECT_EQ(done->RecvAll(end, sizeof end), sizeof end); // it runs, 6, the exit code, 7
+    const Outcome refused = shell.run("echo early");
+    EXPECT_EQ(refused.output, "qel rsh: echo: the server runs as many commands as it may\n");
+    EXPECT_EQ(refused.status, 3);
+    EXPECT_TRUE(IsCut(*done));
+    for (const btkTimeval until = btkTimeval::Now() + btkTimeval(5.0); btkTimeval::Now() < until;)
+        if (shell.run("echo fine").output == "fine\n")
+            return;
+    FAIL() << "the place is not free";
 }
 
 TEST(QelRshd, IsFoundByNameAndIsAVersionedServer)

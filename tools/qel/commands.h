@@ -109,8 +109,10 @@ struct Typed
 /// all.
 /// ":files" and ":directories" stand for those that the shell finds.
 using Offers = std::function<std::vector<std::string>(const Typed& typed)>;
-/// The servers that this machine's name server knows; none when it does not answer at once.
-std::vector<std::string> ServerNames();
+/// Seconds that a source of values may take of that for asking another program.
+inline constexpr double completionLimit = 0.1;
+/// The servers that this machine's name server knows; none when it does not answer within `seconds`.
+std::vector<std::string> ServerNames(double seconds = completionLimit);
 /// Offers values for an option or an argument. Without it, those called FILE, DIRECTORY and SERVER offer
 /// such.
 void Offer(CLI::Option& option, Offers offers);

@@ -2,7 +2,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -22,8 +24,35 @@ struct ServeChoices
     std::string interface = "127.0.0.1";
     int port = -1;
     double seconds = 5;
+    std::string stateFolder;
+    bool hasNoState = false;
+    std::vector<std::string> shared;
     nmsServerOptions options;
 };
+
+// Where a service manager or a login lets programs keep what need not outlive the machine's run; empty: none.
+std::string DefaultStateFolder()
+{
+    if (const char* const given =
+            std::getenv("RUNTIME_DIRECTORY")) // of a service; several stand between colons
+        return std::string(given).substr(0, std::strcspn(given, ":"));
+    const char* const ofUser = std::getenv("XDG_RUNTIME_DIR");
+    if (ofUser == nullptr || *ofUser != '/')
+        return {};
+    const std::string folder = std::string(ofUser) + "/qelstd";
+    std::error_code failed;
+    if (std::filesystem::create_directory(folder, failed))
+        std::filesystem::permissions(folder, std::filesystem::perms::owner_all, failed);
+    return folder;
+}
+
+std::string StateFile(const ServeChoices& choices, int port)
+{
+    const std::string folder = choices.stateFolder.empty() ? DefaultStateFolder() : choices.stateFolder;
+    if (choices.hasNoState || port == 0 || folder.empty())
+        return {};
+    return folder + "/nameserver-" + std::to_string(port);
+}
 
 void Serve(ServeChoices& choices)
 {
@@ -32,6 +61,8 @@ void Serve(ServeChoices& choices)
     options.port = choices.port >= 0 ? choices.port : nmsFindPort();
     options.requestLimit = btkTimeval(choices.seconds);
     options.version = "qel ns " QEL_VERSION;
+    options.stateFile = StateFile(choices, options.port);
+    options.table.areNamesShared = !choices.shared.empty();
     options.untilSignal = true;
     nmsServer server(options);
     if (!server.Listen())
@@ -72,6 +103,26 @@ void AddServe(CLI::App& group)
                     "Records of one process held")
         ->type_name("COUNT")
         ->capture_default_str();
+    serve
+        .add_option(
+            "--max-records-of-peer", choices->options.table.recordsOfPeer,
+            "Records of no process held that one address has registered; all of these together have a "
+            "quarter of the table")
+        ->type_name("COUNT")
+        ->capture_default_str();
+    serve
+        .add_option("--shared", choices->shared,
+                    "Field that records of several processes may have with the same value; without it a name "
+                    "is that of one process")
+        ->type_name("FIELD")
+        ->check(CLI::IsMember({"_ServerName"}));
+    serve
+        .add_option(
+            "--state", choices->stateFolder,
+            "Where the file is that keeps the records while the server does not run, one for each port "
+            "but 0 (default: RUNTIME_DIRECTORY, or qelstd in XDG_RUNTIME_DIR; none without these)")
+        ->type_name("DIRECTORY");
+    serve.add_flag("--no-state", choices->hasNoState, "Keep no records while the server does not run");
 }
 
 // ---- asking
@@ -81,10 +132,13 @@ struct AskChoices
     std::string host; // empty: this machine
     std::vector<std::string> fields;
     int owner = 0;
+    double seconds = 10;
 
     nmsOwnedProxy Connect() const
     {
-        return nmsOwnedProxy(host.empty() ? nmsServConnectLocal() : nmsServConnectByName(host.c_str()));
+        nmsOwnedProxy proxy(host.empty() ? nmsServConnectLocal() : nmsServConnectByName(host.c_str()));
+        nmsServSetDeadline(proxy.get(), btkTimeval::Now() + btkTimeval(seconds));
+        return proxy;
     }
     /// As a failure names it.
     std::string Server() const
@@ -114,6 +168,14 @@ void AddHost(CLI::App& command, AskChoices& choices)
 {
     command.add_option("--host", choices.host, "Machine of the name server (default: this one)")
         ->type_name("HOST");
+}
+
+void AddLimit(CLI::App& command, const char* names, const char* help, double& seconds)
+{
+    command.add_option(names, seconds, help)
+        ->type_name("SECONDS")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
 }
 
 void Require(const AskChoices& choices, capi_nmsError* answered)
@@ -211,6 +273,25 @@ void PrintVersion(const AskChoices& choices)
     Show(version == nullptr ? "" : version);
 }
 
+// How full the name server is, as its version record says it. The answer is no when it has refused a record
+// for want of room.
+void PrintStatus(const AskChoices& choices)
+{
+    const nmsOwnedRecord answer(nmsRecCreate(0));
+    Require(choices, nmsServVersion(choices.Connect().get(), answer.get()));
+    Json status = Json::object();
+    for (const auto& [name, value] : nmsRecGetFields(answer.get()).fields) {
+        const bool isNumber = value.size() < 16 && value.find_first_not_of("0123456789") == std::string::npos;
+        if (isNumber && !value.empty())
+            status[name] = std::stoll(value);
+        else
+            status[name] = value;
+    }
+    Show(status);
+    if (status.value("Refused", 0LL) > 0)
+        AnswerNo();
+}
+
 void Shutdown(const AskChoices& choices)
 {
     Require(choices, nmsServShutdown(choices.Connect().get()));
@@ -225,30 +306,25 @@ struct WaitChoices
     double seconds = 30;
 };
 
-// Whether a server of that name is registered. A name server that is not there yet counts as no.
-bool IsThere(const AskChoices& query, bool isLast)
-{
-    try {
-        return !Matching(query).empty();
-    } catch (const CommandFailed& failed) {
-        if (isLast || failed.status != Exit::peer)
-            throw;
-        return false;
-    }
-}
-
 void Wait(WaitChoices& choices)
 {
     choices.query.fields = {"_ServerName=" + choices.name};
     const btkTimeval end = btkTimeval::Now() + btkTimeval(choices.seconds);
+    // A name server that is there has the time to answer at least once.
+    choices.query.seconds = std::max(choices.seconds, 0.1);
     for (;;) {
-        const bool isLast = btkTimeval::Now() >= end;
-        if (IsThere(choices.query, isLast))
-            return;
-        if (isLast)
-            Fail(Exit::no, choices.name, "no server of that name");
+        try {
+            if (!Matching(choices.query).empty())
+                return;
+            if (btkTimeval::Now() >= end)
+                Fail(Exit::no, choices.name, "no server of that name");
+        } catch (const CommandFailed& failed) { // one that is not there yet may come
+            if (btkTimeval::Now() >= end || failed.status != Exit::peer)
+                throw;
+        }
         const btkTimeval pause = std::min(btkTimeval(0.05), end - btkTimeval::Now());
         std::this_thread::sleep_for(std::chrono::duration<double>(pause.ToSeconds()));
+        choices.query.seconds = std::max((end - btkTimeval::Now()).ToSeconds(), 0.1);
     }
 }
 
@@ -258,20 +334,20 @@ void AddWait(CLI::App& group)
     CLI::App& wait = AddCommand(group, "wait", "Wait until a server of that name is registered",
                                 [choices] { Wait(*choices); });
     wait.add_option("server", choices->name, "Name of the server")->type_name("SERVER")->required();
-    wait.add_option("--timeout", choices->seconds,
-                    "Time after which the answer is no, or without a name server a failure")
-        ->type_name("SECONDS")
-        ->check(CLI::NonNegativeNumber)
-        ->capture_default_str();
+    AddLimit(wait, "--timeout,--limit",
+             "Time after which the answer is no, or without a name server a failure", choices->seconds);
     AddHost(wait, choices->query);
 }
 
 // ---- what the completion offers
 
-std::vector<nmsFields> RecordsAtOnce()
+std::vector<nmsFields> RecordsWithin(double seconds)
 {
-    nmsSetAnswerLimit(btkTimeval(0.1));
-    const nmsOwnedProxy proxy(nmsServConnectLocal());
+    const nmsOwnedProxy proxy = [&] {
+        AskChoices local;
+        local.seconds = seconds;
+        return local.Connect();
+    }();
     const nmsOwnedRecord all(nmsRecCreate(0));
     capi_nmsRecordArray* found = nullptr;
     int count = 0;
@@ -286,7 +362,7 @@ std::vector<nmsFields> RecordsAtOnce()
 std::vector<std::string> KnownFields(const Typed&)
 {
     std::vector<std::string> fields;
-    for (const nmsFields& record : RecordsAtOnce())
+    for (const nmsFields& record : RecordsWithin(completionLimit))
         for (const auto& [name, value] : record.fields)
             fields.push_back(name + '=' + value);
     return fields;
@@ -313,6 +389,10 @@ constexpr AskCommand askCommands[] = {
      AskCommand::NeedsFields, true},
     {"ping", "Succeed when the name server answers", &Ping},
     {"version", "Print the name server's version", &PrintVersion, AskCommand::NoFields, true},
+    {"status",
+     "Print how full the name server is; the answer is no when it has refused records for want of room since "
+     "its start",
+     &PrintStatus, AskCommand::NoFields, true},
     {"shutdown", "Stop the name server of this machine", &Shutdown}};
 
 void AddAsk(CLI::App& group, const AskCommand& command)
@@ -321,6 +401,7 @@ void AddAsk(CLI::App& group, const AskCommand& command)
     CLI::App& ask =
         AddCommand(group, command.name, command.help, [choices, run = command.ask] { run(*choices); });
     AddHost(ask, *choices);
+    AddLimit(ask, "--limit", "Time for the whole request", choices->seconds);
     if (command.fields != AskCommand::NoFields) {
         const auto isField = [](const std::string& text) {
             return text.find('=') == std::string::npos ? "not NAME=VALUE: " + text : std::string();
@@ -340,10 +421,10 @@ void AddAsk(CLI::App& group, const AskCommand& command)
 
 } // namespace
 
-std::vector<std::string> ServerNames()
+std::vector<std::string> ServerNames(double seconds)
 {
     std::vector<std::string> names;
-    for (const nmsFields& record : RecordsAtOnce())
+    for (const nmsFields& record : RecordsWithin(seconds))
         if (const std::string* const name = record.Find("_ServerName"))
             names.push_back(*name);
     return names;

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,7 @@
 #include <qel/base/btkcmdline.h>
 #include <qel/base/btksocket.h>
 #include <qel/base/btksystem.h>
+#include <qel/base/netsilentset.h>
 #include <qel/hmxregistry.h>
 #include <qel/netaddress.h>
 #include <qel/netrights.h>
@@ -27,6 +29,7 @@ namespace {
 
 constexpr int usualPort = 1240;
 constexpr const char* usualName = "rshd";
+constexpr std::size_t mostUnfinished = 64;
 
 template<class T>
 using Owned = std::unique_ptr<T, qelDelete>;
@@ -140,7 +143,10 @@ void Ask(const AskChoices& choices, const std::vector<std::string>& words)
 {
     if (words.empty())
         Fail(Exit::usage, "COMMAND", "what is to be run?");
+    const btkTimeval end = btkTimeval::Now() + btkTimeval(choices.seconds);
     const Owned<netSocketStream> connection = Connect(choices);
+    connection->setUrgentSpacing(0.2);
+    rshProcess::setAnswerLimit((end - btkTimeval::Now()).ToSeconds());
     const Owned<rshProcess> process = Start(choices, words, *connection);
     if (!Attend(*process, choices.host))
         throw CommandFailed{};
@@ -181,7 +187,7 @@ void AddAsk(CLI::App& program)
     ask.add_option("--name", choices->name,
                    "Ask the name server of HOST for the port of the server NAME instead")
         ->type_name("NAME");
-    ask.add_option("--limit", choices->seconds, "Time to wait for the connection")
+    ask.add_option("--limit", choices->seconds, "Time until the command runs there")
         ->type_name("SECONDS")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
@@ -204,6 +210,7 @@ struct ServeChoices
     bool isRegistered = false;
     std::string directory;
     double seconds = 10;
+    double patience = 10;
     int sessions = 32;
 };
 
@@ -251,7 +258,8 @@ public:
     ShellServer(btkAcceptSocket* door, const ServeChoices& choices)
         : netServer(door, nullptr), name(choices.name.c_str()), allowed(choices.name)
     {
-        setAsyncLimit(choices.sessions);
+        // Those that were told to leave take a moment to do so.
+        setAsyncLimit(choices.sessions + 2 * static_cast<int>(mostUnfinished));
         setTimeSlice(0.1);
     }
     ~ShellServer() override { EndService(); }
@@ -308,23 +316,83 @@ struct ServeBeside : netBaseServer_OnRequest_cb
     netServerLoopAction Invoke(netBaseServer*, netSocketStream*) override { return netSpawnAsyncServer; }
 };
 
+// The connections whose requests are not whole yet. They have places of their own, and for one too many
+// another gives up its place, as netSilentSet has it.
+class Unfinished
+{
+public:
+    /// One connection's, from when it is admitted until its request is whole or given up.
+    class Place
+    {
+    public:
+        Place(Unfinished& of, netSocketStream& stream)
+            : places(of), handle(Event_Create(false)), lost(new btkSelectEvent(handle, 0))
+        {
+            const std::lock_guard<std::mutex> lock(places.mutex);
+            places.peers.Add(std::make_unique<Peer>(
+                Peer{stream.getPeerAddress().CastToCString(), btkTimeval::Now(), this}));
+            if (places.peers.IsOverfull())
+                Event_Set(places.peers.TakeLeaving(btkTimeval::Now())->place->handle);
+        }
+        ~Place()
+        {
+            const std::lock_guard<std::mutex> lock(places.mutex);
+            places.peers.DropIf([this](const Peer& peer) { return peer.place == this; });
+            Event_Free(handle);
+        }
+        Place(const Place&) = delete;
+        Place& operator=(const Place&) = delete;
+
+        /// Signaled once it is another connection's.
+        btkEvent& Lost() { return lost; }
+
+    private:
+        Unfinished& places;
+        btkHandle handle;
+        btkEvent lost;
+    };
+
+private:
+    struct Peer
+    {
+        std::string address;
+        btkTimeval since;
+        Place* place;
+    };
+
+    std::mutex mutex;
+    netSilentSet<Peer> peers{mostUnfinished};
+};
+
 struct RunCommand : netBaseServer_OnAsyncRequest_cb
 {
-    RunCommand(std::string base, double seconds) : directory(std::move(base)), requestLimit(seconds) {}
+    explicit RunCommand(const ServeChoices& choices)
+        : directory(choices.directory), requestLimit(choices.seconds), sessions(choices.sessions)
+    {
+    }
     netServerLoopAction Invoke(netBaseServer*, netSocketStream* stream, evtEvent* stop) override
     {
         const Owned<netSocketStream> connection(stream);
-        // Who is admitted and asks for nothing must not keep the others' place.
-        const Owned<ioEvent> request(stream->InputEvent());
-        btkEvent::Wait({request.get(), stop}, requestLimit);
-        if (!request->WasSignaled())
-            return netServerContinue;
-        rshServer::Execute(stream, directory.c_str(), stop);
+        rshRequest request;
+        {
+            // Who asks for nothing, or never to the end, keeps nobody's place for a command.
+            Unfinished::Place place(unfinished, *stream);
+            if (!request.Read(stream, requestLimit, {stop, &place.Lost()}))
+                return netServerContinue;
+        }
+        if (++running <= sessions)
+            request.Execute(stream, directory.c_str(), stop);
+        else
+            rshRequest::Refuse(stream, "the server runs as many commands as it may");
+        --running;
         return netServerContinue;
     }
 
     std::string directory;
-    btkTimeval requestLimit;
+    double requestLimit;
+    int sessions;
+    std::atomic<int> running = 0;
+    Unfinished unfinished;
 };
 
 bool IsLoopback(const std::string& interface)
@@ -359,7 +427,8 @@ void Serve(const ServeChoices& choices)
     RequireAllowList(choices);
     NameShell();
     ServeBeside request;
-    RunCommand command(choices.directory, choices.seconds);
+    RunCommand command(choices);
+    rshServer::setPatience(choices.patience);
     auto listening = std::make_unique<btkAcceptSocket>();
     if (!listening->Listen(choices.port, choices.interface == "*" ? nullptr : choices.interface.c_str()))
         Fail(Exit::peer, choices.interface + ", port " + std::to_string(choices.port),
@@ -407,7 +476,13 @@ void AddServe(CLI::App& program)
         "Register NAME with the name server of this machine, for clients that ask it for the port");
     serve.add_option("--directory", choices->directory, "Where relative directories of clients begin")
         ->type_name("DIRECTORY");
-    serve.add_option("--request-limit", choices->seconds, "Time that a client may take before its request")
+    serve.add_option("--request-limit", choices->seconds, "Time that a client may take for its request")
+        ->type_name("SECONDS")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    serve
+        .add_option("--patience", choices->patience,
+                    "Time after which a client is given up that takes nothing though its command has ended")
         ->type_name("SECONDS")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();

@@ -7,6 +7,7 @@
 #include "commands.h"
 #include "files.h"
 #include <qel/base/nethandshake.h>
+#include <qel/base/nmsclient.h>
 #include <qel/hmxregistry.h>
 #include <qel/netaddress.h>
 #include <qel/netrights.h>
@@ -44,11 +45,12 @@ int FindPort(const Address& address)
 // Asks the server and requires the answer 1; leaves the connection for what follows.
 void Ask(const Address& address, netRequestCode code, btkStreamSocket& socket)
 {
-    const btkTimeval limit(address.seconds);
-    if (!socket.Connect(address.host.c_str(), FindPort(address), limit))
+    const btkTimeval end = btkTimeval::Now() + btkTimeval(address.seconds);
+    nmsSetAnswerLimit(btkTimeval(address.seconds));
+    const int port = FindPort(address);
+    if (!socket.Connect(address.host.c_str(), port, end - btkTimeval::Now()))
         Refused(address, Exit::peer, "Connection refused");
-    socket.SetSendLimit(limit);
-    socket.SetRecvLimit(limit);
+    socket.SetDeadline(end);
     const int answer = netAsk(socket, code);
     if (answer < 0)
         Refused(address, Exit::peer, "no answer");
@@ -127,10 +129,10 @@ Json RightsOf(const std::string& server)
 }
 
 // The servers that are named in the registry and those that the name server knows.
-std::set<std::string> AllServers()
+std::set<std::string> AllServers(double limit)
 {
     std::set<std::string> names;
-    for (const std::string& name : ServerNames())
+    for (const std::string& name : ServerNames(limit))
         names.insert(name);
     for (hmxRegistry* const registry : {&hmxRegistry::System(), &hmxRegistry::User()}) {
         hmxRegistryKey key;
@@ -147,12 +149,18 @@ std::set<std::string> AllServers()
     return names;
 }
 
-void Check(const std::vector<std::string>& servers)
+struct CheckChoices
+{
+    std::vector<std::string> servers;
+    double seconds = 10;
+};
+
+void Check(const CheckChoices& choices)
 {
     Json all = Json::array();
     bool isRestricted = true;
-    const std::set<std::string> named(servers.begin(), servers.end());
-    for (const std::string& server : named.empty() ? AllServers() : named) {
+    const std::set<std::string> named(choices.servers.begin(), choices.servers.end());
+    for (const std::string& server : named.empty() ? AllServers(choices.seconds) : named) {
         all.push_back(RightsOf(server));
         isRestricted = isRestricted && all.back()["admits"] != "everybody";
     }
@@ -161,18 +169,27 @@ void Check(const std::vector<std::string>& servers)
         AnswerNo();
 }
 
+void AddLimit(CLI::App& command, const char* help, double& seconds)
+{
+    command.add_option("--limit", seconds, help)
+        ->type_name("SECONDS")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+}
+
 void AddCheck(CLI::App& group)
 {
-    const auto servers = std::make_shared<std::vector<std::string>>();
+    const auto choices = std::make_shared<CheckChoices>();
     CLI::App& check = AddCommand(group, "check",
                                  "Print which machines a server admits, by the registry of this one, and "
                                  "whether that can be restricted at all; the answer is no when one admits "
                                  "everybody. Programs of its own machine are always admitted",
-                                 [servers] { Check(*servers); });
+                                 [choices] { Check(*choices); });
     check
-        .add_option("server", *servers,
+        .add_option("server", choices->servers,
                     "Names of servers (default: those in the registry, and those that the name server knows)")
         ->type_name("SERVER");
+    AddLimit(check, "Time to wait for the name server", choices->seconds);
     OfferJson(check);
 }
 
@@ -207,10 +224,7 @@ void AddServerCommands(CLI::App& program)
             run(*address);
         });
         added.add_option("server", *whole, "NAME, or NAME@HOST")->type_name("SERVER")->required();
-        added.add_option("--limit", address->seconds, "Time to wait for an answer")
-            ->type_name("SECONDS")
-            ->check(CLI::PositiveNumber)
-            ->capture_default_str();
+        AddLimit(added, "Time for the name server's and the server's answer together", address->seconds);
         if (command.run == &PrintVersion)
             OfferJson(added);
     }
