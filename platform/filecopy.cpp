@@ -13,7 +13,6 @@ namespace {
 constexpr std::size_t kernelStep = 1U << 30;
 constexpr std::size_t watchedStep = 8U << 20;
 constexpr std::size_t blockSize = 64 * 1024;
-constexpr mode_t permissionBits = 0777;
 
 bool writeAll(int target, const char* data, std::size_t size)
 {
@@ -162,20 +161,7 @@ int platOpenRegular(int folder, const char* name, int flags, unsigned mode, stru
     return file.release();
 }
 
-bool platCopyContents(int source, const struct stat& status, int folder, const char* name,
-                      platWatcher* watcher)
+bool platCopyContents(int source, const struct stat& status, int target, platWatcher* watcher)
 {
-    // Nobody else may read it before it has the mode of the source.
-    platDescriptor target(platOpenAt(folder, name, O_WRONLY | O_CREAT | O_EXCL, S_IRUSR | S_IWUSR));
-    if (!target)
-        return false;
-    const struct timespec times[] = {{0, UTIME_OMIT}, status.st_mtim};
-    if (ContentsCopy(source, target.get(), watcher).Run(status) &&
-        fchmod(target.get(), status.st_mode & permissionBits) == 0 && futimens(target.get(), times) == 0 &&
-        close(target.release()) == 0)
-        return true;
-    const int error = errno;
-    unlinkat(folder, name, 0);
-    errno = error;
-    return false;
+    return ContentsCopy(source, target, watcher).Run(status);
 }

@@ -44,13 +44,10 @@ class platWatcher
 {
 public:
     virtual ~platWatcher() = default;
-    /// So much more has been done: bytes that were copied or are a hole, or nodes that were removed. False
-    /// ends the work with ERROR_OPERATION_ABORTED.
+    /// So many more bytes have been copied or are a hole. False ends the work with ERROR_OPERATION_ABORTED.
     virtual bool Advance(off_t amount) = 0;
 };
 
-/// Copies the contents of `source`, whose status is `status`, into the new file `name` of `folder`, with mode
-/// (the nine permission bits) and modification time. When it fails, errno is set and the new file is gone
-/// again. `watcher` is told after 8 MiB at most; null: nobody watches.
-bool platCopyContents(int source, const struct stat& status, int folder, const char* name,
-                      platWatcher* watcher = nullptr);
+/// Copies the contents of `source`, whose status is `status`, to the empty file `target`; holes stay. False
+/// when it fails, with errno set. `watcher` is told after 8 MiB at most; null: nobody watches.
+bool platCopyContents(int source, const struct stat& status, int target, platWatcher* watcher = nullptr);

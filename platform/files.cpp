@@ -13,6 +13,7 @@
 
 #include <qel/platform/errortable.h>
 #include <qel/platform/filecopy.h>
+#include <qel/platform/folder.h>
 #include <qel/platform/pathmapping.h>
 
 namespace {
@@ -299,19 +300,14 @@ BOOL MoveFileExA(const char* from, const char* to, DWORD)
 
 BOOL CopyFileA(const char* from, const char* to, BOOL failIfExists)
 {
-    std::string hostFrom, hostTo;
-    if (!platHostPath(from, hostFrom) || !platHostPath(to, hostTo))
-        return FALSE;
-    struct stat status;
-    const platDescriptor source(platOpenRegular(AT_FDCWD, hostFrom.c_str(), O_RDONLY, 0, status));
-    if (!source)
-        return platFailOn(hostFrom);
-    // The source is open: when both are one file, its contents outlive the name.
-    if (failIfExists == FALSE && unlink(hostTo.c_str()) != 0 && errno != ENOENT)
-        return platFailOn(hostTo);
-    if (!platCopyContents(source.get(), status, AT_FDCWD, hostTo.c_str()))
-        return errno == EEXIST ? platFailWith(ERROR_FILE_EXISTS) : platFailOn(hostTo);
-    return TRUE;
+    platFolder fromFolder, toFolder;
+    platSource source;
+    std::string fromName, toName;
+    if (fromFolder.OpenParent(from, fromName) && source.Open(fromFolder, fromName.c_str(), platFollowLinks) &&
+        toFolder.OpenParent(to, toName) && source.Copy(toFolder) &&
+        source.Place(toName.c_str(), failIfExists == FALSE))
+        return TRUE;
+    return GetLastError() == ERROR_ALREADY_EXISTS ? platFailWith(ERROR_FILE_EXISTS) : FALSE;
 }
 
 unsigned GetTempFileNameA(const char* directory, const char* prefix, unsigned unique, char* name)

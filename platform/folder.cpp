@@ -1,13 +1,17 @@
 #include <qel/platform/folder.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
+#include <utility>
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/sysmacros.h>
 
 #include <qel/platform/errortable.h>
 #include <qel/platform/filecopy.h>
@@ -17,6 +21,12 @@ namespace {
 
 /// The mode of a new folder while its contents are copied: nobody else may look yet.
 constexpr unsigned newFolderMode = 0700;
+/// What a copy keeps of a mode: of a folder setgid and the sticky bit, too.
+constexpr unsigned keptFileBits = 0777;
+constexpr unsigned keptFolderBits = 03777;
+
+/// So many of the lowest folders on a way are held open.
+constexpr std::size_t mostOpen = 32;
 
 bool hostDone(int result)
 {
@@ -161,11 +171,64 @@ bool platFolder::Close()
                                          : 0;
     stream = nullptr;
     descriptor = -1;
+    rest.clear();
+    isReleased = isRemembered = false;
     return hostDone(closed);
+}
+
+/// Closes the folder and remembers what is left to be read in it. One that cannot be read on stays open.
+void platFolder::release()
+{
+    struct stat status;
+    if (isReleased || fstat(descriptor, &status) != 0)
+        return;
+    if (stream != nullptr && !isRemembered) {
+        const long position = telldir(static_cast<DIR*>(stream));
+        platEntry entry;
+        while (Read(entry))
+            rest.push_back({entry.hostName, entry.kind});
+        if (GetLastError() != ERROR_NO_MORE_FILES) {
+            seekdir(static_cast<DIR*>(stream), position);
+            rest.clear();
+            return;
+        }
+        std::reverse(rest.begin(), rest.end());
+        isRemembered = true;
+    }
+    if (stream != nullptr)
+        closedir(static_cast<DIR*>(stream));
+    else
+        close(descriptor);
+    stream = nullptr;
+    descriptor = -1;
+    left = idOf(status);
+    isReleased = true;
+}
+
+/// Opens the released folder again, which must hold the folder `below`.
+bool platFolder::regain(const platFolder& below)
+{
+    platDescriptor opened(platOpenAt(below.descriptor, "..", O_RDONLY | O_DIRECTORY));
+    struct stat status;
+    if (!opened || fstat(opened.get(), &status) != 0)
+        return hostDone(-1);
+    if (!(idOf(status) == left))
+        return platFailWith(ERROR_PATH_NOT_FOUND);
+    descriptor = opened.release();
+    isReleased = false;
+    return true;
 }
 
 bool platFolder::Read(platEntry& entry)
 {
+    if (isRemembered) {
+        if (rest.empty())
+            return platFailWith(ERROR_NO_MORE_FILES);
+        given = std::move(rest.back());
+        rest.pop_back();
+        entry = {given.name.c_str(), given.kind};
+        return true;
+    }
     if (stream == nullptr)
         stream = fdopendir(descriptor);
     if (stream == nullptr) {
@@ -230,62 +293,45 @@ bool platFolder::Rename(const char* name, const char* newName)
     return hostDone(renameat(descriptor, name, descriptor, newName));
 }
 
-bool platFolder::RemoveContents(std::size_t room, platWatcher* watcher)
-{
-    const auto removed = [this, watcher](const platEntry& entry, std::size_t roomInside) {
-        if (entry.kind != platDirectory)
-            return DeleteFile(entry.hostName);
-        platFolder folder;
-        return folder.Open(*this, entry.hostName, platKeepLinks) &&
-               folder.RemoveContents(roomInside, watcher) && folder.Close() && RemoveFolder(entry.hostName);
-    };
-    platEntry entry;
-    while (Read(entry)) {
-        const std::size_t length = platNativeName(entry.hostName).size();
-        if (length > room) {
-            platFailWith(ERROR_BUFFER_OVERFLOW);
-            return false;
-        }
-        const std::size_t roomInside = room == platNoLimit ? room : room > length ? room - length - 1 : 0;
-        if (!removed(entry, roomInside) && GetLastError() != ERROR_FILE_NOT_FOUND)
-            return false;
-        if (watcher != nullptr && !watcher->Advance(1)) {
-            platFailWith(ERROR_OPERATION_ABORTED);
-            return false;
-        }
-    }
-    return GetLastError() == ERROR_NO_MORE_FILES;
-}
-
-bool platFolder::CopyLink(const char* name, platFolder& target, const char* newName) const
+bool platFolder::CopyLink(const char* name, platFolder& target, const char* newName, bool replaced) const
 {
     char text[PATH_MAX];
     const ssize_t length = readlinkat(descriptor, name, text, sizeof text);
     if (length < 0 || length == static_cast<ssize_t>(sizeof text)) {
         if (length >= 0)
             errno = ENAMETOOLONG;
-        platFail();
-        return false;
+        return hostDone(-1);
     }
     text[length] = '\0';
-    return hostDone(symlinkat(text, target.descriptor, newName));
+    return hostDone(replaced ? btkReplaceByLink(target.descriptor, text, newName) ? 0 : -1
+                             : symlinkat(text, target.descriptor, newName));
 }
 
 bool platFolder::CopyStatus(platFolder& target) const
 {
-    constexpr mode_t permissionBits = 0777;
     struct stat status;
     if (fstat(descriptor, &status) != 0)
         return hostDone(-1);
     const struct timespec times[] = {{0, UTIME_OMIT}, status.st_mtim};
     return hostDone(futimens(target.descriptor, times)) &&
-           hostDone(fchmod(target.descriptor, status.st_mode & permissionBits));
+           hostDone(btkCopyRights(descriptor, target.descriptor, keptFolderBits) ? 0 : -1);
 }
 
 platNodeId platFolder::Id() const
 {
     struct stat status;
     return fstat(descriptor, &status) == 0 ? idOf(status) : platNodeId{};
+}
+
+unsigned long long platFolder::Mount(const char* name, platLinks links) const
+{
+    struct statx status;
+    const int flags = AT_EMPTY_PATH | AT_NO_AUTOMOUNT | (links == platKeepLinks ? AT_SYMLINK_NOFOLLOW : 0);
+    if (statx(descriptor, name, flags, STATX_MNT_ID, &status) != 0)
+        return 0;
+    // A kernel that does not know mounts by number tells devices apart.
+    return (status.stx_mask & STATX_MNT_ID) != 0 ? status.stx_mnt_id
+                                                 : makedev(status.stx_dev_major, status.stx_dev_minor);
 }
 
 bool platFolder::IsWithin(const platNodeId& other) const
@@ -322,10 +368,158 @@ bool platSource::Open(const platFolder& folder, const char* name, platLinks link
     return true;
 }
 
-bool platSource::CopyTo(platFolder& folder, const char* name, platWatcher* watcher)
+bool platSource::Copy(const platFolder& folder, platWatcher* watcher)
 {
     struct stat status;
-    if (fstat(descriptor, &status) != 0)
+    if (fstat(descriptor, &status) != 0 || !copy.Create(folder.descriptor) ||
+        !platCopyContents(descriptor, status, copy.Get(), watcher) ||
+        !btkCopyRights(descriptor, copy.Get(), keptFileBits))
         return hostDone(-1);
-    return hostDone(platCopyContents(descriptor, status, folder.descriptor, name, watcher) ? 0 : -1);
+    const struct timespec times[] = {{0, UTIME_OMIT}, status.st_mtim};
+    return hostDone(futimens(copy.Get(), times));
+}
+
+bool platSource::Place(const char* name, bool replaced)
+{
+    return hostDone(copy.TakePlace(name, btkReplacement::Unsynced,
+                                   replaced ? btkReplacement::Replaced : btkReplacement::Kept)
+                        ? 0
+                        : -1);
+}
+
+// ---- trees
+
+bool platDescent::Enter(const char* name, platLinks links)
+{
+    auto folder = std::make_unique<platFolder>();
+    if (!folder->Open(Last(), name, links))
+        return false;
+    steps.push_back({std::move(folder), links == platFollowLinks});
+    const std::size_t count = steps.size();
+    if (count > mostOpen && !steps[count - mostOpen].isFollowed)
+        steps[count - mostOpen - 1].folder->release();
+    return true;
+}
+
+bool platDescent::Leave()
+{
+    const Step left = std::move(steps.back());
+    steps.pop_back();
+    return !Last().isReleased || Last().regain(*left.folder);
+}
+
+namespace {
+
+/// The removal of what a folder holds.
+class Removal
+{
+public:
+    Removal(platFolder& folder, platTreeWatcher* told, platMounts mounts)
+        : way(folder), watcher(told), mount(mounts == platOneMount ? folder.Mount() : 0)
+    {
+    }
+
+    bool Run()
+    {
+        for (;;) {
+            bool goesOn;
+            platEntry entry;
+            if (way.Last().Read(entry)) {
+                path.append("/").append(entry.hostName);
+                goesOn = isElsewhere() ? passOver() : entry.kind == platDirectory ? enter() : removeFile();
+            } else if (GetLastError() != ERROR_NO_MORE_FILES) {
+                const Outcome outcome = decide();
+                goesOn = outcome == Outcome::again || (outcome == Outcome::left && finish());
+            } else {
+                goesOn = finish();
+            }
+            if (!goesOn || isFinished)
+                return goesOn && (!isLeftAt(0) || platFailWith(ERROR_DIR_NOT_EMPTY));
+        }
+    }
+
+private:
+    enum class Outcome { done, gone, left, again, ended };
+
+    const char* name() const { return path.c_str() + path.rfind('/') + 1; }
+    /// The node at hand has been dealt with; the folder that holds it is the one at hand.
+    bool next(Outcome outcome)
+    {
+        path.resize(path.rfind('/'));
+        if (outcome == Outcome::done && watcher != nullptr && !watcher->Removed())
+            return platFailWith(ERROR_OPERATION_ABORTED);
+        return outcome != Outcome::ended;
+    }
+
+    bool isElsewhere() { return mount != 0 && way.Last().Mount(name()) != mount; }
+    /// Whether the folder at `depth` is not going to be empty.
+    bool isLeftAt(std::size_t depth) const { return leftAt && *leftAt >= depth; }
+    bool passOver()
+    {
+        leftAt = way.Depth();
+        return next(Outcome::left);
+    }
+
+    bool removeFile()
+    {
+        return next(attempt([this] { return way.Last().DeleteFile(name()); }));
+    }
+
+    bool enter()
+    {
+        const Outcome outcome = attempt([this] { return way.Enter(name(), platKeepLinks); });
+        return outcome == Outcome::done || next(outcome);
+    }
+
+    /// Removes the folder at hand, whose contents have been dealt with.
+    bool finish()
+    {
+        const std::size_t depth = way.Depth();
+        isFinished = depth == 0;
+        if (isFinished)
+            return true;
+        if (!way.Leave())
+            return false;
+        return isLeftAt(depth) ? passOver()
+                               : next(attempt([this] { return way.Last().RemoveFolder(name()); }));
+    }
+
+    template<typename Work>
+    Outcome attempt(Work work)
+    {
+        Outcome outcome = Outcome::again;
+        while (outcome == Outcome::again)
+            outcome = work()                                   ? Outcome::done
+                      : GetLastError() == ERROR_FILE_NOT_FOUND ? Outcome::gone
+                                                               : decide();
+        return outcome;
+    }
+
+    /// What becomes of the node at hand, on which something has failed.
+    Outcome decide()
+    {
+        const DWORD error = GetLastError();
+        const platAction action =
+            watcher == nullptr ? platAction::stop : watcher->Failed(path.empty() ? path : path.substr(1));
+        SetLastError(error);
+        if (action == platAction::skip)
+            leftAt = way.Depth();
+        return action == platAction::skip    ? Outcome::left
+               : action == platAction::retry ? Outcome::again
+                                             : Outcome::ended;
+    }
+
+    platDescent way;
+    platTreeWatcher* watcher;
+    unsigned long long mount;          // the only one that is worked on; 0: all are
+    std::string path;                  // of the node at hand in host names, each with a separator before it
+    std::optional<std::size_t> leftAt; // the depth of the lowest folder on the way in which something is left
+    bool isFinished = false;
+};
+
+} // namespace
+
+bool platFolder::RemoveContents(platTreeWatcher* watcher, platMounts mounts)
+{
+    return Removal(*this, watcher, mounts).Run();
 }

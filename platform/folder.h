@@ -8,9 +8,14 @@
 /// used by one thread at a time.
 
 #include <cstddef>
+#include <memory>
 #include <string>
+#include <vector>
+
+#include <qel/base/btkreplace.h>
 
 class platWatcher;
+class platTreeWatcher;
 
 /// What a node is itself. `platSpecial` is a pipe, socket or device.
 enum platNodeKind { platAbsent, platFile, platDirectory, platLink, platSpecial };
@@ -29,10 +34,9 @@ struct platEntry
     platNodeKind kind;
 };
 
-/// For paths that may have any length.
-inline constexpr std::size_t platNoLimit = static_cast<std::size_t>(-1);
-
 enum platLinks { platKeepLinks, platFollowLinks };
+/// Whether what is mounted below a folder belongs to it.
+enum platMounts { platCrossMounts, platOneMount };
 
 class platFolder
 {
@@ -67,27 +71,85 @@ public:
     bool DeleteFile(const char* name);
     bool RemoveFolder(const char* name);
     bool Rename(const char* name, const char* newName);
-    /// Removes everything in this folder, depth first; links are unlinked and never entered. The first node
-    /// that cannot be removed ends it; one that is gone already does not. `room` is how long the shown path
-    /// of a node below this folder may be: ERROR_BUFFER_OVERFLOW for a longer one. `watcher`, unless null, is
-    /// told after each node.
-    bool RemoveContents(std::size_t room, platWatcher* watcher = nullptr);
-    /// Makes `newName` in `target` a link with the same text as the link `name`.
-    bool CopyLink(const char* name, platFolder& target, const char* newName) const;
-    /// Gives `target`, a folder opened for reading, this folder's mode (the nine permission bits) and
-    /// modification time.
+    /// Removes everything in this folder, depth first, however deep it is; links are unlinked and never
+    /// entered. A node that is gone already is no failure. The first other failure ends it, unless `watcher`,
+    /// which may be null, decides otherwise. platOneMount: what is mounted in it stays, and is no failure.
+    /// True when nothing is left; ERROR_DIR_NOT_EMPTY when nodes were passed over.
+    bool RemoveContents(platTreeWatcher* watcher = nullptr, platMounts mounts = platCrossMounts);
+    /// Makes `newName` in `target` a link with the same text as the link `name`. `replaced`: something else
+    /// may have that name, which is no directory; it gives way in one step.
+    bool CopyLink(const char* name, platFolder& target, const char* newName, bool replaced) const;
+    /// Gives `target`, a folder opened for reading, this folder's rights (mode without setuid, access lists,
+    /// user attributes) and modification time.
     bool CopyStatus(platFolder& target) const;
 
     platNodeId Id() const;
+    /// A number of the mount that this folder, or the node `name` in it, belongs to; 0 when that cannot be
+    /// found out.
+    unsigned long long Mount(const char* name = "", platLinks links = platKeepLinks) const;
     /// Whether this folder is the directory `other` or lies below it.
     bool IsWithin(const platNodeId& other) const;
 
 private:
     friend class platSource;
+    friend class platDescent;
     bool adopt(int opened);
+    void release();
+    bool regain(const platFolder& below);
+
+    struct Remembered
+    {
+        std::string name;
+        platNodeKind kind;
+    };
 
     int descriptor = -1;
-    void* stream = nullptr; // the host's directory stream, from the first Read on
+    void* stream = nullptr;       // the host's directory stream, from the first Read on
+    platNodeId left;              // which directory was released
+    std::vector<Remembered> rest; // what was to be read then, the last one first
+    Remembered given;             // of these, the one that Read gave
+    bool isReleased = false, isRemembered = false;
+};
+
+/// The way from a folder down to one far below it. However long it is, few of its folders are held open. The
+/// others are closed with what is left to read in them remembered, and opened again from below; a folder that
+/// is not where it was by then ends the way.
+class platDescent
+{
+public:
+    /// `top` must live as long as this.
+    explicit platDescent(platFolder& top) : first(top) {}
+
+    platFolder& Last() { return steps.empty() ? first : *steps.back().folder; }
+    std::size_t Depth() const { return steps.size(); }
+    /// Opens the directory `name` of the last folder, which is the last one then. False with the last error.
+    bool Enter(const char* name, platLinks links);
+    /// Closes the last folder; the one above it is the last one then. False, with the last error set, when
+    /// that is lost.
+    bool Leave();
+
+private:
+    struct Step
+    {
+        std::unique_ptr<platFolder> folder;
+        bool isFollowed; // entered through a link: it does not know the folder above
+    };
+    platFolder& first;
+    std::vector<Step> steps;
+};
+
+/// What is done about a node that work on a tree fails on.
+enum class platAction { skip, retry, stop };
+
+/// Told how the removal of a tree gets on.
+class platTreeWatcher
+{
+public:
+    virtual ~platTreeWatcher() = default;
+    /// A node has been removed. False ends the work with ERROR_OPERATION_ABORTED.
+    virtual bool Removed() = 0;
+    /// The node at `path`, in host names below the folder, cannot be removed; the last error says why.
+    virtual platAction Failed(const std::string& path) = 0;
 };
 
 /// A file to be copied, held open: what happens to its name afterwards does not matter.
@@ -101,10 +163,14 @@ public:
 
     /// Opens the file `name` of `folder`. ERROR_ACCESS_DENIED for anything but a regular file.
     bool Open(const platFolder& folder, const char* name, platLinks links);
-    /// Copies contents, mode and modification time to the new file `name` of `folder`; a part of it is
-    /// removed when that fails. `watcher` may be null.
-    bool CopyTo(platFolder& folder, const char* name, platWatcher* watcher = nullptr);
+    /// Copies contents, rights (as platFolder::CopyStatus) and modification time to a new file in `folder`,
+    /// which must stay open. The file has no name yet that anybody knows, and is removed with this object.
+    /// `watcher` may be null.
+    bool Copy(const platFolder& folder, platWatcher* watcher = nullptr);
+    /// Gives the copy its name. `replaced`: as for platFolder::CopyLink. When it fails nothing has changed.
+    bool Place(const char* name, bool replaced);
 
 private:
     int descriptor = -1;
+    btkReplacement copy;
 };

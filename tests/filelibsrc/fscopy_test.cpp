@@ -5,11 +5,16 @@
 #include <qel/filelib.h>
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include "filelibsrc/raised.h"
+#include "support/child.h"
 #include "support/environment.h"
+#include "support/faults.h"
 #include "support/tempdir.h"
 
 namespace {
@@ -236,6 +241,223 @@ TEST_F(Copying, RefusesPipesWithoutWaitingAndKeepsWhatIsCopied)
     EXPECT_TRUE(dir.has("to"));
 }
 
+TEST_F(Copying, KeepsTheDestinationUntilTheSourceIsOpen)
+{
+    dir.write("from/file", "new");
+    dir.link("nowhere", "dangling");
+    dir.link("from/file", "link");
+    const TempDir aside;
+    ASSERT_EQ(mkfifo(aside.path("pipe"), 0600), 0);
+    dir.write("file", "old");
+    dir.write("folder/inner", "old");
+    const std::string before = shape("");
+
+    for (const char* to : {"X:/file", "X:/folder"}) {
+        EXPECT_EQ(copy(aside.path("pipe"), to, fsReplace).code, 9);
+        EXPECT_EQ(copy("X:/dangling", to, fsReplace, fsExpand).code, 5);
+        EXPECT_EQ(copy("X:/link", to, fsReplace, fsIgnore), done);
+        EXPECT_EQ(shape(""), before);
+    }
+    const auto swaps = [&](const char* from, const char* to, const std::string& now) {
+        EXPECT_EQ(copy(from, to, fsReplace), done);
+        EXPECT_TRUE(shape("").find(now) != std::string::npos) << shape("");
+    };
+    swaps("X:/link", "X:/folder", "folder->from/file ");
+    swaps("X:/from", "X:/folder", "folder/ folder/file=new ");
+    swaps("X:/from/file", "X:/folder", "folder=new ");
+    swaps("X:/from", "X:/file", "file/ file/file=new ");
+    swaps("X:/link", "X:/folder", "folder->from/file ");
+}
+
+TEST_F(Copying, KeepsAccessListsOverThoseOfTheNewFolder)
+{
+    const auto text = [](std::initializer_list<unsigned char> bytes) {
+        return std::string(bytes.begin(), bytes.end());
+    };
+    // version 2; user rw, user 1000 rwx, group r, mask rwx, others none
+    const std::string list =
+        text({2,   0,   0,   0,   1,  0, 6, 0, 255, 255, 255, 255, 2,  0, 7, 0, 232, 3,   0,   0,  4, 0, 4, 0,
+              255, 255, 255, 255, 16, 0, 7, 0, 255, 255, 255, 255, 32, 0, 0, 0, 255, 255, 255, 255});
+    const auto listOf = [this](const char* name, const char* kind = "system.posix_acl_access") {
+        char value[100];
+        const ssize_t size = getxattr(dir.path(name), kind, value, sizeof value);
+        return std::string(value, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    };
+    dir.write("from/listed");
+    dir.write("from/plain");
+    dir.makeDir("from/shared");
+    chmod(dir.path("from/plain"), 0640);
+    chmod(dir.path("from/shared"), 03770);
+    dir.makeDir("to");
+    if (setxattr(dir.path("from/listed"), "system.posix_acl_access", list.data(), list.size(), 0) != 0 ||
+        setxattr(dir.path("from/listed"), "user.note", "1", 1, 0) != 0)
+        GTEST_SKIP() << "needs a file system with access lists";
+    for (const char* folder : {"to", "from/shared"})
+        setxattr(dir.path(folder), "system.posix_acl_default", list.data(), list.size(), 0);
+
+    EXPECT_EQ(copy("X:/from", "X:/to/new"), done);
+
+    char note = 0;
+    EXPECT_EQ(listOf("to/new/listed"), list);
+    EXPECT_EQ(getxattr(dir.path("to/new/listed"), "user.note", &note, 1), 1);
+    for (const auto& [name, mode] : {std::pair<const char*, unsigned>{"to/new/plain", 0640},
+                                     {"to/new/shared", 03770},
+                                     {"to/new", 0755}}) {
+        struct stat status;
+        ASSERT_EQ(stat(dir.path(name), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, mode) << name;
+        EXPECT_EQ(listOf(name), "") << name;
+    }
+    EXPECT_EQ(listOf("to/new/shared", "system.posix_acl_default"), list);
+    EXPECT_EQ(listOf("to/new", "system.posix_acl_default"), "");
+}
+
+// ---- faults
+
+/// The program that the tests below run with a fault: it copies in the directory that the environment names.
+TEST(CopyProgram, Copies)
+{
+    const char* const place = std::getenv("QEL_TEST_COPY");
+    if (place == nullptr)
+        GTEST_SKIP() << "run by other tests";
+    const std::string in = place;
+    fsCopy((in + "/from").c_str(), (in + "/to").c_str(), fsReplace, fsNewLink, fsSimple);
+    fsCopy((in + "/from").c_str(), (in + "/new").c_str(), fsMerge, fsNewLink, fsSimple);
+}
+
+TEST_F(Copying, LeavesTheOldFileOrTheNewOneWhateverFails)
+{
+    if (!canInjectFaults())
+        GTEST_SKIP() << "needs strace";
+    const EnvSetting place("QEL_TEST_COPY", dir.path());
+    const std::string old = "old", renewed(100000, 'n');
+    dir.write("from", renewed);
+    const std::vector<std::string> here = {dir.path(), dir.path("from")};
+    const std::pair<const char*, std::vector<std::string>> calls[] = {
+        {"openat", here}, {"copy_file_range", here}, {"fchmod", {}},  {"utimensat", {}}, {"flistxattr", {}},
+        {"linkat", {}},   {"renameat", {}},          {"close", here},
+    };
+    int kept = 0, replaced = 0, refusals = 0;
+    for (const char* fault : {"error=ENOSPC", "error=EPERM", "signal=KILL"})
+        for (const auto& [names, paths] : calls)
+            for (int when = 1; when <= 2; ++when) {
+                dir.write("to", old);
+                std::filesystem::remove(dir.path("new"));
+                refusals += !passesWithFault("CopyProgram.Copies", names, fault, when, paths);
+                const std::string now = dir.read("to");
+                EXPECT_TRUE(now == old || now == renewed) << names << fault << when << now.size();
+                EXPECT_TRUE(!dir.has("new") || dir.read("new") == renewed) << names << fault << when;
+                kept += now == old;
+                replaced += now == renewed;
+                const std::filesystem::directory_iterator nodes(dir.path().c_str());
+                const auto count = std::distance(begin(nodes), end(nodes));
+                EXPECT_LE(count, 2 + dir.has("new") + (fault[0] == 's')) << names << fault << when;
+                for (const auto& node : std::filesystem::directory_iterator(dir.path().c_str()))
+                    if (node.path().filename().string().starts_with("."))
+                        std::filesystem::remove(node.path()); // of one that was killed between two names
+            }
+    EXPECT_GT(kept, 15);
+    EXPECT_GT(replaced, 10);
+    EXPECT_GT(refusals, 30); // the faults have struck
+}
+
+// ---- failures that are decided upon
+
+namespace {
+
+/// Decides as it is told, and keeps what it is asked about.
+class Decisions : public fsFailureHandler
+{
+public:
+    explicit Decisions(fsFailureAction chosen) : action(chosen) {}
+
+    fsFailureAction OnFailure(const char* path, fsXException* failure) override
+    {
+        asked.emplace_back(path);
+        errors.push_back(failure->getPlatformError());
+        if (action != fsRetry)
+            return action;
+        std::filesystem::remove(at);
+        return fsRetry;
+    }
+
+    std::vector<std::string> asked;
+    std::vector<unsigned> errors;
+    std::string at; // what is removed before the node is tried again
+
+private:
+    fsFailureAction action;
+};
+
+} // namespace
+
+TEST_F(Copying, OrRemovingGoesOnAsItsHandlerDecides)
+{
+    dir.write("from/a/file", "1");
+    dir.write("from/z/file", "2");
+    dir.link("nowhere", "from/a/dangling");
+    ASSERT_EQ(mkfifo(dir.path("from/m"), 0600), 0);
+    const auto with = [&](Decisions& decisions, const char* to) {
+        return raisedBy([&] { fsCopy("X:/from", to, fsMerge, fsExpand, fsSimple, decisions); });
+    };
+
+    Decisions skip(fsSkip);
+    EXPECT_EQ(with(skip, "X:/to"), done);
+    EXPECT_EQ(shape("to"), "a/ a/file=1 z/ z/file=2 ");
+    std::sort(skip.asked.begin(), skip.asked.end());
+    EXPECT_EQ(skip.asked, (std::vector<std::string>{"X:\\from\\a\\dangling", "X:\\from\\m"}));
+
+    Decisions stop(fsStop);
+    const Raised raised = with(stop, "X:/to2");
+    EXPECT_EQ(raised.path, stop.asked.at(0));
+    EXPECT_EQ(stop.asked.size(), 1u);
+
+    std::filesystem::remove(dir.path("from/a/dangling"));
+    dir.makeDir("to3/z/file");
+    std::filesystem::remove(dir.path("from/m"));
+    Decisions again(fsRetry);
+    again.at = dir.path("to3/z/file");
+    EXPECT_EQ(with(again, "X:/to3"), done);
+    EXPECT_EQ(again.asked, std::vector<std::string>{"X:\\from\\z\\file"});
+    EXPECT_EQ(again.errors, std::vector<unsigned>{80}); // exists
+    EXPECT_EQ(shape("to3"), shape("from"));
+
+    Decisions missing(fsSkip), refused(fsSkip);
+    EXPECT_EQ(raisedBy([&] { fsCopy("X:/none", "X:/to4", fsMerge, fsNewLink, fsSimple, missing); }), done);
+    EXPECT_EQ(missing.asked, std::vector<std::string>{"X:\\none"});
+    EXPECT_EQ(raisedBy([&] { fsCopy("X:/from", "X:/from", fsMerge, fsNewLink, fsSimple, refused); }).code, 5);
+    EXPECT_EQ(raisedBy([&] { fsRemove("X:/none", fsRecursive, missing); }), done);
+    EXPECT_EQ(raisedBy([&] { fsListDirectory("X:/none", "*", missing); }), done);
+    EXPECT_EQ(missing.asked.size(), 3u);
+    EXPECT_TRUE(refused.asked.empty());
+}
+
+TEST_F(Copying, OrRemovingPassesOverWhatIsMountedWhenToldTo)
+{
+    dir.write("from/file", "1");
+    dir.write("outside/kept", "2");
+    dir.makeDir("from/mounted");
+    constexpr int cannotMount = 77;
+    const int result = runInChild([&] {
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount(dir.path("outside"), dir.path("from/mounted"), nullptr, MS_BIND, nullptr) != 0)
+            return cannotMount;
+        Decisions none(fsStop), busy(fsSkip);
+        fsCopy("X:/from", "X:/one", fsMerge, fsNewLink, fsSimple, none, nullptr, fsOneFileSystem);
+        fsCopy("X:/from", "X:/all", fsMerge, fsNewLink, fsSimple, none);
+        fsRemove("X:/from", fsRecursive, none, nullptr, fsOneFileSystem);
+        if (shape("one") != "file=1 " || shape("all") != "file=1 mounted/ mounted/kept=2 " ||
+            shape("from") != "mounted/ mounted/kept=2 ")
+            return 1;
+        fsRemove("X:/from", fsRecursive, busy);
+        return busy.asked == std::vector<std::string>{"X:\\from\\mounted"} && !dir.has("outside/kept") ? 0
+                                                                                                       : 2;
+    });
+    if (result == cannotMount)
+        GTEST_SKIP() << "needs the right to mount";
+    EXPECT_EQ(result, 0);
+}
+
 // ---- progress
 
 namespace {
@@ -341,12 +563,38 @@ TEST_F(Copying, OrRemovingTellsOfNodesAndCanBeEnded)
     EXPECT_EQ(raisedBy([&] { fsRemove("X:/tree", fsRecursive, watch); }).code, 6); // not found
 }
 
-TEST_F(Copying, StopsAtAPathThatIsTooLong)
+TEST_F(Copying, AndRemovingAndListingReachAnyDepth)
 {
-    std::string deep = "from";
-    while (deep.size() < 300)
-        deep += "/" + std::string(60, 'd');
-    dir.makeDir(deep);
-    EXPECT_EQ(copy("X:/from", "X:/to"), refused(5, "(null)"));
-    EXPECT_EQ(copy("X:/from/", (("X:/" + std::string(250, 'l')).c_str())), refused(5, "(null)"));
+    constexpr int depth = 60;
+    const std::string name(100, 'd');
+    std::string deep = dir.path("from"), shown = "X:\\from";
+    ASSERT_EQ(mkdir(deep.c_str(), 0700), 0);
+    int folder = open(deep.c_str(), O_RDONLY | O_DIRECTORY);
+    for (int i = 0; i < depth; ++i) { // deeper than a path of the host's reaches
+        ASSERT_EQ(mkdirat(folder, name.c_str(), 0700), 0);
+        const int below = openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY);
+        close(folder);
+        folder = below;
+    }
+    ASSERT_TRUE(close(openat(folder, "file", O_WRONLY | O_CREAT, 0600)) == 0 && close(folder) == 0);
+    Watch watch;
+
+    EXPECT_EQ(raisedBy([&] { fsCopy("X:/from", "X:/to", fsMerge, fsNewLink, fsSimple, watch); }), done);
+
+    ASSERT_EQ(watch.paths.size(), 1u);
+    EXPECT_EQ(watch.paths[0].size(), shown.size() + depth * (name.size() + 1) + 5);
+    std::string pattern = "X:/to";
+    for (int i = 0; i < depth; ++i)
+        pattern += "/*";
+    const xrchandle<xstringsequence> found = fsExpandPattern((pattern + "/f*").c_str());
+    ASSERT_EQ(found->getarraysize(), 1);
+    EXPECT_EQ(found->get(0).GetLength(), static_cast<int>(watch.paths[0].size()) - 2);
+    for (const char* tree : {"X:/from", "X:/to"})
+        EXPECT_EQ(raisedBy([&] { fsRemove(tree, fsRecursive); }), done);
+    EXPECT_EQ(shape(""), "");
+
+    const std::string longPath = "X:/" + std::string(257, 'l'), native = "X:\\" + std::string(257, 'l');
+    EXPECT_EQ(copy("X:/from", longPath.c_str()), refused(5, longPath.c_str()));
+    EXPECT_EQ(GetLastError(), 206u); // too long
+    EXPECT_EQ(copy(native.c_str(), "X:/to"), refused(5, native.c_str()));
 }

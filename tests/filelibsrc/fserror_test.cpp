@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-#include <qel/fserror.h>
+#include <qel/filelib.h>
 #include <qel/platform/lasterror.h>
 
 #include "../qel/qelstd/filelibsrc/fserror_p.h"
@@ -67,6 +67,37 @@ TEST(FileErrors, AreTranslatedFromPlatformNumbers)
             SetLastError(error);
             EXPECT_EQ(raisedBy([] { fsRaiseLastError("f", "p"); }), Raised(row.code, "f", "p")) << error;
         }
+}
+
+TEST(FileErrors, SayWhatThePlatformHasSaid)
+{
+    const auto saidBy = [](auto action) {
+        SetLastError(1);
+        return describeThrown<fsXException>(action, [](fsXException* raised) {
+            const xstring text = raised->getPlatformText();
+            return std::to_string(raised->getPlatformError()) +
+                   (GetLastError() == raised->getPlatformError() ? " " : " is not the last error ") +
+                   (text == nullptr ? "(null)" : text.CastToCString());
+        });
+    };
+    SetLastError(0);
+    const auto last = [](unsigned error) {
+        return [error] {
+            SetLastError(error);
+            fsRaiseLastError("f", "p");
+        };
+    };
+    EXPECT_EQ(saidBy(last(19)), "19 read-only volume");
+    EXPECT_EQ(saidBy(last(170)), "170 busy");
+    EXPECT_EQ(saidBy(last(77777)), "77777 (null)");
+    EXPECT_EQ(saidBy([] { fsRemove("C:", fsSimple); }), "161 invalid path");
+    EXPECT_EQ(saidBy([] { fsRename("a", "b/c"); }), "123 invalid name");
+    EXPECT_EQ(saidBy([] { fsReadLink("a"); }), "50 not supported");
+    EXPECT_EQ(saidBy([] { fsRemove(std::string(300, 'x').c_str(), fsSimple); }), "206 name or path too long");
+    EXPECT_EQ(saidBy([] { fsCopy("/tmp", "/tmp", fsMerge, fsNewLink, fsSimple); }),
+              "266 cannot be copied onto or into itself");
+    EXPECT_EQ(saidBy([] { fsCopy("/none/x", "/tmp/y", fsMerge, fsNewLink, fsSimple); }),
+              "3 a directory on the way is not found");
 }
 
 TEST(FileErrors, PrintALineForEachThingKnown)

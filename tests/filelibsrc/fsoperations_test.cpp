@@ -227,17 +227,6 @@ TEST_F(Files, RemoveNothingFromADirectoryThatCannotGoItself)
     EXPECT_TRUE(dir.has("tree/sub/file"));
 }
 
-TEST_F(Files, StopRemovingAtThePathThatIsTooLong)
-{
-    std::string deep = "tree";
-    while (deep.size() < 300)
-        deep += "/" + std::string(100, 'd');
-    dir.makeDir(deep);
-
-    EXPECT_EQ(raisedBy([] { fsRemove("X:/tree", fsRecursive); }), Raised(5, "fsRemove", "(null)"));
-    EXPECT_TRUE(dir.has(deep));
-}
-
 TEST_F(Files, LeaveWhatCannotBeRemoved)
 {
     if (geteuid() != 0)
@@ -316,13 +305,13 @@ TEST_F(Files, SayWhenTheDiskIsFull)
         signal(SIGXFSZ, SIG_IGN);
         setrlimit(RLIMIT_FSIZE, &limit);
         return raisedBy([] {
-                   fsSetFileSize("X:/f", 0);
+                   fsSetFileSize("X:/f", 100);
                    fsSetFileSize("X:/f", 30000);
                })
             .code;
     });
     EXPECT_EQ(code, 11); // the limit of a file; that of a disk has a number of its own
-    EXPECT_EQ(std::filesystem::file_size(dir.path("f")), 20000u);
+    EXPECT_EQ(std::filesystem::file_size(dir.path("f")), 100u);
 }
 
 TEST_F(Files, HaveAChecksumOfTheirSignedBytes)
@@ -485,8 +474,9 @@ TEST_F(Files, AreFoundByPatternsInEveryEntry)
     EXPECT_EQ(setOf(fsExpandPattern("X:log*")), Paths{"X:log4.txt"});
     std::filesystem::current_path(before);
 
-    dir.write("data/" + std::string(200, 'l') + "/" + std::string(100, 'm'));
-    EXPECT_EQ(raisedBy([] { fsExpandPattern("X:/data/l*/m*"); }), Raised(5, "fsExpandPattern", "(null)"));
+    const std::string longNames = std::string(200, 'l') + "/" + std::string(100, 'm');
+    dir.write("data/" + longNames + "/x");
+    EXPECT_EQ(setOf(fsExpandPattern("X:/data/l*/m*/x")), Paths{x("data/" + longNames + "/x")});
 }
 
 // ---- quick questions

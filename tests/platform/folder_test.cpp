@@ -3,9 +3,16 @@
 #include <qel/platform/errortable.h>
 #include <qel/platform/folder.h>
 
+#include <string>
+#include <vector>
+
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/child.h"
 #include "support/tempdir.h"
 
 TEST(Folder, RemovesATreeAndNeverEntersALink)
@@ -20,25 +27,121 @@ TEST(Folder, RemovesATreeAndNeverEntersALink)
     platFolder folder;
 
     ASSERT_TRUE(folder.Open(dir.path("tree")));
-    EXPECT_TRUE(folder.RemoveContents(platNoLimit));
+    EXPECT_TRUE(folder.RemoveContents());
 
     EXPECT_TRUE(std::filesystem::is_empty(dir.path("tree")));
     EXPECT_TRUE(dir.has("outside/kept"));
 }
 
-TEST(Folder, StopsRemovingAtAPathThatIsTooLongToShow)
+TEST(Folder, GoesDownAndUpAnyDepthWithFewDescriptors)
+{
+    constexpr int depth = 1500; // whose names do not fit into one path
+    TempDir dir(TempDir::InMemory);
+    dir.makeDir("tree");
+    platFolder top;
+    ASSERT_TRUE(top.Open(dir.path("tree")));
+    const rlim_t few = 64;
+    struct rlimit before, limited;
+    getrlimit(RLIMIT_NOFILE, &before);
+    limited = {few, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limited), 0);
+    {
+        platDescent way(top);
+        for (int i = 0; i < depth; ++i) {
+            ASSERT_TRUE(way.Last().Create("first") && way.Last().Create("second"));
+            platEntry entry; // the one that is entered is read before the other
+            ASSERT_TRUE(way.Last().Read(entry));
+            ASSERT_TRUE(way.Enter(std::string(entry.hostName).c_str(), platKeepLinks)) << GetLastError();
+        }
+        int others = 0;
+        while (way.Depth() > 0) {
+            ASSERT_TRUE(way.Leave()) << GetLastError();
+            platEntry entry;
+            while (way.Last().Read(entry))
+                ++others;
+        }
+        EXPECT_EQ(others, depth);
+    }
+    ASSERT_TRUE(top.Open(dir.path("tree")));
+    EXPECT_TRUE(top.RemoveContents()) << GetLastError();
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_TRUE(std::filesystem::is_empty(dir.path("tree")));
+}
+
+TEST(Folder, LosesAWayThatSomebodyMovesAndDoesNothingElsewhere)
 {
     TempDir dir;
-    dir.write("tree/abcd/efgh");
-    platFolder folder;
-    ASSERT_TRUE(folder.Open(dir.path("tree")));
+    std::string deep = "tree";
+    for (int i = 0; i < 40; ++i)
+        deep += "/d";
+    dir.makeDir(deep);
+    dir.makeDir("elsewhere");
+    platFolder top;
+    ASSERT_TRUE(top.Open(dir.path("tree")));
+    platDescent way(top);
+    for (int i = 0; i < 40; ++i)
+        ASSERT_TRUE(way.Enter("d", platKeepLinks));
 
-    EXPECT_FALSE(folder.RemoveContents(8)); // "abcd\efgh" takes nine
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_BUFFER_OVERFLOW});
-    EXPECT_TRUE(dir.has("tree/abcd/efgh"));
+    std::filesystem::rename(dir.path("tree/d/d/d/d/d"), dir.path("elsewhere/d"));
 
-    ASSERT_TRUE(folder.Open(dir.path("tree")));
-    EXPECT_TRUE(folder.RemoveContents(9));
+    int left = 0;
+    while (way.Leave())
+        ++left;
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_PATH_NOT_FOUND});
+    EXPECT_EQ(left, 35); // up to the one that was moved; its folder is another one now
+}
+
+namespace {
+
+/// Removes with a decision about each failure, which it keeps.
+struct Decisions : platTreeWatcher
+{
+    bool Removed() override
+    {
+        ++removed;
+        return true;
+    }
+    platAction Failed(const std::string& path) override
+    {
+        failed.push_back(path);
+        return action;
+    }
+
+    platAction action = platAction::skip;
+    std::vector<std::string> failed;
+    int removed = 0;
+};
+
+} // namespace
+
+TEST(Folder, RemovesWhatItCanAndKeepsTheWayToTheRest)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs a mount of its own";
+    TempDir dir;
+    for (const char* name : {"tree/a/b/file", "tree/a/c/file", "tree/d/file", "outside/kept"})
+        dir.write(name);
+    dir.makeDir("tree/a/b/mounted");
+    const int result = runInChild([&] {
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount(dir.path("outside"), dir.path("tree/a/b/mounted"), nullptr, MS_BIND, nullptr) != 0)
+            return 77;
+        Decisions decisions;
+        platFolder tree;
+        if (!tree.Open(dir.path("tree")) || tree.RemoveContents(&decisions, platOneMount) ||
+            GetLastError() != ERROR_DIR_NOT_EMPTY || !decisions.failed.empty() || decisions.removed != 5)
+            return 1;
+        if (!dir.has("outside/kept") || dir.has("tree/a/c") || dir.has("tree/d") || dir.has("tree/a/b/file"))
+            return 2;
+        // A mount that is not told apart is emptied, and stays because it is one.
+        if (!tree.Open(dir.path("tree")) || tree.RemoveContents(&decisions) ||
+            decisions.failed != std::vector<std::string>{"a/b/mounted"} || dir.has("outside/kept"))
+            return 3;
+        return 0;
+    });
+    if (result == 77)
+        GTEST_SKIP() << "needs a mount of its own";
+    EXPECT_EQ(result, 0);
 }
 
 TEST(Folder, RefusesALinkThatTookThePlaceOfADirectory)
@@ -120,26 +223,28 @@ TEST(Folder, CopiesLinksFilesAndStatus)
     ASSERT_TRUE(from.Open(dir.path("from")));
     ASSERT_TRUE(to.Open(dir.path("to")));
 
-    ASSERT_TRUE(from.CopyLink("link", to, "newlink"));
+    ASSERT_TRUE(from.CopyLink("link", to, "newlink", false));
     EXPECT_EQ(std::filesystem::read_symlink(dir.path("to/newlink")), "any/text");
-    EXPECT_FALSE(from.CopyLink("link", to, "newlink"));
+    EXPECT_FALSE(from.CopyLink("link", to, "newlink", false));
     EXPECT_EQ(GetLastError(), DWORD{ERROR_ALREADY_EXISTS});
+    EXPECT_TRUE(from.CopyLink("link", to, "newlink", true));
 
     platSource source;
     EXPECT_FALSE(source.Open(from, "link", platKeepLinks));
     ASSERT_TRUE(source.Open(from, "file", platKeepLinks));
     ASSERT_TRUE(from.DeleteFile("file")); // what is open is copied whatever becomes of its name
-    ASSERT_TRUE(source.CopyTo(to, "file"));
+    ASSERT_TRUE(source.Copy(to));
+    EXPECT_FALSE(source.Place("newlink", false)); // a link is never written through
+    EXPECT_TRUE(source.Place("file", false));
     EXPECT_EQ(dir.read("to/file"), "contents");
-    EXPECT_FALSE(source.CopyTo(to, "newlink")); // a link is never written through
 
-    chmod(dir.path("from"), 0750);
+    chmod(dir.path("from"), 03750);
     ASSERT_TRUE(to.Create("sub"));
     ASSERT_TRUE(made.Open(to, "sub", platKeepLinks));
     ASSERT_TRUE(from.CopyStatus(made));
     struct stat status;
     ASSERT_EQ(stat(dir.path("to/sub"), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0750u);
+    EXPECT_EQ(status.st_mode & 07777, 03750u);
 }
 
 TEST(Folder, AnswersErrorsWithoutADirectory)

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include <qel/platform/directories.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/filecopy.h>
 #include <qel/platform/files.h>
 #include <qel/platform/folder.h>
+#include <qel/platform/pathmapping.h>
 
 #include "fserror_p.h"
 #include "fsfile.h"
@@ -28,58 +30,98 @@ bool endsWithSeparator(const char* native)
     return length > 0 && native[length - 1] == fsSeparator;
 }
 
-/// Removes everything in a directory and then the directory. False with the last error set;
-/// ERROR_BUFFER_OVERFLOW when a path below `length` bytes of path is too long.
-bool removeDirectory(platFolder& parent, const char* name, std::size_t length, platWatcher* watcher)
+struct RemovalWays
 {
-    platFolder folder;
-    const std::size_t room = fsNativePath::maxLength - std::min(length + 1, fsNativePath::maxLength);
-    return folder.Open(parent, name, platKeepLinks) && folder.RemoveContents(room, watcher) &&
-           folder.Close() && parent.RemoveFolder(name);
-}
+    bool isRecursive;
+    fsMountMode mounts = fsCrossMounts;
+    fsFailureHandler* failures = nullptr; // null: the first one ends the removal
+    fsProgressHandler* progress = nullptr;
+};
 
-bool removeNode(const char* path, bool recursive, platWatcher* watcher)
-{
-    platFolder parent;
-    std::string name;
-    if (!parent.OpenParent(path, name))
-        return false;
-    const platNodeKind kind = parent.Kind(name.c_str(), platKeepLinks);
-    if (kind == platAbsent)
-        return false;
-    if (kind != platDirectory) {
-        if (endsWithSeparator(path))
-            return platFailWith(ERROR_DIRECTORY); // what the link leads to is meant, or nothing
-        return parent.DeleteFile(name.c_str());
-    }
-    // A root, and a directory named "." or "..", cannot be removed in the end: nothing in it is touched
-    // either.
-    if (!recursive || name == ".")
-        return parent.RemoveFolder(name.c_str());
-    return removeDirectory(parent, name.c_str(), std::strlen(path), watcher);
-}
-
-/// Passes on how a removal gets on.
-class RemovalProgress : public platWatcher
+/// One removal. What it throws is about the node that is removed as a whole.
+class Removal : public platTreeWatcher
 {
 public:
-    RemovalProgress(fsProgressHandler& told, const fsNativePath& top) : handler(told), path(top) {}
+    Removal(const fsNativePath& top, const RemovalWays& chosen) : path(top), ways(chosen) {}
 
-    bool IsEnded() const { return ended; }
-
-    bool Advance(off_t nodes) override
+    void Run()
     {
-        done += static_cast<double>(nodes);
-        ended = !handler.Invoke(path.text(), done, 0);
-        return !ended;
+        while (fsAsk(ways.failures, path.text(), [this] { removeTop(); }) == fsRetry) {
+        }
+    }
+
+    bool Removed() override
+    {
+        isEnded = ways.progress != nullptr && !ways.progress->Invoke(path.text(), ++done, 0);
+        return !isEnded;
+    }
+
+    platAction Failed(const std::string& below) override
+    {
+        if (ways.failures == nullptr || below.empty())
+            return platAction::stop; // as a failure of the top itself
+        std::string node = platNativeName(below);
+        std::replace(node.begin(), node.end(), '/', fsSeparator);
+        node.insert(0, 1, fsSeparator).insert(0, path.text());
+        fsFailureAction action = fsStop;
+        try {
+            fsRaiseLastError(function, node.c_str());
+        } catch (xthrowable* failure) {
+            action = ways.failures->OnFailure(node.c_str(), fsXException::softcast(failure));
+            xrcrelease(failure);
+        }
+        if (action == fsSkip)
+            isLeft = true;
+        else if (action != fsRetry)
+            ways.failures = nullptr; // that the top stays is no further question
+        return action == fsSkip ? platAction::skip : action == fsRetry ? platAction::retry : platAction::stop;
     }
 
 private:
-    fsProgressHandler& handler;
+    static constexpr const char* function = "fsRemove";
+
+    void removeTop()
+    {
+        isLeft = false;
+        if (removeNode())
+            return;
+        const bool mayStay = ways.isRecursive && (isLeft || ways.mounts == fsOneFileSystem);
+        if (GetLastError() == ERROR_DIR_NOT_EMPTY && mayStay)
+            return;
+        if (isEnded)
+            fsRaise(fsSignal, function, path.text(), GetLastError());
+        fsRaiseLastError(function, path.text());
+    }
+
+    bool removeNode()
+    {
+        fsPlace place;
+        if (!place.Find(path.text()))
+            return false;
+        if (place.kind != platDirectory)
+            // With a separator behind it what a link leads to is meant, or nothing.
+            return endsWithSeparator(path.text()) ? platFailWith(ERROR_DIRECTORY)
+                                                  : place.folder.DeleteFile(place.name.c_str());
+        // A root, and a directory named "." or "..", cannot be removed in the end: nothing in it is touched
+        // either.
+        if (!ways.isRecursive || place.name == ".")
+            return place.folder.RemoveFolder(place.name.c_str());
+        return fsRemoveAt(place.folder, place.name.c_str(), place.kind, this,
+                          ways.mounts == fsOneFileSystem ? platOneMount : platCrossMounts);
+    }
+
     const fsNativePath& path;
+    RemovalWays ways;
     double done = 0;
-    bool ended = false;
+    bool isEnded = false, isLeft = false;
 };
+
+void remove(const char* path, const RemovalWays& ways)
+{
+    fsNativePath native;
+    fsCheckPath(native, path, "fsRemove");
+    Removal(native, ways).Run();
+}
 
 void move(const char* from, const char* to, const char* function, const char* about)
 {
@@ -87,18 +129,23 @@ void move(const char* from, const char* to, const char* function, const char* ab
         fsRaiseLastError(function, about);
 }
 
-/// Appends zero bytes to a file of `current` bytes until it has `wanted`.
+/// Appends zero bytes to a file of `current` bytes until it has `wanted`. Cuts it again when that fails.
 bool extend(fsiFile& file, double current, double wanted)
 {
-    constexpr double blockSize = 4096;
-    static constexpr char zeros[4096] = {};
+    constexpr std::size_t blockSize = 1 << 20;
+    const std::vector<char> zeros(blockSize);
+    double size = current;
     if (!file.Seek(fsFromEnd, 0))
         return false;
-    while (current < wanted) {
-        const double step = std::min(blockSize, wanted - current);
-        if (file.Write(zeros, static_cast<unsigned long>(step), nullptr) != fsIOOk)
+    while (size < wanted) {
+        const double step = std::min(static_cast<double>(blockSize), wanted - size);
+        if (file.Write(zeros.data(), static_cast<unsigned long>(step), nullptr) != fsIOOk) {
+            const unsigned error = GetLastError();
+            file.Truncate(current);
+            SetLastError(error);
             return false;
-        current += step;
+        }
+        size += step;
     }
     return true;
 }
@@ -119,13 +166,21 @@ bool createLevel(const char* path, bool isLast)
 
 } // namespace
 
-void fsRemoveNode(const char* path, bool recursive, const char* function, platWatcher* watcher)
+bool fsPlace::Find(const char* path)
 {
-    if (removeNode(path, recursive, watcher))
-        return;
-    if (GetLastError() == ERROR_BUFFER_OVERFLOW)
-        fsRaise(fsInvalidPath, function, nullptr);
-    fsRaiseLastError(function, path);
+    isHeld = folder.OpenParent(path, name);
+    kind = isHeld ? folder.Kind(name.c_str(), platKeepLinks, &id) : platAbsent;
+    return kind != platAbsent;
+}
+
+bool fsRemoveAt(platFolder& parent, const char* name, platNodeKind kind, platTreeWatcher* watcher,
+                platMounts mounts)
+{
+    if (kind != platDirectory)
+        return parent.DeleteFile(name);
+    platFolder folder;
+    return folder.Open(parent, name, platKeepLinks) && folder.RemoveContents(watcher, mounts) &&
+           folder.Close() && parent.RemoveFolder(name);
 }
 
 bool fsCreateLevels(const fsNativePath& path)
@@ -146,16 +201,17 @@ bool fsCreateLevels(const fsNativePath& path)
     }
 }
 
-void fsEnsureParent(const fsNativePath& path, const char* function)
+void fsEnsureParent(const char* path, const char* function)
 {
-    const char* const separator = std::strrchr(path.text(), fsSeparator);
+    const char* const separator = std::strrchr(path, fsSeparator);
     if (separator == nullptr)
         return;
-    fsNativePath parent = path;
-    parent.Cut(static_cast<std::size_t>(separator - path.text()));
+    fsNativePath parent;
+    fsConvert(parent, path, function);
+    parent.Cut(static_cast<std::size_t>(separator - path));
     // A root exists.
     if (!fsIsEmptyPath(parent.text()) && !fshExists(parent.text()) && !fsCreateLevels(parent))
-        fsRaiseLastError(function, path.text());
+        fsRaiseLastError(function, path);
 }
 
 void fsCreateDir(const char* path, fsOpMode mode)
@@ -171,26 +227,19 @@ void fsCreateDir(const char* path, fsOpMode mode)
 
 void fsRemove(const char* path, fsOpMode mode)
 {
-    constexpr const char* function = "fsRemove";
-    fsNativePath native;
-    fsCheckPath(native, path, function);
-    fsRemoveNode(native.text(), mode != fsSimple, function);
+    remove(path, {.isRecursive = mode != fsSimple});
 }
 
-void fsRemove(const char* path, fsOpMode mode, fsProgressHandler& handler)
+void fsRemove(const char* path, fsOpMode mode, fsProgressHandler& progress)
 {
-    constexpr const char* function = "fsRemove";
-    fsNativePath native;
-    fsCheckPath(native, path, function);
-    RemovalProgress progress(handler, native);
-    try {
-        fsRemoveNode(native.text(), mode != fsSimple, function, &progress);
-    } catch (xthrowable* failure) {
-        if (!progress.IsEnded())
-            throw;
-        xrcrelease(failure);
-        fsRaise(fsSignal, function, native.text());
-    }
+    remove(path, {.isRecursive = mode != fsSimple, .progress = &progress});
+}
+
+void fsRemove(const char* path, fsOpMode mode, fsFailureHandler& failures, fsProgressHandler* progress,
+              fsMountMode mounts)
+{
+    remove(path,
+           {.isRecursive = mode != fsSimple, .mounts = mounts, .failures = &failures, .progress = progress});
 }
 
 void fsMove(const char* from, const char* to, fsOpMode mode)
@@ -199,7 +248,7 @@ void fsMove(const char* from, const char* to, fsOpMode mode)
     fsNativePath nativeFrom, nativeTo;
     const char* const source = fsCheckTwoPaths(nativeFrom, from, nativeTo, to, function);
     if (mode != fsSimple)
-        fsEnsureParent(nativeTo, function);
+        fsEnsureParent(nativeTo.text(), function);
     move(source, nativeTo.text(), function, nativeTo.text());
 }
 

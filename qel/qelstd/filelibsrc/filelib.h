@@ -10,7 +10,7 @@
 
 // Operations on files and directories by path. Paths are written with "/" or "\"; those that exceptions name
 // are in native form where they were converted. A path that is empty, a drive alone, remote ("::" in it), or
-// longer than 259 bytes throws fsXInvalidPath, and so does a longer path that an operation builds. What the
+// longer than 259 bytes throws fsXInvalidPath. What is found in directories may lie deeper. What the
 // platform refuses throws the class of fserror.h that its last error stands for. An operation that fails part
 // way leaves what it has done.
 //
@@ -18,6 +18,9 @@
 // itself.
 //
 // The operations keep no state and may be called from any thread; the current directory is the process's.
+
+// What a failing operation throws is also the thread's last error; GetLastError() and
+// fsXException::getPlatformError() say more than the class.
 
 class tmTime;
 
@@ -30,7 +33,7 @@ enum fsSoftLinkCopyMode {
 enum fsRecursiveCopyMode {
     fsForceNew, // the destination must not exist
     fsMerge,    // directories are merged, files replaced
-    fsReplace   // the destination is removed first
+    fsReplace   // what is at the destination is removed
 };
 QEL_ENUM(fsOpMode);
 QEL_ENUM(fsSoftLinkCopyMode);
@@ -52,6 +55,30 @@ public:
     virtual bool Invoke(const char* path, double done, double total) = 0;
 };
 
+/// What becomes of a node that an operation on many of them fails on.
+enum fsFailureAction {
+    fsSkip,  // the operation goes on without it
+    fsRetry, // it is tried again
+    fsStop   // the operation ends, as it does without a handler
+};
+
+/// Decides how an operation goes on after a failure. Arguments that are refused at once, and work that its
+/// progress handler ended, are no question for it.
+class QEL_API fsFailureHandler
+{
+public:
+    virtual ~fsFailureHandler() = default;
+    /// The operation fails on the node at `path`, in native form. `failure` says why. Both are valid during
+    /// the call. Must not throw.
+    virtual fsFailureAction OnFailure(const char* path, fsXException* failure) = 0;
+};
+
+/// Whether a directory's contents include what is mounted in it.
+enum fsMountMode {
+    fsCrossMounts,
+    fsOneFileSystem // what is mounted is passed over, which is no failure
+};
+
 /// fsSimple: one directory. Else: those missing on the way to it, too; one that exists, or that another
 /// creates meanwhile, is no failure then, but a file is.
 QEL_API void fsCreateDir(const char* path, fsOpMode mode);
@@ -64,6 +91,11 @@ QEL_API void fsRemove(const char* path, fsOpMode mode);
 /// @throws fsXSignal  `progress` ended it
 QEL_API void fsRemove(const char* path, fsOpMode mode, fsProgressHandler& progress);
 
+/// The same, and asks `failures` about each node that cannot be removed. Directories that hold what was
+/// passed over stay. A null `progress` is told nothing.
+QEL_API void fsRemove(const char* path, fsOpMode mode, fsFailureHandler& failures,
+                      fsProgressHandler* progress = nullptr, fsMountMode mounts = fsCrossMounts);
+
 /// Moves or renames without replacing anything, within one volume. Unless fsSimple, creates the directories
 /// on the way to `to`.
 QEL_API void fsMove(const char* from, const char* to, fsOpMode mode);
@@ -72,10 +104,12 @@ QEL_API void fsMove(const char* from, const char* to, fsOpMode mode);
 /// @throws fsXInvalidName  `newName` holds a separator
 QEL_API void fsRename(const char* path, const char* newName);
 
-/// Copies a file, or a directory with everything in it, with modes and modification times. Unless `mode` is
-/// fsSimple, creates the directories on the way to `to`. A link at a destination is replaced, never written
-/// through. A missing source, a link that leads nowhere, and a copy onto or into itself or onto a directory
-/// that holds it throw fsXInvalidPath.
+/// Copies a file, or a directory with everything in it, with rights (modes without setuid, access lists),
+/// user attributes and modification times. Unless `mode` is fsSimple, creates the directories on the way to
+/// `to`. A file takes its name when it is complete: killed or failed, the copy leaves what had the name, or
+/// nothing. fsReplace removes a directory that is in the way of a file, or the other way round, when the
+/// source is open. A link at a destination is replaced, never written through. A missing source, a link that
+/// leads nowhere, and a copy onto or into itself or onto a directory that holds it throw fsXInvalidPath.
 /// @throws fsXFileExists    fsForceNew and the destination exists, or a directory and something else meet
 /// @throws fsXNoPermission  a pipe, socket or device is met
 QEL_API void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode,
@@ -87,11 +121,17 @@ QEL_API void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMo
 QEL_API void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode,
                     fsSoftLinkCopyMode linkMode, fsOpMode mode, fsProgressHandler& progress);
 
+/// The same, and asks `failures` about each node that cannot be copied. A null `progress` is told nothing.
+QEL_API void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode,
+                    fsSoftLinkCopyMode linkMode, fsOpMode mode, fsFailureHandler& failures,
+                    fsProgressHandler* progress = nullptr, fsMountMode mounts = fsCrossMounts);
+
 /// Both always throw fsXLinksNotSupported.
 QEL_API xstring fsReadLink(const char* path);
 QEL_API void fsCreateSoftLink(const char* target, const char* link, fsOpMode mode);
 
-/// Cuts a file, or appends zero bytes; creates it if it is missing. `size` is cut to whole bytes.
+/// Cuts a file, or appends zero bytes; creates it if it is missing. `size` is cut to whole bytes. A file that
+/// cannot grow keeps its size.
 /// @throws fsXOther  `size` is negative or no number of bytes
 QEL_API void fsSetFileSize(const char* path, double size);
 
@@ -120,10 +160,15 @@ QEL_API double fsGetAvailableDiskSpace(const char* path);
 /// The names, not the paths, of the entries that are like `pattern` (fsMatchesPattern), in the platform's
 /// order. Null `pattern`: all of them; the empty one: none.
 QEL_API xrchandle<xstringsequence> fsListDirectory(const char* directory, const char* pattern);
+/// The same, and asks `failures` when the directory cannot be read; what has been read by then is kept.
+QEL_API xrchandle<xstringsequence> fsListDirectory(const char* directory, const char* pattern,
+                                                   fsFailureHandler& failures);
 
 /// The existing paths that are like `pattern`, each entry of which may hold "*" and "?": depth first, in the
 /// platform's order within a directory.
 QEL_API xrchandle<xstringsequence> fsExpandPattern(const char* pattern);
+/// The same, and asks `failures` about each directory that cannot be read.
+QEL_API xrchandle<xstringsequence> fsExpandPattern(const char* pattern, fsFailureHandler& failures);
 
 // ---- contents and status
 

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,110 +19,89 @@ namespace {
 
 constexpr const char* function = "fsCopy";
 
-[[noreturn]] void raiseLast(const fsNativePath& about)
+[[noreturn]] void raiseLast(const std::string& about)
 {
-    fsRaiseLastError(function, about.text());
+    fsRaiseLastError(function, about.c_str());
 }
 
-[[noreturn]] void raise(fsErrorCode code, const fsNativePath& about)
+[[noreturn]] void raise(fsErrorCode code, const std::string& about, unsigned platformError = 0)
 {
-    fsRaise(code, function, about.text());
+    fsRaise(code, function, about.c_str(), platformError);
 }
 
-/// A further name on a path while the object lives.
-class PathStep
-{
-public:
-    PathStep(fsNativePath& extended, const char* name) : path(extended), length(extended.length())
-    {
-        fsJoin(path, name, function);
-    }
-    ~PathStep() { path.Cut(length); }
-    PathStep(const PathStep&) = delete;
-    PathStep& operator=(const PathStep&) = delete;
-
-private:
-    fsNativePath& path;
-    std::size_t length;
-};
-
-/// Gives a new directory the mode and time of its source when it is filled, also when filling it ends in a
-/// failure.
-class StatusKeeper
-{
-public:
-    StatusKeeper(const platFolder& original, platFolder& made, bool isNew)
-        : from(original), to(made), pending(isNew)
-    {
-    }
-    ~StatusKeeper() { Keep(); }
-    StatusKeeper(const StatusKeeper&) = delete;
-    StatusKeeper& operator=(const StatusKeeper&) = delete;
-
-    bool Keep() { return !std::exchange(pending, false) || from.CopyStatus(to); }
-
-private:
-    const platFolder& from;
-    platFolder& to;
-    bool pending;
-};
-
-/// A node to be copied: its name in an open directory, and whether a link of that name is followed.
+/// A node to be copied: its name in the folder at hand, and whether a link of that name is followed.
 struct Source
 {
-    const platFolder& folder;
     const char* name;
     platNodeKind kind;
     platLinks links = platKeepLinks;
 };
 
+/// Whether an entry belongs to another mount than `mount`, the only one that is copied; 0: all are.
+bool isElsewhere(const platFolder& folder, const platEntry& entry, fsSoftLinkCopyMode linkMode,
+                 unsigned long long mount)
+{
+    if (mount == 0)
+        return false;
+    const bool follows = entry.kind == platLink && linkMode == fsExpand;
+    const unsigned long long own = folder.Mount(entry.hostName, follows ? platFollowLinks : platKeepLinks);
+    return own != 0 && own != mount;
+}
+
 /// Adds up the sizes of the files that are to be copied, as far as they can be found out.
 class Measure
 {
 public:
-    explicit Measure(fsSoftLinkCopyMode mode) : linkMode(mode) {}
-
-    void Add(Source source)
+    Measure(platFolder& folder, fsSoftLinkCopyMode links, unsigned long long onlyMount)
+        : way(folder), linkMode(links), mount(onlyMount)
     {
-        if (source.kind == platLink && linkMode == fsExpand) {
-            source.links = platFollowLinks;
-            source.kind = source.folder.Kind(source.name, platFollowLinks);
-        }
-        if (source.kind == platFile)
-            total += static_cast<double>(source.folder.Size(source.name, source.links));
-        else if (source.kind == platDirectory)
-            addDirectory(source);
     }
 
-    double Total() const { return total; }
+    double Of(const Source& top)
+    {
+        add(top);
+        while (way.Depth() > 0) {
+            platEntry entry;
+            if (way.Last().Read(entry)) {
+                if (!isElsewhere(way.Last(), entry, linkMode, mount))
+                    add({entry.hostName, entry.kind});
+            } else if (!way.Leave()) {
+                break;
+            }
+        }
+        return total;
+    }
 
 private:
-    void addDirectory(const Source& source)
+    void add(Source source)
     {
-        platFolder folder;
-        if (entered.size() == deepest || !folder.Open(source.folder, source.name, source.links))
-            return;
-        if (std::find(entered.begin(), entered.end(), folder.Id()) != entered.end())
-            return;
-        entered.push_back(folder.Id());
-        platEntry entry;
-        while (folder.Read(entry))
-            Add({folder, entry.hostName, entry.kind});
-        entered.pop_back();
+        const platFolder& folder = way.Last();
+        if (source.kind == platLink && linkMode == fsExpand) {
+            platNodeId id;
+            source.links = platFollowLinks;
+            source.kind = folder.Kind(source.name, platFollowLinks, &id);
+            // Each once: links can lead back.
+            if (source.kind == platDirectory && !followed.insert({id.device, id.number}).second)
+                return;
+        }
+        if (source.kind == platFile)
+            total += static_cast<double>(folder.Size(source.name, source.links));
+        else if (source.kind == platDirectory)
+            way.Enter(source.name, source.links);
     }
 
-    static constexpr std::size_t deepest = MAX_PATH / 2; // each level takes two characters of a path
-
+    platDescent way;
     fsSoftLinkCopyMode linkMode;
+    unsigned long long mount; // 0: all
     double total = 0;
-    std::vector<platNodeId> entered; // the directories on the way
+    std::set<std::pair<unsigned long long, unsigned long long>> followed;
 };
 
 /// Passes on how a copy gets on.
 class Progress : public platWatcher
 {
 public:
-    Progress(fsProgressHandler& told, const fsNativePath& current) : handler(told), path(current) {}
+    Progress(fsProgressHandler& told, const std::string& current) : handler(told), path(current) {}
 
     void SetTotal(double bytes) { total = bytes; }
     bool IsEnded() const { return ended; }
@@ -135,7 +115,7 @@ public:
     bool Tell()
     {
         unheard = 0;
-        ended = !handler.Invoke(path.text(), done, total);
+        ended = !handler.Invoke(path.c_str(), done, total);
         return !ended;
     }
 
@@ -143,65 +123,131 @@ private:
     static constexpr off_t step = 8 << 20;
 
     fsProgressHandler& handler;
-    const fsNativePath& path;
+    const std::string& path;
     double done = 0, total = 0;
     off_t unheard = 0;
     bool ended = false;
 };
 
-/// One copy. The paths are those of the nodes at hand, for the exceptions; the work is done on directories
-/// that are held open.
+struct Ways
+{
+    fsRecursiveCopyMode existing;
+    fsSoftLinkCopyMode links;
+    fsMountMode mounts = fsCrossMounts;
+    fsFailureHandler* failures = nullptr; // null: the first one ends the copy
+    fsProgressHandler* progress = nullptr;
+};
+
+/// One copy. The paths are those of the nodes at hand, for the exceptions and handlers; the work is done on
+/// folders that are held open.
 class Copy
 {
 public:
-    /// `told` may be null.
-    Copy(const fsNativePath& from, const fsNativePath& to, fsSoftLinkCopyMode mode, fsProgressHandler* told)
-        : sourcePath(from), targetPath(to), linkMode(mode)
+    Copy(fsPlace& source, const char* from, fsPlace& destination, const char* to, const Ways& chosen)
+        : origin(source), target(destination), sources(source.folder), targets(destination.folder),
+          sourcePath(from), targetPath(to), ways(chosen)
     {
-        if (told != nullptr)
-            progress.emplace(*told, sourcePath);
+        if (ways.progress != nullptr)
+            progress.emplace(*ways.progress, sourcePath);
     }
 
     void Run()
     {
-        platFolder from, to;
-        std::string name, newName;
-        Source top{from, nullptr, platAbsent};
-        if (from.OpenParent(sourcePath.text(), name)) {
-            top.name = name.c_str();
-            top.kind = from.Kind(top.name, platKeepLinks);
+        try {
+            attempt([this] { begin(); });
+            while (!levels.empty())
+                goOn();
+        } catch (...) {
+            const unsigned error = GetLastError();
+            keepStatuses();
+            SetLastError(error);
+            throw;
         }
-        if (!resolve(top))
-            return;
-        if (progress) {
-            Measure measure(linkMode);
-            measure.Add(top);
-            progress->SetTotal(measure.Total());
-        }
-        if (!to.OpenParent(targetPath.text(), newName)) {
-            if (top.kind != platDirectory)
-                raiseLast(sourcePath);
-            fsEnsureParent(targetPath, function);
-            if (!to.OpenParent(targetPath.text(), newName))
-                raiseLast(targetPath);
-        }
-        copyNode(top, to, newName.c_str(), to.Kind(newName.c_str(), platKeepLinks));
     }
 
 private:
+    /// A directory that is being copied.
+    struct Level
+    {
+        std::size_t sourceLength, targetLength; // of its paths
+        bool isNew;
+        platNodeId id; // of the source, when links are followed
+    };
+
+    void begin()
+    {
+        if (origin.kind == platAbsent)
+            origin.Find(sourcePath.c_str());
+        Source top{origin.name.c_str(), origin.kind};
+        if (!resolve(top))
+            return;
+        if (ways.mounts == fsOneFileSystem)
+            mount = origin.folder.Mount(top.name, top.links);
+        if (progress)
+            progress->SetTotal(Measure(origin.folder, ways.links, mount).Of(top));
+        if (!target.isHeld) {
+            const bool isDirectory = top.kind == platDirectory;
+            if (isDirectory)
+                fsEnsureParent(targetPath.c_str(), function);
+            target.Find(targetPath.c_str());
+            if (!target.isHeld)
+                raiseLast(isDirectory ? targetPath : sourcePath);
+        }
+        copyNode(top, target.name.c_str(), target.kind, ways.existing == fsReplace);
+    }
+
+    /// Copies the next entry of the directory at hand, or leaves it.
+    void goOn()
+    {
+        const std::size_t depth = levels.size();
+        platEntry entry;
+        if (!sources.Last().Read(entry)) {
+            const bool isEnd = GetLastError() == ERROR_NO_MORE_FILES;
+            if (isEnd || fsAsk(ways.failures, sourcePath, [this] { raiseLast(sourcePath); }) != fsRetry)
+                leave();
+            return;
+        }
+        if (isElsewhere(sources.Last(), entry, ways.links, mount))
+            return;
+        const bool toIsNew = levels.back().isNew;
+        const std::string shown = platNativeName(entry.hostName);
+        sourcePath.append(1, fsSeparator).append(shown);
+        targetPath.append(1, fsSeparator).append(shown);
+        bool isFirst = true;
+        attempt([&] {
+            Source child{entry.hostName, entry.kind};
+            if (resolve(child))
+                copyNode(child, entry.hostName,
+                         toIsNew && std::exchange(isFirst, false)
+                             ? platAbsent
+                             : targets.Last().Kind(entry.hostName, platKeepLinks),
+                         false);
+        });
+        if (levels.size() == depth)
+            cutPaths();
+    }
+
+    /// Does `work` until it succeeds or the node at hand is to be skipped.
+    template<class Work>
+    void attempt(Work work)
+    {
+        while (fsAsk(ways.failures, sourcePath, work) == fsRetry) {
+        }
+    }
+
     /// Settles what is to be copied of a node that may be a link. False: nothing.
-    bool resolve(Source& source) const
+    bool resolve(Source& source)
     {
         if (source.kind == platAbsent)
             raiseAbsent();
         if (source.kind == platLink) {
-            if (linkMode == fsIgnore)
+            if (ways.links == fsIgnore)
                 return false;
-            if (linkMode == fsExpand) {
+            if (ways.links == fsExpand) {
                 source.links = platFollowLinks;
-                source.kind = source.folder.Kind(source.name, platFollowLinks);
+                source.kind = sources.Last().Kind(source.name, platFollowLinks);
                 if (source.kind == platAbsent)
-                    raise(fsInvalidPath, sourcePath);
+                    raise(fsInvalidPath, sourcePath, GetLastError());
             }
         }
         if (source.kind == platSpecial) {
@@ -215,145 +261,204 @@ private:
     {
         if (fsCodeOf(GetLastError()) == fsIOError)
             raiseLast(sourcePath);
-        raise(fsInvalidPath, sourcePath);
+        raise(fsInvalidPath, sourcePath, GetLastError());
     }
 
-    /// Copies to the name `newName` of the directory `to`, where `present` is now.
-    void copyNode(const Source& source, platFolder& to, const char* newName, platNodeKind present)
+    /// Copies to the name `newName` of the target folder at hand, where `present` is now. `replaces`: a
+    /// directory there gives way.
+    void copyNode(const Source& source, const char* newName, platNodeKind present, bool replaces)
     {
-        if (source.kind == platDirectory) {
-            if (present != platAbsent && present != platDirectory)
-                raise(fsFileExists, sourcePath);
-            copyDirectory(source, to, newName, present == platAbsent);
-            return;
+        if (source.kind == platDirectory)
+            enter(source, newName, present, replaces);
+        else if (present == platDirectory && !replaces)
+            raise(fsFileExists, targetPath);
+        else if (source.kind == platLink)
+            copyLink(source, newName, present);
+        else
+            copyFile(source, newName, present);
+    }
+
+    void copyLink(const Source& source, const char* newName, platNodeKind present)
+    {
+        if (present == platDirectory)
+            clear(newName, present);
+        const bool isTaken = present != platAbsent && present != platDirectory;
+        if (!sources.Last().CopyLink(source.name, targets.Last(), newName, isTaken))
+            raiseLast(isTaken && isRefusal() ? targetPath : sourcePath);
+        tell();
+    }
+
+    /// What has the name of the copy stays until the copy is complete.
+    void copyFile(const Source& source, const char* newName, platNodeKind present)
+    {
+        platSource file;
+        if (!file.Open(sources.Last(), source.name, source.links))
+            raiseLast(sourcePath);
+        if (!file.Copy(targets.Last(), progress ? &*progress : nullptr)) {
+            if (progress && progress->IsEnded())
+                raise(fsSignal, sourcePath, GetLastError());
+            raiseLast(present != platAbsent && isRefusal() ? targetPath : sourcePath);
         }
         if (present == platDirectory)
-            raise(fsFileExists, targetPath);
-        // Open first: when both names are one file, its content outlives the name that is deleted.
-        platSource file;
-        if (source.kind == platFile && !file.Open(source.folder, source.name, source.links))
-            raiseLast(sourcePath);
-        if (present != platAbsent && !to.DeleteFile(newName))
-            raiseLast(targetPath);
-        const bool copied = source.kind == platFile
-                                ? file.CopyTo(to, newName, progress ? &*progress : nullptr)
-                                : source.folder.CopyLink(source.name, to, newName);
-        if (copied ? progress && !progress->Tell() : progress && progress->IsEnded())
+            clear(newName, present);
+        const bool isTaken = present != platAbsent && present != platDirectory;
+        if (!file.Place(newName, isTaken))
+            raiseLast(isTaken ? targetPath : sourcePath);
+        tell();
+    }
+
+    /// Whether the last error is about rights.
+    static bool isRefusal()
+    {
+        return fsCodeOf(GetLastError()) == fsNoPermission || GetLastError() == ERROR_WRITE_PROTECT;
+    }
+
+    void tell()
+    {
+        if (progress && !progress->Tell())
             raise(fsSignal, sourcePath);
-        if (!copied)
-            raiseLast(sourcePath);
     }
 
-    void copyDirectory(const Source& source, platFolder& to, const char* newName, bool isNew)
+    /// Removes what the copy replaces.
+    void clear(const char* newName, platNodeKind present)
     {
-        if (source.links == platFollowLinks && leadsBack(source, to))
-            raise(fsInvalidPath, sourcePath);
-        if (isNew && !to.Create(newName))
+        if (!fsRemoveAt(targets.Last(), newName, present))
             raiseLast(targetPath);
-        platFolder from, target;
-        if (!from.Open(source.folder, source.name, source.links))
-            raiseLast(sourcePath);
-        if (!target.Open(to, newName, platKeepLinks))
-            raiseLast(targetPath);
-        entered.push_back(from.Id());
-        StatusKeeper status(from, target, isNew);
-        copyEntries(from, target, isNew);
-        if (!status.Keep())
-            raiseLast(targetPath);
-        if (!from.Close())
-            raiseLast(sourcePath);
-        entered.pop_back();
     }
 
-    void copyEntries(platFolder& from, platFolder& to, bool toIsNew)
+    /// Begins the copy of a directory.
+    void enter(const Source& source, const char* newName, platNodeKind present, bool replaces)
     {
-        platEntry entry;
-        while (from.Read(entry)) {
-            const std::string shown = platNativeName(entry.hostName);
-            const PathStep inSource(sourcePath, shown.c_str()), inTarget(targetPath, shown.c_str());
-            Source child{from, entry.hostName, entry.kind};
-            if (resolve(child))
-                copyNode(child, to, entry.hostName,
-                         toIsNew ? platAbsent : to.Kind(entry.hostName, platKeepLinks));
+        if (present != platAbsent && present != platDirectory && !replaces)
+            raise(fsFileExists, sourcePath);
+        if (source.links == platFollowLinks && leadsBack(source))
+            raise(fsInvalidPath, sourcePath, ERROR_CANNOT_COPY);
+        if (!sources.Enter(source.name, source.links))
+            raiseLast(sourcePath);
+        try {
+            if (replaces && present != platAbsent)
+                clear(newName, std::exchange(present, platAbsent));
+            if (present == platAbsent && !targets.Last().Create(newName))
+                raiseLast(targetPath);
+            if (!targets.Enter(newName, platKeepLinks)) {
+                const unsigned error = GetLastError();
+                if (present == platAbsent)
+                    targets.Last().RemoveFolder(newName);
+                SetLastError(error);
+                raiseLast(targetPath);
+            }
+        } catch (...) {
+            const unsigned error = GetLastError();
+            sources.Leave();
+            SetLastError(error);
+            throw;
         }
-        if (GetLastError() != ERROR_NO_MORE_FILES)
+        levels.push_back({sourcePath.size(), targetPath.size(), present == platAbsent,
+                          ways.links == fsExpand ? sources.Last().Id() : platNodeId{}});
+    }
+
+    /// Gives a new directory the rights and the time of its source now that it is filled, and goes back.
+    void leave()
+    {
+        attempt([this] {
+            if (levels.back().isNew && !sources.Last().CopyStatus(targets.Last()))
+                raiseLast(targetPath);
+        });
+        levels.pop_back();
+        if (!sources.Leave())
             raiseLast(sourcePath);
+        if (!targets.Leave())
+            raiseLast(targetPath);
+        cutPaths();
+    }
+
+    /// The same for those that a failure has left half filled.
+    void keepStatuses()
+    {
+        bool known = true;
+        for (; known && !levels.empty(); levels.pop_back()) {
+            if (levels.back().isNew)
+                sources.Last().CopyStatus(targets.Last());
+            known = sources.Leave() && targets.Leave();
+        }
+    }
+
+    /// Makes the paths those of the directory at hand.
+    void cutPaths()
+    {
+        if (levels.empty())
+            return;
+        sourcePath.resize(levels.back().sourceLength);
+        targetPath.resize(levels.back().targetLength);
     }
 
     /// Whether a link leads to a directory that is being copied, or to one that the copy lies in: its
     /// contents would be copied without end.
-    bool leadsBack(const Source& link, const platFolder& to) const
+    bool leadsBack(const Source& link)
     {
         platNodeId id;
-        link.folder.Kind(link.name, platFollowLinks, &id);
-        return std::find(entered.begin(), entered.end(), id) != entered.end() || to.IsWithin(id);
+        sources.Last().Kind(link.name, platFollowLinks, &id);
+        return std::any_of(levels.begin(), levels.end(),
+                           [&id](const Level& level) { return level.id == id; }) ||
+               targets.Last().IsWithin(id);
     }
 
-    fsNativePath sourcePath, targetPath;
-    fsSoftLinkCopyMode linkMode;
+    fsPlace& origin;
+    fsPlace& target;
+    platDescent sources, targets; // the folders at hand
+    std::string sourcePath, targetPath;
+    const Ways& ways;
     std::optional<Progress> progress; // when somebody wants to know
-    std::vector<platNodeId> entered;  // the source directories that are being copied
+    unsigned long long mount = 0;     // the only one that is copied; 0: all are
+    std::vector<Level> levels;
 };
 
-/// What is at the path itself: a link is a link.
-platNodeKind kindOf(const fsNativePath& path, platNodeId* id = nullptr)
-{
-    platFolder parent;
-    std::string name;
-    return parent.OpenParent(path.text(), name) ? parent.Kind(name.c_str(), platKeepLinks, id) : platAbsent;
-}
-
-/// Whether the directory that holds `path` is the directory `id` or below it.
-bool isHeldBy(const fsNativePath& path, platLinks links, const platNodeId& id)
-{
-    platFolder parent;
-    std::string name;
-    return parent.OpenParent(path.text(), name, links) && parent.IsWithin(id);
-}
-
 /// Whether the copy would be onto the source, into it, or onto a directory that holds it.
-bool meetItself(const fsNativePath& from, const fsNativePath& to, fsSoftLinkCopyMode linkMode)
+bool meetItself(const fsPlace& from, const fsPlace& to, const fsNativePath& fromPath,
+                const fsNativePath& toPath, fsSoftLinkCopyMode linkMode)
 {
-    const platLinks links = linkMode == fsExpand ? platFollowLinks : platKeepLinks;
-    platFolder parent, nearest;
-    std::string name;
-    platNodeId source, target;
-    if (!parent.OpenParent(from.text(), name))
-        return false;
-    const platNodeKind kind = parent.Kind(name.c_str(), links, &source);
+    platNodeId source = from.id;
+    platNodeKind kind = from.kind;
+    const bool follows = kind == platLink && linkMode == fsExpand;
+    if (follows)
+        kind = from.folder.Kind(from.name.c_str(), platFollowLinks, &source);
     if (kind == platAbsent)
         return false;
-    if (kind == platDirectory && nearest.OpenNearest(to.text()) && nearest.IsWithin(source))
-        return true;
-    const platNodeKind present = kindOf(to, &target);
-    if (present == platAbsent)
+    if (kind == platDirectory) {
+        platFolder nearest;
+        if (to.isHeld ? to.folder.IsWithin(source)
+                      : nearest.OpenNearest(toPath.text()) && nearest.IsWithin(source))
+            return true;
+    }
+    if (to.kind == platAbsent)
         return false;
-    return source == target || (present == platDirectory &&
-                                (isHeldBy(from, platKeepLinks, target) || isHeldBy(from, links, target)));
+    if (source == to.id)
+        return true;
+    if (to.kind != platDirectory)
+        return false;
+    platFolder real; // that holds what the link leads to
+    std::string name;
+    return from.folder.IsWithin(to.id) ||
+           (follows && real.OpenParent(fromPath.text(), name, platFollowLinks) && real.IsWithin(to.id));
 }
 
-/// `progress` may be null.
-void copy(const char* from, const char* to, fsRecursiveCopyMode copyMode, fsSoftLinkCopyMode linkMode,
-          fsOpMode mode, fsProgressHandler* progress)
+void copy(const char* from, const char* to, fsOpMode mode, const Ways& ways)
 {
     fsNativePath nativeFrom, nativeTo;
-    const char* const source = fsCheckTwoPaths(nativeFrom, from, nativeTo, to, function);
-    if (!nativeFrom.Assign(source))
-        fsRaise(fsInvalidPath, function, source);
+    fsConvert(nativeFrom, fsCheckTwoPaths(nativeFrom, from, nativeTo, to, function), function);
 
-    const bool exists = kindOf(nativeTo) != platAbsent;
-    if (copyMode == fsForceNew && exists)
-        raise(fsFileExists, nativeTo);
-    if (meetItself(nativeFrom, nativeTo, linkMode))
-        raise(fsInvalidPath, nativeFrom);
-    if (mode != fsSimple)
-        fsEnsureParent(nativeTo, function);
-    if (copyMode == fsReplace && exists) {
-        if (kindOf(nativeFrom) == platAbsent)
-            raise(fsInvalidPath, nativeFrom);
-        fsRemoveNode(nativeTo.text(), true, function);
+    fsPlace target, origin;
+    target.Find(nativeTo.text());
+    if (ways.existing == fsForceNew && target.kind != platAbsent)
+        raise(fsFileExists, nativeTo.text());
+    origin.Find(nativeFrom.text());
+    if (meetItself(origin, target, nativeFrom, nativeTo, ways.links))
+        raise(fsInvalidPath, nativeFrom.text(), ERROR_CANNOT_COPY);
+    if (mode != fsSimple && !target.isHeld) {
+        fsEnsureParent(nativeTo.text(), function);
+        target.Find(nativeTo.text());
     }
-    Copy(nativeFrom, nativeTo, linkMode, progress).Run();
+    Copy(origin, nativeFrom.text(), target, nativeTo.text(), ways).Run();
 }
 
 } // namespace
@@ -361,11 +466,22 @@ void copy(const char* from, const char* to, fsRecursiveCopyMode copyMode, fsSoft
 void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode, fsSoftLinkCopyMode linkMode,
             fsOpMode mode)
 {
-    copy(from, to, copyMode, linkMode, mode, nullptr);
+    copy(from, to, mode, {.existing = copyMode, .links = linkMode});
 }
 
 void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode, fsSoftLinkCopyMode linkMode,
             fsOpMode mode, fsProgressHandler& progress)
 {
-    copy(from, to, copyMode, linkMode, mode, &progress);
+    copy(from, to, mode, {.existing = copyMode, .links = linkMode, .progress = &progress});
+}
+
+void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode, fsSoftLinkCopyMode linkMode,
+            fsOpMode mode, fsFailureHandler& failures, fsProgressHandler* progress, fsMountMode mounts)
+{
+    copy(from, to, mode,
+         {.existing = copyMode,
+          .links = linkMode,
+          .mounts = mounts,
+          .failures = &failures,
+          .progress = progress});
 }

@@ -3,7 +3,7 @@
 #include <new>
 
 #include <qel/base/btkabort.h>
-#include <qel/platform/lasterror.h>
+#include <qel/platform/errortable.h>
 
 #include "fserror_p.h"
 #include "fspath_p.h"
@@ -44,22 +44,24 @@ struct ErrorRow
 {
     fsErrorCode code;
     const char* text;
+    unsigned platformError; // that stands for it
     void (*raise)(const char* path, const char* text, qelXFunc* func);
 };
 
 constexpr ErrorRow errors[] = {
-    {fsSuccess, "Success", nullptr},
-    {fsIOError, "IO Error", &throwNew<fsXIOError>},
-    {fsQuotaExhausted, "Quota Exhausted", &throwNew<fsXQuotaExhausted>},
-    {fsDiskFull, "Disk Full", &throwNew<fsXDiskFull>},
-    {fsInvalidName, "Invalid file name", &throwNew<fsXInvalidName>},
-    {fsInvalidPath, "Invalid path", &throwNew<fsXInvalidPath>},
-    {fsDoesNotExist, "File or directory does not exist", &throwNew<fsXDoesNotExist>},
-    {fsFileExists, "File exists", &throwNew<fsXFileExists>},
-    {fsLinksNotSupported, "Symbolic links not supported", &throwNew<fsXLinksNotSupported>},
-    {fsNoPermission, "Permission Denied", &throwNew<fsXNoPermission>},
-    {fsSignal, "Signal caught", &throwNew<fsXSignal>},
-    {fsOther, "Internal error", &throwNew<fsXOther>},
+    {fsSuccess, "Success", ERROR_SUCCESS, nullptr},
+    {fsIOError, "IO Error", ERROR_IO_DEVICE, &throwNew<fsXIOError>},
+    {fsQuotaExhausted, "Quota Exhausted", ERROR_NOT_ENOUGH_QUOTA, &throwNew<fsXQuotaExhausted>},
+    {fsDiskFull, "Disk Full", ERROR_DISK_FULL, &throwNew<fsXDiskFull>},
+    {fsInvalidName, "Invalid file name", ERROR_INVALID_NAME, &throwNew<fsXInvalidName>},
+    {fsInvalidPath, "Invalid path", ERROR_BAD_PATHNAME, &throwNew<fsXInvalidPath>},
+    {fsDoesNotExist, "File or directory does not exist", ERROR_FILE_NOT_FOUND, &throwNew<fsXDoesNotExist>},
+    {fsFileExists, "File exists", ERROR_FILE_EXISTS, &throwNew<fsXFileExists>},
+    {fsLinksNotSupported, "Symbolic links not supported", ERROR_NOT_SUPPORTED,
+     &throwNew<fsXLinksNotSupported>},
+    {fsNoPermission, "Permission Denied", ERROR_ACCESS_DENIED, &throwNew<fsXNoPermission>},
+    {fsSignal, "Signal caught", ERROR_OPERATION_ABORTED, &throwNew<fsXSignal>},
+    {fsOther, "Internal error", ERROR_INVALID_PARAMETER, &throwNew<fsXOther>},
 };
 
 struct PlatformRow
@@ -100,7 +102,7 @@ constexpr PlatformRow platformErrors[] = {
 } // namespace
 
 fsXException::fsXException(const char* path, const char* description, qelXFunc* func)
-    : qelXExternFunc(description, func), Path(path)
+    : qelXExternFunc(description, func), Path(path), platformError(GetLastError())
 {
 }
 
@@ -118,6 +120,15 @@ fsXException* fsXException::Create(const char* path, const char* description, qe
 xstring fsXException::getPath()
 {
     return Path;
+}
+
+xstring fsXException::getPlatformText() const
+{
+    char text[200];
+    return FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, platformError, 0, text, sizeof text, nullptr) >
+                   0
+               ? xstring(text)
+               : xstring();
 }
 
 void fsXException::Print(std::ostream& os)
@@ -142,17 +153,21 @@ fsErrorCode fsCodeOf(unsigned platformError)
     return fsOther;
 }
 
-void fsRaise(fsErrorCode code, const char* function, const char* path)
+void fsRaise(fsErrorCode code, const char* function, const char* path, unsigned platformError)
 {
-    for (const ErrorRow& row : errors)
-        if (row.code == code && row.raise != nullptr)
-            row.raise(path, row.text, xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get());
+    for (const ErrorRow& row : errors) {
+        if (row.code != code || row.raise == nullptr)
+            continue;
+        SetLastError(platformError != 0 ? platformError : row.platformError);
+        row.raise(path, row.text, xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get());
+    }
     if (code == fsOther)
         QEL_ABORT("The table has no row to raise.");
-    fsRaise(fsOther, function, path);
+    fsRaise(fsOther, function, path, platformError);
 }
 
 void fsRaiseLastError(const char* function, const char* path)
 {
-    fsRaise(fsCodeOf(GetLastError()), function, path);
+    const unsigned error = GetLastError();
+    fsRaise(fsCodeOf(error), function, path, error);
 }

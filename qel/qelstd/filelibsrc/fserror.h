@@ -6,6 +6,9 @@
 
 /// The base of everything that the file library throws; each failure has a class of its own below. All of
 /// them are counted; the text and the path are copies.
+///
+/// The platform's error that an exception keeps is the thread's last one when it was made; the library sets
+/// that before it throws.
 class QEL_API fsXException : public virtual qelXExternFunc
 {
     QEL_OBJECT(fsXException); // "filelib::XException"
@@ -20,11 +23,16 @@ public:
     /// The path that the failure is about, or null.
     virtual xstring getPath();
 
+    /// Why, as GetLastError() has it, and in words; null when there are none.
+    unsigned getPlatformError() const { return platformError; }
+    xstring getPlatformText() const;
+
     /// Writes the description, the function and, when there is one, the path, a line each.
     virtual void Print(std::ostream& os);
 
 private:
     xstring Path;
+    unsigned platformError;
 };
 
 #define QEL_FS_EXCEPTION(C)                                                            \

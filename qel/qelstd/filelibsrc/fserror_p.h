@@ -24,8 +24,10 @@ const char* fsDescription(int code);
 /// The number for a platform error, as GetLastError gives it.
 fsErrorCode fsCodeOf(unsigned platformError);
 
-/// Throws the exception for `code`, which is 1 to 11. A null `path`: about no path.
-[[noreturn]] QEL_API void fsRaise(fsErrorCode code, const char* function, const char* path);
+/// Throws the exception for `code`, which is 1 to 11, with `platformError` as the thread's last error; 0:
+/// with the one that stands for the code. A null `path`: about no path.
+[[noreturn]] QEL_API void fsRaise(fsErrorCode code, const char* function, const char* path,
+                                  unsigned platformError = 0);
 
 /// Throws the exception for the thread's last platform error.
 [[noreturn]] QEL_API void fsRaiseLastError(const char* function, const char* path);

@@ -1,10 +1,15 @@
 #include <cstring>
 #include <string>
 
+#include <qel/platform/errortable.h>
+#include <qel/platform/folder.h>
+#include <qel/platform/pathmapping.h>
+
 #include "filelib.h"
 #include "fsdir.h"
 #include "fserror_p.h"
 #include "fspath_p.h"
+#include "fstree_p.h"
 
 namespace {
 
@@ -16,95 +21,163 @@ bool hasWildcard(const std::string& entry)
     return entry.find_first_of("*?") != std::string::npos;
 }
 
-/// Collects the existing paths that are like a pattern.
+bool isDots(const std::string& entry)
+{
+    return entry.empty() || entry == "." || entry == "..";
+}
+
+/// Where a path leads, seen from an open folder. Without one it is found by the path itself.
+struct Spot
+{
+    const platFolder* folder = nullptr;
+    std::string hostPath;              // in the folder
+    platNodeKind kind = platDirectory; // a link or a directory, as far as it is known
+};
+
+/// Collects the existing paths that are like a pattern. What a wildcard has found is worked on from its
+/// folder, so that it may lie as deep as it likes.
 class Expansion
 {
 public:
-    explicit Expansion(xstringsequence& found) : results(found) {}
+    Expansion(xstringsequence& found, fsFailureHandler* told) : results(found), failures(told) {}
 
     /// Expands `rest` below `base`, which is joined to it with a separator when `separated`.
-    void Expand(fsNativePath& base, const char* rest, bool separated)
+    void Expand(std::string& base, const Spot& spot, const char* rest, bool separated)
     {
         if (*rest == '\0') {
-            results.append(base.text());
+            results.append(base.c_str());
             return;
         }
         const std::size_t length = std::strcspn(rest, "\\");
         const std::string entry(rest, length);
         rest += rest[length] == fsSeparator ? length + 1 : length;
-        const std::size_t baseLength = base.length();
         if (hasWildcard(entry)) {
-            expandMatching(base, entry, rest, separated);
-        } else {
-            fsJoin(base, entry.c_str(), expandFunction, separated);
-            if (fshExists(base.text()))
-                Expand(base, rest, true);
-            base.Cut(baseLength);
+            expandMatching(base, spot, entry, rest, separated);
+            return;
         }
+        const std::size_t baseLength = base.size();
+        base.append(separated ? 1 : 0, fsSeparator).append(entry);
+        Spot below;
+        if (spot.folder != nullptr && !isDots(entry))
+            below = {spot.folder, spot.hostPath + '/' + platHostName(entry)};
+        if (below.folder != nullptr
+                ? below.folder->Kind(below.hostPath.c_str(), platFollowLinks) != platAbsent
+                : fshExists(base.c_str()) == 1)
+            Expand(base, below, rest, true);
+        base.resize(baseLength);
     }
 
 private:
-    void expandMatching(fsNativePath& base, const std::string& entry, const char* rest, bool separated)
+    void expandMatching(std::string& base, const Spot& spot, const std::string& entry, const char* rest,
+                        bool separated)
     {
-        fsNativePath directory = base;
-        if (fsIsEmptyPath(base.text()))
-            fsJoin(directory, ".", expandFunction, false);
-        fsiDir listing;
-        if (!listing.Open(directory.text())) {
-            const unsigned error = GetLastError();
-            if (!fshIsDirectory(directory.text()))
-                return;
-            SetLastError(error);
-            fsRaiseLastError(expandFunction, directory.text());
+        if (spot.kind != platDirectory && spot.kind != platLink)
+            return;
+        const std::string directory = fsIsEmptyPath(base.c_str()) ? base + '.' : base;
+        platFolder listing;
+        bool isOpen = false;
+        fsFailureAction action;
+        do
+            action = fsAsk(failures, directory, [&] { isOpen = open(listing, directory, spot); });
+        while (action == fsRetry);
+        if (!isOpen)
+            return;
+        const std::size_t baseLength = base.size();
+        platEntry found;
+        for (;;) {
+            if (!listing.Read(found)) {
+                if (GetLastError() == ERROR_NO_MORE_FILES ||
+                    fsAsk(failures, directory, [&] { fsRaiseLastError(expandFunction, entry.c_str()); }) !=
+                        fsRetry)
+                    return;
+                continue;
+            }
+            const std::string shown = platNativeName(found.hostName);
+            if (!fsMatchesPattern(shown.c_str(), entry.c_str()))
+                continue;
+            base.append(separated ? 1 : 0, fsSeparator).append(shown);
+            Expand(base, {&listing, found.hostName, found.kind}, rest, true);
+            base.resize(baseLength);
         }
-        const std::size_t baseLength = base.length();
-        xstring name;
-        fsIOStatus status;
-        while ((status = listing.ReadNextMatching(entry.c_str(), name)) == fsIOOk) {
-            fsJoin(base, name.CastToCString(), expandFunction, separated);
-            Expand(base, rest, true);
-            base.Cut(baseLength);
-        }
-        if (status == fsIOFailed)
-            fsRaiseLastError(expandFunction, entry.c_str());
-        if (!listing.Close())
-            fsRaiseLastError(expandFunction, directory.text());
+    }
+
+    /// False for what is no directory.
+    static bool open(platFolder& listing, const std::string& directory, const Spot& spot)
+    {
+        if (spot.folder != nullptr ? listing.Open(*spot.folder, spot.hostPath.c_str(), platFollowLinks)
+                                   : listing.Open(directory.c_str()))
+            return true;
+        const unsigned error = GetLastError();
+        const bool isDirectory = spot.folder != nullptr ? spot.folder->Kind(spot.hostPath.c_str(),
+                                                                            platFollowLinks) == platDirectory
+                                                        : fshIsDirectory(directory.c_str()) == 1;
+        if (!isDirectory)
+            return false;
+        SetLastError(error);
+        fsRaiseLastError(expandFunction, directory.c_str());
     }
 
     xstringsequence& results;
+    fsFailureHandler* failures; // null: the first failure ends it
 };
 
-} // namespace
-
-xrchandle<xstringsequence> fsListDirectory(const char* directory, const char* pattern)
+xrchandle<xstringsequence> list(const char* directory, const char* pattern, fsFailureHandler* failures)
 {
     fsNativePath native;
     directory = fsCheckPathSlashes(native, directory, listFunction);
     if (!qelIsObject(pattern))
         pattern = "*";
     fsiDir listing;
-    if (!listing.Open(directory))
-        fsRaiseLastError(listFunction, directory);
+    bool isOpen = false;
     xrchandle<xstringsequence> names(xstringsequence::create());
-    xstring name;
-    fsIOStatus status;
-    while ((status = listing.ReadNextMatching(pattern, name)) == fsIOOk)
-        names->append(name);
-    if (status == fsIOFailed || !listing.Close())
-        fsRaiseLastError(listFunction, directory);
+    const auto collect = [&] {
+        if (!isOpen && !listing.Open(directory))
+            fsRaiseLastError(listFunction, directory);
+        isOpen = true;
+        xstring name;
+        fsIOStatus status;
+        while ((status = listing.ReadNextMatching(pattern, name)) == fsIOOk)
+            names->append(name);
+        if (status == fsIOFailed || !listing.Close())
+            fsRaiseLastError(listFunction, directory);
+    };
+    while (fsAsk(failures, directory, collect) == fsRetry) {
+    }
     return names;
 }
 
-xrchandle<xstringsequence> fsExpandPattern(const char* pattern)
+xrchandle<xstringsequence> expand(const char* pattern, fsFailureHandler* failures)
 {
-    fsNativePath native, base;
+    fsNativePath native;
     fsCheckPath(native, pattern, expandFunction);
     const char* const text = native.text();
     const std::size_t root = fsRootLength(text);
     const std::size_t baseLength = root > 0 ? root : fsHasDrive(text) ? 2 : 0;
-    base = native;
-    base.Cut(baseLength);
+    std::string base(text, baseLength);
     xrchandle<xstringsequence> paths(xstringsequence::create());
-    Expansion(*paths).Expand(base, text + baseLength, false);
+    Expansion(*paths, failures).Expand(base, {}, text + baseLength, false);
     return paths;
+}
+
+} // namespace
+
+xrchandle<xstringsequence> fsListDirectory(const char* directory, const char* pattern)
+{
+    return list(directory, pattern, nullptr);
+}
+
+xrchandle<xstringsequence> fsListDirectory(const char* directory, const char* pattern,
+                                           fsFailureHandler& failures)
+{
+    return list(directory, pattern, &failures);
+}
+
+xrchandle<xstringsequence> fsExpandPattern(const char* pattern)
+{
+    return expand(pattern, nullptr);
+}
+
+xrchandle<xstringsequence> fsExpandPattern(const char* pattern, fsFailureHandler& failures)
+{
+    return expand(pattern, &failures);
 }

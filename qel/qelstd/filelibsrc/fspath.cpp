@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include <qel/platform/lasterror.h>
+#include <qel/platform/errortable.h>
 #include <qel/platform/pathmapping.h>
 #include <qel/xobject.h>
 
@@ -152,7 +152,7 @@ void fsCheckRemote(const char* path, const char* function)
 void fsConvert(fsNativePath& native, const char* path, const char* function)
 {
     if (!native.Assign(path))
-        fsRaise(fsInvalidPath, function, path);
+        fsRaise(fsInvalidPath, function, path, ERROR_FILENAME_EXCED_RANGE);
 }
 
 void fsCheckPath(fsNativePath& native, const char* path, const char* function)
@@ -193,7 +193,7 @@ const char* fsCheckTwoPaths(fsNativePath& nativeFrom, const char* from, fsNative
 void fsJoin(fsNativePath& path, const char* name, const char* function, bool separated)
 {
     if (!path.Append(name, separated))
-        fsRaise(fsInvalidPath, function, nullptr);
+        fsRaise(fsInvalidPath, function, nullptr, ERROR_FILENAME_EXCED_RANGE);
 }
 
 // ---- the operations

@@ -15,7 +15,7 @@ bool ask(fsNodeInfo& info, const char* path, const char* function)
     if (info.Initialize(path))
         return true;
     if (fsCodeOf(GetLastError()) == fsIOError)
-        fsRaise(fsIOError, function, path);
+        fsRaiseLastError(function, path);
     return false;
 }
 

@@ -1,17 +1,57 @@
 #pragma once
 
+#include <string>
+
+#include <qel/platform/folder.h>
+
 #include "filelib.h"
 
 class fsNativePath;
-class platWatcher;
 
-/// Removes the node at a native path: a directory with everything in it when `recursive`. Raises in the name
-/// of `function`. `watcher` may be null.
-void fsRemoveNode(const char* path, bool recursive, const char* function, platWatcher* watcher = nullptr);
+/// A node by its path: its name in the folder that holds it, which is opened once.
+struct fsPlace
+{
+    platFolder folder;
+    std::string name;
+    platNodeKind kind = platAbsent; // a link is a link
+    platNodeId id;
+    unsigned error = 0;  // the platform's, when it is absent
+    bool isHeld = false; // the folder is open
+
+    /// False, with the last error set, when there is no node at the native path.
+    bool Find(const char* path);
+};
+
+/// Removes the node `name` of `parent`, a directory with everything in it. False with the last error set;
+/// ERROR_DIR_NOT_EMPTY when nodes were passed over. `watcher` may be null.
+bool fsRemoveAt(platFolder& parent, const char* name, platNodeKind kind, platTreeWatcher* watcher = nullptr,
+                platMounts mounts = platCrossMounts);
 
 /// Creates the missing directories on the way to the native path and the last one. False when that fails,
 /// with the last error set.
 bool fsCreateLevels(const fsNativePath& path);
 
 /// The same for the directory that is to hold the native path. Raises in the name of `function`.
-void fsEnsureParent(const fsNativePath& path, const char* function);
+void fsEnsureParent(const char* path, const char* function);
+
+// ---- failures
+
+/// Does `work`. What it throws is shown to `handler`, unless somebody has ended the work, and thrown on when
+/// there is no handler or it wants to stop. fsStop: nothing was thrown.
+template<class Work>
+fsFailureAction fsAsk(fsFailureHandler* handler, const std::string& path, Work work)
+{
+    try {
+        work();
+        return fsStop;
+    } catch (xthrowable* thrown) {
+        fsXException* const failure = fsXException::softcast(thrown);
+        if (handler == nullptr || failure == nullptr || fsXSignal::softcast(thrown) != nullptr)
+            throw;
+        const fsFailureAction action = handler->OnFailure(path.c_str(), failure);
+        if (action != fsSkip && action != fsRetry)
+            throw;
+        xrcrelease(thrown);
+        return action;
+    }
+}
