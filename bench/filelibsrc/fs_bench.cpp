@@ -42,6 +42,11 @@ public:
         });
     }
 
+    std::string smallFile()
+    {
+        return made("small", [](const std::string& name) { std::ofstream(name) << std::string(8192, 'x'); });
+    }
+
     std::string largeFile()
     {
         return made("large", [](const std::string& name) {
@@ -135,6 +140,31 @@ void copyLarge(benchmark::State& state,
         state.ResumeTiming();
     }
 }
+
+/// One file of 8 KiB to a new name.
+void copyOne(benchmark::State& state)
+{
+    const std::string from = data.smallFile(), to = data.path("one");
+    for (auto _ : state) {
+        fsCopy(from.c_str(), to.c_str(), fsMerge, fsNewLink, fsSimple);
+        state.PauseTiming();
+        unlink(to.c_str());
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(copyOne)->Name("files/copy_one/qelstd")->UseRealTime();
+
+void copyOneStd(benchmark::State& state)
+{
+    const std::string from = data.smallFile(), to = data.path("one");
+    for (auto _ : state) {
+        fs::copy_file(from, to);
+        state.PauseTiming();
+        unlink(to.c_str());
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(copyOneStd)->Name("files/copy_one/std")->UseRealTime();
 
 template<typename Remove>
 void removeTree(benchmark::State& state, Remove remove)

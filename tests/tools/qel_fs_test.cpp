@@ -59,7 +59,8 @@ TEST_F(QelFs, ListsADirectory)
 
     const Outcome none = fs("ls none/x");
     EXPECT_EQ(none.status, 1);
-    EXPECT_EQ(none.output, "qel fs ls: none/x: File or directory does not exist\n");
+    EXPECT_EQ(none.output,
+              "qel fs ls: none/x: File or directory does not exist: a directory on the way is not found\n");
     EXPECT_EQ(fs("ls host::/x").status, 1);
 }
 
@@ -146,8 +147,7 @@ TEST_F(QelFs, RefusesCopiesThatMakeNoSense)
     dir.write("sub/c", "3");
     EXPECT_EQ(fs("cp none x").output, "qel fs cp: none: not found\n");
     EXPECT_EQ(fs("cp a b none").output, "qel fs cp: none: is no directory\n");
-    EXPECT_EQ(fs("cp a a").output,
-              "qel fs cp: a: it would be copied onto or into itself, or leads nowhere\n");
+    EXPECT_EQ(fs("cp a a").output, "qel fs cp: a: Invalid path: cannot be copied onto or into itself\n");
     EXPECT_EQ(fs("cp -r sub sub/below").status, 1);
     EXPECT_EQ(fs("cp -r sub/.. sub").status, 2);
     ASSERT_EQ(mkfifo(dir.path("pipe").c_str(), 0600), 0);
@@ -163,9 +163,50 @@ TEST_F(QelFs, SaysThatTheDiskIsFull)
     const Outcome outcome =
         Line("cd " + dir.path() + "; trap '' XFSZ; ulimit -f 1; " QEL_PROGRAM " fs cp large copy");
     EXPECT_EQ(outcome.status, 3);
-    EXPECT_EQ(outcome.output.substr(0, outcome.output.find('\n')), "qel fs cp: large: file too large");
+    EXPECT_EQ(outcome.output.substr(0, outcome.output.find('\n')), "qel fs cp: copy: file too large");
     EXPECT_FALSE(dir.has("copy")) << "no part of it is left";
     EXPECT_EQ(fs("ls >/dev/full").status, 3);
+}
+
+TEST_F(QelFs, NamesTheArgumentThatIsAtFault)
+{
+    dir.write("from/deep/a", std::string(5000, 'x'));
+    dir.write("to/from/deep/a", "old");
+    dir.makeDir("full");
+    EXPECT_EQ(fs("cp from/deep/a missing/way/a").output, "qel fs cp: missing/way: no such directory; --parents creates it\n");
+    const std::string longName(300, 'l');
+    EXPECT_EQ(fs("cp from/deep/a " + longName).output,
+              "qel fs cp: " + longName + ": Invalid path: name or path too long\n");
+    EXPECT_EQ(fs("rm " + longName).output,
+              "qel fs rm: " + longName + ": Invalid path: name or path too long\n");
+
+    const Outcome full = Line("cd " + dir.path() +
+                              "; unshare -m sh -c 'mount -t tmpfs -o size=4k none full || exit 77;"
+                              " mkdir full/from; " QEL_PROGRAM " fs cp -r from full' 2>&1");
+    if (full.status == 77)
+        GTEST_SKIP() << "needs the right to mount";
+    EXPECT_EQ(full.output, "qel fs cp: full/from/deep/a: Disk Full\n");
+    EXPECT_EQ(full.status, 3);
+}
+
+TEST_F(QelFs, KeepsGoingAndListsWhatIsLeftOut)
+{
+    dir.write("from/a", "1");
+    dir.write("from/z", "2");
+    ASSERT_EQ(mkfifo(dir.path("from/pipe").c_str(), 0600), 0);
+    const Outcome copied = fs("cp -r --keep-going none from to");
+    EXPECT_EQ(copied.status, 1) << "several sources need a directory";
+    dir.makeDir("to");
+    const Outcome listed = fs("cp -r --keep-going none from to");
+    EXPECT_EQ(listed.status, 3);
+    EXPECT_EQ(listed.output, "qel fs cp: none: Invalid path: not found\n"
+                             "qel fs cp: from/pipe: Permission Denied\nqel fs cp: 2 left out\n");
+    EXPECT_EQ(dir.read("to/from/a") + dir.read("to/from/z"), "12");
+
+    EXPECT_EQ(fs("rm -r --keep-going none to").output,
+              "qel fs rm: none: File or directory does not exist\nqel fs rm: 1 left out\n");
+    EXPECT_FALSE(dir.has("to"));
+    EXPECT_EQ(fs("rm -rf --keep-going none").status, 0);
 }
 
 TEST_F(QelFs, RemovesWhatItIsTold)

@@ -40,18 +40,34 @@ void FailForLastError(const std::string& what)
 
 CommandFailed FileFailureOf(xthrowable* caught)
 {
-    const std::string lastError = LastErrorText();
-    const bool isAnswer =
-        fsXDoesNotExist::softcast(caught) != nullptr || fsXNoPermission::softcast(caught) != nullptr ||
-        fsXFileExists::softcast(caught) != nullptr || fsXInvalidPath::softcast(caught) != nullptr ||
-        fsXInvalidName::softcast(caught) != nullptr;
+    // What the text of an exception's class says already.
+    constexpr unsigned badPath = 161;
+    constexpr unsigned said[] = {2, 5, 50, 80, 112, 123, badPath, 183, 1117, 1816};
+
+    const bool isInvalidPath = fsXInvalidPath::softcast(caught) != nullptr;
+    const bool isAnswer = fsXDoesNotExist::softcast(caught) != nullptr ||
+                          fsXNoPermission::softcast(caught) != nullptr ||
+                          fsXFileExists::softcast(caught) != nullptr || isInvalidPath ||
+                          fsXInvalidName::softcast(caught) != nullptr;
     const bool isAnyOther = fsXOther::softcast(caught) != nullptr;
     const bool isInterrupted = fsXSignal::softcast(caught) != nullptr;
+    std::string reason;
+    if (const fsXException* const known = fsXException::softcast(caught)) {
+        const unsigned error = known->getPlatformError();
+        const xstring text = known->getPlatformText();
+        if (text == nullptr)
+            reason = "error " + std::to_string(error);
+        else if (isAnyOther || (isInvalidPath && error != badPath) ||
+                 std::find(std::begin(said), std::end(said), error) == std::end(said))
+            reason = text.CastToCString();
+    }
     CommandFailed failed = FailureOf(caught, isAnswer ? Exit::no : Exit::peer);
-    if (isAnyOther) // its own text says nothing
-        failed.why = lastError;
     if (isInterrupted)
         failed.why = "interrupted";
+    else if (isAnyOther) // its own text says nothing
+        failed.why = reason;
+    else if (!reason.empty())
+        failed.why += ": " + reason;
     failed.what = ShownAs(failed.what);
     return failed;
 }

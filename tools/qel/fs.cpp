@@ -21,7 +21,6 @@
 namespace {
 
 constexpr int manyPaths = 1 << 20;
-constexpr std::size_t longestPath = 259;
 
 bool IsSeparator(char c)
 {
@@ -84,6 +83,53 @@ private:
     double calls = 0;
     std::unique_ptr<pcInterruptEvent, void (*)(pcInterruptEvent*)> interrupt{
         pcInterruptEvent::Create(), [](pcInterruptEvent* event) { xdelete(event); }};
+};
+
+/// Keeps what could not be done, and goes on when it is to.
+class LeftOut : public fsFailureHandler
+{
+public:
+    /// `name` is that of the command. `ignores`: what is not there is no failure.
+    LeftOut(const char* name, bool keepGoing, bool ignores = false)
+        : command(name), goesOn(keepGoing), ignoresAbsent(ignores)
+    {
+    }
+
+    fsFailureAction OnFailure(const char* path, fsXException* failure) override
+    {
+        if (ignoresAbsent && fsXDoesNotExist::softcast(failure) != nullptr)
+            return fsSkip;
+        if (!goesOn)
+            return fsStop;
+        xrcattach(failure); // for the one that the next call releases
+        all.push_back(FileFailureOf(failure));
+        all.back().what = ShownAs(path);
+        return fsSkip;
+    }
+
+    /// Ends the command when something was left out.
+    void Tell() const
+    {
+        for (const CommandFailed& failed : all)
+            std::cerr << "qel fs " << command << ": " << Printable(failed.what) << ": "
+                      << Printable(failed.why) << '\n';
+        if (!all.empty())
+            Fail(Exit::peer, {}, std::to_string(all.size()) + " left out");
+    }
+
+private:
+    const char* command;
+    bool goesOn, ignoresAbsent;
+    std::vector<CommandFailed> all;
+};
+
+struct TreeChoices
+{
+    bool recursive = false;
+    bool keepGoing = false;
+    bool oneFileSystem = false;
+
+    fsMountMode Mounts() const { return oneFileSystem ? fsOneFileSystem : fsCrossMounts; }
 };
 
 // ---- ls
@@ -167,7 +213,7 @@ void List(const ListChoices& choices)
 struct CopyChoices
 {
     std::vector<std::string> paths; // the last one is where to
-    bool recursive = false;
+    TreeChoices tree;
     bool parents = false;
     fsRecursiveCopyMode existing = fsMerge;
     fsSoftLinkCopyMode links = fsNewLink;
@@ -197,22 +243,27 @@ bool IsReadable(const std::string& path)
 /// The failure of a copy, for which the library names the source, with the path that is at fault.
 CommandFailed CopyFailureOf(xthrowable* refused, const std::string& from, const std::string& to)
 {
+    // Disk full, quota exhausted, file too large.
+    constexpr unsigned ofDestination[] = {112, 1816, 223};
+
+    const fsXException* const known = fsXException::softcast(refused);
+    const unsigned error = known == nullptr ? 0 : known->getPlatformError();
+    const bool isFull =
+        std::find(std::begin(ofDestination), std::end(ofDestination), error) != std::end(ofDestination);
     const bool isPath = fsXInvalidPath::softcast(refused) != nullptr;
     const bool isAbsent = fsXDoesNotExist::softcast(refused) != nullptr;
     const bool isDenied = fsXNoPermission::softcast(refused) != nullptr;
-    const bool isFull =
-        fsXDiskFull::softcast(refused) != nullptr || fsXQuotaExhausted::softcast(refused) != nullptr;
     CommandFailed failed = FileFailureOf(refused);
-    const bool isSource = failed.what == ShownAs(from);
-    if (isPath) {
-        failed.why = fshExists(from.c_str()) == 0 ? "not found"
-                     : failed.what.size() > longestPath || to.size() > longestPath
-                         ? "the path is too long"
-                         : "it would be copied onto or into itself, or leads nowhere";
+    const std::string source = ShownAs(from);
+    const bool isSource = failed.what == source;
+    if (isPath && isSource && fshExists(from.c_str()) == 0) {
+        failed.why = "not found";
     } else if (isAbsent && isSource && fshExists(from.c_str()) == 1) {
         failed.what = ShownAs(fsGetHeadPath(to.c_str()).CastToCString());
         failed.why = "no such directory; --parents creates it";
-    } else if (isFull || (isDenied && isSource && IsReadable(from))) {
+    } else if (isFull && failed.what.starts_with(source)) {
+        failed.what.replace(0, source.size(), ShownAs(to));
+    } else if (isDenied && isSource && IsReadable(from)) {
         failed.what = ShownAs(to);
     }
     return failed;
@@ -225,18 +276,20 @@ void Copy(const CopyChoices& choices)
         sources.push_back(PathOf(typed));
     const std::string destination = sources.back();
     sources.pop_back();
+    LeftOut leftOut("cp", choices.tree.keepGoing);
     for (const std::string& from : sources) {
-        if (!choices.recursive && fshIsDirectory(from.c_str()) == 1)
+        if (!choices.tree.recursive && fshIsDirectory(from.c_str()) == 1)
             Fail(Exit::no, ShownAs(from), "is a directory; --recursive copies it");
         const std::string to = TargetOf(from, destination, sources.size() == 1);
         Watch watch;
         try {
             fsCopy(from.c_str(), to.c_str(), choices.existing, choices.links,
-                   choices.parents ? fsRecursive : fsSimple, watch);
+                   choices.parents ? fsRecursive : fsSimple, leftOut, &watch, choices.tree.Mounts());
         } catch (xthrowable* refused) {
             throw CopyFailureOf(refused, from, to);
         }
     }
+    leftOut.Tell();
 }
 
 // ---- rm
@@ -244,7 +297,7 @@ void Copy(const CopyChoices& choices)
 struct RemoveChoices
 {
     std::vector<std::string> paths;
-    bool recursive = false;
+    TreeChoices tree;
     bool force = false;
 };
 
@@ -256,19 +309,20 @@ void Remove(const RemoveChoices& choices)
         if (!HasOwnName(paths.back()))
             Fail(Exit::usage, typed, "roots, \".\" and \"..\" are not removed");
     }
+    LeftOut leftOut("rm", choices.tree.keepGoing, choices.force);
     for (const std::string& path : paths)
         try {
             Watch watch;
-            fsRemove(path.c_str(), choices.recursive ? fsRecursive : fsSimple, watch);
+            fsRemove(path.c_str(), choices.tree.recursive ? fsRecursive : fsSimple, leftOut, &watch,
+                     choices.tree.Mounts());
         } catch (xthrowable* caught) {
-            const bool isAbsent = fsXDoesNotExist::softcast(caught) != nullptr;
             const bool isFull = fsXFileExists::softcast(caught) != nullptr;
             CommandFailed failed = FileFailureOf(caught);
-            if (isFull)
+            if (isFull && !choices.tree.recursive)
                 failed.why = "directory not empty; --recursive removes it";
-            if (!isAbsent || !choices.force)
-                throw failed;
+            throw failed;
         }
+    leftOut.Tell();
 }
 
 // ---- sum
@@ -398,6 +452,14 @@ void Sum(const SumChoices& choices)
 
 // ---- the group
 
+void OfferTree(CLI::App& command, TreeChoices& tree, const char* recursive)
+{
+    command.add_flag("-r,--recursive", tree.recursive, recursive);
+    command.add_flag("--keep-going", tree.keepGoing,
+                     "Leave out what fails, list it at the end, and exit with 3 then");
+    command.add_flag("--one-file-system", tree.oneFileSystem, "Pass over what is mounted in directories");
+}
+
 std::vector<std::string> Files(const Typed&)
 {
     return {":files"};
@@ -423,7 +485,7 @@ void AddList(CLI::App& group)
 void AddCopy(CLI::App& group)
 {
     const auto choices = std::make_shared<CopyChoices>();
-    CLI::App& copy = AddCommand(group, "cp", "Copy files and directories, with modes, times and holes",
+    CLI::App& copy = AddCommand(group, "cp", "Copy files and directories, with rights, times and holes",
                                 [choices] { Tried([&] { Copy(*choices); }); });
     Offer(*copy.add_option("path", choices->paths,
                            "What to copy, and last its new path or a directory to copy into")
@@ -431,12 +493,12 @@ void AddCopy(CLI::App& group)
                ->required()
                ->expected(2, manyPaths),
           &Files);
-    copy.add_flag("-r,--recursive", choices->recursive, "Directories too, with everything in them");
+    OfferTree(copy, choices->tree, "Directories too, with everything in them");
     copy.add_flag("-p,--parents", choices->parents,
                   "Create the missing directories on the way to the new path");
     copy.add_option("--existing", choices->existing,
                     "What becomes of a file or directory that is in the way: refuse to copy, merge "
-                    "(directories are merged, files replaced), or replace (it is removed first)")
+                    "(directories are merged, files replaced), or replace (it is removed)")
         ->type_name("WAY")
         ->transform(CLI::CheckedTransformer(std::map<std::string, fsRecursiveCopyMode>{
             {"refuse", fsForceNew}, {"merge", fsMerge}, {"replace", fsReplace}}))
@@ -457,7 +519,7 @@ void AddRemove(CLI::App& group)
                                   [choices] { Tried([&] { Remove(*choices); }); });
     Offer(*remove.add_option("path", choices->paths, "What to remove")->type_name("PATH")->required(),
           &Files);
-    remove.add_flag("-r,--recursive", choices->recursive, "Directories with everything in them");
+    OfferTree(remove, choices->tree, "Directories with everything in them");
     remove.add_flag("-f,--force", choices->force, "Say nothing of what is not there");
     OfferNative(remove);
 }
