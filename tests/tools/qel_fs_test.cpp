@@ -173,7 +173,8 @@ TEST_F(QelFs, NamesTheArgumentThatIsAtFault)
     dir.write("from/deep/a", std::string(5000, 'x'));
     dir.write("to/from/deep/a", "old");
     dir.makeDir("full");
-    EXPECT_EQ(fs("cp from/deep/a missing/way/a").output, "qel fs cp: missing/way: no such directory; --parents creates it\n");
+    EXPECT_EQ(fs("cp from/deep/a missing/way/a").output,
+              "qel fs cp: missing/way: no such directory; --parents creates it\n");
     const std::string longName(300, 'l');
     EXPECT_EQ(fs("cp from/deep/a " + longName).output,
               "qel fs cp: " + longName + ": Invalid path: name or path too long\n");
