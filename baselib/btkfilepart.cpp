@@ -5,7 +5,9 @@
 #include <cerrno>
 #include <ctime>
 #include <fcntl.h>
+#include <string>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -58,6 +60,12 @@ short TypeOf(btkRangeLock::Kind kind)
     return kind == btkRangeLock::Exclusive ? F_WRLCK : F_RDLCK;
 }
 
+bool Take(const struct stat& status, btkFileState& state)
+{
+    state = {status.st_dev, status.st_ino, status.st_size, status.st_nlink > 0, S_ISREG(status.st_mode)};
+    return true;
+}
+
 } // namespace
 
 bool btkSetFileSize(btkHandle handle, long long size)
@@ -67,6 +75,26 @@ bool btkSetFileSize(btkHandle handle, long long size)
         answer = ftruncate(handle, size);
     while (answer < 0 && errno == EINTR);
     return answer == 0;
+}
+
+bool btkGetFileState(btkHandle handle, btkFileState& state)
+{
+    struct stat status;
+    return fstat(handle, &status) == 0 && Take(status, state);
+}
+
+bool btkGetFileState(const char* path, btkFileState& state)
+{
+    struct stat status;
+    return stat(path, &status) == 0 && Take(status, state);
+}
+
+bool btkOpenAnew(btkHandle handle)
+{
+    const int mode = fcntl(handle, F_GETFL);
+    const std::string name = "/proc/self/fd/" + std::to_string(handle);
+    const btkFd opened(mode < 0 ? -1 : open(name.c_str(), (mode & O_ACCMODE) | O_CLOEXEC | O_NOCTTY));
+    return opened && dup3(opened.Get(), handle, O_CLOEXEC) == handle;
 }
 
 std::size_t btkWriteWholeAt(btkHandle handle, const void* from, std::size_t size, long long position)

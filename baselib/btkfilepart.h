@@ -7,6 +7,27 @@
 /// Makes the file `size` bytes long: what stands behind is dropped, what is missing is zero.
 BASE_API bool btkSetFileSize(btkHandle handle, long long size);
 
+/// Which file it is, and what others may have done with it.
+struct btkFileState
+{
+    unsigned long long device = 0, node = 0;
+    long long size = 0;
+    bool hasName = false; // somewhere
+    bool isPlain = false; // no folder, pipe or device
+
+    bool IsSameFile(const btkFileState& other) const { return device == other.device && node == other.node; }
+};
+
+/// The state of an open file, or of the one that `path`, as the host names it, leads to. False with the
+/// reason in errno.
+BASE_API bool btkGetFileState(btkHandle handle, btkFileState& state);
+BASE_API bool btkGetFileState(const char* path, btkFileState& state);
+
+/// Opens the file of the descriptor anew and puts that in the place of the descriptor's opening: a forked
+/// child shares openings, with their locks, with its parent. The file may have lost its name. False, with
+/// nothing changed and the reason in errno, when it cannot be opened.
+BASE_API bool btkOpenAnew(btkHandle handle);
+
 /// As btkWriteAt, for a part of a file that already exists. When the process is killed meanwhile, the file
 /// holds all the old bytes or all the new ones. That cannot be had for more than 4096 bytes, and not on every
 /// file system; those are written as btkWriteAt does.

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -248,28 +249,71 @@ btkReplacement::~btkReplacement()
 bool btkReplacement::Create(btkHandle inFolder, Name name)
 {
     folder = inFolder;
+    return create(S_IRUSR | S_IWUSR, name);
+}
+
+bool btkReplacement::create(unsigned permissions, Name name)
+{
     creator = getpid();
     if (name == Unnamed && canLinkOpen()) {
-        file = btkFd(
-            retried([&] { return openat(folder, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, S_IRUSR | S_IWUSR); }));
+        file =
+            btkFd(retried([&] { return openat(folder, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, permissions); }));
         if (file || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
             return static_cast<bool>(file);
     }
     for (int attempt = 0; attempt < attempts; ++attempt)
-        if (createNamed() || errno != EEXIST)
+        if (createNamed(permissions) || errno != EEXIST)
             return static_cast<bool>(file);
     return false;
 }
 
+bool btkReplacement::CreateBeside(const char* path)
+{
+    constexpr unsigned forEverybody = 0666;
+    struct stat status;
+    bool exists = stat(path, &status) == 0;
+    if (!exists && errno == ENOENT && lstat(path, &status) == 0) {
+        // The link is to stay: the file is made where it leads.
+        const btkFd made(open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, forEverybody));
+        exists = made && fstat(made.Get(), &status) == 0;
+    }
+    if (exists && !S_ISREG(status.st_mode))
+        errno = EINVAL;
+    if (exists ? !S_ISREG(status.st_mode) : errno != ENOENT)
+        return false;
+    const std::unique_ptr<char, void (*)(void*)> real(exists ? realpath(path, nullptr) : strdup(path),
+                                                      &std::free);
+    if (real == nullptr)
+        return false;
+    const std::string whole = real.get();
+    const std::size_t last = whole.rfind('/') + 1;
+    target = whole.substr(last);
+    ownFolder.Reset(open(last == 0 ? "." : whole.substr(0, last).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    folder = ownFolder.Get();
+    if (!ownFolder)
+        return false;
+    if (!exists)
+        return create(forEverybody, Unnamed);
+    const btkFd old(openat(folder, target.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    return old && Create(folder) && btkCopyOwner(old.Get(), file.Get()) &&
+           btkCopyRights(old.Get(), file.Get());
+}
+
+bool btkReplacement::IsKeptOut(int error)
+{
+    return error == EACCES || error == EPERM || error == EROFS || error == ENAMETOOLONG || error == EBUSY ||
+           error == EXDEV || error == EOPNOTSUPP;
+}
+
 /// EEXIST: another name is to be tried.
-bool btkReplacement::createNamed()
+bool btkReplacement::createNamed(unsigned permissions)
 {
     std::string name;
     if (!newName(name))
         return false;
     file = btkFd(retried([&] {
         return openat(folder, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY,
-                      S_IRUSR | S_IWUSR);
+                      permissions);
     }));
     if (!file)
         return false;

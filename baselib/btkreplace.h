@@ -52,25 +52,39 @@ public:
     bool Create(btkHandle inFolder, Name name = Unnamed);
     /// Whether the file has a name that would stay if this process were killed.
     bool IsNamed() const { return !ownName.empty(); }
+    /// Makes the file in the folder of the one that `path` leads to, soft links resolved, whose owner and
+    /// rights it gets. Without such a file it is for everybody, as the process's mask allows. EINVAL for what
+    /// is no plain file; a file that this process may not write is not replaced either.
+    bool CreateBeside(const char* path);
+    /// Gives it the name for which CreateBeside has made it.
+    bool TakePlace(Durability durability = Synced) { return TakePlace(target.c_str(), durability); }
     /// The new file, open for reading and writing. -1 before Create.
     btkHandle Get() const { return file.Get(); }
+    /// Another descriptor of it, which outlives this object; owns nothing when the host has none left.
+    btkFd Duplicate() const { return file.Duplicate(); }
     /// Appends `size` bytes. False with the reason in errno.
     bool Write(const void* content, std::size_t size);
     /// Gives the file the name `name` in the folder. The descriptor stays open. When that fails, with the
     /// reason in errno (EEXIST: the name is taken, and `Kept` was asked for), nothing has changed. Where the
     /// folder cannot be synchronized, its name reaches the disk in time.
     bool TakePlace(const char* name, Durability durability = Synced, Existing existing = Replaced);
+    /// Whether an error of making the file, or of taking the place, means that the host does not let the old
+    /// file be replaced: it can only be overwritten.
+    static bool IsKeptOut(int error);
 
     /// Removes from the open folder what processes that were killed have left: files whose name has the mark
     /// of this class and that no process holds. It looks at the first 10,000 names only.
     static void RemoveLeftOvers(btkHandle folder);
 
 private:
-    bool createNamed();
+    bool create(unsigned permissions, Name name);
+    bool createNamed(unsigned permissions);
     bool nameIt();
     bool lockIt();
 
     btkHandle folder = -1;
+    btkFd ownFolder;    // of CreateBeside
+    std::string target; // the name in it
     btkFd file;
     std::string ownName; // empty: there is nothing to remove
     int creator = 0;     // the process

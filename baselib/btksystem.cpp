@@ -4,6 +4,7 @@
 #include <qel/base/btkenvironment.h>
 #include <qel/base/btkpipe.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -12,6 +13,7 @@
 #include <ctime>
 #include <vector>
 
+#include <pthread.h>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -145,4 +147,22 @@ btkFd btkAwaitTermination()
     if (signals)
         pthread_sigmask(SIG_BLOCK, &awaited, nullptr);
     return signals;
+}
+
+namespace {
+
+std::atomic<int> processNumber = 0;
+
+// A child runs this before anything else.
+[[maybe_unused]] const int isWatched = [] {
+    processNumber = getpid();
+    return pthread_atfork(nullptr, nullptr, [] { processNumber = getpid(); });
+}();
+
+} // namespace
+
+int btkProcessNumber()
+{
+    const int known = processNumber.load(std::memory_order_relaxed);
+    return known != 0 ? known : getpid(); // too early, while the program is being loaded
 }

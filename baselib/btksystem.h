@@ -30,3 +30,6 @@ BASE_API std::string Error_GetText(unsigned long number);
 /// be called before there are other threads. Owns nothing, with the reason in errno, when the host has no
 /// descriptor left.
 BASE_API btkFd btkAwaitTermination();
+
+/// The number of this process. A forked child has another one; there is no call of the host in it.
+BASE_API int btkProcessNumber();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <ios>
+#include <utility>
 
 #include <qel/base/xinputbuf.h>
 
@@ -19,6 +20,8 @@ public:
     /// Opens `path`, as the host names it. Null when that fails; the reason is in errno. The caller owns the
     /// buffer.
     static xfilebuf* Open(const char* path, Mode mode);
+    /// The buffer of a file that is open already, at its beginning. The caller owns the buffer.
+    static xfilebuf* Adopt(btkFd opened, Mode mode) { return new xfilebuf(std::move(opened), mode); }
     /// Writes out what is pending; what cannot be written is lost. Ask Finish first to know.
     ~xfilebuf() override;
     bool Finish() override { return WritePending(); }

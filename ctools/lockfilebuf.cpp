@@ -91,18 +91,6 @@ bool queueForLock(int file, bool forUpdate, btkTimeval end)
     return lockBefore(file, forUpdate, end);
 }
 
-/// Whether a new file cannot stand beside the old one, so that the old one has to be overwritten.
-bool isKeptOut(int error)
-{
-    return error == EACCES || error == EPERM || error == EROFS || error == ENAMETOOLONG;
-}
-
-/// Whether the host does not let this file be replaced: a mount of its own, another's in a sticky folder.
-bool isFixed(int error)
-{
-    return error == EBUSY || error == EXDEV || error == EOPNOTSUPP || error == EPERM || error == EACCES;
-}
-
 /// Reserves the space for `size` bytes. False when there is not enough. Changes nothing that can be read.
 bool reserve(int file, std::size_t size)
 {
@@ -297,9 +285,9 @@ struct lockFileBuf::State
                 return true;
             if (errno == EEXIST)
                 errno = ESTALE;
-            if (!isFixed(errno))
+            if (!btkReplacement::IsKeptOut(errno))
                 return false;
-        } else if (!made && !isKeptOut(errno)) {
+        } else if (!made && !btkReplacement::IsKeptOut(errno)) {
             return false;
         }
         return !deleted && overwrite(folder.Get(), file.Get(), content, size);

@@ -160,3 +160,39 @@ TEST_F(Damaged, HugeFilesAreReadAsFarAsPositionsGo)
     const auto other = OpenMonitor(path);
     EXPECT_EQ(MonFailureOf([&] { other->getParams(); }), "Weird parameter type");
 }
+
+TEST_F(Damaged, FlippedLengthsCostNoRecords)
+{
+    // A flipped bit in a length makes the record seem to run past the end, as one that is being added does.
+    const std::string text = StringRecord("s", 10, 2, "xy" + std::string(8, '\0'));
+    const struct
+    {
+        const char* what;
+        std::size_t at; // in the record
+        std::string record;
+    } rows[] = {
+        {"the name", 10, intRecord},
+        {"the capacity", 13, text},
+    };
+    for (const auto& row : rows) {
+        std::string record = row.record;
+        record[row.at] = static_cast<char>(record[row.at] | 3);
+        const std::string before = header + intRecord + record + text + intRecord + intRecord;
+        dir.write("m", before);
+        const auto file = OpenMonitor(dir.path("m"));
+
+        int offset = 0;
+        EXPECT_EQ(MonFailureOf([&] { EXPECT_EQ(file->Check(offset), monFile::damaged) << row.what; }), "");
+        EXPECT_EQ(offset, static_cast<int>((header + intRecord).size())) << row.what;
+        EXPECT_EQ(MonFailureOf([&] { file->Real("new"); }), "Weird parameter type") << row.what;
+        EXPECT_EQ(dir.read("m"), before) << row.what;
+    }
+    dir.write("m", header + intRecord + Word(7) + intRecord);
+    int offset = 0;
+    EXPECT_EQ(OpenMonitor(dir.path("m"))->Check(offset), monFile::damaged);
+    EXPECT_EQ(offset, static_cast<int>((header + intRecord).size()));
+    dir.write("m", header + intRecord + text.substr(0, 20));
+    EXPECT_EQ(OpenMonitor(dir.path("m"))->Check(offset), monFile::unfinished);
+    dir.write("m", header + intRecord + text);
+    EXPECT_EQ(OpenMonitor(dir.path("m"))->Check(offset), monFile::whole);
+}

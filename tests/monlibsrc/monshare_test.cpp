@@ -286,3 +286,23 @@ TEST_F(SharedFile, RefusesToAddWhileAnotherAddsForEver)
     adding.Release();
     EXPECT_NE(file->Int("new"), nullptr);
 }
+
+TEST_F(SharedFile, AForkedChildHasLocksOfItsOwn)
+{
+    const auto file = OpenMonitor(Path());
+    monStringParam* const text = file->String("text", 0);
+    text->setValue("from the parent");
+    const auto child = std::make_unique<ChildProcess>([&]() -> int {
+        if (TextOf(text->getValue()) != "from the parent")
+            return 1;
+        for (unsigned n = 0;; ++n)
+            text->setValue(CheckedText(n).c_str());
+    });
+    int seen = 0;
+    for (int i = 0; i < 20000; ++i) {
+        const std::string now = TextOf(text->getValue());
+        ASSERT_TRUE(now == "from the parent" || IsWhole(text->getValue())) << "torn";
+        seen += now != "from the parent";
+    }
+    EXPECT_GT(seen, 100);
+}

@@ -1,14 +1,17 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <filesystem>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "monsupport.h"
 #include "support/child.h"
 #include "support/interrupt.h"
 #include "support/tempdir.h"
 #include "support/thrown.h"
+#include <qel/platform/lasterror.h>
 #include <qel/xrtti.h>
 
 namespace {
@@ -188,8 +191,116 @@ TEST_F(Monitor, BeginsAnewWhenCreated)
     EXPECT_EQ(Bytes(), header);
     EXPECT_EQ(MonFailureOf([&] { file->getParams(); }), "monFile has shrunk!");
     EXPECT_EQ(MonFailureOf([&] { file->Int("a"); }), "monFile has shrunk!");
-    EXPECT_EQ(MonFailureOf([&] { a->getValue(); }), "Stream Error (iolib): EOF reached");
+    EXPECT_EQ(MonFailureOf([&] { a->getValue(); }), "monFile has shrunk!");
+    a->setValue(4); // whoever published in the old file does not disturb the new one
     EXPECT_EQ(Bytes(), header);
+}
+
+TEST_F(Monitor, IsFoundAgainWhenAnotherTakesItsPlace)
+{
+    const auto file = CreateMonitor(Path(), "first");
+    monIntParam* const a = file->Int("a");
+    monIntParam* const b = file->Int("b");
+    monIntParam* const c = file->Int("c");
+    monStringParam* const s = file->String("s", 4);
+    const auto watcher = OpenMonitor(Path());
+    monIntParam* const watched = watcher->Int("a");
+    EXPECT_FALSE(watcher->isReplaced());
+
+    std::filesystem::remove(Path());
+    EXPECT_TRUE(watcher->isReplaced());
+    EXPECT_FALSE(watcher->Reopen());
+    EXPECT_EQ(MonFailureOf([&] { watched->getValue(); }), "monFile has shrunk!");
+    dir.write("m", "no monitor file");
+    EXPECT_FALSE(watcher->Reopen());
+    dir.write("m", "");
+    EXPECT_FALSE(watcher->Reopen());
+
+    const auto anew = CreateMonitor(Path(), "second");
+    anew->Real("other");
+    anew->String("s", 9)->setValue("longer");
+    anew->Int("a")->setValue(7);
+    anew->Real("c");
+    for (monFile* const each : {watcher.get(), file.get()}) {
+        ASSERT_TRUE(each->Reopen());
+        EXPECT_FALSE(each->isReplaced());
+        EXPECT_EQ(TextOf(each->getTitle()), "second");
+    }
+    EXPECT_EQ(watched->getValue(), 7);
+    EXPECT_EQ(CountOf(watcher->getParams()), 4);
+    EXPECT_EQ(watcher->Int("a"), watched);
+    EXPECT_EQ(TextOf(s->getValue()), "longer");
+    EXPECT_EQ(s->getSize(), 9);
+    a->setValue(8);
+    EXPECT_EQ(anew->Int("a")->getValue(), 8);
+    for (monIntParam* const missing : {b, c}) {
+        EXPECT_EQ(MonFailureOf([&] { missing->getValue(); }), "monFile: No such parameter any more");
+        EXPECT_EQ(MonFailureOf([&] { missing->setValue(1); }), "monFile: No such parameter any more");
+    }
+    anew->Int("b")->setValue(9);
+    EXPECT_EQ(b->getValue(), 9) << "it is there now";
+    EXPECT_EQ(file->Int("b"), b);
+}
+
+TEST_F(Monitor, IsReplacedInItsPlaceWithItsRights)
+{
+    dir.makeDir("real");
+    dir.link("real/m", "m");
+    EXPECT_NE(CreateMonitor(Path()), nullptr);
+    EXPECT_TRUE(dir.has("real/m")) << "the link leads there";
+    chmod(dir.path("real/m"), 0604);
+    const auto old = OpenMonitor(dir.path("real/m"));
+    const auto file = CreateMonitor(Path());
+    ASSERT_NE(file, nullptr);
+    EXPECT_TRUE(std::filesystem::is_symlink(Path().c_str()));
+    struct stat status = {};
+    EXPECT_EQ(stat(Path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0604u);
+
+    ASSERT_EQ(mkfifo(dir.path("fifo"), 0600), 0);
+    EXPECT_EQ(CreateMonitor(dir.path("fifo")), nullptr) << "and does not wait";
+    EXPECT_TRUE(std::filesystem::is_fifo(dir.path("fifo").c_str()));
+    EXPECT_EQ(CreateMonitor("/dev/null"), nullptr);
+    std::filesystem::remove(dir.path("fifo").c_str());
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path().c_str()), {}), 2)
+        << "no other file is left";
+}
+
+TEST_F(Monitor, IsForReadingWhereItMayNotBeWritten)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs the right to become another user";
+    const auto file = CreateMonitor(Path());
+    file->Int("a")->setValue(5);
+    chmod(Path().c_str(), 0644);
+    chmod(dir.path(), 0755);
+    EXPECT_EQ(runInChild([&] {
+                  if (setuid(65534) != 0)
+                      return 1;
+                  const auto watcher = OpenMonitor(Path());
+                  if (watcher == nullptr || watcher->Int("a")->getValue() != 5)
+                      return 2;
+                  const char* const refused = "monFile: Opened for reading only";
+                  if (MonFailureOf([&] { watcher->Int("a")->setValue(6); }) != refused ||
+                      MonFailureOf([&] { watcher->Int("new"); }) != refused)
+                      return 3;
+                  return CreateMonitor(Path()) == nullptr ? 0 : 4;
+              }),
+              0);
+    EXPECT_EQ(file->Int("a")->getValue(), 5);
+    chmod(Path().c_str(), 0600);
+    EXPECT_EQ(runInChild([&] {
+                  return setuid(65534) == 0 && OpenMonitor(Path()) == nullptr
+                             ? static_cast<int>(GetLastError())
+                             : 0;
+              }),
+              5);
+    // Where the folder may not be written, the file is emptied.
+    chmod(Path().c_str(), 0666);
+    EXPECT_EQ(runInChild([&] { return setuid(65534) == 0 && CreateMonitor(Path(), "U") != nullptr ? 0 : 1; }),
+              0);
+    EXPECT_EQ(MonFailureOf([&] { file->Int("a")->getValue(); }), "monFile has shrunk!");
+    EXPECT_EQ(TextOf(OpenMonitor(Path())->getTitle()), "U");
 }
 
 TEST_F(Monitor, RefusesArgumentsBeforeItWrites)

@@ -1,3 +1,5 @@
+#include <chrono>
+#include <filesystem>
 #include <limits>
 #include <memory>
 #include <string>
@@ -14,6 +16,8 @@
 
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::Not;
+using testing::StartsWith;
 
 namespace {
 
@@ -177,4 +181,45 @@ TEST_F(QelMon, DrawsCharts)
     EXPECT_EQ(Qel("mon plot --count 1 --svg /nonexistent/x.svg " + file + " done").status, 3);
     const EnvSetting nowhere("PATH", "/nonexistent");
     EXPECT_THAT(Qel("mon plot --count 1 " + file + " done").output, HasSubstr("qel mon plot: gnuplot: "));
+}
+
+TEST_F(QelMon, TellsFilesApartThatCannotBeWatched)
+{
+    EXPECT_EQ(Qel("mon list " + file + ".no").output, "qel mon list: " + file + ".no: not there\n");
+    dir.write("text", "not of that kind");
+    const std::string text = dir.path("text");
+    EXPECT_EQ(Qel("mon list " + text).output, "qel mon list: " + text + ": no monitor file\n");
+    EXPECT_EQ(Qel("mon check " + file).output, "whole\n");
+    const std::string bytes = dir.read("run.mon");
+    dir.write("run.mon", bytes + std::string("\0\0\0\7", 4) + bytes);
+    const Outcome damaged = Qel("mon check --json " + file);
+    EXPECT_EQ(damaged.status, 1);
+    EXPECT_EQ(nlohmann::json::parse(damaged.output)["offset"], bytes.size());
+}
+
+TEST_F(QelMon, MarksValuesThatAreNoLongerTrue)
+{
+    RunningQel watching({"mon", "watch", "--json", "--interval", "0.02", "--old", "1000", file});
+    const auto lineWith = [&](const char* text) {
+        std::string line = watching.line();
+        for (int i = 0; i < 500 && line.find(text) == std::string::npos; ++i)
+            line = watching.line();
+        return line;
+    };
+    EXPECT_THAT(lineWith("\"done\":5"), Not(HasSubstr("problem")));
+    std::filesystem::rename(file, file + ".away");
+    EXPECT_THAT(lineWith("\"problem\":\"gone\""), HasSubstr("\"done\":5"));
+    {
+        const Owned<monFile> anew(monFile::Create(file.c_str(), "Day run"));
+        anew->Int("done")->setValue(1);
+    }
+    EXPECT_THAT(lineWith("\"problem\":\"replaced\""), HasSubstr("Day run"));
+    EXPECT_THAT(lineWith("\"done\":1"), HasSubstr("Day run"));
+    watching.child.signal(SIGINT);
+    EXPECT_EQ(watching.child.wait(), 0);
+
+    std::filesystem::last_write_time(file,
+                                     std::filesystem::file_time_type::clock::now() - std::chrono::minutes(5));
+    EXPECT_THAT(Qel("mon watch --once " + file).output, StartsWith("old\nNAME"));
+    EXPECT_THAT(Qel("mon watch --once --old 1000 " + file).output, StartsWith("NAME"));
 }

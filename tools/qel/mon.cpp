@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "files.h"
 #include "monitor.h"
+#include <qel/platform/lasterror.h>
 #include <qel/xstring.h>
 
 namespace {
@@ -76,7 +77,7 @@ void Create(const Choices& choices)
 {
     std::error_code ignored;
     if (!choices.replaces && std::filesystem::exists(choices.path, ignored))
-        Fail(Exit::no, choices.path, "there is a file; --replace empties it");
+        Fail(Exit::no, choices.path, "there is a file; --replace makes it anew");
     OnFile(choices, [&] {
         const Monitor file(monFile::Create(PathOf(choices.path).c_str(), choices.title.c_str()));
         if (file == nullptr)
@@ -154,6 +155,24 @@ void List(const Choices& choices)
     });
 }
 
+void Check(const Choices& choices)
+{
+    OnFile(choices, [&] {
+        const Monitor file = OpenMonitor(choices.path);
+        int offset = 0;
+        const monFile::State state = file->Check(offset);
+        static constexpr const char* states[] = {"whole", "unfinished", "damaged"};
+        Show({{"state", states[state]}, {"offset", offset}}, [&](const Json&) {
+            const std::string at = " at offset " + std::to_string(offset);
+            return state == monFile::whole     ? std::string("whole\n")
+                   : state == monFile::damaged ? "damaged" + at + "\n"
+                                               : "whole, and an unfinished parameter" + at + "\n";
+        });
+        if (state == monFile::damaged)
+            AnswerNo();
+    });
+}
+
 void AddParameter(CLI::App& command, std::string& name)
 {
     Offer(*command.add_option("parameter", name, "Name of the parameter")->type_name("NAME")->required(),
@@ -172,10 +191,14 @@ Monitor OpenMonitor(const std::string& path)
     } catch (xthrowable* thrown) {
         throw FailureOf(thrown, Exit::peer, path);
     }
+    constexpr unsigned accessDenied = 5; // also of what is no plain file
+    const unsigned error = GetLastError();
     std::error_code ignored;
     if (!std::filesystem::exists(path, ignored))
-        Fail(Exit::no, path, "no such file");
-    Fail(Exit::peer, path, "is no monitor file, or may not be opened");
+        Fail(Exit::no, path, "not there");
+    if (error == accessDenied && std::filesystem::is_regular_file(path, ignored))
+        Fail(Exit::no, path, "not permitted");
+    Fail(Exit::peer, path, "no monitor file");
 }
 
 std::vector<monParam*> ParametersOf(monFile& file)
@@ -268,7 +291,7 @@ void AddMonitorCommands(CLI::App& program)
                                   [choices] { Create(*choices); });
     AddMonitorFile(create, choices->path);
     create.add_option("--title", choices->title, "What is to be watched")->type_name("TITLE");
-    create.add_flag("--replace", choices->replaces, "Empty a file that is there");
+    create.add_flag("--replace", choices->replaces, "Make it anew when it is there");
 
     CLI::App& add = AddCommand(group, "add", "Add a parameter; one that is there stays, and gets the value",
                                [choices] { Add(*choices); });
@@ -305,6 +328,13 @@ void AddMonitorCommands(CLI::App& program)
                                 [choices] { List(*choices); });
     AddMonitorFile(list, choices->path);
     OfferJson(list);
+
+    CLI::App& check =
+        AddCommand(group, "check",
+                   "Say whether the file is whole, and else where the damage begins; the answer is no then",
+                   [choices] { Check(*choices); });
+    AddMonitorFile(check, choices->path);
+    OfferJson(check);
 
     AddWatchCommands(group);
 }

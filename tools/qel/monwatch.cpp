@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cmath>
 #include <deque>
+#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -30,6 +31,7 @@ struct Choices
     bool isOnce = false;
     bool asCsv = false;
     bool asJson = false;
+    double oldAge = 60;  // seconds
     std::string picture; // empty: the terminal
 };
 
@@ -38,7 +40,8 @@ struct Sample
 {
     double time = 0; // seconds since 1970-01-01 00:00 UTC
     std::string title;
-    std::string problem; // why there are no values
+    std::string problem; // why there are no values, or what is wrong with them
+    bool isLive = false; // the values are those of the file that is there
     Json values = Json::object();
 };
 
@@ -58,23 +61,48 @@ public:
         const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
         sample.time = now.count();
         try {
-            if (file == nullptr)
-                file.reset(monFile::Open(PathOf(choices.path).c_str()));
-            if (file == nullptr)
-                sample.problem = "not there yet";
-            else
-                Read(sample);
+            TakeFrom(sample);
         } catch (xthrowable* thrown) {
             sample.problem = FailureOf(thrown).why;
             sample.values = Json::object();
             file.reset();
         }
-        if (choices.isOnce && !sample.problem.empty())
+        if (choices.isOnce && !sample.isLive)
             Fail(Exit::peer, choices.path, sample.problem);
         return sample;
     }
 
 private:
+    void TakeFrom(Sample& sample)
+    {
+        std::error_code failed;
+        if (file != nullptr && file->isReplaced()) {
+            const bool isGone = !std::filesystem::exists(choices.path, failed);
+            sample.problem = isGone ? "gone" : "replaced";
+            if (isGone || !file->Reopen()) {
+                sample.title = title;
+                sample.values = values; // the last ones
+                return;
+            }
+        }
+        if (file == nullptr)
+            file.reset(monFile::Open(PathOf(choices.path).c_str()));
+        if (file == nullptr) {
+            sample.problem = std::filesystem::exists(choices.path, failed)
+                                 ? "not permitted, or no monitor file"
+                                 : "not there yet";
+            return;
+        }
+        Read(sample);
+        sample.isLive = true;
+        title = sample.title;
+        values = sample.values;
+        const auto changed = std::filesystem::last_write_time(choices.path, failed);
+        const std::chrono::duration<double> age = std::filesystem::file_time_type::clock::now() - changed;
+        if (!failed && sample.problem.empty() && age.count() > choices.oldAge)
+            sample.problem = "old";
+    }
+
     void Read(Sample& sample)
     {
         sample.title = Printable(file->getTitle().CastToCString());
@@ -91,6 +119,8 @@ private:
 
     const Choices& choices;
     Monitor file;
+    std::string title;
+    Json values = Json::object();
 };
 
 // Hands over one sample after the other until the count is reached or the user interrupts.
@@ -147,6 +177,8 @@ std::string TimeText(const Sample& sample)
 
 void PrintCsv(const Sample& sample)
 {
+    if (!sample.isLive)
+        return;
     for (const auto& [name, value] : sample.values.items())
         std::cout << TimeText(sample) << ',' << CsvField(name) << ',' << CsvField(value) << '\n';
     std::cout.flush();
@@ -168,7 +200,7 @@ void PrintText(const Sample& sample)
     Json rows = Json::array();
     for (const auto& [name, value] : sample.values.items())
         rows.push_back({{"name", name}, {"value", value}});
-    std::cout << (sample.problem.empty() ? AsText(rows) : sample.problem + '\n') << std::flush;
+    std::cout << (sample.problem.empty() ? "" : sample.problem + '\n') << AsText(rows) << std::flush;
 }
 
 // A table that changes in place, each number with a line of what it was.
@@ -297,7 +329,7 @@ void Plot(const Choices& choices)
         if (!sample.title.empty())
             title = sample.title;
         for (const auto& [name, value] : sample.values.items())
-            if (double number = 0; NumberIn(value, number) != nullptr)
+            if (double number = 0; sample.isLive && NumberIn(value, number) != nullptr)
                 curves[name].emplace_back(sample.time - start, number);
     });
     if (curves.empty())
@@ -331,6 +363,10 @@ void AddWatchCommands(CLI::App& group)
                                  "line of what it was, else as a table for each sample",
                                  [watched] { Watch(*watched); });
     AddSampling(watch, *watched, "Samples to be taken (default: until Ctrl-C)");
+    watch.add_option("--old", watched->oldAge, "Age of the last change from which values are marked as old")
+        ->type_name("SECONDS")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
     watch.add_flag("--once", watched->isOnce, "Take one sample, which has to be there");
     CLI::Option* const csv =
         watch.add_flag("--csv", watched->asCsv, "A line for each value: time,name,value; time is since 1970");

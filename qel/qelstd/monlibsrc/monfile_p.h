@@ -1,14 +1,31 @@
 #pragma once
 
+#include <string>
+
 #include "qelexception.h"
 #include "xiolib.h"
 #include "xmonlib.h"
+#include <qel/base/btkfilepart.h>
+#include <qel/base/btksystem.h>
 #include <qel/base/xfilebuf.h>
 
 // What the file and its parameters share.
 
 constexpr int monWordSize = 4; // of a bool, an int and the length of a text
 constexpr int monRealSize = 8;
+
+// What the file knows of where it stands.
+struct monFile::Place
+{
+    Place(const std::string& hostPath, bool readOnly) : path(hostPath), isReadOnly(readOnly) {}
+
+    std::string path; // of the host, absolute
+    btkFileState opened;
+    bool isReadOnly;
+    int process = btkProcessNumber(); // that has opened it
+    // Parameters of the file as it was before Reopen that have not been found again, by their names.
+    monParamDict lost;
+};
 
 [[noreturn]] inline void monThrowWeird()
 {

@@ -122,12 +122,23 @@ auto monFile::LoadLocked(int start, int size, Load load)
 
 // Numbers go straight to and from their place: one call of the host each.
 
+// Where the value begins in the file.
+int monFile::PositionOf(monParam& parameter)
+{
+    if (parameter.isLost)
+        UpdateCache();
+    if (parameter.isLost)
+        qelXNativeException::Throw("monFile: No such parameter any more");
+    return OffsetOf(parameter.position);
+}
+
 template<class Value>
-Value monFile::Get(std::fpos<int> position)
+Value monFile::Get(monParam& parameter)
 {
     using Word = WordOf<Value>;
-    const int start = OffsetOf(position);
-    stream->CheckOpen();
+    Prepare();
+    const int start = PositionOf(parameter);
+    SizeUnlessGone();
     const auto load = [&] {
         Word word;
         const std::ptrdiff_t count = btkReadAt(stream->fileBuf->GetHandle(), &word, sizeof word, start);
@@ -139,11 +150,11 @@ Value monFile::Get(std::fpos<int> position)
 }
 
 template<class Value>
-Value monFile::Set(std::fpos<int> position, Value value)
+Value monFile::Set(monParam& parameter, Value value)
 {
     const auto word = Encode(value);
-    const int start = OffsetOf(position);
-    stream->CheckOpen();
+    PrepareToWrite();
+    const int start = PositionOf(parameter);
     const btkHandle handle = stream->fileBuf->GetHandle();
     std::optional<monWriteLock> lock;
     if (monIsSplit(start, sizeof word))
@@ -156,7 +167,6 @@ Value monFile::Set(std::fpos<int> position, Value value)
 xstring monFile::GetText(int start, int capacity)
 {
     constexpr int readAtOnce = 4096;
-    stream->CheckOpen();
     return LoadLocked(start, monWordSize + capacity, [&] {
         Seek(start);
         stream->fileBuf->ExpectRead(static_cast<std::size_t>(std::min(monWordSize + capacity, readAtOnce)));
@@ -166,7 +176,6 @@ xstring monFile::GetText(int start, int capacity)
 
 void monFile::SetText(int start, int capacity, const char* text)
 {
-    stream->CheckOpen();
     const monWriteLock lock(stream->fileBuf->GetHandle(), start, monWordSize + capacity);
     Attempt([&] {
         Seek(start);
@@ -194,12 +203,12 @@ monBoolParam::monBoolParam(monFile& owner, xstring called, std::fpos<int> at)
 
 unsigned char monBoolParam::getValue()
 {
-    return file->Get<unsigned char>(position);
+    return file->Get<unsigned char>(*this);
 }
 
 unsigned char monBoolParam::setValue(unsigned char v)
 {
-    return file->Set(position, v);
+    return file->Set(*this, v);
 }
 
 monIntParam::monIntParam(monFile& owner, xstring called, std::fpos<int> at)
@@ -209,12 +218,12 @@ monIntParam::monIntParam(monFile& owner, xstring called, std::fpos<int> at)
 
 int monIntParam::getValue()
 {
-    return file->Get<int>(position);
+    return file->Get<int>(*this);
 }
 
 int monIntParam::setValue(int v)
 {
-    return file->Set(position, v);
+    return file->Set(*this, v);
 }
 
 monRealParam::monRealParam(monFile& owner, xstring called, std::fpos<int> at)
@@ -224,12 +233,12 @@ monRealParam::monRealParam(monFile& owner, xstring called, std::fpos<int> at)
 
 double monRealParam::getValue()
 {
-    return file->Get<double>(position);
+    return file->Get<double>(*this);
 }
 
 double monRealParam::setValue(double v)
 {
-    return file->Set(position, v);
+    return file->Set(*this, v);
 }
 
 monStringParam::monStringParam(monFile& owner, xstring called, std::fpos<int> at, int size)
@@ -239,7 +248,10 @@ monStringParam::monStringParam(monFile& owner, xstring called, std::fpos<int> at
 
 xstring monStringParam::getValue()
 {
-    xstring value = file->GetText(OffsetOf(position), capacity);
+    file->Prepare();
+    const int start = file->PositionOf(*this);
+    file->SizeUnlessGone();
+    xstring value = file->GetText(start, capacity);
     if (value == nullptr)
         monThrowWeird();
     return value;
@@ -247,9 +259,11 @@ xstring monStringParam::getValue()
 
 xstring monStringParam::setValue(const char* v)
 {
+    file->PrepareToWrite();
+    const int start = file->PositionOf(*this);
     if (qelIsObject(v) && std::strlen(v) > static_cast<std::size_t>(capacity))
         qelXNativeException::Throw("monStringParam::setValue: Value too long");
-    file->SetText(OffsetOf(position), capacity, v);
+    file->SetText(start, capacity, v);
     return v;
 }
 

@@ -1,11 +1,19 @@
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <memory>
+#include <system_error>
+#include <utility>
+#include <vector>
 
 #include "monfile_p.h"
 #include "qeltable.h"
-#include <qel/base/btkfilepart.h>
+#include <qel/base/btkbyteorder.h>
+#include <qel/base/btkreplace.h>
+#include <qel/platform/errortable.h>
+#include <qel/platform/pathmapping.h>
 
 constinit qelClass monFile::rtti = {
     .name = "monlib::File",
@@ -26,6 +34,20 @@ constexpr int longestName = 1023;
 constexpr int FixedSize(int type)
 {
     return type == realRecord ? monRealSize : monWordSize;
+}
+
+// Frees what was caught.
+void LetGo(xthrowable* thrown)
+{
+    if (thrown->isRefCountable())
+        xrcrelease(thrown);
+    else
+        xdelete(thrown);
+}
+
+[[noreturn]] void ThrowShrunk()
+{
+    qelXNativeException::Throw("monFile has shrunk!");
 }
 
 [[noreturn]] void ThrowTooLarge()
@@ -64,8 +86,12 @@ struct monFile::Kind<monStringParam>
 
 // ---- the file
 
-monFile::monFile(ioFileStream* opened) : stream(opened), title(""), params(new (pDefMemMgr) monParamDict)
+monFile::monFile(ioFileStream* opened, const std::string& path, bool isReadOnly)
+    : stream(opened), place(new Place(path, isReadOnly)), title(""), params(new (pDefMemMgr) monParamDict)
 {
+    opened->setSerializer(ioSerializer::getXDR());
+    opened->fileBuf->KeepWhole();
+    btkGetFileState(opened->fileBuf->GetHandle(), place->opened);
 }
 
 monFile::~monFile()
@@ -75,55 +101,204 @@ monFile::~monFile()
         firstParam = gone->next;
         xdelete(gone);
     }
+    delete place;
     xdelete(params);
     xdelete(stream);
 }
 
+namespace {
+
+// The host's path, also when the current directory becomes another one. False with the last error set.
+bool HostPathOf(const char* path, std::string& host)
+{
+    if (!platHostPath(qelIsObject(path) ? path : nullptr, host))
+        return false;
+    std::error_code ignored;
+    const std::filesystem::path whole = std::filesystem::absolute(host, ignored);
+    if (!whole.empty())
+        host = whole.string();
+    return true;
+}
+
+// The first bytes of a file.
+std::string HeadOf(const char* title)
+{
+    const std::string text = qelIsObject(title) ? title : "";
+    const std::uint32_t words[] = {0, btkNetworkOrder(static_cast<std::uint32_t>(text.size()))};
+    return std::string(reinterpret_cast<const char*>(words), sizeof words) + text;
+}
+
+} // namespace
+
 // Opens what is to be a monitor file. Null when that fails, and for what is no file, which would let a reader
 // wait.
-monFile* monFile::Attach(const char* path)
+monFile* monFile::Attach(const std::string& path, const char* given)
 {
-    std::unique_ptr<ioFileStream, qelDelete> opened(ioFileStream::Open(path, ioReadWrite));
-    if (opened == nullptr || opened->fileBuf->GetFileSize() < 0)
+    btkFileState state;
+    if (!btkGetFileState(path.c_str(), state)) {
+        platFailOn(path);
         return nullptr;
-    opened->setSerializer(ioSerializer::getXDR());
-    opened->fileBuf->KeepWhole();
-    monFile* const file = new (pDefMemMgr) monFile(opened.get());
+    }
+    if (!state.isPlain) {
+        platFailWith(ERROR_ACCESS_DENIED);
+        return nullptr;
+    }
+    std::unique_ptr<xfilebuf> buffer(xfilebuf::Open(path.c_str(), xfilebuf::ReadWrite));
+    const bool isReadOnly = buffer == nullptr;
+    if (isReadOnly)
+        buffer.reset(xfilebuf::Open(path.c_str(), xfilebuf::Read));
+    if (buffer == nullptr) {
+        platFailOn(path);
+        return nullptr;
+    }
+    std::unique_ptr<ioFileStream, qelDelete> opened(new (pDefMemMgr)
+                                                        ioFileStream(buffer.get(), given, !isReadOnly, true));
+    buffer.release();
+    monFile* const file = new (pDefMemMgr) monFile(opened.get(), path, isReadOnly);
     opened.release();
     return file;
 }
 
 monFile* monFile::Open(const char* path)
 {
-    std::unique_ptr<monFile, qelDelete> file(Attach(path));
+    std::string host;
+    return HostPathOf(path, host) ? OpenAt(host, path) : nullptr;
+}
+
+monFile* monFile::OpenAt(const std::string& path, const char* given)
+{
+    std::unique_ptr<monFile, qelDelete> file(Attach(path, given));
     if (file == nullptr)
         return nullptr;
     file->headerWord = file->LoadInt();
-    if (file->headerWord > 0)
+    if (file->headerWord > 0) {
+        platFailWith(ERROR_FILE_CORRUPT);
         return nullptr;
+    }
     file->title = file->stream->ReadString(nullptr);
     file->dataStart = file->readUpTo = file->WhereAmI();
     return file.release();
 }
 
+// A new file in the place of what is there. Null when that fails, with the reason in errno.
+monFile* monFile::MakeAnew(const std::string& path, const char* given, const std::string& head)
+{
+    btkReplacement next;
+    if (!next.CreateBeside(path.c_str()) || !next.Write(head.data(), head.size()) ||
+        !next.TakePlace(btkReplacement::Unsynced))
+        return nullptr;
+    btkFd own = next.Duplicate();
+    if (!own)
+        return nullptr;
+    std::unique_ptr<xfilebuf> buffer(xfilebuf::Adopt(std::move(own), xfilebuf::ReadWrite));
+    std::unique_ptr<ioFileStream, qelDelete> opened(new (pDefMemMgr)
+                                                        ioFileStream(buffer.get(), given, true, true));
+    buffer.release();
+    monFile* const file = new (pDefMemMgr) monFile(opened.get(), path, false);
+    opened.release();
+    return file;
+}
+
 monFile* monFile::Create(const char* path, const char* newTitle)
 {
-    std::unique_ptr<monFile, qelDelete> file(Attach(path));
-    if (file == nullptr) {
-        // Opening for writing makes it.
-        const std::unique_ptr<ioFileStream, qelDelete> made(ioFileStream::Open(path, ioWriteOnly));
-        if (made == nullptr)
-            return nullptr;
-        file.reset(Attach(path));
-    }
-    if (file == nullptr || !btkSetFileSize(file->stream->fileBuf->GetHandle(), 0))
+    std::string host;
+    if (!HostPathOf(path, host))
         return nullptr;
-    file->stream->WriteInt(0);
-    file->StoreString(newTitle);
-    file->dataStart = file->readUpTo = file->WhereAmI();
+    const std::string head = HeadOf(newTitle);
+    std::unique_ptr<monFile, qelDelete> file(MakeAnew(host, path, head));
+    if (file == nullptr && btkReplacement::IsKeptOut(errno)) {
+        file.reset(Attach(host, path));
+        if (file == nullptr || file->place->isReadOnly ||
+            !btkSetFileSize(file->stream->fileBuf->GetHandle(), 0)) {
+            platFailWith(ERROR_ACCESS_DENIED);
+            return nullptr;
+        }
+        file->stream->WriteBytes(head.data(), static_cast<unsigned>(head.size()));
+        file->stream->Flush(1);
+    } else if (file == nullptr) {
+        platFailOn(host);
+        return nullptr;
+    }
+    file->dataStart = file->readUpTo = static_cast<int>(head.size());
     if (qelIsObject(newTitle))
         file->title = newTitle;
     return file.release();
+}
+
+// ---- which file it is
+
+void monFile::Prepare()
+{
+    stream->CheckOpen();
+    if (place->process == btkProcessNumber())
+        return;
+    if (!btkOpenAnew(stream->fileBuf->GetHandle()))
+        stream->ThrowState(ioFileStream::stateBad);
+    place->process = btkProcessNumber();
+}
+
+void monFile::PrepareToWrite()
+{
+    Prepare();
+    if (place->isReadOnly)
+        qelXNativeException::Throw("monFile: Opened for reading only");
+}
+
+// Throws when the file has no name left or has been emptied.
+long long monFile::SizeUnlessGone()
+{
+    btkFileState now;
+    if (!btkGetFileState(stream->fileBuf->GetHandle(), now) || !now.hasName || now.size < readUpTo)
+        ThrowShrunk();
+    return now.size;
+}
+
+bool monFile::isReplaced()
+{
+    Prepare();
+    btkFileState own, there;
+    return !btkGetFileState(stream->fileBuf->GetHandle(), own) || !own.hasName ||
+           !btkGetFileState(place->path.c_str(), there) || !there.IsSameFile(place->opened);
+}
+
+bool monFile::Reopen()
+{
+    if (!stream->getIsOpen()) {
+        platFailWith(ERROR_INVALID_HANDLE);
+        return false;
+    }
+    std::unique_ptr<monFile, qelDelete> anew;
+    try {
+        anew.reset(OpenAt(place->path, stream->getPath().CastToCString()));
+    } catch (xthrowable* thrown) { // it is not whole yet
+        LetGo(thrown);
+        platFailWith(ERROR_FILE_CORRUPT);
+    }
+    if (anew == nullptr)
+        return false;
+
+    std::vector<std::pair<std::string, monParam*>> known;
+    for (int slot = 0; slot < params->getarraysize(); ++slot) {
+        monParam* parameter = nullptr;
+        if (params->getbyindex(slot, &parameter))
+            known.emplace_back(parameter->name.CastToCString(), parameter);
+    }
+    for (const auto& [name, parameter] : known) {
+        params->remove(name.c_str());
+        place->lost.set(name.c_str(), parameter);
+    }
+    for (monParam* each = firstParam; each != nullptr; each = each->next)
+        each->isLost = true;
+    std::swap(stream, anew->stream);
+    std::swap(place->opened, anew->place->opened);
+    place->isReadOnly = anew->place->isReadOnly;
+    place->process = anew->place->process;
+    dataStart = anew->dataStart;
+    readUpTo = anew->readUpTo;
+    title = anew->title;
+    headerWord = anew->headerWord;
+    isPatient = true;
+    return true;
 }
 
 xstring monFile::getTitle()
@@ -180,9 +355,11 @@ void monFile::Seek(int position)
 // Moves behind the last whole record. What stands there was left by a writer that was killed.
 void monFile::SeekEnd()
 {
-    stream->CheckOpen();
     xfilebuf& file = *stream->fileBuf;
-    if (file.GetFileSize() > readUpTo && !btkSetFileSize(file.GetHandle(), readUpTo))
+    const long long end = file.GetFileSize();
+    if (end > readUpTo && !IsTail(end))
+        monThrowWeird();
+    if (end > readUpTo && !btkSetFileSize(file.GetHandle(), readUpTo))
         stream->ThrowState(ioFileStream::stateBad);
     Seek(readUpTo);
 }
@@ -273,11 +450,12 @@ void monFile::ReadPast(int size)
 void monFile::UpdateCache()
 {
     constexpr int attempts = 5;
-    stream->CheckOpen();
+    Prepare();
     for (int left = attempts;; --left) {
-        const long long end = stream->fileBuf->GetFileSize();
-        if (end < readUpTo)
-            qelXNativeException::Throw("monFile has shrunk!");
+        const long long end = SizeUnlessGone();
+        btkFileState there;
+        if (!btkGetFileState(place->path.c_str(), there) || !there.IsSameFile(place->opened))
+            ThrowShrunk();
         if (end == readUpTo)
             return;
         try {
@@ -287,7 +465,7 @@ void monFile::UpdateCache()
             // Since the size was taken, a writer may have cut off a record that was never finished.
             if (!stream->getIsEof() || left == 0)
                 throw;
-            xdelete(thrown);
+            LetGo(thrown);
         }
     }
 }
@@ -353,9 +531,77 @@ bool monFile::ReadRecord(long long end)
     return true;
 }
 
+// Whether what follows the last whole record, which is not all there, can be what a writer had put down of
+// one when it was killed. When it is records that a damaged length has swallowed, there are zeros where none
+// can be, in the name, or none where they must be, behind a text.
+bool monFile::IsTail(long long end)
+{
+    constexpr int largestHead = headSize + longestName + 2 * monWordSize;
+    const btkHandle handle = stream->fileBuf->GetHandle();
+    unsigned char head[largestHead] = {}; // what is missing of it counts as zero
+    const std::ptrdiff_t there = btkReadAt(handle, head, sizeof head, readUpTo);
+    const auto wordAt = [&head](long long at) {
+        std::uint32_t word;
+        std::memcpy(&word, head + at, sizeof word);
+        return btkNetworkOrder(word);
+    };
+    const std::uint32_t type = wordAt(0), nameLength = wordAt(8);
+    if (there < 0 || type > stringRecord || wordAt(4) != 0 || nameLength > longestName)
+        return false;
+    const long long nameEnd = headSize + static_cast<long long>(nameLength);
+    const long long nameThere = std::max(std::min<long long>(there, nameEnd) - headSize, 0LL);
+    if (std::memchr(head + headSize, 0, static_cast<std::size_t>(nameThere)) != nullptr)
+        return false;
+    if (type != stringRecord)
+        return true;
+    const std::uint32_t capacity = wordAt(nameEnd), length = wordAt(nameEnd + monWordSize);
+    if (capacity > INT_MAX || length > capacity)
+        return false;
+    char block[4096];
+    std::ptrdiff_t count = 0;
+    for (long long at = readUpTo + nameEnd + 2 * monWordSize + length; at < end; at += count) {
+        count = btkReadAt(handle, block,
+                          static_cast<std::size_t>(std::min<long long>(sizeof block, end - at)), at);
+        if (count <= 0 || std::any_of(block, block + count, [](char c) { return c != '\0'; }))
+            return false;
+    }
+    return true;
+}
+
+monFile::State monFile::Check(int& offset)
+{
+    State state = whole;
+    try {
+        UpdateCache();
+        const long long end = SizeUnlessGone();
+        if (end > readUpTo)
+            state = IsTail(end) ? unfinished : damaged;
+    } catch (xthrowable* thrown) {
+        if (qelXNativeException::softcast(thrown) == nullptr || isReplaced() ||
+            btkGetFileSize(stream->fileBuf->GetHandle()) < readUpTo)
+            throw;
+        LetGo(thrown);
+        state = damaged;
+    }
+    offset = readUpTo;
+    return state;
+}
+
+// The object of before the file was reopened is the one of now.
 template<class Param, class... Capacity>
 Param* monFile::Enter(const char* name, int position, Capacity... capacity)
 {
+    monParam* before = nullptr;
+    if (place->lost.find(name, &before) && before->isSameAs(Param::getClassRtti())) {
+        Param* const found = Param::softcast(before);
+        place->lost.remove(name);
+        found->isLost = false;
+        found->position = position;
+        if constexpr (sizeof...(capacity) > 0)
+            found->capacity = (0 + ... + capacity);
+        params->set(name, found);
+        return found;
+    }
     Param* const made = new (pDefMemMgr) Param(*this, name, position, capacity...);
     made->next = firstParam;
     firstParam = made;
@@ -378,6 +624,7 @@ Param* monFile::FindOrAdd(const char* name, Capacity... capacity)
         qelhThrowNotInitialized();
     monParam* found = FindRecord(name);
     if (found == nullptr) {
+        PrepareToWrite();
         btkRangeLock adding(stream->fileBuf->GetHandle(), 0, 1);
         if (adding.Wait(btkRangeLock::Exclusive, limit) == btkRangeLock::Busy)
             qelXNativeException::Throw("monFile: Another process is adding parameters");

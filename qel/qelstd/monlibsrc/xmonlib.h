@@ -1,6 +1,7 @@
 #pragma once
 
 #include <ios>
+#include <string>
 
 #include <qel/xdictionary.h>
 #include <qel/xstring.h>
@@ -13,12 +14,20 @@ class monFile;
 //
 // Nothing is cached: each getValue reads the file, and each setValue has written it when it returns. A bool,
 // int or real that is read is one that was written, never a part of each of two; so is a text where both
-// sides use this library. Whoever has stopped, or was killed, at whatever moment, holds up nobody for long
-// and leaves a file that can be read and written.
+// sides use this library, except that a writer which is killed may leave a text of more than 4096 bytes torn:
+// a record has no room for a second copy. Whoever has stopped, or was killed, at whatever moment, holds up
+// nobody for long and leaves a file that can be read and written.
+//
+// A publisher that starts anew makes a new file in the place of the old one. Those who have the old one open
+// find that out at their next reading ("monFile has shrunk!"), and call Reopen. A forked child may go on with
+// a file that its parent has opened; it opens it anew by itself.
 //
 // Used by one thread at a time, a file with all its parameters. Failures: ioXStream for what goes wrong with
 // the stream (the file was closed, ended early, could not be written); qelXNativeException, with the texts
-// named below, for what is wrong with the file or with an argument. Nothing has been written then.
+// named below, for what is wrong with the file or with an argument. Nothing has been written then. Reading
+// and writing a value throws, besides: "monFile has shrunk!" (reading only), when the file has been replaced,
+// removed or emptied; "monFile: Opened for reading only"; "monFile: No such parameter any more", after
+// Reopen.
 
 /// One value in a monitor file, by its name. It belongs to its file and is valid as long as that is. Not
 /// counted, and not to be freed.
@@ -44,6 +53,7 @@ protected:
 
 private:
     friend class monFile;
+    bool isLost = false;      // not found again since the file was reopened
     monParam* next = nullptr; // of its file, which frees them all
 };
 
@@ -132,13 +142,24 @@ public:
     monFile& operator=(const monFile&) = delete;
     ~monFile() override;
 
-    /// Opens an existing file, in native or remote form, for reading and writing. Null when it cannot be
-    /// opened, and when its header is of another kind of file. The caller owns the new object.
+    /// Opens an existing file, in native or remote form, for reading and writing; for reading only when this
+    /// process may not write it. Null when it cannot be opened, and when its header is of another kind of
+    /// file (GetLastError() is 1392 then). The caller owns the new object.
     /// @throws ioXStream  it ends within the header or the title
     static monFile* Open(const char* path);
-    /// Makes the file, or empties an existing one, and gives it the title. Those who have it open find that
-    /// it has shrunk. Null when that is not possible. The caller owns the new object.
+    /// Makes a new file with the title, in the place of an existing one in one step: soft links stay, and so
+    /// do its owner, mode and access list. Those who have the old one open keep it whole and find out that it
+    /// has been replaced. Where the host does not let it be replaced (its folder may not be written to), it
+    /// is emptied instead. Null when that is not possible, and at once for what is no plain file. The caller
+    /// owns the new object.
     static monFile* Create(const char* path, const char* title);
+
+    /// Whether the path leads to another file by now or to none, or this one has no name left.
+    bool isReplaced();
+    /// Opens the file that the path leads to now, in place of this one. The parameter objects stay valid and
+    /// find the record of their name and kind in it again, when it is there. False, with nothing changed,
+    /// when it cannot be opened, is no monitor file or was closed.
+    bool Reopen();
 
     xstring getTitle();
     /// The parameters, after looking for new ones. The table stays the file's. When several were given one
@@ -161,6 +182,18 @@ public:
     /// @throws qelXNativeException  "monFile::String: Negative capacity"
     monStringParam* String(const char* name, int capacity);
 
+    // What Check finds.
+    enum State {
+        whole,
+        unfinished, // a record at the end is being added, or whoever added it was killed
+        damaged
+    };
+    /// Reads all there is. `offset`: the end of the last whole record, in bytes, where the unfinished or the
+    /// damaged part begins. Changes nothing; writers refuse to add to a damaged file ("Weird parameter
+    /// type").
+    /// @throws qelXNativeException  "monFile has shrunk!"
+    State Check(int& offset);
+
     /// Closes the file for good; the parameters stay valid, but reading and writing them throws.
     void Close();
 
@@ -174,8 +207,12 @@ private:
     template<class Param>
     struct Kind;
 
-    explicit monFile(ioFileStream* opened);
-    static monFile* Attach(const char* path);
+    struct Place;
+
+    monFile(ioFileStream* opened, const std::string& path, bool isReadOnly);
+    static monFile* Attach(const std::string& path, const char* given);
+    static monFile* OpenAt(const std::string& path, const char* given);
+    static monFile* MakeAnew(const std::string& path, const char* given, const std::string& head);
 
     int WhereAmI();
     void Seek(int position);
@@ -193,11 +230,17 @@ private:
     bool LoadFixedString(int capacity);
     void ReadPast(int size);
 
+    // Before each access: the opening is one of this process.
+    void Prepare();
+    void PrepareToWrite();
+    long long SizeUnlessGone();
+    int PositionOf(monParam& parameter);
+
     // A value in its place.
     template<class Value>
-    Value Get(std::fpos<int> position);
+    Value Get(monParam& parameter);
     template<class Value>
-    Value Set(std::fpos<int> position, Value value);
+    Value Set(monParam& parameter, Value value);
     xstring GetText(int start, int capacity); // null: the file says that it is longer than it can be
     void SetText(int start, int capacity, const char* text);
     template<class Load>
@@ -208,6 +251,7 @@ private:
     void UpdateCache();
     void ReadRecords(long long end);
     bool ReadRecord(long long end);
+    bool IsTail(long long end);
     monParam* FindRecord(const char* name);
     template<class Param, class... Capacity>
     Param* FindOrAdd(const char* name, Capacity... capacity);
@@ -218,6 +262,7 @@ private:
     Param* Enter(const char* name, int position, Capacity... capacity);
 
     ioFileStream* stream;
+    Place* place;
     int dataStart = 0;
     int readUpTo = 0;
     xstring title;
