@@ -35,6 +35,13 @@ struct Batch
 };
 thread_local Batch batch;
 
+/// Whether the thread's batch will sync the store's file system already.
+bool isInBatch(const platStore& store)
+{
+    return std::ranges::any_of(batch.changed,
+                               [&store](const auto& other) { return other.first == store.device; });
+}
+
 std::string variable(const char* name)
 {
     std::string value;
@@ -213,10 +220,13 @@ platChange::platChange(const platStore& changed) : store(changed), owner(getpid(
     lock = platDescriptor(platOpenAt(folder, lockFile, O_RDWR | O_CREAT | O_NOFOLLOW, privateFile));
     if (!lock || platRetry([this] { return flock(lock.get(), LOCK_EX); }) != 0)
         return;
-    if (mkdirat(folder, unfinishedFolder, privateFolder) != 0 && errno != EEXIST)
-        return;
-    unfinished = platDescriptor(platOpenAt(folder, unfinishedFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
-    if (unfinished)
+    const auto open = [folder] {
+        return platOpenAt(folder, unfinishedFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    };
+    unfinished = platDescriptor(open());
+    if (!unfinished && errno == ENOENT && mkdirat(folder, unfinishedFolder, privateFolder) == 0)
+        unfinished = platDescriptor(open());
+    if (unfinished && !isInBatch(store)) // once for all changes of a batch
         removeUnfinished({});
 }
 
@@ -317,8 +327,7 @@ bool platChange::RemoveFile(int folder, const char* name)
 bool platChange::sync(int folder) const
 {
     if (batch.depth > 0) {
-        const auto isOfDevice = [this](const auto& other) { return other.first == store.device; };
-        if (std::ranges::any_of(batch.changed, isOfDevice))
+        if (isInBatch(store))
             return true;
         if (platDescriptor kept(fcntl(unfinished.get(), F_DUPFD_CLOEXEC, 0)); kept) {
             batch.changed.emplace_back(store.device, std::move(kept));
