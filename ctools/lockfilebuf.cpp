@@ -164,6 +164,7 @@ struct lockFileBuf::State
         if (opening == nullptr)
             return;
         opening->isOpen = false;
+        std::erase(openings, opening); // where another thread closes, its maker finds it closed
         if (opening->process == getpid())
             flock(file.Get(), LOCK_UN);
         opening.reset();
@@ -198,9 +199,10 @@ struct lockFileBuf::State
         // An update that waits for this thread's other opening must not be waited for.
         const bool locked = own == Own::reading ? lockBefore(file.Get(), forUpdate, end)
                                                 : queueForLock(file.Get(), forUpdate, end);
-        made->isOpen = locked;
         if (locked)
             opening = std::move(made);
+        else
+            std::erase(openings, made);
         return locked;
     }
 

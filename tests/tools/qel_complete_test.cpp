@@ -32,7 +32,7 @@ TEST(QelComplete, OffersCommandsAndOptions)
 {
     EXPECT_EQ(Offered("ser"), "server ");
     EXPECT_EQ(Offered("server ''"), "ping version shutdown check ");
-    EXPECT_EQ(Offered("ns serve --max"), "--max-records --max-records-of-process ");
+    EXPECT_EQ(Offered("ns serve --max"), "--max-records --max-records-of-process --max-records-of-peer ");
     EXPECT_EQ(Offered("ns query --host=x --js"), "--json ");
     EXPECT_EQ(Offered("ns query --host --js"), "") << "it is the host";
     EXPECT_EQ(Offered("completion ''"), "bash zsh ");

@@ -166,7 +166,7 @@ void TestNames(const std::string&)
     Echo echo;
     const xrchandle<netAddress> address(netAddress::Create("selftest", nullptr));
     {
-        const Owned<netServer> server(netServer::Create("selftest", 0));
+        const Owned<netServer> server(netServer::Create("selftest", 0, "127.0.0.1"));
         Require(server != nullptr, "no port can be listened on");
         server->setOnRequest(&echo);
         const Beside loop([&] { server->Run(); }, [&] { netServer::Shutdown(address.get()); });
