@@ -13,6 +13,7 @@
 #include "support/environment.h"
 #include "support/tempdir.h"
 #include "support/thrown.h"
+#include "support/traced.h"
 
 namespace {
 

@@ -13,6 +13,7 @@
 #include "support/environment.h"
 #include "support/tempdir.h"
 #include "support/testserver.h"
+#include "support/traced.h"
 #include <qel/base/btksocket.h>
 #include <qel/netserver.h>
 #include <qel/xiolib.h>

@@ -11,7 +11,7 @@
 #include <qel/qelprint.h>
 #include <qel/qeltable.h>
 
-enum testMood { calm, merry, cross };
+enum testMood : int { calm, merry, cross };
 QEL_ENUM(testMood);
 enum testPulse : unsigned char { slow, fast };
 QEL_ENUM(testPulse);

@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <iostream>
 #include <mutex>
 #include <new>
 #include <string_view>
@@ -51,7 +50,7 @@ void ReportUnknown(const char* server, const char* root, DWORD error)
         "netServer: no other machine may connect to \"%.200s\": its rights in the %s registry cannot be "
         "read: %s (error %u)\n",
         server, root, why, error);
-    std::cerr << line << std::flush;
+    std::fputs(line, stderr);
 }
 
 bool Admits(hmxRegistry& registry, const char* root, const xstring& server, const xstring& address)
