@@ -107,7 +107,7 @@ private:
     void* stream = nullptr;       // the host's directory stream, from the first Read on
     platNodeId left;              // which directory was released
     std::vector<Remembered> rest; // what was to be read then, the last one first
-    Remembered given;             // of these, the one that Read gave
+    Remembered given = {};        // of these, the one that Read gave
     bool isReleased = false, isRemembered = false;
 };
 
