@@ -500,6 +500,8 @@ TEST_P(ConfigFaults, IsWhatItsWriterWasToldWhenACallFails)
         for (const char* call :
              {"write", "pwrite64", "fsync", "renameat,renameat2", "ftruncate", "fallocate"})
             for (const char* when : {"1", "2", "1+"}) {
+                if (!freedMemoryIsGone && call == std::string("write"))
+                    continue; // sanitizers write, too
                 prepare();
                 const Faulty run = updateWithFault(path(), call, std::string("error=") + error, when);
                 if (!run.struck)

@@ -87,11 +87,15 @@ struct monFile::Kind<monStringParam>
 // ---- the file
 
 monFile::monFile(ioFileStream* opened, const std::string& path, bool isReadOnly)
-    : stream(opened), place(new Place(path, isReadOnly)), title(""), params(new (pDefMemMgr) monParamDict)
+    : stream(opened), place(nullptr), title(""), params(nullptr)
 {
+    auto ownPlace = std::make_unique<Place>(path, isReadOnly);
+    std::unique_ptr<monParamDict, qelDelete> ownParams(new (pDefMemMgr) monParamDict);
     opened->setSerializer(ioSerializer::getXDR());
     opened->fileBuf->KeepWhole();
-    btkGetFileState(opened->fileBuf->GetHandle(), place->opened);
+    btkGetFileState(opened->fileBuf->GetHandle(), ownPlace->opened);
+    place = ownPlace.release();
+    params = ownParams.release();
 }
 
 monFile::~monFile()
