@@ -96,7 +96,7 @@ private:
     std::size_t used = 0;
 };
 
-// What the system refused to do in one call, done in another way.
+// Polls in parts, after the system has refused a single call.
 int pollInParts(pollfd* asked, std::size_t count, btkTimeval limit)
 {
     const int ready = MergedPoll(asked, count).poll(limit);

@@ -157,7 +157,7 @@ auto retried(Call call)
     return result;
 }
 
-/// What the host has to say about writes on closing only.
+/// Finds write errors that the operating system reports on close only.
 bool hasKeptWrites(const btkFd& file)
 {
     btkFd copy = file.Duplicate();

@@ -35,7 +35,7 @@ class BASE_API btkReplacement
 public:
     /// Whether the content, and the name in its folder, must have reached the disk.
     enum Durability { Synced, Unsynced };
-    /// What becomes of another file that has the name.
+    /// Whether another file of that name is replaced.
     enum Existing { Replaced, Kept };
     /// Whether the file has a name before TakePlace. Without one a process that is killed leaves nothing.
     enum Name { Unnamed, Named };

@@ -40,7 +40,7 @@ std::atomic<btkTimeval> answerLimit = btkTimeval(10, 0);
 std::atomic<std::size_t> mostRecords = 100000;
 std::atomic<std::size_t> mostBytes = std::size_t(64) << 20;
 
-// What a record takes of memory, about.
+// Approximate memory use of a record.
 std::size_t CostOf(const nmsFields& record)
 {
     std::size_t cost = sizeof record;

@@ -34,7 +34,7 @@ struct nmsOutcome
 class BASE_API nmsExchange
 {
 public:
-    /// What Ask returns when there was no connection or it broke.
+    /// Returned by Ask when there was no connection or it broke.
     static constexpr int noAnswer = -1;
 
     /// `by`: when requests end at the latest, on the clock of btkTimeval::Now. Forever: each after the answer

@@ -25,7 +25,7 @@ bool xoutputbuf::Finish()
     return pubsync() == 0 || errno == EPIPE;
 }
 
-// What cannot be written is dropped.
+// Drops bytes that cannot be written.
 int xoutputbuf::sync()
 {
     const std::size_t count = Gathered();

@@ -41,7 +41,7 @@ void xstringbuf::DiscardRead()
         return;
     forgotten = static_cast<std::size_t>(gptr() - storage.get());
     const std::size_t left = GetSize();
-    // What is left is moved to the front once that costs no more than it is worth.
+    // Unread bytes move to the front once that costs no more than it frees.
     if (left > 0 && left <= forgotten)
         std::memcpy(storage.get(), gptr(), left);
     if (left <= forgotten)

@@ -156,7 +156,7 @@ BENCHMARK(setManyOurs)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 
-/// What there is without batches: each file is synced by itself.
+/// The peer has no batches: it syncs each file by itself.
 void setManyPlain(benchmark::State& state)
 {
     const std::string folder = data.root + "/many";
