@@ -8,17 +8,34 @@ constexpr btkTimeval shortLimit(0, 10000);
 // Less than the writer's, since the clock shows whole microseconds.
 constexpr btkTimeval sureLimit(0, 990);
 
-// Where the lock stands by which a writer announces that it waits for a value.
-constexpr long long Announced(int position)
+// Where the locks stand by which a writer or a reader announces that it waits for a value.
+constexpr long long WriterAnnounced(int position)
 {
     return position + (1LL << 32);
 }
 
+constexpr long long ReaderAnnounced(int position)
+{
+    return position + (2LL << 32);
+}
+
+// Lets readers go first that wait for the value. Returns whether they went.
+bool LetReadersGo(btkRangeLock& readers)
+{
+    btkPatience patience(writerLimit);
+    bool wait = readers.IsBusy(btkRangeLock::Exclusive);
+    while (wait && patience.Rest())
+        wait = readers.IsBusy(btkRangeLock::Exclusive);
+    return !wait;
+}
+
 } // namespace
 
-monWriteLock::monWriteLock(btkHandle file, int position, int size)
-    : value(file, position, size), waiting(file, Announced(position), size)
+monWriteLock::monWriteLock(btkHandle file, int position, int size, bool& isPolite)
+    : value(file, position, size), waiting(file, WriterAnnounced(position), size)
 {
+    btkRangeLock readers(file, ReaderAnnounced(position), size);
+    isPolite = isPolite ? LetReadersGo(readers) : !readers.IsBusy(btkRangeLock::Exclusive);
     if (value.Try(btkRangeLock::Exclusive) != btkRangeLock::Busy)
         return;
     waiting.Try(btkRangeLock::Exclusive);
@@ -26,17 +43,23 @@ monWriteLock::monWriteLock(btkHandle file, int position, int size)
 }
 
 monReadLock::monReadLock(btkHandle file, int position, int size, bool& isPatient)
-    : value(file, position, size), waiting(file, Announced(position), size)
+    : value(file, position, size), writers(file, WriterAnnounced(position), size)
 {
+    btkRangeLock waiting(file, ReaderAnnounced(position), size);
+    bool isAnnounced = false;
     btkPatience patience(isPatient ? readerLimit : shortLimit);
-    do {
+    for (;;) {
         begin = btkTimeval::Now();
         answer = value.Try(btkRangeLock::Shared);
-        if (answer == btkRangeLock::Held && waiting.IsBusy(btkRangeLock::Shared)) {
+        if (answer == btkRangeLock::Held && writers.IsBusy(btkRangeLock::Shared)) {
             value.Release();
             answer = btkRangeLock::Busy;
         }
-    } while (answer == btkRangeLock::Busy && patience.Rest());
+        if (answer != btkRangeLock::Busy || !patience.Rest())
+            break;
+        if (!isAnnounced)
+            isAnnounced = waiting.Try(btkRangeLock::Shared) == btkRangeLock::Held;
+    }
     isPatient = answer != btkRangeLock::Busy;
 }
 
@@ -48,5 +71,5 @@ bool monReadLock::IsSure() const
 
 bool monReadLock::IsQuiet() const
 {
-    return !waiting.IsBusy(btkRangeLock::Shared) && !value.IsBusy(btkRangeLock::Shared);
+    return !writers.IsBusy(btkRangeLock::Shared) && !value.IsBusy(btkRangeLock::Shared);
 }

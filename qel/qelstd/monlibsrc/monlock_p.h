@@ -5,10 +5,13 @@
 // Locks between the writer of a value and its readers. Exclusive for the writer, shared for readers, on the
 // value's own bytes; and nobody waits for long, since the other side may have stopped.
 //
-// A writer that does not get its lock announces that it waits, by a lock on the same bytes beyond all
-// positions. New readers then step back, and when those inside have not left after `writerLimit`, it writes
-// all the same. What a reader has found in less time than that is sure. What took longer is good when nobody
-// was writing at the end and the same was found before.
+// A writer or a reader that does not get its lock announces that it waits, by a lock on the same bytes beyond
+// all positions. A writer that comes then lets the readers go first, for `writerLimit` at most, so that one
+// that stores without a pause does not starve them.
+//
+// While a writer waits, new readers step back, and when those inside have not left after `writerLimit`, it
+// writes all the same. What a reader has found in less time than that is sure. What took longer is good when
+// nobody was writing at the end and the same was found before.
 
 /// Whether a value can be seen half written without locks. What lies in one line of the processor's cache is
 /// copied in one step; more than that is not.
@@ -21,7 +24,9 @@ inline bool monIsSplit(int position, int size)
 class monWriteLock
 {
 public:
-    monWriteLock(btkHandle file, int position, int size);
+    /// `isPolite` is false while readers that wait have last been let go in vain: they may have stopped, and
+    /// are not waited for again before they have left.
+    monWriteLock(btkHandle file, int position, int size, bool& isPolite);
 
 private:
     btkRangeLock value;
@@ -40,7 +45,7 @@ public:
 
 private:
     btkRangeLock value;
-    btkRangeLock waiting;
+    btkRangeLock writers;
     btkTimeval begin;
     btkRangeLock::Answer answer;
 };

@@ -158,7 +158,7 @@ Value monFile::Set(monParam& parameter, Value value)
     const btkHandle handle = stream->fileBuf->GetHandle();
     std::optional<monWriteLock> lock;
     if (monIsSplit(start, sizeof word))
-        lock.emplace(handle, start, static_cast<int>(sizeof word));
+        lock.emplace(handle, start, static_cast<int>(sizeof word), isPolite);
     if (btkWriteWholeAt(handle, &word, sizeof word, start) != sizeof word)
         Attempt([&] { stream->ThrowState(ioFileStream::stateBad); });
     return value;
@@ -176,7 +176,7 @@ xstring monFile::GetText(int start, int capacity)
 
 void monFile::SetText(int start, int capacity, const char* text)
 {
-    const monWriteLock lock(stream->fileBuf->GetHandle(), start, monWordSize + capacity);
+    const monWriteLock lock(stream->fileBuf->GetHandle(), start, monWordSize + capacity, isPolite);
     Attempt([&] {
         Seek(start);
         StoreString(text);

@@ -270,4 +270,5 @@ private:
     monParamDict* params;
     monParam* firstParam = nullptr; // all of them, also those that others of their name have replaced
     bool isPatient = true;          // whether waiting for a writer has been worth while
+    bool isPolite = true;           // whether waiting for readers has been
 };
