@@ -17,11 +17,11 @@ GOAL = (90, 80)
 STRICT_GOAL = (95, 90)
 STRICT = {
     "decoders": ("qel/qelstd/iolibsrc/ioserializer", "qel/qelstd/iolibsrc/ioasciiserializer", "qel/qelstd/iolibsrc/ioform_p",
-                 "qel/qelstd/iolibsrc/iotext_p", "baselib/nmswire", "baselib/nmstable", "qel/qelstd/monlibsrc/"),
-    "write-back": ("baselib/xfilebuf", "baselib/xinputbuf", "baselib/xpipebuf", "baselib/xsocketbuf", "baselib/xstdbuf",
-                   "baselib/xstreambuf", "baselib/xstringbuf", "baselib/xbufaccess", "ctools/lockfilebuf",
+                 "qel/qelstd/iolibsrc/iotext_p", "baselib/names/nmswire", "baselib/names/nmstable", "qel/qelstd/monlibsrc/"),
+    "write-back": ("baselib/buffers/xfilebuf", "baselib/buffers/xinputbuf", "baselib/buffers/xpipebuf", "baselib/buffers/xsocketbuf", "baselib/buffers/xstdbuf",
+                   "baselib/buffers/xstreambuf", "baselib/buffers/xstringbuf", "baselib/buffers/xbufaccess", "ctools/lockfilebuf",
                    "qel/qelstd/config/hmxconfigfile"),
-    "handshake": ("baselib/nethandshake", "qel/qelstd/netlibsrc/netserver"),
+    "handshake": ("baselib/names/nethandshake", "qel/qelstd/netlibsrc/netserver"),
     "relay": ("qel/qelstd/rshlib/rshrelay",),
 }
 
