@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include <qel/qelthrow.h>
 #include <qel/xany.h>
 #include <qel/xobject.h>
 #include <qel/xstring.h>
@@ -40,9 +41,3 @@ inline bool qelIsBelow(const void* a, const void* b)
 {
     return reinterpret_cast<std::uintptr_t>(a) < reinterpret_cast<std::uintptr_t>(b);
 }
-
-[[noreturn]] QEL_API void qelhThrowInvalidSeqIndex(xobject* obj, int index);
-[[noreturn]] QEL_API void qelhThrowInvalidDictIndex(xobject* obj, int index);
-[[noreturn]] QEL_API void qelhThrowInvalidDictKey(xobject* obj, const char* key);
-[[noreturn]] QEL_API void qelhThrowNegativeIndex(int index);
-[[noreturn]] QEL_API void qelhThrowNotInitialized();

@@ -335,6 +335,18 @@ xstring qelTextOf(xthrowable* failure)
     return text == nullptr || text == "" ? failure->getQelTypeName() : text;
 }
 
+void qelThrowTypeMismatch(xrttiobject* expected, xobject* p)
+{
+    qelXTypeMismatch::Throw(expected->getName().CastToCString(), p);
+}
+
+void qelThrowInvalid(xrtti* expected, const xany& value)
+{
+    if (value.isNull())
+        qelXNull::Throw();
+    qelXTypeMismatch::Throw(expected->getName().CastToCString(), value);
+}
+
 void qelhThrowInvalidSeqIndex(xobject* obj, int index)
 {
     qelXInvalidSeqIndex::Throw(obj, index);

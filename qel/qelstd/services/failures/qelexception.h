@@ -2,6 +2,7 @@
 
 #include <iosfwd>
 
+#include <qel/qelthrow.h>
 #include <qel/xany.h>
 #include <qel/xobject.h>
 #include <qel/xstring.h>
@@ -258,14 +259,6 @@ template<class T, class... A>
 {
     xthrow(xrcunihandle<xthrowable>(new (pDefMemMgr) T(static_cast<A&&>(arguments)...)));
 }
-
-[[noreturn]] QEL_API void qelhThrowInvalidSeqIndex(xobject* obj, int index);
-[[noreturn]] QEL_API void qelhThrowInvalidDictIndex(xobject* obj, int index);
-[[noreturn]] QEL_API void qelhThrowInvalidDictKey(xobject* obj, const char* key);
-[[noreturn]] QEL_API void qelhThrowInvalidArrayIndex(xobject* obj, int dimension, int index);
-[[noreturn]] QEL_API void qelhThrowNegativeIndex(int index);
-[[noreturn]] QEL_API void qelhThrowNotInitialized();
-[[noreturn]] QEL_API void qelhThrowRefCountable(xobject* obj);
 
 /// A new exception, not thrown, for a failure that is not the framework's own.
 QEL_API xrchandle<qelXNativeException> qelCreateNativeException(const char* text);

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "qeltable.h"
-#include "xrttiattrseq.h"
 #include "xrttimap_p.h"
 
 namespace {
@@ -142,26 +141,6 @@ void* qelRttiGetUserData(const char* typeName, const char* key)
 {
     xrtti* const type = qelRttiGetFromMap(typeName);
     return type == nullptr ? nullptr : type->getUserData(key);
-}
-
-void qelRttiCollectAttrs(xrttistruct* type, unsigned char inherited, xrttiattrseq* out)
-{
-    for (int i = 0; inherited && i < type->getNParents(); ++i)
-        qelRttiCollectAttrs(xrttistruct::cast(type->getParent(i)), inherited, out);
-    for (int i = 0; i < type->getNAttrs(); ++i)
-        out->append(type->getAttr(i));
-}
-
-xrttiattrseq* qelRttiCollectAttrs(xrttistruct* type, unsigned char inherited)
-{
-    xrttiattrseq* const attrs = xrttiattrseq::create();
-    try {
-        qelRttiCollectAttrs(type, inherited, attrs);
-    } catch (...) {
-        xdelete(attrs);
-        throw;
-    }
-    return attrs;
 }
 
 // ---- the built-in types

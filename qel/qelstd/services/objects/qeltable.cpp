@@ -10,7 +10,6 @@
 #include <qel/base/btkmemory.h>
 #include <qel/base/thrmutex.h>
 
-#include "qelexception.h"
 #include "xrttiancestors_p.h"
 
 // Descriptors live as long as the process, and so does everything that they point at.

@@ -6,7 +6,6 @@
 #include <qel/base/btkabort.h>
 #include <qel/base/btkstrbuf.h>
 
-#include "qelexception.h"
 #include "qelrtti.h"
 
 // ---- construction and destruction
@@ -95,11 +94,8 @@ unsigned char xany::softvalidate(xrtti* type, unsigned char optional) const
 
 void xany::validate(xrtti* type, unsigned char optional) const
 {
-    if (softvalidate(type, optional))
-        return;
-    if (isNull())
-        qelXNull::Throw();
-    qelXTypeMismatch::Throw(type->getName().CastToCString(), *this);
+    if (!softvalidate(type, optional))
+        qelThrowInvalid(type, *this);
 }
 
 unsigned char xany::equalsOther(const xany& other) const

@@ -5,7 +5,6 @@
 
 #include <qel/base/btkabort.h>
 
-#include "qelexception.h"
 #include "qelrtti.h"
 
 namespace {
@@ -273,10 +272,4 @@ void xthrow(xrcunihandle<xthrowable> h)
     xthrowable* const thrown = h.get();
     xrcattach(thrown);
     throw thrown;
-}
-
-void qelThrowTypeMismatch(xrttiobject* expected, xobject* p)
-{
-    qelXTypeMismatch::Throw(expected->getName().CastToCString(), p);
-    QEL_ABORT("Can not be here.");
 }

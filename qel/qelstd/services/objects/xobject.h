@@ -7,6 +7,7 @@
 #include <qel/base/btkmemory.h>
 #include <qel/base/thrthreading.h>
 #include <qel/qelexport.h>
+#include <qel/qelthrow.h>
 #include <qel/qelxobj_i.h>
 
 class xstring;
@@ -222,8 +223,6 @@ struct qelDelete
 };
 
 // ---- casts
-
-[[noreturn]] QEL_API void qelThrowTypeMismatch(xrttiobject* expected, xobject* p);
 
 /// `p` as a T, or null when it is none. Null and xuninitobj come back as they are.
 template<class T>

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <qel/qelexport.h>
+
+class xany;
+class xobject;
+class xrtti;
+class xrttiobject;
+
+// What objects and collections throw. The exceptions stand in qelexception.h, above them.
+
+[[noreturn]] QEL_API void qelhThrowInvalidSeqIndex(xobject* obj, int index);
+[[noreturn]] QEL_API void qelhThrowInvalidDictIndex(xobject* obj, int index);
+[[noreturn]] QEL_API void qelhThrowInvalidDictKey(xobject* obj, const char* key);
+[[noreturn]] QEL_API void qelhThrowInvalidArrayIndex(xobject* obj, int dimension, int index);
+[[noreturn]] QEL_API void qelhThrowNegativeIndex(int index);
+[[noreturn]] QEL_API void qelhThrowNotInitialized();
+[[noreturn]] QEL_API void qelhThrowRefCountable(xobject* obj);
+[[noreturn]] QEL_API void qelThrowTypeMismatch(xrttiobject* expected, xobject* p);
+
+/// Throws qelXNull when `value` is null, else qelXTypeMismatch.
+[[noreturn]] void qelThrowInvalid(xrtti* expected, const xany& value);
