@@ -2,6 +2,9 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,4 +26,20 @@ inline bool passesWithFault(const std::string& test, const std::string& names, c
     for (const std::string& path : paths)
         command += " -P " + path;
     return std::system((command + " " + self + " --gtest_filter=" + test + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+/// What `strace -c` has written to `path`: how often each system call was made, by its name; "total" is all.
+inline std::map<std::string, long> callsIn(const std::string& path)
+{
+    std::map<std::string, long> calls;
+    std::ifstream table(path);
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string percent, seconds, each, name;
+        long count = 0;
+        fields >> percent >> seconds >> each >> count;
+        while (fields >> name)
+            calls[name] = count;
+    }
+    return calls;
 }
