@@ -274,7 +274,6 @@ struct lockFileBuf::State
         // Made read-only meanwhile, it stays as it is.
         if (!deleted && faccessat(folder.Get(), name.c_str(), W_OK, AT_EACCESS) != 0)
             return false;
-        btkReplacement::RemoveLeftOvers(folder.Get());
         if (!deleted && opened.st_nlink > 1)
             return overwrite(folder.Get(), file.Get(), content, size);
         btkReplacement next;

@@ -157,6 +157,52 @@ auto retried(Call call)
     return result;
 }
 
+/// Removes from the open folder what processes that were killed have left. Returns how many names it has
+/// looked at.
+int removeLeftOvers(btkHandle folder)
+{
+    btkFd own(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::unique_ptr<DIR, int (*)(DIR*)> names(own ? fdopendir(own.Get()) : nullptr, &closedir);
+    if (names == nullptr)
+        return 0;
+    own.Release();
+    const dirent* entry;
+    int count = 0;
+    for (; count < mostNames && (entry = readdir(names.get())) != nullptr; ++count) {
+        if (!hasMark(entry->d_name))
+            continue;
+        const btkFd left(
+            openat(folder, entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+        struct stat status;
+        if (!left || fstat(left.Get(), &status) != 0 || !S_ISREG(status.st_mode))
+            continue;
+        btkRangeLock lock(left.Get(), lockedByte, 1);
+        if (lock.Try(btkRangeLock::Shared) == btkRangeLock::Held)
+            unlinkat(folder, entry->d_name, 0);
+    }
+    return count;
+}
+
+/// The same before a replacement in the folder. The cost is spread: after a look at many names, this thread
+/// leaves out the next replacements in that folder, one for every 16 names.
+void sweepFor(btkHandle folder)
+{
+    constexpr int namesForOne = 16;
+    thread_local struct
+    {
+        dev_t device;
+        ino_t number;
+        int left; // to leave out
+    } last = {};
+    struct stat status;
+    if (fstat(folder, &status) != 0)
+        return;
+    if (status.st_dev == last.device && status.st_ino == last.number && last.left > 0)
+        --last.left;
+    else
+        last = {status.st_dev, status.st_ino, removeLeftOvers(folder) / namesForOne};
+}
+
 /// Finds write errors that the operating system reports on close only.
 bool hasKeptWrites(const btkFd& file)
 {
@@ -261,6 +307,7 @@ bool btkReplacement::create(unsigned permissions, Name name)
         if (file || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
             return static_cast<bool>(file);
     }
+    sweepFor(folder);
     for (int attempt = 0; attempt < attempts; ++attempt)
         if (createNamed(permissions) || errno != EEXIST)
             return static_cast<bool>(file);
@@ -342,6 +389,7 @@ bool btkReplacement::lockIt()
 /// Gives the file a name that nobody has.
 bool btkReplacement::nameIt()
 {
+    sweepFor(folder);
     lockIt();
     std::string name;
     for (int attempt = 0; attempt < attempts; ++attempt) {
@@ -380,26 +428,4 @@ bool btkReplacement::TakePlace(const char* name, Durability durability, Existing
     if (durability == Synced)
         btkSyncFolder(folder);
     return true;
-}
-
-void btkReplacement::RemoveLeftOvers(btkHandle folder)
-{
-    btkFd own(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    const std::unique_ptr<DIR, int (*)(DIR*)> names(own ? fdopendir(own.Get()) : nullptr, &closedir);
-    if (names == nullptr)
-        return;
-    own.Release();
-    const dirent* entry;
-    for (int count = 0; count < mostNames && (entry = readdir(names.get())) != nullptr; ++count) {
-        if (!hasMark(entry->d_name))
-            continue;
-        const btkFd left(
-            openat(folder, entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-        struct stat status;
-        if (!left || fstat(left.Get(), &status) != 0 || !S_ISREG(status.st_mode))
-            continue;
-        btkRangeLock lock(left.Get(), lockedByte, 1);
-        if (lock.Try(btkRangeLock::Shared) == btkRangeLock::Held)
-            unlinkat(folder, entry->d_name, 0);
-    }
 }

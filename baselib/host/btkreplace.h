@@ -30,6 +30,10 @@ BASE_API bool btkReplaceByLink(btkHandle folder, const char* text, const char* n
 /// and whenever this process is killed, finds the old file or the whole new one. Until then the new file has
 /// no name, or one that nobody knows, and it is removed with the object. Used by one thread at a time; a
 /// forked child's copy of the object removes nothing.
+///
+/// Before a file gets such a name, what processes that were killed have left in the folder is removed: files
+/// whose name has the mark of this class and that no process holds, among the first 10,000 names. After a
+/// look at n names, a thread leaves the next n / 16 replacements in that folder out.
 class BASE_API btkReplacement
 {
 public:
@@ -71,10 +75,6 @@ public:
     /// Whether an error of making the file, or of taking the place, means that the host does not let the old
     /// file be replaced: it can only be overwritten.
     static bool IsKeptOut(int error);
-
-    /// Removes from the open folder what processes that were killed have left: files whose name has the mark
-    /// of this class and that no process holds. It looks at the first 10,000 names only.
-    static void RemoveLeftOvers(btkHandle folder);
 
 private:
     bool create(unsigned permissions, Name name);

@@ -395,7 +395,6 @@ void nmsServer::LoadState()
                      options.stateFile.c_str(), std::strerror(errno));
         return;
     }
-    btkReplacement::RemoveLeftOvers(stateFolder.Get());
     const btkFd file = btkOpenFile(options.stateFile.c_str(), btkOpenRead);
     std::string saved;
     // More than a table within the limits takes is no such file.
