@@ -14,7 +14,7 @@
 #include "filelibsrc/raised.h"
 #include "support/child.h"
 #include "support/environment.h"
-#include "support/faults.h"
+#include "support/failingcalls.h"
 #include "support/tempdir.h"
 
 namespace {
@@ -314,51 +314,62 @@ TEST_F(Copying, KeepsAccessListsOverThoseOfTheNewFolder)
 
 // ---- faults
 
-/// The program that the tests below run with a fault: it copies in the directory that the environment names.
-TEST(CopyProgram, Copies)
-{
-    const char* const place = std::getenv("QEL_TEST_COPY");
-    if (place == nullptr)
-        GTEST_SKIP() << "run by other tests";
-    const std::string in = place;
-    fsCopy((in + "/from").c_str(), (in + "/to").c_str(), fsReplace, fsNewLink, fsSimple);
-    fsCopy((in + "/from").c_str(), (in + "/new").c_str(), fsMerge, fsNewLink, fsSimple);
-}
-
+/// Each call about a file that a copy makes fails in turn, and is the last one of a process in turn.
 TEST_F(Copying, LeavesTheOldFileOrTheNewOneWhateverFails)
 {
-    if (!canInjectFaults())
-        GTEST_SKIP() << "needs strace";
-    const EnvSetting place("QEL_TEST_COPY", dir.path());
-    const std::string old = "old", renewed(100000, 'n');
-    dir.write("from", renewed);
-    const std::vector<std::string> here = {dir.path(), dir.path("from")};
-    const std::pair<const char*, std::vector<std::string>> calls[] = {
-        {"openat", here}, {"copy_file_range", here}, {"fchmod", {}},  {"utimensat", {}}, {"flistxattr", {}},
-        {"linkat", {}},   {"renameat", {}},          {"close", here},
+    const struct
+    {
+        int error, code;
+        unsigned platformError;
+    } faults[] = {
+        {ENOSPC, 3, 112}, {EIO, 1, 1117}, {EDQUOT, 2, 1816}, {EROFS, 11, 19}, {failing::killed, 0, 0},
     };
-    int kept = 0, replaced = 0, refusals = 0;
-    for (const char* fault : {"error=ENOSPC", "error=EPERM", "signal=KILL"})
-        for (const auto& [names, paths] : calls)
-            for (int when = 1; when <= 2; ++when) {
-                dir.write("to", old);
-                std::filesystem::remove(dir.path("new"));
-                refusals += !passesWithFault("CopyProgram.Copies", names, fault, when, paths);
+    const std::string renewed(100000, 'n');
+    dir.write("from", renewed);
+    const auto nodes = [this] {
+        const std::filesystem::directory_iterator all(dir.path().c_str());
+        return std::distance(begin(all), end(all));
+    };
+    for (const auto& [old, isNamed] : {std::pair{"", false}, {"old", false}, {"", true}, {"old", true}})
+        for (const auto& [error, code, platformError] : faults) {
+            failing::unnamedFilesMissing = isNamed;
+            const bool kills = error == failing::killed;
+            int refusals = 0;
+            bool isStruck = true;
+            for (int after = 0; isStruck; ++after) {
+                std::filesystem::remove(dir.path("to"));
+                if (*old != '\0')
+                    dir.write("to", old);
+                Raised raised;
+                const auto work = [&] {
+                    const failing::FailingCall fails(after, error);
+                    raised = copy("X:/from", "X:/to", fsReplace);
+                    return failing::FailingCall::Struck() != nullptr ? 1 : 0;
+                };
+                isStruck = (kills ? runInChild(work) : work()) != 0;
+                const std::string fault = std::to_string(error) + " at call " + std::to_string(after) + ' ' +
+                                          (isStruck && !kills ? failing::FailingCall::Struck() : "") +
+                                          (isNamed ? " named" : "");
                 const std::string now = dir.read("to");
-                EXPECT_TRUE(now == old || now == renewed) << names << fault << when << now.size();
-                EXPECT_TRUE(!dir.has("new") || dir.read("new") == renewed) << names << fault << when;
-                kept += now == old;
-                replaced += now == renewed;
-                const std::filesystem::directory_iterator nodes(dir.path().c_str());
-                const auto count = std::distance(begin(nodes), end(nodes));
-                EXPECT_LE(count, 2 + dir.has("new") + (fault[0] == 's')) << names << fault << when;
-                for (const auto& node : std::filesystem::directory_iterator(dir.path().c_str()))
-                    if (node.path().filename().string().starts_with("."))
-                        std::filesystem::remove(node.path()); // of one that was killed between two names
+                if (raised.code != 0) {
+                    EXPECT_EQ(raised.code, code) << fault << raised;
+                    EXPECT_EQ(GetLastError(), platformError) << fault << raised;
+                    EXPECT_TRUE(raised.path == "X:\\from" || raised.path == "X:\\to") << fault << raised;
+                    EXPECT_EQ(now, old) << fault;
+                    EXPECT_EQ(dir.has("to"), *old != '\0') << fault;
+                } else {
+                    EXPECT_TRUE(now == renewed || (kills && now == old)) << fault << now.size();
+                }
+                if (kills) { // the next replacement removes what is left
+                    dir.write("to", old);
+                    EXPECT_EQ(copy("X:/from", "X:/to"), done);
+                }
+                EXPECT_EQ(nodes(), 1 + dir.has("to")) << fault;
+                refusals += raised.code != 0;
             }
-    EXPECT_GT(kept, 15);
-    EXPECT_GT(replaced, 10);
-    EXPECT_GT(refusals, 30); // the faults have struck
+            EXPECT_GE(refusals, kills ? 0 : 10) << error;
+        }
+    failing::unnamedFilesMissing = false;
 }
 
 // ---- failures that are decided upon

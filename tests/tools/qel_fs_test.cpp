@@ -105,8 +105,9 @@ TEST_F(QelFs, NamesThePathThatIsAtFault)
     const Outcome full =
         Line("unshare -m sh -c 'mkdir " + dir.path("small") + " && mount -t tmpfs -o size=4k none " +
              dir.path("small") + " && cd " + dir.path() +
-             " && head -c 9000 /dev/zero >large && " QEL_PROGRAM " fs cp large small' 2>&1");
-    EXPECT_EQ(full.output, "qel fs cp: small/large: Disk Full\n");
+             " && head -c 9000 /dev/zero >large; " QEL_PROGRAM
+             " fs cp large small; mount -o remount,ro small; " QEL_PROGRAM " fs cp a small' 2>&1");
+    EXPECT_EQ(full.output, "qel fs cp: small/large: Disk Full\nqel fs cp: small/a: read-only volume\n");
 }
 
 TEST_F(QelFs, CopiesAsCopyingIsKnown)

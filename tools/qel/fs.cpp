@@ -16,6 +16,7 @@
 #include <qel/base/btkfd.h>
 #include <qel/filelib.h>
 #include <qel/pcinterrupt.h>
+#include <qel/platform/errortable.h>
 #include <qel/tmtime.h>
 
 namespace {
@@ -243,8 +244,8 @@ bool IsReadable(const std::string& path)
 /// The failure of a copy, for which the library names the source, with the path that is at fault.
 CommandFailed CopyFailureOf(xthrowable* refused, const std::string& from, const std::string& to)
 {
-    // Disk full, quota exhausted, file too large.
-    constexpr unsigned ofDestination[] = {112, 1816, 223};
+    constexpr unsigned ofDestination[] = {ERROR_DISK_FULL, ERROR_NOT_ENOUGH_QUOTA, ERROR_FILE_TOO_LARGE,
+                                          ERROR_WRITE_PROTECT};
 
     const fsXException* const known = fsXException::softcast(refused);
     const unsigned error = known == nullptr ? 0 : known->getPlatformError();

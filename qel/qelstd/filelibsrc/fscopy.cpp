@@ -218,9 +218,7 @@ private:
             Source child{entry.hostName, entry.kind};
             if (resolve(child))
                 copyNode(child, entry.hostName,
-                         toIsNew && std::exchange(isFirst, false)
-                             ? platAbsent
-                             : targets.Last().Kind(entry.hostName, platKeepLinks),
+                         toIsNew && std::exchange(isFirst, false) ? platAbsent : presentAt(entry.hostName),
                          false);
         });
         if (levels.size() == depth)
@@ -255,6 +253,15 @@ private:
             raiseLast(sourcePath);
         }
         return true;
+    }
+
+    /// What has the name `newName` of the target folder at hand.
+    platNodeKind presentAt(const char* newName)
+    {
+        const platNodeKind kind = targets.Last().Kind(newName, platKeepLinks);
+        if (kind == platAbsent && !fsIsAbsence(GetLastError()))
+            raiseLast(targetPath);
+        return kind;
     }
 
     [[noreturn]] void raiseAbsent() const
@@ -442,13 +449,20 @@ bool meetItself(const fsPlace& from, const fsPlace& to, const fsNativePath& from
            (follows && real.OpenParent(fromPath.text(), name, platFollowLinks) && real.IsWithin(to.id));
 }
 
+/// Finds the destination, or that there is none yet.
+void findTarget(fsPlace& target, const fsNativePath& path)
+{
+    if (!target.Find(path.text()) && target.isHeld && !fsIsAbsence(GetLastError()))
+        raiseLast(path.text());
+}
+
 void copy(const char* from, const char* to, fsOpMode mode, const Ways& ways)
 {
     fsNativePath nativeFrom, nativeTo;
     fsConvert(nativeFrom, fsCheckTwoPaths(nativeFrom, from, nativeTo, to, function), function);
 
     fsPlace target, origin;
-    target.Find(nativeTo.text());
+    findTarget(target, nativeTo);
     if (ways.existing == fsForceNew && target.kind != platAbsent)
         raise(fsFileExists, nativeTo.text());
     origin.Find(nativeFrom.text());
@@ -456,7 +470,7 @@ void copy(const char* from, const char* to, fsOpMode mode, const Ways& ways)
         raise(fsInvalidPath, nativeFrom.text(), ERROR_CANNOT_COPY);
     if (mode != fsSimple && !target.isHeld) {
         fsEnsureParent(nativeTo.text(), function);
-        target.Find(nativeTo.text());
+        findTarget(target, nativeTo);
     }
     Copy(origin, nativeFrom.text(), target, nativeTo.text(), ways).Run();
 }

@@ -153,6 +153,12 @@ fsErrorCode fsCodeOf(unsigned platformError)
     return fsOther;
 }
 
+bool fsIsAbsence(unsigned platformError)
+{
+    return platformError == ERROR_FILE_NOT_FOUND || platformError == ERROR_PATH_NOT_FOUND ||
+           platformError == ERROR_DIRECTORY || platformError == ERROR_FILENAME_EXCED_RANGE;
+}
+
 void fsRaise(fsErrorCode code, const char* function, const char* path, unsigned platformError)
 {
     for (const ErrorRow& row : errors) {

@@ -24,6 +24,9 @@ const char* fsDescription(int code);
 /// The number for a platform error, as GetLastError gives it.
 fsErrorCode fsCodeOf(unsigned platformError);
 
+/// Whether a platform error says that there is no such node, or can be none.
+bool fsIsAbsence(unsigned platformError);
+
 /// Throws the exception for `code`, which is 1 to 11, with `platformError` as the thread's last error; 0:
 /// with the one that stands for the code. A null `path`: about no path.
 [[noreturn]] QEL_API void fsRaise(fsErrorCode code, const char* function, const char* path,

@@ -61,13 +61,6 @@ bool cutToParent(std::string& path)
     return true;
 }
 
-/// Whether the error says that there is no such node, or can be none.
-bool isAbsence(unsigned error)
-{
-    return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND || error == ERROR_DIRECTORY ||
-           error == ERROR_FILENAME_EXCED_RANGE;
-}
-
 } // namespace
 
 xstring fsGetHomeDir()
@@ -125,7 +118,7 @@ double fsGetAvailableDiskSpace(const char* path)
     std::string place = text;
     DWORD sectors, bytes, available, all;
     while (!GetDiskFreeSpaceA(place.c_str(), &sectors, &bytes, &available, &all))
-        if (!isAbsence(GetLastError()) || !cutToParent(place))
+        if (!fsIsAbsence(GetLastError()) || !cutToParent(place))
             fsRaiseLastError(function, text);
     return static_cast<double>(sectors) * static_cast<double>(bytes) * static_cast<double>(available);
 }

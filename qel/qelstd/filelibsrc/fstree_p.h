@@ -15,7 +15,6 @@ struct fsPlace
     std::string name;
     platNodeKind kind = platAbsent; // a link is a link
     platNodeId id;
-    unsigned error = 0;  // the platform's, when it is absent
     bool isHeld = false; // the folder is open
 
     /// False, with the last error set, when there is no node at the native path.
