@@ -8,6 +8,7 @@
 
 #include "monsupport.h"
 #include "support/child.h"
+#include "support/failingcalls.h"
 #include "support/interrupt.h"
 #include "support/tempdir.h"
 #include "support/thrown.h"
@@ -301,6 +302,47 @@ TEST_F(Monitor, IsForReadingWhereItMayNotBeWritten)
               0);
     EXPECT_EQ(MonFailureOf([&] { file->Int("a")->getValue(); }), "monFile has shrunk!");
     EXPECT_EQ(TextOf(OpenMonitor(Path())->getTitle()), "U");
+}
+
+TEST_F(Monitor, CreateKeepsTheOldFileWhicheverCallFails)
+{
+    const std::string old = "old content, longer than what is to take its place";
+    const std::string anew = Hex("00 00 00 00 00 00 00 01 54 ");
+    // In the place of the file, of none, and in the file of a folder that may not be written.
+    for (const std::string place : {"old", "none", "kept"})
+        for (const int error : {ENOSPC, EIO, EDQUOT, EROFS, EMFILE}) {
+            const int result = runInChild([&] {
+                dir.write("m");
+                chmod(Path().c_str(), 0666);
+                chmod(dir.path(), 0755);
+                if (place == "kept" && setuid(65534) != 0)
+                    return 0; // needs the right to become another user
+                int refusals = 0;
+                const char* struck = "";
+                for (int after = 0; struck != nullptr; ++after) {
+                    if (place == "none")
+                        std::filesystem::remove(Path());
+                    else
+                        dir.write("m", old);
+                    failing::FailingCall fails(after, error);
+                    const auto file = CreateMonitor(Path());
+                    fails.Stop();
+                    struck = failing::FailingCall::Struck();
+                    const std::string fault = place + ' ' + std::to_string(error) + " at call " +
+                                              std::to_string(after) + ' ' + (struck == nullptr ? "" : struck);
+                    const std::string& expected = file != nullptr ? anew : place == "none" ? "" : old;
+                    EXPECT_EQ(Bytes(), expected) << fault;
+                    const std::filesystem::directory_iterator nodes(dir.path().c_str());
+                    EXPECT_EQ(std::distance(begin(nodes), end(nodes)), file != nullptr || place != "none")
+                        << fault;
+                    refusals += file == nullptr;
+                }
+                // Where the file cannot be replaced, it is begun in place.
+                EXPECT_GE(refusals, place == "old" && error == EROFS ? 0 : 5) << place << error;
+                return testing::Test::HasFailure() ? 1 : 0;
+            });
+            EXPECT_EQ(result, 0);
+        }
 }
 
 TEST_F(Monitor, RefusesArgumentsBeforeItWrites)

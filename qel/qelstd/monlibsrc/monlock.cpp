@@ -19,21 +19,23 @@ constexpr long long ReaderAnnounced(int position)
     return position + (2LL << 32);
 }
 
-} // namespace
-
-void monLetReadersGo(btkHandle file, int position, int size, bool& isPolite)
+// Lets readers go first that wait for the value. Returns whether they went.
+bool LetReadersGo(btkRangeLock& readers)
 {
-    const btkRangeLock readers(file, ReaderAnnounced(position), size);
     btkPatience patience(writerLimit);
     bool wait = readers.IsBusy(btkRangeLock::Exclusive);
-    while (wait && isPolite && patience.Rest())
+    while (wait && patience.Rest())
         wait = readers.IsBusy(btkRangeLock::Exclusive);
-    isPolite = !wait;
+    return !wait;
 }
 
-monWriteLock::monWriteLock(btkHandle file, int position, int size)
+} // namespace
+
+monWriteLock::monWriteLock(btkHandle file, int position, int size, bool& isPolite)
     : value(file, position, size), waiting(file, WriterAnnounced(position), size)
 {
+    btkRangeLock readers(file, ReaderAnnounced(position), size);
+    isPolite = isPolite ? LetReadersGo(readers) : !readers.IsBusy(btkRangeLock::Exclusive);
     if (value.Try(btkRangeLock::Exclusive) != btkRangeLock::Busy)
         return;
     waiting.Try(btkRangeLock::Exclusive);

@@ -155,11 +155,11 @@ Value monFile::Set(monParam& parameter, Value value)
     const auto word = Encode(value);
     PrepareToWrite();
     const int start = PositionOf(parameter);
-    xfilebuf& file = *stream->fileBuf;
+    const btkHandle handle = stream->fileBuf->GetHandle();
     std::optional<monWriteLock> lock;
     if (monIsSplit(start, sizeof word))
-        lock.emplace(file.GetHandle(), start, static_cast<int>(sizeof word));
-    if (file.Rewrite(&word, sizeof word, start) != sizeof word)
+        lock.emplace(handle, start, static_cast<int>(sizeof word), isPolite);
+    if (btkWriteWholeAt(handle, &word, sizeof word, start) != sizeof word)
         Attempt([&] { stream->ThrowState(ioFileStream::stateBad); });
     return value;
 }
@@ -176,9 +176,7 @@ xstring monFile::GetText(int start, int capacity)
 
 void monFile::SetText(int start, int capacity, const char* text)
 {
-    const btkHandle handle = stream->fileBuf->GetHandle();
-    monLetReadersGo(handle, start, monWordSize + capacity, isPolite);
-    const monWriteLock lock(handle, start, monWordSize + capacity);
+    const monWriteLock lock(stream->fileBuf->GetHandle(), start, monWordSize + capacity, isPolite);
     Attempt([&] {
         Seek(start);
         StoreString(text);

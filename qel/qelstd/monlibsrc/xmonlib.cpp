@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -188,8 +189,7 @@ monFile* monFile::OpenAt(const std::string& path, const char* given)
 monFile* monFile::MakeAnew(const std::string& path, const char* given, const std::string& head)
 {
     btkReplacement next;
-    if (!next.CreateBeside(path.c_str()) || !next.Write(head.data(), head.size()) ||
-        !next.TakePlace(btkReplacement::Unsynced))
+    if (!next.CreateBeside(path.c_str()) || !next.Write(head.data(), head.size()))
         return nullptr;
     btkFd own = next.Duplicate();
     if (!own)
@@ -198,9 +198,36 @@ monFile* monFile::MakeAnew(const std::string& path, const char* given, const std
     std::unique_ptr<ioFileStream, qelDelete> opened(new (pDefMemMgr)
                                                         ioFileStream(buffer.get(), given, true, true));
     buffer.release();
-    monFile* const file = new (pDefMemMgr) monFile(opened.get(), path, false);
+    std::unique_ptr<monFile, qelDelete> file(new (pDefMemMgr) monFile(opened.get(), path, false));
     opened.release();
-    return file;
+    // Last, so that nothing can fail when the old file has been replaced.
+    if (!next.TakePlace(btkReplacement::Unsynced)) {
+        const int error = errno;
+        file.reset();
+        errno = error;
+    }
+    return file.release();
+}
+
+// Has the file hold `head` and nothing else. When that fails, with the reason in errno, it holds what it
+// held.
+bool monFile::BeginInPlace(const std::string& head)
+{
+    const btkHandle handle = stream->fileBuf->GetHandle();
+    const long long oldSize = btkGetFileSize(handle);
+    std::string old(head.size(), '\0');
+    const std::ptrdiff_t count = btkReadAt(handle, old.data(), old.size(), 0);
+    if (oldSize < 0 || count < 0)
+        return false;
+    if (btkWriteAt(handle, head.data(), head.size(), 0) == head.size() &&
+        btkSetFileSize(handle, static_cast<long long>(head.size())))
+        return true;
+    const int error = errno;
+    btkWriteAt(handle, old.data(), static_cast<std::size_t>(count), 0);
+    if (btkGetFileSize(handle) > oldSize)
+        btkSetFileSize(handle, oldSize);
+    errno = error;
+    return false;
 }
 
 monFile* monFile::Create(const char* path, const char* newTitle)
@@ -212,13 +239,14 @@ monFile* monFile::Create(const char* path, const char* newTitle)
     std::unique_ptr<monFile, qelDelete> file(MakeAnew(host, path, head));
     if (file == nullptr && btkReplacement::IsKeptOut(errno)) {
         file.reset(Attach(host, path));
-        if (file == nullptr || file->place->isReadOnly ||
-            !btkSetFileSize(file->stream->fileBuf->GetHandle(), 0)) {
+        if (file == nullptr || file->place->isReadOnly) {
             platFailWith(ERROR_ACCESS_DENIED);
             return nullptr;
         }
-        file->stream->WriteBytes(head.data(), static_cast<unsigned>(head.size()));
-        file->stream->Flush(1);
+        if (!file->BeginInPlace(head)) {
+            platFail();
+            return nullptr;
+        }
     } else if (file == nullptr) {
         platFailOn(host);
         return nullptr;

@@ -150,8 +150,8 @@ public:
     /// Makes a new file with the title, in the place of an existing one in one step: soft links stay, and so
     /// do its owner, mode and access list. Those who have the old one open keep it whole and find out that it
     /// has been replaced. Where the host does not let it be replaced (its folder may not be written to), it
-    /// is emptied instead. Null when that is not possible, and at once for what is no plain file. The caller
-    /// owns the new object.
+    /// is emptied instead. Null when that is not possible, with the old file as it was, and at once for what
+    /// is no plain file. The caller owns the new object.
     static monFile* Create(const char* path, const char* title);
 
     /// Whether the path leads to another file by now or to none, or this one has no name left.
@@ -213,6 +213,7 @@ private:
     static monFile* Attach(const std::string& path, const char* given);
     static monFile* OpenAt(const std::string& path, const char* given);
     static monFile* MakeAnew(const std::string& path, const char* given, const std::string& head);
+    bool BeginInPlace(const std::string& head);
 
     int WhereAmI();
     void Seek(int position);
