@@ -14,19 +14,13 @@ namespace {
 
 bool asJson = false; // the flag --json, of whichever command is run
 
-// The first of the exception's attributes that is a text, or none.
-std::string TextOf(xthrowable& caught, std::initializer_list<const char*> attributes)
+// The path that an exception is about, or none.
+std::string PathOf(xthrowable& caught)
 {
     xrttistruct* const type = xrttistruct::softcast(caught.getRtti());
-    for (const char* const name : attributes) {
-        xrttiattr* const attribute = qelIsObject(type) ? type->findAttr(name, 1) : nullptr;
-        if (!qelIsObject(attribute))
-            continue;
-        const xany value = attribute->getValue(&caught);
-        if (value.getKind() == xanyString && !value.isNull())
-            return xstring(value).CastToCString();
-    }
-    return {};
+    xrttiattr* const attribute = qelIsObject(type) ? type->findAttr("Path", 1) : nullptr;
+    const xany value = qelIsObject(attribute) ? attribute->getValue(&caught) : xany();
+    return value.getKind() == xanyString && !value.isNull() ? xstring(value).CastToCString() : "";
 }
 
 // ---- text
@@ -144,10 +138,8 @@ void AnswerNo()
 
 CommandFailed FailureOf(xthrowable* caught, Exit status, const std::string& what)
 {
-    const std::string place = TextOf(*caught, {"Path"});
-    const std::string why = TextOf(*caught, {"Description", "Msg"});
-    CommandFailed failed{status, place.empty() ? what : place,
-                         why.empty() ? caught->getQelTypeName().CastToCString() : why};
+    const std::string place = PathOf(*caught);
+    CommandFailed failed{status, place.empty() ? what : place, qelTextOf(caught).CastToCString()};
     if (caught->isRefCountable())
         xrcrelease(caught);
     else

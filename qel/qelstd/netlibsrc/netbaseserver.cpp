@@ -17,7 +17,7 @@
 #include "qelcaught_p.h"
 #include "qeltable.h"
 #include <qel/base/netsilentset.h>
-#include <qel/xrtti.h>
+#include <qel/qelexception.h>
 
 QEL_LABELS(netServerLoopAction, "netlib::ServerLoopAction", netServerContinue, netServerTerminate,
            netSpawnAsyncServer);
@@ -88,26 +88,13 @@ void Report(netBaseServer& server, const std::string& peer, const std::string& t
     std::cerr << line + '\n' << std::flush;
 }
 
-// What a failure says of itself, else what it is.
-std::string TextOf(xthrowable& failure)
-{
-    xrttistruct* const type = xrttistruct::softcast(failure.getRtti());
-    for (const char* const name : {"Description", "Msg"}) {
-        xrttiattr* const attribute = qelIsObject(type) ? type->findAttr(name, 1) : nullptr;
-        const xany value = qelIsObject(attribute) ? attribute->getValue(&failure) : xany();
-        if (value.getKind() == xanyString && !value.isNull())
-            return xstring(value).CastToCString();
-    }
-    return failure.getQelTypeName().CastToCString();
-}
-
 // Calls `handler()`, and reports what it throws before that goes on.
 template<class Handler>
 netServerLoopAction Reported(netBaseServer& server, const std::string& peer, Handler handler)
 try {
     return handler();
 } catch (xthrowable* failure) {
-    Report(server, peer, qelIsObject(failure) ? TextOf(*failure) : "no exception");
+    Report(server, peer, qelIsObject(failure) ? qelTextOf(failure).CastToCString() : "no exception");
     throw;
 } catch (const std::exception& failure) {
     Report(server, peer, failure.what());
@@ -177,6 +164,7 @@ private:
     std::unique_ptr<btkStreamSocket> TakeConnection(btkTimeval now);
     std::unique_ptr<btkStreamSocket> TakeSpoken();
     void AddSilent(std::unique_ptr<btkStreamSocket> socket, btkTimeval now);
+    void DropTooMany(btkTimeval now);
     void SpawnAsyncRequest(netSocketStream * stream);
     bool StartAsyncRequest(netSocketStream * stream);
 
@@ -364,16 +352,30 @@ std::unique_ptr<btkStreamSocket> netBaseServer::Loop::WaitForRequest(double time
             return spoken;
         now = btkTimeval::Now();
         silent.DropUntil(now - server.silentPatience);
-        if (silent.IsOverfull())
-            silent.TakeLeaving(now);
-        if (rests || !connectionWaits->WasSignaled())
+        if (rests || !connectionWaits->WasSignaled()) {
+            DropTooMany(now);
             continue;
+        }
         std::unique_ptr<btkStreamSocket> taken = TakeConnection(now);
         if (taken == nullptr || !isByteWanted)
             return taken;
-        AddSilent(std::move(taken), now);
+        // A wait costs more the more are silent, and then finds more that have come meanwhile.
+        for (std::size_t more = silent.GetCount() / 16; taken != nullptr; --more) {
+            DropTooMany(now);
+            AddSilent(std::move(taken), now);
+            if (more == 0)
+                break;
+            taken = TakeConnection(now);
+        }
     } while (now < end);
     return nullptr;
+}
+
+// The last that came stays: it may have spoken already.
+void netBaseServer::Loop::DropTooMany(btkTimeval now)
+{
+    if (silent.IsOverfull())
+        silent.TakeLeaving(now);
 }
 
 void netBaseServer::Loop::AddSilent(std::unique_ptr<btkStreamSocket> socket, btkTimeval now)
