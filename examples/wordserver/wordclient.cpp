@@ -1,7 +1,6 @@
-// Lets a server count the words of a file: wordclient [-t] NAME FILE
+// Lets a server count the words of a file: wordclient NAME FILE
 //
-// NAME is the server's, as the name server of this machine knows it. With -t a thread of the server's serves.
-// The lines are those of wordcount.
+// NAME is the server's, as the name server of this machine knows it. The lines are those of wordcount.
 
 #include <cerrno>
 #include <cstdio>
@@ -42,25 +41,22 @@ void printAnswer(netSocketStream& stream)
 
 int main(int argc, char** argv)
 {
-    const bool byThread = argc > 1 && std::strcmp(argv[1], "-t") == 0;
-    const int first = byThread ? 2 : 1;
-    if (argc != first + 2) {
-        std::cerr << "usage: wordclient [-t] NAME FILE\n";
+    if (argc != 3) {
+        std::cerr << "usage: wordclient NAME FILE\n";
         return 2;
     }
-    std::ifstream file(argv[first + 1], std::ios::binary);
+    std::ifstream file(argv[2], std::ios::binary);
     if (!file) {
-        std::cerr << "wordclient: cannot read " << argv[first + 1] << ": " << std::strerror(errno) << '\n';
+        std::cerr << "wordclient: cannot read " << argv[2] << ": " << std::strerror(errno) << '\n';
         return 3;
     }
     try {
-        const xrchandle<netAddress> address(netAddress::Create(argv[first], nullptr));
+        const xrchandle<netAddress> address(netAddress::Create(argv[1], nullptr));
         const std::unique_ptr<netSocketStream, qelDelete> stream(netServer::Connect(address.get(), 10.0));
         if (stream == nullptr) {
-            std::cerr << "wordclient: " << argv[first] << " does not answer\n";
+            std::cerr << "wordclient: " << argv[1] << " does not answer\n";
             return 3;
         }
-        stream->WriteInt(byThread ? serveByThread : serveAtOnce);
         send(*stream, file);
         printAnswer(*stream);
         return 0;

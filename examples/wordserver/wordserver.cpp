@@ -1,14 +1,17 @@
 // Counts the words of what its clients send: wordserver NAME
 //
 // The server registers itself as NAME with the name server of this machine and serves until a client asks it
-// to stop, or SIGTERM or an interrupt does. A client says first whether it wants to be served at once, or by
-// a thread of its own while the server goes on with others.
+// to stop, or SIGTERM or an interrupt does. A thread of its own serves each client, with limits, so that
+// nobody waits for one who is silent, slow or does not read.
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <iostream>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 
 #include <qel/netserver.h>
 
@@ -17,10 +20,15 @@
 
 namespace {
 
-using Stream = std::unique_ptr<netSocketStream, qelDelete>;
+using Clock = std::chrono::steady_clock;
 
 /// How many seconds a client may send nothing, or take nothing.
-constexpr double clientLimit = 2;
+constexpr double silenceLimit = 2;
+/// How long it may take for its whole text, and how many bytes that may have.
+constexpr std::chrono::seconds textLimit(10);
+constexpr int mostText = 4 << 20;
+/// How many clients are served at once; one more is closed.
+constexpr int mostClients = 256;
 
 std::atomic<netServer*> running;
 
@@ -29,13 +37,32 @@ void stopRunning(int)
     running.load()->Stop();
 }
 
+/// Reads `size` bytes as they come.
+void readBlock(netSocketStream& stream, int size, std::ostream& to, Clock::time_point end)
+{
+    char block[wordsBlock];
+    while (size > 0) {
+        const unsigned there = std::clamp(stream.PeekNBytes(), 1U, static_cast<unsigned>(size));
+        const unsigned count = stream.ReadBytes(block, there);
+        if (count == 0 || Clock::now() > end)
+            throw std::runtime_error("the text ends in the middle, or takes too long");
+        to.write(block, static_cast<std::streamsize>(count));
+        size -= static_cast<int>(count);
+    }
+}
+
 /// Reads a text, and answers its counts.
 void serve(netSocketStream& stream)
 {
+    const Clock::time_point end = Clock::now() + textLimit;
     std::stringstream text;
-    char block[wordsBlock];
-    for (int size = stream.ReadInt(); size > 0 && size <= wordsBlock; size = stream.ReadInt())
-        text.write(block, static_cast<std::streamsize>(stream.ReadBytes(block, static_cast<unsigned>(size))));
+    int total = 0;
+    for (int size = stream.ReadInt(); size != 0; size = stream.ReadInt()) {
+        if (size < 0 || size > wordsBlock || size > mostText - total)
+            throw std::runtime_error("no block of a text, or too much text");
+        readBlock(stream, size, text, end);
+        total += size;
+    }
 
     Statistics statistics;
     statistics.Count(text);
@@ -51,39 +78,22 @@ void serve(netSocketStream& stream)
     }
 }
 
-/// Serves a client whatever it does: what goes wrong on its connection is told here and is no reason to end.
-netServerLoopAction serveOrReport(netSocketStream* accepted)
-{
-    const Stream stream(accepted);
-    try {
-        serve(*stream);
-    } catch (xthrowable* failure) {
-        std::cerr << "wordserver: " << reasonOf(failure) << std::endl;
-    }
-    return netServerContinue;
-}
-
+/// In the loop's thread, which must not wait for anybody.
 class Requests : public netBaseServer_OnRequest_cb
 {
-    netServerLoopAction Invoke(netBaseServer*, netSocketStream* stream) override
-    {
-        int mode = serveAtOnce;
-        stream->setITimeout(clientLimit);
-        stream->setOTimeout(clientLimit);
-        try {
-            mode = stream->ReadInt();
-        } catch (xthrowable* failure) { // serving reports the broken connection
-            xdelete(failure);
-        }
-        return mode == serveByThread ? netSpawnAsyncServer : serveOrReport(stream);
-    }
+    netServerLoopAction Invoke(netBaseServer*, netSocketStream*) override { return netSpawnAsyncServer; }
 };
 
+/// In the request's thread. The server reports what fails, with the client's address, and goes on.
 class AsyncRequests : public netBaseServer_OnAsyncRequest_cb
 {
-    netServerLoopAction Invoke(netBaseServer*, netSocketStream* stream, evtEvent*) override
+    netServerLoopAction Invoke(netBaseServer*, netSocketStream* accepted, evtEvent*) override
     {
-        return serveOrReport(stream);
+        const std::unique_ptr<netSocketStream, qelDelete> stream(accepted);
+        stream->setITimeout(silenceLimit);
+        stream->setOTimeout(silenceLimit);
+        serve(*stream);
+        return netServerContinue;
     }
 };
 
@@ -105,6 +115,7 @@ int main(int argc, char** argv)
         }
         server->setOnRequest(&requests);
         server->setOnAsyncRequest(&asyncRequests);
+        server->setAsyncLimit(mostClients);
         server->setGracePeriod(0.5); // of requests whose client keeps them when the server is to stop
         running = server.get();
         for (const int signal : {SIGTERM, SIGINT})
