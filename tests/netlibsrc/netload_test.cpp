@@ -160,7 +160,7 @@ TEST(netServerLoad, ManyRequestsAtOnceTakeLittleEachAndAreCollected)
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(netServerLoad, EndsSoonWhateverItsClientsDo)
+TEST(netServerLoad, EndsSoonBesideSilentClientsAndRunningRequests)
 {
     const long before = openDescriptors();
     {

@@ -9,6 +9,7 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -39,10 +40,13 @@ inline bool enterOwnNetwork(std::initializer_list<const char*> addresses)
     return done;
 }
 
-/// A connection from the address `from` to `port` of `to`; -1 when it fails. The caller closes it.
-inline int connectFrom(const char* from, const char* to, int port)
+/// A connection from the address `from` to `port` of `to`; -1 when it fails. The caller closes it. `segment`:
+/// the most bytes of a packet, so that the host keeps little on its way; 0: what it likes.
+inline int connectFrom(const char* from, const char* to, int port, int segment = 0)
 {
     const int made = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (segment > 0)
+        setsockopt(made, IPPROTO_TCP, TCP_MAXSEG, &segment, sizeof segment);
     sockaddr_in end = {};
     end.sin_family = AF_INET;
     inet_pton(AF_INET, from, &end.sin_addr);

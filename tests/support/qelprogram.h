@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <string>
 #include <unistd.h>
@@ -37,14 +38,16 @@ inline Outcome Qel(const std::string& arguments)
     return Line(QEL_PROGRAM " " + arguments + " 2>&1");
 }
 
-/// The program qel beside the test, which writes its standard input and reads its standard output. It is
-/// killed with the object.
+/// The program qel, or another one, beside the test, which writes its standard input and reads its standard
+/// output. It is killed with the object.
 class RunningQel
 {
 public:
-    explicit RunningQel(std::vector<std::string> words)
-        : arguments(std::move(words)), child([this] { return run(); }), input(std::move(ends[0][1])),
-          output(std::move(ends[1][0]))
+    explicit RunningQel(std::vector<std::string> words) : RunningQel(QEL_PROGRAM, std::move(words), false) {}
+    /// `isSilent`: its standard error output goes nowhere.
+    RunningQel(std::string path, std::vector<std::string> words, bool isSilent)
+        : program(std::move(path)), arguments(std::move(words)), silent(isSilent),
+          child([this] { return run(); }), input(std::move(ends[0][1])), output(std::move(ends[1][0]))
     {
         for (auto& pipe : ends)
             for (btkFd& end : pipe)
@@ -74,10 +77,12 @@ public:
     int port() const
     {
         const std::string said = line();
-        int number = 0;
-        if (std::sscanf(said.c_str(), "serving on %*[^,], port %d", &number) != 1)
+        const std::size_t place = said.rfind(" port ");
+        if (said.rfind("serving ", 0) != 0 || place == std::string::npos) {
             ADD_FAILURE() << "does not serve: " << said;
-        return number;
+            return 0;
+        }
+        return std::atoi(said.c_str() + place + 6);
     }
 
 private:
@@ -85,12 +90,13 @@ private:
     {
         dup2(ends[0][0].Get(), 0);
         dup2(ends[1][1].Get(), 1);
-        char name[] = "qel";
-        std::vector<char*> pointers = {name};
+        if (silent)
+            dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), 2);
+        std::vector<char*> pointers = {program.data()};
         for (std::string& argument : arguments)
             pointers.push_back(argument.data());
         pointers.push_back(nullptr);
-        execv(QEL_PROGRAM, pointers.data());
+        execv(program.c_str(), pointers.data());
         return 127;
     }
 
@@ -106,7 +112,9 @@ private:
         }
     };
 
+    std::string program;
     std::vector<std::string> arguments;
+    bool silent;
     btkFd ends[2][2];
     Pipe in{ends[0]}, out{ends[1]};
 

@@ -3,11 +3,11 @@
 #include <fstream>
 #include <string>
 
-/// What the process has of a field of its status, in KiB: `VmRSS:`, the memory it uses, or `VmHWM:`, the most
-/// it has used.
-inline long residentKiB(const std::string& field = "VmRSS:")
+/// What a process, this one or that of an id, has of a field of its status, in KiB: `VmRSS:`, the memory it
+/// uses, or `VmHWM:`, the most it has used.
+inline long residentKiB(const std::string& field = "VmRSS:", const std::string& process = "self")
 {
-    std::ifstream status("/proc/self/status");
+    std::ifstream status("/proc/" + process + "/status");
     for (std::string word; status >> word;)
         if (long size = 0; word == field && status >> size)
             return size;

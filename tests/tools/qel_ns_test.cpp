@@ -67,13 +67,6 @@ TEST(QelNs, ServesItsClients)
                                   std::string(std::getenv("VRXNMSPORT")) + ": no answer\n");
 }
 
-TEST(QelNs, StopsAtSigterm)
-{
-    Server server;
-    server.child.signal(SIGTERM);
-    EXPECT_EQ(server.child.wait(), 0);
-}
-
 TEST(QelNs, RefusesWrongArguments)
 {
     for (const char* const arguments :
