@@ -18,20 +18,12 @@
 
 #include <qel/base/btkfilepart.h>
 #include <qel/base/btkreplace.h>
+#include <qel/base/btkretry.h>
 
 namespace {
 
 constexpr int attempts = 10000;                  // to catch a file that others keep replacing
 constexpr long long queueByte = (1LL << 62) + 1; // of the file: who waits for an update holds it
-
-template<typename Call>
-auto retried(Call call)
-{
-    auto result = call();
-    while (result == -1 && errno == EINTR)
-        result = call();
-    return result;
-}
 
 bool isSame(const struct stat& a, const struct stat& b)
 {
@@ -67,7 +59,7 @@ bool lockBefore(int file, bool forUpdate, btkTimeval end)
 {
     const int kind = forUpdate ? LOCK_EX : LOCK_SH;
     if (end.IsForever())
-        return retried([&] { return flock(file, kind); }) == 0;
+        return btkRetry([&] { return flock(file, kind); }) == 0;
     btkPatience patience(end - btkTimeval::Now());
     do {
         if (flock(file, kind | LOCK_NB) == 0)
@@ -95,7 +87,7 @@ bool queueForLock(int file, bool forUpdate, btkTimeval end)
 bool reserve(int file, std::size_t size)
 {
     const auto bytes = static_cast<off_t>(size);
-    return size == 0 || retried([&] { return fallocate(file, FALLOC_FL_KEEP_SIZE, 0, bytes); }) == 0 ||
+    return size == 0 || btkRetry([&] { return fallocate(file, FALLOC_FL_KEEP_SIZE, 0, bytes); }) == 0 ||
            (errno != ENOSPC && errno != EDQUOT && errno != EFBIG && errno != EIO);
 }
 
@@ -105,7 +97,7 @@ bool writeInPlace(int file, std::size_t oldSize, const char* content, std::size_
     const std::size_t head = size < oldSize ? size : oldSize;
     return btkWriteAt(file, content + head, size - head, static_cast<long long>(head)) == size - head &&
            btkWriteAt(file, content, head, 0) == head && btkSetFileSize(file, static_cast<long long>(size)) &&
-           retried([&] { return fsync(file); }) == 0;
+           btkRetry([&] { return fsync(file); }) == 0;
 }
 
 /// Overwrites the file whose name leads to it in `folder`.
@@ -174,7 +166,7 @@ struct lockFileBuf::State
     {
         // O_NONBLOCK: a pipe is refused, not waited on.
         file.Reset(
-            retried([&] { return open(path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, permissions); }));
+            btkRetry([&] { return open(path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, permissions); }));
         if (!file || fstat(file.Get(), &opened) != 0)
             return false;
         if (!S_ISREG(opened.st_mode)) {

@@ -12,6 +12,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <qel/base/btkretry.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/filecopy.h>
 #include <qel/platform/files.h>
@@ -124,7 +125,7 @@ BOOL GetDiskFreeSpaceA(const char* root, DWORD* sectorsPerCluster, DWORD* bytesP
     if (root != nullptr && !platHostPath(root, host))
         return FALSE;
     struct statvfs volume;
-    if (platRetry([&] { return statvfs(host.c_str(), &volume); }) != 0)
+    if (btkRetry([&] { return statvfs(host.c_str(), &volume); }) != 0)
         return platFailOn(host);
     unsigned long long perCluster = volume.f_frsize / sectorSize;
     unsigned long long available = volume.f_bavail;

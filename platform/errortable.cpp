@@ -145,11 +145,6 @@ BOOL platFailWith(DWORD error)
     return FALSE;
 }
 
-bool platInterrupted()
-{
-    return errno == EINTR;
-}
-
 unsigned int FormatMessageA(unsigned int flags, const void*, unsigned int error, unsigned int, char* buffer,
                             unsigned int size, std::va_list*)
 {

@@ -68,16 +68,3 @@ BOOL platFailOn(const std::string& hostPath);
 
 /// Sets the last error to `error`. Answers FALSE.
 BOOL platFailWith(DWORD error);
-
-/// Whether the host call that just failed was interrupted by a signal.
-bool platInterrupted();
-
-/// Calls `call` until it is not interrupted by a signal.
-template<typename Call>
-auto platRetry(Call call)
-{
-    auto result = call();
-    while (result == -1 && platInterrupted())
-        result = call();
-    return result;
-}

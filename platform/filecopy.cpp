@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/sendfile.h>
 
+#include <qel/base/btkretry.h>
 #include <qel/platform/errortable.h>
 
 namespace {
@@ -17,7 +18,7 @@ constexpr std::size_t blockSize = 64 * 1024;
 bool writeAll(int target, const char* data, std::size_t size)
 {
     while (size > 0) {
-        const ssize_t count = platRetry([&] { return write(target, data, size); });
+        const ssize_t count = btkRetry([&] { return write(target, data, size); });
         if (count < 0)
             return false;
         data += count;
@@ -70,7 +71,7 @@ private:
         bool byRange = true;
         while (size > 0) {
             const std::size_t step = std::min(static_cast<std::size_t>(size), longest);
-            const ssize_t count = platRetry([&] {
+            const ssize_t count = btkRetry([&] {
                 return byRange ? copy_file_range(source, nullptr, target, nullptr, step, 0)
                                : sendfile(target, source, nullptr, step);
             });
@@ -94,7 +95,7 @@ private:
     {
         char block[blockSize];
         for (;;) {
-            const ssize_t count = platRetry([&] { return read(source, block, sizeof block); });
+            const ssize_t count = btkRetry([&] { return read(source, block, sizeof block); });
             if (count <= 0)
                 return count == 0;
             if (!writeAll(target, block, static_cast<std::size_t>(count)) || !tell(count))
@@ -142,7 +143,7 @@ private:
 
 int platOpenAt(int folder, const char* name, int flags, unsigned mode)
 {
-    return platRetry([&] { return openat(folder, name, flags | O_CLOEXEC, mode); });
+    return btkRetry([&] { return openat(folder, name, flags | O_CLOEXEC, mode); });
 }
 
 int platOpenRegular(int folder, const char* name, int flags, unsigned mode, struct stat& status)

@@ -11,6 +11,7 @@
 #include <sys/file.h>
 #include <sys/random.h>
 
+#include <qel/base/btkretry.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/filecopy.h>
 #include <qel/platform/folder.h>
@@ -176,12 +177,12 @@ HANDLE CreateFileA(const char* path, DWORD access, DWORD share, SECURITY_ATTRIBU
         platFailOn(host);
         return INVALID_HANDLE_VALUE;
     }
-    if (exclusive && platRetry([&] { return flock(file.get(), LOCK_EX | LOCK_NB); }) != 0 &&
+    if (exclusive && btkRetry([&] { return flock(file.get(), LOCK_EX | LOCK_NB); }) != 0 &&
         errno == EWOULDBLOCK) {
         platFailWith(ERROR_SHARING_VIOLATION);
         return INVALID_HANDLE_VALUE;
     }
-    if ((how & O_TRUNC) != 0 && platRetry([&] { return ftruncate(file.get(), 0); }) != 0) {
+    if ((how & O_TRUNC) != 0 && btkRetry([&] { return ftruncate(file.get(), 0); }) != 0) {
         platFail();
         return INVALID_HANDLE_VALUE;
     }
@@ -203,7 +204,7 @@ BOOL CloseHandle(HANDLE file)
 
 BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* done, void*)
 {
-    const ssize_t count = platRetry([&] { return read(descriptorOf(file), buffer, size); });
+    const ssize_t count = btkRetry([&] { return read(descriptorOf(file), buffer, size); });
     if (count < 0)
         return platFail();
     if (done != nullptr)
@@ -218,7 +219,7 @@ BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* done, void*)
     bool failed = false;
     while (written < size && !failed) {
         const ssize_t count =
-            platRetry([&] { return write(descriptorOf(file), data + written, size - written); });
+            btkRetry([&] { return write(descriptorOf(file), data + written, size - written); });
         if (count > 0)
             written += static_cast<DWORD>(count);
         else
@@ -248,7 +249,7 @@ BOOL SetEndOfFile(HANDLE file)
 {
     const int descriptor = descriptorOf(file);
     const off_t at = lseek(descriptor, 0, SEEK_CUR);
-    if (at < 0 || platRetry([&] { return ftruncate(descriptor, at); }) != 0)
+    if (at < 0 || btkRetry([&] { return ftruncate(descriptor, at); }) != 0)
         return platFail();
     return TRUE;
 }

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 
 #include "registrystore.h"
+#include <qel/base/btkretry.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/files.h>
 #include <qel/platform/folder.h>
@@ -258,7 +259,7 @@ long readValue(const Place& place, const char* name, Value& value)
     char block[4096];
     ssize_t count;
     do {
-        count = platRetry([&] { return read(file.get(), block, sizeof block); });
+        count = btkRetry([&] { return read(file.get(), block, sizeof block); });
         text.append(block, static_cast<std::size_t>(std::max(count, ssize_t{0})));
         if (text.size() > 2 * largestValue)
             return ERROR_FILE_CORRUPT;
@@ -280,7 +281,7 @@ std::string firstLine(int folder, const std::string& path)
 {
     const platDescriptor file = platOpenFileInside(folder, path);
     std::string text(longestHead, '\0');
-    const ssize_t count = file ? platRetry([&] { return read(file.get(), text.data(), text.size()); }) : 0;
+    const ssize_t count = file ? btkRetry([&] { return read(file.get(), text.data(), text.size()); }) : 0;
     text.resize(static_cast<std::size_t>(std::max(count, ssize_t{0})));
     return text.substr(0, text.find('\n'));
 }

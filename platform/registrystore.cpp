@@ -12,6 +12,7 @@
 #include <sys/random.h>
 
 #include <qel/base/btkenvironment.h>
+#include <qel/base/btkretry.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/folder.h>
 #include <qel/platform/registry.h>
@@ -99,7 +100,7 @@ std::string temporaryName()
     constexpr char digits[] = "0123456789abcdef";
     unsigned char random[temporaryDigits / 2];
     std::string name;
-    if (platRetry([&] { return getrandom(random, sizeof random, 0); }) != sizeof random)
+    if (btkRetry([&] { return getrandom(random, sizeof random, 0); }) != sizeof random)
         return name; // no file has an empty name
     for (const unsigned char byte : random)
         name.append({digits[byte >> 4], digits[byte & 0xF]});
@@ -218,7 +219,7 @@ platChange::platChange(const platStore& changed) : store(changed), owner(getpid(
 {
     const int folder = store.folder.get();
     lock = platDescriptor(platOpenAt(folder, lockFile, O_RDWR | O_CREAT | O_NOFOLLOW, privateFile));
-    if (!lock || platRetry([this] { return flock(lock.get(), LOCK_EX); }) != 0)
+    if (!lock || btkRetry([this] { return flock(lock.get(), LOCK_EX); }) != 0)
         return;
     const auto open = [folder] {
         return platOpenAt(folder, unfinishedFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
@@ -253,14 +254,14 @@ bool platChange::write(int folder, const char* name, std::string_view text) cons
     if (!file)
         return false;
     while (!text.empty()) {
-        const ssize_t count = platRetry([&] { return ::write(file.get(), text.data(), text.size()); });
+        const ssize_t count = btkRetry([&] { return ::write(file.get(), text.data(), text.size()); });
         if (count < 0)
             return false;
         text.remove_prefix(static_cast<std::size_t>(count));
     }
     // On the disk before its name is: after a loss of power, the old value is there or the new one.
     return (!store.isShared || fchmod(file.get(), sharedFile) == 0) &&
-           (batch.depth > 0 || platRetry([&] { return fdatasync(file.get()); }) == 0) &&
+           (batch.depth > 0 || btkRetry([&] { return fdatasync(file.get()); }) == 0) &&
            close(file.release()) == 0;
 }
 
@@ -336,7 +337,7 @@ bool platChange::sync(int folder) const
     }
     const platDescriptor readable(platOpenAt(folder, ".", O_RDONLY | O_DIRECTORY));
     // EINVAL: a file system that cannot sync a folder.
-    return readable && (platRetry([&] { return fsync(readable.get()); }) == 0 || errno == EINVAL);
+    return readable && (btkRetry([&] { return fsync(readable.get()); }) == 0 || errno == EINVAL);
 }
 
 // ---- batches

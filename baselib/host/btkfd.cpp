@@ -13,6 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <qel/base/btkretry.h>
+
 namespace {
 
 short Poll(btkHandle handle, short events, btkTimeval limit)
@@ -21,34 +23,25 @@ short Poll(btkHandle handle, short events, btkTimeval limit)
     return btkPoll(&asked, 1, limit) < 0 ? POLLERR : asked.revents;
 }
 
-// Whether a call that failed is to be made again, after a wait where the descriptor does not block.
-bool TryAgain(btkHandle handle, short events)
-{
-    if (errno == EINTR)
-        return true;
-    if (errno != EAGAIN)
-        return false;
-    Poll(handle, events, btkTimeval::Forever());
-    return true;
-}
-
+// Makes a call that transfers bytes, after a wait where the descriptor does not block.
 template<typename Call>
-std::ptrdiff_t Retry(btkHandle handle, short events, Call call)
+std::ptrdiff_t Transfer(btkHandle handle, short events, Call call)
 {
     for (;;) {
-        const std::ptrdiff_t answer = call();
-        if (answer >= 0 || !TryAgain(handle, events))
+        const std::ptrdiff_t answer = btkRetry(call);
+        if (answer >= 0 || errno != EAGAIN)
             return answer;
+        Poll(handle, events, btkTimeval::Forever());
     }
 }
 
 // Repeats `call(done)`, which transfers some bytes, until `size` are done, one call answers 0, or one fails.
 template<typename Call>
-std::size_t RetryAll(btkHandle handle, short events, std::size_t size, Call call)
+std::size_t TransferAll(btkHandle handle, short events, std::size_t size, Call call)
 {
     std::size_t done = 0;
     while (done < size) {
-        const std::ptrdiff_t answer = Retry(handle, events, [&] { return call(done); });
+        const std::ptrdiff_t answer = Transfer(handle, events, [&] { return call(done); });
         if (answer <= 0)
             break;
         done += static_cast<std::size_t>(answer);
@@ -83,13 +76,13 @@ btkFd btkFd::Duplicate() const
 
 std::ptrdiff_t btkRead(btkHandle handle, void* to, std::size_t size)
 {
-    return Retry(handle, POLLIN, [&] { return read(handle, to, size); });
+    return Transfer(handle, POLLIN, [&] { return read(handle, to, size); });
 }
 
 std::ptrdiff_t btkReadAt(btkHandle handle, void* to, std::size_t size, long long position)
 {
     std::ptrdiff_t latest = 0;
-    const std::size_t done = RetryAll(handle, POLLIN, size, [&](std::size_t at) {
+    const std::size_t done = TransferAll(handle, POLLIN, size, [&](std::size_t at) {
         return latest = pread(handle, static_cast<char*>(to) + at, size - at,
                               position + static_cast<long long>(at));
     });
@@ -99,7 +92,7 @@ std::ptrdiff_t btkReadAt(btkHandle handle, void* to, std::size_t size, long long
 std::size_t btkWrite(btkHandle handle, const void* from, std::size_t size)
 {
     btkNoSigPipe guard;
-    const std::size_t done = RetryAll(handle, POLLOUT, size, [&](std::size_t at) {
+    const std::size_t done = TransferAll(handle, POLLOUT, size, [&](std::size_t at) {
         return write(handle, static_cast<const char*>(from) + at, size - at);
     });
     if (done < size && errno == EPIPE)
@@ -109,10 +102,7 @@ std::size_t btkWrite(btkHandle handle, const void* from, std::size_t size)
 
 std::ptrdiff_t btkTryWrite(btkHandle handle, const void* from, std::size_t size)
 {
-    ssize_t sent;
-    do
-        sent = send(handle, from, size, MSG_DONTWAIT | MSG_NOSIGNAL);
-    while (sent < 0 && errno == EINTR);
+    const ssize_t sent = btkRetry([&] { return send(handle, from, size, MSG_DONTWAIT | MSG_NOSIGNAL); });
     if (sent >= 0 || errno == EAGAIN)
         return std::max<std::ptrdiff_t>(sent, 0);
     if (errno != ENOTSOCK)
@@ -129,7 +119,7 @@ std::ptrdiff_t btkTryWrite(btkHandle handle, const void* from, std::size_t size)
 
 std::size_t btkWriteAt(btkHandle handle, const void* from, std::size_t size, long long position)
 {
-    return RetryAll(handle, POLLOUT, size, [&](std::size_t at) {
+    return TransferAll(handle, POLLOUT, size, [&](std::size_t at) {
         return pwrite(handle, static_cast<const char*>(from) + at, size - at,
                       position + static_cast<long long>(at));
     });
@@ -140,7 +130,7 @@ btkFd btkOpenFile(const char* path, int mode)
     int flags = (mode & btkOpenWrite) == 0 ? O_RDONLY : (mode & btkOpenRead) == 0 ? O_WRONLY : O_RDWR;
     flags |= ((mode & btkOpenCreate) != 0 ? O_CREAT : 0) | ((mode & btkOpenEmpty) != 0 ? O_TRUNC : 0);
     flags |= O_CLOEXEC | O_NOCTTY;
-    btkFd opened(static_cast<int>(Retry(-1, 0, [&] { return open(path, flags, 0666); })));
+    btkFd opened(btkRetry([&] { return open(path, flags, 0666); }));
     struct stat status;
     if (opened && fstat(opened.Get(), &status) == 0 && S_ISDIR(status.st_mode)) {
         opened.Reset();
@@ -181,7 +171,7 @@ std::ptrdiff_t btkMove(const btkPlace& from, const btkPlace& to)
     off64_t target = to.position == nullptr ? 0 : *to.position;
     off64_t* const targetPlace = to.position == nullptr ? nullptr : &target;
     btkNoSigPipe guard;
-    const std::ptrdiff_t moved = Retry(to.handle, POLLOUT, [&] {
+    const std::ptrdiff_t moved = Transfer(to.handle, POLLOUT, [&] {
         return from.position != nullptr
                    ? copy_file_range(from.handle, &source, to.handle, targetPlace, most, 0)
                    : splice(from.handle, nullptr, to.handle, targetPlace, most, 0);
@@ -249,8 +239,7 @@ btkNoSigPipe::~btkNoSigPipe()
     const sigset_t set = JustSigPipe();
     if (raised && !wasPending) {
         const timespec now = {};
-        while (sigtimedwait(&set, nullptr, &now) < 0 && errno == EINTR) {
-        }
+        btkRetry([&] { return sigtimedwait(&set, nullptr, &now); });
     }
     if (blocked)
         pthread_sigmask(SIG_UNBLOCK, &set, nullptr);

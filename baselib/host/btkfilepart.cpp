@@ -1,6 +1,7 @@
 #include <qel/base/btkfilepart.h>
 
 #include <qel/base/btkpipe.h>
+#include <qel/base/btkretry.h>
 
 #include <cerrno>
 #include <ctime>
@@ -70,11 +71,7 @@ bool Take(const struct stat& status, btkFileState& state)
 
 bool btkSetFileSize(btkHandle handle, long long size)
 {
-    int answer = 0;
-    do
-        answer = ftruncate(handle, size);
-    while (answer < 0 && errno == EINTR);
-    return answer == 0;
+    return btkRetry([&] { return ftruncate(handle, size); }) == 0;
 }
 
 bool btkGetFileState(btkHandle handle, btkFileState& state)
@@ -134,11 +131,7 @@ btkRangeLock::Answer btkRangeLock::Wait(Kind kind, btkTimeval limit)
 {
     if (limit.IsForever()) {
         struct flock lock = Describe(TypeOf(kind), first, count);
-        int done;
-        do
-            done = fcntl(handle, F_OFD_SETLKW, &lock);
-        while (done != 0 && errno == EINTR);
-        held = done == 0;
+        held = btkRetry([&] { return fcntl(handle, F_OFD_SETLKW, &lock); }) == 0;
         return held ? Held : Unsupported;
     }
     btkPatience patience(limit);

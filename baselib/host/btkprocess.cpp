@@ -15,6 +15,7 @@
 
 #include <qel/base/btkcmdline.h>
 #include <qel/base/btkenvironment.h>
+#include <qel/base/btkretry.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
@@ -48,11 +49,8 @@ constexpr idtype_t byDescriptor = static_cast<idtype_t>(3); // P_PIDFD
 int Reap(btkHandle process, bool wait, long& exitCode)
 {
     siginfo_t ended = {};
-    int answer;
-    do
-        answer = waitid(byDescriptor, static_cast<id_t>(process), &ended, WEXITED | (wait ? 0 : WNOHANG));
-    while (answer < 0 && errno == EINTR);
-    if (answer < 0)
+    const int options = WEXITED | (wait ? 0 : WNOHANG);
+    if (btkRetry([&] { return waitid(byDescriptor, static_cast<id_t>(process), &ended, options); }) < 0)
         return -1;
     if (ended.si_pid == 0)
         return 0;
@@ -212,8 +210,7 @@ bool Process_Launch(btkProcess** process, unsigned long* id, const char* command
         // No descriptor is left to watch it by: it must not run unseen.
         const int kept = errno;
         kill(made->leadsGroup ? -made->id : made->id, SIGKILL);
-        while (waitpid(made->id, nullptr, 0) < 0 && errno == EINTR) {
-        }
+        btkRetry([&] { return waitpid(made->id, nullptr, 0); });
         errno = kept;
         return false;
     }

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <qel/base/btkfilepart.h>
+#include <qel/base/btkretry.h>
 
 namespace {
 
@@ -148,15 +149,6 @@ bool newName(std::string& name)
     return true;
 }
 
-template<typename Call>
-auto retried(Call call)
-{
-    auto result = call();
-    while (result == -1 && errno == EINTR)
-        result = call();
-    return result;
-}
-
 /// Removes from the open folder what processes that were killed have left. Returns how many names it has
 /// looked at.
 int removeLeftOvers(btkHandle folder)
@@ -261,7 +253,7 @@ bool btkCopyRights(btkHandle from, btkHandle to, unsigned modeBits)
 bool btkSyncFolder(btkHandle folder)
 {
     const btkFd readable(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return readable && retried([&] { return fsync(readable.Get()); }) == 0;
+    return readable && btkRetry([&] { return fsync(readable.Get()); }) == 0;
 }
 
 bool btkReplaceByLink(btkHandle folder, const char* text, const char* name)
@@ -303,7 +295,7 @@ bool btkReplacement::create(unsigned permissions, Name name)
     creator = getpid();
     if (name == Unnamed && canLinkOpen()) {
         file =
-            btkFd(retried([&] { return openat(folder, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, permissions); }));
+            btkFd(btkRetry([&] { return openat(folder, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, permissions); }));
         if (file || (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL))
             return static_cast<bool>(file);
     }
@@ -358,7 +350,7 @@ bool btkReplacement::createNamed(unsigned permissions)
     std::string name;
     if (!newName(name))
         return false;
-    file = btkFd(retried([&] {
+    file = btkFd(btkRetry([&] {
         return openat(folder, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY,
                       permissions);
     }));
@@ -412,7 +404,7 @@ bool btkReplacement::Write(const void* content, std::size_t size)
 
 bool btkReplacement::TakePlace(const char* name, Durability durability, Existing existing)
 {
-    if (durability == Synced && retried([&] { return fsync(file.Get()); }) != 0)
+    if (durability == Synced && btkRetry([&] { return fsync(file.Get()); }) != 0)
         return false;
     if (!hasKeptWrites(file))
         return false;

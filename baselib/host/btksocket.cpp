@@ -1,6 +1,7 @@
 #include <qel/base/btksocket.h>
 
 #include <qel/base/btkevent.h>
+#include <qel/base/btkretry.h>
 
 #include "btkpoll_p.h"
 #include "btksocketaddress_p.h"
@@ -104,11 +105,7 @@ std::ptrdiff_t ReceivePart(btkHandle handle, void* to, std::size_t size, int fla
 // A receive that never waits.
 std::ptrdiff_t ReceiveNow(btkHandle handle, void* to, std::size_t size, bool& mayBeMore)
 {
-    for (;;) {
-        const std::ptrdiff_t count = ReceivePart(handle, to, size, MSG_DONTWAIT, mayBeMore);
-        if (count >= 0 || errno != EINTR)
-            return count;
-    }
+    return btkRetry([&] { return ReceivePart(handle, to, size, MSG_DONTWAIT, mayBeMore); });
 }
 
 std::ptrdiff_t ReceiveNow(btkHandle handle, void* to, std::size_t size)
@@ -371,10 +368,10 @@ std::ptrdiff_t btkStreamSocket::Transfer(short events, btkTimeval end, bool wait
     if (waitsFirst && !mayWait && !Await(events, end))
         return -1;
     for (;;) {
-        const std::ptrdiff_t answer = call(flags);
-        if (answer >= 0 || (errno != EINTR && errno != EAGAIN))
+        const std::ptrdiff_t answer = btkRetry([&] { return call(flags); });
+        if (answer >= 0 || errno != EAGAIN)
             return answer;
-        if (errno == EAGAIN && !Await(events, end))
+        if (!Await(events, end))
             return -1;
     }
 }
@@ -675,18 +672,14 @@ bool btkAcceptSocket::Listen(int port, const char* interface)
 
 bool btkAcceptSocket::Accept(btkStreamSocket* connection)
 {
-    for (;;) {
-        btkSocketAddress address;
-        btkFd accepted(accept4(fd.Get(), address.Get(), &address.size, SOCK_CLOEXEC));
-        if (accepted) {
-            connection->Close();
-            connection->fd = std::move(accepted);
-            std::memcpy(connection->peer.data(), &address.storage, connection->peer.size());
-            return true;
-        }
-        if (errno != EINTR)
-            return false;
-    }
+    btkSocketAddress address;
+    btkFd accepted(btkRetry([&] { return accept4(fd.Get(), address.Get(), &address.size, SOCK_CLOEXEC); }));
+    if (!accepted)
+        return false;
+    connection->Close();
+    connection->fd = std::move(accepted);
+    std::memcpy(connection->peer.data(), &address.storage, connection->peer.size());
+    return true;
 }
 
 // ---- what a connection is like

@@ -3,6 +3,7 @@
 #include "btkspawn_p.h"
 #include <qel/base/btkenvironment.h>
 #include <qel/base/btkpipe.h>
+#include <qel/base/btkretry.h>
 
 #include <atomic>
 #include <cerrno>
@@ -47,9 +48,8 @@ int statusOf(pid_t child)
     if (child < 0)
         return -1;
     int status;
-    while (waitpid(child, &status, 0) < 0)
-        if (errno != EINTR)
-            return -1;
+    if (btkRetry([&] { return waitpid(child, &status, 0); }) < 0)
+        return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 

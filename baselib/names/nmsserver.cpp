@@ -11,6 +11,7 @@
 
 #include <qel/base/btkevent.h>
 #include <qel/base/btkreplace.h>
+#include <qel/base/btkretry.h>
 #include <qel/base/btksystem.h>
 
 #include "btkpoll_p.h"
@@ -337,10 +338,10 @@ void nmsServer::Send(Client& client)
             break;
         if (sends == sendsInTurn)
             return;
-        const std::ptrdiff_t count = send(client.socket.GetHandle(), client.out.data() + client.sent,
-                                          client.out.size() - client.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (count < 0 && errno == EINTR)
-            continue;
+        const std::ptrdiff_t count = btkRetry([&client] {
+            return send(client.socket.GetHandle(), client.out.data() + client.sent,
+                        client.out.size() - client.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+        });
         if (count < 0) {
             if (errno != EAGAIN)
                 client.state = Client::Gone;
