@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include <qel/base/btkfilepart.h>
-
 namespace {
 
 // What is read at once: enough for a few values after a seek, more from the start of a file, and growing.
@@ -186,7 +184,7 @@ std::size_t xfilebuf::WriteOut(const char* from, std::size_t count)
     if (!hasPositions)
         return btkWrite(file.Get(), from, count);
     const std::size_t written =
-        (keepsWhole ? btkWriteWholeAt : btkWriteAt)(file.Get(), from, count, filePosition);
+        keepsWhole ? Rewrite(from, count, filePosition) : btkWriteAt(file.Get(), from, count, filePosition);
     filePosition += static_cast<long long>(written);
     return written;
 }

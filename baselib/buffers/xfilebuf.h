@@ -3,6 +3,7 @@
 #include <ios>
 #include <utility>
 
+#include <qel/base/btkfilepart.h>
 #include <qel/base/xinputbuf.h>
 
 /// Buffered reading and writing of a file with one position for both; no seek is needed between them.
@@ -40,9 +41,14 @@ public:
     /// Says that the next read takes `size` bytes: so many, if not too many, are asked for at once, and no
     /// more.
     void ExpectRead(std::size_t size) { readAhead = size < usualSize ? size : usualSize; }
-    /// From now on, what is rewritten in the file is whole as btkWriteWholeAt says: values of up to 4096
-    /// bytes that are written and synchronized one by one survive a kill in their old or in their new form.
+    /// From now on, what is rewritten in the file is whole as btkPartWriter says: values of up to 4096 bytes
+    /// that are written and synchronized one by one survive a kill in their old or in their new form.
     void KeepWhole() { keepsWhole = true; }
+    /// Writes a value so, at once, wherever the position is. Nothing is pending.
+    std::size_t Rewrite(const void* from, std::size_t size, long long position)
+    {
+        return parts.Write(file.Get(), from, size, position);
+    }
     /// Forgets what is pending, which could not be written.
     void DropPending();
     /// The size of the file as it is now, with what others have appended and what is still pending here; -1
@@ -83,6 +89,7 @@ private:
     Mode mode;
     bool hasPositions;
     bool keepsWhole = false;
+    btkPartWriter parts;
     // The position in the file of the end of the get area while reading, of the first pending byte while
     // writing.
     long long filePosition = 0;

@@ -1,20 +1,19 @@
 #include <qel/base/btkfilepart.h>
 
-#include <qel/base/btkpipe.h>
 #include <qel/base/btkretry.h>
+#include <qel/base/btksystem.h>
 
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <string>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
-
-// What a pipe surely takes at once.
-constexpr std::size_t greatestWhole = 4096;
 
 // Whether the bytes may lie in two pages: no host has smaller ones.
 bool CrossesPage(long long position, std::size_t size)
@@ -23,27 +22,19 @@ bool CrossesPage(long long position, std::size_t size)
     return size > 0 && position / page != (position + static_cast<long long>(size) - 1) / page;
 }
 
-// A write goes page by page, and a killed process leaves it between two of them. A copy that the kernel makes
-// into mapped pages is one step; unlike a copy of our own it ends with an error when the file has been cut,
-// and with no signal. What is to be copied passes through a pipe for that.
-bool CopyIntoPages(btkHandle handle, const void* from, std::size_t size, long long position)
+// Copies within this process as the kernel copies: without looking at signals, and where `to` has been cut
+// off its file that is an error and no SIGBUS. `from` lies in one page.
+//
+// The first and the last byte are copied onto themselves before. Where that fails, nothing has changed; after
+// it both pages are there and writable, so that the copy has nothing to wait for, in which it could be broken
+// off.
+bool CopyByKernel(char* to, char* from, std::size_t size)
 {
-    const long long page = sysconf(_SC_PAGESIZE);
-    const long long start = position / page * page;
-    const std::size_t before = static_cast<std::size_t>(position - start);
-    void* const pages = mmap(nullptr, before + size, PROT_READ | PROT_WRITE, MAP_SHARED, handle, start);
-    if (pages == MAP_FAILED)
-        return false;
-    const std::ptrdiff_t wanted = static_cast<std::ptrdiff_t>(size);
-    btkOutputPipe output;
-    btkInputPipe input;
-    // The pages are there and writable before the copy begins, so that it has nothing to wait for.
-    const bool copied = madvise(pages, before + size, MADV_POPULATE_WRITE) == 0 &&
-                        btkAnonymousPipe::Create(output, input) &&
-                        write(output.Get(), from, size) == wanted &&
-                        read(input.Get(), static_cast<char*>(pages) + before, size) == wanted;
-    munmap(pages, before + size);
-    return copied;
+    char* const last = to + size - 1;
+    const iovec target[] = {{to, 1}, {last, 1}, {to, size}};
+    const iovec source[] = {{to, 1}, {last, 1}, {from, size}};
+    return process_vm_readv(btkProcessNumber(), target, 3, source, 3, 0) ==
+           static_cast<std::ptrdiff_t>(size + 2);
 }
 
 struct flock Describe(short type, long long first, long long count)
@@ -94,14 +85,49 @@ bool btkOpenAnew(btkHandle handle)
     return opened && dup3(opened.Get(), handle, O_CLOEXEC) == handle;
 }
 
-std::size_t btkWriteWholeAt(btkHandle handle, const void* from, std::size_t size, long long position)
+// ---- parts that are rewritten whole
+
+// A write goes page by page, and a killed process leaves it between two of them. One copy into mapped pages
+// does not.
+std::size_t btkPartWriter::Write(btkHandle handle, const void* from, std::size_t size, long long position)
 {
-    if (size <= greatestWhole && CrossesPage(position, size) &&
-        position + static_cast<long long>(size) <= btkGetFileSize(handle) && // pages make no file longer
-        CopyIntoPages(handle, from, size, position))
+    if (size > greatestWhole || !CrossesPage(position, size) ||
+        !Map(handle, position + static_cast<long long>(size)))
+        return btkWriteAt(handle, from, size, position);
+    alignas(greatestWhole) char part[greatestWhole];
+    std::memcpy(part, from, size);
+    if (CopyByKernel(pages + position, part, size))
         return size;
+    Forget();
     return btkWriteAt(handle, from, size, position);
 }
+
+// Maps the file if it reaches up to `end`: pages make no file longer.
+bool btkPartWriter::Map(btkHandle handle, long long end)
+{
+    if (end <= mapped)
+        return true;
+    const long long size = btkGetFileSize(handle);
+    if (end > size)
+        return false;
+    Forget();
+    void* const got =
+        mmap(nullptr, static_cast<std::size_t>(size), PROT_READ | PROT_WRITE, MAP_SHARED, handle, 0);
+    if (got == MAP_FAILED)
+        return false;
+    pages = static_cast<char*>(got);
+    mapped = size;
+    return true;
+}
+
+void btkPartWriter::Forget()
+{
+    if (mapped > 0)
+        munmap(pages, static_cast<std::size_t>(mapped));
+    mapped = 0;
+}
+
+// ---- locks
 
 bool btkPatience::Rest()
 {

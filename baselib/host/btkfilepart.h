@@ -28,11 +28,30 @@ BASE_API bool btkGetFileState(const char* path, btkFileState& state);
 /// nothing changed and the reason in errno, when it cannot be opened.
 BASE_API bool btkOpenAnew(btkHandle handle);
 
-/// As btkWriteAt, for a part of a file that already exists. When the process is killed meanwhile, the file
-/// holds all the old bytes or all the new ones. That cannot be had for more than 4096 bytes, and not on every
-/// file system; those are written as btkWriteAt does.
-BASE_API std::size_t btkWriteWholeAt(btkHandle handle, const void* from, std::size_t size,
-                                     long long position);
+/// Rewrites parts of one file. When the process is killed meanwhile, the file holds all the old bytes of the
+/// part or all the new ones. That cannot be had for more than 4096 bytes, nor where the file cannot be mapped
+/// or the system does not permit process_vm_readv: those parts are written as btkWriteAt does.
+class BASE_API btkPartWriter
+{
+public:
+    btkPartWriter() = default;
+    ~btkPartWriter() { Forget(); }
+    btkPartWriter(const btkPartWriter&) = delete;
+    btkPartWriter& operator=(const btkPartWriter&) = delete;
+
+    /// As btkWriteAt. `handle` is the same file each time, open for reading and writing. One system call for
+    /// each part, except that the file is mapped, and stays so, when a part first lies across a page's end.
+    std::size_t Write(btkHandle handle, const void* from, std::size_t size, long long position);
+
+private:
+    static constexpr std::size_t greatestWhole = 4096; // no page is smaller
+
+    bool Map(btkHandle handle, long long end);
+    void Forget();
+
+    char* pages = nullptr; // from the file's beginning
+    long long mapped = 0;  // bytes
+};
 
 /// Rests between attempts at something that others will soon have finished.
 class BASE_API btkPatience

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include "support/child.h"
+#include "support/callcounts.h"
 #include "support/tempdir.h"
+#include "support/traced.h"
 #include <qel/base/btkfilepart.h>
 #include <qel/base/xfilebuf.h>
 
@@ -91,21 +93,36 @@ TEST(btkFilePart, WritesWholePartsWhereverTheyLie)
     std::string expected(20000, '.');
     dir.write("f", expected);
     const btkFd file = btkOpenFile(dir.path("f"), readWrite);
+    btkPartWriter writer;
     for (const std::size_t size : {1, 8, 4000, 4096, 9000}) {
         for (const std::size_t position : {0, 4090, 4095, 8000, 20000}) {
             const std::string part(size, static_cast<char>('a' + size % 26));
             expected.resize(std::max(expected.size(), position + size));
             expected.replace(position, size, part);
-            EXPECT_EQ(btkWriteWholeAt(file.Get(), part.data(), size, static_cast<long long>(position)), size);
+            EXPECT_EQ(writer.Write(file.Get(), part.data(), size, static_cast<long long>(position)), size);
             ASSERT_TRUE(dir.read("f") == expected) << size << " bytes at " << position;
         }
     }
-    EXPECT_EQ(btkWriteWholeAt(file.Get(), nullptr, 0, 5), 0u);
+    EXPECT_EQ(writer.Write(file.Get(), nullptr, 0, 5), 0u);
+
+    // A part of what is mapped has been cut off.
+    ASSERT_TRUE(btkSetFileSize(file.Get(), 5000));
+    EXPECT_EQ(writer.Write(file.Get(), "across", 6, 8190), 6u);
+    EXPECT_TRUE(dir.read("f") == expected.substr(0, 5000) + std::string(3190, '\0') + "across");
 
     EXPECT_TRUE(btkSetFileSize(file.Get(), 7));
     EXPECT_TRUE(btkSetFileSize(file.Get(), 9));
     EXPECT_TRUE(dir.read("f") == expected.substr(0, 7) + std::string(2, '\0'));
     EXPECT_FALSE(btkSetFileSize(file.Get(), -1));
+}
+
+TEST(btkFilePart, WritesWithoutMappedPagesWhereTheyAreRefused)
+{
+    if (!canInjectFaults())
+        GTEST_SKIP() << "needs strace";
+    const std::string test = "btkFilePart.WritesWholePartsWhereverTheyLie";
+    EXPECT_TRUE(passesWithFault(test, "process_vm_readv", "error=EPERM", 1));
+    EXPECT_TRUE(passesWithFault(test, "process_vm_readv", "retval=5", 1));
 }
 
 TEST(btkFilePart, LeavesOldOrNewBytesWhenKilled)
@@ -122,8 +139,9 @@ TEST(btkFilePart, LeavesOldOrNewBytesWhenKilled)
 
     for (int kills = 0; kills < 100; ++kills) {
         ChildProcess writer([&] {
+            btkPartWriter part;
             for (char c = 'a';; c ^= 3)
-                btkWriteWholeAt(file.Get(), std::string(size, c).data(), size, position);
+                part.Write(file.Get(), std::string(size, c).data(), size, position);
             return 0;
         });
         usleep(static_cast<useconds_t>(1000 + kills * 20));

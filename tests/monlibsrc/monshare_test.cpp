@@ -4,15 +4,21 @@
 #include <atomic>
 #include <bit>
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <random>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "monsupport.h"
 #include "support/child.h"
+#include "support/environment.h"
+#include "support/callcounts.h"
 #include "support/tempdir.h"
+#include "support/traced.h"
 #include <qel/base/btkfilepart.h>
 
 namespace {
@@ -310,4 +316,50 @@ TEST_F(SharedFile, AForkedChildHasLocksOfItsOwn)
     }
     // A writer that stores without a pause lets readers in.
     EXPECT_LT(btkTimeval::Now() - begin, btkTimeval(5, 0));
+}
+
+TEST_F(SharedFile, ANumberThatIsStoredWithoutAPauseIsReadAllTheSame)
+{
+    const auto file = OpenMonitor(Path());
+    monRealParam* const real = file->Real("real");
+    const auto writer = std::make_unique<ChildProcess>([&]() -> int {
+        for (unsigned n = 0;; ++n)
+            real->setValue(CheckedReal(n));
+    });
+    const btkTimeval begin = btkTimeval::Now();
+    double last = 0;
+    for (int seen = 0; seen < 50;) {
+        const double now = real->getValue();
+        ASSERT_TRUE(IsWhole(now)) << "torn";
+        seen += std::bit_cast<std::uint64_t>(now) != std::bit_cast<std::uint64_t>(std::exchange(last, now));
+    }
+    EXPECT_LT(btkTimeval::Now() - begin, btkTimeval(5, 0));
+}
+
+/// The program that the test below runs under strace.
+TEST(CallsProgram, StoresNumbersAcrossPages)
+{
+    const char* const path = std::getenv("QEL_TEST_MONITOR");
+    if (path == nullptr)
+        GTEST_SKIP() << "run by another test";
+    const auto file = OpenMonitor(path);
+    monIntParam* const number = file->Int("int");
+    for (int i = 0; i < 4000; ++i)
+        number->setValue(i);
+}
+
+TEST_F(SharedFile, StoresANumberAcrossPagesByThreeSystemCalls)
+{
+    if (!canInjectFaults())
+        GTEST_SKIP() << "needs strace";
+    const EnvSetting setting("QEL_TEST_MONITOR", Path().c_str());
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+    ASSERT_EQ(std::system(("strace -c -o " + dir.path("calls") + " " + self +
+                           " --gtest_filter=CallsProgram.StoresNumbersAcrossPages >/dev/null 2>&1")
+                              .c_str()),
+              0);
+    EXPECT_EQ(OpenMonitor(Path())->Int("int")->getValue(), 3999);
+    const auto calls = callsIn(dir.path("calls"));
+    EXPECT_GE(calls.at("fcntl"), 2 * 4000);
+    EXPECT_LT(calls.at("total"), 3 * 4000 + 2000); // and what a start takes
 }

@@ -4,13 +4,13 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "support/environment.h"
+#include "support/callcounts.h"
 #include "support/tempdir.h"
 #include "support/testserver.h"
 #include "support/traced.h"
@@ -87,17 +87,7 @@ public:
     long callsOf(const std::string& name)
     {
         end();
-        std::ifstream table(dir.path("calls"));
-        for (std::string line; std::getline(table, line);) {
-            std::istringstream fields(line);
-            std::string percent, seconds, each, word;
-            long calls = 0;
-            fields >> percent >> seconds >> each >> calls;
-            while (fields >> word)
-                if (word == name)
-                    return calls;
-        }
-        return 0;
+        return callsIn(dir.path("calls"))[name];
     }
 
     int port = 0;

@@ -19,23 +19,21 @@ constexpr long long ReaderAnnounced(int position)
     return position + (2LL << 32);
 }
 
-// Lets readers go first that wait for the value. Returns whether they went.
-bool LetReadersGo(btkRangeLock& readers)
-{
-    btkPatience patience(writerLimit);
-    bool wait = readers.IsBusy(btkRangeLock::Exclusive);
-    while (wait && patience.Rest())
-        wait = readers.IsBusy(btkRangeLock::Exclusive);
-    return !wait;
-}
-
 } // namespace
 
-monWriteLock::monWriteLock(btkHandle file, int position, int size, bool& isPolite)
+void monLetReadersGo(btkHandle file, int position, int size, bool& isPolite)
+{
+    const btkRangeLock readers(file, ReaderAnnounced(position), size);
+    btkPatience patience(writerLimit);
+    bool wait = readers.IsBusy(btkRangeLock::Exclusive);
+    while (wait && isPolite && patience.Rest())
+        wait = readers.IsBusy(btkRangeLock::Exclusive);
+    isPolite = !wait;
+}
+
+monWriteLock::monWriteLock(btkHandle file, int position, int size)
     : value(file, position, size), waiting(file, WriterAnnounced(position), size)
 {
-    btkRangeLock readers(file, ReaderAnnounced(position), size);
-    isPolite = isPolite ? LetReadersGo(readers) : !readers.IsBusy(btkRangeLock::Exclusive);
     if (value.Try(btkRangeLock::Exclusive) != btkRangeLock::Busy)
         return;
     waiting.Try(btkRangeLock::Exclusive);

@@ -6,8 +6,9 @@
 // value's own bytes; and nobody waits for long, since the other side may have stopped.
 //
 // A writer or a reader that does not get its lock announces that it waits, by a lock on the same bytes beyond
-// all positions. A writer that comes then lets the readers go first, for `writerLimit` at most, so that one
-// that stores without a pause does not starve them.
+// all positions. A writer of a text that comes then lets the readers go first, for `writerLimit` at most, so
+// that one that stores without a pause does not starve them. A number is written by one call, so that readers
+// find it free soon enough.
 //
 // While a writer waits, new readers step back, and when those inside have not left after `writerLimit`, it
 // writes all the same. What a reader has found in less time than that is sure. What took longer is good when
@@ -21,12 +22,14 @@ inline bool monIsSplit(int position, int size)
     return position / line != (position + size - 1) / line;
 }
 
+/// Lets readers go first that wait for the value. `isPolite` is false while that has last been in vain: they
+/// may have stopped, and are not waited for again before they have left.
+void monLetReadersGo(btkHandle file, int position, int size, bool& isPolite);
+
 class monWriteLock
 {
 public:
-    /// `isPolite` is false while readers that wait have last been let go in vain: they may have stopped, and
-    /// are not waited for again before they have left.
-    monWriteLock(btkHandle file, int position, int size, bool& isPolite);
+    monWriteLock(btkHandle file, int position, int size);
 
 private:
     btkRangeLock value;

@@ -155,11 +155,11 @@ Value monFile::Set(monParam& parameter, Value value)
     const auto word = Encode(value);
     PrepareToWrite();
     const int start = PositionOf(parameter);
-    const btkHandle handle = stream->fileBuf->GetHandle();
+    xfilebuf& file = *stream->fileBuf;
     std::optional<monWriteLock> lock;
     if (monIsSplit(start, sizeof word))
-        lock.emplace(handle, start, static_cast<int>(sizeof word), isPolite);
-    if (btkWriteWholeAt(handle, &word, sizeof word, start) != sizeof word)
+        lock.emplace(file.GetHandle(), start, static_cast<int>(sizeof word));
+    if (file.Rewrite(&word, sizeof word, start) != sizeof word)
         Attempt([&] { stream->ThrowState(ioFileStream::stateBad); });
     return value;
 }
@@ -176,7 +176,9 @@ xstring monFile::GetText(int start, int capacity)
 
 void monFile::SetText(int start, int capacity, const char* text)
 {
-    const monWriteLock lock(stream->fileBuf->GetHandle(), start, monWordSize + capacity, isPolite);
+    const btkHandle handle = stream->fileBuf->GetHandle();
+    monLetReadersGo(handle, start, monWordSize + capacity, isPolite);
+    const monWriteLock lock(handle, start, monWordSize + capacity);
     Attempt([&] {
         Seek(start);
         StoreString(text);
