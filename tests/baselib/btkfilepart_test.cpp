@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "support/child.h"
-#include "support/callcounts.h"
+#include "support/faults.h"
 #include "support/tempdir.h"
 #include "support/traced.h"
 #include <qel/base/btkfilepart.h>

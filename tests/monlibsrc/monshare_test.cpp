@@ -16,7 +16,7 @@
 #include "monsupport.h"
 #include "support/child.h"
 #include "support/environment.h"
-#include "support/callcounts.h"
+#include "support/faults.h"
 #include "support/tempdir.h"
 #include "support/traced.h"
 #include <qel/base/btkfilepart.h>

@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "support/environment.h"
-#include "support/callcounts.h"
+#include "support/faults.h"
 #include "support/tempdir.h"
 #include "support/testserver.h"
 #include "support/traced.h"

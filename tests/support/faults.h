@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+/// Whether strace can be used here, which lets system calls of a program fail.
+inline bool canInjectFaults()
+{
+    return std::system("strace -qq -o /dev/null true >/dev/null 2>&1") == 0;
+}
+
+/// Runs the test `test` of this program with a fault, as strace writes it ("error=EIO", "signal=KILL"), at
+/// the `when`-th of the system calls `names`. Only those count that are about one of `paths`, if there are
+/// any. True when the test has passed.
+inline bool passesWithFault(const std::string& test, const std::string& names, const std::string& fault,
+                            int when, const std::vector<std::string>& paths = {})
+{
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+    std::string command = "strace -qq -o /dev/null -f -e trace=" + names + " -e inject=" + names + ":" +
+                          fault + ":when=" + std::to_string(when);
+    for (const std::string& path : paths)
+        command += " -P " + path;
+    return std::system((command + " " + self + " --gtest_filter=" + test + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+/// What `strace -c` has written to `path`: how often each system call was made, by its name; "total" is all.
+inline std::map<std::string, long> callsIn(const std::string& path)
+{
+    std::map<std::string, long> calls;
+    std::ifstream table(path);
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string percent, seconds, each, name;
+        long count = 0;
+        fields >> percent >> seconds >> each >> count;
+        while (fields >> name)
+            calls[name] = count;
+    }
+    return calls;
+}
