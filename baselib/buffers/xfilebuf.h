@@ -45,9 +45,10 @@ public:
     /// that are written and synchronized one by one survive a kill in their old or in their new form.
     void KeepWhole() { keepsWhole = true; }
     /// Writes a value so, at once, wherever the position is. Nothing is pending.
-    std::size_t Rewrite(const void* from, std::size_t size, long long position)
+    std::size_t Rewrite(const void* from, std::size_t size, long long position,
+                        btkPartWriter::Notice notice = btkPartWriter::AtOnce)
     {
-        return parts.Write(file.Get(), from, size, position);
+        return parts.Write(file.Get(), from, size, position, notice);
     }
     /// Forgets what is pending, which could not be written.
     void DropPending();

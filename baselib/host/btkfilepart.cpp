@@ -15,13 +15,6 @@
 
 namespace {
 
-// Whether the bytes may lie in two pages: no host has smaller ones.
-bool CrossesPage(long long position, std::size_t size)
-{
-    constexpr long long page = 4096;
-    return size > 0 && position / page != (position + static_cast<long long>(size) - 1) / page;
-}
-
 // Copies within this process as the kernel copies: without looking at signals, and where `to` has been cut
 // off its file that is an error and no SIGBUS. `from` lies in one page.
 //
@@ -87,19 +80,39 @@ bool btkOpenAnew(btkHandle handle)
 
 // ---- parts that are rewritten whole
 
+bool btkPartWriter::LiesAcross(long long position, std::size_t size)
+{
+    constexpr long long page = 4096; // or several of them are one page
+    return size > 0 && position / page != (position + static_cast<long long>(size) - 1) / page;
+}
+
 // A write goes page by page, and a killed process leaves it between two of them. One copy into mapped pages
 // does not.
-std::size_t btkPartWriter::Write(btkHandle handle, const void* from, std::size_t size, long long position)
+std::size_t btkPartWriter::Write(btkHandle handle, const void* from, std::size_t size, long long position,
+                                 Notice notice)
 {
-    if (size > greatestWhole || !CrossesPage(position, size) ||
+    if (size > greatestWhole || !LiesAcross(position, size) ||
         !Map(handle, position + static_cast<long long>(size)))
         return btkWriteAt(handle, from, size, position);
     alignas(greatestWhole) char part[greatestWhole];
     std::memcpy(part, from, size);
-    if (CopyByKernel(pages + position, part, size))
+    if (CopyByKernel(pages + position, part, size)) {
+        MakeKnown(handle, notice);
         return size;
+    }
     Forget();
     return btkWriteAt(handle, from, size, position);
+}
+
+// Unlike a write, a store into pages is told to nobody.
+void btkPartWriter::MakeKnown(btkHandle handle, Notice notice)
+{
+    constexpr btkTimeval pause(1, 0);
+    const btkTimeval now = btkTimeval::Now();
+    if (notice == Quietly && madeKnown <= now && now - madeKnown < pause)
+        return;
+    madeKnown = now;
+    futimens(handle, nullptr);
 }
 
 // Maps the file if it reaches up to `end`: pages make no file longer.

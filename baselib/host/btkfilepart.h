@@ -39,16 +39,27 @@ public:
     btkPartWriter(const btkPartWriter&) = delete;
     btkPartWriter& operator=(const btkPartWriter&) = delete;
 
-    /// As btkWriteAt. `handle` is the same file each time, open for reading and writing. One system call for
-    /// each part, except that the file is mapped, and stays so, when a part first lies across a page's end.
-    std::size_t Write(btkHandle handle, const void* from, std::size_t size, long long position);
+    enum Notice {
+        AtOnce, // who watches the file learns of every part, and its time of change is that of the last one
+        Quietly // the same, but not more often than once a second: saves a system call
+    };
+
+    /// As btkWriteAt. `handle` is the same file each time, open for reading and writing. A part that lies
+    /// across a page's end takes one system call and one for the notice; the first one has the file mapped,
+    /// and it stays so. `notice`: of such a part; of others all learn at once.
+    std::size_t Write(btkHandle handle, const void* from, std::size_t size, long long position,
+                      Notice notice = AtOnce);
+    /// Whether a part lies across a page's end.
+    static bool LiesAcross(long long position, std::size_t size);
 
 private:
     static constexpr std::size_t greatestWhole = 4096; // no page is smaller
 
     bool Map(btkHandle handle, long long end);
+    void MakeKnown(btkHandle handle, Notice notice);
     void Forget();
 
+    btkTimeval madeKnown;
     char* pages = nullptr; // from the file's beginning
     long long mapped = 0;  // bytes
 };

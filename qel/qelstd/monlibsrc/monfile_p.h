@@ -1,7 +1,9 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
+#include "monchange_p.h"
 #include "qelexception.h"
 #include "xiolib.h"
 #include "xmonlib.h"
@@ -25,6 +27,8 @@ struct monFile::Place
     int process = btkProcessNumber(); // that has opened it
     // Parameters of the file as it was before Reopen that have not been found again, by their names.
     monParamDict lost;
+    std::weak_ptr<monChanges> changes; // while there are events of them
+    bool isWatched = false;            // there have been
 };
 
 [[noreturn]] inline void monThrowWeird()

@@ -31,13 +31,25 @@ void monLetReadersGo(btkHandle file, int position, int size, bool& isPolite)
     isPolite = !wait;
 }
 
-monWriteLock::monWriteLock(btkHandle file, int position, int size)
-    : value(file, position, size), waiting(file, WriterAnnounced(position), size)
+monWriteLock::monWriteLock(btkHandle file, int position, int size, bool isKnown)
+    : value(file, position, size), unwatched(file, position - 1, size + 1),
+      waiting(file, WriterAnnounced(position), size)
 {
+    isWatched = isKnown || unwatched.Try(btkRangeLock::Exclusive) == btkRangeLock::Busy;
+    if (!isWatched)
+        return;
     if (value.Try(btkRangeLock::Exclusive) != btkRangeLock::Busy)
         return;
     waiting.Try(btkRangeLock::Exclusive);
     value.Wait(btkRangeLock::Exclusive, writerLimit);
+}
+
+void monWatchNumber(btkHandle file, int position)
+{
+    // Without the lock, because a writer has stopped, its stores are still known within a second.
+    btkRangeLock lock(file, position - 1, 1);
+    lock.Wait(btkRangeLock::Shared, readerLimit);
+    lock.Leave();
 }
 
 monReadLock::monReadLock(btkHandle file, int position, int size, bool& isPatient)

@@ -10,6 +10,10 @@
 // that one that stores without a pause does not starve them. A number is written by one call, so that readers
 // find it free soon enough.
 //
+// A watcher that waits for changes has a shared lock on the byte before each number that lies across a page's
+// end (the last one of its head, which nobody else locks). A writer tries to lock that byte too: when it gets
+// it, there is nobody to whom the store has to be made known.
+//
 // While a writer waits, new readers step back, and when those inside have not left after `writerLimit`, it
 // writes all the same. What a reader has found in less time than that is sure. What took longer is good when
 // nobody was writing at the end and the same was found before.
@@ -29,12 +33,20 @@ void monLetReadersGo(btkHandle file, int position, int size, bool& isPolite);
 class monWriteLock
 {
 public:
-    monWriteLock(btkHandle file, int position, int size);
+    /// `isKnown`: whether others watch is of no interest.
+    monWriteLock(btkHandle file, int position, int size, bool isKnown = true);
+    /// Whether somebody may be watching.
+    bool IsWatched() const { return isWatched; }
 
 private:
+    bool isWatched = true;
     btkRangeLock value;
+    btkRangeLock unwatched;
     btkRangeLock waiting;
 };
+
+/// Lets the opening have writers make known what they store in the number at `position`, until it is closed.
+void monWatchNumber(btkHandle file, int position);
 
 class monReadLock
 {

@@ -158,8 +158,9 @@ Value monFile::Set(monParam& parameter, Value value)
     xfilebuf& file = *stream->fileBuf;
     std::optional<monWriteLock> lock;
     if (monIsSplit(start, sizeof word))
-        lock.emplace(file.GetHandle(), start, static_cast<int>(sizeof word));
-    if (file.Rewrite(&word, sizeof word, start) != sizeof word)
+        lock.emplace(file.GetHandle(), start, static_cast<int>(sizeof word), place->isWatched);
+    const auto notice = lock && !lock->IsWatched() ? btkPartWriter::Quietly : btkPartWriter::AtOnce;
+    if (file.Rewrite(&word, sizeof word, start, notice) != sizeof word)
         Attempt([&] { stream->ThrowState(ioFileStream::stateBad); });
     return value;
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "monfile_p.h"
+#include "monlock_p.h"
 #include "qeltable.h"
 #include <qel/base/btkbyteorder.h>
 #include <qel/base/btkreplace.h>
@@ -44,11 +45,6 @@ void LetGo(xthrowable* thrown)
         xrcrelease(thrown);
     else
         xdelete(thrown);
-}
-
-[[noreturn]] void ThrowShrunk()
-{
-    qelXNativeException::Throw("monFile has shrunk!");
 }
 
 [[noreturn]] void ThrowTooLarge()
@@ -101,6 +97,7 @@ monFile::monFile(ioFileStream* opened, const std::string& path, bool isReadOnly)
 
 monFile::~monFile()
 {
+    EndChanges();
     while (firstParam != nullptr) {
         monParam* const gone = firstParam;
         firstParam = gone->next;
@@ -267,6 +264,7 @@ void monFile::Prepare()
     if (!btkOpenAnew(stream->fileBuf->GetHandle()))
         stream->ThrowState(ioFileStream::stateBad);
     place->process = btkProcessNumber();
+    WatchAnew();
 }
 
 void monFile::PrepareToWrite()
@@ -276,13 +274,22 @@ void monFile::PrepareToWrite()
         qelXNativeException::Throw("monFile: Opened for reading only");
 }
 
-// Throws when the file has no name left or has been emptied.
+// Before each reading. Throws when the file has no name left or has been emptied.
 long long monFile::SizeUnlessGone()
 {
+    if (const auto changes = place->changes.lock())
+        changes->BeRead();
     btkFileState now;
     if (!btkGetFileState(stream->fileBuf->GetHandle(), now) || !now.hasName || now.size < readUpTo)
-        ThrowShrunk();
+        ThrowGone();
     return now.size;
+}
+
+void monFile::ThrowGone()
+{
+    if (const auto changes = place->changes.lock())
+        changes->BeGone();
+    qelXNativeException::Throw("monFile has shrunk!");
 }
 
 bool monFile::isReplaced()
@@ -330,7 +337,58 @@ bool monFile::Reopen()
     title = anew->title;
     headerWord = anew->headerWord;
     isPatient = true;
+    WatchAnew();
     return true;
+}
+
+// ---- changes
+
+evtEvent* monFile::ChangeEvent()
+{
+    Prepare();
+    std::shared_ptr<monChanges> changes = place->changes.lock();
+    if (changes == nullptr) {
+        changes = std::make_shared<monChanges>(place->path);
+        if (!changes->Begin(stream->fileBuf->GetHandle())) {
+            platFail();
+            return nullptr;
+        }
+    }
+    evtEvent* const event = new (pDefMemMgr) monChangeEvent(changes);
+    place->changes = changes;
+    if (!std::exchange(place->isWatched, true))
+        WatchNumbers();
+    return event;
+}
+
+// After the file has been opened anew.
+void monFile::WatchAnew()
+{
+    if (const auto changes = place->changes.lock())
+        changes->BeginAnew(stream->fileBuf->GetHandle());
+    if (place->isWatched)
+        WatchNumbers();
+}
+
+void monFile::WatchNumbers()
+{
+    for (monParam* each = firstParam; each != nullptr; each = each->next)
+        if (!each->isLost && monStringParam::softcast(each) == nullptr)
+            WatchNumber(*each);
+}
+
+void monFile::WatchNumber(monParam& parameter)
+{
+    const int position = static_cast<int>(std::streamoff(parameter.position));
+    const int size = monRealParam::softcast(&parameter) != nullptr ? monRealSize : monWordSize;
+    if (btkPartWriter::LiesAcross(position, static_cast<std::size_t>(size)))
+        monWatchNumber(stream->fileBuf->GetHandle(), position);
+}
+
+void monFile::EndChanges()
+{
+    if (const auto changes = place->changes.lock())
+        changes->End();
 }
 
 xstring monFile::getTitle()
@@ -366,6 +424,7 @@ monStringParam* monFile::String(const char* name, int capacity)
 
 void monFile::Close()
 {
+    EndChanges();
     stream->Close();
 }
 
@@ -487,7 +546,7 @@ void monFile::UpdateCache()
         const long long end = SizeUnlessGone();
         btkFileState there;
         if (!btkGetFileState(place->path.c_str(), there) || !there.IsSameFile(place->opened))
-            ThrowShrunk();
+            ThrowGone();
         if (end == readUpTo)
             return;
         try {
@@ -632,11 +691,15 @@ Param* monFile::Enter(const char* name, int position, Capacity... capacity)
         if constexpr (sizeof...(capacity) > 0)
             found->capacity = (0 + ... + capacity);
         params->set(name, found);
+        if (sizeof...(capacity) == 0 && place->isWatched)
+            WatchNumber(*found);
         return found;
     }
     Param* const made = new (pDefMemMgr) Param(*this, name, position, capacity...);
     made->next = firstParam;
     firstParam = made;
+    if (sizeof...(capacity) == 0 && place->isWatched)
+        WatchNumber(*made);
     return made;
 }
 

@@ -6,6 +6,7 @@
 #include <qel/xdictionary.h>
 #include <qel/xstring.h>
 
+class evtEvent;
 class ioFileStream;
 class monFile;
 
@@ -161,6 +162,18 @@ public:
     /// when it cannot be opened, is no monitor file or was closed.
     bool Reopen();
 
+    /// An event that is on when the file has changed, or was replaced or removed, since the event was made
+    /// and since the last reading through this object: a watcher makes it, reads, and waits for it beside
+    /// others. The first reading after a wait makes it quiet; what changes later turns it on again. What this
+    /// object stores counts too. After Reopen it is on until the new file has been read. A reading that has
+    /// thrown since the file is gone makes it quiet until the path leads to another file. It may stay on
+    /// where it cannot tell: once the file is closed, and in a forked child without a descriptor left.
+    ///
+    /// The events of one file share one descriptor. Null, with the last error set, where the system has no
+    /// descriptor or watch left. The caller owns the new object and frees it with xdelete.
+    /// @throws ioXStream  the file was closed
+    evtEvent* ChangeEvent();
+
     xstring getTitle();
     /// The parameters, after looking for new ones. The table stays the file's. When several were given one
     /// name, it has the latest.
@@ -235,7 +248,13 @@ private:
     void Prepare();
     void PrepareToWrite();
     long long SizeUnlessGone();
+    [[noreturn]] void ThrowGone();
     int PositionOf(monParam& parameter);
+
+    void WatchAnew();
+    void WatchNumbers();
+    void WatchNumber(monParam& parameter);
+    void EndChanges();
 
     // A value in its place.
     template<class Value>

@@ -1,0 +1,25 @@
+#include <qel/base/btkfilewatch.h>
+
+#include <string>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+bool btkFileWatch::Begin(btkHandle file)
+{
+    // The file of an open descriptor, whatever its path leads to by now.
+    const std::string opened = "/proc/self/fd/" + std::to_string(file);
+    news.Reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    if (news && inotify_add_watch(news.Get(), opened.c_str(),
+                                  IN_MODIFY | IN_ATTRIB | IN_MOVE_SELF | IN_DELETE_SELF) >= 0)
+        return true;
+    news.Reset();
+    return false;
+}
+
+void btkFileWatch::Forget()
+{
+    constexpr int most = 64; // reads empty the longest queue
+    char taken[4096];
+    for (int left = most; left > 0 && read(news.Get(), taken, sizeof taken) > 0; --left) {
+    }
+}
