@@ -12,6 +12,8 @@
 #include <gtest/gtest.h>
 
 #include "support/child.h"
+#include "support/interrupt.h"
+#include "support/longrun.h"
 #include "support/nameserver.h"
 #include "support/tempdir.h"
 #include <qel/base/nmsclient.h>
@@ -19,6 +21,8 @@
 namespace {
 
 constexpr btkTimeval Patience(10, 0);
+
+const InterruptedInLongRuns& interrupted = InterruptedInLongRuns::Add();
 
 // One client of the name server of this machine.
 class Client
@@ -218,7 +222,7 @@ TEST(NameServer, LosesNothingAndDoublesNothing)
 {
     TestNameServer server;
     constexpr int clients = 64;
-    constexpr int rounds = 60;
+    const int rounds = ofALongRun(60, 47000); // 3 million requests
     std::vector<std::atomic<int>> sharedCount(10);
     std::atomic<int> faults = 0;
     std::vector<std::thread> threads;
@@ -276,7 +280,8 @@ TEST(NameServer, ANameIsFreeOnceItsServerIsKilled)
 {
     TestNameServer server;
     Client client;
-    for (int i = 0; i < 100; ++i) {
+    const int kills = ofALongRun(100, 500);
+    for (int i = 0; i < kills; ++i) {
         ChildProcess holder([] {
             pause();
             return 0;
@@ -316,7 +321,8 @@ TEST(NameServer, ClientsOutliveItsRestarts)
                 served += queried == 0 && count == 1;
             }
         });
-    for (int i = 0; i < 20; ++i) {
+    const int restarts = ofALongRun(20, 200);
+    for (int i = 0; i < restarts; ++i) {
         const int before = served;
         // A program of its own: a copy of this one may hold locks of its threads.
         ChildProcess server([&] {

@@ -1,6 +1,7 @@
 #include <qel/xnetlib.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <ctime>
 #include <future>
@@ -11,6 +12,8 @@
 #include "failure.h"
 #include "support/child.h"
 #include "support/descriptors.h"
+#include "support/interrupt.h"
+#include "support/longrun.h"
 #include "support/nameserver.h"
 #include "support/streampair.h"
 #include "support/testserver.h"
@@ -21,6 +24,8 @@
 #include <qel/xrtti.h>
 
 namespace {
+
+const InterruptedInLongRuns& interrupted = InterruptedInLongRuns::Add();
 
 constexpr btkTimeval patience(10, 0);
 
@@ -129,7 +134,10 @@ TEST(netBaseServer, OneOfManyThatStartAtOnceGetsTheName)
     int refused = 0;
     for (int i = 0; i < 11; ++i) {
         int status = 0;
-        const pid_t ended = waitpid(-1, &status, 0);
+        pid_t ended = -1;
+        do
+            ended = waitpid(-1, &status, 0);
+        while (ended < 0 && errno == EINTR);
         refused += ended > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 1;
     }
     EXPECT_EQ(refused, 11);
@@ -474,7 +482,8 @@ struct Counting : netServer
 
 TEST(AsyncRequest, FindsADerivedServerWholeUntilItHasEnded)
 {
-    for (int i = 0; i < 10; ++i) {
+    const int times = ofALongRun(10, 100);
+    for (int i = 0; i < times; ++i) {
         std::atomic<int> running = 0;
         RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
         netServer* plain = nullptr;

@@ -10,6 +10,7 @@
 
 #include "failure.h"
 #include "support/addresses.h"
+#include "support/interrupt.h"
 #include "support/socketpair.h"
 #include "support/streampair.h"
 #include <qel/base/nmsclient.h>
@@ -21,6 +22,8 @@
 #include <gtest/gtest.h>
 
 namespace {
+
+const InterruptedInLongRuns& interrupted = InterruptedInLongRuns::Add();
 
 using Stream = std::unique_ptr<netSocketStream, qelDelete>;
 using Event = std::unique_ptr<ioEvent, qelDelete>;

@@ -6,12 +6,15 @@
 
 #include <gtest/gtest.h>
 
+#include "support/interrupt.h"
 #include "support/nameserver.h"
 #include "support/thrown.h"
 #include <qel/base/btksocket.h>
 #include <qel/nmsproxy.h>
 
 namespace {
+
+const InterruptedInLongRuns& interrupted = InterruptedInLongRuns::Add();
 
 using Proxy = xrchandle<nmsServerProxy>;
 using Record = xrchandle<nmsRecord>;

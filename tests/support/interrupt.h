@@ -3,10 +3,14 @@
 #include <atomic>
 #include <csignal>
 #include <ctime>
+#include <optional>
 #include <sys/time.h>
 
+#include "support/longrun.h"
+#include <gtest/gtest.h>
+
 /// Interrupts the process a thousand times a second while it lives, with a handler that does not restart
-/// calls.
+/// calls. What interrupted it before goes on afterwards.
 class Interrupter
 {
 public:
@@ -16,12 +20,11 @@ public:
         action.sa_handler = [](int) { interrupts.fetch_add(1); };
         sigaction(SIGALRM, &action, &before);
         const itimerval timer = {{0, 1000}, {0, 1000}};
-        setitimer(ITIMER_REAL, &timer, nullptr);
+        setitimer(ITIMER_REAL, &timer, &timerBefore);
     }
     ~Interrupter()
     {
-        const itimerval off = {};
-        setitimer(ITIMER_REAL, &off, nullptr);
+        setitimer(ITIMER_REAL, &timerBefore, nullptr);
         sigaction(SIGALRM, &before, nullptr);
     }
     Interrupter(const Interrupter&) = delete;
@@ -32,4 +35,26 @@ public:
 
 private:
     struct sigaction before = {};
+    itimerval timerBefore = {};
+};
+
+/// Lets all tests of a program run while they are interrupted, in long runs.
+class InterruptedInLongRuns : public testing::Environment
+{
+public:
+    static const InterruptedInLongRuns& Add()
+    {
+        auto* const added = new InterruptedInLongRuns;
+        testing::AddGlobalTestEnvironment(added);
+        return *added;
+    }
+    void SetUp() override
+    {
+        if (ofALongRun(false, true))
+            interrupter.emplace();
+    }
+    void TearDown() override { interrupter.reset(); }
+
+private:
+    std::optional<Interrupter> interrupter;
 };
