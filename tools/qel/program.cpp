@@ -5,7 +5,8 @@
 
 void AddNameServiceCommands(CLI::App& program);
 void AddServerCommands(CLI::App& program);
-void AddRemoteShellCommands(CLI::App& program);
+void AddRemoteShellCommand(CLI::App& program);
+void AddRemoteShellServer(CLI::App& program);
 void AddMonitorCommands(CLI::App& program);
 void AddConfigCommands(CLI::App& program);
 void AddRegistryCommands(CLI::App& program);
@@ -22,7 +23,8 @@ namespace {
 constexpr AddCommands groups[] = {
     &AddNameServiceCommands, // ns
     &AddServerCommands,      // server
-    &AddRemoteShellCommands, // rsh
+    &AddRemoteShellCommand,  // rsh
+    &AddRemoteShellServer,   // rshd
     &AddMonitorCommands,     // mon
     &AddConfigCommands,      // conf
     &AddRegistryCommands,    // reg

@@ -1,46 +1,27 @@
-// qel rsh and qel rshd: a command at another machine, and the server that runs it.
+// qel rsh: a command at another machine.
 #include <array>
-#include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <iostream>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "commands.h"
+#include "rsh.h"
 #include <qel/base/btkcmdline.h>
-#include <qel/base/btksocket.h>
-#include <qel/base/btksystem.h>
-#include <qel/base/netsilentset.h>
-#include <qel/hmxregistry.h>
 #include <qel/netaddress.h>
-#include <qel/netrights.h>
 #include <qel/netserver.h>
 #include <qel/pcinterrupt.h>
-#include <qel/pcprocess.h>
 #include <qel/rshprocess.h>
-#include <qel/rshserver.h>
 
 namespace {
 
-constexpr int usualPort = 1240;
-constexpr const char* usualName = "rshd";
-constexpr std::size_t mostUnfinished = 64;
-
 template<class T>
 using Owned = std::unique_ptr<T, qelDelete>;
-
-// ---- asking
 
 struct AskChoices
 {
     std::string host;
     std::string name; // empty: the port is known
-    int port = usualPort;
+    int port = usualShellPort;
     double seconds = 10;
     std::string directory;
     bool useShell = false;
@@ -158,8 +139,9 @@ void Ask(const AskChoices& choices, const std::vector<std::string>& words)
     if (code != 0)
         throw CommandFailed{static_cast<Exit>(code), "", ""};
 }
+} // namespace
 
-void AddAsk(CLI::App& program)
+void AddRemoteShellCommand(CLI::App& program)
 {
     const auto choices = std::make_shared<AskChoices>();
     CLI::App& ask =
@@ -198,304 +180,4 @@ void AddAsk(CLI::App& program)
                  "COMMAND, its words joined by blanks, is a line for the shell of the server's user ($SHELL, "
                  "else /bin/sh)");
     ask.add_flag("--no-input", choices->hasNoInput, "Leave the standard input to others");
-}
-
-// ---- serving
-
-struct ServeChoices
-{
-    std::string interface = "127.0.0.1";
-    std::string name = usualName;
-    int port = usualPort;
-    bool isRegistered = false;
-    std::string directory;
-    double seconds = 10;
-    double patience = 10;
-    int sessions = 32;
-};
-
-// Who besides this machine may come: lists of patterns of addresses, all of which a peer has to match.
-class AllowLists
-{
-public:
-    explicit AllowLists(std::string name) : server(std::move(name)) {}
-
-    bool IsPossible() const { return IsConnectionRestrictable(server.c_str()); }
-    /// Whether there is one that does not admit everybody.
-    bool Restrict() const { return Restricts(hmxRegistry::System()) || Restricts(hmxRegistry::User()); }
-    std::string GetPath() const { return netRightsPath + server; }
-
-private:
-    bool Restricts(hmxRegistry& registry) const
-    {
-        const xrchandle<xstringsequence> patterns = ReadConnectionPatterns(registry, server.c_str());
-        if (!patterns)
-            return false;
-        for (int i = 0; i < patterns->getarraysize(); ++i)
-            if (std::strcspn(patterns->get(i).CastToCString(), "0123456789") ==
-                patterns->get(i).GetMBSize() - 1)
-                return false; // it names no address at all
-        return true;
-    }
-
-    std::string server;
-};
-
-// On the standard error output, which may have no reader any more.
-void Report(const std::string& line)
-{
-    try {
-        ioStream::getStderr()->WriteBytes(line.data(), static_cast<unsigned>(line.size()));
-        ioStream::getStderr()->Flush(1);
-    } catch (xthrowable* thrown) {
-        static_cast<void>(FailureOf(thrown));
-    }
-}
-
-class ShellServer : public netServer
-{
-public:
-    ShellServer(btkAcceptSocket* door, const ServeChoices& choices)
-        : netServer(door, nullptr), name(choices.name.c_str()), allowed(choices.name)
-    {
-        // Those that were told to leave take a moment to do so.
-        setAsyncLimit(choices.sessions + 2 * static_cast<int>(mostUnfinished));
-        setTimeSlice(0.1);
-    }
-    ~ShellServer() override { EndService(); }
-
-    void RegisterByName()
-    try {
-        Register(name.CastToCString());
-    } catch (xthrowable* refusal) {
-        throw FailureOf(refusal, Exit::peer, name.CastToCString());
-    }
-
-private:
-    bool MayCome(btkStreamSocket* socket) override
-    {
-        // Asked again each time: a list that is taken away must not let everybody in.
-        const bool mayCome =
-            socket->IsPeerOnTheSameMachine() || (allowed.Restrict() && IsConnectionAllowed(socket, name));
-        if (!mayCome)
-            Report("refused: " + socket->GetPeerAddrStr() + '\n');
-        return mayCome;
-    }
-
-    xstring name;
-    AllowLists allowed;
-};
-
-// SIGTERM and SIGINT stop the server while this lives, and do nothing afterwards; then its requests end, and
-// their commands with them.
-class StopWhenTold
-{
-public:
-    explicit StopWhenTold(netBaseServer& server)
-    {
-        told = &server;
-        std::signal(SIGTERM, &Stop);
-        std::signal(SIGINT, &Stop);
-    }
-    ~StopWhenTold()
-    {
-        std::signal(SIGTERM, SIG_IGN);
-        std::signal(SIGINT, SIG_IGN);
-    }
-    StopWhenTold(const StopWhenTold&) = delete;
-    StopWhenTold& operator=(const StopWhenTold&) = delete;
-
-private:
-    static void Stop(int) { told.load()->Stop(); }
-
-    static inline std::atomic<netBaseServer*> told;
-};
-
-struct ServeBeside : netBaseServer_OnRequest_cb
-{
-    netServerLoopAction Invoke(netBaseServer*, netSocketStream*) override { return netSpawnAsyncServer; }
-};
-
-// The connections whose requests are not whole yet. They have places of their own, and for one too many
-// another gives up its place, as netSilentSet has it.
-class Unfinished
-{
-public:
-    /// One connection's, from when it is admitted until its request is whole or given up.
-    class Place
-    {
-    public:
-        Place(Unfinished& of, netSocketStream& stream)
-            : places(of), handle(Event_Create(false)), lost(new btkSelectEvent(handle, 0))
-        {
-            const std::lock_guard<std::mutex> lock(places.mutex);
-            places.peers.Add(std::make_unique<Peer>(
-                Peer{stream.getPeerAddress().CastToCString(), btkTimeval::Now(), this}));
-            if (places.peers.IsOverfull())
-                Event_Set(places.peers.TakeLeaving(btkTimeval::Now())->place->handle);
-        }
-        ~Place()
-        {
-            const std::lock_guard<std::mutex> lock(places.mutex);
-            places.peers.DropIf([this](const Peer& peer) { return peer.place == this; });
-            Event_Free(handle);
-        }
-        Place(const Place&) = delete;
-        Place& operator=(const Place&) = delete;
-
-        /// Signaled once it is another connection's.
-        btkEvent& Lost() { return lost; }
-
-    private:
-        Unfinished& places;
-        btkHandle handle;
-        btkEvent lost;
-    };
-
-private:
-    struct Peer
-    {
-        std::string address;
-        btkTimeval since;
-        Place* place;
-    };
-
-    std::mutex mutex;
-    netSilentSet<Peer> peers{mostUnfinished};
-};
-
-struct RunCommand : netBaseServer_OnAsyncRequest_cb
-{
-    explicit RunCommand(const ServeChoices& choices)
-        : directory(choices.directory), requestLimit(choices.seconds), sessions(choices.sessions)
-    {
-    }
-    netServerLoopAction Invoke(netBaseServer*, netSocketStream* stream, evtEvent* stop) override
-    {
-        const Owned<netSocketStream> connection(stream);
-        rshRequest request;
-        {
-            // Who asks for nothing, or never to the end, keeps nobody's place for a command.
-            Unfinished::Place place(unfinished, *stream);
-            if (!request.Read(stream, requestLimit, {stop, &place.Lost()}))
-                return netServerContinue;
-        }
-        if (++running <= sessions)
-            request.Execute(stream, directory.c_str(), stop);
-        else
-            rshRequest::Refuse(stream, "the server runs as many commands as it may");
-        --running;
-        return netServerContinue;
-    }
-
-    std::string directory;
-    double requestLimit;
-    int sessions;
-    std::atomic<int> running = 0;
-    Unfinished unfinished;
-};
-
-bool IsLoopback(const std::string& interface)
-{
-    return interface == "localhost" || interface == "::1" ||
-           (interface.rfind("127.", 0) == 0 &&
-            interface.find_first_not_of("0123456789.") == std::string::npos);
-}
-
-void RequireAllowList(const ServeChoices& choices)
-{
-    const AllowLists allowed(choices.name);
-    if (!allowed.IsPossible())
-        Fail(Exit::usage, "--name", "no key of the registry has a name like that");
-    if (!IsLoopback(choices.interface) && !allowed.Restrict())
-        Fail(Exit::usage, "--interface",
-             "everybody could run commands here; first say who may come from there: patterns of addresses in "
-             "the value "
-             "ConnectionAllowed of the registry key " +
-                 allowed.GetPath() + ", System or User");
-}
-
-// Whoever starts this server without a login, as containers do, names no shell.
-void NameShell()
-{
-    if (pcGetShellCommand() == nullptr)
-        setenv("SHELL", "/bin/sh", 0);
-}
-
-void Serve(const ServeChoices& choices)
-{
-    RequireAllowList(choices);
-    NameShell();
-    ServeBeside request;
-    RunCommand command(choices);
-    rshServer::setPatience(choices.patience);
-    auto listening = std::make_unique<btkAcceptSocket>();
-    if (!listening->Listen(choices.port, choices.interface == "*" ? nullptr : choices.interface.c_str()))
-        Fail(Exit::peer, choices.interface + ", port " + std::to_string(choices.port),
-             std::string("cannot listen: ") + std::strerror(errno));
-    const Owned<ShellServer> server(new (pDefMemMgr) ShellServer(listening.release(), choices));
-    if (choices.isRegistered)
-        server->RegisterByName();
-    server->setOnRequest(&request);
-    server->setOnAsyncRequest(&command);
-    const StopWhenTold stop(*server);
-    // Who started the server with port 0 reads the port from here.
-    std::cout << "serving on " << choices.interface << ", port " << server->getPortN() << std::endl;
-    server->Run();
-}
-
-void AddServe(CLI::App& program)
-{
-    const auto choices = std::make_shared<ServeChoices>();
-    CLI::App& serve =
-        AddCommand(program, "rshd",
-                   "Run commands for whoever can connect, until SIGTERM. It authenticates nobody and "
-                   "encrypts nothing: on the loopback every user of this machine can run commands as "
-                   "the user of this server, and beyond it everybody whose address is allowed",
-                   [choices] { Serve(*choices); });
-    serve.footer("qel rshd\tServe this machine.\n"
-                 "qel rshd --interface 10.1.0.7\tServe those whose addresses are allowed, too.\n"
-                 "qel rshd --port 0 --register --name shell\tOn a free port, which clients find by name.\n");
-    serve
-        .add_option("--interface", choices->interface,
-                    "Address or name of the interface to listen on; '*': all of them. One that is no "
-                    "loopback needs a "
-                    "list of addresses that may come, in the value ConnectionAllowed of the registry key "
-                    "Software\\VRX\\NAME")
-        ->type_name("HOST")
-        ->capture_default_str();
-    serve.add_option("--port", choices->port, "Port; 0: a free one")
-        ->type_name("PORT")
-        ->check(CLI::Range(0, 65535))
-        ->capture_default_str();
-    serve.add_option("--name", choices->name, "Whose list of addresses holds, and what --register registers")
-        ->type_name("NAME")
-        ->capture_default_str();
-    serve.add_flag(
-        "--register", choices->isRegistered,
-        "Register NAME with the name server of this machine, for clients that ask it for the port");
-    serve.add_option("--directory", choices->directory, "Where relative directories of clients begin")
-        ->type_name("DIRECTORY");
-    serve.add_option("--request-limit", choices->seconds, "Time that a client may take for its request")
-        ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber)
-        ->capture_default_str();
-    serve
-        .add_option("--patience", choices->patience,
-                    "Time after which a client is given up that takes nothing though its command has ended")
-        ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber)
-        ->capture_default_str();
-    serve.add_option("--sessions", choices->sessions, "Commands that may run at once")
-        ->type_name("COUNT")
-        ->check(CLI::Range(1, 10000))
-        ->capture_default_str();
-}
-
-} // namespace
-
-void AddRemoteShellCommands(CLI::App& program)
-{
-    AddAsk(program);
-    AddServe(program);
 }
