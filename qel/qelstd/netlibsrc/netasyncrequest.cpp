@@ -1,0 +1,126 @@
+#include "netasyncrequest_p.h"
+
+#include <iostream>
+#include <list>
+
+#include "netserverloop_p.h"
+
+// ---- what the loop does with them
+
+void netBaseServer::Loop::StopRequests()
+{
+    const btkTimeval grace =
+        server.gracePeriod == INFINITE ? btkTimeval::Forever() : btkTimeval(server.gracePeriod);
+    for (const auto& request : requests)
+        request->TellToStop(grace);
+    for (const auto& request : requests)
+        request->WaitExitCode();
+    requests.clear();
+}
+
+void netBaseServer::Loop::SpawnAsyncRequest(netSocketStream* stream)
+{
+    if (StartAsyncRequest(stream))
+        return;
+    std::cout << "netBaseServer::SpawnAsyncRequest: create thread failed" << std::endl;
+    xdelete(stream);
+}
+
+bool netBaseServer::Loop::StartAsyncRequest(netSocketStream* stream)
+try {
+    // Those whose work is done do not count, though they may not have been collected yet.
+    const int running = static_cast<int>(requests.size()) - endedBodies;
+    if (server.asyncLimit > 0 && running >= server.asyncLimit)
+        return false;
+    std::list<std::unique_ptr<netAsyncRequest>> one; // what follows the start must not fail
+    one.push_back(std::make_unique<netAsyncRequest>(&server, stream));
+    if (!one.back()->Start())
+        return false;
+    requests.splice(requests.end(), one);
+    return true;
+} catch (const std::bad_alloc&) {
+    return false;
+}
+
+netServerLoopAction netBaseServer::Loop::CheckAsyncRequests()
+{
+    netServerLoopAction result = netServerContinue;
+    if (endedBodies.load(std::memory_order_relaxed) == 0)
+        return result;
+    std::erase_if(requests, [&](const std::unique_ptr<netAsyncRequest>& request) {
+        if (!request->IsExited())
+            return false;
+        --endedBodies;
+        if (request->GetExitCode() == netServerTerminate)
+            result = netServerTerminate;
+        return true;
+    });
+    return result;
+}
+
+// ---- one
+
+netAsyncRequest::~netAsyncRequest()
+{
+    if (stopSign != nullptr)
+        stopSign->Leave();
+    Close();
+}
+
+bool netAsyncRequest::OnPreStart()
+{
+    if (!netThread::OnPreStart())
+        return false;
+    wasTold = false;
+    stopSign = std::make_shared<btkStopSign>(GetSignalHandle());
+    stream->SetStopSign(stopSign);
+    return true;
+}
+
+void netAsyncRequest::TellToStop(btkTimeval grace) noexcept
+{
+    if (wasTold)
+        return;
+    wasTold = true;
+    stopSign->SetEnd(btkTimeval::Now() + grace);
+    try {
+        const char byte = 0;
+        ControlStream()->WriteBytes(&byte, 1);
+        ControlStream()->Flush(true);
+    } catch (xthrowable* e) { // the body has ended or ends by itself
+        const qelCaught caught(e);
+    } catch (const std::bad_alloc&) { // for the report of that
+    }
+}
+
+int netAsyncRequest::OnStart()
+{
+    // Also when the thread is cancelled.
+    struct EndNote
+    {
+        netBaseServer::Loop& loop;
+        ~EndNote() { loop.NoteEnd(); }
+    };
+    const EndNote note{*server->loop};
+
+    std::unique_ptr<netSocketStream, qelDelete> unserved(stream);
+    try {
+        const std::unique_ptr<evtEvent, qelDelete> stop(SignalStream()->InputEvent());
+        const std::string peer = stream->getPeerAddress().CastToCString();
+        if (server->onAsyncRequest != nullptr)
+            unserved.release();
+        return netReported(*server, peer, [&] { return server->OnAsyncRequest(stream, stop.get()); });
+    } catch (xthrowable* e) {
+        const qelCaught caught(e);
+    } catch (...) {
+        qelPassCancellation();
+    }
+    return netServerContinue;
+}
+
+void netAsyncRequest::AtFork(bool parentSide)
+{
+    netThread::AtFork(parentSide);
+    if (parentSide)
+        xdelete(stream);
+}
