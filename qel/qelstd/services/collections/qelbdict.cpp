@@ -64,7 +64,7 @@ std::uint64_t runSeed()
 struct xdictside
 {
     explicit xdictside(unsigned size)
-        : firstSize(size), seed((reinterpret_cast<std::uintptr_t>(this) ^ runSeed()) * 0xd6e8feb86659fd93)
+        : seed((reinterpret_cast<std::uintptr_t>(this) ^ runSeed()) * 0xd6e8feb86659fd93), firstSize(size)
     {
     }
 
@@ -84,18 +84,18 @@ struct xdictside
 
     xdictindex index; ///< from a number of entries on
     xdictkeys keys;
+    const std::uint64_t seed;
     unsigned added = 0; ///< places that have been given to entries
     unsigned gap = 0;   ///< a place from which on to look for that of a removed entry
     unsigned firstSize; ///< slots of the table that the log begins with
-    const std::uint64_t seed;
 
     // The slots of the entries, as far as they are assigned, and what has happened since.
-    std::atomic<int> slotState = stale;
-    unsigned assigned = 0; ///< places whose entries were added to `slots`
     std::unique_ptr<xdictslots> slots;
     std::vector<std::uint32_t> log; ///< the places of removed entries in their order
+    std::atomic<int> slotState = stale;
+    unsigned assigned = 0; ///< places whose entries were added to `slots`
     unsigned loggedAdds = 0;
-    std::size_t replayed = 0; ///< of `log`
+    unsigned replayed = 0; ///< of `log`
 };
 
 xbasedictionary::xbasedictionary(const xdictcontrol* control)

@@ -16,17 +16,18 @@ void xdictkeys::swap(xdictkeys& other) noexcept
     std::swap(end, other.end);
     std::swap(freed, other.freed);
     std::swap(chunks, other.chunks);
-    std::swap(chunkBytes, other.chunkBytes);
-    std::swap(usedBytes, other.usedBytes);
-    std::swap(lostBytes, other.lostBytes);
+    std::swap(chunkUnits, other.chunkUnits);
+    std::swap(usedUnits, other.usedUnits);
+    std::swap(lostUnits, other.lostUnits);
 }
 
-void xdictkeys::addChunk(std::size_t bytes)
+void xdictkeys::addChunk(std::size_t units)
 {
-    void* const block = pDefMemMgr->Allocate(sizeof(Chunk) + bytes);
-    btkExpectUse(block, sizeof(Chunk) + bytes);
-    chunks = new (block) Chunk{chunks, nullptr};
-    at = static_cast<char*>(block) + sizeof(Chunk);
-    end = at + bytes;
-    chunkBytes += bytes;
+    const std::size_t bytes = sizeof(Chunk) + units * unit;
+    char* const block = static_cast<char*>(pDefMemMgr->Allocate(bytes));
+    btkExpectUse(block, bytes);
+    chunks = new (block) Chunk{chunks};
+    at = block + sizeof(Chunk);
+    end = block + bytes;
+    chunkUnits += static_cast<std::uint32_t>(units);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <new>
 #include <utility>
 
@@ -24,50 +25,47 @@ public:
     /// @throws std::bad_alloc
     char* add(const xdictkey& key)
     {
-        const std::size_t bytes = bytesFor(key.length);
-        if (bytes <= longest)
-            if (Cell*& first = freed[bytes / unit - 1]; first != nullptr) {
-                usedBytes += bytes;
+        const std::size_t units = unitsFor(key.length);
+        usedUnits += static_cast<std::uint32_t>(units);
+        if (units <= longest)
+            if (Cell*& first = freed[units - 1]; first != nullptr)
                 return key.writeTo(reinterpret_cast<char*>(std::exchange(first, first->next)));
-            }
-        if (static_cast<std::size_t>(end - at) < bytes) {
-            const std::size_t more =
-                std::clamp(chunkBytes * (chunkBytes < 2048 ? 3 : 1), firstChunk, largestChunk);
-            addChunk(std::max(bytes, more));
+        if (static_cast<std::size_t>(end - at) < units * unit) {
+            const std::size_t more = std::clamp(std::size_t{chunkUnits} * (chunkUnits < 100 ? 4 : 1),
+                                                std::size_t{1}, largestChunk);
+            addChunk(std::max(units, more));
         }
-        usedBytes += bytes;
-        return key.writeTo(std::exchange(at, at + bytes));
+        return key.writeTo(std::exchange(at, at + units * unit));
     }
     void remove(char* text, std::size_t length)
     {
-        const std::size_t bytes = bytesFor(length);
-        usedBytes -= bytes;
-        if (bytes <= longest) {
-            Cell*& first = freed[bytes / unit - 1];
+        const std::size_t units = unitsFor(length);
+        usedUnits -= static_cast<std::uint32_t>(units);
+        if (units <= longest) {
+            Cell*& first = freed[units - 1];
             first = new (text) Cell{first};
         } else {
-            lostBytes += bytes;
+            lostUnits += static_cast<std::uint32_t>(units);
         }
     }
     /// Makes room for all texts of another arena.
     /// @throws std::bad_alloc
-    void reserve(const xdictkeys& other) { addChunk(other.usedBytes); }
+    void reserve(const xdictkeys& other) { addChunk(other.usedUnits); }
     /// Whether much of the memory holds no text.
     bool isSparse() const
     {
-        return lostBytes > usedBytes + 4096 || (chunkBytes > 4096 && usedBytes < chunkBytes / 16);
+        return lostUnits > usedUnits + 256 || (chunkUnits > 256 && usedUnits < chunkUnits / 16);
     }
 
 private:
+    // All memory is counted in units.
     static constexpr std::size_t unit = xdictkey::inWords;
-    static constexpr std::size_t longest = 4 * unit; // of a text whose memory is used again
-    static constexpr std::size_t firstChunk = 2 * unit;
-    static constexpr std::size_t largestChunk = std::size_t{16} << 20;
+    static constexpr std::size_t longest = 3; // text whose memory is used again
+    static constexpr std::size_t largestChunk = (std::size_t{16} << 20) / unit;
 
     struct Chunk // memory follows it
     {
         Chunk* next;
-        void* unused; // texts begin at multiples of their unit
     };
 
     struct Cell
@@ -75,14 +73,14 @@ private:
         Cell* next;
     };
 
-    static std::size_t bytesFor(std::size_t length) { return (length + unit) & ~(unit - 1); }
-    void addChunk(std::size_t bytes);
+    static std::size_t unitsFor(std::size_t length) { return length / unit + 1; }
+    void addChunk(std::size_t units);
 
     char* at = nullptr; // what is left of the newest chunk
     char* end = nullptr;
-    std::array<Cell*, longest / unit> freed{}; // by size
+    std::array<Cell*, longest> freed{}; // by size
     Chunk* chunks = nullptr;
-    std::size_t chunkBytes = 0;
-    std::size_t usedBytes = 0;
-    std::size_t lostBytes = 0; // of long texts that are gone
+    std::uint32_t chunkUnits = 0;
+    std::uint32_t usedUnits = 0;
+    std::uint32_t lostUnits = 0; // of long texts that are gone
 };

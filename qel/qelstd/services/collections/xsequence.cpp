@@ -44,7 +44,7 @@ namespace {
     throw std::length_error("a sequence holds at most 2 GiB");
 }
 
-constexpr unsigned firstRoom = 32;
+constexpr unsigned firstRoom = 24;
 constexpr std::size_t largeRoom = 1 << 20;
 constexpr std::size_t hugeRoom = 2 << 20; // from here on blocks have large pages, if they are used in full
 

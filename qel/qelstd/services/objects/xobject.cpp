@@ -1,6 +1,7 @@
 #include "xobject.h"
 
 #include <atomic>
+#include <utility>
 #include <vector>
 
 #include <qel/base/btkabort.h>
@@ -16,19 +17,26 @@ class DeathMutex
 public:
     void lock()
     {
+        if (!tryLock())
+            wait();
+    }
+    void unlock()
+    {
+        if (state.exchange(open, std::memory_order_release) == heldAndWaitedFor)
+            notify();
+    }
+
+private:
+    // Apart from the path that is always run.
+    [[gnu::noinline]] void wait()
+    {
         for (int look = 0; look < 200; ++look)
             if (tryLock())
                 return;
         while (state.exchange(heldAndWaitedFor, std::memory_order_acquire) != open)
             state.wait(heldAndWaitedFor, std::memory_order_relaxed);
     }
-    void unlock()
-    {
-        if (state.exchange(open, std::memory_order_release) == heldAndWaitedFor)
-            state.notify_one();
-    }
-
-private:
+    [[gnu::noinline]] void notify() { state.notify_one(); }
     bool tryLock()
     {
         int expected = open;
@@ -43,13 +51,41 @@ private:
 
 constinit DeathMutex deathMutex;
 
-struct Deaths;
-
-/// What a thread knows of the deaths that it runs.
+/// What a thread knows of the deaths that it runs. A destructor that releases what it owned may start a chain
+/// of any length, and the stack must not grow with it: those too deep wait for the outermost.
 struct Dying
 {
-    Deaths* running;
+    static constexpr int deepest = 200;
+
+    int depth;
     bool hasLock;
+    std::vector<xobject*>* waiting;
+
+    /// False without memory: then the object dies at once, deeper on the stack.
+    [[gnu::noinline]] bool postpone(xobject* p) noexcept
+    {
+        try {
+            if (waiting == nullptr)
+                waiting = new std::vector<xobject*>;
+            waiting->push_back(p);
+            return true;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    }
+    /// The object that waits shortest, or null.
+    [[gnu::noinline]] xobject* next()
+    {
+        if (waiting == nullptr)
+            return nullptr;
+        if (waiting->empty()) {
+            delete std::exchange(waiting, nullptr);
+            return nullptr;
+        }
+        xobject* const last = waiting->back();
+        waiting->pop_back();
+        return last;
+    }
 };
 [[gnu::tls_model("initial-exec")]] constinit thread_local Dying dying = {};
 
@@ -79,42 +115,6 @@ private:
     const bool mine;
 };
 
-/// The deaths that the running one has led to on this thread. A destructor that releases what it owned may
-/// start a chain of any length, and the stack must not grow with it.
-struct Deaths
-{
-    static constexpr int deepest = 200;
-
-    int depth = 0;
-    std::vector<xobject*> waiting;
-
-    /// False without memory: then the object dies at once, deeper on the stack.
-    bool postpone(xobject* p) noexcept
-    {
-        try {
-            waiting.push_back(p);
-            return true;
-        } catch (const std::bad_alloc&) {
-            return false;
-        }
-    }
-};
-
-/// Sets a variable for the life of a block.
-template<class T>
-class Setting
-{
-public:
-    Setting(T& v, T value) : variable(v), old(v) { variable = value; }
-    ~Setting() { variable = old; }
-    Setting(const Setting&) = delete;
-    Setting& operator=(const Setting&) = delete;
-
-private:
-    T& variable;
-    const T old;
-};
-
 } // namespace
 
 void* xobject::dyndowncast(const xrttiobject* cls)
@@ -141,19 +141,20 @@ void xobject::onDelete()
 {
 }
 
-// The lock is for the last reference and the fatal reports. The others change the count in one step.
+// The lock is for the last reference and the fatal reports. The others change the count in one step, and a
+// process with one thread needs neither.
 
 void xobject::xattach()
 {
+    if (refcount == 0 && !thrIsThreaded()) {
+        refcount = isRefCountable() ? 1 : -1;
+        return;
+    }
     std::int32_t count = __atomic_load_n(&refcount, __ATOMIC_RELAXED);
     while (count != -1) {
         if (count < -1)
             QEL_ABORT("xrcattach: Invalid value of refcount.");
         const std::int32_t next = count > 0 ? count + 1 : isRefCountable() ? 1 : -1;
-        if (!thrIsThreaded()) {
-            refcount = next;
-            return;
-        }
         if (__atomic_compare_exchange_n(&refcount, &count, next, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED))
             return;
     }
@@ -161,6 +162,10 @@ void xobject::xattach()
 
 void xobject::xrelease()
 {
+    if (refcount == 1 && !thrIsThreaded() && isDeletable()) {
+        die();
+        return;
+    }
     std::int32_t count = __atomic_load_n(&refcount, __ATOMIC_ACQUIRE);
     if (count == 0 || count == -1)
         return;
@@ -182,26 +187,21 @@ void xobject::xrelease()
 
 void xobject::die()
 {
-    Deaths* const running = dying.running;
-    if (running != nullptr) {
-        if (running->depth >= Deaths::deepest && running->postpone(this))
-            return;
-        const Setting deeper(running->depth, running->depth + 1);
-        dieNow();
+    if (dying.depth > Dying::deepest && dying.postpone(this))
         return;
-    }
-    Deaths deaths;
-    const Setting outermost(dying.running, &deaths);
     dieNow();
-    while (!deaths.waiting.empty()) {
-        xobject* const next = deaths.waiting.back();
-        deaths.waiting.pop_back();
-        next->dieNow();
-    }
+    if (dying.depth == 0 && dying.waiting != nullptr)
+        while (xobject* const next = dying.next())
+            next->dieNow();
 }
 
 void xobject::dieNow()
 {
+    struct Deeper
+    {
+        Deeper() { ++dying.depth; }
+        ~Deeper() { --dying.depth; }
+    } const deeper;
     // The count stays 1 until the object is gone: references taken and given back on the way must not delete
     // it a second time.
     onDelete();
@@ -233,7 +233,7 @@ unsigned char xobject::isKindOf(xrttiobject* cls)
 
 unsigned char xobject::isRefCountable()
 {
-    return getRtti()->getIsRefCount();
+    return getRtti()->xrttiobject::getIsRefCount();
 }
 
 // A fresh object is held by its maker alone, so only what runs inside the block may change its count.
