@@ -662,9 +662,9 @@ TEST(xdictionary, TakesLittleWhenItHoldsLittle)
     };
     const auto ints = [] { return xrchandle<xintdictionary>(xintdictionary::create()); };
     const auto variants = [] { return xrchandle<xanydictionary>(xanydictionary::create()); };
-    EXPECT_LE(heapOf(ints, 1), 420u);
-    EXPECT_LE(heapOf(ints, 5), 700u);
-    EXPECT_LE(heapOf(variants, 5), 900u);
+    EXPECT_LE(heapOf(ints, 1), 352u);
+    EXPECT_LE(heapOf(ints, 5), 600u);
+    EXPECT_LE(heapOf(variants, 5), 800u);
 }
 
 TEST(xdictionary, IsKnownToTheTypeSystem)

@@ -15,6 +15,7 @@
 #include <qel/xrttiattrseq.h>
 #include <qel/xsequence.h>
 
+#include "support/resident.h"
 #include "support/thrown.h"
 
 namespace {
@@ -505,6 +506,22 @@ TEST(xsequence, BehavesAsAVectorDoes)
             }
         }
     }
+}
+
+TEST(xsequence, TakesHardlyMoreMemoryThanItsElements)
+{
+    if (!freedMemoryIsGone)
+        GTEST_SKIP() << "a sanitizer has a heap of its own";
+    std::vector<xrchandle<xintsequence>> all(50);
+    const long resident = residentKiB();
+    const long addresses = residentKiB("VmSize:");
+    for (auto& s : all) {
+        s = xintsequence::create();
+        for (int i = 0; i < 270000; ++i) // 1055 KiB
+            s->append(i);
+    }
+    EXPECT_LE(residentKiB() - resident, 50 * 1200);
+    EXPECT_LE(residentKiB("VmSize:") - addresses, 50 * 2250);
 }
 
 TEST(xsequence, IsKnownToTheTypeSystem)

@@ -45,8 +45,8 @@ namespace {
 }
 
 constexpr unsigned firstRoom = 24;
-constexpr std::size_t largeRoom = 1 << 20;
-constexpr std::size_t hugeRoom = 2 << 20; // from here on blocks have large pages, if they are used in full
+constexpr std::size_t largeRoom = 2 << 20;
+constexpr std::size_t hugeRoom = 8 << 20; // from here on blocks have large pages, if they are used in full
 
 constexpr std::size_t elsewhere = static_cast<std::size_t>(-1);
 
