@@ -23,11 +23,13 @@ void xdictkeys::swap(xdictkeys& other) noexcept
 
 void xdictkeys::addChunk(std::size_t units)
 {
-    const std::size_t bytes = sizeof(Chunk) + units * unit;
+    // A text in a large arena lies in one line of the cache.
+    const std::size_t head = units < 16 ? sizeof(Chunk) : unit;
+    const std::size_t bytes = head + units * unit;
     char* const block = static_cast<char*>(pDefMemMgr->Allocate(bytes));
     btkExpectUse(block, bytes);
     chunks = new (block) Chunk{chunks};
-    at = block + sizeof(Chunk);
+    at = block + head;
     end = block + bytes;
     chunkUnits += static_cast<std::uint32_t>(units);
 }

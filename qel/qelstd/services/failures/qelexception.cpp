@@ -2,9 +2,18 @@
 
 #include <ostream>
 
+#include "qelexceptiontext_p.h"
 #include "qeltable.h"
 
 // ---- tables
+
+/// The table of a class of this library, with its parent, its registered name and its attributes.
+#define QEL_EXCEPTION(T, Parent, registeredName, ...)              \
+    constinit qelClass T::rtti = {.name = registeredName,          \
+                                  .counted = true,                 \
+                                  .parents = {QEL_PARENT(Parent)}, \
+                                  .attrs = {__VA_ARGS__},          \
+                                  .rebuild = &qelRebuildOf<self>}
 
 constinit qelClass qelXException::rtti = {
     .name = "qellib::XException",
@@ -26,115 +35,26 @@ constinit qelClass qelXFunc::rtti = {
     .rebuild = &qelRebuildOf<self>,
 };
 
-constinit qelClass qelXExternFunc::rtti = {
-    .name = "qellib::XExternFunc",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXException)},
-    .attrs = {QEL_ATTR(Func)},
-    .rebuild = &qelRebuildOf<self>,
-};
-
-constinit qelClass qelXNull::rtti = {
-    .name = "qellib::XNull",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXException)},
-    .rebuild = &qelRebuildOf<self>,
-};
-
-constinit qelClass qelXTypeMismatch::rtti = {
-    .name = "qellib::XTypeMismatch",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXException)},
-    .attrs = {QEL_ATTR(TypeName), QEL_ATTR(QelObject)},
-    .rebuild = &qelRebuildOf<self>,
-};
-
-constinit qelClass qelXInvalidArrayIndex::rtti = {
-    .name = "qellib::XInvalidArrayIndex",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXException)},
-    .attrs = {QEL_ATTR(QelObject), QEL_ATTR(Dimension), QEL_ATTR(Index)},
-    .rebuild = &qelRebuildOf<self>,
-};
-
-constinit qelClass qelXInvalidSeqIndex::rtti = {
-    .name = "qellib::XInvalidSeqIndex",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXException)},
-    .attrs = {QEL_ATTR(QelObject), QEL_ATTR(Index)},
-    .rebuild = &qelRebuildOf<self>,
-};
-
-constinit qelClass qelXInvalidDictIndex::rtti = {
-    .name = "qellib::XInvalidDictIndex",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXException)},
-    .attrs = {QEL_ATTR(QelObject), QEL_ATTR(Index)},
-    .rebuild = &qelRebuildOf<self>,
-};
-
-constinit qelClass qelXInvalidDictKey::rtti = {
-    .name = "qellib::XInvalidDictKey",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXException)},
-    .attrs = {QEL_ATTR(QelObject), QEL_ATTR(Key)},
-    .rebuild = &qelRebuildOf<self>,
-};
-
-constinit qelClass qelXNegativeIndex::rtti = {
-    .name = "qellib::XNegativeIndex",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXException)},
-    .attrs = {QEL_ATTR(Index)},
-    .rebuild = &qelRebuildOf<self>,
-};
-
-constinit qelClass qelXNotInitialized::rtti = {
-    .name = "qellib::XNotInitialized",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXException)},
-    .rebuild = &qelRebuildOf<self>,
-};
-
-constinit qelClass qelXRefCountable::rtti = {
-    .name = "qellib::XRefCountable",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXException)},
-    .attrs = {QEL_ATTR(QelObject)},
-    .rebuild = &qelRebuildOf<self>,
-};
-
-constinit qelClass qelXNativeException::rtti = {
-    .name = "qellib::XNativeException",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXException)},
-    .attrs = {QEL_ATTR(StringRep)},
-    .rebuild = &qelRebuildOf<self>,
-};
-
-constinit qelClass qelXConnectionClosed::rtti = {
-    .name = "qellib::XConnectionClosed",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXException)},
-    .rebuild = &qelRebuildOf<self>,
-};
-
-constinit qelClass qelXS11nException::rtti = {
-    .name = "qellib::XS11nException",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXException)},
-    .attrs = {QEL_ATTR(Message)},
-    .rebuild = &qelRebuildOf<self>,
-};
-
-constinit qelClass qelXSoapFault::rtti = {
-    .name = "qellib::XSoapFault",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXS11nException)},
-    .attrs = {QEL_ATTR(FaultCode, qelOptional), QEL_ATTR(FaultString, qelOptional),
-              QEL_ATTR(FaultDetail, qelOptional)},
-    .rebuild = &qelRebuildOf<self>,
-};
+QEL_EXCEPTION(qelXExternFunc, qelXException, "qellib::XExternFunc", QEL_ATTR(Func));
+QEL_EXCEPTION(qelXNull, qelXException, "qellib::XNull");
+QEL_EXCEPTION(qelXTypeMismatch, qelXException, "qellib::XTypeMismatch", QEL_ATTR(TypeName),
+              QEL_ATTR(QelObject));
+QEL_EXCEPTION(qelXInvalidArrayIndex, qelXException, "qellib::XInvalidArrayIndex", QEL_ATTR(QelObject),
+              QEL_ATTR(Dimension), QEL_ATTR(Index));
+QEL_EXCEPTION(qelXInvalidSeqIndex, qelXException, "qellib::XInvalidSeqIndex", QEL_ATTR(QelObject),
+              QEL_ATTR(Index));
+QEL_EXCEPTION(qelXInvalidDictIndex, qelXException, "qellib::XInvalidDictIndex", QEL_ATTR(QelObject),
+              QEL_ATTR(Index));
+QEL_EXCEPTION(qelXInvalidDictKey, qelXException, "qellib::XInvalidDictKey", QEL_ATTR(QelObject),
+              QEL_ATTR(Key));
+QEL_EXCEPTION(qelXNegativeIndex, qelXException, "qellib::XNegativeIndex", QEL_ATTR(Index));
+QEL_EXCEPTION(qelXNotInitialized, qelXException, "qellib::XNotInitialized");
+QEL_EXCEPTION(qelXRefCountable, qelXException, "qellib::XRefCountable", QEL_ATTR(QelObject));
+QEL_EXCEPTION(qelXNativeException, qelXException, "qellib::XNativeException", QEL_ATTR(StringRep));
+QEL_EXCEPTION(qelXConnectionClosed, qelXException, "qellib::XConnectionClosed");
+QEL_EXCEPTION(qelXS11nException, qelXException, "qellib::XS11nException", QEL_ATTR(Message));
+QEL_EXCEPTION(qelXSoapFault, qelXS11nException, "qellib::XSoapFault", QEL_ATTR(FaultCode, qelOptional),
+              QEL_ATTR(FaultString, qelOptional), QEL_ATTR(FaultDetail, qelOptional));
 
 // ---- construction and throwing
 
@@ -164,126 +84,26 @@ void qelXExternFunc::PrintValue(std::ostream& os, const char* label, const xstri
         os << "\t( " << label << ": \"" << value << "\" )" << std::endl;
 }
 
-qelXNull::qelXNull()
-{
-    describe("Attempt to assign null to non-optional object");
-}
-
-void qelXNull::Throw()
-{
-    qelThrowNew<qelXNull>();
-}
-
-qelXTypeMismatch::qelXTypeMismatch(const char* typeName, xany object) : TypeName(typeName), QelObject(object)
-{
-    describe("Object type mismatch");
-}
-
-void qelXTypeMismatch::Throw(const char* typeName, xany object)
-{
-    qelThrowNew<qelXTypeMismatch>(typeName, object);
-}
-
-qelXInvalidArrayIndex::qelXInvalidArrayIndex(xany object, int dimension, int index)
-    : QelObject(object), Dimension(dimension), Index(index)
-{
-    describe("Array index is out of range");
-}
-
-void qelXInvalidArrayIndex::Throw(xany object, int dimension, int index)
-{
-    qelThrowNew<qelXInvalidArrayIndex>(object, dimension, index);
-}
-
-qelXInvalidSeqIndex::qelXInvalidSeqIndex(xany object, int index) : QelObject(object), Index(index)
-{
-    describe("Sequence index is out of range");
-}
-
-void qelXInvalidSeqIndex::Throw(xany object, int index)
-{
-    qelThrowNew<qelXInvalidSeqIndex>(object, index);
-}
-
-qelXInvalidDictIndex::qelXInvalidDictIndex(xany object, int index) : QelObject(object), Index(index)
-{
-    describe("Dictionary index is out of range");
-}
-
-void qelXInvalidDictIndex::Throw(xany object, int index)
-{
-    qelThrowNew<qelXInvalidDictIndex>(object, index);
-}
-
-qelXInvalidDictKey::qelXInvalidDictKey(xany object, const char* key) : QelObject(object), Key(key)
-{
-    describe("Dictionary key is not found");
-}
-
-void qelXInvalidDictKey::Throw(xany object, const char* key)
-{
-    qelThrowNew<qelXInvalidDictKey>(object, key);
-}
-
-qelXNegativeIndex::qelXNegativeIndex(int index) : Index(index)
-{
-    describe("Negative index");
-}
-
-void qelXNegativeIndex::Throw(int index)
-{
-    qelThrowNew<qelXNegativeIndex>(index);
-}
-
-qelXNotInitialized::qelXNotInitialized()
-{
-    describe("Object is not initialized or has been destroyed");
-}
-
-void qelXNotInitialized::Throw()
-{
-    qelThrowNew<qelXNotInitialized>();
-}
-
-qelXRefCountable::qelXRefCountable(xany object) : QelObject(object)
-{
-    describe("Object is reference countable");
-}
-
-void qelXRefCountable::Throw(xany object)
-{
-    qelThrowNew<qelXRefCountable>(object);
-}
-
-qelXNativeException::qelXNativeException(const char* text) : StringRep(text)
-{
-    describe("Native exception");
-}
-
-void qelXNativeException::Throw(const char* text)
-{
-    qelThrowNew<qelXNativeException>(text);
-}
-
-qelXConnectionClosed::qelXConnectionClosed()
-{
-    describe("Attempt to communicate with client/server after connection has been closed");
-}
-
-void qelXConnectionClosed::Throw()
-{
-    qelThrowNew<qelXConnectionClosed>();
-}
-
-qelXS11nException::qelXS11nException(const char* message) : Message(message)
-{
-    describe("SOAP exception");
-}
-
-void qelXS11nException::Throw(const char* message)
-{
-    qelThrowNew<qelXS11nException>(message);
-}
+QEL_EXCEPTION_TEXT(qelXNull, "Attempt to assign null to non-optional object", (), ())
+QEL_EXCEPTION_TEXT(qelXTypeMismatch, "Object type mismatch", (const char* typeName, xany object),
+                   (typeName, object), TypeName(typeName), QelObject(object))
+QEL_EXCEPTION_TEXT(qelXInvalidArrayIndex, "Array index is out of range",
+                   (xany object, int dimension, int index), (object, dimension, index), QelObject(object),
+                   Dimension(dimension), Index(index))
+QEL_EXCEPTION_TEXT(qelXInvalidSeqIndex, "Sequence index is out of range", (xany object, int index),
+                   (object, index), QelObject(object), Index(index))
+QEL_EXCEPTION_TEXT(qelXInvalidDictIndex, "Dictionary index is out of range", (xany object, int index),
+                   (object, index), QelObject(object), Index(index))
+QEL_EXCEPTION_TEXT(qelXInvalidDictKey, "Dictionary key is not found", (xany object, const char* key),
+                   (object, key), QelObject(object), Key(key))
+QEL_EXCEPTION_TEXT(qelXNegativeIndex, "Negative index", (int index), (index), Index(index))
+QEL_EXCEPTION_TEXT(qelXNotInitialized, "Object is not initialized or has been destroyed", (), ())
+QEL_EXCEPTION_TEXT(qelXRefCountable, "Object is reference countable", (xany object), (object),
+                   QelObject(object))
+QEL_EXCEPTION_TEXT(qelXNativeException, "Native exception", (const char* text), (text), StringRep(text))
+QEL_EXCEPTION_TEXT(qelXConnectionClosed,
+                   "Attempt to communicate with client/server after connection has been closed", (), ())
+QEL_EXCEPTION_TEXT(qelXS11nException, "SOAP exception", (const char* message), (message), Message(message))
 
 xstring qelXS11nException::getMessage()
 {
@@ -295,16 +115,10 @@ void qelXS11nException::_s11n_setMessage(xstring value)
     Message = value;
 }
 
-qelXSoapFault::qelXSoapFault(const char* faultCode, const char* faultString, xany faultDetail)
-    : qelXS11nException(""), FaultCode(faultCode), FaultString(faultString), FaultDetail(faultDetail)
-{
-    describe("SOAP Fault");
-}
-
-void qelXSoapFault::Throw(const char* faultCode, const char* faultString, xany faultDetail)
-{
-    qelThrowNew<qelXSoapFault>(faultCode, faultString, faultDetail);
-}
+QEL_EXCEPTION_TEXT(qelXSoapFault, "SOAP Fault",
+                   (const char* faultCode, const char* faultString, xany faultDetail),
+                   (faultCode, faultString, faultDetail), qelXS11nException(""), FaultCode(faultCode),
+                   FaultString(faultString), FaultDetail(faultDetail))
 
 xstring qelXSoapFault::getMessage()
 {
