@@ -146,7 +146,7 @@ void xobject::onDelete()
 
 void xobject::xattach()
 {
-    if (refcount == 0 && !thrIsThreaded()) {
+    if (!thrIsThreaded() && refcount == 0) {
         refcount = isRefCountable() ? 1 : -1;
         return;
     }
@@ -162,7 +162,7 @@ void xobject::xattach()
 
 void xobject::xrelease()
 {
-    if (refcount == 1 && !thrIsThreaded() && isDeletable()) {
+    if (!thrIsThreaded() && refcount == 1 && isDeletable()) {
         die();
         return;
     }
