@@ -81,19 +81,6 @@ BOOL CreateDirectoryA(const char* path, SECURITY_ATTRIBUTES*)
     return mkdir(host.c_str(), newDirectoryMode) == 0 ? TRUE : platFailOn(host);
 }
 
-BOOL RemoveDirectoryA(const char* path)
-{
-    std::string host;
-    if (!platHostPath(path, host))
-        return FALSE;
-    if (rmdir(host.c_str()) == 0)
-        return TRUE;
-    // Some file systems answer "exists" for a directory that is not empty.
-    if (errno == EEXIST)
-        errno = ENOTEMPTY;
-    return platFailOn(host);
-}
-
 DWORD GetCurrentDirectoryA(DWORD size, char* buffer)
 {
     char host[PATH_MAX];

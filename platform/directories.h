@@ -22,8 +22,6 @@ BOOL FindNextFileA(HANDLE search, WIN32_FIND_DATAA* data);
 BOOL FindClose(HANDLE search);
 
 BOOL CreateDirectoryA(const char* path, SECURITY_ATTRIBUTES* security);
-/// Removes an empty directory.
-BOOL RemoveDirectoryA(const char* path);
 
 /// The current directory in native form with its drive. Answers its length; when `size` is too small, the
 /// size that is needed, and `buffer` is unchanged; 0 when it fails.

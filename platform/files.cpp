@@ -254,12 +254,6 @@ BOOL SetEndOfFile(HANDLE file)
     return TRUE;
 }
 
-DWORD GetFileAttributesA(const char* path)
-{
-    struct stat status;
-    return statusOf(path, status) ? attributesOf(status) : INVALID_FILE_ATTRIBUTES;
-}
-
 BOOL GetFileAttributesExA(const char* path, GET_FILEEX_INFO_LEVELS, void* data)
 {
     struct stat status;
@@ -277,14 +271,6 @@ BOOL GetFileAttributesExA(const char* path, GET_FILEEX_INFO_LEVELS, void* data)
     return TRUE;
 }
 
-BOOL DeleteFileA(const char* path)
-{
-    std::string host;
-    if (!platHostPath(path, host))
-        return FALSE;
-    return unlink(host.c_str()) == 0 ? TRUE : platFailOn(host);
-}
-
 BOOL MoveFileExA(const char* from, const char* to, DWORD)
 {
     std::string hostFrom, hostTo;
@@ -297,18 +283,6 @@ BOOL MoveFileExA(const char* from, const char* to, DWORD)
         return TRUE;
     // Which of the two paths a "not found" is about does not matter: both numbers mean the same to callers.
     return platFailOn(hostFrom);
-}
-
-BOOL CopyFileA(const char* from, const char* to, BOOL failIfExists)
-{
-    platFolder fromFolder, toFolder;
-    platSource source;
-    std::string fromName, toName;
-    if (fromFolder.OpenParent(from, fromName) && source.Open(fromFolder, fromName.c_str(), platFollowLinks) &&
-        toFolder.OpenParent(to, toName) && source.Copy(toFolder) &&
-        source.Place(toName.c_str(), failIfExists == FALSE))
-        return TRUE;
-    return GetLastError() == ERROR_ALREADY_EXISTS ? platFailWith(ERROR_FILE_EXISTS) : FALSE;
 }
 
 unsigned GetTempFileNameA(const char* directory, const char* prefix, unsigned unique, char* name)

@@ -21,7 +21,6 @@ inline constexpr DWORD OPEN_EXISTING = 3;
 inline constexpr DWORD OPEN_ALWAYS = 4;
 inline constexpr DWORD FILE_ATTRIBUTE_DIRECTORY = 0x10;
 inline constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x80;
-inline constexpr DWORD INVALID_FILE_ATTRIBUTES = 0xFFFFFFFF;
 inline constexpr DWORD FILE_FLAG_SEQUENTIAL_SCAN = 0x08000000;
 inline constexpr DWORD FILE_BEGIN = 0;
 inline constexpr DWORD FILE_CURRENT = 1;
@@ -51,15 +50,9 @@ BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* done, void* o
 BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* position, DWORD from);
 BOOL SetEndOfFile(HANDLE file);
 
-/// INVALID_FILE_ATTRIBUTES when it fails.
-DWORD GetFileAttributesA(const char* path);
 BOOL GetFileAttributesExA(const char* path, GET_FILEEX_INFO_LEVELS level, void* data);
 
-BOOL DeleteFileA(const char* path);
 BOOL MoveFileExA(const char* from, const char* to, DWORD flags);
-/// Copies contents, mode and modification time; follows a link at `from`. What was written is removed when it
-/// fails.
-BOOL CopyFileA(const char* from, const char* to, BOOL failIfExists);
 
 /// Creates an empty file with a new name: `prefix`, eight hexadecimal digits and ".TMP". `unique` must be 0
 /// and `name` have room for MAX_PATH bytes. Answers 0 when it fails. The whole prefix is kept, not three

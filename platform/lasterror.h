@@ -2,8 +2,9 @@
 
 #include <cstdarg>
 
-/// The calling thread's last error, in the numbers of Windows (2 is "file not found"). Calls that fail set
-/// it; calls that succeed leave it, unless they say otherwise. Safe to call from any thread.
+/// The calling thread's last error, in the numbers of Windows, which <qel/platform/errornumbers.h> names.
+/// Calls that fail set it; calls that succeed leave it, unless they say otherwise. Safe to call from any
+/// thread.
 __attribute__((visibility("default"))) unsigned int GetLastError();
 
 /// Sets the calling thread's last error.

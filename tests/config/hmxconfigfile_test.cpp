@@ -9,6 +9,7 @@
 
 #include <qel/base/lockfilebuf.h>
 #include <qel/hmxconfigfile.h>
+#include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
 
 #include <sched.h>
@@ -190,14 +191,14 @@ TEST_F(Config, SaysWhyItCannotBeRead)
     Report report;
     dir.makeDir("sub");
     EXPECT_FALSE(hmxConfigFile::Check(path(), report));
-    EXPECT_EQ(GetLastError(), 2u); // file not found
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     EXPECT_FALSE(hmxConfigFile::Check(dir.path("none/config").c_str(), report));
-    EXPECT_EQ(GetLastError(), 3u); // path not found
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
     EXPECT_FALSE(hmxConfigFile::Check(dir.path("sub").c_str(), report));
-    EXPECT_EQ(GetLastError(), 5u); // access denied
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
     hmxConfigFile file;
     EXPECT_FALSE(file.Open(path(), hmxConfigFile::ReadOnly));
-    EXPECT_EQ(GetLastError(), 2u);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     EXPECT_TRUE(file.CloseChecked());
     EXPECT_EQ(report.text, "");
 }
@@ -521,7 +522,7 @@ TEST_P(ConfigFaults, IsWhatItsWriterWasToldWhenACallFails)
 
 TEST_F(Config, OthersEditsAreNotOverwritten)
 {
-    constexpr unsigned changedByOthers = 1006;
+    constexpr unsigned changedByOthers = ERROR_FILE_INVALID;
     hmxConfigFile file;
     const auto open = [&](int names) {
         std::filesystem::remove(dir.path("other"));
@@ -599,7 +600,7 @@ TEST_F(Config, IsWholeInPlaceOnAFullDisk)
         if (!config.Open(file.c_str(), hmxConfigFile::ReadWrite) ||
             !config.SetValue("b", std::string(20000, 'n').c_str()))
             return 1;
-        if (config.CloseChecked() || GetLastError() != 112) // disk full
+        if (config.CloseChecked() || GetLastError() != ERROR_DISK_FULL)
             return 2;
         return dir.read("small/config") == oldContent && !dir.has("small/.qelupdate") ? 0 : 3;
     });
@@ -770,7 +771,7 @@ TEST_F(Config, LetsReadersInTogetherAndAWriterAlone)
 TEST_F(Config, WaitsForItsTurnWithinALimitAndNeverForItself)
 {
     constexpr auto updating = hmxConfigFile::ReadWrite, reading = hmxConfigFile::ReadOnly;
-    constexpr unsigned sharing = 32, locked = 33;
+    constexpr unsigned sharing = ERROR_SHARING_VIOLATION, locked = ERROR_LOCK_VIOLATION;
     dir.write("config", "a:1\n");
     hmxConfigFile first, second;
     for (const auto& [held, wanted] :

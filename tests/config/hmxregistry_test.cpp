@@ -6,6 +6,7 @@
 #include <string>
 
 #include <qel/hmxregistry.h>
+#include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
 #include <qel/qelrtti.h>
 #include <qel/reglib.h>
@@ -91,10 +92,10 @@ TEST_F(RegistryKeys, ListTheirSubkeysAndValues)
     EXPECT_EQ(textOf(user.ListSubkeys()), "Software|");
 
     EXPECT_EQ(textOf(closed.ListValues()), "(none)");
-    EXPECT_EQ(GetLastError(), 6u); // invalid handle
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
     EXPECT_TRUE(key.DeleteSubkey(longName.c_str()));
     EXPECT_EQ(textOf(below.ListSubkeys()), "(none)");
-    EXPECT_EQ(GetLastError(), 1018u); // key deleted
+    EXPECT_EQ(GetLastError(), ERROR_KEY_DELETED);
     regKey object(key);
     EXPECT_EQ(textOf(object.ListSubkeys()), "Alpha|beta|");
     EXPECT_EQ(textOf(object.ListValues()), "Alpha|beta|" + longName + "|");
@@ -108,15 +109,15 @@ TEST_F(RegistryKeys, SayWhyTheyRefuse)
 {
     hmxRegistryKey key;
     const auto errorOf = [](bool worked) { return worked ? 0u : GetLastError(); };
-    EXPECT_EQ(errorOf(key.Open(user, "none")), 2u);
-    EXPECT_EQ(errorOf(key.Open(user, "a/b")), 123u); // invalid name
-    EXPECT_EQ(errorOf(key.Open(user, "\\a")), 161u); // bad path name
-    EXPECT_EQ(errorOf(key.SetValue("v", "x")), 6u);  // closed
+    EXPECT_EQ(errorOf(key.Open(user, "none")), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(errorOf(key.Open(user, "a/b")), ERROR_INVALID_NAME);
+    EXPECT_EQ(errorOf(key.Open(user, "\\a")), ERROR_BAD_PATHNAME);
+    EXPECT_EQ(errorOf(key.SetValue("v", "x")), ERROR_INVALID_HANDLE); // closed
     ASSERT_TRUE(key.Create(user, "a\\b"));
-    EXPECT_EQ(errorOf(user.DeleteSubkey("a")), 5u); // has subkeys
-    EXPECT_EQ(errorOf(user.DeleteValue("a\\b")), 123u);
+    EXPECT_EQ(errorOf(user.DeleteSubkey("a")), ERROR_ACCESS_DENIED); // has subkeys
+    EXPECT_EQ(errorOf(user.DeleteValue("a\\b")), ERROR_INVALID_NAME);
     EXPECT_TRUE(key.GetValue("v") == nullptr);
-    EXPECT_EQ(GetLastError(), 2u);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
 }
 
 TEST_F(RegistryKeys, KnowValidPathsAndNames)

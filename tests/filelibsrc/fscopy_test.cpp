@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include <qel/filelib.h>
+#include <qel/platform/errornumbers.h>
 
 #include <fcntl.h>
 #include <sched.h>
@@ -322,7 +323,8 @@ TEST_F(Copying, LeavesTheOldFileOrTheNewOneWhateverFails)
         int error, code;
         unsigned platformError;
     } faults[] = {
-        {ENOSPC, 3, 112}, {EIO, 1, 1117}, {EDQUOT, 2, 1816}, {EROFS, 11, 19}, {failing::killed, 0, 0},
+        {ENOSPC, 3, ERROR_DISK_FULL},     {EIO, 1, ERROR_IO_DEVICE}, {EDQUOT, 2, ERROR_NOT_ENOUGH_QUOTA},
+        {EROFS, 11, ERROR_WRITE_PROTECT}, {failing::killed, 0, 0},
     };
     const std::string renewed(100000, 'n');
     dir.write("from", renewed);
@@ -430,7 +432,7 @@ TEST_F(Copying, OrRemovingGoesOnAsItsHandlerDecides)
     again.at = dir.path("to3/z/file");
     EXPECT_EQ(with(again, "X:/to3"), done);
     EXPECT_EQ(again.asked, std::vector<std::string>{"X:\\from\\z\\file"});
-    EXPECT_EQ(again.errors, std::vector<unsigned>{80}); // exists
+    EXPECT_EQ(again.errors, std::vector<unsigned>{ERROR_FILE_EXISTS});
     EXPECT_EQ(shape("to3"), shape("from"));
 
     Decisions missing(fsSkip), refused(fsSkip);
@@ -606,6 +608,6 @@ TEST_F(Copying, AndRemovingAndListingReachAnyDepth)
 
     const std::string longPath = "X:/" + std::string(257, 'l'), native = "X:\\" + std::string(257, 'l');
     EXPECT_EQ(copy("X:/from", longPath.c_str()), refused(5, longPath.c_str()));
-    EXPECT_EQ(GetLastError(), 206u); // too long
+    EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
     EXPECT_EQ(copy(native.c_str(), "X:/to"), refused(5, native.c_str()));
 }

@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include <qel/filelib.h>
+#include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
 
 #include "../qel/qelstd/filelibsrc/fserror_p.h"
@@ -52,15 +53,21 @@ TEST(FileErrors, AreTranslatedFromPlatformNumbers)
         int code;
         std::vector<unsigned> errors;
     } rows[] = {
-        {6, {2, 3, 267, 1751}},
-        {9, {5, 12, 65, 994, 0x80030005, 0x80070005}},
-        {5, {32, 206}},
-        {3, {39, 112, 0x80030070}},
-        {7, {80, 145, 183}},
-        {10, {162}},
-        {1, {995, 996, 997, 1016, 1117, 0x80028CA2}},
-        {2, {1816}},
-        {11, {0, 1, 17, 87, 170, 1921, 0xFFFFFFFF}},
+        {6, {ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_DIRECTORY, EPT_S_INVALID_ENTRY}},
+        {9,
+         {ERROR_ACCESS_DENIED, ERROR_INVALID_ACCESS, ERROR_NETWORK_ACCESS_DENIED, ERROR_EA_ACCESS_DENIED,
+          STG_E_ACCESSDENIED, E_ACCESSDENIED}},
+        {5, {ERROR_SHARING_VIOLATION, ERROR_FILENAME_EXCED_RANGE}},
+        {3, {ERROR_HANDLE_DISK_FULL, ERROR_DISK_FULL, STG_E_MEDIUMFULL}},
+        {7, {ERROR_FILE_EXISTS, ERROR_DIR_NOT_EMPTY, ERROR_ALREADY_EXISTS}},
+        {10, {ERROR_SIGNAL_PENDING}},
+        {1,
+         {ERROR_OPERATION_ABORTED, ERROR_IO_INCOMPLETE, ERROR_IO_PENDING, ERROR_REGISTRY_IO_FAILED,
+          ERROR_IO_DEVICE, TYPE_E_IOERROR}},
+        {2, {ERROR_NOT_ENOUGH_QUOTA}},
+        {11,
+         {ERROR_SUCCESS, 1, ERROR_NOT_SAME_DEVICE, ERROR_INVALID_PARAMETER, ERROR_BUSY,
+          ERROR_CANT_RESOLVE_FILENAME, 0xFFFFFFFF}},
     };
     for (const auto& row : rows)
         for (const unsigned error : row.errors) {

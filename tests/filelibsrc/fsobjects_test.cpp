@@ -6,6 +6,7 @@
 #include <qel/fsdir.h>
 #include <qel/fsfile.h>
 #include <qel/fsnodeinfo.h>
+#include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
 #include <qel/qelrtti.h>
 #include <qel/tmtime.h>
@@ -73,14 +74,14 @@ TEST(fsiFile, FailsWithoutTouchingAnythingWhenItIsNotOpen)
     fsiFile file;
     char buffer[4];
     EXPECT_FALSE(file.Open(dir.path("missing"), fsReadOnly));
-    EXPECT_EQ(GetLastError(), 2u);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     for (int round = 0; round < 2; ++round) {
         EXPECT_EQ(file.Read(buffer, 4, nullptr), fsIOFailed);
         EXPECT_EQ(file.Write(buffer, 4, nullptr), fsIOFailed);
         EXPECT_FALSE(file.Seek(fsFromStart, 0));
         EXPECT_FALSE(file.Truncate(0));
         EXPECT_FALSE(file.Close());
-        EXPECT_EQ(GetLastError(), 6u);
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
         dir.write("f", "x");
         EXPECT_TRUE(file.Open(dir.path("f"), fsReadOnly));
         EXPECT_TRUE(file.Close());
@@ -99,7 +100,7 @@ TEST(fsiFile, RefusesPositionsThatAreNoneAndASecondWriter)
     EXPECT_TRUE(first.Seek(fsFromStart, 5e9));
 
     EXPECT_FALSE(second.Open(dir.path("f"), fsWriteOnly));
-    EXPECT_EQ(GetLastError(), 32u);
+    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
     EXPECT_TRUE(second.Open(dir.path("f"), fsReadOnly));
 }
 
@@ -195,11 +196,11 @@ TEST(fsiDir, SaysWhyItCannotBeOpened)
     xstring name;
 
     EXPECT_FALSE(entries.Open(dir.path("missing")));
-    EXPECT_EQ(GetLastError(), 2u);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     EXPECT_FALSE(entries.Open(dir.path("file")));
-    EXPECT_EQ(GetLastError(), 267u);
+    EXPECT_EQ(GetLastError(), ERROR_DIRECTORY);
     EXPECT_FALSE(entries.Open(std::string(260, 'd').c_str()));
-    EXPECT_EQ(GetLastError(), 206u);
+    EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
     EXPECT_EQ(entries.Read(name), fsIOFailed);
     EXPECT_FALSE(entries.Close());
     std::string longPath = dir.path();
@@ -219,7 +220,7 @@ TEST(fsNodeInfo, TakesTheStatusAndKeepsItWhenInitializeFails)
     ASSERT_TRUE(info.Initialize(dir.path("link"))); // followed
 
     EXPECT_FALSE(info.Initialize(dir.path("missing")));
-    EXPECT_EQ(GetLastError(), 2u); // file not found
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(info.getSize(), 5.0);
     EXPECT_EQ(info.getType(), fsFile);
     tmTime* const modified = info.getModTime();

@@ -12,6 +12,7 @@
 #include "support/interrupt.h"
 #include "support/tempdir.h"
 #include "support/thrown.h"
+#include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
 #include <qel/xrtti.h>
 
@@ -295,7 +296,7 @@ TEST_F(Monitor, IsForReadingWhereItMayNotBeWritten)
                              ? static_cast<int>(GetLastError())
                              : 0;
               }),
-              5);
+              static_cast<int>(ERROR_ACCESS_DENIED));
     // Where the folder may not be written, the file is emptied.
     chmod(Path().c_str(), 0666);
     EXPECT_EQ(runInChild([&] { return setuid(65534) == 0 && CreateMonitor(Path(), "U") != nullptr ? 0 : 1; }),

@@ -23,11 +23,11 @@ TEST(Environment, NamesTheMachineAndTheUser)
 
     DWORD small = 1;
     EXPECT_FALSE(GetComputerNameA(host, &small));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_BUFFER_OVERFLOW});
+    EXPECT_EQ(GetLastError(), ERROR_BUFFER_OVERFLOW);
     EXPECT_EQ(small, hostSize + 1);
     small = 1;
     EXPECT_FALSE(GetUserNameA(user, &small));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INSUFFICIENT_BUFFER});
+    EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
 }
 
 TEST(Environment, SaysThatAUserHasNoName)

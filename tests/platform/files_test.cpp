@@ -6,6 +6,7 @@
 #include <qel/platform/directories.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/files.h>
+#include <qel/platform/folder.h>
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -59,7 +60,7 @@ TEST(Files, ReadWriteAndSeekBeyond32Bits)
     ASSERT_TRUE(SetEndOfFile(file));
     EXPECT_EQ(std::filesystem::file_size(dir.path("big")), 1u);
     EXPECT_FALSE(SetFilePointerEx(file, at(-5), nullptr, FILE_BEGIN));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_NEGATIVE_SEEK});
+    EXPECT_EQ(GetLastError(), ERROR_NEGATIVE_SEEK);
     EXPECT_TRUE(CloseHandle(file));
 }
 
@@ -73,22 +74,19 @@ TEST(Files, AnswerWindowsNumbers)
         return errorOf(openFile(dir.path(name), GENERIC_READ, OPEN_EXISTING) != INVALID_HANDLE_VALUE);
     };
 
-    EXPECT_EQ(opened("missing"), DWORD{ERROR_FILE_NOT_FOUND});
-    EXPECT_EQ(opened("missing/x"), DWORD{ERROR_PATH_NOT_FOUND});
-    EXPECT_EQ(opened("file/x"), DWORD{ERROR_PATH_NOT_FOUND});
-    EXPECT_EQ(opened("full"), DWORD{ERROR_ACCESS_DENIED});
-    EXPECT_EQ(opened(std::string(300, 'n').c_str()), DWORD{ERROR_FILENAME_EXCED_RANGE});
-    EXPECT_EQ(errorOf(CreateDirectoryA(dir.path("full"), nullptr)), DWORD{ERROR_ALREADY_EXISTS});
-    EXPECT_EQ(errorOf(CreateDirectoryA(dir.path("missing/sub"), nullptr)), DWORD{ERROR_PATH_NOT_FOUND});
-    EXPECT_EQ(errorOf(RemoveDirectoryA(dir.path("full"))), DWORD{ERROR_DIR_NOT_EMPTY});
-    EXPECT_EQ(errorOf(DeleteFileA(dir.path("full"))), DWORD{ERROR_ACCESS_DENIED});
-    EXPECT_EQ(errorOf(SetCurrentDirectoryA(dir.path("missing"))), DWORD{ERROR_FILE_NOT_FOUND});
+    EXPECT_EQ(opened("missing"), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(opened("missing/x"), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(opened("file/x"), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(opened("full"), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(opened(std::string(300, 'n').c_str()), ERROR_FILENAME_EXCED_RANGE);
+    EXPECT_EQ(errorOf(CreateDirectoryA(dir.path("full"), nullptr)), ERROR_ALREADY_EXISTS);
+    EXPECT_EQ(errorOf(CreateDirectoryA(dir.path("missing/sub"), nullptr)), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(errorOf(SetCurrentDirectoryA(dir.path("missing"))), ERROR_FILE_NOT_FOUND);
     dir.link("loop", "loop");
-    EXPECT_EQ(errorOf(GetFileAttributesA(dir.path("loop")) != INVALID_FILE_ATTRIBUTES),
-              DWORD{ERROR_CANT_RESOLVE_FILENAME});
+    EXPECT_EQ(opened("loop"), ERROR_CANT_RESOLVE_FILENAME);
     for (const HANDLE none : {static_cast<HANDLE>(nullptr), INVALID_HANDLE_VALUE}) {
-        EXPECT_EQ(errorOf(CloseHandle(none)), DWORD{ERROR_INVALID_HANDLE});
-        EXPECT_EQ(errorOf(SetEndOfFile(none)), DWORD{ERROR_INVALID_HANDLE});
+        EXPECT_EQ(errorOf(CloseHandle(none)), ERROR_INVALID_HANDLE);
+        EXPECT_EQ(errorOf(SetEndOfFile(none)), ERROR_INVALID_HANDLE);
     }
 }
 
@@ -97,7 +95,7 @@ TEST(Files, KeepTheLastErrorOfEachThread)
     SetLastError(7);
     std::thread([] {
         EXPECT_EQ(GetLastError(), 0u);
-        GetFileAttributesA("/nowhere/at/all");
+        SetCurrentDirectoryA("/nowhere/at/all");
     }).join();
     EXPECT_EQ(GetLastError(), 7u);
 }
@@ -110,7 +108,7 @@ TEST(Files, KeepASecondWriterOutAndLeaveTheContentsAlone)
     ASSERT_NE(first, INVALID_HANDLE_VALUE);
 
     EXPECT_EQ(openFile(dir.path("file"), GENERIC_WRITE, CREATE_ALWAYS, 0), INVALID_HANDLE_VALUE);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_SHARING_VIOLATION});
+    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
     EXPECT_EQ(dir.read("file"), "kept");
 
     const ChildProcess idle([]() -> int { // which has a copy of the descriptor
@@ -143,9 +141,8 @@ TEST(Files, RefuseWhatIsNoFileWithoutWaitingOnIt)
     for (const char* name : {"pipe", "socket"})
         for (const DWORD access : {GENERIC_READ, GENERIC_WRITE}) {
             EXPECT_EQ(openFile(dir.path(name), access, OPEN_EXISTING), INVALID_HANDLE_VALUE) << name;
-            EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED}) << name;
+            EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED) << name;
         }
-    EXPECT_FALSE(CopyFileA(dir.path("pipe"), dir.path("copy"), TRUE));
     close(server);
 }
 
@@ -188,12 +185,12 @@ TEST(Files, MoveNeverReplaces)
 
     for (const char* target : {"to", "dangling", "empty", "from"}) {
         EXPECT_FALSE(MoveFileExA(dir.path("from"), dir.path(target), 1)) << target;
-        EXPECT_EQ(GetLastError(), DWORD{ERROR_ALREADY_EXISTS}) << target;
+        EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS) << target;
     }
     EXPECT_FALSE(MoveFileExA(dir.path("tree"), dir.path("empty"), 0));
     EXPECT_FALSE(MoveFileExA(dir.path("tree"), dir.path("tree/sub/in"), 0));
     EXPECT_FALSE(MoveFileExA(dir.path("missing"), dir.path("new"), 0));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_NOT_FOUND});
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(dir.read("to"), "target");
 
     EXPECT_TRUE(MoveFileExA(dir.path("from"), dir.path("new"), 0));
@@ -214,11 +211,26 @@ TEST(Files, MoveDoesNotCrossVolumes)
         GTEST_SKIP() << "needs a second volume";
 
     EXPECT_FALSE(MoveFileExA(dir.path("file"), target.c_str(), 2));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_SAME_DEVICE});
+    EXPECT_EQ(GetLastError(), ERROR_NOT_SAME_DEVICE);
     EXPECT_TRUE(dir.has("file"));
 }
 
-TEST(Files, CopyKeepsModeTimeHolesAndSelf)
+namespace {
+
+/// Copies a file as the copying of trees does.
+bool copyFile(const char* from, const char* to)
+{
+    platFolder fromFolder, toFolder;
+    platSource source;
+    std::string fromName, toName;
+    return fromFolder.OpenParent(from, fromName) &&
+           source.Open(fromFolder, fromName.c_str(), platKeepLinks) && toFolder.OpenParent(to, toName) &&
+           source.Copy(toFolder) && source.Place(toName.c_str(), false);
+}
+
+} // namespace
+
+TEST(Files, CopyKeepsModeTimeAndHoles)
 {
     TempDir dir;
     dir.write("from", "contents");
@@ -226,18 +238,15 @@ TEST(Files, CopyKeepsModeTimeHolesAndSelf)
     const timespec times[] = {{1, 2}, {1000000000, 123456789}};
     utimensat(AT_FDCWD, dir.path("from"), times, 0);
 
-    ASSERT_TRUE(CopyFileA(dir.path("from"), dir.path("to"), TRUE));
+    ASSERT_TRUE(copyFile(dir.path("from"), dir.path("to")));
     struct stat status;
     ASSERT_EQ(stat(dir.path("to"), &status), 0);
     EXPECT_EQ(dir.read("to"), "contents");
     EXPECT_EQ(status.st_mode & 07777, 0641u);
     EXPECT_EQ(status.st_mtim.tv_sec, 1000000000);
     EXPECT_EQ(status.st_mtim.tv_nsec, 123456789);
-    EXPECT_FALSE(CopyFileA(dir.path("from"), dir.path("to"), TRUE));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_EXISTS});
-
-    ASSERT_TRUE(CopyFileA(dir.path("from"), dir.path("from"), FALSE));
-    EXPECT_EQ(dir.read("from"), "contents");
+    EXPECT_FALSE(copyFile(dir.path("from"), dir.path("to")));
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
 
     // Two holes, data between and behind them.
     dir.write("holes");
@@ -245,13 +254,13 @@ TEST(Files, CopyKeepsModeTimeHolesAndSelf)
     ASSERT_EQ(pwrite(holes, "middle", 6, 1 << 20), 6);
     ASSERT_EQ(pwrite(holes, "end", 3, (4 << 20) - 3), 3);
     close(holes);
-    ASSERT_TRUE(CopyFileA(dir.path("holes"), dir.path("copied"), TRUE));
+    ASSERT_TRUE(copyFile(dir.path("holes"), dir.path("copied")));
     EXPECT_TRUE(dir.read("holes") == dir.read("copied"));
     ASSERT_EQ(stat(dir.path("copied"), &status), 0);
     EXPECT_LT(status.st_blocks * 512, 1 << 20);
 
     // A file whose size the kernel does not tell.
-    ASSERT_TRUE(CopyFileA("/proc/self/cmdline", dir.path("cmdline"), TRUE));
+    ASSERT_TRUE(copyFile("/proc/self/cmdline", dir.path("cmdline")));
     EXPECT_NE(dir.read("cmdline").find("files_test"), std::string::npos);
 }
 
@@ -263,7 +272,7 @@ TEST(Files, CopyLeavesNothingHalfWritten)
         signal(SIGXFSZ, SIG_IGN);
         const rlimit limit = {50000, 50000};
         setrlimit(RLIMIT_FSIZE, &limit);
-        return CopyFileA(dir.path("from"), dir.path("to"), TRUE) ? 0 : static_cast<int>(GetLastError());
+        return copyFile(dir.path("from"), dir.path("to")) ? 0 : static_cast<int>(GetLastError());
     });
     EXPECT_EQ(result, static_cast<int>(ERROR_FILE_TOO_LARGE));
     EXPECT_FALSE(dir.has("to"));
@@ -283,11 +292,11 @@ TEST(Files, TemporaryNamesAreNewAndEmpty)
     EXPECT_EQ(status.nFileSizeLow, 0u);
 
     EXPECT_EQ(GetTempFileNameA(dir.path(), "a/b", 0, first), 0u);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_NAME});
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME);
     EXPECT_EQ(GetTempFileNameA(dir.path(), std::string(250, 'p').c_str(), 0, first), 0u);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_FILENAME_EXCED_RANGE});
+    EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
     EXPECT_EQ(GetTempFileNameA(dir.path("missing"), "p", 0, first), 0u);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_PATH_NOT_FOUND});
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
 }
 
 TEST(Directories, AreEnumeratedWithEveryNameAndNeverDots)
@@ -312,7 +321,7 @@ TEST(Directories, AreEnumeratedWithEveryNameAndNeverDots)
         if (data.dwFileAttributes == FILE_ATTRIBUTE_DIRECTORY)
             directories.insert(data.cFileName);
     }
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_NO_MORE_FILES});
+    EXPECT_EQ(GetLastError(), ERROR_NO_MORE_FILES);
     EXPECT_TRUE(FindClose(search));
 
     std::string shown;
@@ -322,9 +331,9 @@ TEST(Directories, AreEnumeratedWithEveryNameAndNeverDots)
                                             "b",
                                             "\xFF\xFE", "*", longest, "sub", shown}));
     EXPECT_EQ(directories, std::set<std::string>{"sub"});
-    EXPECT_TRUE(DeleteFileA((std::string(dir.path()) + "\\a\xEF\x81\x9C"
-                                                       "b")
-                                .c_str()));
+    const std::string renamed = std::string(dir.path()) + "\\a\xEF\x81\x9C"
+                                                          "b";
+    EXPECT_TRUE(MoveFileExA(renamed.c_str(), dir.path("moved"), 0));
     EXPECT_FALSE(dir.has("a\\b"));
 }
 
@@ -337,9 +346,9 @@ TEST(Directories, SayWhyTheyCannotBeEnumerated)
         return FindFirstFileA(pattern.c_str(), &data) == INVALID_HANDLE_VALUE ? GetLastError() : 0;
     };
 
-    EXPECT_EQ(errorOf(std::string(dir.path("missing")) + "\\*"), DWORD{ERROR_FILE_NOT_FOUND});
-    EXPECT_EQ(errorOf(std::string(dir.path("file")) + "\\*"), DWORD{ERROR_DIRECTORY});
-    EXPECT_EQ(errorOf(std::string(dir.path()) + "\\*.txt"), DWORD{ERROR_INVALID_NAME});
+    EXPECT_EQ(errorOf(std::string(dir.path("missing")) + "\\*"), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(errorOf(std::string(dir.path("file")) + "\\*"), ERROR_DIRECTORY);
+    EXPECT_EQ(errorOf(std::string(dir.path()) + "\\*.txt"), ERROR_INVALID_NAME);
     EXPECT_FALSE(FindNextFileA(INVALID_HANDLE_VALUE, &data));
     EXPECT_FALSE(FindClose(INVALID_HANDLE_VALUE));
 }

@@ -87,7 +87,7 @@ TEST(Folder, LosesAWayThatSomebodyMovesAndDoesNothingElsewhere)
     int left = 0;
     while (way.Leave())
         ++left;
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_PATH_NOT_FOUND});
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
     EXPECT_EQ(left, 35); // up to the one that was moved; its folder is another one now
 }
 
@@ -201,7 +201,7 @@ TEST(Folder, TellsKindsAndIdentities)
     EXPECT_EQ(folder.Kind("sub", platKeepLinks), platDirectory);
     EXPECT_EQ(folder.Kind("pipe", platKeepLinks), platSpecial);
     EXPECT_EQ(folder.Kind("dangling", platFollowLinks), platAbsent);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_NOT_FOUND});
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
 
     platFolder deep, top;
     ASSERT_TRUE(deep.OpenNearest(dir.path("sub/deep/not/there")));
@@ -226,7 +226,7 @@ TEST(Folder, CopiesLinksFilesAndStatus)
     ASSERT_TRUE(from.CopyLink("link", to, "newlink", false));
     EXPECT_EQ(std::filesystem::read_symlink(dir.path("to/newlink")), "any/text");
     EXPECT_FALSE(from.CopyLink("link", to, "newlink", false));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_ALREADY_EXISTS});
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
     EXPECT_TRUE(from.CopyLink("link", to, "newlink", true));
 
     platSource source;
@@ -256,10 +256,10 @@ TEST(Folder, AnswersErrorsWithoutADirectory)
     std::string name;
 
     EXPECT_FALSE(none.Read(entry));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
     EXPECT_FALSE(none.Open(dir.path("file")));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_DIRECTORY});
+    EXPECT_EQ(GetLastError(), ERROR_DIRECTORY);
     EXPECT_FALSE(none.OpenParent(dir.path("missing/x"), name));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_PATH_NOT_FOUND});
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
     EXPECT_FALSE(none.IsWithin({1, 1}));
 }

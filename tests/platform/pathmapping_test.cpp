@@ -56,7 +56,7 @@ TEST(PathMapping, RefusesDrivesThatAreNotThereAndPathsThatAreNone)
     for (const char* path : {"E:\\a", "F:\\a", "", static_cast<const char*>(nullptr)}) {
         SetLastError(0);
         EXPECT_FALSE(platHostPath(path, host));
-        EXPECT_EQ(GetLastError(), DWORD{ERROR_PATH_NOT_FOUND});
+        EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
     }
     EXPECT_EQ(hostOf("ab:c"), "ab:c"); // no drive: two characters before the colon
 }
@@ -113,7 +113,7 @@ TEST(PathMapping, ShowsTheCurrentDirectoryOnTheDriveThatReachesDeepest)
 
     EnvSetting c("QELSTD_DRIVE_C", "/nowhere");
     EXPECT_EQ(GetCurrentDirectoryA(sizeof shown, shown), 0u);
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_DRIVE});
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_DRIVE);
 }
 
 TEST(PathMapping, GivesEveryHostNameAFormOfItsOwn)

@@ -13,6 +13,7 @@
 #include <qel/base/btkfd.h>
 #include <qel/filelib.h>
 #include <qel/hmxconfigfile.h>
+#include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
 
 namespace {
@@ -28,8 +29,6 @@ struct Choices
     bool drop = false;
     std::optional<double> limit; // in seconds; none: without limit
 };
-
-constexpr unsigned fileNotFound = 2, isLocked = 33;
 
 std::string Pressed(const std::string& key)
 {
@@ -56,10 +55,9 @@ std::string HoldersOf(const std::string& path)
 
 [[noreturn]] void FailToOpen(const std::string& path)
 {
-    constexpr unsigned accessDenied = 5; // also of what is no file
-    if (GetLastError() == accessDenied && fshIsDirectory(PathOf(path).c_str()) == 1)
+    if (GetLastError() == ERROR_ACCESS_DENIED && fshIsDirectory(PathOf(path).c_str()) == 1)
         Fail(Exit::no, path, "is a directory");
-    if (GetLastError() == isLocked)
+    if (GetLastError() == ERROR_LOCK_VIOLATION)
         Fail(Exit::peer, path, "is in use" + HoldersOf(path));
     FailForLastError(path);
 }
@@ -72,7 +70,7 @@ bool OpenInTurn(const std::string& path, const Choices& choices, const std::func
     const double limit = choices.limit.value_or(longest);
     if (open(std::min(limit, patience)))
         return true;
-    if (GetLastError() != isLocked || limit <= patience)
+    if (GetLastError() != ERROR_LOCK_VIOLATION || limit <= patience)
         return false;
     std::cerr << Printable(path) << " is in use" << HoldersOf(path) << "; waiting" << std::endl;
     return open(limit - patience);
@@ -181,7 +179,7 @@ bool KeepsRemarks(const Choices& choices)
     const std::string& path = choices.file;
     Findings findings;
     if (!Check(path, choices, findings)) {
-        if (GetLastError() == fileNotFound)
+        if (GetLastError() == ERROR_FILE_NOT_FOUND)
             return false;
         FailToOpen(path);
     }

@@ -6,12 +6,16 @@
 
 #include <qel/fserror.h>
 #include <qel/fspath.h>
+#include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
 
 namespace {
 
-// Not found (files, directories, values, keys), not allowed, exists, not a name or path.
-constexpr unsigned answers[] = {2, 3, 5, 80, 123, 145, 161, 183, 206, 267, 1018};
+constexpr unsigned answers[] = {
+    ERROR_FILE_NOT_FOUND,       ERROR_PATH_NOT_FOUND, ERROR_ACCESS_DENIED, ERROR_FILE_EXISTS,
+    ERROR_INVALID_NAME,         ERROR_DIR_NOT_EMPTY,  ERROR_BAD_PATHNAME,  ERROR_ALREADY_EXISTS,
+    ERROR_FILENAME_EXCED_RANGE, ERROR_DIRECTORY,      ERROR_KEY_DELETED,
+};
 
 bool isNative = false;
 
@@ -41,8 +45,10 @@ void FailForLastError(const std::string& what)
 CommandFailed FileFailureOf(xthrowable* caught)
 {
     // What the text of an exception's class says already.
-    constexpr unsigned badPath = 161;
-    constexpr unsigned said[] = {2, 5, 50, 80, 112, 123, badPath, 183, 1117, 1816};
+    constexpr unsigned said[] = {ERROR_FILE_NOT_FOUND,  ERROR_ACCESS_DENIED,  ERROR_NOT_SUPPORTED,
+                                 ERROR_FILE_EXISTS,     ERROR_DISK_FULL,      ERROR_INVALID_NAME,
+                                 ERROR_BAD_PATHNAME,    ERROR_ALREADY_EXISTS, ERROR_IO_DEVICE,
+                                 ERROR_NOT_ENOUGH_QUOTA};
 
     const bool isInvalidPath = fsXInvalidPath::softcast(caught) != nullptr;
     const bool isAnswer = fsXDoesNotExist::softcast(caught) != nullptr ||
@@ -57,7 +63,7 @@ CommandFailed FileFailureOf(xthrowable* caught)
         const xstring text = known->getPlatformText();
         if (text == nullptr)
             reason = "error " + std::to_string(error);
-        else if (isAnyOther || (isInvalidPath && error != badPath) ||
+        else if (isAnyOther || (isInvalidPath && error != ERROR_BAD_PATHNAME) ||
                  std::find(std::begin(said), std::end(said), error) == std::end(said))
             reason = text.CastToCString();
     }

@@ -7,9 +7,6 @@
 // What the commands that work on files, configuration files and the registry say of a failure.
 
 // Platform errors that commands tell apart.
-inline constexpr unsigned errorNotFound = 2;
-inline constexpr unsigned errorAccessDenied = 5; // also of a key that has subkeys
-inline constexpr unsigned errorNotEmpty = 145;   // also of a key whose folder has other files
 
 /// What the thread's last platform error is about, such as "access denied".
 std::string LastErrorText();

@@ -16,7 +16,7 @@
 #include <qel/base/btkfd.h>
 #include <qel/filelib.h>
 #include <qel/pcinterrupt.h>
-#include <qel/platform/errortable.h>
+#include <qel/platform/errornumbers.h>
 #include <qel/tmtime.h>
 
 namespace {

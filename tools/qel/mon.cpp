@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "files.h"
 #include "monitor.h"
+#include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
 #include <qel/xstring.h>
 
@@ -191,12 +192,11 @@ Monitor OpenMonitor(const std::string& path)
     } catch (xthrowable* thrown) {
         throw FailureOf(thrown, Exit::peer, path);
     }
-    constexpr unsigned accessDenied = 5; // also of what is no plain file
     const unsigned error = GetLastError();
     std::error_code ignored;
     if (!std::filesystem::exists(path, ignored))
         Fail(Exit::no, path, "not there");
-    if (error == accessDenied && std::filesystem::is_regular_file(path, ignored))
+    if (error == ERROR_ACCESS_DENIED && std::filesystem::is_regular_file(path, ignored))
         Fail(Exit::no, path, "not permitted");
     Fail(Exit::peer, path, "no monitor file");
 }

@@ -10,6 +10,7 @@
 #include <qel/base/btkfd.h>
 #include <qel/hmxregistry.h>
 #include <qel/netrights.h>
+#include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
 
 namespace {
@@ -66,7 +67,7 @@ hmxRegistryKey Opened(const Choices& choices)
     hmxRegistryKey key = RootOf(choices);
     if (IsRoot(choices.key) || key.Open(key, choices.key.c_str()))
         return key;
-    if (GetLastError() == errorNotFound)
+    if (GetLastError() == ERROR_FILE_NOT_FOUND)
         Fail(Exit::no, choices.key, "no such key");
     FailForLastError(choices.key);
 }
@@ -80,7 +81,7 @@ std::string NameOf(const Choices& choices)
 
 [[noreturn]] void FailForValue(const Choices& choices)
 {
-    if (GetLastError() == errorNotFound)
+    if (GetLastError() == ERROR_FILE_NOT_FOUND)
         Fail(Exit::no, NameOf(choices), "no such value");
     FailForLastError(NameOf(choices));
 }
@@ -177,13 +178,13 @@ void DeleteKey(hmxRegistryKey& parent, const std::string& name, const std::strin
     if (parent.DeleteSubkey(name.c_str()))
         return;
     const unsigned error = GetLastError();
-    if (error == errorNotFound)
+    if (error == ERROR_FILE_NOT_FOUND)
         Fail(Exit::no, path, "no such key");
     hmxRegistryKey key;
-    if (error == errorAccessDenied && key.Open(parent, name.c_str()) &&
+    if (error == ERROR_ACCESS_DENIED && key.Open(parent, name.c_str()) &&
         !NamesIn(key.ListSubkeys(), path).empty())
         Fail(Exit::no, path, "has subkeys; --all deletes them too");
-    if (error == errorNotEmpty)
+    if (error == ERROR_DIR_NOT_EMPTY)
         Fail(Exit::no, path, "its folder holds files or links that are not the registry's");
     SetLastError(error);
     FailForLastError(path);

@@ -11,6 +11,7 @@
 #include <qel/hmxregistry.h>
 #include <qel/netaddress.h>
 #include <qel/netrights.h>
+#include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
 
 namespace {
@@ -138,7 +139,7 @@ std::set<std::string> AllServers(double limit)
         hmxRegistryKey key;
         const std::string path(netRightsPath);
         const bool isOpen = key.Open(registry->root, path.substr(0, path.size() - 1).c_str());
-        if (!isOpen && GetLastError() == errorNotFound)
+        if (!isOpen && GetLastError() == ERROR_FILE_NOT_FOUND)
             continue;
         const xrchandle<xstringsequence> subkeys = isOpen ? key.ListSubkeys() : nullptr;
         if (!subkeys)

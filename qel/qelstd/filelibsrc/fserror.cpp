@@ -71,32 +71,32 @@ struct PlatformRow
 };
 
 constexpr PlatformRow platformErrors[] = {
-    {2, fsDoesNotExist},          // file not found
-    {3, fsDoesNotExist},          // path not found
-    {267, fsDoesNotExist},        // no directory
-    {1751, fsDoesNotExist},       // entry not found
-    {5, fsNoPermission},          // access denied
-    {12, fsNoPermission},         // invalid access
-    {65, fsNoPermission},         // network access denied
-    {994, fsNoPermission},        // access to extended attribute denied
-    {0x80030005, fsNoPermission}, // the same of storage objects,
-    {0x80070005, fsNoPermission}, // and in general
-    {32, fsInvalidPath},          // sharing violation
-    {206, fsInvalidPath},         // name too long
-    {39, fsDiskFull},             // of a handle
-    {112, fsDiskFull},            // of a volume
-    {0x80030070, fsDiskFull},     // medium full
-    {80, fsFileExists},           // file exists
-    {145, fsFileExists},          // directory not empty
-    {183, fsFileExists},          // already exists
-    {162, fsSignal},              // signal pending
-    {995, fsIOError},             // operation aborted
-    {996, fsIOError},             // incomplete
-    {997, fsIOError},             // pending
-    {1016, fsIOError},            // registry input or output failed
-    {1117, fsIOError},            // device error
-    {0x80028CA2, fsIOError},      // input or output of a type library
-    {1816, fsQuotaExhausted},     // not enough quota
+    {ERROR_FILE_NOT_FOUND, fsDoesNotExist},
+    {ERROR_PATH_NOT_FOUND, fsDoesNotExist},
+    {ERROR_DIRECTORY, fsDoesNotExist},
+    {EPT_S_INVALID_ENTRY, fsDoesNotExist},
+    {ERROR_ACCESS_DENIED, fsNoPermission},
+    {ERROR_INVALID_ACCESS, fsNoPermission},
+    {ERROR_NETWORK_ACCESS_DENIED, fsNoPermission},
+    {ERROR_EA_ACCESS_DENIED, fsNoPermission},
+    {STG_E_ACCESSDENIED, fsNoPermission},
+    {E_ACCESSDENIED, fsNoPermission},
+    {ERROR_SHARING_VIOLATION, fsInvalidPath},
+    {ERROR_FILENAME_EXCED_RANGE, fsInvalidPath},
+    {ERROR_HANDLE_DISK_FULL, fsDiskFull},
+    {ERROR_DISK_FULL, fsDiskFull},
+    {STG_E_MEDIUMFULL, fsDiskFull},
+    {ERROR_FILE_EXISTS, fsFileExists},
+    {ERROR_DIR_NOT_EMPTY, fsFileExists},
+    {ERROR_ALREADY_EXISTS, fsFileExists},
+    {ERROR_SIGNAL_PENDING, fsSignal},
+    {ERROR_OPERATION_ABORTED, fsIOError},
+    {ERROR_IO_INCOMPLETE, fsIOError},
+    {ERROR_IO_PENDING, fsIOError},
+    {ERROR_REGISTRY_IO_FAILED, fsIOError},
+    {ERROR_IO_DEVICE, fsIOError},
+    {TYPE_E_IOERROR, fsIOError},
+    {ERROR_NOT_ENOUGH_QUOTA, fsQuotaExhausted},
 };
 
 } // namespace
