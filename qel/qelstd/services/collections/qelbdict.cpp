@@ -528,24 +528,19 @@ void xbasedictionary::AssignSlots(unsigned entrySize)
     s.slotState.store(xdictside::current, std::memory_order_release);
 }
 
-/// Gives back the memory of keys that are gone, if there is memory to do it.
+/// Gives back the memory of keys that are gone.
+/// @throws std::bad_alloc  nothing has changed
 void xbasedictionary::CompactKeys(unsigned entrySize)
 {
-    try {
-        xdictkeys keys;
-        xdictindex index;
-        keys.reserve(side->keys);
-        for (unsigned place = 0; place < side->added; ++place) {
-            const char* const text = keyOf(EntryOf(place, entrySize));
-            if (!isLive(text))
-                continue;
+    xdictkeys keys;
+    xdictindex index;
+    keys.reserve(side->keys);
+    for (unsigned place = 0; place < side->added; ++place)
+        if (const char* const text = keyOf(EntryOf(place, entrySize)); isLive(text)) {
             const xdictkey key(text, side->seed);
             index.add(key, keys.add(key), place);
         }
-        index.forEach([&](const xdictindexentry& at) { keyOf(EntryOf(at.place, entrySize)) = at.key; });
-        side->keys.swap(keys);
-        side->index.swap(index);
-    } catch (const std::bad_alloc&) {
-        // They stay.
-    }
+    index.forEach([&](const xdictindexentry& at) { keyOf(EntryOf(at.place, entrySize)) = at.key; });
+    side->keys.swap(keys);
+    side->index.swap(index);
 }
