@@ -24,7 +24,7 @@ extern BASE_API btkMemMgr* const pDefMemMgr;
 /// `delete`.
 [[nodiscard]] inline void* operator new(std::size_t size, btkMemMgr* manager)
 {
-    return manager->Allocate(size);
+    return manager == pDefMemMgr ? ::operator new(size) : manager->Allocate(size);
 }
 
 /// Called when the constructor of an object placed with the operator above throws.

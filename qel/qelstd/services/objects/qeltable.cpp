@@ -219,8 +219,10 @@ void publishAll()
         __atomic_store_n(&begunClasses->built, begunClasses->begun, __ATOMIC_RELEASE);
 }
 
-/// Whatever ends it early, the next call goes on with what was begun.
-xrttiobject* build(qelClass& cls)
+} // namespace
+
+// Whatever ends it early, the next call goes on with what was begun.
+xrttiobject* qelBuildDescriptor(qelClass& cls)
 {
     const thrLock lock(buildMutex());
     if (cls.built != nullptr)
@@ -241,14 +243,6 @@ xrttiobject* build(qelClass& cls)
         describe(*left);
     publishAll();
     return cls.begun;
-}
-
-} // namespace
-
-xrttiobject* qelDescriptorOf(qelClass& cls)
-{
-    xrttiobject* const built = __atomic_load_n(&cls.built, __ATOMIC_ACQUIRE);
-    return built != nullptr ? built : build(cls);
 }
 
 void* qelDowncast(qelClass& cls, void* self, xobject* object, const xrttiobject* wanted)

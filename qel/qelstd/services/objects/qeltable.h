@@ -80,6 +80,9 @@ struct qelShape
 /// parents nor attributes, and a union has no `attrs`: such a table ends the process when it is first used.
 struct qelClass
 {
+    /// The descriptor, once it and all that it refers to are whole. Read and written atomically, and found by
+    /// qelDescriptorOf without this declaration.
+    xrttiobject* built = nullptr;
     const char* name;
     /// Whether objects of the class are freed with their last counted reference.
     bool counted = false;
@@ -99,13 +102,12 @@ struct qelClass
     /// QEL_REBUILD. Null without memory.
     xobject* (*rebuild)(qelS11nContext* context) = nullptr;
 
-    /// The descriptor, once it and all that it refers to are whole. Read and written atomically.
-    xrttiobject* built = nullptr;
-    /// The same from the moment when it was begun: what ran out of memory goes on with it. Like nextBegun
-    /// used under the lock of building only.
+    /// The descriptor from the moment when it was begun: what ran out of memory goes on with it. Like
+    /// nextBegun used under the lock of building only.
     xrttiobject* begun = nullptr;
     qelClass* nextBegun = nullptr;
 };
+static_assert(std::is_standard_layout_v<qelClass> && offsetof(qelClass, built) == 0);
 
 /// The table from which the descriptor `type` was built, or null when it was built by hand.
 QEL_API const qelClass* qelClassOf(xrttiobject* type);

@@ -122,6 +122,12 @@ private:
     std::int32_t refcount = 0;
 };
 
+/// The count of `p`, which is a live object.
+inline int xrcgetcount(xobject* p)
+{
+    return __atomic_load_n(&p->refcount, __ATOMIC_RELAXED);
+}
+
 /// Takes one counted reference. Null and xuninitobj: nothing. Safe to call from any thread that may use the
 /// object.
 inline void xrcattach(xobject* p)
@@ -130,12 +136,13 @@ inline void xrcattach(xobject* p)
         return;
     // Above zero the count changes in one step, without a lock and without asking the object: whoever
     // attaches or releases owns a reference, so the object stays.
-    if (!thrIsThreaded() && p->refcount > 0)
-        ++p->refcount;
-    else if (thrIsThreaded() && __atomic_load_n(&p->refcount, __ATOMIC_RELAXED) > 0)
-        __atomic_fetch_add(&p->refcount, 1, __ATOMIC_RELAXED);
-    else
+    const std::int32_t count = xrcgetcount(p);
+    if (count <= 0)
         p->xattach();
+    else if (!thrIsThreaded())
+        p->refcount = count + 1;
+    else
+        __atomic_fetch_add(&p->refcount, 1, __ATOMIC_RELAXED);
 }
 
 /// Gives one counted reference back; the last one deletes the object. Null and xuninitobj: nothing; an object
@@ -144,18 +151,15 @@ inline void xrcrelease(xobject* p)
 {
     if (!qelIsObject(p))
         return;
-    if (!thrIsThreaded()) {
-        if (p->refcount > 1) {
-            --p->refcount;
-            return;
-        }
-    } else {
-        std::int32_t count = __atomic_load_n(&p->refcount, __ATOMIC_RELAXED);
-        while (count > 1)
-            if (__atomic_compare_exchange_n(&p->refcount, &count, count - 1, true, __ATOMIC_ACQ_REL,
-                                            __ATOMIC_RELAXED))
-                return;
+    std::int32_t count = xrcgetcount(p);
+    if (count > 1 && !thrIsThreaded()) {
+        p->refcount = count - 1;
+        return;
     }
+    while (count > 1)
+        if (__atomic_compare_exchange_n(&p->refcount, &count, count - 1, true, __ATOMIC_ACQ_REL,
+                                        __ATOMIC_RELAXED))
+            return;
     p->xrelease();
 }
 
@@ -169,12 +173,6 @@ inline void xrcuniattach(xobject* p)
 inline void xrcunirelease(xobject* p)
 {
     xrcrelease(p);
-}
-
-/// The count of `p`, which is a live object.
-inline int xrcgetcount(xobject* p)
-{
-    return __atomic_load_n(&p->refcount, __ATOMIC_RELAXED);
 }
 
 /// Keeps an object for the life of a block that only reads it, and never deletes it: the count of an object
@@ -246,7 +244,13 @@ T* qelCast(xobject* p)
 
 // ---- what a class body says to be known to the type system (qeltable.h has the table that goes with it)
 
-QEL_API xrttiobject* qelDescriptorOf(qelClass& cls);
+QEL_API xrttiobject* qelBuildDescriptor(qelClass& cls);
+/// The descriptor of `cls`, which stands first in the table once it is whole.
+inline xrttiobject* qelDescriptorOf(qelClass& cls)
+{
+    xrttiobject* const built = __atomic_load_n(reinterpret_cast<xrttiobject**>(&cls), __ATOMIC_ACQUIRE);
+    return built != nullptr ? built : qelBuildDescriptor(cls);
+}
 QEL_API void* qelDowncast(qelClass& cls, void* self, xobject* object, const xrttiobject* wanted);
 
 /// First in the body of an exposed class: its descriptor (`getClassRtti`), its casts, and the operations by
@@ -279,6 +283,7 @@ private:                                               \
     static qelClass rtti
 
 /// After an enumeration: declares its descriptor, `qelGetRtti_E()`. Its source says QEL_LABELS (qeltable.h).
+/// Declare the enumeration with its type (`enum Colour : int`): null lies outside the enumerators.
 #define QEL_ENUM(E)                      \
     QEL_API xrttienum* qelGetRtti_##E(); \
     inline xrttienum* qelEnumRtti(E*)    \
