@@ -1,6 +1,7 @@
 // Several processes and several openings share a file, and are stopped and killed at any moment.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <cstdint>
@@ -17,6 +18,7 @@
 #include "support/child.h"
 #include "support/environment.h"
 #include "support/faults.h"
+#include "support/longrun.h"
 #include "support/tempdir.h"
 #include "support/traced.h"
 #include <qel/base/btkfilepart.h>
@@ -179,7 +181,7 @@ int Read(const std::string& path, Shared& shared)
 
 TEST_F(SharedFile, SurvivesWritersThatAreKilled)
 {
-    constexpr int kills = 200;
+    const int kills = ofALongRun(200, 5000);
     const auto shared = MakeShared();
     std::vector<std::unique_ptr<ChildProcess>> readers;
     for (int i = 0; i < 4; ++i)
@@ -226,14 +228,20 @@ TEST_F(SharedFile, IsNotHeldUpByAReaderThatHasStopped)
     ChildProcess reader([&] { return Read(Path(), *shared); });
 
     const auto writer = OpenMonitor(Path());
-    btkTimeval fastest = btkTimeval::Forever();
-    for (unsigned n = 0; n < 40; ++n) {
+    std::vector<btkTimeval> times;
+    const auto measure = [&](auto store) {
         const btkTimeval begin = btkTimeval::Now();
-        writer->String("text", 0)->setValue(CheckedText(n).c_str());
-        fastest = std::min(fastest, btkTimeval::Now() - begin);
+        store();
+        times.push_back(btkTimeval::Now() - begin);
+    };
+    for (unsigned n = 0; n < ofALongRun(40u, 1000u); ++n) {
+        measure([&] { writer->String("text", 0)->setValue(CheckedText(n).c_str()); });
+        measure([&] { writer->Real("real")->setValue(CheckedReal(n)); });
         StoreAll(*writer, n);
     }
-    EXPECT_LE(fastest, btkTimeval(0, 5000));
+    // The median, and where nothing else is run meanwhile nearly all.
+    std::sort(times.begin(), times.end());
+    EXPECT_LE(times[times.size() * ofALongRun<std::size_t>(50, 99) / 100], btkTimeval(0, 5000));
     EXPECT_TRUE(IsWhole(writer->Real("real")->getValue()));
     shared->stop = true;
     EXPECT_EQ(reader.wait(), 0); // other readers saw whole values all the same
@@ -256,7 +264,8 @@ TEST_F(SharedFile, IsReadAlsoWhenAWriterHasStopped)
     const btkTimeval begin = btkTimeval::Now();
     for (int i = 0; i < 20; ++i)
         ASSERT_EQ(file->Int("int")->getValue(), CheckedInt(77));
-    EXPECT_LT(btkTimeval::Now() - begin, btkTimeval(10, 0));
+    // 0.1 s for the first one, which waits for the writer, and 0.01 s for each of the others.
+    EXPECT_LT((btkTimeval::Now() - begin).ToSeconds(), ofALongRun(2.0, 0.5));
     EXPECT_EQ(TextOf(file->String("text", 0)->getValue()), CheckedText(77));
 }
 
