@@ -34,6 +34,16 @@ TEST(QelSelftest, SaysWhatFails)
     EXPECT_THAT(outcome.output, HasSubstr("qel selftest: "));
 }
 
+TEST(QelSelftest, EndsWithAnAnswerHoweverFewDescriptorsThereAre)
+{
+    for (const char* const most : {"4", "5", "7", "8"}) {
+        const Outcome outcome =
+            Line(std::string("ulimit -n ") + most + " && exec timeout 60 " QEL_PROGRAM " selftest");
+        EXPECT_EQ(outcome.status, 1) << most << "\n" << outcome.output;
+        EXPECT_THAT(outcome.output, HasSubstr("names ")) << most;
+    }
+}
+
 TEST(QelInfo, TellsWhatIsInForce)
 {
     const EnvSetting port("VRXNMSPORT", "4321");

@@ -134,8 +134,10 @@ private:
 
 void RequireEcho(netAddress* address)
 {
-    const Owned<netSocketStream> stream(netServer::Connect(address, 2.0));
+    constexpr double limit = 2; // seconds
+    const Owned<netSocketStream> stream(netServer::Connect(address, limit));
     Require(stream != nullptr, "the server does not answer");
+    stream->setITimeout(limit); // where no descriptor is left, it cannot accept
     stream->WriteInt(number);
     stream->WriteString(text);
     Require(stream->ReadInt() == number && stream->ReadString(nullptr) == text,
@@ -149,7 +151,7 @@ void TestServer(const std::string&)
     Require(server != nullptr, "no port can be listened on");
     server->setOnRequest(&echo);
     const xrchandle<netAddress> address(netAddress::Create(server->getPortN(), nullptr));
-    const Beside loop([&] { server->Run(); }, [&] { netServer::Shutdown(address.get()); });
+    const Beside loop([&] { server->Run(); }, [&] { server->Stop(); });
     Require(netServer::GetVersion(address.get()) == server->getVersion(), "the version is not the server's");
     RequireEcho(address.get());
 }
@@ -169,7 +171,7 @@ void TestNames(const std::string&)
         const Owned<netServer> server(netServer::Create("selftest", 0, "127.0.0.1"));
         Require(server != nullptr, "no port can be listened on");
         server->setOnRequest(&echo);
-        const Beside loop([&] { server->Run(); }, [&] { netServer::Shutdown(address.get()); });
+        const Beside loop([&] { server->Run(); }, [&] { server->Stop(); });
         RequireEcho(address.get());
     }
     const nmsOwnedProxy proxy(getNameServer(nullptr));
