@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""report.py FOLDER [FILTER]: runs the benchmark programs of FOLDER and prints our times as ratios of the peers' times.
+"""report.py FOLDER [FILTER]: runs the benchmark programs of FOLDER and prints the library's times as ratios of the peers'.
 
 A benchmark is named area/operation/who, with who "qelstd" or the peer's name; arguments may follow. What shares area,
 operation and arguments is compared. Repetitions of all of a program's benchmarks are interleaved at random and medians
@@ -15,7 +15,7 @@ import sys
 US = "qelstd"
 OPTIONS = ["--benchmark_format=json", "--benchmark_repetitions=9", "--benchmark_min_time=0.05",
            "--benchmark_enable_random_interleaving=true", "--benchmark_report_aggregates_only=true"]
-# Parts of a name that tell how was measured, not what.
+# Parts of a name that describe the measurement, not the operation.
 MANNER = ("real_time", "process_time", "manual_time", "repeats:", "iterations:", "min_time:")
 
 
@@ -37,7 +37,7 @@ def medians(program, name_filter):
         area, operation, who, *rest = parts
         clock = "real_time" if {"real_time", "manual_time"} & set(rest) else "cpu_time"
         arguments = [part for part in rest if not part.startswith(MANNER)]
-        # All of one comparison are in one unit, or the ratio would lie.
+        # All times of one comparison must have one unit for the ratio.
         unit = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[row["time_unit"]]
         is_memory = "bytes" in row
         value = row["bytes"] if is_memory else row[clock] * unit
@@ -67,7 +67,7 @@ def main():
     alone = []
 
     def ratios(by_operation):
-        """Yields (operation, ours, our ratios to the peers from the best peer on)."""
+        """Yields (operation, our value, our ratios to the peers, best peer first)."""
         for operation, by_who in by_operation.items():
             peers = {who: value for who, value in by_who.items() if who != US}
             if US in by_who and peers:

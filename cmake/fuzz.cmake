@@ -1,6 +1,6 @@
 # qel_add_fuzzer(NAME [LIBRARIES lib...]): the fuzz target fuzz_NAME from NAME.cpp, which defines LLVMFuzzerTestOneInput.
-# Its inputs are in corpus/NAME; NAME.dict, when it is there, is its dictionary. With QELSTD_BUILD_FUZZ it is linked with
-# the fuzzing engine; else it is a test that replays the inputs.
+# Its inputs are in corpus/NAME; NAME.dict, if it exists, is its dictionary. With QELSTD_BUILD_FUZZ it is linked with
+# the fuzzing engine; otherwise it is a test that replays the inputs.
 function(qel_add_fuzzer name)
   cmake_parse_arguments(arg "" "" "LIBRARIES" ${ARGN})
   add_executable(fuzz_${name} ${name}.cpp)

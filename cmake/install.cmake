@@ -1,4 +1,4 @@
-# What others build with: the CMake package `qelstd`, in the build tree and installed, and the pkg-config file.
+# The files that other projects build with: the CMake package `qelstd`, in the build tree and installed, and the pkg-config file.
 # CPack makes Debian packages of the components `libraries`, `development`, `python` and, with the programs, `tools`.
 include(CMakePackageConfigHelpers)
 
@@ -27,7 +27,7 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/lib)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-# Each package is stripped, and what debug information the build has goes into a package of its own.
+# Each package is stripped; the build's debug information goes into a separate package.
 set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_NAME libqelstd${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_LIBRARIES_PACKAGE_SECTION libs)

@@ -1,5 +1,5 @@
 # Helpers with which each folder lists its sources and headers. Public headers are linked into
-# ${PROJECT_BINARY_DIR}/include, so that the build tree is used as an installed prefix is: `#include <qel/xobject.h>`.
+# ${PROJECT_BINARY_DIR}/include, so that the build tree is used like an installed prefix: `#include <qel/xobject.h>`.
 
 # qel_library(NAME EXPORT_MACRO): a shared library that the folders below add their sources to.
 function(qel_library name macro)
@@ -15,7 +15,7 @@ function(qel_library name macro)
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
     LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib
     INSTALL_RPATH "$ORIGIN")
-  # All symbols have one version, so that a program tells which library it was linked with, and several may be loaded.
+  # All symbols have one version, which a program records when it is linked, so that several versions may be loaded.
   string(TOUPPER ${name} QEL_VERSION_NODE)
   set(script ${CMAKE_CURRENT_BINARY_DIR}/${name}.map)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/symbols.map.in ${script} @ONLY)
@@ -26,7 +26,7 @@ function(qel_library name macro)
   set(QEL_LIBRARY ${name} PARENT_SCOPE)
 endfunction()
 
-# qel_add_sources(FILE...): adds sources of this folder to the library that the folder belongs to.
+# qel_add_sources(FILE...): adds sources of this folder to the folder's library.
 function(qel_add_sources)
   list(TRANSFORM ARGN PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
   target_sources(${QEL_LIBRARY} PRIVATE ${ARGN})

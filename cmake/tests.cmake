@@ -1,6 +1,6 @@
 # qel_add_test(NAME [LABELS label...] [LIBRARIES lib...]): the program NAME from NAME.cpp (or NAME.c) of this folder,
-# run by ctest. Label `threads` marks tests that start threads; the thread sanitizer's run takes those, and the target
-# `thread_tests` builds no others.
+# run by ctest. Label `threads` marks tests that start threads; the thread sanitizer runs those, and the target
+# `thread_tests` builds only those.
 find_package(GTest REQUIRED)
 add_custom_target(thread_tests)
 

@@ -1,6 +1,5 @@
 // Drives the C interface with arbitrary calls: the input names functions and arguments one after the other.
-// Objects, collections, texts and out arguments are also the markers, wherever the interface says that they
-// may be.
+// Objects, collections, texts and out arguments are also markers, wherever the interface permits them.
 
 #include <cstddef>
 #include <cstdint>
@@ -20,7 +19,7 @@ void require(bool holds)
         __builtin_trap();
 }
 
-/// The input, read from the front; zeros when it has ended.
+/// The input, read from the front; zeros after its end.
 class Input
 {
 public:
@@ -29,7 +28,7 @@ public:
     bool ended() const { return at == end; }
     unsigned byte() { return ended() ? 0 : *at++; }
 
-    /// Small numbers, and those that are special somewhere.
+    /// Small numbers, and numbers with a special meaning in some function.
     int number()
     {
         constexpr int special[] = {-1, xnullint, xuninitint, 0x7fffffff, 32, 64, 255, 600};
@@ -37,7 +36,7 @@ public:
         return b < 0xf0 ? static_cast<int>(b) : special[b % 8];
     }
 
-    /// A text that lives until the next call, or a marker.
+    /// A text that is valid until the next call, or a marker.
     const char* text()
     {
         const unsigned length = byte();
@@ -297,7 +296,7 @@ void exceptionStep(Input& input)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     static const bool quiet = [] {
-        std::cout.setstate(std::ios::failbit); // printing is driven, its text is of no use
+        std::cout.setstate(std::ios::failbit); // printing runs, its text is discarded
         return true;
     }();
     require(quiet);

@@ -1,5 +1,5 @@
-// Arbitrary command lines. What is split can be put together again, word by word, and a line that is refused
-// has no words.
+// Arbitrary command lines. The words of a line can be joined to an equivalent line, and a refused line has no
+// words.
 #include <cstdint>
 #include <cstdlib>
 #include <string>

@@ -1,5 +1,5 @@
-// The reading and writing back of configuration files of any content, against the plainest way to say what
-// their lines mean.
+// Reading and writing back configuration files of any content, against the simplest interpretation of their
+// lines.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -15,7 +15,7 @@
 
 namespace {
 
-using Entries = std::map<std::string, std::string>; // a value with nothing in it is null
+using Entries = std::map<std::string, std::string>; // an empty value is null
 
 void require(bool holds)
 {
@@ -37,7 +37,7 @@ Entries entriesOf(std::string text)
     return entries;
 }
 
-/// A file of this process, where nothing waits for a disk if there is such a place.
+/// A file of this process, in memory if the system provides such a folder.
 std::string fileName()
 {
     const char* const folder = std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : "/tmp";
@@ -50,7 +50,7 @@ const struct OwnFile
     ~OwnFile() { std::remove(name.c_str()); }
 } file;
 
-/// Counts the lines that writing back drops.
+/// Counts the lines that a rewrite drops.
 class Dropped : public hmxConfigOddityHandler
 {
 public:
@@ -71,7 +71,7 @@ void requireEntries(hmxConfigFile& config, const Entries& expected)
 {
     for (const auto& [key, value] : expected) {
         if (key.find('\0') != std::string::npos)
-            continue; // cannot be asked for
+            continue; // no query can name it
         const xstring found = config.GetValue(key.c_str());
         require(value.empty() ? found == nullptr : found == value.c_str());
     }

@@ -1,5 +1,6 @@
-// Arbitrary bytes as what a client sends to a versioned server, which answers as its first byte asks and
-// serves the next one; and as what a server answers, upon which each call of a client ends as documented.
+// Arbitrary bytes sent by a client to a versioned server, which answers according to the first byte and
+// serves the next client; and sent as a server's answer, after which each call of a client ends as
+// documented.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -49,7 +50,7 @@ void askServer(const std::string& bytes)
         server->setOnRequest(&handler);
         return server;
     }());
-    if (bytes.empty() || bytes[0] == 3) // ends the server
+    if (bytes.empty() || bytes[0] == 3) // stops the server
         return;
     const std::string answer = answerTo(served.getPort(), bytes);
     const std::string whole = bytes[0] == 0 || bytes[0] == 1 ? "\1" : bytes[0] == 2 ? version : "";
@@ -60,7 +61,7 @@ void askServer(const std::string& bytes)
         std::abort();
 }
 
-// The bytes are the answer; `expected` is what the call should make of them.
+// The bytes are the answer; `expected` is the result that the call must return for them.
 template<typename Call>
 void askAs(const std::string& bytes, Call call)
 {

@@ -1,5 +1,6 @@
-// Arbitrary files opened as monitor files while they grow, read, written and added to. Whatever the file,
-// what has been found stays usable, what was written is read again, and what was added is found by others.
+// Arbitrary files opened as monitor files while they grow, read, written and appended to. Whatever the file,
+// parameters that were found stay usable, written values are read back, and other openings find added
+// parameters.
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -23,7 +24,7 @@ void Require(bool holds)
         std::abort();
 }
 
-// Whether `work` ends without one of the failures that bad files lead to.
+// Whether `work` ends without one of the failures that bad files cause.
 template<class Work>
 bool Succeeds(Work work)
 {
@@ -39,7 +40,7 @@ bool Succeeds(Work work)
     }
 }
 
-// A file without a name, which is opened anew through its descriptor's.
+// A file without a name, which is reopened through its descriptor's path.
 class NamelessFile
 {
 public:
@@ -124,7 +125,7 @@ void Drive(const NamelessFile& file, const std::uint8_t* data, std::size_t size)
     const bool canAdd = Succeeds([&] { added = writer->Int("added"); });
     Require(canAdd == isSound);
     if (added == nullptr)
-        return; // or it is there, of another kind
+        return; // or it exists with another type
     added->setValue(choice);
     const Monitor other = file.Open();
     Require(other != nullptr && other->Int("added")->getValue() == choice);

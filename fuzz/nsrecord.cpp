@@ -1,5 +1,5 @@
-// Arbitrary bytes received as a record: within its limits or refused, and what was received is sent again as
-// the same record.
+// Arbitrary bytes received as a record: it is within its limits or refused, and a received record can be sent
+// again unchanged.
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -30,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
     const nmsRecordReader first = Read(std::string(reinterpret_cast<const char*>(data), size));
     std::string bytes;
-    // A text of 256 characters may be received and not sent: there is no room for its end.
+    // A text of 256 characters may be received but not sent: there is no room for its terminating zero.
     if (first.record.fields.size() > 256 || !first.IsWhole() || !nmsPutRecord(bytes, first.record))
         return 0;
     const nmsRecordReader second = Read(bytes);

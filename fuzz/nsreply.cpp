@@ -1,4 +1,5 @@
-// Arbitrary bytes as a name server's answer: each request ends, with no more records than the bytes hold.
+// Arbitrary bytes as a name server's answer: each request ends, with no more records than the bytes can
+// contain.
 #include <cstdint>
 #include <cstdlib>
 #include <string>

@@ -1,5 +1,5 @@
 // Arbitrary bytes sent to a name server, in two parts: it answers with a status, or closes the connection
-// because the request does not become whole, and goes on answering others.
+// because the request stays incomplete, and continues to answer others.
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>

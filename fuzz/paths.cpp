@@ -1,5 +1,5 @@
-// Path arithmetic, and how paths and names become the host's. The input is cut at its first line feed into
-// two paths.
+// Path arithmetic, and the conversion of paths and names to those of the operating system. The input is split
+// at its first line feed into two paths.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -19,7 +19,7 @@ void require(bool holds)
         std::abort();
 }
 
-/// What `operation` answers; null also when it refuses, which it may do with the one exception only.
+/// The result of `operation`; null also when it refuses, which it may do with one exception class only.
 template<typename Operation>
 xstring answerOf(Operation operation)
 {
@@ -60,7 +60,7 @@ void divide(const char* path)
     require(entry == nullptr || beginsWith(whole, entry));
     require(last == nullptr || whole.ends_with(last.CastToCString()));
     require(tail == nullptr || whole.ends_with(tail.CastToCString()));
-    if (head != nullptr && last != nullptr) // the two ends and a separator are the whole
+    if (head != nullptr && last != nullptr) // head, separator and last name form the whole
         require(std::strlen(head.CastToCString()) + std::strlen(last.CastToCString()) + 1 >= whole.size());
 }
 
@@ -103,7 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
     const std::string input(reinterpret_cast<const char*>(data), size);
     const std::size_t cut = std::min(input.find('\n'), input.size());
-    const std::string a = input.substr(0, cut).c_str(); // both end at a zero
+    const std::string a = input.substr(0, cut).c_str(); // both end at a zero byte
     const std::string b = cut < input.size() ? input.substr(cut + 1).c_str() : "";
     divide(a.c_str());
     combine(a.c_str(), b.c_str());

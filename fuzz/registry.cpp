@@ -1,5 +1,5 @@
-// Registry names of any content stay inside the store, each has a file of its own, and a value's file of any
-// content is read or refused. The input is cut at its first line feed into a name and the content.
+// Registry names of any content stay inside the store, each maps to a distinct file, and a value's file of
+// any content is read or refused. The input is split at its first line feed into a name and the content.
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -41,8 +41,8 @@ void requireInside(std::string path)
     }
 }
 
-/// Requires that a directory of the store is found under the name that it is enumerated by, whatever its own
-/// file says about that.
+/// Requires that a directory of the store is found under the name by which it is listed, whatever its `.name`
+/// file contains.
 void enumerateAny(const std::string& path, const std::string& writtenName)
 {
     const std::string folder = store.folder + "/System/" + path;
@@ -55,7 +55,7 @@ void enumerateAny(const std::string& path, const std::string& writtenName)
     std::filesystem::remove_all(store.folder + "/System");
 }
 
-/// The name, in lower case, that a path stands for.
+/// The name, in lower case, that a path represents.
 std::string nameOf(const std::string& path)
 {
     std::string name;
@@ -64,7 +64,7 @@ std::string nameOf(const std::string& path)
             ++i;
         else if (path[i] != '%')
             name += path[i];
-        else if (path[i + 1] == '+') // the escape goes on behind a cut
+        else if (path[i + 1] == '+') // the escape continues behind a cut
             name += static_cast<char>(std::stoi(path.substr(i + 3, 2), nullptr, 16)), i += 4;
         else if (path[i + 2] == '+')
             name += static_cast<char>(std::stoi(path.substr(i + 1, 1) + path[i + 4], nullptr, 16)), i += 4;

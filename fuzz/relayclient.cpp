@@ -1,5 +1,5 @@
 // Arbitrary bytes from the server to the client of a remote command, after its start or from the reply on:
-// the client ends, and has kept no more than it was sent.
+// the client ends, and has stored no more than it was sent.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>

@@ -1,5 +1,5 @@
-// Arbitrary messages to the server of a remote command, which is `cat` throughout: it stops the command and
-// ends, and leaves nothing behind.
+// Arbitrary messages to the server of a remote command, which is always `cat`: it stops the command, ends,
+// and leaves no process or descriptor behind.
 #include <cstdint>
 #include <cstdlib>
 #include <thread>

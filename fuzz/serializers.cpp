@@ -1,6 +1,5 @@
 // Arbitrary bytes read as a sequence of values in each form, from memory and, part by part, through a pipe.
-// What the two ways answer is the same; no try consumes anything; what was read can be written and read
-// again.
+// Both return the same; no try consumes anything; a value that was read can be written and read again.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -66,7 +65,7 @@ std::string Read(ioStream& stream, int kind, const char* delims)
     }
 }
 
-// A pipe that gets the bytes part by part.
+// A pipe that receives the bytes part by part.
 class Parts
 {
 public:
@@ -87,7 +86,7 @@ public:
             Out().Close();
     }
 
-    // The same as a try on all of the bytes.
+    // Requires the same result as of a try on all of the bytes.
     void RequireTry(ioTryCode answer, int kind, const char* delims, std::size_t part)
     {
         ioTryCode piped;
@@ -97,7 +96,7 @@ public:
         }
         Require(piped == answer);
         if (left > 0 && answer != ioSuccess && answer != ioFormatError)
-            Send(left); // the read that fails at the end goes on to it
+            Send(left); // the read that fails at the end consumes all before it
     }
 
 private:

@@ -1,5 +1,5 @@
-// Strings against the plainest way to say what each operation does. The input is cut at zeros into a text and
-// two arguments; as UTF-16 it is taken as it comes, unpaired surrogates and all.
+// Strings against the simplest implementation of each operation. The input is split at zeros into a text and
+// two arguments; as UTF-16 it is used unchanged, including unpaired surrogates.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>

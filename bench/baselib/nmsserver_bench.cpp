@@ -1,5 +1,6 @@
-// A name server on the loopback and its clients: requests a second of eight clients at once and how long the
-// slowest hundredth takes, with few and with many records held; and what an answer costs without the network.
+// A name server on the loopback and its clients: requests per second of eight concurrent clients and the 99th
+// percentile of the time of a request, with few and with many records; and the time of an answer without the
+// network.
 #include <algorithm>
 #include <string>
 #include <thread>
@@ -29,7 +30,7 @@ std::string Encoded(const nmsFields& record)
     return bytes;
 }
 
-// One request and how long it took; false when it was not done.
+// One request and its time; false when it failed.
 bool Ask(int port, nmsRequestCode code, const std::string& record, std::vector<double>& seconds)
 {
     const btkTimeval start = btkTimeval::Now();

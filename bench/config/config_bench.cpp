@@ -20,7 +20,7 @@ std::string keyOf(int i)
     return "key" + std::to_string(1000000 + i);
 }
 
-/// The two files and the registry that the benchmarks work on.
+/// The two files and the registry that the benchmarks use.
 struct Data
 {
     std::string root, ours, glibs, plain;
@@ -156,7 +156,7 @@ BENCHMARK(setManyOurs)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond);
 
-/// The peer has no batches: it syncs each file by itself.
+/// The peer has no batches: it syncs each file separately.
 void setManyPlain(benchmark::State& state)
 {
     const std::string folder = data.root + "/many";

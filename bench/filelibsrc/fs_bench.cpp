@@ -16,7 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// What the benchmarks work on, made when it is asked for first and removed at the end.
+/// The files of the benchmarks, created at their first use and removed at the end.
 class Data
 {
 public:
@@ -57,7 +57,7 @@ public:
             for (int i = 0; i < 512; ++i)
                 file << block;
             file.close();
-            sync(); // who copies first does not wait for this to reach the disk
+            sync(); // the first copy does not wait for this to reach the disk
         });
     }
 

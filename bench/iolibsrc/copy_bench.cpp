@@ -1,6 +1,6 @@
-// All of one stream copied into another, against `cat` between the same two: files, and a pipe that a thread
-// fills into a file. A child program is part of each side's time: cat for the peer, and true, which does
-// nothing, for us.
+// One whole stream copied into another, against `cat` between the same two: from file to file, and from a
+// pipe that a thread fills to a file. Each side's time includes a child program: cat for the peer, and true,
+// which does nothing, for this library.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -59,7 +59,7 @@ void copyFileCat(benchmark::State& state)
 }
 BENCHMARK(copyFileCat)->Name("streams/copy_file/cat")->UseRealTime()->Unit(benchmark::kMillisecond);
 
-// What fills the pipe writes blocks of 64 KiB, as another cat would.
+// The pipe's writer writes blocks of 64 KiB, as cat would.
 void copyPipeOurs(benchmark::State& state)
 {
     const Files files;

@@ -1,6 +1,6 @@
-// Values through a whole stream against the peers that carry the same values: in the network form in memory
-// against XDR memory streams, through a file against the better of XDR stdio streams and QDataStream, and in
-// the text form against the standard streams.
+// Values through a whole stream against peers with the same values: in the network form in memory against XDR
+// memory streams, through a file against the better of XDR stdio streams and QDataStream, and in the text
+// form against the standard streams.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -20,7 +20,7 @@
 
 namespace {
 
-// In a batch, which is one iteration.
+// Values in a batch, which is one iteration.
 constexpr int inMemory = 16384;
 constexpr int inFile = 16384;
 constexpr int inText = 2048;
@@ -36,7 +36,7 @@ double RealAt(int i)
     return i * 1.37 + 0.001;
 }
 
-// ---- how each kind of value passes through each stream
+// ---- one class for each kind of value and stream
 
 struct Int
 {
@@ -117,7 +117,7 @@ struct String
         if (!xdr_string(&x, &v, 1000))
             std::abort();
     }
-    static void Decode(XDR& x) // into a new text, as every reader of strings of unknown length does
+    static void Decode(XDR& x) // into a new text, as readers of strings of unknown length do
     {
         char* v = nullptr;
         if (!xdr_string(&x, &v, 1000))
@@ -166,7 +166,7 @@ double CpuSeconds()
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// Into memory that is new for each batch: ours grows to it, the peer asks for the right size.
+// Into new memory for each batch: this library's grows, the peer allocates the right size.
 template<class Value>
 void encodeMemoryOurs(benchmark::State& state)
 {

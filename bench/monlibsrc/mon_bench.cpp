@@ -1,5 +1,5 @@
-// Monitor files: a value stored or loaded against one pwrite or pread of its bytes; finding among many
-// against finding among few; discovering many against discovering few as often.
+// Monitor files: a value stored or loaded against one pwrite or pread of its bytes; a lookup among many
+// parameters against one among few; discovering many parameters against discovering few as often.
 #include <benchmark/benchmark.h>
 
 #include <memory>
@@ -15,7 +15,7 @@ namespace {
 
 using Monitor = std::unique_ptr<monFile, qelDelete>;
 
-// A monitor file that is gone afterwards.
+// A monitor file that is removed at the end.
 class Published
 {
 public:

@@ -98,7 +98,7 @@ BENCHMARK(PingQelstd)->Name("netlibsrc/ping/qelstd")->UseRealTime();
 BENCHMARK(PingPlain)->Name("netlibsrc/ping/poll_accept")->UseRealTime();
 BENCHMARK(PingPoco)->Name("netlibsrc/ping/poco")->UseRealTime();
 
-// ---- what is sent over one connection; the other end answers a byte once it has received all
+// ---- data over one connection; the other end sends a byte once it has received all of it
 
 struct Ends
 {

@@ -1,4 +1,4 @@
-// Starting programs and reading what they write. A process of a given size is made by touching memory.
+// Starting programs and reading their output. A process gets a given size by touching memory.
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -24,7 +24,7 @@ void Require(bool holds)
         std::abort();
 }
 
-// Lets the process have as many MiB in use as the benchmark's argument says.
+// Makes the process use as many MiB of memory as the benchmark's argument.
 void Use(const benchmark::State& state)
 {
     static std::size_t used = 0;

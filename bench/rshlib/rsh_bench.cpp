@@ -1,5 +1,5 @@
-// What a remote command writes, and what it is sent at the same time, against a relay of plain blocks of 64
-// KiB over the same pipes and a socket.
+// The output of a remote command, and its simultaneous input, against a relay of plain blocks of 64 KiB over
+// the same pipes and a socket.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -27,7 +27,7 @@ void Require(bool holds)
         std::abort();
 }
 
-// A program with pipes, which ends with the benchmark's work.
+// A program with pipes, which exits at the end of the benchmark.
 class Started
 {
 public:
@@ -105,7 +105,7 @@ struct Pipe
     btkInputPipe input;
 };
 
-// Copies in a thread of its own, and closes where it copies to.
+// Copies in a separate thread, and closes the destination.
 class Copier
 {
 public:

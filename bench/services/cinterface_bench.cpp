@@ -1,5 +1,5 @@
-// The C interface beside a library that is written in C, and the framework's exceptions beside the language's
-// own.
+// The C interface against a library written in C, and the framework's exceptions against those of the
+// language.
 
 #include <stdexcept>
 #include <string>

@@ -1,4 +1,4 @@
-// Sequences and dictionaries beside the containers that a program would use instead.
+// Sequences and dictionaries against the containers that a program would use instead.
 
 #include <algorithm>
 #include <array>
@@ -29,8 +29,8 @@ constexpr int million = 1000000;
 
 // ---- sequences
 
-/// Whether large blocks that are freed stay with the program, or the system gives new memory each time. Left
-/// to itself, the C library does either, depending on what else lies on the heap.
+/// Whether freed large blocks stay in the process, or the system provides new memory each time. By default,
+/// the C library does either, depending on the other contents of the heap.
 enum class Freed { kept, goes };
 
 void treatFreed(Freed freed)
@@ -114,7 +114,7 @@ void addSequences()
     benchmark::RegisterBenchmark("collections/read 10^6 ints/qelstd", readQelstd);
 }
 
-// ---- dictionaries: each class below maps keys of its own kind of text to ints
+// ---- dictionaries: each class below maps keys of its text type to ints
 
 struct Qelstd
 {
@@ -268,7 +268,7 @@ Texts makeNumbers(std::size_t n)
     return names;
 }
 
-/// The keys in the order in which they are set, and copies in another order for the rest.
+/// The keys in the order in which they are set, and copies in another order for the other operations.
 template<class D>
 struct Keys
 {
@@ -307,7 +307,7 @@ void find(benchmark::State& state, const Keys<D>& keys)
     }
 }
 
-// Several small dictionaries at a time, so that stopping the clock weighs little.
+// Several small dictionaries at a time, so that the cost of stopping the clock is small.
 template<class D>
 std::size_t batchFor(const Keys<D>& keys)
 {
@@ -352,7 +352,7 @@ void remove(benchmark::State& state, const Keys<D>& keys)
     }
 }
 
-/// Keys leave and others come at the same number of entries.
+/// Keys are removed and others added, with a constant number of entries.
 template<class D>
 void replace(benchmark::State& state, const Keys<D>& keys)
 {
@@ -384,7 +384,7 @@ void addOne(const std::string& family, const Texts& (*texts)(), bool large)
             });
         return large ? added->Repetitions(3) : added;
     };
-    // Building a large table takes its time, and once is enough.
+    // Building a large table takes long, and once is enough.
     const auto addWhole = [&](const char* operation, auto run) {
         benchmark::internal::Benchmark* const added = add(operation, run)->Unit(benchmark::kMillisecond);
         if (large)

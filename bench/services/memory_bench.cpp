@@ -1,5 +1,5 @@
-// The heap that collections take, beside the containers that a program would use instead. What is compared is
-// the counter `bytes`: all blocks that the C library gave out, with what it needs for each.
+// The heap memory of collections, against the containers that a program would use instead. The counter
+// `bytes` is compared: all blocks that the C library allocated, with its overhead for each.
 
 #include <array>
 #include <cstddef>
@@ -33,8 +33,7 @@ std::size_t heapInUse()
 template<class Make>
 void measure(benchmark::State& state, Make make, bool isSmall)
 {
-    // The C library counts a few freed blocks of each size as used, which weighs little beside many
-    // containers.
+    // The C library counts a few freed blocks of each size as used, which is negligible with many containers.
     const std::size_t copies = isSmall ? 1000 : 1;
     std::size_t bytes = 0;
     for (auto _ : state) {

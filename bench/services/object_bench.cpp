@@ -1,4 +1,4 @@
-// Handles and variants in a process with one thread, beside what a program would use instead.
+// Handles and variants in a process with one thread, against the types that a program would use instead.
 
 #include <memory>
 #include <string>

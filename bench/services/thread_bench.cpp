@@ -1,5 +1,5 @@
-// Handles in a process with threads, beside what a program would use instead. A program of its own, because a
-// process that has made a thread counts as threaded from then on.
+// Handles in a process with threads, against the types that a program would use instead. A separate program,
+// because a process that has created a thread counts as threaded from then on.
 
 #include <atomic>
 #include <memory>
@@ -25,7 +25,7 @@ struct Plain
     virtual ~Plain() = default;
 };
 
-/// A second thread that sleeps, so that the process counts as threaded for as long as this lives.
+/// A second thread that sleeps, so that the process counts as threaded during the object's lifetime.
 class SecondThread
 {
 public:

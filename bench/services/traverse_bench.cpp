@@ -1,6 +1,6 @@
 // Walking and printing 100 000 attributes and elements: a group of 10 000 persons with five attributes each,
-// and 40 000 numbers. Beside the walk, a program that reads the same from QObjects through their
-// meta-objects; beside the printing, one written by hand that puts the same text out.
+// and 40 000 numbers. The walk is compared with a program that reads the same from QObjects through their
+// meta-objects; the printing with hand-written code that prints the same text.
 
 #include <cstdlib>
 #include <filesystem>
@@ -102,7 +102,7 @@ const xany& ours()
     return group;
 }
 
-/// Adds up what it sees, so that nothing is left out.
+/// Adds up the values, so that none is optimized away.
 class Adder final : public qelTraverser
 {
 public:
@@ -364,7 +364,7 @@ const std::string& wanted()
 template<class Print>
 void toString(benchmark::State& state, Print print)
 {
-    std::ostringstream os; // one for all, or the growth of its string would be what is measured
+    std::ostringstream os; // one for all, or the growth of its string would dominate
     for (auto _ : state) {
         os.seekp(0);
         print(os);

@@ -8,7 +8,7 @@
 #include <qel/base/thrthreading.h>
 #include <qel/xstring.h>
 
-// Each operation once for all kinds of string: where they differ in how they spell it, `Ops` says how.
+// Each operation once for all string types: `Ops` adapts those that spell it differently.
 
 namespace {
 

@@ -1,6 +1,7 @@
 // backup TREE RECORD PATTERN [LEFT-OUT...]: copies a directory tree into a temporary directory, one top entry
-// after the other (without those that are like LEFT-OUT), says how far it is, verifies the copy, lists what
-// in it is like PATTERN, keeps what happened in the configuration file RECORD, and removes the copy again.
+// after the other (except those that match LEFT-OUT), reports its progress, verifies the copy, lists the
+// nodes in it that match PATTERN, records the run in the configuration file RECORD, and removes the copy
+// again.
 
 #include <algorithm>
 #include <cstdlib>
@@ -44,7 +45,7 @@ double modified(fsNodeInfo& node)
     return Time(node.getModTime())->getAbsTime();
 }
 
-// An empty directory with a new name, removed with everything in it at the end.
+// An empty directory with a new name, removed with its contents at the end.
 class TemporaryDirectory
 {
 public:
@@ -82,7 +83,7 @@ class Verification
 public:
     void Compare(const std::string& original, const std::string& copy)
     {
-        // What is said of a link is true of what it leads to: links are compared as texts.
+        // Queries of a link describe its target: links are compared as texts.
         if (const std::filesystem::path link = hostPath(original); std::filesystem::is_symlink(link)) {
             require(std::filesystem::read_symlink(link) == std::filesystem::read_symlink(hostPath(copy)),
                     copy);
@@ -151,7 +152,7 @@ void show(const std::string& copy, const std::string& pattern)
     }
 }
 
-// Adds this run to the file; other runs at the same time wait for their turn.
+// Adds this run to the file; concurrent runs wait for the file's lock.
 bool keepRecord(const char* file, const std::string& tree, const std::string& result)
 {
     hmxConfigFile record;
@@ -167,7 +168,7 @@ bool keepRecord(const char* file, const std::string& tree, const std::string& re
     return true;
 }
 
-// What the library says of a failure, which is released.
+// The library's text of a failure, which is released.
 std::string textOf(xthrowable* thrown)
 {
     std::ostringstream text;

@@ -1,5 +1,4 @@
-// What travels between a versioned server and its clients, byte by byte, and an urgent integer beside a
-// stream.
+// The bytes exchanged by a versioned server and its clients, and an urgent integer that overtakes a stream.
 
 #include <cstdio>
 #include <memory>
@@ -20,7 +19,7 @@ void print(const char* direction, const std::string& bytes)
     std::printf("\n");
 }
 
-/// Sends `bytes` on a connection of its own, and prints what comes until the server closes it.
+/// Sends `bytes` on a new connection, and prints the bytes received until the server closes it.
 void exchange(const char* what, int port, const std::string& bytes)
 {
     std::printf("%s\n", what);

@@ -7,7 +7,7 @@
 
 namespace {
 
-std::string whole; // what was printed piece by piece
+std::string whole; // all that was printed piece by piece
 
 void print(const std::string& bytes, const char* meaning)
 {

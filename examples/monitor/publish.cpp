@@ -1,5 +1,5 @@
 // publish FILE [SECONDS]: samples the load, the memory, the processes and the network of this machine into
-// the monitor file FILE, four times a second, for SECONDS or until it is stopped. Watch it with `watch FILE`.
+// the monitor file FILE, four times a second, for SECONDS or until it is stopped. `watch FILE` shows it.
 
 #include <chrono>
 #include <cstdlib>
@@ -19,7 +19,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Parameters are found by name, and added when they are new: a network interface may come later.
+// Parameters are found by name, and added when they are new: a network interface may appear later.
 void publishReal(monFile& file, const std::string& name, double value)
 {
     if (monRealParam* const param = file.Real(name.c_str()))

@@ -1,6 +1,6 @@
-// watch FILE [SECONDS]: shows the values in a monitor file, and those that are added while it runs, for
-// SECONDS or until it is stopped: as a table that changes in place on a terminal, else as plain lines, once a
-// second.
+// watch FILE [SECONDS]: shows the values in a monitor file, including those added while it runs, once a
+// second for SECONDS or until it is stopped: on a terminal as a table updated in place, otherwise as plain
+// lines.
 
 #include <chrono>
 #include <cstdlib>
@@ -25,7 +25,7 @@ using Clock = std::chrono::steady_clock;
 
 using Monitor = std::unique_ptr<monFile, qelDelete>;
 
-// The value of a parameter of any kind: each has the attribute.
+// The value of a parameter of any type: each has the attribute.
 std::string valueOf(monParam& param)
 {
     const xany value = xrttistruct::cast(param.getRtti())->findAttr("Value", 1)->getValue(&param);
@@ -49,7 +49,7 @@ std::string valueOf(monParam& param)
     return text.str();
 }
 
-// The file's parameters, the new ones too, in the order of their names.
+// The file's parameters, including new ones, in the order of their names.
 std::string tableOf(monFile& file)
 {
     std::map<std::string, monParam*> sorted;
@@ -66,7 +66,7 @@ std::string tableOf(monFile& file)
     return table.str();
 }
 
-// Who publishes may begin the file anew at any time: then it is opened again.
+// The publisher may replace the file at any time: then it is reopened.
 std::string nextTable(Monitor& file, const char* path)
 {
     try {
@@ -95,7 +95,7 @@ int main(int argc, char** argv)
     const double seconds = argc == 3 ? std::atof(argv[2]) : std::numeric_limits<double>::infinity();
     const bool isLive = btkIsTerminal(1);
     const auto pause = std::chrono::milliseconds(isLive ? 250 : 1000);
-    const char* const separator = isLive ? "\x1b[H\x1b[J" : "\n"; // the empty screen
+    const char* const separator = isLive ? "\x1b[H\x1b[J" : "\n"; // clears the screen
 
     Monitor file;
     const auto start = Clock::now();

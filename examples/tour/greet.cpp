@@ -1,4 +1,4 @@
-// A server and its client in one program: the server greets whoever connects, until it is asked to stop.
+// A server and its client in one program: the server greets each client until it is shut down.
 
 #include <iostream>
 #include <memory>

@@ -1,4 +1,4 @@
-// The object model: values that may be missing, strings, collections, handles, and code that knows no types.
+// The object model: missing values, strings, collections, handles, and generic code.
 
 #include <iostream>
 
@@ -92,7 +92,7 @@ int main()
     // end
 
     const xrchandle<xintsequence> numbers(xintsequence::create());
-    numbers->set(2, 5); // extends it; what is new is zero
+    numbers->set(2, 5); // extends it; new elements are zero
     whatItIs(numbers.get());
     whatItIs(ada.get());
     failures(*numbers.get());

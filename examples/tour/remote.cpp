@@ -1,4 +1,4 @@
-// The remote shell: a command runs at the other end of a connection, with its input and outputs here.
+// The remote shell: a command runs at the other end of a connection; its input and outputs are used here.
 
 #include <iostream>
 #include <memory>

@@ -7,9 +7,9 @@
 #include <qel/xdictionary.h>
 #include <qel/xsequence.h>
 
-// The words of a text, as classes of a program that the library knows.
+// The words of a text, as classes that a program registers with the library.
 
-/// One word and how often it was met.
+/// A word and its count.
 class Word : public virtual xobject
 {
     QEL_OBJECT(Word);
@@ -20,7 +20,7 @@ public:
     Word(const xstring& text, int count) : Text(text), Count(count) {}
 };
 
-/// What is known of the words of a text.
+/// Statistics of the words of a text.
 class Statistics : public virtual xobject
 {
     QEL_OBJECT(Statistics);

@@ -1,8 +1,8 @@
 // Counts the words of files: wordcount [-p] FILE...
 //
 // The words go into a dictionary of the library, the most frequent ones into a sequence, and all of it into a
-// class of the program's own, which -p prints through the traversal engine. Without -p the lines are those of
-// wordcount_c, which does the same through the C interface.
+// class of the program, which -p prints through the traversal engine. Without -p it prints the same lines as
+// wordcount_c, which uses the C interface.
 
 #include <cerrno>
 #include <cstring>

@@ -1,8 +1,8 @@
 /* Counts the words of files through the C interface: wordcount_c FILE...
  *
  * A word is a run of ASCII letters, apostrophes and bytes of other characters, in small letters and without
- * the apostrophes around it. Printed are the numbers of words and of distinct words, and the 20 most frequent
- * ones. */
+ * the apostrophes around it. The program prints the numbers of words and of distinct words, and the 20 most
+ * frequent ones. */
 
 #include <errno.h>
 #include <stdio.h>
@@ -35,7 +35,7 @@ typedef struct Run
     size_t capacity;
 } Run;
 
-/* A failed call leaves an exception behind: this program can do nothing about any. */
+/* A failed call leaves an exception behind: this program cannot recover from any. */
 static void checkCall(void)
 {
     if (xisexc_c()) {
@@ -80,7 +80,7 @@ static void endRun(Counter* counter, Run* run)
     run->length = 0;
 }
 
-/* Returns 0, or the number of the error that kept it from reading the file to its end. */
+/* Returns 0, or the number of the error that prevented reading the file to its end. */
 static int countFile(Counter* counter, const char* path)
 {
     Run run = {NULL, 0, 0};
@@ -112,8 +112,8 @@ static int comesBefore(const Entry* a, const Entry* b)
     return strcmp(xstrgetmb_c(a->word), xstrgetmb_c(b->word)) < 0;
 }
 
-/* Puts `entry` at its place among the `n` in order in `top`, which has room for one more; returns the new
- * number. */
+/* Inserts `entry` into the `n` sorted entries in `top`, which has room for one more; returns the new number.
+ */
 static int insert(Entry* top, int n, Entry entry)
 {
     int at = n;
@@ -134,7 +134,7 @@ static void printTop(const Counter* counter)
     for (int slot = 0; seen < counter->distinct; ++slot) {
         Entry entry;
         if (!xintdictionary_getkeybyindex(counter->counts, slot, &entry.word))
-            continue; /* an empty slot: the null string, which holds nothing */
+            continue; /* an empty slot: the null string, which owns nothing */
         xintdictionary_getbyindex(counter->counts, slot, &entry.count);
         n = insert(top, n, entry);
         ++seen;

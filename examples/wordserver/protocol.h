@@ -4,14 +4,14 @@
 
 #include <qel/qelexception.h>
 
-// What a client of the word server sends, in the XDR form of its stream: the text in blocks, each as its size
-// and its bytes, and after the last one the size 0. The server answers how many words and distinct words
-// there are, how many of them follow, and for each of those its count and the word.
+// The protocol of the word server, in the XDR form of the stream. The client sends the text in blocks, each
+// as its size and its bytes, and after the last one the size 0. The server sends the number of words, of
+// distinct words and of the words that follow, and for each of those its count and the word.
 
-/// Bytes of a block, at most.
+/// Maximum number of bytes of a block.
 constexpr int wordsBlock = 4096;
 
-/// What a caught exception says. Frees it.
+/// The text of a caught exception, which is freed.
 inline std::string reasonOf(xthrowable* failure)
 {
     const std::string text = qelTextOf(failure).CastToCString();

@@ -1,6 +1,6 @@
 // Lets a server count the words of a file: wordclient NAME FILE
-//
-// NAME is the server's, as the name server of this machine knows it. The lines are those of wordcount.
+// NAME is the server's name, registered with the name server of this machine. The lines are those of
+// wordcount.
 
 #include <cerrno>
 #include <cstdio>

@@ -1,8 +1,7 @@
-// Counts the words of what its clients send: wordserver NAME
-//
-// The server registers itself as NAME with the name server of this machine and serves until a client asks it
-// to stop, or SIGTERM or an interrupt does. A thread of its own serves each client, with limits, so that
-// nobody waits for one who is silent, slow or does not read.
+// Counts the words of texts that its clients send: wordserver NAME
+// The server registers itself as NAME with the name server of this machine and serves until a client, SIGTERM
+// or an interrupt stops it. A separate thread serves each client, with limits, so that no client waits for
+// one that is silent, slow or does not read.
 
 #include <algorithm>
 #include <atomic>
@@ -22,12 +21,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// How many seconds a client may send nothing, or take nothing.
+/// Seconds for which a client may send nothing, or take nothing.
 constexpr double silenceLimit = 2;
-/// How long it may take for its whole text, and how many bytes that may have.
+/// Time limit and maximum size in bytes of a client's whole text.
 constexpr std::chrono::seconds textLimit(10);
 constexpr int mostText = 4 << 20;
-/// How many clients are served at once; one more is closed.
+/// Maximum number of clients served at once; one more is closed.
 constexpr int mostClients = 256;
 
 std::atomic<netServer*> running;
@@ -37,7 +36,7 @@ void stopRunning(int)
     running.load()->Stop();
 }
 
-/// Reads `size` bytes as they come.
+/// Reads `size` bytes as they arrive.
 void readBlock(netSocketStream& stream, int size, std::ostream& to, Clock::time_point end)
 {
     char block[wordsBlock];
@@ -51,7 +50,7 @@ void readBlock(netSocketStream& stream, int size, std::ostream& to, Clock::time_
     }
 }
 
-/// Reads a text, and answers its counts.
+/// Reads a text, and sends its counts.
 void serve(netSocketStream& stream)
 {
     const Clock::time_point end = Clock::now() + textLimit;
@@ -78,13 +77,13 @@ void serve(netSocketStream& stream)
     }
 }
 
-/// In the loop's thread, which must not wait for anybody.
+/// Runs in the loop's thread, which must not wait for any client.
 class Requests : public netBaseServer_OnRequest_cb
 {
     netServerLoopAction Invoke(netBaseServer*, netSocketStream*) override { return netSpawnAsyncServer; }
 };
 
-/// In the request's thread. The server reports what fails, with the client's address, and goes on.
+/// Runs in the request's thread. The server reports failures with the client's address and continues.
 class AsyncRequests : public netBaseServer_OnAsyncRequest_cb
 {
     netServerLoopAction Invoke(netBaseServer*, netSocketStream* accepted, evtEvent*) override
@@ -116,13 +115,13 @@ int main(int argc, char** argv)
         server->setOnRequest(&requests);
         server->setOnAsyncRequest(&asyncRequests);
         server->setAsyncLimit(mostClients);
-        server->setGracePeriod(0.5); // of requests whose client keeps them when the server is to stop
+        server->setGracePeriod(0.5); // for requests still running when the server stops
         running = server.get();
         for (const int signal : {SIGTERM, SIGINT})
             std::signal(signal, &stopRunning);
         std::cout << "serving as " << argv[1] << " on port " << server->getPortN() << std::endl;
         server->Run();
-        for (const int signal : {SIGTERM, SIGINT}) // the server ends now
+        for (const int signal : {SIGTERM, SIGINT}) // the server is destroyed next
             std::signal(signal, SIG_IGN);
         return 0;
     } catch (xthrowable* failure) {

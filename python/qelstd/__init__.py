@@ -6,9 +6,9 @@
     >>> sorted(ages.items())
     [('Ada', 36), ('Nobody', None)]
 
-Sequences are mutable sequences as lists are, dictionaries mutable mappings as dicts are; both hold elements of one type,
-and live in the library, where C and C++ code of the same process may share them. A null element is None, an uninit one
-UNINIT. What fails in the library is raised as an Error, which is also the built-in exception that Python code expects
+Sequences are mutable sequences like lists, dictionaries mutable mappings like dicts; both hold elements of one type, and
+are objects of the library, so that C and C++ code of the same process may share them. A null element is None, an uninit
+one UNINIT. A failure in the library is raised as an Error, which is also the built-in exception that Python code expects
 (IndexError, ValueError, ...).
 """
 from .collections import (BoolDictionary, BoolSequence, Dictionary, IntDictionary, IntSequence, RealDictionary,

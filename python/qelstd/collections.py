@@ -9,7 +9,7 @@ from .errors import InvalidDictIndex, InvalidSeqIndex
 from .library import call
 from .objects import UNINIT, Object
 
-# ---- elements: each type has its C types, and the way of a value into the library and out of it
+# ---- elements: each type has its C types, and the conversions of a value to and from the library
 
 _NULL_INT, _UNINIT_INT, _LAST_INT = -2**31, -2**31 + 1, 2**31 - 1
 _NULL_BOOL, _UNINIT_BOOL = 128, 129
@@ -79,7 +79,7 @@ class _String:
 
 
 class _Collection(Object):
-    """What sequences and dictionaries share: the functions of the family that their elements belong to."""
+    """The base of sequences and dictionaries: the functions of their element's family."""
     _functions = _element = None
 
     def __init_subclass__(cls, element=None, **arguments):
@@ -109,15 +109,15 @@ class Sequence(_Collection, collections.abc.MutableSequence):
         self.extend(elements)
 
     def _make_room(self, more):
-        """Answers the number of elements, to which as many can be added."""
+        """Returns the number of elements after checking that `more` can be added."""
         size = len(self)
-        # What does not fit is an exception of C++ and would end the process.
+        # A larger sequence would throw a C++ exception, which ends the process.
         if (size + more) * ctypes.sizeof(self._element.out_of) >= 2**31:
             raise OverflowError(f"a {type(self).__name__} has less than 2 GiB")
         return size
 
     def _place(self, index):
-        """The index as one from the front, of an element that there is."""
+        """The index of an existing element, counted from the front."""
         size = len(self)
         place = operator.index(index)
         if place < 0:
@@ -132,7 +132,7 @@ class Sequence(_Collection, collections.abc.MutableSequence):
     def __getitem__(self, index):
         if isinstance(index, slice):
             return self._slice(*index.indices(len(self)))
-        # The library itself refuses what lies past the end.
+        # The library itself refuses an index past the end.
         place = index if type(index) is int and 0 <= index <= _LAST_INT else self._place(index)
         return self._element.from_c(self._call("get", place))
 
@@ -242,7 +242,7 @@ class Dictionary(_Collection, collections.abc.MutableMapping):
 
     @staticmethod
     def _key(key):
-        """The key for a look-up, or None when it can be no key of the library."""
+        """The key for a look-up, or None when the library cannot have such a key."""
         return library.text(key) if isinstance(key, str) and "\0" not in key else None
 
     def __getitem__(self, key):
@@ -267,7 +267,7 @@ class Dictionary(_Collection, collections.abc.MutableMapping):
         self._call("remove", self._key(key))
 
     def _walk(self):
-        """The keys by slot. A slot without one is empty or past the table: assigning to it tells which."""
+        """The keys by slot. A slot without one is empty or past the table: an assignment to it distinguishes them."""
         nothing = self._element.to_c(None)
         for slot in itertools.count():
             key = library.CString()
@@ -312,32 +312,32 @@ class Dictionary(_Collection, collections.abc.MutableMapping):
 # ---- the classes
 
 class BoolSequence(Sequence, element=_Bool):
-    """Of True, False, None and UNINIT."""
+    """A sequence of True, False, None and UNINIT."""
 
 
 class IntSequence(Sequence, element=_Int):
-    """Of numbers of 32 bits but the two lowest, None and UNINIT."""
+    """A sequence of 32-bit numbers except the two lowest, None and UNINIT."""
 
 
 class RealSequence(Sequence, element=_Real):
-    """Of numbers, None and UNINIT."""
+    """A sequence of numbers, None and UNINIT."""
 
 
 class StringSequence(Sequence, element=_String):
-    """Of texts and None."""
+    """A sequence of texts and None."""
 
 
 class BoolDictionary(Dictionary, element=_Bool):
-    """To True, False, None and UNINIT."""
+    """A dictionary with the values True, False, None and UNINIT."""
 
 
 class IntDictionary(Dictionary, element=_Int):
-    """To numbers of 32 bits but the two lowest, None and UNINIT."""
+    """A dictionary with 32-bit numbers except the two lowest, None and UNINIT as values."""
 
 
 class RealDictionary(Dictionary, element=_Real):
-    """To numbers, None and UNINIT."""
+    """A dictionary with numbers, None and UNINIT as values."""
 
 
 class StringDictionary(Dictionary, element=_String):
-    """To texts and None."""
+    """A dictionary with texts and None as values."""

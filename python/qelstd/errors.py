@@ -2,7 +2,7 @@
 
 
 class Error(Exception):
-    """A failure that the library reports. `type_name` is the registered name of its class there."""
+    """A failure reported by the library. `type_name` is the registered name of its class."""
 
     def __init__(self, text=None, type_name=None):
         super().__init__(text, type_name)
@@ -73,5 +73,5 @@ _BY_TYPE_NAME = {
 
 
 def make(type_name, text):
-    """The exception for one of the library's; an Error for a class that has no counterpart here."""
+    """The exception for one of the library's; an Error for a class without a Python counterpart."""
     return _BY_TYPE_NAME.get(type_name, Error)(text, type_name)

@@ -1,4 +1,4 @@
-"""The shared library, the C functions that this package calls, and the way it calls them."""
+"""The shared library, the C functions that this package uses, and the code that calls them."""
 import ctypes
 import os
 import pathlib
@@ -10,12 +10,12 @@ SONAME = "libqelstd.so.0"
 
 
 class CString(ctypes.Structure):
-    """`__xstring_c`: who holds one owns a reference to its text."""
+    """`__xstring_c`: its holder owns a reference to the text."""
     _fields_ = [("buffer", ctypes.c_void_p), ("mb", ctypes.c_void_p), ("wide", ctypes.c_void_p)]
 
 
 def _path():
-    """QELSTD_LIBRARY; or the library of the prefix in which this package is installed; or what the system finds."""
+    """QELSTD_LIBRARY; or the library of the prefix in which this package is installed; or the one that the system finds."""
     named = os.environ.get("QELSTD_LIBRARY")
     if named:
         return named
@@ -27,7 +27,7 @@ def _path():
     return SONAME
 
 
-# PyDLL keeps the interpreter's lock: the calls are short, and their arguments are often shared with other threads.
+# PyDLL holds the GIL: the calls are short, and their arguments are often shared with other threads.
 _library = ctypes.PyDLL(_path())
 
 _object = ctypes.c_void_p
@@ -56,20 +56,20 @@ _text_of = function("xstrgetmb_c", ctypes.c_void_p, CString)
 _unlock = function("xstrunlock_c", None, CString)
 
 class _Thread(threading.local):
-    """Gives each thread a current exception of its own, in place of the process's, when it first looks here."""
+    """Gives each thread its own current exception, instead of the process's, at the thread's first access."""
 
     def __init__(self):
         _use_own_exception(1)
 
     def prepare(self):
-        """Looks here."""
+        """Makes that access."""
 
 
 _thread = _Thread()
 
 
 def call(called, *arguments):
-    """What the function returns. Raises the exception that it left current."""
+    """Returns the function's result. Raises the exception that it left current."""
     _thread.prepare()
     result = called(*arguments)
     if not _is_exception():
@@ -78,17 +78,17 @@ def call(called, *arguments):
 
 
 def _error(exception):
-    """The Python exception for one of the library's, whose reference is given back."""
+    """The Python exception for one of the library's, whose reference is released."""
     try:
         return errors.make(take_text(_type_name(exception)), take_text(_exception_text(exception)))
     finally:
         delete(exception)
 
 
-# ---- texts: UTF-8 in the library; what is not valid there goes through Python and back unchanged
+# ---- texts: UTF-8 in the library; invalid bytes survive the conversion to Python and back
 
 def take_text(string):
-    """The text of a CString, None for null. The reference is given back."""
+    """The text of a CString, None for null. The reference is released."""
     _thread.prepare()
     address = _text_of(string)
     if address == 2:  # the uninit marker: the text has no UTF-8 form

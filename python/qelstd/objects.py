@@ -1,4 +1,4 @@
-"""Objects of the library, and the value that says "never set"."""
+"""Objects of the library, and the value for "never set"."""
 import ctypes
 import sys
 
@@ -6,7 +6,7 @@ from . import library
 
 
 class Uninit:
-    """The type of UNINIT: a value that was never set, as None is a value that there is not. False in a condition."""
+    """The type of UNINIT, a value that was never set; None is a missing value. False in a condition."""
     _one = None
 
     def __new__(cls):
@@ -31,11 +31,11 @@ _flush = ctypes.PyDLL(None).fflush
 
 
 class Object:
-    """A reference to an object of the library, given back when this goes.
+    """Owns a reference to an object of the library.
 
-    Objects made by other code of the process come in with `adopt` and `share`, and go out as `pointer`."""
+    `adopt` and `share` wrap objects made by other code of the process; `pointer` passes an object to such code."""
     _pointer = None
-    _descriptor = None  # of the objects that a class is for; null: of any
+    _descriptor = None  # of the objects that a class wraps; null: of any
     _known = []  # the classes that have one
 
     def __init__(self):
@@ -66,7 +66,7 @@ class Object:
         """Takes over a reference that the caller owns: an object of the Python class for the object's type, or of
         Object. None for null, UNINIT for the uninit pointer.
 
-        Raises TypeError, with the reference still the caller's, when that is no `cls`."""
+        Raises TypeError when that is no `cls`; the caller then keeps the reference."""
         if pointer is None or pointer == 0:
             return None
         if pointer == _UNINIT_POINTER:
@@ -77,7 +77,7 @@ class Object:
 
     @classmethod
     def share(cls, pointer):
-        """The same with a reference of its own, for objects of countable classes; the caller's stays the caller's."""
+        """The same with an additional reference, for objects of countable classes; the caller keeps its own."""
         if pointer not in (None, 0, _UNINIT_POINTER) and not library.is_countable(pointer):
             raise TypeError(f"objects of type {library.type_name(pointer)} are not counted")
         library.attach(pointer)
@@ -89,7 +89,7 @@ class Object:
 
     @property
     def pointer(self):
-        """The address, valid while this lives: its reference is not the caller's."""
+        """The address, valid during this object's lifetime; the caller gets no reference."""
         return self._pointer
 
     @property
@@ -98,7 +98,7 @@ class Object:
         return library.type_name(self._pointer)
 
     def print(self):
-        """Writes the object and all that it holds to the standard output of the process."""
+        """Writes the object and its contents to the standard output of the process."""
         sys.stdout.flush()
         library.print_object(self._pointer)
         _flush(None)

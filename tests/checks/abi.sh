@@ -1,7 +1,7 @@
 #!/bin/bash
-# abi.sh BUILD: what the libraries in BUILD, an optimized build with debug information, change for the programs that were
-# linked with those of the last tag. Fails when such a program would no longer run as it did, unless the major version
-# has changed, which is how that is announced.
+# abi.sh BUILD: compares the libraries in BUILD, an optimized build with debug information, with those of the last tag. Fails
+# when they are incompatible with programs linked with those of the tag, unless the major version has changed, which
+# announces that.
 set -euo pipefail
 build=$1
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
@@ -41,9 +41,9 @@ for library in qelstd baselib ctools; do
     fi
     say "lib$library.so since $tag"
     result=0
-    # Additions are no change to those who do not know them.
+    # Additions do not affect existing programs.
     abidiff --no-added-syms --headers-dir1 "$folder/prefix/include" --headers-dir2 build/abi/now/include "$old" "$new" || result=$?
-    # The bits: 1 and 2 an error; 4 a change, of the layout of a class for instance; 8 a symbol that is gone.
+    # The bits: 1 and 2 an error; 4 a change, of the layout of a class for instance; 8 a removed symbol.
     ((result & 3)) && exit 1
     ((result & 12)) && broken=1
 done

@@ -1,5 +1,5 @@
 #!/bin/bash
-# abi_test.sh: abi.sh says yes to libraries with an addition and no to those with a change, by a project of three small
+# abi_test.sh: abi.sh accepts libraries with an addition and rejects those with a change, tested with a project of three small
 # libraries with a tag.
 set -euo pipefail
 here=$(realpath "$(dirname "${BASH_SOURCE[0]}")")
@@ -32,7 +32,7 @@ git init -q
 git add .
 git commit -qm first
 
-answer() # EXPECTED-CODE TEXT: builds what is there and asks
+answer() # EXPECTED-CODE TEXT: builds the project and runs abi.sh
 {
     local code=0
     cmake -S . -B build/now-built -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS=-g >log

@@ -1,9 +1,9 @@
-"""coverage.py BUILD: what the tests that have run in a coverage build reach, in pages, as a summary, and against the goals.
+"""coverage.py BUILD: the coverage by the tests that have run in a coverage build, as pages, as a summary, and against the goals.
 
-gcovr counts; two things are mended between what it reads and what it reports. Public headers are found through links in
-the build tree: a header counts once, under its own name. And a branch that only an exception takes is known as such only
-where the function has run: it is left out after the counts of all instances of a function have been put together, not
-before, as each instance that never ran would bring it back."""
+gcovr counts; two corrections are made between its input and its report. Public headers are found through links in the
+build tree: a header counts once, under its own name. A branch that only an exception takes is marked as such only where
+the function has run: it is left out after the counts of all instances of a function have been merged, not before, as each
+instance that never ran would add it again."""
 import json
 import os
 import pathlib
@@ -32,7 +32,7 @@ def gcovr(*arguments):
 
 
 def added(one, other):
-    """The counts of two lists of lines, of the same file, together."""
+    """The merged counts of two lists of lines of the same file."""
     lines = {line["line_number"]: line for line in one}
     for line in other:
         known = lines.setdefault(line["line_number"], line)
@@ -51,8 +51,8 @@ def added(one, other):
 
 
 def mended(path):
-    """Gives files their own names, and counts the branches that only exceptions take apart, as "throws"; the file at `path`
-    is written anew, without those."""
+    """Resolves links in file names, and counts the branches that only exceptions take separately, as "throws"; rewrites the
+    file at `path` without those."""
     report = json.loads(path.read_text())
     files = {}
     for file in report["files"]:

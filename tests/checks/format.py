@@ -1,4 +1,4 @@
-"""format.py ROOT CLANG-FORMAT: every source is formatted as .clang-format says."""
+"""format.py ROOT CLANG-FORMAT: every source is formatted according to .clang-format."""
 import subprocess
 import sys
 import tree

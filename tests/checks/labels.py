@@ -1,5 +1,4 @@
-"""labels.py ROOT CTEST BUILD: a test that starts threads carries the label `threads`, so that the thread sanitizer's
-run has it."""
+"""labels.py ROOT CTEST BUILD: a test that starts threads has the label `threads`, so that the thread sanitizer runs it."""
 import json
 import re
 import subprocess

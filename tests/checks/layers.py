@@ -1,5 +1,5 @@
-"""layers.py ROOT: host headers and host conditions stay in the base layer and the platform calls, and the lower layers
-include nothing of the upper ones."""
+"""layers.py ROOT: headers of the operating system and conditions on it stay in the base layer and the platform calls, and
+the lower layers include nothing of the upper ones."""
 import re
 import tree
 

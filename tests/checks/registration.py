@@ -1,5 +1,5 @@
-"""registration.py ROOT NM LIBRARY: every class with a table and every enumeration with labels, as the library's symbols
-tell, is registered in qel/qelstd/registration."""
+"""registration.py ROOT NM LIBRARY: every class with a table and every enumeration with labels, according to the library's
+symbols, is registered in qel/qelstd/registration."""
 import re
 import subprocess
 import sys

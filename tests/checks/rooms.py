@@ -7,7 +7,7 @@ FOLDERS = ("baselib", "ctools", "platform", "qel", "tools")
 
 # A word of "May use" that is no folder of this project.
 OUTSIDE = re.compile(r"the (C\+\+|C) library|the operating system|CLI11|nlohmann/json|OpenSSL")
-# What every folder may include: the declarations that all layers share.
+# Every folder may include the declarations that all layers share.
 SHARED = "qel/qelbase/inc"
 
 root = tree.root()

@@ -1,6 +1,6 @@
 """samples.py ROOT: the code in the documents is code that is built and run.
 
-In a document a comment before a fenced block says which file of the tree the block shows, or which sample of it:
+In a document a comment before a fenced block names the file of the tree that the block shows, or the sample in it:
 
     <!-- examples/tour/objects.cpp: values -->
     ```cpp
@@ -8,8 +8,8 @@ In a document a comment before a fenced block says which file of the tree the bl
     ```
 
 The file must be a source that its folder's CMakeLists.txt names, or the output that a program there must print. A sample
-stands between the lines `// sample NAME` and `// end`; the block has its lines, moved to the left. Only blocks of the
-languages in FREE show no file. With a second argument, `write`, the blocks are filled with what the files say."""
+is the lines between `// sample NAME` and `// end`; the block contains them without their common indentation. Only blocks of
+the languages in FREE show no file. With a second argument, `write`, the blocks are filled from the files."""
 import re
 import sys
 import textwrap
@@ -23,7 +23,7 @@ faults = []
 
 
 def shown(document, file, sample):
-    """What a block of the sample says."""
+    """The text of a block that shows the sample."""
     path = tree.root() / file
     if not path.is_file():
         faults.append(f"{document}: there is no {file}")
@@ -62,7 +62,7 @@ def check(path, write):
     filled = BLOCK.sub(block, text)
     if filled.count("```") % 2 != 0:
         faults.append(f"{document}: a block has no end")
-    # Code that is merely indented would escape all this.
+    # Code blocks that are merely indented would escape the check.
     for number, line in enumerate(BLOCK.sub(lambda match: "\n" * match.group(0).count("\n"), text).splitlines(), 1):
         if re.match(r"    .*(;|\{|^    #include.*)$", line):
             faults.append(f"{document}:{number}: code that is not in a fenced block: {line.strip()}")

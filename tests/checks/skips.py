@@ -1,13 +1,13 @@
-"""skips.py LOG: no test of a run was skipped for want of something that this machine has. LOG: ctest's LastTest.log."""
+"""skips.py LOG: no test of a run was skipped for lack of something that this machine has. LOG: ctest's LastTest.log."""
 import pathlib
 import re
 import subprocess
 import sys
 
-# Why a test may say that it does not apply, whatever the machine.
+# The reasons for which a test may be skipped on any machine.
 NEVER_APPLIES = re.compile(r"run by (another|other) tests?|sanitizer|comes? from malloc")
 
-# What a reason asks for, and a command that tells whether the machine has it. Without a command: nobody can tell.
+# The prerequisite that a reason names, and a command that tests for it. Without a command it cannot be tested.
 ABILITIES = (
     (re.compile(r"strace"), ["strace", "-o", "/dev/null", "true"]),
     (re.compile(r"mount"), ["unshare", "--mount", "true"]),

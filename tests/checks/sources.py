@@ -2,7 +2,7 @@
 import re
 import tree
 
-# Helpers that take the name of a program and find its source by it.
+# Helpers that take the name of a program and derive its source from it.
 BY_STEM = re.compile(r"qel_add_(test|fuzzer|bench|example)\(")
 
 included = set()

@@ -1,7 +1,7 @@
-"""symbols.py ROOT NM LIBRARY NAME [--write]: the library exports what cmake/abi/NAME.symbols lists, under one version.
+"""symbols.py ROOT NM LIBRARY NAME [--write]: the library exports the symbols that cmake/abi/NAME.symbols lists, under one version.
 
-With --write the list is made anew; read what has changed in it as one reads changes of a header: what is gone, or has
-other arguments, breaks the programs that were linked with it."""
+With --write the list is rewritten; review its changes like those of a header: a symbol that was removed, or has other
+arguments, breaks the programs that were linked with it."""
 import pathlib
 import re
 import subprocess
@@ -12,8 +12,8 @@ root, nm, library, name = sys.argv[1:5]
 listed_in = tree.root() / "cmake" / "abi" / f"{name}.symbols"
 
 # Weak symbols come from headers: instances of templates, inline variables, the tables of classes without a source. Which
-# of those a library exports depends on the compiler, and who uses them makes them too; except these, which only the
-# libraries make.
+# of those a library exports depends on the compiler, and their users define them too; except these, which only the
+# libraries define.
 ONLY_HERE = re.compile(r"\bxt[bsc](sequence|dictionary)<|\bbtkString\w+<|\bbtkUtf\w+<"
                        r"|\bbtkStrBuf::(Alloc|AppendInPlace|Commit|Create|Get|Resize)<")
 

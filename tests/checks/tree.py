@@ -1,4 +1,4 @@
-"""What the checks share: the files of the source tree, and a report that ends the program."""
+"""Shared by the checks: the files of the source tree, and a report that ends the program."""
 import pathlib
 import re
 import sys
@@ -12,7 +12,7 @@ def root():
 
 
 def files(*folders):
-    """The source files below the named folders of the tree, in order; all folders with code when none is named."""
+    """The source files below the named folders of the tree, in order; of all folders with code when none is named."""
     found = []
     for folder in folders or CODE_FOLDERS:
         found += [path for path in (root() / folder).rglob("*") if path.suffix in SUFFIXES]
@@ -22,7 +22,7 @@ def files(*folders):
 
 
 def without_comments(text):
-    """C and C++ text with each comment replaced by as many line ends as it had; literals are kept."""
+    """C and C++ text with each comment replaced by its line ends; literals are kept."""
     pattern = r'//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])*\''
 
     def replace(match):

@@ -13,8 +13,8 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-/// Moves the process into a network of its own, in which this machine has the IPv4 addresses given, so that
-/// two of them see each other as different machines. To be called in a child process. False when the host
+/// Moves the process into a new network namespace, in which this machine has the given IPv4 addresses, so
+/// that two of them see each other as different machines. Call it in a child process. False when the system
 /// does not allow it.
 inline bool enterOwnNetwork(std::initializer_list<const char*> addresses)
 {
@@ -41,7 +41,7 @@ inline bool enterOwnNetwork(std::initializer_list<const char*> addresses)
 }
 
 /// A connection from the address `from` to `port` of `to`; -1 when it fails. The caller closes it. `segment`:
-/// the most bytes of a packet, so that the host keeps little on its way; 0: what it likes.
+/// maximum segment size in bytes, so that the kernel buffers little; 0: its default.
 inline int connectFrom(const char* from, const char* to, int port, int segment = 0)
 {
     const int made = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -6,8 +6,8 @@
 
 #include <sys/wait.h>
 
-/// A process of its own that runs `work`, which answers the exit status; nothing of the parent's clean-up
-/// runs in it. It is killed with the object, unless it has been waited for.
+/// A child process that runs `work`, which returns the exit status; the parent's clean-up does not run in it.
+/// The destructor kills it, unless it has been waited for.
 class ChildProcess
 {
 public:
@@ -29,13 +29,13 @@ public:
 
     pid_t getId() const { return id; }
     void signal(int number) const { kill(id, number); }
-    /// Waits until it has stopped. False when it has ended instead.
+    /// Waits until it has stopped. False when it has exited instead.
     bool waitUntilStopped() const
     {
         int status = 0;
         return waitpid(id, &status, WUNTRACED) == id && WIFSTOPPED(status);
     }
-    /// Waits for its end. Its exit status, or minus the signal that ended it.
+    /// Waits until it has exited. Returns its exit status, or minus the number of the signal that killed it.
     int wait()
     {
         int status = 0;
@@ -53,7 +53,7 @@ private:
     pid_t id;
 };
 
-/// Runs `work` in a process of its own and waits for it; see ChildProcess::wait.
+/// Runs `work` in a child process and waits for it; see ChildProcess::wait.
 template<typename Work>
 int runInChild(Work work)
 {

@@ -5,11 +5,11 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-/// How many descriptors the process has open.
+/// The number of open descriptors of the process.
 inline long openDescriptors()
 {
     const std::filesystem::directory_iterator all("/proc/self/fd");
-    return std::distance(begin(all), end(all)) - 1; // the listing has one itself
+    return std::distance(begin(all), end(all)) - 1; // the listing itself has one
 }
 
 /// The number that the next descriptor gets.
@@ -20,7 +20,7 @@ inline int nextDescriptor()
     return next;
 }
 
-/// Descriptors below `most` only can be opened while it lives; open ones stay open.
+/// During its lifetime only descriptors below `most` can be opened; open ones stay open.
 class DescriptorLimit
 {
 public:

@@ -6,7 +6,7 @@
 
 #include <qel/base/btksystem.h>
 
-/// An environment variable that has another value, or none (null), while the object lives.
+/// Sets an environment variable to another value, or removes it (null), during the object's lifetime.
 class EnvSetting
 {
 public:
@@ -27,7 +27,7 @@ private:
             unsetenv(name.c_str());
         else
             setenv(name.c_str(), value, 1);
-        Putenv("QELSTD_TEST_SETTING", name.c_str()); // the library looks again
+        Putenv("QELSTD_TEST_SETTING", name.c_str()); // the library reads the environment again
     }
 
     std::string name;

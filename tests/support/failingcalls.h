@@ -14,18 +14,18 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-// Calls about files that fail on demand, in this process. Included by the one source of a test program: its
-// functions take the place of the C library's, for the shared libraries too.
+// File calls that fail on demand, in this process. Include it in the only source of a test program: its
+// functions replace the C library's, for the shared libraries too.
 
 namespace failing {
 
-/// What happens at the struck call: this error number, or the end of the process.
+/// In place of an error number: the failing call kills the process.
 constexpr int killed = -1;
 
-/// Whether the file system seems to have no files without names.
+/// Whether the file system appears not to support files without names.
 inline bool unnamedFilesMissing = false;
 
-inline thread_local int callsLeft = -1; // until one fails; negative: none will
+inline thread_local int callsLeft = -1; // until one fails; negative: none fails
 inline thread_local int callError = 0;
 inline thread_local const char* struckCall = nullptr;
 
@@ -40,7 +40,7 @@ inline bool strikes(const char* call)
     return true;
 }
 
-/// While it lives, the call of this thread that comes after `after` others fails with `error`.
+/// During its lifetime, the call of this thread that follows `after` others fails with `error`.
 class FailingCall
 {
 public:
@@ -55,7 +55,7 @@ public:
     ~FailingCall() { Stop(); }
 
     static void Stop() { callsLeft = -1; }
-    /// The name of the call that has failed; null: there were not so many.
+    /// The name of the call that has failed; null: there were fewer calls.
     static const char* Struck() { return struckCall; }
 };
 
@@ -114,7 +114,7 @@ QEL_FAILING_CALL(int, renameat2, (int from, const char* old, int to, const char*
                  old, to, name, flags)
 QEL_FAILING_CALL(int, unlinkat, (int folder, const char* name, int flags), folder, name, flags)
 
-// A close that fails has closed all the same.
+// A close that fails has nevertheless closed the descriptor.
 extern "C" [[gnu::visibility("default")]] int close(int file)
 {
     static auto* const call = failing::original<int(int)>("close");

@@ -4,18 +4,17 @@
 #include <cstdlib>
 #include <new>
 
-// Memory that runs out on demand. Included by the one source of a test program: it replaces the allocation
-// functions of the whole process.
+// Allocations that fail on demand. Include it in the only source of a test program: it replaces the
+// allocation functions of the whole process.
 
 namespace failing {
 
-/// Allocations until one fails; negative: none will. After the first failure `forEver` says whether the rest
-/// fails too.
+/// Allocations until one fails; negative: none fails. `forEver`: whether all later ones fail, too.
 inline long countdown = -1;
 inline bool forEver = false;
 inline bool reached = false; // since the last Failing began
-inline long seen = 0;        // allocations while it lived and was not stopped
-/// Allocations that have not been given back.
+inline long seen = 0;        // allocations since then, except while it was stopped
+/// Allocations that have not been freed.
 inline long live = 0;
 
 inline bool fails()
@@ -33,7 +32,7 @@ inline bool fails()
     return true;
 }
 
-/// Lets the allocation fail that comes after `after` others, until it goes.
+/// Makes the allocation fail that follows `after` others during its lifetime.
 class Failing
 {
 public:
@@ -54,7 +53,7 @@ public:
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 
-// The sanitizers own malloc: here only what operator new gives runs out, and they do the counting.
+// The sanitizers replace malloc: with them only operator new fails, and they do the counting.
 namespace failing {
 constexpr bool ofMalloc = false;
 }

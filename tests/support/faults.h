@@ -8,15 +8,15 @@
 #include <string>
 #include <vector>
 
-/// Whether strace can be used here, which lets system calls of a program fail.
+/// Whether strace, which makes system calls of a program fail, can be used here.
 inline bool canInjectFaults()
 {
     return std::system("strace -qq -o /dev/null true >/dev/null 2>&1") == 0;
 }
 
 /// Runs the test `test` of this program with a fault, as strace writes it ("error=EIO", "signal=KILL"), at
-/// the `when`-th of the system calls `names`. Only those count that are about one of `paths`, if there are
-/// any. True when the test has passed.
+/// the `when`-th of the system calls `names`. Only calls that concern one of `paths` count, if there are any.
+/// True when the test has passed.
 inline bool passesWithFault(const std::string& test, const std::string& names, const std::string& fault,
                             int when, const std::vector<std::string>& paths = {})
 {
@@ -28,7 +28,8 @@ inline bool passesWithFault(const std::string& test, const std::string& names, c
     return std::system((command + " " + self + " --gtest_filter=" + test + " >/dev/null 2>&1").c_str()) == 0;
 }
 
-/// What `strace -c` has written to `path`: how often each system call was made, by its name; "total" is all.
+/// The number of calls of each system call by its name, from the output of `strace -c` in `path`; "total" is
+/// the sum.
 inline std::map<std::string, long> callsIn(const std::string& path)
 {
     std::map<std::string, long> calls;

@@ -9,8 +9,8 @@
 #include <qel/base/btksocket.h>
 
 /// A server on the loopback that sends each client the bytes `atOnce`, and after that either nothing or, when
-/// it `drips`, a zero byte about every 20 ms. It reads nothing and closes nothing. While it lives it is the
-/// name server that the clients of this process and its children find.
+/// it `drips`, a zero byte about every 20 ms. It reads nothing and closes nothing. During its lifetime it is
+/// the name server of the clients of this process and its children.
 class HostilePeer
 {
 public:

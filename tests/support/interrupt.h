@@ -9,8 +9,8 @@
 #include "support/longrun.h"
 #include <gtest/gtest.h>
 
-/// Interrupts the process a thousand times a second while it lives, with a handler that does not restart
-/// calls. What interrupted it before goes on afterwards.
+/// Interrupts the process a thousand times a second during its lifetime, with a handler that does not restart
+/// calls. Restores the previous timer and handler afterwards.
 class Interrupter
 {
 public:
@@ -30,7 +30,7 @@ public:
     Interrupter(const Interrupter&) = delete;
     Interrupter& operator=(const Interrupter&) = delete;
 
-    /// How often it has interrupted.
+    /// The number of interruptions.
     static inline std::atomic<int> interrupts = 0;
 
 private:
@@ -38,7 +38,7 @@ private:
     itimerval timerBefore = {};
 };
 
-/// Lets all tests of a program run while they are interrupted, in long runs.
+/// Interrupts all tests of a program in long runs.
 class InterruptedInLongRuns : public testing::Environment
 {
 public:

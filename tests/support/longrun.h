@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-/// How much of something a test does: `few`, or `many` where the environment has QELSTD_LONG_TESTS.
+/// The amount of work of a test: `few`, or `many` where the environment has QELSTD_LONG_TESTS.
 template<class Count>
 Count ofALongRun(Count few, Count many)
 {

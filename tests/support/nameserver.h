@@ -6,8 +6,8 @@
 #include "support/environment.h"
 #include <qel/base/nmsserver.h>
 
-/// A name server on a free port of the loopback, served by a thread of its own. While it lives it is the one
-/// that clients of this process find.
+/// A name server on a free port of the loopback, served by a separate thread. During its lifetime it is the
+/// name server of the clients of this process.
 class TestNameServer
 {
 public:
@@ -26,7 +26,7 @@ public:
 
     bool isListening() const { return listens; }
     int getPort() const { return port; }
-    /// Waits until the server has stopped by itself.
+    /// Waits until the server has stopped on its own.
     void waitForEnd()
     {
         if (loop.joinable())

@@ -7,15 +7,15 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-/// Whether the process has no child left, running or ended.
+/// Whether the process has no child, running or exited.
 inline bool hasNoChildren()
 {
     siginfo_t found;
     return waitid(P_ALL, 0, &found, WEXITED | WNOHANG | WNOWAIT) != 0 && errno == ECHILD;
 }
 
-/// For tests that start programs: none of them leaves a child or a descriptor behind, and all go as well
-/// while signals interrupt every call.
+/// For tests that start programs: none of them leaves a child or a descriptor behind, and all pass also while
+/// signals interrupt every call.
 class Processes : public testing::Test
 {
 protected:

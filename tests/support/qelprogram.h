@@ -19,7 +19,7 @@ struct Outcome
     std::string output;
 };
 
-/// Runs a line of the shell; what it writes to both of its outputs comes together.
+/// Runs a shell command; the outcome holds both of its outputs together.
 inline Outcome Line(const std::string& line)
 {
     FILE* const pipe = popen(("{ " + line + "\n} 2>&1").c_str(), "r");
@@ -39,12 +39,12 @@ inline Outcome Qel(const std::string& arguments)
 }
 
 /// The program qel, or another one, beside the test, which writes its standard input and reads its standard
-/// output. It is killed with the object.
+/// output. The destructor kills it.
 class RunningQel
 {
 public:
     explicit RunningQel(std::vector<std::string> words) : RunningQel(QEL_PROGRAM, std::move(words), false) {}
-    /// `isSilent`: its standard error output goes nowhere.
+    /// `isSilent`: its standard error output is discarded.
     RunningQel(std::string path, std::vector<std::string> words, bool isSilent)
         : program(std::move(path)), arguments(std::move(words)), silent(isSilent),
           child([this] { return run(); }), input(std::move(ends[0][1])), output(std::move(ends[1][0]))
@@ -54,7 +54,7 @@ public:
                 end.Reset();
     }
 
-    /// The next line, without its end; what there is when the output ends or nothing comes.
+    /// The next line, without its end; an incomplete one when the output ends or nothing arrives.
     std::string line() const
     {
         std::string text;
@@ -73,7 +73,7 @@ public:
             text.append(block, static_cast<std::size_t>(size));
         return text;
     }
-    /// The port of a server, from the line that it writes first.
+    /// The port of a server, from the first line that it writes.
     int port() const
     {
         const std::string said = line();

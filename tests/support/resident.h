@@ -3,8 +3,8 @@
 #include <fstream>
 #include <string>
 
-/// What a process, this one or that of an id, has of a field of its status, in KiB: `VmRSS:`, the memory it
-/// uses, or `VmHWM:`, the most it has used.
+/// A field of the status of a process, this one or that of an id, in KiB: `VmRSS:`, its resident memory, or
+/// `VmHWM:`, the peak of that.
 inline long residentKiB(const std::string& field = "VmRSS:", const std::string& process = "self")
 {
     std::ifstream status("/proc/" + process + "/status");
@@ -14,20 +14,20 @@ inline long residentKiB(const std::string& field = "VmRSS:", const std::string& 
     return -1;
 }
 
-/// Whether memory that is freed is given up: a sanitizer keeps it.
+/// Whether freed memory is returned to the system: a sanitizer keeps it.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr bool freedMemoryIsGone = false;
 #else
 inline constexpr bool freedMemoryIsGone = true;
 #endif
 
-/// How much memory the process has come to use since the object was made.
+/// The growth of the process's resident memory since the object was created.
 class ResidentGrowth
 {
 public:
     ResidentGrowth()
     {
-        std::ofstream("/proc/self/clear_refs") << 5; // forgets the peak so far
+        std::ofstream("/proc/self/clear_refs") << 5; // resets the peak
         before = residentKiB();
     }
     /// The peak, in KiB.

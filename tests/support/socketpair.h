@@ -2,7 +2,7 @@
 
 #include <qel/base/btksocket.h>
 
-/// Two sockets that are connected to each other over the loopback.
+/// Two sockets connected to each other over the loopback.
 struct SocketPair
 {
     SocketPair()

@@ -7,14 +7,14 @@
 #include <qel/base/btksocket.h>
 #include <qel/netsocketstream.h>
 
-/// Runs `work`, which may find its stream failed.
+/// Runs `work`, whose stream may fail.
 template<class Work>
 void allowStreamFailure(Work work)
 {
     describeThrown<ioXStream>(work, [](ioXStream*) { return true; });
 }
 
-/// Two streams that are connected to each other over the loopback. The sockets are the streams'.
+/// Two streams connected to each other over the loopback. The streams own the sockets.
 struct StreamPair
 {
     StreamPair()

@@ -8,18 +8,18 @@
 #include <system_error>
 #include <utility>
 
-/// A host path, as a text and as the calls of the host take it.
+/// A path of the operating system, as a text and in the form that system calls take.
 struct TestPath : std::string
 {
     explicit TestPath(std::string text) : std::string(std::move(text)) {}
     operator const char*() const { return c_str(); }
 };
 
-/// A new directory that is removed with everything in it.
+/// A new directory that the destructor removes with its contents.
 class TempDir
 {
 public:
-    /// InMemory: where nothing waits for a disk, if this host has such a place.
+    /// InMemory: on a file system in memory, if this machine has one.
     enum Where { OnDisk, InMemory };
 
     explicit TempDir(Where where = OnDisk)
@@ -41,30 +41,30 @@ public:
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
 
-    /// The host's path of the directory, or of `name` in it.
+    /// The system's path of the directory, or of `name` in it.
     TestPath path() const { return TestPath(root); }
     TestPath path(const std::string& name) const { return TestPath(root + "/" + name); }
 
-    /// Makes a directory and those on the way to it.
+    /// Creates a directory and its missing parents.
     void makeDir(const std::string& name) const { std::filesystem::create_directories(root + "/" + name); }
     void link(const std::string& target, const std::string& name) const
     {
         std::filesystem::create_symlink(target, root + "/" + name);
     }
-    /// Whether there is a node of that name, a link that leads nowhere included.
+    /// Whether there is a node of that name, including a dangling link.
     bool has(const std::string& name) const
     {
         return std::filesystem::symlink_status(root + "/" + name).type() !=
                std::filesystem::file_type::not_found;
     }
 
-    /// Makes the file `name` hold exactly `content`, and the directories on the way to it.
+    /// Writes exactly `content` to the file `name`, and creates its missing parent directories.
     void write(const std::string& name, const std::string& content = "") const
     {
         makeDir(std::filesystem::path(name).parent_path().string());
         std::ofstream(path(name), std::ios::binary) << content;
     }
-    /// What the file `name` holds.
+    /// The contents of the file `name`.
     std::string read(const std::string& name) const
     {
         std::ostringstream content;

@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 #include <qel/base/btkfd.h>
 
-/// The program qel with a terminal as its input and outputs. It is killed with the object.
+/// The program qel with a terminal as its input and outputs. The destructor kills it.
 class AtTerminal
 {
 public:
@@ -37,7 +37,7 @@ public:
     AtTerminal(const AtTerminal&) = delete;
     AtTerminal& operator=(const AtTerminal&) = delete;
 
-    /// Reads until `text` has been written, the program has ended, or 20 seconds are over.
+    /// Reads until `text` has been written, the program has exited, or 20 seconds have passed.
     std::string readUntil(const std::string& text) const
     {
         std::string all;

@@ -8,7 +8,7 @@
 #include <qel/netaddress.h>
 #include <qel/netbaseserver.h>
 
-/// A handler of requests that calls a function of the test.
+/// A request handler that calls a function of the test.
 struct RequestHandler : netBaseServer_OnRequest_cb
 {
     using Work = std::function<netServerLoopAction(netSocketStream* stream)>;
@@ -33,7 +33,7 @@ struct AsyncHandler : netBaseServer_OnAsyncRequest_cb
     Work work;
 };
 
-/// The same for the time in which no connection comes.
+/// The same for times without connections.
 struct IdleHandler : netBaseServer_OnIdle_cb
 {
     using Work = std::function<netServerLoopAction()>;
@@ -44,7 +44,7 @@ struct IdleHandler : netBaseServer_OnIdle_cb
     Work work;
 };
 
-/// A server whose loop runs in a thread of its own until the object ends.
+/// A server whose loop runs in a separate thread until the object is destroyed.
 template<class Server>
 class ServedInThread
 {
@@ -63,7 +63,7 @@ public:
         waitForEnd();
     }
 
-    /// Waits until the loop has ended by itself.
+    /// Waits until the loop has ended on its own.
     void waitForEnd()
     {
         if (loop.joinable())
@@ -71,7 +71,7 @@ public:
     }
     Server& operator*() { return *server; }
     int getPort() { return server->getPortN(); }
-    /// Of this machine and the server's port.
+    /// The address of this machine and the server's port.
     xrchandle<netAddress> address() { return netAddress::Create(getPort(), nullptr); }
 
 private:

@@ -6,7 +6,7 @@
 #include <qel/xobject.h>
 #include <qel/xstring.h>
 
-/// Gives back a caught exception, as a catcher does.
+/// Releases a caught exception, as a catcher does.
 inline void letGo(xthrowable* thrown)
 {
     if (thrown->isRefCountable())
@@ -15,8 +15,8 @@ inline void letGo(xthrowable* thrown)
         xdelete(thrown);
 }
 
-/// What `describe` answers of the X that `action` throws, which goes then; `nothing` when it throws none. Any
-/// other framework exception is a mismatch, which fails the test.
+/// The result of `describe` for the X that `action` throws, which is then released; `nothing` when it throws
+/// none. Any other framework exception fails the test.
 template<class X = xthrowable, class Action, class Describe,
          class Answer = std::invoke_result_t<Describe, X*>>
 Answer describeThrown(Action action, Describe describe, std::type_identity_t<Answer> nothing = {})

@@ -13,22 +13,22 @@
 #include "support/thrown.h"
 #include <qel/xobject.h>
 
-// Pieces of a program's work run with one of their allocations failing, or all from one on. However such a
-// piece ends, it must lose neither memory nor descriptors, and the next time it must work. Included by the
-// one source of a test program.
+// Runs operations with one of their allocations failing, or all from one on. However an operation ends, it
+// must leak neither memory nor descriptors, and the next attempt must succeed. Include it in the only source
+// of a test program.
 
 namespace torture {
 
 enum Outcome { worked, outOfMemory, reported };
 
-/// What a function answers when it reports a failure by its result.
+/// Turns a failure that a function reports by its result into an exception.
 inline void need(bool isDone)
 {
     if (!isDone)
         throw std::bad_alloc();
 }
 
-/// How `work` ends: nothing but what says that there is no memory, or a framework exception, may leave it.
+/// How `work` ends: it may throw only an out-of-memory failure or a framework exception.
 template<class Work>
 Outcome attempt(Work work)
 {
@@ -44,7 +44,7 @@ Outcome attempt(Work work)
     }
 }
 
-/// How many allocations `work` makes.
+/// The number of allocations of `work`.
 template<class Work>
 long allocationsOf(Work work)
 {
@@ -53,8 +53,8 @@ long allocationsOf(Work work)
     return failing::seen;
 }
 
-/// After how many allocations one fails: all numbers that make a difference, or 50 of them, evenly spread,
-/// unless QELSTD_TORTURE is set.
+/// The numbers of allocations after which one fails: with QELSTD_TORTURE all that make a difference,
+/// otherwise 50 of them, evenly spread.
 inline std::vector<long> turns(long allocations)
 {
     const long most = std::getenv("QELSTD_TORTURE") != nullptr ? allocations : 50;
@@ -84,7 +84,7 @@ protected:
     {
         using namespace torture;
         const auto work = GetParam().work;
-        for (int i = 0; i < 2; ++i) // makes what is made once and kept
+        for (int i = 0; i < 2; ++i) // creates the objects that are created once and kept
             ASSERT_EQ(attempt(work), worked);
         if (HasFailure())
             return;

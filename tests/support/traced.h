@@ -1,14 +1,14 @@
 #pragma once
 
-// For the one source of a test that runs itself under strace: leaks cannot be looked for in a traced process,
-// and trying makes it fail.
+// For the only source of a test that runs itself under strace: leak detection does not work in a traced
+// process, and would make it fail.
 
 #if defined(__SANITIZE_ADDRESS__)
 
 #include <fstream>
 #include <string>
 
-/// The leak sanitizer asks this at the end of the process.
+/// The leak sanitizer calls this at the end of the process.
 extern "C" [[gnu::visibility("default")]] int __lsan_is_turned_off()
 {
     std::ifstream status("/proc/self/status");

@@ -3,7 +3,7 @@
 #include <string_view>
 #include <vector>
 
-/// A text in the form that the wide members take: `WideText(u"abc")` passes as `const unsigned short*`.
+/// A text in the form that the wide members take: `WideText(u"abc")` converts to `const unsigned short*`.
 class WideText
 {
 public:
