@@ -1,6 +1,6 @@
 #pragma once
 
-// The whole public interface. Each library has headers of its own, too; a source that defines classes adds
+// The whole public interface. Each library also has its own headers; a source that defines classes adds
 // <qel/qeltable.h>, and C programs use <qel/qelstd_c.h>.
 
 // ---- the core

@@ -2,5 +2,5 @@
 
 #include <qel/qelexport.h>
 
-/// The version of the library that the program runs with, "major.minor.patch". Static text.
+/// Returns the version of the loaded library, "major.minor.patch". Static text.
 QEL_API const char* qelVersion();

@@ -1,8 +1,7 @@
 #ifndef QEL_QELEXPORT_H
 #define QEL_QELEXPORT_H
 
-/* Marks what libqelstd.so exports. Classes of an application carry it too where its own library exports them.
- */
+/* Marks the symbols that libqelstd.so exports. An application's library marks the classes it exports, too. */
 #define QEL_API __attribute__((visibility("default")))
 
 #endif

@@ -1,8 +1,8 @@
-/* What C and C++ share of the object model: the reserved marker values and the plain forms of strings and
- * variants.
+/* The part of the object model that C and C++ share: the reserved marker values and the plain structures of
+ * strings and variants.
  *
- * Every basic type reserves two values: one that says "no value" (null) and one that says "never set"
- * (uninit). The pointer markers travel in pointer variables and are never dereferenced. */
+ * Every basic type reserves two values: "no value" (null) and "never set" (uninit). Pointer variables hold
+ * the pointer markers, which are never dereferenced. */
 #ifndef QEL_QELXOBJ_I_H
 #define QEL_QELXOBJ_I_H
 
@@ -41,8 +41,8 @@ typedef struct xthrowable xthrowable;
 typedef struct __xstring_c
 {
     btkStrBuf* buffer;
-    char* mb;             /* UTF-8 text in the buffer, or null: not produced yet */
-    unsigned short* wide; /* UTF-16 text in the buffer, or null: not produced yet */
+    char* mb;             /* UTF-8 text in the buffer; null: not produced yet */
+    unsigned short* wide; /* UTF-16 text in the buffer; null: not produced yet */
 } __xstring_c;
 
 /* ---- a variant: 32 bytes, the payload at byte 8 */

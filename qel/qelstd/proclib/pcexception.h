@@ -5,7 +5,7 @@
 
 class pcProcess;
 
-/// Labels of the numbers 0 to 8. What is thrown carries one of the numbers pcCreateCode.
+/// Labels of the numbers 0 to 8. Thrown exceptions carry one of the numbers in pcCreateCode.
 enum pcCreateError : int {
     pcBadIn,
     pcBadOut,
@@ -22,8 +22,8 @@ QEL_ENUM(pcCreateError); // "proclib::CreateError"
 /// The numbers that pcXCreate carries.
 namespace pcCreateCode {
 inline constexpr pcCreateError system =
-    static_cast<pcCreateError>(3); ///< the host refused; getSystemError() says why
-inline constexpr pcCreateError badIn = static_cast<pcCreateError>(11); ///< no process can be given the stream
+    static_cast<pcCreateError>(3); ///< refused by the system; getSystemError() has the reason
+inline constexpr pcCreateError badIn = static_cast<pcCreateError>(11); ///< the stream cannot be passed on
 inline constexpr pcCreateError badOut = static_cast<pcCreateError>(12);
 inline constexpr pcCreateError badErr = static_cast<pcCreateError>(13);
 } // namespace pcCreateCode
@@ -35,7 +35,7 @@ class QEL_API pcXException : public virtual xthrowable
     QEL_OBJECT(pcXException); // "proclib::XException"
 
 public:
-    /// "Process manipulation error", unless a class says more.
+    /// "Process manipulation error", unless a class overrides it.
     virtual xstring getMsg();
 
 protected:
@@ -52,7 +52,7 @@ public:
     [[noreturn]] static void Throw(pcCreateError error, unsigned long systemError = 0);
 
     pcCreateError getError() { return Error; }
-    /// The host's number of what went wrong, for the code 3.
+    /// The operating system's error number, for the code 3.
     unsigned long getSystemError() { return SystemError; }
     xstring getMsg() override;
 

@@ -13,8 +13,8 @@ constinit qelClass pcInterruptEvent::rtti = {
 
 namespace {
 
-// What all interrupt events share. Changed under the libraries' mutex only; the console's handler reads the
-// event.
+// The state shared by all interrupt events. Changed under the libraries' mutex only; the console's handler
+// reads the event.
 struct
 {
     std::atomic<btkHandle> event = -1;
@@ -29,7 +29,7 @@ BOOL OnConsole(DWORD type)
     return TRUE;
 }
 
-// The last one restores what was before. Under the mutex.
+// The last event restores the previous handlers. Call it with the mutex locked.
 void Leave()
 {
     if (--instance.living > 0)

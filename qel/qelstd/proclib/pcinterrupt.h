@@ -3,16 +3,16 @@
 #include <qel/evtevent.h>
 
 /// The interrupt of the console's user: signaled from the first interrupt or quit key (SIGINT, SIGQUIT) until
-/// Reset. While there is such an event, these keys do not end the program; with the last one, what they did
-/// before comes back. All share one state. Not counted: freed with xdelete.
+/// Reset. While such an event exists, these keys do not end the program; destroying the last one restores
+/// their previous effect. All share one state. Not counted: freed with xdelete.
 class QEL_API pcInterruptEvent : public evtEvent
 {
     QEL_OBJECT(pcInterruptEvent); // "proclib::InterruptEvent"
 
 public:
-    /// Null when the host has no event left. Safe to call from any thread.
+    /// Null when the operating system cannot provide another event. Safe to call from any thread.
     static pcInterruptEvent* Create();
-    /// Makes all of them not signaled. Safe to call from any thread.
+    /// Resets all of them to not signaled. Safe to call from any thread.
     static void Reset();
     ~pcInterruptEvent() override;
 

@@ -31,7 +31,7 @@ namespace {
     pcXCreate::Throw(pcCreateCode::system, Error_GetLast());
 }
 
-// Frees a process that no object has taken.
+// Frees a process that no object owns.
 struct Free
 {
     void operator()(btkProcess* process) const { Process_Free(process); }
@@ -43,7 +43,7 @@ pcProcessStatus StatusOf(const btkProcess* process)
     return Process_CheckRunning(process) ? pcRunning : pcExited;
 }
 
-// Negative numbers are no ids, and none of them becomes one.
+// Negative numbers are not ids, and must not be converted to one.
 bool OpenById(btkProcess** process, int id)
 {
     return Process_Open(process, id > 0 ? static_cast<unsigned long>(id) : 0);
@@ -72,7 +72,8 @@ pcProcess* pcProcess::Create(const char* command, const char* workDir, ioStream*
     const btkHandle inHandle = GetHandle(in, pcCreateCode::badIn);
     const btkHandle outHandle = GetHandle(out, pcCreateCode::badOut);
     const btkHandle errHandle = GetHandle(err, pcCreateCode::badErr);
-    // A directory of no drive is looked for as it is, so that the host says what it misses.
+    // A directory of an unmapped drive is passed on unchanged, so that the operating system reports the
+    // error.
     std::string directory;
     if (qelIsObject(workDir) && *workDir != '\0' && !platHostPath(workDir, directory))
         directory = workDir;

@@ -12,8 +12,9 @@ enum pcProcessStatus : int { pcUninit, pcRunning, pcExited };
 QEL_ENUM(pcProcessStatus); // "proclib::ProcessStatus"
 
 /// A process of this machine, open until Close, or until GetExitCode has taken the exit code of one that this
-/// library started. After that only its id, the exit code and the status (pcUninit) are known, and the other
-/// operations do nothing. Used by one thread at a time. Not counted: freed with xdelete, which closes it.
+/// library started. After that only its id, the exit code and the status (pcUninit) are available, and the
+/// other operations do nothing. Used by one thread at a time. Not counted: freed with xdelete, which closes
+/// it.
 class QEL_API pcProcess : public virtual xobject
 {
     QEL_OBJECT(pcProcess); // "proclib::Process"
@@ -21,36 +22,38 @@ class QEL_API pcProcess : public virtual xobject
 public:
     /// Starts the program that `command` names, found by PATH, in the directory `workDir`, in native or
     /// remote form (null, xnullstr or empty: the caller's). The command line is split like a shell's words;
-    /// see btkcmdline.h. The streams become its standard streams and are closed here, once it runs; a null
-    /// one is the caller's own, inherited. The child goes on where the streams stand: what was written before
-    /// is brought to its destination first, and it reads what comes next here. What getStdin has read ahead
-    /// comes back for a child that inherits the standard input where that has positions; from a terminal or
-    /// pipe it stays here. `ownGroup`: Interrupt and Terminate reach the programs that it
-    /// starts, too, and the console's keys do not reach it. `detached` has no effect on this host.
-    /// @throws pcXCreate  3: it cannot be started; 11 to 13: a stream cannot be passed, also because what was
-    ///                    written to it cannot be brought to its destination, or because bytes were read
-    ///                    ahead from a pipe or a connection; the streams stay open then
+    /// see btkcmdline.h. The streams become its standard streams and are closed here, once it runs; for a
+    /// null one it inherits the caller's. The child continues at the position of each stream: data written
+    /// before are flushed first, and it reads the data that this process would read next. For a child that
+    /// inherits the standard input, bytes that getStdin has read ahead are returned if the input is seekable;
+    /// those from a terminal or pipe stay in this process. `ownGroup`: Interrupt and Terminate reach the
+    /// programs that it starts, too, and the console's keys do not reach it. `detached` has no effect on
+    /// Linux.
+    /// @throws pcXCreate  3: it cannot be started; 11 to 13: a stream cannot be passed, also because data
+    ///                    written to it cannot be flushed, or because bytes were read ahead from a pipe or a
+    ///                    connection; the streams stay open then
     static pcProcess* Create(const char* command, const char* workDir, ioStream* in, ioStream* out,
                              ioStream* err, unsigned char ownGroup, unsigned char detached);
-    /// A process that runs, or has ended and was not waited for yet. Its exit code stays with who started it.
-    /// @throws pcXCreate  3: there is none
+    /// A process that runs, or has exited and was not waited for yet. Its exit code is left to its parent.
+    /// @throws pcXCreate  3: no such process
     static pcProcess* Open(int id);
     ~pcProcess() override;
     pcProcess(const pcProcess&) = delete;
     pcProcess& operator=(const pcProcess&) = delete;
 
-    /// Takes the exit code of a process that has ended; one that runs goes on. Does not wait.
+    /// Takes the exit code of a process that has exited; a running one continues. Does not wait.
     void Close();
-    /// Sends what the interrupt key sends.
+    /// Sends the signal of the interrupt key.
     void Interrupt();
-    /// Ends the process at once.
+    /// Kills the process.
     void Terminate();
-    /// Takes the exit code of a process that has ended: what it answered, or 128 and the signal that ended
-    /// it. xnullint while it runs, and for a process that was opened. Does not wait: see ExitEvent.
+    /// Takes the exit code of a process that has exited: its exit status, or 128 plus the number of the
+    /// signal that killed it. xnullint while it runs, and for a process that was opened. Does not wait: see
+    /// ExitEvent.
     int GetExitCode();
     unsigned char IsRunning();
     pcProcessStatus GetStatus();
-    /// A new event that is signaled when the process has ended; null when it is closed or was opened by its
+    /// A new event that is signaled when the process has exited; null when it is closed or was opened by its
     /// id. The caller owns it, and it stays signaled when the process is closed.
     pcEvent* ExitEvent();
     virtual int getId();
@@ -70,13 +73,13 @@ private:
     bool closed = false;
 };
 
-/// The end of a process.
+/// The exit of a process.
 class QEL_API pcEvent : public evtEvent
 {
     QEL_OBJECT(pcEvent); // "proclib::Event"
 
 public:
-    /// Not counted, and not to be used when it has been freed.
+    /// Not counted; must not be used after it has been freed.
     pcProcess* getProcess() { return process; }
 
 private:
@@ -86,9 +89,9 @@ private:
     pcProcess* process;
 };
 
-/// Whether the process runs, has ended and was not waited for yet, or (pcUninit) does not exist.
+/// Whether the process runs, has exited and was not waited for yet, or (pcUninit) does not exist.
 QEL_API pcProcessStatus pcGetProcessStatus(int id);
 
-/// What runs a command line by the user's shell when the line, in double quotes, follows it: "$SHELL -c", or
-/// "$COMSPEC /c". Null when neither variable is set.
+/// The command that runs a command line by the user's shell when the line, in double quotes, follows it:
+/// "$SHELL -c", or "$COMSPEC /c". Null when neither variable is set.
 QEL_API xstring pcGetShellCommand();

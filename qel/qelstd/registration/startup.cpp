@@ -1,7 +1,7 @@
 #include "registrars_p.h"
 
-// The registrars run in the order in which they stand here, while the library is loaded. Descriptors are
-// built when they are first asked for, so a registrar may name types whose own registrar comes later.
+// The registrars run in this order, while the library is loaded. Descriptors are built when they are first
+// requested, so a registrar may name types whose own registrar comes later.
 
 namespace {
 

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// Never freed: strings that are statics themselves may hold it until the process ends.
+/// Never freed: static strings may hold it until the process exits.
 btkStrBuf* emptyBuffer()
 {
     static btkStrBuf* const empty = [] {
@@ -155,7 +155,7 @@ void xstring::Form<C>::assign(xstring& s, const C* from)
         return;
     }
     const std::size_t size = Strlen(from);
-    // Where the own buffer cannot be written to, or the text is a part of it, the copy comes first.
+    // If this string's buffer cannot be written to, or the text is part of it, copy first.
     if (size == 0 || s.buffer == nullptr || text(s) == nullptr || contains(s, from)) {
         create(s, from, size);
         return;

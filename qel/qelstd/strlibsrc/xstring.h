@@ -9,21 +9,21 @@
 #include <qel/qelxobj_i.h>
 
 namespace std {
-class strstream; // <strstream> is deprecated, and only who uses it should hear so
+class strstream; // <strstream> is deprecated: only its users should get the warning
 }
 
-/// A text, or null: no text, which is not the empty text. Copies share one buffer until one of them is
+/// A text, or null: no text, which differs from the empty text. Copies share one buffer until one of them is
 /// written to. The text is multibyte (`char`: UTF-8) or wide (`unsigned short`: UTF-16); the missing form is
-/// produced when it is asked for, and kept. Members that take a text work on the form of their argument.
+/// produced on demand, and kept. Members that take a text work on the form of their argument.
 ///
-/// The pointers null, `xnullstr` (1) and `xuninitstr` (2) stand for no text wherever a text is an argument.
-/// Characters of the multibyte form are UTF-8 characters, where a byte that is no valid UTF-8 is a character
-/// for itself and becomes U+FFFD in the wide form; characters of the wide form are its 16-bit units. Lengths
-/// are bytes or units, indices and positions are characters. A text ends at its first zero.
+/// The pointers null, `xnullstr` (1) and `xuninitstr` (2) mean no text wherever a text is an argument.
+/// Characters of the multibyte form are UTF-8 characters; each byte that is not valid UTF-8 is one character
+/// and becomes U+FFFD in the wide form. Characters of the wide form are its 16-bit units. Lengths are bytes
+/// or units, indices and positions are characters. A text ends at its first zero.
 ///
 /// A wide text with an unpaired surrogate has no multibyte form, and members that need it throw
 /// qelXNativeException, "xstring::GetMBSize: invalid wide string". A text of more than 2 GiB throws
-/// std::length_error. What throws leaves the string as it was.
+/// std::length_error. A member that throws leaves the string unchanged.
 ///
 /// One string object is used by one thread at a time; two copies may be used by two threads.
 class QEL_API xstring
@@ -49,7 +49,7 @@ public:
             buffer->Lock();
     }
 
-    /// Takes over the reference that `made` owns, to a new buffer for instance.
+    /// Takes over the reference of `made`, to a new buffer for instance.
     static xstring Adopt(const __xstring_c& made) noexcept
     {
         xstring adopted;
@@ -61,24 +61,24 @@ public:
     xstring(const char* text);
     xstring(const unsigned short* text);
 
-    /// A copy of the bytes of `text`, up to its first zero. No bytes, or a view of nothing: the empty string.
+    /// A copy of the bytes of `text`, up to its first zero. An empty or null view gives the empty string.
     explicit xstring(std::string_view text);
 
-    /// The texts in a row; null when both are.
+    /// The concatenation of the texts; null when both are.
     xstring(const char* a, const char* b);
     xstring(const unsigned short* a, const unsigned short* b);
 
-    /// The first `n` characters, not bytes, or all when there are not more; none when `n` is negative. `text`
-    /// ends with a zero unless it has so many: for bytes and their number there is the string_view.
+    /// The first `n` characters, not bytes, or all if there are fewer; none when `n` is negative. `text` must
+    /// end with a zero unless it has `n` characters; use the string_view for a number of bytes.
     xstring(const char* text, int n);
     xstring(const unsigned short* text, int n);
 
-    /// The characters from index `from` to before index `to`, negative `to`: to the end. A negative `from` is
-    /// 0, one beyond the end gives the empty string.
+    /// The characters from index `from` up to, not including, index `to`; a negative `to` means to the end. A
+    /// negative `from` is 0, one beyond the end gives the empty string.
     xstring(const char* text, int from, int to);
     xstring(const unsigned short* text, int from, int to);
 
-    /// What has been written to `stream`, which is terminated, stays usable and is not frozen afterwards.
+    /// The text written to `stream`, which is zero-terminated, stays usable and is not frozen afterwards.
     xstring(std::strstream& stream);
 
     ~xstring() { release(); }
@@ -110,8 +110,8 @@ public:
     xstring& operator=(const unsigned short* text);
     xstring& operator=(std::strstream& stream);
 
-    /// Appends. No text, the empty text and the zero character change nothing; the null string becomes what
-    /// is appended. `text` may be part of this string.
+    /// Appends. No text, the empty text and the zero character change nothing; the null string becomes the
+    /// appended text. `text` may be part of this string.
     xstring& operator+=(char c)
     {
         if (c == 0)
@@ -126,39 +126,39 @@ public:
 
     // ---- queries
 
-    /// Bytes that the multibyte form takes with its terminator: 0 for the null string and for a wide text
-    /// that has none; one more than needed while the form has not been produced.
+    /// Size in bytes of the multibyte form with its terminator: 0 for the null string and for a wide text
+    /// without multibyte form; one more than needed while the form has not been produced.
     unsigned int GetMBSize() const;
-    /// Length of the multibyte form when there is one, else of the wide form; 0 for the null string.
+    /// Length of the multibyte form if it has been produced, else of the wide form; 0 for the null string.
     int GetLength() const;
 
-    /// The text as a number: all of it, with neither blanks behind nor a value out of range; blanks and one
-    /// plus sign may stand in front. False, with `out` unchanged, for anything else and for the null string.
+    /// Converts the whole text to a number. Leading blanks and one plus sign are accepted, trailing blanks
+    /// and a value out of range are not. False, with `out` unchanged, for anything else and for the null
+    /// string.
     bool ToInt(int* out) const;
     bool ToDouble(double* out) const;
 
-    /// With the letters A to Z, or a to z, mapped; other characters stay as they are, whatever the locale.
+    /// A copy in upper, or lower, case. Only ASCII letters are mapped, whatever the locale.
     xstring ToUpper() const;
     xstring ToLower() const;
 
-    /// The characters from index `from` to before index `to`, as in the constructor.
+    /// The characters from index `from` up to index `to`, as in the constructor.
     xstring Substring(int from, int to) const;
 
-    /// Words are the runs of characters that are none of `delimiters`. None in the null string.
+    /// The number of words: runs of characters that are none of `delimiters`. 0 for the null string.
     int GetNWords(const char* delimiters) const;
     int GetNWords(const unsigned short* delimiters) const;
-    /// Word `n`, counted from 0; the empty string when there is none.
+    /// Word `n`, counted from 0; the empty string when there are fewer words.
     xstring GetWord(int n, const char* delimiters) const;
     xstring GetWord(int n, const unsigned short* delimiters) const;
 
-    /// The index of the character at which the first `sub` begins, as Substring and Substitute take it, or
-    /// -1.
+    /// The character index of the first `sub`, usable with Substring and Substitute, or -1.
     int Pos(const char* sub) const;
     int Pos(const unsigned short* sub) const;
-    /// The same in bytes of the multibyte form, for work on CastToCString().
+    /// The same as a byte offset in the multibyte form, for use with CastToCString().
     int BytePos(const char* sub) const;
 
-    /// Whether the whole text is like `pattern`, in which `*` stands for any characters and `?` for one.
+    /// Whether the whole text matches `pattern`, in which `*` matches any characters and `?` one.
     bool Match(const char* pattern) const;
     bool Match(const unsigned short* pattern) const;
 
@@ -167,18 +167,18 @@ public:
     void Substitute(const char* from, const char* to, int start, int count);
     void Substitute(const unsigned short* from, const unsigned short* to, int start, int count);
 
-    /// The formatted text, as printf makes it. The null string when the format fails; a result of 2056 bytes
-    /// and more ends the process with the report "String too long". The wide twin's result is wide, but its
+    /// The text formatted as by printf. The null string when the format fails; a result of 2056 bytes or more
+    /// ends the process with the report "String too long". The wide overload's result is wide, but its
     /// arguments are those of the narrow one (`%s` takes a multibyte text).
     [[gnu::format(printf, 1, 2)]] static xstring Printf(const char* format, ...);
     static xstring Printf(const unsigned short* format, ...);
 
-    /// The text in one form, produced when missing; the null pointer for the null string. Valid while this or
+    /// The text in one form, produced on demand; the null pointer for the null string. Valid while this or
     /// another string shares the buffer and this one is not written to.
     const char* CastToCString() const;
     const unsigned short* CastToCWString() const;
 
-    /// The C form. The caller owns one reference to its buffer.
+    /// The C structure. The caller owns one reference to its buffer.
     __xstring_c getxstring_c() const
     {
         if (buffer != nullptr)
@@ -203,7 +203,7 @@ public:
     friend QEL_API std::ostream& operator<<(std::ostream& o, const xstring& s);
 
 private:
-    /// The operations that both forms have, on form C.
+    /// The operations common to both forms, on form C.
     template<typename C>
     struct Form;
     template<typename Ask>
@@ -223,7 +223,7 @@ private:
             buffer->Unlock();
         setNull();
     }
-    /// Holds these in place of what it held; takes over the reference.
+    /// Replaces the contents of this string; takes over the reference.
     xstring& take(btkStrBuf* newBuffer, char* newMb, unsigned short* newWide) noexcept
     {
         if (buffer != nullptr)
@@ -236,7 +236,7 @@ private:
 
     void setEmpty();
 
-    /// Shares a buffer, which keeps its references; null gives the null string.
+    /// Shares a buffer and adds a reference to it; null gives the null string.
     void AssignBuffer(btkStrBuf* shared);
     void CreateFromString(const char* text);
     void CreateFromWString(const unsigned short* text);
@@ -244,7 +244,7 @@ private:
     void CreateFromWStringTruncated(const unsigned short* text, int from, int to);
     void append(char c);
 
-    // As in __xstring_c. Producing a form is no change of the text.
+    // As in __xstring_c. Producing a form does not change the text.
     mutable btkStrBuf* buffer = nullptr;
     mutable char* mb = reinterpret_cast<char*>(1);
     mutable unsigned short* wide = reinterpret_cast<unsigned short*>(1);
@@ -252,6 +252,6 @@ private:
 
 static_assert(sizeof(xstring) == sizeof(__xstring_c));
 
-/// The buffer that all empty strings share, with one more reference, and its two texts. Safe to call from any
-/// thread, and while other statics are initialized.
+/// The buffer that all empty strings share, with an additional reference, and its two texts. Safe to call
+/// from any thread, and during static initialization.
 QEL_API btkStrBuf* xstringAttachEmptyStrBuf(char** mb, unsigned short** wide);

@@ -1,4 +1,4 @@
 #pragma once
 
-/// Reports a wide text without multibyte form where that form is needed.
+/// Throws the failure of a wide text without multibyte form where that form is needed.
 [[noreturn]] void qelThrowInvalidWide();

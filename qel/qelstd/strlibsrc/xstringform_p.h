@@ -8,7 +8,7 @@
 #include "xstring.h"
 #include "xstringerror_p.h"
 
-/// Whether `text` is none of the pointers that stand for no text.
+/// Whether `text` is none of the pointers that mean no text.
 template<typename C>
 bool qelIsText(const C* text)
 {
@@ -21,8 +21,8 @@ std::size_t qelLengthOrNone(const C* text)
     return qelIsText(text) ? Strlen(text) : 0;
 }
 
-/// The work of xstring that is alike for both widths: C is `char` for the multibyte form, `unsigned short`
-/// for the wide one. The strings are not null unless that is said.
+/// The code of xstring shared by both widths: C is `char` for the multibyte form, `unsigned short` for the
+/// wide one. The strings must not be null unless stated.
 template<typename C>
 struct xstring::Form
 {
@@ -37,7 +37,7 @@ struct xstring::Form
             return s.mb;
     }
 
-    /// Notes where the text stands that was written in this form; the other one is stale.
+    /// Sets the position of the text written in this form; the other form becomes stale.
     static void setWritten(xstring& s, C* written) noexcept
     {
         if constexpr (isWide)
@@ -46,7 +46,7 @@ struct xstring::Form
             s.mb = written, s.wide = nullptr;
     }
 
-    /// Holds a buffer whose only text is `written`; takes over the reference.
+    /// Replaces the contents by a buffer whose only text is `written`; takes over the reference.
     static void take(xstring& s, btkStrBuf* buffer, C* written) noexcept
     {
         if constexpr (isWide)
@@ -55,7 +55,8 @@ struct xstring::Form
             s.take(buffer, written, nullptr);
     }
 
-    /// Becomes a copy of the text, which holds no zero and may be this string's own. The string may be null.
+    /// Becomes a copy of the text, which contains no zero and may be part of this string. The string may be
+    /// null.
     static void create(xstring& s, const C* from, std::size_t length)
     {
         if (length == 0) {

@@ -4,10 +4,10 @@
 
 #include "xstringform_p.h"
 
-// What an xstring answers, and Substitute. A question whose argument does not fix the form is put to the
-// multibyte form when that is there, else to the wide one.
+// Queries of an xstring, and Substitute. A query whose argument does not determine the form uses the
+// multibyte form if it has been produced, else the wide one.
 
-/// The answer of `ask` for the text of the form that is at hand of a string that is not null.
+/// Calls `ask` with the text in the form that has been produced; the string must not be null.
 template<typename Ask>
 auto xstring::askText(Ask ask) const
 {
@@ -86,7 +86,7 @@ xstring xstring::Substring(int from, int to) const
     return askText([=](const auto* text) { return xstring(text, from, to); });
 }
 
-/// What a text argument says where no text means the empty one.
+/// The text of an argument for which no text means the empty text.
 template<typename C>
 static const C* textOrEmpty(const C* text)
 {
@@ -219,7 +219,7 @@ void xstring::Substitute(const unsigned short* from, const unsigned short* to, i
 
 // ---- comparison
 
-/// Whether the text in this form, which may have to be produced, is the one given.
+/// Whether the text in this form, which is produced if missing, equals the one given.
 template<typename C>
 bool xstring::Form<C>::equals(const xstring& s, const C* t, std::size_t size)
 {

@@ -8,7 +8,7 @@
 
 namespace {
 
-/// Keeps what a stream has collected where it is.
+/// Freezes a stream's text during its lifetime.
 struct Frozen
 {
     explicit Frozen(std::strstreambuf* source) : held(source), text(source->str()) {}
@@ -27,13 +27,13 @@ xstring::xstring(std::strstream& stream)
 
 xstring& xstring::operator=(std::strstream& stream)
 {
-    // The terminator goes to where the next output will begin, so that the stream can be written to further.
+    // The terminator is at the position of the next output, so that the stream can be written to further.
     std::strstreambuf* const source = stream.rdbuf();
     const bool terminated = source->sputc(0) == 0;
     if (terminated)
         source->pubseekoff(-1, std::ios_base::cur, std::ios_base::out);
     const Frozen frozen(source);
-    // An array that is full has no terminator.
+    // A full array has no terminator.
     const char* const text = frozen.text;
     const char* const end = terminated ? text + Strlen(text) : std::find(text, text + source->pcount(), 0);
     Form<char>::create(*this, text, static_cast<std::size_t>(end - text));

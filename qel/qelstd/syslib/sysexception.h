@@ -50,7 +50,7 @@ private:
 
 enum sysErrorCode { sysCantGetHostName = 0, sysCantGetUserName = 1, sysCantPutEnv = 2, sysInternalError = 3 };
 
-/// The text of a failure; "No description" for a number that is none.
+/// The text of a failure; "No description" for an unknown number.
 QEL_API const char* sysGetDescription(int code);
 
 /// Prints the exception for `code`, raised by `function`, on the standard error stream. `var` is the variable

@@ -11,7 +11,7 @@ namespace {
 
 constexpr DWORD nameSize = 256;
 
-/// The name that `ask` puts into a buffer; null when it fails, which is reported.
+/// The name that `ask` writes into a buffer; null when it fails, which is reported.
 template<class Ask>
 xstring askName(Ask ask, sysErrorCode failure, const char* function)
 {

@@ -3,8 +3,8 @@
 #include <qel/sysexception.h>
 #include <qel/xstring.h>
 
-// Facts about the machine and the process, and a few actions. Nothing is thrown: what fails is reported on
-// the standard error stream. Safe to call from any thread.
+// Facts about the machine and the process, and a few actions. Nothing is thrown: failures are reported on the
+// standard error stream. Safe to call from any thread.
 
 /// The computer's name; null when that fails (sysXCantGetHostName is reported).
 QEL_API xstring sysGetCurHostName();
@@ -16,12 +16,12 @@ QEL_API xstring sysGetOSType();
 
 /// The value of an environment variable; null when it is not set.
 QEL_API xstring sysGetEnv(const char* name);
-/// Sets an environment variable of the process to a copy of `value`. Paths, local time and the programs that
-/// are started from now on follow it. Code of other libraries may read the environment meanwhile, but must
-/// not change it. A name that is empty or holds "=", and null, are refused (sysXCantPutEnv is reported).
+/// Sets an environment variable of the process to a copy of `value`. Paths, local time and programs started
+/// from now on use the new value. Code of other libraries may read the environment meanwhile, but must not
+/// change it. A name that is empty or contains "=", and null, are refused (sysXCantPutEnv is reported).
 QEL_API void sysPutEnv(const char* name, const char* value);
 
-/// Runs a command in the shell and answers its exit status; 128 and the signal's number when a signal ended
+/// Runs a command in the shell and returns its exit status; 128 plus the signal's number when a signal killed
 /// it, -1 when it could not be run.
 QEL_API int sysOSCall(const char* command);
 

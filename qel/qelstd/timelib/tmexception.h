@@ -72,7 +72,7 @@ public:
     ~tmXCantMakeTimeString() override;
     void Print(std::ostream& os) override;
 
-    /// Valid while the exception lives.
+    /// Valid during the exception's lifetime.
     tmTime* getTime();
     xstring getFormat();
 

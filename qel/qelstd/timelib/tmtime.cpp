@@ -27,13 +27,13 @@ constexpr const char* invalidText = "Invalid time string";                      
 constexpr const char* noTime = "Cannot make valid time object";                              // 1
 constexpr const char* noText = "Cannot make valid time string object from giventime object"; // 2
 
-constexpr int firstYear = 1900; // of the host's broken-down time
+constexpr int firstYear = 1900; // of std::tm
 
 /// Prints the failure and ends the process.
 template<class X, class... Values>
 [[noreturn]] void reportAndExit(const char* description, const char* function, Values... values)
 {
-    // Not freed: the process ends here, and the attributes may be looked at by what runs at exit.
+    // Not freed: the process exits here, and exit handlers may read the attributes.
     auto* const failure = new (pDefMemMgr)
         X(description, xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get(), values...);
     failure->Print(std::cerr);
@@ -49,7 +49,7 @@ struct DefaultFormat
 DefaultFormat& defaultFormat()
 {
     static DefaultFormat* const format =
-        new DefaultFormat; // never freed: may be asked for while the process ends
+        new DefaultFormat; // never freed: may be read while the process exits
     return *format;
 }
 
@@ -60,7 +60,7 @@ std::string currentFormat()
     return format.text;
 }
 
-/// The local time; false when it is beyond the calendar: its year fits no int.
+/// Breaks a time down to local time; false when its year does not fit an int.
 bool breakDown(double seconds, std::tm& fields)
 {
     constexpr double furthest = 9.2e18; // what a time_t holds
@@ -68,14 +68,14 @@ bool breakDown(double seconds, std::tm& fields)
     return localtime_r(&whole, &fields) != nullptr && fields.tm_year <= INT_MAX - firstYear;
 }
 
-/// One field of the local time, counted from `first`; null when that is beyond the calendar.
+/// One field of the local time, counted from `first`; null when the year does not fit an int.
 int localField(double seconds, int std::tm::*field, int first = 0)
 {
     std::tm fields;
     return breakDown(seconds, fields) ? fields.*field + first : xnullint;
 }
 
-/// A calendar time as it was given: the month from 1, the year perhaps short.
+/// A calendar time as given by the caller: the month from 1, the year possibly short.
 struct Calendar
 {
     long long year;
@@ -84,7 +84,7 @@ struct Calendar
     long long hour = 0;
     long long minute = 0;
     long long second = 0;
-    int dst = -1; // the host decides
+    int dst = -1; // the time zone decides
 };
 
 bool fits(long long value, int* field)
@@ -93,7 +93,7 @@ bool fits(long long value, int* field)
     return value >= INT_MIN && value <= INT_MAX;
 }
 
-/// How far local time is from UTC at a time; false when the host cannot tell.
+/// The offset of local time from UTC at a time; false when the operating system cannot tell.
 bool offsetAt(std::time_t time, long* seconds)
 {
     std::tm fields = {};
@@ -103,8 +103,8 @@ bool offsetAt(std::time_t time, long* seconds)
     return true;
 }
 
-/// What mktime answers, where that takes no decision: one offset is in force all around the time, so that the
-/// time exists, and exists once. mktime itself looks for the host's settings again at each call.
+/// The result of mktime, where it is unambiguous: one offset is in force around the time, so that the time
+/// exists exactly once. Avoids mktime, which reads the time zone's settings again at each call.
 bool makeOrdinaryTime(std::tm fields, std::time_t* result)
 {
     constexpr std::time_t around = 86400;
@@ -118,7 +118,7 @@ bool makeOrdinaryTime(std::tm fields, std::time_t* result)
     return true;
 }
 
-/// The seconds since 1970 of a local time. False when the host cannot tell.
+/// The seconds since 1970 of a local time. False when the operating system cannot tell.
 bool makeTime(const Calendar& given, long* result)
 {
     const long long year = given.year < 70    ? 2000 + given.year
@@ -139,7 +139,7 @@ bool makeTime(const Calendar& given, long* result)
     fields.tm_isdst = given.dst;
     fields.tm_wday = -1;
     const std::time_t made = std::mktime(&fields);
-    if (fields.tm_wday < 0) // -1 is a time too; only a failure leaves the day of the week
+    if (fields.tm_wday < 0) // -1 is a valid time; only a failure leaves the day of the week unset
         return false;
     *result = made;
     return true;
@@ -175,7 +175,7 @@ public:
             ++rest;
     }
 
-    /// Passes a number; false when there is none.
+    /// Consumes a number; false when there is none.
     bool take(long long* out)
     {
         if (current != number)
@@ -185,7 +185,7 @@ public:
         return true;
     }
 
-    /// Passes `wanted`; false when something else is there.
+    /// Consumes `wanted`; false when the next token is another.
     bool take(Kind wanted)
     {
         if (current != wanted)
