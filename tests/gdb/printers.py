@@ -1,5 +1,5 @@
-"""printers.py GDB PROGRAM LIBRARY SCRIPT STRIP: what gdb prints of the program's values, with the library as it was built,
-and with one that has no debug information, as an installed one has."""
+"""printers.py GDB PROGRAM LIBRARY SCRIPT STRIP: gdb's output of the program's values, with the library as it was built, and
+with one without debug information, like an installed one."""
 import pathlib
 import re
 import shutil
@@ -7,7 +7,7 @@ import subprocess
 import sys
 import tempfile
 
-# With a library without debug information the program knows some classes by name only.
+# With a library without debug information the program has only the names of some classes.
 EXPECTED_OF_LESS = {
     "green": "value 1 of an enumeration",
     "numbers": "xrchandle: xintsequence at ADDRESS = {get() = ADDRESS}",
@@ -46,7 +46,7 @@ EXPECTED = {
 
 
 def printed(gdb, program, library):
-    """What gdb prints of each expression, stopped in main; the library of that path is the one to load."""
+    """gdb's output of each expression, stopped in main; gdb loads the library of that path."""
     commands = ["set width 0", "set confirm off", "set disable-randomization off",
                 f"set environment LD_LIBRARY_PATH {library.parent}", "break stopHere", "run", "info sharedlibrary libqelstd",
                 "up"]
@@ -62,7 +62,7 @@ def printed(gdb, program, library):
 
 
 def check(what, expectations, gdb, program, library):
-    """The number of expressions that are printed wrong."""
+    """The number of expressions with wrong output."""
     wrong = 0
     for (expression, expected), text in zip(expectations.items(), printed(gdb, program, library)):
         if re.sub("0x[0-9a-f]+", "ADDRESS", text) != expected:

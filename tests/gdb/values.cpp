@@ -1,4 +1,4 @@
-// A program to stop: one value of each kind that gdb has a printer for, and of each marker.
+// A program for the debugger: one value of each type that has a printer, and of each marker.
 
 #include <qel/qelexception.h>
 #include <qel/xany.h>
@@ -9,7 +9,7 @@
 
 namespace {
 
-/// A sequence of an application's own.
+/// A sequence class of an application.
 class Ages : public xintsequence
 {
 };

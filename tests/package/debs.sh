@@ -1,7 +1,6 @@
 #!/bin/bash
-# debs.sh BUILD SOURCE: the Debian packages in BUILD do what they are for: they are installed in a copy of this system that
-# lives in memory and for this script only; programs run, users' projects build with what is there, and nothing is left
-# when the packages are removed.
+# debs.sh BUILD SOURCE: tests the Debian packages in BUILD: they are installed in a temporary copy of this system in memory;
+# programs run, users' projects build with the installed files, and no file is left when the packages are removed.
 set -euo pipefail
 
 say() { printf '== %s\n' "$*"; }
@@ -14,7 +13,7 @@ expect() # TEXT COMMAND...: the command must print the text
 }
 quietly() { "$@" >/debs/log 2>&1 || { cat /debs/log >&2; fail "$*"; }; }
 
-inside() # VERSION: as root of the copy; /debs has the packages, those of debug information excepted, and the projects
+inside() # VERSION: runs as root of the copy; /debs has the packages, except those of debug information, and the projects
 {
     local version=$1 major=${1%%.*} folder package
     folder=/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
@@ -63,7 +62,7 @@ inside() # VERSION: as root of the copy; /debs has the packages, those of debug 
     ! command -v qel || fail "qel is still there"
 }
 
-copied() # BUILD SOURCE PLACE: makes the copy in that folder, in a mount name space of its own, and goes inside
+copied() # BUILD SOURCE PLACE: makes the copy in that folder, in a separate mount namespace, and runs `inside` there
 {
     local build=$1 source=$2 place=$3 version main package file depends page
     version=$(sed -n 's/^project(qelstd VERSION \([0-9.]*\).*/\1/p' "$source/CMakeLists.txt")
@@ -105,7 +104,7 @@ copied() # BUILD SOURCE PLACE: makes the copy in that folder, in a mount name sp
 
     chroot "$root" /bin/bash /debs/debs.sh inside "$version"
 
-    # What remains changed is dpkg's and ldconfig's own, and this script's.
+    # The remaining changes are those of dpkg, ldconfig and this script.
     local left
     left=$(cd "$changes" && find . ! -type d | grep -v -E '^\./(debs/|tmp/|var/lib/dpkg/|var/log/|var/cache/|etc/ld\.so\.cache$)' || true)
     [[ -z $left ]] || fail "left behind: $left"

@@ -1,5 +1,5 @@
 #!/bin/bash
-# run.sh CMAKE PKG-CONFIG C++ PYTHON SOURCE BUILD: what a user of the library does: installs it, builds a small program with it
+# run.sh CMAKE PKG-CONFIG C++ PYTHON SOURCE BUILD: uses the library like a user: installs it, builds a small program with it
 # in each supported way, and runs that.
 set -euo pipefail
 cmake=$1 pkg_config=$2 cxx=$3 python=$4 source=$5 build=$6

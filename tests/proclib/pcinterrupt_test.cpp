@@ -20,7 +20,7 @@ Interrupt Make()
 
 std::atomic<int> handled = 0;
 
-// What this program itself does on an interrupt.
+// This program's own handler of an interrupt.
 struct OwnHandler
 {
     OwnHandler()
@@ -40,7 +40,7 @@ struct OwnHandler
 
 } // namespace
 
-TEST(pcInterruptEvent, IsSharedAndTakesBothKeysUntilTheLastOneGoes)
+TEST(pcInterruptEvent, IsSharedAndTakesBothKeysUntilLastIsDestroyed)
 {
     const OwnHandler own;
     handled = 0;
@@ -64,15 +64,15 @@ TEST(pcInterruptEvent, IsSharedAndTakesBothKeysUntilTheLastOneGoes)
         EXPECT_EQ(second->getIsSignaled(), 1);
         EXPECT_EQ(handled, 0);
     }
-    pcInterruptEvent::Reset(); // there is none: nothing happens
+    pcInterruptEvent::Reset(); // no effect without an event
     raise(SIGINT);
     raise(SIGQUIT);
     EXPECT_EQ(handled, 2);
     EXPECT_EQ(openDescriptors(), descriptors);
-    EXPECT_EQ(Make()->getIsSignaled(), 0); // a new one knows nothing of the past
+    EXPECT_EQ(Make()->getIsSignaled(), 0); // a new one is not signaled by earlier keys
 }
 
-TEST(pcInterruptEvent, ComesAndGoesWhileKeysArrive)
+TEST(pcInterruptEvent, IsCreatedAndDestroyedWhileKeysArrive)
 {
     const OwnHandler own;
     std::atomic<bool> done = false;

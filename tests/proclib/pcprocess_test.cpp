@@ -57,7 +57,7 @@ int ExitCodeOf(pcProcess& process)
 
 } // namespace
 
-TEST_F(Processes, TalkThroughTheStreamsThatTheyAreGiven)
+TEST_F(Processes, CommunicateThroughGivenStreams)
 {
     const Owned<ioPipe> in(ioPipe::Create()), out(ioPipe::Create()), err(ioPipe::Create());
     const Process process = Start("sh -c \"tr a-z A-Z; echo end >&2; exit 7\"", in->getReadEnd(),
@@ -90,7 +90,7 @@ TEST_F(Processes, TalkThroughTheStreamsThatTheyAreGiven)
     process->Terminate();
 }
 
-TEST_F(Processes, TakeFilesAndConnectionsAsTheirStreams)
+TEST_F(Processes, AcceptFilesAndConnectionsAsStreams)
 {
     const TempDir dir;
     dir.write("in", "TEXT");
@@ -102,7 +102,7 @@ TEST_F(Processes, TakeFilesAndConnectionsAsTheirStreams)
     ASSERT_TRUE(door.Wait(btkTimeval(20.0), 1) == 1 && door.Accept(&peer));
     const Owned<netSocketStream> connection(netSocketStream::Create(connected.release()));
     const Owned<ioFileStream> file(ioFileStream::Open(dir.path("in").c_str(), ioReadOnly));
-    file->ReadByte(); // the process goes on behind it
+    file->ReadByte(); // the process continues after it
 
     const Process process = Start("tr A-Z a-z", file.get(), connection.get(), ioStream::getStderr());
     EXPECT_EQ(ExitCodeOf(*process), 0);
@@ -112,7 +112,7 @@ TEST_F(Processes, TakeFilesAndConnectionsAsTheirStreams)
     EXPECT_EQ(text, "ext");
 }
 
-TEST_F(Processes, GoOnWhereTheirStreamsStand)
+TEST_F(Processes, ContinueAtPositionOfGivenStreams)
 {
     const TempDir dir;
     dir.write("out", "");
@@ -127,7 +127,7 @@ TEST_F(Processes, GoOnWhereTheirStreamsStand)
     EXPECT_EQ(ExitCodeOf(*Start("printf 2", nullptr, pipe->getWriteEnd())), 0);
     EXPECT_EQ(ReadAll(*pipe->getReadEnd()), "1 2");
 
-    // What cannot be written, or is read ahead and cannot be given back, starts nothing.
+    // Data that cannot be written, or were read ahead and cannot be returned, prevent the start.
     const Owned<ioFileStream> full(ioFileStream::Open("/dev/full", ioWriteOnly));
     full->WriteInt(1);
     EXPECT_EQ(
@@ -143,7 +143,7 @@ TEST_F(Processes, GoOnWhereTheirStreamsStand)
     EXPECT_FALSE(std::filesystem::exists(dir.path("started")));
 }
 
-TEST_F(Processes, GoOnWhereTheInheritedStandardStreamsStand)
+TEST_F(Processes, ContinueAtPositionOfInheritedStandardStreams)
 {
     const TempDir dir;
     dir.write("in", "one\ntwo\n");
@@ -161,7 +161,7 @@ TEST_F(Processes, GoOnWhereTheInheritedStandardStreamsStand)
     EXPECT_EQ(dir.read("out"), "before two\n");
 }
 
-TEST_F(Processes, StayUnstartedWhenAStreamCanNotBePassed)
+TEST_F(Processes, AreNotStartedWhenStreamCannotBePassed)
 {
     const Owned<ioStringStream> memory(ioStringStream::Create("text"));
     const Owned<ioPipe> pipe(ioPipe::Create());
@@ -179,7 +179,7 @@ TEST_F(Processes, StayUnstartedWhenAStreamCanNotBePassed)
     EXPECT_EQ(pipe->getReadEnd()->getIsOpen() + pipe->getWriteEnd()->getIsOpen(), 2);
 }
 
-TEST_F(Processes, StartInADirectoryInNativeForm)
+TEST_F(Processes, StartInDirectoryInNativeForm)
 {
     const TempDir dir;
     dir.makeDir("a/b");
@@ -190,7 +190,7 @@ TEST_F(Processes, StartInADirectoryInNativeForm)
     EXPECT_EQ(ExitCodeOf(*process), 0);
 }
 
-TEST_F(Processes, AreInterruptedAndTerminatedWithTheirGroup)
+TEST_F(Processes, AreInterruptedAndTerminatedWithGroup)
 {
     for (const bool kill : {false, true}) {
         const Owned<ioPipe> in(ioPipe::Create()), out(ioPipe::Create());
@@ -202,12 +202,12 @@ TEST_F(Processes, AreInterruptedAndTerminatedWithTheirGroup)
             process->Terminate();
         else
             process->Interrupt();
-        EXPECT_EQ(ReadAll(*out->getReadEnd()), ""); // nobody of the group holds it
+        EXPECT_EQ(ReadAll(*out->getReadEnd()), ""); // no process of the group holds it
         EXPECT_EQ(ExitCodeOf(*process), 128 + (kill ? SIGKILL : SIGINT));
     }
 }
 
-TEST_F(Processes, OpenedByIdAreWatchedButNotWaitedFor)
+TEST_F(Processes, OpenedByIdAreObservedButNotWaitedFor)
 {
     const Process process = Start("sleep 60");
     const Process opened(pcProcess::Open(process->getId()));
@@ -227,7 +227,7 @@ TEST_F(Processes, OpenedByIdAreWatchedButNotWaitedFor)
     }
 }
 
-TEST(pcGetShellCommand, IsWhatTheEnvironmentSays)
+TEST(pcGetShellCommand, FollowsEnvironment)
 {
     const EnvSetting noShell("SHELL", nullptr), noComspec("COMSPEC", nullptr);
     EXPECT_TRUE(pcGetShellCommand() == nullptr);

@@ -1,4 +1,4 @@
-"""Dictionaries do what dicts do, but for the order of their keys."""
+"""Dictionaries behave like dicts, except for the order of their keys."""
 import copy
 import pickle
 import random
@@ -9,7 +9,7 @@ from qelstd import UNINIT, BoolDictionary, IntDictionary, RealDictionary, String
 
 
 class Dictionaries(unittest.TestCase):
-    def test_every_operation_does_what_it_does_to_a_dict(self):
+    def test_operations_match_dict(self):
         chance = random.Random(11)
         operations = [
             lambda d, k, v: d.__setitem__(k, v),
@@ -42,7 +42,7 @@ class Dictionaries(unittest.TestCase):
         self.assertEqual(dictionary, model)
         self.assertGreater(failures, 50)
 
-    def test_values_of_each_type_come_back(self):
+    def test_values_of_each_type_are_returned(self):
         cases = [
             (BoolDictionary, [True, False, None, UNINIT]),
             (IntDictionary, [0, -7, 2**31 - 1, None, UNINIT]),
@@ -62,7 +62,7 @@ class Dictionaries(unittest.TestCase):
                     self.assertNotEqual(again, dictionary)
         self.assertEqual(IntDictionary([("a", 1)], b=2), {"a": 1, "b": 2})
 
-    def test_what_is_no_key(self):
+    def test_invalid_keys(self):
         dictionary = IntDictionary(a=1)
         for key in ("b", "a\0", None, 1, b"a", ("a",)):
             self.assertNotIn(key, dictionary)
@@ -75,14 +75,14 @@ class Dictionaries(unittest.TestCase):
         self.assertRaises(OverflowError, dictionary.__setitem__, "new", 2**31)
         self.assertEqual(dict(dictionary), {"a": 1})
 
-    def test_a_walk_may_change_the_dictionary(self):
+    def test_iteration_may_change_dictionary(self):
         dictionary = IntDictionary((f"k{i}", i) for i in range(100))
         for key in dictionary:
             del dictionary[key]
             dictionary[key + "'"] = 1
         self.assertEqual(sorted(dictionary), sorted(f"k{i}'" for i in range(100)))
 
-    def test_popitem_takes_every_entry_once(self):
+    def test_popitem_removes_every_entry_once(self):
         entries = {f"k{i}": i for i in range(200)}
         dictionary = IntDictionary(entries)
         taken = dict(dictionary.popitem() for _ in range(200))
@@ -90,8 +90,8 @@ class Dictionaries(unittest.TestCase):
         self.assertFalse(dictionary)
         self.assertRaises(KeyError, dictionary.popitem)
 
-    def test_a_walk_leaves_the_table_as_it_was(self):
-        # Slots without an entry are told from those past the table by assigning to them.
+    def test_iteration_leaves_table_unchanged(self):
+        # An assignment distinguishes a slot without an entry from one past the table.
         dictionary = StringDictionary(a="1", b="2")
         before = [(key, dictionary[key]) for key in dictionary]
         self.assertEqual(len(dictionary), 2)

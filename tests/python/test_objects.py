@@ -18,19 +18,19 @@ set_exception = library.function("xsetexc_c", None, ctypes.c_void_p)
 
 
 def count(pointer):
-    """The number of references to an object, which stands behind its pointer to the virtual functions."""
+    """The reference count of an object, which follows its vtable pointer."""
     return ctypes.c_int32.from_address(pointer + ctypes.sizeof(ctypes.c_void_p)).value
 
 
 class Ownership(unittest.TestCase):
-    def test_an_object_of_python_holds_one_reference(self):
+    def test_python_object_holds_one_reference(self):
         sequence = IntSequence([1])
         self.assertEqual(count(sequence.pointer), 1)
-        for _ in range(10):  # failures hold references meanwhile, and lose them
+        for _ in range(10):  # failures hold references meanwhile, and release them
             self.assertRaises(IndexError, library.call, sequence._functions["get"], sequence.pointer, 5)
         self.assertEqual(count(sequence.pointer), 1)
 
-    def test_adopting_takes_over_and_sharing_adds(self):
+    def test_adopt_takes_over_and_share_adds_reference(self):
         pointer = create_int_sequence()
         shared = Object.share(pointer)
         self.assertIs(type(shared), IntSequence)
@@ -44,7 +44,7 @@ class Ownership(unittest.TestCase):
         self.assertEqual(count(pointer), 1)
         self.assertEqual(adopted[0], 5)
 
-    def test_an_object_of_another_class_stays_the_callers(self):
+    def test_object_of_another_class_stays_with_caller(self):
         pointer = create_int_sequence()
         for kind in (StringSequence, qelstd.Dictionary):
             with self.assertRaisesRegex(TypeError, "intseq"):
@@ -54,7 +54,7 @@ class Ownership(unittest.TestCase):
         self.assertEqual(count(pointer), 1)
         release(pointer)
 
-    def test_a_subclass_of_python_may_be_asked_for(self):
+    def test_adopt_as_python_subclass(self):
         class Ages(IntSequence):
             pass
         made = Ages([1, 2])
@@ -69,12 +69,12 @@ class Ownership(unittest.TestCase):
         self.assertIs(Object.adopt(22), UNINIT)
         self.assertIs(Object.share(22), UNINIT)
 
-    def test_bases_are_not_made(self):
+    def test_bases_cannot_be_created(self):
         for kind in (Object, qelstd.Sequence, qelstd.Dictionary):
             self.assertRaises(TypeError, kind)
 
     @unittest.skipIf("asan" in os.environ.get("LD_PRELOAD", ""), "the address sanitizer keeps freed memory")
-    def test_memory_is_given_back(self):
+    def test_memory_is_freed(self):
         def use():
             for kind in (IntSequence, StringSequence):
                 sequence = kind()
@@ -103,7 +103,7 @@ class Ownership(unittest.TestCase):
 
 
 class Exceptions(unittest.TestCase):
-    def test_they_are_the_built_in_ones_with_the_librarys_words(self):
+    def test_are_built_in_exceptions_with_library_text(self):
         sequence, dictionary = IntSequence(), IntDictionary()
         cases = [
             (lambda: library.call(sequence._functions["get"], sequence.pointer, 5), qelstd.InvalidSeqIndex, IndexError,
@@ -122,26 +122,26 @@ class Exceptions(unittest.TestCase):
             self.assertIsInstance(caught.exception, qelstd.Error)
             self.assertEqual((caught.exception.type_name, str(caught.exception)), (type_name, text))
 
-    def test_one_left_by_other_code_is_not_blamed_on_the_next_call(self):
+    def test_exception_left_by_other_code_is_not_raised_by_next_call(self):
         failing = library.function("xintsequence_get", ctypes.c_int, ctypes.c_void_p, ctypes.c_int)
         sequence = IntSequence([1])
         failing(sequence.pointer, 7)
         self.assertEqual(len(sequence), 1)
         set_exception(None)
 
-    def test_an_unknown_class_is_an_error(self):
+    def test_unknown_class_is_error(self):
         raised = qelstd.errors.make("mylib::XBroken", None)
         self.assertIs(type(raised), qelstd.Error)
         self.assertEqual(str(raised), "mylib::XBroken")
 
-    def test_they_go_through_pickle_whole(self):
+    def test_pickle_round_trip(self):
         raised = pickle.loads(pickle.dumps(qelstd.errors.make("qellib::XNull", "no value")))
         self.assertIs(type(raised), qelstd.NullValue)
         self.assertEqual((str(raised), raised.type_name), ("no value", "qellib::XNull"))
 
 
 class Values(unittest.TestCase):
-    def test_uninit_is_one(self):
+    def test_uninit_is_singleton(self):
         self.assertIs(qelstd.Uninit(), UNINIT)
         self.assertIs(copy.deepcopy(UNINIT), UNINIT)
         self.assertIs(pickle.loads(pickle.dumps(UNINIT)), UNINIT)
@@ -155,13 +155,13 @@ class Values(unittest.TestCase):
         printed = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True, check=True).stdout
         self.assertEqual(printed, "before\nintseq\n[\n  0 : 1\n  1 : nil\n]after\n")
 
-    def test_the_package_names_the_library_that_it_is_built_with(self):
+    def test_package_names_library_of_its_build(self):
         expected = os.environ.get("QELSTD_SONAME")
         self.assertEqual(library.SONAME, expected)
 
 
 class Threads(unittest.TestCase):
-    def test_each_thread_gets_its_own_failures(self):
+    def test_each_thread_has_own_failures(self):
         wrong = []
 
         def work(size):
@@ -190,8 +190,8 @@ class Threads(unittest.TestCase):
             sys.setswitchinterval(interval)
         self.assertEqual(wrong, [])
 
-    def test_other_code_does_not_take_a_failure_away(self):
-        other = ctypes.CDLL(library._path())  # lets go of the interpreter's lock
+    def test_other_code_does_not_clear_failure(self):
+        other = ctypes.CDLL(library._path())  # releases the GIL
         stop = threading.Event()
 
         def clear():

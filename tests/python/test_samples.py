@@ -1,4 +1,4 @@
-"""The samples in the package's documents say what happens."""
+"""The samples in the package's documents are correct."""
 import doctest
 import pathlib
 import unittest

@@ -1,4 +1,4 @@
-"""Sequences do what lists do."""
+"""Sequences behave like lists."""
 import copy
 import itertools
 import pickle
@@ -10,7 +10,7 @@ from qelstd import UNINIT, BoolSequence, IntSequence, RealSequence, StringSequen
 
 
 class Sequences(unittest.TestCase):
-    def test_every_operation_does_what_it_does_to_a_list(self):
+    def test_operations_match_list(self):
         chance = random.Random(7)
         bounds = [None, *range(-9, 10)]
 
@@ -61,7 +61,7 @@ class Sequences(unittest.TestCase):
             seen.add((number, outcomes[0] in (IndexError, ValueError)))
         self.assertGreater(len(seen), len(operations) + 5)  # successes of all, failures of many
 
-    def test_elements_of_each_type_come_back(self):
+    def test_elements_of_each_type_are_returned(self):
         cases = [
             (BoolSequence, [True, False, None, UNINIT]),
             (IntSequence, [0, -1, 2**31 - 1, -2**31 + 2, None, UNINIT]),
@@ -81,7 +81,7 @@ class Sequences(unittest.TestCase):
                     again.append(None)
                     self.assertNotEqual(again, sequence)
 
-    def test_values_that_are_no_elements_are_refused_and_change_nothing(self):
+    def test_invalid_elements_are_refused_and_change_nothing(self):
         cases = [
             (IntSequence, [2**31, -2**31, -2**31 + 1, 10**30], OverflowError),
             (IntSequence, ["1", 1.0, [1]], TypeError),
@@ -102,7 +102,7 @@ class Sequences(unittest.TestCase):
                         self.assertRaises(error, attempt)
                     self.assertEqual(list(sequence), [None])
 
-    def test_indices_of_any_size_and_kind(self):
+    def test_indices_of_any_size_and_type(self):
         sequence = IntSequence([1, 2, 3])
         for index in (3, -4, 2**31, 2**32, -2**32, 2**32 + 1, 10**30):
             self.assertRaises(IndexError, sequence.__getitem__, index)
@@ -115,7 +115,7 @@ class Sequences(unittest.TestCase):
         self.assertEqual(list(sequence), [0, 1, 2, 3, 4])
         self.assertEqual(list(sequence[-2**40:2**40]), [0, 1, 2, 3, 4])
 
-    def test_a_walk_sees_what_is_appended_meanwhile(self):
+    def test_iteration_includes_elements_appended_meanwhile(self):
         sequence = IntSequence([1, 2])
         walked = []
         for element in sequence:
@@ -124,7 +124,7 @@ class Sequences(unittest.TestCase):
                 sequence.append(element * 10)
         self.assertEqual(walked, [1, 2, 10, 20, 100])
 
-    def test_equality_is_for_sequences_and_lists(self):
+    def test_equality_with_sequences_and_lists(self):
         self.assertEqual(IntSequence([1, 0]), BoolSequence([True, False]))
         self.assertNotEqual(IntSequence([1]), (1,))
         self.assertNotEqual(IntSequence([1]), IntSequence([1, 1]))
@@ -132,7 +132,7 @@ class Sequences(unittest.TestCase):
         self.assertRaises(TypeError, hash, IntSequence())
         self.assertRaises(TypeError, lambda: IntSequence() + (1,))
 
-    def test_large_ones(self):
+    def test_large_sequences(self):
         sequence = IntSequence(range(20000))
         self.assertEqual(sum(sequence), 19999 * 10000)
         del sequence[::2]

@@ -7,8 +7,8 @@
 #include <qel/qeltable.h>
 #include <qel/xrtti.h>
 
-// Every type that the library registers, written from the live descriptors, is compared with types.txt. A
-// change there is a change of the interface. QEL_WRITE_TYPES=1 in the environment writes the file anew.
+// Compares every type that the library registers, printed from the descriptors, with types.txt. A change
+// there is a change of the interface. QEL_WRITE_TYPES=1 in the environment rewrites the file.
 
 namespace {
 
@@ -78,7 +78,7 @@ std::string describeAll()
 
 } // namespace
 
-TEST(Registration, MakesTheTypesThatAreListed)
+TEST(Registration, MatchesListOfTypes)
 {
     const std::string live = describeAll();
     if (std::getenv("QEL_WRITE_TYPES") != nullptr)
@@ -90,7 +90,7 @@ TEST(Registration, MakesTheTypesThatAreListed)
     EXPECT_EQ(live, listed.str());
 }
 
-TEST(Registration, GivesEveryClassItsOwnDescriptor)
+TEST(Registration, EveryClassHasOwnDescriptor)
 {
     struct Count
     {
@@ -111,7 +111,7 @@ TEST(Registration, GivesEveryClassItsOwnDescriptor)
     EXPECT_GT(count.tables, 30);
 }
 
-TEST(Registration, KnowsTheNamesInCode)
+TEST(Registration, ReturnsNamesUsedInCode)
 {
     EXPECT_TRUE(qelRttiCppName(qelRttiGetFromMap("filelib::NodeInfo")) == "fsNodeInfo");
     EXPECT_TRUE(qelRttiCppName(qelRttiGetFromMap("filelib::OpMode")) == "fsOpMode");
@@ -125,7 +125,7 @@ TEST(Registration, KnowsTheNamesInCode)
         nullptr);
 }
 
-TEST(Registration, MakesObjectsByTheNameOfTheirClass)
+TEST(Registration, CreatesObjectsByClassName)
 {
     int made = 0;
     qelRttiForEach(

@@ -1,6 +1,6 @@
-// Each server beside each kind of client that does not behave: an honest client loses no request and hardly
-// waits, memory stays what it is, and SIGTERM ends the server within a second. Prints the figures.
-// QELSTD_LONG_TESTS takes enough of them for the promised 99th percentile.
+// Each server with each kind of hostile client: an honest client loses no request and hardly waits, memory
+// does not grow, and SIGTERM stops the server within a second. Prints the figures. QELSTD_LONG_TESTS measures
+// enough requests for the promised 99th percentile.
 
 #include <algorithm>
 #include <atomic>
@@ -44,10 +44,10 @@ struct Service
     std::vector<std::string> arguments;
     std::string ping, pong;
     std::string request, answer;
-    std::string begun; // a request that breaks off in a value which has more than 200 bytes
-    std::string large; // a request with an answer that no connection holds
-    std::string held;  // one that the server is busy with until more comes
-    // Makes large answers possible; whatever it needs is there until the end.
+    std::string begun; // a request truncated within a value of more than 200 bytes
+    std::string large; // a request with an answer larger than a connection's buffers
+    std::string held;  // a request that occupies the server until more data arrive
+    // Makes large answers possible; its resources are kept until the end.
     std::function<void(int port)> prepare = [](int) {};
 };
 
@@ -58,7 +58,7 @@ std::string Number(int value)
     return bytes;
 }
 
-// As a remote shell and a stream have it.
+// In the form of the remote shell and of streams.
 std::string Text(const std::string& text)
 {
     return Number(static_cast<int>(text.size())) + text;
@@ -79,7 +79,7 @@ std::string Entry(const std::string& name, const std::string& value)
     return bytes;
 }
 
-// What a server answers to `bytes`: as many bytes as `size` at most.
+// The server's answer to `bytes`: at most `size` bytes.
 std::string Exchange(btkStreamSocket& socket, const std::string& bytes, std::size_t size)
 {
     socket.SetRecvLimit(patience);
@@ -94,7 +94,7 @@ Service Names()
     Service names;
     names.name = "qel ns serve";
     names.program = QEL_PROGRAM;
-    // Few places, so that they would be lost to whoever takes the most.
+    // Few places, so that a client that takes many would exhaust them.
     names.arguments = {"ns", "serve", "--port", "0", "--waiting", "16"};
     names.ping = NamesRequest(nmsRequestCode::ping);
     names.pong = std::string(1, 0);
@@ -117,7 +117,7 @@ Service Names()
     return names;
 }
 
-// What a client of a versioned server sends first, and gets back, around a request.
+// A request preceded by the handshake of a versioned server, or the answer with the server's verdict.
 std::string Opened(const std::string& request)
 {
     return std::string(1, 0) + request;
@@ -168,17 +168,17 @@ Service Words()
     return words;
 }
 
-// ---- those that do not behave
+// ---- hostile clients
 
 struct Manner
 {
     const char* name;
     std::size_t kept; // connections at the same time
-    double each;      // seconds: how often the oldest gives way to a new one
+    double each;      // seconds after which a new connection replaces the oldest
     void (*begin)(const Service& service, btkStreamSocket& socket);
     bool drips = false;
-    std::size_t stuck = 0; // connections beside them that never end what they have begun
-    int late = 0;          // milliseconds between an honest client's coming and its first byte
+    std::size_t stuck = 0; // further connections that never complete their request
+    int late = 0;          // milliseconds between an honest client's connection and its first byte
 };
 
 void PrintTo(const Manner& manner, std::ostream* to)
@@ -191,7 +191,7 @@ void SendOf(btkStreamSocket& socket, const std::string& bytes)
     socket.Send(bytes.data(), bytes.size());
 }
 
-// It ends with a reset.
+// Closes the connection with a reset.
 void EndAtOnce(btkStreamSocket& socket)
 {
     const linger atOnce = {1, 0};
@@ -233,7 +233,7 @@ const Manner manners[] = {
      0, 50},
 };
 
-// They come from another address than the honest ones until the object ends.
+// They connect from another address than the honest clients until the object is destroyed.
 class BadClients
 {
 public:
@@ -246,14 +246,14 @@ public:
     BadClients& operator=(const BadClients&) = delete;
     ~BadClients() { stop(); }
 
-    /// To be called before the server ends, which refuses them then.
+    /// Call it before the server stops, which then refuses connections.
     void stop()
     {
         ends = true;
         if (thread.joinable())
             thread.join();
     }
-    /// How many have come so far.
+    /// The number of connections so far.
     int getCount() const { return count; }
 
 private:
@@ -305,9 +305,9 @@ struct Figures
     std::vector<double> latencies; // milliseconds, of answered requests, sorted
     int failed = 0;
     int badClients = 0;
-    long growth = 0;      // KiB that the server has used at most beyond what it used before
+    long growth = 0;      // KiB: the server's peak memory minus its memory before
     long laterGrowth = 0; // KiB more in the second half than in the first
-    double end = 0;       // milliseconds from SIGTERM to the end
+    double end = 0;       // milliseconds from SIGTERM to the exit
     int status = -1;
 
     double part(double share) const
@@ -408,7 +408,7 @@ class Hostile : public testing::TestWithParam<std::tuple<const char*, Manner>>
 
 } // namespace
 
-TEST_P(Hostile, ClientsDelayNobodyAndKeepNoServer)
+TEST_P(Hostile, ClientsDelayNoOthersAndNoShutdown)
 {
     const Service& service = ServiceOf(std::get<0>(GetParam()));
     const Manner& manner = std::get<1>(GetParam());
@@ -416,21 +416,21 @@ TEST_P(Hostile, ClientsDelayNobodyAndKeepNoServer)
     const TestNameServer names; // for the servers that have a name
     const int requests = manner.late > 0 ? ofALongRun(20, 100) : ofALongRun(100, 2000);
     Figures figures = Measure(service, manner, requests);
-    // What another program of this machine has delayed is measured again.
+    // A measurement that another program of this machine has delayed is repeated.
     for (int again = 0; again < 2 && figures.failed == 0 && !figures.isQuick(); ++again)
         figures = Measure(service, manner, requests);
     AddLine(service, manner, figures);
 
     EXPECT_EQ(figures.failed, 0);
     EXPECT_EQ(figures.status, 0);
-    if (freedMemoryIsGone) { // else it is a sanitizer's time that would be measured, and its memory
+    if (freedMemoryIsGone) { // else the sanitizer's time and memory would be measured
         EXPECT_TRUE(figures.isQuick());
         EXPECT_LT(figures.growth, 64 << 10);
         EXPECT_LT(figures.laterGrowth, 4 << 10);
     } else {
         EXPECT_LT(figures.end, 5000);
     }
-    // However often it is tried.
+    // Repeated in long runs.
     for (int more = manner.stuck > 0 ? ofALongRun(0, 99) : 0; more > 0; --more) {
         figures = Measure(service, manner, 1);
         EXPECT_EQ(figures.status, 0);

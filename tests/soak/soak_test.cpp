@@ -1,6 +1,6 @@
-// Everything at once for a while, in one process: clients of the name server and of a named server, monitor
-// files that are written and watched, remote commands, configuration files and the registry. Nothing may be
-// lost, and memory and descriptors must stay what they were. QELSTD_SOAK_SECONDS says how long.
+// All libraries under load in one process: clients of the name server and of a named server, monitor files
+// that are written and watched, remote commands, configuration files and the registry. Nothing may be lost,
+// and memory and descriptors must not grow. QELSTD_SOAK_SECONDS is the duration.
 
 #include <algorithm>
 #include <array>
@@ -38,7 +38,7 @@ double soakSeconds()
     return given != nullptr ? std::atof(given) : 4;
 }
 
-// Answers an integer and a text that its client sends.
+// Sends back an integer and a text that its client sends.
 void echo(netSocketStream& stream)
 {
     const int value = stream.ReadInt();
@@ -48,7 +48,7 @@ void echo(netSocketStream& stream)
     stream.Flush(1);
 }
 
-// ---- one round each; true when all was as it should be
+// ---- one round each; true when all results were right
 
 bool askServer(int round)
 {
@@ -131,7 +131,7 @@ bool keepSettings(const std::string& path, int round)
 
 } // namespace
 
-TEST(Soak, LosesNothingAndStaysWhatItWas)
+TEST(Soak, NothingIsLostAndMemoryIsStable)
 {
     const double seconds = soakSeconds();
     const long before = openDescriptors();
@@ -197,7 +197,7 @@ TEST(Soak, LosesNothingAndStaysWhatItWas)
                 }
             });
         }
-        // What is in use while all workers rest and the server has collected its threads.
+        // Resources in use while all workers rest and the server has joined its threads.
         const auto measure = [&] {
             pauses = true;
             const btkTimeval end = btkTimeval::Now() + btkTimeval(20, 0);

@@ -22,7 +22,7 @@ const unsigned short* asWide(const char* marker)
     return reinterpret_cast<const unsigned short*>(marker);
 }
 
-/// The C form without its reference, to look at.
+/// The C structure without a reference of its own, for inspection.
 __xstring_c look(const xstring& s)
 {
     const __xstring_c c = s.getxstring_c();
@@ -48,7 +48,7 @@ std::u16string wide(const xstring& s)
     return wideString(s.CastToCWString());
 }
 
-/// Runs `call` and answers the text of the framework exception that it must throw.
+/// Runs `call` and returns the text of the framework exception that it must throw.
 template<typename Call>
 std::string thrown(Call call)
 {
@@ -58,7 +58,7 @@ std::string thrown(Call call)
 
 } // namespace
 
-TEST(xstring, IsNullWithoutText)
+TEST(xstring, IsNullForNullAndMarkers)
 {
     EXPECT_TRUE(isNull(xstring()));
     EXPECT_TRUE(isNull(xstring(nullptr)));
@@ -76,7 +76,7 @@ TEST(xstring, IsNullWithoutText)
     EXPECT_TRUE(isNull(assigned = nullptr));
 }
 
-TEST(xstring, AnswersForTheNullStringWithoutReadingItsMarkers)
+TEST(xstring, QueriesOfNullStringDoNotReadMarkers)
 {
     const xstring null;
     int i;
@@ -98,7 +98,7 @@ TEST(xstring, AnswersForTheNullStringWithoutReadingItsMarkers)
     EXPECT_TRUE(isNull(same));
 }
 
-TEST(xstring, TakesNoTextAsAnArgument)
+TEST(xstring, AcceptsMarkersAsArguments)
 {
     for (const char* marker : noText) {
         xstring s("a b");
@@ -114,7 +114,7 @@ TEST(xstring, TakesNoTextAsAnArgument)
     }
 }
 
-TEST(xstring, SharesOneBufferAmongEmptyStrings)
+TEST(xstring, EmptyStringsShareOneBuffer)
 {
     char* mb;
     unsigned short* units;
@@ -151,7 +151,7 @@ TEST(xstring, SharesOneBufferAmongEmptyStrings)
     shared->Unlock();
 }
 
-TEST(xstring, IsMadeFromTextsAndTheirParts)
+TEST(xstring, ConstructsFromTextsAndParts)
 {
     EXPECT_EQ(xstring("abc", "def"), "abcdef");
     EXPECT_EQ(xstring("abc", xuninitstr), "abc");
@@ -166,11 +166,11 @@ TEST(xstring, IsMadeFromTextsAndTheirParts)
     EXPECT_EQ(xstring("\xC3\xA9\xE2\x82\xAC!", 1, 2), "\xE2\x82\xAC");
     EXPECT_EQ(xstring(WideText(u"abcdef"), 2), WideText(u"ab"));
     EXPECT_EQ(xstring(WideText(u"abcdef"), 4, 99), WideText(u"ef"));
-    const char unterminated[] = {'a', 'b', 'c'}; // the sanitizer's run watches
+    const char unterminated[] = {'a', 'b', 'c'}; // the sanitizer detects a read beyond it
     EXPECT_EQ(xstring(unterminated, 3), "abc");
 }
 
-TEST(xstring, SharesItsBufferUntilOneCopyIsWrittenTo)
+TEST(xstring, CopiesShareBufferUntilWritten)
 {
     const xstring original("shared text");
     xstring copy(original);
@@ -187,7 +187,7 @@ TEST(xstring, SharesItsBufferUntilOneCopyIsWrittenTo)
     EXPECT_EQ(assigned, "other");
 }
 
-TEST(xstring, WritesToItsOwnBufferInPlace)
+TEST(xstring, WritesToUnsharedBufferInPlace)
 {
     xstring s("a text that is long enough");
     const btkStrBuf* const buffer = look(s).buffer;
@@ -201,7 +201,7 @@ TEST(xstring, WritesToItsOwnBufferInPlace)
     EXPECT_EQ(s, "shorTer Text.");
 }
 
-TEST(xstring, PassesItsReferenceThroughTheCForm)
+TEST(xstring, PassesReferenceThroughCStructure)
 {
     const __xstring_c c = xstring("text").getxstring_c();
     xstring s(c);
@@ -213,7 +213,7 @@ TEST(xstring, PassesItsReferenceThroughTheCForm)
 
     xstring moved(std::move(s));
     EXPECT_EQ(moved, "text");
-    EXPECT_TRUE(isNull(s)); // NOLINT(bugprone-use-after-move): it is null then
+    EXPECT_TRUE(isNull(s)); // NOLINT(bugprone-use-after-move): moved-from strings are null
     EXPECT_TRUE(isNull(xstring(look(s))));
     moved = std::move(assigned);
     EXPECT_EQ(moved, "text");
@@ -222,7 +222,7 @@ TEST(xstring, PassesItsReferenceThroughTheCForm)
     EXPECT_EQ(moved, "text");
 }
 
-TEST(xstring, ProducesItsOtherFormOnDemandAndDropsItWhenStale)
+TEST(xstring, ProducesOtherFormOnDemandAndDropsItWhenStale)
 {
     xstring s(WideText(u"h\u00E9llo"));
     EXPECT_EQ(look(s).mb, nullptr);
@@ -243,7 +243,7 @@ TEST(xstring, ProducesItsOtherFormOnDemandAndDropsItWhenStale)
     EXPECT_EQ(wide(s), u"h\u00E9llo!?x");
 }
 
-TEST(xstring, KeepsTextsWhileACopyHoldsTheBuffer)
+TEST(xstring, TextsStayValidWhileCopyHoldsBuffer)
 {
     xstring copy;
     const char* text;
@@ -253,12 +253,12 @@ TEST(xstring, KeepsTextsWhileACopyHoldsTheBuffer)
         text = s.CastToCString();
     }
     EXPECT_STREQ(text, "kept");
-    // The text that the other string produced may also be what this one is assigned.
+    // The text that the other string produced may also be assigned to this one.
     copy = text;
     EXPECT_EQ(copy, "kept");
 }
 
-TEST(xstring, AppendsAndTakesPartsOfItself)
+TEST(xstring, AppendsAndAssignsPartsOfItself)
 {
     xstring s("abc");
     s += s.CastToCString() + 1;
@@ -297,7 +297,7 @@ TEST(xstring, AppendsToNull)
     EXPECT_TRUE(isNull(nothing));
 }
 
-TEST(xstring, GivesSubstringsInCharactersOfTheFormAtHand)
+TEST(xstring, SubstringCountsCharactersOfProducedForm)
 {
     const xstring s("abcdef");
     EXPECT_EQ(s.Substring(2, -1), "cdef");
@@ -311,7 +311,7 @@ TEST(xstring, GivesSubstringsInCharactersOfTheFormAtHand)
     EXPECT_EQ(smile.Substring(1, -1), "!") << "UTF-8 characters afterwards";
 }
 
-TEST(xstring, FindsTheCharacterThatSubstringTakes)
+TEST(xstring, PosReturnsIndexForSubstring)
 {
     const xstring size("Gr\xC3\xB6\xC3\x9F\x65: 5");
     EXPECT_EQ(size.Substring(size.Pos(":") + 1, -1), " 5");
@@ -324,7 +324,7 @@ TEST(xstring, FindsTheCharacterThatSubstringTakes)
     EXPECT_EQ(xstring("\xFF\xC3x").Pos("x"), 2) << "bytes that are no UTF-8 are characters";
 }
 
-TEST(xstring, TakesBytesWithTheirNumber)
+TEST(xstring, ConstructsFromStringView)
 {
     const std::string text = "\xC3\xA9t\xC3\xA9 and more";
     EXPECT_EQ(xstring(std::string_view(text).substr(0, 5)), "\xC3\xA9t\xC3\xA9");
@@ -334,7 +334,7 @@ TEST(xstring, TakesBytesWithTheirNumber)
         EXPECT_TRUE(xstring(none) == "");
 }
 
-TEST(xstring, PassesQueriesToTheFormThatFits)
+TEST(xstring, QueriesUseMatchingForm)
 {
     for (const xstring& s : {xstring(" 12 \xC3\xA9"), xstring(WideText(u" 12 \u00E9"))}) {
         EXPECT_EQ(s.GetNWords(" "), 2);
@@ -364,7 +364,7 @@ TEST(xstring, PassesQueriesToTheFormThatFits)
     EXPECT_EQ(mb, "aBc");
 }
 
-TEST(xstring, SubstitutesInPlaceOrInANewBuffer)
+TEST(xstring, SubstitutesInPlaceOrInNewBuffer)
 {
     const auto substituted = [](xstring s, const char* from, const char* to, int start, int count) {
         const xstring copy(s);
@@ -392,7 +392,7 @@ TEST(xstring, SubstitutesInPlaceOrInANewBuffer)
     EXPECT_EQ(s, "\xC3\xA9,<>");
 }
 
-TEST(xstring, ComparesNullTextsAndForms)
+TEST(xstring, ComparesNullsTextsAndForms)
 {
     const xstring null, empty(""), mb("h\xC3\xA9"), units(WideText(u"h\u00E9"));
     for (const char* marker : noText) {
@@ -411,7 +411,7 @@ TEST(xstring, ComparesNullTextsAndForms)
     EXPECT_TRUE(mb != "h" && mb != "h\xC3\xA9!" && mb != xstring("H\xC3\xA9") && units != WideText(u"h"));
 }
 
-TEST(xstring, FailsWhereAWideTextHasNoMultibyteForm)
+TEST(xstring, ThrowsForWideTextWithoutMultibyteForm)
 {
     const std::string message = "xstring::GetMBSize: invalid wide string";
     xstring s(WideText(u"a\xD800z"));
@@ -434,7 +434,7 @@ TEST(xstring, FailsWhereAWideTextHasNoMultibyteForm)
     EXPECT_EQ(s, "narrow again");
 }
 
-TEST(xstring, FormatsUpToItsWorkingArea)
+TEST(xstring, PrintfFormatsUpToWorkingArea)
 {
     EXPECT_EQ(xstring::Printf("%d %s", 12, "x"), "12 x");
     const xstring units = xstring::Printf(WideText(u"%s\u20AC"), "\xC3\xA9");
@@ -445,7 +445,7 @@ TEST(xstring, FormatsUpToItsWorkingArea)
     EXPECT_DEATH(xstring::Printf("%2056s", "x"), "String too long");
 }
 
-TEST(xstring, WritesItselfToAStream)
+TEST(xstring, WritesToStream)
 {
     std::ostringstream out;
     const xstring units(WideText(u"s\u00EDn"));
@@ -455,7 +455,7 @@ TEST(xstring, WritesItselfToAStream)
     EXPECT_EQ(look(units).mb, nullptr) << "written from a temporary copy";
 }
 
-TEST(xstring, IsReadFromTwoThreadsThroughTwoCopies)
+TEST(xstring, TwoThreadsReadTwoCopies)
 {
     for (int round = 0; round < 300; ++round) {
         xstring mine(WideText(u"s\u00EDn"));

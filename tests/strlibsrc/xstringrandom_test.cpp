@@ -12,7 +12,7 @@
 
 namespace {
 
-/// What a string should be: plain UTF-16, or nothing. The standard library converts.
+/// The reference model of a string: plain UTF-16, or nothing. The standard library converts.
 struct Model
 {
     std::optional<std::u16string> text;
@@ -135,7 +135,7 @@ protected:
         model.text = kept;
     }
 
-    /// Compares without or with producing a form, as it comes.
+    /// Compares, at random with or without producing a form.
     void check(const xstring& s, const Model& model)
     {
         ASSERT_EQ(s == nullptr, !model.text);
@@ -164,7 +164,7 @@ protected:
 
 } // namespace
 
-TEST_F(RandomStrings, BehaveAsPlainTextsDo)
+TEST_F(RandomStrings, MatchReferenceModel)
 {
     constexpr int strings = 4;
     xstring s[strings];
@@ -173,7 +173,7 @@ TEST_F(RandomStrings, BehaveAsPlainTextsDo)
         const int changed = below(strings);
         const int other = below(strings);
         step(s[changed], model[changed], s[other], model[other]);
-        // A change of one must not show in another, whatever they share.
+        // A change of one must not affect another, whatever they share.
         for (int k = 0; k < strings; ++k)
             check(s[k], model[k]);
         ASSERT_FALSE(HasFatalFailure()) << "step " << i;

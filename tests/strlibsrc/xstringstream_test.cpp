@@ -4,7 +4,7 @@
 
 #include <qel/xstring.h>
 
-TEST(xstringFromStrstream, TakesWhatHasBeenWrittenAndLetsTheStreamGoOn)
+TEST(xstringFromStrstream, TakesWrittenTextAndStreamStaysUsable)
 {
     std::strstream stream;
     xstring s("before");
@@ -16,7 +16,7 @@ TEST(xstringFromStrstream, TakesWhatHasBeenWrittenAndLetsTheStreamGoOn)
     stream.freeze(false);
 
     for (int i = 0; i < 500; ++i)
-        stream << '.'; // fails on a frozen stream; the leak check sees whether it frees its memory
+        stream << '.'; // fails on a frozen stream; the leak check verifies that it frees its memory
     s = stream;
     EXPECT_EQ(s.GetLength(), 509);
     EXPECT_TRUE(s.Match("number 12...*"));
@@ -25,7 +25,7 @@ TEST(xstringFromStrstream, TakesWhatHasBeenWrittenAndLetsTheStreamGoOn)
     EXPECT_EQ(xstring(stream).GetLength(), 509);
 }
 
-TEST(xstringFromStrstream, TakesAllOfAFullArray)
+TEST(xstringFromStrstream, TakesWholeFullArray)
 {
     char array[4];
     std::strstream stream(array, sizeof array);

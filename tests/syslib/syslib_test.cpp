@@ -30,7 +30,7 @@ std::string textOf(const xstring& text)
 
 } // namespace
 
-TEST(SystemQueries, NameTheMachineAndItsTypes)
+TEST(SystemQueries, ReturnMachineNameAndTypes)
 {
     utsname host;
     ASSERT_EQ(uname(&host), 0);
@@ -41,7 +41,7 @@ TEST(SystemQueries, NameTheMachineAndItsTypes)
     EXPECT_NE(textOf(sysGetCurUserName()), "(null)");
 }
 
-TEST(SystemQueries, ReportAUserWithoutNameOnTheErrorStream)
+TEST(SystemQueries, ReportUserWithoutNameOnErrorStream)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs the right to become another user";
@@ -58,7 +58,7 @@ TEST(SystemQueries, ReportAUserWithoutNameOnTheErrorStream)
     EXPECT_EQ(result, 0);
 }
 
-TEST(SystemEnvironment, TellsUnsetFromEmptyAndCopies)
+TEST(SystemEnvironment, DistinguishesUnsetFromEmptyAndCopies)
 {
     EnvSetting restored("QEL_TEST_SYS", nullptr);
     EXPECT_EQ(textOf(sysGetEnv("QEL_TEST_SYS")), "(null)");
@@ -72,7 +72,7 @@ TEST(SystemEnvironment, TellsUnsetFromEmptyAndCopies)
     EXPECT_EQ(textOf(sysGetEnv("QEL_TEST_SYS")), "");
 }
 
-TEST(SystemEnvironment, ReportsAVariableThatCannotBeSet)
+TEST(SystemEnvironment, ReportsVariableThatCannotBeSet)
 {
     for (const auto& [name, value] :
          {std::pair<const char*, const char*>{"A=B", "x"}, {"", "x"}, {"X", nullptr}}) {
@@ -90,9 +90,9 @@ TEST(SystemEnvironment, ReportsAVariableThatCannotBeSet)
     EXPECT_STREQ(sysGetDescription(4), "No description");
 }
 
-TEST(SystemEnvironment, ChangesBesidePathsTimesAndProcesses)
+TEST(SystemEnvironment, ChangesWhilePathsTimesAndProcessesAreUsed)
 {
-    // Each new name makes the table longer, so that readers meet it while it moves.
+    // Each new name enlarges the table, so that readers access it while it is reallocated.
     const EnvSetting restored("QELSTD_DRIVE_Q", nullptr);
     const int names = ofALongRun(1000, 20000);
     TempDir dir;
@@ -131,7 +131,7 @@ TEST(SystemEnvironment, ChangesBesidePathsTimesAndProcesses)
     EXPECT_EQ(fshGetSize("Q:\\inside"), 5.0);
 }
 
-TEST(SystemCommands, AnswerTheExitStatus)
+TEST(SystemCommands, ReturnExitStatus)
 {
     TempDir dir;
     EXPECT_EQ(sysOSCall("exit 7"), 7);
@@ -142,7 +142,7 @@ TEST(SystemCommands, AnswerTheExitStatus)
     EXPECT_EQ(sysOSCall(nullptr), -1);
 }
 
-TEST(SystemCommands, StartWithSignalsAsByDefaultAndLeaveOursAlone)
+TEST(SystemCommands, StartWithDefaultSignalsAndKeepCallersHandlers)
 {
     sigset_t blocked, before;
     sigemptyset(&blocked);
@@ -157,7 +157,7 @@ TEST(SystemCommands, StartWithSignalsAsByDefaultAndLeaveOursAlone)
     sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
-TEST(SystemCommands, AnswerTheExitStatusWhereTheEndsOfChildrenAreIgnored)
+TEST(SystemCommands, ReturnExitStatusWhileChildExitsAreIgnored)
 {
     struct sigaction unwaited = {}, before;
     unwaited.sa_flags = SA_NOCLDWAIT;
@@ -167,7 +167,7 @@ TEST(SystemCommands, AnswerTheExitStatusWhereTheEndsOfChildrenAreIgnored)
     unwaited.sa_handler = SIG_IGN;
     sigaction(SIGCHLD, &unwaited, nullptr);
     {
-        const ChildProcess another([] { return pause(); }); // is not waited for
+        const ChildProcess another([] { return pause(); }); // not waited for
         EXPECT_EQ(sysOSCall("(exit 5); test $? = 5 && exit 7"), 7);
         EXPECT_EQ(sysOSCall("kill -TERM $$; exit 1"), 128 + SIGTERM);
         EXPECT_EQ(sysOSCall("-no-option"), 127);
@@ -175,7 +175,7 @@ TEST(SystemCommands, AnswerTheExitStatusWhereTheEndsOfChildrenAreIgnored)
     sigaction(SIGCHLD, &before, nullptr);
 }
 
-TEST(SystemSleep, LastsAtLeastAsLongAsAsked)
+TEST(SystemSleep, LastsAtLeastGivenTime)
 {
     const auto begin = std::chrono::steady_clock::now();
     sysSleep(-5);

@@ -20,7 +20,7 @@ namespace {
 
 using testing::ExitedWithCode;
 
-/// A zone with daylight saving, so that a mistaken UTC shows.
+/// A zone with daylight saving time, so that a mistaken use of UTC is detected.
 class Time : public testing::Test
 {
 protected:
@@ -53,7 +53,7 @@ protected:
 
 } // namespace
 
-TEST_F(Time, BreaksASecondDownInLocalTime)
+TEST_F(Time, BreaksSecondDownToLocalTime)
 {
     tmTime time(1104710399); // 2005-01-02 23:59:59 UTC, a Sunday
 
@@ -67,7 +67,7 @@ TEST_F(Time, BreaksASecondDownInLocalTime)
     EXPECT_EQ(time.getSecond(), 59);
 }
 
-TEST_F(Time, StoresWholeSecondsAndKeepsTheOldOnesForWhatIsNoTime)
+TEST_F(Time, StoresWholeSecondsAndIgnoresInvalidTimes)
 {
     tmTime time(5);
     EXPECT_EQ(time.setAbsTime(12.9), 12.0);
@@ -77,7 +77,7 @@ TEST_F(Time, StoresWholeSecondsAndKeepsTheOldOnesForWhatIsNoTime)
         EXPECT_EQ(time.setAbsTime(none), -12.0);
 }
 
-TEST_F(Time, HasNoFieldsBeyondTheCalendar)
+TEST_F(Time, FieldsAreNullBeyondCalendar)
 {
     const auto fieldsOf = [](double seconds) {
         tmTime time(0);
@@ -95,7 +95,7 @@ TEST_F(Time, HasNoFieldsBeyondTheCalendar)
     EXPECT_EXIT(text(100000000000000000), ExitedWithCode(1), "time object: \"1e\\+17\" given the format");
 }
 
-TEST_F(Time, MakesLocalTimesAndLetsFieldsRunOver)
+TEST_F(Time, MakesLocalTimesAndCarriesFieldsOver)
 {
     EXPECT_EQ(local(2005, 13, 1), "2006-01-01 00:00:00");
     EXPECT_EQ(local(2005, 1, 0, -1), "2004-12-30 23:00:00");
@@ -110,7 +110,7 @@ TEST_F(Time, MakesLocalTimesAndLetsFieldsRunOver)
     EXPECT_EQ(local(2005, 7, 1, 12, 0, 0, 1), "2005-07-01 12:00:00");
 }
 
-TEST_F(Time, ReadsEveryAcceptedForm)
+TEST_F(Time, ParsesEveryAcceptedForm)
 {
     EXPECT_EQ(read("12/31/2004 23:59:30"), "2004-12-31 23:59:30");
     EXPECT_EQ(read("12-31-04"), "2004-12-31 00:00:00");
@@ -125,9 +125,9 @@ TEST_F(Time, ReadsEveryAcceptedForm)
     EXPECT_EQ(read("1/2 10:20"), year + "-01-02 10:20:00");
 }
 
-TEST_F(Time, ReadsWhatTheHostReadsAlsoWhenClocksAreChanged)
+TEST_F(Time, ParsesAsMktimeAroundClockChanges)
 {
-    // Every half hour of a year as the clock shows it: an hour of these does not exist, and one exists twice.
+    // Every half hour of a year in local time: one hour of these does not exist, and one exists twice.
     for (int halfHour = 0; halfHour < 365 * 48; ++halfHour) {
         std::tm fields = {};
         fields.tm_year = 105;
@@ -145,7 +145,7 @@ TEST_F(Time, ReadsWhatTheHostReadsAlsoWhenClocksAreChanged)
     }
 }
 
-TEST_F(Time, FollowsAChangeOfTheZone)
+TEST_F(Time, FollowsChangeOfTimeZone)
 {
     sysPutEnv("TZ", "UTC0");
     long time = 0;
@@ -192,7 +192,7 @@ TEST_F(Time, RefusesEverythingElse)
     EXPECT_FALSE(tmString2Time(xnullstr, &time));
 }
 
-TEST_F(Time, FormatsByTheFormatOrTheDefault)
+TEST_F(Time, FormatsByFormatOrDefault)
 {
     EXPECT_EQ(text(1104744000, nullptr), "Mon Jan 03 10:20:00 05");
     EXPECT_EQ(text(1104744000, xnullstr), "Mon Jan 03 10:20:00 05");
@@ -208,7 +208,7 @@ TEST_F(Time, FormatsByTheFormatOrTheDefault)
     EXPECT_EQ(thrownBy([] { tmTime::TimeToString(nullptr, "%Y"); }), "qellib::XNotInitialized");
 }
 
-TEST_F(Time, ReportsFailuresAndEndsTheProcess)
+TEST_F(Time, FailuresAreReportedAndEndProcess)
 {
     EXPECT_EXIT(tmTime::TimeFromString("10:30", "%H"), ExitedWithCode(1),
                 "^Exception: \"Invalid time string\"\n"
@@ -232,7 +232,7 @@ TEST_F(Time, ReportsFailuresAndEndsTheProcess)
                 "the format string: \"\" \\)\n$");
 }
 
-TEST_F(Time, TellsTheTimeNow)
+TEST_F(Time, ReturnsCurrentTime)
 {
     const double before = tmTime::RealTime();
     tmTime* const now = tmTime::CurrentTime();
@@ -244,7 +244,7 @@ TEST_F(Time, TellsTheTimeNow)
     xdelete(now);
 }
 
-TEST_F(Time, IsReadThroughItsDescriptor)
+TEST_F(Time, AttributesAreReadThroughDescriptor)
 {
     xrttistruct* const type = dynamic_cast<xrttistruct*>(tmTime::getClassRtti());
     ASSERT_NE(type, nullptr);
@@ -272,7 +272,7 @@ TEST_F(Time, MayBeUsedByManyThreads)
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([t] {
             for (int i = 0; i < 500; ++i) {
-                const long noon = 86400L * i + 43200; // no hour that a change of the clock repeats
+                const long noon = 86400L * i + 43200; // no hour that a clock change repeats
                 long read = 0;
                 EXPECT_TRUE(tmString2Time(text(noon, "%m/%d/%Y %H:%M:%S").c_str(), &read));
                 EXPECT_EQ(read, noon);

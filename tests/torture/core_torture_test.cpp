@@ -11,7 +11,7 @@
 #include <qel/qelstd_c.h>
 #include <qel/qeltable.h>
 
-// The core with memory that runs out.
+// The core with failing allocations.
 
 using torture::attempt;
 using torture::Outcome;
@@ -189,7 +189,7 @@ void readingAttributes()
 void dataOfAType()
 {
     static int data;
-    xrttiobject type; // it has no name and keeps its data to itself
+    xrttiobject type; // without a name, its user data are not shared with a registered one
     static const auto keys = [] {
         std::vector<std::string> made;
         for (int i = 0; i < 8; ++i)
@@ -219,7 +219,7 @@ void elementOfAnArray()
 void chainOfOwners()
 {
     xrchandle<Node> first;
-    for (int i = 0; i < 300; ++i) { // deep enough that deaths have to wait for one another
+    for (int i = 0; i < 300; ++i) { // deep enough that nested deletions are deferred
         const xrchandle<Node> next(new Node);
         next->_s11n_setNext(first);
         first = next;
@@ -355,7 +355,7 @@ constexpr torture::Piece pieces[] = {
     {"DictionariesFromC", dictionariesFromC},
 };
 
-/// A class of which nobody knows before it is asked for its descriptor.
+/// A class that is unknown before its descriptor is requested.
 template<int n>
 class Late : public virtual Node
 {
@@ -398,7 +398,7 @@ void describeLate(bool ever)
 
 INSTANTIATE_TEST_SUITE_P(OfMemory, Torture, testing::ValuesIn(pieces), torture::nameOf);
 
-TEST(OutOfMemory, LeavesWhatWasThereWhenAStringCannotGrow)
+TEST(OutOfMemory, StringThatCannotGrowIsUnchanged)
 {
     if (!failing::ofMalloc)
         GTEST_SKIP() << "texts come from malloc";
@@ -417,7 +417,7 @@ TEST(OutOfMemory, LeavesWhatWasThereWhenAStringCannotGrow)
     EXPECT_EQ(text.CastToCString()[text.GetLength() - 1], '!');
 }
 
-TEST(OutOfMemory, LetsADictionaryShrinkLater)
+TEST(OutOfMemory, DictionaryShrinksLater)
 {
     for (const bool settled : {false, true}) {
         const xrchandle<xintdictionary> dictionary(xintdictionary::create());
@@ -443,7 +443,7 @@ TEST(OutOfMemory, LetsADictionaryShrinkLater)
     }
 }
 
-TEST(OutOfMemory, LeavesCollectionsWhole)
+TEST(OutOfMemory, CollectionsStayConsistent)
 {
     const xrchandle<xintdictionary> dictionary(xintdictionary::create());
     const xrchandle<xstringsequence> sequence(xstringsequence::create());
@@ -468,7 +468,7 @@ TEST(OutOfMemory, LeavesCollectionsWhole)
     }
 }
 
-TEST(OutOfMemory, LeavesNoClassHalfDescribed)
+TEST(OutOfMemory, NoDescriptorIsHalfBuilt)
 {
     []<int... n>(std::integer_sequence<int, n...>)
     {

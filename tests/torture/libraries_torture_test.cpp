@@ -15,7 +15,7 @@
 #include <qel/qelstd.h>
 #include <qel/xmonlib.h>
 
-// Streams, files and what stands on them with memory that runs out.
+// Streams, files and the libraries above them with failing allocations.
 
 using torture::need;
 
@@ -140,7 +140,7 @@ void pipes()
 void copiedTree()
 {
     const TempDir& dir = folder();
-    for (const char* name : {"tree", "copy", "moved"}) // of a try that ended early
+    for (const char* name : {"tree", "copy", "moved"}) // of an attempt that ended early
         if (fshExists(dir.path(name)))
             fsRemove(dir.path(name), fsRecursive);
     fsCreateDir(dir.path("tree/deep/deeper"), fsRecursive);
@@ -258,7 +258,7 @@ void commandLine()
     btkQuoteWord(longText);
 }
 
-// A process that is freed while it runs is kept in mind until it has ended: this waits for that.
+// A process that is freed while it runs is remembered until it has exited: this waits for that.
 struct NoneRuns
 {
     ~NoneRuns()
@@ -266,7 +266,7 @@ struct NoneRuns
         failing::Failing::stop();
         const btkTimeval end = btkTimeval::Now() + btkTimeval(10.0);
         for (btkProcess* none; !hasNoChildren() && btkTimeval::Now() < end;) {
-            EXPECT_FALSE(Process_Open(&none, 0)); // takes the exit codes of those that nobody owns any more
+            EXPECT_FALSE(Process_Open(&none, 0)); // takes the exit codes of those without an owner
             std::this_thread::yield();
         }
     }
