@@ -1,6 +1,5 @@
-/* Loaded before all else into the programs of a coverage run. Counts are written when a program exits; much
-   of what fails in tests on purpose does so in a process that ends at once, by _exit or abort. Those write
-   theirs here. */
+/* Preloaded into the programs of a coverage run. Counts are written when a program exits normally; many tests
+   make a process fail on purpose, by _exit or abort. Such a process writes its counts here. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <pthread.h>
@@ -13,8 +12,7 @@ enum { most = 32 };
 
 static void (*dumps[most])(void);
 static int count;
-static pid_t
-    owner; /* a process that shares its maker's memory until it runs another program writes nothing */
+static pid_t owner; /* a vforked process, which shares its parent's memory until exec, writes nothing */
 
 void qel_coverage_take(void (*dump)(void))
 {
@@ -38,7 +36,7 @@ static void write_counts(void)
     struct rlimit most_bytes;
     if (getpid() != owner)
         return;
-    /* A file cut off in the middle would take no counts any more. */
+    /* A truncated file would accept no more counts. */
     getrlimit(RLIMIT_FSIZE, &most_bytes);
     if (most_bytes.rlim_cur != RLIM_INFINITY) {
         most_bytes.rlim_cur = most_bytes.rlim_max = RLIM_INFINITY;

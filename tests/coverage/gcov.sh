@@ -1,6 +1,6 @@
 #!/bin/bash
-# gcov.sh ARGUMENT...: gcov, for gcovr. A process that was forked in the middle of a function and ended at once has counted
-# an end without its beginning; what comes out negative by that counts as not reached.
+# gcov.sh ARGUMENT...: gcov, for gcovr. A process that was forked within a function and exited immediately has counted the
+# function's end without its beginning; counts that become negative in this way are reported as not reached.
 gcov "$@"
 status=$?
 shopt -s nullglob

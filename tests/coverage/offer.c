@@ -1,4 +1,4 @@
-/* Part of every library and program of a coverage build: tells how its counts are written. */
+/* Part of every library and program of a coverage build: registers the function that writes its counts. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 

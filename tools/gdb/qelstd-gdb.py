@@ -1,4 +1,4 @@
-"""Pretty printers for gdb: strings, variants, handles, sequences and dictionaries as what they hold.
+"""Pretty printers for gdb: the contents of strings, variants, handles, sequences and dictionaries.
 
 gdb loads this file with libqelstd.so. They read memory only and call nothing in the program, so they work on core dumps.
 """
@@ -34,12 +34,12 @@ def address(pointer):
 
 
 def marker(pointer):
-    """What a pointer to an object says when it points at none."""
+    """The name of a marker pointer; None for a pointer to an object."""
     return {0: "null", UNINIT_OBJECT: "uninit"}.get(address(pointer))
 
 
 def element(value):
-    """An element or a payload for people: the two reserved numbers of each type by name, bools as words."""
+    """An element or a payload in readable form: the two reserved numbers of each type by name, bools as words."""
     kind = value.type.strip_typedefs()
     if kind.code == gdb.TYPE_CODE_INT and kind.sizeof == 4 and kind.is_signed:
         return {NULL_INT: "null", UNINIT_INT: "uninit"}.get(int(value), value)
@@ -51,7 +51,7 @@ def element(value):
 
 
 def class_name(pointer):
-    """The class of an object that the program knows by name only: its table of virtual functions has a symbol."""
+    """The class of an object without debug information, from the symbol of its vtable."""
     try:
         table = int(pointer.cast(gdb.lookup_type("long").pointer()).dereference())
         found = re.match(r"vtable for (.+) \+ \d+ in section", gdb.execute(f"info symbol {table}", to_string=True))
@@ -80,7 +80,7 @@ def number_text(value):
 
 
 class String:
-    """xstring and __xstring_c: the text in the form that there is; "null" for the null string."""
+    """xstring and __xstring_c: the text in the form that exists; "null" for the null string."""
 
     def __init__(self, value):
         self.value = value
@@ -128,12 +128,12 @@ class Variant:
             kind = value["type"].cast(value["type"].dynamic_type).dereference()
             label = kind["labels"][number].string() if 0 <= number < int(kind["nValues"]) else "no label"
             return f"{kind['name']['mb'].string()} {label} ({number})"
-        except gdb.error:  # the program may know the descriptor's class by name only
+        except gdb.error:  # the descriptor's class may lack debug information
             return f"value {number} of an enumeration"
 
 
 class Handle:
-    """xrchandle and xrcunihandle: the class of what is held, and the pointer to it."""
+    """xrchandle and xrcunihandle: the class of the object, and the pointer to it."""
 
     def __init__(self, value):
         self.name = base_named(value.type, "xrchandle", "xrcunihandle").tag.split("<")[0]
@@ -148,7 +148,7 @@ class Handle:
 
 
 class Collection:
-    """What sequences and dictionaries share: elements of one type, kept in a block of memory."""
+    """The base of sequences and dictionaries: elements of one type in a block of memory."""
     TEMPLATES = None
     FIELDS = None  # the block, the elements it has or has room for, and one more; each with its offset
 
@@ -164,7 +164,7 @@ class Collection:
 
         def read(field, kind):
             name, offset = field
-            # The compiler describes these classes in the library's debug information only.
+            # Only the library's debug information describes these classes.
             return value[name] if base.fields() else (place + offset).cast(kind.pointer()).dereference()
 
         word = gdb.lookup_type("unsigned int")
@@ -194,7 +194,7 @@ class Sequence(Collection):
 
 
 class Dictionary(Collection):
-    """The dictionaries: the entries in the order in which they lie."""
+    """The dictionaries: the entries in memory order."""
     TEMPLATES = ("xtbdictionary", "xtsdictionary", "xtcdictionary")
     FIELDS = (("table", 24), ("room", 52), ("count", 36))
 
@@ -203,7 +203,7 @@ class Dictionary(Collection):
 
     def children(self):
         pointer = self.block.type
-        # An entry is the pointer to its key, then the value, none of which asks for more than the pointer does.
+        # An entry is the pointer to its key, then the value, whose alignment is at most the pointer's.
         slot_size = pointer.sizeof + -(-self.element.sizeof // pointer.sizeof) * pointer.sizeof
         for slot in range(self.first):
             place = self.block + slot * slot_size
@@ -217,7 +217,7 @@ class Dictionary(Collection):
 
 
 class Printers(gdb.printing.PrettyPrinter):
-    """Finds the printer by the class of a value or a base class of it, so that subclasses are printed too."""
+    """Finds the printer by the class of a value or one of its base classes, so that subclasses are printed, too."""
     KINDS = [
         ("xstring", ("xstring", "__xstring_c"), String),
         ("xany", ("xany", "__xany_c"), Variant),

@@ -1,4 +1,4 @@
-// The shells' completion: the scripts, and what they ask at each press of the key.
+// The shells' completion: the scripts, and the command that they call at each press of the key.
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -16,9 +16,8 @@ namespace {
 
 // ---- the scripts
 
-// Both ask `qel complete -- WORD...` for what the last word may become: lines of a text, a tab and what it
-// is.
-// ":files" and ":directories" leave it to the shell.
+// Both call `qel complete -- WORD...` for the completions of the last word: each line is a text, a tab and a
+// description. ":files" and ":directories" leave the completion to the shell.
 constexpr const char* bashScript = R"(# bash completion for qel
 _qel()
 {
@@ -81,7 +80,7 @@ _qel()
 if [[ $funcstack[1] == _qel ]]; then _qel "$@"; else compdef _qel qel; fi
 )";
 
-// ---- what a word may become
+// ---- the completions of a word
 
 struct Offered
 {
@@ -95,7 +94,7 @@ std::map<const CLI::Option*, Offers>& OffersOfOptions()
     return offers;
 }
 
-// What is offered for a value, after its word in the help.
+// The completions of a value, chosen by its type name in the help.
 std::vector<std::string> ValuesOf(const CLI::Option& option, const Typed& typed)
 {
     const auto own = OffersOfOptions().find(&option);
@@ -111,7 +110,7 @@ std::vector<std::string> ValuesOf(const CLI::Option& option, const Typed& typed)
     return {};
 }
 
-// Reads the words before the last one as the parser would, and remembers what may come next.
+// Reads the words before the last one like the parser, and records what may follow.
 class Reader
 {
 public:
@@ -171,7 +170,7 @@ public:
     }
 
 private:
-    // That whose turn it is; the last one may take more than one value.
+    // The next positional argument; the last one may take more than one value.
     const CLI::Option* Argument() const
     {
         std::size_t before = typed.arguments.size();
@@ -190,14 +189,14 @@ private:
     }
 
     const CLI::App* command;
-    const CLI::Option* awaited = nullptr; // whose value comes next
+    const CLI::Option* awaited = nullptr; // the option whose value follows
     bool onlyArguments = false;
     Typed typed;
 };
 
 void Complete(const CLI::App& program, const std::vector<std::string>& words)
 {
-    // Whoever presses the key waits for it: what is slow is not offered.
+    // The user waits for the result: slow completions are left out.
     std::thread([] {
         std::this_thread::sleep_for(std::chrono::milliseconds(180));
         std::_Exit(0);
@@ -235,7 +234,7 @@ void AddCompletionCommands(CLI::App& program)
 {
     const auto shell = std::make_shared<std::string>();
     CLI::App& completion =
-        AddCommand(program, "completion", "Write the script by which a shell completes words for qel",
+        AddCommand(program, "completion", "Write the script with which a shell completes words for qel",
                    [shell] { PrintScript(*shell); });
     completion.footer("qel completion bash\tRead it in ~/.bashrc: source <(qel completion bash)\n"
                       "qel completion zsh\tRead it in ~/.zshrc: source <(qel completion zsh)\n");
@@ -248,8 +247,8 @@ void AddCompletionCommands(CLI::App& program)
           });
 
     const auto words = std::make_shared<std::vector<std::string>>();
-    CLI::App& complete = AddCommand(program, "complete", "Print what the last of the words may become",
+    CLI::App& complete = AddCommand(program, "complete", "Print the completions of the last word",
                                     [&program, words] { Complete(program, *words); });
-    complete.group(""); // for those scripts: not in the help
-    complete.add_option("word", *words, "What stands behind `qel` on the command line")->type_name("WORD");
+    complete.group(""); // for those scripts: hidden from the help
+    complete.add_option("word", *words, "The words after `qel` on the command line")->type_name("WORD");
 }

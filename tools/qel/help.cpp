@@ -1,4 +1,4 @@
-// The text of --help, from the objects that the command line is read with.
+// The text of --help, generated from the parser's objects.
 #include <algorithm>
 #include <sstream>
 #include <string>
@@ -10,12 +10,12 @@ namespace {
 
 constexpr std::size_t lineWidth = 79;
 
-// `text` in lines that begin at the column `from`, the first of them behind `before`.
+// `text` in lines that begin at the column `from`, the first of them after `before`.
 std::string Wrapped(const std::string& before, std::size_t from, const std::string& text)
 {
     std::string all = before;
     std::size_t column = before.size();
-    if (!before.empty() && column + 2 > from) { // no room left beside it
+    if (!before.empty() && column + 2 > from) { // no room left on its line
         all += '\n';
         column = 0;
     }
@@ -61,7 +61,7 @@ std::string Section(const char* title, const std::vector<Row>& rows)
 
 OptionHelp HelpOf(const CLI::Option& option)
 {
-    // Behind a colon stand the words of the checks, such as ":POSITIVE"; the description says it better.
+    // CLI11 appends the names of checks after a colon, such as ":POSITIVE"; the description is clearer.
     const std::string typeName = option.get_expected_max() == 0 ? std::string() : option.get_type_name();
     std::string value = typeName.substr(0, typeName.find(':'));
     if (option.get_expected_max() > 1)
@@ -96,7 +96,7 @@ std::vector<ExampleText> ExamplesOf(const CLI::App& command)
     for (const CLI::App* over = command.get_parent(); over != nullptr; over = over->get_parent())
         words = over->get_name() + ' ' + words;
     std::vector<ExampleText> examples;
-    std::istringstream rows(command.get_footer()); // a command has that of its group
+    std::istringstream rows(command.get_footer()); // a command inherits its group's
     for (std::string row; std::getline(rows, row);) {
         const std::size_t tab = row.find('\t');
         const std::string line = row.substr(0, tab);

@@ -1,4 +1,4 @@
-// qel info: what this program and its library are, and what they go by.
+// qel info: the version of this program and its library, and their settings.
 #include <limits>
 #include <string>
 
@@ -59,7 +59,7 @@ Json Everything()
     return all;
 }
 
-// A heading for each member, and a line for each of its own.
+// A heading for each member, and a line for each of its members.
 std::string Lines(const Json& everything)
 {
     std::string lines;
@@ -81,8 +81,8 @@ std::string Lines(const Json& everything)
 void AddInfoCommand(CLI::App& program)
 {
     CLI::App& info =
-        AddCommand(program, "info", "Print the version, the limits, and what of the environment is in force",
+        AddCommand(program, "info", "Print the version, the limits, and the settings from the environment",
                    [] { Show(Everything(), &Lines); });
-    info.footer("qel info --json\tFor a report of a fault.\n");
+    info.footer("qel info --json\tFor a bug report.\n");
     OfferJson(info);
 }

@@ -9,8 +9,8 @@
 
 namespace {
 
-// A standard stream that the program was started without must not become the first file or connection that is
-// opened. Reading it meets the end, and writing it fails.
+// If the program was started without a standard stream, its number must not be taken by the first file or
+// connection that is opened. Reading such a stream returns end of file, and writing it fails.
 void FillStandardStreams()
 {
     btkFd opened;
@@ -63,6 +63,6 @@ int Run(CLI::App& program, int argc, char** argv)
 int main(int argc, char** argv)
 {
     FillStandardStreams();
-    CLI::App program("Serves and asks the parts of a distributed system.", "qel");
+    CLI::App program("Runs and queries the parts of a distributed system.", "qel");
     return Run(program, argc, argv);
 }

@@ -1,4 +1,4 @@
-// qel man: the manual pages, in mdoc, from the objects that the command line is read with.
+// qel man: the manual pages, in mdoc, generated from the parser's objects.
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -15,7 +15,7 @@ namespace {
 
 // ---- mdoc
 
-// Text in short lines, none of which begins like a request; a backslash stands for itself.
+// Text in short lines, none of which begins like a request; backslashes are escaped.
 std::string TextLine(const std::string& text)
 {
     std::string lines;
@@ -78,7 +78,7 @@ std::string List(const std::vector<std::pair<std::string, std::string>>& rows)
 
 std::string Arguments(const CLI::App& command)
 {
-    const bool isProgram = command.get_parent() == nullptr; // the only one to tell of --help
+    const bool isProgram = command.get_parent() == nullptr; // only its page describes --help
     std::vector<std::pair<std::string, std::string>> rows;
     for (const bool positional : {true, false})
         for (const CLI::Option* const option : command.get_options())
@@ -157,7 +157,7 @@ std::string Head(const std::string& page, const std::string& does)
 
 std::string ProgramPage(const CLI::App& program)
 {
-    std::string page = Head("qel", "serves and asks the parts of a distributed system");
+    std::string page = Head("qel", "runs and queries the parts of a distributed system");
     page += ".Sh SYNOPSIS\n.Nm qel\n.Op Ar OPTION ...\n.Ar GROUP\n.Ar COMMAND\n.Op Ar ARGUMENT ...\n";
     page += ".Sh DESCRIPTION\nEach command, or group of commands, has a page of its own, such as\n"
             ".Xr qel-ns 1 :\n";
@@ -173,7 +173,7 @@ std::string ProgramPage(const CLI::App& program)
     return page + List(rows) + exitStatus + Examples(program) + SeeAlso(program, nullptr);
 }
 
-// Of a command of the program, or of a group of them.
+// The page of a command of the program, or of a group of commands.
 std::string CommandPage(const CLI::App& program, const CLI::App& top)
 {
     std::string does = SummaryOf(top);
@@ -232,9 +232,9 @@ void AddManCommand(CLI::App& program)
     const auto choices = std::make_shared<Choices>();
     CLI::App& man = AddCommand(program, "man", "Write a manual page for mandoc or man",
                                [&program, choices] { Man(program, *choices); });
-    man.group(""); // for who makes packages: not in the help
+    man.group(""); // for packagers: hidden from the help
     man.add_option("command", choices->command,
-                   "The command or group of commands whose page it is (default: that of the program)")
+                   "The command or group of commands to describe (default: the program)")
         ->type_name("COMMAND");
     man.add_option("--directory", choices->directory, "Write all pages, as files of this directory")
         ->type_name("DIRECTORY");

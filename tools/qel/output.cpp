@@ -1,4 +1,4 @@
-// What commands answer, and how they fail.
+// The output of commands, and their failures.
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
@@ -12,9 +12,9 @@
 
 namespace {
 
-bool asJson = false; // the flag --json, of whichever command is run
+bool asJson = false; // the flag --json of the command that runs
 
-// The path that an exception is about, or none.
+// The path that an exception names, or none.
 std::string PathOf(xthrowable& caught)
 {
     xrttistruct* const type = xrttistruct::softcast(caught.getRtti());
@@ -42,7 +42,7 @@ std::string Cell(const Json& value)
     return Printable(value.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
-// In characters, one for each place of the line.
+// The width in characters, each of which counts as one column.
 std::size_t WidthOf(const std::string& text)
 {
     return static_cast<std::size_t>(
@@ -64,7 +64,7 @@ std::string Heading(std::string name)
     return name;
 }
 
-// The columns are the members of the rows, in the order in which they are first seen.
+// The columns are the members of the rows, in the order of their first occurrence.
 std::vector<Column> ColumnsOf(const Json& rows)
 {
     std::vector<Column> columns;
@@ -147,7 +147,7 @@ CommandFailed FailureOf(xthrowable* caught, Exit status, const std::string& what
     return failed;
 }
 
-// ---- answering
+// ---- results
 
 std::string Padded(const std::string& text, std::size_t width)
 {

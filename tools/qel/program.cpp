@@ -1,4 +1,4 @@
-// The groups of commands, and what all of them share.
+// The groups of commands, and the options they share.
 #include "program.h"
 
 #include "commands.h"
@@ -19,7 +19,7 @@ void AddManCommand(CLI::App& program);
 
 namespace {
 
-// In the order in which the help names them; each has a source of the name beside it.
+// In the order of the help; the source of each is named beside it.
 constexpr AddCommands groups[] = {
     &AddNameServiceCommands, // ns
     &AddServerCommands,      // server
@@ -71,7 +71,7 @@ CLI::App& AddGroup(CLI::App& program, const char* name, const char* help,
 {
     CLI::App& group = *program.add_subcommand(name, help);
     group.require_subcommand(1);
-    std::string rows; // ExamplesOf takes them apart
+    std::string rows; // split by ExamplesOf
     for (const Example& example : examples)
         rows.append(example.command).append("\t").append(example.says).append("\n");
     group.footer(rows);

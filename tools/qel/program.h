@@ -5,7 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
-// What main.cpp and the program's own commands (help, manual pages, completion) know of the whole.
+// The program as a whole, for main.cpp and the commands about it (help, manual pages, completion).
 
 using AddCommands = void (*)(CLI::App& program);
 
@@ -16,7 +16,7 @@ const CLI::App* FindCommand(const CLI::App& command, const std::string& name);
 /// The words of the command that is being parsed or run: "qel ns list".
 std::string CommandLineOf(const CLI::App& program);
 
-/// A variable of the environment that the programs of the library heed, and what for.
+/// An environment variable of the library's programs, and its meaning.
 struct VariableHelp
 {
     const char* name;
@@ -25,22 +25,22 @@ struct VariableHelp
 inline constexpr VariableHelp environmentHelp[] = {
     {"VRXNMSPORT", "Port of the name server, here and on other machines (1239)"},
     {"QELSTD_REGISTRY", "Directory of the registry ($XDG_CONFIG_HOME/qelstd/registry)"},
-    {"QELSTD_DRIVE_C", "Where the drive C: is (/); QELSTD_DRIVE_D and so on add drives"},
+    {"QELSTD_DRIVE_C", "Directory of the drive C: (/); QELSTD_DRIVE_D and so on add drives"},
     {"NO_COLOR", "When not empty: write no colours to a terminal"},
 };
 
-/// What stands in the help for an option or an argument.
+/// The help for an option or an argument.
 struct OptionHelp
 {
     std::string term; // "-j, --jobs COUNT", "[FILE ...]"
-    std::string text; // what it is for, and its default
+    std::string text; // its description and default
 };
 OptionHelp HelpOf(const CLI::Option& option);
-/// What the command is for: the first sentence of its description.
+/// The summary of a command: the first sentence of its description.
 std::string SummaryOf(const CLI::App& command);
 /// The text of --help, in 80 columns.
 std::string HelpText(const CLI::App& command, const std::string& name);
-/// The examples of a command, each as its line and its sentence.
+/// An example of a command: its line and its sentence.
 struct ExampleText
 {
     std::string command;

@@ -1,4 +1,4 @@
-// How long work gets on, for a person who waits for it.
+// The progress of long work, shown to the user at a terminal.
 #include "progress.h"
 
 #include <algorithm>

@@ -3,8 +3,8 @@
 #include <chrono>
 #include <string>
 
-/// A line on the standard error output that shows how long work gets on. There is none unless that is a
-/// terminal, and none before the work has taken half a second; it is gone with the object.
+/// A line on the standard error output that shows the progress of long work. It appears only on a terminal
+/// and after half a second; the destructor erases it.
 class ProgressLine
 {
 public:
@@ -13,9 +13,9 @@ public:
     ProgressLine(const ProgressLine&) = delete;
     ProgressLine& operator=(const ProgressLine&) = delete;
 
-    /// `done` of `total` bytes; 0: nobody knows how many there are. `what` is being worked on.
+    /// Shows `done` of `total` bytes, 0: total unknown, and the current object `what`.
     void Show(const std::string& what, double done, double total);
-    /// `count` things have been done, of which nobody knows how many there are.
+    /// Shows that `count` objects, of an unknown total, are done.
     void ShowCount(const std::string& what, double count);
 
     /// The line, without its end, `seconds` after the beginning. It has at most 79 characters.
@@ -31,8 +31,8 @@ private:
     const bool wanted;
     const Clock::time_point begin;
     Clock::time_point next;
-    std::size_t width = 0; // of what stands there
+    std::size_t width = 0; // of the visible line
 };
 
-/// A size for people: "812 MB".
+/// A readable size: "812 MB".
 std::string SizeText(double bytes);

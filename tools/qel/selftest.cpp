@@ -1,4 +1,4 @@
-// qel selftest: does what the library is for once, in a directory and on ports of its own.
+// qel selftest: uses each part of the library once, in a new directory and on free ports.
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -31,14 +31,14 @@ using Owned = std::unique_ptr<T, qelDelete>;
 constexpr const char* text = "Grüße";
 constexpr int number = 20260;
 
-// Throws what FailureOf understands when `condition` does not hold.
+// Throws an exception for FailureOf unless `condition` holds.
 void Require(bool condition, const char* what)
 {
     if (!condition)
         Fail(Exit::no, "", what);
 }
 
-// ---- the tests; `folder` is theirs, and empty
+// ---- the tests; each gets an empty `folder`
 
 void TestFiles(const std::string& folder)
 {
@@ -46,7 +46,7 @@ void TestFiles(const std::string& folder)
     const std::string copy = folder + "/copy";
     {
         const Owned<ioFileStream> file(ioFileStream::Open(path.c_str(), ioWriteOnly));
-        Require(file != nullptr, "a file cannot be made");
+        Require(file != nullptr, "a file cannot be created");
         file->WriteInt(number);
         file->WriteString(text);
     }
@@ -55,23 +55,23 @@ void TestFiles(const std::string& folder)
         const Owned<ioFileStream> file(ioFileStream::Open(copy.c_str(), ioReadOnly));
         Require(file != nullptr, "the copy cannot be opened");
         Require(file->ReadInt() == number && file->ReadString(nullptr) == text,
-                "the copy holds something else");
+                "the copy differs from the file");
     }
     fsRemove(copy.c_str(), fsSimple);
-    Require(!std::filesystem::exists(copy), "the copy is still there");
+    Require(!std::filesystem::exists(copy), "the copy has not been removed");
 }
 
 void TestMonitor(const std::string& folder)
 {
     const std::string path = folder + "/monitor";
     const Owned<monFile> writer(monFile::Create(path.c_str(), "selftest"));
-    Require(writer != nullptr, "a monitor file cannot be made");
+    Require(writer != nullptr, "a monitor file cannot be created");
     writer->Int("number")->setValue(number);
     const Owned<monFile> reader(monFile::Open(path.c_str()));
     Require(reader != nullptr && reader->Int("number")->getValue() == number,
-            "the value is not what was set");
+            "the value differs from the one set");
     writer->String("text", 100)->setValue(text);
-    Require(reader->String("text", 100)->getValue() == text, "a value that was added later is not found");
+    Require(reader->String("text", 100)->getValue() == text, "a value added later is not found");
 }
 
 void TestConfiguration(const std::string& folder)
@@ -81,11 +81,11 @@ void TestConfiguration(const std::string& folder)
         hmxConfigFile file;
         Require(file.Open(path.c_str(), hmxConfigFile::ReadWrite) && file.SetValue("key", text) &&
                     file.CloseChecked(),
-                "a value cannot be kept in a file");
+                "a value cannot be stored in a file");
     }
     hmxConfigFile file;
     Require(file.Open(path.c_str(), hmxConfigFile::ReadOnly) && file.GetValue("key") == text,
-            "the file does not hold the value");
+            "the file does not contain the value");
 }
 
 void TestRegistry(const std::string& folder)
@@ -93,11 +93,11 @@ void TestRegistry(const std::string& folder)
     sysPutEnv("QELSTD_REGISTRY", (folder + "/registry").c_str());
     hmxRegistryKey key;
     Require(key.Create(hmxRegistry::User().root, "Software\\VRX\\selftest") && key.SetValue("key", text),
-            "a value cannot be kept in the registry");
-    Require(key.GetValue("key") == text, "the registry does not hold the value");
+            "a value cannot be stored in the registry");
+    Require(key.GetValue("key") == text, "the registry does not contain the value");
 }
 
-// Answers an integer and a text with themselves.
+// Sends back an integer and a text.
 struct Echo : netBaseServer_OnRequest_cb
 {
     netServerLoopAction Invoke(netBaseServer*, netSocketStream* accepted) override
@@ -106,14 +106,14 @@ struct Echo : netBaseServer_OnRequest_cb
         try {
             stream->WriteInt(stream->ReadInt());
             stream->WriteString(stream->ReadString(nullptr).CastToCString());
-        } catch (xthrowable* broken) { // the client says what it misses
+        } catch (xthrowable* broken) { // the client reports the failure
             xdelete(broken);
         }
         return netServerContinue;
     }
 };
 
-// Runs something in a thread, which `stop` ends.
+// Runs a function in a thread, which `stop` ends.
 class Beside
 {
 public:
@@ -141,18 +141,19 @@ void RequireEcho(netAddress* address)
     stream->WriteInt(number);
     stream->WriteString(text);
     Require(stream->ReadInt() == number && stream->ReadString(nullptr) == text,
-            "what comes back is something else");
+            "the answer differs from the request");
 }
 
 void TestServer(const std::string&)
 {
     Echo echo;
     const Owned<netServer> server(netServer::Create(nullptr, 0));
-    Require(server != nullptr, "no port can be listened on");
+    Require(server != nullptr, "no port is available");
     server->setOnRequest(&echo);
     const xrchandle<netAddress> address(netAddress::Create(server->getPortN(), nullptr));
     const Beside loop([&] { server->Run(); }, [&] { server->Stop(); });
-    Require(netServer::GetVersion(address.get()) == server->getVersion(), "the version is not the server's");
+    Require(netServer::GetVersion(address.get()) == server->getVersion(),
+            "the version differs from the server's");
     RequireEcho(address.get());
 }
 
@@ -161,7 +162,7 @@ void TestNames(const std::string&)
     nmsServerOptions options;
     options.port = 0;
     nmsServer names(options);
-    Require(names.Listen(), "no port can be listened on");
+    Require(names.Listen(), "no port is available");
     const Beside nameLoop([&] { names.Run(); }, [&] { names.Stop(); });
     sysPutEnv("VRXNMSPORT", std::to_string(names.GetPort()).c_str());
 
@@ -169,14 +170,14 @@ void TestNames(const std::string&)
     const xrchandle<netAddress> address(netAddress::Create("selftest", nullptr));
     {
         const Owned<netServer> server(netServer::Create("selftest", 0, "127.0.0.1"));
-        Require(server != nullptr, "no port can be listened on");
+        Require(server != nullptr, "no port is available");
         server->setOnRequest(&echo);
         const Beside loop([&] { server->Run(); }, [&] { server->Stop(); });
         RequireEcho(address.get());
     }
     const nmsOwnedProxy proxy(getNameServer(nullptr));
     Require(proxy != nullptr && !IsRegisteredWithNMS(proxy.get(), "selftest"),
-            "the name has outlived its server");
+            "the name is still registered after its server has stopped");
 }
 
 struct Test
@@ -190,7 +191,7 @@ constexpr Test tests[] = {
     {"registry", &TestRegistry}, {"server", &TestServer},   {"names", &TestNames},
 };
 
-// A directory that is there while the object is.
+// A directory that exists during the object's lifetime.
 class Folder
 {
 public:
@@ -211,7 +212,7 @@ public:
     std::string path;
 };
 
-// Why the test has failed; nothing when it has not.
+// The reason why the test has failed; empty when it has passed.
 std::string Problem(const Test& test, const std::string& folder)
 {
     try {
@@ -254,10 +255,9 @@ void Run()
 
 void AddSelftestCommand(CLI::App& program)
 {
-    CLI::App& selftest = AddCommand(
-        program, "selftest",
-        "Try files, monitor files, configuration, registry, a server and a name server of its own once",
-        &Run);
-    selftest.footer("qel selftest\tIs this installation whole? Leaves nothing behind.\n");
+    CLI::App& selftest =
+        AddCommand(program, "selftest",
+                   "Test files, monitor files, configuration, registry, a server and a name server", &Run);
+    selftest.footer("qel selftest\tCheck this installation. Leaves nothing behind.\n");
     OfferJson(selftest);
 }

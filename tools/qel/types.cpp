@@ -75,7 +75,7 @@ Json Attribute(xrttiattr* attribute, xrttiobject* from)
             {"from", NameOf(from)}};
 }
 
-// The attributes that the parents have, too; those first.
+// All attributes, those of the parents first.
 void AddAttributes(xrttistruct* type, Json& attributes)
 {
     for (int i = 0; i < type->getNParents(); ++i)
@@ -138,7 +138,7 @@ Json Described(xrtti* type)
     return described;
 }
 
-// The attributes are a table below the other facts.
+// The attributes form a table below the other facts.
 std::string TypeText(const Json& described)
 {
     Json facts = described;
@@ -154,7 +154,7 @@ std::string TypeText(const Json& described)
 
 // ---- the tree
 
-// What a line of the tree says of the type behind its kind.
+// The description of a type in a line of the tree, after its kind.
 std::string IsOf(const Json& described)
 {
     if (described.contains("element"))
@@ -232,7 +232,7 @@ xany BasicValue(const std::string& type, const std::string& text)
     return xany(text.c_str());
 }
 
-// A value of that type; where nobody gives one, something to look at.
+// A value of that type; a sample if `text` is null.
 xany ValueOf(xrtti* type, const std::string* text)
 {
     const std::string name = NameOf(type);
@@ -257,7 +257,7 @@ V Unpacked(const xany& value)
         return static_cast<V>(value);
 }
 
-// The collections of basic values are filled: a sequence with the texts, a dictionary with NAME=VALUE each.
+// Fills a collection of basic values: a sequence with the texts, a dictionary with NAME=VALUE each.
 template<class C, class V>
 bool Fill(xobject* object, const char* element, const std::vector<std::string>& texts)
 {
@@ -316,7 +316,7 @@ xany ObjectOf(xrttiobject* type, const std::vector<std::string>& texts)
         object = table->rebuild(nullptr);
     if (object == nullptr)
         Fail(Exit::no, name, "an object of this class needs more than values");
-    const xany held(object); // frees it, when it is counted
+    const xany held(object); // frees it if it is counted
     if (IsFilled(object, texts))
         return held;
     for (const std::string& text : texts) {
@@ -348,7 +348,7 @@ void AddTypeCommands(CLI::App& program)
 {
     const auto name = std::make_shared<std::string>();
     CLI::App& types =
-        AddCommand(program, "types", "Print the types that the library registers, or all of one",
+        AddCommand(program, "types", "Print the types that the library registers, or one type in detail",
                    [name] { ShowTypes(*name); });
     types.footer("qel types\tAll types, by their libraries.\n"
                  "qel types filelib\tThose of one library.\n"
@@ -365,6 +365,6 @@ void AddTypeCommands(CLI::App& program)
     Offer(*print.add_option("name", *name, "The type")->type_name("NAME")->required(), &TypeNames);
     print
         .add_option("value", *values,
-                    "What it is made of: values, KEY=VALUE or ATTRIBUTE=VALUE (default: a sample)")
+                    "Its contents: values, KEY=VALUE or ATTRIBUTE=VALUE (default: a sample)")
         ->type_name("VALUE");
 }
