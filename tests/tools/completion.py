@@ -1,4 +1,5 @@
-"""completion.py SHELL QEL: types command lines into an interactive bash or zsh that has read the completion script, and looks at what the Tab key makes of them."""
+"""completion.py SHELL QEL: types command lines into an interactive bash or zsh that has read the completion script, and
+checks the result of the Tab key."""
 
 import os
 import pty
@@ -10,8 +11,8 @@ import sys
 import tempfile
 import time
 
-LIMIT = 20  # seconds to wait for what a line must become
-CASES = [  # what is typed, and what stands there afterwards
+LIMIT = 20  # seconds to wait for the expected line
+CASES = [  # the typed text, and the line afterwards
     ("qel serv\t", "qel server "),
     ("qel ns li\t", "qel ns list "),
     ("qel ns list --ho\t", "qel ns list --host "),
@@ -47,7 +48,7 @@ class Terminal:
         return True
 
     def plain(self):
-        """What is shown on the line, without the bells and with what was rubbed out gone."""
+        """The visible text of the line, without bells and erased characters."""
         plain = bytearray()
         for byte in re.sub(rb"\x1b\[[?0-9;]*[A-Za-z]|\x07", b"", self.shown):
             if byte == 8:
@@ -82,7 +83,7 @@ def check(shell, program, names):
         terminal.type(typed)
         if not terminal.wait_for(becomes):
             faults.append(f"{typed!r} did not become {becomes!r}: {terminal.shown!r}")
-        terminal.type("\x15\n")  # the line away
+        terminal.type("\x15\n")  # erases the line
         terminal.wait_for("ready> ")
     terminal.type("exit\n")
     terminal.end()

@@ -1,5 +1,5 @@
 #!/bin/bash
-# manual.sh DIRECTORY QEL: mandoc has nothing to say about the manual pages, and each command has one.
+# manual.sh DIRECTORY QEL: mandoc reports no fault in the manual pages, and each command has one.
 set -uo pipefail
 pages=$1 qel=$2
 faults=0
@@ -7,7 +7,7 @@ fault() { echo "$*"; faults=1; }
 
 command -v mandoc >/dev/null || { echo "no mandoc here"; exit 1; }
 for page in "$pages"/qel*.1; do
-    # Pages that are not installed here cannot be found; whether they are made is seen below.
+    # Pages that are not installed cannot be found; the check that they are made follows below.
     said=$(mandoc -Tlint -Wstyle "$page" | grep -v 'referenced manual not found')
     [[ -z $said ]] || fault "$said"
 done

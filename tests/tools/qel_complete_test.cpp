@@ -11,7 +11,7 @@
 
 namespace {
 
-// What the last of the words may become, without what it is.
+// The completions of the last word, without descriptions.
 std::string Offered(const std::string& words)
 {
     const Outcome outcome = Qel("complete -- " + words);
@@ -49,7 +49,7 @@ TEST(QelComplete, OffersCommandsAndOptions)
     EXPECT_EQ(Offered("''").substr(0, 3), Offered("").substr(0, 3));
 }
 
-TEST(QelComplete, OffersTheServersThatThereAre)
+TEST(QelComplete, OffersRegisteredServers)
 {
     const TestNameServer names;
     ASSERT_TRUE(RegisterWithNMS(getNameServer(nullptr), 4000, "files"));
@@ -59,7 +59,7 @@ TEST(QelComplete, OffersTheServersThatThereAre)
     EXPECT_EQ(Offered("ns query _S"), "_ServerName=files _ServerName=two words ");
 }
 
-TEST(QelComplete, DoesNotWaitForANameServerThatIsSilent)
+TEST(QelComplete, DoesNotWaitForSilentNameServer)
 {
     btkAcceptSocket silent;
     ASSERT_TRUE(silent.Listen(0, "127.0.0.1"));
@@ -67,7 +67,8 @@ TEST(QelComplete, DoesNotWaitForANameServerThatIsSilent)
 
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(Offered("server ping ''"), "");
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2)); // 0.2 where nobody measures
+    EXPECT_LT(std::chrono::steady_clock::now() - start,
+              std::chrono::seconds(2)); // 0.2 without instrumentation
 }
 
 TEST(QelComplete, OffersKeysAndPaths)

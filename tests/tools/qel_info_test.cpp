@@ -10,7 +10,7 @@
 
 using testing::HasSubstr;
 
-TEST(QelSelftest, PassesSoonAndLeavesNothingBehind)
+TEST(QelSelftest, PassesQuicklyAndLeavesNothingBehind)
 {
     const TempDir dir;
     const EnvSetting temporary("TMPDIR", dir.path("").c_str());
@@ -26,7 +26,7 @@ TEST(QelSelftest, PassesSoonAndLeavesNothingBehind)
     EXPECT_TRUE(std::filesystem::is_empty(std::string(dir.path(""))));
 }
 
-TEST(QelSelftest, SaysWhatFails)
+TEST(QelSelftest, ReportsFailure)
 {
     const EnvSetting nowhere("TMPDIR", "/nonexistent");
     const Outcome outcome = Qel("selftest");
@@ -44,7 +44,7 @@ TEST(QelSelftest, EndsWithAnAnswerHoweverFewDescriptorsThereAre)
     }
 }
 
-TEST(QelInfo, TellsWhatIsInForce)
+TEST(QelInfo, PrintsSettingsInUse)
 {
     const EnvSetting port("VRXNMSPORT", "4321");
     const Outcome outcome = Qel("info --json");

@@ -6,7 +6,7 @@
 #include "commands.h"
 #include "program.h"
 
-TEST(QelOutput, IsTextForPeople)
+TEST(QelOutput, IsReadableText)
 {
     EXPECT_EQ(AsText(nullptr), "");
     EXPECT_EQ(AsText("a\x1b[2J\tb\xC2\x9B\xC3\xA4"), "a[2Jb\xC3\xA4\n");
@@ -25,8 +25,7 @@ TEST(QelOutput, IsTextForPeople)
 
 namespace {
 
-// Of a command and what is below it: what the help, and all that is made of the same objects, cannot do
-// without.
+// Checks that a command and its subcommands have the texts that the help and the manual pages need.
 void ExpectDescribed(const CLI::App& command, const std::string& words)
 {
     SCOPED_TRACE(words);

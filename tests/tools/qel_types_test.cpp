@@ -13,7 +13,7 @@ bool Holds(const std::string& text, const std::string& part)
 
 } // namespace
 
-TEST(QelTypes, ShowsTheTypesByTheirLibraries)
+TEST(QelTypes, ListsTypesByLibrary)
 {
     const std::string all = Qel("types").output;
     EXPECT_TRUE(Holds(all, "\nfilelib\n  NodeInfo ")) << all;
@@ -25,7 +25,7 @@ TEST(QelTypes, ShowsTheTypesByTheirLibraries)
     EXPECT_EQ(Qel("types nolib").status, 1);
 }
 
-TEST(QelTypes, ShowsAllOfOneType)
+TEST(QelTypes, DescribesOneType)
 {
     EXPECT_EQ(Qel("types filelib::XDiskFull").output,
               "name     filelib::XDiskFull\n"
@@ -47,7 +47,7 @@ TEST(QelTypes, ShowsAllOfOneType)
     EXPECT_EQ(Qel("types real").output, "name  real\nkind  basic\n");
 }
 
-TEST(QelPrint, MakesValuesOfMostTypes)
+TEST(QelPrint, PrintsValuesOfMostTypes)
 {
     EXPECT_EQ(Qel("print intseq 1 2").output, "intseq\n[\n  0 : 1\n  1 : 2\n]\n");
     EXPECT_EQ(Qel("print stringdict 'a=x y'").output, "stringdict\n{\n  \"a\" : \"x y\"\n}\n");
@@ -78,7 +78,7 @@ TEST(QelPrint, MakesValuesOfMostTypes)
     EXPECT_TRUE(Holds(Qel("print filelib::NodeInfo").output, "Size : 0\n"));
 }
 
-TEST(QelPrint, SaysWhyThereIsNoValue)
+TEST(QelPrint, ReportsWhyThereIsNoValue)
 {
     EXPECT_EQ(Qel("print nothing").output, "qel print: nothing: no such type\n");
     EXPECT_EQ(Qel("print nothing").status, 1);
