@@ -1,5 +1,4 @@
 #include <benchmark/benchmark.h>
-
 #include <mutex>
 
 #include <qel/base/thrmutex.h>

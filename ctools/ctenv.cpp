@@ -1,4 +1,4 @@
-#include <qel/base/ctenv.h>
+#include "ctenv.h"
 
 #include <qel/base/btkenvironment.h>
 

@@ -1,16 +1,13 @@
-#include <qel/base/lockfilebuf.h>
-
-#include "updatejournal_p.h"
+#include "lockfilebuf.h"
 
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <fstream>
 #include <ios>
 #include <string>
-
-#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -19,6 +16,8 @@
 #include <qel/base/btkfilepart.h>
 #include <qel/base/btkreplace.h>
 #include <qel/base/btkretry.h>
+
+#include "updatejournal_p.h"
 
 namespace {
 

@@ -1,16 +1,15 @@
-#include "updatejournal_p.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
-#include <string_view>
-
 #include <fcntl.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <qel/base/btkreplace.h>
+
+#include "updatejournal_p.h"
 
 namespace {
 

@@ -8,10 +8,9 @@
 #include <fstream>
 #include <map>
 #include <string>
+#include <unistd.h>
 
 #include <qel/hmxconfigfile.h>
-
-#include <unistd.h>
 
 namespace {
 

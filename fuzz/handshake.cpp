@@ -7,10 +7,11 @@
 #include <string>
 #include <thread>
 
-#include "support/testserver.h"
 #include <qel/base/btksocket.h>
 #include <qel/netexception.h>
 #include <qel/netserver.h>
+
+#include "support/testserver.h"
 
 namespace {
 

@@ -5,14 +5,13 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <sys/mman.h>
 #include <vector>
 
 #include <qel/base/btkfilepart.h>
 #include <qel/qelexception.h>
 #include <qel/xiolib.h>
 #include <qel/xmonlib.h>
-
-#include <sys/mman.h>
 
 namespace {
 

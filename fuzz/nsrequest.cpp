@@ -5,8 +5,9 @@
 #include <cstdlib>
 #include <memory>
 
-#include "support/nameserver.h"
 #include <qel/base/nmsclient.h>
+
+#include "support/nameserver.h"
 
 namespace {
 

@@ -5,11 +5,10 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <unistd.h>
 
 #include <qel/platform/registry.h>
 #include <qel/platform/registryname.h>
-
-#include <unistd.h>
 
 namespace {
 

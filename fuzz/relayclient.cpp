@@ -4,10 +4,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "support/descriptors.h"
-#include "support/streampair.h"
 #include <qel/rshprocess.h>
 #include <qel/xiolib.h>
+
+#include "support/descriptors.h"
+#include "support/streampair.h"
 
 namespace {
 

@@ -4,9 +4,10 @@
 #include <cstdlib>
 #include <thread>
 
+#include <qel/rshserver.h>
+
 #include "support/programs.h"
 #include "support/streampair.h"
-#include <qel/rshserver.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 

@@ -1,14 +1,13 @@
-#include <qel/platform/environment.h>
+#include "environment.h"
 
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <string>
-#include <vector>
-
 #include <pwd.h>
+#include <string>
 #include <time.h>
 #include <unistd.h>
+#include <vector>
 
 #include <qel/platform/errortable.h>
 

@@ -1,8 +1,7 @@
-#include <qel/platform/errortable.h>
+#include "errortable.h"
 
 #include <cerrno>
 #include <cstring>
-
 #include <sys/stat.h>
 
 namespace {

@@ -1,8 +1,7 @@
-#include <qel/platform/filecopy.h>
+#include "filecopy.h"
 
 #include <algorithm>
 #include <cerrno>
-
 #include <fcntl.h>
 #include <sys/sendfile.h>
 

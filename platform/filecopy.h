@@ -2,10 +2,9 @@
 
 /// Small owners of host descriptors, and the copying of a file's contents.
 
-#include <utility>
-
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 /// Holds a host descriptor and closes it.
 class platDescriptor

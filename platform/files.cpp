@@ -1,4 +1,4 @@
-#include <qel/platform/files.h>
+#include "files.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/random.h>

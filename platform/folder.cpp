@@ -1,17 +1,16 @@
-#include <qel/platform/folder.h>
+#include "folder.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <optional>
-#include <utility>
-
 #include <dirent.h>
 #include <fcntl.h>
+#include <memory>
+#include <optional>
 #include <sys/sysmacros.h>
+#include <utility>
 
 #include <qel/platform/errortable.h>
 #include <qel/platform/filecopy.h>

@@ -1,6 +1,6 @@
 // Alone in its file: where this folder is linked in twice (a test and the shared library), one of the two
 // keeps the number for both.
-#include <qel/platform/lasterror.h>
+#include "lasterror.h"
 
 namespace {
 

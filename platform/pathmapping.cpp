@@ -1,4 +1,4 @@
-#include <qel/platform/pathmapping.h>
+#include "pathmapping.h"
 
 #include <algorithm>
 #include <atomic>
@@ -8,9 +8,8 @@
 #include <list>
 #include <mutex>
 #include <optional>
-#include <vector>
-
 #include <unistd.h>
+#include <vector>
 
 #include <qel/base/btkenvironment.h>
 #include <qel/platform/errortable.h>

@@ -1,21 +1,21 @@
-#include <qel/platform/registry.h>
+#include "registry.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <fcntl.h>
 #include <map>
 #include <optional>
 #include <vector>
 
-#include <fcntl.h>
-
-#include "registrystore.h"
 #include <qel/base/btkretry.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/files.h>
 #include <qel/platform/folder.h>
 #include <qel/platform/registryname.h>
+
+#include "registrystore.h"
 
 /// An open key below a root.
 struct HKEY__

@@ -1,4 +1,4 @@
-#include <qel/platform/registryname.h>
+#include "registryname.h"
 
 namespace {
 

@@ -4,12 +4,11 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <utility>
-#include <vector>
-
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/random.h>
+#include <utility>
+#include <vector>
 
 #include <qel/base/btkenvironment.h>
 #include <qel/base/btkretry.h>

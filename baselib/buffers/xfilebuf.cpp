@@ -1,4 +1,4 @@
-#include <qel/base/xfilebuf.h>
+#include "xfilebuf.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include <qel/base/xinputbuf.h>
+#include "xinputbuf.h"
 
 #include <algorithm>
 #include <cstring>

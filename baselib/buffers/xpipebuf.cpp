@@ -1,4 +1,4 @@
-#include <qel/base/xpipebuf.h>
+#include "xpipebuf.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include <qel/base/xsocketbuf.h>
+#include "xsocketbuf.h"
 
 #include <cerrno>
 #include <cstring>

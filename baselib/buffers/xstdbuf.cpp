@@ -1,4 +1,4 @@
-#include <qel/base/xstdbuf.h>
+#include "xstdbuf.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,4 +1,4 @@
-#include <qel/base/xstreambuf.h>
+#include "xstreambuf.h"
 
 /// An input or output event of a buffer. The buffer may go first.
 class xbufferevent final : public btkBaseEvent

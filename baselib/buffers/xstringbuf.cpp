@@ -1,4 +1,4 @@
-#include <qel/base/xstringbuf.h>
+#include "xstringbuf.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include <qel/base/btkabort.h>
+#include "btkabort.h"
 
 #include <cstdio>
 #include <cstdlib>

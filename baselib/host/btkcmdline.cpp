@@ -1,4 +1,4 @@
-#include <qel/base/btkcmdline.h>
+#include "btkcmdline.h"
 
 #include <cstring>
 #include <string_view>

@@ -1,4 +1,4 @@
-#include <qel/base/btkenvironment.h>
+#include "btkenvironment.h"
 
 #include <algorithm>
 #include <atomic>
@@ -8,7 +8,6 @@
 #include <new>
 #include <set>
 #include <shared_mutex>
-
 #include <unistd.h>
 
 namespace {

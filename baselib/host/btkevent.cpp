@@ -1,6 +1,4 @@
-#include <qel/base/btkevent.h>
-
-#include "btkpoll_p.h"
+#include "btkevent.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,6 +7,8 @@
 #include <iterator>
 #include <sys/eventfd.h>
 #include <unistd.h>
+
+#include "btkpoll_p.h"
 
 static_assert(sizeof(btkPollSet::Place) == sizeof(pollfd) &&
               offsetof(btkPollSet::Place, ready) == offsetof(pollfd, revents));

@@ -1,6 +1,4 @@
-#include <qel/base/btkfd.h>
-
-#include "btkpoll_p.h"
+#include "btkfd.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -14,6 +12,8 @@
 #include <unistd.h>
 
 #include <qel/base/btkretry.h>
+
+#include "btkpoll_p.h"
 
 namespace {
 

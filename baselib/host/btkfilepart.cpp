@@ -1,7 +1,4 @@
-#include <qel/base/btkfilepart.h>
-
-#include <qel/base/btkretry.h>
-#include <qel/base/btksystem.h>
+#include "btkfilepart.h"
 
 #include <cerrno>
 #include <cstring>
@@ -12,6 +9,9 @@
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
+
+#include <qel/base/btkretry.h>
+#include <qel/base/btksystem.h>
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include <qel/base/btkfilewatch.h>
+#include "btkfilewatch.h"
 
 #include <string>
 #include <sys/inotify.h>

@@ -1,12 +1,11 @@
-#include <qel/base/btkmemory.h>
-
-#include <sys/mman.h>
+#include "btkmemory.h"
 
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <sys/mman.h>
 
 void* btkMemMgr::Allocate(std::size_t size)
 {

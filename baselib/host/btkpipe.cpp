@@ -1,4 +1,4 @@
-#include <qel/base/btkpipe.h>
+#include "btkpipe.h"
 
 #include <fcntl.h>
 #include <unistd.h>

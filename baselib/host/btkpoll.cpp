@@ -1,11 +1,11 @@
-#include "btkpoll_p.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <new>
 #include <numeric>
 #include <sys/resource.h>
+
+#include "btkpoll_p.h"
 
 namespace {
 

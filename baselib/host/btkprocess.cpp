@@ -1,7 +1,4 @@
-#include <qel/base/btkprocess.h>
-
-#include "btkpoll_p.h"
-#include "btkspawn_p.h"
+#include "btkprocess.h"
 
 #include <cerrno>
 #include <climits>
@@ -10,14 +7,17 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
 #include <qel/base/btkcmdline.h>
 #include <qel/base/btkenvironment.h>
 #include <qel/base/btkretry.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
+
+#include "btkpoll_p.h"
+#include "btkspawn_p.h"
 
 struct btkProcess
 {

@@ -1,4 +1,4 @@
-#include <qel/base/btkreplace.h>
+#include "btkreplace.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -6,12 +6,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
 #include <memory>
 #include <new>
 #include <string_view>
-
-#include <dirent.h>
-#include <fcntl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>

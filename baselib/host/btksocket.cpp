@@ -1,10 +1,4 @@
-#include <qel/base/btksocket.h>
-
-#include <qel/base/btkevent.h>
-#include <qel/base/btkretry.h>
-
-#include "btkpoll_p.h"
-#include "btksocketaddress_p.h"
+#include "btksocket.h"
 
 #include <algorithm>
 #include <array>
@@ -17,6 +11,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
+
+#include <qel/base/btkevent.h>
+#include <qel/base/btkretry.h>
+
+#include "btkpoll_p.h"
+#include "btksocketaddress_p.h"
 
 namespace {
 

@@ -1,8 +1,3 @@
-#include "btksocketaddress_p.h"
-
-#include <qel/base/btksocket.h>
-#include <qel/base/thrthread.h>
-
 #include <arpa/inet.h>
 #include <array>
 #include <cerrno>
@@ -15,6 +10,11 @@
 #include <string_view>
 #include <strings.h>
 #include <unistd.h>
+
+#include <qel/base/btksocket.h>
+#include <qel/base/thrthread.h>
+
+#include "btksocketaddress_p.h"
 
 namespace {
 

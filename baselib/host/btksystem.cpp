@@ -1,9 +1,4 @@
-#include <qel/base/btksystem.h>
-
-#include "btkspawn_p.h"
-#include <qel/base/btkenvironment.h>
-#include <qel/base/btkpipe.h>
-#include <qel/base/btkretry.h>
+#include "btksystem.h"
 
 #include <atomic>
 #include <cerrno>
@@ -12,12 +7,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <vector>
-
 #include <pthread.h>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
+
+#include <qel/base/btkenvironment.h>
+#include <qel/base/btkpipe.h>
+#include <qel/base/btkretry.h>
+
+#include "btkspawn_p.h"
 
 const char* const ZUN_MACHINE_TYPE = BASE_MACHINE_TYPE;
 const char* const ZUN_OS_TYPE = BASE_OS_TYPE;

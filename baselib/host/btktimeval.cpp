@@ -1,4 +1,4 @@
-#include <qel/base/btktimeval.h>
+#include "btktimeval.h"
 
 #include <ctime>
 

@@ -1,4 +1,4 @@
-#include <qel/base/thrmutex.h>
+#include "thrmutex.h"
 
 constinit bool s_bThreadingEnabled = false;
 

@@ -1,4 +1,4 @@
-#include <qel/base/thrthread.h>
+#include "thrthread.h"
 
 #include <atomic>
 #include <memory>

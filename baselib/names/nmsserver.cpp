@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <new>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <qel/base/btkevent.h>
 #include <qel/base/btkreplace.h>
@@ -15,7 +16,6 @@
 #include <qel/base/btksystem.h>
 
 #include "btkpoll_p.h"
-#include <sys/socket.h>
 
 namespace {
 

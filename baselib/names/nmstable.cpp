@@ -5,12 +5,11 @@
 #include <csignal>
 #include <fcntl.h>
 #include <functional>
-#include <unistd.h>
-#include <unordered_set>
-
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <unistd.h>
+#include <unordered_set>
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include <qel/base/btkstrbuf.h>
+#include "btkstrbuf.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include <qel/base/btkstring.h>
+#include "btkstring.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,4 +1,4 @@
-#include <qel/base/btkutf.h>
+#include "btkutf.h"
 
 #include <cstdint>
 #include <cstring>

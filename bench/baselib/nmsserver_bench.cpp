@@ -2,14 +2,14 @@
 // percentile of the time of a request, with few and with many records; and the time of an answer without the
 // network.
 #include <algorithm>
+#include <benchmark/benchmark.h>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <benchmark/benchmark.h>
+#include <qel/base/nmsclient.h>
 
 #include "support/nameserver.h"
-#include <qel/base/nmsclient.h>
 
 namespace {
 

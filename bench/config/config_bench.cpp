@@ -1,12 +1,11 @@
 // The configuration file against GKeyFile, the registry against plain files read and replaced by GLib.
 #include <benchmark/benchmark.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <glib.h>
 #include <string>
 
-#include <glib.h>
 #include <qel/hmxconfigfile.h>
 #include <qel/hmxregistry.h>
 #include <qel/reglib.h>

@@ -1,16 +1,14 @@
 // File operations against the programs that do the same, and directory reading against std::filesystem.
 #include <benchmark/benchmark.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include <qel/filelib.h>
 #include <qel/fsdir.h>
-
-#include <unistd.h>
 
 namespace {
 

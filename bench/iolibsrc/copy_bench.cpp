@@ -1,18 +1,17 @@
 // One whole stream copied into another, against `cat` between the same two: from file to file, and from a
 // pipe that a thread fills to a file. Each side's time includes a child program: cat for the peer, and true,
 // which does nothing, for this library.
+#include <QTemporaryDir>
 #include <benchmark/benchmark.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
 #include <thread>
 
-#include <QTemporaryDir>
+#include <qel/xiolib.h>
 
 #include "support/owned.h"
-#include <qel/xiolib.h>
 
 namespace {
 

@@ -1,15 +1,15 @@
 // One wait on a thousand pipes, none of them ready or the last one, against poll on as many.
 #include <benchmark/benchmark.h>
-
 #include <memory>
 #include <poll.h>
 #include <sys/resource.h>
 #include <vector>
 
-#include "support/owned.h"
 #include <qel/base/btkpipe.h>
 #include <qel/evteventarray.h>
 #include <qel/xiolib.h>
+
+#include "support/owned.h"
 
 namespace {
 

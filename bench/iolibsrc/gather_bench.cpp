@@ -1,16 +1,15 @@
 // What a stream gathers before the system is called: lines to the standard output against std::cout, integers
 // from thread to thread through a buffered pipe against stdio on a pipe.
 #include <benchmark/benchmark.h>
-
 #include <cstdio>
+#include <fcntl.h>
 #include <iostream>
 #include <thread>
-
-#include <fcntl.h>
 #include <unistd.h>
 
-#include "support/owned.h"
 #include <qel/iopipe.h>
+
+#include "support/owned.h"
 
 namespace {
 

@@ -1,22 +1,21 @@
 // Values through a whole stream against peers with the same values: in the network form in memory against XDR
 // memory streams, through a file against the better of XDR stdio streams and QDataStream, and in the text
 // form against the standard streams.
+#include <QDataStream>
+#include <QFile>
+#include <QTemporaryDir>
 #include <benchmark/benchmark.h>
-
 #include <cstdio>
 #include <ctime>
 #include <memory>
+#include <rpc/xdr.h>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include <QDataStream>
-#include <QFile>
-#include <QTemporaryDir>
-#include <rpc/xdr.h>
+#include <qel/xiolib.h>
 
 #include "support/owned.h"
-#include <qel/xiolib.h>
 
 namespace {
 

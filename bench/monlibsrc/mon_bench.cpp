@@ -1,11 +1,9 @@
 // Monitor files: a value stored or loaded against one pwrite or pread of its bytes; a lookup among many
 // parameters against one among few; discovering many parameters against discovering few as often.
 #include <benchmark/benchmark.h>
-
 #include <memory>
-#include <string>
-
 #include <stdlib.h>
+#include <string>
 #include <unistd.h>
 
 #include <qel/base/btkfd.h>

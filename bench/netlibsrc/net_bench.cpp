@@ -2,28 +2,27 @@
 // library; integers and blocks over one connection against xdrrec and against plain calls. Both ends are in
 // this process, and the time is that of the client, which waits for the other end.
 
-#include <benchmark/benchmark.h>
-
-#include <memory>
-#include <thread>
-#include <vector>
-
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/Net/TCPServer.h>
 #include <Poco/Net/TCPServerConnection.h>
 #include <Poco/Net/TCPServerConnectionFactory.h>
 #include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <memory>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <rpc/rpc.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
-#include "support/testserver.h"
 #include <qel/base/btksocket.h>
 #include <qel/netserver.h>
+
+#include "support/testserver.h"
 
 namespace {
 

@@ -1,20 +1,19 @@
 // Starting programs and reading their output. A process gets a given size by touching memory.
+#include <QProcess>
 #include <benchmark/benchmark.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <spawn.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <vector>
 
-#include <QProcess>
-#include <sys/wait.h>
-
-#include "support/owned.h"
 #include <qel/pcprocess.h>
 #include <qel/xiolib.h>
+
+#include "support/owned.h"
 
 namespace {
 

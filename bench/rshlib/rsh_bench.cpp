@@ -1,19 +1,19 @@
 // The output of a remote command, and its simultaneous input, against a relay of plain blocks of 64 KiB over
 // the same pipes and a socket.
 #include <benchmark/benchmark.h>
-
 #include <cstdlib>
 #include <thread>
 #include <vector>
 
-#include "support/owned.h"
-#include "support/socketpair.h"
-#include "support/streampair.h"
 #include <qel/base/btkpipe.h>
 #include <qel/base/btkprocess.h>
 #include <qel/rshprocess.h>
 #include <qel/rshserver.h>
 #include <qel/xiolib.h>
+
+#include "support/owned.h"
+#include "support/socketpair.h"
+#include "support/streampair.h"
 
 namespace {
 

@@ -1,12 +1,11 @@
 // The C interface against a library written in C, and the framework's exceptions against those of the
 // language.
 
+#include <benchmark/benchmark.h>
+#include <glib.h>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <benchmark/benchmark.h>
-#include <glib.h>
 
 #include <qel/qelexception.h>
 #include <qel/qelstd_c.h>

@@ -1,24 +1,23 @@
 // Sequences and dictionaries against the containers that a program would use instead.
 
+#include <QByteArray>
+#include <QHash>
+#include <QString>
+#include <QVariant>
+#include <QVector>
 #include <algorithm>
 #include <array>
+#include <benchmark/benchmark.h>
 #include <cstdio>
 #include <fstream>
+#include <glib.h>
+#include <malloc.h>
 #include <memory>
 #include <random>
 #include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
-
-#include <QByteArray>
-#include <QHash>
-#include <QString>
-#include <QVariant>
-#include <QVector>
-#include <benchmark/benchmark.h>
-#include <glib.h>
-#include <malloc.h>
 
 #include <qel/xdictionary.h>
 #include <qel/xsequence.h>

@@ -1,23 +1,22 @@
 // The heap memory of collections, against the containers that a program would use instead. The counter
 // `bytes` is compared: all blocks that the C library allocated, with its overhead for each.
 
+#include <QByteArray>
+#include <QHash>
+#include <QVariant>
+#include <QVector>
 #include <array>
+#include <benchmark/benchmark.h>
 #include <cstddef>
 #include <cstdio>
+#include <glib.h>
+#include <malloc.h>
 #include <memory>
 #include <string>
 #include <type_traits>
 #include <unordered_map>
 #include <variant>
 #include <vector>
-
-#include <QByteArray>
-#include <QHash>
-#include <QVariant>
-#include <QVector>
-#include <benchmark/benchmark.h>
-#include <glib.h>
-#include <malloc.h>
 
 #include <qel/xdictionary.h>
 #include <qel/xsequence.h>

@@ -1,11 +1,10 @@
 // Handles and variants in a process with one thread, against the types that a program would use instead.
 
+#include <QVariant>
+#include <benchmark/benchmark.h>
 #include <memory>
 #include <string>
 #include <variant>
-
-#include <QVariant>
-#include <benchmark/benchmark.h>
 
 #include <qel/qeltable.h>
 #include <qel/xany.h>

@@ -2,11 +2,10 @@
 // because a process that has created a thread counts as threaded from then on.
 
 #include <atomic>
-#include <memory>
-#include <thread>
-
 #include <benchmark/benchmark.h>
 #include <glib-object.h>
+#include <memory>
+#include <thread>
 
 #include <qel/qeltable.h>
 #include <qel/xobject.h>

@@ -2,6 +2,10 @@
 // and 40 000 numbers. The walk is compared with a program that reads the same from QObjects through their
 // meta-objects; the printing with hand-written code that prints the same text.
 
+#include <QMetaProperty>
+#include <QObject>
+#include <QVariant>
+#include <benchmark/benchmark.h>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -9,11 +13,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <QMetaProperty>
-#include <QObject>
-#include <QVariant>
-#include <benchmark/benchmark.h>
 
 #include <qel/qelprint.h>
 #include <qel/qeltable.h>

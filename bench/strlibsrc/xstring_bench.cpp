@@ -1,9 +1,7 @@
-#include <benchmark/benchmark.h>
-
-#include <string>
-
 #include <QByteArray>
 #include <QString>
+#include <benchmark/benchmark.h>
+#include <string>
 
 #include <qel/base/thrthreading.h>
 #include <qel/xstring.h>

@@ -1,5 +1,4 @@
 #include <benchmark/benchmark.h>
-
 #include <ctime>
 
 #include <qel/tmtime.h>

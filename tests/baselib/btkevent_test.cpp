@@ -1,16 +1,16 @@
-#include <gtest/gtest.h>
-
 #include <csignal>
+#include <gtest/gtest.h>
 #include <limits>
 #include <memory>
 #include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 
-#include "support/child.h"
-#include "support/interrupt.h"
 #include <qel/base/btkevent.h>
 #include <qel/base/btkpipe.h>
+
+#include "support/child.h"
+#include "support/interrupt.h"
 
 namespace {
 

@@ -1,16 +1,16 @@
-#include <gtest/gtest.h>
-
 #include <filesystem>
+#include <gtest/gtest.h>
 #include <string>
 #include <sys/mman.h>
 #include <unistd.h>
+
+#include <qel/base/btkfilepart.h>
+#include <qel/base/xfilebuf.h>
 
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/tempdir.h"
 #include "support/traced.h"
-#include <qel/base/btkfilepart.h>
-#include <qel/base/xfilebuf.h>
 
 namespace {
 

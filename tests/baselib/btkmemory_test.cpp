@@ -1,13 +1,12 @@
-#include <qel/base/btkmemory.h>
-
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <memory>
+
+#include <qel/base/btkmemory.h>
 
 namespace {
 

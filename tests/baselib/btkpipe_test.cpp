@@ -1,13 +1,13 @@
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <string>
 #include <thread>
 
-#include "support/interrupt.h"
 #include <qel/base/btkpipe.h>
+
+#include "support/interrupt.h"
 
 namespace {
 

@@ -1,21 +1,21 @@
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <csignal>
 #include <fcntl.h>
 #include <future>
+#include <gtest/gtest.h>
 #include <thread>
 #include <unistd.h>
+
+#include <qel/base/btkpipe.h>
+#include <qel/base/btkprocess.h>
+#include <qel/base/btksystem.h>
+#include <qel/base/thrthread.h>
 
 #include "support/child.h"
 #include "support/descriptors.h"
 #include "support/longrun.h"
 #include "support/programs.h"
 #include "support/tempdir.h"
-#include <qel/base/btkpipe.h>
-#include <qel/base/btkprocess.h>
-#include <qel/base/btksystem.h>
-#include <qel/base/thrthread.h>
 
 namespace {
 

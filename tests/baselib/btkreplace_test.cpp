@@ -1,18 +1,16 @@
-#include <gtest/gtest.h>
-
-#include <qel/base/btkreplace.h>
-
 #include <cerrno>
 #include <cstdint>
-#include <memory>
-#include <vector>
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <memory>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
+#include <vector>
+
+#include <qel/base/btkreplace.h>
 
 #include "support/child.h"
 #include "support/tempdir.h"

@@ -1,8 +1,7 @@
-#include <qel/base/btksocket.h>
-
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <string>
@@ -10,10 +9,10 @@
 #include <thread>
 #include <unistd.h>
 
+#include <qel/base/btksocket.h>
+
 #include "support/interrupt.h"
 #include "support/socketpair.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -1,8 +1,7 @@
-#include <qel/base/netsilentset.h>
-
+#include <gtest/gtest.h>
 #include <string>
 
-#include <gtest/gtest.h>
+#include <qel/base/netsilentset.h>
 
 namespace {
 

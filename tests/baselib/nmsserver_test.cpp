@@ -1,6 +1,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <memory>
 #include <random>
 #include <set>
@@ -9,14 +10,13 @@
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include <qel/base/nmsclient.h>
 
 #include "support/child.h"
 #include "support/interrupt.h"
 #include "support/longrun.h"
 #include "support/nameserver.h"
 #include "support/tempdir.h"
-#include <qel/base/nmsclient.h>
 
 namespace {
 

@@ -1,15 +1,15 @@
 #include <csignal>
 #include <ctime>
+#include <gtest/gtest.h>
 #include <string>
+#include <sys/resource.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
+#include <qel/base/btktimeval.h>
+#include <qel/base/nmstable.h>
 
 #include "support/child.h"
 #include "support/failingmalloc.h"
-#include <qel/base/btktimeval.h>
-#include <qel/base/nmstable.h>
-#include <sys/resource.h>
 
 namespace {
 

@@ -1,8 +1,7 @@
 #include <algorithm>
 #include <cstring>
-#include <string>
-
 #include <gtest/gtest.h>
+#include <string>
 
 #include <qel/base/nmswire.h>
 

@@ -1,13 +1,11 @@
-#include <qel/base/thrthread.h>
-
+#include <cstdint>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
+
+#include <qel/base/thrthread.h>
 
 #include "support/child.h"
 #include "support/descriptors.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdint>
 
 namespace {
 

@@ -1,13 +1,13 @@
-#include <gtest/gtest.h>
-
 #include <cerrno>
+#include <gtest/gtest.h>
 #include <memory>
 #include <string>
 #include <sys/stat.h>
 #include <thread>
 
-#include "support/tempdir.h"
 #include <qel/base/xfilebuf.h>
+
+#include "support/tempdir.h"
 
 namespace {
 

@@ -1,14 +1,13 @@
-#include <qel/base/xsocketbuf.h>
-
+#include <gtest/gtest.h>
 #include <memory>
 #include <string>
 #include <sys/socket.h>
 #include <thread>
 
+#include <qel/base/xsocketbuf.h>
+
 #include "support/interrupt.h"
 #include "support/socketpair.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 

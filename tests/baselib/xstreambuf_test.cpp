@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-
 #include <memory>
 #include <string>
 #include <string_view>
@@ -7,9 +6,6 @@
 #include <thread>
 #include <unistd.h>
 
-#include "support/child.h"
-#include "support/interrupt.h"
-#include "support/tempdir.h"
 #include <qel/base/btksocket.h>
 #include <qel/base/xbufaccess.h>
 #include <qel/base/xfilebuf.h>
@@ -17,6 +13,10 @@
 #include <qel/base/xsocketbuf.h>
 #include <qel/base/xstdbuf.h>
 #include <qel/base/xstringbuf.h>
+
+#include "support/child.h"
+#include "support/interrupt.h"
+#include "support/tempdir.h"
 
 namespace {
 

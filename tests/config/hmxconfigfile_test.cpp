@@ -1,23 +1,21 @@
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <csignal>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <memory>
 #include <random>
-#include <thread>
-
-#include <qel/base/lockfilebuf.h>
-#include <qel/hmxconfigfile.h>
-#include <qel/platform/errornumbers.h>
-#include <qel/platform/lasterror.h>
-
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
+#include <thread>
 #include <unistd.h>
+
+#include <qel/base/lockfilebuf.h>
+#include <qel/hmxconfigfile.h>
+#include <qel/platform/errornumbers.h>
+#include <qel/platform/lasterror.h>
 
 #include "support/child.h"
 #include "support/environment.h"

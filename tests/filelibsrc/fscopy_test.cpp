@@ -1,16 +1,14 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
-
-#include <qel/filelib.h>
-#include <qel/platform/errornumbers.h>
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
+
+#include <qel/filelib.h>
+#include <qel/platform/errornumbers.h>
 
 #include "filelibsrc/raised.h"
 #include "support/child.h"

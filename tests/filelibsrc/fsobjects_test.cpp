@@ -1,6 +1,7 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
-
 #include <set>
+#include <sys/stat.h>
 #include <utility>
 
 #include <qel/fsdir.h>
@@ -10,9 +11,6 @@
 #include <qel/platform/lasterror.h>
 #include <qel/qelrtti.h>
 #include <qel/tmtime.h>
-
-#include <fcntl.h>
-#include <sys/stat.h>
 
 #include "support/tempdir.h"
 

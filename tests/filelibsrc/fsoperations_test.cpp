@@ -1,20 +1,17 @@
-#include <gtest/gtest.h>
-
 #include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <gtest/gtest.h>
 #include <set>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 
 #include <qel/filelib.h>
 #include <qel/fsfile.h>
 #include <qel/tmtime.h>
-
-#include <csignal>
-#include <cstdio>
-
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "filelibsrc/raised.h"
 #include "support/child.h"

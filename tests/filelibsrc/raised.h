@@ -4,8 +4,9 @@
 #include <string>
 #include <utility>
 
-#include "support/thrown.h"
 #include <qel/fserror.h>
+
+#include "support/thrown.h"
 
 /// What a file operation raised: the number of the failure, the function and the path that it names.
 struct Raised

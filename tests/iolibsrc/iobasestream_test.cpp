@@ -1,11 +1,11 @@
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <functional>
+#include <gtest/gtest.h>
 
-#include "iosupport.h"
 #include <qel/base/xstringbuf.h>
 #include <qel/xrtti.h>
+
+#include "iosupport.h"
 
 namespace {
 

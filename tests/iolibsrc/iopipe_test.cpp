@@ -1,12 +1,12 @@
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <ctime>
+#include <gtest/gtest.h>
 #include <thread>
+
+#include <qel/evteventarray.h>
 
 #include "iosupport.h"
 #include "support/interrupt.h"
-#include <qel/evteventarray.h>
 
 namespace {
 

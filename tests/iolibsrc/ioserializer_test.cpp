@@ -1,16 +1,16 @@
-#include <gtest/gtest.h>
-
 #include <bit>
 #include <cmath>
 #include <cstring>
 #include <functional>
+#include <gtest/gtest.h>
 #include <limits>
 #include <random>
 #include <sstream>
 
+#include <qel/xrtti.h>
+
 #include "iosupport.h"
 #include "support/thrown.h"
-#include <qel/xrtti.h>
 
 namespace {
 

@@ -3,9 +3,10 @@
 #include <memory>
 #include <string>
 
+#include <qel/xiolib.h>
+
 #include "support/owned.h"
 #include "support/thrown.h"
-#include <qel/xiolib.h>
 
 /// The text of a stream's failure.
 inline std::string StreamFailureText(xthrowable* thrown)

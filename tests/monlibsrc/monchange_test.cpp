@@ -1,15 +1,15 @@
 // The event that a file has changed.
-#include <gtest/gtest.h>
-
 #include <filesystem>
+#include <gtest/gtest.h>
 #include <memory>
+
+#include <qel/evteventarray.h>
+#include <qel/platform/lasterror.h>
 
 #include "monsupport.h"
 #include "support/child.h"
 #include "support/descriptors.h"
 #include "support/tempdir.h"
-#include <qel/evteventarray.h>
-#include <qel/platform/lasterror.h>
 
 namespace {
 

@@ -1,18 +1,19 @@
 // Several processes and several openings share a file, and are stopped and killed at any moment.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
 #include <bit>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <gtest/gtest.h>
 #include <memory>
 #include <random>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
+
+#include <qel/base/btkfilepart.h>
 
 #include "monsupport.h"
 #include "support/child.h"
@@ -21,7 +22,6 @@
 #include "support/longrun.h"
 #include "support/tempdir.h"
 #include "support/traced.h"
-#include <qel/base/btkfilepart.h>
 
 namespace {
 

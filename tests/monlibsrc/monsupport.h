@@ -2,9 +2,10 @@
 
 #include <string>
 
-#include "iolibsrc/iosupport.h"
 #include <qel/qelexception.h>
 #include <qel/xmonlib.h>
+
+#include "iolibsrc/iosupport.h"
 
 /// The text of what `work` throws: of a stream's failure, or of what is wrong with a monitor file; "" when it
 /// throws nothing.

@@ -1,10 +1,13 @@
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <filesystem>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <qel/platform/errornumbers.h>
+#include <qel/platform/lasterror.h>
+#include <qel/xrtti.h>
 
 #include "monsupport.h"
 #include "support/child.h"
@@ -12,9 +15,6 @@
 #include "support/interrupt.h"
 #include "support/tempdir.h"
 #include "support/thrown.h"
-#include <qel/platform/errornumbers.h>
-#include <qel/platform/lasterror.h>
-#include <qel/xrtti.h>
 
 namespace {
 

@@ -2,8 +2,9 @@
 
 #include <string>
 
-#include "iolibsrc/iosupport.h"
 #include <qel/netexception.h>
+
+#include "iolibsrc/iosupport.h"
 
 /// What `work` throws: the code and the text of a failure of the network library, the text of a stream's; ""
 /// when it throws nothing.

@@ -1,13 +1,17 @@
-#include <qel/xnetlib.h>
-
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
 #include <future>
+#include <gtest/gtest.h>
 #include <stdexcept>
 
-#include <gtest/gtest.h>
+#include <qel/base/btkpipe.h>
+#include <qel/base/btksocket.h>
+#include <qel/base/nmsclient.h>
+#include <qel/xiolib.h>
+#include <qel/xnetlib.h>
+#include <qel/xrtti.h>
 
 #include "failure.h"
 #include "support/child.h"
@@ -17,11 +21,6 @@
 #include "support/nameserver.h"
 #include "support/streampair.h"
 #include "support/testserver.h"
-#include <qel/base/btkpipe.h>
-#include <qel/base/btksocket.h>
-#include <qel/base/nmsclient.h>
-#include <qel/xiolib.h>
-#include <qel/xrtti.h>
 
 namespace {
 

@@ -4,19 +4,19 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <string>
 #include <thread>
 
-#include <gtest/gtest.h>
+#include <qel/base/btksocket.h>
+#include <qel/netserver.h>
+#include <qel/xiolib.h>
 
 #include "support/environment.h"
 #include "support/faults.h"
 #include "support/tempdir.h"
 #include "support/testserver.h"
 #include "support/traced.h"
-#include <qel/base/btksocket.h>
-#include <qel/netserver.h>
-#include <qel/xiolib.h>
 
 namespace {
 

@@ -1,20 +1,20 @@
 // Every operation of a client with a limit ends with it, whatever the server does.
 #include <algorithm>
 #include <functional>
+#include <gtest/gtest.h>
 #include <string>
 
-#include <gtest/gtest.h>
-
-#include "support/hostilepeer.h"
-#include "support/owned.h"
-#include "support/streampair.h"
-#include "support/thrown.h"
 #include <qel/base/nmswire.h>
 #include <qel/netaddress.h>
 #include <qel/netexception.h>
 #include <qel/netserver.h>
 #include <qel/nmsproxy.h>
 #include <qel/rshprocess.h>
+
+#include "support/hostilepeer.h"
+#include "support/owned.h"
+#include "support/streampair.h"
+#include "support/thrown.h"
 
 namespace {
 

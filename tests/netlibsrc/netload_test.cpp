@@ -1,17 +1,16 @@
-#include <qel/xnetlib.h>
-
 #include <atomic>
-#include <vector>
-
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <vector>
+
+#include <qel/xiolib.h>
+#include <qel/xnetlib.h>
 
 #include "support/descriptors.h"
 #include "support/longrun.h"
 #include "support/nameserver.h"
 #include "support/resident.h"
 #include "support/testserver.h"
-#include <qel/xiolib.h>
 
 namespace {
 

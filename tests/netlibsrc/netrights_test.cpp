@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -7,15 +5,16 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include <qel/base/btksocket.h>
 #include <qel/hmxregistry.h>
 #include <qel/netrights.h>
 #include <qel/netserver.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "support/addresses.h"
 #include "support/child.h"

@@ -1,14 +1,15 @@
-#include <qel/xnetlib.h>
-
 #include <algorithm>
 #include <future>
+#include <gtest/gtest.h>
 #include <string>
+#include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
 
-#include <sys/socket.h>
-
-#include <gtest/gtest.h>
+#include <qel/base/btksocket.h>
+#include <qel/hmxregistry.h>
+#include <qel/xiolib.h>
+#include <qel/xnetlib.h>
 
 #include "failure.h"
 #include "support/addresses.h"
@@ -20,9 +21,6 @@
 #include "support/nameserver.h"
 #include "support/tempdir.h"
 #include "support/testserver.h"
-#include <qel/base/btksocket.h>
-#include <qel/hmxregistry.h>
-#include <qel/xiolib.h>
 
 namespace {
 

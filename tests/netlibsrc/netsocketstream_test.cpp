@@ -1,25 +1,24 @@
-#include <qel/xnetlib.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <qel/base/nmsclient.h>
+#include <qel/base/nmsserver.h>
+#include <qel/syslib.h>
+#include <qel/xiolib.h>
+#include <qel/xnetlib.h>
+#include <qel/xrtti.h>
 
 #include "failure.h"
 #include "support/addresses.h"
 #include "support/interrupt.h"
 #include "support/socketpair.h"
 #include "support/streampair.h"
-#include <qel/base/nmsclient.h>
-#include <qel/base/nmsserver.h>
-#include <qel/syslib.h>
-#include <qel/xiolib.h>
-#include <qel/xrtti.h>
-
-#include <gtest/gtest.h>
 
 namespace {
 

@@ -1,14 +1,12 @@
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <csignal>
+#include <gtest/gtest.h>
 #include <string>
+#include <sys/time.h>
+#include <unistd.h>
 
 #include <qel/platform/environment.h>
 #include <qel/platform/errortable.h>
-
-#include <sys/time.h>
-#include <unistd.h>
 
 #include "support/child.h"
 

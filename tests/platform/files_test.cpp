@@ -1,19 +1,17 @@
-#include <gtest/gtest.h>
-
 #include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <thread>
+#include <unistd.h>
 
 #include <qel/platform/directories.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/files.h>
 #include <qel/platform/folder.h>
-
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include "support/child.h"
 #include "support/tempdir.h"

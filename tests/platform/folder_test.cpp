@@ -1,16 +1,14 @@
 #include <gtest/gtest.h>
-
-#include <qel/platform/errortable.h>
-#include <qel/platform/folder.h>
-
-#include <string>
-#include <vector>
-
 #include <sched.h>
+#include <string>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
+
+#include <qel/platform/errortable.h>
+#include <qel/platform/folder.h>
 
 #include "support/child.h"
 #include "support/tempdir.h"

@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <qel/platform/directories.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/pathmapping.h>
-
-#include <unistd.h>
 
 #include "support/environment.h"
 #include "support/tempdir.h"

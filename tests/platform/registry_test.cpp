@@ -1,23 +1,21 @@
-#include <gtest/gtest.h>
-
-#include <qel/platform/errortable.h>
-#include <qel/platform/registry.h>
-
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
 #include <memory>
+#include <sched.h>
 #include <set>
 #include <sstream>
-#include <thread>
-
-#include <fcntl.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
+
+#include <qel/platform/errortable.h>
+#include <qel/platform/registry.h>
 
 #include "support/child.h"
 #include "support/environment.h"

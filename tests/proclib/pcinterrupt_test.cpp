@@ -1,13 +1,13 @@
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <gtest/gtest.h>
 #include <memory>
 #include <thread>
 
-#include "support/descriptors.h"
 #include <qel/pcinterrupt.h>
+
+#include "support/descriptors.h"
 
 namespace {
 

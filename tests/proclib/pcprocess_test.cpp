@@ -1,8 +1,12 @@
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <cstdio>
+#include <gtest/gtest.h>
 #include <memory>
+
+#include <qel/base/btksocket.h>
+#include <qel/netsocketstream.h>
+#include <qel/pcprocess.h>
+#include <qel/xiolib.h>
 
 #include "iosupport.h"
 #include "support/child.h"
@@ -11,10 +15,6 @@
 #include "support/programs.h"
 #include "support/tempdir.h"
 #include "support/thrown.h"
-#include <qel/base/btksocket.h>
-#include <qel/netsocketstream.h>
-#include <qel/pcprocess.h>
-#include <qel/xiolib.h>
 
 namespace {
 

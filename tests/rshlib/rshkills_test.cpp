@@ -1,11 +1,10 @@
 // A client, a server and a command, each a process of its own, of which one is killed at any moment, or the
 // network between them fails: the others end soon and leave nothing behind.
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <map>
 #include <random>
 #include <sys/prctl.h>
@@ -14,15 +13,16 @@
 #include <sys/wait.h>
 #include <thread>
 
+#include <qel/rshprocess.h>
+#include <qel/rshserver.h>
+#include <qel/xiolib.h>
+
 #include "support/environment.h"
 #include "support/longrun.h"
 #include "support/owned.h"
 #include "support/programs.h"
 #include "support/streampair.h"
 #include "support/tempdir.h"
-#include <qel/rshprocess.h>
-#include <qel/rshserver.h>
-#include <qel/xiolib.h>
 
 namespace {
 

@@ -1,10 +1,13 @@
-#include <gtest/gtest.h>
-
 #include <csignal>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <random>
 #include <sys/socket.h>
 #include <thread>
+
+#include <qel/rshprocess.h>
+#include <qel/rshserver.h>
+#include <qel/xiolib.h>
 
 #include "support/child.h"
 #include "support/descriptors.h"
@@ -15,9 +18,6 @@
 #include "support/resident.h"
 #include "support/streampair.h"
 #include "support/tempdir.h"
-#include <qel/rshprocess.h>
-#include <qel/rshserver.h>
-#include <qel/xiolib.h>
 
 namespace {
 

@@ -1,20 +1,20 @@
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <climits>
 #include <cstdint>
 #include <ctime>
+#include <gtest/gtest.h>
 #include <thread>
+
+#include <qel/base/btkbyteorder.h>
+#include <qel/rshprocess.h>
+#include <qel/rshserver.h>
+#include <qel/xiolib.h>
 
 #include "support/environment.h"
 #include "support/owned.h"
 #include "support/programs.h"
 #include "support/streampair.h"
-#include <qel/base/btkbyteorder.h>
-#include <qel/rshprocess.h>
-#include <qel/rshserver.h>
-#include <qel/xiolib.h>
 
 namespace {
 

@@ -1,7 +1,6 @@
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <functional>
+#include <gtest/gtest.h>
 #include <sstream>
 #include <vector>
 

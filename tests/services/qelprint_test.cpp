@@ -1,11 +1,5 @@
-#include <qel/qelprint.h>
-
-#include <qel/xrtti.h>
-#include <qel/xsequence.h>
-
-#include <gtest/gtest.h>
-
 #include <bit>
+#include <gtest/gtest.h>
 #include <iomanip>
 #include <iostream>
 #include <limits>
@@ -15,6 +9,10 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <qel/qelprint.h>
+#include <qel/xrtti.h>
+#include <qel/xsequence.h>
 
 #include "services/testtypes.h"
 #include "support/tempdir.h"

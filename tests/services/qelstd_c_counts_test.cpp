@@ -1,6 +1,5 @@
-#include <gtest/gtest.h>
-
 #include <atomic>
+#include <gtest/gtest.h>
 #include <memory>
 #include <new>
 #include <stdexcept>

@@ -1,15 +1,15 @@
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <barrier>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <thread>
 #include <utility>
 
-#include "support/thrown.h"
 #include <qel/qelexception.h>
 #include <qel/qelprint.h>
 #include <qel/qeltable.h>
+
+#include "support/thrown.h"
 
 enum testMood : int { calm, merry, cross };
 QEL_ENUM(testMood);

@@ -1,10 +1,8 @@
-#include <qel/qeltraverse.h>
-
-#include <qel/xrtti.h>
-
 #include <gtest/gtest.h>
-
 #include <string>
+
+#include <qel/qeltraverse.h>
+#include <qel/xrtti.h>
 
 #include "services/recorder.h"
 #include "services/testtypes.h"

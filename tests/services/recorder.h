@@ -2,14 +2,13 @@
 
 // Visitors that keep what a walk tells them.
 
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
 #include <qel/qeltraverse.h>
 #include <qel/xrtti.h>
 #include <qel/xsequence.h>
-
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 namespace testtypes {
 

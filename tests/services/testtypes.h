@@ -2,17 +2,16 @@
 
 // Small classes of every shape that a descriptor can give, made known as an application does it.
 
-#include <qel/qelexception.h>
-#include <qel/qeltable.h>
-#include <qel/xany.h>
-#include <qel/xobject.h>
-
 #include <pthread.h>
-
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <qel/qelexception.h>
+#include <qel/qeltable.h>
+#include <qel/xany.h>
+#include <qel/xobject.h>
 
 namespace testtypes {
 

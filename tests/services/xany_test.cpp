@@ -1,13 +1,13 @@
-#include <gtest/gtest.h>
-
 #include <bit>
 #include <cstring>
+#include <gtest/gtest.h>
 
-#include "support/thrown.h"
 #include <qel/qelexception.h>
 #include <qel/qelrtti.h>
 #include <qel/qeltable.h>
 #include <qel/xany.h>
+
+#include "support/thrown.h"
 
 namespace {
 

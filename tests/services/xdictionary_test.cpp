@@ -1,9 +1,9 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cstdlib>
+#include <gtest/gtest.h>
+#include <malloc.h>
 #include <map>
 #include <memory>
 #include <random>
@@ -11,8 +11,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <malloc.h>
 
 #include <qel/qelexception.h>
 #include <qel/qelrtti.h>

@@ -1,17 +1,17 @@
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <cstring>
 #include <functional>
 #include <future>
+#include <gtest/gtest.h>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "support/thrown.h"
 #include <qel/qelexception.h>
 #include <qel/qeltable.h>
 #include <qel/xobject.h>
+
+#include "support/thrown.h"
 
 namespace {
 

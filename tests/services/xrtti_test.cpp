@@ -1,15 +1,15 @@
 #include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
 
-#include "support/thrown.h"
 #include <qel/qelexception.h>
 #include <qel/qelrtti.h>
 #include <qel/qeltable.h>
 #include <qel/xrtti.h>
 #include <qel/xrttiattrseq.h>
 #include <qel/xsequence.h>
+
+#include "support/thrown.h"
 
 namespace {
 

@@ -1,9 +1,8 @@
-#include <gtest/gtest.h>
-
 #include <climits>
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <gtest/gtest.h>
 #include <random>
 #include <stdexcept>
 #include <string>

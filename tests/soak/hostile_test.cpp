@@ -8,15 +8,17 @@
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <gtest/gtest.h>
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/socket.h>
 #include <thread>
 #include <tuple>
 #include <vector>
 
-#include <gtest/gtest.h>
-#include <sys/socket.h>
+#include <qel/base/btksocket.h>
+#include <qel/base/nmswire.h>
 
 #include "support/addresses.h"
 #include "support/environment.h"
@@ -24,8 +26,6 @@
 #include "support/nameserver.h"
 #include "support/qelprogram.h"
 #include "support/resident.h"
-#include <qel/base/btksocket.h>
-#include <qel/base/nmswire.h>
 
 namespace {
 

@@ -8,11 +8,18 @@
 #include <cstdlib>
 #include <functional>
 #include <future>
+#include <gtest/gtest.h>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include <qel/hmxconfigfile.h>
+#include <qel/hmxregistry.h>
+#include <qel/iopipe.h>
+#include <qel/netserver.h>
+#include <qel/rshprocess.h>
+#include <qel/rshserver.h>
+#include <qel/xmonlib.h>
 
 #include "support/descriptors.h"
 #include "support/environment.h"
@@ -22,13 +29,6 @@
 #include "support/streampair.h"
 #include "support/tempdir.h"
 #include "support/testserver.h"
-#include <qel/hmxconfigfile.h>
-#include <qel/hmxregistry.h>
-#include <qel/iopipe.h>
-#include <qel/netserver.h>
-#include <qel/rshprocess.h>
-#include <qel/rshserver.h>
-#include <qel/xmonlib.h>
 
 namespace {
 

@@ -1,16 +1,16 @@
+#include <gtest/gtest.h>
 #include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
 
-#include <gtest/gtest.h>
+#include <qel/base/btksocket.h>
+#include <qel/nmsproxy.h>
 
 #include "support/interrupt.h"
 #include "support/nameserver.h"
 #include "support/thrown.h"
-#include <qel/base/btksocket.h>
-#include <qel/nmsproxy.h>
 
 namespace {
 

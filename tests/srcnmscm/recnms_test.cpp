@@ -1,14 +1,14 @@
+#include <gtest/gtest.h>
 #include <memory>
 #include <string>
 
-#include <gtest/gtest.h>
-
-#include "support/environment.h"
-#include "support/tempdir.h"
 #include <qel/base/nmswire.h>
 #include <qel/hmxregistry.h>
 #include <qel/recnms.h>
 #include <qel/xiolib.h>
+
+#include "support/environment.h"
+#include "support/tempdir.h"
 
 namespace {
 

@@ -1,7 +1,4 @@
-#include <qel/xstring.h>
-
 #include <gtest/gtest.h>
-
 #include <limits>
 #include <sstream>
 #include <stdexcept>
@@ -9,6 +6,7 @@
 #include <thread>
 
 #include <qel/qelexception.h>
+#include <qel/xstring.h>
 
 #include "support/thrown.h"
 #include "support/widetext.h"

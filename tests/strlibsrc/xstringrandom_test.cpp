@@ -1,6 +1,5 @@
-#include <gtest/gtest.h>
-
 #include <codecvt>
+#include <gtest/gtest.h>
 #include <locale>
 #include <optional>
 #include <random>

@@ -1,17 +1,16 @@
 #pragma once
 
+#include <arpa/inet.h>
 #include <cstring>
 #include <initializer_list>
-#include <sched.h>
-#include <string>
-#include <unistd.h>
-
-#include <arpa/inet.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sched.h>
+#include <string>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 /// Moves the process into a new network namespace, in which this machine has the given IPv4 addresses, so
 /// that two of them see each other as different machines. Call it in a child process. False when the system

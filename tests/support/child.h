@@ -2,9 +2,8 @@
 
 #include <cerrno>
 #include <csignal>
-#include <unistd.h>
-
 #include <sys/wait.h>
+#include <unistd.h>
 
 /// A child process that runs `work`, which returns the exit status; the parent's clean-up does not run in it.
 /// The destructor kills it, unless it has been waited for.

@@ -5,7 +5,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/random.h>

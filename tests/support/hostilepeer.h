@@ -5,8 +5,9 @@
 #include <string>
 #include <thread>
 
-#include "support/environment.h"
 #include <qel/base/btksocket.h>
+
+#include "support/environment.h"
 
 /// A server on the loopback that sends each client the bytes `atOnce`, and after that either nothing or, when
 /// it `drips`, a zero byte about every 20 ms. It reads nothing and closes nothing. During its lifetime it is

@@ -3,11 +3,11 @@
 #include <atomic>
 #include <csignal>
 #include <ctime>
+#include <gtest/gtest.h>
 #include <optional>
 #include <sys/time.h>
 
 #include "support/longrun.h"
-#include <gtest/gtest.h>
 
 /// Interrupts the process a thousand times a second during its lifetime, with a handler that does not restart
 /// calls. Restores the previous timer and handler afterwards.

@@ -3,8 +3,9 @@
 #include <string>
 #include <thread>
 
-#include "support/environment.h"
 #include <qel/base/nmsserver.h>
+
+#include "support/environment.h"
 
 /// A name server on a free port of the loopback, served by a separate thread. During its lifetime it is the
 /// name server of the clients of this process.

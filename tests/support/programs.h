@@ -1,11 +1,11 @@
 #pragma once
 
 #include <cerrno>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include "support/descriptors.h"
 #include "support/interrupt.h"
-#include <gtest/gtest.h>
-#include <sys/wait.h>
 
 /// Whether the process has no child, running or exited.
 inline bool hasNoChildren()

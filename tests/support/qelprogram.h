@@ -3,15 +3,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <string>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
-#include "support/child.h"
-#include <gtest/gtest.h>
 #include <qel/base/btkfd.h>
-#include <sys/wait.h>
+
+#include "support/child.h"
 
 struct Outcome
 {

@@ -2,10 +2,11 @@
 
 #include <memory>
 
-#include "support/owned.h"
-#include "support/thrown.h"
 #include <qel/base/btksocket.h>
 #include <qel/netsocketstream.h>
+
+#include "support/owned.h"
+#include "support/thrown.h"
 
 /// Runs `work`, whose stream may fail.
 template<class Work>

@@ -1,13 +1,13 @@
 #pragma once
 
 #include <csignal>
+#include <gtest/gtest.h>
 #include <pty.h>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
-#include <gtest/gtest.h>
 #include <qel/base/btkfd.h>
 
 /// The program qel with a terminal as its input and outputs. The destructor kills it.

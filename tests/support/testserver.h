@@ -4,9 +4,10 @@
 #include <thread>
 #include <utility>
 
-#include "support/owned.h"
 #include <qel/netaddress.h>
 #include <qel/netbaseserver.h>
+
+#include "support/owned.h"
 
 /// A request handler that calls a function of the test.
 struct RequestHandler : netBaseServer_OnRequest_cb

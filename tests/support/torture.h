@@ -2,16 +2,16 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <limits>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include <qel/xobject.h>
 
 #include "support/descriptors.h"
 #include "support/failingmalloc.h"
 #include "support/thrown.h"
-#include <qel/xobject.h>
 
 // Runs operations with one of their allocations failing, or all from one on. However an operation ends, it
 // must leak neither memory nor descriptors, and the next attempt must succeed. Include it in the only source

@@ -1,20 +1,18 @@
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <gtest/gtest.h>
 #include <memory>
+#include <sched.h>
 #include <sstream>
+#include <sys/utsname.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include <qel/filelib.h>
 #include <qel/syslib.h>
 #include <qel/tmtime.h>
-
-#include <sched.h>
-#include <sys/utsname.h>
-#include <unistd.h>
 
 #include "support/child.h"
 #include "support/environment.h"

@@ -1,8 +1,7 @@
-#include <gtest/gtest.h>
-
 #include <climits>
 #include <cmath>
 #include <ctime>
+#include <gtest/gtest.h>
 #include <memory>
 #include <sstream>
 #include <thread>

@@ -1,13 +1,13 @@
 #include <chrono>
+#include <gtest/gtest.h>
 #include <string>
 
-#include <gtest/gtest.h>
+#include <qel/base/btksocket.h>
+#include <qel/netaddress.h>
 
 #include "support/nameserver.h"
 #include "support/qelprogram.h"
 #include "support/tempdir.h"
-#include <qel/base/btksocket.h>
-#include <qel/netaddress.h>
 
 namespace {
 

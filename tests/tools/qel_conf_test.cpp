@@ -1,8 +1,7 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <qel/hmxconfigfile.h>
-
-#include <unistd.h>
 
 #include "support/qelprogram.h"
 #include "support/tempdir.h"

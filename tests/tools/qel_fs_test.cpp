@@ -1,8 +1,6 @@
-#include <gtest/gtest.h>
-
 #include <csignal>
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -1,6 +1,5 @@
 #include <chrono>
 #include <filesystem>
-
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 

@@ -1,18 +1,18 @@
 #include <chrono>
 #include <filesystem>
+#include <gmock/gmock.h>
 #include <limits>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 
-#include <gmock/gmock.h>
-#include <nlohmann/json.hpp>
+#include <qel/xmonlib.h>
 
 #include "support/environment.h"
 #include "support/owned.h"
 #include "support/qelprogram.h"
 #include "support/tempdir.h"
 #include "support/terminal.h"
-#include <qel/xmonlib.h>
 
 using testing::HasSubstr;
 using testing::MatchesRegex;

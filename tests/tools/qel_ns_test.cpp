@@ -1,16 +1,16 @@
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
+#include <qel/base/btksocket.h>
+#include <qel/netaddress.h>
 
 #include "support/environment.h"
 #include "support/hostilepeer.h"
 #include "support/nameserver.h"
 #include "support/qelprogram.h"
 #include "support/tempdir.h"
-#include <qel/base/btksocket.h>
-#include <qel/netaddress.h>
 
 namespace {
 

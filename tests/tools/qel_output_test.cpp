@@ -1,7 +1,6 @@
+#include <gtest/gtest.h>
 #include <sstream>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "commands.h"
 #include "program.h"

@@ -1,12 +1,18 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include <qel/base/btkprocess.h>
+#include <qel/base/btksocket.h>
+#include <qel/base/nethandshake.h>
+#include <qel/hmxregistry.h>
+#include <qel/netaddress.h>
+#include <qel/netserver.h>
 
 #include "support/addresses.h"
 #include "support/environment.h"
@@ -14,12 +20,6 @@
 #include "support/owned.h"
 #include "support/qelprogram.h"
 #include "support/tempdir.h"
-#include <qel/base/btkprocess.h>
-#include <qel/base/btksocket.h>
-#include <qel/base/nethandshake.h>
-#include <qel/hmxregistry.h>
-#include <qel/netaddress.h>
-#include <qel/netserver.h>
 
 namespace {
 

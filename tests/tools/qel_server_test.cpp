@@ -1,15 +1,15 @@
 #include <filesystem>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
+#include <qel/base/btksocket.h>
+#include <qel/netaddress.h>
 
 #include "support/nameserver.h"
 #include "support/qelprogram.h"
 #include "support/tempdir.h"
-#include <qel/base/btksocket.h>
-#include <qel/netaddress.h>
 
 namespace {
 

@@ -1,6 +1,5 @@
-#include <string>
-
 #include <gtest/gtest.h>
+#include <string>
 
 #include "support/qelprogram.h"
 

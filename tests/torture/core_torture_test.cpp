@@ -1,15 +1,15 @@
-#include "support/thrown.h"
-#include "support/torture.h"
-
 #include <cstring>
 #include <memory>
 #include <sstream>
 #include <utility>
 
-#include "services/recorder.h"
 #include <qel/qelstd.h>
 #include <qel/qelstd_c.h>
 #include <qel/qeltable.h>
+
+#include "services/recorder.h"
+#include "support/thrown.h"
+#include "support/torture.h"
 
 // The core with failing allocations.
 

@@ -1,19 +1,19 @@
-#include "support/thrown.h"
-#include "support/torture.h"
-
 #include <memory>
 #include <string>
 #include <thread>
 
-#include "support/environment.h"
-#include "support/owned.h"
-#include "support/programs.h"
-#include "support/tempdir.h"
 #include <qel/base/btkcmdline.h>
 #include <qel/base/btkprocess.h>
 #include <qel/base/btksocket.h>
 #include <qel/qelstd.h>
 #include <qel/xmonlib.h>
+
+#include "support/environment.h"
+#include "support/owned.h"
+#include "support/programs.h"
+#include "support/tempdir.h"
+#include "support/thrown.h"
+#include "support/torture.h"
 
 // Streams, files and the libraries above them with failing allocations.
 

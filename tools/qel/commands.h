@@ -1,14 +1,13 @@
 #pragma once
 
+#include <CLI/CLI.hpp>
 #include <functional>
 #include <initializer_list>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include <qel/xobject.h>
 

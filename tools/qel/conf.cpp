@@ -8,13 +8,14 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
-#include "files.h"
 #include <qel/base/btkfd.h>
 #include <qel/filelib.h>
 #include <qel/hmxconfigfile.h>
 #include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
+
+#include "commands.h"
+#include "files.h"
 
 namespace {
 

@@ -4,20 +4,20 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <openssl/evp.h>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include <openssl/evp.h>
-
-#include "commands.h"
-#include "files.h"
-#include "progress.h"
 #include <qel/base/btkfd.h>
 #include <qel/filelib.h>
 #include <qel/pcinterrupt.h>
 #include <qel/platform/errornumbers.h>
 #include <qel/tmtime.h>
+
+#include "commands.h"
+#include "files.h"
+#include "progress.h"
 
 namespace {
 

@@ -2,14 +2,15 @@
 #include <limits>
 #include <string>
 
-#include "commands.h"
-#include "program.h"
 #include <qel/base/nmsclient.h>
 #include <qel/base/nmsserver.h>
 #include <qel/filelib.h>
 #include <qel/hmxregistry.h>
 #include <qel/syslib.h>
 #include <qel/xstring.h>
+
+#include "commands.h"
+#include "program.h"
 
 namespace {
 

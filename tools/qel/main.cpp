@@ -3,9 +3,10 @@
 #include <exception>
 #include <iostream>
 
+#include <qel/base/btkfd.h>
+
 #include "commands.h"
 #include "program.h"
-#include <qel/base/btkfd.h>
 
 namespace {
 

@@ -8,12 +8,13 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
-#include "files.h"
-#include "monitor.h"
 #include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
 #include <qel/xstring.h>
+
+#include "commands.h"
+#include "files.h"
+#include "monitor.h"
 
 namespace {
 

@@ -4,8 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
 #include <qel/xmonlib.h>
+
+#include "commands.h"
 
 // What the commands that work on monitor files share.
 

@@ -9,13 +9,14 @@
 #include <map>
 #include <sstream>
 
-#include "files.h"
-#include "monitor.h"
 #include <qel/base/btkfd.h>
 #include <qel/iopipe.h>
 #include <qel/pcinterrupt.h>
 #include <qel/pcprocess.h>
 #include <qel/qelexception.h>
+
+#include "files.h"
+#include "monitor.h"
 
 namespace {
 

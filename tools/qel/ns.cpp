@@ -11,9 +11,10 @@
 #include <thread>
 #include <vector>
 
-#include "commands.h"
 #include <qel/base/nmsclient.h>
 #include <qel/base/nmsserver.h>
+
+#include "commands.h"
 
 namespace {
 

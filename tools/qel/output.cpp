@@ -4,11 +4,12 @@
 #include <iostream>
 #include <vector>
 
-#include "commands.h"
 #include <qel/base/btkfd.h>
 #include <qel/qelexception.h>
 #include <qel/xany.h>
 #include <qel/xrtti.h>
+
+#include "commands.h"
 
 namespace {
 

@@ -1,9 +1,8 @@
 #pragma once
 
+#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
-
-#include <CLI/CLI.hpp>
 
 // The program as a whole, for main.cpp and the commands about it (help, manual pages, completion).
 

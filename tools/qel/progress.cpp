@@ -8,8 +8,9 @@
 #include <iostream>
 #include <iterator>
 
-#include "commands.h"
 #include <qel/base/btkfd.h>
+
+#include "commands.h"
 
 namespace {
 

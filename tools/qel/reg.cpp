@@ -5,13 +5,14 @@
 #include <string_view>
 #include <vector>
 
-#include "commands.h"
-#include "files.h"
 #include <qel/base/btkfd.h>
 #include <qel/hmxregistry.h>
 #include <qel/netrights.h>
 #include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
+
+#include "commands.h"
+#include "files.h"
 
 namespace {
 

@@ -1,16 +1,18 @@
 // qel rsh: a command at another machine.
+#include "rsh.h"
+
 #include <array>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "commands.h"
-#include "rsh.h"
 #include <qel/base/btkcmdline.h>
 #include <qel/netaddress.h>
 #include <qel/netserver.h>
 #include <qel/pcinterrupt.h>
 #include <qel/rshprocess.h>
+
+#include "commands.h"
 
 namespace {
 

@@ -10,8 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
-#include "rsh.h"
 #include <qel/base/btksocket.h>
 #include <qel/base/netsilentset.h>
 #include <qel/hmxregistry.h>
@@ -19,6 +17,9 @@
 #include <qel/netserver.h>
 #include <qel/pcprocess.h>
 #include <qel/rshserver.h>
+
+#include "commands.h"
+#include "rsh.h"
 
 namespace {
 

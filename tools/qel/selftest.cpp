@@ -11,7 +11,6 @@
 #include <thread>
 #include <utility>
 
-#include "commands.h"
 #include <qel/base/nmsclient.h>
 #include <qel/base/nmsserver.h>
 #include <qel/filelib.h>
@@ -22,6 +21,8 @@
 #include <qel/netserver.h>
 #include <qel/syslib.h>
 #include <qel/xmonlib.h>
+
+#include "commands.h"
 
 namespace {
 

@@ -4,8 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
-#include "files.h"
 #include <qel/base/nethandshake.h>
 #include <qel/base/nmsclient.h>
 #include <qel/hmxregistry.h>
@@ -13,6 +11,9 @@
 #include <qel/netrights.h>
 #include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
+
+#include "commands.h"
+#include "files.h"
 
 namespace {
 

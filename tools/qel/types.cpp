@@ -7,13 +7,14 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
 #include <qel/qelprint.h>
 #include <qel/qelrtti.h>
 #include <qel/qeltable.h>
 #include <qel/xdictionary.h>
 #include <qel/xrtti.h>
 #include <qel/xsequence.h>
+
+#include "commands.h"
 
 namespace {
 

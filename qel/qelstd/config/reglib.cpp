@@ -3,10 +3,11 @@
 #include <charconv>
 #include <string>
 
-#include "qelexception.h"
-#include "qeltable.h"
 #include <qel/platform/errortable.h>
 #include <qel/platform/registry.h>
+
+#include "qelexception.h"
+#include "qeltable.h"
 
 constinit qelClass regKey::rtti = {.name = "reglib::Key"};
 

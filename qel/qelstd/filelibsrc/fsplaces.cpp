@@ -1,5 +1,3 @@
-#include "filelib.h"
-
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -10,6 +8,7 @@
 #include <qel/platform/files.h>
 #include <qel/platform/pathmapping.h>
 
+#include "filelib.h"
 #include "fserror_p.h"
 #include "fspath_p.h"
 

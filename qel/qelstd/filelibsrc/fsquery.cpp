@@ -1,7 +1,6 @@
-#include "filelib.h"
-
 #include <qel/platform/lasterror.h>
 
+#include "filelib.h"
 #include "fserror_p.h"
 #include "fspath_p.h"
 

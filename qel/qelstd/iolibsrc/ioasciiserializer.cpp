@@ -3,9 +3,10 @@
 #include <cstdint>
 #include <string>
 
+#include <qel/base/xstreambuf.h>
+
 #include "ioserializer.h"
 #include "iotext_p.h"
-#include <qel/base/xstreambuf.h>
 
 // What a default standard stream in the classic locale writes and accepts, without the making of one for each
 // value. A value is read right in the get area when it ends there, else byte by byte through the buffer's own

@@ -5,11 +5,12 @@
 #include <memory>
 #include <streambuf>
 
+#include <qel/base/xbufaccess.h>
+#include <qel/base/xstreambuf.h>
+
 #include "ioform_p.h"
 #include "qelexception.h"
 #include "qeltable.h"
-#include <qel/base/xbufaccess.h>
-#include <qel/base/xstreambuf.h>
 
 constinit qelClass ioStream::rtti = {
     .name = "iolib::Stream",

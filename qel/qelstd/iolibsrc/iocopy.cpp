@@ -1,12 +1,12 @@
-#include "iobasestream.h"
-
 #include <algorithm>
 #include <cstdint>
 #include <streambuf>
 
-#include "qelexception.h"
 #include <qel/base/xbufaccess.h>
 #include <qel/base/xstreambuf.h>
+
+#include "iobasestream.h"
+#include "qelexception.h"
 
 void ioStream::ReadStream(ioStream* src)
 {

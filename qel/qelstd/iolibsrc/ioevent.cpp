@@ -1,9 +1,9 @@
-#include "iobasestream.h"
-
 #include <memory>
 
-#include "qeltable.h"
 #include <qel/base/xstreambuf.h>
+
+#include "iobasestream.h"
+#include "qeltable.h"
 
 QEL_LABELS(ioEventType, "iolib::EventType", ioInputPending, ioOutputPending);
 

@@ -1,8 +1,8 @@
-#include "iobasestream.h"
+#include <qel/base/xstreambuf.h>
 
+#include "iobasestream.h"
 #include "qelexception.h"
 #include "qeltable.h"
-#include <qel/base/xstreambuf.h>
 
 // What a stream throws, and why.
 

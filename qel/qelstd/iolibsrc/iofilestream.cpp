@@ -4,10 +4,11 @@
 #include <memory>
 #include <string>
 
-#include "qeltable.h"
 #include <qel/base/xfilebuf.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/pathmapping.h>
+
+#include "qeltable.h"
 
 QEL_LABELS(ioOpenMode, "iolib::OpenMode", ioReadOnly, ioWriteOnly, ioReadWrite);
 QEL_LABELS(ioDirection, "iolib::Direction", ioBegin, ioEnd, ioCur);

@@ -6,8 +6,9 @@
 #include <cstring>
 #include <streambuf>
 
-#include "iotext_p.h"
 #include <qel/base/btkbyteorder.h>
+
+#include "iotext_p.h"
 
 // Values as words of 1, 4 or 8 bytes, in the host's order or in that of the network.
 

@@ -2,8 +2,9 @@
 
 #include <memory>
 
-#include "qeltable.h"
 #include <qel/base/xpipebuf.h>
+
+#include "qeltable.h"
 
 constinit qelClass ioPipeStream::rtti = {
     .name = "iolib::PipeStream",

@@ -8,12 +8,13 @@
 #include <streambuf>
 #include <string>
 
-#include "ioform_p.h"
-#include "iotext_p.h"
-#include "qeltable.h"
 #include <qel/base/xbufaccess.h>
 #include <qel/base/xstreambuf.h>
 #include <qel/xstring.h>
+
+#include "ioform_p.h"
+#include "iotext_p.h"
+#include "qeltable.h"
 
 QEL_LABELS(ioTryCode, "iolib::TryCode", ioSuccess, ioWouldBlock, ioEndOfFile, ioIOError, ioFormatError,
            ioNotSupported);

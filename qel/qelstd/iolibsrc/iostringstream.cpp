@@ -5,9 +5,10 @@
 #include <cstring>
 #include <memory>
 
+#include <qel/base/xstringbuf.h>
+
 #include "iotext_p.h"
 #include "qeltable.h"
-#include <qel/base/xstringbuf.h>
 
 constinit qelClass ioStringStream::rtti = {
     .name = "iolib::StringStream",

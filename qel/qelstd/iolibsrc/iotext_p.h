@@ -4,10 +4,11 @@
 #include <streambuf>
 #include <utility>
 
-#include "ioserializer.h"
 #include <qel/base/btkstrbuf.h>
 #include <qel/base/xbufaccess.h>
 #include <qel/xstring.h>
+
+#include "ioserializer.h"
 
 /// The most that is committed to a buffer at once: it counts in ints.
 constexpr std::size_t ioLargestPart = 0x10000000;

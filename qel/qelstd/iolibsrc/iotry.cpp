@@ -1,12 +1,12 @@
-#include "iobasestream.h"
-
 #include <algorithm>
 #include <climits>
 #include <streambuf>
 
-#include "ioform_p.h"
 #include <qel/base/xbufaccess.h>
 #include <qel/base/xstreambuf.h>
+
+#include "iobasestream.h"
+#include "ioform_p.h"
 
 // The operations that never block.
 

@@ -1,8 +1,8 @@
-#include "monchange_p.h"
-
 #include <utility>
 
 #include <qel/base/btksystem.h>
+
+#include "monchange_p.h"
 
 bool monChanges::Begin(btkHandle opened)
 {

@@ -3,13 +3,14 @@
 #include <memory>
 #include <string>
 
+#include <qel/base/btkfilepart.h>
+#include <qel/base/btksystem.h>
+#include <qel/base/xfilebuf.h>
+
 #include "monchange_p.h"
 #include "qelexception.h"
 #include "xiolib.h"
 #include "xmonlib.h"
-#include <qel/base/btkfilepart.h>
-#include <qel/base/btksystem.h>
-#include <qel/base/xfilebuf.h>
 
 // What the file and its parameters share.
 

@@ -5,10 +5,11 @@
 #include <optional>
 #include <utility>
 
+#include <qel/base/btkbyteorder.h>
+
 #include "monfile_p.h"
 #include "monlock_p.h"
 #include "qeltable.h"
-#include <qel/base/btkbyteorder.h>
 
 constinit qelClass monParam::rtti = {
     .name = "monlib::Param",

@@ -9,13 +9,14 @@
 #include <utility>
 #include <vector>
 
-#include "monfile_p.h"
-#include "monlock_p.h"
-#include "qeltable.h"
 #include <qel/base/btkbyteorder.h>
 #include <qel/base/btkreplace.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/pathmapping.h>
+
+#include "monfile_p.h"
+#include "monlock_p.h"
+#include "qeltable.h"
 
 constinit qelClass monFile::rtti = {
     .name = "monlib::File",

@@ -1,8 +1,7 @@
-#include "netasyncrequest_p.h"
-
 #include <iostream>
 #include <list>
 
+#include "netasyncrequest_p.h"
 #include "netserverloop_p.h"
 
 // ---- what the loop does with them

@@ -2,8 +2,9 @@
 
 #include <memory>
 
-#include "netthread.h"
 #include <qel/base/btktimeval.h>
+
+#include "netthread.h"
 
 class btkStopSign;
 class netBaseServer;

@@ -8,9 +8,10 @@
 #include <new>
 #include <string_view>
 
-#include "hmxregistry.h"
 #include <qel/base/btksocket.h>
 #include <qel/platform/errortable.h>
+
+#include "hmxregistry.h"
 
 namespace {
 

@@ -3,12 +3,13 @@
 #include <iostream>
 #include <string>
 
+#include <qel/base/nethandshake.h>
+
 #include "netaddress.h"
 #include "netconnect_p.h"
 #include "netexception.h"
 #include "netrights.h"
 #include "qeltable.h"
-#include <qel/base/nethandshake.h>
 
 constinit qelClass netServer::rtti = {
     .name = "netlib::Server",

@@ -5,12 +5,13 @@
 #include <memory>
 #include <string>
 
-#include "netasyncrequest_p.h"
-#include "netbaseserver.h"
-#include "qelcaught_p.h"
 #include <qel/base/btksocket.h>
 #include <qel/base/netsilentset.h>
 #include <qel/qelexception.h>
+
+#include "netasyncrequest_p.h"
+#include "netbaseserver.h"
+#include "qelcaught_p.h"
 
 /// The loop of a server: its port, the connections that wait, and the asynchronous requests.
 class [[gnu::visibility("hidden")]] netBaseServer::Loop

@@ -1,7 +1,8 @@
 #include "netservice.h"
 
-#include "qeltable.h"
 #include <qel/base/btkabort.h>
+
+#include "qeltable.h"
 
 constinit qelClass netService_DoService_cb::rtti = {
     .name = "netlib::Service_DoService_cb",

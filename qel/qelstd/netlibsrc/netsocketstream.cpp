@@ -2,10 +2,11 @@
 
 #include <memory>
 
-#include "qeltable.h"
 #include <qel/base/btkbyteorder.h>
 #include <qel/base/btksocket.h>
 #include <qel/base/xsocketbuf.h>
+
+#include "qeltable.h"
 
 constinit qelClass netSocketStream::rtti = {
     .name = "netlib::SocketStream",

@@ -1,8 +1,9 @@
 #include "netthread.h"
 
-#include "iopipe.h"
 #include <qel/base/btkabort.h>
 #include <qel/base/thrthread.h>
+
+#include "iopipe.h"
 
 netBaseThread::~netBaseThread()
 {

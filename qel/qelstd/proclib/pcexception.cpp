@@ -1,8 +1,9 @@
 #include "pcexception.h"
 
+#include <qel/base/btksystem.h>
+
 #include "pcprocess.h"
 #include "qeltable.h"
-#include <qel/base/btksystem.h>
 
 QEL_LABELS(pcCreateError, "proclib::CreateError", pcBadIn, pcBadOut, pcBadErr, pcTooLongArgs, pcFileNotFound,
            pcCantExecute, pcNoMemory, pcBadWorkDir, pcBadProcessId);

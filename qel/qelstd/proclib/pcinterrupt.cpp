@@ -2,9 +2,10 @@
 
 #include <atomic>
 
-#include "qeltable.h"
 #include <qel/base/thrmutex.h>
 #include <qel/platform/console.h>
+
+#include "qeltable.h"
 
 constinit qelClass pcInterruptEvent::rtti = {
     .name = "proclib::InterruptEvent",

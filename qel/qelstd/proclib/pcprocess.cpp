@@ -3,13 +3,14 @@
 #include <memory>
 #include <string>
 
-#include "iobasestream.h"
-#include "qeltable.h"
 #include <qel/base/btkprocess.h>
 #include <qel/base/btksystem.h>
 #include <qel/base/ctenv.h>
 #include <qel/base/thrthread.h>
 #include <qel/platform/pathmapping.h>
+
+#include "iobasestream.h"
+#include "qeltable.h"
 
 QEL_LABELS(pcProcessStatus, "proclib::ProcessStatus", pcUninit, pcRunning, pcExited);
 

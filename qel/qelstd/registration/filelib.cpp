@@ -1,4 +1,5 @@
 #include "filelib.h"
+
 #include "qeltable.h"
 #include "registrars_p.h"
 

@@ -5,14 +5,15 @@
 #include <cstring>
 #include <stdexcept>
 
+#include <qel/base/btkabort.h>
+#include <qel/base/btkbyteorder.h>
+#include <qel/base/btksocket.h>
+
 #include "iopipe.h"
 #include "netsocketstream.h"
 #include "pcinterrupt.h"
 #include "qeltable.h"
 #include "rshrelay_p.h"
-#include <qel/base/btkabort.h>
-#include <qel/base/btkbyteorder.h>
-#include <qel/base/btksocket.h>
 
 constinit qelClass rshProcess::rtti = {
     .name = "rshlib::Process",

@@ -1,11 +1,11 @@
-#include "rshrelay_p.h"
-
 #include <algorithm>
 #include <climits>
 #include <cstring>
 
 #include <qel/base/btkbyteorder.h>
 #include <qel/base/xstreambuf.h>
+
+#include "rshrelay_p.h"
 
 void rshQueue::Drop(std::size_t count)
 {

@@ -3,6 +3,10 @@
 #include <atomic>
 #include <stdexcept>
 
+#include <qel/base/btkabort.h>
+#include <qel/base/btksocket.h>
+#include <qel/base/btksystem.h>
+
 #include "fspath.h"
 #include "iopipe.h"
 #include "netsocketstream.h"
@@ -10,9 +14,6 @@
 #include "qelexception.h"
 #include "qeltable.h"
 #include "rshrelay_p.h"
-#include <qel/base/btkabort.h>
-#include <qel/base/btksocket.h>
-#include <qel/base/btksystem.h>
 
 constinit qelClass rshServer::rtti = {
     .name = "rshlib::Server",

@@ -6,10 +6,11 @@
 #include <string>
 #include <vector>
 
+#include <qel/base/nmsclient.h>
+
 #include "qeltable.h"
 #include "recnms_p.h"
 #include "syslib.h"
-#include <qel/base/nmsclient.h>
 
 constinit qelClass nmsServerProxy::rtti = {
     .name = "nmsclib::ServerProxy",

@@ -2,14 +2,15 @@
 
 #include <string>
 
+#include <qel/base/btkabort.h>
+#include <qel/base/btkprocess.h>
+#include <qel/base/nmsclient.h>
+
 #include "hmxregistry.h"
 #include "qelcaught_p.h"
 #include "qeltable.h"
 #include "recnms_p.h"
 #include "xiolib.h"
-#include <qel/base/btkabort.h>
-#include <qel/base/btkprocess.h>
-#include <qel/base/nmsclient.h>
 
 constinit qelClass nmsRecord::rtti = {
     .name = "nmsclib::Record",

@@ -2,8 +2,9 @@
 
 #include <string>
 
-#include "recnms.h"
 #include <qel/base/nmswire.h>
+
+#include "recnms.h"
 
 /// Between a record and its wire form.
 struct nmsRecordWire

@@ -1,6 +1,6 @@
-#include "xstringerror_p.h"
-
 #include <qel/qelexception.h>
+
+#include "xstringerror_p.h"
 
 void qelThrowInvalidWide()
 {

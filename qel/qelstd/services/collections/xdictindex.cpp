@@ -1,10 +1,10 @@
-#include "xdictindex_p.h"
-
 #include <cstdlib>
 #include <new>
 #include <utility>
 
 #include <qel/base/btkmemory.h>
+
+#include "xdictindex_p.h"
 
 void xdictindex::erase(Entry* entry)
 {

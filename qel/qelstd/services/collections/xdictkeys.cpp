@@ -1,8 +1,8 @@
-#include "xdictkeys_p.h"
-
 #include <new>
 
 #include <qel/base/btkmemory.h>
+
+#include "xdictkeys_p.h"
 
 xdictkeys::~xdictkeys()
 {

@@ -1,9 +1,9 @@
-#include "xdictslots_p.h"
-
 #include <algorithm>
 #include <bit>
 #include <new>
 #include <utility>
+
+#include "xdictslots_p.h"
 
 namespace {
 
