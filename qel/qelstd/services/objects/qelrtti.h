@@ -4,48 +4,51 @@
 
 class xrttiattrseq;
 
-// The registry of types by name, what other layers keep with a type, and the built-in types. Safe to call
-// from any thread; looking something up takes no lock. None of these functions fails unless it says so, but
-// for want of memory.
+// The registry of types by name, the data that other layers attach to a type, and the built-in types. Safe to
+// call from any thread; lookups take no lock. Unless documented otherwise, these functions fail only when
+// memory runs out.
 
-/// Registers `type` under its name. A name that is registered already gets the new descriptor; the old one
-/// lives on. Null, and a descriptor without a name: nothing.
+/// Registers `type` under its name. If the name is already registered, it now refers to the new descriptor;
+/// the old descriptor stays valid. Ignores null and a descriptor without a name.
 QEL_API void qelRttiAddToMap(xrtti* type);
-/// The registered descriptor of that name, or null.
+/// Returns the descriptor registered under that name, or null.
 QEL_API xrtti* qelRttiGetFromMap(const char* name);
-/// Calls `visit(type, context)` for every registered descriptor in the order of names. Those that are
-/// registered meanwhile are left out.
+/// Calls `visit(type, context)` for every registered descriptor in the order of names. Descriptors registered
+/// during the call are skipped.
 QEL_API void qelRttiForEach(void (*visit)(xrtti* type, void* context), void* context);
 
-/// The name of the type in C++, "fsNodeInfo", for a class or enumeration that a qelRegister names; null for
-/// others.
+/// Returns the C++ name of the type, such as "fsNodeInfo", for a class or enumeration named in a qelRegister;
+/// null for others.
 QEL_API xstring qelRttiCppName(xrtti* type);
-/// A new object, made without arguments, of the class that is registered as `typeName` and that a qelRegister
-/// names. Null when there is none, or its objects cannot be made so. The caller attaches it, or frees it with
-/// xdelete when its class is not countable. Lets through what the constructor throws.
+/// Returns a new default-constructed object of the class that is registered as `typeName` and named in a
+/// qelRegister. Null when no such class exists or its objects cannot be default-constructed. The caller
+/// attaches the object, or frees it with xdelete when its class is not countable. Exceptions of the
+/// constructor pass through.
 QEL_API xobject* qelRttiCreate(const char* typeName);
 
-/// Keeps `data` with `type` under `key`; both pointers must outlive the type. A type with a name is
-/// registered if its name is not; if another descriptor has the name, that one gets the data too.
+/// Attaches `data` to `type` under `key`; both pointers must outlive the type. Registers `type` if it has a
+/// name that is not registered; if another descriptor is registered under the name, the data is attached to
+/// that one too.
 QEL_API void qelRttiAddUserData(xrtti* type, const char* key, void* data);
-/// What was kept with `type`, or with the registered descriptor of the same name, under `key`; or null.
+/// Returns the data attached under `key` to `type`, or to the descriptor registered under the same name; or
+/// null.
 QEL_API void* qelRttiGetUserData(xrtti* type, const char* key);
-/// What was kept with the registered descriptor of that name under `key`; or null.
+/// Returns the data attached under `key` to the descriptor registered under that name; or null.
 QEL_API void* qelRttiGetUserData(const char* typeName, const char* key);
 
-/// Appends the attributes of `type` to `out`: with `inherited`, those of its parents first, the most basic
-/// class's first of all; those of a base that is reached in several ways come once for each. The attributes
-/// are not owned by the list.
+/// Appends the attributes of `type` to `out`; with `inherited`, those of its parents come first, starting with
+/// the most basic class. A base reached in several ways contributes its attributes once for each way. The list
+/// does not own the attributes.
 /// @throws qelXTypeMismatch  a parent of a structure is no structure
 QEL_API void qelRttiCollectAttrs(xrttistruct* type, unsigned char inherited, xrttiattrseq* out);
-/// The same into a new list, which the caller frees with xdelete.
+/// Does the same into a new list, which the caller frees with xdelete.
 QEL_API xrttiattrseq* qelRttiCollectAttrs(xrttistruct* type, unsigned char inherited);
 
 QEL_API xrttibasic* qelGetRtti_bool();
 QEL_API xrttibasic* qelGetRtti_int();
 QEL_API xrttibasic* qelGetRtti_real();
 QEL_API xrttibasic* qelGetRtti_string();
-/// Every type is a kind of it; null and uninit variants report it.
+/// The parent of every type; null and uninit variants report it.
 QEL_API xrttibasic* qelGetRtti_any();
-/// Every class is a kind of it.
+/// The parent of every class.
 QEL_API xrttiobject* qelGetRtti_object();

@@ -9,7 +9,7 @@
 #include <qel/qelrtti.h>
 #include <qel/xany.h>
 
-// The table in which a class states once what the type system knows of it:
+// The table in which a class states, in one place, its facts for the type system:
 //
 //     constinit qelClass Person::rtti = {
 //         .name    = "people::Person",
@@ -18,24 +18,24 @@
 //         .attrs   = {QEL_ATTR(Name), QEL_ATTR(Age, qelOptional)},
 //     };
 //
-// goes with `QEL_OBJECT(Person);` in the class body. The descriptor, the casts and the readers of the
-// attributes follow from it. QEL_ATTR(Age) reads through the accessor getAge() and takes the attribute's type
-// from what that returns: int, unsigned char (a bool), double, xstring, xany, an enumeration with QEL_ENUM,
-// or a pointer or handle to an exposed class. `_s11n_setAge(value)`, where there is one, sets it when an
+// It accompanies `QEL_OBJECT(Person);` in the class body. The descriptor, the casts and the attribute readers
+// are derived from it. QEL_ATTR(Age) reads through the accessor getAge() and takes the attribute's type from
+// the return type: int, unsigned char (a bool), double, xstring, xany, an enumeration with QEL_ENUM, or a
+// pointer or handle to an exposed class. The optional hook `_s11n_setAge(value)` sets the attribute when an
 // object is rebuilt.
 //
-// Tables are for sources: this header is not for the header of a class. A class is registered when its
-// descriptor is first asked for, by whichever thread; qelRegister<Person, ...>() names classes and
-// enumerations to be registered while the program loads.
+// Include this header in sources only, not in the header of a class. A class is registered by the first
+// request for its descriptor, on whichever thread; qelRegister<Person, ...>() names classes and enumerations
+// to be registered while the program loads.
 
 class qelS11nContext;
 
 constexpr unsigned char qelMandatory = 0;
 constexpr unsigned char qelOptional = 1; ///< the attribute or element may be null
 
-/// One attribute: its name, whether it may be null, and the functions that give its type, read it from a live
-/// object, and set it in an object that is being rebuilt (null where the class has no such hook; what is
-/// neither null, uninit nor of the type throws qelXTypeMismatch).
+/// One attribute: its name, whether it may be null, and the functions that return its type, read it from a
+/// live object, and set it in an object that is being rebuilt (null where the class has no such hook). The
+/// hook throws qelXTypeMismatch for a value that is neither null, uninit nor of the type.
 struct qelAttr
 {
     const char* name = nullptr;
@@ -45,21 +45,21 @@ struct qelAttr
     void (*rebuild)(xobject* owner, const xany& value) = nullptr;
 };
 
-/// One direct base class: its descriptor, and the search for a class in that part of an object.
+/// One direct base class: its descriptor, and a function that searches that part of an object for a class.
 struct qelParent
 {
     xrttiobject* (*rtti)() = nullptr;
     void* (*downcast)(void* self, const xrttiobject* wanted) = nullptr;
 };
 
-/// One member of a union: the member that is there when the discriminator has the value `label`.
+/// One member of a union, present when the discriminator has the value `label`.
 struct qelCase
 {
     int label = 0;
     qelAttr attr;
 };
 
-/// How the elements of a sequence, dictionary or array are reached.
+/// The access functions of a sequence, dictionary or array.
 struct qelShape
 {
     enum Kind : unsigned char { sequence, dictionary, array };
@@ -75,16 +75,17 @@ struct qelShape
     unsigned char (*valueAt)(xobject* owner, int index, xany* out) = nullptr;
 };
 
-/// What the type system knows of a class. A class with `elements` is a sequence, dictionary or array, one
+/// The facts of a class for the type system. A class with `elements` is a sequence, dictionary or array, one
 /// with a `discriminator` is a union, and any other a structure. A sequence, dictionary or array has neither
-/// parents nor attributes, and a union has no `attrs`: such a table ends the process when it is first used.
+/// parents nor attributes, and a union has no `attrs`: a table that breaks this rule aborts the process on
+/// first use.
 struct qelClass
 {
-    /// The descriptor, once it and all that it refers to are whole. Read and written atomically, and found by
-    /// qelDescriptorOf without this declaration.
+    /// The descriptor; null until it and everything that it refers to is complete. Accessed atomically, and
+    /// read by qelDescriptorOf without this declaration.
     xrttiobject* built = nullptr;
     const char* name;
-    /// Whether objects of the class are freed with their last counted reference.
+    /// Whether releasing the last counted reference frees an object of the class.
     bool counted = false;
     std::initializer_list<qelParent> parents = {};
     std::initializer_list<qelAttr> attrs = {};
@@ -94,31 +95,31 @@ struct qelClass
     std::initializer_list<int> dims = {};
     qelAttr discriminator = {};
     std::initializer_list<qelCase> cases = {};
-    /// The member for every other label.
+    /// The member for every label that `cases` does not list.
     qelAttr otherwise = {};
-    /// Makes an empty object of the class: qelCreateOf<self>.
+    /// Returns an empty object of the class: qelCreateOf<self>.
     xobject* (*create)() = nullptr;
-    /// Makes an object whose attributes' `rebuild` rows are to set: qelRebuildOf<self>, for a class with
-    /// QEL_REBUILD. Null without memory.
+    /// Returns an object for the attributes' `rebuild` functions to fill: qelRebuildOf<self>, for a class with
+    /// QEL_REBUILD. Null when memory runs out.
     xobject* (*rebuild)(qelS11nContext* context) = nullptr;
 
-    /// The descriptor from the moment when it was begun: what ran out of memory goes on with it. Like
-    /// nextBegun used under the lock of building only.
+    /// The descriptor under construction; a later call resumes it after running out of memory. Like nextBegun,
+    /// used only under the lock of building.
     xrttiobject* begun = nullptr;
     qelClass* nextBegun = nullptr;
 };
 static_assert(std::is_standard_layout_v<qelClass> && offsetof(qelClass, built) == 0);
 
-/// The table from which the descriptor `type` was built, or null when it was built by hand.
+/// Returns the table from which the descriptor `type` was built, or null when it was built by hand.
 QEL_API const qelClass* qelClassOf(xrttiobject* type);
 
 /// Names classes and enumerations in order, so that their descriptors are built and registered now.
 template<class... T>
 void qelRegister();
 
-// ---- what follows serves the rows
+// ---- implementation of the rows
 
-/// How values of an accessor's type become variants and back, and which descriptor the type has.
+/// Converts values of an accessor's type to variants and back, and returns the type's descriptor.
 template<class V>
 struct qelValue
 {
@@ -189,8 +190,8 @@ struct qelValue<xrcunihandle<T>> : qelValue<T*>
 
 [[noreturn]] QEL_API void qelThrowNotLive();
 
-/// A live T for the duration of a read: refuses null and uninit, and keeps the object from being deleted
-/// where T is counted.
+/// A live T for the duration of a read: rejects null and uninit, and keeps a counted object from being
+/// deleted.
 template<class T>
 class qelReading
 {
@@ -214,7 +215,7 @@ private:
     const qelReadHold held;
 };
 
-/// `Get` and `Set` are types of lambdas without a capture, so a row needs nothing but functions.
+/// `Get` and `Set` are types of captureless lambdas, so a row consists of functions only.
 template<class T, class Get, class Set>
 constexpr qelAttr qelAttrOf(const char* name, Get, Set, unsigned char optional = qelMandatory)
 {
@@ -242,7 +243,7 @@ constexpr qelAttr qelAttrOf(const char* name, Get, Set, unsigned char optional =
             object._s11n_set##N(value);                                                         \
         } __VA_OPT__(, ) __VA_ARGS__)
 
-/// A row for an attribute read in another way: QEL_ATTR_BY(ModTime, object.modifiedAt()). `object` is the
+/// A row for an attribute read by an expression: QEL_ATTR_BY(ModTime, object.modifiedAt()). `object` is the
 /// owner.
 #define QEL_ATTR_BY(N, expression, ...) \
     qelAttrOf<self>(                    \
@@ -392,17 +393,17 @@ void qelRegisterOne()
         T::getClassRtti();
 }
 
-/// What a qelRegister knows of a type beyond its descriptor.
+/// The facts of a type in a qelRegister beyond its descriptor.
 struct qelNamed
 {
     xrtti* (*rtti)();
     const std::type_info* type;
-    xobject* (*make)(); ///< a new object made without arguments; null where there is no such
+    xobject* (*make)(); ///< returns a new default-constructed object; null if there is none
 };
 
-/// Makes `type`, which is kept by pointer forever, known to qelRttiCppName and qelRttiCreate; a second time:
-/// nothing. When another type of C++ has been named under its registered name, one line on standard error
-/// says so: types are told apart by that name, and a cast may give a pointer to the wrong class.
+/// Makes `type`, which is kept by pointer forever, known to qelRttiCppName and qelRttiCreate; repeated calls
+/// do nothing. If another C++ type has been named under its registered name, writes one line to standard
+/// error: types are identified by that name, and a cast may return a pointer to the wrong class.
 QEL_API void qelKeepNamed(const qelNamed& type);
 
 template<class T>

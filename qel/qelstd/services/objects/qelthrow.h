@@ -7,7 +7,7 @@ class xobject;
 class xrtti;
 class xrttiobject;
 
-// What objects and collections throw. The exceptions stand in qelexception.h, above them.
+// Failures thrown by objects and collections. Their exception classes are in qelexception.h, a layer above.
 
 [[noreturn]] QEL_API void qelhThrowInvalidSeqIndex(xobject* obj, int index);
 [[noreturn]] QEL_API void qelhThrowInvalidDictIndex(xobject* obj, int index);

@@ -7,10 +7,10 @@
 
 class xrttienum;
 
-/// One value of any framework type, or null, or uninit ("never set", which a default-constructed variant is).
-/// It has the layout of `__xany_c`. A string payload owns one reference to its buffer, an object payload one
-/// counted reference; an object that was never attached dies with the variant. One variant is used by one
-/// thread at a time.
+/// One value of any framework type, or null, or uninit ("never set", the state of a default-constructed
+/// variant). It has the layout of `__xany_c`. A string payload owns one reference to its buffer, an object
+/// payload one counted reference; an object that was never attached is destroyed with the variant. Each
+/// variant is used by one thread at a time.
 class QEL_API xany
 {
 public:
@@ -20,21 +20,21 @@ public:
     ~xany() { drop(); }
 
     xany(std::nullptr_t) { setPlain(xanyNull, 0); }
-    /// xnullint: null. xuninitint: uninit.
+    /// xnullint becomes null, xuninitint uninit.
     xany(int v) { setInt(v); }
-    /// The value of an enumeration. As an int; the number of labels is null, too. `type` is not null.
+    /// A value of an enumeration. As for an int; the number of labels becomes null, too. `type` is not null.
     xany(int v, xrttienum* type);
-    /// xnullbool: null. xuninitbool: uninit. Other bytes are kept as given.
+    /// xnullbool becomes null, xuninitbool uninit. Other bytes are kept unchanged.
     xany(unsigned char v) { setBool(v); }
     template<class B>
     requires std::is_same_v<B, bool> xany(B v) { setBool(v ? 1 : 0); }
-    /// xnullreal: null. xuninitreal: uninit.
+    /// xnullreal becomes null, xuninitreal uninit.
     xany(double v) { setReal(v); }
-    /// The null string: null. Shares the buffer.
+    /// The null string becomes null. Shares the buffer.
     xany(xstring s);
-    /// Null or xnullstr: null. xuninitstr: uninit.
+    /// Null and xnullstr become null, xuninitstr uninit.
     xany(const char* text);
-    /// Null: null. xuninitobj: uninit. Takes a counted reference of its own.
+    /// Null becomes null, xuninitobj uninit. Takes its own counted reference.
     xany(xobject* p);
     template<class T>
     requires std::is_convertible_v<T*, xobject*> xany(T* p) : xany(qelObjectOf(p)) {}
@@ -43,7 +43,7 @@ public:
     {
     }
     template<class T>
-    xany(T*) = delete; // any other pointer would pass for a bool
+    xany(T*) = delete; // any other pointer would convert to a bool
 
     xany& operator=(const xany& other) { return *this = other.value; }
     xany& operator=(xany&& other) noexcept
@@ -55,10 +55,10 @@ public:
         }
         return *this;
     }
-    /// Takes references of its own; `c` keeps its references.
+    /// Takes its own references; `c` keeps its references.
     xany& operator=(const __xany_c& c)
     {
-        // Take before giving back: a variant may be assigned to itself, or from a part of what it holds.
+        // Take before release: the source may be this variant itself, or a part of the value it holds.
         if (value.tag == xanyString) {
             btkStrBuf* const old = value.u.stringValue.buffer;
             copyFrom(c);
@@ -79,19 +79,19 @@ public:
     bool isUninit() const { return value.tag == xanyUninit; }
     bool isNull() const { return value.tag == xanyNull; }
 
-    /// The descriptor of the value's type: that of the object, of the enumeration, or the built-in one; "any"
-    /// for null and uninit. Null when an object reports none.
+    /// Returns the descriptor of the value's type: that of the object, of the enumeration, or the built-in
+    /// one; "any" for null and uninit. Null when an object reports none.
     xrtti* getRtti() const;
     /// The registered name of the value's type.
     xstring getQelTypeName() const;
 
-    /// Whether the value may stand where `type` is asked for; null may where `optional` is set.
+    /// Whether the value is allowed where `type` is required; null is allowed if `optional` is set.
     unsigned char softvalidate(xrtti* type, unsigned char optional) const;
     /// @throws qelXNull          the value is null, and `optional` is not set
     /// @throws qelXTypeMismatch  the value is of another type
     void validate(xrtti* type, unsigned char optional) const;
 
-    /// Same kind and same value: ints and reals by value, bools by their byte, strings by their text,
+    /// Same kind and same value: ints and reals compare by value, bools by their byte, strings by their text,
     /// enumerations by value and type, objects by identity.
     unsigned char operator==(const xany& other) const
     {
@@ -110,8 +110,8 @@ public:
                equalsOther(other);
     }
     unsigned char operator!=(const xany& other) const { return !(*this == other); }
-    /// A string with this text; xnullstr asks for null, xuninitstr for uninit, and a null pointer equals
-    /// nothing.
+    /// Whether the value is a string with this text. xnullstr matches null, xuninitstr matches uninit, and a
+    /// null pointer matches nothing.
     unsigned char operator==(const char* text) const;
     unsigned char operator!=(const char* text) const { return !(*this == text); }
     /// Whether the value is null.
@@ -121,23 +121,23 @@ public:
     requires std::is_arithmetic_v<N>
     unsigned char operator==(N number) const { return *this == xany(number); }
 
-    /// Null and uninit give the markers of the target type; an int converts to a double too. A value of
-    /// another kind is a broken invariant of the caller and ends the process: ask the kind first.
+    /// Null and uninit convert to the markers of the target type; an int also converts to a double. Converting
+    /// a value of another kind is a broken invariant and aborts the process: check the kind first.
     operator int() const;
     operator unsigned char() const;
     operator double() const;
-    /// Null and uninit give the null string.
+    /// Null and uninit convert to the null string.
     operator xstring() const;
     /// Takes no reference.
     operator xobject*() const;
 
-    /// A copy in C form with references of its own, which the caller gives back (assign it to a variant and
+    /// A copy in C form with its own references, which the caller releases (assign it to a variant and
     /// unlock).
     __xany_c getxany_c() const;
 
 private:
-    // The first word of a plain value is written whole and in one step: copies read it whole, and a word that
-    // is read soon after its parts were written makes the processor wait.
+    // Write the first word of a plain value in one store: copies load it whole, and a load shortly after
+    // several narrower stores causes a store-forwarding stall.
     template<class V>
     void setPlain(int tag, V v)
     {
@@ -165,7 +165,7 @@ private:
             __builtin_memcpy(&value.u, &from.u, sizeof value.u.realValue);
         } else if (from.tag == xanyString) {
             value.tag = xanyString;
-            // The buffer for itself: part of a vector would reach memory too late for who reads it next.
+            // Copy the buffer pointer alone: as part of a vector store it would stall the next load.
             btkStrBuf* const buffer = from.u.stringValue.buffer;
             value.u.stringValue.buffer = buffer;
             if (buffer != nullptr)
@@ -180,7 +180,8 @@ private:
             copyEnum(from);
         }
     }
-    /// Takes over what `other` holds and leaves that uninit; what was held here is not given back.
+    /// Takes over the value of `other` and leaves `other` uninit; the previous value of this variant is not
+    /// released.
     void takeFrom(xany& other)
     {
         value.tag = other.value.tag;

@@ -19,15 +19,15 @@ class xrcunihandle;
 
 // ---- marker pointers
 
-/// Whether `p` points at an object or a text: false for null and for the reserved numbers (1 and 2 for
+/// Whether `p` points to an object or a text: false for null and for the reserved numbers (1 and 2 for
 /// strings, 22 for objects), which travel in pointer variables and are never dereferenced.
 inline bool qelIsObject(const void* p)
 {
     return reinterpret_cast<std::uintptr_t>(p) > reinterpret_cast<std::uintptr_t>(xuninitobj);
 }
 
-/// `p` as a pointer to its base class `To`. A marker keeps its number: a base class may be virtual, and then
-/// an ordinary conversion reads the object.
+/// Returns `p` as a pointer to its base class `To`. A marker keeps its number: the base class may be virtual,
+/// and an ordinary conversion would then read the object.
 template<class To, class From>
 inline To* qelUpcast(From* p)
 {
@@ -39,7 +39,7 @@ inline To* qelUpcast(From* p)
     return base;
 }
 
-/// `p` as a pointer to the root class; a marker keeps its number.
+/// Returns `p` as a pointer to the root class; a marker keeps its number.
 template<class T>
 inline xobject* qelObjectOf(T* p)
 {
@@ -51,19 +51,19 @@ inline xobject* qelObjectOf(T* p)
 /// The root of every framework object: a signed 32-bit reference count and the operations that every class
 /// has.
 ///
-/// Count: 0, no counted reference has been taken yet (or the last one of an object that is not deletable was
-/// released); n > 0, n counted references; -1, the class is not reference countable. A countable object is
-/// deleted with its last reference. Attach first: an object that was never attached is deleted by the first
-/// handle, variant or exception that holds it and lets it go. Reading an object through its descriptor counts
-/// nothing on it. An object of a class that is not countable is freed by xdelete.
+/// Count: 0, no counted reference has been taken yet (or the last reference to an object that is not deletable
+/// was released); n > 0, n counted references; -1, the class is not reference countable. Releasing the last
+/// reference to a countable object deletes it. Attach first: an object that was never attached is deleted when
+/// the first handle, variant or exception that holds it releases it. Reading an object through its descriptor
+/// leaves its count unchanged. An object of a class that is not countable is freed by xdelete.
 ///
-/// Counts may change from any thread. The first reference is taken without a lock: making objects never
-/// waits. `onDelete` and destruction run one at a time for the whole process: a release that deletes waits
-/// for the destructors that run on other threads. So do not join a thread in a destructor, nor wait for one
-/// in another way: it cannot end if it releases a last reference meanwhile. Where each of a chain of objects
-/// releases the next in its destructor, those more than 200 levels down are deleted after the releases that
-/// led to them have returned, but before the outermost one returns. Copying an object does not copy its
-/// count.
+/// Counts may change from any thread. Taking the first reference needs no lock, so creating objects never
+/// waits. `onDelete` and destructors run one at a time in the whole process: a release that deletes waits for
+/// destructors running on other threads. A destructor must therefore not join a thread or wait for one in
+/// another way: that thread cannot exit if it releases a last reference meanwhile. In a chain of objects each
+/// of which releases the next in its destructor, those more than 200 levels deep are deleted after the
+/// releases leading to them have returned, but before the outermost release returns. Copying an object does
+/// not copy its count.
 class QEL_API xobject
 {
 public:
@@ -75,10 +75,10 @@ protected:
     virtual ~xobject() = default;
 
 public:
-    /// This object as a pointer to the class in its ancestry that `cls` describes (descriptors with equal
-    /// names are the same); null when there is none. "object" answers the root part.
+    /// Returns this object as a pointer to the class in its ancestry that `cls` describes (descriptors with
+    /// equal names are the same); null if there is none. For "object" returns the root part.
     virtual void* dyndowncast(const xrttiobject* cls);
-    /// Kept for the order of the operations. Answers null.
+    /// Reserves its place in the order of the operations. Returns null.
     virtual void* dyndowncast_i(const xrttiobject* cls);
 
 private:
@@ -88,15 +88,16 @@ private:
     virtual unsigned char isDeletable();
     /// Called once, just before the destructor, when the last release or xdelete deletes the object.
     virtual void onDelete();
-    /// Takes the first reference; gives the last one back. References in between are counted without them.
+    /// Takes the first reference; releases the last one. References in between are counted without these
+    /// calls.
     virtual void xattach();
     virtual void xrelease();
     virtual void xfree();
 
 public:
-    /// The descriptor of the object's class. Never freed.
+    /// Returns the descriptor of the object's class. Never freed.
     xrttiobject* getRtti() { return giveRtti(); }
-    /// The registered name of the object's class.
+    /// Returns the registered name of the object's class.
     xstring getQelTypeName();
     /// Whether the object's class has the name of `cls`. Null: false.
     unsigned char isSameAs(xrttiobject* cls);
@@ -105,7 +106,7 @@ public:
     /// Whether the object's class is reference countable.
     unsigned char isRefCountable();
 
-    /// Every object is an xobject: both answer `p` itself.
+    /// Every object is an xobject: both return `p` itself.
     static xobject* cast(xobject* p) { return p; }
     static xobject* softcast(xobject* p) { return p; }
 
@@ -128,14 +129,14 @@ inline int xrcgetcount(xobject* p)
     return __atomic_load_n(&p->refcount, __ATOMIC_RELAXED);
 }
 
-/// Takes one counted reference. Null and xuninitobj: nothing. Safe to call from any thread that may use the
+/// Takes one counted reference. Null and xuninitobj are ignored. Safe to call from any thread that may use the
 /// object.
 inline void xrcattach(xobject* p)
 {
     if (!qelIsObject(p))
         return;
-    // Above zero the count changes in one step, without a lock and without asking the object: whoever
-    // attaches or releases owns a reference, so the object stays.
+    // Above zero the count changes in one step, without a lock or a virtual call: every caller of attach or
+    // release owns a reference, so the object stays alive.
     const std::int32_t count = xrcgetcount(p);
     if (count <= 0)
         p->xattach();
@@ -145,8 +146,8 @@ inline void xrcattach(xobject* p)
         __atomic_fetch_add(&p->refcount, 1, __ATOMIC_RELAXED);
 }
 
-/// Gives one counted reference back; the last one deletes the object. Null and xuninitobj: nothing; an object
-/// that was never attached or is not countable is left alone.
+/// Releases one counted reference; releasing the last one deletes the object. Null and xuninitobj are ignored,
+/// as is an object that was never attached or is not countable.
 inline void xrcrelease(xobject* p)
 {
     if (!qelIsObject(p))
@@ -175,8 +176,8 @@ inline void xrcunirelease(xobject* p)
     xrcrelease(p);
 }
 
-/// Keeps an object for the life of a block that only reads it, and never deletes it: the count of an object
-/// that nobody has attached yet is 0 again afterwards. Null and xuninitobj: nothing.
+/// Keeps an object alive while a block reads it, and never deletes it: the count of an object that has not
+/// been attached yet is 0 again afterwards. Null and xuninitobj are ignored.
 class QEL_API qelReadHold
 {
 public:
@@ -209,12 +210,12 @@ private:
     xobject* fresh = nullptr; // had no reference before
 };
 
-/// Frees an object of a class that is not reference countable. Null: nothing.
+/// Frees an object of a class that is not reference countable. Null is ignored.
 /// @throws qelXNotInitialized  `p` is xuninitobj
 /// @throws qelXRefCountable    the class of `p` is countable; the object is not touched
 QEL_API void xdelete(xobject* p);
 
-/// Frees by xdelete: for std::unique_ptr over objects of such classes.
+/// Deleter that calls xdelete, for std::unique_ptr to objects of such classes.
 struct qelDelete
 {
     void operator()(xobject* p) const { xdelete(p); }
@@ -222,7 +223,7 @@ struct qelDelete
 
 // ---- casts
 
-/// `p` as a T, or null when it is none. Null and xuninitobj come back as they are.
+/// Returns `p` as a T, or null if it is not a T. Null and xuninitobj are returned unchanged.
 template<class T>
 T* qelSoftcast(xobject* p)
 {
@@ -231,8 +232,8 @@ T* qelSoftcast(xobject* p)
     return static_cast<T*>(p->dyndowncast(T::getClassRtti()));
 }
 
-/// `p` as a T. Null and xuninitobj come back as they are.
-/// @throws qelXTypeMismatch  `p` is no T
+/// Returns `p` as a T. Null and xuninitobj are returned unchanged.
+/// @throws qelXTypeMismatch  `p` is not a T
 template<class T>
 T* qelCast(xobject* p)
 {
@@ -242,10 +243,10 @@ T* qelCast(xobject* p)
     return result;
 }
 
-// ---- what a class body says to be known to the type system (qeltable.h has the table that goes with it)
+// ---- declarations in a class body for the type system (qeltable.h has the matching table)
 
 QEL_API xrttiobject* qelBuildDescriptor(qelClass& cls);
-/// The descriptor of `cls`, which stands first in the table once it is whole.
+/// Returns the descriptor of `cls`, which is the first member of the table once it is complete.
 inline xrttiobject* qelDescriptorOf(qelClass& cls)
 {
     xrttiobject* const built = __atomic_load_n(reinterpret_cast<xrttiobject**>(&cls), __ATOMIC_ACQUIRE);
@@ -253,8 +254,9 @@ inline xrttiobject* qelDescriptorOf(qelClass& cls)
 }
 QEL_API void* qelDowncast(qelClass& cls, void* self, xobject* object, const xrttiobject* wanted);
 
-/// First in the body of an exposed class: its descriptor (`getClassRtti`), its casts, and the operations by
-/// which objects report their class. The class's source defines the table `T::rtti`. What follows is private.
+/// First in the body of an exposed class: declares its descriptor (`getClassRtti`), its casts, and the
+/// operations by which objects report their class. The class's source defines the table `T::rtti`. Members
+/// after this macro are private.
 #define QEL_OBJECT(T)                                  \
 public:                                                \
     using self = T;                                    \
@@ -282,7 +284,7 @@ private:                                               \
     }                                                  \
     static qelClass rtti
 
-/// After an enumeration: declares its descriptor, `qelGetRtti_E()`. Its source says QEL_LABELS (qeltable.h).
+/// After an enumeration: declares its descriptor, `qelGetRtti_E()`. Its source uses QEL_LABELS (qeltable.h).
 /// Declare the enumeration with its type (`enum Colour : int`): null lies outside the enumerators.
 #define QEL_ENUM(E)                      \
     QEL_API xrttienum* qelGetRtti_##E(); \
@@ -292,12 +294,12 @@ private:                                               \
     }                                    \
     static_assert(sizeof(E) <= sizeof(int))
 
-/// The number of labels of an enumeration, which as a value stands for null.
+/// Returns the number of labels of an enumeration; as a value, this number stands for null.
 QEL_API int qelLabelCount(xrttienum* type);
 
-/// In the body of a class that can be rebuilt from a serialized form: the constructor that leaves every
-/// attribute without a value, and the creation entry, which answers a new T as an untyped pointer, or null
-/// without memory.
+/// In the body of a class that can be rebuilt from a serialized form: declares the constructor that leaves
+/// every attribute without a value, and the creation entry, which returns a new T as an untyped pointer, or
+/// null when memory runs out.
 #define QEL_REBUILD(T)                                 \
 public:                                                \
     static void* _s11n_create(qelS11nContext* context) \
@@ -317,8 +319,8 @@ protected:                                             \
 private:                                               \
     static_assert(true)
 
-/// The value that stands for "no value yet" in an attribute of type V: null for numbers and enumerations, and
-/// what V's default constructor makes for the others (null string, uninit variant, null handle, false).
+/// Returns the value for "no value yet" in an attribute of type V: null for numbers and enumerations, else the
+/// result of V's default constructor (null string, uninit variant, null handle, false).
 template<class V>
 V qelUnset()
 {
@@ -337,9 +339,9 @@ V qelUnset()
         return V();
 }
 
-/// In a class body: an attribute kept in a field of its own, with its accessor and its rebuild hook. It reads
-/// as null (a variant as uninit) until it is set; but a `bool` has no null and starts as false: use
-/// `unsigned char` for a truth value that may be missing.
+/// In a class body: an attribute stored in its own field, with its accessor and its rebuild hook. It reads as
+/// null (a variant as uninit) until it is set; but a `bool` has no null and starts as false: use `unsigned
+/// char` for a truth value that may be missing.
 #define QEL_PROPERTY(type, Name)             \
 public:                                      \
     type get##Name() const                   \
@@ -356,16 +358,16 @@ private:                                     \
 
 // ---- handles
 
-/// What the handles share: one pointer. Null and xuninitobj are held as they are.
+/// Common base of the handles: one pointer. Null and xuninitobj are stored unchanged.
 template<class T>
 class xrcbasehandle
 {
 public:
     T* operator->() const { return pointer; }
     T& operator*() const { return *pointer; }
-    /// The pointer, without a reference of its own.
+    /// Returns the pointer without taking a reference.
     T* get() const { return pointer; }
-    /// Whether an object is held, neither null nor xuninitobj.
+    /// Whether the handle holds an object, neither null nor xuninitobj.
     explicit operator bool() const { return qelIsObject(pointer); }
 
 protected:
@@ -377,9 +379,9 @@ protected:
     T* pointer;
 };
 
-/// A handle that always counts: it owns one counted reference to the object it holds. For objects of
-/// countable classes. Attach first what is to outlive a temporary handle: a new object is deleted by the
-/// first handle that lets it go. One handle is used by one thread at a time; the objects may be shared.
+/// A handle that always counts: it owns one counted reference to its object. For objects of countable classes.
+/// Attach an object that must outlive a temporary handle first: a new object is deleted when its first handle
+/// releases it. Each handle is used by one thread at a time; the objects may be shared.
 template<class T>
 class xrchandle : public xrcbasehandle<T>
 {
@@ -388,7 +390,7 @@ class xrchandle : public xrcbasehandle<T>
 public:
     xrchandle() : base(nullptr) {}
     xrchandle(std::nullptr_t) : base(nullptr) {}
-    /// Takes a reference of its own.
+    /// Takes its own reference.
     xrchandle(T* p) : base(p) { xrcattach(qelObjectOf(p)); }
     xrchandle(const xrchandle& other) : xrchandle(other.pointer) {}
     xrchandle(xrchandle&& other) noexcept : base(other.pointer) { other.pointer = nullptr; }
@@ -402,7 +404,7 @@ public:
     xrchandle& operator=(T* p)
     {
         if (p != this->pointer) {
-            // Attach before release: what is held may be the only owner of `p`.
+            // Attach before release: the held object may be the only owner of `p`.
             T* const old = this->pointer;
             xrcattach(qelObjectOf(p));
             this->pointer = p;
@@ -424,7 +426,8 @@ public:
 };
 
 /// A handle for objects of any class: it owns a counted reference when the object's class is countable, and
-/// merely refers to it otherwise. Its destructor looks at its own flag, never at an object that may be gone.
+/// only refers to the object otherwise. Its destructor reads its own flag, never an object that may have been
+/// freed.
 template<class T>
 class xrcunihandle : public xrcbasehandle<T>
 {
@@ -433,7 +436,7 @@ class xrcunihandle : public xrcbasehandle<T>
 public:
     xrcunihandle() : base(nullptr) {}
     xrcunihandle(std::nullptr_t) : base(nullptr) {}
-    /// Takes a reference of its own when the class of `p` is countable.
+    /// Takes its own reference when the class of `p` is countable.
     xrcunihandle(T* p) : base(p), counted(attach(p)) {}
     xrcunihandle(const xrcunihandle& other) : xrcunihandle(other.pointer) {}
     xrcunihandle(xrcunihandle&& other) noexcept : base(other.pointer), counted(other.counted)
@@ -451,7 +454,7 @@ public:
     xrcunihandle& operator=(T* p)
     {
         if (p != this->pointer) {
-            // Attach before release: what is held may be the only owner of `p`.
+            // Attach before release: the held object may be the only owner of `p`.
             const bool newCounted = attach(p);
             T* const old = this->pointer;
             const bool oldCounted = counted;
@@ -483,7 +486,7 @@ private:
             return false;
         xobject* const object = p;
         xrcattach(object);
-        return xrcgetcount(object) > 0; // an object of a class that is not countable has -1 now
+        return xrcgetcount(object) > 0; // objects of classes that are not countable now have -1
     }
     static void release(T* p, bool wasCounted)
     {
@@ -494,8 +497,8 @@ private:
     bool counted = false;
 };
 
-/// A T in automatic or member storage: handles may point at it, and the release of the last reference sets
-/// its count back to 0 instead of deleting it. It must outlive the handles.
+/// A T in automatic or member storage: handles may point to it, and releasing the last reference sets its
+/// count back to 0 instead of deleting it. It must outlive the handles.
 template<class T>
 class xauto : public T
 {
@@ -509,14 +512,14 @@ private:
 
 // ---- throwing
 
-/// The base of everything that the framework throws.
+/// The base of every exception that the framework throws.
 class QEL_API xthrowable : public xobject
 {
 public:
     ~xthrowable() override;
 };
 
-/// Throws the object that `h` holds, as an `xthrowable*` that carries one more reference. The catcher owns
-/// that reference and releases it; an exception of a class that is not countable is freed with xdelete. Null
-/// is thrown as qelXNotInitialized.
+/// Throws the object that `h` holds, as an `xthrowable*` that carries one more reference. The catcher owns and
+/// releases that reference; an exception of a class that is not countable is freed with xdelete. A null handle
+/// throws qelXNotInitialized instead.
 [[noreturn]] QEL_API void xthrow(xrcunihandle<xthrowable> h);

@@ -7,31 +7,32 @@
 class xintsequence;
 struct xrttiuserdata;
 
-/// A function that reads one attribute of `owner`, a live object of the class that has the attribute. Those
-/// that tables make leave the count of `owner` as it was, 0 included.
+/// Reads one attribute of `owner`, a live object of the class that has the attribute. The readers derived from
+/// tables leave the count of `owner` unchanged, 0 included.
 using xrttigetter = xany (*)(xobject* owner);
 
-/// The descriptor of a type: its name, and what generic code must know to walk values of the type.
+/// The descriptor of a type: its name, and the facts that generic code needs to walk values of the type.
 /// Descriptors are built once and never freed; their classes are not reference countable. An application may
-/// build descriptors of its own with the constructors and `initialize`; arrays given there are kept by
-/// pointer, and qelRttiAddToMap registers the result. A descriptor may be used from any thread once it is
-/// registered. On a descriptor, isSameAs and isKindOf ask about the type it describes.
+/// build its own descriptors with the constructors and `initialize`; array arguments are kept by pointer, and
+/// qelRttiAddToMap registers the result. Once registered, a descriptor may be used from any thread. On a
+/// descriptor, isSameAs and isKindOf concern the type that it describes.
 class QEL_API xrtti : public virtual xobject
 {
     QEL_OBJECT(xrtti);
 
 public:
-    /// The qualified name of the type, "filelib::NodeInfo"; "object" or "int" for the built-in types.
+    /// Returns the qualified name of the type, such as "filelib::NodeInfo"; "object" or "int" for the built-in
+    /// types.
     virtual xstring getName();
     /// Whether `other` is this descriptor or has the same name. Null: false.
     virtual unsigned char isSameAs(const xrtti* other) const;
-    /// Whether every value of this type is one of `other`; everything is an "any". Null: false.
+    /// Whether every value of this type is also one of `other`; every type is a kind of "any". Null: false.
     virtual unsigned char isKindOf(const xrtti* other) const;
 
 private:
-    /// Keeps `data` under `key` (kept by pointer), replacing what was there.
+    /// Attaches `data` under `key` (kept by pointer), replacing any previous data.
     virtual void addUserData(const char* key, void* data);
-    /// What was kept under `key`, or null.
+    /// Returns the data attached under `key`, or null.
     virtual void* getUserData(const char* key);
 
 protected:
@@ -45,7 +46,7 @@ private:
     friend QEL_API void* qelRttiGetUserData(const char* typeName, const char* key);
 
     xstring name;
-    unsigned nameHash = 0; // tells most different names apart without reading them
+    unsigned nameHash = 0; // rejects most different names without comparing their text
     xrttiuserdata* userData = nullptr;
 };
 
@@ -68,9 +69,9 @@ public:
     xrttienum(const char* typeName, int labelCount, const char** labelTexts);
 
     virtual int getNValues();
-    /// The label of `value`, or the null string when it has none.
+    /// Returns the label of `value`, or the null string when it has none.
     virtual xstring mapIntToString(int value);
-    /// The value that `label` names, or xnullint.
+    /// Returns the value that `label` names, or xnullint.
     virtual int mapStringToInt(const char* label);
 
 private:
@@ -90,7 +91,7 @@ public:
     /// Whether objects of the class are reference countable.
     virtual unsigned char getIsRefCount();
     virtual int getNParents();
-    /// The i-th direct base class in order of declaration, or null.
+    /// Returns the i-th direct base class in order of declaration, or null.
     virtual xrttiobject* getParent(int i);
     unsigned char isKindOf(const xrtti* other) const override;
 
@@ -112,7 +113,7 @@ public:
     virtual xrtti* getType();
     /// Whether the attribute may be null.
     virtual unsigned char getIsOptional();
-    /// The attribute's value.
+    /// Returns the attribute's value.
     /// @throws qelXTypeMismatch    `owner` is of another class
     /// @throws qelXNotInitialized  `owner` is null or xuninitobj
     virtual xany getValue(xobject* owner);
@@ -134,13 +135,13 @@ public:
     void initialize(const char* typeName, unsigned char counted, int parentCount, xrttiobject** parentTypes,
                     int attrCount, xrttiattr** ownAttrs);
 
-    /// The number of the class's own attributes; inherited ones are not counted.
+    /// Returns the number of the class's own attributes; inherited ones are not counted.
     virtual int getNAttrs();
-    /// The i-th own attribute in order of declaration, or null.
+    /// Returns the i-th own attribute in order of declaration, or null.
     virtual xrttiattr* getAttr(int i);
-    /// The own attribute `attrName`; when there is none and `inherited` is set, that of the first parent in
-    /// order that has it; else null.
-    /// @throws qelXTypeMismatch  a parent that is asked is no structure
+    /// Returns the own attribute `attrName`; if there is none and `inherited` is set, that of the first parent
+    /// in order that has it; else null.
+    /// @throws qelXTypeMismatch  a searched parent is not a structure
     virtual xrttiattr* findAttr(const char* attrName, unsigned char inherited);
 
 private:
@@ -161,11 +162,11 @@ public:
                     xrtti* elementType, unsigned char elemOptional, elemfn read);
 
     virtual int getNDimentions();
-    /// The extent of dimension `i`, or xnullint.
+    /// Returns the extent of dimension `i`, or xnullint.
     virtual int getDimention(int i);
     virtual xrtti* getElemType();
     virtual unsigned char getIsElemOptional();
-    /// The element at `indices`, one index a dimension.
+    /// Returns the element at `indices`, one index for each dimension.
     /// @throws qelXInvalidArrayIndex  an index is outside its extent, or there is none (xnullint) for a
     ///                                dimension; dimensions are counted from 0
     virtual xany getElemValue(xobject* owner, xrchandle<xintsequence> indices);
@@ -205,8 +206,8 @@ private:
     elemfn elemFn = nullptr;
 };
 
-/// The descriptor of a class that maps string keys to elements. Elements are also reached by index: an index
-/// is a place in the table, from 0 to getSize() - 1, and a place may be empty.
+/// The descriptor of a class that maps string keys to elements. Elements are also accessible by index: a
+/// position in the table, from 0 to getSize() - 1, which may be empty.
 class QEL_API xrttidictionary : public virtual xrttiobject
 {
     QEL_OBJECT(xrttidictionary);
@@ -224,9 +225,9 @@ public:
 
     virtual xrtti* getElemType();
     virtual unsigned char getIsElemOptional();
-    /// The number of places, occupied or not.
+    /// Returns the number of positions, occupied or not.
     virtual int getSize(xobject* owner);
-    /// Each stores what was asked for and answers whether the element exists.
+    /// Each stores its result through the `out` pointer and returns whether the element exists.
     virtual unsigned char findElemValue(xobject* owner, const char* key, xany* out);
     virtual unsigned char getElemKeyByIdx(xobject* owner, int index, xstring* outKey);
     virtual unsigned char getElemValueByIdx(xobject* owner, int index, xany* out);
@@ -240,7 +241,7 @@ private:
     valuebyidxfn valueByIdxFn = nullptr;
 };
 
-/// The descriptor of a discriminated union: an int or enumeration says which one of the members is there.
+/// The descriptor of a discriminated union: an int or enumeration selects the member that is present.
 class QEL_API xrttiunion : public virtual xrttiobject
 {
     QEL_OBJECT(xrttiunion);
@@ -253,22 +254,22 @@ public:
 
     virtual xrttiattr* getDiscr();
     virtual int getNLabels();
-    /// The i-th label, or xnullint.
+    /// Returns the i-th label, or xnullint.
     virtual int getLabel(int i);
-    /// The member of the i-th label, or null; a label may have none.
+    /// Returns the member of the i-th label, or null; a label may have none.
     virtual xrttiattr* getAttr(int i);
-    /// The member for labels that are not listed, or null.
+    /// Returns the member for labels that are not listed, or null.
     virtual xrttiattr* getDefaultAttr();
-    /// The member of `label`, which may be listed without one (null); else the default member, else (with
-    /// `inherited`) the first answer of a parent that is not null, else null. A label that is neither null,
+    /// Returns the member of `label`, which may be listed without one (null); else the default member, else
+    /// (with `inherited`) the first non-null result of a parent, else null. A label that is neither null,
     /// uninit, int nor enumeration has no member.
-    /// @throws qelXTypeMismatch  a parent that is asked is no union
+    /// @throws qelXTypeMismatch  a searched parent is not a union
     virtual xrttiattr* mapLabelToAttr(xany label, unsigned char inherited);
     virtual xrttiattr* mapLabelToAttr(int label, unsigned char inherited);
 
 private:
-    /// Whether this class itself has a member for `label`, or says that there is none, as for a label without
-    /// a value.
+    /// Whether this class itself lists `label`, with a member or explicitly without one, as for a label
+    /// without a value.
     bool hasLabel(int label, xrttiattr** member);
 
     xrttiattr* discr = nullptr;

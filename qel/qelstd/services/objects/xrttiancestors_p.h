@@ -5,9 +5,9 @@
 
 #include "xrtti.h"
 
-/// Asks a type and its ancestors, depth first, until one answers with more than 0 or null. A base that can be
-/// reached in several ways, of which there may be very many, is asked once. `goesOn()` says after each answer
-/// that is 0 or null whether the type's own bases are asked.
+/// Depth-first search: calls `ask` for a type and its ancestors until one call returns more than 0 or
+/// non-null. A base that can be reached in several ways, possibly very many, is visited once. After each
+/// result of 0 or null, `goesOn()` decides whether the type's own bases are visited.
 template<class Ask, class GoesOn = decltype([] { return true; })>
 class xrttiancestors
 {

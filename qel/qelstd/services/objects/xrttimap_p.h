@@ -10,8 +10,8 @@
 struct qelNamed;
 class xrtti;
 
-// What is read by any thread without a lock while another one adds to it: nodes are whole before they are
-// linked, and are never removed. Who adds holds the lock of the registry.
+// Lock-free reads during insertion: nodes are complete before they are linked, and are never removed. A writer
+// holds the registry's lock.
 
 thrMutex& qelRttiMutex();
 
@@ -26,7 +26,7 @@ struct xrttiuserdata
 /// A name under which a descriptor is registered.
 struct xrttientry
 {
-    /// What a qelRegister knows of a type of that name. There is more than one only by mistake.
+    /// The facts of a qelRegister about a type of that name. More than one exists only by mistake.
     struct Fact
     {
         const qelNamed& named;
@@ -39,7 +39,7 @@ struct xrttientry
     xrttientry* const next;
 };
 
-/// The registry: a hash table of a fixed number of lists.
+/// The registry: a hash table with a fixed number of lists (separate chaining).
 class xrttimap
 {
 public:
