@@ -8,11 +8,10 @@
 #include <qel/xobject.h>
 #include <qel/xstring.h>
 
-// What sequences and dictionaries share.
+// Shared by sequences and dictionaries.
 
-/// Whether the bits of a T may be moved to another place and be that T there, whether a T that has been moved
-/// from is in the default state, and whether a T in its default state owns nothing. Specialize it for classes
-/// that are so.
+/// Whether T is trivially relocatable: copying the bits of a T moves it, a moved-from T is in the default
+/// state, and a T in its default state owns nothing. Specialize it for such classes.
 template<class T>
 inline constexpr bool qelIsMovedByBits = std::is_trivially_copyable_v<T>;
 template<>
@@ -20,8 +19,7 @@ inline constexpr bool qelIsMovedByBits<xstring> = true;
 template<>
 inline constexpr bool qelIsMovedByBits<xany> = true;
 
-/// Whether nothing but this library's own code runs when a value ends. Overload it for classes of which that
-/// is known.
+/// Whether destroying a value runs only this library's own code. Overload it for classes known to qualify.
 template<class T>
 bool qelEndsQuietly(const T&)
 {
@@ -36,7 +34,7 @@ inline bool qelEndsQuietly(const xany& value)
     return value.getKind() != xanyObject;
 }
 
-/// Whether `a` lies below `b`, which may point into another block.
+/// Whether the address `a` is below `b`, which may point into another block.
 inline bool qelIsBelow(const void* a, const void* b)
 {
     return reinterpret_cast<std::uintptr_t>(a) < reinterpret_cast<std::uintptr_t>(b);

@@ -7,11 +7,11 @@
 #include <cstring>
 #include <utility>
 
-/// The text of a key as it is looked for: with its length, its hash and, when it is short, its bytes in two
+/// The text of a key prepared for a lookup: its length, its hash and, for a short text, its bytes in two
 /// words.
 struct xdictkey
 {
-    static constexpr std::size_t inWords = 16; ///< a text of less than this is short
+    static constexpr std::size_t inWords = 16; ///< texts of fewer bytes are short
 
     xdictkey(const char* key, std::uint64_t seed);
 
@@ -21,7 +21,7 @@ struct xdictkey
             return std::strcmp(stored, text) == 0;
         return read<std::uint64_t>(stored) == first && read<std::uint64_t>(stored + 8) == second;
     }
-    /// Writes the text with its terminator, and zeros behind a short one up to 16 bytes.
+    /// Writes the text with its terminator, and pads a short one with zeros up to 16 bytes.
     char* writeTo(char* to) const
     {
         if (length < inWords) {
@@ -68,13 +68,14 @@ inline xdictkey::xdictkey(const char* key, std::uint64_t seed) : text(key), leng
         first = read<std::uint64_t>(last);
         second = read<std::uint64_t>(last + 8);
     }
-    hash = static_cast<std::uint32_t>(mix(first ^ state, second ^ ~seed)); // nobody can make a factor 0
+    hash = static_cast<std::uint32_t>(
+        mix(first ^ state, second ^ ~seed)); // the seed keeps chosen keys from zeroing a factor
 }
 
 inline void xdictkey::readShort()
 {
     if constexpr (std::endian::native == std::endian::little) {
-        // Reads that overlap, in place of a loop over the bytes; from 4 bytes on without a branch.
+        // Overlapping reads replace a loop over the bytes; branch-free from 4 bytes on.
         const std::size_t n = length;
         if (n >= 4) {
             const bool isWide = n >= 8;
@@ -101,13 +102,13 @@ inline void xdictkey::readShort()
 
 struct xdictindexentry
 {
-    char* key;           ///< a text of xdictkeys, or null: free
-    std::uint32_t place; ///< of the entry in the block
+    char* key;           ///< a text of xdictkeys; null: the slot is free
+    std::uint32_t place; ///< position of the entry in the block
     std::uint32_t hash;
 };
 
-/// Finds the entry of a key: open addressing with linear probing, with a hash worth its name and a seed of
-/// its own, so that no choice of keys makes it slow. It has no memory until the first reserve.
+/// Finds the entry of a key: open addressing with linear probing and a per-table seed, so that chosen keys
+/// cannot force collisions. Allocates no memory until the first reserve.
 class xdictindex
 {
 public:
@@ -119,7 +120,7 @@ public:
     xdictindex& operator=(const xdictindex&) = delete;
 
     bool isBuilt() const { return entries != nullptr; }
-    /// The entry of `key`, or the free one where it would be.
+    /// Returns the entry of `key`, or the free one where it would be inserted.
     Entry* seek(const xdictkey& key) const
     {
         std::size_t i = key.hash & mask;
@@ -128,7 +129,7 @@ public:
         return &entries[i];
     }
     /// Makes room for one more entry. True when that moved all entries.
-    /// @throws std::bad_alloc  nothing has changed
+    /// @throws std::bad_alloc  nothing is changed
     bool reserve()
     {
         if ((count + std::size_t{1}) * 8 <= (mask + std::size_t{1}) * 5)
@@ -136,13 +137,13 @@ public:
         grow();
         return true;
     }
-    /// Adds a key that there is not, in the free place where it was sought; there is room for it.
+    /// Inserts a missing key in the free entry that seek returned; there must be room for it.
     void insert(Entry* place, Entry entry)
     {
         *place = entry;
         ++count;
     }
-    /// Adds a key that there is not.
+    /// Adds a missing key.
     /// @throws std::bad_alloc
     void add(const xdictkey& key, char* text, std::uint32_t place)
     {
@@ -155,9 +156,10 @@ public:
         std::swap(count, other.count);
         std::swap(entries, other.entries);
     }
-    /// Removes an entry by backward shift: no search ends at a gap before it has seen what was added later.
+    /// Removes an entry by backward shift, so that no search ends at a gap before reaching entries added
+    /// later.
     void erase(Entry* entry);
-    /// Calls visit(entry) for each entry, always in the same order.
+    /// Calls visit(entry) for each entry, in an unchanging order.
     template<class Visit>
     void forEach(Visit visit)
     {
@@ -165,9 +167,9 @@ public:
             if (entries[i].key != nullptr)
                 visit(entries[i]);
     }
-    /// Gives each entry the place places[old place]. The numbers of free entries go along, since a branch
-    /// would be hard to predict: they are 0 or what places[another] once was, so each of `places` must be a
-    /// place.
+    /// Changes the place of each entry to places[old place]. Free entries are renumbered too, which avoids an
+    /// unpredictable branch: their numbers are 0 or earlier values of `places`, so each of `places` must be a
+    /// valid place.
     void renumber(const std::uint32_t* places)
     {
         for (std::size_t i = 0; i < size(); ++i)

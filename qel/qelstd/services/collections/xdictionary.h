@@ -15,11 +15,11 @@ struct xdictentry
     T value;
 };
 
-/// Maps texts to values of type T. Besides by key, entries are reached by slot: walking a dictionary means
-/// visiting the slots 0 to getarraysize() - 1, of which many are empty. Slot numbers are valid until the next
-/// set of a new key or removal. Slots are assigned when they are first asked for: an operation by slot may
-/// throw std::bad_alloc, with nothing changed. Keys are compared byte for byte; null and the marker pointers
-/// are no keys: they are never found. Null `out` pointers are accepted.
+/// Maps texts to values of type T. Entries are accessible by key and by slot: walking a dictionary visits the
+/// slots 0 to getarraysize() - 1, many of which are empty. Slot numbers are valid until the next removal or
+/// the next set of a new key. Slots are assigned by the first operation that needs them: an operation by slot
+/// may throw std::bad_alloc, with nothing changed. Keys are compared byte for byte; null and the marker
+/// pointers are not keys: they are never found. Null `out` pointers are accepted.
 ///
 /// Any number of threads may read at a time (`find`, `getcount`, `getarraysize`, `getkeybyindex`,
 /// `getbyindex`, walks, printing) while none changes the dictionary.
@@ -32,11 +32,11 @@ protected:
     static constexpr unsigned valueOffset = sizeof(char*) < alignof(T) ? alignof(T) : sizeof(char*);
 
 public:
-    /// The number of entries.
+    /// Returns the number of entries.
     int getcount() const { return static_cast<int>(count); }
-    /// The number of slots, 0 at first; not the number of entries.
+    /// Returns the number of slots, 0 at first; not the number of entries.
     virtual int getarraysize() { return static_cast<int>(size); }
-    /// Whether there is a value for `key`, which is stored.
+    /// Whether there is a value for `key`; stores it.
     virtual unsigned char find(const char* key, T* out)
     {
         if (!isOwnCopy())
@@ -47,14 +47,14 @@ public:
         return place != nowhere;
     }
     /// Sets the value of an existing key, or adds the key.
-    /// @throws qelXInvalidDictKey  `key` is no text
+    /// @throws qelXInvalidDictKey  `key` is not a text
     virtual void set(const char* key, T value)
     {
         if (!qelIsObject(key))
             qelhThrowInvalidDictKey(this, nullptr);
         BaseSet(key, &value, entrySize, valueOffset);
     }
-    /// Whether there is an entry in the slot, whose key is stored. False for a slot past the table.
+    /// Whether there is an entry in the slot; stores its key. False for a slot past the table.
     /// @throws qelXNegativeIndex
     virtual unsigned char getkeybyindex(int slot, xstring* outKey)
     {
@@ -65,7 +65,7 @@ public:
     {
         return BaseGetByIndex(slot, out, entrySize, valueOffset);
     }
-    /// Assigns the value of the entry in the slot; an empty slot is left alone.
+    /// Assigns the value of the entry in the slot; an empty slot is left unchanged.
     /// @throws qelXNegativeIndex
     /// @throws qelXInvalidDictIndex  the slot is past the table; the exception holds a reference to the
     /// dictionary
@@ -74,7 +74,7 @@ public:
         if (!BaseSetByIndex(slot, &value, entrySize, valueOffset))
             qelhThrowInvalidDictIndex(this, slot);
     }
-    /// Removes the entry; a key that there is not is ignored.
+    /// Removes the entry; ignores a missing key.
     virtual void remove(const char* key) { BaseRemove(key, entrySize, valueOffset); }
     /// Removes the entry in the slot; throws as setbyindex does.
     virtual void removebyindex(int slot)
@@ -86,7 +86,7 @@ public:
     virtual void clearall() { BaseClearAll(entrySize, valueOffset); }
 
 private:
-    /// What OnDestroy does.
+    /// Implements OnDestroy.
     virtual void Destroy(void* block, unsigned nSlots) = 0;
 
     void OnDestroy(void* block, unsigned nSlots) override { Destroy(block, nSlots); }
@@ -128,7 +128,7 @@ private:
     }
 };
 
-/// A dictionary of values with constructors. Those of slots without an entry are in the default state, which
+/// A dictionary of values with constructors. Values of slots without an entry are in the default state, which
 /// owns nothing.
 template<class T>
 class xtcdictionary : public xtbdictionary<T>
@@ -141,7 +141,7 @@ public:
     ~xtcdictionary() override
     {
         this->sawOwnDestroy();
-        while (this->table != nullptr) // what a value holds may add others while it goes
+        while (this->table != nullptr) // a value's destructor may add entries
             this->BaseClearAll(this->entrySize, this->valueOffset);
     }
 
@@ -157,7 +157,7 @@ private:
     }
     void OnRemoveEntry(void* value) override
     {
-        // What the value held may look at the dictionary while it goes.
+        // The value's destructor may access the dictionary.
         T* const at = static_cast<T*>(value);
         const T ended(std::move(*at));
         at->~T();
@@ -187,7 +187,7 @@ extern template class QEL_API xtsdictionary<double>;
 extern template class QEL_API xtcdictionary<xstring>;
 extern template class QEL_API xtcdictionary<xany>;
 
-/// To bools, as bytes.
+/// Values are bools, as bytes.
 class QEL_API xbooldictionary : public xtsdictionary<unsigned char>
 {
     QEL_OBJECT(xbooldictionary); // "booleandict", counted

@@ -9,9 +9,9 @@
 
 #include "xdictindex_p.h"
 
-/// The texts of the keys of one dictionary: an arena. A block of the heap for each would take longer than all
-/// else that it takes to add a key. The memory of short texts is used again;
-/// that of long ones is gone when the owner moves the others to a new arena.
+/// Arena for the key texts of one dictionary: a heap block for each text would take longer than the rest of
+/// adding a key. Memory of short texts is reused; that of long ones is reclaimed when the owner moves the
+/// other texts to a new arena.
 class xdictkeys
 {
 public:
@@ -21,7 +21,8 @@ public:
     xdictkeys& operator=(const xdictkeys&) = delete;
     void swap(xdictkeys& other) noexcept;
 
-    /// A copy of the text, at an even address, which has at least 16 bytes: zeros follow a short one.
+    /// Returns a copy of the text at an even address, with at least 16 bytes: a short text is padded with
+    /// zeros.
     /// @throws std::bad_alloc
     char* add(const xdictkey& key)
     {
@@ -51,7 +52,7 @@ public:
     /// Makes room for all texts of another arena.
     /// @throws std::bad_alloc
     void reserve(const xdictkeys& other) { addChunk(other.usedUnits); }
-    /// Whether much of the memory holds no text.
+    /// Whether a large part of the memory holds no text.
     bool isSparse() const
     {
         return lostUnits > usedUnits + 256 || (chunkUnits > 256 && usedUnits < chunkUnits / 16);
@@ -60,7 +61,7 @@ public:
 private:
     // All memory is counted in units.
     static constexpr std::size_t unit = xdictkey::inWords;
-    static constexpr std::size_t longest = 3; // text whose memory is used again
+    static constexpr std::size_t longest = 3; // units of the longest text whose memory is reused
     static constexpr std::size_t largestChunk = (std::size_t{16} << 20) / unit;
 
     struct Chunk // memory follows it
@@ -76,11 +77,11 @@ private:
     static std::size_t unitsFor(std::size_t length) { return length / unit + 1; }
     void addChunk(std::size_t units);
 
-    char* at = nullptr; // what is left of the newest chunk
+    char* at = nullptr; // the free part of the newest chunk
     char* end = nullptr;
     std::array<Cell*, longest> freed{}; // by size
     Chunk* chunks = nullptr;
     std::uint32_t chunkUnits = 0;
     std::uint32_t usedUnits = 0;
-    std::uint32_t lostUnits = 0; // of long texts that are gone
+    std::uint32_t lostUnits = 0; // of removed long texts
 };

@@ -9,15 +9,15 @@
 
 #include "qelbdict.h"
 
-/// The smallest table.
+/// The smallest table, in slots.
 inline constexpr unsigned xdictminsize = 32;
 inline constexpr unsigned xdictmaxsize = 1u << 30; // so that an int counts the slots
 
-/// The size that a table of `size` slots gets before an entry is added to its `count`, and after one was
-/// removed. It may be too large.
+/// Returns the size for a table of `size` slots before an entry is added to its `count`, or after one was
+/// removed. May exceed xdictmaxsize.
 inline unsigned xdictNextSize(const xdictcontrol& loads, unsigned size, unsigned count)
 {
-    // The loads are whole percents, rounded down.
+    // The load is a whole percentage, rounded down.
     const std::uint64_t percent = std::uint64_t{count} * 100;
     if (percent >= std::uint64_t{size} * (std::uint64_t{loads.maxLoad} + 1))
         return size * 2;
@@ -26,7 +26,7 @@ inline unsigned xdictNextSize(const xdictcontrol& loads, unsigned size, unsigned
     return size;
 }
 
-/// Where the probes for a key begin, and which way they go: the published rule, less the size of the table.
+/// The start and step of a key's probe sequence: the published rule, independent of the table's size.
 class xdicthome
 {
 public:
@@ -41,11 +41,12 @@ public:
         packed = static_cast<std::uint32_t>(product) << 8 | static_cast<unsigned char>(x);
     }
 
-    /// As an odd number, which is that of no pointer.
+    /// Packs it into an odd number, which no pointer equals.
     std::uintptr_t pack() const { return std::uintptr_t{packed} << 1 | 1; }
     static xdicthome unpack(std::uintptr_t odd)
     {
-        xdicthome home; // with the sign bit, which a narrow pointer has no room for but as a copy of the next
+        // A 32-bit pointer has no room for the sign bit, which equals the bit below it: restored from there.
+        xdicthome home;
         home.packed = static_cast<std::uint32_t>(static_cast<std::int32_t>(odd) >> 1);
         return home;
     }
@@ -53,23 +54,23 @@ public:
     /// The step is 2 * path + 1, with path as a signed byte.
     unsigned char path() const { return static_cast<unsigned char>(packed); }
     bool operator==(const xdicthome&) const = default;
-    /// Spreads homes over 2^32.
+    /// Spreads homes over 2^32 values.
     std::uint32_t hash() const { return packed * 0x9e3779b1; }
 
 private:
     std::uint32_t packed = 0; // the product of three signed bytes takes 23 bits
 };
 
-/// The published rule: which entry of a table lies in which slot, by open addressing with double hashing.
-/// Entries are numbered by their places in the dictionary's block.
+/// The published rule: assigns entries to slots by open addressing with double hashing. Entries are numbered
+/// by their places in the dictionary's block.
 ///
-/// The first free slot that the probes of a key meet is found without walking them one by one, of which there
-/// may be as many as there are keys: keys that share a home go on where the last of them ended, and on each
-/// path (there are no more than 256), stretches of 16 slots that are known to be all taken are skipped.
+/// The first free slot of a probe sequence is found without visiting every slot before it, of which there may
+/// be as many as there are keys: keys with the same home continue where the last of them stopped, and on each
+/// path (at most 256), stretches of 16 slots known to be full are skipped.
 class xdictslots
 {
 public:
-    /// `size`, a power of two from 32 on, free slots.
+    /// Creates `size` free slots; `size` is a power of two, at least 32.
     /// @throws std::bad_alloc
     explicit xdictslots(unsigned size);
 
@@ -77,21 +78,21 @@ public:
 
     unsigned size() const { return mask + 1; }
     unsigned count() const { return takenCount; }
-    /// The place of the entry in the slot, or none.
+    /// Returns the place of the entry in the slot, or none.
     unsigned placeIn(unsigned slot) const { return isTaken(slot) ? places[slot] : none; }
     unsigned slotOf(unsigned place) const { return entries[place].slot; }
 
     /// Makes room for entries at all places below `n`.
-    /// @throws std::bad_alloc  nothing has changed
+    /// @throws std::bad_alloc  nothing is changed
     void reserve(unsigned n)
     {
         if (entries.size() < n)
             entries.resize(n);
     }
-    /// Takes the first free slot for `home`. None: all slots are taken.
+    /// Takes the first free slot for `home`. Returns none if all slots are taken.
     unsigned take(xdicthome home)
     {
-        // Most keys find their slot soon.
+        // Most keys find a free slot within a few probes.
         const std::uint32_t step = stepOf(home.path());
         std::uint32_t slot = home.start() & mask;
         for (unsigned i = mask < small ? mask + 1 : patience; i != 0; --i, slot = (slot + step) & mask)
@@ -99,23 +100,22 @@ public:
                 return takeSlot(slot);
         return takeFar(home, slot);
     }
-    /// Puts an entry, whose place has room, into a slot that was taken for it.
+    /// Puts an entry into a slot that was taken for it; reserve has made room for its place.
     void put(unsigned slot, unsigned place, xdicthome home)
     {
         places[slot] = place;
         entries[place] = {home, slot};
     }
     void giveBack(unsigned slot);
-    /// The table gets another size, and the entries are added anew in the order of the slots. False: they do
-    /// not fit.
-    /// @throws std::bad_alloc  nothing has changed
+    /// Changes the size and adds the entries again in the order of the slots. False: they do not fit.
+    /// @throws std::bad_alloc  nothing is changed
     bool resize(unsigned newSize);
     struct Entry
     {
         xdicthome home;
         std::uint32_t slot = 0;
     };
-    /// Each entry goes to the place to[its place]. `spare` has room for all.
+    /// Moves each entry to the place to[its place]. `spare` has room for all.
     void renumber(const std::uint32_t* to, std::vector<Entry>& spare);
     /// Calls visit(slot) for each slot that is taken, from the first to the last.
     template<class Visit>
@@ -127,19 +127,21 @@ public:
     }
 
 private:
-    static constexpr unsigned small = 64;   // slots, all of which are probed one by one
-    static constexpr unsigned patience = 8; // probes one by one in a larger table
+    // tables of at most so many slots are probed slot by slot
+    static constexpr unsigned small = 64;
+    // single probes in a larger table before the skipping begins
+    static constexpr unsigned patience = 8;
     static constexpr unsigned stretch = 16;
     static constexpr unsigned pathCount = 256;
 
     struct Path
     {
-        /// One bit for each stretch, set when all of its slots were seen taken; null while nobody went far.
+        /// One bit for each stretch, set once all of its slots were found taken; null until a long search.
         std::unique_ptr<std::uint64_t[]> full;
-        std::size_t applied = 0; ///< of `freed`, what `full` knows of
+        std::size_t applied = 0; ///< entries of `freed` already applied to `full`
     };
 
-    /// How far the probes from a home were last gone, for keys that share it.
+    /// Where the last search from a home stopped, for keys that share it.
     struct Cursor
     {
         xdicthome home;
@@ -170,9 +172,13 @@ private:
     std::unique_ptr<std::uint64_t[]> taken;  // one bit for each slot
     std::unique_ptr<std::uint32_t[]> places; // by slot, where it is taken
     std::vector<Entry> entries;              // by place
-    std::uint64_t age = 1;                   // grows when a slot is given back, which ends all cursors
-    std::unique_ptr<Cursor[]> cursors;       // null until somebody goes far
-    std::unique_ptr<Path[]> paths;           // null until somebody goes far
-    std::unique_ptr<std::uint32_t[]> freed;  // slots given back since the paths learned of it
+    // grows when a slot is freed, which invalidates all cursors
+    std::uint64_t age = 1;
+    // null until a long search
+    std::unique_ptr<Cursor[]> cursors;
+    // null until a long search
+    std::unique_ptr<Path[]> paths;
+    // slots freed and not yet applied to all paths
+    std::unique_ptr<std::uint32_t[]> freed;
     std::size_t freedCount = 0;
 };

@@ -4,7 +4,7 @@
 
 class xrttiattr;
 
-/// A list of attributes, which it does not own. Its class is not countable: the list is freed with xdelete.
+/// A list of attributes that it does not own. Its class is not countable: the list is freed with xdelete.
 class QEL_API xrttiattrseq : public xtssequence<xrttiattr*>
 {
     QEL_OBJECT(xrttiattrseq); // "xrttiattrseq"

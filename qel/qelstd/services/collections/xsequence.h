@@ -11,56 +11,58 @@
 
 #include <qel/xcollection.h>
 
-/// How a sequence keeps its storage.
+/// How a sequence manages its memory.
 struct xseqcontrol
 {
-    bool shrink;          ///< whether a sequence that gets smaller may give memory back
-    unsigned granularity; ///< bytes; the capacity is a multiple of it. 0 stands for 256
+    /// whether a sequence that shrinks may release memory
+    bool shrink;
+    /// bytes; the capacity is a multiple of it. 0 stands for 256
+    unsigned granularity;
 };
 
-/// The storage of a sequence, in bytes. It knows nothing of the elements but what its four hooks do; the hook
-/// sets xtssequence and xtcsequence below implement them.
+/// The storage of a sequence, in bytes. It handles elements only through its four hooks, which the hook sets
+/// xtssequence and xtcsequence below implement.
 ///
-/// A sequence holds at most 2^31 - 1 bytes: what would need more throws std::length_error here, and
-/// qelXInvalidSeqIndex where there are indices. That, and std::bad_alloc when memory runs out, leave the
-/// sequence as it was. The operations by bytes are for elements whose end runs no code that uses the
-/// sequence; those of xtbsequence are safe with all.
+/// A sequence holds at most 2^31 - 1 bytes: an operation that exceeds this throws std::length_error here, and
+/// qelXInvalidSeqIndex where it takes an index. Both, and std::bad_alloc when memory runs out, leave the
+/// sequence unchanged. The operations by bytes require elements whose destructors run no code that uses the
+/// sequence; those of xtbsequence support all elements.
 class QEL_API xbasesequence
 {
 public:
     xbasesequence(const xbasesequence&) = delete;
     xbasesequence& operator=(const xbasesequence&) = delete;
 
-    /// Makes `newUsed` bytes be in use. New ones are in the default state.
+    /// Sets the number of bytes in use. New elements are in the default state.
     void Resize(std::size_t newUsed);
-    /// Copies `n` bytes of elements over those at `offset`, and extends the sequence when they end behind it.
-    /// `from` may lie in this sequence.
+    /// Copies `n` bytes of elements over those at `offset`, and extends the sequence if they end past it.
+    /// `from` may point into this sequence.
     void BaseCopy(std::size_t offset, std::size_t n, const void* from);
-    /// Moves what lies at `offset` and behind up by `n` bytes. An `offset` past the end extends the sequence.
+    /// Moves the content from `offset` on up by `n` bytes. An `offset` past the end extends the sequence.
     void BaseInsertEmpty(std::size_t offset, std::size_t n);
-    /// Inserts `n` bytes of elements at `offset`. `from` may lie in this sequence: what is inserted is its
-    /// content before the call.
+    /// Inserts `n` bytes of elements at `offset`. `from` may point into this sequence: its content before the
+    /// call is inserted.
     void BaseInsert(std::size_t offset, std::size_t n, const void* from);
-    /// Removes the bytes between the two offsets, whichever is lower, as far as there are any.
+    /// Removes the bytes between the two offsets, whichever is lower, up to the end.
     void BaseRemove(std::size_t a, std::size_t b);
 
 protected:
-    /// Whether a sequence may have so many bytes in use.
+    /// Whether a sequence may have that many bytes in use.
     bool mayHold(std::size_t bytes) const
     {
         return bytes <= maxBytes && (bytes + granularity - 1) / granularity * granularity <= maxBytes;
     }
 
-    static constexpr std::size_t maxBytes = 0x7fffffff; // and so at most as many elements as an int counts
+    static constexpr std::size_t maxBytes = 0x7fffffff; // so an int can count the elements
 
 private:
-    /// Answers the storage block for a capacity of `newCapacity` bytes, which holds the present content as
-    /// far as it fits; `data`, `used` and `capacity` still tell of the old block. 0: no block, null.
-    /// @throws std::bad_alloc  the old block is as it was
+    /// Returns the storage block for a capacity of `newCapacity` bytes, with as much of the present content as
+    /// fits; `data`, `used` and `capacity` still describe the old block. For 0 returns null.
+    /// @throws std::bad_alloc  the old block is unchanged
     virtual void* OnResize(unsigned newCapacity) = 0;
-    /// Brings raw storage into the default state.
+    /// Initializes raw storage to the default state.
     virtual void OnAllocate(void* at, unsigned bytes) = 0;
-    /// Ends the elements there.
+    /// Destroys the elements in the range.
     virtual void OnDestroy(void* at, unsigned bytes) = 0;
     /// Copies elements over others; the ranges may overlap.
     virtual void OnCopy(void* to, const void* from, unsigned bytes) = 0;
@@ -73,23 +75,22 @@ protected:
     }
     ~xbasesequence() = default;
 
-    // What the hook sets build on.
+    // Building blocks of the hook sets.
 
-    /// A block of the C runtime in the place of `data`, its bytes kept. It has some room beyond what is asked
-    /// for, so that appending takes linear time. Fails only when it grows.
+    /// Replaces `data` by a block of the C runtime with the same bytes. Allocates some spare room, so that
+    /// appending takes linear time. Fails only when it grows.
     char* reallocate(unsigned newCapacity);
-    /// The same for plain values: the first `granularity` bytes of capacity get memory as elements come, and
-    /// all memory within the capacity is zero at first.
+    /// The same for plain values: the first `granularity` bytes of capacity are allocated as elements are
+    /// added, and all memory within the capacity is initially zero.
     char* reallocatePlain(unsigned newCapacity);
-    /// A new block, filled through the hooks, in the place of `data`.
+    /// Replaces `data` by a new block, filled through the hooks.
     char* replace(unsigned newCapacity);
-    /// Leaves an empty sequence without a block. The caller ends the elements and frees the block.
+    /// Leaves an empty sequence without a block. The caller destroys the elements and frees the block.
     char* giveUpBlock() noexcept;
     void releaseBlock() noexcept;
 
-    /// Which hooks have been seen to be those of the hook set. While the set's own run, nobody can tell
-    /// whether they were called, and the fast ways around them are open. Growth is own when OnResize is and
-    /// calls no other hook.
+    /// Hooks known to be those of the hook set. While these run, calls to them cannot be observed, and the
+    /// fast paths that bypass them are used. Growth is own when OnResize is and calls no other hook.
     enum OwnHooks : unsigned char {
         ownAllocate = 1,
         ownDestroy = 2,
@@ -106,7 +107,7 @@ protected:
         seen |= hook;
         findReady();
     }
-    /// Adds one more block, for the caller to fill, when there is room for it.
+    /// Adds one more block, for the caller to fill, if there is room for it.
     bool takeBlock()
     {
         if (capacity + std::size_t{granularity} > room)
@@ -129,19 +130,21 @@ private:
 
 protected:
     const unsigned granularity;
-    unsigned ready = 0; // bytes up to which elements may be appended without a look at anything else
+    unsigned ready = 0; // bytes up to which elements may be appended without further checks
 
 private:
-    unsigned room = 0;   // bytes that `data` really has; less than the capacity in small plain sequences only
-    unsigned needed = 0; // bytes that are to be used when OnResize returns
+    // bytes that `data` really has; below the capacity in small plain sequences only
+    unsigned room = 0;
+    // bytes in use after OnResize returns
+    unsigned needed = 0;
 };
 
-/// A growable array of T with indices from 0. Every operation that takes an index throws qelXNegativeIndex
-/// for a negative one, and one that would make the sequence too long throws qelXInvalidSeqIndex with the
-/// index (append: the one that the element would have had), before anything is changed.
+/// A growable array of T with indices from 0. Every operation that takes an index throws qelXNegativeIndex for
+/// a negative one. An operation that would make the sequence too long throws qelXInvalidSeqIndex with the
+/// index (append: the index of the new element), before it changes anything.
 ///
-/// What an element holds may use the sequence when it ends: it ends after the operation that removed it, when
-/// the sequence is whole again.
+/// An element's destructor may use the sequence: a removed element is destroyed after the operation that
+/// removed it, when the sequence is consistent again.
 ///
 /// Any number of threads may read at a time (`getarraysize`, `get`, walks, printing) while none changes the
 /// sequence.
@@ -150,11 +153,11 @@ class xtbsequence : public xobject, public xbasesequence
 {
 public:
     virtual int getarraysize() { return static_cast<int>(used / sizeof(T)); }
-    /// A copy of the element.
-    /// @throws qelXInvalidSeqIndex  there is none at `index`; the exception holds a reference to the sequence
+    /// Returns a copy of the element.
+    /// @throws qelXInvalidSeqIndex  no element at `index`; the exception holds a reference to the sequence
     virtual T get(int index);
-    /// Assigns the element. One that does not exist extends the sequence to `index` + 1 elements; new
-    /// elements in between are zero, null strings or uninit variants.
+    /// Assigns the element. An index past the end extends the sequence to `index` + 1 elements; new elements
+    /// in between are zero, null strings or uninit variants.
     virtual void set(int index, T value);
     virtual void append(T value);
     virtual void operator+=(T value);
@@ -163,7 +166,8 @@ public:
     /// Inserts all elements of `other`, which may be this sequence, in order.
     /// @throws qelXNotInitialized  `other` is null or xuninitobj
     virtual void insertseq(int index, xtbsequence<T>* other);
-    /// Removes the elements from the lower of the two indices to before the higher, as far as there are any.
+    /// Removes the elements from the lower of the two indices up to, not including, the higher; stops at the
+    /// end.
     virtual void removerange(int from, int to);
     virtual void clear();
 
@@ -186,7 +190,7 @@ protected:
 
 private:
     static std::size_t offsetOf(int index);
-    /// Refuses what would take a sequence of `end` bytes.
+    /// Throws when a sequence of `end` bytes would be too long.
     void checkEnd(std::size_t end, int index)
     {
         if (!mayHold(end))
@@ -208,7 +212,7 @@ public:
     ~xtssequence() override { this->releaseBlock(); }
 
 private:
-    // Free storage is kept zero: so are the elements of a gap.
+    // Free storage is kept zero, as the elements of a gap must be.
     void* OnResize(unsigned newCapacity) override
     {
         this->sawOwn(this->ownGrowth);
@@ -223,8 +227,8 @@ private:
     }
 };
 
-/// A sequence of values with constructors. Every slot of the whole capacity is constructed; those that are
-/// not in use are in the default state.
+/// A sequence of values with constructors. Every slot of the whole capacity is constructed; unused slots are
+/// in the default state.
 template<class T>
 class xtcsequence : public xtbsequence<T>
 {
@@ -235,7 +239,7 @@ public:
     explicit xtcsequence(xseqcontrol control) : xtbsequence<T>(control) {}
     ~xtcsequence() override
     {
-        while (this->data != nullptr) { // what an element holds may add others while it goes
+        while (this->data != nullptr) { // an element's destructor may add others
             const auto n = static_cast<unsigned>(this->used / sizeof(T));
             char* const block = this->giveUpBlock();
             destroy(reinterpret_cast<T*>(block), n);
@@ -283,7 +287,7 @@ extern template class QEL_API xtssequence<double>;
 extern template class QEL_API xtcsequence<xstring>;
 extern template class QEL_API xtcsequence<xany>;
 
-/// Of bools, as bytes.
+/// Elements are bools, as bytes.
 class QEL_API xboolsequence : public xtssequence<unsigned char>
 {
     QEL_OBJECT(xboolsequence); // "booleanseq", counted
@@ -326,7 +330,7 @@ public:
     static xanysequence* create() { return new (pDefMemMgr) xanysequence; }
 };
 
-// ---- what follows implements the templates
+// ---- implementation of the templates
 
 template<class T>
 std::size_t xtbsequence<T>::offsetOf(int index)
@@ -365,13 +369,13 @@ void xtbsequence<T>::append(T value)
         return appendSlowly(std::move(value));
     T* const slot = at(used);
     if constexpr (qelIsMovedByBits<T>)
-        new (slot) T(std::move(value)); // what was there owns nothing
+        new (slot) T(std::move(value)); // the old value owns nothing
     else
         *slot = std::move(value);
     used = static_cast<unsigned>(end);
 }
 
-/// For when there is no free slot, or a hook may be watched.
+/// Slow path: there is no free slot, or a subclass may observe the hooks.
 template<class T>
 void xtbsequence<T>::appendSlowly(T value)
 {
@@ -428,7 +432,8 @@ void xtbsequence<T>::remove(std::size_t from, std::size_t to)
     if constexpr (!std::is_trivially_destructible_v<T>) {
         const std::size_t first = std::min({from, to, std::size_t{used}});
         const std::size_t last = std::min(std::max(from, to), std::size_t{used});
-        std::vector<T> held; // until the sequence is whole again, since their end may use it
+        // Destroyed once the sequence is consistent again, since their destructors may use it.
+        std::vector<T> held;
         std::copy_if(at(first), at(last), std::back_inserter(held),
                      [](const T& value) { return !qelEndsQuietly(value); });
         BaseRemove(from, to);
@@ -440,7 +445,7 @@ void xtbsequence<T>::remove(std::size_t from, std::size_t to)
 template<class T>
 void* xtcsequence<T>::OnResize(unsigned newCapacity)
 {
-    // Until all hooks are known to be these, a subclass may watch them.
+    // Until all hooks are known to be the hook set's, a subclass may observe them.
     if (!qelIsMovedByBits<T> || !this->isOwn(this->ownElements))
         return this->replace(newCapacity);
 
@@ -471,8 +476,8 @@ void xtcsequence<T>::copy(T* to, const T* from, std::size_t n)
     }
 }
 
-// Copies between ranges that overlap: elements move by their bits, and only those at the two ends, as many as
-// the ranges lie apart, are given up or copied. False when the ranges do not overlap.
+// Copies between overlapping ranges: elements are relocated by their bits, and only those at the two ends, as
+// many as the distance between the ranges, are destroyed or copied. False when the ranges do not overlap.
 template<class T>
 bool xtcsequence<T>::shift(T* to, T* from, std::size_t n)
 {
@@ -485,7 +490,7 @@ bool xtcsequence<T>::shift(T* to, T* from, std::size_t n)
 
     T* const ended = up ? low + n : low;
     for (std::size_t i = 0; i < distance; ++i)
-        T(std::move(ended[i])); // what an element held may look at the sequence while it goes
+        T(std::move(ended[i])); // an element's destructor may access the sequence
     __builtin_memmove(static_cast<void*>(to), static_cast<void*>(from), n * sizeof(T));
     T* const doubled = up ? low : low + n;
     const T* const original = up ? high : low + n - distance;
