@@ -5,13 +5,13 @@
 #include "qelstd_c.h"
 #include "xobject.h"
 
-/// Makes `e` the current exception and takes over the caller's reference to it, or all of it when its class
+/// Makes `e` the current exception and takes over the caller's reference to it, or its ownership if its class
 /// is not countable.
 void qelKeepCurrent(xthrowable* e);
-/// Makes a qelXNativeException current without asking for memory.
+/// Makes a qelXNativeException current without allocating memory.
 void qelKeepOutOfMemory();
 
-/// Runs `operation` for a C caller: a framework exception becomes the current one, as does a lack of memory,
+/// Runs `operation` for a C caller: a framework exception or a lack of memory becomes the current exception,
 /// and `otherwise` is returned. Other exceptions pass through.
 template<class R, class Operation>
 R qelForC(R otherwise, Operation operation)

@@ -13,9 +13,9 @@ struct xdictindexentry;
 /// Load limits at which a dictionary's table grows and shrinks, as percentages of the slots in use.
 struct xdictcontrol
 {
-    /// a table halves when its load would then be below this
+    /// A table halves when its load would then be below this.
     unsigned minLoad = 70;
-    /// a table whose load exceeds this doubles before a key is added
+    /// A table whose load exceeds this doubles before a key is added.
     unsigned maxLoad = 90;
 };
 
@@ -141,12 +141,12 @@ private:
     bool ownAllocate : 1 = false;
     bool ownDestroy : 1 = false;
     bool movesBits : 1 = false;
-    // a subclass overrides hooks: blocks have an entry for each slot
+    // A subclass overrides hooks: blocks have an entry for each slot.
     bool watched : 1 = false;
-    // entries that the block has room for
+    // Entries that the block has room for.
     unsigned room = 0;
-    // entries of a new block whose size no subclass observes; 0: one for each slot
+    // Entries of a new block whose size no subclass observes; 0: one for each slot.
     unsigned wanted = 0;
-    // null while there is no table
+    // Null while there is no table.
     xdictside* side = nullptr;
 };

@@ -68,8 +68,8 @@ inline xdictkey::xdictkey(const char* key, std::uint64_t seed) : text(key), leng
         first = read<std::uint64_t>(last);
         second = read<std::uint64_t>(last + 8);
     }
-    hash = static_cast<std::uint32_t>(
-        mix(first ^ state, second ^ ~seed)); // the seed keeps chosen keys from zeroing a factor
+    // The seed keeps chosen keys from zeroing a factor.
+    hash = static_cast<std::uint32_t>(mix(first ^ state, second ^ ~seed));
 }
 
 inline void xdictkey::readShort()

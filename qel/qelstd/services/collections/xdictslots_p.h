@@ -127,9 +127,9 @@ public:
     }
 
 private:
-    // tables of at most so many slots are probed slot by slot
+    // Tables of at most so many slots are probed slot by slot.
     static constexpr unsigned small = 64;
-    // single probes in a larger table before the skipping begins
+    // Single probes in a larger table before the skipping begins.
     static constexpr unsigned patience = 8;
     static constexpr unsigned stretch = 16;
     static constexpr unsigned pathCount = 256;
@@ -172,13 +172,13 @@ private:
     std::unique_ptr<std::uint64_t[]> taken;  // one bit for each slot
     std::unique_ptr<std::uint32_t[]> places; // by slot, where it is taken
     std::vector<Entry> entries;              // by place
-    // grows when a slot is freed, which invalidates all cursors
+    // Grows when a slot is freed, which invalidates all cursors.
     std::uint64_t age = 1;
-    // null until a long search
+    // Null until a long search.
     std::unique_ptr<Cursor[]> cursors;
-    // null until a long search
+    // Null until a long search.
     std::unique_ptr<Path[]> paths;
-    // slots freed and not yet applied to all paths
+    // Slots freed and not yet applied to all paths.
     std::unique_ptr<std::uint32_t[]> freed;
     std::size_t freedCount = 0;
 };

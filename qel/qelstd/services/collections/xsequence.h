@@ -14,9 +14,9 @@
 /// How a sequence manages its memory.
 struct xseqcontrol
 {
-    /// whether a sequence that shrinks may release memory
+    /// Whether a sequence that shrinks may release memory.
     bool shrink;
-    /// bytes; the capacity is a multiple of it. 0 stands for 256
+    /// Bytes; the capacity is a multiple of it. 0 stands for 256.
     unsigned granularity;
 };
 
@@ -133,9 +133,9 @@ protected:
     unsigned ready = 0; // bytes up to which elements may be appended without further checks
 
 private:
-    // bytes that `data` really has; below the capacity in small plain sequences only
+    // Bytes that `data` really has; below the capacity in small plain sequences only.
     unsigned room = 0;
-    // bytes in use after OnResize returns
+    // Bytes in use after OnResize returns.
     unsigned needed = 0;
 };
 

@@ -4,8 +4,8 @@
 
 #include <qel/xobject.h>
 
-/// In a `catch (...)` that does not end by throwing on: throws on what cancels or ends the thread, which must
-/// not be stopped.
+/// For a `catch (...)` that swallows the exception: rethrows the exceptions that cancel or exit the thread,
+/// which must not be swallowed.
 __attribute__((no_sanitize("null"))) inline void qelPassCancellation()
 {
     try {
@@ -17,8 +17,8 @@ __attribute__((no_sanitize("null"))) inline void qelPassCancellation()
     }
 }
 
-/// Owns an exception that has been caught as an `xthrowable*`: gives the catcher's reference back, or frees
-/// an exception of a class that is not countable.
+/// Owns an exception caught as an `xthrowable*`: releases the catcher's reference, or frees an exception of a
+/// class that is not countable.
 class qelCaught
 {
 public:

@@ -8,8 +8,8 @@
 #include <qel/xstring.h>
 
 // The framework's exceptions. Each is thrown as an `xthrowable*` by its static Throw; the catcher owns one
-// reference to an exception of a countable class (all of these) and gives it back with xrcrelease. An
-// object that an exception carries is held by it: attach first, or a failing cast deletes a new object. Text
+// reference to an exception of a countable class (all of these) and releases it with xrcrelease. An exception
+// holds a reference to the object it carries: attach first, or a failing cast deletes a new object. Text
 // arguments may be null.
 
 /// The base of the framework's exceptions.
@@ -17,7 +17,7 @@ class QEL_API qelXException : public virtual xthrowable
 {
     QEL_OBJECT(qelXException); // "qellib::XException"
     QEL_REBUILD(qelXException);
-    /// The human-readable text of the failure. May be null.
+    /// Human-readable text of the failure. May be null.
     QEL_PROPERTY(xstring, Description);
 
 protected:
@@ -65,9 +65,10 @@ public:
 protected:
     qelXExternFunc() = default;
 
-    /// What every library's Print begins with: the line of the description and the line of the function.
+    /// Writes the first lines of every library's Print: the line of the description and the line of the
+    /// function.
     void PrintHead(std::ostream& os) const;
-    /// One more line, such as `\t( Path: "..." )`. A null value prints nothing.
+    /// Writes one more line, such as `\t( Path: "..." )`. A null value prints nothing.
     static void PrintValue(std::ostream& os, const char* label, const xstring& value);
 };
 
@@ -89,7 +90,7 @@ class QEL_API qelXTypeMismatch : public virtual qelXException
     QEL_REBUILD(qelXTypeMismatch);
     /// The name of the type that was expected.
     QEL_PROPERTY(xstring, TypeName);
-    /// The value that is of another type.
+    /// The value of the other type.
     QEL_PROPERTY(xany, QelObject);
 
 public:
@@ -185,7 +186,7 @@ public:
     [[noreturn]] static void Throw(xany object);
 };
 
-/// "Native exception": a failure that is not the framework's own.
+/// "Native exception": a failure that does not originate in the framework.
 class QEL_API qelXNativeException : public virtual qelXException
 {
     QEL_OBJECT(qelXNativeException); // "qellib::XNativeException"
@@ -238,8 +239,8 @@ public:
     qelXSoapFault(const char* faultCode, const char* faultString, xany faultDetail);
     [[noreturn]] static void Throw(const char* faultCode, const char* faultString, xany faultDetail);
 
-    /// The text in the detail when that is a string, else the fault string unless it is empty, else the fault
-    /// code.
+    /// Returns the text in the detail if it is a string, else the fault string unless it is empty, else the
+    /// fault code.
     xstring getMessage() override;
 
     QEL_PROPERTY(xstring, FaultCode);
@@ -247,18 +248,18 @@ public:
     QEL_PROPERTY(xany, FaultDetail);
 };
 
-/// What `failure` says in words, for a message to people; of any library's exception. The registered name of
-/// its class when it says nothing; null and xuninitobj: the null string.
+/// Returns the text of `failure`, of any library's exception, for a message to people. The registered name of
+/// its class when it has no text; the null string for null and xuninitobj.
 QEL_API xstring qelTextOf(xthrowable* failure);
 
 // ---- throwing
 
-/// Makes a T from the arguments and throws it: what every Throw of every library does.
+/// Constructs a T from the arguments and throws it: implements the Throw of every library.
 template<class T, class... A>
 [[noreturn]] void qelThrowNew(A&&... arguments)
 {
     xthrow(xrcunihandle<xthrowable>(new (pDefMemMgr) T(static_cast<A&&>(arguments)...)));
 }
 
-/// A new exception, not thrown, for a failure that is not the framework's own.
+/// Returns a new exception, not thrown, for a failure that does not originate in the framework.
 QEL_API xrchandle<qelXNativeException> qelCreateNativeException(const char* text);

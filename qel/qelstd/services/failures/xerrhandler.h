@@ -2,17 +2,17 @@
 
 #include <qel/xobject.h>
 
-/// What a listener answers: 0, it has not dealt with the error; anything else, it has. What the other values
-/// mean is the application's affair.
+/// A listener's result: 0, it has not handled the error; any other value, it has. The application defines the
+/// other values.
 using xerhstatus = int;
 
-/// One who wants to hear of errors. A class that derives from it says what to do; the destructor takes the
-/// listener out of the handler's list.
+/// A listener for reported errors. A subclass implements onError; the destructor removes the listener from the
+/// handler's list.
 class QEL_API xerrlistener
 {
 public:
-    /// Called with each error that is reported. Text and handles may be null; what they mean is agreed
-    /// between those who report and those who listen.
+    /// Called with each reported error. Text and handles may be null; reporters and listeners agree on their
+    /// meaning.
     virtual xerhstatus onError(const char* text, xrcunihandle<xthrowable> error,
                                xrcunihandle<xobject> subject, xrcunihandle<xobject> context) = 0;
 
@@ -20,21 +20,20 @@ protected:
     ~xerrlistener();
 };
 
-/// The list of those who want to hear of errors, one for the process. The library reports nothing to it by
-/// itself. Nothing is locked: who uses it from several threads must serialize the calls.
+/// The process-wide list of error listeners. The library itself reports nothing to it. Nothing is locked:
+/// callers on several threads must serialize their calls.
 class QEL_API xerrhandler
 {
 public:
-    /// Puts `l` into the list, once. The list refers to it without owning it. Null: nothing.
+    /// Adds `l` to the list, once. The list refers to it without owning it. Null is ignored.
     static void addlistener(xerrlistener* l);
-    /// Takes `l` out of the list if it is there.
+    /// Removes `l` from the list if present.
     static void removelistener(xerrlistener* l);
-    /// Offers an error to the listeners in the order of their addresses until one answers other than 0, and
-    /// returns that answer; 0 when there is none. A listener may add and remove listeners and destroy itself
-    /// or others meanwhile: one that has been removed is not called, and one that has been added hears of the
-    /// next error.
+    /// Calls the listeners in the order of their addresses until one returns a value other than 0, and returns
+    /// that value; 0 if none does. A listener may add and remove listeners and destroy itself or others
+    /// meanwhile: a removed listener is not called, and an added one receives the next error.
     static xerhstatus dispatch(const char* text, xrcunihandle<xthrowable> error,
                                xrcunihandle<xobject> subject, xrcunihandle<xobject> context);
-    /// The number of listeners for which there is room without asking for memory; grows in steps of 64.
+    /// Returns the number of listeners that fit into the allocated memory; grows in steps of 64.
     static int getcapacity();
 };

@@ -2,8 +2,8 @@
 
 #include <qel/qelexception.h>
 
-// What the framework's socket transport throws. Unlike the other exceptions these are not reference
-// countable: the catcher frees them with xdelete, and releases leave them alone. Text arguments may be null.
+// Exceptions of the framework's socket transport. Unlike the other exceptions these are not reference
+// countable: the catcher frees them with xdelete, and releases do not free them. Text arguments may be null.
 
 /// "Cannot connect"
 class QEL_API xportXCannotConnect : public virtual qelXException
@@ -55,7 +55,7 @@ class QEL_API xportXNullInNonOptArg : public virtual qelXException
 public:
     explicit xportXNullInNonOptArg(const char* paramName);
     [[noreturn]] static void Throw(const char* paramName);
-    /// A new exception, not thrown. The caller owns it.
+    /// Returns a new exception, not thrown. The caller owns it.
     static xportXNullInNonOptArg* Create(const char* paramName);
 
     xstring getParamName() const { return ParamName; }
@@ -73,7 +73,7 @@ public:
     explicit xportXTimeout(const char* opName);
     [[noreturn]] static void Throw(const char* opName);
 
-    /// The operation that took too long.
+    /// Returns the name of the operation that timed out.
     xstring getOpName() const { return OpName; }
 
 private:

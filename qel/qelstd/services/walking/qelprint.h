@@ -4,13 +4,13 @@
 
 #include <qel/qeltraverse.h>
 
-/// Writes what it is told of as text for people: each part on a line of its own, ended with std::endl before
-/// the next begins, those of a compound value between braces and indented; with the step -1 all on one line.
-/// Never throws but for what the stream throws. Subclasses may write to the stream between the operations.
+/// Writes reported values as human-readable text: each part on its own line, terminated with std::endl before
+/// the next begins, the parts of a compound value between braces and indented; with the step -1 all on one
+/// line. Throws only what the stream throws. Subclasses may write to the stream between the operations.
 class QEL_API qelPrintTraverser : public qelTraverser
 {
 public:
-    /// The stream is not owned. `spaces`: how much deeper each level is indented, or -1 for one line.
+    /// The stream is not owned. `spaces`: the indentation of each level, or -1 for one line.
     qelPrintTraverser(std::ostream& stream, int spaces);
     qelPrintTraverser(const qelPrintTraverser&) = delete;
     qelPrintTraverser& operator=(const qelPrintTraverser&) = delete;
@@ -71,13 +71,13 @@ private:
 ///       Age : 80
 ///     }
 ///
-/// An object that was never attached dies with `value`.
+/// An object that was never attached is destroyed with `value`.
 QEL_API void qelPrint(xany value, std::ostream& stream, int spaces);
 
-/// Prints `obj` to standard error; for a debugger's command line. Leaves its count as it was, 0 too.
+/// Prints `obj` to standard error; for a debugger's command line. Leaves its count unchanged, 0 included.
 extern "C" QEL_API void qelDebugPrint(xobject* obj);
 
-/// Writes the keys of the dictionary `obj`, a line each, to the file `fileName`, which is replaced, or to
-/// standard output when that is null; for any other object, a line that it is no dictionary. What goes to a
-/// file that cannot be opened is lost. Lets through what the dictionary throws.
+/// Writes the keys of the dictionary `obj`, one per line, to the file `fileName`, which is replaced, or to
+/// standard output if that is null; for any other object, writes a line saying that it is not a dictionary.
+/// Output to a file that cannot be opened is lost. Exceptions of the dictionary pass through.
 QEL_API void qelDbgPrintDictKeys(xobject* obj, const char* fileName);

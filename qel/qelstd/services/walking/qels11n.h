@@ -5,9 +5,9 @@
 
 class xanydictionary;
 
-/// What a serialization engine carries through one operation: the root object, and values by which the engine
-/// and the objects that are being rebuilt inform each other. It belongs to one operation on one thread; what
-/// it holds lives on as long as others hold it.
+/// The state of one serialization operation: the root object, and values through which the engine and the
+/// objects being rebuilt exchange information. It belongs to one operation on one thread; it shares ownership
+/// of its values, which may outlive it.
 class QEL_API qelS11nContext
 {
 public:
@@ -16,14 +16,14 @@ public:
     qelS11nContext(const qelS11nContext&) = delete;
     qelS11nContext& operator=(const qelS11nContext&) = delete;
 
-    /// The root object of the operation; null when none has been set.
+    /// The root object of the operation; null until one is set.
     void setRootObject(xrcunihandle<xobject> obj);
     xrcunihandle<xobject> getRootObject();
 
-    /// Keeps `value` under `name`, replacing what was there.
-    /// @throws qelXInvalidDictKey  `name` is no text
+    /// Stores `value` under `name`, replacing any previous value.
+    /// @throws qelXInvalidDictKey  `name` is not a text
     void setUserData(const char* name, xany value);
-    /// What was kept under `name`, or an uninit value.
+    /// Returns the value stored under `name`, or an uninit value.
     xany getUserData(const char* name);
 
     /// The same under the empty name.
@@ -35,8 +35,7 @@ private:
     xrchandle<xanydictionary> userDict;
 };
 
-/// A class derives from it to say that its instances depend on the context in which they are rebuilt. Not
-/// reference countable.
+/// Base of classes whose instances depend on the context in which they are rebuilt. Not reference countable.
 class QEL_API qelS11nContextSensitive : public virtual xobject
 {
     QEL_OBJECT(qelS11nContextSensitive); // "qelS11nContextSensitive"

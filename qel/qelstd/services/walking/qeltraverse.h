@@ -13,25 +13,25 @@ class xrttisequence;
 class xrttistruct;
 class xrttiunion;
 
-/// How deep objects may be nested in a walked value. What lies deeper is reported as "Nesting too deep".
+/// Greatest nesting depth of objects in a walked value. A deeper object is reported as "Nesting too deep".
 constexpr int qelTraverseDepth = 10000;
 
-/// What qelTraverse reports to. `obj` is the object that owns the visited part; each handle is made for the
-/// call. A begin operation answers whether its part is entered: if not, neither the part's contents nor its
-/// end are reported. `attr` and `index` belong to the walk.
+/// The visitor of qelTraverse. `obj` is the object that owns the visited part; each handle is created for the
+/// call. A begin operation returns whether to enter its part: if not, neither the part's contents nor its end
+/// are reported. `attr` and `index` belong to the walk.
 ///
-/// What an operation throws leaves qelTraverse.
+/// Exceptions thrown by an operation pass through qelTraverse.
 class QEL_API qelTraverser
 {
 public:
-    /// Null, an int, a bool, a real or a string. The part of an uninit value has nothing between its begin
-    /// and its end.
+    /// Null, an int, a bool, a real or a string. An uninit value reports nothing between the begin and the end
+    /// of its part.
     virtual void simpleValue(xany value) = 0;
     virtual void enumValue(xrttienum* type, int value) = 0;
 
-    // ---- objects: one of these pairs for each, the contents of its base classes first inside
+    // ---- objects: each is reported by one of these pairs; the contents of its base classes come first
 
-    /// An object of a class that is none of the following.
+    /// An object of a class of none of the following kinds.
     virtual bool beginObject(xrttiobject* type, xrcunihandle<xobject> obj) = 0;
     virtual void endObject(xrttiobject* type, xrcunihandle<xobject> obj) = 0;
 
@@ -48,14 +48,14 @@ public:
 
     virtual bool beginDictionary(xrttidictionary* type, xrcunihandle<xobject> obj) = 0;
     virtual void endDictionary(xrttidictionary* type, xrcunihandle<xobject> obj) = 0;
-    /// The key is empty when it could not be read. An element without a value has the string "<uninit>".
+    /// The key is empty if it could not be read. An element without a value has the string "<uninit>".
     virtual bool beginDictElement(xrttidictionary* type, xstring key, xrcunihandle<xobject> obj) = 0;
     virtual void endDictElement(xrttidictionary* type, xstring key, xrcunihandle<xobject> obj);
 
     virtual bool beginArray(xrttiarray* type, xrcunihandle<xobject> obj) = 0;
     virtual void endArray(xrttiarray* type, xrcunihandle<xobject> obj) = 0;
-    /// Once for each index of every dimension but the last. `index` has one entry for each dimension, of
-    /// which those up to `dim` say where the walk is; the walk goes on to change it, so who keeps it copies.
+    /// Called once for each index of every dimension but the last. `index` has one entry for each dimension;
+    /// those up to `dim` give the current position. The walk changes it afterwards: copy it to keep it.
     virtual bool beginArrayDimension(xrttiarray* type, int dim, xrchandle<xintsequence> index,
                                      xrcunihandle<xobject> obj) = 0;
     virtual void endArrayDimension(xrttiarray* type, int dim, xrchandle<xintsequence> index,
@@ -72,21 +72,21 @@ public:
     virtual bool beginUnionValue(xrttiunion* type, xrttiattr* attr, xrcunihandle<xobject> obj) = 0;
     virtual void endUnionValue(xrttiunion* type, xrttiattr* attr, xrcunihandle<xobject> obj);
 
-    // ---- what stands in the place of a value, a key or a size
+    // ---- reports in place of a value, a key or a size
 
-    /// "QEL exception", with the exception that a read of the walk has met; "Unknown exception", for any
-    /// other; "Invalid enum value"; "Nesting too deep". An exception of a class that is not countable lives
-    /// for the call.
+    /// "QEL exception", with an exception met while reading a value; "Unknown exception", for any other;
+    /// "Invalid enum value"; "Nesting too deep". An exception of a class that is not countable is valid for
+    /// the call only.
     virtual void errorOccured(const char* text, xrcunihandle<xthrowable> error) = 0;
-    /// `obj` contains itself: it is being walked already.
+    /// `obj` contains itself: the walk is already inside it.
     virtual void alreadyVisited(xrcunihandle<xobject> obj) = 0;
 
 protected:
     ~qelTraverser() = default;
 };
 
-/// Walks `value` as its descriptors describe it, and reports all of it to `visitor`. Exceptions met while
-/// values are read become reports, and the walk goes on without the value. An object is walked wherever it is
-/// met, unless it contains itself. Neither the visitor nor the objects change meanwhile. An object that was
-/// never attached dies with `value`.
+/// Walks `value` according to its descriptors, and reports all of it to `visitor`. Exceptions met while
+/// reading values are reported, and the walk continues without the value. An object is walked wherever it
+/// occurs, unless it contains itself. Neither the visitor nor the objects may change meanwhile. An object that
+/// was never attached is destroyed with `value`.
 QEL_API void qelTraverse(xany value, qelTraverser* visitor);
