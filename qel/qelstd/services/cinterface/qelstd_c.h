@@ -22,11 +22,11 @@
  *    they name.
  * 5. Attach first. A function holds its own reference while it runs: an object created elsewhere that has no
  *    reference yet is freed when the function releases its own.
- * 6. Threads. The process has one current exception, which may concern a call on another thread. A thread that
- *    calls xthreadexc_c(1) first has its own. A collection is used by one thread at a time. Counting is safe
+ * 6. Threads. The process has one current exception, which may concern a call on another thread. A thread
+ *    that calls xthreadexc_c(1) first has its own. A collection is used by one thread at a time. Counting is safe
  *    from any thread.
- * 7. Other exceptions. Running out of memory makes a qellib::XNativeException, "Out of memory", current. Other
- *    C++ exceptions that are not the framework's are not caught: they pass through to C++ callers, and
+ * 7. Other exceptions. Running out of memory makes a qellib::XNativeException, "Out of memory", current.
+ *    Other C++ exceptions that are not the framework's are not caught: they pass through to C++ callers, and
  *    terminate a program that has none.
  *
  * C99; the same functions serve C++. */
@@ -141,9 +141,9 @@ QEL_C_SEQUENCE(xstringsequence, const char*, __xstring_c);
 
 /* ---- dictionaries: xbooldictionary_find, xintdictionary_find, ...
  *
- * Entries are also accessible by slot, their position in the table, which may change with each new key and each
- * removal. To walk over all entries, read the keys of the slots from 0 on. Slots past the table read as empty;
- * setbyindex and removebyindex report them as errors.
+ * Entries are also accessible by slot, their position in the table, which may change with each new key and
+ * each removal. To walk over all entries, read the keys of the slots from 0 on. Slots past the table read as
+ * empty; setbyindex and removebyindex report them as errors.
  *
  * create        A new empty dictionary with one reference, which is the caller's.
  * getcount      The number of entries, in constant time.

@@ -56,8 +56,8 @@ protected:
     static constexpr std::size_t maxBytes = 0x7fffffff; // so an int can count the elements
 
 private:
-    /// Returns the storage block for a capacity of `newCapacity` bytes, with as much of the present content as
-    /// fits; `data`, `used` and `capacity` still describe the old block. For 0 returns null.
+    /// Returns the storage block for a capacity of `newCapacity` bytes, with as much of the present content
+    /// as fits; `data`, `used` and `capacity` still describe the old block. For 0 returns null.
     /// @throws std::bad_alloc  the old block is unchanged
     virtual void* OnResize(unsigned newCapacity) = 0;
     /// Initializes raw storage to the default state.
@@ -139,8 +139,8 @@ private:
     unsigned needed = 0;
 };
 
-/// A growable array of T with indices from 0. Every operation that takes an index throws qelXNegativeIndex for
-/// a negative one. An operation that would make the sequence too long throws qelXInvalidSeqIndex with the
+/// A growable array of T with indices from 0. Every operation that takes an index throws qelXNegativeIndex
+/// for a negative one. An operation that would make the sequence too long throws qelXInvalidSeqIndex with the
 /// index (append: the index of the new element), before it changes anything.
 ///
 /// An element's destructor may use the sequence: a removed element is destroyed after the operation that

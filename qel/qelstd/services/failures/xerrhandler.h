@@ -6,8 +6,8 @@
 /// other values.
 using xerhstatus = int;
 
-/// A listener for reported errors. A subclass implements onError; the destructor removes the listener from the
-/// handler's list.
+/// A listener for reported errors. A subclass implements onError; the destructor removes the listener from
+/// the handler's list.
 class QEL_API xerrlistener
 {
 public:
@@ -29,9 +29,9 @@ public:
     static void addlistener(xerrlistener* l);
     /// Removes `l` from the list if present.
     static void removelistener(xerrlistener* l);
-    /// Calls the listeners in the order of their addresses until one returns a value other than 0, and returns
-    /// that value; 0 if none does. A listener may add and remove listeners and destroy itself or others
-    /// meanwhile: a removed listener is not called, and an added one receives the next error.
+    /// Calls the listeners in the order of their addresses until one returns a value other than 0, and
+    /// returns that value; 0 if none does. A listener may add and remove listeners and destroy itself or
+    /// others meanwhile: a removed listener is not called, and an added one receives the next error.
     static xerhstatus dispatch(const char* text, xrcunihandle<xthrowable> error,
                                xrcunihandle<xobject> subject, xrcunihandle<xobject> context);
     /// Returns the number of listeners that fit into the allocated memory; grows in steps of 64.

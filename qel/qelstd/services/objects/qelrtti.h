@@ -36,9 +36,9 @@ QEL_API void* qelRttiGetUserData(xrtti* type, const char* key);
 /// Returns the data attached under `key` to the descriptor registered under that name; or null.
 QEL_API void* qelRttiGetUserData(const char* typeName, const char* key);
 
-/// Appends the attributes of `type` to `out`; with `inherited`, those of its parents come first, starting with
-/// the most basic class. A base reached in several ways contributes its attributes once for each way. The list
-/// does not own the attributes.
+/// Appends the attributes of `type` to `out`; with `inherited`, those of its parents come first, starting
+/// with the most basic class. A base reached in several ways contributes its attributes once for each way.
+/// The list does not own the attributes.
 /// @throws qelXTypeMismatch  a parent of a structure is no structure
 QEL_API void qelRttiCollectAttrs(xrttistruct* type, unsigned char inherited, xrttiattrseq* out);
 /// Does the same into a new list, which the caller frees with xdelete.

@@ -99,12 +99,12 @@ struct qelClass
     qelAttr otherwise = {};
     /// Returns an empty object of the class: qelCreateOf<self>.
     xobject* (*create)() = nullptr;
-    /// Returns an object for the attributes' `rebuild` functions to fill: qelRebuildOf<self>, for a class with
-    /// QEL_REBUILD. Null when memory runs out.
+    /// Returns an object for the attributes' `rebuild` functions to fill: qelRebuildOf<self>, for a class
+    /// with QEL_REBUILD. Null when memory runs out.
     xobject* (*rebuild)(qelS11nContext* context) = nullptr;
 
-    /// The descriptor under construction; a later call resumes it after running out of memory. Like nextBegun,
-    /// used only under the lock of building.
+    /// The descriptor under construction; a later call resumes it after running out of memory. Like
+    /// nextBegun, used only under the lock of building.
     xrttiobject* begun = nullptr;
     qelClass* nextBegun = nullptr;
 };

@@ -121,8 +121,8 @@ public:
     requires std::is_arithmetic_v<N>
     unsigned char operator==(N number) const { return *this == xany(number); }
 
-    /// Null and uninit convert to the markers of the target type; an int also converts to a double. Converting
-    /// a value of another kind is a broken invariant and aborts the process: check the kind first.
+    /// Null and uninit convert to the markers of the target type; an int also converts to a double.
+    /// Converting a value of another kind is a broken invariant and aborts the process: check the kind first.
     operator int() const;
     operator unsigned char() const;
     operator double() const;

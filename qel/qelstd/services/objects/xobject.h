@@ -51,11 +51,11 @@ inline xobject* qelObjectOf(T* p)
 /// The root of every framework object: a signed 32-bit reference count and the operations that every class
 /// has.
 ///
-/// Count: 0, no counted reference has been taken yet (or the last reference to an object that is not deletable
-/// was released); n > 0, n counted references; -1, the class is not reference countable. Releasing the last
-/// reference to a countable object deletes it. Attach first: an object that was never attached is deleted when
-/// the first handle, variant or exception that holds it releases it. Reading an object through its descriptor
-/// leaves its count unchanged. An object of a class that is not countable is freed by xdelete.
+/// Count: 0, no counted reference has been taken yet (or the last reference to an object that is not
+/// deletable was released); n > 0, n counted references; -1, the class is not reference countable. Releasing
+/// the last reference to a countable object deletes it. Attach first: an object that was never attached is
+/// deleted when the first handle, variant or exception that holds it releases it. Reading an object through
+/// its descriptor leaves its count unchanged. An object of a class that is not countable is freed by xdelete.
 ///
 /// Counts may change from any thread. Taking the first reference needs no lock, so creating objects never
 /// waits. `onDelete` and destructors run one at a time in the whole process: a release that deletes waits for
@@ -129,8 +129,8 @@ inline int xrcgetcount(xobject* p)
     return __atomic_load_n(&p->refcount, __ATOMIC_RELAXED);
 }
 
-/// Takes one counted reference. Null and xuninitobj are ignored. Safe to call from any thread that may use the
-/// object.
+/// Takes one counted reference. Null and xuninitobj are ignored. Safe to call from any thread that may use
+/// the object.
 inline void xrcattach(xobject* p)
 {
     if (!qelIsObject(p))
@@ -146,8 +146,8 @@ inline void xrcattach(xobject* p)
         __atomic_fetch_add(&p->refcount, 1, __ATOMIC_RELAXED);
 }
 
-/// Releases one counted reference; releasing the last one deletes the object. Null and xuninitobj are ignored,
-/// as is an object that was never attached or is not countable.
+/// Releases one counted reference; releasing the last one deletes the object. Null and xuninitobj are
+/// ignored, as is an object that was never attached or is not countable.
 inline void xrcrelease(xobject* p)
 {
     if (!qelIsObject(p))
@@ -319,8 +319,8 @@ protected:                                             \
 private:                                               \
     static_assert(true)
 
-/// Returns the value for "no value yet" in an attribute of type V: null for numbers and enumerations, else the
-/// result of V's default constructor (null string, uninit variant, null handle, false).
+/// Returns the value for "no value yet" in an attribute of type V: null for numbers and enumerations, else
+/// the result of V's default constructor (null string, uninit variant, null handle, false).
 template<class V>
 V qelUnset()
 {
@@ -379,9 +379,9 @@ protected:
     T* pointer;
 };
 
-/// A handle that always counts: it owns one counted reference to its object. For objects of countable classes.
-/// Attach an object that must outlive a temporary handle first: a new object is deleted when its first handle
-/// releases it. Each handle is used by one thread at a time; the objects may be shared.
+/// A handle that always counts: it owns one counted reference to its object. For objects of countable
+/// classes. Attach an object that must outlive a temporary handle first: a new object is deleted when its
+/// first handle releases it. Each handle is used by one thread at a time; the objects may be shared.
 template<class T>
 class xrchandle : public xrcbasehandle<T>
 {
@@ -519,7 +519,7 @@ public:
     ~xthrowable() override;
 };
 
-/// Throws the object that `h` holds, as an `xthrowable*` that carries one more reference. The catcher owns and
-/// releases that reference; an exception of a class that is not countable is freed with xdelete. A null handle
-/// throws qelXNotInitialized instead.
+/// Throws the object that `h` holds, as an `xthrowable*` that carries one more reference. The catcher owns
+/// and releases that reference; an exception of a class that is not countable is freed with xdelete. A null
+/// handle throws qelXNotInitialized instead.
 [[noreturn]] QEL_API void xthrow(xrcunihandle<xthrowable> h);

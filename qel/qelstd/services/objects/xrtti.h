@@ -7,8 +7,8 @@
 class xintsequence;
 struct xrttiuserdata;
 
-/// Reads one attribute of `owner`, a live object of the class that has the attribute. The readers derived from
-/// tables leave the count of `owner` unchanged, 0 included.
+/// Reads one attribute of `owner`, a live object of the class that has the attribute. The readers derived
+/// from tables leave the count of `owner` unchanged, 0 included.
 using xrttigetter = xany (*)(xobject* owner);
 
 /// The descriptor of a type: its name, and the facts that generic code needs to walk values of the type.
@@ -21,8 +21,8 @@ class QEL_API xrtti : public virtual xobject
     QEL_OBJECT(xrtti);
 
 public:
-    /// Returns the qualified name of the type, such as "filelib::NodeInfo"; "object" or "int" for the built-in
-    /// types.
+    /// Returns the qualified name of the type, such as "filelib::NodeInfo"; "object" or "int" for the
+    /// built-in types.
     virtual xstring getName();
     /// Whether `other` is this descriptor or has the same name. Null: false.
     virtual unsigned char isSameAs(const xrtti* other) const;
@@ -139,8 +139,8 @@ public:
     virtual int getNAttrs();
     /// Returns the i-th own attribute in order of declaration, or null.
     virtual xrttiattr* getAttr(int i);
-    /// Returns the own attribute `attrName`; if there is none and `inherited` is set, that of the first parent
-    /// in order that has it; else null.
+    /// Returns the own attribute `attrName`; if there is none and `inherited` is set, that of the first
+    /// parent in order that has it; else null.
     /// @throws qelXTypeMismatch  a searched parent is not a structure
     virtual xrttiattr* findAttr(const char* attrName, unsigned char inherited);
 

@@ -10,8 +10,8 @@
 struct qelNamed;
 class xrtti;
 
-// Lock-free reads during insertion: nodes are complete before they are linked, and are never removed. A writer
-// holds the registry's lock.
+// Lock-free reads during insertion: nodes are complete before they are linked, and are never removed. A
+// writer holds the registry's lock.
 
 thrMutex& qelRttiMutex();
 

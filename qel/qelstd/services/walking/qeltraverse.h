@@ -24,8 +24,8 @@ constexpr int qelTraverseDepth = 10000;
 class QEL_API qelTraverser
 {
 public:
-    /// Null, an int, a bool, a real or a string. An uninit value reports nothing between the begin and the end
-    /// of its part.
+    /// Null, an int, a bool, a real or a string. An uninit value reports nothing between the begin and the
+    /// end of its part.
     virtual void simpleValue(xany value) = 0;
     virtual void enumValue(xrttienum* type, int value) = 0;
 
@@ -87,6 +87,6 @@ protected:
 
 /// Walks `value` according to its descriptors, and reports all of it to `visitor`. Exceptions met while
 /// reading values are reported, and the walk continues without the value. An object is walked wherever it
-/// occurs, unless it contains itself. Neither the visitor nor the objects may change meanwhile. An object that
-/// was never attached is destroyed with `value`.
+/// occurs, unless it contains itself. Neither the visitor nor the objects may change meanwhile. An object
+/// that was never attached is destroyed with `value`.
 QEL_API void qelTraverse(xany value, qelTraverser* visitor);
