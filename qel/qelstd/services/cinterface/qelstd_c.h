@@ -23,8 +23,8 @@
  * 5. Attach first. A function holds its own reference while it runs: an object created elsewhere that has no
  *    reference yet is freed when the function releases its own.
  * 6. Threads. The process has one current exception, which may concern a call on another thread. A thread
- *    that calls xthreadexc_c(1) first has its own. A collection is used by one thread at a time. Counting is safe
- *    from any thread.
+ *    that calls xthreadexc_c(1) first has its own. A collection is used by one thread at a time. Counting is
+ *    safe from any thread.
  * 7. Other exceptions. Running out of memory makes a qellib::XNativeException, "Out of memory", current.
  *    Other C++ exceptions that are not the framework's are not caught: they pass through to C++ callers, and
  *    terminate a program that has none.
