@@ -3,13 +3,13 @@
 #include <qel/base/btkabort.h>
 #include <qel/base/btkmemory.h>
 
-TEST(FatalReport, SaysWhatAndWhereAndEndsTheProcess)
+TEST(FatalReport, PrintsMessageAndLocationAndEndsTheProcess)
 {
     EXPECT_DEATH(_Abort("Can not be here.", "somewhere.cpp", 17),
                  "Can not be here\\. \\(somewhere\\.cpp:17\\)");
 }
 
-TEST(DefaultMemoryManager, GivesMemoryThatOrdinaryDeleteFrees)
+TEST(DefaultMemoryManager, AllocatesMemoryThatOrdinaryDeleteFrees)
 {
     delete new (pDefMemMgr) int(3); // the sanitizers' run proves that both ends match
     const char* copy = btkStrDup("copied");

@@ -17,7 +17,7 @@ std::vector<std::string> WordsOf(const char* line)
 
 } // namespace
 
-TEST(btkSplitCommandLine, PartsWordsAndReadsQuotesAsAShellDoes)
+TEST(btkSplitCommandLine, SplitsWordsAndReadsQuotesLikeAShell)
 {
     EXPECT_THAT(WordsOf(" \t\n"), IsEmpty());
     EXPECT_THAT(WordsOf("  a\tb\nc  "), ElementsAre("a", "b", "c"));
@@ -27,7 +27,7 @@ TEST(btkSplitCommandLine, PartsWordsAndReadsQuotesAsAShellDoes)
     EXPECT_THAT(WordsOf(R"(end\)"), ElementsAre("end\\"));
 }
 
-TEST(btkSplitCommandLine, LeavesALineForAShellWhole)
+TEST(btkSplitCommandLine, KeepsALineForAShellInOnePiece)
 {
     EXPECT_THAT(WordsOf(R"(/bin/sh -c "echo "a  b" 'c"")"),
                 ElementsAre("/bin/sh", "-c", R"(echo "a  b" 'c")"));
@@ -38,7 +38,7 @@ TEST(btkSplitCommandLine, LeavesALineForAShellWhole)
     EXPECT_THAT(WordsOf(R"(sh -x -c "a" "b")"), ElementsAre("sh", "-x", "-c", "a", "b"));
 }
 
-TEST(btkSplitCommandLine, RefusesAnOpenQuote)
+TEST(btkSplitCommandLine, RejectsAnUnterminatedQuote)
 {
     for (const char* const line : {"a 'b", "a \"b", R"(a "b\")", "sh -c \"", "'"}) {
         std::vector<std::string> words = {"stale"};
@@ -47,7 +47,7 @@ TEST(btkSplitCommandLine, RefusesAnOpenQuote)
     }
 }
 
-TEST(btkQuoteWord, IsReadAgainAsTheSameWord)
+TEST(btkQuoteWord, QuotedWordIsReadBackUnchanged)
 {
     std::minstd_rand random(1);
     for (int round = 0; round < 2000; ++round) {

@@ -61,7 +61,7 @@ double SecondsOf(auto work)
 
 } // namespace
 
-TEST(btkEvent, WaitsForTheLimitWhenNothingHappens)
+TEST(btkEvent, WaitWithoutEventsEndsAtItsLimit)
 {
     Pipe pipe;
     const std::unique_ptr<btkEvent> event(pipe.Readable());
@@ -74,7 +74,7 @@ TEST(btkEvent, WaitsForTheLimitWhenNothingHappens)
     EXPECT_EQ(btkEvent::Wait({event.get()}, btkTimeval(-5.0)), 0);
 }
 
-TEST(btkEvent, CountsAndMarksTheEventsThatAreOn)
+TEST(btkEvent, WaitCountsAndMarksSignaledEvents)
 {
     Pipe first, second, third;
     const std::unique_ptr<btkEvent> a(first.Readable()), b(second.Readable()), c(third.Readable());
@@ -94,7 +94,7 @@ TEST(btkEvent, CountsAndMarksTheEventsThatAreOn)
     EXPECT_EQ(btkEvent::Wait({a.get()}, btkTimeval::Forever()), 1);
 }
 
-TEST(btkEvent, IsWokenByAnotherThreadFromAWaitWithoutLimit)
+TEST(btkEvent, AnotherThreadEndsAWaitWithoutLimit)
 {
     const btkHandle handle = Event_Create(false);
     btkEvent event(new btkEVENTEvent(handle));
@@ -112,7 +112,7 @@ TEST(btkEvent, IsWokenByAnotherThreadFromAWaitWithoutLimit)
     Event_Free(handle);
 }
 
-TEST(btkEvent, KeepsItsLimitWhileItIsInterrupted)
+TEST(btkEvent, InterruptedWaitKeepsItsLimit)
 {
     Pipe pipe;
     const std::unique_ptr<btkEvent> event(pipe.Readable());
@@ -126,7 +126,7 @@ TEST(btkEvent, KeepsItsLimitWhileItIsInterrupted)
     EXPECT_GT(Interrupter::interrupts, before + 5);
 }
 
-TEST(btkEvent, AsksAKindForWhatItKnowsBesideItsDescriptor)
+TEST(btkEvent, DerivedEventDecidesItsStateBesideItsDescriptor)
 {
     Pipe pipe;
     auto* told = new ToldEvent(pipe.input.Get());

@@ -18,7 +18,7 @@ constexpr int readWrite = btkOpenRead | btkOpenWrite;
 
 } // namespace
 
-TEST(btkRangeLock, BindsOtherOpeningsOnly)
+TEST(btkRangeLock, ConflictsWithOtherOpeningsOnly)
 {
     TempDir dir;
     dir.write("f");
@@ -48,7 +48,7 @@ TEST(btkRangeLock, BindsOtherOpeningsOnly)
     EXPECT_EQ(inside.Wait(btkRangeLock::Shared, btkTimeval()), btkRangeLock::Held);
 }
 
-TEST(btkRangeLock, GoesWithItsObjectAndItsProcess)
+TEST(btkRangeLock, IsReleasedWithItsObjectAndItsProcess)
 {
     TempDir dir;
     dir.write("f");
@@ -77,7 +77,7 @@ TEST(btkRangeLock, GoesWithItsObjectAndItsProcess)
     EXPECT_TRUE(isFree());
 }
 
-TEST(btkRangeLock, SaysWhatCannotBeLocked)
+TEST(btkRangeLock, ReportsWhyAFileCannotBeLocked)
 {
     TempDir dir;
     dir.write("f");
@@ -87,7 +87,7 @@ TEST(btkRangeLock, SaysWhatCannotBeLocked)
     EXPECT_FALSE(btkRangeLock(-1, 0, 1).IsBusy(btkRangeLock::Shared));
 }
 
-TEST(btkFilePart, WritesWholePartsWhereverTheyLie)
+TEST(btkFilePart, WritesWholePartsAtAnyPosition)
 {
     TempDir dir;
     std::string expected(20000, '.');
@@ -116,11 +116,11 @@ TEST(btkFilePart, WritesWholePartsWhereverTheyLie)
     EXPECT_FALSE(btkSetFileSize(file.Get(), -1));
 }
 
-TEST(btkFilePart, WritesWithoutMappedPagesWhereTheyAreRefused)
+TEST(btkFilePart, WritesWithoutMappedPagesWhereMappingIsRefused)
 {
     if (!canInjectFaults())
         GTEST_SKIP() << "needs strace";
-    const std::string test = "btkFilePart.WritesWholePartsWhereverTheyLie";
+    const std::string test = "btkFilePart.WritesWholePartsAtAnyPosition";
     EXPECT_TRUE(passesWithFault(test, "process_vm_readv", "error=EPERM", 1));
     EXPECT_TRUE(passesWithFault(test, "process_vm_readv", "retval=5", 1));
 }
@@ -152,7 +152,7 @@ TEST(btkFilePart, LeavesOldOrNewBytesWhenKilled)
     }
 }
 
-TEST(btkFilePart, BufferReadsNoMoreThanExpectedAndForgetsWhatCannotBeWritten)
+TEST(btkFilePart, BufferReadsAtMostTheExpectedBytesAndDropsUnwritableOnes)
 {
     TempDir dir;
     dir.write("f", "0123456789");

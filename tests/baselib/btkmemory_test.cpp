@@ -27,7 +27,7 @@ Block resized(Block from, std::size_t kept, std::size_t size)
 
 } // namespace
 
-TEST(btkResizeBlock, KeepsTheBeginningThroughSizesOfEveryKind)
+TEST(btkResizeBlock, KeepsTheBeginningAtAllSizes)
 {
     Block block = resized(nullptr, 0, 1);
     *block = 0xA0;
@@ -46,7 +46,7 @@ TEST(btkResizeBlock, KeepsTheBeginningThroughSizesOfEveryKind)
     }
 }
 
-TEST(btkResizeBlock, LeavesTheBlockWhenThereIsNoMemory)
+TEST(btkResizeBlock, KeepsTheBlockWhenMemoryRunsOut)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the sanitizers end the program instead";
@@ -58,7 +58,7 @@ TEST(btkResizeBlock, LeavesTheBlockWhenThereIsNoMemory)
     EXPECT_EQ(block.get()[99], 7);
 }
 
-TEST(btkExpectUse, ChangesNothingThatCanBeSeen)
+TEST(btkExpectUse, DoesNotChangeTheContent)
 {
     constexpr std::size_t size = 5 << 20;
     const Block block = resized(nullptr, 0, size);

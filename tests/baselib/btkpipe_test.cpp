@@ -37,7 +37,7 @@ TEST_F(btkPipe, ClosesItsEndsOnExecAndOnDestruction)
     EXPECT_EQ(btkRead(input.Get(), &byte, 1), 0);
 }
 
-TEST_F(btkPipe, KeepsTheSignalOfABrokenPipeFromTheCaller)
+TEST_F(btkPipe, WritingToABrokenPipeRaisesNoSignalInTheCaller)
 {
     input.Reset();
     EXPECT_EQ(btkWrite(output.Get(), "x", 1), 0u);
@@ -60,7 +60,7 @@ TEST_F(btkPipe, KeepsTheSignalOfABrokenPipeFromTheCaller)
     sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
-TEST_F(btkPipe, CarriesEverythingWhileCallsAreInterruptedAndWouldBlock)
+TEST_F(btkPipe, TransfersEverythingThoughCallsAreInterruptedAndWouldBlock)
 {
     const std::string sent(1 << 20, 'q');
     std::string received(sent.size(), ' ');
@@ -80,7 +80,7 @@ TEST_F(btkPipe, CarriesEverythingWhileCallsAreInterruptedAndWouldBlock)
     EXPECT_EQ(received, sent);
 }
 
-TEST_F(btkPipe, TellsWhatCanBeReadAndWrittenWithoutBlocking)
+TEST_F(btkPipe, ReportsBytesThatCanBeReadAndWrittenWithoutBlocking)
 {
     bool broken = true;
     EXPECT_FALSE(btkIsReadable(input.Get()));

@@ -86,7 +86,7 @@ bool WaitForEnd(const btkProcess* process)
 
 } // namespace
 
-TEST_F(Processes, GiveTheirExitCodeOrTheSignalThatEndedThem)
+TEST_F(Processes, ReportTheirExitCodeOrTheSignalThatKilledThem)
 {
     EXPECT_EQ(Started("true").Wait(), 0);
     EXPECT_EQ(Started("sh -c \"exit 255\"").Wait(), 255);
@@ -102,7 +102,7 @@ TEST_F(Processes, GiveTheirExitCodeOrTheSignalThatEndedThem)
     EXPECT_EQ(sleeping.Wait(), 128 + SIGINT);
 }
 
-TEST_F(Processes, GetTheStreamsThatArePassedAndNothingElse)
+TEST_F(Processes, InheritOnlyThePassedStreams)
 {
     Pipe in, out, err, other;
     const btkFd kept(fcntl(other.output.Get(), F_DUPFD, 20)); // one that would be inherited
@@ -117,7 +117,7 @@ TEST_F(Processes, GetTheStreamsThatArePassedAndNothingElse)
     EXPECT_EQ(started.Wait(), 0);
 }
 
-TEST_F(Processes, GetStreamsThatHaveStandardNumbersOfOthers)
+TEST_F(Processes, GetStreamsWhoseDescriptorsHaveEachOthersStandardNumbers)
 {
     EXPECT_EQ(runInChild([] {
                   // in is 2, out is 0, and err is 1: pipes with the numbers of each other's places.
@@ -135,13 +135,13 @@ TEST_F(Processes, GetStreamsThatHaveStandardNumbersOfOthers)
               0);
 }
 
-TEST_F(Processes, StartInTheDirectoryThatIsNamed)
+TEST_F(Processes, StartInTheGivenDirectory)
 {
     const TempDir dir;
     EXPECT_EQ(OutputOf("pwd -P", 0, dir.path()), std::filesystem::canonical(dir.path()).string() + "\n");
 }
 
-TEST_F(Processes, FailWithTheReasonOfTheHost)
+TEST_F(Processes, FailWithTheOperatingSystemsReason)
 {
     const TempDir dir;
     dir.write("notes", "no program");
@@ -163,7 +163,7 @@ TEST_F(Processes, FailWithTheReasonOfTheHost)
     EXPECT_EQ(Error_GetText(ENOENT), "No such file or directory");
 }
 
-TEST_F(Processes, StartWithSignalsAsByDefault)
+TEST_F(Processes, StartWithDefaultSignalHandling)
 {
     EXPECT_EQ(runInChild([] {
                   signal(SIGPIPE, SIG_IGN);
@@ -185,7 +185,7 @@ TEST_F(Processes, StartWithSignalsAsByDefault)
               0);
 }
 
-TEST_F(Processes, OfAGroupAreKilledTogether)
+TEST_F(Processes, OfOneGroupAreKilledTogether)
 {
     Pipe out;
     Started started("sh -c \"sleep 60 & echo; wait\"", -1, out.output.Get(), -1, btkLaunchGroup);
@@ -245,7 +245,7 @@ TEST_F(Processes, FreedWhileTheyRunLeaveNoZombie)
     EXPECT_TRUE(hasNoChildren());
 }
 
-TEST_F(Processes, KeepTheirExitCodesWhileTheProgramIgnoresTheEndsOfChildren)
+TEST_F(Processes, KeepTheirExitCodesWhileTheProgramIgnoresSigchld)
 {
     EXPECT_EQ(runInChild([] {
                   signal(SIGCHLD, SIG_IGN);

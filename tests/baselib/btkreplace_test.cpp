@@ -72,7 +72,7 @@ protected:
 
 } // namespace
 
-TEST_F(Replacement, TakesAPlaceInOneStepOrIsGone)
+TEST_F(Replacement, ReplacesTheFileInOneStepOrIsRemoved)
 {
     dir.write("a", "old");
     {
@@ -102,7 +102,7 @@ TEST_F(Replacement, TakesAPlaceInOneStepOrIsGone)
     EXPECT_EQ(names(), (std::vector<std::string>{"a", "b"}));
 }
 
-TEST_F(Replacement, NeedsNoNameUntilItTakesAPlace)
+TEST_F(Replacement, HasNoNameUntilItReplacesAFile)
 {
     dir.write("a", "old");
     btkReplacement next, replacing;
@@ -126,7 +126,7 @@ TEST_F(Replacement, NeedsNoNameUntilItTakesAPlace)
     EXPECT_EQ(names(), (std::vector<std::string>{"a", "b", "c"}));
 }
 
-TEST_F(Replacement, RemovesWhatTheDeadHaveLeftAndNothingElse)
+TEST_F(Replacement, RemovesOnlyLeftoversOfDeadProcesses)
 {
     EXPECT_EQ(runInChild([&] {
                   static btkReplacement left;
@@ -187,7 +187,7 @@ TEST_F(Replacement, TakesOverModeListsAndAttributes)
     EXPECT_EQ(attribute(dir.path("plainFolder"), defaultList), "(none)");
 }
 
-TEST_F(Replacement, GivesNobodyMoreWhereThereAreNoLists)
+TEST_F(Replacement, GrantsNoFurtherRightsWhereAccessListsAreMissing)
 {
     dir.write("old");
     dir.makeDir("bare");

@@ -96,7 +96,7 @@ TEST(btkStreamSocket, ConnectsOverBothFamiliesAndByName)
     }
 }
 
-TEST(btkStreamSocket, RefusesWhatCannotBeReached)
+TEST(btkStreamSocket, ReportsUnreachableAddresses)
 {
     btkAcceptSocket door;
     ASSERT_TRUE(door.Listen(0, "127.0.0.1"));
@@ -113,7 +113,7 @@ TEST(btkStreamSocket, RefusesWhatCannotBeReached)
     EXPECT_FALSE(client.IsOpen());
 }
 
-TEST(btkStreamSocket, GivesUpConnectingAtTheLimit)
+TEST(btkStreamSocket, ConnectStopsAtItsLimit)
 {
     // A full backlog: what comes beyond it is neither taken nor refused.
     btkAcceptSocket door;
@@ -133,7 +133,7 @@ TEST(btkStreamSocket, GivesUpConnectingAtTheLimit)
     EXPECT_LT(btkTimeval::Now() - start, btkTimeval(5, 0));
 }
 
-TEST(btkStreamSocket, EachEndSendsAtOnceAndAsksForAPeerThatIsSilentForLong)
+TEST(btkStreamSocket, EachEndSendsWithoutDelayAndWithKeepaliveProbes)
 {
     const auto option = [](const btkStreamSocket& socket, int level, int name) {
         int value = 0;
@@ -184,7 +184,7 @@ TEST(btkStreamSocket, TransfersEverythingWhileInterrupted)
     EXPECT_GT(Interrupter::interrupts.load(), 0);
 }
 
-TEST(btkStreamSocket, ASendToAPeerThatIsGoneFailsWithoutSignal)
+TEST(btkStreamSocket, SendToAClosedPeerFailsWithoutSignal)
 {
     SocketPair pair;
     pair.far.Close();
@@ -195,7 +195,7 @@ TEST(btkStreamSocket, ASendToAPeerThatIsGoneFailsWithoutSignal)
     EXPECT_TRUE(errno == EPIPE || errno == ECONNRESET);
 }
 
-TEST(btkAcceptSocket, DoesNotBlockAndRefusesPortsThatAreNone)
+TEST(btkAcceptSocket, DoesNotBlockAndRejectsInvalidPorts)
 {
     btkAcceptSocket door;
     EXPECT_FALSE(door.Listen(65536, nullptr));
@@ -215,7 +215,7 @@ TEST(btkAcceptSocket, DoesNotBlockAndRefusesPortsThatAreNone)
 
 // ---- urgent values
 
-TEST(btkStreamSocketUrgent, ValuesStandBesideTheStreamAtEveryOffset)
+TEST(btkStreamSocketUrgent, ValuesStayOutsideTheStreamAtEveryOffset)
 {
     const std::string stream = numbered(40);
     for (std::size_t before = 0; before <= 9; ++before) {
@@ -243,7 +243,7 @@ TEST(btkStreamSocketUrgent, ValuesStandBesideTheStreamAtEveryOffset)
     }
 }
 
-TEST(btkStreamSocketUrgent, FollowsAStreamThatIsLongerThanAnyBuffer)
+TEST(btkStreamSocketUrgent, ValueFollowsAStreamLongerThanAnyBuffer)
 {
     SocketPair pair;
     const std::string stream = numbered(3 << 20);
@@ -271,7 +271,7 @@ TEST(btkStreamSocketUrgent, FollowsAStreamThatIsLongerThanAnyBuffer)
     EXPECT_TRUE(got == stream);
 }
 
-TEST(btkStreamSocketUrgent, AValueAloneIsNoInputAndNoEnd)
+TEST(btkStreamSocketUrgent, ValueAloneIsNeitherInputNorEnd)
 {
     SocketPair pair;
     char byte = 0;
@@ -290,7 +290,7 @@ TEST(btkStreamSocketUrgent, AValueAloneIsNoInputAndNoEnd)
     EXPECT_EQ(received(pair.far, 2), "ef");
 }
 
-TEST(btkStreamSocketUrgent, APeersOwnIdeaOfUrgentIsHarmless)
+TEST(btkStreamSocketUrgent, ForeignUseOfUrgentDataIsHarmless)
 {
     SocketPair pair;
     ASSERT_EQ(::send(pair.near.GetHandle(), "x", 1, MSG_OOB), 1);

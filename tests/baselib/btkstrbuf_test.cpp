@@ -58,7 +58,7 @@ std::u16string wideOf(const Holder& held)
 
 } // namespace
 
-TEST(btkStrBuf, BeginsWithTheEmptyTextAndRoomToWrite)
+TEST(btkStrBuf, StartsWithTheEmptyTextAndRoomToWrite)
 {
     char* mb;
     const Holder held(btkStrBuf::AllocMB(100, &mb));
@@ -72,7 +72,7 @@ TEST(btkStrBuf, BeginsWithTheEmptyTextAndRoomToWrite)
     EXPECT_EQ(mbOf(held), std::string(99, 'x'));
 }
 
-TEST(btkStrBuf, ProducesTheOtherFormOnceAndLeavesBothWhereTheyAre)
+TEST(btkStrBuf, ConvertsOnceAndKeepsTheAddressesOfBothForms)
 {
     const Holder held = hold("h\xC3\xA9!");
     char* mb;
@@ -109,7 +109,7 @@ TEST(btkStrBuf, HasNoMultibyteFormOfAnUnpairedSurrogate)
     EXPECT_STREQ((resize(held, 2, false), mbOf(held).c_str()), "") << "the text was not asked for";
 }
 
-TEST(btkStrBuf, GivesAWriterACopyWhenTheBufferIsShared)
+TEST(btkStrBuf, WriterOfASharedBufferGetsACopy)
 {
     Holder writer = hold("shared");
     const Holder reader = share(writer);
@@ -122,7 +122,7 @@ TEST(btkStrBuf, GivesAWriterACopyWhenTheBufferIsShared)
     EXPECT_EQ(mbOf(reader), "shared");
 }
 
-TEST(btkStrBuf, KeepsTheTextOfTheAskedFormWhenResized)
+TEST(btkStrBuf, ResizeKeepsTheTextOfTheRequestedForm)
 {
     for (const std::size_t size : {1u, 7u, 1000u}) {
         Holder mbFirst = hold("both \xE2\x82\xAC");
@@ -148,7 +148,7 @@ TEST(btkStrBuf, DropsTheStaleFormWhenWritingEnds)
     EXPECT_EQ(wideOf(held), u"aXc");
 }
 
-TEST(btkStrBuf, EndsTheTextAtItsFirstZeroAndAlwaysInsideTheBuffer)
+TEST(btkStrBuf, TextEndsAtItsFirstZeroAndAlwaysInsideTheBuffer)
 {
     Holder held = hold("");
     std::memcpy(resize(held, 8, false), "ab\0cdef", 8);
@@ -164,7 +164,7 @@ TEST(btkStrBuf, EndsTheTextAtItsFirstZeroAndAlwaysInsideTheBuffer)
     EXPECT_EQ(wideOf(unterminated).size(), unterminated->GetWCLength());
 }
 
-TEST(btkStrBuf, AppendsInPlaceOnlyWhatNobodyElseSees)
+TEST(btkStrBuf, AppendsInPlaceOnlyToAnUnsharedBuffer)
 {
     Holder held = hold("abc");
     EXPECT_TRUE(held->AppendInPlace('d'));
@@ -203,7 +203,7 @@ TEST(btkStrBuf, FillsItsRoomToTheLastByteAndNotBeyond)
     EXPECT_FALSE(held->AppendInPlace('x'));
 }
 
-TEST(btkStrBuf, RefusesSizesBeyondItsLimitAndStaysAsItWas)
+TEST(btkStrBuf, RejectsSizesBeyondItsLimitUnchanged)
 {
     Holder held = hold("kept");
     char* mb;
@@ -218,7 +218,7 @@ TEST(btkStrBuf, RefusesSizesBeyondItsLimitAndStaysAsItWas)
     EXPECT_EQ(mbOf(held), "kept");
 }
 
-TEST(btkStrBuf, IsReadByTwoThreadsThatBothProduceTheOtherForm)
+TEST(btkStrBuf, TwoThreadsMayConvertTheSameBuffer)
 {
     for (int round = 0; round < 300; ++round) {
         Holder mine = hold(round % 2 ? "mul\xC3\xADti" : "plain");

@@ -88,7 +88,7 @@ TEST(Utf, DoesNotConvertUnpairedSurrogates)
         EXPECT_EQ(toMb(text), "(none)");
 }
 
-TEST(Utf, StepsOverCharactersWithoutLookingBehindThem)
+TEST(Utf, StepsOverCharactersWithoutReadingBeyondThem)
 {
     EXPECT_EQ(btkMBByteCount("a\xC3\xA9\xE2\x82\xACz", 3), 6u);
     EXPECT_EQ(btkMBByteCount("ab", 3), 2u);
@@ -141,7 +141,7 @@ std::string number(const std::u16string& text)
 
 } // namespace
 
-TEST(btkString, ReadsNumbersThatTakeUpTheWholeText)
+TEST(btkString, ReadsNumbersThatFillTheWholeText)
 {
     EXPECT_EQ(number(u"42"), "42 42.000000");
     EXPECT_EQ(number(u" \t+42"), "42 42.000000");
@@ -290,7 +290,7 @@ TEST(btkString, SearchesLongTextsInLinearTime)
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
-TEST(StrneW, CopiesWhatHasAMultibyteForm)
+TEST(StrneW, CopiesTextsThatHaveAMultibyteForm)
 {
     const std::unique_ptr<char[]> copy(StrneW(WideText(u"h\u00E9")));
     EXPECT_STREQ(copy.get(), "h\xC3\xA9");

@@ -14,7 +14,7 @@ TEST(btkTimeval, SplitsSecondsAndMicroseconds)
     EXPECT_EQ(time.ToSeconds(), 2.25);
 }
 
-TEST(btkTimeval, HoldsTheGreatestValueInsteadOfOverflowing)
+TEST(btkTimeval, SaturatesInsteadOfOverflowing)
 {
     const btkTimeval greatest(std::numeric_limits<double>::infinity());
 
@@ -27,7 +27,7 @@ TEST(btkTimeval, HoldsTheGreatestValueInsteadOfOverflowing)
     EXPECT_FALSE(btkTimeval(2147483646.0).IsForever());
 }
 
-TEST(btkTimeval, IsNeverLessThanNothing)
+TEST(btkTimeval, IsNeverNegative)
 {
     EXPECT_EQ(btkTimeval(-1.0), btkTimeval());
     EXPECT_EQ(btkTimeval(-1e300), btkTimeval());

@@ -36,7 +36,7 @@ protected:
 
 } // namespace
 
-TEST_F(NetSilentSet, LetsTheAddressGoThatHoldsMost)
+TEST_F(NetSilentSet, EvictsFromTheAddressWithMostConnections)
 {
     EXPECT_EQ(leaving(1), "-");
     add('a', 900);
@@ -49,7 +49,7 @@ TEST_F(NetSilentSet, LetsTheAddressGoThatHoldsMost)
     EXPECT_EQ(leaving(6), "b800 b600 a900 c700 b500 -"); // of equals, the one with the oldest
 }
 
-TEST_F(NetSilentSet, LetsNobodyYoungGoWhileAnotherAddressHasAnOlder)
+TEST_F(NetSilentSet, EvictsNoYoungConnectionWhileAnotherAddressHasAnOldOne)
 {
     add('a', 150);
     add('b', 99);
@@ -58,7 +58,7 @@ TEST_F(NetSilentSet, LetsNobodyYoungGoWhileAnotherAddressHasAnOlder)
     EXPECT_EQ(leaving(4), "a150 b99 b98 b97"); // where all are young, the rule is as ever
 }
 
-TEST_F(NetSilentSet, KeepsThemInTheOrderInWhichTheyCame)
+TEST_F(NetSilentSet, KeepsTheOrderOfArrival)
 {
     for (int age = 500; age > 0; age -= 100)
         add('a', age);

@@ -121,7 +121,7 @@ std::size_t OpenDescriptors()
 
 } // namespace
 
-TEST(NameServer, DoesWhatIsAsked)
+TEST(NameServer, ServesEachRequest)
 {
     TestNameServer server({.version = "names 1"});
     ASSERT_TRUE(server.isListening());
@@ -152,7 +152,7 @@ TEST(NameServer, DoesWhatIsAsked)
     EXPECT_EQ(client.ping(), nmscNoConnection);
 }
 
-TEST(NameServer, AnswersBytesWithBytes)
+TEST(NameServer, RepliesMatchTheProtocolByteByByte)
 {
     TestNameServer server;
     const int port = server.getPort();
@@ -170,7 +170,7 @@ TEST(NameServer, AnswersBytesWithBytes)
     EXPECT_EQ(AnswerTo(port, "GET / HTTP/1.0\r\n\r\n"), "\3");
 }
 
-TEST(NameServer, ClosesWhoIsNotDoneWithinItsTime)
+TEST(NameServer, ClosesClientsThatExceedTheirTime)
 {
     const std::size_t descriptorsBefore = OpenDescriptors();
     {
@@ -197,7 +197,7 @@ TEST(NameServer, ClosesWhoIsNotDoneWithinItsTime)
 }
 
 // Also an answer that its client takes late comes whole.
-TEST(NameServer, SendsALargeAnswer)
+TEST(NameServer, SendsALargeReply)
 {
     TestNameServer server({.table = {.recordsOfPeer = 2000}});
     Client client;
@@ -218,7 +218,7 @@ TEST(NameServer, SendsALargeAnswer)
 }
 
 // Each client checks every answer about the names that only it uses, and that shared ones are won by one.
-TEST(NameServer, LosesNothingAndDoublesNothing)
+TEST(NameServer, NeitherLosesNorDuplicatesRecords)
 {
     TestNameServer server;
     constexpr int clients = 64;
@@ -276,7 +276,7 @@ TEST(NameServer, LosesNothingAndDoublesNothing)
     }
 }
 
-TEST(NameServer, ANameIsFreeOnceItsServerIsKilled)
+TEST(NameServer, NameIsFreeOnceItsServerIsKilled)
 {
     TestNameServer server;
     Client client;
@@ -293,7 +293,7 @@ TEST(NameServer, ANameIsFreeOnceItsServerIsKilled)
 }
 
 // Servers that are killed under load: clients see "could not connect" or right answers, and never wait long.
-TEST(NameServer, ClientsOutliveItsRestarts)
+TEST(NameServer, ClientsSurviveItsRestarts)
 {
     nmsServer chosen({.port = 0});
     ASSERT_TRUE(chosen.Listen());
@@ -345,7 +345,7 @@ TEST(NameServer, ClientsOutliveItsRestarts)
 
 // Kills at any time, while clients register: what was registered a second before a kill, and whose process
 // lives, is there again, and the file can always be read.
-TEST(NameServer, RecordsOutliveItsKills)
+TEST(NameServer, RecordsSurviveItsKills)
 {
     const TempDir dir(TempDir::InMemory);
     const std::string state = dir.path("names");
@@ -398,7 +398,7 @@ TEST(NameServer, RecordsOutliveItsKills)
     }
 }
 
-TEST(NameServer, SaysThatItIsFull)
+TEST(NameServer, ReportsThatItIsFull)
 {
     TestNameServer server({.table = {.records = 8}});
     Client client;
@@ -414,7 +414,7 @@ TEST(NameServer, SaysThatItIsFull)
 }
 
 // A client's side: servers that say nothing, or lie about what follows.
-TEST(NameClient, EndsWithLyingAndSilentServers)
+TEST(NameClient, CallsEndWithLyingAndSilentServers)
 {
     nmsSetAnswerLimit(btkTimeval(0, 300000));
     btkAcceptSocket door;

@@ -34,7 +34,7 @@ int Sleeping()
 
 } // namespace
 
-TEST(NameTable, FindsByAnyFieldsInTheOrderOfAdding)
+TEST(NameTable, FindsByAnyFieldsInInsertionOrder)
 {
     nmsTable table;
     for (int i = 0; i < 100; ++i) {
@@ -59,7 +59,7 @@ TEST(NameTable, FindsByAnyFieldsInTheOrderOfAdding)
     EXPECT_EQ(table.GetSize(), 0u);
 }
 
-TEST(NameTable, RefusesTheSameFieldsTwice)
+TEST(NameTable, RejectsDuplicateRecords)
 {
     nmsTable table;
     EXPECT_EQ(table.Add(Record("name", "a")), nmscDone);
@@ -87,7 +87,7 @@ TEST(NameTable, KeepsWithinItsLimits)
     EXPECT_EQ(table.GetUse().refused, 3u);
 }
 
-TEST(NameTable, KeepsAPlaceForProcessesWhateverOthersRegister)
+TEST(NameTable, ReservesRoomForProcessesWhateverOthersRegister)
 {
     const auto self = static_cast<std::uint32_t>(getpid());
     nmsTable table({.records = 40, .recordsOfPeer = 6, .bytes = 4000});
@@ -115,7 +115,7 @@ TEST(NameTable, KeepsAPlaceForProcessesWhateverOthersRegister)
     EXPECT_EQ(table.GetSize(), 3u) << "a quarter of the bytes";
 }
 
-TEST(NameTable, LetsOneLivingProcessHaveAName)
+TEST(NameTable, OnlyOneLivingProcessHasAName)
 {
     const auto self = static_cast<std::uint32_t>(getpid());
     const auto twin = [](std::uint32_t owner, const char* port) {
@@ -137,7 +137,7 @@ TEST(NameTable, LetsOneLivingProcessHaveAName)
     }
 }
 
-TEST(NameTable, IsRestoredWithoutWhatHasEnded)
+TEST(NameTable, IsRestoredWithoutRecordsOfExitedProcesses)
 {
     const auto self = static_cast<std::uint32_t>(getpid());
     std::string saved;
@@ -176,7 +176,7 @@ TEST(NameTable, IsRestoredWithoutWhatHasEnded)
     EXPECT_FALSE(nmsTable().Restore("something else"));
 }
 
-TEST(NameTable, CountsWhatAnswersStillHold)
+TEST(NameTable, CountsRecordsThatRepliesStillHold)
 {
     const auto self = static_cast<std::uint32_t>(getpid());
     nmsTable table({.bytes = 300});
@@ -190,7 +190,7 @@ TEST(NameTable, CountsWhatAnswersStillHold)
 }
 
 // A client could keep the name server from the others with a few requests if this multiplied.
-TEST(NameTable, ManyFieldsThatAllRecordsHaveCostLittle)
+TEST(NameTable, FieldsSharedByAllRecordsCostLittle)
 {
     constexpr int records = 500;
     nmsFields shared;
@@ -209,7 +209,7 @@ TEST(NameTable, ManyFieldsThatAllRecordsHaveCostLittle)
     EXPECT_EQ(table.Remove(shared), 1u * records);
 }
 
-TEST(NameTable, DropsTheRecordsOfAProcessWithIt)
+TEST(NameTable, DropsTheRecordsOfAnExitedProcess)
 {
     nmsTable table;
     for (int i = 0; i < 100; ++i) {
@@ -226,7 +226,7 @@ TEST(NameTable, DropsTheRecordsOfAProcessWithIt)
     EXPECT_EQ(table.Add(Record("name", "server", 0xFFFFFFFF)), nmscNotAllowed);
 }
 
-TEST(NameTable, DropsThemAlsoWithoutDescriptorsLeft)
+TEST(NameTable, DropsThemAlsoWhenDescriptorsRunOut)
 {
     rlimit before = {};
     getrlimit(RLIMIT_NOFILE, &before);
@@ -246,7 +246,7 @@ TEST(NameTable, DropsThemAlsoWithoutDescriptorsLeft)
     EXPECT_EQ(table.GetSize(), 1u);
 }
 
-TEST(NameTable, StaysAsItIsWhenThereIsNoMemoryForARecord)
+TEST(NameTable, IsUnchangedWhenMemoryForARecordRunsOut)
 {
     const auto own = static_cast<std::uint32_t>(getpid());
     const nmsFields added = Record("name", "new");

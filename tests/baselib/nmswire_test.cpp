@@ -36,7 +36,7 @@ TEST(NameWire, NumbersAreBigEndian)
     EXPECT_EQ(nmsGetInt("\x80\0\0\0"), -2147483647 - 1);
 }
 
-TEST(NameWire, ARecordHasItsBytesAndComesBack)
+TEST(NameWire, RecordHasTheDocumentedBytesAndIsReadBack)
 {
     // owner, count, then for the name and the value: size with the ending zero, length, bytes
     const std::string expected("\0\0\0\0\0\0\0\1"
@@ -63,7 +63,7 @@ TEST(NameWire, ARecordHasItsBytesAndComesBack)
     }
 }
 
-TEST(NameWire, RefusesToWriteWhatIsTooLong)
+TEST(NameWire, RefusesToWriteOversizedFields)
 {
     nmsFields tooMany;
     for (int i = 0; i < 257; ++i)
@@ -81,7 +81,7 @@ TEST(NameWire, RefusesToWriteWhatIsTooLong)
     EXPECT_FALSE(nmsPutRecord(bytes, longValue));
 }
 
-TEST(NameWire, RefusesToReadNegativeAndGreatLengths)
+TEST(NameWire, RefusesToReadNegativeAndExcessiveLengths)
 {
     const struct
     {
@@ -104,7 +104,7 @@ TEST(NameWire, RefusesToReadNegativeAndGreatLengths)
     EXPECT_EQ(strict.record.owner, 7u);
 }
 
-TEST(NameWire, TellsOfFailures)
+TEST(NameWire, ReportsFailures)
 {
     EXPECT_EQ(nmsStatusText(nmscNotFound, true, "", 0),
               "ERROR  : NameServer on client request: could not find matching record.");

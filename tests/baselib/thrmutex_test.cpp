@@ -4,7 +4,7 @@
 
 #include <qel/base/thrmutex.h>
 
-TEST(thrMutex, IsReenteredByItsOwnerAndKeepsOthersOut)
+TEST(thrMutex, IsRecursiveAndKeepsOtherThreadsOut)
 {
     thrMutex mutex;
     int counted = 0;
@@ -23,7 +23,7 @@ TEST(thrMutex, IsReenteredByItsOwnerAndKeepsOthersOut)
     EXPECT_EQ(counted, 40000);
 }
 
-TEST(thrMutex, LetsEverybodyThroughWhileDisabled)
+TEST(thrMutex, DoesNotLockWhileDisabled)
 {
     thrMutex mutex;
     mutex.Enable(false);
@@ -39,7 +39,7 @@ TEST(thrMutex, LetsEverybodyThroughWhileDisabled)
     mutex.Unlock();
 }
 
-TEST(thrIsThreaded, SeesThreadsThatTheProgramMadeByItself)
+TEST(thrIsThreaded, DetectsThreadsThatTheProgramCreatedItself)
 {
     bool seen = false;
     std::thread([&] { seen = thrIsThreaded(); }).join();

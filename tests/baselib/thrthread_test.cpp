@@ -34,7 +34,7 @@ protected:
 
 } // namespace
 
-TEST_F(Threads, TellTheirEndAndTheirExitCode)
+TEST_F(Threads, ReportTheirEndAndTheirExitCode)
 {
     void* const thread = StrictThread_Launch(waitForEvent, Gate(), nullptr);
     ASSERT_NE(thread, StrictThread_Refused);
@@ -57,7 +57,7 @@ TEST_F(Threads, TellTheirEndAndTheirExitCode)
     EXPECT_TRUE(exited.IsSignaled()) << "the event must not need the thread's handle";
 }
 
-TEST_F(Threads, RunOnAfterTheirHandleWasFreed)
+TEST_F(Threads, KeepRunningAfterTheirHandleIsFreed)
 {
     void* const thread = StrictThread_Launch(waitForEvent, Gate(), nullptr);
     btkEvent exited(new btkPROCESSEvent(thread));
@@ -69,7 +69,7 @@ TEST_F(Threads, RunOnAfterTheirHandleWasFreed)
     EXPECT_EQ(btkEvent::Wait({&exited}, btkTimeval(10, 0)), 1);
 }
 
-TEST_F(Threads, EndAlsoWhenTheyLeaveInTheMiddle)
+TEST_F(Threads, EndWhenTheyExitInTheMiddle)
 {
     for (const auto leave : {+[](void*) -> int { pthread_exit(nullptr); },
                              +[](void* event) {

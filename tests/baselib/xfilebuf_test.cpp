@@ -77,7 +77,7 @@ TEST_F(FileBuffer, ReadsAndWritesAtOnePosition)
     EXPECT_EQ(dir.read("f"), "01ab456c89end");
 }
 
-TEST_F(FileBuffer, CarriesLargeAndSmallPartsInAnyMix)
+TEST_F(FileBuffer, TransfersLargeAndSmallPartsInAnyMix)
 {
     const std::string text = Numbered(1 << 20);
     {
@@ -94,7 +94,7 @@ TEST_F(FileBuffer, CarriesLargeAndSmallPartsInAnyMix)
     EXPECT_EQ(file->sgetc(), EOF);
 }
 
-TEST_F(FileBuffer, SeeksFromEverywhereAndStaysWhenItCannot)
+TEST_F(FileBuffer, SeeksFromEachOriginAndKeepsItsPositionOnFailure)
 {
     dir.write("f", "0123456789");
     const auto file = Open(xfilebuf::ReadWrite);
@@ -130,7 +130,7 @@ TEST_F(FileBuffer, HandlesPositionsBeyond32Bits)
     EXPECT_EQ(file->Tell(), far + 3);
 }
 
-TEST_F(FileBuffer, SeesWhatOthersWrite)
+TEST_F(FileBuffer, SeesWritesOfOthers)
 {
     dir.write("f", "1234");
     const auto reader = Open(xfilebuf::Read);
@@ -151,7 +151,7 @@ TEST_F(FileBuffer, SeesWhatOthersWrite)
     EXPECT_EQ(Take(*reader, 9), "ef");
 }
 
-TEST_F(FileBuffer, LendsAViewAndReturnsToItsPosition)
+TEST_F(FileBuffer, TryViewRestoresThePosition)
 {
     const std::string text = Numbered(300000);
     dir.write("f", text);
@@ -174,7 +174,7 @@ TEST_F(FileBuffer, LendsAViewAndReturnsToItsPosition)
     EXPECT_EQ(file->GetOutputEvent(), nullptr);
 }
 
-TEST_F(FileBuffer, KeepsWhatTheHostDoesNotTake)
+TEST_F(FileBuffer, KeepsBytesThatTheKernelDoesNotAccept)
 {
     const std::unique_ptr<xfilebuf> full(xfilebuf::Open("/dev/full", xfilebuf::ReadWrite));
     ASSERT_NE(full, nullptr);

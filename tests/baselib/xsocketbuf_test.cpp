@@ -40,7 +40,7 @@ struct Ends : SocketPair
 
 } // namespace
 
-TEST(xsocketbuf, SendsWhatIsPendingWhenItMustWait)
+TEST(xsocketbuf, SendsPendingOutputBeforeItWaits)
 {
     Ends ends;
     ends.write("question");
@@ -69,7 +69,7 @@ TEST(xsocketbuf, SendsWhatIsPendingWhenItMustWait)
     EXPECT_TRUE(input.IsSignaled()) << "an event outlives its buffer";
 }
 
-TEST(xsocketbuf, KeepsUrgentValuesApartAtEveryOffset)
+TEST(xsocketbuf, SeparatesUrgentValuesAtEveryOffset)
 {
     std::string stream(70000, 0);
     for (std::size_t i = 0; i < stream.size(); ++i)
@@ -93,7 +93,7 @@ TEST(xsocketbuf, KeepsUrgentValuesApartAtEveryOffset)
     }
 }
 
-TEST(xsocketbuf, AnUrgentValueAloneDoesNotMakeInput)
+TEST(xsocketbuf, UrgentValueAloneIsNoInput)
 {
     Ends ends;
     btkEvent input(ends.in->GetInputEvent());
@@ -111,7 +111,7 @@ TEST(xsocketbuf, AnUrgentValueAloneDoesNotMakeInput)
     EXPECT_FALSE(come.IsSignaled());
 }
 
-TEST(xsocketbuf, AWaitForUrgentValuesEndsWithTheConnection)
+TEST(xsocketbuf, WaitForUrgentValuesEndsWithTheConnection)
 {
     Ends ends;
     btkEvent come(ends.in->GetUrgentEvent());
@@ -127,7 +127,7 @@ TEST(xsocketbuf, AWaitForUrgentValuesEndsWithTheConnection)
     EXPECT_EQ(ends.urgent(), "");
 }
 
-TEST(xsocketbuf, AViewShowsWhatHasComeAndTakesNothing)
+TEST(xsocketbuf, ViewShowsReceivedBytesWithoutConsumingThem)
 {
     Ends ends;
     ends.write("abc");
@@ -142,7 +142,7 @@ TEST(xsocketbuf, AViewShowsWhatHasComeAndTakesNothing)
     EXPECT_EQ(ends.read(3), "abc");
 }
 
-TEST(xsocketbuf, FailsToSendToAPeerThatIsGone)
+TEST(xsocketbuf, SendToAClosedPeerFails)
 {
     Ends ends;
     ends.in.reset();
@@ -199,7 +199,7 @@ TEST(xsocketbuf, TestsWritesAndSendsNothing)
         << "and fails when it is to be sent";
 }
 
-TEST(xsocketbuf, TakesWhatHasComeBeforeItSends)
+TEST(xsocketbuf, ReceivesArrivedBytesBeforeItSends)
 {
     Ends ends;
     ends.in->sputn("here", 4);

@@ -67,7 +67,7 @@ protected:
 
 } // namespace
 
-TEST(xstringbuf, ShowsAtOnceWhatWasWritten)
+TEST(xstringbuf, ShowsWrittenBytesAtOnce)
 {
     xstringbuf buffer;
     EXPECT_EQ(buffer.sgetc(), EOF);
@@ -93,7 +93,7 @@ TEST(xstringbuf, ShowsAtOnceWhatWasWritten)
     EXPECT_EQ(Take(buffer, 2), "x");
 }
 
-TEST(xstringbuf, RefusesWritesIntoAGivenText)
+TEST(xstringbuf, RejectsWritesIntoAGivenText)
 {
     xstringbuf buffer("text", 4);
 
@@ -103,7 +103,7 @@ TEST(xstringbuf, RefusesWritesIntoAGivenText)
     EXPECT_EQ(std::string(buffer.GetText(), buffer.GetSize()), "text");
 }
 
-TEST(xstringbuf, LendsWithoutConsumingAndKnowsItsEnd)
+TEST(xstringbuf, TryViewConsumesNothingAndReportsTheEnd)
 {
     xstringbuf buffer;
     Put(buffer, "12345");
@@ -118,7 +118,7 @@ TEST(xstringbuf, LendsWithoutConsumingAndKnowsItsEnd)
     EXPECT_EQ(buffer.GetTryOBuf(), nullptr);
 }
 
-TEST(xstringbuf, OfNoTextIsAtItsEnd)
+TEST(xstringbuf, OfTheNullTextIsAtItsEnd)
 {
     xstringbuf buffer("", 0);
     EXPECT_EQ(buffer.sgetc(), EOF);
@@ -126,7 +126,7 @@ TEST(xstringbuf, OfNoTextIsAtItsEnd)
     EXPECT_EQ(std::string(buffer.GetText(), buffer.GetSize()), "");
 }
 
-TEST(xbufaccess, ReadsAndWritesRightInTheAreas)
+TEST(xbufaccess, ReadsAndWritesDirectlyInTheAreas)
 {
     xstringbuf buffer;
     EXPECT_EQ(xbufaccess::Reserve(buffer, 1), nullptr);
@@ -144,7 +144,7 @@ TEST(xbufaccess, ReadsAndWritesRightInTheAreas)
     EXPECT_EQ(Take(buffer, 2), "d");
 }
 
-TEST_F(PipeBuffers, WritesStraightThroughAndReadsAllThatIsAskedFor)
+TEST_F(PipeBuffers, WriteUnbufferedAndReadAllRequestedBytes)
 {
     EXPECT_EQ(input->in_avail(), 0) << "some may come";
     Put(*output, "12");
@@ -164,7 +164,7 @@ TEST_F(PipeBuffers, WritesStraightThroughAndReadsAllThatIsAskedFor)
     EXPECT_EQ(Take(*input, 1 << 20), "");
 }
 
-TEST_F(PipeBuffers, LendsWhatHasArrivedAndTellsAPauseFromTheEnd)
+TEST_F(PipeBuffers, ShowArrivedBytesAndDistinguishAPauseFromTheEnd)
 {
     EXPECT_EQ(Try(*input, 4), "");
     EXPECT_TRUE(input->IsTryExhausted());
@@ -186,7 +186,7 @@ TEST_F(PipeBuffers, LendsWhatHasArrivedAndTellsAPauseFromTheEnd)
     EXPECT_EQ(Take(*input, 9), "abcde");
 }
 
-TEST_F(PipeBuffers, GrowsForAValueLargerThanThePipe)
+TEST_F(PipeBuffers, GrowForAValueLargerThanThePipe)
 {
     std::string sent(3 << 20, ' ');
     for (std::size_t i = 0; i < sent.size(); ++i)
@@ -206,7 +206,7 @@ TEST_F(PipeBuffers, GrowsForAValueLargerThanThePipe)
     EXPECT_EQ(Take(*input, 5), "again");
 }
 
-TEST_F(PipeBuffers, SignalsInputThatIsHeldOrWaitingAndTheEnd)
+TEST_F(PipeBuffers, SignalBufferedAndPendingInputAndTheEnd)
 {
     btkEvent pending(input->GetInputEvent());
     EXPECT_FALSE(pending.IsSignaled());
@@ -224,7 +224,7 @@ TEST_F(PipeBuffers, SignalsInputThatIsHeldOrWaitingAndTheEnd)
     EXPECT_TRUE(pending.IsSignaled()); // nobody waits for ever for a buffer that is gone
 }
 
-TEST_F(PipeBuffers, DoesNotWakeAWaitForBytesThatWereTooFew)
+TEST_F(PipeBuffers, DoNotEndAWaitForMoreBytesThanArrived)
 {
     btkEvent pending(input->GetInputEvent());
     Put(*output, "ab");
@@ -252,7 +252,7 @@ TEST_F(PipeBuffers, DoesNotWakeAWaitForBytesThatWereTooFew)
     EXPECT_EQ(btkEvent::Wait({&pending}, btkTimeval::Forever()), 1);
 }
 
-TEST(xopipebuf, QuietsItsEventAfterAShortTryUntilThereIsMoreRoom)
+TEST(xopipebuf, ResetsItsEventAfterAShortTryUntilThereIsMoreRoom)
 {
     btkOutputPipe output;
     btkInputPipe input;
@@ -298,7 +298,7 @@ TEST(xopipebuf, QuietsItsEventAfterAShortTryUntilThereIsMoreRoom)
     EXPECT_EQ(btkEvent::Wait({&writable}, btkTimeval::Forever()), 1); // without a reader, too
 }
 
-TEST_F(PipeBuffers, TestsWritesAndSendsNothing)
+TEST_F(PipeBuffers, TestWritesWithoutSending)
 {
     const std::string page(4096, 'p');
     std::streambuf* area = output->GetTryOBuf();
@@ -323,7 +323,7 @@ TEST_F(PipeBuffers, TestsWritesAndSendsNothing)
     EXPECT_TRUE(writable.IsSignaled());
 }
 
-TEST_F(PipeBuffers, CarriesEverythingWhileItIsInterrupted)
+TEST_F(PipeBuffers, TransferEverythingWhileInterrupted)
 {
     Interrupter interrupter;
     const std::string sent(200000, 'i');
@@ -337,7 +337,7 @@ TEST_F(PipeBuffers, CarriesEverythingWhileItIsInterrupted)
     writer.join();
 }
 
-TEST(StandardBuffers, KeepTheirOrderWithTheProgramsOwnOutput)
+TEST(StandardBuffers, KeepTheirOrderWithOutputOfTheStandardLibrary)
 {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
@@ -371,7 +371,7 @@ TEST(AllBuffers, WriteNothingForTheEndOfFile)
     EXPECT_EQ(dir.read("f"), "");
 }
 
-TEST(AllBuffers, PassOnWhatTheHostCanMove)
+TEST(AllBuffers, PassOnCopiesThatTheKernelCanMake)
 {
     const TempDir dir;
     const std::string bytes(200000, 'b');
@@ -411,7 +411,7 @@ TEST(AllBuffers, PassOnWhatTheHostCanMove)
     EXPECT_EQ(dir.read("to").size(), bytes.size() + 8);
 }
 
-TEST(StandardBuffers, ShowWhatWasWrittenBeforeTheyWaitForInput)
+TEST(StandardBuffers, ShowWrittenOutputBeforeTheyWaitForInput)
 {
     btkOutputPipe writing;
     btkInputPipe reading;
@@ -438,7 +438,7 @@ TEST(StandardBuffers, ShowWhatWasWrittenBeforeTheyWaitForInput)
     dup2(kept.Get(), 0);
 }
 
-TEST(StandardBuffers, FailWithoutASignalWhenNobodyReads)
+TEST(StandardBuffers, FailWithoutASignalWhenTheReaderIsClosed)
 {
     btkOutputPipe writing;
     btkInputPipe reading;
