@@ -160,7 +160,7 @@ public:
 
 } // namespace
 
-TEST_F(Config, NamesTheLinesThatAreNotKept)
+TEST_F(Config, ReportsTheLinesThatAreNotKept)
 {
     const std::string odd("a:1\n# remark\n\n \t:x\nb c:\nbc:2\na:2\r\nk:v\0w\nbc: 3\nz:end", 51);
     dir.write("config", odd);
@@ -184,7 +184,7 @@ TEST_F(Config, NamesTheLinesThatAreNotKept)
     EXPECT_EQ(again.text, "1 return 'a:2\r'\n3 zero 'k:v'\n");
 }
 
-TEST_F(Config, SaysWhyItCannotBeRead)
+TEST_F(Config, ReportsWhyItCannotBeRead)
 {
     Report report;
     dir.makeDir("sub");
@@ -201,7 +201,7 @@ TEST_F(Config, SaysWhyItCannotBeRead)
     EXPECT_EQ(report.text, "");
 }
 
-TEST_F(Config, RefusesWhatWouldBeAnotherEntryOrNone)
+TEST_F(Config, RejectsEntriesThatWouldBeReadBackDifferently)
 {
     dir.write("config", "a:1\n");
     hmxConfigFile file;
@@ -214,7 +214,7 @@ TEST_F(Config, RefusesWhatWouldBeAnotherEntryOrNone)
     EXPECT_EQ(content(), "a:1\n");
 }
 
-TEST_F(Config, KeepsBytesThatAreNoText)
+TEST_F(Config, KeepsZeroAndNonAsciiBytes)
 {
     const std::string odd("\0:zero\0value\na\0b:\xFF\xFE\n", 20);
     dir.write("config", odd);
@@ -239,7 +239,7 @@ TEST_F(Config, HoldsManyAndLongLines)
     EXPECT_EQ(textOf(file.GetValue("long")), longest);
 }
 
-TEST_F(Config, OpensNothingThatIsNoFile)
+TEST_F(Config, OpensRegularFilesOnly)
 {
     dir.makeDir("sub");
     ASSERT_EQ(mkfifo(dir.path("pipe"), 0600), 0);
@@ -284,7 +284,7 @@ TEST_F(Config, KeepsModeLinksAndOtherNames)
     EXPECT_EQ(dir.read("other"), "a:1\nb:2\nc:3\n");
 }
 
-TEST_F(Config, IsWrittenInPlaceInADirectoryThatIsClosedToUs)
+TEST_F(Config, IsWrittenInPlaceInAReadOnlyDirectory)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs the right to become another user";
@@ -311,7 +311,7 @@ TEST_F(Config, IsWrittenInPlaceInADirectoryThatIsClosedToUs)
               0);
 }
 
-TEST_F(Config, FollowsItsDirectoryAndNotTheCurrentOne)
+TEST_F(Config, RelativePathKeepsItsMeaningWhenTheCurrentDirectoryChanges)
 {
     const auto before = std::filesystem::current_path();
     std::filesystem::current_path(dir.path());
@@ -324,7 +324,7 @@ TEST_F(Config, FollowsItsDirectoryAndNotTheCurrentOne)
     EXPECT_EQ(content(), "a:1\n");
 }
 
-TEST_F(Config, KeepsTheOldContentWhenTheNewOneCannotBeWritten)
+TEST_F(Config, KeepsTheOldContentWhenWritingFails)
 {
     const std::string old = "a:" + std::string(500, 'o') + "\n";
     dir.write("config", old);
@@ -344,7 +344,7 @@ TEST_F(Config, KeepsTheOldContentWhenTheNewOneCannotBeWritten)
     EXPECT_EQ(nodes(), 1);
 }
 
-TEST_F(Config, FailsOnAFileThatCannotBeRead)
+TEST_F(Config, FailsOnAnUnreadableFile)
 {
     hmxConfigFile file;
     EXPECT_FALSE(file.Open("/proc/self/mem", hmxConfigFile::ReadOnly));
@@ -357,7 +357,7 @@ TEST_F(Config, FailsOnAFileThatCannotBeRead)
     EXPECT_FALSE(hmxConfigFile::Check("/proc/self/mem", nothing));
 }
 
-TEST_F(Config, StaysItsOwnersWhenTheSuperuserChangesIt)
+TEST_F(Config, KeepsItsOwnerWhenTheSuperuserChangesIt)
 {
     dir.write("config", "a:1\n");
     if (chown(path(), 65534, 65533) != 0)
@@ -373,7 +373,7 @@ TEST_F(Config, StaysItsOwnersWhenTheSuperuserChangesIt)
     EXPECT_EQ(content(), "a:2\n");
 }
 
-TEST_F(Config, LockIsGivenBackByClosing)
+TEST_F(Config, CloseReleasesTheLock)
 {
     dir.write("config", "a:1\n");
     lockFileBuf locked, next;
@@ -488,7 +488,7 @@ TEST_P(ConfigFaults, IsOldOrNewWhenItsWriterIsKilledAtAnyCall)
     EXPECT_GE(replaced, 2);
 }
 
-TEST_P(ConfigFaults, IsWhatItsWriterWasToldWhenACallFails)
+TEST_P(ConfigFaults, ContentMatchesTheReportedResultWhenACallFails)
 {
     if (!hasStrace())
         GTEST_SKIP() << "needs strace";
@@ -555,7 +555,7 @@ TEST_F(Config, OthersEditsAreNotOverwritten)
     }
 }
 
-TEST_F(Config, KeepsItsAccessListAndWhatOthersHaveBesideIt)
+TEST_F(Config, KeepsItsAccessListAndOtherFilesBesideIt)
 {
     std::string list("\2\0\0\0\1\0\6\0\xFF\xFF\xFF\xFF\2\0\4\0\xE8\3\0\0\4\0\0\0\xFF\xFF\xFF\xFF", 28);
     list += std::string("\x10\0\6\0\xFF\xFF\xFF\xFF\x20\0\0\0\xFF\xFF\xFF\xFF", 16);
@@ -584,7 +584,7 @@ bool hasOwnMounts()
 
 } // namespace
 
-TEST_F(Config, IsWholeInPlaceOnAFullDisk)
+TEST_F(Config, InPlaceUpdateOnAFullDiskKeepsItWhole)
 {
     dir.makeDir("small");
     const std::string file = dir.path("small/config");
@@ -607,7 +607,7 @@ TEST_F(Config, IsWholeInPlaceOnAFullDisk)
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(Config, MayBeAMountOfItsOwn)
+TEST_F(Config, MayBeAMountPoint)
 {
     dir.write("config", "a:1\n");
     dir.write("outside", "a:1\n");
@@ -626,7 +626,7 @@ TEST_F(Config, MayBeAMountOfItsOwn)
     EXPECT_EQ(nodes(), 2);
 }
 
-TEST_F(Config, WhatAnotherHasPutBesideItIsNotBelieved)
+TEST_F(Config, ForeignOrBrokenRecoveryFileIsIgnored)
 {
     // Everybody may make files in a sticky folder. The head says: 4 bytes of old content, 5 of new.
     struct stat status = {};
@@ -745,7 +745,7 @@ TEST_F(Config, LosesNoUpdateOfSeveralProcesses)
     EXPECT_EQ(content(), "count:" + std::to_string(processes * updates) + "\n");
 }
 
-TEST_F(Config, LetsReadersInTogetherAndAWriterAlone)
+TEST_F(Config, LockIsSharedByReadersAndExclusiveForAWriter)
 {
     dir.write("config", "a:1\n");
     auto first = std::make_unique<hmxConfigFile>();
@@ -766,7 +766,7 @@ TEST_F(Config, LetsReadersInTogetherAndAWriterAlone)
     EXPECT_EQ(content(), "a:2\n");
 }
 
-TEST_F(Config, WaitsForItsTurnWithinALimitAndNeverForItself)
+TEST_F(Config, LockWaitHasALimitAndNeverBlocksOnItsOwnProcess)
 {
     constexpr auto updating = hmxConfigFile::ReadWrite, reading = hmxConfigFile::ReadOnly;
     constexpr unsigned sharing = ERROR_SHARING_VIOLATION, locked = ERROR_LOCK_VIOLATION;
@@ -819,7 +819,7 @@ TEST_F(Config, ReadersDoNotStarveAWriter)
     reader.join();
 }
 
-TEST_F(Config, IsFreeOnceClosedThoughAForkedChildLives)
+TEST_F(Config, LockIsFreeOnceClosedThoughAForkedChildLives)
 {
     dir.write("config", "a:1\n");
     hmxConfigFile file;
@@ -837,7 +837,7 @@ TEST_F(Config, IsFreeOnceClosedThoughAForkedChildLives)
     EXPECT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite, 0));
 }
 
-TEST_F(Config, IsNotDisturbedBySignals)
+TEST_F(Config, WorksWhileInterruptedBySignals)
 {
     const Interrupter interrupter;
     const int before = Interrupter::interrupts;
@@ -864,7 +864,7 @@ TEST_F(Config, IsNotDisturbedBySignals)
 
 // ---- text functions
 
-TEST(TextFunctions, PressCharactersOut)
+TEST(TextFunctions, RemoveCharacters)
 {
     char text[] = "a-b--c-";
     EXPECT_TRUE(StrPress(text, '-'));

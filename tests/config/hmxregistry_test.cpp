@@ -104,7 +104,7 @@ TEST_F(RegistryKeys, ListTheirSubkeysAndValues)
     EXPECT_EQ(refusal([&] { object.ListSubkeys(); }), "reglib::XKeyClosed");
 }
 
-TEST_F(RegistryKeys, SayWhyTheyRefuse)
+TEST_F(RegistryKeys, ReportWhyTheyFail)
 {
     hmxRegistryKey key;
     const auto errorOf = [](bool worked) { return worked ? 0u : GetLastError(); };
@@ -119,7 +119,7 @@ TEST_F(RegistryKeys, SayWhyTheyRefuse)
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
 }
 
-TEST_F(RegistryKeys, KnowValidPathsAndNames)
+TEST_F(RegistryKeys, RecognizeValidPathsAndNames)
 {
     for (const char* path : {"a", "a\\b", "", "\xC3\xA9"})
         EXPECT_TRUE(user.IsKeyValid(path)) << path;
@@ -152,7 +152,7 @@ TEST_F(RegistryKeys, AreSharedByTheirCopies)
     EXPECT_EQ(textOf(copy.GetValue("v")), "2");
 }
 
-TEST_F(RegistryKeys, CloseWhenAValidPathCannotBeOpenedOnly)
+TEST_F(RegistryKeys, AreClosedOnlyByAFailureToOpenAValidPath)
 {
     hmxRegistryKey key, closed;
     ASSERT_TRUE(key.Create(user, "a"));
@@ -183,7 +183,7 @@ TEST_F(RegistryKeys, DeleteOnlyDirectSubkeysWithoutSubkeys)
     EXPECT_FALSE(user.DeleteSubkey("a"));
 }
 
-TEST_F(RegistryKeys, HoldTypedValuesAsTexts)
+TEST_F(RegistryKeys, StoreTypedValuesAsTexts)
 {
     regRegistry* const root = regRegistry::User();
     EXPECT_EQ(root->Open(), 1);
@@ -247,7 +247,7 @@ TEST(RegistryProgram, ChangesInABatch)
     EXPECT_TRUE(batch.Commit()) << "with nothing to do";
 }
 
-TEST_F(RegistryKeys, AreSyncedOnceForABatch)
+TEST_F(RegistryKeys, AreSyncedOncePerBatch)
 {
     if (std::system("strace -qq -o /dev/null true >/dev/null 2>&1") != 0)
         GTEST_SKIP() << "needs strace";
