@@ -49,7 +49,7 @@ TEST(evtEvent, WaitsForAnyOfAnArray)
     EXPECT_EQ(a.Wait(-3.0), 0);
 }
 
-TEST(evtEvent, WaitsForTheLimitOnNothing)
+TEST(evtEvent, WaitOnNoEventsEndsAtItsLimit)
 {
     const auto empty = ArrayOf({});
     for (evtEventArray* const array : {empty.get(), static_cast<evtEventArray*>(nullptr)}) {
@@ -74,7 +74,7 @@ TEST(evtRemoveEvent, RemovesEveryOccurrence)
     EXPECT_EQ(array->get(1), &c);
 }
 
-TEST(evtEvent, IsDescribed)
+TEST(evtEvent, HasADescriptor)
 {
     SetEvent event;
     event.Set();
