@@ -106,7 +106,7 @@ TEST_F(Copying, MergesReplacesOrInsistsOnANewDestination)
     EXPECT_EQ(copy("X:/none", "X:/other"), refused(5, "X:\\none"));
 }
 
-TEST_F(Copying, RefusesToPutADirectoryWhereSomethingElseIs)
+TEST_F(Copying, RefusesToReplaceAnotherNodeByADirectory)
 {
     dir.write("from/x", "file");
     dir.write("file", "kept");
@@ -121,7 +121,7 @@ TEST_F(Copying, RefusesToPutADirectoryWhereSomethingElseIs)
     EXPECT_TRUE(dir.has("to/x"));
 }
 
-TEST_F(Copying, NeedsTheParentUnlessItIsToBeMade)
+TEST_F(Copying, NeedsTheParentUnlessToldToCreateIt)
 {
     dir.write("file", "x");
     dir.write("tree/file", "y");
@@ -151,7 +151,7 @@ TEST_F(Copying, TreatsLinksAsTheModeSays)
     EXPECT_EQ(target("top"), "../outside");
 }
 
-TEST_F(Copying, RefusesLinksThatLeadNowhereOrBack)
+TEST_F(Copying, RefusesDanglingAndCircularLinks)
 {
     dir.write("from/file");
     dir.link("nowhere", "dangling");
@@ -169,7 +169,7 @@ TEST_F(Copying, RefusesLinksThatLeadNowhereOrBack)
     EXPECT_EQ(copy("X:/from", "X:/to4", fsMerge, fsNewLink), done);
 }
 
-TEST_F(Copying, ReplacesALinkAtTheDestinationAndNeverWritesThroughIt)
+TEST_F(Copying, ReplacesADestinationLinkWithoutWritingThroughIt)
 {
     dir.write("from/x", "new");
     dir.write("victim", "kept");
@@ -231,7 +231,7 @@ TEST_F(Copying, KeepsAFileWhoseOtherNameItReplaces)
     EXPECT_FALSE(std::filesystem::equivalent(dir.path("from/file"), dir.path("to/file")));
 }
 
-TEST_F(Copying, RefusesPipesWithoutWaitingAndKeepsWhatIsCopied)
+TEST_F(Copying, RefusesPipesWithoutWaitingAndKeepsCopiedFiles)
 {
     dir.makeDir("from");
     ASSERT_EQ(mkfifo(dir.path("from/pipe"), 0600), 0);
@@ -314,7 +314,7 @@ TEST_F(Copying, KeepsAccessListsOverThoseOfTheNewFolder)
 // ---- faults
 
 /// Each call about a file that a copy makes fails in turn, and is the last one of a process in turn.
-TEST_F(Copying, LeavesTheOldFileOrTheNewOneWhateverFails)
+TEST_F(Copying, LeavesTheOldFileOrTheNewOneWhicheverCallFails)
 {
     const struct
     {
@@ -402,7 +402,7 @@ private:
 
 } // namespace
 
-TEST_F(Copying, OrRemovingGoesOnAsItsHandlerDecides)
+TEST_F(Copying, OrRemovingContinuesAsItsHandlerDecides)
 {
     dir.write("from/a/file", "1");
     dir.write("from/z/file", "2");
@@ -443,7 +443,7 @@ TEST_F(Copying, OrRemovingGoesOnAsItsHandlerDecides)
     EXPECT_TRUE(refused.asked.empty());
 }
 
-TEST_F(Copying, OrRemovingPassesOverWhatIsMountedWhenToldTo)
+TEST_F(Copying, OrRemovingSkipsMountsOnRequest)
 {
     dir.write("from/file", "1");
     dir.write("outside/kept", "2");
@@ -500,7 +500,7 @@ constexpr std::size_t mebibyte = 1 << 20;
 
 } // namespace
 
-TEST_F(Copying, TellsHowItGetsOn)
+TEST_F(Copying, ReportsProgress)
 {
     dir.write("from/deep/small", "12345");
     dir.write("from/large", std::string(20 * mebibyte, 'l'));
@@ -535,7 +535,7 @@ TEST_F(Copying, CountsHolesAsCopied)
     EXPECT_EQ(std::filesystem::file_size(dir.path("copy")), 100 * mebibyte);
 }
 
-TEST_F(Copying, EndsWhenItIsToldTo)
+TEST_F(Copying, CanBeCancelled)
 {
     dir.write("large", std::string(20 * mebibyte, 'l'));
     Watch watch(2);
@@ -555,7 +555,7 @@ TEST_F(Copying, EndsWhenItIsToldTo)
     EXPECT_EQ(copy("X:/large", "X:/copy"), done);
 }
 
-TEST_F(Copying, OrRemovingTellsOfNodesAndCanBeEnded)
+TEST_F(Copying, OrRemovingReportsNodesAndCanBeCancelled)
 {
     for (const char* name : {"tree/a", "tree/sub/b", "tree/sub/c"})
         dir.write(name, "1");

@@ -75,7 +75,7 @@ TEST(FileErrors, AreTranslatedFromPlatformNumbers)
         }
 }
 
-TEST(FileErrors, SayWhatThePlatformHasSaid)
+TEST(FileErrors, CarryThePlatformsMessage)
 {
     const auto saidBy = [](auto action) {
         SetLastError(1);
@@ -106,7 +106,7 @@ TEST(FileErrors, SayWhatThePlatformHasSaid)
               "3 a directory on the way is not found");
 }
 
-TEST(FileErrors, PrintALineForEachThingKnown)
+TEST(FileErrors, PrintALineForEachKnownField)
 {
     fsXInvalidPath about("a", "Invalid path", function());
     fsXInvalidPath aboutNothing(xnullstr, "Invalid path", nullptr);
@@ -116,7 +116,7 @@ TEST(FileErrors, PrintALineForEachThingKnown)
     EXPECT_EQ(printed(aboutNothing).find("Path: "), std::string::npos);
 }
 
-TEST(FileErrors, AreCreatedWithTheNativePathWhereThereIsOne)
+TEST(FileErrors, AreCreatedWithTheNativePathIfItExists)
 {
     const std::string tooLong = "/" + std::string(299, 'x');
     const xrchandle<fsXException> plain(fsXException::Create("a/b", "text", function()));

@@ -41,7 +41,7 @@ std::set<std::string> namesIn(const char* directory, const char* pattern)
 
 } // namespace
 
-TEST(fsiFile, WritesCutsAndReads)
+TEST(fsiFile, WritesTruncatesAndReads)
 {
     TempDir dir;
     fsiFile file;
@@ -66,7 +66,7 @@ TEST(fsiFile, WritesCutsAndReads)
     EXPECT_EQ(file.Write("no", 2, &size), fsIOFailed);
 }
 
-TEST(fsiFile, FailsWithoutTouchingAnythingWhenItIsNotOpen)
+TEST(fsiFile, FailsWithoutSideEffectsWhenItIsNotOpen)
 {
     TempDir dir;
     fsiFile file;
@@ -86,7 +86,7 @@ TEST(fsiFile, FailsWithoutTouchingAnythingWhenItIsNotOpen)
     }
 }
 
-TEST(fsiFile, RefusesPositionsThatAreNoneAndASecondWriter)
+TEST(fsiFile, RejectsInvalidPositionsAndASecondWriter)
 {
     TempDir dir;
     fsiFile first, second;
@@ -102,7 +102,7 @@ TEST(fsiFile, RefusesPositionsThatAreNoneAndASecondWriter)
     EXPECT_TRUE(second.Open(dir.path("f"), fsReadOnly));
 }
 
-TEST(fsiFile, LeavesTheLastErrorWhenItIsDestroyed)
+TEST(fsiFile, DestructorKeepsTheLastError)
 {
     TempDir dir;
     {
@@ -115,7 +115,7 @@ TEST(fsiFile, LeavesTheLastErrorWhenItIsDestroyed)
     EXPECT_EQ(GetLastError(), 77u);
 }
 
-TEST(fsMatchesPattern, TakesStarsAndQuestionMarks)
+TEST(fsMatchesPattern, HandlesStarsAndQuestionMarks)
 {
     const struct
     {
@@ -145,7 +145,7 @@ TEST(fsMatchesPattern, TakesStarsAndQuestionMarks)
         EXPECT_EQ(fsMatchesPattern(row.name, row.pattern), row.like) << row.name << " like " << row.pattern;
 }
 
-TEST(fsMatchesPattern, TakesTimeInProportionToTheTexts)
+TEST(fsMatchesPattern, MatchesInLinearTime)
 {
     const std::string name(100000, 'a');
     std::string pattern;
@@ -158,7 +158,7 @@ TEST(fsMatchesPattern, TakesTimeInProportionToTheTexts)
               std::chrono::seconds(1)); // ages, when it tries everything
 }
 
-TEST(fsiDir, GivesEveryNameOnceAndNoDots)
+TEST(fsiDir, ListsEveryNameOnceWithoutDotEntries)
 {
     TempDir dir;
     dir.write("one.txt");
@@ -186,7 +186,7 @@ TEST(fsiDir, GivesEveryNameOnceAndNoDots)
     EXPECT_TRUE(name == nullptr);
 }
 
-TEST(fsiDir, SaysWhyItCannotBeOpened)
+TEST(fsiDir, ReportsWhyItCannotBeOpened)
 {
     TempDir dir;
     dir.write("file");
@@ -207,7 +207,7 @@ TEST(fsiDir, SaysWhyItCannotBeOpened)
     EXPECT_TRUE(entries.Open(longPath.c_str()));
 }
 
-TEST(fsNodeInfo, TakesTheStatusAndKeepsItWhenInitializeFails)
+TEST(fsNodeInfo, KeepsTheOldStatusWhenInitializeFails)
 {
     TempDir dir;
     dir.write("a", "12345");
@@ -232,7 +232,7 @@ TEST(fsNodeInfo, TakesTheStatusAndKeepsItWhenInitializeFails)
     EXPECT_EQ(copy.getType(), fsFile);
 }
 
-TEST(fsNodeInfo, GivesFarTimesInOrder)
+TEST(fsNodeInfo, OrdersDistantTimesCorrectly)
 {
     const TempDir dir(TempDir::InMemory); // where every time can be kept
     dir.write("a", "");

@@ -77,7 +77,7 @@ Raised raisedAsNobody(Action action)
 
 // ---- path checks
 
-TEST_F(Files, RefusePathsThatAreEmptyADriveRemoteOrTooLong)
+TEST_F(Files, RejectEmptyDriveOnlyRemoteAndOversizedPaths)
 {
     const std::string tooLong = "/" + std::string(259, 'x');
     using Operation = void (*)(const char*);
@@ -125,7 +125,7 @@ TEST_F(Files, DoNotSupportTheTwoLinkOperations)
 
 // ---- creating and removing
 
-TEST_F(Files, CreateTheLevelsThatAreMissing)
+TEST_F(Files, CreateMissingLevels)
 {
     EXPECT_EQ(raisedBy([] { fsCreateDir("X:/a/b/c", fsSimple); }), Raised(6, "fsCreateDir", x("a/b/c")));
     fsCreateDir("X:/a/b/c/", fsRecursive);
@@ -143,7 +143,7 @@ TEST_F(Files, CreateTheLevelsThatAreMissing)
     EXPECT_EQ(raisedBy([] { fsCreateDir("X:/lost", fsRecursive); }), Raised(7, "fsCreateDir", x("lost")));
 }
 
-TEST_F(Files, CreateLevelsThatOthersCreateToo)
+TEST_F(Files, CreateLevelsWhileOthersCreateThemToo)
 {
     constexpr int trees = 100;
     std::atomic<int> failed = 0;
@@ -161,7 +161,7 @@ TEST_F(Files, CreateLevelsThatOthersCreateToo)
     EXPECT_EQ(failed, 0);
 }
 
-TEST_F(Files, RemoveATreeButNothingThatALinkLeadsTo)
+TEST_F(Files, RemoveATreeWithoutFollowingLinks)
 {
     dir.write("kept/inside", "x");
     dir.write("tree/a/b/file");
@@ -185,7 +185,7 @@ TEST_F(Files, RemoveATreeButNothingThatALinkLeadsTo)
     EXPECT_FALSE(dir.has("kept"));
 }
 
-TEST_F(Files, RemoveNothingOutsideATreeThatIsChangedMeanwhile)
+TEST_F(Files, RemoveNothingOutsideAConcurrentlyChangedTree)
 {
     constexpr int rounds = 100;
     constexpr int parts = 20;
@@ -216,7 +216,7 @@ TEST_F(Files, RemoveNothingOutsideATreeThatIsChangedMeanwhile)
     EXPECT_GT(changes, rounds);
 }
 
-TEST_F(Files, RemoveNothingFromADirectoryThatCannotGoItself)
+TEST_F(Files, RemoveNothingFromADirectoryThatCannotBeRemovedItself)
 {
     dir.write("tree/sub/file");
     for (const char* path : {"tree/sub/.", "tree/sub/.."})
@@ -276,7 +276,7 @@ TEST_F(Files, RenameWithinADirectory)
 
 // ---- sizes and sums
 
-TEST_F(Files, AreCutAndExtendedToASize)
+TEST_F(Files, AreTruncatedAndExtendedToASize)
 {
     dir.write("f", "0123456789");
     fsSetFileSize("X:/f", 10000);
@@ -295,7 +295,7 @@ TEST_F(Files, AreCutAndExtendedToASize)
     EXPECT_EQ(raisedBy([&] { fsSetFileSize("X:/f", 1); }), Raised(5, "fsSetFileSize", x("f")));
 }
 
-TEST_F(Files, SayWhenTheDiskIsFull)
+TEST_F(Files, ReportAFullDisk)
 {
     const rlimit limit = {20000, 20000};
     const int code = runInChild([&] {
@@ -348,7 +348,7 @@ TEST_F(Files, HaveAChecksumOfTheirSignedBytes)
 
 // ---- directories and volumes
 
-TEST_F(Files, KnowTheHomeDirectoryFromTwoVariables)
+TEST_F(Files, TakeTheHomeDirectoryFromTwoVariables)
 {
     const Raised none(11, "fsGetHomeDir", "(null)");
     {
@@ -370,7 +370,7 @@ TEST_F(Files, KnowTheHomeDirectoryFromTwoVariables)
     EXPECT_EQ(raisedBy([] { fsGetHomeDir(); }), none);
 }
 
-TEST_F(Files, KnowTheHomeDirectoryFromTheHostsVariable)
+TEST_F(Files, TakeTheHomeDirectoryFromTheSystemsVariable)
 {
     EnvSetting homeDrive("HOMEDRIVE", nullptr), homePath("HOMEPATH", nullptr);
     EnvSetting home("HOME", dir.path("C:me/").c_str());
@@ -381,7 +381,7 @@ TEST_F(Files, KnowTheHomeDirectoryFromTheHostsVariable)
     }
 }
 
-TEST_F(Files, ChangeAndTellTheCurrentDirectory)
+TEST_F(Files, ChangeAndReportTheCurrentDirectory)
 {
     const std::filesystem::path before = std::filesystem::current_path();
     dir.makeDir("sub/" + std::string(250, 'd'));
@@ -395,7 +395,7 @@ TEST_F(Files, ChangeAndTellTheCurrentDirectory)
     std::filesystem::current_path(before);
 }
 
-TEST_F(Files, GetTemporaryNamesThatAreNew)
+TEST_F(Files, GetUniqueTemporaryNames)
 {
     const xstring name = fsMkTmpName("X:\\", "job");
     EXPECT_TRUE(name.Match("X:\\job*"));
@@ -415,7 +415,7 @@ TEST_F(Files, GetTemporaryNamesThatAreNew)
     EXPECT_EQ(raisedBy([] { fsMkTmpDir("X:/none", "job"); }), Raised(6, "fsMkTmpDir", "X:/none"));
 }
 
-TEST_F(Files, TellFreeSpaceWhereThePathIs)
+TEST_F(Files, ReportFreeSpaceOfThePathsVolume)
 {
     // The drive's root is one file system, what a link in it leads to another.
     const char* const elsewhere = "/dev/shm";
@@ -478,7 +478,7 @@ TEST_F(Files, AreFoundByPatternsInEveryEntry)
 
 // ---- quick questions
 
-TEST_F(Files, AnswerQuickQuestions)
+TEST_F(Files, AnswerQueriesAboutNodes)
 {
     dir.write("file", "123");
     dir.makeDir("sub");

@@ -28,7 +28,7 @@ struct Row
 
 } // namespace
 
-TEST(Paths, AreDividedAtTheirEnds)
+TEST(Paths, AreSplitAtTheirEnds)
 {
     const Row rows[] = {
         {fsGetHeadPath, "C:\\a\\b", "C:\\a"}, {fsGetHeadPath, "C:\\a", "C:\\"},
@@ -54,7 +54,7 @@ TEST(Paths, AreDividedAtTheirEnds)
             EXPECT_EQ(textOf(operation(null)), "(null)");
 }
 
-TEST(Paths, RefuseRemoteFormsWhereALocalOneIsMeant)
+TEST(Paths, RejectRemoteFormsWhereALocalOneIsRequired)
 {
     for (const auto& [operation, name] : {std::pair<Unary, const char*>{fsGetHeadPath, "fsGetHeadPath"},
                                           {fsGetHeadEntry, "fsGetHeadEntry"},
