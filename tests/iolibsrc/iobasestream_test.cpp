@@ -128,7 +128,7 @@ TEST(ioStream, ClosesOnceAndKeepsItsFieldsReadable)
     EXPECT_EQ(FailureOf([&] { stream.Flush(0); }), prefix + "function \"non-blocking Flush\" not supported");
 }
 
-TEST(ioStream, NamesWhatItDoesNotSupport)
+TEST(ioStream, ReportsUnsupportedOperations)
 {
     CountingStream stream(true, true);
     const auto text = [](const std::string& name) {
@@ -150,7 +150,7 @@ TEST(ioStream, NamesWhatItDoesNotSupport)
     EXPECT_EQ(stream.ReadInt(), 12345678);
 }
 
-TEST(ioStream, ChoosesItsFormUntilTheFirstTransfer)
+TEST(ioStream, FormCanBeChosenUntilTheFirstTransfer)
 {
     const std::string refused = prefix + "function \"\" can not be called in the current context";
     const auto becomesActive = [&](const Operation& operation) {
@@ -181,7 +181,7 @@ TEST(ioStream, ChoosesItsFormUntilTheFirstTransfer)
     EXPECT_EQ(stream.getSerializer(), ioSerializer::getAscii());
 }
 
-TEST(ioStream, WorksWithAFormOfTheApplicationsOwn)
+TEST(ioStream, WorksWithAnApplicationDefinedForm)
 {
     struct Doubling : ioXDRSerializer
     {
@@ -199,7 +199,7 @@ TEST(ioStream, WorksWithAFormOfTheApplicationsOwn)
     EXPECT_EQ(FailureOf([&] { stream->WriteByte(1); }), prefix + "function \"\" not supported");
 }
 
-TEST(ioStream, RemembersItsFailuresUntilTheyAreCleared)
+TEST(ioStream, FailuresPersistUntilTheyAreCleared)
 {
     CountingStream stream(true, true);
     stream.ReadInt();
@@ -328,7 +328,7 @@ TEST(ioXStream, OutlivesItsStream)
     EXPECT_EQ(TextOf(strange.getMsg()), prefix + "unknown error");
 }
 
-TEST(ioStream, IsReadByItsAttributes)
+TEST(ioStream, AttributesAreReadThroughItsDescriptor)
 {
     const char* const names[] = {"Serializer", "IsOpen",   "CanRead",   "CanWrite",   "IsBuffered",
                                  "BufferSize", "ITimeout", "OTimeout",  "IsEof",      "IsFail",
@@ -351,7 +351,7 @@ TEST(ioStream, IsReadByItsAttributes)
     EXPECT_EQ(FailureOf([&] { value("BufferSize"); }), prefix + "function \"getBufferSize\" not supported");
 }
 
-TEST(StandardStreams, AreMadeOnceAndWrite)
+TEST(StandardStreams, AreCreatedOnceAndWrite)
 {
     EXPECT_EQ(ioStream::getStdout(), ioStream::getStdout());
     EXPECT_EQ(ioStream::getStdin()->getCanWrite(), 0);

@@ -62,7 +62,7 @@ TEST_F(FileStream, TakesNativePaths)
     EXPECT_EQ(TextOf(stream->getPath()), native);
 }
 
-TEST_F(FileStream, TriesWithoutMoving)
+TEST_F(FileStream, TriesWithoutMovingThePosition)
 {
     dir.write("f", Hex("00 00 00 05 00 00 00"));
     const auto stream = Open(ioReadOnly);
@@ -82,7 +82,7 @@ TEST_F(FileStream, TriesWithoutMoving)
     EXPECT_EQ(input->getType(), ioInputPending);
 }
 
-TEST_F(FileStream, SeeksAndEndsTheEndOfFile)
+TEST_F(FileStream, SeekClearsTheEndOfFile)
 {
     dir.write("f", "0123456789");
     const auto stream = Open(ioReadWrite, ioSerializer::getAscii());
@@ -108,7 +108,7 @@ TEST_F(FileStream, SeeksAndEndsTheEndOfFile)
     EXPECT_EQ(stream->TellPos(), 10);
 }
 
-TEST_F(FileStream, TellsItsSizeWithWhatIsPendingAndWhatOthersAppended)
+TEST_F(FileStream, SizeIncludesPendingOutputAndAppendsOfOthers)
 {
     dir.write("f", "");
     const auto stream = Open(ioReadWrite);
@@ -128,7 +128,7 @@ TEST_F(FileStream, TellsItsSizeWithWhatIsPendingAndWhatOthersAppended)
     EXPECT_EQ(stream->TellSize(), 11);
 }
 
-TEST_F(FileStream, GivesNullForWhatAnIntCannotHold)
+TEST_F(FileStream, ReturnsNullForSizesThatAnIntCannotHold)
 {
     dir.write("f", "");
     std::filesystem::resize_file(dir.path("f"), (1LL << 31) + 5);
@@ -166,7 +166,7 @@ TEST_F(FileStream, CopiesLargeFiles)
     EXPECT_TRUE(dir.read("g") == content.substr(1));
 }
 
-TEST_F(FileStream, CopiesWhatAPipeDelivers)
+TEST_F(FileStream, CopiesFromAPipe)
 {
     std::string content(1000000, ' ');
     for (std::size_t i = 0; i < content.size(); ++i)
@@ -189,7 +189,7 @@ TEST_F(FileStream, CopiesWhatAPipeDelivers)
     EXPECT_TRUE(dir.read("f") == "HEAD" + content);
 }
 
-TEST_F(FileStream, CopiesFilesThatDoNotTellTheirSize)
+TEST_F(FileStream, CopiesFilesOfUnknownSize)
 {
     const Owned<ioFileStream> from(ioFileStream::Open("/proc/self/status", ioReadOnly));
     const Owned<ioStringStream> memory(ioStringStream::Create(xnullstr));
@@ -204,7 +204,7 @@ TEST_F(FileStream, CopiesFilesThatDoNotTellTheirSize)
     EXPECT_NE(TextOf(memory->getStr()).find("Pid:"), std::string::npos);
 }
 
-TEST_F(FileStream, IsDescribed)
+TEST_F(FileStream, HasADescriptor)
 {
     xrttistruct* const type = xrttistruct::cast(ioFileStream::getClassRtti());
     EXPECT_EQ(TextOf(type->getName()), "iolib::FileStream");
@@ -219,7 +219,7 @@ TEST_F(FileStream, IsDescribed)
     EXPECT_EQ(qelGetRtti_ioOpenMode()->mapStringToInt("ioReadWrite"), 2);
 }
 
-TEST_F(FileStream, ReportsAReadThatFailedAsAnErrorAndNoEnd)
+TEST_F(FileStream, ReportsAFailedReadAsAnErrorNotAsTheEnd)
 {
     // Nothing is mapped at the beginning of this process's memory: reading there fails.
     const Owned<ioFileStream> memory(ioFileStream::Open("/proc/self/mem", ioReadOnly));
@@ -233,7 +233,7 @@ TEST_F(FileStream, ReportsAReadThatFailedAsAnErrorAndNoEnd)
     EXPECT_EQ(FailureOf([&] { CopyStream(copy.get(), memory.get()); }), "Stream Error (iolib): I/O error");
 }
 
-TEST_F(FileStream, ReportsAtCloseWhatCanNotBeWritten)
+TEST_F(FileStream, CloseReportsOutputThatCannotBeWritten)
 {
     Owned<ioFileStream> full(ioFileStream::Open("/dev/full", ioWriteOnly));
     full->WriteInt(1);
@@ -256,7 +256,7 @@ TEST_F(FileStream, CopiesAFileOntoItsOwnEndOnce)
     EXPECT_EQ(to->TellSize(), 20000);
 }
 
-TEST_F(FileStream, CountsWhatAFileOfTheKernelGives)
+TEST_F(FileStream, CountsBytesReadFromAKernelFile)
 {
     const Owned<ioFileStream> file(ioFileStream::Open("/proc/self/status", ioReadOnly));
     const unsigned count = file->PeekNBytes();

@@ -28,7 +28,7 @@ protected:
 
 } // namespace
 
-TEST_F(PipeStreams, CarryValuesInBinaryForm)
+TEST_F(PipeStreams, TransferValuesInBinaryForm)
 {
     EXPECT_EQ(out.getCanRead(), 0);
     EXPECT_EQ(in.getCanWrite(), 0);
@@ -46,7 +46,7 @@ TEST_F(PipeStreams, CarryValuesInBinaryForm)
     EXPECT_EQ(FailureOf([&] { in.ReadByte(); }), "Stream Error (iolib): EOF reached");
 }
 
-TEST_F(PipeStreams, WouldBlockUntilTheWholeValueIsThereOrTheEnd)
+TEST_F(PipeStreams, WouldBlockUntilTheWholeValueOrTheEndArrives)
 {
     EXPECT_EQ(in.TryReadInt(), ioWouldBlock);
     out.WriteBytes("\1\0\0", 3);
@@ -66,7 +66,7 @@ TEST_F(PipeStreams, WouldBlockUntilTheWholeValueIsThereOrTheEnd)
     EXPECT_EQ(in.PeekNBytes(), 8u);
 }
 
-TEST_F(PipeStreams, DoNotKnowWhetherANumberGoesOn)
+TEST_F(PipeStreams, WouldBlockUntilANumberIsDelimited)
 {
     UseForm(ioSerializer::getAscii());
     out.WriteInt(12);
@@ -107,7 +107,7 @@ TEST_F(PipeStreams, AreWaitedForWithEvents)
     EXPECT_EQ(pending->Wait(INFINITE), 1); // the end
 }
 
-TEST_F(PipeStreams, CarryAValueLargerThanThePipeThroughTries)
+TEST_F(PipeStreams, TransferAValueLargerThanThePipeByTries)
 {
     const std::string large(1 << 20, 'v');
     std::thread writer([&] { out.WriteString(large.c_str()); });
@@ -153,7 +153,7 @@ TEST_F(PipeStreams, SurviveInterruptions)
     EXPECT_EQ(in.TryReadByte(), ioEndOfFile);
 }
 
-TEST_F(PipeStreams, CopyWhatArrivesAsItArrives)
+TEST_F(PipeStreams, CopyBytesAsTheyArrive)
 {
     const Owned<ioPipe> second(ioPipe::Create());
     std::thread copier([&] {
@@ -169,7 +169,7 @@ TEST_F(PipeStreams, CopyWhatArrivesAsItArrives)
     copier.join();
 }
 
-TEST_F(PipeStreams, LeaveEventsThatOutliveThem)
+TEST_F(PipeStreams, EventsMayOutliveThem)
 {
     const Owned<ioEvent> pending(in.InputEvent());
     in.Close();
@@ -181,7 +181,7 @@ TEST_F(PipeStreams, LeaveEventsThatOutliveThem)
 }
 
 // 16 MiB that arrive in small parts: searching them again each time takes many seconds.
-TEST_F(PipeStreams, LookAtATextOnceWhileItArrives)
+TEST_F(PipeStreams, ScanAnArrivingTextOnce)
 {
     for (ioSerializer* const form : {ioSerializer::getAscii(), ioSerializer::getXDR()}) {
         const Owned<ioPipe> each(ioPipe::Create());
@@ -203,7 +203,7 @@ TEST_F(PipeStreams, LookAtATextOnceWhileItArrives)
     }
 }
 
-TEST_F(PipeStreams, FindADelimiterBehindWhatWasSearched)
+TEST_F(PipeStreams, FindADelimiterBehindTheScannedPart)
 {
     UseForm(ioSerializer::getAscii());
     const auto tries = [this](const char* more, const char* delims) {
@@ -222,7 +222,7 @@ TEST_F(PipeStreams, FindADelimiterBehindWhatWasSearched)
     EXPECT_EQ(tries(" ,x", ","), ioFormatError);
 }
 
-TEST_F(PipeStreams, GatherWhenTheyAreBuffered)
+TEST_F(PipeStreams, CollectOutputWhenBuffered)
 {
     out.setBuffered(true);
     out.WriteInt(1);
@@ -255,7 +255,7 @@ TEST_F(PipeStreams, GatherWhenTheyAreBuffered)
     EXPECT_EQ(FailureOf([&] { unread->getWriteEnd()->Close(); }), "");
 }
 
-TEST(StringStreams, GiveTheirBytesAndForgetWhatWasRead)
+TEST(StringStreams, ReturnTheirBytesAndDropConsumedOnes)
 {
     const auto stream = MemoryStream(ioSerializer::getXDR());
     unsigned int size = 9;
@@ -291,7 +291,7 @@ TEST(StringStreams, ReadAGivenTextOnly)
     EXPECT_EQ(TextOf(stream->ReadString(nullptr)), "ab");
 }
 
-TEST(StringStreams, KeepAllThatWasWritten)
+TEST(StringStreams, KeepAllWrittenBytes)
 {
     for (const char* const none : {xnullstr, static_cast<const char*>(nullptr), xuninitstr}) {
         const Owned<ioStringStream> stream(ioStringStream::Create(none));

@@ -114,7 +114,7 @@ void CompareWithStandard(const std::string& input, ioTryCode (Ascii::*read)(V&, 
 
 } // namespace
 
-TEST(BinaryForm, IsTheHostsOwn)
+TEST(BinaryForm, HasNativeByteOrder)
 {
     EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteByte(0xC7); }), Hex("C7"));
     EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteInt(1); }), Hex("01 00 00 00"));
@@ -143,7 +143,7 @@ TEST(XDRForm, IsInNetworkOrder)
     EXPECT_EQ(Written(xdr, [](ioStream& s) { s.WriteString(xuninitstr); }), Hex("00 00 00 00"));
 }
 
-TEST(AsciiForm, IsTextWithoutSeparators)
+TEST(AsciiForm, WritesTextWithoutSeparators)
 {
     EXPECT_EQ(Written(ascii,
                       [](ioStream& s) {
@@ -188,7 +188,7 @@ TEST(Serializers, ReadBackWhatTheyWrote)
     EXPECT_EQ(Holding(xdr, Hex("12 34 56 02"))->ReadBool(), 2); // the low byte counts
 }
 
-TEST(Serializers, RefuseLengthsThatCannotBe)
+TEST(Serializers, RejectImpossibleLengths)
 {
     for (const char* const length : {"FF FF FF FF", "80 00 00 00"}) {
         const auto stream = Holding(xdr, Hex(length) + "abc");
@@ -206,14 +206,14 @@ TEST(Serializers, RefuseLengthsThatCannotBe)
               "Stream Error (iolib): EOF reached");
 }
 
-TEST(Serializers, EndAStringAtItsFirstZeroAndConsumeAll)
+TEST(Serializers, EndAStringAtItsFirstZeroAndConsumeItWhole)
 {
     const auto stream = Holding(xdr, Hex("00 00 00 04 61 00 62 63 00 00 00 07"));
     EXPECT_EQ(TextOf(stream->ReadString(nullptr)), "a");
     EXPECT_EQ(stream->ReadInt(), 7);
 }
 
-TEST(Serializers, TellTheSizesOfValues)
+TEST(Serializers, ReportTheSizesOfValues)
 {
     const auto text = MemoryStream(ascii);
     EXPECT_EQ(text->SizeOfByte('x'), 1);
@@ -234,7 +234,7 @@ TEST(Serializers, TellTheSizesOfValues)
     EXPECT_EQ(native->SizeOf(0.5), 8);
 }
 
-TEST(Serializers, SayThatNobodyReads)
+TEST(Serializers, ReportThatTheReaderIsClosed)
 {
     const std::string large(100000, 'x');
     const std::function<void(ioStream&)> writes[] = {
@@ -257,7 +257,7 @@ TEST(Serializers, SayThatNobodyReads)
         }
 }
 
-TEST(AsciiForm, ReadsIntsAsAStandardStreamDoes)
+TEST(AsciiForm, ReadsIntsLikeAStandardStream)
 {
     for (const char* const input :
          {"",     " ",          "12",         "  -34x",       "+5 ",           "-",
@@ -267,7 +267,7 @@ TEST(AsciiForm, ReadsIntsAsAStandardStreamDoes)
         CompareWithStandard<int>(input, &Ascii::RdInt);
 }
 
-TEST(AsciiForm, ReadsRealsAsAStandardStreamDoes)
+TEST(AsciiForm, ReadsRealsLikeAStandardStream)
 {
     for (const char* const input : {"",
                                     " ",
@@ -302,7 +302,7 @@ TEST(AsciiForm, ReadsRealsAsAStandardStreamDoes)
         CompareWithStandard<double>(input, &Ascii::RdReal);
 }
 
-TEST(AsciiForm, ReadsAnythingAsAStandardStreamDoes)
+TEST(AsciiForm, ReadsRandomTextsLikeAStandardStream)
 {
     std::mt19937 random(20);
     const std::string letters = "0011234567899+-..eE  \nxT";
@@ -317,7 +317,7 @@ TEST(AsciiForm, ReadsAnythingAsAStandardStreamDoes)
     }
 }
 
-TEST(AsciiForm, WritesRealsAsAStandardStreamDoes)
+TEST(AsciiForm, WritesRealsLikeAStandardStream)
 {
     std::mt19937_64 random(4);
     std::ostringstream standard;
@@ -333,7 +333,7 @@ TEST(AsciiForm, WritesRealsAsAStandardStreamDoes)
     EXPECT_EQ(ours.str(), standard.str());
 }
 
-TEST(AsciiForm, ReadsBoolsAndBytesBehindWhiteSpace)
+TEST(AsciiForm, ReadsBoolsAndBytesAfterWhiteSpace)
 {
     EXPECT_EQ(Holding(ascii, "  T")->ReadBool(), 1);
     EXPECT_EQ(Holding(ascii, "\nF")->ReadBool(), 0);
