@@ -46,7 +46,7 @@ protected:
 
 } // namespace
 
-TEST_F(MonitorChange, IsOnFromAnyChangeToTheNextReading)
+TEST_F(MonitorChange, IsSignaledFromAnyChangeUntilTheNextRead)
 {
     Read();
     EXPECT_TRUE(IsQuiet());
@@ -78,7 +78,7 @@ TEST_F(MonitorChange, IsOnFromAnyChangeToTheNextReading)
     change([&] { writer->Int("new")->setValue(5); });
 }
 
-TEST_F(MonitorChange, LosesNothingBetweenTwoReadings)
+TEST_F(MonitorChange, LosesNoChangeBetweenTwoReads)
 {
     writer->Int("int")->setValue(1);
     ASSERT_TRUE(IsOn());
@@ -121,7 +121,7 @@ TEST_F(MonitorChange, JoinsAWaitAndIsSharedByTheEventsOfAFile)
     EXPECT_THROW(delete other->ChangeEvent(), xthrowable*);
 }
 
-TEST_F(MonitorChange, ShowsThatTheFileIsReplacedRemovedAndThereAgain)
+TEST_F(MonitorChange, ReportsReplacementRemovalAndReturnOfTheFile)
 {
     monIntParam* const old = writer->Int("int");
     const Owned<monFile> next = CreateMonitor(path, "next");
@@ -151,7 +151,7 @@ TEST_F(MonitorChange, ShowsThatTheFileIsReplacedRemovedAndThereAgain)
     EXPECT_TRUE(IsQuiet());
 }
 
-TEST_F(MonitorChange, CannotBeHadWithoutADescriptor)
+TEST_F(MonitorChange, CannotBeCreatedWithoutADescriptor)
 {
     event.reset();
     {
@@ -167,7 +167,7 @@ TEST_F(MonitorChange, CannotBeHadWithoutADescriptor)
     EXPECT_TRUE(IsOn());
 }
 
-TEST_F(MonitorChange, IsAForkedChildsOwn)
+TEST_F(MonitorChange, IsSeparateInAForkedChild)
 {
     Read();
     ASSERT_TRUE(IsQuiet());

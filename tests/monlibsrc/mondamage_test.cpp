@@ -31,7 +31,7 @@ protected:
 
 } // namespace
 
-TEST_F(Damaged, HeadersGiveErrors)
+TEST_F(Damaged, HeadersAreReported)
 {
     const struct
     {
@@ -54,7 +54,7 @@ TEST_F(Damaged, HeadersGiveErrors)
     }
 }
 
-TEST_F(Damaged, RecordsGiveErrorsAndLeaveTheOthers)
+TEST_F(Damaged, RecordsAreReportedAndOthersStayReadable)
 {
     const std::string end = Word(0) + Word(0) + Word(0) + Word(0);
     const struct
@@ -113,7 +113,7 @@ TEST_F(Damaged, NamesEndAtTheirFirstZero)
     EXPECT_EQ(file->Int("a")->getValue(), 5);
 }
 
-TEST_F(Damaged, RecordsThatAreNotWholeAreNotThereYet)
+TEST_F(Damaged, IncompleteRecordsAreNotVisible)
 {
     const std::string records[] = {
         intRecord,
@@ -141,7 +141,7 @@ TEST_F(Damaged, RecordsThatAreNotWholeAreNotThereYet)
     }
 }
 
-TEST_F(Damaged, HugeFilesAreReadAsFarAsPositionsGo)
+TEST_F(Damaged, HugeFilesAreReadUpToTheLargestPosition)
 {
     constexpr unsigned last = 0x7fffffff - 19;
     const std::string path = dir.path("m");

@@ -179,7 +179,7 @@ int Read(const std::string& path, Shared& shared)
 
 } // namespace
 
-TEST_F(SharedFile, SurvivesWritersThatAreKilled)
+TEST_F(SharedFile, SurvivesKilledWriters)
 {
     const int kills = ofALongRun(200, 5000);
     const auto shared = MakeShared();
@@ -212,7 +212,7 @@ TEST_F(SharedFile, SurvivesWritersThatAreKilled)
     EXPECT_TRUE(LoadAll(*file));
 }
 
-TEST_F(SharedFile, IsNotHeldUpByAReaderThatHasStopped)
+TEST_F(SharedFile, StoppedReaderDoesNotBlockWriters)
 {
     ChildProcess stopped([&] {
         const btkFd opened = btkOpenFile(Path().c_str(), btkOpenRead);
@@ -248,7 +248,7 @@ TEST_F(SharedFile, IsNotHeldUpByAReaderThatHasStopped)
     EXPECT_GT(shared->loads, 10);
 }
 
-TEST_F(SharedFile, IsReadAlsoWhenAWriterHasStopped)
+TEST_F(SharedFile, StoppedWriterDoesNotBlockReaders)
 {
     const auto file = OpenMonitor(Path());
     StoreAll(*file, 77);
@@ -269,7 +269,7 @@ TEST_F(SharedFile, IsReadAlsoWhenAWriterHasStopped)
     EXPECT_EQ(TextOf(file->String("text", 0)->getValue()), CheckedText(77));
 }
 
-TEST_F(SharedFile, TakesParametersFromSeveralProcesses)
+TEST_F(SharedFile, SeveralProcessesAddParameters)
 {
     constexpr int each = 300;
     const auto add = [&](const char* prefix) {
@@ -291,7 +291,7 @@ TEST_F(SharedFile, TakesParametersFromSeveralProcesses)
     EXPECT_EQ(file->Int("second 299")->getValue(), 299);
 }
 
-TEST_F(SharedFile, RefusesToAddWhileAnotherAddsForEver)
+TEST_F(SharedFile, AddFailsWhileAnotherAddNeverEnds)
 {
     const auto file = OpenMonitor(Path());
     const btkFd other = btkOpenFile(Path().c_str(), btkOpenRead | btkOpenWrite);
@@ -304,7 +304,7 @@ TEST_F(SharedFile, RefusesToAddWhileAnotherAddsForEver)
     EXPECT_NE(file->Int("new"), nullptr);
 }
 
-TEST_F(SharedFile, AForkedChildHasLocksOfItsOwn)
+TEST_F(SharedFile, ForkedChildHasSeparateLocks)
 {
     const auto file = OpenMonitor(Path());
     monStringParam* const text = file->String("text", 0);
@@ -327,7 +327,7 @@ TEST_F(SharedFile, AForkedChildHasLocksOfItsOwn)
     EXPECT_LT(btkTimeval::Now() - begin, btkTimeval(5, 0));
 }
 
-TEST_F(SharedFile, ANumberThatIsStoredWithoutAPauseIsReadAllTheSame)
+TEST_F(SharedFile, ContinuouslyStoredNumberCanBeRead)
 {
     const auto file = OpenMonitor(Path());
     monRealParam* const real = file->Real("real");

@@ -31,7 +31,7 @@ protected:
 
 } // namespace
 
-TEST_F(Monitor, HasTheBytesOfTheFormat)
+TEST_F(Monitor, WritesTheDocumentedBytes)
 {
     const auto file = CreateMonitor(Path());
     EXPECT_EQ(Bytes(), header);
@@ -65,7 +65,7 @@ TEST_F(Monitor, HasTheBytesOfTheFormat)
     EXPECT_EQ(TextOf(file->String("s", 10)->getValue()), "ABC");
 }
 
-TEST_F(Monitor, FindsWhatThereIs)
+TEST_F(Monitor, FindsExistingParameters)
 {
     const auto file = CreateMonitor(Path());
     monIntParam* const a = file->Int("a");
@@ -119,7 +119,7 @@ TEST_F(Monitor, ShowsNewParametersAndValuesToOtherFiles)
     EXPECT_EQ(fromReader->getValue(), 9);
 }
 
-TEST_F(Monitor, PassesEveryValueUnchanged)
+TEST_F(Monitor, TransfersEveryValueUnchanged)
 {
     const auto writer = CreateMonitor(Path());
     const auto reader = OpenMonitor(Path());
@@ -149,7 +149,7 @@ TEST_F(Monitor, PassesEveryValueUnchanged)
     EXPECT_EQ(TextOf(s->getValue()), "");
 }
 
-TEST_F(Monitor, KeepsThoseThatALaterRecordOfTheNameReplaces)
+TEST_F(Monitor, KeepsParametersReplacedByALaterRecordOfTheirName)
 {
     const std::string record = Hex("00 00 00 01 00 00 00 00 00 00 00 01 61 00 00 00 05 ");
     dir.write("m", header + record);
@@ -180,7 +180,7 @@ TEST_F(Monitor, OpensMonitorFilesOnly)
     EXPECT_EQ(TextOf(OpenMonitor(Path())->getTitle()), "T");
 }
 
-TEST_F(Monitor, BeginsAnewWhenCreated)
+TEST_F(Monitor, CreateStartsWithNoParameters)
 {
     dir.write("m", std::string(500, 'x'));
     const auto file = CreateMonitor(Path(), nullptr);
@@ -198,7 +198,7 @@ TEST_F(Monitor, BeginsAnewWhenCreated)
     EXPECT_EQ(Bytes(), header);
 }
 
-TEST_F(Monitor, IsFoundAgainWhenAnotherTakesItsPlace)
+TEST_F(Monitor, FileIsReopenedAfterItsReplacement)
 {
     const auto file = CreateMonitor(Path(), "first");
     monIntParam* const a = file->Int("a");
@@ -244,7 +244,7 @@ TEST_F(Monitor, IsFoundAgainWhenAnotherTakesItsPlace)
     EXPECT_EQ(file->Int("b"), b);
 }
 
-TEST_F(Monitor, IsReplacedInItsPlaceWithItsRights)
+TEST_F(Monitor, ReplacementKeepsPathAndRights)
 {
     dir.makeDir("real");
     dir.link("real/m", "m");
@@ -268,7 +268,7 @@ TEST_F(Monitor, IsReplacedInItsPlaceWithItsRights)
         << "no other file is left";
 }
 
-TEST_F(Monitor, IsForReadingWhereItMayNotBeWritten)
+TEST_F(Monitor, OpensForReadingWithoutWriteAccess)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs the right to become another user";
@@ -346,7 +346,7 @@ TEST_F(Monitor, CreateKeepsTheOldFileWhicheverCallFails)
         }
 }
 
-TEST_F(Monitor, RefusesArgumentsBeforeItWrites)
+TEST_F(Monitor, RejectsArgumentsBeforeItWrites)
 {
     const auto file = CreateMonitor(Path());
     const std::string longest(1023, 'n');
@@ -416,7 +416,7 @@ TEST_F(Monitor, StaysUsableWhenTheDiskIsFull)
     EXPECT_EQ(file->Int("b")->getValue(), 6);
 }
 
-TEST_F(Monitor, TakesTextsOfAnySize)
+TEST_F(Monitor, AcceptsTextsOfAnySize)
 {
     const auto writer = CreateMonitor(Path());
     const auto reader = OpenMonitor(Path());
@@ -432,7 +432,7 @@ TEST_F(Monitor, TakesTextsOfAnySize)
     EXPECT_EQ(CountOf(OpenMonitor(Path())->getParams()), 4);
 }
 
-TEST_F(Monitor, BearsInterruptions)
+TEST_F(Monitor, SurvivesInterruptions)
 {
     const Interrupter interrupter;
     const auto writer = CreateMonitor(Path());
@@ -446,7 +446,7 @@ TEST_F(Monitor, BearsInterruptions)
     EXPECT_EQ(CountOf(reader->getParams()), std::min(rounds, 200));
 }
 
-TEST_F(Monitor, IsDescribed)
+TEST_F(Monitor, HasADescriptor)
 {
     const auto file = CreateMonitor(Path());
     monStringParam* const s = file->String("s", 10);
