@@ -67,7 +67,7 @@ bool isClosed(netSocketStream& stream)
 
 } // namespace
 
-TEST(netBaseServer, ListensOnThePortThatIsAskedForOrOnAFreeOne)
+TEST(netBaseServer, ListensOnTheRequestedPortOrAFreeOne)
 {
     const Owned<netBaseServer> any(netBaseServer::Create(xnullstr, xnullint));
     ASSERT_NE(any, nullptr);
@@ -80,7 +80,7 @@ TEST(netBaseServer, ListensOnThePortThatIsAskedForOrOnAFreeOne)
     EXPECT_EQ(netBaseServer::Create(nullptr, -1), nullptr);
 }
 
-TEST(netBaseServer, IsKnownByItsNameWhileItLives)
+TEST(netBaseServer, NameIsRegisteredDuringItsLifetime)
 {
     const TestNameServer names;
     ASSERT_TRUE(names.isListening());
@@ -107,7 +107,7 @@ TEST(netBaseServer, IsKnownByItsNameWhileItLives)
 }
 
 // Each asks whether the name is taken before it registers it, and all find that it is not.
-TEST(netBaseServer, OneOfManyThatStartAtOnceGetsTheName)
+TEST(netBaseServer, OnlyOneOfManyConcurrentStartsGetsTheName)
 {
     const TestNameServer names;
     btkOutputPipe go;
@@ -144,7 +144,7 @@ TEST(netBaseServer, OneOfManyThatStartAtOnceGetsTheName)
     EXPECT_TRUE(IsRegisteredWithNMS(proxy.get(), "twin"));
 }
 
-TEST(netBaseServer, TakesNobodyElsesNameAway)
+TEST(netBaseServer, DoesNotTakeTheNameOfAnotherServer)
 {
     const TestNameServer names;
     const nmsOwnedProxy proxy(getNameServer(nullptr));
@@ -173,7 +173,7 @@ TEST(netBaseServer, NeedsANameServerForItsNameOnly)
     EXPECT_NE(makeServer(), nullptr);
 }
 
-TEST(netBaseServer, WithoutHandlersClosesConnectionsAndGoesOn)
+TEST(netBaseServer, WithoutHandlersClosesConnectionsAndContinues)
 {
     ServedInThread served(netBaseServer::Create(nullptr, 0));
     for (int i = 0; i < 3; ++i) {
@@ -183,7 +183,7 @@ TEST(netBaseServer, WithoutHandlersClosesConnectionsAndGoesOn)
     }
 }
 
-TEST(netBaseServer, CallsTheIdleHandlerWhenATimeSliceHasPassed)
+TEST(netBaseServer, CallsTheIdleHandlerAfterEachTimeSlice)
 {
     const Owned<netBaseServer> server = makeServer();
     int calls = 0;
@@ -198,7 +198,7 @@ TEST(netBaseServer, CallsTheIdleHandlerWhenATimeSliceHasPassed)
     EXPECT_EQ(server->OnRequest(nullptr), netServerNoDecision);
 }
 
-TEST(netBaseServer, ServesUntilAHandlerAsksForTheEnd)
+TEST(netBaseServer, ServesUntilAHandlerStopsIt)
 {
     const Owned<netBaseServer> server = makeServer();
     RequestHandler doubler([](netSocketStream* accepted) {
@@ -225,7 +225,7 @@ TEST(netBaseServer, ServesUntilAHandlerAsksForTheEnd)
     }
 }
 
-TEST(netBaseServer, ReportsWhatAHandlerThrowsAndLetsItLeaveTheLoop)
+TEST(netBaseServer, ReportsAnExceptionOfAHandlerAndLetsItLeaveTheLoop)
 {
     const Owned<netBaseServer> server = makeServer();
     RequestHandler failing([](netSocketStream* accepted) -> netServerLoopAction {
@@ -248,7 +248,7 @@ netBaseServer* stoppedBySignal = nullptr;
 
 } // namespace
 
-TEST(netBaseServer, StopsFromASignalHandlerHoweverManyClientsCome)
+TEST(netBaseServer, SignalHandlerStopsItHoweverManyClientsConnect)
 {
     const Owned<netServer> server(netServer::Create(nullptr, 0));
     stoppedBySignal = server.get();
@@ -290,7 +290,7 @@ TEST(netBaseServer, StopsFromASignalHandlerHoweverManyClientsCome)
     rest.join();
 }
 
-TEST(netBaseServer, HeedsAStopThatCameTooEarlyOnce)
+TEST(netBaseServer, EarlyStopEndsTheNextLoopOnce)
 {
     const Owned<netBaseServer> server = makeServer();
     server->setTimeSlice(INFINITE);
@@ -304,7 +304,7 @@ TEST(netBaseServer, HeedsAStopThatCameTooEarlyOnce)
     end.join();
 }
 
-TEST(netBaseServer, ListensWhereItIsTold)
+TEST(netBaseServer, ListensOnTheGivenAddress)
 {
     const Owned<netBaseServer> everywhere = makeServer();
     EXPECT_FALSE(everywhere->IsLoopbackOnly());
@@ -320,7 +320,7 @@ TEST(netBaseServer, ListensWhereItIsTold)
     EXPECT_TRUE(asSet->IsLoopbackOnly());
 }
 
-TEST(netBaseServer, ScreensConnectionsBeforeThereIsAStream)
+TEST(netBaseServer, ScreensConnectionsBeforeCreatingAStream)
 {
     struct Screen : netBaseServer
     {
@@ -378,7 +378,7 @@ TEST(netBaseServer, AcceptsWithoutItsLoop)
 
 // ---- asynchronous requests
 
-TEST(AsyncRequest, IsServedByAThreadOfItsOwnAndMayEndTheLoop)
+TEST(AsyncRequest, IsServedByASeparateThreadAndMayEndTheLoop)
 {
     const long before = openDescriptors();
     {
@@ -432,7 +432,7 @@ TEST(AsyncRequest, WithoutAHandlerIsClosed)
     EXPECT_TRUE(isClosed(*stream));
 }
 
-TEST(AsyncRequest, IsToldToStopWhenTheServerEndsWhichWaitsForIt)
+TEST(AsyncRequest, IsStoppedAndJoinedWhenTheServerEnds)
 {
     const long before = openDescriptors();
     std::atomic<int> running = 0;
@@ -479,7 +479,7 @@ struct Counting : netServer
 
 } // namespace
 
-TEST(AsyncRequest, FindsADerivedServerWholeUntilItHasEnded)
+TEST(AsyncRequest, DerivedServerStaysIntactUntilItHasEnded)
 {
     const int times = ofALongRun(10, 100);
     for (int i = 0; i < times; ++i) {
@@ -520,7 +520,7 @@ TEST(AsyncRequest, FindsADerivedServerWholeUntilItHasEnded)
     }
 }
 
-TEST(AsyncRequest, BlocksNoLongerThanTheGracePeriodOnceItWasToldToStop)
+TEST(AsyncRequest, BlocksNoLongerThanTheGracePeriodAfterAStop)
 {
     RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
     std::atomic<int> running = 0;
@@ -652,7 +652,7 @@ TEST(AsyncRequest, ThatHasNoPipeLosesItsConnectionOnly)
     EXPECT_EQ(admitted.Recv(&byte, 1), 1);
 }
 
-TEST(netBaseServer, SleepsWhileThereIsNoDescriptorAndServesAgainLater)
+TEST(netBaseServer, SleepsWithoutFreeDescriptorsAndServesAgainLater)
 {
     ServedInThread served(netBaseServer::Create(nullptr, 0));
     std::vector<btkStreamSocket> clients(3);

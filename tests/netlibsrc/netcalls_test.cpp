@@ -126,7 +126,7 @@ void expectCalls(CountedServer& server, std::initializer_list<const char*> names
 
 } // namespace
 
-TEST(netServerCalls, AreThreeForARequestOnAnOpenConnection)
+TEST(netServerCalls, RequestOnAnOpenConnectionTakesThree)
 {
     if (!hasStrace())
         GTEST_SKIP() << "needs strace";
@@ -144,7 +144,7 @@ TEST(netServerCalls, AreThreeForARequestOnAnOpenConnection)
                 {"ppoll", "poll", "recvmsg", "recvfrom", "sendto", "sendmsg", "ioctl", "read", "write"}, 3);
 }
 
-TEST(netServerCalls, AreFiveForAPingBesideTheLoopsWait)
+TEST(netServerCalls, PingTakesFiveBesideTheLoopsWait)
 {
     if (!hasStrace())
         GTEST_SKIP() << "needs strace";

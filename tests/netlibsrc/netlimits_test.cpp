@@ -52,7 +52,7 @@ std::string Number(int value)
 
 } // namespace
 
-TEST_F(LimitedClients, EndInTimeBehindANameServerThatHoldsThem)
+TEST_F(LimitedClients, EndInTimeWhenANameServerStalls)
 {
     const std::string done(1, '\0');
     const struct
@@ -84,7 +84,7 @@ TEST_F(LimitedClients, EndInTimeBehindANameServerThatHoldsThem)
     }
 }
 
-TEST_F(LimitedClients, EndInTimeBehindAServerThatHoldsThem)
+TEST_F(LimitedClients, EndInTimeWhenAServerStalls)
 {
     const HostilePeer silent;
     const HostilePeer dripping("\1\xff", HostilePeer::Drips); // a version of 255 bytes
@@ -98,7 +98,7 @@ TEST_F(LimitedClients, EndInTimeBehindAServerThatHoldsThem)
     ExpectInTime("Connect", [&] { netServer::Connect(address(silent).get(), limit); });
 }
 
-TEST_F(LimitedClients, GetNoMoreRecordsThanTheyWant)
+TEST_F(LimitedClients, GetAtMostTheRequestedRecords)
 {
     std::string answer(1, '\0');
     answer += Number(3);
@@ -122,7 +122,7 @@ TEST_F(LimitedClients, GetNoMoreRecordsThanTheyWant)
     EXPECT_EQ(count, 1);
 }
 
-TEST_F(LimitedClients, WaitForARemoteCommandNoLongerThanTheyWant)
+TEST_F(LimitedClients, WaitForARemoteCommandWithinTheirLimit)
 {
     rshProcess::setAnswerLimit(limit);
     const auto start = [](const std::string& command) {

@@ -81,7 +81,7 @@ bool isServed(netAddress* address, int spawn, int size)
 
 } // namespace
 
-TEST(netServerLoad, SixtyFourClientsLoseNothing)
+TEST(netServerLoad, SixtyFourClientsLoseNoReply)
 {
     const long before = openDescriptors();
     {
@@ -121,7 +121,7 @@ TEST(netServerLoad, SixtyFourClientsLoseNothing)
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(netServerLoad, ManyRequestsAtOnceTakeLittleEachAndAreCollected)
+TEST(netServerLoad, ConcurrentRequestsUseLittleMemoryAndAreJoined)
 {
     const int count = ofALongRun(200, 1000);
     const DescriptorRoom room(static_cast<rlim_t>(6 * count + 100));
@@ -159,7 +159,7 @@ TEST(netServerLoad, ManyRequestsAtOnceTakeLittleEachAndAreCollected)
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(netServerLoad, EndsSoonBesideSilentClientsAndRunningRequests)
+TEST(netServerLoad, EndsSoonDespiteSilentClientsAndRunningRequests)
 {
     const long before = openDescriptors();
     {

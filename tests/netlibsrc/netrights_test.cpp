@@ -69,7 +69,7 @@ private:
 
 } // namespace
 
-TEST(SplitPatternList, TakesTheWordsBetweenBlanksTabsAndLines)
+TEST(SplitPatternList, SplitsAtBlanksTabsAndLineEnds)
 {
     const auto patterns = SplitPatternList(" 10.1.*\t192.168.0.5\n\n  ? ");
     ASSERT_EQ(patterns->getarraysize(), 3);
@@ -78,7 +78,7 @@ TEST(SplitPatternList, TakesTheWordsBetweenBlanksTabsAndLines)
     EXPECT_EQ(SplitPatternList(nullptr)->getarraysize(), 0);
 }
 
-TEST(MatchAnyPattern, AsksTheWholeAddress)
+TEST(MatchAnyPattern, MatchesTheWholeAddress)
 {
     const auto patterns = SplitPatternList("10.1.* 192.168.0.?");
     EXPECT_TRUE(MatchAnyPattern("10.1.2.3", patterns));
@@ -89,7 +89,7 @@ TEST(MatchAnyPattern, AsksTheWholeAddress)
     EXPECT_FALSE(MatchAnyPattern("10.1.2.3", nullptr));
 }
 
-TEST(MatchAnyPattern, IsNotHeldUpByManyStars)
+TEST(MatchAnyPattern, ManyStarsDoNotSlowItDown)
 {
     std::string stars;
     for (int i = 0; i < 1000; ++i)
@@ -103,7 +103,7 @@ TEST(MatchAnyPattern, IsNotHeldUpByManyStars)
 }
 
 // The peer is 10.1.2.3 throughout.
-TEST(IsConnectionAllowed, AsksForAMatchOfEveryValueThatThereIs)
+TEST(IsConnectionAllowed, RequiresAMatchOfEveryExistingValue)
 {
     const int result = runInChild([] {
         const TempDir dir(TempDir::InMemory);
@@ -212,7 +212,7 @@ const Obstacle obstacles[] = {
 
 } // namespace
 
-TEST(IsConnectionAllowed, AdmitsNobodyWhenTheRightsCannotBeRead)
+TEST(IsConnectionAllowed, AdmitsNoPeerWhenTheRightsCannotBeRead)
 {
     for (const Obstacle& obstacle : obstacles) {
         SCOPED_TRACE(obstacle.name);
@@ -241,7 +241,7 @@ TEST(IsConnectionAllowed, AdmitsNobodyWhenTheRightsCannotBeRead)
     }
 }
 
-TEST(IsConnectionAllowed, AdmitsNobodyWithoutDescriptorsOrMemory)
+TEST(IsConnectionAllowed, AdmitsNoPeerWithoutDescriptorsOrMemory)
 {
     const int result = runInChild([] {
         const TempDir dir(TempDir::InMemory);
@@ -288,7 +288,7 @@ TEST(RightsProgram, ReadsRights)
     std::ofstream(output) << ReadConnectionRights(hmxRegistry::User(), "svc");
 }
 
-TEST(ReadConnectionRights, AreUnknownWhenTheDiskOrTheServerOfTheFilesFails)
+TEST(ReadConnectionRights, RightsAreUnknownWhenTheDiskOrTheFileServerFails)
 {
     if (std::system("strace -qq -o /dev/null true >/dev/null 2>&1") != 0)
         GTEST_SKIP() << "needs strace";

@@ -91,7 +91,7 @@ private:
 
 // ---- the handshake, byte by byte
 
-TEST(netServer, AnswersEachRequestCode)
+TEST(netServer, RepliesToEachRequestCode)
 {
     ServedInThread served(makeServer());
     const int port = served.getPort();
@@ -126,7 +126,7 @@ TEST(netServer, ServesItsClients)
     served.waitForEnd();
 }
 
-TEST(netServer, IsMissedByItsClients)
+TEST(netServer, ClientsReportAMissingServer)
 {
     const xrchandle<netAddress> address = [] {
         const Owned<netServer> gone(netServer::Create(nullptr, 0));
@@ -140,7 +140,7 @@ TEST(netServer, IsMissedByItsClients)
     EXPECT_EQ(failureOf([] { netServer::IsAlive(nullptr); }), "1 Address is nil!");
 }
 
-TEST(netServerClient, TellsARefusalFromSilence)
+TEST(netServerClient, DistinguishesARefusalFromSilence)
 {
     const auto refuse = [](btkStreamSocket& socket) { socket.Send("\0", 1); };
     const auto close = [](btkStreamSocket& socket) { socket.Close(); };
@@ -156,7 +156,7 @@ TEST(netServerClient, TellsARefusalFromSilence)
     EXPECT_EQ(failureOf([&] { netServer::Shutdown(Peer(close).address().get()); }), refused);
 }
 
-TEST(netServerClient, TakesOfAVersionWhatArrives)
+TEST(netServerClient, ReturnsTheReceivedPartOfAVersion)
 {
     const auto answer = [](const std::string& bytes) {
         const xstring text = netServer::GetVersion(
@@ -216,7 +216,7 @@ TEST(netServer, AdmitsPeersByTheirRightsUnlessTheyAreOnTheSameMachine)
     EXPECT_EQ(result, 0);
 }
 
-TEST(netServer, WarnsOfDoorsThatAreOpenToEveryMachine)
+TEST(netServer, WarnsOfListsThatAdmitEveryMachine)
 {
     const TempDir dir(TempDir::InMemory);
     const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
@@ -241,7 +241,7 @@ TEST(netServer, WarnsOfDoorsThatAreOpenToEveryMachine)
 
 // ---- clients that do not behave
 
-TEST(netServer, ClosesSilentClientsAfterAWhile)
+TEST(netServer, ClosesSilentClientsAfterATimeout)
 {
     const long before = openDescriptors();
     {
@@ -274,7 +274,7 @@ TEST(netServer, ClosesSilentClientsAfterAWhile)
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(netServer, ClosesTheOldestSilentClientWhereThereIsNoDescriptorForAnother)
+TEST(netServer, ClosesTheOldestSilentClientWhenDescriptorsRunOut)
 {
     ServedInThread served(makeServer());
     btkStreamSocket silent;
@@ -294,7 +294,7 @@ TEST(netServer, ClosesTheOldestSilentClientWhereThereIsNoDescriptorForAnother)
     EXPECT_EQ(silent.Recv(&byte, 1), 0);
 }
 
-TEST(netServer, GivesEachAddressTimeForAFirstByteWhileAnotherConnectsAllTheTime)
+TEST(netServer, EachAddressKeepsItsTimeForAFirstByteWhileAnotherConnectsContinuously)
 {
     ServedInThread served([] {
         netServer* const server = netServer::Create(nullptr, 0, "127.0.0.1");
@@ -326,7 +326,7 @@ TEST(netServer, GivesEachAddressTimeForAFirstByteWhileAnotherConnectsAllTheTime)
     EXPECT_EQ(answered, 20);
 }
 
-TEST(netServer, HandsOverWhoIsSilentOnceItsLoopHasEnded)
+TEST(netServer, HandsOverSilentClientsOnceItsLoopHasEnded)
 {
     const Owned<netServer> server(makeServer());
     int calls = 0;
@@ -346,7 +346,7 @@ TEST(netServer, HandsOverWhoIsSilentOnceItsLoopHasEnded)
     EXPECT_EQ(byte, 7);
 }
 
-TEST(netServer, NobodyWaitsForAClientThatSendsAnUrgentValueOnly)
+TEST(netServer, ClientSendingOnlyUrgentDataDoesNotBlockOthers)
 {
     ServedInThread served(makeServer());
     const int port = served.getPort();
@@ -368,7 +368,7 @@ TEST(netServer, NobodyWaitsForAClientThatSendsAnUrgentValueOnly)
     EXPECT_EQ(odd[1].Recv(&byte, 1), 1);
 }
 
-TEST(netServer, IsNotDisturbedByInterrupts)
+TEST(netServer, ServesWhileInterrupted)
 {
     const TestNameServer names;
     ServedInThread served(makeServer("interrupted"));

@@ -92,7 +92,7 @@ protected:
 
 } // namespace
 
-TEST(netAddress, HoldsWhatItWasGiven)
+TEST(netAddress, HoldsHostPortAndServerName)
 {
     const xrchandle<netAddress> here(netAddress::Create(4000, xnullstr));
     EXPECT_TRUE(here->getHostName() == sysGetCurHostName());
@@ -110,7 +110,7 @@ TEST(netAddress, HoldsWhatItWasGiven)
     EXPECT_EQ(failureOf([] { ResolvePort(nullptr); }), "1 Address is nil!");
 }
 
-TEST_F(NameService, KnowsAServerFromItsRegistrationToItsEnd)
+TEST_F(NameService, ListsAServerFromItsRegistrationToItsEnd)
 {
     EXPECT_TRUE(RegisterWithNMS(getNameServer(xstring()), 7001, xstring("words")));
     capi_nmsServerProxy* proxy = getNameServer(xstring("localhost"));
@@ -143,7 +143,7 @@ TEST_F(NameService, TheFirstRecordWithAPortDecides)
     }
 }
 
-TEST(NameServiceGone, IsReportedUnlessThePortIsKnown)
+TEST(NameServiceGone, IsReportedUnlessThePortIsGiven)
 {
     btkAcceptSocket door;
     ASSERT_TRUE(door.Listen(0, "127.0.0.1"));
@@ -159,7 +159,7 @@ TEST(NameServiceGone, IsReportedUnlessThePortIsKnown)
     unsetenv("VRXNMSPORT");
 }
 
-TEST(netSocketStream, ConnectsAndCarriesValuesInXdrForm)
+TEST(netSocketStream, ConnectsAndTransfersValuesInXdrForm)
 {
     btkAcceptSocket door;
     ASSERT_TRUE(door.Listen(0, nullptr));
@@ -184,7 +184,7 @@ TEST(netSocketStream, ConnectsAndCarriesValuesInXdrForm)
     EXPECT_EQ(failureOf([&] { server->ReadInt(); }), "Stream Error (iolib): EOF reached");
 }
 
-TEST(netSocketStream, CarriesUrgentIntegersBesideTheStream)
+TEST(netSocketStream, TransfersUrgentIntegersBesideTheStream)
 {
     Streams streams;
     netSocketStream& out = *streams.out;
@@ -209,7 +209,7 @@ TEST(netSocketStream, CarriesUrgentIntegersBesideTheStream)
 }
 
 // Two at once corrupt the stream; kept apart, each arrives.
-TEST(netSocketStream, KeepsUrgentIntegersApart)
+TEST(netSocketStream, SeparatesConsecutiveUrgentIntegers)
 {
     Streams streams;
     netSocketStream& out = *streams.out;
@@ -245,7 +245,7 @@ TEST(netSocketStream, KeepsUrgentIntegersApart)
     EXPECT_EQ(out.ReadInt(), 1);
 }
 
-TEST(netSocketStream, RefusesUrgentIntegersOnceItIsClosed)
+TEST(netSocketStream, RejectsUrgentIntegersOnceClosed)
 {
     Streams streams;
     netSocketStream& closed = *streams.out;
@@ -282,7 +282,7 @@ void expectLimit(double taken, double limit)
 
 } // namespace
 
-TEST(netSocketStream, EndsEachReadWhenNothingHasComeForItsLimit)
+TEST(netSocketStream, ReadTimesOutAfterItsLimitWithoutInput)
 {
     Streams streams;
     netSocketStream& in = *streams.in;
@@ -326,7 +326,7 @@ TEST(netSocketStream, EndsEachReadWhenNothingHasComeForItsLimit)
     EXPECT_EQ(failureOf([&] { in.ReadInt(); }), "Stream Error (iolib): EOF reached");
 }
 
-TEST(netSocketStream, EndsEachWriteWhenNothingIsTakenForItsLimit)
+TEST(netSocketStream, WriteTimesOutAfterItsLimitWithoutProgress)
 {
     const std::string tooMuch(32 << 20, 'x');
     const auto size = static_cast<unsigned>(tooMuch.size());
@@ -360,7 +360,7 @@ TEST(netSocketStream, EndsEachWriteWhenNothingIsTakenForItsLimit)
     EXPECT_GT(taken, 1.0);
 }
 
-TEST(netSocketStream, HoldsNoMoreOfWhatAPeerSendsThanItsBudgets)
+TEST(netSocketStream, BuffersAtMostItsBudgetsOfAPeersData)
 {
     Streams streams;
     netSocketStream& in = *streams.in;

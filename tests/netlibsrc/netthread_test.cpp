@@ -56,7 +56,7 @@ protected:
 
 } // namespace
 
-TEST(netThread, EndsWithTheCodeThatItsOwnerSignals)
+TEST(netThread, EndsWithTheCodeSignaledByItsOwner)
 {
     const long before = openDescriptors();
     {
@@ -88,7 +88,7 @@ TEST(netThread, EndsWithTheCodeThatItsOwnerSignals)
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(netThread, IsNotStartedWhenItRefusesOrTheHostHasNoPipe)
+TEST(netThread, IsNotStartedWhenItRefusesOrNoPipeCanBeCreated)
 {
     Unwilling unwilling;
     EXPECT_FALSE(unwilling.Start());
@@ -109,7 +109,7 @@ TEST(netThread, IsNotStartedWhenItRefusesOrTheHostHasNoPipe)
     EXPECT_EQ(worker.WaitExitCode(), 1);
 }
 
-TEST(netThread, KeepsOneEndOfItsPipeOnEachSideWhereThreadsAreProcesses)
+TEST(netThread, ForkKeepsOneEndOfItsPipeOnEachSide)
 {
     for (const bool isParent : {false, true}) {
         Open worker;
@@ -152,7 +152,7 @@ struct Noting : netService_DoService_cb
 
 } // namespace
 
-TEST(netService, RunsItsHandlerWithTheParametersOfTheProgram)
+TEST(netService, RunsItsHandlerWithTheProgramsParameters)
 {
     char program[] = "prog", option[] = "-a", value[] = "b";
     char* argv[] = {program, option, value, nullptr};
@@ -174,7 +174,7 @@ TEST(netService, RunsItsHandlerWithTheParametersOfTheProgram)
     EXPECT_EQ(noting.with.get(), nullptr);
 }
 
-TEST(netServiceDeathTest, HasNoShellOnThisHost)
+TEST(netServiceDeathTest, HasNoShellOnThisSystem)
 {
     EXPECT_DEATH(netService::Create("svc", nullptr, nullptr),
                  "QEL generated function not implemented!.*1264");
