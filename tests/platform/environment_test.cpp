@@ -28,7 +28,7 @@ TEST(Environment, NamesTheMachineAndTheUser)
     EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
 }
 
-TEST(Environment, SaysThatAUserHasNoName)
+TEST(Environment, ReportsAUserWithoutAName)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs the right to become another user";
@@ -42,7 +42,7 @@ TEST(Environment, SaysThatAUserHasNoName)
     EXPECT_EQ(error, 1);
 }
 
-TEST(Environment, SleepsAsLongAsAskedThroughSignals)
+TEST(Environment, SleepLastsItsFullTimeDespiteSignals)
 {
     struct sigaction action = {}, before;
     action.sa_handler = [](int) {};

@@ -62,7 +62,7 @@ TEST(Files, ReadWriteAndSeekBeyond32Bits)
     EXPECT_TRUE(CloseHandle(file));
 }
 
-TEST(Files, AnswerWindowsNumbers)
+TEST(Files, ReportWindowsErrorNumbers)
 {
     TempDir dir;
     dir.write("file", "x");
@@ -98,7 +98,7 @@ TEST(Files, KeepTheLastErrorOfEachThread)
     EXPECT_EQ(GetLastError(), 7u);
 }
 
-TEST(Files, KeepASecondWriterOutAndLeaveTheContentsAlone)
+TEST(Files, KeepASecondWriterOutAndKeepTheirContents)
 {
     TempDir dir;
     dir.write("file", "kept");
@@ -127,7 +127,7 @@ TEST(Files, KeepASecondWriterOutAndLeaveTheContentsAlone)
     EXPECT_EQ(dir.read("file"), "");
 }
 
-TEST(Files, RefuseWhatIsNoFileWithoutWaitingOnIt)
+TEST(Files, RejectOtherNodesWithoutWaiting)
 {
     TempDir dir;
     ASSERT_EQ(mkfifo(dir.path("pipe"), 0600), 0);
@@ -155,7 +155,7 @@ TEST(Files, AreNotInheritedByPrograms)
     CloseHandle(file);
 }
 
-TEST(Files, SayWhenWritingRunsOutOfRoom)
+TEST(Files, ReportWhenWritingRunsOutOfSpace)
 {
     TempDir dir;
     const int result = runInChild([&] {
@@ -262,7 +262,7 @@ TEST(Files, CopyKeepsModeTimeAndHoles)
     EXPECT_NE(dir.read("cmdline").find("files_test"), std::string::npos);
 }
 
-TEST(Files, CopyLeavesNothingHalfWritten)
+TEST(Files, CopyLeavesNoPartialFile)
 {
     TempDir dir;
     dir.write("from", std::string(100000, 'x'));
@@ -297,7 +297,7 @@ TEST(Files, TemporaryNamesAreNewAndEmpty)
     EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
 }
 
-TEST(Directories, AreEnumeratedWithEveryNameAndNeverDots)
+TEST(Directories, AreEnumeratedWithEveryNameWithoutDotEntries)
 {
     TempDir dir;
     const std::string longest(85 * 3, 'n');
@@ -335,7 +335,7 @@ TEST(Directories, AreEnumeratedWithEveryNameAndNeverDots)
     EXPECT_FALSE(dir.has("a\\b"));
 }
 
-TEST(Directories, SayWhyTheyCannotBeEnumerated)
+TEST(Directories, ReportWhyTheyCannotBeEnumerated)
 {
     TempDir dir;
     dir.write("file");
@@ -351,7 +351,7 @@ TEST(Directories, SayWhyTheyCannotBeEnumerated)
     EXPECT_FALSE(FindClose(INVALID_HANDLE_VALUE));
 }
 
-TEST(Directories, TellTheFreeSpaceOfAVolume)
+TEST(Directories, ReportTheFreeSpaceOfAVolume)
 {
     TempDir dir;
     DWORD sectors, bytes, available, all;
@@ -364,7 +364,7 @@ TEST(Directories, TellTheFreeSpaceOfAVolume)
 
 // ---- errors
 
-TEST(Errors, OfTheHostHaveANumberWithAText)
+TEST(Errors, OfTheOperatingSystemHaveANumberWithAText)
 {
     constexpr int highestOfHost = 133;
     constexpr unsigned system = FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS;

@@ -31,7 +31,7 @@ TEST(Folder, RemovesATreeAndNeverEntersALink)
     EXPECT_TRUE(dir.has("outside/kept"));
 }
 
-TEST(Folder, GoesDownAndUpAnyDepthWithFewDescriptors)
+TEST(Folder, DescendsAndAscendsAnyDepthWithFewDescriptors)
 {
     constexpr int depth = 1500; // whose names do not fit into one path
     TempDir dir(TempDir::InMemory);
@@ -66,7 +66,7 @@ TEST(Folder, GoesDownAndUpAnyDepthWithFewDescriptors)
     EXPECT_TRUE(std::filesystem::is_empty(dir.path("tree")));
 }
 
-TEST(Folder, LosesAWayThatSomebodyMovesAndDoesNothingElsewhere)
+TEST(Folder, ConcurrentMoveIsDetectedAndNothingElsewhereChanges)
 {
     TempDir dir;
     std::string deep = "tree";
@@ -112,7 +112,7 @@ struct Decisions : platTreeWatcher
 
 } // namespace
 
-TEST(Folder, RemovesWhatItCanAndKeepsTheWayToTheRest)
+TEST(Folder, RemovesAllItCanAndKeepsThePathToTheRest)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs a mount of its own";
@@ -162,7 +162,7 @@ TEST(Folder, RefusesALinkThatTookThePlaceOfADirectory)
     EXPECT_TRUE(dir.has("outside/kept"));
 }
 
-TEST(Folder, KeepsWorkingOnItsDirectoryWhenThatIsMovedAway)
+TEST(Folder, KeepsWorkingOnItsDirectoryAfterAMove)
 {
     TempDir dir;
     dir.write("tree/inner");
@@ -178,7 +178,7 @@ TEST(Folder, KeepsWorkingOnItsDirectoryWhenThatIsMovedAway)
     EXPECT_FALSE(dir.has("moved/inner"));
 }
 
-TEST(Folder, TellsKindsAndIdentities)
+TEST(Folder, ReportsKindsAndIdentities)
 {
     TempDir dir;
     dir.write("file");
@@ -245,7 +245,7 @@ TEST(Folder, CopiesLinksFilesAndStatus)
     EXPECT_EQ(status.st_mode & 07777, 03750u);
 }
 
-TEST(Folder, AnswersErrorsWithoutADirectory)
+TEST(Folder, ReportsErrorsWithoutADirectory)
 {
     TempDir dir;
     dir.write("file");

@@ -34,7 +34,7 @@ private:
 
 } // namespace
 
-TEST(PathMapping, TakesDriveCForTheHostsRoot)
+TEST(PathMapping, MapsDriveCToTheRoot)
 {
     EnvSetting plain("QELSTD_DRIVE_C", nullptr);
 
@@ -47,7 +47,7 @@ TEST(PathMapping, TakesDriveCForTheHostsRoot)
     EXPECT_EQ(hostOf("C:"), ".");
 }
 
-TEST(PathMapping, RefusesDrivesThatAreNotThereAndPathsThatAreNone)
+TEST(PathMapping, RejectsMissingDrivesAndInvalidPaths)
 {
     EnvSetting none("QELSTD_DRIVE_E", nullptr), relative("QELSTD_DRIVE_F", "some/where");
     std::string host;
@@ -60,7 +60,7 @@ TEST(PathMapping, RefusesDrivesThatAreNotThereAndPathsThatAreNone)
     EXPECT_EQ(hostOf("ab:c"), "ab:c"); // no drive: two characters before the colon
 }
 
-TEST(PathMapping, RootsDrivesWhereTheVariablesSay)
+TEST(PathMapping, RootsDrivesAtTheirVariables)
 {
     EnvSetting c("QELSTD_DRIVE_C", "/srv/c/"), d("QELSTD_DRIVE_D", "/mnt/d"), e("QELSTD_DRIVE_E", "/");
 
@@ -115,7 +115,7 @@ TEST(PathMapping, ShowsTheCurrentDirectoryOnTheDriveThatReachesDeepest)
     EXPECT_EQ(GetLastError(), ERROR_INVALID_DRIVE);
 }
 
-TEST(PathMapping, GivesEveryHostNameAFormOfItsOwn)
+TEST(PathMapping, MapsEverySystemNameToADistinctForm)
 {
     const std::string bs = "\xEF\x81\x9C", escape = "\xEF\x81\x9D", colon = "\xEF\x80\xBA";
     EXPECT_EQ(platNativeName("a\\b"), "a" + bs + "b");
@@ -145,7 +145,7 @@ TEST(PathMapping, GivesEveryHostNameAFormOfItsOwn)
     EXPECT_EQ(shown.size(), names.size());
 }
 
-TEST(PathMapping, FindsWhatTheHostCallsByItsOwnPath)
+TEST(PathMapping, SystemPathsFindTheSameNodes)
 {
     const std::string colon = "\xEF\x80\xBA", bs = "\xEF\x81\x9C";
     const auto pathOf = [](const std::string& host) {

@@ -98,7 +98,7 @@ protected:
 
 } // namespace
 
-TEST_F(Registry, KeepsValuesOfBothRootsApart)
+TEST_F(Registry, KeepsValuesOfBothRootsSeparate)
 {
     const HKEY user = create(HKEY_CURRENT_USER, "Software\\VRX\\Server");
     const HKEY system = create(HKEY_CLASSES_ROOT, "Software\\VRX\\Server");
@@ -228,7 +228,7 @@ TEST_F(Registry, EnumeratesNamesAsTheyWereWritten)
     RegCloseKey(key);
 }
 
-TEST_F(Registry, EnumeratesWhatWasThereAtTheFirstIndex)
+TEST_F(Registry, EnumeratesTheStateAtTheFirstIndex)
 {
     const HKEY key = create(HKEY_CURRENT_USER, "key");
     for (const char* name : {"a", "b"})
@@ -266,7 +266,7 @@ TEST_F(Registry, EnumeratesWhatWasThereAtTheFirstIndex)
     RegCloseKey(key);
 }
 
-TEST_F(Registry, TellsWhenASubkeyWasChanged)
+TEST_F(Registry, ReportsWhenASubkeyWasChanged)
 {
     RegCloseKey(create(HKEY_CURRENT_USER, "Key"));
     const struct timespec times[] = {{0, 0}, {1, 0}};
@@ -307,7 +307,7 @@ TEST_F(Registry, EnumeratesADamagedStoreByItsFileNames)
     RegCloseKey(key);
 }
 
-TEST_F(Registry, RefusesPathsAndNamesThatCannotBe)
+TEST_F(Registry, RejectsInvalidPathsAndNames)
 {
     for (const char* path : {"", "\\", "\\a", "a\\\\b", "a\\\\"}) {
         HKEY key = nullptr;
@@ -342,7 +342,7 @@ TEST_F(Registry, DeletesAKeyWithItsValuesButNotWithSubkeys)
     RegCloseKey(key);
 }
 
-TEST_F(Registry, TreatsDamagedAndForeignFilesAsUnusable)
+TEST_F(Registry, ReportsDamagedAndForeignFilesAsUnusable)
 {
     const HKEY key = create(HKEY_CURRENT_USER, "key");
     for (const char* contents : {"", "1", "\n", "x y\nz", "1\nz", "99999999999 n\nz"}) {
@@ -361,7 +361,7 @@ TEST_F(Registry, TreatsDamagedAndForeignFilesAsUnusable)
     RegCloseKey(key);
 }
 
-TEST_F(Registry, IsInTheUsersConfigurationWhenNothingElseIsSaid)
+TEST_F(Registry, IsInTheUsersConfigurationByDefault)
 {
     const EnvSetting none("QELSTD_REGISTRY", nullptr);
     const EnvSetting config("XDG_CONFIG_HOME", dir.path("config").c_str());
@@ -376,7 +376,7 @@ TEST_F(Registry, IsInTheUsersConfigurationWhenNothingElseIsSaid)
     EXPECT_EQ(namesOf(HKEY_CLASSES_ROOT), "error 203");
 }
 
-TEST_F(Registry, KeepsTheSystemsRootInEtcWhereThatHasAFolderForIt)
+TEST_F(Registry, KeepsTheSystemsRootInEtcIfItsFolderExists)
 {
     const int result = runInChild([this] {
         // A folder /etc of this process alone.
@@ -432,7 +432,7 @@ TEST_F(Registry, IsPrivateToItsUser)
     RegCloseKey(key);
 }
 
-TEST_F(Registry, GivesWholeValuesWhileOthersWriteAndAreKilled)
+TEST_F(Registry, ReadsWholeValuesWhileWritersAreKilled)
 {
     constexpr int rounds = 20;
     constexpr auto patience = std::chrono::seconds(30);
@@ -477,7 +477,7 @@ TEST_F(Registry, GivesWholeValuesWhileOthersWriteAndAreKilled)
     RegCloseKey(key);
 }
 
-TEST_F(Registry, KeepsTheOldValueWhenTheNewOneCannotBeWritten)
+TEST_F(Registry, KeepsTheOldValueWhenWritingFails)
 {
     const HKEY key = create(HKEY_CURRENT_USER, "key");
     ASSERT_EQ(set(key, "v", "old"), 0);
@@ -493,7 +493,7 @@ TEST_F(Registry, KeepsTheOldValueWhenTheNewOneCannotBeWritten)
     RegCloseKey(key);
 }
 
-TEST_F(Registry, RemovesItsOwnLeftOversOnly)
+TEST_F(Registry, RemovesItsOwnLeftoversOnly)
 {
     const HKEY key = create(HKEY_CURRENT_USER, "key");
     const std::string unfinished = "in/store/.unfinished/";
@@ -571,7 +571,7 @@ TEST_F(Registry, FollowsNoLinkInsideItsStore)
     EXPECT_EQ(namesOf(HKEY_CLASSES_ROOT), "error " + std::to_string(ERROR_DIRECTORY));
 }
 
-TEST_F(Registry, TakesOnlyWhatIsAbsentForAbsent)
+TEST_F(Registry, ReportsOnlyMissingFilesAsMissing)
 {
     dir.write("file");
     dir.link("nowhere", "dangling");
@@ -598,7 +598,7 @@ TEST_F(Registry, TakesOnlyWhatIsAbsentForAbsent)
     EXPECT_EQ(open(HKEY_CURRENT_USER, "key\\below"), ERROR_DIRECTORY);
 }
 
-TEST_F(Registry, IsUnlockedThoughAForkedChildLivesOn)
+TEST_F(Registry, IsUnlockedThoughAForkedChildLives)
 {
     constexpr int children = 8;
     const TempDir disk; // so that the lock is held nearly all the time
@@ -627,7 +627,7 @@ TEST_F(Registry, IsUnlockedThoughAForkedChildLivesOn)
     RegCloseKey(key);
 }
 
-TEST_F(Registry, MakesAKeyWholeOrNotAtAll)
+TEST_F(Registry, CreatesAKeyWholeOrNotAtAll)
 {
     // Both names need a file; the second key cannot be made.
     const std::string path = "Upper Key\\" + std::string(3000, '$');
@@ -660,7 +660,7 @@ TEST_F(Registry, MakesAKeyWholeOrNotAtAll)
     EXPECT_EQ(dir.read("in/store/User/upper%20key/sub/.name"), "Sub") << "one that is there stays";
 }
 
-TEST_F(Registry, WarnsOnceOfOthersWhoCanChangeIt)
+TEST_F(Registry, WarnsOnceOfOtherUsersWithWriteAccess)
 {
     RegCloseKey(create(HKEY_CURRENT_USER, "key"));
     ASSERT_EQ(chmod(dir.path("in/store"), 0770), 0);
@@ -671,7 +671,7 @@ TEST_F(Registry, WarnsOnceOfOthersWhoCanChangeIt)
                                                           std::string(dir.path("in/store")) + "\n");
 }
 
-TEST_F(Registry, IsNotDisturbedBySignals)
+TEST_F(Registry, WorksWhileInterruptedBySignals)
 {
     const Interrupter interrupter;
     const int before = Interrupter::interrupts;
@@ -686,7 +686,7 @@ TEST_F(Registry, IsNotDisturbedBySignals)
     }
 }
 
-TEST_F(Registry, LosesNothingWhenManyProcessesChangeIt)
+TEST_F(Registry, LosesNoUpdateOfManyProcesses)
 {
     std::vector<pid_t> children;
     for (int child = 0; child < 4; ++child) {
