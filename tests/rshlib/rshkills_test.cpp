@@ -188,7 +188,7 @@ void Reset(btkHandle socket)
 
 } // namespace
 
-TEST_F(RelayUnderKills, EndsSoonAndLeavesNothing)
+TEST_F(RelayUnderKills, EndsSoonAndLeavesNoProcess)
 {
     std::minstd_rand random(11);
     const int rounds = ofALongRun(100, 500);

@@ -94,7 +94,7 @@ TEST_F(RemoteShell, RelaysOutputsAndTheExitCode)
     EXPECT_EQ(remote.process->GetExitCode(), 2);
 }
 
-TEST_F(RemoteShell, UsesTheStreamsOfTheCaller)
+TEST_F(RemoteShell, UsesTheCallersStreams)
 {
     const Owned<ioStringStream> in(ioStringStream::Create("b\na\nc\n")),
         out(ioStringStream::Create(xnullstr)), err(ioStringStream::Create(xnullstr));
@@ -107,7 +107,7 @@ TEST_F(RemoteShell, UsesTheStreamsOfTheCaller)
     EXPECT_EQ(TextOf(err->getStr()), "done\n");
 }
 
-TEST_F(RemoteShell, SaysWhyACommandDoesNotStart)
+TEST_F(RemoteShell, ReportsWhyACommandDoesNotStart)
 {
     const std::string tooLong = "echo " + std::string(3 << 20, 'x');
     const struct
@@ -144,7 +144,7 @@ TEST_F(RemoteShell, FindsTheWorkingDirectoryBelowItsBase)
 }
 
 // The ends are processes of their own, as in use, and neither keeps more than a little of what it carries.
-TEST_F(RemoteShell, CarriesMuchBothWaysAtOnceInLittleMemory)
+TEST_F(RemoteShell, TransfersMuchInBothDirectionsInLittleMemory)
 {
     const std::size_t total = ofALongRun(std::size_t{64} << 20, std::size_t{1} << 30), part = 1 << 16;
     constexpr long mostKib = 16 << 10;
@@ -190,7 +190,7 @@ TEST_F(RemoteShell, CarriesMuchBothWaysAtOnceInLittleMemory)
     EXPECT_EQ(server.wait(), 0);
 }
 
-TEST_F(RemoteShell, GoesOnWithCommandsThatDoNotReadOrLeaveOthersBehind)
+TEST_F(RemoteShell, HandlesCommandsThatReadNothingOrLeaveChildren)
 {
     const std::string much(1 << 20, 'm');
     const struct
@@ -224,7 +224,7 @@ TEST_F(RemoteShell, GoesOnWithCommandsThatDoNotReadOrLeaveOthersBehind)
     }
 }
 
-TEST_F(RemoteShell, InterruptsAndTerminatesWithTheGroup)
+TEST_F(RemoteShell, InterruptsAndTerminatesTheWholeGroup)
 {
     // Nothing, more than the command's pipe and the queue at the server take, and more than all buffers on
     // the way.
@@ -251,7 +251,7 @@ TEST_F(RemoteShell, InterruptsAndTerminatesWithTheGroup)
         }
 }
 
-TEST_F(RemoteShell, EndsWhenTheServerIsToldToStop)
+TEST_F(RemoteShell, EndsWhenTheServerIsStopped)
 {
     const Remote remote("sleep 60", 0);
     remote.server->Terminate();
@@ -265,7 +265,7 @@ TEST_F(RemoteShell, EndsWhenTheServerIsToldToStop)
     EXPECT_EQ(end->evtEvent::Wait(2.0), 1);
 }
 
-TEST_F(RemoteShell, SurvivesTheOtherEndsDeathAtAnyMoment)
+TEST_F(RemoteShell, SurvivesTheOtherEndsExitAtAnyMoment)
 {
     std::minstd_rand random(7);
     for (int round = 0; round < 100; ++round) {
@@ -286,7 +286,7 @@ TEST_F(RemoteShell, SurvivesTheOtherEndsDeathAtAnyMoment)
     }
 }
 
-TEST_F(RemoteShell, GivesACommandUpWhenItsObjectIsFreed)
+TEST_F(RemoteShell, AbandonsACommandWhenItsObjectIsFreed)
 {
     Remote remote("yes", 0);
     remote.process.reset();
@@ -294,7 +294,7 @@ TEST_F(RemoteShell, GivesACommandUpWhenItsObjectIsFreed)
     remote.ExpectServerToEnd();
 }
 
-TEST(RemoteShellDeathTest, RefusesWhatNeedsAStartedThread)
+TEST(RemoteShellDeathTest, AbortsOperationsThatNeedAStartedThread)
 {
     EXPECT_DEATH(rshConnection::Create("user", "host"), "rshConnection::Create not implemented");
     EXPECT_DEATH(

@@ -69,7 +69,7 @@ struct Served
 
 } // namespace
 
-TEST(rshServer, SpeaksTheProtocolByteByByte)
+TEST(rshServer, FollowsTheProtocolByteByByte)
 {
     const Served served;
     // Request: command, working directory, shell flag.
@@ -91,7 +91,7 @@ TEST(rshServer, SpeaksTheProtocolByteByByte)
     Send(served.pair, Int(4) + Text("too late") + Int(7));
 }
 
-TEST(rshServer, TakesARequestAndWhatFollowsAtOnce)
+TEST(rshServer, AcceptsARequestAndItsInputInOnePiece)
 {
     const Served served;
     Send(served.pair, Text("wc -c") + Text("") + Int(0) + Int(4) + Text(std::string(2500, 'x')) + Int(5));
@@ -99,7 +99,7 @@ TEST(rshServer, TakesARequestAndWhatFollowsAtOnce)
     Send(served.pair, Int(7));
 }
 
-TEST(rshServer, TerminatesAndInterruptsByTagsAndByUrgentValues)
+TEST(rshServer, TerminatesAndInterruptsByTagsAndUrgentValues)
 {
     for (const bool urgent : {false, true})
         for (const int tag : {8, 9}) {
@@ -118,7 +118,7 @@ TEST(rshServer, TerminatesAndInterruptsByTagsAndByUrgentValues)
         }
 }
 
-TEST(rshServer, GivesUpOnWhatIsNoMessage)
+TEST(rshServer, EndsOnAnInvalidMessage)
 {
     const std::string sleeping = Text("sleep 60") + Text("") + Int(0);
     for (const std::string& bytes : {Int(-1), Int(INT_MAX), Text("x") + Int(-5), sleeping + Int(4) + Int(-1),
@@ -128,7 +128,7 @@ TEST(rshServer, GivesUpOnWhatIsNoMessage)
     }
 }
 
-TEST(rshServer, EndsWithAClientThatVanishesInTheMiddle)
+TEST(rshServer, EndsWhenItsClientDisconnectsInTheMiddle)
 {
     const std::string session =
         Text("cat") + Text("") + Int(0) + Int(4) + Text("some input") + Int(4) + Int(100);
@@ -154,7 +154,7 @@ void SendUnread(const StreamPair& pair, std::size_t count)
 
 } // namespace
 
-TEST(rshServer, EndsWithAClientThatIsLostWhileTheCommandReadsNothing)
+TEST(rshServer, EndsWhenItsClientIsLostWhileTheCommandReadsNothing)
 {
     for (const bool isReset : {false, true}) {
         Served served;
@@ -167,7 +167,7 @@ TEST(rshServer, EndsWithAClientThatIsLostWhileTheCommandReadsNothing)
 }
 
 // A connection that asks for nothing, or never answers the end, is not kept for ever.
-TEST(rshServer, IsPatientForATimeOnly)
+TEST(rshServer, WaitsForALimitedTimeOnly)
 {
     const auto readIn = [](const StreamPair& pair) {
         const btkTimeval start = btkTimeval::Now();
@@ -210,14 +210,14 @@ TEST(rshServer, IsPatientForATimeOnly)
     rshServer::setPatience(10);
 }
 
-TEST(rshServer, SaysWhyItRefusesARequest)
+TEST(rshServer, ReportsWhyItRejectsARequest)
 {
     StreamPair pair;
     rshRequest::Refuse(pair.far.get(), "too many");
     EXPECT_EQ(Receive(pair, 20), Int(10) + Int(0) + Text("too many"));
 }
 
-TEST(rshServer, SendsOnlyWhatWasWrittenBeforeTheCommandEnded)
+TEST(rshServer, SendsOnlyOutputWrittenBeforeTheCommandExited)
 {
     const EnvSetting shell("SHELL", "/bin/sh");
     const Served served;
@@ -276,7 +276,7 @@ std::string RefusedBy(const std::string& answer)
 
 } // namespace
 
-TEST(rshProcess, SpeaksTheProtocolByteByByte)
+TEST(rshProcess, FollowsTheProtocolByteByByte)
 {
     std::string output;
     EXPECT_EQ(PlayServer(Int(0) + Int(3) + Text("out") + Int(2) + Text("err") + Int(6) + Int(5) + Int(3) +
@@ -286,7 +286,7 @@ TEST(rshProcess, SpeaksTheProtocolByteByByte)
     EXPECT_EQ(output, "output");
 }
 
-TEST(rshProcess, KeepsWhatArrivedFromAServerThatFails)
+TEST(rshProcess, KeepsOutputReceivedFromAFailedServer)
 {
     for (const std::string& rest :
          {Int(3) + Int(-1) + "x", Int(3) + Int(100), Int(6) + "ab", std::string("a")}) {
@@ -296,7 +296,7 @@ TEST(rshProcess, KeepsWhatArrivedFromAServerThatFails)
     }
 }
 
-TEST(rshProcess, TellsWhatTheServerRefuses)
+TEST(rshProcess, ReportsTheServersRefusal)
 {
     EXPECT_EQ(RefusedBy(Int(10) + Int(3) + Text("No such file")), "3 No such file");
     EXPECT_EQ(RefusedBy(Int(77) + Int(12) + Text("bad")), "12 bad");
@@ -331,7 +331,7 @@ struct Stuck
 
 } // namespace
 
-TEST(rshProcess, TakesTheEndFromAServerThatTakesNothing)
+TEST(rshProcess, AcceptsTheEndFromAServerThatReadsNothing)
 {
     Stuck stuck;
     Send(stuck.pair, Int(6) + Int(5) + Int(7));
@@ -339,7 +339,7 @@ TEST(rshProcess, TakesTheEndFromAServerThatTakesNothing)
     EXPECT_EQ(stuck.process->GetExitCode(), 5);
 }
 
-TEST(rshProcess, EndsWithoutAServerThatCanNotBeToldToEndTheCommand)
+TEST(rshProcess, EndsWhenTheServerCannotBeToldToEndTheCommand)
 {
     Stuck stuck;
     for (int time = 0; time < 100; ++time)
@@ -352,7 +352,7 @@ TEST(rshProcess, EndsWithoutAServerThatCanNotBeToldToEndTheCommand)
     EXPECT_EQ(btkTryWrite(stuck.pair.nearSocket->GetHandle(), "x", 1), -1);
 }
 
-TEST(rshProcess, SleepsWhileNobodyReadsWhatAServerLeftThatIsGone)
+TEST(rshProcess, SleepsWhileOutputOfAClosedServerIsUnread)
 {
     StreamPair pair;
     std::swap(pair.near, pair.far);
