@@ -223,7 +223,7 @@ TEST(ThrowFunctions, ThrowTheirClassesAboutTheObject)
     EXPECT_TRUE(made->getStringRep() == "foreign");
 }
 
-TEST(Casts, NameTheClassThatTheObjectIsNot)
+TEST(Casts, FailuresNameTheRequestedClass)
 {
     xthrowable* const thrown = thrownBy([] { xportXCannotConnect::cast(subject.get()); });
     auto* const mismatch = qelXTypeMismatch::softcast(thrown);
@@ -237,7 +237,7 @@ TEST(Casts, NameTheClassThatTheObjectIsNot)
     EXPECT_EQ(xportXCannotConnect::cast(nullptr), nullptr);
 }
 
-TEST(Rebuilding, RunsThroughTheTablesOfTheWholeFamily)
+TEST(Rebuilding, UsesTheTablesOfAllParents)
 {
     const xrchandle<qelXArgs> arguments(new qelXArgs);
     const xrchandle<qelXFunc> function(new qelXFunc("f"));
@@ -279,7 +279,7 @@ TEST(Rebuilding, RunsThroughTheTablesOfTheWholeFamily)
     EXPECT_EQ(xrcgetcount(function.get()), 1);
 }
 
-TEST(Rebuilding, KeepsWhatWasSentAndNoMore)
+TEST(Rebuilding, RestoresOnlyTransmittedFields)
 {
     void* const made = qelXInvalidArrayIndex::_s11n_create(nullptr);
     const xrchandle<qelXInvalidArrayIndex> rebuilt(static_cast<qelXInvalidArrayIndex*>(made));
@@ -292,7 +292,7 @@ TEST(Rebuilding, KeepsWhatWasSentAndNoMore)
     EXPECT_TRUE(rebuilt->getDescription() == "as the server put it");
 }
 
-TEST(Rebuilding, RefusesAValueOfAnotherType)
+TEST(Rebuilding, RejectsAValueOfAnotherType)
 {
     const xrchandle<qelXNegativeIndex> rebuilt(new qelXNegativeIndex(-1));
     const qelAttr& index = *qelClassOf(qelXNegativeIndex::getClassRtti())->attrs.begin();
@@ -323,7 +323,7 @@ TEST(SoapFault, ComposesItsMessageFromTheMostPreciseText)
     EXPECT_TRUE(message(nullptr, nullptr, xany()) == nullptr);
 }
 
-TEST(Operations, StandInTheOrderOfTheAttributes)
+TEST(Operations, FollowTheOrderOfTheAttributes)
 {
     expectInOrder(&qelXTypeMismatch::_s11n_setTypeName, &qelXTypeMismatch::_s11n_setQelObject);
     expectInOrder(&qelXInvalidArrayIndex::_s11n_setQelObject, &qelXInvalidArrayIndex::_s11n_setDimension,
@@ -429,7 +429,7 @@ TEST(ExternFunc, NamesTheFunctionAndItsEmptyArguments)
     EXPECT_TRUE(read(error.get(), "Func") == xany(func));
 }
 
-TEST(Throwing, LeavesNothingBehind)
+TEST(Throwing, LeaksNothing)
 {
     xthrowable* const thrown = thrownBy([] { PathError::Throw("d", "p", "f"); });
     ASSERT_NE(PathError::softcast(thrown), nullptr);

@@ -124,7 +124,7 @@ TEST(qelPrint, LeavesTheFormatOfRealsToTheStream)
     EXPECT_EQ(integers.str(), "test::Pair { Left : 0.25 Right : 255 }");
 }
 
-TEST(qelPrint, WritesAnUninitValueOnlyWhenAskedTo)
+TEST(qelPrint, WritesAnUninitValueOnlyOnRequest)
 {
     std::ostringstream os;
     qelPrintTraverser printer(os, 2);
@@ -225,7 +225,7 @@ TEST(qelPrint, NamesAnAnonymousTypeAfterItsParents)
     EXPECT_EQ(printed(&derived), " B A  \n{\n}");
 }
 
-TEST(qelPrint, WritesWhatCannotBeReadInline)
+TEST(qelPrint, WritesReadFailuresInline)
 {
     EXPECT_EQ(printed(new Faulty, -1),
               "test::Faulty { Own : <ERROR: QEL exception> Loose : <ERROR: QEL exception> "
@@ -255,7 +255,7 @@ TEST(qelPrint, FlushesEachLineAndWritesLongTextsWhole)
     EXPECT_EQ(printed(new Table{{text.c_str(), 1}}, -1), "test::Table { \"" + text + "\" : 1 }");
 }
 
-TEST(qelPrint, TreatsFailuresAsOtherOutputDoes)
+TEST(qelPrint, ReportsFailuresLikeOtherOutput)
 {
     FlushedBuffer small(20);
     std::ostream full(&small);
@@ -306,7 +306,7 @@ TEST(qelPrint, LetsItsThreadBeCancelled)
     }));
 }
 
-TEST(qelPrint, FlushesWhatItsStreamIsTiedTo)
+TEST(qelPrint, FlushesTheTiedStream)
 {
     FlushedBuffer first, second;
     std::ostream prompt(&first), os(&second);
@@ -318,7 +318,7 @@ TEST(qelPrint, FlushesWhatItsStreamIsTiedTo)
     EXPECT_EQ(second.flushed, "1 ");
 }
 
-TEST(qelPrint, LetsASubclassWriteBetweenItsOwnTexts)
+TEST(qelPrint, SubclassMayWriteBetweenItsTexts)
 {
     class Brief final : public qelPrintTraverser
     {
@@ -377,7 +377,7 @@ TEST(qelDbgPrintDictKeys, ListsTheKeysOfADictionary)
     qelDbgPrintDictKeys(table.get(), dir.path("missing/keys"));
 }
 
-TEST(qelDbgPrintDictKeys, SaysThatOtherObjectsAreNone)
+TEST(qelDbgPrintDictKeys, ReportsThatOtherObjectsAreNoDictionaries)
 {
     const xrchandle<Pair> pair(new Pair);
     const Captured out(std::cout);
@@ -386,7 +386,7 @@ TEST(qelDbgPrintDictKeys, SaysThatOtherObjectsAreNone)
     EXPECT_EQ(out.str(), "Type \"test::Pair\" is not a dictionary\nType \"object\" is not a dictionary\n");
 }
 
-TEST(qelDbgPrintDictKeys, LetsExceptionsThrough)
+TEST(qelDbgPrintDictKeys, PropagatesExceptions)
 {
     const xrchandle<FaultyTable> table(new FaultyTable(false));
     const Captured out(std::cout);

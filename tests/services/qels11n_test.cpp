@@ -44,7 +44,7 @@ TEST(S11nContext, KeepsUserDataUnderNames)
     EXPECT_TRUE(context.getUserData("x") == 6);
 }
 
-TEST(S11nContext, HoldsWhatItIsGivenUntilItGoes)
+TEST(S11nContext, HoldsItsObjectsUntilItIsDestroyed)
 {
     {
         qelS11nContext context;

@@ -108,7 +108,7 @@ std::string printed(xobject* p)
 
 } // namespace
 
-TEST_F(CInterface, CreatesWithOneReferenceWhichIsTheCallers)
+TEST_F(CInterface, CreatesWithOneReferenceOwnedByTheCaller)
 {
     xintsequence* const sequence = xintsequence_create();
     EXPECT_EQ(xrcgetcount(sequence), 1);
@@ -134,7 +134,7 @@ TEST_F(CInterface, HoldsAReferenceWhileItWorks)
     EXPECT_EQ(xrcgetcount(watched), 1);
 }
 
-TEST_F(CInterface, ReleasesAnObjectThatNobodyHoldsYet)
+TEST_F(CInterface, ReleasesAnObjectThatWasNeverAttached)
 {
     xintsequence* const fresh = new Watched;
     xrcrelease_c(fresh); // nothing to give back
@@ -186,7 +186,7 @@ TEST_F(CInterface, OwnsAnExceptionThatIsNotCountable)
     EXPECT_EQ(Uncounted::alive, 0);
 }
 
-TEST_F(CInterface, TellsWhatAnExceptionSays)
+TEST_F(CInterface, ReportsTheFieldsOfAnException)
 {
     const struct
     {
@@ -212,7 +212,7 @@ TEST_F(CInterface, TellsWhatAnExceptionSays)
     EXPECT_EQ(takeCurrent(), "qellib::XNegativeIndex"); // left alone
 }
 
-TEST_F(CInterface, LetsForeignExceptionsThroughAndKeepsNothing)
+TEST_F(CInterface, PropagatesForeignExceptionsAndLeaksNothing)
 {
     watched->action = [] { throw std::runtime_error("foreign"); };
     EXPECT_THROW(xintsequence_get(watched, 0), std::runtime_error);
@@ -220,7 +220,7 @@ TEST_F(CInterface, LetsForeignExceptionsThroughAndKeepsNothing)
     EXPECT_EQ(xrcgetcount(watched), 1);
 }
 
-TEST_F(CInterface, MakesCurrentWhatACollectionOrTheMemoryRefuses)
+TEST_F(CInterface, FailuresOfCollectionsAndMemoryBecomeCurrent)
 {
     watched->action = [] { throw std::bad_alloc(); };
     EXPECT_EQ(xintsequence_get(watched, 0), xuninitint);
@@ -250,7 +250,7 @@ TEST_F(CInterface, EmptiesTheSlotBeforeItReleases)
     xrcrelease_c(next);
 }
 
-TEST_F(CInterface, ProducesTheMultibyteFormForAsLongAsTheTextLives)
+TEST_F(CInterface, MultibyteFormLivesAsLongAsTheText)
 {
     const unsigned short wide[] = {'h', 0xe9, 0};
     const __xstring_c text = xstring(wide).getxstring_c();
@@ -278,7 +278,7 @@ TEST_F(CInterface, PrintsMarkersAndValues)
     EXPECT_EQ(xrcgetcount(sequence.get()), 1);
 }
 
-TEST_F(CInterface, KeepsWhatAnOutArgumentHeldWhenTheOperationFails)
+TEST_F(CInterface, KeepsAnOutArgumentWhenTheOperationFails)
 {
     const xrchandle<xrealdictionary> dictionary(xrealdictionary::create());
     double number = 1.5;
@@ -330,7 +330,7 @@ TEST(CThreads, MayShareTheCurrentException)
     xcleanupexc_c();
 }
 
-TEST(CThreads, MayHaveACurrentExceptionOfTheirOwn)
+TEST(CThreads, MayHaveSeparateCurrentExceptions)
 {
     std::atomic<int> next = -100;
     xsetexc_c(nullptr);

@@ -164,7 +164,7 @@ struct Fresh : T
 
 } // namespace
 
-TEST(Reading, NeitherFreesAnObjectNorMovesItsCount)
+TEST(Reading, NeitherFreesAnObjectNorChangesItsCount)
 {
     bool ended = false;
     auto* const person = new Fresh<Person>(ended);
@@ -269,7 +269,7 @@ TEST(Table, GivesArraysAndSequencesTheirElements)
     EXPECT_TRUE(sequence->getElemValue(&crowd, 1) == xany(&crowd.people[1]));
 }
 
-TEST(Table, RefusesOwnersThatItDoesNotDescribe)
+TEST(Table, RejectsOwnersThatItDoesNotDescribe)
 {
     xrttiattr* const name = xrttistruct::cast(Being::getClassRtti())->getAttr(0);
     const xrchandle<Grid> grid(new Grid);
@@ -280,7 +280,7 @@ TEST(Table, RefusesOwnersThatItDoesNotDescribe)
     EXPECT_EQ(thrownFor(xuninitobj), "qellib::XNotInitialized");
 }
 
-TEST(Table, MakesAndRebuildsObjectsByName)
+TEST(Table, CreatesAndRebuildsObjectsByName)
 {
     const qelClass* const table = qelClassOf(xrttiobject::cast(qelRttiGetFromMap("test::Being")));
     ASSERT_NE(table, nullptr);
@@ -415,7 +415,7 @@ constinit qelClass Misfit<3>::rtti = {.name = "test::CasesAlone", .cases = {{1, 
 
 } // namespace
 
-TEST(Table, IsBuiltOnceThoughSeveralThreadsAskFirst)
+TEST(Table, IsBuiltOnceWhenSeveralThreadsNeedItFirst)
 {
     std::barrier together(3);
     std::atomic<int> whole = 0;
@@ -445,7 +445,7 @@ TEST(Table, OfASecondClassOfOneNameIsReported)
     EXPECT_EQ(qelRttiGetFromMap("test::Namesake"), Namesake<2>::getClassRtti()); // the last one
 }
 
-TEST(Table, WithRowsThatWouldBeLostIsRefused)
+TEST(Table, WithRowsItsKindIgnoresIsRejected)
 {
     EXPECT_DEATH(Misfit<0>::getClassRtti(), "test::ListWithParents: a table with .elements");
     EXPECT_DEATH(Misfit<1>::getClassRtti(), "test::ListWithAttrs: a table with .elements");

@@ -34,7 +34,7 @@ TEST(qelTraverse, ReportsValuesByKind)
     EXPECT_EQ(record(xany(blue, qelGetRtti_Colour())), "enum test::Colour 2\n");
 }
 
-TEST(qelTraverse, ReportsWhatCCodeMayHavePutIntoAValue)
+TEST(qelTraverse, ReportsValuesStoredByCCode)
 {
     const auto setType = [](xrtti* type) { return [=](__xany_c& c) { c.u.enumValue = {1, type}; }; };
     EXPECT_EQ(record(anyOf(xanyEnum, setType(qelGetRtti_int()))), "error Invalid enum value\n");
@@ -112,7 +112,7 @@ TEST(qelTraverse, WalksALatticeOfBasesInLinearTime)
     EXPECT_EQ(reads, 2 * layers - 1);
 }
 
-TEST(qelTraverse, EndsInARingAndAtAnObjectInItself)
+TEST(qelTraverse, StopsAtCyclesAndAtAnObjectInItself)
 {
     const xrchandle<Pair> pair(new Pair(1));
     pair->right = xany(pair);
@@ -135,7 +135,7 @@ TEST(qelTraverse, EndsInARingAndAtAnObjectInItself)
     pair->right = xany();
 }
 
-TEST(qelTraverse, WalksAnObjectAgainThatIsReachedTwiceWithoutARing)
+TEST(qelTraverse, WalksAnObjectReachedTwiceWithoutACycleAgain)
 {
     const std::string once = "    structure test::Pair\n"
                              "      test::Pair.Left\n"
@@ -270,7 +270,7 @@ TEST(qelTraverse, WalksArraysOfObjectsAndOfAnyNumberOfDimensions)
     EXPECT_EQ(record(&point), "array test::Point\nend array\n");
 }
 
-TEST(qelTraverse, AnnouncesAPlainObjectAndWalksItsBasesAsWhatTheyAre)
+TEST(qelTraverse, AnnouncesAPlainObjectAndWalksItsBasesByTheirKind)
 {
     int extents[] = {1};
     xrttiarray base;
@@ -345,7 +345,7 @@ TEST(qelTraverse, WalksAUnionOnTopOfAnotherWithTheMembersOfBoth)
     EXPECT_NE(own.find("  member test::WiderChoice.More\n    string more\n"), std::string::npos) << own;
 }
 
-TEST(qelTraverse, ReportsAUnionWhoseParentIsNone)
+TEST(qelTraverse, ReportsAUnionWithAParentOfAnotherKind)
 {
     xrttiattr discriminator("D", qelGetRtti_int(), 0, [](xobject*) { return xany(4); });
     xrttiobject* parents[] = {Being::getClassRtti()};
@@ -366,7 +366,7 @@ TEST(qelTraverse, ReportsAUnionWhoseParentIsNone)
 
 // ---- failures
 
-TEST(qelTraverse, ReportsWhatAReadThrowsAndGoesOn)
+TEST(qelTraverse, ReportsAnExceptionOfAReadAndContinues)
 {
     EXPECT_EQ(record(new Faulty), "structure test::Faulty\n"
                                   "  test::Faulty.Own\n"
@@ -388,7 +388,7 @@ TEST(qelTraverse, ReportsWhatAReadThrowsAndGoesOn)
     EXPECT_EQ(LooseError::alive(), 0);
 }
 
-TEST(qelTraverse, ReportsADictionaryOfWhichSizeKeyOrValueCannotBeRead)
+TEST(qelTraverse, ReportsADictionaryWithUnreadableSizeKeyOrValue)
 {
     EXPECT_EQ(record(new FaultyTable(true)), "dictionary test::FaultyTable\n"
                                              "  error QEL exception qellib::XNegativeIndex\n"
@@ -404,7 +404,7 @@ TEST(qelTraverse, ReportsADictionaryOfWhichSizeKeyOrValueCannotBeRead)
                                               "end dictionary\n");
 }
 
-TEST(qelTraverse, LetsTheVisitorKeepAnExceptionThatItIsShown)
+TEST(qelTraverse, VisitorMayKeepAReportedException)
 {
     class Keeper final : public Recorder
     {
@@ -425,7 +425,7 @@ TEST(qelTraverse, LetsTheVisitorKeepAnExceptionThatItIsShown)
 
 // ---- the visitor
 
-TEST(qelTraverse, EntersNoPartThatTheVisitorRefuses)
+TEST(qelTraverse, SkipsPartsThatTheVisitorRefuses)
 {
     Loose loose;
     EXPECT_EQ(record(&loose, "structure test::Loose"), "structure test::Loose\n");

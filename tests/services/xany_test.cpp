@@ -44,7 +44,7 @@ TEST(xany, HasTheLayoutOfItsCTwin)
     EXPECT_EQ(xuninitreal, 9e125);
 }
 
-TEST(xany, TakesMarkersForNullAndUninit)
+TEST(xany, ReadsMarkersAsNullAndUninit)
 {
     const xany nulls[] = {nullptr,           xnullint,
                           xnullbool,         xnullreal,
@@ -75,7 +75,7 @@ TEST(xany, TakesMarkersForNullAndUninit)
     }
 }
 
-TEST(xany, GivesBackWhatItWasGiven)
+TEST(xany, ReturnsTheStoredValue)
 {
     const xrchandle<qelXArgs> object = makeObject();
     EXPECT_EQ(static_cast<int>(xany(-7)), -7);
@@ -95,7 +95,7 @@ TEST(xany, GivesBackWhatItWasGiven)
     EXPECT_TRUE(xany(object).getQelTypeName() == "qellib::XArgs");
 }
 
-TEST(xany, OwnsOneReferenceToWhatItHolds)
+TEST(xany, OwnsOneReferenceToItsObject)
 {
     const xrchandle<qelXArgs> object = makeObject();
     {
@@ -118,7 +118,7 @@ TEST(xany, OwnsOneReferenceToWhatItHolds)
         new qelXArgs); // never attached before: the leak check sees whether it goes with the variant
 }
 
-TEST(xany, KeepsItsReferencesApartFromThoseOfTheCForm)
+TEST(xany, CountsReferencesSeparatelyFromTheCForm)
 {
     const xrchandle<qelXArgs> object = makeObject();
     __xany_c c = xcadapt_cxx2c(xany(object));
@@ -180,7 +180,7 @@ TEST(xany, ValidatesByTypeAndNull)
     EXPECT_TRUE(thrownBy([] { xany(1).validate(qelGetRtti_real(), 0); }) == "qellib::XTypeMismatch");
 }
 
-TEST(xany, EndsTheProcessWhenItCannotBe)
+TEST(xany, WrongConversionOrTagEndsTheProcess)
 {
     EXPECT_EQ(static_cast<double>(xany(3)), 3.0); // the one conversion between kinds
     EXPECT_DEATH((void)static_cast<double>(xany("3")), "Can not convert xany to xreal\\. It is a string\\.");

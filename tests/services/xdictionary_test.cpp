@@ -184,7 +184,7 @@ void compareWithModel(const std::vector<std::string>& names, int steps)
 
 } // namespace
 
-TEST(xdictionary, HasATableOnceSomethingIsSet)
+TEST(xdictionary, HasNoTableUntilAKeyIsSet)
 {
     xintdictionary d;
     int value = 5;
@@ -205,7 +205,7 @@ TEST(xdictionary, HasATableOnceSomethingIsSet)
     EXPECT_FALSE(d.find("a", nullptr));
 }
 
-TEST(xdictionary, PutsShortKeysWhereTheRuleSays)
+TEST(xdictionary, ShortKeysMatchTheSlotRule)
 {
     xintdictionary d;
     for (const char* key : {"", "A", "AB", "ABC", "\xff"})
@@ -224,7 +224,7 @@ TEST(xdictionary, PutsShortKeysWhereTheRuleSays)
     EXPECT_EQ(slotOf(same, "bxbb"), (98 * 98 * 98 + 2 * ('b' ^ 'b' ^ 'x') + 1) % 32);
 }
 
-TEST(xdictionary, FollowsThePublishedRuleSlotBySlot)
+TEST(xdictionary, EverySlotMatchesTheSlotRule)
 {
     compareWithModel(words(3000), 600000);
     compareWithModel(words(25), 100000);
@@ -235,7 +235,7 @@ TEST(xdictionary, FollowsThePublishedRuleSlotBySlot)
     compareWithModel<Tables>(words(300), 50000);
 }
 
-TEST(xdictionary, FollowsThePublishedRuleOnALongPath)
+TEST(xdictionary, LongProbeSequenceMatchesSlotRule)
 {
     const auto names = twins(5000);
     DictModel model(names);
@@ -262,7 +262,7 @@ TEST(xdictionary, FollowsThePublishedRuleOnALongPath)
     }
 }
 
-TEST(xdictionary, AssignsSlotsLateAsIfItHadAllAlong)
+TEST(xdictionary, LateSlotAssignmentMatchesImmediateAssignment)
 {
     std::mt19937 random(8);
     for (int life = 0; life < 300; ++life) {
@@ -327,7 +327,7 @@ TEST(xdictionary, GrowsAndHalvesAtItsLoads)
     EXPECT_EQ(half.getarraysize(), 64);
 }
 
-TEST(xdictionary, ReportsATableThatMayNotGrow)
+TEST(xdictionary, ReportsATableThatCannotGrow)
 {
     EXPECT_EQ(runInChild([] {
                   const xdictcontrol never = {0, 1000};
@@ -344,7 +344,7 @@ TEST(xdictionary, ReportsATableThatMayNotGrow)
               -SIGABRT);
 }
 
-TEST(xdictionary, AnswersWhenAllSlotsWereRemovedOnce)
+TEST(xdictionary, LookupEndsWhenAllSlotsWereRemovedOnce)
 {
     xintdictionary d;
     for (const std::string& name : words(500)) {
@@ -370,7 +370,7 @@ TEST(xdictionary, ReusesTheSlotOfARemovedKey)
     EXPECT_EQ(slotOf(d, names[3].c_str()), slot);
 }
 
-TEST(xdictionary, RefusesWhatIsNoSlotAndWhatIsNoKey)
+TEST(xdictionary, RejectsInvalidSlotsAndKeys)
 {
     const xrchandle<xintdictionary> d = xintdictionary::create();
     d->set("a", 1);
@@ -403,7 +403,7 @@ TEST(xdictionary, RefusesWhatIsNoSlotAndWhatIsNoKey)
     EXPECT_EQ(xrcgetcount(d.get()), 1);
 }
 
-TEST(xdictionary, CountsTheObjectsItHoldsExactly)
+TEST(xdictionary, KeepsExactReferenceCounts)
 {
     const xrchandle<xintsequence> object = xintsequence::create();
     const auto count = [&] { return xrcgetcount(object.get()) - 1; };
@@ -432,7 +432,7 @@ TEST(xdictionary, CountsTheObjectsItHoldsExactly)
     EXPECT_EQ(count(), 0);
 }
 
-TEST(xdictionary, KeepsTextsThroughItsChangesOfSize)
+TEST(xdictionary, KeepsTextsWhenResized)
 {
     xstringdictionary d;
     const auto names = numbers(2000);
@@ -447,7 +447,7 @@ TEST(xdictionary, KeepsTextsThroughItsChangesOfSize)
     }
 }
 
-TEST(xdictionary, KeepsKeysOfAllLengthsApart)
+TEST(xdictionary, DistinguishesKeysOfAllLengths)
 {
     // Of many lengths around those at which their storage changes, that differ in one byte at most.
     std::vector<std::string> keys;
@@ -485,7 +485,7 @@ TEST(xdictionary, KeepsKeysOfAllLengthsApart)
     }
 }
 
-TEST(xdictionary, TakesNoMoreMemoryWhenKeysComeAndGo)
+TEST(xdictionary, MemoryIsBoundedWhileKeysAreAddedAndRemoved)
 {
     if (!freedMemoryIsGone)
         GTEST_SKIP() << "a sanitizer keeps what is freed";
@@ -536,7 +536,7 @@ constinit qelClass Meddler::rtti = {.name = "test::Meddler", .counted = true};
 
 } // namespace
 
-TEST(xdictionary, CanBeUsedWhileAValueDies)
+TEST(xdictionary, CanBeUsedByTheDestructorOfAValue)
 {
     const auto holdsAll = [](xanydictionary& d) {
         xany value;
@@ -562,7 +562,7 @@ TEST(xdictionary, CanBeUsedWhileAValueDies)
     ends.set("x", xany(new Meddler(&ends)));
 }
 
-TEST(xdictionary, ShowsAllCopiesToASubclassThatWatchesThem)
+TEST(xdictionary, ReportsAllCopiesToAnObservingSubclass)
 {
     Watching d;
     const auto names = words(31);
@@ -590,7 +590,7 @@ TEST(xdictionary, ShowsAllCopiesToASubclassThatWatchesThem)
     EXPECT_EQ(e.ended, (std::vector<unsigned>{32, 64, 32}));
 }
 
-TEST(xdictionary, KeepsValuesThatCannotBeMovedByBits)
+TEST(xdictionary, KeepsValuesThatAreNotTriviallyRelocatable)
 {
     xtcdictionary<std::string> d;
     const auto names = words(300);
@@ -605,7 +605,7 @@ TEST(xdictionary, KeepsValuesThatCannotBeMovedByBits)
     }
 }
 
-TEST(xdictionary, CanBeReadByManyThreadsAtATime)
+TEST(xdictionary, SupportsConcurrentReaders)
 {
     // All slots are assigned by whoever asks first.
     const auto names = words(500);
@@ -642,7 +642,7 @@ TEST(xdictionary, CanBeReadByManyThreadsAtATime)
     }
 }
 
-TEST(xdictionary, TakesLittleWhenItHoldsLittle)
+TEST(xdictionary, SmallDictionariesTakeLittleMemory)
 {
     if (!freedMemoryIsGone)
         GTEST_SKIP() << "a sanitizer has a heap of its own";
@@ -665,7 +665,7 @@ TEST(xdictionary, TakesLittleWhenItHoldsLittle)
     EXPECT_LE(heapOf(variants, 5), 800u);
 }
 
-TEST(xdictionary, IsKnownToTheTypeSystem)
+TEST(xdictionary, IsRegisteredInTheTypeSystem)
 {
     const xrchandle<xstringdictionary> d = xstringdictionary::create();
     d->set("k", "v");

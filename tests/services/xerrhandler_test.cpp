@@ -71,7 +71,7 @@ TEST_F(ErrorHandler, ReleasesTheHandlesWithAndWithoutListeners)
     EXPECT_EQ(xrcgetcount(subject.get()), 1);
 }
 
-TEST_F(ErrorHandler, AsksInTheOrderOfAddressesUntilOneHasDealtWithIt)
+TEST_F(ErrorHandler, CallsListenersInAddressOrderUntilOneHandlesTheError)
 {
     Listener listeners[] = {{0, 0}, {1, 0}, {2, 7}, {3, 9}};
     for (const int i : {3, 1, 0, 2})
@@ -85,7 +85,7 @@ TEST_F(ErrorHandler, AsksInTheOrderOfAddressesUntilOneHasDealtWithIt)
     EXPECT_EQ(dispatch(), 0);
 }
 
-TEST_F(ErrorHandler, KnowsEachListenerOnce)
+TEST_F(ErrorHandler, RegistersEachListenerOnce)
 {
     Listener listener(1, 0);
     xerrhandler::addlistener(&listener);
@@ -100,7 +100,7 @@ TEST_F(ErrorHandler, KnowsEachListenerOnce)
     EXPECT_EQ(heard.size(), 1u);
 }
 
-TEST_F(ErrorHandler, ForgetsAListenerThatGoes)
+TEST_F(ErrorHandler, RemovesADestroyedListener)
 {
     {
         Listener listener(1, 3);
@@ -111,7 +111,7 @@ TEST_F(ErrorHandler, ForgetsAListenerThatGoes)
     EXPECT_EQ(heard.size(), 1u);
 }
 
-TEST_F(ErrorHandler, LetsListenersComeAndGoMeanwhile)
+TEST_F(ErrorHandler, ListenersMayBeAddedAndRemovedDuringACall)
 {
     self = std::make_unique<Listener>(1, 0);
     Listener others[] = {{2, 0}, {3, 0}, {4, 0}};
@@ -134,7 +134,7 @@ TEST_F(ErrorHandler, LetsListenersComeAndGoMeanwhile)
     EXPECT_EQ(heard, (std::vector<int>{2, 4}));
 }
 
-TEST_F(ErrorHandler, MakesRoomInStepsAndKeepsIt)
+TEST_F(ErrorHandler, GrowsInStepsAndKeepsItsCapacity)
 {
     std::vector<std::unique_ptr<Listener>> listeners;
     const auto addUpTo = [&](std::size_t count) {

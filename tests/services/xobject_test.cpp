@@ -93,7 +93,7 @@ TEST_F(Objects, LiveFromTheFirstReferenceToTheLast)
     EXPECT_EQ(events, (std::vector<std::string>{"onDelete", "destroyed"}));
 }
 
-TEST_F(Objects, OfAClassThatIsNotCountableAreFreedByXdeleteOnly)
+TEST_F(Objects, OfAnUncountableClassAreFreedByXdeleteOnly)
 {
     auto* const object = new Uncounted;
     for (int i = 0; i < 3; ++i)
@@ -107,7 +107,7 @@ TEST_F(Objects, OfAClassThatIsNotCountableAreFreedByXdeleteOnly)
     EXPECT_EQ(events, (std::vector<std::string>{"uncounted destroyed"}));
 }
 
-TEST_F(Objects, OfACountableClassAreRefusedByXdelete)
+TEST_F(Objects, OfACountableClassAreRejectedByXdelete)
 {
     const xrchandle<Counted> object(new Counted);
     xdelete(nullptr);
@@ -120,7 +120,7 @@ TEST_F(Objects, OfACountableClassAreRefusedByXdelete)
     EXPECT_EQ(xrcgetcount(object.get()), 1);
 }
 
-TEST_F(Objects, DieOnceThoughReferencesComeAndGoWhileTheyDie)
+TEST_F(Objects, AreDestroyedOnceThoughTheirDestructorAttachesAndReleases)
 {
     Counted* object = nullptr;
     object = new Counted([&] { const xrchandle<Counted> again(object); });
@@ -145,7 +145,7 @@ TEST_F(Objects, InAutomaticStorageSurviveTheirHandles)
     EXPECT_EQ(xrcgetcount(xrchandle<Counted>(&object).get()), 1);
 }
 
-TEST_F(Objects, CastToWhatTheyAre)
+TEST_F(Objects, CastToTheirClasses)
 {
     const xrchandle<Derived> derived(new Derived);
     xobject* const object = derived.get();
@@ -189,7 +189,7 @@ TEST_F(Objects, AreNeverReadThroughMarkers)
     EXPECT_EQ(xany(marker<Derived>()).getKind(), xanyUninit);
 }
 
-TEST(Handles, CountWhatTheyHold)
+TEST(Handles, CountTheirReferences)
 {
     events.clear();
     auto* const one = new Counted;
@@ -211,7 +211,7 @@ TEST(Handles, CountWhatTheyHold)
     EXPECT_EQ(events, (std::vector<std::string>{"onDelete", "destroyed"}));
 }
 
-TEST(Handles, OfTheUniversalKindOwnCountableObjectsOnly)
+TEST(Handles, UniversalOwnCountableObjectsOnly)
 {
     events.clear();
     auto* const plain = new Uncounted;
@@ -229,7 +229,7 @@ TEST(Handles, OfTheUniversalKindOwnCountableObjectsOnly)
     EXPECT_EQ(events, (std::vector<std::string>{"uncounted destroyed", "onDelete", "destroyed"}));
 }
 
-TEST(Handles, MayBeAssignedAPartOfWhatTheyOwn)
+TEST(Handles, MayBeAssignedAPartOfTheirOwnObject)
 {
     events.clear();
     struct Link : Counted
@@ -244,7 +244,7 @@ TEST(Handles, MayBeAssignedAPartOfWhatTheyOwn)
     EXPECT_EQ(events.size(), 2u);
 }
 
-TEST(Handles, InALongChainDieWithoutGrowingTheStack)
+TEST(Handles, InALongChainAreDestroyedInConstantStack)
 {
     events.clear();
     struct Link : Counted
@@ -320,7 +320,7 @@ TEST(Counts, OfNewObjectsDoNotWaitForADestructor)
     EXPECT_EQ(xrcgetcount(made.get()), 1);
 }
 
-TEST(Counts, ThatNobodyCanHaveMadeEndTheProcess)
+TEST(Counts, CorruptedEndTheProcess)
 {
     xauto<Counted> object;
     corrupt(&object, -7);

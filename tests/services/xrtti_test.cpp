@@ -85,7 +85,7 @@ TEST(Descriptors, KnowTheirAncestors)
     EXPECT_EQ(derived->getParent(-1), nullptr);
 }
 
-TEST(Descriptors, AskEachAncestorOnceInALattice)
+TEST(Descriptors, VisitEachAncestorOnceInALattice)
 {
     // Two classes in each of 60 layers, with both of the layer below as bases: 2^59 ways to the bottom.
     xrttistruct* layer[] = {makeStruct("test::Bottom0", {}, {"N"}), makeStruct("test::Bottom1", {}, {})};
@@ -141,7 +141,7 @@ TEST(Descriptors, OfStructuresFindAttributes)
     EXPECT_TRUE(mismatches([=] { qelRttiCollectAttrs(odd, 1); }));
 }
 
-TEST(Descriptors, OfArraysReadBothFormsOfIndices)
+TEST(Descriptors, OfArraysAcceptBothFormsOfIndices)
 {
     constexpr int rank = 12;
     static int extents[rank] = {2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 3};
@@ -205,7 +205,7 @@ TEST(Descriptors, OfUnionsMapLabelsToMembers)
     EXPECT_EQ(open->getAttr(2), nullptr);
 }
 
-TEST(Descriptors, OfUnionsTakeALabelWithoutMemberForAnAnswer)
+TEST(Descriptors, OfUnionsReturnNullForALabelWithoutMember)
 {
     static xrttiattr* members[] = {new xrttiattr("One", qelGetRtti_int(), 0, nullptr)};
     static xrttiattr* none[] = {nullptr};
@@ -232,7 +232,7 @@ TEST(Descriptors, OfUnionsTakeALabelWithoutMemberForAnAnswer)
     EXPECT_EQ(heir->mapLabelToAttr(1, 0), nullptr);
 }
 
-TEST(Registry, GivesTheLastOfAName)
+TEST(Registry, ReturnsTheLastDescriptorOfAName)
 {
     xrttistruct* const first = makeStruct("test::Twice", {}, {});
     xrttistruct* const second = makeStruct("test::Twice", {}, {});

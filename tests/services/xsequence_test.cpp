@@ -163,7 +163,7 @@ TEST(xsequence, CallsItsHooksWhenTheNumberOfBlocksChanges)
     EXPECT_EQ(shrinking.calls, Calls{});
 }
 
-TEST(xsequence, ShowsAllCopiesToASubclassThatWatchesThem)
+TEST(xsequence, ReportsAllCopiesToAnObservingSubclass)
 {
     CountingCopies s;
     for (int i = 0; i < 44; ++i)
@@ -175,7 +175,7 @@ TEST(xsequence, ShowsAllCopiesToASubclassThatWatchesThem)
     EXPECT_STREQ(s.get(8).CastToCString(), "y");
 }
 
-TEST(xsequence, RefusesBadIndicesBeforeAnyChange)
+TEST(xsequence, RejectsInvalidIndicesBeforeAnyChange)
 {
     const auto s = sequenceOf<xintsequence>({1, 2, 3});
     const auto other = sequenceOf<xintsequence>({9});
@@ -267,7 +267,7 @@ TEST(xsequence, InsertsSequencesItselfIncluded)
     }
 }
 
-TEST(xsequence, CountsTheObjectsItHoldsExactly)
+TEST(xsequence, KeepsExactReferenceCounts)
 {
     const xrchandle<xintsequence> object = xintsequence::create();
     const auto count = [&] { return xrcgetcount(object.get()) - 1; };
@@ -329,7 +329,7 @@ constinit qelClass Onlooker::rtti = {.name = "test::Onlooker", .counted = true};
 
 } // namespace
 
-TEST(xsequence, CanBeReadWhileAnElementDies)
+TEST(xsequence, CanBeReadByTheDestructorOfAnElement)
 {
     xanysequence s;
     for (int i = 0; i < 20; ++i)
@@ -370,7 +370,7 @@ std::vector<int> numbersIn(xanysequence* s)
 
 } // namespace
 
-TEST(xsequence, CanBeChangedWhileAnElementDies)
+TEST(xsequence, CanBeChangedByTheDestructorOfAnElement)
 {
     using Change = std::function<void(xanysequence*)>;
     const std::vector<Change> operations = {
@@ -413,7 +413,7 @@ TEST(xsequence, CanBeChangedWhileAnElementDies)
     }
 }
 
-TEST(xsequence, LeavesEverythingAsItWasWhenItCannotGrow)
+TEST(xsequence, IsUnchangedWhenItCannotGrow)
 {
     xauto<Open<xintsequence>> ints; // the exceptions hold it
     ints.append(7);
@@ -436,7 +436,7 @@ TEST(xsequence, LeavesEverythingAsItWasWhenItCannotGrow)
     EXPECT_EQ(variants.getarraysize(), 0);
 }
 
-TEST(xsequence, BehavesAsAVectorDoes)
+TEST(xsequence, BehavesLikeAVector)
 {
     std::mt19937 random(7);
     const auto below = [&](std::size_t n) { return static_cast<int>(random() % n); };
@@ -507,7 +507,7 @@ TEST(xsequence, BehavesAsAVectorDoes)
     }
 }
 
-TEST(xsequence, TakesHardlyMoreMemoryThanItsElements)
+TEST(xsequence, TakesLittleMoreMemoryThanItsElements)
 {
     if (!freedMemoryIsGone)
         GTEST_SKIP() << "a sanitizer has a heap of its own";
@@ -523,7 +523,7 @@ TEST(xsequence, TakesHardlyMoreMemoryThanItsElements)
     EXPECT_LE(residentKiB("VmSize:") - addresses, 50 * 2250);
 }
 
-TEST(xsequence, IsKnownToTheTypeSystem)
+TEST(xsequence, IsRegisteredInTheTypeSystem)
 {
     const auto ints = sequenceOf<xintsequence>({4, 5});
     auto* const type = xrttisequence::cast(ints->getRtti());
