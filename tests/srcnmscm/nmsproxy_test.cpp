@@ -94,7 +94,7 @@ std::string Told(Action action)
 
 } // namespace
 
-TEST(nmsServerProxy, AsksTheNameServer)
+TEST(nmsServerProxy, QueriesTheNameServer)
 {
     const TestNameServer server({.version = "v7"});
     const Proxy proxy(nmsServerProxy::ConnectLocal());
@@ -129,7 +129,7 @@ TEST(nmsServerProxy, AsksTheNameServer)
               "ERROR  : NMS client: internal error occured. in nmsServerProxy::Query");
 }
 
-TEST(nmsServerProxy, AFarNameServerIsNotStoppedAndKnowsNoProcesses)
+TEST(nmsServerProxy, RemoteNameServerIsNotStoppedAndHasNoProcesses)
 {
     const TestNameServer server;
     const Proxy far(nmsServerProxy::ConnectByName("127.0.0.1"));
@@ -146,7 +146,7 @@ TEST(nmsServerProxy, AFarNameServerIsNotStoppedAndKnowsNoProcesses)
     EXPECT_TRUE(far->IsAlive());
 }
 
-TEST(nmsServerProxy, SaysWhenThereIsNoNameServer)
+TEST(nmsServerProxy, ReportsAMissingNameServer)
 {
     TestNameServer server;
     const Proxy proxy(nmsServerProxy::ConnectLocal());
@@ -173,7 +173,7 @@ TEST(nmsServerProxy, SaysWhenThereIsNoNameServer)
     EXPECT_EQ(told.str(), expected);
 }
 
-TEST(nmsServerProxy, TakesWhatAnyServerAnswers)
+TEST(nmsServerProxy, HandlesAnyReply)
 {
     const Proxy proxy(nmsServerProxy::InitLocalProxy());
     const Record pattern = RecordOf("a", "b");
@@ -230,7 +230,7 @@ TEST(nmsServerProxy, TakesWhatAnyServerAnswers)
     }
 }
 
-TEST(nmsXException, PrintsWhatFailedAndWithWhat)
+TEST(nmsXException, PrintsTheOperationAndItsFailure)
 {
     const EnvSetting noPort("VRXNMSPORT", "70000");
     const Proxy proxy(nmsServerProxy::InitLocalProxy());

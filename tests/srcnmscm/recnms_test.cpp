@@ -36,7 +36,7 @@ Stream StreamOf(const std::string& bytes)
 
 } // namespace
 
-TEST(nmsRecord, NumbersGoOverStreams)
+TEST(nmsRecord, NumbersAreSentOverStreams)
 {
     const Stream stream = NewStream();
     PutIndependentInt(stream.get(), 1);
@@ -46,7 +46,7 @@ TEST(nmsRecord, NumbersGoOverStreams)
     EXPECT_EQ(GetIndependentInt(StreamOf("abc").get()), 0);
 }
 
-TEST(nmsRecord, GoesOverAStreamAndComesBack)
+TEST(nmsRecord, IsReadBackFromAStream)
 {
     const Record sent(nmsRecord::Create(0));
     sent->Add("a", "xyz");
@@ -94,7 +94,7 @@ TEST(nmsRecord, KeepsWithinItsLimits)
     EXPECT_EQ(record->getFields()->getarraysize(), 0);
 }
 
-TEST(nmsRecord, TheRegistryLowersLimitsAndNeverRaisesThem)
+TEST(nmsRecord, RegistryLowersLimitsAndNeverRaisesThem)
 {
     const TempDir store;
     const EnvSetting registry("QELSTD_REGISTRY", store.path());
@@ -141,7 +141,7 @@ TEST(nmsRecord, MatchesWholeValues)
     EXPECT_FALSE(record->Match(nullptr));
 }
 
-TEST(nmsRecord, KnowsWhetherItsProcessRuns)
+TEST(nmsRecord, ReportsWhetherItsProcessRuns)
 {
     EXPECT_TRUE(Record(nmsRecord::Create(1))->IsAlive());
     EXPECT_TRUE(Record(nmsRecord::Create(1))->IsAssociated());
