@@ -53,7 +53,7 @@ TEST_F(QelConf, ReadsValues)
     EXPECT_EQ(complaint(none), "qel conf get: : no key \"none\"\n");
 }
 
-TEST_F(QelConf, ChangesAndAddsAndRemoves)
+TEST_F(QelConf, ChangesAddsAndRemovesEntries)
 {
     EXPECT_EQ(conf("set", "'a b' ' 1 '").output, "") << "a missing file is made";
     EXPECT_EQ(conf("set", "a 2").status, 0);
@@ -65,7 +65,7 @@ TEST_F(QelConf, ChangesAndAddsAndRemoves)
     EXPECT_EQ(dir.read("app.conf"), "");
 }
 
-TEST_F(QelConf, RefusesWhatWouldNotBeReadBack)
+TEST_F(QelConf, RejectsEntriesThatWouldNotBeReadBack)
 {
     for (const char* const arguments : {"a 'x\ny'", "'a\nb' x", "a:b x", "' ' x", "a", ""})
         EXPECT_EQ(conf("set", arguments).status, 2) << arguments;
@@ -74,7 +74,7 @@ TEST_F(QelConf, RefusesWhatWouldNotBeReadBack)
     EXPECT_FALSE(dir.has("app.conf")) << "deleting makes no file";
 }
 
-TEST_F(QelConf, DropsRemarksOnlyWhenItIsToldTo)
+TEST_F(QelConf, DropsCommentsOnlyOnRequest)
 {
     const std::string written = "# for people\n\nport:1\n:x\nport:2\n";
     dir.write("app.conf", written);
@@ -90,7 +90,7 @@ TEST_F(QelConf, DropsRemarksOnlyWhenItIsToldTo)
     EXPECT_EQ(conf("set", "a 2").status, 0) << "nobody misses blank lines";
 }
 
-TEST_F(QelConf, NamesTheLinesThatAreNotKept)
+TEST_F(QelConf, ReportsTheLinesThatAreNotKept)
 {
     dir.write("app.conf", "# \x1b[2Jfor people\n\nport:1\n:x\nport:2\r\na b:\nlast:1");
     const Outcome found = conf("lint");
@@ -114,7 +114,7 @@ TEST_F(QelConf, NamesTheLinesThatAreNotKept)
     EXPECT_EQ(conf("lint", dir.path("none")).status, 1);
 }
 
-TEST_F(QelConf, SaysWhyItFails)
+TEST_F(QelConf, ReportsWhyItFails)
 {
     EXPECT_EQ(complaint(conf("list")), "qel conf list: : not found\n");
     EXPECT_EQ(Qel("conf list /").output, "qel conf list: /: is a directory\n");
@@ -124,7 +124,7 @@ TEST_F(QelConf, SaysWhyItFails)
     EXPECT_EQ(conf("get", "a | cat").output, "1\n");
 }
 
-TEST_F(QelConf, KeepsTheFileWhenThereIsNoRoomForTheNewOne)
+TEST_F(QelConf, KeepsTheFileOnAFullDisk)
 {
     dir.write("app.conf", "a:1\n");
     // 512 bytes are less than the new content needs. The signal for that is ignored.
@@ -146,7 +146,7 @@ TEST_F(QelConf, LosesNoChangeOfSeveralPrograms)
     EXPECT_EQ(conf("list").output, "0:x\n1:x\n2:x\n3:x\n4:x\n5:x\n6:x\n7:x\n8:x\n9:x\n");
 }
 
-TEST_F(QelConf, SaysWhoHasTheFileAndGivesUp)
+TEST_F(QelConf, ReportsTheLockHolderAndGivesUp)
 {
     dir.write("app.conf", "a:1\n");
     hmxConfigFile file;

@@ -62,7 +62,7 @@ TEST_F(QelFs, ListsADirectory)
     EXPECT_EQ(fs("ls host::/x").status, 1);
 }
 
-TEST_F(QelFs, TakesAndPrintsNamesAsTheHostHasThem)
+TEST_F(QelFs, AcceptsAndPrintsNamesInTheSystemsForm)
 {
     const std::string sum = std::string(sumOfAbc) + "  ";
     for (const char* const name : {"C:note", "x::y", "b\\s", "sub/C:deep"})
@@ -92,7 +92,7 @@ TEST_F(QelFs, TakesAndPrintsNamesAsTheHostHasThem)
     EXPECT_TRUE(dir.has("C:conf") && dir.has("C:mon"));
 }
 
-TEST_F(QelFs, NamesThePathThatIsAtFault)
+TEST_F(QelFs, ReportsTheFailingPath)
 {
     dir.write("a", "1");
     EXPECT_EQ(fs("cp a none/deep/b").output,
@@ -108,7 +108,7 @@ TEST_F(QelFs, NamesThePathThatIsAtFault)
     EXPECT_EQ(full.output, "qel fs cp: small/large: Disk Full\nqel fs cp: small/a: read-only volume\n");
 }
 
-TEST_F(QelFs, CopiesAsCopyingIsKnown)
+TEST_F(QelFs, CopiesFilesTreesAndLinks)
 {
     dir.write("from/a", "1");
     dir.write("from/deep/b", "2");
@@ -156,7 +156,7 @@ TEST_F(QelFs, RefusesCopiesThatMakeNoSense)
     EXPECT_EQ(dir.read("a") + dir.read("b") + dir.read("sub/c"), "123");
 }
 
-TEST_F(QelFs, SaysThatTheDiskIsFull)
+TEST_F(QelFs, ReportsAFullDisk)
 {
     dir.write("large", std::string(5000, 'x'));
     const Outcome outcome =
@@ -167,7 +167,7 @@ TEST_F(QelFs, SaysThatTheDiskIsFull)
     EXPECT_EQ(fs("ls >/dev/full").status, 3);
 }
 
-TEST_F(QelFs, NamesTheArgumentThatIsAtFault)
+TEST_F(QelFs, ReportsTheWrongArgument)
 {
     dir.write("from/deep/a", std::string(5000, 'x'));
     dir.write("to/from/deep/a", "old");
@@ -189,7 +189,7 @@ TEST_F(QelFs, NamesTheArgumentThatIsAtFault)
     EXPECT_EQ(full.status, 3);
 }
 
-TEST_F(QelFs, KeepsGoingAndListsWhatIsLeftOut)
+TEST_F(QelFs, ContinuesAndListsSkippedNodes)
 {
     dir.write("from/a", "1");
     dir.write("from/z", "2");
@@ -209,7 +209,7 @@ TEST_F(QelFs, KeepsGoingAndListsWhatIsLeftOut)
     EXPECT_EQ(fs("rm -rf --keep-going none").status, 0);
 }
 
-TEST_F(QelFs, RemovesWhatItIsTold)
+TEST_F(QelFs, RemovesTheGivenNodes)
 {
     dir.write("tree/a", "1");
     dir.write("outside/kept", "2");
@@ -224,7 +224,7 @@ TEST_F(QelFs, RemovesWhatItIsTold)
     EXPECT_TRUE(dir.has("outside/kept"));
 }
 
-TEST_F(QelFs, RemovesNoRootAndNoDots)
+TEST_F(QelFs, RefusesToRemoveRootsAndDotEntries)
 {
     // Whatever goes wrong, it goes wrong in the directory of the test.
     const EnvSetting drive("QELSTD_DRIVE_C", dir.path().c_str());
@@ -243,7 +243,7 @@ TEST_F(QelFs, RemovesNoRootAndNoDots)
     EXPECT_TRUE(dir.has("sub/a")) << "all paths are looked at before anything is removed";
 }
 
-TEST_F(QelFs, SumsAreThoseOfOtherPrograms)
+TEST_F(QelFs, SumsMatchThoseOfOtherPrograms)
 {
     dir.write("abc", "abc");
     dir.write("empty", "");
@@ -289,7 +289,7 @@ TEST(Progress, IsOneLineThatFits)
     EXPECT_EQ(SizeText(12340000), "12.3 MB");
 }
 
-TEST_F(QelFs, ShowsAtATerminalHowLongWorkGetsOn)
+TEST_F(QelFs, ShowsProgressOnATerminal)
 {
     // Holes cost no room and no time to copy; summing them takes a while.
     dir.write("holes", "");
@@ -302,7 +302,7 @@ TEST_F(QelFs, ShowsAtATerminalHowLongWorkGetsOn)
     EXPECT_EQ(program.wait(), -1) << "ended by the interrupt";
 }
 
-TEST_F(QelFs, LeavesNoHalfFileWhenItIsInterrupted)
+TEST_F(QelFs, LeavesNoPartialFileWhenInterrupted)
 {
     constexpr int files = 1000;
     for (int i = 0; i < files; ++i)

@@ -39,7 +39,7 @@ protected:
 
 } // namespace
 
-TEST_F(QelMon, WritesWhatTheLibraryReads)
+TEST_F(QelMon, WritesFilesThatTheLibraryReads)
 {
     const Owned<monFile> opened(monFile::Open(file.c_str()));
     ASSERT_NE(opened, nullptr);
@@ -64,7 +64,7 @@ TEST_F(QelMon, WritesWhatTheLibraryReads)
                                               "speed  real\n");
 }
 
-TEST_F(QelMon, RefusesWhatDoesNotFitAndChangesNothing)
+TEST_F(QelMon, RejectsUnsuitableValuesAndChangesNothing)
 {
     const std::string before = dir.read("run.mon");
     EXPECT_EQ(Qel("mon create " + file).status, 1);
@@ -104,7 +104,7 @@ TEST_F(QelMon, WatchesInEachForm)
     EXPECT_EQ(Qel("mon watch --csv --json " + file).status, 2);
 }
 
-TEST_F(QelMon, ShowsOnATerminalWhatNumbersWere)
+TEST_F(QelMon, ShowsPreviousNumbersOnATerminal)
 {
     const EnvSetting kind("TERM", "xterm");
     const Owned<monFile> opened(monFile::Open(file.c_str()));
@@ -138,7 +138,7 @@ TEST_F(QelMon, ShowsOnATerminalWhatNumbersWere)
     EXPECT_EQ(watching.wait(), 0);
 }
 
-TEST_F(QelMon, WritesForTablesWhatWouldEndAField)
+TEST_F(QelMon, EscapesFieldSeparatorsInTables)
 {
     ASSERT_EQ(Qel("mon add " + file + " 'a,\"b\"' string 'c\nd'").status, 0);
     EXPECT_THAT(Qel("mon watch --csv --once " + file + " 'a,\"b\"'").output,
@@ -148,7 +148,7 @@ TEST_F(QelMon, WritesForTablesWhatWouldEndAField)
                 HasSubstr("\"problem\":\"not there yet\""));
 }
 
-TEST_F(QelMon, GoesOnWatchingAFileThatIsBegunAnew)
+TEST_F(QelMon, KeepsWatchingARecreatedFile)
 {
     RunningQel watching({"mon", "watch", "--json", "--interval", "0.02", file});
     EXPECT_THAT(watching.line(), HasSubstr("\"done\":5"));
@@ -183,7 +183,7 @@ TEST_F(QelMon, DrawsCharts)
     EXPECT_THAT(Qel("mon plot --count 1 " + file + " done").output, HasSubstr("qel mon plot: gnuplot: "));
 }
 
-TEST_F(QelMon, TellsFilesApartThatCannotBeWatched)
+TEST_F(QelMon, DistinguishesReasonsWhyAFileCannotBeWatched)
 {
     EXPECT_EQ(Qel("mon list " + file + ".no").output, "qel mon list: " + file + ".no: not there\n");
     dir.write("text", "not of that kind");
@@ -197,7 +197,7 @@ TEST_F(QelMon, TellsFilesApartThatCannotBeWatched)
     EXPECT_EQ(nlohmann::json::parse(damaged.output)["offset"], bytes.size());
 }
 
-TEST_F(QelMon, MarksValuesThatAreNoLongerTrue)
+TEST_F(QelMon, MarksOutdatedValues)
 {
     RunningQel watching({"mon", "watch", "--json", "--interval", "0.02", "--old", "1000", file});
     const auto lineWith = [&](const char* text) {

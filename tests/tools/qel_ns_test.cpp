@@ -67,7 +67,7 @@ TEST(QelNs, ServesItsClients)
                                   std::string(std::getenv("VRXNMSPORT")) + ": no answer\n");
 }
 
-TEST(QelNs, RefusesWrongArguments)
+TEST(QelNs, RejectsWrongArguments)
 {
     for (const char* const arguments :
          {"", "ns", "ns delete", "ns register a", "ns serve --port 65536", "no"})
@@ -90,7 +90,7 @@ TEST(QelNs, WaitsForAServer)
     EXPECT_EQ(waiting.child.wait(), 0);
 }
 
-TEST(QelNs, SaysHowFullTheServerIs)
+TEST(QelNs, ReportsTheServersUsage)
 {
     const RunningQel server({"ns", "serve", "--port", "0", "--max-records", "12", "--max-records-of-peer",
                              "2", "--shared", "_ServerName"});

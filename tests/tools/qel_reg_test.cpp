@@ -61,7 +61,7 @@ TEST_F(QelReg, ListsKeysAndValues)
     EXPECT_EQ(Qel("reg list --all >/dev/full").status, 3);
 }
 
-TEST_F(QelReg, DeletesAKeyWithSubkeysOnlyWhenItIsToldTo)
+TEST_F(QelReg, DeletesAKeyWithSubkeysOnlyOnRequest)
 {
     Qel("reg set 'A\\B\\C' x 1");
     Qel("reg set 'A\\D' x 1");
@@ -94,7 +94,7 @@ TEST_F(QelReg, DeletesNothingOutsideTheStore)
     EXPECT_EQ(Qel("reg list 'A\\linked'").output, "qel reg list: A\\linked: not a directory\n");
 }
 
-TEST_F(QelReg, SetsNoRightsThatCanNeverApply)
+TEST_F(QelReg, RejectsRightsThatCanNeverApply)
 {
     for (const char* const name : {"my.server", "a:1", "a/b", "a*", "a?"})
         for (const char* const root : {"--system", "--user"}) {
@@ -108,7 +108,7 @@ TEST_F(QelReg, SetsNoRightsThatCanNeverApply)
     EXPECT_FALSE(dir.has("store"));
 }
 
-TEST_F(QelReg, RefusesWrongArguments)
+TEST_F(QelReg, RejectsWrongArguments)
 {
     for (const char* const arguments :
          {"set Software/VRX a b", "set Software a.b x", "set Software 'a\\b' x", "get Software",
@@ -117,7 +117,7 @@ TEST_F(QelReg, RefusesWrongArguments)
     EXPECT_EQ(Qel("reg set 'a\\\\b' x y").status, 3);
 }
 
-TEST_F(QelReg, SaysWhyTheStoreCannotBeUsed)
+TEST_F(QelReg, ReportsWhyTheStoreCannotBeUsed)
 {
     const EnvSetting nowhere("QELSTD_REGISTRY", "/proc/nowhere");
     const Outcome refused = Qel("reg set a b c");

@@ -58,7 +58,7 @@ bool Ends(const std::string& id, double seconds = 2.0)
 
 } // namespace
 
-TEST(QelRsh, FindsAShellWhereTheServersEnvironmentNamesNone)
+TEST(QelRsh, FindsAShellWithoutOneInTheServersEnvironment)
 {
     const EnvSetting noShell("SHELL", nullptr), noComspec("COMSPEC", nullptr);
     const RunningQel server({"rshd", "--port", "0"});
@@ -68,7 +68,7 @@ TEST(QelRsh, FindsAShellWhereTheServersEnvironmentNamesNone)
     EXPECT_EQ(outcome.status, 0);
 }
 
-TEST(QelRsh, IsLikeRunningTheCommandHere)
+TEST(QelRsh, BehavesLikeRunningTheCommandLocally)
 {
     const Shell shell;
     const TempDir dir;
@@ -106,7 +106,7 @@ TEST(QelRsh, IsLikeRunningTheCommandHere)
     EXPECT_EQ(Qel("rsh --port 1 localhost true").status, 3);
 }
 
-TEST(QelRsh, CarriesMuchThroughPipes)
+TEST(QelRsh, TransfersMuchThroughPipes)
 {
     const Shell shell;
     const auto checkOf = [](const std::string& line) {
@@ -121,7 +121,7 @@ TEST(QelRsh, CarriesMuchThroughPipes)
     EXPECT_EQ(checkOf(remotely + "sh -c 'seq 2000000 >&2' 2>&1 </dev/null"), checkOf("seq 2000000"));
 }
 
-TEST(QelRsh, HandsInterruptsOn)
+TEST(QelRsh, ForwardsInterrupts)
 {
     const Shell shell;
     RunningQel client = shell.start(
@@ -134,7 +134,7 @@ TEST(QelRsh, HandsInterruptsOn)
     EXPECT_EQ(client.child.wait(), 5);
 }
 
-TEST(QelRsh, EndsWhatTheThirdInterruptFindsRunning)
+TEST(QelRsh, ThirdInterruptKillsTheCommand)
 {
     const Shell shell;
     const auto insist = [](RunningQel& client) {
@@ -158,7 +158,7 @@ TEST(QelRsh, EndsWhatTheThirdInterruptFindsRunning)
     shell.server.child.signal(SIGCONT);
 }
 
-TEST(QelRsh, EndsTheCommandWithAClientThatIsKilled)
+TEST(QelRsh, KillingTheClientEndsTheCommand)
 {
     const Shell shell;
     RunningQel client = shell.start("echo $$; sleep 60; echo");
@@ -168,7 +168,7 @@ TEST(QelRsh, EndsTheCommandWithAClientThatIsKilled)
     EXPECT_EQ(shell.run("echo fine").output, "fine\n");
 }
 
-TEST(QelRsh, LosesTheConnectionWhenTheServerIsKilled)
+TEST(QelRsh, ReportsALostConnectionWhenTheServerIsKilled)
 {
     Shell shell;
     RunningQel client = shell.start("echo $$; exec cat");
@@ -189,7 +189,7 @@ TEST(QelRshd, StopsAtSigtermWithItsCommands)
     EXPECT_TRUE(Ends(command));
 }
 
-TEST(QelRsh, SaysThatOutputWasLost)
+TEST(QelRsh, ReportsLostOutput)
 {
     const Shell shell;
     const Outcome lost = shell.run("echo text", ">/dev/full");
@@ -221,7 +221,7 @@ bool IsCut(btkStreamSocket& socket)
 
 } // namespace
 
-TEST(QelRshd, LetsNobodyKeepAPlaceWithoutARequest)
+TEST(QelRshd, ClosesClientsThatSendNoRequest)
 {
     const Shell shell({"rshd", "--port", "0", "--sessions", "1", "--request-limit", "2"});
     // Of more than may be unfinished the oldest leave, whatever they have sent; the others have their time.
@@ -243,7 +243,7 @@ TEST(QelRshd, LetsNobodyKeepAPlaceWithoutARequest)
     EXPECT_LT((btkTimeval::Now() - begun).ToSeconds(), 2.0 * 1.1 + 0.5);
 }
 
-TEST(QelRshd, LetsNobodyKeepAPlaceAfterItsCommand)
+TEST(QelRshd, ClosesClientsThatStayAfterTheirCommand)
 {
     const Shell shell({"rshd", "--port", "0", "--sessions", "1", "--patience", "1"});
     const auto done = Begun(shell, std::string("\0\0\0\4true\0\0\0\0\0\0\0\0\0\0\0\5", 20));
@@ -271,7 +271,7 @@ TEST(QelRshd, IsFoundByNameAndIsAVersionedServer)
     EXPECT_EQ(Qel("ns list").output, "");
 }
 
-TEST(QelRshd, RefusesToServeTheWorld)
+TEST(QelRshd, RefusesToServeEveryMachine)
 {
     const TempDir dir;
     const EnvSetting registry("QELSTD_REGISTRY", dir.path());

@@ -54,7 +54,7 @@ private:
 
 } // namespace
 
-TEST(QelServer, SpeaksTheHandshake)
+TEST(QelServer, PerformsTheHandshake)
 {
     const std::string lacksRights = ": echo: Connection refused due to lack of rights\n";
     const struct
@@ -82,7 +82,7 @@ TEST(QelServer, SpeaksTheHandshake)
     }
 }
 
-TEST(QelServer, SaysThatThereIsNone)
+TEST(QelServer, ReportsAMissingServer)
 {
     const TestNameServer names;
     const Outcome outcome = Qel("server ping nobody@127.0.0.1");
@@ -95,7 +95,7 @@ TEST(QelServer, SaysThatThereIsNone)
     EXPECT_EQ(Qel("server ping").status, 2);
 }
 
-TEST(QelServer, ChecksWhoMayConnect)
+TEST(QelServer, ChecksTheRightToConnect)
 {
     const TempDir dir;
     const EnvSetting registry("QELSTD_REGISTRY", dir.path("store").c_str());
