@@ -25,8 +25,7 @@ QEL_ENUM(ioError); // "iolib::Error"
 enum ioEventType : int { ioInputPending, ioOutputPending };
 QEL_ENUM(ioEventType); // "iolib::EventType"
 
-/// A share of what a stream, its events and its failures know of it: where it is while it lives. The last one
-/// that shares it frees it.
+/// Reference-counted weak link to a stream; null once the stream is destroyed. The last holder frees it.
 class ioStreamLink
 {
 public:
@@ -43,20 +42,20 @@ public:
             delete place;
     }
 
-    /// For the stream itself: makes the link when there is none yet.
+    /// Called by the stream: makes the link if it does not exist yet.
     const ioStreamLink& To(ioStream* stream)
     {
         if (place == nullptr)
             place = new Place{stream};
         return *this;
     }
-    /// For the stream itself, which goes.
+    /// Called by the stream's destructor.
     void Leave()
     {
         if (place != nullptr)
             place->stream = nullptr;
     }
-    /// The stream, or null when it is gone.
+    /// The stream, or null once it is destroyed.
     ioStream* Get() const { return place->stream; }
 
 private:
@@ -70,15 +69,15 @@ private:
 
 /// A stream of typed values: bytes, ints, bools, reals and strings, in the byte form of its serializer. Two
 /// families of operations: Read... and Write... block, and throw ioXStream for every failure; Try... never
-/// block, change nothing and answer whether the value could be transferred now, so that an event loop can
-/// wait for the stream's events when not.
+/// block; they change nothing, and return whether the value could be transferred now. An event loop then
+/// waits for the stream's events when it could not.
 ///
 /// While the state is not good (the end was read, a conversion failed, ...) every transfer throws
-/// ioStreamState; setIsFail(false) makes it good again. A closed stream throws ioStreamState from everything
-/// but Close, Flush(true) and the attributes that read its fields. Used by one thread at a time. Not counted:
-/// freed with xdelete.
+/// ioStreamState; setIsFail(false) resets the state to good. A closed stream throws ioStreamState from
+/// everything but Close, Flush(true) and the attributes that read its fields. Used by one thread at a time.
+/// Not counted: freed with xdelete.
 ///
-/// A concrete stream brings its buffer, and its destructor calls Release.
+/// A concrete stream supplies its buffer, and its destructor calls Release.
 class QEL_API ioStream : public virtual xobject
 {
     QEL_OBJECT(ioStream); // "iolib::Stream"
@@ -117,7 +116,7 @@ public:
     int ReadInt();
     unsigned char ReadBool();
     double ReadReal();
-    /// `delims`: what ends a string in the ASCII form (its first character; none given: the line feed).
+    /// `delims`: its first character ends a string in the ASCII form; without one the line feed does.
     xstring ReadString(const char* delims);
     void WriteByte(int byte);
     void WriteInt(int v);
@@ -125,14 +124,14 @@ public:
     void WriteReal(double d);
     /// Null and the reserved pointers write the empty text.
     void WriteString(const char* s);
-    /// Raw bytes. Answers how many were read: `n`, or fewer before the end of the data or of the limit, which
-    /// the state tells.
+    /// Raw bytes. Returns how many were read: `n`, or fewer when the data ended or the limit expired, as the
+    /// state shows.
     unsigned int ReadBytes(void* p, unsigned int n);
     void WriteBytes(const void* p, unsigned int n);
     /// Copies all that remains in `src` into this stream, or in this stream into `dst`. See CopyStream.
     void ReadStream(ioStream* src);
     void WriteStream(ioStream* dst);
-    /// Brings what is buffered to its destination. Answers null. Only `blocking` flushes are supported.
+    /// Writes the buffered data to its destination. Returns null. Only `blocking` flushes are supported.
     ioEvent* Flush(unsigned char blocking);
 
     // ---- sizes: the number of bytes that a value takes in the stream's form
@@ -146,11 +145,10 @@ public:
 
     // ---- state and settings
 
-    /// Brings what was written to its destination and closes the stream for good. Closing twice does nothing.
-    /// @throws ioXStream  ioStreamState: what was written to a file, or gathered for a pipe, cannot be
-    /// brought
-    ///                    there. The stream is closed all the same. A pipe without reader and a connection
-    ///                    are no such failure.
+    /// Flushes and closes the stream for good. Closing twice does nothing.
+    /// @throws ioXStream  ioStreamState: data written to a file, or gathered for a pipe, cannot be flushed.
+    ///                    The stream is closed nevertheless. A pipe without reader and a connection do not
+    ///                    throw.
     void Close();
     ioSerializer* getSerializer() { return serializer; }
     /// @throws ioXStream  ioImproperFunction once something has been transferred
@@ -158,10 +156,10 @@ public:
     unsigned char getIsOpen() { return isOpen; }
     unsigned char getCanRead() { return canRead; }
     unsigned char getCanWrite() { return canWrite; }
-    /// Seconds, or INFINITE. A stream whose buffer keeps limits (that of a connection) has each blocking
-    /// operation wait so long at most for the next byte to come, or to go; it fails then with the state
-    /// "timeout expired", and the part of a value that was transferred is lost. For all others the blocking
-    /// operations of values work without limit only.
+    /// Seconds, or INFINITE. A stream whose buffer supports timeouts (that of a connection) applies the
+    /// timeout to each blocking operation: it waits at most that long for the next byte to be received or
+    /// sent, then fails with the state "timeout expired", and the transferred part of a value is lost. With
+    /// any other stream the blocking operations of values work without limit only.
     double getITimeout() { return iTimeout; }
     double getOTimeout() { return oTimeout; }
     void setITimeout(double seconds);
@@ -172,7 +170,7 @@ public:
     unsigned char getIsGood() { return state == 0; }
     unsigned char getIsTimeout() { return (state & stateTimeout) != 0; }
     unsigned char getIsDataLost() { return (state & stateDataLost) != 0; }
-    /// True adds the failure to the state; false makes the whole state good.
+    /// True adds the failure to the state; false resets the whole state to good.
     void setIsFail(unsigned char fail);
     void setIsBad(unsigned char bad);
     /// Not supported: each throws ioUnsupportedFunction.
@@ -182,7 +180,7 @@ public:
     unsigned char getWouldDataLost();
     void Ignore();
 
-    // ---- the standard streams, made on first call, in ASCII form; not to be freed
+    // ---- the standard streams, created on first call, in ASCII form; not to be freed
 
     static ioStream* getStdin();
     static ioStream* getStdout();
@@ -202,22 +200,22 @@ protected:
         stateDataLost = 0x10
     };
 
-    /// `buffer` stays the concrete stream's own, which destroys it in OnClose.
+    /// The concrete stream owns `buffer` and destroys it in OnClose.
     ioStream(ioSerializer* form, xstreambuf* buffer, bool writable, bool readable);
 
     /// Adds to the state and throws ioStreamState.
     [[noreturn]] void ThrowState(int bits);
     [[noreturn]] void Throw(ioError error, const char* msg = "");
-    /// A new event over `event`, of which it takes ownership.
+    /// A new event that wraps `event` and takes ownership of it.
     ioEvent* CreateEvent(btkBaseEvent* event, ioEventType type);
 
-    /// Close for destructors: what cannot be brought to its destination is lost.
+    /// Close for destructors: data that cannot be flushed is lost.
     void Release();
 
-    /// GetInheritHandle for a stream whose buffer has the descriptor.
+    /// GetInheritHandle for a stream whose buffer holds the descriptor.
     btkHandle GetSettledHandle();
 
-    // The guards: the open check, and what comes before reading and writing.
+    // The guards: the open check, and the checks before reading and writing.
     void CheckOpen()
     {
         if (!isOpen)
@@ -234,30 +232,30 @@ protected:
             ThrowGuard(ioOutputNotAllowed);
     }
 
-    /// The limits for streams that wait with one; meaningless while the timeout is INFINITE.
+    /// The limits for streams that support timeouts; meaningless while the timeout is INFINITE.
     btkTimeval GetITimeval() const { return iTimeval; }
     btkTimeval GetOTimeval() const { return oTimeval; }
     void ClearEofBit() { SetState(state & ~stateEof); }
-    /// How many bytes a text may have that is read; a longer one is a conversion error. 65536 at least,
-    /// without limit at first, but for connections.
+    /// The longest text that is read, in bytes; a longer one is a conversion error. At least 65536. Initially
+    /// unlimited, except for connections.
     void SetTextLimit(std::size_t bytes);
 
 private:
     friend class ioXStream;
     friend class ioEvent;
     friend class netThread; // waits for the handle
-    friend class pcProcess; // prepares streams for a child, and gives it their handles
+    friend class pcProcess; // prepares streams for a child, and passes their handles on
     friend class rshOutlet; // writes to the handle without waiting
     friend QEL_API void CopyStream(ioStream* to, ioStream* from);
 
-    /// Releases what the concrete stream holds, its buffer at least. Called once.
+    /// Releases the concrete stream's resources, at least its buffer. Called once.
     virtual void OnClose() = 0;
-    /// The descriptor that a child process may inherit: what was written before stands before what the child
-    /// writes, and the child reads what comes next here. It stays the stream's. -1: there is none, what was
-    /// written cannot be brought to it, or what was read ahead cannot be given back.
+    /// The descriptor that a child process may inherit: data already written precedes the child's output, and
+    /// the child reads the bytes that come next here. The stream keeps ownership. -1: there is none, written
+    /// data cannot be flushed to it, or bytes read ahead cannot be given back.
     virtual btkHandle GetInheritHandle();
-    /// Lets a child that inherits the standard streams go on where this process is with them, where that is
-    /// possible.
+    /// Lets a child that inherits the standard streams continue at this process's position in them, where
+    /// that is possible.
     static void SettleStandardStreams();
     virtual void SetTextMode();
     virtual void SetBinaryMode();
@@ -269,7 +267,7 @@ private:
             ThrowTryCode(code);
     }
     [[noreturn]] void ThrowTryCode(ioTryCode code);
-    /// `bits`, or that the limit has passed, when that is why the last transfer failed.
+    /// `bits`, or the timeout bit when the last transfer failed because its limit expired.
     int WhyFailed(int bits) const;
     const char* StateText() const;
     template<class Transfer>
@@ -278,8 +276,8 @@ private:
     ioTryCode TryPassText(std::streambuf& view);
     template<class Transfer>
     ioTryCode TryWrite(Transfer transfer);
-    /// How the blocking operations transfer: with all guards, by the serializer's operations, or first of all
-    /// right in the buffer, where the value is held or has room.
+    /// How the blocking operations transfer: with all guards, through the serializer's operations, or
+    /// directly in the buffer first, when the value is held there or there is room for it.
     enum Way : unsigned char { withGuards, bySerializer, asText, asNative, asNetwork };
 
     void BeginRead()
@@ -322,21 +320,22 @@ private:
     ioSerializer* serializer = nullptr; // shared
     xstreambuf* streamBuf;
     std::streambuf* direct; // the same, as the serializers see it
-    // Never withGuards before all guards have let the first transfer through, and no longer than they would.
+    // withGuards until all guards have let the first transfer pass, and again as soon as one of them would
+    // refuse.
     Way readWay = withGuards;
     Way writeWay = withGuards;
     bool active = false; // something has been transferred
     bool isOpen = true;
     bool canRead;
     bool canWrite;
-    bool keepsITimeout = true; // the buffer does, or there is none
+    bool keepsITimeout = true; // the buffer supports it, or there is no limit
     bool keepsOTimeout = true;
     double iTimeout = INFINITE;
     btkTimeval iTimeval;
     double oTimeout = INFINITE;
     btkTimeval oTimeval;
     int state = 0;
-    /// The unread bytes in which TryReadString has found no delimiter, while the buffer is starved of more.
+    /// The unread bytes in which TryReadString has found no delimiter; valid until more bytes arrive.
     struct Searched
     {
         std::size_t count = 0;
@@ -347,8 +346,8 @@ private:
     ioStreamLink link; // shared with events and failures
 };
 
-/// Copies all that remains in `from`, byte by byte as it is, into `to`; of a file that is copied to itself,
-/// what it held at the beginning. Nothing is flushed.
+/// Copies all that remains in `from` unchanged into `to`. A file that is copied to itself contributes its
+/// initial content only. Nothing is flushed.
 /// @throws ioXStream  of `from`: it cannot be read, reading failed, or it has another serializer; of `to`: it
 ///                    cannot be written
 QEL_API void CopyStream(ioStream* to, ioStream* from);
@@ -360,7 +359,7 @@ class QEL_API ioXStream : public virtual xthrowable
     QEL_OBJECT(ioXStream); // "iolib::XStream"
 
 public:
-    /// `msg` names the function, where the error is about one. The text is that of the stream's state now.
+    /// `msg` names the function if the error concerns one. The text describes the stream's current state.
     ioXStream(ioStream* stream, ioError error, const char* msg);
     ~ioXStream() override;
     [[noreturn]] static void Throw(ioStream* stream, ioError error, const char* msg);
@@ -368,7 +367,7 @@ public:
     /// The stream that failed, or null when it is gone.
     ioStream* getStream();
     ioError getError() { return error; }
-    /// "Stream Error (iolib): " and what happened.
+    /// "Stream Error (iolib): " and a description of the failure.
     xstring getMsg();
 
 private:
@@ -383,7 +382,7 @@ class QEL_API ioEvent : public evtEvent
     QEL_OBJECT(ioEvent); // "iolib::Event"
 
 public:
-    /// The stream, or null when it is gone.
+    /// The stream, or null once it is destroyed.
     ioStream* getStream();
     ioEventType getType() { return type; }
 

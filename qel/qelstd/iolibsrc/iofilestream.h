@@ -26,24 +26,23 @@ public:
     static ioFileStream* Create(const char* path, ioOpenMode mode, unsigned char flag);
     ~ioFileStream() override;
 
-    /// Moves the position, in bytes, and ends the state of end of file. What is read afterwards is what the
-    /// file holds then.
-    /// @throws ioXStream  there is no such position, or what was written before cannot be brought to the
-    /// file; the
-    ///                    position stays
+    /// Moves the position, in bytes, and clears the end-of-file state. Later reads see the file's content at
+    /// that time.
+    /// @throws ioXStream  there is no such position, or buffered data cannot be written to the file; the
+    ///                    position is unchanged
     void SeekOff(int offset, ioDirection dir);
     /// The position in bytes; xnullint when there is none or an int cannot hold it.
     int TellPos();
-    /// The size of the file in bytes as it is now, with what other processes have appended and what was
+    /// The current size of the file in bytes, including bytes that other processes have appended and bytes
     /// written here; xnullint when there is none or an int cannot hold it.
     int TellSize();
-    /// Truncates nothing in this version. Brings what was written to the file.
+    /// Truncates nothing in this version. Writes buffered data to the file.
     void Truncate(int size);
     /// The path as it was given.
     xstring getPath();
 
 private:
-    friend class monFile; // shares its file with others, by locks and cuts
+    friend class monFile; // shares its file with other processes: locks and truncates it
 
     ioFileStream(xfilebuf* opened, const char* name, bool writable, bool readable);
 
@@ -52,5 +51,5 @@ private:
 
     xfilebuf* fileBuf;
     xstring path;
-    btkFd inheritHandle; // of its own, opened when it is first asked for
+    btkFd inheritHandle; // a second descriptor, opened on first use
 };

@@ -10,7 +10,7 @@
 
 #include "iotext_p.h"
 
-// Values as words of 1, 4 or 8 bytes, in the host's order or in that of the network.
+// Values as words of 1, 4 or 8 bytes, in the machine's byte order or in network byte order.
 
 struct ioNative
 {
@@ -45,8 +45,8 @@ void ioEncode(char* to, Value value)
     std::memcpy(to, &word, sizeof word);
 }
 
-/// Reads or writes a value where all of it is held, or there is room for it. False when not; nothing has
-/// happened then.
+/// Reads or writes a value if the buffer holds all of it, or has room for it. Otherwise returns false and
+/// does nothing.
 template<class Form, class Value>
 bool ioReadHeld(Value& value, std::streambuf& sb)
 {
@@ -65,7 +65,7 @@ bool ioWriteHeld(Value value, std::streambuf& sb)
     if (static_cast<std::size_t>(xbufaccess::Limit(sb) - place) < sizeof value)
         return false;
     xbufaccess::Commit(
-        sb, sizeof value); // first: the bytes could be the buffer's own pointers, as far as a compiler knows
+        sb, sizeof value); // first: the compiler must assume that the bytes alias the buffer's pointers
     ioEncode<Form>(place, value);
     return true;
 }
@@ -92,8 +92,8 @@ ioTryCode ioWrite(Value value, std::streambuf* sb)
     return sb->sputn(bytes, sizeof bytes) == sizeof bytes ? ioSuccess : ioIOError;
 }
 
-/// The bytes of a string, which is an int with its length and the bytes, where all of it is held: it is read
-/// then. Null when not, and for a length that cannot be; nothing has happened then.
+/// Reads a string (an int with its length, then the bytes) if the buffer holds all of it, and returns its
+/// bytes. Otherwise, or for an invalid length, returns null and does nothing.
 template<class Form>
 const char* ioReadTextHeld(std::size_t& length, std::streambuf& sb)
 {
@@ -101,14 +101,14 @@ const char* ioReadTextHeld(std::size_t& length, std::streambuf& sb)
     const std::size_t held = static_cast<std::size_t>(xbufaccess::End(sb) - next);
     if (held < sizeof(int))
         return nullptr;
-    length = ioDecode<Form, std::uint32_t>(next); // one that is negative is more than there can be
+    length = ioDecode<Form, std::uint32_t>(next); // a negative length exceeds every buffer
     if (length > held - sizeof(int) || length > INT_MAX)
         return nullptr;
     xbufaccess::Advance(sb, next + sizeof(int) + length);
     return next + sizeof(int);
 }
 
-/// Writes a string where there is room for all of it. False when not; nothing has happened then.
+/// Writes a string if there is room for all of it. Otherwise returns false and does nothing.
 template<class Form>
 bool ioWriteTextHeld(const char* s, std::size_t length, std::streambuf& sb)
 {

@@ -5,9 +5,9 @@
 class xipipebuf;
 class xopipebuf;
 
-/// A stream over one end of a pipe. Binary form unless set otherwise. What is written is in the pipe at once,
-/// unless setBuffered says otherwise; writing waits while the pipe is full, and fails with the state "I/O
-/// error", and no signal, when nobody can read it.
+/// A stream over one end of a pipe. Binary form unless set otherwise. Data is written to the pipe at once
+/// unless setBuffered(true) was called. Writing waits while the pipe is full; without a reader it fails with
+/// the state "I/O error" and raises no signal.
 class QEL_API ioPipeStream : public ioStream
 {
     QEL_OBJECT(ioPipeStream); // "iolib::PipeStream"
@@ -15,12 +15,11 @@ class QEL_API ioPipeStream : public ioStream
 public:
     ~ioPipeStream() override;
 
-    /// True: what is written to this end is gathered until it fills 4 KiB, Flush, Close, or the launch of a
-    /// process that gets the stream; values cost no system call each then. False, as at first: what was
-    /// gathered is written, and so is each value from now on.
-    /// @throws ioXStream  ioOutputNotAllowed: this is a reading end; ioStreamState: what was gathered cannot
-    /// be
-    ///                    written
+    /// True: data written to this end is gathered until it fills 4 KiB, or until Flush, Close, or the launch
+    /// of a process that gets the stream; single values then cost no system call. False, the initial setting:
+    /// writes the gathered data now, and each later value at once.
+    /// @throws ioXStream  ioOutputNotAllowed: this is a reading end; ioStreamState: the gathered data cannot
+    ///                    be written
     void setBuffered(bool buffered);
 
 private:
@@ -33,24 +32,23 @@ private:
     btkHandle GetInheritHandle() override;
 
     xstreambuf* pipeBuf;
-    xopipebuf* outputBuf = nullptr; // the same, of a writing end
+    xopipebuf* outputBuf = nullptr; // the same object; null for a reading end
 };
 
-/// An anonymous pipe: what is written to one end is read from the other. Each end is used by one thread or
+/// An anonymous pipe: bytes written to one end are read from the other. Each end is used by one thread or
 /// process at a time. Not counted: freed with xdelete, which closes and frees both streams.
 class QEL_API ioPipe : public virtual xobject
 {
     QEL_OBJECT(ioPipe); // "iolib::Pipe"
 
 public:
-    /// Null when the host has no descriptors left.
+    /// Null when the operating system has no descriptors left.
     static ioPipe* Create();
     ~ioPipe() override;
     ioPipe(const ioPipe&) = delete;
     ioPipe& operator=(const ioPipe&) = delete;
 
-    /// The two streams, which stay the pipe's. The reader sees the end of the data once the write end is
-    /// closed.
+    /// The two streams; the pipe owns them. The reader sees the end of the data once the write end is closed.
     ioPipeStream* getWriteEnd() { return writeEnd; }
     ioPipeStream* getReadEnd() { return readEnd; }
 

@@ -6,17 +6,16 @@
 
 class xstring;
 
-/// What a transfer that may not throw answers.
+/// The result of a transfer that does not throw.
 enum ioTryCode : int { ioSuccess, ioWouldBlock, ioEndOfFile, ioIOError, ioFormatError, ioNotSupported };
 QEL_ENUM(ioTryCode); // "iolib::TryCode"
 
-/// The byte form of the values that a stream carries. Three forms exist, each as one shared object without
-/// state, which lives as long as the process and may be used by any number of threads. No form marks kinds or
-/// separates values: reader and writer agree on the sequence of kinds. Values pass unchanged, reserved ones
-/// too.
+/// The byte form of the values that a stream carries. Three forms exist, each as one shared stateless object,
+/// which lives as long as the process and is safe to use from any thread. No form marks kinds or separates
+/// values: reader and writer agree on the sequence of kinds. Values pass unchanged, reserved ones too.
 ///
-/// The operations are called by streams. They answer codes and throw nothing but std::bad_alloc; a read that
-/// meets the end of the data within a value has consumed what it read.
+/// Streams call the operations. These return codes and throw nothing but std::bad_alloc; a read that reaches
+/// the end of the data within a value has consumed the bytes it read.
 class QEL_API ioSerializer : public virtual xobject
 {
     QEL_OBJECT(ioSerializer); // "iolib::Serializer", not counted
@@ -24,9 +23,9 @@ class QEL_API ioSerializer : public virtual xobject
 public:
     /// Text: decimal numbers, "T" and "F". Reading skips white space first.
     static ioSerializer* getAscii();
-    /// The host's own representation.
+    /// The machine's own representation.
     static ioSerializer* getBinary();
-    /// Big-endian. The one for files and connections that other machines read.
+    /// Big-endian: for files and connections shared with other machines.
     static ioSerializer* getXDR();
 
 protected:
@@ -37,7 +36,7 @@ protected:
     virtual ioTryCode WrBytes(const void* p, unsigned int n, std::streambuf* sb) = 0;
     virtual ioTryCode RdByte(char& c, std::streambuf* sb) = 0;
     virtual ioTryCode WrByte(char c, std::streambuf* sb) = 0;
-    /// Each Sz answers the number of bytes that the value takes; xnullint when an int cannot hold that.
+    /// Each Sz returns the number of bytes that the value takes; xnullint when an int cannot hold that.
     virtual int SzByte(char c) = 0;
     virtual ioTryCode RdInt(int& v, std::streambuf* sb) = 0;
     virtual ioTryCode WrInt(int v, std::streambuf* sb) = 0;
@@ -48,8 +47,8 @@ protected:
     virtual ioTryCode RdReal(double& d, std::streambuf* sb) = 0;
     virtual ioTryCode WrReal(double d, std::streambuf* sb) = 0;
     virtual int SzReal(double d) = 0;
-    /// `s` is unchanged unless the answer is ioSuccess. A string ends at its first zero; what was sent behind
-    /// one is consumed.
+    /// `s` is unchanged unless ioSuccess is returned. A string ends at its first zero byte; bytes sent behind
+    /// that are consumed.
     virtual ioTryCode RdString(xstring& s, std::streambuf* sb, const char* delims) = 0;
     /// Null and the reserved pointers write the empty text.
     virtual ioTryCode WrString(const char* s, std::streambuf* sb) = 0;
@@ -73,16 +72,15 @@ protected:
     ioTryCode RdByte(char& c, std::streambuf* sb) override;
     ioTryCode WrByte(char c, std::streambuf* sb) override;
     int SzByte(char c) override;
-    /// A length that is negative is a format error. No more memory is taken than in proportion to what
-    /// arrives.
+    /// A negative length is a format error. Memory use stays proportional to the bytes that have arrived.
     ioTryCode RdString(xstring& s, std::streambuf* sb, const char* delims) override;
-    /// A text that is too long for its length to be an int is a format error; nothing is written.
+    /// A text whose length does not fit an int is a format error; nothing is written.
     ioTryCode WrString(const char* s, std::streambuf* sb) override;
     int SzString(const char* s) override;
 };
 
-/// The text form. What a default standard stream would write and accept, in the classic locale. The real's
-/// text has six significant digits. A number that ends with the input counts as read.
+/// The text form. It writes and accepts the same text as a default-configured standard stream in the classic
+/// locale. A real has six significant digits. A number that ends with the input counts as read.
 class QEL_API ioAsciiSerializer : public ioByteSerializer
 {
 public:
@@ -102,13 +100,13 @@ protected:
     ioTryCode WrReal(double d, std::streambuf* sb) override;
     int SzReal(double d) override;
     /// Reads up to the first character of `delims`, or the line feed when there is none; the delimiter stays
-    /// in the input. A format error when nothing stands before it.
+    /// in the input. An empty text is a format error.
     ioTryCode RdString(xstring& s, std::streambuf* sb, const char* delims) override;
     ioTryCode WrString(const char* s, std::streambuf* sb) override;
     int SzString(const char* s) override;
 };
 
-/// The host's own form: a bool is one byte, an int four, a real eight.
+/// The machine's own form: a bool is one byte, an int four, a real eight.
 class QEL_API ioBinarySerializer : public ioByteSerializer
 {
 public:

@@ -4,7 +4,7 @@
 
 class xstringbuf;
 
-/// A stream in memory. ASCII form unless set otherwise. What is written can be read at once.
+/// A stream in memory. ASCII form unless set otherwise. Written data can be read at once.
 class QEL_API ioStringStream : public ioStream
 {
     QEL_OBJECT(ioStringStream); // "iolib::StringStream"
@@ -15,15 +15,15 @@ public:
     static ioStringStream* Create(const char* text);
     ~ioStringStream() override;
 
-    /// All that was written so far, read or not, except what DiscardRead has forgotten; a string ends at its
-    /// first zero. getBytes gives the bytes of the binary forms.
+    /// All data written so far, read or not, except data dropped by DiscardRead; a string ends at its first
+    /// zero byte. getBytes gives the bytes of the binary forms.
     /// @throws ioXStream  ioOutputNotAllowed when the stream reads a given text
     xstring getStr();
-    /// The same bytes as they are, and their number; valid until the stream is written, closed or freed. Null
+    /// The same bytes unchanged, and their number; valid until the stream is written, closed or freed. Null
     /// when there are none.
     const char* getBytes(unsigned int* size);
-    /// Forgets what was read, which getStr and getBytes then leave out. For a stream that is used as a queue:
-    /// it keeps all that was ever written otherwise.
+    /// Drops the data that was read; getStr and getBytes no longer include it. For a stream used as a queue,
+    /// which otherwise keeps all data ever written.
     void DiscardRead();
 
 private:

@@ -10,7 +10,7 @@
 
 #include "ioserializer.h"
 
-/// The most that is committed to a buffer at once: it counts in ints.
+/// The largest size committed to a buffer at once: the buffer counts in ints.
 constexpr std::size_t ioLargestPart = 0x10000000;
 
 /// Writes `size` bytes, right into the buffer where it has room.
@@ -27,7 +27,7 @@ inline ioTryCode ioPut(std::streambuf& sb, const char* from, std::size_t size)
     return sb.sputn(from, count) == count ? ioSuccess : ioIOError;
 }
 
-/// What ends a string in the ASCII form.
+/// The character that ends a string in the ASCII form.
 inline char ioDelimiterOf(const char* delims)
 {
     return qelIsObject(delims) && *delims != '\0' ? *delims : '\n';
@@ -57,9 +57,9 @@ public:
     ioStringMaker(const ioStringMaker&) = delete;
     ioStringMaker& operator=(const ioStringMaker&) = delete;
 
-    /// Where the bytes of the text go.
+    /// The place for the bytes of the text.
     char* Text() { return text; }
-    /// The string of the first `length` bytes; it ends at its first zero. The end of the making.
+    /// The string of the first `length` bytes; it ends at its first zero byte. Call once, last.
     xstring Finish(std::size_t length)
     {
         const std::size_t used = strnlen(text, length);
@@ -74,7 +74,7 @@ private:
     btkStrBuf* buffer;
 };
 
-/// The string of `length` bytes; it ends at its first zero.
+/// The string of `length` bytes; it ends at its first zero byte.
 inline xstring ioMakeString(const char* bytes, std::size_t length)
 {
     const std::size_t used =
@@ -86,7 +86,7 @@ inline xstring ioMakeString(const char* bytes, std::size_t length)
     return xstring::Adopt({buffer, text, nullptr});
 }
 
-/// Writes the text of a number where the put area has room for the longest. False when it has not; nothing
-/// has happened then.
+/// Writes the text of a number if the put area has room for the longest one. Otherwise returns false and does
+/// nothing.
 bool ioFormatHeld(int v, std::streambuf& sb);
 bool ioFormatHeld(double d, std::streambuf& sb);

@@ -13,8 +13,8 @@ class QEL_API netAddress : public virtual xobject
     QEL_OBJECT(netAddress); // "netlib::Address", counted
 
 public:
-    /// New addresses, which the caller owns. `host`: xnullstr means this host, by its name; null stays null
-    /// and means this machine.
+    /// New addresses, which the caller owns. `host`: xnullstr stores this machine's name; null stays null and
+    /// also means this machine.
     static netAddress* Create(int port, const char* host);
     static netAddress* Create(const char* serverName, const char* host);
 
@@ -33,14 +33,14 @@ private:
     xstring serverName;
 };
 
-/// The port of `address`. One that is not known is asked of the name server of the address's host, for as
-/// long as netServer::setAnswerLimit says in all, and kept.
+/// The port of `address`. If it is not known, queries the name server of the address's host, within the limit
+/// of netServer::setAnswerLimit, and stores the port.
 /// @throws netXException  the address is null, there is no name server, or it knows no port for the name
 QEL_API int ResolvePort(netAddress* address);
 
-// ---- the name service, as servers use it. Errors that it answers are written to the standard error output.
+// ---- the name service, as servers use it. Errors that it returns are written to the standard error output.
 
-/// A proxy for the name server on `host` (null: this machine), or null when none answers there. The caller
+/// A proxy for the name server on `host` (null: this machine), or null when none responds there. The caller
 /// frees it with nmsServDelete.
 QEL_API capi_nmsServerProxy* getNameServer(xstring host);
 /// A new record that holds the server's name only; null without memory. The caller frees it with
@@ -50,7 +50,7 @@ QEL_API capi_nmsRecord* MakeServerRecord(xstring name);
 QEL_API bool RegisterWithNMS(capi_nmsServerProxy* proxy, int port, xstring name);
 /// Whether a server of that name is registered.
 QEL_API bool IsRegisteredWithNMS(capi_nmsServerProxy* proxy, xstring name);
-/// Removes every server of that name. Whether that was done.
+/// Removes every server of that name. True when it worked.
 QEL_API bool UnregisterFromNMS(capi_nmsServerProxy* proxy, xstring name);
 /// The port in the first record of that name that has one; 0 when there is none or it is not in 1..65535.
 QEL_API int GetPortFromNMS(capi_nmsServerProxy* proxy, xstring name);

@@ -10,7 +10,7 @@ class btkStopSign;
 class netBaseServer;
 class netSocketStream;
 
-/// The thread of one asynchronous request. Its server collects it once it has ended.
+/// The thread of one asynchronous request. Its server joins it once it has exited.
 class netAsyncRequest : public netThread
 {
 public:

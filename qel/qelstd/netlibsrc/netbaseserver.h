@@ -11,24 +11,24 @@ class btkStreamSocket;
 class netAddress;
 class netBaseServer;
 
-/// What a handler wants of the request loop.
+/// A handler's instruction to the request loop.
 enum netServerLoopAction : int { netServerContinue, netServerTerminate, netSpawnAsyncServer };
 QEL_ENUM(netServerLoopAction); // "netlib::ServerLoopAction"
 
-/// What a hook answers that decides nothing; no value of the enumeration.
+/// Returned by a hook that makes no decision; not a value of the enumeration.
 inline constexpr netServerLoopAction netServerNoDecision = static_cast<netServerLoopAction>(3);
 
 // ---- handlers: the application derives from them, sets them before it calls Run, and owns them.
 
-/// Serves a connection, in the thread of the loop, which serves nobody else meanwhile: what takes long, or
-/// reads from clients that may be silent, belongs in an asynchronous request.
+/// Serves a connection, in the thread of the loop, which serves no other client meanwhile: long work, and
+/// reading from clients that may be silent, belongs in an asynchronous request.
 class QEL_API netBaseServer_OnRequest_cb : public virtual xobject
 {
     QEL_OBJECT(netBaseServer_OnRequest_cb); // "netlib::BaseServer_OnRequest_cb"
 
 public:
-    /// Owns `stream`, and frees it with xdelete, unless it answers netSpawnAsyncServer: the asynchronous
-    /// handler gets it then. What it throws is reported and leaves Run.
+    /// Owns `stream`, and frees it with xdelete, unless it returns netSpawnAsyncServer, which passes it to
+    /// the asynchronous handler. An exception is reported and leaves Run.
     virtual netServerLoopAction Invoke(netBaseServer* server, netSocketStream* stream) = 0;
 };
 
@@ -38,9 +38,8 @@ class QEL_API netBaseServer_OnAsyncRequest_cb : public virtual xobject
     QEL_OBJECT(netBaseServer_OnAsyncRequest_cb); // "netlib::BaseServer_OnAsyncRequest_cb"
 
 public:
-    /// Owns `stream`, and frees it with xdelete. Returns soon after `stop` has become signaled: the server
-    /// is about to end. `stop` stays the server's. What it throws is reported and counts as
-    /// netServerContinue.
+    /// Owns `stream`, and frees it with xdelete. Returns soon after `stop` has become signaled: the server is
+    /// about to stop. The server owns `stop`. An exception is reported and counts as netServerContinue.
     virtual netServerLoopAction Invoke(netBaseServer* server, netSocketStream* stream, evtEvent* stop) = 0;
 };
 
@@ -71,13 +70,13 @@ private:
     netBaseServer* server;
 };
 
-/// A server that listens on a port and serves one connection after the other, or some in threads of their
-/// own. It may have a name, under which the name server of this machine knows its port while it lives.
+/// A server that listens on a port and serves one connection at a time, or some in their own threads. It may
+/// have a name, under which the name server of this machine knows its port while it lives.
 ///
 /// Everything but OnAsyncRequest and Stop is called by the one thread that owns the server. Running out of
-/// descriptors, threads or memory loses the request that met it, and the loop goes on. Not counted: freed
-/// with xdelete, which asks the asynchronous requests to stop and waits until each of them has ended; one
-/// that has not ended after the grace period finds that its stream blocks no more.
+/// descriptors, threads or memory loses only the affected request; the loop continues. Not counted: freed
+/// with xdelete, which requests the asynchronous requests to stop and waits for each of them; after the grace
+/// period the stream of a running one no longer blocks.
 ///
 /// The requests use the server while they run, so the destructor of a class that derives from this one calls
 /// EndService before anything else.
@@ -89,17 +88,17 @@ public:
     /// A new server on `port`; 0 or xnullint lets the system choose. `name`: null or xnullstr for none.
     /// `interface`: the address or name of the interface to listen on; null: that of setListenInterface. Null
     /// when it cannot listen there. The caller owns the server.
-    /// @throws netXException  there is no name server, or it knows the name already or does not take it
+    /// @throws netXException  there is no name server, or it already has the name or rejects it
     static netBaseServer* Create(const char* name, int port);
     static netBaseServer* Create(const char* name, int port, const char* interface);
-    /// Where servers of this process listen that are created without an interface: its address or name; null,
-    /// as at first: all interfaces. Safe to call from any thread.
+    /// The interface for servers of this process that are created without one: its address or name; null, the
+    /// initial value: all interfaces. Safe to call from any thread.
     static void setListenInterface(const char* interface);
     ~netBaseServer() override;
 
-    /// Connects to `address`, whose port is asked of the name server of its host when it is not known.
-    /// `timeout`, in seconds, is for that and the connecting together; INFINITE waits as long as the
-    /// operating system does. Null when nobody answers there within it. The caller owns the stream.
+    /// Connects to `address`; if its port is not known, queries the name server of its host. `timeout`, in
+    /// seconds, is for that and the connecting together; INFINITE waits as long as the operating system does.
+    /// Null when the connection is not established within it. The caller owns the stream.
     /// @throws netXException  as ResolvePort
     static netSocketStream* Connect(netAddress* address, double timeout);
 
@@ -107,16 +106,16 @@ public:
     virtual void setOnAsyncRequest(netBaseServer_OnAsyncRequest_cb* handler) { onAsyncRequest = handler; }
     virtual void setOnIdle(netBaseServer_OnIdle_cb* handler) { onIdle = handler; }
 
-    /// Serves until a handler asks for the end or Stop is called; may be called again then. Without a request
-    /// handler each connection is closed. What a handler throws is reported on the standard error output and
-    /// leaves Run.
+    /// Serves until a handler returns netServerTerminate or Stop is called; may then be called again. Without
+    /// a request handler each connection is closed. An exception of a handler is reported on the standard
+    /// error output and leaves Run.
     /// @throws netXException  the listening socket failed (error 4)
     void Run();
-    /// Ends Run as soon as the handler that it is in returns, however many clients there are; the handler's
-    /// stream blocks no longer than the grace period from now on. A Run or Accept that begins later returns
-    /// at once, once. Safe to call from any thread and in a signal handler, while the server lives.
+    /// Ends Run as soon as the current handler returns, however many clients there are; the handler's stream
+    /// blocks at most for the grace period from now on. A Run or Accept that begins later returns at once,
+    /// once. Safe to call from any thread and in a signal handler, while the server lives.
     void Stop();
-    /// Waits for one connection and answers its stream, which the caller owns; null when `timeout` seconds
+    /// Waits for one connection and returns its stream, which the caller owns; null when `timeout` seconds
     /// have passed, without limit for INFINITE, or Stop was called. Calls no handler.
     /// @throws netXException  the listening socket failed (error 4)
     netSocketStream* Accept(double timeout);
@@ -124,7 +123,7 @@ public:
     /// before the server.
     netEvent* AcceptEvent();
 
-    // ---- call the handler; without one they answer netServerNoDecision
+    // ---- call the handler; without one they return netServerNoDecision
 
     netServerLoopAction OnRequest(netSocketStream* stream);
     netServerLoopAction OnAsyncRequest(netSocketStream* stream, evtEvent* stop);
@@ -135,22 +134,21 @@ public:
     int getPortN() { return portN; }
     /// Whether only programs of this machine can connect: it listens on a loopback interface.
     bool IsLoopbackOnly();
-    /// Seconds that Run waits for a connection before it calls the idle handler; 0.01 at first. With INFINITE
-    /// requests that have ended are collected only when the next connection comes.
+    /// Seconds that Run waits for a connection before it calls the idle handler; 0.01 at first. With
+    /// INFINITE, finished requests are joined only when the next connection arrives.
     double getTimeSlice() { return timeSlice; }
     void setTimeSlice(double seconds) { timeSlice = seconds; }
     /// How many asynchronous requests may run at once; one more is refused as if no thread could be started.
-    /// 0, as at first: no limit.
+    /// 0, the initial value: no limit.
     void setAsyncLimit(int most) { asyncLimit = most; }
-    /// Seconds that a request has to end after it was told to: from then on each blocking operation of its
-    /// stream fails with the state "timeout expired". 5 at first; INFINITE: it is waited for as long as it
-    /// takes.
+    /// Seconds that a request has to finish after a stop request; after that each blocking operation of its
+    /// stream fails with the state "timeout expired". Initially 5; INFINITE: the server waits without limit.
     double getGracePeriod() { return gracePeriod; }
     void setGracePeriod(double seconds) { gracePeriod = seconds; }
 
 protected:
-    /// Takes ownership of a listening socket. `name`: what it is registered under, which the destructor
-    /// removes; null for none.
+    /// Takes ownership of a listening socket. `name`: the registered name, which the destructor removes; null
+    /// for none.
     netBaseServer(btkAcceptSocket* listening, xstring name);
 
     /// Create for a class that derives from this one and has a constructor like it.
@@ -163,9 +161,9 @@ protected:
             }));
     }
 
-    /// Ends the service, once: closes the port, removes the name, tells the asynchronous requests to stop and
-    /// waits until each has ended. The object is whole for them until then, so the destructor of each
-    /// deriving class calls this first.
+    /// Ends the service, once: closes the port, removes the name, requests the asynchronous requests to stop
+    /// and waits until each has finished. The object must be intact for them until then, so the destructor of
+    /// each deriving class calls this first.
     void EndService() noexcept;
 
     /// Registers the server with the name server of this machine until its end; null or xnullstr: does
@@ -173,27 +171,27 @@ protected:
     /// @throws netXException  as Create
     void Register(const char* name);
 
-    /// How long a new connection may be silent before it is closed. Until its first byte has come it waits
-    /// beside the others and delays nobody. 0, as at first: connections are served at once, as clients need
-    /// it that wait for the server to speak first.
+    /// How long a new connection may be silent before it is closed. Until its first byte has arrived it
+    /// delays no other connection. 0, the initial value: connections are served at once, as required by
+    /// clients that wait for the server to send first.
     void SetSilentPatience(btkTimeval limit) { silentPatience = limit; }
     btkTimeval GetSilentPatience() const { return silentPatience; }
-    /// How many may wait so, at least 1; 256 at first. For one more another is closed: the oldest of the
-    /// address that holds most of the places, but none younger than 0.1 seconds while another address has an
-    /// older one.
+    /// How many connections may be silent at once, at least 1; initially 256. One more closes another: the
+    /// oldest of the address that holds most places, but none younger than 0.1 seconds while another address
+    /// has an older one.
     void SetSilentPlaces(int most);
     int GetSilentPlaces() const;
 
 private:
     friend class netAsyncRequest;
 
-    /// The connections that wait, and the asynchronous requests.
+    /// The waiting connections and the asynchronous requests.
     class Loop;
     /// Makes a server that takes the socket, which it sets to null.
     using Maker = netBaseServer* (*)(btkAcceptSocket*& listening);
 
     /// Screens a new connection before there is a stream. netServerContinue: it is closed and the loop goes
-    /// on; netServerTerminate: it is closed and Run returns; any other answer: it is served.
+    /// on; netServerTerminate: it is closed and Run returns; any other value: it is served.
     virtual netServerLoopAction PreprocessRequest(btkStreamSocket* socket);
 
     static netBaseServer* Make(const char* name, int port, const char* interface, Maker make);

@@ -13,7 +13,7 @@
 #include "netbaseserver.h"
 #include "qelcaught_p.h"
 
-/// The loop of a server: its port, the connections that wait, and the asynchronous requests.
+/// The loop of a server: its port, the waiting connections, and the asynchronous requests.
 class [[gnu::visibility("hidden")]] netBaseServer::Loop
 {
 public:
@@ -24,7 +24,7 @@ public:
     {
         return *listening;
     }
-    /// Whether there was a descriptor for all that it needs.
+    /// Whether construction got all the descriptors it needs.
     bool IsWhole() const
     {
         return static_cast<bool>(stopAsked);
@@ -33,22 +33,22 @@ public:
     /// Whether Stop was called since the last time.
     bool TakeStop();
     /// The next connection to be served; null when `timeout` seconds have passed or it is time to stop.
-    /// `isByteWanted`: its first byte is waited for.
+    /// `isByteWanted`: waits for its first byte, too.
     std::unique_ptr<btkStreamSocket> WaitForRequest(double timeout, bool isByteWanted);
     netServerLoopAction Serve(std::unique_ptr<btkStreamSocket> socket);
-    /// Collects the asynchronous requests that have ended.
+    /// Joins the asynchronous requests that have finished.
     netServerLoopAction CheckAsyncRequests();
-    /// Closes the port and the connections that wait.
+    /// Closes the port and the waiting connections.
     void StopListening();
-    /// Asks all asynchronous requests to stop, and waits until they have ended.
+    /// Requests all asynchronous requests to stop, and waits until they have finished.
     void StopRequests();
-    /// An asynchronous request has ended; called in its thread.
+    /// An asynchronous request has finished; called in its thread.
     void NoteEnd()
     {
         ++endedBodies;
     }
 
-    /// A connection whose first byte has not come.
+    /// A connection whose first byte has not arrived.
     struct Silent
     {
         std::unique_ptr<btkStreamSocket> socket;
@@ -70,12 +70,12 @@ private:
 
     std::unique_ptr<btkAcceptSocket> listening;
     std::unique_ptr<btkEvent> connectionWaits; // on while `listening` has a connection
-    btkTimeval restEnd;                        // until then `listening` is left alone
+    btkTimeval restEnd;                        // until then `listening` is not polled
 
     btkFd stopAsked; // an event
     std::unique_ptr<btkEvent> stopWaits;
     std::atomic<bool> isStopAsked = false;
-    std::shared_ptr<btkStopSign> stopSign; // of streams that the loop's thread serves
+    std::shared_ptr<btkStopSign> stopSign; // of the streams that the loop's thread serves
 
     std::list<std::unique_ptr<netAsyncRequest>> requests;
     std::atomic<int> endedBodies = 0; // of `requests`; written by their threads
@@ -86,7 +86,7 @@ private:
 /// Writes a line on the standard error output about a request of `peer`.
 void netReport(netBaseServer& server, const std::string& peer, const std::string& text);
 
-/// Calls `handler()`, and reports what it throws before that goes on.
+/// Calls `handler()`; reports its exception and rethrows it.
 template<class Handler>
 netServerLoopAction netReported(netBaseServer& server, const std::string& peer, Handler handler)
 try {

@@ -4,7 +4,7 @@
 
 class netService;
 
-/// What a service does. The application derives from it and owns the object.
+/// The work of a service. The application derives from it and owns the object.
 class QEL_API netService_DoService_cb : public virtual xobject
 {
     QEL_OBJECT(netService_DoService_cb); // "netlib::Service_DoService_cb"
@@ -13,7 +13,7 @@ public:
     virtual void Invoke(netService* service, xrchandle<xstringsequence> parms) = 0;
 };
 
-/// The shell of a system service: a name, parameters, and a handler that does the work. This host has no such
+/// The shell of a system service: a name, parameters, and a handler that does the work. Linux has no such
 /// shell: Create and the static status operations end the process with the fatal report. Not counted: freed
 /// with xdelete.
 class QEL_API netService : public virtual xobject
@@ -23,9 +23,9 @@ class QEL_API netService : public virtual xobject
 public:
     static netService* Create(const char* name, xrchandle<xstringsequence> parms, const char* displayName);
 
-    /// The handler stays the caller's. Null: none.
+    /// The caller keeps ownership of the handler. Null: none.
     virtual void setDoService(netService_DoService_cb* handler) { doService = handler; }
-    /// Does the service with its own parameters. Answers true.
+    /// Runs the service with its own parameters. Returns true.
     unsigned char Run();
     /// Calls the handler, when one is set.
     void DoService(xrchandle<xstringsequence> parms);
@@ -46,7 +46,7 @@ public:
     static void DoPause();
 
 protected:
-    /// For the shells of hosts that have one. No `displayName` (null or xnullstr): the name.
+    /// For operating systems that have such a shell. No `displayName` (null or xnullstr): the name.
     netService(const char* name, xrchandle<xstringsequence> parms, const char* displayName);
 
 private:

@@ -8,19 +8,19 @@ class btkStopSign;
 class btkStreamSocket;
 class xsocketbuf;
 
-/// A stream over a connection, in XDR form unless set otherwise, and beside it a channel for urgent integers.
+/// A stream over a connection, in XDR form unless set otherwise, with a separate channel for urgent integers.
 /// Output is buffered: it is sent by Flush, by a read or a wait for input that would have to sleep, by an
 /// urgent integer and by Close. Reading n bytes waits for n bytes or the end.
 ///
-/// Both timeouts hold for each blocking operation, Flush and Close too: it fails with the state "timeout
-/// expired" when so many seconds have passed without a byte that came, or went. What a peer may make this
-/// process hold is limited by setTextLimit and setUrgentBudget.
+/// Both timeouts apply to each blocking operation, including Flush and Close: it fails with the state
+/// "timeout expired" when that many seconds have passed without a byte received or sent. setTextLimit and
+/// setUrgentBudget limit the memory that a peer can make this process use.
 ///
-/// An urgent integer stands outside the stream. One at a time is sure: TCP has one urgent mark for each
-/// direction, and this end cannot know how far its peer has read. A second integer that arrives before the
-/// peer has read past the first one corrupts the ordinary stream: the first is lost as an urgent one, and its
-/// four bytes stand among the values. setUrgentSpacing makes that rare, not impossible. Not counted: freed
-/// with xdelete.
+/// An urgent integer is not part of the stream. Only one at a time is delivered reliably: TCP has one urgent
+/// mark for each direction, and this end cannot know how far its peer has read. A second integer that arrives
+/// before the peer has read past the first one corrupts the ordinary stream: the first is lost as an urgent
+/// integer, and its four bytes appear among the stream's values. setUrgentSpacing makes that rare, not
+/// impossible. Not counted: freed with xdelete.
 class QEL_API netSocketStream : public ioStream
 {
     QEL_OBJECT(netSocketStream); // "netlib::SocketStream"
@@ -30,32 +30,32 @@ public:
     static netSocketStream* Create(btkStreamSocket* socket);
     ~netSocketStream() override;
 
-    /// Sends what is buffered, and then `value` as an urgent integer; waits at most 0.2 seconds for the
-    /// arrival of what was sent before. Whether it was sent.
+    /// Sends what is buffered, and then `value` as an urgent integer; waits at most 0.2 seconds for earlier
+    /// data to arrive. Returns whether it was sent.
     /// @throws ioXStream  the stream is not open
     unsigned char WriteOutOfBand(int value);
-    /// Has WriteOutOfBand wait until so many seconds have passed since the last urgent integer, or something
-    /// has come from the peer since then. 0, as at first: it does not wait for that. What comes need not be
-    /// an answer to the integer, and a peer may take longer: it may still happen that two meet.
+    /// Makes WriteOutOfBand wait until `seconds` have passed since the last urgent integer, or the peer has
+    /// sent something since then. 0, the initial value: no such wait. Data from the peer need not be a reply
+    /// to the integer, and a peer may take longer, so two urgent integers can still collide.
     void setUrgentSpacing(double seconds);
-    /// The oldest urgent integer that has come; does not wait. Null when there is none.
+    /// The oldest urgent integer that has arrived; does not wait. Null when there is none.
     /// @throws ioXStream  the stream is not open
     int ReadOutOfBand();
     /// A new event, of type 2, that is signaled while an urgent integer can be read. The caller owns it.
     /// @throws ioXStream  the stream is not open
     ioEvent* OutOfBandEvent();
 
-    /// The peer's address, as numbers, IPv4 dotted; the text that the rights of a server are checked against.
+    /// The peer's address, as numbers, IPv4 dotted; the text that the server's rights are matched against.
     /// Empty when it is not known.
     /// @throws ioXStream  the stream is not open
     xstring getPeerAddress();
-    /// The longest text that is read, in bytes; 64 MiB at first, 65536 at least. A longer one is a conversion
-    /// error, which a text with its size before it is as soon as that has come.
+    /// The longest text that is read, in bytes; initially 64 MiB, at least 65536. A longer one is a
+    /// conversion error; a length-prefixed text fails as soon as its length has arrived.
     void setTextLimit(unsigned int bytes) { SetTextLimit(bytes); }
-    /// How many bytes are held at most because an urgent integer stands behind them; 256 KiB at first. One
+    /// The most bytes buffered in order to reach an urgent integer behind them; initially 256 KiB. An integer
     /// further on is found once enough of them have been read.
     void setUrgentBudget(unsigned int bytes);
-    /// For those who wait for this stream with a limit of their own: adds "timeout expired" to the state.
+    /// For callers that wait for this stream with their own limit: adds "timeout expired" to the state.
     /// @throws ioXStream  always
     [[noreturn]] void ThrowTimeout();
 

@@ -7,10 +7,10 @@ class btkBaseEvent;
 class ioPipe;
 class ioStream;
 
-/// A worker thread with hooks, an exit event and an exit code. Created, started, running, ended, collected,
-/// closed: each operation is called by the one thread that owns the object, OnStart by the new thread. The
-/// object must outlive its thread's body: delete it only once the exit event is signaled or the exit code is
-/// collected.
+/// A worker thread with hooks, an exit event and an exit code. States: created, started, running, exited,
+/// joined, closed. The one thread that owns the object calls each operation; the new thread calls OnStart.
+/// The object must outlive its thread's body: delete it only once the exit event is signaled or the exit code
+/// is collected.
 ///
 /// A class that overrides OnClose, or that OnStart needs, calls Close in its destructor.
 class QEL_API netBaseThread
@@ -18,24 +18,25 @@ class QEL_API netBaseThread
 public:
     netBaseThread() = default;
     enum ExitEvents { WithoutExitEvent };
-    /// A thread that nobody waits for but by its exit code, which saves a descriptor: GetExitEvent is not
+    /// A thread that is only waited for by its exit code, which saves a descriptor: GetExitEvent must not be
     /// called.
     explicit netBaseThread(ExitEvents) : hasExitEvent(false) {}
     netBaseThread(const netBaseThread&) = delete;
     netBaseThread& operator=(const netBaseThread&) = delete;
     virtual ~netBaseThread();
 
-    /// Starts the thread. False when OnPreStart refuses, when the host has no thread left, and when the
-    /// thread was started and not closed since.
+    /// Starts the thread. False when OnPreStart refuses, when the operating system has no thread left, and
+    /// when the thread was started and not closed since.
     bool Start();
-    /// Gives up the thread, whose exit code is gone unless it was collected. Closing twice, or what was never
-    /// started, does nothing.
+    /// Detaches the thread; its exit code is lost unless it was collected. Closing twice, or before a start,
+    /// does nothing.
     void Close();
-    /// A new event that is signaled once the thread has ended. The caller owns it; it may outlive the object.
+    /// A new event that is signaled once the thread has exited. The caller owns it; it may outlive the
+    /// object.
     btkBaseEvent* GetExitEvent();
-    /// Whether the body has ended; true also for a thread that is not started.
+    /// Whether the body has returned; true also for a thread that is not started.
     bool IsExited();
-    /// Waits for the thread unless its exit code has been collected, and answers the code. 0 when it was
+    /// Waits for the thread unless its exit code has been collected, and returns the code. 0 when it was
     /// never started.
     int WaitExitCode();
 
@@ -46,13 +47,13 @@ protected:
     virtual int OnStart() = 0;
     /// After the launch, in the owner's thread.
     virtual void OnPostStart() {}
-    /// For hosts whose threads are processes, called on both sides; never called on this host.
+    /// For operating systems whose threads are processes, called on both sides; never called on Linux.
     virtual void AtFork(bool parentSide);
     /// Frees the thread handle unless the exit code was collected.
     virtual void OnClose();
 
     bool IsCollected() const { return collected; }
-    /// The handle that becomes readable when the thread ends; valid until the exit code is collected or the
+    /// The handle that becomes readable when the thread exits; valid until the exit code is collected or the
     /// thread closed.
     btkHandle GetExitHandle() const;
 
@@ -74,14 +75,14 @@ public:
     using netBaseThread::netBaseThread;
     ~netThread() override;
 
-    /// The writing end of the control pipe, for the owner; null while there is no pipe. Stays the thread's.
+    /// The writing end of the control pipe, for the owner; null while there is no pipe. The thread owns it.
     ioStream* ControlStream();
     /// As WaitExitCode.
     int GetExitCode();
 
 protected:
     /// The reading end, for the body: its input event is signaled when the owner has written something. Null
-    /// while there is no pipe. Stays the thread's.
+    /// while there is no pipe. The thread owns it.
     ioStream* SignalStream();
     /// The handle of that end, -1 while there is no pipe.
     btkHandle GetSignalHandle();
@@ -92,7 +93,7 @@ protected:
     void OnClose() override;
 
 private:
-    // Where threads are processes the end has to be signaled before the code can be asked for.
+    // Where threads are processes, the exit must be signaled before the code can be read.
     bool IsExitSignaled() const { return true; }
     void DeletePipe();
 
