@@ -5,12 +5,12 @@
 
 class evtEventArray;
 
-/// No limit of time, where a limit in seconds is asked for. It is xnullreal.
+/// No limit, for parameters that take a limit in seconds. Equal to xnullreal.
 inline constexpr double INFINITE = xnullreal;
 
-/// Something that can be waited for: a pending connection, the end of a process, data on a stream. It is
-/// signaled or not; waiting does not reset it. The libraries that own such things make their events. Not
-/// counted: freed with xdelete.
+/// A waitable condition: a pending connection, the exit of a process, data on a stream. It is signaled or
+/// not; waiting does not reset it. The libraries that own these resources create the events. Not counted:
+/// freed with xdelete.
 ///
 /// A wait sleeps in the calling thread only. Limits are seconds: INFINITE waits without limit, negative ones
 /// not at all.
@@ -19,16 +19,16 @@ class QEL_API evtEvent : public btkEvent, public virtual xobject
     QEL_OBJECT(evtEvent); // "eventlib::Event"
 
 public:
-    /// Waits until at least one event of `events` is signaled or `timeout` has passed. Answers how many are,
-    /// or 0. Null entries are skipped. The array is not changed by others meanwhile.
+    /// Waits until at least one event of `events` is signaled or `timeout` has passed. Returns how many are
+    /// signaled, or 0. Null entries are skipped. The array must not be changed meanwhile.
     static int Wait(evtEventArray* events, double timeout);
-    /// Waits for this event. Whether it is signaled.
+    /// Waits for this event. Returns whether it is signaled.
     unsigned char Wait(double timeout);
     /// Whether the event is signaled now.
     unsigned char getIsSignaled();
 
 protected:
-    /// Takes ownership of `base`, which does the signaling. Null: an event that is never signaled.
+    /// Takes ownership of `base`, the underlying event. Null: an event that is never signaled.
     explicit evtEvent(btkBaseEvent* base) : btkEvent(base) {}
 };
 

@@ -335,7 +335,8 @@ private:
     double oTimeout = INFINITE;
     btkTimeval oTimeval;
     int state = 0;
-    /// The unread bytes in which TryReadString has found no delimiter; valid until more bytes arrive.
+    /// The unread bytes that TryReadString has already searched for a delimiter; its next call continues
+    /// behind them.
     struct Searched
     {
         std::size_t count = 0;

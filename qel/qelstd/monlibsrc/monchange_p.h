@@ -7,33 +7,33 @@
 #include <qel/base/btkfilewatch.h>
 #include <qel/evtevent.h>
 
-// What has happened to a monitor file since it was last read, as the events of its changes see it. The file
-// shares it with its events and tells it what it does itself.
+// The changes of a monitor file since it was last read, as its change events see them. The file shares this
+// object with its events and reports its own actions to it.
 //
-// News are forgotten by the first reading after an event was asked, before the bytes are read, and not by the
-// readings after it: what changes between those is found by the next wait.
+// The first reading after an event was polled clears the changes, before it reads bytes; later readings do
+// not: the next wait finds changes made between them.
 class monChanges
 {
 public:
     explicit monChanges(std::string filePath) : path(std::move(filePath)) {}
 
-    /// False where the system has no descriptor or watch left; the reason is in errno.
+    /// False when the system has no descriptor or watch left; the reason is in errno.
     bool Begin(btkHandle opened);
-    /// Another opening is watched from now on, which has not been read yet. Where that is not possible the
-    /// events stay on, so that nobody waits in vain.
+    /// Watches another opening from now on, which has not been read yet. If that fails, the events stay on,
+    /// so that no watcher waits in vain.
     void BeginAnew(btkHandle opened);
-    /// The file is being closed. The events stay on.
+    /// Called when the file is closed. The events stay on.
     void End();
 
     void BeRead();
-    /// The reading has found that the file is no longer the one of the path.
+    /// A reading has found that the path no longer leads to this file.
     void BeGone();
 
-    /// For an event: the descriptor to be looked at, and what is known without it.
+    /// For an event: the descriptor to poll, and the state known without it.
     btkHandle Ask(btkBaseEvent::State& state);
 
 private:
-    // Which file the path leads to.
+    // The file that the path leads to.
     struct Target
     {
         bool isThere;
@@ -44,14 +44,14 @@ private:
     std::string path; // of the host
     btkFileWatch watch;
     btkHandle file = -1;
-    int process = 0;       // whose watch it is
-    bool isAsked = true;   // since the last reading
-    bool isUnread = false; // on, whatever the watch says
+    int process = 0;       // the process that made the watch
+    bool isAsked = true;   // polled since the last reading
+    bool isUnread = false; // on, regardless of the watch
     bool isGone = false;
-    Target target = {}; // when it was found to be gone
+    Target target = {}; // when the path was found to lead elsewhere
 };
 
-/// The event for a program. It holds what it looks at, and may outlive the file.
+/// The event for a program. It shares ownership of the changes and may outlive the file.
 class monChangeEvent : public evtEvent
 {
 public:

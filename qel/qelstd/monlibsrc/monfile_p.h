@@ -12,12 +12,12 @@
 #include "xiolib.h"
 #include "xmonlib.h"
 
-// What the file and its parameters share.
+// Shared by the file and its parameters.
 
 constexpr int monWordSize = 4; // of a bool, an int and the length of a text
 constexpr int monRealSize = 8;
 
-// What the file knows of where it stands.
+// The location of the file, and the state of its opening.
 struct monFile::Place
 {
     Place(const std::string& hostPath, bool readOnly) : path(hostPath), isReadOnly(readOnly) {}
@@ -25,7 +25,7 @@ struct monFile::Place
     std::string path; // of the host, absolute
     btkFileState opened;
     bool isReadOnly;
-    int process = btkProcessNumber(); // that has opened it
+    int process = btkProcessNumber(); // the process that opened it
     // Parameters of the file as it was before Reopen that have not been found again, by their names.
     monParamDict lost;
     std::weak_ptr<monChanges> changes; // while there are events of them
@@ -37,7 +37,8 @@ struct monFile::Place
     qelXNativeException::Throw("Weird parameter type");
 }
 
-// What a failure leaves behind in the stream is forgotten, so that the file can still be used.
+// Runs `transfer`. After a failure, drops pending data and the error state of the stream, so that the file
+// stays usable.
 template<class Transfer>
 void monFile::Attempt(Transfer transfer)
 {

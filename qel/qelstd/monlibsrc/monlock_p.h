@@ -3,39 +3,39 @@
 #include <qel/base/btkfilepart.h>
 
 // Locks between the writer of a value and its readers. Exclusive for the writer, shared for readers, on the
-// value's own bytes; and nobody waits for long, since the other side may have stopped.
+// value's own bytes. All waits are short, since the other side may have stopped.
 //
 // A writer or a reader that does not get its lock announces that it waits, by a lock on the same bytes beyond
-// all positions. A writer of a text that comes then lets the readers go first, for `writerLimit` at most, so
-// that one that stores without a pause does not starve them. A number is written by one call, so that readers
-// find it free soon enough.
+// all positions. A writer of a text that arrives then lets the readers go first, for `writerLimit` at most,
+// so that a writer without pauses does not starve them. A number is written by one call, so readers soon find
+// it unlocked.
 //
-// A watcher that waits for changes has a shared lock on the byte before each number that lies across a page's
-// end (the last one of its head, which nobody else locks). A writer tries to lock that byte too: when it gets
-// it, there is nobody to whom the store has to be made known.
+// A watcher that waits for changes holds a shared lock on the byte before each number that crosses a page
+// boundary (the last byte of its head, which is not locked otherwise). A writer tries to lock that byte too:
+// if it succeeds, no watcher needs to be notified of the store.
 //
-// While a writer waits, new readers step back, and when those inside have not left after `writerLimit`, it
-// writes all the same. What a reader has found in less time than that is sure. What took longer is good when
-// nobody was writing at the end and the same was found before.
+// While a writer waits, new readers step back; if the current readers have not released their locks after
+// `writerLimit`, it writes anyway. A value read in less time than that is certain. A slower reading is
+// accepted when no writer was active at its end and the previous reading gave the same value.
 
-/// Whether a value can be seen half written without locks. What lies in one line of the processor's cache is
-/// copied in one step; more than that is not.
+/// Whether a value can be seen half written without locks. Bytes within one cache line are copied in one
+/// step; others are not.
 inline bool monIsSplit(int position, int size)
 {
     constexpr int line = 64;
     return position / line != (position + size - 1) / line;
 }
 
-/// Lets readers go first that wait for the value. `isPolite` is false while that has last been in vain: they
-/// may have stopped, and are not waited for again before they have left.
+/// Lets readers that wait for the value go first. `isPolite` is false while the last such wait was in vain:
+/// the readers may have stopped, and are not waited for again until they have left.
 void monLetReadersGo(btkHandle file, int position, int size, bool& isPolite);
 
 class monWriteLock
 {
 public:
-    /// `isKnown`: whether others watch is of no interest.
+    /// `isKnown`: the caller does not need IsWatched.
     monWriteLock(btkHandle file, int position, int size, bool isKnown = true);
-    /// Whether somebody may be watching.
+    /// Whether there may be a watcher.
     bool IsWatched() const { return isWatched; }
 
 private:
@@ -45,17 +45,17 @@ private:
     btkRangeLock waiting;
 };
 
-/// Lets the opening have writers make known what they store in the number at `position`, until it is closed.
+/// Makes writers notify watchers of stores to the number at `position`, until this opening is closed.
 void monWatchNumber(btkHandle file, int position);
 
 class monReadLock
 {
 public:
-    /// `isPatient` is false while waiting has last been in vain: then the next wait is a short one.
+    /// `isPatient` is false while the last wait was in vain: the next wait is then a short one.
     monReadLock(btkHandle file, int position, int size, bool& isPatient);
     /// Whether no writer can have written since.
     bool IsSure() const;
-    /// Whether no writer is writing or about to. Not before the reading is done.
+    /// Whether no writer is writing or about to write. Call it after the reading.
     bool IsQuiet() const;
 
 private:

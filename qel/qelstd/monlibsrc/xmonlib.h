@@ -11,27 +11,26 @@ class ioFileStream;
 class monFile;
 
 // A monitor file holds named values: bools, ints, reals and texts of bounded length. One process adds them
-// and rewrites them in place, any number of others watch. The format is described in docs/monlibsrc.md.
+// and rewrites them in place; any number of others read them. The format is described in docs/monlibsrc.md.
 //
-// Nothing is cached: each getValue reads the file, and each setValue has written it when it returns. A bool,
-// int or real that is read is one that was written, never a part of each of two; so is a text where both
-// sides use this library, except that a writer which is killed may leave a text of more than 4096 bytes torn:
-// a record has no room for a second copy. Whoever has stopped, or was killed, at whatever moment, holds up
-// nobody for long and leaves a file that can be read and written.
+// Nothing is cached: each getValue reads the file, and each setValue has written it when it returns. Reads of
+// a bool, int or real are atomic: never a mixture of two values. So are reads of a text when both sides use
+// this library, with one exception: a killed writer may leave a text of more than 4096 bytes torn, since a
+// record has no room for a second copy. A process that stops or is killed at any moment delays others only
+// briefly and leaves a file that can be read and written.
 //
-// A publisher that starts anew makes a new file in the place of the old one. Those who have the old one open
-// find that out at their next reading ("monFile has shrunk!"), and call Reopen. A forked child may go on with
-// a file that its parent has opened; it opens it anew by itself.
+// A restarted publisher replaces the old file by a new one. Processes with the old one open detect that at
+// their next reading ("monFile has shrunk!") and call Reopen. A forked child may continue to use a file that
+// its parent has opened; the library reopens it there.
 //
-// Used by one thread at a time, a file with all its parameters. Failures: ioXStream for what goes wrong with
-// the stream (the file was closed, ended early, could not be written); qelXNativeException, with the texts
-// named below, for what is wrong with the file or with an argument. Nothing has been written then. Reading
-// and writing a value throws, besides: "monFile has shrunk!" (reading only), when the file has been replaced,
-// removed or emptied; "monFile: Opened for reading only"; "monFile: No such parameter any more", after
-// Reopen.
+// Used by one thread at a time, a file with all its parameters. Failures: ioXStream for stream failures (the
+// file was closed, ended early, could not be written); qelXNativeException, with the texts named below, for
+// an invalid file or argument. Nothing has been written then. Reading and writing a value throws, besides:
+// "monFile has shrunk!" (reading only), when the file has been replaced, removed or emptied; "monFile: Opened
+// for reading only"; "monFile: No such parameter any more", after Reopen.
 
-/// One value in a monitor file, by its name. It belongs to its file and is valid as long as that is. Not
-/// counted, and not to be freed.
+/// One named value in a monitor file. The file owns it; it is valid as long as the file object. Not counted,
+/// and not to be freed.
 class QEL_API monParam : public virtual xobject
 {
     QEL_OBJECT(monParam); // "monlib::Param"
@@ -40,11 +39,11 @@ public:
     monParam(const monParam&) = delete;
     monParam& operator=(const monParam&) = delete;
 
-    /// The name as the file has it.
+    /// The name as stored in the file.
     virtual xstring getName();
 
 protected:
-    /// Enters the new parameter in the dictionary of `owner`. `at`: where the value begins in the file.
+    /// Enters the new parameter in the dictionary of `owner`. `at`: the position of the value in the file.
     monParam(monFile& owner, const char* called, std::fpos<int> at);
     ~monParam() override;
 
@@ -55,7 +54,7 @@ protected:
 private:
     friend class monFile;
     bool isLost = false;      // not found again since the file was reopened
-    monParam* next = nullptr; // of its file, which frees them all
+    monParam* next = nullptr; // in the list of its file, which frees them all
 };
 
 /// A bool, as a byte. Reserved values pass unchanged.
@@ -107,12 +106,12 @@ class QEL_API monStringParam : public monParam
     QEL_OBJECT(monStringParam); // "monlib::StringParam"
 
 public:
-    /// @throws qelXNativeException  "Weird parameter type": the file says that it is longer than it can be
+    /// @throws qelXNativeException  "Weird parameter type": the stored length exceeds the capacity
     virtual xstring getValue();
-    /// Null and the reserved pointers write the empty text. Answers the string of `v`.
+    /// Null and the reserved pointers write the empty text. Returns the string of `v`.
     /// @throws qelXNativeException  "monStringParam::setValue: Value too long"
     virtual xstring setValue(const char* v);
-    /// How many bytes the file has room for.
+    /// The capacity in the file, in bytes.
     virtual int getSize();
 
 private:
@@ -129,7 +128,7 @@ class QEL_API monParamDict : public xtsdictionary<monParam*>
 
 public:
     monParamDict() = default;
-    /// Null without memory.
+    /// Null when memory is exhausted.
     static monParamDict* create();
 };
 
@@ -144,41 +143,42 @@ public:
     ~monFile() override;
 
     /// Opens an existing file, in native or remote form, for reading and writing; for reading only when this
-    /// process may not write it. Null when it cannot be opened, and when its header is of another kind of
-    /// file (GetLastError() is 1392 then). The caller owns the new object.
+    /// process may not write it. Null when it cannot be opened, and when its header is not that of a monitor
+    /// file (GetLastError() is then 1392). The caller owns the new object.
     /// @throws ioXStream  it ends within the header or the title
     static monFile* Open(const char* path);
-    /// Makes a new file with the title, in the place of an existing one in one step: soft links stay, and so
-    /// do its owner, mode and access list. Those who have the old one open keep it whole and find out that it
-    /// has been replaced. Where the host does not let it be replaced (its folder may not be written to), it
-    /// is emptied instead. Null when that is not possible, with the old file as it was, and at once for what
-    /// is no plain file. The caller owns the new object.
+    /// Makes a new file with the title; it replaces an existing one atomically and keeps soft links, owner,
+    /// mode and access list. Processes with the old one open keep it intact and detect the replacement. Where
+    /// the operating system does not allow the replacement (its folder is not writable), the file is emptied
+    /// instead. Null when that is not possible, with the old file unchanged, and at once for anything but a
+    /// regular file. The caller owns the new object.
     static monFile* Create(const char* path, const char* title);
 
-    /// Whether the path leads to another file by now or to none, or this one has no name left.
+    /// Whether the path now leads to another file or to none, or this file has no name left.
     bool isReplaced();
-    /// Opens the file that the path leads to now, in place of this one. The parameter objects stay valid and
-    /// find the record of their name and kind in it again, when it is there. False, with nothing changed,
-    /// when it cannot be opened, is no monitor file or was closed.
+    /// Opens the file that the path now leads to, in place of this one. The parameter objects stay valid and
+    /// bind to the record of their name and kind in it, if there is one. False, with nothing changed, when it
+    /// cannot be opened, is no monitor file or was closed.
     bool Reopen();
 
     /// An event that is on when the file has changed, or was replaced or removed, since the event was made
-    /// and since the last reading through this object: a watcher makes it, reads, and waits for it beside
-    /// others. The first reading after a wait makes it quiet; what changes later turns it on again. What this
-    /// object stores counts too. After Reopen it is on until the new file has been read. A reading that has
-    /// thrown since the file is gone makes it quiet until the path leads to another file. It may stay on
-    /// where it cannot tell: once the file is closed, and in a forked child without a descriptor left.
+    /// and since the last reading through this object: a watcher makes it, reads, and waits for it together
+    /// with others. The first reading after a wait resets it; later changes turn it on again. Stores by this
+    /// object count too. After Reopen it is on until the new file has been read. A reading that throws
+    /// because the file was replaced or removed resets it until the path leads to another file. It may stay
+    /// on where changes cannot be detected: once the file is closed, and in a forked child without a
+    /// descriptor left.
     ///
-    /// The events of one file share one descriptor. Null, with the last error set, where the system has no
+    /// The events of one file share one descriptor. Null, with the last error set, when the system has no
     /// descriptor or watch left. The caller owns the new object and frees it with xdelete.
     /// @throws ioXStream  the file was closed
     evtEvent* ChangeEvent();
 
     xstring getTitle();
-    /// The parameters, after looking for new ones. The table stays the file's. When several were given one
+    /// The parameters, after looking for new ones. The file owns the table. Of several parameters with one
     /// name, it has the latest.
-    /// @throws qelXNativeException  "monFile has shrunk!": open it again; "Weird parameter type": what
-    ///                              follows the parameters found so far is no parameter
+    /// @throws qelXNativeException  "monFile has shrunk!": open it again; "Weird parameter type": the bytes
+    ///                              after the parameters found so far are not a parameter
     monParamDict* getParams();
 
     // ---- find the parameter of a name, or add one whose value is false, 0 or the empty text
@@ -186,7 +186,7 @@ public:
     // Null when there is a parameter of that name and another kind. Throw what getParams throws, and
     // qelXNotInitialized without a name. When one has to be added, qelXNativeException, too:
     // "monFile::WriteParamHead: Name too long" for more than 1023 bytes; "monFile: File too large" when
-    // positions would exceed an int; "monFile: Another process is adding parameters" after 2 seconds of it.
+    // positions would exceed an int; "monFile: Another process is adding parameters" after waiting 2 seconds.
 
     monIntParam* Int(const char* name);
     monBoolParam* Bool(const char* name);
@@ -195,13 +195,13 @@ public:
     /// @throws qelXNativeException  "monFile::String: Negative capacity"
     monStringParam* String(const char* name, int capacity);
 
-    // What Check finds.
+    // The results of Check.
     enum State {
         whole,
-        unfinished, // a record at the end is being added, or whoever added it was killed
+        unfinished, // a record at the end is being added, or its writer was killed
         damaged
     };
-    /// Reads all there is. `offset`: the end of the last whole record, in bytes, where the unfinished or the
+    /// Reads the whole file. `offset`: the end of the last whole record, in bytes, where an unfinished or
     /// damaged part begins. Changes nothing; writers refuse to add to a damaged file ("Weird parameter
     /// type").
     /// @throws qelXNativeException  "monFile has shrunk!"
@@ -244,7 +244,7 @@ private:
     bool LoadFixedString(int capacity);
     void ReadPast(int size);
 
-    // Before each access: the opening is one of this process.
+    // Before each access: reopens the file if a parent process opened it.
     void Prepare();
     void PrepareToWrite();
     long long SizeUnlessGone();
@@ -261,7 +261,7 @@ private:
     Value Get(monParam& parameter);
     template<class Value>
     Value Set(monParam& parameter, Value value);
-    xstring GetText(int start, int capacity); // null: the file says that it is longer than it can be
+    xstring GetText(int start, int capacity); // null: the stored length exceeds the capacity
     void SetText(int start, int capacity, const char* text);
     template<class Load>
     auto LoadLocked(int start, int size, Load load);
@@ -288,7 +288,7 @@ private:
     xstring title;
     int headerWord = 0;
     monParamDict* params;
-    monParam* firstParam = nullptr; // all of them, also those that others of their name have replaced
-    bool isPatient = true;          // whether waiting for a writer has been worth while
-    bool isPolite = true;           // whether waiting for readers has been
+    monParam* firstParam = nullptr; // all, including those shadowed by later ones of their name
+    bool isPatient = true;          // whether the last wait for a writer succeeded
+    bool isPolite = true;           // whether the last wait for readers succeeded
 };

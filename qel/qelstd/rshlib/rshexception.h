@@ -13,7 +13,7 @@ class QEL_API rshXException : public virtual xthrowable
 
 public:
     rshError getError() { return Error; }
-    /// What went wrong, by getMsgImpl.
+    /// The text of the failure, from getMsgImpl.
     xstring getMsg();
 
 protected:
@@ -31,7 +31,7 @@ class QEL_API rshXProcess : public virtual rshXException
     QEL_OBJECT(rshXProcess); // "rshlib::XProcess"
 
 public:
-    /// `text`: what the other end says of it; null: nothing.
+    /// `text`: the reason given by the other end; null: none.
     rshXProcess(rshError error, pcCreateError createError, const char* text);
     [[noreturn]] static void Throw(rshError error, pcCreateError createError, const char* text);
 

@@ -1,7 +1,7 @@
 #pragma once
 
 // The pieces of both ends of the relay. Each direction has one bounded queue; nothing here waits for a peer,
-// a command or a reader, except where it says so. A direction that can not go on leaves the others alone.
+// a command or a reader unless documented. A blocked direction does not affect the others.
 
 #include <cstddef>
 #include <initializer_list>
@@ -13,7 +13,7 @@
 
 #include "qelcaught_p.h"
 
-/// What the messages after the start begin with.
+/// The first integer of each message after the start.
 enum rshTag : int {
     rshTagNone = 0,
     rshTagErr = 2,       ///< block: standard error of the command
@@ -21,8 +21,8 @@ enum rshTag : int {
     rshTagIn = 4,        ///< block: its standard input
     rshTagInEnd = 5,     ///< the end of its standard input
     rshTagExit = 6,      ///< integer: its exit code
-    rshTagEnd = 7,       ///< from the server: nothing follows; the client answers the same
-    rshTagTerminate = 8, ///< end the command, or interrupt it; may come as an urgent value, too
+    rshTagEnd = 7,       ///< from the server: nothing follows; the client replies with the same
+    rshTagTerminate = 8, ///< terminate the command, or interrupt it; may also arrive as an urgent integer
     rshTagInterrupt = 9
 };
 
@@ -32,7 +32,7 @@ constexpr int rshReplyFailed = 10;
 template<class T>
 using rshOwned = std::unique_ptr<T, qelDelete>;
 
-/// Whether `work` ends without an exception of the framework; one that it throws is freed.
+/// Whether `work` returns without an exception of the framework; a thrown one is freed.
 template<class Work>
 bool rshSucceeds(Work work)
 {
@@ -45,7 +45,7 @@ bool rshSucceeds(Work work)
     }
 }
 
-/// Bytes on their way, in order; at most `capacity`.
+/// A bounded FIFO queue of bytes; at most `capacity`.
 class rshQueue
 {
 public:
@@ -54,14 +54,14 @@ public:
 
     std::size_t GetSize() const { return end - begin; }
     std::size_t GetRoom() const { return capacity - GetSize(); }
-    /// Whether a block of a worthwhile size finds room.
+    /// Whether there is room for a block of a worthwhile size.
     bool HasRoomForBlock() const { return GetRoom() > capacity / 2; }
     const char* GetHead() const { return bytes.get() + begin; }
     void Drop(std::size_t count);
     /// Room for up to GetRoom() bytes, which Add appends.
     char* GetTail();
     void Add(std::size_t count) { end += count; }
-    /// Appends an integer as the connection has it.
+    /// Appends an integer in the form of the connection.
     void PutInt(int value);
     void Clear() { begin = end = 0; }
 
@@ -71,7 +71,7 @@ private:
     std::size_t end = 0;
 };
 
-/// A queue that is emptied into a stream. What is for a stream that failed is dropped.
+/// A queue that is drained into a stream. Data for a failed stream is dropped.
 class rshOutlet
 {
 public:
@@ -80,22 +80,22 @@ public:
 
     rshQueue queue;
 
-    /// Writes what the stream takes. A file or the like takes all; something with a reader at its other end
-    /// never makes this wait. False when the stream has failed.
+    /// Writes as much as the stream accepts. A file accepts all; a stream with a reader at its other end
+    /// never blocks this call. False when the stream has failed.
     bool Pump();
     /// Puts what a wait needs to know into `events`.
     void AddTo(btkEvent::List& events);
-    /// Of a stream that has a reader at its other end; else -1.
+    /// The handle of a stream that has a reader at its other end; else -1.
     btkHandle GetHandle() const { return handle; }
     bool IsFailed() const { return isFailed; }
-    /// From now on all is dropped.
+    /// Drops all data from now on.
     void Fail();
 
 private:
     void Write();
 
     ioStream* target;
-    btkHandle handle = -1; // where the stream has a reader at its other end
+    btkHandle handle = -1; // if the stream has a reader at its other end
     std::unique_ptr<btkEvent> readyEvent;
     bool isFailed = false;
 };
@@ -107,42 +107,42 @@ public:
     /// `stream` is not owned.
     explicit rshInlet(ioStream* stream);
 
-    /// Puts what a wait needs to know into `events` while there may be more and `to` has room.
+    /// Adds the events to wait for to `events` while there may be more data and `to` has room.
     void AddTo(btkEvent::List& events, const rshQueue& to);
-    /// Moves what is there, at most `most` bytes, into `to`, as one block behind `tag`. Nothing to be moved
-    /// though the last wait found the source ready is the end. False when nothing was moved.
+    /// Moves the available bytes, at most `most`, into `to`, as one block behind `tag`. No bytes although the
+    /// last wait found the source ready means the end. False when nothing was moved.
     bool Move(rshTag tag, rshQueue& to, std::size_t most = rshQueue::capacity);
-    /// What is there now is the rest, whoever goes on writing: behind it is the end.
+    /// Treats the bytes available now as the last ones, even if a process continues to write.
     void TakeOnlyTheRest();
     bool IsEnded() const { return isEnded; }
 
 private:
     ioStream* source;
     rshOwned<ioEvent> input;
-    std::optional<std::size_t> rest; // how much is to be taken still, once that is settled
-    bool isAsked = false;            // whether the last wait looked at it
+    std::optional<std::size_t> rest; // the bytes still to be read, once TakeOnlyTheRest has fixed them
+    bool isAsked = false;            // whether the last wait included it
     bool isEnded = false;
 };
 
-/// Takes the messages of the other end apart.
+/// Parses the messages of the other end.
 class rshReceiver
 {
 public:
     explicit rshReceiver(ioStream& stream);
     virtual ~rshReceiver() = default;
 
-    /// Takes what is there, until a block finds no room. False when the connection has failed, or what comes
-    /// over it is no message.
+    /// Reads the available messages until there is no room for a block. False when the connection has failed
+    /// or the data is not a valid message.
     bool Receive();
-    /// Puts what a wait needs to know into `events`, unless a block waits for room.
+    /// Adds the events to wait for to `events`, unless a block waits for room.
     void AddTo(btkEvent::List& events);
     /// Whether a block waits for room, so that nothing is read.
     bool IsBlocked() const;
-    /// How many numbers and parts of blocks have been taken; goes round.
+    /// The number of integers and parts of blocks read so far; wraps around.
     unsigned CountTaken() const { return taken; }
 
 protected:
-    /// Where the blocks behind `tag` go; null when `tag` has no block.
+    /// The outlet for the blocks of `tag`; null when `tag` has no block.
     virtual rshOutlet* OutletOf(int tag) = 0;
     /// A message without a block; `value` is the integer of rshTagExit. False: nothing more is to be read.
     virtual bool OnMessage(int tag, int value) = 0;
@@ -155,7 +155,7 @@ private:
 
     ioStream& connection;
     rshOwned<ioEvent> input;
-    int awaiting = rshTagNone; // whose integer is awaited, or whose block is being read
+    int awaiting = rshTagNone; // the tag whose integer is awaited or whose block is being read
     rshOutlet* outlet = nullptr;
     int blockLeft = 0;
     unsigned taken = 0;
@@ -169,7 +169,7 @@ public:
     /// Gives up at the time `latest`, and when one of `stops` is signaled, of which each may be null.
     rshPartReader(ioStream& connection, btkTimeval latest, std::initializer_list<btkEvent*> stops = {});
 
-    /// Both wait. False when it was given up, or a text is no sane one.
+    /// Both wait. False at the deadline, after a stop event, or for an invalid text.
     /// @throws ioXStream  of the connection
     bool ReadInt(int& value);
     bool ReadText(std::string& text);
@@ -177,8 +177,8 @@ public:
 private:
     bool WaitForInput();
 
-    // More than a host passes to a program, also when every character is quoted: what is too long is the
-    // host's to say.
+    // More than the kernel passes to a program, even when every character is quoted: the kernel reports what
+    // is too long.
     static constexpr int greatestText = 8 << 20;
 
     ioStream& stream;

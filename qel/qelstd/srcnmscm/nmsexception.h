@@ -7,8 +7,8 @@
 class nmsRecord;
 
 // The failures of a name-service proxy, thrown as `xthrowable*`. The description is the line that reports the
-// status. All are counted. A record in one is the caller's own, not counted: it is valid as long as the
-// caller keeps it; Print needs it no more. Each is thrown by its Throw.
+// status. All are counted. A record in an exception is the caller's own, not counted: it is valid as long as
+// the caller keeps it; Print does not need it. Each is thrown by its Throw.
 
 /// The base of them.
 class QEL_API nmsXException : public virtual qelXExternFunc

@@ -9,7 +9,7 @@
 class QEL_API nmsClientStatus
 {
 public:
-    /// Who found the failure: the client, or the name server, which answered with the code.
+    /// The end that detected the failure: the client, or the name server, which returned the code.
     enum StatusOrigin : int { Client = 0, Server = 1 };
 
     nmsClientStatus(int code, StatusOrigin origin, const xstring& host, int port, bool local);
@@ -21,7 +21,7 @@ public:
     bool getLocal() const { return local; }
 
 private:
-    int code; // nmscReturnCode, or what else the server answered
+    int code; // nmscReturnCode, or another code returned by the server
     xstring host;
     int port;
     bool local;
@@ -32,10 +32,10 @@ private:
 QEL_API std::ostream& operator<<(std::ostream& os, const nmsClientStatus& status);
 
 /// Stands for one name server. Each operation is one request on a connection of its own, to the port that the
-/// environment variable VRXNMSPORT names, or 1239; it ends after the time that setAnswerLimit says. A
-/// proxy stays usable when its name server goes away and comes back. Counted. The operations throw the
-/// exception that is named after them; the requests below them answer a status, which the caller deletes, or
-/// null when all went well, and throw nothing.
+/// environment variable VRXNMSPORT names, or 1239; it returns within the limit of setAnswerLimit. A proxy
+/// stays usable when its name server is restarted. Counted. The operations throw the exception that is named
+/// after them; the requests below them return a status, which the caller deletes, or null on success, and
+/// throw nothing.
 class QEL_API nmsServerProxy : public virtual xobject
 {
     QEL_OBJECT(nmsServerProxy); // "nmsclib::ServerProxy", counted
@@ -44,19 +44,20 @@ public:
     /// A proxy for the name server of this machine, or of `host`. No connection is made.
     static nmsServerProxy* InitLocalProxy();
     static nmsServerProxy* InitProxy(const char* host);
-    /// The same for a name server that answers.
+    /// The same, after checking that the name server responds.
     /// @throws nmsXCantConnectLocal, nmsXCantConnectByName
     static nmsServerProxy* ConnectLocal();
     static nmsServerProxy* ConnectByName(const char* host);
 
-    /// Enters a record. One of a process goes with its process, and is for the local name server only.
+    /// Enters a record. The record of a process is removed when the process exits, and is for the local name
+    /// server only.
     /// @throws nmsXCantRegisterRecord
     virtual void Register(nmsRecord* record);
-    /// Deletes the records that have the fields of `pattern`; answers how many.
+    /// Deletes the records that have the fields of `pattern`; returns how many.
     /// @throws nmsXCantDelete
     virtual int Delete(nmsRecord* pattern);
     /// The records that have the fields of `pattern`, as new objects in a new array. The caller frees the
-    /// records (each goes with the last handle that held it), then the array.
+    /// records (each is freed with its last handle), then the array.
     /// @throws nmsXCantQuery
     virtual nmsRecordArray* Query(nmsRecord* pattern);
     /// @throws nmsXCantGetVersion
@@ -66,11 +67,12 @@ public:
     /// @throws nmsXCantShutdown
     virtual void Shutdown();
 
-    /// How many seconds an operation or a request takes at most, connecting and the whole answer included: 10
-    /// at first, INFINITE without limit. For the whole process, and the same as netServer::setAnswerLimit.
+    /// The most seconds that an operation or a request takes, including connecting and the complete reply:
+    /// initially 10, INFINITE without limit. Applies to the whole process; the same as
+    /// netServer::setAnswerLimit.
     static void setAnswerLimit(double seconds);
-    /// The most that the answer to a query may hold, as nmsSetAnswerBounds: 100,000 records and 64 MiB of
-    /// memory at first. More is a failure with code 8.
+    /// The size limits of the reply to a query, as nmsSetAnswerBounds: initially 100,000 records and 64 MiB
+    /// of memory. A larger reply fails with code 8.
     static void setAnswerBounds(std::size_t records, std::size_t bytes);
 
     // ---- requests
@@ -79,12 +81,12 @@ public:
     nmsClientStatus* ImplShutdown();
     nmsClientStatus* ImplRegister(nmsRecord& record);
     /// Clears `out` and fills it with new records, and stores their number in `count`; both may be null. A
-    /// record that cannot be read ends the answer with code 2, one beyond the bounds with code 8; those
-    /// before it are kept.
+    /// record that cannot be read ends the query with code 2, one beyond the bounds with code 8; those before
+    /// it are kept.
     nmsClientStatus* ImplQuery(nmsRecord& pattern, nmsRecordArray* out, int* count);
-    /// `out` gets what could be read of the record that the server answered.
+    /// `out` receives what could be read of the record that the server returned.
     nmsClientStatus* Version(nmsRecord& out);
-    /// `count`, which may be null, gets the number that the server answered, 0 when it did not.
+    /// `count`, which may be null, receives the number that the server returned, 0 without a reply.
     nmsClientStatus* ImplDelete(nmsRecord& pattern, int* count);
 
     xstring getHost() const { return host; }
@@ -93,8 +95,8 @@ private:
     nmsServerProxy(const xstring& hostName, bool isLocal) : host(hostName), local(isLocal) {}
 
     nmsClientStatus* Status(int code, nmsClientStatus::StatusOrigin origin) const;
-    /// Sends a request and reads its status; null when that is 0. `rest(exchange, status)` reads what
-    /// follows.
+    /// Sends a request and reads its status; null when that is 0. `rest(exchange, status)` reads the rest of
+    /// the reply.
     template<class Rest>
     nmsClientStatus* Request(int code, nmsRecord* record, Rest rest);
 

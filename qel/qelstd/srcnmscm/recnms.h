@@ -10,8 +10,8 @@ QEL_API void PutIndependentInt(ioStream* s, int v);
 /// 0 when four bytes could not be read.
 QEL_API int GetIndependentInt(ioStream* s);
 
-/// The most that a record may have. Each is 256, or what a value of the registry key at the path `key` below
-/// the system root says, from 1 to 255; null: no key.
+/// The limits of a record. Each is 256, or a value from 1 to 255 in the registry key at the path `key` below
+/// the system root; null: no key.
 class QEL_API nmsRecordLimits
 {
 public:
@@ -27,30 +27,30 @@ private:
     static int GetLimit(const char* key, const char* name);
 };
 
-/// What the name service holds: named texts, and the process that they belong to. Counted. Used by one thread
-/// at a time.
+/// A record of the name service: named texts, and the process that they belong to. Counted. Used by one
+/// thread at a time.
 class QEL_API nmsRecord : public virtual xobject
 {
     QEL_OBJECT(nmsRecord); // "nmsclib::Record", counted
 
 public:
-    /// An empty record of the process of that id; 0: of none, 1: of this process.
+    /// An empty record of the process with that id; 0: of no process, 1: of this process.
     explicit nmsRecord(unsigned int ownerPid);
     /// A new one.
     static nmsRecord* Create(int ownerPid);
 
-    /// Sets a field; replaces the value of one that there is. Answers true.
-    /// @throws qelXNotInitialized  `name` is no text
+    /// Sets a field; replaces the value of an existing one. Returns true.
+    /// @throws qelXNotInitialized  `name` is not a text
     unsigned char Add(const char* name, const char* value);
     unsigned char HasField(const char* name);
     /// Null when there is no such field.
     xstring GetFieldValueByName(const char* name);
-    /// The fields themselves.
+    /// The record's own fields, not a copy.
     xrchandle<xstringdictionary> getFields();
 
     /// Whether the record belongs to a process.
     unsigned char IsAssociated();
-    /// Whether its process runs.
+    /// Whether its process is running.
     bool IsAlive() const;
     /// Whether this record has every field of `pattern`, with the same value. Null: no.
     unsigned char Match(nmsRecord* pattern);
@@ -61,8 +61,8 @@ public:
     /// it is the number of fields, with the fields before it when a text is too long), and when writing
     /// failed.
     bool Send(ioStream* s);
-    /// Replaces the record by the one that `s` brings. False when `s` is null, ends or fails, and when a
-    /// limit of nmsRecordLimits is exceeded; the record keeps the fields read so far.
+    /// Replaces the record by one read from `s`. False when `s` is null, ends or fails, and when a limit of
+    /// nmsRecordLimits is exceeded; the record keeps the fields read so far.
     bool Receive(ioStream* s, const char* limitsKey);
 
 private:

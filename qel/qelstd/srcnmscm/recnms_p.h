@@ -6,11 +6,11 @@
 
 #include "recnms.h"
 
-/// Between a record and its wire form.
+/// Converts a record to and from its wire form.
 struct nmsRecordWire
 {
-    /// Adds the wire form to `to`; false as nmsRecord::Send, with what that leaves written.
+    /// Adds the wire form to `to`; false as nmsRecord::Send, with the same bytes written.
     static bool Encode(const nmsRecord& record, std::string& to);
-    /// Replaces the record by what was received.
+    /// Replaces the record by the received fields.
     static void Take(nmsRecord& record, const nmsFields& received);
 };
