@@ -5,25 +5,27 @@
 
 #include <qel/base/btkfd.h>
 
-/// The old and the new content of a file that is being overwritten in place, kept beside it. It is whole when
-/// it is there. It counts while the file is a mixture of the two: once others have written something else, it
-/// is of no use. Operations that return bool give true for success, else the reason is in errno.
+/// The journal of a file that is being overwritten in place: its old and new content, stored beside it. An
+/// existing journal is complete. It is valid while the file is a mixture of the two; a write by another
+/// program makes it outdated. Operations that return bool return true on success; otherwise the reason is in
+/// errno.
 class updateJournal
 {
 public:
-    /// Of the open `file`, for a name of it in the open `folder`. Both stay the caller's and open.
+    /// The journal of the open `file`, which has a name in the open `folder`. The caller owns both and keeps
+    /// them open.
     updateJournal(btkHandle folder, btkHandle file);
 
     enum Standing {
-        absent,   // or of somebody else
-        outdated, // it does not count
+        absent,   // or not trusted
+        outdated, // the file has other content since
         current
     };
-    /// Whether there is one, and the new content. False when that cannot be told.
+    /// Finds the journal and its new content. False when that cannot be determined.
     bool Find(Standing& standing, std::string& content) const;
-    /// Keeps both contents on the disk. False where that is not possible; nothing is there then.
+    /// Stores both contents on the disk. False when that fails; there is no journal then.
     bool Write(const std::string& oldContent, const char* content, std::size_t size) const;
-    /// Removes what is there. Success when there is nothing.
+    /// Removes the journal. A missing one counts as success.
     bool Remove() const;
 
 private:

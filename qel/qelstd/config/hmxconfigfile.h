@@ -6,22 +6,22 @@
 class btkTimeval;
 class lockFileBuf;
 
-/// What a line of a configuration file has that is not kept, or may not be meant.
+/// An oddity of a line in a configuration file: a part that is not kept, or may be a mistake.
 enum hmxConfigOddity {
     // writing the file back drops the line:
     hmxNoColon,    // it has no ":"
-    hmxNoKey,      // nothing but blanks stands before its first ":"
+    hmxNoKey,      // only blanks stand before its first ":"
     hmxOverridden, // a later line has the same key
     // the line is written otherwise:
     hmxBlanksInKey, // without them
     hmxNoValue,     // with "nil" as its value
     hmxNoLineEnd,   // with a line feed: it is the last line and has none
     // the line is kept:
-    hmxCarriageReturn, // its value ends in one, as on other hosts
-    hmxZeroByte        // GetValue gives what is before it
+    hmxCarriageReturn, // its value ends in one, as on other operating systems
+    hmxZeroByte        // GetValue returns the part before it
 };
 
-/// Is told what hmxConfigFile::Check finds.
+/// Receives the findings of hmxConfigFile::Check.
 class QEL_API hmxConfigOddityHandler
 {
 public:
@@ -32,14 +32,15 @@ public:
 };
 
 /// A small text file of lines `key:value`, held in memory, sorted by key, while it is open. Blanks and tabs
-/// are removed from keys wherever they stand; a value is everything behind the first ":", and case counts.
-/// When the file is read, lines without ":" and without a key are passed over, and of several lines with one
-/// key the last counts.
+/// are removed from keys wherever they stand; a value is everything behind the first ":". Keys are
+/// case-sensitive. Reading skips lines without ":" or without a key; of several lines with one key the last
+/// counts.
 ///
 /// An open file is locked: for reading together with other readers, for updating alone. Open waits for its
 /// turn; readers that come while an update waits are let in after it, so a thread must not hold a file that
-/// another one needs for going on. A thread that would wait for itself is refused: GetLastError() is 32
-/// when it has the file open and one of the two openings is for updating. Used by one thread at a time.
+/// another thread needs in order to proceed. An opening for which a thread would wait for itself fails:
+/// GetLastError() is 32 when it has the file open and one of the two openings is for updating. Used by one
+/// thread at a time.
 class QEL_API hmxConfigFile
 {
 public:
@@ -52,46 +53,46 @@ public:
     ~hmxConfigFile();
 
     /// Closes the file that is open, then opens `path` and reads it; ReadWrite creates a missing file. False
-    /// when that fails: no file is open then, and GetLastError() says why.
+    /// when that fails: no file is open then, and GetLastError() gives the reason.
     bool Open(const char* path, OpenMode mode);
     /// The same, but waits for its turn `limit` seconds at most; 0 tries once. GetLastError() is 33 when the
     /// limit has passed.
     bool Open(const char* path, OpenMode mode, double limit);
     /// If anything was changed, writes the file back: one line for each entry in ascending order of the keys,
-    /// and nothing else. The file then holds the old content or the new, whatever happens meanwhile; when it
-    /// cannot be written, the old one stays, and nobody is told. A file that has several hard links, is a
-    /// mount of its own, or stands in a folder that this process may not change is overwritten in place: a
-    /// full disk changes nothing, but a kill in the middle can leave a mixture, which this class reads as the
-    /// new content where it could keep that beside the file; docs/config.md has the details. Does nothing
-    /// when no file is open.
+    /// and nothing else. The file then holds the old or the new content, even after a crash; when it cannot
+    /// be written, the old content stays, and no failure is reported. A file that has several hard links, is
+    /// a mount of its own, or stands in a folder that this process may not change is overwritten in place: a
+    /// full disk changes nothing, but a kill midway can leave a mixture; this class reads it as the new
+    /// content if it could store that beside the file; docs/config.md has the details. Does nothing when no
+    /// file is open.
     void Close();
-    /// The same for callers who want to know: false when a change could not be written. GetLastError() says
-    /// why: 1006, with nothing written, when others have replaced or changed the file since Open without
-    /// asking for the lock. One that was deleted since is written anew.
+    /// The same, and reports failures: false when a change could not be written. GetLastError() gives the
+    /// reason: 1006, with nothing written, when other processes have replaced or changed the file since Open
+    /// without the lock. A file deleted since Open is created again.
     bool CloseChecked();
     bool IsOpened() const { return lockBuffer != nullptr; }
 
-    /// Null when there is no such key, or nothing behind its ":".
+    /// Null for a missing key, or one with nothing behind its ":".
     xstring GetValue(const char* key) const;
     /// Sets or adds. A null `value` is written as "nil". False, with nothing changed, when the file is not
-    /// open for updating, for a key of which nothing is left, and for a line feed in either: they would be
-    /// another entry.
+    /// open for updating, when the key consists of blanks only, and for a line feed in either, which would
+    /// start another entry.
     bool SetValue(const char* key, const char* value);
     /// False when the file is not open for updating or has no such key.
     bool DeleteValue(const char* key);
-    /// The keys in the order of their lines; those that were added come last, in the order of adding. Empty
-    /// when no file is open.
+    /// The keys in the order of their lines; added keys come last, in the order of adding. Empty when no file
+    /// is open.
     xrchandle<xstringsequence> GetKeys() const;
 
-    /// Reads the file `path`, in its turn as for reading, and tells `handler` in the order of the lines what
-    /// is odd about them; of one line it may be several things. The file is free again by then. False when it
-    /// cannot be read; GetLastError() says why.
+    /// Reads the file `path` under the lock for reading, unlocks it, and calls `handler` for each oddity in
+    /// the order of the lines; one line may have several. False when it cannot be read; GetLastError() gives
+    /// the reason.
     static bool Check(const char* path, hmxConfigOddityHandler& handler);
     /// The same, but waits for its turn `limit` seconds at most, as Open does.
     static bool Check(const char* path, hmxConfigOddityHandler& handler, double limit);
 
-    /// The numbers of the processes that have the file `path` open, as far as the host shows them; this one
-    /// may be among them.
+    /// The numbers of the processes that have the file `path` open, as far as the operating system shows
+    /// them; this one may be among them.
     static xrchandle<xintsequence> GetHolders(const char* path);
 
 private:
@@ -108,7 +109,7 @@ private:
     lockFileBuf* lockBuffer = nullptr; // null when no file is open
 };
 
-// ---- the text functions under it. A null `s` is taken for the empty text.
+// ---- the text functions under it. A null `s` means the empty text.
 
 /// Removes every `c` from `s`, in place. False when there is none.
 QEL_API bool StrPress(char* s, char c);
@@ -120,6 +121,6 @@ QEL_API void StrPress(xstring& s);
 /// Splits `s` at its first `c`; a part with nothing in it is null. False, with both unchanged, when there is
 /// none.
 QEL_API bool StrSplit(const char* s, char c, xstring& before, xstring& after);
-/// One part of it; null when there is none.
+/// One part of the split; null when there is none.
 QEL_API xstring StrSplitBefore(const char* s, char c);
 QEL_API xstring StrSplitAfter(const char* s, char c);

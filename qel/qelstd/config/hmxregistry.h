@@ -5,13 +5,13 @@
 
 class hmxRegistry;
 
-/// A shared handle to an open registry key, or closed. Copies share the key: it is closed with the last one.
-/// No call throws. A call that fails, and every call but Close on a closed key, returns false or the null
-/// string, and GetLastError() says why. One object is used by one thread at a time; copies of it, and keys
-/// below one parent, may be used by several threads.
+/// A reference-counted handle to a registry key, open or closed. Copies share the key: it is closed with the
+/// last one. No call throws. A call that fails, and every call but Close on a closed key, returns false or
+/// the null string, and GetLastError() gives the reason. One object is used by one thread at a time; copies
+/// of it, and keys below one parent, may be used by several threads.
 ///
 /// A key path holds none of the characters "/.:*?"; "\" in it leads to keys below. A name, of a value or of a
-/// direct subkey, holds no "\" either. Names are compared without ASCII case.
+/// direct subkey, holds no "\" either. Comparison of names ignores ASCII case.
 class QEL_API hmxRegistryKey
 {
 public:
@@ -21,8 +21,8 @@ public:
     ~hmxRegistryKey();
 
     /// Closes this key and becomes the key at `path` below `parent`, which Create makes if it is missing. An
-    /// invalid path changes nothing. `parent` may be this key, and a parent that others open keys below at
-    /// the same time.
+    /// invalid path changes nothing. `parent` may be this key; other threads may open keys below it at the
+    /// same time.
     bool Create(hmxRegistryKey& parent, const char* path);
     bool Open(hmxRegistryKey& parent, const char* path);
     /// True also for a key that is closed already.
@@ -34,7 +34,7 @@ public:
 
     /// Null `value`: the name itself is the value.
     bool SetValue(const char* name, const char* value);
-    /// Null when there is no such value, or it is no string.
+    /// Null when the value is missing or not a string.
     xstring GetValue(const char* name) const;
     bool DeleteValue(const char* name);
 
@@ -50,7 +50,7 @@ private:
     friend class hmxRegistry;
     struct Record;
 
-    /// How a key below another one is opened, or created.
+    /// A function that opens or creates a key below another one.
     using Opener = long (*)(void* parent, const char* path, void** key);
     bool become(Opener opener, const hmxRegistryKey& parent, const char* path);
 
@@ -72,12 +72,12 @@ public:
     static hmxRegistry& System();
     static hmxRegistry& User();
 
-    /// Counts the openings; nothing else depends on them. Open returns true. Safe to call from any thread.
+    /// Counts the openings; the count has no other effect. Open returns true. Safe to call from any thread.
     bool Open();
     void Close();
 
-    /// The folder that keeps this root in force now, as a path of the operating system; null when nothing
-    /// says where the registry is.
+    /// The folder that currently stores this root, as a path of the operating system; null when the
+    /// registry's location is unknown.
     xstring getFolder() const;
 
     hmxRegistryKey root;

@@ -38,11 +38,11 @@ public:
     [[noreturn]] static void Throw();
 };
 
-/// An open registry key with typed values, which are kept as texts. Not counted: whoever receives one frees
-/// it with xdelete. One object is used by one thread at a time; objects for one key may be used by several
-/// threads. A change is on the disk when the call returns, except in a batch (regBatch). Every operation but
-/// Close throws regXKeyClosed when the key is closed, then regXNameInvalid for a path or name that breaks the
-/// rules.
+/// An open registry key with typed values, which are stored as texts. Not counted: the caller that receives
+/// one frees it with xdelete. One object is used by one thread at a time; objects for one key may be used by
+/// several threads. A change is on the disk when the call returns, except in a batch (regBatch). Every
+/// operation but Close throws regXKeyClosed when the key is closed, then regXNameInvalid for a path or name
+/// that breaks the rules.
 class QEL_API regKey : public virtual xobject
 {
     QEL_OBJECT(regKey); // "reglib::Key"
@@ -50,8 +50,8 @@ class QEL_API regKey : public virtual xobject
 public:
     explicit regKey(const hmxRegistryKey& opened) : key(opened) {}
 
-    /// The key at `path` below this one, which CreateSubkey makes if it is missing. Null when that is
-    /// refused. The caller owns the new object.
+    /// The key at `path` below this one, which CreateSubkey makes if it is missing. Null on failure. The
+    /// caller owns the new object.
     virtual regKey* CreateSubkey(const char* path);
     virtual regKey* OpenSubkey(const char* path);
     /// 1 when it worked. A subkey that has subkeys is not deleted.
@@ -108,26 +108,26 @@ public:
 
     /// Ends one opening; the key stays usable.
     void Close() override;
-    /// Counts an opening. Answers 1.
+    /// Counts an opening. Returns 1.
     virtual unsigned char Open();
 
 private:
     hmxRegistry& root;
 };
 
-/// Brings the registry changes that the thread makes while the object lives to the disk all at once:
-/// thousands of values take no longer than a few. Every change is made at once and seen by all as always;
-/// until it is committed, a loss of power (not the end of the process) may undo it, or leave a value that
-/// cannot be read. Belongs to the thread that made it; batches may be nested.
+/// Writes the thread's registry changes to the disk in one batch: thousands of values take no longer than a
+/// few. Every change takes effect at once and is visible to all processes; until it is committed, a loss of
+/// power (not a killed process) may undo it, or leave a value that cannot be read. Belongs to the thread that
+/// made it; batches may be nested.
 class QEL_API regBatch
 {
 public:
     regBatch();
     regBatch(const regBatch&) = delete;
     regBatch& operator=(const regBatch&) = delete;
-    /// Commits what has not been, without a word on whether that worked.
+    /// Commits the remaining changes; a failure is not reported.
     ~regBatch();
 
-    /// Brings the changes up to now to the disk. False when that failed; GetLastError() says why.
+    /// Writes the changes made so far to the disk. False when that failed; GetLastError() gives the reason.
     bool Commit();
 };

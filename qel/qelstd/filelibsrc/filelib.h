@@ -8,91 +8,89 @@
 #include <qel/platform/lasterror.h>
 #include <qel/xsequence.h>
 
-// Operations on files and directories by path. Paths are written with "/" or "\"; those that exceptions name
-// are in native form where they were converted. A path that is empty, a drive alone, remote ("::" in it), or
-// longer than 259 bytes throws fsXInvalidPath. What is found in directories may lie deeper. What the
-// platform refuses throws the class of fserror.h that its last error stands for. An operation that fails part
-// way leaves what it has done.
+// Operations on files and directories by path. Paths are written with "/" or "\"; exceptions name them in
+// native form if they were converted. A path that is empty, a drive alone, remote ("::" in it), or longer
+// than 259 bytes throws fsXInvalidPath. Nodes found in directories may have longer paths. A failed platform
+// call throws the class of fserror.h for its last error. An operation that fails midway is not rolled back.
 //
-// Soft links are followed when a status is asked for, and by reading and writing. Removing removes the link
-// itself.
+// Status queries, reading and writing follow soft links. Removing removes the link itself.
 //
 // The operations keep no state and may be called from any thread; the current directory is the process's.
 
-// What a failing operation throws is also the thread's last error; GetLastError() and
-// fsXException::getPlatformError() say more than the class.
+// A failing operation also sets the thread's last error; GetLastError() and fsXException::getPlatformError()
+// are more specific than the class.
 
 class tmTime;
 
 enum fsOpMode { fsRecursive, fsSimple };
 enum fsSoftLinkCopyMode {
     fsNewLink, // a link is copied as a link with the same text
-    fsExpand,  // what a link leads to is copied
+    fsExpand,  // the target of a link is copied
     fsIgnore   // links are left out
 };
 enum fsRecursiveCopyMode {
     fsForceNew, // the destination must not exist
     fsMerge,    // directories are merged, files replaced
-    fsReplace   // what is at the destination is removed
+    fsReplace   // a node at the destination is removed
 };
 QEL_ENUM(fsOpMode);
 QEL_ENUM(fsSoftLinkCopyMode);
 QEL_ENUM(fsRecursiveCopyMode);
 
-/// What fshGetNodeType answers for a node that does not exist.
+/// Returned by fshGetNodeType for a node that does not exist.
 constexpr int fsNodeAbsent = 3;
 
 // ---- creating, removing, moving, copying
 
-/// Is told how long work gets on.
+/// Receives progress reports, and can end the work.
 class QEL_API fsProgressHandler
 {
 public:
     virtual ~fsProgressHandler() = default;
     /// `done` of `total` bytes have been copied; a hole in a file counts. Or: `done` nodes have been removed,
-    /// and `total` is 0, as nobody knows. `path` is the file that is being copied, or what is removed as a
-    /// whole, in native form and valid during the call. False ends the work. Must not throw.
+    /// and `total` is 0, since it is unknown. `path` is the file being copied, or the top node being removed,
+    /// in native form and valid during the call. False ends the work. Must not throw.
     virtual bool Invoke(const char* path, double done, double total) = 0;
 };
 
-/// What becomes of a node that an operation on many of them fails on.
+/// How an operation on many nodes continues after one of them fails.
 enum fsFailureAction {
     fsSkip,  // the operation goes on without it
-    fsRetry, // it is tried again
+    fsRetry, // the node is tried again
     fsStop   // the operation ends, as it does without a handler
 };
 
-/// Decides how an operation goes on after a failure. Arguments that are refused at once, and work that its
-/// progress handler ended, are no question for it.
+/// Decides how an operation goes on after a failure. It is not called for arguments that are refused at once,
+/// nor for work that its progress handler ended.
 class QEL_API fsFailureHandler
 {
 public:
     virtual ~fsFailureHandler() = default;
-    /// The operation fails on the node at `path`, in native form. `failure` says why. Both are valid during
-    /// the call. Must not throw.
+    /// The operation has failed on the node at `path`, in native form. `failure` gives the reason. Both are
+    /// valid during the call. Must not throw.
     virtual fsFailureAction OnFailure(const char* path, fsXException* failure) = 0;
 };
 
-/// Whether a directory's contents include what is mounted in it.
+/// Whether a directory's contents include file systems mounted in it.
 enum fsMountMode {
     fsCrossMounts,
-    fsOneFileSystem // what is mounted is passed over, which is no failure
+    fsOneFileSystem // mount points are skipped, which is not a failure
 };
 
-/// fsSimple: one directory. Else: those missing on the way to it, too; one that exists, or that another
-/// creates meanwhile, is no failure then, but a file is.
+/// fsSimple: one directory. fsRecursive: also its missing parents; an existing directory, or one that another
+/// process creates meanwhile, is then not a failure, but a file is.
 QEL_API void fsCreateDir(const char* path, fsOpMode mode);
 
-/// fsSimple: a file, or an empty directory. Else: a directory with everything in it, depth first; links in it
-/// are removed and never entered.
+/// fsSimple: a file, or an empty directory. fsRecursive: a directory with everything in it, depth first;
+/// links in it are removed and never entered.
 QEL_API void fsRemove(const char* path, fsOpMode mode);
 
-/// The same, and tells `progress` after each node that was in a directory.
+/// The same, and calls `progress` after each node removed from a directory.
 /// @throws fsXSignal  `progress` ended it
 QEL_API void fsRemove(const char* path, fsOpMode mode, fsProgressHandler& progress);
 
-/// The same, and asks `failures` about each node that cannot be removed. Directories that hold what was
-/// passed over stay. A null `progress` is told nothing.
+/// The same, and calls `failures` for each node that cannot be removed. Directories that hold skipped nodes
+/// stay. Null `progress`: no reports.
 QEL_API void fsRemove(const char* path, fsOpMode mode, fsFailureHandler& failures,
                       fsProgressHandler* progress = nullptr, fsMountMode mounts = fsCrossMounts);
 
@@ -106,22 +104,22 @@ QEL_API void fsRename(const char* path, const char* newName);
 
 /// Copies a file, or a directory with everything in it, with rights (modes without setuid, access lists),
 /// user attributes and modification times. Unless `mode` is fsSimple, creates the directories on the way to
-/// `to`. A file takes its name when it is complete: killed or failed, the copy leaves what had the name, or
-/// nothing. fsReplace removes a directory that is in the way of a file, or the other way round, when the
-/// source is open. A link at a destination is replaced, never written through. A missing source, a link that
-/// leads nowhere, and a copy onto or into itself or onto a directory that holds it throw fsXInvalidPath.
+/// `to`. A file gets its name only when it is complete: a killed or failed copy leaves the previous node of
+/// that name, or none. fsReplace removes a directory in the way of a file, or a file in the way of a
+/// directory, once the source is open. A link at a destination is replaced, never followed. A missing source,
+/// a dangling link, and a copy onto or into itself or onto a directory that holds it throw fsXInvalidPath.
 /// @throws fsXFileExists    fsForceNew and the destination exists, or a directory and something else meet
 /// @throws fsXNoPermission  a pipe, socket or device is met
 QEL_API void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode,
                     fsSoftLinkCopyMode linkMode, fsOpMode mode);
 
-/// The same, and tells `progress` after each file and after each 8 MiB of a file. The sizes are added up
-/// before the copy begins; `done` runs past them when files grow meanwhile.
-/// @throws fsXSignal  `progress` ended it; a file that was copied in part has been removed
+/// The same, and calls `progress` after each file and after each 8 MiB of a file. `total` is computed before
+/// the copy begins; `done` exceeds it when files grow meanwhile.
+/// @throws fsXSignal  `progress` ended it; a partly copied file has been removed
 QEL_API void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode,
                     fsSoftLinkCopyMode linkMode, fsOpMode mode, fsProgressHandler& progress);
 
-/// The same, and asks `failures` about each node that cannot be copied. A null `progress` is told nothing.
+/// The same, and calls `failures` for each node that cannot be copied. Null `progress`: no reports.
 QEL_API void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode,
                     fsSoftLinkCopyMode linkMode, fsOpMode mode, fsFailureHandler& failures,
                     fsProgressHandler* progress = nullptr, fsMountMode mounts = fsCrossMounts);
@@ -130,17 +128,16 @@ QEL_API void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMo
 QEL_API xstring fsReadLink(const char* path);
 QEL_API void fsCreateSoftLink(const char* target, const char* link, fsOpMode mode);
 
-/// Cuts a file, or appends zero bytes; creates it if it is missing. `size` is cut to whole bytes. A file that
-/// cannot grow keeps its size.
-/// @throws fsXOther  `size` is negative or no number of bytes
+/// Cuts a file, or appends zero bytes; creates it if it is missing. `size` is truncated to whole bytes. A
+/// file that cannot grow keeps its size.
+/// @throws fsXOther  `size` is negative or not a valid number of bytes
 QEL_API void fsSetFileSize(const char* path, double size);
 
 // ---- directories and volumes
 
-/// The environment variables HOMEDRIVE and HOMEPATH in a row; where neither is set, the native form of HOME.
-/// @throws fsXOther  one of the two is missing, empty or too long (3 and 255 bytes); HOME is no absolute
-/// path,
-///                   lies on no drive or is too long
+/// The environment variables HOMEDRIVE and HOMEPATH concatenated; if neither is set, the native form of HOME.
+/// @throws fsXOther  one of the two is missing, empty or too long (3 and 255 bytes); HOME is not an absolute
+///                   path, lies on no drive or is too long
 QEL_API xstring fsGetHomeDir();
 /// The current directory of the process, in native form with its drive.
 QEL_API xstring fsGetCurDir();
@@ -153,33 +150,33 @@ QEL_API xstring fsMkTmpName(const char* directory, const char* prefix);
 /// The same for an empty directory.
 QEL_API xstring fsMkTmpDir(const char* directory, const char* prefix);
 
-/// Free bytes, for this user, on the file system that holds `path`, or that would hold it: where it does not
-/// exist, its nearest folder that does counts.
+/// Free bytes, for this user, on the file system that holds `path`; if it does not exist, on that of its
+/// nearest existing parent.
 QEL_API double fsGetAvailableDiskSpace(const char* path);
 
-/// The names, not the paths, of the entries that are like `pattern` (fsMatchesPattern), in the platform's
-/// order. Null `pattern`: all of them; the empty one: none.
+/// The names, not the paths, of the entries that match `pattern` (fsMatchesPattern), in the platform's order.
+/// Null `pattern`: all of them; the empty one: none.
 QEL_API xrchandle<xstringsequence> fsListDirectory(const char* directory, const char* pattern);
-/// The same, and asks `failures` when the directory cannot be read; what has been read by then is kept.
+/// The same, and calls `failures` when the directory cannot be read; names read by then are kept.
 QEL_API xrchandle<xstringsequence> fsListDirectory(const char* directory, const char* pattern,
                                                    fsFailureHandler& failures);
 
-/// The existing paths that are like `pattern`, each entry of which may hold "*" and "?": depth first, in the
+/// The existing paths that match `pattern`, each entry of which may hold "*" and "?": depth first, in the
 /// platform's order within a directory.
 QEL_API xrchandle<xstringsequence> fsExpandPattern(const char* pattern);
-/// The same, and asks `failures` about each directory that cannot be read.
+/// The same, and calls `failures` for each directory that cannot be read.
 QEL_API xrchandle<xstringsequence> fsExpandPattern(const char* pattern, fsFailureHandler& failures);
 
 // ---- contents and status
 
-/// A checksum of a file's bytes, taken as signed: their number modulo 65536 in the upper half, their sum
-/// modulo 256 in the second byte; with the exclusive or of all of them, widened with sign, over that.
+/// A checksum of a file's bytes, taken as signed: their number modulo 65536 in the upper half and their sum
+/// modulo 256 in the second byte, XORed with the sign-extended XOR of all bytes.
 QEL_API int fsCalculateCheckSum(const char* path);
 
 QEL_API xrchandle<fsNodeInfo> fsGetNodeInfo(const char* path);
 
-// Quick questions about a node. One that cannot be found, or not be asked, counts as absent; a device error
-// throws fsXIOError.
+// Status queries for one node. A node that cannot be found or queried counts as absent; a device error throws
+// fsXIOError.
 
 /// A new object, which the caller frees with xdelete; null when absent.
 QEL_API tmTime* fshGetModTime(const char* path);

@@ -3,13 +3,13 @@
 #include <qel/fsfile.h>
 #include <qel/xstring.h>
 
-/// Whether `name` is like `pattern`: "*" stands for any characters, none included, "?" for one; everything
-/// else for itself. Case counts.
+/// Whether `name` matches `pattern`: "*" matches any number of characters, "?" exactly one, any other
+/// character itself. Case-sensitive.
 QEL_API bool fsMatchesPattern(const char* name, const char* pattern);
 
-/// An open directory, which gives the names of its entries one at a time, in the platform's order and without
-/// "." and "..". Nothing is thrown: what fails answers false or fsIOFailed, and GetLastError() says why. Used
-/// by one thread at a time.
+/// An open directory; returns the names of its entries one at a time, in the platform's order and without "."
+/// and "..". Nothing is thrown: a failed call returns false or fsIOFailed, and GetLastError() gives the
+/// reason. Used by one thread at a time.
 class QEL_API fsiDir
 {
 public:
@@ -19,12 +19,12 @@ public:
     /// Closes; leaves the last error as it was.
     ~fsiDir();
 
-    /// Begins with the first entry; wildcards in the name of the directory stand for themselves. A name of
+    /// Begins with the first entry; wildcards in the name of the directory have no special meaning. A name of
     /// more than 259 bytes fails (error 206). A directory that is open is closed first.
     bool Open(const char* directory);
     /// The name of the next entry.
     fsIOStatus Read(xstring& name);
-    /// The name of the next entry that is like `pattern`; null when there is none. fsIOEnd at once, with
+    /// The name of the next entry that matches `pattern`; null when there is none. fsIOEnd at once, with
     /// `name` unchanged, when `pattern` is null or empty.
     fsIOStatus ReadNextMatching(const char* pattern, xstring& name);
     bool Close();
@@ -35,7 +35,7 @@ private:
 
     struct Entry;
     bool open = false;
-    bool firstPending = false; // Open has fetched an entry that Read has not given out
+    bool firstPending = false; // Open has fetched an entry that Read has not returned yet
     void* search = nullptr;    // of the platform
     Entry* entry;
 };

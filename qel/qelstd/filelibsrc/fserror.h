@@ -4,26 +4,26 @@
 
 #include <qel/qelexception.h>
 
-/// The base of everything that the file library throws; each failure has a class of its own below. All of
-/// them are counted; the text and the path are copies.
+/// The base of all exceptions of the file library; each failure has its own class below. All of them are
+/// counted; the text and the path are copies.
 ///
-/// The platform's error that an exception keeps is the thread's last one when it was made; the library sets
-/// that before it throws.
+/// An exception stores the thread's last error at its construction; the library sets that error before it
+/// throws.
 class QEL_API fsXException : public virtual qelXExternFunc
 {
     QEL_OBJECT(fsXException); // "filelib::XException"
 
 public:
-    /// A null `path`: the failure is about no path.
+    /// Null `path`: the failure concerns no path.
     fsXException(const char* path, const char* description, qelXFunc* func);
-    /// A new exception, not thrown, with `path` in native form where it has one (else as given); null without
-    /// memory. The caller owns it.
+    /// A new exception, not thrown, with `path` in native form if it has one (else as given); null when
+    /// memory is exhausted. The caller owns it.
     static fsXException* Create(const char* path, const char* description, qelXFunc* func);
 
-    /// The path that the failure is about, or null.
+    /// The path that the failure concerns, or null.
     virtual xstring getPath();
 
-    /// Why, as GetLastError() has it, and in words; null when there are none.
+    /// The reason as a GetLastError() number, and as text; null when there is no text.
     unsigned getPlatformError() const { return platformError; }
     xstring getPlatformText() const;
 

@@ -18,17 +18,17 @@ enum fsErrorCode {
     fsOther = 11
 };
 
-/// The text of a failure; "No description" for a number that is none.
+/// The text of a failure; "No description" for an unknown number.
 const char* fsDescription(int code);
 
 /// The number for a platform error, as GetLastError gives it.
 fsErrorCode fsCodeOf(unsigned platformError);
 
-/// Whether a platform error says that there is no such node, or can be none.
+/// Whether a platform error means that the node does not exist or cannot exist.
 bool fsIsAbsence(unsigned platformError);
 
 /// Throws the exception for `code`, which is 1 to 11, with `platformError` as the thread's last error; 0:
-/// with the one that stands for the code. A null `path`: about no path.
+/// with the platform error of the code. Null `path`: the failure concerns no path.
 [[noreturn]] QEL_API void fsRaise(fsErrorCode code, const char* function, const char* path,
                                   unsigned platformError = 0);
 

@@ -10,9 +10,10 @@ enum fsIOStatus {
 enum fsFileMode { fsReadOnly, fsWriteOnly };
 enum fsFilePosition { fsFromStart, fsFromCurrent, fsFromEnd };
 
-/// An open file, read and written without a buffer. Nothing is thrown: what fails answers false or
-/// fsIOFailed, and GetLastError() says why. Positions and sizes are bytes, cut to whole ones; one that is no
-/// number or does not fit fails. Calls on a file that is not open fail. Used by one thread at a time.
+/// An open file, read and written without a buffer. Nothing is thrown: a failed call returns false or
+/// fsIOFailed, and GetLastError() gives the reason. Positions and sizes are bytes, truncated to whole
+/// ones; one that is not a number or does not fit fails. Calls on a file that is not open fail. Used by one
+/// thread at a time.
 class QEL_API fsiFile
 {
 public:
@@ -28,8 +29,7 @@ public:
     bool Open(const char* name, fsFileMode mode);
     bool Close();
 
-    /// One read of at most `count` bytes. `*done`, unless null, receives how many there were; none is
-    /// fsIOEnd.
+    /// One read of at most `count` bytes. `*done`, unless null, receives the number read; 0 is fsIOEnd.
     fsIOStatus Read(char* buffer, unsigned long count, unsigned long* done);
     /// Writes `count` bytes. `*done`, unless null, receives how many were written.
     fsIOStatus Write(const char* buffer, unsigned long count, unsigned long* done);

@@ -7,8 +7,8 @@ class tmTime;
 enum fsNodeType : int { fsFile, fsDirectory, fsSoftLink };
 QEL_ENUM(fsNodeType);
 
-/// The status of one node, as it was when Initialize asked for it; later changes of the node are not seen.
-/// Soft links are followed. Used by one thread at a time.
+/// A snapshot of the status of one node, taken by Initialize; later changes of the node are not seen. Soft
+/// links are followed. Used by one thread at a time.
 class QEL_API fsNodeInfo : public virtual xobject
 {
     QEL_OBJECT(fsNodeInfo); // "filelib::NodeInfo", counted
@@ -19,13 +19,13 @@ public:
     fsNodeInfo& operator=(const fsNodeInfo&) = delete;
     ~fsNodeInfo() override;
 
-    /// Takes the status of `path`. True when it worked; when not, GetLastError() says why
-    /// and the object is unchanged.
+    /// Takes the status of `path`. True when it worked; otherwise GetLastError() gives the reason and the
+    /// object is unchanged.
     unsigned char Initialize(const char* path);
 
     fsNodeType getType();
-    /// Time of the last modification; one beyond the year 30828 is given as that year's. The caller owns the
-    /// new object and frees it with xdelete.
+    /// Time of the last modification; one beyond the year 30828 is clamped to it. The caller owns the new
+    /// object and frees it with xdelete.
     tmTime* getModTime();
     /// Size in bytes.
     double getSize();
@@ -38,5 +38,5 @@ private:
     unsigned mode = 0;      // POSIX file type bits
     long long size = 0;     // bytes
     long long modified = 0; // seconds since 1970-01-01 00:00 UTC
-    tmTime* kept = nullptr; // what the attribute ModTime is read as
+    tmTime* kept = nullptr; // the value of the attribute ModTime
 };

@@ -4,7 +4,8 @@
 
 #include <qel/qelxobj_i.h>
 
-/// A path in native form, built step by step. What does not fit is refused and changes nothing.
+/// A path in native form, built step by step. An operation whose result does not fit fails and changes
+/// nothing.
 class fsNativePath
 {
 public:
@@ -42,7 +43,7 @@ bool fsIsRemote(const char* path);
 /// `a`. For a path in native form.
 std::size_t fsRootLength(const char* path);
 
-// ---- the checks that an operation makes of a path; they throw fsXInvalidPath with the path as given
+// ---- the checks of an operation's path; they throw fsXInvalidPath with the path as given
 
 /// The path is empty or a drive alone.
 void fsCheckEmpty(const char* path, const char* function);
@@ -53,10 +54,10 @@ void fsConvert(fsNativePath& native, const char* path, const char* function);
 void fsCheckPath(fsNativePath& native, const char* path, const char* function);
 /// `path` in native form, put into `native`, if it has a "/"; else as given, of any length.
 const char* fsConvertSlashes(fsNativePath& native, const char* path, const char* function);
-/// The three checks, the last one of a path with "/" only. Answers the path to be used.
+/// The three checks, the last one only for a path with "/". Returns the path to use.
 const char* fsCheckPathSlashes(fsNativePath& native, const char* path, const char* function);
 /// The checks of an operation with two paths: each check of both, before the next; `to` is converted always.
-/// Answers the path to be used for `from`.
+/// Returns the path to use for `from`.
 const char* fsCheckTwoPaths(fsNativePath& nativeFrom, const char* from, fsNativePath& nativeTo,
                             const char* to, const char* function);
 /// Appends a name; throws with a null path when the result is too long.

@@ -8,7 +8,7 @@
 
 class fsNativePath;
 
-/// A node by its path: its name in the folder that holds it, which is opened once.
+/// A node by its path: its name, and the folder that holds it, which is opened once.
 struct fsPlace
 {
     platFolder folder;
@@ -22,7 +22,7 @@ struct fsPlace
 };
 
 /// Removes the node `name` of `parent`, a directory with everything in it. False with the last error set;
-/// ERROR_DIR_NOT_EMPTY when nodes were passed over. `watcher` may be null.
+/// ERROR_DIR_NOT_EMPTY when nodes were skipped. `watcher` may be null.
 bool fsRemoveAt(platFolder& parent, const char* name, platNodeKind kind, platTreeWatcher* watcher = nullptr,
                 platMounts mounts = platCrossMounts);
 
@@ -35,8 +35,8 @@ void fsEnsureParent(const char* path, const char* function);
 
 // ---- failures
 
-/// Does `work`. What it throws is shown to `handler`, unless somebody has ended the work, and thrown on when
-/// there is no handler or it wants to stop. fsStop: nothing was thrown.
+/// Runs `work`. Passes its fsXException to `handler`, unless it is an fsXSignal; rethrows it when
+/// there is no handler or the handler returns fsStop. Returns fsStop when nothing was thrown.
 template<class Work>
 fsFailureAction fsAsk(fsFailureHandler* handler, const std::string& path, Work work)
 {
