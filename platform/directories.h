@@ -13,9 +13,9 @@ struct WIN32_FIND_DATAA
 };
 
 /// Begins the enumeration of a directory. Its first entry is always "."; ".." is left out. `pattern` is the
-/// directory, a separator and
-/// "*": the only pattern there is, any other last name is ERROR_INVALID_NAME. Wildcards before it stand for
-/// themselves. INVALID_HANDLE_VALUE when it fails. Used by one thread at a time.
+/// directory, a separator and "*", the only supported pattern; any other last name is ERROR_INVALID_NAME.
+/// Earlier wildcards have no special meaning. INVALID_HANDLE_VALUE when it fails. Used by one thread at a
+/// time.
 HANDLE FindFirstFileA(const char* pattern, WIN32_FIND_DATAA* data);
 /// FALSE at the end too, with ERROR_NO_MORE_FILES.
 BOOL FindNextFileA(HANDLE search, WIN32_FIND_DATAA* data);
@@ -23,8 +23,8 @@ BOOL FindClose(HANDLE search);
 
 BOOL CreateDirectoryA(const char* path, SECURITY_ATTRIBUTES* security);
 
-/// The current directory in native form with its drive. Answers its length; when `size` is too small, the
-/// size that is needed, and `buffer` is unchanged; 0 when it fails.
+/// The current directory in native form with its drive. Returns its length; when `size` is too small, returns
+/// the required size and leaves `buffer` unchanged; returns 0 when it fails.
 DWORD GetCurrentDirectoryA(DWORD size, char* buffer);
 BOOL SetCurrentDirectoryA(const char* path);
 

@@ -1,7 +1,7 @@
 #pragma once
 
-/// The numbers of Windows that name failures: GetLastError of <qel/platform/lasterror.h> returns them, and so
-/// does what file operations throw. On Windows the system's own header takes the place of this one.
+/// The Windows error numbers: GetLastError of <qel/platform/lasterror.h> returns them, and the exceptions of
+/// file operations hold them. On Windows the system's own header takes the place of this one.
 
 /// The last error: failures of files, settings and the registry, by their Windows names.
 enum : unsigned int {

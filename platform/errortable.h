@@ -6,15 +6,15 @@
 #include <qel/platform/lasterror.h>
 #include <qel/platform/platformtypes.h>
 
-/// The Windows number of a host error number; ERROR_GEN_FAILURE for one that has no counterpart.
+/// The Windows number of an errno value; ERROR_GEN_FAILURE for one without counterpart.
 DWORD platErrorOf(int hostError);
 
-/// Sets the last error to the number of the host's `errno`. Answers FALSE, for `return platFail();`.
+/// Sets the last error to the number of `errno`. Returns FALSE, for `return platFail();`.
 BOOL platFail();
 
-/// The same after a call on `hostPath` failed. Windows answers "path not found" when a directory on the way
-/// is missing and "file not found" for the last name only; the host has one number for both.
+/// The same after a call on `hostPath` failed. Windows reports "path not found" when a directory on the way
+/// is missing and "file not found" for the last name only; Linux has one errno value for both.
 BOOL platFailOn(const std::string& hostPath);
 
-/// Sets the last error to `error`. Answers FALSE.
+/// Sets the last error to `error`. Returns FALSE.
 BOOL platFailWith(DWORD error);

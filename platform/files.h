@@ -1,12 +1,11 @@
 #pragma once
 
 /// Files by path and by handle. Differences from Windows, on purpose:
-/// - Only regular files are opened; anything else is refused as ERROR_ACCESS_DENIED, without waiting on it.
-/// - Opening for writing without sharing keeps other writers of this kind out, not readers.
-/// - The calls that tell a node's status follow soft links.
-/// - MoveFileExA never replaces, whatever its flags; nor does it copy to another volume.
-/// Handles may be used by several threads as the host's descriptors may; they are not inherited by child
-/// processes.
+/// - Only regular files are opened; anything else fails with ERROR_ACCESS_DENIED, without blocking.
+/// - Opening for writing without sharing excludes other such writers, not readers.
+/// - The calls that return a node's status follow soft links.
+/// - MoveFileExA never replaces, whatever its flags; nor does it copy to another volume. Handles may be used
+///   by several threads under the same rules as file descriptors; child processes do not inherit them.
 
 #include <qel/platform/lasterror.h>
 #include <qel/platform/platformtypes.h>
@@ -31,7 +30,7 @@ enum GET_FILEEX_INFO_LEVELS { GetFileExInfoStandard };
 struct WIN32_FILE_ATTRIBUTE_DATA
 {
     DWORD dwFileAttributes;
-    FILETIME ftCreationTime; // the host's time of the last status change
+    FILETIME ftCreationTime; // the time of the last status change (ctime)
     FILETIME ftLastAccessTime;
     FILETIME ftLastWriteTime;
     DWORD nFileSizeHigh;
@@ -45,7 +44,7 @@ BOOL CloseHandle(HANDLE file);
 
 /// One read; 0 bytes are the end of the file.
 BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* done, void* overlapped);
-/// Writes all or fails; `*done` tells how much was written either way.
+/// Writes all or fails; `*done` receives the number of bytes written in either case.
 BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* done, void* overlapped);
 BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* position, DWORD from);
 BOOL SetEndOfFile(HANDLE file);
@@ -55,14 +54,14 @@ BOOL GetFileAttributesExA(const char* path, GET_FILEEX_INFO_LEVELS level, void* 
 BOOL MoveFileExA(const char* from, const char* to, DWORD flags);
 
 /// Creates an empty file with a new name: `prefix`, eight hexadecimal digits and ".TMP". `unique` must be 0
-/// and `name` have room for MAX_PATH bytes. Answers 0 when it fails. The whole prefix is kept, not three
+/// and `name` have room for MAX_PATH bytes. Returns 0 when it fails. The whole prefix is used, not only three
 /// letters; one that holds a separator is ERROR_INVALID_NAME.
 unsigned GetTempFileNameA(const char* directory, const char* prefix, unsigned unique, char* name);
 /// The same for a directory.
 unsigned platMakeTempDirectory(const char* directory, const char* prefix, unsigned unique, char* name);
 
 struct timespec;
-/// The signed 64-bit count of steps reaches from the year -27627 to 30828; a time beyond becomes its end.
+/// The signed 64-bit count covers the years -27627 to 30828; other times are clamped to that range.
 FILETIME platFileTime(const struct timespec& time);
 /// Whole seconds since 1970-01-01 00:00 UTC, rounded down.
 long long platSecondsOf(const FILETIME& time);

@@ -1,11 +1,11 @@
 #pragma once
 
 /// Work on the nodes of a directory through its descriptor. While a tree is copied or removed this way,
-/// nothing that others do to the tree (a directory replaced by a link, a rename) leads outside it.
+/// concurrent changes of the tree (a directory replaced by a link, a rename) cannot lead outside it.
 ///
-/// Paths are native or mixed, as the calls by path take them; names of nodes are host names, as Read gives
-/// them. A call that fails sets the last error. Links are not followed unless a call says so. An object is
-/// used by one thread at a time.
+/// Paths are native or mixed, as for the calls by path; names of nodes are host names, in the operating
+/// system's form, as returned by Read. A call that fails sets the last error. Links are not followed unless a
+/// call says so. An object is used by one thread at a time.
 
 #include <cstddef>
 #include <memory>
@@ -17,10 +17,10 @@
 class platWatcher;
 class platTreeWatcher;
 
-/// What a node is itself. `platSpecial` is a pipe, socket or device.
+/// The kind of a node itself, without following links. `platSpecial` is a pipe, socket or device.
 enum platNodeKind { platAbsent, platFile, platDirectory, platLink, platSpecial };
 
-/// Which node of the host it is, whatever its names.
+/// The identity of a node (device and inode number), independent of its names.
 struct platNodeId
 {
     unsigned long long device = 0;
@@ -35,7 +35,7 @@ struct platEntry
 };
 
 enum platLinks { platKeepLinks, platFollowLinks };
-/// Whether what is mounted below a folder belongs to it.
+/// Whether file systems mounted below a folder belong to it.
 enum platMounts { platCrossMounts, platOneMount };
 
 class platFolder
@@ -50,42 +50,42 @@ public:
     bool Open(const char* path);
     /// Opens the directory `name` of `parent` for reading.
     bool Open(const platFolder& parent, const char* name, platLinks links);
-    /// Opens the directory that holds the node `path`, or what that leads to when links are followed, for
-    /// everything but Read, and gives the node's name in it.
+    /// Opens the directory that holds the node `path`, or its target when links are followed, for everything
+    /// but Read, and returns the node's name in it.
     bool OpenParent(const char* path, std::string& hostName, platLinks links = platKeepLinks);
     /// Opens the deepest directory on the way to `path` that exists, itself included, for Id and IsWithin.
     bool OpenNearest(const char* path);
-    /// Opens the directory `hostPath`, relative to the host descriptor `from`, for reading.
+    /// Opens the directory `hostPath`, relative to the descriptor `from`, for reading.
     bool OpenHost(int from, const char* hostPath);
     bool Close();
 
     /// The next entry; "." and ".." are left out. False at the end too, with ERROR_NO_MORE_FILES.
     bool Read(platEntry& entry);
 
-    /// What the node `name` is; platAbsent also when that cannot be found out, with the last error set. `id`,
-    /// when given, receives which node it is.
+    /// The kind of the node `name`; platAbsent also when that cannot be determined, with the last error set.
+    /// `id`, unless null, receives the node's identity.
     platNodeKind Kind(const char* name, platLinks links, platNodeId* id = nullptr) const;
-    /// The bytes that the file `name` holds; 0 when that cannot be found out.
+    /// The size of the file `name` in bytes; 0 when that cannot be determined.
     long long Size(const char* name, platLinks links) const;
     bool Create(const char* name);
     bool DeleteFile(const char* name);
     bool RemoveFolder(const char* name);
     bool Rename(const char* name, const char* newName);
-    /// Removes everything in this folder, depth first, however deep it is; links are unlinked and never
-    /// entered. A node that is gone already is no failure. The first other failure ends it, unless `watcher`,
-    /// which may be null, decides otherwise. platOneMount: what is mounted in it stays, and is no failure.
-    /// True when nothing is left; ERROR_DIR_NOT_EMPTY when nodes were passed over.
+    /// Removes everything in this folder, depth first, at any depth; links are unlinked and never entered. A
+    /// node that no longer exists is not a failure. The first other failure ends the removal, unless
+    /// `watcher`, which may be null, decides otherwise. platOneMount: mount points in it stay, and are not a
+    /// failure. True when nothing is left; ERROR_DIR_NOT_EMPTY when nodes were skipped.
     bool RemoveContents(platTreeWatcher* watcher = nullptr, platMounts mounts = platCrossMounts);
-    /// Makes `newName` in `target` a link with the same text as the link `name`. `replaced`: something else
-    /// may have that name, which is no directory; it gives way in one step.
+    /// Makes `newName` in `target` a link with the same text as the link `name`. `replaced`: a node other
+    /// than a directory may have that name; it is replaced atomically.
     bool CopyLink(const char* name, platFolder& target, const char* newName, bool replaced) const;
     /// Gives `target`, a folder opened for reading, this folder's rights (mode without setuid, access lists,
     /// user attributes) and modification time.
     bool CopyStatus(platFolder& target) const;
 
     platNodeId Id() const;
-    /// A number of the mount that this folder, or the node `name` in it, belongs to; 0 when that cannot be
-    /// found out.
+    /// The number of the mount that this folder, or the node `name` in it, belongs to; 0 when that cannot be
+    /// determined.
     unsigned long long Mount(const char* name = "", platLinks links = platKeepLinks) const;
     /// Whether this folder is the directory `other` or lies below it.
     bool IsWithin(const platNodeId& other) const;
@@ -104,16 +104,16 @@ private:
     };
 
     int descriptor = -1;
-    void* stream = nullptr;       // the host's directory stream, from the first Read on
-    platNodeId left;              // which directory was released
-    std::vector<Remembered> rest; // what was to be read then, the last one first
-    Remembered given = {};        // of these, the one that Read gave
+    void* stream = nullptr;       // the directory stream (DIR*), from the first Read on
+    platNodeId left;              // the identity of the released directory
+    std::vector<Remembered> rest; // the entries unread at that time, in reverse order
+    Remembered given = {};        // the one of them that Read returned
     bool isReleased = false, isRemembered = false;
 };
 
-/// The way from a folder down to one far below it. However long it is, few of its folders are held open. The
-/// others are closed with what is left to read in them remembered, and opened again from below; a folder that
-/// is not where it was by then ends the way.
+/// The chain of folders from a top folder down to a nested one. At any depth only a few are held open. The
+/// others are closed, with their unread entries remembered, and reopened from below through ".."; a folder
+/// that has moved meanwhile ends the descent.
 class platDescent
 {
 public:
@@ -122,10 +122,11 @@ public:
 
     platFolder& Last() { return steps.empty() ? first : *steps.back().folder; }
     std::size_t Depth() const { return steps.size(); }
-    /// Opens the directory `name` of the last folder, which is the last one then. False with the last error.
+    /// Opens the directory `name` of the last folder, and makes it the last one. False with the last error
+    /// set.
     bool Enter(const char* name, platLinks links);
-    /// Closes the last folder; the one above it is the last one then. False, with the last error set, when
-    /// that is lost.
+    /// Closes the last folder; its parent becomes the last one. False, with the last error set, when the
+    /// parent cannot be reopened.
     bool Leave();
 
 private:
@@ -138,10 +139,10 @@ private:
     std::vector<Step> steps;
 };
 
-/// What is done about a node that work on a tree fails on.
+/// How work on a tree continues after a node failed.
 enum class platAction { skip, retry, stop };
 
-/// Told how the removal of a tree gets on.
+/// Receives the progress and failures of the removal of a tree.
 class platTreeWatcher
 {
 public:
@@ -152,7 +153,7 @@ public:
     virtual platAction Failed(const std::string& path) = 0;
 };
 
-/// A file to be copied, held open: what happens to its name afterwards does not matter.
+/// The open source file of a copy: later changes of its name have no effect.
 class platSource
 {
 public:
@@ -164,10 +165,10 @@ public:
     /// Opens the file `name` of `folder`. ERROR_ACCESS_DENIED for anything but a regular file.
     bool Open(const platFolder& folder, const char* name, platLinks links);
     /// Copies contents, rights (as platFolder::CopyStatus) and modification time to a new file in `folder`,
-    /// which must stay open. The file has no name yet that anybody knows, and is removed with this object.
-    /// `watcher` may be null.
+    /// which must stay open. The file has no published name yet, and is removed with this object. `watcher`
+    /// may be null.
     bool Copy(const platFolder& folder, platWatcher* watcher = nullptr);
-    /// Gives the copy its name. `replaced`: as for platFolder::CopyLink. When it fails nothing has changed.
+    /// Gives the copy its name. `replaced`: as for platFolder::CopyLink. On failure nothing has changed.
     bool Place(const char* name, bool replaced);
 
 private:

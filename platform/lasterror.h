@@ -14,8 +14,8 @@ inline constexpr unsigned int FORMAT_MESSAGE_IGNORE_INSERTS = 0x200;
 inline constexpr unsigned int FORMAT_MESSAGE_FROM_SYSTEM = 0x1000;
 
 /// Puts a text of one line without an end, such as "access denied", for the error number `error` into
-/// `buffer`, which has room for `size` bytes. Answers its length; 0 when `error` is unknown, there is not
-/// room for it and a zero byte, or `flags` has anything but the two above. `source`, `language` and
+/// `buffer`, which has room for `size` bytes. Returns its length; 0 when `error` is unknown, `buffer` has no
+/// room for the text and a zero byte, or `flags` has bits other than the two above. `source`, `language` and
 /// `arguments` have no effect.
 __attribute__((visibility("default"))) unsigned int FormatMessageA(unsigned int flags, const void* source,
                                                                    unsigned int error, unsigned int language,

@@ -12,12 +12,12 @@ using HANDLE = void*;
 inline constexpr BOOL FALSE = 0;
 inline constexpr BOOL TRUE = 1;
 
-/// Room for a path with its terminator, and for a name as this host may show it: 255 bytes, each of which can
-/// take three when shown.
+/// Room for a path with its terminator, and for a name in the form shown: 255 bytes, each of which can take
+/// three bytes when shown.
 inline constexpr DWORD MAX_PATH = 260;
 inline constexpr DWORD platMaxName = 255 * 3 + 1;
 
-/// What a call answers when it can give no handle.
+/// Returned by a call that fails to return a handle.
 #define INVALID_HANDLE_VALUE (reinterpret_cast<HANDLE>(static_cast<std::ptrdiff_t>(-1)))
 
 struct LARGE_INTEGER

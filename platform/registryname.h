@@ -2,8 +2,8 @@
 
 /// How names of registry keys and values become names of files. Lower-case letters, digits, "_" and "-" stand
 /// for themselves, capital letters become lower case, every other byte becomes "%" and two hexadecimal
-/// digits: a separator or ".." cannot come out. What is longer than a file name may be goes on in a directory
-/// whose name ends in "+". A value's file name ends in ".value".
+/// digits: the result never contains a separator or "..". A name that exceeds the length of a file name
+/// continues in a directory whose name ends in "+". A value's file name ends in ".value".
 
 #include <optional>
 #include <string>
@@ -16,7 +16,7 @@ std::optional<std::string> platKeyPath(std::string_view path);
 /// The file of the value `name`, relative to its key's directory.
 std::string platValuePath(std::string_view name);
 
-/// Whether a directory of the store carries a part of a long name, and is no key.
+/// Whether a directory of the store holds a part of a long name and is not a key.
 bool platIsNamePart(std::string_view fileName);
 
 /// `name` with control bytes and "%" as "%" and two digits, for the first line of a file.
@@ -26,5 +26,5 @@ std::string platWrittenName(std::string_view name);
 std::string platNameAsWritten(std::string_view text);
 
 /// The name, without its capital letters, whose key has the directory `path`, or whose value has the file
-/// `path` and ".value". Nothing when no name has.
+/// `path` and ".value". Nothing when there is no such name.
 std::optional<std::string> platNameOfFile(std::string_view path);

@@ -1,8 +1,8 @@
 #pragma once
 
-/// The folder tree that keeps the registry, below the calls of registry.h: opened without following a link in
-/// it, and changed so that a reader, and whoever comes after a killed process, finds the old state or the new
-/// one. The calls that return bool set errno when they fail.
+/// The folder tree that stores the registry, below the calls of registry.h. It is opened without following
+/// links in it, and each change is atomic: readers, also after a killed process, find the old or the new
+/// state. The calls that return bool set errno when they fail.
 
 #include <memory>
 #include <span>
@@ -11,22 +11,22 @@
 
 #include <qel/platform/filecopy.h>
 
-/// A store: its folder, held open. The folder itself may be reached through links.
+/// A store: its folder, held open. The path to the folder itself may contain links.
 struct platStore
 {
     platDescriptor folder;
     dev_t device = 0;
-    bool isShared = false; // of the machine: readable by everybody
+    bool isShared = false; // of the machine: readable by all users
 
-    /// Opens the store that keeps one of the roots, and makes it when it is missing and `create` is true.
-    /// Returns an error number; ERROR_FILE_NOT_FOUND only where there certainly is none.
+    /// Opens the store of one of the roots; creates it when it is missing and `create` is true. Returns an
+    /// error number; ERROR_FILE_NOT_FOUND only when the store certainly does not exist.
     static long Open(bool ofSystem, bool create, std::shared_ptr<const platStore>& store);
 };
 
-/// The path of the store that keeps a root; empty when nothing says where it is.
+/// The path of the store of a root; empty when its location is unknown.
 std::string platStorePath(bool ofSystem);
 
-inline constexpr const char* platNameFile = ".name"; // keeps the name of a key as it was written
+inline constexpr const char* platNameFile = ".name"; // holds the name of a key as it was written
 
 /// A node by the folder that holds it.
 struct platSpot
@@ -43,15 +43,15 @@ platDescriptor platOpenInside(int folder, const std::string& path);
 /// Opens the regular file `path` for reading. ELOOP for a link.
 platDescriptor platOpenFileInside(int folder, const std::string& path);
 
-/// A folder to be made, and the name that a file in it keeps unless it is empty.
+/// A folder to be created, and the key name that a file in it stores unless empty.
 struct platStep
 {
     std::string folder;
     std::string name;
 };
 
-/// Keeps the changes of other threads and processes out of a store while it lives. Removes first what killed
-/// processes have left unfinished.
+/// RAII lock that excludes changes of a store by other threads and processes. The constructor removes
+/// unfinished changes of killed processes.
 class platChange
 {
 public:
@@ -62,12 +62,11 @@ public:
     /// False when the store cannot be changed, with errno set.
     explicit operator bool() const { return static_cast<bool>(unfinished); }
 
-    /// Puts a whole file at `name` of `folder`, or leaves what was there. What is no regular file is not
-    /// replaced.
+    /// Replaces the file `name` of `folder` atomically. Anything but a regular file is not replaced.
     bool Replace(int folder, const char* name, std::string_view text);
-    /// Makes the folders of `steps`, each in the one before it, in one step.
+    /// Creates the folders of `steps`, each in the one before it, atomically.
     bool Build(int folder, std::span<const platStep> steps);
-    /// Removes the folder `name` with what is the store's own in it, in one step.
+    /// Removes the folder `name` with the store's own files in it, atomically.
     bool RemoveTree(int folder, const char* name);
     /// Removes a regular file.
     bool RemoveFile(int folder, const char* name);
@@ -75,9 +74,9 @@ public:
 private:
     bool write(int folder, const char* name, std::string_view text) const;
     bool makeTree(const std::string& name, std::span<const platStep> steps) const;
-    /// Brings the names in `folder` to the disk; in a batch, when that is committed.
+    /// Writes the names in `folder` to the disk; in a batch, at its commit.
     bool sync(int folder) const;
-    /// Removes `name` from the unfinished ones; all that killed processes have left when it is empty.
+    /// Removes `name` from the unfinished changes; if it is empty, all those of killed processes.
     void removeUnfinished(std::string_view name) const;
 
     const platStore& store;
