@@ -1,8 +1,7 @@
 #pragma once
 
-/// A number or pointer that several threads use, for headers that are included everywhere: the standard
-/// header for it takes longer to read than all of theirs. Relaxed unless the name of an operation says
-/// otherwise.
+/// An atomic number or pointer for headers that are included everywhere: the standard header takes longer to
+/// compile than all of theirs. Relaxed unless the name of an operation says otherwise.
 template<class T>
 class btkAtomic
 {
@@ -14,11 +13,12 @@ public:
     T Get() const { return __atomic_load_n(&value, __ATOMIC_RELAXED); }
     T GetAcquire() const { return __atomic_load_n(&value, __ATOMIC_ACQUIRE); }
     void Set(T to) { __atomic_store_n(&value, to, __ATOMIC_RELAXED); }
-    /// Each of these answers what was there before.
+    /// Each of these returns the previous value.
     T Add(T n) { return __atomic_fetch_add(&value, n, __ATOMIC_RELAXED); }
     T SubtractOrdered(T n) { return __atomic_fetch_sub(&value, n, __ATOMIC_ACQ_REL); }
     T Exchange(T to) { return __atomic_exchange_n(&value, to, __ATOMIC_RELAXED); }
-    /// Puts `to` in the place of `expected`. False when there was something else, which `expected` tells now.
+    /// Replaces `expected` by `to`. False when the value was a different one, which is then stored in
+    /// `expected`.
     bool ReplaceOrdered(T& expected, T to)
     {
         return __atomic_compare_exchange_n(&value, &expected, to, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);

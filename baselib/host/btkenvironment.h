@@ -8,19 +8,21 @@
 #include <qel/base/baseexport.h>
 
 /// The environment of the process, behind one reader-writer lock. Safe to call from any thread. Code that
-/// reads it without the lock, as the C library does for TZ or PATH, may run beside Set: texts and tables that
-/// were in force are never freed. Code that changes it by other means, such as setenv, must run alone.
+/// reads the environment without the lock, as the C library does for TZ or PATH, may run concurrently with
+/// Set: replaced texts and tables are never freed. Code that changes it by other means, such as setenv, must
+/// run alone.
 struct BASE_API btkEnvironment
 {
     /// Copies the value of `name`. False, with `value` unchanged, when the variable is not set.
     static bool Get(const char* name, std::string& value);
-    /// Sets `name` to a copy of `value`. False, with nothing changed, for a null, for a name that is empty or
-    /// holds "=", and when memory runs out.
+    /// Sets `name` to a copy of `value`. False, with nothing changed, for a null argument, for a name that is
+    /// empty or contains "=", and when memory runs out.
     static bool Set(const char* name, const char* value);
-    /// The variables whose names begin with `prefix`, each as "NAME=value".
+    /// Returns the variables whose names begin with `prefix`, each as "NAME=value".
     static std::vector<std::string> WithPrefix(std::string_view prefix);
-    /// The table to start a program with: its texts, and a null at its end. The texts are valid forever.
+    /// Returns the table to start a program with: its texts, and a null at its end. The texts are valid
+    /// forever.
     static std::vector<char*> ForProgram();
-    /// The number of calls of Set that succeeded.
+    /// Returns the number of successful calls of Set.
     static std::uint64_t Changes();
 };

@@ -6,18 +6,19 @@
 #include <qel/base/btkatomic.h>
 #include <qel/base/btkfd.h>
 
-/// Something that can be waited for: it is on (signaled) or not, and waiting does not change that. Each kind
-/// rests on a descriptor that becomes ready; a kind that knows more than its descriptor overrides OnAsk and
-/// OnPolled. Used by one thread at a time.
+/// A waitable event: on (signaled) or off; waiting does not change it. Each kind is based on a descriptor
+/// that becomes ready; a kind with further state overrides OnAsk and OnPolled. Used by one thread at a time.
 class BASE_API btkBaseEvent
 {
 public:
-    /// What a kind knows before its descriptor is asked.
+    /// The state known before the descriptor is polled.
     enum State {
-        Ask,     // the descriptor decides
-        On,      // on, whatever the descriptor says
-        AskAgain // off, whatever the descriptor says, and nothing tells when that changes: a wait asks again
-                 // soon
+        // The descriptor decides.
+        Ask,
+        // On, regardless of the descriptor.
+        On,
+        // Off, regardless of the descriptor, and no notification of a change: a wait soon calls OnAsk again.
+        AskAgain
     };
 
     virtual ~btkBaseEvent() = default;
@@ -28,38 +29,38 @@ public:
     bool IsSignaled();
 
 protected:
-    /// An event that is on while `awaited` (as poll takes them) hold for `watched`. The descriptor is not
-    /// owned. With -1 the event is on by OnAsk alone. `knowsMore`: OnAsk and OnPolled are to be called.
+    /// Creates an event that is on while `awaited` (poll's bits) hold for `watched`. The descriptor is not
+    /// owned. With -1 only OnAsk turns the event on. `knowsMore`: OnAsk and OnPolled are called.
     explicit btkBaseEvent(btkHandle watched, short awaited, bool knowsMore = false)
         : ownWatch{watched, awaited, knowsMore}
     {
     }
 
-    /// What a wait looks at.
+    /// The input of a wait.
     struct Watch
     {
         btkHandle handle; // -1: none
         short events;
-        bool asks; // OnAsk and OnPolled are to be called
+        bool asks; // OnAsk and OnPolled are called
     };
     Watch& GetWatch() { return *watch; }
 
-    /// The poll events of the select types: 0 readable, 1 writable, 2 urgent data there, 3
-    /// the peer sends no more.
+    /// Returns the poll events of the select types: 0 readable, 1 writable, 2 urgent data present, 3 the peer
+    /// has closed its output.
     static short SelectEvents(int type);
 
-    /// Called before the descriptor is asked and before every sleep; may change the watch.
+    /// Called before the descriptor is polled and before every sleep; may change the watch.
     virtual State OnAsk() { return Ask; }
-    /// Called when the descriptor was found ready (`ready` as poll answers it). False when that was a false
-    /// alarm, which must not stay: the wait goes on.
+    /// Called when the descriptor was found ready (`ready`: poll's result). False for a spurious wakeup,
+    /// which the kind must clear: the wait continues.
     virtual bool OnPolled(short ready) { return ready != 0; }
 
 private:
     friend class btkEvent;
 
     Watch ownWatch;
-    Watch* watch =
-        &ownWatch; // its owner's once it has one: a wait for many events looks at each in one place
+    // The owning btkEvent's once there is one, so that a wait for many events reads each in one place.
+    Watch* watch = &ownWatch;
 };
 
 /// An event that is always on.
@@ -72,23 +73,23 @@ protected:
     State OnAsk() override { return On; }
 };
 
-/// On while a descriptor is ready: 0 readable, or a connection to be accepted; 1 writable; 2 urgent data
-/// there; 3 the peer sends no more, however much of what it sent has not been read. The end of the input and
-/// a broken connection count as ready. The descriptor is not owned and must stay open.
+/// On while a descriptor is ready: 0 readable, or a connection to accept; 1 writable; 2 urgent data present;
+/// 3 the peer has closed its output, even if received data is still unread. The end of the input and a broken
+/// connection count as ready. The descriptor is not owned and must stay open.
 class BASE_API btkSelectEvent : public btkBaseEvent
 {
 public:
     btkSelectEvent(btkHandle watched, int type) : btkBaseEvent(watched, SelectEvents(type)) {}
 };
 
-/// The places of the events of one wait, for the host to look at. On the stack unless there are very many.
+/// The poll entries of the events of one wait. On the stack unless there are very many.
 class BASE_API btkPollSet
 {
 public:
-    /// As the host has it (pollfd).
+    /// The layout of pollfd.
     struct Place
     {
-        btkHandle handle; // -1: nothing to look at
+        btkHandle handle; // -1: nothing to poll
         short events;
         short ready;
 
@@ -102,24 +103,24 @@ public:
     btkPollSet& operator=(const btkPollSet&) = delete;
 
     Place& operator[](std::size_t i) { return all[i]; }
-    /// Marks a place as on without its descriptor.
+    /// Marks an entry as on independently of its descriptor.
     void Mark(Place& place)
     {
         place.events |= onMark;
         ++marked;
         limit = {};
     }
-    /// Lets the next sleep end soon, so that all places are filled in again.
+    /// Limits the next sleep to a short time, after which all entries are filled in again.
     void AskAgain() { asksAgain = true; }
-    /// Sleeps until a place is ready or what is left of the limit has passed. Answers how many places are
-    /// found, or more.
+    /// Sleeps until an entry is ready or the rest of the limit has passed. Returns the number of ready
+    /// entries, or more.
     int Sleep();
-    /// Whether another sleep, after all places have been filled in again, may find something else.
+    /// Whether another sleep, after all entries have been filled in again, may find something.
     bool GoesOn() const { return mayGoOn; }
 
 private:
-    /// Stands among the events of a place whose event is on without its descriptor; means nothing to the
-    /// host.
+    /// Bit in the events of an entry whose event is on independently of its descriptor; the operating system
+    /// ignores it.
     static constexpr short onMark = 0x4000;
 
     std::size_t count;
@@ -133,7 +134,7 @@ private:
     Place* all = near;
 };
 
-/// Owns a btkBaseEvent and waits for several of them at once.
+/// Owns a btkBaseEvent and can wait for several events at once.
 class BASE_API btkEvent
 {
 public:
@@ -147,19 +148,18 @@ public:
 
     /// Whether it is on now. Does not wait.
     bool IsSignaled();
-    /// Whether the last wait that this event took part in found it on.
+    /// Whether the last wait for this event found it on.
     bool WasSignaled() { return wasOn.Get(); }
 
-    /// Sleeps until at least one event of `list` is on or `limit` has passed, and answers how many are on.
-    /// Null entries are skipped. `second` has no meaning on this host, where all kinds are waited for at
-    /// once.
+    /// Sleeps until at least one event of `list` is on or `limit` has passed, and returns how many are on.
+    /// Null entries are skipped. `second` has no effect on Linux, where one wait covers all kinds.
     static int Wait(const List& list, btkTimeval limit, btkTimeval second = {});
-    /// The same for `count` events that `at(i)` gives.
+    /// The same for `count` events that `at(i)` returns.
     template<class At>
     static int WaitForAny(std::size_t count, btkTimeval limit, At at);
 
 private:
-    /// Fills in this event's place of a wait.
+    /// Fills in this event's entry of a wait.
     void Prepare(btkPollSet::Place& place, btkPollSet& places)
     {
         if (WasSignaled())
@@ -169,7 +169,7 @@ private:
             PrepareAsked(place, places);
     }
     void PrepareAsked(btkPollSet::Place& place, btkPollSet& places);
-    /// Takes the result from its place, where something was found. Whether the event is on.
+    /// Takes the result from its entry, where one was found. Returns whether the event is on.
     bool Finish(const btkPollSet::Place& place);
 
     btkBaseEvent::Watch watch = {-1, 0, false}; // first of all: what a wait looks at
@@ -180,7 +180,8 @@ private:
 template<class At>
 int btkEvent::WaitForAny(std::size_t count, btkTimeval limit, At at)
 {
-    // The events lie anywhere in memory, and the host's own work has pushed them out of the nearest cache.
+    // The events are scattered in memory, and the system call has evicted them from the nearest cache:
+    // prefetch.
     constexpr std::size_t ahead = 24;
     btkPollSet places(count, limit);
     for (;;) {
@@ -193,7 +194,7 @@ int btkEvent::WaitForAny(std::size_t count, btkTimeval limit, At at)
                 places[i] = {-1, 0, 0};
         }
         int signaled = 0;
-        int found = places.Sleep(); // a place that is found in two ways counts twice
+        int found = places.Sleep(); // an entry found in two ways counts twice
         for (std::size_t i = 0; found > 0 && i < count; ++i) {
             if (places[i].IsFound()) {
                 signaled += at(i)->Finish(places[i]);
@@ -205,9 +206,9 @@ int btkEvent::WaitForAny(std::size_t count, btkTimeval limit, At at)
     }
 }
 
-// ---- events that a program sets and resets
+// ---- events set and reset by the program
 
-/// A new event, set or not; -1 when the host has none left. Freed with Event_Free.
+/// Returns a new event, set or not; -1 when no descriptor is left. Freed with Event_Free.
 BASE_API btkHandle Event_Create(bool isSet);
 /// Sets the event; it stays set until Event_Reset. Safe in a signal handler; keeps errno.
 BASE_API void Event_Set(btkHandle event);

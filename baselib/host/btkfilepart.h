@@ -2,35 +2,35 @@
 
 #include <qel/base/btkfd.h>
 
-// What processes need that share a file and rewrite parts of it in place.
+// For processes that share a file and rewrite parts of it in place.
 
-/// Makes the file `size` bytes long: what stands behind is dropped, what is missing is zero.
+/// Sets the file's size to `size` bytes: truncates it, or extends it with zeros.
 BASE_API bool btkSetFileSize(btkHandle handle, long long size);
 
-/// Which file it is, and what others may have done with it.
+/// Identity and state of a file, to detect changes by others.
 struct btkFileState
 {
     unsigned long long device = 0, node = 0;
     long long size = 0;
-    bool hasName = false; // somewhere
-    bool isPlain = false; // no folder, pipe or device
+    bool hasName = false; // in any folder
+    bool isPlain = false; // not a folder, pipe or device
 
     bool IsSameFile(const btkFileState& other) const { return device == other.device && node == other.node; }
 };
 
-/// The state of an open file, or of the one that `path`, as the host names it, leads to. False with the
-/// reason in errno.
+/// Stores the state of an open file, or of the file at `path`, in native form. False with the reason in
+/// errno.
 BASE_API bool btkGetFileState(btkHandle handle, btkFileState& state);
 BASE_API bool btkGetFileState(const char* path, btkFileState& state);
 
-/// Opens the file of the descriptor anew and puts that in the place of the descriptor's opening: a forked
-/// child shares openings, with their locks, with its parent. The file may have lost its name. False, with
+/// Reopens the descriptor's file and replaces the descriptor's open file description: a forked child shares
+/// open file descriptions, and their locks, with its parent. The file may have lost its name. False, with
 /// nothing changed and the reason in errno, when it cannot be opened.
 BASE_API bool btkOpenAnew(btkHandle handle);
 
-/// Rewrites parts of one file. When the process is killed meanwhile, the file holds all the old bytes of the
-/// part or all the new ones. That cannot be had for more than 4096 bytes, nor where the file cannot be mapped
-/// or the system does not permit process_vm_readv: those parts are written as btkWriteAt does.
+/// Rewrites parts of one file. If the process is killed meanwhile, the file holds all the old bytes of the
+/// part or all the new ones. Not guaranteed for more than 4096 bytes, nor where the file cannot be mapped or
+/// the system does not permit process_vm_readv: those parts are written as by btkWriteAt.
 class BASE_API btkPartWriter
 {
 public:
@@ -40,16 +40,19 @@ public:
     btkPartWriter& operator=(const btkPartWriter&) = delete;
 
     enum Notice {
-        AtOnce, // who watches the file learns of every part, and its time of change is that of the last one
-        Quietly // the same, but not more often than once a second: saves a system call
+        // Watchers are notified of every part, and the file's modification time is that of the last one.
+        AtOnce,
+        // The same, but at most once a second: saves a system call.
+        Quietly
     };
 
-    /// As btkWriteAt. `handle` is the same file each time, open for reading and writing. A part that lies
-    /// across a page's end takes one system call and one for the notice; the first one has the file mapped,
-    /// and it stays so. `notice`: of such a part; of others all learn at once.
+    /// Like btkWriteAt. `handle` is the same file each time, open for reading and writing. A part that
+    /// crosses a page boundary takes one system call and one for the notification; the first one maps the
+    /// file, which stays mapped. `notice` applies to such parts; watchers are notified of other parts at
+    /// once.
     std::size_t Write(btkHandle handle, const void* from, std::size_t size, long long position,
                       Notice notice = AtOnce);
-    /// Whether a part lies across a page's end.
+    /// Whether a part crosses a page boundary.
     static bool LiesAcross(long long position, std::size_t size);
 
 private:
@@ -64,13 +67,13 @@ private:
     long long mapped = 0;  // bytes
 };
 
-/// Rests between attempts at something that others will soon have finished.
+/// Pauses between attempts at an operation that others will soon have finished.
 class BASE_API btkPatience
 {
 public:
     explicit btkPatience(btkTimeval longest) : limit(longest) {}
-    /// Sleeps for a moment, but not at first: others may be through any time. False when `longest` has passed
-    /// since the first rest.
+    /// Sleeps for a moment, except the first time: others may finish at any time. False when `longest` has
+    /// passed since the first rest.
     bool Rest();
 
 private:
@@ -79,33 +82,33 @@ private:
     int rests = 0;
 };
 
-/// A lock on bytes of an open file, which need not exist. It is held against other openings of the file, in
-/// this process and in others, and binds only those who ask for locks. Duplicates of a descriptor, and a
-/// forked child's copies of it, belong to one opening. The lock is gone with the object, and with the
-/// process.
+/// An advisory lock on bytes of an open file; the bytes need not exist. It excludes other open file
+/// descriptions of the file, in this process and in others. Duplicates of a descriptor, and a forked child's
+/// copies of it, share one open file description. The lock is released with the object, and when the process
+/// exits.
 class BASE_API btkRangeLock
 {
 public:
     enum Kind { Shared, Exclusive };
     enum Answer { Held, Busy, Unsupported };
 
-    /// `size` bytes from `start`; 0: all that follow. Holds nothing yet. The descriptor stays open meanwhile;
-    /// it must allow reading for a shared lock and writing for an exclusive one.
+    /// `size` bytes from `start`; 0: all that follow. Holds nothing yet. The descriptor must stay open
+    /// meanwhile, and must allow reading for a shared lock and writing for an exclusive one.
     btkRangeLock(btkHandle file, long long start, long long size) : handle(file), first(start), count(size) {}
     btkRangeLock(const btkRangeLock&) = delete;
     btkRangeLock& operator=(const btkRangeLock&) = delete;
     ~btkRangeLock() { Release(); }
 
-    /// Takes the lock unless another opening holds one against it: exclusive ones against all, shared ones
-    /// against exclusive ones. Never waits.
+    /// Takes the lock unless another open file description holds a conflicting one: exclusive locks conflict
+    /// with all, shared ones with exclusive ones. Never waits.
     Answer Try(Kind kind);
-    /// Waits until the answer is not Busy or `limit` has passed.
+    /// Retries until the result is not Busy or `limit` has passed.
     Answer Wait(Kind kind, btkTimeval limit);
-    /// Whether Try would answer Busy. Takes nothing.
+    /// Whether Try would return Busy. Takes nothing.
     bool IsBusy(Kind kind) const;
     void Release();
-    /// Lets the opening keep the lock beyond this object's life: it ends when the opening's last descriptor
-    /// is closed.
+    /// Keeps the lock beyond this object's life: it is released when the last descriptor of the open file
+    /// description is closed.
     void Leave() { held = false; }
 
 private:

@@ -4,12 +4,12 @@
 
 #include <qel/base/baseexport.h>
 
-/// Gives out memory for framework objects. What it gives is freed with ordinary deletion, so an
-/// implementation takes its memory from the global allocation functions.
+/// Allocates memory for framework objects. The memory is freed with ordinary deletion, so an implementation
+/// uses the global allocation functions.
 class BASE_API btkMemMgr
 {
 public:
-    /// At least `size` bytes, aligned for any type.
+    /// Returns at least `size` bytes, aligned for any type.
     /// @throws std::bad_alloc  no memory
     virtual void* Allocate(std::size_t size);
 
@@ -33,14 +33,15 @@ inline void operator delete(void* memory, btkMemMgr*) noexcept
     ::operator delete(memory);
 }
 
-/// A copy of `text`, of the size of the text with its terminator. The caller frees it with `delete[]`.
+/// Returns a copy of `text`, exactly as large as the text with its terminator. The caller frees it with
+/// `delete[]`.
 /// @throws std::bad_alloc  no memory
 BASE_API char* btkStrDup(const char* text);
 
-/// A block of `size` bytes, not 0, in the place of `block`, which is null or a block of the C runtime as the
-/// result is: its first `kept` bytes go along. Null: no memory, and `block` is as it was.
+/// Reallocates `block`, which is null or a block of the C runtime as the result is, to `size` bytes, not 0,
+/// and preserves its first `kept` bytes. Null: no memory, and `block` is unchanged.
 BASE_API void* btkResizeBlock(void* block, std::size_t kept, std::size_t size);
 
-/// Tells the host that the `size` bytes at `block` will be written soon. Blocks of some megabytes then come
-/// in large pages, which take far less time to get and to find again. Nothing but speed depends on it.
+/// Advises the operating system that the `size` bytes at `block` will be written soon. Blocks of some
+/// megabytes then use huge pages, which are much faster to fault in and to address. Affects speed only.
 BASE_API void btkExpectUse(void* block, std::size_t size);

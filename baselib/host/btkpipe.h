@@ -18,7 +18,7 @@ public:
 
 struct BASE_API btkAnonymousPipe
 {
-    /// Makes a pipe and gives its two ends, closed on exec, to `output` and `input`. False, and both
-    /// unchanged, when the host has no descriptors left.
+    /// Creates a pipe and stores its two ends, closed on exec, in `output` and `input`. False, and both
+    /// unchanged, when no descriptors are left.
     static bool Create(btkOutputPipe& output, btkInputPipe& input);
 };

@@ -2,8 +2,9 @@
 
 #include <cerrno>
 
-/// Makes a call of the operating system again as long as a signal interrupts it. Returns its result: -1 with
-/// the reason in errno when it failed otherwise. Not for close, which has closed all the same.
+/// Repeats a call of the operating system while a signal interrupts it. Returns its result: -1 with the
+/// reason in errno when it failed otherwise. Not for close, which closes the descriptor even when
+/// interrupted.
 template<typename Call>
 auto btkRetry(Call call)
 {

@@ -21,13 +21,14 @@ public:
     /// The descriptor, which stays the socket's; -1 when it is not open.
     btkHandle GetHandle() const { return fd.Get(); }
 
-    /// Waits until the socket can be read or has a connection to accept (`conditions` 1), can be written
-    /// (2), or either (3). The conditions that hold; 0 when waiting failed, -1 when `limit` has passed.
+    /// Waits until the socket can be read or has a connection to accept (`conditions` 1), can be written (2),
+    /// or either (3). Returns the conditions that hold; 0 when waiting failed, -1 when `limit` has passed.
     int Wait(btkTimeval limit, int conditions) const;
 
-    /// This end's port; 0 when the socket is not open.
+    /// Returns this end's port; 0 when the socket is not open.
     int GetPortN() const;
-    /// This end's address, as numbers; IPv4 is dotted, IPv6 as `2001:db8::1`. Empty when it is not open.
+    /// Returns this end's address in numeric form; IPv4 is dotted, IPv6 as `2001:db8::1`. Empty when it is
+    /// not open.
     std::string GetLocalAddrStr() const;
     /// Whether that address is a loopback one.
     bool IsOnLoopback() const;
@@ -39,21 +40,21 @@ protected:
     btkFd fd;
 };
 
-/// Tells those who serve a connection when its time is up. Shared by the one who tells, in any thread or a
-/// signal handler, and by the sockets whose waits it ends.
+/// Notifies the users of connections of a time limit. Shared by the notifying side, in any thread or a signal
+/// handler, and by the sockets whose waits it ends.
 class BASE_API btkStopSign
 {
 public:
     /// `event` becomes readable once the end is known; not owned.
     explicit btkStopSign(btkHandle event) : handle(event) {}
 
-    /// Sets the end, before the event becomes readable. Forever, as at first: there is none.
+    /// Sets the end, before the event becomes readable. Forever, the default: none.
     void SetEnd(btkTimeval time) { end.store(time, std::memory_order_release); }
     btkTimeval GetEnd() const { return end.load(std::memory_order_acquire); }
     bool IsKnown() const { return !GetEnd().IsForever(); }
     bool IsOver() const { return IsKnown() && GetEnd() <= btkTimeval::Now(); }
 
-    /// The event's handle, -1 once it is closed: Leave is called before that.
+    /// The event's handle, -1 once it is closed: Leave must be called before the event is closed.
     btkHandle GetHandle() const { return handle.load(std::memory_order_acquire); }
     void Leave() { handle.store(-1, std::memory_order_release); }
 
@@ -62,81 +63,81 @@ private:
     std::atomic<btkTimeval> end = btkTimeval::Forever();
 };
 
-/// A connection: a stream of bytes in each direction, and beside it urgent values of four bytes. What
-/// overtakes is the news that a value has come; reading it moves the ordinary bytes sent before it into
-/// memory, from where they are read later as if nothing had happened.
+/// A connection: a stream of bytes in each direction, and beside it urgent values of four bytes. Only the
+/// notification of a value overtakes; reading the value buffers the ordinary bytes sent before it, from where
+/// later reads take them.
 ///
 /// TCP has one urgent mark for each direction, and a sender cannot know how far its peer has read: a second
-/// value that arrives before the peer has read past the mark of the first takes that mark. Then the first is
-/// no urgent value any more, and its four bytes stay among the ordinary ones, whose values they corrupt.
+/// value that arrives before the peer has read past the mark of the first takes that mark. The first is then
+/// no longer an urgent value, and its four bytes stay among the ordinary ones and corrupt their values.
 /// SetUrgentSpacing makes that rare.
 ///
-/// A peer that has vanished without a word, as when its machine has lost its power, is asked for after a
-/// minute of silence; receiving fails with ETIMEDOUT a minute later.
+/// Keepalive: a peer that vanishes silently, for example by a power failure, is probed after a minute of
+/// silence; receiving fails with ETIMEDOUT a minute later.
 ///
-/// Failed calls leave the reason in errno. No call raises SIGPIPE, and none ends because of a signal.
+/// Failed calls leave the reason in errno. No call raises SIGPIPE, and signals do not interrupt calls.
 class BASE_API btkStreamSocket : public btkSocket
 {
 public:
     btkStreamSocket();
     ~btkStreamSocket();
 
-    /// Connects to `port` (1..65535) of `host`, a name or an address as numbers. Null, the empty text, this
+    /// Connects to `port` (1..65535) of `host`, a name or a numeric address. Null, the empty text, this
     /// machine's own name and `localhost` mean this machine, over its loopback. All addresses of a name are
-    /// tried, and everything together, the name's resolution too, takes at most `limit`. What was connected
-    /// before is closed.
+    /// tried; everything together, including the name's resolution, takes at most `limit`. Closes any
+    /// previous connection.
     bool Connect(const char* host, int port, btkTimeval limit);
     /// Takes over a connected descriptor and owns it.
     void Adopt(btkFd connected);
     void Close();
-    /// Ends the output: the peer reads what was sent, then the end. Reading goes on.
+    /// Closes the output: the peer reads the data sent before, then the end. Reading continues.
     void ShutdownOutput();
 
-    /// How long Send and Recv wait at most for the next byte to go or to come before they fail with
-    /// ETIMEDOUT; without limit at first.
+    /// Limits how long Send and Recv wait for the next byte to be sent or received before they fail with
+    /// ETIMEDOUT; no limit at first.
     void SetRecvLimit(btkTimeval limit) { recvLimit = limit; }
     void SetSendLimit(btkTimeval limit) { sendLimit = limit; }
     /// Whether the last call failed with ETIMEDOUT because of a limit of this end, not because the peer has
     /// vanished.
     bool IsLimitPassed() const { return limitPassed; }
-    /// From the end that `sign` tells of, Send and Recv fail with ETIMEDOUT, and what waits then ends. Null:
-    /// none.
+    /// From the end that `sign` sets, Send and Recv fail with ETIMEDOUT, and pending waits end at that time.
+    /// Null: none.
     void SetStopSign(std::shared_ptr<const btkStopSign> sign) { stopSign = std::move(sign); }
-    /// How many ordinary bytes are held at most because an urgent value stands behind them; 256 KiB at first.
-    /// A value further on is found once enough of them have been read.
+    /// Limits the number of ordinary bytes buffered to reach an urgent value behind them; 256 KiB at first. A
+    /// value further on is found once enough of them have been read.
     void SetUrgentBudget(std::size_t bytes) { urgentBudget = bytes; }
-    /// When the last of several calls of Send and Recv ends, on the clock of btkTimeval::Now, whatever their
-    /// own limits say; Forever, as at first: only those hold.
+    /// Ends a sequence of calls of Send and Recv, on the clock of btkTimeval::Now, regardless of their own
+    /// limits; Forever, the default: only those apply.
     void SetDeadline(btkTimeval end) { deadline = end; }
 
-    /// Has Send wait before an urgent value until this time has passed since the last one, or something has
-    /// come from the peer since. 0, as at first: it does not.
+    /// Makes Send wait before an urgent value until this time has passed since the last one, or data has
+    /// arrived from the peer since. 0, the default: no wait.
     void SetUrgentSpacing(btkTimeval spacing) { urgentSpacing = spacing; }
 
-    /// Sends all `size` bytes. Answers how many were sent, which is less than `size` only when sending
-    /// failed. `oob`: as one urgent value, which must have four bytes; waits at most 200 ms until what was
+    /// Sends all `size` bytes. Returns the number sent, which is less than `size` only when sending failed.
+    /// `oob`: sends one urgent value, which must have four bytes; first waits at most 200 ms until the data
     /// sent before has arrived.
     std::size_t Send(const void* from, std::size_t size, bool oob = false);
-    /// Waits for bytes and receives up to `size` of them; 0 at the end of the input, -1 when it failed.
-    /// `oob`: receives the oldest urgent value that has come, without waiting: 4, less when the peer sent
+    /// Waits for bytes and receives up to `size` of them; 0 at the end of the input, -1 on failure. `oob`:
+    /// receives the oldest urgent value that has arrived, without waiting: returns 4, less when the peer sent
     /// fewer bytes, 0 when there is none.
     std::ptrdiff_t Recv(void* to, std::size_t size, bool oob = false);
-    /// The same where nothing is known to be there.
+    /// The same when no data is known to be available.
     std::ptrdiff_t AwaitAndRecv(void* to, std::size_t size);
-    /// Receives what is there without waiting: as Recv, and -1 with EAGAIN when there is nothing.
+    /// Receives the available bytes without waiting: like Recv, and -1 with EAGAIN when there are none.
     std::ptrdiff_t TryRecv(void* to, std::size_t size);
-    /// Receives `size` bytes, fewer only at the end of the input or when it failed. Answers how many.
+    /// Receives `size` bytes, fewer only at the end of the input or on failure. Returns the number received.
     std::size_t RecvAll(void* to, std::size_t size);
 
-    /// How many ordinary bytes can be received without waiting.
+    /// Returns the number of ordinary bytes that can be received without waiting.
     std::size_t CountReadable();
-    /// Whether Recv would answer at once: with ordinary bytes, with the end or with a failure.
+    /// Whether Recv would return at once: with ordinary bytes, with the end or with a failure.
     bool IsReadable(btkTimeval limit = {});
-    /// The same as a new event, without a system call where no urgent value has come. The caller owns it, and
-    /// frees it before the socket.
+    /// Returns the same as a new event, without a system call unless an urgent value has arrived. The caller
+    /// owns it, and must free it before the socket.
     btkBaseEvent* GetInputEvent();
-    /// For such events: what is known before the host is asked, which poll conditions to ask for, and what
-    /// follows from those that were found.
+    /// For such events: the state known before polling, the poll conditions to wait for, and the result of
+    /// those found.
     bool HoldsReadable() const;
     short GetInputConditions() const;
     bool IsReadableAfter(short found);
@@ -145,8 +146,8 @@ public:
     /// Whether there is room to read on to an urgent value's mark.
     bool MayReadAhead() const;
 
-    /// The peer's address, as numbers; one that is IPv4 mapped into IPv6 is dotted. Empty when it is not
-    /// known; of an accepted connection it always is.
+    /// Returns the peer's numeric address; an IPv4 address mapped into IPv6 is dotted. Empty when unknown; it
+    /// is always known for an accepted connection.
     std::string GetPeerAddrStr() const;
     /// Whether the peer runs on this machine: its address is a loopback one, or this end's own.
     bool IsPeerOnTheSameMachine() const;
@@ -182,32 +183,33 @@ private:
     std::unique_ptr<Ahead> ahead;        // what was read because of urgent values; null until there is one
 };
 
-/// Waits for connections. Does not block: Accept takes a connection that is there; Wait waits for one.
+/// Waits for connections. Non-blocking: Accept takes a pending connection; Wait waits for one.
 class BASE_API btkAcceptSocket : public btkSocket
 {
 public:
-    /// Listens on `port`; 0 lets the host choose, see GetPortN. `interface`: the address or name of one of
-    /// this machine's interfaces, null for all of them. False, with the reason in errno, when the port is
-    /// outside 0..65535 or taken. A port that is only left over from closed connections is not taken.
+    /// Listens on `port`; 0 lets the operating system choose, see GetPortN. `interface`: the address or name
+    /// of one of this machine's interfaces, null for all of them. False, with the reason in errno, when the
+    /// port is outside 0..65535 or taken. A port merely left over from closed connections is not taken.
     bool Listen(int port, const char* interface);
     void Close() { fd.Reset(); }
 
-    /// Gives the next connection to `connection`. False when there is none now (EAGAIN) or taking it failed.
+    /// Stores the next connection in `connection`. False when none is pending (EAGAIN) or accepting failed.
     bool Accept(btkStreamSocket* connection);
 };
 
-/// Whether closing the connection resets it, also when the program ends: what has not been sent is dropped,
-/// and the peer learns of the end at once, even when it takes nothing. Off at first: the rest is sent then.
+/// Sets whether closing the connection, also by the exit of the program, resets it: unsent data is dropped,
+/// and the peer sees the end at once, even if it reads nothing. Off at first: unsent data is then sent.
 BASE_API void btkResetOnClose(btkHandle connection, bool isOn);
-/// How many bytes that were sent have not arrived at the peer's machine.
+/// Returns the number of sent bytes that have not arrived at the peer's machine.
 BASE_API std::size_t btkCountUnsent(btkHandle connection);
-/// How many more bytes the peer's machine takes while the peer reads nothing, as far as this one knows; a
-/// great number where the operating system does not say.
+/// Returns how many more bytes the peer's machine accepts while the peer reads nothing, as far as this
+/// machine knows; a large number where the operating system does not report it.
 BASE_API std::size_t btkCountPeerRoom(btkHandle connection);
-/// How many bytes have come over the connection since its start; 0 where the operating system does not say.
+/// Returns the number of bytes received over the connection since its start; 0 where the operating system
+/// does not report it.
 BASE_API unsigned long long btkCountReceived(btkHandle connection);
-/// How many bytes this machine takes, about, while this end reads nothing. Before it is set, the operating
-/// system lets it grow to some MiB.
+/// Sets approximately how many bytes this machine buffers while this end reads nothing. Until it is set, the
+/// operating system lets it grow to some MiB.
 BASE_API void btkSetOwnRoom(btkHandle connection, std::size_t bytes);
 
 /// Whether `host` means this machine: null, empty, `localhost` or the machine's own name, in any case.

@@ -6,7 +6,7 @@
 
 #include <qel/base/btktimeval.h>
 
-/// An address with a port, as the host's calls take it.
+/// A socket address with its port, in the form of the system calls.
 struct btkSocketAddress
 {
     sockaddr_storage storage = {};
@@ -16,19 +16,20 @@ struct btkSocketAddress
     const sockaddr* Get() const { return reinterpret_cast<const sockaddr*>(&storage); }
 
     int GetPort() const;
-    /// The address without its port, as numbers; IPv4 that is mapped into IPv6 is dotted.
+    /// Returns the numeric address without its port; IPv4 mapped into IPv6 is dotted.
     std::string GetText() const;
     bool IsLoopback() const;
-    /// Whether the addresses are the same, whatever the ports and however IPv4 is written.
+    /// Whether the addresses are equal, regardless of the ports and of how IPv4 is represented.
     bool HasSameHost(const btkSocketAddress& other) const;
 
     static btkSocketAddress Loopback(int family, int port);
-    /// The address that stands for all interfaces.
+    /// Returns the address that stands for all interfaces.
     static btkSocketAddress Any(int family, int port);
 };
 
-/// The addresses of `host`, the likeliest first; for this machine its loopback. Empty when there are none or
-/// `limit` has passed before the host's resolver knew; the reason is in errno.
+/// Returns the addresses of `host`, the preferred one first; for this machine its loopback. Empty when there
+/// are none or `limit` passed during name resolution; the reason is in errno.
 std::vector<btkSocketAddress> btkResolve(const char* host, int port, btkTimeval limit);
-/// The address of this machine's interface `name`, which may be an address too. Empty when there is none.
+/// Returns the address of this machine's interface `name`, which may itself be an address. Empty when there
+/// is none.
 std::vector<btkSocketAddress> btkResolveInterface(const char* name, int port);

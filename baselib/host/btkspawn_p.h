@@ -2,7 +2,7 @@
 
 #include <spawn.h>
 
-/// How a program starts: no signal blocked, each handled as by default.
+/// Start attributes of a program: no signal blocked, each handled as by default.
 class btkSpawnAttributes
 {
 public:
@@ -11,7 +11,7 @@ public:
     btkSpawnAttributes(const btkSpawnAttributes&) = delete;
     btkSpawnAttributes& operator=(const btkSpawnAttributes&) = delete;
 
-    /// The program leads a process group of its own.
+    /// Makes the program lead its own process group.
     void LeadGroup();
     const posix_spawnattr_t* Get() const { return &attributes; }
 

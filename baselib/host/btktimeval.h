@@ -4,9 +4,8 @@
 
 #include <qel/base/baseexport.h>
 
-/// A length of time, or a point on a clock as the time since its start, in microseconds. Never negative, and
-/// never beyond what it can hold: what would be less than nothing is 0, what would be too much is the
-/// greatest value.
+/// A duration, or a point on a clock as the time since its start, in microseconds. Never negative, and
+/// saturating: a result below zero is 0, a result too large is the greatest value.
 class BASE_API btkTimeval
 {
 public:
@@ -15,7 +14,7 @@ public:
         : count(seconds < 0 ? 0 : Sum(Product(seconds), microseconds))
     {
     }
-    /// Seconds; what is not a number counts as 0.
+    /// Seconds; NaN counts as 0.
     constexpr explicit btkTimeval(double seconds)
         : count(!(seconds > 0)              ? 0
                 : seconds < greatestSeconds ? static_cast<long long>(seconds * perSecond)
@@ -25,9 +24,9 @@ public:
 
     /// The limit that means "without limit": 2147483647 seconds. All longer ones mean the same.
     static constexpr btkTimeval Forever() { return {2147483647, 0}; }
-    /// The time now on the monotonic clock, which nobody sets.
+    /// Returns the time now on the monotonic clock, which cannot be set.
     static btkTimeval Now();
-    /// The time now as the host's calendar has it, since 1970-01-01 00:00 UTC.
+    /// Returns the present calendar time, since 1970-01-01 00:00 UTC.
     static btkTimeval GetTimeOfDay();
 
     constexpr bool IsForever() const { return count >= Forever().count; }

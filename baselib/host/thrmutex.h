@@ -16,7 +16,7 @@ public:
     void Lock();
     void Unlock();
 
-    /// A disabled mutex lets everybody through. Changed only while no thread holds it.
+    /// A disabled mutex never blocks. Changed only while no thread holds it.
     void Enable(bool enabled) { isEnabled = enabled; }
 
 private:
@@ -24,7 +24,7 @@ private:
     bool isEnabled = true;
 };
 
-/// Holds a mutex for the life of a block.
+/// Scope guard that holds a mutex.
 class thrLock
 {
 public:
@@ -37,5 +37,5 @@ private:
     thrMutex& mutex;
 };
 
-/// The mutex for process-wide state of the libraries that has none of its own. Lives as long as the process.
+/// The mutex for process-wide state of the libraries that has no other mutex. Never destroyed.
 BASE_API thrMutex& thrLibraryMutex();

@@ -4,11 +4,11 @@
 
 #include <qel/base/baseexport.h>
 
-/// Set by a program that wants locks taken although the C library knows of one thread only. Clear at start.
+/// Set by a program that requires locking although the C library reports a single thread. Clear at start.
 extern BASE_API bool s_bThreadingEnabled;
 
-/// Whether the process may have more than one thread: true unless the C library says that there is just one,
-/// so a thread counts by whatever means it was made. Cheap: one load or two.
+/// Whether the process may have more than one thread: true unless the C library reports a single one, so
+/// threads count however they were created. Costs one or two loads.
 inline bool thrIsThreaded()
 {
     return !__libc_single_threaded || s_bThreadingEnabled;
