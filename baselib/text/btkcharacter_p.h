@@ -4,7 +4,7 @@
 
 #include <qel/base/btkutf.h>
 
-// One character of a text of either width, for the sources of btkstring.h.
+// Access to one character of a text of either width, for the sources of btkstring.h.
 
 template<typename C>
 bool btkIsAscii(C unit)
@@ -12,7 +12,7 @@ bool btkIsAscii(C unit)
     return static_cast<unsigned short>(unit) < 0x80; // a negative char is far above
 }
 
-/// Bytes or units of the character at `text`, 0 at its end.
+/// Returns the bytes or units of the character at `text`, 0 at its end.
 inline std::size_t btkCharSize(const char* text)
 {
     return btkIsAscii(*text) ? *text != 0 : btkMBCharSize(text);

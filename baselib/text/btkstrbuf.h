@@ -6,17 +6,17 @@
 #include <qel/base/btkatomic.h>
 #include <qel/base/thrthreading.h>
 
-/// A shared text in multibyte form (UTF-8), in wide form (UTF-16), or in both. It begins in one form; the
-/// other is produced on demand and kept, and each stays where it is until the text is written to.
+/// A shared text in multibyte form (UTF-8), in wide form (UTF-16), or in both. It is created in one form; the
+/// other is produced on demand and cached, and neither moves until the text is written to.
 ///
-/// Every holder owns one reference; the buffer goes with the last. Reading a shared buffer changes nothing
-/// that another reader sees, so two holders may read it on two threads. To write, a holder asks for a buffer
-/// of its own with ResizeMB or ResizeWC, writes through the pointer it gets, and ends with CommitMB or
-/// CommitWC.
+/// Every holder owns one reference; releasing the last one frees the buffer. Reading a shared buffer changes
+/// nothing that another reader sees, so two holders may read it on two threads. To write, a holder obtains
+/// its own buffer with ResizeMB or ResizeWC, writes through the returned pointer, and finishes with CommitMB
+/// or CommitWC.
 ///
 /// Sizes are bytes with the terminator, lengths are bytes (multibyte) or units (wide) without. A text ends at
-/// its first zero. A form takes less than 2 GiB; what needs more throws std::length_error, and what finds no
-/// memory std::bad_alloc, both with nothing changed.
+/// its first zero. A form takes less than 2 GiB; exceeding it throws std::length_error, and a lack of memory
+/// std::bad_alloc, both with nothing changed.
 class BASE_API btkStrBuf
 {
 public:
@@ -26,18 +26,18 @@ public:
     // The members named MB and WC work on that form; the templates take the form from their argument: C is
     // `char` for the multibyte form and `unsigned short` for the wide one.
 
-    /// A new buffer with the empty text, room for `size` bytes of it, and one reference.
+    /// Returns a new buffer with the empty text, room for `size` bytes of it, and one reference.
     template<typename C>
     static btkStrBuf* Alloc(std::size_t size, C** text);
     static btkStrBuf* AllocMB(std::size_t size, char** mb) { return Alloc(size, mb); }
     static btkStrBuf* AllocWC(std::size_t size, unsigned short** wide) { return Alloc(size, wide); }
 
-    /// A new buffer with a copy of `length` bytes or units of `text`, which hold no zero.
+    /// Returns a new buffer with a copy of `length` bytes or units of `text`, which contain no zero.
     template<typename C>
     static btkStrBuf* Create(const C* text, std::size_t length, C** copy);
 
-    /// Stores the place of a form, which is produced first when it is missing. Returns the buffer to hold
-    /// from now on in place of this one. Null, with nothing stored, when a wide text has an unpaired
+    /// Stores the address of a form, which is produced first when it is missing. Returns the buffer that the
+    /// caller now holds in place of this one. Null, with nothing stored, when a wide text has an unpaired
     /// surrogate and so no multibyte form.
     template<typename C>
     btkStrBuf* Get(C** text);
@@ -45,9 +45,9 @@ public:
     btkStrBuf* GetWC(unsigned short** wide) { return Get(wide); }
 
     /// Makes the text writable: takes over the caller's reference to this buffer and returns one that the
-    /// caller holds alone, with room for `size` bytes of the form and more when it has to hold the text. With
-    /// `keep` the text is still there, without it is arbitrary. Null, with this buffer still held, when
-    /// `keep` asks for a multibyte form that the text does not have.
+    /// caller alone holds, with room for `size` bytes of the form, or more if it must hold the text. With
+    /// `keep` the text is preserved, without it is arbitrary. Null, with this buffer still held, when `keep`
+    /// requires a multibyte form that the text does not have.
     template<typename C>
     btkStrBuf* Resize(std::size_t size, C** text, bool keep);
     btkStrBuf* ResizeMB(std::size_t size, char** mb, bool keep) { return Resize(size, mb, keep); }
@@ -56,8 +56,8 @@ public:
         return Resize(size, wide, keep);
     }
 
-    /// Ends writing to a buffer held alone, in the form it was resized for: notes the length of what was
-    /// written and drops the other form, which is stale now. The second kind is told the length, with no zero
+    /// Finishes writing to a buffer held alone, in the form it was resized for: stores the length of the new
+    /// text and drops the other form, which is stale now. The second overload takes the length, with no zero
     /// before it, and sets the terminator itself.
     template<typename C>
     void Commit();
@@ -68,7 +68,7 @@ public:
     void CommitMB(std::size_t newLength) { Commit<char>(newLength); }
     void CommitWC(std::size_t newLength) { Commit<unsigned short>(newLength); }
 
-    /// The length of a form that has been produced.
+    /// Returns the length of a form that has been produced.
     template<typename C>
     std::size_t GetLength() const
     {
@@ -87,20 +87,20 @@ public:
             references.Set(references.Get() + 1);
     }
 
-    /// Takes one more reference and stores the places of the forms, null for one that has not been produced.
-    /// Either pointer may be null.
+    /// Takes one more reference and stores the addresses of the forms, null for one that has not been
+    /// produced. Either pointer may be null.
     void Lock(char** mb, unsigned short** wide);
 
     /// Drops a reference; the last one frees the buffer.
     void Unlock()
     {
-        // With one reference left nobody else can take another: no need to write the count.
+        // A last reference cannot be copied concurrently: no need to write the count.
         if (references.GetAcquire() == 1 || dropReference() == 1)
             destroy();
     }
 
-    /// Appends one byte, not zero, in place. False, with nothing changed, when that takes more: the buffer is
-    /// shared, has another form or no room. It may also be false the first time after it was shared.
+    /// Appends one byte, not zero, in place. False, with nothing changed, when that is impossible: the buffer
+    /// is shared, has another form or no room. It may also be false the first time after sharing ends.
     bool AppendInPlace(char c)
     {
         const std::uint32_t end = length;
@@ -118,7 +118,7 @@ public:
     bool AppendInPlace(const C* text, std::size_t size);
 
 private:
-    /// The form produced on demand; its text follows.
+    /// The form produced on demand; its text follows in memory.
     struct Produced
     {
         std::uint32_t length;
@@ -150,12 +150,12 @@ private:
     Produced* produce();
 
     btkAtomic<int> references = 1;
-    std::uint32_t isWide : 1;    // the form that the buffer began with, whose text follows this object
+    // The form in which the buffer was created, whose text follows this object.
+    std::uint32_t isWide : 1;
     std::uint32_t capacity : 31; // bytes of that text, terminator included
     std::uint32_t length = 0;    // of that text
-    // What a multibyte text may grow to in place: 0 while it is shared, or has another form. Set when one
-    // holder is left and writes; whoever shares the buffer clears it, so a single byte is appended with one
-    // comparison.
+    // Size up to which a multibyte text may grow in place: 0 while it is shared, or has another form. Set by
+    // a write of the only holder, cleared by sharing; so appending a byte takes a single comparison.
     btkAtomic<std::uint32_t> limit = 0;
     btkAtomic<Produced*> other = nullptr;
 };

@@ -6,15 +6,15 @@
 
 #include <qel/base/baseexport.h>
 
-// What can be done with texts of either width: multibyte (UTF-8, `char`) and wide (UTF-16, `unsigned short`).
-// Every text ends at its first zero. Lengths and positions are bytes or units of the text, of INT_MAX at
-// most; indices count characters, which are UTF-8 characters of a multibyte text (<qel/base/btkutf.h>) and
-// units of a wide one. Nothing depends on the locale. Safe to call from any thread.
+// Operations on texts of either width: multibyte (UTF-8, `char`) and wide (UTF-16, `unsigned short`). Every
+// text ends at its first zero. Lengths and positions are bytes or units of the text, at most INT_MAX; indices
+// count characters: UTF-8 characters of a multibyte text (<qel/base/btkutf.h>), units of a wide one.
+// Independent of the locale. Safe to call from any thread.
 
 template<typename C>
 concept btkCharType = std::same_as<C, char> || std::same_as<C, unsigned short>;
 
-/// The length of `text`.
+/// Returns the length of `text`.
 template<btkCharType C>
 std::size_t Strlen(const C* text)
 {
@@ -28,17 +28,17 @@ std::size_t Strlen(const C* text)
     }
 }
 
-/// The length of the first `characters` characters of `text`, or of all when there are fewer. Looks at
+/// Returns the length of the first `characters` characters of `text`, or of all if there are fewer. Reads
 /// nothing behind them: a longer text needs no terminator.
 template<btkCharType C>
 BASE_API std::size_t btkStringPrefixLength(const C* text, std::size_t characters);
 
-/// A multibyte copy of `wide`, or null when it has an unpaired surrogate. The caller frees it with
+/// Returns a multibyte copy of `wide`, or null when it has an unpaired surrogate. The caller frees it with
 /// `delete[]`.
 BASE_API char* StrneW(const unsigned short* wide);
 
-/// Reads a number that takes up the whole text; blanks and a plus sign may stand in front of it, nothing
-/// behind it. False, with `out` unchanged, when the text is something else or the number does not fit.
+/// Reads a number that takes up the whole text; blanks and a plus sign may precede it, nothing may follow.
+/// False, with `out` unchanged, when the text is not such a number or the number does not fit.
 template<btkCharType C>
 BASE_API bool btkStringToInt(const C* text, int* out);
 template<btkCharType C>
@@ -50,16 +50,16 @@ BASE_API void btkStringToUpper(C* text);
 template<btkCharType C>
 BASE_API void btkStringToLower(C* text);
 
-/// How many words there are: runs of characters that are none of `delimiters`.
+/// Returns the number of words: runs of characters not in `delimiters`.
 template<btkCharType C>
 BASE_API int btkStringGetNWords(const C* text, const C* delimiters);
 
-/// The positions where word `n`, counted from 0, starts and ends (behind its last character). False, with
-/// both unchanged, when there is no such word.
+/// Stores the positions where word `n`, counted from 0, starts and ends (behind its last character). False,
+/// with both unchanged, when there is no such word.
 template<btkCharType C>
 BASE_API bool btkStringGetWord(const C* text, int n, const C* delimiters, int* start, int* end);
 
-/// The position of the first `sub`, or -1. The empty text is found at 0. `length` is Strlen(text).
+/// Returns the position of the first `sub`, or -1. The empty text is found at 0. `length` is Strlen(text).
 template<btkCharType C>
 BASE_API int btkStringFindSubstring(const C* text, const C* sub, std::size_t length);
 template<btkCharType C>
@@ -68,20 +68,20 @@ int btkStringFindSubstring(const C* text, const C* sub)
     return btkStringFindSubstring(text, sub, Strlen(text));
 }
 
-/// Whether the whole text is like `pattern`, in which `*` stands for any characters, none included, and `?`
-/// for one. Takes time in proportion to the texts; a part between two stars that has a `?` counts as one step
-/// for each 64 of its characters.
+/// Whether the whole text matches `pattern`, in which `*` matches any characters, including none, and `?`
+/// matches one. Takes time proportional to the length of the texts; a part between two stars that has a `?`
+/// counts as one step for each 64 of its characters.
 template<btkCharType C>
 BASE_API bool btkStringMatch(const C* text, const C* pattern);
 
-/// How often `from`, not empty, occurs from the character with index `start` on: occurrences do not overlap,
-/// and at most `count` are counted, all when it is negative. `firstPos` is the position of the first one,
+/// Counts the occurrences of `from`, not empty, from the character with index `start` on; occurrences do not
+/// overlap, and counting stops at `count` unless it is negative. `firstPos` is the position of the first one,
 /// unchanged when there is none.
 template<btkCharType C>
 BASE_API int btkStringFind(const C* text, const C* from, int start, int count, int* firstPos);
 
-/// Writes `text`, with its first `count` occurrences of `from` replaced by `to` (there must be so many), and
-/// a terminator to `out`. `out` may be `text` itself when `to` is not longer than `from`, else they are
-/// apart.
+/// Writes `text`, with its first `count` occurrences of `from` replaced by `to` (there must be that many),
+/// and a terminator to `out`. `out` may be `text` itself when `to` is not longer than `from`; otherwise they
+/// must not overlap.
 template<btkCharType C>
 BASE_API void btkStringSubstitute(C* out, const C* text, const C* from, const C* to, int count);
