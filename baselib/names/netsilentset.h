@@ -9,12 +9,12 @@
 
 #include <qel/base/btktimeval.h>
 
-/// Peers that have connected and not yet said all that they want, the oldest first. They have a limited
-/// number of places. For one peer too many another leaves: the oldest of the address that holds most places,
-/// but none younger than 100 ms while another address has an older one. So a peer that connects again and
-/// again takes the places of its own address, and everybody has time for a first byte.
+/// Connected peers whose request is not complete yet, the oldest first, limited to a number of places. One
+/// peer too many evicts another: the oldest of the address with the most places, but none younger than 100 ms
+/// while another address has an older one. So a peer that connects repeatedly takes places of its own address
+/// only, and every peer has time for a first byte.
 ///
-/// `Peer` has the members `std::string address` and `btkTimeval since`, the time of its coming. Used by one
+/// `Peer` has the members `std::string address` and `btkTimeval since`, the time of its arrival. Used by one
 /// thread at a time.
 template<class Peer>
 class netSilentSet
@@ -22,7 +22,7 @@ class netSilentSet
 public:
     using Peers = std::vector<std::unique_ptr<Peer>>;
 
-    /// Gets memory for all `most` places, at least 1, and one peer too many.
+    /// Allocates memory for all `most` places, at least 1, and one more peer.
     explicit netSilentSet(std::size_t most) { SetPlaces(most); }
 
     void SetPlaces(std::size_t most)
@@ -40,10 +40,10 @@ public:
     typename Peers::const_iterator begin() const { return peers.begin(); }
     typename Peers::const_iterator end() const { return peers.end(); }
 
-    /// May exceed the places by one, so that a peer which speaks at once costs nobody a place: see
+    /// May exceed the places by one, so that a peer whose request arrives at once evicts no other: see
     /// IsOverfull.
     void Add(std::unique_ptr<Peer> peer) { peers.push_back(std::move(peer)); }
-    /// Takes out the oldest peer for which `is(peer)` holds; null when there is none.
+    /// Removes and returns the oldest peer for which `is(peer)` holds; null if there is none.
     template<class Is>
     std::unique_ptr<Peer> Take(Is is)
     {
@@ -51,7 +51,7 @@ public:
             std::find_if(peers.begin(), peers.end(), [&](const auto& peer) { return is(*peer); });
         return found == peers.end() ? nullptr : TakeAt(found);
     }
-    /// Takes out the peer that leaves for another; null when there is none.
+    /// Removes and returns the peer to evict; null if there is none.
     std::unique_ptr<Peer> TakeLeaving(btkTimeval now);
     /// Drops all peers for which `is(peer)` holds.
     template<class Is>
@@ -59,7 +59,7 @@ public:
     {
         std::erase_if(peers, [&](const auto& peer) { return is(*peer); });
     }
-    /// Drops those that came at `latest` or before.
+    /// Drops the peers that arrived at `latest` or before.
     void DropUntil(btkTimeval latest)
     {
         const auto isLater = [&](const auto& peer) { return latest < peer->since; };

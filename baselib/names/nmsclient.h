@@ -7,45 +7,45 @@
 #include <qel/base/btksocket.h>
 #include <qel/base/nmswire.h>
 
-// The plain client functions of the name service, and the exchange that they rest on. Every request has a
-// connection of its own. Objects are used by one thread at a time.
+// The plain client functions of the name service, and the exchange that they use. Every request has its own
+// connection. Objects are used by one thread at a time.
 
-/// The port of the name server: what the environment variable VRXNMSPORT says, or nmsDefaultPort. A value
-/// that is no number, or 0, is reported on the standard error output and not used; any other number is used
-/// as it is, and where it is no port, connecting fails.
+/// Returns the port of the name server: the value of the environment variable VRXNMSPORT, or nmsDefaultPort.
+/// A value that is not a number, or is 0, is reported on the standard error output and ignored; any other
+/// number is used unchanged, and if it is not a valid port, connecting fails.
 BASE_API int nmsFindPort();
 
-/// How long a request takes at most, from the resolution of the name server's address to the end of the
-/// answer. 10 seconds at first; for the whole process. Safe to call from any thread.
+/// Sets the longest duration of a request, from the resolution of the name server's address to the end of the
+/// response. 10 seconds at first; for the whole process. Safe to call from any thread.
 BASE_API void nmsSetAnswerLimit(btkTimeval limit);
 BASE_API btkTimeval nmsGetAnswerLimit();
-/// The most that the answer to a query may hold: records (100,000 at first), and bytes of memory that they
-/// take (64 MiB). A query that is answered with more fails with nmscInternal. For the whole process.
+/// Limits the response to a query: its records (100,000 at first) and the bytes of memory that they take (64
+/// MiB). A query with a larger response fails with nmscInternal. For the whole process.
 BASE_API void nmsSetAnswerBounds(std::size_t records, std::size_t bytes);
 
-/// How a request ended: nmscDone, or what went wrong, and who found that.
+/// The result of a request: nmscDone, or the failure and the side that found it.
 struct nmsOutcome
 {
     int code = nmscDone;
     bool fromServer = false;
 };
 
-/// One request to a name server and the parts of its answer, in their order. Nothing is thrown.
+/// One request to a name server and the parts of its response, in their order. Throws nothing.
 class BASE_API nmsExchange
 {
 public:
     /// Returned by Ask when there was no connection or it broke.
     static constexpr int noAnswer = -1;
 
-    /// `by`: when requests end at the latest, on the clock of btkTimeval::Now. Forever: each after the answer
-    /// limit.
+    /// `by`: the latest end of requests, on the clock of btkTimeval::Now. Forever: each ends after the time
+    /// of nmsSetAnswerLimit.
     explicit nmsExchange(btkTimeval by = btkTimeval::Forever()) : latest(by) {}
 
-    /// Connects to the name server on `host` (null or empty: this machine) and sends the request; `record` is
-    /// what follows the code. Returns the status byte.
+    /// Connects to the name server on `host` (null or empty: this machine) and sends the request; `record`
+    /// follows the code. Returns the status byte.
     int Ask(const char* host, int port, nmsRequestCode code, const std::string& record = {});
-    /// The whole request: asks, and has the rest of the answer read by `rest(*this, status)`, which answers
-    /// whether it came.
+    /// Performs the whole request: `rest(*this, status)` reads the rest of the response and returns whether
+    /// it arrived.
     template<class Rest>
     nmsOutcome Do(const char* host, int port, nmsRequestCode code, const std::string& record, Rest rest)
     {
@@ -55,17 +55,18 @@ public:
             return {status, true};
         return {isRead ? nmscDone : isBeyondBounds ? nmscInternal : nmscNoConnection, false};
     }
-    /// How a request ends whose record is too great to be sent. nmscInternal, unless there is nobody there.
+    /// Returns the outcome of a request whose record is too large to be sent: nmscInternal, unless no server
+    /// is reachable.
     nmsOutcome DoNot(const char* host, int port);
-    /// For answers that are no more than a status.
+    /// For responses that consist of a status only.
     static bool NoRest(nmsExchange&, int) { return true; }
 
-    /// Reads a number of the answer. False when it did not come in time; the exchange is over then.
+    /// Reads a number of the response. False when it did not arrive in time; the exchange is over then.
     bool ReadInt(int& value);
-    /// Reads a record of the answer. False as above, and when it is no record; what was read of it is kept.
+    /// Reads a record of the response. False as above, and when it is malformed; the part read is kept.
     bool ReadRecord(nmsFields& record);
-    /// Reads the records of a query's answer, whatever their number says: it ends at the first that cannot be
-    /// read or is beyond the bounds, and is false then. What has been read is added to `records`.
+    /// Reads the records of a query's response, regardless of the announced number: stops with false at the
+    /// first that cannot be read or exceeds the limits. The records read before are added to `records`.
     bool ReadRecords(std::vector<nmsFields>& records);
 
 private:
@@ -74,9 +75,9 @@ private:
 
     btkStreamSocket socket;
     btkTimeval latest;
-    btkTimeval end; // of the request that is on its way
+    btkTimeval end; // of the current request
     bool isBeyondBounds = false;
-    std::string held; // received and not used
+    std::string held; // received and not consumed
     std::size_t used = 0;
 };
 
@@ -87,38 +88,39 @@ struct capi_nmsError;
 struct capi_nmsRecord;
 struct capi_nmsRecordArray;
 
-/// A proxy for the name server of this machine, or of `host`; no connection is made. Null without memory.
+/// Creates a proxy for the name server of this machine, or of `host`; does not connect. Null when memory runs
+/// out.
 BASE_API capi_nmsServerProxy* nmsServConnectLocal();
 BASE_API capi_nmsServerProxy* nmsServConnectByName(const char* host);
 BASE_API void nmsServDelete(capi_nmsServerProxy** proxy);
-/// When the last of the proxy's requests ends at the latest, on the clock of btkTimeval::Now, instead of each
-/// after the answer limit. Forever, as at first: that holds.
+/// Sets the latest end of the proxy's requests, on the clock of btkTimeval::Now, in place of the limit of
+/// nmsSetAnswerLimit for each. Forever, the default: that limit applies.
 BASE_API void nmsServSetDeadline(capi_nmsServerProxy* proxy, btkTimeval end);
 
-/// The id of this process, as records name their owner.
+/// Returns the id of this process, by which records name their owner.
 BASE_API std::uint32_t nmsGetOwnProcess();
-/// A record without fields that belongs to the process `owner`; 1 means this process, 0 none.
+/// Returns a record without fields that belongs to the process `owner`; 1 means this process, 0 none.
 BASE_API capi_nmsRecord* nmsRecCreate(int owner);
 BASE_API void nmsRecDelete(capi_nmsRecord** record);
-/// Adds a field or replaces its value. False when an argument is null or without memory.
+/// Adds a field or replaces its value. False when an argument is null or memory runs out.
 BASE_API bool nmsRecAdd(capi_nmsRecord* record, const char* name, const char* value);
 BASE_API bool nmsRecHasField(const capi_nmsRecord* record, const char* name);
 /// Null when there is no such field; valid until the record changes.
 BASE_API const char* nmsRecGetFieldValueByName(const capi_nmsRecord* record, const char* name);
-/// The record itself, for walking over it; valid while the record lives.
+/// Returns the record's content, for iteration; valid while the record exists.
 BASE_API const nmsFields& nmsRecGetFields(const capi_nmsRecord* record);
 /// Writes the record to the standard error output.
 BASE_API void nmsRecPrint(const capi_nmsRecord* record);
 
-/// Null past the end. The record stays the array's.
+/// Null past the end. The array keeps ownership of the record.
 BASE_API capi_nmsRecord* nmsRecArrGetByIndex(capi_nmsRecordArray* array, int index);
 BASE_API void nmsRecArrDelete(capi_nmsRecordArray** array);
 
-// ---- requests: null when it was done, else an error, which the caller frees
+// ---- requests: null on success, else an error, which the caller frees
 
 BASE_API capi_nmsError* nmsServPing(capi_nmsServerProxy* proxy);
 BASE_API capi_nmsError* nmsServRegister(capi_nmsServerProxy* proxy, const capi_nmsRecord* record);
-/// `array`, which may be null, gets a new array of the records that match; the caller frees it. Null when the
+/// `array`, which may be null, gets a new array of the matching records; the caller frees it. Null when the
 /// request failed. `count`, which may be null, gets their number.
 BASE_API capi_nmsError* nmsServQuery(capi_nmsServerProxy* proxy, const capi_nmsRecord* pattern,
                                      capi_nmsRecordArray** array, int* count);
@@ -127,7 +129,7 @@ BASE_API capi_nmsError* nmsServShutdown(capi_nmsServerProxy* proxy);
 /// `answer` gets the record that describes the server, whose field "Version" holds its version.
 BASE_API capi_nmsError* nmsServVersion(capi_nmsServerProxy* proxy, capi_nmsRecord* answer);
 
-/// The code of a failure, and the line that tells of it.
+/// Returns the code of a failure, and the line that reports it.
 BASE_API int nmsErrGetCode(const capi_nmsError* error);
 BASE_API const char* nmsErrGetText(const capi_nmsError* error);
 /// Writes the line to the standard error output.

@@ -15,27 +15,27 @@ struct nmsServerOptions
 {
     /// The interface to listen on, by address or name; null: all of them.
     const char* interface = "127.0.0.1";
-    /// 0: the host chooses.
+    /// 0: the operating system chooses.
     int port = nmsDefaultPort;
-    /// What the version record says in its field "Version".
+    /// The version record's field "Version".
     std::string version = {};
-    /// A file that keeps the records, so that they outlive this server: Listen takes them from it, without
-    /// those whose processes have ended; Run writes it within a second of a change, and at its end, and
-    /// replaces it whole. Its folder must exist. Empty: none.
+    /// A file that keeps the records, so that they outlive this server: Listen restores them from it, except
+    /// those whose processes have exited; Run writes it within a second of a change, and when it returns, and
+    /// replaces it as a whole. Its folder must exist. Empty: none.
     std::string stateFile = {};
-    /// How long a client may take for its request and for taking the answer.
+    /// Limits how long a client may take to send its request and to receive the response.
     btkTimeval requestLimit = btkTimeval(5, 0);
-    /// How many clients may be waiting at once. When one more comes, another leaves: see netSilentSet.
+    /// Number of clients that may wait at once. One more evicts another: see netSilentSet.
     std::size_t waiting = 256;
     nmsTableLimits table = {};
-    /// SIGTERM and SIGINT end the server. The thread that calls Listen has them blocked from then on.
+    /// SIGTERM and SIGINT stop the server. The thread that calls Listen has them blocked from then on.
     bool untilSignal = false;
 };
 
-/// A name server. One thread serves all clients, and none of them is waited for: who is silent, slow or sends
-/// something else delays nobody. Only clients of this machine may register records of processes and shut the
-/// server down. Once a minute at most it reports on the standard error output that it has refused records for
-/// want of room, and once that the state file cannot be read or written. Does not throw but for want of
+/// A name server. One thread serves all clients without waiting for any of them: a silent, slow or
+/// misbehaving client delays no other. Only clients on this machine may register records of processes and
+/// shut the server down. Reports on the standard error output, at most once a minute, that it has refused
+/// records for lack of room, and once that the state file cannot be read or written. Throws only for lack of
 /// memory at its start.
 class BASE_API nmsServer
 {
@@ -45,12 +45,12 @@ public:
     nmsServer(const nmsServer&) = delete;
     nmsServer& operator=(const nmsServer&) = delete;
 
-    /// False, with the reason in errno, when the port or a descriptor cannot be had.
+    /// False, with the reason in errno, when the port or a descriptor is not available.
     bool Listen();
     int GetPort() const { return door.GetPortN(); }
 
-    /// Serves until Stop is called or a client asks for the end; answers that are on their way are sent
-    /// first, for at most half a second.
+    /// Serves until Stop is called or a client requests a shutdown; pending responses are sent first, for at
+    /// most half a second.
     void Run();
     /// Safe to call from any thread and in a signal handler.
     void Stop();
@@ -83,9 +83,9 @@ private:
     btkAcceptSocket door;
     btkTimeval doorClosedUntil; // while there is no room for a client
     btkHandle stop = -1;        // an event
-    btkFd signals;              // readable once one that ends the server has come
+    btkFd signals;              // readable once a termination signal has arrived
     bool isStopping = false;
-    // Both have room for all that may be there, so that serving needs memory for requests only.
+    // Both have room for their greatest size, so that serving allocates memory for requests only.
     netSilentSet<Client> clients;
     std::unique_ptr<pollfd[]> asked;
 };

@@ -9,13 +9,13 @@
 
 #include <qel/base/baseexport.h>
 
-// The wire form of the name service: the one place where it is written and read. A client sends the number
-// 100, a request code and, for some, a record; the answer begins with a status byte. Numbers are 32 bits
-// wide, the most significant byte first.
+// The wire form of the name service: the only code that writes and reads it. A client sends the number 100, a
+// request code and, for some, a record; the response begins with a status byte. Numbers are 32 bits wide, the
+// most significant byte first.
 
-/// The port of the name server, unless the environment says otherwise.
+/// The port of the name server, unless the environment overrides it.
 inline constexpr int nmsDefaultPort = 1239;
-/// The number with which every request begins, its size and that of the code behind it.
+/// The number that begins every request, its size and that of the code after it.
 inline constexpr int nmsFrameNumber = 100;
 inline constexpr std::size_t nmsIntSize = 4;
 inline constexpr std::size_t nmsFrameSize = nmsIntSize + 1;
@@ -29,7 +29,7 @@ enum class nmsRequestCode : unsigned char {
     version = 7
 };
 
-/// How a request ended.
+/// The result of a request.
 enum nmscReturnCode : unsigned char {
     nmscDone = 0,
     nmscNoConnection = 2,
@@ -40,24 +40,24 @@ enum nmscReturnCode : unsigned char {
     nmscInternal = 8
 };
 
-/// The line that reports a failure, without its end. `fromServer`: the name server answered with the code;
-/// otherwise the client found the failure itself. `host` and `port` are shown when it could not be reached;
-/// port 0 is not.
+/// Returns the line that reports a failure, without a line end. `fromServer`: the name server returned the
+/// code; otherwise the client found the failure itself. `host` and `port` are shown when the server could not
+/// be reached; port 0 is not shown.
 BASE_API std::string nmsStatusText(int code, bool fromServer, const char* host, int port);
 
-/// A record: named texts and the process that they belong to.
+/// A record: named texts and the process that owns them.
 struct BASE_API nmsFields
 {
     std::uint32_t owner = 0; // process id; 0: none
     std::vector<std::pair<std::string, std::string>> fields;
 
-    /// The value of a field, or null.
+    /// Returns the value of a field, or null.
     const std::string* Find(std::string_view name) const;
-    /// Adds a field, or replaces the value of the one of that name.
+    /// Adds a field, or replaces the value of an existing one.
     void Set(std::string name, std::string value);
 };
 
-/// The most that a record may have: fields, and bytes of a name and of a value with the ending zero.
+/// Limits of a record: number of fields, and bytes of a name and of a value with the terminating zero.
 struct nmsLimits
 {
     unsigned fields = 256;
@@ -65,30 +65,31 @@ struct nmsLimits
     unsigned valueSize = 256;
 };
 
-// ---- writing: each adds to the end of `to`
+// ---- writing: each function appends to `to`
 
 BASE_API void nmsPutInt(std::string& to, int value);
-/// One text of a field: `size` is its size in bytes with the ending zero, `length` its length in characters,
-/// which is how many bytes of it are sent. False, with nothing written, when `size` is greater than `limit`.
+/// One text of a field: `size` is its size in bytes with the terminating zero, `length` its length in
+/// characters, which is the number of its bytes sent. False, with nothing written, when `size` is greater
+/// than `limit`.
 BASE_API bool nmsPutText(std::string& to, const char* text, unsigned size, unsigned length, unsigned limit);
-/// False when a limit is exceeded: before anything is written when it is the number of fields, else with the
-/// fields before the one that is too long written.
+/// False when a limit is exceeded: with nothing written if it is the number of fields, else with the fields
+/// before the one that is too long written.
 BASE_API bool nmsPutRecord(std::string& to, const nmsFields& record, const nmsLimits& limits = {});
 BASE_API void nmsPutFrame(std::string& to, nmsRequestCode code);
 
 // ---- reading
 
-/// The number in the first four bytes of `from`.
+/// Returns the number in the first four bytes of `from`.
 BASE_API int nmsGetInt(const char* from);
 
-/// Reads a record piece by piece, from whatever brings the bytes:
+/// Incremental parser of a record, for any source of bytes:
 ///
 ///     while (reader.GetWanted() > 0)
 ///         if (!receive(buffer, reader.GetWanted()) || !reader.Take(buffer))
 ///             return false;
 ///
-/// A piece is at most nmsRecordReader::maxPiece bytes long, so nothing that the sender announces costs
-/// memory before it has come.
+/// A piece is at most nmsRecordReader::maxPiece bytes long, so a size announced by the sender allocates no
+/// memory before its bytes have arrived.
 class BASE_API nmsRecordReader
 {
 public:
@@ -96,13 +97,13 @@ public:
 
     explicit nmsRecordReader(const nmsLimits& most = {});
 
-    /// How many bytes the next piece has; 0 once the record is whole or refused.
+    /// Returns the size of the next piece; 0 once the record is complete or refused.
     std::size_t GetWanted() const { return wanted; }
-    /// Takes that many bytes. False when they are no part of a record within the limits.
+    /// Takes that many bytes. False when they are not part of a record within the limits.
     bool Take(const char* piece);
     bool IsWhole() const { return part == whole; }
 
-    /// What has been read: the owner and the fields so far.
+    /// The result so far: the owner and the fields.
     nmsFields record;
 
 private:
