@@ -5,14 +5,14 @@
 #include <cstring>
 #include <type_traits>
 
-// Numbers as the network has them: the most significant byte first.
+// Network byte order: the most significant byte first.
 
-/// The word that a number of 1, 4 or 8 bytes travels as.
+/// The unsigned word in which a number of 1, 4 or 8 bytes is transferred.
 template<class Number>
 using btkWord = std::conditional_t<sizeof(Number) == 1, std::uint8_t,
                                    std::conditional_t<sizeof(Number) == 4, std::uint32_t, std::uint64_t>>;
 
-/// From the host's order to that of the network, and back.
+/// Converts between the machine's byte order and network byte order.
 template<class Word>
 constexpr Word btkNetworkOrder(Word word)
 {
@@ -25,7 +25,7 @@ constexpr Word btkNetworkOrder(Word word)
         return __builtin_bswap64(word);
 }
 
-/// The number whose bytes stand at `from`.
+/// Returns the number whose bytes are at `from`.
 template<class Number>
 Number btkGetNetwork(const char* from)
 {

@@ -2,31 +2,30 @@
 
 #include <streambuf>
 
-/// Direct access to the get and put areas of any stream buffer, so that a value of known size can be encoded
-/// right into it and decoded right out of it. All calls are inline. What does not fit goes through sgetn and
-/// sputn.
+/// Direct access to the get and put areas of any stream buffer, for encoding and decoding a value of known
+/// size in place. All calls are inline. Values that do not fit go through sgetn and sputn.
 class xbufaccess : private std::streambuf
 {
 public:
-    /// The next `size` unread bytes, or null when the get area holds fewer. Nothing is consumed.
+    /// Returns the next `size` unread bytes, or null when the get area holds fewer. Consumes nothing.
     static const char* View(std::streambuf& buffer, std::size_t size)
     {
         const char* const next = Next(buffer);
         return static_cast<std::size_t>(End(buffer) - next) >= size ? next : nullptr;
     }
-    /// Takes `size` bytes that View has shown.
+    /// Consumes `size` bytes that View returned.
     static void Consume(std::streambuf& buffer, int size) { (buffer.*&xbufaccess::gbump)(size); }
 
-    /// Room for `size` bytes in the put area, or null when it has less. Nothing counts as written.
+    /// Returns room for `size` bytes in the put area, or null when it has less. Nothing counts as written.
     static char* Reserve(std::streambuf& buffer, std::size_t size)
     {
         char* const place = Place(buffer);
         return static_cast<std::size_t>(Limit(buffer) - place) >= size ? place : nullptr;
     }
-    /// Writes the `size` bytes that now stand in the room that Reserve gave.
+    /// Counts the `size` bytes in the room that Reserve returned as written.
     static void Commit(std::streambuf& buffer, int size) { (buffer.*&xbufaccess::pbump)(size); }
 
-    /// Takes the unread bytes before `place`, which lies in the get area.
+    /// Consumes the unread bytes before `place`, which lies in the get area.
     static void Advance(std::streambuf& buffer, const char* place)
     {
         (buffer.*&xbufaccess::setg)((buffer.*&xbufaccess::eback)(), const_cast<char*>(place),

@@ -7,8 +7,8 @@
 #include <qel/base/xinputbuf.h>
 
 /// Buffered reading and writing of a file with one position for both; no seek is needed between them.
-/// Read-ahead begins small after a seek and grows as reading goes on. Something without positions that is
-/// opened as a file (a terminal, a named pipe) is read and written as a pipe is.
+/// Read-ahead is small after a seek and grows with sequential reading. A file without positions (a terminal,
+/// a named pipe) is read and written like a pipe.
 class BASE_API xfilebuf : public xinputbuf
 {
 public:
@@ -18,42 +18,41 @@ public:
         ReadWrite = Read | Write // an existing file, with its content
     };
 
-    /// Opens `path`, as the host names it. Null when that fails; the reason is in errno. The caller owns the
-    /// buffer.
+    /// Opens `path`, in native form. Null on failure; the reason is in errno. The caller owns the buffer.
     static xfilebuf* Open(const char* path, Mode mode);
-    /// The buffer of a file that is open already, at its beginning. The caller owns the buffer.
+    /// Returns a buffer for an open file, at its beginning. The caller owns the buffer.
     static xfilebuf* Adopt(btkFd opened, Mode mode) { return new xfilebuf(std::move(opened), mode); }
-    /// Writes out what is pending; what cannot be written is lost. Ask Finish first to know.
+    /// Writes out pending output; output that cannot be written is lost. Call Finish first to find out.
     ~xfilebuf() override;
     bool Finish() override { return WritePending(); }
     bool GiveBack() override { return hasPositions || xinputbuf::GiveBack(); }
-    /// Where the file has no size of its own, as those that the kernel makes up when they are read: what it
-    /// gives at once.
+    /// For a file without a size of its own, such as those that the kernel generates when they are read: the
+    /// number of bytes it returns at once.
     std::size_t CountReadable() override;
 
-    /// Moves the position `offset` bytes from the beginning, from the position or from the end of the file.
-    /// Pending output is written first and read-ahead dropped, so that what follows sees the file as it is.
-    /// Answers the new position, or -1 and stays when there is no such position or the output cannot be
-    /// written.
+    /// Moves the position to `offset` bytes from the beginning, from the position or from the end of the
+    /// file. Pending output is written first and read-ahead dropped, so that later reads see the file's
+    /// present content. Returns the new position, or -1 without moving when there is no such position or the
+    /// output cannot be written.
     long long Seek(long long offset, std::ios_base::seekdir from);
-    /// The position; -1 when there are none. Moves and writes nothing.
+    /// Returns the position; -1 when there is none. Moves and writes nothing.
     long long Tell() const;
-    /// Says that the next read takes `size` bytes: so many, if not too many, are asked for at once, and no
-    /// more.
+    /// Announces that the next read takes `size` bytes: the buffer then reads exactly that many at once, up
+    /// to its usual size.
     void ExpectRead(std::size_t size) { readAhead = size < usualSize ? size : usualSize; }
-    /// From now on, what is rewritten in the file is whole as btkPartWriter says: values of up to 4096 bytes
-    /// that are written and synchronized one by one survive a kill in their old or in their new form.
+    /// From now on, rewrites in the file are atomic as btkPartWriter defines: values of up to 4096 bytes that
+    /// are written and synchronized one by one survive a kill in their old or in their new form.
     void KeepWhole() { keepsWhole = true; }
-    /// Writes a value so, at once, wherever the position is. Nothing is pending.
+    /// Rewrites a value in this way, at once, at any position. Nothing may be pending.
     std::size_t Rewrite(const void* from, std::size_t size, long long position,
                         btkPartWriter::Notice notice = btkPartWriter::AtOnce)
     {
         return parts.Write(file.Get(), from, size, position, notice);
     }
-    /// Forgets what is pending, which could not be written.
+    /// Drops pending output that could not be written.
     void DropPending();
-    /// The size of the file as it is now, with what others have appended and what is still pending here; -1
-    /// when it has none. Writes out what is pending; moves nothing.
+    /// Returns the present size of the file, including data appended by others and pending output; -1 when it
+    /// has none. Writes out pending output; does not move the position.
     long long GetFileSize();
 
 protected:
@@ -91,8 +90,7 @@ private:
     bool hasPositions;
     bool keepsWhole = false;
     btkPartWriter parts;
-    // The position in the file of the end of the get area while reading, of the first pending byte while
-    // writing.
+    // The file position of the end of the get area while reading, of the first pending byte while writing.
     long long filePosition = 0;
     char* pendingStart = nullptr; // null while reading
     std::size_t readAhead;

@@ -18,8 +18,8 @@ private:
     btkInputPipe end;
 };
 
-/// Writes to a descriptor, straight through unless it gathers: what is written is in the pipe when the call
-/// returns. A pipe without reader is a failed write, never a signal.
+/// Writes to a descriptor, unbuffered unless it gathers: written bytes are in the pipe when the call returns.
+/// Writing to a pipe without a reader fails, and never raises a signal.
 class BASE_API xoutputbuf : public xstreambuf
 {
 public:
@@ -27,8 +27,8 @@ public:
     explicit xoutputbuf(btkHandle handle) : target(handle) {}
     btkHandle GetHandle() const override { return target; }
 
-    /// True: what is written is gathered until it fills 4 KiB, pubsync or Finish. False: what was gathered is
-    /// written; returns whether that worked.
+    /// True: output is gathered until it fills 4 KiB, pubsync or Finish. False: writes gathered output;
+    /// returns whether that succeeded.
     bool SetGathers(bool gathers);
     bool Finish() override;
 
@@ -48,16 +48,17 @@ private:
     std::unique_ptr<char[]> area; // null unless it gathers
     xtryoutputbuf tryArea{*this};
     std::size_t triedRoom = 0;
-    std::size_t shortRoom = 0; // the room that was too small for the last try; 0: none was
+    // The room that was too small for the last try; 0: none was.
+    std::size_t shortRoom = 0;
 };
 
-/// Writes to the writing end of a pipe, which it owns. A value larger than the room that the pipe has would
-/// block; one larger than the whole pipe is written in parts and cannot be tried.
+/// Writes to the writing end of a pipe, which it owns. A value larger than the pipe's free room would block;
+/// one larger than the whole pipe is written in parts and cannot be tried.
 class BASE_API xopipebuf : public xoutputbuf
 {
 public:
     explicit xopipebuf(btkOutputPipe output) : xoutputbuf(output.Get()), end(std::move(output)) {}
-    /// Writes what was gathered; what cannot be written is lost. Ask Finish first to know.
+    /// Writes gathered output; output that cannot be written is lost. Call Finish first to find out.
     ~xopipebuf() override { pubsync(); }
 
 protected:

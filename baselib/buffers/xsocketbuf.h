@@ -7,22 +7,23 @@
 class btkStreamSocket;
 
 /// Buffered reading and writing of a connection. Output is sent when the buffer is full, by pubsync, before
-/// an urgent value, by a read or a wait for input that would have to sleep, and by the destructor: a request
-/// is never left unsent while its answer is waited for.
+/// an urgent value, by a read or a wait for input that would have to sleep, and by the destructor: no request
+/// stays unsent while its response is awaited.
 class BASE_API xsocketbuf : public xinputbuf
 {
 public:
     /// The socket is not owned and must outlive the buffer.
     explicit xsocketbuf(btkStreamSocket* connected);
-    /// Sends what is pending; what cannot be sent is lost. Ask pubsync first to know.
+    /// Sends pending output; output that cannot be sent is lost. Call pubsync first to find out.
     ~xsocketbuf() override;
 
-    /// Sends what is pending, and then the four bytes at `value` as one urgent value.
+    /// Sends pending output, and then the four bytes at `value` as one urgent value.
     bool SendUrgent(const void* value);
-    /// The oldest urgent value that has come: its size in bytes, 4 when it is whole, 0 when there is none.
+    /// Stores the oldest urgent value that has arrived and returns its size in bytes, 4 when it is complete,
+    /// 0 when there is none.
     std::size_t ReceiveUrgent(void* value);
-    /// A new event that is on while an urgent value can be received. The caller owns it; it may outlive the
-    /// buffer and is on then.
+    /// Returns a new event that is on while an urgent value can be received. The caller owns it; it may
+    /// outlive the buffer and is on then.
     btkBaseEvent* GetUrgentEvent();
 
     bool SetInputLimit(btkTimeval limit) override;
@@ -53,5 +54,6 @@ private:
     std::unique_ptr<char[]> output; // made on first use
     bool isBroken = false;          // output was lost
     xtryoutputbuf tryArea{*this};
-    std::shared_ptr<btkStreamSocket*> urgentLink; // shared with the events; holds null once this is gone
+    // Shared with the events; holds null once the buffer is destroyed.
+    std::shared_ptr<btkStreamSocket*> urgentLink;
 };

@@ -2,8 +2,8 @@
 
 #include <qel/base/xpipebuf.h>
 
-/// Reads the process's standard input, by its descriptor: what is read ahead here is not seen by std::cin and
-/// the C functions. As std::cin does, it shows what was written to std::cout before it waits.
+/// Reads the process's standard input, by its descriptor: bytes that it reads ahead are lost to std::cin and
+/// the C functions. Like std::cin, it flushes std::cout before it waits.
 class BASE_API xistdbuf : public xinputbuf
 {
 public:
@@ -16,13 +16,13 @@ protected:
 };
 
 /// Writes to the process's standard output (type 0) or standard error (type 1), through std::cout and
-/// std::cerr, so that it keeps its order with what a program writes there itself.
+/// std::cerr, which preserves the order with the program's own output there.
 class BASE_API xostdbuf : public xoutputbuf
 {
 public:
     explicit xostdbuf(int type);
 
-    /// Brings what was written to std::cout and std::cerr to the descriptors. False when that fails.
+    /// Flushes std::cout and std::cerr to the descriptors. False when that fails.
     static bool FlushAll();
 
 protected:

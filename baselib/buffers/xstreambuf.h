@@ -8,9 +8,9 @@
 
 class xbufferevent;
 
-/// The buffer under a framework stream: a standard stream buffer that can also lend what is unread without
-/// consuming it, test what can be written without writing it, and give events to wait for. Used by one thread
-/// at a time.
+/// The buffer under a framework stream: a standard stream buffer that can also lend unread bytes without
+/// consuming them, test whether a value can be written without writing it, and create events to wait for.
+/// Used by one thread at a time.
 class BASE_API xstreambuf : public std::streambuf
 {
 public:
@@ -20,60 +20,62 @@ public:
 
     // ---- try views
 
-    /// A view of the unread input, from which reading never waits and consumes nothing; null when this buffer
-    /// has none. It ends with what is there now. Valid until FreeTryIBuf; nothing else may be read meanwhile.
+    /// Returns a view of the unread input, from which reading never waits and consumes nothing; null when
+    /// this buffer has none. It ends with the input available now. Valid until FreeTryIBuf; nothing else may
+    /// be read meanwhile.
     std::streambuf* GetTryIBuf();
     void FreeTryIBuf();
-    /// An area that takes what could be written now without waiting, and forgets it; null when this buffer
-    /// has none. Valid until FreeTryOBuf.
+    /// Returns an area that accepts as much as could be written now without waiting, and discards it; null
+    /// when this buffer has none. Valid until FreeTryOBuf.
     std::streambuf* GetTryOBuf();
     void FreeTryOBuf();
-    /// Whether the last view or area came to its end: more was asked of it than it had.
+    /// Whether more was requested from the last view or area than it had.
     bool IsTryExhausted() const { return tryExhausted; }
-    /// Whether the last area was asked for more than it can ever take at once.
+    /// Whether the last area was offered more than it can ever accept at once.
     bool IsTryTooLarge() const { return tryTooLarge; }
-    /// Whether the unread bytes that are held are those that the last view ran out of, and no others.
+    /// Whether the buffered unread bytes are exactly those that were not enough for the last view.
     virtual bool IsStarved() const { return false; }
 
-    // ---- events; the caller owns them. Once the buffer is gone they are on for ever.
+    // ---- events; the caller owns them. Once the buffer is destroyed they are on forever.
 
-    /// On while there is input, held here or waiting in the source, and at the end of the input. Bytes that a
-    /// try view has shown, and that were not enough, do not count. Null when this buffer has no such event.
+    /// Returns an event that is on while there is input, buffered here or waiting in the source, and at the
+    /// end of the input. Bytes that a try view has shown, and that were not enough, do not count. Null when
+    /// this buffer has no such event.
     btkBaseEvent* GetInputEvent() { return OnGetInputEvent(); }
-    /// On while something can be written; after an area that was too small, while more can be written than
-    /// could be then. Null when this buffer has no such event.
+    /// Returns an event that is on while something can be written; after an area that was too small, while
+    /// more can be written than could be then. Null when this buffer has no such event.
     btkBaseEvent* GetOutputEvent() { return OnGetOutputEvent(); }
 
-    /// Lets the host move the input, of which nothing is held, to the target of `to`, as far as it can do
-    /// that for the two. What is left afterwards, all or nothing, is for an ordinary copy.
+    /// Transfers the input inside the kernel to the target of `to`, as far as the kernel supports it for the
+    /// two; no input may be buffered. An ordinary copy
+    /// must follow for the rest, which may be all or nothing.
     void PassTo(xstreambuf& to);
 
-    // ---- limits; a buffer that keeps none of a kind returns false
+    // ---- limits; a buffer that does not support one returns false
 
-    /// How long reading, or writing, waits at most for the next byte to come, or to go, before it fails;
-    /// Forever: no limit.
+    /// Limits how long reading, or writing, waits for the next byte before it fails; Forever: no limit.
     virtual bool SetInputLimit(btkTimeval) { return false; }
     virtual bool SetOutputLimit(btkTimeval) { return false; }
     /// Whether the last transfer failed because its limit had passed.
     bool IsLimitPassed() const { return limitPassed; }
-    /// How many bytes a text may have that is read from here; without limit at first.
+    /// Returns the greatest size in bytes of a text read from here; no limit at first.
     std::size_t GetTextLimit() const { return textLimit; }
     void SetTextLimit(std::size_t bytes) { textLimit = bytes; }
 
-    // ---- what is known
+    // ---- state
 
-    /// Whether no more input can arrive than what is held.
+    /// Whether no more input can arrive than is buffered.
     bool IsEofReached() const { return eofReached; }
-    /// Whether the input ended because it could not be read: a failed device, a reset connection.
+    /// Whether the input ended because of a read failure: a failed device, a reset connection.
     bool HasFailed() const { return failed; }
-    /// Writes out what is pending, before the buffer is destroyed. False when bytes are lost by that of which
-    /// the caller should know; where the reader has closed its end, nobody misses them.
+    /// Writes out pending output before the buffer is destroyed. False when bytes are lost and the caller
+    /// should know; output lost because the reader has closed its end is not reported.
     virtual bool Finish() { return true; }
-    /// Gives what was read ahead back to the source, for others who read it. False where that cannot be done.
+    /// Returns read-ahead bytes to the source, for other readers. False where that is impossible.
     virtual bool GiveBack() { return gptr() == egptr(); }
-    /// The number of bytes that can be read without waiting.
+    /// Returns the number of bytes that can be read without waiting.
     virtual std::size_t CountReadable() { return 0; }
-    /// The host's handle behind the buffer; stays the buffer's. -1: none.
+    /// Returns the descriptor behind the buffer; the buffer keeps ownership. -1: none.
     virtual btkHandle GetHandle() const { return -1; }
 
 protected:
@@ -85,8 +87,8 @@ protected:
     void SetTryTooLarge() { tryTooLarge = true; }
     void SetLimitPassed(bool passed) { limitPassed = passed; }
 
-    /// Where the host has the next byte to be read or written; no handle when bytes are held here, or are not
-    /// simply those of the descriptor.
+    /// Returns the descriptor and position of the next byte to be read or written; no descriptor when bytes
+    /// are buffered here, or are not simply those of the descriptor.
     virtual btkPlace GetSourcePlace() { return {}; }
     virtual btkPlace GetTargetPlace() { return {}; }
 
@@ -97,29 +99,29 @@ protected:
     virtual btkBaseEvent* OnGetInputEvent() { return nullptr; }
     virtual btkBaseEvent* OnGetOutputEvent() { return nullptr; }
 
-    /// New events over `handle` that ask this buffer too, with the operations below, and outlive it safely.
+    /// Creates events over `handle` that also call the operations below, and may safely outlive this buffer.
     btkBaseEvent* MakeInputEvent(btkHandle handle);
     btkBaseEvent* MakeOutputEvent(btkHandle handle);
-    /// What is known about the input before the handle is asked. Called before each sleep of a wait while
-    /// bytes are held, which a buffer tells with NoteHeld when it has taken some from its source; and always,
-    /// once SetAsksInput was called.
+    /// Returns the state of the input known before the handle is polled. Called before each sleep of a wait
+    /// while bytes are buffered, which a buffer announces with NoteHeld when it has taken some from its
+    /// source; and always, once SetAsksInput was called.
     virtual btkBaseEvent::State OnAskInput() { return btkBaseEvent::Ask; }
     void NoteHeld();
-    /// The same for the output events, which ask once after each NoteShort.
+    /// The same for the output events, which call it once after each NoteShort.
     virtual btkBaseEvent::State OnAskOutput() { return btkBaseEvent::Ask; }
     void NoteShort();
-    /// What the events ask the host for, as poll takes it, in place of "readable".
+    /// Sets the poll conditions of the events, in place of "readable".
     void SetInputConditions(short conditions) { inputConditions = conditions; }
     void SetAsksInput()
     {
         asksInput = true;
         NoteHeld();
     }
-    /// The handle was found ready to read. False when there is no input after all.
+    /// Called when the handle was found ready to read. False when there is no input after all.
     virtual bool OnInputPolled(short ready) { return ready != 0; }
 
-    /// The try view has been read to its end: lends more with xtrystreambuf::ExtendBuf and answers true, or
-    /// answers false when there is no more without waiting.
+    /// Called when the try view has been read to its end: lends more with xtrystreambuf::ExtendBuf and
+    /// returns true, or returns false when there is no more without waiting.
     virtual bool OnTryUnderflow() { return false; }
 
 private:
@@ -127,7 +129,7 @@ private:
     friend class xtryoutputbuf;
     friend class xbufferevent;
 
-    xbufferevent* eventList = nullptr; // those that are alive
+    xbufferevent* eventList = nullptr; // the live ones
     bool asksInput = false;
     bool eofReached = false;
     bool failed = false;
@@ -138,7 +140,7 @@ private:
     std::size_t textLimit = static_cast<std::size_t>(-1);
 };
 
-/// How many bytes a text may have that is read from `buffer`, or from a try view of it.
+/// Returns the greatest size in bytes of a text read from `buffer`, or from a try view of it.
 BASE_API std::size_t xGetTextLimit(const std::streambuf& buffer);
 
 /// A try view that lends bytes of its owner's buffer.
@@ -166,14 +168,14 @@ private:
     xstreambuf& owner;
 };
 
-/// A try area that takes a number of bytes and keeps none.
+/// A try area that accepts a number of bytes and discards them.
 class BASE_API xtryoutputbuf : public std::streambuf
 {
 public:
     explicit xtryoutputbuf(xstreambuf& lender) : owner(lender) {}
 
-    /// Takes `count` bytes from now on, of at most `most` that can ever be taken at once. When `broken`, what
-    /// is too much failed, and would not just have to wait.
+    /// Accepts `count` bytes from now on, of at most `most` that can ever be accepted at once. With `broken`,
+    /// a larger value has failed, rather than having to wait.
     void SetRoom(std::size_t count, bool broken, std::size_t most = SIZE_MAX)
     {
         room = count;

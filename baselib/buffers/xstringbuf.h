@@ -5,20 +5,20 @@
 
 #include <qel/base/xstreambuf.h>
 
-/// A buffer in memory. What was written is readable at once, and reading takes nothing away from GetText.
+/// A buffer in memory. Written bytes are readable at once, and reading does not remove them from GetText.
 class BASE_API xstringbuf : public xstreambuf
 {
 public:
-    /// Empty; grows as it is written.
+    /// Empty; grows when written to.
     xstringbuf() = default;
-    /// A private copy of `text`; read-only.
+    /// A private, read-only copy of `text`.
     xstringbuf(const char* text, std::size_t size);
 
-    /// All that was written and is not forgotten, without a terminator; valid until the next write. Null when
-    /// nothing was.
+    /// Returns everything written and not discarded, without a terminator; valid until the next write. Null
+    /// when nothing was written.
     const char* GetText() const { return storage == nullptr ? nullptr : storage.get() + forgotten; }
     std::size_t GetSize() const;
-    /// Forgets what was read of what was written, and gives back memory of which little is used then.
+    /// Discards bytes that were written and read, and releases memory of which little is used then.
     void DiscardRead();
     std::size_t CountReadable() override;
 
@@ -42,7 +42,8 @@ private:
         void operator()(char* memory) const { std::free(memory); }
     };
 
-    std::unique_ptr<char, Free> storage; // of the C runtime, which can let a block grow where it is
+    // Memory of the C runtime, which can extend a block in place.
+    std::unique_ptr<char, Free> storage;
     std::size_t capacity = 0;
     std::size_t forgotten = 0; // bytes at the start of the storage
     bool readOnly = false;
