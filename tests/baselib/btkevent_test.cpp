@@ -24,14 +24,14 @@ struct Pipe
     btkInputPipe input;
 };
 
-// An event whose answers the test gives, over a descriptor.
+// An event over a descriptor; the test sets its state.
 class ToldEvent : public btkBaseEvent
 {
 public:
     explicit ToldEvent(btkHandle input) : btkBaseEvent(input, 1 /* POLLIN */, true) {}
 
     State state = Ask;
-    int asksUntilOn = 0; // then the state changes from AskAgain to On
+    int asksUntilOn = 0; // calls until the state changes from AskAgain to On
     int falseAlarms = 0;
 
 protected:
@@ -80,7 +80,7 @@ TEST(btkEvent, WaitCountsAndMarksSignaledEvents)
     const std::unique_ptr<btkEvent> a(first.Readable()), b(second.Readable()), c(third.Readable());
     btkEvent never(nullptr), always(new btkAlwaysEvent);
     first.Put();
-    third.output.Reset(); // the end of the input is something to be read, too
+    third.output.Reset(); // the end of the input is readable, too
 
     EXPECT_EQ(btkEvent::Wait({a.get(), nullptr, b.get(), &never, c.get(), &always}, btkTimeval::Forever()),
               4 - 1);
@@ -135,7 +135,7 @@ TEST(btkEvent, DerivedEventDecidesItsStateBesideItsDescriptor)
     told->state = ToldEvent::On;
     EXPECT_EQ(btkEvent::Wait({&event}, btkTimeval::Forever()), 1);
 
-    // Off although its descriptor is ready, until it is asked again.
+    // Off although its descriptor is ready, until its state is read again.
     pipe.Put();
     told->state = ToldEvent::AskAgain;
     EXPECT_FALSE(event.IsSignaled());

@@ -105,7 +105,7 @@ TEST(btkFilePart, WritesWholePartsAtAnyPosition)
     }
     EXPECT_EQ(writer.Write(file.Get(), nullptr, 0, 5), 0u);
 
-    // A part of what is mapped has been cut off.
+    // A part of the mapped file has been truncated.
     ASSERT_TRUE(btkSetFileSize(file.Get(), 5000));
     EXPECT_EQ(writer.Write(file.Get(), "across", 6, 8190), 6u);
     EXPECT_TRUE(dir.read("f") == expected.substr(0, 5000) + std::string(3190, '\0') + "across");
@@ -127,7 +127,7 @@ TEST(btkFilePart, WritesWithoutMappedPagesWhereMappingIsRefused)
 
 TEST(btkFilePart, LeavesOldOrNewBytesWhenKilled)
 {
-    // A file system in memory, where there is one, breaks writes off at every other kill.
+    // A file system in memory, if there is one, interrupts a write at every second kill.
     const std::string path =
         (std::filesystem::exists("/dev/shm") ? "/dev/shm/qeltest." : "qeltest.") + std::to_string(getpid());
     constexpr std::size_t size = 1000;

@@ -16,7 +16,7 @@ struct Free
 };
 using Block = std::unique_ptr<unsigned char, Free>;
 
-/// A block of `size` bytes that begins with what `from` has there.
+/// A block of `size` bytes that begins with the bytes of `from`.
 Block resized(Block from, std::size_t kept, std::size_t size)
 {
     void* const block = btkResizeBlock(from.get(), kept, size);
@@ -32,7 +32,7 @@ TEST(btkResizeBlock, KeepsTheBeginningAtAllSizes)
     Block block = resized(nullptr, 0, 1);
     *block = 0xA0;
     std::size_t kept = 1;
-    // Around the sizes of pages, small and large, up and down.
+    // Around the small and large page sizes, growing and shrinking.
     for (const std::size_t size :
          std::initializer_list<std::size_t>{17, 4096, 100000, (2 << 20) - 1, 2 << 20, (2 << 20) + 1, 9 << 20,
                                             5 << 20, 2 << 20, 300000, 8, 3 << 20}) {

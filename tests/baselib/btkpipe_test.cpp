@@ -43,7 +43,7 @@ TEST_F(btkPipe, WritingToABrokenPipeRaisesNoSignalInTheCaller)
     EXPECT_EQ(btkWrite(output.Get(), "x", 1), 0u);
     EXPECT_EQ(errno, EPIPE);
 
-    // A caller that had the signal blocked and pending finds it as it was.
+    // A signal that the caller had blocked and pending stays so.
     sigset_t pipeSignal, before, pending;
     sigemptyset(&pipeSignal);
     sigaddset(&pipeSignal, SIGPIPE);
@@ -93,12 +93,12 @@ TEST_F(btkPipe, ReportsBytesThatCanBeReadAndWrittenWithoutBlocking)
     EXPECT_TRUE(btkIsReadable(input.Get()));
     EXPECT_EQ(btkCountReadable(input.Get()), 5u);
 
-    // What it promises is kept: the descriptor takes that much in one call that must not block.
+    // The promise holds: the descriptor accepts that many bytes in one non-blocking call.
     fcntl(output.Get(), F_SETFL, O_NONBLOCK);
     char byte;
     EXPECT_EQ(btkRead(input.Get(), &byte, 1), 1);
     while (const std::size_t left = btkCountWritable(output.Get(), broken)) {
-        const std::string part(left < 3001 ? left : 3001, 'z'); // each leaves a part of a page unused
+        const std::string part(left < 3001 ? left : 3001, 'z'); // each leaves part of a page unused
         ASSERT_EQ(write(output.Get(), part.data(), part.size()), static_cast<ssize_t>(part.size()));
     }
     EXPECT_FALSE(broken);

@@ -36,7 +36,7 @@ struct Started
         else
             error = static_cast<int>(Error_GetLast());
     }
-    // Its exit code once it has ended.
+    // Its exit code once it has exited.
     long Wait()
     {
         long code = -1;
@@ -54,7 +54,7 @@ struct Started
 struct Pipe
 {
     Pipe() { EXPECT_TRUE(btkAnonymousPipe::Create(output, input)); }
-    // All that was written, once all copies of the writing end are closed.
+    // All written bytes, once all copies of the writing end are closed.
     std::string ReadAll()
     {
         output.Reset();
@@ -105,7 +105,7 @@ TEST_F(Processes, ReportTheirExitCodeOrTheSignalThatKilledThem)
 TEST_F(Processes, InheritOnlyThePassedStreams)
 {
     Pipe in, out, err, other;
-    const btkFd kept(fcntl(other.output.Get(), F_DUPFD, 20)); // one that would be inherited
+    const btkFd kept(fcntl(other.output.Get(), F_DUPFD, 20)); // would be inherited
     Started started("sh -c \"cat; echo problem >&2; ls /proc/self/fd | tr '\\n' ' '\"", in.input.Get(),
                     out.output.Get(), err.output.Get());
     in.input.Reset();
@@ -191,9 +191,9 @@ TEST_F(Processes, OfOneGroupAreKilledTogether)
     Started started("sh -c \"sleep 60 & echo; wait\"", -1, out.output.Get(), -1, btkLaunchGroup);
     out.output.Reset();
     char line;
-    ASSERT_EQ(btkRead(out.input.Get(), &line, 1), 1); // the background process is there
+    ASSERT_EQ(btkRead(out.input.Get(), &line, 1), 1); // the background process is running
     Process_Kill(started.process.get());
-    EXPECT_EQ(out.ReadAll(), ""); // nobody holds the pipe any more
+    EXPECT_EQ(out.ReadAll(), ""); // no process holds the pipe
     EXPECT_EQ(started.Wait(), 128 + SIGKILL);
 }
 
@@ -210,7 +210,7 @@ TEST_F(Processes, OpenedByIdAreWatchedButKeepTheirExitCode)
     long code = 0;
     EXPECT_FALSE(Process_Wait(opened, &code, true, true));
     EXPECT_EQ(started.Wait(), 128 + SIGKILL);
-    Process_Interrupt(opened); // reaches nobody
+    Process_Interrupt(opened); // reaches no process
     Process_Free(opened);
 
     std::promise<unsigned long> announced;
@@ -237,7 +237,7 @@ TEST_F(Processes, FreedWhileTheyRunLeaveNoZombie)
         id = reading.id;
     }
     btkProcess* opened = nullptr;
-    ASSERT_TRUE(Process_Open(&opened, id)); // it runs still
+    ASSERT_TRUE(Process_Open(&opened, id)); // it is still running
     EXPECT_TRUE(Process_CheckRunning(opened));
     in.output.Reset();
     EXPECT_TRUE(WaitForEnd(opened));

@@ -20,7 +20,7 @@ namespace {
 constexpr const char* accessList = "system.posix_acl_access";
 constexpr const char* defaultList = "system.posix_acl_default";
 
-/// A list in the host's form: user rw, user 1000 rwx, group as given, mask rw, others none.
+/// An access list in the kernel's form: user rw, user 1000 rwx, group as given, mask rw, others none.
 std::string listWith(std::uint16_t groupBits)
 {
     std::string list("\2\0\0\0", 4);
@@ -141,7 +141,7 @@ TEST_F(Replacement, RemovesOnlyLeftoversOfDeadProcesses)
     dir.makeDir(".qelnew-0123456789abcdef");
     dir.link(".config.new", ".qelnew-0123456789abcdee");
 
-    btkReplacement next; // gets a name when it takes a place
+    btkReplacement next; // gets a name when it replaces a file
     EXPECT_TRUE(next.Create(folder.Get()) && next.TakePlace("next"));
     EXPECT_EQ(names().size(), 6u);
     EXPECT_TRUE(inUse.TakePlace("placed"));
@@ -158,7 +158,7 @@ TEST_F(Replacement, TakesOverModeListsAndAttributes)
     chmod(dir.path("oldFolder"), 03775);
     dir.write("plain");
     chmod(dir.path("plain"), 0640);
-    ASSERT_TRUE(setAttribute(dir.path(), defaultList, listWith(7))); // inherited by what is made from now on
+    ASSERT_TRUE(setAttribute(dir.path(), defaultList, listWith(7))); // inherited by files created from now on
     dir.makeDir("folder");
     dir.makeDir("plainFolder");
     ASSERT_NE(attribute(dir.path("plainFolder"), accessList), "(none)");

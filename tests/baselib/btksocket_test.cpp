@@ -38,7 +38,7 @@ void send(btkStreamSocket& to, const std::string& text, bool oob = false)
     ASSERT_EQ(to.Send(text.data(), text.size(), oob), text.size());
 }
 
-// The oldest urgent value, once it is there.
+// The oldest urgent value, once it has arrived.
 std::string urgent(btkStreamSocket& from)
 {
     const btkTimeval end = btkTimeval::Now() + aWhile;
@@ -115,7 +115,7 @@ TEST(btkStreamSocket, ReportsUnreachableAddresses)
 
 TEST(btkStreamSocket, ConnectStopsAtItsLimit)
 {
-    // A full backlog: what comes beyond it is neither taken nor refused.
+    // A full backlog: a further connection is neither accepted nor refused.
     btkAcceptSocket door;
     ASSERT_TRUE(door.Listen(0, "127.0.0.1"));
     ASSERT_EQ(listen(door.GetHandle(), 0), 0);
@@ -141,7 +141,7 @@ TEST(btkStreamSocket, EachEndSendsWithoutDelayAndWithKeepaliveProbes)
         EXPECT_EQ(getsockopt(socket.GetHandle(), level, name, &value, &size), 0);
         return value;
     };
-    SocketPair pair; // one end has connected, and the other has what an accepted connection inherits
+    SocketPair pair; // one end has connected, the other inherits the settings of its listener
     for (const btkStreamSocket* const end : {&pair.near, &pair.far}) {
         EXPECT_EQ(option(*end, IPPROTO_TCP, TCP_NODELAY), 1);
         EXPECT_EQ(option(*end, SOL_SOCKET, SO_KEEPALIVE), 1);

@@ -35,7 +35,7 @@ Holder share(const Holder& held)
     return Holder(held.get());
 }
 
-/// Makes `held` writable, which may be another buffer afterwards.
+/// Makes `held` writable; it may be another buffer afterwards.
 char* resize(Holder& held, std::size_t size, bool keep)
 {
     char* mb;
@@ -197,7 +197,7 @@ TEST(btkStrBuf, FillsItsRoomToTheLastByteAndNotBeyond)
     EXPECT_GE(appended, 999u);
     EXPECT_EQ(mbOf(held), std::string(appended, 'x'));
 
-    // With the other form there, growing must not open the room for single bytes again.
+    // With the other form present, growing must not enable appending single bytes again.
     EXPECT_EQ(wideOf(held).size(), appended);
     resize(held, appended + 100, true);
     EXPECT_FALSE(held->AppendInPlace('x'));
@@ -231,7 +231,7 @@ TEST(btkStrBuf, TwoThreadsMayConvertTheSameBuffer)
         });
 
         EXPECT_EQ(wideOf(mine), expected);
-        // Perhaps alone by now, perhaps not: the text of the reader does not change.
+        // Shared or not by now: the reader's text does not change.
         std::strcpy(resize(mine, 20, true), "written");
         mine->CommitMB();
         reader.join();

@@ -107,7 +107,7 @@ TEST(Utf, StepsOverCharactersWithoutReadingBeyondThem)
 
 namespace {
 
-/// The answers of one function for both widths of its text arguments, which are ASCII: they must agree.
+/// The results of one function for both widths of its ASCII arguments; they must agree.
 template<typename Call>
 auto both(Call call, const std::u16string& a, const std::u16string& b = u"")
 {
@@ -286,7 +286,7 @@ TEST(btkString, SearchesLongTextsInLinearTime)
     EXPECT_FALSE(match(text, stars + u"b"));
     EXPECT_FALSE(match(text, u"*" + std::u16string(1000, u'a') + u"?b*"));
 
-    // What is not linear takes minutes.
+    // A search that is not linear takes minutes.
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 

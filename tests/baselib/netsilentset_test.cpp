@@ -14,12 +14,12 @@ struct Peer
 class NetSilentSet : public testing::Test
 {
 protected:
-    // Of an address with one letter, which came so many milliseconds before the time 10 s.
+    // A connection of an address with one letter that arrived so many milliseconds before the time 10 s.
     void add(char address, int age)
     {
         set.Add(std::make_unique<Peer>(Peer{std::string(1, address), now - btkTimeval(0, 1000 * age)}));
     }
-    // Address and age of those that leave, one after the other.
+    // Address and age of the evicted connections, in order.
     std::string leaving(int count)
     {
         std::string all;
@@ -46,7 +46,7 @@ TEST_F(NetSilentSet, EvictsFromTheAddressWithMostConnections)
     EXPECT_FALSE(set.IsOverfull());
     add('b', 500);
     EXPECT_TRUE(set.IsOverfull());
-    EXPECT_EQ(leaving(6), "b800 b600 a900 c700 b500 -"); // of equals, the one with the oldest
+    EXPECT_EQ(leaving(6), "b800 b600 a900 c700 b500 -"); // among equals, the address with the oldest
 }
 
 TEST_F(NetSilentSet, EvictsNoYoungConnectionWhileAnotherAddressHasAnOldOne)
@@ -55,7 +55,7 @@ TEST_F(NetSilentSet, EvictsNoYoungConnectionWhileAnotherAddressHasAnOldOne)
     add('b', 99);
     add('b', 98);
     add('b', 97);
-    EXPECT_EQ(leaving(4), "a150 b99 b98 b97"); // where all are young, the rule is as ever
+    EXPECT_EQ(leaving(4), "a150 b99 b98 b97"); // if all are young, the usual rule holds
 }
 
 TEST_F(NetSilentSet, KeepsTheOrderOfArrival)

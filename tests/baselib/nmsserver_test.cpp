@@ -100,7 +100,7 @@ std::string Request(nmsRequestCode code, const std::string& rest = {})
     return bytes + rest;
 }
 
-// What a server answers to these bytes, until it closes the connection.
+// The server's reply to these bytes, until it closes the connection.
 std::string AnswerTo(int port, const std::string& bytes)
 {
     btkStreamSocket socket;
@@ -196,7 +196,7 @@ TEST(NameServer, ClosesClientsThatExceedTheirTime)
     EXPECT_EQ(OpenDescriptors(), descriptorsBefore);
 }
 
-// Also an answer that its client takes late comes whole.
+// A reply that its client reads late arrives whole, too.
 TEST(NameServer, SendsALargeReply)
 {
     TestNameServer server({.table = {.recordsOfPeer = 2000}});
@@ -217,7 +217,7 @@ TEST(NameServer, SendsALargeReply)
     EXPECT_EQ(answer.find(last), answer.size() - last.size() - 8 - 250);
 }
 
-// Each client checks every answer about the names that only it uses, and that shared ones are won by one.
+// Each client checks every reply about names that only it uses, and that only one client gets a shared name.
 TEST(NameServer, NeitherLosesNorDuplicatesRecords)
 {
     TestNameServer server;
@@ -292,7 +292,7 @@ TEST(NameServer, NameIsFreeOnceItsServerIsKilled)
     }
 }
 
-// Servers that are killed under load: clients see "could not connect" or right answers, and never wait long.
+// Servers are killed under load: clients get "could not connect" or correct replies, and never wait long.
 TEST(NameServer, ClientsSurviveItsRestarts)
 {
     nmsServer chosen({.port = 0});
@@ -324,7 +324,7 @@ TEST(NameServer, ClientsSurviveItsRestarts)
     const int restarts = ofALongRun(20, 200);
     for (int i = 0; i < restarts; ++i) {
         const int before = served;
-        // A program of its own: a copy of this one may hold locks of its threads.
+        // A separate program: a forked copy of this one may hold locks of its threads.
         ChildProcess server([&] {
             const std::string text = std::to_string(port);
             execl("/proc/self/exe", "server", "--serve-names", text.c_str(), nullptr);
@@ -343,8 +343,8 @@ TEST(NameServer, ClientsSurviveItsRestarts)
     EXPECT_EQ(faults, 0);
 }
 
-// Kills at any time, while clients register: what was registered a second before a kill, and whose process
-// lives, is there again, and the file can always be read.
+// Kills at any time, while clients register: a record that was registered a second before a kill, and whose
+// process runs, is restored, and the file can always be read.
 TEST(NameServer, RecordsSurviveItsKills)
 {
     const TempDir dir(TempDir::InMemory);
@@ -408,12 +408,12 @@ TEST(NameServer, ReportsThatItIsFull)
     for (int i = 3; i < 100; ++i)
         EXPECT_EQ(client.enter("n", std::to_string(i)), nmscInternal);
     EXPECT_EQ(client.enter("_ServerName", "a", 1), 0);
-    const std::string said = testing::internal::GetCapturedStderr(); // how many were refused by then varies
+    const std::string said = testing::internal::GetCapturedStderr(); // the number of refusals varies
     EXPECT_EQ(said.find("name server: full: the records of no process have their whole share; "), 0u) << said;
     EXPECT_EQ(said.find('\n'), said.size() - 1) << said;
 }
 
-// A client's side: servers that say nothing, or lie about what follows.
+// The client: servers that send nothing, or wrong lengths.
 TEST(NameClient, CallsEndWithLyingAndSilentServers)
 {
     nmsSetAnswerLimit(btkTimeval(0, 300000));

@@ -99,7 +99,7 @@ TEST(NameTable, ReservesRoomForProcessesWhateverOthersRegister)
     };
     EXPECT_EQ(fill("10.0.0.1"), 6);
     EXPECT_STREQ(table.GetUse().lastRefusal, "an address has as many records of no process as it may");
-    EXPECT_EQ(fill("10.0.0.2"), 4); // all of them have a quarter
+    EXPECT_EQ(fill("10.0.0.2"), 4); // a quarter each
     EXPECT_STREQ(table.GetUse().lastRefusal, "the records of no process have their whole share");
     EXPECT_EQ(table.GetUse().recordsWithoutOwner, 10u);
     for (int i = 0; i < 30; ++i)
@@ -158,7 +158,7 @@ TEST(NameTable, IsRestoredWithoutRecordsOfExitedProcesses)
     EXPECT_EQ(table.Find({})[0], table.Find(Record("n", "1"))[0]) << "in the same order";
     EXPECT_EQ(table.Add(Record("n", "4"), std::string("\0\1", 2)), nmscInternal) << "its address is known";
 
-    // A process that has the id now and started at another time is another one.
+    // A process with the same id that started at another time is a different one.
     std::string other = saved;
     const std::size_t start = other.find("\n") + 1 + 4 + 37 + 4 + 4; // mark, id of the run, number, length
     other[start] = other[start] == '1' ? '2' : '1';
@@ -166,7 +166,7 @@ TEST(NameTable, IsRestoredWithoutRecordsOfExitedProcesses)
     EXPECT_TRUE(strict.Restore(other));
     EXPECT_EQ(strict.GetSize(), 1u);
 
-    // What is cut off or is something else adds what stands before the damage, and says so.
+    // A truncated or damaged file adds the records before the damage, and the damage is reported.
     for (std::size_t size = 0; size < saved.size(); ++size) {
         nmsTable part;
         EXPECT_FALSE(part.Restore(saved.substr(0, size))) << size;
@@ -189,7 +189,7 @@ TEST(NameTable, CountsRecordsThatRepliesStillHold)
     EXPECT_EQ(table.Add(Record("n", std::string(200, 'y'), self)), nmscDone);
 }
 
-// A client could keep the name server from the others with a few requests if this multiplied.
+// If the cost multiplied, a client could block the name server for others with a few requests.
 TEST(NameTable, FieldsSharedByAllRecordsCostLittle)
 {
     constexpr int records = 500;
@@ -218,7 +218,7 @@ TEST(NameTable, DropsTheRecordsOfAnExitedProcess)
         ASSERT_EQ(table.Find(Record("name", "server")).size(), 1u);
         server.signal(SIGKILL);
         siginfo_t ended;
-        waitid(P_PID, Id(server), &ended, WEXITED | WNOWAIT); // not collected: the id is still taken
+        waitid(P_PID, Id(server), &ended, WEXITED | WNOWAIT); // not reaped: the id is still in use
         EXPECT_TRUE(table.Find(Record("name", "server")).empty());
         EXPECT_EQ(table.Add(Record("name", "server", Id(server))), nmscNotAllowed);
     }
@@ -232,7 +232,7 @@ TEST(NameTable, DropsThemAlsoWhenDescriptorsRunOut)
     getrlimit(RLIMIT_NOFILE, &before);
     const rlimit few = {3, before.rlim_max};
     setrlimit(RLIMIT_NOFILE, &few);
-    nmsTable table; // may spend one at most
+    nmsTable table; // may use one at most
     setrlimit(RLIMIT_NOFILE, &before);
 
     ChildProcess first(Sleeping);

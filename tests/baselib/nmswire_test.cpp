@@ -7,7 +7,7 @@
 
 namespace {
 
-// Feeds `bytes` as far as they are wanted. How many were taken.
+// Feeds `bytes` as far as they are wanted. Returns the number of consumed bytes.
 std::size_t Feed(nmsRecordReader& reader, const std::string& bytes)
 {
     std::size_t taken = 0;
@@ -38,7 +38,7 @@ TEST(NameWire, NumbersAreBigEndian)
 
 TEST(NameWire, RecordHasTheDocumentedBytesAndIsReadBack)
 {
-    // owner, count, then for the name and the value: size with the ending zero, length, bytes
+    // owner, count, then for the name and the value: size with the terminating zero, length, bytes
     const std::string expected("\0\0\0\0\0\0\0\1"
                                "\0\0\0\2\0\0\0\1a"
                                "\0\0\0\4\0\0\0\3xyz",

@@ -9,7 +9,7 @@
 
 namespace {
 
-// Takes the handle itself: a thread whose handle was freed may end after the test.
+// Takes the handle itself: a thread whose handle was freed may exit after the test.
 int waitForEvent(void* event)
 {
     btkIsReadable(static_cast<btkHandle>(reinterpret_cast<std::intptr_t>(event)), btkTimeval(10, 0));

@@ -193,7 +193,7 @@ TEST_F(FileBuffer, KeepsBytesThatTheKernelDoesNotAccept)
     EXPECT_EQ(Put(*full, ""), 0);
     full->DropPending();
     EXPECT_EQ(full->Tell(), 0);
-    Open(xfilebuf::Write)->DropPending(); // there is nothing
+    Open(xfilebuf::Write)->DropPending(); // nothing is pending
     EXPECT_EQ(full->pubsync(), 0);
 }
 

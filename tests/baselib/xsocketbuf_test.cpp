@@ -170,7 +170,7 @@ TEST(xsocketbuf, TestsWritesAndSendsNothing)
     ends.out->pubsync();
     EXPECT_EQ(ends.read(1), "x");
 
-    // Once the connection is full, what is collected here is all that can be taken.
+    // Once the connection is full, only this buffer accepts output.
     btkEvent writable(ends.out->GetOutputEvent());
     const std::string block(4096, 'b');
     bool broken = false;

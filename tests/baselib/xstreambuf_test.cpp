@@ -32,7 +32,7 @@ std::streamsize Put(std::streambuf& buffer, std::string_view text)
     return buffer.sputn(text.data(), static_cast<std::streamsize>(text.size()));
 }
 
-// What a try view shows of up to `count` bytes.
+// Up to `count` bytes of a try view.
 std::string Try(xstreambuf& buffer, std::size_t count)
 {
     const std::string text = Take(*buffer.GetTryIBuf(), count);
@@ -40,7 +40,7 @@ std::string Try(xstreambuf& buffer, std::size_t count)
     return text;
 }
 
-// A buffer whose protected operations the standard library calls, or may call.
+// A buffer that exposes the protected operations that the standard library may call.
 template<class Buffer>
 struct Opened : Buffer
 {
@@ -221,7 +221,7 @@ TEST_F(PipeBuffers, SignalBufferedAndPendingInputAndTheEnd)
     output.reset();
     EXPECT_TRUE(pending.IsSignaled());
     input.reset();
-    EXPECT_TRUE(pending.IsSignaled()); // nobody waits for ever for a buffer that is gone
+    EXPECT_TRUE(pending.IsSignaled()); // a wait for a destroyed buffer ends
 }
 
 TEST_F(PipeBuffers, DoNotEndAWaitForMoreBytesThanArrived)
@@ -242,9 +242,9 @@ TEST_F(PipeBuffers, DoNotEndAWaitForMoreBytesThanArrived)
     EXPECT_EQ(Try(*input, 4), "abcd");
     EXPECT_EQ(Take(*input, 1), "a");
     EXPECT_EQ(btkEvent::Wait({&pending}, btkTimeval::Forever()),
-              1); // some were consumed: they may be enough now
+              1); // some were consumed: the rest may suffice now
 
-    // As many bytes in the same place, but others: they were not looked at yet.
+    // As many bytes in the same place, but new ones: not examined yet.
     EXPECT_EQ(Try(*input, 9), "bcd");
     EXPECT_EQ(Take(*input, 3), "bcd");
     Put(*output, "xyz!");
@@ -388,7 +388,7 @@ TEST(AllBuffers, PassOnCopiesThatTheKernelCanMake)
     to->pubsync();
     EXPECT_TRUE(dir.read("to") == "head" + bytes + "tail");
 
-    // What is held here, not open for that, not open at all to the host, or without room stays for a copy.
+    // Buffered input, the same file, a wrong open mode, a text buffer and a full disk need a plain copy.
     from->Seek(0, std::ios_base::beg);
     EXPECT_EQ(from->sgetc(), 'b');
     from->PassTo(*to);
