@@ -55,14 +55,14 @@ protected:
     const char* path() const { return name.c_str(); }
     std::string content() const { return dir.read("config"); }
 
-    /// How many nodes the directory holds: the file, and nothing that was left behind.
+    /// The number of nodes in the directory: only the file, if nothing was left behind.
     int nodes() const
     {
         const std::filesystem::directory_iterator all(dir.path());
         return static_cast<int>(std::distance(begin(all), end(all)));
     }
 
-    TempDir dir{TempDir::InMemory}; // thousands of updates are to reach the disk
+    TempDir dir{TempDir::InMemory}; // thousands of updates are synced
     const std::string name = dir.path("config");
 };
 
@@ -128,7 +128,7 @@ TEST_F(Config, ListsItsKeysInTheOrderOfTheLines)
     hmxConfigFile file;
     EXPECT_EQ(listOf(file), "");
     ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite));
-    EXPECT_EQ(listOf(file), "b=2;a= 3;z=4;"); // z where the line stands that counts
+    EXPECT_EQ(listOf(file), "b=2;a= 3;z=4;"); // z at its effective line
 
     EXPECT_TRUE(file.SetValue("y", "new"));
     EXPECT_TRUE(file.SetValue("b", nullptr));
@@ -143,7 +143,7 @@ TEST_F(Config, ListsItsKeysInTheOrderOfTheLines)
 
 namespace {
 
-/// What a check tells, a line for each oddity.
+/// The report of a check, a line for each finding.
 class Report : public hmxConfigOddityHandler
 {
 public:
@@ -227,7 +227,7 @@ TEST_F(Config, HoldsManyAndLongLines)
     std::string expected, longest(3000000, 'v');
     {
         hmxConfigFile file;
-        ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite)); // made, as it is missing
+        ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite)); // created, as it is missing
         for (int i = 19999; i >= 0; --i)
             file.SetValue(std::to_string(100000 + i).c_str(), std::to_string(i).c_str());
         file.SetValue("long", longest.c_str());
@@ -387,8 +387,8 @@ TEST_F(Config, CloseReleasesTheLock)
 
 namespace {
 
-/// What the tests below run under strace: this program, before its own main, on the file that the environment
-/// names. It ends with 0 when its change was kept, 3 when it is told that it was not.
+/// The tests below run this program under strace: before its own main it changes the file named by the
+/// environment. It exits with 0 when its change was kept, 3 when the library reports that it was not.
 [[maybe_unused]] const bool hasUpdated = [] {
     const char* const path = std::getenv("QEL_TEST_CONFIG");
     if (path == nullptr)
@@ -405,7 +405,7 @@ struct Faulty
 };
 
 /// Runs the program above with a fault at the calls `call` that `when` counts. `onlyOn`: strace's options
-/// that say of which files.
+/// that select the files.
 Faulty updateWithFault(const std::string& path, const std::string& call, const std::string& fault,
                        const std::string& when, const std::string& onlyOn = "")
 {
@@ -426,7 +426,7 @@ bool hasStrace()
     return std::system("strace -qq -o /dev/null true >/dev/null 2>&1") == 0;
 }
 
-/// The content as openings for reading find it.
+/// The content as read by an opening for reading.
 std::string asRead(const std::string& path)
 {
     lockFileBuf file;
@@ -438,14 +438,14 @@ std::string asRead(const std::string& path)
     return text;
 }
 
-// The change makes the file longer and moves what stands in it.
+// The change makes the file longer and moves its other lines.
 const std::string oldContent = "a:1\nc:" + std::string(6000, 'c') + "\n";
 const std::string newContent = "a:1\nb:new\nc:" + std::string(6000, 'c') + "\n";
 
 class ConfigFaults : public Config, public testing::WithParamInterface<bool>
 {
 protected:
-    /// Puts the old content there: in a file with two names, which is overwritten in place, or with one.
+    /// Writes the old content: to a file with two names, which is overwritten in place, or with one.
     void prepare()
     {
         dir.write("config", oldContent);
@@ -478,7 +478,7 @@ TEST_P(ConfigFaults, IsOldOrNewWhenItsWriterIsKilledAtAnyCall)
             }
             kept += now == oldContent;
             replaced += now == newContent;
-            // What was left behind is in nobody's way.
+            // Leftovers do not disturb the next update.
             EXPECT_TRUE(update("b", "next")) << call << when;
             EXPECT_EQ(content().find("b:next\nc:"), 4u) << call << when << content().substr(0, 20);
             EXPECT_EQ(content().size(), newContent.size() + 1);
@@ -500,7 +500,7 @@ TEST_P(ConfigFaults, ContentMatchesTheReportedResultWhenACallFails)
              {"write", "pwrite64", "fsync", "renameat,renameat2", "ftruncate", "fallocate"})
             for (const char* when : {"1", "2", "1+"}) {
                 if (!freedMemoryIsGone && call == std::string("write"))
-                    continue; // sanitizers write, too
+                    continue; // sanitizers write themselves
                 prepare();
                 const Faulty run = updateWithFault(path(), call, std::string("error=") + error, when);
                 if (!run.struck)
@@ -513,7 +513,7 @@ TEST_P(ConfigFaults, ContentMatchesTheReportedResultWhenACallFails)
                     EXPECT_EQ(nodes(), expectedNodes()) << fault;
                 }
                 failed += run.status == 3;
-                update("b", "next"); // removes what keeps the new content
+                update("b", "next"); // removes the file that keeps the new content
             }
     EXPECT_GE(failed, GetParam() ? 4 : 6);
 }
@@ -576,7 +576,7 @@ namespace {
 
 constexpr int cannotMount = 77;
 
-/// Whether this process sees mounts of its own from now on.
+/// Whether this process now has a private mount namespace.
 bool hasOwnMounts()
 {
     return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
@@ -628,7 +628,7 @@ TEST_F(Config, MayBeAMountPoint)
 
 TEST_F(Config, ForeignOrBrokenRecoveryFileIsIgnored)
 {
-    // Everybody may make files in a sticky folder. The head says: 4 bytes of old content, 5 of new.
+    // Every user may create files in a sticky folder. The header: 4 bytes of old content, 5 of new.
     struct stat status = {};
     dir.write("config", "a:1\n");
     ASSERT_EQ(stat(path(), &status), 0);
@@ -689,7 +689,7 @@ TEST_F(Config, IsOldOrNewWhenItsWriterIsKilledAtAnyMoment)
 
 namespace {
 
-/// Waits until somebody waits for the lock of a file. False when nobody does.
+/// Waits until a process waits for the lock of a file. False when none does.
 bool isWaitedFor(const char* path)
 {
     constexpr auto patience = std::chrono::seconds(20);
@@ -851,7 +851,7 @@ TEST_F(Config, WorksWhileInterruptedBySignals)
     }
     EXPECT_EQ(content(), "n:" + std::to_string(updates - 1) + "\n");
 
-    hmxConfigFile reader; // and while it waits for its turn
+    hmxConfigFile reader; // also while it waits for its turn
     ASSERT_TRUE(reader.Open(path(), hmxConfigFile::ReadOnly));
     std::thread writer([&] { EXPECT_TRUE(update("n", "end")); });
     EXPECT_TRUE(isWaitedFor(path()));
@@ -907,6 +907,6 @@ TEST(TextFunctions, SplitAtTheFirstCharacter)
     }
     EXPECT_EQ(textOf(before) + textOf(after), "keptkept");
     xstring own("k:v");
-    EXPECT_TRUE(StrSplit(own.CastToCString(), ':', own, after)); // the text may be that of an output
+    EXPECT_TRUE(StrSplit(own.CastToCString(), ':', own, after)); // the text may belong to an output
     EXPECT_EQ(textOf(own) + textOf(after), "kv");
 }

@@ -228,7 +228,7 @@ TEST_F(RegistryKeys, CloseWithSuccess)
     EXPECT_FALSE(copy.IsOpened());
 }
 
-/// The program that the test below runs under strace: this test, in the registry that the environment names.
+/// The test below runs this one under strace, in the registry that the environment names.
 TEST(RegistryProgram, ChangesInABatch)
 {
     if (std::getenv("QEL_TEST_BATCH") == nullptr)
