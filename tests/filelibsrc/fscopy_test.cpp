@@ -127,7 +127,7 @@ TEST_F(Copying, NeedsTheParentUnlessToldToCreateIt)
     dir.write("tree/file", "y");
     EXPECT_EQ(copy("X:/file", "X:/a/b/file"), refused(6, "X:\\file"));
     EXPECT_EQ(copy("X:/file", "X:/a/b/file", fsMerge, fsNewLink, fsRecursive), done);
-    EXPECT_EQ(copy("X:/tree", "X:/c/d/tree"), done); // a directory brings its levels with it
+    EXPECT_EQ(copy("X:/tree", "X:/c/d/tree"), done); // missing levels above a directory are created
     EXPECT_EQ(dir.read("c/d/tree/file"), "y");
 }
 
@@ -313,7 +313,7 @@ TEST_F(Copying, KeepsAccessListsOverThoseOfTheNewFolder)
 
 // ---- faults
 
-/// Each call about a file that a copy makes fails in turn, and is the last one of a process in turn.
+/// Each file call of a copy fails in turn, and then kills the process in turn.
 TEST_F(Copying, LeavesTheOldFileOrTheNewOneWhicheverCallFails)
 {
     const struct
@@ -360,7 +360,7 @@ TEST_F(Copying, LeavesTheOldFileOrTheNewOneWhicheverCallFails)
                 } else {
                     EXPECT_TRUE(now == renewed || (kills && now == old)) << fault << now.size();
                 }
-                if (kills) { // the next replacement removes what is left
+                if (kills) { // the next replacement removes leftovers
                     dir.write("to", old);
                     EXPECT_EQ(copy("X:/from", "X:/to"), done);
                 }
@@ -372,11 +372,11 @@ TEST_F(Copying, LeavesTheOldFileOrTheNewOneWhicheverCallFails)
     failing::unnamedFilesMissing = false;
 }
 
-// ---- failures that are decided upon
+// ---- failures passed to a handler
 
 namespace {
 
-/// Decides as it is told, and keeps what it is asked about.
+/// Decides as the test sets it, and records its calls.
 class Decisions : public fsFailureHandler
 {
 public:
@@ -394,7 +394,7 @@ public:
 
     std::vector<std::string> asked;
     std::vector<unsigned> errors;
-    std::string at; // what is removed before the node is tried again
+    std::string at; // removed before the node is tried again
 
 private:
     fsFailureAction action;
@@ -473,7 +473,7 @@ TEST_F(Copying, OrRemovingSkipsMountsOnRequest)
 
 namespace {
 
-/// Keeps what it is told, and ends the copy at the call `last`.
+/// Records its calls, and cancels the copy at the call `last`.
 class Watch : public fsProgressHandler
 {
 public:
@@ -517,7 +517,7 @@ TEST_F(Copying, ReportsProgress)
     EXPECT_EQ(std::count(watch.paths.begin(), watch.paths.end(), "X:\\from\\deep\\small"), 1);
     EXPECT_LE(*std::max_element(watch.steps.begin(), watch.steps.end()), 8.0 * mebibyte);
 
-    Watch followed; // what the links lead to counts
+    Watch followed; // the targets of links count
     std::filesystem::remove(dir.path("from/deep/back"));
     fsCopy("X:/from", "X:/expanded", fsForceNew, fsExpand, fsSimple, followed);
     EXPECT_EQ(followed.lastTotal, 20.0 * mebibyte + 8);
@@ -551,7 +551,7 @@ TEST_F(Copying, CanBeCancelled)
     EXPECT_EQ(raisedBy([&] { fsCopy("X:/tree", "X:/copies", fsMerge, fsNewLink, fsSimple, first); }).code,
               10);
     const std::filesystem::directory_iterator copies(dir.path("copies"));
-    EXPECT_EQ(std::distance(begin(copies), end(copies)), 1); // what was complete stays
+    EXPECT_EQ(std::distance(begin(copies), end(copies)), 1); // complete files stay
     EXPECT_EQ(copy("X:/large", "X:/copy"), done);
 }
 
@@ -568,7 +568,7 @@ TEST_F(Copying, OrRemovingReportsNodesAndCanBeCancelled)
     Watch watch;
     fsRemove("X:/tree", fsRecursive, watch);
     EXPECT_FALSE(dir.has("tree"));
-    EXPECT_EQ(watch.lastDone, 2); // what was left
+    EXPECT_EQ(watch.lastDone, 2); // the rest
     EXPECT_EQ(watch.lastTotal, 0);
     EXPECT_EQ(watch.paths.front(), "X:\\tree");
     EXPECT_EQ(raisedBy([&] { fsRemove("X:/tree", fsRecursive, watch); }).code, 6); // not found
@@ -581,7 +581,7 @@ TEST_F(Copying, AndRemovingAndListingReachAnyDepth)
     std::string deep = dir.path("from"), shown = "X:\\from";
     ASSERT_EQ(mkdir(deep.c_str(), 0700), 0);
     int folder = open(deep.c_str(), O_RDONLY | O_DIRECTORY);
-    for (int i = 0; i < depth; ++i) { // deeper than a path of the host's reaches
+    for (int i = 0; i < depth; ++i) { // deeper than a path of the system can be
         ASSERT_EQ(mkdirat(folder, name.c_str(), 0700), 0);
         const int below = openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY);
         close(folder);

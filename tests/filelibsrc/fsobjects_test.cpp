@@ -46,7 +46,7 @@ TEST(fsiFile, WritesTruncatesAndReads)
     TempDir dir;
     fsiFile file;
     unsigned long size = 0;
-    ASSERT_TRUE(file.Open(dir.path("f"), fsWriteOnly)); // made, as it is missing
+    ASSERT_TRUE(file.Open(dir.path("f"), fsWriteOnly)); // created, as it is missing
     EXPECT_EQ(file.Write("0123456789", 10, &size), fsIOOk);
     EXPECT_EQ(size, 10u);
     EXPECT_TRUE(file.Seek(fsFromStart, 3.9));
@@ -155,7 +155,7 @@ TEST(fsMatchesPattern, MatchesInLinearTime)
     EXPECT_FALSE(fsMatchesPattern(name.c_str(), (pattern + "b").c_str()));
     EXPECT_TRUE(fsMatchesPattern(name.c_str(), pattern.c_str()));
     EXPECT_LT(std::chrono::steady_clock::now() - begin,
-              std::chrono::seconds(1)); // ages, when it tries everything
+              std::chrono::seconds(1)); // forever with plain backtracking
 }
 
 TEST(fsiDir, ListsEveryNameOnceWithoutDotEntries)
@@ -234,15 +234,15 @@ TEST(fsNodeInfo, KeepsTheOldStatusWhenInitializeFails)
 
 TEST(fsNodeInfo, OrdersDistantTimesCorrectly)
 {
-    const TempDir dir(TempDir::InMemory); // where every time can be kept
+    const TempDir dir(TempDir::InMemory); // stores every time
     dir.write("a", "");
     constexpr long long lastOfCount = 910692730085; // in the year 30828
     constexpr std::pair<long long, double> times[] = {
         {-12000000000, -12000000000.0},        // before 1601
-        {lastOfCount, lastOfCount},            // what a count of 100 ns in 63 bits reaches
+        {lastOfCount, lastOfCount},            // the limit of a 63-bit count of 100 ns
         {lastOfCount + 1, lastOfCount},        //
         {4000000000000000000, lastOfCount},    //
-        {-4000000000000000000, -933981677286}, // its other end
+        {-4000000000000000000, -933981677286}, // the other limit
     };
     for (const auto& [kept, shown] : times) {
         const timespec both[] = {{kept, 500}, {kept, 500}};

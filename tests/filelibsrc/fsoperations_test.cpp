@@ -32,7 +32,7 @@ std::string native(std::string path)
 class Files : public testing::Test
 {
 protected:
-    /// The native path of a name in the directory, as exceptions name it.
+    /// The native path of a name in the directory, as in exceptions.
     static std::string x(const std::string& name) { return "X:\\" + native(name); }
 
     static std::set<std::string> setOf(const xrchandle<xstringsequence>& texts)
@@ -47,7 +47,7 @@ protected:
     EnvSetting drive{"QELSTD_DRIVE_X", dir.path()};
 };
 
-/// Runs as another user, for whom permissions count.
+/// Runs as another user, whose access is limited by permissions.
 template<typename Action>
 Raised raisedAsNobody(Action action)
 {
@@ -198,7 +198,7 @@ TEST_F(Files, RemoveNothingOutsideAConcurrentlyChangedTree)
             for (const char* name : {"0", "1", "2"})
                 dir.write("tree/" + std::to_string(i) + "/" + name);
         std::atomic<bool> isDone = false;
-        // Puts the link to where a directory is, and back.
+        // Swaps the link and a directory, and back.
         std::thread changer([&] {
             for (int i = 0; !isDone; i = (i + 1) % parts)
                 for (int there = 0; there < 2; ++there)
@@ -307,7 +307,7 @@ TEST_F(Files, ReportAFullDisk)
                })
             .code;
     });
-    EXPECT_EQ(code, 11); // the limit of a file; that of a disk has a number of its own
+    EXPECT_EQ(code, 11); // the limit of a file; a full disk has a separate number
     EXPECT_EQ(std::filesystem::file_size(dir.path("f")), 100u);
 }
 
@@ -417,7 +417,7 @@ TEST_F(Files, GetUniqueTemporaryNames)
 
 TEST_F(Files, ReportFreeSpaceOfThePathsVolume)
 {
-    // The drive's root is one file system, what a link in it leads to another.
+    // The drive's root is one file system, the target of a link in it another.
     const char* const elsewhere = "/dev/shm";
     const auto spaceOf = [](const char* host) {
         return static_cast<double>(std::filesystem::space(host).available);
@@ -476,7 +476,7 @@ TEST_F(Files, AreFoundByPatternsInEveryEntry)
     EXPECT_EQ(setOf(fsExpandPattern("X:/data/l*/m*/x")), Paths{x("data/" + longNames + "/x")});
 }
 
-// ---- quick questions
+// ---- queries
 
 TEST_F(Files, AnswerQueriesAboutNodes)
 {

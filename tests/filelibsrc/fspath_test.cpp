@@ -145,7 +145,7 @@ TEST(Paths, IntersectInWholeEntries)
     for (const auto& row : rows)
         EXPECT_EQ(textOf(fsIntersectPaths(row.a, row.b)), row.common) << row.a << " " << row.b;
 
-    // Both paths are looked at for one fault before either is for the next.
+    // Both paths are checked for one fault before either is checked for the next.
     EXPECT_EQ(raisedBy([] { fsIntersectPaths("a::b", ""); }), Raised(5, "fsIntersectPaths", ""));
     EXPECT_EQ(raisedBy([] { fsIntersectPaths("C:", "x::y"); }), Raised(5, "fsIntersectPaths", "C:"));
     EXPECT_EQ(raisedBy([] { fsIntersectPaths(times(260, 'a').c_str(), "x::y"); }),

@@ -8,7 +8,7 @@
 
 #include "support/thrown.h"
 
-/// What a file operation raised: the number of the failure, the function and the path that it names.
+/// The failure of a file operation: its number, function and path.
 struct Raised
 {
     int code = 0;
@@ -27,7 +27,7 @@ struct Raised
     }
 };
 
-/// What `action` raises; number 0 when nothing.
+/// The failure that `action` raises; number 0 when it raises none.
 template<typename Action>
 Raised raisedBy(Action action)
 {
