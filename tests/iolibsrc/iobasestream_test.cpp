@@ -13,7 +13,7 @@ const std::string prefix = "Stream Error (iolib): ";
 const std::string eofText = prefix + "EOF reached";
 const std::string closedText = prefix + "stream not open";
 
-// A concrete stream that counts what it is asked.
+// A concrete stream that counts its calls.
 class CountingStream : public ioStream
 {
 public:
@@ -210,7 +210,7 @@ TEST(ioStream, FailuresPersistUntilTheyAreCleared)
 
     stream.setIsFail(0);
     EXPECT_EQ(stream.getIsGood(), 1);
-    EXPECT_EQ(FailureOf([&] { stream.WriteInt(1); }), prefix + "I/O error"); // the buffer takes nothing
+    EXPECT_EQ(FailureOf([&] { stream.WriteInt(1); }), prefix + "I/O error"); // the buffer accepts nothing
     EXPECT_EQ(stream.getIsBad(), 1);
     stream.setIsFail(1);
     EXPECT_EQ(stream.getIsFail(), 1);
@@ -277,7 +277,7 @@ TEST(CopyStream, CopiesTheRestUnchanged)
 
     to->ReadStream(from.get());
     EXPECT_EQ(TextOf(to->getStr()), " 1\n2  ");
-    from->WriteStream(to.get()); // the end is no failure
+    from->WriteStream(to.get()); // the end is not a failure
     EXPECT_EQ(from->getIsGood(), 1);
 
     to->ReadByte();
@@ -302,7 +302,7 @@ TEST(CopyStream, ReportsTheStreamConcerned)
                                         }),
               prefix + "I/O error");
     EXPECT_EQ(full.getIsBad(), 1);
-    EXPECT_EQ(from->ReadInt(), 12); // what was not written is still there
+    EXPECT_EQ(from->ReadInt(), 12); // unwritten input is kept
 }
 
 TEST(ioXStream, OutlivesItsStream)

@@ -100,7 +100,7 @@ TEST_F(FileStream, SeekClearsTheEndOfFile)
     EXPECT_EQ(stream->TellPos(), 10);
     stream->setIsFail(1);
     stream->SeekOff(0, ioCur);
-    EXPECT_EQ(stream->getIsFail(), 1); // only the end of file is forgotten
+    EXPECT_EQ(stream->getIsFail(), 1); // only the end of file is cleared
     stream->setIsFail(0);
 
     EXPECT_EQ(FailureOf([&] { stream->SeekOff(-1, ioBegin); }), "Stream Error (iolib): I/O error");
@@ -177,7 +177,7 @@ TEST_F(FileStream, CopiesFromAPipe)
         pipe->getWriteEnd()->WriteBytes(content.data(), static_cast<unsigned>(content.size()));
         pipe->getWriteEnd()->Close();
     });
-    EXPECT_EQ(pipe->getReadEnd()->ReadInt(), 3); // some of the rest is held now
+    EXPECT_EQ(pipe->getReadEnd()->ReadInt(), 3); // part of the rest is buffered now
     dir.write("f", "head....");
     const auto to = Open(ioReadWrite, ioSerializer::getBinary());
     to->WriteBytes("HEAD", 4);

@@ -91,7 +91,7 @@ TEST_F(PipeStreams, AreWaitedForWithEvents)
     EXPECT_EQ(pending->Wait(0.02), 0);
     EXPECT_EQ(writable->Wait(INFINITE), 1);
 
-    // A value that arrives in parts wakes the reader for each part, and no more often.
+    // A value that arrives in parts wakes the reader once per part.
     std::thread writer([&] {
         for (const char part : {'\1', '\2', '\3', '\4'})
             out.WriteByte(part);
@@ -123,7 +123,7 @@ TEST_F(PipeStreams, TestWritesWithoutSending)
 {
     EXPECT_EQ(out.TryWriteInt(7), ioSuccess);
     EXPECT_EQ(out.TryWriteString("text"), ioSuccess);
-    EXPECT_EQ(out.TryWriteString(std::string(1 << 20, 'l').c_str()), ioNotSupported); // at no time
+    EXPECT_EQ(out.TryWriteString(std::string(1 << 20, 'l').c_str()), ioNotSupported); // it can never fit
     EXPECT_EQ(in.PeekNBytes(), 0u);
 
     const std::string page(4096, 'p');
@@ -160,7 +160,7 @@ TEST_F(PipeStreams, CopyBytesAsTheyArrive)
         CopyStream(second->getWriteEnd(), &in);
         second->getWriteEnd()->Close();
     });
-    out.WriteString("first"); // copied before more is there or the end
+    out.WriteString("first"); // copied before more or the end arrives
     EXPECT_EQ(TextOf(second->getReadEnd()->ReadString(nullptr)), "first");
     out.WriteInt(9);
     out.Close();
@@ -180,7 +180,7 @@ TEST_F(PipeStreams, EventsMayOutliveThem)
     EXPECT_EQ(pending->Wait(INFINITE), 1);
 }
 
-// 16 MiB that arrive in small parts: searching them again each time takes many seconds.
+// 16 MiB arrive in small parts: searching from the beginning each time takes many seconds.
 TEST_F(PipeStreams, ScanAnArrivingTextOnce)
 {
     for (ioSerializer* const form : {ioSerializer::getAscii(), ioSerializer::getXDR()}) {
@@ -213,7 +213,7 @@ TEST_F(PipeStreams, FindADelimiterBehindTheScannedPart)
     EXPECT_EQ(tries("  ", nullptr), ioWouldBlock);
     EXPECT_EQ(tries("a b", nullptr), ioWouldBlock);
     EXPECT_EQ(tries(";", nullptr), ioWouldBlock);
-    EXPECT_EQ(tries("", ";"), ioSuccess); // another delimiter, in what was searched
+    EXPECT_EQ(tries("", ";"), ioSuccess); // another delimiter, in the scanned part
     EXPECT_EQ(tries("", ","), ioWouldBlock);
     EXPECT_EQ(in.ReadByte(), 'a');
     EXPECT_EQ(tries("c\n", nullptr), ioSuccess);
@@ -247,7 +247,7 @@ TEST_F(PipeStreams, CollectOutputWhenBuffered)
     EXPECT_EQ(in.PeekNBytes(), 4u + 4104u + 4u + 5004u + 4u);
     EXPECT_EQ(FailureOf([&] { in.setBuffered(true); }), "Stream Error (iolib): output denied");
 
-    // Nobody misses what is gathered for a reader that has closed.
+    // Output collected for a closed reader is dropped silently.
     const Owned<ioPipe> unread(ioPipe::Create());
     unread->getWriteEnd()->setBuffered(true);
     unread->getWriteEnd()->WriteInt(1);

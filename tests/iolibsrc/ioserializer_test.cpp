@@ -14,7 +14,7 @@
 
 namespace {
 
-// What `write` puts into a stream of the form `serializer`.
+// The bytes that `write` puts into a stream of the form `serializer`.
 template<class Write>
 std::string Written(ioSerializer* serializer, Write write)
 {
@@ -78,7 +78,7 @@ private:
     std::size_t part;
 };
 
-// The answer that belongs to the state of a standard stream after a conversion.
+// The status that corresponds to a standard stream's state after a conversion.
 ioTryCode CodeOf(const std::istream& stream)
 {
     return !stream.fail() ? ioSuccess : stream.eof() ? ioEndOfFile : ioFormatError;
@@ -90,7 +90,7 @@ std::string RestOf(std::istream& stream)
     return std::string(std::istreambuf_iterator<char>(stream), {});
 }
 
-// Compares reading a V from `input` with what a standard stream makes of it.
+// Compares reading a V from `input` with a standard stream's result.
 template<class V>
 void CompareWithStandard(const std::string& input, ioTryCode (Ascii::*read)(V&, std::streambuf*))
 {
@@ -195,7 +195,7 @@ TEST(Serializers, RejectImpossibleLengths)
         EXPECT_EQ(FailureOf([&] { stream->ReadString(nullptr); }), "Stream Error (iolib): conversion error");
         EXPECT_EQ(stream->getIsFail(), 1);
     }
-    // More is promised than there is: the memory taken follows what arrives.
+    // The length exceeds the input: memory grows with the received bytes only.
     for (const char* const length : {"00 00 00 04", "00 01 00 01", "7F FF FF FF"}) {
         const auto stream = Holding(xdr, Hex(length) + "abc");
         EXPECT_EQ(FailureOf([&] { stream->ReadString(nullptr); }), "Stream Error (iolib): EOF reached");
