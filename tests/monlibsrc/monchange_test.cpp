@@ -1,4 +1,4 @@
-// The event that a file has changed.
+// The event that signals changes of a file.
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
@@ -21,14 +21,14 @@ protected:
         writer = CreateMonitor(path);
         writer->Int("int");
         writer->String("text", 4096 - 9 - 17 - 20 - 15);
-        writer->Int("int across"); // whose value lies across the end of the first page
+        writer->Int("int across"); // its value crosses the end of the first page
         writer->String("text across", 4096);
         watcher = OpenMonitor(path);
         event.reset(watcher->ChangeEvent());
         ASSERT_NE(event, nullptr);
     }
 
-    /// Waits for the event. Whether it became on.
+    /// Waits for the event. True when it is signaled.
     bool IsOn() { return event->Wait(10.0) != 0; }
     bool IsQuiet() { return event->getIsSignaled() == 0; }
     int Read() { return watcher->Int("int")->getValue(); }
@@ -67,13 +67,13 @@ TEST_F(MonitorChange, IsSignaledFromAnyChangeUntilTheNextRead)
     }
     EXPECT_EQ(watcher->Int("int across")->getValue(), 2);
 
-    // A number across pages that is added later, and one that a fork or another opening writes.
+    // A page-crossing number added later, and one written by a fork or another opening.
     writer->String("filler", static_cast<int>(3 * 4096 - std::filesystem::file_size(path) - 22 - 15 - 2));
     change([&] { writer->Int("new"); });
     change([&] { writer->Int("new")->setValue(1); });
     change([&] { OpenMonitor(path)->Int("new")->setValue(2); });
     change([&] { EXPECT_EQ(ChildProcess([&] { return writer->Int("new")->setValue(3) - 3; }).wait(), 0); });
-    // The watcher's own stores do not make it deaf to others.
+    // The watcher's own stores do not hide those of others.
     change([&] { watcher->Int("new")->setValue(4); });
     change([&] { writer->Int("new")->setValue(5); });
 }
@@ -89,7 +89,7 @@ TEST_F(MonitorChange, LosesNoChangeBetweenTwoReads)
     EXPECT_EQ(Read(), 2);
     EXPECT_TRUE(IsQuiet());
 
-    // What has been read when nobody had asked yet is no news.
+    // A change that was read before the event was checked is not signaled.
     writer->Int("int")->setValue(3);
     EXPECT_EQ(Read(), 3);
     EXPECT_TRUE(IsQuiet());
@@ -113,7 +113,7 @@ TEST_F(MonitorChange, JoinsAWaitAndIsSharedByTheEventsOfAFile)
     EXPECT_EQ(evtEvent::Wait(all.get(), 10.0), 1);
     EXPECT_TRUE(others->WasSignaled());
 
-    // They may outlive their file, and nobody waits for one that is closed.
+    // They may outlive their file, and a wait for a closed one ends.
     watcher.reset();
     EXPECT_TRUE(IsOn());
     other->Close();
@@ -129,7 +129,7 @@ TEST_F(MonitorChange, ReportsReplacementRemovalAndReturnOfTheFile)
     EXPECT_EQ(FailureOfReading(), "monFile has shrunk!");
     EXPECT_TRUE(IsQuiet());
     ASSERT_TRUE(watcher->Reopen());
-    EXPECT_TRUE(IsOn()); // nobody has read it yet
+    EXPECT_TRUE(IsOn()); // not read yet
     EXPECT_EQ(CountOf(watcher->getParams()), 0);
     EXPECT_TRUE(IsQuiet());
     old->setValue(9);
@@ -181,7 +181,7 @@ TEST_F(MonitorChange, IsSeparateInAForkedChild)
         return 0;
     };
     EXPECT_EQ(ChildProcess(watch).wait(), 0);
-    EXPECT_TRUE(IsOn()); // its parent's news are still there
+    EXPECT_TRUE(IsOn()); // its parent's change is still pending
     Read();
     EXPECT_TRUE(IsQuiet());
 

@@ -129,11 +129,11 @@ TEST_F(Damaged, IncompleteRecordsAreNotVisible)
             EXPECT_EQ(CountOf(reader->getParams()), 1);
             EXPECT_EQ(reader->Int("a")->getValue(), 5);
 
-            // It is finished by the one who began it, ...
+            // The writer that began it completes it, ...
             dir.write("m", header + intRecord + record);
             EXPECT_EQ(CountOf(reader->getParams()), record == intRecord ? 1 : 2);
 
-            // ... or cut off by the next who adds one.
+            // ... or the next writer that adds one truncates it.
             dir.write("m", header + intRecord + record.substr(0, there));
             adder->Int("new")->setValue(8);
             EXPECT_EQ(dir.read("m"), header + intRecord + Word(1) + Word(0) + Word(3) + "new" + Word(8));
@@ -153,7 +153,7 @@ TEST_F(Damaged, HugeFilesAreReadUpToTheLargestPosition)
     EXPECT_EQ(MonFailureOf([&] { file->Int("more"); }), "monFile: File too large");
     EXPECT_EQ(std::filesystem::file_size(path), last);
 
-    // Zeros are bools without a name. There is room for one.
+    // Zeros are bools without a name. One fits.
     std::filesystem::resize_file(path, (1LL << 32) + 100);
     EXPECT_EQ(MonFailureOf([&] { file->getParams(); }), "Weird parameter type");
     const auto other = OpenMonitor(path);
@@ -162,7 +162,7 @@ TEST_F(Damaged, HugeFilesAreReadUpToTheLargestPosition)
 
 TEST_F(Damaged, FlippedLengthsCostNoRecords)
 {
-    // A flipped bit in a length makes the record seem to run past the end, as one that is being added does.
+    // A flipped bit in a length makes the record exceed the end of the file, like one that is being added.
     const std::string text = StringRecord("s", 10, 2, "xy" + std::string(8, '\0'));
     const struct
     {

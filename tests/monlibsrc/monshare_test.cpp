@@ -1,4 +1,4 @@
-// Several processes and several openings share a file, and are stopped and killed at any moment.
+// Several processes and openings share a file, and processes are stopped and killed at any moment.
 #include <algorithm>
 #include <atomic>
 #include <bit>
@@ -63,7 +63,7 @@ bool IsWhole(const xstring& v)
     return text.empty() || text == CheckedText(static_cast<unsigned>(text[0] - 'a'));
 }
 
-// What the processes of a test tell each other.
+// State shared by the processes of a test.
 struct Shared
 {
     std::atomic<bool> stop;
@@ -137,7 +137,7 @@ std::string NameOf(int number)
     return "added " + std::to_string(number);
 }
 
-// Stores, and adds now and then, for ever.
+// Stores forever, and adds now and then.
 int Write(const std::string& path, Shared& shared)
 {
     const auto file = OpenMonitor(path);
@@ -152,7 +152,7 @@ int Write(const std::string& path, Shared& shared)
     }
 }
 
-// Reads until it is told to stop. The exit status tells what was wrong.
+// Reads until it is stopped. The exit status identifies the fault.
 int Read(const std::string& path, Shared& shared)
 {
     try {
@@ -191,7 +191,7 @@ TEST_F(SharedFile, SurvivesKilledWriters)
     for (int i = 0; i < kills; ++i) {
         const long begun = shared->stores;
         ChildProcess writer([&] { return Write(Path(), *shared); });
-        // It is killed once it is at work, wherever it is then.
+        // It is killed at a random moment of its work.
         for (int waits = 0; shared->stores < begun + 2; ++waits) {
             ASSERT_LT(waits, 50000);
             usleep(200);
@@ -239,7 +239,7 @@ TEST_F(SharedFile, StoppedReaderDoesNotBlockWriters)
         measure([&] { writer->Real("real")->setValue(CheckedReal(n)); });
         StoreAll(*writer, n);
     }
-    // The median, and where nothing else is run meanwhile nearly all.
+    // The median; on an idle machine nearly all.
     std::sort(times.begin(), times.end());
     EXPECT_LE(times[times.size() * ofALongRun<std::size_t>(50, 95) / 100], btkTimeval(0, 5000));
     EXPECT_TRUE(IsWhole(writer->Real("real")->getValue()));
@@ -345,7 +345,7 @@ TEST_F(SharedFile, ContinuouslyStoredNumberCanBeRead)
     EXPECT_LT(btkTimeval::Now() - begin, btkTimeval(5, 0));
 }
 
-/// The program that the test below runs under strace.
+/// The test below runs this one under strace.
 TEST(CallsProgram, StoresNumbersAcrossPages)
 {
     const char* const path = std::getenv("QEL_TEST_MONITOR");
@@ -370,5 +370,5 @@ TEST_F(SharedFile, StoresANumberAcrossPagesByThreeSystemCalls)
     EXPECT_EQ(OpenMonitor(Path())->Int("int")->getValue(), 3999);
     const auto calls = callsIn(dir.path("calls"));
     EXPECT_GE(calls.at("fcntl"), 2 * 4000);
-    EXPECT_LT(calls.at("total"), 3 * 4000 + 2000); // and what a start takes
+    EXPECT_LT(calls.at("total"), 3 * 4000 + 2000); // and the program's start
 }

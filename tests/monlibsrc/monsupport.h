@@ -7,8 +7,7 @@
 
 #include "iolibsrc/iosupport.h"
 
-/// The text of what `work` throws: of a stream's failure, or of what is wrong with a monitor file; "" when it
-/// throws nothing.
+/// The text of the failure of a stream or a monitor file that `work` throws; "" when it throws nothing.
 template<class Work>
 std::string MonFailureOf(Work work)
 {
@@ -29,7 +28,7 @@ inline Owned<monFile> CreateMonitor(const std::string& path, const char* title =
     return Owned<monFile>(monFile::Create(path.c_str(), title));
 }
 
-/// How many parameters a dictionary has.
+/// The number of parameters in a dictionary.
 inline int CountOf(monParamDict* params)
 {
     int count = 0;

@@ -194,7 +194,7 @@ TEST_F(Monitor, CreateStartsWithNoParameters)
     EXPECT_EQ(MonFailureOf([&] { file->getParams(); }), "monFile has shrunk!");
     EXPECT_EQ(MonFailureOf([&] { file->Int("a"); }), "monFile has shrunk!");
     EXPECT_EQ(MonFailureOf([&] { a->getValue(); }), "monFile has shrunk!");
-    a->setValue(4); // whoever published in the old file does not disturb the new one
+    a->setValue(4); // a publisher of the old file does not change the new one
     EXPECT_EQ(Bytes(), header);
 }
 
@@ -297,7 +297,7 @@ TEST_F(Monitor, OpensForReadingWithoutWriteAccess)
                              : 0;
               }),
               static_cast<int>(ERROR_ACCESS_DENIED));
-    // Where the folder may not be written, the file is emptied.
+    // If the folder is not writable, the file is emptied.
     chmod(Path().c_str(), 0666);
     EXPECT_EQ(runInChild([&] { return setuid(65534) == 0 && CreateMonitor(Path(), "U") != nullptr ? 0 : 1; }),
               0);
@@ -309,7 +309,7 @@ TEST_F(Monitor, CreateKeepsTheOldFileWhicheverCallFails)
 {
     const std::string old = "old content, longer than what is to take its place";
     const std::string anew = Hex("00 00 00 00 00 00 00 01 54 ");
-    // In the place of the file, of none, and in the file of a folder that may not be written.
+    // Replacing a file, creating one, and emptying one in a read-only folder.
     for (const std::string place : {"old", "none", "kept"})
         for (const int error : {ENOSPC, EIO, EDQUOT, EROFS, EMFILE}) {
             const int result = runInChild([&] {
@@ -338,7 +338,7 @@ TEST_F(Monitor, CreateKeepsTheOldFileWhicheverCallFails)
                         << fault;
                     refusals += file == nullptr;
                 }
-                // Where the file cannot be replaced, it is begun in place.
+                // If the file cannot be replaced, it is rewritten in place.
                 EXPECT_GE(refusals, place == "old" && error == EROFS ? 0 : 5) << place << error;
                 return testing::Test::HasFailure() ? 1 : 0;
             });
