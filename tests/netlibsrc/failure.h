@@ -6,8 +6,8 @@
 
 #include "iolibsrc/iosupport.h"
 
-/// What `work` throws: the code and the text of a failure of the network library, the text of a stream's; ""
-/// when it throws nothing.
+/// The failure that `work` throws: code and text of one of the network library, text of a stream's; "" when
+/// it throws nothing.
 template<typename Work>
 std::string failureOf(Work work)
 {

@@ -28,7 +28,7 @@ const InterruptedInLongRuns& interrupted = InterruptedInLongRuns::Add();
 
 constexpr btkTimeval patience(10, 0);
 
-// The server of a test, whose handlers outlive it.
+// The server of a test; its handlers outlive it.
 Owned<netBaseServer> makeServer()
 {
     return Owned<netBaseServer>(netBaseServer::Create(nullptr, 0));
@@ -46,13 +46,13 @@ bool isListened(int port)
     return socket.Connect(nullptr, port, patience);
 }
 
-// An attribute, as programs read it that know no class.
+// An attribute, read through the descriptor.
 xany valueOf(xobject* object, const char* name)
 {
     return xrttistruct::cast(object->getRtti())->findAttr(name, 1)->getValue(object);
 }
 
-// Waits for the end of what the peer sends; false when something else comes.
+// Waits for the end of the peer's output; false when data arrives.
 bool isClosed(netSocketStream& stream)
 {
     char byte = 0;
@@ -91,7 +91,7 @@ TEST(netBaseServer, NameIsRegisteredDuringItsLifetime)
         EXPECT_TRUE(server->getServerName() == "counter");
         EXPECT_EQ(ResolvePort(address.get()), server->getPortN());
 
-        // A second one is refused, does not go on listening, and leaves the name to the first.
+        // A second one is refused, stops listening, and leaves the name to the first.
         const int port = [] {
             btkAcceptSocket free;
             return free.Listen(0, nullptr) ? free.GetPortN() : 0;
@@ -106,7 +106,7 @@ TEST(netBaseServer, NameIsRegisteredDuringItsLifetime)
     EXPECT_EQ(failureOf([&] { ResolvePort(address.get()); }), "0 Server is not registered");
 }
 
-// Each asks whether the name is taken before it registers it, and all find that it is not.
+// Each checks for the name before it registers it, and all find it free.
 TEST(netBaseServer, OnlyOneOfManyConcurrentStartsGetsTheName)
 {
     const TestNameServer names;
@@ -118,7 +118,7 @@ TEST(netBaseServer, OnlyOneOfManyConcurrentStartsGetsTheName)
         twins.push_back(std::make_unique<ChildProcess>([&] {
             go.Reset();
             char byte = 0;
-            btkRead(gone.Get(), &byte, 1); // until all are there
+            btkRead(gone.Get(), &byte, 1); // until all have started
             try {
                 const Owned<netBaseServer> server(netBaseServer::Create("twin", 0));
                 if (server == nullptr)
@@ -281,7 +281,7 @@ TEST(netBaseServer, SignalHandlerStopsItHoweverManyClientsConnect)
     isServing = false;
     std::signal(SIGUSR1, before);
     EXPECT_LT((ended - asked).ToSeconds(), 1.0);
-    // Those that wait for an answer get the end.
+    // Clients that wait for a reply get the end.
     server->setTimeSlice(0.01);
     std::thread rest([&] { server->Run(); });
     for (std::thread& client : clients)
@@ -467,7 +467,7 @@ TEST(AsyncRequest, IsStoppedAndJoinedWhenTheServerEnds)
 
 namespace {
 
-// A server whose handlers use what it has of its own.
+// A server whose handlers use its own members.
 struct Counting : netServer
 {
     static Counting* Create() { return CreateAs<Counting>(nullptr, 0); }
@@ -527,7 +527,7 @@ TEST(AsyncRequest, BlocksNoLongerThanTheGracePeriodAfterAStop)
     std::atomic<int> timedOut = 0;
     const std::string tooMuch(64 << 20, 'x');
     // One waits for a client that sends nothing, one for a client that reads nothing, one is kept busy, and
-    // none asks for the stop event.
+    // none checks the stop event.
     AsyncHandler stuck([&](netSocketStream* handed, evtEvent*) {
         const Owned<netSocketStream> stream(handed);
         const int kind = stream->ReadInt();
@@ -606,7 +606,7 @@ TEST(AsyncRequest, ThatCannotStartLosesItsConnectionOnly)
         EXPECT_TRUE(isClosed(*second));
         releases = true;
         EXPECT_TRUE(isClosed(*first));
-        // Once the first has been collected there is room again.
+        // Once the first has been joined, a further one can start.
         for (const btkTimeval end = btkTimeval::Now() + patience;;) {
             const Owned<netSocketStream> next = connectTo(*served);
             if (!isClosed(*next))
@@ -619,7 +619,7 @@ TEST(AsyncRequest, ThatCannotStartLosesItsConnectionOnly)
     EXPECT_EQ(openDescriptors(), before);
 }
 
-// ---- descriptors run out
+// ---- exhausted descriptors
 
 TEST(AsyncRequest, ThatHasNoPipeLosesItsConnectionOnly)
 {

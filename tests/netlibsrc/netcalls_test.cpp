@@ -1,4 +1,4 @@
-// How many system calls a server makes for its clients, as strace counts them.
+// The number of system calls that a server makes for its clients, counted by strace.
 
 #include <cstdio>
 #include <cstdlib>
@@ -27,7 +27,7 @@ netServerLoopAction spawn(netSocketStream*)
     return netSpawnAsyncServer;
 }
 
-// Adds one to integers until the client goes, and waits for them beside the end of the server.
+// Adds one to `rounds` integers, unless the server stops before.
 netServerLoopAction increment(netSocketStream* handed, evtEvent* stop)
 {
     const Owned<netSocketStream> stream(handed);
@@ -43,8 +43,7 @@ netServerLoopAction increment(netSocketStream* handed, evtEvent* stop)
 
 } // namespace
 
-/// The program that the test below runs under strace: it writes its port, and serves until it is asked to
-/// stop.
+/// The test below runs this one under strace: it writes its port, and serves until it is stopped.
 TEST(CallsProgram, Serves)
 {
     const char* const path = std::getenv("QEL_TEST_PORT");
@@ -83,7 +82,7 @@ public:
     ~CountedServer() { end(); }
 
     xrchandle<netAddress> address() const { return netAddress::Create(port, nullptr); }
-    /// Ends it. How often the call was made.
+    /// Stops it. Returns the number of calls.
     long callsOf(const std::string& name)
     {
         end();
@@ -113,7 +112,7 @@ bool hasStrace()
     return std::system("strace -qq -c -f -o /dev/null true >/dev/null 2>&1") == 0;
 }
 
-// All but those that a start takes.
+// All calls except those of the start.
 void expectCalls(CountedServer& server, std::initializer_list<const char*> names, double each)
 {
     long all = 0;

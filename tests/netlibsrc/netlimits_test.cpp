@@ -1,4 +1,4 @@
-// Every operation of a client with a limit ends with it, whatever the server does.
+// Every client operation with a limit ends within it, whatever the server does.
 #include <algorithm>
 #include <functional>
 #include <gtest/gtest.h>
@@ -20,8 +20,8 @@ namespace {
 
 constexpr double limit = 0.5;
 
-// Runs what may fail, until once it took no more than is promised beyond the limit: what delays it now and
-// then is the machine's other work.
+// Runs an operation until it once exceeds its limit by no more than promised: other work on the machine may
+// delay it now and then.
 void ExpectInTime(const char* what, const std::function<void()>& work)
 {
     constexpr double promised = 1.1 * limit + 0.05;
@@ -62,7 +62,7 @@ TEST_F(LimitedClients, EndInTimeWhenANameServerStalls)
         HostilePeer::Manner after;
     } peers[] = {
         {"silent", "", HostilePeer::Silent},
-        // The ping is answered, and the zeros that follow are record after record of the query.
+        // The ping gets a reply, and the zeros that follow are the records of the query.
         {"dripping records", done + Number(0x7FFFFFFF), HostilePeer::Drips},
         {"half an answer", done + Number(1) + Number(0), HostilePeer::Silent},
     };
@@ -136,7 +136,7 @@ TEST_F(LimitedClients, WaitForARemoteCommandWithinTheirLimit)
         EXPECT_TRUE(pair.near->getIsTimeout());
     };
     ExpectInTime("the reply", [&] { start("true"); });
-    // More than lies between two ends where nobody reads.
+    // More than the buffers between two ends hold.
     ExpectInTime("the request", [&] { start(std::string(5 << 20, 'x')); });
     rshProcess::setAnswerLimit(10);
 }

@@ -14,7 +14,7 @@
 
 namespace {
 
-// Lets the soft limit of descriptors be at least `count` while it lives.
+// Raises the soft limit of descriptors to at least `count` during its lifetime.
 class DescriptorRoom
 {
 public:
@@ -36,7 +36,7 @@ private:
     rlimit before;
 };
 
-// Answers the sum of the integers that come before a zero; odd sizes by threads.
+// Sends back the sum of the integers before a zero; threads serve odd sizes.
 netServerLoopAction sum(netSocketStream& stream)
 {
     int total = 0;
@@ -141,8 +141,8 @@ TEST(netServerLoad, ConcurrentRequestsUseLittleMemoryAndAreJoined)
             clients.back()->WriteInt(i + 1);
             clients.back()->Flush(1);
         }
-        ASSERT_TRUE(isServed(address.get(), 1, 10)); // all that came before are being served
-        if (freedMemoryIsGone) {                     // both ends, and what is touched of a stack
+        ASSERT_TRUE(isServed(address.get(), 1, 10)); // all earlier ones are being served
+        if (freedMemoryIsGone) {                     // both ends, and the used part of a stack
             EXPECT_LT((residentKiB() - idle) / count, 64);
         }
         for (int i = 0; i < count; ++i) {
@@ -150,7 +150,7 @@ TEST(netServerLoad, ConcurrentRequestsUseLittleMemoryAndAreJoined)
             EXPECT_EQ(clients[static_cast<std::size_t>(i)]->ReadInt(), i + 1);
         }
         clients.clear();
-        // What has ended is collected while the server goes on.
+        // Completed requests are joined while the server runs.
         const btkTimeval end = btkTimeval::Now() + btkTimeval(20, 0);
         while (openDescriptors() > before + 10 && btkTimeval::Now() < end)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -184,7 +184,7 @@ TEST(netServerLoad, EndsSoonDespiteSilentClientsAndRunningRequests)
             const btkTimeval start = btkTimeval::Now();
             netServer::Shutdown(address.get());
             char byte = 0;
-            silent.back().Recv(&byte, 1); // the end, once the server is gone
+            silent.back().Recv(&byte, 1); // the end, once the server is closed
             EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 1.0);
         });
         server->Run();

@@ -36,7 +36,7 @@ void Allow(hmxRegistry& registry, const char* patterns)
     ASSERT_TRUE(key.SetValue("ConnectionAllowed", patterns));
 }
 
-/// A connection from 10.1.2.3, which is another machine in a network of this process alone.
+/// A connection from 10.1.2.3, another machine in this process's private network.
 class RemotePeer
 {
 public:
@@ -57,7 +57,7 @@ public:
         if (client >= 0)
             close(client);
     }
-    /// False where nobody may make networks.
+    /// False if the system does not allow network namespaces.
     explicit operator bool() const { return client >= 0; }
     btkStreamSocket* socket() const { return &peer; }
 
@@ -279,7 +279,7 @@ TEST(IsConnectionAllowed, AdmitsNoPeerWithoutDescriptorsOrMemory)
     EXPECT_EQ(result, 0);
 }
 
-/// The program that the test below runs under strace.
+/// The test below runs this one under strace.
 TEST(RightsProgram, ReadsRights)
 {
     const char* const output = std::getenv("QEL_TEST_RIGHTS");

@@ -45,7 +45,7 @@ netServer* makeServer(const char* name = nullptr)
     return server;
 }
 
-// What the server answers to `bytes` until it closes the connection.
+// The server's reply to `bytes` until it closes the connection.
 std::string answerTo(int port, const std::string& bytes, bool endsOutput = false)
 {
     btkStreamSocket socket;
@@ -62,7 +62,7 @@ std::string answerTo(int port, const std::string& bytes, bool endsOutput = false
 
 constexpr const char* refused = "3 Connection refused due to lack of rights";
 
-// Accepts one connection, receives a byte, and does what the test wants with it.
+// Accepts one connection, receives a byte, and runs the test's action on it.
 class Peer
 {
 public:
@@ -101,8 +101,8 @@ TEST(netServer, RepliesToEachRequestCode)
     EXPECT_EQ(answerTo(port, "\7"), "");
     EXPECT_EQ(answerTo(port, "\xff"), "");
     EXPECT_EQ(answerTo(port, "", true), "");
-    EXPECT_EQ(answerTo(port, "\1", true), "\1"); // a client that has ended its output reads the answer, too
-    // What arrives together with the code belongs to the stream.
+    EXPECT_EQ(answerTo(port, "\1", true), "\1"); // a client that has closed its output gets the reply, too
+    // Bytes that arrive together with the code belong to the stream.
     EXPECT_EQ(answerTo(port, std::string("\0\0\0\0\4", 5)), std::string("\1\0\0\0\5", 5));
     EXPECT_EQ(answerTo(port, "\3"), "\1");
     served.waitForEnd();
@@ -167,7 +167,7 @@ TEST(netServerClient, ReturnsTheReceivedPartOfAVersion)
     EXPECT_EQ(answer("\1\xff" + std::string(255, 'v')), std::string(255, 'v'));
     EXPECT_EQ(answer("\1\x10"
                      "abc"),
-              "abc"); // cut short
+              "abc"); // truncated
     EXPECT_EQ(answer(std::string("\1\0", 2)), "");
     EXPECT_EQ(answer("\1"), "");
 }
@@ -204,10 +204,10 @@ TEST(netServer, AdmitsPeersByTheirRightsUnlessTheyAreOnTheSameMachine)
         EXPECT_EQ(fromFar(0), 0);
         EXPECT_EQ(fromFar(2), 0);
         EXPECT_EQ(fromFar(3), 0);
-        EXPECT_EQ(fromFar(1), 1); // anybody may ping
+        EXPECT_EQ(fromFar(1), 1); // every peer may ping
         allow(hmxRegistry::User(), "");
         EXPECT_EQ(fromFar(2), 0);
-        // This machine is not asked about.
+        // This machine needs no rights.
         EXPECT_EQ(answerTo(served.getPort(), "\2").substr(0, 1), "\1");
         return testing::Test::HasFailure() ? 1 : 0;
     });
@@ -239,7 +239,7 @@ TEST(netServer, WarnsOfListsThatAdmitEveryMachine)
     EXPECT_FALSE(IsConnectionRestrictable(nullptr));
 }
 
-// ---- clients that do not behave
+// ---- misbehaving clients
 
 TEST(netServer, ClosesSilentClientsAfterATimeout)
 {
@@ -264,7 +264,7 @@ TEST(netServer, ClosesSilentClientsAfterATimeout)
         EXPECT_GE(seconds, 0.3);
         EXPECT_LT(seconds, 1.3);
 
-        // A client that has thought it over is served.
+        // A client that sends its byte late is served.
         btkStreamSocket late;
         ASSERT_TRUE(late.Connect(nullptr, served.getPort(), patience));
         EXPECT_FALSE(late.IsReadable(btkTimeval(0.1)));
@@ -353,7 +353,7 @@ TEST(netServer, ClientSendingOnlyUrgentDataDoesNotBlockOthers)
     std::vector<btkStreamSocket> odd(3);
     for (btkStreamSocket& socket : odd)
         ASSERT_TRUE(socket.Connect(nullptr, port, patience));
-    EXPECT_EQ(answerTo(port, "\1"), "\1"); // the others are waited for by now
+    EXPECT_EQ(answerTo(port, "\1"), "\1"); // the server waits for the others by now
 
     const btkTimeval start = btkTimeval::Now();
     for (btkStreamSocket& socket : odd)
@@ -361,7 +361,7 @@ TEST(netServer, ClientSendingOnlyUrgentDataDoesNotBlockOthers)
     EXPECT_EQ(answerTo(port, "\1"), "\1");
     EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 0.9);
 
-    // What they say afterwards is heard.
+    // Their later bytes are received.
     char byte = 0;
     odd[1].SetRecvLimit(patience);
     odd[1].Send("\1", 1);

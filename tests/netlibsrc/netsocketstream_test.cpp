@@ -208,7 +208,7 @@ TEST(netSocketStream, TransfersUrgentIntegersBesideTheStream)
     }
 }
 
-// Two at once corrupt the stream; kept apart, each arrives.
+// Two at once corrupt the stream; sent separately, each arrives.
 TEST(netSocketStream, SeparatesConsecutiveUrgentIntegers)
 {
     Streams streams;
@@ -221,7 +221,7 @@ TEST(netSocketStream, SeparatesConsecutiveUrgentIntegers)
         while (urgents.size() < 3 && urgent->Wait(10.0) == 1) {
             std::this_thread::sleep_for(std::chrono::milliseconds(30)); // busy with something else
             urgents.push_back(in.ReadOutOfBand());
-            if (urgents.size() == 2) { // something comes back
+            if (urgents.size() == 2) { // a reply arrives
                 in.WriteInt(1);
                 in.Flush(1);
             }
@@ -265,7 +265,7 @@ namespace {
 
 constexpr const char* timeoutText = "Stream Error (iolib): timeout expired";
 
-// How many seconds `work` takes.
+// The duration of `work` in seconds.
 template<class Work>
 double secondsOf(Work work)
 {
@@ -291,7 +291,7 @@ TEST(netSocketStream, ReadTimesOutAfterItsLimitWithoutInput)
         expectLimit(secondsOf([&] { EXPECT_EQ(failureOf(read), timeoutText); }), 0.2);
         EXPECT_TRUE(in.getIsTimeout());
         EXPECT_FALSE(in.getIsEof() || in.getIsBad());
-        EXPECT_EQ(failureOf(read), timeoutText); // at once: the state says so
+        EXPECT_EQ(failureOf(read), timeoutText); // at once: the state is set
         in.setIsFail(0);
     };
     char bytes[8] = {};
@@ -307,7 +307,7 @@ TEST(netSocketStream, ReadTimesOutAfterItsLimitWithoutInput)
     readsInVain([&] { copy->ReadStream(&in); });
     streams.out->WriteInt(8);
     streams.out->Flush(1);
-    EXPECT_EQ(in.ReadBytes(bytes, 8), 4u); // what had come
+    EXPECT_EQ(in.ReadBytes(bytes, 8), 4u); // the bytes received before
     EXPECT_TRUE(in.getIsTimeout());
     in.setIsFail(0);
 
@@ -339,7 +339,7 @@ TEST(netSocketStream, WriteTimesOutAfterItsLimitWithoutProgress)
                     }),
                     0.2);
         streams.out->setIsFail(0);
-        EXPECT_LT(secondsOf([&] { streams.out->Close(); }), 0.1); // after lost bytes none is sent
+        EXPECT_LT(secondsOf([&] { streams.out->Close(); }), 0.1); // nothing is sent after lost bytes
     }
     Streams streams;
     streams.out->setOTimeout(1.0);
@@ -390,7 +390,7 @@ TEST(netSocketStream, BuffersAtMostItsBudgetsOfAPeersData)
         code = others.in->TryReadString(nullptr);
     }
     EXPECT_EQ(code, ioFormatError);
-    // It is found once enough of what stands before it has been read.
+    // It is found once enough of the bytes before it have been read.
     std::vector<char> part(100000);
     std::size_t taken = 0;
     while (taken < 800000)

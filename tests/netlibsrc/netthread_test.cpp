@@ -12,7 +12,7 @@
 
 namespace {
 
-// Answers the code that its owner writes to the control pipe.
+// Exits with the code that its owner writes to the control pipe.
 class Worker : public netThread
 {
 public:
@@ -32,7 +32,7 @@ protected:
     void OnPostStart() override { postStarted = true; }
 };
 
-// What a thread's subclasses see of it.
+// Exposes the protected members of a thread.
 struct Open : Worker
 {
     using Worker::AtFork;
@@ -81,7 +81,7 @@ TEST(netThread, EndsWithTheCodeSignaledByItsOwner)
         worker.Close();
         worker.Close();
         EXPECT_EQ(worker.ControlStream(), nullptr);
-        ASSERT_TRUE(worker.Start()); // once more, and its code is not the old one
+        ASSERT_TRUE(worker.Start()); // again, and its code is not the old one
         worker.ControlStream()->WriteByte(8);
         EXPECT_EQ(worker.WaitExitCode(), 8);
     }
