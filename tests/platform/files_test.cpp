@@ -109,7 +109,7 @@ TEST(Files, KeepASecondWriterOutAndKeepTheirContents)
     EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
     EXPECT_EQ(dir.read("file"), "kept");
 
-    const ChildProcess idle([]() -> int { // which has a copy of the descriptor
+    const ChildProcess idle([]() -> int { // has a copy of the descriptor
         pause();
         return 0;
     });
@@ -215,7 +215,7 @@ TEST(Files, MoveDoesNotCrossVolumes)
 
 namespace {
 
-/// Copies a file as the copying of trees does.
+/// Copies a file in the same way as tree copies.
 bool copyFile(const char* from, const char* to)
 {
     platFolder fromFolder, toFolder;
@@ -257,7 +257,7 @@ TEST(Files, CopyKeepsModeTimeAndHoles)
     ASSERT_EQ(stat(dir.path("copied"), &status), 0);
     EXPECT_LT(status.st_blocks * 512, 1 << 20);
 
-    // A file whose size the kernel does not tell.
+    // A file whose size the kernel does not report.
     ASSERT_TRUE(copyFile("/proc/self/cmdline", dir.path("cmdline")));
     EXPECT_NE(dir.read("cmdline").find("files_test"), std::string::npos);
 }

@@ -33,7 +33,7 @@ TEST(Folder, RemovesATreeAndNeverEntersALink)
 
 TEST(Folder, DescendsAndAscendsAnyDepthWithFewDescriptors)
 {
-    constexpr int depth = 1500; // whose names do not fit into one path
+    constexpr int depth = 1500; // its names do not fit into one path
     TempDir dir(TempDir::InMemory);
     dir.makeDir("tree");
     platFolder top;
@@ -86,12 +86,12 @@ TEST(Folder, ConcurrentMoveIsDetectedAndNothingElsewhereChanges)
     while (way.Leave())
         ++left;
     EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
-    EXPECT_EQ(left, 35); // up to the one that was moved; its folder is another one now
+    EXPECT_EQ(left, 35); // up to the moved one; its parent is a different folder now
 }
 
 namespace {
 
-/// Removes with a decision about each failure, which it keeps.
+/// Removes with a decision about each failure, and records the failures.
 struct Decisions : platTreeWatcher
 {
     bool Removed() override
@@ -131,7 +131,7 @@ TEST(Folder, RemovesAllItCanAndKeepsThePathToTheRest)
             return 1;
         if (!dir.has("outside/kept") || dir.has("tree/a/c") || dir.has("tree/d") || dir.has("tree/a/b/file"))
             return 2;
-        // A mount that is not told apart is emptied, and stays because it is one.
+        // An undetected mount is emptied, and stays because it is a mount.
         if (!tree.Open(dir.path("tree")) || tree.RemoveContents(&decisions) ||
             decisions.failed != std::vector<std::string>{"a/b/mounted"} || dir.has("outside/kept"))
             return 3;
@@ -230,7 +230,7 @@ TEST(Folder, CopiesLinksFilesAndStatus)
     platSource source;
     EXPECT_FALSE(source.Open(from, "link", platKeepLinks));
     ASSERT_TRUE(source.Open(from, "file", platKeepLinks));
-    ASSERT_TRUE(from.DeleteFile("file")); // what is open is copied whatever becomes of its name
+    ASSERT_TRUE(from.DeleteFile("file")); // an open file is copied even when its name is removed
     ASSERT_TRUE(source.Copy(to));
     EXPECT_FALSE(source.Place("newlink", false)); // a link is never written through
     EXPECT_TRUE(source.Place("file", false));

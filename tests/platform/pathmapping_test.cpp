@@ -17,7 +17,7 @@ std::string hostOf(const std::string& path)
     return host;
 }
 
-/// Works in `directory` while the object lives.
+/// Changes the current directory to `directory` during its lifetime.
 class InDirectory
 {
 public:
@@ -127,7 +127,7 @@ TEST(PathMapping, MapsEverySystemNameToADistinctForm)
     EXPECT_EQ(hostOf("C" + colon + "note"), "C:note");
     EXPECT_EQ(hostOf("C:\\d\\c:note"), "/d/c:note");
 
-    // All names of up to four of these, the hard ones side by side.
+    // All names of up to four of these, with the difficult ones side by side.
     const std::string pieces[] = {"\\", ":", bs, colon, escape, "\xEF\x81", "x"};
     std::set<std::string> names{""}, shown;
     for (int length = 0; length < 4; ++length)

@@ -67,7 +67,7 @@ protected:
         return value;
     }
 
-    /// The names in a key, each ended by "|", and the error that ends them when it is not the usual one.
+    /// The names in a key, each terminated by "|", and the final error unless it is the usual one.
     static std::string namesOf(HKEY key, decltype(&RegEnumKeyExA) enumerate = &RegEnumKeyExA)
     {
         std::string names;
@@ -212,7 +212,7 @@ TEST_F(Registry, ConfinesEveryNameToItsStore)
 
 TEST_F(Registry, EnumeratesNamesAsTheyWereWritten)
 {
-    EXPECT_EQ(namesOf(HKEY_CURRENT_USER), ""); // there is no store yet
+    EXPECT_EQ(namesOf(HKEY_CURRENT_USER), ""); // the store does not exist yet
     EXPECT_EQ(valuesOf(HKEY_CLASSES_ROOT), "");
     const HKEY key = create(HKEY_CURRENT_USER, "Software\\VRX");
     for (const char* sub : {"beta", "Alpha", "g\\below\\deep"}) // several levels at once below an open key
@@ -249,7 +249,7 @@ TEST_F(Registry, EnumeratesTheStateAtTheFirstIndex)
     EXPECT_EQ(RegDeleteValueA(key, "b"), 0);
     EXPECT_EQ(next(1), 0);
     EXPECT_STREQ(name, "b");
-    EXPECT_EQ(type, REG_NONE); // gone
+    EXPECT_EQ(type, REG_NONE); // removed
     EXPECT_EQ(dataSize, 0u);
     EXPECT_EQ(next(2), ERROR_NO_MORE_ITEMS);
     EXPECT_EQ(next(0), ERROR_MORE_DATA); // its text
@@ -286,7 +286,7 @@ TEST_F(Registry, EnumeratesADamagedStoreByItsFileNames)
     const HKEY key = create(HKEY_CURRENT_USER, "key");
     RegCloseKey(create(key, "Sub"));
     const std::string folder = "in/store/User/key/";
-    dir.write(folder + "sub/.name", "other"); // does not lead here
+    dir.write(folder + "sub/.name", "other"); // does not match its folder
     dir.makeDir(folder + "two%20words");
     dir.makeDir(folder + "Foreign");
     dir.makeDir(folder + "%zz");
@@ -367,7 +367,7 @@ TEST_F(Registry, IsInTheUsersConfigurationByDefault)
     const EnvSetting config("XDG_CONFIG_HOME", dir.path("config").c_str());
     RegCloseKey(create(HKEY_CURRENT_USER, "a"));
     EXPECT_TRUE(dir.has("config/qelstd/registry/User/a"));
-    const EnvSetting relative("XDG_CONFIG_HOME", "config"); // does not count
+    const EnvSetting relative("XDG_CONFIG_HOME", "config"); // is ignored
     const EnvSetting home("HOME", dir.path("home").c_str());
     RegCloseKey(create(HKEY_CURRENT_USER, "b"));
     EXPECT_TRUE(dir.has("home/.config/qelstd/registry/User/b"));
@@ -379,7 +379,7 @@ TEST_F(Registry, IsInTheUsersConfigurationByDefault)
 TEST_F(Registry, KeepsTheSystemsRootInEtcIfItsFolderExists)
 {
     const int result = runInChild([this] {
-        // A folder /etc of this process alone.
+        // A private /etc for this process.
         const auto enter = [] {
             return unshare(CLONE_NEWNS) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0;
         };
@@ -411,7 +411,7 @@ TEST_F(Registry, KeepsTheSystemsRootInEtcIfItsFolderExists)
             const EnvSetting given("QELSTD_REGISTRY", dir.path("given").c_str());
             EXPECT_EQ(platRegistryFolder(HKEY_CLASSES_ROOT), std::string(dir.path("given")) + "/System");
         }
-        // A store that has been taken away for a while is not the user's tree.
+        // A temporarily missing store is not replaced by the user's tree.
         std::filesystem::rename("/etc/qelstd/registry", "/etc/qelstd/away");
         std::filesystem::create_symlink("/nowhere", "/etc/qelstd/registry");
         EXPECT_EQ(open(HKEY_CLASSES_ROOT, "of the user"), ERROR_CANT_RESOLVE_FILENAME);
@@ -455,7 +455,7 @@ TEST_F(Registry, ReadsWholeValuesWhileWritersAreKilled)
                 set(key, "v", first);
             }
         });
-        // Until the writer has been seen at work, in the middle of which it is killed.
+        // Until the writer is seen working; it is killed in the middle of that.
         int changes = 0;
         std::string before = read();
         for (const auto begin = std::chrono::steady_clock::now();
@@ -601,7 +601,7 @@ TEST_F(Registry, ReportsOnlyMissingFilesAsMissing)
 TEST_F(Registry, IsUnlockedThoughAForkedChildLives)
 {
     constexpr int children = 8;
-    const TempDir disk; // so that the lock is held nearly all the time
+    const TempDir disk; // disk writes hold the lock nearly all the time
     const EnvSetting onDisk("QELSTD_REGISTRY", disk.path("store"));
     const HKEY key = create(HKEY_CURRENT_USER, "key");
     std::atomic<int> changes = 0;
@@ -629,7 +629,7 @@ TEST_F(Registry, IsUnlockedThoughAForkedChildLives)
 
 TEST_F(Registry, CreatesAKeyWholeOrNotAtAll)
 {
-    // Both names need a file; the second key cannot be made.
+    // Both names need a file; the second key cannot be created.
     const std::string path = "Upper Key\\" + std::string(3000, '$');
     HKEY key = nullptr;
     EXPECT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, path.c_str(), 0, nullptr, 0, 0, nullptr, &key, nullptr),
@@ -651,7 +651,7 @@ TEST_F(Registry, CreatesAKeyWholeOrNotAtAll)
         EXPECT_TRUE(left.empty() || left == "Upper Key|") << left;
     }
 
-    // A name that was lost is written again.
+    // A lost name is written again.
     RegCloseKey(create(HKEY_CURRENT_USER, "Upper Key\\Sub"));
     std::filesystem::remove(dir.path("in/store/User/upper%20key/.name"));
     EXPECT_EQ(namesOf(HKEY_CURRENT_USER), "upper key|");
