@@ -1,5 +1,5 @@
-// A client, a server and a command, each a process of its own, of which one is killed at any moment, or the
-// network between them fails: the others end soon and leave nothing behind.
+// A client, a server and a command are separate processes. One is killed at any moment, or the network
+// between them fails: the others exit soon and leave nothing behind.
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
@@ -37,7 +37,7 @@ const btkTimeval patience(2.0);
 enum Victim { Client, Server, Command, Network };
 constexpr const char* victims[] = {"client", "server", "command", "network"};
 
-// What a process answers that has lost its peers.
+// The exit status of a process that has lost its peers.
 enum Remains { Nothing, Descriptors, Children, WrongExitCode };
 
 Remains Serve(StreamPair& pair)
@@ -100,7 +100,7 @@ protected:
         Processes::TearDown();
     }
 
-    // A process of its own for `work`.
+    // A separate process for `work`.
     template<class Work>
     pid_t Fork(Work work)
     {
@@ -113,13 +113,13 @@ protected:
 
     std::string CommandFor(Victim victim, bool reads) const
     {
-        // One of the group that uses none of the streams has to be ended by the server.
+        // The server must kill a group member that uses none of the streams.
         const bool hasAnother = victim == Client || victim == Network;
         return "exec 9>" + pathOfIds + "; echo $$ >&9; " + (hasAnother ? "sleep 60 <&- >&- 2>&- & " : "") +
                (reads ? "exec cat" : "exec sleep 60");
     }
 
-    // The id of the command, once it runs.
+    // The id of the command, once it is running.
     pid_t AwaitCommand() const
     {
         if (!btkIsReadable(ids.Get(), btkTimeval(20.0)))
@@ -135,7 +135,7 @@ protected:
         return 0;
     }
 
-    // Whether all children, adopted ones too, end within the patience. Those that do not are killed.
+    // Whether all children, adopted ones too, exit within the patience. The others are killed.
     bool AllEndInTime()
     {
         const btkTimeval end = btkTimeval::Now() + patience;
@@ -157,7 +157,7 @@ protected:
         }
     }
 
-    std::map<pid_t, int> statuses; // of the processes that have ended
+    std::map<pid_t, int> statuses; // of the exited processes
 
 private:
     static void KillChildren()
@@ -178,7 +178,7 @@ private:
     sigset_t ends;
 };
 
-// A connection that is there no more, whoever holds its ends: both get a reset.
+// A broken connection: both ends get a reset.
 void Reset(btkHandle socket)
 {
     sockaddr nowhere = {};
@@ -195,7 +195,7 @@ TEST_F(RelayUnderKills, EndsSoonAndLeavesNoProcess)
     for (int round = 0; round < rounds; ++round) {
         const auto victim = static_cast<Victim>(round % 4);
         const bool isEarly = victim != Command && random() % 2 == 0;
-        // One that does not read sees no end of its input, and soon nothing gets through to its server.
+        // A client that reads nothing gets no end of its input, and soon cannot send to its server.
         const bool reads = victim == Server || victim == Command || random() % 2 == 0;
         const auto delay = microseconds(random() % (isEarly ? 3000 : reads ? 10000 : 100000));
         SCOPED_TRACE(std::to_string(round) + ": " + victims[victim] + (isEarly ? ", early" : "") +

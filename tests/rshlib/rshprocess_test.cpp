@@ -41,7 +41,7 @@ std::string ReadAll(ioStream& stream)
     return all;
 }
 
-// A command that runs at the other end of a connection of its own.
+// A command that runs at the other end of a separate connection.
 struct Remote
 {
     explicit Remote(const char* command, unsigned char useShell = 1, const char* workDir = nullptr,
@@ -51,7 +51,7 @@ struct Remote
           process(rshProcess::Create(pair.near.get(), command, workDir, in, out, err, useShell, 0))
     {
     }
-    // The exit code once both ends have ended.
+    // The exit code once both ends have exited.
     int Wait() const
     {
         const Owned<rshEvent> end(process->ExitEvent());
@@ -143,7 +143,7 @@ TEST_F(RemoteShell, FindsTheWorkingDirectoryBelowItsBase)
     }
 }
 
-// The ends are processes of their own, as in use, and neither keeps more than a little of what it carries.
+// The ends are separate processes, as in real use, and neither buffers more than a little.
 TEST_F(RemoteShell, TransfersMuchInBothDirectionsInLittleMemory)
 {
     const std::size_t total = ofALongRun(std::size_t{64} << 20, std::size_t{1} << 30), part = 1 << 16;
@@ -212,7 +212,7 @@ TEST_F(RemoteShell, HandlesCommandsThatReadNothingOrLeaveChildren)
         const auto start = btkTimeval::Now();
         const Remote remote(command);
         std::thread writer([&, size = input] {
-            allowStreamFailure([&] { // when the command ends without reading all
+            allowStreamFailure([&] { // when the command exits without reading all
                 remote.Write(much.substr(0, size));
                 remote.process->getStdin()->Close();
             });
@@ -226,8 +226,7 @@ TEST_F(RemoteShell, HandlesCommandsThatReadNothingOrLeaveChildren)
 
 TEST_F(RemoteShell, InterruptsAndTerminatesTheWholeGroup)
 {
-    // Nothing, more than the command's pipe and the queue at the server take, and more than all buffers on
-    // the way.
+    // Nothing, more than the command's pipe and the server's queue hold, and more than all buffers hold.
     for (const std::size_t input : {0, 200000, 20000000})
         for (const bool kill : {false, true}) {
             SCOPED_TRACE(input);
@@ -258,7 +257,7 @@ TEST_F(RemoteShell, EndsWhenTheServerIsStopped)
     remote.server->Terminate();
     EXPECT_EQ(remote.Wait(), 128 + SIGKILL);
 
-    const StreamPair silent; // a client that never asks
+    const StreamPair silent; // a client that sends no request
     const Owned<rshServer> idle(rshServer::Create(silent.far.get(), nullptr, 0));
     idle->Terminate();
     const Owned<rshServerEvent> end(idle->ExitEvent());
@@ -278,7 +277,7 @@ TEST_F(RemoteShell, SurvivesTheOtherEndsExitAtAnyMoment)
             setsockopt(remote.pair.nearSocket->GetHandle(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
         }
         shutdown(remote.pair.nearSocket->GetHandle(), round % 3 == 0 ? SHUT_WR : SHUT_RDWR);
-        // A client that still listens learns from the server's owner, who closes what has no use any more.
+        // A client that still reads gets the end when the server's owner closes the connection.
         remote.ExpectServerToEnd();
         remote.pair.far->Close();
         EXPECT_EQ(remote.Wait(), xnullint);

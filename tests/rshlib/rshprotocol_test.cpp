@@ -37,7 +37,7 @@ void Send(const StreamPair& pair, const std::string& bytes)
     EXPECT_EQ(btkWrite(pair.nearSocket->GetHandle(), bytes.data(), bytes.size()), bytes.size());
 }
 
-// What arrives until `count` bytes or the end.
+// The received bytes, until `count` or the end.
 std::string Receive(const StreamPair& pair, std::size_t count)
 {
     std::string got(count, '\0');
@@ -75,7 +75,7 @@ TEST(rshServer, FollowsTheProtocolByteByByte)
     // Request: command, working directory, shell flag.
     Send(served.pair, Text("cat") + Text("") + Int(0));
     EXPECT_EQ(Receive(served.pair, 4), Int(0));
-    // A block of input; tags that nobody expects; the block comes back as output.
+    // A block of input; unknown tags; the block comes back as output.
     Send(served.pair, Int(4) + Text("hello") + Int(1) + Int(99) + Int(-1) + Int(4) + Int(0));
     EXPECT_EQ(Receive(served.pair, 13), Int(3) + Text("hello"));
     // A block in three parts.
@@ -85,7 +85,7 @@ TEST(rshServer, FollowsTheProtocolByteByByte)
     EXPECT_EQ(Receive(served.pair, 10), Int(3) + Text("ab"));
     Send(served.pair, "c");
     EXPECT_EQ(Receive(served.pair, 9), Int(3) + Text("c"));
-    // The end of the input; exit code 0; the end, which the client answers.
+    // The end of the input; exit code 0; the end, which the client acknowledges.
     Send(served.pair, Int(5));
     EXPECT_EQ(Receive(served.pair, 12), Int(6) + Int(0) + Int(7));
     Send(served.pair, Int(4) + Text("too late") + Int(7));
@@ -107,7 +107,7 @@ TEST(rshServer, TerminatesAndInterruptsByTagsAndUrgentValues)
             Send(served.pair, Text("sleep 60") + Text("") + Int(0));
             EXPECT_EQ(Receive(served.pair, 4), Int(0));
             if (urgent) {
-                EXPECT_EQ(served.pair.near->WriteOutOfBand(5), 1); // means nothing
+                EXPECT_EQ(served.pair.near->WriteOutOfBand(5), 1); // has no meaning
                 EXPECT_FALSE(btkIsReadable(served.pair.nearSocket->GetHandle(), btkTimeval(0.05)));
                 EXPECT_EQ(served.pair.near->WriteOutOfBand(tag), 1);
             } else {
@@ -166,7 +166,7 @@ TEST(rshServer, EndsWhenItsClientIsLostWhileTheCommandReadsNothing)
     }
 }
 
-// A connection that asks for nothing, or never answers the end, is not kept for ever.
+// A connection without a request, or that never acknowledges the end, is closed after a limit.
 TEST(rshServer, WaitsForALimitedTimeOnly)
 {
     const auto readIn = [](const StreamPair& pair) {
@@ -195,14 +195,14 @@ TEST(rshServer, WaitsForALimitedTimeOnly)
         Send(served.pair,
              Text("head -c " + std::to_string(output) + " /dev/zero") + Text("") + Int(0) + Int(5));
         const Owned<rshServerEvent> end(served.server->ExitEvent());
-        if (output > 0) { // the command ends once this client has taken most of it
+        if (output > 0) { // the command exits once this client has read most of it
             EXPECT_EQ(end->evtEvent::Wait(1.0), 0) << "patience begins with the end of the command";
             Receive(served.pair, output - 100000);
         }
         const btkTimeval start = btkTimeval::Now();
         EXPECT_EQ(end->evtEvent::Wait(5.0), 1);
         EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 1.5);
-        // What was on its way arrives.
+        // Bytes in transit arrive.
         const std::string last = Int(6) + Int(0) + Int(7);
         const std::string rest = Receive(served.pair, 1 << 20);
         EXPECT_EQ(rest.substr(rest.size() - std::min(rest.size(), last.size())), last);
@@ -245,7 +245,7 @@ TEST(rshServer, SendsOnlyOutputWrittenBeforeTheCommandExited)
 
 namespace {
 
-// A client whose server the test plays: what it answers and all that it says afterwards. The exit code.
+// A client whose server the test plays: its reply and everything it sends later. Returns the exit code.
 int PlayServer(const std::string& answer, std::string& output)
 {
     StreamPair pair;
@@ -305,7 +305,7 @@ TEST(rshProcess, ReportsTheServersRefusal)
 
 namespace {
 
-// A client whose server has started the command and then takes nothing.
+// A client whose server has started the command and then reads nothing.
 struct Stuck
 {
     explicit Stuck(ioStream* out = nullptr)
@@ -315,7 +315,7 @@ struct Stuck
         process.reset(
             rshProcess::Create(pair.near.get(), "command", nullptr, endless.get(), out, nullptr, 0, 0));
         end.reset(process->ExitEvent());
-        // Nothing more is taken once the queues on the way are full.
+        // Nothing more is accepted once the queues on the way are full.
         for (std::size_t before = 0, now = 1; now != before; before = now) {
             end->evtEvent::Wait(0.1);
             std::swap(before, now);
@@ -347,7 +347,7 @@ TEST(rshProcess, EndsWhenTheServerCannotBeToldToEndTheCommand)
     stuck.process->Terminate();
     EXPECT_EQ(stuck.end->evtEvent::Wait(10.0), 1);
     EXPECT_EQ(stuck.process->GetExitCode(), xnullint);
-    // The server learns of it by a reset, however much there is before.
+    // The server gets a reset, however much data precedes it.
     stuck.pair.near.reset();
     EXPECT_EQ(btkTryWrite(stuck.pair.nearSocket->GetHandle(), "x", 1), -1);
 }
