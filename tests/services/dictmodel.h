@@ -6,8 +6,8 @@
 
 #include <qel/qelbdict.h>
 
-/// The published rule of dictionary slots, followed word by word: for comparison with what the dictionaries
-/// do. Keys are numbers, whose texts the model looks up.
+/// A literal model of the published rule of dictionary slots, for comparison with the dictionaries. Keys are
+/// numbers; the model looks up their texts.
 class DictModel
 {
 public:

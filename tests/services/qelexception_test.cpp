@@ -10,7 +10,7 @@
 
 namespace {
 
-/// What `operation` throws; the caller owns it as a catcher does.
+/// The exception that `operation` throws; the caller owns it like a catcher.
 xthrowable* thrownBy(const std::function<void()>& operation)
 {
     try {
@@ -26,7 +26,7 @@ xany read(xobject* owner, const char* attr)
     return xrttistruct::cast(owner->getRtti())->findAttr(attr, 1)->getValue(owner);
 }
 
-/// "TypeName:string QelObject:any": the class's own attributes, with "?" behind those that may be null.
+/// "TypeName:string QelObject:any": the class's own attributes, with "?" after those that may be null.
 std::string attrsOf(xrttiobject* type)
 {
     auto* const structure = xrttistruct::cast(type);
@@ -45,7 +45,7 @@ std::vector<xrttiobject*> descriptorsOf()
     return {T::getClassRtti()...};
 }
 
-/// Something that a failure concerns, and that counts who holds it.
+/// The counted subject of a failure.
 class Subject : public virtual xobject
 {
     QEL_OBJECT(Subject);
@@ -60,10 +60,10 @@ struct Row
     const char* attrs;
     const char* description;
     std::function<void()> raise;
-    std::vector<xany> values; // of its own attributes
+    std::vector<xany> values; // of the class's own attributes
 };
 
-/// A class whose own attributes are what its Throw is given.
+/// A class whose own attributes are the arguments of its Throw.
 template<class T, class... A>
 Row rowOf(const char* type, const char* attrs, const char* description, A... arguments)
 {
@@ -106,7 +106,7 @@ const Row transportRows[] = {
     rowOf<xportXTimeout>("qeljava::XTimeout", "OpName:string", "communication timeout", "read"),
 };
 
-/// Everything that the descriptor of what `row` throws can tell.
+/// Checks the whole descriptor of the exception that `row` throws.
 void expectDescribed(const Row& row, xthrowable* thrown)
 {
     SCOPED_TRACE(row.type);
@@ -158,7 +158,7 @@ TEST(CoreExceptions, AreDescribedAndOwnedByTheCatcher)
         EXPECT_EQ(xrcgetcount(thrown), 1);
 
         xrcrelease(thrown);
-        EXPECT_EQ(xrcgetcount(subject.get()), held) << row.type; // it is gone, and its values with it
+        EXPECT_EQ(xrcgetcount(subject.get()), held) << row.type; // it is destroyed with its values
     }
     EXPECT_EQ(attrsOf(qelXException::getClassRtti()), "Description:string?");
     EXPECT_EQ(qelXException::getClassRtti()->getNParents(), 0);
@@ -275,7 +275,7 @@ TEST(Rebuilding, UsesTheTablesOfAllParents)
         for (const qelAttr* const attr : attrs)
             EXPECT_TRUE(attr->read(rebuilt.get()) == valueFor(*attr)) << attr->name;
     }
-    EXPECT_EQ(xrcgetcount(arguments.get()), 1); // what was rebuilt is gone, with what it held
+    EXPECT_EQ(xrcgetcount(arguments.get()), 1); // the rebuilt objects are destroyed with their references
     EXPECT_EQ(xrcgetcount(function.get()), 1);
 }
 
@@ -380,7 +380,7 @@ constinit qelClass PathError::rtti = {
     .attrs = {QEL_ATTR(Path, qelOptional)},
 };
 
-/// Cannot even be made.
+/// Cannot even be constructed.
 class Stillborn : public virtual qelXException
 {
     QEL_OBJECT(Stillborn);

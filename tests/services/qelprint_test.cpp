@@ -28,7 +28,7 @@ std::string printed(const xany& value, int step = 2)
     return os.str();
 }
 
-/// What is written to a standard stream while this lives.
+/// Captures the output to a standard stream during its lifetime.
 class Captured
 {
 public:
@@ -44,7 +44,7 @@ private:
     std::streambuf* const old;
 };
 
-/// A buffer that notes where it was flushed, and takes `room` characters.
+/// A buffer that records where it was flushed, and holds `room` characters.
 class FlushedBuffer final : public std::stringbuf
 {
 public:

@@ -6,7 +6,7 @@
 
 namespace {
 
-/// Counts those that live.
+/// Counts its living objects.
 template<bool counted>
 class Thing : public virtual xobject
 {

@@ -14,11 +14,11 @@
 #include <qel/xportexception.h>
 #include <qel/xsequence.h>
 
-// What a C caller cannot see of the C interface: counts, what is destroyed when, and exceptions of others.
+// Facts about the C interface that C cannot test: counts, times of destruction, and foreign exceptions.
 
 namespace {
 
-/// A sequence whose operations do what they are told.
+/// A sequence whose operations run actions of the test.
 class Watched : public xintsequence
 {
 public:
@@ -37,7 +37,7 @@ public:
 };
 int Watched::gone = 0;
 
-/// An exception that is not countable and tells when it goes.
+/// An exception that is not countable and records its destruction.
 class Uncounted : public virtual xportXTimeout
 {
 public:
@@ -47,7 +47,7 @@ public:
 };
 int Uncounted::alive = 0;
 
-/// An exception that leaves another one in the slot when it goes.
+/// An exception whose destructor leaves another one in the slot.
 class Parting : public virtual qelXNull
 {
 public:
@@ -90,7 +90,7 @@ std::string textOf(__xstring_c c)
     return text == nullptr ? "(null)" : text.CastToCString();
 }
 
-/// The class of the current exception, which is taken out of the slot and freed.
+/// The class of the current exception; removes it from the slot and frees it.
 std::string takeCurrent()
 {
     xthrowable* const taken = xextractexc_c();
@@ -137,7 +137,7 @@ TEST_F(CInterface, HoldsAReferenceWhileItWorks)
 TEST_F(CInterface, ReleasesAnObjectThatWasNeverAttached)
 {
     xintsequence* const fresh = new Watched;
-    xrcrelease_c(fresh); // nothing to give back
+    xrcrelease_c(fresh); // nothing to release
     EXPECT_EQ(xrcgetcount(fresh), 0);
     xrcattach_c(fresh);
     EXPECT_EQ(xrcgetcount(fresh), 1);
@@ -199,7 +199,7 @@ TEST_F(CInterface, ReportsTheFieldsOfAnException)
         {new Uncounted, "communication timeout"},
         {new pcXCreate(pcCreateCode::badIn, 0),
          "Stream can not be passed to a process created as an input stream"},
-        {new regXKeyClosed, "reglib::XKeyClosed"}, // nothing but its name
+        {new regXKeyClosed, "reglib::XKeyClosed"}, // only its name
     };
     watched->action = [] { qelXNegativeIndex::Throw(-9); };
     xintsequence_get(watched, 0);
@@ -230,7 +230,7 @@ TEST_F(CInterface, FailuresOfCollectionsAndMemoryBecomeCurrent)
     xdelete_c(refused);
 
     xintsequence_set(watched, 1000000000, 1);
-    EXPECT_EQ(xrcgetcount(watched), 2); // the exception has one
+    EXPECT_EQ(xrcgetcount(watched), 2); // one is the exception's
     EXPECT_EQ(takeCurrent(), "qellib::XInvalidSeqIndex");
     EXPECT_EQ(xrcgetcount(watched), 1);
     EXPECT_EQ(xintsequence_getarraysize(watched), 0);
@@ -302,7 +302,7 @@ void onTwoThreads(Work work)
     const std::jthread second(work);
 }
 
-/// The index of which the current exception tells, which is taken; -1 when there is none.
+/// The index in the current exception, which is removed; -1 when there is none.
 int takeIndex()
 {
     xthrowable* const taken = xextractexc_c();

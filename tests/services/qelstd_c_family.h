@@ -4,9 +4,9 @@
  * SEQUENCE_NAME, DICTIONARY_NAME  the registered names
  * RESULT                       the element as it comes out; BLANK, one to begin with
  * FIRST, SECOND, THIRD         three different elements
- * IS(result, value)            whether the result is that element; gives a string back
+ * IS(result, value)            whether the result is that element; frees a string
  * IS_UNINIT(result)            whether it is the marker
- * IS_MISS(result)              whether it is what an out argument holds when nothing was found */
+ * IS_MISS(result)              whether it is the value of an out argument when the key is missing */
 
 #define GLUE_(a, b) a##b
 #define GLUE(a, b) GLUE_(a, b)
@@ -56,7 +56,7 @@ static void GLUE(FAMILY, SequenceReportsErrors)(void)
     FAILS("XInvalidSeqIndex", CHECK(IS_UNINIT(SEQ(_get)(s, 5))));
     FAILS("XNegativeIndex", CHECK(IS_UNINIT(SEQ(_get)(s, -1))));
     CHECK(SEQ(_getarraysize)(s) == 3);
-    CHECK(!xisexc_c()); /* the slot tells about the last call only */
+    CHECK(!xisexc_c()); /* the slot holds the failure of the last call only */
 
     FAILS("XNegativeIndex", SEQ(_set)(s, -1, FIRST));
     FAILS("XNegativeIndex", SEQ(_insert)(s, -2, FIRST));

@@ -1,5 +1,5 @@
-/* The C interface as a C program sees it. What C cannot see, counts and foreign exceptions above all, is
- * tested in qelstd_c_counts_test.cpp. */
+/* The C interface as used by a C program. Counts and foreign exceptions, which C cannot see, are tested in
+ * qelstd_c_counts_test.cpp. */
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -19,7 +19,7 @@ static void check(int holds, const char* condition, const char* file, int line)
 
 #define CHECK(condition) check((condition) != 0, #condition, __FILE__, __LINE__)
 
-/* Whether `s` is that text, null for the null string; gives it back. */
+/* Whether `s` is that text, null for the null string; frees it. */
 static int isText(__xstring_c s, const char* expected)
 {
     const char* const text = xstrgetmb_c(s);

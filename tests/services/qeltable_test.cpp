@@ -99,7 +99,7 @@ public:
     xauto<Person> people[3];
 };
 
-/// Enumerations that nobody has set, one of them too narrow for the null marker.
+/// Enumerations that were never set, one of them too narrow for the null marker.
 class Patient : public virtual xobject
 {
     QEL_OBJECT(Patient);
@@ -153,7 +153,7 @@ xany read(xobject* owner, const char* attr)
     return xrttistruct::cast(owner->getRtti())->findAttr(attr, 1)->getValue(owner);
 }
 
-/// A T that records its end, to which nobody holds a reference.
+/// A T without references that records its destruction.
 template<class T>
 struct Fresh : T
 {
@@ -187,7 +187,7 @@ TEST(Reading, NeitherFreesAnObjectNorChangesItsCount)
     xdelete(diary);
     xdelete(crowd);
     ended = false;
-    // What the read returns keeps the object, and lets go of it last.
+    // The result of the read holds the object, and releases it last.
     EXPECT_EQ(read(person, "Self"), xany(xrchandle<Person>(person)));
 }
 
@@ -327,7 +327,7 @@ TEST(Table, CastsInALatticeInLinearTime)
     EXPECT_EQ(Layer<60>::downcast(&object, test::Being::getClassRtti()), nullptr);
 }
 
-// ---- classes that nobody has asked for before
+// ---- classes whose descriptors are built here first
 
 namespace {
 
@@ -381,7 +381,7 @@ int countWhole(std::integer_sequence<int, n...>)
     return (isWhole<n>() + ...);
 }
 
-/// Two classes that a mistake has given one name.
+/// Two classes with the same name by mistake.
 template<int n>
 class Namesake : public virtual xobject
 {
@@ -390,7 +390,7 @@ class Namesake : public virtual xobject
 template<int n>
 constinit qelClass Namesake<n>::rtti = {.name = "test::Namesake", .counted = true};
 
-/// What a table of its kind has no place for.
+/// Tables with rows that their kind does not use.
 template<int n>
 class Misfit : public virtual Being
 {

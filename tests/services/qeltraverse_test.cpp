@@ -66,7 +66,7 @@ TEST(qelTraverse, WalksAttributesInOrder)
                                              "    enum test::Colour 0\n"
                                              "  end test::Person.Favourite\n"
                                              "end structure\n");
-    EXPECT_EQ(Person::alive(), 0); // never attached: it died with the value
+    EXPECT_EQ(Person::alive(), 0); // never attached: destroyed with the value
 }
 
 TEST(qelTraverse, WalksASharedBaseOnceAndBasesFirst)

@@ -1,6 +1,6 @@
 #pragma once
 
-// Visitors that keep what a walk tells them.
+// Visitors that record a walk.
 
 #include <gtest/gtest.h>
 #include <string>
@@ -210,7 +210,7 @@ inline std::string record(const xany& value, const char* refused = "")
     return recorder.lines;
 }
 
-/// Counts what it is told, and enters everything.
+/// Counts its calls, and enters everything.
 class Counter final : public qelTraverser
 {
 public:

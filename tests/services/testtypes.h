@@ -1,6 +1,6 @@
 #pragma once
 
-// Small classes of every shape that a descriptor can give, made known as an application does it.
+// Small classes of every shape that a descriptor can describe, registered in the way of an application.
 
 #include <pthread.h>
 #include <stdexcept>
@@ -52,7 +52,7 @@ public:
     Person(const char* name, int age) : Name(name), Age(age), Favourite(red) {}
 };
 
-/// Two values of any kind: what makes trees and rings.
+/// Two values of any kind: builds trees and cycles.
 class Pair : public virtual xobject, public Counted<Pair>
 {
     QEL_OBJECT(Pair); // "test::Pair", counted
@@ -253,7 +253,7 @@ public:
     int getGood() const { return 1; }
 };
 
-/// Runs the cleanup of the thread that calls it and ends it.
+/// Runs the cleanup of the calling thread and terminates it.
 inline void cancelThisThread()
 {
     pthread_cancel(pthread_self());

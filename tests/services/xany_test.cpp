@@ -115,7 +115,7 @@ TEST(xany, OwnsOneReferenceToItsObject)
     EXPECT_EQ(xrcgetcount(object.get()), 1);
 
     const xany deletesIt(
-        new qelXArgs); // never attached before: the leak check sees whether it goes with the variant
+        new qelXArgs); // never attached before: the leak check shows whether the variant frees it
 }
 
 TEST(xany, CountsReferencesSeparatelyFromTheCForm)

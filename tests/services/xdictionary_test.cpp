@@ -51,7 +51,7 @@ std::vector<std::string> numbers(int n)
         all.push_back(numbered("key", i));
     return all;
 }
-/// All on one path: the six bytes that the rule looks at are the same.
+/// All in one probe sequence: the six bytes that the rule uses are the same.
 std::vector<std::string> twins(int n)
 {
     std::vector<std::string> all;
@@ -86,7 +86,7 @@ void expectSame(xtbdictionary<int>& d, const DictModel& model, const std::vector
     }
 }
 
-/// Watches copies, and keeps the values as they are.
+/// Observes copies, and does not change the values.
 class Watching : public xtsdictionary<int>
 {
 public:
@@ -101,7 +101,7 @@ private:
     }
 };
 
-/// Watches its tables: with the hooks for both, or for their end alone.
+/// Observes its tables: with the hooks for creation and destruction, or for destruction alone.
 class Ends : public xtsdictionary<int>
 {
 public:
@@ -112,7 +112,7 @@ private:
     void Destroy(void* block, unsigned nSlots) override
     {
         ended.push_back(nSlots);
-        for (unsigned slot = 0; slot < nSlots; ++slot) // there are so many
+        for (unsigned slot = 0; slot < nSlots; ++slot) // the given number of slots
             static_cast<entry*>(block)[slot].value = -1;
         ::operator delete(block);
     }
@@ -449,7 +449,7 @@ TEST(xdictionary, KeepsTextsWhenResized)
 
 TEST(xdictionary, DistinguishesKeysOfAllLengths)
 {
-    // Of many lengths around those at which their storage changes, that differ in one byte at most.
+    // Many lengths around those at which their storage changes; keys differ in one byte at most.
     std::vector<std::string> keys;
     for (std::size_t length = 1; length <= 80; ++length)
         for (std::size_t odd = 0; odd < length; odd += 1 + length / 8)
@@ -458,7 +458,7 @@ TEST(xdictionary, DistinguishesKeysOfAllLengths)
     xintdictionary d;
     std::map<std::string, int> model;
     for (int round = 0; round < 6; ++round) {
-        // Fills up, and then keeps but a few.
+        // Fills up, and then keeps only a few.
         for (int step = 0; step < 3000; ++step) {
             const std::string& key = keys[random() % keys.size()];
             d.set(key.c_str(), step);
@@ -515,7 +515,7 @@ TEST(xdictionary, MemoryIsBoundedWhileKeysAreAddedAndRemoved)
 
 namespace {
 
-/// An object that uses the dictionary that held it when it dies.
+/// An object whose destructor uses the dictionary that held it.
 class Meddler : public virtual xobject
 {
     QEL_OBJECT(Meddler);
@@ -572,7 +572,7 @@ TEST(xdictionary, ReportsAllCopiesToAnObservingSubclass)
     EXPECT_TRUE(d.find(names[3].c_str(), nullptr));
     EXPECT_EQ(d.copies, 61);
 
-    // One that watches its tables sees each when its time has come.
+    // A subclass that observes its tables gets each call in time.
     Tables t;
     for (const std::string& name : names)
         t.set(name.c_str(), 1);
@@ -607,7 +607,7 @@ TEST(xdictionary, KeepsValuesThatAreNotTriviallyRelocatable)
 
 TEST(xdictionary, SupportsConcurrentReaders)
 {
-    // All slots are assigned by whoever asks first.
+    // The first reader assigns all slots.
     const auto names = words(500);
     xintdictionary d;
     for (int round = 0; round < 30; ++round) {
@@ -649,7 +649,7 @@ TEST(xdictionary, SmallDictionariesTakeLittleMemory)
     const auto heapOf = [](auto make, int entries) {
         const auto inUse = [] { return mallinfo2().uordblks; };
         std::vector<decltype(make())> all;
-        all.reserve(1000); // so that what the C library keeps of freed blocks weighs little
+        all.reserve(1000); // makes freed blocks that the C library keeps negligible
         const std::size_t before = inUse();
         while (all.size() < 1000) {
             all.push_back(make());

@@ -8,9 +8,9 @@
 
 namespace {
 
-std::vector<int> heard; // by whom, in order
+std::vector<int> heard; // the called listeners, in order
 
-/// Notes that it was called, does what it was told and answers.
+/// Records its call, runs its action and returns its status.
 class Listener final : public xerrlistener
 {
 public:
@@ -22,7 +22,7 @@ public:
         heard.push_back(name);
         said = text;
         handles = bool(error) + bool(subject) + bool(context);
-        const xerhstatus answer = status; // the action may end this object
+        const xerhstatus answer = status; // the action may destroy this object
         if (action)
             action();
         return answer;
@@ -126,8 +126,8 @@ TEST_F(ErrorHandler, ListenersMayBeAddedAndRemovedDuringACall)
     };
 
     EXPECT_EQ(dispatch(), 0);
-    EXPECT_EQ(std::count(heard.begin(), heard.end(), 3), 0); // removed by one of those before it
-    EXPECT_EQ(std::count(heard.begin(), heard.end(), 4), 0); // did not listen yet when this began
+    EXPECT_EQ(std::count(heard.begin(), heard.end(), 3), 0); // removed by an earlier one
+    EXPECT_EQ(std::count(heard.begin(), heard.end(), 4), 0); // was not registered when the call began
 
     heard.clear();
     dispatch();

@@ -15,7 +15,7 @@
 
 namespace {
 
-/// What happened to objects of the classes below, in order.
+/// The events of objects of the classes below, in order.
 std::vector<std::string> events;
 
 /// Countable, with a virtual base, so that a conversion of a marker pointer to xobject* would read memory.
@@ -56,7 +56,7 @@ constinit qelClass Derived::rtti = {
     .name = "test::Derived", .counted = true, .parents = {QEL_PARENT(Counted)}};
 constinit qelClass Uncounted::rtti = {.name = "test::Uncounted"};
 
-/// Sets the count of an object to what only a broken program makes of it.
+/// Sets the count of an object to a value that only a broken program produces.
 void corrupt(xobject* p, std::int32_t count)
 {
     // The count is the first field after the table of virtual operations.
@@ -224,7 +224,7 @@ TEST(Handles, UniversalOwnCountableObjectsOnly)
         EXPECT_EQ(xrcgetcount(counted), 1);
         handle = counted;
         EXPECT_EQ(xrcgetcount(counted), 1);
-        xdelete(plain); // `copy` refers to an object that is gone: its destructor must not look at it
+        xdelete(plain); // `copy` refers to a freed object: its destructor must not read it
     }
     EXPECT_EQ(events, (std::vector<std::string>{"uncounted destroyed", "onDelete", "destroyed"}));
 }
@@ -312,7 +312,7 @@ TEST(Counts, OfNewObjectsDoNotWaitForADestructor)
             auto worker = std::async(std::launch::async, [&] { made = new Counted; });
             status = worker.wait_for(std::chrono::seconds(10));
             if (status != std::future_status::ready)
-                std::abort(); // the worker cannot end before this destructor has
+                std::abort(); // the worker cannot finish before this destructor
         }));
     }
 

@@ -220,7 +220,7 @@ TEST(Descriptors, OfUnionsReturnNullForALabelWithoutMember)
     EXPECT_EQ(derived->mapLabelToAttr(1, 1), nullptr);
     EXPECT_EQ(derived->mapLabelToAttr(2, 1), members[0]);
 
-    // As a parent it answers null for itself and its own parents, and the next parent is asked.
+    // As a parent it returns null for itself and its own parents, and the next parent is searched.
     auto* const sibling = kept(new xrttiunion);
     static xrttiattr* others[] = {new xrttiattr("Two", qelGetRtti_int(), 0, nullptr)};
     sibling->initialize("test::Sibling", 1, 0, nullptr, members[0], 1, labels, others, nullptr);

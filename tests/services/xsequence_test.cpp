@@ -57,7 +57,7 @@ std::string contentOf(xtbsequence<xstring>* s)
     return joined;
 }
 
-/// Writes down the calls of the hooks of an engine that does nothing but keep bytes.
+/// Records the hook calls of an engine that stores plain bytes.
 class Recorder : public xtbsequence<int>
 {
 public:
@@ -215,7 +215,7 @@ TEST(xsequence, ExtendsWhenWrittenPastTheEnd)
     two->insert(4, "x");
     EXPECT_EQ(contentOf(two.get()), "ab--x");
 
-    // Slots that held something before are default again.
+    // Slots used before are default again.
     auto ints = sequenceOf<xintsequence>({1, 2, 3, 4});
     ints->removerange(1, 4);
     ints->set(3, 9);
@@ -307,7 +307,7 @@ TEST(xsequence, KeepsExactReferenceCounts)
 
 namespace {
 
-/// An object that looks at the sequence that held it when it dies.
+/// An object whose destructor reads the sequence that held it.
 class Onlooker : public virtual xobject
 {
     QEL_OBJECT(Onlooker);
@@ -391,7 +391,7 @@ TEST(xsequence, CanBeChangedByTheDestructorOfAnElement)
         [](xanysequence* s) { s->insertseq(1, s); },
         [](xanysequence* s) { s->set(300, 1); },
     };
-    // Whatever is done, the end of the element comes after it.
+    // Each operation is complete before the element is destroyed.
     for (const int size : {4, 5, 20})
         for (std::size_t op = 0; op < operations.size(); ++op)
             for (std::size_t meddling = 0; meddling < meddlings.size(); ++meddling) {
@@ -535,7 +535,7 @@ TEST(xsequence, IsRegisteredInTheTypeSystem)
     EXPECT_TRUE(type->getElemValue(ints.get(), 1) == 5);
     EXPECT_EQ(xanysequence::softcast(ints.get()), nullptr);
 
-    // Callers in C take a sequence for an object by its address.
+    // C callers use the address of a sequence as that of its object.
     EXPECT_EQ(static_cast<void*>(static_cast<xobject*>(ints.get())), static_cast<void*>(ints.get()));
     EXPECT_EQ(xrttiattrseq::getClassRtti()->getIsRefCount(), 0);
 }
