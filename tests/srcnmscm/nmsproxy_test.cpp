@@ -27,7 +27,7 @@ Record RecordOf(const char* name, const char* value, int owner = 0)
     return record;
 }
 
-// What `action` throws: an X, held by a reference.
+// The X that `action` throws, held by a reference.
 template<class X, class Action>
 xrchandle<X> Thrown(Action action)
 {
@@ -39,7 +39,7 @@ std::string Text(const xstring& s)
     return s.CastToCString();
 }
 
-// What an exception prints.
+// The printed form of an exception.
 template<class X, class Action>
 std::string Printed(Action action)
 {
@@ -50,8 +50,8 @@ std::string Printed(Action action)
     return os.str();
 }
 
-// Answers one request with these bytes, whatever it is, and closes the connection. While it lives it is the
-// name server that proxies find.
+// Replies to any one request with these bytes and closes the connection. During its lifetime it is the name
+// server that proxies find.
 class StrangeServer
 {
 public:
@@ -84,7 +84,7 @@ private:
     std::thread loop;
 };
 
-// The description and the name of the function of what `action` throws.
+// The description and the function name of the exception that `action` throws.
 template<class X, class Action>
 std::string Told(Action action)
 {
@@ -195,7 +195,7 @@ TEST(nmsServerProxy, HandlesAnyReply)
         EXPECT_EQ(proxy->Delete(pattern.get()), 0);
     }
     {
-        const StrangeServer some("\5" + zero.substr(1) + "\3"); // the number comes whatever the status is
+        const StrangeServer some("\5" + zero.substr(1) + "\3"); // the number follows every status
         int count = 0;
         const Status status(proxy->ImplDelete(*pattern, &count));
         ASSERT_NE(status, nullptr);
@@ -213,7 +213,7 @@ TEST(nmsServerProxy, HandlesAnyReply)
         EXPECT_FALSE(proxy->IsAlive());
     }
     {
-        // Two records are announced and one comes.
+        // Two records are announced and one arrives.
         const StrangeServer broken(done + zero.substr(1) + "\2" + zero + zero);
         EXPECT_EQ(Told<nmsXCantQuery>([&] { proxy->Query(pattern.get()); }),
                   "ERROR  : NMS client: could not connect to NameServer. (LOCALHOST, port " + broken.port() +
@@ -242,7 +242,7 @@ TEST(nmsXException, PrintsTheOperationAndItsFailure)
         "Exception: \"ERROR  : can't connect by name\"\n\tin function \"nmsServerProxy::ConnectByName\"\n"
         "\t( Server: \"nohost.invalid\" )\n");
     EXPECT_EQ(Printed<nmsXException>([&] { proxy->Shutdown(); }), head + "Shutdown\"\n");
-    // The records are gone when these are printed.
+    // The records are destroyed before these are printed.
     EXPECT_EQ(Printed<nmsXCantRegisterRecord>([&] { proxy->Register(RecordOf("a", "b").get()); }),
               head + "Register\"\n\t( Record: \"a=b\" )\n");
     EXPECT_EQ(Printed<nmsXException>([&] { proxy->Delete(RecordOf("c", "d").get()); }),

@@ -53,7 +53,7 @@ TEST(nmsRecord, IsReadBackFromAStream)
     const Stream stream = NewStream();
     ASSERT_TRUE(sent->Send(stream.get()));
     const std::string bytes = Rest(*stream);
-    // owner, count, then for the name and the value: size with the ending zero, length, bytes
+    // owner, count, then for the name and the value: size with the terminating zero, length, bytes
     EXPECT_EQ(bytes, std::string("\0\0\0\0\0\0\0\1"
                                  "\0\0\0\2\0\0\0\1a"
                                  "\0\0\0\4\0\0\0\3xyz",
