@@ -127,7 +127,7 @@ TEST_F(QelConf, ReportsWhyItFails)
 TEST_F(QelConf, KeepsTheFileOnAFullDisk)
 {
     dir.write("app.conf", "a:1\n");
-    // 512 bytes are less than the new content needs. The signal for that is ignored.
+    // The limit of 512 bytes is less than the new content needs. Its signal is ignored.
     const Outcome outcome =
         Line("trap '' XFSZ; ulimit -f 1; " QEL_PROGRAM " conf set " + path + " a " + std::string(5000, 'x'));
     EXPECT_EQ(outcome.status, 3);

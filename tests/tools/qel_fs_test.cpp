@@ -226,7 +226,7 @@ TEST_F(QelFs, RemovesTheGivenNodes)
 
 TEST_F(QelFs, RefusesToRemoveRootsAndDotEntries)
 {
-    // Whatever goes wrong, it goes wrong in the directory of the test.
+    // Any fault stays within the directory of the test.
     const EnvSetting drive("QELSTD_DRIVE_C", dir.path().c_str());
     dir.write("sub/a", "1");
     for (const char* const path : {".", "..", "sub/..", "sub/.", "sub/../", "./"})
@@ -291,7 +291,7 @@ TEST(Progress, IsOneLineThatFits)
 
 TEST_F(QelFs, ShowsProgressOnATerminal)
 {
-    // Holes cost no room and no time to copy; summing them takes a while.
+    // Holes take no space and no time to copy; summing them takes a while.
     dir.write("holes", "");
     std::filesystem::resize_file(dir.path("holes"), 4000000000);
     AtTerminal program({"qel", "fs", "sum", dir.path("holes")});
@@ -322,7 +322,7 @@ TEST_F(QelFs, LeavesNoPartialFileWhenInterrupted)
     const std::filesystem::directory_iterator copies(dir.path("copy"));
     EXPECT_EQ(std::distance(begin(copies), end(copies)), whole);
     EXPECT_GT(whole, 0);
-    if (whole < files) { // else the interrupt came too late
+    if (whole < files) { // otherwise the interrupt came too late
         EXPECT_EQ(status, 3);
         EXPECT_NE(said.find(": interrupted"), std::string::npos) << said;
     }

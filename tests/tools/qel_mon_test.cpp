@@ -104,18 +104,18 @@ TEST_F(QelMon, WatchesInEachForm)
     EXPECT_EQ(Qel("mon watch --csv --json " + file).status, 2);
 }
 
-TEST_F(QelMon, ShowsPreviousNumbersOnATerminal)
+TEST_F(QelMon, DrawsHistoryOfNumbersOnATerminal)
 {
     const EnvSetting kind("TERM", "xterm");
     const Owned<monFile> opened(monFile::Open(file.c_str()));
     monRealParam* const speed = opened->Real("speed");
     AtTerminal watching({"qel", "mon", "watch", "--interval", "0.01", file, "speed", "ok"});
-    // What is shown is shown again each time, and may come in pieces.
+    // The output is repeated each time, and may arrive in pieces.
     const auto shows = [&](const char* text) { EXPECT_THAT(watching.readUntil(text), HasSubstr(text)); };
     shows("Night run");
     shows("\u2584");
 
-    // Whoever publishes may publish anything; what cannot be drawn leaves the line as it was.
+    // A publisher may write any number; one that cannot be drawn leaves the line unchanged.
     constexpr double most = std::numeric_limits<double>::max();
     for (const double value : {-most, std::numeric_limits<double>::infinity(), most,
                                std::numeric_limits<double>::quiet_NaN(), -most}) {

@@ -30,7 +30,7 @@ struct Shell
         : server(std::move(arguments)), port(std::to_string(server.port()))
     {
     }
-    // `before` and `behind`: the rest of the line of a shell.
+    // `before` and `behind`: the rest of the shell's command line.
     Outcome run(const std::string& arguments, const std::string& behind = "") const
     {
         return Qel("rsh --port " + port + " localhost " + arguments + " " + behind);
@@ -45,7 +45,7 @@ struct Shell
     std::string port;
 };
 
-// Whether the process, whose parent is another one, ends within `seconds`.
+// Whether the process, which is no child of this one, exits within `seconds`.
 bool Ends(const std::string& id, double seconds = 2.0)
 {
     btkProcess* process = nullptr;
@@ -58,7 +58,7 @@ bool Ends(const std::string& id, double seconds = 2.0)
 
 } // namespace
 
-TEST(QelRsh, FindsAShellWithoutOneInTheServersEnvironment)
+TEST(QelRsh, FindsAShellWhenTheServersEnvironmentNamesNone)
 {
     const EnvSetting noShell("SHELL", nullptr), noComspec("COMSPEC", nullptr);
     const RunningQel server({"rshd", "--port", "0"});
@@ -134,7 +134,7 @@ TEST(QelRsh, ForwardsInterrupts)
     EXPECT_EQ(client.child.wait(), 5);
 }
 
-TEST(QelRsh, ThirdInterruptKillsTheCommand)
+TEST(QelRsh, ThirdInterruptEndsCommandOrClient)
 {
     const Shell shell;
     const auto insist = [](RunningQel& client) {
@@ -211,7 +211,7 @@ std::unique_ptr<btkStreamSocket> Begun(const Shell& shell, const std::string& by
     return socket;
 }
 
-// Whether it ends without an answer.
+// Whether it ends without a reply.
 bool IsCut(btkStreamSocket& socket)
 {
     char byte = 0;
@@ -224,7 +224,8 @@ bool IsCut(btkStreamSocket& socket)
 TEST(QelRshd, ClosesClientsThatSendNoRequest)
 {
     const Shell shell({"rshd", "--port", "0", "--sessions", "1", "--request-limit", "2"});
-    // Of more than may be unfinished the oldest leave, whatever they have sent; the others have their time.
+    // Above the limit of unfinished requests the oldest are closed, whatever they have sent; the others keep
+    // their time.
     std::vector<std::unique_ptr<btkStreamSocket>> others;
     for (int i = 0; i < 80; ++i)
         others.push_back(Begun(shell, i % 2 == 0 ? "" : std::string(1, '\0')));
@@ -234,7 +235,7 @@ TEST(QelRshd, ClosesClientsThatSendNoRequest)
     EXPECT_EQ(shell.run("echo fine").output, "fine\n");
     EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 1.0);
 
-    // Also one that goes on sending.
+    // Also one that continues to send.
     const auto drips = Begun(shell, std::string("\0\0\3\xe8", 4));
     const btkTimeval begun = btkTimeval::Now();
     while (!drips->IsReadable(btkTimeval(0.05)) && btkTimeval::Now() < begun + btkTimeval(10.0))
@@ -248,7 +249,7 @@ TEST(QelRshd, ClosesClientsThatStayAfterTheirCommand)
     const Shell shell({"rshd", "--port", "0", "--sessions", "1", "--patience", "1"});
     const auto done = Begun(shell, std::string("\0\0\0\4true\0\0\0\0\0\0\0\0\0\0\0\5", 20));
     char end[16];
-    EXPECT_EQ(done->RecvAll(end, sizeof end), sizeof end); // it runs, 6, the exit code, 7
+    EXPECT_EQ(done->RecvAll(end, sizeof end), sizeof end); // running, 6, the exit code, 7
     const Outcome refused = shell.run("echo early");
     EXPECT_EQ(refused.output, "qel rsh: echo: the server runs as many commands as it may\n");
     EXPECT_EQ(refused.status, 3);
@@ -276,7 +277,7 @@ TEST(QelRshd, RefusesToServeEveryMachine)
     const TempDir dir;
     const EnvSetting registry("QELSTD_REGISTRY", dir.path());
     const auto allow = [](const char* patterns) {
-        return runInChild([patterns] { // which has no roots of an earlier registry
+        return runInChild([patterns] { // has no roots of an earlier registry
             hmxRegistryKey key;
             return key.Create(hmxRegistry::System().root, "Software\\VRX\\rshd") &&
                            key.SetValue("ConnectionAllowed", patterns)
@@ -301,7 +302,7 @@ TEST(QelRshd, RefusesToServeEveryMachine)
     };
     EXPECT_EQ(runInChild([&] {
                   if (!enterOwnNetwork({"127.0.0.1", "10.1.2.3", "10.2.2.3", "10.9.9.9"}))
-                      return 0; // the host does not allow it
+                      return 0; // the system does not allow it
                   RunningQel server({"rshd", "--port", "0", "--interface", "10.9.9.9"});
                   const int port = server.port();
                   if (answer("10.1.2.3", port) != 1)
@@ -309,9 +310,9 @@ TEST(QelRshd, RefusesToServeEveryMachine)
                   if (answer("10.2.2.3", port) != 0)
                       return 2;
                   if (answer("10.2.2.3", port, 1) != 1 || answer("10.2.2.3", port, 7) != -1)
-                      return 4; // a ping is answered whoever asks, an unknown code never is
+                      return 4; // every peer gets a reply to a ping, none to an unknown code
                   std::filesystem::remove_all(dir.path());
-                  return answer("10.1.2.3", port) == 0 ? 0 : 3; // without a list nobody may come
+                  return answer("10.1.2.3", port) == 0 ? 0 : 3; // without a list no peer is admitted
               }),
               0);
 }

@@ -13,7 +13,7 @@
 
 namespace {
 
-// Registered as "echo"; answers one client with `answer`, whatever it sends.
+// Registered as "echo"; sends `answer` to one client, whatever it sends.
 class OneAnswer
 {
 public:
@@ -88,7 +88,7 @@ TEST(QelServer, ReportsAMissingServer)
     const Outcome outcome = Qel("server ping nobody@127.0.0.1");
     EXPECT_EQ(outcome.status, 3);
     EXPECT_EQ(outcome.output, "qel server ping: nobody@127.0.0.1: Server is not registered\n");
-    const EnvSetting elsewhere("VRXNMSPORT", "1"); // where nobody listens
+    const EnvSetting elsewhere("VRXNMSPORT", "1"); // a port without a listener
     const std::string without = "qel server ping: nobody: Name Server is not found\n";
     EXPECT_EQ(Qel("server ping nobody").output, without);
     EXPECT_EQ(Qel("server ping nobody").status, 3);
