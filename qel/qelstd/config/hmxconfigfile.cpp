@@ -34,7 +34,7 @@ bool hasLineFeed(std::string_view text)
     return text.find('\n') != std::string_view::npos;
 }
 
-/// `text` with nothing for the pointers that stand for no text.
+/// `text`, empty for the pointers that mean no text.
 std::string_view viewOf(const char* text)
 {
     return qelIsObject(text) ? text : std::string_view();
@@ -55,7 +55,7 @@ std::unique_ptr<lockFileBuf> openLocked(const char* path, hmxConfigFile::OpenMod
     return nullptr;
 }
 
-/// Collects what is odd about lines.
+/// Collects the oddities of lines.
 class Oddities
 {
 public:
@@ -74,7 +74,7 @@ public:
     {
         std::stable_sort(found.begin(), found.end(),
                          [](const Found& a, const Found& b) { return a.line < b.line; });
-        // A key that stands in several lines: all of them give way to the last one.
+        // A key in several lines: the last one overrides the others.
         std::map<long long, long long> last;
         for (auto at = found.rbegin(); at != found.rend(); ++at)
             if (at->oddity == hmxOverridden) {
@@ -103,18 +103,18 @@ private:
 
 } // namespace
 
-/// The entries, as bytes: a file may hold what is no text.
+/// The entries, as bytes: a file may hold bytes that are not text.
 struct hmxConfigFile::Table
 {
     struct Entry
     {
         std::optional<std::string> value; // nothing: null
-        long long line;                   // where it stands, or in which order it was added
+        long long line;                   // its position, or the order of adding
     };
 
     std::map<std::string, Entry, std::less<>> entries; // by the bytes of the keys
     long long lines = 0;
-    Oddities* oddities = nullptr; // null: not asked for
+    Oddities* oddities = nullptr; // null: not wanted
 
     void AddLine(std::string_view line)
     {
@@ -130,13 +130,13 @@ struct hmxConfigFile::Table
         const std::string_view value = line.substr(colon + 1);
         if (oddities != nullptr)
             noteOddities(key, colon, value);
-        // A file that this class has written is in order: each entry comes behind the last one.
+        // A file written by this class is sorted: each entry comes behind the last one.
         entries.insert_or_assign(
             entries.end(), std::move(key),
             Entry{value.empty() ? std::optional<std::string>() : std::string(value), lines});
     }
 
-    /// Sets or adds what is no line of the file.
+    /// Sets or adds an entry that is not a line of the file.
     void Set(std::string key, std::optional<std::string> value)
     {
         const auto [at, added] = entries.try_emplace(std::move(key));

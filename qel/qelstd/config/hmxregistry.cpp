@@ -45,7 +45,7 @@ long openKey(void* parent, const char* path, void** key)
     return error;
 }
 
-/// Whether a call of the platform worked; the last error is its error otherwise.
+/// Whether a platform call succeeded; otherwise sets the last error to its error.
 bool done(long error)
 {
     if (error != ERROR_SUCCESS)
@@ -53,7 +53,7 @@ bool done(long error)
     return error == ERROR_SUCCESS;
 }
 
-/// The names that `enumerate`, a call of the platform with an index, a buffer and its size, gives.
+/// The names returned by `enumerate`, a platform call with an index, a buffer and its size.
 template<class Enumerate>
 xrchandle<xstringsequence> listed(Enumerate enumerate)
 {

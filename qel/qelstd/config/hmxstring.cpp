@@ -14,7 +14,8 @@ bool isBlank(char c)
     return c == ' ' || c == '\t';
 }
 
-/// The first `c` of `s`, which may be no text; null when there is none. The terminator is no character.
+/// The first `c` of `s`, which may be null or a marker; null when there is none. The terminator does not
+/// count.
 const char* findIn(const char* s, char c)
 {
     return qelIsObject(s) && c != '\0' ? std::strchr(s, c) : nullptr;

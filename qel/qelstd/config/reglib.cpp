@@ -30,13 +30,13 @@ namespace {
 constexpr const char* trueText = "true";
 constexpr const char* falseText = "false";
 
-/// A key that has been created or opened, as a new object; null when it has not.
+/// A created or opened key as a new object; null on failure.
 regKey* newKey(bool opened, const hmxRegistryKey& key)
 {
     return opened ? new (pDefMemMgr) regKey(key) : nullptr;
 }
 
-/// What has been listed, if it has.
+/// The listed names; throws when listing failed.
 xrchandle<xstringsequence> known(xrchandle<xstringsequence> names)
 {
     if (!names)

@@ -38,7 +38,7 @@ struct RemovalWays
     fsProgressHandler* progress = nullptr;
 };
 
-/// One removal. What it throws is about the node that is removed as a whole.
+/// One removal. Its exceptions concern the top node.
 class Removal : public platTreeWatcher
 {
 public:
@@ -73,7 +73,7 @@ public:
         if (action == fsSkip)
             isLeft = true;
         else if (action != fsRetry)
-            ways.failures = nullptr; // that the top stays is no further question
+            ways.failures = nullptr; // no further report that the top stays
         return action == fsSkip ? platAction::skip : action == fsRetry ? platAction::retry : platAction::stop;
     }
 
@@ -99,11 +99,10 @@ private:
         if (!place.Find(path.text()))
             return false;
         if (place.kind != platDirectory)
-            // With a separator behind it what a link leads to is meant, or nothing.
+            // With a trailing separator the path means the target of a link, or nothing.
             return endsWithSeparator(path.text()) ? platFailWith(ERROR_DIRECTORY)
                                                   : place.folder.DeleteFile(place.name.c_str());
-        // A root, and a directory named "." or "..", cannot be removed in the end: nothing in it is touched
-        // either.
+        // A root, and a directory named "." or "..", cannot be removed: nothing in it is touched either.
         if (!ways.isRecursive || place.name == ".")
             return place.folder.RemoveFolder(place.name.c_str());
         return fsRemoveAt(place.folder, place.name.c_str(), place.kind, this,
@@ -158,7 +157,7 @@ bool createLevel(const char* path, bool isLast)
     if (isThere() || CreateDirectoryA(path, nullptr))
         return true;
     const unsigned error = GetLastError();
-    if (isThere()) // another has made it meanwhile
+    if (isThere()) // another process has created it meanwhile
         return true;
     SetLastError(error);
     return false;
@@ -293,7 +292,7 @@ void fsSetFileSize(const char* path, double size)
         fsRaise(fsOther, function, file);
     size = static_cast<double>(static_cast<long long>(size));
 
-    const double current = fshGetSize(file); // null is more than any size: a missing file is created and cut
+    const double current = fshGetSize(file); // null exceeds any size: a missing file is created and truncated
     if (current == size)
         return;
     fsiFile opened;

@@ -30,7 +30,7 @@ struct Checksum
 
     int Result() const
     {
-        // Each byte is widened with its sign before the exclusive or: so can the result of it be.
+        // Each byte would be sign-extended before the XOR; extending the result once is equivalent.
         const auto widened = static_cast<unsigned>(int{static_cast<signed char>(x)});
         return static_cast<int>((count << 16) | (static_cast<unsigned>(sum) << 8) | widened);
     }

@@ -48,7 +48,7 @@ bool isElsewhere(const platFolder& folder, const platEntry& entry, fsSoftLinkCop
     return own != 0 && own != mount;
 }
 
-/// Adds up the sizes of the files that are to be copied, as far as they can be found out.
+/// Adds up the sizes of the files to be copied, as far as they can be determined.
 class Measure
 {
 public:
@@ -97,7 +97,7 @@ private:
     std::set<std::pair<unsigned long long, unsigned long long>> followed;
 };
 
-/// Passes on how a copy gets on.
+/// Forwards the progress of a copy.
 class Progress : public platWatcher
 {
 public:
@@ -109,7 +109,7 @@ public:
     bool Advance(off_t size) override
     {
         done += static_cast<double>(size);
-        // The end of a file is told when the file is complete.
+        // The end of a file is reported when the file is complete.
         return (unheard += size) < step || Tell();
     }
     bool Tell()
@@ -233,7 +233,7 @@ private:
         }
     }
 
-    /// Settles what is to be copied of a node that may be a link. False: nothing.
+    /// Determines what to copy for a node that may be a link. False: nothing.
     bool resolve(Source& source)
     {
         if (source.kind == platAbsent)
@@ -255,7 +255,7 @@ private:
         return true;
     }
 
-    /// What has the name `newName` of the target folder at hand.
+    /// The node `newName` of the current target folder.
     platNodeKind presentAt(const char* newName)
     {
         const platNodeKind kind = targets.Last().Kind(newName, platKeepLinks);
@@ -295,7 +295,7 @@ private:
         tell();
     }
 
-    /// What has the name of the copy stays until the copy is complete.
+    /// The node that has the copy's name stays until the copy is complete.
     void copyFile(const Source& source, const char* newName, platNodeKind present)
     {
         platSource file;
@@ -314,7 +314,7 @@ private:
         tell();
     }
 
-    /// Whether the last error is about rights.
+    /// Whether the last error concerns access rights.
     static bool isRefusal()
     {
         return fsCodeOf(GetLastError()) == fsNoPermission || GetLastError() == ERROR_WRITE_PROTECT;
@@ -326,7 +326,7 @@ private:
             raise(fsSignal, sourcePath);
     }
 
-    /// Removes what the copy replaces.
+    /// Removes the node that the copy replaces.
     void clear(const char* newName, platNodeKind present)
     {
         if (!fsRemoveAt(targets.Last(), newName, present))
@@ -364,7 +364,7 @@ private:
                           ways.links == fsExpand ? sources.Last().Id() : platNodeId{}});
     }
 
-    /// Gives a new directory the rights and the time of its source now that it is filled, and goes back.
+    /// Gives a filled new directory the rights and the time of its source, and returns to its parent.
     void leave()
     {
         attempt([this] {
@@ -379,7 +379,7 @@ private:
         cutPaths();
     }
 
-    /// The same for those that a failure has left half filled.
+    /// The same for directories that a failure has left half filled.
     void keepStatuses()
     {
         bool known = true;
@@ -415,7 +415,7 @@ private:
     platDescent sources, targets; // the folders at hand
     std::string sourcePath, targetPath;
     const Ways& ways;
-    std::optional<Progress> progress; // when somebody wants to know
+    std::optional<Progress> progress; // if there is a progress handler
     unsigned long long mount = 0;     // the only one that is copied; 0: all are
     std::vector<Level> levels;
 };
@@ -443,13 +443,13 @@ bool meetItself(const fsPlace& from, const fsPlace& to, const fsNativePath& from
         return true;
     if (to.kind != platDirectory)
         return false;
-    platFolder real; // that holds what the link leads to
+    platFolder real; // the folder that holds the link's target
     std::string name;
     return from.folder.IsWithin(to.id) ||
            (follows && real.OpenParent(fromPath.text(), name, platFollowLinks) && real.IsWithin(to.id));
 }
 
-/// Finds the destination, or that there is none yet.
+/// Finds the destination, which may not exist yet.
 void findTarget(fsPlace& target, const fsNativePath& path)
 {
     if (!target.Find(path.text()) && target.isHeld && !fsIsAbsence(GetLastError()))

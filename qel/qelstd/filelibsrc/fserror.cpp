@@ -44,7 +44,7 @@ struct ErrorRow
 {
     fsErrorCode code;
     const char* text;
-    unsigned platformError; // that stands for it
+    unsigned platformError; // the platform error of the row's code
     void (*raise)(const char* path, const char* text, qelXFunc* func);
 };
 

@@ -7,10 +7,10 @@
 
 namespace {
 
-/// More is not moved in one call of the platform's.
+/// The most bytes that one platform call transfers.
 constexpr unsigned long largestStep = 1UL << 30;
 
-/// Cuts to a whole number of bytes. False, with the last error set, for what is none.
+/// Truncates to a whole number of bytes. False, with the last error set, for an invalid value.
 bool wholeBytes(double value, LARGE_INTEGER& bytes)
 {
     constexpr double beyond = 9223372036854775808.0; // 2^63

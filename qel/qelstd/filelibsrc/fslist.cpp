@@ -26,16 +26,16 @@ bool isDots(const std::string& entry)
     return entry.empty() || entry == "." || entry == "..";
 }
 
-/// Where a path leads, seen from an open folder. Without one it is found by the path itself.
+/// The target of a path, relative to an open folder; without a folder, of the path itself.
 struct Spot
 {
     const platFolder* folder = nullptr;
     std::string hostPath;              // in the folder
-    platNodeKind kind = platDirectory; // a link or a directory, as far as it is known
+    platNodeKind kind = platDirectory; // a link or a directory, if known
 };
 
-/// Collects the existing paths that are like a pattern. What a wildcard has found is worked on from its
-/// folder, so that it may lie as deep as it likes.
+/// Collects the existing paths that match a pattern. Matches of a wildcard are processed from their folder,
+/// so that their depth is not limited.
 class Expansion
 {
 public:
@@ -101,7 +101,7 @@ private:
         }
     }
 
-    /// False for what is no directory.
+    /// False for anything but a directory.
     static bool open(platFolder& listing, const std::string& directory, const Spot& spot)
     {
         if (spot.folder != nullptr ? listing.Open(*spot.folder, spot.hostPath.c_str(), platFollowLinks)

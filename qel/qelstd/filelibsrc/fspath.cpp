@@ -25,15 +25,16 @@ bool hasSlash(const char* path)
     return std::strchr(path, '/') != nullptr;
 }
 
-/// `text` as a result: in native form when it has a "/", and refused then when it is too long.
+/// `text` as a result: in native form when it has a "/"; then a text that is too long throws.
 xstring nativeResult(const char* text, const char* function)
 {
     fsNativePath native;
     return fsConvertSlashes(native, text, function);
 }
 
-/// What the four operations on the ends of a path begin with. Null when the answer is the null string, else
-/// the path to be divided, in `native`. A tail may be as long as it likes without "/": `path` itself then.
+/// The common first step of the four operations on the ends of a path. Null when the result is the null
+/// string, else the path to split, in `native`. A tail without "/" has no length limit: `path` itself is
+/// returned then.
 const char* endsOf(fsNativePath& native, const char* path, const char* function, bool always)
 {
     if (!qelIsObject(path))
@@ -45,7 +46,7 @@ const char* endsOf(fsNativePath& native, const char* path, const char* function,
     return fsIsEmptyPath(text) ? nullptr : text;
 }
 
-/// How long the part of `path` is that stands before the separator at `separator`.
+/// The length of the part of `path` before the separator at `separator`.
 std::size_t headLength(const char* path, const char* separator)
 {
     const auto at = static_cast<std::size_t>(separator - path);
@@ -109,7 +110,7 @@ void fsNativePath::Cut(std::size_t newLength)
     buffer[size] = '\0';
 }
 
-// ---- asking and checking
+// ---- queries and checks
 
 const char* fsTextOf(const char* path)
 {
@@ -296,7 +297,7 @@ xstring fsIntersectPaths(const char* a, const char* b)
     fsConvert(nativeA, a, function);
     fsConvert(nativeB, b, function);
 
-    const char* matched = nullptr; // where the last equal entry of A ends
+    const char* matched = nullptr; // the end of the last equal entry of A
     const char* entryA = nativeA.text();
     const char* entryB = nativeB.text();
     for (;;) {
@@ -313,7 +314,7 @@ xstring fsIntersectPaths(const char* a, const char* b)
     return matched == nullptr ? xstring() : headOf(nativeA.text(), matched);
 }
 
-// ---- this host's own paths
+// ---- the operating system's own paths
 
 xstring fsPathFromHost(const char* path)
 {

@@ -21,7 +21,7 @@ std::string homePart(const char* name, std::size_t longest)
     return Getenv(name, value) && value.size() <= longest ? value : std::string();
 }
 
-/// The native form of HOME; empty when that names no directory by which a path can begin.
+/// The native form of HOME; empty when that cannot be the beginning of a path.
 std::string nativeHome()
 {
     std::string home, native;
@@ -31,7 +31,7 @@ std::string nativeHome()
     return native;
 }
 
-/// What the two ways to make a temporary node have in common.
+/// The common part of creating a temporary file or directory.
 xstring makeTemporary(unsigned (*make)(const char* directory, const char* prefix, unsigned unique,
                                        char* name),
                       const char* directory, const char* prefix, const char* function)

@@ -8,9 +8,9 @@
 #include "ioserializer.h"
 #include "iotext_p.h"
 
-// What a default standard stream in the classic locale writes and accepts, without the making of one for each
-// value. A value is read right in the get area when it ends there, else byte by byte through the buffer's own
-// operations.
+// Writes and accepts the same text as a default standard stream in the classic locale, without constructing
+// one per value. A value is read directly in the get area when it ends there, else byte by byte through the
+// buffer's operations.
 
 namespace {
 
@@ -21,8 +21,8 @@ bool IsDigit(int c)
     return c >= '0' && c <= '9';
 }
 
-// The unread bytes of a get area. Peek answers the end behind the last one, though more may follow in the
-// source.
+// The unread bytes of a get area. Peek returns the end mark behind the last one, though more may follow in
+// the source.
 class AreaCursor
 {
 public:
@@ -42,7 +42,7 @@ private:
     const char* limit;
 };
 
-// The input of a buffer; what has been passed is consumed.
+// The input of a buffer; characters passed are consumed.
 class BufferCursor
 {
 public:
@@ -64,7 +64,7 @@ int SkipSpace(Cursor& input)
     return c;
 }
 
-// What a conversion found, beside its value: `failed` as a stream sets its failure bit, `ended` when the
+// The result of a conversion besides its value: `failed` as a stream sets its failure bit, `ended` when the
 // input ended.
 ioTryCode CodeOf(bool failed, bool ended)
 {
@@ -79,7 +79,7 @@ ioTryCode ReadInt(int& value, Cursor& input)
     if (c == '-' || c == '+')
         c = input.Next();
     bool failed = !IsDigit(c);
-    // All digits belong to the number, fitting or not.
+    // All digits belong to the number, even those beyond its range.
     const std::int64_t limit = negative ? 1 + std::int64_t{INT_MAX} : INT_MAX;
     std::int64_t number = 0;
     for (; IsDigit(c); c = input.Next()) {
@@ -94,8 +94,8 @@ ioTryCode ReadInt(int& value, Cursor& input)
     return CodeOf(failed, c == end);
 }
 
-// Passes over what a stream takes for a real, and calls `keep(c)` for its characters: a sign, digits with one
-// point, an exponent. Leading zeros are kept once. Whether it is a number is not known yet.
+// Skips the characters that a stream accepts for a real, and calls `keep(c)` for its characters: a sign,
+// digits with one point, an exponent. Leading zeros are kept once. Does not check that it is a number.
 template<class Cursor, class Keep>
 int ScanReal(Cursor& input, Keep keep)
 {
@@ -133,7 +133,7 @@ int ScanReal(Cursor& input, Keep keep)
 // Whether a number that no double can represent, from `text` on, is too small and not too large.
 bool IsTooSmall(const char* text, const char* const stop)
 {
-    // The place of the first digit that counts, relative to the point, plus the exponent.
+    // The position of the first significant digit, relative to the point, plus the exponent.
     long long place = 0;
     bool found = false, point = false;
     for (; text < stop && *text != 'e' && *text != 'E'; ++text) {
@@ -156,7 +156,7 @@ bool IsTooSmall(const char* text, const char* const stop)
     return place + (negative ? -exponent : exponent) <= 0;
 }
 
-// Converts the text of a real. False when it is no number, or too large.
+// Converts the text of a real. False when it is not a number, or too large.
 bool ConvertReal(double& value, const char* text, const char* stop)
 {
     if (text < stop && *text == '+')
@@ -235,7 +235,7 @@ int SizeOfNumber(Value value)
     return static_cast<int>(Format(text, value) - text);
 }
 
-// Reads up to `delimiter` or the end. Nothing is consumed but what goes into the string.
+// Reads up to `delimiter` or the end. Consumes only the bytes that go into the string.
 ioTryCode ReadUpTo(char delimiter, xstring& s, std::streambuf& sb)
 {
     std::string text; // parts that reached to the end of the get area

@@ -131,7 +131,7 @@ inline bool ioStream::WriteHeld(Value value)
     return writeWay == asNative && ioWriteHeld<ioNative>(value, *direct);
 }
 
-// Out of line, so that what transfers right in the buffer needs no frame.
+// Out of line, so that transfers directly in the buffer need no stack frame.
 template<auto read, class Value, class... Delims>
 [[gnu::noinline]] Value ioStream::ReadByForm(Delims... delims)
 {
@@ -327,7 +327,7 @@ void ioStream::setOTimeout(double seconds)
 void ioStream::SetTextLimit(std::size_t bytes)
 {
     CheckOpen();
-    constexpr std::size_t least = 65536; // what a buffer may hold is not looked at
+    constexpr std::size_t least = 65536; // text within the buffer is not checked against the limit
     streamBuf->SetTextLimit(std::max(bytes, least));
 }
 

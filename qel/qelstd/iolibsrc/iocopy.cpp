@@ -32,14 +32,14 @@ void CopyStream(ioStream* to, ioStream* from)
     std::streambuf& source = *from->direct;
     char block[4096];
     const bool isSame = to == from || btkIsSameFile(to->streamBuf->GetHandle(), from->streamBuf->GetHandle());
-    // A stream or file copied into itself would grow forever: it gets what was unread at the beginning.
+    // A stream or file copied into itself would grow forever: it gets the bytes unread at the beginning.
     std::size_t left = isSame ? from->streamBuf->CountReadable() : SIZE_MAX;
     for (bool isPassed = isSame; left > 0;) {
         if (!isPassed && xbufaccess::View(source, 1) == nullptr) {
             from->streamBuf->PassTo(*to->streamBuf);
             isPassed = true;
         }
-        // What the source holds is written from where it stands, unless writing may move it.
+        // The buffered bytes of the source are written from their place, unless writing may move them.
         const bool isLent = !isSame && source.sgetc() != EOF && xbufaccess::View(source, 1) != nullptr;
         const char* const part = isLent ? xbufaccess::Next(source) : block;
         const std::streamsize size =

@@ -40,7 +40,7 @@ ioEvent* ioStream::CreateEvent(btkBaseEvent* event, ioEventType type)
     if (event == nullptr)
         return nullptr;
     std::unique_ptr<btkBaseEvent> owned(event);
-    link.To(this); // made now, so that nothing can fail once the event has an owner
+    link.To(this); // created now, so that no later step can fail once the event has an owner
     ioEvent* const made = new (pDefMemMgr) ioEvent(this, type, event);
     owned.release();
     return made;

@@ -4,7 +4,7 @@
 #include "qelexception.h"
 #include "qeltable.h"
 
-// What a stream throws, and why.
+// The exceptions of a stream and their reasons.
 
 QEL_LABELS(ioError, "iolib::Error", ioStreamState, ioInputNotAllowed, ioOutputNotAllowed,
            ioIncompatibleFormat, ioImproperFunction, ioUnsupportedFunction);

@@ -29,7 +29,7 @@ namespace {
 // A string of at most this length is read into memory taken before its bytes arrive.
 constexpr std::size_t trustedLength = 65536;
 
-// Collects what is written to it in memory of a fixed size.
+// An output buffer over memory of a fixed size.
 class ShortBuffer : public std::streambuf
 {
 public:
@@ -43,7 +43,7 @@ private:
     char bytes[room];
 };
 
-// Reads `length` bytes in parts, so that memory grows only as bytes arrive. False when they end before.
+// Reads `length` bytes in parts, so that memory grows only as bytes arrive. False when the input ends before.
 bool ReadInParts(std::string& text, std::size_t length, std::streambuf& sb)
 {
     while (text.size() < length) {
@@ -148,7 +148,7 @@ ioTryCode ioByteSerializer::WrString(const char* s, std::streambuf* sb)
         return ioFormatError;
     const int announced = static_cast<int>(length);
     if (xbufaccess::Reserve(*sb, 1) == nullptr && length + 16 <= ShortBuffer::room) {
-        // No room to write into: length and text go out in one call, so that a pipe gets both at once.
+        // No room in the buffer: length and text are written in one call, so that a pipe gets both at once.
         ShortBuffer all;
         if (const ioTryCode code = WrInt(announced, &all); code != ioSuccess)
             return code;

@@ -12,7 +12,7 @@
 
 namespace {
 
-// Gives a try view or area back.
+// Releases a try view or area.
 struct TryLoan
 {
     ~TryLoan() { (buffer.*giveBack)(); }
@@ -35,8 +35,8 @@ ioTryCode ioStream::TryRead(Transfer transfer)
     if (streamBuf->IsStarved())
         searched = before;
     ioTryCode code = transfer(view);
-    // What the view ended with may go on in the source, a number for instance; until that has ended nobody
-    // knows.
+    // The last value of the view may continue in the source, as a number can; that is unknown until it has
+    // ended.
     if (streamBuf->IsTryExhausted() && !streamBuf->IsEofReached() &&
         (code == ioSuccess || code == ioEndOfFile))
         code = ioWouldBlock;
@@ -51,7 +51,7 @@ namespace {
 class AreaPart
 {
 public:
-    // What is unread in `buffer`: its get area, or a single byte of a buffer without one.
+    // The unread bytes of `buffer`: its get area, or a single byte of a buffer without one.
     explicit AreaPart(std::streambuf& buffer) : sb(buffer)
     {
         const int c = sb.sgetc();
@@ -81,7 +81,7 @@ private:
 
 } // namespace
 
-// As the ASCII form reads a string, but nothing is made of it, and nothing is looked at twice while the text
+// As the ASCII form reads a string, but without creating it, and without scanning a byte twice while the text
 // arrives.
 ioTryCode ioStream::TryFindText(std::streambuf& view, const char* delims)
 {

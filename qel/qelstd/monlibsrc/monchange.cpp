@@ -49,7 +49,7 @@ monChanges::Target monChanges::Look() const
 
 btkHandle monChanges::Ask(btkBaseEvent::State& state)
 {
-    // A forked child does not take its parent's news.
+    // A forked child does not consume its parent's notifications.
     if (file >= 0 && process != btkProcessNumber())
         BeginAnew(file);
     isAsked = true;

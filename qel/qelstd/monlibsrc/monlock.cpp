@@ -8,7 +8,7 @@ constexpr btkTimeval shortLimit(0, 10000);
 // Less than the writer's, since the clock shows whole microseconds.
 constexpr btkTimeval sureLimit(0, 990);
 
-// Where the locks stand by which a writer or a reader announces that it waits for a value.
+// The positions of the locks by which a writer or a reader announces that it waits for a value.
 constexpr long long WriterAnnounced(int position)
 {
     return position + (1LL << 32);
@@ -46,7 +46,7 @@ monWriteLock::monWriteLock(btkHandle file, int position, int size, bool isKnown)
 
 void monWatchNumber(btkHandle file, int position)
 {
-    // Without the lock, because a writer has stopped, its stores are still known within a second.
+    // Without the lock, because a writer has stopped, its stores are still detected within a second.
     btkRangeLock lock(file, position - 1, 1);
     lock.Wait(btkRangeLock::Shared, readerLimit);
     lock.Leave();

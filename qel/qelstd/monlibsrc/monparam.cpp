@@ -55,7 +55,7 @@ int OffsetOf(std::fpos<int> position)
     return static_cast<int>(std::streamoff(position));
 }
 
-// The word that a number is in a file, before it is put in network order.
+// The word that stores a number in a file, before conversion to network byte order.
 template<class Value>
 using WordOf = std::conditional_t<sizeof(Value) == 1, std::uint32_t, btkWord<Value>>;
 
@@ -77,7 +77,7 @@ Value Decode(WordOf<Value> word)
         return std::bit_cast<Value>(btkNetworkOrder(word));
 }
 
-// Whether two readings found the same; a real that is not a number is the same as itself.
+// Whether two readings are equal; a NaN equals itself.
 template<class Value>
 bool IsSame(const Value& a, const Value& b)
 {
@@ -87,7 +87,7 @@ bool IsSame(const Value& a, const Value& b)
         return a == b;
 }
 
-// Whether a reading made no sense.
+// Whether a reading is invalid.
 template<class Value>
 bool IsImpossible(const Value& value)
 {
@@ -121,9 +121,9 @@ auto monFile::LoadLocked(int start, int size, Load load)
     }
 }
 
-// Numbers go straight to and from their place: one call of the host each.
+// Numbers are read and written directly in place: one system call each.
 
-// Where the value begins in the file.
+// The position of the value in the file.
 int monFile::PositionOf(monParam& parameter)
 {
     if (parameter.isLost)

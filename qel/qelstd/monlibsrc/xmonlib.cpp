@@ -39,7 +39,7 @@ constexpr int FixedSize(int type)
     return type == realRecord ? monRealSize : monWordSize;
 }
 
-// Frees what was caught.
+// Frees the caught exception.
 void LetGo(xthrowable* thrown)
 {
     if (thrown->isRefCountable())
@@ -133,8 +133,8 @@ std::string HeadOf(const char* title)
 
 } // namespace
 
-// Opens what is to be a monitor file. Null when that fails, and for what is no file, which would let a reader
-// wait.
+// Opens a file for use as a monitor file. Null when that fails, and for anything but a regular file, which
+// could block a reader.
 monFile* monFile::Attach(const std::string& path, const char* given)
 {
     btkFileState state;
@@ -183,7 +183,7 @@ monFile* monFile::OpenAt(const std::string& path, const char* given)
     return file.release();
 }
 
-// A new file in the place of what is there. Null when that fails, with the reason in errno.
+// Replaces an existing file by a new one. Null when that fails, with the reason in errno.
 monFile* monFile::MakeAnew(const std::string& path, const char* given, const std::string& head)
 {
     btkReplacement next;
@@ -198,7 +198,7 @@ monFile* monFile::MakeAnew(const std::string& path, const char* given, const std
     buffer.release();
     std::unique_ptr<monFile, qelDelete> file(new (pDefMemMgr) monFile(opened.get(), path, false));
     opened.release();
-    // Last, so that nothing can fail when the old file has been replaced.
+    // Last, so that no step can fail after the old file has been replaced.
     if (!next.TakePlace(btkReplacement::Unsynced)) {
         const int error = errno;
         file.reset();
@@ -207,8 +207,7 @@ monFile* monFile::MakeAnew(const std::string& path, const char* given, const std
     return file.release();
 }
 
-// Has the file hold `head` and nothing else. When that fails, with the reason in errno, it holds what it
-// held.
+// Replaces the file's content by `head`. When that fails, with the reason in errno, the content is unchanged.
 bool monFile::BeginInPlace(const std::string& head)
 {
     const btkHandle handle = stream->fileBuf->GetHandle();
@@ -310,7 +309,7 @@ bool monFile::Reopen()
     std::unique_ptr<monFile, qelDelete> anew;
     try {
         anew.reset(OpenAt(place->path, stream->getPath().CastToCString()));
-    } catch (xthrowable* thrown) { // it is not whole yet
+    } catch (xthrowable* thrown) { // the file is not complete yet
         LetGo(thrown);
         platFailWith(ERROR_FILE_CORRUPT);
     }
@@ -444,7 +443,7 @@ void monFile::Seek(int position)
     stream->SeekOff(position, ioBegin);
 }
 
-// Moves behind the last whole record. What stands there was left by a writer that was killed.
+// Seeks behind the last whole record. Bytes behind it are the leftovers of a killed writer.
 void monFile::SeekEnd()
 {
     xfilebuf& file = *stream->fileBuf;
@@ -508,7 +507,7 @@ double monFile::LoadReal()
     return stream->ReadReal();
 }
 
-// Null when the length is none that the area can hold.
+// Null when the length exceeds the area.
 xstring monFile::LoadStringA(int capacity)
 {
     const int length = stream->ReadInt();
@@ -520,7 +519,7 @@ xstring monFile::LoadStringA(int capacity)
     return stream->ReadString(nullptr);
 }
 
-// Moves past the area of a value. False when the length is none that it can hold.
+// Moves past the area of a value. False when the length exceeds it.
 bool monFile::LoadFixedString(int capacity)
 {
     const int length = stream->ReadInt();
@@ -623,14 +622,14 @@ bool monFile::ReadRecord(long long end)
     return true;
 }
 
-// Whether what follows the last whole record, which is not all there, can be what a writer had put down of
-// one when it was killed. When it is records that a damaged length has swallowed, there are zeros where none
-// can be, in the name, or none where they must be, behind a text.
+// Whether the incomplete bytes behind the last whole record can be the start of a record whose writer was
+// killed. If they are whole records swallowed by a damaged length, there are zeros where none are allowed, in
+// the name, or none where they are required, behind a text.
 bool monFile::IsTail(long long end)
 {
     constexpr int largestHead = headSize + longestName + 2 * monWordSize;
     const btkHandle handle = stream->fileBuf->GetHandle();
-    unsigned char head[largestHead] = {}; // what is missing of it counts as zero
+    unsigned char head[largestHead] = {}; // missing bytes count as zero
     const std::ptrdiff_t there = btkReadAt(handle, head, sizeof head, readUpTo);
     const auto wordAt = [&head](long long at) {
         std::uint32_t word;
@@ -679,7 +678,7 @@ monFile::State monFile::Check(int& offset)
     return state;
 }
 
-// The object of before the file was reopened is the one of now.
+// The object from before Reopen is used again.
 template<class Param, class... Capacity>
 Param* monFile::Enter(const char* name, int position, Capacity... capacity)
 {
@@ -741,8 +740,7 @@ void monFile::WriteParamHead(const char* name, int type)
     stream->WriteString(name);
 }
 
-// The whole record becomes visible at once where it is not too large; while a part is missing, nobody counts
-// it.
+// A record that is not too large becomes visible atomically; readers ignore it while a part is missing.
 template<class Param, class... Capacity>
 Param* monFile::Append(const char* name, Capacity... capacity)
 {

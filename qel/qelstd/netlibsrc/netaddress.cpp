@@ -24,7 +24,7 @@ const char* TextOf(const xstring& text)
     return text == nullptr ? nullptr : text.CastToCString();
 }
 
-// Takes the error, and reports it. Whether there was none.
+// Takes and reports the error. True when there was none.
 bool Succeeded(capi_nmsError* answered)
 {
     const nmsOwnedError error(answered);

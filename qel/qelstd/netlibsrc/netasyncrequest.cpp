@@ -4,7 +4,7 @@
 #include "netasyncrequest_p.h"
 #include "netserverloop_p.h"
 
-// ---- what the loop does with them
+// ---- their management by the loop
 
 void netBaseServer::Loop::StopRequests()
 {
@@ -27,11 +27,11 @@ void netBaseServer::Loop::SpawnAsyncRequest(netSocketStream* stream)
 
 bool netBaseServer::Loop::StartAsyncRequest(netSocketStream* stream)
 try {
-    // Those whose work is done do not count, though they may not have been collected yet.
+    // Finished requests do not count, even if they have not been joined yet.
     const int running = static_cast<int>(requests.size()) - endedBodies;
     if (server.asyncLimit > 0 && running >= server.asyncLimit)
         return false;
-    std::list<std::unique_ptr<netAsyncRequest>> one; // what follows the start must not fail
+    std::list<std::unique_ptr<netAsyncRequest>> one; // the steps after the start must not fail
     one.push_back(std::make_unique<netAsyncRequest>(&server, stream));
     if (!one.back()->Start())
         return false;
@@ -86,9 +86,9 @@ void netAsyncRequest::TellToStop(btkTimeval grace) noexcept
         const char byte = 0;
         ControlStream()->WriteBytes(&byte, 1);
         ControlStream()->Flush(true);
-    } catch (xthrowable* e) { // the body has ended or ends by itself
+    } catch (xthrowable* e) { // the body has returned or returns by itself
         const qelCaught caught(e);
-    } catch (const std::bad_alloc&) { // for the report of that
+    } catch (const std::bad_alloc&) { // memory ran out for the report
     }
 }
 

@@ -125,8 +125,8 @@ void netBaseServer::Register(const char* name)
 {
     if (name == nullptr || name == xnullstr)
         return;
-    // The name server keeps processes apart, and this the threads of this one: between asking and registering
-    // nobody else takes the name.
+    // The name server separates processes, and this lock the threads of this process: no other thread takes
+    // the name between the query and the registration.
     static std::mutex registering;
     const std::lock_guard<std::mutex> lock(registering);
     nmsOwnedProxy proxy = netNameServer(nullptr, netAnswerEnd());
@@ -148,7 +148,7 @@ try {
     const nmsOwnedProxy proxy = netNameServer(nullptr, netAnswerEnd());
     if (proxy != nullptr)
         netUnregister(proxy.get(), portN, serverName);
-} catch (const std::bad_alloc&) { // the name server drops the names of processes that have ended
+} catch (const std::bad_alloc&) { // the name server drops the names of processes that have exited
 }
 
 netBaseServer::~netBaseServer()
@@ -205,7 +205,7 @@ void netBaseServer::Run()
         std::unique_ptr<btkStreamSocket> socket;
         try {
             socket = loop->WaitForRequest(timeSlice, silentPatience > btkTimeval());
-        } catch (const std::bad_alloc&) { // the connection that met it is lost
+        } catch (const std::bad_alloc&) { // only this connection is lost
         }
         if (socket == nullptr && loop->TakeStop())
             return;

@@ -1,4 +1,4 @@
-// A server's port, and the connections whose first byte has not come.
+// A server's port, and the connections whose first byte has not arrived.
 #include <algorithm>
 #include <cerrno>
 #include <new>
@@ -73,7 +73,7 @@ std::unique_ptr<btkStreamSocket> netBaseServer::Loop::WaitForRequest(double time
         std::unique_ptr<btkStreamSocket> taken = TakeConnection(now);
         if (taken == nullptr || !isByteWanted)
             return taken;
-        // A wait costs more the more are silent, and then finds more that have come meanwhile.
+        // A wait costs more with more silent connections, but then also finds more new ones.
         for (std::size_t more = silent.GetCount() / 16; taken != nullptr; --more) {
             DropTooMany(now);
             AddSilent(std::move(taken), now);
@@ -85,7 +85,7 @@ std::unique_ptr<btkStreamSocket> netBaseServer::Loop::WaitForRequest(double time
     return nullptr;
 }
 
-// The last that came stays: it may have spoken already.
+// The newest connection stays: its first byte may have arrived already.
 void netBaseServer::Loop::DropTooMany(btkTimeval now)
 {
     if (silent.IsOverfull())
@@ -102,8 +102,8 @@ void netBaseServer::Loop::AddSilent(std::unique_ptr<btkStreamSocket> socket, btk
     silent.Add(std::move(one));
 }
 
-// The next connection; null when accepting it failed. Without room for one, the port is left alone for a
-// while: it stays ready, and asking again at once would not let this thread sleep.
+// The next connection; null when accepting it failed. Without a free descriptor or memory, the port is not
+// polled for a while: it stays ready, and polling it at once would keep this thread from sleeping.
 std::unique_ptr<btkStreamSocket> netBaseServer::Loop::TakeConnection(btkTimeval now)
 {
     std::unique_ptr<btkStreamSocket> socket(new (std::nothrow) btkStreamSocket);

@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char* rightsValue = "ConnectionAllowed";
 
-/// Whether the last error of the registry says for certain that there is no such key or value.
+/// Whether the last error of the registry means that the key or value is certainly absent.
 bool IsCertainlyAbsent()
 {
     const DWORD error = GetLastError();
@@ -25,8 +25,8 @@ bool IsCertainlyAbsent()
     return error == ERROR_FILE_NOT_FOUND || error == ERROR_INVALID_NAME || error == ERROR_BAD_PATHNAME;
 }
 
-/// Says on the standard error output why nobody is admitted. Peers cause it: the same again after a minute
-/// only. Allocates nothing.
+/// Reports on the standard error output why no peer is admitted. Since peers can trigger it, the same report
+/// is repeated after a minute at the earliest. Allocates nothing.
 void ReportUnknown(const char* server, const char* root, DWORD error)
 {
     using Clock = std::chrono::steady_clock;

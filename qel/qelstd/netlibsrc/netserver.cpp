@@ -28,7 +28,7 @@ constexpr btkTimeval handshakeLimit(1, 0);
     netXException::Throw(netConnectionRefused, "Connection refused due to lack of rights");
 }
 
-// A connected socket whose calls end by `end`, too; null when nobody listens there.
+// A connected socket whose calls end by `end`, too; null when the port has no listener.
 std::unique_ptr<btkStreamSocket> Reach(netAddress* address, btkTimeval end)
 {
     std::unique_ptr<btkStreamSocket> socket = netConnect(address, end);
@@ -37,7 +37,7 @@ std::unique_ptr<btkStreamSocket> Reach(netAddress* address, btkTimeval end)
     return socket;
 }
 
-// Says on the standard error output who may connect to a server whose maker has perhaps not thought of it.
+// Warns on the standard error output when a server is open to more peers than its author may expect.
 void WarnOfOpenDoor(netServer& server)
 {
     const xstring name = server.getServerName();

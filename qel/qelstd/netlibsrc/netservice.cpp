@@ -14,7 +14,7 @@ constinit qelClass netService::rtti = {
 
 namespace {
 
-// `line`: of the list of operations that hosts without a service shell lack.
+// `line`: of the list of operations that are missing on operating systems without a service shell.
 [[noreturn]] void ReportMissing(const char* message, int line)
 {
     _Abort(message, "qel/qelstd/netlibsrc/netlibnew", line);

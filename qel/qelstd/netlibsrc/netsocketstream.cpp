@@ -17,7 +17,7 @@ namespace {
 
 constexpr ioEventType outOfBandPending = static_cast<ioEventType>(2);
 constexpr std::size_t usualTextLimit = 64 << 20;
-constexpr std::size_t valueSize = sizeof(int); // in XDR form, which is that of the network
+constexpr std::size_t valueSize = sizeof(int); // in XDR form, which is network byte order
 
 } // namespace
 
@@ -44,7 +44,7 @@ netSocketStream* netSocketStream::Create(btkStreamSocket* socket)
 
 void netSocketStream::OnClose()
 {
-    delete socketBuf; // first: it sends what is pending
+    delete socketBuf; // first: it sends pending data
     delete connection;
     socketBuf = nullptr;
     connection = nullptr;

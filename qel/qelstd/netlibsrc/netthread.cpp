@@ -116,7 +116,7 @@ bool netThread::OnPreStart()
     DeletePipe();
     try {
         controlPipe = ioPipe::Create();
-    } catch (const std::bad_alloc&) { // no pipe then, as when the host has none
+    } catch (const std::bad_alloc&) { // no pipe then, as when the operating system has none left
     }
     return controlPipe != nullptr;
 }

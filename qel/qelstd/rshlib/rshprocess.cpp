@@ -33,9 +33,10 @@ constinit qelClass rshConnection::rtti = {
 
 namespace {
 
-// What the owner writes to the thread besides the two tags: give up.
+// Written by the owner to the thread, besides the two tags: abandon the command.
 constexpr int giveUp = -1;
-// How long a server may take nothing when it is to end the command, or to take the closing tag.
+// The time that a server may receive nothing when it has to terminate the command or to receive the closing
+// tag.
 constexpr btkTimeval patienceWithServer(2, 0);
 
 std::atomic<btkTimeval> answerLimit = btkTimeval(10, 0);
@@ -48,7 +49,7 @@ void PutText(std::string& to, const char* text)
     to.append(number, sizeof number).append(qelIsObject(text) ? text : "", size);
 }
 
-// Unlike the stream itself, never waits for longer than until `end`.
+// Unlike the stream itself, never waits beyond `end`.
 void SendRequest(netSocketStream& s, const std::string& request, btkTimeval end)
 {
     rshOutlet connection(&s);
@@ -95,11 +96,12 @@ public:
     {
     }
 
-    // Relays until the exchange has ended, the connection is lost or the owner gives up. The exit code, or
-    // xnullint.
+    // Relays until the exchange is complete, the connection is lost or the owner abandons it. Returns the
+    // exit code, or xnullint.
     int Serve()
     {
-        // A server that takes nothing learns only so that this program was killed or gives up.
+        // Only this lets a server that receives nothing detect that this program was killed or abandons the
+        // command.
         btkResetOnClose(socket, true);
         while (!isGivenUp && !isFinished) {
             btkEvent::List events;
@@ -128,7 +130,7 @@ public:
     }
 
 private:
-    // For `events` and whatever may be going on at any time.
+    // Handles `events`, and work that is possible at any time.
     void Wait(btkEvent::List& events)
     {
         events.push_back(signaled.get());
@@ -139,8 +141,8 @@ private:
         btkEvent::Wait(events, left > btkTimeval() ? std::min(usual, left) : usual);
     }
 
-    // Whether the server's machine has room for a block of input and, behind it, for an urgent value: what
-    // stands before one must all be there, or nobody there hears of it. No event tells when there is room
+    // Whether the server's machine has room for a block of input and, behind it, for an urgent value: an
+    // urgent value is found only once all bytes before it have arrived. No event signals that there is room
     // again.
     bool IsInputWanted()
     {
@@ -169,18 +171,18 @@ private:
         const bool isTerminate = tag == rshTagTerminate;
         if (isTerminate && isTerminated)
             return;
-        // A server that takes nothing has enough interrupts before it some time; one room is kept for each of
-        // the messages that come once.
+        // Interrupts to a server that receives nothing are limited; room is reserved for each of the messages
+        // that are sent once.
         if (!SendUrgent(tag) && connection.queue.GetRoom() >= (isTerminate ? 4u : 16u))
             connection.queue.PutInt(tag);
         if (isTerminate) {
-            isTerminated = isTerminating = true; // so there is no use for further input
+            isTerminated = isTerminating = true; // further input is useless then
             end = btkTimeval::Now() + patienceWithServer;
         }
     }
 
-    // Whether the server takes nothing, so that it can not be told to end the command. It does so, too, when
-    // the connection is given up.
+    // Whether the server receives nothing, so that it cannot be sent the request to terminate the command. It
+    // also terminates the command when the connection is closed.
     bool IsTerminationStuck()
     {
         isTerminating = isTerminating && (connection.queue.GetSize() > 0 || btkCountUnsent(socket) > 0 ||
@@ -188,8 +190,8 @@ private:
         return isTerminating && btkTimeval::Now() >= end;
     }
 
-    // Where the server may be waiting for the command to read its input, it sees what comes beside it only.
-    // That must stand between whole messages, and must not make this wait.
+    // While the server may be waiting for the command to read its input, it sees only urgent values. These
+    // must be sent between whole messages and without waiting.
     bool SendUrgent(int tag)
     {
         bool isBroken = false;
@@ -216,7 +218,7 @@ private:
         errors.Pump();
     }
 
-    // Whether the closing tag, and what stands before it, is still on its way, and the server may take it.
+    // Whether the closing tag, or data before it, is still to be sent, and the server may receive it.
     bool IsAnswering()
     {
         if (isFinished && !isAnswered) {
@@ -259,7 +261,7 @@ private:
     bool isAnswered = false;
     bool isTerminated = false;
     bool isTerminating = false; // and the server may not know it yet
-    btkTimeval end;             // when patience with a server that takes nothing ends
+    btkTimeval end;             // the deadline for a server that receives nothing
     bool isGivenUp = false;
 };
 
@@ -327,7 +329,7 @@ int rshProcess::OnStart()
         code = Session(*connection, SignalStream(), input, output, errors).Serve();
     } catch (xthrowable* thrown) {
         const qelCaught freed(thrown);
-    } catch (const std::exception&) { // no memory: as when the connection is lost
+    } catch (const std::exception&) { // out of memory: as when the connection is lost
     }
     CloseThreadsEnds();
     return code;

@@ -117,7 +117,7 @@ bool rshInlet::Move(rshTag tag, rshQueue& to, std::size_t most)
         count = std::min<std::size_t>(source->PeekNBytes(), room);
         if (rest)
             count = std::min(count, *rest);
-        else if (count == 0) // some devices do not tell how much there is; at the end this reads nothing
+        else if (count == 0) // some devices do not report how much there is; at the end this reads nothing
             count = 1;
         if (count > 0)
             count = source->ReadBytes(block + 8, static_cast<unsigned>(count));
@@ -158,7 +158,7 @@ bool rshReceiver::IsBlocked() const
 
 bool rshReceiver::Receive()
 {
-    // A peer that sends without end must not keep the other directions waiting.
+    // A peer that never stops sending must not block the other directions.
     for (int steps = 0; steps < 64 && !isDone; ++steps) {
         Step step = Failed;
         if (!rshSucceeds([&] { step = blockLeft > 0 ? ReadBlock() : ReadNumber(); }))
@@ -251,12 +251,12 @@ bool rshPartReader::ReadText(std::string& text)
         return false;
     char part[4096];
     while (left > 0) {
-        if (btkTimeval::Now() >= end) // also where there is always a byte
+        if (btkTimeval::Now() >= end) // also when there is always a byte
             return false;
         while (stream.TryReadByte() == ioWouldBlock)
             if (!WaitForInput())
                 return false;
-        const unsigned there = std::max(stream.PeekNBytes(), 1u); // at the end reading says so
+        const unsigned there = std::max(stream.PeekNBytes(), 1u); // at the end, the read reports it
         const unsigned got = stream.ReadBytes(part, std::min({there, static_cast<unsigned>(left), 4096u}));
         text.append(part, got);
         left -= static_cast<int>(got);

@@ -27,13 +27,12 @@ constinit qelClass rshServerEvent::rtti = {
 
 namespace {
 
-// How long a client may take for the rest once the server was told to stop, and a command to die once it was
-// killed.
+// The time for a client to receive the rest after a stop request, and for a killed command to exit.
 constexpr double patienceWithClient = 0.5;
 constexpr double patienceWithCommand = 5.0;
-// Input that a command does not read waits there. Urgent values are found behind as much as a stream holds
-// for them, which is more. It costs no speed: 1 GiB each way took 4.1 s, and 5.3 s with the host's
-// own size (medians of nine, two busy cores).
+// Unread input of a command waits there. Urgent values are found behind as many bytes as a stream holds for
+// them, which is more. It costs no speed: 1 GiB each way took 4.1 s, and 5.3 s with the kernel's default size
+// (medians of nine, two busy cores).
 constexpr std::size_t ownRoom = 96 << 10;
 
 std::atomic<btkTimeval> patienceAtEnd = btkTimeval(10, 0);
@@ -101,7 +100,8 @@ public:
                 inPipe->getReadEnd(), outPipe->getWriteEnd(), errPipe->getWriteEnd(), 1, 1));
         } catch (xthrowable* thrown) {
             pcXCreate* const failure = pcXCreate::softcast(thrown);
-            qelXException* const refused = qelXException::softcast(thrown); // the directory is no path
+            // the directory is not a valid path
+            qelXException* const refused = qelXException::softcast(thrown);
             if (failure == nullptr && refused == nullptr)
                 throw;
             const qelCaught freed(thrown);
@@ -122,7 +122,7 @@ public:
         return true;
     }
 
-    // Relays until the client has answered the end, or the connection is lost.
+    // Relays until the client has confirmed the end, or the connection is lost.
     void Serve()
     {
         while (!isFinished && !isBroken && !IsOutOfPatience()) {
@@ -153,7 +153,7 @@ private:
         out->AddTo(events, connection.queue);
         err->AddTo(events, connection.queue);
         rshReceiver::AddTo(events);
-        // What is not read does not tell that nothing follows.
+        // Unread data hides the end of the connection.
         if (IsBlocked())
             events.push_back(&lost);
         connection.AddTo(events);
@@ -176,7 +176,7 @@ private:
         end = btkTimeval::Now() + btkTimeval(patienceWithClient);
         process->Terminate();
     }
-    // A client that is not to be heard of any more must not keep its place.
+    // An unresponsive client must not keep its place.
     btkTimeval GetEnd() const
     {
         const btkTimeval stuck = hasEnded ? lastProgress + patienceAtEnd.load() : btkTimeval::Forever();
@@ -215,7 +215,7 @@ private:
             process->Interrupt();
     }
 
-    // What the outputs hold then is all that the command has written.
+    // The outputs then hold all that the command has written.
     void TakeExitCode()
     {
         if (hasEnded || !exit->WasSignaled())
@@ -225,7 +225,7 @@ private:
         hasEnded = true;
         out->TakeOnlyTheRest();
         err->TakeOnlyTheRest();
-        // Nobody reads it any more; the client's closing tag comes behind it.
+        // Input that is no longer read; the client's closing tag comes behind it.
         in->Fail();
     }
 
@@ -282,7 +282,7 @@ private:
     rshOwned<pcEvent> exit;
     std::unique_ptr<rshOutlet> in;
     std::unique_ptr<rshInlet> out, err;
-    btkTimeval end; // when patience ends, while stopping
+    btkTimeval end; // the deadline, while stopping
     btkTimeval lastProgress = btkTimeval::Now();
     std::size_t lastToGo = 0;
     unsigned lastTaken = 0;
@@ -355,7 +355,7 @@ int rshServer::OnStart()
         Execute(connection, baseDirectory.CastToCString(), stop.get());
     } catch (xthrowable* thrown) {
         const qelCaught freed(thrown);
-    } catch (const std::exception&) { // no memory: the command has been ended by what held it
+    } catch (const std::exception&) { // out of memory: the command's owner has terminated it
     }
     return 0;
 }

@@ -21,7 +21,7 @@ constinit qelClass nmsServerProxy::rtti = {
 
 namespace {
 
-// The text for people; null is no text.
+// The text for messages; null means none.
 const char* TextOf(const xstring& s)
 {
     const char* const text = s.CastToCString();
@@ -35,7 +35,7 @@ std::string Report(const nmsClientStatus& status)
                          status.getLocal() ? "LOCALHOST" : TextOf(host), status.getPort());
 }
 
-// What an exception says of it: the first line.
+// The exception's description of it: the first line.
 std::string LineOf(const nmsClientStatus& status)
 {
     constexpr std::size_t most = 1024;
@@ -45,7 +45,7 @@ std::string LineOf(const nmsClientStatus& status)
 
 using Failure = std::unique_ptr<nmsClientStatus>;
 
-// Throws the exception X, which tells of `failure`, if there is one.
+// Throws the exception X for `failure`, if there is one.
 template<class X, class... Values>
 void ThrowFor(nmsClientStatus* failure, const char* function, Values... values)
 {
@@ -55,13 +55,13 @@ void ThrowFor(nmsClientStatus* failure, const char* function, Values... values)
                  values...);
 }
 
-// Frees a counted object that nobody has attached.
+// Frees a counted object without attached handles.
 struct Discard
 {
     void operator()(xobject* p) const { const xrchandle<xobject> last(p); }
 };
 
-// A proxy that answers, or null; one that does not is freed.
+// Returns the proxy if its server responds; else frees it and returns null.
 nmsServerProxy* Answering(nmsServerProxy* made)
 {
     std::unique_ptr<nmsServerProxy, Discard> proxy(made);
@@ -203,7 +203,7 @@ nmsClientStatus* nmsServerProxy::Request(int code, nmsRecord* record, Rest rest)
 nmsClientStatus* nmsServerProxy::Ping()
 {
     const Failure failure(Request(static_cast<int>(nmsRequestCode::ping), nullptr, nmsExchange::NoRest));
-    // Whatever it answers, it does not answer as a name server.
+    // The reply is not that of a name server.
     return failure == nullptr ? nullptr : Status(nmscNoConnection, nmsClientStatus::Client);
 }
 

@@ -82,7 +82,7 @@ nmsLimits LimitsOf(const char* key)
             .valueSize = static_cast<unsigned>(nmsRecordLimits::GetFieldValueLength(key))};
 }
 
-// Calls `visit(name, value)` for the fields in the order of their slots, until it answers false.
+// Calls `visit(name, value)` for the fields in the order of their slots, until it returns false.
 template<class Visit>
 bool ForEachField(xstringdictionary& fields, Visit visit)
 {
@@ -172,7 +172,7 @@ bool nmsRecordWire::Encode(const nmsRecord& record, std::string& to)
     nmsPutInt(to, static_cast<int>(record.ownerId));
     nmsPutInt(to, static_cast<int>(count));
     const auto put = [](std::string& end, const xstring& text, unsigned limit) {
-        const char* const bytes = text.CastToCString(); // first: the size is exact once this form is there
+        const char* const bytes = text.CastToCString(); // first: the size is exact once this form exists
         if (!qelIsObject(bytes))
             return nmsPutText(end, "", 1, 0, limit);
         return nmsPutText(end, bytes, text.GetMBSize(), static_cast<unsigned>(text.GetLength()), limit);
