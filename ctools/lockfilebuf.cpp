@@ -21,15 +21,15 @@
 
 namespace {
 
-constexpr int attempts = 10000;                  // to catch a file that others keep replacing
-constexpr long long queueByte = (1LL << 62) + 1; // of the file: who waits for an update holds it
+constexpr int attempts = 10000;                  // limit for a file that others keep replacing
+constexpr long long queueByte = (1LL << 62) + 1; // of the file: locked by those that wait for an update
 
 bool isSame(const struct stat& a, const struct stat& b)
 {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-/// What a thread knows of a file that it has opened and perhaps closed again, in whatever thread.
+/// An opening of a file by this thread; any thread may have closed it again.
 struct Opening
 {
     struct stat status;
@@ -42,7 +42,7 @@ thread_local std::vector<std::shared_ptr<Opening>> openings;
 
 enum class Own { none, reading, updating };
 
-/// How this thread has the file open already.
+/// The mode in which this thread already has the file open.
 Own ownOpeningOf(const struct stat& status)
 {
     std::erase_if(openings, [](const auto& each) { return !each->isOpen; });
@@ -70,7 +70,7 @@ bool lockBefore(int file, bool forUpdate, btkTimeval end)
     return false;
 }
 
-/// Takes the lock of the file before `end`, behind those who wait for an update.
+/// Takes the lock of the file before `end`, after those that wait for an update.
 bool queueForLock(int file, bool forUpdate, btkTimeval end)
 {
     btkRangeLock queue(file, queueByte, 1);
@@ -82,7 +82,7 @@ bool queueForLock(int file, bool forUpdate, btkTimeval end)
     return lockBefore(file, forUpdate, end);
 }
 
-/// Reserves the space for `size` bytes. False when there is not enough. Changes nothing that can be read.
+/// Reserves the space for `size` bytes. False when there is not enough. Changes no visible content.
 bool reserve(int file, std::size_t size)
 {
     const auto bytes = static_cast<off_t>(size);
@@ -90,7 +90,7 @@ bool reserve(int file, std::size_t size)
            (errno != ENOSPC && errno != EDQUOT && errno != EFBIG && errno != EIO);
 }
 
-/// What is added comes first: until it is all there, cutting it off is enough.
+/// Writes the added part first: until it is complete, truncation restores the old content.
 bool writeInPlace(int file, std::size_t oldSize, const char* content, std::size_t size)
 {
     const std::size_t head = size < oldSize ? size : oldSize;
@@ -99,7 +99,7 @@ bool writeInPlace(int file, std::size_t oldSize, const char* content, std::size_
            btkRetry([&] { return fsync(file); }) == 0;
 }
 
-/// Overwrites the file whose name leads to it in `folder`.
+/// Overwrites the file in place; `folder` holds its name.
 bool overwrite(int folder, int file, const char* content, std::size_t size)
 {
     std::string old;
@@ -107,7 +107,7 @@ bool overwrite(int folder, int file, const char* content, std::size_t size)
         return false;
     if (!reserve(file, size)) {
         const int error = errno;
-        btkSetFileSize(file, static_cast<long long>(old.size())); // gives back what was reserved
+        btkSetFileSize(file, static_cast<long long>(old.size())); // releases the reserved space
         errno = error;
         return false;
     }
@@ -115,14 +115,14 @@ bool overwrite(int folder, int file, const char* content, std::size_t size)
     const bool kept = journal.Write(old, content, size);
     if (writeInPlace(file, old.size(), content, size)) {
         if (kept)
-            journal.Remove(); // if it stays, it says the same as the file
+            journal.Remove(); // if it stays, it matches the file
         return true;
     }
     const int error = errno;
     const bool takenBack = btkSetFileSize(file, static_cast<long long>(old.size())) &&
                            writeInPlace(file, old.size(), old.data(), old.size());
     if (kept && !takenBack)
-        return true; // readers find the new content there
+        return true; // readers find the new content in the journal
     if (kept)
         journal.Remove();
     errno = error;
@@ -138,7 +138,7 @@ struct lockFileBuf::State
     std::string name; // of the file in it
     struct stat opened = {};
     std::shared_ptr<Opening> opening; // null: not locked
-    std::string fromJournal;          // what is to be read in place of the file's content
+    std::string fromJournal;          // content to read instead of the file's
     bool usesJournal = false;
     char buffer[16384];
 
@@ -155,7 +155,7 @@ struct lockFileBuf::State
         if (opening == nullptr)
             return;
         opening->isOpen = false;
-        std::erase(openings, opening); // where another thread closes, its maker finds it closed
+        std::erase(openings, opening); // after a close in another thread, the opening thread finds it closed
         if (opening->process == getpid())
             flock(file.Get(), LOCK_UN);
         opening.reset();
@@ -163,7 +163,7 @@ struct lockFileBuf::State
 
     bool Open(const char* path, int flags, int permissions, btkTimeval end)
     {
-        // O_NONBLOCK: a pipe is refused, not waited on.
+        // O_NONBLOCK: opening a pipe fails instead of blocking.
         file.Reset(
             btkRetry([&] { return open(path, flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, permissions); }));
         if (!file || fstat(file.Get(), &opened) != 0)
@@ -187,7 +187,7 @@ struct lockFileBuf::State
         made->process = getpid();
         made->forUpdate = forUpdate;
         openings.push_back(made);
-        // An update that waits for this thread's other opening must not be waited for.
+        // Must not wait for an update that itself waits for this thread's other opening.
         const bool locked = own == Own::reading ? lockBefore(file.Get(), forUpdate, end)
                                                 : queueForLock(file.Get(), forUpdate, end);
         if (locked)
@@ -197,8 +197,7 @@ struct lockFileBuf::State
         return locked;
     }
 
-    /// Finds the folder that holds the file. False when the file at `path` is another one by now, with ENOENT
-    /// as the reason.
+    /// Finds the folder that holds the file. False, with ENOENT, when the file at `path` is now another one.
     bool Locate(const char* path)
     {
         const std::unique_ptr<char, decltype(&std::free)> real(realpath(path, nullptr), &std::free);
@@ -215,7 +214,7 @@ struct lockFileBuf::State
         return isSame(there, opened);
     }
 
-    /// Completes an update that was broken off, or reads around it.
+    /// Completes an interrupted update, or reads its content from the journal.
     bool Recover()
     {
         const updateJournal journal(folder.Get(), file.Get());
@@ -224,7 +223,7 @@ struct lockFileBuf::State
             return false;
         usesJournal = standing == updateJournal::current;
         if (standing == updateJournal::absent || !opening->forUpdate)
-            return fstat(file.Get(), &opened) == 0; // during the wait it may have changed
+            return fstat(file.Get(), &opened) == 0; // it may have changed during the wait
         if (usesJournal && !writeInPlace(file.Get(), static_cast<std::size_t>(btkGetFileSize(file.Get())),
                                          fromJournal.data(), fromJournal.size()))
             return false;
@@ -232,7 +231,7 @@ struct lockFileBuf::State
         return journal.Remove() && fstat(file.Get(), &opened) == 0;
     }
 
-    /// Whether others have deleted the file. False when they have done something else with it.
+    /// Whether the file has been deleted by others. False for any other change.
     bool CheckOthers(bool& deleted) const
     {
         struct stat there, now;
@@ -248,7 +247,7 @@ struct lockFileBuf::State
     }
 
     /// Gives the new file the old one's owner and rights. A deleted file cannot be overwritten: the new one
-    /// is for its maker alone when the owner cannot be kept.
+    /// is accessible to its creator only when the owner cannot be kept.
     bool TakeStatus(btkHandle next, bool deleted) const
     {
         constexpr unsigned ownersBits = 0700;
@@ -262,7 +261,7 @@ struct lockFileBuf::State
         bool deleted = false;
         if (!CheckOthers(deleted))
             return false;
-        // Made read-only meanwhile, it stays as it is.
+        // A file made read-only meanwhile is not changed.
         if (!deleted && faccessat(folder.Get(), name.c_str(), W_OK, AT_EACCESS) != 0)
             return false;
         if (!deleted && opened.st_nlink > 1)
@@ -328,7 +327,7 @@ bool lockFileBuf::Close()
     state->Unlock();
     const int closed = close(state->file.Release());
     state.reset();
-    return closed != 0 && errno != EINTR; // closed all the same then
+    return closed != 0 && errno != EINTR; // the kernel has closed it then
 }
 
 bool lockFileBuf::Replace(const char* content, std::size_t size)
@@ -345,7 +344,7 @@ std::vector<int> lockFileBuf::GetHolders(const char* path)
     struct stat status;
     if (stat(path, &status) != 0)
         return holders;
-    // 1: FLOCK  ADVISORY  WRITE 4711 fe:00:131 0 EOF; the lines of those who wait have "->" behind the
+    // 1: FLOCK  ADVISORY  WRITE 4711 fe:00:131 0 EOF; the lines of waiting processes have "->" behind the
     // number.
     std::ifstream locks("/proc/locks");
     for (std::string line; std::getline(locks, line);) {
@@ -365,7 +364,7 @@ lockFileBuf::int_type lockFileBuf::underflow()
     if (state == nullptr)
         return traits_type::eof();
     if (state->usesJournal) {
-        // Handed out whole; behind its end there is nothing to read.
+        // Returned as a whole; nothing follows it.
         char* const begin = state->fromJournal.data();
         if (gptr() != nullptr || state->fromJournal.empty())
             return traits_type::eof();

@@ -26,7 +26,7 @@ std::string headFor(std::size_t oldSize, std::size_t newSize)
     return head;
 }
 
-/// The size of the old content in the whole file `text`. False when the file is none of ours.
+/// The size of the old content in the whole file `text`. False when the file is not a journal.
 bool parseHead(const std::string& text, std::size_t& oldSize)
 {
     if (text.size() < headSize)
@@ -37,16 +37,16 @@ bool parseHead(const std::string& text, std::size_t& oldSize)
            text.starts_with(headFor(oldSize, text.size() - headSize - oldSize));
 }
 
-/// Whether the owner of `journal` may say what `file` holds. In a sticky folder everybody can make files, but
-/// not replace those of others.
+/// Whether the owner of `journal` is trusted for the content of `file`. In a sticky folder all users can
+/// create files, but not replace those of others.
 bool isBelieved(const struct stat& folder, const struct stat& file, const struct stat& journal)
 {
     return (folder.st_mode & S_ISVTX) == 0 || journal.st_uid == file.st_uid || journal.st_uid == 0 ||
            journal.st_uid == geteuid() || journal.st_uid == folder.st_uid;
 }
 
-/// Whether overwriting `before` with `after`, broken off anywhere, can have left `now`. What has been added
-/// may be on the disk as zeros only.
+/// Whether overwriting `before` with `after`, interrupted anywhere, can have left `now`. The added part may
+/// be on the disk as zeros only.
 bool isMixture(const std::string& now, const std::string& before, const std::string& after)
 {
     if (now.size() < std::min(before.size(), after.size()) ||
@@ -60,12 +60,12 @@ bool isMixture(const std::string& now, const std::string& before, const std::str
     return true;
 }
 
-/// Those who may read `file` may read `journal`, and nobody else.
+/// Gives `journal` the read rights of `file`.
 bool takeRights(btkHandle file, const struct stat& status, btkHandle journal)
 {
     if (btkCopyOwner(file, journal))
         return btkCopyRights(file, journal);
-    // The owner then counts as one of the others.
+    // The owner then has the rights of others.
     return (status.st_mode & S_IROTH) != 0 && fchown(journal, static_cast<uid_t>(-1), status.st_gid) == 0 &&
            btkCopyRights(file, journal);
 }
@@ -129,7 +129,7 @@ bool updateJournal::Remove() const
 {
     if (unlinkat(folder, name.c_str(), 0) == 0 || errno == ENOENT)
         return true;
-    // Those who may write the file may at least empty this one.
+    // Users who may write the file may at least truncate this one.
     const btkFd journal(openat(folder, name.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     return journal && ftruncate(journal.Get(), 0) == 0;
 }

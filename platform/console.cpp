@@ -8,7 +8,7 @@
 
 namespace {
 
-// Used in a signal handler.
+// Accessed in a signal handler.
 std::atomic<PHANDLER_ROUTINE> current = nullptr;
 std::atomic<int> running = 0; // threads that are in the handler
 static_assert(std::atomic<PHANDLER_ROUTINE>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
@@ -26,7 +26,7 @@ void DoAsBefore(const ConsoleSignal& signal, siginfo_t* info, void* context)
     if ((signal.before.sa_flags & SA_SIGINFO) != 0) {
         signal.before.sa_sigaction(signal.number, info, context);
     } else if (signal.before.sa_handler == SIG_DFL) {
-        // Happens as soon as this handler is left.
+        // Takes effect when this handler returns.
         struct sigaction action = signal.before;
         sigaction(signal.number, &action, nullptr);
         raise(signal.number);
@@ -63,7 +63,7 @@ BOOL SetConsoleCtrlHandler(PHANDLER_ROUTINE handler, BOOL add)
         action.sa_sigaction = &OnSignal;
         action.sa_flags = SA_SIGINFO | SA_RESTART;
         for (ConsoleSignal& signal : consoleSignals) {
-            // Known before the handler can be called.
+            // Set before the handler can be called.
             sigaction(signal.number, nullptr, &signal.before);
             sigaction(signal.number, &action, nullptr);
         }

@@ -13,7 +13,7 @@
 
 namespace {
 
-/// Copies `text` out; when it does not fit, `*size` receives the size that is needed.
+/// Copies `text` out; when it does not fit, `*size` receives the required size.
 bool copyOut(const std::string& text, char* buffer, DWORD* size)
 {
     const auto needed = static_cast<DWORD>(text.size() + 1);

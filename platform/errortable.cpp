@@ -104,7 +104,7 @@ constexpr TextRow texts[] = {
     {ERROR_CANT_RESOLVE_FILENAME, "too many soft links"},
 };
 
-/// Whether the directory that holds the last name of `hostPath` is there.
+/// Whether the parent directory of `hostPath` exists.
 bool parentExists(const std::string& hostPath)
 {
     const std::size_t last = hostPath.find_last_not_of('/');

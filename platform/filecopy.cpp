@@ -26,7 +26,7 @@ bool writeAll(int target, const char* data, std::size_t size)
     return true;
 }
 
-/// Whether an error of a kernel copy says that these two files cannot be copied that way.
+/// Whether an error of a kernel copy means that these two files cannot be copied that way.
 bool isUnsupported(int error)
 {
     return error == EXDEV || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP || error == EPERM ||
@@ -35,7 +35,7 @@ bool isUnsupported(int error)
 
 enum class Copied { all, fewer, failed };
 
-/// The copying of the contents of one open file to another.
+/// Copies the contents of one open file to another.
 class ContentsCopy
 {
 public:
@@ -48,13 +48,13 @@ public:
             return copySparse(status.st_size);
         if (lseek(source, 0, SEEK_SET) < 0)
             return false;
-        // Files of the kernel's own (/proc) say that they are empty and are not.
+        // Kernel files (/proc) report size 0 but are not empty.
         const Copied copied = status.st_size > 0 ? copyInKernel(status.st_size) : Copied::fewer;
         return copied == Copied::all || (copied == Copied::fewer && copyByBlocks());
     }
 
 private:
-    /// False when the watcher wants no more.
+    /// False when the watcher ends the copy.
     bool tell(off_t size) const
     {
         if (watcher == nullptr || size == 0 || watcher->Advance(size))
@@ -63,7 +63,7 @@ private:
         return false;
     }
 
-    /// Copies `size` bytes from the current positions inside the kernel; `fewer` when it gave up before.
+    /// Copies `size` bytes from the current positions inside the kernel; `fewer` when it stopped before.
     Copied copyInKernel(off_t size) const
     {
         const std::size_t longest = watcher == nullptr ? kernelStep : watchedStep;
@@ -89,7 +89,7 @@ private:
         return Copied::all;
     }
 
-    /// Copies from the current positions to the end of the source by reading and writing.
+    /// Copies from the current positions to the end of the source by read and write calls.
     bool copyByBlocks() const
     {
         char block[blockSize];
@@ -102,7 +102,7 @@ private:
         }
     }
 
-    /// Copies the runs of data of a file that has holes; the holes stay.
+    /// Copies the data extents of a sparse file; the holes stay.
     bool copySparse(off_t size) const
     {
         off_t data = 0;
@@ -147,11 +147,11 @@ int platOpenAt(int folder, const char* name, int flags, unsigned mode)
 
 int platOpenRegular(int folder, const char* name, int flags, unsigned mode, struct stat& status)
 {
-    // O_NONBLOCK: a pipe without a peer is not waited on.
+    // O_NONBLOCK: opening a pipe without a peer does not block.
     platDescriptor file(platOpenAt(folder, name, flags | O_NONBLOCK | O_NOCTTY, mode));
     if (!file || fstat(file.get(), &status) != 0) {
         if (errno == ENXIO)
-            errno = EACCES; // a socket, or a pipe nobody reads
+            errno = EACCES; // a socket, or a pipe without a reader
         return -1;
     }
     if (!S_ISREG(status.st_mode)) {

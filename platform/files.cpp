@@ -23,8 +23,8 @@ constexpr unsigned temporaryFileMode = 0600;
 constexpr unsigned temporaryDirectoryMode = 0700;
 constexpr long long stepsASecond = 10000000; // of a FILETIME
 
-/// A handle is the descriptor plus one, so that neither null nor INVALID_HANDLE_VALUE is a descriptor; above
-/// that stands the process that has locked the file, 0 for none.
+/// A handle is the descriptor plus one, so that neither null nor INVALID_HANDLE_VALUE is a descriptor; the
+/// bits above hold the process that has locked the file, 0 for none.
 static_assert(sizeof(HANDLE) == 8);
 
 HANDLE handleOf(int descriptor, pid_t locker)
@@ -43,7 +43,7 @@ pid_t lockerOf(HANDLE file)
     return static_cast<pid_t>(reinterpret_cast<std::intptr_t>(file) >> 32);
 }
 
-/// The host's flags for a disposition, or -1.
+/// The open flags for a disposition, or -1.
 int openFlags(DWORD disposition)
 {
     switch (disposition) {
@@ -76,7 +76,7 @@ DWORD attributesOf(const struct stat& status)
     return S_ISDIR(status.st_mode) ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
 }
 
-/// Moves without replacing where the file system cannot do it in one step.
+/// Moves without replacing, on file systems that cannot do it atomically.
 int moveInSteps(const std::string& from, const std::string& to)
 {
     if (link(from.c_str(), to.c_str()) == 0) {
@@ -89,7 +89,7 @@ int moveInSteps(const std::string& from, const std::string& to)
     }
     if (errno != EPERM && errno != EOPNOTSUPP)
         return -1;
-    // A directory, or a file system without further links.
+    // A directory, or a file system without hard links.
     struct stat status;
     if (lstat(to.c_str(), &status) == 0) {
         errno = EEXIST;
@@ -168,7 +168,7 @@ HANDLE CreateFileA(const char* path, DWORD access, DWORD share, SECURITY_ATTRIBU
     const int mode = !writes ? O_RDONLY : (access & GENERIC_READ) != 0 ? O_RDWR : O_WRONLY;
     const bool exclusive = writes && (share & FILE_SHARE_WRITE) == 0;
 
-    // Emptying waits until the lock is held: a file that another writes stays whole.
+    // Truncate only under the lock: a file that another process is writing stays whole.
     struct stat status;
     platDescriptor file(
         platOpenRegular(AT_FDCWD, host.c_str(), mode | (how & ~O_TRUNC), newFileMode, status));
@@ -192,10 +192,10 @@ HANDLE CreateFileA(const char* path, DWORD access, DWORD share, SECURITY_ATTRIBU
 
 BOOL CloseHandle(HANDLE file)
 {
-    // A forked child's copy of the descriptor would keep the lock; the child itself leaves it to the parent.
+    // A forked child's copy of the descriptor would keep the lock; the child itself does not unlock.
     if (file != INVALID_HANDLE_VALUE && lockerOf(file) == getpid())
         flock(descriptorOf(file), LOCK_UN);
-    // Not repeated when interrupted: the host has given the descriptor up by then.
+    // Not retried after EINTR: the kernel has closed the descriptor by then.
     if (close(descriptorOf(file)) == 0 || errno == EINTR)
         return TRUE;
     return platFail();
@@ -280,7 +280,7 @@ BOOL MoveFileExA(const char* from, const char* to, DWORD)
         moved = moveInSteps(hostFrom, hostTo);
     if (moved == 0)
         return TRUE;
-    // Which of the two paths a "not found" is about does not matter: both numbers mean the same to callers.
+    // A "not found" may concern either path: both numbers mean the same to callers.
     return platFailOn(hostFrom);
 }
 

@@ -18,13 +18,13 @@
 
 namespace {
 
-/// The mode of a new folder while its contents are copied: nobody else may look yet.
+/// The mode of a new folder while its contents are copied: accessible to its owner only.
 constexpr unsigned newFolderMode = 0700;
-/// What a copy keeps of a mode: of a folder setgid and the sticky bit, too.
+/// The mode bits that a copy keeps: for a folder also setgid and the sticky bit.
 constexpr unsigned keptFileBits = 0777;
 constexpr unsigned keptFolderBits = 03777;
 
-/// So many of the lowest folders on a way are held open.
+/// The number of the lowest folders of a descent that are held open.
 constexpr std::size_t mostOpen = 32;
 
 bool hostDone(int result)
@@ -60,7 +60,7 @@ bool isDots(const char* name)
 }
 
 /// Splits a host path without separators at its end into the directory and the name in it. The root, "." and
-/// ".." are named "." in themselves: they have no other name that is sure.
+/// ".." are named "." within themselves: they have no other reliable name.
 void splitHost(const std::string& host, std::string& directory, std::string& name)
 {
     const std::size_t slash = host.rfind('/');
@@ -175,7 +175,7 @@ bool platFolder::Close()
     return hostDone(closed);
 }
 
-/// Closes the folder and remembers what is left to be read in it. One that cannot be read on stays open.
+/// Closes the folder and remembers its unread entries. If they cannot be read, it stays open.
 void platFolder::release()
 {
     struct stat status;
@@ -328,7 +328,7 @@ unsigned long long platFolder::Mount(const char* name, platLinks links) const
     const int flags = AT_EMPTY_PATH | AT_NO_AUTOMOUNT | (links == platKeepLinks ? AT_SYMLINK_NOFOLLOW : 0);
     if (statx(descriptor, name, flags, STATX_MNT_ID, &status) != 0)
         return 0;
-    // A kernel that does not know mounts by number tells devices apart.
+    // Kernels without mount numbers: use the device number.
     return (status.stx_mask & STATX_MNT_ID) != 0 ? status.stx_mnt_id
                                                  : makedev(status.stx_dev_major, status.stx_dev_minor);
 }
@@ -409,7 +409,7 @@ bool platDescent::Leave()
 
 namespace {
 
-/// The removal of what a folder holds.
+/// The removal of a folder's contents.
 class Removal
 {
 public:
@@ -441,7 +441,7 @@ private:
     enum class Outcome { done, gone, left, again, ended };
 
     const char* name() const { return path.c_str() + path.rfind('/') + 1; }
-    /// The node at hand has been dealt with; the folder that holds it is the one at hand.
+    /// The current node is finished; the folder that holds it becomes the current one.
     bool next(Outcome outcome)
     {
         path.resize(path.rfind('/'));
@@ -451,7 +451,7 @@ private:
     }
 
     bool isElsewhere() { return mount != 0 && way.Last().Mount(name()) != mount; }
-    /// Whether the folder at `depth` is not going to be empty.
+    /// Whether the folder at `depth` will not be empty.
     bool isLeftAt(std::size_t depth) const { return leftAt && *leftAt >= depth; }
     bool passOver()
     {
@@ -470,7 +470,7 @@ private:
         return outcome == Outcome::done || next(outcome);
     }
 
-    /// Removes the folder at hand, whose contents have been dealt with.
+    /// Removes the current folder, whose contents are finished.
     bool finish()
     {
         const std::size_t depth = way.Depth();
@@ -494,7 +494,7 @@ private:
         return outcome;
     }
 
-    /// What becomes of the node at hand, on which something has failed.
+    /// How to continue with the current node after a failure.
     Outcome decide()
     {
         const DWORD error = GetLastError();
@@ -510,9 +510,9 @@ private:
 
     platDescent way;
     platTreeWatcher* watcher;
-    unsigned long long mount;          // the only one that is worked on; 0: all are
-    std::string path;                  // of the node at hand in host names, each with a separator before it
-    std::optional<std::size_t> leftAt; // the depth of the lowest folder on the way in which something is left
+    unsigned long long mount;          // the only mount to work on; 0: all
+    std::string path;                  // the current node's host names, each with a separator before it
+    std::optional<std::size_t> leftAt; // the depth of the lowest folder on the path with nodes left in it
     bool isFinished = false;
 };
 

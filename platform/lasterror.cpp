@@ -1,5 +1,5 @@
-// Alone in its file: where this folder is linked in twice (a test and the shared library), one of the two
-// keeps the number for both.
+// Alone in its file: when this folder is linked twice (into a test and the shared library), both share one
+// copy of the number.
 #include "lasterror.h"
 
 namespace {

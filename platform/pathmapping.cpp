@@ -20,11 +20,11 @@ constexpr std::string_view shownBackslash = "\xEF\x81\x9C"; // U+F05C
 constexpr std::string_view shownEscape = "\xEF\x81\x9D";    // U+F05D
 constexpr std::string_view shownColon = "\xEF\x80\xBA";     // U+F03A
 
-/// The forms by which names are shown that would be taken for something else.
+/// The substitute forms of bytes in names that would otherwise be misread.
 struct Shown
 {
     std::string_view form;
-    char hostByte; // 0: the form that stands before each of these where the host's name holds it
+    char hostByte; // 0: the escape that precedes each of these when the host name contains it
 };
 constexpr Shown shownForms[] = {{shownBackslash, '\\'}, {shownColon, ':'}, {shownEscape, '\0'}};
 constexpr std::string_view drivePrefix = "QELSTD_DRIVE_";
@@ -49,7 +49,7 @@ bool isLetter(char c)
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 }
 
-/// The form that `text` begins with, or null.
+/// The form at the beginning of `text`, or null.
 const Shown* shownAtBegin(std::string_view text)
 {
     for (const Shown& shown : shownForms)
@@ -58,7 +58,7 @@ const Shown* shownAtBegin(std::string_view text)
     return nullptr;
 }
 
-/// Whether the ":" at `at` would make a drive of the beginning of a name, or a remote path.
+/// Whether the ":" at `at` would turn the beginning of a name into a drive, or the name into a remote path.
 bool isTakenForMore(std::string_view hostName, std::size_t at)
 {
     const auto byteAt = [hostName](std::size_t place) { // 0 before and behind the name
@@ -68,7 +68,7 @@ bool isTakenForMore(std::string_view hostName, std::size_t at)
     return isDrive || byteAt(at + 1) == ':' || byteAt(at - 1) == ':';
 }
 
-/// The letter of the drive that `path` begins with, in upper case; 0 when there is none.
+/// The drive letter of `path`, in upper case; 0 when there is none.
 char driveLetter(const char* path)
 {
     return isLetter(path[0]) && path[1] == ':' ? static_cast<char>(path[0] & ~0x20) : '\0';
@@ -92,13 +92,13 @@ Drives readDrives()
     return drives;
 }
 
-/// The drives as the environment has them now, without a look at it unless it has changed.
+/// The current drives of the environment, which is read again only after a change.
 class DriveTable
 {
 public:
     static const Drives& Get()
     {
-        static DriveTable* const only = new DriveTable; // never freed: used while the process ends
+        static DriveTable* const only = new DriveTable; // never freed: used during process exit
         return only->asOf(btkEnvironment::Changes());
     }
 
@@ -120,12 +120,12 @@ private:
     }
 
     std::mutex guard;
-    std::list<Drives> seen; // all that were ever in force: readers hold none of them long, but without a lock
+    std::list<Drives> seen; // all tables so far: readers use them without a lock
     std::atomic<const Drives*> current = nullptr;
     std::atomic<std::uint64_t> readAt = 0;
 };
 
-/// Whether there is but drive C, which is the host's root: paths are the host's own then.
+/// Whether C is the only drive and is the host's root: paths are then host paths.
 bool isPlain(const Drives& drives)
 {
     return drives.size() == 1 && drives.front().root.empty();
@@ -139,7 +139,7 @@ const Drive* findDrive(const Drives& drives, char letter)
     return nullptr;
 }
 
-/// The drive whose root holds `host` and reaches deepest, or null.
+/// The drive whose root is the longest prefix of `host`, or null.
 const Drive* driveOf(const Drives& drives, std::string_view host)
 {
     const Drive* best = nullptr;
@@ -161,7 +161,7 @@ std::optional<std::string> currentHostDirectory()
 }
 
 /// `path` without the steps "." and "..", and with one separator before each step. Steps above the root are
-/// lost.
+/// dropped.
 std::string resolvedInText(std::string_view path)
 {
     std::vector<std::string_view> steps;
@@ -222,7 +222,7 @@ bool platHostPath(const char* path, std::string& host)
         return true;
     }
 
-    // Which drive the current directory is on matters to all but `D:\x`.
+    // All forms but `D:\x` depend on the drive of the current directory.
     const std::optional<std::string> directory =
         rooted && (single || letter != '\0') ? std::nullopt : currentHostDirectory();
     const Drive* current = directory ? driveOf(drives, *directory) : nullptr;
@@ -292,7 +292,7 @@ std::string platNativeName(std::string_view hostName)
 
 bool platIsShownAsIs(const char* hostName)
 {
-    constexpr const char* firstBytes = "\\:\xEF"; // of all that may be shown otherwise
+    constexpr const char* firstBytes = "\\:\xEF"; // of all bytes that may be shown otherwise
     return std::strpbrk(hostName, firstBytes) == nullptr;
 }
 
@@ -302,7 +302,7 @@ std::string platHostName(std::string_view nativeName)
     host.reserve(nativeName.size());
     while (!nativeName.empty()) {
         const Shown* form = shownAtBegin(nativeName);
-        if (form != nullptr && form->hostByte == '\0') { // the escape, of a form that follows
+        if (form != nullptr && form->hostByte == '\0') { // the escape, before another form
             const Shown* const escaped = shownAtBegin(nativeName.substr(form->form.size()));
             if (escaped != nullptr) {
                 nativeName.remove_prefix(form->form.size());

@@ -31,20 +31,20 @@ constexpr std::string_view valueEnding = ".value";
 constexpr std::size_t longestHead = 16384; // of a value's file, and of the file of a key's name
 constexpr std::size_t longestPath = 4096;
 
-/// Which names of a key.
+/// The kind of a key's names.
 enum Listed { listedKeys, listedValues };
 
-/// The names in a key as they were when the thread began to enumerate them. By thread: those that enumerate
-/// one key, or a root, at the same time do not disturb each other.
+/// The names in a key as they were when the thread began to enumerate them. Per thread, so that concurrent
+/// enumerations of one key, or a root, are independent.
 thread_local std::map<std::pair<HKEY, Listed>, std::vector<std::string>> listings;
 
-/// Only a node that is absent is "not found"; what is no folder where one belongs is something else.
+/// Only a node that is absent is "not found"; anything but a folder where one belongs is another error.
 long hostError()
 {
     return static_cast<long>(errno == ENOTDIR ? ERROR_DIRECTORY : platErrorOf(errno));
 }
 
-/// Where a call works: a folder and the beginning of the paths in it.
+/// The location of a call: a folder, and the prefix of the paths in it.
 struct Place
 {
     int folder = -1;
@@ -59,8 +59,8 @@ bool isRoot(HKEY key)
     return key == HKEY_CLASSES_ROOT || key == HKEY_CURRENT_USER;
 }
 
-/// An error for a key that is none, or when the store of a root cannot be opened. Makes a missing store when
-/// `create` is true.
+/// Returns an error for an invalid key, or when the store of a root cannot be opened. Makes a missing store
+/// when `create` is true.
 long findPlace(HKEY key, bool create, Place& place)
 {
     if (key == nullptr)
@@ -91,13 +91,13 @@ long findKey(HKEY parent, const char* path, bool create, Place& place, std::stri
     return error;
 }
 
-/// The error of a change inside a key: its folder is gone when it was deleted meanwhile.
+/// The error of a change inside a key: its folder no longer exists when the key was deleted meanwhile.
 long changeError(const Place& place)
 {
     return errno == ENOENT && !place.IsRoot() ? static_cast<long>(ERROR_KEY_DELETED) : hostError();
 }
 
-/// Appends the folders on `path`; the last one keeps `name` unless that is empty.
+/// Appends the folders on `path`; the last one stores `name` unless that is empty.
 void addSteps(std::vector<platStep>& steps, std::string_view path, const std::string& name)
 {
     for (std::size_t slash; (slash = path.find('/')) != std::string_view::npos; path.remove_prefix(slash + 1))
@@ -120,14 +120,14 @@ std::vector<platStep> stepsOf(const Place& place, std::string_view path)
     return steps;
 }
 
-/// Opens the folders of `steps` as far as they are there.
+/// Opens the existing folders of `steps`.
 class Walk
 {
 public:
     Walk(const Place& place, const std::vector<platStep>& allSteps) : begin(place.folder), steps(allSteps) {}
 
-    /// Writes names that are missing, unless `repair` is null. An error number; success also where a folder
-    /// is missing.
+    /// Writes names that are missing, unless `repair` is null. Returns an error number; success also for a
+    /// missing folder.
     long Go(platChange* repair)
     {
         opened = platDescriptor();
@@ -142,12 +142,12 @@ public:
                 continue;
             lacksName = true;
             if (repair != nullptr)
-                repair->Replace(Folder(), platNameFile, step.name); // the key can be used without it, too
+                repair->Replace(Folder(), platNameFile, step.name); // the key works without it, too
         }
         return ERROR_SUCCESS;
     }
 
-    /// The deepest folder there is.
+    /// The deepest existing folder.
     int Folder() const { return opened ? opened.get() : begin; }
     platDescriptor Take() { return std::move(opened); }
     bool IsWhole() const { return done == steps.size(); }
@@ -162,8 +162,8 @@ private:
     platDescriptor opened;
 };
 
-/// Opens the folders of `steps`, makes those that are missing, and writes names that are. `made` tells
-/// whether any folder was missing.
+/// Opens the folders of `steps`, creates the missing ones, and writes missing names. `made` receives whether
+/// any folder was missing.
 long makeFolders(const Place& place, platChange& change, Walk& walk, bool& made)
 {
     made = false;
@@ -179,7 +179,7 @@ long makeFolders(const Place& place, platChange& change, Walk& walk, bool& made)
     return error != ERROR_SUCCESS || walk.IsWhole() ? error : static_cast<long>(ERROR_KEY_DELETED);
 }
 
-/// Removes the folders that carry parts of the long name of `path`, as far as they are empty.
+/// Removes the empty folders that hold parts of the long name of `path`.
 void removeParts(const Place& place, std::string path)
 {
     for (std::size_t slash; (slash = path.rfind('/')) != std::string::npos;) {
@@ -191,16 +191,16 @@ void removeParts(const Place& place, std::string path)
     }
 }
 
-/// Whether the file `path` below a key is named as a value's file is.
+/// Whether the file `path` below a key has the name of a value's file.
 bool isValueFile(std::string_view path)
 {
     return path.ends_with(valueEnding) &&
            platNameOfFile(path.substr(0, path.size() - valueEnding.size())).has_value();
 }
 
-/// Whether nothing but values is in a key's folder: an error number, ERROR_ACCESS_DENIED for subkeys and
-/// ERROR_DIR_NOT_EMPTY for what is not the store's own. `prefix` leads to `folder`, which carries a part of a
-/// long name when it is not empty.
+/// Checks that a key's folder holds only values. Returns an error number: ERROR_ACCESS_DENIED for subkeys,
+/// ERROR_DIR_NOT_EMPTY for foreign files. `prefix` leads to `folder`, which carries a part of a long name
+/// when it is not empty.
 long checkDeletable(platFolder& folder, const std::string& prefix)
 {
     platEntry entry;
@@ -263,7 +263,7 @@ long readValue(const Place& place, const char* name, Value& value)
         text.append(block, static_cast<std::size_t>(std::max(count, ssize_t{0})));
         if (text.size() > 2 * largestValue)
             return ERROR_FILE_CORRUPT;
-    } while (count == sizeof block); // what is less ends the file, which never grows
+    } while (count == sizeof block); // a shorter read is the end of the file, which never grows
     if (count < 0)
         return hostError();
     const std::size_t line = text.find('\n');
@@ -306,15 +306,15 @@ bool collectFiles(platFolder& folder, const std::string& prefix, Listed what, st
     return GetLastError() == ERROR_NO_MORE_FILES;
 }
 
-/// Whether a caller can name a single key or value so.
+/// Whether a caller can use this as the name of a single key or value.
 bool canBeAsked(std::string_view name, Listed what)
 {
     return name.find('\0') == std::string_view::npos &&
            (what == listedValues || name.find('\\') == std::string_view::npos);
 }
 
-/// The name of the key or value that `file` keeps, as it was written. A text that does not lead to the file
-/// is not believed. Nothing when the file is none of the store's.
+/// The name of the key or value that `file` stores, as it was written. A name that does not map back to the
+/// file is ignored. Nothing when the file is not part of the store.
 std::optional<std::string> nameIn(const Place& place, const std::string& file, Listed what)
 {
     if (what == listedKeys) {
@@ -358,7 +358,7 @@ long takeListing(HKEY key, Listed what, std::vector<std::string>& names)
                  !collectFiles(folder, "", what, files))
             error = static_cast<long>(GetLastError());
     }
-    // A root that nothing has been written to is not there.
+    // A root without any written key does not exist.
     if (error == ERROR_FILE_NOT_FOUND)
         return static_cast<long>(isRoot(key) ? ERROR_SUCCESS : ERROR_KEY_DELETED);
     if (error != ERROR_SUCCESS)
@@ -405,7 +405,7 @@ long enumerate(HKEY key, Listed what, DWORD index, char* name, DWORD* size, std:
     return ERROR_SUCCESS;
 }
 
-/// Gives out the data of a value as far as the caller asked for it.
+/// Copies the data of a value to the caller's buffers.
 long answerValue(const Value& value, DWORD* type, unsigned char* data, DWORD* size)
 {
     if (type != nullptr)
@@ -584,7 +584,7 @@ long RegEnumValueA(HKEY key, DWORD index, char* name, DWORD* size, DWORD*, DWORD
     return answerValue(value, type, data, dataSize);
 }
 
-// ---- batches and where the store is
+// ---- batches and the location of the store
 
 std::string platRegistryFolder(HKEY root)
 {

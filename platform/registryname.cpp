@@ -18,7 +18,7 @@ int digitOf(char c)
     return c >= '0' && c <= '9' ? c - '0' : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
 }
 
-/// `text` with the bytes that its escapes stand for.
+/// `text` with its escapes decoded.
 std::string unescaped(std::string_view text)
 {
     std::string result;

@@ -27,7 +27,7 @@ constexpr const char* lockFile = ".lock";
 constexpr const char* unfinishedFolder = ".unfinished";
 constexpr std::size_t temporaryDigits = 16;
 
-/// What a batch of the thread has put off.
+/// The deferred syncs of the thread's batch.
 struct Batch
 {
     int depth = 0;
@@ -58,8 +58,8 @@ std::string userStorePath()
     return {};
 }
 
-/// Whether nothing is at `path`, and the way there ends in a folder: not in a link that leads nowhere, which
-/// may be what is left of a mounted file system.
+/// Whether `path` does not exist and its nearest existing parent is a folder, not a dangling link, which may
+/// belong to an unmounted file system.
 bool isAbsent(std::string path)
 {
     struct stat status;
@@ -74,7 +74,7 @@ bool isAbsent(std::string path)
     return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-/// Makes the directory `path` and those on the way to it.
+/// Creates the directory `path` and its missing parents.
 bool makeFolders(const std::string& path)
 {
     for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
@@ -85,7 +85,7 @@ bool makeFolders(const std::string& path)
     }
 }
 
-/// Says once if other users can change the store: it decides who may connect to servers.
+/// Warns once if other users can change the store: it holds the rights to connect to servers.
 void warnOfOtherWriters(const struct stat& status, const std::string& path)
 {
     static std::atomic<bool> warned = false;
@@ -93,7 +93,7 @@ void warnOfOtherWriters(const struct stat& status, const std::string& path)
         std::fprintf(stderr, "Warning: other users can write to the registry in %s\n", path.c_str());
 }
 
-/// A name that nothing else has.
+/// A unique name.
 std::string temporaryName()
 {
     constexpr char digits[] = "0123456789abcdef";
@@ -112,8 +112,7 @@ bool isTemporaryName(std::string_view name)
            name.find_first_not_of("0123456789abcdef") == std::string_view::npos;
 }
 
-/// Removes a file or folder that was not finished, with what is of the store's kind in it. Links and other
-/// files stay.
+/// Removes an unfinished file or folder, with the store's files in it. Links and other files stay.
 void removeLeftOver(platFolder& around, const platEntry& found)
 {
     const std::string name = found.hostName;
@@ -131,7 +130,7 @@ void removeLeftOver(platFolder& around, const platEntry& found)
     around.RemoveFolder(name.c_str());
 }
 
-/// Whether there is a regular file or nothing; errno says what else there is.
+/// Whether there is a regular file or no node; errno describes any other node.
 bool isFileOrAbsent(int folder, const char* name)
 {
     struct stat status;
@@ -148,7 +147,8 @@ std::string platStorePath(bool ofSystem)
     if (std::string given = variable("QELSTD_REGISTRY"); !given.empty())
         return given;
     struct stat status;
-    // Whatever is there is in force: a link that leads nowhere is an error, not the user's own tree.
+    // Any existing node takes precedence: a dangling link is an error and does not select the user's own
+    // tree.
     if (ofSystem && (lstat(systemStore, &status) == 0 || (errno != ENOENT && errno != ENOTDIR)))
         return systemStore;
     return userStorePath();
@@ -232,7 +232,7 @@ platChange::platChange(const platStore& changed) : store(changed), owner(getpid(
 
 platChange::~platChange()
 {
-    // Closing would not unlock while a child that was forked meanwhile has the descriptor, too.
+    // Closing would not unlock while a child forked meanwhile holds the descriptor.
     if (lock && getpid() == owner)
         flock(lock.get(), LOCK_UN);
 }
@@ -258,7 +258,7 @@ bool platChange::write(int folder, const char* name, std::string_view text) cons
             return false;
         text.remove_prefix(static_cast<std::size_t>(count));
     }
-    // On the disk before its name is: after a loss of power, the old value is there or the new one.
+    // Synced before its rename: after a loss of power, the old or the new value exists.
     return (!store.isShared || fchmod(file.get(), sharedFile) == 0) &&
            (batch.depth > 0 || btkRetry([&] { return fdatasync(file.get()); }) == 0) &&
            close(file.release()) == 0;
@@ -311,7 +311,7 @@ bool platChange::RemoveTree(int folder, const char* name)
     const std::string temporary = temporaryName();
     if (renameat(folder, name, unfinished.get(), temporary.c_str()) != 0)
         return false;
-    // The key is gone with the rename; what is left of it may stay until the next change.
+    // The rename deletes the key; its remains may stay until the next change.
     const bool isSynced = sync(folder);
     const int error = errno;
     removeUnfinished(temporary);
