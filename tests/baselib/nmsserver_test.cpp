@@ -446,7 +446,7 @@ TEST(NameClient, CallsEndWithLyingAndSilentServers)
     nmsSetAnswerLimit(btkTimeval(10, 0));
 }
 
-TEST(NameClient, TakesThePortFromTheEnvironment)
+TEST(NameClient, ReadsThePortFromTheEnvironment)
 {
     const struct
     {
