@@ -255,7 +255,7 @@ TEST_F(Config, OpensRegularFilesOnly)
     file.Close();
 }
 
-TEST_F(Config, TakesNativePaths)
+TEST_F(Config, AcceptsNativePaths)
 {
     EnvSetting drive("QELSTD_DRIVE_X", dir.path());
     hmxConfigFile file;
