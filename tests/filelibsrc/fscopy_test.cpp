@@ -62,7 +62,7 @@ Raised refused(int code, const char* path)
 
 } // namespace
 
-TEST_F(Copying, TakesATreeWithItsModesAndTimes)
+TEST_F(Copying, KeepsModesAndTimesOfATree)
 {
     dir.write("from/a/file", "1");
     dir.write("from/a\\b", "2");
@@ -131,7 +131,7 @@ TEST_F(Copying, NeedsTheParentUnlessToldToCreateIt)
     EXPECT_EQ(dir.read("c/d/tree/file"), "y");
 }
 
-TEST_F(Copying, TreatsLinksAsTheModeSays)
+TEST_F(Copying, TreatsLinksAccordingToTheMode)
 {
     dir.write("from/file", "1");
     dir.write("outside/inner", "2");

@@ -478,7 +478,7 @@ TEST_F(Files, AreFoundByPatternsInEveryEntry)
 
 // ---- queries
 
-TEST_F(Files, AnswerQueriesAboutNodes)
+TEST_F(Files, ReportKindSizeAndTimeOfNodes)
 {
     dir.write("file", "123");
     dir.makeDir("sub");
