@@ -50,7 +50,7 @@ TEST_F(FileStream, OpensByItsMode)
     EXPECT_EQ(TextOf(created->getPath()), dir.path("f"));
 }
 
-TEST_F(FileStream, TakesNativePaths)
+TEST_F(FileStream, AcceptsNativePaths)
 {
     dir.write("f", "7");
     std::string native = "C:" + dir.path("f");
