@@ -403,7 +403,7 @@ TEST(netSocketStream, BuffersAtMostItsBudgetsOfAPeersData)
     EXPECT_EQ(others.in->PeekNBytes(), 0u);
 }
 
-TEST(netSocketStream, KnowsItsPeersAddress)
+TEST(netSocketStream, ReportsItsPeersAddress)
 {
     btkAcceptSocket door;
     ASSERT_TRUE(door.Listen(0, nullptr));
