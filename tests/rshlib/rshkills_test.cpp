@@ -195,7 +195,7 @@ TEST_F(RelayUnderKills, EndsSoonAndLeavesNoProcess)
     for (int round = 0; round < rounds; ++round) {
         const auto victim = static_cast<Victim>(round % 4);
         const bool isEarly = victim != Command && random() % 2 == 0;
-        // A client that reads nothing gets no end of its input, and soon cannot send to its server.
+        // A command that reads nothing sees no end of its input, and soon no data reaches its server.
         const bool reads = victim == Server || victim == Command || random() % 2 == 0;
         const auto delay = microseconds(random() % (isEarly ? 3000 : reads ? 10000 : 100000));
         SCOPED_TRACE(std::to_string(round) + ": " + victims[victim] + (isEarly ? ", early" : "") +

@@ -339,7 +339,7 @@ TEST(rshProcess, AcceptsTheEndFromAServerThatReadsNothing)
     EXPECT_EQ(stuck.process->GetExitCode(), 5);
 }
 
-TEST(rshProcess, EndsWhenTheServerCannotBeToldToEndTheCommand)
+TEST(rshProcess, EndsWhenTerminationCannotReachTheServer)
 {
     Stuck stuck;
     for (int time = 0; time < 100; ++time)
