@@ -63,7 +63,7 @@ struct Row
     std::vector<xany> values; // of the class's own attributes
 };
 
-/// A class whose own attributes are the arguments of its Throw.
+/// The row of a class whose own attributes are the arguments of its Throw.
 template<class T, class... A>
 Row rowOf(const char* type, const char* attrs, const char* description, A... arguments)
 {
@@ -180,7 +180,7 @@ TEST(TransportExceptions, AreDescribedAndOutliveEveryRelease)
     EXPECT_EQ(qelClassOf(xportXTimeout::getClassRtti())->rebuild, nullptr);
 }
 
-TEST(TransportExceptions, AreMadeWithoutBeingThrown)
+TEST(TransportExceptions, CanBeCreatedWithoutBeingThrown)
 {
     xportXNullInNonOptArg* const made = xportXNullInNonOptArg::Create("count");
     EXPECT_TRUE(made->getParamName() == "count");

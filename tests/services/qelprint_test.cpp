@@ -277,7 +277,7 @@ TEST(qelPrint, ReportsFailuresLikeOtherOutput)
     EXPECT_EQ(Pair::alive(), 0);
 }
 
-TEST(qelPrint, LetsItsThreadBeCancelled)
+TEST(qelPrint, ThreadCanBeCancelledWhilePrinting)
 {
     const auto cancelled = [](void* (*printing)(void*)) {
         pthread_t thread;

@@ -2,9 +2,9 @@
  *
  * FAMILY                       xint: the prefix of the functions
  * SEQUENCE_NAME, DICTIONARY_NAME  the registered names
- * RESULT                       the element as it comes out; BLANK, one to begin with
+ * RESULT                       the type of a returned element; BLANK, its initial value
  * FIRST, SECOND, THIRD         three different elements
- * IS(result, value)            whether the result is that element; frees a string
+ * IS(result, value)            whether the result is that element; unlocks a string
  * IS_UNINIT(result)            whether it is the marker
  * IS_MISS(result)              whether it is the value of an out argument when the key is missing */
 

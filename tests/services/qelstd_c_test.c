@@ -19,7 +19,7 @@ static void check(int holds, const char* condition, const char* file, int line)
 
 #define CHECK(condition) check((condition) != 0, #condition, __FILE__, __LINE__)
 
-/* Whether `s` is that text, null for the null string; frees it. */
+/* Whether `s` is that text, null for the null string; unlocks it. */
 static int isText(__xstring_c s, const char* expected)
 {
     const char* const text = xstrgetmb_c(s);

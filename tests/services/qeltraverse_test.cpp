@@ -325,7 +325,7 @@ TEST(qelTraverse, WalksTheMemberThatTheDiscriminatorSelects)
 
 TEST(qelTraverse, WalksAUnionOnTopOfAnotherWithTheMembersOfBoth)
 {
-    // The own part takes the parent's member where it has none itself.
+    // A label without a member of its own uses the parent's member.
     EXPECT_EQ(record(new WiderChoice(1)), "union test::WiderChoice\n"
                                           "  discriminator test::Choice.Kind\n"
                                           "    int 1\n"

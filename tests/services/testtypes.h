@@ -218,7 +218,7 @@ public:
     xstring getMore() const { return "more"; }
 };
 
-// ---- descriptors made by hand
+// ---- descriptors without a table
 
 /// An object of whatever class the given descriptor describes. Not counted.
 class Described : public virtual xobject
