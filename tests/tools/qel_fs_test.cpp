@@ -139,7 +139,7 @@ TEST_F(QelFs, CopiesFilesTreesAndLinks)
     EXPECT_EQ(dir.read("missing/way/a"), "1");
 }
 
-TEST_F(QelFs, RefusesCopiesThatMakeNoSense)
+TEST_F(QelFs, RejectsInvalidCopies)
 {
     dir.write("a", "1");
     dir.write("b", "2");
@@ -322,7 +322,7 @@ TEST_F(QelFs, LeavesNoPartialFileWhenInterrupted)
     const std::filesystem::directory_iterator copies(dir.path("copy"));
     EXPECT_EQ(std::distance(begin(copies), end(copies)), whole);
     EXPECT_GT(whole, 0);
-    if (whole < files) { // otherwise the interrupt came too late
+    if (whole < files) { // otherwise the interrupt arrived too late
         EXPECT_EQ(status, 3);
         EXPECT_NE(said.find(": interrupted"), std::string::npos) << said;
     }

@@ -21,7 +21,7 @@ using testing::StartsWith;
 
 namespace {
 
-// A monitor file with a parameter of each type, made by the program.
+// A monitor file with a parameter of each type, created by the program.
 class QelMon : public testing::Test
 {
 protected:

@@ -135,7 +135,7 @@ TEST(QelNs, KeepsItsRecordsWhileItRestarts)
     EXPECT_EQ(Qel("ns list").output, "0 _ServerName=a\n");
 }
 
-// Each command ends with its limit, whatever the name server does.
+// Each command exits within its limit, whatever the name server does.
 TEST(QelNs, KeepsItsLimits)
 {
     const HostilePeer silent;

@@ -295,7 +295,7 @@ TEST(QelRshd, RefusesToServeEveryMachine)
 
     EXPECT_EQ(allow("10.1.* 192.168.0.5"), 0);
     const auto answer = [](const char* from, int port,
-                           char byte = 0) { // to the byte that asks for a connection
+                           char byte = 0) { // the reply to the byte that requests a connection
         const btkFd socket(connectFrom(from, "10.9.9.9", port));
         return socket && btkWrite(socket.Get(), &byte, 1) == 1 && btkRead(socket.Get(), &byte, 1) == 1 ? byte
                                                                                                        : -1;
