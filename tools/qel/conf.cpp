@@ -38,7 +38,7 @@ std::string Pressed(const std::string& key)
     return pressed.CastToCString();
 }
 
-/// " by process 4711 (editor)", and so on; nothing when the host does not say who it is.
+/// " by process 4711 (editor)", and so on; nothing when the process is unknown.
 std::string HoldersOf(const std::string& path)
 {
     std::string text;
@@ -63,7 +63,7 @@ std::string HoldersOf(const std::string& path)
     FailForLastError(path);
 }
 
-/// Calls `open` with a number of seconds that it may wait for its turn. After a second it says who has the
+/// Calls `open` with the seconds that it may wait for the lock. After one second, reports the holders of the
 /// file. False when it cannot be opened.
 bool OpenInTurn(const std::string& path, const Choices& choices, const std::function<bool(double)>& open)
 {
@@ -115,7 +115,7 @@ Json EntriesOf(const hmxConfigFile& file)
     return entries;
 }
 
-/// As it is for another program, and without what a terminal would obey for a person.
+/// Unchanged for another program; without control characters for a terminal.
 std::string Exactly(const std::string& text)
 {
     return btkIsTerminal(1) ? Printable(text) : text;

@@ -1,4 +1,4 @@
-// What a platform error is, in words and as an exit status.
+// Platform errors as texts and exit statuses.
 #include "files.h"
 
 #include <algorithm>
@@ -44,7 +44,7 @@ void FailForLastError(const std::string& what)
 
 CommandFailed FileFailureOf(xthrowable* caught)
 {
-    // What the text of an exception's class says already.
+    // Errors that the text of the exception's class already describes.
     constexpr unsigned said[] = {ERROR_FILE_NOT_FOUND,  ERROR_ACCESS_DENIED,  ERROR_NOT_SUPPORTED,
                                  ERROR_FILE_EXISTS,     ERROR_DISK_FULL,      ERROR_INVALID_NAME,
                                  ERROR_BAD_PATHNAME,    ERROR_ALREADY_EXISTS, ERROR_IO_DEVICE,
@@ -70,7 +70,7 @@ CommandFailed FileFailureOf(xthrowable* caught)
     CommandFailed failed = FailureOf(caught, isAnswer ? Exit::no : Exit::peer);
     if (isInterrupted)
         failed.why = "interrupted";
-    else if (isAnyOther) // its own text says nothing
+    else if (isAnyOther) // its own text has no information
         failed.why = reason;
     else if (!reason.empty())
         failed.why += ": " + reason;

@@ -54,7 +54,7 @@ std::string Joined(const std::string& directory, const std::string& name)
     return IsSeparator(directory.back()) ? directory + name : directory + '/' + name;
 }
 
-/// Runs a command of this group; what the file library throws becomes its failure.
+/// Runs a command of this group; exceptions of the file library become its failure.
 template<class Work>
 void Tried(Work work)
 {
@@ -65,7 +65,8 @@ void Tried(Work work)
     }
 }
 
-/// Shows how long work gets on, and ends it when the user interrupts the program: so no half file is left.
+/// Shows the progress of work, and ends it when the user interrupts the program, so that no partial file is
+/// left.
 class Watch : public fsProgressHandler
 {
 public:
@@ -74,7 +75,7 @@ public:
         ++calls;
         if (total > 0)
             line.Show(ShownAs(LastEntry(path)), done, total);
-        else // what is removed, and files with nothing in them
+        else // removed nodes, and empty files
             line.ShowCount(ShownAs(LastEntry(path)), calls);
         return interrupt == nullptr || interrupt->getIsSignaled() == 0;
     }
@@ -86,11 +87,11 @@ private:
         pcInterruptEvent::Create(), [](pcInterruptEvent* event) { xdelete(event); }};
 };
 
-/// Keeps what could not be done, and goes on when it is to.
+/// Collects failures, and continues if requested.
 class LeftOut : public fsFailureHandler
 {
 public:
-    /// `name` is that of the command. `ignores`: what is not there is no failure.
+    /// `name` is that of the command. `ignores`: a missing node is not a failure.
     LeftOut(const char* name, bool keepGoing, bool ignores = false)
         : command(name), goesOn(keepGoing), ignoresAbsent(ignores)
     {
@@ -102,13 +103,13 @@ public:
             return fsSkip;
         if (!goesOn)
             return fsStop;
-        xrcattach(failure); // for the one that the next call releases
+        xrcattach(failure); // balances the release in the next call
         all.push_back(FileFailureOf(failure));
         all.back().what = ShownAs(path);
         return fsSkip;
     }
 
-    /// Ends the command when something was left out.
+    /// Ends the command with a failure when nodes were skipped.
     void Tell() const
     {
         for (const CommandFailed& failed : all)
@@ -148,11 +149,11 @@ std::string TimeText(tmTime* time)
     return tmTime::TimeToString(time, "%Y-%m-%dT%H:%M:%S%z").CastToCString();
 }
 
-/// What is known of the node at `path`, under the name that is printed.
+/// The status of the node at `path`, under its printed name.
 Json NodeOf(const std::string& path, const std::string& name)
 {
     fsNodeInfo info;
-    if (info.Initialize(path.c_str()) == 0) // a link that leads nowhere, or gone by now
+    if (info.Initialize(path.c_str()) == 0) // a dangling link, or deleted meanwhile
         return {{"name", name}, {"type", nullptr}, {"size", nullptr}, {"modified", nullptr}};
     const bool isDirectory = info.getType() == fsDirectory;
     return {{"name", name},
@@ -193,7 +194,7 @@ void List(const ListChoices& choices)
     const std::string path = PathOf(choices.path);
     if (fshIsDirectory(path.c_str()) == 1) {
         const xrchandle<xstringsequence> names = fsListDirectory(path.c_str(), nullptr);
-        std::map<std::string, std::string> sorted; // from the name that is printed to the library's
+        std::map<std::string, std::string> sorted; // from the printed name to the library's
         for (int i = 0; i < names->getarraysize(); ++i) {
             const std::string name = names->get(i).CastToCString();
             if (const std::string shown = ShownAs(name);
@@ -203,7 +204,7 @@ void List(const ListChoices& choices)
         for (const auto& [shown, name] : sorted)
             nodes.push_back(NodeOf(Joined(path, name), shown));
     } else {
-        fsGetNodeInfo(path.c_str()); // says what is wrong, if anything is
+        fsGetNodeInfo(path.c_str()); // throws if there is a failure
         nodes.push_back(NodeOf(path, choices.path));
     }
     Show(nodes, choices.isLong ? &Rows : &Names);
@@ -213,7 +214,7 @@ void List(const ListChoices& choices)
 
 struct CopyChoices
 {
-    std::vector<std::string> paths; // the last one is where to
+    std::vector<std::string> paths; // the last one is the destination
     TreeChoices tree;
     bool parents = false;
     fsRecursiveCopyMode existing = fsMerge;

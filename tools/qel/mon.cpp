@@ -30,7 +30,7 @@ struct Choices
     int capacity = 255;
 };
 
-/// The whole text as a number; ends the program when it is none of that type.
+/// The whole text as a number; ends the program when it is not a number of that type.
 template<class Number>
 Number NumberOf(const std::string& text, const char* kind)
 {
@@ -66,7 +66,7 @@ void SetValue(monParam& parameter, const std::string& value)
     }
 }
 
-/// Does the work on the file, whose failures it reports as such.
+/// Runs the work on the file, and reports the file's failures.
 template<class Work>
 void OnFile(const Choices& choices, Work work)
 try {
@@ -103,7 +103,7 @@ void Add(const Choices& choices)
 {
     OnFile(choices, [&] {
         const Monitor file = OpenMonitor(choices.path);
-        // Checked before the parameter is there for good.
+        // Checked before the parameter is added permanently.
         if (choices.kind == "int" && !choices.value.empty())
             NumberOf<int>(choices.value, "int");
         else if (choices.kind == "real" && !choices.value.empty())
@@ -183,7 +183,7 @@ void AddParameter(CLI::App& command, std::string& name)
 
 } // namespace
 
-// ---- what the commands share
+// ---- shared by the commands
 
 Monitor OpenMonitor(const std::string& path)
 {
@@ -262,7 +262,7 @@ std::vector<std::string> KnownParameters(const Typed& typed)
         if (file != nullptr)
             for (monParam* const parameter : ParametersOf(*file))
                 names.emplace_back(parameter->getName().CastToCString());
-    } catch (xthrowable* thrown) { // there is nothing to be offered then
+    } catch (xthrowable* thrown) { // there is nothing to offer then
         static_cast<void>(FailureOf(thrown));
     }
     return names;

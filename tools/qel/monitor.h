@@ -8,7 +8,7 @@
 
 #include "commands.h"
 
-// What the commands that work on monitor files share.
+// Shared by the commands for monitor files.
 
 using Monitor = std::unique_ptr<monFile, qelDelete>;
 
@@ -20,9 +20,9 @@ std::vector<monParam*> ParametersOf(monFile& file);
 monParam& ParameterOf(monFile& file, const std::string& path, const std::string& name);
 /// "bool", "int", "real" or "string".
 const char* KindOf(monParam& parameter);
-/// The value as it is now; null for the library's null and uninit.
+/// The current value; null for the library's null and uninit.
 Json ValueOf(monParam& parameter);
-/// The names of the parameters in the file that is the first argument, for the completion.
+/// The names of the parameters in the file of the first argument, for the completion.
 std::vector<std::string> KnownParameters(const Typed& typed);
 /// Gives a command the argument FILE.
 void AddMonitorFile(CLI::App& command, std::string& path);

@@ -1,4 +1,4 @@
-// qel mon watch and plot: what a monitor file says over a time.
+// qel mon watch and plot: the values of a monitor file over time.
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -36,17 +36,17 @@ struct Choices
     std::string picture; // empty: the terminal
 };
 
-// What a file says at one moment.
+// The values of a file at one moment.
 struct Sample
 {
     double time = 0; // seconds since 1970-01-01 00:00 UTC
     std::string title;
-    std::string problem; // why there are no values, or what is wrong with them
-    bool isLive = false; // the values are those of the file that is there
+    std::string problem; // the reason why there are no values, or why they are unreliable
+    bool isLive = false; // the values are from the current file
     Json values = Json::object();
 };
 
-// Who publishes may begin the file anew at any time, or not have begun it yet: then it is opened again.
+// The publisher may replace the file at any time, or not have created it yet: then it is opened again.
 class Watcher
 {
 public:
@@ -82,7 +82,7 @@ private:
             sample.problem = isGone ? "gone" : "replaced";
             if (isGone || !file->Reopen()) {
                 sample.title = title;
-                sample.values = values; // the last ones
+                sample.values = values; // the last known ones
                 return;
             }
         }
@@ -141,7 +141,7 @@ void ForEachSample(const Choices& choices, const std::function<void(const Sample
     }
 }
 
-// The value as a number that can be drawn, if it is one.
+// The value as a number, if it can be drawn.
 const double* NumberIn(const Json& value, double& number)
 {
     if (!value.is_number() && !value.is_boolean())
@@ -204,7 +204,7 @@ void PrintText(const Sample& sample)
     std::cout << (sample.problem.empty() ? "" : sample.problem + '\n') << AsText(rows) << std::flush;
 }
 
-// A table that changes in place, each number with a line of what it was.
+// A table that is updated in place, each number with a line of its history.
 class Screen
 {
 public:
@@ -244,7 +244,7 @@ private:
         const auto [least, most] = std::minmax_element(past.begin(), past.end());
         std::string line;
         for (const double value : past) {
-            // Halves: the distance of two numbers may be more than a number holds.
+            // Halves: the difference of two numbers may overflow.
             const double range = *most / 2 - *least / 2;
             const double part = range > 0 ? (value / 2 - *least / 2) / range : 0.5;
             line += heights[static_cast<int>(part * 7.5)];
@@ -299,7 +299,7 @@ std::string ScriptFor(const std::map<std::string, Curve>& curves, const std::str
     return script.str();
 }
 
-// Has gnuplot draw it, on the standard output or into the file that the script names.
+// Runs gnuplot, which draws to the standard output or to the file named in the script.
 void Draw(const std::string& script)
 {
     try {
@@ -338,7 +338,7 @@ void Plot(const Choices& choices)
     Draw(ScriptFor(curves, title, choices.picture));
 }
 
-// What both commands take.
+// The options of both commands.
 void AddSampling(CLI::App& command, Choices& choices, const char* countHelp)
 {
     AddMonitorFile(command, choices.path);

@@ -31,11 +31,10 @@ struct ServeChoices
     nmsServerOptions options;
 };
 
-// Where a service manager or a login lets programs keep what need not outlive the machine's run; empty: none.
+// The run-time directory of the service manager or login session, cleared at reboot; empty: none.
 std::string DefaultStateFolder()
 {
-    if (const char* const given =
-            std::getenv("RUNTIME_DIRECTORY")) // of a service; several stand between colons
+    if (const char* const given = std::getenv("RUNTIME_DIRECTORY")) // of a service; a colon-separated list
         return std::string(given).substr(0, std::strcspn(given, ":"));
     const char* const ofUser = std::getenv("XDG_RUNTIME_DIR");
     if (ofUser == nullptr || *ofUser != '/')
@@ -69,7 +68,7 @@ void Serve(ServeChoices& choices)
     if (!server.Listen())
         Fail(Exit::peer, choices.interface + ", port " + std::to_string(options.port),
              std::string("cannot listen: ") + std::strerror(errno));
-    // Who started the server with port 0 reads the port from here.
+    // A program that started the server with port 0 reads the port here.
     std::cout << "serving on " << choices.interface << ", port " << server.GetPort() << std::endl;
     server.Run();
 }
@@ -126,7 +125,7 @@ void AddServe(CLI::App& group)
     serve.add_flag("--no-state", choices->hasNoState, "Keep no records while the server does not run");
 }
 
-// ---- asking
+// ---- queries
 
 struct AskChoices
 {
@@ -141,7 +140,7 @@ struct AskChoices
         nmsServSetDeadline(proxy.get(), btkTimeval::Now() + btkTimeval(seconds));
         return proxy;
     }
-    /// As a failure names it.
+    /// Its name in failure reports.
     std::string Server() const
     {
         return "name server on " + (host.empty() ? "this machine" : host) + ", port " +
@@ -187,14 +186,14 @@ void Require(const AskChoices& choices, capi_nmsError* answered)
     const int code = nmsErrGetCode(error.get());
     if (code == nmscNoConnection)
         Fail(Exit::peer, choices.Server(), "no answer");
-    // The line begins with whose failure it is: "ERROR  : NameServer on client request: ".
+    // The line begins with the origin of the failure: "ERROR  : NameServer on client request: ".
     std::string why = nmsErrGetText(error.get());
     why.erase(0, why.find(": ", why.find(": ") + 2) + 2);
     const bool isAnswer = code == nmscExists || code == nmscNotFound || code == nmscNotAllowed;
     Fail(isAnswer ? Exit::no : Exit::peer, choices.Fields(), why);
 }
 
-// As a part of a line that a shell script can take apart: a backslash stands before one and before a blank.
+// Escaped for lines that a shell script splits: a backslash precedes each backslash and blank.
 std::string Quoted(const std::string& text)
 {
     std::string quoted;
@@ -274,8 +273,8 @@ void PrintVersion(const AskChoices& choices)
     Show(version == nullptr ? "" : version);
 }
 
-// How full the name server is, as its version record says it. The answer is no when it has refused a record
-// for want of room.
+// The fill level of the name server, from its version record. The answer is no when it has refused a record
+// because it was full.
 void PrintStatus(const AskChoices& choices)
 {
     const nmsOwnedRecord answer(nmsRecCreate(0));
@@ -311,7 +310,7 @@ void Wait(WaitChoices& choices)
 {
     choices.query.fields = {"_ServerName=" + choices.name};
     const btkTimeval end = btkTimeval::Now() + btkTimeval(choices.seconds);
-    // A name server that is there has the time to answer at least once.
+    // A running name server has the time to respond at least once.
     choices.query.seconds = std::max(choices.seconds, 0.1);
     for (;;) {
         try {
@@ -319,7 +318,7 @@ void Wait(WaitChoices& choices)
                 return;
             if (btkTimeval::Now() >= end)
                 Fail(Exit::no, choices.name, "no server of that name");
-        } catch (const CommandFailed& failed) { // one that is not there yet may come
+        } catch (const CommandFailed& failed) { // one that does not run yet may start
             if (btkTimeval::Now() >= end || failed.status != Exit::peer)
                 throw;
         }
@@ -340,7 +339,7 @@ void AddWait(CLI::App& group)
     AddHost(wait, choices->query);
 }
 
-// ---- what the completion offers
+// ---- completion
 
 std::vector<nmsFields> RecordsWithin(double seconds)
 {

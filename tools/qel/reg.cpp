@@ -23,10 +23,10 @@ struct Choices
     std::string key;
     std::string name;
     std::string value;
-    bool all = false; // with everything below
+    bool all = false; // including everything below
 };
 
-constexpr std::string_view rightsKey = "software\\vrx\\"; // and the server's name, without case
+constexpr std::string_view rightsKey = "software\\vrx\\"; // compared in lower case; the server's name follows
 constexpr const char* rightsValue = "connectionallowed";
 
 hmxRegistryKey& RootOf(const Choices& choices)
@@ -47,7 +47,7 @@ bool IsRoot(const std::string& key)
     return key.empty() || key == "\\";
 }
 
-/// Ends the program for arguments that can name no key or value. `sets`: the value is to be set.
+/// Ends the program for arguments that are not valid names of a key or value. `sets`: the value is to be set.
 void CheckNames(const Choices& choices, bool sets)
 {
     const hmxRegistryKey& root = RootOf(choices);
@@ -62,7 +62,7 @@ void CheckNames(const Choices& choices, bool sets)
         Fail(Exit::usage, choices.name, "the name of a value holds none of \\ / . : * ?");
 }
 
-/// The key of the choices, which has to exist.
+/// The key chosen by the options, which must exist.
 hmxRegistryKey Opened(const Choices& choices)
 {
     hmxRegistryKey key = RootOf(choices);
@@ -73,7 +73,7 @@ hmxRegistryKey Opened(const Choices& choices)
     FailForLastError(choices.key);
 }
 
-/// What names a value in a failure.
+/// The name of a value in a failure report.
 std::string NameOf(const Choices& choices)
 {
     const std::string name = choices.name.empty() ? "(the value without a name)" : choices.name;
@@ -125,7 +125,7 @@ std::vector<std::string> KnownKeys(const Typed& typed)
     return paths;
 }
 
-/// The shells take the backslashes out of what has been typed.
+/// The shells remove the backslashes from the typed text.
 std::string WithoutBackslashes(std::string path)
 {
     std::erase(path, '\\');
@@ -211,7 +211,7 @@ void Delete(const Choices& choices, bool ofValue)
     DeleteKey(opened, path.substr(separator + 1), path, choices.all);
 }
 
-/// A key's values, and the names of its subkeys, or all that is below it.
+/// A key's values, and the names of its subkeys, or everything below it.
 Json ContentsOf(const hmxRegistryKey& key, const std::string& path, bool all)
 {
     Json values = Json::object();
@@ -225,7 +225,7 @@ Json ContentsOf(const hmxRegistryKey& key, const std::string& path, bool all)
     Json keys = Json::object();
     for (const std::string& name : names) {
         hmxRegistryKey sub(key);
-        if (sub.Open(sub, name.c_str())) // else it is gone by now
+        if (sub.Open(sub, name.c_str())) // else it has been deleted meanwhile
             keys[name] = ContentsOf(sub, path + '\\' + name, true);
     }
     return {{"values", values}, {"keys", keys}};

@@ -1,4 +1,4 @@
-// qel rsh: a command at another machine.
+// qel rsh: runs a command on another machine.
 #include "rsh.h"
 
 #include <array>
@@ -45,7 +45,7 @@ Owned<netSocketStream> Connect(const AskChoices& choices)
     Fail(Exit::peer, choices.host + ", port " + std::to_string(address->getPortN()), "no answer");
 }
 
-// The line from which the server gets the words back; for a shell, as the user wrote it.
+// The command line, quoted so that the server can restore the words; for a shell, as the user wrote it.
 std::string LineOf(const std::vector<std::string>& words, bool useShell)
 {
     std::string line;
@@ -90,13 +90,13 @@ private:
     std::array<btkTimeval, 2> last;
 };
 
-// Hands the user's interrupts on until the command has ended, and ends it when they insist. False when nobody
-// takes its output any more: it has been ended then.
+// Forwards the user's interrupts until the command has exited, and terminates it when the user insists. False
+// when its output has no reader any more; it has then been terminated.
 bool Attend(rshProcess& process, const std::string& host)
 {
     const Owned<rshEvent> end(process.ExitEvent());
     const Owned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
-    btkEvent outputFailure(new btkSelectEvent(1, 2)); // a pipe without a reader counts as that
+    btkEvent outputFailure(new btkSelectEvent(1, 2)); // set when the pipe has no reader
     btkEvent::List events = {end.get(), interrupt.get(), &outputFailure};
     Insistence insistence;
     btkTimeval patience = btkTimeval::Forever();
@@ -157,7 +157,7 @@ void AddRemoteShellCommand(CLI::App& program)
         "qel rsh --shell build7 'cd src && make -j4'\tA line for the shell there.\n"
         "qel rsh --no-input --name shell build7 uptime\tBy the server that is registered there as shell.\n");
     ask.add_option("host", choices->host, "Machine of the server")->type_name("HOST")->required();
-    // For the help alone: it takes nothing, so what follows HOST stays together as it was given.
+    // For the help only: it consumes nothing, so the words behind HOST stay unchanged.
     ask.validate_positionals();
     ask.prefix_command();
     ask.add_option("command", "Program to run there, and its arguments, each of which arrives as it is")

@@ -40,14 +40,14 @@ struct ServeChoices
     int sessions = 32;
 };
 
-// Who besides this machine may come: lists of patterns of addresses, all of which a peer has to match.
+// The remote peers that are admitted: lists of address patterns; a peer must match every list.
 class AllowLists
 {
 public:
     explicit AllowLists(std::string name) : server(std::move(name)) {}
 
     bool IsPossible() const { return IsConnectionRestrictable(server.c_str()); }
-    /// Whether there is one that does not admit everybody.
+    /// Whether there is a list that does not admit every peer.
     bool Restrict() const { return Restricts(hmxRegistry::System()) || Restricts(hmxRegistry::User()); }
     std::string GetPath() const { return netRightsPath + server; }
 
@@ -60,7 +60,7 @@ private:
         for (int i = 0; i < patterns->getarraysize(); ++i)
             if (std::strcspn(patterns->get(i).CastToCString(), "0123456789") ==
                 patterns->get(i).GetMBSize() - 1)
-                return false; // it names no address at all
+                return false; // it contains no address
         return true;
     }
 
@@ -84,7 +84,7 @@ public:
     ShellServer(btkAcceptSocket* door, const ServeChoices& choices)
         : netServer(door, nullptr), name(choices.name.c_str()), allowed(choices.name)
     {
-        // Those that were told to leave take a moment to do so.
+        // Requests that were asked to stop need a moment.
         setAsyncLimit(choices.sessions + 2 * static_cast<int>(mostUnfinished));
         setTimeSlice(0.1);
     }
@@ -100,7 +100,7 @@ public:
 private:
     bool MayCome(btkStreamSocket* socket) override
     {
-        // Asked again each time: a list that is taken away must not let everybody in.
+        // Checked each time: a deleted list must not admit every peer.
         const bool mayCome =
             socket->IsPeerOnTheSameMachine() || (allowed.Restrict() && IsConnectionAllowed(socket, name));
         if (!mayCome)
@@ -112,8 +112,8 @@ private:
     AllowLists allowed;
 };
 
-// SIGTERM and SIGINT stop the server while this lives, and do nothing afterwards; then its requests end, and
-// their commands with them.
+// While this object exists, SIGTERM and SIGINT stop the server; afterwards they are ignored. Stopping ends
+// the requests and their commands.
 class StopWhenTold
 {
 public:
@@ -142,12 +142,12 @@ struct ServeBeside : netBaseServer_OnRequest_cb
     netServerLoopAction Invoke(netBaseServer*, netSocketStream*) override { return netSpawnAsyncServer; }
 };
 
-// The connections whose requests are not whole yet. They have places of their own, and for one too many
-// another gives up its place, as netSilentSet has it.
+// The connections whose requests are not complete yet. They have separate places; one too many evicts
+// another, as in netSilentSet.
 class Unfinished
 {
 public:
-    /// One connection's, from when it is admitted until its request is whole or given up.
+    /// The place of one connection, from its admission until its request is complete or abandoned.
     class Place
     {
     public:
@@ -169,7 +169,7 @@ public:
         Place(const Place&) = delete;
         Place& operator=(const Place&) = delete;
 
-        /// Signaled once it is another connection's.
+        /// Signaled once the place belongs to another connection.
         btkEvent& Lost() { return lost; }
 
     private:
@@ -201,7 +201,7 @@ struct RunCommand : netBaseServer_OnAsyncRequest_cb
         const Owned<netSocketStream> connection(stream);
         rshRequest request;
         {
-            // Who asks for nothing, or never to the end, keeps nobody's place for a command.
+            // A client without a complete request does not occupy a command's place.
             Unfinished::Place place(unfinished, *stream);
             if (!request.Read(stream, requestLimit, {stop, &place.Lost()}))
                 return netServerContinue;
@@ -241,7 +241,7 @@ void RequireAllowList(const ServeChoices& choices)
                  allowed.GetPath() + ", System or User");
 }
 
-// Whoever starts this server without a login, as containers do, names no shell.
+// SHELL is not set when the server is started without a login, as in containers.
 void NameShell()
 {
     if (pcGetShellCommand() == nullptr)
@@ -265,7 +265,7 @@ void Serve(const ServeChoices& choices)
     server->setOnRequest(&request);
     server->setOnAsyncRequest(&command);
     const StopWhenTold stop(*server);
-    // Who started the server with port 0 reads the port from here.
+    // A program that started the server with port 0 reads the port here.
     std::cout << "serving on " << choices.interface << ", port " << server->getPortN() << std::endl;
     server->Run();
 }

@@ -1,4 +1,4 @@
-// qel server: what every versioned server answers, whatever it serves.
+// qel server: the requests that every versioned server answers.
 #include <memory>
 #include <set>
 #include <string>
@@ -44,7 +44,7 @@ int FindPort(const Address& address)
     Refused(address, Exit::peer, why);
 }
 
-// Asks the server and requires the answer 1; leaves the connection for what follows.
+// Sends a request and requires the reply 1; keeps the connection for the rest of the exchange.
 void Ask(const Address& address, netRequestCode code, btkStreamSocket& socket)
 {
     const btkTimeval end = btkTimeval::Now() + btkTimeval(address.seconds);
@@ -82,9 +82,9 @@ void Shutdown(const Address& address)
     Ask(address, netRequestCode::shutdown, socket);
 }
 
-// ---- who may connect
+// ---- connection rights
 
-// What one root says: the patterns of a value, or why it has none.
+// The rights in one root: the patterns of a value, or the reason why there are none.
 struct Rights
 {
     netRightsState state = netRightsAbsent;
@@ -130,7 +130,7 @@ Json RightsOf(const std::string& server)
             {"user found", user.description}};
 }
 
-// The servers that are named in the registry and those that the name server knows.
+// The servers named in the registry and those that the name server knows.
 std::set<std::string> AllServers(double limit)
 {
     std::set<std::string> names;
