@@ -31,7 +31,7 @@ public:
     /// The same without a limit.
     bool Open(const char* path, int mode, int permissions);
     bool Close();
-    /// Whether reading has ended in an error, and not at the end of the file.
+    /// Whether reading stopped because of an error, not at the end of the file.
     bool HasFailed() const { return failed; }
 
     /// Replaces the content of a file that is open for updating. Fails with ESTALE, and writes nothing, when

@@ -1,7 +1,7 @@
 #pragma once
 
 /// Console control events: the interrupt and quit keys. Differs from Windows on purpose: there is one handler
-/// at a time, and it runs inside a signal handler, so it may do only what is safe there.
+/// at a time, and it runs inside a signal handler, so it may call only async-signal-safe functions.
 
 #include <qel/platform/platformtypes.h>
 

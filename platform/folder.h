@@ -4,8 +4,8 @@
 /// concurrent changes of the tree (a directory replaced by a link, a rename) cannot lead outside it.
 ///
 /// Paths are native or mixed, as for the calls by path; names of nodes are host names, in the operating
-/// system's form, as returned by Read. A call that fails sets the last error. Links are not followed unless a
-/// call says so. An object is used by one thread at a time.
+/// system's form, as returned by Read. A call that fails sets the last error. Links are not followed unless
+/// documented. An object is used by one thread at a time.
 
 #include <cstddef>
 #include <memory>
@@ -149,7 +149,8 @@ public:
     virtual ~platTreeWatcher() = default;
     /// A node has been removed. False ends the work with ERROR_OPERATION_ABORTED.
     virtual bool Removed() = 0;
-    /// The node at `path`, in host names below the folder, cannot be removed; the last error says why.
+    /// The node at `path`, in host names below the folder, cannot be removed; the last error gives the
+    /// reason.
     virtual platAction Failed(const std::string& path) = 0;
 };
 

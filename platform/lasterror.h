@@ -3,8 +3,8 @@
 #include <cstdarg>
 
 /// The calling thread's last error, in the numbers of Windows, which <qel/platform/errornumbers.h> names.
-/// Calls that fail set it; calls that succeed leave it, unless they say otherwise. Safe to call from any
-/// thread.
+/// Calls that fail set it; calls that succeed leave it unchanged unless documented otherwise. Safe to call
+/// from any thread.
 __attribute__((visibility("default"))) unsigned int GetLastError();
 
 /// Sets the calling thread's last error.

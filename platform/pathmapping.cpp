@@ -33,7 +33,7 @@ constexpr char defaultDrive = 'C';
 struct Drive
 {
     char letter;
-    std::string root; // without separator at the end: the host's root is empty
+    std::string root; // without separator at the end: the root "/" is empty
 
     bool operator==(const Drive&) const = default;
 };

@@ -1,9 +1,9 @@
 #pragma once
 
-/// How names of registry keys and values become names of files. Lower-case letters, digits, "_" and "-" stand
-/// for themselves, capital letters become lower case, every other byte becomes "%" and two hexadecimal
-/// digits: the result never contains a separator or "..". A name that exceeds the length of a file name
-/// continues in a directory whose name ends in "+". A value's file name ends in ".value".
+/// The mapping from names of registry keys and values to names of files. Lower-case letters, digits, "_" and
+/// "-" stand for themselves, capital letters become lower case, every other byte becomes "%" and two
+/// hexadecimal digits: the result never contains a separator or "..". A name that exceeds the length of a
+/// file name continues in a directory whose name ends in "+". A value's file name ends in ".value".
 
 #include <optional>
 #include <string>

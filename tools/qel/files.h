@@ -6,7 +6,7 @@
 
 // Failure reports of the commands for files, configuration files and the registry.
 
-// Platform errors that commands tell apart.
+// Platform errors that commands distinguish.
 
 /// The text of the thread's last platform error, such as "access denied".
 std::string LastErrorText();

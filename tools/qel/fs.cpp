@@ -410,8 +410,8 @@ std::string SimpleSumOf(const std::string& typed)
     return text.data();
 }
 
-/// A line as the usual programs for checksums read it: a name with a line end in it is escaped, which a
-/// backslash at the beginning says.
+/// A line as the usual programs for checksums read it: a name with a line end in it is escaped, marked by a
+/// backslash at the beginning.
 std::string SumLines(const Json& sums)
 {
     static const std::map<char, const char*> escapes = {{'\n', "\\n"}, {'\r', "\\r"}, {'\\', "\\\\"}};

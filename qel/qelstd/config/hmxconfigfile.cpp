@@ -188,7 +188,7 @@ private:
             oddities->Add(oddity);
     }
 
-    /// About an entry that is not in the table yet, and whose colon stands at byte `colon` of its line.
+    /// Checks an entry that is not in the table yet; its colon is at byte `colon` of its line.
     void noteOddities(const std::string& key, std::size_t colon, std::string_view value) const
     {
         if (const auto earlier = entries.find(key); earlier != entries.end())

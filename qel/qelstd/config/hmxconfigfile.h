@@ -61,10 +61,9 @@ public:
     /// If anything was changed, writes the file back: one line for each entry in ascending order of the keys,
     /// and nothing else. The file then holds the old or the new content, even after a crash; when it cannot
     /// be written, the old content stays, and no failure is reported. A file that has several hard links, is
-    /// a mount of its own, or stands in a folder that this process may not change is overwritten in place: a
-    /// full disk changes nothing, but a kill midway can leave a mixture; this class reads it as the new
-    /// content if it could store that beside the file; docs/config.md has the details. Does nothing when no
-    /// file is open.
+    /// a mount point, or is in a folder that this process may not change is overwritten in place: a full disk
+    /// changes nothing, but a kill midway can leave a mixture; this class reads it as the new content if it
+    /// could store that beside the file; docs/config.md has the details. Does nothing when no file is open.
     void Close();
     /// The same, and reports failures: false when a change could not be written. GetLastError() gives the
     /// reason: 1006, with nothing written, when other processes have replaced or changed the file since Open

@@ -55,13 +55,13 @@ public:
 
 /// How an operation on many nodes continues after one of them fails.
 enum fsFailureAction {
-    fsSkip,  // the operation goes on without it
+    fsSkip,  // the operation continues without the node
     fsRetry, // the node is tried again
-    fsStop   // the operation ends, as it does without a handler
+    fsStop   // the operation fails, as without a handler
 };
 
-/// Decides how an operation goes on after a failure. It is not called for arguments that are refused at once,
-/// nor for work that its progress handler ended.
+/// Decides how an operation continues after a failure. It is not called for arguments that are refused at
+/// once, nor for work that its progress handler ended.
 class QEL_API fsFailureHandler
 {
 public:

@@ -5,7 +5,7 @@
 enum fsIOStatus {
     fsIOOk,    // done
     fsIOEnd,   // the end of the file, or no more entries
-    fsIOFailed // GetLastError() says why
+    fsIOFailed // GetLastError() gives the reason
 };
 enum fsFileMode { fsReadOnly, fsWriteOnly };
 enum fsFilePosition { fsFromStart, fsFromCurrent, fsFromEnd };

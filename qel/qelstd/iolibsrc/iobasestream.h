@@ -87,7 +87,7 @@ public:
     ioStream& operator=(const ioStream&) = delete;
     ~ioStream() override;
 
-    // ---- try operations; ioNotSupported when the stream cannot tell
+    // ---- try operations; ioNotSupported when the stream cannot determine it
 
     ioTryCode TryReadByte();
     ioTryCode TryReadInt();
@@ -365,7 +365,7 @@ public:
     ~ioXStream() override;
     [[noreturn]] static void Throw(ioStream* stream, ioError error, const char* msg);
 
-    /// The stream that failed, or null when it is gone.
+    /// The stream that failed, or null once it is destroyed.
     ioStream* getStream();
     ioError getError() { return error; }
     /// "Stream Error (iolib): " and a description of the failure.

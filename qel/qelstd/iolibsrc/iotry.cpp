@@ -47,7 +47,7 @@ ioTryCode ioStream::TryRead(Transfer transfer)
 
 namespace {
 
-// The unread bytes of an area that is not empty, passed over part by part.
+// The unread bytes of a non-empty area, skipped part by part.
 class AreaPart
 {
 public:

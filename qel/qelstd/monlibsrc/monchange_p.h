@@ -41,7 +41,7 @@ private:
     };
     Target Look() const;
 
-    std::string path; // of the host
+    std::string path; // in the operating system's form
     btkFileWatch watch;
     btkHandle file = -1;
     int process = 0;       // the process that made the watch

@@ -22,7 +22,7 @@ struct monFile::Place
 {
     Place(const std::string& hostPath, bool readOnly) : path(hostPath), isReadOnly(readOnly) {}
 
-    std::string path; // of the host, absolute
+    std::string path; // in the operating system's form, absolute
     btkFileState opened;
     bool isReadOnly;
     int process = btkProcessNumber(); // the process that opened it

@@ -111,7 +111,8 @@ monFile::~monFile()
 
 namespace {
 
-// The host's path, also when the current directory becomes another one. False with the last error set.
+// The absolute path of the operating system, which stays valid when the current directory changes. False with
+// the last error set.
 bool HostPathOf(const char* path, std::string& host)
 {
     if (!platHostPath(qelIsObject(path) ? path : nullptr, host))

@@ -64,7 +64,7 @@ class QEL_API monBoolParam : public monParam
 
 public:
     virtual unsigned char getValue();
-    /// Answers the value.
+    /// Returns the value.
     virtual unsigned char setValue(unsigned char v);
 
 private:
@@ -78,7 +78,7 @@ class QEL_API monIntParam : public monParam
 
 public:
     virtual int getValue();
-    /// Answers the value.
+    /// Returns the value.
     virtual int setValue(int v);
 
 private:
@@ -92,7 +92,7 @@ class QEL_API monRealParam : public monParam
 
 public:
     virtual double getValue();
-    /// Answers the value.
+    /// Returns the value.
     virtual double setValue(double v);
 
 private:

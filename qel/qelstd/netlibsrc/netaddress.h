@@ -6,8 +6,8 @@
 struct capi_nmsRecord;
 struct capi_nmsServerProxy;
 
-/// Where a server is: a host, and there a port or a name that the host's name server knows. Used by one
-/// thread at a time.
+/// The address of a server: a host, and a port or a name known to the host's name server. Used by one thread
+/// at a time.
 class QEL_API netAddress : public virtual xobject
 {
     QEL_OBJECT(netAddress); // "netlib::Address", counted

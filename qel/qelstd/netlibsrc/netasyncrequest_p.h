@@ -20,7 +20,7 @@ public:
     }
     ~netAsyncRequest() override;
 
-    /// Asks the request to stop, once. Its stream blocks no longer than `grace` from now on.
+    /// Requests the handler to stop, once. Its stream blocks no longer than `grace` from now on.
     void TellToStop(btkTimeval grace) noexcept;
 
 protected:

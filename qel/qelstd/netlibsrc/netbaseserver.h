@@ -32,7 +32,7 @@ public:
     virtual netServerLoopAction Invoke(netBaseServer* server, netSocketStream* stream) = 0;
 };
 
-/// Serves a connection in a thread of its own; called by several threads at once.
+/// Serves a connection in a separate thread; called by several threads at once.
 class QEL_API netBaseServer_OnAsyncRequest_cb : public virtual xobject
 {
     QEL_OBJECT(netBaseServer_OnAsyncRequest_cb); // "netlib::BaseServer_OnAsyncRequest_cb"
@@ -49,7 +49,7 @@ class QEL_API netBaseServer_OnIdle_cb : public virtual xobject
     QEL_OBJECT(netBaseServer_OnIdle_cb); // "netlib::BaseServer_OnIdle_cb"
 
 public:
-    /// What it throws is reported and leaves Run.
+    /// An exception is reported and leaves Run.
     virtual netServerLoopAction Invoke(netBaseServer* server) = 0;
 };
 
@@ -134,7 +134,7 @@ public:
     int getPortN() { return portN; }
     /// Whether only programs of this machine can connect: it listens on a loopback interface.
     bool IsLoopbackOnly();
-    /// Seconds that Run waits for a connection before it calls the idle handler; 0.01 at first. With
+    /// Seconds that Run waits for a connection before it calls the idle handler; initially 0.01. With
     /// INFINITE, finished requests are joined only when the next connection arrives.
     double getTimeSlice() { return timeSlice; }
     void setTimeSlice(double seconds) { timeSlice = seconds; }
@@ -190,8 +190,8 @@ private:
     /// Makes a server that takes the socket, which it sets to null.
     using Maker = netBaseServer* (*)(btkAcceptSocket*& listening);
 
-    /// Screens a new connection before there is a stream. netServerContinue: it is closed and the loop goes
-    /// on; netServerTerminate: it is closed and Run returns; any other value: it is served.
+    /// Screens a new connection before there is a stream. netServerContinue: it is closed and the loop
+    /// continues; netServerTerminate: it is closed and Run returns; any other value: it is served.
     virtual netServerLoopAction PreprocessRequest(btkStreamSocket* socket);
 
     static netBaseServer* Make(const char* name, int port, const char* interface, Maker make);

@@ -28,7 +28,7 @@ constexpr btkTimeval handshakeLimit(1, 0);
     netXException::Throw(netConnectionRefused, "Connection refused due to lack of rights");
 }
 
-// A connected socket whose calls end by `end`, too; null when the port has no listener.
+// A connected socket whose calls also return by `end`; null when the port has no listener.
 std::unique_ptr<btkStreamSocket> Reach(netAddress* address, btkTimeval end)
 {
     std::unique_ptr<btkStreamSocket> socket = netConnect(address, end);

@@ -23,7 +23,7 @@ public:
     ~netServer() override;
 
     xstring getVersion() { return version; }
-    /// Seconds after which a client that has sent nothing is closed; 5 at first, more than 0.
+    /// Seconds after which a client that has sent nothing is closed; initially 5, more than 0.
     void setSilentPatience(double seconds);
     double getSilentPatience() { return GetSilentPatience().ToSeconds(); }
     /// How many clients may be silent at once, at least 1; initially 256. One more closes another: the oldest
@@ -49,7 +49,7 @@ public:
     /// @throws netXException  the port has no listener, or the server refuses this machine or does not reply
     static xstring GetVersion(netAddress* address);
     /// Requests it to stop; no failure when the port has no listener.
-    /// @throws netXException  the server refuses this machine or does not answer
+    /// @throws netXException  the server refuses this machine or does not reply
     static void Shutdown(netAddress* address);
 
     /// How many seconds each of those calls, and each request to a name server, takes at most: initially 10,

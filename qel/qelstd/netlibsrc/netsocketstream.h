@@ -30,7 +30,7 @@ public:
     static netSocketStream* Create(btkStreamSocket* socket);
     ~netSocketStream() override;
 
-    /// Sends what is buffered, and then `value` as an urgent integer; waits at most 0.2 seconds for earlier
+    /// Sends the buffered data, and then `value` as an urgent integer; waits at most 0.2 seconds for earlier
     /// data to arrive. Returns whether it was sent.
     /// @throws ioXStream  the stream is not open
     unsigned char WriteOutOfBand(int value);

@@ -1,6 +1,6 @@
 #pragma once
 
-// Connections, servers and their addresses, who may connect to them, and worker threads.
+// Connections, servers, their addresses and connection rights, and worker threads.
 
 #include <qel/netaddress.h>
 #include <qel/netbaseserver.h>

@@ -83,7 +83,7 @@ public:
     /// Writes as much as the stream accepts. A file accepts all; a stream with a reader at its other end
     /// never blocks this call. False when the stream has failed.
     bool Pump();
-    /// Puts what a wait needs to know into `events`.
+    /// Adds the events to wait for to `events`.
     void AddTo(btkEvent::List& events);
     /// The handle of a stream that has a reader at its other end; else -1.
     btkHandle GetHandle() const { return handle; }
@@ -144,7 +144,7 @@ public:
 protected:
     /// The outlet for the blocks of `tag`; null when `tag` has no block.
     virtual rshOutlet* OutletOf(int tag) = 0;
-    /// A message without a block; `value` is the integer of rshTagExit. False: nothing more is to be read.
+    /// A message without a block; `value` is the integer of rshTagExit. False: stops reading.
     virtual bool OnMessage(int tag, int value) = 0;
 
 private:

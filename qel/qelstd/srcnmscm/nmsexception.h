@@ -19,7 +19,7 @@ public:
     nmsXException(const char* description, qelXFunc* func);
     [[noreturn]] static void Throw(const char* description, qelXFunc* func);
 
-    /// Writes the description, the function and what the subclass adds, a line each.
+    /// Writes the description, the function and the subclass's fields, a line each.
     virtual void Print(std::ostream& os);
 };
 

@@ -31,11 +31,11 @@ private:
 /// Writes the line that reports the failure, if the stream is good.
 QEL_API std::ostream& operator<<(std::ostream& os, const nmsClientStatus& status);
 
-/// Stands for one name server. Each operation is one request on a connection of its own, to the port that the
-/// environment variable VRXNMSPORT names, or 1239; it returns within the limit of setAnswerLimit. A proxy
-/// stays usable when its name server is restarted. Counted. The operations throw the exception that is named
-/// after them; the requests below them return a status, which the caller deletes, or null on success, and
-/// throw nothing.
+/// Stands for one name server. Each operation is one request on a new connection, to the port in the
+/// environment variable VRXNMSPORT, or 1239; it returns within the limit of setAnswerLimit. A proxy stays
+/// usable when its name server is restarted. Counted. The operations throw the exception that is named after
+/// them; the requests below them return a status, which the caller deletes, or null on success, and throw
+/// nothing.
 class QEL_API nmsServerProxy : public virtual xobject
 {
     QEL_OBJECT(nmsServerProxy); // "nmsclib::ServerProxy", counted
