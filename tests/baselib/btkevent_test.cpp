@@ -179,7 +179,7 @@ TEST(btkEvent, WaitsForMoreEventsThanDescriptorsMayBeOpened)
                       for (int i = 0; i < 4; ++i)
                           list.push_back(events.emplace_back(pipe.Readable()).get());
                   }
-                  // More entries than the limit, of fewer descriptors; and fewer than the descriptors, too.
+                  // A limit below the number of entries, then also below the number of descriptors.
                   for (const rlim_t most : {100, 16}) {
                       const rlimit limit = {most, most};
                       setrlimit(RLIMIT_NOFILE, &limit);

@@ -127,7 +127,7 @@ TEST(btkFilePart, WritesWithoutMappedPagesWhereMappingIsRefused)
 
 TEST(btkFilePart, LeavesOldOrNewBytesWhenKilled)
 {
-    // A file system in memory, if there is one, interrupts a write at every second kill.
+    // A file system in memory, if there is one, truncates the write at every second kill.
     const std::string path =
         (std::filesystem::exists("/dev/shm") ? "/dev/shm/qeltest." : "qeltest.") + std::to_string(getpid());
     constexpr std::size_t size = 1000;

@@ -178,8 +178,7 @@ TEST_F(Processes, StartWithDefaultSignalHandling)
                                  ? ~0ull
                                  : std::stoull(status.substr(place + name.size() + 2), nullptr, 16);
                   };
-                  constexpr unsigned long long ordinary =
-                      (1ull << 31) - 1; // the C library has two of its own
+                  constexpr unsigned long long ordinary = (1ull << 31) - 1; // the C library reserves two
                   return maskOf("SigBlk") != 0 || (maskOf("SigIgn") & ordinary) != 0;
               }),
               0);

@@ -86,7 +86,7 @@ TEST_F(Threads, EndWhenTheyExitInTheMiddle)
     }
 }
 
-TEST(ThreadLimits, WithoutDescriptorsNoThreadIsStartedAndNothingIsLost)
+TEST(ThreadLimits, WithoutDescriptorsNoThreadIsStartedAndNothingLeaks)
 {
     const int status = runInChild([] {
         const rlimit none = {3, 3};

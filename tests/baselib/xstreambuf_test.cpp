@@ -455,7 +455,7 @@ TEST(StandardBuffers, FailWithoutASignalWhenTheReaderIsClosed)
               0);
 }
 
-TEST(StandardBuffers, ReadAndLendTheStandardInput)
+TEST(StandardBuffers, ReadStandardInputAndShowItByTryViews)
 {
     btkOutputPipe writing;
     btkInputPipe reading;
