@@ -656,7 +656,7 @@ TEST_F(Config, ForeignOrBrokenRecoveryFileIsIgnored)
 
 TEST_F(Config, IsOldOrNewWhenItsWriterIsKilledAtAnyMoment)
 {
-    // A writer of a sanitizer's build needs longer to begin.
+    // A writer in a sanitizer build takes longer to start.
     const int kills = freedMemoryIsGone ? ofALongRun(1000, 10000) : 100;
     const unsigned longest = freedMemoryIsGone ? 3000 : 100000; // microseconds
     const std::string filler(20000, 'f');
