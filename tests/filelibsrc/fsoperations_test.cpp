@@ -28,7 +28,7 @@ std::string native(std::string path)
     return path;
 }
 
-/// A temporary directory that is also drive X, so that paths with a drive are short and lead nowhere else.
+/// A temporary directory that is also drive X, so that paths with a drive are short and stay within it.
 class Files : public testing::Test
 {
 protected:
@@ -224,7 +224,7 @@ TEST_F(Files, RemoveNothingFromADirectoryThatCannotBeRemovedItself)
     EXPECT_TRUE(dir.has("tree/sub/file"));
 }
 
-TEST_F(Files, LeaveWhatCannotBeRemoved)
+TEST_F(Files, KeepNodesThatCannotBeRemoved)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs the right to become another user";
@@ -311,7 +311,7 @@ TEST_F(Files, ReportAFullDisk)
     EXPECT_EQ(std::filesystem::file_size(dir.path("f")), 100u);
 }
 
-TEST_F(Files, HaveAChecksumOfTheirSignedBytes)
+TEST_F(Files, ChecksumUsesSignedBytes)
 {
     const struct
     {
