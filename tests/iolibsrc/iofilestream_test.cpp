@@ -141,7 +141,7 @@ TEST_F(FileStream, ReturnsNullForSizesThatAnIntCannotHold)
     EXPECT_EQ(stream->TellPos(), xnullint);
 }
 
-TEST_F(FileStream, ReportsThatTheDiskIsFull)
+TEST_F(FileStream, ReportsAFullDisk)
 {
     const Owned<ioFileStream> full(ioFileStream::Open("/dev/full", ioReadWrite));
     full->WriteInt(5);
