@@ -244,7 +244,7 @@ TEST_F(SharedFile, StoppedReaderDoesNotBlockWriters)
     EXPECT_LE(times[times.size() * ofALongRun<std::size_t>(50, 95) / 100], btkTimeval(0, 5000));
     EXPECT_TRUE(IsWhole(writer->Real("real")->getValue()));
     shared->stop = true;
-    EXPECT_EQ(reader.wait(), 0); // other readers saw whole values all the same
+    EXPECT_EQ(reader.wait(), 0); // other readers saw whole values
     EXPECT_GT(shared->loads, 10);
 }
 
@@ -323,7 +323,7 @@ TEST_F(SharedFile, ForkedChildHasSeparateLocks)
         ++seen;
         ASSERT_TRUE(IsWhole(now)) << "torn";
     }
-    // A writer that stores without a pause lets readers in.
+    // A writer that stores without a pause does not starve readers.
     EXPECT_LT(btkTimeval::Now() - begin, btkTimeval(5, 0));
 }
 
