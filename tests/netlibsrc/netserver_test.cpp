@@ -257,7 +257,7 @@ TEST(netServer, ClosesSilentClientsAfterATimeout)
         btkStreamSocket silent;
         ASSERT_TRUE(silent.Connect(nullptr, served.getPort(), patience));
         EXPECT_FALSE(silent.IsReadable(btkTimeval(0.15)));
-        EXPECT_EQ(answerTo(served.getPort(), "\1"), "\1"); // the next one is served meanwhile
+        EXPECT_EQ(answerTo(served.getPort(), "\1"), "\1"); // meanwhile the next one is served
         char byte = 0;
         EXPECT_EQ(silent.Recv(&byte, 1), 0);
         const double seconds = (btkTimeval::Now() - start).ToSeconds();

@@ -311,7 +311,7 @@ TEST(netSocketStream, ReadTimesOutAfterItsLimitWithoutInput)
     EXPECT_TRUE(in.getIsTimeout());
     in.setIsFail(0);
 
-    // A byte now and then is progress.
+    // An occasional byte is progress.
     std::thread dripping([&] {
         for (int i = 0; i < 4; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -343,7 +343,7 @@ TEST(netSocketStream, WriteTimesOutAfterItsLimitWithoutProgress)
     }
     Streams streams;
     streams.out->setOTimeout(1.0);
-    std::thread slow([&] { // a part now and then is progress
+    std::thread slow([&] { // an occasional part is progress
         std::vector<char> part(2 << 20);
         streams.in->setITimeout(10.0);
         allowStreamFailure([&] {
@@ -413,7 +413,7 @@ TEST(netSocketStream, ReportsItsPeersAddress)
     auto accepted = std::make_unique<btkStreamSocket>();
     ASSERT_TRUE(door.Accept(accepted.get()));
     btkResetOnClose(client.GetHandle(), true);
-    client.Close(); // it is known all the same
+    client.Close(); // the address is still known
     const Stream stream(netSocketStream::Create(accepted.release()));
     EXPECT_TRUE(stream->getPeerAddress() == "127.0.0.2");
     stream->Close();
