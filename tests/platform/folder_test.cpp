@@ -47,7 +47,7 @@ TEST(Folder, DescendsAndAscendsAnyDepthWithFewDescriptors)
         platDescent way(top);
         for (int i = 0; i < depth; ++i) {
             ASSERT_TRUE(way.Last().Create("first") && way.Last().Create("second"));
-            platEntry entry; // the one that is entered is read before the other
+            platEntry entry; // the entered folder is read before the other
             ASSERT_TRUE(way.Last().Read(entry));
             ASSERT_TRUE(way.Enter(std::string(entry.hostName).c_str(), platKeepLinks)) << GetLastError();
         }

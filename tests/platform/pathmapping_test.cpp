@@ -90,7 +90,7 @@ TEST(PathMapping, KeepsUpStepsInsideARerootedDrive)
     EXPECT_EQ(hostOf("\\y"), root + "/y");
 }
 
-TEST(PathMapping, ShowsTheCurrentDirectoryOnTheDriveThatReachesDeepest)
+TEST(PathMapping, ShowsTheCurrentDirectoryOnTheDriveWithTheLongestRoot)
 {
     TempDir dir;
     dir.makeDir("d/sub");

@@ -210,7 +210,7 @@ TEST_F(Registry, ConfinesEveryNameToItsStore)
     RegCloseKey(key);
 }
 
-TEST_F(Registry, EnumeratesNamesAsTheyWereWritten)
+TEST_F(Registry, EnumeratesNamesInTheirWrittenForm)
 {
     EXPECT_EQ(namesOf(HKEY_CURRENT_USER), ""); // the store does not exist yet
     EXPECT_EQ(valuesOf(HKEY_CLASSES_ROOT), "");
