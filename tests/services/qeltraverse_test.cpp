@@ -323,7 +323,7 @@ TEST(qelTraverse, WalksTheMemberThatTheDiscriminatorSelects)
               "end union\n");
 }
 
-TEST(qelTraverse, WalksAUnionOnTopOfAnotherWithTheMembersOfBoth)
+TEST(qelTraverse, WalksADerivedUnionWithTheMembersOfBoth)
 {
     // A label without a member of its own uses the parent's member.
     EXPECT_EQ(record(new WiderChoice(1)), "union test::WiderChoice\n"

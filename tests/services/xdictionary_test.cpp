@@ -503,7 +503,7 @@ TEST(xdictionary, MemoryIsBoundedWhileKeysAreAddedAndRemoved)
     }
     EXPECT_LT(growth.peak(), 2000); // all keys would take 4000
 
-    // Nor do the keys of a peak leave much behind.
+    // The keys of a peak leave little memory behind.
     const long before = residentKiB();
     const auto longKey = [](int i) { return std::to_string(i) + std::string(55, '-'); };
     for (int i = 0; i < 100000; ++i)

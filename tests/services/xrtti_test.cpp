@@ -66,7 +66,7 @@ TEST(Descriptors, WithTheSameNameAreTheSameType)
     EXPECT_FALSE(one->isKindOf(nullptr));
 }
 
-TEST(Descriptors, KnowTheirAncestors)
+TEST(Descriptors, ReportTheirAncestors)
 {
     xrttistruct* const c = makeStruct("test::C", {}, {});
     xrttistruct* const b = makeStruct("test::B", {c}, {});
