@@ -293,7 +293,7 @@ void Lint(const Choices& choices)
         AnswerNo();
 }
 
-/// The keys of the file that stands before on the command line.
+/// The keys of the file named earlier on the command line.
 std::vector<std::string> KnownKeys(const Typed& typed)
 {
     hmxConfigFile file;

@@ -1,4 +1,4 @@
-// qel mon: monitor files, in which a program keeps values for others to watch.
+// qel mon: monitor files, in which a program publishes values for others to watch.
 #include <algorithm>
 #include <charconv>
 #include <cstring>

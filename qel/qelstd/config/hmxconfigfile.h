@@ -32,7 +32,7 @@ public:
 };
 
 /// A small text file of lines `key:value`, held in memory, sorted by key, while it is open. Blanks and tabs
-/// are removed from keys wherever they stand; a value is everything behind the first ":". Keys are
+/// are removed from keys at any position; a value is everything behind the first ":". Keys are
 /// case-sensitive. Reading skips lines without ":" or without a key; of several lines with one key the last
 /// counts.
 ///

@@ -15,7 +15,8 @@
 //
 // Status queries, reading and writing follow soft links. Removing removes the link itself.
 //
-// The operations keep no state and may be called from any thread; the current directory is the process's.
+// The operations keep no state and may be called from any thread; the current directory is that of the
+// process.
 
 // A failing operation also sets the thread's last error; GetLastError() and fsXException::getPlatformError()
 // are more specific than the class.
@@ -108,8 +109,9 @@ QEL_API void fsRename(const char* path, const char* newName);
 /// that name, or none. fsReplace removes a directory in the way of a file, or a file in the way of a
 /// directory, once the source is open. A link at a destination is replaced, never followed. A missing source,
 /// a dangling link, and a copy onto or into itself or onto a directory that holds it throw fsXInvalidPath.
-/// @throws fsXFileExists    fsForceNew and the destination exists, or a directory and something else meet
-/// @throws fsXNoPermission  a pipe, socket or device is met
+/// @throws fsXFileExists    fsForceNew and the destination exists, or one end is a directory and the other is
+///                          not
+/// @throws fsXNoPermission  the source is, or contains, a pipe, socket or device
 QEL_API void fsCopy(const char* from, const char* to, fsRecursiveCopyMode copyMode,
                     fsSoftLinkCopyMode linkMode, fsOpMode mode);
 

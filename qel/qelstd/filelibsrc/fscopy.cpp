@@ -29,7 +29,7 @@ constexpr const char* function = "fsCopy";
     fsRaise(code, function, about.c_str(), platformError);
 }
 
-/// A node to be copied: its name in the folder at hand, and whether a link of that name is followed.
+/// A node to be copied: its name in the current folder, and whether a link of that name is followed.
 struct Source
 {
     const char* name;
@@ -138,7 +138,7 @@ struct Ways
     fsProgressHandler* progress = nullptr;
 };
 
-/// One copy. The paths are those of the nodes at hand, for the exceptions and handlers; the work is done on
+/// One copy. The paths are those of the current nodes, for the exceptions and handlers; the work is done on
 /// folders that are held open.
 class Copy
 {
@@ -196,7 +196,7 @@ private:
         copyNode(top, target.name.c_str(), target.kind, ways.existing == fsReplace);
     }
 
-    /// Copies the next entry of the directory at hand, or leaves it.
+    /// Copies the next entry of the current directory, or returns to the parent at its end.
     void goOn()
     {
         const std::size_t depth = levels.size();
@@ -225,7 +225,7 @@ private:
             cutPaths();
     }
 
-    /// Does `work` until it succeeds or the node at hand is to be skipped.
+    /// Repeats `work` until it succeeds or the current node is to be skipped.
     template<class Work>
     void attempt(Work work)
     {
@@ -271,7 +271,7 @@ private:
         raise(fsInvalidPath, sourcePath, GetLastError());
     }
 
-    /// Copies to the name `newName` of the target folder at hand, where `present` is now. `replaces`: a
+    /// Copies to the name `newName` of the current target folder; `present` is the node there now. `replaces`: a
     /// directory there gives way.
     void copyNode(const Source& source, const char* newName, platNodeKind present, bool replaces)
     {
@@ -390,7 +390,7 @@ private:
         }
     }
 
-    /// Makes the paths those of the directory at hand.
+    /// Sets the paths to those of the current directory.
     void cutPaths()
     {
         if (levels.empty())
@@ -412,7 +412,7 @@ private:
 
     fsPlace& origin;
     fsPlace& target;
-    platDescent sources, targets; // the folders at hand
+    platDescent sources, targets; // the current folders
     std::string sourcePath, targetPath;
     const Ways& ways;
     std::optional<Progress> progress; // if there is a progress handler

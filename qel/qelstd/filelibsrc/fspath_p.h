@@ -17,7 +17,7 @@ public:
 
     /// Takes the native form of `path`; null stands for the empty path.
     bool Assign(const char* path);
-    /// Appends `entry` as it stands, with a separator before it when `separated`.
+    /// Appends `entry` unchanged, with a separator before it when `separated`.
     bool Append(const char* entry, bool separated = true);
     /// Keeps the first `newLength` bytes.
     void Cut(std::size_t newLength);
@@ -32,7 +32,7 @@ private:
 
 inline constexpr char fsSeparator = '\\';
 
-/// `path`, or the empty text for the pointers that stand for no text.
+/// `path`, or the empty text for the pointers that mean no text.
 const char* fsTextOf(const char* path);
 /// Whether `path` begins with a letter and ":".
 bool fsHasDrive(const char* path);

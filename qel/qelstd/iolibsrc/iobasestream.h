@@ -99,9 +99,9 @@ public:
     ioTryCode TryWriteInt(int v);
     ioTryCode TryWriteBool(unsigned char b);
     ioTryCode TryWriteReal(double d);
+    /// ioNotSupported for a text larger than a whole pipe, which can never be written at once: WriteString
+    /// writes it in parts.
     ioTryCode TryWriteString(const char* s);
-    /// A text that can never be written at once, because it is larger than a whole pipe, is ioNotSupported:
-    /// WriteString writes it in parts.
     /// The number of bytes that can be read without blocking; 0 also at the end.
     unsigned int PeekNBytes();
     /// A new event for data to read, or for room to write; null when the stream has none. The caller owns it;

@@ -64,8 +64,8 @@ bool ioWriteHeld(Value value, std::streambuf& sb)
     char* const place = xbufaccess::Place(sb);
     if (static_cast<std::size_t>(xbufaccess::Limit(sb) - place) < sizeof value)
         return false;
-    xbufaccess::Commit(
-        sb, sizeof value); // first: the compiler must assume that the bytes alias the buffer's pointers
+    // First: the compiler must assume that the bytes alias the buffer's pointers.
+    xbufaccess::Commit(sb, sizeof value);
     ioEncode<Form>(place, value);
     return true;
 }

@@ -77,8 +77,8 @@ private:
 /// The string of `length` bytes; it ends at its first zero byte.
 inline xstring ioMakeString(const char* bytes, std::size_t length)
 {
-    const std::size_t used =
-        length == 0 ? 0 : strnlen(bytes, length); // `bytes` may be null when there are none
+    // `bytes` may be null when `length` is 0.
+    const std::size_t used = length == 0 ? 0 : strnlen(bytes, length);
     if (used == 0)
         return xstring("");
     char* text = nullptr;

@@ -571,7 +571,7 @@ void monFile::ReadRecords(long long end)
     }
 }
 
-// Reads the record at readUpTo, where the stream stands. False when it is not all there yet.
+// Reads the record at readUpTo, the stream's position. False when it is not complete yet.
 bool monFile::ReadRecord(long long end)
 {
     const long long left = end - readUpTo;

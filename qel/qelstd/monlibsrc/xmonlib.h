@@ -158,7 +158,7 @@ public:
     bool isReplaced();
     /// Opens the file that the path now leads to, in place of this one. The parameter objects stay valid and
     /// bind to the record of their name and kind in it, if there is one. False, with nothing changed, when it
-    /// cannot be opened, is no monitor file or was closed.
+    /// cannot be opened, is not a monitor file or was closed.
     bool Reopen();
 
     /// An event that is on when the file has changed, or was replaced or removed, since the event was made
@@ -183,10 +183,10 @@ public:
 
     // ---- find the parameter of a name, or add one whose value is false, 0 or the empty text
 
-    // Null when there is a parameter of that name and another kind. Throw what getParams throws, and
-    // qelXNotInitialized without a name. When one has to be added, qelXNativeException, too:
-    // "monFile::WriteParamHead: Name too long" for more than 1023 bytes; "monFile: File too large" when
-    // positions would exceed an int; "monFile: Another process is adding parameters" after waiting 2 seconds.
+    // Null when a parameter of that name has another kind. They throw as getParams, and qelXNotInitialized
+    // without a name. When one has to be added, qelXNativeException, too: "monFile::WriteParamHead: Name too
+    // long" for more than 1023 bytes; "monFile: File too large" when positions would exceed an int; "monFile:
+    // Another process is adding parameters" after waiting 2 seconds.
 
     monIntParam* Int(const char* name);
     monBoolParam* Bool(const char* name);

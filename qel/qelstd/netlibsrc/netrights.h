@@ -8,7 +8,7 @@ class hmxRegistry;
 // The rights to connect to a server: the value "ConnectionAllowed" of the registry key "Software\VRX\" + the
 // server's name holds patterns of addresses, under the system root and under the user's. A peer must match a
 // pattern of every existing value. When both values are certainly absent, every peer is admitted. Any other
-// reason why a value cannot be read (a damaged file, a value that is no text, a link or file in place of a
+// reason why a value cannot be read (a damaged file, a value that is not a text, a link or file in place of a
 // folder, no descriptors, unknown registry location) admits no peer. A name with one of "/.:*?" is not a
 // valid key, so such a server admits every peer. Peers on the same machine are not checked. All calls are
 // safe to call from any thread.

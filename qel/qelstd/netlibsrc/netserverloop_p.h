@@ -30,7 +30,7 @@ public:
         return static_cast<bool>(stopAsked);
     }
     void Stop();
-    /// Whether Stop was called since the last time.
+    /// Whether Stop was called since the last call of TakeStop.
     bool TakeStop();
     /// The next connection to be served; null when `timeout` seconds have passed or it is time to stop.
     /// `isByteWanted`: waits for its first byte, too.

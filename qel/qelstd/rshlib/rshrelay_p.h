@@ -166,7 +166,7 @@ private:
 class rshPartReader
 {
 public:
-    /// Gives up at the time `latest`, and when one of `stops` is signaled, of which each may be null.
+    /// Reading fails at the time `latest`, and when one of `stops` is signaled; each of these may be null.
     rshPartReader(ioStream& connection, btkTimeval latest, std::initializer_list<btkEvent*> stops = {});
 
     /// Both wait. False at the deadline, after a stop event, or for an invalid text.

@@ -17,8 +17,8 @@ class QEL_API rshRequest
 {
 public:
     /// Reads the request from `s`. False when it is not whole after `limit` seconds (INFINITE: without
-    /// limit), when one of `stops` is signaled, of which each may be null, when the connection fails and when
-    /// the data is not a valid request.
+    /// limit), when one of `stops` (each may be null) is signaled, when the connection fails and when the
+    /// data is not a valid request.
     bool Read(netSocketStream* s, double limit, std::initializer_list<btkEvent*> stops);
     /// Runs the command and relays, as rshServer::Execute.
     unsigned char Execute(netSocketStream* s, const char* baseDir, evtEvent* stopEvent) const;
