@@ -47,8 +47,8 @@ public:
     btkBaseEvent* GetOutputEvent() { return OnGetOutputEvent(); }
 
     /// Transfers the input inside the kernel to the target of `to`, as far as the kernel supports it for the
-    /// two; no input may be buffered. An ordinary copy
-    /// must follow for the rest, which may be all or nothing.
+    /// two; no input may be buffered. An ordinary copy must follow for the rest, which may be all or
+    /// nothing.
     void PassTo(xstreambuf& to);
 
     // ---- limits; a buffer that does not support one returns false

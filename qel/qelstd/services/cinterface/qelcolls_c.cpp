@@ -2,12 +2,12 @@
 #include "xdictionary.h"
 #include "xsequence.h"
 
-// The C functions of the standard sequences and dictionaries: written once for the sequences and
-// once for the dictionaries, and made for each element type at the end.
+// The C functions of the standard sequences and dictionaries: one macro for the sequences and one for the
+// dictionaries, instantiated for each element type at the end.
 
 namespace {
 
-// ---- elements at the boundary: numbers pass as they are, strings in their C form
+// ---- elements at the boundary: numbers pass unchanged, strings in their C form
 
 template<class V>
 V uninit()
@@ -33,8 +33,8 @@ inline __xstring_c toC(const xstring& value)
     return value.getxstring_c();
 }
 
-/// Where an operation stores a value for a C caller: directly, or by way of a string that the caller gets in
-/// any case.
+/// The target of an operation that stores a value for a C caller: direct, or through a string that the caller
+/// always gets.
 template<class V>
 class Out
 {
@@ -66,8 +66,8 @@ private:
 
 // ---- the calling convention
 
-/// What `operation` answers for the collection, or `otherwise` when it fails; the current exception tells of
-/// this call afterwards, and a reference is held meanwhile.
+/// Returns the result of `operation` for the collection, or `otherwise` when it fails; afterwards the current
+/// exception concerns this call. A reference is held meanwhile.
 template<class C, class R, class Operation>
 R onCollection(C* collection, R otherwise, Operation operation)
 {
@@ -80,7 +80,7 @@ R onCollection(C* collection, R otherwise, Operation operation)
     });
 }
 
-/// The same for an operation without an answer.
+/// The same for an operation without a result.
 template<class C, class Operation>
 void change(C* collection, Operation operation)
 {
@@ -106,7 +106,7 @@ C* create()
     xcleanupexc_c();
     return qelForC(reinterpret_cast<C*>(xuninitobj), [] {
         C* const made = C::create();
-        xrcattach(made); // the caller's
+        xrcattach(made); // the caller's reference
         return made;
     });
 }
@@ -189,7 +189,7 @@ C* create()
         return C::getClassRtti();                                                                 \
     }
 
-// A class, its element, and the element as it comes from C and goes to C.
+// A class, its element, and the element's types as C input and C output.
 QEL_SEQUENCE_FUNCTIONS(xboolsequence, unsigned char, unsigned char, unsigned char)
 QEL_SEQUENCE_FUNCTIONS(xintsequence, int, int, int)
 QEL_SEQUENCE_FUNCTIONS(xrealsequence, double, double, double)

@@ -22,14 +22,14 @@ void dispose(xobject* p)
         xdelete(p);
 }
 
-/// A current exception: the slot owns one reference to it, or all of it when its class is not countable.
-/// Nothing is released under the lock: a destructor may use the slot too.
+/// A current exception: the slot owns one reference to it, or the exception itself when its class is not
+/// countable. Nothing is released under the lock: a destructor may use the slot too.
 class Slot
 {
 public:
     xthrowable* peek() const { return held.load(std::memory_order_acquire); }
 
-    /// With a reference of its own for the caller.
+    /// Returns it with a reference for the caller.
     xthrowable* share()
     {
         const std::lock_guard lock(mutex);
@@ -38,7 +38,7 @@ public:
         return shared;
     }
 
-    /// Passes what was held to the caller.
+    /// Passes the previous exception to the caller.
     xthrowable* exchange(xthrowable* next)
     {
         if (next == nullptr && peek() == nullptr)
@@ -65,13 +65,14 @@ struct OwnSlot : Slot
 {
     ~OwnSlot()
     {
-        current = &processSlot; // what ends the thread later may still use one
+        // Destructors that run later in the thread's exit may still use one.
+        current = &processSlot;
         clear();
     }
 };
 thread_local OwnSlot ownSlot;
 
-/// What is current when there is no memory to make an exception from. Made while the library is loaded.
+/// The current exception when no memory is left for a new one. Created while the library is loaded.
 qelXNativeException* outOfMemory()
 {
     static const xrchandle<qelXNativeException>* const made =
@@ -81,7 +82,7 @@ qelXNativeException* outOfMemory()
 
 [[maybe_unused]] const qelXNativeException* const madeAtLoad = outOfMemory();
 
-/// What `operation` answers for the object, which stays meanwhile; null and uninit are answered for.
+/// Returns the result of `operation` for the object, which is kept alive meanwhile; handles null and uninit.
 template<class R, class Operation>
 R onObject(xobject* p, R forNull, R forUninit, Operation operation)
 {
@@ -155,7 +156,7 @@ unsigned char xisobjkindof_c(xobject* p, xrttiobject* type)
 void xprint_c(xobject* p)
 {
     if (!qelIsObject(p)) {
-        std::cout << (p == nullptr ? "nil" : "uninit"); // a walk says nothing of an uninit value
+        std::cout << (p == nullptr ? "nil" : "uninit"); // a walk reports nothing for an uninit value
         return;
     }
     qelForC(0, [p] {
@@ -175,7 +176,7 @@ const char* xstrgetmb_c(__xstring_c s)
 {
     if (s.mb != nullptr)
         return s.mb;
-    // The buffer keeps what it produces, so the text outlives the string made here.
+    // The buffer caches the produced form, so the text outlives the string created here.
     return qelForC<const char*>(xuninitstr,
                                 [&] { return s.buffer == nullptr ? xnullstr : xstring(s).CastToCString(); });
 }
@@ -198,7 +199,8 @@ void xsetexc_c(xthrowable* e)
 {
     if (!qelIsObject(e))
         return xcleanupexc_c();
-    xrcattach(e); // before what is current is released: that may be its only owner
+    // Before the current exception is released, which may be its only owner.
+    xrcattach(e);
     qelKeepCurrent(e);
 }
 

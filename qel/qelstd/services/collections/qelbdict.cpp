@@ -23,7 +23,8 @@
 namespace {
 
 constexpr unsigned firstRoom = 2;
-constexpr unsigned mostUnindexed = 8; // entries that are found by looking at each
+// Up to this number, entries are found by linear search.
+constexpr unsigned mostUnindexed = 8;
 
 constexpr char overflow[] = "Hash table overflow.";
 constexpr char tooLarge[] = "a dictionary has at most 2^30 slots";
@@ -33,7 +34,7 @@ char*& keyOf(char* entry)
     return *reinterpret_cast<char**>(entry);
 }
 
-// The key pointer of a removed entry is odd: 1, or the home of its key, which the log still needs.
+// The key pointer of a removed entry is odd: 1, or the packed home of its key, which the log still needs.
 char* const removedKey = reinterpret_cast<char*>(1);
 
 xdicthome homeOf(char* entry, bool isLive)
@@ -42,14 +43,14 @@ xdicthome homeOf(char* entry, bool isLive)
                   : xdicthome::unpack(reinterpret_cast<std::uintptr_t>(keyOf(entry)));
 }
 
-/// Entries are whole words, since they begin with a pointer.
+/// Entries consist of whole words, since they begin with a pointer.
 void moveEntry(char* to, const char* from, unsigned entrySize)
 {
     for (unsigned i = 0; i < entrySize; i += sizeof(void*))
         std::memcpy(to + i, from + i, sizeof(void*));
 }
 
-/// Differs from run to run, as addresses and the time do.
+/// Differs from run to run, since addresses and the time differ.
 std::uint64_t runSeed()
 {
     static const std::uint64_t seed =
@@ -60,7 +61,7 @@ std::uint64_t runSeed()
 
 } // namespace
 
-/// What a table knows besides its entries.
+/// The data of a table besides its entries.
 struct xdictside
 {
     explicit xdictside(unsigned size)
@@ -69,10 +70,10 @@ struct xdictside
     }
 
     enum SlotState { stale, busy, current };
-    static constexpr std::uint32_t addsBit = 1u << 31; // "so many had been added" in the place of "removed"
+    // In place of "removed", marks "this many had been added".
+    static constexpr std::uint32_t addsBit = 1u << 31;
 
-    /// Makes room to log what may happen until a block of `room` entries is full, so that no removal needs
-    /// memory.
+    /// Makes room to log all events until a block of `room` entries is full, so that no removal needs memory.
     void reserveLog(unsigned room) { log.reserve(log.size() + std::size_t{room} * 2 - added + 1); }
     void logRemoval(unsigned place)
     {
@@ -82,20 +83,20 @@ struct xdictside
         slotState.store(stale, std::memory_order_relaxed);
     }
 
-    xdictindex index; ///< from a number of entries on
+    xdictindex index; ///< used from a certain number of entries on
     xdictkeys keys;
     const std::uint64_t seed;
-    unsigned added = 0; ///< places that have been given to entries
-    unsigned gap = 0;   ///< a place from which on to look for that of a removed entry
-    unsigned firstSize; ///< slots of the table that the log begins with
+    unsigned added = 0; ///< places that have been assigned to entries
+    unsigned gap = 0;   ///< a place from which to search for that of a removed entry
+    unsigned firstSize; ///< slots of the table at the start of the log
 
-    // The slots of the entries, as far as they are assigned, and what has happened since.
+    // The slots of the entries, as far as they are assigned, and the events since.
     std::unique_ptr<xdictslots> slots;
-    std::vector<std::uint32_t> log; ///< the places of removed entries in their order
+    std::vector<std::uint32_t> log; ///< the places of removed entries in order
     std::atomic<int> slotState = stale;
     unsigned assigned = 0; ///< places whose entries were added to `slots`
     unsigned loggedAdds = 0;
-    unsigned replayed = 0; ///< of `log`
+    unsigned replayed = 0; ///< entries of `log`
 };
 
 xbasedictionary::xbasedictionary(const xdictcontrol* control)
@@ -114,7 +115,8 @@ unsigned xbasedictionary::NextSize() const
     return xdictNextSize({minLoad, maxLoad}, size, count);
 }
 
-/// The place of an entry, or nowhere. With an index, `at` gets its entry there, or the free one.
+/// Returns the place of an entry, or nowhere. With an index, stores the entry there, or the free one, in
+/// `at`.
 [[gnu::always_inline]] inline unsigned xbasedictionary::Seek(const xdictkey& key, unsigned entrySize,
                                                              xdictindexentry** at) const
 {
@@ -178,7 +180,7 @@ void xbasedictionary::BaseSet(const char* key, const void* value, unsigned entry
     }
 }
 
-/// The entry in a slot, or null.
+/// Returns the entry in a slot, or null.
 char* xbasedictionary::EntryIn(int slot, unsigned entrySize)
 {
     if (slot < 0)
@@ -187,7 +189,7 @@ char* xbasedictionary::EntryIn(int slot, unsigned entrySize)
         return nullptr;
     Settle(entrySize);
     const unsigned place = side->slots->placeIn(static_cast<unsigned>(slot));
-    // Walks go by slot, and entries lie in another order.
+    // Walks go by slot, in an order other than that of the entries: prefetch.
     if (const unsigned ahead = side->slots->placeIn((static_cast<unsigned>(slot) + 8) & (size - 1));
         ahead != xdictslots::none)
         __builtin_prefetch(EntryOf(ahead, entrySize));
@@ -250,7 +252,7 @@ void xbasedictionary::BaseRemove(const char* key, unsigned entrySize, unsigned v
         size = newSize;
     OnRemoveEntry(entry + valueOffset);
 
-    // What the value held may have changed the dictionary while it went.
+    // The destructor of the value may have changed the dictionary.
     if (side == nullptr)
         return;
     try {
@@ -263,7 +265,7 @@ void xbasedictionary::BaseRemove(const char* key, unsigned entrySize, unsigned v
             CompactKeys(entrySize);
         }
     } catch (const std::bad_alloc&) {
-        // All stays as large as it is: a removal does not fail.
+        // Everything keeps its size: a removal does not fail.
     }
 }
 
@@ -275,14 +277,15 @@ void xbasedictionary::BaseClearAll(unsigned entrySize, unsigned valueOffset)
         try {
             Move(size, {entrySize, valueOffset}, true);
         } catch (const std::bad_alloc&) {
-            // A subclass that watches sees fewer slots.
+            // A subclass that observes hooks sees fewer slots.
         }
     }
     BaseFreeAllKeys(entrySize);
     size = 0;
     count = 0;
     const std::unique_ptr<xdictside> ended(std::exchange(side, nullptr));
-    Replace(nullptr, 0, entrySize); // last, since what the values hold may change the dictionary
+    // Last, since the destructors of the values may change the dictionary.
+    Replace(nullptr, 0, entrySize);
 }
 
 void xbasedictionary::BaseFreeAllKeys(unsigned)
@@ -298,7 +301,7 @@ void* xbasedictionary::AllocateBlock(std::size_t bytes)
     return block;
 }
 
-/// A block of `nSlots` entries; if no subclass sees how many they are, of `onlyFor`.
+/// Returns a block of `nSlots` entries; if no subclass observes their number, of `onlyFor`.
 char* xbasedictionary::Allocate(unsigned nSlots, unsigned entrySize, unsigned onlyFor)
 {
     wanted = onlyFor;
@@ -309,7 +312,7 @@ char* xbasedictionary::Allocate(unsigned nSlots, unsigned entrySize, unsigned on
     return block;
 }
 
-/// Makes `block` the table, and ends the old one.
+/// Makes `block` the table, and destroys the old one.
 void xbasedictionary::Replace(char* block, unsigned newRoom, unsigned entrySize)
 {
     const unsigned oldRoom = std::exchange(room, newRoom);
@@ -319,7 +322,7 @@ void xbasedictionary::Replace(char* block, unsigned newRoom, unsigned entrySize)
     OnDestroy(std::exchange(table, block), oldRoom);
 }
 
-/// Adds a key that there is not. All memory is taken before anything changes.
+/// Adds a missing key. Allocates all memory before it changes anything.
 void xbasedictionary::Add(const xdictkey& key, xdictindexentry* at, const void* value, Shape shape)
 {
     const unsigned newSize = NextSize();
@@ -362,7 +365,7 @@ void xbasedictionary::Add(const xdictkey& key, xdictindexentry* at, const void* 
         Move(size, shape, true);
 }
 
-/// The place of a removed entry. The slots of all are assigned then.
+/// Returns the place of a removed entry. The slots of all entries are then assigned.
 unsigned xbasedictionary::GapForOne(unsigned newSize, unsigned entrySize)
 {
     AssignSlots(entrySize);
@@ -394,15 +397,17 @@ void xbasedictionary::MakeRoom(Shape shape)
 }
 
 /// Moves the entries, in the order of their slots, to a block of `newRoom` without gaps. `watch`: from now on
-/// a subclass sees it.
+/// a subclass observes the hooks.
 void xbasedictionary::Move(unsigned newRoom, Shape shape, bool watch)
 {
-    AssignSlots(shape.size); // and so the log names no places
+    // So the log refers to no places.
+    AssignSlots(shape.size);
     const auto places = std::make_unique<std::uint32_t[]>(std::max(side->added, 1u));
     std::vector<xdictslots::Entry> spare(count);
     side->log.reserve(2 * std::size_t{newRoom} + 1);
     char* const block = Allocate(watch ? newRoom : size, shape.size, watch ? 0 : newRoom);
-    const bool byBits = movesBits && (ownCopy || !watched); // and then nobody sees that no value is copied
+    // Then a subclass cannot observe that OnCopyEntry is not called.
+    const bool byBits = movesBits && (ownCopy || !watched);
     unsigned moved = 0;
     try {
         side->slots->forEachTaken([&](unsigned slot) {
@@ -435,8 +440,8 @@ void xbasedictionary::Move(unsigned newRoom, Shape shape, bool watch)
     }
 }
 
-/// The table has another size: what a subclass that watches sees of it. Whether one watches its tables end is
-/// known when the first does.
+/// The table has another size: makes the hook calls that a subclass can observe. Whether a subclass overrides
+/// OnDestroy is known at its first call.
 void xbasedictionary::ShowSize(unsigned oldSize, unsigned newSize, Shape shape)
 {
     bool watch = watched;
@@ -448,7 +453,7 @@ void xbasedictionary::ShowSize(unsigned oldSize, unsigned newSize, Shape shape)
         Move(newSize, shape, true);
 }
 
-/// Begins anew when no entry is left.
+/// Starts over when no entry is left.
 void xbasedictionary::Restart(unsigned entrySize)
 {
     std::vector<std::uint32_t> log;
@@ -469,7 +474,7 @@ void xbasedictionary::Restart(unsigned entrySize)
     side->slotState.store(xdictside::stale, std::memory_order_relaxed);
 }
 
-/// Assigns slots to all entries. Of threads that read, the first does it, and others wait for it.
+/// Assigns slots to all entries. Among reading threads, the first assigns them and the others wait for it.
 /// @throws std::bad_alloc  no entry has changed
 void xbasedictionary::Settle(unsigned entrySize)
 {
@@ -491,8 +496,7 @@ void xbasedictionary::Settle(unsigned entrySize)
     }
 }
 
-/// Replays what has happened since slots were last assigned. Without memory it ends early, and goes on the
-/// next time.
+/// Replays the events since slots were last assigned. Stops when memory runs out, and resumes the next time.
 void xbasedictionary::AssignSlots(unsigned entrySize)
 {
     xdictside& s = *side;
@@ -528,8 +532,8 @@ void xbasedictionary::AssignSlots(unsigned entrySize)
     s.slotState.store(xdictside::current, std::memory_order_release);
 }
 
-/// Gives back the memory of keys that are gone.
-/// @throws std::bad_alloc  nothing has changed
+/// Releases the memory of removed keys.
+/// @throws std::bad_alloc  nothing is changed
 void xbasedictionary::CompactKeys(unsigned entrySize)
 {
     xdictkeys keys;

@@ -23,7 +23,7 @@ void xdictkeys::swap(xdictkeys& other) noexcept
 
 void xdictkeys::addChunk(std::size_t units)
 {
-    // A text in a large arena lies in one line of the cache.
+    // In a large arena each short text lies within one cache line.
     const std::size_t head = units < 16 ? sizeof(Chunk) : unit;
     const std::size_t bytes = head + units * unit;
     char* const block = static_cast<char*>(pDefMemMgr->Allocate(bytes));

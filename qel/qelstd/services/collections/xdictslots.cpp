@@ -7,10 +7,12 @@
 
 namespace {
 
-/// The number that `odd` times makes 1, so that slot * inverse is the position of a slot on its path.
+/// Returns the multiplicative inverse of `odd` modulo 2^32, so that slot * inverse is the position of a slot
+/// on its path.
 constexpr std::uint32_t inverseOf(std::uint32_t odd)
 {
-    std::uint32_t inverse = odd; // right in the lowest three bits; each turn doubles them
+    // Correct in the lowest three bits; each iteration doubles their number.
+    std::uint32_t inverse = odd;
     for (int i = 0; i < 4; ++i)
         inverse *= 2 - odd * inverse;
     return inverse;
@@ -63,7 +65,7 @@ void xdictslots::giveBack(unsigned slot)
     ++age;
     if (paths == nullptr)
         return;
-    // The paths learn of it when they are next gone far, or when there is no more room to note it.
+    // The paths apply it at their next long search, or when there is no more room to record it.
     if (freedCount == mask / stretch) {
         for (unsigned i = 0; i < pathCount; ++i) {
             if (paths[i].full != nullptr)
@@ -75,7 +77,7 @@ void xdictslots::giveBack(unsigned slot)
     freed[freedCount++] = slot;
 }
 
-/// Goes on where patience ended, at `slot`.
+/// Continues at `slot`, after `patience` single probes.
 unsigned xdictslots::takeFar(xdicthome home, std::uint32_t slot)
 {
     if (mask < small)
@@ -95,7 +97,7 @@ unsigned xdictslots::takeFar(xdicthome home, std::uint32_t slot)
     return takeSlot(slot);
 }
 
-/// Goes on stretch by stretch at `slot`.
+/// Continues stretch by stretch at `slot`.
 unsigned xdictslots::findFarther(unsigned path, std::uint32_t slot)
 {
     const std::uint32_t step = stepOf(path);
@@ -104,7 +106,7 @@ unsigned xdictslots::findFarther(unsigned path, std::uint32_t slot)
     if (known != nullptr)
         applyFreed(*known, inverse);
 
-    // The slots before this one in its stretch have just been seen taken.
+    // The slots before this one in its stretch were just found taken.
     std::uint32_t at = (slot * inverse & mask) / stretch;
     const std::uint32_t stretches = (mask + 1) / stretch;
     for (std::uint32_t seen = 0; seen <= stretches; ++seen) {
@@ -122,7 +124,7 @@ unsigned xdictslots::findFarther(unsigned path, std::uint32_t slot)
     return none;
 }
 
-/// Null: no memory. It may be that of another home.
+/// Null: out of memory. The cursor may be that of another home.
 xdictslots::Cursor* xdictslots::openCursor(xdicthome home)
 {
     const std::uint64_t n = std::clamp((mask + 1) / 32, 64u, 4096u);
@@ -131,7 +133,7 @@ xdictslots::Cursor* xdictslots::openCursor(xdicthome home)
     return cursors == nullptr ? nullptr : &cursors[home.hash() * n >> 32];
 }
 
-/// What is known of a path, or null: without memory all slots are looked at.
+/// Returns the state of a path, or null when memory runs out: all slots are then visited.
 xdictslots::Path* xdictslots::openPath(unsigned path)
 {
     if (paths == nullptr) {
@@ -157,7 +159,7 @@ void xdictslots::applyFreed(Path& to, std::uint32_t inverse)
     }
 }
 
-/// The first stretch from `from` on, around the end, that is not known to be full.
+/// Returns the first stretch from `from` on, wrapping around, that is not known to be full.
 std::uint32_t xdictslots::nextStretch(const Path* path, std::uint32_t from) const
 {
     if (path == nullptr)

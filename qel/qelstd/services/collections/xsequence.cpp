@@ -46,11 +46,12 @@ namespace {
 
 constexpr unsigned firstRoom = 24;
 constexpr std::size_t largeRoom = 2 << 20;
-constexpr std::size_t hugeRoom = 8 << 20; // from here on blocks have large pages, if they are used in full
+// Blocks from this size on use huge pages, if they are filled completely.
+constexpr std::size_t hugeRoom = 8 << 20;
 
 constexpr std::size_t elsewhere = static_cast<std::size_t>(-1);
 
-/// Where `p` points to in the `size` bytes at `block`.
+/// Returns the offset of `p` in the `size` bytes at `block`.
 std::size_t positionIn(const char* block, std::size_t size, const void* p)
 {
     const std::size_t distance =
@@ -126,7 +127,7 @@ void xbasesequence::BaseInsert(std::size_t offset, std::size_t n, const void* fr
         OnCopy(data + offset, from, static_cast<unsigned>(n));
         return;
     }
-    // What is inserted lay in this sequence: the part before `offset` still does, the rest has moved up.
+    // The inserted bytes lay in this sequence: the part before `offset` still does, the rest has moved up.
     const std::size_t stayed = position < offset ? std::min(n, offset - position) : 0;
     if (stayed != 0)
         OnCopy(data + offset, data + position, static_cast<unsigned>(stayed));
@@ -151,10 +152,10 @@ char* xbasesequence::reallocate(unsigned newCapacity)
         releaseBlock();
         return nullptr;
     }
-    // Some hysteresis, so that a sequence that grows and shrinks in turn does not move each time.
+    // Hysteresis, so that a sequence that alternately grows and shrinks is not reallocated each time.
     if (newCapacity <= room && newCapacity >= room / 4)
         return data;
-    // Of a large block, only what is used takes memory, and moving it takes long.
+    // Of a large block, only the used part takes memory, and moving it is slow.
     const std::size_t grown = std::min(std::size_t{room} * (room < largeRoom ? 2 : 8), maxBytes);
     std::size_t wanted = newCapacity > room ? std::max<std::size_t>(newCapacity, grown) : newCapacity;
     const std::size_t kept = std::min({capacity, room, newCapacity});

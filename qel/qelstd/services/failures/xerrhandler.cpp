@@ -10,7 +10,7 @@ constexpr std::size_t capacityStep = 64;
 
 using ListenerSet = std::vector<xerrlistener*>; // in the order of addresses, each once
 
-/// Made with the first listener, and never destroyed: listeners may outlive every static.
+/// Created with the first listener and never destroyed: listeners may outlive every static.
 ListenerSet* theListeners = nullptr;
 
 ListenerSet::iterator placeOf(xerrlistener* l)
@@ -57,7 +57,7 @@ xerhstatus xerrhandler::dispatch(const char* text, xrcunihandle<xthrowable> erro
         return 0;
     const ListenerSet asked = *theListeners;
     for (xerrlistener* const l : asked) {
-        if (!isListening(l)) // removed meanwhile, and perhaps gone
+        if (!isListening(l)) // removed meanwhile, and perhaps destroyed
             continue;
         if (const xerhstatus status = l->onError(text, error, subject, context); status != 0)
             return status;

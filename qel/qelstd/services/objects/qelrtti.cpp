@@ -15,7 +15,7 @@ namespace {
 // Used by registrars before statics are initialized, and after they are destroyed.
 constinit xrttimap registry;
 
-/// What a qelRegister knows of `type`, which is or was registered as `entry`.
+/// Returns the facts of a qelRegister about `type`, which is or was registered as `entry`.
 const qelNamed* namedAs(const xrttientry* entry, const xrtti* type)
 {
     const auto* fact = entry == nullptr ? nullptr : entry->facts.load(std::memory_order_acquire);
@@ -24,7 +24,7 @@ const qelNamed* namedAs(const xrttientry* entry, const xrtti* type)
     return fact == nullptr ? nullptr : &fact->named;
 }
 
-/// The name of a type as C++ code has it.
+/// Returns the name of a type as C++ code writes it.
 xstring readable(const std::type_info& type)
 {
     int status = 0;
@@ -40,7 +40,7 @@ xrttibasic* makeBasic(const char* name)
 
 } // namespace
 
-// Held for additions only, and never while other code is called: that may hold the guard of a static.
+// Held for additions only, and never while calling other code, which may hold the guard of a static.
 thrMutex& qelRttiMutex()
 {
     static thrMutex* const mutex = new thrMutex;

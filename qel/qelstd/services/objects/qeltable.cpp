@@ -12,7 +12,7 @@
 
 #include "xrttiancestors_p.h"
 
-// Descriptors live as long as the process, and so does everything that they point at.
+// Descriptors and everything that they refer to are never freed.
 
 namespace {
 
@@ -27,7 +27,7 @@ OwnedAttr buildAttr(const qelAttr& row)
                                                xrttiattr(row.name, row.type(), row.optional, row.read));
 }
 
-/// What `make` answers for each row, until a descriptor keeps it for good.
+/// The results of `make` for each row, until a descriptor takes them over.
 template<class Out>
 class Block
 {
@@ -83,20 +83,21 @@ Block<xrttiobject*> parentsOf(const qelClass& cls)
     return {cls.parents, [](const qelParent& row) { return row.rtti(); }};
 }
 
-// Descriptors are built under this lock. Classes refer to each other, to themselves too, so a descriptor is
-// begun before those that it refers to are asked for, and the thread that builds works with unfinished ones.
-// Other threads see all that were begun together at once, when all are whole.
+// Descriptors are built under this lock. Classes may refer to each other and to themselves, so a descriptor
+// is begun before those that it refers to are requested, and the building thread works with unfinished ones.
+// They become visible to other threads together, once all are complete.
 
 thrMutex& buildMutex()
 {
-    static thrMutex* const mutex = new thrMutex; // never destroyed: classes may be used after every static
+    // Never destroyed: classes may be used after all statics are destroyed.
+    static thrMutex* const mutex = new thrMutex;
     return *mutex;
 }
 
 constinit bool isBuilding = false;
-constinit qelClass* begunClasses = nullptr; // those not published yet, the last begun first
+constinit qelClass* begunClasses = nullptr; // not published yet, the last begun first
 
-/// The descriptor of a class, as the kind that it is.
+/// Returns the descriptor of a class as its concrete kind.
 template<class T>
 T* begin(qelClass& cls)
 {
@@ -108,7 +109,7 @@ T* begin(qelClass& cls)
     return type;
 }
 
-// Each of these keeps what it has made once the descriptor is initialized, which may fail.
+// Each of these takes over its results once the descriptor is initialized, which may fail.
 
 void buildStruct(qelClass& cls)
 {
@@ -162,7 +163,7 @@ void buildArrayType(qelClass& cls)
     extents.keep();
 }
 
-/// Refuses a table with rows that its kind of class has no place for: they would be lost.
+/// Rejects a table with rows that its kind of class does not support: they would be lost.
 void check(const qelClass& cls)
 {
     const char* fault = nullptr;
@@ -200,7 +201,7 @@ void describe(qelClass& cls)
     }
 }
 
-/// A class that was begun and has no name yet: what is being built, or ran out of memory.
+/// Returns a class that was begun and has no name yet: under construction, or out of memory.
 qelClass* unfinished()
 {
     qelClass* at = begunClasses;
@@ -221,7 +222,7 @@ void publishAll()
 
 } // namespace
 
-// Whatever ends it early, the next call goes on with what was begun.
+// Whatever interrupts it, the next call resumes what was begun.
 xrttiobject* qelBuildDescriptor(qelClass& cls)
 {
     const thrLock lock(buildMutex());
@@ -255,7 +256,7 @@ void* qelDowncast(qelClass& cls, void* self, xobject* object, const xrttiobject*
         return self;
     xrttiancestors ancestors([=](const xrttiobject* type) { return type->xrtti::isSameAs(wanted); });
     for (const qelParent& parent : cls.parents)
-        // One of several bases is not entered in vain: they may share theirs, and so on.
+        // With several bases, search before descending: they may share bases of their own, and so on.
         if (cls.parents.size() == 1 || ancestors.answer(parent.rtti()))
             if (void* const found = parent.downcast(self, wanted))
                 return found;

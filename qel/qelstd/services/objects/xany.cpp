@@ -74,7 +74,7 @@ xrtti* xany::getRtti() const
     case xanyEnum:
         return value.u.enumValue.type;
     case xanyObject:
-        // A C caller may have put a marker where an object belongs.
+        // A C caller may have stored a marker in place of an object.
         return qelIsObject(value.u.objectValue) ? qelUpcast<xrtti>(value.u.objectValue->getRtti())
                                                 : qelGetRtti_any();
     default:
@@ -130,7 +130,7 @@ unsigned char xany::operator==(const char* text) const
 
 // ---- conversions
 
-/// The fatal report of a conversion: its sentence and the kind that the variant has.
+/// The fatal report of a conversion: its sentence and the kind of the variant.
 [[noreturn]] static void abortConversion(const char* sentence, int kind)
 {
     static constexpr const char* kinds[] = {"uninit", "null",     "an int",         "a bool",
@@ -220,7 +220,7 @@ __xany_c xany::getxany_c() const
 {
     xany copy(*this);
     const __xany_c result = copy.value;
-    copy.setPlain(xanyUninit, 0); // its references are the caller's now
+    copy.setPlain(xanyUninit, 0); // the caller owns its references now
     return result;
 }
 

@@ -10,8 +10,8 @@
 
 namespace {
 
-/// The lock under which deaths run one at a time. Most deaths are shorter than a sleep and a wake-up, so a
-/// thread that waits looks some times before it sleeps. Never destroyed: objects may die after every static.
+/// The lock that serializes object destruction. Most destructions are shorter than a sleep and a wake-up, so
+/// a waiting thread spins before it sleeps. Never destroyed: objects may be destroyed after every static.
 class DeathMutex
 {
 public:
@@ -27,7 +27,7 @@ public:
     }
 
 private:
-    // Apart from the path that is always run.
+    // Out of line, away from the fast path.
     [[gnu::noinline]] void wait()
     {
         for (int look = 0; look < 200; ++look)
@@ -51,8 +51,9 @@ private:
 
 constinit DeathMutex deathMutex;
 
-/// What a thread knows of the deaths that it runs. A destructor that releases what it owned may start a chain
-/// of any length, and the stack must not grow with it: those too deep wait for the outermost.
+/// A thread's state of the destructions that it runs. A destructor that releases its members may start a
+/// chain of any length, which must not grow the stack: objects too deep in it wait for the outermost
+/// destruction.
 struct Dying
 {
     static constexpr int deepest = 200;
@@ -61,7 +62,7 @@ struct Dying
     bool hasLock;
     std::vector<xobject*>* waiting;
 
-    /// False without memory: then the object dies at once, deeper on the stack.
+    /// False when memory runs out: the object is then destroyed at once, deeper on the stack.
     [[gnu::noinline]] bool postpone(xobject* p) noexcept
     {
         try {
@@ -73,7 +74,7 @@ struct Dying
             return false;
         }
     }
-    /// The object that waits shortest, or null.
+    /// Returns the object postponed last, or null.
     [[gnu::noinline]] xobject* next()
     {
         if (waiting == nullptr)
@@ -89,8 +90,8 @@ struct Dying
 };
 [[gnu::tls_model("initial-exec")]] constinit thread_local Dying dying = {};
 
-/// Holds the lock of deaths for the life of a block, unless the thread holds it already or the process has
-/// one thread when the block begins.
+/// Scope guard for the destruction lock; does nothing if the thread holds it already or the process has one
+/// thread when the block begins.
 class DeathLock
 {
 public:
@@ -141,7 +142,7 @@ void xobject::onDelete()
 {
 }
 
-// The lock is for the last reference and the fatal reports. The others change the count in one step, and a
+// The lock is for the last reference and the fatal reports. Other calls change the count in one step, and a
 // process with one thread needs neither.
 
 void xobject::xattach()
@@ -202,8 +203,8 @@ void xobject::dieNow()
         Deeper() { ++dying.depth; }
         ~Deeper() { --dying.depth; }
     } const deeper;
-    // The count stays 1 until the object is gone: references taken and given back on the way must not delete
-    // it a second time.
+    // The count stays 1 until the object is destroyed: references taken and released meanwhile must not
+    // delete it a second time.
     onDelete();
     delete this;
 }
@@ -236,7 +237,7 @@ unsigned char xobject::isRefCountable()
     return getRtti()->xrttiobject::getIsRefCount();
 }
 
-// A fresh object is held by its maker alone, so only what runs inside the block may change its count.
+// A fresh object is held by its creator alone, so only code inside the block may change its count.
 
 void qelReadHold::holdFresh(xobject* p)
 {

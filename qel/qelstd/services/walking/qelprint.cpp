@@ -15,8 +15,8 @@
 #include "qeltraverse_p.h"
 #include "xsequence.h"
 
-/// What has been printed and not yet handed to the stream: the texts of one operation or, with `byLines`, of
-/// one line, so that the stream is called once for several.
+/// Printed text not yet passed to the stream: that of one operation or, with `byLines`, of one line, so that
+/// the stream is called once for several.
 class qelPrintTraverser::Text
 {
 public:
@@ -54,7 +54,7 @@ public:
         end = std::to_chars(at, at + 12, number).ptr;
         return *this;
     }
-    /// As the stream formats it.
+    /// Formatted as by the stream.
     Text& operator<<(double number)
     {
         if (formatsPlainly()) {
@@ -74,12 +74,12 @@ public:
         constexpr int most = 64;
         for (; blanks > 0; blanks -= most) {
             char* const at = room(most);
-            std::memset(at, ' ', most); // of a size that is known: no call
+            std::memset(at, ' ', most); // constant size: inlined
             end = at + (blanks < most ? blanks : most);
         }
     }
 
-    /// The name of a type; that of an anonymous one is made of its parents' names.
+    /// The name of a type; that of an anonymous one is composed from its parents' names.
     Text& typeName(xrttiobject* type) { return typeName(type, nullptr); }
     Text& attrName(xrttiattr* attr)
     {
@@ -94,13 +94,13 @@ public:
         return *this;
     }
 
-    /// At the end of each operation.
+    /// Called at the end of each operation.
     void done()
     {
         if (!byLines)
             write();
     }
-    /// Hands on what there is.
+    /// Passes the collected text on.
     void write()
     {
         if (end != block)
@@ -114,7 +114,8 @@ private:
         const Nameless* before;
     };
 
-    /// `before`: the anonymous types whose names this one's is a part of; in a ring of them it is none.
+    /// `before`: the anonymous types whose names contain this one's; in a cycle of them it contributes no
+    /// name.
     Text& typeName(xrttiobject* type, const Nameless* before)
     {
         if (known(type, 0, "", [=] { return type->getName(); }))
@@ -128,8 +129,8 @@ private:
         return *this;
     }
 
-    /// Writes the name that `ask` answers, and `after`. While a whole value is printed, short names are kept,
-    /// since most are written many times. False, with nothing written, when there is no name.
+    /// Writes the name that `ask` returns, and `after`. While a whole value is printed, short names are
+    /// cached, since most are written many times. False, with nothing written, when there is no name.
     template<class Ask>
     bool known(const void* owner, int value, std::string_view after, Ask ask)
     {
@@ -153,13 +154,13 @@ private:
             name.value = value;
         }
         char* const at = room(sizeof name.text);
-        std::memcpy(at, name.text, sizeof name.text); // of a size that is known: no call
+        std::memcpy(at, name.text, sizeof name.text); // constant size: inlined
         end = at + name.length;
         return true;
     }
 
-    /// Whether the stream formats reals as a new one does. They are formatted without it then, in a fraction
-    /// of the time.
+    /// Whether the stream formats reals with its default settings. They are then formatted without it, in a
+    /// fraction of the time.
     bool formatsPlainly() const
     {
         constexpr auto formats = std::ios_base::floatfield | std::ios_base::showpoint |
@@ -168,14 +169,14 @@ private:
                state.getloc() == std::locale::classic();
     }
 
-    /// One output operation of the stream, with what the library does about failures in one.
+    /// One output operation of the stream, with the library's handling of failures.
     void handOn(bool flushes)
     {
         const std::streamsize size = end - block;
         end = block;
         std::optional<std::ostream::sentry> sentry;
         if (!state.good() || state.tie() != nullptr || (state.flags() & std::ios_base::unitbuf) != 0)
-            sentry.emplace(os); // reports a failed stream, flushes another one before or this one after
+            sentry.emplace(os); // reports a failed stream, flushes a tied stream before or this one after
         if (!state.good())
             return;
         bool failed = false;
@@ -211,7 +212,7 @@ private:
     };
 
     std::ostream& os;
-    std::ios& state; // of `os`: the way to a virtual base is long
+    std::ios& state; // of `os`: access through the virtual base is slow
     char* end = block;
     char block[1024];
     Name names[64]; // by 6 bits of a hash
@@ -268,7 +269,7 @@ void qelPrintTraverser::printEndObject(char close)
     text->done();
 }
 
-/// What stands on a part's line in front of the value.
+/// Writes the index in front of a part's value.
 bool qelPrintTraverser::printIndex(int index, const char* after)
 {
     nextLine();

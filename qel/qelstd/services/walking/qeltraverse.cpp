@@ -11,7 +11,7 @@
 #include "xrtti.h"
 #include "xsequence.h"
 
-// ---- operations that do nothing unless a visitor wants them
+// ---- operations that do nothing unless a visitor overrides them
 
 void qelTraverser::endStructAttribute(xrttistruct*, xrttiattr*, xrcunihandle<xobject>)
 {
@@ -39,11 +39,11 @@ void qelTraverser::endUnionValue(xrttiunion*, xrttiattr*, xrcunihandle<xobject>)
 
 namespace {
 
-// ---- what the walk knows of a class
+// ---- the walk's view of a class
 
 enum class Shape : unsigned char { object, structure, sequence, dictionary, array, selection };
 
-/// A descriptor as each of the things that it may describe; null for what it does not.
+/// A descriptor as each kind that it may be; null for the others.
 struct View
 {
     explicit View(xrttiobject* type)
@@ -60,19 +60,19 @@ struct View
     xrttiarray* array;
     xrttiunion* selection;
 
-    /// As what an object of the class is announced.
+    /// The kind under which an object of the class is reported.
     Shape announced = structure != nullptr    ? Shape::structure
                       : sequence != nullptr   ? Shape::sequence
                       : dictionary != nullptr ? Shape::dictionary
                       : array != nullptr      ? Shape::array
                       : selection != nullptr  ? Shape::selection
                                               : Shape::object;
-    /// What the class itself contributes to an object: here an array counts before a sequence.
+    /// The class's own contribution to an object: here an array takes precedence over a sequence.
     Shape contents = structure == nullptr && array != nullptr ? Shape::array : announced;
 };
 
-/// Calls `use` with the descriptor as what objects of its class are announced as, and with the pair of the
-/// visitor's operations that do so.
+/// Calls `use` with the descriptor as the kind under which objects of its class are reported, and with the
+/// visitor's pair of operations for that kind.
 template<class Use>
 auto announce(const View& cls, Use use)
 {
@@ -93,8 +93,8 @@ auto announce(const View& cls, Use use)
     return use(cls.object, &qelTraverser::beginObject, &qelTraverser::endObject);
 }
 
-/// A class and what its objects consist of: the contributions of its bases, each once and the most basic one
-/// first, and its own.
+/// A class and the contributions that make up its objects: those of its bases, each once and the most basic
+/// one first, and its own.
 struct Class
 {
     explicit Class(xrttiobject* type) : view(type)
@@ -125,7 +125,7 @@ struct Class
 
 // ---- the walk
 
-/// The place of the walk in an array: one index for each dimension.
+/// The position of the walk in an array: one index for each dimension.
 struct Odometer
 {
     explicit Odometer(int count)
@@ -136,13 +136,13 @@ struct Odometer
             entries->append(0);
     }
 
-    xrchandle<xintsequence> entries; ///< what the visitor sees
+    xrchandle<xintsequence> entries; ///< passed to the visitor
     std::vector<int> at;
     int last;
-    int dimension = 0; ///< the one that is being walked
+    int dimension = 0; ///< the current one
 };
 
-/// An object that is being walked, and how far.
+/// An object on the path of the walk, and the progress in it.
 struct Frame
 {
     Frame(xany&& v, xobject* p, const Class& c) : value(std::move(v)), object(p), cls(&c) {}
@@ -154,7 +154,7 @@ struct Frame
         odometer.reset();
     }
 
-    xany value; // keeps the object
+    xany value; // keeps the object alive
     xobject* object;
     const Class* cls;
     std::size_t contribution = 0;
@@ -168,8 +168,8 @@ struct Frame
     std::unique_ptr<Odometer> odometer;
 };
 
-/// One call of qelTraverse. Nested objects lie on a stack of its own, since they may lie deeper than the
-/// thread's stack reaches.
+/// One call of qelTraverse. Nested objects are kept on its own stack, since they may be nested deeper than
+/// the thread's stack allows.
 class Walk
 {
 public:
@@ -213,7 +213,7 @@ private:
     const bool forPrinter; // see qeltraverse_p.h
     std::vector<Frame> path;
     // A hash table of the path: 0, or 1 + the position of a frame. Objects leave it in the reverse of the
-    // order in which they came, so clearing a slot never breaks another object's probe chain.
+    // order in which they entered, so clearing a slot never breaks another object's probe chain.
     std::vector<unsigned> slots;
     std::unordered_map<xrttiobject*, Class> classes;
     const Class* latest = nullptr;
@@ -221,8 +221,8 @@ private:
     xrttienum* latestEnum = nullptr;
 };
 
-/// Reports a value. True when it is an object that has been put on the path, to be walked before the part
-/// that holds it goes on; `path` may have moved then.
+/// Reports a value. True when it is an object that was pushed on the path, to be walked before its container
+/// continues; `path` may then have been reallocated.
 inline bool Walk::enter(xany&& value)
 {
     switch (value.getKind()) {
@@ -256,7 +256,7 @@ void Walk::reportEnum(const xany& value)
 {
     xobject* const object = value;
     if (!qelIsObject(object))
-        return enter(xany(object)); // a marker that C code has put where an object belongs
+        return enter(xany(object)); // a marker that C code has stored in place of an object
     const std::size_t slot = slotOf(object);
     if (slots[slot] != 0) {
         visitor.alreadyVisited(object);
@@ -284,8 +284,8 @@ void Walk::leave()
     path.pop_back();
 }
 
-// Each `advance` walks on from where the frame is. True when that has led into a nested object: the frame is
-// to be advanced again when the object has been left, and must not be touched before. False at the end.
+// Each `advance` continues the walk at the frame. True when it entered a nested object: the frame must be
+// advanced again after the object has been left, and not be touched before. False at the end.
 
 bool Walk::advance(Frame& frame)
 {
@@ -433,8 +433,8 @@ bool Walk::advance(Frame& frame, xrttiunion* type)
     return false;
 }
 
-/// Walks one part, which the visitor may refuse: begin, the value that `read` answers, end. True when the
-/// value is an object that has been put on the path; called again after that, it ends the part.
+/// Walks one part, which the visitor may skip: begin, the value that `read` returns, end. True when the value
+/// is an object that was pushed on the path; called again afterwards, it ends the part.
 template<auto begin, auto end, class Read, class... A>
 bool Walk::part(Frame& frame, Read read, const A&... where)
 {
@@ -451,7 +451,7 @@ bool Walk::part(Frame& frame, Read read, const A&... where)
     return false;
 }
 
-/// What `read` answers. What it throws becomes a report, and the default of its type the answer.
+/// Returns the result of `read`. If it throws, reports the exception and returns the default of its type.
 template<class Read>
 auto Walk::guarded(Read read) -> decltype(read())
 {
@@ -472,7 +472,7 @@ xany Walk::readAttr(Frame& frame, xrttiattr* attr)
     return attr == nullptr ? xany() : guarded([&] { return attr->getValue(frame.object); });
 }
 
-// Most objects are of the class of the one before, or of one that has been met.
+// Most objects have the class of the previous one, or one that has been met already.
 const Class& Walk::classOf(xobject* object)
 {
     xrttiobject* const type = object->getRtti();
@@ -481,7 +481,7 @@ const Class& Walk::classOf(xobject* object)
     return *latest;
 }
 
-/// Where the path's hash table has the object, or the free slot where it belongs.
+/// Returns the slot of the object in the path's hash table, or the free slot where it would be inserted.
 std::size_t Walk::slotOf(const xobject* object) const
 {
     const std::size_t mask = slots.size() - 1;
