@@ -12,13 +12,13 @@ bool IsBlank(char c)
     return c != '\0' && std::strchr(blanks, c) != nullptr;
 }
 
-// Reads a line word by word.
+// Parses a line word by word.
 class Splitter
 {
 public:
     explicit Splitter(const char* line) : next(line) {}
 
-    // Whether there is a further word; it is appended to then. `isBroken` is set when a quote is not closed.
+    // Returns whether there is another word, and appends it. Sets `isBroken` when a quote is not closed.
     bool Read(std::string& word)
     {
         SkipBlanks();
@@ -28,7 +28,7 @@ public:
             ReadPart(word);
         return true;
     }
-    // The text between a quote that stands here and one that ends the line.
+    // The text between a quote at this position and one that ends the line.
     bool ReadQuotedRest(std::string& text)
     {
         SkipBlanks();

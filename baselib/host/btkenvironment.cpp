@@ -16,13 +16,16 @@ struct State
 {
     std::shared_mutex guard;
     std::atomic<std::uint64_t> changes = 0;
-    std::set<std::string> texts;          // each "NAME=value" that Set has put into a table
-    std::list<std::vector<char*>> tables; // the last one is in force unless other code made its own
+    // Each "NAME=value" that Set has put into a table.
+    std::set<std::string> texts;
+    // The last one is in force unless other code replaced it.
+    std::list<std::vector<char*>> tables;
 };
 
 State& state()
 {
-    static State* const only = new State; // never freed: read while the process ends
+    // Never freed: read while the process exits.
+    static State* const only = new State;
     return *only;
 }
 
@@ -34,7 +37,7 @@ std::size_t countEntries()
     return count;
 }
 
-/// The place of the variable `name`, or null.
+/// Returns the table entry of the variable `name`, or null.
 char** find(std::string_view name)
 {
     for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry)
@@ -43,8 +46,8 @@ char** find(std::string_view name)
     return nullptr;
 }
 
-/// A place for one more variable at the end of the table. Its neighbour is null already, so that readers
-/// without the lock find an end at all times.
+/// Returns an entry for one more variable at the end of the table. The next entry is null already, so that
+/// readers without the lock always find an end.
 char** newPlace(State& all)
 {
     const std::size_t count = countEntries();

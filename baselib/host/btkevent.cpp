@@ -65,7 +65,8 @@ bool btkEvent::IsSignaled()
 void btkEvent::PrepareAsked(btkPollSet::Place& place, btkPollSet& places)
 {
     const btkBaseEvent::State state = baseEvent->OnAsk();
-    place = {watch.handle, watch.events, 0}; // asking may have changed it
+    // OnAsk may have changed it.
+    place = {watch.handle, watch.events, 0};
     if (state == btkBaseEvent::Ask)
         return;
     place.handle = -1;
@@ -96,7 +97,7 @@ void Event_Set(btkHandle event)
 {
     const int kept = errno;
     const std::uint64_t one = 1;
-    // Fails only when the event has been set 2^64 times, and is set then too.
+    // Fails only when the event has been set 2^64 times; it is set then too.
     [[maybe_unused]] const auto written = write(event, &one, sizeof one);
     errno = kept;
 }

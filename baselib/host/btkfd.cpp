@@ -23,7 +23,7 @@ short Poll(btkHandle handle, short events, btkTimeval limit)
     return btkPoll(&asked, 1, limit) < 0 ? POLLERR : asked.revents;
 }
 
-// Makes a call that transfers bytes, after a wait where the descriptor does not block.
+// Makes a call that transfers bytes, after waiting if the descriptor is non-blocking.
 template<typename Call>
 std::ptrdiff_t Transfer(btkHandle handle, short events, Call call)
 {
@@ -35,7 +35,7 @@ std::ptrdiff_t Transfer(btkHandle handle, short events, Call call)
     }
 }
 
-// Repeats `call(done)`, which transfers some bytes, until `size` are done, one call answers 0, or one fails.
+// Repeats `call(done)`, which transfers some bytes, until `size` are done, a call returns 0, or a call fails.
 template<typename Call>
 std::size_t TransferAll(btkHandle handle, short events, std::size_t size, Call call)
 {
@@ -63,7 +63,8 @@ void btkFd::Reset(btkHandle owned)
 {
     if (handle >= 0) {
         const int kept = errno;
-        close(handle); // never repeated: the descriptor is gone even when the call was interrupted
+        // Never repeated: the descriptor is closed even when the call was interrupted.
+        close(handle);
         errno = kept;
     }
     handle = owned;
@@ -162,7 +163,7 @@ bool btkIsTerminal(btkHandle handle)
 
 std::ptrdiff_t btkMove(const btkPlace& from, const btkPlace& to)
 {
-    // The pages of a file are not to be passed into a pipe: they would change with the file until they are
+    // The pages of a file must not be spliced into a pipe: they would change with the file until they are
     // read.
     if (from.position != nullptr && to.position == nullptr)
         return -1;
@@ -203,7 +204,7 @@ std::size_t btkCountWritable(btkHandle handle, bool& broken)
     if (broken || (ready & POLLOUT) == 0)
         return 0;
     const std::size_t capacity = btkGetPipeSize(handle);
-    // A pipe that is ready has a free page at least.
+    // A ready pipe has at least one free page.
     return capacity == SIZE_MAX || btkCountReadable(handle) == 0
                ? capacity
                : static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
@@ -229,7 +230,7 @@ btkNoSigPipe::btkNoSigPipe()
     pthread_sigmask(SIG_BLOCK, &set, &before);
     blocked = sigismember(&before, SIGPIPE) == 0;
     sigset_t pending;
-    // A signal can be pending only where it was blocked before.
+    // A signal can be pending only if it was blocked before.
     wasPending = !blocked && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
 }
 

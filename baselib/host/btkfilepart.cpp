@@ -15,12 +15,11 @@
 
 namespace {
 
-// Copies within this process as the kernel copies: without looking at signals, and where `to` has been cut
-// off its file that is an error and no SIGBUS. `from` lies in one page.
+// Copies within this process by the kernel: not interrupted by signals, and if the file of `to` has been
+// truncated, an error instead of SIGBUS. `from` lies in one page.
 //
-// The first and the last byte are copied onto themselves before. Where that fails, nothing has changed; after
-// it both pages are there and writable, so that the copy has nothing to wait for, in which it could be broken
-// off.
+// First copies the first and the last byte onto themselves. If that fails, nothing has changed; otherwise
+// both pages are present and writable, so that the copy cannot block, and so cannot be interrupted part way.
 bool CopyByKernel(char* to, char* from, std::size_t size)
 {
     char* const last = to + size - 1;
@@ -78,16 +77,17 @@ bool btkOpenAnew(btkHandle handle)
     return opened && dup3(opened.Get(), handle, O_CLOEXEC) == handle;
 }
 
-// ---- parts that are rewritten whole
+// ---- parts that are rewritten atomically
 
 bool btkPartWriter::LiesAcross(long long position, std::size_t size)
 {
-    constexpr long long page = 4096; // or several of them are one page
+    // Or a multiple of the real page size.
+    constexpr long long page = 4096;
     return size > 0 && position / page != (position + static_cast<long long>(size) - 1) / page;
 }
 
-// A write goes page by page, and a killed process leaves it between two of them. One copy into mapped pages
-// does not.
+// A write proceeds page by page, and a killed process may stop between two of them. One copy into mapped
+// pages does not.
 std::size_t btkPartWriter::Write(btkHandle handle, const void* from, std::size_t size, long long position,
                                  Notice notice)
 {
@@ -104,7 +104,7 @@ std::size_t btkPartWriter::Write(btkHandle handle, const void* from, std::size_t
     return btkWriteAt(handle, from, size, position);
 }
 
-// Unlike a write, a store into pages is told to nobody.
+// Unlike a write, a store into mapped pages notifies no watcher.
 void btkPartWriter::MakeKnown(btkHandle handle, Notice notice)
 {
     constexpr btkTimeval pause(1, 0);
@@ -115,7 +115,7 @@ void btkPartWriter::MakeKnown(btkHandle handle, Notice notice)
     futimens(handle, nullptr);
 }
 
-// Maps the file if it reaches up to `end`: pages make no file longer.
+// Maps the file if it extends to `end`: a mapping does not extend a file.
 bool btkPartWriter::Map(btkHandle handle, long long end)
 {
     if (end <= mapped)

@@ -6,7 +6,7 @@
 
 bool btkFileWatch::Begin(btkHandle file)
 {
-    // The file of an open descriptor, whatever its path leads to by now.
+    // The file of an open descriptor, regardless of where its path leads now.
     const std::string opened = "/proc/self/fd/" + std::to_string(file);
     news.Reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
     if (news && inotify_add_watch(news.Get(), opened.c_str(),
@@ -18,7 +18,8 @@ bool btkFileWatch::Begin(btkHandle file)
 
 void btkFileWatch::Forget()
 {
-    constexpr int most = 64; // reads empty the longest queue
+    // Enough reads to empty the longest queue.
+    constexpr int most = 64;
     char taken[4096];
     for (int left = most; left > 0 && read(news.Get(), taken, sizeof taken) > 0; --left) {
     }

@@ -35,9 +35,10 @@ char* btkStrDup(const char* text)
 
 void* btkResizeBlock(void* block, std::size_t kept, std::size_t size)
 {
-    if (size < largePage || size > PTRDIFF_MAX) // and then there is none
+    // Above PTRDIFF_MAX realloc fails.
+    if (size < largePage || size > PTRDIFF_MAX)
         return std::realloc(block, size);
-    // realloc moves large blocks without their large pages.
+    // realloc moves large blocks without their huge pages.
     void* const resized = std::aligned_alloc(largePage, (size + largePage - 1) & ~(largePage - 1));
     if (resized == nullptr)
         return nullptr;
@@ -57,5 +58,6 @@ void btkExpectUse(void* block, std::size_t size)
     const std::uintptr_t end = (at + size) & ~(smallPage - 1);
     const int before = errno;
     madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);
-    errno = before; // a host without large pages refuses
+    // A system without huge pages refuses.
+    errno = before;
 }

@@ -9,7 +9,7 @@
 
 namespace {
 
-// How long a wait that cannot watch all its descriptors sleeps before it looks again.
+// Sleep of a wait that cannot watch all its descriptors, before it polls again.
 const btkTimeval slice(0.01);
 
 int pollOnce(pollfd* asked, std::size_t count, btkTimeval limit)
@@ -24,7 +24,7 @@ std::size_t largestPoll()
     return getrlimit(RLIMIT_NOFILE, &most) == 0 ? std::max<std::size_t>(most.rlim_cur, 1) : 1;
 }
 
-// One entry for each descriptor of a wait that has several entries for some.
+// Merges the entries of a wait into one for each descriptor.
 class MergedPoll
 {
 public:
@@ -36,8 +36,8 @@ public:
             merge();
     }
 
-    // Returns as ppoll does; when the descriptors are too many for one call, it looks at all of them at once
-    // and then sleeps for a slice at most.
+    // Returns as ppoll does; with too many descriptors for one call, polls all of them and then sleeps for a
+    // slice at most.
     int poll(btkTimeval limit)
     {
         if (order == nullptr || merged == nullptr) {

@@ -21,13 +21,15 @@
 
 struct btkProcess
 {
-    btkFd descriptor; // the host's own handle of the process, which no later process can get
+    // A pidfd, which never refers to a later process.
+    btkFd descriptor;
     pid_t id = -1;
     bool isChild = false;
     bool leadsGroup = false;
-    bool isReaped = false; // its exit code has been taken: the id may be another's now
-    std::list<btkFd>
-        abandoned; // of a child: the place for its descriptor, so that freeing it takes no memory
+    // Its exit code has been taken: the id may be reused.
+    bool isReaped = false;
+    // Of a child: a list node for its descriptor, so that freeing the process allocates no memory.
+    std::list<btkFd> abandoned;
 };
 
 namespace {
@@ -45,7 +47,7 @@ int SignalProcess(btkHandle process, int number)
 
 constexpr idtype_t byDescriptor = static_cast<idtype_t>(3); // P_PIDFD
 
-// Takes the exit code of a child: 1; 0 when it runs still, -1 when that fails.
+// Takes the exit code of a child: 1; 0 when it is still running, -1 on failure.
 int Reap(btkHandle process, bool wait, long& exitCode)
 {
     siginfo_t ended = {};
@@ -58,7 +60,7 @@ int Reap(btkHandle process, bool wait, long& exitCode)
     return 1;
 }
 
-// Children that were freed while they ran, until they end.
+// Children that were freed while they ran, until they exit.
 class Abandoned
 {
 public:
@@ -68,7 +70,7 @@ public:
         process.abandoned.front() = std::move(process.descriptor);
         running.splice(running.end(), process.abandoned);
     }
-    // Reaps those that have ended. Keeps errno.
+    // Reaps those that have exited. Keeps errno.
     void Sweep()
     {
         const std::lock_guard guard(mutex);
@@ -83,7 +85,8 @@ public:
     static Abandoned& Get()
     {
         static auto* const all =
-            new Abandoned; // never freed: processes are freed by destructors at the end, too
+            // Never freed: destructors at exit may free processes, too.
+            new Abandoned;
         return *all;
     }
 
@@ -100,7 +103,7 @@ public:
     FileActions(const FileActions&) = delete;
     FileActions& operator=(const FileActions&) = delete;
 
-    // Each answers whether it worked; the reason is in errno.
+    // Each returns whether it succeeded; the reason is in errno.
     bool ChangeDirectory(const char* path)
     {
         return Check(posix_spawn_file_actions_addchdir_np(&actions, path));
@@ -126,8 +129,8 @@ private:
     posix_spawn_file_actions_t actions;
 };
 
-// Places the three handles in the child. Those that have a standard number already are duplicated first, lest
-// one takes the place of another.
+// Assigns the three handles in the child. Those that have a standard number already are duplicated first,
+// lest one overwrites another.
 bool PlaceStreams(FileActions& actions, const btkHandle (&handles)[3], btkFd (&duplicates)[3])
 {
     for (int standard = 0; standard < 3; ++standard) {
@@ -172,7 +175,7 @@ pid_t Spawn(const std::vector<std::string>& words, const char* workDir, const bt
     return -1;
 }
 
-// To the whole group of one that leads it: the id of a group can not become another's while its leader is not
+// For a process that leads a group, to the whole group: the group's id cannot be reused before its leader is
 // reaped.
 void Send(const btkProcess* process, int number)
 {
@@ -207,14 +210,14 @@ bool Process_Launch(btkProcess** process, unsigned long* id, const char* command
         return false;
     made->descriptor.Reset(OpenProcess(made->id));
     if (!made->descriptor && errno != ESRCH) {
-        // No descriptor is left to watch it by: it must not run unseen.
+        // No descriptor is left to watch it: it must not run unobserved.
         const int kept = errno;
         kill(made->leadsGroup ? -made->id : made->id, SIGKILL);
         btkRetry([&] { return waitpid(made->id, nullptr, 0); });
         errno = kept;
         return false;
     }
-    // ESRCH: where the program ignores the ends of its children, they are reaped by themselves.
+    // ESRCH: if the program ignores SIGCHLD, children are reaped automatically.
     made->isReaped = !made->descriptor;
     *id = static_cast<unsigned long>(made->id);
     *process = made.release();
@@ -232,7 +235,8 @@ bool Process_Open(btkProcess** process, unsigned long id)
     made->id = static_cast<pid_t>(id);
     made->descriptor.Reset(OpenProcess(made->id));
     if (!made->descriptor) {
-        if (errno == EINVAL || errno == ENOENT) // the id of a thread; hosts differ
+        // The id of a thread; kernels differ.
+        if (errno == EINVAL || errno == ENOENT)
             errno = ESRCH;
         return false;
     }

@@ -23,7 +23,8 @@ namespace {
 
 // ---- owner and rights
 
-constexpr std::size_t largestAttribute = 65536; // the host's limit, for a list of names as well
+// The kernel's limit, for a list of names as well.
+constexpr std::size_t largestAttribute = 65536;
 constexpr const char* accessList = "system.posix_acl_access";
 constexpr const char* defaultList = "system.posix_acl_default";
 
@@ -37,8 +38,8 @@ Bytes room()
     return bytes;
 }
 
-/// Whether an attribute failed because the file system has none of its kind, or cannot hold this one: names
-/// of users that a container does not have.
+/// Whether an attribute failed because the file system does not support its kind, or cannot store this one:
+/// names of users that a container does not have.
 bool isNotKept(int error)
 {
     return error == EOPNOTSUPP || error == ENOSYS || error == EINVAL;
@@ -46,13 +47,13 @@ bool isNotKept(int error)
 
 bool dropList(btkHandle file, const char* name)
 {
-    // Nearly always there is none, and asking is cheaper than removing.
+    // There is nearly always none, and checking is cheaper than removing.
     return fgetxattr(file, name, nullptr, 0) < 0 || fremovexattr(file, name) == 0 || errno == ENODATA ||
            isNotKept(errno);
 }
 
-/// The permission bits of the group in an access list in the host's form, within the list's mask; none when
-/// it cannot be read.
+/// Returns the group's permission bits of an access list in the kernel's form, within the list's mask; none
+/// when it cannot be read.
 mode_t groupBits(const char* list, std::size_t size)
 {
     struct Entry
@@ -75,7 +76,7 @@ mode_t groupBits(const char* list, std::size_t size)
     return (group & mask & 7U) << 3;
 }
 
-/// Copies the attribute `name`. Its value stays in `value`, and its size in `size`.
+/// Copies the attribute `name`. Leaves its value in `value`, and its size in `size`.
 bool copyAttribute(btkHandle from, btkHandle to, const char* name, char* value, std::size_t& size)
 {
     const ssize_t count = fgetxattr(from, name, value, largestAttribute);
@@ -85,7 +86,8 @@ bool copyAttribute(btkHandle from, btkHandle to, const char* name, char* value, 
     return fsetxattr(to, name, value, size, 0) == 0;
 }
 
-/// Copies what `from` has beside its mode. `mode` loses the bits of the group where its list is not kept.
+/// Copies the rights that `from` has besides its mode. `mode` loses the bits of the group where its list is
+/// not supported.
 bool copyAttributes(btkHandle from, btkHandle to, bool isFolder, mode_t& mode)
 {
     bool hasAccess = false, hasDefault = false;
@@ -123,13 +125,16 @@ bool copyAttributes(btkHandle from, btkHandle to, bool isFolder, mode_t& mode)
     return (hasAccess || dropList(to, accessList)) && (!isFolder || hasDefault || dropList(to, defaultList));
 }
 
-// ---- names that nobody has
+// ---- private names
 
 constexpr std::string_view mark = ".qelnew-";
 constexpr std::size_t digits = 16;
-constexpr int mostNames = 10000;            // to look at in a folder
-constexpr int attempts = 100;               // to find a free name
-constexpr long long lockedByte = 1LL << 62; // of a new file: nobody locks its content there
+// Scanned in a folder.
+constexpr int mostNames = 10000;
+// To find a free name.
+constexpr int attempts = 100;
+// Of a new file: no lock on its content reaches there.
+constexpr long long lockedByte = 1LL << 62;
 
 bool hasMark(std::string_view name)
 {
@@ -148,8 +153,7 @@ bool newName(std::string& name)
     return true;
 }
 
-/// Removes from the open folder what processes that were killed have left. Returns how many names it has
-/// looked at.
+/// Removes leftovers of killed processes from the open folder. Returns the number of names scanned.
 int removeLeftOvers(btkHandle folder)
 {
     btkFd own(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -174,8 +178,8 @@ int removeLeftOvers(btkHandle folder)
     return count;
 }
 
-/// The same before a replacement in the folder. The cost is spread: after a look at many names, this thread
-/// leaves out the next replacements in that folder, one for every 16 names.
+/// The same before a replacement in the folder. The cost is amortized: after scanning many names, this thread
+/// skips the scan for the next replacements in that folder, one for every 16 names.
 void sweepFor(btkHandle folder)
 {
     constexpr int namesForOne = 16;
@@ -183,7 +187,8 @@ void sweepFor(btkHandle folder)
     {
         dev_t device;
         ino_t number;
-        int left; // to leave out
+        // Replacements that skip the scan.
+        int left;
     } last = {};
     struct stat status;
     if (fstat(folder, &status) != 0)
@@ -194,26 +199,26 @@ void sweepFor(btkHandle folder)
         last = {status.st_dev, status.st_ino, removeLeftOvers(folder) / namesForOne};
 }
 
-/// Finds write errors that the operating system reports on close only.
+/// Reports write errors that the operating system reports on close only.
 bool hasKeptWrites(const btkFd& file)
 {
     btkFd copy = file.Duplicate();
     return copy && (close(copy.Release()) == 0 || errno == EINTR);
 }
 
-/// Where this process finds its open files by name.
+/// The folder in which this process finds its open files by name.
 constexpr const char* openFiles = "/proc/self/fd/";
 
-/// Gives an open file without a name the name `name`.
+/// Gives an open unnamed file the name `name`.
 bool linkOpen(btkHandle file, int folder, const char* name)
 {
-    // Older kernels want a capability for the first way.
+    // Older kernels require a capability for the first way.
     return linkat(file, "", folder, name, AT_EMPTY_PATH) == 0 ||
            (errno == ENOENT && linkat(AT_FDCWD, (openFiles + std::to_string(file)).c_str(), folder, name,
                                       AT_SYMLINK_FOLLOW) == 0);
 }
 
-/// Whether an open file without a name can be given one.
+/// Whether an open unnamed file can be given a name.
 bool canLinkOpen()
 {
     static const bool can = access(openFiles, X_OK) == 0;
@@ -224,7 +229,8 @@ bool renameToFree(int folder, const char* name, const char* newName)
 {
     if (renameat2(folder, name, folder, newName, RENAME_NOREPLACE) == 0)
         return true;
-    if (errno != EINVAL) // which means that the file system cannot do it
+    // EINVAL: the file system does not support it.
+    if (errno != EINVAL)
         return false;
     return linkat(folder, name, folder, newName, 0) == 0 && unlinkat(folder, name, 0) == 0;
 }
@@ -311,7 +317,7 @@ bool btkReplacement::CreateBeside(const char* path)
     struct stat status;
     bool exists = stat(path, &status) == 0;
     if (!exists && errno == ENOENT && lstat(path, &status) == 0) {
-        // The link is to stay: the file is made where it leads.
+        // The link must stay: the file is created at its target.
         const btkFd made(open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, forEverybody));
         exists = made && fstat(made.Get(), &status) == 0;
     }
@@ -343,7 +349,7 @@ bool btkReplacement::IsKeptOut(int error)
            error == EXDEV || error == EOPNOTSUPP;
 }
 
-/// EEXIST: another name is to be tried.
+/// EEXIST: another name must be tried.
 bool btkReplacement::createNamed(unsigned permissions)
 {
     std::string name;
@@ -355,7 +361,7 @@ bool btkReplacement::createNamed(unsigned permissions)
     }));
     if (!file)
         return false;
-    // Before the lock was there, the file may have been taken for a left-over.
+    // Before it was locked, another process may have taken the file for a leftover.
     struct stat status;
     if (!lockIt() || fstat(file.Get(), &status) != 0 || status.st_nlink == 0) {
         unlinkat(folder, name.c_str(), 0);
@@ -367,8 +373,8 @@ bool btkReplacement::createNamed(unsigned permissions)
     return true;
 }
 
-/// Shows that the file is in use, until its descriptor is closed. False when another opening of it shows
-/// that.
+/// Marks the file as in use, until its descriptor is closed. False when another open file description has
+/// marked it.
 bool btkReplacement::lockIt()
 {
     btkRangeLock lock(file.Get(), lockedByte, 1);
@@ -377,7 +383,7 @@ bool btkReplacement::lockIt()
     return !busy;
 }
 
-/// Gives the file a name that nobody has.
+/// Gives the file a private name.
 bool btkReplacement::nameIt()
 {
     sweepFor(folder);

@@ -34,7 +34,7 @@ btkSocketAddress AddressOf(btkHandle handle, Asked ask)
     return address;
 }
 
-// Of a peer: as it was noted when its connection was accepted, else as the host knows it while it is
+// The address of a peer: as recorded when its connection was accepted, else from the kernel while it is
 // connected.
 template<std::size_t size>
 btkSocketAddress PeerOf(const btkSocket& socket, const std::array<char, size>& noted)
@@ -53,14 +53,15 @@ void SetOption(btkHandle handle, int level, int option, int value)
 void SetStreamOptions(btkHandle handle)
 {
     SetOption(handle, IPPROTO_TCP, TCP_NODELAY, 1);
-    // A peer whose machine is gone says nothing, and who reads from it would wait for ever: found in 2
+    // Keepalive: a reader would otherwise wait forever for a peer whose machine is down; detected within 2
     // minutes.
     SetOption(handle, SOL_SOCKET, SO_KEEPALIVE, 1);
     SetOption(handle, IPPROTO_TCP, TCP_KEEPIDLE, 60);
     SetOption(handle, IPPROTO_TCP, TCP_KEEPINTVL, 15);
     SetOption(handle, IPPROTO_TCP, TCP_KEEPCNT, 4);
     SetOption(handle, SOL_SOCKET, SO_OOBINLINE, 1);
-    SetOption(handle, IPPROTO_TCP, TCP_INQ, 1); // each read tells how much is left
+    // Each read reports how much is left.
+    SetOption(handle, IPPROTO_TCP, TCP_INQ, 1);
 }
 
 btkTimeval EndOf(btkTimeval limit)
@@ -73,15 +74,14 @@ btkTimeval LeftUntil(btkTimeval end)
     return end.IsForever() ? end : end - btkTimeval::Now();
 }
 
-// Polls; answers the events that hold, 0 when the limit has passed.
+// Polls; returns the events that hold, 0 when the limit has passed.
 short Poll(btkHandle handle, short events, btkTimeval limit)
 {
     pollfd asked = {handle, events, 0};
     return btkPoll(&asked, 1, limit) < 0 ? POLLERR : asked.revents;
 }
 
-// A receive. `mayBeMore`: whether there may be something behind what it took; known only where the host
-// tells.
+// Receives. `mayBeMore`: whether there may be more data after it; known only where the kernel reports it.
 std::ptrdiff_t ReceivePart(btkHandle handle, void* to, std::size_t size, int flags, bool& mayBeMore)
 {
     iovec room = {to, size};
@@ -102,7 +102,7 @@ std::ptrdiff_t ReceivePart(btkHandle handle, void* to, std::size_t size, int fla
     return count;
 }
 
-// A receive that never waits.
+// Receives without ever waiting.
 std::ptrdiff_t ReceiveNow(btkHandle handle, void* to, std::size_t size, bool& mayBeMore)
 {
     return btkRetry([&] { return ReceivePart(handle, to, size, MSG_DONTWAIT, mayBeMore); });
@@ -134,7 +134,7 @@ private:
     btkStreamSocket& socket;
 };
 
-// For what no event tells of.
+// For changes that no event reports.
 template<class Holds>
 void WaitWhile(Holds holds, btkTimeval end)
 {
@@ -143,7 +143,7 @@ void WaitWhile(Holds holds, btkTimeval end)
         btkPoll(nullptr, 0, pause);
 }
 
-// What the operating system knows of a connection; an older one knows less, and leaves the rest as it was.
+// The kernel's data about a connection; an older kernel fills in less, and leaves the rest unchanged.
 tcp_info AskInfo(btkHandle connection, const tcp_info& unknown)
 {
     tcp_info info = unknown;
@@ -167,7 +167,7 @@ btkFd ConnectTo(const btkSocketAddress& address, btkTimeval limit)
             error = errno;
     }
     if (error == 0) {
-        // A port that nobody listens on may be chosen for this end, and TCP then connects it to itself.
+        // An unused port may be chosen for this end, and TCP then connects it to itself.
         const btkSocketAddress own = AddressOf(made.Get(), getsockname);
         if (own.GetPort() == address.GetPort() && own.HasSameHost(address))
             error = ECONNREFUSED;
@@ -214,8 +214,8 @@ bool btkSocket::IsOnLoopback() const
 
 // ---- btkStreamSocket
 
-/// What was read from the host but is not delivered yet: ordinary bytes up to the last mark, or up to where
-/// the host had no more, and the urgent values at the marks.
+/// Data read from the kernel but not delivered yet: ordinary bytes up to the last mark, or as far as the
+/// kernel had any, and the urgent values at the marks.
 struct btkStreamSocket::Ahead
 {
     struct Value
@@ -232,7 +232,7 @@ struct btkStreamSocket::Ahead
     std::size_t valueCount = 0;
 
     std::size_t Count() const { return bytes.size() - taken; }
-    // How many bytes surely are ordinary.
+    // The number of bytes that are certainly ordinary.
     std::size_t Sure() const
     {
         const std::size_t unsure = isMarkNear ? beforeMark : 0;
@@ -258,7 +258,8 @@ struct btkStreamSocket::Ahead
     {
         if (Count() > 0)
             return;
-        bytes = std::string(); // gives back what a long way to a mark took
+        // Releases the memory of a long way to a mark.
+        bytes = std::string();
         taken = 0;
     }
     // Keeps the newest values.
@@ -297,7 +298,7 @@ bool btkStreamSocket::Connect(const char* host, int port, btkTimeval limit)
     const std::vector<btkSocketAddress> addresses = btkResolve(host, port, limit);
     std::size_t rest = addresses.size();
     for (const btkSocketAddress& address : addresses) {
-        // Each gets its share of the time, so that one which is silent leaves some for the next.
+        // Each gets its share of the time, so that a silent one leaves some for the next.
         const btkTimeval left = LeftUntil(end);
         const btkTimeval share =
             left.IsForever() ? left : btkTimeval(left.ToSeconds() / static_cast<double>(rest--));
@@ -330,8 +331,8 @@ void btkStreamSocket::ShutdownOutput()
     shutdown(fd.Get(), SHUT_WR);
 }
 
-// Waits until `events` hold, at most until `end` or the end that the stop sign tells of. False when the time
-// is up.
+// Waits until `events` hold, at most until `end` or the end that the stop sign sets. False when the time is
+// up.
 bool btkStreamSocket::Await(short events, btkTimeval end)
 {
     for (;;) {
@@ -342,7 +343,7 @@ bool btkStreamSocket::Await(short events, btkTimeval end)
             return true;
         if (asked[0].revents != 0)
             return true;
-        // An event that has no end to tell of is another one that has got its number.
+        // If no end is set, the handle number has been reused by another event.
         if (asked[1].revents != 0 && !stopSign->IsKnown())
             stopSign.reset();
         else if (asked[1].revents == 0) {
@@ -354,7 +355,7 @@ bool btkStreamSocket::Await(short events, btkTimeval end)
 }
 
 // Repeats `call(flags)`, a send or receive, until it transfers something, fails, or `end` has passed. Without
-// anything that could end it the call itself waits; else poll does.
+// a limit or stop sign the call itself waits; otherwise poll does.
 template<class Call>
 std::ptrdiff_t btkStreamSocket::Transfer(short events, btkTimeval end, bool waitsFirst, Call call)
 {
@@ -447,8 +448,8 @@ std::ptrdiff_t btkStreamSocket::ReceiveRaw(char* to, std::size_t size, Wait wait
                     [&](int flags) { return ReceivePart(fd.Get(), to, size, flags, mayBeMore); });
 }
 
-// One path for both channels. The host stops a read at a mark, so the three bytes before one are the last of
-// a read; only a read that has filled its room may end among them. A read that leaves nothing ends at no
+// One path for both channels. The kernel stops a read at a mark, so the three bytes before one are the last
+// of a read; only a read that has filled its room may end among them. A read that leaves nothing ends at no
 // mark.
 std::ptrdiff_t btkStreamSocket::Receive(char* to, std::size_t size, Wait wait)
 {
@@ -462,7 +463,8 @@ std::ptrdiff_t btkStreamSocket::Receive(char* to, std::size_t size, Wait wait)
             const std::size_t held = ahead->Take(to, size);
             if (held > 0)
                 return static_cast<std::ptrdiff_t>(held);
-            if (ahead->Count() > 0) { // parts of a value whose end is on its way
+            // Parts of a value whose end is still to arrive.
+            if (ahead->Count() > 0) {
                 if (wait == Wait::never)
                     errno = EAGAIN;
                 else if (Await(POLLIN, end))
@@ -505,7 +507,7 @@ btkStreamSocket::Ahead& btkStreamSocket::GetAhead()
     return *ahead;
 }
 
-// Takes the urgent values that have come, and what stands before them, from the host.
+// Takes the urgent values that have arrived, and the data before them, from the kernel.
 void btkStreamSocket::Settle()
 {
     while (IsUrgentPending()) {
@@ -516,7 +518,7 @@ void btkStreamSocket::Settle()
     }
 }
 
-// Reads on until the mark, as far as that needs no waiting.
+// Reads on until the mark, as far as possible without waiting.
 void btkStreamSocket::ReadToMark()
 {
     while (ahead->isMarkNear) {
@@ -548,8 +550,8 @@ void btkStreamSocket::ReadToMark()
     }
 }
 
-// Makes a value of the three last bytes and the one at the mark. A peer that sends fewer urgent bytes leaves
-// those before its mark where they are.
+// Makes a value of the last three bytes and the one at the mark. If a peer sends fewer urgent bytes, those
+// before its mark stay where they are.
 void btkStreamSocket::TakeMark(char last)
 {
     Ahead::Value value = {{last}, 1};
@@ -596,13 +598,13 @@ bool btkStreamSocket::HoldsReadable() const
     return ahead != nullptr && ahead->Sure() > 0;
 }
 
-// A mark that is known and not reached yet must not wake us again and again.
+// A mark that is known and not reached yet must not cause repeated wakeups.
 short btkStreamSocket::GetInputConditions() const
 {
     return static_cast<short>(ahead != nullptr && ahead->isMarkNear ? POLLIN : POLLIN | POLLPRI);
 }
 
-// Without a mark what is readable is ordinary, whatever has come since.
+// Without a mark all readable data is ordinary, whatever has arrived since.
 bool btkStreamSocket::IsReadableAfter(short found)
 {
     const bool isMarkNear = ahead != nullptr && ahead->isMarkNear;
@@ -647,7 +649,7 @@ bool btkAcceptSocket::Listen(int port, const char* interface)
     if (interface != nullptr) {
         addresses = btkResolveInterface(interface, port);
     } else {
-        // One socket for both families, and where the host has no IPv6, one for IPv4.
+        // One socket for both families or, without IPv6, one for IPv4.
         for (const int family : {AF_INET6, AF_INET})
             addresses.push_back(btkSocketAddress::Any(family, port));
     }
@@ -657,7 +659,8 @@ bool btkAcceptSocket::Listen(int port, const char* interface)
         if (!made)
             continue;
         SetOption(made.Get(), SOL_SOCKET, SO_REUSEADDR, 1);
-        SetStreamOptions(made.Get()); // its connections inherit them, which saves two calls for each
+        // Inherited by its connections, which saves two calls for each.
+        SetStreamOptions(made.Get());
         if (family == AF_INET6)
             SetOption(made.Get(), IPPROTO_IPV6, IPV6_V6ONLY, interface != nullptr);
         if (bind(made.Get(), address.Get(), address.size) == 0 && listen(made.Get(), SOMAXCONN) == 0) {
@@ -665,7 +668,8 @@ bool btkAcceptSocket::Listen(int port, const char* interface)
             return true;
         }
         if (errno == EADDRINUSE)
-            return false; // not to end up on a part of what was asked for
+            // Not to listen on only a part of what was requested.
+            return false;
     }
     return false;
 }
@@ -682,7 +686,7 @@ bool btkAcceptSocket::Accept(btkStreamSocket* connection)
     return true;
 }
 
-// ---- what a connection is like
+// ---- the state of a connection
 
 void btkResetOnClose(btkHandle connection, bool isOn)
 {
@@ -712,5 +716,6 @@ unsigned long long btkCountReceived(btkHandle connection)
 
 void btkSetOwnRoom(btkHandle connection, std::size_t bytes)
 {
-    SetOption(connection, SOL_SOCKET, SO_RCVBUF, static_cast<int>(bytes)); // takes as much again for itself
+    // The kernel adds as much again for itself.
+    SetOption(connection, SOL_SOCKET, SO_RCVBUF, static_cast<int>(bytes));
 }

@@ -33,7 +33,7 @@ bool IsMapped(const btkSocketAddress& address)
     return address.storage.ss_family == AF_INET6 && IN6_IS_ADDR_V4MAPPED(&Of6(address).sin6_addr);
 }
 
-// The IPv4 address within, in the byte order of the network. False for true IPv6.
+// The embedded IPv4 address, in network byte order. False for true IPv6.
 bool Get4(const btkSocketAddress& address, in_addr& out)
 {
     if (address.storage.ss_family == AF_INET)
@@ -69,7 +69,7 @@ btkSocketAddress Fixed(int family, int port, in_addr_t dotted, const in6_addr& a
                              : Copied(reinterpret_cast<const sockaddr*>(&made6), sizeof made6, port);
 }
 
-// One question to the host's resolver, which has no limit of its own. Shared with the thread that asks it.
+// One query to the system's resolver, which has no limit of its own. Shared with the thread that runs it.
 struct Question
 {
     std::string host;
@@ -95,7 +95,7 @@ struct Question
     }
 };
 
-// Asks on a thread of its own, which is left to itself when it takes longer than `limit`.
+// Runs the query on its own thread, which is abandoned when it takes longer than `limit`.
 std::vector<btkSocketAddress> AskWithin(Question question, btkTimeval limit)
 {
     auto shared = std::make_shared<Question>(std::move(question));
@@ -116,7 +116,8 @@ std::vector<btkSocketAddress> AskWithin(Question question, btkTimeval limit)
         errno = EAGAIN;
         return {};
     }
-    [[maybe_unused]] const auto* const taken = given.release(); // the thread's now
+    // Owned by the thread now.
+    [[maybe_unused]] const auto* const taken = given.release();
     std::vector<btkSocketAddress> answer;
     if (btkIsReadable(StrictThread_GetExitHandle(thread), limit)) {
         int code = 0;

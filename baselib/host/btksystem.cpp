@@ -42,7 +42,7 @@ void btkSpawnAttributes::LeadGroup()
 
 namespace {
 
-/// Waits for the end of a child: its exit status, 128 and the signal's number, or -1.
+/// Waits until a child exits: its exit status, 128 plus the signal's number, or -1.
 int statusOf(pid_t child)
 {
     if (child < 0)
@@ -53,7 +53,7 @@ int statusOf(pid_t child)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-/// -1 when it fails.
+/// -1 on failure.
 pid_t startShell(const char* command, char* const* environment)
 {
     char shell[] = "sh", option[] = "-c", end[] = "--";
@@ -71,8 +71,8 @@ bool childrenLeaveNoStatus()
            (action.sa_handler == SIG_IGN || (action.sa_flags & SA_NOCLDWAIT) != 0);
 }
 
-/// Runs the shell from a process that does not ignore SIGCHLD and tells its status through a pipe. Only calls
-/// that are safe after a fork beside other threads are made there.
+/// Runs the shell from a process that does not ignore SIGCHLD and reports its status through a pipe. That
+/// process makes only calls that are safe after a fork in a multi-threaded process.
 int runShellApart(const char* command, char* const* environment)
 {
     btkOutputPipe output;
@@ -89,7 +89,7 @@ int runShellApart(const char* command, char* const* environment)
         sigaction(SIGCHLD, &byDefault, nullptr);
         const pid_t child = startShell(command, environment);
         const auto kept = static_cast<unsigned>(output.Get());
-        // Nobody is to find a descriptor open here that the caller has closed.
+        // A descriptor that the caller has closed must not stay open here.
         if (kept > 0)
             close_range(0, kept - 1, 0);
         close_range(kept + 1, UINT_MAX, 0);
@@ -102,7 +102,8 @@ int runShellApart(const char* command, char* const* environment)
     output.Reset();
     int status;
     const bool told = btkRead(input.Get(), &status, sizeof status) == sizeof status;
-    statusOf(helper); // there is one if SIGCHLD is no longer ignored
+    // There is a status if SIGCHLD is no longer ignored.
+    statusOf(helper);
     return told ? status : -1;
 }
 
@@ -122,7 +123,8 @@ bool Putenv(const char* name, const char* value)
     if (!btkEnvironment::Set(name, value))
         return false;
     if (std::strcmp(name, "TZ") == 0)
-        tzset(); // the reentrant calls do not look
+        // The reentrant calls do not read TZ.
+        tzset();
     return true;
 }
 
@@ -164,5 +166,6 @@ std::atomic<int> processNumber = 0;
 int btkProcessNumber()
 {
     const int known = processNumber.load(std::memory_order_relaxed);
-    return known != 0 ? known : getpid(); // too early, while the program is being loaded
+    // Too early, during loading.
+    return known != 0 ? known : getpid();
 }

@@ -16,6 +16,7 @@ void thrMutex::Unlock()
 
 thrMutex& thrLibraryMutex()
 {
-    static thrMutex* const mutex = new thrMutex; // never destroyed: used by objects that outlive every static
+    // Never destroyed: used by objects that outlive every static.
+    static thrMutex* const mutex = new thrMutex;
     return *mutex;
 }

@@ -32,7 +32,7 @@ struct Launch
 
 void* Run(void* given)
 {
-    // Said also of a thread that leaves by pthread_exit or is cancelled: its owner waits for it.
+    // Also reported for a thread that calls pthread_exit or is cancelled: its owner waits for it.
     struct EndNote
     {
         std::unique_ptr<Launch> launch;
@@ -63,7 +63,8 @@ void* Start(int (*start)(void*), void* arg, btkFd exited)
     auto launch = std::make_unique<Launch>(Launch{handle->thread, start, arg});
     if (pthread_create(&handle->id, nullptr, Run, launch.get()) != 0)
         return StrictThread_Refused;
-    [[maybe_unused]] const auto* const taken = launch.release(); // the thread's now
+    // Owned by the thread now.
+    [[maybe_unused]] const auto* const taken = launch.release();
     return handle.release();
 }
 
@@ -102,7 +103,7 @@ void StrictThread_Free(void* thread)
     const std::unique_ptr<Handle> handle(static_cast<Handle*>(thread));
     if (handle->joined)
         return;
-    // One that has said its end is gone at once: wait, so that nothing of it is left when this is done.
+    // A thread that has reported its end exits at once: join it, so that none of it is left on return.
     if (StrictThread_CheckRunning(thread))
         pthread_detach(handle->id);
     else
@@ -129,7 +130,7 @@ btkPROCESSEvent::btkPROCESSEvent(btkHandle exit) : btkBaseEvent(-1, SelectEvents
 
 btkBaseEvent::State btkPROCESSEvent::OnAsk()
 {
-    // On, too, when no descriptor was left for a process: better not to wait.
+    // Also on when no descriptor was left for a process: better not to wait.
     return (thread != nullptr ? thread->IsOver() : GetWatch().handle < 0) ? On : Ask;
 }
 
