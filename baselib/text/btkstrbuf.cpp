@@ -8,8 +8,8 @@
 
 #include <qel/base/btkutf.h>
 
-// A buffer is one block of malloc: this object, then the text of its first form. The blocks of malloc are
-// multiples of 16 bytes less 8, which is the room that a buffer takes for itself.
+// A buffer is one block of malloc: this object, then the text of its first form. Blocks of malloc are
+// multiples of 16 bytes less 8, and the capacity is chosen accordingly.
 
 namespace {
 
@@ -28,7 +28,7 @@ void* requireMemory(void* memory)
     return memory;
 }
 
-/// The size of the block that holds a buffer with `size` bytes of text.
+/// Returns the size of the block that holds a buffer with `size` bytes of text.
 std::size_t blockSize(std::size_t size)
 {
     requireSize(size);
@@ -84,14 +84,15 @@ btkStrBuf* btkStrBuf::Alloc(std::size_t size, C** text)
 template<typename C>
 btkStrBuf* btkStrBuf::Create(const C* text, std::size_t length, C** copy)
 {
-    requireSize(length); // so that the next line does not overflow
+    // Keeps the size computation below from overflowing.
+    requireSize(length);
     btkStrBuf* const buffer = Alloc((length + 1) * sizeof(C), copy);
     copyText(*copy, text, length);
     buffer->length = static_cast<std::uint32_t>(length);
     return buffer;
 }
 
-/// Makes form C from the first one. Null when that does not convert.
+/// Produces form C from the first one. Null when that does not convert.
 template<typename C>
 btkStrBuf::Produced* btkStrBuf::produce()
 {
@@ -126,7 +127,7 @@ btkStrBuf* btkStrBuf::Get(C** text)
         Produced* const made = produce<C>();
         if (made == nullptr)
             return nullptr;
-        // Another holder may have been faster: then its form counts, because it may be in use already.
+        // Another holder may have been faster: its form is kept, because it may be in use already.
         if (other.ReplaceOrdered(form, made))
             form = made, limit.Set(0);
         else
@@ -136,7 +137,7 @@ btkStrBuf* btkStrBuf::Get(C** text)
     return this;
 }
 
-/// Moves a buffer held alone to a block with room for `size` bytes, and more for the next time.
+/// Moves a buffer held alone to a block with room for `size` bytes, and some spare room.
 btkStrBuf* btkStrBuf::grow(std::size_t size)
 {
     requireSize(size);

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// The number at the start of `text`, which must end with it.
+/// Reads the number at the start of `text`, which must end with it.
 template<typename T>
 bool parseNumber(std::string_view text, T* out)
 {
@@ -46,7 +46,8 @@ bool parseNumber(const unsigned short* text, T* out)
 template<typename C>
 void mapLetters(C* text, char first)
 {
-    C* const end = text + Strlen(text); // known in advance, several can be mapped in one step
+    // Known in advance, so that the loop can be vectorized.
+    C* const end = text + Strlen(text);
     for (; text != end; ++text) {
         const bool isLetter = static_cast<unsigned short>(*text - first) < 26;
         *text = static_cast<C>(*text ^ (isLetter ? 0x20 : 0));
@@ -67,7 +68,7 @@ public:
         }
     }
 
-    /// Whether the character of `size` at `text` is one of them.
+    /// Whether the character of `size` bytes at `text` is one of them.
     bool contain(const C* text, std::size_t size) const
     {
         if (btkIsAscii(*text))
@@ -85,7 +86,7 @@ private:
     bool hasOthers = false;
 };
 
-/// Calls `seen(start, end)` for each word until it answers false.
+/// Calls `seen(start, end)` for each word until it returns false.
 template<typename C, typename Seen>
 void eachWord(const C* text, const C* delimiterCharacters, Seen seen)
 {

@@ -12,7 +12,7 @@
 
 namespace {
 
-/// Looks for a text of a length in others, in time proportional to their lengths.
+/// Searches for one text in others, in time proportional to their lengths.
 template<typename C>
 class Finder;
 
@@ -30,10 +30,10 @@ public:
     Finder(const Finder&) = delete;
     Finder& operator=(const Finder&) = delete;
 
-    /// The first place in `text`, which has its terminator at `end`, or null.
+    /// Returns the first occurrence in `text`, which has its terminator at `end`, or null.
     const char* find(const char* text, const char* end) const
     {
-        // In most texts there are few places that begin right, and what follows differs soon.
+        // In most texts few places begin correctly, and the following characters soon differ.
         std::size_t cost = 0;
         for (const char* at = text; static_cast<std::size_t>(end - at) >= size; ++at) {
             if (cost > 4 * static_cast<std::size_t>(at - text) + 1000)
@@ -63,7 +63,7 @@ public:
             borders[i] = extend(borders[i - 1], sub[i]);
     }
 
-    /// The first place between `text` and `end`, or null.
+    /// Returns the first occurrence between `text` and `end`, or null.
     const unsigned short* find(const unsigned short* text, const unsigned short* end) const
     {
         std::size_t matched = 0;
@@ -76,7 +76,7 @@ public:
     }
 
 private:
-    /// How much of `sub` ends with `unit`, when `matched` of it ended before.
+    /// The length of the prefix of `sub` that ends with `unit`, when `matched` of it ended before.
     std::size_t extend(std::size_t matched, unsigned short unit) const
     {
         while (matched > 0 && sub[matched] != unit)
@@ -97,7 +97,7 @@ struct Part
     const C* end;
 };
 
-/// The end of `part` when the text begins like it, else null.
+/// Returns the end of `part` when the text begins with a match of it, else null.
 template<typename C>
 const C* matchHere(const C* text, Part<C> part)
 {
@@ -122,7 +122,7 @@ const C* matchHere(const C* text, Part<C> part)
     return text;
 }
 
-/// Whether equal bytes are equal characters: nothing in the part stands for others or is invalid.
+/// Whether equal bytes are equal characters: nothing in the part is a wildcard or invalid.
 template<typename C>
 bool isPlain(Part<C> part)
 {
@@ -141,8 +141,8 @@ std::size_t countCharacters(const C* text, const C* end)
     return characters;
 }
 
-/// Looks for a part that has a `?`, at all places of a text at once: a bit tells for each character of the
-/// part whether the text read so far ends with the part up to there.
+/// Shift-and matcher for a part that has a `?`: one bit for each character of the part tells whether the text
+/// read so far ends with the part up to there.
 template<typename C>
 class PartFinder
 {
@@ -169,7 +169,7 @@ public:
         }
     }
 
-    /// The end of the first place, or null.
+    /// Returns the end of the first match, or null.
     const C* findEnd(const C* text)
     {
         std::vector<std::uint64_t> matched(words);
@@ -219,7 +219,7 @@ private:
     std::vector<std::uint64_t> rows;
 };
 
-/// The end of the first place in the text, which ends at `textEnd`, that is like `part`; else null.
+/// Returns the end of the first match of `part` in the text, which ends at `textEnd`; else null.
 template<typename C>
 const C* matchSomewhere(const C* text, const C* textEnd, Part<C> part)
 {
@@ -230,8 +230,8 @@ const C* matchSomewhere(const C* text, const C* textEnd, Part<C> part)
     return found == nullptr ? nullptr : found + size;
 }
 
-/// Calls `found(place)` for the first `most` occurrences, from left to right and apart; there are none of the
-/// empty text.
+/// Calls `found(place)` for the first `most` occurrences, from left to right and not overlapping; the empty
+/// text has none.
 template<typename C, typename Found>
 int eachOccurrence(const C* text, const C* end, const C* from, int most, Found found)
 {
@@ -275,7 +275,8 @@ bool btkStringMatch(const C* text, const C* pattern)
     if (text == nullptr || part.end == patternEnd)
         return text == textEnd;
 
-    // Each part between two stars is taken where it comes first: a later place never helps those behind it.
+    // Each part between two stars is matched at its first place: a later place never helps the following
+    // parts.
     for (;;) {
         pattern = part.end + 1;
         part = nextPart();

@@ -7,7 +7,8 @@
 namespace {
 
 constexpr std::uint32_t replacement = 0xFFFD;
-constexpr std::size_t untilZero = 4; // a zero cuts every sequence short, so none is read beyond it
+// A zero ends every sequence, so nothing beyond it is read.
+constexpr std::size_t untilZero = 4;
 
 struct Character
 {
@@ -48,7 +49,7 @@ Character decode(const char* text, std::size_t left)
     return {code, size};
 }
 
-/// How many bytes at the start are ASCII, looked at several at a time: some at the end may be left out.
+/// Returns the number of leading ASCII bytes, checked several at a time: some at the end may be left out.
 std::size_t asciiRun(const char* text, std::size_t length)
 {
     const auto isAscii = [&](std::size_t begin, auto eights) {
@@ -95,7 +96,7 @@ std::size_t btkMBCharSize(const char* text)
 
 std::size_t btkMBByteCount(const char* text, std::size_t characters)
 {
-    // A character has one byte at least: so many are there to be looked at, or the text is over.
+    // A character has at least one byte: that many can be read, or the text ends before.
     const std::size_t sure = strnlen(text, characters);
     if (sure < characters)
         return sure;
