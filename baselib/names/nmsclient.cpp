@@ -102,7 +102,7 @@ int nmsExchange::Ask(const char* host, int port, nmsRequestCode code, const std:
     used = 0;
     if (!Connect(host, port))
         return noAnswer;
-    // What the server answered stands, also when it did not read the request to its end.
+    // The server's response counts, even if it did not read the request to its end.
     socket.Send(request.data(), request.size());
     char status = 0;
     if (!Read(&status, 1))
@@ -117,7 +117,7 @@ bool nmsExchange::Read(char* to, std::size_t size)
             constexpr std::size_t room = 16384;
             held.resize(room);
             used = 0;
-            // Also when there are bytes each time that it looks.
+            // Applies even if bytes are available at each check.
             const std::ptrdiff_t count = btkTimeval::Now() < end ? socket.Recv(held.data(), room) : 0;
             held.resize(static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
             if (count <= 0) {
@@ -202,7 +202,8 @@ capi_nmsError* NewError(const capi_nmsServerProxy& proxy, int code, bool fromSer
     return new capi_nmsError{code, nmsStatusText(code, fromServer, host, proxy.port)};
 }
 
-// The request itself. Null when its status is "done" or `rest`, what follows the status, could not be read.
+// Performs the request. Null when its status is "done" or `rest`, the part after the status, could not be
+// read.
 template<class Rest>
 capi_nmsError* Request(capi_nmsServerProxy& proxy, nmsRequestCode code, const nmsFields* record, Rest rest)
 {
@@ -312,7 +313,7 @@ capi_nmsError* nmsServPing(capi_nmsServerProxy* proxy)
 {
     capi_nmsError* error = Request(*proxy, nmsRequestCode::ping, nullptr, nmsExchange::NoRest);
     if (error != nullptr && error->code != nmscNoConnection) {
-        // Whatever it answers, it does not answer as a name server.
+        // It responds, but not as a name server.
         nmsErrDelete(&error);
         error = NewError(*proxy, nmscNoConnection, false);
     }
@@ -321,7 +322,8 @@ capi_nmsError* nmsServPing(capi_nmsServerProxy* proxy)
 
 capi_nmsError* nmsServRegister(capi_nmsServerProxy* proxy, const capi_nmsRecord* record)
 {
-    if (record->held.owner != 0 && !proxy->host.empty()) // processes are those of this machine
+    // Processes are those of this machine.
+    if (record->held.owner != 0 && !proxy->host.empty())
         return NewError(*proxy, nmscNotAllowed, false);
     return Request(*proxy, nmsRequestCode::enter, &record->held, nmsExchange::NoRest);
 }

@@ -21,14 +21,16 @@ namespace {
 
 constexpr btkTimeval pauseWithoutRoom(0, 50000);
 constexpr btkTimeval endingLimit(0, 500000);
-constexpr std::size_t fixedPlaces = 3; // of what is waited for beside the clients
+// Poll entries other than those of the clients.
+constexpr std::size_t fixedPlaces = 3;
 constexpr std::size_t receiveSize = 16384;
 constexpr std::size_t sendSize = 65536;
-constexpr int sendsInTurn = 4; // then the other clients have theirs
+// Before the other clients' turn.
+constexpr int sendsInTurn = 4;
 constexpr btkTimeval saveDelay(0, 500000);
 constexpr btkTimeval reportInterval(60, 0);
 
-// Whose records count together: those of one address, of IPv6 those of one network, of which every machine
+// The key by which records are counted together: one address, for IPv6 one network, of which every machine
 // has more addresses than there is room; empty: this machine.
 std::string HolderOf(const btkStreamSocket& client)
 {
@@ -41,7 +43,7 @@ std::string HolderOf(const btkStreamSocket& client)
     return address;
 }
 
-// The folder of a file, and what is left of its path there.
+// The folder of a file, and the rest of its path.
 btkFd OpenFolderOf(const std::string& path)
 {
     const std::size_t slash = path.rfind('/');
@@ -51,7 +53,8 @@ btkFd OpenFolderOf(const std::string& path)
 
 const char* NameOf(const std::string& path)
 {
-    return path.c_str() + path.rfind('/') + 1; // without one: npos + 1 is 0
+    // Without a slash: npos + 1 is 0.
+    return path.c_str() + path.rfind('/') + 1;
 }
 
 } // namespace
@@ -63,17 +66,21 @@ struct nmsServer::Client
     btkStreamSocket socket;
     std::string address;
     State state = Asking;
-    short ready = 0; // what the last poll found
+    // The result of the last poll.
+    short ready = 0;
     btkTimeval since = btkTimeval::Now();
 
-    std::string in; // received and not used
+    // Received and not consumed.
+    std::string in;
     std::size_t used = 0;
     bool hasFrame = false;
-    bool isForeign = false; // sends something else than a request
+    // Sends something other than a request.
+    bool isForeign = false;
     nmsRequestCode code = nmsRequestCode::ping;
     nmsRecordReader reader;
 
-    std::string out; // to be sent next, before `records`
+    // To be sent next, before `records`.
+    std::string out;
     std::size_t sent = 0;
     std::vector<nmsTable::Encoded> records;
     std::size_t nextRecord = 0;
@@ -171,7 +178,7 @@ bool nmsServer::Sleep(btkTimeval limit)
     return asked[0].revents != 0 || asked[1].revents != 0;
 }
 
-// When the first client, or the closed door, is to be looked after.
+// The time at which the first client, or the closed door, needs attention.
 btkTimeval nmsServer::NextLimit() const
 {
     return clients.IsEmpty() ? saveAt : std::min(saveAt, clients[0].since + options.requestLimit);
@@ -196,7 +203,7 @@ void nmsServer::AcceptClients()
                 doorClosedUntil = now + pauseWithoutRoom;
             return;
         }
-        // Most requests are here already, and their clients gone again before the next sleep.
+        // Most requests have arrived already, and their clients are closed before the next sleep.
         Serve(*client);
         if (client->state == Client::Gone)
             continue;
@@ -215,8 +222,7 @@ void nmsServer::Serve(Client& client)
         if (client.state == Client::Answering)
             Send(client);
         char rest[receiveSize];
-        // An answer that the client has not read would be lost if the connection were closed over what it
-        // still sends.
+        // Closing the connection over unread input would lose a response that the client has not read.
         if (client.state == Client::Leaving) {
             const std::ptrdiff_t count = client.socket.TryRecv(rest, sizeof rest);
             if (count == 0 || (count < 0 && errno != EAGAIN))
@@ -249,7 +255,7 @@ void nmsServer::Receive(Client& client)
         Answer(client);
 }
 
-// True when the request is whole, or can never be.
+// True when the request is complete, or can never be.
 bool nmsServer::Parse(Client& client)
 {
     if (!client.hasFrame) {
@@ -327,7 +333,7 @@ void nmsServer::Answer(Client& client)
 void nmsServer::Send(Client& client)
 {
     for (int sends = 0;; ++sends) {
-        // Only as much as goes out at once is put together; the records themselves are shared.
+        // Encodes only as much as is sent at once; the records themselves are shared.
         if (client.sent == client.out.size()) {
             client.out.clear();
             client.sent = 0;
@@ -355,7 +361,7 @@ void nmsServer::Send(Client& client)
         client.socket.ShutdownOutput();
 }
 
-// What the version record says.
+// The fields of the version record.
 nmsFields nmsServer::Describe() const
 {
     const nmsTableUse use = table.GetUse();
@@ -398,7 +404,7 @@ void nmsServer::LoadState()
     }
     const btkFd file = btkOpenFile(options.stateFile.c_str(), btkOpenRead);
     std::string saved;
-    // More than a table within the limits takes is no such file.
+    // A file larger than a table within the limits is not a state file.
     for (const std::size_t most = 2 * options.table.bytes + receiveSize; file && saved.size() < most;) {
         const std::size_t before = saved.size();
         saved.resize(before + sendSize);

@@ -15,14 +15,14 @@ namespace {
 
 constexpr const char* nameField = "_ServerName";
 
-// A field as one text. Neither a name nor a value holds a zero byte.
+// A field as one text. Neither a name nor a value contains a zero byte.
 std::string KeyOf(const std::pair<std::string, std::string>& field)
 {
     return field.first + '\0' + field.second;
 }
 
-// When a process started, in the host's own units; empty when there is none, or only what its parent has not
-// collected yet.
+// The start time of a process, in the kernel's own units; empty when there is no such process, or it is a
+// zombie.
 std::string StartOf(std::uint32_t process)
 {
     const btkFd file = btkOpenFile(("/proc/" + std::to_string(process) + "/stat").c_str(), btkOpenRead);
@@ -31,8 +31,8 @@ std::string StartOf(std::uint32_t process)
     if (size <= 0)
         return {};
     const std::string line(text, static_cast<std::size_t>(size));
-    // The program's name stands in parentheses and may hold anything, parentheses too. The state follows,
-    // and the time is the 19th field after that.
+    // The program's name is in parentheses and may contain any character, parentheses included. The state
+    // follows, and the start time is the 19th field after that.
     std::size_t place = line.rfind(')');
     if (place == std::string::npos || place + 2 >= line.size() || line[place + 2] == 'Z' ||
         line[place + 2] == 'X')
@@ -43,7 +43,7 @@ std::string StartOf(std::uint32_t process)
                                       : line.substr(place + 1, line.find(' ', place + 1) - place - 1);
 }
 
-// The wire form of a record, counted among `bytes` while anybody has it.
+// The wire form of a record, counted among `bytes` while it is referenced.
 struct Counted
 {
     explicit Counted(std::shared_ptr<std::size_t> sum) : bytes(std::move(sum)) {}
@@ -102,7 +102,7 @@ nmscReturnCode nmsTable::Add(nmsFields&& record, const std::string& peer)
     }
 }
 
-// Whether there is a record with just these fields, or one of another process with this name.
+// Whether there is a record with exactly these fields, or one of another process with this name.
 bool nmsTable::IsTaken(const nmsFields& record)
 {
     for (const Id id : Match(record))
@@ -118,8 +118,8 @@ bool nmsTable::IsTaken(const nmsFields& record)
     });
 }
 
-// Why one more record of that size has no place; null: it has one. Those of a process are counted where it is
-// made known.
+// The reason why there is no room for one more record of that size; null: there is. Records of a process are
+// counted where the process is registered.
 const char* nmsTable::FindNoRoom(std::uint32_t process, std::size_t size, const std::string& peer) const
 {
     if (entries.size() >= limits.records)
@@ -188,7 +188,7 @@ std::vector<nmsTable::Encoded> nmsTable::Find(const nmsFields& pattern)
     return found;
 }
 
-// Those that match and whose processes live.
+// The matching records whose processes are alive.
 std::vector<nmsTable::Id> nmsTable::Match(const nmsFields& pattern)
 {
     std::vector<Id> found;
@@ -216,7 +216,7 @@ std::vector<nmsTable::Id> nmsTable::Match(const nmsFields& pattern)
         }
     }
 
-    // Processes without a handle are asked for one by one, and only when an answer depends on them.
+    // Processes without a handle are checked one by one, and only when a response depends on them.
     if (owners.size() > handles) {
         std::unordered_set<std::uint32_t> asked;
         for (const Id id : found)
@@ -230,7 +230,7 @@ std::vector<nmsTable::Id> nmsTable::Match(const nmsFields& pattern)
     return found;
 }
 
-// Whether a process known by the time of its start has ended.
+// Whether a process identified by its start time has exited.
 bool nmsTable::HasEnded(std::uint32_t id) const
 {
     const Owner& owner = owners.at(id);
@@ -252,11 +252,12 @@ void nmsTable::DropOwner(std::uint32_t id)
         Erase(entries.find(*owner->second.ids.begin()));
 }
 
-// Makes sure that a process is known and may have one more record.
+// Ensures that a process is registered and may have one more record.
 nmscReturnCode nmsTable::Acquire(std::uint32_t id)
 {
     if (owners.contains(id) && HasEnded(id))
-        DropOwner(id); // the id is another process's now
+        // The id is another process's now.
+        DropOwner(id);
     const auto known = owners.find(id);
     if (known != owners.end())
         return known->second.ids.size() < limits.recordsOfOwner
@@ -281,7 +282,7 @@ nmscReturnCode nmsTable::Acquire(std::uint32_t id)
     return nmscDone;
 }
 
-// Needs no memory, and takes out what has been entered in part.
+// Allocates no memory, and removes a partly entered record.
 void nmsTable::Erase(std::map<Id, Entry>::iterator entry)
 {
     for (Place* const place : entry->second.places) {
@@ -309,14 +310,15 @@ void nmsTable::Erase(std::map<Id, Entry>::iterator entry)
     entries.erase(entry);
 }
 
-// ---- what outlives the server: the mark, the id of the machine's run, the number of records, and for each
-// the start of its process, the address whose it is, and its wire form
+// ---- the state file: the mark, the id of the machine's run, the number of records, and for each the start
+// of
+// its process, the address it counts for, and its wire form
 
 namespace {
 
 constexpr std::string_view savedMark = "qel name server 1\n";
 
-// Ids and starts of processes mean something until the machine starts again.
+// Ids and start times of processes are valid until the machine restarts.
 std::string RunOfMachine()
 {
     const btkFd file = btkOpenFile("/proc/sys/kernel/random/boot_id", btkOpenRead);
@@ -331,7 +333,7 @@ void PutText(std::string& to, const std::string& text)
     to += text;
 }
 
-// Takes the parts of what was saved. After a part that is not whole nothing more is taken.
+// Parses saved bytes. After an incomplete part no more is read.
 class SavedReader
 {
 public:

@@ -108,7 +108,7 @@ bool nmsRecordReader::Take(const char* piece)
     switch (part) {
     case head: {
         record.owner = static_cast<std::uint32_t>(nmsGetInt(piece));
-        // Compared without a sign, so that a negative count is too great.
+        // Compared as unsigned, so that a negative count is too large.
         fieldsLeft = static_cast<unsigned>(nmsGetInt(piece + nmsIntSize));
         if (fieldsLeft > limits.fields)
             return Refuse();
@@ -146,7 +146,8 @@ bool nmsRecordReader::TakeSizes(const char* piece, Part next, unsigned limit)
     if (size > limit || length > limit)
         return Refuse();
     Begin(next, length);
-    return length > 0 || TakeText(""); // no bytes follow
+    // No bytes follow.
+    return length > 0 || TakeText("");
 }
 
 bool nmsRecordReader::TakeText(const char* piece)
