@@ -5,7 +5,7 @@
 
 namespace {
 
-// What is read at once: enough for a few values after a seek, more from the start of a file, and growing.
+// Read-ahead sizes: enough for a few values after a seek, more from the start of a file, and growing.
 constexpr std::size_t readAheadAfterSeek = 256;
 constexpr std::size_t readAheadAtStart = 4096;
 constexpr std::size_t readAheadGrowth = 4;
@@ -45,7 +45,7 @@ long long xfilebuf::GetFileSize()
     return Pending() > 0 ? std::max(size, Tell()) : size;
 }
 
-// Makes `position` the position of what is read or written next; nothing is pending.
+// Sets the position of the next read or write to `position`; nothing may be pending.
 void xfilebuf::MoveTo(long long position)
 {
     DropHeld();
@@ -82,7 +82,7 @@ xfilebuf::pos_type xfilebuf::seekpos(pos_type position, std::ios_base::openmode)
 
 // ---- reading
 
-// Writes out what is pending and continues at the position behind it. False when it cannot be written or the
+// Writes out pending output and continues at the position after it. False when it cannot be written or the
 // file is not open for reading.
 bool xfilebuf::BeginReading()
 {
@@ -189,7 +189,7 @@ std::size_t xfilebuf::WriteOut(const char* from, std::size_t count)
     return written;
 }
 
-// What cannot be written stays pending.
+// Output that cannot be written stays pending.
 bool xfilebuf::WritePending()
 {
     const std::size_t count = static_cast<std::size_t>(Pending());

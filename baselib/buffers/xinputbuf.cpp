@@ -5,7 +5,7 @@
 
 char* xinputbuf::GetStorage()
 {
-    // What a large value made the buffer grow to is given back once that value is gone.
+    // Releases memory allocated for a large value once that value has been read.
     if (storage == nullptr || capacity > usualSize) {
         storage.reset();
         storage = std::make_unique_for_overwrite<char[]>(usualSize);
@@ -14,7 +14,7 @@ char* xinputbuf::GetStorage()
     return storage.get();
 }
 
-// Reads from the source and notes whether it has ended. Answers the number of bytes.
+// Reads from the source and records whether it has ended. Returns the number of bytes.
 std::size_t xinputbuf::ReadInto(char* to, std::size_t size)
 {
     starvedStart = starvedEnd = nullptr;
@@ -78,7 +78,7 @@ void xinputbuf::OnFreeTryIBuf()
     starvedEnd = starved ? egptr() : nullptr;
 }
 
-// Makes room for `count` bytes behind those that are held.
+// Makes room for `count` bytes after the buffered ones.
 void xinputbuf::MakeRoom(std::size_t count)
 {
     const std::size_t held = Held();
@@ -103,9 +103,9 @@ bool xinputbuf::OnTryUnderflow()
     const std::size_t pending = CountPending();
     if (pending == 0 && !IsPending())
         return false;
-    // One view takes what was there when it first ran out, so that a source which never pauses does not keep
-    // it for ever; in parts, so that a value which is found complete or wrong early leaves the rest in the
-    // source. Nothing pending in a source that answers is its end, which is to be seen at any time.
+    // One view takes the input available when it first ran out, so that a source that never pauses does not
+    // hold it forever; in parts, so that a value found complete or malformed early leaves the rest in the
+    // source. A ready source without pending bytes is at its end, which may be reported at any time.
     if (filled == 0)
         allowed = pending;
     const std::size_t limit = pending > 0 ? allowed : allowed + usualSize;

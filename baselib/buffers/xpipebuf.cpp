@@ -78,7 +78,7 @@ void xoutputbuf::OnFreeTryOBuf()
         NoteShort();
 }
 
-// The descriptor is ready as soon as there is some room. That the room grows does not show in it.
+// The descriptor is ready as soon as there is some room; it does not show that the room grows.
 btkBaseEvent::State xoutputbuf::OnAskOutput()
 {
     bool broken = false;

@@ -7,7 +7,7 @@
 
 namespace {
 
-// Looks at the values that the socket holds too: the host tells only of those it has not given out yet.
+// Includes the values that the socket has buffered: the kernel reports only those not read yet.
 class UrgentEvent final : public btkBaseEvent
 {
 public:
@@ -23,11 +23,11 @@ protected:
             GetWatch().handle = -1;
             return On;
         }
-        // A value that can not be taken yet must not wake us again and again.
+        // A value that cannot be received yet must not cause repeated wakeups.
         GetWatch().events = (*socket)->MayReadAhead() ? SelectEvents(2) : short(0);
         return (*socket)->HasUrgent() ? On : Ask;
     }
-    // A connection that failed is ready, too, and stays so.
+    // A failed connection is ready, too, and stays ready.
     bool OnPolled(short ready) override
     {
         return *socket == nullptr || (*socket)->HasUrgent() || (ready & ~SelectEvents(2)) != 0;
@@ -41,7 +41,8 @@ private:
 
 xsocketbuf::xsocketbuf(btkStreamSocket* connected) : xinputbuf(connected->GetHandle()), socket(connected)
 {
-    SetAsksInput(); // a wait that would sleep sends what is pending first
+    // A wait that would sleep sends pending output first.
+    SetAsksInput();
 }
 
 xsocketbuf::~xsocketbuf()
@@ -90,7 +91,7 @@ std::ptrdiff_t xsocketbuf::ReadSome(char* to, std::size_t size)
         SendPending();
         if (IsLimitPassed())
             return -1;
-        // Another failure shows in what is read: the connection is gone.
+        // Another failure is reported by the next read: the connection is lost.
     }
     const std::ptrdiff_t count = isPending ? socket->AwaitAndRecv(to, size) : socket->Recv(to, size);
     SetLimitPassed(count < 0 && socket->IsLimitPassed());
@@ -109,7 +110,7 @@ bool xsocketbuf::IsPending()
 
 bool xsocketbuf::OnTryUnderflow()
 {
-    // An urgent value is pending, too, and no reason to read: that would wait.
+    // A pending urgent value also makes it ready, but is no reason to read, which would block.
     return socket->IsReadable() && xinputbuf::OnTryUnderflow();
 }
 
@@ -136,7 +137,7 @@ bool xsocketbuf::SetOutputLimit(btkTimeval limit)
     return true;
 }
 
-// After output that was lost none is sent: its bytes would stand in the wrong place.
+// Once output has been lost no more is sent: its bytes would arrive at the wrong position.
 std::size_t xsocketbuf::Send(const char* from, std::size_t size)
 {
     if (isBroken)

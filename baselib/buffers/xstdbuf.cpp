@@ -20,7 +20,7 @@ std::streambuf& StandardBuffer(bool isError)
     return isError ? *std::cerr.rdbuf() : *std::cout.rdbuf();
 }
 
-// Writes to the standard C stream behind `buffer`, where there is one and its own buffer has room, so that
+// Writes to the standard C stream behind `buffer`, if there is one and its own buffer has room, so that
 // nothing is written to the descriptor.
 bool FillStandard(std::streambuf& buffer, const char* from, std::size_t size)
 {
@@ -40,7 +40,7 @@ bool FillStandard(std::streambuf& buffer, const char* from, std::size_t size)
     return filled;
 }
 
-// Calls `write` with SIGPIPE kept from the caller.
+// Calls `write` with SIGPIPE blocked for the caller.
 template<typename Call>
 auto WithoutSignal(Call write)
 {

@@ -1,6 +1,6 @@
 #include "xstreambuf.h"
 
-/// An input or output event of a buffer. The buffer may go first.
+/// An input or output event of a buffer. The buffer may be destroyed first.
 class xbufferevent final : public btkBaseEvent
 {
 public:
@@ -15,7 +15,7 @@ public:
     }
     ~xbufferevent() override { Leave(); }
 
-    // Leaves the buffer, which goes, and is on from now on.
+    // Detaches from the buffer, which is being destroyed; the event is on from now on.
     void Leave()
     {
         if (buffer == nullptr)
@@ -27,7 +27,7 @@ public:
         GetWatch() = {-1, 0, true};
     }
 
-    // The buffer knows something of its input or output: its events of that kind ask it before they look.
+    // The buffer has state about its input or output: its events of that kind call it before they poll.
     static void NoteKnown(xbufferevent* list, bool ofInput)
     {
         for (; list != nullptr; list = list->next)
@@ -59,11 +59,11 @@ protected:
     }
 
 private:
-    xstreambuf* buffer; // null once it is gone
+    xstreambuf* buffer; // null once the buffer is destroyed
     bool isInput;
     // The buffer's list of events.
     xbufferevent* next;
-    xbufferevent** place; // what points to this one
+    xbufferevent** place; // the pointer to this event
 };
 
 xstreambuf::~xstreambuf()

@@ -6,7 +6,7 @@
 
 namespace {
 
-// A larger block is given back when little of it is used.
+// A larger block is released when little of it is used.
 constexpr std::size_t keptCapacity = 65536;
 
 } // namespace
@@ -53,7 +53,7 @@ void xstringbuf::DiscardRead()
     }
 }
 
-// Sets the areas for what is in the storage: `size` bytes that are not forgotten, of which `read` were read.
+// Sets the areas for the storage: `size` bytes not discarded, of which `read` have been read.
 void xstringbuf::Place(std::size_t read, std::size_t size)
 {
     char* const start = storage.get() + forgotten;
@@ -61,7 +61,7 @@ void xstringbuf::Place(std::size_t read, std::size_t size)
     setp(start + size, storage.get() + capacity);
 }
 
-// Makes room for `count` bytes behind what was written.
+// Makes room for `count` bytes after the written ones.
 void xstringbuf::Grow(std::size_t count)
 {
     const std::size_t size = GetSize(), used = forgotten + size;
@@ -74,7 +74,7 @@ void xstringbuf::Grow(std::size_t count)
     Place(read, size);
 }
 
-// Lets the get area reach up to what was written. True when there is something unread.
+// Extends the get area to the end of the written bytes. True when there are unread bytes.
 bool xstringbuf::ShowWritten()
 {
     if (!readOnly && egptr() != pptr())
@@ -119,7 +119,7 @@ std::streamsize xstringbuf::showmanyc()
 std::streambuf* xstringbuf::OnGetTryIBuf()
 {
     ShowWritten();
-    SetEofReached(); // nothing arrives while it is read
+    SetEofReached(); // nothing arrives during a read
     view.TakeBuf(gptr(), static_cast<std::size_t>(egptr() - gptr()));
     return &view;
 }
