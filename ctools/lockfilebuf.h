@@ -8,13 +8,13 @@
 #include <qel/base/baseexport.h>
 #include <qel/base/btktimeval.h>
 
-/// A stream buffer that reads a file and locks it while it is open: a shared one for reading, an exclusive
-/// one for updating. Openings of this kind wait for their turn; readers that come while an update waits are
-/// let in after it. The lock applies to the file itself, between all openings of it, including those of one
-/// process. Open fails with EDEADLK when the thread would wait for itself: it has the file open, and one of
-/// the two openings is for updating. The operations return true when they FAIL, with the reason in errno.
-/// Used by one thread at a time. Closing unlocks, also while a forked child has a copy of the descriptor; the
-/// child itself unlocks nothing.
+/// A stream buffer that reads a file and locks it while it is open, with a shared lock for reading and an
+/// exclusive lock for updating. Openings of this kind wait for their turn; readers that arrive while an
+/// update waits are admitted after it. The lock applies to the file itself, between all openings of it,
+/// including those of one process. Open fails with EDEADLK when the thread would wait for itself: it has the
+/// file open, and one of the two openings is for updating. The operations return true when they FAIL, with
+/// the reason in errno. Used by one thread at a time. Closing unlocks, also while a forked child has a copy
+/// of the descriptor; the child itself unlocks nothing.
 class BASE_API lockFileBuf : public std::streambuf
 {
 public:

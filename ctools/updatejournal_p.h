@@ -18,7 +18,7 @@ public:
 
     enum Standing {
         absent,   // or not trusted
-        outdated, // the file has other content since
+        outdated, // the file now has other content
         current
     };
     /// Finds the journal and its new content. False when that cannot be determined.

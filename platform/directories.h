@@ -14,7 +14,7 @@ struct WIN32_FIND_DATAA
 
 /// Begins the enumeration of a directory. Its first entry is always "."; ".." is left out. `pattern` is the
 /// directory, a separator and "*", the only supported pattern; any other last name is ERROR_INVALID_NAME.
-/// Earlier wildcards have no special meaning. INVALID_HANDLE_VALUE when it fails. Used by one thread at a
+/// Wildcards before it have no special meaning. INVALID_HANDLE_VALUE when it fails. Used by one thread at a
 /// time.
 HANDLE FindFirstFileA(const char* pattern, WIN32_FIND_DATAA* data);
 /// FALSE at the end too, with ERROR_NO_MORE_FILES.

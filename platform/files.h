@@ -4,8 +4,9 @@
 /// - Only regular files are opened; anything else fails with ERROR_ACCESS_DENIED, without blocking.
 /// - Opening for writing without sharing excludes other such writers, not readers.
 /// - The calls that return a node's status follow soft links.
-/// - MoveFileExA never replaces, whatever its flags; nor does it copy to another volume. Handles may be used
-///   by several threads under the same rules as file descriptors; child processes do not inherit them.
+/// - MoveFileExA never replaces, regardless of its flags; nor does it copy to another volume.
+/// Handles may be used by several threads under the same rules as file descriptors; child processes do not
+/// inherit them.
 
 #include <qel/platform/lasterror.h>
 #include <qel/platform/platformtypes.h>

@@ -14,8 +14,8 @@
 /// - A backslash in a host name is shown as U+F05C and found by it. A ":" in a host name is shown as U+F03A
 ///   where it would make a drive (behind one letter that begins the name) or a remote path (beside another
 ///   ":"), and found by it. So that each name has a unique form, U+F05C, U+F03A and U+F05D in a host name are
-///   shown with U+F05D before them. Texts are bytes; invalid UTF-8 passes unchanged. Safe to call from any
-///   thread.
+///   shown with U+F05D before them.
+/// Texts are bytes; invalid UTF-8 passes unchanged. Safe to call from any thread.
 
 #include <string>
 #include <string_view>

@@ -7,7 +7,7 @@
 /// - Access rights are not checked per call: a store is its user's own (directories 0700, files 0600); the
 ///   one in /etc is readable by all users (0755, 0644).
 /// - A path that is empty, begins with a separator or doubles one is ERROR_BAD_PATHNAME.
-/// - Names are compared without ASCII case. A name may have at least about 1300 bytes, and 4000 when it
+/// - Comparison of names ignores ASCII case. A name may have at least about 1300 bytes, and 4000 when it
 ///   consists of ASCII letters and digits.
 /// - An enumeration returns the state at the thread's call for index 0, independent of later changes.
 ///

@@ -37,8 +37,8 @@ public:
 /// counts.
 ///
 /// An open file is locked: for reading together with other readers, for updating alone. Open waits for its
-/// turn; readers that come while an update waits are let in after it, so a thread must not hold a file that
-/// another thread needs in order to proceed. An opening for which a thread would wait for itself fails:
+/// turn; readers that arrive while an update waits are admitted after it, so a thread must not hold a file
+/// that another thread needs in order to proceed. An opening for which a thread would wait for itself fails:
 /// GetLastError() is 32 when it has the file open and one of the two openings is for updating. Used by one
 /// thread at a time.
 class QEL_API hmxConfigFile
@@ -74,7 +74,7 @@ public:
     /// Null for a missing key, or one with nothing behind its ":".
     xstring GetValue(const char* key) const;
     /// Sets or adds. A null `value` is written as "nil". False, with nothing changed, when the file is not
-    /// open for updating, when the key consists of blanks only, and for a line feed in either, which would
+    /// open for updating, when the key is empty or blanks only, and for a line feed in either, which would
     /// start another entry.
     bool SetValue(const char* key, const char* value);
     /// False when the file is not open for updating or has no such key.

@@ -20,7 +20,7 @@ public:
     }
     ~netAsyncRequest() override;
 
-    /// Requests the handler to stop, once. Its stream blocks no longer than `grace` from now on.
+    /// Signals the handler to stop, once. Its stream blocks no longer than `grace` from now on.
     void TellToStop(btkTimeval grace) noexcept;
 
 protected:

@@ -75,7 +75,7 @@ private:
 ///
 /// Everything but OnAsyncRequest and Stop is called by the one thread that owns the server. Running out of
 /// descriptors, threads or memory loses only the affected request; the loop continues. Not counted: freed
-/// with xdelete, which requests the asynchronous requests to stop and waits for each of them; after the grace
+/// with xdelete, which signals the asynchronous requests to stop and waits for each of them; after the grace
 /// period the stream of a running one no longer blocks.
 ///
 /// The requests use the server while they run, so the destructor of a class that derives from this one calls
@@ -161,7 +161,7 @@ protected:
             }));
     }
 
-    /// Ends the service, once: closes the port, removes the name, requests the asynchronous requests to stop
+    /// Ends the service, once: closes the port, removes the name, signals the asynchronous requests to stop
     /// and waits until each has finished. The object must be intact for them until then, so the destructor of
     /// each deriving class calls this first.
     void EndService() noexcept;

@@ -52,8 +52,8 @@ public:
     /// @throws netXException  the server refuses this machine or does not reply
     static void Shutdown(netAddress* address);
 
-    /// How many seconds each of those calls, and each request to a name server, takes at most: initially 10,
-    /// INFINITE without limit. Holds for the whole process.
+    /// The longest time, in seconds, that each of those calls, and each request to a name server, takes:
+    /// initially 10, INFINITE without limit. Applies to the whole process.
     static void setAnswerLimit(double seconds);
 
 protected:

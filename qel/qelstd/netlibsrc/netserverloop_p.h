@@ -40,7 +40,7 @@ public:
     netServerLoopAction CheckAsyncRequests();
     /// Closes the port and the waiting connections.
     void StopListening();
-    /// Requests all asynchronous requests to stop, and waits until they have finished.
+    /// Signals all asynchronous requests to stop, and waits until they have finished.
     void StopRequests();
     /// An asynchronous request has finished; called in its thread.
     void NoteEnd()

@@ -31,8 +31,9 @@ public:
                               ioStream* out, ioStream* err, unsigned char useShell, unsigned char reserved);
     ~rshProcess() override;
 
-    /// The most seconds that Create takes, from the first byte of the request to the complete reply:
-    /// initially 10, INFINITE without limit. Applies to the whole process. Safe to call from any thread.
+    /// The longest time that Create takes, in seconds, from the first byte of the request to the complete
+    /// reply: initially 10, INFINITE without limit. Applies to the whole process. Safe to call from any
+    /// thread.
     static void setAnswerLimit(double seconds);
 
     /// The stream to write the standard input to, and those to read the outputs from; they end with the

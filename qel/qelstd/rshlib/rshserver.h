@@ -64,9 +64,9 @@ public:
     /// connection failed.
     static unsigned char Execute(netSocketStream* s, const char* baseDir, evtEvent* stopEvent);
 
-    /// The most seconds that a client may neither receive nor send after its command has exited; then the
-    /// connection is abandoned and the remaining output is lost. Initially 10, INFINITE without limit.
-    /// Applies to the whole process. Safe to call from any thread.
+    /// The longest time, in seconds, that a client may neither receive nor send after its command has exited;
+    /// then the connection is abandoned and the remaining output is lost. Initially 10, INFINITE without
+    /// limit. Applies to the whole process. Safe to call from any thread.
     static void setPatience(double seconds);
 
 protected:

@@ -67,8 +67,8 @@ public:
     /// @throws nmsXCantShutdown
     virtual void Shutdown();
 
-    /// The most seconds that an operation or a request takes, including connecting and the complete reply:
-    /// initially 10, INFINITE without limit. Applies to the whole process; the same as
+    /// The longest time that an operation or a request takes, in seconds, including connecting and the
+    /// complete reply: initially 10, INFINITE without limit. Applies to the whole process; the same as
     /// netServer::setAnswerLimit.
     static void setAnswerLimit(double seconds);
     /// The size limits of the reply to a query, as nmsSetAnswerBounds: initially 100,000 records and 64 MiB
