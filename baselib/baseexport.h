@@ -1,4 +1,4 @@
 #pragma once
 
-/// Marks what libbaselib.so and libctools.so export.
+/// Marks the exports of libbaselib.so and libctools.so.
 #define BASE_API __attribute__((visibility("default")))

@@ -51,7 +51,7 @@ private:
     std::size_t Send(const char* from, std::size_t size);
 
     btkStreamSocket* socket;
-    std::unique_ptr<char[]> output; // made on first use
+    std::unique_ptr<char[]> output; // allocated on first use
     bool isBroken = false;          // output was lost
     xtryoutputbuf tryArea{*this};
     // Shared with the events; holds null once the buffer is destroyed.

@@ -172,7 +172,7 @@ private:
     /// Takes the result from its entry, where one was found. Returns whether the event is on.
     bool Finish(const btkPollSet::Place& place);
 
-    btkBaseEvent::Watch watch = {-1, 0, false}; // first of all: what a wait looks at
+    btkBaseEvent::Watch watch = {-1, 0, false}; // first member: the input of a wait
     btkAtomic<bool> wasOn = false;              // the last wait found it on
     btkBaseEvent* baseEvent;
 };

@@ -180,7 +180,7 @@ private:
     btkTimeval lastUrgent;
     unsigned long long receivedThen = 0; // at lastUrgent
     std::array<char, 28> peer = {};      // the address of an accepted connection's peer; room for the longest
-    std::unique_ptr<Ahead> ahead;        // what was read because of urgent values; null until there is one
+    std::unique_ptr<Ahead> ahead;        // data read to reach urgent values; null until there is one
 };
 
 /// Waits for connections. Non-blocking: Accept takes a pending connection; Wait waits for one.

@@ -38,8 +38,8 @@ void* Run(void* given)
         std::unique_ptr<Launch> launch;
         ~EndNote()
         {
-            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE,
-                                   nullptr); // setting the event would be a place for it
+            // Event_Set would otherwise be a cancellation point.
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
             launch->thread->hasEnded.store(true, std::memory_order_release);
             if (launch->thread->exited)
                 Event_Set(launch->thread->exited.Get());
