@@ -656,7 +656,7 @@ TEST_F(Config, ForeignOrBrokenRecoveryFileIsIgnored)
 
 TEST_F(Config, IsOldOrNewWhenItsWriterIsKilledAtAnyMoment)
 {
-    // A writer in a sanitizer build takes longer to start.
+    // A writer in a sanitizer build takes longer.
     const int kills = freedMemoryIsGone ? ofALongRun(1000, 10000) : 100;
     const unsigned longest = freedMemoryIsGone ? 3000 : 100000; // microseconds
     const std::string filler(20000, 'f');
@@ -664,11 +664,17 @@ TEST_F(Config, IsOldOrNewWhenItsWriterIsKilledAtAnyMoment)
     std::minstd_rand random(1);
     int updated = 0;
     std::string before = content();
+    int started[2];
+    ASSERT_EQ(pipe(started), 0);
     for (int i = 0; i < kills; ++i) {
-        ChildProcess writer([this, i]() -> int {
+        ChildProcess writer([this, i, &started]() -> int {
+            if (write(started[1], "", 1) != 1)
+                return 1;
             for (int n = 0;; ++n)
                 update("count", (std::to_string(i) + '.' + std::to_string(n)).c_str());
         });
+        char begun;
+        ASSERT_EQ(read(started[0], &begun, 1), 1);
         usleep(static_cast<useconds_t>(random() % longest));
         writer.signal(SIGKILL);
         writer.wait();
@@ -680,6 +686,8 @@ TEST_F(Config, IsOldOrNewWhenItsWriterIsKilledAtAnyMoment)
         updated += now != before ? 1 : 0;
         before = now;
     }
+    close(started[0]);
+    close(started[1]);
     EXPECT_GT(updated, kills / 20) << "the writers have hardly been at work";
     EXPECT_TRUE(update("count", "end"));
     EXPECT_EQ(nodes(), 1);
