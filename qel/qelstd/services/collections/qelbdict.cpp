@@ -75,6 +75,7 @@ struct xdictside
 
     /// Makes room to log all events until a block of `room` entries is full, so that no removal needs memory.
     void reserveLog(unsigned room) { log.reserve(log.size() + std::size_t{room} * 2 - added + 1); }
+    bool areSlotsCurrent() const { return slotState.load(std::memory_order_relaxed) == current; }
     void logRemoval(unsigned place)
     {
         if (loggedAdds != added)
@@ -240,15 +241,22 @@ void xbasedictionary::BaseRemove(const char* key, unsigned entrySize, unsigned v
         return;
     char* const entry = EntryOf(place, entrySize);
     char* const text = keyOf(entry);
-    keyOf(entry) = reinterpret_cast<char*>(xdicthome(text, sought.length).pack());
     if (at != nullptr)
         side->index.erase(at);
-    side->keys.remove(text, sought.length);
-    side->logRemoval(place);
-    side->gap = place;
     --count;
     const unsigned oldSize = size;
-    if (const unsigned newSize = NextSize(); newSize <= xdictmaxsize)
+    const unsigned newSize = NextSize();
+    if (newSize == size && side->added == room && side->areSlotsCurrent()) {
+        // The next key takes this place, which assigns its slot: the log would be replayed at once.
+        side->slots->giveBack(side->slots->slotOf(place));
+        keyOf(entry) = removedKey;
+    } else {
+        keyOf(entry) = reinterpret_cast<char*>(xdicthome(text, sought.length).pack());
+        side->logRemoval(place);
+    }
+    side->keys.remove(text, sought.length);
+    side->gap = place;
+    if (newSize <= xdictmaxsize)
         size = newSize;
     OnRemoveEntry(entry + valueOffset);
 
@@ -500,6 +508,8 @@ void xbasedictionary::Settle(unsigned entrySize)
 void xbasedictionary::AssignSlots(unsigned entrySize)
 {
     xdictside& s = *side;
+    if (s.areSlotsCurrent())
+        return;
     if (s.slots == nullptr)
         s.slots = std::make_unique<xdictslots>(s.firstSize);
     xdictslots& slots = *s.slots;
