@@ -45,7 +45,7 @@ class platWatcher
 public:
     virtual ~platWatcher() = default;
     /// `amount` more bytes have been copied or are a hole. False ends the work with ERROR_OPERATION_ABORTED.
-    virtual bool Advance(off_t amount) = 0;
+    virtual bool Advance(long long amount) = 0;
 };
 
 /// Copies the contents of `source`, whose status is `status`, to the empty file `target`; holes stay. False

@@ -686,6 +686,23 @@ bool btkAcceptSocket::Accept(btkStreamSocket* connection)
     return true;
 }
 
+btkAcceptSocket::Failure btkAcceptSocket::FailureOf(int error)
+{
+    switch (error) {
+    case EMFILE:
+    case ENFILE:
+    case ENOBUFS:
+    case ENOMEM:
+        return Failure::noResources;
+    case EBADF:
+    case EINVAL:
+    case ENOTSOCK:
+        return Failure::unusable;
+    default:
+        return Failure::passing;
+    }
+}
+
 // ---- the state of a connection
 
 void btkResetOnClose(btkHandle connection, bool isOn)

@@ -195,6 +195,11 @@ public:
 
     /// Stores the next connection in `connection`. False when none is pending (EAGAIN) or accepting failed.
     bool Accept(btkStreamSocket* connection);
+
+    enum class Failure { passing, noResources, unusable };
+    /// Classifies `error`, the errno of a failed Accept: none is pending or that one has left; no descriptor or memory
+    /// is left; no connection can come here any more.
+    static Failure FailureOf(int error);
 };
 
 /// Sets whether closing the connection, also by the exit of the program, resets it: unsent data is dropped,

@@ -14,6 +14,13 @@
 template<typename C>
 concept btkCharType = std::same_as<C, char> || std::same_as<C, unsigned short>;
 
+/// Returns the length of `text`, looking at its first `most` bytes only: at most that.
+inline std::size_t btkLengthWithin(const char* text, std::size_t most)
+{
+    const void* const end = std::memchr(text, 0, most);
+    return end == nullptr ? most : static_cast<std::size_t>(static_cast<const char*>(end) - text);
+}
+
 /// Returns the length of `text`.
 template<btkCharType C>
 std::size_t Strlen(const C* text)

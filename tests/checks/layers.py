@@ -10,6 +10,11 @@ HOST_HEADERS = re.compile(
     r"|strings|syslog|termios|threads|ucontext|unistd|utime|utmpx?|wordexp)\.h"
     r"|(windows|winsock2?|winreg|io|process|direct)\.h", re.IGNORECASE)
 HOST_CONDITION = re.compile(r"#\s*(?:if|ifdef|ifndef|elif)\b.*\b(_WIN32|WIN32|_MSC_VER|__linux__|__unix__|__APPLE__)\b")
+# Functions and types that come with the headers above, or with the C library of one operating system only.
+HOST_NAME = re.compile(
+    r"(?<![\w.>:])(?:::)?(localtime_r|gmtime_r|timegm|strnlen|strdup|strerror_r|setenv|unsetenv|putenv|getpid|fork|execv\w*"
+    r"|usleep|nanosleep|pread|pwrite|fcntl|ioctl|mmap|sigaction|pthread_\w+)\s*\("
+    r"|\b(off_t|ssize_t|pid_t|mode_t|pthread_t|abi::__forced_unwind)\b")
 ABOVE_HOST = ("qel", "tools", "examples")
 BASE_LAYER = ("baselib", "ctools", "platform")
 
@@ -25,6 +30,9 @@ for path in tree.files(*ABOVE_HOST, *BASE_LAYER):
         header = found.group(1) if found else ""
         if above and HOST_HEADERS.fullmatch(header):
             faults.append(f"{place}: host header {header}")
+        name = HOST_NAME.search(re.sub(r'"(?:\\.|[^"\\])*"', '""', line)) if above else None
+        if name:
+            faults.append(f"{place}: {name.group(1) or name.group(2)} of the operating system")
         if above and HOST_CONDITION.search(line):
             faults.append(f"{place}: host condition: {line.strip()}")
         if not above and header.startswith("qel/") and header not in shared \

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include <qel/base/btkenvironment.h>
 #include <qel/base/btksocket.h>
 #include <qel/base/netsilentset.h>
 #include <qel/hmxregistry.h>
@@ -245,7 +246,7 @@ void RequireAllowList(const ServeChoices& choices)
 void NameShell()
 {
     if (pcGetShellCommand() == nullptr)
-        setenv("SHELL", "/bin/sh", 0);
+        btkEnvironment::Set("SHELL", "/bin/sh");
 }
 
 void Serve(const ServeChoices& choices)

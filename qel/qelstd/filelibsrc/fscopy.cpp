@@ -106,7 +106,7 @@ public:
     void SetTotal(double bytes) { total = bytes; }
     bool IsEnded() const { return ended; }
 
-    bool Advance(off_t size) override
+    bool Advance(long long size) override
     {
         done += static_cast<double>(size);
         // The end of a file is reported when the file is complete.
@@ -120,12 +120,12 @@ public:
     }
 
 private:
-    static constexpr off_t step = 8 << 20;
+    static constexpr long long step = 8 << 20;
 
     fsProgressHandler& handler;
     const std::string& path;
     double done = 0, total = 0;
-    off_t unheard = 0;
+    long long unheard = 0;
     bool ended = false;
 };
 

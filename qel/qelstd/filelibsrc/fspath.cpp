@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include <qel/base/btkstring.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/pathmapping.h>
 #include <qel/xobject.h>
@@ -84,7 +85,7 @@ fsNativePath& fsNativePath::operator=(const fsNativePath& other)
 bool fsNativePath::Assign(const char* path)
 {
     path = fsTextOf(path);
-    const std::size_t length = strnlen(path, maxLength + 1);
+    const std::size_t length = btkLengthWithin(path, maxLength + 1);
     if (length > maxLength)
         return false;
     std::replace_copy(path, path + length + 1, buffer, '/', fsSeparator);

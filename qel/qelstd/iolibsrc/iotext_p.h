@@ -5,6 +5,7 @@
 #include <utility>
 
 #include <qel/base/btkstrbuf.h>
+#include <qel/base/btkstring.h>
 #include <qel/base/xbufaccess.h>
 #include <qel/xstring.h>
 
@@ -62,7 +63,7 @@ public:
     /// The string of the first `length` bytes; it ends at its first zero byte. Call once, last.
     xstring Finish(std::size_t length)
     {
-        const std::size_t used = strnlen(text, length);
+        const std::size_t used = btkLengthWithin(text, length);
         if (used == 0)
             return xstring("");
         buffer->CommitMB(used);
@@ -78,7 +79,7 @@ private:
 inline xstring ioMakeString(const char* bytes, std::size_t length)
 {
     // `bytes` may be null when `length` is 0.
-    const std::size_t used = length == 0 ? 0 : strnlen(bytes, length);
+    const std::size_t used = length == 0 ? 0 : btkLengthWithin(bytes, length);
     if (used == 0)
         return xstring("");
     char* text = nullptr;

@@ -1,6 +1,8 @@
 #include <iostream>
 #include <list>
 
+#include <qel/base/thrcancellation.h>
+
 #include "netasyncrequest_p.h"
 #include "netserverloop_p.h"
 
@@ -112,7 +114,7 @@ int netAsyncRequest::OnStart()
     } catch (xthrowable* e) {
         const qelCaught caught(e);
     } catch (...) {
-        qelPassCancellation();
+        thrPassCancellation();
     }
     return netServerContinue;
 }

@@ -109,18 +109,16 @@ std::unique_ptr<btkStreamSocket> netBaseServer::Loop::TakeConnection(btkTimeval 
     std::unique_ptr<btkStreamSocket> socket(new (std::nothrow) btkStreamSocket);
     if (socket != nullptr && listening->Accept(socket.get()))
         return socket;
-    int error = socket == nullptr ? ENOMEM : errno;
-    const auto isNoRoom = [&] {
-        return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
-    };
-    if (socket != nullptr && isNoRoom() && silent.TakeLeaving(now) != nullptr) {
+    using Failure = btkAcceptSocket::Failure;
+    Failure failure = socket == nullptr ? Failure::noResources : btkAcceptSocket::FailureOf(errno);
+    if (socket != nullptr && failure == Failure::noResources && silent.TakeLeaving(now) != nullptr) {
         if (listening->Accept(socket.get()))
             return socket;
-        error = errno;
+        failure = btkAcceptSocket::FailureOf(errno);
     }
-    if (error == EBADF || error == EINVAL || error == ENOTSOCK)
+    if (failure == Failure::unusable)
         netXException::Throw(socketFailed, "Socket failed");
-    if (isNoRoom())
+    if (failure == Failure::noResources)
         restEnd = now + (server.timeSlice == INFINITE ? longestRest
                                                       : std::min(longestRest, btkTimeval(server.timeSlice)));
     return nullptr;

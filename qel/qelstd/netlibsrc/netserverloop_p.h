@@ -7,6 +7,7 @@
 
 #include <qel/base/btksocket.h>
 #include <qel/base/netsilentset.h>
+#include <qel/base/thrcancellation.h>
 #include <qel/qelexception.h>
 
 #include "netasyncrequest_p.h"
@@ -98,7 +99,7 @@ try {
     netReport(server, peer, failure.what());
     throw;
 } catch (...) {
-    qelPassCancellation();
+    thrPassCancellation();
     netReport(server, peer, "unknown exception");
     throw;
 }

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 
+#include <qel/base/btkcalendar.h>
 #include <qel/base/btktimeval.h>
 
 #include "qeltable.h"
@@ -65,7 +66,7 @@ bool breakDown(double seconds, std::tm& fields)
 {
     constexpr double furthest = 9.2e18; // what a time_t holds
     const auto whole = static_cast<std::time_t>(std::clamp(seconds, -furthest, furthest));
-    return localtime_r(&whole, &fields) != nullptr && fields.tm_year <= INT_MAX - firstYear;
+    return btkLocalTime(whole, fields) && fields.tm_year <= INT_MAX - firstYear;
 }
 
 /// One field of the local time, counted from `first`; null when the year does not fit an int.
@@ -96,23 +97,20 @@ bool fits(long long value, int* field)
 /// The offset of local time from UTC at a time; false when the operating system cannot tell.
 bool offsetAt(std::time_t time, long* seconds)
 {
-    std::tm fields = {};
-    if (localtime_r(&time, &fields) == nullptr)
-        return false;
-    *seconds = fields.tm_gmtoff;
-    return true;
+    std::tm fields;
+    return btkLocalTime(time, fields, seconds);
 }
 
 /// The result of mktime, where it is unambiguous: one offset is in force around the time, so that the time
 /// exists exactly once. Avoids mktime, which reads the time zone's settings again at each call.
-bool makeOrdinaryTime(std::tm fields, std::time_t* result)
+bool makeOrdinaryTime(const std::tm& fields, std::time_t* result)
 {
     constexpr std::time_t around = 86400;
-    fields.tm_wday = -1;
-    const std::time_t asUtc = timegm(&fields);
+    std::time_t asUtc;
     long before, at, after;
-    if (fields.tm_wday < 0 || !offsetAt(asUtc - around, &before) || !offsetAt(asUtc + around, &after) ||
-        before != after || !offsetAt(asUtc - before, &at) || at != before)
+    if (!btkTimeOfUtc(fields, asUtc) || !offsetAt(asUtc - around, &before) ||
+        !offsetAt(asUtc + around, &after) || before != after || !offsetAt(asUtc - before, &at) ||
+        at != before)
         return false;
     *result = asUtc - before;
     return true;

@@ -1,21 +1,6 @@
 #pragma once
 
-#include <cxxabi.h>
-
 #include <qel/xobject.h>
-
-/// For a `catch (...)` that swallows the exception: rethrows the exceptions that cancel or exit the thread,
-/// which must not be swallowed.
-__attribute__((no_sanitize("null"))) inline void qelPassCancellation()
-{
-    try {
-        throw;
-    } catch (const abi::__forced_unwind&) { // has no object
-        throw;
-    } catch (...) {
-        return;
-    }
-}
 
 /// Owns an exception caught as an `xthrowable*`: releases the catcher's reference, or frees an exception of a
 /// class that is not countable.

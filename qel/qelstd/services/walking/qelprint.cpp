@@ -10,6 +10,8 @@
 #include <string_view>
 #include <utility>
 
+#include <qel/base/thrcancellation.h>
+
 #include "qelcaught_p.h"
 #include "qelrtti.h"
 #include "qeltraverse_p.h"
@@ -184,7 +186,7 @@ private:
             std::streambuf* const buffer = state.rdbuf();
             failed = buffer->sputn(block, size) != size || (flushes && buffer->pubsync() == -1);
         } catch (...) {
-            qelPassCancellation();
+            thrPassCancellation();
             try {
                 state.setstate(std::ios_base::badbit);
             } catch (const std::ios_base::failure&) {

@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include <qel/base/thrcancellation.h>
+
 #include "qelcaught_p.h"
 #include "qeltraverse_p.h"
 #include "xrtti.h"
@@ -461,7 +463,7 @@ auto Walk::guarded(Read read) -> decltype(read())
         const qelCaught owner(error);
         visitor.errorOccured("QEL exception", error);
     } catch (...) {
-        qelPassCancellation();
+        thrPassCancellation();
         visitor.errorOccured("Unknown exception", nullptr);
     }
     return {};
