@@ -1,6 +1,7 @@
 # qel_add_test(NAME [LABELS label...] [LIBRARIES lib...]): the program NAME from NAME.cpp (or NAME.c) of this folder,
 # run by ctest. Label `threads` marks tests that start threads; the thread sanitizer runs those, and the target
 # `thread_tests` builds only those.
+set(QELSTD_TEST_TIMEOUT 300 CACHE STRING "Seconds after which ctest ends a test")
 find_package(GTest REQUIRED)
 add_custom_target(thread_tests)
 
@@ -14,7 +15,7 @@ function(qel_add_test name)
   endif()
   target_link_libraries(${name} PRIVATE qel_options qel_test_support qelstd::qelstd ${arg_LIBRARIES})
   add_test(NAME ${name} COMMAND ${name})
-  set_tests_properties(${name} PROPERTIES TIMEOUT 300 LABELS "${arg_LABELS}")
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${QELSTD_TEST_TIMEOUT} LABELS "${arg_LABELS}")
   if("threads" IN_LIST arg_LABELS)
     add_dependencies(thread_tests ${name})
   endif()
