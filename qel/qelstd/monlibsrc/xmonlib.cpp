@@ -16,6 +16,7 @@
 
 #include "monfile_p.h"
 #include "monlock_p.h"
+#include "qelcaught_p.h"
 #include "qeltable.h"
 
 constinit qelClass monFile::rtti = {
@@ -37,15 +38,6 @@ constexpr int longestName = 1023;
 constexpr int FixedSize(int type)
 {
     return type == realRecord ? monRealSize : monWordSize;
-}
-
-// Frees the caught exception.
-void LetGo(xthrowable* thrown)
-{
-    if (thrown->isRefCountable())
-        xrcrelease(thrown);
-    else
-        xdelete(thrown);
 }
 
 [[noreturn]] void ThrowTooLarge()
@@ -311,7 +303,7 @@ bool monFile::Reopen()
     try {
         anew.reset(OpenAt(place->path, stream->getPath().CastToCString()));
     } catch (xthrowable* thrown) { // the file is not complete yet
-        LetGo(thrown);
+        const qelCaught caught(thrown);
         platFailWith(ERROR_FILE_CORRUPT);
     }
     if (anew == nullptr)
@@ -557,7 +549,7 @@ void monFile::UpdateCache()
             // Since the size was taken, a writer may have cut off a record that was never finished.
             if (!stream->getIsEof() || left == 0)
                 throw;
-            LetGo(thrown);
+            const qelCaught caught(thrown);
         }
     }
 }
@@ -672,7 +664,7 @@ monFile::State monFile::Check(int& offset)
         if (qelXNativeException::softcast(thrown) == nullptr || isReplaced() ||
             btkGetFileSize(stream->fileBuf->GetHandle()) < readUpTo)
             throw;
-        LetGo(thrown);
+        const qelCaught caught(thrown);
         state = damaged;
     }
     offset = readUpTo;
