@@ -1,4 +1,4 @@
-// What a stream gathers before the system is called: lines to the standard output against std::cout, integers
+// Buffered output: lines to the standard output against std::cout, integers
 // from thread to thread through a buffered pipe against stdio on a pipe.
 #include <benchmark/benchmark.h>
 #include <cstdio>

@@ -1,7 +1,7 @@
 // Counts the words of texts that its clients send: wordserver NAME
 // The server registers itself as NAME with the name server of this machine and serves until a client, SIGTERM
 // or an interrupt stops it. A separate thread serves each client, with limits, so that no client waits for
-// one that is silent, slow or does not read.
+// a client that is silent or slow, or that does not read.
 
 #include <algorithm>
 #include <atomic>

@@ -318,7 +318,8 @@ void Wait(WaitChoices& choices)
                 return;
             if (btkTimeval::Now() >= end)
                 Fail(Exit::no, choices.name, "no server of that name");
-        } catch (const CommandFailed& failed) { // one that does not run yet may start
+        } catch (const CommandFailed& failed) {
+            // A name server that does not run yet may still start.
             if (btkTimeval::Now() >= end || failed.status != Exit::peer)
                 throw;
         }
