@@ -1,8 +1,11 @@
 #include <utility>
 
 #include <qel/base/btksystem.h>
+#include <qel/platform/errortable.h>
 
 #include "monchange_p.h"
+#include "monfile_p.h"
+#include "monlock_p.h"
 
 bool monChanges::Begin(btkHandle opened)
 {
@@ -88,4 +91,54 @@ private:
 monChangeEvent::monChangeEvent(std::shared_ptr<monChanges> changes)
     : evtEvent(new ChangeBase(std::move(changes)))
 {
+}
+
+// ---- the changes of a file
+
+evtEvent* monFile::ChangeEvent()
+{
+    Prepare();
+    std::shared_ptr<monChanges> changes = place->changes.lock();
+    if (changes == nullptr) {
+        changes = std::make_shared<monChanges>(place->path);
+        if (!changes->Begin(stream->fileBuf->GetHandle())) {
+            platFail();
+            return nullptr;
+        }
+    }
+    evtEvent* const event = new (pDefMemMgr) monChangeEvent(changes);
+    place->changes = changes;
+    if (!std::exchange(place->isWatched, true))
+        WatchNumbers();
+    return event;
+}
+
+// After the file has been opened anew.
+void monFile::WatchAnew()
+{
+    if (const auto changes = place->changes.lock())
+        changes->BeginAnew(stream->fileBuf->GetHandle());
+    if (place->isWatched)
+        WatchNumbers();
+}
+
+void monFile::WatchNumbers()
+{
+    for (monParam* each = firstParam; each != nullptr; each = each->next)
+        if (!each->isLost && monStringParam::softcast(each) == nullptr)
+            WatchNumber(*each);
+}
+
+void monFile::WatchNumber(monParam& parameter)
+{
+    const int position = static_cast<int>(std::streamoff(parameter.position));
+    const int size = monRealParam::softcast(&parameter) != nullptr ? monRealSize : monWordSize;
+    if (btkPartWriter::LiesAcross(position, static_cast<std::size_t>(size)))
+        monWatchNumber(stream->fileBuf->GetHandle(), position);
+}
+
+void monFile::EndChanges()
+{
+    if (const auto changes = place->changes.lock())
+        changes->End();
 }
