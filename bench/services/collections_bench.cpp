@@ -62,6 +62,7 @@ class StdVector
 {
 public:
     void append(Value value) { values.push_back(std::move(value)); }
+    Value get(int i) const { return values[static_cast<std::size_t>(i)]; }
 
 private:
     std::vector<Value> values;
@@ -73,16 +74,27 @@ xrchandle<S> qelNew()
     return S::create();
 }
 
-void readQelstd(benchmark::State& state)
+template<class Make, class Get>
+void read(benchmark::State& state, Make make, Get get)
 {
-    const auto s = qelNew<xintsequence>();
+    const auto sequence = make();
     for (int i = 0; i < million; ++i)
-        s->append(i);
+        sequence->append(i);
+    for (auto _ : state)
+        for (int i = 0; i < million; ++i)
+            benchmark::DoNotOptimize(get(*sequence, i)); // each by itself, not many by one vector instruction
+}
+
+/// Short sequences, so that most of their memory was used a moment before.
+template<class Make>
+void appendThousand(benchmark::State& state, Make make)
+{
+    treatFreed(Freed::kept);
     for (auto _ : state) {
-        int sum = 0;
-        for (int i = 0, n = s->getarraysize(); i < n; ++i)
-            sum ^= s->get(i);
-        benchmark::DoNotOptimize(sum);
+        auto sequence = make();
+        for (int i = 0; i < 1000; ++i)
+            sequence->append(i);
+        benchmark::DoNotOptimize(sequence);
     }
 }
 
@@ -110,7 +122,17 @@ void addSequences()
         [](int i) { return ours[static_cast<unsigned>(i) % 2]; });
     add("strings", "QVector<QVariant>", std::make_unique<QVector<QVariant>>, text);
     add("strings", "QVector<QString>", std::make_unique<QVector<QString>>, text);
-    benchmark::RegisterBenchmark("collections/read 10^6 ints/qelstd", readQelstd);
+    const auto get = [](auto& sequence, int i) { return sequence.get(i); };
+    benchmark::RegisterBenchmark("collections/read 10^6 ints/qelstd",
+                                 [=](benchmark::State& s) { read(s, qelNew<xintsequence>, get); });
+    benchmark::RegisterBenchmark("collections/read 10^6 ints/std::vector", [=](benchmark::State& s) {
+        read(s, std::make_unique<StdVector<int>>, get);
+    });
+    benchmark::RegisterBenchmark("collections/append 10^3 ints/qelstd",
+                                 [](benchmark::State& s) { appendThousand(s, qelNew<xintsequence>); });
+    benchmark::RegisterBenchmark("collections/append 10^3 ints/std::vector", [](benchmark::State& s) {
+        appendThousand(s, std::make_unique<StdVector<int>>);
+    });
 }
 
 // ---- dictionaries: each class below maps keys of its text type to ints
@@ -277,10 +299,12 @@ struct Keys
         for (const std::string& text : mixed)
             added.emplace_back(text);
         std::shuffle(mixed.begin(), mixed.end(), std::mt19937(2));
-        for (const std::string& text : mixed)
+        for (const std::string& text : mixed) {
             sought.emplace_back(text);
+            missing.emplace_back(text + "~");
+        }
     }
-    std::vector<typename D::Key> added, sought;
+    std::vector<typename D::Key> added, sought, missing;
 };
 
 template<class D>
@@ -291,18 +315,19 @@ void fill(D& d, const Keys<D>& keys)
         d.set(key, ++value);
 }
 
-template<class D>
+template<class D, bool present>
 void find(benchmark::State& state, const Keys<D>& keys)
 {
     D d;
     fill(d, keys);
+    const auto& sought = present ? keys.sought : keys.missing;
     std::size_t i = 0;
     for (auto _ : state) {
         int value = 0;
-        if (!d.find(keys.sought[i], &value))
-            state.SkipWithError("not found");
+        if (d.find(sought[i], &value) != present)
+            state.SkipWithError(present ? "not found" : "found");
         benchmark::DoNotOptimize(value);
-        i = i + 1 == keys.sought.size() ? 0 : i + 1;
+        i = i + 1 == sought.size() ? 0 : i + 1;
     }
 }
 
@@ -389,7 +414,8 @@ void addOne(const std::string& family, const Texts& (*texts)(), bool large)
         if (large)
             added->Iterations(1);
     };
-    add("find", find<D>);
+    add("find", find<D, true>);
+    add("miss", find<D, false>);
     add("replace", replace<D>);
     addWhole("set", set<D, false>);
     addWhole("set and walk", set<D, true>);

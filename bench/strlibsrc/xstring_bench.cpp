@@ -26,6 +26,7 @@ template<>
 struct Ops<xstring>
 {
     static int find(const xstring& s, const char* sub) { return s.BytePos(sub); }
+    static xstring part(const xstring& s) { return s.Substring(400, 450); }
     static xstring upper(const xstring& s) { return s.ToUpper(); }
     static void replace(xstring& s, const char* from, const char* to) { s.Substitute(from, to, 0, -1); }
     static const void* wide(const char* text) { return xstring(text).CastToCWString(); }
@@ -35,6 +36,7 @@ template<typename Qt>
 struct QtOps
 {
     static int find(const Qt& s, const char* sub) { return s.indexOf(sub); }
+    static Qt part(const Qt& s) { return s.mid(400, 50); }
     static Qt upper(const Qt& s) { return s.toUpper(); }
     static void replace(Qt& s, const char* from, const char* to) { s.replace(from, to); }
     static const void* wide(const char* text) { return QString::fromUtf8(text).constData(); }
@@ -59,6 +61,7 @@ template<>
 struct Ops<std::string>
 {
     static int find(const std::string& s, const char* sub) { return static_cast<int>(s.find(sub)); }
+    static std::string part(const std::string& s) { return s.substr(400, 50); }
 };
 
 template<typename S>
@@ -147,6 +150,14 @@ void compare(benchmark::State& state)
 }
 
 template<typename S>
+void part50(benchmark::State& state)
+{
+    const S s(text1000.c_str());
+    for (auto _ : state)
+        benchmark::DoNotOptimize(Ops<S>::part(s));
+}
+
+template<typename S>
 void upper(benchmark::State& state)
 {
     const S s(text1000.c_str());
@@ -191,6 +202,7 @@ STRING_BENCH_ALL(append1MB)
 STRING_BENCH_ALL(append100Words)
 STRING_BENCH_ALL(find)
 STRING_BENCH_ALL(compare)
+STRING_BENCH_ALL(part50)
 STRING_BENCH_QT(upper)
 STRING_BENCH_QT(substitute)
 STRING_BENCH(makeWide, xstring, "qelstd")
