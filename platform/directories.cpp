@@ -40,8 +40,16 @@ HANDLE FindFirstFileA(const char* pattern, WIN32_FIND_DATAA* data)
     }
     const std::string directory = begin == 0 ? "." : std::string(whole.substr(0, begin));
     auto folder = std::make_unique<platFolder>();
-    if (!folder->Open(directory.c_str()))
+    std::string host;
+    if (!platDone(platHostPath(directory.c_str(), host)))
         return INVALID_HANDLE_VALUE;
+    if (!folder->OpenHost(AT_FDCWD, host.c_str())) {
+        if (errno == ENOTDIR)
+            platFailWith(ERROR_DIRECTORY);
+        else
+            platFailOn(host);
+        return INVALID_HANDLE_VALUE;
+    }
     data->dwFileAttributes = FILE_ATTRIBUTE_DIRECTORY;
     std::strcpy(data->cFileName, ".");
     return folder.release();
@@ -54,7 +62,7 @@ BOOL FindNextFileA(HANDLE search, WIN32_FIND_DATAA* data)
         return platFailWith(ERROR_INVALID_HANDLE);
     platEntry entry;
     if (!folder->Read(entry))
-        return FALSE;
+        return folder->IsAtEnd() ? platFailWith(ERROR_NO_MORE_FILES) : platFail();
     data->dwFileAttributes = entry.kind == platDirectory ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
     if (platIsShownAsIs(entry.hostName))
         std::snprintf(data->cFileName, sizeof data->cFileName, "%s", entry.hostName);
@@ -75,7 +83,7 @@ BOOL FindClose(HANDLE search)
 BOOL CreateDirectoryA(const char* path, SECURITY_ATTRIBUTES*)
 {
     std::string host;
-    if (!platHostPath(path, host))
+    if (!platDone(platHostPath(path, host)))
         return FALSE;
     return mkdir(host.c_str(), newDirectoryMode) == 0 ? TRUE : platFailOn(host);
 }
@@ -86,7 +94,7 @@ DWORD GetCurrentDirectoryA(DWORD size, char* buffer)
     std::string native;
     if (getcwd(host, sizeof host) == nullptr)
         return static_cast<DWORD>(platFail());
-    if (!platNativePath(host, native))
+    if (!platDone(platNativePath(host, native)))
         return 0;
     const auto length = static_cast<DWORD>(native.size());
     if (length >= size)
@@ -98,7 +106,7 @@ DWORD GetCurrentDirectoryA(DWORD size, char* buffer)
 BOOL SetCurrentDirectoryA(const char* path)
 {
     std::string host;
-    if (!platHostPath(path, host))
+    if (!platDone(platHostPath(path, host)))
         return FALSE;
     return chdir(host.c_str()) == 0 ? TRUE : platFailOn(host);
 }
@@ -108,7 +116,7 @@ BOOL GetDiskFreeSpaceA(const char* root, DWORD* sectorsPerCluster, DWORD* bytesP
 {
     constexpr unsigned long sectorSize = 512;
     std::string host = ".";
-    if (root != nullptr && !platHostPath(root, host))
+    if (root != nullptr && !platDone(platHostPath(root, host)))
         return FALSE;
     struct statvfs volume;
     if (btkRetry([&] { return statvfs(host.c_str(), &volume); }) != 0)

@@ -43,7 +43,7 @@ constexpr ErrorRow errors[] = {
     {EINTR, ERROR_SIGNAL_PENDING},
     {ECANCELED, ERROR_OPERATION_ABORTED},
     {ENXIO, ERROR_NOT_READY},
-    {ENODEV, ERROR_NOT_READY},
+    {ENODEV, ERROR_INVALID_DRIVE},
     {EOPNOTSUPP, ERROR_NOT_SUPPORTED},
     {ENOSYS, ERROR_NOT_SUPPORTED},
 };
@@ -128,6 +128,13 @@ DWORD platErrorOf(int hostError)
 BOOL platFail()
 {
     return platFailWith(platErrorOf(errno));
+}
+
+bool platDone(bool done)
+{
+    if (!done)
+        platFail();
+    return done;
 }
 
 BOOL platFailOn(const std::string& hostPath)

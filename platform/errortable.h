@@ -12,7 +12,11 @@ DWORD platErrorOf(int hostError);
 /// Sets the last error to the number of `errno`. Returns FALSE, for `return platFail();`.
 BOOL platFail();
 
-/// The same after a call on `hostPath` failed. Windows reports "path not found" when a directory on the way
+/// Returns `done`. When it is false, sets the last error to the number of `errno`: for calls of the layers
+/// below, as in `if (!platDone(folder.Create(name)))`.
+bool platDone(bool done);
+
+/// The same as platFail, after a call on `hostPath` failed. Windows reports "path not found" when a directory on the way
 /// is missing and "file not found" for the last name only; Linux has one errno value for both.
 BOOL platFailOn(const std::string& hostPath);
 

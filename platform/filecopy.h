@@ -44,7 +44,7 @@ class platWatcher
 {
 public:
     virtual ~platWatcher() = default;
-    /// `amount` more bytes have been copied or are a hole. False ends the work with ERROR_OPERATION_ABORTED.
+    /// `amount` more bytes have been copied or are a hole. False ends the work with ECANCELED.
     virtual bool Advance(long long amount) = 0;
 };
 

@@ -63,7 +63,7 @@ int openFlags(DWORD disposition)
 bool statusOf(const char* path, struct stat& status)
 {
     std::string host;
-    if (!platHostPath(path, host))
+    if (!platDone(platHostPath(path, host)))
         return false;
     if (stat(host.c_str(), &status) == 0)
         return true;
@@ -123,7 +123,7 @@ unsigned makeTemporary(const char* directory, const char* prefix, unsigned uniqu
         if (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number) || number == 0)
             continue;
         std::snprintf(name, MAX_PATH, "%s%08X.TMP", path.c_str(), number);
-        if (!platHostPath(name, host))
+        if (!platDone(platHostPath(name, host)))
             return 0;
         if (make(host.c_str()))
             return number;
@@ -162,7 +162,7 @@ HANDLE CreateFileA(const char* path, DWORD access, DWORD share, SECURITY_ATTRIBU
     const int how = openFlags(disposition);
     if (how < 0)
         platFailWith(ERROR_INVALID_PARAMETER);
-    if (how < 0 || !platHostPath(path, host))
+    if (how < 0 || !platDone(platHostPath(path, host)))
         return INVALID_HANDLE_VALUE;
     const bool writes = (access & GENERIC_WRITE) != 0;
     const int mode = !writes ? O_RDONLY : (access & GENERIC_READ) != 0 ? O_RDWR : O_WRONLY;
@@ -273,7 +273,7 @@ BOOL GetFileAttributesExA(const char* path, GET_FILEEX_INFO_LEVELS, void* data)
 BOOL MoveFileExA(const char* from, const char* to, DWORD)
 {
     std::string hostFrom, hostTo;
-    if (!platHostPath(from, hostFrom) || !platHostPath(to, hostTo))
+    if (!platDone(platHostPath(from, hostFrom)) || !platDone(platHostPath(to, hostTo)))
         return FALSE;
     int moved = renameat2(AT_FDCWD, hostFrom.c_str(), AT_FDCWD, hostTo.c_str(), RENAME_NOREPLACE);
     if (moved != 0 && (errno == EINVAL || errno == ENOSYS))

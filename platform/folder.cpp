@@ -12,7 +12,6 @@
 #include <sys/sysmacros.h>
 #include <utility>
 
-#include <qel/platform/errortable.h>
 #include <qel/platform/filecopy.h>
 #include <qel/platform/pathmapping.h>
 
@@ -27,11 +26,10 @@ constexpr unsigned keptFolderBits = 03777;
 /// The number of the lowest folders of a descent that are held open.
 constexpr std::size_t mostOpen = 32;
 
-bool hostDone(int result)
+/// False with `errno` set to `error`.
+bool failWith(int error)
 {
-    if (result == 0)
-        return true;
-    platFail();
+    errno = error;
     return false;
 }
 
@@ -76,17 +74,15 @@ void splitHost(const std::string& host, std::string& directory, std::string& nam
 
 platFolder::~platFolder()
 {
-    const DWORD error = GetLastError();
+    const int error = errno;
     Close();
-    SetLastError(error);
+    errno = error;
 }
 
 bool platFolder::adopt(int opened)
 {
-    if (opened < 0) {
-        platFail();
+    if (opened < 0)
         return false;
-    }
     Close();
     descriptor = opened;
     return true;
@@ -95,18 +91,7 @@ bool platFolder::adopt(int opened)
 bool platFolder::Open(const char* path)
 {
     std::string host;
-    if (!platHostPath(path, host))
-        return false;
-    const int opened = platOpenAt(AT_FDCWD, host.c_str(), O_RDONLY | O_DIRECTORY);
-    if (opened < 0 && errno == ENOTDIR) {
-        platFailWith(ERROR_DIRECTORY);
-        return false;
-    }
-    if (opened < 0) {
-        platFailOn(host);
-        return false;
-    }
-    return adopt(opened);
+    return platHostPath(path, host) && adopt(platOpenAt(AT_FDCWD, host.c_str(), O_RDONLY | O_DIRECTORY));
 }
 
 bool platFolder::Open(const platFolder& parent, const char* name, platLinks links)
@@ -124,19 +109,12 @@ bool platFolder::OpenParent(const char* path, std::string& hostName, platLinks l
         const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(host.c_str(), nullptr),
                                                                    &std::free);
         if (resolved == nullptr)
-            return hostDone(-1);
+            return false;
         host = resolved.get();
     }
     splitHost(platWithoutEndSeparators(std::move(host)), directory, hostName);
     const int opened = platOpenAt(AT_FDCWD, directory.c_str(), O_PATH | O_DIRECTORY);
-    if (opened < 0) {
-        if (errno == ENOENT)
-            platFailWith(ERROR_PATH_NOT_FOUND);
-        else
-            platFail();
-        return false;
-    }
-    return adopt(opened);
+    return opened < 0 && errno == ENOENT ? failWith(ENOTDIR) : adopt(opened);
 }
 
 bool platFolder::OpenNearest(const char* path)
@@ -171,8 +149,8 @@ bool platFolder::Close()
     stream = nullptr;
     descriptor = -1;
     rest.clear();
-    isReleased = isRemembered = false;
-    return hostDone(closed);
+    isReleased = isRemembered = isEnd = false;
+    return closed == 0;
 }
 
 /// Closes the folder and remembers its unread entries. If they cannot be read, it stays open.
@@ -186,13 +164,14 @@ void platFolder::release()
         platEntry entry;
         while (Read(entry))
             rest.push_back({entry.hostName, entry.kind});
-        if (GetLastError() != ERROR_NO_MORE_FILES) {
+        if (!isEnd) {
             seekdir(static_cast<DIR*>(stream), position);
             rest.clear();
             return;
         }
         std::reverse(rest.begin(), rest.end());
         isRemembered = true;
+        isEnd = false;
     }
     if (stream != nullptr)
         closedir(static_cast<DIR*>(stream));
@@ -210,9 +189,9 @@ bool platFolder::regain(const platFolder& below)
     platDescriptor opened(platOpenAt(below.descriptor, "..", O_RDONLY | O_DIRECTORY));
     struct stat status;
     if (!opened || fstat(opened.get(), &status) != 0)
-        return hostDone(-1);
+        return false;
     if (!(idOf(status) == left))
-        return platFailWith(ERROR_PATH_NOT_FOUND);
+        return failWith(ENOTDIR);
     descriptor = opened.release();
     isReleased = false;
     return true;
@@ -221,8 +200,9 @@ bool platFolder::regain(const platFolder& below)
 bool platFolder::Read(platEntry& entry)
 {
     if (isRemembered) {
-        if (rest.empty())
-            return platFailWith(ERROR_NO_MORE_FILES);
+        isEnd = rest.empty();
+        if (isEnd)
+            return false;
         given = std::move(rest.back());
         rest.pop_back();
         entry = {given.name.c_str(), given.kind};
@@ -230,22 +210,16 @@ bool platFolder::Read(platEntry& entry)
     }
     if (stream == nullptr)
         stream = fdopendir(descriptor);
-    if (stream == nullptr) {
-        platFail();
+    if (stream == nullptr)
         return false;
-    }
     const struct dirent* found;
     do {
         errno = 0;
         found = readdir(static_cast<DIR*>(stream));
     } while (found != nullptr && isDots(found->d_name));
-    if (found == nullptr) {
-        if (errno != 0)
-            platFail();
-        else
-            platFailWith(ERROR_NO_MORE_FILES);
+    isEnd = found == nullptr && errno == 0;
+    if (found == nullptr)
         return false;
-    }
     entry.hostName = found->d_name;
     entry.kind =
         found->d_type == DT_UNKNOWN ? Kind(found->d_name, platKeepLinks) : kindOf(DTTOIF(found->d_type));
@@ -255,10 +229,8 @@ bool platFolder::Read(platEntry& entry)
 platNodeKind platFolder::Kind(const char* name, platLinks links, platNodeId* id) const
 {
     struct stat status;
-    if (fstatat(descriptor, name, &status, links == platKeepLinks ? AT_SYMLINK_NOFOLLOW : 0) != 0) {
-        platFail();
+    if (fstatat(descriptor, name, &status, links == platKeepLinks ? AT_SYMLINK_NOFOLLOW : 0) != 0)
         return platAbsent;
-    }
     if (id != nullptr)
         *id = idOf(status);
     return kindOf(status.st_mode);
@@ -274,46 +246,45 @@ long long platFolder::Size(const char* name, platLinks links) const
 
 bool platFolder::Create(const char* name)
 {
-    return hostDone(mkdirat(descriptor, name, newFolderMode));
+    return mkdirat(descriptor, name, newFolderMode) == 0;
 }
 
 bool platFolder::DeleteFile(const char* name)
 {
-    return hostDone(unlinkat(descriptor, name, 0));
+    return unlinkat(descriptor, name, 0) == 0;
 }
 
 bool platFolder::RemoveFolder(const char* name)
 {
-    return hostDone(unlinkat(descriptor, name, AT_REMOVEDIR));
+    return unlinkat(descriptor, name, AT_REMOVEDIR) == 0;
 }
 
 bool platFolder::Rename(const char* name, const char* newName)
 {
-    return hostDone(renameat(descriptor, name, descriptor, newName));
+    return renameat(descriptor, name, descriptor, newName) == 0;
 }
 
 bool platFolder::CopyLink(const char* name, platFolder& target, const char* newName, bool replaced) const
 {
     char text[PATH_MAX];
     const ssize_t length = readlinkat(descriptor, name, text, sizeof text);
-    if (length < 0 || length == static_cast<ssize_t>(sizeof text)) {
-        if (length >= 0)
-            errno = ENAMETOOLONG;
-        return hostDone(-1);
-    }
+    if (length == static_cast<ssize_t>(sizeof text))
+        return failWith(ENAMETOOLONG);
+    if (length < 0)
+        return false;
     text[length] = '\0';
-    return hostDone(replaced ? btkReplaceByLink(target.descriptor, text, newName) ? 0 : -1
-                             : symlinkat(text, target.descriptor, newName));
+    return replaced ? btkReplaceByLink(target.descriptor, text, newName)
+                    : symlinkat(text, target.descriptor, newName) == 0;
 }
 
 bool platFolder::CopyStatus(platFolder& target) const
 {
     struct stat status;
     if (fstat(descriptor, &status) != 0)
-        return hostDone(-1);
+        return false;
     const struct timespec times[] = {{0, UTIME_OMIT}, status.st_mtim};
-    return hostDone(futimens(target.descriptor, times)) &&
-           hostDone(btkCopyRights(descriptor, target.descriptor, keptFolderBits) ? 0 : -1);
+    return futimens(target.descriptor, times) == 0 &&
+           btkCopyRights(descriptor, target.descriptor, keptFolderBits);
 }
 
 platNodeId platFolder::Id() const
@@ -360,7 +331,7 @@ bool platSource::Open(const platFolder& folder, const char* name, platLinks link
     const int opened = platOpenRegular(folder.descriptor, name,
                                        O_RDONLY | (links == platKeepLinks ? O_NOFOLLOW : 0), 0, status);
     if (opened < 0)
-        return hostDone(-1);
+        return false;
     if (descriptor >= 0)
         close(descriptor);
     descriptor = opened;
@@ -373,17 +344,15 @@ bool platSource::Copy(const platFolder& folder, platWatcher* watcher)
     if (fstat(descriptor, &status) != 0 || !copy.Create(folder.descriptor) ||
         !platCopyContents(descriptor, status, copy.Get(), watcher) ||
         !btkCopyRights(descriptor, copy.Get(), keptFileBits))
-        return hostDone(-1);
+        return false;
     const struct timespec times[] = {{0, UTIME_OMIT}, status.st_mtim};
-    return hostDone(futimens(copy.Get(), times));
+    return futimens(copy.Get(), times) == 0;
 }
 
 bool platSource::Place(const char* name, bool replaced)
 {
-    return hostDone(copy.TakePlace(name, btkReplacement::Unsynced,
-                                   replaced ? btkReplacement::Replaced : btkReplacement::Kept)
-                        ? 0
-                        : -1);
+    return copy.TakePlace(name, btkReplacement::Unsynced,
+                          replaced ? btkReplacement::Replaced : btkReplacement::Kept);
 }
 
 // ---- trees
@@ -426,14 +395,14 @@ public:
             if (way.Last().Read(entry)) {
                 path.append("/").append(entry.hostName);
                 goesOn = isElsewhere() ? passOver() : entry.kind == platDirectory ? enter() : removeFile();
-            } else if (GetLastError() != ERROR_NO_MORE_FILES) {
+            } else if (!way.Last().IsAtEnd()) {
                 const Outcome outcome = decide();
                 goesOn = outcome == Outcome::again || (outcome == Outcome::left && finish());
             } else {
                 goesOn = finish();
             }
             if (!goesOn || isFinished)
-                return goesOn && (!isLeftAt(0) || platFailWith(ERROR_DIR_NOT_EMPTY));
+                return goesOn && (!isLeftAt(0) || failWith(ENOTEMPTY));
         }
     }
 
@@ -446,7 +415,7 @@ private:
     {
         path.resize(path.rfind('/'));
         if (outcome == Outcome::done && watcher != nullptr && !watcher->Removed())
-            return platFailWith(ERROR_OPERATION_ABORTED);
+            return failWith(ECANCELED);
         return outcome != Outcome::ended;
     }
 
@@ -488,19 +457,17 @@ private:
     {
         Outcome outcome = Outcome::again;
         while (outcome == Outcome::again)
-            outcome = work()                                   ? Outcome::done
-                      : GetLastError() == ERROR_FILE_NOT_FOUND ? Outcome::gone
-                                                               : decide();
+            outcome = work() ? Outcome::done : errno == ENOENT ? Outcome::gone : decide();
         return outcome;
     }
 
     /// How to continue with the current node after a failure.
     Outcome decide()
     {
-        const DWORD error = GetLastError();
+        const int error = errno;
         const platAction action =
             watcher == nullptr ? platAction::stop : watcher->Failed(path.empty() ? path : path.substr(1));
-        SetLastError(error);
+        errno = error;
         if (action == platAction::skip)
             leftAt = way.Depth();
         return action == platAction::skip    ? Outcome::left

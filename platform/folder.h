@@ -4,8 +4,8 @@
 /// concurrent changes of the tree (a directory replaced by a link, a rename) cannot lead outside it.
 ///
 /// Paths are native or mixed, as for the calls by path; names of nodes are host names, in the operating
-/// system's form, as returned by Read. A call that fails sets the last error. Links are not followed unless
-/// documented. An object is used by one thread at a time.
+/// system's form, as returned by Read. A call that fails leaves the reason in errno. Links are not followed
+/// unless documented. An object is used by one thread at a time.
 
 #include <cstddef>
 #include <memory>
@@ -51,7 +51,7 @@ public:
     /// Opens the directory `name` of `parent` for reading.
     bool Open(const platFolder& parent, const char* name, platLinks links);
     /// Opens the directory that holds the node `path`, or its target when links are followed, for everything
-    /// but Read, and returns the node's name in it.
+    /// but Read, and returns the node's name in it. ENOTDIR when there is no such directory.
     bool OpenParent(const char* path, std::string& hostName, platLinks links = platKeepLinks);
     /// Opens the deepest directory on the way to `path` that exists, itself included, for Id and IsWithin.
     bool OpenNearest(const char* path);
@@ -59,10 +59,11 @@ public:
     bool OpenHost(int from, const char* hostPath);
     bool Close();
 
-    /// The next entry; "." and ".." are left out. False at the end too, with ERROR_NO_MORE_FILES.
+    /// The next entry; "." and ".." are left out. False when it fails and at the end: IsAtEnd tells which.
     bool Read(platEntry& entry);
+    bool IsAtEnd() const { return isEnd; }
 
-    /// The kind of the node `name`; platAbsent also when that cannot be determined, with the last error set.
+    /// The kind of the node `name`; platAbsent also when that cannot be determined, with errno set.
     /// `id`, unless null, receives the node's identity.
     platNodeKind Kind(const char* name, platLinks links, platNodeId* id = nullptr) const;
     /// The size of the file `name` in bytes; 0 when that cannot be determined.
@@ -74,7 +75,7 @@ public:
     /// Removes everything in this folder, depth first, at any depth; links are unlinked and never entered. A
     /// node that no longer exists is not a failure. The first other failure ends the removal, unless
     /// `watcher`, which may be null, decides otherwise. platOneMount: mount points in it stay, and are not a
-    /// failure. True when nothing is left; ERROR_DIR_NOT_EMPTY when nodes were skipped.
+    /// failure. True when nothing is left; ENOTEMPTY when nodes were skipped.
     bool RemoveContents(platTreeWatcher* watcher = nullptr, platMounts mounts = platCrossMounts);
     /// Makes `newName` in `target` a link with the same text as the link `name`. `replaced`: a node other
     /// than a directory may have that name; it is replaced atomically.
@@ -108,7 +109,7 @@ private:
     platNodeId left;              // the identity of the released directory
     std::vector<Remembered> rest; // the entries unread at that time, in reverse order
     Remembered given = {};        // the one of them that Read returned
-    bool isReleased = false, isRemembered = false;
+    bool isReleased = false, isRemembered = false, isEnd = false;
 };
 
 /// The chain of folders from a top folder down to a nested one. At any depth only a few are held open. The
@@ -122,11 +123,10 @@ public:
 
     platFolder& Last() { return steps.empty() ? first : *steps.back().folder; }
     std::size_t Depth() const { return steps.size(); }
-    /// Opens the directory `name` of the last folder, and makes it the last one. False with the last error
-    /// set.
+    /// Opens the directory `name` of the last folder, and makes it the last one.
     bool Enter(const char* name, platLinks links);
-    /// Closes the last folder; its parent becomes the last one. False, with the last error set, when the
-    /// parent cannot be reopened.
+    /// Closes the last folder; its parent becomes the last one. False when the parent cannot be
+    /// reopened; ENOTDIR when it has moved.
     bool Leave();
 
 private:
@@ -147,10 +147,9 @@ class platTreeWatcher
 {
 public:
     virtual ~platTreeWatcher() = default;
-    /// A node has been removed. False ends the work with ERROR_OPERATION_ABORTED.
+    /// A node has been removed. False ends the work with ECANCELED.
     virtual bool Removed() = 0;
-    /// The node at `path`, in host names below the folder, cannot be removed; the last error gives the
-    /// reason.
+    /// The node at `path`, in host names below the folder, cannot be removed; errno gives the reason.
     virtual platAction Failed(const std::string& path) = 0;
 };
 
@@ -163,7 +162,7 @@ public:
     platSource& operator=(const platSource&) = delete;
     ~platSource();
 
-    /// Opens the file `name` of `folder`. ERROR_ACCESS_DENIED for anything but a regular file.
+    /// Opens the file `name` of `folder`. EACCES for anything but a regular file.
     bool Open(const platFolder& folder, const char* name, platLinks links);
     /// Copies contents, rights (as platFolder::CopyStatus) and modification time to a new file in `folder`,
     /// which must stay open. The file has no published name yet, and is removed with this object. `watcher`

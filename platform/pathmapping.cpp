@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -12,7 +13,6 @@
 #include <vector>
 
 #include <qel/base/btkenvironment.h>
-#include <qel/platform/errortable.h>
 
 namespace {
 
@@ -194,6 +194,13 @@ bool hasUpStep(std::string_view hostPath)
     return false;
 }
 
+/// False with `errno` set to `error`.
+bool failWith(int error)
+{
+    errno = error;
+    return false;
+}
+
 /// `path`, which begins with a separator or is empty, below the root of `drive`.
 std::string below(const Drive& drive, std::string path)
 {
@@ -208,7 +215,7 @@ std::string below(const Drive& drive, std::string path)
 bool platHostPath(const char* path, std::string& host)
 {
     if (path == nullptr || *path == '\0')
-        return platFailWith(ERROR_PATH_NOT_FOUND);
+        return failWith(ENOTDIR);
     const char letter = driveLetter(path);
     if (letter != '\0')
         path += 2;
@@ -238,7 +245,7 @@ bool platHostPath(const char* path, std::string& host)
     if (drive == nullptr && letter == '\0')
         drive = &drives.front();
     if (drive == nullptr)
-        return platFailWith(ERROR_PATH_NOT_FOUND);
+        return failWith(ENOTDIR);
     if (!rooted)
         tail.insert(0, "/");
     host = below(*drive, std::move(tail));
@@ -250,7 +257,7 @@ bool platNativePath(std::string_view host, std::string& native)
     const Drives& drives = DriveTable::Get();
     const Drive* drive = driveOf(drives, host);
     if (drive == nullptr)
-        return platFailWith(ERROR_INVALID_DRIVE);
+        return failWith(ENODEV);
     std::string tail = platNativeName(host.substr(drive->root.size()));
     for (char& c : tail)
         if (c == '/')

@@ -20,16 +20,16 @@
 #include <string>
 #include <string_view>
 
-/// Puts the host form of `path` into `host`. False for an unknown drive, or when `path` is null or empty; the
-/// last error is then ERROR_PATH_NOT_FOUND.
+/// Puts the host form of `path` into `host`. False for an unknown drive, or when `path` is null or empty; errno
+/// is then ENOTDIR.
 bool platHostPath(const char* path, std::string& host);
 
 /// Puts the native form of the absolute host path `host` into `native`, with the drive whose root is the
-/// longest prefix. False when it lies on no drive; the last error is then ERROR_INVALID_DRIVE.
+/// longest prefix. False when it lies on no drive; errno is then ENODEV.
 bool platNativePath(std::string_view host, std::string& native);
 
 /// Puts the path for the host path `host` into `path`: in native form with its drive when drives are
-/// re-rooted, else with the host's separators. False when it is absolute and lies on no drive.
+/// re-rooted, else with the host's separators. False when it is absolute and lies on no drive (ENODEV).
 bool platPathOfHost(std::string_view host, std::string& path);
 
 /// Convert a name, or a relative path, from its host form to the form shown, and back.

@@ -217,14 +217,14 @@ long checkDeletable(platFolder& folder, const std::string& prefix)
             platFolder part;
             const long error = part.Open(folder, entry.hostName, platKeepLinks)
                                    ? checkDeletable(part, path + '/')
-                                   : static_cast<long>(GetLastError());
+                                   : hostError();
             if (error != ERROR_SUCCESS && error != ERROR_DIR_NOT_EMPTY)
                 return error;
             isOwn = isOwn && error == ERROR_SUCCESS;
         }
     }
-    if (GetLastError() != ERROR_NO_MORE_FILES)
-        return static_cast<long>(GetLastError());
+    if (!folder.IsAtEnd())
+        return hostError();
     return static_cast<long>(isOwn ? ERROR_SUCCESS : ERROR_DIR_NOT_EMPTY);
 }
 
@@ -303,7 +303,7 @@ bool collectFiles(platFolder& folder, const std::string& prefix, Listed what, st
             files.push_back(path);
         }
     }
-    return GetLastError() == ERROR_NO_MORE_FILES;
+    return folder.IsAtEnd();
 }
 
 /// Whether a caller can use this as the name of a single key or value.
@@ -352,11 +352,9 @@ long takeListing(HKEY key, Listed what, std::vector<std::string>& names)
     if (error == ERROR_SUCCESS) {
         if (place.IsRoot())
             opened = platOpenInside(place.folder, place.prefix.substr(0, place.prefix.size() - 1));
-        if (place.IsRoot() && !opened)
+        if ((place.IsRoot() && !opened) || !folder.OpenHost(opened ? opened.get() : place.folder, ".") ||
+            !collectFiles(folder, "", what, files))
             error = hostError();
-        else if (!folder.OpenHost(opened ? opened.get() : place.folder, ".") ||
-                 !collectFiles(folder, "", what, files))
-            error = static_cast<long>(GetLastError());
     }
     // A root without any written key does not exist.
     if (error == ERROR_FILE_NOT_FOUND)
@@ -484,10 +482,8 @@ long RegDeleteKeyA(HKEY parent, const char* path)
         return hostError();
     const platDescriptor opened = platOpenInside(spot.folder, spot.name);
     platFolder key;
-    if (!opened)
+    if (!opened || !key.OpenHost(opened.get(), "."))
         return hostError();
-    if (!key.OpenHost(opened.get(), "."))
-        return static_cast<long>(GetLastError());
     if (const long error = checkDeletable(key, ""); error != ERROR_SUCCESS)
         return error;
     if (!change.RemoveTree(spot.folder, spot.name.c_str()))

@@ -221,9 +221,10 @@ bool copyFile(const char* from, const char* to)
     platFolder fromFolder, toFolder;
     platSource source;
     std::string fromName, toName;
-    return fromFolder.OpenParent(from, fromName) &&
-           source.Open(fromFolder, fromName.c_str(), platKeepLinks) && toFolder.OpenParent(to, toName) &&
-           source.Copy(toFolder) && source.Place(toName.c_str(), false);
+    return platDone(fromFolder.OpenParent(from, fromName) &&
+                    source.Open(fromFolder, fromName.c_str(), platKeepLinks) &&
+                    toFolder.OpenParent(to, toName) && source.Copy(toFolder) &&
+                    source.Place(toName.c_str(), false));
 }
 
 } // namespace

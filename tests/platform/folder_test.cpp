@@ -49,11 +49,11 @@ TEST(Folder, DescendsAndAscendsAnyDepthWithFewDescriptors)
             ASSERT_TRUE(way.Last().Create("first") && way.Last().Create("second"));
             platEntry entry; // the entered folder is read before the other
             ASSERT_TRUE(way.Last().Read(entry));
-            ASSERT_TRUE(way.Enter(std::string(entry.hostName).c_str(), platKeepLinks)) << GetLastError();
+            ASSERT_TRUE(way.Enter(std::string(entry.hostName).c_str(), platKeepLinks)) << errno;
         }
         int others = 0;
         while (way.Depth() > 0) {
-            ASSERT_TRUE(way.Leave()) << GetLastError();
+            ASSERT_TRUE(way.Leave()) << errno;
             platEntry entry;
             while (way.Last().Read(entry))
                 ++others;
@@ -61,7 +61,7 @@ TEST(Folder, DescendsAndAscendsAnyDepthWithFewDescriptors)
         EXPECT_EQ(others, depth);
     }
     ASSERT_TRUE(top.Open(dir.path("tree")));
-    EXPECT_TRUE(top.RemoveContents()) << GetLastError();
+    EXPECT_TRUE(top.RemoveContents()) << errno;
     setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_TRUE(std::filesystem::is_empty(dir.path("tree")));
 }
@@ -85,7 +85,7 @@ TEST(Folder, ConcurrentMoveIsDetectedAndNothingElsewhereChanges)
     int left = 0;
     while (way.Leave())
         ++left;
-    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(errno, ENOTDIR);
     EXPECT_EQ(left, 35); // up to the moved one; its parent is a different folder now
 }
 
@@ -127,7 +127,7 @@ TEST(Folder, RemovesAllItCanAndKeepsThePathToTheRest)
         Decisions decisions;
         platFolder tree;
         if (!tree.Open(dir.path("tree")) || tree.RemoveContents(&decisions, platOneMount) ||
-            GetLastError() != ERROR_DIR_NOT_EMPTY || !decisions.failed.empty() || decisions.removed != 5)
+            errno != ENOTEMPTY || !decisions.failed.empty() || decisions.removed != 5)
             return 1;
         if (!dir.has("outside/kept") || dir.has("tree/a/c") || dir.has("tree/d") || dir.has("tree/a/b/file"))
             return 2;
@@ -199,7 +199,7 @@ TEST(Folder, ReportsKindsAndIdentities)
     EXPECT_EQ(folder.Kind("sub", platKeepLinks), platDirectory);
     EXPECT_EQ(folder.Kind("pipe", platKeepLinks), platSpecial);
     EXPECT_EQ(folder.Kind("dangling", platFollowLinks), platAbsent);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(errno, ENOENT);
 
     platFolder deep, top;
     ASSERT_TRUE(deep.OpenNearest(dir.path("sub/deep/not/there")));
@@ -224,7 +224,7 @@ TEST(Folder, CopiesLinksFilesAndStatus)
     ASSERT_TRUE(from.CopyLink("link", to, "newlink", false));
     EXPECT_EQ(std::filesystem::read_symlink(dir.path("to/newlink")), "any/text");
     EXPECT_FALSE(from.CopyLink("link", to, "newlink", false));
-    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+    EXPECT_EQ(errno, EEXIST);
     EXPECT_TRUE(from.CopyLink("link", to, "newlink", true));
 
     platSource source;
@@ -254,10 +254,10 @@ TEST(Folder, ReportsErrorsWithoutADirectory)
     std::string name;
 
     EXPECT_FALSE(none.Read(entry));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(errno, EBADF);
     EXPECT_FALSE(none.Open(dir.path("file")));
-    EXPECT_EQ(GetLastError(), ERROR_DIRECTORY);
+    EXPECT_EQ(errno, ENOTDIR);
     EXPECT_FALSE(none.OpenParent(dir.path("missing/x"), name));
-    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(errno, ENOTDIR);
     EXPECT_FALSE(none.IsWithin({1, 1}));
 }

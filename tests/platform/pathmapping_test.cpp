@@ -53,9 +53,9 @@ TEST(PathMapping, RejectsMissingDrivesAndInvalidPaths)
     std::string host;
 
     for (const char* path : {"E:\\a", "F:\\a", "", static_cast<const char*>(nullptr)}) {
-        SetLastError(0);
+        errno = 0;
         EXPECT_FALSE(platHostPath(path, host));
-        EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+        EXPECT_EQ(errno, ENOTDIR);
     }
     EXPECT_EQ(hostOf("ab:c"), "ab:c"); // no drive: two characters before the colon
 }
@@ -112,7 +112,7 @@ TEST(PathMapping, ShowsTheCurrentDirectoryOnTheDriveWithTheLongestRoot)
 
     EnvSetting c("QELSTD_DRIVE_C", "/nowhere");
     EXPECT_EQ(GetCurrentDirectoryA(sizeof shown, shown), 0u);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_DRIVE);
+    EXPECT_EQ(errno, ENODEV);
 }
 
 TEST(PathMapping, MapsEverySystemNameToADistinctForm)

@@ -60,6 +60,7 @@ public:
     {
         if (ways.failures == nullptr || below.empty())
             return platAction::stop; // as a failure of the top itself
+        platFail();
         std::string node = platNativeName(below);
         std::replace(node.begin(), node.end(), '/', fsSeparator);
         node.insert(0, 1, fsSeparator).insert(0, path.text());
@@ -101,10 +102,10 @@ private:
         if (place.kind != platDirectory)
             // With a trailing separator the path means the target of a link, or nothing.
             return endsWithSeparator(path.text()) ? platFailWith(ERROR_DIRECTORY)
-                                                  : place.folder.DeleteFile(place.name.c_str());
+                                                  : platDone(place.folder.DeleteFile(place.name.c_str()));
         // A root, and a directory named "." or "..", cannot be removed: nothing in it is touched either.
         if (!ways.isRecursive || place.name == ".")
-            return place.folder.RemoveFolder(place.name.c_str());
+            return platDone(place.folder.RemoveFolder(place.name.c_str()));
         return fsRemoveAt(place.folder, place.name.c_str(), place.kind, this,
                           ways.mounts == fsOneFileSystem ? platOneMount : platCrossMounts);
     }
@@ -169,17 +170,17 @@ bool fsPlace::Find(const char* path)
 {
     isHeld = folder.OpenParent(path, name);
     kind = isHeld ? folder.Kind(name.c_str(), platKeepLinks, &id) : platAbsent;
-    return kind != platAbsent;
+    return platDone(kind != platAbsent);
 }
 
 bool fsRemoveAt(platFolder& parent, const char* name, platNodeKind kind, platTreeWatcher* watcher,
                 platMounts mounts)
 {
     if (kind != platDirectory)
-        return parent.DeleteFile(name);
+        return platDone(parent.DeleteFile(name));
     platFolder folder;
-    return folder.Open(parent, name, platKeepLinks) && folder.RemoveContents(watcher, mounts) &&
-           folder.Close() && parent.RemoveFolder(name);
+    return platDone(folder.Open(parent, name, platKeepLinks) && folder.RemoveContents(watcher, mounts) &&
+                    folder.Close() && parent.RemoveFolder(name));
 }
 
 bool fsCreateLevels(const fsNativePath& path)

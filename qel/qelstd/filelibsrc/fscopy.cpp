@@ -158,9 +158,7 @@ public:
             while (!levels.empty())
                 goOn();
         } catch (...) {
-            const unsigned error = GetLastError();
             keepStatuses();
-            SetLastError(error);
             throw;
         }
     }
@@ -201,12 +199,13 @@ private:
     {
         const std::size_t depth = levels.size();
         platEntry entry;
-        if (!sources.Last().Read(entry)) {
-            const bool isEnd = GetLastError() == ERROR_NO_MORE_FILES;
-            if (isEnd || fsAsk(ways.failures, sourcePath, [this] { raiseLast(sourcePath); }) != fsRetry)
+        if (!platDone(sources.Last().Read(entry))) {
+            if (sources.Last().IsAtEnd() ||
+                fsAsk(ways.failures, sourcePath, [this] { raiseLast(sourcePath); }) != fsRetry)
                 leave();
             return;
         }
+        platDone(entry.kind != platAbsent);
         if (isElsewhere(sources.Last(), entry, ways.links, mount))
             return;
         const bool toIsNew = levels.back().isNew;
@@ -244,7 +243,7 @@ private:
             if (ways.links == fsExpand) {
                 source.links = platFollowLinks;
                 source.kind = sources.Last().Kind(source.name, platFollowLinks);
-                if (source.kind == platAbsent)
+                if (!platDone(source.kind != platAbsent))
                     raise(fsInvalidPath, sourcePath, GetLastError());
             }
         }
@@ -259,7 +258,7 @@ private:
     platNodeKind presentAt(const char* newName)
     {
         const platNodeKind kind = targets.Last().Kind(newName, platKeepLinks);
-        if (kind == platAbsent && !fsIsAbsence(GetLastError()))
+        if (!platDone(kind != platAbsent) && !fsIsAbsence(GetLastError()))
             raiseLast(targetPath);
         return kind;
     }
@@ -290,7 +289,7 @@ private:
         if (present == platDirectory)
             clear(newName, present);
         const bool isTaken = present != platAbsent && present != platDirectory;
-        if (!sources.Last().CopyLink(source.name, targets.Last(), newName, isTaken))
+        if (!platDone(sources.Last().CopyLink(source.name, targets.Last(), newName, isTaken)))
             raiseLast(isTaken && isRefusal() ? targetPath : sourcePath);
         tell();
     }
@@ -299,9 +298,9 @@ private:
     void copyFile(const Source& source, const char* newName, platNodeKind present)
     {
         platSource file;
-        if (!file.Open(sources.Last(), source.name, source.links))
+        if (!platDone(file.Open(sources.Last(), source.name, source.links)))
             raiseLast(sourcePath);
-        if (!file.Copy(targets.Last(), progress ? &*progress : nullptr)) {
+        if (!platDone(file.Copy(targets.Last(), progress ? &*progress : nullptr))) {
             if (progress && progress->IsEnded())
                 raise(fsSignal, sourcePath, GetLastError());
             raiseLast(present != platAbsent && isRefusal() ? targetPath : sourcePath);
@@ -309,7 +308,7 @@ private:
         if (present == platDirectory)
             clear(newName, present);
         const bool isTaken = present != platAbsent && present != platDirectory;
-        if (!file.Place(newName, isTaken))
+        if (!platDone(file.Place(newName, isTaken)))
             raiseLast(isTaken ? targetPath : sourcePath);
         tell();
     }
@@ -340,24 +339,20 @@ private:
             raise(fsFileExists, sourcePath);
         if (source.links == platFollowLinks && leadsBack(source))
             raise(fsInvalidPath, sourcePath, ERROR_CANNOT_COPY);
-        if (!sources.Enter(source.name, source.links))
+        if (!platDone(sources.Enter(source.name, source.links)))
             raiseLast(sourcePath);
         try {
             if (replaces && present != platAbsent)
                 clear(newName, std::exchange(present, platAbsent));
-            if (present == platAbsent && !targets.Last().Create(newName))
+            if (present == platAbsent && !platDone(targets.Last().Create(newName)))
                 raiseLast(targetPath);
-            if (!targets.Enter(newName, platKeepLinks)) {
-                const unsigned error = GetLastError();
+            if (!platDone(targets.Enter(newName, platKeepLinks))) {
                 if (present == platAbsent)
                     targets.Last().RemoveFolder(newName);
-                SetLastError(error);
                 raiseLast(targetPath);
             }
         } catch (...) {
-            const unsigned error = GetLastError();
             sources.Leave();
-            SetLastError(error);
             throw;
         }
         levels.push_back({sourcePath.size(), targetPath.size(), present == platAbsent,
@@ -368,13 +363,13 @@ private:
     void leave()
     {
         attempt([this] {
-            if (levels.back().isNew && !sources.Last().CopyStatus(targets.Last()))
+            if (levels.back().isNew && !platDone(sources.Last().CopyStatus(targets.Last())))
                 raiseLast(targetPath);
         });
         levels.pop_back();
-        if (!sources.Leave())
+        if (!platDone(sources.Leave()))
             raiseLast(sourcePath);
-        if (!targets.Leave())
+        if (!platDone(targets.Leave()))
             raiseLast(targetPath);
         cutPaths();
     }

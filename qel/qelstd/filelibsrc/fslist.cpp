@@ -86,9 +86,11 @@ private:
         platEntry found;
         for (;;) {
             if (!listing.Read(found)) {
-                if (GetLastError() == ERROR_NO_MORE_FILES ||
-                    fsAsk(failures, directory, [&] { fsRaiseLastError(expandFunction, entry.c_str()); }) !=
-                        fsRetry)
+                if (listing.IsAtEnd())
+                    return;
+                platFail();
+                if (fsAsk(failures, directory, [&] { fsRaiseLastError(expandFunction, entry.c_str()); }) !=
+                    fsRetry)
                     return;
                 continue;
             }
@@ -104,8 +106,9 @@ private:
     /// False for anything but a directory.
     static bool open(platFolder& listing, const std::string& directory, const Spot& spot)
     {
-        if (spot.folder != nullptr ? listing.Open(*spot.folder, spot.hostPath.c_str(), platFollowLinks)
-                                   : listing.Open(directory.c_str()))
+        if (platDone(spot.folder != nullptr
+                         ? listing.Open(*spot.folder, spot.hostPath.c_str(), platFollowLinks)
+                         : listing.Open(directory.c_str())))
             return true;
         const unsigned error = GetLastError();
         const bool isDirectory = spot.folder != nullptr ? spot.folder->Kind(spot.hostPath.c_str(),

@@ -322,7 +322,7 @@ xstring fsPathFromHost(const char* path)
     if (!qelIsObject(path))
         return {};
     std::string native;
-    if (!platPathOfHost(path, native))
+    if (!platDone(platPathOfHost(path, native)))
         fsRaise(fsInvalidPath, "fsPathFromHost", path);
     return native.c_str();
 }
@@ -331,10 +331,8 @@ xstring fsPathToHost(const char* path)
 {
     if (!qelIsObject(path) || *path == '\0')
         return path;
-    const unsigned error = GetLastError();
     std::string host;
     if (!platHostPath(path, host))
         host = platHostName(path);
-    SetLastError(error);
     return host.c_str();
 }

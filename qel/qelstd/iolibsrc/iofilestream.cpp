@@ -32,7 +32,7 @@ int Bounded(long long value)
 ioFileStream* ioFileStream::Open(const char* path, ioOpenMode mode)
 {
     std::string host;
-    if (!qelIsObject(path) || !platHostPath(path, host))
+    if (!qelIsObject(path) || !platDone(platHostPath(path, host)))
         return nullptr;
     const bool writable = mode != ioReadOnly;
     const bool readable = mode != ioWriteOnly;

@@ -106,7 +106,7 @@ namespace {
 // the last error set.
 bool HostPathOf(const char* path, std::string& host)
 {
-    if (!platHostPath(qelIsObject(path) ? path : nullptr, host))
+    if (!platDone(platHostPath(qelIsObject(path) ? path : nullptr, host)))
         return false;
     std::error_code ignored;
     const std::filesystem::path whole = std::filesystem::absolute(host, ignored);
