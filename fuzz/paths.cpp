@@ -5,9 +5,9 @@
 #include <cstring>
 #include <string>
 
+#include <qel/base/btkpath.h>
 #include <qel/fserror.h>
 #include <qel/fspath.h>
-#include <qel/platform/pathmapping.h>
 
 namespace {
 
@@ -86,14 +86,14 @@ void combine(const char* a, const char* b)
 
 void map(const std::string& path)
 {
-    const std::string native = platNativeName(path);
-    require(platHostName(native) == path || path.find('/') != std::string::npos);
+    const std::string native = btkNativeName(path);
+    require(btkHostName(native) == path || path.find('/') != std::string::npos);
     require(native.find('\\') == std::string::npos);
     std::string host, back;
-    if (platHostPath(path.c_str(), host)) {
+    if (btkHostPath(path.c_str(), host)) {
         require(!host.empty() && host.find('\0') == std::string::npos);
         if (host.front() == '/')
-            require(platNativePath(host, back) && platHostPath(back.c_str(), back) && back == host);
+            require(btkNativePath(host, back) && btkHostPath(back.c_str(), back) && back == host);
     }
 }
 

@@ -11,20 +11,20 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <qel/base/btkfilecopy.h>
+#include <qel/base/btkfolder.h>
+#include <qel/base/btkpath.h>
 #include <qel/base/btkretry.h>
 #include <qel/platform/errortable.h>
-#include <qel/platform/filecopy.h>
 #include <qel/platform/files.h>
-#include <qel/platform/folder.h>
-#include <qel/platform/pathmapping.h>
 
 namespace {
 
 constexpr unsigned newDirectoryMode = 0777;
 
-platFolder* folderOf(HANDLE search)
+btkFolder* folderOf(HANDLE search)
 {
-    return search == INVALID_HANDLE_VALUE ? nullptr : static_cast<platFolder*>(search);
+    return search == INVALID_HANDLE_VALUE ? nullptr : static_cast<btkFolder*>(search);
 }
 
 } // namespace
@@ -39,9 +39,9 @@ HANDLE FindFirstFileA(const char* pattern, WIN32_FIND_DATAA* data)
         return INVALID_HANDLE_VALUE;
     }
     const std::string directory = begin == 0 ? "." : std::string(whole.substr(0, begin));
-    auto folder = std::make_unique<platFolder>();
+    auto folder = std::make_unique<btkFolder>();
     std::string host;
-    if (!platDone(platHostPath(directory.c_str(), host)))
+    if (!platDone(btkHostPath(directory.c_str(), host)))
         return INVALID_HANDLE_VALUE;
     if (!folder->OpenHost(AT_FDCWD, host.c_str())) {
         if (errno == ENOTDIR)
@@ -57,23 +57,23 @@ HANDLE FindFirstFileA(const char* pattern, WIN32_FIND_DATAA* data)
 
 BOOL FindNextFileA(HANDLE search, WIN32_FIND_DATAA* data)
 {
-    platFolder* folder = folderOf(search);
+    btkFolder* folder = folderOf(search);
     if (folder == nullptr)
         return platFailWith(ERROR_INVALID_HANDLE);
-    platEntry entry;
+    btkEntry entry;
     if (!folder->Read(entry))
         return folder->IsAtEnd() ? platFailWith(ERROR_NO_MORE_FILES) : platFail();
-    data->dwFileAttributes = entry.kind == platDirectory ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
-    if (platIsShownAsIs(entry.hostName))
+    data->dwFileAttributes = entry.kind == btkDirectory ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
+    if (btkIsShownAsIs(entry.hostName))
         std::snprintf(data->cFileName, sizeof data->cFileName, "%s", entry.hostName);
     else
-        std::snprintf(data->cFileName, sizeof data->cFileName, "%s", platNativeName(entry.hostName).c_str());
+        std::snprintf(data->cFileName, sizeof data->cFileName, "%s", btkNativeName(entry.hostName).c_str());
     return TRUE;
 }
 
 BOOL FindClose(HANDLE search)
 {
-    platFolder* folder = folderOf(search);
+    btkFolder* folder = folderOf(search);
     if (folder == nullptr)
         return platFailWith(ERROR_INVALID_HANDLE);
     delete folder;
@@ -83,7 +83,7 @@ BOOL FindClose(HANDLE search)
 BOOL CreateDirectoryA(const char* path, SECURITY_ATTRIBUTES*)
 {
     std::string host;
-    if (!platDone(platHostPath(path, host)))
+    if (!platDone(btkHostPath(path, host)))
         return FALSE;
     return mkdir(host.c_str(), newDirectoryMode) == 0 ? TRUE : platFailOn(host);
 }
@@ -94,7 +94,7 @@ DWORD GetCurrentDirectoryA(DWORD size, char* buffer)
     std::string native;
     if (getcwd(host, sizeof host) == nullptr)
         return static_cast<DWORD>(platFail());
-    if (!platDone(platNativePath(host, native)))
+    if (!platDone(btkNativePath(host, native)))
         return 0;
     const auto length = static_cast<DWORD>(native.size());
     if (length >= size)
@@ -106,7 +106,7 @@ DWORD GetCurrentDirectoryA(DWORD size, char* buffer)
 BOOL SetCurrentDirectoryA(const char* path)
 {
     std::string host;
-    if (!platDone(platHostPath(path, host)))
+    if (!platDone(btkHostPath(path, host)))
         return FALSE;
     return chdir(host.c_str()) == 0 ? TRUE : platFailOn(host);
 }
@@ -116,7 +116,7 @@ BOOL GetDiskFreeSpaceA(const char* root, DWORD* sectorsPerCluster, DWORD* bytesP
 {
     constexpr unsigned long sectorSize = 512;
     std::string host = ".";
-    if (root != nullptr && !platDone(platHostPath(root, host)))
+    if (root != nullptr && !platDone(btkHostPath(root, host)))
         return FALSE;
     struct statvfs volume;
     if (btkRetry([&] { return statvfs(host.c_str(), &volume); }) != 0)

@@ -9,12 +9,14 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <qel/base/btkfilecopy.h>
+#include <qel/base/btkfolder.h>
+#include <qel/base/btkpath.h>
 #include <qel/base/btkretry.h>
 #include <qel/platform/errortable.h>
-#include <qel/platform/filecopy.h>
-#include <qel/platform/folder.h>
-#include <qel/platform/pathmapping.h>
 
 namespace {
 
@@ -63,7 +65,7 @@ int openFlags(DWORD disposition)
 bool statusOf(const char* path, struct stat& status)
 {
     std::string host;
-    if (!platDone(platHostPath(path, host)))
+    if (!platDone(btkHostPath(path, host)))
         return false;
     if (stat(host.c_str(), &status) == 0)
         return true;
@@ -123,7 +125,7 @@ unsigned makeTemporary(const char* directory, const char* prefix, unsigned uniqu
         if (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number) || number == 0)
             continue;
         std::snprintf(name, MAX_PATH, "%s%08X.TMP", path.c_str(), number);
-        if (!platDone(platHostPath(name, host)))
+        if (!platDone(btkHostPath(name, host)))
             return 0;
         if (make(host.c_str()))
             return number;
@@ -162,7 +164,7 @@ HANDLE CreateFileA(const char* path, DWORD access, DWORD share, SECURITY_ATTRIBU
     const int how = openFlags(disposition);
     if (how < 0)
         platFailWith(ERROR_INVALID_PARAMETER);
-    if (how < 0 || !platDone(platHostPath(path, host)))
+    if (how < 0 || !platDone(btkHostPath(path, host)))
         return INVALID_HANDLE_VALUE;
     const bool writes = (access & GENERIC_WRITE) != 0;
     const int mode = !writes ? O_RDONLY : (access & GENERIC_READ) != 0 ? O_RDWR : O_WRONLY;
@@ -170,24 +172,23 @@ HANDLE CreateFileA(const char* path, DWORD access, DWORD share, SECURITY_ATTRIBU
 
     // Truncate only under the lock: a file that another process is writing stays whole.
     struct stat status;
-    platDescriptor file(
-        platOpenRegular(AT_FDCWD, host.c_str(), mode | (how & ~O_TRUNC), newFileMode, status));
+    btkFd file(btkOpenRegular(AT_FDCWD, host.c_str(), mode | (how & ~O_TRUNC), newFileMode, status));
     if (!file) {
         platFailOn(host);
         return INVALID_HANDLE_VALUE;
     }
-    if (exclusive && btkRetry([&] { return flock(file.get(), LOCK_EX | LOCK_NB); }) != 0 &&
+    if (exclusive && btkRetry([&] { return flock(file.Get(), LOCK_EX | LOCK_NB); }) != 0 &&
         errno == EWOULDBLOCK) {
         platFailWith(ERROR_SHARING_VIOLATION);
         return INVALID_HANDLE_VALUE;
     }
-    if ((how & O_TRUNC) != 0 && btkRetry([&] { return ftruncate(file.get(), 0); }) != 0) {
+    if ((how & O_TRUNC) != 0 && btkRetry([&] { return ftruncate(file.Get(), 0); }) != 0) {
         platFail();
         return INVALID_HANDLE_VALUE;
     }
     if ((flags & FILE_FLAG_SEQUENTIAL_SCAN) != 0)
-        posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-    return handleOf(file.release(), exclusive ? getpid() : 0);
+        posix_fadvise(file.Get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    return handleOf(file.Release(), exclusive ? getpid() : 0);
 }
 
 BOOL CloseHandle(HANDLE file)
@@ -273,7 +274,7 @@ BOOL GetFileAttributesExA(const char* path, GET_FILEEX_INFO_LEVELS, void* data)
 BOOL MoveFileExA(const char* from, const char* to, DWORD)
 {
     std::string hostFrom, hostTo;
-    if (!platDone(platHostPath(from, hostFrom)) || !platDone(platHostPath(to, hostTo)))
+    if (!platDone(btkHostPath(from, hostFrom)) || !platDone(btkHostPath(to, hostTo)))
         return FALSE;
     int moved = renameat2(AT_FDCWD, hostFrom.c_str(), AT_FDCWD, hostTo.c_str(), RENAME_NOREPLACE);
     if (moved != 0 && (errno == EINVAL || errno == ENOSYS))
@@ -288,7 +289,7 @@ unsigned GetTempFileNameA(const char* directory, const char* prefix, unsigned un
 {
     return makeTemporary(directory, prefix, unique, name, [](const char* host) {
         return static_cast<bool>(
-            platDescriptor(platOpenAt(AT_FDCWD, host, O_WRONLY | O_CREAT | O_EXCL, temporaryFileMode)));
+            btkFd(btkOpenAt(AT_FDCWD, host, O_WRONLY | O_CREAT | O_EXCL, temporaryFileMode)));
     });
 }
 

@@ -7,12 +7,13 @@
 #include <fcntl.h>
 #include <map>
 #include <optional>
+#include <sys/stat.h>
 #include <vector>
 
+#include <qel/base/btkfolder.h>
 #include <qel/base/btkretry.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/files.h>
-#include <qel/platform/folder.h>
 #include <qel/platform/registryname.h>
 
 #include "registrystore.h"
@@ -20,7 +21,7 @@
 /// An open key below a root.
 struct HKEY__
 {
-    platDescriptor folder;
+    btkFd folder;
     std::shared_ptr<const platStore> store;
 };
 
@@ -66,13 +67,13 @@ long findPlace(HKEY key, bool create, Place& place)
     if (key == nullptr)
         return ERROR_INVALID_HANDLE;
     if (!isRoot(key)) {
-        place = {key->folder.get(), "", key->store};
+        place = {key->folder.Get(), "", key->store};
         return ERROR_SUCCESS;
     }
     const bool isSystem = key == HKEY_CLASSES_ROOT;
     if (const long error = platStore::Open(isSystem, create, place.store); error != ERROR_SUCCESS)
         return error;
-    place.folder = place.store->folder.get();
+    place.folder = place.store->folder.Get();
     place.prefix = isSystem ? "System/" : "User/";
     return ERROR_SUCCESS;
 }
@@ -130,10 +131,10 @@ public:
     /// missing folder.
     long Go(platChange* repair)
     {
-        opened = platDescriptor();
+        opened = btkFd();
         for (done = 0; done < steps.size(); ++done) {
             const platStep& step = steps[done];
-            platDescriptor next = platOpenInside(Folder(), step.folder);
+            btkFd next = platOpenInside(Folder(), step.folder);
             if (!next)
                 return errno == ENOENT ? static_cast<long>(ERROR_SUCCESS) : hostError();
             opened = std::move(next);
@@ -148,8 +149,8 @@ public:
     }
 
     /// The deepest existing folder.
-    int Folder() const { return opened ? opened.get() : begin; }
-    platDescriptor Take() { return std::move(opened); }
+    int Folder() const { return opened ? opened.Get() : begin; }
+    btkFd Take() { return std::move(opened); }
     bool IsWhole() const { return done == steps.size(); }
     bool LacksName() const { return lacksName; }
     std::span<const platStep> Missing() const { return std::span(steps).subspan(done); }
@@ -159,7 +160,7 @@ private:
     const std::vector<platStep>& steps;
     std::size_t done = 0;
     bool lacksName = false;
-    platDescriptor opened;
+    btkFd opened;
 };
 
 /// Opens the folders of `steps`, creates the missing ones, and writes missing names. `made` receives whether
@@ -201,21 +202,21 @@ bool isValueFile(std::string_view path)
 /// Checks that a key's folder holds only values. Returns an error number: ERROR_ACCESS_DENIED for subkeys,
 /// ERROR_DIR_NOT_EMPTY for foreign files. `prefix` leads to `folder`, which carries a part of a long name
 /// when it is not empty.
-long checkDeletable(platFolder& folder, const std::string& prefix)
+long checkDeletable(btkFolder& folder, const std::string& prefix)
 {
-    platEntry entry;
+    btkEntry entry;
     bool isOwn = true;
     while (folder.Read(entry)) {
         const std::string path = prefix + entry.hostName;
-        if (entry.kind != platDirectory) {
-            isOwn = isOwn && entry.kind == platFile && (path == platNameFile || isValueFile(path));
+        if (entry.kind != btkDirectory) {
+            isOwn = isOwn && entry.kind == btkFile && (path == platNameFile || isValueFile(path));
         } else if (!platIsNamePart(entry.hostName)) {
             if (platNameOfFile(path))
                 return ERROR_ACCESS_DENIED;
             isOwn = false;
         } else {
-            platFolder part;
-            const long error = part.Open(folder, entry.hostName, platKeepLinks)
+            btkFolder part;
+            const long error = part.Open(folder, entry.hostName, btkKeepLinks)
                                    ? checkDeletable(part, path + '/')
                                    : hostError();
             if (error != ERROR_SUCCESS && error != ERROR_DIR_NOT_EMPTY)
@@ -252,14 +253,14 @@ bool parseHead(std::string_view line, DWORD& type, std::string_view& name)
 
 long readValue(const Place& place, const char* name, Value& value)
 {
-    const platDescriptor file = platOpenFileInside(place.folder, place.prefix + platValuePath(name));
+    const btkFd file = platOpenFileInside(place.folder, place.prefix + platValuePath(name));
     if (!file)
         return hostError();
     std::string text;
     char block[4096];
     ssize_t count;
     do {
-        count = btkRetry([&] { return read(file.get(), block, sizeof block); });
+        count = btkRetry([&] { return read(file.Get(), block, sizeof block); });
         text.append(block, static_cast<std::size_t>(std::max(count, ssize_t{0})));
         if (text.size() > 2 * largestValue)
             return ERROR_FILE_CORRUPT;
@@ -279,27 +280,27 @@ long readValue(const Place& place, const char* name, Value& value)
 /// The first line of a file of the store; empty when there is none.
 std::string firstLine(int folder, const std::string& path)
 {
-    const platDescriptor file = platOpenFileInside(folder, path);
+    const btkFd file = platOpenFileInside(folder, path);
     std::string text(longestHead, '\0');
-    const ssize_t count = file ? btkRetry([&] { return read(file.get(), text.data(), text.size()); }) : 0;
+    const ssize_t count = file ? btkRetry([&] { return read(file.Get(), text.data(), text.size()); }) : 0;
     text.resize(static_cast<std::size_t>(std::max(count, ssize_t{0})));
     return text.substr(0, text.find('\n'));
 }
 
 /// Collects the paths of the keys or values in a key's folder; a link is neither. `prefix` leads to `folder`,
 /// which carries a part of a long name when it is not empty.
-bool collectFiles(platFolder& folder, const std::string& prefix, Listed what, std::vector<std::string>& files)
+bool collectFiles(btkFolder& folder, const std::string& prefix, Listed what, std::vector<std::string>& files)
 {
-    platEntry entry;
+    btkEntry entry;
     while (folder.Read(entry)) {
         const std::string path = prefix + entry.hostName;
-        if (entry.kind == platDirectory && platIsNamePart(entry.hostName)) {
-            platFolder part;
-            if (path.size() < longestPath && part.Open(folder, entry.hostName, platKeepLinks) &&
+        if (entry.kind == btkDirectory && platIsNamePart(entry.hostName)) {
+            btkFolder part;
+            if (path.size() < longestPath && part.Open(folder, entry.hostName, btkKeepLinks) &&
                 !collectFiles(part, path + '/', what, files))
                 return false;
-        } else if (what == listedKeys ? entry.kind == platDirectory && entry.hostName[0] != '.'
-                                      : entry.kind == platFile && path.ends_with(valueEnding)) {
+        } else if (what == listedKeys ? entry.kind == btkDirectory && entry.hostName[0] != '.'
+                                      : entry.kind == btkFile && path.ends_with(valueEnding)) {
             files.push_back(path);
         }
     }
@@ -346,13 +347,13 @@ long takeListing(HKEY key, Listed what, std::vector<std::string>& names)
 {
     Place place;
     long error = findPlace(key, false, place);
-    platDescriptor opened;
-    platFolder folder;
+    btkFd opened;
+    btkFolder folder;
     std::vector<std::string> files;
     if (error == ERROR_SUCCESS) {
         if (place.IsRoot())
             opened = platOpenInside(place.folder, place.prefix.substr(0, place.prefix.size() - 1));
-        if ((place.IsRoot() && !opened) || !folder.OpenHost(opened ? opened.get() : place.folder, ".") ||
+        if ((place.IsRoot() && !opened) || !folder.OpenHost(opened ? opened.Get() : place.folder, ".") ||
             !collectFiles(folder, "", what, files))
             error = hostError();
     }
@@ -428,7 +429,7 @@ long RegOpenKeyExA(HKEY parent, const char* path, DWORD, DWORD, HKEY* key)
     std::string folder;
     if (const long error = findKey(parent, path, false, place, folder); error != ERROR_SUCCESS)
         return error;
-    platDescriptor opened = platOpenInside(place.folder, folder);
+    btkFd opened = platOpenInside(place.folder, folder);
     if (!opened)
         return hostError();
     *key = new HKEY__{std::move(opened), std::move(place.store)};
@@ -480,9 +481,9 @@ long RegDeleteKeyA(HKEY parent, const char* path)
     platSpot spot;
     if (!change || !platFindSpot(place.folder, folder, spot))
         return hostError();
-    const platDescriptor opened = platOpenInside(spot.folder, spot.name);
-    platFolder key;
-    if (!opened || !key.OpenHost(opened.get(), "."))
+    const btkFd opened = platOpenInside(spot.folder, spot.name);
+    btkFolder key;
+    if (!opened || !key.OpenHost(opened.Get(), "."))
         return hostError();
     if (const long error = checkDeletable(key, ""); error != ERROR_SUCCESS)
         return error;
@@ -558,9 +559,8 @@ long RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* size, DWORD*, char*
     if (lastWrite != nullptr) {
         struct stat status = {};
         if (findPlace(key, false, place) == ERROR_SUCCESS)
-            if (const platDescriptor sub = platOpenInside(place.folder, place.prefix + *platKeyPath(found));
-                sub)
-                fstat(sub.get(), &status);
+            if (const btkFd sub = platOpenInside(place.folder, place.prefix + *platKeyPath(found)); sub)
+                fstat(sub.Get(), &status);
         *lastWrite = platFileTime(status.st_mtim);
     }
     return ERROR_SUCCESS;

@@ -7,13 +7,15 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
 #include <qel/base/btkenvironment.h>
+#include <qel/base/btkfolder.h>
 #include <qel/base/btkretry.h>
 #include <qel/platform/errortable.h>
-#include <qel/platform/folder.h>
 #include <qel/platform/registry.h>
 
 namespace {
@@ -31,7 +33,7 @@ constexpr std::size_t temporaryDigits = 16;
 struct Batch
 {
     int depth = 0;
-    std::vector<std::pair<dev_t, platDescriptor>> changed; // a folder on each file system
+    std::vector<std::pair<dev_t, btkFd>> changed; // a folder on each file system
 };
 thread_local Batch batch;
 
@@ -113,19 +115,19 @@ bool isTemporaryName(std::string_view name)
 }
 
 /// Removes an unfinished file or folder, with the store's files in it. Links and other files stay.
-void removeLeftOver(platFolder& around, const platEntry& found)
+void removeLeftOver(btkFolder& around, const btkEntry& found)
 {
     const std::string name = found.hostName;
-    if (found.kind == platFile)
+    if (found.kind == btkFile)
         around.DeleteFile(name.c_str());
-    platFolder folder;
-    if (found.kind != platDirectory || !folder.Open(around, name.c_str(), platKeepLinks))
+    btkFolder folder;
+    if (found.kind != btkDirectory || !folder.Open(around, name.c_str(), btkKeepLinks))
         return;
-    platEntry entry;
+    btkEntry entry;
     while (folder.Read(entry))
         if (const std::string_view inside = entry.hostName;
-            entry.kind == platFile ? inside == platNameFile || inside.ends_with(".value")
-                                   : !inside.starts_with('.'))
+            entry.kind == btkFile ? inside == platNameFile || inside.ends_with(".value")
+                                  : !inside.starts_with('.'))
             removeLeftOver(folder, entry);
     around.RemoveFolder(name.c_str());
 }
@@ -159,18 +161,18 @@ long platStore::Open(bool ofSystem, bool create, std::shared_ptr<const platStore
     const std::string path = platStorePath(ofSystem);
     if (path.empty())
         return ERROR_ENVVAR_NOT_FOUND;
-    const auto open = [&path] { return platOpenAt(AT_FDCWD, path.c_str(), O_PATH | O_DIRECTORY); };
-    platDescriptor folder(open());
+    const auto open = [&path] { return btkOpenAt(AT_FDCWD, path.c_str(), O_PATH | O_DIRECTORY); };
+    btkFd folder(open());
     if (!folder && errno == ENOENT) {
         if (!isAbsent(path))
             return ERROR_CANT_RESOLVE_FILENAME;
         if (!create)
             return ERROR_FILE_NOT_FOUND;
         if (makeFolders(path))
-            folder = platDescriptor(open());
+            folder = btkFd(open());
     }
     struct stat status = {};
-    if (!folder || fstat(folder.get(), &status) != 0)
+    if (!folder || fstat(folder.Get(), &status) != 0)
         return static_cast<long>(errno == ENOTDIR ? ERROR_DIRECTORY : platErrorOf(errno));
     warnOfOtherWriters(status, path);
     store =
@@ -182,50 +184,50 @@ long platStore::Open(bool ofSystem, bool create, std::shared_ptr<const platStore
 
 bool platFindSpot(int folder, const std::string& path, platSpot& spot)
 {
-    spot = {platDescriptor(), folder, {}};
+    spot = {btkFd(), folder, {}};
     std::size_t begin = 0;
     for (std::size_t slash; (slash = path.find('/', begin)) != std::string::npos; begin = slash + 1) {
-        spot.opened = platDescriptor(platOpenAt(spot.folder, path.substr(begin, slash - begin).c_str(),
-                                                O_PATH | O_DIRECTORY | O_NOFOLLOW));
+        spot.opened = btkFd(btkOpenAt(spot.folder, path.substr(begin, slash - begin).c_str(),
+                                      O_PATH | O_DIRECTORY | O_NOFOLLOW));
         if (!spot.opened)
             return false;
-        spot.folder = spot.opened.get();
+        spot.folder = spot.opened.Get();
     }
     spot.name = path.substr(begin);
     return true;
 }
 
-platDescriptor platOpenInside(int folder, const std::string& path)
+btkFd platOpenInside(int folder, const std::string& path)
 {
     platSpot spot;
-    return platDescriptor(platFindSpot(folder, path, spot)
-                              ? platOpenAt(spot.folder, spot.name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW)
-                              : -1);
+    return btkFd(platFindSpot(folder, path, spot)
+                     ? btkOpenAt(spot.folder, spot.name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW)
+                     : -1);
 }
 
-platDescriptor platOpenFileInside(int folder, const std::string& path)
+btkFd platOpenFileInside(int folder, const std::string& path)
 {
     platSpot spot;
     struct stat status;
-    return platDescriptor(platFindSpot(folder, path, spot) ? platOpenRegular(spot.folder, spot.name.c_str(),
-                                                                             O_RDONLY | O_NOFOLLOW, 0, status)
-                                                           : -1);
+    return btkFd(platFindSpot(folder, path, spot)
+                     ? btkOpenRegular(spot.folder, spot.name.c_str(), O_RDONLY | O_NOFOLLOW, 0, status)
+                     : -1);
 }
 
 // ---- changes
 
 platChange::platChange(const platStore& changed) : store(changed), owner(getpid())
 {
-    const int folder = store.folder.get();
-    lock = platDescriptor(platOpenAt(folder, lockFile, O_RDWR | O_CREAT | O_NOFOLLOW, privateFile));
-    if (!lock || btkRetry([this] { return flock(lock.get(), LOCK_EX); }) != 0)
+    const int folder = store.folder.Get();
+    lock = btkFd(btkOpenAt(folder, lockFile, O_RDWR | O_CREAT | O_NOFOLLOW, privateFile));
+    if (!lock || btkRetry([this] { return flock(lock.Get(), LOCK_EX); }) != 0)
         return;
     const auto open = [folder] {
-        return platOpenAt(folder, unfinishedFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+        return btkOpenAt(folder, unfinishedFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
     };
-    unfinished = platDescriptor(open());
+    unfinished = btkFd(open());
     if (!unfinished && errno == ENOENT && mkdirat(folder, unfinishedFolder, privateFolder) == 0)
-        unfinished = platDescriptor(open());
+        unfinished = btkFd(open());
     if (unfinished && !isInBatch(store)) // once for all changes of a batch
         removeUnfinished({});
 }
@@ -234,14 +236,14 @@ platChange::~platChange()
 {
     // Closing would not unlock while a child forked meanwhile holds the descriptor.
     if (lock && getpid() == owner)
-        flock(lock.get(), LOCK_UN);
+        flock(lock.Get(), LOCK_UN);
 }
 
 void platChange::removeUnfinished(std::string_view name) const
 {
-    platFolder folder;
-    platEntry entry;
-    if (folder.OpenHost(unfinished.get(), "."))
+    btkFolder folder;
+    btkEntry entry;
+    if (folder.OpenHost(unfinished.Get(), "."))
         while (folder.Read(entry))
             if (name.empty() ? isTemporaryName(entry.hostName) : name == entry.hostName)
                 removeLeftOver(folder, entry);
@@ -249,19 +251,15 @@ void platChange::removeUnfinished(std::string_view name) const
 
 bool platChange::write(int folder, const char* name, std::string_view text) const
 {
-    platDescriptor file(platOpenAt(folder, name, O_WRONLY | O_CREAT | O_EXCL, privateFile));
+    btkFd file(btkOpenAt(folder, name, O_WRONLY | O_CREAT | O_EXCL, privateFile));
     if (!file)
         return false;
-    while (!text.empty()) {
-        const ssize_t count = btkRetry([&] { return ::write(file.get(), text.data(), text.size()); });
-        if (count < 0)
-            return false;
-        text.remove_prefix(static_cast<std::size_t>(count));
-    }
+    if (btkWrite(file.Get(), text.data(), text.size()) < text.size())
+        return false;
     // Synced before its rename: after a loss of power, the old or the new value exists.
-    return (!store.isShared || fchmod(file.get(), sharedFile) == 0) &&
-           (batch.depth > 0 || btkRetry([&] { return fdatasync(file.get()); }) == 0) &&
-           close(file.release()) == 0;
+    return (!store.isShared || fchmod(file.Get(), sharedFile) == 0) &&
+           (batch.depth > 0 || btkRetry([&] { return fdatasync(file.Get()); }) == 0) &&
+           close(file.Release()) == 0;
 }
 
 bool platChange::Replace(int folder, const char* name, std::string_view text)
@@ -269,26 +267,26 @@ bool platChange::Replace(int folder, const char* name, std::string_view text)
     const std::string temporary = temporaryName();
     if (!isFileOrAbsent(folder, name))
         return false;
-    if (write(unfinished.get(), temporary.c_str(), text) &&
-        renameat(unfinished.get(), temporary.c_str(), folder, name) == 0)
+    if (write(unfinished.Get(), temporary.c_str(), text) &&
+        renameat(unfinished.Get(), temporary.c_str(), folder, name) == 0)
         return sync(folder);
     const int error = errno;
-    unlinkat(unfinished.get(), temporary.c_str(), 0);
+    unlinkat(unfinished.Get(), temporary.c_str(), 0);
     errno = error;
     return false;
 }
 
 bool platChange::makeTree(const std::string& name, std::span<const platStep> steps) const
 {
-    platDescriptor folder;
+    btkFd folder;
     for (const platStep& step : steps) {
-        const int around = folder ? folder.get() : unfinished.get();
+        const int around = folder ? folder.Get() : unfinished.Get();
         const char* const made = folder ? step.folder.c_str() : name.c_str();
         if (mkdirat(around, made, privateFolder) != 0)
             return false;
-        folder = platDescriptor(platOpenAt(around, made, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
-        if (!folder || (store.isShared && fchmod(folder.get(), sharedFolder) != 0) ||
-            (!step.name.empty() && !write(folder.get(), platNameFile, step.name)))
+        folder = btkFd(btkOpenAt(around, made, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+        if (!folder || (store.isShared && fchmod(folder.Get(), sharedFolder) != 0) ||
+            (!step.name.empty() && !write(folder.Get(), platNameFile, step.name)))
             return false;
     }
     return true;
@@ -298,7 +296,7 @@ bool platChange::Build(int folder, std::span<const platStep> steps)
 {
     const std::string temporary = temporaryName();
     if (makeTree(temporary, steps) &&
-        renameat(unfinished.get(), temporary.c_str(), folder, steps.front().folder.c_str()) == 0)
+        renameat(unfinished.Get(), temporary.c_str(), folder, steps.front().folder.c_str()) == 0)
         return sync(folder);
     const int error = errno;
     removeUnfinished(temporary);
@@ -309,7 +307,7 @@ bool platChange::Build(int folder, std::span<const platStep> steps)
 bool platChange::RemoveTree(int folder, const char* name)
 {
     const std::string temporary = temporaryName();
-    if (renameat(folder, name, unfinished.get(), temporary.c_str()) != 0)
+    if (renameat(folder, name, unfinished.Get(), temporary.c_str()) != 0)
         return false;
     // The rename deletes the key; its remains may stay until the next change.
     const bool isSynced = sync(folder);
@@ -329,14 +327,14 @@ bool platChange::sync(int folder) const
     if (batch.depth > 0) {
         if (isInBatch(store))
             return true;
-        if (platDescriptor kept(fcntl(unfinished.get(), F_DUPFD_CLOEXEC, 0)); kept) {
+        if (btkFd kept(fcntl(unfinished.Get(), F_DUPFD_CLOEXEC, 0)); kept) {
             batch.changed.emplace_back(store.device, std::move(kept));
             return true;
         }
     }
-    const platDescriptor readable(platOpenAt(folder, ".", O_RDONLY | O_DIRECTORY));
+    const btkFd readable(btkOpenAt(folder, ".", O_RDONLY | O_DIRECTORY));
     // EINVAL: a file system that cannot sync a folder.
-    return readable && (btkRetry([&] { return fsync(readable.get()); }) == 0 || errno == EINVAL);
+    return readable && (btkRetry([&] { return fsync(readable.Get()); }) == 0 || errno == EINVAL);
 }
 
 // ---- batches
@@ -350,7 +348,7 @@ long platCommitBatch()
 {
     long error = ERROR_SUCCESS;
     for (const auto& [device, folder] : std::exchange(batch.changed, {}))
-        if (syncfs(folder.get()) != 0)
+        if (syncfs(folder.Get()) != 0)
             error = static_cast<long>(platErrorOf(errno));
     return error;
 }

@@ -9,12 +9,12 @@
 #include <string>
 #include <string_view>
 
-#include <qel/platform/filecopy.h>
+#include <qel/base/btkfilecopy.h>
 
 /// A store: its folder, held open. The path to the folder itself may contain links.
 struct platStore
 {
-    platDescriptor folder;
+    btkFd folder;
     dev_t device = 0;
     bool isShared = false; // of the machine: readable by all users
 
@@ -31,7 +31,7 @@ inline constexpr const char* platNameFile = ".name"; // holds the name of a key 
 /// A node by the folder that holds it.
 struct platSpot
 {
-    platDescriptor opened; // empty: `folder` is the caller's
+    btkFd opened; // empty: `folder` is the caller's
     int folder = -1;
     std::string name;
 };
@@ -39,9 +39,9 @@ struct platSpot
 /// Finds the folder of the node `path`, relative to `folder`. A link on the way is not followed: ENOTDIR.
 bool platFindSpot(int folder, const std::string& path, platSpot& spot);
 /// Opens the folder `path`, relative to `folder`, as O_PATH. ENOTDIR also for a link.
-platDescriptor platOpenInside(int folder, const std::string& path);
+btkFd platOpenInside(int folder, const std::string& path);
 /// Opens the regular file `path` for reading. ELOOP for a link.
-platDescriptor platOpenFileInside(int folder, const std::string& path);
+btkFd platOpenFileInside(int folder, const std::string& path);
 
 /// A folder to be created, and the key name that a file in it stores unless empty.
 struct platStep
@@ -81,5 +81,5 @@ private:
 
     const platStore& store;
     pid_t owner; // a child made by fork does not unlock
-    platDescriptor lock, unfinished;
+    btkFd lock, unfinished;
 };

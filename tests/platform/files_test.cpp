@@ -8,10 +8,10 @@
 #include <thread>
 #include <unistd.h>
 
+#include <qel/base/btkfolder.h>
 #include <qel/platform/directories.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/files.h>
-#include <qel/platform/folder.h>
 
 #include "support/child.h"
 #include "support/tempdir.h"
@@ -218,13 +218,12 @@ namespace {
 /// Copies a file in the same way as tree copies.
 bool copyFile(const char* from, const char* to)
 {
-    platFolder fromFolder, toFolder;
-    platSource source;
+    btkFolder fromFolder, toFolder;
+    btkSource source;
     std::string fromName, toName;
-    return platDone(fromFolder.OpenParent(from, fromName) &&
-                    source.Open(fromFolder, fromName.c_str(), platKeepLinks) &&
-                    toFolder.OpenParent(to, toName) && source.Copy(toFolder) &&
-                    source.Place(toName.c_str(), false));
+    return platDone(
+        fromFolder.OpenParent(from, fromName) && source.Open(fromFolder, fromName.c_str(), btkKeepLinks) &&
+        toFolder.OpenParent(to, toName) && source.Copy(toFolder) && source.Place(toName.c_str(), false));
 }
 
 } // namespace

@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
+#include <qel/base/btkpath.h>
 #include <qel/base/lockfilebuf.h>
 #include <qel/platform/errortable.h>
-#include <qel/platform/pathmapping.h>
 #include <qel/xobject.h>
 
 namespace {
@@ -44,7 +44,7 @@ std::string_view viewOf(const char* text)
 std::unique_ptr<lockFileBuf> openLocked(const char* path, hmxConfigFile::OpenMode mode, btkTimeval limit)
 {
     std::string host;
-    if (!platDone(platHostPath(qelIsObject(path) ? path : nullptr, host)))
+    if (!platDone(btkHostPath(qelIsObject(path) ? path : nullptr, host)))
         return nullptr;
     auto buffer = std::make_unique<lockFileBuf>();
     const auto streamMode =
@@ -340,7 +340,7 @@ xrchandle<xintsequence> hmxConfigFile::GetHolders(const char* path)
 {
     xrchandle<xintsequence> holders(xintsequence::create());
     std::string host;
-    if (platDone(platHostPath(qelIsObject(path) ? path : nullptr, host)))
+    if (platDone(btkHostPath(qelIsObject(path) ? path : nullptr, host)))
         for (const int process : lockFileBuf::GetHolders(host.c_str()))
             holders->append(process);
     return holders;

@@ -5,12 +5,12 @@
 #include <string>
 #include <vector>
 
+#include <qel/base/btkfilecopy.h>
+#include <qel/base/btkfolder.h>
+#include <qel/base/btkpath.h>
 #include <qel/platform/directories.h>
 #include <qel/platform/errortable.h>
-#include <qel/platform/filecopy.h>
 #include <qel/platform/files.h>
-#include <qel/platform/folder.h>
-#include <qel/platform/pathmapping.h>
 
 #include "fserror_p.h"
 #include "fsfile.h"
@@ -39,7 +39,7 @@ struct RemovalWays
 };
 
 /// One removal. Its exceptions concern the top node.
-class Removal : public platTreeWatcher
+class Removal : public btkTreeWatcher
 {
 public:
     Removal(const fsNativePath& top, const RemovalWays& chosen) : path(top), ways(chosen) {}
@@ -56,12 +56,12 @@ public:
         return !isEnded;
     }
 
-    platAction Failed(const std::string& below) override
+    btkTreeAction Failed(const std::string& below) override
     {
         if (ways.failures == nullptr || below.empty())
-            return platAction::stop; // as a failure of the top itself
+            return btkTreeAction::stop; // as a failure of the top itself
         platFail();
-        std::string node = platNativeName(below);
+        std::string node = btkNativeName(below);
         std::replace(node.begin(), node.end(), '/', fsSeparator);
         node.insert(0, 1, fsSeparator).insert(0, path.text());
         fsFailureAction action = fsStop;
@@ -75,7 +75,9 @@ public:
             isLeft = true;
         else if (action != fsRetry)
             ways.failures = nullptr; // no further report that the top stays
-        return action == fsSkip ? platAction::skip : action == fsRetry ? platAction::retry : platAction::stop;
+        return action == fsSkip    ? btkTreeAction::skip
+               : action == fsRetry ? btkTreeAction::retry
+                                   : btkTreeAction::stop;
     }
 
 private:
@@ -99,7 +101,7 @@ private:
         fsPlace place;
         if (!place.Find(path.text()))
             return false;
-        if (place.kind != platDirectory)
+        if (place.kind != btkDirectory)
             // With a trailing separator the path means the target of a link, or nothing.
             return endsWithSeparator(path.text()) ? platFailWith(ERROR_DIRECTORY)
                                                   : platDone(place.folder.DeleteFile(place.name.c_str()));
@@ -107,7 +109,7 @@ private:
         if (!ways.isRecursive || place.name == ".")
             return platDone(place.folder.RemoveFolder(place.name.c_str()));
         return fsRemoveAt(place.folder, place.name.c_str(), place.kind, this,
-                          ways.mounts == fsOneFileSystem ? platOneMount : platCrossMounts);
+                          ways.mounts == fsOneFileSystem ? btkOneMount : btkCrossMounts);
     }
 
     const fsNativePath& path;
@@ -169,17 +171,17 @@ bool createLevel(const char* path, bool isLast)
 bool fsPlace::Find(const char* path)
 {
     isHeld = folder.OpenParent(path, name);
-    kind = isHeld ? folder.Kind(name.c_str(), platKeepLinks, &id) : platAbsent;
-    return platDone(kind != platAbsent);
+    kind = isHeld ? folder.Kind(name.c_str(), btkKeepLinks, &id) : btkAbsent;
+    return platDone(kind != btkAbsent);
 }
 
-bool fsRemoveAt(platFolder& parent, const char* name, platNodeKind kind, platTreeWatcher* watcher,
-                platMounts mounts)
+bool fsRemoveAt(btkFolder& parent, const char* name, btkNodeKind kind, btkTreeWatcher* watcher,
+                btkMounts mounts)
 {
-    if (kind != platDirectory)
+    if (kind != btkDirectory)
         return platDone(parent.DeleteFile(name));
-    platFolder folder;
-    return platDone(folder.Open(parent, name, platKeepLinks) && folder.RemoveContents(watcher, mounts) &&
+    btkFolder folder;
+    return platDone(folder.Open(parent, name, btkKeepLinks) && folder.RemoveContents(watcher, mounts) &&
                     folder.Close() && parent.RemoveFolder(name));
 }
 

@@ -5,10 +5,10 @@
 #include <utility>
 #include <vector>
 
+#include <qel/base/btkfilecopy.h>
+#include <qel/base/btkfolder.h>
+#include <qel/base/btkpath.h>
 #include <qel/platform/errortable.h>
-#include <qel/platform/filecopy.h>
-#include <qel/platform/folder.h>
-#include <qel/platform/pathmapping.h>
 
 #include "filelib.h"
 #include "fserror_p.h"
@@ -33,18 +33,18 @@ constexpr const char* function = "fsCopy";
 struct Source
 {
     const char* name;
-    platNodeKind kind;
-    platLinks links = platKeepLinks;
+    btkNodeKind kind;
+    btkLinks links = btkKeepLinks;
 };
 
 /// Whether an entry belongs to another mount than `mount`, the only one that is copied; 0: all are.
-bool isElsewhere(const platFolder& folder, const platEntry& entry, fsSoftLinkCopyMode linkMode,
+bool isElsewhere(const btkFolder& folder, const btkEntry& entry, fsSoftLinkCopyMode linkMode,
                  unsigned long long mount)
 {
     if (mount == 0)
         return false;
-    const bool follows = entry.kind == platLink && linkMode == fsExpand;
-    const unsigned long long own = folder.Mount(entry.hostName, follows ? platFollowLinks : platKeepLinks);
+    const bool follows = entry.kind == btkLink && linkMode == fsExpand;
+    const unsigned long long own = folder.Mount(entry.hostName, follows ? btkFollowLinks : btkKeepLinks);
     return own != 0 && own != mount;
 }
 
@@ -52,7 +52,7 @@ bool isElsewhere(const platFolder& folder, const platEntry& entry, fsSoftLinkCop
 class Measure
 {
 public:
-    Measure(platFolder& folder, fsSoftLinkCopyMode links, unsigned long long onlyMount)
+    Measure(btkFolder& folder, fsSoftLinkCopyMode links, unsigned long long onlyMount)
         : way(folder), linkMode(links), mount(onlyMount)
     {
     }
@@ -61,7 +61,7 @@ public:
     {
         add(top);
         while (way.Depth() > 0) {
-            platEntry entry;
+            btkEntry entry;
             if (way.Last().Read(entry)) {
                 if (!isElsewhere(way.Last(), entry, linkMode, mount))
                     add({entry.hostName, entry.kind});
@@ -75,22 +75,22 @@ public:
 private:
     void add(Source source)
     {
-        const platFolder& folder = way.Last();
-        if (source.kind == platLink && linkMode == fsExpand) {
-            platNodeId id;
-            source.links = platFollowLinks;
-            source.kind = folder.Kind(source.name, platFollowLinks, &id);
+        const btkFolder& folder = way.Last();
+        if (source.kind == btkLink && linkMode == fsExpand) {
+            btkNodeId id;
+            source.links = btkFollowLinks;
+            source.kind = folder.Kind(source.name, btkFollowLinks, &id);
             // Each once: links can lead back.
-            if (source.kind == platDirectory && !followed.insert({id.device, id.number}).second)
+            if (source.kind == btkDirectory && !followed.insert({id.device, id.number}).second)
                 return;
         }
-        if (source.kind == platFile)
+        if (source.kind == btkFile)
             total += static_cast<double>(folder.Size(source.name, source.links));
-        else if (source.kind == platDirectory)
+        else if (source.kind == btkDirectory)
             way.Enter(source.name, source.links);
     }
 
-    platDescent way;
+    btkDescent way;
     fsSoftLinkCopyMode linkMode;
     unsigned long long mount; // 0: all
     double total = 0;
@@ -98,7 +98,7 @@ private:
 };
 
 /// Forwards the progress of a copy.
-class Progress : public platWatcher
+class Progress : public btkCopyWatcher
 {
 public:
     Progress(fsProgressHandler& told, const std::string& current) : handler(told), path(current) {}
@@ -169,12 +169,12 @@ private:
     {
         std::size_t sourceLength, targetLength; // of its paths
         bool isNew;
-        platNodeId id; // of the source, when links are followed
+        btkNodeId id; // of the source, when links are followed
     };
 
     void begin()
     {
-        if (origin.kind == platAbsent)
+        if (origin.kind == btkAbsent)
             origin.Find(sourcePath.c_str());
         Source top{origin.name.c_str(), origin.kind};
         if (!resolve(top))
@@ -184,7 +184,7 @@ private:
         if (progress)
             progress->SetTotal(Measure(origin.folder, ways.links, mount).Of(top));
         if (!target.isHeld) {
-            const bool isDirectory = top.kind == platDirectory;
+            const bool isDirectory = top.kind == btkDirectory;
             if (isDirectory)
                 fsEnsureParent(targetPath.c_str(), function);
             target.Find(targetPath.c_str());
@@ -198,18 +198,18 @@ private:
     void goOn()
     {
         const std::size_t depth = levels.size();
-        platEntry entry;
+        btkEntry entry;
         if (!platDone(sources.Last().Read(entry))) {
             if (sources.Last().IsAtEnd() ||
                 fsAsk(ways.failures, sourcePath, [this] { raiseLast(sourcePath); }) != fsRetry)
                 leave();
             return;
         }
-        platDone(entry.kind != platAbsent);
+        platDone(entry.kind != btkAbsent);
         if (isElsewhere(sources.Last(), entry, ways.links, mount))
             return;
         const bool toIsNew = levels.back().isNew;
-        const std::string shown = platNativeName(entry.hostName);
+        const std::string shown = btkNativeName(entry.hostName);
         sourcePath.append(1, fsSeparator).append(shown);
         targetPath.append(1, fsSeparator).append(shown);
         bool isFirst = true;
@@ -217,7 +217,7 @@ private:
             Source child{entry.hostName, entry.kind};
             if (resolve(child))
                 copyNode(child, entry.hostName,
-                         toIsNew && std::exchange(isFirst, false) ? platAbsent : presentAt(entry.hostName),
+                         toIsNew && std::exchange(isFirst, false) ? btkAbsent : presentAt(entry.hostName),
                          false);
         });
         if (levels.size() == depth)
@@ -235,19 +235,19 @@ private:
     /// Determines what to copy for a node that may be a link. False: nothing.
     bool resolve(Source& source)
     {
-        if (source.kind == platAbsent)
+        if (source.kind == btkAbsent)
             raiseAbsent();
-        if (source.kind == platLink) {
+        if (source.kind == btkLink) {
             if (ways.links == fsIgnore)
                 return false;
             if (ways.links == fsExpand) {
-                source.links = platFollowLinks;
-                source.kind = sources.Last().Kind(source.name, platFollowLinks);
-                if (!platDone(source.kind != platAbsent))
+                source.links = btkFollowLinks;
+                source.kind = sources.Last().Kind(source.name, btkFollowLinks);
+                if (!platDone(source.kind != btkAbsent))
                     raise(fsInvalidPath, sourcePath, GetLastError());
             }
         }
-        if (source.kind == platSpecial) {
+        if (source.kind == btkSpecial) {
             platFailWith(ERROR_ACCESS_DENIED);
             raiseLast(sourcePath);
         }
@@ -255,10 +255,10 @@ private:
     }
 
     /// The node `newName` of the current target folder.
-    platNodeKind presentAt(const char* newName)
+    btkNodeKind presentAt(const char* newName)
     {
-        const platNodeKind kind = targets.Last().Kind(newName, platKeepLinks);
-        if (!platDone(kind != platAbsent) && !fsIsAbsence(GetLastError()))
+        const btkNodeKind kind = targets.Last().Kind(newName, btkKeepLinks);
+        if (!platDone(kind != btkAbsent) && !fsIsAbsence(GetLastError()))
             raiseLast(targetPath);
         return kind;
     }
@@ -272,42 +272,42 @@ private:
 
     /// Copies to the name `newName` of the current target folder; `present` is the node there now. `replaces`: a
     /// directory there gives way.
-    void copyNode(const Source& source, const char* newName, platNodeKind present, bool replaces)
+    void copyNode(const Source& source, const char* newName, btkNodeKind present, bool replaces)
     {
-        if (source.kind == platDirectory)
+        if (source.kind == btkDirectory)
             enter(source, newName, present, replaces);
-        else if (present == platDirectory && !replaces)
+        else if (present == btkDirectory && !replaces)
             raise(fsFileExists, targetPath);
-        else if (source.kind == platLink)
+        else if (source.kind == btkLink)
             copyLink(source, newName, present);
         else
             copyFile(source, newName, present);
     }
 
-    void copyLink(const Source& source, const char* newName, platNodeKind present)
+    void copyLink(const Source& source, const char* newName, btkNodeKind present)
     {
-        if (present == platDirectory)
+        if (present == btkDirectory)
             clear(newName, present);
-        const bool isTaken = present != platAbsent && present != platDirectory;
+        const bool isTaken = present != btkAbsent && present != btkDirectory;
         if (!platDone(sources.Last().CopyLink(source.name, targets.Last(), newName, isTaken)))
             raiseLast(isTaken && isRefusal() ? targetPath : sourcePath);
         tell();
     }
 
     /// The node that has the copy's name stays until the copy is complete.
-    void copyFile(const Source& source, const char* newName, platNodeKind present)
+    void copyFile(const Source& source, const char* newName, btkNodeKind present)
     {
-        platSource file;
+        btkSource file;
         if (!platDone(file.Open(sources.Last(), source.name, source.links)))
             raiseLast(sourcePath);
         if (!platDone(file.Copy(targets.Last(), progress ? &*progress : nullptr))) {
             if (progress && progress->IsEnded())
                 raise(fsSignal, sourcePath, GetLastError());
-            raiseLast(present != platAbsent && isRefusal() ? targetPath : sourcePath);
+            raiseLast(present != btkAbsent && isRefusal() ? targetPath : sourcePath);
         }
-        if (present == platDirectory)
+        if (present == btkDirectory)
             clear(newName, present);
-        const bool isTaken = present != platAbsent && present != platDirectory;
+        const bool isTaken = present != btkAbsent && present != btkDirectory;
         if (!platDone(file.Place(newName, isTaken)))
             raiseLast(isTaken ? targetPath : sourcePath);
         tell();
@@ -326,28 +326,28 @@ private:
     }
 
     /// Removes the node that the copy replaces.
-    void clear(const char* newName, platNodeKind present)
+    void clear(const char* newName, btkNodeKind present)
     {
         if (!fsRemoveAt(targets.Last(), newName, present))
             raiseLast(targetPath);
     }
 
     /// Begins the copy of a directory.
-    void enter(const Source& source, const char* newName, platNodeKind present, bool replaces)
+    void enter(const Source& source, const char* newName, btkNodeKind present, bool replaces)
     {
-        if (present != platAbsent && present != platDirectory && !replaces)
+        if (present != btkAbsent && present != btkDirectory && !replaces)
             raise(fsFileExists, sourcePath);
-        if (source.links == platFollowLinks && leadsBack(source))
+        if (source.links == btkFollowLinks && leadsBack(source))
             raise(fsInvalidPath, sourcePath, ERROR_CANNOT_COPY);
         if (!platDone(sources.Enter(source.name, source.links)))
             raiseLast(sourcePath);
         try {
-            if (replaces && present != platAbsent)
-                clear(newName, std::exchange(present, platAbsent));
-            if (present == platAbsent && !platDone(targets.Last().Create(newName)))
+            if (replaces && present != btkAbsent)
+                clear(newName, std::exchange(present, btkAbsent));
+            if (present == btkAbsent && !platDone(targets.Last().Create(newName)))
                 raiseLast(targetPath);
-            if (!platDone(targets.Enter(newName, platKeepLinks))) {
-                if (present == platAbsent)
+            if (!platDone(targets.Enter(newName, btkKeepLinks))) {
+                if (present == btkAbsent)
                     targets.Last().RemoveFolder(newName);
                 raiseLast(targetPath);
             }
@@ -355,8 +355,8 @@ private:
             sources.Leave();
             throw;
         }
-        levels.push_back({sourcePath.size(), targetPath.size(), present == platAbsent,
-                          ways.links == fsExpand ? sources.Last().Id() : platNodeId{}});
+        levels.push_back({sourcePath.size(), targetPath.size(), present == btkAbsent,
+                          ways.links == fsExpand ? sources.Last().Id() : btkNodeId{}});
     }
 
     /// Gives a filled new directory the rights and the time of its source, and returns to its parent.
@@ -398,8 +398,8 @@ private:
     /// contents would be copied without end.
     bool leadsBack(const Source& link)
     {
-        platNodeId id;
-        sources.Last().Kind(link.name, platFollowLinks, &id);
+        btkNodeId id;
+        sources.Last().Kind(link.name, btkFollowLinks, &id);
         return std::any_of(levels.begin(), levels.end(),
                            [&id](const Level& level) { return level.id == id; }) ||
                targets.Last().IsWithin(id);
@@ -407,7 +407,7 @@ private:
 
     fsPlace& origin;
     fsPlace& target;
-    platDescent sources, targets; // the current folders
+    btkDescent sources, targets; // the current folders
     std::string sourcePath, targetPath;
     const Ways& ways;
     std::optional<Progress> progress; // if there is a progress handler
@@ -419,29 +419,29 @@ private:
 bool meetItself(const fsPlace& from, const fsPlace& to, const fsNativePath& fromPath,
                 const fsNativePath& toPath, fsSoftLinkCopyMode linkMode)
 {
-    platNodeId source = from.id;
-    platNodeKind kind = from.kind;
-    const bool follows = kind == platLink && linkMode == fsExpand;
+    btkNodeId source = from.id;
+    btkNodeKind kind = from.kind;
+    const bool follows = kind == btkLink && linkMode == fsExpand;
     if (follows)
-        kind = from.folder.Kind(from.name.c_str(), platFollowLinks, &source);
-    if (kind == platAbsent)
+        kind = from.folder.Kind(from.name.c_str(), btkFollowLinks, &source);
+    if (kind == btkAbsent)
         return false;
-    if (kind == platDirectory) {
-        platFolder nearest;
+    if (kind == btkDirectory) {
+        btkFolder nearest;
         if (to.isHeld ? to.folder.IsWithin(source)
                       : nearest.OpenNearest(toPath.text()) && nearest.IsWithin(source))
             return true;
     }
-    if (to.kind == platAbsent)
+    if (to.kind == btkAbsent)
         return false;
     if (source == to.id)
         return true;
-    if (to.kind != platDirectory)
+    if (to.kind != btkDirectory)
         return false;
-    platFolder real; // the folder that holds the link's target
+    btkFolder real; // the folder that holds the link's target
     std::string name;
     return from.folder.IsWithin(to.id) ||
-           (follows && real.OpenParent(fromPath.text(), name, platFollowLinks) && real.IsWithin(to.id));
+           (follows && real.OpenParent(fromPath.text(), name, btkFollowLinks) && real.IsWithin(to.id));
 }
 
 /// Finds the destination, which may not exist yet.
@@ -458,7 +458,7 @@ void copy(const char* from, const char* to, fsOpMode mode, const Ways& ways)
 
     fsPlace target, origin;
     findTarget(target, nativeTo);
-    if (ways.existing == fsForceNew && target.kind != platAbsent)
+    if (ways.existing == fsForceNew && target.kind != btkAbsent)
         raise(fsFileExists, nativeTo.text());
     origin.Find(nativeFrom.text());
     if (meetItself(origin, target, nativeFrom, nativeTo, ways.links))

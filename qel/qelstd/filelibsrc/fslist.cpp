@@ -1,9 +1,9 @@
 #include <cstring>
 #include <string>
 
+#include <qel/base/btkfolder.h>
+#include <qel/base/btkpath.h>
 #include <qel/platform/errortable.h>
-#include <qel/platform/folder.h>
-#include <qel/platform/pathmapping.h>
 
 #include "filelib.h"
 #include "fsdir.h"
@@ -29,9 +29,9 @@ bool isDots(const std::string& entry)
 /// The target of a path, relative to an open folder; without a folder, of the path itself.
 struct Spot
 {
-    const platFolder* folder = nullptr;
-    std::string hostPath;              // in the folder
-    platNodeKind kind = platDirectory; // a link or a directory, if known
+    const btkFolder* folder = nullptr;
+    std::string hostPath;            // in the folder
+    btkNodeKind kind = btkDirectory; // a link or a directory, if known
 };
 
 /// Collects the existing paths that match a pattern. Matches of a wildcard are processed from their folder,
@@ -59,10 +59,9 @@ public:
         base.append(separated ? 1 : 0, fsSeparator).append(entry);
         Spot below;
         if (spot.folder != nullptr && !isDots(entry))
-            below = {spot.folder, spot.hostPath + '/' + platHostName(entry)};
-        if (below.folder != nullptr
-                ? below.folder->Kind(below.hostPath.c_str(), platFollowLinks) != platAbsent
-                : fshExists(base.c_str()) == 1)
+            below = {spot.folder, spot.hostPath + '/' + btkHostName(entry)};
+        if (below.folder != nullptr ? below.folder->Kind(below.hostPath.c_str(), btkFollowLinks) != btkAbsent
+                                    : fshExists(base.c_str()) == 1)
             Expand(base, below, rest, true);
         base.resize(baseLength);
     }
@@ -71,10 +70,10 @@ private:
     void expandMatching(std::string& base, const Spot& spot, const std::string& entry, const char* rest,
                         bool separated)
     {
-        if (spot.kind != platDirectory && spot.kind != platLink)
+        if (spot.kind != btkDirectory && spot.kind != btkLink)
             return;
         const std::string directory = fsIsEmptyPath(base.c_str()) ? base + '.' : base;
-        platFolder listing;
+        btkFolder listing;
         bool isOpen = false;
         fsFailureAction action;
         do
@@ -83,7 +82,7 @@ private:
         if (!isOpen)
             return;
         const std::size_t baseLength = base.size();
-        platEntry found;
+        btkEntry found;
         for (;;) {
             if (!listing.Read(found)) {
                 if (listing.IsAtEnd())
@@ -94,7 +93,7 @@ private:
                     return;
                 continue;
             }
-            const std::string shown = platNativeName(found.hostName);
+            const std::string shown = btkNativeName(found.hostName);
             if (!fsMatchesPattern(shown.c_str(), entry.c_str()))
                 continue;
             base.append(separated ? 1 : 0, fsSeparator).append(shown);
@@ -104,16 +103,16 @@ private:
     }
 
     /// False for anything but a directory.
-    static bool open(platFolder& listing, const std::string& directory, const Spot& spot)
+    static bool open(btkFolder& listing, const std::string& directory, const Spot& spot)
     {
         if (platDone(spot.folder != nullptr
-                         ? listing.Open(*spot.folder, spot.hostPath.c_str(), platFollowLinks)
+                         ? listing.Open(*spot.folder, spot.hostPath.c_str(), btkFollowLinks)
                          : listing.Open(directory.c_str())))
             return true;
         const unsigned error = GetLastError();
-        const bool isDirectory = spot.folder != nullptr ? spot.folder->Kind(spot.hostPath.c_str(),
-                                                                            platFollowLinks) == platDirectory
-                                                        : fshIsDirectory(directory.c_str()) == 1;
+        const bool isDirectory =
+            spot.folder != nullptr ? spot.folder->Kind(spot.hostPath.c_str(), btkFollowLinks) == btkDirectory
+                                   : fshIsDirectory(directory.c_str()) == 1;
         if (!isDirectory)
             return false;
         SetLastError(error);

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <string>
 
+#include <qel/base/btkpath.h>
 #include <qel/base/btkstring.h>
 #include <qel/platform/errortable.h>
-#include <qel/platform/pathmapping.h>
 #include <qel/xobject.h>
 
 #include "fserror_p.h"
@@ -322,7 +322,7 @@ xstring fsPathFromHost(const char* path)
     if (!qelIsObject(path))
         return {};
     std::string native;
-    if (!platDone(platPathOfHost(path, native)))
+    if (!platDone(btkPathOfHost(path, native)))
         fsRaise(fsInvalidPath, "fsPathFromHost", path);
     return native.c_str();
 }
@@ -332,7 +332,7 @@ xstring fsPathToHost(const char* path)
     if (!qelIsObject(path) || *path == '\0')
         return path;
     std::string host;
-    if (!platHostPath(path, host))
-        host = platHostName(path);
+    if (!btkHostPath(path, host))
+        host = btkHostName(path);
     return host.c_str();
 }

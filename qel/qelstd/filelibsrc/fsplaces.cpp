@@ -2,11 +2,11 @@
 #include <cstring>
 #include <string>
 
+#include <qel/base/btkpath.h>
 #include <qel/base/ctenv.h>
 #include <qel/platform/directories.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/files.h>
-#include <qel/platform/pathmapping.h>
 
 #include "filelib.h"
 #include "fserror_p.h"
@@ -26,7 +26,7 @@ std::string nativeHome()
 {
     std::string home, native;
     if (!Getenv("HOME", home) || !home.starts_with('/') ||
-        !platNativePath(platWithoutEndSeparators(home), native) || native.size() > fsNativePath::maxLength)
+        !btkNativePath(btkWithoutEndSeparators(home), native) || native.size() > fsNativePath::maxLength)
         return {};
     return native;
 }

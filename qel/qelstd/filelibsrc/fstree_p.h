@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include <qel/platform/folder.h>
+#include <qel/base/btkfolder.h>
 
 #include "filelib.h"
 
@@ -11,10 +11,10 @@ class fsNativePath;
 /// A node by its path: its name, and the folder that holds it, which is opened once.
 struct fsPlace
 {
-    platFolder folder;
+    btkFolder folder;
     std::string name;
-    platNodeKind kind = platAbsent; // a link is a link
-    platNodeId id;
+    btkNodeKind kind = btkAbsent; // a link is a link
+    btkNodeId id;
     bool isHeld = false; // the folder is open
 
     /// False, with the last error set, when there is no node at the native path.
@@ -23,8 +23,8 @@ struct fsPlace
 
 /// Removes the node `name` of `parent`, a directory with everything in it. False with the last error set;
 /// ERROR_DIR_NOT_EMPTY when nodes were skipped. `watcher` may be null.
-bool fsRemoveAt(platFolder& parent, const char* name, platNodeKind kind, platTreeWatcher* watcher = nullptr,
-                platMounts mounts = platCrossMounts);
+bool fsRemoveAt(btkFolder& parent, const char* name, btkNodeKind kind, btkTreeWatcher* watcher = nullptr,
+                btkMounts mounts = btkCrossMounts);
 
 /// Creates the missing directories on the way to the native path and the last one. False when that fails,
 /// with the last error set.

@@ -4,9 +4,9 @@
 #include <memory>
 #include <string>
 
+#include <qel/base/btkpath.h>
 #include <qel/base/xfilebuf.h>
 #include <qel/platform/errortable.h>
-#include <qel/platform/pathmapping.h>
 
 #include "qeltable.h"
 
@@ -32,7 +32,7 @@ int Bounded(long long value)
 ioFileStream* ioFileStream::Open(const char* path, ioOpenMode mode)
 {
     std::string host;
-    if (!qelIsObject(path) || !platDone(platHostPath(path, host)))
+    if (!qelIsObject(path) || !platDone(btkHostPath(path, host)))
         return nullptr;
     const bool writable = mode != ioReadOnly;
     const bool readable = mode != ioWriteOnly;
@@ -110,7 +110,7 @@ btkHandle ioFileStream::GetInheritHandle()
     if (GetSettledHandle() < 0)
         return -1;
     std::string host;
-    if (!inheritHandle && platHostPath(path.CastToCString(), host)) {
+    if (!inheritHandle && btkHostPath(path.CastToCString(), host)) {
         const int access = (getCanRead() ? btkOpenRead : 0) | (getCanWrite() ? btkOpenWrite : 0);
         inheritHandle = btkOpenFile(host.c_str(), access | btkOpenCreate);
     }

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include <qel/base/btkbyteorder.h>
+#include <qel/base/btkpath.h>
 #include <qel/base/btkreplace.h>
 #include <qel/platform/errortable.h>
-#include <qel/platform/pathmapping.h>
 
 #include "monfile_p.h"
 #include "qelcaught_p.h"
@@ -106,7 +106,7 @@ namespace {
 // the last error set.
 bool HostPathOf(const char* path, std::string& host)
 {
-    if (!platDone(platHostPath(qelIsObject(path) ? path : nullptr, host)))
+    if (!platDone(btkHostPath(qelIsObject(path) ? path : nullptr, host)))
         return false;
     std::error_code ignored;
     const std::filesystem::path whole = std::filesystem::absolute(host, ignored);

@@ -3,11 +3,11 @@
 #include <memory>
 #include <string>
 
+#include <qel/base/btkpath.h>
 #include <qel/base/btkprocess.h>
 #include <qel/base/btksystem.h>
 #include <qel/base/ctenv.h>
 #include <qel/base/thrthread.h>
-#include <qel/platform/pathmapping.h>
 
 #include "iobasestream.h"
 #include "qeltable.h"
@@ -76,7 +76,7 @@ pcProcess* pcProcess::Create(const char* command, const char* workDir, ioStream*
     // A directory of an unmapped drive is passed on unchanged, so that the operating system reports the
     // error.
     std::string directory;
-    if (qelIsObject(workDir) && *workDir != '\0' && !platHostPath(workDir, directory))
+    if (qelIsObject(workDir) && *workDir != '\0' && !btkHostPath(workDir, directory))
         directory = workDir;
 
     ioStream::SettleStandardStreams();

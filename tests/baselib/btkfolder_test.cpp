@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <string>
@@ -7,8 +8,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include <qel/platform/errortable.h>
-#include <qel/platform/folder.h>
+#include <qel/base/btkfolder.h>
 
 #include "support/child.h"
 #include "support/tempdir.h"
@@ -22,7 +22,7 @@ TEST(Folder, RemovesATreeAndNeverEntersALink)
     dir.write("tree/back\\slash");
     dir.link("../outside", "tree/link");
     dir.link("nowhere", "tree/a/dangling");
-    platFolder folder;
+    btkFolder folder;
 
     ASSERT_TRUE(folder.Open(dir.path("tree")));
     EXPECT_TRUE(folder.RemoveContents());
@@ -36,7 +36,7 @@ TEST(Folder, DescendsAndAscendsAnyDepthWithFewDescriptors)
     constexpr int depth = 1500; // its names do not fit into one path
     TempDir dir(TempDir::InMemory);
     dir.makeDir("tree");
-    platFolder top;
+    btkFolder top;
     ASSERT_TRUE(top.Open(dir.path("tree")));
     const rlim_t few = 64;
     struct rlimit before, limited;
@@ -44,17 +44,17 @@ TEST(Folder, DescendsAndAscendsAnyDepthWithFewDescriptors)
     limited = {few, before.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limited), 0);
     {
-        platDescent way(top);
+        btkDescent way(top);
         for (int i = 0; i < depth; ++i) {
             ASSERT_TRUE(way.Last().Create("first") && way.Last().Create("second"));
-            platEntry entry; // the entered folder is read before the other
+            btkEntry entry; // the entered folder is read before the other
             ASSERT_TRUE(way.Last().Read(entry));
-            ASSERT_TRUE(way.Enter(std::string(entry.hostName).c_str(), platKeepLinks)) << errno;
+            ASSERT_TRUE(way.Enter(std::string(entry.hostName).c_str(), btkKeepLinks)) << errno;
         }
         int others = 0;
         while (way.Depth() > 0) {
             ASSERT_TRUE(way.Leave()) << errno;
-            platEntry entry;
+            btkEntry entry;
             while (way.Last().Read(entry))
                 ++others;
         }
@@ -74,11 +74,11 @@ TEST(Folder, ConcurrentMoveIsDetectedAndNothingElsewhereChanges)
         deep += "/d";
     dir.makeDir(deep);
     dir.makeDir("elsewhere");
-    platFolder top;
+    btkFolder top;
     ASSERT_TRUE(top.Open(dir.path("tree")));
-    platDescent way(top);
+    btkDescent way(top);
     for (int i = 0; i < 40; ++i)
-        ASSERT_TRUE(way.Enter("d", platKeepLinks));
+        ASSERT_TRUE(way.Enter("d", btkKeepLinks));
 
     std::filesystem::rename(dir.path("tree/d/d/d/d/d"), dir.path("elsewhere/d"));
 
@@ -92,20 +92,20 @@ TEST(Folder, ConcurrentMoveIsDetectedAndNothingElsewhereChanges)
 namespace {
 
 /// Removes with a decision about each failure, and records the failures.
-struct Decisions : platTreeWatcher
+struct Decisions : btkTreeWatcher
 {
     bool Removed() override
     {
         ++removed;
         return true;
     }
-    platAction Failed(const std::string& path) override
+    btkTreeAction Failed(const std::string& path) override
     {
         failed.push_back(path);
         return action;
     }
 
-    platAction action = platAction::skip;
+    btkTreeAction action = btkTreeAction::skip;
     std::vector<std::string> failed;
     int removed = 0;
 };
@@ -125,8 +125,8 @@ TEST(Folder, RemovesAllItCanAndKeepsThePathToTheRest)
             mount(dir.path("outside"), dir.path("tree/a/b/mounted"), nullptr, MS_BIND, nullptr) != 0)
             return 77;
         Decisions decisions;
-        platFolder tree;
-        if (!tree.Open(dir.path("tree")) || tree.RemoveContents(&decisions, platOneMount) ||
+        btkFolder tree;
+        if (!tree.Open(dir.path("tree")) || tree.RemoveContents(&decisions, btkOneMount) ||
             errno != ENOTEMPTY || !decisions.failed.empty() || decisions.removed != 5)
             return 1;
         if (!dir.has("outside/kept") || dir.has("tree/a/c") || dir.has("tree/d") || dir.has("tree/a/b/file"))
@@ -147,18 +147,18 @@ TEST(Folder, RefusesALinkThatTookThePlaceOfADirectory)
     TempDir dir;
     dir.write("outside/kept");
     dir.makeDir("tree/sub");
-    platFolder tree, sub;
+    btkFolder tree, sub;
     ASSERT_TRUE(tree.Open(dir.path("tree")));
-    platEntry entry;
+    btkEntry entry;
     ASSERT_TRUE(tree.Read(entry));
-    ASSERT_EQ(entry.kind, platDirectory);
+    ASSERT_EQ(entry.kind, btkDirectory);
 
     std::filesystem::remove(dir.path("tree/sub"));
     dir.link("../outside", "tree/sub");
 
-    EXPECT_FALSE(sub.Open(tree, "sub", platKeepLinks));
+    EXPECT_FALSE(sub.Open(tree, "sub", btkKeepLinks));
     EXPECT_FALSE(tree.RemoveFolder("sub"));
-    EXPECT_TRUE(sub.Open(tree, "sub", platFollowLinks));
+    EXPECT_TRUE(sub.Open(tree, "sub", btkFollowLinks));
     EXPECT_TRUE(dir.has("outside/kept"));
 }
 
@@ -167,7 +167,7 @@ TEST(Folder, KeepsWorkingOnItsDirectoryAfterAMove)
     TempDir dir;
     dir.write("tree/inner");
     dir.write("other/inner", "kept");
-    platFolder tree;
+    btkFolder tree;
     ASSERT_TRUE(tree.Open(dir.path("tree")));
 
     std::filesystem::rename(dir.path("tree"), dir.path("moved"));
@@ -186,22 +186,22 @@ TEST(Folder, ReportsKindsAndIdentities)
     dir.link("file", "link");
     dir.link("gone", "dangling");
     mkfifo(dir.path("pipe"), 0600);
-    platFolder folder;
+    btkFolder folder;
     std::string name;
     ASSERT_TRUE(folder.OpenParent(dir.path("file/"), name));
     EXPECT_EQ(name, "file");
-    platNodeId file, link;
+    btkNodeId file, link;
 
-    EXPECT_EQ(folder.Kind("file", platKeepLinks, &file), platFile);
-    EXPECT_EQ(folder.Kind("link", platKeepLinks), platLink);
-    EXPECT_EQ(folder.Kind("link", platFollowLinks, &link), platFile);
+    EXPECT_EQ(folder.Kind("file", btkKeepLinks, &file), btkFile);
+    EXPECT_EQ(folder.Kind("link", btkKeepLinks), btkLink);
+    EXPECT_EQ(folder.Kind("link", btkFollowLinks, &link), btkFile);
     EXPECT_TRUE(file == link);
-    EXPECT_EQ(folder.Kind("sub", platKeepLinks), platDirectory);
-    EXPECT_EQ(folder.Kind("pipe", platKeepLinks), platSpecial);
-    EXPECT_EQ(folder.Kind("dangling", platFollowLinks), platAbsent);
+    EXPECT_EQ(folder.Kind("sub", btkKeepLinks), btkDirectory);
+    EXPECT_EQ(folder.Kind("pipe", btkKeepLinks), btkSpecial);
+    EXPECT_EQ(folder.Kind("dangling", btkFollowLinks), btkAbsent);
     EXPECT_EQ(errno, ENOENT);
 
-    platFolder deep, top;
+    btkFolder deep, top;
     ASSERT_TRUE(deep.OpenNearest(dir.path("sub/deep/not/there")));
     EXPECT_TRUE(deep.IsWithin(folder.Id()));
     EXPECT_TRUE(folder.IsWithin(folder.Id()));
@@ -217,7 +217,7 @@ TEST(Folder, CopiesLinksFilesAndStatus)
     dir.write("from/file", "contents");
     dir.link("any/text", "from/link");
     dir.makeDir("to");
-    platFolder from, to, made;
+    btkFolder from, to, made;
     ASSERT_TRUE(from.Open(dir.path("from")));
     ASSERT_TRUE(to.Open(dir.path("to")));
 
@@ -227,9 +227,9 @@ TEST(Folder, CopiesLinksFilesAndStatus)
     EXPECT_EQ(errno, EEXIST);
     EXPECT_TRUE(from.CopyLink("link", to, "newlink", true));
 
-    platSource source;
-    EXPECT_FALSE(source.Open(from, "link", platKeepLinks));
-    ASSERT_TRUE(source.Open(from, "file", platKeepLinks));
+    btkSource source;
+    EXPECT_FALSE(source.Open(from, "link", btkKeepLinks));
+    ASSERT_TRUE(source.Open(from, "file", btkKeepLinks));
     ASSERT_TRUE(from.DeleteFile("file")); // an open file is copied even when its name is removed
     ASSERT_TRUE(source.Copy(to));
     EXPECT_FALSE(source.Place("newlink", false)); // a link is never written through
@@ -238,7 +238,7 @@ TEST(Folder, CopiesLinksFilesAndStatus)
 
     chmod(dir.path("from"), 03750);
     ASSERT_TRUE(to.Create("sub"));
-    ASSERT_TRUE(made.Open(to, "sub", platKeepLinks));
+    ASSERT_TRUE(made.Open(to, "sub", btkKeepLinks));
     ASSERT_TRUE(from.CopyStatus(made));
     struct stat status;
     ASSERT_EQ(stat(dir.path("to/sub"), &status), 0);
@@ -249,8 +249,8 @@ TEST(Folder, ReportsErrorsWithoutADirectory)
 {
     TempDir dir;
     dir.write("file");
-    platFolder none;
-    platEntry entry;
+    btkFolder none;
+    btkEntry entry;
     std::string name;
 
     EXPECT_FALSE(none.Read(entry));

@@ -1,9 +1,9 @@
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <qel/base/btkpath.h>
 #include <qel/platform/directories.h>
-#include <qel/platform/errortable.h>
-#include <qel/platform/pathmapping.h>
 
 #include "support/environment.h"
 #include "support/tempdir.h"
@@ -13,7 +13,7 @@ namespace {
 std::string hostOf(const std::string& path)
 {
     std::string host = "(refused)";
-    platHostPath(path.c_str(), host);
+    btkHostPath(path.c_str(), host);
     return host;
 }
 
@@ -54,7 +54,7 @@ TEST(PathMapping, RejectsMissingDrivesAndInvalidPaths)
 
     for (const char* path : {"E:\\a", "F:\\a", "", static_cast<const char*>(nullptr)}) {
         errno = 0;
-        EXPECT_FALSE(platHostPath(path, host));
+        EXPECT_FALSE(btkHostPath(path, host));
         EXPECT_EQ(errno, ENOTDIR);
     }
     EXPECT_EQ(hostOf("ab:c"), "ab:c"); // no drive: two characters before the colon
@@ -118,12 +118,12 @@ TEST(PathMapping, ShowsTheCurrentDirectoryOnTheDriveWithTheLongestRoot)
 TEST(PathMapping, MapsEverySystemNameToADistinctForm)
 {
     const std::string bs = "\xEF\x81\x9C", escape = "\xEF\x81\x9D", colon = "\xEF\x80\xBA";
-    EXPECT_EQ(platNativeName("a\\b"), "a" + bs + "b");
+    EXPECT_EQ(btkNativeName("a\\b"), "a" + bs + "b");
     EXPECT_EQ(hostOf("C:\\d\\a" + bs + "b"), "/d/a\\b");
-    EXPECT_EQ(platHostName(escape + "x"), escape + "x");
-    EXPECT_EQ(platNativeName("C:note"), "C" + colon + "note");
-    EXPECT_EQ(platNativeName("d:/ab:c/:x/e:"), "d" + colon + "/ab:c/:x/e" + colon);
-    EXPECT_EQ(platNativeName("a::b:::"), "a" + colon + colon + "b" + colon + colon + colon);
+    EXPECT_EQ(btkHostName(escape + "x"), escape + "x");
+    EXPECT_EQ(btkNativeName("C:note"), "C" + colon + "note");
+    EXPECT_EQ(btkNativeName("d:/ab:c/:x/e:"), "d" + colon + "/ab:c/:x/e" + colon);
+    EXPECT_EQ(btkNativeName("a::b:::"), "a" + colon + colon + "b" + colon + colon + colon);
     EXPECT_EQ(hostOf("C" + colon + "note"), "C:note");
     EXPECT_EQ(hostOf("C:\\d\\c:note"), "/d/c:note");
 
@@ -135,11 +135,11 @@ TEST(PathMapping, MapsEverySystemNameToADistinctForm)
             for (const std::string& piece : pieces)
                 names.insert(name + piece);
     for (const std::string& name : names) {
-        const std::string native = platNativeName(name);
+        const std::string native = btkNativeName(name);
         EXPECT_EQ(native.find('\\'), std::string::npos);
         EXPECT_EQ(native.find("::"), std::string::npos);
         EXPECT_NE(native.substr(0, 2), "x:");
-        EXPECT_EQ(platHostName(native), name);
+        EXPECT_EQ(btkHostName(native), name);
         shown.insert(native);
     }
     EXPECT_EQ(shown.size(), names.size());
@@ -150,7 +150,7 @@ TEST(PathMapping, SystemPathsFindTheSameNodes)
     const std::string colon = "\xEF\x80\xBA", bs = "\xEF\x81\x9C";
     const auto pathOf = [](const std::string& host) {
         std::string path = "(refused)";
-        platPathOfHost(host, path);
+        btkPathOfHost(host, path);
         return path;
     };
     EXPECT_EQ(pathOf("/a/C:x/y\\z"), "/a/C" + colon + "x/y" + bs + "z");

@@ -1,4 +1,4 @@
-#include "folder.h"
+#include "btkfolder.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,11 +9,13 @@
 #include <fcntl.h>
 #include <memory>
 #include <optional>
+#include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 #include <utility>
 
-#include <qel/platform/filecopy.h>
-#include <qel/platform/pathmapping.h>
+#include <qel/base/btkfilecopy.h>
+#include <qel/base/btkpath.h>
 
 namespace {
 
@@ -33,21 +35,21 @@ bool failWith(int error)
     return false;
 }
 
-platNodeKind kindOf(mode_t mode)
+btkNodeKind kindOf(mode_t mode)
 {
     switch (mode & S_IFMT) {
     case S_IFREG:
-        return platFile;
+        return btkFile;
     case S_IFDIR:
-        return platDirectory;
+        return btkDirectory;
     case S_IFLNK:
-        return platLink;
+        return btkLink;
     default:
-        return platSpecial;
+        return btkSpecial;
     }
 }
 
-platNodeId idOf(const struct stat& status)
+btkNodeId idOf(const struct stat& status)
 {
     return {status.st_dev, status.st_ino};
 }
@@ -72,14 +74,14 @@ void splitHost(const std::string& host, std::string& directory, std::string& nam
 
 } // namespace
 
-platFolder::~platFolder()
+btkFolder::~btkFolder()
 {
     const int error = errno;
     Close();
     errno = error;
 }
 
-bool platFolder::adopt(int opened)
+bool btkFolder::adopt(int opened)
 {
     if (opened < 0)
         return false;
@@ -88,60 +90,60 @@ bool platFolder::adopt(int opened)
     return true;
 }
 
-bool platFolder::Open(const char* path)
+bool btkFolder::Open(const char* path)
 {
     std::string host;
-    return platHostPath(path, host) && adopt(platOpenAt(AT_FDCWD, host.c_str(), O_RDONLY | O_DIRECTORY));
+    return btkHostPath(path, host) && adopt(btkOpenAt(AT_FDCWD, host.c_str(), O_RDONLY | O_DIRECTORY));
 }
 
-bool platFolder::Open(const platFolder& parent, const char* name, platLinks links)
+bool btkFolder::Open(const btkFolder& parent, const char* name, btkLinks links)
 {
-    return adopt(platOpenAt(parent.descriptor, name,
-                            O_RDONLY | O_DIRECTORY | (links == platKeepLinks ? O_NOFOLLOW : 0)));
+    return adopt(btkOpenAt(parent.descriptor, name,
+                           O_RDONLY | O_DIRECTORY | (links == btkKeepLinks ? O_NOFOLLOW : 0)));
 }
 
-bool platFolder::OpenParent(const char* path, std::string& hostName, platLinks links)
+bool btkFolder::OpenParent(const char* path, std::string& hostName, btkLinks links)
 {
     std::string host, directory;
-    if (!platHostPath(path, host))
+    if (!btkHostPath(path, host))
         return false;
-    if (links == platFollowLinks) {
+    if (links == btkFollowLinks) {
         const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(host.c_str(), nullptr),
                                                                    &std::free);
         if (resolved == nullptr)
             return false;
         host = resolved.get();
     }
-    splitHost(platWithoutEndSeparators(std::move(host)), directory, hostName);
-    const int opened = platOpenAt(AT_FDCWD, directory.c_str(), O_PATH | O_DIRECTORY);
+    splitHost(btkWithoutEndSeparators(std::move(host)), directory, hostName);
+    const int opened = btkOpenAt(AT_FDCWD, directory.c_str(), O_PATH | O_DIRECTORY);
     return opened < 0 && errno == ENOENT ? failWith(ENOTDIR) : adopt(opened);
 }
 
-bool platFolder::OpenNearest(const char* path)
+bool btkFolder::OpenNearest(const char* path)
 {
     std::string host;
-    if (!platHostPath(path, host))
+    if (!btkHostPath(path, host))
         return false;
-    host = platWithoutEndSeparators(std::move(host));
+    host = btkWithoutEndSeparators(std::move(host));
     int links = O_NOFOLLOW; // the node itself; on the way to it they are followed
     for (;;) {
-        const int opened = platOpenAt(AT_FDCWD, host.c_str(), O_PATH | O_DIRECTORY | links);
+        const int opened = btkOpenAt(AT_FDCWD, host.c_str(), O_PATH | O_DIRECTORY | links);
         if (opened >= 0)
             return adopt(opened);
         const std::size_t slash = host.rfind('/');
         if (host == "." || host == "/")
             return adopt(opened);
-        host = slash == std::string::npos ? "." : platWithoutEndSeparators(host.substr(0, slash + 1));
+        host = slash == std::string::npos ? "." : btkWithoutEndSeparators(host.substr(0, slash + 1));
         links = 0;
     }
 }
 
-bool platFolder::OpenHost(int from, const char* hostPath)
+bool btkFolder::OpenHost(int from, const char* hostPath)
 {
-    return adopt(platOpenAt(from, hostPath, O_RDONLY | O_DIRECTORY));
+    return adopt(btkOpenAt(from, hostPath, O_RDONLY | O_DIRECTORY));
 }
 
-bool platFolder::Close()
+bool btkFolder::Close()
 {
     const int closed = stream != nullptr ? closedir(static_cast<DIR*>(stream))
                        : descriptor >= 0 ? close(descriptor)
@@ -154,14 +156,14 @@ bool platFolder::Close()
 }
 
 /// Closes the folder and remembers its unread entries. If they cannot be read, it stays open.
-void platFolder::release()
+void btkFolder::release()
 {
     struct stat status;
     if (isReleased || fstat(descriptor, &status) != 0)
         return;
     if (stream != nullptr && !isRemembered) {
         const long position = telldir(static_cast<DIR*>(stream));
-        platEntry entry;
+        btkEntry entry;
         while (Read(entry))
             rest.push_back({entry.hostName, entry.kind});
         if (!isEnd) {
@@ -184,20 +186,20 @@ void platFolder::release()
 }
 
 /// Opens the released folder again, which must hold the folder `below`.
-bool platFolder::regain(const platFolder& below)
+bool btkFolder::regain(const btkFolder& below)
 {
-    platDescriptor opened(platOpenAt(below.descriptor, "..", O_RDONLY | O_DIRECTORY));
+    btkFd opened(btkOpenAt(below.descriptor, "..", O_RDONLY | O_DIRECTORY));
     struct stat status;
-    if (!opened || fstat(opened.get(), &status) != 0)
+    if (!opened || fstat(opened.Get(), &status) != 0)
         return false;
     if (!(idOf(status) == left))
         return failWith(ENOTDIR);
-    descriptor = opened.release();
+    descriptor = opened.Release();
     isReleased = false;
     return true;
 }
 
-bool platFolder::Read(platEntry& entry)
+bool btkFolder::Read(btkEntry& entry)
 {
     if (isRemembered) {
         isEnd = rest.empty();
@@ -222,49 +224,49 @@ bool platFolder::Read(platEntry& entry)
         return false;
     entry.hostName = found->d_name;
     entry.kind =
-        found->d_type == DT_UNKNOWN ? Kind(found->d_name, platKeepLinks) : kindOf(DTTOIF(found->d_type));
+        found->d_type == DT_UNKNOWN ? Kind(found->d_name, btkKeepLinks) : kindOf(DTTOIF(found->d_type));
     return true;
 }
 
-platNodeKind platFolder::Kind(const char* name, platLinks links, platNodeId* id) const
+btkNodeKind btkFolder::Kind(const char* name, btkLinks links, btkNodeId* id) const
 {
     struct stat status;
-    if (fstatat(descriptor, name, &status, links == platKeepLinks ? AT_SYMLINK_NOFOLLOW : 0) != 0)
-        return platAbsent;
+    if (fstatat(descriptor, name, &status, links == btkKeepLinks ? AT_SYMLINK_NOFOLLOW : 0) != 0)
+        return btkAbsent;
     if (id != nullptr)
         *id = idOf(status);
     return kindOf(status.st_mode);
 }
 
-long long platFolder::Size(const char* name, platLinks links) const
+long long btkFolder::Size(const char* name, btkLinks links) const
 {
     struct stat status;
     const bool known =
-        fstatat(descriptor, name, &status, links == platKeepLinks ? AT_SYMLINK_NOFOLLOW : 0) == 0;
+        fstatat(descriptor, name, &status, links == btkKeepLinks ? AT_SYMLINK_NOFOLLOW : 0) == 0;
     return known ? status.st_size : 0;
 }
 
-bool platFolder::Create(const char* name)
+bool btkFolder::Create(const char* name)
 {
     return mkdirat(descriptor, name, newFolderMode) == 0;
 }
 
-bool platFolder::DeleteFile(const char* name)
+bool btkFolder::DeleteFile(const char* name)
 {
     return unlinkat(descriptor, name, 0) == 0;
 }
 
-bool platFolder::RemoveFolder(const char* name)
+bool btkFolder::RemoveFolder(const char* name)
 {
     return unlinkat(descriptor, name, AT_REMOVEDIR) == 0;
 }
 
-bool platFolder::Rename(const char* name, const char* newName)
+bool btkFolder::Rename(const char* name, const char* newName)
 {
     return renameat(descriptor, name, descriptor, newName) == 0;
 }
 
-bool platFolder::CopyLink(const char* name, platFolder& target, const char* newName, bool replaced) const
+bool btkFolder::CopyLink(const char* name, btkFolder& target, const char* newName, bool replaced) const
 {
     char text[PATH_MAX];
     const ssize_t length = readlinkat(descriptor, name, text, sizeof text);
@@ -277,7 +279,7 @@ bool platFolder::CopyLink(const char* name, platFolder& target, const char* newN
                     : symlinkat(text, target.descriptor, newName) == 0;
 }
 
-bool platFolder::CopyStatus(platFolder& target) const
+bool btkFolder::CopyStatus(btkFolder& target) const
 {
     struct stat status;
     if (fstat(descriptor, &status) != 0)
@@ -287,16 +289,16 @@ bool platFolder::CopyStatus(platFolder& target) const
            btkCopyRights(descriptor, target.descriptor, keptFolderBits);
 }
 
-platNodeId platFolder::Id() const
+btkNodeId btkFolder::Id() const
 {
     struct stat status;
-    return fstat(descriptor, &status) == 0 ? idOf(status) : platNodeId{};
+    return fstat(descriptor, &status) == 0 ? idOf(status) : btkNodeId{};
 }
 
-unsigned long long platFolder::Mount(const char* name, platLinks links) const
+unsigned long long btkFolder::Mount(const char* name, btkLinks links) const
 {
     struct statx status;
-    const int flags = AT_EMPTY_PATH | AT_NO_AUTOMOUNT | (links == platKeepLinks ? AT_SYMLINK_NOFOLLOW : 0);
+    const int flags = AT_EMPTY_PATH | AT_NO_AUTOMOUNT | (links == btkKeepLinks ? AT_SYMLINK_NOFOLLOW : 0);
     if (statx(descriptor, name, flags, STATX_MNT_ID, &status) != 0)
         return 0;
     // Kernels without mount numbers: use the device number.
@@ -304,14 +306,14 @@ unsigned long long platFolder::Mount(const char* name, platLinks links) const
                                                  : makedev(status.stx_dev_major, status.stx_dev_minor);
 }
 
-bool platFolder::IsWithin(const platNodeId& other) const
+bool btkFolder::IsWithin(const btkNodeId& other) const
 {
-    platNodeId here = Id();
-    platDescriptor folder(fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
+    btkNodeId here = Id();
+    btkFd folder(fcntl(descriptor, F_DUPFD_CLOEXEC, 0));
     while (!(here == other)) {
         struct stat status;
-        platDescriptor above(platOpenAt(folder.get(), "..", O_PATH | O_DIRECTORY));
-        if (!above || fstat(above.get(), &status) != 0 || idOf(status) == here)
+        btkFd above(btkOpenAt(folder.Get(), "..", O_PATH | O_DIRECTORY));
+        if (!above || fstat(above.Get(), &status) != 0 || idOf(status) == here)
             return false;
         here = idOf(status);
         folder = std::move(above);
@@ -319,17 +321,17 @@ bool platFolder::IsWithin(const platNodeId& other) const
     return true;
 }
 
-platSource::~platSource()
+btkSource::~btkSource()
 {
     if (descriptor >= 0)
         close(descriptor);
 }
 
-bool platSource::Open(const platFolder& folder, const char* name, platLinks links)
+bool btkSource::Open(const btkFolder& folder, const char* name, btkLinks links)
 {
     struct stat status;
-    const int opened = platOpenRegular(folder.descriptor, name,
-                                       O_RDONLY | (links == platKeepLinks ? O_NOFOLLOW : 0), 0, status);
+    const int opened = btkOpenRegular(folder.descriptor, name,
+                                      O_RDONLY | (links == btkKeepLinks ? O_NOFOLLOW : 0), 0, status);
     if (opened < 0)
         return false;
     if (descriptor >= 0)
@@ -338,18 +340,18 @@ bool platSource::Open(const platFolder& folder, const char* name, platLinks link
     return true;
 }
 
-bool platSource::Copy(const platFolder& folder, platWatcher* watcher)
+bool btkSource::Copy(const btkFolder& folder, btkCopyWatcher* watcher)
 {
     struct stat status;
     if (fstat(descriptor, &status) != 0 || !copy.Create(folder.descriptor) ||
-        !platCopyContents(descriptor, status, copy.Get(), watcher) ||
+        !btkCopyContents(descriptor, status, copy.Get(), watcher) ||
         !btkCopyRights(descriptor, copy.Get(), keptFileBits))
         return false;
     const struct timespec times[] = {{0, UTIME_OMIT}, status.st_mtim};
     return futimens(copy.Get(), times) == 0;
 }
 
-bool platSource::Place(const char* name, bool replaced)
+bool btkSource::Place(const char* name, bool replaced)
 {
     return copy.TakePlace(name, btkReplacement::Unsynced,
                           replaced ? btkReplacement::Replaced : btkReplacement::Kept);
@@ -357,19 +359,19 @@ bool platSource::Place(const char* name, bool replaced)
 
 // ---- trees
 
-bool platDescent::Enter(const char* name, platLinks links)
+bool btkDescent::Enter(const char* name, btkLinks links)
 {
-    auto folder = std::make_unique<platFolder>();
+    auto folder = std::make_unique<btkFolder>();
     if (!folder->Open(Last(), name, links))
         return false;
-    steps.push_back({std::move(folder), links == platFollowLinks});
+    steps.push_back({std::move(folder), links == btkFollowLinks});
     const std::size_t count = steps.size();
     if (count > mostOpen && !steps[count - mostOpen].isFollowed)
         steps[count - mostOpen - 1].folder->release();
     return true;
 }
 
-bool platDescent::Leave()
+bool btkDescent::Leave()
 {
     const Step left = std::move(steps.back());
     steps.pop_back();
@@ -382,8 +384,8 @@ namespace {
 class Removal
 {
 public:
-    Removal(platFolder& folder, platTreeWatcher* told, platMounts mounts)
-        : way(folder), watcher(told), mount(mounts == platOneMount ? folder.Mount() : 0)
+    Removal(btkFolder& folder, btkTreeWatcher* told, btkMounts mounts)
+        : way(folder), watcher(told), mount(mounts == btkOneMount ? folder.Mount() : 0)
     {
     }
 
@@ -391,10 +393,10 @@ public:
     {
         for (;;) {
             bool goesOn;
-            platEntry entry;
+            btkEntry entry;
             if (way.Last().Read(entry)) {
                 path.append("/").append(entry.hostName);
-                goesOn = isElsewhere() ? passOver() : entry.kind == platDirectory ? enter() : removeFile();
+                goesOn = isElsewhere() ? passOver() : entry.kind == btkDirectory ? enter() : removeFile();
             } else if (!way.Last().IsAtEnd()) {
                 const Outcome outcome = decide();
                 goesOn = outcome == Outcome::again || (outcome == Outcome::left && finish());
@@ -435,7 +437,7 @@ private:
 
     bool enter()
     {
-        const Outcome outcome = attempt([this] { return way.Enter(name(), platKeepLinks); });
+        const Outcome outcome = attempt([this] { return way.Enter(name(), btkKeepLinks); });
         return outcome == Outcome::done || next(outcome);
     }
 
@@ -465,18 +467,18 @@ private:
     Outcome decide()
     {
         const int error = errno;
-        const platAction action =
-            watcher == nullptr ? platAction::stop : watcher->Failed(path.empty() ? path : path.substr(1));
+        const btkTreeAction action =
+            watcher == nullptr ? btkTreeAction::stop : watcher->Failed(path.empty() ? path : path.substr(1));
         errno = error;
-        if (action == platAction::skip)
+        if (action == btkTreeAction::skip)
             leftAt = way.Depth();
-        return action == platAction::skip    ? Outcome::left
-               : action == platAction::retry ? Outcome::again
-                                             : Outcome::ended;
+        return action == btkTreeAction::skip    ? Outcome::left
+               : action == btkTreeAction::retry ? Outcome::again
+                                                : Outcome::ended;
     }
 
-    platDescent way;
-    platTreeWatcher* watcher;
+    btkDescent way;
+    btkTreeWatcher* watcher;
     unsigned long long mount;          // the only mount to work on; 0: all
     std::string path;                  // the current node's host names, each with a separator before it
     std::optional<std::size_t> leftAt; // the depth of the lowest folder on the path with nodes left in it
@@ -485,7 +487,7 @@ private:
 
 } // namespace
 
-bool platFolder::RemoveContents(platTreeWatcher* watcher, platMounts mounts)
+bool btkFolder::RemoveContents(btkTreeWatcher* watcher, btkMounts mounts)
 {
     return Removal(*this, watcher, mounts).Run();
 }

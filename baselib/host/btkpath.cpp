@@ -1,4 +1,4 @@
-#include "pathmapping.h"
+#include "btkpath.h"
 
 #include <algorithm>
 #include <atomic>
@@ -81,7 +81,7 @@ Drives readDrives()
         const char* letter = text.c_str() + drivePrefix.size();
         if (*letter < 'A' || *letter > 'Z' || letter[1] != '=' || letter[2] != '/')
             continue;
-        std::string root = platWithoutEndSeparators(letter + 2);
+        std::string root = btkWithoutEndSeparators(letter + 2);
         if (root == "/")
             root.clear();
         if (*letter == defaultDrive)
@@ -212,7 +212,7 @@ std::string below(const Drive& drive, std::string path)
 
 } // namespace
 
-bool platHostPath(const char* path, std::string& host)
+bool btkHostPath(const char* path, std::string& host)
 {
     if (path == nullptr || *path == '\0')
         return failWith(ENOTDIR);
@@ -220,7 +220,7 @@ bool platHostPath(const char* path, std::string& host)
     if (letter != '\0')
         path += 2;
     const bool rooted = isSeparator(*path);
-    std::string tail = platHostName(path);
+    std::string tail = btkHostName(path);
 
     const Drives& drives = DriveTable::Get();
     const bool single = isPlain(drives);
@@ -252,13 +252,13 @@ bool platHostPath(const char* path, std::string& host)
     return true;
 }
 
-bool platNativePath(std::string_view host, std::string& native)
+bool btkNativePath(std::string_view host, std::string& native)
 {
     const Drives& drives = DriveTable::Get();
     const Drive* drive = driveOf(drives, host);
     if (drive == nullptr)
         return failWith(ENODEV);
-    std::string tail = platNativeName(host.substr(drive->root.size()));
+    std::string tail = btkNativeName(host.substr(drive->root.size()));
     for (char& c : tail)
         if (c == '/')
             c = '\\';
@@ -266,16 +266,16 @@ bool platNativePath(std::string_view host, std::string& native)
     return true;
 }
 
-bool platPathOfHost(std::string_view host, std::string& path)
+bool btkPathOfHost(std::string_view host, std::string& path)
 {
     if (!host.starts_with('/') || isPlain(DriveTable::Get())) {
-        path = platNativeName(host);
+        path = btkNativeName(host);
         return true;
     }
-    return platNativePath(hasUpStep(host) ? resolvedInText(host) : std::string(host), path);
+    return btkNativePath(hasUpStep(host) ? resolvedInText(host) : std::string(host), path);
 }
 
-std::string platNativeName(std::string_view hostName)
+std::string btkNativeName(std::string_view hostName)
 {
     std::string native;
     native.reserve(hostName.size());
@@ -297,13 +297,13 @@ std::string platNativeName(std::string_view hostName)
     return native;
 }
 
-bool platIsShownAsIs(const char* hostName)
+bool btkIsShownAsIs(const char* hostName)
 {
     constexpr const char* firstBytes = "\\:\xEF"; // of all bytes that may be shown otherwise
     return std::strpbrk(hostName, firstBytes) == nullptr;
 }
 
-std::string platHostName(std::string_view nativeName)
+std::string btkHostName(std::string_view nativeName)
 {
     std::string host;
     host.reserve(nativeName.size());
@@ -326,7 +326,7 @@ std::string platHostName(std::string_view nativeName)
     return host;
 }
 
-std::string platWithoutEndSeparators(std::string hostPath)
+std::string btkWithoutEndSeparators(std::string hostPath)
 {
     while (hostPath.size() > 1 && hostPath.back() == '/')
         hostPath.pop_back();

@@ -1,30 +1,19 @@
-#include "filecopy.h"
+#include "btkfilecopy.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <qel/base/btkretry.h>
-#include <qel/platform/errortable.h>
 
 namespace {
 
 constexpr std::size_t kernelStep = 1U << 30;
 constexpr std::size_t watchedStep = 8U << 20;
 constexpr std::size_t blockSize = 64 * 1024;
-
-bool writeAll(int target, const char* data, std::size_t size)
-{
-    while (size > 0) {
-        const ssize_t count = btkRetry([&] { return write(target, data, size); });
-        if (count < 0)
-            return false;
-        data += count;
-        size -= static_cast<std::size_t>(count);
-    }
-    return true;
-}
 
 /// Whether an error of a kernel copy means that these two files cannot be copied that way.
 bool isUnsupported(int error)
@@ -39,7 +28,7 @@ enum class Copied { all, fewer, failed };
 class ContentsCopy
 {
 public:
-    ContentsCopy(int from, int to, platWatcher* told) : source(from), target(to), watcher(told) {}
+    ContentsCopy(int from, int to, btkCopyWatcher* told) : source(from), target(to), watcher(told) {}
 
     bool Run(const struct stat& status)
     {
@@ -97,7 +86,8 @@ private:
             const ssize_t count = btkRetry([&] { return read(source, block, sizeof block); });
             if (count <= 0)
                 return count == 0;
-            if (!writeAll(target, block, static_cast<std::size_t>(count)) || !tell(count))
+            const auto size = static_cast<std::size_t>(count);
+            if (btkWrite(target, block, size) < size || !tell(count))
                 return false;
         }
     }
@@ -135,21 +125,21 @@ private:
     }
 
     int source, target;
-    platWatcher* watcher; // null: none
+    btkCopyWatcher* watcher; // null: none
 };
 
 } // namespace
 
-int platOpenAt(int folder, const char* name, int flags, unsigned mode)
+int btkOpenAt(int folder, const char* name, int flags, unsigned mode)
 {
     return btkRetry([&] { return openat(folder, name, flags | O_CLOEXEC, mode); });
 }
 
-int platOpenRegular(int folder, const char* name, int flags, unsigned mode, struct stat& status)
+int btkOpenRegular(int folder, const char* name, int flags, unsigned mode, struct stat& status)
 {
     // O_NONBLOCK: opening a pipe without a peer does not block.
-    platDescriptor file(platOpenAt(folder, name, flags | O_NONBLOCK | O_NOCTTY, mode));
-    if (!file || fstat(file.get(), &status) != 0) {
+    btkFd file(btkOpenAt(folder, name, flags | O_NONBLOCK | O_NOCTTY, mode));
+    if (!file || fstat(file.Get(), &status) != 0) {
         if (errno == ENXIO)
             errno = EACCES; // a socket, or a pipe without a reader
         return -1;
@@ -158,10 +148,10 @@ int platOpenRegular(int folder, const char* name, int flags, unsigned mode, stru
         errno = EACCES;
         return -1;
     }
-    return file.release();
+    return file.Release();
 }
 
-bool platCopyContents(int source, const struct stat& status, int target, platWatcher* watcher)
+bool btkCopyContents(int source, const struct stat& status, int target, btkCopyWatcher* watcher)
 {
     return ContentsCopy(source, target, watcher).Run(status);
 }

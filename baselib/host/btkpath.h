@@ -20,24 +20,26 @@
 #include <string>
 #include <string_view>
 
+#include <qel/base/baseexport.h>
+
 /// Puts the host form of `path` into `host`. False for an unknown drive, or when `path` is null or empty; errno
 /// is then ENOTDIR.
-bool platHostPath(const char* path, std::string& host);
+BASE_API bool btkHostPath(const char* path, std::string& host);
 
 /// Puts the native form of the absolute host path `host` into `native`, with the drive whose root is the
 /// longest prefix. False when it lies on no drive; errno is then ENODEV.
-bool platNativePath(std::string_view host, std::string& native);
+BASE_API bool btkNativePath(std::string_view host, std::string& native);
 
 /// Puts the path for the host path `host` into `path`: in native form with its drive when drives are
 /// re-rooted, else with the host's separators. False when it is absolute and lies on no drive (ENODEV).
-bool platPathOfHost(std::string_view host, std::string& path);
+BASE_API bool btkPathOfHost(std::string_view host, std::string& path);
 
 /// Convert a name, or a relative path, from its host form to the form shown, and back.
-std::string platNativeName(std::string_view hostName);
-std::string platHostName(std::string_view nativeName);
+BASE_API std::string btkNativeName(std::string_view hostName);
+BASE_API std::string btkHostName(std::string_view nativeName);
 /// True when a name is shown unchanged, the common case; false when it may need conversion.
-bool platIsShownAsIs(const char* hostName);
+BASE_API bool btkIsShownAsIs(const char* hostName);
 
 /// `hostPath` without separators at its end; a root is unchanged. For calls on a link itself: with a
 /// separator behind it the kernel would follow the link.
-std::string platWithoutEndSeparators(std::string hostPath);
+BASE_API std::string btkWithoutEndSeparators(std::string hostPath);
