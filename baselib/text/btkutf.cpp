@@ -49,7 +49,8 @@ Character decode(const char* text, std::size_t left)
     return {code, size};
 }
 
-/// Returns the number of leading ASCII bytes, checked several at a time: some at the end may be left out.
+/// Returns the number of leading ASCII bytes, checked several at a time: some before another byte, and up to seven in all,
+/// may be left out.
 std::size_t asciiRun(const char* text, std::size_t length)
 {
     const auto isAscii = [&](std::size_t begin, auto eights) {
@@ -66,6 +67,8 @@ std::size_t asciiRun(const char* text, std::size_t length)
         at += 64;
     while (at + 8 <= length && isAscii(at, std::integral_constant<int, 1>()))
         at += 8;
+    if (at > 0 && at < length && isAscii(length - 8, std::integral_constant<int, 1>()))
+        at = length;
     return at;
 }
 

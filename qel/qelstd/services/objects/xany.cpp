@@ -1,5 +1,6 @@
 #include "xany.h"
 
+#include <cstring>
 #include <iterator>
 #include <string>
 
@@ -109,7 +110,12 @@ unsigned char xany::equalsOther(const xany& other) const
     case xanyString: {
         const __xstring_c& a = value.u.stringValue;
         const __xstring_c& b = other.value.u.stringValue;
-        return a.buffer != nullptr && b.buffer != nullptr && xstring(a) == xstring(b);
+        if (a.buffer == nullptr || b.buffer == nullptr)
+            return 0;
+        if (a.mb == nullptr || b.mb == nullptr)
+            return xstring(a) == xstring(b);
+        const std::size_t size = a.buffer->GetMBLength();
+        return size == b.buffer->GetMBLength() && std::memcmp(a.mb, b.mb, size) == 0;
     }
     case xanyEnum:
         return value.u.enumValue.value == other.value.u.enumValue.value &&
