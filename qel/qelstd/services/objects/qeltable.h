@@ -73,6 +73,11 @@ struct qelShape
     unsigned char (*find)(xobject* owner, const char* key, xany* out) = nullptr;
     unsigned char (*keyAt)(xobject* owner, int index, xstring* outKey) = nullptr;
     unsigned char (*valueAt)(xobject* owner, int index, xany* out) = nullptr;
+    // By which elements of a new object are set; null where the class has no such operation. Each throws
+    // qelXTypeMismatch for a value that is neither null, uninit nor of the element type.
+    void (*append)(xobject* owner, const xany& value) = nullptr;                   ///< of a sequence
+    void (*set)(xobject* owner, const char* key, const xany& value) = nullptr;     ///< of a dictionary
+    void (*setelement)(xobject* owner, int* indices, const xany& value) = nullptr; ///< of an array
 };
 
 /// The facts of a class for the type system. A class with `elements` is a sequence, dictionary or array, one
@@ -188,6 +193,16 @@ struct qelValue<xrcunihandle<T>> : qelValue<T*>
     static xany pack(const xrcunihandle<T>& h) { return xany(h.get()); }
 };
 
+/// Returns `value`, which may be null or uninit, as a V.
+/// @throws qelXTypeMismatch
+template<class V>
+auto qelUnpack(const xany& value)
+{
+    if (!value.isUninit())
+        value.validate(qelValue<V>::rtti(), qelOptional);
+    return qelValue<V>::unpack(value);
+}
+
 [[noreturn]] QEL_API void qelThrowNotLive();
 
 /// A live T for the duration of a read: rejects null and uninit, and keeps a counted object from being
@@ -228,9 +243,7 @@ constexpr qelAttr qelAttrOf(const char* name, Get, Set, unsigned char optional =
     if constexpr (std::is_invocable_v<Set, T&, const V&>)
         row.rebuild = [](xobject* owner, const xany& value) {
             const qelReading<T> object(owner);
-            if (!value.isUninit())
-                value.validate(qelValue<V>::rtti(), qelOptional);
-            Set()(*object, qelValue<V>::unpack(value));
+            Set()(*object, qelUnpack<V>(value));
         };
     return row;
 }
@@ -271,19 +284,25 @@ xobject* qelRebuildOf(qelS11nContext* context)
     return qelObjectOf(static_cast<T*>(T::_s11n_create(context)));
 }
 
-// Read through getarraysize() and get(index).
+// Read through getarraysize() and get(index), filled through append(value).
 template<class S>
 constexpr qelShape qelSequenceShape(unsigned char optional)
 {
     using V = std::remove_cvref_t<decltype(std::declval<S&>().get(0))>;
-    return {.kind = qelShape::sequence,
-            .optional = optional,
-            .elemType = &qelValue<V>::rtti,
-            .size = [](xobject* owner) -> int { return qelReading<S>(owner)->getarraysize(); },
-            .elemAt = [](xobject* owner, int index) -> xany {
-                const qelReading<S> object(owner);
-                return qelValue<V>::pack(object->get(index));
-            }};
+    qelShape shape{.kind = qelShape::sequence,
+                   .optional = optional,
+                   .elemType = &qelValue<V>::rtti,
+                   .size = [](xobject* owner) -> int { return qelReading<S>(owner)->getarraysize(); },
+                   .elemAt = [](xobject* owner, int index) -> xany {
+                       const qelReading<S> object(owner);
+                       return qelValue<V>::pack(object->get(index));
+                   }};
+    if constexpr (requires(S & s, const xany& value) { s.append(qelUnpack<V>(value)); })
+        shape.append = [](xobject* owner, const xany& value) {
+            const qelReading<S> object(owner);
+            object->append(qelUnpack<V>(value));
+        };
+    return shape;
 }
 
 template<class F>
@@ -294,50 +313,66 @@ struct qelFoundValue<unsigned char (S::*)(const char*, V*)>
     using type = V;
 };
 
-// Read through getarraysize(), find(key, out), getkeybyindex(slot, outKey) and getbyindex(slot, out).
+// Read through getarraysize(), find(key, out), getkeybyindex(slot, outKey) and getbyindex(slot, out), filled
+// through set(key, value).
 template<class D>
 constexpr qelShape qelDictionaryShape(unsigned char optional)
 {
     using V = typename qelFoundValue<decltype(&D::find)>::type;
-    return {.kind = qelShape::dictionary,
-            .optional = optional,
-            .elemType = &qelValue<V>::rtti,
-            .size = [](xobject* owner) -> int { return qelReading<D>(owner)->getarraysize(); },
-            .find = [](xobject* owner, const char* key, xany* out) -> unsigned char {
-                const qelReading<D> object(owner);
-                V value{};
-                if (!object->find(key, &value))
-                    return 0;
-                if (out != nullptr)
-                    *out = qelValue<V>::pack(value);
-                return 1;
-            },
-            .keyAt = [](xobject* owner, int index, xstring* outKey) -> unsigned char {
-                return qelReading<D>(owner)->getkeybyindex(index, outKey);
-            },
-            .valueAt = [](xobject* owner, int index, xany* out) -> unsigned char {
-                const qelReading<D> object(owner);
-                V value{};
-                if (!object->getbyindex(index, &value))
-                    return 0;
-                if (out != nullptr)
-                    *out = qelValue<V>::pack(value);
-                return 1;
-            }};
+    qelShape shape{.kind = qelShape::dictionary,
+                   .optional = optional,
+                   .elemType = &qelValue<V>::rtti,
+                   .size = [](xobject* owner) -> int { return qelReading<D>(owner)->getarraysize(); },
+                   .find = [](xobject* owner, const char* key, xany* out) -> unsigned char {
+                       const qelReading<D> object(owner);
+                       V value{};
+                       if (!object->find(key, &value))
+                           return 0;
+                       if (out != nullptr)
+                           *out = qelValue<V>::pack(value);
+                       return 1;
+                   },
+                   .keyAt = [](xobject* owner, int index, xstring* outKey) -> unsigned char {
+                       return qelReading<D>(owner)->getkeybyindex(index, outKey);
+                   },
+                   .valueAt = [](xobject* owner, int index, xany* out) -> unsigned char {
+                       const qelReading<D> object(owner);
+                       V value{};
+                       if (!object->getbyindex(index, &value))
+                           return 0;
+                       if (out != nullptr)
+                           *out = qelValue<V>::pack(value);
+                       return 1;
+                   }};
+    if constexpr (requires(D & d, const char* key, const xany& value) { d.set(key, qelUnpack<V>(value)); })
+        shape.set = [](xobject* owner, const char* key, const xany& value) {
+            const qelReading<D> object(owner);
+            object->set(key, qelUnpack<V>(value));
+        };
+    return shape;
 }
 
-// Read through getelement(indices), one index for each of the table's `dims`.
+// Read through getelement(indices), one index for each of the table's `dims`, and filled through
+// setelement(indices, value).
 template<class A>
 constexpr qelShape qelArrayShape(unsigned char optional)
 {
     using V = std::remove_cvref_t<decltype(std::declval<A&>().getelement(std::declval<int*>()))>;
-    return {.kind = qelShape::array,
-            .optional = optional,
-            .elemType = &qelValue<V>::rtti,
-            .elemAtAll = [](xobject* owner, int* indices) -> xany {
-                const qelReading<A> object(owner);
-                return qelValue<V>::pack(object->getelement(indices));
-            }};
+    qelShape shape{.kind = qelShape::array,
+                   .optional = optional,
+                   .elemType = &qelValue<V>::rtti,
+                   .elemAtAll = [](xobject* owner, int* indices) -> xany {
+                       const qelReading<A> object(owner);
+                       return qelValue<V>::pack(object->getelement(indices));
+                   }};
+    if constexpr (requires(A & a, int* indices, const xany& value) {
+                      a.setelement(indices, qelUnpack<V>(value));
+                  })
+        shape.setelement = [](xobject* owner, int* indices, const xany& value) {
+            const qelReading<A> object(owner);
+            object->setelement(indices, qelUnpack<V>(value));
+        };
+    return shape;
 }
 
 template<class S, unsigned char optional>

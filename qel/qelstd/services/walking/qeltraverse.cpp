@@ -2,13 +2,13 @@
 
 #include <memory>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include <qel/base/thrcancellation.h>
 
 #include "qelcaught_p.h"
+#include "qelcontributions_p.h"
 #include "qeltraverse_p.h"
 #include "xrtti.h"
 #include "xsequence.h"
@@ -95,30 +95,13 @@ auto announce(const View& cls, Use use)
     return use(cls.object, &qelTraverser::beginObject, &qelTraverser::endObject);
 }
 
-/// A class and the contributions that make up its objects: those of its bases, each once and the most basic
-/// one first, and its own.
+/// A class and the contributions that make up its objects.
 struct Class
 {
     explicit Class(xrttiobject* type) : view(type)
     {
-        struct Step
-        {
-            xrttiobject* type;
-            int nextParent;
-        };
-        std::vector<Step> open{{type, 0}};
-        std::unordered_set<xrttiobject*> seen;
-        while (!open.empty()) {
-            Step& step = open.back();
-            if (step.nextParent < step.type->getNParents()) {
-                xrttiobject* const parent = step.type->getParent(step.nextParent++);
-                if (parent != nullptr && seen.insert(parent).second)
-                    open.push_back({parent, 0});
-            } else {
-                contributions.push_back(step.type == type ? view : View(step.type));
-                open.pop_back();
-            }
-        }
+        for (xrttiobject* const part : qelContributions(type))
+            contributions.push_back(part == type ? view : View(part));
     }
 
     View view;
