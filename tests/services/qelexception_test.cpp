@@ -292,6 +292,13 @@ TEST(Rebuilding, RestoresOnlyTransmittedFields)
     EXPECT_TRUE(rebuilt->getDescription() == "as the server put it");
 }
 
+TEST(Rebuilding, IsForClassesThatDeclareIt)
+{
+    EXPECT_EQ(qelClassOf(qelXSoapFault::getClassRtti())->rebuild, &qelRebuildOf<qelXSoapFault>);
+    // Not as its base class, which it would become.
+    EXPECT_EQ(qelClassOf(xportXTimeout::getClassRtti())->rebuild, nullptr);
+}
+
 TEST(Rebuilding, RejectsAValueOfAnotherType)
 {
     const xrchandle<qelXNegativeIndex> rebuilt(new qelXNegativeIndex(-1));

@@ -7,38 +7,22 @@
 
 #include "fserror_p.h"
 #include "fspath_p.h"
-#include "qeltable.h"
+#include "qelexceptionrow_p.h"
 
-constinit qelClass fsXException::rtti = {
-    .name = "filelib::XException",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXExternFunc)},
-    .attrs = {QEL_ATTR(Path, qelOptional)},
-};
-
-#define QEL_FS_EXCEPTION(name_)            \
-    constinit qelClass fs##name_::rtti = { \
-        .name = "filelib::" #name_, .counted = true, .parents = {QEL_PARENT(fsXException)}}
-
-QEL_FS_EXCEPTION(XIOError);
-QEL_FS_EXCEPTION(XQuotaExhausted);
-QEL_FS_EXCEPTION(XDiskFull);
-QEL_FS_EXCEPTION(XInvalidName);
-QEL_FS_EXCEPTION(XInvalidPath);
-QEL_FS_EXCEPTION(XDoesNotExist);
-QEL_FS_EXCEPTION(XFileExists);
-QEL_FS_EXCEPTION(XLinksNotSupported);
-QEL_FS_EXCEPTION(XNoPermission);
-QEL_FS_EXCEPTION(XSignal);
-QEL_FS_EXCEPTION(XOther);
+QEL_EXCEPTION(fsXException, qelXExternFunc, "filelib::XException", qelCounted, QEL_ATTR(Path, qelOptional));
+QEL_EXCEPTION(fsXIOError, fsXException, "filelib::XIOError", qelCounted);
+QEL_EXCEPTION(fsXQuotaExhausted, fsXException, "filelib::XQuotaExhausted", qelCounted);
+QEL_EXCEPTION(fsXDiskFull, fsXException, "filelib::XDiskFull", qelCounted);
+QEL_EXCEPTION(fsXInvalidName, fsXException, "filelib::XInvalidName", qelCounted);
+QEL_EXCEPTION(fsXInvalidPath, fsXException, "filelib::XInvalidPath", qelCounted);
+QEL_EXCEPTION(fsXDoesNotExist, fsXException, "filelib::XDoesNotExist", qelCounted);
+QEL_EXCEPTION(fsXFileExists, fsXException, "filelib::XFileExists", qelCounted);
+QEL_EXCEPTION(fsXLinksNotSupported, fsXException, "filelib::XLinksNotSupported", qelCounted);
+QEL_EXCEPTION(fsXNoPermission, fsXException, "filelib::XNoPermission", qelCounted);
+QEL_EXCEPTION(fsXSignal, fsXException, "filelib::XSignal", qelCounted);
+QEL_EXCEPTION(fsXOther, fsXException, "filelib::XOther", qelCounted);
 
 namespace {
-
-template<class X>
-[[noreturn]] void throwNew(const char* path, const char* text, qelXFunc* func)
-{
-    qelThrowNew<X>(path, text, func);
-}
 
 struct ErrorRow
 {
@@ -50,18 +34,17 @@ struct ErrorRow
 
 constexpr ErrorRow errors[] = {
     {fsSuccess, "Success", ERROR_SUCCESS, nullptr},
-    {fsIOError, "IO Error", ERROR_IO_DEVICE, &throwNew<fsXIOError>},
-    {fsQuotaExhausted, "Quota Exhausted", ERROR_NOT_ENOUGH_QUOTA, &throwNew<fsXQuotaExhausted>},
-    {fsDiskFull, "Disk Full", ERROR_DISK_FULL, &throwNew<fsXDiskFull>},
-    {fsInvalidName, "Invalid file name", ERROR_INVALID_NAME, &throwNew<fsXInvalidName>},
-    {fsInvalidPath, "Invalid path", ERROR_BAD_PATHNAME, &throwNew<fsXInvalidPath>},
-    {fsDoesNotExist, "File or directory does not exist", ERROR_FILE_NOT_FOUND, &throwNew<fsXDoesNotExist>},
-    {fsFileExists, "File exists", ERROR_FILE_EXISTS, &throwNew<fsXFileExists>},
-    {fsLinksNotSupported, "Symbolic links not supported", ERROR_NOT_SUPPORTED,
-     &throwNew<fsXLinksNotSupported>},
-    {fsNoPermission, "Permission Denied", ERROR_ACCESS_DENIED, &throwNew<fsXNoPermission>},
-    {fsSignal, "Signal caught", ERROR_OPERATION_ABORTED, &throwNew<fsXSignal>},
-    {fsOther, "Internal error", ERROR_INVALID_PARAMETER, &throwNew<fsXOther>},
+    {fsIOError, "IO Error", ERROR_IO_DEVICE, &fsXIOError::Throw},
+    {fsQuotaExhausted, "Quota Exhausted", ERROR_NOT_ENOUGH_QUOTA, &fsXQuotaExhausted::Throw},
+    {fsDiskFull, "Disk Full", ERROR_DISK_FULL, &fsXDiskFull::Throw},
+    {fsInvalidName, "Invalid file name", ERROR_INVALID_NAME, &fsXInvalidName::Throw},
+    {fsInvalidPath, "Invalid path", ERROR_BAD_PATHNAME, &fsXInvalidPath::Throw},
+    {fsDoesNotExist, "File or directory does not exist", ERROR_FILE_NOT_FOUND, &fsXDoesNotExist::Throw},
+    {fsFileExists, "File exists", ERROR_FILE_EXISTS, &fsXFileExists::Throw},
+    {fsLinksNotSupported, "Symbolic links not supported", ERROR_NOT_SUPPORTED, &fsXLinksNotSupported::Throw},
+    {fsNoPermission, "Permission Denied", ERROR_ACCESS_DENIED, &fsXNoPermission::Throw},
+    {fsSignal, "Signal caught", ERROR_OPERATION_ABORTED, &fsXSignal::Throw},
+    {fsOther, "Internal error", ERROR_INVALID_PARAMETER, &fsXOther::Throw},
 };
 
 struct PlatformRow
@@ -102,8 +85,9 @@ constexpr PlatformRow platformErrors[] = {
 } // namespace
 
 fsXException::fsXException(const char* path, const char* description, qelXFunc* func)
-    : qelXExternFunc(description, func), Path(path), platformError(GetLastError())
+    : Path(path), platformError(GetLastError())
 {
+    describe(description, func);
 }
 
 fsXException* fsXException::Create(const char* path, const char* description, qelXFunc* func)

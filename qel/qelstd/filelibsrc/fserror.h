@@ -35,28 +35,25 @@ private:
     unsigned platformError;
 };
 
-#define QEL_FS_EXCEPTION(C)                                                            \
-    class QEL_API C : public virtual fsXException                                      \
-    {                                                                                  \
-        QEL_OBJECT(C);                                                                 \
-                                                                                       \
-    public:                                                                            \
-        C(const char* path, const char* description, qelXFunc* func)                   \
-            : qelXExternFunc(description, func), fsXException(path, description, func) \
-        {                                                                              \
-        }                                                                              \
-    }
-
-QEL_FS_EXCEPTION(fsXIOError);           // "IO Error"
-QEL_FS_EXCEPTION(fsXQuotaExhausted);    // "Quota Exhausted"
-QEL_FS_EXCEPTION(fsXDiskFull);          // "Disk Full"
-QEL_FS_EXCEPTION(fsXInvalidName);       // "Invalid file name"
-QEL_FS_EXCEPTION(fsXInvalidPath);       // "Invalid path"
-QEL_FS_EXCEPTION(fsXDoesNotExist);      // "File or directory does not exist"
-QEL_FS_EXCEPTION(fsXFileExists);        // "File exists"
-QEL_FS_EXCEPTION(fsXLinksNotSupported); // "Symbolic links not supported"
-QEL_FS_EXCEPTION(fsXNoPermission);      // "Permission Denied"
-QEL_FS_EXCEPTION(fsXSignal);            // "Signal caught"
-QEL_FS_EXCEPTION(fsXOther);             // "Internal error"
-
-#undef QEL_FS_EXCEPTION
+/// "IO Error"
+QEL_FAILURE(fsXIOError, fsXException);
+/// "Quota Exhausted"
+QEL_FAILURE(fsXQuotaExhausted, fsXException);
+/// "Disk Full"
+QEL_FAILURE(fsXDiskFull, fsXException);
+/// "Invalid file name"
+QEL_FAILURE(fsXInvalidName, fsXException);
+/// "Invalid path"
+QEL_FAILURE(fsXInvalidPath, fsXException);
+/// "File or directory does not exist"
+QEL_FAILURE(fsXDoesNotExist, fsXException);
+/// "File exists"
+QEL_FAILURE(fsXFileExists, fsXException);
+/// "Symbolic links not supported"
+QEL_FAILURE(fsXLinksNotSupported, fsXException);
+/// "Permission Denied"
+QEL_FAILURE(fsXNoPermission, fsXException);
+/// "Signal caught"
+QEL_FAILURE(fsXSignal, fsXException);
+/// "Internal error"
+QEL_FAILURE(fsXOther, fsXException);

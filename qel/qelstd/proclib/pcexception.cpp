@@ -3,7 +3,7 @@
 #include <qel/base/btksystem.h>
 
 #include "pcprocess.h"
-#include "qeltable.h"
+#include "qelexceptionrow_p.h"
 
 QEL_LABELS(pcCreateError, "proclib::CreateError", pcBadIn, pcBadOut, pcBadErr, pcTooLongArgs, pcFileNotFound,
            pcCantExecute, pcNoMemory, pcBadWorkDir, pcBadProcessId);
@@ -13,17 +13,8 @@ constinit qelClass pcXException::rtti = {
     .attrs = {QEL_ATTR(Msg, qelOptional)},
 };
 
-constinit qelClass pcXCreate::rtti = {
-    .name = "proclib::XCreate",
-    .parents = {QEL_PARENT(pcXException)},
-    .attrs = {QEL_ATTR(Error)},
-};
-
-constinit qelClass pcXProcess::rtti = {
-    .name = "proclib::XProcess",
-    .parents = {QEL_PARENT(pcXException)},
-    .attrs = {QEL_ATTR(Process)},
-};
+QEL_EXCEPTION(pcXCreate, pcXException, "proclib::XCreate", qelNotCounted, QEL_ATTR(Error));
+QEL_EXCEPTION(pcXProcess, pcXException, "proclib::XProcess", qelNotCounted, QEL_ATTR(Process));
 
 xstring pcXException::getMsg()
 {
@@ -36,7 +27,7 @@ pcXCreate::pcXCreate(pcCreateError error, unsigned long systemError) : Error(err
 
 void pcXCreate::Throw(pcCreateError error, unsigned long systemError)
 {
-    xthrow(xrcunihandle<xthrowable>(new (pDefMemMgr) pcXCreate(error, systemError)));
+    qelThrowNew<self>(error, systemError);
 }
 
 xstring pcXCreate::getMsg()

@@ -1,6 +1,6 @@
 #include "rshexception.h"
 
-#include "qeltable.h"
+#include "qelexceptionrow_p.h"
 
 QEL_LABELS(rshError, "rshlib::Error", rshNoDaemon, rshNoNameService, rshNoPermission, rshProtocolMismatch,
            rshDaemonError);
@@ -10,21 +10,9 @@ constinit qelClass rshXException::rtti = {
     .attrs = {QEL_ATTR(Error), QEL_ATTR(Msg, qelOptional)},
 };
 
-constinit qelClass rshXProcess::rtti = {
-    .name = "rshlib::XProcess",
-    .parents = {QEL_PARENT(rshXException)},
-    .attrs = {QEL_ATTR(CreateError)},
-};
-
-constinit qelClass rshXServer::rtti = {
-    .name = "rshlib::XServer",
-    .parents = {QEL_PARENT(rshXException)},
-};
-
-constinit qelClass rshXConnection::rtti = {
-    .name = "rshlib::XConnection",
-    .parents = {QEL_PARENT(rshXException)},
-};
+QEL_EXCEPTION(rshXProcess, rshXException, "rshlib::XProcess", qelNotCounted, QEL_ATTR(CreateError));
+QEL_EXCEPTION(rshXServer, rshXException, "rshlib::XServer", qelNotCounted);
+QEL_EXCEPTION(rshXConnection, rshXException, "rshlib::XConnection", qelNotCounted);
 
 xstring rshXException::getMsg()
 {
@@ -50,7 +38,7 @@ rshXProcess::rshXProcess(rshError error, pcCreateError createError, const char* 
 
 void rshXProcess::Throw(rshError error, pcCreateError createError, const char* text)
 {
-    xthrow(xrcunihandle<xthrowable>(new (pDefMemMgr) rshXProcess(error, createError, text)));
+    qelThrowNew<self>(error, createError, text);
 }
 
 xstring rshXProcess::getMsgImpl()

@@ -2,61 +2,20 @@
 
 #include <string>
 
-#include "qeltable.h"
+#include "qelexceptionrow_p.h"
 #include "recnms.h"
 #include "xiolib.h"
 
-constinit qelClass nmsXException::rtti = {
-    .name = "nmsclib::XException",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXExternFunc)},
-};
-
-constinit qelClass nmsXCantConnectLocal::rtti = {
-    .name = "nmsclib::XCantConnectLocal",
-    .counted = true,
-    .parents = {QEL_PARENT(nmsXException)},
-};
-
-constinit qelClass nmsXCantConnectByName::rtti = {
-    .name = "nmsclib::XCantConnectByName",
-    .counted = true,
-    .parents = {QEL_PARENT(nmsXException)},
-    .attrs = {QEL_ATTR(ServerName)},
-};
-
-constinit qelClass nmsXCantRegisterRecord::rtti = {
-    .name = "nmsclib::XCantRegisterRecord",
-    .counted = true,
-    .parents = {QEL_PARENT(nmsXException)},
-    .attrs = {QEL_ATTR(Record)},
-};
-
-constinit qelClass nmsXCantDelete::rtti = {
-    .name = "nmsclib::XCantDelete",
-    .counted = true,
-    .parents = {QEL_PARENT(nmsXException)},
-    .attrs = {QEL_ATTR(Template)},
-};
-
-constinit qelClass nmsXCantQuery::rtti = {
-    .name = "nmsclib::XCantQuery",
-    .counted = true,
-    .parents = {QEL_PARENT(nmsXException)},
-    .attrs = {QEL_ATTR(Template)},
-};
-
-constinit qelClass nmsXCantShutdown::rtti = {
-    .name = "nmsclib::XCantShutdown",
-    .counted = true,
-    .parents = {QEL_PARENT(nmsXException)},
-};
-
-constinit qelClass nmsXCantGetVersion::rtti = {
-    .name = "nmsclib::XCantGetVersion",
-    .counted = true,
-    .parents = {QEL_PARENT(nmsXException)},
-};
+QEL_EXCEPTION(nmsXException, qelXExternFunc, "nmsclib::XException", qelCounted);
+QEL_EXCEPTION(nmsXCantConnectLocal, nmsXException, "nmsclib::XCantConnectLocal", qelCounted);
+QEL_EXCEPTION(nmsXCantConnectByName, nmsXException, "nmsclib::XCantConnectByName", qelCounted,
+              QEL_ATTR(ServerName));
+QEL_EXCEPTION(nmsXCantRegisterRecord, nmsXException, "nmsclib::XCantRegisterRecord", qelCounted,
+              QEL_ATTR(Record));
+QEL_EXCEPTION(nmsXCantDelete, nmsXException, "nmsclib::XCantDelete", qelCounted, QEL_ATTR(Template));
+QEL_EXCEPTION(nmsXCantQuery, nmsXException, "nmsclib::XCantQuery", qelCounted, QEL_ATTR(Template));
+QEL_EXCEPTION(nmsXCantShutdown, nmsXException, "nmsclib::XCantShutdown", qelCounted);
+QEL_EXCEPTION(nmsXCantGetVersion, nmsXException, "nmsclib::XCantGetVersion", qelCounted);
 
 namespace {
 
@@ -79,133 +38,64 @@ xstring TextOf(nmsRecord* record)
 
 } // namespace
 
-nmsXException::nmsXException(const char* description, qelXFunc* func) : qelXExternFunc(description, func)
+nmsXException::nmsXException(const char* description, qelXFunc* func)
+    : nmsXException(description, func, nullptr, nullptr)
 {
+}
+
+nmsXException::nmsXException(const char* description, qelXFunc* func, const char* label, const xstring& value)
+    : valueLabel(label), shownValue(value)
+{
+    describe(description, func);
 }
 
 void nmsXException::Throw(const char* description, qelXFunc* func)
 {
-    qelThrowNew<nmsXException>(description, func);
+    qelThrowNew<self>(description, func);
 }
 
 void nmsXException::Print(std::ostream& os)
 {
     PrintHead(os);
-}
-
-nmsXCantConnectLocal::nmsXCantConnectLocal(const char* description, qelXFunc* func)
-    : qelXExternFunc(description, func), nmsXException(description, func)
-{
-}
-
-void nmsXCantConnectLocal::Throw(const char* description, qelXFunc* func)
-{
-    qelThrowNew<nmsXCantConnectLocal>(description, func);
+    PrintValue(os, valueLabel, shownValue);
 }
 
 nmsXCantConnectByName::nmsXCantConnectByName(const char* description, qelXFunc* func, const char* serverName)
-    : qelXExternFunc(description, func), nmsXException(description, func), ServerName(serverName)
+    : nmsXException(description, func, "Server", serverName), ServerName(serverName)
 {
 }
 
 void nmsXCantConnectByName::Throw(const char* description, qelXFunc* func, const char* serverName)
 {
-    qelThrowNew<nmsXCantConnectByName>(description, func, serverName);
-}
-
-void nmsXCantConnectByName::Print(std::ostream& os)
-{
-    nmsXException::Print(os);
-    PrintValue(os, "Server", ServerName);
-}
-
-xstring nmsXCantConnectByName::getServerName()
-{
-    return ServerName;
+    qelThrowNew<self>(description, func, serverName);
 }
 
 nmsXCantRegisterRecord::nmsXCantRegisterRecord(const char* description, qelXFunc* func, nmsRecord* record)
-    : qelXExternFunc(description, func), nmsXException(description, func), Record(record),
-      text(TextOf(record))
+    : nmsXException(description, func, "Record", TextOf(record)), Record(record)
 {
 }
 
 void nmsXCantRegisterRecord::Throw(const char* description, qelXFunc* func, nmsRecord* record)
 {
-    qelThrowNew<nmsXCantRegisterRecord>(description, func, record);
-}
-
-void nmsXCantRegisterRecord::Print(std::ostream& os)
-{
-    nmsXException::Print(os);
-    PrintValue(os, "Record", text);
-}
-
-nmsRecord* nmsXCantRegisterRecord::getRecord()
-{
-    return Record;
+    qelThrowNew<self>(description, func, record);
 }
 
 nmsXCantDelete::nmsXCantDelete(const char* description, qelXFunc* func, nmsRecord* pattern)
-    : qelXExternFunc(description, func), nmsXException(description, func), Template(pattern),
-      text(TextOf(pattern))
+    : nmsXException(description, func, "Template", TextOf(pattern)), Template(pattern)
 {
 }
 
 void nmsXCantDelete::Throw(const char* description, qelXFunc* func, nmsRecord* pattern)
 {
-    qelThrowNew<nmsXCantDelete>(description, func, pattern);
-}
-
-void nmsXCantDelete::Print(std::ostream& os)
-{
-    nmsXException::Print(os);
-    PrintValue(os, "Template", text);
-}
-
-nmsRecord* nmsXCantDelete::getTemplate()
-{
-    return Template;
+    qelThrowNew<self>(description, func, pattern);
 }
 
 nmsXCantQuery::nmsXCantQuery(const char* description, qelXFunc* func, nmsRecord* pattern)
-    : qelXExternFunc(description, func), nmsXException(description, func), Template(pattern),
-      text(TextOf(pattern))
+    : nmsXException(description, func, "Template", TextOf(pattern)), Template(pattern)
 {
 }
 
 void nmsXCantQuery::Throw(const char* description, qelXFunc* func, nmsRecord* pattern)
 {
-    qelThrowNew<nmsXCantQuery>(description, func, pattern);
-}
-
-void nmsXCantQuery::Print(std::ostream& os)
-{
-    nmsXException::Print(os);
-    PrintValue(os, "Template", text);
-}
-
-nmsRecord* nmsXCantQuery::getTemplate()
-{
-    return Template;
-}
-
-nmsXCantShutdown::nmsXCantShutdown(const char* description, qelXFunc* func)
-    : qelXExternFunc(description, func), nmsXException(description, func)
-{
-}
-
-void nmsXCantShutdown::Throw(const char* description, qelXFunc* func)
-{
-    qelThrowNew<nmsXCantShutdown>(description, func);
-}
-
-nmsXCantGetVersion::nmsXCantGetVersion(const char* description, qelXFunc* func)
-    : qelXExternFunc(description, func), nmsXException(description, func)
-{
-}
-
-void nmsXCantGetVersion::Throw(const char* description, qelXFunc* func)
-{
-    qelThrowNew<nmsXCantGetVersion>(description, func);
+    qelThrowNew<self>(description, func, pattern);
 }

@@ -19,94 +19,61 @@ public:
     nmsXException(const char* description, qelXFunc* func);
     [[noreturn]] static void Throw(const char* description, qelXFunc* func);
 
-    /// Writes the description, the function and the subclass's fields, a line each.
+    /// Writes the description, the function and the value of the subclass, a line each.
     virtual void Print(std::ostream& os);
+
+protected:
+    /// Print writes `value`, unless it is null, under the name `label`, which must outlive the exception.
+    nmsXException(const char* description, qelXFunc* func, const char* label, const xstring& value);
+
+private:
+    const char* valueLabel;
+    xstring shownValue;
 };
 
 /// "Can't connect locally"
-class QEL_API nmsXCantConnectLocal : public virtual nmsXException
-{
-    QEL_OBJECT(nmsXCantConnectLocal); // "nmsclib::XCantConnectLocal"
-
-public:
-    nmsXCantConnectLocal(const char* description, qelXFunc* func);
-    [[noreturn]] static void Throw(const char* description, qelXFunc* func);
-};
+QEL_FAILURE(nmsXCantConnectLocal, nmsXException);
 
 /// "ERROR  : can't connect by name"
 class QEL_API nmsXCantConnectByName : public virtual nmsXException
 {
     QEL_OBJECT(nmsXCantConnectByName); // "nmsclib::XCantConnectByName"
+    QEL_FIELD(xstring, ServerName);
 
 public:
     nmsXCantConnectByName(const char* description, qelXFunc* func, const char* serverName);
     [[noreturn]] static void Throw(const char* description, qelXFunc* func, const char* serverName);
-    xstring getServerName();
-    void Print(std::ostream& os) override;
-
-private:
-    xstring ServerName;
 };
 
 class QEL_API nmsXCantRegisterRecord : public virtual nmsXException
 {
     QEL_OBJECT(nmsXCantRegisterRecord); // "nmsclib::XCantRegisterRecord"
+    QEL_FIELD(nmsRecord*, Record);
 
 public:
     nmsXCantRegisterRecord(const char* description, qelXFunc* func, nmsRecord* record);
     [[noreturn]] static void Throw(const char* description, qelXFunc* func, nmsRecord* record);
-    nmsRecord* getRecord();
-    void Print(std::ostream& os) override;
-
-private:
-    nmsRecord* Record;
-    xstring text; // of its fields
 };
 
 class QEL_API nmsXCantDelete : public virtual nmsXException
 {
     QEL_OBJECT(nmsXCantDelete); // "nmsclib::XCantDelete"
+    QEL_FIELD(nmsRecord*, Template);
 
 public:
     nmsXCantDelete(const char* description, qelXFunc* func, nmsRecord* pattern);
     [[noreturn]] static void Throw(const char* description, qelXFunc* func, nmsRecord* pattern);
-    nmsRecord* getTemplate();
-    void Print(std::ostream& os) override;
-
-private:
-    nmsRecord* Template;
-    xstring text; // of its fields
 };
 
 class QEL_API nmsXCantQuery : public virtual nmsXException
 {
     QEL_OBJECT(nmsXCantQuery); // "nmsclib::XCantQuery"
+    QEL_FIELD(nmsRecord*, Template);
 
 public:
     nmsXCantQuery(const char* description, qelXFunc* func, nmsRecord* pattern);
     [[noreturn]] static void Throw(const char* description, qelXFunc* func, nmsRecord* pattern);
-    nmsRecord* getTemplate();
-    void Print(std::ostream& os) override;
-
-private:
-    nmsRecord* Template;
-    xstring text; // of its fields
 };
 
-class QEL_API nmsXCantShutdown : public virtual nmsXException
-{
-    QEL_OBJECT(nmsXCantShutdown); // "nmsclib::XCantShutdown"
-
-public:
-    nmsXCantShutdown(const char* description, qelXFunc* func);
-    [[noreturn]] static void Throw(const char* description, qelXFunc* func);
-};
-
-class QEL_API nmsXCantGetVersion : public virtual nmsXException
-{
-    QEL_OBJECT(nmsXCantGetVersion); // "nmsclib::XCantGetVersion"
-
-public:
-    nmsXCantGetVersion(const char* description, qelXFunc* func);
-    [[noreturn]] static void Throw(const char* description, qelXFunc* func);
-};
+QEL_FAILURE(nmsXCantShutdown, nmsXException);
+QEL_FAILURE(nmsXCantGetVersion, nmsXException);

@@ -1,61 +1,33 @@
 #include "sysexception.h"
 
 #include <iostream>
+#include <iterator>
 
-#include "qeltable.h"
+#include "qelexceptionrow_p.h"
 
-constinit qelClass sysXException::rtti = {
-    .name = "syslib::XException",
-    .parents = {QEL_PARENT(qelXExternFunc)},
-};
-
-constinit qelClass sysXCantGetHostName::rtti = {
-    .name = "syslib::XCantGetHostName",
-    .parents = {QEL_PARENT(sysXException)},
-};
-
-constinit qelClass sysXCantGetUserName::rtti = {
-    .name = "syslib::XCantGetUserName",
-    .parents = {QEL_PARENT(sysXException)},
-};
-
-constinit qelClass sysXCantPutEnv::rtti = {
-    .name = "syslib::XCantPutEnv",
-    .parents = {QEL_PARENT(sysXException)},
-    .attrs = {QEL_ATTR(Var)},
-};
+QEL_EXCEPTION(sysXException, qelXExternFunc, "syslib::XException", qelNotCounted);
+QEL_EXCEPTION(sysXCantGetHostName, sysXException, "syslib::XCantGetHostName", qelNotCounted);
+QEL_EXCEPTION(sysXCantGetUserName, sysXException, "syslib::XCantGetUserName", qelNotCounted);
+QEL_EXCEPTION(sysXCantPutEnv, sysXException, "syslib::XCantPutEnv", qelNotCounted, QEL_ATTR(Var));
 
 namespace {
 
-template<class X>
-sysXException* create(const char* text, qelXFunc* func, const char*)
+// By sysErrorCode.
+constexpr const char* texts[] = {"Can't get host name", "Can't get user name",
+                                 "Can't set environment variable", "Internal error"};
+
+template<class X, class... Values>
+void print(sysErrorCode code, const char* function, Values... values)
 {
-    return new (pDefMemMgr) X(text, func);
+    const xrchandle<qelXFunc> func(new (pDefMemMgr) qelXFunc(function));
+    X(texts[code], func.get(), values...).Print(std::cerr);
 }
-
-sysXException* createPutEnv(const char* text, qelXFunc* func, const char* var)
-{
-    return new (pDefMemMgr) sysXCantPutEnv(text, func, var);
-}
-
-struct ErrorRow
-{
-    sysErrorCode code;
-    const char* text;
-    sysXException* (*create)(const char* text, qelXFunc* func, const char* var);
-};
-
-constexpr ErrorRow errors[] = {
-    {sysCantGetHostName, "Can't get host name", &create<sysXCantGetHostName>},
-    {sysCantGetUserName, "Can't get user name", &create<sysXCantGetUserName>},
-    {sysCantPutEnv, "Can't set environment variable", &createPutEnv},
-    {sysInternalError, "Internal error", nullptr},
-};
 
 } // namespace
 
-sysXException::sysXException(const char* description, qelXFunc* func) : qelXExternFunc(description, func)
+sysXException::sysXException(const char* description, qelXFunc* func)
 {
+    describe(description, func);
 }
 
 void sysXException::Print(std::ostream& os)
@@ -63,18 +35,8 @@ void sysXException::Print(std::ostream& os)
     PrintHead(os);
 }
 
-sysXCantGetHostName::sysXCantGetHostName(const char* description, qelXFunc* func)
-    : qelXExternFunc(description, func), sysXException(description, func)
-{
-}
-
-sysXCantGetUserName::sysXCantGetUserName(const char* description, qelXFunc* func)
-    : qelXExternFunc(description, func), sysXException(description, func)
-{
-}
-
 sysXCantPutEnv::sysXCantPutEnv(const char* description, qelXFunc* func, const char* var)
-    : qelXExternFunc(description, func), sysXException(description, func), Var(var)
+    : sysXException(description, func), Var(var)
 {
 }
 
@@ -91,20 +53,19 @@ xstring sysXCantPutEnv::getVar()
 
 const char* sysGetDescription(int code)
 {
-    for (const ErrorRow& row : errors)
-        if (row.code == code)
-            return row.text;
-    return "No description";
+    return code >= 0 && code < std::ssize(texts) ? texts[code] : "No description";
 }
 
 void sysHandleKnownError(sysErrorCode code, const char* function, const char* var)
 {
-    for (const ErrorRow& row : errors) {
-        if (row.code != code || row.create == nullptr)
-            continue;
-        sysXException* const failure =
-            row.create(row.text, xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get(), var);
-        failure->Print(std::cerr);
-        xdelete(failure);
+    switch (code) {
+    case sysCantGetHostName:
+        return print<sysXCantGetHostName>(code, function);
+    case sysCantGetUserName:
+        return print<sysXCantGetUserName>(code, function);
+    case sysCantPutEnv:
+        return print<sysXCantPutEnv>(code, function, var);
+    case sysInternalError:
+        break;
     }
 }

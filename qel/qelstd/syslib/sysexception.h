@@ -16,22 +16,9 @@ public:
 };
 
 /// "Can't get host name"
-class QEL_API sysXCantGetHostName : public virtual sysXException
-{
-    QEL_OBJECT(sysXCantGetHostName); // "syslib::XCantGetHostName"
-
-public:
-    sysXCantGetHostName(const char* description, qelXFunc* func);
-};
-
+QEL_FAILURE(sysXCantGetHostName, sysXException);
 /// "Can't get user name"
-class QEL_API sysXCantGetUserName : public virtual sysXException
-{
-    QEL_OBJECT(sysXCantGetUserName); // "syslib::XCantGetUserName"
-
-public:
-    sysXCantGetUserName(const char* description, qelXFunc* func);
-};
+QEL_FAILURE(sysXCantGetUserName, sysXException);
 
 /// "Can't set environment variable"
 class QEL_API sysXCantPutEnv : public virtual sysXException

@@ -2,35 +2,20 @@
 
 #include <ostream>
 
-#include "qeltable.h"
+#include "qelexceptionrow_p.h"
 #include "tmtime.h"
 
-constinit qelClass tmXException::rtti = {
-    .name = "timelib::XException",
-    .parents = {QEL_PARENT(qelXExternFunc)},
-};
+QEL_EXCEPTION(tmXException, qelXExternFunc, "timelib::XException", qelNotCounted);
+QEL_EXCEPTION(tmXInvalTimeString, tmXException, "timelib::XInvalTimeString", qelNotCounted,
+              QEL_ATTR(InvalString), QEL_ATTR(Format));
+QEL_EXCEPTION(tmXCantMakeTime, tmXException, "timelib::XCantMakeTime", qelNotCounted, QEL_ATTR(Year),
+              QEL_ATTR(Month), QEL_ATTR(DayOfMonth), QEL_ATTR(Hour), QEL_ATTR(Minute), QEL_ATTR(Second));
+QEL_EXCEPTION(tmXCantMakeTimeString, tmXException, "timelib::XCantMakeTimeString", qelNotCounted,
+              QEL_ATTR(Time), QEL_ATTR(Format));
 
-constinit qelClass tmXInvalTimeString::rtti = {
-    .name = "timelib::XInvalTimeString",
-    .parents = {QEL_PARENT(tmXException)},
-    .attrs = {QEL_ATTR(InvalString), QEL_ATTR(Format)},
-};
-
-constinit qelClass tmXCantMakeTime::rtti = {
-    .name = "timelib::XCantMakeTime",
-    .parents = {QEL_PARENT(tmXException)},
-    .attrs = {QEL_ATTR(Year), QEL_ATTR(Month), QEL_ATTR(DayOfMonth), QEL_ATTR(Hour), QEL_ATTR(Minute),
-              QEL_ATTR(Second)},
-};
-
-constinit qelClass tmXCantMakeTimeString::rtti = {
-    .name = "timelib::XCantMakeTimeString",
-    .parents = {QEL_PARENT(tmXException)},
-    .attrs = {QEL_ATTR(Time), QEL_ATTR(Format)},
-};
-
-tmXException::tmXException(const char* description, qelXFunc* func) : qelXExternFunc(description, func)
+tmXException::tmXException(const char* description, qelXFunc* func)
 {
+    describe(description, func);
 }
 
 void tmXException::Print(std::ostream& os)
@@ -40,8 +25,7 @@ void tmXException::Print(std::ostream& os)
 
 tmXInvalTimeString::tmXInvalTimeString(const char* description, qelXFunc* func, const char* invalString,
                                        const char* format)
-    : qelXExternFunc(description, func), tmXException(description, func), InvalString(invalString),
-      Format(format)
+    : tmXException(description, func), InvalString(invalString), Format(format)
 {
 }
 
@@ -52,20 +36,10 @@ void tmXInvalTimeString::Print(std::ostream& os)
        << std::endl;
 }
 
-xstring tmXInvalTimeString::getInvalString()
-{
-    return InvalString;
-}
-
-xstring tmXInvalTimeString::getFormat()
-{
-    return Format;
-}
-
 tmXCantMakeTime::tmXCantMakeTime(const char* description, qelXFunc* func, int year, int month, int dayOfMonth,
                                  int hour, int minute, int second)
-    : qelXExternFunc(description, func), tmXException(description, func), Year(year), Month(month),
-      DayOfMonth(dayOfMonth), Hour(hour), Minute(minute), Second(second)
+    : tmXException(description, func), Year(year), Month(month), DayOfMonth(dayOfMonth), Hour(hour),
+      Minute(minute), Second(second)
 {
 }
 
@@ -82,39 +56,9 @@ void tmXCantMakeTime::Print(std::ostream& os)
         os << "\t( " << label << ": \"" << value << "\" )" << std::endl;
 }
 
-int tmXCantMakeTime::getYear()
-{
-    return Year;
-}
-
-int tmXCantMakeTime::getMonth()
-{
-    return Month;
-}
-
-int tmXCantMakeTime::getDayOfMonth()
-{
-    return DayOfMonth;
-}
-
-int tmXCantMakeTime::getHour()
-{
-    return Hour;
-}
-
-int tmXCantMakeTime::getMinute()
-{
-    return Minute;
-}
-
-int tmXCantMakeTime::getSecond()
-{
-    return Second;
-}
-
 tmXCantMakeTimeString::tmXCantMakeTimeString(const char* description, qelXFunc* func, const char* format,
                                              tmTime* time)
-    : qelXExternFunc(description, func), tmXException(description, func), Format(format),
+    : tmXException(description, func), Format(format),
       Time(qelIsObject(time) ? new (pDefMemMgr) tmTime(static_cast<long>(time->getAbsTime())) : nullptr)
 {
 }
@@ -131,14 +75,4 @@ void tmXCantMakeTimeString::Print(std::ostream& os)
     if (Time != nullptr)
         os << Time->getAbsTime();
     os << "\" given the format string: \"" << Format << "\" )" << std::endl;
-}
-
-tmTime* tmXCantMakeTimeString::getTime()
-{
-    return Time;
-}
-
-xstring tmXCantMakeTimeString::getFormat()
-{
-    return Format;
 }

@@ -22,61 +22,42 @@ public:
 class QEL_API tmXInvalTimeString : public virtual tmXException
 {
     QEL_OBJECT(tmXInvalTimeString); // "timelib::XInvalTimeString"
+    QEL_FIELD(xstring, InvalString);
+    QEL_FIELD(xstring, Format);
 
 public:
     tmXInvalTimeString(const char* description, qelXFunc* func, const char* invalString, const char* format);
     void Print(std::ostream& os) override;
-
-    xstring getInvalString();
-    xstring getFormat();
-
-private:
-    xstring InvalString;
-    xstring Format;
 };
 
 /// "Cannot make valid time object"
 class QEL_API tmXCantMakeTime : public virtual tmXException
 {
     QEL_OBJECT(tmXCantMakeTime); // "timelib::XCantMakeTime"
+    QEL_FIELD(int, Year);
+    QEL_FIELD(int, Month);
+    QEL_FIELD(int, DayOfMonth);
+    QEL_FIELD(int, Hour);
+    QEL_FIELD(int, Minute);
+    QEL_FIELD(int, Second);
 
 public:
     tmXCantMakeTime(const char* description, qelXFunc* func, int year, int month, int dayOfMonth, int hour,
                     int minute, int second);
     void Print(std::ostream& os) override;
-
-    int getYear();
-    int getMonth();
-    int getDayOfMonth();
-    int getHour();
-    int getMinute();
-    int getSecond();
-
-private:
-    int Year;
-    int Month;
-    int DayOfMonth;
-    int Hour;
-    int Minute;
-    int Second;
 };
 
 /// "Cannot make valid time string object from giventime object"
 class QEL_API tmXCantMakeTimeString : public virtual tmXException
 {
     QEL_OBJECT(tmXCantMakeTimeString); // "timelib::XCantMakeTimeString"
+    QEL_FIELD(xstring, Format);
+    /// Valid during the exception's lifetime.
+    QEL_FIELD(tmTime*, Time);
 
 public:
     /// Keeps a copy of `time`, which may be null.
     tmXCantMakeTimeString(const char* description, qelXFunc* func, const char* format, tmTime* time);
     ~tmXCantMakeTimeString() override;
     void Print(std::ostream& os) override;
-
-    /// Valid during the exception's lifetime.
-    tmTime* getTime();
-    xstring getFormat();
-
-private:
-    xstring Format;
-    tmTime* Time;
 };

@@ -2,18 +2,9 @@
 
 #include <ostream>
 
-#include "qelexceptiontext_p.h"
-#include "qeltable.h"
+#include "qelexceptionrow_p.h"
 
 // ---- tables
-
-/// The table of a class of this library, with its parent, its registered name and its attributes.
-#define QEL_EXCEPTION(T, Parent, registeredName, ...)              \
-    constinit qelClass T::rtti = {.name = registeredName,          \
-                                  .counted = true,                 \
-                                  .parents = {QEL_PARENT(Parent)}, \
-                                  .attrs = {__VA_ARGS__},          \
-                                  .rebuild = &qelRebuildOf<self>}
 
 constinit qelClass qelXException::rtti = {
     .name = "qellib::XException",
@@ -35,26 +26,28 @@ constinit qelClass qelXFunc::rtti = {
     .rebuild = &qelRebuildOf<self>,
 };
 
-QEL_EXCEPTION(qelXExternFunc, qelXException, "qellib::XExternFunc", QEL_ATTR(Func));
-QEL_EXCEPTION(qelXNull, qelXException, "qellib::XNull");
-QEL_EXCEPTION(qelXTypeMismatch, qelXException, "qellib::XTypeMismatch", QEL_ATTR(TypeName),
+QEL_EXCEPTION(qelXExternFunc, qelXException, "qellib::XExternFunc", qelCounted, QEL_ATTR(Func));
+QEL_EXCEPTION(qelXNull, qelXException, "qellib::XNull", qelCounted);
+QEL_EXCEPTION(qelXTypeMismatch, qelXException, "qellib::XTypeMismatch", qelCounted, QEL_ATTR(TypeName),
               QEL_ATTR(QelObject));
-QEL_EXCEPTION(qelXInvalidArrayIndex, qelXException, "qellib::XInvalidArrayIndex", QEL_ATTR(QelObject),
-              QEL_ATTR(Dimension), QEL_ATTR(Index));
-QEL_EXCEPTION(qelXInvalidSeqIndex, qelXException, "qellib::XInvalidSeqIndex", QEL_ATTR(QelObject),
+QEL_EXCEPTION(qelXInvalidArrayIndex, qelXException, "qellib::XInvalidArrayIndex", qelCounted,
+              QEL_ATTR(QelObject), QEL_ATTR(Dimension), QEL_ATTR(Index));
+QEL_EXCEPTION(qelXInvalidSeqIndex, qelXException, "qellib::XInvalidSeqIndex", qelCounted, QEL_ATTR(QelObject),
               QEL_ATTR(Index));
-QEL_EXCEPTION(qelXInvalidDictIndex, qelXException, "qellib::XInvalidDictIndex", QEL_ATTR(QelObject),
-              QEL_ATTR(Index));
-QEL_EXCEPTION(qelXInvalidDictKey, qelXException, "qellib::XInvalidDictKey", QEL_ATTR(QelObject),
+QEL_EXCEPTION(qelXInvalidDictIndex, qelXException, "qellib::XInvalidDictIndex", qelCounted,
+              QEL_ATTR(QelObject), QEL_ATTR(Index));
+QEL_EXCEPTION(qelXInvalidDictKey, qelXException, "qellib::XInvalidDictKey", qelCounted, QEL_ATTR(QelObject),
               QEL_ATTR(Key));
-QEL_EXCEPTION(qelXNegativeIndex, qelXException, "qellib::XNegativeIndex", QEL_ATTR(Index));
-QEL_EXCEPTION(qelXNotInitialized, qelXException, "qellib::XNotInitialized");
-QEL_EXCEPTION(qelXRefCountable, qelXException, "qellib::XRefCountable", QEL_ATTR(QelObject));
-QEL_EXCEPTION(qelXNativeException, qelXException, "qellib::XNativeException", QEL_ATTR(StringRep));
-QEL_EXCEPTION(qelXConnectionClosed, qelXException, "qellib::XConnectionClosed");
-QEL_EXCEPTION(qelXS11nException, qelXException, "qellib::XS11nException", QEL_ATTR(Message));
-QEL_EXCEPTION(qelXSoapFault, qelXS11nException, "qellib::XSoapFault", QEL_ATTR(FaultCode, qelOptional),
-              QEL_ATTR(FaultString, qelOptional), QEL_ATTR(FaultDetail, qelOptional));
+QEL_EXCEPTION(qelXNegativeIndex, qelXException, "qellib::XNegativeIndex", qelCounted, QEL_ATTR(Index));
+QEL_EXCEPTION(qelXNotInitialized, qelXException, "qellib::XNotInitialized", qelCounted);
+QEL_EXCEPTION(qelXRefCountable, qelXException, "qellib::XRefCountable", qelCounted, QEL_ATTR(QelObject));
+QEL_EXCEPTION(qelXNativeException, qelXException, "qellib::XNativeException", qelCounted,
+              QEL_ATTR(StringRep));
+QEL_EXCEPTION(qelXConnectionClosed, qelXException, "qellib::XConnectionClosed", qelCounted);
+QEL_EXCEPTION(qelXS11nException, qelXException, "qellib::XS11nException", qelCounted, QEL_ATTR(Message));
+QEL_EXCEPTION(qelXSoapFault, qelXS11nException, "qellib::XSoapFault", qelCounted,
+              QEL_ATTR(FaultCode, qelOptional), QEL_ATTR(FaultString, qelOptional),
+              QEL_ATTR(FaultDetail, qelOptional));
 
 // ---- construction and throwing
 
@@ -66,9 +59,15 @@ qelXFunc::qelXFunc(const char* name) : Name(name), Args(new (pDefMemMgr) qelXArg
 {
 }
 
-qelXExternFunc::qelXExternFunc(const char* description, qelXFunc* func) : Func(func)
+qelXExternFunc::qelXExternFunc(const char* description, qelXFunc* func)
 {
-    describe(description);
+    describe(description, func);
+}
+
+void qelXExternFunc::describe(const char* description, qelXFunc* func)
+{
+    qelXException::describe(description);
+    Func = func;
 }
 
 void qelXExternFunc::PrintHead(std::ostream& os) const

@@ -12,6 +12,34 @@
 // holds a reference to the object it carries: attach first, or a failing cast deletes a new object. Text
 // arguments may be null.
 
+/// In the body of an exception's class: an attribute of it that the constructor sets, and the accessor, `get`
+/// followed by the attribute's name.
+#define QEL_FIELD(type, Name) \
+public:                       \
+    type get##Name() const    \
+    {                         \
+        return Name;          \
+    }                         \
+                              \
+private:                      \
+    type Name
+
+/// Defines the class T of a failure that adds nothing to those of the class Parent but its type: it is
+/// constructed, and thrown by its Throw, with the arguments of Parent's constructor.
+#define QEL_FAILURE(T, Parent)                         \
+    class QEL_API T : public virtual Parent            \
+    {                                                  \
+        QEL_OBJECT(T);                                 \
+                                                       \
+    public:                                            \
+        using Parent::Parent;                          \
+        template<class... A>                           \
+        [[noreturn]] static void Throw(A... arguments) \
+        {                                              \
+            qelThrowNew<self>(arguments...);           \
+        }                                              \
+    }
+
 /// The base of the framework's exceptions.
 class QEL_API qelXException : public virtual xthrowable
 {
@@ -65,6 +93,9 @@ public:
 protected:
     qelXExternFunc() = default;
 
+    /// Sets the description and the function. The base of a library's exceptions calls it in its constructor's
+    /// body, so that its subclasses need not initialize this class, a virtual base, themselves.
+    void describe(const char* description, qelXFunc* func);
     /// Writes the first lines of every library's Print: the line of the description and the line of the
     /// function.
     void PrintHead(std::ostream& os) const;

@@ -1,20 +1,15 @@
 #include "xportexception.h"
 
-#include "qelexceptiontext_p.h"
-#include "qeltable.h"
+#include "qelexceptionrow_p.h"
 
-constinit qelClass xportXCannotConnect::rtti = {.name = "qeljava::XCannotConnect",
-                                                .parents = {QEL_PARENT(qelXException)},
-                                                .attrs = {QEL_ATTR(Host), QEL_ATTR(Port)}};
-constinit qelClass xportXMsgStringTooLong::rtti = {
-    .name = "qeljava::XMsgStringTooLong", .parents = {QEL_PARENT(qelXException)}, .attrs = {QEL_ATTR(Msg)}};
-constinit qelClass xportXFlushFailed::rtti = {.name = "qeljava::XFlushFailed",
-                                              .parents = {QEL_PARENT(qelXException)}};
-constinit qelClass xportXNullInNonOptArg::rtti = {.name = "qeljava::XNullInNonOptArg",
-                                                  .parents = {QEL_PARENT(qelXException)},
-                                                  .attrs = {QEL_ATTR(ParamName)}};
-constinit qelClass xportXTimeout::rtti = {
-    .name = "qeljava::XTimeout", .parents = {QEL_PARENT(qelXException)}, .attrs = {QEL_ATTR(OpName)}};
+QEL_EXCEPTION(xportXCannotConnect, qelXException, "qeljava::XCannotConnect", qelNotCounted, QEL_ATTR(Host),
+              QEL_ATTR(Port));
+QEL_EXCEPTION(xportXMsgStringTooLong, qelXException, "qeljava::XMsgStringTooLong", qelNotCounted,
+              QEL_ATTR(Msg));
+QEL_EXCEPTION(xportXFlushFailed, qelXException, "qeljava::XFlushFailed", qelNotCounted);
+QEL_EXCEPTION(xportXNullInNonOptArg, qelXException, "qeljava::XNullInNonOptArg", qelNotCounted,
+              QEL_ATTR(ParamName));
+QEL_EXCEPTION(xportXTimeout, qelXException, "qeljava::XTimeout", qelNotCounted, QEL_ATTR(OpName));
 
 QEL_EXCEPTION_TEXT(xportXCannotConnect, "Cannot connect", (const char* host, int port), (host, port),
                    Host(host), Port(port))

@@ -9,32 +9,23 @@
 class QEL_API xportXCannotConnect : public virtual qelXException
 {
     QEL_OBJECT(xportXCannotConnect); // "qeljava::XCannotConnect"
+    QEL_FIELD(xstring, Host);
+    QEL_FIELD(int, Port);
 
 public:
     xportXCannotConnect(const char* host, int port);
     [[noreturn]] static void Throw(const char* host, int port);
-
-    xstring getHost() const { return Host; }
-    int getPort() const { return Port; }
-
-private:
-    xstring Host;
-    int Port;
 };
 
 /// "Message too long"
 class QEL_API xportXMsgStringTooLong : public virtual qelXException
 {
     QEL_OBJECT(xportXMsgStringTooLong); // "qeljava::XMsgStringTooLong"
+    QEL_FIELD(xstring, Msg);
 
 public:
     explicit xportXMsgStringTooLong(const char* msg);
     [[noreturn]] static void Throw(const char* msg);
-
-    xstring getMsg() const { return Msg; }
-
-private:
-    xstring Msg;
 };
 
 /// "Flush on socket failed"
@@ -51,31 +42,23 @@ public:
 class QEL_API xportXNullInNonOptArg : public virtual qelXException
 {
     QEL_OBJECT(xportXNullInNonOptArg); // "qeljava::XNullInNonOptArg"
+    QEL_FIELD(xstring, ParamName);
 
 public:
     explicit xportXNullInNonOptArg(const char* paramName);
     [[noreturn]] static void Throw(const char* paramName);
     /// Returns a new exception, not thrown. The caller owns it.
     static xportXNullInNonOptArg* Create(const char* paramName);
-
-    xstring getParamName() const { return ParamName; }
-
-private:
-    xstring ParamName;
 };
 
 /// "communication timeout"
 class QEL_API xportXTimeout : public virtual qelXException
 {
     QEL_OBJECT(xportXTimeout); // "qeljava::XTimeout"
+    /// The operation that timed out.
+    QEL_FIELD(xstring, OpName);
 
 public:
     explicit xportXTimeout(const char* opName);
     [[noreturn]] static void Throw(const char* opName);
-
-    /// Returns the name of the operation that timed out.
-    xstring getOpName() const { return OpName; }
-
-private:
-    xstring OpName;
 };
