@@ -1,7 +1,6 @@
 #include "netservice.h"
 
-#include <qel/base/btkabort.h>
-
+#include "qelfatal_p.h"
 #include "qeltable.h"
 
 constinit qelClass netService_DoService_cb::rtti = {
@@ -12,19 +11,9 @@ constinit qelClass netService::rtti = {
     .name = "netlib::Service",
 };
 
-namespace {
-
-// `line`: of the list of operations that are missing on operating systems without a service shell.
-[[noreturn]] void ReportMissing(const char* message, int line)
-{
-    _Abort(message, "qel/qelstd/netlibsrc/netlibnew", line);
-}
-
-} // namespace
-
 netService* netService::Create(const char*, xrchandle<xstringsequence>, const char*)
 {
-    ReportMissing("QEL generated function not implemented!", 1264);
+    netNoCreate.Report();
 }
 
 netService::netService(const char* serviceName, xrchandle<xstringsequence> parameters, const char* shownName)
@@ -55,35 +44,35 @@ xrchandle<xstringsequence> netService::ExtractParms(int argc, char** argv)
 
 void netService::ReportStarting(double)
 {
-    ReportMissing("netService::ReportStarting", 1315);
+    netNoReportStarting.Report();
 }
 
 void netService::ReportRunning()
 {
-    ReportMissing("netService::ReportRunning", 1321);
+    netNoReportRunning.Report();
 }
 
 void netService::ReportPaused()
 {
-    ReportMissing("netService::ReportPaused", 1327);
+    netNoReportPaused.Report();
 }
 
 unsigned char netService::IsStopped()
 {
-    ReportMissing("netService::IsStopped", 1333);
+    netNoIsStopped.Report();
 }
 
 unsigned char netService::IsPaused()
 {
-    ReportMissing("netService::IsPaused", 1340);
+    netNoIsPaused.Report();
 }
 
 unsigned char netService::IsReleased()
 {
-    ReportMissing("netService::IsReleased", 1347);
+    netNoIsReleased.Report();
 }
 
 void netService::DoPause()
 {
-    ReportMissing("netService::DoPause", 1354);
+    netNoDoPause.Report();
 }

@@ -1,9 +1,9 @@
 #include "netthread.h"
 
-#include <qel/base/btkabort.h>
 #include <qel/base/thrthread.h>
 
 #include "iopipe.h"
+#include "qelfatal_p.h"
 
 netBaseThread::~netBaseThread()
 {
@@ -107,7 +107,7 @@ btkHandle netThread::GetSignalHandle()
 int netThread::GetExitCode()
 {
     if (!IsCollected() && !IsExitSignaled())
-        _Abort("netThread::GetExitCode: ExitCode not available", "qel/qelstd/netlibsrc/netthread", 239);
+        netNoExitCode.Report();
     return WaitExitCode();
 }
 

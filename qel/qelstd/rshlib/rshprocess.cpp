@@ -5,13 +5,13 @@
 #include <cstring>
 #include <stdexcept>
 
-#include <qel/base/btkabort.h>
 #include <qel/base/btkbyteorder.h>
 #include <qel/base/btksocket.h>
 
 #include "iopipe.h"
 #include "netsocketstream.h"
 #include "pcinterrupt.h"
+#include "qelfatal_p.h"
 #include "qeltable.h"
 #include "rshrelay_p.h"
 
@@ -287,7 +287,7 @@ rshProcess* rshProcess::Create(netSocketStream* s, const char* command, const ch
         if (pipes[i] == nullptr) {
             for (rshOwned<ioPipe>& pipe : pipes)
                 pipe.reset();
-            _Abort("Can not create pipe", "qel/qelstd/netlibsrc/rshlib", 183);
+            rshNoPipe.Report();
         }
     }
     ioStream* const source = pipes[0] != nullptr ? pipes[0]->getReadEnd() : in;
@@ -389,7 +389,7 @@ ioStream* rshProcess::getStderr()
 void rshProcess::CheckStarted()
 {
     if (ControlStream() == nullptr)
-        _Abort("rshProcess: the thread is not started", "qel/qelstd/netlibsrc/rshlib", 515);
+        rshProcessNotStarted.Report();
 }
 
 void rshProcess::Signal(int tag)
@@ -441,7 +441,7 @@ rshConnection::~rshConnection()
 
 rshConnection* rshConnection::Create(const char*, const char*)
 {
-    _Abort("rshConnection::Create not implemented", "qel/qelstd/netlibsrc/rshclnt", 29);
+    rshNoConnection.Report();
 }
 
 rshProcess* rshConnection::CreateProcessA(const char* command, const char* workDir, ioStream* in,

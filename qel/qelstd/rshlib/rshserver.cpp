@@ -3,7 +3,6 @@
 #include <atomic>
 #include <stdexcept>
 
-#include <qel/base/btkabort.h>
 #include <qel/base/btksocket.h>
 #include <qel/base/btksystem.h>
 
@@ -12,6 +11,7 @@
 #include "netsocketstream.h"
 #include "pcprocess.h"
 #include "qelexception.h"
+#include "qelfatal_p.h"
 #include "qeltable.h"
 #include "rshrelay_p.h"
 
@@ -363,7 +363,7 @@ int rshServer::OnStart()
 void rshServer::CheckStarted()
 {
     if (ControlStream() == nullptr)
-        _Abort("rshServer: the thread is not started", "qel/qelstd/netlibsrc/rshlib", 846);
+        rshServerNotStarted.Report();
 }
 
 void rshServer::Terminate()

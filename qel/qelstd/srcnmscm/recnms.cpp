@@ -2,12 +2,12 @@
 
 #include <string>
 
-#include <qel/base/btkabort.h>
 #include <qel/base/btkprocess.h>
 #include <qel/base/nmsclient.h>
 
 #include "hmxregistry.h"
 #include "qelcaught_p.h"
+#include "qelfatal_p.h"
 #include "qeltable.h"
 #include "recnms_p.h"
 #include "xiolib.h"
@@ -157,7 +157,7 @@ unsigned char nmsRecord::Match(nmsRecord* pattern)
 
 void nmsRecord::Clear()
 {
-    _Abort("nmsRecord::Clear not implemented.", "qel/qelstd/srcnmscm/recnms", 131);
+    nmsNoClear.Report();
 }
 
 // ---- wire form
