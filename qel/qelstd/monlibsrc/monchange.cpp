@@ -97,39 +97,39 @@ monChangeEvent::monChangeEvent(std::shared_ptr<monChanges> changes)
 
 evtEvent* monFile::ChangeEvent()
 {
-    Prepare();
-    std::shared_ptr<monChanges> changes = place->changes.lock();
+    inside->Prepare();
+    std::shared_ptr<monChanges> changes = inside->changes.lock();
     if (changes == nullptr) {
-        changes = std::make_shared<monChanges>(place->path);
-        if (!changes->Begin(stream->fileBuf->GetHandle())) {
+        changes = std::make_shared<monChanges>(inside->path);
+        if (!changes->Begin(inside->stream->fileBuf->GetHandle())) {
             platFail();
             return nullptr;
         }
     }
     evtEvent* const event = new (pDefMemMgr) monChangeEvent(changes);
-    place->changes = changes;
-    if (!std::exchange(place->isWatched, true))
-        WatchNumbers();
+    inside->changes = changes;
+    if (!std::exchange(inside->isWatched, true))
+        inside->WatchNumbers();
     return event;
 }
 
 // After the file has been opened anew.
-void monFile::WatchAnew()
+void monFile::Inside::WatchAnew()
 {
-    if (const auto changes = place->changes.lock())
-        changes->BeginAnew(stream->fileBuf->GetHandle());
-    if (place->isWatched)
+    if (const auto shared = changes.lock())
+        shared->BeginAnew(stream->fileBuf->GetHandle());
+    if (isWatched)
         WatchNumbers();
 }
 
-void monFile::WatchNumbers()
+void monFile::Inside::WatchNumbers()
 {
     for (monParam* each = firstParam; each != nullptr; each = each->next)
         if (!each->isLost && monStringParam::softcast(each) == nullptr)
             WatchNumber(*each);
 }
 
-void monFile::WatchNumber(monParam& parameter)
+void monFile::Inside::WatchNumber(monParam& parameter)
 {
     const int position = static_cast<int>(std::streamoff(parameter.position));
     const int size = monRealParam::softcast(&parameter) != nullptr ? monRealSize : monWordSize;
@@ -137,8 +137,8 @@ void monFile::WatchNumber(monParam& parameter)
         monWatchNumber(stream->fileBuf->GetHandle(), position);
 }
 
-void monFile::EndChanges()
+void monFile::Inside::EndChanges()
 {
-    if (const auto changes = place->changes.lock())
-        changes->End();
+    if (const auto shared = changes.lock())
+        shared->End();
 }

@@ -101,7 +101,7 @@ bool IsImpossible(const Value& value)
 
 // Reads the value of `size` bytes at `start` by `load`, under its lock.
 template<class Load>
-auto monFile::LoadLocked(int start, int size, Load load)
+auto monFile::Inside::LoadLocked(int start, int size, Load load)
 {
     constexpr int attempts = 10;
     decltype(load()) value{};
@@ -124,7 +124,7 @@ auto monFile::LoadLocked(int start, int size, Load load)
 // Numbers are read and written directly in place: one system call each.
 
 // The position of the value in the file.
-int monFile::PositionOf(monParam& parameter)
+int monFile::Inside::PositionOf(monParam& parameter)
 {
     if (parameter.isLost)
         UpdateCache();
@@ -134,7 +134,7 @@ int monFile::PositionOf(monParam& parameter)
 }
 
 template<class Value>
-Value monFile::Get(monParam& parameter)
+Value monFile::Inside::Get(monParam& parameter)
 {
     using Word = WordOf<Value>;
     Prepare();
@@ -151,22 +151,22 @@ Value monFile::Get(monParam& parameter)
 }
 
 template<class Value>
-Value monFile::Set(monParam& parameter, Value value)
+Value monFile::Inside::Set(monParam& parameter, Value value)
 {
     const auto word = Encode(value);
     PrepareToWrite();
     const int start = PositionOf(parameter);
-    xfilebuf& file = *stream->fileBuf;
+    xfilebuf& bytes = *stream->fileBuf;
     std::optional<monWriteLock> lock;
     if (monIsSplit(start, sizeof word))
-        lock.emplace(file.GetHandle(), start, static_cast<int>(sizeof word), place->isWatched);
+        lock.emplace(bytes.GetHandle(), start, static_cast<int>(sizeof word), isWatched);
     const auto notice = lock && !lock->IsWatched() ? btkPartWriter::Quietly : btkPartWriter::AtOnce;
-    if (file.Rewrite(&word, sizeof word, start, notice) != sizeof word)
+    if (bytes.Rewrite(&word, sizeof word, start, notice) != sizeof word)
         Attempt([&] { stream->ThrowState(ioFileStream::stateBad); });
     return value;
 }
 
-xstring monFile::GetText(int start, int capacity)
+xstring monFile::Inside::GetText(int start, int capacity)
 {
     constexpr int readAtOnce = 4096;
     return LoadLocked(start, monWordSize + capacity, [&] {
@@ -176,7 +176,7 @@ xstring monFile::GetText(int start, int capacity)
     });
 }
 
-void monFile::SetText(int start, int capacity, const char* text)
+void monFile::Inside::SetText(int start, int capacity, const char* text)
 {
     const btkHandle handle = stream->fileBuf->GetHandle();
     monLetReadersGo(handle, start, monWordSize + capacity, isPolite);
@@ -190,7 +190,7 @@ void monFile::SetText(int start, int capacity, const char* text)
 monParam::monParam(monFile& owner, const char* called, std::fpos<int> at)
     : name(called), file(&owner), position(at)
 {
-    owner.params->set(called, this);
+    monFile::Inside::Of(owner).params->set(called, this);
 }
 
 monParam::~monParam() = default;
@@ -207,12 +207,12 @@ monBoolParam::monBoolParam(monFile& owner, xstring called, std::fpos<int> at)
 
 unsigned char monBoolParam::getValue()
 {
-    return file->Get<unsigned char>(*this);
+    return monFile::Inside::Of(*file).Get<unsigned char>(*this);
 }
 
 unsigned char monBoolParam::setValue(unsigned char v)
 {
-    return file->Set(*this, v);
+    return monFile::Inside::Of(*file).Set(*this, v);
 }
 
 monIntParam::monIntParam(monFile& owner, xstring called, std::fpos<int> at)
@@ -222,12 +222,12 @@ monIntParam::monIntParam(monFile& owner, xstring called, std::fpos<int> at)
 
 int monIntParam::getValue()
 {
-    return file->Get<int>(*this);
+    return monFile::Inside::Of(*file).Get<int>(*this);
 }
 
 int monIntParam::setValue(int v)
 {
-    return file->Set(*this, v);
+    return monFile::Inside::Of(*file).Set(*this, v);
 }
 
 monRealParam::monRealParam(monFile& owner, xstring called, std::fpos<int> at)
@@ -237,12 +237,12 @@ monRealParam::monRealParam(monFile& owner, xstring called, std::fpos<int> at)
 
 double monRealParam::getValue()
 {
-    return file->Get<double>(*this);
+    return monFile::Inside::Of(*file).Get<double>(*this);
 }
 
 double monRealParam::setValue(double v)
 {
-    return file->Set(*this, v);
+    return monFile::Inside::Of(*file).Set(*this, v);
 }
 
 monStringParam::monStringParam(monFile& owner, xstring called, std::fpos<int> at, int size)
@@ -252,10 +252,11 @@ monStringParam::monStringParam(monFile& owner, xstring called, std::fpos<int> at
 
 xstring monStringParam::getValue()
 {
-    file->Prepare();
-    const int start = file->PositionOf(*this);
-    file->SizeUnlessGone();
-    xstring value = file->GetText(start, capacity);
+    auto& inside = monFile::Inside::Of(*file);
+    inside.Prepare();
+    const int start = inside.PositionOf(*this);
+    inside.SizeUnlessGone();
+    xstring value = inside.GetText(start, capacity);
     if (value == nullptr)
         monThrowWeird();
     return value;
@@ -263,11 +264,12 @@ xstring monStringParam::getValue()
 
 xstring monStringParam::setValue(const char* v)
 {
-    file->PrepareToWrite();
-    const int start = file->PositionOf(*this);
+    auto& inside = monFile::Inside::Of(*file);
+    inside.PrepareToWrite();
+    const int start = inside.PositionOf(*this);
     if (qelIsObject(v) && std::strlen(v) > static_cast<std::size_t>(capacity))
         qelXNativeException::Throw("monStringParam::setValue: Value too long");
-    file->SetText(start, capacity, v);
+    inside.SetText(start, capacity, v);
     return v;
 }
 

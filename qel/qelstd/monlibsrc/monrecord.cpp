@@ -18,6 +18,15 @@ enum RecordType : int { boolRecord, intRecord, realRecord, stringRecord };
 constexpr int headSize = 12; // type, reserved, length of the name
 constexpr int longestName = 1023;
 
+template<class Param>
+constexpr RecordType typeOf = stringRecord;
+template<>
+constexpr RecordType typeOf<monBoolParam> = boolRecord;
+template<>
+constexpr RecordType typeOf<monIntParam> = intRecord;
+template<>
+constexpr RecordType typeOf<monRealParam> = realRecord;
+
 // The size of a value of a kind other than string, and of the length of a string.
 constexpr int FixedSize(int type)
 {
@@ -31,36 +40,9 @@ constexpr int FixedSize(int type)
 
 } // namespace
 
-template<>
-struct monFile::Kind<monBoolParam>
-{
-    static constexpr int type = boolRecord;
-    static constexpr auto store = &monFile::StoreBool;
-};
-
-template<>
-struct monFile::Kind<monIntParam>
-{
-    static constexpr int type = intRecord;
-    static constexpr auto store = &monFile::StoreInt;
-};
-
-template<>
-struct monFile::Kind<monRealParam>
-{
-    static constexpr int type = realRecord;
-    static constexpr auto store = &monFile::StoreReal;
-};
-
-template<>
-struct monFile::Kind<monStringParam>
-{
-    static constexpr int type = stringRecord;
-};
-
 // ---- items
 
-int monFile::WhereAmI()
+int monFile::Inside::WhereAmI()
 {
     const int position = stream->TellPos();
     if (position == xnullint)
@@ -68,49 +50,44 @@ int monFile::WhereAmI()
     return position;
 }
 
-void monFile::Seek(int position)
-{
-    stream->SeekOff(position, ioBegin);
-}
-
 // Seeks behind the last whole record. Bytes behind it are the leftovers of a killed writer.
-void monFile::SeekEnd()
+void monFile::Inside::SeekEnd()
 {
-    xfilebuf& file = *stream->fileBuf;
-    const long long end = file.GetFileSize();
+    xfilebuf& bytes = *stream->fileBuf;
+    const long long end = bytes.GetFileSize();
     if (end > readUpTo && !IsTail(end))
         monThrowWeird();
-    if (end > readUpTo && !btkSetFileSize(file.GetHandle(), readUpTo))
+    if (end > readUpTo && !btkSetFileSize(bytes.GetHandle(), readUpTo))
         stream->ThrowState(ioFileStream::stateBad);
     Seek(readUpTo);
 }
 
-void monFile::StoreBool(unsigned char v)
+void monFile::Inside::StoreBool(unsigned char v)
 {
     stream->WriteBool(v);
     stream->Flush(1);
 }
 
-void monFile::StoreInt(int v)
+void monFile::Inside::StoreInt(int v)
 {
     stream->WriteInt(v);
     stream->Flush(1);
 }
 
-void monFile::StoreReal(double v)
+void monFile::Inside::StoreReal(double v)
 {
     stream->WriteReal(v);
     stream->Flush(1);
 }
 
-void monFile::StoreString(const char* text)
+void monFile::Inside::StoreString(const char* text)
 {
     stream->WriteString(text);
     stream->Flush(1);
 }
 
 // The whole area of a value: the text and zeros.
-void monFile::StoreFixedString(const char* text, int capacity)
+void monFile::Inside::StoreFixedString(const char* text, int capacity)
 {
     static constexpr char zeros[4096] = {};
     stream->WriteString(text);
@@ -122,23 +99,8 @@ void monFile::StoreFixedString(const char* text, int capacity)
     stream->Flush(1);
 }
 
-unsigned char monFile::LoadBool()
-{
-    return stream->ReadBool();
-}
-
-int monFile::LoadInt()
-{
-    return stream->ReadInt();
-}
-
-double monFile::LoadReal()
-{
-    return stream->ReadReal();
-}
-
 // Null when the length exceeds the area.
-xstring monFile::LoadStringA(int capacity)
+xstring monFile::Inside::LoadStringA(int capacity)
 {
     const int length = stream->ReadInt();
     if (length < 0 || length > capacity)
@@ -150,14 +112,14 @@ xstring monFile::LoadStringA(int capacity)
 }
 
 // Moves past the area of a value. False when the length exceeds it.
-bool monFile::LoadFixedString(int capacity)
+bool monFile::Inside::LoadFixedString(int capacity)
 {
     const int length = stream->ReadInt();
     ReadPast(capacity);
     return length >= 0 && length <= capacity;
 }
 
-void monFile::ReadPast(int size)
+void monFile::Inside::ReadPast(int size)
 {
     char passed[4096];
     if (size > static_cast<int>(sizeof passed))
@@ -168,14 +130,14 @@ void monFile::ReadPast(int size)
 
 // ---- records
 
-void monFile::UpdateCache()
+void monFile::Inside::UpdateCache()
 {
     constexpr int attempts = 5;
     Prepare();
     for (int left = attempts;; --left) {
         const long long end = SizeUnlessGone();
         btkFileState there;
-        if (!btkGetFileState(place->path.c_str(), there) || !there.IsSameFile(place->opened))
+        if (!btkGetFileState(path.c_str(), there) || !there.IsSameFile(opened))
             ThrowGone();
         if (end == readUpTo)
             return;
@@ -192,7 +154,7 @@ void monFile::UpdateCache()
 }
 
 // Reads the records that are complete in a file of the size `end`.
-void monFile::ReadRecords(long long end)
+void monFile::Inside::ReadRecords(long long end)
 {
     Seek(readUpTo);
     stream->fileBuf->ExpectRead(static_cast<std::size_t>(end - readUpTo));
@@ -201,7 +163,7 @@ void monFile::ReadRecords(long long end)
 }
 
 // Reads the record at readUpTo, the stream's position. False when it is not complete yet.
-bool monFile::ReadRecord(long long end)
+bool monFile::Inside::ReadRecord(long long end)
 {
     const long long left = end - readUpTo;
     if (left < headSize)
@@ -255,7 +217,7 @@ bool monFile::ReadRecord(long long end)
 // Whether the incomplete bytes behind the last whole record can be the start of a record whose writer was
 // killed. If they are whole records swallowed by a damaged length, there are zeros where none are allowed, in
 // the name, or none where they are required, behind a text.
-bool monFile::IsTail(long long end)
+bool monFile::Inside::IsTail(long long end)
 {
     constexpr int largestHead = headSize + longestName + 2 * monWordSize;
     const btkHandle handle = stream->fileBuf->GetHandle();
@@ -293,47 +255,47 @@ monFile::State monFile::Check(int& offset)
 {
     State state = whole;
     try {
-        UpdateCache();
-        const long long end = SizeUnlessGone();
-        if (end > readUpTo)
-            state = IsTail(end) ? unfinished : damaged;
+        inside->UpdateCache();
+        const long long end = inside->SizeUnlessGone();
+        if (end > inside->readUpTo)
+            state = inside->IsTail(end) ? unfinished : damaged;
     } catch (xthrowable* thrown) {
         if (qelXNativeException::softcast(thrown) == nullptr || isReplaced() ||
-            btkGetFileSize(stream->fileBuf->GetHandle()) < readUpTo)
+            btkGetFileSize(inside->stream->fileBuf->GetHandle()) < inside->readUpTo)
             throw;
         const qelCaught caught(thrown);
         state = damaged;
     }
-    offset = readUpTo;
+    offset = inside->readUpTo;
     return state;
 }
 
 // The object from before Reopen is used again.
 template<class Param, class... Capacity>
-Param* monFile::Enter(const char* name, int position, Capacity... capacity)
+Param* monFile::Inside::Enter(const char* name, int position, Capacity... capacity)
 {
     monParam* before = nullptr;
-    if (place->lost.find(name, &before) && before->isSameAs(Param::getClassRtti())) {
+    if (lost.find(name, &before) && before->isSameAs(Param::getClassRtti())) {
         Param* const found = Param::softcast(before);
-        place->lost.remove(name);
+        lost.remove(name);
         found->isLost = false;
         found->position = position;
         if constexpr (sizeof...(capacity) > 0)
             found->capacity = (0 + ... + capacity);
         params->set(name, found);
-        if (sizeof...(capacity) == 0 && place->isWatched)
+        if (sizeof...(capacity) == 0 && isWatched)
             WatchNumber(*found);
         return found;
     }
-    Param* const made = new (pDefMemMgr) Param(*this, name, position, capacity...);
+    Param* const made = new (pDefMemMgr) Param(*file, name, position, capacity...);
     made->next = firstParam;
     firstParam = made;
-    if (sizeof...(capacity) == 0 && place->isWatched)
+    if (sizeof...(capacity) == 0 && isWatched)
         WatchNumber(*made);
     return made;
 }
 
-monParam* monFile::FindRecord(const char* name)
+monParam* monFile::Inside::FindRecord(const char* name)
 {
     UpdateCache();
     monParam* found = nullptr;
@@ -342,7 +304,7 @@ monParam* monFile::FindRecord(const char* name)
 }
 
 template<class Param, class... Capacity>
-Param* monFile::FindOrAdd(const char* name, Capacity... capacity)
+Param* monFile::Inside::FindOrAdd(const char* name, Capacity... capacity)
 {
     constexpr btkTimeval limit(2, 0);
     if (!qelIsObject(name))
@@ -360,7 +322,7 @@ Param* monFile::FindOrAdd(const char* name, Capacity... capacity)
     return found->isSameAs(Param::getClassRtti()) ? Param::softcast(found) : nullptr;
 }
 
-void monFile::WriteParamHead(const char* name, int type)
+void monFile::Inside::WriteParamHead(const char* name, int type)
 {
     if (std::strlen(name) > longestName)
         qelXNativeException::Throw("monFile::WriteParamHead: Name too long");
@@ -372,9 +334,9 @@ void monFile::WriteParamHead(const char* name, int type)
 
 // A record that is not too large becomes visible atomically; readers ignore it while a part is missing.
 template<class Param, class... Capacity>
-Param* monFile::Append(const char* name, Capacity... capacity)
+Param* monFile::Inside::Append(const char* name, Capacity... capacity)
 {
-    constexpr int type = Kind<Param>::type;
+    constexpr RecordType type = typeOf<Param>;
     const int room = (0 + ... + capacity);
     if (room < 0)
         qelXNativeException::Throw("monFile::String: Negative capacity");
@@ -392,7 +354,12 @@ Param* monFile::Append(const char* name, Capacity... capacity)
             StoreFixedString("", room);
         } else {
             position = WhereAmI();
-            (this->*Kind<Param>::store)(0);
+            if constexpr (type == boolRecord)
+                StoreBool(0);
+            else if constexpr (type == intRecord)
+                StoreInt(0);
+            else
+                StoreReal(0);
         }
     });
     Param* const made = Enter<Param>(name, position, capacity...);
@@ -402,20 +369,20 @@ Param* monFile::Append(const char* name, Capacity... capacity)
 
 monIntParam* monFile::Int(const char* name)
 {
-    return FindOrAdd<monIntParam>(name);
+    return inside->FindOrAdd<monIntParam>(name);
 }
 
 monBoolParam* monFile::Bool(const char* name)
 {
-    return FindOrAdd<monBoolParam>(name);
+    return inside->FindOrAdd<monBoolParam>(name);
 }
 
 monRealParam* monFile::Real(const char* name)
 {
-    return FindOrAdd<monRealParam>(name);
+    return inside->FindOrAdd<monRealParam>(name);
 }
 
 monStringParam* monFile::String(const char* name, int capacity)
 {
-    return FindOrAdd<monStringParam>(name, capacity);
+    return inside->FindOrAdd<monStringParam>(name, capacity);
 }

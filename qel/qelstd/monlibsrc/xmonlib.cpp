@@ -23,19 +23,16 @@ constinit qelClass monFile::rtti = {
 
 // ---- the file
 
-monFile::monFile(ioFileStream* opened, const std::string& path, bool isReadOnly)
-    : stream(opened), place(nullptr), title(""), params(nullptr)
+monFile::Inside::Inside(Stream openedStream, std::string hostPath, bool readOnly)
+    : stream(std::move(openedStream)), path(std::move(hostPath)), isReadOnly(readOnly),
+      params(new (pDefMemMgr) monParamDict)
 {
-    auto ownPlace = std::make_unique<Place>(path, isReadOnly);
-    std::unique_ptr<monParamDict, qelDelete> ownParams(new (pDefMemMgr) monParamDict);
-    opened->setSerializer(ioSerializer::getXDR());
-    opened->fileBuf->KeepWhole();
-    btkGetFileState(opened->fileBuf->GetHandle(), ownPlace->opened);
-    place = ownPlace.release();
-    params = ownParams.release();
+    stream->setSerializer(ioSerializer::getXDR());
+    stream->fileBuf->KeepWhole();
+    btkGetFileState(stream->fileBuf->GetHandle(), opened);
 }
 
-monFile::~monFile()
+monFile::Inside::~Inside()
 {
     EndChanges();
     while (firstParam != nullptr) {
@@ -43,9 +40,24 @@ monFile::~monFile()
         firstParam = gone->next;
         xdelete(gone);
     }
-    delete place;
-    xdelete(params);
-    xdelete(stream);
+}
+
+monFile* monFile::Inside::Make(Stream opened, const std::string& path, bool isReadOnly)
+{
+    auto inside = std::make_unique<Inside>(std::move(opened), path, isReadOnly);
+    auto* const file = new (pDefMemMgr) monFile(inside.get());
+    inside.release();
+    return file;
+}
+
+monFile::monFile(Inside* made) : inside(made)
+{
+    inside->file = this;
+}
+
+monFile::~monFile()
+{
+    delete inside;
 }
 
 namespace {
@@ -75,7 +87,7 @@ std::string HeadOf(const char* title)
 
 // Opens a file for use as a monitor file. Null when that fails, and for anything but a regular file, which
 // could block a reader.
-monFile* monFile::Attach(const std::string& path, const char* given)
+monFile* monFile::Inside::Attach(const std::string& path, const char* given)
 {
     btkFileState state;
     if (!btkGetFileState(path.c_str(), state)) {
@@ -94,37 +106,35 @@ monFile* monFile::Attach(const std::string& path, const char* given)
         platFailOn(path);
         return nullptr;
     }
-    std::unique_ptr<ioFileStream, qelDelete> opened(new (pDefMemMgr)
-                                                        ioFileStream(buffer.get(), given, !isReadOnly, true));
+    Stream opened(new (pDefMemMgr) ioFileStream(buffer.get(), given, !isReadOnly, true));
     buffer.release();
-    monFile* const file = new (pDefMemMgr) monFile(opened.get(), path, isReadOnly);
-    opened.release();
-    return file;
+    return Make(std::move(opened), path, isReadOnly);
 }
 
 monFile* monFile::Open(const char* path)
 {
     std::string host;
-    return HostPathOf(path, host) ? OpenAt(host, path) : nullptr;
+    return HostPathOf(path, host) ? Inside::OpenAt(host, path) : nullptr;
 }
 
-monFile* monFile::OpenAt(const std::string& path, const char* given)
+monFile* monFile::Inside::OpenAt(const std::string& path, const char* given)
 {
     std::unique_ptr<monFile, qelDelete> file(Attach(path, given));
     if (file == nullptr)
         return nullptr;
-    file->headerWord = file->LoadInt();
-    if (file->headerWord > 0) {
+    Inside& inside = *file->inside;
+    inside.headerWord = inside.LoadInt();
+    if (inside.headerWord > 0) {
         platFailWith(ERROR_FILE_CORRUPT);
         return nullptr;
     }
-    file->title = file->stream->ReadString(nullptr);
-    file->dataStart = file->readUpTo = file->WhereAmI();
+    inside.title = inside.stream->ReadString(nullptr);
+    inside.dataStart = inside.readUpTo = inside.WhereAmI();
     return file.release();
 }
 
 // Replaces an existing file by a new one. Null when that fails, with the reason in errno.
-monFile* monFile::MakeAnew(const std::string& path, const char* given, const std::string& head)
+monFile* monFile::Inside::MakeAnew(const std::string& path, const char* given, const std::string& head)
 {
     btkReplacement next;
     if (!next.CreateBeside(path.c_str()) || !next.Write(head.data(), head.size()))
@@ -133,11 +143,9 @@ monFile* monFile::MakeAnew(const std::string& path, const char* given, const std
     if (!own)
         return nullptr;
     std::unique_ptr<xfilebuf> buffer(xfilebuf::Adopt(std::move(own), xfilebuf::ReadWrite));
-    std::unique_ptr<ioFileStream, qelDelete> opened(new (pDefMemMgr)
-                                                        ioFileStream(buffer.get(), given, true, true));
+    Stream opened(new (pDefMemMgr) ioFileStream(buffer.get(), given, true, true));
     buffer.release();
-    std::unique_ptr<monFile, qelDelete> file(new (pDefMemMgr) monFile(opened.get(), path, false));
-    opened.release();
+    std::unique_ptr<monFile, qelDelete> file(Make(std::move(opened), path, false));
     // Last, so that no step can fail after the old file has been replaced.
     if (!next.TakePlace(btkReplacement::Unsynced)) {
         const int error = errno;
@@ -148,7 +156,7 @@ monFile* monFile::MakeAnew(const std::string& path, const char* given, const std
 }
 
 // Replaces the file's content by `head`. When that fails, with the reason in errno, the content is unchanged.
-bool monFile::BeginInPlace(const std::string& head)
+bool monFile::Inside::BeginInPlace(const std::string& head)
 {
     const btkHandle handle = stream->fileBuf->GetHandle();
     const long long oldSize = btkGetFileSize(handle);
@@ -173,14 +181,14 @@ monFile* monFile::Create(const char* path, const char* newTitle)
     if (!HostPathOf(path, host))
         return nullptr;
     const std::string head = HeadOf(newTitle);
-    std::unique_ptr<monFile, qelDelete> file(MakeAnew(host, path, head));
+    std::unique_ptr<monFile, qelDelete> file(Inside::MakeAnew(host, path, head));
     if (file == nullptr && btkReplacement::IsKeptOut(errno)) {
-        file.reset(Attach(host, path));
-        if (file == nullptr || file->place->isReadOnly) {
+        file.reset(Inside::Attach(host, path));
+        if (file == nullptr || file->inside->isReadOnly) {
             platFailWith(ERROR_ACCESS_DENIED);
             return nullptr;
         }
-        if (!file->BeginInPlace(head)) {
+        if (!file->inside->BeginInPlace(head)) {
             platFail();
             return nullptr;
         }
@@ -188,112 +196,114 @@ monFile* monFile::Create(const char* path, const char* newTitle)
         platFailOn(host);
         return nullptr;
     }
-    file->dataStart = file->readUpTo = static_cast<int>(head.size());
+    file->inside->dataStart = file->inside->readUpTo = static_cast<int>(head.size());
     if (qelIsObject(newTitle))
-        file->title = newTitle;
+        file->inside->title = newTitle;
     return file.release();
 }
 
 // ---- which file it is
 
-void monFile::Prepare()
+void monFile::Inside::Prepare()
 {
     stream->CheckOpen();
-    if (place->process == btkProcessNumber())
+    if (process == btkProcessNumber())
         return;
     if (!btkOpenAnew(stream->fileBuf->GetHandle()))
         stream->ThrowState(ioFileStream::stateBad);
-    place->process = btkProcessNumber();
+    process = btkProcessNumber();
     WatchAnew();
 }
 
-void monFile::PrepareToWrite()
+void monFile::Inside::PrepareToWrite()
 {
     Prepare();
-    if (place->isReadOnly)
+    if (isReadOnly)
         qelXNativeException::Throw("monFile: Opened for reading only");
 }
 
 // Before each reading. Throws when the file has no name left or has been emptied.
-long long monFile::SizeUnlessGone()
+long long monFile::Inside::SizeUnlessGone()
 {
-    if (const auto changes = place->changes.lock())
-        changes->BeRead();
+    if (const auto shared = changes.lock())
+        shared->BeRead();
     btkFileState now;
     if (!btkGetFileState(stream->fileBuf->GetHandle(), now) || !now.hasName || now.size < readUpTo)
         ThrowGone();
     return now.size;
 }
 
-void monFile::ThrowGone()
+void monFile::Inside::ThrowGone()
 {
-    if (const auto changes = place->changes.lock())
-        changes->BeGone();
+    if (const auto shared = changes.lock())
+        shared->BeGone();
     qelXNativeException::Throw("monFile has shrunk!");
 }
 
 bool monFile::isReplaced()
 {
-    Prepare();
+    inside->Prepare();
     btkFileState own, there;
-    return !btkGetFileState(stream->fileBuf->GetHandle(), own) || !own.hasName ||
-           !btkGetFileState(place->path.c_str(), there) || !there.IsSameFile(place->opened);
+    return !btkGetFileState(inside->stream->fileBuf->GetHandle(), own) || !own.hasName ||
+           !btkGetFileState(inside->path.c_str(), there) || !there.IsSameFile(inside->opened);
 }
 
 bool monFile::Reopen()
 {
-    if (!stream->getIsOpen()) {
+    Inside& old = *inside;
+    if (!old.stream->getIsOpen()) {
         platFailWith(ERROR_INVALID_HANDLE);
         return false;
     }
-    std::unique_ptr<monFile, qelDelete> anew;
+    std::unique_ptr<monFile, qelDelete> file;
     try {
-        anew.reset(OpenAt(place->path, stream->getPath().CastToCString()));
+        file.reset(Inside::OpenAt(old.path, old.stream->getPath().CastToCString()));
     } catch (xthrowable* thrown) { // the file is not complete yet
         const qelCaught caught(thrown);
         platFailWith(ERROR_FILE_CORRUPT);
     }
-    if (anew == nullptr)
+    if (file == nullptr)
         return false;
 
     std::vector<std::pair<std::string, monParam*>> known;
-    for (int slot = 0; slot < params->getarraysize(); ++slot) {
+    for (int slot = 0; slot < old.params->getarraysize(); ++slot) {
         monParam* parameter = nullptr;
-        if (params->getbyindex(slot, &parameter))
+        if (old.params->getbyindex(slot, &parameter))
             known.emplace_back(parameter->name.CastToCString(), parameter);
     }
     for (const auto& [name, parameter] : known) {
-        params->remove(name.c_str());
-        place->lost.set(name.c_str(), parameter);
+        old.params->remove(name.c_str());
+        old.lost.set(name.c_str(), parameter);
     }
-    for (monParam* each = firstParam; each != nullptr; each = each->next)
+    for (monParam* each = old.firstParam; each != nullptr; each = each->next)
         each->isLost = true;
-    std::swap(stream, anew->stream);
-    std::swap(place->opened, anew->place->opened);
-    place->isReadOnly = anew->place->isReadOnly;
-    place->process = anew->place->process;
-    dataStart = anew->dataStart;
-    readUpTo = anew->readUpTo;
-    title = anew->title;
-    headerWord = anew->headerWord;
-    isPatient = true;
-    WatchAnew();
+    Inside& anew = *file->inside;
+    std::swap(old.stream, anew.stream);
+    std::swap(old.opened, anew.opened);
+    old.isReadOnly = anew.isReadOnly;
+    old.process = anew.process;
+    old.dataStart = anew.dataStart;
+    old.readUpTo = anew.readUpTo;
+    old.title = anew.title;
+    old.headerWord = anew.headerWord;
+    old.isPatient = true;
+    old.WatchAnew();
     return true;
 }
 
 xstring monFile::getTitle()
 {
-    return title;
+    return inside->title;
 }
 
 monParamDict* monFile::getParams()
 {
-    UpdateCache();
-    return params;
+    inside->UpdateCache();
+    return inside->params.get();
 }
 
 void monFile::Close()
 {
-    EndChanges();
-    stream->Close();
+    inside->EndChanges();
+    inside->stream->Close();
 }

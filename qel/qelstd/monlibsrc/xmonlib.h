@@ -1,13 +1,11 @@
 #pragma once
 
 #include <ios>
-#include <string>
 
 #include <qel/xdictionary.h>
 #include <qel/xstring.h>
 
 class evtEvent;
-class ioFileStream;
 class monFile;
 
 // A monitor file holds named values: bools, ints, reals and texts of bounded length. One process adds them
@@ -210,85 +208,10 @@ public:
     /// Closes the file for good; the parameters stay valid, but reading and writing them throws.
     void Close();
 
+    struct [[gnu::visibility("hidden")]] Inside; // of the library
+
 private:
-    friend class monParam;
-    friend class monBoolParam;
-    friend class monIntParam;
-    friend class monRealParam;
-    friend class monStringParam;
+    explicit monFile(Inside* made);
 
-    template<class Param>
-    struct Kind;
-
-    struct Place;
-
-    monFile(ioFileStream* opened, const std::string& path, bool isReadOnly);
-    static monFile* Attach(const std::string& path, const char* given);
-    static monFile* OpenAt(const std::string& path, const char* given);
-    static monFile* MakeAnew(const std::string& path, const char* given, const std::string& head);
-    bool BeginInPlace(const std::string& head);
-
-    int WhereAmI();
-    void Seek(int position);
-    void SeekEnd();
-    // Each Store writes one item and flushes.
-    void StoreBool(unsigned char v);
-    void StoreInt(int v);
-    void StoreReal(double v);
-    void StoreString(const char* text);
-    void StoreFixedString(const char* text, int capacity);
-    unsigned char LoadBool();
-    int LoadInt();
-    double LoadReal();
-    xstring LoadStringA(int capacity);
-    bool LoadFixedString(int capacity);
-    void ReadPast(int size);
-
-    // Before each access: reopens the file if a parent process opened it.
-    void Prepare();
-    void PrepareToWrite();
-    long long SizeUnlessGone();
-    [[noreturn]] void ThrowGone();
-    int PositionOf(monParam& parameter);
-
-    void WatchAnew();
-    void WatchNumbers();
-    void WatchNumber(monParam& parameter);
-    void EndChanges();
-
-    // A value in its place.
-    template<class Value>
-    Value Get(monParam& parameter);
-    template<class Value>
-    Value Set(monParam& parameter, Value value);
-    xstring GetText(int start, int capacity); // null: the stored length exceeds the capacity
-    void SetText(int start, int capacity, const char* text);
-    template<class Load>
-    auto LoadLocked(int start, int size, Load load);
-    template<class Transfer>
-    void Attempt(Transfer transfer);
-
-    void UpdateCache();
-    void ReadRecords(long long end);
-    bool ReadRecord(long long end);
-    bool IsTail(long long end);
-    monParam* FindRecord(const char* name);
-    template<class Param, class... Capacity>
-    Param* FindOrAdd(const char* name, Capacity... capacity);
-    template<class Param, class... Capacity>
-    Param* Append(const char* name, Capacity... capacity);
-    void WriteParamHead(const char* name, int type);
-    template<class Param, class... Capacity>
-    Param* Enter(const char* name, int position, Capacity... capacity);
-
-    ioFileStream* stream;
-    Place* place;
-    int dataStart = 0;
-    int readUpTo = 0;
-    xstring title;
-    int headerWord = 0;
-    monParamDict* params;
-    monParam* firstParam = nullptr; // all, including those shadowed by later ones of their name
-    bool isPatient = true;          // whether the last wait for a writer succeeded
-    bool isPolite = true;           // whether the last wait for readers succeeded
+    Inside* const inside;
 };
