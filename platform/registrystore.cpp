@@ -332,9 +332,7 @@ bool platChange::sync(int folder) const
             return true;
         }
     }
-    const btkFd readable(btkOpenAt(folder, ".", O_RDONLY | O_DIRECTORY));
-    // EINVAL: a file system that cannot sync a folder.
-    return readable && (btkRetry([&] { return fsync(readable.Get()); }) == 0 || errno == EINVAL);
+    return btkSyncFolder(folder) || errno == EINVAL; // a file system that cannot sync a folder
 }
 
 // ---- batches
