@@ -266,6 +266,11 @@ bool btkFolder::Rename(const char* name, const char* newName)
     return renameat(descriptor, name, descriptor, newName) == 0;
 }
 
+bool btkFolder::MoveAside(const char* name, std::string& aside)
+{
+    return btkMoveAside(descriptor, name, aside);
+}
+
 bool btkFolder::CopyLink(const char* name, btkFolder& target, const char* newName, bool replaced) const
 {
     char text[PATH_MAX];

@@ -72,6 +72,8 @@ public:
     bool DeleteFile(const char* name);
     bool RemoveFolder(const char* name);
     bool Rename(const char* name, const char* newName);
+    /// btkMoveAside in this folder.
+    bool MoveAside(const char* name, std::string& aside);
     /// Removes everything in this folder, depth first, at any depth; links are unlinked and never entered. A
     /// node that no longer exists is not a failure. The first other failure ends the removal, unless
     /// `watcher`, which may be null, decides otherwise. btkOneMount: mount points in it stay, and are not a

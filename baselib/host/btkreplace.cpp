@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
@@ -131,6 +132,8 @@ constexpr std::string_view mark = ".qelnew-";
 constexpr std::size_t digits = 16;
 // Scanned in a folder.
 constexpr int mostNames = 10000;
+// The age of a leftover link, in seconds. A link cannot be locked.
+constexpr std::time_t linkAge = 60;
 // To find a free name.
 constexpr int attempts = 100;
 // Of a new file: no lock on its content reaches there.
@@ -166,9 +169,15 @@ int removeLeftOvers(btkHandle folder)
     for (; count < mostNames && (entry = readdir(names.get())) != nullptr; ++count) {
         if (!hasMark(entry->d_name))
             continue;
+        struct stat status;
+        if (fstatat(folder, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+            continue;
+        if (S_ISLNK(status.st_mode) && std::time(nullptr) - status.st_mtim.tv_sec > linkAge)
+            unlinkat(folder, entry->d_name, 0);
+        if (!S_ISREG(status.st_mode))
+            continue;
         const btkFd left(
             openat(folder, entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-        struct stat status;
         if (!left || fstat(left.Get(), &status) != 0 || !S_ISREG(status.st_mode))
             continue;
         btkRangeLock lock(left.Get(), lockedByte, 1);
@@ -263,18 +272,34 @@ bool btkSyncFolder(btkHandle folder)
 
 bool btkReplaceByLink(btkHandle folder, const char* text, const char* name)
 {
+    sweepFor(folder);
     std::string own;
     for (int attempt = 0; attempt < attempts; ++attempt) {
         if (!newName(own))
             return false;
-        if (symlinkat(text, folder, own.c_str()) == 0) {
-            if (renameat(folder, own.c_str(), folder, name) == 0)
-                return true;
-            const int error = errno;
-            unlinkat(folder, own.c_str(), 0);
-            errno = error;
-            return false;
+        if (symlinkat(text, folder, own.c_str()) != 0) {
+            if (errno != EEXIST)
+                return false;
+            continue;
         }
+        if (renameat(folder, own.c_str(), folder, name) == 0)
+            return true;
+        const int error = errno;
+        const bool isSwept = unlinkat(folder, own.c_str(), 0) != 0 && errno == ENOENT;
+        errno = error;
+        if (!isSwept) // while this process was stopped, another took the link for a leftover
+            return false;
+    }
+    return false;
+}
+
+bool btkMoveAside(btkHandle folder, const char* name, std::string& aside)
+{
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        if (!newName(aside))
+            return false;
+        if (renameToFree(folder, name, aside.c_str()))
+            return true;
         if (errno != EEXIST)
             return false;
     }

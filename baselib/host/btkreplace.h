@@ -26,13 +26,18 @@ BASE_API bool btkSyncFolder(btkHandle folder);
 /// folder, in one step. False with the reason in errno.
 BASE_API bool btkReplaceByLink(btkHandle folder, const char* text, const char* name);
 
+/// Gives the node `name` of the open folder a private name, which `aside` receives. If this process is killed
+/// before it renames or removes the node, the node stays under that name. False with the reason in errno.
+BASE_API bool btkMoveAside(btkHandle folder, const char* name, std::string& aside);
+
 /// A new file that replaces another one in its folder in one step: at any time, also after this process is
 /// killed, the name opens the old file or the complete new one. Until then the new file has no name, or a
 /// private one, and is removed with the object. Used by one thread at a time; a forked child's copy of the
 /// object removes nothing.
 ///
-/// Before a file gets a private name, leftovers of killed processes are removed from the folder: files whose
-/// name has the mark of this class and that no process holds, among the first 10,000 names. After scanning n
+/// Before a file or link gets a private name, leftovers of killed processes are removed from the folder: files
+/// whose name has the mark of this class and that no process holds, and links of such a name that are older
+/// than a minute, among the first 10,000 names. After scanning n
 /// names, a thread skips the scan for the next n / 16 replacements in that folder.
 class BASE_API btkReplacement
 {

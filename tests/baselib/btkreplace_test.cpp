@@ -140,10 +140,16 @@ TEST_F(Replacement, RemovesOnlyLeftoversOfDeadProcesses)
     dir.write(".config.new");
     dir.makeDir(".qelnew-0123456789abcdef");
     dir.link(".config.new", ".qelnew-0123456789abcdee");
+    dir.link(".config.new", ".qelnew-0123456789abcdef1");
+    dir.link(".config.new", ".qelnew-0123456789abcded");
+    const timespec longAgo[2] = {};
+    for (const char* old : {".qelnew-0123456789abcdef1", ".qelnew-0123456789abcded"})
+        ASSERT_EQ(utimensat(folder.Get(), old, longAgo, AT_SYMLINK_NOFOLLOW), 0);
 
     btkReplacement next; // gets a name when it replaces a file
     EXPECT_TRUE(next.Create(folder.Get()) && next.TakePlace("next"));
-    EXPECT_EQ(names().size(), 6u);
+    EXPECT_EQ(names().size(), 7u);
+    EXPECT_FALSE(dir.has(".qelnew-0123456789abcded"));
     EXPECT_TRUE(inUse.TakePlace("placed"));
 }
 

@@ -372,6 +372,31 @@ TEST_F(Copying, LeavesTheOldFileOrTheNewOneWhicheverCallFails)
     failing::unnamedFilesMissing = false;
 }
 
+TEST_F(Copying, KeepsAFolderUntilTheFileInItsPlaceIsComplete)
+{
+    dir.write("from", "new");
+    int refusals = 0;
+    bool isStruck = true;
+    for (int after = 0; isStruck; ++after) {
+        std::filesystem::remove_all(dir.path("to"));
+        dir.write("to/inner", "old");
+        Raised raised;
+        {
+            const failing::FailingCall fails(after, ENOSPC);
+            raised = copy("X:/from", "X:/to", fsReplace);
+            isStruck = failing::FailingCall::Struck() != nullptr;
+        }
+        EXPECT_EQ(std::filesystem::is_directory(dir.path("to")), raised.code != 0) << after;
+        if (raised.code == 0) {
+            EXPECT_EQ(dir.read("to"), "new") << after;
+        }
+        const std::filesystem::directory_iterator all(dir.path().c_str());
+        EXPECT_EQ(std::distance(begin(all), end(all)), 2) << after;
+        refusals += raised.code != 0;
+    }
+    EXPECT_GE(refusals, 5);
+}
+
 // ---- failures passed to a handler
 
 namespace {

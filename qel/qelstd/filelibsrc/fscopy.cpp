@@ -286,11 +286,11 @@ private:
 
     void copyLink(const Source& source, const char* newName, btkNodeKind present)
     {
-        if (present == btkDirectory)
-            clear(newName, present);
         const bool isTaken = present != btkAbsent && present != btkDirectory;
-        if (!platDone(sources.Last().CopyLink(source.name, targets.Last(), newName, isTaken)))
-            raiseLast(isTaken && isRefusal() ? targetPath : sourcePath);
+        insteadOf(newName, present, [&] {
+            if (!platDone(sources.Last().CopyLink(source.name, targets.Last(), newName, isTaken)))
+                raiseLast(isTaken && isRefusal() ? targetPath : sourcePath);
+        });
         tell();
     }
 
@@ -305,11 +305,11 @@ private:
                 raise(fsSignal, sourcePath, GetLastError());
             raiseLast(present != btkAbsent && isRefusal() ? targetPath : sourcePath);
         }
-        if (present == btkDirectory)
-            clear(newName, present);
         const bool isTaken = present != btkAbsent && present != btkDirectory;
-        if (!platDone(file.Place(newName, isTaken)))
-            raiseLast(isTaken ? targetPath : sourcePath);
+        insteadOf(newName, present, [&] {
+            if (!platDone(file.Place(newName, isTaken)))
+                raiseLast(isTaken ? targetPath : sourcePath);
+        });
         tell();
     }
 
@@ -323,6 +323,28 @@ private:
     {
         if (progress && !progress->Tell())
             raise(fsSignal, sourcePath);
+    }
+
+    /// Runs `place`, which puts the copy into its place. A directory of that name moves aside before, is removed
+    /// afterwards, and gets its name back when either fails.
+    template<class Place>
+    void insteadOf(const char* newName, btkNodeKind present, Place place)
+    {
+        if (present != btkDirectory)
+            return place();
+        std::string aside;
+        if (!platDone(targets.Last().MoveAside(newName, aside)))
+            raiseLast(targetPath);
+        try {
+            place();
+            if (!fsRemoveAt(targets.Last(), aside.c_str(), btkDirectory)) {
+                targets.Last().DeleteFile(newName);
+                raiseLast(targetPath);
+            }
+        } catch (...) {
+            targets.Last().Rename(aside.c_str(), newName);
+            throw;
+        }
     }
 
     /// Removes the node that the copy replaces.
