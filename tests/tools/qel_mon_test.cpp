@@ -1,9 +1,6 @@
-#include <chrono>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <limits>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 
 #include <qel/xmonlib.h>
@@ -15,9 +12,7 @@
 #include "support/terminal.h"
 
 using testing::HasSubstr;
-using testing::MatchesRegex;
 using testing::Not;
-using testing::StartsWith;
 
 namespace {
 
@@ -64,46 +59,6 @@ TEST_F(QelMon, WritesFilesThatTheLibraryReads)
                                               "speed  real\n");
 }
 
-TEST_F(QelMon, RejectsUnsuitableValuesAndChangesNothing)
-{
-    const std::string before = dir.read("run.mon");
-    EXPECT_EQ(Qel("mon create " + file).status, 1);
-    EXPECT_EQ(Qel("mon add " + file + " done real").status, 1);
-    EXPECT_EQ(Qel("mon add " + file + " more int many").status, 2);
-    EXPECT_EQ(Qel("mon add " + file + " more complex").status, 2);
-    EXPECT_EQ(Qel("mon set " + file + " done 2147483648").status, 2);
-    EXPECT_EQ(Qel("mon set " + file + " ok perhaps").status, 2);
-    EXPECT_EQ(Qel("mon set " + file + " note " + std::string(256, 'x')).status, 1);
-    EXPECT_EQ(Qel("mon set " + file + " none 1").output,
-              "qel mon set: " + file + ", none: no such parameter\n");
-    EXPECT_EQ(Qel("mon get " + file + " none").status, 1);
-    EXPECT_EQ(Qel("mon add " + file + " more real 1.5x").status, 2);
-    EXPECT_EQ(Qel("mon add " + file + " more bool -1").status, 2);
-    EXPECT_EQ(Qel("mon create " + dir.path("no/where")).status, 3);
-    EXPECT_EQ(dir.read("run.mon"), before);
-
-    EXPECT_EQ(Qel("mon list " + file + ".no").status, 1);
-    dir.write("text", "not of that kind");
-    EXPECT_EQ(Qel("mon list " + std::string(dir.path("text"))).status, 3);
-    EXPECT_EQ(Qel("mon create --replace " + file).status, 0);
-    EXPECT_EQ(Qel("mon list " + file).output, "");
-}
-
-TEST_F(QelMon, WatchesInEachForm)
-{
-    EXPECT_EQ(Qel("mon watch --once " + file + " done ok").output, "NAME  VALUE\ndone  5\nok    yes\n");
-    EXPECT_THAT(Qel("mon watch --csv --count 2 --interval 0.01 " + file + " note speed").output,
-                MatchesRegex("time,name,value\n"
-                             "([0-9]+\\.[0-9]+,note,two words\n[0-9]+\\.[0-9]+,speed,1.5\n){2}"));
-    const auto sample = nlohmann::json::parse(Qel("mon watch --json --count 1 " + file).output);
-    EXPECT_EQ(sample["title"], "Night run");
-    EXPECT_EQ(sample["values"]["done"], 5);
-    EXPECT_EQ(sample["values"].size(), 4u);
-    EXPECT_EQ(Qel("mon watch --once " + file + " none").status, 1);
-    EXPECT_EQ(Qel("mon watch --once " + file + ".no").status, 1);
-    EXPECT_EQ(Qel("mon watch --csv --json " + file).status, 2);
-}
-
 TEST_F(QelMon, DrawsHistoryOfNumbersOnATerminal)
 {
     const EnvSetting kind("TERM", "xterm");
@@ -138,16 +93,6 @@ TEST_F(QelMon, DrawsHistoryOfNumbersOnATerminal)
     EXPECT_EQ(watching.wait(), 0);
 }
 
-TEST_F(QelMon, EscapesFieldSeparatorsInTables)
-{
-    ASSERT_EQ(Qel("mon add " + file + " 'a,\"b\"' string 'c\nd'").status, 0);
-    EXPECT_THAT(Qel("mon watch --csv --once " + file + " 'a,\"b\"'").output,
-                HasSubstr(",\"a,\"\"b\"\"\",\"c\nd\"\n"));
-    EXPECT_EQ(Qel("mon watch --count 1 " + file + ".no").output, "not there yet\n");
-    EXPECT_THAT(Qel("mon watch --json --count 1 " + file + ".no").output,
-                HasSubstr("\"problem\":\"not there yet\""));
-}
-
 TEST_F(QelMon, KeepsWatchingARecreatedFile)
 {
     RunningQel watching({"mon", "watch", "--json", "--interval", "0.02", file});
@@ -162,39 +107,6 @@ TEST_F(QelMon, KeepsWatchingARecreatedFile)
     EXPECT_THAT(line, HasSubstr("Day run"));
     watching.child.signal(SIGINT); // the user has seen enough
     EXPECT_EQ(watching.child.wait(), 0);
-}
-
-TEST_F(QelMon, DrawsCharts)
-{
-    const std::string picture = dir.path("run 'a'.svg");
-    const Outcome drawn =
-        Qel("mon plot --count 2 --interval 0.01 --svg \"" + picture + "\" " + file + " done speed");
-    EXPECT_EQ(drawn.status, 0) << drawn.output;
-    const std::string svg = dir.read("run 'a'.svg");
-    EXPECT_THAT(svg, HasSubstr("<svg"));
-    EXPECT_THAT(svg, HasSubstr("Night run"));
-
-    const Outcome chart = Qel("mon plot --count 2 --interval 0.01 " + file + " done speed");
-    EXPECT_EQ(chart.status, 0);
-    EXPECT_THAT(chart.output, HasSubstr("done"));
-    EXPECT_EQ(Qel("mon plot --count 1 " + file + " note").status, 1);
-    EXPECT_EQ(Qel("mon plot --count 1 --svg /nonexistent/x.svg " + file + " done").status, 3);
-    const EnvSetting nowhere("PATH", "/nonexistent");
-    EXPECT_THAT(Qel("mon plot --count 1 " + file + " done").output, HasSubstr("qel mon plot: gnuplot: "));
-}
-
-TEST_F(QelMon, DistinguishesReasonsWhyAFileCannotBeWatched)
-{
-    EXPECT_EQ(Qel("mon list " + file + ".no").output, "qel mon list: " + file + ".no: not there\n");
-    dir.write("text", "not of that kind");
-    const std::string text = dir.path("text");
-    EXPECT_EQ(Qel("mon list " + text).output, "qel mon list: " + text + ": no monitor file\n");
-    EXPECT_EQ(Qel("mon check " + file).output, "whole\n");
-    const std::string bytes = dir.read("run.mon");
-    dir.write("run.mon", bytes + std::string("\0\0\0\7", 4) + bytes);
-    const Outcome damaged = Qel("mon check --json " + file);
-    EXPECT_EQ(damaged.status, 1);
-    EXPECT_EQ(nlohmann::json::parse(damaged.output)["offset"], bytes.size());
 }
 
 TEST_F(QelMon, MarksOutdatedValues)
@@ -217,9 +129,4 @@ TEST_F(QelMon, MarksOutdatedValues)
     EXPECT_THAT(lineWith("\"done\":1"), HasSubstr("Day run"));
     watching.child.signal(SIGINT);
     EXPECT_EQ(watching.child.wait(), 0);
-
-    std::filesystem::last_write_time(file,
-                                     std::filesystem::file_time_type::clock::now() - std::chrono::minutes(5));
-    EXPECT_THAT(Qel("mon watch --once " + file).output, StartsWith("old\nNAME"));
-    EXPECT_THAT(Qel("mon watch --once --old 1000 " + file).output, StartsWith("NAME"));
 }

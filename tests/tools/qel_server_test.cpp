@@ -1,6 +1,4 @@
-#include <filesystem>
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 
@@ -9,7 +7,6 @@
 
 #include "support/nameserver.h"
 #include "support/qelprogram.h"
-#include "support/tempdir.h"
 
 namespace {
 
@@ -80,54 +77,4 @@ TEST(QelServer, PerformsTheHandshake)
         const bool failed = status != 0;
         EXPECT_EQ(outcome.output, (failed ? "qel server " + std::string(command) : "") + output);
     }
-}
-
-TEST(QelServer, ReportsAMissingServer)
-{
-    const TestNameServer names;
-    const Outcome outcome = Qel("server ping nobody@127.0.0.1");
-    EXPECT_EQ(outcome.status, 3);
-    EXPECT_EQ(outcome.output, "qel server ping: nobody@127.0.0.1: Server is not registered\n");
-    const EnvSetting elsewhere("VRXNMSPORT", "1"); // a port without a listener
-    const std::string without = "qel server ping: nobody: Name Server is not found\n";
-    EXPECT_EQ(Qel("server ping nobody").output, without);
-    EXPECT_EQ(Qel("server ping nobody").status, 3);
-    EXPECT_EQ(Qel("server ping").status, 2);
-}
-
-TEST(QelServer, ChecksTheRightToConnect)
-{
-    const TempDir dir;
-    const EnvSetting registry("QELSTD_REGISTRY", dir.path("store").c_str());
-    const TestNameServer names;
-    ASSERT_TRUE(RegisterWithNMS(getNameServer(nullptr), 4000, "open"));
-    EXPECT_EQ(Qel("reg set --system 'Software\\VRX\\narrow' ConnectionAllowed '10.1.* 10.2.0.1'").status, 0);
-    EXPECT_EQ(Qel("reg set --user 'Software\\VRX\\shut' ConnectionAllowed ''").status, 0);
-
-    EXPECT_EQ(Qel("server check narrow shut").status, 0);
-    EXPECT_EQ(Qel("server check open").status, 1);
-    const Outcome all = Qel("server check --json");
-    EXPECT_EQ(all.status, 1);
-    const auto rights = nlohmann::json::parse(all.output);
-    ASSERT_EQ(rights.size(), 3u) << all.output;
-    EXPECT_EQ(rights[0]["server"], "narrow");
-    EXPECT_EQ(rights[0]["admits"], "these");
-    EXPECT_EQ(rights[0]["system"], nlohmann::json({"10.1.*", "10.2.0.1"}));
-    EXPECT_EQ(rights[1]["admits"], "everybody");
-    EXPECT_EQ(rights[2]["admits"], "nobody");
-
-    EXPECT_EQ(rights[0]["system found"], "patterns");
-    EXPECT_EQ(rights[0]["user found"], "no value");
-
-    dir.write("store/User/software/vrx/open/connectionallowed.value", "damaged");
-    const auto damaged = nlohmann::json::parse(Qel("server check --json open").output);
-    EXPECT_EQ(damaged[0]["user found"], "cannot be read: damaged file");
-    EXPECT_EQ(damaged[0]["admits"], "nobody");
-    std::filesystem::rename(dir.path("store/System"), dir.path("moved"));
-    dir.link("nowhere", "store/System");
-    EXPECT_EQ(Qel("server check").output, "qel server check: Software\\VRX\\: not a directory\n");
-
-    const auto dotted = nlohmann::json::parse(Qel("server check --json files.old").output);
-    EXPECT_EQ(dotted[0]["restrictable"], false);
-    EXPECT_EQ(dotted[0]["admits"], "everybody");
 }
