@@ -9,13 +9,18 @@ In a document a comment before a fenced block names the file of the tree that th
 
 The file must be a source that its folder's CMakeLists.txt names, or the output that a program there must print. A sample
 is the lines between `// sample NAME` and `// end`; the block contains them without their common indentation. Only blocks of
-the languages in FREE show no file. With a second argument, `write`, the blocks are filled from the files."""
+the languages in FREE show no file. With a second argument, `write`, the blocks are filled from the files.
+
+A sample fits on a screen, and so does the source of an example, except for those of LONG."""
 import re
 import sys
 import textwrap
 import tree
 
 FREE = {"sh", "cmake", "text", "gdb", "ini"}
+SCREEN = 80  # lines
+# Sources with several samples, and whole programs.
+LONG = {"tour/objects.cpp", "wordcount/statistics.cpp", "wordcount_c/wordcount_c.c", "wordserver/wordserver.cpp"}
 BLOCK = re.compile(r"(?:<!-- (?P<file>[^\s:]+)(?:: (?P<sample>[\w ]+))? -->\n)?^```(?P<language>\w*)\n(?P<code>.*?)^```$",
                    re.MULTILINE | re.DOTALL)
 
@@ -53,6 +58,8 @@ def check(path, write):
                 faults.append(f"{place}: a block of '{match['language']}' that does not say which file it shows")
             return match.group(0)
         expected = shown(place, match["file"], match["sample"])
+        if expected is not None and expected.count("\n") > SCREEN:
+            faults.append(f"{place}: more than {SCREEN} lines")
         if expected is None or expected == match["code"]:
             return match.group(0)
         if not write:
@@ -75,4 +82,8 @@ documents = [tree.root() / "README.md", *sorted((tree.root() / "docs").glob("*.m
 blocks = sum(check(path, "write" in sys.argv[2:]) for path in documents)
 if blocks < 5:
     faults.append(f"hardly any blocks in {len(documents)} documents")
+for path in tree.files("examples"):
+    name = path.relative_to(tree.root() / "examples").as_posix()
+    if (path.read_text().count("\n") > SCREEN) != (name in LONG):
+        faults.append(f"examples/{name}: " + ("not long any more" if name in LONG else f"more than {SCREEN} lines"))
 tree.finish(faults)
