@@ -26,19 +26,6 @@ xany read(xobject* owner, const char* attr)
     return xrttistruct::cast(owner->getRtti())->findAttr(attr, 1)->getValue(owner);
 }
 
-/// "TypeName:string QelObject:any": the class's own attributes, with "?" after those that may be null.
-std::string attrsOf(xrttiobject* type)
-{
-    auto* const structure = xrttistruct::cast(type);
-    std::ostringstream text;
-    for (int i = 0; i < structure->getNAttrs(); ++i) {
-        xrttiattr* const attr = structure->getAttr(i);
-        text << (i == 0 ? "" : " ") << attr->getName() << ':' << attr->getType()->getName()
-             << (attr->getIsOptional() ? "?" : "");
-    }
-    return text.str();
-}
-
 template<class... T>
 std::vector<xrttiobject*> descriptorsOf()
 {
@@ -57,7 +44,6 @@ const xrchandle<Subject> subject(new Subject);
 struct Row
 {
     const char* type;
-    const char* attrs;
     const char* description;
     std::function<void()> raise;
     std::vector<xany> values; // of the class's own attributes
@@ -65,60 +51,44 @@ struct Row
 
 /// The row of a class whose own attributes are the arguments of its Throw.
 template<class T, class... A>
-Row rowOf(const char* type, const char* attrs, const char* description, A... arguments)
+Row rowOf(const char* type, const char* description, A... arguments)
 {
-    return {type, attrs, description, [=] { T::Throw(arguments...); }, {xany(arguments)...}};
+    return {type, description, [=] { T::Throw(arguments...); }, {xany(arguments)...}};
 }
 
 const Row coreRows[] = {
-    rowOf<qelXNull>("qellib::XNull", "", "Attempt to assign null to non-optional object"),
-    rowOf<qelXTypeMismatch>("qellib::XTypeMismatch", "TypeName:string QelObject:any", "Object type mismatch",
-                            "a::B", subject),
-    rowOf<qelXInvalidArrayIndex>("qellib::XInvalidArrayIndex", "QelObject:any Dimension:int Index:int",
-                                 "Array index is out of range", subject, 2, 7),
-    rowOf<qelXInvalidSeqIndex>("qellib::XInvalidSeqIndex", "QelObject:any Index:int",
-                               "Sequence index is out of range", subject, 3),
-    rowOf<qelXInvalidDictIndex>("qellib::XInvalidDictIndex", "QelObject:any Index:int",
-                                "Dictionary index is out of range", subject, 4),
-    rowOf<qelXInvalidDictKey>("qellib::XInvalidDictKey", "QelObject:any Key:string",
-                              "Dictionary key is not found", subject, "k"),
-    rowOf<qelXNegativeIndex>("qellib::XNegativeIndex", "Index:int", "Negative index", -5),
-    rowOf<qelXNotInitialized>("qellib::XNotInitialized", "",
-                              "Object is not initialized or has been destroyed"),
-    rowOf<qelXRefCountable>("qellib::XRefCountable", "QelObject:any", "Object is reference countable",
-                            subject),
-    rowOf<qelXNativeException>("qellib::XNativeException", "StringRep:string", "Native exception",
-                               "std::bad"),
-    rowOf<qelXConnectionClosed>("qellib::XConnectionClosed", "",
+    rowOf<qelXNull>("qellib::XNull", "Attempt to assign null to non-optional object"),
+    rowOf<qelXTypeMismatch>("qellib::XTypeMismatch", "Object type mismatch", "a::B", subject),
+    rowOf<qelXInvalidArrayIndex>("qellib::XInvalidArrayIndex", "Array index is out of range", subject, 2, 7),
+    rowOf<qelXInvalidSeqIndex>("qellib::XInvalidSeqIndex", "Sequence index is out of range", subject, 3),
+    rowOf<qelXInvalidDictIndex>("qellib::XInvalidDictIndex", "Dictionary index is out of range", subject, 4),
+    rowOf<qelXInvalidDictKey>("qellib::XInvalidDictKey", "Dictionary key is not found", subject, "k"),
+    rowOf<qelXNegativeIndex>("qellib::XNegativeIndex", "Negative index", -5),
+    rowOf<qelXNotInitialized>("qellib::XNotInitialized", "Object is not initialized or has been destroyed"),
+    rowOf<qelXRefCountable>("qellib::XRefCountable", "Object is reference countable", subject),
+    rowOf<qelXNativeException>("qellib::XNativeException", "Native exception", "std::bad"),
+    rowOf<qelXConnectionClosed>("qellib::XConnectionClosed",
                                 "Attempt to communicate with client/server after connection has been closed"),
-    rowOf<qelXS11nException>("qellib::XS11nException", "Message:string", "SOAP exception", "no such port"),
-    rowOf<qelXSoapFault>("qellib::XSoapFault", "FaultCode:string? FaultString:string? FaultDetail:any?",
-                         "SOAP Fault", "c", "s", subject),
+    rowOf<qelXS11nException>("qellib::XS11nException", "SOAP exception", "no such port"),
+    rowOf<qelXSoapFault>("qellib::XSoapFault", "SOAP Fault", "c", "s", subject),
 };
 
 const Row transportRows[] = {
-    rowOf<xportXCannotConnect>("qeljava::XCannotConnect", "Host:string Port:int", "Cannot connect", "there",
-                               80),
-    rowOf<xportXMsgStringTooLong>("qeljava::XMsgStringTooLong", "Msg:string", "Message too long", "so long"),
-    rowOf<xportXFlushFailed>("qeljava::XFlushFailed", "", "Flush on socket failed"),
-    rowOf<xportXNullInNonOptArg>("qeljava::XNullInNonOptArg", "ParamName:string",
+    rowOf<xportXCannotConnect>("qeljava::XCannotConnect", "Cannot connect", "there", 80),
+    rowOf<xportXMsgStringTooLong>("qeljava::XMsgStringTooLong", "Message too long", "so long"),
+    rowOf<xportXFlushFailed>("qeljava::XFlushFailed", "Flush on socket failed"),
+    rowOf<xportXNullInNonOptArg>("qeljava::XNullInNonOptArg",
                                  "Null passed to non optional parameter argument", "p"),
-    rowOf<xportXTimeout>("qeljava::XTimeout", "OpName:string", "communication timeout", "read"),
+    rowOf<xportXTimeout>("qeljava::XTimeout", "communication timeout", "read"),
 };
 
-/// Checks the whole descriptor of the exception that `row` throws.
-void expectDescribed(const Row& row, xthrowable* thrown)
+/// Checks the exception that `row` throws. types.txt of the registration's test holds the classes.
+void expectValues(const Row& row, xthrowable* thrown)
 {
     SCOPED_TRACE(row.type);
     ASSERT_NE(thrown, nullptr);
     auto* const type = xrttistruct::cast(thrown->getRtti());
     EXPECT_TRUE(type->getName() == row.type);
-    EXPECT_EQ(type->getNParents(), 1);
-    EXPECT_EQ(type->getParent(0), qelXSoapFault::softcast(thrown) == nullptr
-                                      ? qelXException::getClassRtti()
-                                      : qelXS11nException::getClassRtti());
-    EXPECT_EQ(attrsOf(type), row.attrs);
-    EXPECT_EQ(qelRttiGetFromMap(row.type), static_cast<xrtti*>(type));
     EXPECT_TRUE(read(thrown, "Description") == row.description);
     ASSERT_EQ(static_cast<std::size_t>(type->getNAttrs()), row.values.size());
     for (int i = 0; i < type->getNAttrs(); ++i)
@@ -148,27 +118,25 @@ void expectInOrder(F... operations)
 
 } // namespace
 
-TEST(CoreExceptions, AreDescribedAndOwnedByTheCatcher)
+TEST(CoreExceptions, HoldTheirArgumentsAndBelongToTheCatcher)
 {
     for (const Row& row : coreRows) {
         const int held = xrcgetcount(subject.get());
         xthrowable* const thrown = thrownBy(row.raise);
-        expectDescribed(row, thrown);
+        expectValues(row, thrown);
         EXPECT_TRUE(thrown->isRefCountable());
         EXPECT_EQ(xrcgetcount(thrown), 1);
 
         xrcrelease(thrown);
         EXPECT_EQ(xrcgetcount(subject.get()), held) << row.type; // it is destroyed with its values
     }
-    EXPECT_EQ(attrsOf(qelXException::getClassRtti()), "Description:string?");
-    EXPECT_EQ(qelXException::getClassRtti()->getNParents(), 0);
 }
 
-TEST(TransportExceptions, AreDescribedAndOutliveEveryRelease)
+TEST(TransportExceptions, HoldTheirArgumentsAndOutliveEveryRelease)
 {
     for (const Row& row : transportRows) {
         xthrowable* const thrown = thrownBy(row.raise);
-        expectDescribed(row, thrown);
+        expectValues(row, thrown);
         EXPECT_FALSE(thrown->isRefCountable());
         for (int i = 0; i < 3; ++i)
             xrcrelease(thrown);
@@ -428,9 +396,6 @@ TEST(ExternFunc, NamesTheFunctionAndItsEmptyArguments)
     const xrchandle<qelXFunc> func(new qelXFunc("f"));
     EXPECT_TRUE(func->getName() == "f");
     EXPECT_TRUE(func->getArgs());
-    EXPECT_EQ(attrsOf(qelXArgs::getClassRtti()), "");
-    EXPECT_EQ(attrsOf(qelXFunc::getClassRtti()), "Name:string Args:qellib::XArgs");
-    EXPECT_EQ(attrsOf(qelXExternFunc::getClassRtti()), "Func:qellib::XFunc");
 
     const xrchandle<qelXExternFunc> error(new qelXExternFunc("d", func.get()));
     EXPECT_EQ(xrcgetcount(func.get()), 2);
