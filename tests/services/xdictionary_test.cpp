@@ -228,7 +228,7 @@ TEST(xdictionary, EverySlotMatchesTheSlotRule)
     compareWithModel<Plain>(words(25), 100000); // no slot is unused after a while
     compareWithModel<Plain>(numbers(3000), 300000);
     compareWithModel<Plain>(twins(500), 50000); // long probe sequences
-    compareWithModel<Plain>(twins(5000), 30000, Slots::betweenParts);
+    compareWithModel<Plain>(twins(2000), 12000, Slots::betweenParts);
     compareWithModel<Watching>(words(300), 50000);
     compareWithModel<Ends>(words(300), 50000);
     compareWithModel<Tables>(words(300), 50000);
