@@ -15,7 +15,7 @@ ELSEWHERE = {
     "environment": "console ctenv",
     "tmtime": "btkcalendar tmexception",
     "monchange": "btkfilewatch",
-    "registry": "registryname registrystore",
+    "registry": "registrykeys registryname registrystore",
     "hmxconfigfile": "hmxstring lockfilebuf updatejournal",
     "hmxregistry": "reglib",
     "fsoperations": "filelib fschecksum fslist fsplaces fsquery",
