@@ -67,7 +67,7 @@ std::size_t asciiRun(const char* text, std::size_t length)
         at += 64;
     while (at + 8 <= length && isAscii(at, std::integral_constant<int, 1>()))
         at += 8;
-    if (at > 0 && at < length && isAscii(length - 8, std::integral_constant<int, 1>()))
+    if (at > 0 && at < length && length - at < 8 && isAscii(length - 8, std::integral_constant<int, 1>()))
         at = length;
     return at;
 }
