@@ -12,7 +12,7 @@ class UrgentEvent final : public btkBaseEvent
 {
 public:
     UrgentEvent(std::shared_ptr<btkStreamSocket*> shared, btkHandle watched)
-        : btkBaseEvent(watched, SelectEvents(2), true), socket(std::move(shared))
+        : btkBaseEvent(watched, btkUrgent, true), socket(std::move(shared))
     {
     }
 
@@ -24,13 +24,13 @@ protected:
             return On;
         }
         // A value that cannot be received yet must not cause repeated wakeups.
-        GetWatch().events = (*socket)->MayReadAhead() ? SelectEvents(2) : short(0);
+        GetWatch().awaited = (*socket)->MayReadAhead() ? btkUrgent : btkNotReady;
         return (*socket)->HasUrgent() ? On : Ask;
     }
     // A failed connection is ready, too, and stays ready.
-    bool OnPolled(short ready) override
+    bool OnPolled(btkReadiness ready) override
     {
-        return *socket == nullptr || (*socket)->HasUrgent() || (ready & ~SelectEvents(2)) != 0;
+        return *socket == nullptr || (*socket)->HasUrgent() || (ready & ~btkUrgent) != 0;
     }
 
 private:
@@ -120,11 +120,11 @@ btkBaseEvent::State xsocketbuf::OnAskInput()
     if (state == btkBaseEvent::On || socket->HoldsReadable())
         return btkBaseEvent::On;
     SendPending();
-    SetInputConditions(socket->GetInputConditions());
+    SetAwaitedInput(socket->GetAwaitedInput());
     return state;
 }
 
-bool xsocketbuf::OnInputPolled(short ready)
+bool xsocketbuf::OnInputPolled(btkReadiness ready)
 {
     return socket->IsReadableAfter(ready);
 }

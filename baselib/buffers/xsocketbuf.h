@@ -35,7 +35,7 @@ protected:
     bool IsPending() override;
     bool OnTryUnderflow() override;
     btkBaseEvent::State OnAskInput() override;
-    bool OnInputPolled(short ready) override;
+    bool OnInputPolled(btkReadiness ready) override;
 
     int_type overflow(int_type byte) override;
     std::streamsize xsputn(const char* from, std::streamsize count) override;

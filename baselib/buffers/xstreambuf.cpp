@@ -24,7 +24,7 @@ public:
         if (next != nullptr)
             next->place = place;
         buffer = nullptr;
-        GetWatch() = {-1, 0, true};
+        GetWatch() = {-1, btkNotReady, true};
     }
 
     // The buffer has state about its input or output: its events of that kind call it before they poll.
@@ -49,13 +49,12 @@ protected:
         if (!mayKnow)
             return Ask;
         const State state = buffer->OnAskInput();
-        if (buffer->inputConditions != 0)
-            GetWatch().events = buffer->inputConditions;
+        GetWatch().awaited = buffer->awaitedInput;
         return state;
     }
-    bool OnPolled(short ready) override
+    bool OnPolled(btkReadiness ready) override
     {
-        return isInput && buffer != nullptr ? buffer->OnInputPolled(ready) : ready != 0;
+        return isInput && buffer != nullptr ? buffer->OnInputPolled(ready) : ready != btkNotReady;
     }
 
 private:

@@ -110,15 +110,15 @@ protected:
     /// The same for the output events, which call it once after each NoteShort.
     virtual btkBaseEvent::State OnAskOutput() { return btkBaseEvent::Ask; }
     void NoteShort();
-    /// Sets the poll conditions of the events, in place of "readable".
-    void SetInputConditions(short conditions) { inputConditions = conditions; }
+    /// Sets the readiness that the input's events wait for, in place of btkReadable.
+    void SetAwaitedInput(btkReadiness awaited) { awaitedInput = awaited; }
     void SetAsksInput()
     {
         asksInput = true;
         NoteHeld();
     }
     /// Called when the handle was found ready to read. False when there is no input after all.
-    virtual bool OnInputPolled(short ready) { return ready != 0; }
+    virtual bool OnInputPolled(btkReadiness ready) { return ready != btkNotReady; }
 
     /// Called when the try view has been read to its end: lends more with xtrystreambuf::ExtendBuf and
     /// returns true, or returns false when there is no more without waiting.
@@ -136,7 +136,7 @@ private:
     bool tryExhausted = false;
     bool tryTooLarge = false;
     bool limitPassed = false;
-    short inputConditions = 0; // 0: readable
+    btkReadiness awaitedInput = btkReadable;
     std::size_t textLimit = static_cast<std::size_t>(-1);
 };
 

@@ -1,11 +1,11 @@
 #include "btkcalendar.h"
 
-bool btkLocalTime(std::time_t time, std::tm& fields, long* offset)
+bool btkLocalTime(std::time_t time, std::tm& fields, int* offset)
 {
     if (localtime_r(&time, &fields) == nullptr)
         return false;
     if (offset != nullptr)
-        *offset = fields.tm_gmtoff;
+        *offset = static_cast<int>(fields.tm_gmtoff);
     return true;
 }
 

@@ -8,7 +8,7 @@
 
 /// Breaks `time` down to local time, and stores in `offset`, unless it is null, the seconds by which local
 /// time is ahead of UTC. False when the year does not fit.
-BASE_API bool btkLocalTime(std::time_t time, std::tm& fields, long* offset = nullptr);
+BASE_API bool btkLocalTime(std::time_t time, std::tm& fields, int* offset = nullptr);
 
 /// Stores the time of a date and a clock time in UTC, whose fields may lie outside their usual ranges and are
 /// normalized. False when there is no such time.

@@ -12,13 +12,16 @@
 
 static_assert(sizeof(btkPollSet::Place) == sizeof(pollfd) &&
               offsetof(btkPollSet::Place, ready) == offsetof(pollfd, revents));
+static_assert(btkReadable == POLLIN && btkUrgent == POLLPRI && btkWritable == POLLOUT &&
+              btkBroken == POLLERR && btkHungUp == POLLHUP && btkInvalid == POLLNVAL &&
+              btkOutputClosed == POLLRDHUP);
 
 btkPollSet::btkPollSet(std::size_t size, btkTimeval timeLimit)
     : count(size), limit(timeLimit),
       end(limit.IsForever() || limit == btkTimeval() ? limit : btkTimeval::Now() + limit)
 {
-    if (count > std::size(near))
-        all = far = new Place[count];
+    if (count > std::size(first))
+        all = allocated = new Place[count];
 }
 
 int btkPollSet::Sleep()
@@ -33,10 +36,10 @@ int btkPollSet::Sleep()
     return marked + ready;
 }
 
-short btkBaseEvent::SelectEvents(int type)
+btkReadiness btkBaseEvent::SelectEvents(int type)
 {
-    static constexpr short events[] = {POLLIN, POLLOUT, POLLPRI, POLLRDHUP};
-    return type >= 0 && type <= 3 ? events[type] : short(0);
+    static constexpr btkReadiness types[] = {btkReadable, btkWritable, btkUrgent, btkOutputClosed};
+    return type >= 0 && type <= 3 ? types[type] : btkNotReady;
 }
 
 bool btkBaseEvent::IsSignaled()
@@ -45,8 +48,8 @@ bool btkBaseEvent::IsSignaled()
         if (const State state = OnAsk(); state != Ask)
             return state == On;
     }
-    pollfd asked = {watch->handle, watch->events, 0};
-    return btkPoll(&asked, 1, {}) > 0 && (!watch->asks || OnPolled(asked.revents));
+    pollfd asked = {watch->handle, watch->awaited, 0};
+    return btkPoll(&asked, 1, {}) > 0 && (!watch->asks || OnPolled(static_cast<btkReadiness>(asked.revents)));
 }
 
 btkEvent::btkEvent(btkBaseEvent* owned) : baseEvent(owned)
@@ -66,7 +69,7 @@ void btkEvent::PrepareAsked(btkPollSet::Place& place, btkPollSet& places)
 {
     const btkBaseEvent::State state = baseEvent->OnAsk();
     // OnAsk may have changed it.
-    place = {watch.handle, watch.events, 0};
+    place = {watch.handle, watch.awaited, btkNotReady};
     if (state == btkBaseEvent::Ask)
         return;
     place.handle = -1;

@@ -6,6 +6,23 @@
 #include <qel/base/btkatomic.h>
 #include <qel/base/btkfd.h>
 
+/// What a descriptor is ready for, as bits: the input and the result of a wait. Their values are those of the
+/// operating system's wait, so that its entries need no translation.
+enum btkReadiness : short {
+    btkNotReady = 0,
+    btkReadable = 1,         // bytes, the end of the input, or a connection to accept
+    btkUrgent = 2,           // urgent data
+    btkWritable = 4,         // room for output
+    btkBroken = 8,           // an error: found, not awaited
+    btkHungUp = 16,          // the peer has closed both directions: found, not awaited
+    btkInvalid = 32,         // the descriptor is not open: found, not awaited
+    btkOutputClosed = 0x2000 // the peer has closed its output
+};
+constexpr btkReadiness operator|(btkReadiness a, btkReadiness b)
+{
+    return static_cast<btkReadiness>(static_cast<int>(a) | static_cast<int>(b));
+}
+
 /// A waitable event: on (signaled) or off; waiting does not change it. Each kind is based on a descriptor
 /// that becomes ready; a kind with further state overrides OnAsk and OnPolled. Used by one thread at a time.
 class BASE_API btkBaseEvent
@@ -29,9 +46,9 @@ public:
     bool IsSignaled();
 
 protected:
-    /// Creates an event that is on while `awaited` (poll's bits) hold for `watched`. The descriptor is not
+    /// Creates an event that is on while `watched` is ready for one of `awaited`. The descriptor is not
     /// owned. With -1 only OnAsk turns the event on. `knowsMore`: OnAsk and OnPolled are called.
-    explicit btkBaseEvent(btkHandle watched, short awaited, bool knowsMore = false)
+    explicit btkBaseEvent(btkHandle watched, btkReadiness awaited, bool knowsMore = false)
         : ownWatch{watched, awaited, knowsMore}
     {
     }
@@ -40,20 +57,20 @@ protected:
     struct Watch
     {
         btkHandle handle; // -1: none
-        short events;
+        btkReadiness awaited;
         bool asks; // OnAsk and OnPolled are called
     };
     Watch& GetWatch() { return *watch; }
 
-    /// Returns the poll events of the select types: 0 readable, 1 writable, 2 urgent data present, 3 the peer
+    /// Returns the readiness of the select types: 0 readable, 1 writable, 2 urgent data present, 3 the peer
     /// has closed its output.
-    static short SelectEvents(int type);
+    static btkReadiness SelectEvents(int type);
 
     /// Called before the descriptor is polled and before every sleep; may change the watch.
     virtual State OnAsk() { return Ask; }
-    /// Called when the descriptor was found ready (`ready`: poll's result). False for a spurious wakeup,
+    /// Called when the descriptor was found ready for `ready`. False for a spurious wakeup,
     /// which the kind must clear: the wait continues.
-    virtual bool OnPolled(short ready) { return ready != 0; }
+    virtual bool OnPolled(btkReadiness ready) { return ready != btkNotReady; }
 
 private:
     friend class btkEvent;
@@ -67,7 +84,7 @@ private:
 class BASE_API btkAlwaysEvent : public btkBaseEvent
 {
 public:
-    btkAlwaysEvent() : btkBaseEvent(-1, 0, true) {}
+    btkAlwaysEvent() : btkBaseEvent(-1, btkNotReady, true) {}
 
 protected:
     State OnAsk() override { return On; }
@@ -90,15 +107,15 @@ public:
     struct Place
     {
         btkHandle handle; // -1: nothing to poll
-        short events;
-        short ready;
+        btkReadiness awaited;
+        btkReadiness ready;
 
-        bool IsMarked() const { return (events & onMark) != 0; }
-        bool IsFound() const { return ((events & onMark) | ready) != 0; }
+        bool IsMarked() const { return (awaited & onMark) != 0; }
+        bool IsFound() const { return ((awaited & onMark) | ready) != 0; }
     };
 
     btkPollSet(std::size_t size, btkTimeval timeLimit);
-    ~btkPollSet() { delete[] far; }
+    ~btkPollSet() { delete[] allocated; }
     btkPollSet(const btkPollSet&) = delete;
     btkPollSet& operator=(const btkPollSet&) = delete;
 
@@ -106,7 +123,7 @@ public:
     /// Marks an entry as on independently of its descriptor.
     void Mark(Place& place)
     {
-        place.events |= onMark;
+        place.awaited = place.awaited | onMark;
         ++marked;
         limit = {};
     }
@@ -119,9 +136,9 @@ public:
     bool GoesOn() const { return mayGoOn; }
 
 private:
-    /// Bit in the events of an entry whose event is on independently of its descriptor; the operating system
+    /// Bit in the awaited readiness of an entry whose event is on independently of its descriptor; the operating system
     /// ignores it.
-    static constexpr short onMark = 0x4000;
+    static constexpr btkReadiness onMark{0x4000};
 
     std::size_t count;
     btkTimeval limit;
@@ -129,9 +146,9 @@ private:
     int marked = 0;
     bool asksAgain = false;
     bool mayGoOn = true;
-    Place near[512];
-    Place* far = nullptr;
-    Place* all = near;
+    Place first[512];
+    Place* allocated = nullptr;
+    Place* all = first;
 };
 
 /// Owns a btkBaseEvent and can wait for several events at once.
@@ -164,7 +181,7 @@ private:
     {
         if (WasSignaled())
             wasOn.Set(false);
-        place = {watch.handle, watch.events, 0};
+        place = {watch.handle, watch.awaited, btkNotReady};
         if (watch.asks)
             PrepareAsked(place, places);
     }
@@ -172,8 +189,8 @@ private:
     /// Takes the result from its entry, where one was found. Returns whether the event is on.
     bool Finish(const btkPollSet::Place& place);
 
-    btkBaseEvent::Watch watch = {-1, 0, false}; // first member: the input of a wait
-    btkAtomic<bool> wasOn = false;              // the last wait found it on
+    btkBaseEvent::Watch watch = {-1, btkNotReady, false}; // first member: the input of a wait
+    btkAtomic<bool> wasOn = false;                        // the last wait found it on
     btkBaseEvent* baseEvent;
 };
 
@@ -191,7 +208,7 @@ int btkEvent::WaitForAny(std::size_t count, btkTimeval limit, At at)
             if (btkEvent* const event = at(i))
                 event->Prepare(places[i], places);
             else
-                places[i] = {-1, 0, 0};
+                places[i] = {-1, btkNotReady, btkNotReady};
         }
         int signaled = 0;
         int found = places.Sleep(); // an entry found in two ways counts twice

@@ -74,11 +74,11 @@ btkTimeval LeftUntil(btkTimeval end)
     return end.IsForever() ? end : end - btkTimeval::Now();
 }
 
-// Polls; returns the events that hold, 0 when the limit has passed.
-short Poll(btkHandle handle, short events, btkTimeval limit)
+// Waits; returns the readiness found, none when the limit has passed.
+btkReadiness Poll(btkHandle handle, btkReadiness awaited, btkTimeval limit)
 {
-    pollfd asked = {handle, events, 0};
-    return btkPoll(&asked, 1, limit) < 0 ? POLLERR : asked.revents;
+    pollfd asked = {handle, awaited, 0};
+    return btkPoll(&asked, 1, limit) < 0 ? btkBroken : static_cast<btkReadiness>(asked.revents);
 }
 
 // Receives. `mayBeMore`: whether there may be more data after it; known only where the kernel reports it.
@@ -118,17 +118,17 @@ class InputEvent final : public btkBaseEvent
 {
 public:
     explicit InputEvent(btkStreamSocket& of)
-        : btkBaseEvent(of.GetHandle(), of.GetInputConditions(), true), socket(of)
+        : btkBaseEvent(of.GetHandle(), of.GetAwaitedInput(), true), socket(of)
     {
     }
 
 protected:
     State OnAsk() override
     {
-        GetWatch().events = socket.GetInputConditions();
+        GetWatch().awaited = socket.GetAwaitedInput();
         return socket.HoldsReadable() ? On : Ask;
     }
-    bool OnPolled(short ready) override { return socket.IsReadableAfter(ready); }
+    bool OnPolled(btkReadiness ready) override { return socket.IsReadableAfter(ready); }
 
 private:
     btkStreamSocket& socket;
@@ -161,7 +161,7 @@ btkFd ConnectTo(const btkSocketAddress& address, btkTimeval limit)
     int error = connect(made.Get(), address.Get(), address.size) == 0 ? 0 : errno;
     if (error == EINPROGRESS || error == EINTR) {
         socklen_t size = sizeof error;
-        if (Poll(made.Get(), POLLOUT, limit) == 0)
+        if (Poll(made.Get(), btkWritable, limit) == btkNotReady)
             error = ETIMEDOUT;
         else if (getsockopt(made.Get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0)
             error = errno;
@@ -331,14 +331,14 @@ void btkStreamSocket::ShutdownOutput()
     shutdown(fd.Get(), SHUT_WR);
 }
 
-// Waits until `events` hold, at most until `end` or the end that the stop sign sets. False when the time is
+// Waits until the socket is ready for `awaited`, at most until `end` or the end that the stop sign sets. False when the time is
 // up.
-bool btkStreamSocket::Await(short events, btkTimeval end)
+bool btkStreamSocket::Await(btkReadiness awaited, btkTimeval end)
 {
     for (;;) {
         const btkTimeval told = stopSign == nullptr ? btkTimeval::Forever() : stopSign->GetEnd();
         const btkHandle sign = stopSign == nullptr || !told.IsForever() ? -1 : stopSign->GetHandle();
-        pollfd asked[] = {{fd.Get(), events, 0}, {sign, POLLIN, 0}};
+        pollfd asked[] = {{fd.Get(), awaited, 0}, {sign, POLLIN, 0}};
         if (btkPoll(asked, sign < 0 ? 1 : 2, LeftUntil(std::min(end, told))) < 0)
             return true;
         if (asked[0].revents != 0)
@@ -357,7 +357,7 @@ bool btkStreamSocket::Await(short events, btkTimeval end)
 // Repeats `call(flags)`, a send or receive, until it transfers something, fails, or `end` has passed. Without
 // a limit or stop sign the call itself waits; otherwise poll does.
 template<class Call>
-std::ptrdiff_t btkStreamSocket::Transfer(short events, btkTimeval end, bool waitsFirst, Call call)
+std::ptrdiff_t btkStreamSocket::Transfer(btkReadiness awaited, btkTimeval end, bool waitsFirst, Call call)
 {
     limitPassed = stopSign != nullptr && stopSign->IsOver();
     if (limitPassed) {
@@ -366,13 +366,13 @@ std::ptrdiff_t btkStreamSocket::Transfer(short events, btkTimeval end, bool wait
     }
     const bool mayWait = end.IsForever() && stopSign == nullptr;
     const int flags = MSG_NOSIGNAL | (mayWait ? 0 : MSG_DONTWAIT);
-    if (waitsFirst && !mayWait && !Await(events, end))
+    if (waitsFirst && !mayWait && !Await(awaited, end))
         return -1;
     for (;;) {
         const std::ptrdiff_t answer = btkRetry([&] { return call(flags); });
         if (answer >= 0 || errno != EAGAIN)
             return answer;
-        if (!Await(events, end))
+        if (!Await(awaited, end))
             return -1;
     }
 }
@@ -393,7 +393,7 @@ std::size_t btkStreamSocket::Send(const void* from, std::size_t size, bool oob)
     std::size_t done = 0;
     while (done < size) {
         const std::ptrdiff_t count =
-            Transfer(POLLOUT, std::min(EndOf(sendLimit), deadline), false, [&](int flags) {
+            Transfer(btkWritable, std::min(EndOf(sendLimit), deadline), false, [&](int flags) {
                 return send(fd.Get(), static_cast<const char*>(from) + done, size - done,
                             flags | (oob ? MSG_OOB : 0));
             });
@@ -444,7 +444,7 @@ std::ptrdiff_t btkStreamSocket::ReceiveRaw(char* to, std::size_t size, Wait wait
 {
     if (wait == Wait::never)
         return ReceiveNow(fd.Get(), to, size, mayBeMore);
-    return Transfer(POLLIN, end, wait == Wait::first,
+    return Transfer(btkReadable, end, wait == Wait::first,
                     [&](int flags) { return ReceivePart(fd.Get(), to, size, flags, mayBeMore); });
 }
 
@@ -467,7 +467,7 @@ std::ptrdiff_t btkStreamSocket::Receive(char* to, std::size_t size, Wait wait)
             if (ahead->Count() > 0) {
                 if (wait == Wait::never)
                     errno = EAGAIN;
-                else if (Await(POLLIN, end))
+                else if (Await(btkReadable, end))
                     continue;
                 return -1;
             }
@@ -491,7 +491,7 @@ std::ptrdiff_t btkStreamSocket::Receive(char* to, std::size_t size, Wait wait)
 
 bool btkStreamSocket::IsUrgentPending() const
 {
-    return (Poll(fd.Get(), POLLPRI, {}) & POLLPRI) != 0;
+    return (Poll(fd.Get(), btkUrgent, {}) & btkUrgent) != 0;
 }
 
 bool btkStreamSocket::IsAtMark() const
@@ -578,10 +578,10 @@ bool btkStreamSocket::IsReadable(btkTimeval limit)
         if (ahead != nullptr && ahead->Sure() > 0)
             return true;
         const bool isMarkNear = ahead != nullptr && ahead->isMarkNear;
-        const short ready = Poll(fd.Get(), GetInputConditions(), LeftUntil(end));
-        if (ready == 0)
+        const btkReadiness ready = Poll(fd.Get(), GetAwaitedInput(), LeftUntil(end));
+        if (ready == btkNotReady)
             return false;
-        if ((ready & POLLPRI) == 0 && !isMarkNear)
+        if ((ready & btkUrgent) == 0 && !isMarkNear)
             return true;
         GetAhead();
         Settle();
@@ -599,16 +599,16 @@ bool btkStreamSocket::HoldsReadable() const
 }
 
 // A mark that is known and not reached yet must not cause repeated wakeups.
-short btkStreamSocket::GetInputConditions() const
+btkReadiness btkStreamSocket::GetAwaitedInput() const
 {
-    return static_cast<short>(ahead != nullptr && ahead->isMarkNear ? POLLIN : POLLIN | POLLPRI);
+    return ahead != nullptr && ahead->isMarkNear ? btkReadable : btkReadable | btkUrgent;
 }
 
 // Without a mark all readable data is ordinary, whatever has arrived since.
-bool btkStreamSocket::IsReadableAfter(short found)
+bool btkStreamSocket::IsReadableAfter(btkReadiness found)
 {
     const bool isMarkNear = ahead != nullptr && ahead->isMarkNear;
-    return !isMarkNear && (found & POLLPRI) == 0 ? found != 0 : IsReadable();
+    return !isMarkNear && (found & btkUrgent) == 0 ? found != btkNotReady : IsReadable();
 }
 
 bool btkStreamSocket::HasUrgent()
@@ -638,7 +638,7 @@ bool btkStreamSocket::IsPeerOnTheSameMachine() const
 
 // ---- btkAcceptSocket
 
-bool btkAcceptSocket::Listen(int port, const char* interface)
+bool btkAcceptSocket::Listen(int port, const char* listenOn)
 {
     fd.Reset();
     if (port < 0 || port > 65535) {
@@ -646,8 +646,8 @@ bool btkAcceptSocket::Listen(int port, const char* interface)
         return false;
     }
     std::vector<btkSocketAddress> addresses;
-    if (interface != nullptr) {
-        addresses = btkResolveInterface(interface, port);
+    if (listenOn != nullptr) {
+        addresses = btkResolveInterface(listenOn, port);
     } else {
         // One socket for both families or, without IPv6, one for IPv4.
         for (const int family : {AF_INET6, AF_INET})
@@ -662,7 +662,7 @@ bool btkAcceptSocket::Listen(int port, const char* interface)
         // Inherited by its connections, which saves two calls for each.
         SetStreamOptions(made.Get());
         if (family == AF_INET6)
-            SetOption(made.Get(), IPPROTO_IPV6, IPV6_V6ONLY, interface != nullptr);
+            SetOption(made.Get(), IPPROTO_IPV6, IPV6_V6ONLY, listenOn != nullptr);
         if (bind(made.Get(), address.Get(), address.size) == 0 && listen(made.Get(), SOMAXCONN) == 0) {
             fd = std::move(made);
             return true;

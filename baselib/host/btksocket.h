@@ -6,9 +6,8 @@
 #include <memory>
 #include <string>
 
+#include <qel/base/btkevent.h>
 #include <qel/base/btkfd.h>
-
-class btkBaseEvent;
 
 /// A TCP socket over IPv4 or IPv6. Its descriptor is closed on exec. Used by one thread at a time.
 class BASE_API btkSocket
@@ -136,11 +135,10 @@ public:
     /// Returns the same as a new event, without a system call unless an urgent value has arrived. The caller
     /// owns it, and must free it before the socket.
     btkBaseEvent* GetInputEvent();
-    /// For such events: the state known before polling, the poll conditions to wait for, and the result of
-    /// those found.
+    /// For such events: the state known before polling, the readiness to wait for, and the result of that found.
     bool HoldsReadable() const;
-    short GetInputConditions() const;
-    bool IsReadableAfter(short found);
+    btkReadiness GetAwaitedInput() const;
+    bool IsReadableAfter(btkReadiness found);
     /// Whether an urgent value can be received.
     bool HasUrgent();
     /// Whether there is room to read on to an urgent value's mark.
@@ -159,8 +157,8 @@ private:
     enum class Wait { never, whenNothingIsThere, first };
 
     template<class Call>
-    std::ptrdiff_t Transfer(short events, btkTimeval end, bool waitsFirst, Call call);
-    bool Await(short events, btkTimeval end);
+    std::ptrdiff_t Transfer(btkReadiness awaited, btkTimeval end, bool waitsFirst, Call call);
+    bool Await(btkReadiness awaited, btkTimeval end);
     std::ptrdiff_t Receive(char* to, std::size_t size, Wait wait);
     std::ptrdiff_t ReceiveRaw(char* to, std::size_t size, Wait wait, btkTimeval end, bool& mayBeMore);
     bool IsUrgentPending() const;
@@ -187,10 +185,10 @@ private:
 class BASE_API btkAcceptSocket : public btkSocket
 {
 public:
-    /// Listens on `port`; 0 lets the operating system choose, see GetPortN. `interface`: the address or name
+    /// Listens on `port`; 0 lets the operating system choose, see GetPortN. `listenOn`: the address or name
     /// of one of this machine's interfaces, null for all of them. False, with the reason in errno, when the
     /// port is outside 0..65535 or taken. A port merely left over from closed connections is not taken.
-    bool Listen(int port, const char* interface);
+    bool Listen(int port, const char* listenOn);
     void Close() { fd.Reset(); }
 
     /// Stores the next connection in `connection`. False when none is pending (EAGAIN) or accepting failed.

@@ -116,11 +116,11 @@ btkHandle StrictThread_GetExitHandle(void* thread)
 }
 
 btkPROCESSEvent::btkPROCESSEvent(void* handle)
-    : btkBaseEvent(StrictThread_GetExitHandle(handle), SelectEvents(0), true), thread(HandleOf(handle).thread)
+    : btkBaseEvent(StrictThread_GetExitHandle(handle), btkReadable, true), thread(HandleOf(handle).thread)
 {
 }
 
-btkPROCESSEvent::btkPROCESSEvent(btkHandle exit) : btkBaseEvent(-1, SelectEvents(0), true)
+btkPROCESSEvent::btkPROCESSEvent(btkHandle exit) : btkBaseEvent(-1, btkReadable, true)
 {
     btkFd borrowed(exit);
     own = borrowed.Duplicate();
@@ -134,7 +134,7 @@ btkBaseEvent::State btkPROCESSEvent::OnAsk()
     return (thread != nullptr ? thread->IsOver() : GetWatch().handle < 0) ? On : Ask;
 }
 
-bool btkPROCESSEvent::OnPolled(short ready)
+bool btkPROCESSEvent::OnPolled(btkReadiness ready)
 {
-    return thread != nullptr ? thread->IsOver() : ready != 0;
+    return thread != nullptr ? thread->IsOver() : ready != btkNotReady;
 }

@@ -43,7 +43,7 @@ public:
 
 protected:
     State OnAsk() override;
-    bool OnPolled(short ready) override;
+    bool OnPolled(btkReadiness ready) override;
 
 private:
     btkFd own;

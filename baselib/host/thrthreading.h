@@ -1,8 +1,10 @@
 #pragma once
 
-#include <sys/single_threaded.h>
-
 #include <qel/base/baseexport.h>
+
+/// The C library's: not 0 while the process has a single thread. The layer for an operating system whose C
+/// library has no such variable defines it as 0.
+extern "C" char __libc_single_threaded;
 
 /// Set by a program that requires locking although the C library reports a single thread. Clear at start.
 extern BASE_API bool s_bThreadingEnabled;

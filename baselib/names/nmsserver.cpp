@@ -111,7 +111,7 @@ bool nmsServer::Listen()
         if (!signals)
             return false;
     }
-    if (stop < 0 || !door.Listen(options.port, options.interface))
+    if (stop < 0 || !door.Listen(options.port, options.listenOn))
         return false;
     if (!options.stateFile.empty())
         LoadState();

@@ -14,7 +14,7 @@ struct pollfd;
 struct nmsServerOptions
 {
     /// The interface to listen on, by address or name; null: all of them.
-    const char* interface = "127.0.0.1";
+    const char* listenOn = "127.0.0.1";
     /// 0: the operating system chooses.
     int port = nmsDefaultPort;
     /// The version record's field "Version".

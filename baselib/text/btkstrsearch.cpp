@@ -2,8 +2,6 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <string>
-#include <type_traits>
 #include <vector>
 
 #include <qel/base/btkstring.h>
@@ -14,33 +12,23 @@ namespace {
 
 /// Searches for one text in others, in time proportional to their lengths.
 template<typename C>
-class Finder;
-
-template<>
-class Finder<char>
+class Finder
 {
 public:
-    Finder(const char* wanted, std::size_t length) : sub(wanted), size(length) // not 0
-    {
-        if (wanted[length] != 0) {
-            terminated.assign(wanted, length);
-            sub = terminated.c_str();
-        }
-    }
+    Finder(const C* wanted, std::size_t length) : sub(wanted), size(length) {} // not 0; not copied
     Finder(const Finder&) = delete;
     Finder& operator=(const Finder&) = delete;
 
-    /// Returns the first occurrence in `text`, which has its terminator at `end`, or null.
-    const char* find(const char* text, const char* end) const
+    /// Returns the first occurrence between `text` and `end`, or null.
+    const C* find(const C* text, const C* end) const
     {
         // In most texts few places begin correctly, and the following characters soon differ.
         std::size_t cost = 0;
-        for (const char* at = text; static_cast<std::size_t>(end - at) >= size; ++at) {
+        for (const C* at = text; static_cast<std::size_t>(end - at) >= size; ++at) {
             if (cost > 4 * static_cast<std::size_t>(at - text) + 1000)
-                return std::strstr(at, sub);
-            const std::size_t left = static_cast<std::size_t>(end - at) - size + 1;
-            at = static_cast<const char*>(std::memchr(at, *sub, left));
-            if (at == nullptr || std::memcmp(at, sub, size) == 0)
+                return findByBorders(at, end);
+            at = findFirst(at, end - size + 1);
+            if (at == nullptr || std::memcmp(at, sub, size * sizeof(C)) == 0)
                 return at;
             cost += size;
         }
@@ -48,26 +36,25 @@ public:
     }
 
 private:
-    std::string terminated;
-    const char* sub;
-    std::size_t size;
-};
-
-template<>
-class Finder<unsigned short>
-{
-public:
-    Finder(const unsigned short* wanted, std::size_t length) : sub(wanted), borders(length) // not copied
+    /// The first place between `text` and `end` that begins correctly, or null.
+    const C* findFirst(const C* text, const C* end) const
     {
-        for (std::size_t i = 1; i < length; ++i)
-            borders[i] = extend(borders[i - 1], sub[i]);
+        if constexpr (sizeof(C) == 1)
+            return static_cast<const C*>(std::memchr(text, *sub, static_cast<std::size_t>(end - text)));
+        const C* const found = std::find(text, end, *sub);
+        return found == end ? nullptr : found;
     }
 
-    /// Returns the first occurrence between `text` and `end`, or null.
-    const unsigned short* find(const unsigned short* text, const unsigned short* end) const
+    /// The Knuth-Morris-Pratt search: linear, whatever repeats in the texts.
+    const C* findByBorders(const C* text, const C* end) const
     {
+        if (borders.empty()) {
+            borders.resize(size);
+            for (std::size_t i = 1; i < size; ++i)
+                borders[i] = extend(borders[i - 1], sub[i]);
+        }
         std::size_t matched = 0;
-        while (matched < borders.size()) {
+        while (matched < size) {
             if (text == end)
                 return nullptr;
             matched = extend(matched, *text++);
@@ -75,18 +62,18 @@ public:
         return text - matched;
     }
 
-private:
     /// The length of the prefix of `sub` that ends with `unit`, when `matched` of it ended before.
-    std::size_t extend(std::size_t matched, unsigned short unit) const
+    std::size_t extend(std::size_t matched, C unit) const
     {
         while (matched > 0 && sub[matched] != unit)
             matched = borders[matched - 1];
         return sub[matched] == unit ? matched + 1 : 0;
     }
 
-    const unsigned short* sub;
-    std::vector<std::size_t>
-        borders; // at i: the longest start of `sub` that also ends at i, not at its front
+    const C* sub;
+    std::size_t size;
+    /// At i: the longest start of `sub` that also ends at i, not at its front. Filled when first needed.
+    mutable std::vector<std::size_t> borders;
 };
 
 /// A part of a pattern without stars.

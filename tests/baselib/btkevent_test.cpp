@@ -28,7 +28,7 @@ struct Pipe
 class ToldEvent : public btkBaseEvent
 {
 public:
-    explicit ToldEvent(btkHandle input) : btkBaseEvent(input, 1 /* POLLIN */, true) {}
+    explicit ToldEvent(btkHandle input) : btkBaseEvent(input, btkReadable, true) {}
 
     State state = Ask;
     int asksUntilOn = 0; // calls until the state changes from AskAgain to On
@@ -41,7 +41,7 @@ protected:
             state = On;
         return state;
     }
-    bool OnPolled(short) override
+    bool OnPolled(btkReadiness) override
     {
         if (falseAlarms == 0)
             return true;

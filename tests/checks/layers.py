@@ -1,5 +1,5 @@
 """layers.py ROOT: headers of the operating system and conditions on it stay in the base layer and the platform calls, and
-the lower layers include nothing of the upper ones."""
+in their private headers and sources; the lower layers include nothing of the upper ones."""
 import re
 import tree
 
@@ -28,7 +28,8 @@ for path in tree.files(*ABOVE_HOST, *BASE_LAYER):
         place = f"{path.relative_to(tree.root())}:{number}"
         found = re.match(r'\s*#\s*include\s*["<]([^">]+)[">]', line)
         header = found.group(1) if found else ""
-        if above and HOST_HEADERS.fullmatch(header):
+        public = path.suffix == ".h" and not path.stem.endswith("_p")
+        if (above or public) and HOST_HEADERS.fullmatch(header):
             faults.append(f"{place}: host header {header}")
         name = HOST_NAME.search(re.sub(r'"(?:\\.|[^"\\])*"', '""', line)) if above else None
         if name:

@@ -57,7 +57,7 @@ std::string StateFile(const ServeChoices& choices, int port)
 void Serve(ServeChoices& choices)
 {
     nmsServerOptions& options = choices.options;
-    options.interface = choices.interface == "*" ? nullptr : choices.interface.c_str();
+    options.listenOn = choices.interface == "*" ? nullptr : choices.interface.c_str();
     options.port = choices.port >= 0 ? choices.port : nmsFindPort();
     options.requestLimit = btkTimeval(choices.seconds);
     options.version = "qel ns " QEL_VERSION;

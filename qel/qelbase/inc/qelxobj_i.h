@@ -24,6 +24,9 @@ typedef struct xrttiobject xrttiobject;
 typedef struct xthrowable xthrowable;
 #endif
 
+/* The layouts below, and markers in pointers, are those of 64-bit hosts. */
+typedef char qelRequires64Bits[sizeof(void*) == 8 ? 1 : -1];
+
 /* ---- markers: null and uninit of int (and enumeration values), bool, real, string, object */
 
 #define xnullint (-2147483647 - 1)

@@ -70,7 +70,7 @@ class ChangeBase : public btkBaseEvent
 {
 public:
     explicit ChangeBase(std::shared_ptr<monChanges> shared)
-        : btkBaseEvent(-1, SelectEvents(0), true), changes(std::move(shared))
+        : btkBaseEvent(-1, btkReadable, true), changes(std::move(shared))
     {
     }
 

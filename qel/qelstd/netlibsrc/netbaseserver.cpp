@@ -90,19 +90,19 @@ netBaseServer* netBaseServer::Create(const char* name, int port)
     return Create(name, port, nullptr);
 }
 
-netBaseServer* netBaseServer::Create(const char* name, int port, const char* interface)
+netBaseServer* netBaseServer::Create(const char* name, int port, const char* listenOn)
 {
-    return CreateAs<netBaseServer>(name, port, interface);
+    return CreateAs<netBaseServer>(name, port, listenOn);
 }
 
-void netBaseServer::setListenInterface(const char* interface)
+void netBaseServer::setListenInterface(const char* listenOn)
 {
     ListenInterface& setting = DefaultInterface();
     const std::lock_guard lock(setting.mutex);
-    setting.name = interface != nullptr ? std::optional<std::string>(interface) : std::nullopt;
+    setting.name = listenOn != nullptr ? std::optional<std::string>(listenOn) : std::nullopt;
 }
 
-netBaseServer* netBaseServer::Make(const char* name, int port, const char* interface, Maker make)
+netBaseServer* netBaseServer::Make(const char* name, int port, const char* listenOn, Maker make)
 {
     struct Offer
     {
@@ -111,7 +111,7 @@ netBaseServer* netBaseServer::Make(const char* name, int port, const char* inter
     };
     Offer offer{new btkAcceptSocket};
     const std::optional<std::string> setting = DefaultInterface().Get();
-    const char* const wanted = interface != nullptr ? interface : setting ? setting->c_str() : nullptr;
+    const char* const wanted = listenOn != nullptr ? listenOn : setting ? setting->c_str() : nullptr;
     if (!offer.socket->Listen(port == xnullint ? 0 : port, wanted))
         return nullptr;
     std::unique_ptr<netBaseServer, qelDelete> server(make(offer.socket));

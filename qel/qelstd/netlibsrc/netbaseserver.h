@@ -86,14 +86,14 @@ class QEL_API netBaseServer : public virtual xobject
 
 public:
     /// A new server on `port`; 0 or xnullint lets the system choose. `name`: null or xnullstr for none.
-    /// `interface`: the address or name of the interface to listen on; null: that of setListenInterface. Null
+    /// `listenOn`: the address or name of the interface to listen on; null: that of setListenInterface. Null
     /// when it cannot listen there. The caller owns the server.
     /// @throws netXException  there is no name server, or it already has the name or rejects it
     static netBaseServer* Create(const char* name, int port);
-    static netBaseServer* Create(const char* name, int port, const char* interface);
+    static netBaseServer* Create(const char* name, int port, const char* listenOn);
     /// The interface for servers of this process that are created without one: its address or name; null, the
     /// initial value: all interfaces. Safe to call from any thread.
-    static void setListenInterface(const char* interface);
+    static void setListenInterface(const char* listenOn);
     ~netBaseServer() override;
 
     /// Connects to `address`; if its port is not known, queries the name server of its host. `timeout`, in
@@ -153,10 +153,10 @@ protected:
 
     /// Create for a class that derives from this one and has a constructor like it.
     template<class Server>
-    static Server* CreateAs(const char* name, int port, const char* interface = nullptr)
+    static Server* CreateAs(const char* name, int port, const char* listenOn = nullptr)
     {
         return static_cast<Server*>(
-            Make(name, port, interface, [](btkAcceptSocket*& listening) -> netBaseServer* {
+            Make(name, port, listenOn, [](btkAcceptSocket*& listening) -> netBaseServer* {
                 return new (pDefMemMgr) Server(std::exchange(listening, nullptr), xstring(nullptr));
             }));
     }
@@ -194,7 +194,7 @@ private:
     /// continues; netServerTerminate: it is closed and Run returns; any other value: it is served.
     virtual netServerLoopAction PreprocessRequest(btkStreamSocket* socket);
 
-    static netBaseServer* Make(const char* name, int port, const char* interface, Maker make);
+    static netBaseServer* Make(const char* name, int port, const char* listenOn, Maker make);
     static Loop* MakeLoop(netBaseServer* server, btkAcceptSocket* listening);
     void Unregister() noexcept;
 

@@ -77,9 +77,9 @@ netServer* netServer::Create(const char* name, int port)
     return Create(name, port, nullptr);
 }
 
-netServer* netServer::Create(const char* name, int port, const char* interface)
+netServer* netServer::Create(const char* name, int port, const char* listenOn)
 {
-    netServer* const server = CreateAs<netServer>(name, port, interface);
+    netServer* const server = CreateAs<netServer>(name, port, listenOn);
     if (server != nullptr && !(server->getServerName() == nullptr))
         WarnOfOpenDoor(*server);
     return server;

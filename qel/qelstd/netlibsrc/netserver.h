@@ -19,7 +19,7 @@ public:
     /// the loopback and has no rights, so that every machine may connect, and when the registry cannot
     /// restrict the connections to a server of that name at all.
     static netServer* Create(const char* name, int port);
-    static netServer* Create(const char* name, int port, const char* interface);
+    static netServer* Create(const char* name, int port, const char* listenOn);
     ~netServer() override;
 
     xstring getVersion() { return version; }

@@ -95,7 +95,7 @@ bool fits(long long value, int* field)
 }
 
 /// The offset of local time from UTC at a time; false when the operating system cannot tell.
-bool offsetAt(std::time_t time, long* seconds)
+bool offsetAt(std::time_t time, int* seconds)
 {
     std::tm fields;
     return btkLocalTime(time, fields, seconds);
@@ -107,7 +107,7 @@ bool makeOrdinaryTime(const std::tm& fields, std::time_t* result)
 {
     constexpr std::time_t around = 86400;
     std::time_t asUtc;
-    long before, at, after;
+    int before, at, after;
     if (!btkTimeOfUtc(fields, asUtc) || !offsetAt(asUtc - around, &before) ||
         !offsetAt(asUtc + around, &after) || before != after || !offsetAt(asUtc - before, &at) ||
         at != before)
