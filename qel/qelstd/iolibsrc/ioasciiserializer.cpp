@@ -210,20 +210,12 @@ char* Format(char* to, double d)
 }
 
 template<class Value>
-bool FormatHeld(Value value, std::streambuf& sb)
-{
-    char* const room = xbufaccess::Reserve(sb, longestNumber);
-    if (room == nullptr)
-        return false;
-    xbufaccess::Commit(sb, static_cast<int>(Format(room, value) - room));
-    return true;
-}
-
-template<class Value>
 ioTryCode WriteNumber(Value value, std::streambuf& sb)
 {
-    if (FormatHeld(value, sb))
+    if (char* const room = xbufaccess::Reserve(sb, longestNumber)) {
+        xbufaccess::Commit(sb, static_cast<int>(Format(room, value) - room));
         return ioSuccess;
+    }
     char text[longestNumber];
     return ioPut(sb, text, static_cast<std::size_t>(Format(text, value) - text));
 }
@@ -277,16 +269,6 @@ ioTryCode ReadUpTo(char delimiter, xstring& s, std::streambuf& sb)
 }
 
 } // namespace
-
-bool ioFormatHeld(int v, std::streambuf& sb)
-{
-    return FormatHeld(v, sb);
-}
-
-bool ioFormatHeld(double d, std::streambuf& sb)
-{
-    return FormatHeld(d, sb);
-}
 
 // ---- bytes and bools
 

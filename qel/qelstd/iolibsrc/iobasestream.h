@@ -276,8 +276,8 @@ private:
     ioTryCode TryPassText(std::streambuf& view);
     template<class Transfer>
     ioTryCode TryWrite(Transfer transfer);
-    /// How the blocking operations transfer: with all guards, through the serializer's operations, or
-    /// directly in the buffer first, when the value is held there or there is room for it.
+    /// How the blocking operations transfer: with all guards, by the serializer alone, or in the buffer first
+    /// (Held).
     enum Way : unsigned char { withGuards, bySerializer, asText, asNative, asNetwork };
 
     void BeginRead()
@@ -296,13 +296,7 @@ private:
     [[gnu::visibility("hidden")]] Value ReadByForm(Delims... delims);
     template<auto write, class Value>
     [[gnu::visibility("hidden")]] void WriteByForm(Value value);
-    template<auto write, class Value>
-    [[gnu::visibility("hidden")]] void WriteNumber(Value value);
-    template<class Value>
-    bool ReadHeld(Value& value);
-    template<class Value>
-    bool WriteHeld(Value value);
-    Way GetFormWay() const;
+    struct Held;
     void FindWays();
     void SetState(int bits)
     {

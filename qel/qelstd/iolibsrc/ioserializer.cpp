@@ -59,26 +59,28 @@ bool ReadInParts(std::string& text, std::size_t length, std::streambuf& sb)
 
 } // namespace
 
-template<class Form>
-static ioSerializer* Shared()
+ioSerializer* ioSerializer::Share(ioSerializer* made, Form known)
 {
-    static ioSerializer* const form = new (pDefMemMgr) Form;
-    return form;
+    made->form = known;
+    return made;
 }
 
 ioSerializer* ioSerializer::getAscii()
 {
-    return Shared<ioAsciiSerializer>();
+    static ioSerializer* const shared = Share(new (pDefMemMgr) ioAsciiSerializer, textForm);
+    return shared;
 }
 
 ioSerializer* ioSerializer::getBinary()
 {
-    return Shared<ioBinarySerializer>();
+    static ioSerializer* const shared = Share(new (pDefMemMgr) ioBinarySerializer, nativeForm);
+    return shared;
 }
 
 ioSerializer* ioSerializer::getXDR()
 {
-    return Shared<ioXDRSerializer>();
+    static ioSerializer* const shared = Share(new (pDefMemMgr) ioXDRSerializer, networkForm);
+    return shared;
 }
 
 // ---- raw bytes and strings

@@ -57,7 +57,13 @@ protected:
 private:
     friend class ioStream;
 
+    /// What a stream may know of a form: that it is one of the shared ones, whose values it can transfer in its
+    /// buffer itself.
+    enum Form : unsigned char { otherForm, textForm, nativeForm, networkForm };
+    static ioSerializer* Share(ioSerializer* made, Form known);
+
     int isBinary; // 0: text
+    Form form = otherForm;
 };
 
 /// Raw bytes, and strings as an int with the number of bytes, in the form's own representation, followed by

@@ -86,8 +86,3 @@ inline xstring ioMakeString(const char* bytes, std::size_t length)
     btkStrBuf* const buffer = btkStrBuf::Create(bytes, used, &text);
     return xstring::Adopt({buffer, text, nullptr});
 }
-
-/// Writes the text of a number if the put area has room for the longest one. Otherwise returns false and does
-/// nothing.
-bool ioFormatHeld(int v, std::streambuf& sb);
-bool ioFormatHeld(double d, std::streambuf& sb);

@@ -170,11 +170,11 @@ ioTryCode ioStream::TryReadString(const char* delims)
 {
     return TryRead([&](std::streambuf* view) {
         xstring s;
-        switch (GetFormWay()) {
-        case asText:
+        switch (serializer->form) {
+        case ioSerializer::textForm:
             return TryFindText(*view, delims);
-        case asNative:
-        case asNetwork:
+        case ioSerializer::nativeForm:
+        case ioSerializer::networkForm:
             return TryPassText(*view);
         default:
             return serializer->RdString(s, view, delims);
