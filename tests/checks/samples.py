@@ -7,9 +7,10 @@ In a document a comment before a fenced block names the file of the tree that th
     ...
     ```
 
-The file must be a source that its folder's CMakeLists.txt names, or the output that a program there must print. A sample
-is the lines between `// sample NAME` and `// end`; the block contains them without their common indentation. Only blocks of
-the languages in FREE show no file. With a second argument, `write`, the blocks are filled from the files.
+The file must be a source that its folder's CMakeLists.txt names, or the output that a program there must print; or belong to
+a project for the installed library, which tests/package builds. A sample is the lines between `// sample NAME` and `// end`;
+the block contains them without their common indentation. Only blocks of the languages in FREE show no file. With a second
+argument, `write`, the blocks are filled from the files.
 
 A sample fits on a screen, and so does the source of an example, except for those of LONG."""
 import re
@@ -34,7 +35,12 @@ def shown(document, file, sample):
         faults.append(f"{document}: there is no {file}")
         return None
     lists = path.parent / "CMakeLists.txt"
-    if path.suffix != ".md" and (not lists.exists() or path.stem not in re.findall(r"[\w-]+", lists.read_text())):
+    if re.search(r"^project\(", lists.read_text() if lists.exists() else "", re.MULTILINE):
+        lists = tree.root() / "tests/package/run.sh"  # a project for the installed library: this test builds it
+        named = str(path.parent.relative_to(tree.root())) in lists.read_text()
+    else:
+        named = lists.exists() and path.stem in re.findall(r"[\w-]+", lists.read_text())
+    if not named:
         faults.append(f"{document}: {file} is not built or compared by {lists.relative_to(tree.root())}")
     text = path.read_text()
     if sample is None:

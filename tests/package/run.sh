@@ -38,6 +38,11 @@ echo "== find_package, installed"
 expect "$version" "$work/installed/consumer"
 expect "from C" "$work/installed/consumer_c"
 
+echo "== the first project of a new user, installed"
+"$cmake" -S "$source/examples/hello" -B "$work/hello" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
+"$cmake" --build "$work/hello" >/dev/null
+expect "$(<"$source/examples/hello/expected.txt")" "$work/hello/hello"
+
 echo "== find_package, from the build tree"
 "$cmake" -S "$consumer" -B "$work/built" -Dqelstd_DIR="$build" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
 "$cmake" --build "$work/built" >/dev/null

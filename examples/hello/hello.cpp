@@ -1,0 +1,13 @@
+#include <iostream>
+
+#include <qel/qelstd.h>
+
+int main()
+{
+    const xrchandle<xanydictionary> person(xanydictionary::create());
+    person->set("name", "Ada");
+    person->set("age", 36);
+
+    qelPrint(person, std::cout, 2);
+    std::cout << std::endl;
+}

@@ -1,0 +1,57 @@
+"""links.py ROOT: what the documents point to exists, and a reader who begins with README.md finds each page of docs/.
+
+Checked are the links between documents, with their headings; the pages that comments in sources name; and the headers that
+documents name."""
+import re
+import tree
+
+SKIPPED = {"build", ".git"}
+LINK = re.compile(r"\]\(([^)\s]+)\)")
+BLOCK = re.compile(r"^```.*?^```$", re.MULTILINE | re.DOTALL)
+
+root = tree.root()
+documents = sorted(path for path in root.rglob("*.md") if not SKIPPED & set(path.relative_to(root).parts))
+texts = {path: BLOCK.sub("", path.read_text()) for path in documents}
+faults = []
+
+
+def anchors(text):
+    """The names under which the headings of a document are linked to."""
+    return {re.sub(r"[^\w\- ]", "", heading.lower()).strip().replace(" ", "-")
+            for heading in re.findall(r"^#+ (.*)$", text, re.MULTILINE)}
+
+
+links = {}
+for document, text in texts.items():
+    links[document] = set()
+    for link in LINK.findall(text):
+        if re.match(r"\w+:", link):
+            continue
+        name, _, anchor = link.partition("#")
+        target = (document.parent / name).resolve() if name else document
+        if not target.exists():
+            faults.append(f"{document.relative_to(root)}: {link} does not exist")
+        elif anchor and anchor not in anchors(texts.get(target, "")):
+            faults.append(f"{document.relative_to(root)}: {link} is no heading there")
+        else:
+            links[document].add(target)
+
+found, ahead = set(), {root / "README.md"}
+while ahead:
+    found |= ahead
+    ahead = {target for page in ahead for target in links.get(page, ())} - found
+faults += [f"{page.relative_to(root)}: no document that README.md leads to links to it"
+           for page in documents if page.parent.name == "docs" and page not in found]
+
+for path in tree.files():
+    faults += [f"{path.relative_to(root)}: {page} does not exist"
+               for page in re.findall(r"\bdocs/\w[\w-]*\.md\b", path.read_text()) if not (root / page).exists()]
+
+headers = {path.name for path in tree.files("baselib", "ctools", "platform", "qel")}
+for document, text in texts.items():
+    faults += [f"{document.relative_to(root)}: there is no header <{header}>"
+               for header in re.findall(r"<(qel/[\w/.]+\.h)>", text) if header.rsplit("/", 1)[-1] not in headers]
+
+if len(documents) < 20 or sum(map(len, links.values())) < 20:
+    faults.append(f"hardly any links in {len(documents)} documents")
+tree.finish(faults)
