@@ -49,8 +49,8 @@ int main(int argc, char** argv)
     Failures failures;
     try {
         fsCopy(argv[1], argv[2], fsReplace, fsNewLink, fsRecursive, failures, &progress);
-    } catch (fsXException* failure) { // a countable exception: the catcher releases it
-        std::cerr << "backup: " << argv[1] << ": " << failure->getDescription() << '\n';
+    } catch (xthrowable* failure) { // its class is countable: the catcher releases it
+        std::cerr << "backup: " << argv[1] << ": " << qelTextOf(failure) << '\n';
         xrcrelease(failure);
         return 1;
     }
