@@ -1,0 +1,41 @@
+"""pages.py ROOT OUT: copies the documents of the tree into the folder OUT, as Doxygen takes them.
+
+All are in one folder there. Doxygen has no anchors for headings of its own and one name space for them, so each heading gets
+PAGE-HEADING, and links lead there. A code span with an apostrophe is none for Doxygen; it is written out."""
+import pathlib
+import re
+import sys
+
+root, out = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
+BESIDE = {root / "python/README.md": "python.md", root / "tools/gdb/README.md": "gdb.md"}
+pages = {path.resolve(): path.name for path in [*root.glob("*.md"), *(root / "docs").glob("*.md")]}
+pages |= {path.resolve(): name for path, name in BESIDE.items()}
+
+
+def anchor(name, heading):
+    slug = re.sub(r"[^\w\- ]", "", heading.lower()).strip().replace(" ", "-")
+    return f"{name.removesuffix('.md')}-{slug}"
+
+
+def written_out(span):
+    if not re.search(r"'|^#|^::", span[1]):
+        return span[0]
+    return "<code>" + re.sub(r"([\\@&$#<>%\"|]|::)", r"\\\1", span[1]) + "</code>"
+
+
+for path, name in pages.items():
+    def link(found):
+        target, _, heading = found[1].partition("#")
+        if ":" in target:
+            return found[0]
+        page = pages.get((path.parent / target).resolve() if target else path)
+        if page is None:
+            return found[0]
+        return f"](@ref {anchor(page, heading)})" if heading else f"]({page})"
+
+    parts = re.split(r"(^```.*?^```$)", path.read_text(), flags=re.MULTILINE | re.DOTALL)
+    for i in range(0, len(parts), 2):
+        text = re.sub(r"\]\(([^)\s]+)\)", link, parts[i])
+        text = re.sub(r"(?<!`)`([^`\n]+)`(?!`)", written_out, text)
+        parts[i] = re.sub(r"^(##+) (.*)$", lambda h: f"{h[0]} {{#{anchor(name, h[2])}}}", text, flags=re.MULTILINE)
+    (out / name).write_text("".join(parts))
