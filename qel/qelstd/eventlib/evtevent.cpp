@@ -16,7 +16,7 @@ constinit qelClass evtEventArray::rtti = {
 
 namespace {
 
-btkTimeval LimitOf(double timeout)
+btkTimeval limitOf(double timeout)
 {
     return timeout == INFINITE ? btkTimeval::Forever() : btkTimeval(timeout);
 }
@@ -27,14 +27,14 @@ int evtEvent::Wait(evtEventArray* events, double timeout)
 {
     const std::size_t count = qelIsObject(events) ? static_cast<std::size_t>(events->getarraysize()) : 0;
     evtEvent* const* const list = count > 0 ? events->First() : nullptr;
-    return WaitForAny(count, LimitOf(timeout), [list](std::size_t i) -> btkEvent* {
+    return WaitForAny(count, limitOf(timeout), [list](std::size_t i) -> btkEvent* {
         return qelIsObject(list[i]) ? list[i] : nullptr;
     });
 }
 
 unsigned char evtEvent::Wait(double timeout)
 {
-    return WaitForAny(1, LimitOf(timeout), [this](std::size_t) -> btkEvent* { return this; }) == 1;
+    return WaitForAny(1, limitOf(timeout), [this](std::size_t) -> btkEvent* { return this; }) == 1;
 }
 
 unsigned char evtEvent::getIsSignaled()

@@ -16,7 +16,7 @@ namespace {
 
 constexpr int end = std::char_traits<char>::eof();
 
-bool IsDigit(int c)
+bool isDigit(int c)
 {
     return c >= '0' && c <= '9';
 }
@@ -56,7 +56,7 @@ private:
 };
 
 template<class Cursor>
-int SkipSpace(Cursor& input)
+int skipSpace(Cursor& input)
 {
     int c = input.Peek();
     while (ioIsSpace(c))
@@ -66,23 +66,23 @@ int SkipSpace(Cursor& input)
 
 // The result of a conversion besides its value: `failed` as a stream sets its failure bit, `ended` when the
 // input ended.
-ioTryCode CodeOf(bool failed, bool ended)
+ioTryCode codeOf(bool failed, bool ended)
 {
     return !failed ? ioSuccess : ended ? ioEndOfFile : ioFormatError;
 }
 
 template<class Cursor>
-ioTryCode ReadInt(int& value, Cursor& input)
+ioTryCode readInt(int& value, Cursor& input)
 {
-    int c = SkipSpace(input);
+    int c = skipSpace(input);
     const bool negative = c == '-';
     if (c == '-' || c == '+')
         c = input.Next();
-    bool failed = !IsDigit(c);
+    bool failed = !isDigit(c);
     // All digits belong to the number, even those beyond its range.
     const std::int64_t limit = negative ? 1 + std::int64_t{INT_MAX} : INT_MAX;
     std::int64_t number = 0;
-    for (; IsDigit(c); c = input.Next()) {
+    for (; isDigit(c); c = input.Next()) {
         number = number * 10 + (c - '0');
         if (number > limit) {
             failed = true;
@@ -91,15 +91,15 @@ ioTryCode ReadInt(int& value, Cursor& input)
     }
     if (!failed)
         value = static_cast<int>(negative ? -number : number);
-    return CodeOf(failed, c == end);
+    return codeOf(failed, c == end);
 }
 
 // Skips the characters that a stream accepts for a real, and calls `keep(c)` for its characters: a sign,
 // digits with one point, an exponent. Leading zeros are kept once. Does not check that it is a number.
 template<class Cursor, class Keep>
-int ScanReal(Cursor& input, Keep keep)
+int scanReal(Cursor& input, Keep keep)
 {
-    int c = SkipSpace(input);
+    int c = skipSpace(input);
     auto take = [&] {
         keep(static_cast<char>(c));
         c = input.Next();
@@ -113,7 +113,7 @@ int ScanReal(Cursor& input, Keep keep)
             c = input.Next();
     }
     for (bool point = false, exponent = false;;) {
-        if (IsDigit(c)) {
+        if (isDigit(c)) {
             mantissa = true;
             take();
         } else if (c == '.' && !point && !exponent) {
@@ -131,7 +131,7 @@ int ScanReal(Cursor& input, Keep keep)
 }
 
 // Whether a number that no double can represent, from `text` on, is too small and not too large.
-bool IsTooSmall(const char* text, const char* const stop)
+bool isTooSmall(const char* text, const char* const stop)
 {
     // The position of the first significant digit, relative to the point, plus the exponent.
     long long place = 0;
@@ -139,7 +139,7 @@ bool IsTooSmall(const char* text, const char* const stop)
     for (; text < stop && *text != 'e' && *text != 'E'; ++text) {
         if (*text == '.')
             point = true;
-        else if (IsDigit(*text)) {
+        else if (isDigit(*text)) {
             found |= *text != '0';
             place += point ? (found ? 0 : -1) : (found ? 1 : 0);
         }
@@ -150,14 +150,14 @@ bool IsTooSmall(const char* text, const char* const stop)
     const bool negative = text < stop && *text == '-';
     long long exponent = 0;
     for (; text < stop; ++text) {
-        if (IsDigit(*text) && exponent < LLONG_MAX / 100)
+        if (isDigit(*text) && exponent < LLONG_MAX / 100)
             exponent = exponent * 10 + (*text - '0');
     }
     return place + (negative ? -exponent : exponent) <= 0;
 }
 
 // Converts the text of a real. False when it is not a number, or too large.
-bool ConvertReal(double& value, const char* text, const char* stop)
+bool convertReal(double& value, const char* text, const char* stop)
 {
     if (text < stop && *text == '+')
         ++text;
@@ -166,7 +166,7 @@ bool ConvertReal(double& value, const char* text, const char* stop)
     if (error == std::errc::invalid_argument || read != stop)
         return false;
     if (error == std::errc::result_out_of_range) {
-        if (!IsTooSmall(text, stop))
+        if (!isTooSmall(text, stop))
             return false;
         number = *text == '-' ? -0.0 : 0.0;
     }
@@ -174,61 +174,61 @@ bool ConvertReal(double& value, const char* text, const char* stop)
     return true;
 }
 
-ioTryCode ReadReal(double& value, std::streambuf& sb)
+ioTryCode readReal(double& value, std::streambuf& sb)
 {
     AreaCursor area(sb);
-    SkipSpace(area);
+    skipSpace(area);
     const char* const start = area.Place();
-    ScanReal(area, [](char) {});
+    scanReal(area, [](char) {});
     if (!area.IsAtEnd()) {
-        const bool converted = ConvertReal(value, start, area.Place());
+        const bool converted = convertReal(value, start, area.Place());
         xbufaccess::Advance(sb, area.Place());
-        return CodeOf(!converted, false);
+        return codeOf(!converted, false);
     }
     std::string text;
     BufferCursor input(sb);
     const std::size_t limit = xGetTextLimit(sb);
-    const int c = ScanReal(input, [&](char kept) {
+    const int c = scanReal(input, [&](char kept) {
         if (text.size() < limit)
             text += kept;
     });
-    const bool converted = text.size() < limit && ConvertReal(value, text.data(), text.data() + text.size());
-    return CodeOf(!converted, c == end);
+    const bool converted = text.size() < limit && convertReal(value, text.data(), text.data() + text.size());
+    return codeOf(!converted, c == end);
 }
 
 // The longest text of a number.
 constexpr std::size_t longestNumber = 32;
 
-char* Format(char* to, int v)
+char* format(char* to, int v)
 {
     return std::to_chars(to, to + longestNumber, v).ptr;
 }
 
-char* Format(char* to, double d)
+char* format(char* to, double d)
 {
     return std::to_chars(to, to + longestNumber, d, std::chars_format::general, 6).ptr;
 }
 
 template<class Value>
-ioTryCode WriteNumber(Value value, std::streambuf& sb)
+ioTryCode writeNumber(Value value, std::streambuf& sb)
 {
     if (char* const room = xbufaccess::Reserve(sb, longestNumber)) {
-        xbufaccess::Commit(sb, static_cast<int>(Format(room, value) - room));
+        xbufaccess::Commit(sb, static_cast<int>(format(room, value) - room));
         return ioSuccess;
     }
     char text[longestNumber];
-    return ioPut(sb, text, static_cast<std::size_t>(Format(text, value) - text));
+    return ioPut(sb, text, static_cast<std::size_t>(format(text, value) - text));
 }
 
 template<class Value>
-int SizeOfNumber(Value value)
+int sizeOfNumber(Value value)
 {
     char text[longestNumber];
-    return static_cast<int>(Format(text, value) - text);
+    return static_cast<int>(format(text, value) - text);
 }
 
 // Reads up to `delimiter` or the end. Consumes only the bytes that go into the string.
-ioTryCode ReadUpTo(char delimiter, xstring& s, std::streambuf& sb)
+ioTryCode readUpTo(char delimiter, xstring& s, std::streambuf& sb)
 {
     std::string text; // parts that reached to the end of the get area
     const std::size_t limit = xGetTextLimit(sb);
@@ -275,7 +275,7 @@ ioTryCode ReadUpTo(char delimiter, xstring& s, std::streambuf& sb)
 ioTryCode ioAsciiSerializer::RdByte(char& c, std::streambuf* sb)
 {
     BufferCursor input(*sb);
-    if (SkipSpace(input) == end)
+    if (skipSpace(input) == end)
         return ioEndOfFile;
     c = static_cast<char>(sb->sbumpc());
     return ioSuccess;
@@ -318,7 +318,7 @@ ioTryCode ioAsciiSerializer::RdInt(int& v, std::streambuf* sb)
 {
     AreaCursor area(*sb);
     int number = 0;
-    const ioTryCode code = ReadInt(number, area);
+    const ioTryCode code = readInt(number, area);
     if (!area.IsAtEnd()) {
         if (code == ioSuccess)
             v = number;
@@ -326,32 +326,32 @@ ioTryCode ioAsciiSerializer::RdInt(int& v, std::streambuf* sb)
         return code;
     }
     BufferCursor input(*sb);
-    return ReadInt(v, input);
+    return readInt(v, input);
 }
 
 ioTryCode ioAsciiSerializer::WrInt(int v, std::streambuf* sb)
 {
-    return WriteNumber(v, *sb);
+    return writeNumber(v, *sb);
 }
 
 int ioAsciiSerializer::SzInt(int v)
 {
-    return SizeOfNumber(v);
+    return sizeOfNumber(v);
 }
 
 ioTryCode ioAsciiSerializer::RdReal(double& d, std::streambuf* sb)
 {
-    return ReadReal(d, *sb);
+    return readReal(d, *sb);
 }
 
 ioTryCode ioAsciiSerializer::WrReal(double d, std::streambuf* sb)
 {
-    return WriteNumber(d, *sb);
+    return writeNumber(d, *sb);
 }
 
 int ioAsciiSerializer::SzReal(double d)
 {
-    return SizeOfNumber(d);
+    return sizeOfNumber(d);
 }
 
 // ---- strings
@@ -359,7 +359,7 @@ int ioAsciiSerializer::SzReal(double d)
 ioTryCode ioAsciiSerializer::RdString(xstring& s, std::streambuf* sb, const char* delims)
 {
     BufferCursor input(*sb);
-    return SkipSpace(input) == end ? ioEndOfFile : ReadUpTo(ioDelimiterOf(delims), s, *sb);
+    return skipSpace(input) == end ? ioEndOfFile : readUpTo(ioDelimiterOf(delims), s, *sb);
 }
 
 ioTryCode ioAsciiSerializer::WrString(const char* s, std::streambuf* sb)

@@ -74,7 +74,7 @@ const char* ioStream::StateText() const
 
 namespace {
 
-xstring ErrorText(ioError error, const char* stateText, const char* msg)
+xstring errorText(ioError error, const char* stateText, const char* msg)
 {
     const char* const format = error == ioStreamState          ? stateText
                                : error == ioInputNotAllowed    ? "input denied"
@@ -93,7 +93,7 @@ xstring ErrorText(ioError error, const char* stateText, const char* msg)
 
 ioXStream::ioXStream(ioStream* failed, ioError code, const char* msg)
     : stream(failed->link.To(failed)), error(code),
-      text(ErrorText(code, failed->StateText(), qelIsObject(msg) ? msg : ""))
+      text(errorText(code, failed->StateText(), qelIsObject(msg) ? msg : ""))
 {
 }
 

@@ -22,7 +22,7 @@ constinit qelClass ioFileStream::rtti = {
 namespace {
 
 // An int that cannot hold the value is null.
-int Bounded(long long value)
+int bounded(long long value)
 {
     return value < 0 || value > INT_MAX ? xnullint : static_cast<int>(value);
 }
@@ -84,13 +84,13 @@ void ioFileStream::SeekOff(int offset, ioDirection dir)
 int ioFileStream::TellPos()
 {
     CheckOpen();
-    return Bounded(fileBuf->Tell());
+    return bounded(fileBuf->Tell());
 }
 
 int ioFileStream::TellSize()
 {
     CheckOpen();
-    return Bounded(fileBuf->GetFileSize());
+    return bounded(fileBuf->GetFileSize());
 }
 
 void ioFileStream::Truncate(int)

@@ -44,7 +44,7 @@ private:
 };
 
 // Reads `length` bytes in parts, so that memory grows only as bytes arrive. False when the input ends before.
-bool ReadInParts(std::string& text, std::size_t length, std::streambuf& sb)
+bool readInParts(std::string& text, std::size_t length, std::streambuf& sb)
 {
     while (text.size() < length) {
         const std::size_t had = text.size();
@@ -137,7 +137,7 @@ ioTryCode ioByteSerializer::RdString(xstring& s, std::streambuf* sb, const char*
         return ioSuccess;
     }
     std::string text;
-    if (!ReadInParts(text, length, *sb))
+    if (!readInParts(text, length, *sb))
         return ioEndOfFile;
     s = ioMakeString(text.data(), length);
     return ioSuccess;

@@ -9,12 +9,12 @@ constexpr btkTimeval shortLimit(0, 10000);
 constexpr btkTimeval sureLimit(0, 990);
 
 // The positions of the locks by which a writer or a reader announces that it waits for a value.
-constexpr long long WriterAnnounced(int position)
+constexpr long long writerAnnounced(int position)
 {
     return position + (1LL << 32);
 }
 
-constexpr long long ReaderAnnounced(int position)
+constexpr long long readerAnnounced(int position)
 {
     return position + (2LL << 32);
 }
@@ -23,7 +23,7 @@ constexpr long long ReaderAnnounced(int position)
 
 void monLetReadersGo(btkHandle file, int position, int size, bool& isPolite)
 {
-    const btkRangeLock readers(file, ReaderAnnounced(position), size);
+    const btkRangeLock readers(file, readerAnnounced(position), size);
     btkPatience patience(writerLimit);
     bool wait = readers.IsBusy(btkRangeLock::Exclusive);
     while (wait && isPolite && patience.Rest())
@@ -33,7 +33,7 @@ void monLetReadersGo(btkHandle file, int position, int size, bool& isPolite)
 
 monWriteLock::monWriteLock(btkHandle file, int position, int size, bool isKnown)
     : value(file, position, size), unwatched(file, position - 1, size + 1),
-      waiting(file, WriterAnnounced(position), size)
+      waiting(file, writerAnnounced(position), size)
 {
     isWatched = isKnown || unwatched.Try(btkRangeLock::Exclusive) == btkRangeLock::Busy;
     if (!isWatched)
@@ -53,9 +53,9 @@ void monWatchNumber(btkHandle file, int position)
 }
 
 monReadLock::monReadLock(btkHandle file, int position, int size, bool& isPatient)
-    : value(file, position, size), writers(file, WriterAnnounced(position), size)
+    : value(file, position, size), writers(file, writerAnnounced(position), size)
 {
-    btkRangeLock waiting(file, ReaderAnnounced(position), size);
+    btkRangeLock waiting(file, readerAnnounced(position), size);
     bool isAnnounced = false;
     btkPatience patience(isPatient ? readerLimit : shortLimit);
     for (;;) {

@@ -50,7 +50,7 @@ constinit qelClass monParamDict::rtti = {
 
 namespace {
 
-int OffsetOf(std::fpos<int> position)
+int offsetOf(std::fpos<int> position)
 {
     return static_cast<int>(std::streamoff(position));
 }
@@ -60,7 +60,7 @@ template<class Value>
 using WordOf = std::conditional_t<sizeof(Value) == 1, std::uint32_t, btkWord<Value>>;
 
 template<class Value>
-WordOf<Value> Encode(Value value)
+WordOf<Value> encode(Value value)
 {
     if constexpr (sizeof(Value) == 1)
         return btkNetworkOrder(std::uint32_t{value});
@@ -69,7 +69,7 @@ WordOf<Value> Encode(Value value)
 }
 
 template<class Value>
-Value Decode(WordOf<Value> word)
+Value decode(WordOf<Value> word)
 {
     if constexpr (sizeof(Value) == 1)
         return static_cast<Value>(btkNetworkOrder(word) & 0xFF);
@@ -79,17 +79,17 @@ Value Decode(WordOf<Value> word)
 
 // Whether two readings are equal; a NaN equals itself.
 template<class Value>
-bool IsSame(const Value& a, const Value& b)
+bool isSame(const Value& a, const Value& b)
 {
     if constexpr (std::is_same_v<Value, double>)
-        return Encode(a) == Encode(b);
+        return encode(a) == encode(b);
     else
         return a == b;
 }
 
 // Whether a reading is invalid.
 template<class Value>
-bool IsImpossible(const Value& value)
+bool isImpossible(const Value& value)
 {
     if constexpr (std::is_same_v<Value, xstring>)
         return value == nullptr;
@@ -113,10 +113,10 @@ auto monFile::Inside::LoadLocked(int start, int size, Load load)
         bool isGood = lock.IsSure();
         if (!isGood) {
             const bool isQuiet = lock.IsQuiet();
-            isGood = isQuiet && wasQuiet && IsSame(value, before);
+            isGood = isQuiet && wasQuiet && isSame(value, before);
             wasQuiet = isQuiet;
         }
-        if ((isGood && !IsImpossible(value)) || (waitedInVain && !isPatient) || left == 1)
+        if ((isGood && !isImpossible(value)) || (waitedInVain && !isPatient) || left == 1)
             return value;
     }
 }
@@ -130,7 +130,7 @@ int monFile::Inside::PositionOf(monParam& parameter)
         UpdateCache();
     if (parameter.isLost)
         qelXNativeException::Throw("monFile: No such parameter any more");
-    return OffsetOf(parameter.position);
+    return offsetOf(parameter.position);
 }
 
 template<class Value>
@@ -145,7 +145,7 @@ Value monFile::Inside::Get(monParam& parameter)
         const std::ptrdiff_t count = btkReadAt(stream->fileBuf->GetHandle(), &word, sizeof word, start);
         if (count != sizeof word)
             Attempt([&] { stream->ThrowState(count < 0 ? ioFileStream::stateBad : ioFileStream::stateEof); });
-        return Decode<Value>(word);
+        return decode<Value>(word);
     };
     return monIsSplit(start, sizeof(Word)) ? LoadLocked(start, sizeof(Word), load) : load();
 }
@@ -153,7 +153,7 @@ Value monFile::Inside::Get(monParam& parameter)
 template<class Value>
 Value monFile::Inside::Set(monParam& parameter, Value value)
 {
-    const auto word = Encode(value);
+    const auto word = encode(value);
     PrepareToWrite();
     const int start = PositionOf(parameter);
     xfilebuf& bytes = *stream->fileBuf;

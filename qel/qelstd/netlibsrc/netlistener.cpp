@@ -11,7 +11,7 @@ namespace {
 constexpr netError socketFailed = static_cast<netError>(4);
 constexpr btkTimeval longestRest(0, 100000);
 
-std::unique_ptr<btkEvent> EventOver(btkBaseEvent* made)
+std::unique_ptr<btkEvent> eventOver(btkBaseEvent* made)
 {
     std::unique_ptr<btkBaseEvent> base(made);
     auto event = std::make_unique<btkEvent>(base.get());
@@ -23,8 +23,8 @@ std::unique_ptr<btkEvent> EventOver(btkBaseEvent* made)
 
 netBaseServer::Loop::Loop(netBaseServer& of, std::unique_ptr<btkAcceptSocket> socket)
     : server(of), listening(std::move(socket)),
-      connectionWaits(EventOver(new btkSelectEvent(listening->GetHandle(), 0))),
-      stopAsked(Event_Create(false)), stopWaits(EventOver(new btkEVENTEvent(stopAsked.Get()))),
+      connectionWaits(eventOver(new btkSelectEvent(listening->GetHandle(), 0))),
+      stopAsked(Event_Create(false)), stopWaits(eventOver(new btkEVENTEvent(stopAsked.Get()))),
       stopSign(std::make_shared<btkStopSign>(stopAsked.Get()))
 {
 }
@@ -97,7 +97,7 @@ void netBaseServer::Loop::AddSilent(std::unique_ptr<btkStreamSocket> socket, btk
     auto one = std::make_unique<Silent>();
     one->address = socket->GetPeerAddrStr();
     one->since = now;
-    one->input = EventOver(socket->GetInputEvent());
+    one->input = eventOver(socket->GetInputEvent());
     one->socket = std::move(socket);
     silent.Add(std::move(one));
 }

@@ -18,7 +18,7 @@ namespace {
 constexpr const char* rightsValue = "ConnectionAllowed";
 
 /// Whether the last error of the registry means that the key or value is certainly absent.
-bool IsCertainlyAbsent()
+bool isCertainlyAbsent()
 {
     const DWORD error = GetLastError();
     // The last two: no key can have that name.
@@ -27,7 +27,7 @@ bool IsCertainlyAbsent()
 
 /// Reports on the standard error output why no peer is admitted. Since peers can trigger it, the same report
 /// is repeated after a minute at the earliest. Allocates nothing.
-void ReportUnknown(const char* server, const char* root, DWORD error)
+void reportUnknown(const char* server, const char* root, DWORD error)
 {
     using Clock = std::chrono::steady_clock;
     constexpr auto pause = std::chrono::minutes(1);
@@ -54,12 +54,12 @@ void ReportUnknown(const char* server, const char* root, DWORD error)
     std::fputs(line, stderr);
 }
 
-bool Admits(hmxRegistry& registry, const char* root, const xstring& server, const xstring& address)
+bool admits(hmxRegistry& registry, const char* root, const xstring& server, const xstring& address)
 {
     xrchandle<xstringsequence> patterns;
     const netRightsState state = ReadConnectionRights(registry, server, &patterns);
     if (state == netRightsUnknown)
-        ReportUnknown(server.CastToCString(), root, GetLastError());
+        reportUnknown(server.CastToCString(), root, GetLastError());
     return state == netRightsAbsent || (state == netRightsGiven && MatchAnyPattern(address, patterns));
 }
 
@@ -73,7 +73,7 @@ netRightsState ReadConnectionRights(hmxRegistry& registry, xstring serverName,
     const xstring value =
         key.Open(registry.root, path.CastToCString()) ? key.GetValue(rightsValue) : xstring(nullptr);
     if (value == nullptr)
-        return IsCertainlyAbsent() ? netRightsAbsent : netRightsUnknown;
+        return isCertainlyAbsent() ? netRightsAbsent : netRightsUnknown;
     if (patterns != nullptr)
         *patterns = SplitPatternList(value);
     return netRightsGiven;
@@ -93,10 +93,10 @@ bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName)
         return true;
     try {
         const xstring address(socket->GetPeerAddrStr().c_str());
-        return Admits(hmxRegistry::System(), "system's", serverName, address) &&
-               Admits(hmxRegistry::User(), "user's", serverName, address);
+        return admits(hmxRegistry::System(), "system's", serverName, address) &&
+               admits(hmxRegistry::User(), "user's", serverName, address);
     } catch (const std::bad_alloc&) {
-        ReportUnknown(server, "system's or the user's", ERROR_NOT_ENOUGH_MEMORY);
+        reportUnknown(server, "system's or the user's", ERROR_NOT_ENOUGH_MEMORY);
         return false;
     }
 }

@@ -22,7 +22,7 @@ struct
     int living = 0;
 } instance;
 
-BOOL OnConsole(DWORD type)
+BOOL onConsole(DWORD type)
 {
     if (type != CTRL_C_EVENT && type != CTRL_BREAK_EVENT)
         return FALSE;
@@ -31,11 +31,11 @@ BOOL OnConsole(DWORD type)
 }
 
 // The last event restores the previous handlers. Call it with the mutex locked.
-void Leave()
+void leave()
 {
     if (--instance.living > 0)
         return;
-    SetConsoleCtrlHandler(&OnConsole, FALSE);
+    SetConsoleCtrlHandler(&onConsole, FALSE);
     Event_Free(instance.event.exchange(-1));
 }
 
@@ -51,7 +51,7 @@ pcInterruptEvent* pcInterruptEvent::Create()
     if (instance.event < 0) {
         instance.event = Event_Create(false);
         if (instance.event >= 0)
-            SetConsoleCtrlHandler(&OnConsole, TRUE);
+            SetConsoleCtrlHandler(&onConsole, TRUE);
     }
     if (instance.event < 0)
         return nullptr;
@@ -59,7 +59,7 @@ pcInterruptEvent* pcInterruptEvent::Create()
     try {
         return new (pDefMemMgr) pcInterruptEvent(instance.event);
     } catch (...) {
-        Leave();
+        leave();
         throw;
     }
 }
@@ -74,5 +74,5 @@ void pcInterruptEvent::Reset()
 pcInterruptEvent::~pcInterruptEvent()
 {
     const thrLock guard(thrLibraryMutex());
-    Leave();
+    leave();
 }

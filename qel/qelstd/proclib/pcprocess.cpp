@@ -27,7 +27,7 @@ constinit qelClass pcEvent::rtti = {
 
 namespace {
 
-[[noreturn]] void ThrowSystemError()
+[[noreturn]] void throwSystemError()
 {
     pcXCreate::Throw(pcCreateCode::system, Error_GetLast());
 }
@@ -39,13 +39,13 @@ struct Free
 };
 using OwnedProcess = std::unique_ptr<btkProcess, Free>;
 
-pcProcessStatus StatusOf(const btkProcess* process)
+pcProcessStatus statusOf(const btkProcess* process)
 {
     return Process_CheckRunning(process) ? pcRunning : pcExited;
 }
 
 // Negative numbers are not ids, and must not be converted to one.
-bool OpenById(btkProcess** process, int id)
+bool openById(btkProcess** process, int id)
 {
     return Process_Open(process, id > 0 ? static_cast<unsigned long>(id) : 0);
 }
@@ -85,7 +85,7 @@ pcProcess* pcProcess::Create(const char* command, const char* workDir, ioStream*
     const unsigned flags = (ownGroup ? btkLaunchGroup : 0u) | (detached ? btkLaunchDetached : 0u);
     if (!Process_Launch(&handle, &id, qelIsObject(command) ? command : "", directory.c_str(), inHandle,
                         outHandle, errHandle, flags))
-        ThrowSystemError();
+        throwSystemError();
     OwnedProcess owned(handle);
     auto* const process = new (pDefMemMgr) pcProcess(handle, id, true);
     owned.release();
@@ -98,8 +98,8 @@ pcProcess* pcProcess::Create(const char* command, const char* workDir, ioStream*
 pcProcess* pcProcess::Open(int id)
 {
     btkProcess* handle;
-    if (!OpenById(&handle, id))
-        ThrowSystemError();
+    if (!openById(&handle, id))
+        throwSystemError();
     OwnedProcess owned(handle);
     auto* const process =
         new (pDefMemMgr) pcProcess(handle, static_cast<unsigned long>(id), Process_CanWait(handle));
@@ -153,7 +153,7 @@ unsigned char pcProcess::IsRunning()
 
 pcProcessStatus pcProcess::GetStatus()
 {
-    return closed ? pcUninit : StatusOf(handle);
+    return closed ? pcUninit : statusOf(handle);
 }
 
 pcEvent* pcProcess::ExitEvent()
@@ -175,9 +175,9 @@ pcEvent::pcEvent(pcProcess* owner, btkHandle exit) : evtEvent(new btkPROCESSEven
 pcProcessStatus pcGetProcessStatus(int id)
 {
     btkProcess* handle;
-    if (!OpenById(&handle, id))
+    if (!openById(&handle, id))
         return pcUninit;
-    return StatusOf(OwnedProcess(handle).get());
+    return statusOf(OwnedProcess(handle).get());
 }
 
 xstring pcGetShellCommand()

@@ -20,7 +20,7 @@ QEL_EXCEPTION(nmsXCantGetVersion, nmsXException, "nmsclib::XCantGetVersion", qel
 namespace {
 
 // The fields of a record, `name=value` between blanks; null for none.
-xstring TextOf(nmsRecord* record)
+xstring textOf(nmsRecord* record)
 {
     if (!qelIsObject(record))
         return nullptr;
@@ -71,7 +71,7 @@ void nmsXCantConnectByName::Throw(const char* description, qelXFunc* func, const
 }
 
 nmsXCantRegisterRecord::nmsXCantRegisterRecord(const char* description, qelXFunc* func, nmsRecord* record)
-    : nmsXException(description, func, "Record", TextOf(record)), Record(record)
+    : nmsXException(description, func, "Record", textOf(record)), Record(record)
 {
 }
 
@@ -81,7 +81,7 @@ void nmsXCantRegisterRecord::Throw(const char* description, qelXFunc* func, nmsR
 }
 
 nmsXCantDelete::nmsXCantDelete(const char* description, qelXFunc* func, nmsRecord* pattern)
-    : nmsXException(description, func, "Template", TextOf(pattern)), Template(pattern)
+    : nmsXException(description, func, "Template", textOf(pattern)), Template(pattern)
 {
 }
 
@@ -91,7 +91,7 @@ void nmsXCantDelete::Throw(const char* description, qelXFunc* func, nmsRecord* p
 }
 
 nmsXCantQuery::nmsXCantQuery(const char* description, qelXFunc* func, nmsRecord* pattern)
-    : nmsXException(description, func, "Template", TextOf(pattern)), Template(pattern)
+    : nmsXException(description, func, "Template", textOf(pattern)), Template(pattern)
 {
 }
 

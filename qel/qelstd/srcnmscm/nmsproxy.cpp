@@ -22,24 +22,24 @@ constinit qelClass nmsServerProxy::rtti = {
 namespace {
 
 // The text for messages; null means none.
-const char* TextOf(const xstring& s)
+const char* textOf(const xstring& s)
 {
     const char* const text = s.CastToCString();
     return qelIsObject(text) ? text : "";
 }
 
-std::string Report(const nmsClientStatus& status)
+std::string reportOf(const nmsClientStatus& status)
 {
     const xstring host = status.getHost();
     return nmsStatusText(status.getCode(), status.getOrigin() == nmsClientStatus::Server,
-                         status.getLocal() ? "LOCALHOST" : TextOf(host), status.getPort());
+                         status.getLocal() ? "LOCALHOST" : textOf(host), status.getPort());
 }
 
 // The exception's description of it: the first line.
-std::string LineOf(const nmsClientStatus& status)
+std::string lineOf(const nmsClientStatus& status)
 {
     constexpr std::size_t most = 1024;
-    const std::string report = Report(status);
+    const std::string report = reportOf(status);
     return report.substr(0, std::min(report.find('\n'), most));
 }
 
@@ -47,11 +47,11 @@ using Failure = std::unique_ptr<nmsClientStatus>;
 
 // Throws the exception X for `failure`, if there is one.
 template<class X, class... Values>
-void ThrowFor(nmsClientStatus* failure, const char* function, Values... values)
+void throwFor(nmsClientStatus* failure, const char* function, Values... values)
 {
     const Failure held(failure);
     if (held != nullptr)
-        X::Throw(LineOf(*held).c_str(), xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get(),
+        X::Throw(lineOf(*held).c_str(), xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get(),
                  values...);
 }
 
@@ -62,7 +62,7 @@ struct Discard
 };
 
 // Returns the proxy if its server responds; else frees it and returns null.
-nmsServerProxy* Answering(nmsServerProxy* made)
+nmsServerProxy* answering(nmsServerProxy* made)
 {
     std::unique_ptr<nmsServerProxy, Discard> proxy(made);
     return Failure(proxy->Ping()) == nullptr ? proxy.release() : nullptr;
@@ -79,7 +79,7 @@ nmsClientStatus::nmsClientStatus(int statusCode, StatusOrigin foundBy, const xst
 std::ostream& operator<<(std::ostream& os, const nmsClientStatus& status)
 {
     if (os.good())
-        os << Report(status) << std::endl;
+        os << reportOf(status) << std::endl;
     return os;
 }
 
@@ -104,7 +104,7 @@ nmsServerProxy* nmsServerProxy::InitProxy(const char* hostName)
 
 nmsServerProxy* nmsServerProxy::ConnectLocal()
 {
-    nmsServerProxy* const proxy = Answering(InitLocalProxy());
+    nmsServerProxy* const proxy = answering(InitLocalProxy());
     if (proxy == nullptr)
         nmsXCantConnectLocal::Throw(
             "Can't connect locally",
@@ -114,7 +114,7 @@ nmsServerProxy* nmsServerProxy::ConnectLocal()
 
 nmsServerProxy* nmsServerProxy::ConnectByName(const char* hostName)
 {
-    nmsServerProxy* const proxy = Answering(InitProxy(hostName));
+    nmsServerProxy* const proxy = answering(InitProxy(hostName));
     if (proxy == nullptr)
         nmsXCantConnectByName::Throw(
             "ERROR  : can't connect by name",
@@ -126,13 +126,13 @@ nmsServerProxy* nmsServerProxy::ConnectByName(const char* hostName)
 
 void nmsServerProxy::Register(nmsRecord* record)
 {
-    ThrowFor<nmsXCantRegisterRecord>(ImplRegister(*record), "nmsServerProxy::Register", record);
+    throwFor<nmsXCantRegisterRecord>(ImplRegister(*record), "nmsServerProxy::Register", record);
 }
 
 int nmsServerProxy::Delete(nmsRecord* pattern)
 {
     int count = 0;
-    ThrowFor<nmsXCantDelete>(ImplDelete(*pattern, &count), "nmsServerProxy::Delete", pattern);
+    throwFor<nmsXCantDelete>(ImplDelete(*pattern, &count), "nmsServerProxy::Delete", pattern);
     return count;
 }
 
@@ -142,7 +142,7 @@ nmsRecordArray* nmsServerProxy::Query(nmsRecord* pattern)
     if (nmsClientStatus* const failure = ImplQuery(*pattern, found.get(), nullptr)) {
         for (int i = 0; i < found->getarraysize(); ++i)
             Discard()(found->get(i));
-        ThrowFor<nmsXCantQuery>(failure, "nmsServerProxy::Query", pattern);
+        throwFor<nmsXCantQuery>(failure, "nmsServerProxy::Query", pattern);
     }
     return found.release();
 }
@@ -151,7 +151,7 @@ xstring nmsServerProxy::GetVersion()
 {
     constexpr const char* function = "nmsServerProxy::GetVersion";
     const xrchandle<nmsRecord> answer(nmsRecord::Create(0));
-    ThrowFor<nmsXCantGetVersion>(Version(*answer), function);
+    throwFor<nmsXCantGetVersion>(Version(*answer), function);
     if (!answer->HasField("Version"))
         nmsXCantGetVersion::Throw("ERROR  : Other",
                                   xrchandle<qelXFunc>(new (pDefMemMgr) qelXFunc(function)).get());
@@ -165,7 +165,7 @@ unsigned char nmsServerProxy::IsAlive()
 
 void nmsServerProxy::Shutdown()
 {
-    ThrowFor<nmsXCantShutdown>(ImplShutdown(), "nmsServerProxy::Shutdown");
+    throwFor<nmsXCantShutdown>(ImplShutdown(), "nmsServerProxy::Shutdown");
 }
 
 void nmsServerProxy::setAnswerLimit(double seconds)
@@ -190,7 +190,7 @@ nmsClientStatus* nmsServerProxy::Request(int code, nmsRecord* record, Rest rest)
 {
     port = nmsFindPort();
     std::string encoded;
-    const char* const name = local ? nullptr : TextOf(host);
+    const char* const name = local ? nullptr : textOf(host);
     const auto [status, fromServer] =
         record == nullptr || nmsRecordWire::Encode(*record, encoded)
             ? nmsExchange().Do(name, port, static_cast<nmsRequestCode>(code), encoded, rest)
