@@ -21,7 +21,7 @@ struct ConsoleSignal
 };
 ConsoleSignal consoleSignals[] = {{SIGINT, CTRL_C_EVENT, {}}, {SIGQUIT, CTRL_BREAK_EVENT, {}}};
 
-void DoAsBefore(const ConsoleSignal& signal, siginfo_t* info, void* context)
+void doAsBefore(const ConsoleSignal& signal, siginfo_t* info, void* context)
 {
     if ((signal.before.sa_flags & SA_SIGINFO) != 0) {
         signal.before.sa_sigaction(signal.number, info, context);
@@ -35,7 +35,7 @@ void DoAsBefore(const ConsoleSignal& signal, siginfo_t* info, void* context)
     }
 }
 
-void OnSignal(int number, siginfo_t* info, void* context)
+void onSignal(int number, siginfo_t* info, void* context)
 {
     const int kept = errno;
     running.fetch_add(1);
@@ -44,7 +44,7 @@ void OnSignal(int number, siginfo_t* info, void* context)
     const bool isHandled = handler != nullptr && handler(signal.type) != FALSE;
     running.fetch_sub(1);
     if (!isHandled)
-        DoAsBefore(signal, info, context);
+        doAsBefore(signal, info, context);
     errno = kept;
 }
 
@@ -60,7 +60,7 @@ BOOL SetConsoleCtrlHandler(PHANDLER_ROUTINE handler, BOOL add)
     if (add != FALSE) {
         current = handler;
         struct sigaction action = {};
-        action.sa_sigaction = &OnSignal;
+        action.sa_sigaction = &onSignal;
         action.sa_flags = SA_SIGINFO | SA_RESTART;
         for (ConsoleSignal& signal : consoleSignals) {
             // Set before the handler can be called.

@@ -15,14 +15,14 @@
 
 namespace {
 
-std::streambuf& StandardBuffer(bool isError)
+std::streambuf& standardBuffer(bool isError)
 {
     return isError ? *std::cerr.rdbuf() : *std::cout.rdbuf();
 }
 
 // Writes to the standard C stream behind `buffer`, if there is one and its own buffer has room, so that
 // nothing is written to the descriptor.
-bool FillStandard(std::streambuf& buffer, const char* from, std::size_t size)
+bool fillStandard(std::streambuf& buffer, const char* from, std::size_t size)
 {
     using Synchronized = __gnu_cxx::stdio_sync_filebuf<char>;
     static std::atomic<std::streambuf*> known = nullptr;
@@ -42,7 +42,7 @@ bool FillStandard(std::streambuf& buffer, const char* from, std::size_t size)
 
 // Calls `write` with SIGPIPE blocked for the caller.
 template<typename Call>
-auto WithoutSignal(Call write)
+auto withoutSignal(Call write)
 {
     btkNoSigPipe guard;
     errno = 0;
@@ -57,7 +57,7 @@ auto WithoutSignal(Call write)
 std::ptrdiff_t xistdbuf::ReadSome(char* to, std::size_t size)
 {
     if (!IsPending())
-        WithoutSignal([] { return std::cout.rdbuf()->pubsync(); });
+        withoutSignal([] { return std::cout.rdbuf()->pubsync(); });
     return xinputbuf::ReadSome(to, size);
 }
 
@@ -74,7 +74,7 @@ bool xistdbuf::GiveBack()
 
 bool xostdbuf::FlushAll()
 {
-    return WithoutSignal(
+    return withoutSignal(
         [] { return std::cout.rdbuf()->pubsync() == 0 && std::cerr.rdbuf()->pubsync() == 0; });
 }
 
@@ -88,19 +88,19 @@ xostdbuf::int_type xostdbuf::overflow(int_type byte)
 
 std::streamsize xostdbuf::xsputn(const char* from, std::streamsize count)
 {
-    std::streambuf& buffer = StandardBuffer(isError);
+    std::streambuf& buffer = standardBuffer(isError);
     const std::size_t size = count < 0 ? 0 : static_cast<std::size_t>(count);
     if (char* const room = xbufaccess::Reserve(buffer, size); room != nullptr && size <= INT_MAX) {
         std::memcpy(room, from, size);
         xbufaccess::Commit(buffer, static_cast<int>(size));
         return count;
     }
-    if (FillStandard(buffer, from, size))
+    if (fillStandard(buffer, from, size))
         return count;
-    return WithoutSignal([&] { return buffer.sputn(from, count); });
+    return withoutSignal([&] { return buffer.sputn(from, count); });
 }
 
 int xostdbuf::sync()
 {
-    return WithoutSignal([&] { return StandardBuffer(isError).pubsync(); });
+    return withoutSignal([&] { return standardBuffer(isError).pubsync(); });
 }

@@ -7,7 +7,7 @@ namespace {
 
 constexpr const char* blanks = " \t\r\n";
 
-bool IsBlank(char c)
+bool isBlank(char c)
 {
     return c != '\0' && std::strchr(blanks, c) != nullptr;
 }
@@ -24,7 +24,7 @@ public:
         SkipBlanks();
         if (*next == '\0' || isBroken)
             return false;
-        while (*next != '\0' && !IsBlank(*next) && !isBroken)
+        while (*next != '\0' && !isBlank(*next) && !isBroken)
             ReadPart(word);
         return true;
     }
@@ -43,7 +43,7 @@ public:
 private:
     void SkipBlanks()
     {
-        while (IsBlank(*next))
+        while (isBlank(*next))
             ++next;
     }
 

@@ -17,7 +17,7 @@
 
 namespace {
 
-short Poll(btkHandle handle, short events, btkTimeval limit)
+short pollOne(btkHandle handle, short events, btkTimeval limit)
 {
     pollfd asked = {handle, events, 0};
     return btkPoll(&asked, 1, limit) < 0 ? POLLERR : asked.revents;
@@ -25,23 +25,23 @@ short Poll(btkHandle handle, short events, btkTimeval limit)
 
 // Makes a call that transfers bytes, after waiting if the descriptor is non-blocking.
 template<typename Call>
-std::ptrdiff_t Transfer(btkHandle handle, short events, Call call)
+std::ptrdiff_t transfer(btkHandle handle, short events, Call call)
 {
     for (;;) {
         const std::ptrdiff_t answer = btkRetry(call);
         if (answer >= 0 || errno != EAGAIN)
             return answer;
-        Poll(handle, events, btkTimeval::Forever());
+        pollOne(handle, events, btkTimeval::Forever());
     }
 }
 
 // Repeats `call(done)`, which transfers some bytes, until `size` are done, a call returns 0, or a call fails.
 template<typename Call>
-std::size_t TransferAll(btkHandle handle, short events, std::size_t size, Call call)
+std::size_t transferAll(btkHandle handle, short events, std::size_t size, Call call)
 {
     std::size_t done = 0;
     while (done < size) {
-        const std::ptrdiff_t answer = Transfer(handle, events, [&] { return call(done); });
+        const std::ptrdiff_t answer = transfer(handle, events, [&] { return call(done); });
         if (answer <= 0)
             break;
         done += static_cast<std::size_t>(answer);
@@ -49,7 +49,7 @@ std::size_t TransferAll(btkHandle handle, short events, std::size_t size, Call c
     return done;
 }
 
-sigset_t JustSigPipe()
+sigset_t justSigPipe()
 {
     sigset_t set;
     sigemptyset(&set);
@@ -77,13 +77,13 @@ btkFd btkFd::Duplicate() const
 
 std::ptrdiff_t btkRead(btkHandle handle, void* to, std::size_t size)
 {
-    return Transfer(handle, POLLIN, [&] { return read(handle, to, size); });
+    return transfer(handle, POLLIN, [&] { return read(handle, to, size); });
 }
 
 std::ptrdiff_t btkReadAt(btkHandle handle, void* to, std::size_t size, long long position)
 {
     std::ptrdiff_t latest = 0;
-    const std::size_t done = TransferAll(handle, POLLIN, size, [&](std::size_t at) {
+    const std::size_t done = transferAll(handle, POLLIN, size, [&](std::size_t at) {
         return latest = pread(handle, static_cast<char*>(to) + at, size - at,
                               position + static_cast<long long>(at));
     });
@@ -93,7 +93,7 @@ std::ptrdiff_t btkReadAt(btkHandle handle, void* to, std::size_t size, long long
 std::size_t btkWrite(btkHandle handle, const void* from, std::size_t size)
 {
     btkNoSigPipe guard;
-    const std::size_t done = TransferAll(handle, POLLOUT, size, [&](std::size_t at) {
+    const std::size_t done = transferAll(handle, POLLOUT, size, [&](std::size_t at) {
         return write(handle, static_cast<const char*>(from) + at, size - at);
     });
     if (done < size && errno == EPIPE)
@@ -120,7 +120,7 @@ std::ptrdiff_t btkTryWrite(btkHandle handle, const void* from, std::size_t size)
 
 std::size_t btkWriteAt(btkHandle handle, const void* from, std::size_t size, long long position)
 {
-    return TransferAll(handle, POLLOUT, size, [&](std::size_t at) {
+    return transferAll(handle, POLLOUT, size, [&](std::size_t at) {
         return pwrite(handle, static_cast<const char*>(from) + at, size - at,
                       position + static_cast<long long>(at));
     });
@@ -172,7 +172,7 @@ std::ptrdiff_t btkMove(const btkPlace& from, const btkPlace& to)
     off64_t target = to.position == nullptr ? 0 : *to.position;
     off64_t* const targetPlace = to.position == nullptr ? nullptr : &target;
     btkNoSigPipe guard;
-    const std::ptrdiff_t moved = Transfer(to.handle, POLLOUT, [&] {
+    const std::ptrdiff_t moved = transfer(to.handle, POLLOUT, [&] {
         return from.position != nullptr
                    ? copy_file_range(from.handle, &source, to.handle, targetPlace, most, 0)
                    : splice(from.handle, nullptr, to.handle, targetPlace, most, 0);
@@ -194,12 +194,12 @@ std::size_t btkCountReadable(btkHandle handle)
 
 bool btkIsReadable(btkHandle handle, btkTimeval limit)
 {
-    return Poll(handle, POLLIN, limit) != 0;
+    return pollOne(handle, POLLIN, limit) != 0;
 }
 
 std::size_t btkCountWritable(btkHandle handle, bool& broken)
 {
-    const short ready = Poll(handle, POLLOUT, {});
+    const short ready = pollOne(handle, POLLOUT, {});
     broken = (ready & (POLLERR | POLLNVAL)) != 0;
     if (broken || (ready & POLLOUT) == 0)
         return 0;
@@ -225,7 +225,7 @@ bool btkIsSameFile(btkHandle a, btkHandle b)
 
 btkNoSigPipe::btkNoSigPipe()
 {
-    const sigset_t set = JustSigPipe();
+    const sigset_t set = justSigPipe();
     sigset_t before;
     pthread_sigmask(SIG_BLOCK, &set, &before);
     blocked = sigismember(&before, SIGPIPE) == 0;
@@ -237,7 +237,7 @@ btkNoSigPipe::btkNoSigPipe()
 btkNoSigPipe::~btkNoSigPipe()
 {
     const int kept = errno;
-    const sigset_t set = JustSigPipe();
+    const sigset_t set = justSigPipe();
     if (raised && !wasPending) {
         const timespec now = {};
         btkRetry([&] { return sigtimedwait(&set, nullptr, &now); });

@@ -20,7 +20,7 @@ namespace {
 //
 // First copies the first and the last byte onto themselves. If that fails, nothing has changed; otherwise
 // both pages are present and writable, so that the copy cannot block, and so cannot be interrupted part way.
-bool CopyByKernel(char* to, char* from, std::size_t size)
+bool copyByKernel(char* to, char* from, std::size_t size)
 {
     char* const last = to + size - 1;
     const iovec target[] = {{to, 1}, {last, 1}, {to, size}};
@@ -39,12 +39,12 @@ struct flock Describe(short type, long long first, long long count)
     return lock;
 }
 
-short TypeOf(btkRangeLock::Kind kind)
+short typeOf(btkRangeLock::Kind kind)
 {
     return kind == btkRangeLock::Exclusive ? F_WRLCK : F_RDLCK;
 }
 
-bool Take(const struct stat& status, btkFileState& state)
+bool take(const struct stat& status, btkFileState& state)
 {
     state = {status.st_dev, status.st_ino, status.st_size, status.st_nlink > 0, S_ISREG(status.st_mode)};
     return true;
@@ -60,13 +60,13 @@ bool btkSetFileSize(btkHandle handle, long long size)
 bool btkGetFileState(btkHandle handle, btkFileState& state)
 {
     struct stat status;
-    return fstat(handle, &status) == 0 && Take(status, state);
+    return fstat(handle, &status) == 0 && take(status, state);
 }
 
 bool btkGetFileState(const char* path, btkFileState& state)
 {
     struct stat status;
-    return stat(path, &status) == 0 && Take(status, state);
+    return stat(path, &status) == 0 && take(status, state);
 }
 
 bool btkOpenAnew(btkHandle handle)
@@ -96,7 +96,7 @@ std::size_t btkPartWriter::Write(btkHandle handle, const void* from, std::size_t
         return btkWriteAt(handle, from, size, position);
     alignas(greatestWhole) char part[greatestWhole];
     std::memcpy(part, from, size);
-    if (CopyByKernel(pages + position, part, size)) {
+    if (copyByKernel(pages + position, part, size)) {
         MakeKnown(handle, notice);
         return size;
     }
@@ -158,7 +158,7 @@ bool btkPatience::Rest()
 
 btkRangeLock::Answer btkRangeLock::Try(Kind kind)
 {
-    struct flock lock = Describe(TypeOf(kind), first, count);
+    struct flock lock = Describe(typeOf(kind), first, count);
     if (fcntl(handle, F_OFD_SETLK, &lock) == 0) {
         held = true;
         return Held;
@@ -169,7 +169,7 @@ btkRangeLock::Answer btkRangeLock::Try(Kind kind)
 btkRangeLock::Answer btkRangeLock::Wait(Kind kind, btkTimeval limit)
 {
     if (limit.IsForever()) {
-        struct flock lock = Describe(TypeOf(kind), first, count);
+        struct flock lock = Describe(typeOf(kind), first, count);
         held = btkRetry([&] { return fcntl(handle, F_OFD_SETLKW, &lock); }) == 0;
         return held ? Held : Unsupported;
     }
@@ -183,7 +183,7 @@ btkRangeLock::Answer btkRangeLock::Wait(Kind kind, btkTimeval limit)
 
 bool btkRangeLock::IsBusy(Kind kind) const
 {
-    struct flock lock = Describe(TypeOf(kind), first, count);
+    struct flock lock = Describe(typeOf(kind), first, count);
     return fcntl(handle, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 

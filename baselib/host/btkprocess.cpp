@@ -35,12 +35,12 @@ struct btkProcess
 namespace {
 
 // The C library declares these on later systems only.
-int OpenProcess(pid_t id)
+int openProcess(pid_t id)
 {
     return static_cast<int>(syscall(SYS_pidfd_open, id, 0));
 }
 
-int SignalProcess(btkHandle process, int number)
+int signalProcess(btkHandle process, int number)
 {
     return static_cast<int>(syscall(SYS_pidfd_send_signal, process, number, nullptr, 0));
 }
@@ -48,7 +48,7 @@ int SignalProcess(btkHandle process, int number)
 constexpr idtype_t byDescriptor = static_cast<idtype_t>(3); // P_PIDFD
 
 // Takes the exit code of a child: 1; 0 when it is still running, -1 on failure.
-int Reap(btkHandle process, bool wait, long& exitCode)
+int reap(btkHandle process, bool wait, long& exitCode)
 {
     siginfo_t ended = {};
     const int options = WEXITED | (wait ? 0 : WNOHANG);
@@ -77,7 +77,7 @@ public:
         const int kept = errno;
         std::erase_if(running, [](const btkFd& process) {
             long exitCode;
-            return Reap(process.Get(), false, exitCode) != 0;
+            return reap(process.Get(), false, exitCode) != 0;
         });
         errno = kept;
     }
@@ -131,7 +131,7 @@ private:
 
 // Assigns the three handles in the child. Those that have a standard number already are duplicated first,
 // lest one overwrites another.
-bool PlaceStreams(FileActions& actions, const btkHandle (&handles)[3], btkFd (&duplicates)[3])
+bool placeStreams(FileActions& actions, const btkHandle (&handles)[3], btkFd (&duplicates)[3])
 {
     for (int standard = 0; standard < 3; ++standard) {
         btkHandle handle = handles[standard];
@@ -147,7 +147,7 @@ bool PlaceStreams(FileActions& actions, const btkHandle (&handles)[3], btkFd (&d
     return actions.CloseOthers();
 }
 
-pid_t Spawn(const std::vector<std::string>& words, const char* workDir, const btkHandle (&handles)[3],
+pid_t spawn(const std::vector<std::string>& words, const char* workDir, const btkHandle (&handles)[3],
             bool leadsGroup)
 {
     std::vector<char*> arguments;
@@ -161,7 +161,7 @@ pid_t Spawn(const std::vector<std::string>& words, const char* workDir, const bt
         attributes.LeadGroup();
     FileActions actions;
     btkFd duplicates[3];
-    if (!PlaceStreams(actions, handles, duplicates))
+    if (!placeStreams(actions, handles, duplicates))
         return -1;
     if (workDir != nullptr && *workDir != '\0' && !actions.ChangeDirectory(workDir))
         return -1;
@@ -177,12 +177,12 @@ pid_t Spawn(const std::vector<std::string>& words, const char* workDir, const bt
 
 // For a process that leads a group, to the whole group: the group's id cannot be reused before its leader is
 // reaped.
-void Send(const btkProcess* process, int number)
+void sendSignal(const btkProcess* process, int number)
 {
     if (process->isReaped)
         return;
     if (!process->leadsGroup || kill(-process->id, number) != 0)
-        SignalProcess(process->descriptor.Get(), number);
+        signalProcess(process->descriptor.Get(), number);
 }
 
 } // namespace
@@ -205,10 +205,10 @@ bool Process_Launch(btkProcess** process, unsigned long* id, const char* command
     made->isChild = true;
     made->abandoned.emplace_back();
     made->leadsGroup = (flags & btkLaunchGroup) != 0;
-    made->id = Spawn(words, workDir, {in, out, err}, made->leadsGroup);
+    made->id = spawn(words, workDir, {in, out, err}, made->leadsGroup);
     if (made->id < 0)
         return false;
-    made->descriptor.Reset(OpenProcess(made->id));
+    made->descriptor.Reset(openProcess(made->id));
     if (!made->descriptor && errno != ESRCH) {
         // No descriptor is left to watch it: it must not run unobserved.
         const int kept = errno;
@@ -233,7 +233,7 @@ bool Process_Open(btkProcess** process, unsigned long id)
         return false;
     }
     made->id = static_cast<pid_t>(id);
-    made->descriptor.Reset(OpenProcess(made->id));
+    made->descriptor.Reset(openProcess(made->id));
     if (!made->descriptor) {
         // The id of a thread; kernels differ.
         if (errno == EINVAL || errno == ENOENT)
@@ -256,7 +256,7 @@ bool Process_Wait(btkProcess* process, long* exitCode, bool wait, bool release)
         errno = ECHILD;
         return false;
     }
-    const int answer = Reap(process->descriptor.Get(), wait, *exitCode);
+    const int answer = reap(process->descriptor.Get(), wait, *exitCode);
     if (answer == 0)
         errno = EAGAIN;
     process->isReaped = answer != 0;
@@ -272,18 +272,18 @@ bool Process_CheckRunning(const btkProcess* process)
 
 void Process_Interrupt(const btkProcess* process)
 {
-    Send(process, SIGINT);
+    sendSignal(process, SIGINT);
 }
 
 void Process_Kill(const btkProcess* process)
 {
-    Send(process, SIGKILL);
+    sendSignal(process, SIGKILL);
 }
 
 void Process_Free(btkProcess* process)
 {
     long exitCode;
-    if (process->isChild && !process->isReaped && Reap(process->descriptor.Get(), false, exitCode) == 0)
+    if (process->isChild && !process->isReaped && reap(process->descriptor.Get(), false, exitCode) == 0)
         Abandoned::Get().Add(*process);
     delete process;
     Abandoned::Get().Sweep();

@@ -18,34 +18,34 @@
 
 namespace {
 
-const sockaddr_in& Of4(const btkSocketAddress& address)
+const sockaddr_in& of4(const btkSocketAddress& address)
 {
     return reinterpret_cast<const sockaddr_in&>(address.storage);
 }
 
-const sockaddr_in6& Of6(const btkSocketAddress& address)
+const sockaddr_in6& of6(const btkSocketAddress& address)
 {
     return reinterpret_cast<const sockaddr_in6&>(address.storage);
 }
 
-bool IsMapped(const btkSocketAddress& address)
+bool isMapped(const btkSocketAddress& address)
 {
-    return address.storage.ss_family == AF_INET6 && IN6_IS_ADDR_V4MAPPED(&Of6(address).sin6_addr);
+    return address.storage.ss_family == AF_INET6 && IN6_IS_ADDR_V4MAPPED(&of6(address).sin6_addr);
 }
 
 // The embedded IPv4 address, in network byte order. False for true IPv6.
-bool Get4(const btkSocketAddress& address, in_addr& out)
+bool get4(const btkSocketAddress& address, in_addr& out)
 {
     if (address.storage.ss_family == AF_INET)
-        out = Of4(address).sin_addr;
-    else if (IsMapped(address))
-        std::memcpy(&out, Of6(address).sin6_addr.s6_addr + 12, sizeof out);
+        out = of4(address).sin_addr;
+    else if (isMapped(address))
+        std::memcpy(&out, of6(address).sin6_addr.s6_addr + 12, sizeof out);
     else
         return false;
     return true;
 }
 
-btkSocketAddress Copied(const sockaddr* from, socklen_t size, int port)
+btkSocketAddress copied(const sockaddr* from, socklen_t size, int port)
 {
     btkSocketAddress made;
     std::memcpy(&made.storage, from, size);
@@ -57,7 +57,7 @@ btkSocketAddress Copied(const sockaddr* from, socklen_t size, int port)
     return made;
 }
 
-btkSocketAddress Fixed(int family, int port, in_addr_t dotted, const in6_addr& address)
+btkSocketAddress fixed(int family, int port, in_addr_t dotted, const in6_addr& address)
 {
     sockaddr_in made4 = {};
     made4.sin_family = AF_INET;
@@ -65,8 +65,8 @@ btkSocketAddress Fixed(int family, int port, in_addr_t dotted, const in6_addr& a
     sockaddr_in6 made6 = {};
     made6.sin6_family = AF_INET6;
     made6.sin6_addr = address;
-    return family == AF_INET ? Copied(reinterpret_cast<const sockaddr*>(&made4), sizeof made4, port)
-                             : Copied(reinterpret_cast<const sockaddr*>(&made6), sizeof made6, port);
+    return family == AF_INET ? copied(reinterpret_cast<const sockaddr*>(&made4), sizeof made4, port)
+                             : copied(reinterpret_cast<const sockaddr*>(&made6), sizeof made6, port);
 }
 
 // One query to the system's resolver, which has no limit of its own. Shared with the thread that runs it.
@@ -91,12 +91,12 @@ struct Question
                 freeaddrinfo(list);
         });
         for (const addrinfo* at = found; at != nullptr; at = at->ai_next)
-            answer.push_back(Copied(at->ai_addr, at->ai_addrlen, port));
+            answer.push_back(copied(at->ai_addr, at->ai_addrlen, port));
     }
 };
 
 // Runs the query on its own thread, which is abandoned when it takes longer than `limit`.
-std::vector<btkSocketAddress> AskWithin(Question question, btkTimeval limit)
+std::vector<btkSocketAddress> askWithin(Question question, btkTimeval limit)
 {
     auto shared = std::make_shared<Question>(std::move(question));
     auto given = std::make_unique<std::shared_ptr<Question>>(shared);
@@ -137,8 +137,8 @@ std::vector<btkSocketAddress> AskWithin(Question question, btkTimeval limit)
 
 int btkSocketAddress::GetPort() const
 {
-    return storage.ss_family == AF_INET    ? ntohs(Of4(*this).sin_port)
-           : storage.ss_family == AF_INET6 ? ntohs(Of6(*this).sin6_port)
+    return storage.ss_family == AF_INET    ? ntohs(of4(*this).sin_port)
+           : storage.ss_family == AF_INET6 ? ntohs(of6(*this).sin6_port)
                                            : 0;
 }
 
@@ -146,10 +146,10 @@ std::string btkSocketAddress::GetText() const
 {
     std::array<char, INET6_ADDRSTRLEN> text = {};
     in_addr dotted;
-    const bool isDotted = Get4(*this, dotted);
+    const bool isDotted = get4(*this, dotted);
     if (isDotted || storage.ss_family == AF_INET6)
         inet_ntop(isDotted ? AF_INET : AF_INET6,
-                  isDotted ? static_cast<const void*>(&dotted) : &Of6(*this).sin6_addr, text.data(),
+                  isDotted ? static_cast<const void*>(&dotted) : &of6(*this).sin6_addr, text.data(),
                   text.size());
     return text.data();
 }
@@ -157,30 +157,30 @@ std::string btkSocketAddress::GetText() const
 bool btkSocketAddress::IsLoopback() const
 {
     in_addr dotted;
-    if (Get4(*this, dotted))
+    if (get4(*this, dotted))
         return ntohl(dotted.s_addr) >> 24 == 127;
-    return storage.ss_family == AF_INET6 && IN6_IS_ADDR_LOOPBACK(&Of6(*this).sin6_addr);
+    return storage.ss_family == AF_INET6 && IN6_IS_ADDR_LOOPBACK(&of6(*this).sin6_addr);
 }
 
 bool btkSocketAddress::HasSameHost(const btkSocketAddress& other) const
 {
     in_addr mine;
     in_addr others;
-    const bool isDotted = Get4(*this, mine);
-    if (isDotted != Get4(other, others))
+    const bool isDotted = get4(*this, mine);
+    if (isDotted != get4(other, others))
         return false;
     return isDotted ? mine.s_addr == others.s_addr
-                    : IN6_ARE_ADDR_EQUAL(&Of6(*this).sin6_addr, &Of6(other).sin6_addr) != 0;
+                    : IN6_ARE_ADDR_EQUAL(&of6(*this).sin6_addr, &of6(other).sin6_addr) != 0;
 }
 
 btkSocketAddress btkSocketAddress::Loopback(int family, int port)
 {
-    return Fixed(family, port, INADDR_LOOPBACK, in6addr_loopback);
+    return fixed(family, port, INADDR_LOOPBACK, in6addr_loopback);
 }
 
 btkSocketAddress btkSocketAddress::Any(int family, int port)
 {
-    return Fixed(family, port, INADDR_ANY, in6addr_any);
+    return fixed(family, port, INADDR_ANY, in6addr_any);
 }
 
 bool btkIsThisMachine(const char* host)
@@ -201,7 +201,7 @@ std::vector<btkSocketAddress> btkResolve(const char* host, int port, btkTimeval 
     question.Ask(AI_NUMERICHOST);
     if (!question.answer.empty())
         return question.answer;
-    return AskWithin(std::move(question), limit);
+    return askWithin(std::move(question), limit);
 }
 
 std::vector<btkSocketAddress> btkResolveInterface(const char* name, int port)
@@ -212,7 +212,7 @@ std::vector<btkSocketAddress> btkResolveInterface(const char* name, int port)
         for (const ifaddrs* at = list; at != nullptr; at = at->ifa_next) {
             const int family = at->ifa_addr == nullptr ? AF_UNSPEC : at->ifa_addr->sa_family;
             if ((family == AF_INET || family == AF_INET6) && std::string_view(at->ifa_name) == name)
-                found.push_back(Copied(at->ifa_addr,
+                found.push_back(copied(at->ifa_addr,
                                        family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6), port));
         }
         freeifaddrs(list);

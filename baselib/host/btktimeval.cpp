@@ -4,7 +4,7 @@
 
 namespace {
 
-btkTimeval ReadClock(clockid_t clock)
+btkTimeval readClock(clockid_t clock)
 {
     timespec now = {};
     clock_gettime(clock, &now);
@@ -15,10 +15,10 @@ btkTimeval ReadClock(clockid_t clock)
 
 btkTimeval btkTimeval::Now()
 {
-    return ReadClock(CLOCK_MONOTONIC);
+    return readClock(CLOCK_MONOTONIC);
 }
 
 btkTimeval btkTimeval::GetTimeOfDay()
 {
-    return ReadClock(CLOCK_REALTIME);
+    return readClock(CLOCK_REALTIME);
 }

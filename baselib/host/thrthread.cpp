@@ -30,7 +30,7 @@ struct Launch
     void* arg;
 };
 
-void* Run(void* given)
+void* run(void* given)
 {
     // Also reported for a thread that calls pthread_exit or is cancelled: its owner waits for it.
     struct EndNote
@@ -50,18 +50,18 @@ void* Run(void* given)
     return nullptr;
 }
 
-Handle& HandleOf(void* thread)
+Handle& handleOf(void* thread)
 {
     return *static_cast<Handle*>(thread);
 }
 
-void* Start(int (*start)(void*), void* arg, btkFd exited)
+void* startThread(int (*start)(void*), void* arg, btkFd exited)
 {
     auto handle = std::make_unique<Handle>();
     handle->thread = std::make_shared<btkThreadEnd>();
     handle->thread->exited = std::move(exited);
     auto launch = std::make_unique<Launch>(Launch{handle->thread, start, arg});
-    if (pthread_create(&handle->id, nullptr, Run, launch.get()) != 0)
+    if (pthread_create(&handle->id, nullptr, run, launch.get()) != 0)
         return StrictThread_Refused;
     // Owned by the thread now.
     [[maybe_unused]] const auto* const taken = launch.release();
@@ -73,26 +73,26 @@ void* Start(int (*start)(void*), void* arg, btkFd exited)
 void* StrictThread_Launch(int (*start)(void*), void* arg, void (*)(void*, bool))
 try {
     btkFd exited(Event_Create(false));
-    return exited ? Start(start, arg, std::move(exited)) : StrictThread_Refused;
+    return exited ? startThread(start, arg, std::move(exited)) : StrictThread_Refused;
 } catch (const std::bad_alloc&) {
     return StrictThread_Refused;
 }
 
 void* StrictThread_LaunchWithoutEvent(int (*start)(void*), void* arg)
 try {
-    return Start(start, arg, {});
+    return startThread(start, arg, {});
 } catch (const std::bad_alloc&) {
     return StrictThread_Refused;
 }
 
 bool StrictThread_CheckRunning(void* thread)
 {
-    return !HandleOf(thread).thread->IsOver();
+    return !handleOf(thread).thread->IsOver();
 }
 
 void StrictThread_Wait(void* thread, int* code)
 {
-    Handle& handle = HandleOf(thread);
+    Handle& handle = handleOf(thread);
     if (!handle.joined)
         handle.joined = pthread_join(handle.id, nullptr) == 0;
     *code = handle.thread->code;
@@ -112,11 +112,11 @@ void StrictThread_Free(void* thread)
 
 btkHandle StrictThread_GetExitHandle(void* thread)
 {
-    return HandleOf(thread).thread->exited.Get();
+    return handleOf(thread).thread->exited.Get();
 }
 
 btkPROCESSEvent::btkPROCESSEvent(void* handle)
-    : btkBaseEvent(StrictThread_GetExitHandle(handle), btkReadable, true), thread(HandleOf(handle).thread)
+    : btkBaseEvent(StrictThread_GetExitHandle(handle), btkReadable, true), thread(handleOf(handle).thread)
 {
 }
 

@@ -41,7 +41,7 @@ std::atomic<std::size_t> mostRecords = 100000;
 std::atomic<std::size_t> mostBytes = std::size_t(64) << 20;
 
 // Approximate memory use of a record.
-std::size_t CostOf(const nmsFields& record)
+std::size_t costOf(const nmsFields& record)
 {
     std::size_t cost = sizeof record;
     for (const auto& field : record.fields)
@@ -165,7 +165,7 @@ bool nmsExchange::ReadRecords(std::vector<nmsFields>& records)
         isBeyondBounds = static_cast<std::size_t>(i) >= mostRecords;
         if (isBeyondBounds || !ReadRecord(record))
             return false;
-        bytes += CostOf(record);
+        bytes += costOf(record);
         isBeyondBounds = bytes > mostBytes;
         if (isBeyondBounds)
             return false;
@@ -179,7 +179,7 @@ bool nmsExchange::ReadRecords(std::vector<nmsFields>& records)
 namespace {
 
 template<class T>
-void Delete(T** object)
+void destroy(T** object)
 {
     if (object == nullptr)
         return;
@@ -187,7 +187,7 @@ void Delete(T** object)
     *object = nullptr;
 }
 
-capi_nmsServerProxy* NewProxy(const char* host)
+capi_nmsServerProxy* newProxy(const char* host)
 {
     try {
         return new capi_nmsServerProxy{.host = host, .port = 0};
@@ -196,7 +196,7 @@ capi_nmsServerProxy* NewProxy(const char* host)
     }
 }
 
-capi_nmsError* NewError(const capi_nmsServerProxy& proxy, int code, bool fromServer)
+capi_nmsError* newError(const capi_nmsServerProxy& proxy, int code, bool fromServer)
 {
     const char* const host = proxy.host.empty() ? "LOCALHOST" : proxy.host.c_str();
     return new capi_nmsError{code, nmsStatusText(code, fromServer, host, proxy.port)};
@@ -205,7 +205,7 @@ capi_nmsError* NewError(const capi_nmsServerProxy& proxy, int code, bool fromSer
 // Performs the request. Null when its status is "done" or `rest`, the part after the status, could not be
 // read.
 template<class Rest>
-capi_nmsError* Request(capi_nmsServerProxy& proxy, nmsRequestCode code, const nmsFields* record, Rest rest)
+capi_nmsError* perform(capi_nmsServerProxy& proxy, nmsRequestCode code, const nmsFields* record, Rest rest)
 {
     std::string encoded;
     proxy.port = nmsFindPort();
@@ -213,24 +213,24 @@ capi_nmsError* Request(capi_nmsServerProxy& proxy, nmsRequestCode code, const nm
     const nmsOutcome outcome = record == nullptr || nmsPutRecord(encoded, *record)
                                    ? nmsExchange(proxy.deadline).Do(host, proxy.port, code, encoded, rest)
                                    : nmsExchange(proxy.deadline).DoNot(host, proxy.port);
-    return outcome.code == nmscDone ? nullptr : NewError(proxy, outcome.code, outcome.fromServer);
+    return outcome.code == nmscDone ? nullptr : newError(proxy, outcome.code, outcome.fromServer);
 }
 
 } // namespace
 
 capi_nmsServerProxy* nmsServConnectLocal()
 {
-    return NewProxy("");
+    return newProxy("");
 }
 
 capi_nmsServerProxy* nmsServConnectByName(const char* host)
 {
-    return NewProxy(host == nullptr ? "" : host);
+    return newProxy(host == nullptr ? "" : host);
 }
 
 void nmsServDelete(capi_nmsServerProxy** proxy)
 {
-    Delete(proxy);
+    destroy(proxy);
 }
 
 void nmsServSetDeadline(capi_nmsServerProxy* proxy, btkTimeval end)
@@ -253,7 +253,7 @@ capi_nmsRecord* nmsRecCreate(int owner)
 
 void nmsRecDelete(capi_nmsRecord** record)
 {
-    Delete(record);
+    destroy(record);
 }
 
 bool nmsRecAdd(capi_nmsRecord* record, const char* name, const char* value)
@@ -304,18 +304,18 @@ capi_nmsRecord* nmsRecArrGetByIndex(capi_nmsRecordArray* array, int index)
 
 void nmsRecArrDelete(capi_nmsRecordArray** array)
 {
-    Delete(array);
+    destroy(array);
 }
 
 // ---- requests
 
 capi_nmsError* nmsServPing(capi_nmsServerProxy* proxy)
 {
-    capi_nmsError* error = Request(*proxy, nmsRequestCode::ping, nullptr, nmsExchange::NoRest);
+    capi_nmsError* error = perform(*proxy, nmsRequestCode::ping, nullptr, nmsExchange::NoRest);
     if (error != nullptr && error->code != nmscNoConnection) {
         // It responds, but not as a name server.
         nmsErrDelete(&error);
-        error = NewError(*proxy, nmscNoConnection, false);
+        error = newError(*proxy, nmscNoConnection, false);
     }
     return error;
 }
@@ -324,8 +324,8 @@ capi_nmsError* nmsServRegister(capi_nmsServerProxy* proxy, const capi_nmsRecord*
 {
     // Processes are those of this machine.
     if (record->held.owner != 0 && !proxy->host.empty())
-        return NewError(*proxy, nmscNotAllowed, false);
-    return Request(*proxy, nmsRequestCode::enter, &record->held, nmsExchange::NoRest);
+        return newError(*proxy, nmscNotAllowed, false);
+    return perform(*proxy, nmsRequestCode::enter, &record->held, nmsExchange::NoRest);
 }
 
 capi_nmsError* nmsServQuery(capi_nmsServerProxy* proxy, const capi_nmsRecord* pattern,
@@ -337,7 +337,7 @@ capi_nmsError* nmsServQuery(capi_nmsServerProxy* proxy, const capi_nmsRecord* pa
     if (count != nullptr)
         *count = 0;
     capi_nmsError* const error =
-        Request(*proxy, nmsRequestCode::query, &pattern->held, [&](nmsExchange& exchange, int status) {
+        perform(*proxy, nmsRequestCode::query, &pattern->held, [&](nmsExchange& exchange, int status) {
             return status != nmscDone || exchange.ReadRecords(found);
         });
     if (error != nullptr)
@@ -357,7 +357,7 @@ capi_nmsError* nmsServRemove(capi_nmsServerProxy* proxy, const capi_nmsRecord* p
 {
     int removed = 0;
     capi_nmsError* const error =
-        Request(*proxy, nmsRequestCode::remove, &pattern->held,
+        perform(*proxy, nmsRequestCode::remove, &pattern->held,
                 [&](nmsExchange& exchange, int) { return exchange.ReadInt(removed); });
     if (count != nullptr)
         *count = removed;
@@ -367,13 +367,13 @@ capi_nmsError* nmsServRemove(capi_nmsServerProxy* proxy, const capi_nmsRecord* p
 capi_nmsError* nmsServShutdown(capi_nmsServerProxy* proxy)
 {
     if (!proxy->host.empty())
-        return NewError(*proxy, nmscNotAllowed, false);
-    return Request(*proxy, nmsRequestCode::shutdown, nullptr, nmsExchange::NoRest);
+        return newError(*proxy, nmscNotAllowed, false);
+    return perform(*proxy, nmsRequestCode::shutdown, nullptr, nmsExchange::NoRest);
 }
 
 capi_nmsError* nmsServVersion(capi_nmsServerProxy* proxy, capi_nmsRecord* answer)
 {
-    return Request(*proxy, nmsRequestCode::version, nullptr, [&](nmsExchange& exchange, int status) {
+    return perform(*proxy, nmsRequestCode::version, nullptr, [&](nmsExchange& exchange, int status) {
         return status != nmscDone || exchange.ReadRecord(answer->held);
     });
 }
@@ -396,5 +396,5 @@ void nmsErrPrint(const capi_nmsError* error)
 
 void nmsErrDelete(capi_nmsError** error)
 {
-    Delete(error);
+    destroy(error);
 }

@@ -16,14 +16,14 @@ namespace {
 constexpr const char* nameField = "_ServerName";
 
 // A field as one text. Neither a name nor a value contains a zero byte.
-std::string KeyOf(const std::pair<std::string, std::string>& field)
+std::string keyOf(const std::pair<std::string, std::string>& field)
 {
     return field.first + '\0' + field.second;
 }
 
 // The start time of a process, in the kernel's own units; empty when there is no such process, or it is a
 // zombie.
-std::string StartOf(std::uint32_t process)
+std::string startOf(std::uint32_t process)
 {
     const btkFd file = btkOpenFile(("/proc/" + std::to_string(process) + "/stat").c_str(), btkOpenRead);
     char text[1024];
@@ -58,7 +58,7 @@ struct Counted
     std::size_t counted = 0;
 };
 
-std::size_t HandlesToSpend()
+std::size_t handlesToSpend()
 {
     rlimit allowed = {};
     getrlimit(RLIMIT_NOFILE, &allowed);
@@ -68,7 +68,7 @@ std::size_t HandlesToSpend()
 } // namespace
 
 nmsTable::nmsTable(const nmsTableLimits& most)
-    : limits(most), watch(epoll_create1(EPOLL_CLOEXEC)), mostHandles(watch ? HandlesToSpend() : 0)
+    : limits(most), watch(epoll_create1(EPOLL_CLOEXEC)), mostHandles(watch ? handlesToSpend() : 0)
 {
 }
 
@@ -157,7 +157,7 @@ void nmsTable::Index(std::pair<const Id, Entry>& added, const nmsFields& record,
     }
     entry.places.reserve(record.fields.size());
     for (const auto& field : record.fields) {
-        entry.places.push_back(&*byField.try_emplace(KeyOf(field)).first);
+        entry.places.push_back(&*byField.try_emplace(keyOf(field)).first);
         std::set<Id>& ids = entry.places.back()->second;
         ids.insert(ids.end(), id);
     }
@@ -198,7 +198,7 @@ std::vector<nmsTable::Id> nmsTable::Match(const nmsFields& pattern)
     } else {
         std::vector<const Place*> wanted;
         for (const auto& field : pattern.fields) {
-            const auto place = byField.find(KeyOf(field));
+            const auto place = byField.find(keyOf(field));
             if (place == byField.end())
                 return {};
             wanted.push_back(&*place);
@@ -234,7 +234,7 @@ std::vector<nmsTable::Id> nmsTable::Match(const nmsFields& pattern)
 bool nmsTable::HasEnded(std::uint32_t id) const
 {
     const Owner& owner = owners.at(id);
-    return !owner.handle && StartOf(id) != owner.start;
+    return !owner.handle && startOf(id) != owner.start;
 }
 
 void nmsTable::DropDead()
@@ -264,7 +264,7 @@ nmscReturnCode nmsTable::Acquire(std::uint32_t id)
                    ? nmscDone
                    : Refuse("a process has as many records as it may");
 
-    std::string start = id > INT_MAX ? std::string() : StartOf(id);
+    std::string start = id > INT_MAX ? std::string() : startOf(id);
     if (start.empty())
         return nmscNotAllowed;
     Owner& owner = owners.try_emplace(id).first->second;
@@ -319,7 +319,7 @@ namespace {
 constexpr std::string_view savedMark = "qel name server 1\n";
 
 // Ids and start times of processes are valid until the machine restarts.
-std::string RunOfMachine()
+std::string runOfMachine()
 {
     const btkFd file = btkOpenFile("/proc/sys/kernel/random/boot_id", btkOpenRead);
     char text[64];
@@ -327,7 +327,7 @@ std::string RunOfMachine()
     return std::string(text, static_cast<std::size_t>(std::max<std::ptrdiff_t>(size, 0)));
 }
 
-void PutText(std::string& to, const std::string& text)
+void putText(std::string& to, const std::string& text)
 {
     nmsPutInt(to, static_cast<int>(text.size()));
     to += text;
@@ -375,11 +375,11 @@ private:
 std::string nmsTable::Save() const
 {
     std::string saved(savedMark);
-    PutText(saved, RunOfMachine());
+    putText(saved, runOfMachine());
     nmsPutInt(saved, static_cast<int>(entries.size()));
     for (const auto& [id, entry] : entries) {
-        PutText(saved, entry.owner == 0 ? std::string() : owners.at(entry.owner).start);
-        PutText(saved, entry.peer == nullptr ? std::string() : entry.peer->first);
+        putText(saved, entry.owner == 0 ? std::string() : owners.at(entry.owner).start);
+        putText(saved, entry.peer == nullptr ? std::string() : entry.peer->first);
         saved += *entry.encoded;
     }
     return saved;
@@ -389,13 +389,13 @@ bool nmsTable::Restore(std::string_view saved)
 {
     SavedReader reader(saved);
     const bool isMarked = reader.Take(savedMark.size()) == savedMark;
-    const bool isSameRun = reader.TakeText() == RunOfMachine();
+    const bool isSameRun = reader.TakeText() == runOfMachine();
     const unsigned count = reader.TakeInt();
     for (unsigned i = 0; isMarked && i < count && reader.IsSound(); ++i) {
         const std::string start = reader.TakeText();
         const std::string peer = reader.TakeText();
         nmsFields record = reader.TakeRecord();
-        if (reader.IsSound() && (record.owner == 0 || (isSameRun && StartOf(record.owner) == start)))
+        if (reader.IsSound() && (record.owner == 0 || (isSameRun && startOf(record.owner) == start)))
             Add(std::move(record), peer);
     }
     return isMarked && reader.IsAtEnd();
