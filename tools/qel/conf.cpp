@@ -31,7 +31,7 @@ struct Choices
     std::optional<double> limit; // in seconds; none: without limit
 };
 
-std::string Pressed(const std::string& key)
+std::string withoutBlanks(const std::string& key)
 {
     xstring pressed(key.c_str());
     StrPress(pressed);
@@ -39,7 +39,7 @@ std::string Pressed(const std::string& key)
 }
 
 /// " by process 4711 (editor)", and so on; nothing when the process is unknown.
-std::string HoldersOf(const std::string& path)
+std::string holdersOf(const std::string& path)
 {
     std::string text;
     const xrchandle<xintsequence> holders = hmxConfigFile::GetHolders(PathOf(path).c_str());
@@ -54,18 +54,18 @@ std::string HoldersOf(const std::string& path)
     return text;
 }
 
-[[noreturn]] void FailToOpen(const std::string& path)
+[[noreturn]] void failToOpen(const std::string& path)
 {
     if (GetLastError() == ERROR_ACCESS_DENIED && fshIsDirectory(PathOf(path).c_str()) == 1)
         Fail(Exit::no, path, "is a directory");
     if (GetLastError() == ERROR_LOCK_VIOLATION)
-        Fail(Exit::peer, path, "is in use" + HoldersOf(path));
+        Fail(Exit::peer, path, "is in use" + holdersOf(path));
     FailForLastError(path);
 }
 
 /// Calls `open` with the seconds that it may wait for the lock. After one second, reports the holders of the
 /// file. False when it cannot be opened.
-bool OpenInTurn(const std::string& path, const Choices& choices, const std::function<bool(double)>& open)
+bool openInTurn(const std::string& path, const Choices& choices, const std::function<bool(double)>& open)
 {
     constexpr double patience = 1, longest = 1e9;
     const double limit = choices.limit.value_or(longest);
@@ -73,57 +73,57 @@ bool OpenInTurn(const std::string& path, const Choices& choices, const std::func
         return true;
     if (GetLastError() != ERROR_LOCK_VIOLATION || limit <= patience)
         return false;
-    std::cerr << Printable(path) << " is in use" << HoldersOf(path) << "; waiting" << std::endl;
+    std::cerr << Printable(path) << " is in use" << holdersOf(path) << "; waiting" << std::endl;
     return open(limit - patience);
 }
 
-void Open(hmxConfigFile& file, const Choices& choices, hmxConfigFile::OpenMode mode)
+void openFile(hmxConfigFile& file, const Choices& choices, hmxConfigFile::OpenMode mode)
 {
-    if (!OpenInTurn(choices.file, choices,
+    if (!openInTurn(choices.file, choices,
                     [&](double limit) { return file.Open(PathOf(choices.file).c_str(), mode, limit); }))
-        FailToOpen(choices.file);
+        failToOpen(choices.file);
 }
 
-bool Check(const std::string& path, const Choices& choices, hmxConfigOddityHandler& handler)
+bool runCheck(const std::string& path, const Choices& choices, hmxConfigOddityHandler& handler)
 {
-    return OpenInTurn(path, choices, [&](double limit) {
+    return openInTurn(path, choices, [&](double limit) {
         return hmxConfigFile::Check(PathOf(path).c_str(), handler, limit);
     });
 }
 
-void Close(hmxConfigFile& file, const std::string& path)
+void closeFile(hmxConfigFile& file, const std::string& path)
 {
     if (!file.CloseChecked())
         Fail(Exit::peer, path, "not changed: " + LastErrorText());
 }
 
-Json ValueOf(const hmxConfigFile& file, const char* key)
+Json valueOf(const hmxConfigFile& file, const char* key)
 {
     const xstring value = file.GetValue(key);
     return value == nullptr ? Json() : Json(value.CastToCString());
 }
 
 /// All entries in the order of their lines.
-Json EntriesOf(const hmxConfigFile& file)
+Json entriesOf(const hmxConfigFile& file)
 {
     Json entries = Json::object();
     const xrchandle<xstringsequence> keys = file.GetKeys();
     for (int i = 0; i < keys->getarraysize(); ++i) {
         const xstring key = keys->get(i);
-        entries[key.CastToCString()] = ValueOf(file, key.CastToCString());
+        entries[key.CastToCString()] = valueOf(file, key.CastToCString());
     }
     return entries;
 }
 
 /// Unchanged for another program; without control characters for a terminal.
-std::string Exactly(const std::string& text)
+std::string exactly(const std::string& text)
 {
     return btkIsTerminal(1) ? Printable(text) : text;
 }
 
-std::string TextOf(const Json& value)
+std::string textOf(const Json& value)
 {
-    return value.is_null() ? std::string() : Exactly(value.get<std::string>());
+    return value.is_null() ? std::string() : exactly(value.get<std::string>());
 }
 
 // ---- lines that are not kept
@@ -175,14 +175,14 @@ public:
 
 /// Ends the program when writing the file back would drop remarks, which a person may have put there. False
 /// when there is no such file.
-bool KeepsRemarks(const Choices& choices)
+bool keepsRemarks(const Choices& choices)
 {
     const std::string& path = choices.file;
     Findings findings;
-    if (!Check(path, choices, findings)) {
+    if (!runCheck(path, choices, findings)) {
         if (GetLastError() == ERROR_FILE_NOT_FOUND)
             return false;
-        FailToOpen(path);
+        failToOpen(path);
     }
     std::vector<long long> lines;
     for (const Finding& finding : findings.all)
@@ -199,63 +199,63 @@ bool KeepsRemarks(const Choices& choices)
 
 // ---- the commands
 
-void Get(const Choices& choices)
+void runGet(const Choices& choices)
 {
     hmxConfigFile file;
-    Open(file, choices, hmxConfigFile::ReadOnly);
-    Json value = ValueOf(file, choices.key.c_str());
-    if (value.is_null() && !EntriesOf(file).contains(Pressed(choices.key))) {
+    openFile(file, choices, hmxConfigFile::ReadOnly);
+    Json value = valueOf(file, choices.key.c_str());
+    if (value.is_null() && !entriesOf(file).contains(withoutBlanks(choices.key))) {
         if (!choices.fallback)
             Fail(Exit::no, choices.file, "no key \"" + choices.key + '"');
         value = *choices.fallback;
     }
-    Show(value, [](const Json& found) { return TextOf(found) + '\n'; });
+    Show(value, [](const Json& found) { return textOf(found) + '\n'; });
 }
 
-void Set(const Choices& choices)
+void runSet(const Choices& choices)
 {
-    const std::string key = Pressed(choices.key);
+    const std::string key = withoutBlanks(choices.key);
     if (key.empty())
         Fail(Exit::usage, "key", "nothing is left of it without its blanks");
     if (key.find(':') != std::string::npos)
         Fail(Exit::usage, choices.key, "the first colon would end the key");
     if (key.find('\n') != std::string::npos || choices.value.find('\n') != std::string::npos)
         Fail(Exit::usage, choices.key, "a line end would begin another entry");
-    KeepsRemarks(choices);
+    keepsRemarks(choices);
     hmxConfigFile file;
-    Open(file, choices, hmxConfigFile::ReadWrite);
+    openFile(file, choices, hmxConfigFile::ReadWrite);
     file.SetValue(key.c_str(), choices.value.c_str());
-    Close(file, choices.file);
+    closeFile(file, choices.file);
 }
 
-void Delete(const Choices& choices)
+void runDelete(const Choices& choices)
 {
     hmxConfigFile file;
-    if (!KeepsRemarks(choices))
-        FailToOpen(choices.file);
-    Open(file, choices, hmxConfigFile::ReadWrite);
-    const Json entries = EntriesOf(file);
+    if (!keepsRemarks(choices))
+        failToOpen(choices.file);
+    openFile(file, choices, hmxConfigFile::ReadWrite);
+    const Json entries = entriesOf(file);
     for (const std::string& key : choices.keys)
-        if (!entries.contains(Pressed(key)))
+        if (!entries.contains(withoutBlanks(key)))
             Fail(Exit::no, choices.file, "no key \"" + key + '"');
     for (const std::string& key : choices.keys)
         file.DeleteValue(key.c_str());
-    Close(file, choices.file);
+    closeFile(file, choices.file);
 }
 
-void List(const Choices& choices)
+void runList(const Choices& choices)
 {
     hmxConfigFile file;
-    Open(file, choices, hmxConfigFile::ReadOnly);
-    Show(EntriesOf(file), [](const Json& entries) {
+    openFile(file, choices, hmxConfigFile::ReadOnly);
+    Show(entriesOf(file), [](const Json& entries) {
         std::string lines;
         for (const auto& [key, value] : entries.items())
-            lines.append(Exactly(key)).append(1, ':').append(TextOf(value)).append(1, '\n');
+            lines.append(exactly(key)).append(1, ':').append(textOf(value)).append(1, '\n');
         return lines;
     });
 }
 
-std::string FindingLines(const Json& findings)
+std::string findingLines(const Json& findings)
 {
     std::string lines;
     for (const Json& finding : findings) {
@@ -274,13 +274,13 @@ std::string FindingLines(const Json& findings)
     return lines;
 }
 
-void Lint(const Choices& choices)
+void runLint(const Choices& choices)
 {
     Json all = Json::array();
     for (const std::string& path : choices.files) {
         Findings findings;
-        if (!Check(path, choices, findings))
-            FailToOpen(path);
+        if (!runCheck(path, choices, findings))
+            failToOpen(path);
         for (const Finding& finding : findings.all)
             all.push_back({{"file", path},
                            {"line", finding.line},
@@ -288,37 +288,37 @@ void Lint(const Choices& choices)
                            {"why", finding.Why()},
                            {"text", finding.text}});
     }
-    Show(all, &FindingLines);
+    Show(all, &findingLines);
     if (!all.empty())
         AnswerNo();
 }
 
 /// The keys of the file named earlier on the command line.
-std::vector<std::string> KnownKeys(const Typed& typed)
+std::vector<std::string> knownKeys(const Typed& typed)
 {
     hmxConfigFile file;
     std::vector<std::string> known;
     if (typed.arguments.empty() || !file.Open(typed.arguments.front().c_str(), hmxConfigFile::ReadOnly, 0))
         return known;
-    const Json entries = EntriesOf(file);
+    const Json entries = entriesOf(file);
     for (const auto& [key, value] : entries.items())
         known.push_back(key);
     return known;
 }
 
-void AddFile(CLI::App& command, std::string& file)
+void addFile(CLI::App& command, std::string& file)
 {
     command.add_option("file", file, "The configuration file")->type_name("FILE")->required();
 }
 
-void AddLimit(CLI::App& command, std::optional<double>& limit)
+void addLimit(CLI::App& command, std::optional<double>& limit)
 {
     command.add_option("--limit", limit, "Time to wait for others who have the file open (no limit)")
         ->type_name("SECONDS")
         ->check(CLI::NonNegativeNumber);
 }
 
-void AddDrop(CLI::App& command, bool& drop)
+void addDrop(CLI::App& command, bool& drop)
 {
     command.add_flag("--drop", drop, "Go on when that drops lines that are no entries");
 }
@@ -337,48 +337,48 @@ void AddConfigCommands(CLI::App& program)
     const auto choices = std::make_shared<Choices>();
 
     CLI::App& get = AddCommand(group, "get", "Print the value of a key; the answer is no when it has none",
-                               [choices] { Get(*choices); });
-    AddFile(get, choices->file);
-    AddLimit(get, choices->limit);
+                               [choices] { runGet(*choices); });
+    addFile(get, choices->file);
+    addLimit(get, choices->limit);
     Offer(*get.add_option("key", choices->key, "The key; blanks in it do not count")
                ->type_name("KEY")
                ->required(),
-          &KnownKeys);
+          &knownKeys);
     get.add_option("--default", choices->fallback, "What to print when there is no such key")
         ->type_name("VALUE");
     OfferJson(get);
 
     CLI::App& set = AddCommand(group, "set", "Change a value or add an entry; a missing file is created",
-                               [choices] { Set(*choices); });
-    AddFile(set, choices->file);
-    AddLimit(set, choices->limit);
+                               [choices] { runSet(*choices); });
+    addFile(set, choices->file);
+    addLimit(set, choices->limit);
     Offer(*set.add_option("key", choices->key, "The key; blanks in it are left out")
                ->type_name("KEY")
                ->required(),
-          &KnownKeys);
+          &knownKeys);
     set.add_option("value", choices->value, "The value, of one line")->type_name("VALUE")->required();
-    AddDrop(set, choices->drop);
+    addDrop(set, choices->drop);
 
     CLI::App& remove = AddCommand(group, "delete", "Remove entries; nothing is changed when one is missing",
-                                  [choices] { Delete(*choices); });
-    AddFile(remove, choices->file);
-    AddLimit(remove, choices->limit);
+                                  [choices] { runDelete(*choices); });
+    addFile(remove, choices->file);
+    addLimit(remove, choices->limit);
     Offer(*remove.add_option("key", choices->keys, "The keys; blanks in them do not count")
                ->type_name("KEY")
                ->required(),
-          &KnownKeys);
-    AddDrop(remove, choices->drop);
+          &knownKeys);
+    addDrop(remove, choices->drop);
 
     CLI::App& list = AddCommand(group, "list", "Print all entries, as KEY:VALUE, in the order of their lines",
-                                [choices] { List(*choices); });
-    AddFile(list, choices->file);
-    AddLimit(list, choices->limit);
+                                [choices] { runList(*choices); });
+    addFile(list, choices->file);
+    addLimit(list, choices->limit);
     OfferJson(list);
 
     CLI::App& lint =
         AddCommand(group, "lint", "Name the lines that a program drops or changes when it writes the file",
-                   [choices] { Lint(*choices); });
+                   [choices] { runLint(*choices); });
     lint.add_option("file", choices->files, "The configuration files")->type_name("FILE")->required();
-    AddLimit(lint, choices->limit);
+    addLimit(lint, choices->limit);
     OfferJson(lint);
 }

@@ -19,7 +19,7 @@ constexpr unsigned answers[] = {
 
 bool isNative = false;
 
-Exit StatusOf(unsigned error)
+Exit statusOf(unsigned error)
 {
     return std::find(std::begin(answers), std::end(answers), error) != std::end(answers) ? Exit::no
                                                                                          : Exit::peer;
@@ -39,7 +39,7 @@ std::string LastErrorText()
 
 void FailForLastError(const std::string& what)
 {
-    Fail(StatusOf(GetLastError()), what, LastErrorText());
+    Fail(statusOf(GetLastError()), what, LastErrorText());
 }
 
 CommandFailed FileFailureOf(xthrowable* caught)

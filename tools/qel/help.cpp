@@ -11,7 +11,7 @@ namespace {
 constexpr std::size_t lineWidth = 79;
 
 // `text` in lines that begin at the column `from`, the first of them after `before`.
-std::string Wrapped(const std::string& before, std::size_t from, const std::string& text)
+std::string wrapped(const std::string& before, std::size_t from, const std::string& text)
 {
     std::string all = before;
     std::size_t column = before.size();
@@ -43,7 +43,7 @@ struct Row
     std::string text;
 };
 
-std::string Section(const char* title, const std::vector<Row>& rows)
+std::string section(const char* title, const std::vector<Row>& rows)
 {
     if (rows.empty())
         return {};
@@ -53,7 +53,7 @@ std::string Section(const char* title, const std::vector<Row>& rows)
     const std::size_t from = std::min<std::size_t>(widest + 4, 28);
     std::string text = std::string("\n") + title + ":\n";
     for (const Row& row : rows)
-        text += Wrapped("  " + row.term, from, row.text);
+        text += wrapped("  " + row.term, from, row.text);
     return text;
 }
 
@@ -124,13 +124,13 @@ std::string HelpText(const CLI::App& command, const std::string& name)
     if (!commands.empty())
         usage += " COMMAND";
 
-    std::string text = Wrapped("", 0, command.get_description());
+    std::string text = wrapped("", 0, command.get_description());
     text += '\n' + usage + '\n';
-    text += Section("Commands", commands) + Section("Arguments", arguments) + Section("Options", options);
+    text += section("Commands", commands) + section("Arguments", arguments) + section("Options", options);
     const std::vector<ExampleText> examples = ExamplesOf(command);
     if (!examples.empty())
         text += "\nExamples:\n";
     for (const auto& [line, says] : examples)
-        text += "  " + line + '\n' + Wrapped("", 6, says);
+        text += "  " + line + '\n' + wrapped("", 6, says);
     return text;
 }

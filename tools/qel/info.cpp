@@ -14,17 +14,17 @@
 
 namespace {
 
-Json Text(const xstring& text)
+Json textOf(const xstring& text)
 {
     return text == nullptr ? Json() : Json(text.CastToCString());
 }
 
-Json Environment()
+Json environment()
 {
     Json set = Json::object();
     const auto add = [&set](const std::string& name) {
         if (const xstring value = sysGetEnv(name.c_str()); !(value == nullptr))
-            set[name] = Text(value);
+            set[name] = textOf(value);
     };
     for (const VariableHelp& variable : environmentHelp)
         add(variable.name);
@@ -35,7 +35,7 @@ Json Environment()
     return set;
 }
 
-Json Everything()
+Json describeAll()
 {
     const nmsServerOptions names;
     Json all;
@@ -43,25 +43,25 @@ Json Everything()
     all["build"] = {{"compiler", __VERSION__},
                     {"type", QEL_BUILD_TYPE},
                     {"bits", std::numeric_limits<std::size_t>::digits}};
-    all["machine"] = {{"name", Text(sysGetCurHostName())},
-                      {"platform", Text(sysGetPlatform())},
-                      {"system", Text(sysGetOSType())},
-                      {"user", Text(sysGetCurUserName())}};
+    all["machine"] = {{"name", textOf(sysGetCurHostName())},
+                      {"platform", textOf(sysGetPlatform())},
+                      {"system", textOf(sysGetOSType())},
+                      {"user", textOf(sysGetCurUserName())}};
     const xstring drive = sysGetEnv("QELSTD_DRIVE_C");
-    all["paths"] = {{"current directory", Text(fsGetCurDir())},
-                    {"drive C", drive == nullptr ? Json("/") : Text(drive)}};
-    all["registry"] = {{"of the system", Text(hmxRegistry::System().getFolder())},
-                       {"of the user", Text(hmxRegistry::User().getFolder())}};
+    all["paths"] = {{"current directory", textOf(fsGetCurDir())},
+                    {"drive C", drive == nullptr ? Json("/") : textOf(drive)}};
+    all["registry"] = {{"of the system", textOf(hmxRegistry::System().getFolder())},
+                       {"of the user", textOf(hmxRegistry::User().getFolder())}};
     all["name server"] = {{"port", nmsFindPort()}, {"answer limit in s", nmsGetAnswerLimit().ToSeconds()}};
     all["limits"] = {{"records of a name server", names.table.records},
                      {"records of a process", names.table.recordsOfOwner},
                      {"waiting clients", names.waiting}};
-    all["environment"] = Environment();
+    all["environment"] = environment();
     return all;
 }
 
 // A heading for each member, and a line for each of its members.
-std::string Lines(const Json& everything)
+std::string linesOf(const Json& everything)
 {
     std::string lines;
     for (const auto& [name, value] : everything.items()) {
@@ -83,7 +83,7 @@ void AddInfoCommand(CLI::App& program)
 {
     CLI::App& info =
         AddCommand(program, "info", "Print the version, the limits, and the settings from the environment",
-                   [] { Show(Everything(), &Lines); });
+                   [] { Show(describeAll(), &linesOf); });
     info.footer("qel info --json\tFor a bug report.\n");
     OfferJson(info);
 }

@@ -16,7 +16,7 @@ namespace {
 // ---- mdoc
 
 // Text in short lines, none of which begins like a request; backslashes are escaped.
-std::string TextLine(const std::string& text)
+std::string textLine(const std::string& text)
 {
     std::string lines;
     std::string line;
@@ -38,7 +38,7 @@ std::string TextLine(const std::string& text)
 }
 
 // An argument of a macro.
-std::string Argument(const std::string& text)
+std::string argument(const std::string& text)
 {
     std::string quoted = "\"";
     for (const char c : text)
@@ -47,10 +47,10 @@ std::string Argument(const std::string& text)
 }
 
 // "-h, --help", "--port PORT" or "[FILE ...]" as macros.
-std::string Term(const std::string& term)
+std::string termLine(const std::string& term)
 {
     if (term.starts_with('['))
-        return "Op " + Term(term.substr(1, term.size() - 2));
+        return "Op " + termLine(term.substr(1, term.size() - 2));
     std::string macros;
     std::istringstream words(term);
     for (std::string word; words >> word;) {
@@ -59,24 +59,24 @@ std::string Term(const std::string& term)
         if (more)
             word.pop_back();
         macros += (macros.empty() ? "" : " ") +
-                  (isFlag ? "Fl " + Argument(word.substr(1)) : "Ar " + Argument(word)) + (more ? " ," : "");
+                  (isFlag ? "Fl " + argument(word.substr(1)) : "Ar " + argument(word)) + (more ? " ," : "");
     }
     return macros;
 }
 
-std::string List(const std::vector<std::pair<std::string, std::string>>& rows)
+std::string listOf(const std::vector<std::pair<std::string, std::string>>& rows)
 {
     if (rows.empty())
         return {};
     std::string list = ".Bl -tag -width Ds\n";
     for (const auto& [term, text] : rows)
-        list += ".It " + term + '\n' + TextLine(text);
+        list += ".It " + term + '\n' + textLine(text);
     return list + ".El\n";
 }
 
 // ---- sections
 
-std::string Arguments(const CLI::App& command)
+std::string arguments(const CLI::App& command)
 {
     const bool isProgram = command.get_parent() == nullptr; // only its page describes --help
     std::vector<std::pair<std::string, std::string>> rows;
@@ -84,43 +84,43 @@ std::string Arguments(const CLI::App& command)
         for (const CLI::Option* const option : command.get_options())
             if (option->get_positional() == positional && (isProgram || option != command.get_help_ptr())) {
                 const auto [term, text] = HelpOf(*option);
-                rows.emplace_back(Term(term), text + '.');
+                rows.emplace_back(termLine(term), text + '.');
             }
-    return List(rows);
+    return listOf(rows);
 }
 
-std::string Synopsis(const CLI::App& command, const std::string& words)
+std::string synopsis(const CLI::App& command, const std::string& words)
 {
     std::string line = ".Nm " + words + "\n.Op Ar OPTION ...\n";
     for (const CLI::Option* const option : command.get_options())
         if (option->get_positional())
-            line += "." + Term(HelpOf(*option).term) + '\n';
+            line += "." + termLine(HelpOf(*option).term) + '\n';
     return line;
 }
 
-std::string Examples(const CLI::App& command)
+std::string exampleLines(const CLI::App& command)
 {
     const std::vector<ExampleText> examples = ExamplesOf(command);
     if (examples.empty())
         return {};
     std::string section = ".Sh EXAMPLES\n";
     for (const auto& [line, says] : examples)
-        section += TextLine(says) + ".Pp\n.Dl " + Argument(line) + "\n.Pp\n";
+        section += textLine(says) + ".Pp\n.Dl " + argument(line) + "\n.Pp\n";
     return section.substr(0, section.size() - 4); // no paragraph at the end
 }
 
-std::vector<const CLI::App*> Shown(const CLI::App& command)
+std::vector<const CLI::App*> shown(const CLI::App& command)
 {
     return command.get_subcommands([](const CLI::App* sub) { return !sub->get_group().empty(); });
 }
 
 // The other pages.
-std::string SeeAlso(const CLI::App& program, const CLI::App* without)
+std::string seeAlso(const CLI::App& program, const CLI::App* without)
 {
     std::set<std::string> pages;
     if (without != nullptr)
         pages.insert("qel");
-    for (const CLI::App* const command : Shown(program))
+    for (const CLI::App* const command : shown(program))
         if (command != without)
             pages.insert("qel-" + command->get_name());
     std::string section;
@@ -144,7 +144,7 @@ Another program did not answer, or input or output failed.
 What went wrong is one line on the standard error output.
 )";
 
-std::string Head(const std::string& page, const std::string& does)
+std::string headOf(const std::string& page, const std::string& does)
 {
     std::string title = page;
     for (char& c : title)
@@ -155,42 +155,42 @@ std::string Head(const std::string& page, const std::string& does)
 
 // ---- pages
 
-std::string ProgramPage(const CLI::App& program)
+std::string programPage(const CLI::App& program)
 {
-    std::string page = Head("qel", "runs and queries the parts of a distributed system");
+    std::string page = headOf("qel", "runs and queries the parts of a distributed system");
     page += ".Sh SYNOPSIS\n.Nm qel\n.Op Ar OPTION ...\n.Ar GROUP\n.Ar COMMAND\n.Op Ar ARGUMENT ...\n";
     page += ".Sh DESCRIPTION\nEach command, or group of commands, has a page of its own, such as\n"
             ".Xr qel-ns 1 :\n";
     std::vector<std::pair<std::string, std::string>> rows;
-    for (const CLI::App* const group : Shown(program))
+    for (const CLI::App* const group : shown(program))
         rows.emplace_back("Cm " + group->get_name(), SummaryOf(*group) + '.');
-    page += List(rows) + ".Pp\nThe options:\n" + Arguments(program);
+    page += listOf(rows) + ".Pp\nThe options:\n" + arguments(program);
     page += ".Pp\nWhat a program may read is written as JSON with the option\n.Fl -json .\n";
     page += ".Sh ENVIRONMENT\n";
     rows.clear();
     for (const auto& [name, says] : environmentHelp)
         rows.emplace_back(std::string("Ev ") + name, std::string(says) + '.');
-    return page + List(rows) + exitStatus + Examples(program) + SeeAlso(program, nullptr);
+    return page + listOf(rows) + exitStatus + exampleLines(program) + seeAlso(program, nullptr);
 }
 
 // The page of a command of the program, or of a group of commands.
-std::string CommandPage(const CLI::App& program, const CLI::App& top)
+std::string commandPage(const CLI::App& program, const CLI::App& top)
 {
     std::string does = SummaryOf(top);
-    if (does.compare(0, 2, "A ") == 0 || does.compare(0, 4, "The ") == 0 || Shown(top).empty())
+    if (does.compare(0, 2, "A ") == 0 || does.compare(0, 4, "The ") == 0 || shown(top).empty())
         does[0] = static_cast<char>(does[0] - 'A' + 'a');
-    std::string page = Head("qel-" + top.get_name(), does) + ".Sh SYNOPSIS\n";
+    std::string page = headOf("qel-" + top.get_name(), does) + ".Sh SYNOPSIS\n";
     std::string commands;
-    for (const CLI::App* const command : Shown(top)) {
+    for (const CLI::App* const command : shown(top)) {
         const std::string words = "qel " + top.get_name() + ' ' + command->get_name();
-        page += Synopsis(*command, words);
-        commands += ".Ss " + words + '\n' + TextLine(command->get_description() + '.') + Arguments(*command);
+        page += synopsis(*command, words);
+        commands += ".Ss " + words + '\n' + textLine(command->get_description() + '.') + arguments(*command);
     }
     if (commands.empty()) {
-        page += Synopsis(top, "qel " + top.get_name());
-        commands = TextLine(top.get_description() + '.') + Arguments(top);
+        page += synopsis(top, "qel " + top.get_name());
+        commands = textLine(top.get_description() + '.') + arguments(top);
     }
-    return page + ".Sh DESCRIPTION\n" + commands + exitStatus + Examples(top) + SeeAlso(program, &top);
+    return page + ".Sh DESCRIPTION\n" + commands + exitStatus + exampleLines(top) + seeAlso(program, &top);
 }
 
 struct Choices
@@ -199,7 +199,7 @@ struct Choices
     std::string directory;
 };
 
-void Write(const std::filesystem::path& file, const std::string& page)
+void writePage(const std::filesystem::path& file, const std::string& page)
 {
     std::ofstream stream(file);
     stream << page;
@@ -207,21 +207,21 @@ void Write(const std::filesystem::path& file, const std::string& page)
         Fail(Exit::peer, file.string(), "cannot be written");
 }
 
-void Man(const CLI::App& program, const Choices& choices)
+void runMan(const CLI::App& program, const Choices& choices)
 {
     if (!choices.directory.empty()) {
         const std::filesystem::path directory(choices.directory);
         std::filesystem::create_directories(directory);
-        Write(directory / "qel.1", ProgramPage(program));
-        for (const CLI::App* const command : Shown(program))
-            Write(directory / ("qel-" + command->get_name() + ".1"), CommandPage(program, *command));
+        writePage(directory / "qel.1", programPage(program));
+        for (const CLI::App* const command : shown(program))
+            writePage(directory / ("qel-" + command->get_name() + ".1"), commandPage(program, *command));
     } else if (choices.command.empty()) {
-        std::cout << ProgramPage(program);
+        std::cout << programPage(program);
     } else {
         const CLI::App* const command = FindCommand(program, choices.command);
         if (command == nullptr)
             Fail(Exit::no, choices.command, "no such command");
-        std::cout << CommandPage(program, *command);
+        std::cout << commandPage(program, *command);
     }
 }
 
@@ -231,7 +231,7 @@ void AddManCommand(CLI::App& program)
 {
     const auto choices = std::make_shared<Choices>();
     CLI::App& man = AddCommand(program, "man", "Write a manual page for mandoc or man",
-                               [&program, choices] { Man(program, *choices); });
+                               [&program, choices] { runMan(program, *choices); });
     man.group(""); // for packagers: hidden from the help
     man.add_option("command", choices->command,
                    "The command or group of commands to describe (default: the program)")

@@ -18,38 +18,38 @@ constexpr std::size_t lineWidth = 79;
 constexpr std::chrono::milliseconds patience(500), interval(100);
 
 template<class... Values>
-std::string Formatted(const char* format, Values... values)
+std::string formatted(const char* format, Values... values)
 {
     std::array<char, 100> text{};
     std::snprintf(text.data(), text.size(), format, values...);
     return text.data();
 }
 
-std::size_t WidthOf(std::string_view text)
+std::size_t widthOf(std::string_view text)
 {
     return static_cast<std::size_t>(
         std::count_if(text.begin(), text.end(), [](unsigned char c) { return (c & 0xC0U) != 0x80U; }));
 }
 
 /// The end of a text, in at most `width` characters.
-std::string EndOf(std::string text, std::size_t width)
+std::string endOf(std::string text, std::size_t width)
 {
-    if (WidthOf(text) <= width)
+    if (widthOf(text) <= width)
         return text;
     const auto isInside = [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U; };
-    while (!text.empty() && WidthOf(text) + 3 > width)
+    while (!text.empty() && widthOf(text) + 3 > width)
         text.erase(0, static_cast<std::size_t>(std::find_if_not(text.begin() + 1, text.end(), isInside) -
                                                text.begin()));
     return "..." + text;
 }
 
-std::string DurationText(double seconds)
+std::string durationText(double seconds)
 {
     const auto whole = static_cast<long long>(std::min(seconds, 359999.0));
     const auto part = [](long long number) { return static_cast<int>(number); };
     if (whole >= 3600)
-        return Formatted("%d:%02d:%02d", part(whole / 3600), part(whole / 60 % 60), part(whole % 60));
-    return Formatted("%d:%02d", part(whole / 60), part(whole % 60));
+        return formatted("%d:%02d:%02d", part(whole / 3600), part(whole / 60 % 60), part(whole % 60));
+    return formatted("%d:%02d", part(whole / 60), part(whole % 60));
 }
 
 } // namespace
@@ -60,7 +60,7 @@ std::string SizeText(double bytes)
     std::size_t unit = 0;
     for (; bytes >= 999.5 && unit + 1 < std::size(units); ++unit)
         bytes /= 1000;
-    return Formatted(unit == 0 || bytes >= 99.95 ? "%.0f %s"
+    return formatted(unit == 0 || bytes >= 99.95 ? "%.0f %s"
                      : bytes >= 9.995            ? "%.1f %s"
                                                  : "%.2f %s",
                      bytes, units[unit]);
@@ -96,8 +96,8 @@ void ProgressLine::ShowCount(const std::string& what, double count)
     double seconds;
     if (!isTime(seconds))
         return;
-    const std::string line = Formatted("%.0f  %.0f/s  ", count, count / seconds);
-    write(line + EndOf(Printable(what), lineWidth - line.size()));
+    const std::string line = formatted("%.0f  %.0f/s  ", count, count / seconds);
+    write(line + endOf(Printable(what), lineWidth - line.size()));
 }
 
 std::string ProgressLine::Text(const std::string& what, double done, double total, double seconds)
@@ -105,20 +105,20 @@ std::string ProgressLine::Text(const std::string& what, double done, double tota
     const double rate = seconds > 0 ? done / seconds : 0;
     std::string line;
     if (total > 0)
-        line += Formatted("%3.0f%%  ", std::floor(100 * std::min(done / total, 1.0)));
+        line += formatted("%3.0f%%  ", std::floor(100 * std::min(done / total, 1.0)));
     line += SizeText(done);
     if (total > 0)
         line += " of " + SizeText(std::max(total, done));
     line += "  " + SizeText(rate) + "/s";
     if (total > done && rate > 0)
-        line += "  " + DurationText((total - done) / rate) + " left";
+        line += "  " + durationText((total - done) / rate) + " left";
     line += "  ";
-    return line + EndOf(Printable(what), lineWidth - std::min(lineWidth, WidthOf(line)));
+    return line + endOf(Printable(what), lineWidth - std::min(lineWidth, widthOf(line)));
 }
 
 void ProgressLine::write(const std::string& line)
 {
-    const std::size_t shown = WidthOf(line);
+    const std::size_t shown = widthOf(line);
     if (shown == 0 && width == 0)
         return;
     std::cerr << '\r' << line << std::string(width - std::min(width, shown), ' ') << (shown == 0 ? "\r" : "")

@@ -29,12 +29,12 @@ struct Choices
 constexpr std::string_view rightsKey = "software\\vrx\\"; // compared in lower case; the server's name follows
 constexpr const char* rightsValue = "connectionallowed";
 
-hmxRegistryKey& RootOf(const Choices& choices)
+hmxRegistryKey& rootOf(const Choices& choices)
 {
     return (choices.system ? hmxRegistry::System() : hmxRegistry::User()).root;
 }
 
-std::string Lower(std::string text)
+std::string lower(std::string text)
 {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
@@ -42,16 +42,16 @@ std::string Lower(std::string text)
 }
 
 /// The root itself is written as "\", or left out.
-bool IsRoot(const std::string& key)
+bool isRoot(const std::string& key)
 {
     return key.empty() || key == "\\";
 }
 
 /// Ends the program for arguments that are not valid names of a key or value. `sets`: the value is to be set.
-void CheckNames(const Choices& choices, bool sets)
+void checkNames(const Choices& choices, bool sets)
 {
-    const hmxRegistryKey& root = RootOf(choices);
-    const bool isOfRights = Lower(choices.key).starts_with(rightsKey) && Lower(choices.name) == rightsValue;
+    const hmxRegistryKey& root = rootOf(choices);
+    const bool isOfRights = lower(choices.key).starts_with(rightsKey) && lower(choices.name) == rightsValue;
     const std::string server = isOfRights ? choices.key.substr(rightsKey.size()) : std::string();
     if (sets && isOfRights && !IsConnectionRestrictable(server.c_str()))
         Fail(Exit::usage, server,
@@ -63,10 +63,10 @@ void CheckNames(const Choices& choices, bool sets)
 }
 
 /// The key chosen by the options, which must exist.
-hmxRegistryKey Opened(const Choices& choices)
+hmxRegistryKey openedKey(const Choices& choices)
 {
-    hmxRegistryKey key = RootOf(choices);
-    if (IsRoot(choices.key) || key.Open(key, choices.key.c_str()))
+    hmxRegistryKey key = rootOf(choices);
+    if (isRoot(choices.key) || key.Open(key, choices.key.c_str()))
         return key;
     if (GetLastError() == ERROR_FILE_NOT_FOUND)
         Fail(Exit::no, choices.key, "no such key");
@@ -74,21 +74,21 @@ hmxRegistryKey Opened(const Choices& choices)
 }
 
 /// The name of a value in a failure report.
-std::string NameOf(const Choices& choices)
+std::string nameOf(const Choices& choices)
 {
     const std::string name = choices.name.empty() ? "(the value without a name)" : choices.name;
-    return IsRoot(choices.key) ? name : choices.key + ", " + name;
+    return isRoot(choices.key) ? name : choices.key + ", " + name;
 }
 
-[[noreturn]] void FailForValue(const Choices& choices)
+[[noreturn]] void failForValue(const Choices& choices)
 {
     if (GetLastError() == ERROR_FILE_NOT_FOUND)
-        Fail(Exit::no, NameOf(choices), "no such value");
-    FailForLastError(NameOf(choices));
+        Fail(Exit::no, nameOf(choices), "no such value");
+    FailForLastError(nameOf(choices));
 }
 
 /// The names in a list.
-std::vector<std::string> NamesIn(const xrchandle<xstringsequence>& list, const std::string& key)
+std::vector<std::string> namesIn(const xrchandle<xstringsequence>& list, const std::string& key)
 {
     if (!list)
         FailForLastError(key);
@@ -102,79 +102,79 @@ std::vector<std::string> NamesIn(const xrchandle<xstringsequence>& list, const s
 
 constexpr std::size_t mostOffered = 1000;
 
-void AddKeysBelow(const hmxRegistryKey& key, const std::string& path, std::vector<std::string>& paths)
+void addKeysBelow(const hmxRegistryKey& key, const std::string& path, std::vector<std::string>& paths)
 {
-    for (const std::string& name : NamesIn(key.ListSubkeys(), path)) {
+    for (const std::string& name : namesIn(key.ListSubkeys(), path)) {
         hmxRegistryKey sub(key);
         if (paths.size() >= mostOffered || !sub.Open(sub, name.c_str()))
             continue;
         paths.push_back(path.empty() ? name : path + '\\' + name);
-        AddKeysBelow(sub, std::string(paths.back()), paths);
+        addKeysBelow(sub, std::string(paths.back()), paths);
     }
 }
 
-hmxRegistryKey RootOf(const Typed& typed)
+hmxRegistryKey rootOf(const Typed& typed)
 {
     return (typed.options.contains("--system") ? hmxRegistry::System() : hmxRegistry::User()).root;
 }
 
-std::vector<std::string> KnownKeys(const Typed& typed)
+std::vector<std::string> knownKeys(const Typed& typed)
 {
     std::vector<std::string> paths;
-    AddKeysBelow(RootOf(typed), "", paths);
+    addKeysBelow(rootOf(typed), "", paths);
     return paths;
 }
 
 /// The shells remove the backslashes from the typed text.
-std::string WithoutBackslashes(std::string path)
+std::string withoutBackslashes(std::string path)
 {
     std::erase(path, '\\');
-    return Lower(path);
+    return lower(path);
 }
 
-std::vector<std::string> KnownValues(const Typed& typed)
+std::vector<std::string> knownValues(const Typed& typed)
 {
-    hmxRegistryKey key = RootOf(typed);
-    const std::string wanted = WithoutBackslashes(typed.arguments.front());
+    hmxRegistryKey key = rootOf(typed);
+    const std::string wanted = withoutBackslashes(typed.arguments.front());
     if (wanted.empty())
-        return NamesIn(key.ListValues(), {});
-    for (const std::string& path : KnownKeys(typed))
-        if (WithoutBackslashes(path) == wanted && key.Open(key, path.c_str()))
-            return NamesIn(key.ListValues(), path);
+        return namesIn(key.ListValues(), {});
+    for (const std::string& path : knownKeys(typed))
+        if (withoutBackslashes(path) == wanted && key.Open(key, path.c_str()))
+            return namesIn(key.ListValues(), path);
     return {};
 }
 
 // ---- the commands
 
-void Get(const Choices& choices)
+void runGet(const Choices& choices)
 {
-    CheckNames(choices, false);
-    const xstring value = Opened(choices).GetValue(choices.name.c_str());
+    checkNames(choices, false);
+    const xstring value = openedKey(choices).GetValue(choices.name.c_str());
     if (value == nullptr)
-        FailForValue(choices);
+        failForValue(choices);
     Show(value.CastToCString(), [](const Json& found) {
         const std::string text = found;
         return (btkIsTerminal(1) ? Printable(text) : text) + '\n';
     });
 }
 
-void Set(const Choices& choices)
+void runSet(const Choices& choices)
 {
-    CheckNames(choices, true);
-    hmxRegistryKey key = RootOf(choices);
-    if ((!IsRoot(choices.key) && !key.Create(key, choices.key.c_str())) ||
+    checkNames(choices, true);
+    hmxRegistryKey key = rootOf(choices);
+    if ((!isRoot(choices.key) && !key.Create(key, choices.key.c_str())) ||
         !key.SetValue(choices.name.c_str(), choices.value.c_str()))
-        Fail(Exit::peer, NameOf(choices), "not set: " + LastErrorText());
+        Fail(Exit::peer, nameOf(choices), "not set: " + LastErrorText());
 }
 
-void DeleteKey(hmxRegistryKey& parent, const std::string& name, const std::string& path, bool all)
+void deleteKey(hmxRegistryKey& parent, const std::string& name, const std::string& path, bool all)
 {
     if (all) {
         hmxRegistryKey key;
         if (!key.Open(parent, name.c_str()))
             FailForLastError(path);
-        for (const std::string& sub : NamesIn(key.ListSubkeys(), path))
-            DeleteKey(key, sub, path + '\\' + sub, true);
+        for (const std::string& sub : namesIn(key.ListSubkeys(), path))
+            deleteKey(key, sub, path + '\\' + sub, true);
     }
     if (parent.DeleteSubkey(name.c_str()))
         return;
@@ -183,7 +183,7 @@ void DeleteKey(hmxRegistryKey& parent, const std::string& name, const std::strin
         Fail(Exit::no, path, "no such key");
     hmxRegistryKey key;
     if (error == ERROR_ACCESS_DENIED && key.Open(parent, name.c_str()) &&
-        !NamesIn(key.ListSubkeys(), path).empty())
+        !namesIn(key.ListSubkeys(), path).empty())
         Fail(Exit::no, path, "has subkeys; --all deletes them too");
     if (error == ERROR_DIR_NOT_EMPTY)
         Fail(Exit::no, path, "its folder holds files or links that are not the registry's");
@@ -191,15 +191,15 @@ void DeleteKey(hmxRegistryKey& parent, const std::string& name, const std::strin
     FailForLastError(path);
 }
 
-void Delete(const Choices& choices, bool ofValue)
+void runDelete(const Choices& choices, bool ofValue)
 {
-    CheckNames(choices, false);
+    checkNames(choices, false);
     if (ofValue) {
-        if (!Opened(choices).DeleteValue(choices.name.c_str()))
-            FailForValue(choices);
+        if (!openedKey(choices).DeleteValue(choices.name.c_str()))
+            failForValue(choices);
         return;
     }
-    if (IsRoot(choices.key))
+    if (isRoot(choices.key))
         Fail(Exit::usage, "key", "the root stays");
     std::string path = choices.key;
     if (path.ends_with('\\'))
@@ -207,32 +207,32 @@ void Delete(const Choices& choices, bool ofValue)
     Choices parent = choices;
     const std::size_t separator = path.rfind('\\');
     parent.key = separator == std::string::npos ? "" : path.substr(0, separator);
-    hmxRegistryKey opened = Opened(parent);
-    DeleteKey(opened, path.substr(separator + 1), path, choices.all);
+    hmxRegistryKey opened = openedKey(parent);
+    deleteKey(opened, path.substr(separator + 1), path, choices.all);
 }
 
 /// A key's values, and the names of its subkeys, or everything below it.
-Json ContentsOf(const hmxRegistryKey& key, const std::string& path, bool all)
+Json contentsOf(const hmxRegistryKey& key, const std::string& path, bool all)
 {
     Json values = Json::object();
-    for (const std::string& name : NamesIn(key.ListValues(), path)) {
+    for (const std::string& name : namesIn(key.ListValues(), path)) {
         const xstring value = key.GetValue(name.c_str());
         values[name] = value == nullptr ? Json() : Json(value.CastToCString());
     }
-    const std::vector<std::string> names = NamesIn(key.ListSubkeys(), path);
+    const std::vector<std::string> names = namesIn(key.ListSubkeys(), path);
     if (!all)
         return {{"values", values}, {"keys", names}};
     Json keys = Json::object();
     for (const std::string& name : names) {
         hmxRegistryKey sub(key);
         if (sub.Open(sub, name.c_str())) // else it has been deleted meanwhile
-            keys[name] = ContentsOf(sub, path + '\\' + name, true);
+            keys[name] = contentsOf(sub, path + '\\' + name, true);
     }
     return {{"values", values}, {"keys", keys}};
 }
 
 /// A line for each key and value, those of a subkey further right.
-std::string ContentLines(const Json& contents, std::size_t indent)
+std::string contentLines(const Json& contents, std::size_t indent)
 {
     const std::string margin(indent, ' ');
     std::string lines;
@@ -243,38 +243,38 @@ std::string ContentLines(const Json& contents, std::size_t indent)
         const bool deep = sub.is_object();
         lines += margin + Printable(deep ? name : sub.get<std::string>()) + "\\\n";
         if (deep)
-            lines += ContentLines(sub, indent + 2);
+            lines += contentLines(sub, indent + 2);
     }
     return lines;
 }
 
-void List(const Choices& choices)
+void runList(const Choices& choices)
 {
-    CheckNames(choices, false);
-    Show(ContentsOf(Opened(choices), choices.key, choices.all),
-         [](const Json& contents) { return ContentLines(contents, 0); });
+    checkNames(choices, false);
+    Show(contentsOf(openedKey(choices), choices.key, choices.all),
+         [](const Json& contents) { return contentLines(contents, 0); });
 }
 
-void AddRoots(CLI::App& command, Choices& choices)
+void addRoots(CLI::App& command, Choices& choices)
 {
     CLI::Option* const system = command.add_flag("--system", choices.system, "Under the root of the system");
     command.add_flag("--user", choices.user, "Under the root of the user (default)")->excludes(system);
 }
 
-CLI::Option& AddKey(CLI::App& command, Choices& choices)
+CLI::Option& addKey(CLI::App& command, Choices& choices)
 {
     CLI::Option& key =
         *command.add_option("key", choices.key, "The key, such as 'Software\\VRX'; '\\' is the root")
              ->type_name("KEY");
-    Offer(key, &KnownKeys);
+    Offer(key, &knownKeys);
     return key;
 }
 
-CLI::Option& AddName(CLI::App& command, Choices& choices)
+CLI::Option& addName(CLI::App& command, Choices& choices)
 {
     CLI::Option& name = *command.add_option("name", choices.name, "The name of the value; it may be empty")
                              ->type_name("NAME");
-    Offer(name, &KnownValues);
+    Offer(name, &knownValues);
     return name;
 }
 
@@ -295,32 +295,32 @@ void AddRegistryCommands(CLI::App& program)
     const auto choices = std::make_shared<Choices>();
 
     CLI::App& get = AddCommand(group, "get", "Print a value; the answer is no when there is none",
-                               [choices] { Get(*choices); });
-    AddRoots(get, *choices);
-    AddKey(get, *choices).required();
-    AddName(get, *choices).required();
+                               [choices] { runGet(*choices); });
+    addRoots(get, *choices);
+    addKey(get, *choices).required();
+    addName(get, *choices).required();
     OfferJson(get);
 
     CLI::App& set = AddCommand(group, "set", "Change or add a value; a missing key is created",
-                               [choices] { Set(*choices); });
-    AddRoots(set, *choices);
-    AddKey(set, *choices).required();
-    AddName(set, *choices).required();
+                               [choices] { runSet(*choices); });
+    addRoots(set, *choices);
+    addKey(set, *choices).required();
+    addName(set, *choices).required();
     set.add_option("value", choices->value, "The value, a text")->type_name("VALUE")->required();
 
     CLI::App& remove = *group.add_subcommand("delete", "Remove a value, or a key with its values");
-    AddRoots(remove, *choices);
-    AddKey(remove, *choices).required();
-    CLI::Option* const name = &AddName(remove, *choices);
+    addRoots(remove, *choices);
+    addKey(remove, *choices).required();
+    CLI::Option* const name = &addName(remove, *choices);
     name->description("The name of the value to remove (default: the key is removed)");
     remove.add_flag("--all", choices->all, "With everything below the key")->excludes(name);
-    remove.callback([choices, name] { Delete(*choices, name->count() > 0); });
+    remove.callback([choices, name] { runDelete(*choices, name->count() > 0); });
 
     CLI::App& list =
         AddCommand(group, "list", "Print the values of a key, and its subkeys (with \\ at the end)",
-                   [choices] { List(*choices); });
-    AddRoots(list, *choices);
-    AddKey(list, *choices);
+                   [choices] { runList(*choices); });
+    addRoots(list, *choices);
+    addKey(list, *choices);
     list.add_flag("--all", choices->all, "With everything below the key, as a tree");
     OfferJson(list);
 }
