@@ -9,7 +9,7 @@
 
 namespace {
 
-void Require(bool holds)
+void require(bool holds)
 {
     if (!holds)
         std::abort();
@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string line(reinterpret_cast<const char*>(data), size);
     std::vector<std::string> words, again;
     if (!btkSplitCommandLine(line.c_str(), words)) {
-        Require(words.empty());
+        require(words.empty());
         return 0;
     }
     std::string joined;
@@ -33,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         joined += btkQuoteWord(word) + " ";
         length += word.size();
     }
-    Require(length <= line.size());
-    Require(btkSplitCommandLine(joined.c_str(), again) && again == words);
+    require(length <= line.size());
+    require(btkSplitCommandLine(joined.c_str(), again) && again == words);
     return 0;
 }

@@ -8,7 +8,7 @@
 
 namespace {
 
-nmsRecordReader Read(const std::string& bytes)
+nmsRecordReader readRecord(const std::string& bytes)
 {
     nmsRecordReader reader;
     std::size_t at = 0;
@@ -28,12 +28,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    const nmsRecordReader first = Read(std::string(reinterpret_cast<const char*>(data), size));
+    const nmsRecordReader first = readRecord(std::string(reinterpret_cast<const char*>(data), size));
     std::string bytes;
     // A text of 256 characters may be received but not sent: there is no room for its terminating zero.
     if (first.record.fields.size() > 256 || !first.IsWhole() || !nmsPutRecord(bytes, first.record))
         return 0;
-    const nmsRecordReader second = Read(bytes);
+    const nmsRecordReader second = readRecord(bytes);
     if (!second.IsWhole() || second.record.owner != first.record.owner ||
         second.record.fields != first.record.fields)
         std::abort();

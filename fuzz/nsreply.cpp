@@ -11,7 +11,7 @@
 namespace {
 
 // Accepts a client, sends it the bytes and closes the connection.
-void Answer(btkAcceptSocket& door, const std::string& bytes)
+void answer(btkAcceptSocket& door, const std::string& bytes)
 {
     btkStreamSocket client;
     const btkTimeval limit(5, 0);
@@ -33,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!door.IsOpen() && !door.Listen(0, "127.0.0.1"))
         std::abort();
     const std::string bytes(reinterpret_cast<const char*>(data), size);
-    std::thread server([&] { Answer(door, bytes); });
+    std::thread server([&] { answer(door, bytes); });
 
     nmsExchange exchange;
     const int status = exchange.Ask("127.0.0.1", door.GetPortN(), nmsRequestCode::query);

@@ -11,7 +11,7 @@
 
 namespace {
 
-bool AsksForTheEnd(const std::uint8_t* data, std::size_t size)
+bool asksForTheEnd(const std::uint8_t* data, std::size_t size)
 {
     return size >= nmsFrameSize && nmsGetInt(reinterpret_cast<const char*>(data)) == nmsFrameNumber &&
            data[nmsIntSize] == static_cast<std::uint8_t>(nmsRequestCode::shutdown);
@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (count < 0 && errno == ETIMEDOUT)
         std::abort();
 
-    if (AsksForTheEnd(data, size)) {
+    if (asksForTheEnd(data, size)) {
         serving.reset();
         return 0;
     }

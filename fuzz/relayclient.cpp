@@ -12,7 +12,7 @@
 
 namespace {
 
-void Run(StreamPair& pair, std::size_t sent)
+void run(StreamPair& pair, std::size_t sent)
 {
     const Owned<ioStringStream> in(ioStringStream::Create("input"));
     const Owned<ioStringStream> out(ioStringStream::Create(xnullstr));
@@ -45,7 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             pair.far->WriteBytes(reinterpret_cast<const char*>(data + 1), static_cast<unsigned>(size - 1));
             pair.far->Flush(1);
             pair.farSocket->ShutdownOutput();
-            Run(pair, size);
+            run(pair, size);
         } catch (xthrowable* thrown) { // not started, or a stream that has ended
             xdelete(thrown);
         }
