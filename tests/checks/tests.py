@@ -31,7 +31,7 @@ ELSEWHERE = {
     "qeljson": "qeljsonplan qeljsonreader qeljsonsource qeljsonwriter",
     "xdictionary": "qelbdict xdictindex xdictkeys xdictslots xrtticollections",
     "xrtti": "qelrtti xrttiattrseq",
-    "qelexception": "xportexception xstringerror",
+    "qelexception": "qelcaught xportexception xstringerror",
     "xstring": "xstringquery",
     "nmsproxy": "nmsexception",
     "syslib": "sysexception",
