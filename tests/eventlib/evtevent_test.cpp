@@ -4,23 +4,10 @@
 
 #include <qel/base/btktimeval.h>
 #include <qel/evteventarray.h>
+#include <qel/qelloop.h>
 #include <qel/xrtti.h>
 
 namespace {
-
-// An event that a test sets and resets.
-class SetEvent : public evtEvent
-{
-public:
-    SetEvent() : SetEvent(Event_Create(false)) {}
-    ~SetEvent() override { Event_Free(handle); }
-    void Set() { Event_Set(handle); }
-
-private:
-    explicit SetEvent(btkHandle made) : evtEvent(new btkEVENTEvent(made)), handle(made) {}
-
-    btkHandle handle;
-};
 
 std::unique_ptr<evtEventArray, qelDelete> ArrayOf(std::initializer_list<evtEvent*> events)
 {
@@ -34,16 +21,16 @@ std::unique_ptr<evtEventArray, qelDelete> ArrayOf(std::initializer_list<evtEvent
 
 TEST(evtEvent, WaitsForAnyOfAnArray)
 {
-    SetEvent a, b, c;
+    qel::event a, b, c;
     const auto array = ArrayOf({&a, nullptr, &b, &c});
     EXPECT_EQ(evtEvent::Wait(array.get(), 0.01), 0);
 
-    std::thread setter([&] { b.Set(); });
+    std::thread setter([&] { b.set(); });
     EXPECT_EQ(evtEvent::Wait(array.get(), INFINITE), 1);
     setter.join();
     EXPECT_EQ(a.getIsSignaled(), 0);
     EXPECT_EQ(b.getIsSignaled(), 1);
-    c.Set();
+    c.set();
     EXPECT_EQ(evtEvent::Wait(array.get(), 1e300), 2);
     EXPECT_EQ(b.Wait(INFINITE), 1);
     EXPECT_EQ(a.Wait(-3.0), 0);
@@ -63,7 +50,7 @@ TEST(evtEvent, WaitOnNoEventsEndsAtItsLimit)
 
 TEST(evtRemoveEvent, RemovesEveryOccurrence)
 {
-    SetEvent a, b, c, d;
+    qel::event a, b, c, d;
     const auto array = ArrayOf({&a, &b, &a, &a, &c});
 
     evtRemoveEvent(array.get(), &d);
@@ -76,8 +63,8 @@ TEST(evtRemoveEvent, RemovesEveryOccurrence)
 
 TEST(evtEvent, HasADescriptor)
 {
-    SetEvent event;
-    event.Set();
+    qel::event event;
+    event.set();
     xrttistruct* const type = xrttistruct::cast(evtEvent::getClassRtti());
     EXPECT_TRUE(type->getName() == "eventlib::Event");
     EXPECT_EQ(type->getIsRefCount(), 0);

@@ -20,7 +20,8 @@ class QEL_API evtEvent : public btkEvent, public virtual xobject
 
 public:
     /// Waits until at least one event of `events` is signaled or `timeout` has passed. Returns how many are
-    /// signaled, or 0. Null entries are skipped. The array must not be changed meanwhile.
+    /// signaled, or 0; WasSignaled() of each then says whether it is one of them. Null entries are skipped.
+    /// The array must not be changed meanwhile. qel::waitAny and qel::loop of <qel/qelloop.h> tell which.
     static int Wait(evtEventArray* events, double timeout);
     /// Waits for this event. Returns whether it is signaled.
     unsigned char Wait(double timeout);
