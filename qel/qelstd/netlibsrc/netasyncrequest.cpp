@@ -14,8 +14,14 @@ void netBaseServer::Loop::StopRequests()
         server.gracePeriod == INFINITE ? btkTimeval::Forever() : btkTimeval(server.gracePeriod);
     for (const auto& request : requests)
         request->TellToStop(grace);
-    for (const auto& request : requests)
+    for (const auto& request : requests) {
         request->WaitExitCode();
+        try {
+            request->ReportFailure();
+        } catch (...) { // a listener's own failure: the server ends in any case
+            thrPassCancellation();
+        }
+    }
     requests.clear();
 }
 
@@ -48,14 +54,18 @@ netServerLoopAction netBaseServer::Loop::CheckAsyncRequests()
     netServerLoopAction result = netServerContinue;
     if (endedBodies.load(std::memory_order_relaxed) == 0)
         return result;
-    std::erase_if(requests, [&](const std::unique_ptr<netAsyncRequest>& request) {
-        if (!request->IsExited())
-            return false;
+    std::list<std::unique_ptr<netAsyncRequest>> exited;
+    for (auto at = requests.begin(); at != requests.end();) {
+        const auto request = at++;
+        if (!(*request)->IsExited())
+            continue;
+        exited.splice(exited.end(), requests, request);
         --endedBodies;
-        if (request->GetExitCode() == netServerTerminate)
+        if (exited.back()->GetExitCode() == netServerTerminate)
             result = netServerTerminate;
-        return true;
-    });
+    }
+    for (const auto& request : exited)
+        request->ReportFailure();
     return result;
 }
 
@@ -107,16 +117,26 @@ int netAsyncRequest::OnStart()
     std::unique_ptr<netSocketStream, qelDelete> unserved(stream);
     try {
         const std::unique_ptr<evtEvent, qelDelete> stop(SignalStream()->InputEvent());
-        const std::string peer = stream->getPeerAddress().CastToCString();
+        peer = stream->getPeerAddress().CastToCString();
         if (server->onAsyncRequest != nullptr)
             unserved.release();
-        return netReported(*server, peer, [&] { return server->OnAsyncRequest(stream, stop.get()); });
-    } catch (xthrowable* e) {
-        const qelCaught caught(e);
+        return server->OnAsyncRequest(stream, stop.get());
+    } catch (xthrowable* thrown) {
+        failure = qel::caught(thrown);
+    } catch (const std::exception& thrown) {
+        failure = netForeignFailure(thrown.what());
     } catch (...) {
         thrPassCancellation();
+        failure = netForeignFailure("unknown exception");
     }
+    hasFailed = true;
     return netServerContinue;
+}
+
+void netAsyncRequest::ReportFailure() const
+{
+    if (hasFailed)
+        netReportFailure(*server, peer, failure);
 }
 
 void netAsyncRequest::AtFork(bool parentSide)

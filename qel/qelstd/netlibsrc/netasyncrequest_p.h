@@ -1,10 +1,12 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include <qel/base/btktimeval.h>
 
 #include "netthread.h"
+#include "qelcaught.h"
 
 class btkStopSign;
 class netBaseServer;
@@ -22,6 +24,8 @@ public:
 
     /// Signals the handler to stop, once. Its stream blocks no longer than `grace` from now on.
     void TellToStop(btkTimeval grace) noexcept;
+    /// Reports the exception of the handler, if it threw one. Called once it has exited.
+    void ReportFailure() const;
 
 protected:
     bool OnPreStart() override;
@@ -33,4 +37,8 @@ private:
     netSocketStream* stream;
     std::shared_ptr<btkStopSign> stopSign;
     bool wasTold = false;
+    // Of the handler that threw; written by its thread.
+    bool hasFailed = false;
+    std::string peer;
+    qel::caught failure{nullptr};
 };

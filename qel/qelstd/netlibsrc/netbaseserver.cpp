@@ -12,6 +12,7 @@
 #include "netexception.h"
 #include "netserverloop_p.h"
 #include "qeltable.h"
+#include "xerrhandler.h"
 
 QEL_LABELS(netServerLoopAction, "netlib::ServerLoopAction", netServerContinue, netServerTerminate,
            netSpawnAsyncServer);
@@ -69,6 +70,28 @@ void netReport(netBaseServer& server, const std::string& peer, const std::string
     std::replace_if(
         line.begin(), line.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; }, ' ');
     std::cerr << line + '\n' << std::flush;
+}
+
+void netReportFailure(netBaseServer& server, const std::string& peer, const qel::caught& failure)
+{
+    const xstring what = failure.what();
+    const char* const text = what == nullptr ? "no exception" : what.CastToCString();
+    const bool isHandled = [&] {
+        static std::mutex dispatching; // servers run in threads of their own, and the list has no lock
+        const std::lock_guard lock(dispatching);
+        return xerrhandler::dispatch(text, failure.get(), &server, nullptr) != 0;
+    }();
+    if (!isHandled)
+        netReport(server, peer, text);
+}
+
+qel::caught netForeignFailure(const char* text) noexcept
+try {
+    const xrchandle<qelXNativeException> failure = qelCreateNativeException(text);
+    xrcattach(failure.get());
+    return qel::caught(failure.get());
+} catch (const std::bad_alloc&) {
+    return qel::caught(nullptr);
 }
 
 // ---- creation and end
@@ -209,9 +232,8 @@ void netBaseServer::Run()
         }
         if (socket == nullptr && loop->TakeStop())
             return;
-        const netServerLoopAction action = socket != nullptr
-                                               ? loop->Serve(std::move(socket))
-                                               : netReported(*this, {}, [this] { return OnIdle(); });
+        const netServerLoopAction action = socket != nullptr ? loop->Serve(std::move(socket))
+                                                             : loop->Guarded({}, [this] { return OnIdle(); });
         if (action == netServerTerminate)
             return;
     }
@@ -231,7 +253,7 @@ netServerLoopAction netBaseServer::Loop::Serve(std::unique_ptr<btkStreamSocket> 
     }
     const std::string peer = made->getPeerAddress().CastToCString();
     netSocketStream* const stream = made.release();
-    const netServerLoopAction action = netReported(server, peer, [&] { return server.OnRequest(stream); });
+    const netServerLoopAction action = Guarded(peer, [&] { return server.OnRequest(stream); });
     if (action == netSpawnAsyncServer)
         SpawnAsyncRequest(stream);
     return action;
@@ -250,6 +272,26 @@ netServerLoopAction netBaseServer::OnRequest(netSocketStream* stream)
 netServerLoopAction netBaseServer::OnAsyncRequest(netSocketStream* stream, evtEvent* stop)
 {
     return onAsyncRequest != nullptr ? onAsyncRequest->Invoke(this, stream, stop) : netServerNoDecision;
+}
+
+void netBaseServer::setOnRequest(std::unique_ptr<netBaseServer_OnRequest_cb, qelDelete> handler)
+{
+    setOnRequest(loop->Keep(std::move(handler)));
+}
+
+void netBaseServer::setOnAsyncRequest(std::unique_ptr<netBaseServer_OnAsyncRequest_cb, qelDelete> handler)
+{
+    setOnAsyncRequest(loop->Keep(std::move(handler)));
+}
+
+void netBaseServer::setOnIdle(std::unique_ptr<netBaseServer_OnIdle_cb, qelDelete> handler)
+{
+    setOnIdle(loop->Keep(std::move(handler)));
+}
+
+void netBaseServer::setOnError(std::unique_ptr<qel::netErrorHandler> handler)
+{
+    loop->onError = std::move(handler);
 }
 
 netServerLoopAction netBaseServer::OnIdle()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <utility>
 
 #include <qel/evtevent.h>
@@ -10,6 +11,19 @@ class btkAcceptSocket;
 class btkStreamSocket;
 class netAddress;
 class netBaseServer;
+
+namespace qel {
+
+class caught;
+
+/// Decides whether a server continues after a failure; made by onError.
+struct netErrorHandler
+{
+    virtual ~netErrorHandler() = default;
+    virtual bool goesOn(netBaseServer& server, const caught& failure) = 0;
+};
+
+} // namespace qel
 
 /// A handler's instruction to the request loop.
 enum netServerLoopAction : int { netServerContinue, netServerTerminate, netSpawnAsyncServer };
@@ -39,7 +53,9 @@ class QEL_API netBaseServer_OnAsyncRequest_cb : public virtual xobject
 
 public:
     /// Owns `stream`, and frees it with xdelete. Returns soon after `stop` has become signaled: the server is
-    /// about to stop. The server owns `stop`. An exception is reported and counts as netServerContinue.
+    /// about to stop. The server owns `stop`. An exception counts as netServerContinue. The thread of Run
+    /// reports it when it joins the request: to the error listeners, with the server as the subject, and on
+    /// the standard error output unless one of them has handled it.
     virtual netServerLoopAction Invoke(netBaseServer* server, netSocketStream* stream, evtEvent* stop) = 0;
 };
 
@@ -105,6 +121,15 @@ public:
     virtual void setOnRequest(netBaseServer_OnRequest_cb* handler) { onRequest = handler; }
     virtual void setOnAsyncRequest(netBaseServer_OnAsyncRequest_cb* handler) { onAsyncRequest = handler; }
     virtual void setOnIdle(netBaseServer_OnIdle_cb* handler) { onIdle = handler; }
+
+    /// The same for handlers that the server owns and frees at its end, not before: those that qel::onRequest
+    /// and its like make of functions, see <qel/qelserver.h>.
+    void setOnRequest(std::unique_ptr<netBaseServer_OnRequest_cb, qelDelete> handler);
+    void setOnAsyncRequest(std::unique_ptr<netBaseServer_OnAsyncRequest_cb, qelDelete> handler);
+    void setOnIdle(std::unique_ptr<netBaseServer_OnIdle_cb, qelDelete> handler);
+    /// Decides whether Run continues after an exception of a handler that it called, in place of the report
+    /// of the exception; made by qel::onError. Null: it is reported, and leaves Run.
+    void setOnError(std::unique_ptr<qel::netErrorHandler> handler);
 
     /// Serves until a handler returns netServerTerminate or Stop is called; may then be called again. Without
     /// a request handler each connection is closed. An exception of a handler is reported on the standard

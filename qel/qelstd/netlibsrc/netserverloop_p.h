@@ -4,6 +4,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <qel/base/btksocket.h>
 #include <qel/base/netsilentset.h>
@@ -39,6 +40,20 @@ public:
     netServerLoopAction Serve(std::unique_ptr<btkStreamSocket> socket);
     /// Joins the asynchronous requests that have finished.
     netServerLoopAction CheckAsyncRequests();
+    /// Calls `handler()`; an exception is reported and passes through, unless the error handler decides
+    /// otherwise.
+    template<class Handler>
+    netServerLoopAction Guarded(const std::string& peer, Handler handler);
+    /// Keeps a handler until the server's end, and returns it.
+    template<class T>
+    T* Keep(std::unique_ptr<T, qelDelete> handler)
+    {
+        T* const kept = handler.get();
+        handlers.emplace_back(std::move(handler));
+        return kept;
+    }
+    std::unique_ptr<qel::netErrorHandler> onError;
+
     /// Closes the port and the waiting connections.
     void StopListening();
     /// Signals all asynchronous requests to stop, and waits until they have finished.
@@ -78,6 +93,7 @@ private:
     std::atomic<bool> isStopAsked = false;
     std::shared_ptr<btkStopSign> stopSign; // of the streams that the loop's thread serves
 
+    std::vector<std::unique_ptr<xobject, qelDelete>> handlers; // that the server owns
     std::list<std::unique_ptr<netAsyncRequest>> requests;
     std::atomic<int> endedBodies = 0; // of `requests`; written by their threads
 };
@@ -86,6 +102,12 @@ private:
 
 /// Writes a line on the standard error output about a request of `peer`.
 void netReport(netBaseServer& server, const std::string& peer, const std::string& text);
+
+/// Passes a failure of an asynchronous request to the error listeners; writes the line if none handles it.
+void netReportFailure(netBaseServer& server, const std::string& peer, const qel::caught& failure);
+
+/// A failure from outside of the framework as one of it; none when memory runs out.
+qel::caught netForeignFailure(const char* text) noexcept;
 
 /// Calls `handler()`; reports its exception and rethrows it.
 template<class Handler>
@@ -102,4 +124,26 @@ try {
     thrPassCancellation();
     netReport(server, peer, "unknown exception");
     throw;
+}
+
+template<class Handler>
+netServerLoopAction netBaseServer::Loop::Guarded(const std::string& peer, Handler handler)
+{
+    if (onError == nullptr)
+        return netReported(server, peer, handler);
+    try {
+        return handler();
+    } catch (xthrowable* thrown) {
+        qel::caught failure(thrown);
+        if (!onError->goesOn(server, failure))
+            failure.rethrow();
+    } catch (const std::exception& failure) {
+        if (!onError->goesOn(server, netForeignFailure(failure.what())))
+            throw;
+    } catch (...) {
+        thrPassCancellation();
+        if (!onError->goesOn(server, netForeignFailure("unknown exception")))
+            throw;
+    }
+    return netServerContinue;
 }

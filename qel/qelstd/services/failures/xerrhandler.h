@@ -20,8 +20,9 @@ protected:
     ~xerrlistener();
 };
 
-/// The process-wide list of error listeners. The library itself reports nothing to it. Nothing is locked:
-/// callers on several threads must serialize their calls.
+/// The process-wide list of error listeners. The library itself reports only failures of the asynchronous
+/// requests of servers, from the threads in which the servers run, one at a time. Nothing is locked: callers
+/// on several threads must serialize their calls.
 class QEL_API xerrhandler
 {
 public:
