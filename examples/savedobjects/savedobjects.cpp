@@ -3,6 +3,7 @@
 #include <iostream>
 #include <sstream>
 
+#include <qel/qelcaught.h>
 #include <qel/qeljson.h>
 #include <qel/qeltable.h>
 #include <qel/xsequence.h>
@@ -51,8 +52,8 @@ int main()
     try {
         qel::json::read<Item>(R"({"Name": "car", "Paint": "pink"})");
     } catch (xthrowable* thrown) {
-        std::cout << qelTextOf(thrown) << std::endl;
-        xrcrelease(thrown);
+        const qel::caught failure(thrown);
+        std::cout << failure.what() << std::endl;
     }
     return 0;
 }

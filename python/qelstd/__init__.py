@@ -14,12 +14,12 @@ one UNINIT. A failure in the library is raised as an Error, which is also the bu
 from .collections import (BoolDictionary, BoolSequence, Dictionary, IntDictionary, IntSequence, RealDictionary,
                           RealSequence, Sequence, StringDictionary, StringSequence)
 from .errors import (ConnectionClosed, Error, InvalidArrayIndex, InvalidDictIndex, InvalidDictKey, InvalidSeqIndex,
-                     NativeException, NegativeIndex, NotInitialized, NullValue, RefCountable, TypeMismatch)
+                     JsonError, NativeException, NegativeIndex, NotInitialized, NullValue, RefCountable, TypeMismatch)
 from .objects import UNINIT, Object, Uninit
 
 __all__ = [
     "BoolDictionary", "BoolSequence", "ConnectionClosed", "Dictionary", "Error", "IntDictionary", "IntSequence",
-    "InvalidArrayIndex", "InvalidDictIndex", "InvalidDictKey", "InvalidSeqIndex", "NativeException", "NegativeIndex",
+    "InvalidArrayIndex", "InvalidDictIndex", "InvalidDictKey", "InvalidSeqIndex", "JsonError", "NativeException", "NegativeIndex",
     "NotInitialized", "NullValue", "Object", "RealDictionary", "RealSequence", "RefCountable", "Sequence",
     "StringDictionary", "StringSequence", "TypeMismatch", "UNINIT", "Uninit",
 ]

@@ -57,6 +57,10 @@ class ConnectionClosed(Error, ConnectionError):
     pass
 
 
+class JsonError(Error, ValueError):
+    pass
+
+
 _BY_TYPE_NAME = {
     "qellib::XNegativeIndex": NegativeIndex,
     "qellib::XInvalidSeqIndex": InvalidSeqIndex,
@@ -69,6 +73,7 @@ _BY_TYPE_NAME = {
     "qellib::XRefCountable": RefCountable,
     "qellib::XNativeException": NativeException,
     "qellib::XConnectionClosed": ConnectionClosed,
+    "qellib::XJson": JsonError,
 }
 
 

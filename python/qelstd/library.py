@@ -47,6 +47,8 @@ delete = function("xdelete_c", None, _object)
 is_countable = function("xisrcobj_c", ctypes.c_ubyte, _object)
 is_kind_of = function("xisobjkindof_c", ctypes.c_ubyte, _object, _object)
 print_object = function("xprint_c", None, _object)
+_write_json = function("xwritejson_c", CString, _object, ctypes.c_int)
+_read_json = function("xreadjson_c", _object, _text)
 _type_name = function("xgettypename_c", CString, _object)
 _is_exception = function("xisexc_c", ctypes.c_ubyte)
 _extract_exception = function("xextractexc_c", _object)
@@ -115,6 +117,15 @@ def text(value):
 def type_name(pointer):
     """The registered name of the object's class."""
     return take_text(_type_name(pointer))
+
+
+def write_json(pointer, indent):
+    return take_text(call(_write_json, pointer, -1 if indent is None else indent))
+
+
+def read_json(content):
+    """The pointer to the object, with a reference for the caller."""
+    return call(_read_json, text(content))
 
 
 def collection(family, element_in, element_out, kind):

@@ -103,6 +103,20 @@ class Object:
         library.print_object(self._pointer)
         _flush(None)
 
+    def to_json(self, indent=None):
+        """The object and its contents as JSON, in the library's form. `indent`: blanks for each level."""
+        return library.write_json(self._pointer, indent)
+
+    @classmethod
+    def from_json(cls, text):
+        """The object of which the JSON text consists. Raises JsonError, and TypeError for another class."""
+        pointer = library.read_json(text)
+        try:
+            return cls.adopt(pointer)
+        except TypeError:
+            library.delete(pointer)
+            raise
+
     def __repr__(self):
         return f"<{self.type_name} at {self._pointer:#x}>"
 

@@ -160,6 +160,24 @@ class Values(unittest.TestCase):
         self.assertEqual(library.SONAME, expected)
 
 
+class Json(unittest.TestCase):
+    def test_objects_are_written_and_read(self):
+        ages = IntDictionary({"Ada": 36, "Nobody": None})
+        again = Object.from_json(ages.to_json(indent=2))
+        self.assertIs(type(again), IntDictionary)
+        self.assertEqual(again, ages)
+        self.assertEqual(count(again.pointer), 1)
+        self.assertEqual(StringSequence.from_json('{"$type": "stringseq", "$value": ["\\u00e4"]}'), ["\u00e4"])
+
+    def test_failures_say_where(self):
+        with self.assertRaisesRegex(qelstd.JsonError, r"^\$\.x \(line 1, column 6\): expected a value, found nix$"):
+            Object.from_json('{"x":nix}')
+        with self.assertRaises(TypeError):
+            IntSequence.from_json("[1]")
+        with self.assertRaises(ValueError):
+            Object.from_json("5")
+
+
 class Threads(unittest.TestCase):
     def test_each_thread_has_own_failures(self):
         wrong = []

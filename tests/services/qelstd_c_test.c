@@ -136,6 +136,21 @@ static void objectsKnowTheirClass(void)
     xdelete_c(object);
 }
 
+static void objectsAreReadAndWrittenAsJson(void)
+{
+    const char* const text = "{\"$type\":\"intdict\",\"a\":5}";
+    xobject* const read = xreadjson_c(text);
+    CHECK(xisobjsameas_c(read, xintdictionary_getclassrtti_c()));
+    CHECK(isText(xwritejson_c(read, -1), text));
+    CHECK(isText(xwritejson_c(NULL, 2), "null"));
+    xrcrelease_c(read);
+
+    CHECK(xreadjson_c("5") == xuninitobj);
+    CHECK(currentIs("qellib::XJson"));
+    CHECK(xreadjson_c(NULL) == xuninitobj);
+    xcleanupexc_c();
+}
+
 /* ---- strings */
 
 static void stringsAreCounted(void)
@@ -230,6 +245,7 @@ int main(void)
     xstringFamily();
     markersAreNoObjects();
     objectsKnowTheirClass();
+    objectsAreReadAndWrittenAsJson();
     stringsAreCounted();
     nullStringHoldsNothing();
     exceptionsAreHandedOver();

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include <qel/qeljson.h>
 #include <qel/qelprint.h>
 #include <qel/qelrtti.h>
 #include <qel/qeltable.h>
@@ -329,7 +330,7 @@ xany ObjectOf(xrttiobject* type, const std::vector<std::string>& texts)
     return held;
 }
 
-void Print(const std::string& name, const std::vector<std::string>& texts)
+void Print(const std::string& name, const std::vector<std::string>& texts, bool asJson)
 {
     xrtti* const type = qelRttiGetFromMap(name.c_str());
     if (type == nullptr)
@@ -337,9 +338,12 @@ void Print(const std::string& name, const std::vector<std::string>& texts)
     xrttiobject* const object = qelSoftcast<xrttiobject>(type);
     if (object == nullptr && texts.size() > 1)
         Fail(Exit::usage, texts[1], "one value is enough");
-    qelPrint(object != nullptr ? ObjectOf(object, texts)
-                               : ValueOf(type, texts.empty() ? nullptr : texts.data()),
-             std::cout, 2);
+    const xany value =
+        object != nullptr ? ObjectOf(object, texts) : ValueOf(type, texts.empty() ? nullptr : texts.data());
+    if (asJson)
+        qel::json::write(value, std::cout, {.indent = 2});
+    else
+        qelPrint(value, std::cout, 2);
     std::cout << '\n';
 }
 
@@ -358,14 +362,17 @@ void AddTypeCommands(CLI::App& program)
     OfferJson(types);
 
     const auto values = std::make_shared<std::vector<std::string>>();
+    const auto asJson = std::make_shared<bool>();
     CLI::App& print = AddCommand(program, "print", "Print a value of a registered type as the library does",
-                                 [name, values] { Print(*name, *values); });
+                                 [name, values, asJson] { Print(*name, *values, *asJson); });
     print.footer("qel print intseq 1 2 3\tA sequence of three numbers.\n"
                  "qel print stringdict a=one b=two\tA dictionary.\n"
-                 "qel print qellib::XNull Description=missing\tAn object with an attribute of that value.\n");
+                 "qel print qellib::XNull Description=missing\tAn object with an attribute of that value.\n"
+                 "qel print --json intseq 1 2 3\tAs the library writes it in JSON.\n");
     Offer(*print.add_option("name", *name, "The type")->type_name("NAME")->required(), &TypeNames);
     print
         .add_option("value", *values,
                     "Its contents: values, KEY=VALUE or ATTRIBUTE=VALUE (default: a sample)")
         ->type_name("VALUE");
+    print.add_flag("--json", *asJson, "Print it in the library's form of JSON");
 }

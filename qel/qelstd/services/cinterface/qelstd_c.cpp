@@ -3,11 +3,13 @@
 #include <atomic>
 #include <iostream>
 #include <mutex>
+#include <sstream>
 #include <utility>
 
 #include <qel/base/btkstrbuf.h>
 
 #include "qelexception.h"
+#include "qeljson.h"
 #include "qelprint.h"
 #include "qelstd_c_p.h"
 #include "xrtti.h"
@@ -162,6 +164,25 @@ void xprint_c(xobject* p)
     qelForC(0, [p] {
         qelPrint(p, std::cout, 2);
         return 0;
+    });
+}
+
+__xstring_c xwritejson_c(xobject* p, int indent)
+{
+    const auto write = [=] {
+        std::ostringstream out;
+        qel::json::write(p, out, {.indent = indent});
+        return xstring(std::string_view(out.view()));
+    };
+    return qelForC(xstring(), write).getxstring_c();
+}
+
+xobject* xreadjson_c(const char* text)
+{
+    return qelForC(xuninitobj, [=] {
+        const auto read = qel::json::read<xobject>(qelIsObject(text) ? text : "");
+        xrcattach(read.get());
+        return read.get();
     });
 }
 

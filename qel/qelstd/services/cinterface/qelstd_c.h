@@ -79,6 +79,13 @@ QEL_API unsigned char xisobjkindof_c(xobject* p, xrttiobject* type);
 QEL_API void xprint_c(xobject* p);
 /* The same to the standard error output. */
 QEL_API void qelDebugPrint(xobject* p);
+/* Returns the object as JSON; docs/json.md describes the form. `indent`: blanks for each level, -1 for all on
+ * one line. Null, xuninitobj: "null" and "{"$uninit":true}". What has no such form makes qellib::XJson
+ * current, and returns the null string. */
+QEL_API __xstring_c xwritejson_c(xobject* p, int indent);
+/* Returns the object of which the JSON text consists, with one reference, which is the caller's. Any other
+ * text makes qellib::XJson current, and returns xuninitobj. */
+QEL_API xobject* xreadjson_c(const char* text);
 
 /* ---- strings */
 

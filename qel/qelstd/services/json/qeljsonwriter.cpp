@@ -3,7 +3,7 @@
 #include <ostream>
 #include <utility>
 
-#include "qelcaught_p.h"
+#include "qelcaught.h"
 #include "qeljson.h"
 #include "qeljsonplan_p.h"
 #include "qeljsontext_p.h"
@@ -381,7 +381,7 @@ void Writer::putText(const xstring& content)
     try {
         chars = content.CastToCString();
     } catch (xthrowable* failure) {
-        const qelCaught owner(failure);
+        const qel::caught owner(failure);
         return putWide(content);
     }
     if (!text.string(chars, how.strict))
