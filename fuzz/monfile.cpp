@@ -3,19 +3,19 @@
 // parameters.
 #include <cstdint>
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <sys/mman.h>
 #include <vector>
 
 #include <qel/base/btkfilepart.h>
 #include <qel/qelexception.h>
+#include <qel/qelown.h>
 #include <qel/xiolib.h>
 #include <qel/xmonlib.h>
 
 namespace {
 
-using Monitor = std::unique_ptr<monFile, qelDelete>;
+using Monitor = qel::owned<monFile>;
 
 void Require(bool holds)
 {

@@ -3,10 +3,10 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <optional>
 #include <string>
 
+#include <qel/qelown.h>
 #include <qel/xiolib.h>
 
 namespace {
@@ -102,7 +102,7 @@ public:
 private:
     ioStream& Out() { return *pipe->getWriteEnd(); }
 
-    std::unique_ptr<ioPipe, qelDelete> pipe{ioPipe::Create()};
+    qel::owned<ioPipe> pipe{ioPipe::Create()};
     const std::uint8_t* next;
     std::size_t left;
 };
@@ -118,7 +118,7 @@ void ReadAll(const std::uint8_t* data, std::size_t size)
     data += 5;
     size -= 5;
 
-    const std::unique_ptr<ioStringStream, qelDelete> memory(ioStringStream::Create(xnullstr));
+    const qel::owned<ioStringStream> memory(ioStringStream::Create(xnullstr));
     memory->setSerializer(form);
     memory->WriteBytes(data, static_cast<unsigned>(size));
     std::optional<Parts> parts;

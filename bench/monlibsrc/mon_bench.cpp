@@ -1,17 +1,17 @@
 // Monitor files: a value stored or loaded against one pwrite or pread of its bytes; a lookup among many
 // parameters against one among few; discovering many parameters against discovering few as often.
 #include <benchmark/benchmark.h>
-#include <memory>
 #include <stdlib.h>
 #include <string>
 #include <unistd.h>
 
 #include <qel/base/btkfd.h>
+#include <qel/qelown.h>
 #include <qel/xmonlib.h>
 
 namespace {
 
-using Monitor = std::unique_ptr<monFile, qelDelete>;
+using Monitor = qel::owned<monFile>;
 
 // A monitor file that is removed at the end.
 class Published

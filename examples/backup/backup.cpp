@@ -5,6 +5,7 @@
 #include <iostream>
 
 #include <qel/filelib.h>
+#include <qel/qelcaught.h>
 
 namespace {
 
@@ -49,9 +50,8 @@ int main(int argc, char** argv)
     Failures failures;
     try {
         fsCopy(argv[1], argv[2], fsReplace, fsNewLink, fsRecursive, failures, &progress);
-    } catch (xthrowable* failure) { // its class is countable: the catcher releases it
-        std::cerr << "backup: " << argv[1] << ": " << qelTextOf(failure) << '\n';
-        xrcrelease(failure);
+    } catch (xthrowable* thrown) {
+        std::cerr << "backup: " << argv[1] << ": " << qel::caught(thrown).what() << '\n';
         return 1;
     }
     return failures.count == 0 ? 0 : 1;

@@ -1,13 +1,13 @@
 // The bytes exchanged by a versioned server and its clients, and an urgent integer that overtakes a stream.
 
 #include <cstdio>
-#include <memory>
 #include <string>
 #include <thread>
 
 #include <qel/base/btksocket.h>
 #include <qel/netaddress.h>
 #include <qel/netserver.h>
+#include <qel/qelown.h>
 
 namespace {
 
@@ -39,7 +39,7 @@ class Doubling : public netBaseServer_OnRequest_cb
 {
     netServerLoopAction Invoke(netBaseServer*, netSocketStream* accepted) override
     {
-        const std::unique_ptr<netSocketStream, qelDelete> stream(accepted);
+        const qel::owned<netSocketStream> stream(accepted);
         const int number = stream->ReadInt();
         if (number == 7)
             stream->WriteOutOfBand(-2);
@@ -53,7 +53,7 @@ class Doubling : public netBaseServer_OnRequest_cb
 int main()
 {
     Doubling doubling;
-    const std::unique_ptr<netServer, qelDelete> server(netServer::Create(nullptr, 0));
+    const qel::owned<netServer> server(netServer::Create(nullptr, 0));
     server->setOnRequest(&doubling);
     std::thread loop([&] { server->Run(); });
 
@@ -65,8 +65,8 @@ int main()
 
     // sample urgent
     const xrchandle<netAddress> address(netAddress::Create(port, nullptr));
-    const std::unique_ptr<netSocketStream, qelDelete> stream(netServer::Connect(address.get(), 5.0));
-    const std::unique_ptr<ioEvent, qelDelete> urgent(stream->OutOfBandEvent());
+    const qel::owned<netSocketStream> stream(netServer::Connect(address.get(), 5.0));
+    const qel::owned<ioEvent> urgent(stream->OutOfBandEvent());
     stream->WriteInt(7);
     stream->Flush(true);
     urgent->Wait(5.0);

@@ -1,8 +1,8 @@
 // The bytes of values in the three forms that a stream can have.
 
 #include <cstdio>
-#include <memory>
 
+#include <qel/qelown.h>
 #include <qel/xiolib.h>
 #include <qel/xstring.h>
 
@@ -15,7 +15,7 @@ void dump(const char* what, Write write)
     std::printf("%-18s", what);
     for (ioSerializer* const form :
          {ioSerializer::getAscii(), ioSerializer::getBinary(), ioSerializer::getXDR()}) {
-        const std::unique_ptr<ioStringStream, qelDelete> stream(ioStringStream::Create(xnullstr));
+        const qel::owned<ioStringStream> stream(ioStringStream::Create(xnullstr));
         stream->setSerializer(form);
         write(*stream);
         int width = form == ioSerializer::getAscii() ? 34 : 25;

@@ -1,11 +1,12 @@
 // A server and its client in one program: the server greets each client until it is shut down.
 
 #include <iostream>
-#include <memory>
 #include <thread>
 
 #include <qel/netaddress.h>
 #include <qel/netserver.h>
+#include <qel/qelcaught.h>
+#include <qel/qelown.h>
 
 namespace {
 
@@ -14,12 +15,12 @@ class Greeting : public netBaseServer_OnRequest_cb
 {
     netServerLoopAction Invoke(netBaseServer*, netSocketStream* accepted) override
     {
-        const std::unique_ptr<netSocketStream, qelDelete> stream(accepted);
+        const qel::owned<netSocketStream> stream(accepted);
         try {
             const xstring name = stream->ReadString(nullptr);
             stream->WriteString(xstring("Hello, ", name.CastToCString()).CastToCString());
-        } catch (xthrowable* failure) { // the client has gone: no reason to end
-            xdelete(failure);
+        } catch (xthrowable* thrown) {
+            const qel::caught failure(thrown); // the client has gone: no reason to end
         }
         return netServerContinue; // netServerTerminate would end Run
     }
@@ -29,7 +30,7 @@ class Greeting : public netBaseServer_OnRequest_cb
 // sample client
 xstring greet(netAddress* address, const char* name)
 {
-    const std::unique_ptr<netSocketStream, qelDelete> stream(netServer::Connect(address, 10.0));
+    const qel::owned<netSocketStream> stream(netServer::Connect(address, 10.0));
     if (stream == nullptr)
         return "nobody there";
     stream->WriteString(name);
@@ -43,7 +44,7 @@ int main()
 {
     // sample run
     Greeting greeting;
-    const std::unique_ptr<netServer, qelDelete> server(netServer::Create(nullptr, 0)); // any free port
+    const qel::owned<netServer> server(netServer::Create(nullptr, 0)); // any free port
     server->setOnRequest(&greeting);
     std::thread loop([&] { server->Run(); });
 

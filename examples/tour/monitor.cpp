@@ -1,14 +1,14 @@
 // A monitor file: one process publishes named values, others watch them. Here both are one program.
 
 #include <iostream>
-#include <memory>
 
+#include <qel/qelown.h>
 #include <qel/xmonlib.h>
 
 int main(int, char** argv)
 {
     // sample publish
-    const std::unique_ptr<monFile, qelDelete> published(monFile::Create(argv[1], "a pump"));
+    const qel::owned<monFile> published(monFile::Create(argv[1], "a pump"));
     monRealParam* const pressure = published->Real("pressure.bar");
     monStringParam* const state = published->String("state", 20); // room for 20 bytes
     pressure->setValue(2.5);
@@ -16,7 +16,7 @@ int main(int, char** argv)
     // end
 
     // sample watch
-    const std::unique_ptr<monFile, qelDelete> watched(monFile::Open(argv[1]));
+    const qel::owned<monFile> watched(monFile::Open(argv[1]));
     std::cout << watched->getTitle() << ": " << watched->Real("pressure.bar")->getValue() << " bar, "
               << watched->String("state", 20)->getValue() << std::endl;
     // end

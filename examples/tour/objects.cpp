@@ -2,6 +2,7 @@
 
 #include <iostream>
 
+#include <qel/qelcaught.h>
 #include <qel/qelexception.h>
 #include <qel/qelprint.h>
 #include <qel/xdictionary.h>
@@ -70,9 +71,8 @@ void failures(xintsequence& numbers)
     try {
         numbers.get(7);
     } catch (xthrowable* thrown) {
-        const xrchandle<xthrowable> failure(thrown);
-        xrcrelease(thrown); // the catcher owns a reference; the handle has its own
-        if (auto* const index = qelXInvalidSeqIndex::softcast(thrown))
+        const qel::caught failure(thrown); // owns it
+        if (auto* const index = failure.as<qelXInvalidSeqIndex>())
             std::cout << index->getDescription() << ": " << index->getIndex() << std::endl;
     }
 }

@@ -1,12 +1,12 @@
 // The remote shell: a command runs at the other end of a connection; its input and outputs are used here.
 
 #include <iostream>
-#include <memory>
 #include <thread>
 
 #include <qel/iopipe.h>
 #include <qel/netaddress.h>
 #include <qel/netbaseserver.h>
+#include <qel/qelown.h>
 #include <qel/rshprocess.h>
 #include <qel/rshserver.h>
 
@@ -18,7 +18,7 @@ class Commands : public netBaseServer_OnRequest_cb
 {
     netServerLoopAction Invoke(netBaseServer*, netSocketStream* accepted) override
     {
-        const std::unique_ptr<netSocketStream, qelDelete> stream(accepted);
+        const qel::owned<netSocketStream> stream(accepted);
         rshServer::Execute(stream.get(), nullptr, nullptr);
         return netServerTerminate; // one command is enough here
     }
@@ -30,15 +30,15 @@ class Commands : public netBaseServer_OnRequest_cb
 int main()
 {
     Commands commands;
-    const std::unique_ptr<netBaseServer, qelDelete> server(netBaseServer::Create(nullptr, 0));
+    const qel::owned<netBaseServer> server(netBaseServer::Create(nullptr, 0));
     server->setOnRequest(&commands);
     std::thread loop([&] { server->Run(); });
     const xrchandle<netAddress> address(netAddress::Create(server->getPortN(), nullptr));
 
     {
         // sample client
-        const std::unique_ptr<netSocketStream, qelDelete> stream(netBaseServer::Connect(address.get(), 10.0));
-        const std::unique_ptr<rshProcess, qelDelete> sort(
+        const qel::owned<netSocketStream> stream(netBaseServer::Connect(address.get(), 10.0));
+        const qel::owned<rshProcess> sort(
             rshProcess::Create(stream.get(), "sort", nullptr, nullptr, nullptr, nullptr, 1, 0));
         sort->getStdin()->WriteBytes("pears\napples\n", 13);
         sort->getStdin()->Close();

@@ -2,8 +2,9 @@
 
 #include <cstdio>
 #include <iostream>
-#include <memory>
 
+#include <qel/qelcaught.h>
+#include <qel/qelown.h>
 #include <qel/xiolib.h>
 #include <qel/xstring.h>
 
@@ -19,7 +20,7 @@ void write(ioStream& stream)
 
 void show(ioSerializer* form)
 {
-    const std::unique_ptr<ioStringStream, qelDelete> memory(ioStringStream::Create(xnullstr));
+    const qel::owned<ioStringStream> memory(ioStringStream::Create(xnullstr));
     memory->setSerializer(form);
     write(*memory);
     for (unsigned left = memory->PeekNBytes(); left > 0; --left)
@@ -31,7 +32,7 @@ void show(ioSerializer* form)
 // sample waiting
 void waiting()
 {
-    const std::unique_ptr<ioPipe, qelDelete> pipe(ioPipe::Create());
+    const qel::owned<ioPipe> pipe(ioPipe::Create());
     ioPipeStream* const in = pipe->getReadEnd();
     ioPipeStream* const out = pipe->getWriteEnd();
 
@@ -41,7 +42,7 @@ void waiting()
     out->WriteBytes("\0\0", 2);
     std::cout << (in->TryReadInt() == ioSuccess) << std::endl;
 
-    const std::unique_ptr<ioEvent, qelDelete> input(in->InputEvent());
+    const qel::owned<ioEvent> input(in->InputEvent());
     std::cout << "signaled: " << +input->Wait(0);
     std::cout << ", value: " << in->ReadInt(); // does not wait: it is there
     std::cout << ", signaled: " << +input->Wait(0) << std::endl;
@@ -51,13 +52,13 @@ void waiting()
 // sample end
 void atTheEnd()
 {
-    const std::unique_ptr<ioStringStream, qelDelete> words(ioStringStream::Create("one"));
+    const qel::owned<ioStringStream> words(ioStringStream::Create("one"));
     words->ReadString(nullptr);
     try {
         words->ReadString(nullptr);
     } catch (xthrowable* thrown) {
-        const std::unique_ptr<xthrowable, qelDelete> failure(thrown); // not counted: the catcher frees it
-        std::cout << ioXStream::cast(thrown)->getMsg() << ", at the end: " << +words->getIsEof() << std::endl;
+        const qel::caught failure(thrown);
+        std::cout << failure.what() << ", at the end: " << +words->getIsEof() << std::endl;
     }
 }
 // end

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include <qel/qelexception.h>
+#include <qel/qelcaught.h>
 
 // The protocol of the word server, in the XDR form of the stream. The client sends the text in blocks, each
 // as its size and its bytes, and after the last one the size 0. The server sends the number of words, of
@@ -12,9 +12,7 @@
 constexpr int wordsBlock = 4096;
 
 /// The text of a caught exception, which is freed.
-inline std::string reasonOf(xthrowable* failure)
+inline std::string reasonOf(xthrowable* thrown)
 {
-    const std::string text = qelTextOf(failure).CastToCString();
-    xdelete(failure);
-    return text;
+    return qel::caught(thrown).what().CastToCString();
 }

@@ -7,10 +7,10 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <memory>
 
 #include <qel/netaddress.h>
 #include <qel/netserver.h>
+#include <qel/qelown.h>
 
 #include "protocol.h"
 
@@ -52,7 +52,7 @@ int main(int argc, char** argv)
     }
     try {
         const xrchandle<netAddress> address(netAddress::Create(argv[1], nullptr));
-        const std::unique_ptr<netSocketStream, qelDelete> stream(netServer::Connect(address.get(), 10.0));
+        const qel::owned<netSocketStream> stream(netServer::Connect(address.get(), 10.0));
         if (stream == nullptr) {
             std::cerr << "wordclient: " << argv[1] << " does not answer\n";
             return 3;
@@ -60,8 +60,8 @@ int main(int argc, char** argv)
         send(*stream, file);
         printAnswer(*stream);
         return 0;
-    } catch (xthrowable* failure) {
-        std::cerr << "wordclient: " << reasonOf(failure) << '\n';
+    } catch (xthrowable* thrown) {
+        std::cerr << "wordclient: " << reasonOf(thrown) << '\n';
         return 3;
     }
 }

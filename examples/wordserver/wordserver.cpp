@@ -8,11 +8,11 @@
 #include <chrono>
 #include <csignal>
 #include <iostream>
-#include <memory>
 #include <sstream>
 #include <stdexcept>
 
 #include <qel/netserver.h>
+#include <qel/qelown.h>
 
 #include "protocol.h"
 #include "statistics.h"
@@ -88,7 +88,7 @@ class AsyncRequests : public netBaseServer_OnAsyncRequest_cb
 {
     netServerLoopAction Invoke(netBaseServer*, netSocketStream* accepted, evtEvent*) override
     {
-        const std::unique_ptr<netSocketStream, qelDelete> stream(accepted);
+        const qel::owned<netSocketStream> stream(accepted);
         stream->setITimeout(silenceLimit);
         stream->setOTimeout(silenceLimit);
         serve(*stream);
@@ -107,7 +107,7 @@ int main(int argc, char** argv)
     try {
         Requests requests;
         AsyncRequests asyncRequests;
-        const std::unique_ptr<netServer, qelDelete> server(netServer::Create(argv[1], 0));
+        const qel::owned<netServer> server(netServer::Create(argv[1], 0));
         if (server == nullptr) {
             std::cerr << "wordserver: cannot listen\n";
             return 3;
@@ -124,8 +124,8 @@ int main(int argc, char** argv)
         for (const int signal : {SIGTERM, SIGINT}) // the server is destroyed next
             std::signal(signal, SIG_IGN);
         return 0;
-    } catch (xthrowable* failure) {
-        std::cerr << "wordserver: " << reasonOf(failure) << '\n';
+    } catch (xthrowable* thrown) {
+        std::cerr << "wordserver: " << reasonOf(thrown) << '\n';
         return 3;
     }
 }

@@ -1,9 +1,7 @@
 #pragma once
 
-#include <memory>
-
-#include <qel/xobject.h>
+#include <qel/qelown.h>
 
 /// Owns an object of a class that is not counted.
 template<class T>
-using Owned = std::unique_ptr<T, qelDelete>;
+using Owned = qel::owned<T>;

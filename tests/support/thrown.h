@@ -3,17 +3,7 @@
 #include <string>
 #include <type_traits>
 
-#include <qel/xobject.h>
-#include <qel/xstring.h>
-
-/// Releases a caught exception, as a catcher does.
-inline void letGo(xthrowable* thrown)
-{
-    if (thrown->isRefCountable())
-        xrcrelease(thrown);
-    else
-        xdelete(thrown);
-}
+#include <qel/qelcaught.h>
 
 /// The result of `describe` for the X that `action` throws, which is then released; `nothing` when it throws
 /// none. Any other framework exception fails the test.
@@ -25,11 +15,7 @@ Answer describeThrown(Action action, Describe describe, std::type_identity_t<Ans
         action();
         return nothing;
     } catch (xthrowable* thrown) {
-        struct Held
-        {
-            xthrowable* const thrown;
-            ~Held() { letGo(thrown); }
-        } const held{thrown};
+        const qel::caught failure(thrown);
         if constexpr (std::is_same_v<X, xthrowable>)
             return describe(thrown);
         else

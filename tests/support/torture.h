@@ -39,7 +39,7 @@ Outcome attempt(Work work)
         return outOfMemory;
     } catch (xthrowable* thrown) {
         failing::Failing::stop();
-        letGo(thrown);
+        const qel::caught freed(thrown);
         return reported;
     }
 }

@@ -13,6 +13,7 @@
 #include <qel/filelib.h>
 #include <qel/pcinterrupt.h>
 #include <qel/platform/errornumbers.h>
+#include <qel/qelown.h>
 #include <qel/tmtime.h>
 
 #include "commands.h"
@@ -83,8 +84,7 @@ public:
 private:
     ProgressLine line;
     double calls = 0;
-    std::unique_ptr<pcInterruptEvent, void (*)(pcInterruptEvent*)> interrupt{
-        pcInterruptEvent::Create(), [](pcInterruptEvent* event) { xdelete(event); }};
+    qel::owned<pcInterruptEvent> interrupt{pcInterruptEvent::Create()};
 };
 
 /// Collects failures, and continues if requested.
@@ -145,7 +145,7 @@ struct ListChoices
 
 std::string TimeText(tmTime* time)
 {
-    const std::unique_ptr<tmTime, void (*)(tmTime*)> owned(time, [](tmTime* old) { xdelete(old); });
+    const qel::owned<tmTime> owned(time);
     return tmTime::TimeToString(time, "%Y-%m-%dT%H:%M:%S%z").CastToCString();
 }
 

@@ -14,14 +14,12 @@
 #include <qel/pcinterrupt.h>
 #include <qel/pcprocess.h>
 #include <qel/qelexception.h>
+#include <qel/qelown.h>
 
 #include "files.h"
 #include "monitor.h"
 
 namespace {
-
-template<class T>
-using Owned = std::unique_ptr<T, qelDelete>;
 
 struct Choices
 {
@@ -128,7 +126,7 @@ private:
 void ForEachSample(const Choices& choices, const std::function<void(const Sample&)>& take)
 {
     Watcher watcher(choices);
-    const Owned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
+    const qel::owned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
     const btkTimeval start = btkTimeval::Now();
     const int count = choices.isOnce ? 1 : choices.count;
     for (int taken = 1;; ++taken) {
@@ -303,12 +301,12 @@ std::string ScriptFor(const std::map<std::string, Curve>& curves, const std::str
 void Draw(const std::string& script)
 {
     try {
-        const Owned<ioPipe> pipe(ioPipe::Create());
+        const qel::owned<ioPipe> pipe(ioPipe::Create());
         if (pipe == nullptr)
             Fail(Exit::peer, "gnuplot", "no pipe is left");
-        const Owned<pcProcess> drawing(
+        const qel::owned<pcProcess> drawing(
             pcProcess::Create("gnuplot", nullptr, pipe->getReadEnd(), nullptr, nullptr, 0, 0));
-        const Owned<pcEvent> end(drawing->ExitEvent());
+        const qel::owned<pcEvent> end(drawing->ExitEvent());
         pipe->getWriteEnd()->WriteBytes(script.data(), static_cast<unsigned>(script.size()));
         pipe->getWriteEnd()->Close();
         end->Wait(INFINITE);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <qel/base/btkfd.h>
+#include <qel/qelcaught.h>
 #include <qel/qelexception.h>
 #include <qel/xany.h>
 #include <qel/xrtti.h>
@@ -137,15 +138,11 @@ void AnswerNo()
     throw CommandFailed{Exit::no, {}, {}};
 }
 
-CommandFailed FailureOf(xthrowable* caught, Exit status, const std::string& what)
+CommandFailed FailureOf(xthrowable* thrown, Exit status, const std::string& what)
 {
-    const std::string place = PathOf(*caught);
-    CommandFailed failed{status, place.empty() ? what : place, qelTextOf(caught).CastToCString()};
-    if (caught->isRefCountable())
-        xrcrelease(caught);
-    else
-        xdelete(caught);
-    return failed;
+    const qel::caught failure(thrown);
+    const std::string place = PathOf(*thrown);
+    return {status, place.empty() ? what : place, failure.what().CastToCString()};
 }
 
 // ---- results

@@ -10,14 +10,12 @@
 #include <qel/netaddress.h>
 #include <qel/netserver.h>
 #include <qel/pcinterrupt.h>
+#include <qel/qelown.h>
 #include <qel/rshprocess.h>
 
 #include "commands.h"
 
 namespace {
-
-template<class T>
-using Owned = std::unique_ptr<T, qelDelete>;
 
 struct AskChoices
 {
@@ -30,13 +28,13 @@ struct AskChoices
     bool hasNoInput = false;
 };
 
-Owned<netSocketStream> Connect(const AskChoices& choices)
+qel::owned<netSocketStream> Connect(const AskChoices& choices)
 {
     const xrchandle<netAddress> address(choices.name.empty()
                                             ? netAddress::Create(choices.port, choices.host.c_str())
                                             : netAddress::Create(choices.name.c_str(), choices.host.c_str()));
     try {
-        Owned<netSocketStream> stream(netServer::Connect(address.get(), choices.seconds));
+        qel::owned<netSocketStream> stream(netServer::Connect(address.get(), choices.seconds));
         if (stream != nullptr)
             return stream;
     } catch (xthrowable* thrown) {
@@ -54,11 +52,11 @@ std::string LineOf(const std::vector<std::string>& words, bool useShell)
     return line;
 }
 
-Owned<rshProcess> Start(const AskChoices& choices, const std::vector<std::string>& words,
-                        netSocketStream& connection)
+qel::owned<rshProcess> Start(const AskChoices& choices, const std::vector<std::string>& words,
+                             netSocketStream& connection)
 {
     ioStream* const in = choices.hasNoInput ? nullptr : ioStream::getStdin();
-    Owned<rshProcess> process;
+    qel::owned<rshProcess> process;
     try {
         process.reset(rshProcess::Create(&connection, LineOf(words, choices.useShell).c_str(),
                                          choices.directory.c_str(), in, ioStream::getStdout(),
@@ -94,8 +92,8 @@ private:
 // when its output has no reader any more; it has then been terminated.
 bool Attend(rshProcess& process, const std::string& host)
 {
-    const Owned<rshEvent> end(process.ExitEvent());
-    const Owned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
+    const qel::owned<rshEvent> end(process.ExitEvent());
+    const qel::owned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
     btkEvent outputFailure(new btkSelectEvent(1, 2)); // set when the pipe has no reader
     btkEvent::List events = {end.get(), interrupt.get(), &outputFailure};
     Insistence insistence;
@@ -127,10 +125,10 @@ void Ask(const AskChoices& choices, const std::vector<std::string>& words)
     if (words.empty())
         Fail(Exit::usage, "COMMAND", "what is to be run?");
     const btkTimeval end = btkTimeval::Now() + btkTimeval(choices.seconds);
-    const Owned<netSocketStream> connection = Connect(choices);
+    const qel::owned<netSocketStream> connection = Connect(choices);
     connection->setUrgentSpacing(0.2);
     rshProcess::setAnswerLimit((end - btkTimeval::Now()).ToSeconds());
-    const Owned<rshProcess> process = Start(choices, words, *connection);
+    const qel::owned<rshProcess> process = Start(choices, words, *connection);
     if (!Attend(*process, choices.host))
         throw CommandFailed{};
     if (ioStream::getStdout()->getIsBad() != 0 || ioStream::getStderr()->getIsBad() != 0)

@@ -17,6 +17,7 @@
 #include <qel/netrights.h>
 #include <qel/netserver.h>
 #include <qel/pcprocess.h>
+#include <qel/qelown.h>
 #include <qel/rshserver.h>
 
 #include "commands.h"
@@ -25,9 +26,6 @@
 namespace {
 
 constexpr std::size_t mostUnfinished = 64;
-
-template<class T>
-using Owned = std::unique_ptr<T, qelDelete>;
 
 struct ServeChoices
 {
@@ -199,7 +197,7 @@ struct RunCommand : netBaseServer_OnAsyncRequest_cb
     }
     netServerLoopAction Invoke(netBaseServer*, netSocketStream* stream, evtEvent* stop) override
     {
-        const Owned<netSocketStream> connection(stream);
+        const qel::owned<netSocketStream> connection(stream);
         rshRequest request;
         {
             // A client without a complete request does not occupy a command's place.
@@ -260,7 +258,7 @@ void Serve(const ServeChoices& choices)
     if (!listening->Listen(choices.port, choices.interface == "*" ? nullptr : choices.interface.c_str()))
         Fail(Exit::peer, choices.interface + ", port " + std::to_string(choices.port),
              std::string("cannot listen: ") + std::strerror(errno));
-    const Owned<ShellServer> server(new (pDefMemMgr) ShellServer(listening.release(), choices));
+    const qel::owned<ShellServer> server(new (pDefMemMgr) ShellServer(listening.release(), choices));
     if (choices.isRegistered)
         server->RegisterByName();
     server->setOnRequest(&request);

@@ -6,7 +6,6 @@
 #include <exception>
 #include <filesystem>
 #include <functional>
-#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
@@ -19,15 +18,14 @@
 #include <qel/iofilestream.h>
 #include <qel/netaddress.h>
 #include <qel/netserver.h>
+#include <qel/qelcaught.h>
+#include <qel/qelown.h>
 #include <qel/syslib.h>
 #include <qel/xmonlib.h>
 
 #include "commands.h"
 
 namespace {
-
-template<class T>
-using Owned = std::unique_ptr<T, qelDelete>;
 
 constexpr const char* text = "Grüße";
 constexpr int number = 20260;
@@ -46,14 +44,14 @@ void TestFiles(const std::string& folder)
     const std::string path = folder + "/file";
     const std::string copy = folder + "/copy";
     {
-        const Owned<ioFileStream> file(ioFileStream::Open(path.c_str(), ioWriteOnly));
+        const qel::owned<ioFileStream> file(ioFileStream::Open(path.c_str(), ioWriteOnly));
         Require(file != nullptr, "a file cannot be created");
         file->WriteInt(number);
         file->WriteString(text);
     }
     fsCopy(path.c_str(), copy.c_str(), fsForceNew, fsNewLink, fsSimple);
     {
-        const Owned<ioFileStream> file(ioFileStream::Open(copy.c_str(), ioReadOnly));
+        const qel::owned<ioFileStream> file(ioFileStream::Open(copy.c_str(), ioReadOnly));
         Require(file != nullptr, "the copy cannot be opened");
         Require(file->ReadInt() == number && file->ReadString(nullptr) == text,
                 "the copy differs from the file");
@@ -65,10 +63,10 @@ void TestFiles(const std::string& folder)
 void TestMonitor(const std::string& folder)
 {
     const std::string path = folder + "/monitor";
-    const Owned<monFile> writer(monFile::Create(path.c_str(), "selftest"));
+    const qel::owned<monFile> writer(monFile::Create(path.c_str(), "selftest"));
     Require(writer != nullptr, "a monitor file cannot be created");
     writer->Int("number")->setValue(number);
-    const Owned<monFile> reader(monFile::Open(path.c_str()));
+    const qel::owned<monFile> reader(monFile::Open(path.c_str()));
     Require(reader != nullptr && reader->Int("number")->getValue() == number,
             "the value differs from the one set");
     writer->String("text", 100)->setValue(text);
@@ -103,12 +101,12 @@ struct Echo : netBaseServer_OnRequest_cb
 {
     netServerLoopAction Invoke(netBaseServer*, netSocketStream* accepted) override
     {
-        const Owned<netSocketStream> stream(accepted);
+        const qel::owned<netSocketStream> stream(accepted);
         try {
             stream->WriteInt(stream->ReadInt());
             stream->WriteString(stream->ReadString(nullptr).CastToCString());
-        } catch (xthrowable* broken) { // the client reports the failure
-            xdelete(broken);
+        } catch (xthrowable* thrown) {
+            const qel::caught broken(thrown); // the client reports the failure
         }
         return netServerContinue;
     }
@@ -136,7 +134,7 @@ private:
 void RequireEcho(netAddress* address)
 {
     constexpr double limit = 2; // seconds
-    const Owned<netSocketStream> stream(netServer::Connect(address, limit));
+    const qel::owned<netSocketStream> stream(netServer::Connect(address, limit));
     Require(stream != nullptr, "the server does not answer");
     stream->setITimeout(limit); // where no descriptor is left, it cannot accept
     stream->WriteInt(number);
@@ -148,7 +146,7 @@ void RequireEcho(netAddress* address)
 void TestServer(const std::string&)
 {
     Echo echo;
-    const Owned<netServer> server(netServer::Create(nullptr, 0));
+    const qel::owned<netServer> server(netServer::Create(nullptr, 0));
     Require(server != nullptr, "no port is available");
     server->setOnRequest(&echo);
     const xrchandle<netAddress> address(netAddress::Create(server->getPortN(), nullptr));
@@ -170,7 +168,7 @@ void TestNames(const std::string&)
     Echo echo;
     const xrchandle<netAddress> address(netAddress::Create("selftest", nullptr));
     {
-        const Owned<netServer> server(netServer::Create("selftest", 0, "127.0.0.1"));
+        const qel::owned<netServer> server(netServer::Create("selftest", 0, "127.0.0.1"));
         Require(server != nullptr, "no port is available");
         server->setOnRequest(&echo);
         const Beside loop([&] { server->Run(); }, [&] { server->Stop(); });

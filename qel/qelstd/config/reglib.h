@@ -9,6 +9,7 @@
 class QEL_API regXNameInvalid : public virtual xthrowable
 {
     QEL_OBJECT(regXNameInvalid); // "reglib::XNameInvalid"
+    QEL_NOT_COUNTED;
 
 public:
     explicit regXNameInvalid(const char* name);
@@ -24,6 +25,7 @@ private:
 class QEL_API regXKeyClosed : public virtual xthrowable
 {
     QEL_OBJECT(regXKeyClosed); // "reglib::XKeyClosed"
+    QEL_NOT_COUNTED;
 
 public:
     [[noreturn]] static void Throw();
@@ -33,6 +35,7 @@ public:
 class QEL_API regXAccess : public virtual xthrowable
 {
     QEL_OBJECT(regXAccess); // "reglib::XAccess"
+    QEL_NOT_COUNTED;
 
 public:
     [[noreturn]] static void Throw();
@@ -46,6 +49,7 @@ public:
 class QEL_API regKey : public virtual xobject
 {
     QEL_OBJECT(regKey); // "reglib::Key"
+    QEL_NOT_COUNTED;
 
 public:
     explicit regKey(const hmxRegistryKey& opened) : key(opened) {}

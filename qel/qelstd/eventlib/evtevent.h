@@ -17,6 +17,7 @@ inline constexpr double INFINITE = xnullreal;
 class QEL_API evtEvent : public btkEvent, public virtual xobject
 {
     QEL_OBJECT(evtEvent); // "eventlib::Event"
+    QEL_NOT_COUNTED;
 
 public:
     /// Waits until at least one event of `events` is signaled or `timeout` has passed. Returns how many are

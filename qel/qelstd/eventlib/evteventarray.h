@@ -8,6 +8,7 @@
 class QEL_API evtEventArray : public xtssequence<evtEvent*>
 {
     QEL_OBJECT(evtEventArray); // "eventlib::EventArray"
+    QEL_NOT_COUNTED;
 
 public:
     evtEventArray() : xtssequence({false, 256}) {}

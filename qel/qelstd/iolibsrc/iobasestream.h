@@ -81,6 +81,7 @@ private:
 class QEL_API ioStream : public virtual xobject
 {
     QEL_OBJECT(ioStream); // "iolib::Stream"
+    QEL_NOT_COUNTED;
 
 public:
     ioStream(const ioStream&) = delete;
@@ -352,6 +353,7 @@ QEL_API void CopyStream(ioStream* to, ioStream* from);
 class QEL_API ioXStream : public virtual xthrowable
 {
     QEL_OBJECT(ioXStream); // "iolib::XStream"
+    QEL_NOT_COUNTED;
 
 public:
     /// `msg` names the function if the error concerns one. The text describes the stream's current state.

@@ -40,6 +40,7 @@ private:
 class QEL_API ioPipe : public virtual xobject
 {
     QEL_OBJECT(ioPipe); // "iolib::Pipe"
+    QEL_NOT_COUNTED;
 
 public:
     /// Null when the operating system has no descriptors left.

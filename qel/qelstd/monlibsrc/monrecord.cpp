@@ -6,7 +6,7 @@
 #include <qel/base/btkbyteorder.h>
 
 #include "monfile_p.h"
-#include "qelcaught_p.h"
+#include "qelcaught.h"
 
 // ---- the format
 
@@ -148,7 +148,7 @@ void monFile::Inside::UpdateCache()
             // Since the size was taken, a writer may have cut off a record that was never finished.
             if (!stream->getIsEof() || left == 0)
                 throw;
-            const qelCaught caught(thrown);
+            const qel::caught caught(thrown);
         }
     }
 }
@@ -263,7 +263,7 @@ monFile::State monFile::Check(int& offset)
         if (qelXNativeException::softcast(thrown) == nullptr || isReplaced() ||
             btkGetFileSize(inside->stream->fileBuf->GetHandle()) < inside->readUpTo)
             throw;
-        const qelCaught caught(thrown);
+        const qel::caught caught(thrown);
         state = damaged;
     }
     offset = inside->readUpTo;

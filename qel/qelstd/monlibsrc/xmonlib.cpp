@@ -13,7 +13,7 @@
 #include <qel/platform/errortable.h>
 
 #include "monfile_p.h"
-#include "qelcaught_p.h"
+#include "qelcaught.h"
 #include "qeltable.h"
 
 constinit qelClass monFile::rtti = {
@@ -259,7 +259,7 @@ bool monFile::Reopen()
     try {
         file.reset(Inside::OpenAt(old.path, old.stream->getPath().CastToCString()));
     } catch (xthrowable* thrown) { // the file is not complete yet
-        const qelCaught caught(thrown);
+        const qel::caught caught(thrown);
         platFailWith(ERROR_FILE_CORRUPT);
     }
     if (file == nullptr)

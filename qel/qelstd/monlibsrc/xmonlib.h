@@ -32,6 +32,7 @@ class monFile;
 class QEL_API monParam : public virtual xobject
 {
     QEL_OBJECT(monParam); // "monlib::Param"
+    QEL_NOT_COUNTED;
 
 public:
     monParam(const monParam&) = delete;
@@ -123,6 +124,7 @@ private:
 class QEL_API monParamDict : public xtsdictionary<monParam*>
 {
     QEL_OBJECT(monParamDict); // "monlib::ParamDict", not counted
+    QEL_NOT_COUNTED;
 
 public:
     monParamDict() = default;
@@ -134,6 +136,7 @@ public:
 class QEL_API monFile : public virtual xobject
 {
     QEL_OBJECT(monFile); // "monlib::File"
+    QEL_NOT_COUNTED;
 
 public:
     monFile(const monFile&) = delete;

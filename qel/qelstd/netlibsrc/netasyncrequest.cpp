@@ -99,7 +99,7 @@ void netAsyncRequest::TellToStop(btkTimeval grace) noexcept
         ControlStream()->WriteBytes(&byte, 1);
         ControlStream()->Flush(true);
     } catch (xthrowable* e) { // the body has returned or returns by itself
-        const qelCaught caught(e);
+        const qel::caught caught(e);
     } catch (const std::bad_alloc&) { // memory ran out for the report
     }
 }

@@ -99,6 +99,7 @@ private:
 class QEL_API netBaseServer : public virtual xobject
 {
     QEL_OBJECT(netBaseServer); // "netlib::BaseServer"
+    QEL_NOT_COUNTED;
 
 public:
     /// A new server on `port`; 0 or xnullint lets the system choose. `name`: null or xnullstr for none.

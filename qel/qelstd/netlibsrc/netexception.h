@@ -11,6 +11,7 @@ QEL_ENUM(netError); // "netlib::Error"
 class QEL_API netXException : public virtual xthrowable
 {
     QEL_OBJECT(netXException); // "netlib::XException"
+    QEL_NOT_COUNTED;
 
 public:
     netXException(netError code, const char* text) : error(code), msg(text) {}

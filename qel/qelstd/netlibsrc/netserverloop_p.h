@@ -13,7 +13,7 @@
 
 #include "netasyncrequest_p.h"
 #include "netbaseserver.h"
-#include "qelcaught_p.h"
+#include "qelcaught.h"
 
 /// The loop of a server: its port, the waiting connections, and the asynchronous requests.
 class [[gnu::visibility("hidden")]] netBaseServer::Loop

@@ -19,6 +19,7 @@ public:
 class QEL_API netService : public virtual xobject
 {
     QEL_OBJECT(netService); // "netlib::Service"
+    QEL_NOT_COUNTED;
 
 public:
     static netService* Create(const char* name, xrchandle<xstringsequence> parms, const char* displayName);

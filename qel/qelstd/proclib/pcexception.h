@@ -33,6 +33,7 @@ inline constexpr pcCreateError badErr = static_cast<pcCreateError>(13);
 class QEL_API pcXException : public virtual xthrowable
 {
     QEL_OBJECT(pcXException); // "proclib::XException"
+    QEL_NOT_COUNTED;
 
 public:
     /// "Process manipulation error", unless a class overrides it.

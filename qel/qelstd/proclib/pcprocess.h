@@ -18,6 +18,7 @@ QEL_ENUM(pcProcessStatus); // "proclib::ProcessStatus"
 class QEL_API pcProcess : public virtual xobject
 {
     QEL_OBJECT(pcProcess); // "proclib::Process"
+    QEL_NOT_COUNTED;
 
 public:
     /// Starts the program that `command` names, found by PATH, in the directory `workDir`, in native or

@@ -10,6 +10,7 @@ QEL_ENUM(rshError); // "rshlib::Error"
 class QEL_API rshXException : public virtual xthrowable
 {
     QEL_OBJECT(rshXException); // "rshlib::XException"
+    QEL_NOT_COUNTED;
 
 public:
     rshError getError() { return Error; }

@@ -328,7 +328,7 @@ int rshProcess::OnStart()
         const rshOwned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
         code = Session(*connection, SignalStream(), input, output, errors).Serve();
     } catch (xthrowable* thrown) {
-        const qelCaught freed(thrown);
+        const qel::caught freed(thrown);
     } catch (const std::exception&) { // out of memory: as when the connection is lost
     }
     CloseThreadsEnds();

@@ -19,6 +19,7 @@ class rshEvent;
 class QEL_API rshProcess : public netThread, public virtual xobject
 {
     QEL_OBJECT(rshProcess); // "rshlib::Process"
+    QEL_NOT_COUNTED;
 
 public:
     /// Runs `command` at the other end of `s`, in the directory `workDir` of that machine (null or empty:
@@ -99,6 +100,7 @@ private:
 class QEL_API rshConnection : public virtual xobject
 {
     QEL_OBJECT(rshConnection); // "rshlib::Connection"
+    QEL_NOT_COUNTED;
 
 public:
     /// Not implemented: ends the process with the fatal report. A connector derives its own class and

@@ -11,7 +11,7 @@
 
 #include <qel/iobasestream.h>
 
-#include "qelcaught_p.h"
+#include "qelcaught.h"
 
 /// The first integer of each message after the start.
 enum rshTag : int {
@@ -40,7 +40,7 @@ bool rshSucceeds(Work work)
         work();
         return true;
     } catch (xthrowable* thrown) {
-        const qelCaught freed(thrown);
+        const qel::caught freed(thrown);
         return false;
     }
 }

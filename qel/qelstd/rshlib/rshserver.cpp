@@ -104,7 +104,7 @@ public:
             qelXException* const refused = qelXException::softcast(thrown);
             if (failure == nullptr && refused == nullptr)
                 throw;
-            const qelCaught freed(thrown);
+            const qel::caught freed(thrown);
             if (failure != nullptr)
                 ReplyFailure(urgentStream, failure->getError(), failure->getMsg().CastToCString());
             else
@@ -354,7 +354,7 @@ int rshServer::OnStart()
     try {
         Execute(connection, baseDirectory.CastToCString(), stop.get());
     } catch (xthrowable* thrown) {
-        const qelCaught freed(thrown);
+        const qel::caught freed(thrown);
     } catch (const std::exception&) { // out of memory: the command's owner has terminated it
     }
     return 0;

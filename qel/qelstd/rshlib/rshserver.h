@@ -44,6 +44,7 @@ private:
 class QEL_API rshServer : public netThread, public virtual xobject
 {
     QEL_OBJECT(rshServer); // "rshlib::Server"
+    QEL_NOT_COUNTED;
 
 public:
     /// Serves one request on `s` in a separate thread. The caller keeps ownership of `s` and must not use it

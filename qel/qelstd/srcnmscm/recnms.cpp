@@ -6,7 +6,7 @@
 #include <qel/base/nmsclient.h>
 
 #include "hmxregistry.h"
-#include "qelcaught_p.h"
+#include "qelcaught.h"
 #include "qelfatal_p.h"
 #include "qeltable.h"
 #include "recnms_p.h"
@@ -204,7 +204,7 @@ bool nmsRecord::Send(ioStream* s)
         s->WriteBytes(encoded.data(), static_cast<unsigned>(encoded.size()));
         return isWhole;
     } catch (xthrowable* failure) {
-        const qelCaught held(failure);
+        const qel::caught held(failure);
         return false;
     }
 }
@@ -220,7 +220,7 @@ bool nmsRecord::Receive(ioStream* s, const char* limitsKey)
             if (s->ReadBytes(piece, static_cast<unsigned>(wanted)) != wanted || !reader.Take(piece))
                 break;
     } catch (xthrowable* failure) {
-        const qelCaught held(failure);
+        const qel::caught held(failure);
     }
     nmsRecordWire::Take(*this, reader.record);
     return reader.IsWhole();

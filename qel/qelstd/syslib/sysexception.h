@@ -8,6 +8,7 @@
 class QEL_API sysXException : public virtual qelXExternFunc
 {
     QEL_OBJECT(sysXException); // "syslib::XException"
+    QEL_NOT_COUNTED;
 
 public:
     sysXException(const char* description, qelXFunc* func);

@@ -11,6 +11,7 @@ class tmTime;
 class QEL_API tmXException : public virtual qelXExternFunc
 {
     QEL_OBJECT(tmXException); // "timelib::XException"
+    QEL_NOT_COUNTED;
 
 public:
     tmXException(const char* description, qelXFunc* func);

@@ -9,6 +9,7 @@
 class QEL_API tmTime : public virtual xobject
 {
     QEL_OBJECT(tmTime); // "timelib::Time"
+    QEL_NOT_COUNTED;
 
 public:
     explicit tmTime(long t) : AbsTime(static_cast<double>(t)) {}

@@ -18,6 +18,8 @@ template<>
 inline constexpr bool qelIsMovedByBits<xstring> = true;
 template<>
 inline constexpr bool qelIsMovedByBits<xany> = true;
+template<class T>
+inline constexpr bool qelIsMovedByBits<xrchandle<T>> = true;
 
 /// Whether destroying a value runs only this library's own code. Overload it for classes known to qualify.
 template<class T>

@@ -8,6 +8,7 @@ class xrttiattr;
 class QEL_API xrttiattrseq : public xtssequence<xrttiattr*>
 {
     QEL_OBJECT(xrttiattrseq); // "xrttiattrseq"
+    QEL_NOT_COUNTED;
 
 public:
     static xrttiattrseq* create() { return new (pDefMemMgr) xrttiattrseq; }

@@ -9,6 +9,7 @@
 class QEL_API xportXCannotConnect : public virtual qelXException
 {
     QEL_OBJECT(xportXCannotConnect); // "qeljava::XCannotConnect"
+    QEL_NOT_COUNTED;
     QEL_FIELD(xstring, Host);
     QEL_FIELD(int, Port);
 
@@ -21,6 +22,7 @@ public:
 class QEL_API xportXMsgStringTooLong : public virtual qelXException
 {
     QEL_OBJECT(xportXMsgStringTooLong); // "qeljava::XMsgStringTooLong"
+    QEL_NOT_COUNTED;
     QEL_FIELD(xstring, Msg);
 
 public:
@@ -32,6 +34,7 @@ public:
 class QEL_API xportXFlushFailed : public virtual qelXException
 {
     QEL_OBJECT(xportXFlushFailed); // "qeljava::XFlushFailed"
+    QEL_NOT_COUNTED;
 
 public:
     xportXFlushFailed();
@@ -42,6 +45,7 @@ public:
 class QEL_API xportXNullInNonOptArg : public virtual qelXException
 {
     QEL_OBJECT(xportXNullInNonOptArg); // "qeljava::XNullInNonOptArg"
+    QEL_NOT_COUNTED;
     QEL_FIELD(xstring, ParamName);
 
 public:
@@ -55,6 +59,7 @@ public:
 class QEL_API xportXTimeout : public virtual qelXException
 {
     QEL_OBJECT(xportXTimeout); // "qeljava::XTimeout"
+    QEL_NOT_COUNTED;
     /// The operation that timed out.
     QEL_FIELD(xstring, OpName);
 

@@ -50,6 +50,24 @@ private:                                               \
     }                                                  \
     static qelClass rtti
 
+/// In the body of a class whose table does not say `.counted = true`, after QEL_OBJECT: lets the compiler
+/// refuse counted handles of this class and those derived from it. A derived class that is counted says
+/// QEL_COUNTED.
+#define QEL_NOT_COUNTED                       \
+public:                                       \
+    static constexpr bool qelCounted = false; \
+                                              \
+private:                                      \
+    static_assert(true)
+
+/// The opposite: the compiler refuses to have the class's objects owned by qel::own.
+#define QEL_COUNTED                          \
+public:                                      \
+    static constexpr bool qelCounted = true; \
+                                             \
+private:                                     \
+    static_assert(true)
+
 /// After an enumeration: declares its descriptor, `qelGetRtti_E()`. Its source uses QEL_LABELS (qeltable.h).
 /// Declare the enumeration with its type (`enum Colour : int`): null lies outside the enumerators.
 #define QEL_ENUM(E)                      \

@@ -299,3 +299,10 @@ xrttienum* qelBuildEnum(const char* name, int count, const char* list)
     static_cast<void>(labels.release());
     return type.release();
 }
+
+void qelAbortCounted(xrtti* type)
+{
+    QEL_ABORT((std::string(type->getName().CastToCString()) +
+               ": QEL_COUNTED or QEL_NOT_COUNTED contradicts the table's `.counted`")
+                  .c_str());
+}

@@ -419,13 +419,20 @@ constexpr bool qelCountsFromZero(std::initializer_list<E> values)
 
 // ---- registration
 
+/// Aborts the process: QEL_COUNTED or QEL_NOT_COUNTED in the class's body contradicts its table.
+[[noreturn]] QEL_API void qelAbortCounted(xrtti* type);
+
 template<class T>
 void qelRegisterOne()
 {
-    if constexpr (std::is_enum_v<T>)
+    if constexpr (std::is_enum_v<T>) {
         qelEnumRtti(static_cast<T*>(nullptr));
-    else
-        T::getClassRtti();
+    } else {
+        xrttiobject* const type = T::getClassRtti();
+        if constexpr (requires { T::qelCounted; })
+            if ((type->getIsRefCount() != 0) != T::qelCounted)
+                qelAbortCounted(type);
+    }
 }
 
 /// The facts of a type in a qelRegister beyond its descriptor.

@@ -1,11 +1,42 @@
 #pragma once
 
+#include <compare>
 #include <cstddef>
+#include <string_view> // std::hash
 #include <type_traits>
 
 #include <qel/xroot.h>
 
-/// Common base of the handles: one pointer. Null and xuninitobj are stored unchanged.
+/// Whether counted handles may hold objects of T: false for a class that says QEL_NOT_COUNTED.
+template<class T>
+consteval bool qelMayBeCounted()
+{
+    if constexpr (requires { T::qelCounted; })
+        return T::qelCounted;
+    else
+        return true;
+}
+
+/// Whether pointers to the two classes can be compared.
+template<class T, class U>
+concept qelComparable = std::is_convertible_v<T*, const U*> || std::is_convertible_v<U*, const T*>;
+
+/// Whether two pointers are the same object, or the same marker. Neither object is accessed unless a virtual
+/// base class lies between the two types.
+template<class T, class U>
+requires qelComparable<T, U>
+bool qelIsSame(const T* a, const U* b)
+{
+    if constexpr (std::is_same_v<T, U>)
+        return a == b;
+    else if constexpr (std::is_convertible_v<const U*, const T*>)
+        return a == qelUpcast<const T>(b);
+    else
+        return qelUpcast<const U>(a) == b;
+}
+
+/// Common base of the handles: one pointer. Null and xuninitobj are stored unchanged. Handles compare by
+/// identity, with each other, with pointers and with null. xuninitobj is not null.
 template<class T>
 class xrcbasehandle
 {
@@ -18,44 +49,87 @@ public:
     explicit operator bool() const { return qelIsObject(pointer); }
 
 protected:
-    explicit xrcbasehandle(T* p) : pointer(p) {}
+    explicit xrcbasehandle(T* p) noexcept : pointer(p) {}
     xrcbasehandle(const xrcbasehandle&) = default;
     xrcbasehandle& operator=(const xrcbasehandle&) = default;
     ~xrcbasehandle() { pointer = nullptr; }
 
+    /// The object as the functions that count take it: the count of a const object changes, too.
+    static xobject* counted(T* p) { return qelObjectOf(const_cast<std::remove_const_t<T>*>(p)); }
+
     T* pointer;
 };
 
+template<class T, class U>
+requires qelComparable<T, U>
+bool operator==(const xrcbasehandle<T>& a, const xrcbasehandle<U>& b)
+{
+    return qelIsSame(a.get(), b.get());
+}
+template<class T, class U>
+requires qelComparable<T, U>
+bool operator==(const xrcbasehandle<T>& a, U* b)
+{
+    return qelIsSame(a.get(), b);
+}
+template<class T>
+bool operator==(const xrcbasehandle<T>& a, std::nullptr_t)
+{
+    return a.get() == nullptr;
+}
+/// The order of the addresses.
+template<class T>
+std::strong_ordering operator<=>(const xrcbasehandle<T>& a, const xrcbasehandle<T>& b)
+{
+    return std::compare_three_way()(a.get(), b.get());
+}
+template<class T>
+std::strong_ordering operator<=>(const xrcbasehandle<T>& a, std::type_identity_t<T>* b)
+{
+    return std::compare_three_way()(a.get(), b);
+}
+
 /// A handle that always counts: it owns one counted reference to its object. For objects of countable
-/// classes. Attach an object that must outlive a temporary handle first: a new object is deleted when its
-/// first handle releases it. Each handle is used by one thread at a time; the objects may be shared.
+/// classes; `T` may be const. Attach an object that must outlive a temporary handle first: a new object is
+/// deleted when its first handle releases it. Each handle is used by one thread at a time; the objects may be
+/// shared.
 template<class T>
 class xrchandle : public xrcbasehandle<T>
 {
     using base = xrcbasehandle<T>;
+    using base::counted;
+    template<class U>
+    friend class xrchandle;
 
 public:
-    xrchandle() : base(nullptr) {}
-    xrchandle(std::nullptr_t) : base(nullptr) {}
+    xrchandle() noexcept : base(nullptr) {}
+    xrchandle(std::nullptr_t) noexcept : base(nullptr) {}
     /// Takes its own reference.
-    xrchandle(T* p) : base(p) { xrcattach(qelObjectOf(p)); }
+    xrchandle(T* p) : base(p)
+    {
+        static_assert(qelMayBeCounted<T>(), "objects of this class are not counted: own them by qel::own(p)");
+        xrcattach(counted(p));
+    }
     xrchandle(const xrchandle& other) : xrchandle(other.pointer) {}
-    xrchandle(xrchandle&& other) noexcept : base(other.pointer) { other.pointer = nullptr; }
+    xrchandle(xrchandle&& other) noexcept : base(other.giveUp()) {}
     template<class U>
     requires std::is_convertible_v<U*, T*> xrchandle(const xrchandle<U>& other)
         : xrchandle(qelUpcast<T>(other.get()))
     {
     }
-    ~xrchandle() { xrcrelease(qelObjectOf(this->pointer)); }
+    template<class U>
+    requires std::is_convertible_v<U*, T*> xrchandle(xrchandle<U>&& other)
+    noexcept : base(qelUpcast<T>(other.giveUp())) {}
+    ~xrchandle() { xrcrelease(counted(this->pointer)); }
 
     xrchandle& operator=(T* p)
     {
         if (p != this->pointer) {
             // Attach before release: the held object may be the only owner of `p`.
             T* const old = this->pointer;
-            xrcattach(qelObjectOf(p));
+            xrcattach(counted(p));
             this->pointer = p;
-            xrcrelease(qelObjectOf(old));
+            xrcrelease(counted(old));
         }
         return *this;
     }
@@ -64,11 +138,19 @@ public:
     {
         if (this != &other) {
             T* const old = this->pointer;
-            this->pointer = other.pointer;
-            other.pointer = nullptr;
-            xrcrelease(qelObjectOf(old));
+            this->pointer = other.giveUp();
+            xrcrelease(counted(old));
         }
         return *this;
+    }
+
+private:
+    /// Leaves null; the caller owns the reference.
+    T* giveUp() noexcept
+    {
+        T* const p = this->pointer;
+        this->pointer = nullptr;
+        return p;
     }
 };
 
@@ -81,22 +163,22 @@ class xrcunihandle : public xrcbasehandle<T>
     using base = xrcbasehandle<T>;
 
 public:
-    xrcunihandle() : base(nullptr) {}
-    xrcunihandle(std::nullptr_t) : base(nullptr) {}
+    xrcunihandle() noexcept : base(nullptr) {}
+    xrcunihandle(std::nullptr_t) noexcept : base(nullptr) {}
     /// Takes its own reference when the class of `p` is countable.
-    xrcunihandle(T* p) : base(p), counted(attach(p)) {}
+    xrcunihandle(T* p) : base(p), isCounted(attach(p)) {}
     xrcunihandle(const xrcunihandle& other) : xrcunihandle(other.pointer) {}
-    xrcunihandle(xrcunihandle&& other) noexcept : base(other.pointer), counted(other.counted)
+    xrcunihandle(xrcunihandle&& other) noexcept : base(other.pointer), isCounted(other.isCounted)
     {
         other.pointer = nullptr;
-        other.counted = false;
+        other.isCounted = false;
     }
     template<class U>
     requires std::is_convertible_v<U*, T*> xrcunihandle(const xrcbasehandle<U>& other)
         : xrcunihandle(qelUpcast<T>(other.get()))
     {
     }
-    ~xrcunihandle() { release(this->pointer, counted); }
+    ~xrcunihandle() { release(this->pointer, isCounted); }
 
     xrcunihandle& operator=(T* p)
     {
@@ -104,9 +186,9 @@ public:
             // Attach before release: the held object may be the only owner of `p`.
             const bool newCounted = attach(p);
             T* const old = this->pointer;
-            const bool oldCounted = counted;
+            const bool oldCounted = isCounted;
             this->pointer = p;
-            counted = newCounted;
+            isCounted = newCounted;
             release(old, oldCounted);
         }
         return *this;
@@ -116,11 +198,11 @@ public:
     {
         if (this != &other) {
             T* const old = this->pointer;
-            const bool oldCounted = counted;
+            const bool oldCounted = isCounted;
             this->pointer = other.pointer;
-            counted = other.counted;
+            isCounted = other.isCounted;
             other.pointer = nullptr;
-            other.counted = false;
+            other.isCounted = false;
             release(old, oldCounted);
         }
         return *this;
@@ -131,17 +213,17 @@ private:
     {
         if (!qelIsObject(p))
             return false;
-        xobject* const object = p;
+        xobject* const object = base::counted(p);
         xrcattach(object);
         return xrcgetcount(object) > 0; // objects of classes that are not countable now have -1
     }
     static void release(T* p, bool wasCounted)
     {
         if (wasCounted)
-            xrcunirelease(p);
+            xrcunirelease(base::counted(p));
     }
 
-    bool counted = false;
+    bool isCounted = false;
 };
 
 /// A T in automatic or member storage: handles may point to it, and releasing the last reference sets its
@@ -155,4 +237,27 @@ public:
 
 private:
     unsigned char isDeletable() override { return 0; }
+};
+
+namespace qel {
+
+/// Constructs a T, whose class is countable, and returns the handle that owns it.
+template<class T, class... A>
+xrchandle<T> make(A&&... arguments)
+{
+    static_assert(qelMayBeCounted<T>(), "objects of this class are not counted: own them by qel::own(p)");
+    return xrchandle<T>(new (pDefMemMgr) T(static_cast<A&&>(arguments)...));
+}
+
+} // namespace qel
+
+template<class T>
+struct std::hash<xrchandle<T>>
+{
+    std::size_t operator()(const xrchandle<T>& h) const noexcept { return std::hash<T*>()(h.get()); }
+};
+template<class T>
+struct std::hash<xrcunihandle<T>>
+{
+    std::size_t operator()(const xrcunihandle<T>& h) const noexcept { return std::hash<T*>()(h.get()); }
 };

@@ -19,6 +19,7 @@ using xrttigetter = xany (*)(xobject* owner);
 class QEL_API xrtti : public virtual xobject
 {
     QEL_OBJECT(xrtti);
+    QEL_NOT_COUNTED;
 
 public:
     /// Returns the qualified name of the type, such as "filelib::NodeInfo"; "object" or "int" for the
@@ -105,6 +106,7 @@ private:
 class QEL_API xrttiattr : public virtual xobject
 {
     QEL_OBJECT(xrttiattr);
+    QEL_NOT_COUNTED;
 
 public:
     xrttiattr(const char* attrName, xrtti* attrType, unsigned char optional, xrttigetter read);

@@ -12,7 +12,7 @@
 
 #include <qel/base/thrcancellation.h>
 
-#include "qelcaught_p.h"
+#include "qelcaught.h"
 #include "qelrtti.h"
 #include "qeltraverse_p.h"
 #include "xsequence.h"
@@ -298,7 +298,7 @@ void qelPrintTraverser::printQuoted(const xstring& content)
     try {
         chars = content.CastToCString();
     } catch (xthrowable* error) {
-        const qelCaught owner(error);
+        const qel::caught owner(error);
         errorOccured("QEL exception", error);
         return;
     }

@@ -7,7 +7,7 @@
 
 #include <qel/base/thrcancellation.h>
 
-#include "qelcaught_p.h"
+#include "qelcaught.h"
 #include "qelcontributions_p.h"
 #include "qeltraverse_p.h"
 #include "xrtti.h"
@@ -443,7 +443,7 @@ auto Walk::guarded(Read read) -> decltype(read())
     try {
         return read();
     } catch (xthrowable* error) {
-        const qelCaught owner(error);
+        const qel::caught owner(error);
         visitor.errorOccured("QEL exception", error);
     } catch (...) {
         thrPassCancellation();
