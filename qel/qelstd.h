@@ -4,7 +4,9 @@
 // <qel/qeltable.h>, and C programs use <qel/qelstd_c.h>.
 
 // ---- the core
+#include <qel/qelcaught.h>
 #include <qel/qelexception.h>
+#include <qel/qelown.h>
 #include <qel/qelprint.h>
 #include <qel/qelrtti.h>
 #include <qel/qels11n.h>
@@ -33,4 +35,5 @@
 #include <qel/tmexception.h>
 #include <qel/tmtime.h>
 #include <qel/xiolib.h>
+#include <qel/xmonlib.h>
 #include <qel/xnetlib.h>

@@ -21,7 +21,7 @@ import tree
 FREE = {"sh", "cmake", "text", "gdb", "ini"}
 SCREEN = 80  # lines
 # Sources with several samples, and whole programs.
-LONG = {"tour/objects.cpp", "wordcount/statistics.cpp", "wordcount_c/wordcount_c.c", "wordserver/wordserver.cpp"}
+LONG = {"tour/cpp.cpp", "tour/objects.cpp", "wordcount/statistics.cpp", "wordcount_c/wordcount_c.c", "wordserver/wordserver.cpp"}
 BLOCK = re.compile(r"(?:<!-- (?P<file>[^\s:]+)(?:: (?P<sample>[\w ]+))? -->\n)?^```(?P<language>\w*)\n(?P<code>.*?)^```$",
                    re.MULTILINE | re.DOTALL)
 

@@ -31,7 +31,7 @@ ELSEWHERE = {
     "qeljson": "qeljsonplan qeljsonreader qeljsonsource qeljsonwriter",
     "xdictionary": "qelbdict xdictindex xdictkeys xdictslots xrtticollections",
     "xrtti": "qelrtti xrttiattrseq",
-    "qelexception": "qelcaught xportexception xstringerror",
+    "qelexception": "xportexception xstringerror",
     "xstring": "xstringquery",
     "nmsproxy": "nmsexception",
     "syslib": "sysexception",

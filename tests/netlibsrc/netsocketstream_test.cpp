@@ -155,6 +155,10 @@ TEST(NameServiceGone, IsReportedUnlessThePortIsGiven)
 
     EXPECT_EQ(ResolvePort(known.get()), port);
     EXPECT_EQ(failureOf([&] { ResolvePort(named.get()); }), "0 Name Server is not found");
+    const xrchandle<netAddress> remote(netAddress::Create("name", "127.0.0.1"));
+    EXPECT_EQ(describeThrown([&] { ResolvePort(remote.get()); },
+                             [](xthrowable* thrown) { return std::string(qelTextOf(thrown)); }),
+              "Name Server is not found (server name, host 127.0.0.1)");
     EXPECT_EQ(netBaseServer::Connect(known.get(), 5.0), nullptr);
     unsetenv("VRXNMSPORT");
 }

@@ -107,13 +107,14 @@ class Exceptions(unittest.TestCase):
         sequence, dictionary = IntSequence(), IntDictionary()
         cases = [
             (lambda: library.call(sequence._functions["get"], sequence.pointer, 5), qelstd.InvalidSeqIndex, IndexError,
-             "qellib::XInvalidSeqIndex", "Sequence index is out of range"),
+             "qellib::XInvalidSeqIndex", "Sequence index is out of range (index 5, size 0)"),
             (lambda: library.call(sequence._functions["get"], sequence.pointer, -1), qelstd.NegativeIndex, IndexError,
-             "qellib::XNegativeIndex", "Negative index"),
+             "qellib::XNegativeIndex", "Negative index (index -1)"),
             (lambda: library.call(sequence._functions["getarraysize"], None), qelstd.NotInitialized, ValueError,
              "qellib::XNotInitialized", "Object is not initialized or has been destroyed"),
             (lambda: library.call(IntDictionary._functions["setbyindex"], dictionary.pointer, 99, 1),
-             qelstd.InvalidDictIndex, IndexError, "qellib::XInvalidDictIndex", "Dictionary index is out of range"),
+             qelstd.InvalidDictIndex, IndexError, "qellib::XInvalidDictIndex",
+             "Dictionary index is out of range (slot 99, slots 0)"),
         ]
         for failing, kind, built_in, type_name, text in cases:
             with self.subTest(type_name), self.assertRaises(kind) as caught:

@@ -1,8 +1,10 @@
+#include <chrono>
 #include <climits>
 #include <cmath>
 #include <ctime>
 #include <gtest/gtest.h>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -284,4 +286,67 @@ TEST_F(Time, MayBeUsedByManyThreads)
     for (std::thread& thread : threads)
         thread.join();
     tmTime::setTimeFormat("%a %b %d %H:%M:%S %y");
+}
+
+TEST_F(Time, IsAValueThatComparesAndTakesDurations)
+{
+    using namespace std::chrono;
+    using namespace std::chrono_literals;
+    const tmTime start(sys_days(2004y / 12 / 31) + 23h + 59min + 59s + 900ms);
+
+    EXPECT_EQ(start.seconds(), 1104537599.0);
+    EXPECT_TRUE(start + 1s == tmTime(1104537600) && start - 1h < start && start + 1500ms > start);
+    EXPECT_EQ((start + 2min) - start, 120.0);
+    EXPECT_EQ(static_cast<system_clock::time_point>(start), sys_days(2004y / 12 / 31) + 23h + 59min + 59s);
+    EXPECT_EQ(tmTime(system_clock::time_point(-500ms)).seconds(), -1.0);
+    EXPECT_EQ(static_cast<system_clock::time_point>(tmTime(LONG_MAX)), system_clock::time_point::max());
+    EXPECT_EQ(static_cast<system_clock::time_point>(tmTime(LONG_MIN)), system_clock::time_point::min());
+}
+
+TEST_F(Time, IsBrokenDownInUtc)
+{
+    using namespace std::chrono;
+    constexpr auto whole = [](double d) { return static_cast<long long>(std::floor(d)); };
+    for (const double at : {0.0, -1.0, 951782400.0, 1104537599.0, 4107542400.0, -2203977600.0, -62135596801.0,
+                            253402300800.0, 900000000000.0, -900000000000.0}) {
+        const auto day = floor<days>(sys_seconds(seconds(whole(at))));
+        const year_month_day date(day);
+        const std::optional<tmCalendar> utc = tmTime(static_cast<long>(at)).utc();
+
+        ASSERT_TRUE(utc) << at;
+        // The standard's years end at 32767: compare within their cycle.
+        EXPECT_EQ((utc->year - static_cast<int>(date.year())) % 400, 0) << at;
+        EXPECT_EQ(utc->month, static_cast<int>(unsigned{date.month()})) << at;
+        EXPECT_EQ(utc->dayOfMonth, static_cast<int>(unsigned{date.day()})) << at;
+        EXPECT_EQ(utc->dayOfWeek, static_cast<int>(weekday(day).c_encoding())) << at;
+        EXPECT_EQ(utc->hour * 3600 + utc->minute * 60 + utc->second,
+                  whole(at) - day.time_since_epoch().count() * 86400);
+    }
+    EXPECT_FALSE(tmTime(LONG_MAX).utc());
+    EXPECT_FALSE(tmTime(LONG_MIN).utc());
+}
+
+TEST_F(Time, ReadsAndWritesIsoTextsStrictly)
+{
+    const auto read = [](const char* text) {
+        const std::optional<tmTime> time = tmTime::fromIso(text);
+        return time ? time->seconds() : xnullreal;
+    };
+    EXPECT_EQ(read("2004-12-31T23:59:59Z"), 1104537599.0);
+    EXPECT_EQ(read("2005-01-01T00:59:59+01:00"), 1104537599.0);
+    EXPECT_EQ(read("2004-12-31T18:29:59-05:30"), 1104537599.0);
+    EXPECT_EQ(read("2004-12-31"), 1104451200.0);
+    EXPECT_EQ(read("2000-02-29"), 951782400.0);
+    EXPECT_EQ(read("0000-01-01"), -62167219200.0);
+    for (const char* const bad :
+         {"", "2004-12-31T23:59:59", "2004-12-31T23:59Z", "2004-12-31 23:59:59Z", "04-12-31", "2004-13-01",
+          "2004-02-30", "1900-02-29", "2004-12-31T24:00:00Z", "2004-12-31T23:59:60Z", "2004-12-31Z",
+          "2004-12-31T23:59:59z", "2004-12-31T23:59:59+0100", " 2004-12-31", "2004-12-31 ", "2004-1-1"})
+        EXPECT_EQ(read(bad), xnullreal) << bad;
+    EXPECT_FALSE(tmTime::fromIso(nullptr));
+
+    for (const double at : {0.0, -1.0, 951782400.0, 1104537599.0, -62167219200.0, 253402300799.0})
+        EXPECT_EQ(tmTime::fromIso(tmTime(static_cast<long>(at)).toIso())->seconds(), at);
+    EXPECT_TRUE(tmTime(1104537599).toIso() == "2004-12-31T23:59:59Z");
+    EXPECT_TRUE(tmTime(253402300800).toIso().isNull() && tmTime(-62167219201).toIso().isNull());
 }

@@ -8,9 +8,11 @@
 #include <qel/base/nmsclient.h>
 #include <qel/hmxregistry.h>
 #include <qel/netaddress.h>
+#include <qel/netexception.h>
 #include <qel/netrights.h>
 #include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
+#include <qel/qelcaught.h>
 
 #include "commands.h"
 #include "files.h"
@@ -39,7 +41,9 @@ int FindPort(const Address& address)
     try {
         return ResolvePort(server.get());
     } catch (xthrowable* thrown) {
-        why = FailureOf(thrown).why;
+        const qel::caught failure(thrown);
+        auto* const unknown = failure.as<netXException>(); // its server is named anyway
+        why = (unknown != nullptr ? unknown->getMsg() : failure.what()).CastToCString();
     }
     Refused(address, Exit::peer, why);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <qel/qelduration.h>
 #include <qel/xsequence.h>
 #include <qel/xstring.h>
 
@@ -58,6 +59,11 @@ public:
     /// The same, but waits for its turn `limit` seconds at most; 0 tries once. GetLastError() is 33 when the
     /// limit has passed.
     bool Open(const char* path, OpenMode mode, double limit);
+    template<qelDuration D>
+    bool Open(const char* path, OpenMode openMode, const D& limit)
+    {
+        return Open(path, openMode, qelSeconds(limit));
+    }
     /// If anything was changed, writes the file back: one line for each entry in ascending order of the keys,
     /// and nothing else. The file then holds the old or the new content, even after a crash; when it cannot
     /// be written, the old content stays, and no failure is reported. A file that has several hard links, is
@@ -89,6 +95,11 @@ public:
     static bool Check(const char* path, hmxConfigOddityHandler& handler);
     /// The same, but waits for its turn `limit` seconds at most, as Open does.
     static bool Check(const char* path, hmxConfigOddityHandler& handler, double limit);
+    template<qelDuration D>
+    static bool Check(const char* path, hmxConfigOddityHandler& handler, const D& limit)
+    {
+        return Check(path, handler, qelSeconds(limit));
+    }
 
     /// The numbers of the processes that have the file `path` open, as far as the operating system shows
     /// them; this one may be among them.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <qel/base/btkevent.h>
+#include <qel/qelduration.h>
 #include <qel/xobject.h>
 
 class evtEventArray;
@@ -24,8 +25,18 @@ public:
     /// signaled, or 0; WasSignaled() of each then says whether it is one of them. Null entries are skipped.
     /// The array must not be changed meanwhile. qel::waitAny and qel::loop of <qel/qelloop.h> tell which.
     static int Wait(evtEventArray* events, double timeout);
+    template<qelDuration D>
+    static int Wait(evtEventArray* events, const D& limit)
+    {
+        return Wait(events, qelSeconds(limit));
+    }
     /// Waits for this event. Returns whether it is signaled.
     unsigned char Wait(double timeout);
+    template<qelDuration D>
+    unsigned char Wait(const D& limit)
+    {
+        return Wait(qelSeconds(limit));
+    }
     /// Whether the event is signaled now.
     unsigned char getIsSignaled();
 

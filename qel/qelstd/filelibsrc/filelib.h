@@ -190,3 +190,5 @@ QEL_API unsigned char fshIsDirectory(const char* path);
 QEL_API unsigned char fshIsFile(const char* path);
 QEL_API unsigned char fshIsSoftLink(const char* path);
 QEL_API unsigned char fshExists(const char* path);
+
+#include <qel/fsanypath.h>

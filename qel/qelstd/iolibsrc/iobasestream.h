@@ -6,6 +6,7 @@
 #include <qel/base/btkfd.h>
 #include <qel/evtevent.h>
 #include <qel/ioserializer.h>
+#include <qel/qelduration.h>
 #include <qel/xstring.h>
 
 class ioEvent;
@@ -125,6 +126,11 @@ public:
     void WriteReal(double d);
     /// Null and the reserved pointers write the empty text.
     void WriteString(const char* s);
+    template<qelTextObject T>
+    void WriteString(const T& text)
+    {
+        WriteString(static_cast<const char*>(qelTextArgument(text)));
+    }
     /// Raw bytes. Returns how many were read: `n`, or fewer when the data ended or the limit expired, as the
     /// state shows.
     unsigned int ReadBytes(void* p, unsigned int n);
@@ -164,7 +170,17 @@ public:
     double getITimeout() { return iTimeout; }
     double getOTimeout() { return oTimeout; }
     void setITimeout(double seconds);
+    template<qelDuration D>
+    void setITimeout(const D& limit)
+    {
+        return setITimeout(qelSeconds(limit));
+    }
     void setOTimeout(double seconds);
+    template<qelDuration D>
+    void setOTimeout(const D& limit)
+    {
+        return setOTimeout(qelSeconds(limit));
+    }
     unsigned char getIsEof() { return (state & stateEof) != 0; }
     unsigned char getIsFail() { return (state & stateFail) != 0; }
     unsigned char getIsBad() { return (state & stateBad) != 0; }

@@ -59,10 +59,10 @@ int ResolvePortBy(netAddress* address, btkTimeval end)
     if (address->getPortN() == 0) {
         const nmsOwnedProxy proxy = netNameServer(address->getHostName(), end);
         if (proxy == nullptr)
-            netXException::Throw(netNameServiceProblem, "Name Server is not found");
+            netXException::Throw(netNameServiceProblem, "Name Server is not found", address);
         const int port = GetPortFromNMS(proxy.get(), address->getServerName());
         if (port == 0)
-            netXException::Throw(netNameServiceProblem, "Server is not registered");
+            netXException::Throw(netNameServiceProblem, "Server is not registered", address);
         address->setPortN(port);
     }
     return address->getPortN();

@@ -17,6 +17,18 @@ public:
     /// also means this machine.
     static netAddress* Create(int port, const char* host);
     static netAddress* Create(const char* serverName, const char* host);
+    template<qelTextObject H>
+    static netAddress* Create(int port, const H& host)
+    {
+        return Create(port, static_cast<const char*>(qelTextArgument(host)));
+    }
+    template<qelText S, qelText H>
+    requires(qelTextObject<S> || qelTextObject<H>) static netAddress* Create(const S& serverName,
+                                                                             const H& host)
+    {
+        return Create(static_cast<const char*>(qelTextArgument(serverName)),
+                      static_cast<const char*>(qelTextArgument(host)));
+    }
 
     xstring getHostName() { return hostName; }
     /// 0: not known yet.

@@ -5,6 +5,7 @@
 
 #include <qel/evtevent.h>
 #include <qel/netsocketstream.h>
+#include <qel/qelduration.h>
 #include <qel/xstring.h>
 
 class btkAcceptSocket;
@@ -118,6 +119,11 @@ public:
     /// Null when the connection is not established within it. The caller owns the stream.
     /// @throws netXException  as ResolvePort
     static netSocketStream* Connect(netAddress* address, double timeout);
+    template<qelDuration D>
+    static netSocketStream* Connect(netAddress* address, const D& limit)
+    {
+        return Connect(address, qelSeconds(limit));
+    }
 
     virtual void setOnRequest(netBaseServer_OnRequest_cb* handler) { onRequest = handler; }
     virtual void setOnAsyncRequest(netBaseServer_OnAsyncRequest_cb* handler) { onAsyncRequest = handler; }
@@ -145,6 +151,11 @@ public:
     /// have passed, without limit for INFINITE, or Stop was called. Calls no handler.
     /// @throws netXException  the listening socket failed (error 4)
     netSocketStream* Accept(double timeout);
+    template<qelDuration D>
+    netSocketStream* Accept(const D& limit)
+    {
+        return Accept(qelSeconds(limit));
+    }
     /// A new event that is signaled while a connection waits to be accepted. The caller owns it, and frees it
     /// before the server.
     netEvent* AcceptEvent();
@@ -164,6 +175,11 @@ public:
     /// INFINITE, finished requests are joined only when the next connection arrives.
     double getTimeSlice() { return timeSlice; }
     void setTimeSlice(double seconds) { timeSlice = seconds; }
+    template<qelDuration D>
+    void setTimeSlice(const D& limit)
+    {
+        return setTimeSlice(qelSeconds(limit));
+    }
     /// How many asynchronous requests may run at once; one more is refused as if no thread could be started.
     /// 0, the initial value: no limit.
     void setAsyncLimit(int most) { asyncLimit = most; }
@@ -171,6 +187,11 @@ public:
     /// stream fails with the state "timeout expired". Initially 5; INFINITE: the server waits without limit.
     double getGracePeriod() { return gracePeriod; }
     void setGracePeriod(double seconds) { gracePeriod = seconds; }
+    template<qelDuration D>
+    void setGracePeriod(const D& limit)
+    {
+        return setGracePeriod(qelSeconds(limit));
+    }
 
 protected:
     /// Takes ownership of a listening socket. `name`: the registered name, which the destructor removes; null

@@ -23,9 +23,9 @@ constexpr btkTimeval patienceAtFirst(5, 0);
 // The first byte is there when the handshake begins, so the rest of it is short.
 constexpr btkTimeval handshakeLimit(1, 0);
 
-[[noreturn]] void Refuse()
+[[noreturn]] void Refuse(netAddress* address)
 {
-    netXException::Throw(netConnectionRefused, "Connection refused due to lack of rights");
+    netXException::Throw(netConnectionRefused, "Connection refused due to lack of rights", address);
 }
 
 // A connected socket whose calls also return by `end`; null when the port has no listener.
@@ -146,7 +146,7 @@ netSocketStream* netServer::Connect(netAddress* address, double timeout)
     if (verdict < 0)
         return nullptr;
     if (verdict != netAdmitted)
-        Refuse();
+        Refuse(address);
     socket->SetDeadline(btkTimeval::Forever());
     return netSocketStream::Create(socket.release());
 }
@@ -164,9 +164,9 @@ xstring netServer::GetVersion(netAddress* address)
 {
     const std::unique_ptr<btkStreamSocket> socket = Reach(address, netAnswerEnd());
     if (socket == nullptr)
-        netXException::Throw(netConnectionRefused, "Connection refused");
+        netXException::Throw(netConnectionRefused, "Connection refused", address);
     if (netAsk(*socket, netRequestCode::version) != netAdmitted)
-        Refuse();
+        Refuse(address);
     std::string text;
     netReadVersion(*socket, text);
     return text.c_str();
@@ -176,5 +176,5 @@ void netServer::Shutdown(netAddress* address)
 {
     const std::unique_ptr<btkStreamSocket> socket = Reach(address, netAnswerEnd());
     if (socket != nullptr && netAsk(*socket, netRequestCode::shutdown) != netAdmitted)
-        Refuse();
+        Refuse(address);
 }

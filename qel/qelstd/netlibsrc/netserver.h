@@ -1,6 +1,7 @@
 #pragma once
 
 #include <qel/netbaseserver.h>
+#include <qel/qelduration.h>
 
 class netAddress;
 
@@ -25,6 +26,11 @@ public:
     xstring getVersion() { return version; }
     /// Seconds after which a client that has sent nothing is closed; initially 5, more than 0.
     void setSilentPatience(double seconds);
+    template<qelDuration D>
+    void setSilentPatience(const D& limit)
+    {
+        return setSilentPatience(qelSeconds(limit));
+    }
     double getSilentPatience() { return GetSilentPatience().ToSeconds(); }
     /// How many clients may be silent at once, at least 1; initially 256. One more closes another: the oldest
     /// of the address that holds most places, but none younger than 0.1 seconds while another address has an
@@ -42,6 +48,11 @@ public:
     /// the server does not respond. The caller owns the stream.
     /// @throws netXException  the server refuses this machine
     static netSocketStream* Connect(netAddress* address, double timeout);
+    template<qelDuration D>
+    static netSocketStream* Connect(netAddress* address, const D& limit)
+    {
+        return Connect(address, qelSeconds(limit));
+    }
     /// Whether it accepts connections and sends no wrong reply. A listener that sends no reply counts as
     /// alive; GetVersion is the stricter test.
     static unsigned char IsAlive(netAddress* address);
@@ -55,6 +66,11 @@ public:
     /// The longest time, in seconds, that each of those calls, and each request to a name server, takes:
     /// initially 10, INFINITE without limit. Applies to the whole process.
     static void setAnswerLimit(double seconds);
+    template<qelDuration D>
+    static void setAnswerLimit(const D& limit)
+    {
+        return setAnswerLimit(qelSeconds(limit));
+    }
 
 protected:
     netServer(btkAcceptSocket* listening, xstring name);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <qel/qelduration.h>
 #include <qel/xsequence.h>
 
 class netService;
@@ -39,6 +40,11 @@ public:
     // ---- status; `seconds`: how long starting may still take
 
     static void ReportStarting(double seconds);
+    template<qelDuration D>
+    static void ReportStarting(const D& limit)
+    {
+        return ReportStarting(qelSeconds(limit));
+    }
     static void ReportRunning();
     static void ReportPaused();
     static unsigned char IsStopped();

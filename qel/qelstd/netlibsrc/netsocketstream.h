@@ -3,6 +3,7 @@
 #include <memory>
 
 #include <qel/iobasestream.h>
+#include <qel/qelduration.h>
 
 class btkStopSign;
 class btkStreamSocket;
@@ -38,6 +39,11 @@ public:
     /// sent something since then. 0, the initial value: no such wait. Data from the peer need not be a reply
     /// to the integer, and a peer may take longer, so two urgent integers can still collide.
     void setUrgentSpacing(double seconds);
+    template<qelDuration D>
+    void setUrgentSpacing(const D& limit)
+    {
+        return setUrgentSpacing(qelSeconds(limit));
+    }
     /// The oldest urgent integer that has arrived; does not wait. Null when there is none.
     /// @throws ioXStream  the stream is not open
     int ReadOutOfBand();

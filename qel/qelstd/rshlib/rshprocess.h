@@ -2,6 +2,7 @@
 
 #include <qel/evtevent.h>
 #include <qel/netthread.h>
+#include <qel/qelduration.h>
 #include <qel/rshexception.h>
 #include <qel/xstring.h>
 
@@ -36,6 +37,11 @@ public:
     /// reply: initially 10, INFINITE without limit. Applies to the whole process. Safe to call from any
     /// thread.
     static void setAnswerLimit(double seconds);
+    template<qelDuration D>
+    static void setAnswerLimit(const D& limit)
+    {
+        return setAnswerLimit(qelSeconds(limit));
+    }
 
     /// The stream to write the standard input to, and those to read the outputs from; they end with the
     /// command. Null for a stream that the caller supplied. This object owns them. A command blocks when its

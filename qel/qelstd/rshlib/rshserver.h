@@ -5,6 +5,7 @@
 
 #include <qel/evtevent.h>
 #include <qel/netthread.h>
+#include <qel/qelduration.h>
 #include <qel/xstring.h>
 
 class netSocketStream;
@@ -69,6 +70,11 @@ public:
     /// then the connection is abandoned and the remaining output is lost. Initially 10, INFINITE without
     /// limit. Applies to the whole process. Safe to call from any thread.
     static void setPatience(double seconds);
+    template<qelDuration D>
+    static void setPatience(const D& limit)
+    {
+        return setPatience(qelSeconds(limit));
+    }
 
 protected:
     rshServer(netSocketStream* s, const char* baseDir);

@@ -3,6 +3,7 @@
 #include <iosfwd>
 
 #include <qel/nmsexception.h>
+#include <qel/qelduration.h>
 #include <qel/recnms.h>
 
 /// The report of a failed request. Freed with `delete`.
@@ -71,6 +72,11 @@ public:
     /// complete reply: initially 10, INFINITE without limit. Applies to the whole process; the same as
     /// netServer::setAnswerLimit.
     static void setAnswerLimit(double seconds);
+    template<qelDuration D>
+    static void setAnswerLimit(const D& limit)
+    {
+        return setAnswerLimit(qelSeconds(limit));
+    }
     /// The size limits of the reply to a query, as nmsSetAnswerBounds: initially 100,000 records and 64 MiB
     /// of memory. A larger reply fails with code 8.
     static void setAnswerBounds(std::size_t records, std::size_t bytes);

@@ -103,6 +103,28 @@ xstring::xstring(std::string_view text)
     Form<char>::create(*this, text.data(), std::min(text.find('\0'), text.size()));
 }
 
+xstring::xstring(const char16_t* text)
+{
+    if (qelIsText(text))
+        *this = FromUtf16(text);
+}
+
+xstring xstring::FromUtf16(std::u16string_view text)
+{
+    text = text.substr(0, text.find(u'\0'));
+    xstring made;
+    if (text.empty()) {
+        made.setEmpty();
+        return made;
+    }
+    unsigned short* copy;
+    btkStrBuf* const buffer = btkStrBuf::AllocWC((text.size() + 1) * sizeof(char16_t), &copy);
+    std::copy(text.begin(), text.end(), copy);
+    buffer->CommitWC(text.size());
+    Form<unsigned short>::take(made, buffer, copy);
+    return made;
+}
+
 xstring::xstring(const char* a, const char* b)
 {
     Form<char>::concatenate(*this, a, b);
@@ -232,6 +254,20 @@ xstring& xstring::operator+=(const char* text)
 xstring& xstring::operator+=(const unsigned short* text)
 {
     Form<unsigned short>::appendText(*this, text);
+    return *this;
+}
+
+xstring& xstring::operator+=(const xstring& text)
+{
+    if (text.buffer == nullptr)
+        return *this;
+    if (buffer == nullptr)
+        return *this = text;
+    const xstring held(text); // may be this string
+    if (held.mb != nullptr)
+        Form<char>::append(*this, held.mb, Form<char>::length(held));
+    else
+        Form<unsigned short>::append(*this, held.wide, Form<unsigned short>::length(held));
     return *this;
 }
 

@@ -1,8 +1,12 @@
 #pragma once
 
+#include <compare>
+#include <concepts>
 #include <cstddef>
+#include <initializer_list>
 #include <iosfwd>
 #include <string_view>
+#include <type_traits>
 
 #include <qel/base/btkstrbuf.h>
 #include <qel/qelexport.h>
@@ -11,6 +15,26 @@
 namespace std {
 class strstream; // <strstream> is deprecated: only its users should get the warning
 }
+
+/// Whether S is a class of texts of C, such as std::string or std::string_view.
+template<class S, class C>
+concept qelTextClassOf = requires(const S& s)
+{
+    {
+        s.data()
+        } -> std::convertible_to<const C*>;
+    requires std::is_convertible_v<const S&, std::basic_string_view<C>>;
+};
+template<class S>
+concept qelTextClass = qelTextClassOf<S, char> || qelTextClassOf<S, char8_t> || qelTextClassOf<S, char16_t>;
+
+class xstring;
+
+/// Whether T is any kind of text: a string, or what a string is made from.
+template<class T>
+concept qelText = std::same_as<T, xstring> || qelTextClass<T> ||
+    std::is_convertible_v<const T&, const char*> || std::is_convertible_v<const T&, const unsigned short*> ||
+    std::is_convertible_v<const T&, const char8_t*> || std::is_convertible_v<const T&, const char16_t*>;
 
 /// A text, or null: no text, which differs from the empty text. Copies share one buffer until one of them is
 /// written to. The text is multibyte (`char`: UTF-8) or wide (`unsigned short`: UTF-16); the missing form is
@@ -61,8 +85,16 @@ public:
     xstring(const char* text);
     xstring(const unsigned short* text);
 
-    /// A copy of the bytes of `text`, up to its first zero. An empty or null view gives the empty string.
-    explicit xstring(std::string_view text);
+    xstring(const char8_t* text) : xstring(reinterpret_cast<const char*>(text)) {}
+    xstring(const char16_t* text);
+
+    /// A copy of `text` up to its first zero. An empty text, and a view without data, give the empty string,
+    /// not null.
+    xstring(std::string_view text);
+    template<qelTextClass S>
+    xstring(const S& text) : xstring(FromText(text))
+    {
+    }
 
     /// The concatenation of the texts; null when both are.
     xstring(const char* a, const char* b);
@@ -106,6 +138,13 @@ public:
         release();
         return *this;
     }
+    /// `s = {}` makes `s` null.
+    struct Nothing;
+    xstring& operator=(std::initializer_list<Nothing>) noexcept
+    {
+        release();
+        return *this;
+    }
     xstring& operator=(const char* text);
     xstring& operator=(const unsigned short* text);
     xstring& operator=(std::strstream& stream);
@@ -123,8 +162,26 @@ public:
     xstring& operator+=(unsigned short c);
     xstring& operator+=(const char* text);
     xstring& operator+=(const unsigned short* text);
+    xstring& operator+=(const xstring& text);
+    template<qelText T>
+    requires(!std::is_convertible_v<const T&, const char*> &&
+             !std::is_convertible_v<const T&, const unsigned short*> && !std::same_as<T, xstring>) xstring&
+    operator+=(const T& text)
+    {
+        return *this += xstring(text);
+    }
 
     // ---- queries
+
+    bool isNull() const noexcept { return buffer == nullptr; }
+    /// Whether there is no character: true for null, too.
+    bool empty() const noexcept { return buffer == nullptr || (mb != nullptr ? *mb == 0 : *wide == 0); }
+    /// The multibyte form; the empty view for null. Valid as long as CastToCString().
+    std::string_view view() const;
+    /// std::string(s): a copy of view().
+    template<class S>
+    requires std::same_as<S, std::string>
+    explicit operator S() const { return S(view()); }
 
     /// Size in bytes of the multibyte form with its terminator: 0 for the null string and for a wide text
     /// without multibyte form; one more than needed while the form has not been produced.
@@ -199,6 +256,43 @@ public:
     friend QEL_API bool operator==(const xstring& s, const unsigned short* t);
     friend bool operator==(const xstring& s, std::nullptr_t) noexcept { return s.buffer == nullptr; }
 
+    /// The order of the bytes of the multibyte forms; null comes before every text.
+    static std::strong_ordering Compare(const xstring& s, const xstring& t);
+    template<qelText T>
+    friend std::strong_ordering operator<=>(const xstring& s, const T& t)
+    {
+        return Compare(s, t);
+    }
+
+    /// A new string. A null side counts as empty; the result is null when both are.
+    template<std::same_as<xstring> S, qelText T>
+    friend xstring operator+(S s, const T& t)
+    {
+        s += t;
+        return s;
+    }
+    template<qelText T, std::same_as<xstring> S>
+    requires(!std::same_as<T, xstring>) friend xstring operator+(const T& t, const S& s)
+    {
+        xstring joined(t);
+        joined += s;
+        return joined;
+    }
+    template<std::same_as<xstring> S>
+    friend xstring operator+(S s, char c)
+    {
+        s += c;
+        return s;
+    }
+    template<std::same_as<xstring> S>
+    friend xstring operator+(char c, const S& s)
+    {
+        xstring joined;
+        joined += c;
+        joined += s;
+        return joined;
+    }
+
     /// Writes the multibyte form, "nil" for the null string.
     friend QEL_API std::ostream& operator<<(std::ostream& o, const xstring& s);
 
@@ -210,6 +304,20 @@ private:
     auto askText(Ask ask) const;
     template<typename Map>
     xstring mapped(Map map) const;
+
+    template<class S>
+    static xstring FromText(const S& text)
+    {
+        if constexpr (qelTextClassOf<S, char>) {
+            return xstring(std::string_view(text));
+        } else if constexpr (qelTextClassOf<S, char8_t>) {
+            const std::u8string_view view(text);
+            return xstring(std::string_view(reinterpret_cast<const char*>(view.data()), view.size()));
+        } else {
+            return FromUtf16(text);
+        }
+    }
+    static xstring FromUtf16(std::u16string_view text);
 
     void setNull() noexcept
     {
@@ -251,6 +359,38 @@ private:
 };
 
 static_assert(sizeof(xstring) == sizeof(__xstring_c));
+
+/// Any kind of text as an argument of a function that takes a `const char*`, for the duration of a call.
+class qelTextArgument
+{
+public:
+    template<qelText T>
+    qelTextArgument(const T& text)
+    {
+        if constexpr (std::is_convertible_v<const T&, const char*>)
+            characters = text;
+        else
+            held = text, characters = held.CastToCString();
+    }
+    qelTextArgument(const qelTextArgument&) = delete;
+    qelTextArgument& operator=(const qelTextArgument&) = delete;
+    operator const char*() const { return characters; }
+
+private:
+    xstring held;
+    const char* characters = nullptr;
+};
+
+/// A text that is an object: not a pointer, not a literal.
+template<class T>
+concept qelTextObject = std::same_as<T, xstring> || qelTextClass<T>;
+
+/// Equal strings have equal hashes, whatever their forms.
+template<>
+struct QEL_API std::hash<xstring>
+{
+    std::size_t operator()(const xstring& s) const;
+};
 
 /// The buffer that all empty strings share, with an additional reference, and its two texts. Safe to call
 /// from any thread, and during static initialization.

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <functional>
 
 #include <qel/base/btkutf.h>
 
@@ -22,6 +23,14 @@ const char* xstring::CastToCString() const
 const unsigned short* xstring::CastToCWString() const
 {
     return buffer == nullptr ? nullptr : Form<unsigned short>::produce(*this);
+}
+
+std::string_view xstring::view() const
+{
+    if (buffer == nullptr)
+        return {};
+    const char* const text = Form<char>::produce(*this);
+    return {text, Form<char>::length(*this)};
 }
 
 // ---- sizes and numbers
@@ -257,4 +266,17 @@ bool operator==(const xstring& s, const xstring& t)
     if (s.mb == nullptr && t.mb == nullptr)
         return equal(xstring::Form<unsigned short>::produce(t));
     return equal(xstring::Form<char>::tryProduce(t));
+}
+
+std::strong_ordering xstring::Compare(const xstring& s, const xstring& t)
+{
+    if (s.isNull() || t.isNull())
+        return t.isNull() <=> s.isNull();
+    return s.view() <=> t.view();
+}
+
+std::size_t std::hash<xstring>::operator()(const xstring& s) const
+{
+    // A text without multibyte form equals only texts without one, whose sizes are 0, too.
+    return s.GetMBSize() == 0 ? 0 : std::hash<std::string_view>()(s.view());
 }

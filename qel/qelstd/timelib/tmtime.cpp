@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cmath>
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
@@ -269,6 +270,142 @@ xstring tmTime::setTimeFormat(const char* format)
     const std::lock_guard lock(current.guard);
     current.text.swap(text);
     return format;
+}
+
+// ---- UTC and ISO 8601
+
+namespace {
+
+constexpr long long daySeconds = 86400;
+
+bool isLeap(long long year)
+{
+    return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+}
+
+int daysIn(long long year, int month)
+{
+    constexpr int days[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    return month == 2 && isLeap(year) ? 29 : days[month - 1];
+}
+
+/// The number of leap years before `year`, which is at least 0.
+long long leapsBefore(long long year)
+{
+    return year == 0 ? 0 : (year - 1) / 4 - (year - 1) / 100 + (year - 1) / 400 + 1;
+}
+
+/// Days from 1970-01-01 to a date of the years 0 to 9999.
+long long daysTo(int year, int month, int day)
+{
+    long long days = (year - 1970) * 365LL + leapsBefore(year) - leapsBefore(1970) + day - 1;
+    for (int m = 1; m < month; ++m)
+        days += daysIn(year, m);
+    return days;
+}
+
+/// Reads the fields of a text of fixed form.
+class IsoText
+{
+public:
+    explicit IsoText(const char* text) : rest(text) {}
+
+    bool take(char wanted)
+    {
+        if (*rest != wanted)
+            return false;
+        ++rest;
+        return true;
+    }
+    bool number(int digits, int lowest, int highest, int* out)
+    {
+        int value = 0;
+        for (int i = 0; i < digits; ++i, ++rest) {
+            if (*rest < '0' || *rest > '9')
+                return false;
+            value = value * 10 + (*rest - '0');
+        }
+        *out = value;
+        return value >= lowest && value <= highest;
+    }
+    bool isAtEnd() const { return *rest == '\0'; }
+
+private:
+    const char* rest;
+};
+
+/// The zone of a text as seconds east of UTC.
+bool readZone(IsoText& text, int* seconds)
+{
+    *seconds = 0;
+    if (text.take('Z'))
+        return true;
+    const bool east = text.take('+');
+    int hours, minutes;
+    if (!(east || text.take('-')) || !text.number(2, 0, 23, &hours) || !text.take(':') ||
+        !text.number(2, 0, 59, &minutes))
+        return false;
+    *seconds = (hours * 60 + minutes) * (east ? 60 : -60);
+    return true;
+}
+
+} // namespace
+
+long tmTime::floorOf(double seconds)
+{
+    return static_cast<long>(std::floor(seconds));
+}
+
+std::optional<tmCalendar> tmTime::utc() const
+{
+    // 400 years have a whole number of weeks.
+    constexpr long long cycleDays = 146097;
+    const auto whole = static_cast<long long>(std::clamp(AbsTime, -9.2e18, 9.2e18));
+    long long days = whole / daySeconds - (whole % daySeconds < 0);
+    const auto second = static_cast<int>(whole - days * daySeconds);
+    days -= daysTo(2000, 1, 1); // from 2000-01-01, which was a Saturday
+    const long long cycle = days / cycleDays - (days % cycleDays < 0);
+    auto left = static_cast<int>(days - cycle * cycleDays);
+    const int dayOfWeek = (left + 6) % 7;
+    int year = 2000;
+    for (int length; left >= (length = isLeap(year) ? 366 : 365); ++year)
+        left -= length;
+    const long long fullYear = year + cycle * 400;
+    if (fullYear < INT_MIN || fullYear > INT_MAX)
+        return std::nullopt;
+    int month = 1;
+    for (; left >= daysIn(year, month); ++month)
+        left -= daysIn(year, month);
+    return tmCalendar{static_cast<int>(fullYear), month,      left + 1, dayOfWeek, second / 3600,
+                      second / 60 % 60,           second % 60};
+}
+
+xstring tmTime::toIso() const
+{
+    const std::optional<tmCalendar> at = utc();
+    if (!at || at->year < 0 || at->year > 9999)
+        return nullptr;
+    return xstring::Printf("%04d-%02d-%02dT%02d:%02d:%02dZ", at->year, at->month, at->dayOfMonth, at->hour,
+                           at->minute, at->second);
+}
+
+std::optional<tmTime> tmTime::fromIso(const char* text)
+{
+    if (!qelIsObject(text))
+        return std::nullopt;
+    IsoText iso(text);
+    int year, month, day, hour = 0, minute = 0, second = 0, zone = 0;
+    if (!iso.number(4, 0, 9999, &year) || !iso.take('-') || !iso.number(2, 1, 12, &month) || !iso.take('-') ||
+        !iso.number(2, 1, daysIn(year, month), &day))
+        return std::nullopt;
+    if (!iso.isAtEnd() &&
+        (!iso.take('T') || !iso.number(2, 0, 23, &hour) || !iso.take(':') || !iso.number(2, 0, 59, &minute) ||
+         !iso.take(':') || !iso.number(2, 0, 59, &second) || !readZone(iso, &zone)))
+        return std::nullopt;
+    if (!iso.isAtEnd())
+        return std::nullopt;
+    return tmTime(
+        static_cast<long>(daysTo(year, month, day) * daySeconds + hour * 3600 + minute * 60 + second - zone));
 }
 
 double tmTime::RealTime()

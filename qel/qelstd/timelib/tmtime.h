@@ -1,7 +1,33 @@
 #pragma once
 
+#include <compare>
+#include <limits>
+#include <optional>
+
+#include <qel/qelduration.h>
 #include <qel/xobject.h>
 #include <qel/xstring.h>
+
+/// Whether P is a std::chrono::time_point of the system's clock.
+template<class P>
+concept tmSystemTime = requires(const P& p)
+{
+    P::clock::to_time_t(p);
+    typename P::duration;
+    p.time_since_epoch();
+};
+
+/// A point in time by the calendar, in UTC.
+struct tmCalendar
+{
+    int year;
+    int month;      ///< 1 to 12
+    int dayOfMonth; ///< 1 to 31
+    int dayOfWeek;  ///< 0 (Sunday) to 6
+    int hour;
+    int minute;
+    int second;
+};
 
 /// A point in time: whole seconds since 1970-01-01 00:00:00 UTC. The accessors return fields of the local
 /// time. Not counted: the receiver frees it with xdelete. One object is used by one thread at a time;
@@ -13,6 +39,11 @@ class QEL_API tmTime : public virtual xobject
 
 public:
     explicit tmTime(long t) : AbsTime(static_cast<double>(t)) {}
+    /// The last whole second not after the time point.
+    template<tmSystemTime P>
+    explicit tmTime(const P& point) : tmTime(floorOf(qelSeconds(point.time_since_epoch())))
+    {
+    }
 
     // ---- a new object, which the caller owns
 
@@ -39,8 +70,74 @@ public:
     /// Sets the default format, to the empty text when `format` is null. Returns `format`.
     static xstring setTimeFormat(const char* format);
 
+    /// `2004-12-31T23:59:59Z`. The null string when the year is not in 0 to 9999.
+    xstring toIso() const;
+    /// The time that a strict ISO 8601 text gives: `2004-12-31T23:59:59Z`, or with an offset such as `+01:00`
+    /// for the Z; a date alone is its midnight in UTC. Nothing for any other text, and for a date that does not
+    /// exist.
+    static std::optional<tmTime> fromIso(const char* text);
+    template<qelTextObject T>
+    static std::optional<tmTime> fromIso(const T& text)
+    {
+        return fromIso(static_cast<const char*>(qelTextArgument(text)));
+    }
+
     /// The current time in seconds, with microseconds.
     static double RealTime();
+
+    // ---- as a value
+
+    /// Seconds since 1970.
+    double seconds() const { return AbsTime; }
+    /// The fields in UTC; nothing when the year fits no int.
+    std::optional<tmCalendar> utc() const;
+    /// The nearest time point that P holds.
+    template<tmSystemTime P>
+    explicit operator P() const
+    {
+        using D = typename P::duration;
+        using Count = decltype(D().count());
+        const double ticks =
+            AbsTime * static_cast<double>(D::period::den) / static_cast<double>(D::period::num);
+        constexpr auto last = std::numeric_limits<Count>::max();
+        constexpr auto first = std::numeric_limits<Count>::lowest();
+        if (ticks >= static_cast<double>(last))
+            return P(D(last));
+        if (ticks <= static_cast<double>(first))
+            return P(D(first));
+        return P(D(static_cast<Count>(AbsTime) * D::period::den / D::period::num));
+    }
+
+    friend bool operator==(const tmTime& a, const tmTime& b) { return a.AbsTime == b.AbsTime; }
+    friend std::partial_ordering operator<=>(const tmTime& a, const tmTime& b)
+    {
+        return a.AbsTime <=> b.AbsTime;
+    }
+    /// Whole seconds; a result that fits no time leaves the time unchanged.
+    template<qelDuration D>
+    tmTime& operator+=(const D& d)
+    {
+        setAbsTime(AbsTime + qelSeconds(d));
+        return *this;
+    }
+    template<qelDuration D>
+    tmTime& operator-=(const D& d)
+    {
+        setAbsTime(AbsTime - qelSeconds(d));
+        return *this;
+    }
+    template<qelDuration D>
+    friend tmTime operator+(tmTime t, const D& d)
+    {
+        return t += d;
+    }
+    template<qelDuration D>
+    friend tmTime operator-(tmTime t, const D& d)
+    {
+        return t -= d;
+    }
+    /// Seconds from `b` to `a`.
+    friend double operator-(const tmTime& a, const tmTime& b) { return a.AbsTime - b.AbsTime; }
 
     // ---- attributes
 
@@ -58,9 +155,14 @@ public:
     virtual int getSecond();     // 0 to 61
 
 private:
+    static long floorOf(double seconds);
+
     double AbsTime;
 };
 
+/// Not for ISO 8601: `2004-12-31` is month 2004 of the year 31, which is December 2197; tmTime::fromIso reads
+/// it.
+///
 /// Parses a local time: month/day, month/day/year or the same with "-", then optionally hour:minute or
 /// hour:minute:second. Years as in LocalTime; without one, the current year; without a time, midnight. White
 /// space may precede each part. False for anything else, with `result` unchanged. Safe to call from any

@@ -84,6 +84,14 @@ protected:
     static void* AllocateBlock(std::size_t bytes);
 
     static constexpr unsigned nowhere = ~0u;
+    /// Returns the place of the first entry from `place` on, or nowhere.
+    unsigned NextPlace(unsigned place, unsigned entrySize) const
+    {
+        for (; table != nullptr && place < room; ++place)
+            if (isLive(*reinterpret_cast<char* const*>(EntryOf(place, entrySize))))
+                return place;
+        return nowhere;
+    }
     /// Returns the position of the entry of `key` in the table, or nowhere.
     unsigned FindIndex(const char* key, unsigned entrySize) const;
     char* EntryOf(unsigned place, unsigned entrySize) const { return &table[std::size_t{place} * entrySize]; }

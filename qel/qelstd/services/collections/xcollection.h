@@ -36,6 +36,14 @@ inline bool qelEndsQuietly(const xany& value)
     return value.getKind() != xanyObject;
 }
 
+/// What `*it` returns by value, for `it->`.
+template<class T>
+struct qelArrow
+{
+    T value;
+    T* operator->() { return &value; }
+};
+
 /// Whether the address `a` is below `b`, which may point into another block.
 inline bool qelIsBelow(const void* a, const void* b)
 {

@@ -1,5 +1,9 @@
 #pragma once
 
+#include <concepts>
+#include <cstddef>
+#include <initializer_list>
+#include <iterator>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -15,6 +19,61 @@ struct xdictentry
     T value;
 };
 
+template<class T>
+class xtbdictionary;
+
+/// An entry of a dictionary, as iteration returns it: `for (const auto& [key, value] : *dictionary)`.
+template<class T>
+struct xdictitem
+{
+    xstring key;
+    T value;
+};
+
+/// A place in a dictionary; `*it` is a copy of the entry, whose value `find` returns. Entries added or removed
+/// during a loop may be missed, or visited twice.
+template<class T>
+class xdictiterator
+{
+public:
+    using value_type = xdictitem<T>;
+    using reference = value_type;
+    using pointer = qelArrow<value_type>;
+    using difference_type = std::ptrdiff_t;
+    using iterator_category = std::input_iterator_tag;
+    using iterator_concept = std::forward_iterator_tag;
+
+    xdictiterator() = default;
+    explicit xdictiterator(xtbdictionary<T>* dictionary) : owner(dictionary) { seek(0); }
+
+    value_type operator*() const
+    {
+        value_type item{owner->keyAtPlace(place), T()};
+        owner->find(item.key.CastToCString(), &item.value);
+        return item;
+    }
+    qelArrow<value_type> operator->() const { return {**this}; }
+    xdictiterator& operator++()
+    {
+        seek(place + 1);
+        return *this;
+    }
+    xdictiterator operator++(int)
+    {
+        const xdictiterator old = *this;
+        ++*this;
+        return old;
+    }
+    friend bool operator==(const xdictiterator& a, const xdictiterator& b) { return a.place == b.place; }
+    friend bool operator==(const xdictiterator& a, std::default_sentinel_t) { return a.place == ~0u; }
+
+private:
+    void seek(unsigned from) { place = owner->nextPlace(from); }
+
+    xtbdictionary<T>* owner = nullptr;
+    unsigned place = ~0u;
+};
+
 /// Maps texts to values of type T. Entries are accessible by key and by slot: walking a dictionary visits the
 /// slots 0 to getarraysize() - 1, many of which are empty. Slot numbers are valid until the next removal or
 /// the next set of a new key. Slots are assigned by the first operation that needs them: an operation by slot
@@ -23,6 +82,9 @@ struct xdictentry
 ///
 /// Any number of threads may read at a time (`find`, `getcount`, `getarraysize`, `getkeybyindex`,
 /// `getbyindex`, walks, printing) while none changes the dictionary.
+///
+/// `for (const auto& [key, value] : *dictionary)` and the algorithms of the standard library visit the entries,
+/// not the slots, in an order that is not promised. Keys may be any kind of text.
 template<class T>
 class xtbdictionary : public xobject, public xbasedictionary
 {
@@ -31,7 +93,66 @@ protected:
     static constexpr unsigned entrySize = sizeof(entry);
     static constexpr unsigned valueOffset = sizeof(char*) < alignof(T) ? alignof(T) : sizeof(char*);
 
+    friend class xdictiterator<T>;
+    unsigned nextPlace(unsigned from) const { return NextPlace(from, entrySize); }
+    xstring keyAtPlace(unsigned place) const
+    {
+        // The entry may have been removed meanwhile.
+        return NextPlace(place, entrySize) == place
+                   ? xstring(reinterpret_cast<const entry*>(EntryOf(place, entrySize))->key)
+                   : xstring();
+    }
+
 public:
+    using value_type = xdictitem<T>;
+    using mapped_type = T;
+    using iterator = xdictiterator<T>;
+    using const_iterator = iterator;
+
+    iterator begin() const { return iterator(self()); }
+    iterator end() const { return {}; }
+    /// For std::ranges::size, which accepts only functions for exactly the class; a member of that name would
+    /// hide the number of slots.
+    template<std::derived_from<xtbdictionary> D>
+    friend std::size_t size(D& d)
+    {
+        return static_cast<std::size_t>(d.getcount());
+    }
+    template<std::derived_from<xtbdictionary> D>
+    friend std::size_t size(const D& d)
+    {
+        return static_cast<std::size_t>(d.getcount());
+    }
+    bool empty() const { return count == 0; }
+    /// Whether `find` has a value for `key`.
+    template<qelText K>
+    bool contains(const K& key) const
+    {
+        return self()->find(static_cast<const char*>(qelTextArgument(key)), nullptr) != 0;
+    }
+    /// Returns the value for `key`, or `fallback`.
+    template<qelText K>
+    T value_or(const K& key, T fallback) const
+    {
+        self()->find(static_cast<const char*>(qelTextArgument(key)), &fallback);
+        return fallback;
+    }
+    template<qelTextObject K>
+    unsigned char find(const K& key, T* out)
+    {
+        return find(xstring(key).CastToCString(), out);
+    }
+    template<qelTextObject K>
+    void set(const K& key, T value)
+    {
+        set(xstring(key).CastToCString(), std::move(value));
+    }
+    template<qelTextObject K>
+    void remove(const K& key)
+    {
+        remove(xstring(key).CastToCString());
+    }
+
     /// Returns the number of entries.
     int getcount() const { return static_cast<int>(count); }
     /// Returns the number of slots, 0 at first; not the number of entries.
@@ -86,6 +207,8 @@ public:
     virtual void clearall() { BaseClearAll(entrySize, valueOffset); }
 
 private:
+    xtbdictionary* self() const { return const_cast<xtbdictionary*>(this); }
+
     /// Implements OnDestroy.
     virtual void Destroy(void* block, unsigned nSlots) = 0;
 
@@ -176,6 +299,17 @@ private:
 
 // ---- the standard dictionaries
 
+// `make` and `create` as of the sequences: `xintdictionary::make({{"a", 1}, {"b", 2}})`.
+
+template<class D>
+xrchandle<D> qelMakeDictOf(std::initializer_list<typename D::value_type> entries)
+{
+    const xrchandle<D> made = qel::make<D>();
+    for (const auto& [key, value] : entries)
+        made->set(key, value);
+    return made;
+}
+
 extern template class QEL_API xtbdictionary<unsigned char>;
 extern template class QEL_API xtbdictionary<int>;
 extern template class QEL_API xtbdictionary<double>;
@@ -191,39 +325,64 @@ extern template class QEL_API xtcdictionary<xany>;
 class QEL_API xbooldictionary : public xtsdictionary<unsigned char>
 {
     QEL_OBJECT(xbooldictionary); // "booleandict", counted
+    QEL_COUNTED;
 
 public:
     static xbooldictionary* create() { return new (pDefMemMgr) xbooldictionary; }
+    static xrchandle<xbooldictionary> make(std::initializer_list<value_type> entries = {})
+    {
+        return qelMakeDictOf<xbooldictionary>(entries);
+    }
 };
 
 class QEL_API xintdictionary : public xtsdictionary<int>
 {
     QEL_OBJECT(xintdictionary); // "intdict", counted
+    QEL_COUNTED;
 
 public:
     static xintdictionary* create() { return new (pDefMemMgr) xintdictionary; }
+    static xrchandle<xintdictionary> make(std::initializer_list<value_type> entries = {})
+    {
+        return qelMakeDictOf<xintdictionary>(entries);
+    }
 };
 
 class QEL_API xrealdictionary : public xtsdictionary<double>
 {
     QEL_OBJECT(xrealdictionary); // "realdict", counted
+    QEL_COUNTED;
 
 public:
     static xrealdictionary* create() { return new (pDefMemMgr) xrealdictionary; }
+    static xrchandle<xrealdictionary> make(std::initializer_list<value_type> entries = {})
+    {
+        return qelMakeDictOf<xrealdictionary>(entries);
+    }
 };
 
 class QEL_API xstringdictionary : public xtcdictionary<xstring>
 {
     QEL_OBJECT(xstringdictionary); // "stringdict", counted
+    QEL_COUNTED;
 
 public:
     static xstringdictionary* create() { return new (pDefMemMgr) xstringdictionary; }
+    static xrchandle<xstringdictionary> make(std::initializer_list<value_type> entries = {})
+    {
+        return qelMakeDictOf<xstringdictionary>(entries);
+    }
 };
 
 class QEL_API xanydictionary : public xtcdictionary<xany>
 {
     QEL_OBJECT(xanydictionary); // "anydict", counted
+    QEL_COUNTED;
 
 public:
     static xanydictionary* create() { return new (pDefMemMgr) xanydictionary; }
+    static xrchandle<xanydictionary> make(std::initializer_list<value_type> entries = {})
+    {
+        return qelMakeDictOf<xanydictionary>(entries);
+    }
 };

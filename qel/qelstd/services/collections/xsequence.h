@@ -1,8 +1,10 @@
 #pragma once
 
 #include <algorithm>
+#include <climits>
 #include <cstddef>
 #include <cstdlib>
+#include <initializer_list>
 #include <iterator>
 #include <new>
 #include <type_traits>
@@ -139,6 +141,51 @@ private:
     unsigned needed = 0;
 };
 
+template<class T>
+class xtbsequence;
+
+/// A place in a sequence; `*it` is a copy of the element, which `get` returns. Valid while the sequence lives;
+/// reading throws qelXInvalidSeqIndex when the sequence has become shorter.
+template<class T>
+class xseqiterator
+{
+public:
+    using value_type = T;
+    using reference = T;
+    using pointer = qelArrow<T>;
+    using difference_type = std::ptrdiff_t;
+    using iterator_category = std::input_iterator_tag;
+    using iterator_concept = std::random_access_iterator_tag;
+
+    xseqiterator() = default;
+    xseqiterator(xtbsequence<T>* sequence, std::ptrdiff_t index) : owner(sequence), at(index) {}
+
+    T operator*() const { return owner->get(static_cast<int>(at)); }
+    qelArrow<T> operator->() const { return {**this}; }
+    T operator[](std::ptrdiff_t n) const { return *(*this + n); }
+
+    xseqiterator& operator++() { return *this += 1; }
+    xseqiterator& operator--() { return *this -= 1; }
+    xseqiterator operator++(int) { return xseqiterator(owner, at++); }
+    xseqiterator operator--(int) { return xseqiterator(owner, at--); }
+    xseqiterator& operator+=(std::ptrdiff_t n)
+    {
+        at += n;
+        return *this;
+    }
+    xseqiterator& operator-=(std::ptrdiff_t n) { return *this += -n; }
+    friend xseqiterator operator+(xseqiterator it, std::ptrdiff_t n) { return it += n; }
+    friend xseqiterator operator+(std::ptrdiff_t n, xseqiterator it) { return it += n; }
+    friend xseqiterator operator-(xseqiterator it, std::ptrdiff_t n) { return it -= n; }
+    friend std::ptrdiff_t operator-(const xseqiterator& a, const xseqiterator& b) { return a.at - b.at; }
+    friend bool operator==(const xseqiterator& a, const xseqiterator& b) { return a.at == b.at; }
+    friend auto operator<=>(const xseqiterator& a, const xseqiterator& b) { return a.at <=> b.at; }
+
+private:
+    xtbsequence<T>* owner = nullptr;
+    std::ptrdiff_t at = 0;
+};
+
 /// A growable array of T with indices from 0. Every operation that takes an index throws qelXNegativeIndex
 /// for a negative one. An operation that would make the sequence too long throws qelXInvalidSeqIndex with the
 /// index (append: the index of the new element), before it changes anything.
@@ -148,10 +195,42 @@ private:
 ///
 /// Any number of threads may read at a time (`getarraysize`, `get`, walks, printing) while none changes the
 /// sequence.
+///
+/// `for (int n : *sequence)` and the algorithms of the standard library read it through `getarraysize` and
+/// `get`. Elements are copies: change them by `set`, or those of plain sequences through qel::span.
 template<class T>
 class xtbsequence : public xobject, public xbasesequence
 {
 public:
+    using value_type = T;
+    using iterator = xseqiterator<T>;
+    using const_iterator = iterator;
+
+    iterator begin() const { return {self(), 0}; }
+    iterator end() const { return {self(), self()->getarraysize()}; }
+    std::size_t size() const { return static_cast<std::size_t>(self()->getarraysize()); }
+    bool empty() const { return self()->getarraysize() == 0; }
+    /// As `get`; also throws qelXInvalidSeqIndex for an index that fits no int.
+    template<std::integral I>
+    T operator[](I index) const
+    {
+        const bool fits = index <= static_cast<I>(INT_MAX) || sizeof(I) < sizeof(int);
+        if (!fits || static_cast<I>(static_cast<int>(index)) != index)
+            qelhThrowInvalidSeqIndex(self(), INT_MAX);
+        return self()->get(static_cast<int>(index));
+    }
+    /// Replaces the elements by those of a range, which may be this sequence or part of it.
+    template<class R>
+    requires requires(R&& range) { range.begin(), range.end(); } || std::is_array_v<std::remove_cvref_t<R>>
+    void assign(R&& range)
+    {
+        std::vector<T> values;
+        for (auto&& value : range)
+            values.push_back(T(value));
+        replaceBy(values);
+    }
+    void assign(std::initializer_list<T> values) { replaceBy(values); }
+
     virtual int getarraysize() { return static_cast<int>(used / sizeof(T)); }
     /// Returns a copy of the element.
     /// @throws qelXInvalidSeqIndex  no element at `index`; the exception holds a reference to the sequence
@@ -189,6 +268,15 @@ protected:
     }
 
 private:
+    /// Reading is not const in the interface by index.
+    xtbsequence* self() const { return const_cast<xtbsequence*>(this); }
+    template<class Values>
+    void replaceBy(const Values& values)
+    {
+        clear();
+        for (const T& value : values)
+            append(value);
+    }
     static std::size_t offsetOf(int index);
     /// Throws when a sequence of `end` bytes would be too long.
     void checkEnd(std::size_t end, int index)
@@ -210,6 +298,9 @@ public:
     xtssequence() = default;
     explicit xtssequence(xseqcontrol control) : xtbsequence<T>(control) {}
     ~xtssequence() override { this->releaseBlock(); }
+
+    /// The elements in place, for qel::span: valid until the sequence grows or shrinks.
+    T* elements() { return this->at(0); }
 
 private:
     // Free storage is kept zero, as the elements of a gap must be.
@@ -276,6 +367,17 @@ private:
 
 // ---- the standard sequences
 
+// `make` returns the handle that owns a new sequence of the values. `create` returns a new sequence whose count
+// is 0: it is deleted with the first handle or variant that holds it, and by nothing if none ever does.
+
+template<class S>
+xrchandle<S> qelMakeOf(std::initializer_list<typename S::value_type> values)
+{
+    const xrchandle<S> made = qel::make<S>();
+    made->assign(values);
+    return made;
+}
+
 extern template class QEL_API xtbsequence<unsigned char>;
 extern template class QEL_API xtbsequence<int>;
 extern template class QEL_API xtbsequence<double>;
@@ -291,43 +393,68 @@ extern template class QEL_API xtcsequence<xany>;
 class QEL_API xboolsequence : public xtssequence<unsigned char>
 {
     QEL_OBJECT(xboolsequence); // "booleanseq", counted
+    QEL_COUNTED;
 
 public:
     static xboolsequence* create() { return new (pDefMemMgr) xboolsequence; }
+    static xrchandle<xboolsequence> make(std::initializer_list<value_type> values = {})
+    {
+        return qelMakeOf<xboolsequence>(values);
+    }
 };
 
 class QEL_API xintsequence : public xtssequence<int>
 {
     QEL_OBJECT(xintsequence); // "intseq", counted
+    QEL_COUNTED;
 
 public:
     static xintsequence* create() { return new (pDefMemMgr) xintsequence; }
+    static xrchandle<xintsequence> make(std::initializer_list<value_type> values = {})
+    {
+        return qelMakeOf<xintsequence>(values);
+    }
 };
 
 class QEL_API xrealsequence : public xtssequence<double>
 {
     QEL_OBJECT(xrealsequence); // "realseq", counted
+    QEL_COUNTED;
 
 public:
     static xrealsequence* create() { return new (pDefMemMgr) xrealsequence; }
+    static xrchandle<xrealsequence> make(std::initializer_list<value_type> values = {})
+    {
+        return qelMakeOf<xrealsequence>(values);
+    }
 };
 
 class QEL_API xstringsequence : public xtcsequence<xstring>
 {
     QEL_OBJECT(xstringsequence); // "stringseq", counted
+    QEL_COUNTED;
 
 public:
     xstringsequence() : xtcsequence({false, 22 * sizeof(xstring)}) {}
     static xstringsequence* create() { return new (pDefMemMgr) xstringsequence; }
+    static xrchandle<xstringsequence> make(std::initializer_list<value_type> values = {})
+    {
+        return qelMakeOf<xstringsequence>(values);
+    }
 };
 
 class QEL_API xanysequence : public xtcsequence<xany>
 {
     QEL_OBJECT(xanysequence); // "anyseq", counted
+    QEL_COUNTED;
 
 public:
     xanysequence() : xtcsequence({false, 11 * sizeof(xany)}) {}
     static xanysequence* create() { return new (pDefMemMgr) xanysequence; }
+    static xrchandle<xanysequence> make(std::initializer_list<value_type> values = {})
+    {
+        return qelMakeOf<xanysequence>(values);
+    }
 };
 
 // ---- implementation of the templates

@@ -2,7 +2,87 @@
 
 #include <ostream>
 
+#include "qelcaught.h"
 #include "qelexceptionrow_p.h"
+#include "xportexception.h"
+
+namespace {
+
+/// The number of elements, or of slots, of the object in `value`; null when it has none.
+int sizeOf(const xany& value)
+{
+    if (value.getKind() != xanyObject)
+        return xnullint;
+    xobject* const object = value;
+    try {
+        if (auto* const sequence = xrttisequence::softcast(object->getRtti()))
+            return sequence->getSize(object);
+        if (auto* const dictionary = xrttidictionary::softcast(object->getRtti()))
+            return dictionary->getSize(object);
+    } catch (xthrowable* thrown) { // from the object's own class
+        const qel::caught freed(thrown);
+    }
+    return xnullint;
+}
+
+/// Texts of facts, joined by commas; a null value adds nothing.
+class Facts
+{
+public:
+    void add(const char* what, const xstring& value)
+    {
+        if (!value.isNull())
+            joined += (joined.isNull() ? "" : ", ") + (what + (" " + value));
+    }
+    void add(const char* what, int value)
+    {
+        if (value != xnullint)
+            add(what, xstring::Printf("%d", value));
+    }
+
+    xstring joined;
+};
+
+/// The facts of the failures of this library beside their texts.
+xstring explain(xthrowable* failure)
+{
+    Facts facts;
+    if (auto* const sequence = qelXInvalidSeqIndex::softcast(failure)) {
+        facts.add("index", sequence->getIndex());
+        facts.add("size", sequence->getSize());
+    } else if (auto* const dictionary = qelXInvalidDictIndex::softcast(failure)) {
+        facts.add("slot", dictionary->getIndex());
+        facts.add("slots", dictionary->getSize());
+    } else if (auto* const array = qelXInvalidArrayIndex::softcast(failure)) {
+        facts.add("dimension", array->getDimension());
+        facts.add("index", array->getIndex());
+    } else if (auto* const negative = qelXNegativeIndex::softcast(failure)) {
+        facts.add("index", negative->getIndex());
+    } else if (auto* const key = qelXInvalidDictKey::softcast(failure)) {
+        facts.add("key", key->getKey());
+    } else if (auto* const type = qelXTypeMismatch::softcast(failure)) {
+        facts.add("expected", type->getTypeName());
+        facts.add("found", type->getQelObject().getQelTypeName());
+    } else if (auto* const connection = xportXCannotConnect::softcast(failure)) {
+        facts.add("host", connection->getHost());
+        facts.add("port", connection->getPort());
+    }
+    return facts.joined;
+}
+
+/// The facts that the class of a failure, or the nearest base class, adds in its table.
+xstring explainByTable(xthrowable* failure, xrttiobject* type)
+{
+    const qelClass* const table = qelClassOf(type);
+    if (table != nullptr && table->explain != nullptr)
+        return table->explain(failure);
+    for (int i = 0; i < type->getNParents(); ++i)
+        if (const xstring facts = explainByTable(failure, type->getParent(i)); !facts.isNull())
+            return facts;
+    return nullptr;
+}
+
+} // namespace
 
 // ---- tables
 
@@ -90,9 +170,9 @@ QEL_EXCEPTION_TEXT(qelXInvalidArrayIndex, "Array index is out of range",
                    (xany object, int dimension, int index), (object, dimension, index), QelObject(object),
                    Dimension(dimension), Index(index))
 QEL_EXCEPTION_TEXT(qelXInvalidSeqIndex, "Sequence index is out of range", (xany object, int index),
-                   (object, index), QelObject(object), Index(index))
+                   (object, index), QelObject(object), Index(index), Size(sizeOf(object)))
 QEL_EXCEPTION_TEXT(qelXInvalidDictIndex, "Dictionary index is out of range", (xany object, int index),
-                   (object, index), QelObject(object), Index(index))
+                   (object, index), QelObject(object), Index(index), Size(sizeOf(object)))
 QEL_EXCEPTION_TEXT(qelXInvalidDictKey, "Dictionary key is not found", (xany object, const char* key),
                    (object, key), QelObject(object), Key(key))
 QEL_EXCEPTION_TEXT(qelXNegativeIndex, "Negative index", (int index), (index), Index(index))
@@ -145,7 +225,16 @@ xstring qelTextOf(xthrowable* failure)
         if (auto* const attr = type->findAttr("Msg", 1))
             if (const xany message = attr->getValue(failure); message.getKind() == xanyString)
                 text = message;
-    return text == nullptr || text == "" ? failure->getQelTypeName() : text;
+    if (text.empty())
+        text = failure->getQelTypeName();
+    const xstring own = explain(failure);
+    const xstring facts = own.isNull() ? explainByTable(failure, failure->getRtti()) : own;
+    return facts.isNull() ? text : text + " (" + facts + ")";
+}
+
+void qelThrowOutOfRange()
+{
+    qelXNativeException::Throw("number does not fit into a variant");
 }
 
 void qelThrowTypeMismatch(xrttiobject* expected, xobject* p)

@@ -46,7 +46,7 @@ class QEL_API qelXException : public virtual xthrowable
     QEL_OBJECT(qelXException); // "qellib::XException"
     QEL_REBUILD(qelXException);
     /// Human-readable text of the failure. May be null.
-    QEL_PROPERTY(xstring, Description);
+    QEL_READONLY(xstring, Description);
 
 protected:
     qelXException() = default;
@@ -72,8 +72,8 @@ class QEL_API qelXFunc : public virtual xobject
 {
     QEL_OBJECT(qelXFunc); // "qellib::XFunc"
     QEL_REBUILD(qelXFunc);
-    QEL_PROPERTY(xstring, Name);
-    QEL_PROPERTY(xrchandle<qelXArgs>, Args);
+    QEL_READONLY(xstring, Name);
+    QEL_READONLY(xrchandle<qelXArgs>, Args);
 
 public:
     explicit qelXFunc(const char* name);
@@ -85,7 +85,7 @@ class QEL_API qelXExternFunc : public virtual qelXException
     QEL_OBJECT(qelXExternFunc); // "qellib::XExternFunc"
     QEL_REBUILD(qelXExternFunc);
     /// May be a null handle.
-    QEL_PROPERTY(xrchandle<qelXFunc>, Func);
+    QEL_READONLY(xrchandle<qelXFunc>, Func);
 
 public:
     qelXExternFunc(const char* description, qelXFunc* func);
@@ -120,9 +120,9 @@ class QEL_API qelXTypeMismatch : public virtual qelXException
     QEL_OBJECT(qelXTypeMismatch); // "qellib::XTypeMismatch"
     QEL_REBUILD(qelXTypeMismatch);
     /// The name of the type that was expected.
-    QEL_PROPERTY(xstring, TypeName);
+    QEL_READONLY(xstring, TypeName);
     /// The value of the other type.
-    QEL_PROPERTY(xany, QelObject);
+    QEL_READONLY(xany, QelObject);
 
 public:
     qelXTypeMismatch(const char* typeName, xany object);
@@ -134,9 +134,9 @@ class QEL_API qelXInvalidArrayIndex : public virtual qelXException
 {
     QEL_OBJECT(qelXInvalidArrayIndex); // "qellib::XInvalidArrayIndex"
     QEL_REBUILD(qelXInvalidArrayIndex);
-    QEL_PROPERTY(xany, QelObject);
-    QEL_PROPERTY(int, Dimension);
-    QEL_PROPERTY(int, Index);
+    QEL_READONLY(xany, QelObject);
+    QEL_READONLY(int, Dimension);
+    QEL_READONLY(int, Index);
 
 public:
     qelXInvalidArrayIndex(xany object, int dimension, int index);
@@ -148,12 +148,17 @@ class QEL_API qelXInvalidSeqIndex : public virtual qelXException
 {
     QEL_OBJECT(qelXInvalidSeqIndex); // "qellib::XInvalidSeqIndex"
     QEL_REBUILD(qelXInvalidSeqIndex);
-    QEL_PROPERTY(xany, QelObject);
-    QEL_PROPERTY(int, Index);
+    QEL_READONLY(xany, QelObject);
+    QEL_READONLY(int, Index);
 
 public:
     qelXInvalidSeqIndex(xany object, int index);
     [[noreturn]] static void Throw(xany object, int index);
+    /// The number of elements of the sequence when the failure arose; null when not known. No attribute.
+    int getSize() const { return Size; }
+
+private:
+    int Size = xnullint;
 };
 
 /// "Dictionary index is out of range"
@@ -161,12 +166,17 @@ class QEL_API qelXInvalidDictIndex : public virtual qelXException
 {
     QEL_OBJECT(qelXInvalidDictIndex); // "qellib::XInvalidDictIndex"
     QEL_REBUILD(qelXInvalidDictIndex);
-    QEL_PROPERTY(xany, QelObject);
-    QEL_PROPERTY(int, Index);
+    QEL_READONLY(xany, QelObject);
+    QEL_READONLY(int, Index);
 
 public:
     qelXInvalidDictIndex(xany object, int index);
     [[noreturn]] static void Throw(xany object, int index);
+    /// The number of slots of the dictionary when the failure arose; null when not known. No attribute.
+    int getSize() const { return Size; }
+
+private:
+    int Size = xnullint;
 };
 
 /// "Dictionary key is not found"
@@ -174,8 +184,8 @@ class QEL_API qelXInvalidDictKey : public virtual qelXException
 {
     QEL_OBJECT(qelXInvalidDictKey); // "qellib::XInvalidDictKey"
     QEL_REBUILD(qelXInvalidDictKey);
-    QEL_PROPERTY(xany, QelObject);
-    QEL_PROPERTY(xstring, Key);
+    QEL_READONLY(xany, QelObject);
+    QEL_READONLY(xstring, Key);
 
 public:
     qelXInvalidDictKey(xany object, const char* key);
@@ -187,7 +197,7 @@ class QEL_API qelXNegativeIndex : public virtual qelXException
 {
     QEL_OBJECT(qelXNegativeIndex); // "qellib::XNegativeIndex"
     QEL_REBUILD(qelXNegativeIndex);
-    QEL_PROPERTY(int, Index);
+    QEL_READONLY(int, Index);
 
 public:
     explicit qelXNegativeIndex(int index);
@@ -210,7 +220,7 @@ class QEL_API qelXRefCountable : public virtual qelXException
 {
     QEL_OBJECT(qelXRefCountable); // "qellib::XRefCountable"
     QEL_REBUILD(qelXRefCountable);
-    QEL_PROPERTY(xany, QelObject);
+    QEL_READONLY(xany, QelObject);
 
 public:
     explicit qelXRefCountable(xany object);
@@ -222,7 +232,7 @@ class QEL_API qelXNativeException : public virtual qelXException
 {
     QEL_OBJECT(qelXNativeException); // "qellib::XNativeException"
     QEL_REBUILD(qelXNativeException);
-    QEL_PROPERTY(xstring, StringRep);
+    QEL_READONLY(xstring, StringRep);
 
 public:
     explicit qelXNativeException(const char* text);
@@ -274,13 +284,14 @@ public:
     /// fault code.
     xstring getMessage() override;
 
-    QEL_PROPERTY(xstring, FaultCode);
-    QEL_PROPERTY(xstring, FaultString);
-    QEL_PROPERTY(xany, FaultDetail);
+    QEL_READONLY(xstring, FaultCode);
+    QEL_READONLY(xstring, FaultString);
+    QEL_READONLY(xany, FaultDetail);
 };
 
-/// Returns the text of `failure`, of any library's exception, for a message to people. The registered name of
-/// its class when it has no text; the null string for null and xuninitobj.
+/// Returns the text of `failure`, of any library's exception, for a message to people: what went wrong and, in
+/// parentheses, with which object, as far as the failure knows it: "Sequence index is out of range (index 7,
+/// size 3)". The registered name of its class stands for a missing text. The null string for null and xuninitobj.
 QEL_API xstring qelTextOf(xthrowable* failure);
 
 // ---- throwing

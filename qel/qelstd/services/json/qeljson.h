@@ -18,13 +18,13 @@ class QEL_API qelXJson : public virtual qelXException
     QEL_OBJECT(qelXJson); // "qellib::XJson"
     QEL_REBUILD(qelXJson);
     /// The position in the value: "$" is the whole, "$.people[3].age" an attribute of an element.
-    QEL_PROPERTY(xstring, Path);
+    QEL_READONLY(xstring, Path);
     /// The position in the text, both from 1; null while writing.
-    QEL_PROPERTY(int, Line);
+    QEL_READONLY(int, Line);
     /// In characters.
-    QEL_PROPERTY(int, Column);
-    QEL_PROPERTY(xstring, Expected);
-    QEL_PROPERTY(xstring, Found);
+    QEL_READONLY(int, Column);
+    QEL_READONLY(xstring, Expected);
+    QEL_READONLY(xstring, Found);
 
 public:
     qelXJson(const char* path, int line, int column, const char* expected, const char* found);

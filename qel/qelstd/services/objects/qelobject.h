@@ -78,8 +78,54 @@ private:                                     \
     }                                    \
     static_assert(sizeof(E) <= sizeof(int))
 
+/// The same for an enumeration in a class, scoped or not, with values of any order: after the class, in its
+/// namespace. Its source uses QEL_LABELS_IN. A variant carries the position of the value's label; a value
+/// without a label reads as null.
+#define QEL_ENUM_IN(Class, E)                      \
+    QEL_API xrttienum* qelGetRtti_##Class##_##E(); \
+    QEL_API const int* qelEnumValues(Class::E*);   \
+    inline xrttienum* qelEnumRtti(Class::E*)       \
+    {                                              \
+        return qelGetRtti_##Class##_##E();         \
+    }                                              \
+    static_assert(sizeof(Class::E) <= sizeof(int))
+
 /// Returns the number of labels of an enumeration; as a value, this number stands for null.
 QEL_API int qelLabelCount(xrttienum* type);
+
+/// Whether the values of E are those of QEL_LABELS_IN, not the positions of the labels.
+template<class E>
+concept qelHasEnumValues = requires
+{
+    qelEnumValues(static_cast<E*>(nullptr));
+};
+
+/// Returns the value by which a variant represents `v`: the position of its label, or null.
+template<class E>
+int qelEnumToLabel(E v)
+{
+    const int value = static_cast<int>(v);
+    if constexpr (qelHasEnumValues<E>) {
+        const int* const values = qelEnumValues(static_cast<E*>(nullptr));
+        const int n = qelLabelCount(qelEnumRtti(static_cast<E*>(nullptr)));
+        for (int i = 0; i < n; ++i)
+            if (values[i] == value)
+                return i;
+        return xnullint;
+    } else {
+        return value;
+    }
+}
+
+/// Returns the enumerator that a variant with this value represents, which is not null.
+template<class E>
+E qelEnumFromLabel(int label)
+{
+    if constexpr (qelHasEnumValues<E>)
+        return static_cast<E>(qelEnumValues(static_cast<E*>(nullptr))[label]);
+    else
+        return static_cast<E>(label);
+}
 
 /// In the body of a class that can be rebuilt from a serialized form: declares the constructor that leaves
 /// every attribute without a value, and the creation entry, which returns a new T as an untyped pointer, or
@@ -116,17 +162,57 @@ V qelUnset()
         return xnullbool;
     else if constexpr (std::is_enum_v<V> && sizeof(V) == sizeof(int))
         return __builtin_bit_cast(V, xnullint);
-    else if constexpr (requires { qelEnumRtti(static_cast<V*>(nullptr)); })
+    else if constexpr (qelHasEnumValues<V>) {
+        int unused = 0; // too narrow for xnullint: any value without a label
+        while (qelEnumToLabel(static_cast<V>(unused)) != xnullint)
+            ++unused;
+        return static_cast<V>(unused);
+    } else if constexpr (requires { qelEnumRtti(static_cast<V*>(nullptr)); })
         return static_cast<V>(
             qelLabelCount(qelEnumRtti(static_cast<V*>(nullptr)))); // too narrow for xnullint
     else
         return V();
 }
 
-/// In a class body: an attribute stored in its own field, with its accessor and its rebuild hook. It reads as
-/// null (a variant as uninit) until it is set; but a `bool` has no null and starts as false: use `unsigned
-/// char` for a truth value that may be missing.
-#define QEL_PROPERTY(type, Name)             \
+/// An argument that converts to everything: tells whether a class has a function of its own.
+struct qelProbe
+{
+    template<class V>
+    operator V() const;
+};
+
+/// T, complete when the template with the argument V is used.
+template<class V, class T>
+struct qelLater
+{
+    using known = T;
+};
+
+/// In a class body: an attribute stored in its own field, with `getName`, `setName` and its rebuild hook. It
+/// reads as null (a variant as uninit) until it is set; but a `bool` has no null and starts as false: use
+/// `unsigned char` for a truth value that may be missing. A `setName` that the class declares itself replaces
+/// this one.
+// clang-format off: it would tear the constraint
+#define QEL_PROPERTY(type, Name)                                                          \
+    QEL_READONLY(type, Name);                                                             \
+                                                                                          \
+public:                                                                                   \
+    template<class V = type>                                                              \
+    requires(!std::is_same_v<V, qelProbe> && std::is_convertible_v<V, type> &&            \
+             !requires(typename qelLater<V, self>::known & object, const qelProbe& any) { \
+                 object.set##Name(any);                                                   \
+             }) void set##Name(V value)                                                   \
+    {                                                                                     \
+        Name = static_cast<V&&>(value);                                                   \
+    }                                                                                     \
+                                                                                          \
+private:                                                                                  \
+    static_assert(true)
+// clang-format on
+
+/// The same without `setName`: the attribute changes only while an object is rebuilt, as that of an exception
+/// does.
+#define QEL_READONLY(type, Name)             \
 public:                                      \
     type get##Name() const                   \
     {                                        \

@@ -107,6 +107,9 @@ struct qelClass
     /// Returns an object for the attributes' `rebuild` functions to fill: qelRebuildOf<self>, for a class
     /// with QEL_REBUILD. Null when memory runs out.
     xobject* (*rebuild)(qelS11nContext* context) = nullptr;
+    /// For an exception: the facts that qelTextOf adds to its text, such as "host alpha, port 7"; null for
+    /// none. Derived classes have it, too.
+    xstring (*explain)(xobject* failure) = nullptr;
 
     /// The descriptor under construction; a later call resumes it after running out of memory. Like
     /// nextBegun, used only under the lock of building.
@@ -130,13 +133,17 @@ struct qelValue
 {
     static_assert(std::is_enum_v<V>, "an attribute's type is int, unsigned char, double, xstring, xany, an "
                                      "enumeration, or a pointer or handle to an exposed class");
+    static_assert(
+        !std::is_enum_v<V> || requires { qelEnumRtti(static_cast<V*>(nullptr)); },
+        "write QEL_ENUM(E) after the enumeration, in its namespace, or QEL_ENUM_IN(Class, E) after "
+        "its class");
     static xrtti* rtti() { return qelEnumRtti(static_cast<V*>(nullptr)); }
-    static xany pack(V v) { return xany(static_cast<int>(v), qelEnumRtti(static_cast<V*>(nullptr))); }
+    static xany pack(V v) { return xany(qelEnumToLabel(v), qelEnumRtti(static_cast<V*>(nullptr))); }
     static V unpack(const xany& a)
     {
         if (a.isNull())
             return qelUnset<V>();
-        return static_cast<V>(static_cast<int>(a));
+        return qelEnumFromLabel<V>(a);
     }
 };
 
@@ -313,12 +320,27 @@ struct qelFoundValue<unsigned char (S::*)(const char*, V*)>
     using type = V;
 };
 
+template<class D>
+struct qelDictionaryValue
+{
+    using type = typename qelFoundValue<decltype(&D::find)>::type;
+};
+template<class D>
+requires requires
+{
+    typename D::mapped_type;
+}
+struct qelDictionaryValue<D>
+{
+    using type = typename D::mapped_type;
+};
+
 // Read through getarraysize(), find(key, out), getkeybyindex(slot, outKey) and getbyindex(slot, out), filled
 // through set(key, value).
 template<class D>
 constexpr qelShape qelDictionaryShape(unsigned char optional)
 {
-    using V = typename qelFoundValue<decltype(&D::find)>::type;
+    using V = typename qelDictionaryValue<D>::type;
     qelShape shape{.kind = qelShape::dictionary,
                    .optional = optional,
                    .elemType = &qelValue<V>::rtti,
@@ -415,6 +437,38 @@ constexpr bool qelCountsFromZero(std::initializer_list<E> values)
             name, static_cast<int>(std::initializer_list<E>{__VA_ARGS__}.size()), #__VA_ARGS__); \
         return type;                                                                             \
     }                                                                                            \
+    static_assert(true)
+
+template<int n>
+struct qelLabelValues
+{
+    int at[n];
+};
+template<class E, std::size_t n>
+constexpr qelLabelValues<static_cast<int>(n)> qelValuesOf(const E (&list)[n])
+{
+    qelLabelValues<static_cast<int>(n)> values = {};
+    for (std::size_t i = 0; i < n; ++i)
+        values.at[i] = static_cast<int>(list[i]);
+    return values;
+}
+
+/// In a source, after QEL_ENUM_IN(Class, E) in the header: QEL_LABELS_IN(Paint, Colour, "paint::Colour", red,
+/// green). The labels are the names of the enumerators, in any order.
+#define QEL_LABELS_IN(Class, E, name, ...)                                                              \
+    const int* qelEnumValues(Class::E*)                                                                 \
+    {                                                                                                   \
+        using enum Class::E;                                                                            \
+        static constexpr auto values = qelValuesOf<Class::E>({__VA_ARGS__});                            \
+        return values.at;                                                                               \
+    }                                                                                                   \
+    xrttienum* qelGetRtti_##Class##_##E()                                                               \
+    {                                                                                                   \
+        using enum Class::E;                                                                            \
+        static xrttienum* const type = qelBuildEnum(                                                    \
+            name, static_cast<int>(std::initializer_list<Class::E>{__VA_ARGS__}.size()), #__VA_ARGS__); \
+        return type;                                                                                    \
+    }                                                                                                   \
     static_assert(true)
 
 // ---- registration

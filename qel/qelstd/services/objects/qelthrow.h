@@ -16,6 +16,8 @@ class xrttiobject;
 [[noreturn]] QEL_API void qelhThrowNegativeIndex(int index);
 [[noreturn]] QEL_API void qelhThrowNotInitialized();
 [[noreturn]] QEL_API void qelhThrowRefCountable(xobject* obj);
+/// Throws qelXNativeException: a number does not fit, or is a marker.
+[[noreturn]] QEL_API void qelThrowOutOfRange();
 [[noreturn]] QEL_API void qelThrowTypeMismatch(xrttiobject* expected, xobject* p);
 
 /// Throws qelXNull when `value` is null, else qelXTypeMismatch.

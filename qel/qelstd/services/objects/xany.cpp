@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <iterator>
+#include <ostream>
 #include <string>
 
 #include <qel/base/btkabort.h>
@@ -217,6 +218,38 @@ xany::operator xobject*() const
         return value.u.objectValue;
     default:
         abortConversion("Can not convert xany to xobject.", value.tag);
+    }
+}
+
+// ---- output
+
+std::ostream& operator<<(std::ostream& o, const xany& a)
+{
+    switch (a.getKind()) {
+    case xanyUninit:
+        return o << "uninit";
+    case xanyNull:
+        return o << "nil";
+    case xanyInt:
+        return o << static_cast<int>(a);
+    case xanyBool: {
+        const unsigned byte = static_cast<unsigned char>(a);
+        return byte == 0 ? o << "false" : byte == 1 ? o << "true" : o << byte;
+    }
+    case xanyReal:
+        return o << static_cast<double>(a);
+    case xanyString:
+        return o << static_cast<xstring>(a);
+    case xanyEnum: {
+        const int value = static_cast<int>(a);
+        auto* const type = xrttienum::softcast(a.value.u.enumValue.type);
+        const xstring label = qelIsObject(type) ? type->mapIntToString(value) : xstring();
+        return label.isNull() ? o << value : o << label;
+    }
+    case xanyObject:
+        return o << '<' << a.getQelTypeName() << '>';
+    default:
+        QEL_ABORT("Can not be here.");
     }
 }
 

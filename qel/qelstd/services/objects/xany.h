@@ -1,11 +1,18 @@
 #pragma once
 
+#include <climits>
+#include <iosfwd>
 #include <type_traits>
 
 #include <qel/xobject.h>
 #include <qel/xstring.h>
 
 class xrttienum;
+
+/// A number of a type whose values may not fit a variant; the others have their own constructors.
+template<class N>
+concept qelOtherNumber = std::is_arithmetic_v<N> && !std::is_same_v<N, int> && !std::is_same_v<N, bool> &&
+                         !std::is_same_v<N, unsigned char> && !std::is_same_v<N, double>;
 
 /// One value of any framework type, or null, or uninit ("never set", the state of a default-constructed
 /// variant). It has the layout of `__xany_c`. A string payload owns one reference to its buffer, an object
@@ -30,10 +37,29 @@ public:
     requires std::is_same_v<B, bool> xany(B v) { setBool(v ? 1 : 0); }
     /// xnullreal becomes null, xuninitreal uninit.
     xany(double v) { setReal(v); }
+    /// An int, or a real for a floating-point type.
+    /// @throws qelXNativeException  the number does not fit, or is one of the two markers
+    template<qelOtherNumber N>
+    xany(N v)
+    {
+        if (!holds(v))
+            qelThrowOutOfRange();
+        if constexpr (std::is_floating_point_v<N>)
+            setReal(static_cast<double>(v));
+        else
+            setInt(static_cast<int>(v));
+    }
     /// The null string becomes null. Shares the buffer.
     xany(xstring s);
     /// Null and xnullstr become null, xuninitstr uninit.
     xany(const char* text);
+    xany(const unsigned short* text) : xany(xstring(text)) {}
+    xany(const char8_t* text) : xany(reinterpret_cast<const char*>(text)) {}
+    xany(const char16_t* text) : xany(xstring(text)) {}
+    template<qelTextClass S>
+    xany(const S& text) : xany(xstring(text))
+    {
+    }
     /// Null becomes null, xuninitobj uninit. Takes its own counted reference.
     xany(xobject* p);
     template<class T>
@@ -117,9 +143,59 @@ public:
     /// Whether the value is null.
     unsigned char operator==(std::nullptr_t) const { return isNull(); }
     unsigned char operator!=(std::nullptr_t) const { return !isNull(); }
+    unsigned char operator==(const xstring& text) const { return *this == xany(text); }
+    unsigned char operator!=(const xstring& text) const { return !(*this == text); }
+    /// A number that no variant holds is unequal.
     template<class N>
     requires std::is_arithmetic_v<N>
-    unsigned char operator==(N number) const { return *this == xany(number); }
+    unsigned char operator==(N number) const
+    {
+        if constexpr (qelOtherNumber<N>)
+            return holds(number) && *this == xany(number);
+        else
+            return *this == xany(number);
+    }
+    template<class N>
+    requires std::is_arithmetic_v<N>
+    unsigned char operator!=(N number) const { return !(*this == number); }
+    template<qelTextClass S>
+    unsigned char operator==(const S& text) const
+    {
+        return *this == xstring(text);
+    }
+    template<qelTextClass S>
+    unsigned char operator!=(const S& text) const
+    {
+        return !(*this == text);
+    }
+    /// Whether the value is this object; takes no reference.
+    template<class T>
+    requires std::is_convertible_v<T*, xobject*>
+    unsigned char operator==(T* p) const { return isObject(qelObjectOf(p)); }
+    template<class T>
+    requires std::is_convertible_v<T*, xobject*>
+    unsigned char operator!=(T* p) const { return !(*this == p); }
+    /// The same with the variant on the right.
+    friend bool operator==(std::nullptr_t, const xany& a) { return a.isNull(); }
+    friend bool operator!=(std::nullptr_t, const xany& a) { return !a.isNull(); }
+    friend bool operator==(const char* text, const xany& a) { return a.operator==(text) != 0; }
+    friend bool operator!=(const char* text, const xany& a) { return a.operator==(text) == 0; }
+    friend bool operator==(const xstring& text, const xany& a) { return a.operator==(text) != 0; }
+    friend bool operator!=(const xstring& text, const xany& a) { return a.operator==(text) == 0; }
+    template<class V>
+    requires(std::is_arithmetic_v<V> || qelTextClass<V>) friend bool operator==(const V& value, const xany& a)
+    {
+        return a.operator==(value) != 0;
+    }
+    template<class V>
+    requires(std::is_arithmetic_v<V> || qelTextClass<V>) friend bool operator!=(const V& value, const xany& a)
+    {
+        return a.operator==(value) == 0;
+    }
+
+    /// Writes the number or text, true or false, the label of an enumeration, "nil" for null, "uninit", or the
+    /// class of an object: `<intseq>`.
+    friend QEL_API std::ostream& operator<<(std::ostream& o, const xany& a);
 
     /// Null and uninit convert to the markers of the target type; an int also converts to a double.
     /// Converting a value of another kind is a broken invariant and aborts the process: check the kind first.
@@ -157,6 +233,25 @@ private:
         value.u.realValue = v;
     }
 
+    template<qelOtherNumber N>
+    static bool holds(N v)
+    {
+        if constexpr (std::is_floating_point_v<N>) {
+            const auto real = static_cast<double>(v);
+            const bool isFinite = v - v == 0;
+            return (isFinite ? real - real == 0 : true) && real != xnullreal && real != xuninitreal;
+        } else if constexpr (std::is_unsigned_v<N>) {
+            return static_cast<unsigned long long>(v) <= INT_MAX;
+        } else {
+            const auto whole = static_cast<long long>(v);
+            return whole >= INT_MIN && whole <= INT_MAX && whole != xnullint && whole != xuninitint;
+        }
+    }
+    bool isObject(const xobject* p) const
+    {
+        return qelIsObject(p) ? value.tag == xanyObject && value.u.objectValue == p
+                              : value.tag == (p == nullptr ? xanyNull : xanyUninit);
+    }
     static bool isPlain(int tag) { return static_cast<unsigned>(tag) < xanyString; }
     void copyFrom(const __xany_c& from)
     {
