@@ -1,7 +1,8 @@
 """pages.py ROOT OUT: copies the documents of the tree into the folder OUT, as Doxygen takes them.
 
 All are in one folder there. Doxygen has no anchors for headings of its own and one name space for them, so each heading gets
-PAGE-HEADING, and links lead there. A code span with an apostrophe is none for Doxygen; it is written out."""
+PAGE-HEADING, and links lead there. A code span with an apostrophe is none for Doxygen; it is written out. The sections of
+subjects.md become groups of declarations, too (headers.py)."""
 import pathlib
 import re
 import sys
@@ -39,3 +40,18 @@ for path, name in pages.items():
         text = re.sub(r"(?<!`)`([^`\n]+)`(?!`)", written_out, text)
         parts[i] = re.sub(r"^(##+) (.*)$", lambda h: f"{h[0]} {{#{anchor(name, h[2])}}}", text, flags=re.MULTILINE)
     (out / name).write_text("".join(parts))
+
+def of_group(section):
+    """A section of subjects.md on the main page, and as a group."""
+    title, text = section[1], section[2]
+    name = re.sub(r"\W+", "_", title.lower())
+    groups.append(f"/** @defgroup {name} {title}\n{text}*/\n")
+    return f"## {title}\n{text.rstrip()} All its declarations: @ref {name}.\n\n"
+
+
+groups = []
+subjects = out / "subjects.md"
+text = re.sub(r"^All: .*?\n(\n|\Z)", "", subjects.read_text(), flags=re.MULTILINE | re.DOTALL)
+text = re.sub(r"^## (.*?) \{#.*?\}\n(.*?)(?=^## |\Z)", of_group, text, flags=re.MULTILINE | re.DOTALL)
+subjects.write_text(text)
+(out / "groups.dox").write_text("\n".join(groups))
