@@ -1,5 +1,7 @@
 #pragma once
 
+#include <type_traits>
+
 #include "qelexception.h"
 #include "qeltable.h"
 
@@ -10,12 +12,18 @@
 constexpr bool qelCounted = true;
 constexpr bool qelNotCounted = false;
 
+template<auto value>
+using qelConstant = std::integral_constant<decltype(value), value>;
+
 /// The rebuild function of T: null for a class without QEL_REBUILD, even if its Parent has it.
 template<class T, class Parent>
 constexpr auto qelRebuildBeyond() -> xobject* (*)(qelS11nContext*)
 {
+    // Functions are compared as template arguments: a comparison of addresses is no constant under a sanitizer.
     if constexpr (requires { &Parent::_s11n_create; })
-        return &T::_s11n_create == &Parent::_s11n_create ? nullptr : &qelRebuildOf<T>;
+        return std::is_same_v<qelConstant<&T::_s11n_create>, qelConstant<&Parent::_s11n_create>>
+                   ? nullptr
+                   : &qelRebuildOf<T>;
     else if constexpr (requires { &T::_s11n_create; })
         return &qelRebuildOf<T>;
     else
