@@ -1,7 +1,7 @@
 """pages.py ROOT OUT: copies the documents of the tree into the folder OUT, as Doxygen takes them.
 
 All are in one folder there. Doxygen has no anchors for headings of its own and one name space for them, so each heading gets
-PAGE-HEADING, and links lead there. A code span with an apostrophe is none for Doxygen; it is written out. The sections of
+PAGE-HEADING, and links lead there. A code span in which Doxygen finds a quotation or a link is written out. The sections of
 subjects.md become groups of declarations, too (headers.py)."""
 import pathlib
 import re
@@ -19,7 +19,7 @@ def anchor(name, heading):
 
 
 def written_out(span):
-    if not re.search(r"'|^#|^::", span[1]):
+    if not re.search(r"'|^#|^::|\*\w+::", span[1]):
         return span[0]
     return "<code>" + re.sub(r"([\\@&$#<>%\"|]|::)", r"\\\1", span[1]) + "</code>"
 
