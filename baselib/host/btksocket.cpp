@@ -674,6 +674,12 @@ bool btkAcceptSocket::Listen(int port, const char* listenOn)
     return false;
 }
 
+void btkAcceptSocket::Adopt(btkFd listening)
+{
+    fd = std::move(listening);
+    SetStreamOptions(fd.Get());
+}
+
 bool btkAcceptSocket::Accept(btkStreamSocket* connection)
 {
     btkSocketAddress address;

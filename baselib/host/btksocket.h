@@ -13,8 +13,8 @@
 class BASE_API btkSocket
 {
 public:
-    btkSocket(const btkSocket&) = delete;
-    btkSocket& operator=(const btkSocket&) = delete;
+    btkSocket(btkSocket&&) = default;
+    btkSocket& operator=(btkSocket&&) = default;
 
     bool IsOpen() const { return static_cast<bool>(fd); }
     /// The descriptor, which stays the socket's; -1 when it is not open.
@@ -189,6 +189,8 @@ public:
     /// of one of this machine's interfaces, null for all of them. False, with the reason in errno, when the
     /// port is outside 0..65535 or taken. A port merely left over from closed connections is not taken.
     bool Listen(int port, const char* listenOn);
+    /// Takes over a descriptor that listens and does not block, and owns it.
+    void Adopt(btkFd listening);
     void Close() { fd.Reset(); }
 
     /// Stores the next connection in `connection`. False when none is pending (EAGAIN) or accepting failed.

@@ -104,14 +104,18 @@ nmsServer::~nmsServer()
     Event_Free(stop);
 }
 
-bool nmsServer::Listen()
+bool nmsServer::Listen(btkAcceptSocket passed)
 {
     if (options.untilSignal) {
         signals = btkAwaitTermination();
         if (!signals)
             return false;
     }
-    if (stop < 0 || !door.Listen(options.port, options.listenOn))
+    if (stop < 0)
+        return false;
+    if (passed.IsOpen())
+        door = std::move(passed);
+    else if (!door.Listen(options.port, options.listenOn))
         return false;
     if (!options.stateFile.empty())
         LoadState();

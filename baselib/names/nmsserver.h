@@ -45,8 +45,9 @@ public:
     nmsServer(const nmsServer&) = delete;
     nmsServer& operator=(const nmsServer&) = delete;
 
-    /// False, with the reason in errno, when the port or a descriptor is not available.
-    bool Listen();
+    /// False, with the reason in errno, when the port or a descriptor is not available. `passed`, if it is open,
+    /// is used instead of the options' interface and port.
+    bool Listen(btkAcceptSocket passed = btkAcceptSocket());
     int GetPort() const { return door.GetPortN(); }
 
     /// Serves until Stop is called or a client requests a shutdown; pending responses are sent first, for at
