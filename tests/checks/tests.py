@@ -40,7 +40,7 @@ ELSEWHERE = {
     "qel_output": "help man",
     "qel_fs": "progress",
     "qel_mon": "monwatch",
-    "qel_rsh": "rshd",
+    "qel_rsh": "daemon rshd",
 }
 
 # Where tests sleep, how often, and why no event can stand there.

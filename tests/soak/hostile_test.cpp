@@ -133,7 +133,7 @@ Service Shell()
     Service shell;
     shell.name = "qel rshd";
     shell.program = QEL_PROGRAM;
-    shell.arguments = {"rshd", "--port", "0"};
+    shell.arguments = {"rshd", "--as-root", "--port", "0"};
     shell.ping = shell.pong = "\1";
     shell.request = command("true") + Number(5);
     shell.answer = Admitted(Number(0) + Number(6) + Number(0) + Number(7));

@@ -26,7 +26,7 @@ namespace {
 // `qel rshd` on a free port, and `qel rsh` with it.
 struct Shell
 {
-    explicit Shell(std::vector<std::string> arguments = {"rshd", "--port", "0"})
+    explicit Shell(std::vector<std::string> arguments = {"rshd", "--as-root", "--port", "0"})
         : server(std::move(arguments)), port(std::to_string(server.port()))
     {
     }
@@ -151,7 +151,7 @@ bool IsCut(btkStreamSocket& socket)
 
 TEST(QelRshd, ClosesClientsThatSendNoRequest)
 {
-    const Shell shell({"rshd", "--port", "0", "--sessions", "1", "--request-limit", "2"});
+    const Shell shell({"rshd", "--as-root", "--port", "0", "--sessions", "1", "--request-limit", "2"});
     // Above the limit of unfinished requests the oldest are closed, whatever they have sent; the others keep
     // their time.
     std::vector<std::unique_ptr<btkStreamSocket>> others;
@@ -174,7 +174,7 @@ TEST(QelRshd, ClosesClientsThatSendNoRequest)
 
 TEST(QelRshd, ClosesClientsThatStayAfterTheirCommand)
 {
-    const Shell shell({"rshd", "--port", "0", "--sessions", "1", "--patience", "1"});
+    const Shell shell({"rshd", "--as-root", "--port", "0", "--sessions", "1", "--patience", "1"});
     const auto done = Begun(shell, std::string("\0\0\0\4true\0\0\0\0\0\0\0\0\0\0\0\5", 20));
     char end[16];
     EXPECT_EQ(done->RecvAll(end, sizeof end), sizeof end); // running, 6, the exit code, 7
@@ -202,7 +202,7 @@ TEST(QelRshd, AdmitsOnlyTheMachinesOfItsList)
     EXPECT_EQ(runInChild([&] {
                   if (!enterOwnNetwork({"127.0.0.1", "10.1.2.3", "10.2.2.3", "10.9.9.9"}))
                       return 0; // the system does not allow it
-                  RunningQel server({"rshd", "--port", "0", "--interface", "10.9.9.9"});
+                  RunningQel server({"rshd", "--as-root", "--port", "0", "--interface", "10.9.9.9"});
                   const int port = server.port();
                   if (answer("10.1.2.3", port) != 1)
                       return 1;

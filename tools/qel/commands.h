@@ -35,10 +35,12 @@
 
 /// The program's exit status.
 enum class Exit {
-    yes = 0,   ///< done, or the answer is yes
-    no = 1,    ///< the answer is no, or the object is missing or access is not allowed
-    usage = 2, ///< wrong arguments
-    peer = 3,  ///< another program did not answer, or input or output failed
+    yes = 0,        ///< done, or the answer is yes
+    no = 1,         ///< the answer is no, or the object is missing or access is not allowed
+    usage = 2,      ///< wrong arguments
+    peer = 3,       ///< another program did not answer, or input or output failed
+    notRun = 126,   ///< of a command run elsewhere: the system there could not run it
+    notFound = 127, ///< of a command run elsewhere: no such program
 };
 
 /// Thrown to end the program. Unless `why` is empty, main writes one line, "qel GROUP COMMAND: what: why", to

@@ -16,7 +16,7 @@ namespace {
 
 // ---- the scripts
 
-// Both call `qel complete -- WORD...` for the completions of the last word: each line is a text, a tab and a
+// They call `qel complete -- WORD...` for the completions of the last word: each line is a text, a tab and a
 // description. ":files" and ":directories" leave the completion to the shell.
 constexpr const char* bashScript = R"(# bash completion for qel
 _qel()
@@ -79,6 +79,38 @@ _qel()
 }
 if [[ $funcstack[1] == _qel ]]; then _qel "$@"; else compdef _qel qel; fi
 )";
+
+constexpr const char* fishScript = R"(# fish completion for qel
+function __qel_complete
+    set -l words (commandline -opc) (commandline -ct)
+    for line in ($words[1] complete -- (string unescape -- $words[2..]) 2>/dev/null)
+        switch $line
+            case :files
+                __fish_complete_path (commandline -ct)
+            case :directories
+                __fish_complete_directories (commandline -ct)
+            case '*'
+                echo $line
+        end
+    end
+end
+complete -c qel -f -a '(__qel_complete)'
+)";
+
+struct Shell
+{
+    const char* name;
+    const char* script;
+};
+constexpr Shell shells[] = {{"bash", bashScript}, {"zsh", zshScript}, {"fish", fishScript}};
+
+std::vector<std::string> ShellNames()
+{
+    std::vector<std::string> names;
+    for (const Shell& shell : shells)
+        names.emplace_back(shell.name);
+    return names;
+}
 
 // ---- the completions of a word
 
@@ -218,9 +250,11 @@ void Complete(const CLI::App& program, const std::vector<std::string>& words)
     std::cout << lines << std::flush;
 }
 
-void PrintScript(const std::string& shell)
+void PrintScript(const std::string& name)
 {
-    std::cout << (shell == "bash" ? bashScript : zshScript);
+    for (const Shell& shell : shells)
+        if (name == shell.name)
+            std::cout << shell.script;
 }
 
 } // namespace
@@ -237,14 +271,13 @@ void AddCompletionCommands(CLI::App& program)
         AddCommand(program, "completion", "Write the script with which a shell completes words for qel",
                    [shell] { PrintScript(*shell); });
     completion.footer("qel completion bash\tRead it in ~/.bashrc: source <(qel completion bash)\n"
-                      "qel completion zsh\tRead it in ~/.zshrc: source <(qel completion zsh)\n");
-    Offer(*completion.add_option("shell", *shell, "bash or zsh")
+                      "qel completion zsh\tRead it in ~/.zshrc: source <(qel completion zsh)\n"
+                      "qel completion fish\tRead it in config.fish: qel completion fish | source\n");
+    Offer(*completion.add_option("shell", *shell, "bash, zsh or fish")
                ->type_name("SHELL")
                ->required()
-               ->check(CLI::IsMember({"bash", "zsh"})),
-          [](const Typed&) {
-              return std::vector<std::string>{"bash", "zsh"};
-          });
+               ->check(CLI::IsMember(ShellNames())),
+          [](const Typed&) { return ShellNames(); });
 
     const auto words = std::make_shared<std::vector<std::string>>();
     CLI::App& complete = AddCommand(program, "complete", "Print the completions of the last word",

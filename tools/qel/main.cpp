@@ -34,8 +34,19 @@ std::string WhatIsWrong(const CLI::App& program, const CLI::ParseError& problem)
     const std::string command = CommandLineOf(program);
     const std::vector<std::string> left = program.remaining(true);
     const bool isUnknown = dynamic_cast<const CLI::RequiredError*>(&problem) != nullptr && !left.empty();
-    return (isUnknown ? "no such command: " + left.front() : problem.what()) + " (see " + command +
+    const std::string meant = left.empty() ? std::string() : NearestWord(program, left.front());
+    return (isUnknown ? "no such command: " + left.front() : problem.what()) +
+           (meant.empty() ? std::string() : "; did you mean " + meant + "?") + " (see " + command +
            " --help)";
+}
+
+// The command that was named last, if it is a group and nothing follows; null: anything else.
+const CLI::App* UnfinishedGroup(const CLI::App& program, const CLI::ParseError& problem)
+{
+    const CLI::App& command = CommandOf(program);
+    const bool isRequired = dynamic_cast<const CLI::RequiredError*>(&problem) != nullptr;
+    const bool isGroup = command.get_require_subcommand_min() > 0;
+    return isRequired && isGroup && program.remaining(true).empty() ? &command : nullptr;
 }
 
 int Run(CLI::App& program, int argc, char** argv)
@@ -46,6 +57,10 @@ int Run(CLI::App& program, int argc, char** argv)
     } catch (const CLI::Success& asked) { // for the help or the version
         program.exit(asked);
     } catch (const CLI::ParseError& problem) {
+        if (const CLI::App* const group = UnfinishedGroup(program, problem)) {
+            std::cerr << HelpText(*group, CommandLineOf(program));
+            return static_cast<int>(Exit::usage);
+        }
         return Report(program, {Exit::usage, {}, WhatIsWrong(program, problem)});
     } catch (const CommandFailed& failed) {
         return Report(program, failed);

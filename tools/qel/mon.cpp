@@ -37,7 +37,8 @@ Number NumberOf(const std::string& text, const char* kind)
     Number number{};
     const char* const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc() || stop != end)
+    const bool isNumber = number == number; // "nan" is none
+    if (error != std::errc() || stop != end || !isNumber)
         Fail(Exit::usage, text, std::string("not a value of the type ") + kind);
     return number;
 }

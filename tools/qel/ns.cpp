@@ -15,6 +15,7 @@
 #include <qel/base/nmsserver.h>
 
 #include "commands.h"
+#include "daemon.h"
 
 namespace {
 
@@ -27,6 +28,7 @@ struct ServeChoices
     double seconds = 5;
     std::string stateFolder;
     bool hasNoState = false;
+    bool isCheckOnly = false;
     std::vector<std::string> shared;
     nmsServerOptions options;
 };
@@ -54,22 +56,38 @@ std::string StateFile(const ServeChoices& choices, int port)
     return folder + "/nameserver-" + std::to_string(port);
 }
 
+void Check(const ServeChoices& choices)
+{
+    const std::string& file = choices.options.stateFile;
+    if (choices.port > 65535)
+        Fail(Exit::usage, "VRXNMSPORT", "no port: " + std::to_string(choices.port));
+    RequireInterface(choices.interface);
+    if (const std::filesystem::path folder = std::filesystem::path(file).parent_path();
+        !file.empty() && !std::filesystem::is_directory(folder))
+        Fail(Exit::no, folder.string(), "no such directory");
+    Show({{"interface", choices.interface}, {"port", choices.port}, {"state", file.empty() ? "none" : file}});
+}
+
 void Serve(ServeChoices& choices)
 {
     nmsServerOptions& options = choices.options;
+    if (choices.port < 0)
+        choices.port = nmsFindPort();
+    btkAcceptSocket passed = TakePassedSocket(choices.interface, choices.port);
+    options.port = choices.port;
     options.listenOn = choices.interface == "*" ? nullptr : choices.interface.c_str();
-    options.port = choices.port >= 0 ? choices.port : nmsFindPort();
     options.requestLimit = btkTimeval(choices.seconds);
     options.version = "qel ns " QEL_VERSION;
     options.stateFile = StateFile(choices, options.port);
     options.table.areNamesShared = !choices.shared.empty();
     options.untilSignal = true;
+    if (choices.isCheckOnly)
+        return Check(choices);
     nmsServer server(options);
-    if (!server.Listen())
+    if (!server.Listen(std::move(passed)))
         Fail(Exit::peer, choices.interface + ", port " + std::to_string(options.port),
              std::string("cannot listen: ") + std::strerror(errno));
-    // A program that started the server with port 0 reads the port here.
-    std::cout << "serving on " << choices.interface << ", port " << server.GetPort() << std::endl;
+    ReportServing(choices.interface, server.GetPort());
     server.Run();
 }
 
@@ -123,6 +141,9 @@ void AddServe(CLI::App& group)
             "but 0 (default: RUNTIME_DIRECTORY, or qelstd in XDG_RUNTIME_DIR; none without these)")
         ->type_name("DIRECTORY");
     serve.add_flag("--no-state", choices->hasNoState, "Keep no records while the server does not run");
+    serve.add_flag("--check-config", choices->isCheckOnly,
+                   "Do not serve: check the settings, and print those that the server would have");
+    OfferJson(serve);
 }
 
 // ---- queries

@@ -1,6 +1,10 @@
 // The groups of commands, and the options they share.
 #include "program.h"
 
+#include <algorithm>
+#include <numeric>
+#include <utility>
+
 #include "commands.h"
 
 void AddNameServiceCommands(CLI::App& program);
@@ -36,6 +40,23 @@ constexpr AddCommands groups[] = {
     &AddManCommand,          // man
 };
 
+// The number of characters to insert, delete, replace or exchange with their neighbour.
+std::size_t EditDistance(const std::string& from, const std::string& to)
+{
+    std::vector<std::size_t> before, last(to.size() + 1), row(to.size() + 1);
+    std::iota(last.begin(), last.end(), 0);
+    for (std::size_t i = 1; i <= from.size(); ++i) {
+        row[0] = i;
+        for (std::size_t j = 1; j <= to.size(); ++j) {
+            row[j] = std::min({last[j] + 1, row[j - 1] + 1, last[j - 1] + (from[i - 1] != to[j - 1])});
+            if (i > 1 && j > 1 && from[i - 1] == to[j - 2] && from[i - 2] == to[j - 1])
+                row[j] = std::min(row[j], before[j - 2] + 1);
+        }
+        before = std::exchange(last, row);
+    }
+    return last.back();
+}
+
 } // namespace
 
 void BuildProgram(CLI::App& program)
@@ -54,6 +75,38 @@ const CLI::App* FindCommand(const CLI::App& command, const std::string& name)
 {
     const auto found = command.get_subcommands([&](const CLI::App* sub) { return sub->get_name() == name; });
     return found.empty() ? nullptr : found.front();
+}
+
+const CLI::App& CommandOf(const CLI::App& program)
+{
+    const CLI::App* at = &program;
+    while (!at->get_subcommands().empty())
+        at = at->get_subcommands().front();
+    return *at;
+}
+
+std::string NearestWord(const CLI::App& program, const std::string& word)
+{
+    const CLI::App& command = CommandOf(program);
+    std::vector<std::string> names;
+    if (word.starts_with("-")) {
+        for (const CLI::Option* const option : command.get_options())
+            for (const std::string& name : option->get_lnames())
+                names.push_back("--" + name);
+    } else {
+        for (const CLI::App* const sub : command.get_subcommands(nullptr))
+            if (!sub->get_group().empty())
+                names.push_back(sub->get_name());
+    }
+    const std::string typed = word.substr(0, word.find('='));
+    std::size_t nearest = std::min<std::size_t>(3, typed.size()); // what is further away resembles nothing
+    std::string found;
+    for (const std::string& name : names)
+        if (const std::size_t distance = EditDistance(typed, name); distance < nearest) {
+            nearest = distance;
+            found = name;
+        }
+    return found;
 }
 
 std::string CommandLineOf(const CLI::App& program)

@@ -12,6 +12,10 @@ using AddCommands = void (*)(CLI::App& program);
 void BuildProgram(CLI::App& program);
 /// The command of that name below `command`, or null.
 const CLI::App* FindCommand(const CLI::App& command, const std::string& name);
+/// The command that is being parsed or run: the one that was named last.
+const CLI::App& CommandOf(const CLI::App& program);
+/// The name of a command or option, of the command that is being parsed, that `word` resembles; empty: none.
+std::string NearestWord(const CLI::App& program, const std::string& word);
 /// The words of the command that is being parsed or run: "qel ns list".
 std::string CommandLineOf(const CLI::App& program);
 

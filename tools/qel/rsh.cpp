@@ -2,6 +2,8 @@
 #include "rsh.h"
 
 #include <array>
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -64,8 +66,14 @@ qel::owned<rshProcess> Start(const AskChoices& choices, const std::vector<std::s
         if (process != nullptr && choices.hasNoInput)
             process->getStdin()->Close();
     } catch (xthrowable* thrown) {
-        const bool isAnswer = rshXProcess::softcast(thrown) != nullptr;
-        throw FailureOf(thrown, Exit::peer, isAnswer ? words.front() : choices.host);
+        rshXProcess* const answer = rshXProcess::softcast(thrown);
+        const bool isSystemError = answer != nullptr && answer->getCreateError() == pcCreateCode::system;
+        CommandFailed failed =
+            FailureOf(thrown, Exit::peer, answer != nullptr ? words.front() : choices.host);
+        // As a shell: the server passes the system's text only.
+        if (isSystemError)
+            failed.status = failed.why == std::strerror(ENOENT) ? Exit::notFound : Exit::notRun;
+        throw failed;
     }
     if (process == nullptr)
         Fail(Exit::peer, "", "no thread is left");
@@ -147,7 +155,8 @@ void AddRemoteShellCommand(CLI::App& program)
     CLI::App& ask =
         AddCommand(program, "rsh",
                    "Run a command at another machine, by the server `qel rshd` there. Interrupts go to "
-                   "the command; the third within two seconds ends it",
+                   "the command; the third within two seconds ends it. The exit status is the command's; 127 "
+                   "when the server finds no such program, 126 when it cannot run it",
                    nullptr);
     ask.callback([choices, &ask] { Ask(*choices, ask.remaining()); });
     ask.footer(

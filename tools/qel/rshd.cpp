@@ -4,13 +4,14 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include <qel/base/btkenvironment.h>
+#include <qel/base/btkservice.h>
 #include <qel/base/btksocket.h>
 #include <qel/base/netsilentset.h>
 #include <qel/hmxregistry.h>
@@ -21,6 +22,7 @@
 #include <qel/rshserver.h>
 
 #include "commands.h"
+#include "daemon.h"
 #include "rsh.h"
 
 namespace {
@@ -37,6 +39,8 @@ struct ServeChoices
     double seconds = 10;
     double patience = 10;
     int sessions = 32;
+    bool mayBeRoot = false;
+    bool isCheckOnly = false;
 };
 
 // The remote peers that are admitted: lists of address patterns; a peer must match every list.
@@ -227,12 +231,12 @@ bool IsLoopback(const std::string& interface)
             interface.find_first_not_of("0123456789.") == std::string::npos);
 }
 
-void RequireAllowList(const ServeChoices& choices)
+void RequireAllowList(const ServeChoices& choices, bool isOnLoopback)
 {
     const AllowLists allowed(choices.name);
     if (!allowed.IsPossible())
         Fail(Exit::usage, "--name", "no key of the registry has a name like that");
-    if (!IsLoopback(choices.interface) && !allowed.Restrict())
+    if (!isOnLoopback && !allowed.Restrict())
         Fail(Exit::usage, "--interface",
              "everybody could run commands here; first say who may come from there: patterns of addresses in "
              "the value "
@@ -247,15 +251,37 @@ void NameShell()
         btkEnvironment::Set("SHELL", "/bin/sh");
 }
 
-void Serve(const ServeChoices& choices)
+void Check(const ServeChoices& choices)
 {
-    RequireAllowList(choices);
+    RequireInterface(choices.interface);
+    if (!choices.directory.empty() && !std::filesystem::is_directory(choices.directory))
+        Fail(Exit::no, choices.directory, "no such directory");
+    Json settings;
+    settings["interface"] = choices.interface;
+    settings["port"] = choices.port;
+    settings["allow list"] = AllowLists(choices.name).GetPath();
+    settings["shell"] = pcGetShellCommand().CastToCString();
+    settings["sessions"] = choices.sessions;
+    Show(settings);
+}
+
+void Serve(ServeChoices& choices)
+{
+    auto listening = std::make_unique<btkAcceptSocket>(TakePassedSocket(choices.interface, choices.port));
+    RequireAllowList(choices,
+                     listening->IsOpen() ? listening->IsOnLoopback() : IsLoopback(choices.interface));
+    if (btkIsSuperuser() && !choices.mayBeRoot)
+        Fail(Exit::usage, "--as-root",
+             "every command would run with the rights of the superuser: start the server as another user, or "
+             "insist with this option");
     NameShell();
+    if (choices.isCheckOnly)
+        return Check(choices);
     ServeBeside request;
     RunCommand command(choices);
     rshServer::setPatience(choices.patience);
-    auto listening = std::make_unique<btkAcceptSocket>();
-    if (!listening->Listen(choices.port, choices.interface == "*" ? nullptr : choices.interface.c_str()))
+    if (!listening->IsOpen() &&
+        !listening->Listen(choices.port, choices.interface == "*" ? nullptr : choices.interface.c_str()))
         Fail(Exit::peer, choices.interface + ", port " + std::to_string(choices.port),
              std::string("cannot listen: ") + std::strerror(errno));
     const qel::owned<ShellServer> server(new (pDefMemMgr) ShellServer(listening.release(), choices));
@@ -264,8 +290,7 @@ void Serve(const ServeChoices& choices)
     server->setOnRequest(&request);
     server->setOnAsyncRequest(&command);
     const StopWhenTold stop(*server);
-    // A program that started the server with port 0 reads the port here.
-    std::cout << "serving on " << choices.interface << ", port " << server->getPortN() << std::endl;
+    ReportServing(choices.interface, server->getPortN());
     server->Run();
 }
 
@@ -317,4 +342,9 @@ void AddRemoteShellServer(CLI::App& program)
         ->type_name("COUNT")
         ->check(CLI::Range(1, 10000))
         ->capture_default_str();
+    serve.add_flag("--as-root", choices->mayBeRoot,
+                   "Serve although all commands run with the superuser's rights");
+    serve.add_flag("--check-config", choices->isCheckOnly,
+                   "Do not serve: check the settings, and print those that the server would have");
+    OfferJson(serve);
 }

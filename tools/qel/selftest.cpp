@@ -1,6 +1,9 @@
 // qel selftest: uses each part of the library once, in a new directory and on free ports.
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -10,6 +13,7 @@
 #include <thread>
 #include <utility>
 
+#include <qel/base/btkfd.h>
 #include <qel/base/nmsclient.h>
 #include <qel/base/nmsserver.h>
 #include <qel/filelib.h>
@@ -211,9 +215,23 @@ public:
     std::string path;
 };
 
+// The most that a test has open at once, with some to spare.
+constexpr std::size_t neededDescriptors = 16;
+
+// A server without a descriptor for its client's connection would leave both waiting.
+bool HasDescriptors()
+{
+    std::array<btkFd, neededDescriptors> opened;
+    std::generate(opened.begin(), opened.end(), [] { return btkOpenFile("/dev/null", btkOpenRead); });
+    return std::all_of(opened.begin(), opened.end(), [](const btkFd& fd) { return static_cast<bool>(fd); });
+}
+
 // The reason why the test has failed; empty when it has passed.
 std::string Problem(const Test& test, const std::string& folder)
 {
+    if (!HasDescriptors())
+        return "fewer than " + std::to_string(neededDescriptors) +
+               " more descriptors can be opened (ulimit -n)";
     try {
         test.run(folder);
         return {};

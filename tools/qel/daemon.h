@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+
+#include <qel/base/btksocket.h>
+
+// What the servers among the commands have in common, when a service manager runs them and when not.
+
+/// Returns the socket that the service manager listens on for this server; one that is not open when it has
+/// passed none. `interface` and `port` are then the socket's.
+btkAcceptSocket TakePassedSocket(std::string& interface, int& port);
+/// Prints where the server serves, and reports that to the service manager. A program that started the server
+/// with port 0 reads the port from the line.
+void ReportServing(const std::string& interface, int port);
+/// Fails unless a server could listen on `interface`; "*" means all of them.
+void RequireInterface(const std::string& interface);
