@@ -1,7 +1,8 @@
 # Helpers with which each folder lists its sources and headers. Public headers are linked into
 # ${PROJECT_BINARY_DIR}/include, so that the build tree is used like an installed prefix: `#include <qel/xobject.h>`.
 
-# qel_library(NAME EXPORT_MACRO): a shared library that the folders below add their sources to.
+# qel_library(NAME EXPORT_MACRO): a shared library that the folders below add their sources to. The names of the files begin
+# with `qel`, since they share the system's folder with those of others.
 function(qel_library name macro)
   add_library(${name} SHARED)
   add_library(qelstd::${name} ALIAS ${name})
@@ -11,8 +12,9 @@ function(qel_library name macro)
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_compile_features(${name} PUBLIC cxx_std_20)
   target_compile_definitions(${name} PRIVATE ${macro})
+  string(REGEX REPLACE "^qel" "" stem ${name})
   set_target_properties(${name} PROPERTIES
-    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+    OUTPUT_NAME qel${stem} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
     LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib
     INSTALL_RPATH "$ORIGIN")
   # All symbols have one version, which a program records when it is linked, so that several versions may be loaded.

@@ -1,7 +1,10 @@
 #!/bin/bash
-# debs.sh BUILD SOURCE: tests the Debian packages in BUILD: they are installed in a temporary copy of this system in memory;
-# programs run, users' projects build with the installed files, and no file is left when the packages are removed.
+# debs.sh DEBS SOURCE: tests the Debian packages in the folder DEBS. In a temporary copy of this system in memory they are
+# installed, upgraded and purged: programs run, users' projects and the examples build with the installed files, services
+# are enabled as promised, and no file is left. Then a minimal system installs them, with only what they ask for.
 set -euo pipefail
+
+all=(libqelstd0 libqelstd-dev qelstd-tools qelstd-daemons qelstd-doc python3-qelstd)
 
 say() { printf '== %s\n' "$*"; }
 fail() { echo "debs: $*" >&2; exit 1; }
@@ -12,31 +15,42 @@ expect() # TEXT COMMAND...: the command must print the text
     [[ $printed == "$1" ]] || fail "${*:2}: printed '$printed', not '$1'"
 }
 quietly() { "$@" >/debs/log 2>&1 || { cat /debs/log >&2; fail "$*"; }; }
+enabled() { [[ -L /etc/systemd/system/multi-user.target.wants/$1 ]]; }
+
+# newer FILE FOLDER: the package, as the next version.
+newer()
+{
+    local part=/debs/part version
+    rm -rf "$part"
+    dpkg-deb -R "$1" "$part"
+    version=$(dpkg-deb -f "$1" Version)
+    sed -i "s/= $version)/= $version+next)/; s/^Version: .*/Version: $version+next/" "$part/DEBIAN/control"
+    dpkg-deb --root-owner-group -b "$part" "$2" >/dev/null
+}
 
 inside() # VERSION: runs as root of the copy; /debs has the packages, except those of debug information, and the projects
 {
-    local version=$1 major=${1%%.*} folder package
+    local version=$1 folder package
     folder=/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
-    local packages=("libqelstd$major" libqelstd-dev python3-qelstd qelstd-tools)
     export HOME=/debs
     unset LD_LIBRARY_PATH PYTHONPATH QELSTD_LIBRARY PKG_CONFIG_PATH
 
     say "installed by dpkg"
     quietly dpkg -i /debs/*.deb
-    for package in "${packages[@]}"; do
+    for package in "${all[@]}"; do
         expect "installed $version" dpkg-query -W -f '${db:Status-Status} ${Version}' "$package"
         expect "" dpkg --verify "$package"
         [[ -s /usr/share/doc/$package/copyright ]] || fail "$package has no copyright"
     done
-    for library in qelstd baselib ctools; do
-        ldconfig -p | grep "lib$library.so.$major " >/dev/null || fail "the loader does not find lib$library.so.$major"
-        readelf -d "$folder/lib$library.so" | grep RUNPATH >/dev/null && fail "lib$library.so names a folder to search"
+    for library in qelstd qelbaselib qelctools; do
+        ldconfig -p | grep "lib$library.so.0 " >/dev/null || fail "the loader does not find lib$library.so.0"
+        readelf -d "$folder/lib$library.so.0" | grep RUNPATH >/dev/null && fail "lib$library.so names a folder to search"
     done
 
     say "the command runs"
     [[ $(qel --version) == *"$version"* ]] || fail "qel --version: $(qel --version)"
 
-    say "a project is built with find_package and with pkg-config"
+    say "a project is built with find_package and with pkg-config, and so are the examples"
     quietly cmake -S /debs/consumer -B /debs/built
     quietly cmake --build /debs/built
     grep "qelstd_DIR:PATH=$folder/" /debs/built/CMakeCache.txt >/dev/null || fail "another qelstd was found"
@@ -46,6 +60,9 @@ inside() # VERSION: runs as root of the copy; /debs has the packages, except tho
     read -ra flags < <(pkg-config --cflags --libs qelstd)
     quietly c++ -std=c++20 -g /debs/consumer/consumer.cpp -o /debs/with_pkg_config "${flags[@]}"
     expect "$version" /debs/with_pkg_config
+    quietly cmake -S /usr/share/doc/qelstd-doc/examples -B /debs/examples
+    quietly cmake --build /debs/examples --parallel "$(nproc)"
+    expect "$(cat /usr/share/doc/qelstd-doc/examples/defineclass/expected.txt)" /debs/examples/defineclass/defineclass
 
     say "Python imports the package"
     expect "['b']" /usr/bin/python3 -B -c "import qelstd; print(list(qelstd.StringSequence(['a', 'b'])[1:]))"
@@ -57,16 +74,30 @@ inside() # VERSION: runs as root of the copy; /debs has the packages, except tho
         grep "Yes.*/libqelstd.so.$version-gdb.py" /debs/log >/dev/null || { cat /debs/log >&2; fail "gdb does not"; }
     fi
 
+    say "the name server is enabled, and the remote shell server is not"
+    enabled qel-ns.service || fail "qel-ns.service is not enabled"
+    ! enabled qel-rshd.service || fail "qel-rshd.service is enabled"
+
+    say "upgraded: what the administrator has disabled stays so"
+    deb-systemd-helper disable qel-ns.service
+    mkdir /debs/newer
+    for package in /debs/*.deb; do
+        newer "$package" /debs/newer
+    done
+    quietly dpkg -i /debs/newer/*.deb
+    expect "installed $version+next" dpkg-query -W -f '${db:Status-Status} ${Version}' qelstd-daemons
+    ! enabled qel-ns.service || fail "qel-ns.service is enabled again"
+    quietly qel selftest
+
     say "removed"
-    quietly dpkg --purge "${packages[@]}"
+    quietly dpkg --purge "${all[@]}"
     ! command -v qel || fail "qel is still there"
 }
 
-copied() # BUILD SOURCE PLACE: makes the copy in that folder, in a separate mount namespace, and runs `inside` there
+copied() # DEBS SOURCE PLACE: makes the copy in that folder, in a separate mount namespace, and runs `inside` there
 {
-    local build=$1 source=$2 place=$3 version main package file depends page
+    local debs=$1 source=$2 place=$3 version package file depends page
     version=$(sed -n 's/^project(qelstd VERSION \([0-9.]*\).*/\1/p' "$source/CMakeLists.txt")
-    main=libqelstd${version%%.*}
 
     mount -t tmpfs tmpfs "$place"
     local root=$place/root changes=$place/changes
@@ -78,37 +109,57 @@ copied() # BUILD SOURCE PLACE: makes the copy in that folder, in a separate moun
     cp -r "$source/tests/package/consumer" "$0" "$root/debs"
 
     say "what there is, and what it asks for"
-    for package in "$main" libqelstd-dev python3-qelstd qelstd-tools; do
-        file=$(find "$build" -maxdepth 1 -name "${package}_${version}_*.deb")
+    for package in "${all[@]}"; do
+        file=$(find "$debs" -maxdepth 1 -name "${package}_${version}_*.deb")
         [[ -f $file ]] || fail "no package $package"
         cp "$file" "$root/debs"
         depends=$(dpkg-deb -f "$file" Depends)
         case $package in
-            "$main") [[ $depends == *libc6*libstdc++6* ]] || fail "$package does not ask for its libraries: $depends" ;;
-            *) [[ $depends == *"$main (= $version)"* ]] || fail "$package does not ask for $main: $depends" ;;
+            libqelstd0) [[ $depends == *libc6*libstdc++6* ]] || fail "$package does not ask for its libraries: $depends" ;;
+            libqelstd-dev | qelstd-tools)
+                [[ $depends == *"libqelstd0 (= $version)"* ]] || fail "$package does not ask for libqelstd0: $depends" ;;
+            qelstd-daemons) [[ $depends == *qelstd-tools* ]] || fail "$package does not ask for qelstd-tools: $depends" ;;
         esac
-        [[ $(dpkg-deb -f "$file" Architecture) == $(case $package in python3-*) echo all ;; *) dpkg --print-architecture ;; esac) ]] ||
-            fail "$package is for another architecture"
-        if [[ $package == "$main" || $package == qelstd-tools ]]; then
-            [[ -f $(find "$build" -maxdepth 1 -name "$package-dbgsym_${version}_*.ddeb") ]] ||
+        if [[ $package == libqelstd0 || $package == qelstd-tools ]]; then
+            [[ -f $(find "$debs" -maxdepth 1 -name "$package-dbgsym_${version}_*.deb") ]] ||
                 fail "no debug information for $package"
         fi
+        # Also under a strict umask.
+        [[ -z $(dpkg-deb -c "$file" | grep '^d' | grep -v '^drwxr-xr-x') ]] || fail "$package has a folder that is not open to all"
     done
-    dpkg-deb --info "$(find "$build" -maxdepth 1 -name "${main}_${version}_*.deb")" shlibs | grep "libqelstd ${version%%.*} $main" \
-        >/dev/null || fail "$main does not say what its users depend on"
-
-    file=$(find "$build" -maxdepth 1 -name "qelstd-tools_${version}_*.deb")
-    for page in man/man1/qel.1 bash-completion/completions/qel zsh/vendor-completions/_qel; do
-        dpkg-deb -c "$file" | grep "/usr/share/$page" >/dev/null || fail "qelstd-tools has no $page"
+    dpkg-deb -I "$root/debs/libqelstd0_${version}"_*.deb shlibs | grep 'libqelstd 0 libqelstd0' >/dev/null ||
+        fail "libqelstd0 does not say what its users depend on"
+    for page in man/man1/qel.1.gz bash-completion/completions/qel zsh/vendor-completions/_qel doc/qelstd-tools/changelog.gz; do
+        dpkg-deb -c "$root/debs/qelstd-tools_${version}"_*.deb | grep "/usr/share/$page" >/dev/null ||
+            fail "qelstd-tools has no $page"
     done
 
     chroot "$root" /bin/bash /debs/debs.sh inside "$version"
 
     # The remaining changes are those of dpkg, ldconfig and this script.
     local left
-    left=$(cd "$changes" && find . ! -type d | grep -v -E '^\./(debs/|tmp/|var/lib/dpkg/|var/log/|var/cache/|etc/ld\.so\.cache$)' || true)
+    left=$(cd "$changes" && find . ! -type d |
+        grep -v -E '^\./(debs/|tmp/|var/lib/dpkg/|var/log/|var/cache/|etc/ld\.so\.cache$)' || true)
     [[ -z $left ]] || fail "left behind: $left"
     say "nothing is left of them"
+}
+
+minimal() # DEBS: on a Debian of only what the packages ask for
+{
+    command -v mmdebstrap >/dev/null || { say "no mmdebstrap: not tried on a minimal system"; return; }
+    say "a minimal system"
+    local packages=()
+    for package in "${all[@]}"; do
+        packages+=("$(find "$1" -maxdepth 1 -name "${package}_*.deb")")
+    done
+    # shellcheck disable=SC2016 # mmdebstrap expands $1, the root
+    mmdebstrap --quiet --variant=apt --format=null \
+        --customize-hook="mkdir \"\$1/debs\" && cp ${packages[*]} \"\$1/debs\"" \
+        --customize-hook='chroot "$1" sh -c "apt-get -qq install -y --no-install-recommends /debs/*.deb >/dev/null"' \
+        --customize-hook='chroot "$1" qel selftest' \
+        --customize-hook='chroot "$1" python3 -c "import qelstd; print(list(qelstd.IntSequence([3, 1])[::-1]))"' \
+        --customize-hook='chroot "$1" sh -c "apt-get -qq purge -y qelstd-daemons libqelstd0 >/dev/null && ! command -v qel"' \
+        bookworm
 }
 
 case $1 in
@@ -119,5 +170,6 @@ case $1 in
         place=$(mktemp -d)
         trap 'rmdir "$place"' EXIT
         unshare "${as_root[@]}" --mount --propagation private "$0" copied "$(realpath "$1")" "$(realpath "$2")" "$place"
+        minimal "$(realpath "$1")"
         ;;
 esac

@@ -23,11 +23,12 @@ echo "== installed tree, moved after the installation"
 "$cmake" --install "$build" --prefix "$work/prefix" >/dev/null
 mv "$work/prefix" "$prefix"
 libraries=$(dirname "$(find "$prefix" -name libqelstd.so)")
-for library in qelstd baselib ctools; do
+for library in qelstd qelbaselib qelctools; do
     readelf -d "$libraries/lib$library.so" | grep -q "SONAME.*\[lib$library.so.${version%%.*}\]" ||
         { echo "lib$library.so does not carry the major version"; exit 1; }
 done
 
+grep -q "^ExecStart=/.*/bin/qel ns serve" "$prefix/lib/systemd/system/qel-ns.service"
 for file in man/man1/qel.1 man/man1/qel-ns.1 bash-completion/completions/qel zsh/vendor-completions/_qel; do
     [[ -s $prefix/share/$file ]] || { echo "share/$file is not installed"; exit 1; }
 done
