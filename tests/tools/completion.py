@@ -1,10 +1,11 @@
 """completion.py SHELL QEL: types command lines into an interactive bash or zsh that has read the completion script, and
-checks the result of the Tab key."""
+checks the result of the Tab key. fish is asked for its completions instead."""
 
 import os
 import pty
 import re
 import select
+import shlex
 import shutil
 import subprocess
 import sys
@@ -68,11 +69,21 @@ def shell_line(shell):
     return ["zsh", "-f", "-i"], "autoload -Uz compinit && compinit -u -D; source <(qel completion zsh); unsetopt zle_bracketed_paste"
 
 
+def ask_fish(environment, typed, becomes):
+    word = shlex.split(becomes)[-1]
+    script = "qel completion fish | source; complete -C " + shlex.quote(typed.rstrip("\t"))
+    printed = subprocess.run(["fish", "--no-config", "-c", script], env=environment, capture_output=True, text=True, check=False)
+    offered = [line.split("\t")[0] for line in printed.stdout.splitlines()]
+    return [] if word in offered else [f"fish offers {offered} for {typed!r}, not {word!r}: {printed.stderr}"]
+
+
 def check(shell, program, names):
     environment = dict(os.environ, PATH=os.path.dirname(program) + ":" + os.environ["PATH"], TERM="dumb", PS1="> ",
                        LC_ALL="C.UTF-8", COLUMNS="200", VRXNMSPORT=names)
     for name in ("files", "a b"):
         subprocess.run([program, "ns", "register", "_ServerName=" + name], check=True, env=environment)
+    if shell == "fish":
+        return [fault for case in CASES for fault in ask_fish(environment, *case)]
     arguments, preparation = shell_line(shell)
     terminal = Terminal(arguments, environment)
     terminal.type(preparation + "; PS1='read''y> '\n")
