@@ -19,6 +19,6 @@ configure_file(cmake/qelstd.pc.in qelstd.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qelstd.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
 # The documents, and the examples as a project of their own.
-install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/qelstd-doc COMPONENT documents)
+install(FILES README.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/qelstd-doc COMPONENT documents)
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/qelstd-doc COMPONENT documents FILES_MATCHING PATTERN "*.md")
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/qelstd-doc COMPONENT documents)
