@@ -19,6 +19,20 @@ endif()
 if(QELSTD_WERROR)
   target_compile_options(qel_options INTERFACE -Werror)
 endif()
+if(QELSTD_HARDENING AND NOT QELSTD_SANITIZE)
+  # Without optimization there is nothing to fortify. Level 3 also checks objects whose size is known only when the program runs.
+  set(level 2)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 12)
+    set(level 3)
+  endif()
+  target_compile_options(qel_options INTERFACE -fstack-protector-strong -fstack-clash-protection
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=${level}>
+    $<$<COMPILE_LANGUAGE:CXX>:-D_GLIBCXX_ASSERTIONS>)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|i.86")
+    target_compile_options(qel_options INTERFACE -fcf-protection)
+  endif()
+  target_link_options(qel_options INTERFACE LINKER:-z,relro,-z,now,-z,noexecstack)
+endif()
 if(QELSTD_SANITIZE)
   # The sanitizers' instrumentation makes GCC report uses of uninitialized values where there are none. Their reports name
   # functions and lines, for which -g1 is enough; more debug information makes compiling take half as long again.

@@ -47,6 +47,9 @@ inside() # VERSION: runs as root of the copy; /debs has the packages, except tho
         readelf -d "$folder/lib$library.so.0" | grep RUNPATH >/dev/null && fail "lib$library.so names a folder to search"
     done
 
+    say "the binaries are hardened"
+    python3 /debs/checks/hardening.py /debs - "$folder"/libqel*.so.0 /usr/bin/qel || fail "they are not"
+
     say "the command runs"
     [[ $(qel --version) == *"$version"* ]] || fail "qel --version: $(qel --version)"
 
@@ -106,7 +109,7 @@ copied() # DEBS SOURCE PLACE: makes the copy in that folder, in a separate mount
     mount --rbind /proc "$root/proc"
     mount --rbind /dev "$root/dev"
     mkdir "$root/debs"
-    cp -r "$source/tests/package/consumer" "$0" "$root/debs"
+    cp -r "$source/tests/package/consumer" "$source/tests/checks" "$0" "$root/debs"
 
     say "what there is, and what it asks for"
     for package in "${all[@]}"; do
