@@ -82,7 +82,7 @@ inside() # VERSION: runs as root of the copy; /debs has the packages, except tho
     ! enabled qel-rshd.service || fail "qel-rshd.service is enabled"
 
     say "upgraded: what the administrator has disabled stays so"
-    deb-systemd-helper disable qel-ns.service
+    quietly systemctl --root=/ disable qel-ns.service
     mkdir /debs/newer
     for package in /debs/*.deb; do
         newer "$package" /debs/newer
