@@ -18,7 +18,7 @@ namespace {
 constexpr btkHandle firstPassed = 3;
 
 // Removes the variable, so that children do not take it for theirs.
-std::string TakeVariable(const char* name)
+std::string takeVariable(const char* name)
 {
     std::string value;
     if (btkEnvironment::Get(name, value))
@@ -26,13 +26,13 @@ std::string TakeVariable(const char* name)
     return value;
 }
 
-bool IsListening(btkHandle handle)
+bool isListening(btkHandle handle)
 {
-    int isListening = 0;
-    socklen_t size = sizeof isListening;
+    int accepts = 0;
+    socklen_t size = sizeof accepts;
     sockaddr_storage address = {};
     socklen_t addressSize = sizeof address;
-    return getsockopt(handle, SOL_SOCKET, SO_ACCEPTCONN, &isListening, &size) == 0 && isListening != 0 &&
+    return getsockopt(handle, SOL_SOCKET, SO_ACCEPTCONN, &accepts, &size) == 0 && accepts != 0 &&
            getsockname(handle, reinterpret_cast<sockaddr*>(&address), &addressSize) == 0 &&
            (address.ss_family == AF_INET || address.ss_family == AF_INET6);
 }
@@ -41,7 +41,7 @@ bool IsListening(btkHandle handle)
 
 bool btkReportReady(const std::string& status)
 {
-    const std::string path = TakeVariable("NOTIFY_SOCKET");
+    const std::string path = takeVariable("NOTIFY_SOCKET");
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     if (path.empty() || path.size() >= sizeof address.sun_path || (path[0] != '/' && path[0] != '@'))
@@ -61,9 +61,9 @@ bool btkReportReady(const std::string& status)
 
 btkFd btkTakePassedSocket()
 {
-    const std::string process = TakeVariable("LISTEN_PID");
-    const std::string count = TakeVariable("LISTEN_FDS");
-    if (process != std::to_string(getpid()) || count != "1" || !IsListening(firstPassed))
+    const std::string process = takeVariable("LISTEN_PID");
+    const std::string count = takeVariable("LISTEN_FDS");
+    if (process != std::to_string(getpid()) || count != "1" || !isListening(firstPassed))
         return {};
     btkFd passed(firstPassed);
     fcntl(firstPassed, F_SETFD, FD_CLOEXEC);

@@ -41,7 +41,7 @@ constexpr AddCommands groups[] = {
 };
 
 // The number of characters to insert, delete, replace or exchange with their neighbour.
-std::size_t EditDistance(const std::string& from, const std::string& to)
+std::size_t editDistance(const std::string& from, const std::string& to)
 {
     std::vector<std::size_t> before, last(to.size() + 1), row(to.size() + 1);
     std::iota(last.begin(), last.end(), 0);
@@ -102,7 +102,7 @@ std::string NearestWord(const CLI::App& program, const std::string& word)
     std::size_t nearest = std::min<std::size_t>(3, typed.size()); // what is further away resembles nothing
     std::string found;
     for (const std::string& name : names)
-        if (const std::size_t distance = EditDistance(typed, name); distance < nearest) {
+        if (const std::size_t distance = editDistance(typed, name); distance < nearest) {
             nearest = distance;
             found = name;
         }
