@@ -9,7 +9,9 @@ import sys
 
 root, out = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
 BESIDE = {root / "python/README.md": "python.md", root / "tools/gdb/README.md": "gdb.md"}
-pages = {path.resolve(): path.name for path in [*root.glob("*.md"), *(root / "docs").glob("*.md")]}
+pages = {path.resolve(): path.name for path in (root / "docs").glob("*.md")}
+# Doxygen takes a link for one to the file of that name in the folder where it runs, if there is one.
+pages |= {path: path.name if path.name == "README.md" else f"project-{path.name.lower()}" for path in root.glob("*.md")}
 pages |= {path.resolve(): name for path, name in BESIDE.items()}
 
 
