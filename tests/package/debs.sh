@@ -94,7 +94,7 @@ inside() # VERSION: runs as root of the copy; /debs has the packages, except tho
 
     say "removed"
     quietly dpkg --purge "${all[@]}"
-    ! command -v qel || fail "qel is still there"
+    [[ ! -e /usr/bin/qel ]] || fail "qel is still there"
 }
 
 copied() # DEBS SOURCE PLACE: makes the copy in that folder, in a separate mount namespace, and runs `inside` there
