@@ -439,7 +439,7 @@ TEST(JsonRead, CyclesAndSharedObjects)
     EXPECT_EQ(again->getNext()->getNext().get(), again.get());
     EXPECT_EQ(again->getExtra(), xany(again->getNext()));
     EXPECT_EQ(writtenAs<Node>(again), writtenAs<Node>(first));
-    again->_s11n_setNext(nullptr); // the owner cuts the cycle
+    again->getNext()->_s11n_setNext(nullptr); // the owner cuts the cycle
     second->_s11n_setNext(nullptr);
 }
 
