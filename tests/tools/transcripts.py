@@ -26,7 +26,8 @@ each() {
 }
 # serve COMMAND...: a server on a free port, $port, until the case ends; $server is its process.
 serve() {
-    "$@" >serving 2>&1 & server=$!
+    : >serving # there before the server runs
+    "$@" >>serving 2>&1 & server=$!
     until grep -q ' port ' serving; do kill -0 $server || return; sleep 0.02; done
     port=$(sed -n 's/.* port //p;q' serving); rm serving
 }
