@@ -109,6 +109,8 @@ def run(steps, environment):
     faults = []
     for i, step in enumerate(steps):
         said, status = (ends[2 * i], int(ends[2 * i + 1])) if 2 * i + 1 < len(ends) else (ends[-1], -1)
+        if status == -1 and program.returncode == 77:
+            status = 77  # the case's bash exited itself
         if status == 77:
             return faults, (step.number, said)
         if status != step.status or not re.fullmatch("".join(map(pattern, step.wanted)), said):
