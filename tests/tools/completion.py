@@ -12,7 +12,7 @@ import sys
 import tempfile
 import time
 
-LIMIT = 20  # seconds to wait for the expected line
+LIMIT = 60  # seconds to wait for the expected line
 CASES = [  # the typed text, and the line afterwards
     ("qel serv\t", "qel server "),
     ("qel ns li\t", "qel ns list "),
