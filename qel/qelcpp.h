@@ -1,7 +1,7 @@
 #pragma once
 
-// What a C++ program adds to the classes of the framework: thin templates over the public functions, in the
-// namespace `qel`. docs/cpp.md shows their use. Paths and formatting have headers of their own, qelpath.h and
+// The framework's classes with the language's own types and idioms: thin templates over the public functions,
+// in the namespace `qel`. docs/cpp.md shows their use. Paths and formatting have headers of their own, qelpath.h and
 // qelformat.h, since they include much.
 
 #include <algorithm>
@@ -25,7 +25,7 @@ namespace qel {
 
 // ---- the value of a variant
 
-/// What qel::visit passes for a variant without a value.
+/// Arguments of qel::visit's function for a variant without a value.
 struct null_t
 {
 };
@@ -33,7 +33,7 @@ struct uninit_t
 {
 };
 
-/// What qel::visit passes for a value of an enumeration: its label's position, and its type.
+/// Argument of qel::visit's function for a value of an enumeration: its label's position, and its type.
 struct enumeration
 {
     int value;

@@ -6,7 +6,7 @@
 #include <qel/base/btkatomic.h>
 #include <qel/base/btkfd.h>
 
-/// What a descriptor is ready for, as bits: the input and the result of a wait. Their values are those of the
+/// Readiness of a descriptor, as bits: the input and the result of a wait. Their values are those of the
 /// operating system's wait, so that its entries need no translation.
 enum btkReadiness : short {
     btkNotReady = 0,

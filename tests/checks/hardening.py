@@ -18,7 +18,7 @@ def readelf(*arguments):
 
 
 def command_faults(commands):
-    """What the compile commands lack, and whether they optimize."""
+    """Returns the flags that compile commands lack, and whether any optimizes."""
     root = tree.root().as_posix() + "/"
     faults, optimized, seen = [], False, 0
     for entry in json.loads(commands.read_text()):

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// What `action` throws, owned.
+/// Owns the failure that `action` throws.
 template<class Action>
 qel::caught caughtFrom(Action action)
 {

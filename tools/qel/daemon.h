@@ -4,7 +4,7 @@
 
 #include <qel/base/btksocket.h>
 
-// What the servers among the commands have in common, when a service manager runs them and when not.
+// Shared by the commands that serve, under a service manager and without one.
 
 /// Returns the socket that the service manager listens on for this server; one that is not open when it has
 /// passed none. `interface` and `port` are then the socket's.

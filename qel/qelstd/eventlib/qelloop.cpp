@@ -29,20 +29,17 @@ evtEvent* waitAny(const std::vector<evtEvent*>& events, timespan limit)
 
 // ---- event
 
-event::event(bool isSet) : event(Event_Create(isSet))
+event::event(bool isSet) : event(btkFd(Event_Create(isSet)))
 {
 }
 
-event::event(btkHandle created) : evtEvent(new btkEVENTEvent(created)), handle(created)
+event::event(btkFd created) : evtEvent(new btkEVENTEvent(created.Get())), handle(std::move(created))
 {
-    if (created < 0)
+    if (!handle)
         qelXNativeException::Throw("qel::event: no descriptor is left");
 }
 
-event::~event()
-{
-    Event_Free(handle);
-}
+event::~event() = default;
 
 // ---- loop
 
@@ -157,11 +154,11 @@ bool loop::Parts::round()
     for (std::size_t i = 0; i < signaled.size(); ++i)
         signaled[i] = awaited[i] != nullptr && awaited[i]->WasSignaled();
 
+    if (takeStop())
+        return false;
     // A function may add entries, which wait for the next round.
     const std::size_t count = signaled.size();
     for (std::size_t i = 0; i < count && i < entries.size(); ++i) {
-        if (takeStop())
-            return false;
         Entry& entry = *entries[i];
         if (entry.isRemoved)
             continue;
@@ -175,8 +172,10 @@ bool loop::Parts::round()
             continue;
         }
         entry.function->call(entry.event);
+        if (takeStop())
+            return false;
     }
-    return !takeStop();
+    return true;
 }
 
 } // namespace qel

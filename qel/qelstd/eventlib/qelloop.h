@@ -43,13 +43,13 @@ public:
     ~event() override;
 
     /// Safe in a signal handler, too.
-    void set() noexcept { Event_Set(handle); }
-    void reset() noexcept { Event_Reset(handle); }
+    void set() noexcept { Event_Set(handle.Get()); }
+    void reset() noexcept { Event_Reset(handle.Get()); }
 
 private:
-    explicit event(btkHandle created);
+    explicit event(btkFd created);
 
-    btkHandle handle;
+    btkFd handle;
 };
 
 /// Calls functions when events are signaled or times have come, in the thread that calls run().

@@ -57,8 +57,7 @@ protected:
 private:
     friend class ioStream;
 
-    /// What a stream may know of a form: that it is one of the shared ones, whose values it can transfer in its
-    /// buffer itself.
+    /// Identifies the shared serializers, whose values a stream transfers in its buffer itself.
     enum Form : unsigned char { otherForm, textForm, nativeForm, networkForm };
     static ioSerializer* Share(ioSerializer* made, Form known);
 

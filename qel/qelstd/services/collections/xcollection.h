@@ -36,7 +36,7 @@ inline bool qelEndsQuietly(const xany& value)
     return value.getKind() != xanyObject;
 }
 
-/// What `*it` returns by value, for `it->`.
+/// Result of an iterator's `->` when `*it` returns by value: holds that value.
 template<class T>
 struct qelArrow
 {

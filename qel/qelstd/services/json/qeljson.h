@@ -35,7 +35,7 @@ public:
 /// Values as JSON (RFC 8259) and back, according to their descriptors. docs/json.md describes the form.
 namespace qel::json {
 
-/// What becomes of NaN and the infinities, which JSON does not have.
+/// Treatment of NaN and the infinities, which JSON does not have: an error, or null.
 enum class NonFinite : unsigned char { refuse, null };
 
 struct options

@@ -9,7 +9,7 @@
 #include "qeltable.h"
 #include "xrtti.h"
 
-// What writing and reading know of the classes that they meet, collected once for each call.
+// Descriptions of classes for writing and reading, collected once for each call.
 
 namespace qel::json {
 

@@ -23,7 +23,7 @@ std::string nameOf(xrtti* type)
     return chars != nullptr ? chars : "";
 }
 
-/// What a value of the type is called in an error.
+/// Returns the name of a value of the type in an error.
 std::string expectedOf(const Type& type)
 {
     if (type.kind == Kind::any)
@@ -40,7 +40,7 @@ std::string expectedOf(const Type& type)
     return text + (count > shown ? ", ..." : "");
 }
 
-/// What an object says of itself before its members.
+/// The reserved members at the beginning of an object.
 struct Opening
 {
     Type* type; ///< the declared one until "$type" names another

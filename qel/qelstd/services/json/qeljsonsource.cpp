@@ -89,7 +89,7 @@ bool Source::more()
 {
     if (in == nullptr || !in->good())
         return false;
-    // What precedes the token is dropped when there is no room behind it.
+    // The bytes before the token are dropped when there is no room behind it.
     if (static_cast<std::size_t>(buffer.get() + capacity - end) < pieceSize / 2) {
         const auto held = static_cast<std::size_t>(end - token);
         const auto passed = static_cast<std::size_t>(at - token);
@@ -154,7 +154,7 @@ std::string_view Source::escapedString()
 {
     decoded.assign(token + 1, at);
     for (;;) {
-        token = at; // what is decoded may be dropped
+        token = at; // more() may drop the decoded bytes
         while (at != end && isPlain(*at))
             ++at;
         decoded.append(token, at);

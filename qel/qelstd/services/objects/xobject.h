@@ -1,6 +1,6 @@
 #pragma once
 
-// What every class of the framework is made of.
+// The basis of the framework's classes: root, handles, class macros, throwables.
 #include <qel/qelobject.h>
 #include <qel/xhandle.h>
 #include <qel/xroot.h>
