@@ -11,6 +11,7 @@
 #include <stdio_ext.h>
 #include <unistd.h>
 
+#include <qel/base/thrthreading.h>
 #include <qel/base/xbufaccess.h>
 
 namespace {
@@ -32,11 +33,15 @@ bool fillStandard(std::streambuf& buffer, const char* from, std::size_t size)
         known.store(&buffer, std::memory_order_relaxed);
     }
     FILE* const file = static_cast<Synchronized&>(buffer).file();
-    flockfile(file);
-    const bool hasRoom =
-        __flbf(file) == 0 && size < __fbufsize(file) - std::min(__fbufsize(file), __fpending(file));
-    const bool filled = hasRoom && fwrite_unlocked(from, 1, size, file) == size;
-    funlockfile(file);
+    // The lock costs as much as the rest; one thread alone needs none.
+    const bool isShared = thrIsThreaded();
+    if (isShared)
+        flockfile(file);
+    const std::size_t room = __fbufsize(file);
+    const bool filled =
+        __flbf(file) == 0 && size + __fpending(file) < room && fwrite_unlocked(from, 1, size, file) == size;
+    if (isShared)
+        funlockfile(file);
     return filled;
 }
 
