@@ -8,6 +8,7 @@
 #include <new>
 #include <set>
 #include <shared_mutex>
+#include <sys/auxv.h>
 #include <unistd.h>
 
 namespace {
@@ -72,6 +73,11 @@ bool btkEnvironment::Get(const char* name, std::string& value)
     if (entry != nullptr)
         value = *entry + wanted.size() + 1;
     return entry != nullptr;
+}
+
+bool btkEnvironment::GetTrusted(const char* name, std::string& value)
+{
+    return getauxval(AT_SECURE) == 0 && Get(name, value);
 }
 
 bool btkEnvironment::Set(const char* name, const char* value)

@@ -29,6 +29,7 @@ constexpr std::size_t sendSize = 65536;
 constexpr int sendsInTurn = 4;
 constexpr btkTimeval saveDelay(0, 500000);
 constexpr btkTimeval reportInterval(60, 0);
+constexpr btkTimeval publishInterval(0, 100000);
 
 // The key by which records are counted together: one address, for IPv6 one network, of which every machine
 // has more addresses than there is room; empty: this machine.
@@ -130,6 +131,7 @@ void nmsServer::Stop()
 void nmsServer::Run()
 {
     isStopping = false;
+    PublishIfDue();
     btkTimeval end = btkTimeval::Forever();
     while (!isStopping || (!clients.IsEmpty() && btkTimeval::Now() < end)) {
         const btkTimeval limit = isStopping ? std::min(NextLimit(), end) : NextLimit();
@@ -142,6 +144,7 @@ void nmsServer::Run()
         if (!isStopping)
             AcceptClients();
         ReportRefusals();
+        PublishIfDue();
         if (saveAt <= btkTimeval::Now())
             SaveState();
         if (isStopping && end.IsForever()) {
@@ -185,13 +188,18 @@ bool nmsServer::Sleep(btkTimeval limit)
 // The time at which the first client, or the closed door, needs attention.
 btkTimeval nmsServer::NextLimit() const
 {
-    return clients.IsEmpty() ? saveAt : std::min(saveAt, clients[0].since + options.requestLimit);
+    const btkTimeval work = options.publish && isCountChanged ? std::min(saveAt, publishAt) : saveAt;
+    return clients.IsEmpty() ? work : std::min(work, clients[0].since + options.requestLimit);
 }
 
 void nmsServer::DropLate()
 {
     const btkTimeval now = btkTimeval::Now();
+    const std::size_t before = clients.GetCount();
     clients.DropUntil(now - options.requestLimit);
+    const std::size_t late = before - clients.GetCount();
+    counts.expired += late;
+    isCountChanged |= late > 0;
     clients.DropIf([](const Client& client) { return client.state == Client::Gone; });
 }
 
@@ -207,14 +215,16 @@ void nmsServer::AcceptClients()
                 doorClosedUntil = now + pauseWithoutRoom;
             return;
         }
+        ++counts.connections;
+        isCountChanged = true;
         // Most requests have arrived already, and their clients are closed before the next sleep.
         Serve(*client);
         if (client->state == Client::Gone)
             continue;
         client->address = client->socket.GetPeerAddrStr();
         clients.Add(std::move(client));
-        if (clients.IsOverfull())
-            clients.TakeLeaving(now);
+        if (clients.IsOverfull() && clients.TakeLeaving(now) != nullptr)
+            ++counts.displaced;
     }
 }
 
@@ -329,6 +339,7 @@ void nmsServer::Answer(Client& client)
         }
     if (stateFolder && table.GetVersion() != savedVersion && saveAt.IsForever())
         saveAt = btkTimeval::Now() + saveDelay;
+    Count(client, status);
     client.out.assign(1, static_cast<char>(status));
     client.out += rest;
     client.state = Client::Answering;
@@ -363,6 +374,29 @@ void nmsServer::Send(Client& client)
     client.state = isAllRead ? Client::Gone : Client::Leaving;
     if (!isAllRead)
         client.socket.ShutdownOutput();
+}
+
+void nmsServer::Count(const Client& client, int status)
+{
+    if (status == nmscNotRecognized)
+        ++counts.others;
+    else
+        ++counts.requests[static_cast<std::size_t>(client.code)];
+    if (status == nmscNotAllowed || status == nmscInternal)
+        ++counts.refused;
+    isCountChanged = true;
+}
+
+void nmsServer::PublishIfDue()
+{
+    if (!options.publish || !isCountChanged)
+        return;
+    const btkTimeval now = btkTimeval::Now();
+    if (now < publishAt)
+        return;
+    publishAt = now + publishInterval;
+    isCountChanged = false;
+    options.publish(counts, table.GetUse());
 }
 
 // The fields of the version record.

@@ -1,6 +1,8 @@
 #pragma once
 
-#include <atomic>
+#include <array>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,6 +12,21 @@
 #include <qel/base/nmstable.h>
 
 struct pollfd;
+
+/// What a name server has done since its start.
+struct nmsServerCounts
+{
+    std::uint64_t connections = 0;
+    /// By their code, see nmsRequestCode.
+    std::array<std::uint64_t, 8> requests = {};
+    /// Of no such code, or not of the protocol at all.
+    std::uint64_t others = 0;
+    /// Requests that were not allowed, or had no room.
+    std::uint64_t refused = 0;
+    /// Clients that did not send their request in time, and those evicted because too many were waiting.
+    std::uint64_t expired = 0;
+    std::uint64_t displaced = 0;
+};
 
 struct nmsServerOptions
 {
@@ -28,6 +45,9 @@ struct nmsServerOptions
     /// Number of clients that may wait at once. One more evicts another: see netSilentSet.
     std::size_t waiting = 256;
     nmsTableLimits table = {};
+    /// Unless empty, Run calls it at its beginning, and at most ten times a second when the counts may have
+    /// changed. It does not throw.
+    std::function<void(const nmsServerCounts& counts, const nmsTableUse& use)> publish = {};
     /// SIGTERM and SIGINT stop the server. The thread that calls Listen has them blocked from then on.
     bool untilSignal = false;
 };
@@ -70,11 +90,16 @@ private:
     void DropLate();
     nmsFields Describe() const;
     void ReportRefusals();
+    void PublishIfDue();
+    void Count(const Client& client, int status);
     void LoadState();
     void SaveState();
 
     nmsServerOptions options;
     nmsTable table;
+    nmsServerCounts counts;
+    bool isCountChanged = true;
+    btkTimeval publishAt; // if the counts have changed
     btkFd stateFolder;
     std::uint64_t savedVersion = 0; // of the table
     btkTimeval saveAt = btkTimeval::Forever();

@@ -166,7 +166,7 @@ void nmsTable::Index(std::pair<const Id, Entry>& added, const nmsFields& record,
 
 nmsTableUse nmsTable::GetUse() const
 {
-    return {entries.size(), withoutOwner, *bytes, refused, lastRefusal};
+    return {entries.size(), withoutOwner, owners.size(), *bytes, refused, lastRefusal};
 }
 
 std::size_t nmsTable::Remove(const nmsFields& pattern)

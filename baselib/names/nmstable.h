@@ -33,6 +33,7 @@ struct nmsTableUse
 {
     std::size_t records = 0;
     std::size_t recordsWithoutOwner = 0;
+    std::size_t owners = 0; // processes
     std::size_t bytes = 0;
     /// The number of records refused for lack of room, and the reason for the last refusal; null: none.
     std::size_t refused = 0;

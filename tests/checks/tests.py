@@ -15,6 +15,7 @@ ELSEWHERE = {
     "environment": "console ctenv",
     "tmtime": "btkcalendar tmexception",
     "monchange": "btkfilewatch",
+    "monstatistics": "btkruntime",
     "registry": "registrykeys registryname registrystore",
     "hmxconfigfile": "hmxstring lockfilebuf updatejournal",
     "hmxregistry": "reglib",
@@ -40,6 +41,7 @@ ELSEWHERE = {
     "qel_output": "help man",
     "qel_fs": "progress",
     "qel_mon": "monwatch",
+    "qel_ns": "nsserve",
     "qel_rsh": "daemon rshd",
 }
 

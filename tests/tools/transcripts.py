@@ -97,9 +97,10 @@ def pattern(line):
 
 def run(steps, environment):
     script = PRELUDE + "".join(f"{step.line}\necho \"{MARK}$?\"\n" for step in steps)
-    with tempfile.TemporaryDirectory() as folder:
+    with tempfile.TemporaryDirectory() as folder, tempfile.TemporaryDirectory() as runtime:
         program = subprocess.Popen(["bash", "-c", script], cwd=folder, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                   stderr=subprocess.STDOUT, env=dict(environment, HOME=folder, QELSTD_REGISTRY=folder + "/store"))
+                                   stderr=subprocess.STDOUT, env=dict(environment, HOME=folder, QELSTD_REGISTRY=folder + "/store",
+                                            XDG_RUNTIME_DIR=runtime))
         try:
             output = program.communicate(timeout=LIMIT)[0].decode("utf-8", "backslashreplace")
         except subprocess.TimeoutExpired:

@@ -1,10 +1,14 @@
 #pragma once
 
+#include <CLI/CLI.hpp>
 #include <string>
 
 #include <qel/base/btksocket.h>
 
 // Shared by the commands that serve, under a service manager and without one.
+
+/// Adds `qel ns serve`.
+void AddNameServer(CLI::App& group);
 
 /// Returns the socket that the service manager listens on for this server; one that is not open when it has
 /// passed none. `interface` and `port` are then the socket's.

@@ -1,10 +1,6 @@
-// qel ns: the name server, and its clients.
+// qel ns: the clients of the name server.
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -12,139 +8,11 @@
 #include <vector>
 
 #include <qel/base/nmsclient.h>
-#include <qel/base/nmsserver.h>
 
 #include "commands.h"
 #include "daemon.h"
 
 namespace {
-
-// ---- serving
-
-struct ServeChoices
-{
-    std::string interface = "127.0.0.1";
-    int port = -1;
-    double seconds = 5;
-    std::string stateFolder;
-    bool hasNoState = false;
-    bool isCheckOnly = false;
-    std::vector<std::string> shared;
-    nmsServerOptions options;
-};
-
-// The run-time directory of the service manager or login session, cleared at reboot; empty: none.
-std::string DefaultStateFolder()
-{
-    if (const char* const given = std::getenv("RUNTIME_DIRECTORY")) // of a service; a colon-separated list
-        return std::string(given).substr(0, std::strcspn(given, ":"));
-    const char* const ofUser = std::getenv("XDG_RUNTIME_DIR");
-    if (ofUser == nullptr || *ofUser != '/')
-        return {};
-    const std::string folder = std::string(ofUser) + "/qelstd";
-    std::error_code failed;
-    if (std::filesystem::create_directory(folder, failed))
-        std::filesystem::permissions(folder, std::filesystem::perms::owner_all, failed);
-    return folder;
-}
-
-std::string StateFile(const ServeChoices& choices, int port)
-{
-    const std::string folder = choices.stateFolder.empty() ? DefaultStateFolder() : choices.stateFolder;
-    if (choices.hasNoState || port == 0 || folder.empty())
-        return {};
-    return folder + "/nameserver-" + std::to_string(port);
-}
-
-void Check(const ServeChoices& choices)
-{
-    const std::string& file = choices.options.stateFile;
-    if (choices.port > 65535)
-        Fail(Exit::usage, "VRXNMSPORT", "no port: " + std::to_string(choices.port));
-    RequireInterface(choices.interface);
-    if (const std::filesystem::path folder = std::filesystem::path(file).parent_path();
-        !file.empty() && !std::filesystem::is_directory(folder))
-        Fail(Exit::no, folder.string(), "no such directory");
-    Show({{"interface", choices.interface}, {"port", choices.port}, {"state", file.empty() ? "none" : file}});
-}
-
-void Serve(ServeChoices& choices)
-{
-    nmsServerOptions& options = choices.options;
-    if (choices.port < 0)
-        choices.port = nmsFindPort();
-    btkAcceptSocket passed = TakePassedSocket(choices.interface, choices.port);
-    options.port = choices.port;
-    options.listenOn = choices.interface == "*" ? nullptr : choices.interface.c_str();
-    options.requestLimit = btkTimeval(choices.seconds);
-    options.version = "qel ns " QEL_VERSION;
-    options.stateFile = StateFile(choices, options.port);
-    options.table.areNamesShared = !choices.shared.empty();
-    options.untilSignal = true;
-    if (choices.isCheckOnly)
-        return Check(choices);
-    nmsServer server(options);
-    if (!server.Listen(std::move(passed)))
-        Fail(Exit::peer, choices.interface + ", port " + std::to_string(options.port),
-             std::string("cannot listen: ") + std::strerror(errno));
-    ReportServing(choices.interface, server.GetPort());
-    server.Run();
-}
-
-void AddServe(CLI::App& group)
-{
-    const auto choices = std::make_shared<ServeChoices>();
-    CLI::App& serve = AddCommand(group, "serve", "Be a name server until SIGTERM or `qel ns shutdown`",
-                                 [choices] { Serve(*choices); });
-    serve
-        .add_option("--interface", choices->interface,
-                    "Address or name of the interface to listen on; '*': all of them")
-        ->type_name("HOST")
-        ->capture_default_str();
-    serve.add_option("--port", choices->port, "Port; 0: a free one (default: VRXNMSPORT, or 1239)")
-        ->type_name("PORT")
-        ->check(CLI::Range(0, 65535));
-    serve.add_option("--request-limit", choices->seconds, "Time that one client may take for a request")
-        ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber)
-        ->capture_default_str();
-    serve
-        .add_option("--waiting", choices->options.waiting, "Clients that may be waiting at once, 1 to 10000")
-        ->type_name("COUNT")
-        ->check(CLI::Range(1, 10000))
-        ->capture_default_str();
-    serve.add_option("--max-records", choices->options.table.records, "Records held")
-        ->type_name("COUNT")
-        ->capture_default_str();
-    serve
-        .add_option("--max-records-of-process", choices->options.table.recordsOfOwner,
-                    "Records of one process held")
-        ->type_name("COUNT")
-        ->capture_default_str();
-    serve
-        .add_option(
-            "--max-records-of-peer", choices->options.table.recordsOfPeer,
-            "Records of no process held that one address has registered; all of these together have a "
-            "quarter of the table")
-        ->type_name("COUNT")
-        ->capture_default_str();
-    serve
-        .add_option("--shared", choices->shared,
-                    "Field that records of several processes may have with the same value; without it a name "
-                    "is that of one process")
-        ->type_name("FIELD")
-        ->check(CLI::IsMember({"_ServerName"}));
-    serve
-        .add_option(
-            "--state", choices->stateFolder,
-            "Where the file is that keeps the records while the server does not run, one for each port "
-            "but 0 (default: RUNTIME_DIRECTORY, or qelstd in XDG_RUNTIME_DIR; none without these)")
-        ->type_name("DIRECTORY");
-    serve.add_flag("--no-state", choices->hasNoState, "Keep no records while the server does not run");
-    serve.add_flag("--check-config", choices->isCheckOnly,
-                   "Do not serve: check the settings, and print those that the server would have");
-    OfferJson(serve);
-}
 
 // ---- queries
 
@@ -462,7 +330,7 @@ void AddNameServiceCommands(CLI::App& program)
                   {"qel ns register _ServerName=files _PortNumber=4000",
                    "Make a server known that cannot do it itself."},
                   {"qel ns wait files --timeout 10", "Go on once the server \"files\" is there."}});
-    AddServe(group);
+    AddNameServer(group);
     for (const AskCommand& command : askCommands)
         AddAsk(group, command);
     AddWait(group);

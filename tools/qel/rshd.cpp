@@ -40,6 +40,7 @@ struct ServeChoices
     double patience = 10;
     int sessions = 32;
     bool mayBeRoot = false;
+    bool hasNoStatistics = false;
     bool isCheckOnly = false;
 };
 
@@ -289,6 +290,7 @@ void Serve(ServeChoices& choices)
         server->RegisterByName();
     server->setOnRequest(&request);
     server->setOnAsyncRequest(&command);
+    server->setStatistics(!choices.hasNoStatistics, choices.name.c_str());
     const StopWhenTold stop(*server);
     ReportServing(choices.interface, server->getPortN());
     server->Run();
@@ -342,6 +344,8 @@ void AddRemoteShellServer(CLI::App& program)
         ->type_name("COUNT")
         ->check(CLI::Range(1, 10000))
         ->capture_default_str();
+    serve.add_flag("--no-statistics", choices->hasNoStatistics,
+                   "Publish no figures for `qel top` in the run-time directory");
     serve.add_flag("--as-root", choices->mayBeRoot,
                    "Serve although all commands run with the superuser's rights");
     serve.add_flag("--check-config", choices->isCheckOnly,

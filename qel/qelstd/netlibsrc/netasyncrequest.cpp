@@ -37,15 +37,22 @@ bool netBaseServer::Loop::StartAsyncRequest(netSocketStream* stream)
 try {
     // Finished requests do not count, even if they have not been joined yet.
     const int running = static_cast<int>(requests.size()) - endedBodies;
-    if (server.asyncLimit > 0 && running >= server.asyncLimit)
+    if (server.asyncLimit > 0 && running >= server.asyncLimit) {
+        Note(netCount::refusedByLimit);
         return false;
+    }
     std::list<std::unique_ptr<netAsyncRequest>> one; // the steps after the start must not fail
     one.push_back(std::make_unique<netAsyncRequest>(&server, stream));
-    if (!one.back()->Start())
+    Note(netCount::asyncStarted);
+    if (!one.back()->Start()) {
+        Note(netCount::asyncEnded);
+        Note(netCount::refusedByThread);
         return false;
+    }
     requests.splice(requests.end(), one);
     return true;
 } catch (const std::bad_alloc&) {
+    Note(netCount::refusedByThread);
     return false;
 }
 
@@ -110,9 +117,10 @@ int netAsyncRequest::OnStart()
     struct EndNote
     {
         netBaseServer::Loop& loop;
-        ~EndNote() { loop.NoteEnd(); }
+        btkTimeval begin;
+        ~EndNote() { loop.NoteEnd(begin); }
     };
-    const EndNote note{*server->loop};
+    const EndNote note{*server->loop, btkTimeval::Now()};
 
     std::unique_ptr<netSocketStream, qelDelete> unserved(stream);
     try {
@@ -130,6 +138,7 @@ int netAsyncRequest::OnStart()
         failure = netForeignFailure("unknown exception");
     }
     hasFailed = true;
+    server->loop->Note(netCount::failures);
     return netServerContinue;
 }
 

@@ -7,6 +7,9 @@
 #include <optional>
 #include <string>
 
+#include <qel/base/btkenvironment.h>
+
+#include "monstatistics.h"
 #include "netaddress.h"
 #include "netconnect_p.h"
 #include "netexception.h"
@@ -241,6 +244,18 @@ void netBaseServer::Run()
 
 netServerLoopAction netBaseServer::Loop::Serve(std::unique_ptr<btkStreamSocket> socket)
 {
+    // Notes a service in the thread of the loop; those in threads are noted at their end.
+    struct Watch
+    {
+        netStatistics* statistics;
+        btkTimeval begin = statistics != nullptr ? btkTimeval::Now() : btkTimeval();
+        ~Watch()
+        {
+            if (statistics != nullptr)
+                statistics->NoteService(begin);
+        }
+    };
+    Watch watch{statistics.get()};
     std::unique_ptr<netSocketStream, qelDelete> made;
     try {
         const netServerLoopAction action = server.PreprocessRequest(socket.get());
@@ -253,10 +268,41 @@ netServerLoopAction netBaseServer::Loop::Serve(std::unique_ptr<btkStreamSocket> 
     }
     const std::string peer = made->getPeerAddress().CastToCString();
     netSocketStream* const stream = made.release();
+    Note(netCount::served);
     const netServerLoopAction action = Guarded(peer, [&] { return server.OnRequest(stream); });
-    if (action == netSpawnAsyncServer)
+    if (action == netSpawnAsyncServer) {
+        watch.statistics = nullptr;
         SpawnAsyncRequest(stream);
+    }
     return action;
+}
+
+bool netBaseServer::setStatistics(bool isOn, const char* name)
+{
+    loop->wantsStatistics = isOn;
+    if (isOn)
+        loop->BeginStatistics(name);
+    return !isOn || loop->statistics != nullptr;
+}
+
+void netBaseServer::Loop::BeginStatistics(const char* name)
+{
+    if (!wantsStatistics) {
+        std::string setting;
+        wantsStatistics = btkEnvironment::GetTrusted("QELSTD_STATS", setting) && setting == "1";
+    }
+    if (*wantsStatistics && !isStatisticsTried) {
+        isStatisticsTried = true;
+        statistics = netStatistics::Create(server, name);
+        if (statistics != nullptr)
+            statistics->Publish(silent.GetCount());
+    }
+}
+
+xstring netBaseServer::getStatisticsFile()
+{
+    return loop->statistics != nullptr ? xstring(loop->statistics->getFile().getPath().c_str())
+                                       : xstring(nullptr);
 }
 
 netServerLoopAction netBaseServer::PreprocessRequest(btkStreamSocket* /*socket*/)

@@ -193,6 +193,15 @@ public:
         return setGracePeriod(qelSeconds(limit));
     }
 
+    /// Whether the server publishes statistics, the values that docs/netlibsrc.md lists, in a monitor file that
+    /// `qel top` shows; see <qel/monstatistics.h>. They are written at most ten times a second, by Run and
+    /// Accept while no handler runs. Initially the environment decides: QELSTD_STATS=1. True begins them once,
+    /// under `name`; null: the server's own. False after that has no effect. Returns false when there is no
+    /// place for the file; the server works without.
+    bool setStatistics(bool isOn, const char* name = nullptr);
+    /// The path of that file; null while there is none.
+    xstring getStatisticsFile();
+
 protected:
     /// Takes ownership of a listening socket. `name`: the registered name, which the destructor removes; null
     /// for none.
@@ -231,6 +240,7 @@ protected:
 
 private:
     friend class netAsyncRequest;
+    friend class netServer;
 
     /// The waiting connections and the asynchronous requests.
     class Loop;

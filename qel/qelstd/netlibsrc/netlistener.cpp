@@ -47,6 +47,7 @@ std::unique_ptr<btkStreamSocket> netBaseServer::Loop::WaitForRequest(double time
         if (const std::unique_ptr<Silent> oldest = silent.Take([](const Silent&) { return true; }))
             return std::move(oldest->socket);
     }
+    BeginStatistics();
     btkTimeval now = btkTimeval::Now();
     const btkTimeval end = now + (timeout == INFINITE ? btkTimeval::Forever() : btkTimeval(timeout));
     do {
@@ -54,6 +55,10 @@ std::unique_ptr<btkStreamSocket> netBaseServer::Loop::WaitForRequest(double time
         btkTimeval wake = rests ? std::min(end, restEnd) : end;
         if (!silent.IsEmpty())
             wake = std::min(wake, silent[0].since + server.silentPatience);
+        if (statistics != nullptr) {
+            statistics->PublishIfDue(now, silent.GetCount());
+            wake = std::min(wake, statistics->GetDue());
+        }
         btkEvent::WaitForAny(silent.GetCount() + 2, wake - now, [&](std::size_t i) {
             return i > 1   ? silent[i - 2].input.get()
                    : i > 0 ? stopWaits.get()
@@ -65,7 +70,9 @@ std::unique_ptr<btkStreamSocket> netBaseServer::Loop::WaitForRequest(double time
         if (std::unique_ptr<btkStreamSocket> spoken = TakeSpoken())
             return spoken;
         now = btkTimeval::Now();
+        const std::size_t before = silent.GetCount();
         silent.DropUntil(now - server.silentPatience);
+        Note(netCount::silentExpired, before - silent.GetCount());
         if (rests || !connectionWaits->WasSignaled()) {
             DropTooMany(now);
             continue;
@@ -88,8 +95,8 @@ std::unique_ptr<btkStreamSocket> netBaseServer::Loop::WaitForRequest(double time
 // The newest connection stays: its first byte may have arrived already.
 void netBaseServer::Loop::DropTooMany(btkTimeval now)
 {
-    if (silent.IsOverfull())
-        silent.TakeLeaving(now);
+    if (silent.IsOverfull() && silent.TakeLeaving(now) != nullptr)
+        Note(netCount::silentDisplaced);
 }
 
 void netBaseServer::Loop::AddSilent(std::unique_ptr<btkStreamSocket> socket, btkTimeval now)
@@ -107,13 +114,18 @@ void netBaseServer::Loop::AddSilent(std::unique_ptr<btkStreamSocket> socket, btk
 std::unique_ptr<btkStreamSocket> netBaseServer::Loop::TakeConnection(btkTimeval now)
 {
     std::unique_ptr<btkStreamSocket> socket(new (std::nothrow) btkStreamSocket);
-    if (socket != nullptr && listening->Accept(socket.get()))
+    if (socket != nullptr && listening->Accept(socket.get())) {
+        Note(netCount::connections);
         return socket;
+    }
     using Failure = btkAcceptSocket::Failure;
     Failure failure = socket == nullptr ? Failure::noResources : btkAcceptSocket::FailureOf(errno);
     if (socket != nullptr && failure == Failure::noResources && silent.TakeLeaving(now) != nullptr) {
-        if (listening->Accept(socket.get()))
+        Note(netCount::silentDisplaced);
+        if (listening->Accept(socket.get())) {
+            Note(netCount::connections);
             return socket;
+        }
         failure = btkAcceptSocket::FailureOf(errno);
     }
     if (failure == Failure::unusable)

@@ -9,6 +9,7 @@
 #include "netconnect_p.h"
 #include "netexception.h"
 #include "netrights.h"
+#include "netserverloop_p.h"
 #include "qeltable.h"
 
 constinit qelClass netServer::rtti = {
@@ -99,6 +100,7 @@ netServerLoopAction netServer::PreprocessRequest(btkStreamSocket* socket)
     if (socket->Recv(&code, 1) != 1)
         return netServerContinue;
     const auto request = static_cast<netRequestCode>(code);
+    NoteRequest(request);
     if (request == netRequestCode::ping) {
         socket->Send(&netAdmitted, 1);
         return netServerContinue;
@@ -107,6 +109,7 @@ netServerLoopAction netServer::PreprocessRequest(btkStreamSocket* socket)
         request != netRequestCode::shutdown)
         return netServerContinue;
     if (!MayCome(socket)) {
+        loop->Note(netCount::refusedByRights);
         socket->Send(&netRefused, 1);
         return netServerContinue;
     }
@@ -123,6 +126,25 @@ netServerLoopAction netServer::PreprocessRequest(btkStreamSocket* socket)
         return netServerTerminate;
     Unlimit(*socket);
     return netServerNoDecision;
+}
+
+void netServer::NoteRequest(netRequestCode code)
+{
+    switch (code) {
+    case netRequestCode::open: // noted when it is served
+        break;
+    case netRequestCode::ping:
+        loop->Note(netCount::ping);
+        break;
+    case netRequestCode::version:
+        loop->Note(netCount::version);
+        break;
+    case netRequestCode::shutdown:
+        loop->Note(netCount::shutdown);
+        break;
+    default:
+        loop->Note(netCount::unknownCode);
+    }
 }
 
 bool netServer::MayCome(btkStreamSocket* socket)

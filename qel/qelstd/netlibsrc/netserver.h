@@ -4,6 +4,7 @@
 #include <qel/qelduration.h>
 
 class netAddress;
+enum class netRequestCode : unsigned char;
 
 /// A server with a version, which answers pings and can be stopped by clients. A client first sends its
 /// request code (one byte); peers on other machines are admitted when the registry allows it, see
@@ -83,6 +84,8 @@ protected:
 
 private:
     friend class netBaseServer;
+
+    void NoteRequest(netRequestCode code);
 
     xstring version;
 };

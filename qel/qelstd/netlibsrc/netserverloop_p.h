@@ -3,6 +3,7 @@
 #include <atomic>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@
 
 #include "netasyncrequest_p.h"
 #include "netbaseserver.h"
+#include "netstatistics_p.h"
 #include "qelcaught.h"
 
 /// The loop of a server: its port, the waiting connections, and the asynchronous requests.
@@ -58,11 +60,26 @@ public:
     void StopListening();
     /// Signals all asynchronous requests to stop, and waits until they have finished.
     void StopRequests();
-    /// An asynchronous request has finished; called in its thread.
-    void NoteEnd()
+    /// An asynchronous request that began at `begin` has finished; called in its thread.
+    void NoteEnd(btkTimeval begin)
     {
+        Note(netCount::asyncEnded);
+        if (statistics != nullptr)
+            statistics->NoteService(begin);
         ++endedBodies;
     }
+
+    void Note(netCount what, std::size_t times = 1)
+    {
+        if (statistics != nullptr && times > 0)
+            statistics->Note(what, times);
+    }
+    /// Begins the statistics, once, if they are wanted: by a call, or by the environment. `name`: null for the
+    /// server's.
+    void BeginStatistics(const char* name = nullptr);
+    bool isStatisticsTried = false;
+    std::optional<bool> wantsStatistics; // none: the environment decides
+    std::unique_ptr<netStatistics> statistics;
 
     /// A connection whose first byte has not arrived.
     struct Silent
@@ -129,10 +146,19 @@ try {
 template<class Handler>
 netServerLoopAction netBaseServer::Loop::Guarded(const std::string& peer, Handler handler)
 {
+    const auto counted = [&] {
+        try {
+            return handler();
+        } catch (...) {
+            thrPassCancellation();
+            Note(netCount::failures);
+            throw;
+        }
+    };
     if (onError == nullptr)
-        return netReported(server, peer, handler);
+        return netReported(server, peer, counted);
     try {
-        return handler();
+        return counted();
     } catch (xthrowable* thrown) {
         qel::caught failure(thrown);
         if (!onError->goesOn(server, failure))

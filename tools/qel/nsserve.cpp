@@ -1,0 +1,183 @@
+// qel ns serve: the name server.
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <qel/base/btkruntime.h>
+#include <qel/base/btksystem.h>
+#include <qel/base/nmsclient.h>
+#include <qel/base/nmsserver.h>
+#include <qel/monstatistics.h>
+
+#include "commands.h"
+#include "daemon.h"
+
+namespace {
+
+struct ServeChoices
+{
+    std::string interface = "127.0.0.1";
+    int port = -1;
+    double seconds = 5;
+    std::string stateFolder;
+    bool hasNoState = false;
+    bool hasNoStatistics = false;
+    bool isCheckOnly = false;
+    std::vector<std::string> shared;
+    nmsServerOptions options;
+};
+
+std::string stateFile(const ServeChoices& choices, int port)
+{
+    const std::string folder = choices.stateFolder.empty() ? btkRuntimeFolder() : choices.stateFolder;
+    if (choices.hasNoState || port == 0 || folder.empty())
+        return {};
+    return folder + "/nameserver-" + std::to_string(port);
+}
+
+void check(const ServeChoices& choices)
+{
+    const std::string& file = choices.options.stateFile;
+    if (choices.port > 65535)
+        Fail(Exit::usage, "VRXNMSPORT", "no port: " + std::to_string(choices.port));
+    RequireInterface(choices.interface);
+    if (const std::filesystem::path folder = std::filesystem::path(file).parent_path();
+        !file.empty() && !std::filesystem::is_directory(folder))
+        Fail(Exit::no, folder.string(), "no such directory");
+    Show({{"interface", choices.interface}, {"port", choices.port}, {"state", file.empty() ? "none" : file}});
+}
+
+// ---- its statistics
+
+std::unique_ptr<monStatistics> openStatistics(const ServeChoices& choices)
+{
+    std::unique_ptr<monStatistics> statistics =
+        choices.hasNoStatistics ? nullptr : monStatistics::Create("nameserver", "nameserver");
+    if (statistics != nullptr) {
+        const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
+        statistics->Set("kind", "qel ns serve");
+        statistics->Set("process", btkProcessNumber());
+        statistics->Set("started", std::floor(now.count()));
+    }
+    return statistics;
+}
+
+void publish(monStatistics& statistics, const nmsServerCounts& counts, const nmsTableUse& use)
+{
+    const auto set = [&](const char* name, auto value) { statistics.Set(name, static_cast<double>(value)); };
+    const auto requests = [&](nmsRequestCode code) {
+        return counts.requests[static_cast<std::size_t>(code)];
+    };
+    set("records", use.records);
+    set("records.ownerless", use.recordsWithoutOwner);
+    set("records.bytes", use.bytes);
+    set("owners", use.owners);
+    set("connections", counts.connections);
+    set("requests.register", requests(nmsRequestCode::enter));
+    set("requests.delete", requests(nmsRequestCode::remove));
+    set("requests.query", requests(nmsRequestCode::query));
+    set("requests.ping", requests(nmsRequestCode::ping));
+    set("requests.version", requests(nmsRequestCode::version));
+    set("requests.shutdown", requests(nmsRequestCode::shutdown));
+    set("requests.other", counts.others);
+    set("refused", counts.refused);
+    set("refused.full", use.refused);
+    set("silent.expired", counts.expired);
+    set("silent.displaced", counts.displaced);
+}
+
+// ---- its start
+
+void serve(ServeChoices& choices)
+{
+    nmsServerOptions& options = choices.options;
+    if (choices.port < 0)
+        choices.port = nmsFindPort();
+    btkAcceptSocket passed = TakePassedSocket(choices.interface, choices.port);
+    options.port = choices.port;
+    options.listenOn = choices.interface == "*" ? nullptr : choices.interface.c_str();
+    options.requestLimit = btkTimeval(choices.seconds);
+    options.version = "qel ns " QEL_VERSION;
+    options.stateFile = stateFile(choices, options.port);
+    options.table.areNamesShared = !choices.shared.empty();
+    options.untilSignal = true;
+    if (choices.isCheckOnly)
+        return check(choices);
+    const std::unique_ptr<monStatistics> statistics = openStatistics(choices);
+    if (statistics != nullptr)
+        options.publish = [&](const nmsServerCounts& counts, const nmsTableUse& use) {
+            publish(*statistics, counts, use);
+        };
+    nmsServer server(options);
+    if (!server.Listen(std::move(passed)))
+        Fail(Exit::peer, choices.interface + ", port " + std::to_string(options.port),
+             std::string("cannot listen: ") + std::strerror(errno));
+    if (statistics != nullptr)
+        statistics->Set("port", server.GetPort());
+    ReportServing(choices.interface, server.GetPort());
+    server.Run();
+}
+
+} // namespace
+
+void AddNameServer(CLI::App& group)
+{
+    const auto choices = std::make_shared<ServeChoices>();
+    CLI::App& command = AddCommand(group, "serve", "Be a name server until SIGTERM or `qel ns shutdown`",
+                                   [choices] { serve(*choices); });
+    command
+        .add_option("--interface", choices->interface,
+                    "Address or name of the interface to listen on; '*': all of them")
+        ->type_name("HOST")
+        ->capture_default_str();
+    command.add_option("--port", choices->port, "Port; 0: a free one (default: VRXNMSPORT, or 1239)")
+        ->type_name("PORT")
+        ->check(CLI::Range(0, 65535));
+    command.add_option("--request-limit", choices->seconds, "Time that one client may take for a request")
+        ->type_name("SECONDS")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    command
+        .add_option("--waiting", choices->options.waiting, "Clients that may be waiting at once, 1 to 10000")
+        ->type_name("COUNT")
+        ->check(CLI::Range(1, 10000))
+        ->capture_default_str();
+    command.add_option("--max-records", choices->options.table.records, "Records held")
+        ->type_name("COUNT")
+        ->capture_default_str();
+    command
+        .add_option("--max-records-of-process", choices->options.table.recordsOfOwner,
+                    "Records of one process held")
+        ->type_name("COUNT")
+        ->capture_default_str();
+    command
+        .add_option(
+            "--max-records-of-peer", choices->options.table.recordsOfPeer,
+            "Records of no process held that one address has registered; all of these together have a "
+            "quarter of the table")
+        ->type_name("COUNT")
+        ->capture_default_str();
+    command
+        .add_option("--shared", choices->shared,
+                    "Field that records of several processes may have with the same value; without it a name "
+                    "is that of one process")
+        ->type_name("FIELD")
+        ->check(CLI::IsMember({"_ServerName"}));
+    command
+        .add_option(
+            "--state", choices->stateFolder,
+            "Where the file is that keeps the records while the server does not run, one for each port "
+            "but 0 (default: RUNTIME_DIRECTORY, or qelstd in XDG_RUNTIME_DIR; none without these)")
+        ->type_name("DIRECTORY");
+    command.add_flag("--no-state", choices->hasNoState, "Keep no records while the server does not run");
+    command.add_flag("--no-statistics", choices->hasNoStatistics,
+                     "Publish no figures for `qel top` in the run-time directory");
+    command.add_flag("--check-config", choices->isCheckOnly,
+                     "Do not serve: check the settings, and print those that the server would have");
+    OfferJson(command);
+}
