@@ -1,6 +1,7 @@
 // A program for the debugger: one value of each type that has a printer, and of each marker.
 
 #include <qel/qelexception.h>
+#include <qel/qelown.h>
 #include <qel/xany.h>
 #include <qel/xdictionary.h>
 #include <qel/xrtti.h>
@@ -12,6 +13,8 @@ namespace {
 /// A sequence class of an application.
 class Ages : public xintsequence
 {
+public:
+    int limit = 120;
 };
 
 const char* colours[] = {"red", "green"};
@@ -51,6 +54,7 @@ int main()
 
     xauto<Ages> ages;
     ages.append(36);
+    const xrchandle<Ages> aged = qel::make<Ages>();
     xauto<xboolsequence> truths;
     const unsigned char bytes[] = {1, 0, xnullbool, xuninitbool};
     for (const unsigned char b : bytes)

@@ -1,11 +1,14 @@
-"""Pretty printers for gdb: the contents of strings, variants, handles, sequences and dictionaries.
+"""Printers for gdb: the contents of strings, variants, handles, sequences and dictionaries; `*`, `->` and get() of handles; and
+the command qel-print.
 
-gdb loads this file with libqelstd.so. They read memory only and call nothing in the program, so they work on core dumps.
+gdb loads this file with libqelstd.so. All but the command read memory only and call nothing in the program, so they work on
+core dumps.
 """
 import re
 
 import gdb
 import gdb.printing
+import gdb.xmethod
 
 NULL_INT, UNINIT_INT = -2**31, -2**31 + 1
 NULL_BOOL, UNINIT_BOOL = 128, 129
@@ -243,4 +246,80 @@ class Printers(gdb.printing.PrettyPrinter):
         return None
 
 
+class HandleMethod(gdb.xmethod.XMethodWorker):
+    """A method of handles, computed from memory: the program need not contain or run it."""
+
+    def __init__(self, name):
+        self.name = name
+
+    def get_arg_types(self):
+        return None
+
+    def __call__(self, handle):
+        pointer = handle["pointer"]
+        pointer = pointer if marker(pointer) else pointer.cast(pointer.dynamic_type)
+        return pointer.dereference() if self.name == "operator*" else pointer
+
+
+class HandleMethods(gdb.xmethod.XMethodMatcher):
+    """Finds the methods of handles that read."""
+    NAMES = ("operator*", "operator->", "get")
+
+    def __init__(self):
+        super().__init__("qelstd")
+        self.methods = [gdb.xmethod.XMethod(name) for name in self.NAMES]
+
+    def match(self, kind, name):
+        if base_named(kind, "xrchandle", "xrcunihandle") is None:
+            return None
+        return next((HandleMethod(m.name) for m in self.methods if m.enabled and m.name == name), None)
+
+
+class PrintObject(gdb.Command):
+    """qel-print EXPRESSION: print an object and everything that it contains, in the running program.
+
+EXPRESSION is an object, a pointer to one, a handle, or a variant that holds one. The program itself prints it, to its
+standard error output."""
+
+    def __init__(self):
+        super().__init__("qel-print", gdb.COMMAND_DATA, gdb.COMPLETE_EXPRESSION)
+
+    def invoke(self, argument, from_tty):
+        if not argument:
+            raise gdb.GdbError("qel-print: which expression?")
+        pointer = self.pointer_of(gdb.parse_and_eval(argument))
+        said = marker(pointer)
+        if said:
+            print(said)
+            return
+        pointer = pointer.cast(pointer.dynamic_type)
+        if base_named(pointer.type.target(), "xobject") is None:
+            raise gdb.GdbError(f"qel-print: {argument} is no object, or its class has no debug information")
+        pointer = pointer.cast(gdb.lookup_type("xobject").pointer())
+        # The address of the function, cast: the library may lack debug information.
+        gdb.parse_and_eval(f"((void (*)(void*))&qelDebugPrint)((void*){address(pointer):#x})")
+        print()
+
+    @staticmethod
+    def pointer_of(value):
+        kind = value.type.strip_typedefs()
+        if kind.code in (gdb.TYPE_CODE_REF, gdb.TYPE_CODE_RVALUE_REF):
+            value = value.referenced_value()
+            kind = value.type.strip_typedefs()
+        if kind.code == gdb.TYPE_CODE_PTR:
+            return value
+        if base_named(kind, "xrchandle", "xrcunihandle") is not None:
+            return value["pointer"]
+        if base_named(kind, "xany", "__xany_c") is not None:
+            variant = Variant(value)
+            if variant.tag != 7:
+                raise gdb.GdbError(f"qel-print: no object: {variant.to_string()}")
+            return variant.payload["objectValue"]
+        if value.address is None:
+            raise gdb.GdbError("qel-print: a value that is not in memory")
+        return value.address
+
+
 gdb.printing.register_pretty_printer(gdb.current_objfile(), Printers(), replace=True)
+gdb.xmethod.register_xmethod_matcher(gdb.current_objfile(), HandleMethods(), replace=True)
+PrintObject()
