@@ -175,6 +175,52 @@ TEST(xsequence, ReportsAllCopiesToAnObservingSubclass)
     EXPECT_STREQ(s.get(8).CastToCString(), "y");
 }
 
+TEST(xsequence, StandardOperationsReachTheOverridesOfASubclass)
+{
+    class Halves : public xintsequence
+    {
+    public:
+        std::string calls;
+
+    private:
+        int getarraysize() override { return (calls += "size "), xintsequence::getarraysize(); }
+        int get(int index) override { return (calls += "get "), xintsequence::get(index) / 2; }
+        void set(int index, int value) override { (calls += "set "), xintsequence::set(index, 2 * value); }
+        void append(int value) override { (calls += "append "), xintsequence::append(2 * value); }
+    };
+    xauto<Halves> halves;
+    xintsequence& ints = halves;
+    ints.append(4);
+    const int five = 5;
+    ints.append(five);
+    ints.set(0, 3);
+    EXPECT_TRUE(ints.get(0) == 3 && ints[1] == 5);
+    EXPECT_EQ(halves.calls, "append append set get get ");
+    halves.calls.clear();
+    EXPECT_EQ(std::vector<int>(ints.begin(), ints.end()), (std::vector{3, 5}));
+    EXPECT_EQ(halves.calls, "size get get ");
+}
+
+TEST(xsequence, AssignsRangesOfItsOwnElements)
+{
+    const auto ints = sequenceOf<xintsequence>({1, 2, 3, 4, 5, 6});
+    ints->assign(std::span(ints->elements() + 2, 3));
+    EXPECT_EQ(contentOf(ints.get()), (std::vector{3, 4, 5}));
+    ints->set(4, 9); // what was there before is gone
+    EXPECT_EQ(contentOf(ints.get()), (std::vector{3, 4, 5, 0, 9}));
+    ints->assign(*ints);
+    ints->assign(std::vector<short>{1, 2});
+    EXPECT_EQ(contentOf(ints.get()), (std::vector{1, 2}));
+    ints->assign(std::vector<int>());
+    EXPECT_TRUE(ints->empty());
+
+    const auto strings = sequenceOf<xstringsequence>({"a", "b", "c"});
+    strings->assign(*strings);
+    EXPECT_EQ(contentOf(strings.get()), "abc");
+    strings->assign(std::vector<std::string>{"x", "y"});
+    EXPECT_EQ(contentOf(strings.get()), "xy");
+}
+
 TEST(xsequence, RejectsInvalidIndicesBeforeAnyChange)
 {
     const auto s = sequenceOf<xintsequence>({1, 2, 3});

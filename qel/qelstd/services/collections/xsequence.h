@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <iterator>
 #include <new>
+#include <ranges>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -199,7 +200,7 @@ private:
 /// `for (int n : *sequence)` and the algorithms of the standard library read it through `getarraysize` and
 /// `get`. Elements are copies: change them by `set`, or those of plain sequences through qel::span.
 template<class T>
-class xtbsequence : public xobject, public xbasesequence
+class QEL_API xtbsequence : public xobject, public xbasesequence
 {
 public:
     using value_type = T;
@@ -225,11 +226,13 @@ public:
     void assign(R&& range)
     {
         std::vector<T> values;
+        if constexpr (std::ranges::sized_range<R>)
+            values.reserve(std::ranges::size(range));
         for (auto&& value : range)
             values.push_back(T(value));
-        replaceBy(values);
+        replaceBy(values.data(), values.size());
     }
-    void assign(std::initializer_list<T> values) { replaceBy(values); }
+    void assign(std::initializer_list<T> values) { replaceBy(values.begin(), values.size()); }
 
     virtual int getarraysize() { return static_cast<int>(used / sizeof(T)); }
     /// Returns a copy of the element.
@@ -270,13 +273,7 @@ protected:
 private:
     /// Reading is not const in the interface by index.
     xtbsequence* self() const { return const_cast<xtbsequence*>(this); }
-    template<class Values>
-    void replaceBy(const Values& values)
-    {
-        clear();
-        for (const T& value : values)
-            append(value);
-    }
+    void replaceBy(const T* values, std::size_t n);
     static std::size_t offsetOf(int index);
     /// Throws when a sequence of `end` bytes would be too long.
     void checkEnd(std::size_t end, int index)
@@ -378,11 +375,8 @@ xrchandle<S> qelMakeOf(std::initializer_list<typename S::value_type> values)
     return made;
 }
 
-extern template class QEL_API xtbsequence<unsigned char>;
-extern template class QEL_API xtbsequence<int>;
-extern template class QEL_API xtbsequence<double>;
-extern template class QEL_API xtbsequence<xstring>;
-extern template class QEL_API xtbsequence<xany>;
+// xtbsequence is not among these: a compiler that sees its `get`, `set` and `append` inlines them behind a
+// comparison with the object's own.
 extern template class QEL_API xtssequence<unsigned char>;
 extern template class QEL_API xtssequence<int>;
 extern template class QEL_API xtssequence<double>;
@@ -500,6 +494,15 @@ void xtbsequence<T>::append(T value)
     else
         *slot = std::move(value);
     used = static_cast<unsigned>(end);
+}
+
+/// In one step, as `insertseq` inserts.
+template<class T>
+void xtbsequence<T>::replaceBy(const T* values, std::size_t n)
+{
+    checkEnd(n * sizeof(T), static_cast<int>(maxBytes / sizeof(T)));
+    clear();
+    BaseInsert(used, n * sizeof(T), values);
 }
 
 /// Slow path: there is no free slot, or a subclass may observe the hooks.
