@@ -55,7 +55,54 @@ class PartsByName : public xtcdictionary<xrchandle<Part>>
 {
 };
 
+/// Counts by its own rule, as a class may.
+class Shy : public virtual xobject
+{
+    QEL_OBJECT(Shy);
+    QEL_COUNTED;
+
+public:
+    int attached = 0;
+
+private:
+    void xattach() override { ++attached; }
+    void xrelease() override
+    {
+        if (--attached == 0)
+            delete this;
+    }
+};
+constinit qelClass Shy::rtti = {.name = "test::Shy", .counted = true};
+
+class Plain : public virtual xobject
+{
+    QEL_OBJECT(Plain);
+    QEL_COUNTED;
+
+public:
+    /// Hands itself out while it is made.
+    explicit Plain(xrchandle<Plain>* to = nullptr)
+    {
+        if (to != nullptr)
+            *to = this;
+    }
+};
+constinit qelClass Plain::rtti = {.name = "test::Plain", .counted = true};
+
 } // namespace
+
+TEST_F(Handles, TakeTheFirstReferenceOfWhatTheyMake)
+{
+    const auto plain = qel::make<Plain>();
+    EXPECT_EQ(xrcgetcount(plain.get()), 1);
+    xrchandle<Plain> early;
+    const auto late = qel::make<Plain>(&early);
+    EXPECT_TRUE(early == late && xrcgetcount(late.get()) == 2);
+    const auto shy = qel::make<Shy>();
+    EXPECT_EQ(shy->attached, 1);
+    EXPECT_EQ(xrcgetcount(shy.get()), 0);
+    EXPECT_EQ(qel::make<Part>(3)->number(), 3);
+}
 
 TEST_F(Handles, CompareByIdentityWithoutTakingReferences)
 {

@@ -144,6 +144,18 @@ public:
         return *this;
     }
 
+    /// The owner of the object that it makes: qel::make.
+    template<class... A>
+    static xrchandle Make(A&&... arguments)
+    {
+        static_assert(qelMayBeCounted<T>(), "objects of this class are not counted: own them by qel::own(p)");
+        xrchandle made;
+        T* const p = new (pDefMemMgr) T(static_cast<A&&>(arguments)...);
+        qelAttachNew(p);
+        made.pointer = p;
+        return made;
+    }
+
 private:
     /// Leaves null; the caller owns the reference.
     T* giveUp() noexcept
@@ -245,8 +257,7 @@ namespace qel {
 template<class T, class... A>
 xrchandle<T> make(A&&... arguments)
 {
-    static_assert(qelMayBeCounted<T>(), "objects of this class are not counted: own them by qel::own(p)");
-    return xrchandle<T>(new (pDefMemMgr) T(static_cast<A&&>(arguments)...));
+    return xrchandle<T>::Make(static_cast<A&&>(arguments)...);
 }
 
 } // namespace qel

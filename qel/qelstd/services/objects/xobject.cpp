@@ -161,6 +161,29 @@ void xobject::xattach()
     }
 }
 
+inline void xobject::dieNow()
+{
+    struct Deeper
+    {
+        Deeper() { ++dying.depth; }
+        ~Deeper() { --dying.depth; }
+    } const deeper;
+    // The count stays 1 until the object is destroyed: references taken and released meanwhile must not
+    // delete it a second time.
+    onDelete();
+    delete this;
+}
+
+[[gnu::always_inline]] inline void xobject::die()
+{
+    if (dying.depth > Dying::deepest && dying.postpone(this))
+        return;
+    dieNow();
+    if (dying.depth == 0 && dying.waiting != nullptr)
+        while (xobject* const next = dying.next())
+            next->dieNow();
+}
+
 void xobject::xrelease()
 {
     if (!thrIsThreaded() && refcount == 1 && isDeletable()) {
@@ -184,29 +207,6 @@ void xobject::xrelease()
                                         __ATOMIC_ACQUIRE))
             return;
     }
-}
-
-void xobject::die()
-{
-    if (dying.depth > Dying::deepest && dying.postpone(this))
-        return;
-    dieNow();
-    if (dying.depth == 0 && dying.waiting != nullptr)
-        while (xobject* const next = dying.next())
-            next->dieNow();
-}
-
-void xobject::dieNow()
-{
-    struct Deeper
-    {
-        Deeper() { ++dying.depth; }
-        ~Deeper() { --dying.depth; }
-    } const deeper;
-    // The count stays 1 until the object is destroyed: references taken and released meanwhile must not
-    // delete it a second time.
-    onDelete();
-    delete this;
 }
 
 void xobject::xfree()

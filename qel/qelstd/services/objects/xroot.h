@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <type_traits>
 
 #include <qel/base/btkmemory.h>
 #include <qel/base/thrthreading.h>
@@ -111,6 +112,8 @@ private:
     friend void xrcrelease(xobject* p);
     friend int xrcgetcount(xobject* p);
     friend QEL_API void xdelete(xobject* p);
+    template<class T>
+    friend void qelAttachNew(T* p);
     friend class qelReadHold;
 
     std::int32_t refcount = 0;
@@ -137,6 +140,24 @@ inline void xrcattach(xobject* p)
         p->refcount = count + 1;
     else
         __atomic_fetch_add(&p->refcount, 1, __ATOMIC_RELAXED);
+}
+
+/// Takes the first reference to an object that has just been made, whose class is T and none derived from it.
+/// Nobody else has it, so the count is set without a call where the class keeps xobject's `xattach` and has
+/// said QEL_COUNTED.
+template<class T>
+void qelAttachNew(T* p)
+{
+    if constexpr (requires {
+                      requires T::qelCounted && std::is_same_v<decltype(&T::xattach), void (xobject::*)()>;
+                  }) {
+        xobject* const object = p;
+        if (object->refcount == 0) {
+            object->refcount = 1;
+            return;
+        }
+    }
+    xrcattach(qelObjectOf(p));
 }
 
 /// Releases one counted reference; releasing the last one deletes the object. Null and xuninitobj are
