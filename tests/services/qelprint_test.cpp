@@ -255,6 +255,39 @@ TEST(qelPrint, FlushesEachLineAndWritesLongTextsWhole)
     EXPECT_EQ(printed(new Table{{text.c_str(), 1}}, -1), "test::Table { \"" + text + "\" : 1 }");
 }
 
+TEST(qelPrint, PassesAWholeTextToTheStreamAtOnce)
+{
+    class Counting final : public std::stringbuf
+    {
+    public:
+        std::string calls;
+
+    private:
+        int sync() override
+        {
+            calls += "flush ";
+            return 0;
+        }
+        std::streamsize xsputn(const char* text, std::streamsize n) override
+        {
+            calls += "write ";
+            return std::stringbuf::xsputn(text, n);
+        }
+    } buffer;
+    std::ostream os(&buffer);
+    const std::string text(3000, 'x'); // longer than the printer's own block
+    const xrchandle<Table> table = new Table{{"a", 1}, {text.c_str(), xany(text.c_str())}, {"b", 2.5}};
+    qelPrint(table.get(), os, 2, qelWhole);
+    EXPECT_EQ(buffer.calls, "write flush ");
+    EXPECT_EQ(buffer.str(), printed(table.get(), 2));
+
+    std::ostream exact(&buffer);
+    exact.precision(9);
+    buffer.str("");
+    qelPrint(1.23456789, exact, 2, qelWhole);
+    EXPECT_EQ(buffer.str(), "1.23456789");
+}
+
 TEST(qelPrint, ReportsFailuresLikeOtherOutput)
 {
     FlushedBuffer small(20);

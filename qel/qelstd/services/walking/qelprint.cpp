@@ -6,7 +6,9 @@
 #include <fstream>
 #include <iostream>
 #include <locale>
+#include <new>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -17,14 +19,15 @@
 #include "qeltraverse_p.h"
 #include "xsequence.h"
 
-/// Printed text not yet passed to the stream: that of one operation or, with `byLines`, of one line, so that
-/// the stream is called once for several.
+/// Printed text not yet passed to the stream: that of one operation or, with `byLines`, of one line or, with
+/// `whole` too, of all, so that the stream is called once for several.
 class qelPrintTraverser::Text
 {
 public:
     explicit Text(std::ostream& to) : os(to), state(to) {}
 
     bool byLines = false;
+    bool whole = false;
 
     Text& operator<<(char c)
     {
@@ -36,8 +39,8 @@ public:
     Text& operator<<(std::string_view s)
     {
         if (s.size() > sizeof block) {
-            write();
-            os.write(s.data(), static_cast<std::streamsize>(s.size()));
+            handOn(false);
+            pass(s, false);
         } else {
             char* const at = room(s.size());
             std::memcpy(at, s.data(), s.size());
@@ -72,7 +75,8 @@ public:
     void newLine(int blanks)
     {
         *this << '\n';
-        handOn(true);
+        if (!whole)
+            handOn(true);
         constexpr int most = 64;
         for (; blanks > 0; blanks -= most) {
             char* const at = room(most);
@@ -105,8 +109,14 @@ public:
     /// Passes the collected text on.
     void write()
     {
-        if (end != block)
-            handOn(false);
+        handOn(false);
+        putEarlier(false);
+    }
+    /// Passes the whole text on, and flushes the stream.
+    void finish()
+    {
+        handOn(false);
+        putEarlier(true);
     }
 
 private:
@@ -171,11 +181,41 @@ private:
                state.getloc() == std::locale::classic();
     }
 
-    /// One output operation of the stream, with the library's handling of failures.
+    /// Passes on what the block holds.
     void handOn(bool flushes)
     {
-        const std::streamsize size = end - block;
+        const std::string_view text(block, static_cast<std::size_t>(end - block));
         end = block;
+        if (!text.empty())
+            pass(text, flushes);
+    }
+
+    /// Passes `text` to the stream, or to the earlier text.
+    void pass(std::string_view text, bool flushes)
+    {
+        if (whole) {
+            try {
+                earlier.append(text);
+                return;
+            } catch (const std::bad_alloc&) {
+                putEarlier(false);
+            }
+        }
+        put(text, flushes);
+    }
+
+    void putEarlier(bool flushes)
+    {
+        if (!earlier.empty()) {
+            put(earlier, flushes);
+            earlier.clear();
+        }
+    }
+
+    /// One output operation of the stream, with the library's handling of failures.
+    void put(std::string_view text, bool flushes)
+    {
+        const auto size = static_cast<std::streamsize>(text.size());
         std::optional<std::ostream::sentry> sentry;
         if (!state.good() || state.tie() != nullptr || (state.flags() & std::ios_base::unitbuf) != 0)
             sentry.emplace(os); // reports a failed stream, flushes a tied stream before or this one after
@@ -184,7 +224,7 @@ private:
         bool failed = false;
         try {
             std::streambuf* const buffer = state.rdbuf();
-            failed = buffer->sputn(block, size) != size || (flushes && buffer->pubsync() == -1);
+            failed = buffer->sputn(text.data(), size) != size || (flushes && buffer->pubsync() == -1);
         } catch (...) {
             thrPassCancellation();
             try {
@@ -201,7 +241,7 @@ private:
     char* room(std::size_t size)
     {
         if (size > static_cast<std::size_t>(block + sizeof block - end))
-            write();
+            handOn(false);
         return end;
     }
 
@@ -214,7 +254,8 @@ private:
     };
 
     std::ostream& os;
-    std::ios& state; // of `os`: access through the virtual base is slow
+    std::ios& state;     // of `os`: access through the virtual base is slow
+    std::string earlier; // than the block, when the whole text is collected
     char* end = block;
     char block[1024];
     Name names[64]; // by 6 bits of a hash
@@ -469,6 +510,14 @@ void qelPrint(xany value, std::ostream& stream, int spaces)
     printer.text->byLines = true;
     qelTraverseForPrinter(std::move(value), &printer);
     printer.text->write();
+}
+
+void qelPrint(xany value, std::ostream& stream, int spaces, qelWholeText)
+{
+    qelPrintTraverser printer(stream, spaces);
+    printer.text->byLines = printer.text->whole = true;
+    qelTraverseForPrinter(std::move(value), &printer);
+    printer.text->finish();
 }
 
 void qelDebugPrint(xobject* obj)

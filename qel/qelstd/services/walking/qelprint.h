@@ -4,6 +4,12 @@
 
 #include <qel/qeltraverse.h>
 
+/// An argument of qelPrint: `qelPrint(value, stream, 2, qelWhole)`.
+struct qelWholeText
+{
+};
+inline constexpr qelWholeText qelWhole;
+
 /// Writes reported values as human-readable text: each part on its own line, terminated with std::endl before
 /// the next begins, the parts of a compound value between braces and indented; with the step -1 all on one
 /// line. Throws only what the stream throws. Subclasses may write to the stream between the operations.
@@ -47,6 +53,7 @@ public:
 private:
     class Text;
     friend QEL_API void qelPrint(xany value, std::ostream& stream, int spaces);
+    friend QEL_API void qelPrint(xany value, std::ostream& stream, int spaces, qelWholeText);
 
     void nextLine();
     void shiftRight();
@@ -73,6 +80,11 @@ private:
 ///
 /// An object that was never attached is destroyed with `value`.
 QEL_API void qelPrint(xany value, std::ostream& stream, int spaces);
+
+/// The same text, collected in memory and passed to the stream at once, with one flush: much faster into a
+/// file, and not mixed with the lines of others who append to it. A stream that formats reals in a way of its
+/// own gets the text in parts, as does one for whose text there is no memory.
+QEL_API void qelPrint(xany value, std::ostream& stream, int spaces, qelWholeText);
 
 /// Prints `obj` to standard error; for a debugger's command line. Leaves its count unchanged, 0 included.
 extern "C" QEL_API void qelDebugPrint(xobject* obj);
