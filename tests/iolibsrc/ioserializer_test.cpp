@@ -1,3 +1,4 @@
+#include <array>
 #include <bit>
 #include <cmath>
 #include <cstring>
@@ -6,6 +7,7 @@
 #include <limits>
 #include <random>
 #include <sstream>
+#include <vector>
 
 #include <qel/xrtti.h>
 
@@ -186,6 +188,45 @@ TEST(Serializers, ReadBackWhatTheyWrote)
         EXPECT_EQ(stream->ReadByte(), -3);
     }
     EXPECT_EQ(Holding(xdr, Hex("12 34 56 02"))->ReadBool(), 2); // the low byte counts
+}
+
+TEST(Serializers, TransferArraysLikeSingleValues)
+{
+    std::vector<int> ints(3000); // more than one part
+    std::vector<double> reals(1500);
+    for (std::size_t i = 0; i < ints.size(); ++i)
+        ints[i] = static_cast<int>(i * 2654435761u);
+    for (std::size_t i = 0; i < reals.size(); ++i)
+        reals[i] = static_cast<double>(i) * 1.25;
+    for (ioSerializer* const form : {binary, xdr}) {
+        const auto one = MemoryStream(form), all = MemoryStream(form);
+        for (const int v : ints)
+            one->WriteInt(v);
+        for (const double v : reals)
+            one->WriteReal(v);
+        all->WriteInts(ints);
+        all->WriteReals(reals);
+        all->WriteInts({});
+        const std::string bytes = RestOf(*one);
+        EXPECT_EQ(RestOf(*all), bytes);
+
+        const auto stream = Holding(form, bytes);
+        std::vector<int> readInts(ints.size());
+        std::vector<double> readReals(reals.size());
+        stream->ReadInts(readInts);
+        stream->ReadReals(readReals);
+        EXPECT_EQ(readInts, ints);
+        EXPECT_EQ(readReals, reals);
+        EXPECT_EQ(thrownBy([&] { stream->ReadInts({readInts.data(), 1}); }), "iolib::XStream");
+        EXPECT_TRUE(stream->getIsEof());
+        EXPECT_EQ(thrownBy([&] { stream->WriteInts(ints); }), "iolib::XStream");
+    }
+    const auto text = Holding(ascii, "12 -3 0.5 ");
+    std::array<int, 2> two;
+    std::array<double, 1> real;
+    text->ReadInts(two);
+    text->ReadReals(real);
+    EXPECT_TRUE(two == (std::array{12, -3}) && real[0] == 0.5);
 }
 
 TEST(Serializers, RejectImpossibleLengths)

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 #include <memory>
 #include <streambuf>
+#include <type_traits>
 
 #include <qel/base/xbufaccess.h>
 #include <qel/base/xstreambuf.h>
@@ -246,6 +248,85 @@ void ioStream::WriteString(const char* s)
 {
     if (!Held::Write(*this, s))
         WriteByForm<&ioSerializer::WrString>(s);
+}
+
+// Values of binary forms are transferred in parts of this size, through the stack where the buffer has no room.
+static constexpr std::size_t partSize = 4096;
+
+template<class Value>
+void ioStream::WriteAll(std::span<const Value> values)
+{
+    BeginWrite();
+    const Way way = Held::WayOf(*serializer);
+    if (way < asNative) {
+        for (const Value value : values)
+            if constexpr (std::is_same_v<Value, int>)
+                CheckTryCode(serializer->WrInt(value, direct));
+            else
+                CheckTryCode(serializer->WrReal(value, direct));
+        return;
+    }
+    while (!values.empty()) {
+        const auto part = values.first(std::min(values.size(), partSize / sizeof(Value)));
+        values = values.subspan(part.size());
+        char block[partSize];
+        char* const room = xbufaccess::Reserve(*direct, part.size_bytes());
+        char* const to = room != nullptr ? room : block;
+        if (way == asNetwork)
+            for (std::size_t i = 0; i < part.size(); ++i)
+                ioEncode<ioNetwork>(to + i * sizeof(Value), part[i]);
+        else
+            std::memcpy(to, part.data(), part.size_bytes());
+        if (room != nullptr)
+            xbufaccess::Commit(*direct, static_cast<int>(part.size_bytes()));
+        else
+            CheckTryCode(ioPut(*direct, block, part.size_bytes()));
+    }
+}
+
+template<class Value>
+void ioStream::ReadAll(std::span<Value> to)
+{
+    BeginRead();
+    const Way way = Held::WayOf(*serializer);
+    if (way < asNative) {
+        for (Value& value : to)
+            if constexpr (std::is_same_v<Value, int>)
+                CheckTryCode(serializer->RdInt(value, direct));
+            else
+                CheckTryCode(serializer->RdReal(value, direct));
+        return;
+    }
+    while (!to.empty()) {
+        const auto part = to.first(std::min(to.size(), partSize / sizeof(Value)));
+        to = to.subspan(part.size());
+        const auto size = static_cast<std::streamsize>(part.size_bytes());
+        if (direct->sgetn(reinterpret_cast<char*>(part.data()), size) != size)
+            ThrowTryCode(ioEndOfFile);
+        if (way == asNetwork)
+            for (Value& value : part)
+                value = ioDecode<ioNetwork, Value>(reinterpret_cast<const char*>(&value));
+    }
+}
+
+void ioStream::ReadInts(std::span<int> to)
+{
+    ReadAll(to);
+}
+
+void ioStream::ReadReals(std::span<double> to)
+{
+    ReadAll(to);
+}
+
+void ioStream::WriteInts(std::span<const int> values)
+{
+    WriteAll(values);
+}
+
+void ioStream::WriteReals(std::span<const double> values)
+{
+    WriteAll(values);
 }
 
 unsigned int ioStream::ReadBytes(void* p, unsigned int n)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <span>
 
 #include <qel/base/btkatomic.h>
 #include <qel/base/btkfd.h>
@@ -131,6 +132,12 @@ public:
     {
         WriteString(static_cast<const char*>(qelTextArgument(text)));
     }
+    /// All values of the array, as so many calls of the operation for one value, several times faster in a
+    /// binary form. A timeout applies to the whole call. When a read throws, some of `to` may be set.
+    void ReadInts(std::span<int> to);
+    void ReadReals(std::span<double> to);
+    void WriteInts(std::span<const int> values);
+    void WriteReals(std::span<const double> values);
     /// Raw bytes. Returns how many were read: `n`, or fewer when the data ended or the limit expired, as the
     /// state shows.
     unsigned int ReadBytes(void* p, unsigned int n);
@@ -313,6 +320,10 @@ private:
     [[gnu::visibility("hidden")]] Value ReadByForm(Delims... delims);
     template<auto write, class Value>
     [[gnu::visibility("hidden")]] void WriteByForm(Value value);
+    template<class Value>
+    [[gnu::visibility("hidden")]] void ReadAll(std::span<Value> to);
+    template<class Value>
+    [[gnu::visibility("hidden")]] void WriteAll(std::span<const Value> values);
     struct Held;
     void FindWays();
     void SetState(int bits)
