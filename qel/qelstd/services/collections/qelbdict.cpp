@@ -122,10 +122,13 @@ unsigned xbasedictionary::NextSize() const
                                                              xdictindexentry** at) const
 {
     if (side->index.isBuilt()) [[likely]] {
-        xdictindexentry* const found = side->index.seek(key);
+        // The entry is read after the key's text: both are fetched at once.
+        const auto found = side->index.seek(key, [=, this](const xdictindexentry& entry) {
+            __builtin_prefetch(EntryOf(entry.place, entrySize));
+        });
         if (at != nullptr)
-            *at = found;
-        return found->key == nullptr ? nowhere : found->place;
+            *at = found.at;
+        return found.isThere ? found.at->place : nowhere;
     }
     for (unsigned place = 0; place < side->added; ++place)
         if (const char* const text = keyOf(EntryOf(place, entrySize)); isLive(text) && key.equals(text))
@@ -246,7 +249,7 @@ void xbasedictionary::BaseRemove(const char* key, unsigned entrySize, unsigned v
     --count;
     const unsigned oldSize = size;
     const unsigned newSize = NextSize();
-    if (newSize == size && side->added == room && side->areSlotsCurrent()) {
+    if (watched && newSize == size && side->added == room && side->areSlotsCurrent()) {
         // The next key takes this place, which assigns its slot: the log would be replayed at once.
         side->slots->giveBack(side->slots->slotOf(place));
         keyOf(entry) = removedKey;
@@ -343,7 +346,7 @@ void xbasedictionary::Add(const xdictkey& key, xdictindexentry* at, const void* 
             if (char* const text = keyOf(EntryOf(place, shape.size)); isLive(text))
                 side->index.add(xdictkey(text, side->seed), text, place);
     if (side->index.isBuilt() && (side->index.reserve() || at == nullptr))
-        at = side->index.seek(key);
+        at = side->index.seek(key, [](const xdictindexentry&) {}).at;
     if (!watched && side->added == room)
         MakeRoom(shape);
     char* const text = side->keys.add(key);
@@ -386,15 +389,17 @@ unsigned xbasedictionary::GapForOne(unsigned newSize, unsigned entrySize)
     return place;
 }
 
-/// Makes room for one more entry behind the others, or leaves it the place of a removed one if there are
-/// many.
+/// Makes room for one more entry behind the others.
 void xbasedictionary::MakeRoom(Shape shape)
 {
     if (count == 0) {
         Restart(shape.size);
     } else if (room >= 32 && count < room / 8) {
         Move(std::bit_ceil(2 * count), shape, false);
-    } else if (room < 32 || count >= room - room / 4) {
+    } else if (room >= 32 && count < room / 2) {
+        // Once for many sets. To keep slots assigned while entries come and go would cost more.
+        Move(room, shape, false);
+    } else {
         const unsigned newRoom = room * (room < 64 ? 4 : 2);
         side->reserveLog(newRoom);
         char* const block = Allocate(size, shape.size, newRoom);
@@ -519,9 +524,14 @@ void xbasedictionary::AssignSlots(unsigned entrySize)
         if (newSize != slots.size() && newSize <= xdictmaxsize && !slots.resize(newSize))
             QEL_ABORT(overflow);
     };
+    constexpr unsigned ahead = 8;
     const auto addUpTo = [&](unsigned end) {
         for (; s.assigned < end; ++s.assigned) {
             resize();
+            // The texts lie anywhere.
+            if (s.assigned + ahead < s.added)
+                __builtin_prefetch(reinterpret_cast<void*>(
+                    reinterpret_cast<std::uintptr_t>(keyOf(EntryOf(s.assigned + ahead, entrySize)))));
             char* const entry = EntryOf(s.assigned, entrySize);
             const xdicthome home = homeOf(entry, isLive(keyOf(entry)));
             slots.put(slots.take(home), s.assigned, home);
@@ -534,6 +544,8 @@ void xbasedictionary::AssignSlots(unsigned entrySize)
         } else {
             slots.giveBack(slots.slotOf(word));
             resize();
+            if (s.replayed + 2 * ahead < s.log.size())
+                slots.expect(s.log[s.replayed + 2 * ahead]);
         }
     }
     addUpTo(s.added);

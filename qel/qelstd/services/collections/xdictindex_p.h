@@ -102,13 +102,14 @@ inline void xdictkey::readShort()
 
 struct xdictindexentry
 {
-    char* key;           ///< a text of xdictkeys; null: the slot is free
+    char* key;           ///< a text of xdictkeys
     std::uint32_t place; ///< position of the entry in the block
     std::uint32_t hash;
 };
 
 /// Finds the entry of a key: open addressing with linear probing and a per-table seed, so that chosen keys
-/// cannot force collisions. Allocates no memory until the first reserve.
+/// cannot force collisions. Each entry has a tag, one byte with seven bits of its hash; eight tags are compared
+/// at once, and most entries of other keys are never read. Allocates no memory until the first reserve.
 class xdictindex
 {
 public:
@@ -120,13 +121,27 @@ public:
     xdictindex& operator=(const xdictindex&) = delete;
 
     bool isBuilt() const { return entries != nullptr; }
-    /// Returns the entry of `key`, or the free one where it would be inserted.
-    Entry* seek(const xdictkey& key) const
+    struct Found
     {
-        std::size_t i = key.hash & mask;
-        while (entries[i].key != nullptr && (entries[i].hash != key.hash || !key.equals(entries[i].key)))
-            i = (i + 1) & mask;
-        return &entries[i];
+        Entry* at; ///< of the key, or the free one where it would be inserted
+        bool isThere;
+    };
+    /// Finds the entry of `key`. Calls expect(entry) before it reads the text of an entry, most likely the one
+    /// sought.
+    template<class Expect>
+    Found seek(const xdictkey& key, Expect expect) const
+    {
+        // Most entries are where their hash says.
+        const std::size_t home = key.hash & mask;
+        const unsigned char tag = tagOf(key.hash);
+        if (tags()[home] == tag && entries[home].hash == key.hash) {
+            expect(entries[home]);
+            if (key.equals(entries[home].key)) [[likely]]
+                return {&entries[home], true};
+        }
+        if (tags()[home] == 0)
+            return {&entries[home], false};
+        return seekFrom((home + 1) & mask, key, tag, expect);
     }
     /// Makes room for one more entry. True when that moved all entries.
     /// @throws std::bad_alloc  nothing is changed
@@ -141,6 +156,7 @@ public:
     void insert(Entry* place, Entry entry)
     {
         *place = entry;
+        setTag(static_cast<std::size_t>(place - entries), tagOf(entry.hash));
         ++count;
     }
     /// Adds a missing key.
@@ -148,7 +164,7 @@ public:
     void add(const xdictkey& key, char* text, std::uint32_t place)
     {
         reserve();
-        insert(seek(key), {text, place, key.hash});
+        insert(seek(key, [](const Entry&) {}).at, {text, place, key.hash});
     }
     void swap(xdictindex& other) noexcept
     {
@@ -164,7 +180,7 @@ public:
     void forEach(Visit visit)
     {
         for (std::size_t i = 0; i < size(); ++i)
-            if (entries[i].key != nullptr)
+            if (tags()[i] != 0)
                 visit(entries[i]);
     }
     /// Changes the place of each entry to places[old place]. Free entries are renumbered too, which avoids an
@@ -177,6 +193,53 @@ public:
     }
 
 private:
+    static constexpr std::uint64_t eachByte = 0x0101010101010101;
+    static constexpr std::uint64_t highBits = 0x8080808080808080;
+
+    /// Of the entries, which they follow: 0 if free. The first eight are repeated at the end.
+    unsigned char* tags() const { return reinterpret_cast<unsigned char*>(entries + mask + 1); }
+    static unsigned char tagOf(std::uint32_t hash) { return static_cast<unsigned char>(hash >> 25 | 0x80); }
+    /// The tags of eight entries, the first in the lowest byte.
+    std::uint64_t tagsFrom(std::size_t i) const
+    {
+        std::uint64_t group;
+        std::memcpy(&group, tags() + i, 8);
+        if constexpr (std::endian::native == std::endian::big)
+            group = __builtin_bswap64(group);
+        return group;
+    }
+    static std::size_t byteOf(std::uint64_t bits)
+    {
+        return static_cast<std::size_t>(std::countr_zero(bits)) / 8;
+    }
+    void setTag(std::size_t i, unsigned char tag)
+    {
+        tags()[i] = tag;
+        if (i < 8)
+            tags()[mask + std::size_t{1} + i] = tag;
+    }
+    template<class Expect>
+    Found seekFrom(std::size_t i, const xdictkey& key, unsigned char tag, Expect expect) const
+    {
+        for (;; i = (i + 8) & mask) {
+            const std::uint64_t group = tagsFrom(i);
+            const std::uint64_t free = ~group & highBits;
+            const std::uint64_t other = group ^ eachByte * tag;
+            // The high bit of each byte that is zero, as far as the first free entry.
+            std::uint64_t same =
+                ~(((other & ~highBits) + ~highBits) | other | ~highBits) & ((free & -free) - 1);
+            for (; same != 0; same &= same - 1) {
+                Entry& entry = entries[(i + byteOf(same)) & mask];
+                if (entry.hash != key.hash)
+                    continue;
+                expect(entry);
+                if (key.equals(entry.key))
+                    return {&entry, true};
+            }
+            if (free != 0)
+                return {&entries[(i + byteOf(free)) & mask], false};
+        }
+    }
     std::size_t size() const { return isBuilt() ? mask + std::size_t{1} : 0; }
     void grow();
 

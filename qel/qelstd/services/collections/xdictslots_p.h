@@ -81,6 +81,12 @@ public:
     /// Returns the place of the entry in the slot, or none.
     unsigned placeIn(unsigned slot) const { return isTaken(slot) ? places[slot] : none; }
     unsigned slotOf(unsigned place) const { return entries[place].slot; }
+    /// slotOf of that place, if there is one, will be asked for soon.
+    void expect(std::uint32_t place) const
+    {
+        if (place < entries.size())
+            __builtin_prefetch(&entries[place]);
+    }
 
     /// Makes room for entries at all places below `n`.
     /// @throws std::bad_alloc  nothing is changed
