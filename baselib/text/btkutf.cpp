@@ -109,6 +109,16 @@ std::size_t btkMBByteCount(const char* text, std::size_t characters)
     return at;
 }
 
+std::size_t btkMBByteCount(const char* text, std::size_t characters, std::size_t length)
+{
+    if (characters >= length)
+        return length;
+    std::size_t at = asciiRun(text, characters);
+    for (characters -= at; characters > 0 && at < length; --characters)
+        at += decode(text + at, length - at).size;
+    return at;
+}
+
 std::size_t btkMBCharCount(const char* text, std::size_t length)
 {
     std::size_t at = asciiRun(text, length);

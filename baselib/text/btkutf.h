@@ -20,6 +20,9 @@ BASE_API std::size_t btkMBCharSize(const char* text);
 /// earlier. Reads nothing behind them.
 BASE_API std::size_t btkMBByteCount(const char* text, std::size_t characters);
 
+/// The same of a text of `length` bytes.
+BASE_API std::size_t btkMBByteCount(const char* text, std::size_t characters, std::size_t length);
+
 /// Returns the number of characters that end within the first `length` bytes of `text`, which has no zero
 /// among them.
 BASE_API std::size_t btkMBCharCount(const char* text, std::size_t length);

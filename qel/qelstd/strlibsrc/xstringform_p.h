@@ -107,6 +107,7 @@ struct xstring::Form
 
     // The members of xstring that have two widths.
     static void createTruncated(xstring& s, const C* whole, int from, int to);
+    static xstring part(const xstring& s, int from, int to);
     static void concatenate(xstring& s, const C* a, const C* b);
     static void assign(xstring& s, const C* from);
     static void append(xstring& s, const C* more, std::size_t size);

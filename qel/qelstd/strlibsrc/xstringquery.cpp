@@ -88,11 +88,28 @@ xstring xstring::ToLower() const
     return mapped([](auto* text) { btkStringToLower(text); });
 }
 
+/// Of a text in this form, which is present.
+template<typename C>
+xstring xstring::Form<C>::part(const xstring& s, int from, int to)
+{
+    const std::size_t whole = length(s);
+    const auto sizeOf = [](const C* characters, int n, std::size_t most) {
+        if constexpr (isWide)
+            return std::min(static_cast<std::size_t>(n), most);
+        else
+            return btkMBByteCount(characters, static_cast<std::size_t>(n), most);
+    };
+    from = std::max(from, 0);
+    const std::size_t start = sizeOf(text(s), from, whole);
+    const std::size_t rest = whole - start;
+    return make(text(s) + start, to < 0 ? rest : sizeOf(text(s) + start, std::max(to - from, 0), rest));
+}
+
 xstring xstring::Substring(int from, int to) const
 {
     if (GetLength() == 0)
         return *this;
-    return askText([=](const auto* text) { return xstring(text, from, to); });
+    return askText([=, this]<typename C>(const C*) { return Form<C>::part(*this, from, to); });
 }
 
 /// The text of an argument for which no text means the empty text.
