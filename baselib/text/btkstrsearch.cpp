@@ -26,7 +26,7 @@ public:
         std::size_t cost = 0;
         for (const C* at = text; static_cast<std::size_t>(end - at) >= size; ++at) {
             if (cost > 4 * static_cast<std::size_t>(at - text) + 1000)
-                return findInTime(at, end);
+                return findByBorders(at, end);
             at = findFirst(at, end - size + 1);
             if (at == nullptr || std::memcmp(at, sub, size * sizeof(C)) == 0)
                 return at;
@@ -45,12 +45,9 @@ private:
         return found == end ? nullptr : found;
     }
 
-    /// Linear, whatever repeats in the texts: the C library's search or, of wide texts, that of Knuth, Morris
-    /// and Pratt.
-    const C* findInTime(const C* text, const C* end) const
+    /// The Knuth-Morris-Pratt search: linear, whatever repeats in the texts.
+    const C* findByBorders(const C* text, const C* end) const
     {
-        if constexpr (sizeof(C) == 1)
-            return static_cast<const C*>(memmem(text, static_cast<std::size_t>(end - text), sub, size));
         if (borders.empty()) {
             borders.resize(size);
             for (std::size_t i = 1; i < size; ++i)
