@@ -25,6 +25,8 @@ namespace {
 constexpr unsigned firstRoom = 2;
 // Up to this number, entries are found by linear search.
 constexpr unsigned mostUnindexed = 8;
+// In blocks of up to this number of entries, a new one takes the place of a removed one.
+constexpr unsigned mostFilledSingly = 1 << 14;
 
 constexpr char overflow[] = "Hash table overflow.";
 constexpr char tooLarge[] = "a dictionary has at most 2^30 slots";
@@ -249,7 +251,8 @@ void xbasedictionary::BaseRemove(const char* key, unsigned entrySize, unsigned v
     --count;
     const unsigned oldSize = size;
     const unsigned newSize = NextSize();
-    if (watched && newSize == size && side->added == room && side->areSlotsCurrent()) {
+    if ((watched || room <= mostFilledSingly) && newSize == size && side->added == room &&
+        side->areSlotsCurrent()) {
         // The next key takes this place, which assigns its slot: the log would be replayed at once.
         side->slots->giveBack(side->slots->slotOf(place));
         keyOf(entry) = removedKey;
@@ -389,17 +392,17 @@ unsigned xbasedictionary::GapForOne(unsigned newSize, unsigned entrySize)
     return place;
 }
 
-/// Makes room for one more entry behind the others.
+/// Makes room for one more entry behind the others, or leaves it the place of a removed one if there are
+/// many. In a large block, where taking and assigning single slots is slow, the gaps are removed at once.
 void xbasedictionary::MakeRoom(Shape shape)
 {
     if (count == 0) {
         Restart(shape.size);
     } else if (room >= 32 && count < room / 8) {
         Move(std::bit_ceil(2 * count), shape, false);
-    } else if (room >= 32 && count < room / 2) {
-        // Once for many sets. To keep slots assigned while entries come and go would cost more.
+    } else if (room > mostFilledSingly && count < room / 2) {
         Move(room, shape, false);
-    } else {
+    } else if (room < 32 || room > mostFilledSingly || count >= room - room / 4) {
         const unsigned newRoom = room * (room < 64 ? 4 : 2);
         side->reserveLog(newRoom);
         char* const block = Allocate(size, shape.size, newRoom);
