@@ -41,6 +41,7 @@ ELSEWHERE = {
     "qel_output": "help man",
     "qel_fs": "progress",
     "qel_mon": "monwatch",
+    "qel_screen": "screen",
     "qel_ns": "nsserve",
     "qel_rsh": "daemon rshd",
 }

@@ -72,11 +72,17 @@ void Show(const Json& result, const std::function<std::string(const Json&)>& asT
 std::string AsText(const Json& result);
 /// A text from outside without control characters for a terminal; tabs and line ends are removed, too.
 std::string Printable(std::string_view text);
-/// The text, padded with blanks to `width` characters.
+/// The columns that a UTF-8 text takes on a terminal: 2 for a wide character, 0 for one that combines.
+std::size_t WidthOf(std::string_view text);
+/// The beginning of the text, at most `width` columns of it.
+std::string CutTo(const std::string& text, std::size_t width);
+/// The text, padded with blanks to `width` columns.
 std::string Padded(const std::string& text, std::size_t width);
 /// The text in bold if HasColours(), else unchanged.
 std::string Bold(const std::string& text);
-/// Whether the standard output is a terminal, and the environment does not request plain output (NO_COLOR).
+/// Whether the standard output is a terminal with a cursor that programs can move.
+bool HasScreen();
+/// Whether it has, and the environment does not say NO_COLOR.
 bool HasColours();
 
 // ---- commands and options

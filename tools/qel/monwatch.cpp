@@ -18,6 +18,7 @@
 
 #include "files.h"
 #include "monitor.h"
+#include "screen.h"
 
 namespace {
 
@@ -202,57 +203,63 @@ void PrintText(const Sample& sample)
     std::cout << (sample.problem.empty() ? "" : sample.problem + '\n') << AsText(rows) << std::flush;
 }
 
-// A table that is updated in place, each number with a line of its history.
-class Screen
+// ---- on the terminal
+
+// What is known of each value, for its row.
+class Rows
 {
 public:
-    explicit Screen(const std::string& watched) : path(watched) {}
-
-    void Show(const Sample& sample)
+    ScreenTable tableOf(const Sample& sample, const std::string& path)
     {
-        std::string screen = "\x1b[H" + Bold(sample.title.empty() ? path : sample.title) + "\x1b[K\n";
-        if (!sample.problem.empty())
-            screen += path + ": " + sample.problem + "\x1b[K\n";
+        ScreenTable table;
+        table.title = sample.title.empty() ? path : sample.title + "  " + path;
+        table.problem = sample.problem;
+        table.headings = {"NAME", "VALUE", "AGE"};
         for (const auto& [name, value] : sample.values.items()) {
-            std::deque<double>& past = history[name];
+            Known& known = all.try_emplace(name, Known{value, sample.time, false, {}}).first->second;
+            if (known.value != value)
+                known = {value, sample.time, true, std::move(known.past)};
             double number = 0;
-            if (NumberIn(value, number) != nullptr) {
-                past.push_back(number);
-                if (past.size() > historyWidth)
-                    past.pop_front();
-            }
-            std::string cell = AsText(value);
-            cell.erase(cell.find_last_not_of('\n') + 1);
-            screen += Padded(Printable(name), nameWidth) + "  " + Padded(cell, valueWidth) + "  " +
-                      LineOf(past) + "\x1b[K\n";
+            const bool isDrawn = NumberIn(value, number) != nullptr;
+            if (isDrawn && sample.isLive)
+                remember(known.past, number);
+            std::string text = AsText(value);
+            text.erase(text.find_last_not_of('\n') + 1);
+            const double age = sample.time - known.since;
+            ScreenRow row;
+            row.cells = {{Printable(name)},
+                         {text, isDrawn ? std::optional(number) : std::nullopt},
+                         // Nobody knows how old it was at the first sample.
+                         {(known.hasChanged ? "" : ">") + spanText(age), -age}};
+            row.past = known.past;
+            row.isMarked = !sample.isLive;
+            table.rows.push_back(std::move(row));
         }
-        std::cout << screen << "\x1b[J" << std::flush;
+        return table;
     }
 
 private:
-    static constexpr std::size_t nameWidth = 28;
-    static constexpr std::size_t valueWidth = 22;
-    static constexpr std::size_t historyWidth = 24;
-
-    static std::string LineOf(const std::deque<double>& past)
+    struct Known
     {
-        static constexpr const char* heights[] = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
-        if (past.empty())
-            return {};
-        const auto [least, most] = std::minmax_element(past.begin(), past.end());
-        std::string line;
-        for (const double value : past) {
-            // Halves: the difference of two numbers may overflow.
-            const double range = *most / 2 - *least / 2;
-            const double part = range > 0 ? (value / 2 - *least / 2) / range : 0.5;
-            line += heights[static_cast<int>(part * 7.5)];
-        }
-        return line;
-    }
-
-    std::string path;
-    std::map<std::string, std::deque<double>> history;
+        Json value;
+        double since;
+        bool hasChanged;
+        std::deque<double> past;
+    };
+    std::map<std::string, Known> all;
 };
+
+void WatchOnScreen(const Choices& choices)
+{
+    Watcher watcher(choices);
+    Rows rows;
+    Screen screen;
+    for (int taken = 1; taken <= choices.count || choices.count == 0; ++taken) {
+        screen.show(rows.tableOf(watcher.Take(), choices.path));
+        if (!screen.wait(choices.interval))
+            return;
+    }
+}
 
 void Watch(const Choices& choices)
 {
@@ -260,10 +267,8 @@ void Watch(const Choices& choices)
         std::cout << "time,name,value\n";
     if (choices.asCsv || choices.asJson) {
         ForEachSample(choices, choices.asCsv ? &PrintCsv : &PrintJson);
-    } else if (HasColours() && !choices.isOnce) {
-        Screen screen(choices.path);
-        std::cout << "\x1b[2J";
-        ForEachSample(choices, [&](const Sample& sample) { screen.Show(sample); });
+    } else if (Screen::isPossible() && !choices.isOnce) {
+        WatchOnScreen(choices);
     } else {
         ForEachSample(choices, &PrintText);
     }
@@ -357,10 +362,12 @@ void AddSampling(CLI::App& command, Choices& choices, const char* countHelp)
 void AddWatchCommands(CLI::App& group)
 {
     const auto watched = std::make_shared<Choices>();
-    CLI::App& watch = AddCommand(group, "watch",
-                                 "Show the values as they change: on a terminal in place, each number with a "
-                                 "line of what it was, else as a table for each sample",
-                                 [watched] { Watch(*watched); });
+    CLI::App& watch =
+        AddCommand(group, "watch",
+                   "Show the values as they change: on a terminal in place, each with its age and a "
+                   "number with a line of what it was, where keys sort, filter, scroll and pause; "
+                   "else as a table for each sample",
+                   [watched] { Watch(*watched); });
     AddSampling(watch, *watched, "Samples to be taken (default: until Ctrl-C)");
     watch.add_option("--old", watched->oldAge, "Age of the last change from which values are marked as old")
         ->type_name("SECONDS")

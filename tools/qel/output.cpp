@@ -1,6 +1,8 @@
 // The output of commands, and their failures.
 #include <algorithm>
+#include <clocale>
 #include <cstdlib>
+#include <cwchar>
 #include <iostream>
 #include <vector>
 
@@ -42,13 +44,6 @@ std::string Cell(const Json& value)
         return all;
     }
     return Printable(value.dump(-1, ' ', false, Json::error_handler_t::replace));
-}
-
-// The width in characters, each of which counts as one column.
-std::size_t WidthOf(const std::string& text)
-{
-    return static_cast<std::size_t>(
-        std::count_if(text.begin(), text.end(), [](unsigned char c) { return (c & 0xC0U) != 0x80U; }));
 }
 
 struct Column
@@ -147,20 +142,69 @@ CommandFailed FailureOf(xthrowable* thrown, Exit status, const std::string& what
 
 // ---- results
 
+namespace {
+
+// A character of a text and the columns it takes. A byte that belongs to none counts as one.
+struct Glyph
+{
+    std::size_t bytes = 1;
+    std::size_t columns = 1;
+};
+
+Glyph glyphAt(std::string_view text)
+{
+    static const bool knowsWidths = std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr;
+    wchar_t character = 0;
+    std::mbstate_t state{};
+    const std::size_t size = std::mbrtowc(&character, text.data(), text.size(), &state);
+    if (!knowsWidths || size == 0 || size > text.size())
+        return {};
+    const int columns = wcwidth(character);
+    return {size, static_cast<std::size_t>(std::max(columns, 0))};
+}
+
+} // namespace
+
+std::size_t WidthOf(std::string_view text)
+{
+    std::size_t width = 0;
+    while (!text.empty()) {
+        const Glyph glyph = glyphAt(text);
+        width += glyph.columns;
+        text.remove_prefix(glyph.bytes);
+    }
+    return width;
+}
+
+std::string CutTo(const std::string& text, std::size_t width)
+{
+    std::size_t end = 0;
+    for (std::size_t used = 0; end < text.size();) {
+        const Glyph glyph = glyphAt(std::string_view(text).substr(end));
+        used += glyph.columns;
+        if (used > width)
+            break;
+        end += glyph.bytes;
+    }
+    return text.substr(0, end);
+}
+
 std::string Padded(const std::string& text, std::size_t width)
 {
     return text + std::string(width - std::min(width, WidthOf(text)), ' ');
 }
 
+bool HasScreen()
+{
+    const char* const terminal = std::getenv("TERM");
+    return btkIsTerminal(1) && terminal != nullptr && *terminal != '\0' &&
+           std::string_view(terminal) != "dumb";
+}
+
 bool HasColours()
 {
-    const auto isSet = [](const char* name) {
-        const char* const value = std::getenv(name);
-        return value != nullptr && *value != '\0';
-    };
-    const char* const terminal = std::getenv("TERM");
-    return btkIsTerminal(1) && !isSet("NO_COLOR") && terminal != nullptr &&
-           std::string_view(terminal) != "dumb";
+    const char* const refusal = std::getenv("NO_COLOR");
+    return HasScreen() && (refusal == nullptr || *refusal == '\0');
 }
 
 std::string Bold(const std::string& text)

@@ -12,6 +12,7 @@ void AddServerCommands(CLI::App& program);
 void AddRemoteShellCommand(CLI::App& program);
 void AddRemoteShellServer(CLI::App& program);
 void AddMonitorCommands(CLI::App& program);
+void AddTopCommand(CLI::App& program);
 void AddConfigCommands(CLI::App& program);
 void AddRegistryCommands(CLI::App& program);
 void AddFileCommands(CLI::App& program);
@@ -30,6 +31,7 @@ constexpr AddCommands groups[] = {
     &AddRemoteShellCommand,  // rsh
     &AddRemoteShellServer,   // rshd
     &AddMonitorCommands,     // mon
+    &AddTopCommand,          // top
     &AddConfigCommands,      // conf
     &AddRegistryCommands,    // reg
     &AddFileCommands,        // fs

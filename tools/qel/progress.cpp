@@ -25,19 +25,13 @@ std::string formatted(const char* format, Values... values)
     return text.data();
 }
 
-std::size_t widthOf(std::string_view text)
-{
-    return static_cast<std::size_t>(
-        std::count_if(text.begin(), text.end(), [](unsigned char c) { return (c & 0xC0U) != 0x80U; }));
-}
-
-/// The end of a text, in at most `width` characters.
+/// The end of a text, in at most `width` columns.
 std::string endOf(std::string text, std::size_t width)
 {
-    if (widthOf(text) <= width)
+    if (WidthOf(text) <= width)
         return text;
     const auto isInside = [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U; };
-    while (!text.empty() && widthOf(text) + 3 > width)
+    while (!text.empty() && WidthOf(text) + 3 > width)
         text.erase(0, static_cast<std::size_t>(std::find_if_not(text.begin() + 1, text.end(), isInside) -
                                                text.begin()));
     return "..." + text;
@@ -113,12 +107,12 @@ std::string ProgressLine::Text(const std::string& what, double done, double tota
     if (total > done && rate > 0)
         line += "  " + durationText((total - done) / rate) + " left";
     line += "  ";
-    return line + endOf(Printable(what), lineWidth - std::min(lineWidth, widthOf(line)));
+    return line + endOf(Printable(what), lineWidth - std::min(lineWidth, WidthOf(line)));
 }
 
 void ProgressLine::write(const std::string& line)
 {
-    const std::size_t shown = widthOf(line);
+    const std::size_t shown = WidthOf(line);
     if (shown == 0 && width == 0)
         return;
     std::cerr << '\r' << line << std::string(width - std::min(width, shown), ' ') << (shown == 0 ? "\r" : "")

@@ -1,0 +1,335 @@
+// qel top: the figures that running servers publish.
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <qel/base/btkfd.h>
+#include <qel/base/btkruntime.h>
+#include <qel/pcinterrupt.h>
+#include <qel/qelown.h>
+
+#include "commands.h"
+#include "files.h"
+#include "monitor.h"
+#include "screen.h"
+
+namespace {
+
+struct Choices
+{
+    std::vector<std::string> folders;
+    std::string filter;
+    std::string sort = "name";
+    double interval = 1;
+    int count = 0; // 0: until the user interrupts
+    bool isOnce = false;
+    bool asJson = false;
+    bool hasZeros = false;
+};
+
+// One publisher at one moment.
+struct Server
+{
+    std::string name;
+    long long process = 0;
+    bool isAlive = false;
+    double time = 0;                     // of the sample, in seconds
+    Json values = Json::object();        // whole numbers as such
+    std::map<std::string, double> rates; // per second, since the sample before
+    double goneFor = 0;                  // seconds since its file was there
+};
+using Servers = std::map<std::string, Server>; // by file
+
+// How long the last figures of a server that has ended are shown.
+constexpr double goneLimit = 10;
+constexpr double largestWhole = 9007199254740992; // 2^53
+
+double secondsNow()
+{
+    const std::chrono::duration<double> now = std::chrono::steady_clock::now().time_since_epoch();
+    return now.count();
+}
+
+// NAME-PROCESS-START.mon; false: another file.
+bool parseName(const std::filesystem::path& path, Server& server)
+{
+    const std::string stem = path.stem().string();
+    const std::size_t last = stem.rfind('-');
+    const std::size_t first =
+        last == std::string::npos || last == 0 ? std::string::npos : stem.rfind('-', last - 1);
+    if (path.extension() != ".mon" || first == std::string::npos || first == 0)
+        return false;
+    const std::string process = stem.substr(first + 1, last - first - 1);
+    if (process.empty() || process.size() > 10 ||
+        process.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    server.name = Printable(stem.substr(0, first));
+    server.process = std::stoll(process);
+    return true;
+}
+
+// Counts are published as reals.
+Json wholeOf(const Json& value)
+{
+    if (!value.is_number_float())
+        return value;
+    const double number = value.get<double>();
+    return std::trunc(number) == number && std::abs(number) < largestWhole
+               ? Json(static_cast<long long>(number))
+               : value;
+}
+
+bool readServer(const std::string& path, Server& server)
+try {
+    const Monitor file(monFile::Open(PathOf(path).c_str()));
+    if (file == nullptr)
+        return false;
+    for (monParam* const parameter : ParametersOf(*file))
+        server.values[parameter->getName().CastToCString()] = wholeOf(ValueOf(*parameter));
+    server.isAlive = btkIsHeld(path.c_str());
+    return true;
+} catch (xthrowable* thrown) { // it has ended meanwhile, or is damaged
+    static_cast<void>(FailureOf(thrown));
+    return false;
+}
+
+// All publishers of the folders. Those without permission are left out: they are another user's.
+Servers sample(const Choices& choices, const Servers& before)
+{
+    Servers servers;
+    const double now = secondsNow();
+    for (const std::string& folder : choices.folders) {
+        std::error_code failed;
+        for (std::filesystem::directory_iterator at(folder, failed), end; !failed && at != end;
+             at.increment(failed)) {
+            Server server;
+            server.time = now;
+            const std::string path = at->path().string();
+            if (!parseName(at->path(), server) || !readServer(path, server))
+                continue;
+            if (const auto last = before.find(path); last != before.end() && last->second.goneFor == 0)
+                for (const auto& [name, value] : server.values.items())
+                    if (value.is_number() && last->second.values.contains(name) && now > last->second.time)
+                        server.rates[name] = (value.get<double>() - last->second.values[name].get<double>()) /
+                                             (now - last->second.time);
+            servers[path] = std::move(server);
+        }
+    }
+    for (const auto& [path, last] : before)
+        if (now - last.time < goneLimit && !servers.contains(path)) {
+            Server& gone = servers[path] = last;
+            gone.goneFor = std::max(now - last.time, 0.001);
+            gone.isAlive = false;
+            gone.rates.clear();
+        }
+    return servers;
+}
+
+const char* stateOf(const Server& server)
+{
+    return server.goneFor > 0 ? "gone" : server.isAlive ? "alive" : "dead";
+}
+
+bool isShown(const Choices& choices, const Server& server, const std::string& name, const Json& value)
+{
+    static constexpr const char* facts[] = {"process", "started"};
+    if (std::find(std::begin(facts), std::end(facts), name) != std::end(facts))
+        return false;
+    const bool isZero = value.is_number() && value.get<double>() == 0;
+    return (choices.hasZeros || !isZero) &&
+           (server.name + ' ' + name).find(choices.filter) != std::string::npos;
+}
+
+// ---- as JSON
+
+Json asJson(const Choices& choices, const Servers& servers)
+{
+    Json list = Json::array();
+    for (const auto& [path, server] : servers) {
+        if (server.name.find(choices.filter) == std::string::npos)
+            continue;
+        Json one = {{"name", server.name}, {"process", server.process}, {"state", stateOf(server)},
+                    {"file", path},        {"values", server.values},   {"rates", Json::object()}};
+        for (const auto& [name, rate] : server.rates)
+            one["rates"][name] = rate;
+        list.push_back(one);
+    }
+    return list;
+}
+
+// ---- as a table
+
+std::string numberText(double number)
+{
+    std::string text(40, '\0');
+    text.resize(static_cast<std::size_t>(
+        std::snprintf(text.data(), text.size(), "%.*f", number < 10 ? 1 : 0, number)));
+    return text;
+}
+
+using History = std::map<std::string, std::deque<double>>; // the rates, by file and name
+
+ScreenTable tableOf(const Choices& choices, const Servers& servers, History* history)
+{
+    ScreenTable table;
+    table.headings = {"SERVER", "PROCESS", "STATE", "FIGURE", "VALUE", "PER SECOND"};
+    std::size_t alive = 0;
+    for (const auto& [path, server] : servers) {
+        alive += server.isAlive;
+        for (const auto& [name, value] : server.values.items()) {
+            const auto rate = server.rates.find(name);
+            const bool hasRate = rate != server.rates.end();
+            std::deque<double>* const past = history != nullptr ? &(*history)[path + '\n' + name] : nullptr;
+            if (past != nullptr && hasRate)
+                remember(*past, rate->second);
+            if (!isShown(choices, server, name, value))
+                continue;
+            std::string text = AsText(value);
+            text.erase(text.find_last_not_of('\n') + 1);
+            const bool isNumber = value.is_number();
+            ScreenRow row;
+            row.cells = {{server.name},
+                         {std::to_string(server.process), static_cast<double>(server.process)},
+                         {stateOf(server)},
+                         {Printable(name)},
+                         {text, isNumber ? std::optional(value.get<double>()) : std::nullopt},
+                         hasRate && rate->second != 0 ? ScreenCell{numberText(rate->second), rate->second}
+                                                      : ScreenCell{}};
+            if (past != nullptr &&
+                std::any_of(past->begin(), past->end(), [](double one) { return one != 0; }))
+                row.past = *past;
+            row.isMarked = !server.isAlive;
+            table.rows.push_back(std::move(row));
+        }
+    }
+    table.title = "servers: " + std::to_string(alive);
+    if (alive < servers.size())
+        table.title += ", ended: " + std::to_string(servers.size() - alive);
+    return table;
+}
+
+void sortTable(ScreenTable& table, const std::string& key)
+{
+    const std::size_t column = key == "value" ? 4 : key == "rate" ? 5 : 0;
+    if (column > 0)
+        std::stable_sort(table.rows.begin(), table.rows.end(),
+                         [&](const ScreenRow& one, const ScreenRow& other) {
+                             return one.cells[column].number.value_or(-HUGE_VAL) >
+                                    other.cells[column].number.value_or(-HUGE_VAL);
+                         });
+}
+
+Json rowsOf(const ScreenTable& table)
+{
+    static constexpr const char* names[] = {"server", "process", "state", "figure", "value", "per second"};
+    Json rows = Json::array();
+    for (const ScreenRow& row : table.rows) {
+        Json one;
+        for (std::size_t i = 0; i < row.cells.size(); ++i)
+            one[names[i]] = row.cells[i].text;
+        rows.push_back(one);
+    }
+    return rows;
+}
+
+// ---- the command
+
+void print(const Choices& choices, const Servers& servers)
+{
+    if (choices.asJson) {
+        const Json list = asJson(choices, servers);
+        std::cout << (choices.isOnce ? list.dump(2, ' ', false, Json::error_handler_t::replace)
+                                     : list.dump(-1, ' ', false, Json::error_handler_t::replace))
+                  << std::endl;
+        return;
+    }
+    ScreenTable table = tableOf(choices, servers, nullptr);
+    sortTable(table, choices.sort);
+    std::cout << AsText(rowsOf(table)) << std::flush;
+}
+
+void showAll(const Choices& choices)
+{
+    Screen screen;
+    History history;
+    Servers servers;
+    do {
+        servers = sample(choices, servers);
+        ScreenTable table = tableOf(choices, servers, &history);
+        std::erase_if(history, [&](const auto& one) {
+            return !servers.contains(one.first.substr(0, one.first.find('\n')));
+        });
+        sortTable(table, choices.sort);
+        screen.show(std::move(table));
+    } while (screen.wait(choices.interval));
+}
+
+void top(Choices& choices)
+{
+    if (choices.folders.empty()) {
+        choices.folders = {"/run/qel-ns", "/run/qel-rshd"};
+        if (const std::string own = btkRuntimeFolder();
+            !own.empty() &&
+            std::find(choices.folders.begin(), choices.folders.end(), own) == choices.folders.end())
+            choices.folders.push_back(own);
+    }
+    const bool isTable = !choices.asJson && !choices.isOnce && choices.count == 0;
+    if (isTable && Screen::isPossible())
+        return showAll(choices);
+    const qel::owned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
+    Servers servers;
+    for (int taken = 1;; ++taken) {
+        servers = sample(choices, servers);
+        print(choices, servers);
+        if (choices.isOnce || taken == choices.count)
+            return;
+        if (interrupt != nullptr && interrupt->Wait(choices.interval) != 0)
+            return;
+    }
+}
+
+} // namespace
+
+void AddTopCommand(CLI::App& program)
+{
+    const auto choices = std::make_shared<Choices>();
+    CLI::App& command = AddCommand(
+        program, "top",
+        "Show the figures of running servers as they change: on a terminal in place, where keys sort, filter, "
+        "scroll and pause, else as a table for each sample. The servers are those that publish statistics in "
+        "the run-time directory: name servers, remote shell servers, and others by QELSTD_STATS=1",
+        [choices] { top(*choices); });
+    command.footer("qel top\tThe servers of this user, until q or Ctrl-C.\n"
+                   "qel top --once --json\tTheir figures at present, for a program.\n"
+                   "qel top --sort rate --filter requests\tWhat has most to do.\n");
+    command
+        .add_option("--filter", choices->filter,
+                    "Show figures only that have this in the server's name or theirs")
+        ->type_name("WORD");
+    command.add_option("--sort", choices->sort, "Order: name, value or rate")
+        ->type_name("KEY")
+        ->check(CLI::IsMember({"name", "value", "rate"}).description(""))
+        ->capture_default_str();
+    command.add_flag("--zeros", choices->hasZeros, "Show figures that are 0, too");
+    command
+        .add_option("--directory", choices->folders,
+                    "Where the files of the servers are (default: the run-time directory, /run/qel-ns and "
+                    "/run/qel-rshd)")
+        ->type_name("DIRECTORY");
+    command.add_option("--interval", choices->interval, "Time between samples")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.01, 86400.0).description(""))
+        ->capture_default_str();
+    command.add_option("--count", choices->count, "Samples to be printed (default: until Ctrl-C)")
+        ->type_name("COUNT")
+        ->check(CLI::Range(1, 1000000).description(""));
+    command.add_flag("--once", choices->isOnce, "Print one sample");
+    command.add_flag("--json", choices->asJson,
+                     "Print JSON: with --once a list, else a line for each sample");
+}
