@@ -10,6 +10,7 @@ __attribute__((visibility("default"))) unsigned int GetLastError();
 /// Sets the calling thread's last error.
 __attribute__((visibility("default"))) void SetLastError(unsigned int error);
 
+/// The two flags of FormatMessageA. Neither changes its result.
 inline constexpr unsigned int FORMAT_MESSAGE_IGNORE_INSERTS = 0x200;
 inline constexpr unsigned int FORMAT_MESSAGE_FROM_SYSTEM = 0x1000;
 

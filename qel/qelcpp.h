@@ -36,9 +36,12 @@ struct uninit_t
 /// Argument of qel::visit's function for a value of an enumeration: its label's position, and its type.
 struct enumeration
 {
+    /// The position of the label.
     int value;
+    /// The descriptor of the enumeration.
     xrttienum* type;
 
+    /// Returns the label; the null string for a value without one.
     xstring label() const { return type->mapIntToString(value); }
 };
 
@@ -199,8 +202,10 @@ inline xrchandle<xstringsequence> split(const xstring& text, const char* delimit
 template<class... V>
 struct sequence_for
 {
+    /// Whether T is a kind of whole number.
     template<class T>
     static constexpr bool isInt = std::is_integral_v<T> && !std::same_as<T, bool>;
+    /// Returns the sequence's type.
     static auto choose()
     {
         if constexpr (sizeof...(V) == 0)
@@ -216,6 +221,7 @@ struct sequence_for
         else
             return std::type_identity<xanysequence>();
     }
+    /// The sequence.
     using type = typename decltype(choose())::type;
 };
 

@@ -12,6 +12,7 @@
 class BASE_API xfilebuf : public xinputbuf
 {
 public:
+    /// How a file is opened.
     enum Mode {
         Read = btkOpenRead,      // an existing file
         Write = btkOpenWrite,    // a new file; an existing one is emptied

@@ -81,6 +81,7 @@ public:
 protected:
     xstreambuf() = default;
 
+    /// Each of these sets what the query of its name returns.
     void SetEofReached(bool reached = true) { eofReached = reached; }
     void SetFailed(bool hasFailed) { failed = hasFailed; }
     void SetTryExhausted() { tryExhausted = true; }
@@ -92,10 +93,14 @@ protected:
     virtual btkPlace GetSourcePlace() { return {}; }
     virtual btkPlace GetTargetPlace() { return {}; }
 
+    /// Returns the view that reads without waiting, and ends its use; null: there is none.
     virtual std::streambuf* OnGetTryIBuf() { return nullptr; }
     virtual void OnFreeTryIBuf() {}
+    /// The same for writing.
     virtual std::streambuf* OnGetTryOBuf() { return nullptr; }
     virtual void OnFreeTryOBuf() {}
+    /// Returns a new event that is on while there is input, or room for output; null: there is none. The
+    /// caller owns it.
     virtual btkBaseEvent* OnGetInputEvent() { return nullptr; }
     virtual btkBaseEvent* OnGetOutputEvent() { return nullptr; }
 

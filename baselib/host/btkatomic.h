@@ -10,8 +10,10 @@ public:
     btkAtomic(const btkAtomic&) = delete;
     btkAtomic& operator=(const btkAtomic&) = delete;
 
+    /// Reads without an order; GetAcquire also orders what is read after it.
     T Get() const { return __atomic_load_n(&value, __ATOMIC_RELAXED); }
     T GetAcquire() const { return __atomic_load_n(&value, __ATOMIC_ACQUIRE); }
+    /// Writes without an order.
     void Set(T to) { __atomic_store_n(&value, to, __ATOMIC_RELAXED); }
     /// Each of these returns the previous value.
     T Add(T n) { return __atomic_fetch_add(&value, n, __ATOMIC_RELAXED); }

@@ -18,6 +18,7 @@ enum btkReadiness : short {
     btkInvalid = 32,         // the descriptor is not open: found, not awaited
     btkOutputClosed = 0x2000 // the peer has closed its output
 };
+/// Both kinds of readiness.
 constexpr btkReadiness operator|(btkReadiness a, btkReadiness b)
 {
     return static_cast<btkReadiness>(static_cast<int>(a) | static_cast<int>(b));
@@ -57,9 +58,11 @@ protected:
     struct Watch
     {
         btkHandle handle; // -1: none
+        /// What the event waits for.
         btkReadiness awaited;
         bool asks; // OnAsk and OnPolled are called
     };
+    /// The descriptor and readiness to poll for.
     Watch& GetWatch() { return *watch; }
 
     /// Returns the readiness of the select types: 0 readable, 1 writable, 2 urgent data present, 3 the peer
@@ -107,9 +110,11 @@ public:
     struct Place
     {
         btkHandle handle; // -1: nothing to poll
+        /// What the event waits for, and what was found.
         btkReadiness awaited;
         btkReadiness ready;
 
+        /// Whether Mark was called; IsFound: or the descriptor was found ready.
         bool IsMarked() const { return (awaited & onMark) != 0; }
         bool IsFound() const { return ((awaited & onMark) | ready) != 0; }
     };
@@ -155,6 +160,7 @@ private:
 class BASE_API btkEvent
 {
 public:
+    /// Events to wait for; null entries are skipped.
     using List = std::vector<btkEvent*>;
 
     /// Takes ownership of `owned`. Null: an event that is never on.

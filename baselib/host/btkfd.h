@@ -21,7 +21,9 @@ public:
     }
     ~btkFd() { Reset(); }
 
+    /// The descriptor, which stays owned; -1 for none.
     btkHandle Get() const { return handle; }
+    /// Whether it owns a descriptor.
     explicit operator bool() const { return handle >= 0; }
     /// Releases the descriptor to the caller.
     btkHandle Release()
@@ -94,7 +96,9 @@ BASE_API bool btkIsSameFile(btkHandle a, btkHandle b);
 /// A descriptor and the position of its next byte: `*position`, or, if that is null, the descriptor's own.
 struct btkPlace
 {
+    /// The descriptor; -1 for none.
     btkHandle handle = -1;
+    /// The offset in the file, which is advanced; null: the descriptor's own.
     long long* position = nullptr;
 };
 /// Transfers bytes inside the kernel, as many as one call allows, without copying them through the process:

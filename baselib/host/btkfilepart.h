@@ -10,11 +10,15 @@ BASE_API bool btkSetFileSize(btkHandle handle, long long size);
 /// Identity and state of a file, to detect changes by others.
 struct btkFileState
 {
-    unsigned long long device = 0, node = 0;
+    /// Together they identify the file.
+    unsigned long long device = 0;
+    unsigned long long node = 0;
+    /// Bytes.
     long long size = 0;
     bool hasName = false; // in any folder
     bool isPlain = false; // not a folder, pipe or device
 
+    /// Whether both states are of one file.
     bool IsSameFile(const btkFileState& other) const { return device == other.device && node == other.node; }
 };
 
@@ -39,6 +43,7 @@ public:
     btkPartWriter(const btkPartWriter&) = delete;
     btkPartWriter& operator=(const btkPartWriter&) = delete;
 
+    /// When watchers of the file are notified of a part.
     enum Notice {
         // Watchers are notified of every part, and the file's modification time is that of the last one.
         AtOnce,
@@ -89,7 +94,9 @@ private:
 class BASE_API btkRangeLock
 {
 public:
+    /// How a range is locked.
     enum Kind { Shared, Exclusive };
+    /// The result of an attempt: the lock is held, another holder conflicts, or the file system has no locks.
     enum Answer { Held, Busy, Unsupported };
 
     /// `size` bytes from `start`; 0: all that follow. Holds nothing yet. The descriptor must stay open

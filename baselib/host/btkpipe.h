@@ -16,6 +16,7 @@ public:
     using btkFd::btkFd;
 };
 
+/// A pipe without a name.
 struct BASE_API btkAnonymousPipe
 {
     /// Creates a pipe and stores its two ends, closed on exec, in `output` and `input`. False, and both

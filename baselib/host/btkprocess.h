@@ -6,6 +6,7 @@
 /// each process is used by one thread at a time. The reason of a failure is left for Error_GetLast.
 struct btkProcess;
 
+/// Bits of the last argument of Process_Launch.
 enum btkLaunchFlags : unsigned {
     /// The program leads its own process group, which interrupts and kills reach as a whole.
     btkLaunchGroup = 1,

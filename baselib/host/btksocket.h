@@ -16,6 +16,7 @@ public:
     btkSocket(btkSocket&&) = default;
     btkSocket& operator=(btkSocket&&) = default;
 
+    /// Whether there is a socket: it has not been closed or moved away.
     bool IsOpen() const { return static_cast<bool>(fd); }
     /// The descriptor, which stays the socket's; -1 when it is not open.
     btkHandle GetHandle() const { return fd.Get(); }
@@ -36,6 +37,7 @@ protected:
     btkSocket() = default;
     ~btkSocket() = default;
 
+    /// Owns the socket.
     btkFd fd;
 };
 
@@ -196,6 +198,8 @@ public:
     /// Stores the next connection in `connection`. False when none is pending (EAGAIN) or accepting failed.
     bool Accept(btkStreamSocket* connection);
 
+    /// Why Accept returned no connection: one that has ended already, a lack of descriptors or memory that
+    /// may pass, or a socket that cannot be used any more.
     enum class Failure { passing, noResources, unusable };
     /// Classifies `error`, the errno of a failed Accept: none is pending or that one has left; no descriptor or memory
     /// is left; no connection can come here any more.

@@ -29,6 +29,7 @@ public:
     /// Returns the present calendar time, since 1970-01-01 00:00 UTC.
     static btkTimeval GetTimeOfDay();
 
+    /// Whether it is at least Forever().
     constexpr bool IsForever() const { return count >= Forever().count; }
     /// Whole seconds, and the microseconds beyond them (0..999999).
     constexpr long long GetSeconds() const { return count / perSecond; }

@@ -26,7 +26,9 @@ BASE_API void nmsSetAnswerBounds(std::size_t records, std::size_t bytes);
 /// The result of a request: nmscDone, or the failure and the side that found it.
 struct nmsOutcome
 {
+    /// An nmscReturnCode.
     int code = nmscDone;
+    /// Whether the server returned it; otherwise the client found the failure itself.
     bool fromServer = false;
 };
 
@@ -118,6 +120,8 @@ BASE_API void nmsRecArrDelete(capi_nmsRecordArray** array);
 
 // ---- requests: null on success, else an error, which the caller frees
 
+/// Each of these sends one request. Returns null when it was done, else a failure, which the caller frees
+/// with nmsErrDelete.
 BASE_API capi_nmsError* nmsServPing(capi_nmsServerProxy* proxy);
 BASE_API capi_nmsError* nmsServRegister(capi_nmsServerProxy* proxy, const capi_nmsRecord* record);
 /// `array`, which may be null, gets a new array of the matching records; the caller frees it. Null when the
@@ -138,6 +142,7 @@ BASE_API void nmsErrDelete(capi_nmsError** error);
 
 // ---- owners of the objects
 
+/// The deleter of the owners below.
 template<auto Free>
 struct nmsFree
 {
@@ -147,6 +152,7 @@ struct nmsFree
         Free(&held);
     }
 };
+/// Owners, which free their object.
 using nmsOwnedProxy = std::unique_ptr<capi_nmsServerProxy, nmsFree<&nmsServDelete>>;
 using nmsOwnedRecord = std::unique_ptr<capi_nmsRecord, nmsFree<&nmsRecDelete>>;
 using nmsOwnedRecords = std::unique_ptr<capi_nmsRecordArray, nmsFree<&nmsRecArrDelete>>;

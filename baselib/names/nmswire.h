@@ -20,6 +20,7 @@ inline constexpr int nmsFrameNumber = 100;
 inline constexpr std::size_t nmsIntSize = 4;
 inline constexpr std::size_t nmsFrameSize = nmsIntSize + 1;
 
+/// The first byte of a request.
 enum class nmsRequestCode : unsigned char {
     ping = 1,
     enter = 3, // register a record
@@ -49,6 +50,7 @@ BASE_API std::string nmsStatusText(int code, bool fromServer, const char* host, 
 struct BASE_API nmsFields
 {
     std::uint32_t owner = 0; // process id; 0: none
+    /// Names and values, in the order of the record.
     std::vector<std::pair<std::string, std::string>> fields;
 
     /// Returns the value of a field, or null.
@@ -60,6 +62,7 @@ struct BASE_API nmsFields
 /// Limits of a record: number of fields, and bytes of a name and of a value with the terminating zero.
 struct nmsLimits
 {
+    /// The greatest number, and sizes in bytes.
     unsigned fields = 256;
     unsigned nameSize = 256;
     unsigned valueSize = 256;
@@ -67,6 +70,7 @@ struct nmsLimits
 
 // ---- writing: each function appends to `to`
 
+/// Four bytes, the most significant first.
 BASE_API void nmsPutInt(std::string& to, int value);
 /// One text of a field: `size` is its size in bytes with the terminating zero, `length` its length in
 /// characters, which is the number of its bytes sent. False, with nothing written, when `size` is greater
@@ -75,6 +79,7 @@ BASE_API bool nmsPutText(std::string& to, const char* text, unsigned size, unsig
 /// False when a limit is exceeded: with nothing written if it is the number of fields, else with the fields
 /// before the one that is too long written.
 BASE_API bool nmsPutRecord(std::string& to, const nmsFields& record, const nmsLimits& limits = {});
+/// What each request begins with: the number of the protocol and the code.
 BASE_API void nmsPutFrame(std::string& to, nmsRequestCode code);
 
 // ---- reading
@@ -93,6 +98,7 @@ BASE_API int nmsGetInt(const char* from);
 class BASE_API nmsRecordReader
 {
 public:
+    /// The greatest result of GetWanted.
     static constexpr std::size_t maxPiece = 256;
 
     explicit nmsRecordReader(const nmsLimits& most = {});
@@ -101,6 +107,7 @@ public:
     std::size_t GetWanted() const { return wanted; }
     /// Takes that many bytes. False when they are not part of a record within the limits.
     bool Take(const char* piece);
+    /// Whether the record is complete.
     bool IsWhole() const { return part == whole; }
 
     /// The result so far: the owner and the fields.

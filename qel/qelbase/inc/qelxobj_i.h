@@ -29,26 +29,26 @@ typedef char qelRequires64Bits[sizeof(void*) == 8 ? 1 : -1];
 
 /* ---- markers: null and uninit of int (and enumeration values), bool, real, string, object */
 
-#define xnullint (-2147483647 - 1)
-#define xuninitint (-2147483647)
-#define xnullbool ((unsigned char)128)
-#define xuninitbool ((unsigned char)129)
-#define xnullreal 0x1.7a2ecc414a04p+418      /* bits 0x5A17A2ECC414A040 */
-#define xuninitreal 0x1.545d516df5d06p+418   /* bits 0x5A1545D516DF5D06, 9e125 */
-#define xnullstr ((const char*)(uintptr_t)1) /* so is the null pointer */
-#define xuninitstr ((const char*)(uintptr_t)2)
-#define xuninitobj ((xobject*)(uintptr_t)22) /* null is the null pointer */
+#define xnullint (-2147483647 - 1)             /* no value */
+#define xuninitint (-2147483647)               /* never set */
+#define xnullbool ((unsigned char)128)         /* no value */
+#define xuninitbool ((unsigned char)129)       /* never set */
+#define xnullreal 0x1.7a2ecc414a04p+418        /* bits 0x5A17A2ECC414A040 */
+#define xuninitreal 0x1.545d516df5d06p+418     /* bits 0x5A1545D516DF5D06, 9e125 */
+#define xnullstr ((const char*)(uintptr_t)1)   /* so is the null pointer */
+#define xuninitstr ((const char*)(uintptr_t)2) /* never set */
+#define xuninitobj ((xobject*)(uintptr_t)22)   /* null is the null pointer */
 
-/* ---- a string: holds one reference to its buffer, or is null (no buffer, both texts the marker 1) */
-
+/* A string: holds one reference to its buffer, or is null (no buffer, both texts the marker 1). */
 typedef struct __xstring_c
 {
+    /* The text's owner, which counts references. */
     btkStrBuf* buffer;
     char* mb;             /* UTF-8 text in the buffer; null: not produced yet */
     unsigned short* wide; /* UTF-16 text in the buffer; null: not produced yet */
 } __xstring_c;
 
-/* ---- a variant: 32 bytes, the payload at byte 8 */
+/* ---- kinds of variants */
 
 enum {
     xanyUninit = 0,
@@ -61,6 +61,7 @@ enum {
     xanyObject = 7
 };
 
+/* A variant: 32 bytes, the payload at byte 8. */
 typedef struct __xany_c
 {
     int32_t tag; /* one of the constants above */
@@ -76,7 +77,7 @@ typedef struct __xany_c
             xrtti* type;
         } enumValue;
         xobject* objectValue; /* one counted reference */
-    } u;
+    } u;                      /* the payload of that kind */
 } __xany_c;
 
 #endif

@@ -45,6 +45,7 @@ public:
 class QEL_API hmxConfigFile
 {
 public:
+    /// Whether the file is opened for changes: then other writers are locked out.
     enum OpenMode { ReadOnly, ReadWrite };
 
     hmxConfigFile();

@@ -43,6 +43,7 @@ public:
     xrchandle<xstringsequence> ListSubkeys() const;
     xrchandle<xstringsequence> ListValues() const;
 
+    /// Whether a path of a key, or a name of a value, has no forbidden character.
     bool IsKeyValid(const char* path) const;
     bool IsNameValid(const char* name) const;
 
@@ -61,6 +62,7 @@ private:
 class QEL_API hmxRegistry
 {
 public:
+    /// Which of the two: the calling user's, or that of the whole machine.
     enum Type : int { typeUser = 0, typeSystem = 1 };
 
     /// Another type leaves `root` closed. `invalidCharacters` is kept as a pointer.
@@ -80,6 +82,7 @@ public:
     /// registry's location is unknown.
     xstring getFolder() const;
 
+    /// The key of the root; closed when it could not be opened.
     hmxRegistryKey root;
 
 private:

@@ -18,12 +18,14 @@ class timespan
 {
 public:
     constexpr timespan(double seconds) : value(seconds) {}
+    /// The same with a `std::chrono::duration`.
     template<class Duration>
     requires requires { Duration::period::num; }
     constexpr timespan(Duration d)
         : value(static_cast<double>(d.count()) * Duration::period::num / Duration::period::den)
     {
     }
+    /// Returns the seconds.
     constexpr double seconds() const { return value; }
 
 private:

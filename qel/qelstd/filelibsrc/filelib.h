@@ -23,12 +23,15 @@
 
 class tmTime;
 
+/// Whether an operation takes a directory with its content, or refuses one that is not empty.
 enum fsOpMode { fsRecursive, fsSimple };
+/// How a soft link is copied.
 enum fsSoftLinkCopyMode {
     fsNewLink, // a link is copied as a link with the same text
     fsExpand,  // the target of a link is copied
     fsIgnore   // links are left out
 };
+/// How a directory is copied onto an existing one.
 enum fsRecursiveCopyMode {
     fsForceNew, // the destination must not exist
     fsMerge,    // directories are merged, files replaced
@@ -175,6 +178,7 @@ QEL_API xrchandle<xstringsequence> fsExpandPattern(const char* pattern, fsFailur
 /// modulo 256 in the second byte, XORed with the sign-extended XOR of all bytes.
 QEL_API int fsCalculateCheckSum(const char* path);
 
+/// Returns the status of a node.
 QEL_API xrchandle<fsNodeInfo> fsGetNodeInfo(const char* path);
 
 // Status queries for one node. A node that cannot be found or queried counts as absent; a device error throws

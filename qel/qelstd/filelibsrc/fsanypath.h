@@ -45,6 +45,7 @@ private:
     const char* native = nullptr;
 };
 
+/// Declares the form of `function` whose first argument is a path of any type.
 #define QEL_ANY_PATH(function)                                                                        \
     template<fsPathObject P, class... More>                                                           \
     decltype(auto) function(const P& path, More&&... more)                                            \
@@ -52,6 +53,7 @@ private:
         return function(static_cast<const char*>(fsPathArgument(path)), std::forward<More>(more)...); \
     }                                                                                                 \
     static_assert(true)
+/// The same for functions of two paths.
 #define QEL_ANY_TWO_PATHS(function)                                                                  \
     template<fsAnyPath P, fsAnyPath Q, class... More>                                                \
     requires(fsPathObject<P> || fsPathObject<Q>) decltype(auto) function(const P& from, const Q& to, \

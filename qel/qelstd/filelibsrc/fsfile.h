@@ -2,12 +2,15 @@
 
 #include <qel/qelexport.h>
 
+/// The result of reading a file or directory.
 enum fsIOStatus {
     fsIOOk,    // done
     fsIOEnd,   // the end of the file, or no more entries
     fsIOFailed // GetLastError() gives the reason
 };
+/// How a file is opened.
 enum fsFileMode { fsReadOnly, fsWriteOnly };
+/// Where an offset counts from.
 enum fsFilePosition { fsFromStart, fsFromCurrent, fsFromEnd };
 
 /// An open file, read and written without a buffer. Nothing is thrown: a failed call returns false or

@@ -4,6 +4,7 @@
 
 class tmTime;
 
+/// What a node is.
 enum fsNodeType : int { fsFile, fsDirectory, fsSoftLink };
 QEL_ENUM(fsNodeType);
 

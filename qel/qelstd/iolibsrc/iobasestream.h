@@ -14,6 +14,7 @@ class ioEvent;
 class ioStream;
 class xstreambuf;
 
+/// What a failure of a stream is about.
 enum ioError : int {
     ioStreamState,
     ioInputNotAllowed,
@@ -24,6 +25,7 @@ enum ioError : int {
 };
 QEL_ENUM(ioError); // "iolib::Error"
 
+/// Whether an event waits for input, or for room for output.
 enum ioEventType : int { ioInputPending, ioOutputPending };
 QEL_ENUM(ioEventType); // "iolib::EventType"
 

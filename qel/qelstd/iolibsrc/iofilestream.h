@@ -5,6 +5,7 @@
 
 class xfilebuf;
 
+/// How a file is opened.
 enum ioOpenMode : int { ioReadOnly, ioWriteOnly, ioReadWrite };
 QEL_ENUM(ioOpenMode); // "iolib::OpenMode"
 

@@ -5,6 +5,7 @@
 
 class netAddress;
 
+/// What a failure of the network is about.
 enum netError : int { netNameServiceProblem, netInvalidAddress, netServerNotFound, netConnectionRefused };
 QEL_ENUM(netError); // "netlib::Error"
 

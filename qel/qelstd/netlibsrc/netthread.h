@@ -52,6 +52,7 @@ protected:
     /// Frees the thread handle unless the exit code was collected.
     virtual void OnClose();
 
+    /// Whether the exit code is known.
     bool IsCollected() const { return collected; }
     /// The handle that becomes readable when the thread exits; valid until the exit code is collected or the
     /// thread closed.

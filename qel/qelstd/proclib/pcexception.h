@@ -23,9 +23,9 @@ QEL_ENUM(pcCreateError); // "proclib::CreateError"
 namespace pcCreateCode {
 inline constexpr pcCreateError system =
     static_cast<pcCreateError>(3); ///< refused by the system; getSystemError() has the reason
-inline constexpr pcCreateError badIn = static_cast<pcCreateError>(11); ///< the stream cannot be passed on
-inline constexpr pcCreateError badOut = static_cast<pcCreateError>(12);
-inline constexpr pcCreateError badErr = static_cast<pcCreateError>(13);
+inline constexpr pcCreateError badIn = static_cast<pcCreateError>(11);  ///< the stream cannot be passed on
+inline constexpr pcCreateError badOut = static_cast<pcCreateError>(12); ///< the same
+inline constexpr pcCreateError badErr = static_cast<pcCreateError>(13); ///< the same
 } // namespace pcCreateCode
 
 /// The base of the failures with processes. Thrown as an `xthrowable*`; not counted: the catcher frees it

@@ -2,6 +2,7 @@
 
 #include <qel/pcexception.h>
 
+/// What a failure of the remote shell is about.
 enum rshError : int { rshNoDaemon, rshNoNameService, rshNoPermission, rshProtocolMismatch, rshDaemonError };
 QEL_ENUM(rshError); // "rshlib::Error"
 

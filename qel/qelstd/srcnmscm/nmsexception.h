@@ -45,6 +45,7 @@ public:
     [[noreturn]] static void Throw(const char* description, qelXFunc* func, const char* serverName);
 };
 
+/// A record could not be registered; it holds a reference to it.
 class QEL_API nmsXCantRegisterRecord : public virtual nmsXException
 {
     QEL_OBJECT(nmsXCantRegisterRecord); // "nmsclib::XCantRegisterRecord"
@@ -55,6 +56,7 @@ public:
     [[noreturn]] static void Throw(const char* description, qelXFunc* func, nmsRecord* record);
 };
 
+/// Records could not be removed; Template is the record that was to match them.
 class QEL_API nmsXCantDelete : public virtual nmsXException
 {
     QEL_OBJECT(nmsXCantDelete); // "nmsclib::XCantDelete"
@@ -65,6 +67,7 @@ public:
     [[noreturn]] static void Throw(const char* description, qelXFunc* func, nmsRecord* pattern);
 };
 
+/// Records could not be queried; Template is the record that was to match them.
 class QEL_API nmsXCantQuery : public virtual nmsXException
 {
     QEL_OBJECT(nmsXCantQuery); // "nmsclib::XCantQuery"
@@ -75,5 +78,7 @@ public:
     [[noreturn]] static void Throw(const char* description, qelXFunc* func, nmsRecord* pattern);
 };
 
+/// The name server could not be stopped.
 QEL_FAILURE(nmsXCantShutdown, nmsXException);
+/// The name server did not report its version.
 QEL_FAILURE(nmsXCantGetVersion, nmsXException);

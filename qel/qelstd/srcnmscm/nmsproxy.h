@@ -63,6 +63,7 @@ public:
     virtual nmsRecordArray* Query(nmsRecord* pattern);
     /// @throws nmsXCantGetVersion
     virtual xstring GetVersion();
+    /// Whether the name server replies.
     virtual unsigned char IsAlive();
     /// Stops the name server. For the local one only.
     /// @throws nmsXCantShutdown

@@ -36,6 +36,7 @@ private:
     xstring Var;
 };
 
+/// The failures of the library by number.
 enum sysErrorCode { sysCantGetHostName = 0, sysCantGetUserName = 1, sysCantPutEnv = 2, sysInternalError = 3 };
 
 /// The text of a failure; "No description" for an unknown number.

@@ -20,12 +20,16 @@ concept tmSystemTime = requires(const P& p)
 /// A point in time by the calendar, in UTC.
 struct tmCalendar
 {
+    /// The whole number, such as 2026.
     int year;
     int month;      ///< 1 to 12
     int dayOfMonth; ///< 1 to 31
     int dayOfWeek;  ///< 0 (Sunday) to 6
+    /// 0 to 23
     int hour;
+    /// 0 to 59
     int minute;
+    /// 0 to 59
     int second;
 };
 
@@ -47,6 +51,7 @@ public:
 
     // ---- a new object, which the caller owns
 
+    /// The present time.
     static tmTime* CurrentTime();
     /// The local time of a calendar date. A year below 70 counts from 2000, one from 70 to 99 from 1900.
     /// Fields beyond their range are carried over (month 13 is the next January). `dst`: whether daylight

@@ -62,6 +62,7 @@ typedef struct xstringdictionary xstringdictionary;
 /* ---- objects. `p` is null, xuninitobj or a live object. For null and xuninitobj, a function does nothing and
  * returns null (the null string) unless documented otherwise */
 
+/* Takes, and releases, one reference. Null and xuninitobj are ignored. */
 QEL_API void xrcattach_c(xobject* p);
 QEL_API void xrcrelease_c(xobject* p);
 /* Whether the object's class is reference countable. Null, xuninitobj: 0. */
@@ -121,7 +122,7 @@ QEL_API void xthreadexc_c(unsigned char own);
  * string. Does not change the current exception. */
 QEL_API __xstring_c xgetexctext_c(xthrowable* e);
 
-/* ---- sequences: xboolsequence_get, xintsequence_get, ...
+/* Sequences: xboolsequence_get, xintsequence_get, ...
  *
  * create        A new empty sequence with one reference, which is the caller's.
  * getarraysize  The number of elements.
@@ -146,7 +147,7 @@ QEL_C_SEQUENCE(xintsequence, int, int);
 QEL_C_SEQUENCE(xrealsequence, double, double);
 QEL_C_SEQUENCE(xstringsequence, const char*, __xstring_c);
 
-/* ---- dictionaries: xbooldictionary_find, xintdictionary_find, ...
+/* Dictionaries: xbooldictionary_find, xintdictionary_find, ...
  *
  * Entries are also accessible by slot, their position in the table, which may change with each new key and
  * each removal. To walk over all entries, read the keys of the slots from 0 on. Slots past the table read as

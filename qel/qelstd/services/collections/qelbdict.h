@@ -83,6 +83,7 @@ protected:
     /// Returns memory of the framework's allocator, freed with `operator delete`.
     static void* AllocateBlock(std::size_t bytes);
 
+    /// The place of a missing entry.
     static constexpr unsigned nowhere = ~0u;
     /// Returns the place of the first entry from `place` on, or nowhere.
     unsigned NextPlace(unsigned place, unsigned entrySize) const
@@ -117,9 +118,11 @@ protected:
     }
     bool isOwnCopy() const { return ownCopy; }
 
+    /// The entries.
     char* table = nullptr;
     unsigned size = 0;  // slots
     unsigned count = 0; // entries
+    /// Percentages of occupied places at which the table shrinks and grows.
     const unsigned minLoad;
     const unsigned maxLoad;
 

@@ -40,6 +40,7 @@ inline bool qelEndsQuietly(const xany& value)
 template<class T>
 struct qelArrow
 {
+    /// What operator-> points to.
     T value;
     T* operator->() { return &value; }
 };

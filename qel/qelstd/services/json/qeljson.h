@@ -38,6 +38,7 @@ namespace qel::json {
 /// Treatment of NaN and the infinities, which JSON does not have: an error, or null.
 enum class NonFinite : unsigned char { refuse, null };
 
+/// Options of writing and reading.
 struct options
 {
     /// Writing: blanks for each level; -1 for all on one line.

@@ -11,6 +11,7 @@ class xrttienum;
 
 // Declarations in a class body for the type system; qeltable.h has the matching table.
 
+/// Builds and registers the descriptor of `cls` unless that is done.
 QEL_API xrttiobject* qelBuildDescriptor(qelClass& cls);
 /// Returns the descriptor of `cls`, which is the first member of the table once it is complete.
 inline xrttiobject* qelDescriptorOf(qelClass& cls)
@@ -178,6 +179,7 @@ V qelUnset()
 struct qelProbe
 {
     template<class V>
+    /// Converts to everything.
     operator V() const;
 };
 
@@ -185,6 +187,7 @@ struct qelProbe
 template<class V, class T>
 struct qelLater
 {
+    /// T.
     using known = T;
 };
 

@@ -44,6 +44,7 @@ QEL_API void qelRttiCollectAttrs(xrttistruct* type, unsigned char inherited, xrt
 /// Does the same into a new list, which the caller frees with xdelete.
 QEL_API xrttiattrseq* qelRttiCollectAttrs(xrttistruct* type, unsigned char inherited);
 
+/// The descriptors of the basic types.
 QEL_API xrttibasic* qelGetRtti_bool();
 QEL_API xrttibasic* qelGetRtti_int();
 QEL_API xrttibasic* qelGetRtti_real();

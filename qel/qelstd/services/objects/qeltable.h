@@ -30,6 +30,7 @@
 
 class qelS11nContext;
 
+/// Flags of an attribute: whether it may be null.
 constexpr unsigned char qelMandatory = 0;
 constexpr unsigned char qelOptional = 1; ///< the attribute or element may be null
 
@@ -38,35 +39,48 @@ constexpr unsigned char qelOptional = 1; ///< the attribute or element may be nu
 /// hook throws qelXTypeMismatch for a value that is neither null, uninit nor of the type.
 struct qelAttr
 {
+    /// The registered name.
     const char* name = nullptr;
+    /// Whether it may be null.
     unsigned char optional = qelMandatory;
+    /// Returns the descriptor of its type.
     xrtti* (*type)() = nullptr;
+    /// Returns its value.
     xany (*read)(xobject* owner) = nullptr;
+    /// Sets it; null: it is computed from others.
     void (*rebuild)(xobject* owner, const xany& value) = nullptr;
 };
 
 /// One direct base class: its descriptor, and a function that searches that part of an object for a class.
 struct qelParent
 {
+    /// Returns the descriptor of the base class.
     xrttiobject* (*rtti)() = nullptr;
+    /// Implements the casts to the base class.
     void* (*downcast)(void* self, const xrttiobject* wanted) = nullptr;
 };
 
 /// One member of a union, present when the discriminator has the value `label`.
 struct qelCase
 {
+    /// The value of the discriminator.
     int label = 0;
+    /// The member that it selects.
     qelAttr attr;
 };
 
 /// The access functions of a sequence, dictionary or array.
 struct qelShape
 {
+    /// What a collection is.
     enum Kind : unsigned char { sequence, dictionary, array };
 
+    /// Says which of the functions below are set.
     Kind kind;
     unsigned char optional; ///< whether elements may be null
+    /// Returns the descriptor of the elements' type.
     xrtti* (*elemType)();
+    /// The readers of the descriptors; see xrtti.h.
     int (*size)(xobject* owner) = nullptr;
     xany (*elemAt)(xobject* owner, int index) = nullptr;
     xany (*elemAtAll)(xobject* owner, int* indices) = nullptr;
@@ -89,6 +103,7 @@ struct qelClass
     /// The descriptor; null until it and everything that it refers to is complete. Accessed atomically, and
     /// read by qelDescriptorOf without this declaration.
     xrttiobject* built = nullptr;
+    /// The registered name.
     const char* name;
     /// Whether releasing the last counted reference frees an object of the class.
     bool counted = false;

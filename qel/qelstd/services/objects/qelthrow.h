@@ -9,6 +9,7 @@ class xrttiobject;
 
 // Failures thrown by objects and collections. Their exception classes are in qelexception.h, a layer above.
 
+/// Each of these throws the exception of its name, for code in headers.
 [[noreturn]] QEL_API void qelhThrowInvalidSeqIndex(xobject* obj, int index);
 [[noreturn]] QEL_API void qelhThrowInvalidDictIndex(xobject* obj, int index);
 [[noreturn]] QEL_API void qelhThrowInvalidDictKey(xobject* obj, const char* key);

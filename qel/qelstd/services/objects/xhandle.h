@@ -57,6 +57,7 @@ protected:
     /// The object as the functions that count take it: the count of a const object changes, too.
     static xobject* counted(T* p) { return qelObjectOf(const_cast<std::remove_const_t<T>*>(p)); }
 
+    /// The object, null or xuninitobj.
     T* pointer;
 };
 
@@ -262,11 +263,13 @@ xrchandle<T> make(A&&... arguments)
 
 } // namespace qel
 
+/// The hash of the object's address, as handles are compared.
 template<class T>
 struct std::hash<xrchandle<T>>
 {
     std::size_t operator()(const xrchandle<T>& h) const noexcept { return std::hash<T*>()(h.get()); }
 };
+/// The hash of the object's address, as handles are compared.
 template<class T>
 struct std::hash<xrcunihandle<T>>
 {

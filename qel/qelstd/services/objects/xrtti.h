@@ -39,6 +39,7 @@ private:
 protected:
     xrtti() = default;
     ~xrtti() override;
+    /// Sets the name.
     void initialize(const char* typeName);
 
 private:
@@ -87,6 +88,7 @@ class QEL_API xrttiobject : public virtual xrtti
 
 public:
     xrttiobject() = default;
+    /// Sets the facts of the descriptor: once, before it is used. The lists are kept as pointers.
     void initialize(const char* typeName, unsigned char counted, int parentCount, xrttiobject** parentTypes);
 
     /// Whether objects of the class are reference countable.
@@ -134,6 +136,7 @@ class QEL_API xrttistruct : public virtual xrttiobject
 
 public:
     xrttistruct() = default;
+    /// Sets the facts of the descriptor: once, before it is used. The lists are kept as pointers.
     void initialize(const char* typeName, unsigned char counted, int parentCount, xrttiobject** parentTypes,
                     int attrCount, xrttiattr** ownAttrs);
 
@@ -157,9 +160,11 @@ class QEL_API xrttiarray : public virtual xrttiobject
     QEL_OBJECT(xrttiarray);
 
 public:
+    /// Reads the element at `indices`.
     using elemfn = xany (*)(xobject* owner, int* indices);
 
     xrttiarray() = default;
+    /// Sets the facts of the descriptor: once, before it is used. The lists are kept as pointers.
     void initialize(const char* typeName, unsigned char counted, int dimCount, int* extents,
                     xrtti* elementType, unsigned char elemOptional, elemfn read);
 
@@ -189,16 +194,20 @@ class QEL_API xrttisequence : public virtual xrttiobject
     QEL_OBJECT(xrttisequence);
 
 public:
+    /// Functions that read the collection `owner`.
     using sizefn = int (*)(xobject* owner);
     using elemfn = xany (*)(xobject* owner, int index);
 
     xrttisequence() = default;
+    /// Sets the facts of the descriptor: once, before it is used. The lists are kept as pointers.
     void initialize(const char* typeName, unsigned char counted, xrtti* elementType,
                     unsigned char elemOptional, sizefn size, elemfn read);
 
     virtual xrtti* getElemType();
     virtual unsigned char getIsElemOptional();
+    /// Returns the number of elements.
     virtual int getSize(xobject* owner);
+    /// Returns the element at `index`.
     virtual xany getElemValue(xobject* owner, int index);
 
 private:
@@ -215,12 +224,14 @@ class QEL_API xrttidictionary : public virtual xrttiobject
     QEL_OBJECT(xrttidictionary);
 
 public:
+    /// Functions that read the dictionary `owner`; each returns whether there is such an element.
     using sizefn = int (*)(xobject* owner);
     using findfn = unsigned char (*)(xobject* owner, const char* key, xany* out);
     using keybyidxfn = unsigned char (*)(xobject* owner, int index, xstring* outKey);
     using valuebyidxfn = unsigned char (*)(xobject* owner, int index, xany* out);
 
     xrttidictionary() = default;
+    /// Sets the facts of the descriptor: once, before it is used. The lists are kept as pointers.
     void initialize(const char* typeName, unsigned char counted, xrtti* elementType,
                     unsigned char elemOptional, sizefn size, findfn find, keybyidxfn keyByIdx,
                     valuebyidxfn valueByIdx);
@@ -250,6 +261,7 @@ class QEL_API xrttiunion : public virtual xrttiobject
 
 public:
     xrttiunion() = default;
+    /// Sets the facts of the descriptor: once, before it is used. The lists are kept as pointers.
     void initialize(const char* typeName, unsigned char counted, int parentCount, xrttiobject** parentTypes,
                     xrttiattr* discriminator, int labelCount, int* labelValues, xrttiattr** members,
                     xrttiattr* defaultMember);
