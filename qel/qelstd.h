@@ -1,12 +1,12 @@
 #pragma once
 
 // The whole public interface. Each library also has its own headers; a source that defines classes adds
-// <qel/qeltable.h>, and C programs use <qel/qelstd_c.h>.
+// <qel/qeltable.h>, and C programs use <qel/qelstd_c.h>. What needs more of the standard library is in headers
+// of its own: <qel/qelcpp.h> for the namespace `qel`, qelserver.h, qelloop.h, qeljson.h, qelpath.h, qelformat.h.
 
 // ---- the core
 #include <qel/qelcaught.h>
 #include <qel/qelexception.h>
-#include <qel/qelown.h>
 #include <qel/qelprint.h>
 #include <qel/qelrtti.h>
 #include <qel/qels11n.h>

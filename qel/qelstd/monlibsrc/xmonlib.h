@@ -1,6 +1,6 @@
 #pragma once
 
-#include <ios>
+#include <iosfwd>
 
 #include <qel/xdictionary.h>
 #include <qel/xstring.h>
@@ -46,8 +46,11 @@ protected:
     monParam(monFile& owner, const char* called, std::fpos<int> at);
     ~monParam() override;
 
+    /// The name in the file.
     xstring name;
+    /// The file, which owns the parameter.
     monFile* file;
+    /// The position of the value in the file.
     std::fpos<int> position;
 
 private:
@@ -71,6 +74,7 @@ private:
     monBoolParam(monFile& owner, xstring called, std::fpos<int> at);
 };
 
+/// An int.
 class QEL_API monIntParam : public monParam
 {
     QEL_OBJECT(monIntParam); // "monlib::IntParam"
@@ -85,6 +89,7 @@ private:
     monIntParam(monFile& owner, xstring called, std::fpos<int> at);
 };
 
+/// A real.
 class QEL_API monRealParam : public monParam
 {
     QEL_OBJECT(monRealParam); // "monlib::RealParam"

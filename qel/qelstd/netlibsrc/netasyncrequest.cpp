@@ -91,7 +91,8 @@ bool netAsyncRequest::OnPreStart()
         return false;
     wasTold = false;
     stopSign = std::make_shared<btkStopSign>(GetSignalHandle());
-    stream->SetStopSign(stopSign);
+    stream->CheckOpen();
+    stream->connection->SetStopSign(stopSign);
     return true;
 }
 

@@ -320,24 +320,14 @@ netServerLoopAction netBaseServer::OnAsyncRequest(netSocketStream* stream, evtEv
     return onAsyncRequest != nullptr ? onAsyncRequest->Invoke(this, stream, stop) : netServerNoDecision;
 }
 
-void netBaseServer::setOnRequest(std::unique_ptr<netBaseServer_OnRequest_cb, qelDelete> handler)
+void netBaseServer::keepHandler(xobject* handler)
 {
-    setOnRequest(loop->Keep(std::move(handler)));
+    loop->handlers.emplace_back(handler);
 }
 
-void netBaseServer::setOnAsyncRequest(std::unique_ptr<netBaseServer_OnAsyncRequest_cb, qelDelete> handler)
+void netBaseServer::keepErrorHandler(qel::netErrorHandler* handler) noexcept
 {
-    setOnAsyncRequest(loop->Keep(std::move(handler)));
-}
-
-void netBaseServer::setOnIdle(std::unique_ptr<netBaseServer_OnIdle_cb, qelDelete> handler)
-{
-    setOnIdle(loop->Keep(std::move(handler)));
-}
-
-void netBaseServer::setOnError(std::unique_ptr<qel::netErrorHandler> handler)
-{
-    loop->onError = std::move(handler);
+    loop->onError.reset(handler);
 }
 
 netServerLoopAction netBaseServer::OnIdle()

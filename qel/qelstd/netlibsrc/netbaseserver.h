@@ -1,6 +1,7 @@
 #pragma once
 
-#include <memory>
+#include <concepts>
+#include <cstddef>
 #include <utility>
 
 #include <qel/evtevent.h>
@@ -21,6 +22,7 @@ class caught;
 struct netErrorHandler
 {
     virtual ~netErrorHandler() = default;
+    /// Whether `server` continues; if not, the failure leaves Run.
     virtual bool goesOn(netBaseServer& server, const caught& failure) = 0;
 };
 
@@ -87,6 +89,15 @@ private:
     netBaseServer* server;
 };
 
+/// A std::unique_ptr of an H.
+template<class Owner, class H>
+concept netOwnerOf = requires(Owner owner)
+{
+    {
+        owner.release()
+        } -> std::convertible_to<H*>;
+};
+
 /// A server that listens on a port and serves one connection at a time, or some in their own threads. It may
 /// have a name, under which the name server of this machine knows its port while it lives.
 ///
@@ -131,12 +142,29 @@ public:
 
     /// The same for handlers that the server owns and frees at its end, not before: those that qel::onRequest
     /// and its like make of functions, see <qel/qelserver.h>.
-    void setOnRequest(std::unique_ptr<netBaseServer_OnRequest_cb, qelDelete> handler);
-    void setOnAsyncRequest(std::unique_ptr<netBaseServer_OnAsyncRequest_cb, qelDelete> handler);
-    void setOnIdle(std::unique_ptr<netBaseServer_OnIdle_cb, qelDelete> handler);
+    template<netOwnerOf<netBaseServer_OnRequest_cb> Owner>
+    void setOnRequest(Owner handler)
+    {
+        setOnRequest(keep(handler));
+    }
+    template<netOwnerOf<netBaseServer_OnAsyncRequest_cb> Owner>
+    void setOnAsyncRequest(Owner handler)
+    {
+        setOnAsyncRequest(keep(handler));
+    }
+    template<netOwnerOf<netBaseServer_OnIdle_cb> Owner>
+    void setOnIdle(Owner handler)
+    {
+        setOnIdle(keep(handler));
+    }
     /// Decides whether Run continues after an exception of a handler that it called, in place of the report
     /// of the exception; made by qel::onError. Null: it is reported, and leaves Run.
-    void setOnError(std::unique_ptr<qel::netErrorHandler> handler);
+    template<netOwnerOf<qel::netErrorHandler> Owner>
+    void setOnError(Owner handler)
+    {
+        keepErrorHandler(handler.release());
+    }
+    void setOnError(std::nullptr_t) { keepErrorHandler(nullptr); }
 
     /// Serves until a handler returns netServerTerminate or Stop is called; may then be called again. Without
     /// a request handler each connection is closed. An exception of a handler is reported on the standard
@@ -241,6 +269,15 @@ protected:
 private:
     friend class netAsyncRequest;
     friend class netServer;
+
+    template<class Owner>
+    auto keep(Owner& handler)
+    {
+        keepHandler(handler.get());
+        return handler.release();
+    }
+    void keepHandler(xobject* handler);
+    void keepErrorHandler(qel::netErrorHandler* handler) noexcept;
 
     /// The waiting connections and the asynchronous requests.
     class Loop;

@@ -22,6 +22,18 @@ public:
     /// restrict the connections to a server of that name at all.
     static netServer* Create(const char* name, int port);
     static netServer* Create(const char* name, int port, const char* listenOn);
+    template<qelTextObject S>
+    static netServer* Create(const S& name, int port)
+    {
+        return Create(static_cast<const char*>(qelTextArgument(name)), port);
+    }
+    template<qelText S, qelText L>
+    requires(qelTextObject<S> || qelTextObject<L>) static netServer* Create(const S& name, int port,
+                                                                            const L& listenOn)
+    {
+        return Create(static_cast<const char*>(qelTextArgument(name)), port,
+                      static_cast<const char*>(qelTextArgument(listenOn)));
+    }
     ~netServer() override;
 
     xstring getVersion() { return version; }

@@ -46,15 +46,9 @@ public:
     /// otherwise.
     template<class Handler>
     netServerLoopAction Guarded(const std::string& peer, Handler handler);
-    /// Keeps a handler until the server's end, and returns it.
-    template<class T>
-    T* Keep(std::unique_ptr<T, qelDelete> handler)
-    {
-        T* const kept = handler.get();
-        handlers.emplace_back(std::move(handler));
-        return kept;
-    }
     std::unique_ptr<qel::netErrorHandler> onError;
+    // Those that the server owns, until its end.
+    std::vector<std::unique_ptr<xobject, qelDelete>> handlers;
 
     /// Closes the port and the waiting connections.
     void StopListening();
@@ -110,7 +104,6 @@ private:
     std::atomic<bool> isStopAsked = false;
     std::shared_ptr<btkStopSign> stopSign; // of the streams that the loop's thread serves
 
-    std::vector<std::unique_ptr<xobject, qelDelete>> handlers; // that the server owns
     std::list<std::unique_ptr<netAsyncRequest>> requests;
     std::atomic<int> endedBodies = 0; // of `requests`; written by their threads
 };

@@ -11,6 +11,7 @@ class QEL_API netService_DoService_cb : public virtual xobject
     QEL_OBJECT(netService_DoService_cb); // "netlib::Service_DoService_cb"
 
 public:
+    /// Does the work of `service`, with the parameters of its start.
     virtual void Invoke(netService* service, xrchandle<xstringsequence> parms) = 0;
 };
 
@@ -23,6 +24,7 @@ class QEL_API netService : public virtual xobject
     QEL_NOT_COUNTED;
 
 public:
+    /// Not available: ends the process.
     static netService* Create(const char* name, xrchandle<xstringsequence> parms, const char* displayName);
 
     /// The caller keeps ownership of the handler. Null: none.

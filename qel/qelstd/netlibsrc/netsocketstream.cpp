@@ -67,12 +67,6 @@ void netSocketStream::setUrgentBudget(unsigned int bytes)
     connection->SetUrgentBudget(bytes);
 }
 
-void netSocketStream::SetStopSign(std::shared_ptr<const btkStopSign> sign)
-{
-    CheckOpen();
-    connection->SetStopSign(std::move(sign));
-}
-
 unsigned char netSocketStream::WriteOutOfBand(int value)
 {
     CheckOpen();

@@ -1,11 +1,8 @@
 #pragma once
 
-#include <memory>
-
 #include <qel/iobasestream.h>
 #include <qel/qelduration.h>
 
-class btkStopSign;
 class btkStreamSocket;
 class xsocketbuf;
 
@@ -68,7 +65,6 @@ public:
 private:
     friend class netAsyncRequest;
 
-    void SetStopSign(std::shared_ptr<const btkStopSign> sign);
     netSocketStream(xsocketbuf* buf, btkStreamSocket* socket);
 
     void OnClose() override;

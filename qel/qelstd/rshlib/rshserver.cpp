@@ -94,9 +94,9 @@ public:
         }
         try {
             const xstring command =
-                request.useShell != 0 ? ForShell(request.command) : xstring(request.command.c_str());
+                request.useShell != 0 ? ForShell(std::string(request.command)) : request.command;
             process.reset(pcProcess::Create(
-                command.CastToCString(), WorkDirBelow(baseDir, request.workDir).CastToCString(),
+                command.CastToCString(), WorkDirBelow(baseDir, std::string(request.workDir)).CastToCString(),
                 inPipe->getReadEnd(), outPipe->getWriteEnd(), errPipe->getWriteEnd(), 1, 1));
         } catch (xthrowable* thrown) {
             pcXCreate* const failure = pcXCreate::softcast(thrown);
@@ -296,12 +296,17 @@ private:
 
 bool rshRequest::Read(netSocketStream* s, double limit, std::initializer_list<btkEvent*> stops)
 {
+    std::string line;
+    std::string place;
     bool isRead = false;
-    return rshSucceeds([&] {
-               rshPartReader reader(*s, btkTimeval::Now() + btkTimeval(limit), stops);
-               isRead = reader.ReadText(command) && reader.ReadText(workDir) && reader.ReadInt(useShell);
-           }) &&
-           isRead;
+    if (!rshSucceeds([&] {
+            rshPartReader reader(*s, btkTimeval::Now() + btkTimeval(limit), stops);
+            isRead = reader.ReadText(line) && reader.ReadText(place) && reader.ReadInt(useShell);
+        }))
+        return false;
+    command = line;
+    workDir = place;
+    return isRead;
 }
 
 unsigned char rshRequest::Execute(netSocketStream* s, const char* baseDir, evtEvent* stopEvent) const

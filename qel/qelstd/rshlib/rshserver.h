@@ -1,7 +1,6 @@
 #pragma once
 
 #include <initializer_list>
-#include <string>
 
 #include <qel/evtevent.h>
 #include <qel/netthread.h>
@@ -30,8 +29,8 @@ public:
 private:
     friend class rshSession;
 
-    std::string command;
-    std::string workDir;
+    xstring command;
+    xstring workDir;
     int useShell = 0;
 };
 

@@ -3,7 +3,6 @@
 #include <concepts>
 #include <cstddef>
 #include <initializer_list>
-#include <iterator>
 #include <new>
 #include <type_traits>
 #include <utility>
@@ -15,7 +14,9 @@
 template<class T>
 struct xdictentry
 {
+    /// The key, with the ending zero; null or odd for a place without an entry.
     char* key;
+    /// The value.
     T value;
 };
 
@@ -26,7 +27,9 @@ class xtbdictionary;
 template<class T>
 struct xdictitem
 {
+    /// The key.
     xstring key;
+    /// The value.
     T value;
 };
 
@@ -89,11 +92,13 @@ template<class T>
 class xtbdictionary : public xobject, public xbasedictionary
 {
 protected:
+    /// The table's entry, its size, and the place of the value in it, in bytes.
     using entry = xdictentry<T>;
     static constexpr unsigned entrySize = sizeof(entry);
     static constexpr unsigned valueOffset = sizeof(char*) < alignof(T) ? alignof(T) : sizeof(char*);
 
     friend class xdictiterator<T>;
+    /// Returns the first occupied place from `from` on, and the key there.
     unsigned nextPlace(unsigned from) const { return NextPlace(from, entrySize); }
     xstring keyAtPlace(unsigned place) const
     {
@@ -335,6 +340,7 @@ public:
     }
 };
 
+/// A dictionary of ints.
 class QEL_API xintdictionary : public xtsdictionary<int>
 {
     QEL_OBJECT(xintdictionary); // "intdict", counted
@@ -348,6 +354,7 @@ public:
     }
 };
 
+/// A dictionary of reals.
 class QEL_API xrealdictionary : public xtsdictionary<double>
 {
     QEL_OBJECT(xrealdictionary); // "realdict", counted
@@ -361,6 +368,7 @@ public:
     }
 };
 
+/// A dictionary of strings.
 class QEL_API xstringdictionary : public xtcdictionary<xstring>
 {
     QEL_OBJECT(xstringdictionary); // "stringdict", counted
@@ -374,6 +382,7 @@ public:
     }
 };
 
+/// A dictionary of values of any kind.
 class QEL_API xanydictionary : public xtcdictionary<xany>
 {
     QEL_OBJECT(xanydictionary); // "anydict", counted

@@ -1,11 +1,9 @@
 #pragma once
 
-#include <algorithm>
 #include <climits>
 #include <cstddef>
 #include <cstdlib>
 #include <initializer_list>
-#include <iterator>
 #include <new>
 #include <ranges>
 #include <type_traits>
@@ -102,6 +100,7 @@ protected:
         ownGrowth = 8,
         ownAppend = ownCopy | ownGrowth
     };
+    /// Whether all of `hooks` are known to be the hook set's own; sawOwn notes one that is.
     bool isOwn(OwnHooks hooks) const { return (seen & hooks) == hooks; }
     void sawOwn(OwnHooks hook)
     {
@@ -123,15 +122,17 @@ protected:
     char* data = nullptr;  // null while there is no block
     unsigned used = 0;     // bytes that elements occupy
     unsigned capacity = 0; // bytes of whole blocks of `granularity`
+    /// Whether removing frees memory.
     const bool shrink;
 
 private:
     void resetSlots(unsigned from, unsigned to);
-    void findReady() { ready = isOwn(ownAppend) ? std::min(capacity, room) : 0; }
+    void findReady() { ready = !isOwn(ownAppend) ? 0 : capacity < room ? capacity : room; }
 
     unsigned char seen = 0; // OwnHooks
 
 protected:
+    /// Bytes of a block.
     const unsigned granularity;
     unsigned ready = 0; // bytes up to which elements may be appended without further checks
 
@@ -397,6 +398,7 @@ public:
     }
 };
 
+/// Elements are ints.
 class QEL_API xintsequence : public xtssequence<int>
 {
     QEL_OBJECT(xintsequence); // "intseq", counted
@@ -410,6 +412,7 @@ public:
     }
 };
 
+/// Elements are reals.
 class QEL_API xrealsequence : public xtssequence<double>
 {
     QEL_OBJECT(xrealsequence); // "realseq", counted
@@ -423,6 +426,7 @@ public:
     }
 };
 
+/// Elements are strings.
 class QEL_API xstringsequence : public xtcsequence<xstring>
 {
     QEL_OBJECT(xstringsequence); // "stringseq", counted
@@ -437,6 +441,7 @@ public:
     }
 };
 
+/// Elements are values of any kind.
 class QEL_API xanysequence : public xtcsequence<xany>
 {
     QEL_OBJECT(xanysequence); // "anyseq", counted
@@ -560,12 +565,13 @@ template<class T>
 void xtbsequence<T>::remove(std::size_t from, std::size_t to)
 {
     if constexpr (!std::is_trivially_destructible_v<T>) {
-        const std::size_t first = std::min({from, to, std::size_t{used}});
-        const std::size_t last = std::min(std::max(from, to), std::size_t{used});
+        const auto bounded = [this](std::size_t place) { return place < used ? place : used; };
+        T* const end = at(bounded(from < to ? to : from));
         // Destroyed once the sequence is consistent again, since their destructors may use it.
         std::vector<T> held;
-        std::copy_if(at(first), at(last), std::back_inserter(held),
-                     [](const T& value) { return !qelEndsQuietly(value); });
+        for (T* value = at(bounded(from < to ? from : to)); value < end; ++value)
+            if (!qelEndsQuietly(*value))
+                held.push_back(*value);
         BaseRemove(from, to);
     } else {
         BaseRemove(from, to);
