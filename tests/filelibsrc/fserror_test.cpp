@@ -106,6 +106,21 @@ TEST(FileErrors, CarryThePlatformsMessage)
               "3 a directory on the way is not found");
 }
 
+TEST(FileErrors, NameThePathAndTheReasonInTheirText)
+{
+    const auto textOf = [](unsigned error, const char* path) {
+        return describeThrown(
+            [&] {
+                SetLastError(error);
+                fsRaiseLastError("f", path);
+            },
+            [](xthrowable* raised) { return std::string(qelTextOf(raised)); });
+    };
+    EXPECT_EQ(textOf(170, "a/b"), "Internal error (path a/b, busy)");
+    EXPECT_EQ(textOf(77777, "a/b"), "Internal error (path a/b)");
+    EXPECT_EQ(textOf(170, nullptr), "Internal error (busy)");
+}
+
 TEST(FileErrors, PrintALineForEachKnownField)
 {
     fsXInvalidPath about("a", "Invalid path", function());

@@ -36,7 +36,8 @@ TEST(Caught, OwnsFailuresOfBothKinds)
     EXPECT_EQ(xrcgetcount(counted.get()), 1);
 
     qel::caught freed = caughtFrom([] { xportXTimeout::Throw("read"); });
-    EXPECT_TRUE(freed.what() == "communication timeout" && freed.type() == "qeljava::XTimeout");
+    EXPECT_TRUE(freed.what() == "communication timeout (op name read)" &&
+                freed.type() == "qeljava::XTimeout");
     freed = caughtFrom([] { qelXNull::Throw(); });
     EXPECT_FALSE(freed->isSameAs(xportXTimeout::getClassRtti()));
 }

@@ -9,7 +9,18 @@
 #include "fspath_p.h"
 #include "qelexceptionrow_p.h"
 
-QEL_EXCEPTION(fsXException, qelXExternFunc, "filelib::XException", qelCounted, QEL_ATTR(Path, qelOptional));
+constinit qelClass fsXException::rtti = {
+    .name = "filelib::XException",
+    .counted = true,
+    .parents = {QEL_PARENT(qelXExternFunc)},
+    .attrs = {QEL_ATTR(Path, qelOptional)},
+    .explain = [](xobject* object) -> xstring {
+        self* const failure = self::cast(object);
+        const xstring path = failure->getPath();
+        const xstring reason = failure->getPlatformText();
+        return path.isNull() ? reason : "path " + path + (reason.isNull() ? "" : ", " + reason);
+    },
+};
 QEL_EXCEPTION(fsXIOError, fsXException, "filelib::XIOError", qelCounted);
 QEL_EXCEPTION(fsXQuotaExhausted, fsXException, "filelib::XQuotaExhausted", qelCounted);
 QEL_EXCEPTION(fsXDiskFull, fsXException, "filelib::XDiskFull", qelCounted);

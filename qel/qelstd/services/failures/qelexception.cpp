@@ -1,6 +1,7 @@
 #include "qelexception.h"
 
 #include <ostream>
+#include <string>
 
 #include "qelcaught.h"
 #include "qelexceptionrow_p.h"
@@ -53,32 +54,54 @@ xstring explain(xthrowable* failure)
     } else if (auto* const dictionary = qelXInvalidDictIndex::softcast(failure)) {
         facts.add("slot", dictionary->getIndex());
         facts.add("slots", dictionary->getSize());
-    } else if (auto* const array = qelXInvalidArrayIndex::softcast(failure)) {
-        facts.add("dimension", array->getDimension());
-        facts.add("index", array->getIndex());
-    } else if (auto* const negative = qelXNegativeIndex::softcast(failure)) {
-        facts.add("index", negative->getIndex());
-    } else if (auto* const key = qelXInvalidDictKey::softcast(failure)) {
-        facts.add("key", key->getKey());
     } else if (auto* const type = qelXTypeMismatch::softcast(failure)) {
         facts.add("expected", type->getTypeName());
         facts.add("found", type->getQelObject().getQelTypeName());
-    } else if (auto* const connection = xportXCannotConnect::softcast(failure)) {
-        facts.add("host", connection->getHost());
-        facts.add("port", connection->getPort());
     }
     return facts.joined;
 }
 
-/// The facts that the class of a failure, or the nearest base class, adds in its table.
-xstring explainByTable(xthrowable* failure, xrttiobject* type)
+/// "DayOfMonth" as "day of month".
+xstring wordsOf(const xstring& name)
+{
+    std::string words;
+    for (const char c : name.view()) {
+        const bool isCapital = c >= 'A' && c <= 'Z';
+        if (isCapital && !words.empty())
+            words += ' ';
+        words += isCapital ? static_cast<char>(c - 'A' + 'a') : c;
+    }
+    return words;
+}
+
+/// The texts and ints among the attributes of a failure, of its bases first, except those that are its text.
+void addAttributes(Facts& facts, xthrowable* failure, xrttiobject* type)
+{
+    for (int i = 0; i < type->getNParents(); ++i)
+        addAttributes(facts, failure, type->getParent(i));
+    auto* const own = xrttistruct::softcast(type);
+    for (int i = 0; own != nullptr && i < own->getNAttrs(); ++i) {
+        xrttiattr* const attr = own->getAttr(i);
+        const xstring name = attr->getName();
+        if (name == "Description" || name == "Msg" || name == "Message" || name == "StringRep")
+            continue;
+        const xany value = attr->getValue(failure);
+        if (value.getKind() == xanyInt)
+            facts.add(wordsOf(name).CastToCString(), static_cast<int>(value));
+        else if (value.getKind() == xanyString)
+            facts.add(wordsOf(name).CastToCString(), static_cast<xstring>(value));
+    }
+}
+
+/// The function by which the class of a failure, or the nearest base class, states its facts; null for none.
+auto explainerOf(xrttiobject* type) -> decltype(qelClass::explain)
 {
     const qelClass* const table = qelClassOf(type);
     if (table != nullptr && table->explain != nullptr)
-        return table->explain(failure);
+        return table->explain;
     for (int i = 0; i < type->getNParents(); ++i)
-        if (const xstring facts = explainByTable(failure, type->getParent(i)); !facts.isNull())
-            return facts;
+        if (const auto explainer = explainerOf(type->getParent(i)))
+            return explainer;
     return nullptr;
 }
 
@@ -227,9 +250,12 @@ xstring qelTextOf(xthrowable* failure)
                 text = message;
     if (text.empty())
         text = failure->getQelTypeName();
-    const xstring own = explain(failure);
-    const xstring facts = own.isNull() ? explainByTable(failure, failure->getRtti()) : own;
-    return facts.isNull() ? text : text + " (" + facts + ")";
+    Facts facts{explain(failure)};
+    if (const auto explainer = explainerOf(failure->getRtti()))
+        facts.joined = explainer(failure);
+    else if (facts.joined.isNull())
+        addAttributes(facts, failure, failure->getRtti());
+    return facts.joined.isNull() ? text : text + " (" + facts.joined + ")";
 }
 
 void qelThrowOutOfRange()

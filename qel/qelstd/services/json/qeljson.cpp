@@ -11,6 +11,7 @@ constinit qelClass qelXJson::rtti = {
     .attrs = {QEL_ATTR(Path, qelOptional), QEL_ATTR(Line, qelOptional), QEL_ATTR(Column, qelOptional),
               QEL_ATTR(Expected, qelOptional), QEL_ATTR(Found, qelOptional)},
     .rebuild = &qelRebuildOf<self>,
+    .explain = [](xobject*) { return xstring(); }, // the description has them
 };
 
 qelXJson::qelXJson(const char* path, int line, int column, const char* expected, const char* found)
