@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <random>
 #include <stdexcept>
+#include <span>
 #include <string>
 #include <vector>
 

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <initializer_list>
 #include <new>
-#include <ranges>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -227,8 +226,8 @@ public:
     void assign(R&& range)
     {
         std::vector<T> values;
-        if constexpr (std::ranges::sized_range<R>)
-            values.reserve(std::ranges::size(range));
+        if constexpr (requires { std::size(range); })
+            values.reserve(std::size(range));
         for (auto&& value : range)
             values.push_back(T(value));
         replaceBy(values.data(), values.size());
