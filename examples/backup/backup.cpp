@@ -28,9 +28,9 @@ private:
 class Failures final : public fsFailureHandler
 {
 public:
-    fsFailureAction OnFailure(const char* path, fsXException* failure) override
+    fsFailureAction OnFailure(const char*, fsXException* failure) override
     {
-        std::cerr << "backup: " << path << ": " << failure->getDescription() << '\n';
+        std::cerr << "backup: " << qelTextOf(failure) << '\n';
         ++count;
         return fsSkip;
     }
@@ -51,7 +51,7 @@ int main(int argc, char** argv)
     try {
         fsCopy(argv[1], argv[2], fsReplace, fsNewLink, fsRecursive, failures, &progress);
     } catch (xthrowable* thrown) {
-        std::cerr << "backup: " << argv[1] << ": " << qel::caught(thrown).what() << '\n';
+        std::cerr << "backup: " << qel::caught(thrown).what() << '\n';
         return 1;
     }
     return failures.count == 0 ? 0 : 1;

@@ -1,15 +1,18 @@
 // A server whose handlers are functions, and a loop that waits for several things.
 
+#include <chrono>
 #include <iostream>
-#include <memory>
 
+#include <qel/qelcpp.h>
 #include <qel/qelloop.h>
 #include <qel/qelserver.h>
 #include <qel/xnetlib.h>
 
+using namespace std::literals;
+
 int main()
 {
-    const std::unique_ptr<netBaseServer, qelDelete> server(netBaseServer::Create(nullptr, 0, "127.0.0.1"));
+    const auto server = qel::own(netBaseServer::Create(nullptr, 0, "127.0.0.1"));
 
     // sample handlers
     server->setOnRequest(qel::onRequest([](netSocketStream& client) {
@@ -23,19 +26,19 @@ int main()
     // end
 
     const xrchandle<netAddress> address(netAddress::Create(server->getPortN(), nullptr));
-    const std::unique_ptr<netSocketStream, qelDelete> client(netBaseServer::Connect(address.get(), 10));
+    const auto client = qel::own(netBaseServer::Connect(address.get(), 10s));
     client->WriteInt(21);
     client->Flush(true);
     server->Run();
 
     // sample loop
-    const std::unique_ptr<evtEvent, qelDelete> reply(client->InputEvent());
+    const auto reply = qel::own(client->InputEvent());
     qel::loop loop;
     loop.on(*reply, [&] {
         std::cout << "the server sent " << client->ReadInt() << std::endl;
         loop.stop();
     });
-    loop.after(10, [&] { loop.stop(); });
+    loop.after(10s, [&] { loop.stop(); });
     loop.run();
     // end
     return 0;

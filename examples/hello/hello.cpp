@@ -4,7 +4,7 @@
 
 int main()
 {
-    const xrchandle<xanydictionary> person(xanydictionary::create());
+    const auto person = xanydictionary::make();
     person->set("name", "Ada");
     person->set("age", 36);
 

@@ -42,7 +42,7 @@ int main(int argc, char** argv)
 {
     if (argc != 2)
         return 2;
-    const xrchandle<xintsequence> numbers(xintsequence::create());
+    const auto numbers = xintsequence::make();
     std::cout << numberAt(*numbers, 7, 0) << std::endl;
     std::cout << removeIfThere(argv[1]) << std::endl;
 }

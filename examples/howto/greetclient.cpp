@@ -1,11 +1,11 @@
 // Lets the server NAME of this machine, or of HOST, greet somebody: greetclient NAME SOMEBODY [HOST]
 
+#include <chrono>
 #include <iostream>
-#include <memory>
 
 #include <qel/netaddress.h>
 #include <qel/netserver.h>
-#include <qel/qelexception.h>
+#include <qel/qelcpp.h>
 
 int main(int argc, char** argv)
 {
@@ -17,7 +17,7 @@ int main(int argc, char** argv)
     try {
         // sample client
         const xrchandle<netAddress> address(netAddress::Create(argv[1], host));
-        const std::unique_ptr<netSocketStream, qelDelete> stream(netServer::Connect(address.get(), 5.0));
+        const auto stream = qel::own(netServer::Connect(address.get(), std::chrono::seconds(5)));
         if (stream == nullptr) {
             std::cerr << "greetclient: " << argv[1] << " does not respond\n";
             return 1;
@@ -27,7 +27,7 @@ int main(int argc, char** argv)
         // end
         return 0;
     } catch (xthrowable* thrown) {
-        std::cerr << "greetclient: " << qelTextOf(thrown) << '\n';
+        std::cerr << "greetclient: " << qel::caught(thrown).what() << '\n';
         return 1;
     }
 }

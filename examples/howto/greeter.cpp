@@ -1,34 +1,15 @@
 // Greets its clients, which find it under a name: greeter NAME
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <iostream>
-#include <memory>
 
 #include <qel/netserver.h>
-#include <qel/qelexception.h>
+#include <qel/qelcpp.h>
+#include <qel/qelserver.h>
 
-// sample handlers
-// Called in the thread of the loop, for each connection: passes it to a thread of its own, so that no client
-// waits for another.
-class Requests : public netBaseServer_OnRequest_cb
-{
-    netServerLoopAction Invoke(netBaseServer*, netSocketStream*) override { return netSpawnAsyncServer; }
-};
-
-class Greeting : public netBaseServer_OnAsyncRequest_cb
-{
-    netServerLoopAction Invoke(netBaseServer*, netSocketStream* accepted, evtEvent*) override
-    {
-        const std::unique_ptr<netSocketStream, qelDelete> stream(accepted);
-        stream->setITimeout(5); // seconds in which a client sends nothing
-        stream->setTextLimit(65536);
-        const xstring name = stream->ReadString(nullptr);
-        stream->WriteString(xstring("Hello, ", name.CastToCString()).CastToCString());
-        return netServerContinue; // a failure is reported on the standard error output, and ends this request only
-    }
-};
-// end
+using namespace std::literals;
 
 // sample stopping
 std::atomic<netServer*> running;
@@ -47,16 +28,18 @@ int main(int argc, char** argv)
     }
     try {
         // sample serve
-        Requests requests;
-        Greeting greeting;
-        const std::unique_ptr<netServer, qelDelete> server(
-            netServer::Create(argv[1], 0, "127.0.0.1")); // any free port
+        const auto server = qel::own(netServer::Create(argv[1], 0, "127.0.0.1")); // any free port
         if (server == nullptr) {
             std::cerr << "greeter: cannot listen\n";
             return 1;
         }
-        server->setOnRequest(&requests);
-        server->setOnAsyncRequest(&greeting);
+        // A thread for each connection, so that no client waits for another.
+        server->setOnRequest(qel::onRequest([](netSocketStream&) { return netSpawnAsyncServer; }));
+        server->setOnAsyncRequest(qel::onAsyncRequest([](netSocketStream& client) {
+            client.setITimeout(5s); // in which a client sends nothing
+            client.setTextLimit(65536);
+            client.WriteString("Hello, " + client.ReadString(nullptr));
+        })); // a failure is reported on the standard error output, and ends this request only
         server->setAsyncLimit(100); // clients at once
         running = server.get();
         for (const int signal : {SIGTERM, SIGINT})
@@ -68,7 +51,7 @@ int main(int argc, char** argv)
         // end
         return 0;
     } catch (xthrowable* thrown) {
-        std::cerr << "greeter: " << qelTextOf(thrown) << '\n';
+        std::cerr << "greeter: " << qel::caught(thrown).what() << '\n';
         return 1;
     }
 }

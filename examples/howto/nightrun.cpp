@@ -1,16 +1,17 @@
 // Publishes values in a monitor file and watches them: nightrun FILE
 // Publisher and watcher are two threads here; mostly they are two processes.
 
+#include <chrono>
 #include <iostream>
-#include <memory>
 #include <thread>
 
 #include <qel/evtevent.h>
+#include <qel/qelcpp.h>
 #include <qel/xmonlib.h>
 
-namespace {
+using namespace std::literals;
 
-using File = std::unique_ptr<monFile, qelDelete>;
+namespace {
 
 // sample publish
 void publish(monFile& file)
@@ -28,9 +29,9 @@ void publish(monFile& file)
 // sample watch
 void watch(monFile& file)
 {
-    const std::unique_ptr<evtEvent, qelDelete> changed(file.ChangeEvent());
+    const auto changed = qel::own(file.ChangeEvent());
     while (file.String("state", 40)->getValue() != "finished")
-        changed->Wait(5.0); // sleeps until there is something new to read, 5 seconds at most
+        changed->Wait(5s); // sleeps until there is something new to read, 5 seconds at most
     std::cout << file.getTitle() << ": " << file.Int("done")->getValue() + 1 << " steps done" << std::endl;
 }
 // end
@@ -42,8 +43,8 @@ int main(int argc, char** argv)
     if (argc != 2)
         return 2;
     // sample open
-    const File published(monFile::Create(argv[1], "night run")); // null: it cannot be written
-    const File watched(monFile::Open(argv[1])); // null: there is no such file, or no monitor file
+    const auto published = qel::own(monFile::Create(argv[1], "night run")); // null: it cannot be written
+    const auto watched = qel::own(monFile::Open(argv[1])); // null: there is no such file, or no monitor file
     // end
     if (published == nullptr || watched == nullptr)
         return 1;

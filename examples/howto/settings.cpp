@@ -1,9 +1,10 @@
 // Keeps settings: in a file, and in the user's part of the registry. settings FILE
 
+#include <chrono>
 #include <iostream>
-#include <memory>
 
 #include <qel/hmxconfigfile.h>
+#include <qel/qelcpp.h>
 #include <qel/reglib.h>
 
 namespace {
@@ -12,7 +13,8 @@ namespace {
 bool setPort(const char* path, const char* port)
 {
     hmxConfigFile file;
-    if (!file.Open(path, hmxConfigFile::ReadWrite, 5.0)) // waits 5 seconds at most for another writer
+    if (!file.Open(path, hmxConfigFile::ReadWrite,
+                   std::chrono::seconds(5))) // waits 5 seconds at most for another writer
         return false;
     return file.SetValue("port", port) && file.CloseChecked(); // the old file, or the whole new one
 }
@@ -27,15 +29,15 @@ xstring getPort(const char* path)
 // sample registry
 void setLanguage(const char* language)
 {
-    const std::unique_ptr<regRegistry, qelDelete> user(regRegistry::User());
-    const std::unique_ptr<regKey, qelDelete> key(user->CreateSubkey("Software\\Greeter"));
+    const auto user = qel::own(regRegistry::User());
+    const auto key = qel::own(user->CreateSubkey("Software\\Greeter"));
     key->SetValue("Language", language);
 }
 
 xstring getLanguage()
 {
-    const std::unique_ptr<regRegistry, qelDelete> user(regRegistry::User());
-    const std::unique_ptr<regKey, qelDelete> key(user->OpenSubkey("Software\\Greeter")); // null: missing
+    const auto user = qel::own(regRegistry::User());
+    const auto key = qel::own(user->OpenSubkey("Software\\Greeter")); // null: missing
     return key == nullptr ? "en" : key->GetStringValue("Language");
 }
 // end

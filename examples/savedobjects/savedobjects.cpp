@@ -1,12 +1,12 @@
-// Objects of an application's own classes, written as JSON and read again.
+// An inventory of an application's own classes, saved as JSON and loaded again: savedobjects FILE
 
+#include <filesystem>
+#include <fstream>
 #include <iostream>
-#include <sstream>
 
-#include <qel/qelcaught.h>
+#include <qel/qelcpp.h>
 #include <qel/qeljson.h>
 #include <qel/qeltable.h>
-#include <qel/xsequence.h>
 
 enum Colour : int { red, green, blue };
 QEL_ENUM(Colour);
@@ -15,6 +15,7 @@ QEL_LABELS(Colour, "stock::Colour", red, green, blue);
 class Item : public virtual xobject
 {
     QEL_OBJECT(Item);
+    QEL_COUNTED;
     QEL_REBUILD(Item);
     QEL_PROPERTY(xstring, Name);
     QEL_PROPERTY(int, Count);
@@ -32,28 +33,41 @@ constinit qelClass Item::rtti = {
     .rebuild = &qelRebuildOf<self>,
 };
 
-int main()
+void save(const xrchandle<Item>& item, const std::filesystem::path& path)
 {
+    const std::filesystem::path unfinished = path.string() + ".new";
+    std::ofstream file(unfinished);
+    qel::json::write<Item>(item, file, {.indent = 2});
+    file.close();
+    if (file)
+        std::filesystem::rename(unfinished, path); // the old file, or the whole new one
+}
+
+xrchandle<Item> load(const std::filesystem::path& path)
+{
+    std::ifstream file(path);
+    return qel::json::read<Item>(file);
+}
+
+int main(int argc, char** argv)
+{
+    if (argc != 2)
+        return 2;
     qelRegister<Item>();
 
-    const xrchandle<Item> bike(new Item("bike", 2, red));
-    const xrchandle<xanysequence> parts(xanysequence::create());
-    parts->append(xany(new Item("wheel", xnullint, blue)));
-    parts->append("bell");
-    bike->_s11n_setParts(parts);
+    const auto bike = qel::make<Item>("bike", 2, red);
+    bike->setParts(qel::list{qel::make<Item>("wheel", xnullint, blue), "bell"});
+    save(bike, argv[1]);
 
-    std::stringstream file;
-    qel::json::write<Item>(bike, file, {.indent = 2});
-    std::cout << file.str() << std::endl;
-
-    const xrchandle<Item> again = qel::json::read<Item>(file);
-    std::cout << again->getName() << " has " << again->getParts()->getarraysize() << " parts" << std::endl;
+    const xrchandle<Item> again = load(argv[1]);
+    again->setCount(again->getCount() + 1);
+    save(again, argv[1]);
+    std::cout << std::ifstream(argv[1]).rdbuf() << '\n'
+              << again->getName() << " has " << again->getParts()->size() << " parts" << std::endl;
 
     try {
         qel::json::read<Item>(R"({"Name": "car", "Paint": "pink"})");
     } catch (xthrowable* thrown) {
-        const qel::caught failure(thrown);
-        std::cout << failure.what() << std::endl;
+        std::cout << qel::caught(thrown).what() << std::endl;
     }
-    return 0;
 }

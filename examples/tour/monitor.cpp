@@ -2,13 +2,13 @@
 
 #include <iostream>
 
-#include <qel/qelown.h>
+#include <qel/qelcpp.h>
 #include <qel/xmonlib.h>
 
 int main(int, char** argv)
 {
     // sample publish
-    const qel::owned<monFile> published(monFile::Create(argv[1], "a pump"));
+    const auto published = qel::own(monFile::Create(argv[1], "a pump"));
     monRealParam* const pressure = published->Real("pressure.bar");
     monStringParam* const state = published->String("state", 20); // room for 20 bytes
     pressure->setValue(2.5);
@@ -16,7 +16,7 @@ int main(int, char** argv)
     // end
 
     // sample watch
-    const qel::owned<monFile> watched(monFile::Open(argv[1]));
+    const auto watched = qel::own(monFile::Open(argv[1]));
     std::cout << watched->getTitle() << ": " << watched->Real("pressure.bar")->getValue() << " bar, "
               << watched->String("state", 20)->getValue() << std::endl;
     // end

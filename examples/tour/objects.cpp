@@ -41,15 +41,8 @@ void strings()
 // sample collections
 xrchandle<xanydictionary> person()
 {
-    const xrchandle<xstringsequence> languages(xstringsequence::create());
-    languages->append("French");
-    languages->append("Italian");
-
-    xrchandle<xanydictionary> made(xanydictionary::create());
-    made->set("name", "Ada");
-    made->set("age", 36);
-    made->set("address", nullptr);
-    made->set("languages", languages);
+    auto made = xanydictionary::make({{"name", "Ada"}, {"age", 36}, {"address", nullptr}});
+    made->set("languages", xstringsequence::make({"French", "Italian"}));
     return made; // the dictionary holds the sequence now, and the caller's handle the dictionary
 }
 // end
@@ -91,7 +84,7 @@ int main()
     std::cout << std::endl;
     // end
 
-    const xrchandle<xintsequence> numbers(xintsequence::create());
+    const auto numbers = xintsequence::make();
     numbers->set(2, 5); // extends it; new elements are zero
     whatItIs(numbers.get());
     whatItIs(ada.get());

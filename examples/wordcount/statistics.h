@@ -41,8 +41,8 @@ private:
     void Add(const std::string& word);
     void AddRun(const std::string& run);
 
-    xrchandle<xintdictionary> counts = xintdictionary::create();
-    xrchandle<xanysequence> top = xanysequence::create();
+    xrchandle<xintdictionary> counts = xintdictionary::make();
+    xrchandle<xanysequence> top = xanysequence::make();
     int words = 0;
     int distinct = 0;
 };
