@@ -4,8 +4,8 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <random>
-#include <stdexcept>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <vector>
 

@@ -8,6 +8,7 @@
 struct qelWholeText
 {
 };
+/// Its value.
 inline constexpr qelWholeText qelWhole;
 
 /// Writes reported values as human-readable text: each part on its own line, terminated with std::endl before
