@@ -104,7 +104,7 @@ struct Shell
 };
 constexpr Shell shells[] = {{"bash", bashScript}, {"zsh", zshScript}, {"fish", fishScript}};
 
-std::vector<std::string> ShellNames()
+std::vector<std::string> shellNames()
 {
     std::vector<std::string> names;
     for (const Shell& shell : shells)
@@ -120,17 +120,17 @@ struct Offered
     std::string says;
 };
 
-std::map<const CLI::Option*, Offers>& OffersOfOptions()
+std::map<const CLI::Option*, Offers>& offersOfOptions()
 {
     static std::map<const CLI::Option*, Offers> offers;
     return offers;
 }
 
 // The completions of a value, chosen by its type name in the help.
-std::vector<std::string> ValuesOf(const CLI::Option& option, const Typed& typed)
+std::vector<std::string> valuesOf(const CLI::Option& option, const Typed& typed)
 {
-    const auto own = OffersOfOptions().find(&option);
-    if (own != OffersOfOptions().end())
+    const auto own = offersOfOptions().find(&option);
+    if (own != offersOfOptions().end())
         return own->second(typed);
     const std::string word = option.get_type_name().substr(0, option.get_type_name().find(':'));
     if (word == "FILE")
@@ -216,7 +216,7 @@ private:
              const std::string& word)
     {
         typed.word = word;
-        for (const std::string& value : ValuesOf(option, typed))
+        for (const std::string& value : valuesOf(option, typed))
             offered.push_back({(value.starts_with(':') ? "" : before) + value, option.get_description()});
     }
 
@@ -226,7 +226,7 @@ private:
     Typed typed;
 };
 
-void Complete(const CLI::App& program, const std::vector<std::string>& words)
+void completeLine(const CLI::App& program, const std::vector<std::string>& words)
 {
     // The user waits for the result: slow completions are left out.
     std::thread([] {
@@ -250,7 +250,7 @@ void Complete(const CLI::App& program, const std::vector<std::string>& words)
     std::cout << lines << std::flush;
 }
 
-void PrintScript(const std::string& name)
+void printScript(const std::string& name)
 {
     for (const Shell& shell : shells)
         if (name == shell.name)
@@ -261,7 +261,7 @@ void PrintScript(const std::string& name)
 
 void Offer(CLI::Option& option, Offers offers)
 {
-    OffersOfOptions()[&option] = std::move(offers);
+    offersOfOptions()[&option] = std::move(offers);
 }
 
 void AddCompletionCommands(CLI::App& program)
@@ -269,19 +269,19 @@ void AddCompletionCommands(CLI::App& program)
     const auto shell = std::make_shared<std::string>();
     CLI::App& completion =
         AddCommand(program, "completion", "Write the script with which a shell completes words for qel",
-                   [shell] { PrintScript(*shell); });
+                   [shell] { printScript(*shell); });
     completion.footer("qel completion bash\tRead it in ~/.bashrc: source <(qel completion bash)\n"
                       "qel completion zsh\tRead it in ~/.zshrc: source <(qel completion zsh)\n"
                       "qel completion fish\tRead it in config.fish: qel completion fish | source\n");
     Offer(*completion.add_option("shell", *shell, "bash, zsh or fish")
                ->type_name("SHELL")
                ->required()
-               ->check(CLI::IsMember(ShellNames())),
-          [](const Typed&) { return ShellNames(); });
+               ->check(CLI::IsMember(shellNames())),
+          [](const Typed&) { return shellNames(); });
 
     const auto words = std::make_shared<std::vector<std::string>>();
     CLI::App& complete = AddCommand(program, "complete", "Print the completions of the last word",
-                                    [&program, words] { Complete(program, *words); });
+                                    [&program, words] { completeLine(program, *words); });
     complete.group(""); // for those scripts: hidden from the help
     complete.add_option("word", *words, "The words after `qel` on the command line")->type_name("WORD");
 }

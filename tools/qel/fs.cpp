@@ -24,40 +24,40 @@ namespace {
 
 constexpr int manyPaths = 1 << 20;
 
-bool IsSeparator(char c)
+bool isSeparator(char c)
 {
     return c == '/' || c == '\\';
 }
 
-std::string WithoutEndSeparators(std::string path)
+std::string withoutEndSeparators(std::string path)
 {
-    while (path.size() > 1 && IsSeparator(path.back()))
+    while (path.size() > 1 && isSeparator(path.back()))
         path.pop_back();
     return path;
 }
 
 /// The last entry of a path of the library; empty for a root and for a drive.
-std::string LastEntry(const std::string& path)
+std::string lastEntry(const std::string& path)
 {
-    const std::string whole = WithoutEndSeparators(path);
+    const std::string whole = withoutEndSeparators(path);
     const std::size_t end = whole.find_last_of("/\\:");
     return end == std::string::npos ? whole : whole.substr(end + 1);
 }
 
-bool HasOwnName(const std::string& path)
+bool hasOwnName(const std::string& path)
 {
-    const std::string entry = LastEntry(path);
+    const std::string entry = lastEntry(path);
     return !entry.empty() && entry != "." && entry != "..";
 }
 
-std::string Joined(const std::string& directory, const std::string& name)
+std::string joined(const std::string& directory, const std::string& name)
 {
-    return IsSeparator(directory.back()) ? directory + name : directory + '/' + name;
+    return isSeparator(directory.back()) ? directory + name : directory + '/' + name;
 }
 
 /// Runs a command of this group; exceptions of the file library become its failure.
 template<class Work>
-void Tried(Work work)
+void tried(Work work)
 {
     try {
         work();
@@ -75,9 +75,9 @@ public:
     {
         ++calls;
         if (total > 0)
-            line.Show(ShownAs(LastEntry(path)), done, total);
+            line.Show(ShownAs(lastEntry(path)), done, total);
         else // removed nodes, and empty files
-            line.ShowCount(ShownAs(LastEntry(path)), calls);
+            line.ShowCount(ShownAs(lastEntry(path)), calls);
         return interrupt == nullptr || interrupt->getIsSignaled() == 0;
     }
 
@@ -143,14 +143,14 @@ struct ListChoices
     bool isLong = false;
 };
 
-std::string TimeText(tmTime* time)
+std::string timeText(tmTime* time)
 {
     const qel::owned<tmTime> owned(time);
     return tmTime::TimeToString(time, "%Y-%m-%dT%H:%M:%S%z").CastToCString();
 }
 
 /// The status of the node at `path`, under its printed name.
-Json NodeOf(const std::string& path, const std::string& name)
+Json nodeOf(const std::string& path, const std::string& name)
 {
     fsNodeInfo info;
     if (info.Initialize(path.c_str()) == 0) // a dangling link, or deleted meanwhile
@@ -159,10 +159,10 @@ Json NodeOf(const std::string& path, const std::string& name)
     return {{"name", name},
             {"type", isDirectory ? "directory" : "file"},
             {"size", isDirectory ? Json() : Json(static_cast<long long>(info.getSize()))},
-            {"modified", TimeText(info.getModTime())}};
+            {"modified", timeText(info.getModTime())}};
 }
 
-std::string Names(const Json& nodes)
+std::string namesIn(const Json& nodes)
 {
     std::string lines;
     for (const Json& node : nodes) {
@@ -172,7 +172,7 @@ std::string Names(const Json& nodes)
     return lines;
 }
 
-std::string Rows(const Json& nodes)
+std::string rowsOf(const Json& nodes)
 {
     constexpr std::size_t toSeconds = 19; // "2024-02-29T23:59:59"
     Json rows = Json::array();
@@ -188,7 +188,7 @@ std::string Rows(const Json& nodes)
     return AsText(rows);
 }
 
-void List(const ListChoices& choices)
+void listFolder(const ListChoices& choices)
 {
     Json nodes = Json::array();
     const std::string path = PathOf(choices.path);
@@ -202,12 +202,12 @@ void List(const ListChoices& choices)
                 sorted[shown] = name;
         }
         for (const auto& [shown, name] : sorted)
-            nodes.push_back(NodeOf(Joined(path, name), shown));
+            nodes.push_back(nodeOf(joined(path, name), shown));
     } else {
         fsGetNodeInfo(path.c_str()); // throws if there is a failure
-        nodes.push_back(NodeOf(path, choices.path));
+        nodes.push_back(nodeOf(path, choices.path));
     }
-    Show(nodes, choices.isLong ? &Rows : &Names);
+    Show(nodes, choices.isLong ? &rowsOf : &namesIn);
 }
 
 // ---- cp
@@ -222,19 +222,19 @@ struct CopyChoices
 };
 
 /// The path that a copy of `from` gets: `to`, or in it when it is a directory.
-std::string TargetOf(const std::string& from, const std::string& to, bool isOnlyOne)
+std::string targetOf(const std::string& from, const std::string& to, bool isOnlyOne)
 {
     if (fshIsDirectory(to.c_str()) == 0) {
         if (!isOnlyOne)
             Fail(Exit::no, ShownAs(to), "is no directory");
         return to;
     }
-    if (!HasOwnName(from))
+    if (!hasOwnName(from))
         Fail(Exit::usage, ShownAs(from), "has no name to be copied under; name the new directory");
-    return Joined(to, LastEntry(from));
+    return joined(to, lastEntry(from));
 }
 
-bool IsReadable(const std::string& path)
+bool isReadable(const std::string& path)
 {
     fsiFile file;
     fsiDir directory;
@@ -243,7 +243,7 @@ bool IsReadable(const std::string& path)
 }
 
 /// The failure of a copy, for which the library names the source, with the path that is at fault.
-CommandFailed CopyFailureOf(xthrowable* refused, const std::string& from, const std::string& to)
+CommandFailed copyFailureOf(xthrowable* refused, const std::string& from, const std::string& to)
 {
     constexpr unsigned ofDestination[] = {ERROR_DISK_FULL, ERROR_NOT_ENOUGH_QUOTA, ERROR_FILE_TOO_LARGE,
                                           ERROR_WRITE_PROTECT};
@@ -265,13 +265,13 @@ CommandFailed CopyFailureOf(xthrowable* refused, const std::string& from, const 
         failed.why = "no such directory; --parents creates it";
     } else if (isFull && failed.what.starts_with(source)) {
         failed.what.replace(0, source.size(), ShownAs(to));
-    } else if (isDenied && isSource && IsReadable(from)) {
+    } else if (isDenied && isSource && isReadable(from)) {
         failed.what = ShownAs(to);
     }
     return failed;
 }
 
-void Copy(const CopyChoices& choices)
+void copyTree(const CopyChoices& choices)
 {
     std::vector<std::string> sources;
     for (const std::string& typed : choices.paths)
@@ -282,13 +282,13 @@ void Copy(const CopyChoices& choices)
     for (const std::string& from : sources) {
         if (!choices.tree.recursive && fshIsDirectory(from.c_str()) == 1)
             Fail(Exit::no, ShownAs(from), "is a directory; --recursive copies it");
-        const std::string to = TargetOf(from, destination, sources.size() == 1);
+        const std::string to = targetOf(from, destination, sources.size() == 1);
         Watch watch;
         try {
             fsCopy(from.c_str(), to.c_str(), choices.existing, choices.links,
                    choices.parents ? fsRecursive : fsSimple, leftOut, &watch, choices.tree.Mounts());
         } catch (xthrowable* refused) {
-            throw CopyFailureOf(refused, from, to);
+            throw copyFailureOf(refused, from, to);
         }
     }
     leftOut.Tell();
@@ -303,12 +303,12 @@ struct RemoveChoices
     bool force = false;
 };
 
-void Remove(const RemoveChoices& choices)
+void removeTree(const RemoveChoices& choices)
 {
     std::vector<std::string> paths;
     for (const std::string& typed : choices.paths) {
         paths.push_back(PathOf(typed));
-        if (!HasOwnName(paths.back()))
+        if (!hasOwnName(paths.back()))
             Fail(Exit::usage, typed, "roots, \".\" and \"..\" are not removed");
     }
     LeftOut leftOut("rm", choices.tree.keepGoing, choices.force);
@@ -366,7 +366,7 @@ private:
 
 constexpr std::size_t blockSize = 256 * 1024;
 
-std::string SumOfInput()
+std::string sumOfInput()
 {
     Sha256 sum;
     std::vector<char> block(blockSize);
@@ -377,7 +377,7 @@ std::string SumOfInput()
     return sum.Hex();
 }
 
-std::string SumOfFile(const std::string& typed)
+std::string sumOfFile(const std::string& typed)
 {
     const std::string path = PathOf(typed);
     if (fshIsDirectory(path.c_str()) == 1)
@@ -395,14 +395,14 @@ std::string SumOfFile(const std::string& typed)
     while ((status = file.Read(block.data(), block.size(), &size)) == fsIOOk) {
         sum.Add(block.data(), size);
         done += static_cast<double>(size);
-        line.Show(ShownAs(LastEntry(path)), done, info->getSize());
+        line.Show(ShownAs(lastEntry(path)), done, info->getSize());
     }
     if (status == fsIOFailed)
         FailForLastError(typed);
     return sum.Hex();
 }
 
-std::string SimpleSumOf(const std::string& typed)
+std::string simpleSumOf(const std::string& typed)
 {
     std::array<char, 9> text{};
     std::snprintf(text.data(), text.size(), "%08x",
@@ -412,7 +412,7 @@ std::string SimpleSumOf(const std::string& typed)
 
 /// A line as the usual programs for checksums read it: a name with a line end in it is escaped, marked by a
 /// backslash at the beginning.
-std::string SumLines(const Json& sums)
+std::string sumLines(const Json& sums)
 {
     static const std::map<char, const char*> escapes = {{'\n', "\\n"}, {'\r', "\\r"}, {'\\', "\\\\"}};
     std::string lines;
@@ -429,32 +429,32 @@ std::string SumLines(const Json& sums)
     return lines;
 }
 
-void Sum(const SumChoices& choices)
+void printSums(const SumChoices& choices)
 {
     Json sums = Json::array();
     CommandFailed first{Exit::yes, {}, {}};
     for (const std::string& path : choices.paths)
         try {
-            Tried([&] {
+            tried([&] {
                 if (path == "-" && choices.simple)
                     Fail(Exit::usage, path, "--simple needs files");
                 sums.push_back({{"file", path},
-                                {"sum", choices.simple ? SimpleSumOf(path)
-                                        : path == "-"  ? SumOfInput()
-                                                       : SumOfFile(path)}});
+                                {"sum", choices.simple ? simpleSumOf(path)
+                                        : path == "-"  ? sumOfInput()
+                                                       : sumOfFile(path)}});
             });
         } catch (const CommandFailed& failed) {
             if (first.status == Exit::yes)
                 first = failed;
         }
-    Show(sums, &SumLines);
+    Show(sums, &sumLines);
     if (first.status != Exit::yes)
         throw first;
 }
 
 // ---- the group
 
-void OfferTree(CLI::App& command, TreeChoices& tree, const char* recursive)
+void offerTree(CLI::App& command, TreeChoices& tree, const char* recursive)
 {
     command.add_flag("-r,--recursive", tree.recursive, recursive);
     command.add_flag("--keep-going", tree.keepGoing,
@@ -462,20 +462,20 @@ void OfferTree(CLI::App& command, TreeChoices& tree, const char* recursive)
     command.add_flag("--one-file-system", tree.oneFileSystem, "Pass over what is mounted in directories");
 }
 
-std::vector<std::string> Files(const Typed&)
+std::vector<std::string> files(const Typed&)
 {
     return {":files"};
 }
 
-void AddList(CLI::App& group)
+void addList(CLI::App& group)
 {
     const auto choices = std::make_shared<ListChoices>();
     CLI::App& list = AddCommand(group, "ls", "Print what a directory holds, in the order of the names",
-                                [choices] { Tried([&] { List(*choices); }); });
+                                [choices] { tried([&] { listFolder(*choices); }); });
     Offer(*list.add_option("path", choices->path, "The directory, or a file")
                ->type_name("PATH")
                ->capture_default_str(),
-          &Files);
+          &files);
     list.add_option("--like", choices->pattern, "Only names that are like this; * and ? stand for others")
         ->type_name("PATTERN")
         ->capture_default_str();
@@ -484,18 +484,18 @@ void AddList(CLI::App& group)
     OfferJson(list);
 }
 
-void AddCopy(CLI::App& group)
+void addCopy(CLI::App& group)
 {
     const auto choices = std::make_shared<CopyChoices>();
     CLI::App& copy = AddCommand(group, "cp", "Copy files and directories, with rights, times and holes",
-                                [choices] { Tried([&] { Copy(*choices); }); });
+                                [choices] { tried([&] { copyTree(*choices); }); });
     Offer(*copy.add_option("path", choices->paths,
                            "What to copy, and last its new path or a directory to copy into")
                ->type_name("PATH")
                ->required()
                ->expected(2, manyPaths),
-          &Files);
-    OfferTree(copy, choices->tree, "Directories too, with everything in them");
+          &files);
+    offerTree(copy, choices->tree, "Directories too, with everything in them");
     copy.add_flag("-p,--parents", choices->parents,
                   "Create the missing directories on the way to the new path");
     copy.add_option("--existing", choices->existing,
@@ -514,24 +514,24 @@ void AddCopy(CLI::App& group)
     OfferNative(copy);
 }
 
-void AddRemove(CLI::App& group)
+void addRemove(CLI::App& group)
 {
     const auto choices = std::make_shared<RemoveChoices>();
     CLI::App& remove = AddCommand(group, "rm", "Remove files and empty directories; of a soft link, the link",
-                                  [choices] { Tried([&] { Remove(*choices); }); });
+                                  [choices] { tried([&] { removeTree(*choices); }); });
     Offer(*remove.add_option("path", choices->paths, "What to remove")->type_name("PATH")->required(),
-          &Files);
-    OfferTree(remove, choices->tree, "Directories with everything in them");
+          &files);
+    offerTree(remove, choices->tree, "Directories with everything in them");
     remove.add_flag("-f,--force", choices->force, "Say nothing of what is not there");
     OfferNative(remove);
 }
 
-void AddSum(CLI::App& group)
+void addSum(CLI::App& group)
 {
     const auto choices = std::make_shared<SumChoices>();
     CLI::App& sum =
         AddCommand(group, "sum", "Print the SHA-256 checksums of files, as `sha256sum --check` reads them",
-                   [choices] { Sum(*choices); });
+                   [choices] { printSums(*choices); });
     sum.add_option("file", choices->paths, "The files (default: -, the standard input)")->type_name("FILE");
     sum.add_flag("--simple", choices->simple, "The library's own checksum, of 32 bits, instead");
     OfferNative(sum);
@@ -549,8 +549,8 @@ void AddFileCommands(CLI::App& program)
                   {"qel fs rm -r old", "Remove a directory with everything in it."},
                   {"qel fs sum *.bin >SUMS", "Checksums that `sha256sum --check SUMS` compares."},
                   {"qel fs sum --json /etc/hosts", "A checksum for a program."}});
-    AddList(group);
-    AddCopy(group);
-    AddRemove(group);
-    AddSum(group);
+    addList(group);
+    addCopy(group);
+    addRemove(group);
+    addSum(group);
 }

@@ -12,7 +12,7 @@ namespace {
 
 // If the program was started without a standard stream, its number must not be taken by the first file or
 // connection that is opened. Reading such a stream returns end of file, and writing it fails.
-void FillStandardStreams()
+void fillStandardStreams()
 {
     btkFd opened;
     do {
@@ -21,7 +21,7 @@ void FillStandardStreams()
     } while (opened && opened.Get() <= 2);
 }
 
-int Report(const CLI::App& program, const CommandFailed& failed)
+int report(const CLI::App& program, const CommandFailed& failed)
 {
     const std::string what = failed.what.empty() ? std::string() : Printable(failed.what) + ": ";
     if (!failed.why.empty())
@@ -29,7 +29,7 @@ int Report(const CLI::App& program, const CommandFailed& failed)
     return static_cast<int>(failed.status);
 }
 
-std::string WhatIsWrong(const CLI::App& program, const CLI::ParseError& problem)
+std::string whatIsWrong(const CLI::App& program, const CLI::ParseError& problem)
 {
     const std::string command = CommandLineOf(program);
     const std::vector<std::string> left = program.remaining(true);
@@ -41,7 +41,7 @@ std::string WhatIsWrong(const CLI::App& program, const CLI::ParseError& problem)
 }
 
 // The command that was named last, if it is a group and nothing follows; null: anything else.
-const CLI::App* UnfinishedGroup(const CLI::App& program, const CLI::ParseError& problem)
+const CLI::App* unfinishedGroup(const CLI::App& program, const CLI::ParseError& problem)
 {
     const CLI::App& command = CommandOf(program);
     const bool isRequired = dynamic_cast<const CLI::RequiredError*>(&problem) != nullptr;
@@ -49,7 +49,7 @@ const CLI::App* UnfinishedGroup(const CLI::App& program, const CLI::ParseError& 
     return isRequired && isGroup && program.remaining(true).empty() ? &command : nullptr;
 }
 
-int Run(CLI::App& program, int argc, char** argv)
+int run(CLI::App& program, int argc, char** argv)
 {
     try {
         BuildProgram(program);
@@ -57,20 +57,20 @@ int Run(CLI::App& program, int argc, char** argv)
     } catch (const CLI::Success& asked) { // for the help or the version
         program.exit(asked);
     } catch (const CLI::ParseError& problem) {
-        if (const CLI::App* const group = UnfinishedGroup(program, problem)) {
+        if (const CLI::App* const group = unfinishedGroup(program, problem)) {
             std::cerr << HelpText(*group, CommandLineOf(program));
             return static_cast<int>(Exit::usage);
         }
-        return Report(program, {Exit::usage, {}, WhatIsWrong(program, problem)});
+        return report(program, {Exit::usage, {}, whatIsWrong(program, problem)});
     } catch (const CommandFailed& failed) {
-        return Report(program, failed);
+        return report(program, failed);
     } catch (const std::exception& failure) {
-        return Report(program, {Exit::peer, {}, failure.what()});
+        return report(program, {Exit::peer, {}, failure.what()});
     } catch (xthrowable* failure) {
-        return Report(program, FailureOf(failure));
+        return report(program, FailureOf(failure));
     }
     if (!std::cout.flush())
-        return Report(program, {Exit::peer, "standard output", std::strerror(errno)});
+        return report(program, {Exit::peer, "standard output", std::strerror(errno)});
     return 0;
 }
 
@@ -78,7 +78,7 @@ int Run(CLI::App& program, int argc, char** argv)
 
 int main(int argc, char** argv)
 {
-    FillStandardStreams();
+    fillStandardStreams();
     CLI::App program("Runs and queries the parts of a distributed system.", "qel");
-    return Run(program, argc, argv);
+    return run(program, argc, argv);
 }

@@ -32,7 +32,7 @@ struct Choices
 
 /// The whole text as a number; ends the program when it is not a number of that type.
 template<class Number>
-Number NumberOf(const std::string& text, const char* kind)
+Number numberOf(const std::string& text, const char* kind)
 {
     Number number{};
     const char* const end = text.data() + text.size();
@@ -43,7 +43,7 @@ Number NumberOf(const std::string& text, const char* kind)
     return number;
 }
 
-unsigned char TruthOf(const std::string& text)
+unsigned char truthOf(const std::string& text)
 {
     const bool isTrue = text == "yes" || text == "true" || text == "1";
     if (!isTrue && text != "no" && text != "false" && text != "0")
@@ -51,14 +51,14 @@ unsigned char TruthOf(const std::string& text)
     return isTrue;
 }
 
-void SetValue(monParam& parameter, const std::string& value)
+void assign(monParam& parameter, const std::string& value)
 {
     if (auto* const truth = monBoolParam::softcast(&parameter))
-        truth->setValue(TruthOf(value));
+        truth->setValue(truthOf(value));
     else if (auto* const number = monIntParam::softcast(&parameter))
-        number->setValue(NumberOf<int>(value, "int"));
+        number->setValue(numberOf<int>(value, "int"));
     else if (auto* const real = monRealParam::softcast(&parameter))
-        real->setValue(NumberOf<double>(value, "real"));
+        real->setValue(numberOf<double>(value, "real"));
     else if (auto* const text = monStringParam::softcast(&parameter)) {
         if (value.size() > static_cast<std::size_t>(text->getSize()))
             Fail(Exit::no, parameter.getName().CastToCString(),
@@ -69,26 +69,26 @@ void SetValue(monParam& parameter, const std::string& value)
 
 /// Runs the work on the file, and reports the file's failures.
 template<class Work>
-void OnFile(const Choices& choices, Work work)
+void onFile(const Choices& choices, Work work)
 try {
     work();
 } catch (xthrowable* thrown) {
     throw FailureOf(thrown, Exit::peer, choices.path);
 }
 
-void Create(const Choices& choices)
+void createFile(const Choices& choices)
 {
     std::error_code ignored;
     if (!choices.replaces && std::filesystem::exists(choices.path, ignored))
         Fail(Exit::no, choices.path, "there is a file; --replace makes it anew");
-    OnFile(choices, [&] {
+    onFile(choices, [&] {
         const Monitor file(monFile::Create(PathOf(choices.path).c_str(), choices.title.c_str()));
         if (file == nullptr)
             Fail(Exit::peer, choices.path, "cannot be written");
     });
 }
 
-monParam* Added(monFile& file, const Choices& choices)
+monParam* added(monFile& file, const Choices& choices)
 {
     const char* const name = choices.name.c_str();
     if (choices.kind == "bool")
@@ -100,36 +100,36 @@ monParam* Added(monFile& file, const Choices& choices)
     return file.String(name, std::max(choices.capacity, static_cast<int>(choices.value.size())));
 }
 
-void Add(const Choices& choices)
+void addValue(const Choices& choices)
 {
-    OnFile(choices, [&] {
+    onFile(choices, [&] {
         const Monitor file = OpenMonitor(choices.path);
         // Checked before the parameter is added permanently.
         if (choices.kind == "int" && !choices.value.empty())
-            NumberOf<int>(choices.value, "int");
+            numberOf<int>(choices.value, "int");
         else if (choices.kind == "real" && !choices.value.empty())
-            NumberOf<double>(choices.value, "real");
+            numberOf<double>(choices.value, "real");
         else if (choices.kind == "bool" && !choices.value.empty())
-            TruthOf(choices.value);
-        monParam* const parameter = Added(*file, choices);
+            truthOf(choices.value);
+        monParam* const parameter = added(*file, choices);
         if (parameter == nullptr)
             Fail(Exit::no, choices.name, "is there, with another type");
         if (!choices.value.empty())
-            SetValue(*parameter, choices.value);
+            assign(*parameter, choices.value);
     });
 }
 
-void Set(const Choices& choices)
+void setParameter(const Choices& choices)
 {
-    OnFile(choices, [&] {
+    onFile(choices, [&] {
         const Monitor file = OpenMonitor(choices.path);
-        SetValue(ParameterOf(*file, choices.path, choices.name), choices.value);
+        assign(ParameterOf(*file, choices.path, choices.name), choices.value);
     });
 }
 
-void Get(const Choices& choices)
+void getValues(const Choices& choices)
 {
-    OnFile(choices, [&] {
+    onFile(choices, [&] {
         const Monitor file = OpenMonitor(choices.path);
         if (choices.names.size() == 1) {
             Show(ValueOf(ParameterOf(*file, choices.path, choices.names.front())));
@@ -142,9 +142,9 @@ void Get(const Choices& choices)
     });
 }
 
-void List(const Choices& choices)
+void listValues(const Choices& choices)
 {
-    OnFile(choices, [&] {
+    onFile(choices, [&] {
         const Monitor file = OpenMonitor(choices.path);
         Json rows = Json::array();
         for (monParam* const parameter : ParametersOf(*file)) {
@@ -158,9 +158,9 @@ void List(const Choices& choices)
     });
 }
 
-void Check(const Choices& choices)
+void checkFile(const Choices& choices)
 {
-    OnFile(choices, [&] {
+    onFile(choices, [&] {
         const Monitor file = OpenMonitor(choices.path);
         int offset = 0;
         const monFile::State state = file->Check(offset);
@@ -176,7 +176,7 @@ void Check(const Choices& choices)
     });
 }
 
-void AddParameter(CLI::App& command, std::string& name)
+void addParameter(CLI::App& command, std::string& name)
 {
     Offer(*command.add_option("parameter", name, "Name of the parameter")->type_name("NAME")->required(),
           &KnownParameters);
@@ -290,13 +290,13 @@ void AddMonitorCommands(CLI::App& program)
     const auto choices = std::make_shared<Choices>();
 
     CLI::App& create = AddCommand(group, "create", "Make a monitor file without parameters",
-                                  [choices] { Create(*choices); });
+                                  [choices] { createFile(*choices); });
     AddMonitorFile(create, choices->path);
     create.add_option("--title", choices->title, "What is to be watched")->type_name("TITLE");
     create.add_flag("--replace", choices->replaces, "Make it anew when it is there");
 
     CLI::App& add = AddCommand(group, "add", "Add a parameter; one that is there stays, and gets the value",
-                               [choices] { Add(*choices); });
+                               [choices] { addValue(*choices); });
     AddMonitorFile(add, choices->path);
     add.add_option("parameter", choices->name, "Name of the parameter")->type_name("NAME")->required();
     Offer(*add.add_option("type", choices->kind, "bool, int, real or string")
@@ -313,12 +313,14 @@ void AddMonitorCommands(CLI::App& program)
         ->check(CLI::Range(0, std::numeric_limits<int>::max()).description(""))
         ->capture_default_str();
 
-    CLI::App& set = AddCommand(group, "set", "Give a parameter a value", [choices] { Set(*choices); });
+    CLI::App& set =
+        AddCommand(group, "set", "Give a parameter a value", [choices] { setParameter(*choices); });
     AddMonitorFile(set, choices->path);
-    AddParameter(set, choices->name);
+    addParameter(set, choices->name);
     set.add_option("value", choices->value, "A number, a text, yes or no")->type_name("VALUE")->required();
 
-    CLI::App& get = AddCommand(group, "get", "Print the values of parameters", [choices] { Get(*choices); });
+    CLI::App& get =
+        AddCommand(group, "get", "Print the values of parameters", [choices] { getValues(*choices); });
     AddMonitorFile(get, choices->path);
     Offer(*get.add_option("parameter", choices->names, "Names of the parameters")
                ->type_name("NAME")
@@ -327,14 +329,14 @@ void AddMonitorCommands(CLI::App& program)
     OfferJson(get);
 
     CLI::App& list = AddCommand(group, "list", "Print all parameters with their types and values",
-                                [choices] { List(*choices); });
+                                [choices] { listValues(*choices); });
     AddMonitorFile(list, choices->path);
     OfferJson(list);
 
     CLI::App& check =
         AddCommand(group, "check",
                    "Say whether the file is whole, and else where the damage begins; the answer is no then",
-                   [choices] { Check(*choices); });
+                   [choices] { checkFile(*choices); });
     AddMonitorFile(check, choices->path);
     OfferJson(check);
 

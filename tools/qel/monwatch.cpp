@@ -124,7 +124,7 @@ private:
 };
 
 // Hands over one sample after the other until the count is reached or the user interrupts.
-void ForEachSample(const Choices& choices, const std::function<void(const Sample&)>& take)
+void forEachSample(const Choices& choices, const std::function<void(const Sample&)>& take)
 {
     Watcher watcher(choices);
     const qel::owned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
@@ -141,7 +141,7 @@ void ForEachSample(const Choices& choices, const std::function<void(const Sample
 }
 
 // The value as a number, if it can be drawn.
-const double* NumberIn(const Json& value, double& number)
+const double* numberIn(const Json& value, double& number)
 {
     if (!value.is_number() && !value.is_boolean())
         return nullptr;
@@ -151,7 +151,7 @@ const double* NumberIn(const Json& value, double& number)
 
 // ---- the forms of a sample
 
-std::string InQuotes(const std::string& text, char quote)
+std::string inQuotes(const std::string& text, char quote)
 {
     std::string quoted(1, quote);
     for (const char c : text)
@@ -159,15 +159,15 @@ std::string InQuotes(const std::string& text, char quote)
     return quoted + quote;
 }
 
-std::string CsvField(const Json& value)
+std::string csvField(const Json& value)
 {
     const std::string text = value.is_null()     ? std::string()
                              : value.is_string() ? value.get<std::string>()
                                                  : value.dump();
-    return text.find_first_of(",\"\r\n") == std::string::npos ? text : InQuotes(text, '"');
+    return text.find_first_of(",\"\r\n") == std::string::npos ? text : inQuotes(text, '"');
 }
 
-std::string TimeText(const Sample& sample)
+std::string timeText(const Sample& sample)
 {
     std::ostringstream text;
     text.precision(3);
@@ -175,19 +175,19 @@ std::string TimeText(const Sample& sample)
     return text.str();
 }
 
-void PrintCsv(const Sample& sample)
+void printCsv(const Sample& sample)
 {
     if (!sample.isLive)
         return;
     for (const auto& [name, value] : sample.values.items())
-        std::cout << TimeText(sample) << ',' << CsvField(name) << ',' << CsvField(value) << '\n';
+        std::cout << timeText(sample) << ',' << csvField(name) << ',' << csvField(value) << '\n';
     std::cout.flush();
 }
 
-void PrintJson(const Sample& sample)
+void printJson(const Sample& sample)
 {
     Json line;
-    line["time"] = std::stod(TimeText(sample));
+    line["time"] = std::stod(timeText(sample));
     line["title"] = sample.title;
     line["values"] = sample.values;
     if (!sample.problem.empty())
@@ -195,7 +195,7 @@ void PrintJson(const Sample& sample)
     std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
 }
 
-void PrintText(const Sample& sample)
+void printText(const Sample& sample)
 {
     Json rows = Json::array();
     for (const auto& [name, value] : sample.values.items())
@@ -220,7 +220,7 @@ public:
             if (known.value != value)
                 known = {value, sample.time, true, std::move(known.past)};
             double number = 0;
-            const bool isDrawn = NumberIn(value, number) != nullptr;
+            const bool isDrawn = numberIn(value, number) != nullptr;
             if (isDrawn && sample.isLive)
                 remember(known.past, number);
             std::string text = AsText(value);
@@ -249,7 +249,7 @@ private:
     std::map<std::string, Known> all;
 };
 
-void WatchOnScreen(const Choices& choices)
+void watchOnScreen(const Choices& choices)
 {
     Watcher watcher(choices);
     Rows rows;
@@ -261,16 +261,16 @@ void WatchOnScreen(const Choices& choices)
     }
 }
 
-void Watch(const Choices& choices)
+void watchValues(const Choices& choices)
 {
     if (choices.asCsv)
         std::cout << "time,name,value\n";
     if (choices.asCsv || choices.asJson) {
-        ForEachSample(choices, choices.asCsv ? &PrintCsv : &PrintJson);
+        forEachSample(choices, choices.asCsv ? &printCsv : &printJson);
     } else if (Screen::isPossible() && !choices.isOnce) {
-        WatchOnScreen(choices);
+        watchOnScreen(choices);
     } else {
-        ForEachSample(choices, &PrintText);
+        forEachSample(choices, &printText);
     }
 }
 
@@ -278,18 +278,18 @@ void Watch(const Choices& choices)
 
 using Curve = std::vector<std::pair<double, double>>; // seconds since the first sample, and the value
 
-std::string ScriptFor(const std::map<std::string, Curve>& curves, const std::string& title,
+std::string scriptFor(const std::map<std::string, Curve>& curves, const std::string& title,
                       const std::string& picture)
 {
     std::ostringstream script;
     script << (picture.empty() ? "set terminal dumb 79 24 noenhanced\n"
                                : "set terminal svg size 900,450 noenhanced background 'white'\nset output " +
-                                     InQuotes(picture, '\'') + '\n');
-    script << "set title " << InQuotes(Printable(title), '\'')
+                                     inQuotes(picture, '\'') + '\n');
+    script << "set title " << inQuotes(Printable(title), '\'')
            << "\nset xlabel 'seconds'\nset key below\nplot ";
     const char* separator = "";
     for (const auto& [name, curve] : curves) {
-        script << separator << "'-' using 1:2 with lines title " << InQuotes(Printable(name), '\'');
+        script << separator << "'-' using 1:2 with lines title " << inQuotes(Printable(name), '\'');
         separator = ", ";
     }
     script << '\n';
@@ -303,7 +303,7 @@ std::string ScriptFor(const std::map<std::string, Curve>& curves, const std::str
 }
 
 // Runs gnuplot, which draws to the standard output or to the file named in the script.
-void Draw(const std::string& script)
+void drawPicture(const std::string& script)
 {
     try {
         const qel::owned<ioPipe> pipe(ioPipe::Create());
@@ -322,27 +322,27 @@ void Draw(const std::string& script)
     }
 }
 
-void Plot(const Choices& choices)
+void plotSamples(const Choices& choices)
 {
     std::map<std::string, Curve> curves;
     std::string title = choices.path;
     double start = 0;
-    ForEachSample(choices, [&](const Sample& sample) {
+    forEachSample(choices, [&](const Sample& sample) {
         if (start == 0)
             start = sample.time;
         if (!sample.title.empty())
             title = sample.title;
         for (const auto& [name, value] : sample.values.items())
-            if (double number = 0; sample.isLive && NumberIn(value, number) != nullptr)
+            if (double number = 0; sample.isLive && numberIn(value, number) != nullptr)
                 curves[name].emplace_back(sample.time - start, number);
     });
     if (curves.empty())
         Fail(Exit::no, choices.path, "no numbers to draw");
-    Draw(ScriptFor(curves, title, choices.picture));
+    drawPicture(scriptFor(curves, title, choices.picture));
 }
 
 // The options of both commands.
-void AddSampling(CLI::App& command, Choices& choices, const char* countHelp)
+void addSampling(CLI::App& command, Choices& choices, const char* countHelp)
 {
     AddMonitorFile(command, choices.path);
     Offer(*command.add_option("parameter", choices.names, "Names of parameters (default: all)")
@@ -367,8 +367,8 @@ void AddWatchCommands(CLI::App& group)
                    "Show the values as they change: on a terminal in place, each with its age and a "
                    "number with a line of what it was, where keys sort, filter, scroll and pause; "
                    "else as a table for each sample",
-                   [watched] { Watch(*watched); });
-    AddSampling(watch, *watched, "Samples to be taken (default: until Ctrl-C)");
+                   [watched] { watchValues(*watched); });
+    addSampling(watch, *watched, "Samples to be taken (default: until Ctrl-C)");
     watch.add_option("--old", watched->oldAge, "Age of the last change from which values are marked as old")
         ->type_name("SECONDS")
         ->check(CLI::NonNegativeNumber)
@@ -382,8 +382,8 @@ void AddWatchCommands(CLI::App& group)
     plotted->count = 60;
     CLI::App& plot =
         AddCommand(group, "plot", "Take samples and draw the numbers over the time, with the program gnuplot",
-                   [plotted] { Plot(*plotted); });
-    AddSampling(plot, *plotted, "Samples to be taken (default: 60); Ctrl-C ends it early");
+                   [plotted] { plotSamples(*plotted); });
+    addSampling(plot, *plotted, "Samples to be taken (default: 60); Ctrl-C ends it early");
     plot.add_option("--svg", plotted->picture, "Draw into this file (default: with characters)")
         ->type_name("FILE");
 }

@@ -53,13 +53,13 @@ struct AskChoices
     }
 };
 
-void AddHost(CLI::App& command, AskChoices& choices)
+void addHost(CLI::App& command, AskChoices& choices)
 {
     command.add_option("--host", choices.host, "Machine of the name server (default: this one)")
         ->type_name("HOST");
 }
 
-void AddLimit(CLI::App& command, const char* names, const char* help, double& seconds)
+void addLimit(CLI::App& command, const char* names, const char* help, double& seconds)
 {
     command.add_option(names, seconds, help)
         ->type_name("SECONDS")
@@ -67,7 +67,7 @@ void AddLimit(CLI::App& command, const char* names, const char* help, double& se
         ->capture_default_str();
 }
 
-void Require(const AskChoices& choices, capi_nmsError* answered)
+void require(const AskChoices& choices, capi_nmsError* answered)
 {
     const nmsOwnedError error(answered);
     if (error == nullptr)
@@ -83,7 +83,7 @@ void Require(const AskChoices& choices, capi_nmsError* answered)
 }
 
 // Escaped for lines that a shell script splits: a backslash precedes each backslash and blank.
-std::string Quoted(const std::string& text)
+std::string inQuotes(const std::string& text)
 {
     std::string quoted;
     for (const char c : Printable(text)) {
@@ -94,24 +94,24 @@ std::string Quoted(const std::string& text)
     return quoted;
 }
 
-std::string RecordLines(const Json& records)
+std::string recordLines(const Json& records)
 {
     std::string lines;
     for (const Json& record : records) {
         lines += std::to_string(record["process"].get<int>());
         for (const auto& [name, value] : record["fields"].items())
-            lines += ' ' + Quoted(name) + '=' + Quoted(value);
+            lines += ' ' + inQuotes(name) + '=' + inQuotes(value);
         lines += '\n';
     }
     return lines;
 }
 
-Json Matching(const AskChoices& choices)
+Json matching(const AskChoices& choices)
 {
     const nmsOwnedRecord pattern = choices.MakeRecord();
     capi_nmsRecordArray* found = nullptr;
     int count = 0;
-    Require(choices, nmsServQuery(choices.Connect().get(), pattern.get(), &found, &count));
+    require(choices, nmsServQuery(choices.Connect().get(), pattern.get(), &found, &count));
     const nmsOwnedRecords held(found);
     Json records = Json::array();
     for (int i = 0; i < count; ++i) {
@@ -124,50 +124,50 @@ Json Matching(const AskChoices& choices)
     return records;
 }
 
-void List(const AskChoices& choices)
+void listRecords(const AskChoices& choices)
 {
-    Show(Matching(choices), &RecordLines);
+    Show(matching(choices), &recordLines);
 }
 
-void Query(const AskChoices& choices)
+void queryRecords(const AskChoices& choices)
 {
-    const Json records = Matching(choices);
-    Show(records, &RecordLines);
+    const Json records = matching(choices);
+    Show(records, &recordLines);
     if (records.empty())
         AnswerNo();
 }
 
-void Register(const AskChoices& choices)
+void registerRecord(const AskChoices& choices)
 {
-    Require(choices, nmsServRegister(choices.Connect().get(), choices.MakeRecord().get()));
+    require(choices, nmsServRegister(choices.Connect().get(), choices.MakeRecord().get()));
 }
 
-void Delete(const AskChoices& choices)
+void deleteRecord(const AskChoices& choices)
 {
     int count = 0;
-    Require(choices, nmsServRemove(choices.Connect().get(), choices.MakeRecord().get(), &count));
+    require(choices, nmsServRemove(choices.Connect().get(), choices.MakeRecord().get(), &count));
     Show(count);
 }
 
-void Ping(const AskChoices& choices)
+void pingServer(const AskChoices& choices)
 {
-    Require(choices, nmsServPing(choices.Connect().get()));
+    require(choices, nmsServPing(choices.Connect().get()));
 }
 
-void PrintVersion(const AskChoices& choices)
+void printVersion(const AskChoices& choices)
 {
     const nmsOwnedRecord answer(nmsRecCreate(0));
-    Require(choices, nmsServVersion(choices.Connect().get(), answer.get()));
+    require(choices, nmsServVersion(choices.Connect().get(), answer.get()));
     const char* const version = nmsRecGetFieldValueByName(answer.get(), "Version");
     Show(version == nullptr ? "" : version);
 }
 
 // The fill level of the name server, from its version record. The answer is no when it has refused a record
 // because it was full.
-void PrintStatus(const AskChoices& choices)
+void printStatus(const AskChoices& choices)
 {
     const nmsOwnedRecord answer(nmsRecCreate(0));
-    Require(choices, nmsServVersion(choices.Connect().get(), answer.get()));
+    require(choices, nmsServVersion(choices.Connect().get(), answer.get()));
     Json status = Json::object();
     for (const auto& [name, value] : nmsRecGetFields(answer.get()).fields) {
         const bool isNumber = value.size() < 16 && value.find_first_not_of("0123456789") == std::string::npos;
@@ -181,9 +181,9 @@ void PrintStatus(const AskChoices& choices)
         AnswerNo();
 }
 
-void Shutdown(const AskChoices& choices)
+void shutDownServer(const AskChoices& choices)
 {
-    Require(choices, nmsServShutdown(choices.Connect().get()));
+    require(choices, nmsServShutdown(choices.Connect().get()));
 }
 
 // ---- waiting for a server
@@ -195,7 +195,7 @@ struct WaitChoices
     double seconds = 30;
 };
 
-void Wait(WaitChoices& choices)
+void waitForName(WaitChoices& choices)
 {
     choices.query.fields = {"_ServerName=" + choices.name};
     const btkTimeval end = btkTimeval::Now() + btkTimeval(choices.seconds);
@@ -203,7 +203,7 @@ void Wait(WaitChoices& choices)
     choices.query.seconds = std::max(choices.seconds, 0.1);
     for (;;) {
         try {
-            if (!Matching(choices.query).empty())
+            if (!matching(choices.query).empty())
                 return;
             if (btkTimeval::Now() >= end)
                 Fail(Exit::no, choices.name, "no server of that name");
@@ -218,20 +218,20 @@ void Wait(WaitChoices& choices)
     }
 }
 
-void AddWait(CLI::App& group)
+void addWait(CLI::App& group)
 {
     const auto choices = std::make_shared<WaitChoices>();
     CLI::App& wait = AddCommand(group, "wait", "Wait until a server of that name is registered",
-                                [choices] { Wait(*choices); });
+                                [choices] { waitForName(*choices); });
     wait.add_option("server", choices->name, "Name of the server")->type_name("SERVER")->required();
-    AddLimit(wait, "--timeout,--limit",
+    addLimit(wait, "--timeout,--limit",
              "Time after which the answer is no, or without a name server a failure", choices->seconds);
-    AddHost(wait, choices->query);
+    addHost(wait, choices->query);
 }
 
 // ---- completion
 
-std::vector<nmsFields> RecordsWithin(double seconds)
+std::vector<nmsFields> recordsWithin(double seconds)
 {
     const nmsOwnedProxy proxy = [&] {
         AskChoices local;
@@ -249,10 +249,10 @@ std::vector<nmsFields> RecordsWithin(double seconds)
     return records;
 }
 
-std::vector<std::string> KnownFields(const Typed&)
+std::vector<std::string> knownFields(const Typed&)
 {
     std::vector<std::string> fields;
-    for (const nmsFields& record : RecordsWithin(completionLimit))
+    for (const nmsFields& record : recordsWithin(completionLimit))
         for (const auto& [name, value] : record.fields)
             fields.push_back(name + '=' + value);
     return fields;
@@ -270,28 +270,28 @@ struct AskCommand
 };
 
 constexpr AskCommand askCommands[] = {
-    {"list", "Print all records, a line each: the process (0: none), and the fields", &List,
+    {"list", "Print all records, a line each: the process (0: none), and the fields", &listRecords,
      AskCommand::NoFields, true},
-    {"query", "Print the records that have these fields; the answer is no when there is none", &Query,
+    {"query", "Print the records that have these fields; the answer is no when there is none", &queryRecords,
      AskCommand::SomeFields, true},
-    {"register", "Register a record with these fields", &Register, AskCommand::NeedsFields},
-    {"delete", "Delete the records that have these fields, and print how many", &Delete,
+    {"register", "Register a record with these fields", &registerRecord, AskCommand::NeedsFields},
+    {"delete", "Delete the records that have these fields, and print how many", &deleteRecord,
      AskCommand::NeedsFields, true},
-    {"ping", "Succeed when the name server answers", &Ping},
-    {"version", "Print the name server's version", &PrintVersion, AskCommand::NoFields, true},
+    {"ping", "Succeed when the name server answers", &pingServer},
+    {"version", "Print the name server's version", &printVersion, AskCommand::NoFields, true},
     {"status",
      "Print how full the name server is; the answer is no when it has refused records for want of room since "
      "its start",
-     &PrintStatus, AskCommand::NoFields, true},
-    {"shutdown", "Stop the name server of this machine", &Shutdown}};
+     &printStatus, AskCommand::NoFields, true},
+    {"shutdown", "Stop the name server of this machine", &shutDownServer}};
 
-void AddAsk(CLI::App& group, const AskCommand& command)
+void addAsk(CLI::App& group, const AskCommand& command)
 {
     const auto choices = std::make_shared<AskChoices>();
     CLI::App& ask =
         AddCommand(group, command.name, command.help, [choices, run = command.ask] { run(*choices); });
-    AddHost(ask, *choices);
-    AddLimit(ask, "--limit", "Time for the whole request", choices->seconds);
+    addHost(ask, *choices);
+    addLimit(ask, "--limit", "Time for the whole request", choices->seconds);
     if (command.fields != AskCommand::NoFields) {
         const auto isField = [](const std::string& text) {
             return text.find('=') == std::string::npos ? "not NAME=VALUE: " + text : std::string();
@@ -299,9 +299,9 @@ void AddAsk(CLI::App& group, const AskCommand& command)
         CLI::Option& field = *ask.add_option("field", choices->fields, "A field, such as _ServerName=NAME");
         field.type_name("NAME=VALUE")->check(isField);
         field.required(command.fields == AskCommand::NeedsFields);
-        Offer(field, &KnownFields);
+        Offer(field, &knownFields);
     }
-    if (command.ask == &Register)
+    if (command.ask == &registerRecord)
         ask.add_option("--process", choices->owner, "Process that the record goes with (default: none)")
             ->type_name("PROCESS")
             ->check(CLI::Range(2, 0x7FFFFFFF)); // 1 would be this program itself
@@ -314,7 +314,7 @@ void AddAsk(CLI::App& group, const AskCommand& command)
 std::vector<std::string> ServerNames(double seconds)
 {
     std::vector<std::string> names;
-    for (const nmsFields& record : RecordsWithin(seconds))
+    for (const nmsFields& record : recordsWithin(seconds))
         if (const std::string* const name = record.Find("_ServerName"))
             names.push_back(*name);
     return names;
@@ -332,6 +332,6 @@ void AddNameServiceCommands(CLI::App& program)
                   {"qel ns wait files --timeout 10", "Go on once the server \"files\" is there."}});
     AddNameServer(group);
     for (const AskCommand& command : askCommands)
-        AddAsk(group, command);
-    AddWait(group);
+        addAsk(group, command);
+    addWait(group);
 }

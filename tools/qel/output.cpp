@@ -19,7 +19,7 @@ namespace {
 bool asJson = false; // the flag --json of the command that runs
 
 // The path that an exception names, or none.
-std::string PathOf(xthrowable& caught)
+std::string pathOf(xthrowable& caught)
 {
     xrttistruct* const type = xrttistruct::softcast(caught.getRtti());
     xrttiattr* const attribute = qelIsObject(type) ? type->findAttr("Path", 1) : nullptr;
@@ -29,7 +29,7 @@ std::string PathOf(xthrowable& caught)
 
 // ---- text
 
-std::string Cell(const Json& value)
+std::string cellOf(const Json& value)
 {
     if (value.is_null())
         return {};
@@ -40,7 +40,7 @@ std::string Cell(const Json& value)
     if (value.is_array()) {
         std::string all;
         for (const Json& one : value)
-            all.append(all.empty() ? "" : ", ").append(Cell(one));
+            all.append(all.empty() ? "" : ", ").append(cellOf(one));
         return all;
     }
     return Printable(value.dump(-1, ' ', false, Json::error_handler_t::replace));
@@ -54,7 +54,7 @@ struct Column
     std::size_t width = 0;
 };
 
-std::string Heading(std::string name)
+std::string headingOf(std::string name)
 {
     std::transform(name.begin(), name.end(), name.begin(),
                    [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; });
@@ -62,7 +62,7 @@ std::string Heading(std::string name)
 }
 
 // The columns are the members of the rows, in the order of their first occurrence.
-std::vector<Column> ColumnsOf(const Json& rows)
+std::vector<Column> columnsOf(const Json& rows)
 {
     std::vector<Column> columns;
     for (const Json& row : rows)
@@ -70,50 +70,50 @@ std::vector<Column> ColumnsOf(const Json& rows)
             auto column = std::find_if(columns.begin(), columns.end(),
                                        [&name = name](const Column& known) { return known.name == name; });
             if (column == columns.end()) {
-                columns.push_back({name, Heading(name)});
+                columns.push_back({name, headingOf(name)});
                 column = columns.end() - 1;
                 column->width = WidthOf(column->heading);
             }
             column->isNumber = column->isNumber && (value.is_number() || value.is_null());
-            column->width = std::max(column->width, WidthOf(Cell(value)));
+            column->width = std::max(column->width, WidthOf(cellOf(value)));
         }
     return columns;
 }
 
-std::string Placed(const Column& column, const std::string& cell, bool isLast)
+std::string placed(const Column& column, const std::string& cell, bool isLast)
 {
     if (column.isNumber)
         return std::string(column.width - std::min(column.width, WidthOf(cell)), ' ') + cell;
     return isLast ? cell : Padded(cell, column.width);
 }
 
-std::string Table(const Json& rows)
+std::string tableOf(const Json& rows)
 {
-    const std::vector<Column> columns = ColumnsOf(rows);
+    const std::vector<Column> columns = columnsOf(rows);
     std::string headings;
     for (const Column& column : columns)
         headings.append(headings.empty() ? "" : "  ")
-            .append(Placed(column, column.heading, &column == &columns.back()));
+            .append(placed(column, column.heading, &column == &columns.back()));
     std::string text = Bold(headings) + '\n';
     for (const Json& row : rows) {
         std::string line;
         for (const Column& column : columns)
             line.append(&column == &columns.front() ? "" : "  ")
-                .append(Placed(column, row.contains(column.name) ? Cell(row[column.name]) : std::string(),
+                .append(placed(column, row.contains(column.name) ? cellOf(row[column.name]) : std::string(),
                                &column == &columns.back()));
         text.append(line, 0, line.find_last_not_of(' ') + 1).append(1, '\n');
     }
     return text;
 }
 
-std::string Members(const Json& object)
+std::string membersOf(const Json& object)
 {
     std::size_t width = 0;
     for (const auto& [name, value] : object.items())
         width = std::max(width, WidthOf(Printable(name)));
     std::string text;
     for (const auto& [name, value] : object.items()) {
-        const std::string line = Padded(Printable(name), width) + "  " + Cell(value);
+        const std::string line = Padded(Printable(name), width) + "  " + cellOf(value);
         text.append(line, 0, line.find_last_not_of(' ') + 1).append(1, '\n');
     }
     return text;
@@ -136,7 +136,7 @@ void AnswerNo()
 CommandFailed FailureOf(xthrowable* thrown, Exit status, const std::string& what)
 {
     const qel::caught failure(thrown);
-    const std::string place = PathOf(*thrown);
+    const std::string place = pathOf(*thrown);
     return {status, place.empty() ? what : place, failure.what().CastToCString()};
 }
 
@@ -231,15 +231,15 @@ std::string AsText(const Json& result)
     if (result.is_null())
         return {};
     if (result.is_object())
-        return Members(result);
+        return membersOf(result);
     if (!result.is_array())
-        return Cell(result) + '\n';
+        return cellOf(result) + '\n';
     if (!result.empty() &&
         std::all_of(result.begin(), result.end(), [](const Json& row) { return row.is_object(); }))
-        return Table(result);
+        return tableOf(result);
     std::string lines;
     for (const Json& value : result)
-        lines.append(Cell(value)).append(1, '\n');
+        lines.append(cellOf(value)).append(1, '\n');
     return lines;
 }
 

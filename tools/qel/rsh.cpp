@@ -30,7 +30,7 @@ struct AskChoices
     bool hasNoInput = false;
 };
 
-qel::owned<netSocketStream> Connect(const AskChoices& choices)
+qel::owned<netSocketStream> connect(const AskChoices& choices)
 {
     const xrchandle<netAddress> address(choices.name.empty()
                                             ? netAddress::Create(choices.port, choices.host.c_str())
@@ -46,7 +46,7 @@ qel::owned<netSocketStream> Connect(const AskChoices& choices)
 }
 
 // The command line, quoted so that the server can restore the words; for a shell, as the user wrote it.
-std::string LineOf(const std::vector<std::string>& words, bool useShell)
+std::string lineOf(const std::vector<std::string>& words, bool useShell)
 {
     std::string line;
     for (const std::string& word : words)
@@ -54,13 +54,13 @@ std::string LineOf(const std::vector<std::string>& words, bool useShell)
     return line;
 }
 
-qel::owned<rshProcess> Start(const AskChoices& choices, const std::vector<std::string>& words,
+qel::owned<rshProcess> start(const AskChoices& choices, const std::vector<std::string>& words,
                              netSocketStream& connection)
 {
     ioStream* const in = choices.hasNoInput ? nullptr : ioStream::getStdin();
     qel::owned<rshProcess> process;
     try {
-        process.reset(rshProcess::Create(&connection, LineOf(words, choices.useShell).c_str(),
+        process.reset(rshProcess::Create(&connection, lineOf(words, choices.useShell).c_str(),
                                          choices.directory.c_str(), in, ioStream::getStdout(),
                                          ioStream::getStderr(), choices.useShell ? 1 : 0, 0));
         if (process != nullptr && choices.hasNoInput)
@@ -98,7 +98,7 @@ private:
 
 // Forwards the user's interrupts until the command has exited, and terminates it when the user insists. False
 // when its output has no reader any more; it has then been terminated.
-bool Attend(rshProcess& process, const std::string& host)
+bool attend(rshProcess& process, const std::string& host)
 {
     const qel::owned<rshEvent> end(process.ExitEvent());
     const qel::owned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
@@ -128,16 +128,16 @@ bool Attend(rshProcess& process, const std::string& host)
     return isTaken;
 }
 
-void Ask(const AskChoices& choices, const std::vector<std::string>& words)
+void askShell(const AskChoices& choices, const std::vector<std::string>& words)
 {
     if (words.empty())
         Fail(Exit::usage, "COMMAND", "what is to be run?");
     const btkTimeval end = btkTimeval::Now() + btkTimeval(choices.seconds);
-    const qel::owned<netSocketStream> connection = Connect(choices);
+    const qel::owned<netSocketStream> connection = connect(choices);
     connection->setUrgentSpacing(0.2);
     rshProcess::setAnswerLimit((end - btkTimeval::Now()).ToSeconds());
-    const qel::owned<rshProcess> process = Start(choices, words, *connection);
-    if (!Attend(*process, choices.host))
+    const qel::owned<rshProcess> process = start(choices, words, *connection);
+    if (!attend(*process, choices.host))
         throw CommandFailed{};
     if (ioStream::getStdout()->getIsBad() != 0 || ioStream::getStderr()->getIsBad() != 0)
         Fail(Exit::peer, "", "not all of the command's output could be written");
@@ -158,7 +158,7 @@ void AddRemoteShellCommand(CLI::App& program)
                    "the command; the third within two seconds ends it. The exit status is the command's; 127 "
                    "when the server finds no such program, 126 when it cannot run it",
                    nullptr);
-    ask.callback([choices, &ask] { Ask(*choices, ask.remaining()); });
+    ask.callback([choices, &ask] { askShell(*choices, ask.remaining()); });
     ask.footer(
         "qel rsh localhost sort <names\tSort the lines of a file by the server of this machine.\n"
         "qel rsh --shell build7 'cd src && make -j4'\tA line for the shell there.\n"

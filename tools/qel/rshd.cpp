@@ -72,7 +72,7 @@ private:
 };
 
 // On the standard error output, which may have no reader any more.
-void Report(const std::string& line)
+void report(const std::string& line)
 {
     try {
         ioStream::getStderr()->WriteBytes(line.data(), static_cast<unsigned>(line.size()));
@@ -108,7 +108,7 @@ private:
         const bool mayCome =
             socket->IsPeerOnTheSameMachine() || (allowed.Restrict() && IsConnectionAllowed(socket, name));
         if (!mayCome)
-            Report("refused: " + socket->GetPeerAddrStr() + '\n');
+            report("refused: " + socket->GetPeerAddrStr() + '\n');
         return mayCome;
     }
 
@@ -225,14 +225,14 @@ struct RunCommand : netBaseServer_OnAsyncRequest_cb
     Unfinished unfinished;
 };
 
-bool IsLoopback(const std::string& interface)
+bool isLoopback(const std::string& interface)
 {
     return interface == "localhost" || interface == "::1" ||
            (interface.rfind("127.", 0) == 0 &&
             interface.find_first_not_of("0123456789.") == std::string::npos);
 }
 
-void RequireAllowList(const ServeChoices& choices, bool isOnLoopback)
+void requireAllowList(const ServeChoices& choices, bool isOnLoopback)
 {
     const AllowLists allowed(choices.name);
     if (!allowed.IsPossible())
@@ -246,13 +246,13 @@ void RequireAllowList(const ServeChoices& choices, bool isOnLoopback)
 }
 
 // SHELL is not set when the server is started without a login, as in containers.
-void NameShell()
+void nameShell()
 {
     if (pcGetShellCommand() == nullptr)
         btkEnvironment::Set("SHELL", "/bin/sh");
 }
 
-void Check(const ServeChoices& choices)
+void check(const ServeChoices& choices)
 {
     RequireInterface(choices.interface);
     if (!choices.directory.empty() && !std::filesystem::is_directory(choices.directory))
@@ -266,18 +266,18 @@ void Check(const ServeChoices& choices)
     Show(settings);
 }
 
-void Serve(ServeChoices& choices)
+void runServer(ServeChoices& choices)
 {
     auto listening = std::make_unique<btkAcceptSocket>(TakePassedSocket(choices.interface, choices.port));
-    RequireAllowList(choices,
-                     listening->IsOpen() ? listening->IsOnLoopback() : IsLoopback(choices.interface));
+    requireAllowList(choices,
+                     listening->IsOpen() ? listening->IsOnLoopback() : isLoopback(choices.interface));
     if (btkIsSuperuser() && !choices.mayBeRoot)
         Fail(Exit::usage, "--as-root",
              "every command would run with the rights of the superuser: start the server as another user, or "
              "insist with this option");
-    NameShell();
+    nameShell();
     if (choices.isCheckOnly)
-        return Check(choices);
+        return check(choices);
     ServeBeside request;
     RunCommand command(choices);
     rshServer::setPatience(choices.patience);
@@ -306,7 +306,7 @@ void AddRemoteShellServer(CLI::App& program)
                    "Run commands for whoever can connect, until SIGTERM. It authenticates nobody and "
                    "encrypts nothing: on the loopback every user of this machine can run commands as "
                    "the user of this server, and beyond it everybody whose address is allowed",
-                   [choices] { Serve(*choices); });
+                   [choices] { runServer(*choices); });
     serve.footer("qel rshd\tServe this machine.\n"
                  "qel rshd --interface 10.1.0.7\tServe those whose addresses are allowed, too.\n"
                  "qel rshd --port 0 --register --name shell\tOn a free port, which clients find by name.\n");

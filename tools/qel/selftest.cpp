@@ -35,7 +35,7 @@ constexpr const char* text = "Grüße";
 constexpr int number = 20260;
 
 // Throws an exception for FailureOf unless `condition` holds.
-void Require(bool condition, const char* what)
+void require(bool condition, const char* what)
 {
     if (!condition)
         Fail(Exit::no, "", what);
@@ -43,61 +43,61 @@ void Require(bool condition, const char* what)
 
 // ---- the tests; each gets an empty `folder`
 
-void TestFiles(const std::string& folder)
+void testFiles(const std::string& folder)
 {
     const std::string path = folder + "/file";
     const std::string copy = folder + "/copy";
     {
         const qel::owned<ioFileStream> file(ioFileStream::Open(path.c_str(), ioWriteOnly));
-        Require(file != nullptr, "a file cannot be created");
+        require(file != nullptr, "a file cannot be created");
         file->WriteInt(number);
         file->WriteString(text);
     }
     fsCopy(path.c_str(), copy.c_str(), fsForceNew, fsNewLink, fsSimple);
     {
         const qel::owned<ioFileStream> file(ioFileStream::Open(copy.c_str(), ioReadOnly));
-        Require(file != nullptr, "the copy cannot be opened");
-        Require(file->ReadInt() == number && file->ReadString(nullptr) == text,
+        require(file != nullptr, "the copy cannot be opened");
+        require(file->ReadInt() == number && file->ReadString(nullptr) == text,
                 "the copy differs from the file");
     }
     fsRemove(copy.c_str(), fsSimple);
-    Require(!std::filesystem::exists(copy), "the copy has not been removed");
+    require(!std::filesystem::exists(copy), "the copy has not been removed");
 }
 
-void TestMonitor(const std::string& folder)
+void testMonitor(const std::string& folder)
 {
     const std::string path = folder + "/monitor";
     const qel::owned<monFile> writer(monFile::Create(path.c_str(), "selftest"));
-    Require(writer != nullptr, "a monitor file cannot be created");
+    require(writer != nullptr, "a monitor file cannot be created");
     writer->Int("number")->setValue(number);
     const qel::owned<monFile> reader(monFile::Open(path.c_str()));
-    Require(reader != nullptr && reader->Int("number")->getValue() == number,
+    require(reader != nullptr && reader->Int("number")->getValue() == number,
             "the value differs from the one set");
     writer->String("text", 100)->setValue(text);
-    Require(reader->String("text", 100)->getValue() == text, "a value added later is not found");
+    require(reader->String("text", 100)->getValue() == text, "a value added later is not found");
 }
 
-void TestConfiguration(const std::string& folder)
+void testConfiguration(const std::string& folder)
 {
     const std::string path = folder + "/settings";
     {
         hmxConfigFile file;
-        Require(file.Open(path.c_str(), hmxConfigFile::ReadWrite) && file.SetValue("key", text) &&
+        require(file.Open(path.c_str(), hmxConfigFile::ReadWrite) && file.SetValue("key", text) &&
                     file.CloseChecked(),
                 "a value cannot be stored in a file");
     }
     hmxConfigFile file;
-    Require(file.Open(path.c_str(), hmxConfigFile::ReadOnly) && file.GetValue("key") == text,
+    require(file.Open(path.c_str(), hmxConfigFile::ReadOnly) && file.GetValue("key") == text,
             "the file does not contain the value");
 }
 
-void TestRegistry(const std::string& folder)
+void testRegistry(const std::string& folder)
 {
     sysPutEnv("QELSTD_REGISTRY", (folder + "/registry").c_str());
     hmxRegistryKey key;
-    Require(key.Create(hmxRegistry::User().root, "Software\\VRX\\selftest") && key.SetValue("key", text),
+    require(key.Create(hmxRegistry::User().root, "Software\\VRX\\selftest") && key.SetValue("key", text),
             "a value cannot be stored in the registry");
-    Require(key.GetValue("key") == text, "the registry does not contain the value");
+    require(key.GetValue("key") == text, "the registry does not contain the value");
 }
 
 // Sends back an integer and a text.
@@ -120,8 +120,8 @@ struct Echo : netBaseServer_OnRequest_cb
 class Beside
 {
 public:
-    template<class Run, class Stop>
-    Beside(Run run, Stop stop) : end(std::move(stop)), thread(std::move(run))
+    template<class runTests, class Stop>
+    Beside(runTests run, Stop stop) : end(std::move(stop)), thread(std::move(run))
     {
     }
     ~Beside()
@@ -135,37 +135,37 @@ private:
     std::thread thread;
 };
 
-void RequireEcho(netAddress* address)
+void requireEcho(netAddress* address)
 {
     constexpr double limit = 2; // seconds
     const qel::owned<netSocketStream> stream(netServer::Connect(address, limit));
-    Require(stream != nullptr, "the server does not answer");
+    require(stream != nullptr, "the server does not answer");
     stream->setITimeout(limit); // where no descriptor is left, it cannot accept
     stream->WriteInt(number);
     stream->WriteString(text);
-    Require(stream->ReadInt() == number && stream->ReadString(nullptr) == text,
+    require(stream->ReadInt() == number && stream->ReadString(nullptr) == text,
             "the answer differs from the request");
 }
 
-void TestServer(const std::string&)
+void testServer(const std::string&)
 {
     Echo echo;
     const qel::owned<netServer> server(netServer::Create(nullptr, 0));
-    Require(server != nullptr, "no port is available");
+    require(server != nullptr, "no port is available");
     server->setOnRequest(&echo);
     const xrchandle<netAddress> address(netAddress::Create(server->getPortN(), nullptr));
     const Beside loop([&] { server->Run(); }, [&] { server->Stop(); });
-    Require(netServer::GetVersion(address.get()) == server->getVersion(),
+    require(netServer::GetVersion(address.get()) == server->getVersion(),
             "the version differs from the server's");
-    RequireEcho(address.get());
+    requireEcho(address.get());
 }
 
-void TestNames(const std::string&)
+void testNames(const std::string&)
 {
     nmsServerOptions options;
     options.port = 0;
     nmsServer names(options);
-    Require(names.Listen(), "no port is available");
+    require(names.Listen(), "no port is available");
     const Beside nameLoop([&] { names.Run(); }, [&] { names.Stop(); });
     sysPutEnv("VRXNMSPORT", std::to_string(names.GetPort()).c_str());
 
@@ -173,13 +173,13 @@ void TestNames(const std::string&)
     const xrchandle<netAddress> address(netAddress::Create("selftest", nullptr));
     {
         const qel::owned<netServer> server(netServer::Create("selftest", 0, "127.0.0.1"));
-        Require(server != nullptr, "no port is available");
+        require(server != nullptr, "no port is available");
         server->setOnRequest(&echo);
         const Beside loop([&] { server->Run(); }, [&] { server->Stop(); });
-        RequireEcho(address.get());
+        requireEcho(address.get());
     }
     const nmsOwnedProxy proxy(getNameServer(nullptr));
-    Require(proxy != nullptr && !IsRegisteredWithNMS(proxy.get(), "selftest"),
+    require(proxy != nullptr && !IsRegisteredWithNMS(proxy.get(), "selftest"),
             "the name is still registered after its server has stopped");
 }
 
@@ -190,8 +190,8 @@ struct Test
 };
 
 constexpr Test tests[] = {
-    {"files", &TestFiles},       {"monitor", &TestMonitor}, {"configuration", &TestConfiguration},
-    {"registry", &TestRegistry}, {"server", &TestServer},   {"names", &TestNames},
+    {"files", &testFiles},       {"monitor", &testMonitor}, {"configuration", &testConfiguration},
+    {"registry", &testRegistry}, {"server", &testServer},   {"names", &testNames},
 };
 
 // A directory that exists during the object's lifetime.
@@ -219,7 +219,7 @@ public:
 constexpr std::size_t neededDescriptors = 16;
 
 // A server without a descriptor for its client's connection would leave both waiting.
-bool HasDescriptors()
+bool hasDescriptors()
 {
     std::array<btkFd, neededDescriptors> opened;
     std::generate(opened.begin(), opened.end(), [] { return btkOpenFile("/dev/null", btkOpenRead); });
@@ -227,9 +227,9 @@ bool HasDescriptors()
 }
 
 // The reason why the test has failed; empty when it has passed.
-std::string Problem(const Test& test, const std::string& folder)
+std::string problemOf(const Test& test, const std::string& folder)
 {
-    if (!HasDescriptors())
+    if (!hasDescriptors())
         return "fewer than " + std::to_string(neededDescriptors) +
                " more descriptors can be opened (ulimit -n)";
     try {
@@ -245,14 +245,14 @@ std::string Problem(const Test& test, const std::string& folder)
     }
 }
 
-void Run()
+void runTests()
 {
     const Folder folder;
     Json results = Json::array();
     bool isWhole = true;
     for (const Test& test : tests) {
         const auto start = std::chrono::steady_clock::now();
-        const std::string problem = Problem(test, folder.path);
+        const std::string problem = problemOf(test, folder.path);
         const std::chrono::duration<double, std::milli> taken = std::chrono::steady_clock::now() - start;
         Json result;
         result["test"] = test.name;
@@ -272,9 +272,9 @@ void Run()
 
 void AddSelftestCommand(CLI::App& program)
 {
-    CLI::App& selftest =
-        AddCommand(program, "selftest",
-                   "Test files, monitor files, configuration, registry, a server and a name server", &Run);
+    CLI::App& selftest = AddCommand(
+        program, "selftest", "Test files, monitor files, configuration, registry, a server and a name server",
+        &runTests);
     selftest.footer("qel selftest\tCheck this installation. Leaves nothing behind.\n");
     OfferJson(selftest);
 }

@@ -27,13 +27,13 @@ struct Address
     double seconds = 10;
 };
 
-[[noreturn]] void Refused(const Address& address, Exit status, const std::string& why)
+[[noreturn]] void refused(const Address& address, Exit status, const std::string& why)
 {
     Fail(status, address.name + (address.host.empty() ? "" : "@") + address.host, why);
 }
 
 // The port under which the server is registered.
-int FindPort(const Address& address)
+int findPort(const Address& address)
 {
     const xrchandle<netAddress> server(
         netAddress::Create(address.name.c_str(), address.host.empty() ? nullptr : address.host.c_str()));
@@ -45,45 +45,45 @@ int FindPort(const Address& address)
         auto* const unknown = failure.as<netXException>(); // its server is named anyway
         why = (unknown != nullptr ? unknown->getMsg() : failure.what()).CastToCString();
     }
-    Refused(address, Exit::peer, why);
+    refused(address, Exit::peer, why);
 }
 
 // Sends a request and requires the reply 1; keeps the connection for the rest of the exchange.
-void Ask(const Address& address, netRequestCode code, btkStreamSocket& socket)
+void ask(const Address& address, netRequestCode code, btkStreamSocket& socket)
 {
     const btkTimeval end = btkTimeval::Now() + btkTimeval(address.seconds);
     nmsSetAnswerLimit(btkTimeval(address.seconds));
-    const int port = FindPort(address);
+    const int port = findPort(address);
     if (!socket.Connect(address.host.c_str(), port, end - btkTimeval::Now()))
-        Refused(address, Exit::peer, "Connection refused");
+        refused(address, Exit::peer, "Connection refused");
     socket.SetDeadline(end);
     const int answer = netAsk(socket, code);
     if (answer < 0)
-        Refused(address, Exit::peer, "no answer");
+        refused(address, Exit::peer, "no answer");
     if (answer != netAdmitted)
-        Refused(address, Exit::no, "Connection refused due to lack of rights");
+        refused(address, Exit::no, "Connection refused due to lack of rights");
 }
 
-void Ping(const Address& address)
+void pingServer(const Address& address)
 {
     btkStreamSocket socket;
-    Ask(address, netRequestCode::ping, socket);
+    ask(address, netRequestCode::ping, socket);
 }
 
-void PrintVersion(const Address& address)
+void printVersion(const Address& address)
 {
     btkStreamSocket socket;
-    Ask(address, netRequestCode::version, socket);
+    ask(address, netRequestCode::version, socket);
     std::string text;
     if (!netReadVersion(socket, text))
-        Refused(address, Exit::peer, "the version did not come whole");
+        refused(address, Exit::peer, "the version did not come whole");
     Show(text);
 }
 
-void Shutdown(const Address& address)
+void shutDownServer(const Address& address)
 {
     btkStreamSocket socket;
-    Ask(address, netRequestCode::shutdown, socket);
+    ask(address, netRequestCode::shutdown, socket);
 }
 
 // ---- connection rights
@@ -96,7 +96,7 @@ struct Rights
     std::string description; // of the state
 };
 
-Rights RightsIn(hmxRegistry& registry, const std::string& server)
+Rights rightsIn(hmxRegistry& registry, const std::string& server)
 {
     xrchandle<xstringsequence> patterns;
     Rights rights;
@@ -112,22 +112,22 @@ Rights RightsIn(hmxRegistry& registry, const std::string& server)
     return rights;
 }
 
-const char* AdmittedBy(const Json& patterns)
+const char* admittedBy(const Json& patterns)
 {
     return patterns.is_null() ? "everybody" : patterns.empty() ? "nobody" : "these";
 }
 
-Json RightsOf(const std::string& server)
+Json rightsOf(const std::string& server)
 {
     const bool isKey = IsConnectionRestrictable(server.c_str());
     const Rights none = {netRightsAbsent, {}, "no key can have this name"};
-    const Rights system = isKey ? RightsIn(hmxRegistry::System(), server) : none;
-    const Rights user = isKey ? RightsIn(hmxRegistry::User(), server) : none;
+    const Rights system = isKey ? rightsIn(hmxRegistry::System(), server) : none;
+    const Rights user = isKey ? rightsIn(hmxRegistry::User(), server) : none;
     const bool systemDecides =
         user.patterns.is_null() || (!system.patterns.is_null() && system.patterns.empty());
     return {{"server", server},
             {"restrictable", isKey},
-            {"admits", AdmittedBy(systemDecides ? system.patterns : user.patterns)},
+            {"admits", admittedBy(systemDecides ? system.patterns : user.patterns)},
             {"system", system.patterns},
             {"system found", system.description},
             {"user", user.patterns},
@@ -135,7 +135,7 @@ Json RightsOf(const std::string& server)
 }
 
 // The servers named in the registry and those that the name server knows.
-std::set<std::string> AllServers(double limit)
+std::set<std::string> allServers(double limit)
 {
     std::set<std::string> names;
     for (const std::string& name : ServerNames(limit))
@@ -161,13 +161,13 @@ struct CheckChoices
     double seconds = 10;
 };
 
-void Check(const CheckChoices& choices)
+void checkAddress(const CheckChoices& choices)
 {
     Json all = Json::array();
     bool isRestricted = true;
     const std::set<std::string> named(choices.servers.begin(), choices.servers.end());
-    for (const std::string& server : named.empty() ? AllServers(choices.seconds) : named) {
-        all.push_back(RightsOf(server));
+    for (const std::string& server : named.empty() ? allServers(choices.seconds) : named) {
+        all.push_back(rightsOf(server));
         isRestricted = isRestricted && all.back()["admits"] != "everybody";
     }
     Show(all);
@@ -175,7 +175,7 @@ void Check(const CheckChoices& choices)
         AnswerNo();
 }
 
-void AddLimit(CLI::App& command, const char* help, double& seconds)
+void addLimit(CLI::App& command, const char* help, double& seconds)
 {
     command.add_option("--limit", seconds, help)
         ->type_name("SECONDS")
@@ -183,19 +183,19 @@ void AddLimit(CLI::App& command, const char* help, double& seconds)
         ->capture_default_str();
 }
 
-void AddCheck(CLI::App& group)
+void addCheck(CLI::App& group)
 {
     const auto choices = std::make_shared<CheckChoices>();
     CLI::App& check = AddCommand(group, "check",
                                  "Print which machines a server admits, by the registry of this one, and "
                                  "whether that can be restricted at all; the answer is no when one admits "
                                  "everybody. Programs of its own machine are always admitted",
-                                 [choices] { Check(*choices); });
+                                 [choices] { checkAddress(*choices); });
     check
         .add_option("server", choices->servers,
                     "Names of servers (default: those in the registry, and those that the name server knows)")
         ->type_name("SERVER");
-    AddLimit(check, "Time to wait for the name server", choices->seconds);
+    addLimit(check, "Time to wait for the name server", choices->seconds);
     OfferJson(check);
 }
 
@@ -206,9 +206,9 @@ struct Command
     void (*run)(const Address& address);
 };
 
-constexpr Command commands[] = {{"ping", "Succeed when the server answers", &Ping},
-                                {"version", "Print the server's version text", &PrintVersion},
-                                {"shutdown", "Ask the server to stop", &Shutdown}};
+constexpr Command commands[] = {{"ping", "Succeed when the server answers", &pingServer},
+                                {"version", "Print the server's version text", &printVersion},
+                                {"shutdown", "Ask the server to stop", &shutDownServer}};
 
 } // namespace
 
@@ -230,9 +230,9 @@ void AddServerCommands(CLI::App& program)
             run(*address);
         });
         added.add_option("server", *whole, "NAME, or NAME@HOST")->type_name("SERVER")->required();
-        AddLimit(added, "Time for the name server's and the server's answer together", address->seconds);
-        if (command.run == &PrintVersion)
+        addLimit(added, "Time for the name server's and the server's answer together", address->seconds);
+        if (command.run == &printVersion)
             OfferJson(added);
     }
-    AddCheck(group);
+    addCheck(group);
 }

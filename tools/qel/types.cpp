@@ -19,17 +19,17 @@
 
 namespace {
 
-std::string TextOf(const xstring& text)
+std::string textOf(const xstring& text)
 {
     return text == nullptr ? std::string() : text.CastToCString();
 }
 
-std::string NameOf(xrtti* type)
+std::string nameOf(xrtti* type)
 {
-    return TextOf(type->getName());
+    return textOf(type->getName());
 }
 
-std::vector<xrtti*> AllTypes()
+std::vector<xrtti*> allTypes()
 {
     std::vector<xrtti*> types;
     qelRttiForEach([](xrtti* type, void* all) { static_cast<std::vector<xrtti*>*>(all)->push_back(type); },
@@ -37,22 +37,22 @@ std::vector<xrtti*> AllTypes()
     return types;
 }
 
-std::vector<std::string> TypeNames(const Typed&)
+std::vector<std::string> typeNames(const Typed&)
 {
     std::vector<std::string> names;
-    for (xrtti* const type : AllTypes())
-        names.push_back(NameOf(type));
+    for (xrtti* const type : allTypes())
+        names.push_back(nameOf(type));
     return names;
 }
 
 // "filelib" of "filelib::NodeInfo"; empty for the built-in types.
-std::string LibraryOf(const std::string& name)
+std::string libraryOf(const std::string& name)
 {
     const std::size_t end = name.find("::");
     return end == std::string::npos ? std::string() : name.substr(0, end);
 }
 
-const char* KindOf(xrtti* type)
+const char* kindOf(xrtti* type)
 {
     if (qelSoftcast<xrttienum>(type) != nullptr)
         return "enumeration";
@@ -69,79 +69,79 @@ const char* KindOf(xrtti* type)
 
 // ---- one type
 
-Json Attribute(xrttiattr* attribute, xrttiobject* from)
+Json attributeOf(xrttiattr* attribute, xrttiobject* from)
 {
-    return {{"name", TextOf(attribute->getName())},
-            {"type", NameOf(attribute->getType())},
+    return {{"name", textOf(attribute->getName())},
+            {"type", nameOf(attribute->getType())},
             {"optional", attribute->getIsOptional() != 0},
-            {"from", NameOf(from)}};
+            {"from", nameOf(from)}};
 }
 
 // All attributes, those of the parents first.
-void AddAttributes(xrttistruct* type, Json& attributes)
+void addAttributes(xrttistruct* type, Json& attributes)
 {
     for (int i = 0; i < type->getNParents(); ++i)
         if (xrttistruct* const parent = qelSoftcast<xrttistruct>(type->getParent(i)))
-            AddAttributes(parent, attributes);
+            addAttributes(parent, attributes);
     for (int i = 0; i < type->getNAttrs(); ++i) {
-        const Json attribute = Attribute(type->getAttr(i), type);
+        const Json attribute = attributeOf(type->getAttr(i), type);
         if (std::find(attributes.begin(), attributes.end(), attribute) == attributes.end())
             attributes.push_back(attribute);
     }
 }
 
-void AddElements(Json& described, xrtti* type, unsigned char optional)
+void addElements(Json& described, xrtti* type, unsigned char optional)
 {
-    described["element"] = NameOf(type);
+    described["element"] = nameOf(type);
     described["optional"] = optional != 0;
 }
 
-void AddShape(Json& described, xrttiobject* type)
+void addShape(Json& described, xrttiobject* type)
 {
     if (xrttistruct* const structure = qelSoftcast<xrttistruct>(type)) {
         described["attributes"] = Json::array();
-        AddAttributes(structure, described["attributes"]);
+        addAttributes(structure, described["attributes"]);
     }
     if (xrttisequence* const sequence = qelSoftcast<xrttisequence>(type))
-        AddElements(described, sequence->getElemType(), sequence->getIsElemOptional());
+        addElements(described, sequence->getElemType(), sequence->getIsElemOptional());
     if (xrttidictionary* const dictionary = qelSoftcast<xrttidictionary>(type))
-        AddElements(described, dictionary->getElemType(), dictionary->getIsElemOptional());
+        addElements(described, dictionary->getElemType(), dictionary->getIsElemOptional());
     if (xrttiarray* const array = qelSoftcast<xrttiarray>(type)) {
-        AddElements(described, array->getElemType(), array->getIsElemOptional());
+        addElements(described, array->getElemType(), array->getIsElemOptional());
         for (int i = 0; i < array->getNDimentions(); ++i)
             described["extents"].push_back(array->getDimention(i));
     }
     if (xrttiunion* const choice = qelSoftcast<xrttiunion>(type)) {
-        described["discriminator"] = Attribute(choice->getDiscr(), type);
+        described["discriminator"] = attributeOf(choice->getDiscr(), type);
         described["attributes"] = Json::array();
         for (int i = 0; i < choice->getNLabels(); ++i)
             if (choice->getAttr(i) != nullptr)
-                described["attributes"].push_back(Attribute(choice->getAttr(i), type));
+                described["attributes"].push_back(attributeOf(choice->getAttr(i), type));
     }
 }
 
-Json Described(xrtti* type)
+Json description(xrtti* type)
 {
-    Json described = {{"name", NameOf(type)}, {"kind", KindOf(type)}};
-    const std::string name = TextOf(qelRttiCppName(type));
+    Json described = {{"name", nameOf(type)}, {"kind", kindOf(type)}};
+    const std::string name = textOf(qelRttiCppName(type));
     described["c++"] = name.empty() ? Json() : Json(name);
     if (xrttienum* const enumeration = qelSoftcast<xrttienum>(type)) {
         described["labels"] = Json::array();
         for (int i = 0; i < enumeration->getNValues(); ++i)
-            described["labels"].push_back(TextOf(enumeration->mapIntToString(i)));
+            described["labels"].push_back(textOf(enumeration->mapIntToString(i)));
     }
     if (xrttiobject* const object = qelSoftcast<xrttiobject>(type)) {
         described["counted"] = object->getIsRefCount() != 0;
         described["parents"] = Json::array();
         for (int i = 0; i < object->getNParents(); ++i)
-            described["parents"].push_back(NameOf(object->getParent(i)));
-        AddShape(described, object);
+            described["parents"].push_back(nameOf(object->getParent(i)));
+        addShape(described, object);
     }
     return described;
 }
 
 // The attributes form a table below the other facts.
-std::string TypeText(const Json& described)
+std::string typeText(const Json& described)
 {
     Json facts = described;
     facts.erase("attributes");
@@ -157,7 +157,7 @@ std::string TypeText(const Json& described)
 // ---- the tree
 
 // The description of a type in a line of the tree, after its kind.
-std::string IsOf(const Json& described)
+std::string isOf(const Json& described)
 {
     if (described.contains("element"))
         return " of " + described["element"].get<std::string>();
@@ -167,14 +167,14 @@ std::string IsOf(const Json& described)
     return parents;
 }
 
-std::string Tree(const Json& types)
+std::string tree(const Json& types)
 {
     std::map<std::string, std::vector<Json>> libraries;
     std::size_t widest = 0;
     for (const Json& type : types) {
         const std::string name = type["name"];
-        libraries[LibraryOf(name)].push_back(type);
-        widest = std::max(widest, name.size() - (LibraryOf(name).empty() ? 0 : LibraryOf(name).size() + 2));
+        libraries[libraryOf(name)].push_back(type);
+        widest = std::max(widest, name.size() - (libraryOf(name).empty() ? 0 : libraryOf(name).size() + 2));
     }
     std::string text;
     for (const auto& [library, members] : libraries) {
@@ -183,75 +183,75 @@ std::string Tree(const Json& types)
             const std::string whole = type["name"];
             std::string name = Printable(whole.substr(library.empty() ? 0 : library.size() + 2));
             name.resize(std::max(widest, name.size()), ' ');
-            text += "  " + name + "  " + type["kind"].get<std::string>() + IsOf(type) + '\n';
+            text += "  " + name + "  " + type["kind"].get<std::string>() + isOf(type) + '\n';
         }
     }
     return text;
 }
 
-void ShowTypes(const std::string& name)
+void showTypes(const std::string& name)
 {
     if (xrtti* const type = name.empty() ? nullptr : qelRttiGetFromMap(name.c_str())) {
-        Show(Described(type), &TypeText);
+        Show(description(type), &typeText);
         return;
     }
     Json types = Json::array();
-    for (xrtti* const type : AllTypes())
-        if (name.empty() || LibraryOf(NameOf(type)) == name)
-            types.push_back(Described(type));
+    for (xrtti* const type : allTypes())
+        if (name.empty() || libraryOf(nameOf(type)) == name)
+            types.push_back(description(type));
     if (types.empty())
         Fail(Exit::no, name, "neither a type nor a library");
-    Show(types, &Tree);
+    Show(types, &tree);
 }
 
 // ---- print
 
-[[noreturn]] void NoValue(const std::string& text, const char* type)
+[[noreturn]] void noValue(const std::string& text, const char* type)
 {
     Fail(Exit::usage, text, std::string("no value of the type ") + type);
 }
 
-xany BasicValue(const std::string& type, const std::string& text)
+xany basicValue(const std::string& type, const std::string& text)
 {
     std::istringstream stream(text);
     if (type == "bool") {
         if (text != "yes" && text != "no")
-            NoValue(text, "bool (yes or no)");
+            noValue(text, "bool (yes or no)");
         return xany(text == "yes");
     }
     if (type == "int") {
         int number = 0;
         if (!(stream >> number) || !stream.eof())
-            NoValue(text, "int");
+            noValue(text, "int");
         return xany(number);
     }
     if (type == "real") {
         double number = 0;
         if (!(stream >> number) || !stream.eof())
-            NoValue(text, "real");
+            noValue(text, "real");
         return xany(number);
     }
     return xany(text.c_str());
 }
 
 // A value of that type; a sample if `text` is null.
-xany ValueOf(xrtti* type, const std::string* text)
+xany valueOf(xrtti* type, const std::string* text)
 {
-    const std::string name = NameOf(type);
+    const std::string name = nameOf(type);
     if (xrttienum* const enumeration = qelSoftcast<xrttienum>(type)) {
         const int value = text == nullptr ? 0 : enumeration->mapStringToInt(text->c_str());
         if (value == xnullint)
-            NoValue(*text, name.c_str());
+            noValue(*text, name.c_str());
         return {value, enumeration};
     }
     static const std::map<std::string, std::string> samples = {
         {"bool", "yes"}, {"int", "42"}, {"real", "3.25"}, {"string", "a text"}, {"any", "any value"}};
     const auto sample = samples.find(name);
-    return sample == samples.end() ? xany() : BasicValue(name, text == nullptr ? sample->second : *text);
+    return sample == samples.end() ? xany() : basicValue(name, text == nullptr ? sample->second : *text);
 }
 
 template<class V>
-V Unpacked(const xany& value)
+V unpacked(const xany& value)
 {
     if constexpr (std::is_same_v<V, xany>)
         return value;
@@ -261,7 +261,7 @@ V Unpacked(const xany& value)
 
 // Fills a collection of basic values: a sequence with the texts, a dictionary with NAME=VALUE each.
 template<class C, class V>
-bool Fill(xobject* object, const char* element, const std::vector<std::string>& texts)
+bool fill(xobject* object, const char* element, const std::vector<std::string>& texts)
 {
     C* const collection = qelSoftcast<C>(object);
     if (collection == nullptr)
@@ -269,49 +269,49 @@ bool Fill(xobject* object, const char* element, const std::vector<std::string>& 
     for (const std::string& text : texts) {
         const std::size_t equals = text.find('=');
         if constexpr (requires { collection->append(V()); })
-            collection->append(Unpacked<V>(BasicValue(element, text)));
+            collection->append(unpacked<V>(basicValue(element, text)));
         else if (equals == std::string::npos)
             Fail(Exit::usage, text, "not KEY=VALUE");
         else
             collection->set(text.substr(0, equals).c_str(),
-                            Unpacked<V>(BasicValue(element, text.substr(equals + 1))));
+                            unpacked<V>(basicValue(element, text.substr(equals + 1))));
     }
     return true;
 }
 
-bool IsFilled(xobject* object, const std::vector<std::string>& texts)
+bool isFilled(xobject* object, const std::vector<std::string>& texts)
 {
-    return Fill<xboolsequence, unsigned char>(object, "bool", texts) ||
-           Fill<xintsequence, int>(object, "int", texts) ||
-           Fill<xrealsequence, double>(object, "real", texts) ||
-           Fill<xstringsequence, xstring>(object, "string", texts) ||
-           Fill<xanysequence, xany>(object, "any", texts) ||
-           Fill<xbooldictionary, unsigned char>(object, "bool", texts) ||
-           Fill<xintdictionary, int>(object, "int", texts) ||
-           Fill<xrealdictionary, double>(object, "real", texts) ||
-           Fill<xstringdictionary, xstring>(object, "string", texts) ||
-           Fill<xanydictionary, xany>(object, "any", texts);
+    return fill<xboolsequence, unsigned char>(object, "bool", texts) ||
+           fill<xintsequence, int>(object, "int", texts) ||
+           fill<xrealsequence, double>(object, "real", texts) ||
+           fill<xstringsequence, xstring>(object, "string", texts) ||
+           fill<xanysequence, xany>(object, "any", texts) ||
+           fill<xbooldictionary, unsigned char>(object, "bool", texts) ||
+           fill<xintdictionary, int>(object, "int", texts) ||
+           fill<xrealdictionary, double>(object, "real", texts) ||
+           fill<xstringdictionary, xstring>(object, "string", texts) ||
+           fill<xanydictionary, xany>(object, "any", texts);
 }
 
 // Sets the attribute of the class or of a parent that has it.
-bool IsSet(xrttiobject* type, xobject* object, const std::string& name, const std::string& text)
+bool isSet(xrttiobject* type, xobject* object, const std::string& name, const std::string& text)
 {
     const qelClass* const table = qelClassOf(type);
     if (table != nullptr)
         for (const qelAttr& attr : table->attrs)
             if (attr.name == name && attr.rebuild != nullptr) {
-                attr.rebuild(object, ValueOf(attr.type(), &text));
+                attr.rebuild(object, valueOf(attr.type(), &text));
                 return true;
             }
     for (int i = 0; i < type->getNParents(); ++i)
-        if (IsSet(type->getParent(i), object, name, text))
+        if (isSet(type->getParent(i), object, name, text))
             return true;
     return false;
 }
 
-xany ObjectOf(xrttiobject* type, const std::vector<std::string>& texts)
+xany objectOf(xrttiobject* type, const std::vector<std::string>& texts)
 {
-    const std::string name = NameOf(type);
+    const std::string name = nameOf(type);
     const qelClass* const table = qelClassOf(type);
     xobject* object = qelRttiCreate(name.c_str());
     if (object == nullptr && table != nullptr && table->rebuild != nullptr)
@@ -319,18 +319,18 @@ xany ObjectOf(xrttiobject* type, const std::vector<std::string>& texts)
     if (object == nullptr)
         Fail(Exit::no, name, "an object of this class needs more than values");
     const xany held(object); // frees it if it is counted
-    if (IsFilled(object, texts))
+    if (isFilled(object, texts))
         return held;
     for (const std::string& text : texts) {
         const std::size_t equals = text.find('=');
         if (equals == std::string::npos ||
-            !IsSet(type, object, text.substr(0, equals), text.substr(equals + 1)))
+            !isSet(type, object, text.substr(0, equals), text.substr(equals + 1)))
             Fail(Exit::usage, text, "not ATTRIBUTE=VALUE, of an attribute that can be set");
     }
     return held;
 }
 
-void Print(const std::string& name, const std::vector<std::string>& texts, bool asJson)
+void printType(const std::string& name, const std::vector<std::string>& texts, bool asJson)
 {
     xrtti* const type = qelRttiGetFromMap(name.c_str());
     if (type == nullptr)
@@ -339,7 +339,7 @@ void Print(const std::string& name, const std::vector<std::string>& texts, bool 
     if (object == nullptr && texts.size() > 1)
         Fail(Exit::usage, texts[1], "one value is enough");
     const xany value =
-        object != nullptr ? ObjectOf(object, texts) : ValueOf(type, texts.empty() ? nullptr : texts.data());
+        object != nullptr ? objectOf(object, texts) : valueOf(type, texts.empty() ? nullptr : texts.data());
     if (asJson)
         qel::json::write(value, std::cout, {.indent = 2});
     else
@@ -354,22 +354,22 @@ void AddTypeCommands(CLI::App& program)
     const auto name = std::make_shared<std::string>();
     CLI::App& types =
         AddCommand(program, "types", "Print the types that the library registers, or one type in detail",
-                   [name] { ShowTypes(*name); });
+                   [name] { showTypes(*name); });
     types.footer("qel types\tAll types, by their libraries.\n"
                  "qel types filelib\tThose of one library.\n"
                  "qel types filelib::NodeInfo\tOne type: its parents, its attributes, its name in C++.\n");
-    Offer(*types.add_option("name", *name, "The type, or the library")->type_name("NAME"), &TypeNames);
+    Offer(*types.add_option("name", *name, "The type, or the library")->type_name("NAME"), &typeNames);
     OfferJson(types);
 
     const auto values = std::make_shared<std::vector<std::string>>();
     const auto asJson = std::make_shared<bool>();
     CLI::App& print = AddCommand(program, "print", "Print a value of a registered type as the library does",
-                                 [name, values, asJson] { Print(*name, *values, *asJson); });
+                                 [name, values, asJson] { printType(*name, *values, *asJson); });
     print.footer("qel print intseq 1 2 3\tA sequence of three numbers.\n"
                  "qel print stringdict a=one b=two\tA dictionary.\n"
                  "qel print qellib::XNull Description=missing\tAn object with an attribute of that value.\n"
                  "qel print --json intseq 1 2 3\tAs the library writes it in JSON.\n");
-    Offer(*print.add_option("name", *name, "The type")->type_name("NAME")->required(), &TypeNames);
+    Offer(*print.add_option("name", *name, "The type")->type_name("NAME")->required(), &typeNames);
     print
         .add_option("value", *values,
                     "Its contents: values, KEY=VALUE or ATTRIBUTE=VALUE (default: a sample)")
