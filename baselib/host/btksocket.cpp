@@ -26,7 +26,7 @@ constexpr btkTimeval urgentLimit(0, 200000);
 
 using Asked = int (*)(int, sockaddr*, socklen_t*);
 
-btkSocketAddress AddressOf(btkHandle handle, Asked ask)
+btkSocketAddress addressOf(btkHandle handle, Asked ask)
 {
     btkSocketAddress address;
     if (ask(handle, address.Get(), &address.size) != 0)
@@ -37,52 +37,52 @@ btkSocketAddress AddressOf(btkHandle handle, Asked ask)
 // The address of a peer: as recorded when its connection was accepted, else from the kernel while it is
 // connected.
 template<std::size_t size>
-btkSocketAddress PeerOf(const btkSocket& socket, const std::array<char, size>& noted)
+btkSocketAddress peerOf(const btkSocket& socket, const std::array<char, size>& noted)
 {
     static_assert(size >= sizeof(sockaddr_in6));
     btkSocketAddress address;
     std::memcpy(&address.storage, noted.data(), size);
-    return address.storage.ss_family != AF_UNSPEC ? address : AddressOf(socket.GetHandle(), getpeername);
+    return address.storage.ss_family != AF_UNSPEC ? address : addressOf(socket.GetHandle(), getpeername);
 }
 
-void SetOption(btkHandle handle, int level, int option, int value)
+void setOption(btkHandle handle, int level, int option, int value)
 {
     setsockopt(handle, level, option, &value, sizeof value);
 }
 
-void SetStreamOptions(btkHandle handle)
+void setStreamOptions(btkHandle handle)
 {
-    SetOption(handle, IPPROTO_TCP, TCP_NODELAY, 1);
+    setOption(handle, IPPROTO_TCP, TCP_NODELAY, 1);
     // Keepalive: a reader would otherwise wait forever for a peer whose machine is down; detected within 2
     // minutes.
-    SetOption(handle, SOL_SOCKET, SO_KEEPALIVE, 1);
-    SetOption(handle, IPPROTO_TCP, TCP_KEEPIDLE, 60);
-    SetOption(handle, IPPROTO_TCP, TCP_KEEPINTVL, 15);
-    SetOption(handle, IPPROTO_TCP, TCP_KEEPCNT, 4);
-    SetOption(handle, SOL_SOCKET, SO_OOBINLINE, 1);
+    setOption(handle, SOL_SOCKET, SO_KEEPALIVE, 1);
+    setOption(handle, IPPROTO_TCP, TCP_KEEPIDLE, 60);
+    setOption(handle, IPPROTO_TCP, TCP_KEEPINTVL, 15);
+    setOption(handle, IPPROTO_TCP, TCP_KEEPCNT, 4);
+    setOption(handle, SOL_SOCKET, SO_OOBINLINE, 1);
     // Each read reports how much is left.
-    SetOption(handle, IPPROTO_TCP, TCP_INQ, 1);
+    setOption(handle, IPPROTO_TCP, TCP_INQ, 1);
 }
 
-btkTimeval EndOf(btkTimeval limit)
+btkTimeval endOf(btkTimeval limit)
 {
     return limit.IsForever() ? btkTimeval::Forever() : btkTimeval::Now() + limit;
 }
 
-btkTimeval LeftUntil(btkTimeval end)
+btkTimeval leftUntil(btkTimeval end)
 {
     return end.IsForever() ? end : end - btkTimeval::Now();
 }
 
 // Waits; returns the readiness found, none when the limit has passed.
-btkReadiness Poll(btkHandle handle, btkReadiness awaited, btkTimeval limit)
+btkReadiness poll(btkHandle handle, btkReadiness awaited, btkTimeval limit)
 {
     pollfd asked = {handle, awaited, 0};
     return btkPoll(&asked, 1, limit) < 0 ? btkBroken : static_cast<btkReadiness>(asked.revents);
 }
 
 // Receives. `mayBeMore`: whether there may be more data after it; known only where the kernel reports it.
-std::ptrdiff_t ReceivePart(btkHandle handle, void* to, std::size_t size, int flags, bool& mayBeMore)
+std::ptrdiff_t receivePart(btkHandle handle, void* to, std::size_t size, int flags, bool& mayBeMore)
 {
     iovec room = {to, size};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
@@ -103,15 +103,15 @@ std::ptrdiff_t ReceivePart(btkHandle handle, void* to, std::size_t size, int fla
 }
 
 // Receives without ever waiting.
-std::ptrdiff_t ReceiveNow(btkHandle handle, void* to, std::size_t size, bool& mayBeMore)
+std::ptrdiff_t receiveNow(btkHandle handle, void* to, std::size_t size, bool& mayBeMore)
 {
-    return btkRetry([&] { return ReceivePart(handle, to, size, MSG_DONTWAIT, mayBeMore); });
+    return btkRetry([&] { return receivePart(handle, to, size, MSG_DONTWAIT, mayBeMore); });
 }
 
-std::ptrdiff_t ReceiveNow(btkHandle handle, void* to, std::size_t size)
+std::ptrdiff_t receiveNow(btkHandle handle, void* to, std::size_t size)
 {
     bool mayBeMore = false;
-    return ReceiveNow(handle, to, size, mayBeMore);
+    return receiveNow(handle, to, size, mayBeMore);
 }
 
 class InputEvent final : public btkBaseEvent
@@ -136,7 +136,7 @@ private:
 
 // For changes that no event reports.
 template<class Holds>
-void WaitWhile(Holds holds, btkTimeval end)
+void waitWhile(Holds holds, btkTimeval end)
 {
     for (btkTimeval pause(0, 50); btkTimeval::Now() < end && holds();
          pause = std::min(pause + pause, btkTimeval(0, 2000)))
@@ -144,7 +144,7 @@ void WaitWhile(Holds holds, btkTimeval end)
 }
 
 // The kernel's data about a connection; an older kernel fills in less, and leaves the rest unchanged.
-tcp_info AskInfo(btkHandle connection, const tcp_info& unknown)
+tcp_info askInfo(btkHandle connection, const tcp_info& unknown)
 {
     tcp_info info = unknown;
     socklen_t size = sizeof info;
@@ -153,7 +153,7 @@ tcp_info AskInfo(btkHandle connection, const tcp_info& unknown)
     return info;
 }
 
-btkFd ConnectTo(const btkSocketAddress& address, btkTimeval limit)
+btkFd connectTo(const btkSocketAddress& address, btkTimeval limit)
 {
     btkFd made(socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!made)
@@ -161,14 +161,14 @@ btkFd ConnectTo(const btkSocketAddress& address, btkTimeval limit)
     int error = connect(made.Get(), address.Get(), address.size) == 0 ? 0 : errno;
     if (error == EINPROGRESS || error == EINTR) {
         socklen_t size = sizeof error;
-        if (Poll(made.Get(), btkWritable, limit) == btkNotReady)
+        if (poll(made.Get(), btkWritable, limit) == btkNotReady)
             error = ETIMEDOUT;
         else if (getsockopt(made.Get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0)
             error = errno;
     }
     if (error == 0) {
         // An unused port may be chosen for this end, and TCP then connects it to itself.
-        const btkSocketAddress own = AddressOf(made.Get(), getsockname);
+        const btkSocketAddress own = addressOf(made.Get(), getsockname);
         if (own.GetPort() == address.GetPort() && own.HasSameHost(address))
             error = ECONNREFUSED;
     }
@@ -199,17 +199,17 @@ int btkSocket::Wait(btkTimeval limit, int conditions) const
 
 int btkSocket::GetPortN() const
 {
-    return AddressOf(fd.Get(), getsockname).GetPort();
+    return addressOf(fd.Get(), getsockname).GetPort();
 }
 
 std::string btkSocket::GetLocalAddrStr() const
 {
-    return AddressOf(fd.Get(), getsockname).GetText();
+    return addressOf(fd.Get(), getsockname).GetText();
 }
 
 bool btkSocket::IsOnLoopback() const
 {
-    return AddressOf(fd.Get(), getsockname).IsLoopback();
+    return addressOf(fd.Get(), getsockname).IsLoopback();
 }
 
 // ---- btkStreamSocket
@@ -294,15 +294,15 @@ bool btkStreamSocket::Connect(const char* host, int port, btkTimeval limit)
         errno = EINVAL;
         return false;
     }
-    const btkTimeval end = EndOf(limit);
+    const btkTimeval end = endOf(limit);
     const std::vector<btkSocketAddress> addresses = btkResolve(host, port, limit);
     std::size_t rest = addresses.size();
     for (const btkSocketAddress& address : addresses) {
         // Each gets its share of the time, so that a silent one leaves some for the next.
-        const btkTimeval left = LeftUntil(end);
+        const btkTimeval left = leftUntil(end);
         const btkTimeval share =
             left.IsForever() ? left : btkTimeval(left.ToSeconds() / static_cast<double>(rest--));
-        btkFd connected = ConnectTo(address, share);
+        btkFd connected = connectTo(address, share);
         if (connected) {
             fcntl(connected.Get(), F_SETFL, 0);
             Adopt(std::move(connected));
@@ -316,7 +316,7 @@ void btkStreamSocket::Adopt(btkFd connected)
 {
     Close();
     fd = std::move(connected);
-    SetStreamOptions(fd.Get());
+    setStreamOptions(fd.Get());
 }
 
 void btkStreamSocket::Close()
@@ -339,7 +339,7 @@ bool btkStreamSocket::Await(btkReadiness awaited, btkTimeval end)
         const btkTimeval told = stopSign == nullptr ? btkTimeval::Forever() : stopSign->GetEnd();
         const btkHandle sign = stopSign == nullptr || !told.IsForever() ? -1 : stopSign->GetHandle();
         pollfd asked[] = {{fd.Get(), awaited, 0}, {sign, POLLIN, 0}};
-        if (btkPoll(asked, sign < 0 ? 1 : 2, LeftUntil(std::min(end, told))) < 0)
+        if (btkPoll(asked, sign < 0 ? 1 : 2, leftUntil(std::min(end, told))) < 0)
             return true;
         if (asked[0].revents != 0)
             return true;
@@ -387,13 +387,13 @@ std::size_t btkStreamSocket::Send(const void* from, std::size_t size, bool oob)
         // The mark of a value is lost once the next one is set.
         const auto isQuiet = [&] { return btkCountReceived(fd.Get()) == receivedThen; };
         if (lastUrgent > btkTimeval())
-            WaitWhile(isQuiet, lastUrgent + urgentSpacing);
-        WaitWhile([&] { return btkCountUnsent(fd.Get()) > 0; }, btkTimeval::Now() + urgentLimit);
+            waitWhile(isQuiet, lastUrgent + urgentSpacing);
+        waitWhile([&] { return btkCountUnsent(fd.Get()) > 0; }, btkTimeval::Now() + urgentLimit);
     }
     std::size_t done = 0;
     while (done < size) {
         const std::ptrdiff_t count =
-            Transfer(btkWritable, std::min(EndOf(sendLimit), deadline), false, [&](int flags) {
+            Transfer(btkWritable, std::min(endOf(sendLimit), deadline), false, [&](int flags) {
                 return send(fd.Get(), static_cast<const char*>(from) + done, size - done,
                             flags | (oob ? MSG_OOB : 0));
             });
@@ -443,9 +443,9 @@ std::ptrdiff_t btkStreamSocket::ReceiveRaw(char* to, std::size_t size, Wait wait
                                            bool& mayBeMore)
 {
     if (wait == Wait::never)
-        return ReceiveNow(fd.Get(), to, size, mayBeMore);
+        return receiveNow(fd.Get(), to, size, mayBeMore);
     return Transfer(btkReadable, end, wait == Wait::first,
-                    [&](int flags) { return ReceivePart(fd.Get(), to, size, flags, mayBeMore); });
+                    [&](int flags) { return receivePart(fd.Get(), to, size, flags, mayBeMore); });
 }
 
 // One path for both channels. The kernel stops a read at a mark, so the three bytes before one are the last
@@ -455,7 +455,7 @@ std::ptrdiff_t btkStreamSocket::Receive(char* to, std::size_t size, Wait wait)
 {
     if (size == 0)
         return 0;
-    const btkTimeval end = wait == Wait::never ? btkTimeval() : std::min(EndOf(recvLimit), deadline);
+    const btkTimeval end = wait == Wait::never ? btkTimeval() : std::min(endOf(recvLimit), deadline);
     for (;;) {
         if (ahead != nullptr && ahead->Count() > 0) {
             if (ahead->isMarkNear)
@@ -491,7 +491,7 @@ std::ptrdiff_t btkStreamSocket::Receive(char* to, std::size_t size, Wait wait)
 
 bool btkStreamSocket::IsUrgentPending() const
 {
-    return (Poll(fd.Get(), btkUrgent, {}) & btkUrgent) != 0;
+    return (poll(fd.Get(), btkUrgent, {}) & btkUrgent) != 0;
 }
 
 bool btkStreamSocket::IsAtMark() const
@@ -524,7 +524,7 @@ void btkStreamSocket::ReadToMark()
     while (ahead->isMarkNear) {
         if (IsAtMark()) {
             char last = 0;
-            const std::ptrdiff_t count = ReceiveNow(fd.Get(), &last, 1);
+            const std::ptrdiff_t count = receiveNow(fd.Get(), &last, 1);
             ahead->isMarkNear = count < 0 && errno == EAGAIN;
             if (count > 0)
                 TakeMark(last);
@@ -541,7 +541,7 @@ void btkStreamSocket::ReadToMark()
         const std::size_t before = bytes.size();
         const std::size_t piece = std::min<std::size_t>(urgentBudget - before, 65536);
         bytes.resize(before + piece);
-        const std::ptrdiff_t count = ReceiveNow(fd.Get(), bytes.data() + before, piece);
+        const std::ptrdiff_t count = receiveNow(fd.Get(), bytes.data() + before, piece);
         bytes.resize(before + static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
         if (count <= 0) {
             ahead->isMarkNear = count < 0 && errno == EAGAIN;
@@ -571,14 +571,14 @@ std::size_t btkStreamSocket::CountReadable()
 
 bool btkStreamSocket::IsReadable(btkTimeval limit)
 {
-    const btkTimeval end = EndOf(limit);
+    const btkTimeval end = endOf(limit);
     for (;;) {
         if (ahead != nullptr && ahead->isMarkNear)
             ReadToMark();
         if (ahead != nullptr && ahead->Sure() > 0)
             return true;
         const bool isMarkNear = ahead != nullptr && ahead->isMarkNear;
-        const btkReadiness ready = Poll(fd.Get(), GetAwaitedInput(), LeftUntil(end));
+        const btkReadiness ready = poll(fd.Get(), GetAwaitedInput(), leftUntil(end));
         if (ready == btkNotReady)
             return false;
         if ((ready & btkUrgent) == 0 && !isMarkNear)
@@ -625,15 +625,15 @@ bool btkStreamSocket::MayReadAhead() const
 
 std::string btkStreamSocket::GetPeerAddrStr() const
 {
-    return PeerOf(*this, peer).GetText();
+    return peerOf(*this, peer).GetText();
 }
 
 bool btkStreamSocket::IsPeerOnTheSameMachine() const
 {
-    const btkSocketAddress address = PeerOf(*this, peer);
+    const btkSocketAddress address = peerOf(*this, peer);
     if (address.storage.ss_family == AF_UNSPEC)
         return false;
-    return address.IsLoopback() || address.HasSameHost(AddressOf(fd.Get(), getsockname));
+    return address.IsLoopback() || address.HasSameHost(addressOf(fd.Get(), getsockname));
 }
 
 // ---- btkAcceptSocket
@@ -658,11 +658,11 @@ bool btkAcceptSocket::Listen(int port, const char* listenOn)
         btkFd made(socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         if (!made)
             continue;
-        SetOption(made.Get(), SOL_SOCKET, SO_REUSEADDR, 1);
+        setOption(made.Get(), SOL_SOCKET, SO_REUSEADDR, 1);
         // Inherited by its connections, which saves two calls for each.
-        SetStreamOptions(made.Get());
+        setStreamOptions(made.Get());
         if (family == AF_INET6)
-            SetOption(made.Get(), IPPROTO_IPV6, IPV6_V6ONLY, listenOn != nullptr);
+            setOption(made.Get(), IPPROTO_IPV6, IPV6_V6ONLY, listenOn != nullptr);
         if (bind(made.Get(), address.Get(), address.size) == 0 && listen(made.Get(), SOMAXCONN) == 0) {
             fd = std::move(made);
             return true;
@@ -677,7 +677,7 @@ bool btkAcceptSocket::Listen(int port, const char* listenOn)
 void btkAcceptSocket::Adopt(btkFd listening)
 {
     fd = std::move(listening);
-    SetStreamOptions(fd.Get());
+    setStreamOptions(fd.Get());
 }
 
 bool btkAcceptSocket::Accept(btkStreamSocket* connection)
@@ -727,18 +727,18 @@ std::size_t btkCountPeerRoom(btkHandle connection)
 {
     tcp_info unknown = {};
     unknown.tcpi_snd_wnd = 0x7FFFFFFF;
-    const std::size_t room = AskInfo(connection, unknown).tcpi_snd_wnd;
+    const std::size_t room = askInfo(connection, unknown).tcpi_snd_wnd;
     const std::size_t underway = btkCountUnsent(connection);
     return room > underway ? room - underway : 0;
 }
 
 unsigned long long btkCountReceived(btkHandle connection)
 {
-    return AskInfo(connection, {}).tcpi_bytes_received;
+    return askInfo(connection, {}).tcpi_bytes_received;
 }
 
 void btkSetOwnRoom(btkHandle connection, std::size_t bytes)
 {
     // The kernel adds as much again for itself.
-    SetOption(connection, SOL_SOCKET, SO_RCVBUF, static_cast<int>(bytes));
+    setOption(connection, SOL_SOCKET, SO_RCVBUF, static_cast<int>(bytes));
 }

@@ -33,7 +33,7 @@ constexpr btkTimeval publishInterval(0, 100000);
 
 // The key by which records are counted together: one address, for IPv6 one network, of which every machine
 // has more addresses than there is room; empty: this machine.
-std::string HolderOf(const btkStreamSocket& client)
+std::string holderOf(const btkStreamSocket& client)
 {
     if (client.IsPeerOnTheSameMachine())
         return {};
@@ -45,14 +45,14 @@ std::string HolderOf(const btkStreamSocket& client)
 }
 
 // The folder of a file, and the rest of its path.
-btkFd OpenFolderOf(const std::string& path)
+btkFd openFolderOf(const std::string& path)
 {
     const std::size_t slash = path.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
     return btkFd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-const char* NameOf(const std::string& path)
+const char* nameOf(const std::string& path)
 {
     // Without a slash: npos + 1 is 0.
     return path.c_str() + path.rfind('/') + 1;
@@ -309,7 +309,7 @@ void nmsServer::Answer(Client& client)
             status = !isWhole ? nmscInternal
                      : record.owner != 0 && !isLocal()
                          ? nmscNotAllowed
-                         : table.Add(std::move(record), HolderOf(client.socket));
+                         : table.Add(std::move(record), holderOf(client.socket));
             break;
         case nmsRequestCode::remove: {
             const std::size_t count = isWhole ? table.Remove(record) : 0;
@@ -434,7 +434,7 @@ void nmsServer::ReportRefusals()
 
 void nmsServer::LoadState()
 {
-    stateFolder = OpenFolderOf(options.stateFile);
+    stateFolder = openFolderOf(options.stateFile);
     if (!stateFolder) {
         std::fprintf(stderr, "name server: the records will not outlive it: %s: %s\n",
                      options.stateFile.c_str(), std::strerror(errno));
@@ -468,7 +468,7 @@ void nmsServer::SaveState()
         btkReplacement file;
         // It need not outlive the machine's run.
         if (file.Create(stateFolder.Get()) && file.Write(saved.data(), saved.size()) &&
-            file.TakePlace(NameOf(options.stateFile), btkReplacement::Unsynced))
+            file.TakePlace(nameOf(options.stateFile), btkReplacement::Unsynced))
             return;
     } catch (const std::bad_alloc&) {
         errno = ENOMEM;
