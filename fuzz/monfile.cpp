@@ -17,7 +17,7 @@ namespace {
 
 using Monitor = qel::owned<monFile>;
 
-void Require(bool holds)
+void require(bool holds)
 {
     if (!holds)
         std::abort();
@@ -25,7 +25,7 @@ void Require(bool holds)
 
 // Whether `work` ends without one of the failures that bad files cause.
 template<class Work>
-bool Succeeds(Work work)
+bool succeeds(Work work)
 {
     try {
         work();
@@ -47,13 +47,13 @@ public:
     void Append(const std::uint8_t* data, std::size_t size) const
     {
         const long long end = btkGetFileSize(file.Get());
-        Require(btkWriteAt(file.Get(), data, size, end) == size);
+        require(btkWriteAt(file.Get(), data, size, end) == size);
     }
-    void Clear() const { Require(btkSetFileSize(file.Get(), 0)); }
+    void Clear() const { require(btkSetFileSize(file.Get(), 0)); }
     Monitor Open() const
     {
         Monitor opened;
-        Succeeds([&] { opened.reset(monFile::Open(path.c_str())); });
+        succeeds([&] { opened.reset(monFile::Open(path.c_str())); });
         return opened;
     }
 
@@ -62,10 +62,10 @@ private:
     std::string path;
 };
 
-std::vector<monParam*> ParametersOf(monFile& file, bool& isSound)
+std::vector<monParam*> parametersOf(monFile& file, bool& isSound)
 {
     std::vector<monParam*> found;
-    isSound = Succeeds([&] {
+    isSound = succeeds([&] {
         monParamDict* const params = file.getParams();
         monParam* param = nullptr;
         for (int i = 0; i < params->getarraysize(); ++i)
@@ -76,32 +76,32 @@ std::vector<monParam*> ParametersOf(monFile& file, bool& isSound)
 }
 
 // Writes a value and reads it again. False when the file has no place for it.
-bool Use(monParam& param, std::uint8_t choice)
+bool use(monParam& param, std::uint8_t choice)
 {
-    return Succeeds([&] {
+    return succeeds([&] {
         if (auto* const b = monBoolParam::softcast(&param)) {
             b->getValue();
             b->setValue(choice);
-            Require(b->getValue() == choice);
+            require(b->getValue() == choice);
         } else if (auto* const i = monIntParam::softcast(&param)) {
             i->getValue();
             i->setValue(choice);
-            Require(i->getValue() == choice);
+            require(i->getValue() == choice);
         } else if (auto* const r = monRealParam::softcast(&param)) {
             r->getValue();
             r->setValue(choice);
-            Require(r->getValue() == choice);
+            require(r->getValue() == choice);
         } else {
             auto* const s = monStringParam::cast(&param);
-            Require(s->getValue().GetMBSize() <= static_cast<unsigned>(s->getSize()) + 1);
+            require(s->getValue().GetMBSize() <= static_cast<unsigned>(s->getSize()) + 1);
             const std::string text(static_cast<std::size_t>(std::min<int>(choice, s->getSize())), 'x');
             s->setValue(text.c_str());
-            Require(s->getValue() == text.c_str());
+            require(s->getValue() == text.c_str());
         }
     });
 }
 
-void Drive(const NamelessFile& file, const std::uint8_t* data, std::size_t size)
+void drive(const NamelessFile& file, const std::uint8_t* data, std::size_t size)
 {
     const std::uint8_t choice = data[0];
     const std::size_t first = std::min<std::size_t>(size - 2, data[1] * 4u);
@@ -110,28 +110,28 @@ void Drive(const NamelessFile& file, const std::uint8_t* data, std::size_t size)
     const Monitor reader = file.Open();
     bool isSound = false;
     if (reader != nullptr)
-        ParametersOf(*reader, isSound);
+        parametersOf(*reader, isSound);
 
     file.Append(data + 2 + first, size - 2 - first);
     const Monitor writer = file.Open();
     if (writer == nullptr)
         return;
-    const std::vector<monParam*> found = ParametersOf(*writer, isSound);
+    const std::vector<monParam*> found = parametersOf(*writer, isSound);
     for (monParam* const param : found)
-        Require(Use(*param, choice));
+        require(use(*param, choice));
 
     monIntParam* added = nullptr;
-    const bool canAdd = Succeeds([&] { added = writer->Int("added"); });
-    Require(canAdd == isSound);
+    const bool canAdd = succeeds([&] { added = writer->Int("added"); });
+    require(canAdd == isSound);
     if (added == nullptr)
         return; // or it exists with another type
     added->setValue(choice);
     const Monitor other = file.Open();
-    Require(other != nullptr && other->Int("added")->getValue() == choice);
-    const std::size_t count = ParametersOf(*other, isSound).size();
-    Require(isSound && (count == found.size() || count == found.size() + 1));
+    require(other != nullptr && other->Int("added")->getValue() == choice);
+    const std::size_t count = parametersOf(*other, isSound).size();
+    require(isSound && (count == found.size() || count == found.size() + 1));
     if (reader != nullptr)
-        Require(reader->Int("added")->getValue() == choice);
+        require(reader->Int("added")->getValue() == choice);
 }
 
 } // namespace
@@ -142,6 +142,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
     static const NamelessFile file(memfd_create("monitor", MFD_CLOEXEC));
     if (size >= 2 && size < 32768)
-        Drive(file, data, size);
+        drive(file, data, size);
     return 0;
 }

@@ -11,7 +11,7 @@
 
 namespace {
 
-void Require(bool holds)
+void require(bool holds)
 {
     if (!holds)
         std::abort();
@@ -21,7 +21,7 @@ enum Kind { byteKind, intKind, boolKind, realKind, stringKind, kinds };
 
 const char* const delimiters[] = {nullptr, ",", " ", xnullstr};
 
-ioTryCode Try(ioStream& stream, int kind, const char* delims)
+ioTryCode attempt(ioStream& stream, int kind, const char* delims)
 {
     switch (kind) {
     case byteKind:
@@ -38,7 +38,7 @@ ioTryCode Try(ioStream& stream, int kind, const char* delims)
 }
 
 // Reads one value. "=" and its bits, or the text of the failure.
-std::string Read(ioStream& stream, int kind, const char* delims)
+std::string read(ioStream& stream, int kind, const char* delims)
 {
     const auto bits = [](const auto& value) {
         return "=" + std::string(reinterpret_cast<const char*>(&value), sizeof value);
@@ -90,11 +90,11 @@ public:
     void RequireTry(ioTryCode answer, int kind, const char* delims, std::size_t part)
     {
         ioTryCode piped;
-        while ((piped = Try(In(), kind, delims)) == ioWouldBlock) {
-            Require(left > 0);
+        while ((piped = attempt(In(), kind, delims)) == ioWouldBlock) {
+            require(left > 0);
             Send(part);
         }
-        Require(piped == answer);
+        require(piped == answer);
         if (left > 0 && answer != ioSuccess && answer != ioFormatError)
             Send(left); // the read that fails at the end consumes all before it
     }
@@ -107,7 +107,7 @@ private:
     std::size_t left;
 };
 
-void ReadAll(const std::uint8_t* data, std::size_t size)
+void readAll(const std::uint8_t* data, std::size_t size)
 {
     ioSerializer* const forms[] = {ioSerializer::getAscii(), ioSerializer::getBinary(),
                                    ioSerializer::getXDR()};
@@ -133,15 +133,15 @@ void ReadAll(const std::uint8_t* data, std::size_t size)
         const char* const delims = delimiters[(choice >> 24) % 4];
 
         const unsigned left = memory->PeekNBytes();
-        const ioTryCode answer = Try(*memory, kind, delims);
-        Require(memory->PeekNBytes() == left);
+        const ioTryCode answer = attempt(*memory, kind, delims);
+        require(memory->PeekNBytes() == left);
         if (isPiped)
             parts->RequireTry(answer, kind, delims, 1 + (choice >> 8) % 9);
 
-        const std::string value = Read(*memory, kind, delims);
-        Require((answer == ioSuccess) == (value[0] == '='));
+        const std::string value = read(*memory, kind, delims);
+        require((answer == ioSuccess) == (value[0] == '='));
         if (isPiped)
-            Require(Read(parts->In(), kind, delims) == value);
+            require(read(parts->In(), kind, delims) == value);
         if (answer != ioSuccess && memory->PeekNBytes() == 0)
             break;
     }
@@ -154,6 +154,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     if (size >= 5 && size < 8192)
-        ReadAll(data, size);
+        readAll(data, size);
     return 0;
 }
