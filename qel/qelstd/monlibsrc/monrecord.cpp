@@ -28,12 +28,12 @@ template<>
 constexpr RecordType typeOf<monRealParam> = realRecord;
 
 // The size of a value of a kind other than string, and of the length of a string.
-constexpr int FixedSize(int type)
+constexpr int fixedSize(int type)
 {
     return type == realRecord ? monRealSize : monWordSize;
 }
 
-[[noreturn]] void ThrowTooLarge()
+[[noreturn]] void throwTooLarge()
 {
     qelXNativeException::Throw("monFile: File too large");
 }
@@ -46,7 +46,7 @@ int monFile::Inside::WhereAmI()
 {
     const int position = stream->TellPos();
     if (position == xnullint)
-        ThrowTooLarge();
+        throwTooLarge();
     return position;
 }
 
@@ -181,7 +181,7 @@ bool monFile::Inside::ReadRecord(long long end)
     char name[longestName + 1] = {};
     stream->ReadBytes(name, static_cast<unsigned>(nameLength));
     const int capacity = type == stringRecord ? LoadInt() : 0;
-    const long long next = position + FixedSize(type) + capacity;
+    const long long next = position + fixedSize(type) + capacity;
     if (capacity < 0 || next > INT_MAX)
         monThrowWeird();
     if (next > end)
@@ -342,9 +342,9 @@ Param* monFile::Inside::Append(const char* name, Capacity... capacity)
         qelXNativeException::Throw("monFile::String: Negative capacity");
     constexpr int capacityWord = type == stringRecord ? monWordSize : 0;
     const long long end = readUpTo + static_cast<long long>(std::strlen(name)) + headSize + capacityWord +
-                          FixedSize(type) + room;
+                          fixedSize(type) + room;
     if (end > INT_MAX)
-        ThrowTooLarge();
+        throwTooLarge();
     int position = 0;
     Attempt([&] {
         WriteParamHead(name, type);

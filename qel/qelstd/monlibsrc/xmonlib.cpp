@@ -64,7 +64,7 @@ namespace {
 
 // The absolute path of the operating system, which stays valid when the current directory changes. False with
 // the last error set.
-bool HostPathOf(const char* path, std::string& host)
+bool hostPathOf(const char* path, std::string& host)
 {
     if (!platDone(btkHostPath(qelIsObject(path) ? path : nullptr, host)))
         return false;
@@ -76,7 +76,7 @@ bool HostPathOf(const char* path, std::string& host)
 }
 
 // The first bytes of a file.
-std::string HeadOf(const char* title)
+std::string headOf(const char* title)
 {
     const std::string text = qelIsObject(title) ? title : "";
     const std::uint32_t words[] = {0, btkNetworkOrder(static_cast<std::uint32_t>(text.size()))};
@@ -114,7 +114,7 @@ monFile* monFile::Inside::Attach(const std::string& path, const char* given)
 monFile* monFile::Open(const char* path)
 {
     std::string host;
-    return HostPathOf(path, host) ? Inside::OpenAt(host, path) : nullptr;
+    return hostPathOf(path, host) ? Inside::OpenAt(host, path) : nullptr;
 }
 
 monFile* monFile::Inside::OpenAt(const std::string& path, const char* given)
@@ -178,9 +178,9 @@ bool monFile::Inside::BeginInPlace(const std::string& head)
 monFile* monFile::Create(const char* path, const char* newTitle)
 {
     std::string host;
-    if (!HostPathOf(path, host))
+    if (!hostPathOf(path, host))
         return nullptr;
-    const std::string head = HeadOf(newTitle);
+    const std::string head = headOf(newTitle);
     std::unique_ptr<monFile, qelDelete> file(Inside::MakeAnew(host, path, head));
     if (file == nullptr && btkReplacement::IsKeptOut(errno)) {
         file.reset(Inside::Attach(host, path));
