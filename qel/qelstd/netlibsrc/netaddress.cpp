@@ -19,13 +19,13 @@ namespace {
 constexpr const char* nameField = "_ServerName";
 constexpr const char* portField = "_PortNumber";
 
-const char* TextOf(const xstring& text)
+const char* textOf(const xstring& text)
 {
     return text == nullptr ? nullptr : text.CastToCString();
 }
 
 // Takes and reports the error. True when there was none.
-bool Succeeded(capi_nmsError* answered)
+bool succeeded(capi_nmsError* answered)
 {
     const nmsOwnedError error(answered);
     if (error != nullptr)
@@ -33,18 +33,18 @@ bool Succeeded(capi_nmsError* answered)
     return error == nullptr;
 }
 
-nmsOwnedProxy NewProxy(const xstring& host)
+nmsOwnedProxy newProxy(const xstring& host)
 {
-    const char* const name = TextOf(host);
+    const char* const name = textOf(host);
     return nmsOwnedProxy(name == nullptr ? nmsServConnectLocal() : nmsServConnectByName(name));
 }
 
-bool Answers(const nmsOwnedProxy& proxy)
+bool answers(const nmsOwnedProxy& proxy)
 {
     return proxy != nullptr && nmsOwnedError(nmsServPing(proxy.get())) == nullptr;
 }
 
-nmsOwnedRecord RecordOf(const xstring& name, int port)
+nmsOwnedRecord recordOf(const xstring& name, int port)
 {
     nmsOwnedRecord record(MakeServerRecord(name));
     if (record != nullptr && !nmsRecAdd(record.get(), portField, std::to_string(port).c_str()))
@@ -52,7 +52,7 @@ nmsOwnedRecord RecordOf(const xstring& name, int port)
     return record;
 }
 
-int ResolvePortBy(netAddress* address, btkTimeval end)
+int resolvePortBy(netAddress* address, btkTimeval end)
 {
     if (!qelIsObject(address))
         netXException::Throw(netInvalidAddress, "Address is nil!");
@@ -87,37 +87,37 @@ netAddress* netAddress::Create(const char* serverName, const char* host)
 
 int ResolvePort(netAddress* address)
 {
-    return ResolvePortBy(address, netAnswerEnd());
+    return resolvePortBy(address, netAnswerEnd());
 }
 
 std::unique_ptr<btkStreamSocket> netConnect(netAddress* address, btkTimeval end)
 {
-    const int port = ResolvePortBy(address, end.IsForever() ? netAnswerEnd() : end);
+    const int port = resolvePortBy(address, end.IsForever() ? netAnswerEnd() : end);
     const xstring host = address->getHostName();
     auto socket = std::make_unique<btkStreamSocket>();
-    if (!socket->Connect(TextOf(host), port, end.IsForever() ? end : end - btkTimeval::Now()))
+    if (!socket->Connect(textOf(host), port, end.IsForever() ? end : end - btkTimeval::Now()))
         return nullptr;
     return socket;
 }
 
 nmsOwnedProxy netNameServer(const xstring& host, btkTimeval end)
 {
-    nmsOwnedProxy proxy = NewProxy(host);
+    nmsOwnedProxy proxy = newProxy(host);
     if (proxy != nullptr)
         nmsServSetDeadline(proxy.get(), end);
-    return Answers(proxy) ? std::move(proxy) : nullptr;
+    return answers(proxy) ? std::move(proxy) : nullptr;
 }
 
 capi_nmsServerProxy* getNameServer(xstring host)
 {
-    nmsOwnedProxy proxy = NewProxy(host);
-    return Answers(proxy) ? proxy.release() : nullptr;
+    nmsOwnedProxy proxy = newProxy(host);
+    return answers(proxy) ? proxy.release() : nullptr;
 }
 
 capi_nmsRecord* MakeServerRecord(xstring name)
 {
     nmsOwnedRecord record(nmsRecCreate(1));
-    if (record == nullptr || !nmsRecAdd(record.get(), nameField, TextOf(name)))
+    if (record == nullptr || !nmsRecAdd(record.get(), nameField, textOf(name)))
         return nullptr;
     return record.release();
 }
@@ -125,29 +125,29 @@ capi_nmsRecord* MakeServerRecord(xstring name)
 bool RegisterWithNMS(capi_nmsServerProxy* proxy, int port, xstring name)
 {
     const nmsOwnedProxy owned(proxy);
-    const nmsOwnedRecord record = RecordOf(name, port);
-    return record != nullptr && Succeeded(nmsServRegister(proxy, record.get()));
+    const nmsOwnedRecord record = recordOf(name, port);
+    return record != nullptr && succeeded(nmsServRegister(proxy, record.get()));
 }
 
 void netUnregister(capi_nmsServerProxy* proxy, int port, const xstring& name)
 {
-    const nmsOwnedRecord record = RecordOf(name, port);
+    const nmsOwnedRecord record = recordOf(name, port);
     if (record != nullptr)
-        Succeeded(nmsServRemove(proxy, record.get(), nullptr));
+        succeeded(nmsServRemove(proxy, record.get(), nullptr));
 }
 
 bool IsRegisteredWithNMS(capi_nmsServerProxy* proxy, xstring name)
 {
     const nmsOwnedRecord record(MakeServerRecord(name));
     int count = 0;
-    return record != nullptr && Succeeded(nmsServQuery(proxy, record.get(), nullptr, &count)) && count != 0;
+    return record != nullptr && succeeded(nmsServQuery(proxy, record.get(), nullptr, &count)) && count != 0;
 }
 
 bool UnregisterFromNMS(capi_nmsServerProxy* proxy, xstring name)
 {
     const nmsOwnedRecord record(MakeServerRecord(name));
     int count = 0;
-    return record != nullptr && Succeeded(nmsServRemove(proxy, record.get(), &count));
+    return record != nullptr && succeeded(nmsServRemove(proxy, record.get(), &count));
 }
 
 int GetPortFromNMS(capi_nmsServerProxy* proxy, xstring name)
@@ -157,7 +157,7 @@ int GetPortFromNMS(capi_nmsServerProxy* proxy, xstring name)
         return 0;
     capi_nmsRecordArray* answered = nullptr;
     int count = 0;
-    const bool isAnswered = Succeeded(nmsServQuery(proxy, record.get(), &answered, &count));
+    const bool isAnswered = succeeded(nmsServQuery(proxy, record.get(), &answered, &count));
     const nmsOwnedRecords array(answered);
     if (!isAnswered) {
         nmsRecPrint(record.get());

@@ -50,7 +50,7 @@ struct ListenInterface
     }
 };
 
-ListenInterface& DefaultInterface()
+ListenInterface& defaultInterface()
 {
     static ListenInterface* const setting = new ListenInterface; // for servers that outlive every static
     return *setting;
@@ -123,7 +123,7 @@ netBaseServer* netBaseServer::Create(const char* name, int port, const char* lis
 
 void netBaseServer::setListenInterface(const char* listenOn)
 {
-    ListenInterface& setting = DefaultInterface();
+    ListenInterface& setting = defaultInterface();
     const std::lock_guard lock(setting.mutex);
     setting.name = listenOn != nullptr ? std::optional<std::string>(listenOn) : std::nullopt;
 }
@@ -136,7 +136,7 @@ netBaseServer* netBaseServer::Make(const char* name, int port, const char* liste
         btkAcceptSocket* socket;
     };
     Offer offer{new btkAcceptSocket};
-    const std::optional<std::string> setting = DefaultInterface().Get();
+    const std::optional<std::string> setting = defaultInterface().Get();
     const char* const wanted = listenOn != nullptr ? listenOn : setting ? setting->c_str() : nullptr;
     if (!offer.socket->Listen(port == xnullint ? 0 : port, wanted))
         return nullptr;

@@ -24,13 +24,13 @@ constexpr btkTimeval patienceAtFirst(5, 0);
 // The first byte is there when the handshake begins, so the rest of it is short.
 constexpr btkTimeval handshakeLimit(1, 0);
 
-[[noreturn]] void Refuse(netAddress* address)
+[[noreturn]] void refuse(netAddress* address)
 {
     netXException::Throw(netConnectionRefused, "Connection refused due to lack of rights", address);
 }
 
 // A connected socket whose calls also return by `end`; null when the port has no listener.
-std::unique_ptr<btkStreamSocket> Reach(netAddress* address, btkTimeval end)
+std::unique_ptr<btkStreamSocket> reach(netAddress* address, btkTimeval end)
 {
     std::unique_ptr<btkStreamSocket> socket = netConnect(address, end);
     if (socket != nullptr)
@@ -39,7 +39,7 @@ std::unique_ptr<btkStreamSocket> Reach(netAddress* address, btkTimeval end)
 }
 
 // Warns on the standard error output when a server is open to more peers than its author may expect.
-void WarnOfOpenDoor(netServer& server)
+void warnOfOpenDoor(netServer& server)
 {
     const xstring name = server.getServerName();
     const char* const why = !IsConnectionRestrictable(name) ? "no key of the registry can have such a name"
@@ -52,7 +52,7 @@ void WarnOfOpenDoor(netServer& server)
                   << std::flush;
 }
 
-void Unlimit(btkStreamSocket& socket)
+void unlimit(btkStreamSocket& socket)
 {
     socket.SetRecvLimit(btkTimeval::Forever());
     socket.SetSendLimit(btkTimeval::Forever());
@@ -82,7 +82,7 @@ netServer* netServer::Create(const char* name, int port, const char* listenOn)
 {
     netServer* const server = CreateAs<netServer>(name, port, listenOn);
     if (server != nullptr && !(server->getServerName() == nullptr))
-        WarnOfOpenDoor(*server);
+        warnOfOpenDoor(*server);
     return server;
 }
 
@@ -124,7 +124,7 @@ netServerLoopAction netServer::PreprocessRequest(btkStreamSocket* socket)
         return netServerContinue;
     if (request == netRequestCode::shutdown)
         return netServerTerminate;
-    Unlimit(*socket);
+    unlimit(*socket);
     return netServerNoDecision;
 }
 
@@ -161,21 +161,21 @@ void netServer::setAnswerLimit(double seconds)
 
 netSocketStream* netServer::Connect(netAddress* address, double timeout)
 {
-    std::unique_ptr<btkStreamSocket> socket = Reach(address, btkTimeval::Now() + btkTimeval(timeout));
+    std::unique_ptr<btkStreamSocket> socket = reach(address, btkTimeval::Now() + btkTimeval(timeout));
     if (socket == nullptr)
         return nullptr;
     const int verdict = netAsk(*socket, netRequestCode::open);
     if (verdict < 0)
         return nullptr;
     if (verdict != netAdmitted)
-        Refuse(address);
+        refuse(address);
     socket->SetDeadline(btkTimeval::Forever());
     return netSocketStream::Create(socket.release());
 }
 
 unsigned char netServer::IsAlive(netAddress* address)
 {
-    const std::unique_ptr<btkStreamSocket> socket = Reach(address, netAnswerEnd());
+    const std::unique_ptr<btkStreamSocket> socket = reach(address, netAnswerEnd());
     if (socket == nullptr)
         return false;
     const int answer = netAsk(*socket, netRequestCode::ping);
@@ -184,11 +184,11 @@ unsigned char netServer::IsAlive(netAddress* address)
 
 xstring netServer::GetVersion(netAddress* address)
 {
-    const std::unique_ptr<btkStreamSocket> socket = Reach(address, netAnswerEnd());
+    const std::unique_ptr<btkStreamSocket> socket = reach(address, netAnswerEnd());
     if (socket == nullptr)
         netXException::Throw(netConnectionRefused, "Connection refused", address);
     if (netAsk(*socket, netRequestCode::version) != netAdmitted)
-        Refuse(address);
+        refuse(address);
     std::string text;
     netReadVersion(*socket, text);
     return text.c_str();
@@ -196,7 +196,7 @@ xstring netServer::GetVersion(netAddress* address)
 
 void netServer::Shutdown(netAddress* address)
 {
-    const std::unique_ptr<btkStreamSocket> socket = Reach(address, netAnswerEnd());
+    const std::unique_ptr<btkStreamSocket> socket = reach(address, netAnswerEnd());
     if (socket != nullptr && netAsk(*socket, netRequestCode::shutdown) != netAdmitted)
-        Refuse(address);
+        refuse(address);
 }
