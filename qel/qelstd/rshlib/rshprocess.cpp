@@ -41,7 +41,7 @@ constexpr btkTimeval patienceWithServer(2, 0);
 
 std::atomic<btkTimeval> answerLimit = btkTimeval(10, 0);
 
-void PutText(std::string& to, const char* text)
+void putText(std::string& to, const char* text)
 {
     const std::size_t size = qelIsObject(text) ? std::strlen(text) : 0;
     char number[sizeof(int)];
@@ -50,7 +50,7 @@ void PutText(std::string& to, const char* text)
 }
 
 // Unlike the stream itself, never waits beyond `end`.
-void SendRequest(netSocketStream& s, const std::string& request, btkTimeval end)
+void sendRequest(netSocketStream& s, const std::string& request, btkTimeval end)
 {
     rshOutlet connection(&s);
     rshQueue& queue = connection.queue;
@@ -71,7 +71,7 @@ void SendRequest(netSocketStream& s, const std::string& request, btkTimeval end)
     }
 }
 
-void ReadReply(netSocketStream& connection, btkTimeval end)
+void readReply(netSocketStream& connection, btkTimeval end)
 {
     rshPartReader reader(connection, end);
     int reply = 0;
@@ -272,11 +272,11 @@ rshProcess* rshProcess::Create(netSocketStream* s, const char* command, const ch
 {
     const btkTimeval end = btkTimeval::Now() + answerLimit.load();
     std::string request;
-    PutText(request, command);
-    PutText(request, workDir);
+    putText(request, command);
+    putText(request, workDir);
     request.append({0, 0, 0, useShell == 1 ? '\1' : '\0'});
-    SendRequest(*s, request, end);
-    ReadReply(*s, end);
+    sendRequest(*s, request, end);
+    readReply(*s, end);
 
     rshOwned<ioPipe> pipes[3];
     ioStream* const given[] = {in, out, err};

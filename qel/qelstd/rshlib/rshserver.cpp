@@ -37,14 +37,14 @@ constexpr std::size_t ownRoom = 96 << 10;
 
 std::atomic<btkTimeval> patienceAtEnd = btkTimeval(10, 0);
 
-xstring ForShell(const std::string& command)
+xstring forShell(const std::string& command)
 {
     const xstring shell = pcGetShellCommand();
     const std::string prefix = shell != nullptr ? shell.CastToCString() : "";
     return (prefix + " \"" + command + "\"").c_str();
 }
 
-xstring WorkDirBelow(const char* baseDir, const std::string& wanted)
+xstring workDirBelow(const char* baseDir, const std::string& wanted)
 {
     const xstring workDir = fsPathToNative(wanted.c_str());
     // One that begins with a separator is rooted, though it names no drive.
@@ -54,7 +54,7 @@ xstring WorkDirBelow(const char* baseDir, const std::string& wanted)
                        : workDir;
 }
 
-void ReplyFailure(ioStream& connection, int code, const char* text)
+void replyFailure(ioStream& connection, int code, const char* text)
 {
     rshSucceeds([&] {
         connection.WriteInt(rshReplyFailed);
@@ -89,14 +89,14 @@ public:
         for (rshOwned<ioPipe>* const pipe : {&inPipe, &outPipe, &errPipe})
             pipe->reset(ioPipe::Create());
         if (inPipe == nullptr || outPipe == nullptr || errPipe == nullptr) {
-            ReplyFailure(urgentStream, 0, Error_GetText(Error_GetLast()).c_str());
+            replyFailure(urgentStream, 0, Error_GetText(Error_GetLast()).c_str());
             return false;
         }
         try {
             const xstring command =
-                request.useShell != 0 ? ForShell(std::string(request.command)) : request.command;
+                request.useShell != 0 ? forShell(std::string(request.command)) : request.command;
             process.reset(pcProcess::Create(
-                command.CastToCString(), WorkDirBelow(baseDir, std::string(request.workDir)).CastToCString(),
+                command.CastToCString(), workDirBelow(baseDir, std::string(request.workDir)).CastToCString(),
                 inPipe->getReadEnd(), outPipe->getWriteEnd(), errPipe->getWriteEnd(), 1, 1));
         } catch (xthrowable* thrown) {
             pcXCreate* const failure = pcXCreate::softcast(thrown);
@@ -106,9 +106,9 @@ public:
                 throw;
             const qel::caught freed(thrown);
             if (failure != nullptr)
-                ReplyFailure(urgentStream, failure->getError(), failure->getMsg().CastToCString());
+                replyFailure(urgentStream, failure->getError(), failure->getMsg().CastToCString());
             else
-                ReplyFailure(urgentStream, pcCreateCode::system, refused->getDescription().CastToCString());
+                replyFailure(urgentStream, pcCreateCode::system, refused->getDescription().CastToCString());
             return false;
         }
         exit.reset(process->ExitEvent());
@@ -320,7 +320,7 @@ unsigned char rshRequest::Execute(netSocketStream* s, const char* baseDir, evtEv
 
 void rshRequest::Refuse(netSocketStream* s, const char* why)
 {
-    ReplyFailure(*s, 0, why);
+    replyFailure(*s, 0, why);
 }
 
 unsigned char rshServer::Execute(netSocketStream* s, const char* baseDir, evtEvent* stopEvent)
