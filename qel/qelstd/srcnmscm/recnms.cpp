@@ -75,7 +75,7 @@ int nmsRecordLimits::GetFieldValueLength(const char* key)
 
 namespace {
 
-nmsLimits LimitsOf(const char* key)
+nmsLimits limitsOf(const char* key)
 {
     return {.fields = static_cast<unsigned>(nmsRecordLimits::GetNumberOfFields(key)),
             .nameSize = static_cast<unsigned>(nmsRecordLimits::GetFieldNameLength(key)),
@@ -84,7 +84,7 @@ nmsLimits LimitsOf(const char* key)
 
 // Calls `visit(name, value)` for the fields in the order of their slots, until it returns false.
 template<class Visit>
-bool ForEachField(xstringdictionary& fields, Visit visit)
+bool forEachField(xstringdictionary& fields, Visit visit)
 {
     xstring name;
     xstring value;
@@ -149,7 +149,7 @@ bool nmsRecord::IsAlive() const
 unsigned char nmsRecord::Match(nmsRecord* pattern)
 {
     return qelIsObject(pattern) &&
-           ForEachField(*pattern->fields, [&](const xstring& name, const xstring& wanted) {
+           forEachField(*pattern->fields, [&](const xstring& name, const xstring& wanted) {
                xstring value;
                return fields->find(name.CastToCString(), &value) && value == wanted;
            });
@@ -164,9 +164,9 @@ void nmsRecord::Clear()
 
 bool nmsRecordWire::Encode(const nmsRecord& record, std::string& to)
 {
-    const nmsLimits limits = LimitsOf(nullptr);
+    const nmsLimits limits = limitsOf(nullptr);
     unsigned count = 0;
-    ForEachField(*record.fields, [&](const xstring&, const xstring&) { return ++count; });
+    forEachField(*record.fields, [&](const xstring&, const xstring&) { return ++count; });
     if (count > limits.fields)
         return false;
     nmsPutInt(to, static_cast<int>(record.ownerId));
@@ -177,7 +177,7 @@ bool nmsRecordWire::Encode(const nmsRecord& record, std::string& to)
             return nmsPutText(end, "", 1, 0, limit);
         return nmsPutText(end, bytes, text.GetMBSize(), static_cast<unsigned>(text.GetLength()), limit);
     };
-    return ForEachField(*record.fields, [&](const xstring& name, const xstring& value) {
+    return forEachField(*record.fields, [&](const xstring& name, const xstring& value) {
         std::string field; // whole or not at all
         if (!put(field, name, limits.nameSize) || !put(field, value, limits.valueSize))
             return false;
@@ -213,7 +213,7 @@ bool nmsRecord::Receive(ioStream* s, const char* limitsKey)
 {
     if (!qelIsObject(s))
         return false;
-    nmsRecordReader reader(LimitsOf(limitsKey));
+    nmsRecordReader reader(limitsOf(limitsKey));
     try {
         char piece[nmsRecordReader::maxPiece];
         while (const std::size_t wanted = reader.GetWanted())
