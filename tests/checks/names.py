@@ -5,16 +5,6 @@ import re
 import tree
 
 FOLDERS = ("baselib", "ctools", "platform", "qel", "tools", "examples", "fuzz")
-# Sources that still have the former names.
-FORMER = {
-    "baselib/host/btksocket.cpp", "baselib/names/nmsserver.cpp", "fuzz/monfile.cpp", "fuzz/serializers.cpp",
-    "qel/qelstd/monlibsrc/monrecord.cpp", "qel/qelstd/monlibsrc/xmonlib.cpp",
-    "qel/qelstd/netlibsrc/netaddress.cpp", "qel/qelstd/netlibsrc/netbaseserver.cpp",
-    "qel/qelstd/netlibsrc/netserver.cpp", "qel/qelstd/rshlib/rshprocess.cpp", "qel/qelstd/rshlib/rshserver.cpp",
-    "qel/qelstd/srcnmscm/recnms.cpp", "tools/qel/complete.cpp", "tools/qel/fs.cpp", "tools/qel/main.cpp",
-    "tools/qel/mon.cpp", "tools/qel/monwatch.cpp", "tools/qel/ns.cpp", "tools/qel/output.cpp", "tools/qel/rsh.cpp",
-    "tools/qel/rshd.cpp", "tools/qel/selftest.cpp", "tools/qel/server.cpp", "tools/qel/types.cpp",
-}
 OTHER = re.compile(r"\s|#|}|(?:class|struct|enum|union|using|typedef|template|namespace|extern)\b|[A-Z_0-9]+\(")
 # In a declaration that begins a line: the name before its parameters, its initializer or its end.
 NAME = re.compile(r"[^(={;]*?(?<![\w:.>])(\w+)(?:\[\w*\])*(?:\(|\s*=|\{|;)")
@@ -42,7 +32,7 @@ for path in tree.files(*FOLDERS):
         continue
     for number, name in of_one_source(path.read_text()):
         seen += 1
-        if UPPER.fullmatch(name) and path.relative_to(tree.root()).as_posix() not in FORMER:
+        if UPPER.fullmatch(name):
             faults.append(f"{path.relative_to(tree.root())}:{number}: {name} is not in lowerCamel")
 if seen < 500:
     faults.append(f"only {seen} names found")
