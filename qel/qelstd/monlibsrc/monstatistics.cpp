@@ -57,7 +57,7 @@ void removeThoseOfTheDead(const std::string& folder)
     for (std::filesystem::directory_iterator at(folder, failed), end; !failed && at != end;
          at.increment(failed))
         if (isOfProcess(at->path().filename().string()))
-            btkRemoveUnheld(at->path().c_str());
+            btkRemoveUnheld(at->path().string().c_str());
 }
 
 long long milliseconds()
