@@ -195,8 +195,9 @@ TEST_F(CInterface, ReportsTheFieldsOfAnException)
     } cases[] = {
         {new qelXNull, "Attempt to assign null to non-optional object"},
         {new qelXNativeException("disk is on fire"), "disk is on fire"},
-        {new qelXSoapFault("Client", "no such method", xany()), "no such method"},
-        {new Uncounted, "communication timeout"},
+        {new qelXSoapFault("Client", "no such method", xany()),
+         "no such method (fault code Client, fault string no such method)"},
+        {new Uncounted, "communication timeout (op name waiting)"},
         {new pcXCreate(pcCreateCode::badIn, 0),
          "Stream can not be passed to a process created as an input stream"},
         {new regXKeyClosed, "reglib::XKeyClosed"}, // only its name
