@@ -1,4 +1,5 @@
 // A server that is found by its name and pushes each line to all who joined, and two clients: chat NAME
+#include <algorithm>
 #include <iostream>
 #include <memory>
 #include <mutex>
@@ -20,7 +21,7 @@ struct Room
     std::vector<qel::event*> members; // each is set when there are new lines
 };
 
-/// Serves a member until the server stops, or reading throws since the client has left.
+/// Serves a member until the client leaves or the server stops.
 void serve(Room& room, netSocketStream& client, evtEvent& stop)
 {
     qel::event news;
@@ -29,23 +30,23 @@ void serve(Room& room, netSocketStream& client, evtEvent& stop)
         std::erase(room.members, me);
     };
     const std::unique_ptr<qel::event, decltype(leave)> membership(&news, leave);
-    std::size_t sent = 0;
-    {
-        const std::lock_guard guard(room.lock);
-        room.members.push_back(&news);
-        sent = room.said.size();
-    }
+    std::unique_lock entering(room.lock);
+    room.members.push_back(&news);
+    std::size_t sent = room.said.size();
+    entering.unlock();
     const auto input = qel::own(client.InputEvent());
     for (evtEvent* on = nullptr; on != &stop; on = qel::waitAny({&stop, input.get(), &news})) {
-        const xstring line = on == input.get() ? client.ReadString(nullptr) : xstring();
+        const ioTryCode state = on == input.get() ? client.TryReadString(nullptr) : ioWouldBlock;
+        if (state == ioEndOfFile)
+            return;
+        const xstring line = state == ioSuccess ? client.ReadString(nullptr) : xstring();
         std::vector<xstring> lines;
         {
             const std::lock_guard guard(room.lock);
-            if (!line.isNull())
+            if (!line.isNull()) {
                 room.said.push_back(line);
-            for (qel::event* const member : room.members)
-                if (!line.isNull())
-                    member->set();
+                std::ranges::for_each(room.members, &qel::event::set);
+            }
             news.reset();
             lines.assign(room.said.begin() + static_cast<std::ptrdiff_t>(sent), room.said.end());
             sent = room.said.size();
@@ -65,7 +66,7 @@ int main(int, char** argv)
     server->setOnRequest(qel::onRequest([](netSocketStream&) { return netSpawnAsyncServer; }));
     server->setOnAsyncRequest(
         qel::onAsyncRequest([&](auto& client, auto& stop) { serve(room, client, stop); }));
-    std::thread loop([&] { server->Run(); });
+    const std::jthread loop([&] { server->Run(); });
 
     const xrchandle<netAddress> address(netAddress::Create(argv[1], nullptr));
     const auto ada = qel::own(netServer::Connect(address.get(), 10));
@@ -76,5 +77,4 @@ int main(int, char** argv)
         std::cout << "Ada reads " << ada->ReadString(nullptr) << std::endl;
     }
     server->Stop();
-    loop.join();
 }
