@@ -6,6 +6,7 @@
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <qel/base/btkfd.h>
@@ -37,10 +38,11 @@ public:
     AtTerminal(const AtTerminal&) = delete;
     AtTerminal& operator=(const AtTerminal&) = delete;
 
-    /// Reads until `text` has been written, the program has exited, or 20 seconds have passed.
-    std::string readUntil(const std::string& text) const
+    /// Reads until `text` has been written, the program has exited, or 20 seconds have passed. What was written
+    /// behind it is read by the next call.
+    std::string readUntil(const std::string& text)
     {
-        std::string all;
+        std::string all = std::exchange(rest, {});
         char block[1000];
         const btkTimeval end = btkTimeval::Now() + btkTimeval(20.0);
         while (text.empty() || all.find(text) == std::string::npos) {
@@ -49,6 +51,10 @@ public:
             if (count <= 0)
                 break;
             all.append(block, static_cast<std::size_t>(count));
+        }
+        if (const std::size_t found = all.find(text); !text.empty() && found != std::string::npos) {
+            rest = all.substr(found + text.size());
+            all.resize(found + text.size());
         }
         return all;
     }
@@ -66,4 +72,5 @@ public:
 private:
     int terminal = -1;
     pid_t child = -1;
+    std::string rest;
 };

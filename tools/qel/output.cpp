@@ -18,11 +18,11 @@ namespace {
 
 bool asJson = false; // the flag --json of the command that runs
 
-// The path that an exception names, or none.
-std::string pathOf(xthrowable& caught)
+// The text in an exception's attribute; empty without one.
+std::string attributeOf(xthrowable& caught, const char* name)
 {
     xrttistruct* const type = xrttistruct::softcast(caught.getRtti());
-    xrttiattr* const attribute = qelIsObject(type) ? type->findAttr("Path", 1) : nullptr;
+    xrttiattr* const attribute = qelIsObject(type) ? type->findAttr(name, 1) : nullptr;
     const xany value = qelIsObject(attribute) ? attribute->getValue(&caught) : xany();
     return value.getKind() == xanyString && !value.isNull() ? xstring(value).CastToCString() : "";
 }
@@ -136,8 +136,10 @@ void AnswerNo()
 CommandFailed FailureOf(xthrowable* thrown, Exit status, const std::string& what)
 {
     const qel::caught failure(thrown);
-    const std::string place = pathOf(*thrown);
-    return {status, place.empty() ? what : place, failure.what().CastToCString()};
+    const std::string place = attributeOf(*thrown, "Path");
+    // The message names the path; the text of the failure would name it again.
+    const std::string why = place.empty() ? "" : attributeOf(*thrown, "Description");
+    return {status, place.empty() ? what : place, why.empty() ? failure.what().CastToCString() : why};
 }
 
 // ---- results
