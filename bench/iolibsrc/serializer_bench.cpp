@@ -39,6 +39,8 @@ double RealAt(int i)
 
 struct Int
 {
+    using Item = int;
+    static int At(int i) { return IntAt(i); }
     static constexpr int size = 4;
     static void Write(ioStream& s, int i) { s.WriteInt(IntAt(i)); }
     static void Read(ioStream& s) { benchmark::DoNotOptimize(s.ReadInt()); }
@@ -73,6 +75,8 @@ struct Int
 
 struct Real
 {
+    using Item = double;
+    static double At(int i) { return RealAt(i); }
     static constexpr int size = 8;
     static void Write(ioStream& s, int i) { s.WriteReal(RealAt(i)); }
     static void Read(ioStream& s) { benchmark::DoNotOptimize(s.ReadReal()); }
@@ -182,6 +186,45 @@ void encodeMemoryXdr(benchmark::State& state)
         xdrmem_create(&x, memory.get(), inMemory * Value::size, XDR_ENCODE);
         for (int i = 0; i < inMemory; ++i)
             Value::Encode(x, i);
+        benchmark::ClobberMemory();
+    }
+}
+
+// Arrays in one call.
+template<class Value, class Item>
+std::vector<Item> Items()
+{
+    std::vector<Item> items(inMemory);
+    for (int i = 0; i < inMemory; ++i)
+        items[static_cast<std::size_t>(i)] = static_cast<Item>(Value::At(i));
+    return items;
+}
+
+template<class Value>
+void encodeArrayOurs(benchmark::State& state)
+{
+    const auto items = Items<Value, typename Value::Item>();
+    for (auto _ : state) {
+        const auto stream = NewMemory(ioSerializer::getXDR());
+        if constexpr (Value::size == 4)
+            stream->WriteInts(items);
+        else
+            stream->WriteReals(items);
+    }
+}
+
+template<class Value>
+void encodeArrayXdr(benchmark::State& state)
+{
+    auto items = Items<Value, typename Value::Item>();
+    const auto one =
+        Value::size == 4 ? reinterpret_cast<xdrproc_t>(xdr_int) : reinterpret_cast<xdrproc_t>(xdr_double);
+    for (auto _ : state) {
+        const auto memory = std::make_unique_for_overwrite<char[]>(inMemory * Value::size);
+        XDR x;
+        xdrmem_create(&x, memory.get(), inMemory * Value::size, XDR_ENCODE);
+        if (!xdr_vector(&x, reinterpret_cast<char*>(items.data()), inMemory, Value::size, one))
+            std::abort();
         benchmark::ClobberMemory();
     }
 }
@@ -388,6 +431,10 @@ void readTextStd(benchmark::State& state)
 BENCH_XDR(Int, "int");
 BENCH_XDR(Real, "real");
 BENCH_XDR(String, "string20");
+BENCHMARK(encodeArrayOurs<Int>)->Name("streams/xdr_encode_memory_ints_in_one_call/qelstd");
+BENCHMARK(encodeArrayXdr<Int>)->Name("streams/xdr_encode_memory_ints_in_one_call/xdr_vector");
+BENCHMARK(encodeArrayOurs<Real>)->Name("streams/xdr_encode_memory_reals_in_one_call/qelstd");
+BENCHMARK(encodeArrayXdr<Real>)->Name("streams/xdr_encode_memory_reals_in_one_call/xdr_vector");
 
 #define BENCH_TEXT(Value, name)                                                \
     BENCHMARK(writeTextOurs<Value>)->Name("streams/text_out_" name "/qelstd"); \

@@ -15,6 +15,7 @@ namespace {
 class Thing : public virtual xobject
 {
     QEL_OBJECT(Thing);
+    QEL_COUNTED;
 };
 
 constinit qelClass Thing::rtti = {.name = "bench::Thing", .counted = true};
@@ -63,7 +64,7 @@ BENCHMARK(oneThreadShared)->Name("objects/copy and drop a handle, one thread/std
 
 void birthQelstd(benchmark::State& state)
 {
-    makeAndDrop(state, [] { return xrchandle<Thing>(new (pDefMemMgr) Thing); });
+    makeAndDrop(state, qel::make<Thing>);
 }
 void birthShared(benchmark::State& state)
 {

@@ -61,7 +61,7 @@ void makeAndDrop(benchmark::State& state, Make make)
 
 xrchandle<Thing> newThing()
 {
-    return xrchandle<Thing>(new (pDefMemMgr) Thing);
+    return qel::make<Thing>();
 }
 
 void threadedQelstd(benchmark::State& state)

@@ -391,6 +391,10 @@ void printQelstd(std::ostream& os)
 {
     qelPrint(ours(), os, 2);
 }
+void printWhole(std::ostream& os)
+{
+    qelPrint(ours(), os, 2, qelWhole);
+}
 void printByHand(std::ostream& os)
 {
     static const PlainGroup group;
@@ -400,6 +404,8 @@ void printByHand(std::ostream& os)
 BENCHMARK_CAPTURE(toString, qelstd, printQelstd)->Name("traverse/print to a string/qelstd");
 BENCHMARK_CAPTURE(toString, hand, printByHand)->Name("traverse/print to a string/handwritten");
 BENCHMARK_CAPTURE(toFile, qelstd, printQelstd)->Name("traverse/print to a file/qelstd");
+BENCHMARK_CAPTURE(toFile, whole, printWhole)->Name("traverse/print to a file at once/qelstd");
+BENCHMARK_CAPTURE(toFile, lines, printByHand)->Name("traverse/print to a file at once/handwritten lines");
 BENCHMARK_CAPTURE(toFile, hand, printByHand)->Name("traverse/print to a file/handwritten");
 
 } // namespace
