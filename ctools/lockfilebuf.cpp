@@ -1,5 +1,6 @@
 #include "lockfilebuf.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -353,7 +354,9 @@ std::vector<int> lockFileBuf::GetHolders(const char* path)
         unsigned long node = 0;
         if (std::sscanf(line.c_str(), "%*d: FLOCK %*s %*s %d %x:%x:%lu", &process, &major, &minor, &node) ==
                 4 &&
-            process > 0 && makedev(major, minor) == status.st_dev && node == status.st_ino)
+            process > 0 && makedev(major, minor) == status.st_dev && node == status.st_ino &&
+            // The list is read in parts: a lock may move to a later one meanwhile.
+            std::find(holders.begin(), holders.end(), process) == holders.end())
             holders.push_back(process);
     }
     return holders;
