@@ -227,7 +227,7 @@ def declarations(text):
 
 
 def said(table, declaration):
-    """What the table says of the declaration."""
+    """The text of the table for the declaration."""
     for form, text in table:
         if found := re.search(form, declaration):
             return [f"/// {text.format(**found.groupdict())}"]

@@ -15,8 +15,8 @@ struct BASE_API btkEnvironment
 {
     /// Copies the value of `name`. False, with `value` unchanged, when the variable is not set.
     static bool Get(const char* name, std::string& value);
-    /// The same, but false for every variable when this process has more rights than the user who started it,
-    /// who must not choose what it writes.
+    /// The same, but false for every variable when this process has more rights than the user who started it:
+    /// that user must not choose which files it writes.
     static bool GetTrusted(const char* name, std::string& value);
     /// Sets `name` to a copy of `value`. False, with nothing changed, for a null argument, for a name that is
     /// empty or contains "=", and when memory runs out.

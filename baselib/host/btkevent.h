@@ -58,7 +58,7 @@ protected:
     struct Watch
     {
         btkHandle handle; // -1: none
-        /// What the event waits for.
+        /// The conditions that set the event.
         btkReadiness awaited;
         bool asks; // OnAsk and OnPolled are called
     };
@@ -110,7 +110,7 @@ public:
     struct Place
     {
         btkHandle handle; // -1: nothing to poll
-        /// What the event waits for, and what was found.
+        /// The conditions that set the event, and those found.
         btkReadiness awaited;
         btkReadiness ready;
 

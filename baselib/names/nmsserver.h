@@ -13,7 +13,7 @@
 
 struct pollfd;
 
-/// What a name server has done since its start.
+/// The counts of a name server since its start.
 struct nmsServerCounts
 {
     std::uint64_t connections = 0;

@@ -79,7 +79,7 @@ BASE_API bool nmsPutText(std::string& to, const char* text, unsigned size, unsig
 /// False when a limit is exceeded: with nothing written if it is the number of fields, else with the fields
 /// before the one that is too long written.
 BASE_API bool nmsPutRecord(std::string& to, const nmsFields& record, const nmsLimits& limits = {});
-/// What each request begins with: the number of the protocol and the code.
+/// The head of each request: the number of the protocol and the code.
 BASE_API void nmsPutFrame(std::string& to, nmsRequestCode code);
 
 // ---- reading

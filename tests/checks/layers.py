@@ -18,7 +18,7 @@ HOST_NAME = re.compile(
 ABOVE_HOST = ("qel", "tools", "examples")
 BASE_LAYER = ("baselib", "ctools", "platform")
 
-# What the base layer may include as <qel/...>: its own headers and the declarations that all layers share.
+# The headers that the base layer may include as <qel/...>: its own headers and the declarations that all layers share.
 shared = {f"qel/{path.name}" for path in tree.files("qel/qelbase/inc")}
 
 faults = []

@@ -207,7 +207,7 @@ TEST(xsequence, AssignsRangesOfItsOwnElements)
     const auto ints = sequenceOf<xintsequence>({1, 2, 3, 4, 5, 6});
     ints->assign(std::span(ints->elements() + 2, 3));
     EXPECT_EQ(contentOf(ints.get()), (std::vector{3, 4, 5}));
-    ints->set(4, 9); // what was there before is gone
+    ints->set(4, 9); // the earlier elements are not kept
     EXPECT_EQ(contentOf(ints.get()), (std::vector{3, 4, 5, 0, 9}));
     ints->assign(*ints);
     ints->assign(std::vector<short>{1, 2});

@@ -205,7 +205,7 @@ void printText(const Sample& sample)
 
 // ---- on the terminal
 
-// What is known of each value, for its row.
+// The state of each value, for its row.
 class Rows
 {
 public:

@@ -31,7 +31,7 @@ struct ScreenTable
     std::vector<ScreenRow> rows;
 };
 
-/// What the user has chosen to see.
+/// The part that the user has chosen to see.
 struct ScreenView
 {
     std::string filter;                       // rows in which a text contains it, whatever its case

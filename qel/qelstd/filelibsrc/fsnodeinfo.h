@@ -4,7 +4,7 @@
 
 class tmTime;
 
-/// What a node is.
+/// The kind of a node.
 enum fsNodeType : int { fsFile, fsDirectory, fsSoftLink };
 QEL_ENUM(fsNodeType);
 

@@ -14,7 +14,7 @@ class ioEvent;
 class ioStream;
 class xstreambuf;
 
-/// What a failure of a stream is about.
+/// The kind of a failure of a stream.
 enum ioError : int {
     ioStreamState,
     ioInputNotAllowed,

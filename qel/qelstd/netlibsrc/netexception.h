@@ -5,7 +5,7 @@
 
 class netAddress;
 
-/// What a failure of the network is about.
+/// The kind of a failure of the network.
 enum netError : int { netNameServiceProblem, netInvalidAddress, netServerNotFound, netConnectionRefused };
 QEL_ENUM(netError); // "netlib::Error"
 

@@ -11,7 +11,7 @@
 class monStatistics;
 class netBaseServer;
 
-/// What a server counts since its statistics began.
+/// The counts of a server since its statistics began.
 enum class netCount {
     connections,
     served,

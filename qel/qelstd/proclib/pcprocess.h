@@ -8,7 +8,7 @@ class ioStream;
 class pcEvent;
 struct btkProcess;
 
-/// What is known of a process.
+/// The state of a process.
 enum pcProcessStatus : int { pcUninit, pcRunning, pcExited };
 QEL_ENUM(pcProcessStatus); // "proclib::ProcessStatus"
 

@@ -2,7 +2,7 @@
 
 #include <qel/pcexception.h>
 
-/// What a failure of the remote shell is about.
+/// The kind of a failure of the remote shell.
 enum rshError : int { rshNoDaemon, rshNoNameService, rshNoPermission, rshProtocolMismatch, rshDaemonError };
 QEL_ENUM(rshError); // "rshlib::Error"
 

@@ -40,7 +40,7 @@ inline bool qelEndsQuietly(const xany& value)
 template<class T>
 struct qelArrow
 {
-    /// What operator-> points to.
+    /// The object of operator->.
     T value;
     T* operator->() { return &value; }
 };

@@ -72,7 +72,7 @@ struct qelCase
 /// The access functions of a sequence, dictionary or array.
 struct qelShape
 {
-    /// What a collection is.
+    /// The kind of a collection.
     enum Kind : unsigned char { sequence, dictionary, array };
 
     /// Says which of the functions below are set.
