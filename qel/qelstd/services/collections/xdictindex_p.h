@@ -139,9 +139,8 @@ public:
             if (key.equals(entries[home].key)) [[likely]]
                 return {&entries[home], true};
         }
-        if (tags()[home] == 0)
-            return {&entries[home], false};
-        return seekFrom((home + 1) & mask, key, tag, expect);
+        // Whether the home is free is not asked by itself: that branch cannot be predicted.
+        return seekFrom(home, key, tag, expect);
     }
     /// Makes room for one more entry. True when that moved all entries.
     /// @throws std::bad_alloc  nothing is changed
