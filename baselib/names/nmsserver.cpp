@@ -52,6 +52,14 @@ btkFd openFolderOf(const std::string& path)
     return btkFd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
+// Takes the scope off a query. True when it is for the records of all machines.
+bool takeScope(nmsFields& pattern)
+{
+    return std::erase_if(pattern.fields, [](const auto& field) {
+               return field.first == nmsScopeField && field.second == nmsScopeAll;
+           }) > 0;
+}
+
 const char* nameOf(const std::string& path)
 {
     // Without a slash: npos + 1 is 0.
@@ -322,6 +330,7 @@ void nmsServer::Answer(Client& client)
                 status = nmscInternal;
                 break;
             }
+            takeScope(record);
             client.records = table.Find(record);
             nmsPutInt(rest, static_cast<int>(client.records.size()));
             break;

@@ -46,6 +46,11 @@ enum nmscReturnCode : unsigned char {
 /// be reached; port 0 is not shown.
 BASE_API std::string nmsStatusText(int code, bool fromServer, const char* host, int port);
 
+/// The field, and its value, with which a query is for the records of all machines whose name servers keep them
+/// together. It is taken off before matching.
+inline constexpr std::string_view nmsScopeField = "_Scope";
+inline constexpr std::string_view nmsScopeAll = "all";
+
 /// A record: named texts and the process that owns them.
 struct BASE_API nmsFields
 {

@@ -8,6 +8,9 @@
 #include <vector>
 
 #include <qel/base/nmsclient.h>
+#include <qel/netexception.h>
+#include <qel/qelcaught.h>
+#include <qel/qelfind.h>
 
 #include "commands.h"
 #include "daemon.h"
@@ -186,6 +189,40 @@ void shutDownServer(const AskChoices& choices)
     require(choices, nmsServShutdown(choices.Connect().get()));
 }
 
+// ---- finding a server
+
+void findServer(const AskChoices& choices, const std::string& name)
+{
+    try {
+        const xrchandle<netAddress> found(
+            netFind(name.c_str(), choices.host.empty() ? nullptr : choices.host.c_str(), choices.seconds));
+        Show({{"host", found->getHostName().CastToCString()}, {"port", found->getPortN()}},
+             [](const Json& address) {
+                 return address["host"].get<std::string>() + ' ' + address["port"].dump() + '\n';
+             });
+        return;
+    } catch (xthrowable* thrown) {
+        const qel::caught failure(thrown);
+        auto* const known = failure.as<netXException>();
+        if (known == nullptr || known->getError() != netServerNotFound)
+            Fail(Exit::peer, choices.Server(),
+                 (known == nullptr ? failure.what() : known->getMsg()).CastToCString());
+    }
+    Fail(Exit::no, name, "no server of that name");
+}
+
+void addFind(CLI::App& group)
+{
+    const auto choices = std::make_shared<AskChoices>();
+    const auto name = std::make_shared<std::string>();
+    CLI::App& find = AddCommand(group, "find", "Print the host and the port of a server",
+                                [choices, name] { findServer(*choices, *name); });
+    find.add_option("server", *name, "Name of the server")->type_name("SERVER")->required();
+    addHost(find, *choices);
+    addLimit(find, "--limit", "Time for the whole request", choices->seconds);
+    OfferJson(find);
+}
+
 // ---- waiting for a server
 
 struct WaitChoices
@@ -326,12 +363,14 @@ void AddNameServiceCommands(CLI::App& program)
         AddGroup(program, "ns", "The name server, which knows where servers are, and its clients",
                  {{"qel ns serve --interface '*'", "Be the name server of all machines on the network."},
                   {"qel ns list", "All records: which process, and what it has said of itself."},
-                  {"qel ns query --json _ServerName=files", "Where the server \"files\" is, for a program."},
+                  {"qel ns find files", "Where the server \"files\" is: its host and port."},
+                  {"qel ns query --json _ServerName=files", "All that is known of it, for a program."},
                   {"qel ns register _ServerName=files _PortNumber=4000",
                    "Make a server known that cannot do it itself."},
                   {"qel ns wait files --timeout 10", "Go on once the server \"files\" is there."}});
     AddNameServer(group);
     for (const AskCommand& command : askCommands)
         addAsk(group, command);
+    addFind(group);
     addWait(group);
 }
