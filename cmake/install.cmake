@@ -1,6 +1,6 @@
 # The files that other projects build with: the CMake package `qelstd`, in the build tree and installed, and the pkg-config file.
 # Each component is a package (debian/rules): `libraries`, `development`, `python`, `documents`, and with the programs
-# `tools` and `daemons`.
+# `tools`, `daemons` and `web`.
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qelstd)

@@ -147,15 +147,20 @@ bool placeStreams(FileActions& actions, const btkHandle (&handles)[3], btkFd (&d
     return actions.CloseOthers();
 }
 
-pid_t spawn(const std::vector<std::string>& words, const char* workDir, const btkHandle (&handles)[3],
-            bool leadsGroup)
+std::vector<char*> argumentsOf(const std::vector<std::string>& words)
 {
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);
     for (const std::string& word : words)
         arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);
+    return arguments;
+}
 
+pid_t spawn(const std::vector<std::string>& words, const char* workDir, const btkHandle (&handles)[3],
+            bool leadsGroup)
+{
+    std::vector<char*> arguments = argumentsOf(words);
     btkSpawnAttributes attributes;
     if (leadsGroup)
         attributes.LeadGroup();
@@ -292,4 +297,9 @@ void Process_Free(btkProcess* process)
 btkHandle Process_GetExitHandle(const btkProcess* process)
 {
     return process->descriptor.Get();
+}
+
+void Process_Become(const std::vector<std::string>& words)
+{
+    execve(words.at(0).c_str(), argumentsOf(words).data(), btkEnvironment::ForProgram().data());
 }

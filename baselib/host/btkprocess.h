@@ -1,5 +1,8 @@
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include <qel/base/btkfd.h>
 
 /// A process that was started here, or opened by its id. Each operation is safe to call from any thread, but
@@ -50,3 +53,8 @@ BASE_API void Process_Free(btkProcess* process);
 /// Returns a handle that is readable once the process has exited, for a btkPROCESSEvent; it stays the
 /// process's. -1: it has exited.
 BASE_API btkHandle Process_GetExitHandle(const btkProcess* process);
+
+/// Runs the program at the path `words[0]`, with the other words as its arguments, in the place of this one: with
+/// its id, its standard streams and its environment. Returns only when that fails; the reason is in errno. No other
+/// thread may run.
+BASE_API void Process_Become(const std::vector<std::string>& words);

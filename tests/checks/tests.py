@@ -40,6 +40,7 @@ ELSEWHERE = {
     "qel_info": "main program qelversion selftest",
     "qel_output": "help man",
     "qel_fs": "progress",
+    "qel_export": "exposition httpserver monexport publishers",
     "qel_mon": "monwatch",
     "qel_screen": "screen",
     "qel_ns": "nsserve",

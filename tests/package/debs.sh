@@ -4,7 +4,7 @@
 # are enabled as promised, and no file is left. Then a minimal system installs them, with only what they ask for.
 set -euo pipefail
 
-all=(libqelstd0 libqelstd-dev qelstd-tools qelstd-daemons qelstd-doc python3-qelstd)
+all=(libqelstd0 libqelstd-dev qelstd-tools qelstd-daemons qelstd-web qelstd-doc python3-qelstd)
 
 say() { printf '== %s\n' "$*"; }
 fail() { echo "debs: $*" >&2; exit 1; }
@@ -48,10 +48,20 @@ inside() # VERSION: runs as root of the copy; /debs has the packages, except tho
     done
 
     say "the binaries are hardened"
-    python3 /debs/checks/hardening.py /debs - "$folder"/libqel*.so.0 /usr/bin/qel || fail "they are not"
+    python3 /debs/checks/hardening.py /debs - "$folder"/libqel*.so.0 /usr/bin/qel /usr/libexec/qelstd/qel-http || fail "they are not"
 
     say "the command runs"
     [[ $(qel --version) == *"$version"* ]] || fail "qel --version: $(qel --version)"
+
+    say "monitor files are served"
+    qel mon create /debs/run.mon
+    qel mon add /debs/run.mon done int 7
+    mkfifo /debs/line
+    qel mon export --listen 127.0.0.1:0 /debs/run.mon >/debs/line &
+    read -r line </debs/line
+    expect 7 python3 -B -c "import urllib.request as web; print(web.urlopen('http://127.0.0.1:${line##* }/metrics').read().split()[-1].decode())"
+    kill %%
+    wait %% || fail "qel mon export failed"
 
     say "a project is built with find_package and with pkg-config, and so are the examples"
     quietly cmake -S /debs/consumer -B /debs/built
@@ -120,7 +130,9 @@ copied() # DEBS SOURCE PLACE: makes the copy in that folder, in a separate mount
         case $package in
             libqelstd0) [[ $depends == *libc6*libstdc++6* ]] || fail "$package does not ask for its libraries: $depends" ;;
             libqelstd-dev | qelstd-tools)
-                [[ $depends == *"libqelstd0 (= $version)"* ]] || fail "$package does not ask for libqelstd0: $depends" ;;
+                [[ $depends == *"libqelstd0 (= $version)"* ]] || fail "$package does not ask for libqelstd0: $depends"
+                [[ $depends != *httpd* ]] || fail "$package asks for a web server: $depends" ;;
+            qelstd-web) [[ $depends == *libmicrohttpd* ]] || fail "$package does not ask for its library: $depends" ;;
             qelstd-daemons) [[ $depends == *qelstd-tools* ]] || fail "$package does not ask for qelstd-tools: $depends" ;;
         esac
         if [[ $package == libqelstd0 || $package == qelstd-tools ]]; then

@@ -51,6 +51,8 @@ while True:
 ' "${1:-}"
     export VRXNMSPORT=$port
 }
+# needs COMMAND...: skips the case on a machine without one of them.
+needs() { local each; for each; do command -v "$each" >/dev/null || { echo "no $each here"; exit 77; }; done; }
 # names [OPTION...]: a name server, which the case's programs find.
 names() { serve qel ns serve --port 0 "$@"; export VRXNMSPORT=$port; }
 """

@@ -29,3 +29,5 @@ void AddMonitorFile(CLI::App& command, std::string& path);
 
 /// Adds `watch` and `plot`. monwatch.cpp
 void AddWatchCommands(CLI::App& group);
+/// Adds `export`. monexport.cpp
+void AddExportCommands(CLI::App& group);

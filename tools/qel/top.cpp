@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <filesystem>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -10,13 +9,11 @@
 #include <vector>
 
 #include <qel/base/btkfd.h>
-#include <qel/base/btkruntime.h>
 #include <qel/pcinterrupt.h>
 #include <qel/qelown.h>
 
 #include "commands.h"
-#include "files.h"
-#include "monitor.h"
+#include "publishers.h"
 #include "screen.h"
 
 namespace {
@@ -34,13 +31,9 @@ struct Choices
 };
 
 // One publisher at one moment.
-struct Server
+struct Server : Published
 {
-    std::string name;
-    long long process = 0;
-    bool isAlive = false;
     double time = 0;                     // of the sample, in seconds
-    Json values = Json::object();        // whole numbers as such
     std::map<std::string, double> rates; // per second, since the sample before
     double goneFor = 0;                  // seconds since its file was there
 };
@@ -48,7 +41,6 @@ using Servers = std::map<std::string, Server>; // by file
 
 // How long the last figures of a server that has ended are shown.
 constexpr double goneLimit = 10;
-constexpr double largestWhole = 9007199254740992; // 2^53
 
 double secondsNow()
 {
@@ -56,70 +48,21 @@ double secondsNow()
     return now.count();
 }
 
-// NAME-PROCESS-START.mon; false: another file.
-bool parseName(const std::filesystem::path& path, Server& server)
-{
-    const std::string stem = path.stem().string();
-    const std::size_t last = stem.rfind('-');
-    const std::size_t first =
-        last == std::string::npos || last == 0 ? std::string::npos : stem.rfind('-', last - 1);
-    if (path.extension() != ".mon" || first == std::string::npos || first == 0)
-        return false;
-    const std::string process = stem.substr(first + 1, last - first - 1);
-    if (process.empty() || process.size() > 10 ||
-        process.find_first_not_of("0123456789") != std::string::npos)
-        return false;
-    server.name = Printable(stem.substr(0, first));
-    server.process = std::stoll(process);
-    return true;
-}
-
-// Counts are published as reals.
-Json wholeOf(const Json& value)
-{
-    if (!value.is_number_float())
-        return value;
-    const double number = value.get<double>();
-    return std::trunc(number) == number && std::abs(number) < largestWhole
-               ? Json(static_cast<long long>(number))
-               : value;
-}
-
-bool readServer(const std::string& path, Server& server)
-try {
-    const Monitor file(monFile::Open(PathOf(path).c_str()));
-    if (file == nullptr)
-        return false;
-    for (monParam* const parameter : ParametersOf(*file))
-        server.values[parameter->getName().CastToCString()] = wholeOf(ValueOf(*parameter));
-    server.isAlive = btkIsHeld(path.c_str());
-    return true;
-} catch (xthrowable* thrown) { // it has ended meanwhile, or is damaged
-    static_cast<void>(FailureOf(thrown));
-    return false;
-}
-
-// All publishers of the folders. Those without permission are left out: they are another user's.
+// All publishers of the folders.
 Servers sample(const Choices& choices, const Servers& before)
 {
     Servers servers;
     const double now = secondsNow();
-    for (const std::string& folder : choices.folders) {
-        std::error_code failed;
-        for (std::filesystem::directory_iterator at(folder, failed), end; !failed && at != end;
-             at.increment(failed)) {
-            Server server;
-            server.time = now;
-            const std::string path = at->path().string();
-            if (!parseName(at->path(), server) || !readServer(path, server))
-                continue;
-            if (const auto last = before.find(path); last != before.end() && last->second.goneFor == 0)
-                for (const auto& [name, value] : server.values.items())
-                    if (value.is_number() && last->second.values.contains(name) && now > last->second.time)
-                        server.rates[name] = (value.get<double>() - last->second.values[name].get<double>()) /
-                                             (now - last->second.time);
-            servers[path] = std::move(server);
-        }
+    for (Published& file : ReadPublishers(choices.folders)) {
+        Server server;
+        static_cast<Published&>(server) = std::move(file);
+        server.time = now;
+        if (const auto last = before.find(server.path); last != before.end() && last->second.goneFor == 0)
+            for (const auto& [name, value] : server.values.items())
+                if (value.is_number() && last->second.values.contains(name) && now > last->second.time)
+                    server.rates[name] = (value.get<double>() - last->second.values[name].get<double>()) /
+                                         (now - last->second.time);
+        servers[server.path] = std::move(server);
     }
     for (const auto& [path, last] : before)
         if (now - last.time < goneLimit && !servers.contains(path)) {
@@ -272,13 +215,8 @@ void showAll(const Choices& choices)
 
 void top(Choices& choices)
 {
-    if (choices.folders.empty()) {
-        choices.folders = {"/run/qel-ns", "/run/qel-rshd"};
-        if (const std::string own = btkRuntimeFolder();
-            !own.empty() &&
-            std::find(choices.folders.begin(), choices.folders.end(), own) == choices.folders.end())
-            choices.folders.push_back(own);
-    }
+    if (choices.folders.empty())
+        choices.folders = PublisherFolders();
     const bool isTable = !choices.asJson && !choices.isOnce && choices.count == 0;
     if (isTable && Screen::isPossible())
         return showAll(choices);
