@@ -17,9 +17,9 @@ inline constexpr btkUserId btkSuperuser = 0;
 /// report users. Does not wait; costs a few system calls. A program that forwards connections has its own user,
 /// whoever its clients are. Any thread.
 BASE_API std::optional<btkUserId> btkGetPeerUser(btkHandle connection);
-/// Whether the operating system reports the users of connections at all: some sandboxes refuse it. Makes a connection
-/// over the loopback to find out.
-BASE_API bool btkReportsPeerUsers();
+/// Whether the operating system reports the users of connections to this process at all: some sandboxes do not.
+/// `listening`: a TCP socket of this machine that listens, which is looked up.
+BASE_API bool btkReportsPeerUsers(btkHandle listening);
 
 /// Returns this process's effective user.
 BASE_API btkUserId btkGetOwnUser();

@@ -31,12 +31,12 @@ constexpr btkTimeval saveDelay(0, 500000);
 constexpr btkTimeval reportInterval(60, 0);
 constexpr btkTimeval publishInterval(0, 100000);
 
-// The key by which records are counted together: one address, for IPv6 one network, of which every machine
-// has more addresses than there is room; empty: this machine.
-std::string holderOf(const btkStreamSocket& client)
+// The key by which records are counted together: a user of this machine, one address, for IPv6 one network, of
+// which every machine has more addresses than there is room; empty: this machine.
+std::string holderOf(const btkStreamSocket& client, const nmsRights& rights)
 {
     if (client.IsPeerOnTheSameMachine())
-        return {};
+        return rights.user ? nmsTable::HolderOf(*rights.user) : std::string();
     std::string address = client.GetPeerAddrStr();
     in6_addr bytes = {};
     if (inet_pton(AF_INET6, address.c_str(), &bytes) == 1)
@@ -126,6 +126,12 @@ bool nmsServer::Listen(btkAcceptSocket passed)
         door = std::move(passed);
     else if (!door.Listen(options.port, options.listenOn))
         return false;
+    areUsersKnown = btkReportsPeerUsers(door.GetHandle());
+    if (!areUsersKnown)
+        std::fputs(
+            "name server: the operating system does not report the users of connections: every user of "
+            "this machine may register, remove and shut down\n",
+            stderr);
     if (!options.stateFile.empty())
         LoadState();
     return true;
@@ -300,6 +306,16 @@ bool nmsServer::Parse(Client& client)
     return true;
 }
 
+nmsRights nmsServer::RightsOf(const btkStreamSocket& client) const
+{
+    if (!client.IsPeerOnTheSameMachine())
+        return {.isAll = false};
+    if (!areUsersKnown)
+        return {};
+    const std::optional<btkUserId> user = btkGetPeerUser(client.GetHandle());
+    return {user == btkSuperuser || user == btkGetOwnUser(), user};
+}
+
 void nmsServer::Answer(Client& client)
 {
     const auto isLocal = [&] { return client.socket.IsPeerOnTheSameMachine(); };
@@ -313,15 +329,21 @@ void nmsServer::Answer(Client& client)
         switch (client.code) {
         case nmsRequestCode::ping:
             break;
-        case nmsRequestCode::enter:
+        case nmsRequestCode::enter: {
+            const nmsRights rights = RightsOf(client.socket);
             status = !isWhole ? nmscInternal
                      : record.owner != 0 && !isLocal()
                          ? nmscNotAllowed
-                         : table.Add(std::move(record), holderOf(client.socket));
+                         : table.Add(std::move(record), holderOf(client.socket, rights), rights);
             break;
+        }
         case nmsRequestCode::remove: {
-            const std::size_t count = isWhole ? table.Remove(record) : 0;
-            status = !isWhole ? nmscInternal : count == 0 ? nmscNotFound : nmscDone;
+            std::size_t kept = 0;
+            const std::size_t count = isWhole ? table.Remove(record, RightsOf(client.socket), &kept) : 0;
+            status = !isWhole    ? nmscInternal
+                     : count > 0 ? nmscDone
+                     : kept > 0  ? nmscNotAllowed
+                                 : nmscNotFound;
             nmsPutInt(rest, static_cast<int>(count));
             break;
         }
@@ -335,7 +357,7 @@ void nmsServer::Answer(Client& client)
             nmsPutInt(rest, static_cast<int>(client.records.size()));
             break;
         case nmsRequestCode::shutdown:
-            if (isLocal())
+            if (RightsOf(client.socket).isAll)
                 isStopping = true;
             else
                 status = nmscNotAllowed;

@@ -53,8 +53,10 @@ struct nmsServerOptions
 };
 
 /// A name server. One thread serves all clients without waiting for any of them: a silent, slow or
-/// misbehaving client delays no other. Only clients on this machine may register records of processes and
-/// shut the server down. Reports on the standard error output, at most once a minute, that it has refused
+/// misbehaving client delays no other. A client on this machine may register records of its user's processes,
+/// and remove its user's records; the superuser and the server's own user may do so for everybody and shut the
+/// server down. Where the operating system does not report users, every client on this machine may do
+/// everything, which is reported at the start. Reports on the standard error output, at most once a minute, that it has refused
 /// records for lack of room, and once that the state file cannot be read or written. Throws only for lack of
 /// memory at its start.
 class BASE_API nmsServer
@@ -85,6 +87,7 @@ private:
     void Receive(Client& client);
     bool Parse(Client& client);
     void Answer(Client& client);
+    nmsRights RightsOf(const btkStreamSocket& client) const;
     void Send(Client& client);
     btkTimeval NextLimit() const;
     void DropLate();
@@ -107,6 +110,7 @@ private:
     std::size_t reportedRefusals = 0;
     btkTimeval nextReport;
     btkAcceptSocket door;
+    bool areUsersKnown = false; // of the clients on this machine
     btkTimeval doorClosedUntil; // while there is no room for a client
     btkHandle stop = -1;        // an event
     btkFd signals;              // readable once a termination signal has arrived

@@ -14,6 +14,8 @@
 namespace {
 
 constexpr const char* nameField = "_ServerName";
+// Begins the key of a user, and no address.
+constexpr char userMark = '@';
 
 // A field as one text. Neither a name nor a value contains a zero byte.
 std::string keyOf(const std::pair<std::string, std::string>& field)
@@ -72,7 +74,7 @@ nmsTable::nmsTable(const nmsTableLimits& most)
 {
 }
 
-nmscReturnCode nmsTable::Add(nmsFields&& record, const std::string& peer)
+nmscReturnCode nmsTable::Add(nmsFields&& record, const std::string& peer, const nmsRights& rights)
 {
     DropDead();
     if (IsTaken(record))
@@ -88,7 +90,7 @@ nmscReturnCode nmsTable::Add(nmsFields&& record, const std::string& peer)
     const auto entry = entries.emplace_hint(entries.end(), id,
                                             Entry{process, nullptr, Encoded(encoded, &encoded->text), {}});
     try {
-        const nmscReturnCode refusal = process == 0 ? nmscDone : Acquire(process);
+        const nmscReturnCode refusal = process == 0 ? nmscDone : Acquire(process, rights);
         if (refusal == nmscDone) {
             Index(*entry, record, peer);
             ++version;
@@ -169,14 +171,37 @@ nmsTableUse nmsTable::GetUse() const
     return {entries.size(), withoutOwner, owners.size(), *bytes, refused, lastRefusal};
 }
 
-std::size_t nmsTable::Remove(const nmsFields& pattern)
+std::size_t nmsTable::Remove(const nmsFields& pattern, const nmsRights& rights, std::size_t* kept)
 {
     DropDead();
     const std::vector<Id> found = Match(pattern);
-    for (const Id id : found)
-        Erase(entries.find(id));
-    version += found.size();
-    return found.size();
+    std::size_t removed = 0;
+    for (const Id id : found) {
+        const auto entry = entries.find(id);
+        if (!MayRemove(entry->second, rights))
+            continue;
+        Erase(entry);
+        ++removed;
+    }
+    version += removed;
+    if (kept != nullptr)
+        *kept = found.size() - removed;
+    return removed;
+}
+
+bool nmsTable::MayRemove(const Entry& entry, const nmsRights& rights) const
+{
+    if (rights.isAll)
+        return true;
+    if (entry.owner != 0)
+        return rights.user && owners.at(entry.owner).user == rights.user;
+    const std::string& holder = entry.peer->first;
+    return !holder.starts_with(userMark) || (rights.user && holder == HolderOf(*rights.user));
+}
+
+std::string nmsTable::HolderOf(btkUserId user)
+{
+    return userMark + std::to_string(user);
 }
 
 std::vector<nmsTable::Encoded> nmsTable::Find(const nmsFields& pattern)
@@ -253,22 +278,29 @@ void nmsTable::DropOwner(std::uint32_t id)
 }
 
 // Ensures that a process is registered and may have one more record.
-nmscReturnCode nmsTable::Acquire(std::uint32_t id)
+nmscReturnCode nmsTable::Acquire(std::uint32_t id, const nmsRights& rights)
 {
     if (owners.contains(id) && HasEnded(id))
         // The id is another process's now.
         DropOwner(id);
     const auto known = owners.find(id);
-    if (known != owners.end())
+    std::string start = id > INT_MAX || known != owners.end() ? std::string() : startOf(id);
+    const std::optional<btkUserId> user = btkGetUserOfProcess(id);
+    if (!rights.isAll && (!user || user != rights.user))
+        return nmscNotAllowed;
+    if (known != owners.end()) {
+        known->second.user = user;
         return known->second.ids.size() < limits.recordsOfOwner
                    ? nmscDone
                    : Refuse("a process has as many records as it may");
+    }
 
-    std::string start = id > INT_MAX ? std::string() : startOf(id);
-    if (start.empty())
+    // Looked up again: `user` is that of the same process.
+    if (start.empty() || startOf(id) != start)
         return nmscNotAllowed;
     Owner& owner = owners.try_emplace(id).first->second;
     owner.start = std::move(start);
+    owner.user = user;
     if (handles < mostHandles) {
         owner.handle.Reset(static_cast<btkHandle>(syscall(SYS_pidfd_open, id, 0)));
         epoll_event asked = {};

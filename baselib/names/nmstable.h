@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include <qel/base/btkfd.h>
+#include <qel/base/btkpeeruser.h>
 #include <qel/base/nmswire.h>
 
 /// Limits of a table of records.
@@ -40,6 +42,16 @@ struct nmsTableUse
     const char* lastRefusal = nullptr;
 };
 
+/// What a client may do with the records of this machine's users.
+struct nmsRights
+{
+    /// Everything.
+    bool isAll = true;
+    /// Else: register records of this user's processes, and remove those and the user's records of no process.
+    /// Empty: neither.
+    std::optional<btkUserId> user = {};
+};
+
 /// The records of a name server, indexed by every field; for any records, the cost of an operation grows with
 /// the fields of those that have its rarest field. A process's records are removed after it exits, at the
 /// latest before the next response that could contain them. An operation that throws for lack of memory has
@@ -55,12 +67,15 @@ public:
     nmsTable& operator=(const nmsTable&) = delete;
 
     /// Adds a record. nmscExists: a record with exactly these fields exists already, or another living
-    /// process has one with this "_ServerName"; nmscNotAllowed: it belongs to a process that does not exist;
-    /// nmscInternal: there is no room for it. `peer`: the address whose records it counts among if it belongs
-    /// to no process; empty: this machine.
-    nmscReturnCode Add(nmsFields&& record, const std::string& peer = {});
-    /// Removes the matching records, and returns their number.
-    std::size_t Remove(const nmsFields& pattern);
+    /// process has one with this "_ServerName"; nmscNotAllowed: it belongs to a process that does not exist or
+    /// is another user's; nmscInternal: there is no room for it. `peer`: the address, or HolderOf a user, whose
+    /// records it counts among if it belongs to no process; empty: this machine.
+    nmscReturnCode Add(nmsFields&& record, const std::string& peer = {}, const nmsRights& rights = {});
+    /// Removes the matching records, and returns their number. Those that the rights do not allow remain, and are
+    /// counted in `kept`. Records of no process from other machines may be removed by everybody.
+    std::size_t Remove(const nmsFields& pattern, const nmsRights& rights = {}, std::size_t* kept = nullptr);
+    /// Returns the key by which the records of no process of a user of this machine are counted.
+    static std::string HolderOf(btkUserId user);
     /// Returns the matching records, in the order in which they were added.
     std::vector<Encoded> Find(const nmsFields& pattern);
 
@@ -96,7 +111,8 @@ private:
     {
         btkFd handle;
         std::string start;
-        std::set<Id> ids; // of its records
+        std::optional<btkUserId> user; // when it last registered
+        std::set<Id> ids;              // of its records
     };
 
     void DropDead();
@@ -106,7 +122,8 @@ private:
     bool IsTaken(const nmsFields& record);
     const char* FindNoRoom(std::uint32_t process, std::size_t size, const std::string& peer) const;
     nmscReturnCode Refuse(const char* why);
-    nmscReturnCode Acquire(std::uint32_t id);
+    nmscReturnCode Acquire(std::uint32_t id, const nmsRights& rights);
+    bool MayRemove(const Entry& entry, const nmsRights& rights) const;
     void Index(std::pair<const Id, Entry>& added, const nmsFields& record, const std::string& peer);
     void Erase(std::map<Id, Entry>::iterator entry);
 

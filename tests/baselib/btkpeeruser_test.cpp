@@ -58,6 +58,7 @@ TEST(BtkPeerUser, IsThatOfTheClientsProcess)
             continue;
         ConnectionFrom peer(user, listenOn, host);
         ASSERT_TRUE(peer.isConnected);
+        EXPECT_TRUE(btkReportsPeerUsers(peer.door.GetHandle()));
 
         EXPECT_EQ(btkGetPeerUser(peer.connection.GetHandle()), user) << host;
         EXPECT_EQ(btkGetUserOfProcess(static_cast<unsigned>(peer.client.getId())), user);
@@ -67,7 +68,6 @@ TEST(BtkPeerUser, IsThatOfTheClientsProcess)
         EXPECT_EQ(btkGetPeerUser(peer.connection.GetHandle()), std::nullopt)
             << "closed: the kernel shows user 0";
     }
-    EXPECT_TRUE(btkReportsPeerUsers());
 }
 
 TEST(BtkPeerUser, IsThatOfAClientThatHasOnlyEndedItsOutput)
@@ -108,6 +108,7 @@ TEST(BtkPeerUser, IsUnknownWithoutAConnection)
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
     EXPECT_EQ(btkGetPeerUser(ends[0]), std::nullopt);
     EXPECT_EQ(btkGetPeerUser(-1), std::nullopt);
+    EXPECT_FALSE(btkReportsPeerUsers(ends[0]));
     close(ends[0]);
     close(ends[1]);
     EXPECT_EQ(btkGetUserOfProcess(0x7fffffff), std::nullopt);

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include <qel/base/btkpeeruser.h>
 #include <qel/base/nmsclient.h>
 
 #include "support/child.h"
@@ -117,6 +118,16 @@ std::size_t OpenDescriptors()
 {
     const std::filesystem::directory_iterator all("/proc/self/fd");
     return static_cast<std::size_t>(std::distance(begin(all), end(all)));
+}
+
+// What the request `work` of a client of another user returns, in a child process.
+template<typename Work>
+int AsUser(uid_t user, Work work)
+{
+    return runInChild([&] {
+        Client client;
+        return setuid(user) == 0 ? work(client) : 100;
+    });
 }
 
 } // namespace
@@ -274,6 +285,63 @@ TEST(NameServer, NeitherLosesNorDuplicatesRecords)
         EXPECT_EQ(count, sharedCount[i]);
         EXPECT_LE(count, 1);
     }
+}
+
+TEST(NameServer, LocalUsersControlTheirOwnRecordsOnly)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "cannot become another user";
+    TestNameServer server;
+    ASSERT_TRUE(server.isListening());
+    Client superuser;
+    const ChildProcess others([] { return setuid(1002) == 0 ? pause() : 1; });
+    while (btkGetUserOfProcess(static_cast<unsigned>(others.getId())) != 1002U)
+        std::this_thread::yield();
+    ASSERT_EQ(superuser.enter("_ServerName", "root's", 1), 0);
+    ASSERT_EQ(superuser.enter("root's", "of no process"), 0);
+    ASSERT_EQ(superuser.enter("_ServerName", "other's", others.getId()), 0) << "the superuser is believed";
+
+    int count = 0;
+    EXPECT_EQ(AsUser(1001, [&](Client& c) { return c.enter("_ServerName", "mine", 1); }), 0) << "its own";
+    EXPECT_EQ(AsUser(1001, [&](Client& c) { return c.enter("of no process", "mine"); }), 0);
+    EXPECT_EQ(AsUser(1001, [](Client& c) { return c.enter("_ServerName", "x", getppid()); }), nmscNotAllowed);
+    EXPECT_EQ(AsUser(1001, [&](Client& c) { return c.enter("_ServerName", "x", others.getId()); }),
+              nmscNotAllowed);
+    EXPECT_EQ(AsUser(1001, [](Client& c) { return c.shutdown(); }), nmscNotAllowed);
+    EXPECT_EQ(AsUser(1001, [&](Client& c) { return c.remove("_ServerName", "root's", count); }),
+              nmscNotAllowed);
+    EXPECT_EQ(AsUser(1001, [&](Client& c) { return c.remove("_ServerName", "other's", count); }),
+              nmscNotAllowed);
+    EXPECT_EQ(AsUser(1001, [&](Client& c) { return c.remove("root's", "of no process", count); }),
+              nmscNotAllowed);
+    EXPECT_EQ(AsUser(1002, [&](Client& c) { return c.remove("of no process", "mine", count); }),
+              nmscNotAllowed);
+    EXPECT_EQ(AsUser(1001, [&](Client& c) { return c.remove("absent", "", count); }), nmscNotFound);
+    EXPECT_EQ(AsUser(1002, [&](Client& c) { return c.remove("_ServerName", "other's", count); }), 0);
+    EXPECT_EQ(AsUser(1001, [&](Client& c) { return c.remove("of no process", "mine", count); }), 0);
+
+    EXPECT_EQ(superuser.query("_ServerName", "root's", count), 0);
+    EXPECT_EQ(count, 1);
+    EXPECT_EQ(superuser.shutdown(), 0);
+    server.waitForEnd();
+}
+
+TEST(NameServer, OwnersOfRestoredRecordsAreKept)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "cannot become another user";
+    const TempDir folder;
+    const std::string path = folder.path() + "/state";
+    int count = 0;
+    {
+        TestNameServer server({.stateFile = path});
+        ASSERT_EQ(AsUser(1001, [&](Client& c) { return c.enter("n", "1"); }), 0);
+        ASSERT_EQ(Client().enter("n", "2", 1), 0);
+    }
+    TestNameServer server({.stateFile = path});
+    EXPECT_EQ(AsUser(1002, [&](Client& c) { return c.remove("n", "1", count); }), nmscNotAllowed);
+    EXPECT_EQ(AsUser(1002, [&](Client& c) { return c.remove("n", "2", count); }), nmscNotAllowed);
+    EXPECT_EQ(AsUser(1001, [&](Client& c) { return c.remove("n", "1", count); }), 0);
 }
 
 TEST(NameServer, NameIsFreeOnceItsServerIsKilled)
