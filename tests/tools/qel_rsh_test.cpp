@@ -215,3 +215,27 @@ TEST(QelRshd, AdmitsOnlyTheMachinesOfItsList)
               }),
               0);
 }
+
+TEST(QelRshd, AdmitsUsersOfItsMachineThatAreAllowed)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "cannot become another user";
+    const auto answer = [](const std::vector<std::string>& options, uid_t user) {
+        std::vector<std::string> words = {"rshd", "--as-root", "--port", "0"};
+        words.insert(words.end(), options.begin(), options.end());
+        RunningQel server(QEL_PROGRAM, words, true);
+        const int port = server.port();
+        return runInChild([&] {
+            btkStreamSocket socket;
+            if (setuid(user) != 0 || !socket.Connect(nullptr, port, btkTimeval(10.0)))
+                return 100;
+            return netAsk(socket, netRequestCode::open);
+        });
+    };
+    EXPECT_EQ(answer({}, 0), netAdmitted) << "its own";
+    EXPECT_EQ(answer({}, 1001), netRefused);
+    EXPECT_EQ(answer({"--allow-user", "1001", "--allow-user", "daemon"}, 1001), netAdmitted);
+    EXPECT_EQ(answer({"--allow-user", "1001", "--allow-user", "daemon"}, 1002), netRefused);
+    EXPECT_EQ(answer({"--allow-user", "*"}, 1002), netAdmitted);
+    EXPECT_EQ(Qel("rshd --as-root --port 0 --allow-user no-such-user").status, 2);
+}

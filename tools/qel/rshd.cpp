@@ -7,10 +7,13 @@
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <qel/base/btkenvironment.h>
+#include <qel/base/btkpeeruser.h>
 #include <qel/base/btkservice.h>
 #include <qel/base/btksocket.h>
 #include <qel/base/netsilentset.h>
@@ -39,6 +42,7 @@ struct ServeChoices
     double seconds = 10;
     double patience = 10;
     int sessions = 32;
+    std::vector<std::string> users;
     bool mayBeRoot = false;
     bool hasNoStatistics = false;
     bool isCheckOnly = false;
@@ -71,6 +75,34 @@ private:
     std::string server;
 };
 
+// The users of this machine that are admitted.
+class AllowedUsers
+{
+public:
+    explicit AllowedUsers(const std::vector<std::string>& names) : numbers{btkGetOwnUser()}
+    {
+        for (const std::string& name : names) {
+            const std::optional<btkUserId> user = btkFindUser(name);
+            if (name == "*")
+                isEverybody = true;
+            else if (user)
+                numbers.insert(*user);
+            else
+                Fail(Exit::usage, "--allow-user", name + ": no such user");
+        }
+    }
+
+    bool AreEverybody() const { return isEverybody; }
+    bool Contain(std::optional<btkUserId> user) const
+    {
+        return isEverybody || (user && numbers.contains(*user));
+    }
+
+private:
+    std::set<btkUserId> numbers;
+    bool isEverybody = false;
+};
+
 // On the standard error output, which may have no reader any more.
 void report(const std::string& line)
 {
@@ -85,8 +117,9 @@ void report(const std::string& line)
 class ShellServer : public netServer
 {
 public:
-    ShellServer(btkAcceptSocket* door, const ServeChoices& choices)
-        : netServer(door, nullptr), name(choices.name.c_str()), allowed(choices.name)
+    ShellServer(btkAcceptSocket* door, const ServeChoices& choices, AllowedUsers allowedUsers)
+        : netServer(door, nullptr), name(choices.name.c_str()), allowed(choices.name),
+          users(std::move(allowedUsers))
     {
         // Requests that were asked to stop need a moment.
         setAsyncLimit(choices.sessions + 2 * static_cast<int>(mostUnfinished));
@@ -104,9 +137,15 @@ public:
 private:
     bool MayCome(btkStreamSocket* socket) override
     {
+        if (socket->IsPeerOnTheSameMachine()) {
+            const std::optional<btkUserId> user = btkGetPeerUser(socket->GetHandle());
+            if (!users.Contain(user))
+                report("refused: " + (user ? "user " + std::to_string(*user) : "an unknown user") +
+                       " of this machine\n");
+            return users.Contain(user);
+        }
         // Checked each time: a deleted list must not admit every peer.
-        const bool mayCome =
-            socket->IsPeerOnTheSameMachine() || (allowed.Restrict() && IsConnectionAllowed(socket, name));
+        const bool mayCome = allowed.Restrict() && IsConnectionAllowed(socket, name);
         if (!mayCome)
             report("refused: " + socket->GetPeerAddrStr() + '\n');
         return mayCome;
@@ -114,6 +153,7 @@ private:
 
     xstring name;
     AllowLists allowed;
+    AllowedUsers users;
 };
 
 // While this object exists, SIGTERM and SIGINT stop the server; afterwards they are ignored. Stopping ends
@@ -275,6 +315,7 @@ void runServer(ServeChoices& choices)
         Fail(Exit::usage, "--as-root",
              "every command would run with the rights of the superuser: start the server as another user, or "
              "insist with this option");
+    const AllowedUsers users(choices.users);
     nameShell();
     if (choices.isCheckOnly)
         return check(choices);
@@ -285,7 +326,10 @@ void runServer(ServeChoices& choices)
         !listening->Listen(choices.port, choices.interface == "*" ? nullptr : choices.interface.c_str()))
         Fail(Exit::peer, choices.interface + ", port " + std::to_string(choices.port),
              std::string("cannot listen: ") + std::strerror(errno));
-    const qel::owned<ShellServer> server(new (pDefMemMgr) ShellServer(listening.release(), choices));
+    if (!users.AreEverybody() && !btkReportsPeerUsers(listening->GetHandle()))
+        report("the system does not report the users of connections: no client of this machine is admitted; "
+               "--allow-user '*' admits all\n");
+    const qel::owned<ShellServer> server(new (pDefMemMgr) ShellServer(listening.release(), choices, users));
     if (choices.isRegistered)
         server->RegisterByName();
     server->setOnRequest(&request);
@@ -303,9 +347,9 @@ void AddRemoteShellServer(CLI::App& program)
     const auto choices = std::make_shared<ServeChoices>();
     CLI::App& serve =
         AddCommand(program, "rshd",
-                   "Run commands for whoever can connect, until SIGTERM. It authenticates nobody and "
-                   "encrypts nothing: on the loopback every user of this machine can run commands as "
-                   "the user of this server, and beyond it everybody whose address is allowed",
+                   "Run commands for others as the user of this server, until SIGTERM: on the loopback for "
+                   "this user and those of --allow-user, and beyond it for everybody whose address is "
+                   "allowed. It asks for no password and encrypts nothing",
                    [choices] { runServer(*choices); });
     serve.footer("qel rshd\tServe this machine.\n"
                  "qel rshd --interface 10.1.0.7\tServe those whose addresses are allowed, too.\n"
@@ -346,6 +390,14 @@ void AddRemoteShellServer(CLI::App& program)
         ->capture_default_str();
     serve.add_flag("--no-statistics", choices->hasNoStatistics,
                    "Publish no figures for `qel top` in the run-time directory");
+    serve
+        .add_option(
+            "--allow-user", choices->users,
+            "Another user of this machine, by name or number, who may run commands, too; may be given "
+            "several times. '*': all of them")
+        ->type_name("USER")
+        ->expected(1)
+        ->take_all();
     serve.add_flag("--as-root", choices->mayBeRoot,
                    "Serve although all commands run with the superuser's rights");
     serve.add_flag("--check-config", choices->isCheckOnly,
