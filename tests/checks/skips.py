@@ -9,6 +9,7 @@ NEVER_APPLIES = re.compile(r"run by (another|other) tests?|sanitizer|comes? from
 
 # The prerequisite that a reason names, and a command that tests for it. Without a command it cannot be tested.
 ABILITIES = (
+    (re.compile(r"sshd"), ["test", "-x", "/usr/sbin/sshd"]),
     (re.compile(r"strace"), ["strace", "-o", "/dev/null", "true"]),
     (re.compile(r"mount"), ["unshare", "--mount", "true"]),
     (re.compile(r"network"), ["unshare", "--net", "true"]),

@@ -10,6 +10,7 @@ ELSEWHERE = {
     "btkprocess": "btkfd btksystem btkenvironment",
     "btksocket": "btksocketaddress nethandshake",
     "btkevent": "btkpoll",
+    "btktunnel": "btkframes",
     "nmsserver": "nmsclient",
     "files": "directories errortable lasterror btkfilecopy",
     "environment": "console ctenv",
@@ -57,7 +58,7 @@ SLEEPS = {
         "netlibsrc/netsocketstream_test.cpp": 3, "rshlib/rshprocess_test.cpp": 1, "rshlib/rshprotocol_test.cpp": 1,
         "soak/hostile_test.cpp": 4, "soak/soak_test.cpp": 4, "tools/qel_rsh_test.cpp": 1},
     "polls, with a limit, what gives no event": {
-        "baselib/btksocket_test.cpp": 1, "config/hmxconfigfile_test.cpp": 3, "platform/registry_test.cpp": 1,
+        "baselib/btksocket_test.cpp": 1, "baselib/btktunnel_test.cpp": 2, "config/hmxconfigfile_test.cpp": 3, "platform/registry_test.cpp": 1,
         "monlibsrc/monshare_test.cpp": 1, "netlibsrc/netcalls_test.cpp": 1, "netlibsrc/netload_test.cpp": 1,
         "tools/qel_fs_test.cpp": 1},
 }

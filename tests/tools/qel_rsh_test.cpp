@@ -56,6 +56,15 @@ bool Ends(const std::string& id, double seconds = 2.0)
     return ended;
 }
 
+// In place of ssh: runs the command line on this machine.
+std::string viaShell(const TempDir& dir)
+{
+    dir.write("ssh",
+              "#!/bin/sh\nexec env SHELL=/bin/sh PATH=\"$(dirname " QEL_PROGRAM "):$PATH\" sh -c \"$2\"\n");
+    std::filesystem::permissions(std::string(dir.path("ssh")), std::filesystem::perms::owner_all);
+    return dir.path("ssh");
+}
+
 } // namespace
 
 TEST(QelRsh, ForwardsInterrupts)
@@ -93,6 +102,37 @@ TEST(QelRsh, ThirdInterruptEndsCommandOrClient)
     EXPECT_EQ(client.child.wait(), 3);
     EXPECT_LT(btkTimeval::Now() - start, btkTimeval(5.0));
     shell.server.child.signal(SIGCONT);
+}
+
+TEST(QelRsh, InterruptsOvertakeInputAndEndsArriveOverAnotherProgram)
+{
+    const TempDir dir;
+    const std::string via = viaShell(dir);
+    const auto start = [&](const std::string& line) {
+        return std::make_unique<RunningQel>(
+            std::vector<std::string>{"rsh", "--via", via, "--shell", "build7", line});
+    };
+    // The command reads no input, and all that can be held of it is there.
+    const auto client =
+        start("trap 'echo interrupted; exit 5' INT; echo ready; while :; do sleep 0.01; done");
+    EXPECT_EQ(client->line(), "ready");
+    const std::string block(65536, 'x');
+    std::size_t held = 0;
+    for (std::ptrdiff_t count = 1; count > 0 && held < (64u << 20); held += static_cast<std::size_t>(count)) {
+        for (int waits = 0;
+             (count = btkTryWrite(client->input.Get(), block.data(), block.size())) == 0 && waits < 100;
+             ++waits)
+            btkIsReadable(client->output.Get(), btkTimeval(0.01));
+    }
+    EXPECT_LT(held, 64u << 20);
+    client->child.signal(SIGINT);
+    EXPECT_EQ(client->line(), "interrupted");
+    EXPECT_EQ(client->child.wait(), 5);
+
+    const auto killed = start("echo $$; sleep 60; echo");
+    const std::string command = killed->line();
+    killed->child.signal(SIGKILL);
+    EXPECT_TRUE(Ends(command, 10.0)) << "as its client is lost";
 }
 
 TEST(QelRsh, KillingTheClientEndsTheCommand)

@@ -9,6 +9,9 @@
 #include <vector>
 
 #include <qel/base/btkcmdline.h>
+#include <qel/base/btkpipe.h>
+#include <qel/base/btkprocess.h>
+#include <qel/base/btktunnel.h>
 #include <qel/netaddress.h>
 #include <qel/netserver.h>
 #include <qel/pcinterrupt.h>
@@ -28,6 +31,71 @@ struct AskChoices
     std::string directory;
     bool useShell = false;
     bool hasNoInput = false;
+    std::string via; // empty: connects itself
+    std::string program = "qel";
+};
+
+// The time for a user to log in; that of --limit begins then.
+constexpr btkTimeval loginLimit(120, 0);
+// For the program that carried the connection, once it is closed.
+constexpr btkTimeval carrierLimit(2, 0);
+
+// The program that carries a connection to the server that it starts at another machine. Its input and output are the
+// connection. Interrupts are the command's, so that program ignores them.
+class Carrier
+{
+public:
+    explicit Carrier(const AskChoices& choices)
+    {
+        btkOutputPipe outputOfProgram;
+        btkInputPipe inputOfProgram;
+        btkOutputPipe toProgram;
+        btkInputPipe fromProgram;
+        const std::string script = "trap '' INT QUIT; exec " + choices.via + " \"$@\"";
+        std::string line = "/bin/sh -ec";
+        for (const std::string& word : {script, choices.via, choices.host, choices.program + " rshd --stdio"})
+            line += ' ' + btkQuoteWord(word);
+        unsigned long id = 0;
+        if (!btkAnonymousPipe::Create(toProgram, inputOfProgram) ||
+            !btkAnonymousPipe::Create(outputOfProgram, fromProgram) ||
+            !Process_Launch(&process, &id, line.c_str(), nullptr, inputOfProgram.Get(), outputOfProgram.Get(),
+                            -1, 0))
+            Fail(Exit::peer, choices.via, std::strerror(errno));
+        input = btkFd(fromProgram.Release());
+        output = btkFd(toProgram.Release());
+    }
+    Carrier(const Carrier&) = delete;
+    Carrier& operator=(const Carrier&) = delete;
+    ~Carrier()
+    {
+        if (process == nullptr)
+            return;
+        if (!WaitForEnd())
+            Process_Kill(process);
+        Process_Wait(process, &code, true, true);
+    }
+
+    // The reason for a failure that the system's error `error` says less about.
+    std::string Explain(int error)
+    {
+        if (error == EPROTO)
+            return "something else than a server was written there: does the login print anything?";
+        if (error != ECONNRESET || !WaitForEnd() || !Process_Wait(process, &code, false, true))
+            return std::strerror(error);
+        process = nullptr;
+        return "ended with status " + std::to_string(code);
+    }
+
+    btkFd input, output;
+
+private:
+    bool WaitForEnd() const
+    {
+        return !Process_CheckRunning(process) || btkIsReadable(Process_GetExitHandle(process), carrierLimit);
+    }
+
+    btkProcess* process = nullptr;
+    long code = 0;
 };
 
 qel::owned<netSocketStream> connect(const AskChoices& choices)
@@ -128,15 +196,12 @@ bool attend(rshProcess& process, const std::string& host)
     return isTaken;
 }
 
-void askShell(const AskChoices& choices, const std::vector<std::string>& words)
+void runCommand(const AskChoices& choices, const std::vector<std::string>& words, netSocketStream& connection,
+                btkTimeval end)
 {
-    if (words.empty())
-        Fail(Exit::usage, "COMMAND", "what is to be run?");
-    const btkTimeval end = btkTimeval::Now() + btkTimeval(choices.seconds);
-    const qel::owned<netSocketStream> connection = connect(choices);
-    connection->setUrgentSpacing(0.2);
+    connection.setUrgentSpacing(0.2);
     rshProcess::setAnswerLimit((end - btkTimeval::Now()).ToSeconds());
-    const qel::owned<rshProcess> process = start(choices, words, *connection);
+    const qel::owned<rshProcess> process = start(choices, words, connection);
     if (!attend(*process, choices.host))
         throw CommandFailed{};
     if (ioStream::getStdout()->getIsBad() != 0 || ioStream::getStderr()->getIsBad() != 0)
@@ -147,6 +212,32 @@ void askShell(const AskChoices& choices, const std::vector<std::string>& words)
     if (code != 0)
         throw CommandFailed{static_cast<Exit>(code), "", ""};
 }
+
+void askShellVia(const AskChoices& choices, const std::vector<std::string>& words)
+{
+    // It would be an option of the program.
+    if (choices.host.empty() || choices.host.front() == '-')
+        Fail(Exit::usage, "HOST", choices.host + ": no name of a machine");
+    Carrier carrier(choices);
+    btkTunnel tunnel;
+    std::unique_ptr<btkStreamSocket> socket =
+        tunnel.Open(std::move(carrier.input), std::move(carrier.output), loginLimit);
+    if (socket == nullptr)
+        Fail(Exit::peer, choices.via + ' ' + choices.host, carrier.Explain(errno));
+    const qel::owned<netSocketStream> connection(netSocketStream::Create(socket.release()));
+    runCommand(choices, words, *connection, btkTimeval::Now() + btkTimeval(choices.seconds));
+}
+
+void askShell(const AskChoices& choices, const std::vector<std::string>& words)
+{
+    if (words.empty())
+        Fail(Exit::usage, "COMMAND", "what is to be run?");
+    if (!choices.via.empty())
+        return askShellVia(choices, words);
+    const btkTimeval end = btkTimeval::Now() + btkTimeval(choices.seconds);
+    const qel::owned<netSocketStream> connection = connect(choices);
+    runCommand(choices, words, *connection, end);
+}
 } // namespace
 
 void AddRemoteShellCommand(CLI::App& program)
@@ -154,12 +245,15 @@ void AddRemoteShellCommand(CLI::App& program)
     const auto choices = std::make_shared<AskChoices>();
     CLI::App& ask =
         AddCommand(program, "rsh",
-                   "Run a command at another machine, by the server `qel rshd` there. Interrupts go to "
+                   "Run a command at another machine, by the server `qel rshd` there, or one that --via ssh "
+                   "starts there for it. Interrupts go to "
                    "the command; the third within two seconds ends it. The exit status is the command's; 127 "
                    "when the server finds no such program, 126 when it cannot run it",
                    nullptr);
     ask.callback([choices, &ask] { askShell(*choices, ask.remaining()); });
     ask.footer(
+        "qel rsh --via ssh build7 make -j4\tOver a connection of ssh: no server need run there.\n"
+        "qel rsh --via 'ssh -p 2222' mary@build7 sort <names\tWith options for ssh, as another user.\n"
         "qel rsh localhost sort <names\tSort the lines of a file by the server of this machine.\n"
         "qel rsh --shell build7 'cd src && make -j4'\tA line for the shell there.\n"
         "qel rsh --no-input --name shell build7 uptime\tBy the server that is registered there as shell.\n");
@@ -171,13 +265,26 @@ void AddRemoteShellCommand(CLI::App& program)
         ->type_name("COMMAND")
         ->expected(0, 1 << 20)
         ->check([](const std::string&) { return std::string("taken as it is"); });
-    ask.add_option("--port", choices->port, "Port of the server")
-        ->type_name("PORT")
-        ->check(CLI::Range(1, 65535))
+    CLI::Option* const port = ask.add_option("--port", choices->port, "Port of the server")
+                                  ->type_name("PORT")
+                                  ->check(CLI::Range(1, 65535))
+                                  ->capture_default_str();
+    CLI::Option* const name =
+        ask.add_option("--name", choices->name,
+                       "Ask the name server of HOST for the port of the server NAME instead")
+            ->type_name("NAME");
+    CLI::Option* const via =
+        ask.add_option("--via", choices->via,
+                       "Do not connect: run the program with HOST and a command line for the machine there, "
+                       "`qel rshd --stdio`; ssh, or ssh with options. It asks who the user is, and encrypts")
+            ->type_name("PROGRAM")
+            ->excludes(port)
+            ->excludes(name);
+    ask.add_option("--program", choices->program,
+                   "With --via: qel there, if the PATH there does not lead to it")
+        ->type_name("QEL")
+        ->needs(via)
         ->capture_default_str();
-    ask.add_option("--name", choices->name,
-                   "Ask the name server of HOST for the port of the server NAME instead")
-        ->type_name("NAME");
     ask.add_option("--limit", choices->seconds, "Time until the command runs there")
         ->type_name("SECONDS")
         ->check(CLI::PositiveNumber)

@@ -16,6 +16,8 @@
 #include <qel/base/btkpeeruser.h>
 #include <qel/base/btkservice.h>
 #include <qel/base/btksocket.h>
+#include <qel/base/btksystem.h>
+#include <qel/base/btktunnel.h>
 #include <qel/base/netsilentset.h>
 #include <qel/hmxregistry.h>
 #include <qel/netrights.h>
@@ -46,6 +48,7 @@ struct ServeChoices
     bool mayBeRoot = false;
     bool hasNoStatistics = false;
     bool isCheckOnly = false;
+    bool isForOne = false; // over the standard input and output
 };
 
 // The remote peers that are admitted: lists of address patterns; a peer must match every list.
@@ -306,8 +309,42 @@ void check(const ServeChoices& choices)
     Show(settings);
 }
 
+btkFd duplicateOf(btkHandle handle)
+{
+    btkFd own(handle);
+    btkFd made = own.Duplicate();
+    own.Release();
+    return made;
+}
+
+// Whoever has started this server with its standard input and output is its only client.
+void serveOne(const ServeChoices& choices)
+{
+    if (btkIsTerminal(0) || btkIsTerminal(1))
+        Fail(Exit::usage, "--stdio", "`qel rsh --via` runs this server at the other end of a connection");
+    const btkFd signals = btkAwaitTermination();
+    std::signal(SIGHUP, SIG_IGN);
+    nameShell();
+    rshServer::setPatience(choices.patience);
+    btkTunnel tunnel;
+    std::unique_ptr<btkStreamSocket> socket =
+        tunnel.Open(duplicateOf(0), duplicateOf(1), btkTimeval(choices.seconds));
+    if (socket == nullptr)
+        Fail(Exit::peer, "--stdio", std::string("no client: ") + std::strerror(errno));
+    const qel::owned<netSocketStream> stream(netSocketStream::Create(socket.release()));
+    const qel::owned<rshServer> server(rshServer::Create(stream.get(), choices.directory.c_str(), 0));
+    if (server == nullptr)
+        Fail(Exit::peer, "--stdio", "no thread is left");
+    const qel::owned<rshServerEvent> end(server->ExitEvent());
+    btkEvent stop(new btkSelectEvent(signals.Get(), 0));
+    btkEvent::List events = {end.get(), &stop};
+    btkEvent::Wait(events, btkTimeval::Forever());
+}
+
 void runServer(ServeChoices& choices)
 {
+    if (choices.isForOne)
+        return serveOne(choices);
     auto listening = std::make_unique<btkAcceptSocket>(TakePassedSocket(choices.interface, choices.port));
     requireAllowList(choices,
                      listening->IsOpen() ? listening->IsOnLoopback() : isLoopback(choices.interface));
@@ -400,6 +437,13 @@ void AddRemoteShellServer(CLI::App& program)
         ->take_all();
     serve.add_flag("--as-root", choices->mayBeRoot,
                    "Serve although all commands run with the superuser's rights");
+    CLI::Option* const stdio =
+        serve.add_flag("--stdio", choices->isForOne,
+                       "Serve one client over the standard input and output, and no other: for `qel rsh "
+                       "--via`, which runs this at the other end of a connection of ssh");
+    for (const char* const other :
+         {"--interface", "--port", "--name", "--register", "--sessions", "--allow-user"})
+        stdio->excludes(serve.get_option(other));
     serve.add_flag("--check-config", choices->isCheckOnly,
                    "Do not serve: check the settings, and print those that the server would have");
     OfferJson(serve);

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <qel/base/btkfd.h>
+
+/// Frames carry data, and urgent values that overtake it, over two plain streams of bytes, one in each direction. A frame
+/// begins with its kind; integers have four bytes, the most significant first:
+///
+///     0  count, bytes   data, of 1 to 65536 bytes; no more in all than the window and the credit received
+///     1  value          an urgent value of four bytes
+///     2  count          credit: so many more bytes of data may be sent
+///     3                 the end of the data
+enum class btkFrameKind : unsigned char { data = 0, urgent = 1, credit = 2, end = 3 };
+
+/// The data that each end may send before it has received any credit, and the most that is held for a reader.
+inline constexpr std::size_t btkFrameWindow = 256 << 10;
+inline constexpr std::size_t btkFrameMostData = 65536;
+/// The bytes of a frame before its data.
+inline constexpr std::size_t btkFrameHeader = 5;
+
+using btkUrgentValue = std::array<char, 4>;
+
+/// Append a frame to `to`. `bytes`: 1 to btkFrameMostData of them.
+BASE_API void btkPutDataFrame(std::string& to, std::string_view bytes);
+BASE_API void btkPutUrgentFrame(std::string& to, const btkUrgentValue& value);
+BASE_API void btkPutCreditFrame(std::string& to, std::size_t count);
+BASE_API void btkPutEndFrame(std::string& to);
+
+/// Parses the frames of the other end, in pieces of any size, and keeps what they carry. Holds at most the window of data
+/// and 16 urgent values, of which the newest are kept.
+class BASE_API btkFrameReader
+{
+public:
+    /// Parses more bytes. False, and no more is parsed, when they are not valid: an unknown kind, more data or credit than
+    /// allowed, anything but urgent values and credit behind the end.
+    bool Take(std::string_view bytes);
+
+    /// The data that has arrived and has not been dropped; valid until the next call of Take or Drop.
+    std::string_view GetData() const { return std::string_view(held).substr(begin); }
+    /// Drops the first `count` bytes of it, which may then be granted anew.
+    void Drop(std::size_t count);
+    /// The oldest urgent value, which is taken.
+    std::optional<btkUrgentValue> TakeUrgent();
+    /// Whether the data has ended.
+    bool IsEnded() const { return isEnded; }
+
+    /// Returns the dropped bytes that have not been granted anew, and counts them as granted if there are at least `least`;
+    /// else 0.
+    std::size_t TakeGrant(std::size_t least);
+    /// The number of bytes of data that this end may send.
+    std::size_t GetCredit() const { return credit; }
+    /// Counts `count` bytes as sent, at most GetCredit().
+    void UseCredit(std::size_t count) { credit -= count; }
+
+private:
+    bool TakeHeader();
+    void PutUrgent(const btkUrgentValue& value);
+
+    std::array<char, btkFrameHeader> header = {};
+    std::size_t headerSize = 0;
+    std::size_t dataLeft = 0; // of the current frame
+    std::string held;
+    std::size_t begin = 0;
+    std::size_t allowed = btkFrameWindow; // data that the other end may send
+    std::size_t dropped = 0;              // and not granted anew
+    std::size_t credit = btkFrameWindow;
+    std::array<btkUrgentValue, 16> urgents = {};
+    std::size_t firstUrgent = 0;
+    std::size_t urgentCount = 0;
+    bool isEnded = false;
+    bool isValid = true;
+};

@@ -1,0 +1,352 @@
+#include "btktunnel.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <new>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <utility>
+
+#include <qel/base/btkevent.h>
+#include <qel/base/btkframes.h>
+#include <qel/base/thrthread.h>
+
+#include "btkpoll_p.h"
+#include "btksocketaddress_p.h"
+
+namespace {
+
+constexpr std::string_view opening = "qel tunnel 1\n";
+// Of frames that the output has not taken.
+constexpr std::size_t mostWaiting = 65536;
+constexpr std::size_t mostWithUrgents = mostWaiting + 16384;
+constexpr std::size_t pieceSize = 16384;
+constexpr std::size_t leastGrant = btkFrameWindow / 8;
+// Left in the user's receive buffer, so that an urgent value is announced however full it is, and the least that is
+// worth sending besides.
+constexpr std::size_t roomForUrgent = 1024;
+constexpr std::size_t leastData = 1024;
+// What the kernel holds of the user's data; less than a socket reads ahead to an urgent value.
+constexpr std::size_t ownRoom = 96 << 10;
+constexpr btkTimeval urgentSpacing(0, 200000);
+constexpr btkTimeval sendLimit(2, 0);
+// For a user that reads slowly: no event signals that there is room again.
+constexpr btkTimeval shortestPause(0, 200);
+constexpr btkTimeval longestPause(0, 50000);
+constexpr btkTimeval destructionLimit(2, 0);
+
+// Connects two sockets with each other. Another program may connect to the port meanwhile; it is turned away.
+bool connectPair(btkStreamSocket& one, btkStreamSocket& other)
+{
+    btkAcceptSocket door;
+    if (!door.Listen(0, "127.0.0.1") || !one.Connect("127.0.0.1", door.GetPortN(), sendLimit))
+        return false;
+    btkSocketAddress own;
+    getsockname(one.GetHandle(), own.Get(), &own.size);
+    while (door.Wait(sendLimit, 1) == 1 && door.Accept(&other)) {
+        btkSocketAddress peer;
+        if (getpeername(other.GetHandle(), peer.Get(), &peer.size) == 0 && peer.HasSameHost(own) &&
+            peer.GetPort() == own.GetPort())
+            return true;
+    }
+    errno = ECONNREFUSED;
+    return false;
+}
+
+bool sendOpening(btkHandle output, btkTimeval end)
+{
+    for (std::string_view rest = opening; !rest.empty();) {
+        const std::ptrdiff_t count = btkTryWrite(output, rest.data(), rest.size());
+        pollfd asked = {output, POLLOUT, 0};
+        if (count < 0)
+            return false;
+        rest.remove_prefix(static_cast<std::size_t>(count));
+        if (!rest.empty() && btkPoll(&asked, 1, end - btkTimeval::Now()) == 0) {
+            errno = ETIMEDOUT;
+            return false;
+        }
+    }
+    return true;
+}
+
+bool receiveOpening(btkHandle input, btkTimeval end)
+{
+    for (std::string_view rest = opening; !rest.empty();) {
+        std::array<char, opening.size()> got = {};
+        if (!btkIsReadable(input, end - btkTimeval::Now())) {
+            errno = ETIMEDOUT;
+            return false;
+        }
+        const std::ptrdiff_t count = btkRead(input, got.data(), rest.size());
+        const std::string_view bytes(got.data(),
+                                     static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
+        if (count <= 0 || !rest.starts_with(bytes)) {
+            errno = count <= 0 ? ECONNRESET : EPROTO;
+            return false;
+        }
+        rest.remove_prefix(bytes.size());
+    }
+    return true;
+}
+
+} // namespace
+
+struct [[gnu::visibility("hidden")]] btkTunnel::Loop
+{
+    enum class Wish { serve, finish, stop };
+
+    Loop() : wake(Event_Create(false)), piece(new char[pieceSize])
+    {
+    }
+    Loop(const Loop&) = delete;
+    Loop& operator=(const Loop&) = delete;
+    ~Loop()
+    {
+        Event_Free(wake);
+    }
+
+    void Tell(Wish told)
+    {
+        wish = told;
+        Event_Set(wake);
+    }
+
+    int Run();
+    bool Step();
+    bool MoveToUser();
+    bool MoveFromUser();
+    void TakeUrgents();
+    void Flush();
+    void Wait();
+    bool Receive();
+
+    bool MayTake() const
+    {
+        return !isDeaf && reader.GetCredit() > 0 && Waiting() < mostWaiting;
+    }
+    std::size_t Waiting() const
+    {
+        return frames.size() - sent;
+    }
+    btkReadiness AwaitedOfUser() const;
+
+    btkStreamSocket user;
+    btkFd input;
+    btkFd output;
+    btkHandle wake;
+    std::atomic<Wish> wish = Wish::serve;
+    std::unique_ptr<char[]> piece;
+
+    btkFrameReader reader;
+    std::string frames; // to be sent
+    std::size_t sent = 0;
+    btkTimeval pause = shortestPause;
+    bool isHeld = false;      // data for the user, who has no room
+    bool isUserEnded = false; // its data, and the end's frame follows
+    bool hasUserLeft = false; // and nothing more will be heard from it than what has arrived
+    bool isEndSent = false;
+    bool isDeaf = false; // the other end; what it has sent is still to be read
+    bool isLost = false; // the connection
+    bool isShut = false; // the user knows the end of the other's data
+};
+
+int btkTunnel::Loop::Run()
+{
+    try {
+        while (wish != Wish::stop && !isLost && Step())
+            Wait();
+    } catch (const std::bad_alloc&) {
+        // As when the connection is lost.
+    }
+    // Unless both directions have ended, the user must not take what it has received for everything.
+    if (!isShut && user.IsOpen())
+        btkResetOnClose(user.GetHandle(), true);
+    user.Close();
+    output.Reset();
+    input.Reset();
+    return 0;
+}
+
+// Moves what can be moved without waiting. False when all is done, or the connection is lost.
+bool btkTunnel::Loop::Step()
+{
+    if (!MoveToUser() || !MoveFromUser())
+        return false;
+    Flush();
+    // Until the other end's data has ended, it needs credit.
+    const bool isDone = (isDeaf || (isEndSent && Waiting() == 0)) && (isShut || wish == Wish::finish);
+    return !isDone;
+}
+
+bool btkTunnel::Loop::MoveToUser()
+{
+    while (const std::optional<btkUrgentValue> value = reader.TakeUrgent())
+        if (user.Send(value->data(), value->size(), true) != value->size())
+            return false;
+    isHeld = false;
+    while (!reader.GetData().empty() && !isHeld) {
+        const std::size_t room = btkCountPeerRoom(user.GetHandle());
+        const std::string_view data = reader.GetData();
+        std::ptrdiff_t count = 0;
+        if (room >= roomForUrgent + leastData)
+            count = btkTryWrite(user.GetHandle(), data.data(), std::min(data.size(), room - roomForUrgent));
+        if (count < 0)
+            return false;
+        if (count > 0)
+            pause = shortestPause;
+        isHeld = count == 0;
+        reader.Drop(static_cast<std::size_t>(count));
+    }
+    if (reader.IsEnded() && reader.GetData().empty() && !isShut) {
+        user.ShutdownOutput();
+        isShut = true;
+    }
+    if (const std::size_t grant = reader.TakeGrant(leastGrant); grant > 0 && !reader.IsEnded())
+        btkPutCreditFrame(frames, grant);
+    return true;
+}
+
+void btkTunnel::Loop::TakeUrgents()
+{
+    btkUrgentValue value = {};
+    while (Waiting() < mostWithUrgents && user.HasUrgent() &&
+           user.Recv(value.data(), value.size(), true) == static_cast<std::ptrdiff_t>(value.size()))
+        btkPutUrgentFrame(frames, value);
+}
+
+bool btkTunnel::Loop::MoveFromUser()
+{
+    if (isUserEnded || isDeaf)
+        return true;
+    // Leads on to a mark that is known.
+    if (!MayTake())
+        user.IsReadable();
+    TakeUrgents();
+    while (!isUserEnded && MayTake()) {
+        const std::ptrdiff_t count = user.TryRecv(piece.get(), std::min(pieceSize, reader.GetCredit()));
+        const int error = errno;
+        // Reading finds them, too.
+        TakeUrgents();
+        if (count < 0)
+            return error == EAGAIN;
+        if (count == 0) {
+            isUserEnded = true;
+            btkPutEndFrame(frames);
+        } else {
+            reader.UseCredit(static_cast<std::size_t>(count));
+            btkPutDataFrame(frames, {piece.get(), static_cast<std::size_t>(count)});
+        }
+    }
+    return true;
+}
+
+void btkTunnel::Loop::Flush()
+{
+    while (Waiting() > 0) {
+        const std::ptrdiff_t count = btkTryWrite(output.Get(), frames.data() + sent, Waiting());
+        if (count == 0)
+            return;
+        isDeaf = isDeaf || count < 0;
+        sent += isDeaf ? Waiting() : static_cast<std::size_t>(count);
+    }
+    frames.clear();
+    sent = 0;
+    isEndSent = isUserEnded;
+}
+
+btkReadiness btkTunnel::Loop::AwaitedOfUser() const
+{
+    const btkReadiness awaited = user.GetAwaitedInput();
+    if (MayTake())
+        return awaited;
+    // Urgent values only. With a mark that is not reached yet, more bytes lead to it.
+    const bool isMarkNear = (awaited & btkUrgent) == 0;
+    return !user.MayReadAhead() || Waiting() >= mostWithUrgents ? btkNotReady
+           : isMarkNear                                         ? btkReadable
+                                                                : btkUrgent;
+}
+
+void btkTunnel::Loop::Wait()
+{
+    // Sends the frames that Step could not, in full or in part.
+    if (sent > mostWaiting)
+        frames.erase(0, std::exchange(sent, 0));
+    const bool isUserAsked = !isUserEnded && !hasUserLeft && !isDeaf;
+    pollfd asked[] = {{wake, POLLIN, 0},
+                      {input.Get(), POLLIN, 0},
+                      {isDeaf ? -1 : output.Get(), static_cast<short>(Waiting() > 0 ? POLLOUT : 0), 0},
+                      {isUserAsked ? user.GetHandle() : -1, isUserAsked ? AwaitedOfUser() : btkNotReady, 0}};
+    btkTimeval limit = btkTimeval::Forever();
+    if (isHeld) {
+        limit = pause;
+        pause = std::min(pause + pause, longestPause);
+    }
+    if (isUserAsked && MayTake() && user.HoldsReadable())
+        limit = btkTimeval();
+    isLost = btkPoll(asked, 4, limit) < 0;
+    Event_Reset(wake);
+    hasUserLeft = hasUserLeft || (asked[3].revents & POLLHUP) != 0;
+    const bool isUserBroken = (asked[3].revents & (POLLERR | POLLNVAL)) != 0;
+    isDeaf = isDeaf || (asked[2].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0;
+    isLost = isLost || isUserBroken || (asked[1].revents != 0 && !Receive());
+}
+
+// False when the input has ended before the data, or is not valid.
+bool btkTunnel::Loop::Receive()
+{
+    const std::ptrdiff_t count = btkRead(input.Get(), piece.get(), pieceSize);
+    if (count > 0)
+        return reader.Take({piece.get(), static_cast<std::size_t>(count)});
+    input.Reset();
+    return reader.IsEnded();
+}
+
+// ---- btkTunnel
+
+btkTunnel::btkTunnel() = default;
+
+btkTunnel::~btkTunnel()
+{
+    Finish(destructionLimit);
+}
+
+std::unique_ptr<btkStreamSocket> btkTunnel::Open(btkFd input, btkFd output, btkTimeval limit)
+{
+    const btkTimeval end = limit.IsForever() ? limit : btkTimeval::Now() + limit;
+    auto made = std::make_unique<Loop>();
+    auto near = std::make_unique<btkStreamSocket>();
+    if (made->wake < 0 || !connectPair(*near, made->user) || !sendOpening(output.Get(), end) ||
+        !receiveOpening(input.Get(), end))
+        return nullptr;
+    made->input = std::move(input);
+    made->output = std::move(output);
+    made->user.SetSendLimit(sendLimit);
+    made->user.SetUrgentSpacing(urgentSpacing);
+    btkSetOwnRoom(made->user.GetHandle(), ownRoom);
+    void* const launched =
+        StrictThread_Launch([](void* arg) { return static_cast<Loop*>(arg)->Run(); }, made.get(), nullptr);
+    if (launched == StrictThread_Refused) {
+        errno = EAGAIN;
+        return nullptr;
+    }
+    loop = std::move(made);
+    thread = launched;
+    return near;
+}
+
+void btkTunnel::Finish(btkTimeval limit)
+{
+    if (thread == nullptr)
+        return;
+    loop->Tell(Loop::Wish::finish);
+    if (!btkIsReadable(StrictThread_GetExitHandle(thread), limit))
+        loop->Tell(Loop::Wish::stop);
+    int code = 0;
+    StrictThread_Wait(thread, &code);
+    StrictThread_Free(thread);
+    thread = nullptr;
+    loop.reset();
+}
