@@ -14,6 +14,8 @@ APART = {
     "monstatistics.h": "<memory> and <string>; for servers",
     "qelserver.h": "<memory>",
     "qelloop.h": "<memory>",
+    "qelfind.h": "<memory>, by qelown.h",
+    "netfind_c.h": "for C programs",
     "qelpath.h": "<filesystem>",
     "qelformat.h": "<format>",
     "qeljson.h": "few programs need it",
