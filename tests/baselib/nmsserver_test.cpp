@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <random>
+#include <sched.h>
 #include <set>
 #include <sstream>
 #include <string>
@@ -324,6 +325,27 @@ TEST(NameServer, LocalUsersControlTheirOwnRecordsOnly)
     EXPECT_EQ(count, 1);
     EXPECT_EQ(superuser.shutdown(), 0);
     server.waitForEnd();
+}
+
+TEST(NameServer, BelievesLocalClientsWhereTheirUsersAreNotReported)
+{
+    // In a user namespace without users, all of them are nobody.
+    const int status = runInChild([] {
+        if (unshare(CLONE_NEWUSER) != 0)
+            return 77;
+        TestNameServer server;
+        Client client;
+        int count = 0;
+        if (client.enter("_ServerName", "a", 1) != 0 || client.enter("n", "1") != 0)
+            return 1;
+        if (client.remove("_ServerName", "a", count) != 0 || client.shutdown() != 0)
+            return 2;
+        server.waitForEnd();
+        return 0;
+    });
+    if (status == 77)
+        GTEST_SKIP() << "this machine has no user namespaces for another user";
+    EXPECT_EQ(status, 0);
 }
 
 TEST(NameServer, OwnersOfRestoredRecordsAreKept)
