@@ -12,15 +12,11 @@
 
 #include "support/environment.h"
 #include "support/tempdir.h"
+#include "support/texts.h"
 #include "support/thrown.h"
 #include "support/traced.h"
 
 namespace {
-
-std::string textOf(const xstring& text)
-{
-    return text == nullptr ? "(null)" : text.CastToCString();
-}
 
 std::string textOf(const xrchandle<xstringsequence>& names)
 {

@@ -15,6 +15,7 @@
 #include "support/environment.h"
 #include "support/failingcalls.h"
 #include "support/tempdir.h"
+#include "support/texts.h"
 
 namespace {
 
@@ -195,28 +196,14 @@ TEST_F(Copying, OntoItselfIsRefusedAndChangesNothing)
     dir.link("b/file", "a/tofile");
     std::filesystem::create_hard_link(dir.path("a/b/file"), dir.path("a/hard"));
     const std::string before = shape("");
-    const struct
-    {
-        const char *from, *to;
-    } rows[] = {
-        {"X:/a", "X:/a"},
-        {"X:/a", "X:/a/b"},
-        {"X:/a", "X:/a/new/deeper"},
-        {"X:/a", "X:/alias/new"},
-        {"X:/alias", "X:/a/x"},
-        {"X:/a/b", "X:/a"},
-        {"X:/a/b/file", "X:/a"},
-        {"X:/a/b/file", "X:/a/b/file"},
-        {"X:/a/b/file", "X:/alias/b/file"},
-        {"X:/a/tofile", "X:/a/b/file"},
-        {"X:/a/hard", "X:/a/b/file"},
-        {"X:/a/../a", "X:/a"},
-    };
-    for (const auto& row : rows)
+    for (const auto& [from, to] :
+         rowsOf<2>("a,a|a,a/b|a,a/new/deeper|a,alias/new|alias,a/x|a/b,a|a/b/file,a|a/b/file,a/b/file|"
+                   "a/b/file,alias/b/file|a/tofile,a/b/file|a/hard,a/b/file|a/../a,a"))
         for (const auto mode : {fsMerge, fsReplace}) {
-            const Raised raised = copy(row.from, row.to, mode, fsExpand, fsRecursive);
-            EXPECT_EQ(raised.code, 5) << row.from << " to " << row.to;
-            EXPECT_EQ(shape(""), before) << row.from << " to " << row.to;
+            const Raised raised =
+                copy(("X:/" + from).c_str(), ("X:/" + to).c_str(), mode, fsExpand, fsRecursive);
+            EXPECT_EQ(raised.code, 5) << from << " to " << to;
+            EXPECT_EQ(shape(""), before) << from << " to " << to;
         }
 }
 
@@ -326,10 +313,6 @@ TEST_F(Copying, LeavesTheOldFileOrTheNewOneWhicheverCallFails)
     };
     const std::string renewed(100000, 'n');
     dir.write("from", renewed);
-    const auto nodes = [this] {
-        const std::filesystem::directory_iterator all(dir.path().c_str());
-        return std::distance(begin(all), end(all));
-    };
     for (const auto& [old, isNamed] : {std::pair{"", false}, {"old", false}, {"", true}, {"old", true}})
         for (const auto& [error, code, platformError] : faults) {
             failing::unnamedFilesMissing = isNamed;
@@ -364,7 +347,7 @@ TEST_F(Copying, LeavesTheOldFileOrTheNewOneWhicheverCallFails)
                     dir.write("to", old);
                     EXPECT_EQ(copy("X:/from", "X:/to"), done);
                 }
-                EXPECT_EQ(nodes(), 1 + dir.has("to")) << fault;
+                EXPECT_EQ(namesIn(dir.path()).size(), 1u + dir.has("to")) << fault;
                 refusals += raised.code != 0;
             }
             EXPECT_GE(refusals, kills ? 0 : 10) << error;
@@ -390,8 +373,7 @@ TEST_F(Copying, KeepsAFolderUntilTheFileInItsPlaceIsComplete)
         if (raised.code == 0) {
             EXPECT_EQ(dir.read("to"), "new") << after;
         }
-        const std::filesystem::directory_iterator all(dir.path().c_str());
-        EXPECT_EQ(std::distance(begin(all), end(all)), 2) << after;
+        EXPECT_EQ(namesIn(dir.path()).size(), 2u) << after;
         refusals += raised.code != 0;
     }
     EXPECT_GE(refusals, 5);
@@ -575,8 +557,7 @@ TEST_F(Copying, CanBeCancelled)
     Watch first(1);
     EXPECT_EQ(raisedBy([&] { fsCopy("X:/tree", "X:/copies", fsMerge, fsNewLink, fsSimple, first); }).code,
               10);
-    const std::filesystem::directory_iterator copies(dir.path("copies"));
-    EXPECT_EQ(std::distance(begin(copies), end(copies)), 1); // complete files stay
+    EXPECT_EQ(namesIn(dir.path("copies")).size(), 1u); // complete files stay
     EXPECT_EQ(copy("X:/large", "X:/copy"), done);
 }
 

@@ -4,13 +4,9 @@
 #include <qel/fspath.h>
 
 #include "filelibsrc/raised.h"
+#include "support/texts.h"
 
 namespace {
-
-std::string textOf(const xstring& text)
-{
-    return text == nullptr ? "(null)" : text.CastToCString();
-}
 
 std::string times(std::size_t count, char c)
 {
@@ -125,25 +121,10 @@ TEST(Paths, HaveARemoteForm)
 
 TEST(Paths, IntersectInWholeEntries)
 {
-    const struct
-    {
-        const char *a, *b, *common;
-    } rows[] = {
-        {"C:/a/b/c", "C:/a/b/d", "C:\\a\\b"},
-        {"C:/a", "C:/b", "C:\\"},
-        {"/a/x", "/a/y", "\\a"},
-        {"a/b", "c/d", "(null)"},
-        {"a", "a/b", "a"},
-        {"C:/Dir", "C:/dir", "C:\\"},
-        {"abc", "abd", "(null)"},
-        {"/", "/x", "\\"},
-        {"C:\\", "C:\\", "C:\\"},
-        {"a/b/", "a/b/", "a\\b\\"},
-        {"1:", "1:", "1:"},
-        {"ab/c", "ab", "ab"},
-    };
-    for (const auto& row : rows)
-        EXPECT_EQ(textOf(fsIntersectPaths(row.a, row.b)), row.common) << row.a << " " << row.b;
+    for (const auto& [a, b, common] : rowsOf<3>(
+             "C:/a/b/c,C:/a/b/d,C:\\a\\b|C:/a,C:/b,C:\\|/a/x,/a/y,\\a|a/b,c/d,(null)|a,a/b,a|"
+             "C:/Dir,C:/dir,C:\\|abc,abd,(null)|/,/x,\\|C:\\,C:\\,C:\\|a/b/,a/b/,a\\b\\|1:,1:,1:|ab/c,ab,ab"))
+        EXPECT_EQ(textOf(fsIntersectPaths(a.c_str(), b.c_str())), common) << a << " " << b;
 
     // Both paths are checked for one fault before either is checked for the next.
     EXPECT_EQ(raisedBy([] { fsIntersectPaths("a::b", ""); }), Raised(5, "fsIntersectPaths", ""));

@@ -3,11 +3,10 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <memory>
 #include <sched.h>
-#include <set>
-#include <sstream>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -21,20 +20,34 @@
 #include "support/environment.h"
 #include "support/interrupt.h"
 #include "support/tempdir.h"
+#include "support/texts.h"
 
 namespace {
+
+/// A key that is open during the object's lifetime; a missing one is created.
+class Key
+{
+public:
+    Key(HKEY parent, const std::string& path)
+    {
+        EXPECT_EQ(
+            RegCreateKeyExA(parent, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, &disposition),
+            0);
+    }
+    Key(const Key&) = delete;
+    Key& operator=(const Key&) = delete;
+    ~Key() { RegCloseKey(key); }
+    operator HKEY() const { return key; }
+    bool isNew() const { return disposition == REG_CREATED_NEW_KEY; }
+
+private:
+    HKEY key = nullptr;
+    DWORD disposition = 0;
+};
 
 class Registry : public testing::Test
 {
 protected:
-    static HKEY create(HKEY parent, const std::string& path)
-    {
-        HKEY key = nullptr;
-        EXPECT_EQ(
-            RegCreateKeyExA(parent, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr), 0);
-        return key;
-    }
-
     static long open(HKEY parent, const std::string& path)
     {
         HKEY key = nullptr;
@@ -100,8 +113,8 @@ protected:
 
 TEST_F(Registry, KeepsValuesOfBothRootsSeparate)
 {
-    const HKEY user = create(HKEY_CURRENT_USER, "Software\\VRX\\Server");
-    const HKEY system = create(HKEY_CLASSES_ROOT, "Software\\VRX\\Server");
+    const Key user(HKEY_CURRENT_USER, "Software\\VRX\\Server");
+    const Key system(HKEY_CLASSES_ROOT, "Software\\VRX\\Server");
 
     EXPECT_EQ(set(user, "Name", "of the user"), 0);
     EXPECT_EQ(set(system, "Name", "of all"), 0);
@@ -112,13 +125,11 @@ TEST_F(Registry, KeepsValuesOfBothRootsSeparate)
     EXPECT_EQ(get(HKEY_CURRENT_USER, ""), "");
     EXPECT_EQ(open(HKEY_CURRENT_USER, "Software\\VRX"), 0);
     EXPECT_EQ(open(HKEY_CURRENT_USER, "Software\\None"), ERROR_FILE_NOT_FOUND);
-    RegCloseKey(user);
-    RegCloseKey(system);
 }
 
 TEST_F(Registry, ComparesNamesWithoutCaseAndKeepsThemAsWritten)
 {
-    const HKEY key = create(HKEY_CURRENT_USER, "Software\\My Server");
+    const Key key(HKEY_CURRENT_USER, "Software\\My Server");
     EXPECT_EQ(set(key, "MaxFields", "1"), 0);
     EXPECT_EQ(set(key, "MAXfields", "2"), 0);
 
@@ -127,76 +138,39 @@ TEST_F(Registry, ComparesNamesWithoutCaseAndKeepsThemAsWritten)
     EXPECT_EQ(dir.read("in/store/User/software/my%20server/.name"), "My Server");
     EXPECT_EQ(dir.read("in/store/User/software/my%20server/maxfields.value"),
               std::string("1 MAXfields\n2\0", 14));
-    DWORD disposition = 0;
-    HKEY again = nullptr;
-    EXPECT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, "software\\MY SERVER\\sub", 0, nullptr, 0, 0, nullptr,
-                              &again, &disposition),
-              0);
-    EXPECT_EQ(disposition, REG_CREATED_NEW_KEY);
-    RegCloseKey(again);
-    EXPECT_EQ(RegCreateKeyExA(HKEY_CURRENT_USER, "Software\\my server\\sub", 0, nullptr, 0, 0, nullptr,
-                              &again, &disposition),
-              0);
-    EXPECT_EQ(disposition, REG_OPENED_EXISTING_KEY);
-    RegCloseKey(again);
-    RegCloseKey(key);
+    EXPECT_TRUE(Key(HKEY_CURRENT_USER, "software\\MY SERVER\\sub").isNew());
+    EXPECT_FALSE(Key(HKEY_CURRENT_USER, "Software\\my server\\sub").isNew());
 }
 
 TEST_F(Registry, ConfinesEveryNameToItsStore)
 {
-    const std::string thousand(1000, 'n');
-    const std::string strange[] = {"..",
-                                   "../..",
-                                   ".",
-                                   "/etc/passwd",
-                                   "a/../../b",
-                                   ".lock",
-                                   ".deleted",
-                                   ".new",
-                                   ".name",
-                                   "%41",
-                                   "a+",
-                                   "x.value",
-                                   "\x01\n\x7F",
-                                   "\xFF\xFE",
-                                   "con",
-                                   " ",
-                                   thousand,
-                                   thousand + "2",
-                                   std::string(600, '/'),
-                                   std::string(200, 'e'),
-                                   std::string(400, 'f')};
-    const HKEY key = create(HKEY_CURRENT_USER, "Names");
+    std::vector<std::string> strange =
+        textsOf("..|../..|.|/etc/passwd|a/../../b|.lock|.deleted|.new|.name|%41|a+|"
+                "x.value|\x01\n\x7F|\xFF\xFE|con| ");
+    for (const auto& [size, letter] :
+         {std::pair{1000u, 'n'}, {1001u, 'n'}, {600u, '/'}, {200u, 'e'}, {400u, 'f'}})
+        strange.emplace_back(size, letter);
+    const Key key(HKEY_CURRENT_USER, "Names");
     int number = 0;
     for (const std::string& name : strange) {
-        const HKEY sub = create(key, name);
+        const Key sub(key, name);
         EXPECT_EQ(set(sub, name, "in " + std::to_string(number)), 0) << name;
         EXPECT_EQ(set(key, name, std::to_string(number++)), 0) << name;
-        RegCloseKey(sub);
     }
 
-    std::set<std::string> keys, values; // as they are enumerated
-    std::stringstream keysText(namesOf(key)), valuesText(valuesOf(key));
-    for (std::string name; std::getline(keysText, name, '|');)
-        keys.insert(name);
-    for (std::string name; std::getline(valuesText, name, '|');)
-        values.insert(name);
-    EXPECT_EQ(keys, std::set<std::string>(std::begin(strange), std::end(strange)));
-    EXPECT_EQ(values, keys);
+    std::vector<std::string> expected = strange;
+    expected.emplace_back(); // behind the last bar
+    EXPECT_THAT(textsOf(namesOf(key)), testing::UnorderedElementsAreArray(expected));
+    EXPECT_THAT(textsOf(valuesOf(key)), testing::UnorderedElementsAreArray(expected));
 
     number = 0;
     for (const std::string& name : strange) {
-        HKEY sub = nullptr;
-        ASSERT_EQ(RegOpenKeyExA(key, name.c_str(), 0, 0, &sub), 0) << name;
+        const Key sub(key, name);
+        EXPECT_FALSE(sub.isNew()) << name;
         EXPECT_EQ(get(sub, name), "in " + std::to_string(number)) << name;
         EXPECT_EQ(get(key, name), std::to_string(number++)) << name;
-        RegCloseKey(sub);
     }
-    std::vector<std::string> beside;
-    for (const auto& entry : std::filesystem::directory_iterator(dir.path("in/store")))
-        beside.push_back(entry.path().filename().string());
-    EXPECT_EQ(std::set<std::string>(beside.begin(), beside.end()),
-              (std::set<std::string>{".lock", ".unfinished", "User"}));
+    EXPECT_THAT(namesIn(dir.path("in/store")), testing::UnorderedElementsAre(".lock", ".unfinished", "User"));
     EXPECT_FALSE(dir.has("in/passwd"));
 
     for (const std::string& name : strange) {
@@ -204,19 +178,17 @@ TEST_F(Registry, ConfinesEveryNameToItsStore)
         EXPECT_EQ(RegDeleteValueA(key, name.c_str()), 0) << name;
         EXPECT_EQ(RegDeleteValueA(key, name.c_str()), ERROR_FILE_NOT_FOUND) << name;
     }
-    const std::filesystem::directory_iterator left(dir.path("in/store/User/names"));
-    for (const auto& entry : left)
-        EXPECT_EQ(entry.path().filename(), ".name");
-    RegCloseKey(key);
+    EXPECT_EQ(namesIn(dir.path("in/store/User/names")),
+              std::vector<std::string>(dir.has("in/store/User/names/.name"), ".name"));
 }
 
 TEST_F(Registry, EnumeratesNamesInTheirWrittenForm)
 {
     EXPECT_EQ(namesOf(HKEY_CURRENT_USER), ""); // the store does not exist yet
     EXPECT_EQ(valuesOf(HKEY_CLASSES_ROOT), "");
-    const HKEY key = create(HKEY_CURRENT_USER, "Software\\VRX");
+    const Key key(HKEY_CURRENT_USER, "Software\\VRX");
     for (const char* sub : {"beta", "Alpha", "g\\below\\deep"}) // several levels at once below an open key
-        RegCloseKey(create(key, sub));
+        Key(key, sub);
     for (const char* value : {"Zeta", "", "my value", "100%"})
         EXPECT_EQ(set(key, value, value), 0);
 
@@ -225,12 +197,11 @@ TEST_F(Registry, EnumeratesNamesInTheirWrittenForm)
     EXPECT_EQ(valuesOf(key), "|100%|my value|Zeta|");
     EXPECT_EQ(namesOf(HKEY_CURRENT_USER), "Software|");
     EXPECT_EQ(namesOf(HKEY_CLASSES_ROOT), "");
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, EnumeratesTheStateAtTheFirstIndex)
 {
-    const HKEY key = create(HKEY_CURRENT_USER, "key");
+    const Key key(HKEY_CURRENT_USER, "key");
     for (const char* name : {"a", "b"})
         EXPECT_EQ(set(key, name, "text"), 0);
     char name[8], data[8];
@@ -263,12 +234,11 @@ TEST_F(Registry, EnumeratesTheStateAtTheFirstIndex)
     EXPECT_EQ(namesOf(nullptr), "error 6");
     EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "key"), 0);
     EXPECT_EQ(namesOf(key), "error 1018");
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, ReportsWhenASubkeyWasChanged)
 {
-    RegCloseKey(create(HKEY_CURRENT_USER, "Key"));
+    Key(HKEY_CURRENT_USER, "Key");
     const struct timespec times[] = {{0, 0}, {1, 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, dir.path("in/store/User/key").c_str(), times, 0), 0);
     char name[8], className[8] = "unset";
@@ -283,28 +253,19 @@ TEST_F(Registry, ReportsWhenASubkeyWasChanged)
 
 TEST_F(Registry, EnumeratesADamagedStoreByItsFileNames)
 {
-    const HKEY key = create(HKEY_CURRENT_USER, "key");
-    RegCloseKey(create(key, "Sub"));
+    const Key key(HKEY_CURRENT_USER, "key");
+    Key(key, "Sub");
     const std::string folder = "in/store/User/key/";
     dir.write(folder + "sub/.name", "other"); // does not match its folder
-    dir.makeDir(folder + "two%20words");
-    dir.makeDir(folder + "Foreign");
-    dir.makeDir(folder + "%zz");
-    dir.makeDir(folder + "zero%00");
-    dir.makeDir(folder + "two%5Csteps");
-    dir.makeDir(folder + "one");
-    dir.write(folder + "one/.name", "one\\");
-    dir.makeDir(folder + "short+/rest");
+    for (const char* name : {"two%20words", "Foreign", "%zz", "zero%00", "two%5Csteps", "one", "short+/rest"})
+        dir.makeDir(folder + name);
     dir.makeDir(folder + std::string(200, 'p') + "+/rest");
-    dir.write(folder + "v.value", "no head");
-    dir.write(folder + "w.value", "1 V\ntext");
-    dir.write(folder + "Foreign.value", "1 Foreign\ntext");
-    dir.write(folder + "x", "1 x\ntext");
-    dir.write(folder + ".new", "1 x");
+    for (const auto& [name, text] : rowsOf<2>("one/.name,one\\|v.value,no head|w.value,1 V\ntext|"
+                                              "Foreign.value,1 Foreign\ntext|x,1 x\ntext|.new,1 x"))
+        dir.write(folder + name, text);
 
     EXPECT_EQ(namesOf(key), "one|" + std::string(200, 'p') + "rest|sub|two words|");
     EXPECT_EQ(valuesOf(key), "v|w|");
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, RejectsInvalidPathsAndNames)
@@ -316,21 +277,20 @@ TEST_F(Registry, RejectsInvalidPathsAndNames)
         EXPECT_EQ(RegOpenKeyExA(HKEY_CURRENT_USER, path, 0, 0, &key), ERROR_BAD_PATHNAME);
         EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, path), ERROR_BAD_PATHNAME);
     }
-    const HKEY key = create(HKEY_CURRENT_USER, "trailing\\");
+    const Key key(HKEY_CURRENT_USER, "trailing\\");
     EXPECT_EQ(set(key, std::string(5000, 'v'), "x"), ERROR_FILENAME_EXCED_RANGE);
     EXPECT_EQ(RegSetValueExA(key, "large", 0, REG_SZ, nullptr, 0x7FFFFFFF), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(set(nullptr, "x", "y"), ERROR_INVALID_HANDLE);
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, DeletesAKeyWithItsValuesButNotWithSubkeys)
 {
     const std::string longName(300, 'k');
-    const HKEY key = create(HKEY_CURRENT_USER, "top\\key");
+    const Key key(HKEY_CURRENT_USER, "top\\key");
     EXPECT_EQ(set(key, longName, "value, no key"), 0);
     EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "top"), ERROR_ACCESS_DENIED);
 
-    RegCloseKey(create(key, longName));
+    Key(key, longName);
     EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "top\\key"), ERROR_ACCESS_DENIED);
     EXPECT_EQ(get(key, longName), "value, no key");
     EXPECT_EQ(RegDeleteKeyA(key, longName.c_str()), 0);
@@ -339,12 +299,11 @@ TEST_F(Registry, DeletesAKeyWithItsValuesButNotWithSubkeys)
     EXPECT_EQ(get(key, longName), "error 2");
     EXPECT_EQ(set(key, "late", "x"), ERROR_KEY_DELETED);
     EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "top\\key"), ERROR_FILE_NOT_FOUND);
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, ReportsDamagedAndForeignFilesAsUnusable)
 {
-    const HKEY key = create(HKEY_CURRENT_USER, "key");
+    const Key key(HKEY_CURRENT_USER, "key");
     for (const char* contents : {"", "1", "\n", "x y\nz", "1\nz", "99999999999 n\nz"}) {
         dir.write("in/store/User/key/v.value", contents);
         EXPECT_EQ(get(key, "v"), "error 1392") << contents;
@@ -358,18 +317,17 @@ TEST_F(Registry, ReportsDamagedAndForeignFilesAsUnusable)
     EXPECT_EQ(set(key, "w", "text"), 0);
     EXPECT_EQ(RegQueryValueExA(key, "w", nullptr, nullptr, small, &size), ERROR_MORE_DATA);
     EXPECT_EQ(size, 5u);
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, IsInTheUsersConfigurationByDefault)
 {
     const EnvSetting none("QELSTD_REGISTRY", nullptr);
     const EnvSetting config("XDG_CONFIG_HOME", dir.path("config").c_str());
-    RegCloseKey(create(HKEY_CURRENT_USER, "a"));
+    Key(HKEY_CURRENT_USER, "a");
     EXPECT_TRUE(dir.has("config/qelstd/registry/User/a"));
     const EnvSetting relative("XDG_CONFIG_HOME", "config"); // is ignored
     const EnvSetting home("HOME", dir.path("home").c_str());
-    RegCloseKey(create(HKEY_CURRENT_USER, "b"));
+    Key(HKEY_CURRENT_USER, "b");
     EXPECT_TRUE(dir.has("home/.config/qelstd/registry/User/b"));
     const EnvSetting homeless("HOME", nullptr);
     EXPECT_EQ(open(HKEY_CURRENT_USER, "b"), ERROR_ENVVAR_NOT_FOUND);
@@ -389,16 +347,15 @@ TEST_F(Registry, KeepsTheSystemsRootInEtcIfItsFolderExists)
         umask(077);
         const EnvSetting none("QELSTD_REGISTRY", nullptr);
         const EnvSetting config("XDG_CONFIG_HOME", dir.path("config").c_str());
-        RegCloseKey(create(HKEY_CLASSES_ROOT, "of the user"));
+        Key(HKEY_CLASSES_ROOT, "of the user");
         EXPECT_TRUE(dir.has("config/qelstd/registry/System/of%20the%20user"));
         std::filesystem::create_directories("/etc/qelstd/registry");
         EXPECT_EQ(open(HKEY_CLASSES_ROOT, "of the user"), ERROR_FILE_NOT_FOUND);
         EXPECT_EQ(platRegistryFolder(HKEY_CLASSES_ROOT), "/etc/qelstd/registry/System");
 
-        const HKEY key = create(HKEY_CLASSES_ROOT, "Software\\VRX");
+        const Key key(HKEY_CLASSES_ROOT, "Software\\VRX");
         EXPECT_EQ(set(key, "v", "x"), 0);
-        RegCloseKey(key);
-        RegCloseKey(create(HKEY_CURRENT_USER, "still the user's"));
+        Key(HKEY_CURRENT_USER, "still the user's");
         const std::filesystem::path system = "/etc/qelstd/registry/System";
         const auto modeOf = [](const std::filesystem::path& path) {
             return static_cast<unsigned>(std::filesystem::status(path).permissions());
@@ -424,22 +381,21 @@ TEST_F(Registry, KeepsTheSystemsRootInEtcIfItsFolderExists)
 
 TEST_F(Registry, IsPrivateToItsUser)
 {
-    const HKEY key = create(HKEY_CURRENT_USER, "key");
+    const Key key(HKEY_CURRENT_USER, "key");
     EXPECT_EQ(set(key, "v", "x"), 0);
     for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path("in")))
         EXPECT_EQ(entry.status().permissions() & std::filesystem::perms(077), std::filesystem::perms(0))
             << entry;
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, ReadsWholeValuesWhileWritersAreKilled)
 {
     constexpr int rounds = 20;
     constexpr auto patience = std::chrono::seconds(30);
-    const HKEY key = create(HKEY_CURRENT_USER, "key");
+    const Key key(HKEY_CURRENT_USER, "key");
     const std::string first(3000, 'a'), second(9000, 'b');
     ASSERT_EQ(set(key, "v", first), 0);
-    const auto read = [key] { // with one call: the size changes all the time
+    const auto read = [&key] { // with one call: the size changes all the time
         DWORD size = 20000;
         std::string value(size, '?');
         EXPECT_EQ(RegQueryValueExA(key, "v", nullptr, nullptr, reinterpret_cast<unsigned char*>(value.data()),
@@ -474,12 +430,11 @@ TEST_F(Registry, ReadsWholeValuesWhileWritersAreKilled)
     EXPECT_EQ(set(key, "v", "still writable"), 0);
     EXPECT_EQ(get(key, "v"), "still writable");
     EXPECT_EQ(valuesOf(key), "v|") << "what a killed writer has left is no value";
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, KeepsTheOldValueWhenWritingFails)
 {
-    const HKEY key = create(HKEY_CURRENT_USER, "key");
+    const Key key(HKEY_CURRENT_USER, "key");
     ASSERT_EQ(set(key, "v", "old"), 0);
     EXPECT_EQ(runInChild([&] {
                   signal(SIGXFSZ, SIG_IGN);
@@ -490,12 +445,11 @@ TEST_F(Registry, KeepsTheOldValueWhenWritingFails)
               static_cast<int>(ERROR_FILE_TOO_LARGE));
     EXPECT_EQ(get(key, "v"), "old");
     EXPECT_TRUE(std::filesystem::is_empty(dir.path("in/store/.unfinished")));
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, RemovesItsOwnLeftoversOnly)
 {
-    const HKEY key = create(HKEY_CURRENT_USER, "key");
+    const Key key(HKEY_CURRENT_USER, "key");
     const std::string unfinished = "in/store/.unfinished/";
     dir.write(unfinished + "0123456789abcdef", "1 v\nhalf written");
     dir.write(unfinished + "fedcba9876543210/v.value", "1 v\nhalf deleted");
@@ -505,43 +459,33 @@ TEST_F(Registry, RemovesItsOwnLeftoversOnly)
     dir.link(dir.path("in/store/notes"), unfinished + "0000000000000000");
 
     EXPECT_EQ(set(key, "v", "x"), 0);
-    std::set<std::string> left;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path("in/store")))
-        if (!entry.is_directory())
-            left.insert(entry.path().lexically_relative(std::string(dir.path("in/store"))));
-    EXPECT_EQ(left,
-              (std::set<std::string>{".lock", "notes", ".unfinished/0000000000000000", ".unfinished/notes",
-                                     "User/key/.new", "User/key/.v.new", "User/key/v.value", "User/key/x"}));
+    EXPECT_THAT(namesIn(dir.path("in/store")),
+                testing::UnorderedElementsAre(".lock", "notes", ".unfinished", "User"));
+    EXPECT_THAT(namesIn(dir.path("in/store/.unfinished")),
+                testing::UnorderedElementsAre("0000000000000000", "notes"));
+    EXPECT_THAT(namesIn(dir.path("in/store/User/key")),
+                testing::IsSupersetOf({".new", ".v.new", "v.value", "x"}));
     EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "key"), ERROR_DIR_NOT_EMPTY);
     EXPECT_EQ(get(key, "v"), "x");
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, FollowsNoLinkInsideItsStore)
 {
-    const HKEY key = create(HKEY_CURRENT_USER, "a\\key");
+    const Key key(HKEY_CURRENT_USER, "a\\key");
     EXPECT_EQ(set(key, "own", "x"), 0);
     dir.write("outside/v.value", "1 v\nouter");
     dir.write("outside/sub/.name", "Sub");
     dir.makeDir("outside/" + std::string(100, 'v'));
     const std::string longName = std::string(200, 'n') + "tail";
-    const auto link = [this](const std::string& target, const std::string& name) {
+    const std::string outside = dir.path("outside");
+    for (const auto& [name, target] :
+         rowsOf<2>("parent,..|root,/|loop,loop|dangling,nowhere|d.value,nowhere|linked," + outside + "|" +
+                   std::string(200, 'n') + "+," + outside + "|v.value," + outside + "/v.value"))
         dir.link(target, "in/store/User/a/key/" + name);
-    };
-    link(dir.path("outside"), "linked");
-    link("..", "parent");
-    link("/", "root");
-    link("loop", "loop");
-    link("nowhere", "dangling");
-    link(dir.path("outside"), std::string(200, 'n') + "+");
-    link(dir.path("outside/v.value"), "v.value");
-    link("nowhere", "d.value");
 
     EXPECT_EQ(namesOf(key), "");
     EXPECT_EQ(valuesOf(key), "own|");
-    for (const std::string& name :
-         {std::string("linked"), std::string("parent"), std::string("root"), std::string("loop"),
-          std::string("dangling"), std::string("linked\\sub"), longName}) {
+    for (const std::string& name : textsOf("linked|parent|root|loop|dangling|linked\\sub|" + longName)) {
         HKEY opened = nullptr;
         EXPECT_EQ(open(key, name), ERROR_DIRECTORY) << name;
         EXPECT_EQ(RegCreateKeyExA(key, name.c_str(), 0, nullptr, 0, 0, nullptr, &opened, nullptr),
@@ -560,7 +504,6 @@ TEST_F(Registry, FollowsNoLinkInsideItsStore)
     EXPECT_EQ(dir.read("outside/v.value"), "1 v\nouter");
     EXPECT_TRUE(dir.has("outside/sub/.name"));
     EXPECT_EQ(get(key, "own"), "x");
-    RegCloseKey(key);
 
     // The store itself may be reached through links; a root is inside it.
     dir.link("in/store", "way");
@@ -577,22 +520,13 @@ TEST_F(Registry, ReportsOnlyMissingFilesAsMissing)
     dir.link("nowhere", "dangling");
     dir.link("loop", "loop");
     dir.makeDir("empty");
-    const struct
-    {
-        const char* store;
-        long error;
-    } cases[] = {{"none", ERROR_FILE_NOT_FOUND},
-                 {"none/below/", ERROR_FILE_NOT_FOUND},
-                 {"empty", ERROR_FILE_NOT_FOUND},
-                 {"file", ERROR_DIRECTORY},
-                 {"file/store", ERROR_DIRECTORY},
-                 {"dangling", ERROR_CANT_RESOLVE_FILENAME},
-                 {"dangling/store/", ERROR_CANT_RESOLVE_FILENAME},
-                 {"loop", ERROR_CANT_RESOLVE_FILENAME}};
-    for (const auto& [name, error] : cases) {
-        const EnvSetting other("QELSTD_REGISTRY", dir.path(name).c_str());
-        EXPECT_EQ(open(HKEY_CURRENT_USER, "key"), error) << name;
-    }
+    for (const auto& [error, stores] : {std::pair{ERROR_FILE_NOT_FOUND, "none|none/below/|empty"},
+                                        {ERROR_DIRECTORY, "file|file/store"},
+                                        {ERROR_CANT_RESOLVE_FILENAME, "dangling|dangling/store/|loop"}})
+        for (const std::string& name : textsOf(stores)) {
+            const EnvSetting other("QELSTD_REGISTRY", dir.path(name).c_str());
+            EXPECT_EQ(open(HKEY_CURRENT_USER, "key"), error) << name;
+        }
     dir.write("in/store/User/key");
     EXPECT_EQ(open(HKEY_CURRENT_USER, "key"), ERROR_DIRECTORY);
     EXPECT_EQ(open(HKEY_CURRENT_USER, "key\\below"), ERROR_DIRECTORY);
@@ -603,7 +537,7 @@ TEST_F(Registry, IsUnlockedThoughAForkedChildLives)
     constexpr int children = 8;
     const TempDir disk; // disk writes hold the lock nearly all the time
     const EnvSetting onDisk("QELSTD_REGISTRY", disk.path("store"));
-    const HKEY key = create(HKEY_CURRENT_USER, "key");
+    const Key key(HKEY_CURRENT_USER, "key");
     std::atomic<int> changes = 0;
     std::atomic<bool> isOver = false;
     std::thread writer([&] {
@@ -624,7 +558,6 @@ TEST_F(Registry, IsUnlockedThoughAForkedChildLives)
     isOver = true;
     forked.clear();
     writer.join();
-    RegCloseKey(key);
 }
 
 TEST_F(Registry, CreatesAKeyWholeOrNotAtAll)
@@ -639,7 +572,7 @@ TEST_F(Registry, CreatesAKeyWholeOrNotAtAll)
     for (int round = 0; round < 30; ++round) {
         ChildProcess changing([] {
             for (;;) {
-                RegCloseKey(create(HKEY_CURRENT_USER, "Upper Key"));
+                Key(HKEY_CURRENT_USER, "Upper Key");
                 RegDeleteKeyA(HKEY_CURRENT_USER, "Upper Key");
             }
             return 0;
@@ -652,17 +585,17 @@ TEST_F(Registry, CreatesAKeyWholeOrNotAtAll)
     }
 
     // A lost name is written again.
-    RegCloseKey(create(HKEY_CURRENT_USER, "Upper Key\\Sub"));
+    Key(HKEY_CURRENT_USER, "Upper Key\\Sub");
     std::filesystem::remove(dir.path("in/store/User/upper%20key/.name"));
     EXPECT_EQ(namesOf(HKEY_CURRENT_USER), "upper key|");
-    RegCloseKey(create(HKEY_CURRENT_USER, "Upper Key\\SUB"));
+    Key(HKEY_CURRENT_USER, "Upper Key\\SUB");
     EXPECT_EQ(namesOf(HKEY_CURRENT_USER), "Upper Key|");
     EXPECT_EQ(dir.read("in/store/User/upper%20key/sub/.name"), "Sub") << "one that is there stays";
 }
 
 TEST_F(Registry, WarnsOnceOfOtherUsersWithWriteAccess)
 {
-    RegCloseKey(create(HKEY_CURRENT_USER, "key"));
+    Key(HKEY_CURRENT_USER, "key");
     ASSERT_EQ(chmod(dir.path("in/store"), 0770), 0);
     testing::internal::CaptureStderr();
     EXPECT_EQ(open(HKEY_CURRENT_USER, "key"), 0);
@@ -676,12 +609,11 @@ TEST_F(Registry, WorksWhileInterruptedBySignals)
     const Interrupter interrupter;
     const int before = Interrupter::interrupts;
     for (int i = 0; Interrupter::interrupts < before + 100; ++i) {
-        const HKEY key = create(HKEY_CURRENT_USER, "Key\\Below");
+        const Key key(HKEY_CURRENT_USER, "Key\\Below");
         EXPECT_EQ(set(key, "v", std::to_string(i)), 0);
         EXPECT_EQ(get(key, "v"), std::to_string(i));
         EXPECT_EQ(valuesOf(key), "v|");
         EXPECT_EQ(RegDeleteValueA(key, "v"), 0);
-        RegCloseKey(key);
         ASSERT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "key\\below"), 0);
     }
 }
@@ -693,10 +625,9 @@ TEST_F(Registry, LosesNoUpdateOfManyProcesses)
         const pid_t started = fork();
         if (started == 0) {
             for (int i = 0; i < 50; ++i) {
-                const HKEY key = create(HKEY_CURRENT_USER, "shared\\n" + std::to_string(i));
+                const Key key(HKEY_CURRENT_USER, "shared\\n" + std::to_string(i));
                 set(key, "by" + std::to_string(child), "x");
-                RegCloseKey(key);
-                RegCloseKey(create(HKEY_CURRENT_USER, "passing"));
+                Key(HKEY_CURRENT_USER, "passing");
                 RegDeleteKeyA(HKEY_CURRENT_USER, "passing");
             }
             _exit(testing::Test::HasFailure() ? 1 : 0);
@@ -709,9 +640,8 @@ TEST_F(Registry, LosesNoUpdateOfManyProcesses)
         EXPECT_EQ(status, 0);
     }
     for (int i = 0; i < 50; ++i) {
-        const HKEY key = create(HKEY_CURRENT_USER, "shared\\n" + std::to_string(i));
+        const Key key(HKEY_CURRENT_USER, "shared\\n" + std::to_string(i));
         for (int child = 0; child < 4; ++child)
             EXPECT_EQ(get(key, "by" + std::to_string(child)), "x");
-        RegCloseKey(key);
     }
 }

@@ -16,6 +16,7 @@
 #include <qel/xdictionary.h>
 #include <qel/xsequence.h>
 
+#include "support/texts.h"
 #include "support/thrown.h"
 #include "testtypes.h"
 
@@ -501,26 +502,13 @@ TEST(JsonRead, ErrorsSayWhereWhatWasExpectedAndWhatWasThere)
 
 TEST(JsonRead, ReservedNamesAreCheckedForWhatTheyMean)
 {
-    for (const char* text : {R"({"$ref":1})",
-                             R"({"$id":1,"$ref":1})",
-                             R"({"$id":0})",
-                             R"({"$id":1.5})",
-                             R"([{"$id":1},{"$id":1}])",
-                             R"({"$type":"no::Type"})",
-                             R"({"$type":"intseq"})",
-                             R"({"$type":"intseq","$value":{}})",
-                             R"({"$type":"int","$value":"x"})",
-                             R"({"$type":"intseq","$value":[1],"x":1})",
-                             R"({"$uninit":false})",
-                             R"({"$value":1)",
-                             R"({"$other":1})",
-                             R"({"a":1,"$type":"anydict"})",
-                             R"({"$type":"json::Node","$value":[]})",
-                             R"({"$type":"json::Grade","$value":3})",
-                             R"({"$id":1,"$value":1})",
-                             R"({"$type":"anyseq","$type":"anyseq"})",
-                             R"({"$id":1,})",
-                             R"({"$type":5})"})
+    for (const std::string& text :
+         textsOf(R"({"$ref":1}|{"$id":1,"$ref":1}|{"$id":0}|{"$id":1.5}|[{"$id":1},{"$id":1}]|)"
+                 R"({"$type":"no::Type"}|{"$type":"intseq"}|{"$type":"intseq","$value":{}}|)"
+                 R"({"$type":"int","$value":"x"}|{"$type":"intseq","$value":[1],"x":1}|{"$uninit":false}|)"
+                 R"({"$value":1|{"$other":1}|{"a":1,"$type":"anydict"}|{"$type":"json::Node","$value":[]}|)"
+                 R"({"$type":"json::Grade","$value":3}|{"$id":1,"$value":1}|)"
+                 R"({"$type":"anyseq","$type":"anyseq"}|{"$id":1,}|{"$type":5})"))
         EXPECT_NE(refusal(text), "") << text;
     EXPECT_NE(refusal<Node>(R"({"Name":{"$uninit":true}})"), "");
     EXPECT_NE(refusal<Node>(R"({"$uninit":true})"), "");
@@ -596,50 +584,14 @@ TEST(JsonRead, AStreamIsReadInPiecesOfAnySize)
 
 TEST(JsonText, WhatTheStandardAllowsIsRead)
 {
-    for (const char* text :
-         {"0",
-          "-0",
-          "1",
-          "-1",
-          "10",
-          "0.5",
-          "1.0",
-          "1e1",
-          "1E+1",
-          "1e-1",
-          "0e0",
-          "-0.0e-0",
-          "123.456e-7",
-          "0.00000000000000000000000000000000000000000000000000000000000000000000000000000001",
-          "true",
-          "false",
-          "null",
-          "\"\"",
-          "\"a\"",
-          " \t\n\r1\t\n\r ",
-          "[]",
-          "[ ]",
-          "{}",
-          "{ }",
-          "[1]",
-          "[1,2]",
-          "[[],[[]]]",
-          "{\"a\":1}",
-          "{\"\":0}",
-          "{ \"a\" : { \"b\" : [ ] } , \"c\" : null }",
-          "\"\\\"\\\\\\/\\b\\f\\n\\r\\t\"",
-          "\"\\u0041\\u00E9\\u20AC\"",
-          "\"\\uD83D\\uDE00\"",
-          "\"\\u005C\\u0022\"",
-          "\"\x7F\"",
-          "\"\xC2\x80\"",
-          "\"\xEF\xBF\xBF\"",
-          "\"\xF4\x8F\xBF\xBF\"",
-          "\"\\uFFFF\"",
-          "\"\\uDBFF\\uDFFE\"",
-          "\"\xE2\x80\xA8\"",
-          "[\"*/\",\"/*\",\"//\"]",
-          "{\"min\":-1.0e+28,\"max\":1.0e+28}"}) {
+    for (const std::string& text :
+         textsOf("0|-0|1|-1|10|0.5|1.0|1e1|1E+1|1e-1|0e0|-0.0e-0|123.456e-7|"
+                 "0.00000000000000000000000000000000000000000000000000000000000000000000000000000001|true|"
+                 "false|null|\"\"|\"a\"| \t\n\r1\t\n\r |[]|[ ]|{}|{ }|[1]|[1,2]|[[],[[]]]|{\"a\":1}|"
+                 "{\"\":0}|{ \"a\" : { \"b\" : [ ] } , \"c\" : null }|\"\\\"\\\\\\/\\b\\f\\n\\r\\t\"|"
+                 "\"\\u0041\\u00E9\\u20AC\"|\"\\uD83D\\uDE00\"|\"\\u005C\\u0022\"|\"\x7F\"|\"\xC2\x80\"|"
+                 "\"\xEF\xBF\xBF\"|\"\xF4\x8F\xBF\xBF\"|\"\\uFFFF\"|\"\\uDBFF\\uDFFE\"|\"\xE2\x80\xA8\"|"
+                 "[\"*/\",\"/*\",\"//\"]|{\"min\":-1.0e+28,\"max\":1.0e+28}")) {
         EXPECT_EQ(refusal(text), "") << text;
         EXPECT_TRUE(nlohmann::json::accept(text)) << text;
     }
@@ -647,125 +599,18 @@ TEST(JsonText, WhatTheStandardAllowsIsRead)
 
 TEST(JsonText, WhatTheStandardForbidsIsRefused)
 {
-    for (const char* text : {"",
-                             " ",
-                             "[",
-                             "]",
-                             "{",
-                             "}",
-                             "[1",
-                             "[1,",
-                             "[1,]",
-                             "[,1]",
-                             "[1,,2]",
-                             "[1 2]",
-                             "[1;2]",
-                             "[1]]",
-                             "[1],",
-                             "1 2",
-                             "{\"a\"}",
-                             "{\"a\":}",
-                             "{\"a\":1,}",
-                             "{,\"a\":1}",
-                             "{\"a\":1,,\"b\":2}",
-                             "{\"a\" 1}",
-                             "{\"a\",1}",
-                             "{a:1}",
-                             "{1:1}",
-                             "{null:1}",
-                             "{'a':1}",
-                             "{\"a\":1 \"b\":2}",
-                             "{\"a\":1}}",
-                             "{\"a\":1",
-                             "{\"a",
-                             "{]",
-                             "[}",
-                             "[\"a\":1]",
-                             "{\"a\"::1}",
-                             "+1",
-                             "01",
-                             "-01",
-                             "-",
-                             "--1",
-                             "1.",
-                             ".5",
-                             "-.5",
-                             "1.e1",
-                             "1e",
-                             "1e+",
-                             "1eE1",
-                             "0x1",
-                             "1_000",
-                             "Infinity",
-                             "-Infinity",
-                             "NaN",
-                             "nan",
-                             "1a",
-                             "1.2.3",
-                             "1-1",
-                             "1+",
-                             "0e+-1",
-                             "tru",
-                             "truee",
-                             "True",
-                             "fals",
-                             "nul",
-                             "nulll",
-                             "undefined",
-                             "a",
-                             "'a'",
-                             "\"",
-                             "\"a",
-                             "\"a\nb\"",
-                             "\"a\tb\"",
-                             "\"\x1F\"",
-                             "\"\\",
-                             "\"\\\"",
-                             "\"\\x41\"",
-                             "\"\\a\"",
-                             "\"\\'\"",
-                             "\"\\u\"",
-                             "\"\\u1\"",
-                             "\"\\u12\"",
-                             "\"\\u123\"",
-                             "\"\\u12G4\"",
-                             "\"\\uD800\"",
-                             "\"\\uDC00\"",
-                             "\"\\uD800\\u0041\"",
-                             "\"\\uD800\\uD800\"",
-                             "\"\\uD800x\"",
-                             "\"\\uD800\\n\"",
-                             "\"\x80\"",
-                             "\"\xC0\xAF\"",
-                             "\"\xC1\xBF\"",
-                             "\"\xE0\x80\xAF\"",
-                             "\"\xED\xA0\x80\"",
-                             "\"\xF0\x80\x80\x80\"",
-                             "\"\xF4\x90\x80\x80\"",
-                             "\"\xF5\x80\x80\x80\"",
-                             "\"\xE2\x82\"",
-                             "\"\xE2\"",
-                             "\"\xFF\"",
-                             "\"a\\u00\xC3\xA4\"",
-                             "/**/1",
-                             "1//",
-                             "#1",
-                             "[\v1]",
-                             "[\f1]",
-                             "\xC2\xA0"
-                             "1",
-                             "\xE2\x81\xA0"
-                             "1",
-                             "<1>",
-                             "[1]\x01",
-                             "\xFF\xFE[\0]",
-                             "\xEF\xBB",
-                             "\xEF\xBB\xBF",
-                             "*",
-                             "@",
-                             "\"a\"b",
-                             "\"a\" \"b\"",
-                             "[\"a\",\n1,\n,"}) {
+    for (const std::string& text :
+         textsOf("| |[|]|{|}|[1|[1,|[1,]|[,1]|[1,,2]|[1 2]|[1;2]|[1]]|[1],|1 2|{\"a\"}|{\"a\":}|"
+                 "{\"a\":1,}|{,\"a\":1}|{\"a\":1,,\"b\":2}|{\"a\" 1}|{\"a\",1}|{a:1}|{1:1}|{null:1}|"
+                 "{'a':1}|{\"a\":1 \"b\":2}|{\"a\":1}}|{\"a\":1|{\"a|{]|[}|[\"a\":1]|{\"a\"::1}|+1|01|-01|"
+                 "-|--1|1.|.5|-.5|1.e1|1e|1e+|1eE1|0x1|1_000|Infinity|-Infinity|NaN|nan|1a|1.2.3|1-1|1+|"
+                 "0e+-1|tru|truee|True|fals|nul|nulll|undefined|a|'a'|\"|\"a|\"a\nb\"|\"a\tb\"|\"\x1F\"|"
+                 "\"\\|\"\\\"|\"\\x41\"|\"\\a\"|\"\\'\"|\"\\u\"|\"\\u1\"|\"\\u12\"|\"\\u123\"|\"\\u12G4\"|"
+                 "\"\\uD800\"|\"\\uDC00\"|\"\\uD800\\u0041\"|\"\\uD800\\uD800\"|\"\\uD800x\"|"
+                 "\"\\uD800\\n\"|\"\x80\"|\"\xC0\xAF\"|\"\xC1\xBF\"|\"\xE0\x80\xAF\"|\"\xED\xA0\x80\"|"
+                 "\"\xF0\x80\x80\x80\"|\"\xF4\x90\x80\x80\"|\"\xF5\x80\x80\x80\"|\"\xE2\x82\"|\"\xE2\"|"
+                 "\"\xFF\"|\"a\\u00\xC3\xA4\"|/**/1|1//|#1|[\v1]|[\f1]|\xC2\xA0\x31|\xE2\x81\xA0\x31|<1>|"
+                 "[1]\x01|\xFF\xFE[|\xEF\xBB|\xEF\xBB\xBF|*|@|\"a\"b|\"a\" \"b\"|[\"a\",\n1,\n,")) {
         EXPECT_NE(refusal(text), "") << text;
         EXPECT_FALSE(nlohmann::json::accept(text)) << text;
     }

@@ -1,10 +1,12 @@
 #include <bit>
+#include <cmath>
 #include <gtest/gtest.h>
 #include <iomanip>
 #include <iostream>
 #include <limits>
 #include <locale>
 #include <random>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -93,19 +95,9 @@ TEST(qelPrint, LeavesTheFormatOfRealsToTheStream)
     comma.imbue(std::locale(std::locale::classic(), new Comma));
 
     std::mt19937_64 random(1);
-    std::vector<double> reals = {0.0,
-                                 -0.0,
-                                 0.1,
-                                 1e-5,
-                                 123456.0,
-                                 1234567.0,
-                                 999999.5,
-                                 1e21,
-                                 5e-324,
-                                 1e308,
-                                 std::numeric_limits<double>::infinity(),
-                                 -std::numeric_limits<double>::infinity(),
-                                 std::numeric_limits<double>::quiet_NaN()};
+    constexpr double infinity = std::numeric_limits<double>::infinity();
+    std::vector<double> reals = {0.0,  -0.0,   0.1,   1e-5,     123456.0,  1234567.0,   999999.5,
+                                 1e21, 5e-324, 1e308, infinity, -infinity, std::nan("")};
     for (int i = 0; i < 2000; ++i)
         reals.push_back(std::bit_cast<double>(random()));
     for (const double real : reals)
@@ -137,30 +129,10 @@ TEST(qelPrint, IndentsByTheStep)
 {
     const xrchandle<Pair> pair(new Pair("h", xany(new Person("Ann", 80))));
 
-    EXPECT_EQ(printed(pair), "test::Pair\n"
-                             "{\n"
-                             "  Left : \"h\"\n"
-                             "  Right : test::Person\n"
-                             "  {\n"
-                             "    Name : \"Ann\"\n"
-                             "    Age : 80\n"
-                             "    Height : nil\n"
-                             "    Member : nil\n"
-                             "    Favourite : red\n"
-                             "  }\n"
-                             "}");
-    EXPECT_EQ(printed(pair, 0), "test::Pair\n"
-                                "{\n"
-                                "Left : \"h\"\n"
-                                "Right : test::Person\n"
-                                "{\n"
-                                "Name : \"Ann\"\n"
-                                "Age : 80\n"
-                                "Height : nil\n"
-                                "Member : nil\n"
-                                "Favourite : red\n"
-                                "}\n"
-                                "}");
+    const std::string indented = printed(pair);
+    EXPECT_EQ(indented, "test::Pair\n{\n  Left : \"h\"\n  Right : test::Person\n  {\n    Name : \"Ann\"\n"
+                        "    Age : 80\n    Height : nil\n    Member : nil\n    Favourite : red\n  }\n}");
+    EXPECT_EQ(printed(pair, 0), std::regex_replace(indented, std::regex("\n +"), "\n"));
     EXPECT_EQ(printed(pair, -1), "test::Pair { Left : \"h\" Right : test::Person { Name : \"Ann\" Age : 80 "
                                  "Height : nil Member : nil Favourite : red } }");
     const std::string wide = printed(pair, 300);
@@ -172,39 +144,13 @@ TEST(qelPrint, WritesSequencesDictionariesArraysAndUnions)
     const xrchandle<xintsequence> numbers(xintsequence::create());
     numbers->append(5);
     numbers->append(7);
-    EXPECT_EQ(printed(numbers), "intseq\n"
-                                "[\n"
-                                "  0 : 5\n"
-                                "  1 : 7\n"
-                                "]");
-    EXPECT_EQ(printed(new Table{{"a\"b", 1}, {nullptr, 2}, {"c", xany()}}), "test::Table\n"
-                                                                            "{\n"
-                                                                            "  \"a\"b\" : 1\n"
-                                                                            "  \"c\" : \"<uninit>\"\n"
-                                                                            "}");
-    EXPECT_EQ(printed(new Grid), "test::Grid\n"
-                                 "[\n"
-                                 "  0 : [\n"
-                                 "    0 : 11\n"
-                                 "    1 : 12\n"
-                                 "    2 : 13\n"
-                                 "  ]\n"
-                                 "  1 : [\n"
-                                 "    0 : 21\n"
-                                 "    1 : 22\n"
-                                 "    2 : 23\n"
-                                 "  ]\n"
-                                 "]");
-    EXPECT_EQ(printed(new ColourChoice(red)), "test::ColourChoice\n"
-                                              "{\n"
-                                              "  Colour : red\n"
-                                              "  Heat : 36.6\n"
-                                              "}");
-    EXPECT_EQ(printed(new Choice(9)), "test::Choice\n"
-                                      "{\n"
-                                      "  Kind : 9\n"
-                                      "  Unknown union attribute\n"
-                                      "}");
+    EXPECT_EQ(printed(numbers), "intseq\n[\n  0 : 5\n  1 : 7\n]");
+    EXPECT_EQ(printed(new Table{{"a\"b", 1}, {nullptr, 2}, {"c", xany()}}),
+              "test::Table\n{\n  \"a\"b\" : 1\n  \"c\" : \"<uninit>\"\n}");
+    EXPECT_EQ(printed(new Grid), "test::Grid\n[\n  0 : [\n    0 : 11\n    1 : 12\n    2 : 13\n  ]\n"
+                                 "  1 : [\n    0 : 21\n    1 : 22\n    2 : 23\n  ]\n]");
+    EXPECT_EQ(printed(new ColourChoice(red)), "test::ColourChoice\n{\n  Colour : red\n  Heat : 36.6\n}");
+    EXPECT_EQ(printed(new Choice(9)), "test::Choice\n{\n  Kind : 9\n  Unknown union attribute\n}");
 }
 
 TEST(qelPrint, NamesAnAnonymousTypeAfterItsParents)

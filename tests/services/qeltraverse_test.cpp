@@ -26,22 +26,22 @@ xany anyOf(int tag, auto set)
 TEST(qelTraverse, ReportsValuesByKind)
 {
     EXPECT_EQ(record(xany()), "");
-    EXPECT_EQ(record(xany(nullptr)), "null\n");
-    EXPECT_EQ(record(xany(-5)), "int -5\n");
-    EXPECT_EQ(record(xany(true)), "bool 1\n");
-    EXPECT_EQ(record(xany(0.5)), "real 0.500000\n");
-    EXPECT_EQ(record(xany("a")), "string a\n");
-    EXPECT_EQ(record(xany(blue, qelGetRtti_Colour())), "enum test::Colour 2\n");
+    EXPECT_EQ(record(xany(nullptr)), "null");
+    EXPECT_EQ(record(xany(-5)), "int -5");
+    EXPECT_EQ(record(xany(true)), "bool 1");
+    EXPECT_EQ(record(xany(0.5)), "real 0.500000");
+    EXPECT_EQ(record(xany("a")), "string a");
+    EXPECT_EQ(record(xany(blue, qelGetRtti_Colour())), "enum test::Colour 2");
 }
 
 TEST(qelTraverse, ReportsValuesStoredByCCode)
 {
     const auto setType = [](xrtti* type) { return [=](__xany_c& c) { c.u.enumValue = {1, type}; }; };
-    EXPECT_EQ(record(anyOf(xanyEnum, setType(qelGetRtti_int()))), "error Invalid enum value\n");
-    EXPECT_EQ(record(anyOf(xanyEnum, setType(nullptr))), "error Invalid enum value\n");
+    EXPECT_EQ(record(anyOf(xanyEnum, setType(qelGetRtti_int()))), "error Invalid enum value");
+    EXPECT_EQ(record(anyOf(xanyEnum, setType(nullptr))), "error Invalid enum value");
 
     const auto setObject = [](xobject* p) { return [=](__xany_c& c) { c.u.objectValue = p; }; };
-    EXPECT_EQ(record(anyOf(xanyObject, setObject(nullptr))), "null\n");
+    EXPECT_EQ(record(anyOf(xanyObject, setObject(nullptr))), "null");
     EXPECT_EQ(record(anyOf(xanyObject, setObject(xuninitobj))), "");
 }
 
@@ -49,42 +49,17 @@ TEST(qelTraverse, ReportsValuesStoredByCCode)
 
 TEST(qelTraverse, WalksAttributesInOrder)
 {
-    EXPECT_EQ(record(new Person("Ann", 33)), "structure test::Person\n"
-                                             "  test::Person.Name\n"
-                                             "    string Ann\n"
-                                             "  end test::Person.Name\n"
-                                             "  test::Person.Age\n"
-                                             "    int 33\n"
-                                             "  end test::Person.Age\n"
-                                             "  test::Person.Height\n"
-                                             "    null\n"
-                                             "  end test::Person.Height\n"
-                                             "  test::Person.Member\n"
-                                             "    null\n"
-                                             "  end test::Person.Member\n"
-                                             "  test::Person.Favourite\n"
-                                             "    enum test::Colour 0\n"
-                                             "  end test::Person.Favourite\n"
-                                             "end structure\n");
+    EXPECT_EQ(record(new Person("Ann", 33)),
+              "structure test::Person{test::Person.Name{string Ann} test::Person.Age{int 33} "
+              "test::Person.Height{null} test::Person.Member{null} test::Person.Favourite{enum "
+              "test::Colour 0}}");
     EXPECT_EQ(Person::alive(), 0); // never attached: destroyed with the value
 }
 
 TEST(qelTraverse, WalksASharedBaseOnceAndBasesFirst)
 {
-    EXPECT_EQ(record(new Duck), "structure test::Duck\n"
-                                "  test::Being.Id\n"
-                                "    int 1\n"
-                                "  end test::Being.Id\n"
-                                "  test::Swimmer.Depth\n"
-                                "    int 2\n"
-                                "  end test::Swimmer.Depth\n"
-                                "  test::Flyer.Height\n"
-                                "    int 3\n"
-                                "  end test::Flyer.Height\n"
-                                "  test::Duck.Call\n"
-                                "    string quack\n"
-                                "  end test::Duck.Call\n"
-                                "end structure\n");
+    EXPECT_EQ(record(new Duck), "structure test::Duck{test::Being.Id{int 1} test::Swimmer.Depth{int 2} "
+                                "test::Flyer.Height{int 3} test::Duck.Call{string quack}}");
 }
 
 TEST(qelTraverse, WalksALatticeOfBasesInLinearTime)
@@ -116,44 +91,24 @@ TEST(qelTraverse, StopsAtCyclesAndAtAnObjectInItself)
 {
     const xrchandle<Pair> pair(new Pair(1));
     pair->right = xany(pair);
-    EXPECT_EQ(record(pair), "structure test::Pair\n"
-                            "  test::Pair.Left\n"
-                            "    int 1\n"
-                            "  end test::Pair.Left\n"
-                            "  test::Pair.Right\n"
-                            "    already test::Pair\n"
-                            "  end test::Pair.Right\n"
-                            "end structure\n");
+    EXPECT_EQ(record(pair),
+              "structure test::Pair{test::Pair.Left{int 1} test::Pair.Right{already test::Pair}}");
 
     Loose loose;
     pair->right = xany(new List{xany(&loose), xany(pair)});
     const std::string through = record(pair, "structure test::Loose");
-    EXPECT_NE(through.find("\n      1\n        already test::Pair\n      end 1\n    end sequence\n"),
-              std::string::npos)
-        << through;
+    EXPECT_NE(through.find("1{already test::Pair}}"), std::string::npos) << through;
     EXPECT_EQ(xrcgetcount(pair.get()), 2);
     pair->right = xany();
 }
 
 TEST(qelTraverse, WalksAnObjectReachedTwiceWithoutACycleAgain)
 {
-    const std::string once = "    structure test::Pair\n"
-                             "      test::Pair.Left\n"
-                             "        int 1\n"
-                             "      end test::Pair.Left\n"
-                             "      test::Pair.Right\n" // uninit: nothing between
-                             "      end test::Pair.Right\n"
-                             "    end structure\n";
+    const std::string once = "structure test::Pair{test::Pair.Left{int 1} test::Pair.Right{}}";
     const xrchandle<Pair> shared(new Pair(1));
 
-    EXPECT_EQ(record(new Pair(shared, shared)), "structure test::Pair\n"
-                                                "  test::Pair.Left\n" +
-                                                    once +
-                                                    "  end test::Pair.Left\n"
-                                                    "  test::Pair.Right\n" +
-                                                    once +
-                                                    "  end test::Pair.Right\n"
-                                                    "end structure\n");
+    EXPECT_EQ(record(new Pair(shared, shared)),
+              "structure test::Pair{test::Pair.Left{" + once + "} test::Pair.Right{" + once + "}}");
     EXPECT_EQ(xrcgetcount(shared.get()), 1);
 }
 
@@ -162,24 +117,8 @@ TEST(qelTraverse, WalksAnObjectReachedTwiceWithoutACycleAgain)
 TEST(qelTraverse, WalksSequencesInsideSequences)
 {
     EXPECT_EQ(record(new List{xany("a"), xany(), xany(new List{xany(2)}), xany(new List)}),
-              "sequence test::List\n"
-              "  0\n"
-              "    string a\n"
-              "  end 0\n"
-              "  1\n"
-              "  end 1\n"
-              "  2\n"
-              "    sequence test::List\n"
-              "      0\n"
-              "        int 2\n"
-              "      end 0\n"
-              "    end sequence\n"
-              "  end 2\n"
-              "  3\n"
-              "    sequence test::List\n"
-              "    end sequence\n"
-              "  end 3\n"
-              "end sequence\n");
+              "sequence test::List{0{string a} 1{} 2{sequence test::List{0{int 2}}} 3{sequence "
+              "test::List{}}}");
     EXPECT_EQ(List::alive(), 0);
 }
 
@@ -188,45 +127,15 @@ TEST(qelTraverse, SkipsEmptySlotsOfADictionaryAndNamesMissingValues)
     Loose loose;
     EXPECT_EQ(record(new Table{{nullptr, 1}, {"b", 2}, {nullptr, 3}, {"d", xany()}, {"e", &loose}},
                      "structure test::Loose"),
-              "dictionary test::Table\n"
-              "  key b\n"
-              "    int 2\n"
-              "  end key b\n"
-              "  key d\n"
-              "    string <uninit>\n"
-              "  end key d\n"
-              "  key e\n"
-              "    structure test::Loose\n"
-              "  end key e\n"
-              "end dictionary\n");
+              "dictionary test::Table{key b{int 2} key d{string <uninit>} key e{structure test::Loose}}");
 }
 
 TEST(qelTraverse, WalksAnArrayWithALiveIndex)
 {
-    EXPECT_EQ(record(new Grid), "array test::Grid\n"
-                                "  dimension 0 0,0\n"
-                                "    element 0,0\n"
-                                "      int 11\n"
-                                "    end element 0,0\n"
-                                "    element 0,1\n"
-                                "      int 12\n"
-                                "    end element 0,1\n"
-                                "    element 0,2\n"
-                                "      int 13\n"
-                                "    end element 0,2\n"
-                                "  end dimension 0 0,2\n"
-                                "  dimension 0 1,2\n"
-                                "    element 1,0\n"
-                                "      int 21\n"
-                                "    end element 1,0\n"
-                                "    element 1,1\n"
-                                "      int 22\n"
-                                "    end element 1,1\n"
-                                "    element 1,2\n"
-                                "      int 23\n"
-                                "    end element 1,2\n"
-                                "  end dimension 0 1,2\n"
-                                "end array\n");
+    EXPECT_EQ(record(new Grid),
+              "array test::Grid{dimension 0 0,0{element 0,0{int 11} element 0,1{int 12} element "
+              "0,2{int 13}} at dimension 0 0,2 dimension 0 1,2{element 1,0{int 21} element 1,1{int 22} "
+              "element 1,2{int 23}}}");
 }
 
 TEST(qelTraverse, WalksArraysOfObjectsAndOfAnyNumberOfDimensions)
@@ -236,28 +145,11 @@ TEST(qelTraverse, WalksArraysOfObjectsAndOfAnyNumberOfDimensions)
     xrttiarray cubeType;
     cubeType.initialize("test::Cube", 0, 3, extents, Pair::getClassRtti(), 0, pairOf);
     Described cube(&cubeType);
-    EXPECT_EQ(record(&cube, "structure test::Pair"), "array test::Cube\n"
-                                                     "  dimension 0 0,0,0\n"
-                                                     "    dimension 1 0,0,0\n"
-                                                     "      element 0,0,0\n"
-                                                     "        structure test::Pair\n"
-                                                     "      end element 0,0,0\n"
-                                                     "      element 0,0,1\n"
-                                                     "        structure test::Pair\n"
-                                                     "      end element 0,0,1\n"
-                                                     "    end dimension 1 0,0,1\n"
-                                                     "  end dimension 0 0,0,1\n"
-                                                     "  dimension 0 1,0,1\n"
-                                                     "    dimension 1 1,0,1\n"
-                                                     "      element 1,0,0\n"
-                                                     "        structure test::Pair\n"
-                                                     "      end element 1,0,0\n"
-                                                     "      element 1,0,1\n"
-                                                     "        structure test::Pair\n"
-                                                     "      end element 1,0,1\n"
-                                                     "    end dimension 1 1,0,1\n"
-                                                     "  end dimension 0 1,0,1\n"
-                                                     "end array\n");
+    EXPECT_EQ(record(&cube, "structure test::Pair"),
+              "array test::Cube{dimension 0 0,0,0{dimension 1 0,0,0{element 0,0,0{structure "
+              "test::Pair} element 0,0,1{structure test::Pair}} at dimension 1 0,0,1} at dimension 0 "
+              "0,0,1 dimension 0 1,0,1{dimension 1 1,0,1{element 1,0,0{structure test::Pair} element "
+              "1,0,1{structure test::Pair}}}}");
     Counter counter;
     qelTraverse(&cube, &counter);
     EXPECT_EQ(counter.objects, 5);
@@ -267,7 +159,7 @@ TEST(qelTraverse, WalksArraysOfObjectsAndOfAnyNumberOfDimensions)
     xrttiarray pointType;
     pointType.initialize("test::Point", 0, 0, nullptr, Pair::getClassRtti(), 0, pairOf);
     Described point(&pointType);
-    EXPECT_EQ(record(&point), "array test::Point\nend array\n");
+    EXPECT_EQ(record(&point), "array test::Point{}");
 }
 
 TEST(qelTraverse, AnnouncesAPlainObjectAndWalksItsBasesByTheirKind)
@@ -280,69 +172,35 @@ TEST(qelTraverse, AnnouncesAPlainObjectAndWalksItsBasesByTheirKind)
     plain.initialize("test::Plain", 0, 1, parents);
     Described object(&plain);
 
-    EXPECT_EQ(record(&object), "object test::Plain\n"
-                               "  element 0\n"
-                               "    int 4\n"
-                               "  end element 0\n"
-                               "end object\n");
+    EXPECT_EQ(record(&object), "object test::Plain{element 0{int 4}}");
 }
 
 // ---- unions
 
 TEST(qelTraverse, WalksTheMemberThatTheDiscriminatorSelects)
 {
-    EXPECT_EQ(record(new Choice(2)), "union test::Choice\n"
-                                     "  discriminator test::Choice.Kind\n"
-                                     "    int 2\n"
-                                     "  end discriminator test::Choice.Kind\n"
-                                     "  member test::Choice.Text\n"
-                                     "    string seven\n"
-                                     "  end member test::Choice.Text\n"
-                                     "end union\n");
-    EXPECT_EQ(record(new Choice(9)), "union test::Choice\n"
-                                     "  discriminator test::Choice.Kind\n"
-                                     "    int 9\n"
-                                     "  end discriminator test::Choice.Kind\n"
-                                     "  member test::Choice.none\n"
-                                     "  end member test::Choice.none\n"
-                                     "end union\n");
-    EXPECT_EQ(record(new ColourChoice(blue)), "union test::ColourChoice\n"
-                                              "  discriminator test::ColourChoice.Colour\n"
-                                              "    enum test::Colour 2\n"
-                                              "  end discriminator test::ColourChoice.Colour\n"
-                                              "  member test::ColourChoice.Rest\n"
-                                              "    null\n"
-                                              "  end member test::ColourChoice.Rest\n"
-                                              "end union\n");
+    EXPECT_EQ(record(new Choice(2)), "union test::Choice{discriminator test::Choice.Kind{int 2} member "
+                                     "test::Choice.Text{string seven}}");
+    EXPECT_EQ(record(new Choice(9)),
+              "union test::Choice{discriminator test::Choice.Kind{int 9} member test::Choice.none{}}");
+    EXPECT_EQ(record(new ColourChoice(blue)),
+              "union test::ColourChoice{discriminator test::ColourChoice.Colour{enum test::Colour 2} "
+              "member test::ColourChoice.Rest{null}}");
     EXPECT_EQ(record(new ColourChoice(red), "discriminator test::ColourChoice.Colour"),
-              "union test::ColourChoice\n"
-              "  discriminator test::ColourChoice.Colour\n"
-              "  member test::ColourChoice.Heat\n"
-              "    real 36.600000\n"
-              "  end member test::ColourChoice.Heat\n"
-              "end union\n");
+              "union test::ColourChoice{discriminator test::ColourChoice.Colour member "
+              "test::ColourChoice.Heat{real 36.600000}}");
 }
 
 TEST(qelTraverse, WalksADerivedUnionWithTheMembersOfBoth)
 {
     // A label without a member of its own uses the parent's member.
-    EXPECT_EQ(record(new WiderChoice(1)), "union test::WiderChoice\n"
-                                          "  discriminator test::Choice.Kind\n"
-                                          "    int 1\n"
-                                          "  end discriminator test::Choice.Kind\n"
-                                          "  member test::Choice.Number\n"
-                                          "    int 7\n"
-                                          "  end member test::Choice.Number\n"
-                                          "  discriminator test::WiderChoice.Kind\n"
-                                          "    int 1\n"
-                                          "  end discriminator test::WiderChoice.Kind\n"
-                                          "  member test::WiderChoice.Number\n"
-                                          "    int 7\n"
-                                          "  end member test::WiderChoice.Number\n"
-                                          "end union\n");
+    EXPECT_EQ(record(new WiderChoice(1)),
+              "union test::WiderChoice{discriminator test::Choice.Kind{int 1} member "
+              "test::Choice.Number{int 7} discriminator test::WiderChoice.Kind{int 1} member "
+              "test::WiderChoice.Number{int 7}}");
     const std::string own = record(new WiderChoice(3));
-    EXPECT_NE(own.find("  member test::Choice.none\n"), std::string::npos) << own;
-    EXPECT_NE(own.find("  member test::WiderChoice.More\n    string more\n"), std::string::npos) << own;
+    EXPECT_NE(own.find("member test::Choice.none{}"), std::string::npos) << own;
+    EXPECT_NE(own.find("member test::WiderChoice.More{string more}"), std::string::npos) << own;
 }
 
 TEST(qelTraverse, ReportsAUnionWithAParentOfAnotherKind)
@@ -353,55 +211,29 @@ TEST(qelTraverse, ReportsAUnionWithAParentOfAnotherKind)
     type.initialize("test::Odd", 0, 1, parents, &discriminator, 0, nullptr, nullptr, nullptr);
     Described odd(&type);
 
-    EXPECT_EQ(record(&odd, "test::Being.Id"), "union test::Odd\n"
-                                              "  test::Being.Id\n"
-                                              "  discriminator test::Odd.D\n"
-                                              "    int 4\n"
-                                              "  end discriminator test::Odd.D\n"
-                                              "  error QEL exception qellib::XTypeMismatch\n"
-                                              "  member test::Odd.none\n"
-                                              "  end member test::Odd.none\n"
-                                              "end union\n");
+    EXPECT_EQ(record(&odd, "test::Being.Id"),
+              "union test::Odd{test::Being.Id discriminator test::Odd.D{int 4} error QEL exception "
+              "qellib::XTypeMismatch member test::Odd.none{}}");
 }
 
 // ---- failures
 
 TEST(qelTraverse, ReportsAnExceptionOfAReadAndContinues)
 {
-    EXPECT_EQ(record(new Faulty), "structure test::Faulty\n"
-                                  "  test::Faulty.Own\n"
-                                  "    error QEL exception qellib::XNull\n"
-                                  "  end test::Faulty.Own\n"
-                                  "  test::Faulty.Loose\n"
-                                  "    error QEL exception test::LooseError\n"
-                                  "  end test::Faulty.Loose\n"
-                                  "  test::Faulty.Foreign\n"
-                                  "    error Unknown exception\n"
-                                  "  end test::Faulty.Foreign\n"
-                                  "  test::Faulty.Number\n"
-                                  "    error Unknown exception\n"
-                                  "  end test::Faulty.Number\n"
-                                  "  test::Faulty.Good\n"
-                                  "    int 1\n"
-                                  "  end test::Faulty.Good\n"
-                                  "end structure\n");
+    EXPECT_EQ(record(new Faulty),
+              "structure test::Faulty{test::Faulty.Own{error QEL exception qellib::XNull} "
+              "test::Faulty.Loose{error QEL exception test::LooseError} test::Faulty.Foreign{error "
+              "Unknown exception} test::Faulty.Number{error Unknown exception} test::Faulty.Good{int "
+              "1}}");
     EXPECT_EQ(LooseError::alive(), 0);
 }
 
 TEST(qelTraverse, ReportsADictionaryWithUnreadableSizeKeyOrValue)
 {
-    EXPECT_EQ(record(new FaultyTable(true)), "dictionary test::FaultyTable\n"
-                                             "  error QEL exception qellib::XNegativeIndex\n"
-                                             "  key \n"
-                                             "    int 0\n"
-                                             "  end key \n"
-                                             "  key half\n"
-                                             "    error QEL exception qellib::XNegativeIndex\n"
-                                             "  end key half\n"
-                                             "end dictionary\n");
-    EXPECT_EQ(record(new FaultyTable(false)), "dictionary test::FaultyTable\n"
-                                              "  error Unknown exception\n"
-                                              "end dictionary\n");
+    EXPECT_EQ(record(new FaultyTable(true)),
+              "dictionary test::FaultyTable{error QEL exception qellib::XNegativeIndex key {int 0} key "
+              "half{error QEL exception qellib::XNegativeIndex}}");
+    EXPECT_EQ(record(new FaultyTable(false)), "dictionary test::FaultyTable{error Unknown exception}");
 }
 
 TEST(qelTraverse, VisitorMayKeepAReportedException)
@@ -428,41 +260,20 @@ TEST(qelTraverse, VisitorMayKeepAReportedException)
 TEST(qelTraverse, SkipsPartsThatTheVisitorRefuses)
 {
     Loose loose;
-    EXPECT_EQ(record(&loose, "structure test::Loose"), "structure test::Loose\n");
-    EXPECT_EQ(record(new List{xany(1)}, "sequence test::List"), "sequence test::List\n");
-    EXPECT_EQ(record(new Table{}, "dictionary test::Table"), "dictionary test::Table\n");
-    EXPECT_EQ(record(new Grid, "array test::Grid"), "array test::Grid\n");
-    EXPECT_EQ(record(new Choice, "union test::Choice"), "union test::Choice\n");
+    EXPECT_EQ(record(&loose, "structure test::Loose"), "structure test::Loose");
+    EXPECT_EQ(record(new List{xany(1)}, "sequence test::List"), "sequence test::List");
+    EXPECT_EQ(record(new Table{}, "dictionary test::Table"), "dictionary test::Table");
+    EXPECT_EQ(record(new Grid, "array test::Grid"), "array test::Grid");
+    EXPECT_EQ(record(new Choice, "union test::Choice"), "union test::Choice");
 
-    EXPECT_EQ(record(new List{xany(1), xany(2)}, "0"), "sequence test::List\n"
-                                                       "  0\n"
-                                                       "  1\n"
-                                                       "    int 2\n"
-                                                       "  end 1\n"
-                                                       "end sequence\n");
-    EXPECT_EQ(record(new Table{{"a", 1}, {"b", 2}}, "key a"), "dictionary test::Table\n"
-                                                              "  key a\n"
-                                                              "  key b\n"
-                                                              "    int 2\n"
-                                                              "  end key b\n"
-                                                              "end dictionary\n");
-    EXPECT_EQ(record(new Pair(1, 2), "test::Pair.Left"), "structure test::Pair\n"
-                                                         "  test::Pair.Left\n"
-                                                         "  test::Pair.Right\n"
-                                                         "    int 2\n"
-                                                         "  end test::Pair.Right\n"
-                                                         "end structure\n");
-    EXPECT_EQ(record(new Choice(1), "member test::Choice.Number"), "union test::Choice\n"
-                                                                   "  discriminator test::Choice.Kind\n"
-                                                                   "    int 1\n"
-                                                                   "  end discriminator test::Choice.Kind\n"
-                                                                   "  member test::Choice.Number\n"
-                                                                   "end union\n");
+    EXPECT_EQ(record(new List{xany(1), xany(2)}, "0"), "sequence test::List{0 1{int 2}}");
+    EXPECT_EQ(record(new Table{{"a", 1}, {"b", 2}}, "key a"), "dictionary test::Table{key a key b{int 2}}");
+    EXPECT_EQ(record(new Pair(1, 2), "test::Pair.Left"),
+              "structure test::Pair{test::Pair.Left test::Pair.Right{int 2}}");
+    EXPECT_EQ(record(new Choice(1), "member test::Choice.Number"),
+              "union test::Choice{discriminator test::Choice.Kind{int 1} member test::Choice.Number}");
     const std::string grid = record(new Grid, "dimension 0 0,0");
-    EXPECT_EQ(grid.substr(0, grid.find("element")), "array test::Grid\n"
-                                                    "  dimension 0 0,0\n"
-                                                    "  dimension 0 1,0\n"
-                                                    "    ");
+    EXPECT_EQ(grid.substr(0, grid.find("element")), "array test::Grid{dimension 0 0,0 dimension 0 1,0{");
     EXPECT_EQ(record(new Grid, "element 0,1").find("int 12"), std::string::npos);
 }
 

@@ -21,8 +21,9 @@ struct Stop
 {
 };
 
-/// Writes a line for each call, indented by the parts that are open. The part whose line is `refused` is not
-/// entered; the call whose line is `stopAt` throws.
+/// Writes a word or two for each call; what lies in a part stands in its braces, behind which follows "at" and
+/// the end's own words if they are not those of the beginning. The part `refused` is not entered; the call
+/// `stopAt` throws.
 class Recorder : public qelTraverser
 {
 public:
@@ -163,7 +164,7 @@ private:
 
     void note(const std::string& line)
     {
-        lines += std::string(2 * depth, ' ') + line + "\n";
+        lines += (lines.empty() || lines.back() == '{' ? "" : " ") + line;
         if (line == stopAt)
             throw Stop();
     }
@@ -173,20 +174,26 @@ private:
         note(line);
         if (line == refused)
             return false;
-        ++depth;
+        lines += '{';
+        parts.push_back(line);
         return true;
     }
     void endPart(const std::string& line, const xrcunihandle<xobject>& obj)
     {
         EXPECT_EQ(obj.get(), open.back());
-        --depth;
-        note("end " + line);
+        const bool isSame = parts.back() == line;
+        parts.pop_back();
+        lines += isSame ? "}" : "} at " + line;
+        if ("end " + line == stopAt)
+            throw Stop();
     }
     bool begin(const std::string& shape, xrttiobject* type, const xrcunihandle<xobject>& obj)
     {
         open.push_back(obj.get());
         const bool entered = beginPart(shape + " " + textOf(type->getName()), obj);
-        if (!entered)
+        if (entered)
+            parts.back() = shape;
+        else
             open.pop_back();
         return entered;
     }
@@ -196,7 +203,7 @@ private:
         open.pop_back();
     }
 
-    std::size_t depth = 0;
+    std::vector<std::string> parts;
     std::vector<xobject*> open;
     xintsequence* indexSeen = nullptr;
     std::size_t indexDepth = 0;

@@ -64,53 +64,40 @@ inline std::vector<long> turns(long allocations)
     return chosen;
 }
 
-struct Piece
+/// Runs `work` with each of its chosen allocations failing.
+inline void run(void (*work)())
 {
-    const char* name;
-    void (*work)();
-};
-
-inline std::string nameOf(const testing::TestParamInfo<Piece>& info)
-{
-    return info.param.name;
+    for (int i = 0; i < 2; ++i) // creates the objects that are created once and kept
+        ASSERT_EQ(attempt(work), worked);
+    if (testing::Test::HasFailure())
+        return;
+    const long allocations = allocationsOf(work);
+    if (allocations == 0 && !failing::ofMalloc)
+        GTEST_SKIP() << "all its memory comes from malloc";
+    ASSERT_GT(allocations, 0);
+    for (const bool ever : {false, true})
+        for (const long after : turns(allocations)) {
+            SCOPED_TRACE("with allocation " + std::to_string(after) + (ever ? " and all behind" : "") +
+                         " failing");
+            const long descriptors = openDescriptors();
+            const long before = failing::live;
+            {
+                const failing::Failing failure(after, ever);
+                attempt(work);
+            }
+            ASSERT_EQ(failing::live, before) << "blocks of memory";
+            ASSERT_EQ(openDescriptors(), descriptors) << "descriptors";
+            ASSERT_EQ(attempt(work), worked) << "the next time";
+        }
 }
 
 } // namespace torture
 
-class Torture : public testing::TestWithParam<torture::Piece>
-{
-protected:
-    void run()
-    {
-        using namespace torture;
-        const auto work = GetParam().work;
-        for (int i = 0; i < 2; ++i) // creates the objects that are created once and kept
-            ASSERT_EQ(attempt(work), worked);
-        if (HasFailure())
-            return;
-        const long allocations = allocationsOf(work);
-        if (allocations == 0 && !failing::ofMalloc)
-            GTEST_SKIP() << "all its memory comes from malloc";
-        ASSERT_GT(allocations, 0);
-        for (const bool ever : {false, true}) {
-            for (const long after : turns(allocations)) {
-                SCOPED_TRACE("with allocation " + std::to_string(after) + (ever ? " and all behind" : "") +
-                             " failing");
-                const long descriptors = openDescriptors();
-                const long before = failing::live;
-                {
-                    const failing::Failing failure(after, ever);
-                    attempt(work);
-                }
-                ASSERT_EQ(failing::live, before) << "blocks of memory";
-                ASSERT_EQ(openDescriptors(), descriptors) << "descriptors";
-                ASSERT_EQ(attempt(work), worked) << "the next time";
-            }
-        }
-    }
-};
-
-TEST_P(Torture, LosesNothing)
-{
-    run();
-}
+/// A test that runs the operation whose body follows; see torture::run.
+#define TORTURE(name_)                  \
+    void tortured##name_();             \
+    TEST(Torture, name_)                \
+    {                                   \
+        torture::run(&tortured##name_); \
+    }                                   \
+    void tortured##name_()

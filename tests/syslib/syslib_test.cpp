@@ -18,13 +18,9 @@
 #include "support/environment.h"
 #include "support/longrun.h"
 #include "support/tempdir.h"
+#include "support/texts.h"
 
 namespace {
-
-std::string textOf(const xstring& text)
-{
-    return text == nullptr ? "(null)" : text.CastToCString();
-}
 
 } // namespace
 

@@ -15,6 +15,7 @@
 #include <qel/tmtime.h>
 
 #include "support/environment.h"
+#include "support/texts.h"
 #include "support/thrown.h"
 
 namespace {
@@ -162,32 +163,12 @@ TEST_F(Time, FollowsChangeOfTimeZone)
 
 TEST_F(Time, RefusesEverythingElse)
 {
-    for (const char* none : {"",
-                             " ",
-                             "0/5/2004",
-                             "5/0/2004",
-                             "10:30",
-                             "1/2/2004 10",
-                             "1/2/2004x",
-                             "1/2/2004 10:",
-                             "1/",
-                             "1/2/",
-                             "1",
-                             "1 2",
-                             "/1/2",
-                             "1/2/3/4",
-                             "1/2/2004 10:20:30:40",
-                             "1/2/2004 10:20 5",
-                             "-1/2/2004",
-                             "1/2/2004 -1:00",
-                             "1/2/2004 10:20:30 pm",
-                             "a",
-                             "1/2/99999999999999999999",
-                             "1/2/9223372036854775807",
-                             "2147483649/1/2004",
-                             "1/2/2147483648",
-                             "\xFF"})
-        EXPECT_EQ(read(none), "refused") << none;
+    for (const std::string& none :
+         textsOf("| |0/5/2004|5/0/2004|10:30|1/2/2004 10|1/2/2004x|1/2/2004 10:|1/|1/2/|1|1 2|/1/2|"
+                 "1/2/3/4|1/2/2004 10:20:30:40|1/2/2004 10:20 5|-1/2/2004|1/2/2004 -1:00|"
+                 "1/2/2004 10:20:30 pm|a|1/2/99999999999999999999|1/2/9223372036854775807|"
+                 "2147483649/1/2004|1/2/2147483648|\xFF"))
+        EXPECT_EQ(read(none.c_str()), "refused") << none;
     long time;
     EXPECT_FALSE(tmString2Time(nullptr, &time));
     EXPECT_FALSE(tmString2Time(xnullstr, &time));

@@ -73,7 +73,7 @@ public:
 
 // ---- strings
 
-void bothForms()
+TORTURE(BothForms)
 {
     const xstring text("a text with an \xC3\xA4 in it");
     text.CastToCWString();
@@ -81,7 +81,7 @@ void bothForms()
     EXPECT_TRUE(wide == text);
 }
 
-void appending()
+TORTURE(Appending)
 {
     xstring text("begin");
     const xstring shared(text);
@@ -91,7 +91,7 @@ void appending()
     EXPECT_TRUE(shared == "begin");
 }
 
-void replacing()
+TORTURE(Replacing)
 {
     xstring text("one two one two one two");
     text.Substitute("two", "a much longer word than that", 0, -1);
@@ -99,12 +99,12 @@ void replacing()
     EXPECT_TRUE(text.GetWord(3, " ") == "longer");
 }
 
-void formatting()
+TORTURE(Formatting)
 {
     EXPECT_TRUE(xstring::Printf("%d and %s", 17, "text") == "17 and text");
 }
 
-void matching()
+TORTURE(Matching)
 {
     const xstring text("a text with several words");
     EXPECT_TRUE(text.Match("*w?th*w?rds"));
@@ -114,7 +114,7 @@ void matching()
 
 // ---- variants and collections
 
-void variants()
+TORTURE(Variants)
 {
     xany value(longText);
     xany copy(value);
@@ -126,7 +126,7 @@ void variants()
     EXPECT_FALSE(text == nullptr);
 }
 
-void numbersInASequence()
+TORTURE(NumbersInASequence)
 {
     const xrchandle<xintsequence> numbers(xintsequence::create());
     for (int i = 0; i < 5000; ++i)
@@ -137,7 +137,7 @@ void numbersInASequence()
     EXPECT_EQ(numbers->getarraysize(), 6001 * 2 - 8995);
 }
 
-void valuesInASequence()
+TORTURE(ValuesInASequence)
 {
     const xrchandle<xanysequence> values = someValues();
     values->insertseq(3, values.get());
@@ -146,7 +146,7 @@ void valuesInASequence()
     EXPECT_EQ(values->getarraysize(), 94);
 }
 
-void stringsInADictionary()
+TORTURE(StringsInADictionary)
 {
     const xrchandle<xstringdictionary> dictionary(xstringdictionary::create());
     for (int i = 0; i < 70; ++i)
@@ -157,7 +157,7 @@ void stringsInADictionary()
     dictionary->clearall();
 }
 
-void valuesInADictionary()
+TORTURE(ValuesInADictionary)
 {
     const xrchandle<xanydictionary> dictionary(xanydictionary::create());
     for (int i = 0; i < 200; ++i)
@@ -171,14 +171,14 @@ void valuesInADictionary()
 
 // ---- types
 
-void attributesOfAClass()
+TORTURE(AttributesOfAClass)
 {
     const std::unique_ptr<xrttiattrseq, qelDelete> attrs(
         qelRttiCollectAttrs(xrttistruct::cast(Node::getClassRtti()), 1));
     EXPECT_EQ(attrs->getarraysize(), 2);
 }
 
-void readingAttributes()
+TORTURE(ReadingAttributes)
 {
     const xrchandle<Node> node = someNodes();
     xrttistruct* const type = xrttistruct::cast(Node::getClassRtti());
@@ -186,7 +186,7 @@ void readingAttributes()
     EXPECT_EQ(type->findAttr("Next", 1)->getValue(node.get()).getKind(), xanyObject);
 }
 
-void dataOfAType()
+TORTURE(DataOfAType)
 {
     static int data;
     xrttiobject type; // without a name, its user data are not shared with a registered one
@@ -201,7 +201,7 @@ void dataOfAType()
     EXPECT_EQ(qelRttiGetUserData(&type, keys.back().c_str()), &data);
 }
 
-void elementOfAnArray()
+TORTURE(ElementOfAnArray)
 {
     constexpr int rank = 12;
     static int extents[rank] = {12, 12, 12, 12, 12, 12, 12, 12, 12, 12, 12, 12};
@@ -216,7 +216,7 @@ void elementOfAnArray()
 
 // ---- objects and exceptions
 
-void chainOfOwners()
+TORTURE(ChainOfOwners)
 {
     xrchandle<Node> first;
     for (int i = 0; i < 300; ++i) { // deep enough that nested deletions are deferred
@@ -232,12 +232,12 @@ void throwing(Throw raise)
     describeThrown(raise, [](xthrowable*) { return 0; });
 }
 
-void mismatch()
+TORTURE(Mismatch)
 {
     throwing([] { Node::cast(xrchandle<xintsequence>(xintsequence::create()).get()); });
 }
 
-void badIndices()
+TORTURE(BadIndices)
 {
     throwing([] { someValues()->get(100); });
     throwing([] { someValues()->get(-1); });
@@ -247,12 +247,12 @@ void badIndices()
     });
 }
 
-void fault()
+TORTURE(Fault)
 {
     throwing([] { qelXSoapFault::Throw("a code", longText, xany(someNodes().get())); });
 }
 
-void listening()
+TORTURE(Listening)
 {
     static Listener listener;
     struct Listening
@@ -267,7 +267,7 @@ void listening()
 
 // ---- walks
 
-void rebuilding()
+TORTURE(Rebuilding)
 {
     qelS11nContext context;
     context.setUserData("name", xany(longText));
@@ -279,7 +279,7 @@ void rebuilding()
     EXPECT_TRUE(node->getName() == longText);
 }
 
-void printing()
+TORTURE(Printing)
 {
     const xrchandle<xanysequence> values = someValues();
     values->append(xany(someNodes().get()));
@@ -287,7 +287,7 @@ void printing()
     qelPrint(xany(values.get()), out, 2);
 }
 
-void walking()
+TORTURE(Walking)
 {
     const xrchandle<xanysequence> values = someValues();
     values->append(xany(someNodes().get()));
@@ -298,7 +298,7 @@ void walking()
 
 // ---- the C interface
 
-void sequencesFromC()
+TORTURE(SequencesFromC)
 {
     xstringsequence* const made = xstringsequence_create();
     torture::need(qelIsObject(made));
@@ -313,7 +313,7 @@ void sequencesFromC()
     xcleanupexc_c();
 }
 
-void dictionariesFromC()
+TORTURE(DictionariesFromC)
 {
     xstringdictionary* const made = xstringdictionary_create();
     torture::need(qelIsObject(made));
@@ -327,33 +327,6 @@ void dictionariesFromC()
     xstrunlock_c(xgettypename_c(made));
     xstrunlock_c(xstrcreate_c(longText));
 }
-
-constexpr torture::Piece pieces[] = {
-    {"BothForms", bothForms},
-    {"Appending", appending},
-    {"Replacing", replacing},
-    {"Formatting", formatting},
-    {"Matching", matching},
-    {"Variants", variants},
-    {"NumbersInASequence", numbersInASequence},
-    {"ValuesInASequence", valuesInASequence},
-    {"StringsInADictionary", stringsInADictionary},
-    {"ValuesInADictionary", valuesInADictionary},
-    {"AttributesOfAClass", attributesOfAClass},
-    {"ReadingAttributes", readingAttributes},
-    {"DataOfAType", dataOfAType},
-    {"ElementOfAnArray", elementOfAnArray},
-    {"ChainOfOwners", chainOfOwners},
-    {"Mismatch", mismatch},
-    {"BadIndices", badIndices},
-    {"Fault", fault},
-    {"Listening", listening},
-    {"Rebuilding", rebuilding},
-    {"Printing", printing},
-    {"Walking", walking},
-    {"SequencesFromC", sequencesFromC},
-    {"DictionariesFromC", dictionariesFromC},
-};
 
 /// A class that is unknown before its descriptor is requested.
 template<int n>
@@ -395,8 +368,6 @@ void describeLate(bool ever)
 }
 
 } // namespace
-
-INSTANTIATE_TEST_SUITE_P(OfMemory, Torture, testing::ValuesIn(pieces), torture::nameOf);
 
 TEST(OutOfMemory, StringThatCannotGrowIsUnchanged)
 {

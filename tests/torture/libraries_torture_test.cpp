@@ -63,16 +63,30 @@ void takeBack(ioStream& stream)
 
 // ---- streams
 
-template<ioSerializer* (*form)()>
-void memoryStream()
+void passThroughMemory(ioSerializer* form)
 {
     const Owned<ioStringStream> stream(ioStringStream::Create(xnullstr));
-    stream->setSerializer(form());
+    stream->setSerializer(form);
     carry(*stream);
     takeBack(*stream);
 }
 
-void longString()
+TORTURE(TextStream)
+{
+    passThroughMemory(ioSerializer::getAscii());
+}
+
+TORTURE(BinaryStream)
+{
+    passThroughMemory(ioSerializer::getBinary());
+}
+
+TORTURE(NetworkStream)
+{
+    passThroughMemory(ioSerializer::getXDR());
+}
+
+TORTURE(LongString)
 {
     const std::string text(200000, 'x');
     const Owned<ioStringStream> stream(ioStringStream::Create(xnullstr));
@@ -82,7 +96,7 @@ void longString()
     EXPECT_EQ(stream->ReadString(nullptr).GetLength(), 200000);
 }
 
-void failure()
+TORTURE(Failure)
 {
     const Owned<ioStringStream> stream(ioStringStream::Create("17"));
     stream->ReadInt();
@@ -97,7 +111,7 @@ void failure()
     }
 }
 
-void fileStream()
+TORTURE(FileStream)
 {
     const TestPath path = folder().path("values");
     const Owned<ioFileStream> written(ioFileStream::Open(path, ioWriteOnly));
@@ -112,7 +126,7 @@ void fileStream()
     takeBack(*read);
 }
 
-void copiedStream()
+TORTURE(CopiedStream)
 {
     const Owned<ioStringStream> from(ioStringStream::Create(longText));
     const Owned<ioStringStream> to(ioStringStream::Create(xnullstr));
@@ -120,7 +134,7 @@ void copiedStream()
     EXPECT_TRUE(to->getStr() == longText);
 }
 
-void pipes()
+TORTURE(Pipes)
 {
     const Owned<ioPipe> pipe(ioPipe::Create());
     need(pipe != nullptr);
@@ -137,7 +151,7 @@ void pipes()
 
 // ---- files
 
-void copiedTree()
+TORTURE(CopiedTree)
 {
     const TempDir& dir = folder();
     for (const char* name : {"tree", "copy", "moved"}) // of an attempt that ended early
@@ -155,7 +169,7 @@ void copiedTree()
     fsRemove(dir.path("tree"), fsRecursive);
 }
 
-void listedFolder()
+TORTURE(ListedFolder)
 {
     EXPECT_GE(fsListDirectory("/etc", "*.conf")->getarraysize(), 1);
     EXPECT_GE(fsExpandPattern("/e*/*.conf")->getarraysize(), 1);
@@ -165,7 +179,7 @@ void listedFolder()
     need(dir.ReadNextMatching("pass*", name) == fsIOOk);
 }
 
-void nodeInfo()
+TORTURE(NodeInfo)
 {
     const xrchandle<fsNodeInfo> info = fsGetNodeInfo("/etc/passwd");
     EXPECT_GT(info->getSize(), 0);
@@ -175,7 +189,7 @@ void nodeInfo()
     EXPECT_EQ(type->getAttr(1)->getValue(info.get()).getKind(), xanyObject);
 }
 
-void pathText()
+TORTURE(PathText)
 {
     EXPECT_TRUE(fsCatPaths("C:\\a\\b", "c") == "C:\\a\\b\\c");
     EXPECT_TRUE(fsGetTailEntry("/a/b/c") == "c");
@@ -185,7 +199,7 @@ void pathText()
 
 // ---- settings
 
-void configFile()
+TORTURE(ConfigFile)
 {
     const TestPath path = folder().path("settings");
     hmxConfigFile file;
@@ -201,7 +215,7 @@ void configFile()
     EXPECT_EQ(keys->getarraysize(), 19);
 }
 
-void registryKey()
+TORTURE(RegistryKey)
 {
     hmxRegistry registry(hmxRegistry::typeUser, '.', "/");
     need(registry.Open());
@@ -217,7 +231,7 @@ void registryKey()
     registry.Close();
 }
 
-void monitorFile()
+TORTURE(MonitorFile)
 {
     const TestPath path = folder().path("monitor");
     const Owned<monFile> written(monFile::Create(path, "a title"));
@@ -235,20 +249,20 @@ void monitorFile()
 
 // ---- the machine
 
-void times()
+TORTURE(Times)
 {
     const Owned<tmTime> time(tmTime::CurrentTime());
     EXPECT_GT(tmTime::TimeToString(time.get()).GetLength(), 0);
 }
 
-void environment()
+TORTURE(Environment)
 {
     sysPutEnv("QELSTD_TORTURED", longText);
     need(sysGetEnv("QELSTD_TORTURED") == longText);
     EXPECT_GT(sysGetOSType().GetLength(), 0);
 }
 
-void commandLine()
+TORTURE(CommandLine)
 {
     std::vector<std::string> words;
     EXPECT_TRUE(btkSplitCommandLine("a \"b c\" "
@@ -272,7 +286,7 @@ struct NoneRuns
     }
 };
 
-void process()
+TORTURE(Process)
 {
     const NoneRuns atLast;
     const Owned<ioPipe> pipe(ioPipe::Create());
@@ -291,7 +305,7 @@ void process()
 
 // ---- the network
 
-void nameRecord()
+TORTURE(NameRecord)
 {
     const xrchandle<nmsRecord> record(nmsRecord::Create(1));
     need(static_cast<bool>(record));
@@ -308,14 +322,14 @@ void nameRecord()
     EXPECT_EQ(received->getFields()->find("_PortNumber", nullptr), 1);
 }
 
-void address()
+TORTURE(Address)
 {
     const xrchandle<netAddress> made(netAddress::Create(4711, "localhost"));
     need(static_cast<bool>(made));
     EXPECT_EQ(ResolvePort(made.get()), 4711);
 }
 
-void socketStream()
+TORTURE(SocketStream)
 {
     auto socket = std::make_unique<btkStreamSocket>();
     btkStreamSocket far;
@@ -332,7 +346,7 @@ void socketStream()
     stream->ReadInt();
 }
 
-void server()
+TORTURE(Server)
 {
     const Owned<netBaseServer> made(netBaseServer::Create(nullptr, 0));
     need(made != nullptr);
@@ -347,32 +361,4 @@ void server()
     EXPECT_TRUE(accepted->ReadString(nullptr) == longText);
 }
 
-constexpr torture::Piece pieces[] = {
-    {"TextStream", memoryStream<&ioSerializer::getAscii>},
-    {"BinaryStream", memoryStream<&ioSerializer::getBinary>},
-    {"NetworkStream", memoryStream<&ioSerializer::getXDR>},
-    {"LongString", longString},
-    {"Failure", failure},
-    {"FileStream", fileStream},
-    {"CopiedStream", copiedStream},
-    {"Pipes", pipes},
-    {"CopiedTree", copiedTree},
-    {"ListedFolder", listedFolder},
-    {"NodeInfo", nodeInfo},
-    {"PathText", pathText},
-    {"ConfigFile", configFile},
-    {"RegistryKey", registryKey},
-    {"MonitorFile", monitorFile},
-    {"Times", times},
-    {"Environment", environment},
-    {"CommandLine", commandLine},
-    {"Process", process},
-    {"NameRecord", nameRecord},
-    {"Address", address},
-    {"SocketStream", socketStream},
-    {"Server", server},
-};
-
 } // namespace
-
-INSTANTIATE_TEST_SUITE_P(OfMemory, Torture, testing::ValuesIn(pieces), torture::nameOf);
