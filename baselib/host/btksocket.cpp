@@ -24,16 +24,6 @@ constexpr std::size_t valueSize = 4; // of an urgent value
 constexpr std::size_t beforeMark = valueSize - 1;
 constexpr btkTimeval urgentLimit(0, 200000);
 
-using Asked = int (*)(int, sockaddr*, socklen_t*);
-
-btkSocketAddress addressOf(btkHandle handle, Asked ask)
-{
-    btkSocketAddress address;
-    if (ask(handle, address.Get(), &address.size) != 0)
-        address.storage.ss_family = AF_UNSPEC;
-    return address;
-}
-
 // The address of a peer: as recorded when its connection was accepted, else from the kernel while it is
 // connected.
 template<std::size_t size>
@@ -42,26 +32,8 @@ btkSocketAddress peerOf(const btkSocket& socket, const std::array<char, size>& n
     static_assert(size >= sizeof(sockaddr_in6));
     btkSocketAddress address;
     std::memcpy(&address.storage, noted.data(), size);
-    return address.storage.ss_family != AF_UNSPEC ? address : addressOf(socket.GetHandle(), getpeername);
-}
-
-void setOption(btkHandle handle, int level, int option, int value)
-{
-    setsockopt(handle, level, option, &value, sizeof value);
-}
-
-void setStreamOptions(btkHandle handle)
-{
-    setOption(handle, IPPROTO_TCP, TCP_NODELAY, 1);
-    // Keepalive: a reader would otherwise wait forever for a peer whose machine is down; detected within 2
-    // minutes.
-    setOption(handle, SOL_SOCKET, SO_KEEPALIVE, 1);
-    setOption(handle, IPPROTO_TCP, TCP_KEEPIDLE, 60);
-    setOption(handle, IPPROTO_TCP, TCP_KEEPINTVL, 15);
-    setOption(handle, IPPROTO_TCP, TCP_KEEPCNT, 4);
-    setOption(handle, SOL_SOCKET, SO_OOBINLINE, 1);
-    // Each read reports how much is left.
-    setOption(handle, IPPROTO_TCP, TCP_INQ, 1);
+    return address.storage.ss_family != AF_UNSPEC ? address
+                                                  : btkSocketAddress::Of(socket.GetHandle(), getpeername);
 }
 
 btkTimeval endOf(btkTimeval limit)
@@ -144,15 +116,6 @@ void waitWhile(Holds holds, btkTimeval end)
 }
 
 // The kernel's data about a connection; an older kernel fills in less, and leaves the rest unchanged.
-tcp_info askInfo(btkHandle connection, const tcp_info& unknown)
-{
-    tcp_info info = unknown;
-    socklen_t size = sizeof info;
-    if (getsockopt(connection, IPPROTO_TCP, TCP_INFO, &info, &size) != 0)
-        return unknown;
-    return info;
-}
-
 btkFd connectTo(const btkSocketAddress& address, btkTimeval limit)
 {
     btkFd made(socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -168,7 +131,7 @@ btkFd connectTo(const btkSocketAddress& address, btkTimeval limit)
     }
     if (error == 0) {
         // An unused port may be chosen for this end, and TCP then connects it to itself.
-        const btkSocketAddress own = addressOf(made.Get(), getsockname);
+        const btkSocketAddress own = btkSocketAddress::Of(made.Get(), getsockname);
         if (own.GetPort() == address.GetPort() && own.HasSameHost(address))
             error = ECONNREFUSED;
     }
@@ -180,37 +143,6 @@ btkFd connectTo(const btkSocketAddress& address, btkTimeval limit)
 }
 
 } // namespace
-
-// ---- btkSocket
-
-int btkSocket::Wait(btkTimeval limit, int conditions) const
-{
-    pollfd asked = {fd.Get(), 0, 0};
-    asked.events =
-        static_cast<short>(((conditions & 1) != 0 ? POLLIN : 0) | ((conditions & 2) != 0 ? POLLOUT : 0));
-    if (!fd || btkPoll(&asked, 1, limit) < 0)
-        return 0;
-    if (asked.revents == 0)
-        return -1;
-    const int failed = (asked.revents & (POLLERR | POLLHUP | POLLNVAL)) != 0 ? POLLIN | POLLOUT : 0;
-    const int ready = asked.revents | failed;
-    return conditions & (((ready & POLLIN) != 0 ? 1 : 0) | ((ready & POLLOUT) != 0 ? 2 : 0));
-}
-
-int btkSocket::GetPortN() const
-{
-    return addressOf(fd.Get(), getsockname).GetPort();
-}
-
-std::string btkSocket::GetLocalAddrStr() const
-{
-    return addressOf(fd.Get(), getsockname).GetText();
-}
-
-bool btkSocket::IsOnLoopback() const
-{
-    return addressOf(fd.Get(), getsockname).IsLoopback();
-}
 
 // ---- btkStreamSocket
 
@@ -316,7 +248,7 @@ void btkStreamSocket::Adopt(btkFd connected)
 {
     Close();
     fd = std::move(connected);
-    setStreamOptions(fd.Get());
+    btkSetStreamOptions(fd.Get());
 }
 
 void btkStreamSocket::Close()
@@ -633,112 +565,5 @@ bool btkStreamSocket::IsPeerOnTheSameMachine() const
     const btkSocketAddress address = peerOf(*this, peer);
     if (address.storage.ss_family == AF_UNSPEC)
         return false;
-    return address.IsLoopback() || address.HasSameHost(addressOf(fd.Get(), getsockname));
-}
-
-// ---- btkAcceptSocket
-
-bool btkAcceptSocket::Listen(int port, const char* listenOn)
-{
-    fd.Reset();
-    if (port < 0 || port > 65535) {
-        errno = EINVAL;
-        return false;
-    }
-    std::vector<btkSocketAddress> addresses;
-    if (listenOn != nullptr) {
-        addresses = btkResolveInterface(listenOn, port);
-    } else {
-        // One socket for both families or, without IPv6, one for IPv4.
-        for (const int family : {AF_INET6, AF_INET})
-            addresses.push_back(btkSocketAddress::Any(family, port));
-    }
-    for (const btkSocketAddress& address : addresses) {
-        const int family = address.storage.ss_family;
-        btkFd made(socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        if (!made)
-            continue;
-        setOption(made.Get(), SOL_SOCKET, SO_REUSEADDR, 1);
-        // Inherited by its connections, which saves two calls for each.
-        setStreamOptions(made.Get());
-        if (family == AF_INET6)
-            setOption(made.Get(), IPPROTO_IPV6, IPV6_V6ONLY, listenOn != nullptr);
-        if (bind(made.Get(), address.Get(), address.size) == 0 && listen(made.Get(), SOMAXCONN) == 0) {
-            fd = std::move(made);
-            return true;
-        }
-        if (errno == EADDRINUSE)
-            // Not to listen on only a part of what was requested.
-            return false;
-    }
-    return false;
-}
-
-void btkAcceptSocket::Adopt(btkFd listening)
-{
-    fd = std::move(listening);
-    setStreamOptions(fd.Get());
-}
-
-bool btkAcceptSocket::Accept(btkStreamSocket* connection)
-{
-    btkSocketAddress address;
-    btkFd accepted(btkRetry([&] { return accept4(fd.Get(), address.Get(), &address.size, SOCK_CLOEXEC); }));
-    if (!accepted)
-        return false;
-    connection->Close();
-    connection->fd = std::move(accepted);
-    std::memcpy(connection->peer.data(), &address.storage, connection->peer.size());
-    return true;
-}
-
-btkAcceptSocket::Failure btkAcceptSocket::FailureOf(int error)
-{
-    switch (error) {
-    case EMFILE:
-    case ENFILE:
-    case ENOBUFS:
-    case ENOMEM:
-        return Failure::noResources;
-    case EBADF:
-    case EINVAL:
-    case ENOTSOCK:
-        return Failure::unusable;
-    default:
-        return Failure::passing;
-    }
-}
-
-// ---- the state of a connection
-
-void btkResetOnClose(btkHandle connection, bool isOn)
-{
-    const linger option = {isOn ? 1 : 0, 0};
-    setsockopt(connection, SOL_SOCKET, SO_LINGER, &option, sizeof option);
-}
-
-std::size_t btkCountUnsent(btkHandle connection)
-{
-    int count = 0;
-    return ioctl(connection, TIOCOUTQ, &count) == 0 && count > 0 ? static_cast<std::size_t>(count) : 0;
-}
-
-std::size_t btkCountPeerRoom(btkHandle connection)
-{
-    tcp_info unknown = {};
-    unknown.tcpi_snd_wnd = 0x7FFFFFFF;
-    const std::size_t room = askInfo(connection, unknown).tcpi_snd_wnd;
-    const std::size_t underway = btkCountUnsent(connection);
-    return room > underway ? room - underway : 0;
-}
-
-unsigned long long btkCountReceived(btkHandle connection)
-{
-    return askInfo(connection, {}).tcpi_bytes_received;
-}
-
-void btkSetOwnRoom(btkHandle connection, std::size_t bytes)
-{
-    // The kernel adds as much again for itself.
-    setOption(connection, SOL_SOCKET, SO_RCVBUF, static_cast<int>(bytes));
+    return address.IsLoopback() || address.HasSameHost(btkSocketAddress::Of(fd.Get(), getsockname));
 }

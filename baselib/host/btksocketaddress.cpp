@@ -173,6 +173,14 @@ bool btkSocketAddress::HasSameHost(const btkSocketAddress& other) const
                     : IN6_ARE_ADDR_EQUAL(&of6(*this).sin6_addr, &of6(other).sin6_addr) != 0;
 }
 
+btkSocketAddress btkSocketAddress::Of(btkHandle socket, int (*ask)(int, sockaddr*, socklen_t*))
+{
+    btkSocketAddress address;
+    if (ask(socket, address.Get(), &address.size) != 0)
+        address.storage.ss_family = AF_UNSPEC;
+    return address;
+}
+
 btkSocketAddress btkSocketAddress::Loopback(int family, int port)
 {
     return fixed(family, port, INADDR_LOOPBACK, in6addr_loopback);
