@@ -178,12 +178,12 @@ long platWalk::Go(platChange* repair)
         if (!next)
             return errno == ENOENT ? static_cast<long>(ERROR_SUCCESS) : platHostError();
         opened = std::move(next);
-        if (step.name.empty() || faccessat(Folder(), platNameFile, F_OK, AT_SYMLINK_NOFOLLOW) == 0 ||
+        if (step.text.empty() || faccessat(Folder(), platNameFile, F_OK, AT_SYMLINK_NOFOLLOW) == 0 ||
             errno != ENOENT)
             continue;
         lacksName = true;
         if (repair != nullptr)
-            repair->Replace(Folder(), platNameFile, step.name); // the key works without it, too
+            repair->Replace(Folder(), platNameFile, step.text); // the key works without it, too
     }
     return ERROR_SUCCESS;
 }

@@ -6,14 +6,13 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
 #include <qel/base/btkenvironment.h>
-#include <qel/base/btkfolder.h>
+#include <qel/base/btkreplace.h>
 #include <qel/base/btkretry.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/registry.h>
@@ -27,7 +26,6 @@ constexpr unsigned sharedFolder = 0755;
 constexpr unsigned sharedFile = 0644;
 constexpr const char* lockFile = ".lock";
 constexpr const char* unfinishedFolder = ".unfinished";
-constexpr std::size_t temporaryDigits = 16;
 
 /// The deferred syncs of the thread's batch.
 struct Batch
@@ -95,51 +93,10 @@ void warnOfOtherWriters(const struct stat& status, const std::string& path)
         std::fprintf(stderr, "Warning: other users can write to the registry in %s\n", path.c_str());
 }
 
-/// A unique name.
-std::string temporaryName()
+/// Whether a file in the folder of a key belongs to the store.
+bool isOwn(std::string_view name)
 {
-    constexpr char digits[] = "0123456789abcdef";
-    unsigned char random[temporaryDigits / 2];
-    std::string name;
-    if (btkRetry([&] { return getrandom(random, sizeof random, 0); }) != sizeof random)
-        return name; // no file has an empty name
-    for (const unsigned char byte : random)
-        name.append({digits[byte >> 4], digits[byte & 0xF]});
-    return name;
-}
-
-bool isTemporaryName(std::string_view name)
-{
-    return name.size() == temporaryDigits &&
-           name.find_first_not_of("0123456789abcdef") == std::string_view::npos;
-}
-
-/// Removes an unfinished file or folder, with the store's files in it. Links and other files stay.
-void removeLeftOver(btkFolder& around, const btkEntry& found)
-{
-    const std::string name = found.hostName;
-    if (found.kind == btkFile)
-        around.DeleteFile(name.c_str());
-    btkFolder folder;
-    if (found.kind != btkDirectory || !folder.Open(around, name.c_str(), btkKeepLinks))
-        return;
-    btkEntry entry;
-    while (folder.Read(entry))
-        if (const std::string_view inside = entry.hostName;
-            entry.kind == btkFile ? inside == platNameFile || inside.ends_with(".value")
-                                  : !inside.starts_with('.'))
-            removeLeftOver(folder, entry);
-    around.RemoveFolder(name.c_str());
-}
-
-/// Whether there is a regular file or no node; errno describes any other node.
-bool isFileOrAbsent(int folder, const char* name)
-{
-    struct stat status;
-    if (fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
-        return errno == ENOENT;
-    errno = S_ISLNK(status.st_mode) ? ELOOP : EACCES;
-    return S_ISREG(status.st_mode);
+    return name == platNameFile || name.ends_with(".value");
 }
 
 } // namespace
@@ -216,20 +173,14 @@ btkFd platOpenFileInside(int folder, const std::string& path)
 
 // ---- changes
 
-platChange::platChange(const platStore& changed) : store(changed), owner(getpid())
+platChange::platChange(const platStore& changed) : store(changed), owner(getpid()), staging(&isOwn)
 {
     const int folder = store.folder.Get();
     lock = btkFd(btkOpenAt(folder, lockFile, O_RDWR | O_CREAT | O_NOFOLLOW, privateFile));
-    if (!lock || btkRetry([this] { return flock(lock.Get(), LOCK_EX); }) != 0)
-        return;
-    const auto open = [folder] {
-        return btkOpenAt(folder, unfinishedFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-    };
-    unfinished = btkFd(open());
-    if (!unfinished && errno == ENOENT && mkdirat(folder, unfinishedFolder, privateFolder) == 0)
-        unfinished = btkFd(open());
-    if (unfinished && !isInBatch(store)) // once for all changes of a batch
-        removeUnfinished({});
+    isReady = lock && btkRetry([this] { return flock(lock.Get(), LOCK_EX); }) == 0 &&
+              staging.Open(folder, unfinishedFolder);
+    if (isReady && !isInBatch(store)) // once for all changes of a batch
+        staging.Sweep();
 }
 
 platChange::~platChange()
@@ -239,87 +190,29 @@ platChange::~platChange()
         flock(lock.Get(), LOCK_UN);
 }
 
-void platChange::removeUnfinished(std::string_view name) const
+btkStaging::Kind platChange::kind() const
 {
-    btkFolder folder;
-    btkEntry entry;
-    if (folder.OpenHost(unfinished.Get(), "."))
-        while (folder.Read(entry))
-            if (name.empty() ? isTemporaryName(entry.hostName) : name == entry.hostName)
-                removeLeftOver(folder, entry);
-}
-
-bool platChange::write(int folder, const char* name, std::string_view text) const
-{
-    btkFd file(btkOpenAt(folder, name, O_WRONLY | O_CREAT | O_EXCL, privateFile));
-    if (!file)
-        return false;
-    if (btkWrite(file.Get(), text.data(), text.size()) < text.size())
-        return false;
-    // Synced before its rename: after a loss of power, the old or the new value exists.
-    return (!store.isShared || fchmod(file.Get(), sharedFile) == 0) &&
-           (batch.depth > 0 || btkRetry([&] { return fdatasync(file.Get()); }) == 0) &&
-           close(file.Release()) == 0;
+    return {batch.depth == 0, store.isShared ? sharedFile : 0, store.isShared ? sharedFolder : 0};
 }
 
 bool platChange::Replace(int folder, const char* name, std::string_view text)
 {
-    const std::string temporary = temporaryName();
-    if (!isFileOrAbsent(folder, name))
-        return false;
-    if (write(unfinished.Get(), temporary.c_str(), text) &&
-        renameat(unfinished.Get(), temporary.c_str(), folder, name) == 0)
-        return sync(folder);
-    const int error = errno;
-    unlinkat(unfinished.Get(), temporary.c_str(), 0);
-    errno = error;
-    return false;
-}
-
-bool platChange::makeTree(const std::string& name, std::span<const platStep> steps) const
-{
-    btkFd folder;
-    for (const platStep& step : steps) {
-        const int around = folder ? folder.Get() : unfinished.Get();
-        const char* const made = folder ? step.folder.c_str() : name.c_str();
-        if (mkdirat(around, made, privateFolder) != 0)
-            return false;
-        folder = btkFd(btkOpenAt(around, made, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
-        if (!folder || (store.isShared && fchmod(folder.Get(), sharedFolder) != 0) ||
-            (!step.name.empty() && !write(folder.Get(), platNameFile, step.name)))
-            return false;
-    }
-    return true;
+    return staging.Replace(folder, name, text, kind()) && sync(folder);
 }
 
 bool platChange::Build(int folder, std::span<const platStep> steps)
 {
-    const std::string temporary = temporaryName();
-    if (makeTree(temporary, steps) &&
-        renameat(unfinished.Get(), temporary.c_str(), folder, steps.front().folder.c_str()) == 0)
-        return sync(folder);
-    const int error = errno;
-    removeUnfinished(temporary);
-    errno = error;
-    return false;
+    return staging.Build(folder, steps, platNameFile, kind()) && sync(folder);
 }
 
 bool platChange::RemoveTree(int folder, const char* name)
 {
-    const std::string temporary = temporaryName();
-    if (renameat(folder, name, unfinished.Get(), temporary.c_str()) != 0)
-        return false;
-    // The rename deletes the key; its remains may stay until the next change.
-    const bool isSynced = sync(folder);
-    const int error = errno;
-    removeUnfinished(temporary);
-    errno = error;
-    return isSynced;
+    return staging.Remove(folder, name) && sync(folder);
 }
 
 bool platChange::RemoveFile(int folder, const char* name)
 {
-    return isFileOrAbsent(folder, name) && unlinkat(folder, name, 0) == 0 && sync(folder);
+    return btkStaging::IsFileOrAbsent(folder, name) && unlinkat(folder, name, 0) == 0 && sync(folder);
 }
 
 bool platChange::sync(int folder) const
@@ -327,7 +220,7 @@ bool platChange::sync(int folder) const
     if (batch.depth > 0) {
         if (isInBatch(store))
             return true;
-        if (btkFd kept(fcntl(unfinished.Get(), F_DUPFD_CLOEXEC, 0)); kept) {
+        if (btkFd kept(fcntl(staging.Get(), F_DUPFD_CLOEXEC, 0)); kept) {
             batch.changed.emplace_back(store.device, std::move(kept));
             return true;
         }

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include <qel/base/btkfilecopy.h>
+#include <qel/base/btkstaging.h>
 
 /// A store: its folder, held open. The path to the folder itself may contain links.
 struct platStore
@@ -43,12 +44,8 @@ btkFd platOpenInside(int folder, const std::string& path);
 /// Opens the regular file `path` for reading. ELOOP for a link.
 btkFd platOpenFileInside(int folder, const std::string& path);
 
-/// A folder to be created, and the key name that a file in it stores unless empty.
-struct platStep
-{
-    std::string folder;
-    std::string name;
-};
+/// The folder of a key to be created; its text is the key's name where the folder's differs.
+using platStep = btkStaging::Step;
 
 /// RAII lock that excludes changes of a store by other threads and processes. The constructor removes
 /// unfinished changes of killed processes.
@@ -60,7 +57,7 @@ public:
     platChange& operator=(const platChange&) = delete;
     ~platChange();
     /// False when the store cannot be changed, with errno set.
-    explicit operator bool() const { return static_cast<bool>(unfinished); }
+    explicit operator bool() const { return isReady; }
 
     /// Replaces the file `name` of `folder` atomically. Anything but a regular file is not replaced.
     bool Replace(int folder, const char* name, std::string_view text);
@@ -72,14 +69,13 @@ public:
     bool RemoveFile(int folder, const char* name);
 
 private:
-    bool write(int folder, const char* name, std::string_view text) const;
-    bool makeTree(const std::string& name, std::span<const platStep> steps) const;
+    btkStaging::Kind kind() const;
     /// Writes the names in `folder` to the disk; in a batch, at its commit.
     bool sync(int folder) const;
-    /// Removes `name` from the unfinished changes; if it is empty, all those of killed processes.
-    void removeUnfinished(std::string_view name) const;
 
     const platStore& store;
     pid_t owner; // a child made by fork does not unlock
-    btkFd lock, unfinished;
+    btkFd lock;
+    btkStaging staging;
+    bool isReady = false;
 };

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -12,13 +11,14 @@
 #include <memory>
 #include <new>
 #include <string_view>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <qel/base/btkfilepart.h>
 #include <qel/base/btkretry.h>
+
+#include "btkprivatename_p.h"
 
 namespace {
 
@@ -129,7 +129,6 @@ bool copyAttributes(btkHandle from, btkHandle to, bool isFolder, mode_t& mode)
 // ---- private names
 
 constexpr std::string_view mark = ".qelnew-";
-constexpr std::size_t digits = 16;
 // Scanned in a folder.
 constexpr int mostNames = 10000;
 // The age of a leftover link, in seconds. A link cannot be locked.
@@ -139,21 +138,10 @@ constexpr int attempts = 100;
 // Of a new file: no lock on its content reaches there.
 constexpr long long lockedByte = 1LL << 62;
 
-bool hasMark(std::string_view name)
-{
-    return name.size() == mark.size() + digits && name.starts_with(mark) &&
-           name.find_first_not_of("0123456789abcdef", mark.size()) == std::string_view::npos;
-}
-
 bool newName(std::string& name)
 {
-    std::uint64_t number;
-    char text[digits + 1];
-    if (getrandom(&number, sizeof number, 0) != static_cast<ssize_t>(sizeof number))
-        return false;
-    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(number));
-    name.assign(mark).append(text);
-    return true;
+    name = mark;
+    return btkAppendDigits(name);
 }
 
 /// Removes leftovers of killed processes from the open folder. Returns the number of names scanned.
@@ -167,7 +155,7 @@ int removeLeftOvers(btkHandle folder)
     const dirent* entry;
     int count = 0;
     for (; count < mostNames && (entry = readdir(names.get())) != nullptr; ++count) {
-        if (!hasMark(entry->d_name))
+        if (!btkIsPrivateName(entry->d_name, mark))
             continue;
         struct stat status;
         if (fstatat(folder, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)

@@ -17,7 +17,7 @@ ELSEWHERE = {
     "tmtime": "btkcalendar tmexception",
     "monchange": "btkfilewatch",
     "monstatistics": "btkruntime",
-    "registry": "registrykeys registryname registrystore",
+    "registry": "btkstaging registrykeys registryname registrystore",
     "lockfilebuf": "updatejournal",
     "hmxregistry": "reglib",
     "fsoperations": "filelib fschecksum fslist fsplaces fsquery",
