@@ -82,7 +82,7 @@ void OfferNative(CLI::App& command)
 {
     command.add_flag(
         "--native", isNative,
-        "Take and print paths in the library's own form, such as C:\\data, not as this host has them");
+        "Take and print paths in the library's own form, such as C:\\data, instead of the operating system's");
 }
 
 std::string PathOf(const std::string& typed)

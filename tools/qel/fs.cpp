@@ -458,8 +458,9 @@ void offerTree(CLI::App& command, TreeChoices& tree, const char* recursive)
 {
     command.add_flag("-r,--recursive", tree.recursive, recursive);
     command.add_flag("--keep-going", tree.keepGoing,
-                     "Leave out what fails, list it at the end, and exit with 3 then");
-    command.add_flag("--one-file-system", tree.oneFileSystem, "Pass over what is mounted in directories");
+                     "Continue after a failure; list the failures at the end, and exit with 3");
+    command.add_flag("--one-file-system", tree.oneFileSystem,
+                     "Skip file systems that are mounted in directories");
 }
 
 std::vector<std::string> files(const Typed&)
@@ -470,16 +471,16 @@ std::vector<std::string> files(const Typed&)
 void addList(CLI::App& group)
 {
     const auto choices = std::make_shared<ListChoices>();
-    CLI::App& list = AddCommand(group, "ls", "Print what a directory holds, in the order of the names",
+    CLI::App& list = AddCommand(group, "ls", "Print the contents of a directory, in the order of the names",
                                 [choices] { tried([&] { listFolder(*choices); }); });
     Offer(*list.add_option("path", choices->path, "The directory, or a file")
                ->type_name("PATH")
                ->capture_default_str(),
           &files);
-    list.add_option("--like", choices->pattern, "Only names that are like this; * and ? stand for others")
+    list.add_option("--like", choices->pattern, "Only names that match; * and ? are wildcards")
         ->type_name("PATTERN")
         ->capture_default_str();
-    list.add_flag("-l,--long", choices->isLong, "With type, size in bytes and time of the last change");
+    list.add_flag("-l,--long", choices->isLong, "Print type, size in bytes and time of the last change, too");
     OfferNative(list);
     OfferJson(list);
 }
@@ -489,24 +490,25 @@ void addCopy(CLI::App& group)
     const auto choices = std::make_shared<CopyChoices>();
     CLI::App& copy = AddCommand(group, "cp", "Copy files and directories, with rights, times and holes",
                                 [choices] { tried([&] { copyTree(*choices); }); });
-    Offer(*copy.add_option("path", choices->paths,
-                           "What to copy, and last its new path or a directory to copy into")
+    Offer(*copy.add_option(
+                   "path", choices->paths,
+                   "Files and directories to copy; the last path is the new one, or a directory to copy into")
                ->type_name("PATH")
                ->required()
                ->expected(2, manyPaths),
           &files);
-    offerTree(copy, choices->tree, "Directories too, with everything in them");
-    copy.add_flag("-p,--parents", choices->parents,
-                  "Create the missing directories on the way to the new path");
-    copy.add_option("--existing", choices->existing,
-                    "What becomes of a file or directory that is in the way: refuse to copy, merge "
-                    "(directories are merged, files replaced), or replace (it is removed)")
+    offerTree(copy, choices->tree, "Copy directories too, with everything in them");
+    copy.add_flag("-p,--parents", choices->parents, "Create missing parents of the new path");
+    copy.add_option(
+            "--existing", choices->existing,
+            "How to treat a file or directory in the way: refuse to copy, merge (directories are merged, files "
+            "replaced), or replace (remove it first)")
         ->type_name("WAY")
         ->transform(CLI::CheckedTransformer(std::map<std::string, fsRecursiveCopyMode>{
             {"refuse", fsForceNew}, {"merge", fsMerge}, {"replace", fsReplace}}))
         ->default_str("merge");
     copy.add_option("--links", choices->links,
-                    "What becomes of soft links: keep, follow (copy what they lead to), or skip")
+                    "How to treat soft links: keep, follow (copy their targets), or skip")
         ->type_name("WAY")
         ->transform(CLI::CheckedTransformer(std::map<std::string, fsSoftLinkCopyMode>{
             {"keep", fsNewLink}, {"follow", fsExpand}, {"skip", fsIgnore}}))
@@ -519,10 +521,12 @@ void addRemove(CLI::App& group)
     const auto choices = std::make_shared<RemoveChoices>();
     CLI::App& remove = AddCommand(group, "rm", "Remove files and empty directories; of a soft link, the link",
                                   [choices] { tried([&] { removeTree(*choices); }); });
-    Offer(*remove.add_option("path", choices->paths, "What to remove")->type_name("PATH")->required(),
+    Offer(*remove.add_option("path", choices->paths, "Files and directories to remove")
+               ->type_name("PATH")
+               ->required(),
           &files);
-    offerTree(remove, choices->tree, "Directories with everything in them");
-    remove.add_flag("-f,--force", choices->force, "Say nothing of what is not there");
+    offerTree(remove, choices->tree, "Remove directories too, with everything in them");
+    remove.add_flag("-f,--force", choices->force, "Ignore missing files");
     OfferNative(remove);
 }
 

@@ -289,8 +289,8 @@ void AddRegistryCommands(CLI::App& program)
          {"qel reg get 'Software\\VRX\\files' ConnectionAllowed",
           "The addresses that may connect to the server \"files\"."},
          {"qel reg set --system 'Software\\VRX\\files' ConnectionAllowed '10.1.* 10.2.0.5'",
-          "Let these connect only."},
-         {"qel reg delete --system 'Software\\VRX\\files' ConnectionAllowed", "Let everybody connect."},
+          "Only these machines may connect."},
+         {"qel reg delete --system 'Software\\VRX\\files' ConnectionAllowed", "Every machine may connect."},
          {"qel reg delete --all 'Software\\Old'", "Remove a key with everything below it."}});
     const auto choices = std::make_shared<Choices>();
 
@@ -313,7 +313,7 @@ void AddRegistryCommands(CLI::App& program)
     addKey(remove, *choices).required();
     CLI::Option* const name = &addName(remove, *choices);
     name->description("The name of the value to remove (default: the key is removed)");
-    remove.add_flag("--all", choices->all, "With everything below the key")->excludes(name);
+    remove.add_flag("--all", choices->all, "Remove everything below the key, too")->excludes(name);
     remove.callback([choices, name] { runDelete(*choices, name->count() > 0); });
 
     CLI::App& list =
@@ -321,6 +321,6 @@ void AddRegistryCommands(CLI::App& program)
                    [choices] { runList(*choices); });
     addRoots(list, *choices);
     addKey(list, *choices);
-    list.add_flag("--all", choices->all, "With everything below the key, as a tree");
+    list.add_flag("--all", choices->all, "Print everything below the key, as a tree");
     OfferJson(list);
 }

@@ -214,12 +214,12 @@ constexpr Command commands[] = {{"ping", "Succeed when the server answers", &pin
 
 void AddServerCommands(CLI::App& program)
 {
-    CLI::App& group =
-        AddGroup(program, "server", "A server that is registered with a name server",
-                 {{"qel server ping files", "Whether the server \"files\" of this machine answers."},
-                  {"qel server version files@lab2", "What the one on the machine lab2 says of its version."},
-                  {"qel server shutdown files", "Ask it to stop; it may refuse."},
-                  {"qel server check", "Which machines may connect to which server."}});
+    CLI::App& group = AddGroup(
+        program, "server", "A server that is registered with a name server",
+        {{"qel server ping files", "Whether the server \"files\" of this machine answers."},
+         {"qel server version files@lab2", "The version of the server of that name on the machine lab2."},
+         {"qel server shutdown files", "Ask it to stop; it may refuse."},
+         {"qel server check", "Which machines may connect to which server."}});
     for (const Command& command : commands) {
         const auto address = std::make_shared<Address>();
         const auto whole = std::make_shared<std::string>();
