@@ -18,6 +18,7 @@
 #include <qel/qelexception.h>
 #include <qel/qelown.h>
 #include <qel/qelrtti.h>
+#include <qel/tmtime.h>
 #include <qel/xdictionary.h>
 #include <qel/xsequence.h>
 
@@ -178,15 +179,15 @@ C to(const R& range)
 
 /// Returns the words of `text`: the runs of characters that are none of `delimiters`, as GetWord counts them.
 /// None for null.
-inline xrchandle<xstringsequence> split(const xstring& text, const char* delimiters)
+inline xrchandle<xstringsequence> split(const xstring& text, const xstring& delimiters)
 {
     auto words = make<xstringsequence>();
     const std::string_view all = text.view();
-    const std::string_view between = qelIsObject(delimiters) ? delimiters : "";
+    const std::string_view between = delimiters.view();
     if (std::any_of(between.begin(), between.end(),
                     [](char c) { return static_cast<unsigned char>(c) > 0x7f; })) {
-        for (int i = 0, n = text.GetNWords(delimiters); i < n; ++i)
-            words->append(text.GetWord(i, delimiters));
+        for (int i = 0, n = text.GetNWords(delimiters.CastToCString()); i < n; ++i)
+            words->append(text.GetWord(i, delimiters.CastToCString()));
         return words;
     }
     for (std::size_t at = all.find_first_not_of(between); at != all.npos;) {
@@ -274,9 +275,24 @@ requires requires
 std::optional<typename D::mapped_type> get(const D& dictionary, const K& key)
 {
     typename D::mapped_type value{};
-    if (!const_cast<D&>(dictionary).find(static_cast<const char*>(qelTextArgument(key)), &value))
+    if (!const_cast<D&>(dictionary).find(qelTextArgument(key), &value))
         return std::nullopt;
     return value;
 }
 
 } // namespace qel
+
+// ---- times
+
+template<qelText T>
+auto tmTime::fromIso(const T& text)
+{
+    long seconds;
+    return readIso(qelTextArgument(text), &seconds) ? std::optional<tmTime>(tmTime(seconds)) : std::nullopt;
+}
+
+inline auto tmTime::utc() const
+{
+    tmCalendar fields;
+    return utcFields(&fields) ? std::optional<tmCalendar>(fields) : std::nullopt;
+}

@@ -2,7 +2,8 @@
 
 // The whole public interface. Each library also has its own headers; a source that defines classes adds
 // <qel/qeltable.h>, and C programs use <qel/qelstd_c.h>. What needs more of the standard library is in headers
-// of its own: <qel/qelcpp.h> for the namespace `qel`, qelserver.h, qelloop.h, qeljson.h, qelpath.h, qelformat.h.
+// of its own: <qel/qelcpp.h> for the namespace `qel`, qelserver.h, qelfind.h, qelloop.h, qeljson.h, qelpath.h,
+// qelformat.h.
 
 // ---- the core
 #include <qel/qelcaught.h>

@@ -26,8 +26,8 @@ int main()
 {
     qelRegister<Person>();
 
-    const xrchandle<Person> ada(new Person("Ada", 36));
-    const xrchandle<Person> nobody(new Person("Nobody", xnullint)); // an age that is not known: null
+    const auto ada = qel::make<Person>("Ada", 36);
+    const auto nobody = qel::make<Person>("Nobody", xnullint); // an age that is not known: null
     qelPrint(ada, std::cout, 2);
     std::cout << std::endl;
     qelPrint(nobody, std::cout, -1);

@@ -1,36 +1,22 @@
 // A server and its client in one program: the server greets each client until it is shut down.
 
+#include <chrono>
 #include <iostream>
 #include <thread>
 
 #include <qel/netaddress.h>
 #include <qel/netserver.h>
-#include <qel/qelcaught.h>
 #include <qel/qelown.h>
+#include <qel/qelserver.h>
+
+using namespace std::literals;
 
 namespace {
-
-// sample server
-class Greeting : public netBaseServer_OnRequest_cb
-{
-    netServerLoopAction Invoke(netBaseServer*, netSocketStream* accepted) override
-    {
-        const qel::owned<netSocketStream> stream(accepted);
-        try {
-            const xstring name = stream->ReadString(nullptr);
-            stream->WriteString(xstring("Hello, ", name.CastToCString()).CastToCString());
-        } catch (xthrowable* thrown) {
-            const qel::caught failure(thrown); // the client has gone: no reason to end
-        }
-        return netServerContinue; // netServerTerminate would end Run
-    }
-};
-// end
 
 // sample client
 xstring greet(netAddress* address, const char* name)
 {
-    const qel::owned<netSocketStream> stream(netServer::Connect(address, 10.0));
+    const auto stream = qel::own(netServer::Connect(address, 10s));
     if (stream == nullptr)
         return "nobody there";
     stream->WriteString(name);
@@ -42,12 +28,20 @@ xstring greet(netAddress* address, const char* name)
 
 int main()
 {
-    // sample run
-    Greeting greeting;
-    const qel::owned<netServer> server(netServer::Create(nullptr, 0)); // any free port
-    server->setOnRequest(&greeting);
+    // sample server
+    const auto server = qel::own(netServer::Create(nullptr, 0)); // any free port
+    server->setOnRequest(qel::onRequest([](netSocketStream& client) {
+        client.WriteString("Hello, " + client.ReadString(nullptr));
+        return netServerContinue; // netServerTerminate would end Run
+    }));
+    server->setOnError(qel::onError([](const qel::caught& failure) {
+        std::cerr << failure.what() << std::endl;
+        return true; // a client that fails is no reason to end
+    }));
     std::thread loop([&] { server->Run(); });
+    // end
 
+    // sample run
     const xrchandle<netAddress> address(netAddress::Create(server->getPortN(), nullptr));
     std::cout << greet(address.get(), "Ada") << std::endl;
     std::cout << "alive: " << +netServer::IsAlive(address.get()) << std::endl;

@@ -16,6 +16,8 @@ int main(int argc, char** argv)
         client.setSerializer(ioSerializer::getAscii()); // lines of text
         client.WriteString("Hello, " + client.ReadString("\n") + "!\n");
     })); // the server closes the connection
+    server->setOnError(
+        qel::onError([](const qel::caught&) { return true; })); // a client has left early: go on
     std::cout << "port " << server->getPortN() << std::endl;
     server->Run();
 }

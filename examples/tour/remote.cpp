@@ -7,39 +7,28 @@
 #include <qel/netaddress.h>
 #include <qel/netbaseserver.h>
 #include <qel/qelown.h>
+#include <qel/qelserver.h>
 #include <qel/rshprocess.h>
 #include <qel/rshserver.h>
 
-namespace {
-
-// sample server
-/// Runs what clients ask for, with the rights of this process: whoever connects is trusted with them.
-class Commands : public netBaseServer_OnRequest_cb
-{
-    netServerLoopAction Invoke(netBaseServer*, netSocketStream* accepted) override
-    {
-        const qel::owned<netSocketStream> stream(accepted);
-        rshServer::Execute(stream.get(), nullptr, nullptr);
-        return netServerTerminate; // one command is enough here
-    }
-};
-// end
-
-} // namespace
-
 int main()
 {
-    Commands commands;
-    const qel::owned<netBaseServer> server(netBaseServer::Create(nullptr, 0));
-    server->setOnRequest(&commands);
+    // sample server
+    // Runs the commands of clients with the rights of this process: each client is trusted with them.
+    const auto server = qel::own(netBaseServer::Create(nullptr, 0, "127.0.0.1"));
+    server->setOnRequest(qel::onRequest([](netSocketStream& client) {
+        rshServer::Execute(&client, nullptr, nullptr);
+        return netServerTerminate; // one command is enough here
+    }));
+    // end
     std::thread loop([&] { server->Run(); });
     const xrchandle<netAddress> address(netAddress::Create(server->getPortN(), nullptr));
 
     {
         // sample client
-        const qel::owned<netSocketStream> stream(netBaseServer::Connect(address.get(), 10.0));
-        const qel::owned<rshProcess> sort(
-            rshProcess::Create(stream.get(), "sort", nullptr, nullptr, nullptr, nullptr, 1, 0));
+        const auto stream = qel::own(netBaseServer::Connect(address.get(), 10.0));
+        const auto sort =
+            qel::own(rshProcess::Create(stream.get(), "sort", nullptr, nullptr, nullptr, nullptr, 1, 0));
         sort->getStdin()->WriteBytes("pears\napples\n", 13);
         sort->getStdin()->Close();
         char line[64];

@@ -77,7 +77,7 @@ void Statistics::Finish()
                       });
     distinct = static_cast<int>(sorted.size());
     for (std::size_t i = 0; i < shown; ++i)
-        top->append(xany(new Word(sorted[i].second, -sorted[i].first)));
+        top->append(qel::make<Word>(sorted[i].second, -sorted[i].first));
 }
 
 void Statistics::PrintLines()

@@ -23,7 +23,7 @@ int main(int argc, char** argv)
     }
     qelRegister<Word, Statistics>();
 
-    const xrchandle<Statistics> statistics(new Statistics);
+    const auto statistics = qel::make<Statistics>();
     for (int i = firstFile; i < argc; ++i) {
         errno = 0;
         std::ifstream file(argv[i], std::ios::binary);

@@ -13,6 +13,7 @@
 
 #include <qel/netserver.h>
 #include <qel/qelown.h>
+#include <qel/qelserver.h>
 
 #include "protocol.h"
 #include "statistics.h"
@@ -53,6 +54,8 @@ void readBlock(netSocketStream& stream, int size, std::ostream& to, Clock::time_
 /// Reads a text, and sends its counts.
 void serve(netSocketStream& stream)
 {
+    stream.setITimeout(silenceLimit);
+    stream.setOTimeout(silenceLimit);
     const Clock::time_point end = Clock::now() + textLimit;
     std::stringstream text;
     int total = 0;
@@ -73,28 +76,9 @@ void serve(netSocketStream& stream)
     for (int i = 0; i < top->getarraysize(); ++i) {
         Word* const word = Word::cast(top->get(i));
         stream.WriteInt(word->getCount());
-        stream.WriteString(word->getText().CastToCString());
+        stream.WriteString(word->getText());
     }
 }
-
-/// Runs in the loop's thread, which must not wait for any client.
-class Requests : public netBaseServer_OnRequest_cb
-{
-    netServerLoopAction Invoke(netBaseServer*, netSocketStream*) override { return netSpawnAsyncServer; }
-};
-
-/// Runs in the request's thread. The server reports failures with the client's address and continues.
-class AsyncRequests : public netBaseServer_OnAsyncRequest_cb
-{
-    netServerLoopAction Invoke(netBaseServer*, netSocketStream* accepted, evtEvent*) override
-    {
-        const qel::owned<netSocketStream> stream(accepted);
-        stream->setITimeout(silenceLimit);
-        stream->setOTimeout(silenceLimit);
-        serve(*stream);
-        return netServerContinue;
-    }
-};
 
 } // namespace
 
@@ -105,15 +89,13 @@ int main(int argc, char** argv)
         return 2;
     }
     try {
-        Requests requests;
-        AsyncRequests asyncRequests;
-        const qel::owned<netServer> server(netServer::Create(argv[1], 0));
+        const auto server = qel::own(netServer::Create(argv[1], 0));
         if (server == nullptr) {
             std::cerr << "wordserver: cannot listen\n";
             return 3;
         }
-        server->setOnRequest(&requests);
-        server->setOnAsyncRequest(&asyncRequests);
+        server->setOnRequest(qel::onRequest([](netSocketStream&) { return netSpawnAsyncServer; }));
+        server->setOnAsyncRequest(qel::onAsyncRequest(&serve)); // reports failures with the client's address
         server->setAsyncLimit(mostClients);
         server->setGracePeriod(0.5); // for requests still running when the server stops
         running = server.get();

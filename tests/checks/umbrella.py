@@ -13,6 +13,7 @@ APART = {
     "qelown.h": "<memory>; a part of qelcpp.h",
     "monstatistics.h": "<memory> and <string>; for servers",
     "qelserver.h": "<memory>",
+    "qelfind.h": "<memory>",
     "qelloop.h": "<memory>",
     "qelfind.h": "<memory>, by qelown.h",
     "netfind_c.h": "for C programs",
@@ -21,12 +22,14 @@ APART = {
     "qeljson.h": "few programs need it",
     "qeltable.h": "for the sources that define classes",
     "qelstd_c.h": "for C programs",
+    "netfind_c.h": "for C programs",
 }
 ALWAYS = {"functional", "chrono", "filesystem", "format", "regex", "thread", "mutex", "iostream", "map", "unordered_map"}
-HEAVY = {"qelstd.h": ALWAYS | {"memory", "algorithm", "iterator", "ranges", "string", "ios", "ostream", "sstream"},
+HEAVY = {"qelstd.h": ALWAYS | {"memory", "algorithm", "iterator", "ranges", "string", "ios", "ostream", "sstream", "optional", "limits",
+                                 "span"},
          "qelcpp.h": ALWAYS | {"ranges", "sstream"}}
-# g++ 12: <iostream> and <string> have 26,700 together; a tenth more than today's.
-LINES = {"qelstd.h": 29700, "qelcpp.h": 57000}
+# g++ 12: <iostream> and <string> have 26,700 together; a twentieth more than today's.
+LINES = {"qelstd.h": 25800, "qelcpp.h": 54400}
 
 faults = []
 

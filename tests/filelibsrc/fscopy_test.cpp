@@ -507,6 +507,25 @@ constexpr std::size_t mebibyte = 1 << 20;
 
 } // namespace
 
+TEST_F(Copying, IsWatchedByFunctionsToo)
+{
+    dir.write("from/a", "1");
+    dir.write("from/b", "22");
+    dir.link("nowhere", "from/dangling");
+    double last = 0;
+    std::string failed;
+    qel::onProgress counting([&](const char*, double bytes, double) { last = bytes; });
+    qel::onProgress ending([](const char*, double, double) { return false; });
+    qel::onFailure skipping([&](const char* path, fsXException&) {
+        failed = path;
+        return fsSkip;
+    });
+
+    fsCopy("X:/from", "X:/to", fsForceNew, fsExpand, fsSimple, skipping, &counting);
+    EXPECT_TRUE(last == 3 && failed == "X:\\from\\dangling") << last << failed;
+    EXPECT_EQ(thrownBy([&] { fsRemove("X:/to", fsRecursive, ending); }), "filelib::XSignal");
+}
+
 TEST_F(Copying, ReportsProgress)
 {
     dir.write("from/deep/small", "12345");

@@ -9,11 +9,14 @@
 #include <sstream>
 #include <vector>
 
+#include <qel/qelown.h>
 #include <qel/xrtti.h>
 
 #include "iosupport.h"
 #include "support/texts.h"
 #include "support/thrown.h"
+
+using namespace std::literals;
 
 namespace {
 
@@ -191,6 +194,28 @@ TEST(Serializers, ReadBackWhatTheyWrote)
     EXPECT_EQ(Holding(xdr, Hex("12 34 56 02"))->ReadBool(), 2); // the low byte counts
 }
 
+TEST(Serializers, WriteEveryKindOfText)
+{
+    const auto stream = MemoryStream(ascii);
+    const char characters[] = "array";
+
+    stream->WriteString("literal ");
+    stream->WriteString(u"gr\u00FCn ");
+    stream->WriteString(u8"\u20AC ");
+    stream->WriteString("std "s);
+    stream->WriteString(u"wide "s);
+    stream->WriteString("view, not this"sv.substr(0, 4));
+    stream->WriteString(xstring(" xstring "));
+    stream->WriteString(characters);
+    stream->WriteString(nullptr);
+    stream->WriteString(xstring());
+    stream->WriteString(std::string_view());
+    EXPECT_EQ(stream->TryWriteString(u"."), stream->TryWriteString(".")); // not supported here
+
+    EXPECT_EQ(RestOf(*stream), "literal gr\u00FCn \u20AC std wide view xstring array");
+    EXPECT_EQ(RestOf(*qel::own(ioStringStream::Create("42 "s))), "42 ");
+}
+
 TEST(Serializers, TransferArraysLikeSingleValues)
 {
     std::vector<int> ints(3000); // more than one part
@@ -207,7 +232,7 @@ TEST(Serializers, TransferArraysLikeSingleValues)
             one->WriteReal(v);
         all->WriteInts(ints);
         all->WriteReals(reals);
-        all->WriteInts({});
+        all->WriteInts(nullptr, 0);
         const std::string bytes = RestOf(*one);
         EXPECT_EQ(RestOf(*all), bytes);
 
@@ -218,7 +243,7 @@ TEST(Serializers, TransferArraysLikeSingleValues)
         stream->ReadReals(readReals);
         EXPECT_EQ(readInts, ints);
         EXPECT_EQ(readReals, reals);
-        EXPECT_EQ(thrownBy([&] { stream->ReadInts({readInts.data(), 1}); }), "iolib::XStream");
+        EXPECT_EQ(thrownBy([&] { stream->ReadInts(readInts.data(), 1); }), "iolib::XStream");
         EXPECT_TRUE(stream->getIsEof());
         EXPECT_EQ(thrownBy([&] { stream->WriteInts(ints); }), "iolib::XStream");
     }

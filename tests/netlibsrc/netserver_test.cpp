@@ -22,6 +22,8 @@
 #include "support/tempdir.h"
 #include "support/testserver.h"
 
+using namespace std::literals;
+
 namespace {
 
 const InterruptedInLongRuns& interrupted = InterruptedInLongRuns::Add();
@@ -124,6 +126,26 @@ TEST(netServer, ServesItsClients)
     }
     netServer::Shutdown(address.get());
     served.waitForEnd();
+}
+
+TEST(netServer, NamesAndHostsAreEveryKindOfText)
+{
+    const TestNameServer names;
+    const auto isServed = [](auto name, auto host) {
+        ServedInThread served(netServer::Create(name, 0, host));
+        const xrchandle<netAddress> byName = netAddress::Create(name, host);
+        const xrchandle<netAddress> byPort = netAddress::Create(served.getPort(), host);
+        EXPECT_TRUE(byName->getServerName() == xstring(name) && byName->getHostName() == xstring(host));
+        EXPECT_TRUE(netServer::IsAlive(byPort.get()));
+        return netServer::IsAlive(byName.get()) != 0;
+    };
+
+    EXPECT_TRUE(isServed("literal", u"127.0.0.1"));
+    EXPECT_TRUE(isServed("std"s, "127.0.0.1"sv));
+    EXPECT_TRUE(isServed(u8"gr\u00FCn", xstring("127.0.0.1")));
+    EXPECT_TRUE(isServed(xstring("string"), nullptr));
+    ServedInThread served(netServer::Create(u"wide"sv, 0));
+    EXPECT_TRUE(netServer::IsAlive(xrchandle(netAddress::Create(u"wide"s, nullptr)).get()));
 }
 
 TEST(netServer, ClientsReportAMissingServer)

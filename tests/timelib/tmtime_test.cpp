@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include <qel/qelcpp.h>
 #include <qel/qelrtti.h>
 #include <qel/syslib.h>
 #include <qel/tmexception.h>

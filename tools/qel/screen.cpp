@@ -7,6 +7,7 @@
 #include <cmath>
 #include <curses.h>
 #include <numeric>
+#include <optional>
 
 #include <qel/base/btkfd.h>
 #include <qel/pcinterrupt.h>

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <qel/fspathargument.h>
 #include <qel/qelduration.h>
 #include <qel/xsequence.h>
 #include <qel/xstring.h>
@@ -65,6 +66,11 @@ public:
     {
         return Open(path, openMode, qelSeconds(limit));
     }
+    template<fsPathObject P, class... Limit>
+    bool Open(const P& path, OpenMode openMode, Limit... limit)
+    {
+        return Open(fsPathArgument(path), openMode, limit...);
+    }
     /// If anything was changed, writes the file back: one line for each entry in ascending order of the keys,
     /// and nothing else. The file then holds the old or the new content, even after a crash; when it cannot
     /// be written, the old content stays, and no failure is reported. A file that has several hard links, is
@@ -80,12 +86,27 @@ public:
 
     /// Null for a missing key, or one with nothing behind its ":".
     xstring GetValue(const char* key) const;
+    template<qelTextObject K>
+    xstring GetValue(const K& key) const
+    {
+        return GetValue(qelTextArgument(key));
+    }
     /// Sets or adds. A null `value` is written as "nil". False, with nothing changed, when the file is not
     /// open for updating, when the key is empty or blanks only, and for a line feed in either, which would
     /// start another entry.
     bool SetValue(const char* key, const char* value);
+    template<qelText K, qelText V>
+    requires(qelTextObject<K> || qelTextObject<V>) bool SetValue(const K& key, const V& value)
+    {
+        return SetValue(qelTextArgument(key), qelTextArgument(value));
+    }
     /// False when the file is not open for updating or has no such key.
     bool DeleteValue(const char* key);
+    template<qelTextObject K>
+    bool DeleteValue(const K& key)
+    {
+        return DeleteValue(qelTextArgument(key));
+    }
     /// The keys in the order of their lines; added keys come last, in the order of adding. Empty when no file
     /// is open.
     xrchandle<xstringsequence> GetKeys() const;
@@ -101,10 +122,20 @@ public:
     {
         return Check(path, handler, qelSeconds(limit));
     }
+    template<fsPathObject P, class... Limit>
+    static bool Check(const P& path, hmxConfigOddityHandler& handler, Limit... limit)
+    {
+        return Check(fsPathArgument(path), handler, limit...);
+    }
 
     /// The numbers of the processes that have the file `path` open, as far as the operating system shows
     /// them; this one may be among them.
     static xrchandle<xintsequence> GetHolders(const char* path);
+    template<fsPathObject P>
+    static xrchandle<xintsequence> GetHolders(const P& path)
+    {
+        return GetHolders(fsPathArgument(path));
+    }
 
 private:
     struct Table;

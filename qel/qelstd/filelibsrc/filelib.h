@@ -1,5 +1,7 @@
 #pragma once
 
+#include <utility>
+
 #include <qel/fsdir.h>
 #include <qel/fserror.h>
 #include <qel/fsfile.h>
@@ -74,6 +76,41 @@ public:
     /// valid during the call. Must not throw.
     virtual fsFailureAction OnFailure(const char* path, fsXException* failure) = 0;
 };
+
+namespace qel {
+
+/// A progress handler that calls `f(path, done, total)`: a function that returns whether the work continues,
+/// or nothing.
+template<class F>
+class onProgress final : public fsProgressHandler
+{
+public:
+    explicit onProgress(F taken) : f(std::move(taken)) {}
+    bool Invoke(const char* path, double done, double total) override
+    {
+        if constexpr (requires { static_cast<bool>(f(path, done, total)); })
+            return f(path, done, total);
+        else
+            return f(path, done, total), true;
+    }
+
+private:
+    F f;
+};
+
+/// A failure handler that calls `f(path, failure)`, which returns how the operation continues.
+template<class F>
+class onFailure final : public fsFailureHandler
+{
+public:
+    explicit onFailure(F taken) : f(std::move(taken)) {}
+    fsFailureAction OnFailure(const char* path, fsXException* failure) override { return f(path, *failure); }
+
+private:
+    F f;
+};
+
+} // namespace qel
 
 /// Whether a directory's contents include file systems mounted in it.
 enum fsMountMode {

@@ -2,56 +2,18 @@
 
 #include <utility>
 
-#include <qel/fspath.h>
+#include <qel/fspathargument.h>
 
 // The operations of filelib.h with paths of other types: a std::filesystem::path is a host path; every other
 // text is a native path, as its characters would be.
 
-/// Whether P is std::filesystem::path, whose header is not included here.
-template<class P>
-concept fsHostPath = requires(const P& path)
-{
-    typename P::string_type;
-    path.native();
-    path.lexically_normal();
-};
-/// A path that is neither a `const char*` nor a literal.
-template<class P>
-concept fsPathObject = fsHostPath<P> || qelTextObject<P>;
-template<class P>
-concept fsAnyPath = fsPathObject<P> || std::is_convertible_v<const P&, const char*>;
-
-/// The native path of an argument, for the duration of a call.
-class fsPathArgument
-{
-public:
-    template<fsAnyPath P>
-    fsPathArgument(const P& path)
-    {
-        if constexpr (std::is_convertible_v<const P&, const char*>)
-            native = path;
-        else if constexpr (fsHostPath<P>)
-            text = path.native().empty() ? xstring("") : fsPathFromHost(path.native().c_str()),
-            native = text.CastToCString();
-        else
-            text = path, native = text.CastToCString();
-    }
-    fsPathArgument(const fsPathArgument&) = delete;
-    fsPathArgument& operator=(const fsPathArgument&) = delete;
-    operator const char*() const { return native; }
-
-private:
-    xstring text;
-    const char* native = nullptr;
-};
-
 /// Declares the form of `function` whose first argument is a path of any type.
-#define QEL_ANY_PATH(function)                                                                        \
-    template<fsPathObject P, class... More>                                                           \
-    decltype(auto) function(const P& path, More&&... more)                                            \
-    {                                                                                                 \
-        return function(static_cast<const char*>(fsPathArgument(path)), std::forward<More>(more)...); \
-    }                                                                                                 \
+#define QEL_ANY_PATH(function)                                              \
+    template<fsPathObject P, class... More>                                 \
+    decltype(auto) function(const P& path, More&&... more)                  \
+    {                                                                       \
+        return function(fsPathArgument(path), std::forward<More>(more)...); \
+    }                                                                       \
     static_assert(true)
 /// The same for functions of two paths.
 #define QEL_ANY_TWO_PATHS(function)                                                                  \
@@ -59,8 +21,7 @@ private:
     requires(fsPathObject<P> || fsPathObject<Q>) decltype(auto) function(const P& from, const Q& to, \
                                                                          More&&... more)             \
     {                                                                                                \
-        return function(static_cast<const char*>(fsPathArgument(from)),                              \
-                        static_cast<const char*>(fsPathArgument(to)), std::forward<More>(more)...);  \
+        return function(fsPathArgument(from), fsPathArgument(to), std::forward<More>(more)...);      \
     }                                                                                                \
     static_assert(true)
 

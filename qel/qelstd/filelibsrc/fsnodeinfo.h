@@ -1,5 +1,6 @@
 #pragma once
 
+#include <qel/fspathargument.h>
 #include <qel/xobject.h>
 
 class tmTime;
@@ -23,6 +24,11 @@ public:
     /// Takes the status of `path`. True when it worked; otherwise GetLastError() gives the reason and the
     /// object is unchanged.
     unsigned char Initialize(const char* path);
+    template<fsPathObject P>
+    unsigned char Initialize(const P& path)
+    {
+        return Initialize(fsPathArgument(path));
+    }
 
     fsNodeType getType();
     /// Time of the last modification; one beyond the year 30828 is clamped to it. The caller owns the new

@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstring>
 #include <memory>
+#include <span>
 #include <streambuf>
 #include <type_traits>
 
@@ -254,8 +255,9 @@ void ioStream::WriteString(const char* s)
 static constexpr std::size_t partSize = 4096;
 
 template<class Value>
-void ioStream::WriteAll(std::span<const Value> values)
+void ioStream::WriteAll(const Value* array, std::size_t count)
 {
+    std::span<const Value> values(array, count);
     BeginWrite();
     const Way way = Held::WayOf(*serializer);
     if (way < asNative) {
@@ -285,8 +287,9 @@ void ioStream::WriteAll(std::span<const Value> values)
 }
 
 template<class Value>
-void ioStream::ReadAll(std::span<Value> to)
+void ioStream::ReadAll(Value* array, std::size_t count)
 {
+    std::span<Value> to(array, count);
     BeginRead();
     const Way way = Held::WayOf(*serializer);
     if (way < asNative) {
@@ -309,24 +312,24 @@ void ioStream::ReadAll(std::span<Value> to)
     }
 }
 
-void ioStream::ReadInts(std::span<int> to)
+void ioStream::ReadInts(int* to, std::size_t count)
 {
-    ReadAll(to);
+    ReadAll(to, count);
 }
 
-void ioStream::ReadReals(std::span<double> to)
+void ioStream::ReadReals(double* to, std::size_t count)
 {
-    ReadAll(to);
+    ReadAll(to, count);
 }
 
-void ioStream::WriteInts(std::span<const int> values)
+void ioStream::WriteInts(const int* values, std::size_t count)
 {
-    WriteAll(values);
+    WriteAll(values, count);
 }
 
-void ioStream::WriteReals(std::span<const double> values)
+void ioStream::WriteReals(const double* values, std::size_t count)
 {
-    WriteAll(values);
+    WriteAll(values, count);
 }
 
 unsigned int ioStream::ReadBytes(void* p, unsigned int n)

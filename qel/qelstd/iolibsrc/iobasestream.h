@@ -1,7 +1,9 @@
 #pragma once
 
+#include <concepts>
+#include <cstddef>
 #include <iosfwd>
-#include <span>
+#include <string_view> // std::data, std::size
 
 #include <qel/base/btkatomic.h>
 #include <qel/base/btkfd.h>
@@ -28,6 +30,16 @@ QEL_ENUM(ioError); // "iolib::Error"
 /// Whether an event waits for input, or for room for output.
 enum ioEventType : int { ioInputPending, ioOutputPending };
 QEL_ENUM(ioEventType); // "iolib::EventType"
+
+/// Whether A is an array of T in one piece.
+template<class A, class T>
+concept ioArrayOf = requires(A& a)
+{
+    {
+        std::data(a)
+        } -> std::convertible_to<T*>;
+    std::size(a);
+};
 
 /// Reference-counted weak link to a stream; null once the stream is destroyed. The last holder frees it.
 class ioStreamLink
@@ -107,6 +119,11 @@ public:
     /// ioNotSupported for a text larger than a whole pipe, which can never be written at once: WriteString
     /// writes it in parts.
     ioTryCode TryWriteString(const char* s);
+    template<qelTextObject T>
+    ioTryCode TryWriteString(const T& text)
+    {
+        return TryWriteString(qelTextArgument(text));
+    }
     /// The number of bytes that can be read without blocking; 0 also at the end.
     unsigned int PeekNBytes();
     /// A new event for data to read, or for room to write; null when the stream has none. The caller owns it;
@@ -132,14 +149,35 @@ public:
     template<qelTextObject T>
     void WriteString(const T& text)
     {
-        WriteString(static_cast<const char*>(qelTextArgument(text)));
+        WriteString(qelTextArgument(text));
     }
     /// All values of the array, as so many calls of the operation for one value, several times faster in a
     /// binary form. A timeout applies to the whole call. When a read throws, some of `to` may be set.
-    void ReadInts(std::span<int> to);
-    void ReadReals(std::span<double> to);
-    void WriteInts(std::span<const int> values);
-    void WriteReals(std::span<const double> values);
+    /// The array: a std::span, std::vector, std::array or an array of the language.
+    template<ioArrayOf<int> A>
+    void ReadInts(A&& to)
+    {
+        ReadInts(std::data(to), std::size(to));
+    }
+    template<ioArrayOf<double> A>
+    void ReadReals(A&& to)
+    {
+        ReadReals(std::data(to), std::size(to));
+    }
+    template<ioArrayOf<const int> A>
+    void WriteInts(const A& values)
+    {
+        WriteInts(std::data(values), std::size(values));
+    }
+    template<ioArrayOf<const double> A>
+    void WriteReals(const A& values)
+    {
+        WriteReals(std::data(values), std::size(values));
+    }
+    void ReadInts(int* to, std::size_t count);
+    void ReadReals(double* to, std::size_t count);
+    void WriteInts(const int* values, std::size_t count);
+    void WriteReals(const double* values, std::size_t count);
     /// Raw bytes. Returns how many were read: `n`, or fewer when the data ended or the limit expired, as the
     /// state shows.
     unsigned int ReadBytes(void* p, unsigned int n);
@@ -323,9 +361,9 @@ private:
     template<auto write, class Value>
     [[gnu::visibility("hidden")]] void WriteByForm(Value value);
     template<class Value>
-    [[gnu::visibility("hidden")]] void ReadAll(std::span<Value> to);
+    [[gnu::visibility("hidden")]] void ReadAll(Value* to, std::size_t count);
     template<class Value>
-    [[gnu::visibility("hidden")]] void WriteAll(std::span<const Value> values);
+    [[gnu::visibility("hidden")]] void WriteAll(const Value* values, std::size_t count);
     struct Held;
     void FindWays();
     void SetState(int bits)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <qel/base/btkfd.h>
+#include <qel/fspathargument.h>
 #include <qel/iobasestream.h>
 
 class xfilebuf;
@@ -23,8 +24,18 @@ public:
     /// existing one that is emptied; ioReadWrite, and any other value, an existing one with its content. Null
     /// when it cannot be opened.
     static ioFileStream* Open(const char* path, ioOpenMode mode);
+    template<fsPathObject P>
+    static ioFileStream* Open(const P& path, ioOpenMode mode)
+    {
+        return Open(fsPathArgument(path), mode);
+    }
     /// The same; `flag` has no meaning.
     static ioFileStream* Create(const char* path, ioOpenMode mode, unsigned char flag);
+    template<fsPathObject P>
+    static ioFileStream* Create(const P& path, ioOpenMode mode, unsigned char flag)
+    {
+        return Create(fsPathArgument(path), mode, flag);
+    }
     ~ioFileStream() override;
 
     /// Moves the position, in bytes, and clears the end-of-file state. Later reads see the file's content at

@@ -13,6 +13,11 @@ public:
     /// With a text: a stream that reads a copy of it. With xnullstr, or no text at all: an empty one to be
     /// written and read back.
     static ioStringStream* Create(const char* text);
+    template<qelTextObject T>
+    static ioStringStream* Create(const T& text)
+    {
+        return Create(qelTextArgument(text));
+    }
     ~ioStringStream() override;
 
     /// All data written so far, read or not, except data dropped by DiscardRead; a string ends at its first

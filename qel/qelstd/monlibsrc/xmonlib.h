@@ -2,6 +2,7 @@
 
 #include <iosfwd>
 
+#include <qel/fspathargument.h>
 #include <qel/xdictionary.h>
 #include <qel/xstring.h>
 
@@ -115,6 +116,11 @@ public:
     /// Null and the reserved pointers write the empty text. Returns the string of `v`.
     /// @throws qelXNativeException  "monStringParam::setValue: Value too long"
     virtual xstring setValue(const char* v);
+    template<qelTextObject T>
+    xstring setValue(const T& text)
+    {
+        return setValue(qelTextArgument(text));
+    }
     /// The capacity in the file, in bytes.
     virtual int getSize();
 
@@ -153,12 +159,22 @@ public:
     /// file (GetLastError() is then 1392). The caller owns the new object.
     /// @throws ioXStream  it ends within the header or the title
     static monFile* Open(const char* path);
+    template<fsPathObject P>
+    static monFile* Open(const P& path)
+    {
+        return Open(fsPathArgument(path));
+    }
     /// Makes a new file with the title; it replaces an existing one atomically and keeps soft links, owner,
     /// mode and access list. Processes with the old one open keep it intact and detect the replacement. Where
     /// the operating system does not allow the replacement (its folder is not writable), the file is emptied
     /// instead. Null when that is not possible, with the old file unchanged, and at once for anything but a
     /// regular file. The caller owns the new object.
     static monFile* Create(const char* path, const char* title);
+    template<fsAnyPath P, qelText T>
+    requires(fsPathObject<P> || qelTextObject<T>) static monFile* Create(const P& path, const T& title)
+    {
+        return Create(fsPathArgument(path), qelTextArgument(title));
+    }
 
     /// Whether the path now leads to another file or to none, or this file has no name left.
     bool isReplaced();
@@ -195,11 +211,31 @@ public:
     // Another process is adding parameters" after waiting 2 seconds.
 
     monIntParam* Int(const char* name);
+    template<qelTextObject N>
+    monIntParam* Int(const N& name)
+    {
+        return Int(qelTextArgument(name));
+    }
     monBoolParam* Bool(const char* name);
+    template<qelTextObject N>
+    monBoolParam* Bool(const N& name)
+    {
+        return Bool(qelTextArgument(name));
+    }
     monRealParam* Real(const char* name);
+    template<qelTextObject N>
+    monRealParam* Real(const N& name)
+    {
+        return Real(qelTextArgument(name));
+    }
     /// `capacity`: the greatest length in bytes. An existing parameter keeps its own.
     /// @throws qelXNativeException  "monFile::String: Negative capacity"
     monStringParam* String(const char* name, int capacity);
+    template<qelTextObject N>
+    monStringParam* String(const N& name, int capacity)
+    {
+        return String(qelTextArgument(name), capacity);
+    }
 
     // The results of Check.
     enum State {

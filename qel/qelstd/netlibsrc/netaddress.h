@@ -20,14 +20,13 @@ public:
     template<qelTextObject H>
     static netAddress* Create(int port, const H& host)
     {
-        return Create(port, static_cast<const char*>(qelTextArgument(host)));
+        return Create(port, qelTextArgument(host));
     }
     template<qelText S, qelText H>
     requires(qelTextObject<S> || qelTextObject<H>) static netAddress* Create(const S& serverName,
                                                                              const H& host)
     {
-        return Create(static_cast<const char*>(qelTextArgument(serverName)),
-                      static_cast<const char*>(qelTextArgument(host)));
+        return Create(qelTextArgument(serverName), qelTextArgument(host));
     }
 
     xstring getHostName() { return hostName; }

@@ -120,6 +120,17 @@ public:
     /// @throws netXException  there is no name server, or it already has the name or rejects it
     static netBaseServer* Create(const char* name, int port);
     static netBaseServer* Create(const char* name, int port, const char* listenOn);
+    template<qelTextObject S>
+    static netBaseServer* Create(const S& name, int port)
+    {
+        return Create(qelTextArgument(name), port);
+    }
+    template<qelText S, qelText L>
+    requires(qelTextObject<S> || qelTextObject<L>) static netBaseServer* Create(const S& name, int port,
+                                                                                const L& listenOn)
+    {
+        return Create(qelTextArgument(name), port, qelTextArgument(listenOn));
+    }
     /// The interface for servers of this process that are created without one: its address or name; null, the
     /// initial value: all interfaces. Safe to call from any thread.
     static void setListenInterface(const char* listenOn);

@@ -25,14 +25,13 @@ public:
     template<qelTextObject S>
     static netServer* Create(const S& name, int port)
     {
-        return Create(static_cast<const char*>(qelTextArgument(name)), port);
+        return Create(qelTextArgument(name), port);
     }
     template<qelText S, qelText L>
     requires(qelTextObject<S> || qelTextObject<L>) static netServer* Create(const S& name, int port,
                                                                             const L& listenOn)
     {
-        return Create(static_cast<const char*>(qelTextArgument(name)), port,
-                      static_cast<const char*>(qelTextArgument(listenOn)));
+        return Create(qelTextArgument(name), port, qelTextArgument(listenOn));
     }
     ~netServer() override;
 

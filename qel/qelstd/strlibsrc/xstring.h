@@ -381,9 +381,9 @@ private:
     const char* characters = nullptr;
 };
 
-/// A text that is an object: not a pointer, not a literal.
+/// Any kind of text but those that are a `const char*` already.
 template<class T>
-concept qelTextObject = std::same_as<T, xstring> || qelTextClass<T>;
+concept qelTextObject = qelText<T> && !std::is_convertible_v<const T&, const char*>;
 
 /// Equal strings have equal hashes, whatever their forms.
 template<>

@@ -356,7 +356,7 @@ long tmTime::floorOf(double seconds)
     return static_cast<long>(std::floor(seconds));
 }
 
-std::optional<tmCalendar> tmTime::utc() const
+bool tmTime::utcFields(tmCalendar* fields) const
 {
     // 400 years have a whole number of weeks.
     constexpr long long cycleDays = 146097;
@@ -372,40 +372,42 @@ std::optional<tmCalendar> tmTime::utc() const
         left -= length;
     const long long fullYear = year + cycle * 400;
     if (fullYear < INT_MIN || fullYear > INT_MAX)
-        return std::nullopt;
+        return false;
     int month = 1;
     for (; left >= daysIn(year, month); ++month)
         left -= daysIn(year, month);
-    return tmCalendar{static_cast<int>(fullYear), month,      left + 1, dayOfWeek, second / 3600,
-                      second / 60 % 60,           second % 60};
+    *fields = {static_cast<int>(fullYear), month,      left + 1, dayOfWeek, second / 3600,
+               second / 60 % 60,           second % 60};
+    return true;
 }
 
 xstring tmTime::toIso() const
 {
-    const std::optional<tmCalendar> at = utc();
-    if (!at || at->year < 0 || at->year > 9999)
+    tmCalendar at;
+    if (!utcFields(&at) || at.year < 0 || at.year > 9999)
         return nullptr;
-    return xstring::Printf("%04d-%02d-%02dT%02d:%02d:%02dZ", at->year, at->month, at->dayOfMonth, at->hour,
-                           at->minute, at->second);
+    return xstring::Printf("%04d-%02d-%02dT%02d:%02d:%02dZ", at.year, at.month, at.dayOfMonth, at.hour,
+                           at.minute, at.second);
 }
 
-std::optional<tmTime> tmTime::fromIso(const char* text)
+bool tmTime::readIso(const char* text, long* seconds)
 {
     if (!qelIsObject(text))
-        return std::nullopt;
+        return false;
     IsoText iso(text);
     int year, month, day, hour = 0, minute = 0, second = 0, zone = 0;
     if (!iso.number(4, 0, 9999, &year) || !iso.take('-') || !iso.number(2, 1, 12, &month) || !iso.take('-') ||
         !iso.number(2, 1, daysIn(year, month), &day))
-        return std::nullopt;
+        return false;
     if (!iso.isAtEnd() &&
         (!iso.take('T') || !iso.number(2, 0, 23, &hour) || !iso.take(':') || !iso.number(2, 0, 59, &minute) ||
          !iso.take(':') || !iso.number(2, 0, 59, &second) || !readZone(iso, &zone)))
-        return std::nullopt;
+        return false;
     if (!iso.isAtEnd())
-        return std::nullopt;
-    return tmTime(
-        static_cast<long>(daysTo(year, month, day) * daySeconds + hour * 3600 + minute * 60 + second - zone));
+        return false;
+    *seconds =
+        static_cast<long>(daysTo(year, month, day) * daySeconds + hour * 3600 + minute * 60 + second - zone);
+    return true;
 }
 
 double tmTime::RealTime()

@@ -1,8 +1,6 @@
 #pragma once
 
 #include <compare>
-#include <limits>
-#include <optional>
 
 #include <qel/qelduration.h>
 #include <qel/xobject.h>
@@ -80,12 +78,9 @@ public:
     /// The time that a strict ISO 8601 text gives: `2004-12-31T23:59:59Z`, or with an offset such as `+01:00`
     /// for the Z; a date alone is its midnight in UTC. Nothing for any other text, and for a date that does not
     /// exist.
-    static std::optional<tmTime> fromIso(const char* text);
-    template<qelTextObject T>
-    static std::optional<tmTime> fromIso(const T& text)
-    {
-        return fromIso(static_cast<const char*>(qelTextArgument(text)));
-    }
+    /// A std::optional<tmTime>; defined in <qel/qelcpp.h>.
+    template<qelText T>
+    static auto fromIso(const T& text);
 
     /// The current time in seconds, with microseconds.
     static double RealTime();
@@ -94,8 +89,9 @@ public:
 
     /// Seconds since 1970.
     double seconds() const { return AbsTime; }
-    /// The fields in UTC; nothing when the year fits no int.
-    std::optional<tmCalendar> utc() const;
+    /// The fields in UTC; nothing when the year fits no int. A std::optional<tmCalendar>; defined in
+    /// <qel/qelcpp.h>.
+    auto utc() const;
     /// The nearest time point that P holds.
     template<tmSystemTime P>
     explicit operator P() const
@@ -104,12 +100,10 @@ public:
         using Count = decltype(D().count());
         const double ticks =
             AbsTime * static_cast<double>(D::period::den) / static_cast<double>(D::period::num);
-        constexpr auto last = std::numeric_limits<Count>::max();
-        constexpr auto first = std::numeric_limits<Count>::lowest();
-        if (ticks >= static_cast<double>(last))
-            return P(D(last));
-        if (ticks <= static_cast<double>(first))
-            return P(D(first));
+        if (ticks >= static_cast<double>(D::max().count()))
+            return P(D::max());
+        if (ticks <= static_cast<double>(D::min().count()))
+            return P(D::min());
         return P(D(static_cast<Count>(AbsTime) * D::period::den / D::period::num));
     }
 
@@ -161,6 +155,9 @@ public:
 
 private:
     static long floorOf(double seconds);
+    /// Behind fromIso and utc; false where these return nothing.
+    static bool readIso(const char* text, long* seconds);
+    bool utcFields(tmCalendar* fields) const;
 
     double AbsTime;
 };

@@ -133,29 +133,29 @@ public:
     template<qelText K>
     bool contains(const K& key) const
     {
-        return self()->find(static_cast<const char*>(qelTextArgument(key)), nullptr) != 0;
+        return self()->find(qelTextArgument(key), nullptr) != 0;
     }
     /// Returns the value for `key`, or `fallback`.
     template<qelText K>
     T value_or(const K& key, T fallback) const
     {
-        self()->find(static_cast<const char*>(qelTextArgument(key)), &fallback);
+        self()->find(qelTextArgument(key), &fallback);
         return fallback;
     }
     template<qelTextObject K>
     unsigned char find(const K& key, T* out)
     {
-        return find(xstring(key).CastToCString(), out);
+        return find(qelTextArgument(key), out);
     }
     template<qelTextObject K>
     void set(const K& key, T value)
     {
-        set(xstring(key).CastToCString(), std::move(value));
+        set(qelTextArgument(key), std::move(value));
     }
     template<qelTextObject K>
     void remove(const K& key)
     {
-        remove(xstring(key).CastToCString());
+        remove(qelTextArgument(key));
     }
 
     /// Returns the number of entries.
