@@ -41,6 +41,13 @@ Owned<ioStringStream> Holding(ioSerializer* serializer, const std::string& bytes
     return stream;
 }
 
+// The bytes of a number, given from the highest to the lowest, in this machine's order.
+std::string Native(const std::string& hex)
+{
+    const std::string bytes = Hex(hex);
+    return std::endian::native == std::endian::big ? bytes : std::string(bytes.rbegin(), bytes.rend());
+}
+
 // The text form's operations, for any buffer.
 struct Ascii : ioAsciiSerializer
 {
@@ -123,13 +130,13 @@ void CompareWithStandard(const std::string& input, ioTryCode (Ascii::*read)(V&, 
 TEST(BinaryForm, HasNativeByteOrder)
 {
     EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteByte(0xC7); }), Hex("C7"));
-    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteInt(1); }), Hex("01 00 00 00"));
-    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteInt(-2); }), Hex("FE FF FF FF"));
+    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteInt(1); }), Native("00 00 00 01"));
+    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteInt(-2); }), Native("FF FF FF FE"));
     EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteBool(1); }), Hex("01"));
     EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteBool(77); }), Hex("4D"));
-    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteReal(1.0); }), Hex("00 00 00 00 00 00 F0 3F"));
+    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteReal(1.0); }), Native("3F F0 00 00 00 00 00 00"));
     // length, bytes
-    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteString("abc"); }), Hex("03 00 00 00 61 62 63"));
+    EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteString("abc"); }), Native("00 00 00 03") + "abc");
     EXPECT_EQ(Written(binary, [](ioStream& s) { s.WriteString(""); }), Hex("00 00 00 00"));
 }
 

@@ -454,6 +454,7 @@ TEST_F(Registry, RemovesItsOwnLeftoversOnly)
     dir.write(unfinished + "0123456789abcdef", "1 v\nhalf written");
     dir.write(unfinished + "fedcba9876543210/v.value", "1 v\nhalf deleted");
     dir.write(unfinished + "fedcba9876543210/sub/.name", "Sub");
+    dir.write(unfinished + "fedcba9876543210/notes", "the user's");
     for (const char* name : {"notes", ".unfinished/notes", "User/key/.v.new", "User/key/.new", "User/key/x"})
         dir.write(std::string("in/store/") + name, "the user's");
     dir.link(dir.path("in/store/notes"), unfinished + "0000000000000000");
@@ -462,7 +463,8 @@ TEST_F(Registry, RemovesItsOwnLeftoversOnly)
     EXPECT_THAT(namesIn(dir.path("in/store")),
                 testing::UnorderedElementsAre(".lock", "notes", ".unfinished", "User"));
     EXPECT_THAT(namesIn(dir.path("in/store/.unfinished")),
-                testing::UnorderedElementsAre("0000000000000000", "notes"));
+                testing::UnorderedElementsAre("0000000000000000", "fedcba9876543210", "notes"));
+    EXPECT_EQ(namesIn(dir.path(unfinished + "fedcba9876543210")), std::vector<std::string>{"notes"});
     EXPECT_THAT(namesIn(dir.path("in/store/User/key")),
                 testing::IsSupersetOf({".new", ".v.new", "v.value", "x"}));
     EXPECT_EQ(RegDeleteKeyA(HKEY_CURRENT_USER, "key"), ERROR_DIR_NOT_EMPTY);
