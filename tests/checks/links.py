@@ -1,7 +1,7 @@
 """links.py ROOT: what the documents point to exists, and a reader who begins with README.md finds each page of docs/.
 
-Checked are the links between documents, with their headings; the pages that comments in sources name; and the headers that
-documents name."""
+Checked are the links between documents, with their headings; the pages that comments in sources name; the headers that
+documents name; and the commands of ./dev, each of which installs its prerequisites."""
 import re
 import tree
 
@@ -52,6 +52,15 @@ for document, text in texts.items():
     faults += [f"{document.relative_to(root)}: there is no header <{header}>"
                for header in re.findall(r"<(qel/[\w/.]+\.h)>", text) if header.rsplit("/", 1)[-1] not in headers]
 
-if len(documents) < 20 or sum(map(len, links.values())) < 20:
-    faults.append(f"hardly any links in {len(documents)} documents")
+commands = dict(re.findall(r"^run_(\w+)\(\)\s*\{(.*?\n(?=\})|.*\}$)", (root / "dev").read_text(),
+                           re.MULTILINE | re.DOTALL))
+faults += [f"dev: {name} installs nothing" for name, body in commands.items()
+           if not re.search(r"^\s*((need|run)_\w+|need \S+)|\.ci/run", body, re.MULTILINE)]
+for document in documents:
+    faults += [f"{document.relative_to(root)}: ./dev has no command {name}"
+               for name in re.findall(r"(?<![\w/])\./dev ([a-z]\w*)", document.read_text())
+               if name not in commands and name != "help"]
+
+if len(commands) < 10 or len(documents) < 20 or sum(map(len, links.values())) < 20:
+    faults.append(f"hardly any links in {len(documents)} documents, or commands in dev")
 tree.finish(faults)

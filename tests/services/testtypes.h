@@ -310,102 +310,57 @@ private:
 
 QEL_LABELS(Colour, "test::Colour", red, green, blue);
 
-inline constinit qelClass Person::rtti = {
-    .name = "test::Person",
-    .counted = true,
-    .attrs = {QEL_ATTR(Name), QEL_ATTR(Age), QEL_ATTR(Height, qelOptional), QEL_ATTR(Member, qelOptional),
-              QEL_ATTR(Favourite)},
-};
-inline constinit qelClass Pair::rtti = {
-    .name = "test::Pair",
-    .counted = true,
-    .attrs = {QEL_ATTR(Left, qelOptional), QEL_ATTR(Right, qelOptional)},
-};
-inline constinit qelClass Loose::rtti = {
-    .name = "test::Loose",
-    .attrs = {QEL_ATTR(Value, qelOptional)},
-};
+inline constinit qelClass Person::rtti = {.name = "test::Person",
+                                          .counted = true,
+                                          .attrs = {QEL_ATTR(Name), QEL_ATTR(Age),
+                                                    QEL_ATTR(Height, qelOptional),
+                                                    QEL_ATTR(Member, qelOptional), QEL_ATTR(Favourite)}};
+inline constinit qelClass Pair::rtti = {.name = "test::Pair",
+                                        .counted = true,
+                                        .attrs = {QEL_ATTR(Left, qelOptional), QEL_ATTR(Right, qelOptional)}};
+inline constinit qelClass Loose::rtti = {.name = "test::Loose", .attrs = {QEL_ATTR(Value, qelOptional)}};
 
-inline constinit qelClass Being::rtti = {
-    .name = "test::Being",
-    .counted = true,
-    .attrs = {QEL_ATTR(Id)},
-};
+inline constinit qelClass Being::rtti = {.name = "test::Being", .counted = true, .attrs = {QEL_ATTR(Id)}};
 inline constinit qelClass Swimmer::rtti = {
-    .name = "test::Swimmer",
-    .counted = true,
-    .parents = {QEL_PARENT(Being)},
-    .attrs = {QEL_ATTR(Depth)},
-};
+    .name = "test::Swimmer", .counted = true, .parents = {QEL_PARENT(Being)}, .attrs = {QEL_ATTR(Depth)}};
 inline constinit qelClass Flyer::rtti = {
-    .name = "test::Flyer",
-    .counted = true,
-    .parents = {QEL_PARENT(Being)},
-    .attrs = {QEL_ATTR(Height)},
-};
-inline constinit qelClass Duck::rtti = {
-    .name = "test::Duck",
-    .counted = true,
-    .parents = {QEL_PARENT(Swimmer), QEL_PARENT(Flyer)},
-    .attrs = {QEL_ATTR(Call)},
-};
+    .name = "test::Flyer", .counted = true, .parents = {QEL_PARENT(Being)}, .attrs = {QEL_ATTR(Height)}};
+inline constinit qelClass Duck::rtti = {.name = "test::Duck",
+                                        .counted = true,
+                                        .parents = {QEL_PARENT(Swimmer), QEL_PARENT(Flyer)},
+                                        .attrs = {QEL_ATTR(Call)}};
 
 inline constinit qelClass List::rtti = {
-    .name = "test::List",
-    .counted = true,
-    .elements = qelSequenceOf<self, qelOptional>,
-};
+    .name = "test::List", .counted = true, .elements = qelSequenceOf<self, qelOptional>};
 inline constinit qelClass Table::rtti = {
-    .name = "test::Table",
-    .counted = true,
-    .elements = qelDictionaryOf<self, qelOptional>,
-};
+    .name = "test::Table", .counted = true, .elements = qelDictionaryOf<self, qelOptional>};
 inline constinit qelClass Grid::rtti = {
-    .name = "test::Grid",
-    .counted = true,
-    .elements = qelArrayOf<self>,
-    .dims = {2, 3},
-};
+    .name = "test::Grid", .counted = true, .elements = qelArrayOf<self>, .dims = {2, 3}};
 
-inline constinit qelClass Choice::rtti = {
-    .name = "test::Choice",
-    .counted = true,
-    .discriminator = QEL_ATTR(Kind),
-    .cases = {{1, QEL_ATTR(Number)}, {2, QEL_ATTR(Text)}},
-};
-inline constinit qelClass ColourChoice::rtti = {
-    .name = "test::ColourChoice",
-    .counted = true,
-    .discriminator = QEL_ATTR(Colour),
-    .cases = {{red, QEL_ATTR(Heat)}},
-    .otherwise = QEL_ATTR(Rest, qelOptional),
-};
-inline constinit qelClass WiderChoice::rtti = {
-    .name = "test::WiderChoice",
-    .counted = true,
-    .parents = {QEL_PARENT(Choice)},
-    .discriminator = QEL_ATTR(Kind),
-    .cases = {{3, QEL_ATTR(More)}},
-};
+inline constinit qelClass Choice::rtti = {.name = "test::Choice",
+                                          .counted = true,
+                                          .discriminator = QEL_ATTR(Kind),
+                                          .cases = {{1, QEL_ATTR(Number)}, {2, QEL_ATTR(Text)}}};
+inline constinit qelClass ColourChoice::rtti = {.name = "test::ColourChoice",
+                                                .counted = true,
+                                                .discriminator = QEL_ATTR(Colour),
+                                                .cases = {{red, QEL_ATTR(Heat)}},
+                                                .otherwise = QEL_ATTR(Rest, qelOptional)};
+inline constinit qelClass WiderChoice::rtti = {.name = "test::WiderChoice",
+                                               .counted = true,
+                                               .parents = {QEL_PARENT(Choice)},
+                                               .discriminator = QEL_ATTR(Kind),
+                                               .cases = {{3, QEL_ATTR(More)}}};
 
-inline constinit qelClass LooseError::rtti = {
-    .name = "test::LooseError",
-    .parents = {QEL_PARENT(qelXException)},
-};
+inline constinit qelClass LooseError::rtti = {.name = "test::LooseError",
+                                              .parents = {QEL_PARENT(qelXException)}};
 inline constinit qelClass Faulty::rtti = {
     .name = "test::Faulty",
     .counted = true,
-    .attrs = {QEL_ATTR(Own), QEL_ATTR(Loose), QEL_ATTR(Foreign), QEL_ATTR(Number), QEL_ATTR(Good)},
-};
+    .attrs = {QEL_ATTR(Own), QEL_ATTR(Loose), QEL_ATTR(Foreign), QEL_ATTR(Number), QEL_ATTR(Good)}};
 inline constinit qelClass Cancelling::rtti = {
-    .name = "test::Cancelling",
-    .counted = true,
-    .attrs = {QEL_ATTR(N)},
-};
+    .name = "test::Cancelling", .counted = true, .attrs = {QEL_ATTR(N)}};
 inline constinit qelClass FaultyTable::rtti = {
-    .name = "test::FaultyTable",
-    .counted = true,
-    .elements = qelDictionaryOf<self, qelOptional>,
-};
+    .name = "test::FaultyTable", .counted = true, .elements = qelDictionaryOf<self, qelOptional>};
 
 } // namespace testtypes
