@@ -203,6 +203,11 @@ std::vector<btkSocketAddress> btkResolve(const char* host, int port, btkTimeval 
 {
     if (btkIsThisMachine(host))
         return {btkSocketAddress::Loopback(AF_INET, port), btkSocketAddress::Loopback(AF_INET6, port)};
+    return btkResolveAsSystem(host, port, limit);
+}
+
+std::vector<btkSocketAddress> btkResolveAsSystem(const char* host, int port, btkTimeval limit)
+{
     Question question;
     question.host = host;
     question.port = port;

@@ -34,6 +34,8 @@ struct btkSocketAddress
 /// Returns the addresses of `host`, the preferred one first; for this machine its loopback. Empty when there
 /// are none or `limit` passed during name resolution; the reason is in errno.
 std::vector<btkSocketAddress> btkResolve(const char* host, int port, btkTimeval limit);
+/// The same, with this machine's name being what the system's resolver makes of it.
+std::vector<btkSocketAddress> btkResolveAsSystem(const char* host, int port, btkTimeval limit);
 /// Returns the address of this machine's interface `name`, which may itself be an address. Empty when there
 /// is none.
 std::vector<btkSocketAddress> btkResolveInterface(const char* name, int port);

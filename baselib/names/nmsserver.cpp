@@ -21,8 +21,10 @@ namespace {
 
 constexpr btkTimeval pauseWithoutRoom(0, 50000);
 constexpr btkTimeval endingLimit(0, 500000);
+// For the store's part of a request. Clients wait 5 seconds and more.
+constexpr btkTimeval storeLimit(3, 500000);
 // Poll entries other than those of the clients.
-constexpr std::size_t fixedPlaces = 3;
+constexpr std::size_t fixedPlaces = 5;
 constexpr std::size_t receiveSize = 16384;
 constexpr std::size_t sendSize = 65536;
 // Before the other clients' turn.
@@ -70,7 +72,7 @@ const char* nameOf(const std::string& path)
 
 struct nmsServer::Client
 {
-    enum State { Asking, Answering, Leaving, Gone };
+    enum State { Asking, Waiting, Answering, Leaving, Gone };
 
     btkStreamSocket socket;
     std::string address;
@@ -87,6 +89,11 @@ struct nmsServer::Client
     bool isForeign = false;
     nmsRequestCode code = nmsRequestCode::ping;
     nmsRecordReader reader;
+
+    // While it is waiting for the store: for what, until when, and the result so far.
+    std::set<nmsTable::Id> awaited;
+    btkTimeval answerBy;
+    int status = nmscDone;
 
     // To be sent next, before `records`.
     std::string out;
@@ -134,6 +141,8 @@ bool nmsServer::Listen(btkAcceptSocket passed)
             stderr);
     if (!options.stateFile.empty())
         LoadState();
+    if (options.sharing.connect)
+        shared = std::make_unique<nmsShared>(table, options.sharing);
     return true;
 }
 
@@ -148,8 +157,8 @@ void nmsServer::Run()
     PublishIfDue();
     btkTimeval end = btkTimeval::Forever();
     while (!isStopping || (!clients.IsEmpty() && btkTimeval::Now() < end)) {
-        const btkTimeval limit = isStopping ? std::min(NextLimit(), end) : NextLimit();
-        if (Sleep(limit))
+        const btkTimeval next = std::min(NextLimit(), NextSharedWork());
+        if (Sleep(isStopping ? std::min(next, end) : next))
             isStopping = true;
         for (const auto& client : clients)
             if (client->ready != 0)
@@ -157,6 +166,8 @@ void nmsServer::Run()
         DropLate();
         if (!isStopping)
             AcceptClients();
+        if (shared != nullptr)
+            FinishShared();
         ReportRefusals();
         PublishIfDue();
         if (saveAt <= btkTimeval::Now())
@@ -166,7 +177,9 @@ void nmsServer::Run()
             door.Close();
         }
         if (isStopping)
-            clients.DropIf([](const Client& client) { return client.state != Client::Answering; });
+            clients.DropIf([](const Client& client) {
+                return client.state != Client::Answering && client.state != Client::Waiting;
+            });
     }
     clients.Clear();
     if (table.GetVersion() != savedVersion)
@@ -186,10 +199,18 @@ bool nmsServer::Sleep(btkTimeval limit)
     asked[0] = {isStopping ? -1 : stop, POLLIN, 0};
     asked[1] = {isStopping ? -1 : signals.Get(), POLLIN, 0};
     asked[2] = {isDoorOpen ? door.GetHandle() : -1, POLLIN, 0};
+    asked[3] = {-1, POLLIN, 0};
+    asked[4] = {shared != nullptr ? table.GetExitHandle() : -1, POLLIN, 0};
+    if (shared != nullptr)
+        asked[3] = {shared->GetHandle(), static_cast<short>(shared->IsBehind() ? POLLIN | POLLOUT : POLLIN),
+                    0};
     pollfd* place = &asked[fixedPlaces];
     for (const auto& client : clients)
         *place++ = {client->socket.GetHandle(),
-                    static_cast<short>(client->state == Client::Answering ? POLLOUT : POLLIN), 0};
+                    static_cast<short>(client->state == Client::Answering ? POLLOUT
+                                       : client->state == Client::Waiting ? 0
+                                                                          : POLLIN),
+                    0};
     const auto count = static_cast<std::size_t>(place - asked.get());
     if (btkPoll(asked.get(), count, limit.IsForever() ? limit : limit - now) < 0)
         return true;
@@ -204,6 +225,17 @@ btkTimeval nmsServer::NextLimit() const
 {
     const btkTimeval work = options.publish && isCountChanged ? std::min(saveAt, publishAt) : saveAt;
     return clients.IsEmpty() ? work : std::min(work, clients[0].since + options.requestLimit);
+}
+
+btkTimeval nmsServer::NextSharedWork() const
+{
+    if (shared == nullptr)
+        return btkTimeval::Forever();
+    btkTimeval next = shared->NextWork();
+    for (const auto& client : clients)
+        if (client->state == Client::Waiting)
+            next = std::min(next, client->answerBy);
+    return next;
 }
 
 void nmsServer::DropLate()
@@ -329,17 +361,14 @@ void nmsServer::Answer(Client& client)
         switch (client.code) {
         case nmsRequestCode::ping:
             break;
-        case nmsRequestCode::enter: {
-            const nmsRights rights = RightsOf(client.socket);
-            status = !isWhole ? nmscInternal
-                     : record.owner != 0 && !isLocal()
-                         ? nmscNotAllowed
-                         : table.Add(std::move(record), holderOf(client.socket, rights), rights);
+        case nmsRequestCode::enter:
+            status = !isWhole                          ? nmscInternal
+                     : record.owner != 0 && !isLocal() ? nmscNotAllowed
+                                                       : Enter(client);
             break;
-        }
         case nmsRequestCode::remove: {
             std::size_t kept = 0;
-            const std::size_t count = isWhole ? table.Remove(record, RightsOf(client.socket), &kept) : 0;
+            const std::size_t count = isWhole ? Remove(client, kept) : 0;
             status = !isWhole    ? nmscInternal
                      : count > 0 ? nmscDone
                      : kept > 0  ? nmscNotAllowed
@@ -352,8 +381,8 @@ void nmsServer::Answer(Client& client)
                 status = nmscInternal;
                 break;
             }
-            takeScope(record);
-            client.records = table.Find(record);
+            client.records =
+                takeScope(record) && shared != nullptr ? shared->Find(record) : table.Find(record);
             nmsPutInt(rest, static_cast<int>(client.records.size()));
             break;
         case nmsRequestCode::shutdown:
@@ -370,10 +399,71 @@ void nmsServer::Answer(Client& client)
         }
     if (stateFolder && table.GetVersion() != savedVersion && saveAt.IsForever())
         saveAt = btkTimeval::Now() + saveDelay;
+    client.out = rest;
+    if (client.awaited.empty())
+        return Finish(client, status);
+    client.state = Client::Waiting;
+    client.answerBy =
+        std::min(btkTimeval::Now() + storeLimit, client.since + options.requestLimit - pauseWithoutRoom);
+}
+
+void nmsServer::Finish(Client& client, int status)
+{
     Count(client, status);
-    client.out.assign(1, static_cast<char>(status));
-    client.out += rest;
+    client.out.insert(0, 1, static_cast<char>(status));
     client.state = Client::Answering;
+}
+
+int nmsServer::Enter(Client& client)
+{
+    const nmsRights rights = RightsOf(client.socket);
+    nmsTable::Id added = 0;
+    const int status = table.Add(std::move(client.reader.record), holderOf(client.socket, rights), rights,
+                                 shared != nullptr ? nmsTable::Hidden : nmsTable::Shown, added);
+    if (shared != nullptr && status == nmscDone) {
+        shared->Enter(added);
+        client.awaited.insert(added);
+    }
+    return status;
+}
+
+std::size_t nmsServer::Remove(Client& client, std::size_t& kept)
+{
+    std::vector<nmsTable::Id> removed;
+    const std::size_t count = table.Remove(client.reader.record, RightsOf(client.socket), &kept, &removed);
+    if (shared != nullptr)
+        client.awaited.insert(removed.begin(), removed.end());
+    return count;
+}
+
+// Lets the shared records proceed, and answers the clients whose requests the store has carried out, or has not
+// in time.
+void nmsServer::FinishShared()
+{
+    shared->Work(asked[3].revents != 0);
+    asked[3].revents = 0;
+    std::vector<nmsShared::Result> results = shared->TakeResults();
+    const btkTimeval now = btkTimeval::Now();
+    for (const auto& client : clients) {
+        if (client->state != Client::Waiting)
+            continue;
+        for (const auto& [id, status] : results)
+            if (client->awaited.erase(id) > 0 && status != nmscDone)
+                client->status = status;
+        if (!client->awaited.empty() && now < client->answerBy)
+            continue;
+        if (!client->awaited.empty()) {
+            client->status = nmscInternal;
+            // What was not entered in time is withdrawn.
+            for (const nmsTable::Id id : client->awaited)
+                table.Remove(id);
+        }
+        Finish(*client, client->status);
+        Serve(*client);
+    }
+    if (table.GetVersion() != savedVersion && stateFolder && saveAt.IsForever())
+        saveAt = now + saveDelay;
+    clients.DropIf([](const Client& client) { return client.state == Client::Gone; });
 }
 
 void nmsServer::Send(Client& client)
@@ -446,6 +536,8 @@ nmsFields nmsServer::Describe() const
     about.Set("Refused", std::to_string(use.refused));
     if (use.lastRefusal != nullptr)
         about.Set("LastRefusal", use.lastRefusal);
+    if (shared != nullptr)
+        shared->Describe(about);
     return about;
 }
 

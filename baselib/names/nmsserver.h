@@ -9,6 +9,7 @@
 
 #include <qel/base/btksocket.h>
 #include <qel/base/netsilentset.h>
+#include <qel/base/nmsshared.h>
 #include <qel/base/nmstable.h>
 
 struct pollfd;
@@ -45,6 +46,9 @@ struct nmsServerOptions
     /// Number of clients that may wait at once. One more evicts another: see netSilentSet.
     std::size_t waiting = 256;
     nmsTableLimits table = {};
+    /// If it connects to a keeper, a record is registered once the store holds it, and queries with the scope
+    /// of nmsScopeField are for the records of all machines.
+    nmsSharingOptions sharing = {};
     /// Unless empty, Run calls it at its beginning, and at most ten times a second when the counts may have
     /// changed. It does not throw.
     std::function<void(const nmsServerCounts& counts, const nmsTableUse& use)> publish = {};
@@ -88,8 +92,13 @@ private:
     bool Parse(Client& client);
     void Answer(Client& client);
     nmsRights RightsOf(const btkStreamSocket& client) const;
+    void Finish(Client& client, int status);
+    void FinishShared();
+    int Enter(Client& client);
+    std::size_t Remove(Client& client, std::size_t& kept);
     void Send(Client& client);
     btkTimeval NextLimit() const;
+    btkTimeval NextSharedWork() const;
     void DropLate();
     nmsFields Describe() const;
     void ReportRefusals();
@@ -100,6 +109,7 @@ private:
 
     nmsServerOptions options;
     nmsTable table;
+    std::unique_ptr<nmsShared> shared; // null: it shares nothing
     nmsServerCounts counts;
     bool isCountChanged = true;
     btkTimeval publishAt; // if the counts have changed

@@ -11,6 +11,8 @@
 #include <unistd.h>
 #include <unordered_set>
 
+#include "nmsstore.h"
+
 namespace {
 
 constexpr const char* nameField = "_ServerName";
@@ -74,7 +76,8 @@ nmsTable::nmsTable(const nmsTableLimits& most)
 {
 }
 
-nmscReturnCode nmsTable::Add(nmsFields&& record, const std::string& peer, const nmsRights& rights)
+nmscReturnCode nmsTable::Add(nmsFields&& record, const std::string& peer, const nmsRights& rights,
+                             Visibility visibility, Id& added)
 {
     DropDead();
     if (IsTaken(record))
@@ -87,13 +90,15 @@ nmscReturnCode nmsTable::Add(nmsFields&& record, const std::string& peer, const 
         return Refuse(full);
     encoded->Count();
     const Id id = nextId++;
-    const auto entry = entries.emplace_hint(entries.end(), id,
-                                            Entry{process, nullptr, Encoded(encoded, &encoded->text), {}});
+    const auto entry = entries.emplace_hint(
+        entries.end(), id,
+        Entry{process, nullptr, Encoded(encoded, &encoded->text), {}, visibility == Hidden});
     try {
         const nmscReturnCode refusal = process == 0 ? nmscDone : Acquire(process, rights);
         if (refusal == nmscDone) {
             Index(*entry, record, peer);
             ++version;
+            added = id;
         } else {
             Erase(entry);
         }
@@ -171,22 +176,21 @@ nmsTableUse nmsTable::GetUse() const
     return {entries.size(), withoutOwner, owners.size(), *bytes, refused, lastRefusal};
 }
 
-std::size_t nmsTable::Remove(const nmsFields& pattern, const nmsRights& rights, std::size_t* kept)
+std::size_t nmsTable::Remove(const nmsFields& pattern, const nmsRights& rights, std::size_t* kept,
+                             std::vector<Id>* removed)
 {
-    DropDead();
-    const std::vector<Id> found = Match(pattern);
-    std::size_t removed = 0;
-    for (const Id id : found) {
-        const auto entry = entries.find(id);
-        if (!MayRemove(entry->second, rights))
-            continue;
-        Erase(entry);
-        ++removed;
-    }
-    version += removed;
+    std::vector<Id> found = List(pattern);
+    const auto allowed = std::stable_partition(found.begin(), found.end(),
+                                               [&](Id id) { return MayRemove(entries.at(id), rights); });
     if (kept != nullptr)
-        *kept = found.size() - removed;
-    return removed;
+        *kept = static_cast<std::size_t>(found.end() - allowed);
+    found.erase(allowed, found.end());
+    for (const Id id : found)
+        Remove(id);
+    const std::size_t count = found.size();
+    if (removed != nullptr)
+        *removed = std::move(found);
+    return count;
 }
 
 bool nmsTable::MayRemove(const Entry& entry, const nmsRights& rights) const
@@ -204,13 +208,36 @@ std::string nmsTable::HolderOf(btkUserId user)
     return userMark + std::to_string(user);
 }
 
+bool nmsTable::Remove(Id record)
+{
+    const auto entry = entries.find(record);
+    if (entry == entries.end())
+        return false;
+    Drop(entry);
+    ++version;
+    return true;
+}
+
 std::vector<nmsTable::Encoded> nmsTable::Find(const nmsFields& pattern)
 {
-    DropDead();
     std::vector<Encoded> found;
-    for (const Id id : Match(pattern))
+    for (const Id id : List(pattern))
         found.push_back(entries.at(id).encoded);
     return found;
+}
+
+std::vector<nmsTable::Id> nmsTable::List(const nmsFields& pattern)
+{
+    DropDead();
+    std::vector<Id> found = Match(pattern);
+    std::erase_if(found, [&](Id id) { return entries.at(id).isHidden; });
+    return found;
+}
+
+std::string nmsTable::GetStart(Id record) const
+{
+    const std::uint32_t owner = entries.at(record).owner;
+    return owner == 0 ? std::string() : owners.at(owner).start;
 }
 
 // The matching records whose processes are alive.
@@ -274,7 +301,28 @@ void nmsTable::DropDead()
 void nmsTable::DropOwner(std::uint32_t id)
 {
     for (auto owner = owners.find(id); owner != owners.end(); owner = owners.find(id))
-        Erase(entries.find(*owner->second.ids.begin()));
+        Drop(entries.find(*owner->second.ids.begin()));
+}
+
+void nmsTable::RemoveExited()
+{
+    DropDead();
+    if (owners.size() == handles)
+        return;
+    std::vector<std::uint32_t> asked;
+    for (const auto& [id, owner] : owners)
+        asked.push_back(id);
+    for (const std::uint32_t owner : asked)
+        if (HasEnded(owner))
+            DropOwner(owner);
+}
+
+// Removes a record that was entered.
+void nmsTable::Drop(std::map<Id, Entry>::iterator entry)
+{
+    if (onRemoval)
+        onRemoval(entry->first);
+    Erase(entry);
 }
 
 // Ensures that a process is registered and may have one more record.
@@ -350,68 +398,19 @@ namespace {
 
 constexpr std::string_view savedMark = "qel name server 1\n";
 
-// Ids and start times of processes are valid until the machine restarts.
-std::string runOfMachine()
-{
-    const btkFd file = btkOpenFile("/proc/sys/kernel/random/boot_id", btkOpenRead);
-    char text[64];
-    const std::ptrdiff_t size = btkRead(file.Get(), text, sizeof text);
-    return std::string(text, static_cast<std::size_t>(std::max<std::ptrdiff_t>(size, 0)));
-}
-
-void putText(std::string& to, const std::string& text)
-{
-    nmsPutInt(to, static_cast<int>(text.size()));
-    to += text;
-}
-
-// Parses saved bytes. After an incomplete part no more is read.
-class SavedReader
-{
-public:
-    explicit SavedReader(std::string_view saved) : rest(saved) {}
-
-    bool IsSound() const { return isSound; }
-    bool IsAtEnd() const { return isSound && rest.empty(); }
-    std::string_view Take(std::size_t size)
-    {
-        isSound = isSound && size <= rest.size();
-        const std::string_view taken = isSound ? rest.substr(0, size) : std::string_view();
-        rest.remove_prefix(taken.size());
-        return taken;
-    }
-    unsigned TakeInt()
-    {
-        const std::string_view bytes = Take(nmsIntSize);
-        return isSound ? static_cast<unsigned>(nmsGetInt(bytes.data())) : 0;
-    }
-    std::string TakeText() { return std::string(Take(TakeInt())); }
-    nmsFields TakeRecord()
-    {
-        nmsRecordReader reader;
-        while (isSound && reader.GetWanted() > 0) {
-            const std::string_view piece = Take(reader.GetWanted());
-            isSound = isSound && reader.Take(piece.data());
-        }
-        isSound = isSound && reader.IsWhole();
-        return std::move(reader.record);
-    }
-
-private:
-    std::string_view rest;
-    bool isSound = true;
-};
-
 } // namespace
 
 std::string nmsTable::Save() const
 {
     std::string saved(savedMark);
-    putText(saved, runOfMachine());
-    nmsPutInt(saved, static_cast<int>(entries.size()));
+    nmsPutText(saved, nmsRunOfMachine());
+    nmsPutInt(saved, static_cast<int>(std::count_if(entries.begin(), entries.end(),
+                                                    [](const auto& held) { return !held.second.isHidden; })));
     for (const auto& [id, entry] : entries) {
-        putText(saved, entry.owner == 0 ? std::string() : owners.at(entry.owner).start);
-        putText(saved, entry.peer == nullptr ? std::string() : entry.peer->first);
+        if (entry.isHidden)
+            continue;
+        nmsPutText(saved, entry.owner == 0 ? std::string() : owners.at(entry.owner).start);
+        nmsPutText(saved, entry.peer == nullptr ? std::string() : entry.peer->first);
         saved += *entry.encoded;
     }
     return saved;
@@ -419,9 +418,9 @@ std::string nmsTable::Save() const
 
 bool nmsTable::Restore(std::string_view saved)
 {
-    SavedReader reader(saved);
+    nmsPartReader reader(saved);
     const bool isMarked = reader.Take(savedMark.size()) == savedMark;
-    const bool isSameRun = reader.TakeText() == runOfMachine();
+    const bool isSameRun = reader.TakeText() == nmsRunOfMachine();
     const unsigned count = reader.TakeInt();
     for (unsigned i = 0; isMarked && i < count && reader.IsSound(); ++i) {
         const std::string start = reader.TakeText();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -61,6 +62,10 @@ class BASE_API nmsTable
 public:
     /// A record in its wire form, shared with the responses that carry it.
     using Encoded = std::shared_ptr<const std::string>;
+    /// The number of a record, which no other one had or will have.
+    using Id = std::uint64_t;
+    /// A hidden record is found and saved only once it is shown; it takes its room and its name at once.
+    enum Visibility : bool { Shown, Hidden };
 
     explicit nmsTable(const nmsTableLimits& most = {});
     nmsTable(const nmsTable&) = delete;
@@ -70,14 +75,41 @@ public:
     /// process has one with this "_ServerName"; nmscNotAllowed: it belongs to a process that does not exist or
     /// is another user's; nmscInternal: there is no room for it. `peer`: the address, or HolderOf a user, whose
     /// records it counts among if it belongs to no process; empty: this machine.
-    nmscReturnCode Add(nmsFields&& record, const std::string& peer = {}, const nmsRights& rights = {});
-    /// Removes the matching records, and returns their number. Those that the rights do not allow remain, and are
-    /// counted in `kept`. Records of no process from other machines may be removed by everybody.
-    std::size_t Remove(const nmsFields& pattern, const nmsRights& rights = {}, std::size_t* kept = nullptr);
+    nmscReturnCode Add(nmsFields&& record, const std::string& peer = {}, const nmsRights& rights = {})
+    {
+        Id added = 0;
+        return Add(std::move(record), peer, rights, Shown, added);
+    }
+    /// The same; `added` gets the record's number.
+    nmscReturnCode Add(nmsFields&& record, const std::string& peer, const nmsRights& rights,
+                       Visibility visibility, Id& added);
+    void Show(Id record) { entries.at(record).isHidden = false; }
+    /// False when there is no such record.
+    bool Remove(Id record);
+    /// Removes the matching records, and returns their number; `removed` gets theirs. Those that the rights do not
+    /// allow remain, and are counted in `kept`. Records of no process from other machines may be removed by
+    /// everybody.
+    std::size_t Remove(const nmsFields& pattern, const nmsRights& rights = {}, std::size_t* kept = nullptr,
+                       std::vector<Id>* removed = nullptr);
     /// Returns the key by which the records of no process of a user of this machine are counted.
     static std::string HolderOf(btkUserId user);
     /// Returns the matching records, in the order in which they were added.
     std::vector<Encoded> Find(const nmsFields& pattern);
+    /// Returns their numbers, ascending.
+    std::vector<Id> List(const nmsFields& pattern);
+    /// One of an existing record.
+    const Encoded& Get(Id record) const { return entries.at(record).encoded; }
+    /// The start time of the record's process, in units of the operating system; empty: it has none.
+    std::string GetStart(Id record) const;
+
+    /// Sets a function to call with the number of each record that is removed, while it still exists. It does
+    /// not throw, and does not use the table.
+    void SetOnRemoval(std::function<void(Id record)> called) { onRemoval = std::move(called); }
+    /// Removes the records of all processes that have exited; without a call, they are removed when an
+    /// operation depends on them. The handle is readable when that may be so; processes without a handle of
+    /// their own are found by the call alone.
+    void RemoveExited();
+    btkHandle GetExitHandle() const { return watch.Get(); }
 
     std::size_t GetSize() const { return entries.size(); }
     nmsTableUse GetUse() const;
@@ -94,7 +126,6 @@ public:
     bool Restore(std::string_view saved);
 
 private:
-    using Id = std::uint64_t;
     /// A field and the records that have it, never none.
     using Place = std::pair<const std::string, std::set<Id>>;
     /// An address and its number of records.
@@ -105,6 +136,7 @@ private:
         Peer* peer; // null: it has an owner
         Encoded encoded;
         std::vector<Place*> places; // of its fields, ascending
+        bool isHidden;
     };
     /// A process with records. If no descriptor is left for it, it is identified by its id and start time.
     struct Owner
@@ -117,6 +149,7 @@ private:
 
     void DropDead();
     void DropOwner(std::uint32_t id);
+    void Drop(std::map<Id, Entry>::iterator entry);
     bool HasEnded(std::uint32_t id) const;
     std::vector<Id> Match(const nmsFields& pattern);
     bool IsTaken(const nmsFields& record);
@@ -142,4 +175,5 @@ private:
     btkFd watch; // reports which processes with a handle have exited
     std::size_t handles = 0;
     std::size_t mostHandles;
+    std::function<void(Id)> onRemoval;
 };

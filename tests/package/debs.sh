@@ -4,7 +4,7 @@
 # are enabled as promised, and no file is left. Then a minimal system installs them, with only what they ask for.
 set -euo pipefail
 
-all=(libqelstd0 libqelstd-dev qelstd-tools qelstd-daemons qelstd-web qelstd-doc python3-qelstd)
+all=(libqelstd0 libqelstd-dev qelstd-tools qelstd-daemons qelstd-web qelstd-etcd qelstd-doc python3-qelstd)
 
 say() { printf '== %s\n' "$*"; }
 fail() { echo "debs: $*" >&2; exit 1; }
@@ -133,8 +133,10 @@ copied() # DEBS SOURCE PLACE: makes the copy in that folder, in a separate mount
                 [[ $depends == *"libqelstd0 (= $version)"* ]] || fail "$package does not ask for libqelstd0: $depends"
                 [[ $depends != *httpd* ]] || fail "$package asks for a web server: $depends" ;;
             qelstd-web) [[ $depends == *libmicrohttpd* ]] || fail "$package does not ask for its library: $depends" ;;
+            qelstd-etcd) [[ $depends == *libcurl4* ]] || fail "$package does not ask for libcurl4: $depends" ;;
             qelstd-daemons) [[ $depends == *qelstd-tools* ]] || fail "$package does not ask for qelstd-tools: $depends" ;;
         esac
+        [[ $package == qelstd-etcd || $depends != *libcurl* ]] || fail "$package asks for libcurl: $depends"
         if [[ $package == libqelstd0 || $package == qelstd-tools ]]; then
             [[ -f $(find "$debs" -maxdepth 1 -name "$package-dbgsym_${version}_*.deb") ]] ||
                 fail "no debug information for $package"

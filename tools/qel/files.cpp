@@ -2,7 +2,10 @@
 #include "files.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <iterator>
+#include <string>
+#include <system_error>
 
 #include <qel/fserror.h>
 #include <qel/fspath.h>
@@ -76,6 +79,16 @@ CommandFailed FileFailureOf(xthrowable* caught)
         failed.why += ": " + reason;
     failed.what = ShownAs(failed.what);
     return failed;
+}
+
+std::string FindHelper(const char* name, const char* package)
+{
+    std::error_code failed;
+    const std::filesystem::path here = std::filesystem::read_symlink("/proc/self/exe", failed).parent_path();
+    for (const std::filesystem::path& program : {here / name, here / "../libexec/qelstd" / name})
+        if (std::filesystem::exists(program, failed))
+            return program.string();
+    Fail(Exit::peer, name, std::string("no such program; the package ") + package + " has it");
 }
 
 void OfferNative(CLI::App& command)

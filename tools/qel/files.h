@@ -4,7 +4,7 @@
 
 #include "commands.h"
 
-// Failure reports of the commands for files, configuration files and the registry.
+// Failure reports of the commands for files, configuration files and the registry, and where files are.
 
 // Platform errors that commands distinguish.
 
@@ -16,6 +16,10 @@ std::string LastErrorText();
 /// Converts a caught exception of the file library to a failure, and releases it; paths are formatted by
 /// ShownAs.
 CommandFailed FileFailureOf(xthrowable* caught);
+
+/// Returns the path of a program that does a part of a command with libraries that this one does without: it lies
+/// beside this one, or where its package installs it. Fails when it is not there.
+std::string FindHelper(const char* name, const char* package);
 
 /// Gives the command the flag --native, which PathOf and ShownAs read.
 void OfferNative(CLI::App& command);

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -11,6 +10,7 @@
 #include <qel/base/btkprocess.h>
 
 #include "exposition.h"
+#include "files.h"
 #include "monitor.h"
 
 namespace {
@@ -43,21 +43,15 @@ std::pair<std::string, std::string> splitAddress(const std::string& address)
     return {host, port};
 }
 
-// The program that serves lies beside this one, or where its package installs it; this one needs no web server.
+// The program that serves is another, so that this one needs no web server.
 void becomeServer(const char* command, const Choices& choices)
 {
     const auto [host, port] = splitAddress(choices.listenOn);
-    std::error_code failed;
-    const std::filesystem::path here = std::filesystem::read_symlink("/proc/self/exe", failed).parent_path();
-    for (const std::filesystem::path& program : {here / "qel-http", here / "../libexec/qelstd/qel-http"}) {
-        if (!std::filesystem::exists(program, failed))
-            continue;
-        std::vector<std::string> words = {program.string(), command, host, port};
-        words.insert(words.end(), choices.paths.begin(), choices.paths.end());
-        Process_Become(words);
-        Fail(Exit::peer, program.string(), std::strerror(errno));
-    }
-    Fail(Exit::peer, "qel-http", "no such program; the package qelstd-web has it");
+    const std::string program = FindHelper("qel-http", "qelstd-web");
+    std::vector<std::string> words = {program, command, host, port};
+    words.insert(words.end(), choices.paths.begin(), choices.paths.end());
+    Process_Become(words);
+    Fail(Exit::peer, program, std::strerror(errno));
 }
 
 } // namespace

@@ -13,11 +13,15 @@
 #include <qel/base/nmsclient.h>
 #include <qel/base/nmsserver.h>
 #include <qel/monstatistics.h>
+#include <qel/syslib.h>
 
 #include "commands.h"
 #include "daemon.h"
+#include "files.h"
 
 namespace {
+
+constexpr btkTimeval resolutionLimit(5, 0);
 
 struct ServeChoices
 {
@@ -30,6 +34,15 @@ struct ServeChoices
     bool isCheckOnly = false;
     std::vector<std::string> shared;
     nmsServerOptions options;
+    // The store; empty: none.
+    std::string store;
+    std::string advertised;
+    std::string authority;
+    std::string certificate;
+    std::string key;
+    std::string user;
+    std::string passwordFile;
+    bool isPlainAllowed = false;
 };
 
 std::string stateFile(const ServeChoices& choices, int port)
@@ -50,6 +63,113 @@ void check(const ServeChoices& choices)
         !file.empty() && !std::filesystem::is_directory(folder))
         Fail(Exit::no, folder.string(), "no such directory");
     Show({{"interface", choices.interface}, {"port", choices.port}, {"state", file.empty() ? "none" : file}});
+}
+
+// ---- the store that it shares with other machines
+
+constexpr const char* storeScheme = "etcd://";
+
+std::vector<std::string> endpointsOf(const ServeChoices& choices)
+{
+    std::vector<std::string> endpoints;
+    std::string rest = choices.store.substr(std::strlen(storeScheme));
+    for (std::size_t end = 0; end != std::string::npos; rest.erase(0, end + 1)) {
+        end = rest.find(',');
+        endpoints.push_back(rest.substr(0, end));
+        if (end == std::string::npos)
+            break;
+    }
+    return endpoints;
+}
+
+void checkStore(const ServeChoices& choices)
+{
+    if (choices.store.rfind(storeScheme, 0) != 0)
+        Fail(Exit::usage, choices.store, "not etcd://HOST:PORT[,HOST:PORT...]");
+    if (choices.port == 0)
+        Fail(Exit::usage, "--store", "needs a port that the other machines can know");
+    const std::string& host = choices.advertised;
+    const bool isText =
+        host.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.:-") ==
+        std::string::npos;
+    if (host.empty() || !isText || host.size() > 253)
+        Fail(Exit::usage, "--advertise", "no name or address of this machine: " + host);
+    if (nmsIsLoopbackHost(host.c_str(), resolutionLimit))
+        Fail(Exit::no, host, "resolves to the loopback, which is no address for other machines");
+    for (const std::string& endpoint : endpointsOf(choices)) {
+        const std::size_t colon = endpoint.rfind(':');
+        const std::string port = colon == std::string::npos ? "" : endpoint.substr(colon + 1);
+        if (colon == 0 || port.empty() || port.find_first_not_of("0123456789") != std::string::npos)
+            Fail(Exit::usage, endpoint, "not HOST:PORT");
+        if (choices.authority.empty() && !choices.isPlainAllowed &&
+            !nmsIsLoopbackHost(endpoint.substr(0, colon).c_str(), resolutionLimit))
+            Fail(Exit::usage, endpoint, "beyond this machine a store needs --store-ca, or --store-plain");
+    }
+}
+
+// The command line of the program that keeps the records there.
+std::string keeperOf(const ServeChoices& choices)
+{
+    const std::string program = FindHelper("qel-names-etcd", "qelstd-etcd");
+    std::string line;
+    const auto add = [&line](const std::string& word) {
+        line += line.empty() ? "'" : " '";
+        for (const char c : word)
+            line += c == '\'' ? std::string("'\"'\"'") : std::string(1, c);
+        line += '\'';
+    };
+    const auto option = [&add](const char* name, const std::string& value) {
+        if (value.empty())
+            return;
+        add(name);
+        add(value);
+    };
+    add(program);
+    for (const std::string& endpoint : endpointsOf(choices))
+        option("--endpoint", endpoint);
+    option("--host", choices.advertised);
+    option("--port", std::to_string(choices.port));
+    option("--state", choices.options.stateFile.empty() ? "" : choices.options.stateFile + ".lease");
+    option("--ca", choices.authority);
+    option("--cert", choices.certificate);
+    option("--key", choices.key);
+    option("--user", choices.user);
+    option("--password-file", choices.passwordFile);
+    if (!choices.shared.empty())
+        add("--shared");
+    return line;
+}
+
+void addStore(CLI::App& command, ServeChoices& choices)
+{
+    CLI::Option* const store = command.add_option(
+        "--store", choices.store,
+        "Share the records with the name servers of other machines: the etcd that keeps them, as "
+        "etcd://HOST:PORT[,HOST:PORT...]");
+    store->type_name("URL");
+    const auto add = [&](const char* name, std::string& value, const char* help, const char* type) {
+        command.add_option(name, value, help)->type_name(type)->needs(store);
+    };
+    add("--advertise", choices.advertised,
+        "Name or address by which other machines reach this one (default: its name)", "HOST");
+    add("--store-ca", choices.authority,
+        "Certificate of the store's authority; with it, the connection is encrypted", "FILE");
+    add("--store-cert", choices.certificate, "Certificate of this client for the store", "FILE");
+    add("--store-key", choices.key, "Its key", "FILE");
+    add("--store-user", choices.user, "User of the store", "NAME");
+    add("--store-password-file", choices.passwordFile, "A file with its password", "FILE");
+    command
+        .add_flag("--store-plain", choices.isPlainAllowed,
+                  "Allow a plain connection to a store beyond this machine")
+        ->needs(store);
+    command.add_option("--max-copied", choices.options.sharing.records, "Records of other machines held")
+        ->type_name("COUNT")
+        ->capture_default_str();
+    command
+        .add_option("--max-copied-of-machine", choices.options.sharing.recordsOfMachine,
+                    "Records of one other machine held")
+        ->type_name("COUNT")
+        ->capture_default_str();
 }
 
 // ---- its statistics
@@ -106,6 +226,12 @@ void serve(ServeChoices& choices)
     options.stateFile = stateFile(choices, options.port);
     options.table.areNamesShared = !choices.shared.empty();
     options.untilSignal = true;
+    if (!choices.store.empty()) {
+        if (choices.advertised.empty())
+            choices.advertised = sysGetCurHostName().CastToCString();
+        checkStore(choices);
+        options.sharing.connect = [line = keeperOf(choices)] { return nmsStartKeeper(line); };
+    }
     if (choices.isCheckOnly)
         return check(choices);
     const std::unique_ptr<monStatistics> statistics = openStatistics(choices);
@@ -177,6 +303,7 @@ void AddNameServer(CLI::App& group)
     command.add_flag("--no-state", choices->hasNoState, "Keep no records while the server does not run");
     command.add_flag("--no-statistics", choices->hasNoStatistics,
                      "Publish no figures for `qel top` in the run-time directory");
+    addStore(command, *choices);
     command.add_flag("--check-config", choices->isCheckOnly,
                      "Do not serve: check the settings, and print those that the server would have");
     OfferJson(command);

@@ -1,0 +1,716 @@
+#include "keeper.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <random>
+
+#include <qel/base/btkreplace.h>
+
+namespace {
+
+const std::string prefix = "/qelstd/names/";
+const std::string recordPrefix = prefix + "records/";
+const std::string claimPrefix = prefix + "claims/";
+constexpr int leaseSeconds = 15;
+constexpr btkTimeval leaseTime(leaseSeconds, 0);
+constexpr btkTimeval renewInterval(5, 0);
+constexpr btkTimeval renewPause(0, 300000);
+constexpr btkTimeval tryPause(0, 200000);
+constexpr btkTimeval takenPause(5, 0);
+constexpr btkTimeval fullPause(2, 0);
+constexpr std::size_t mostBusy = 32;
+constexpr int pageSize = 1000;
+
+btkTimeval now()
+{
+    return nmsTimeOfMachine();
+}
+
+std::string endOf(std::string keys)
+{
+    ++keys.back(); // "/" is followed by "0"
+    return keys;
+}
+
+std::string randomKey()
+{
+    static std::random_device source;
+    std::string text;
+    for (int i = 0; i < 4; ++i) {
+        char digits[9];
+        std::snprintf(digits, sizeof digits, "%08x", static_cast<unsigned>(source()));
+        text += digits;
+    }
+    return text;
+}
+
+bool isBelow(const std::string& key, const std::string& keys)
+{
+    return key.compare(0, keys.size(), keys) == 0;
+}
+
+Json wasCreated(const std::string& key, std::uint64_t revision)
+{
+    return {{"key", ToBase64(key)},
+            {"target", "CREATE"},
+            {"result", "EQUAL"},
+            {"create_revision", std::to_string(revision)}};
+}
+
+Json rangeOf(const std::string& key)
+{
+    return {{"request_range", {{"key", ToBase64(key)}}}};
+}
+
+Json holds(const std::string& key, const std::string& value)
+{
+    return {{"key", ToBase64(key)}, {"target", "VALUE"}, {"result", "EQUAL"}, {"value", ToBase64(value)}};
+}
+
+Json deletionOf(const std::string& key)
+{
+    return {{"request_delete_range", {{"key", ToBase64(key)}}}};
+}
+
+// Whether the user must authenticate again: the token has expired, or the users have changed since.
+bool isOutdated(const EtcdReply& reply)
+{
+    return reply.code == EtcdReply::unauthenticated || reply.code == EtcdReply::invalid;
+}
+
+bool hasSucceeded(const Json& body)
+{
+    const Json& flag = MemberOf(body, "succeeded"); // left out when false
+    return flag.is_boolean() && flag.get<bool>();
+}
+
+std::uint64_t revisionOf(const Json& body)
+{
+    return NumberIn(MemberOf(body, "header"), "revision");
+}
+
+std::string textIn(const Json& object, const char* name)
+{
+    const Json& text = MemberOf(object, name);
+    return text.is_string() ? text.get<std::string>() : std::string();
+}
+
+// The pair that the i-th range of a failed transaction found; null: none.
+const Json& foundBy(const Json& body, std::size_t i)
+{
+    static const Json none;
+    const Json& responses = MemberOf(body, "responses");
+    if (!responses.is_array() || i >= responses.size())
+        return none;
+    const Json& pairs = MemberOf(MemberOf(responses[i], "response_range"), "kvs");
+    return pairs.is_array() && !pairs.empty() ? pairs[0] : none;
+}
+
+} // namespace
+
+Keeper::Keeper(nmsChannel channel, KeeperOptions wanted, EtcdOptions store)
+    : server(std::move(channel)), options(std::move(wanted)), etcd(std::move(store)),
+      machine(options.host + ':' + std::to_string(options.port)), ownPrefix(recordPrefix + machine + '/'),
+      run(nmsRunOfMachine())
+{
+    run.erase(std::min(run.find('\n'), run.size()));
+    if (const btkFd file = btkOpenFile(options.stateFile.c_str(), btkOpenRead)) {
+        char text[64] = {};
+        btkRead(file.Get(), text, sizeof text - 1);
+        lease = std::strtoull(text, nullptr, 10);
+    }
+}
+
+void Keeper::Run()
+{
+    connectAt = now();
+    while (server.IsOpen()) {
+        KeepTime();
+        Proceed();
+        server.Flush();
+        const btkTimeval time = now();
+        const btkTimeval next = NextTime();
+        const bool isServerReady =
+            etcd.Work(next > time ? next - time : btkTimeval(), server.GetHandle(), server.IsBehind());
+        if (isServerReady && server.IsOpen())
+            server.Receive([this](nmsStoreMessage kind, nmsPartReader parts) { Hear(kind, parts); });
+    }
+}
+
+// ---- the name server
+
+void Keeper::Hear(nmsStoreMessage kind, nmsPartReader parts)
+{
+    if (kind == nmsStoreMessage::ready) {
+        isReady = true;
+        if (isLive)
+            Adopt();
+        return;
+    }
+    const std::uint64_t id = parts.TakeNumber();
+    if (kind == nmsStoreMessage::enter) {
+        const std::string start = parts.TakeText();
+        const nmsFields record = parts.TakeRecord();
+        if (parts.IsAtEnd())
+            Enter(id, start, record);
+    } else if (kind == nmsStoreMessage::leave) {
+        if (Own* const left = Find(id); left != nullptr) {
+            left->isWanted = false;
+            open.insert(id);
+            left->tryAt = {};
+        } else {
+            Tell(nmsStoreMessage::left, id);
+        }
+    }
+}
+
+void Keeper::Enter(std::uint64_t id, const std::string& start, const nmsFields& record)
+{
+    std::string encoded;
+    nmsPutRecord(encoded, record);
+    Own& added = own[id];
+    open.insert(id);
+    added.key = ownPrefix + randomKey();
+    byKey[added.key] = id;
+    const bool hasProcess = record.owner != 0;
+    // Records of no process outlive the machine's run.
+    added.value = Json{{"owner", record.owner},
+                       {"start", start},
+                       {"boot", hasProcess ? run : ""},
+                       {"record", ToBase64(encoded)}}
+                      .dump();
+    const std::string* const name = record.Find("_ServerName");
+    if (name == nullptr || !hasProcess || options.areNamesShared)
+        return;
+    added.claim = claimPrefix + *name;
+    added.claimant = ClaimantOf(record, start, run);
+    byClaimant[added.claimant].insert(id);
+}
+
+// A process's claim to an exclusive name.
+std::string Keeper::ClaimantOf(const nmsFields& record, const std::string& start,
+                               const std::string& boot) const
+{
+    return Json{{"machine", machine},
+                {"owner", record.owner},
+                {"start", start},
+                {"boot", boot},
+                {"name", ToBase64(*record.Find("_ServerName"))}}
+        .dump();
+}
+
+void Keeper::Tell(nmsStoreMessage kind, std::uint64_t id, const std::string& more)
+{
+    std::string parts;
+    nmsPutNumber(parts, id);
+    server.Send(kind, parts + more);
+}
+
+void Keeper::TellOther(const Stored& record)
+{
+    // The key, RECORDS/HOST:PORT/RANDOM, is what a role in etcd lets a machine write.
+    const std::size_t slash = record.key.rfind('/');
+    const std::size_t colon = record.key.rfind(':', slash);
+    const Json value = Json::parse(record.value, nullptr, false);
+    const std::string encoded = FromBase64(textIn(value, "record"));
+    nmsPartReader reader(encoded);
+    reader.TakeRecord();
+    if (!reader.IsAtEnd() || colon == std::string::npos || colon <= recordPrefix.size())
+        return; // of another program
+    std::string parts;
+    nmsPutText(parts, record.key);
+    nmsPutNumber(parts, record.created);
+    nmsPutText(parts, record.key.substr(recordPrefix.size(), colon - recordPrefix.size()));
+    server.Send(nmsStoreMessage::other, parts + encoded);
+}
+
+void Keeper::TellState(bool stale, const std::string& why)
+{
+    if (stale == isStale && why == told)
+        return;
+    isStale = stale;
+    told = why;
+    std::string parts;
+    nmsPutNumber(parts, stale ? 1 : 0);
+    nmsPutText(parts, why);
+    server.Send(nmsStoreMessage::state, parts);
+}
+
+// ---- the lease, and the copy
+
+btkTimeval Keeper::NextTime() const
+{
+    const btkTimeval end = hasLease ? leaseEnd : btkTimeval::Forever();
+    return std::min({renewAt, connectAt, tryAt, end});
+}
+
+void Keeper::KeepTime()
+{
+    const btkTimeval time = now();
+    if (hasLease && leaseEnd <= time)
+        LoseLease("the lease could not be renewed: " + trouble);
+    if (renewAt <= time)
+        Renew();
+    if (connectAt <= time)
+        Connect();
+}
+
+// Posts a request of the present attempt to connect; replies to those of earlier ones are ignored.
+void Keeper::Post(const char* path, const Json& body, Etcd::Done done)
+{
+    etcd.Post(path, body, [this, done = std::move(done), of = attempt](const EtcdReply& reply) {
+        if (of != attempt)
+            return;
+        if (reply.code == EtcdReply::done)
+            return done(reply);
+        if (isOutdated(reply))
+            etcd.SetToken({});
+        ConnectAgain(reply.why);
+    });
+}
+
+void Keeper::Connect()
+{
+    connectAt = btkTimeval::Forever();
+    ++attempt;
+    isLive = false;
+    etcd.StopWatch();
+    const EtcdOptions& store = etcd.GetOptions();
+    if (store.user.empty() || etcd.HasToken())
+        return TakeLease();
+    Post("/v3/auth/authenticate", {{"name", store.user}, {"password", store.password}},
+         [this](const EtcdReply& reply) {
+             etcd.SetToken(textIn(reply.body, "token"));
+             TakeLease();
+         });
+}
+
+void Keeper::ConnectAgain(const std::string& why, btkTimeval pause)
+{
+    ++attempt;
+    isLive = false;
+    etcd.StopWatch();
+    connectAt = now() + pause;
+    if (isStale)
+        TellState(true, why);
+}
+
+void Keeper::TakeLease()
+{
+    const btkTimeval sent = now();
+    if (lease != 0) {
+        Post("/v3/lease/keepalive", {{"ID", std::to_string(lease)}}, [this, sent](const EtcdReply& reply) {
+            // A lease that has ended has no time to live.
+            if (NumberIn(MemberOf(reply.body, "result"), "TTL") > 0)
+                return HaveLease(lease, sent);
+            lease = 0;
+            if (hasLease)
+                LoseLease("the store has ended the lease");
+            else
+                TakeLease();
+        });
+        return;
+    }
+    Post("/v3/lease/grant", {{"TTL", std::to_string(leaseSeconds)}},
+         [this, sent](const EtcdReply& reply) { HaveLease(NumberIn(reply.body, "ID"), sent); });
+}
+
+void Keeper::HaveLease(std::uint64_t id, btkTimeval sent)
+{
+    if (id == 0)
+        return ConnectAgain("no lease in the reply");
+    const bool isNew = id != lease;
+    lease = id;
+    hasLease = true;
+    leaseEnd = sent + leaseTime;
+    renewAt = sent + renewInterval;
+    const std::string text = std::to_string(lease) + '\n';
+    btkReplacement file;
+    if (isNew && !options.stateFile.empty() &&
+        !(file.CreateBeside(options.stateFile.c_str()) && file.Write(text.data(), text.size()) &&
+          file.TakePlace(btkReplacement::Unsynced)))
+        std::fprintf(stderr, "qel-names-etcd: %s cannot be written\n", options.stateFile.c_str());
+    stored.clear();
+    claims.clear();
+    Load(prefix, 0);
+}
+
+void Keeper::Renew()
+{
+    const btkTimeval sent = now();
+    renewAt = sent + renewInterval;
+    etcd.Post("/v3/lease/keepalive", {{"ID", std::to_string(lease)}},
+              [this, sent, of = lease](const EtcdReply& reply) {
+                  if (of != lease || !hasLease)
+                      return;
+                  if (isOutdated(reply)) {
+                      etcd.SetToken({});
+                      return ConnectAgain(reply.why);
+                  }
+                  trouble = reply.why;
+                  if (reply.code != EtcdReply::done)
+                      renewAt = std::min(renewAt, now() + renewPause);
+                  else if (NumberIn(MemberOf(reply.body, "result"), "TTL") > 0)
+                      leaseEnd = std::max(leaseEnd, sent + leaseTime);
+                  else
+                      LoseLease("the store has ended the lease");
+              });
+}
+
+// Tries to renew it again all the same: the store may have given it more time.
+void Keeper::LoseLease(const std::string& why)
+{
+    hasLease = false;
+    renewAt = btkTimeval::Forever();
+    TellState(true, why);
+    for (auto& [id, record] : own) {
+        record.isHeld = false;
+        open.insert(id);
+    }
+    ConnectAgain(why);
+}
+
+// Loads all keys from `from` on, a page at a time, at one revision.
+void Keeper::Load(const std::string& from, Revision revision)
+{
+    if (revision == 0)
+        server.Send(nmsStoreMessage::reload);
+    const Json page = {{"key", ToBase64(from)},
+                       {"range_end", ToBase64(endOf(prefix))},
+                       {"limit", std::to_string(pageSize)},
+                       {"revision", std::to_string(revision)}};
+    Post("/v3/kv/range", page, [this, revision](const EtcdReply& reply) {
+        std::string last;
+        for (const Json& pair : MemberOf(reply.body, "kvs")) {
+            Stored found = {FromBase64(textIn(pair, "key")), FromBase64(textIn(pair, "value")),
+                            NumberIn(pair, "create_revision"), NumberIn(pair, "lease")};
+            last = found.key;
+            if (isBelow(found.key, claimPrefix))
+                claims[found.key] = std::move(found);
+            else if (isBelow(found.key, ownPrefix))
+                stored[found.key] = std::move(found);
+            else if (isBelow(found.key, recordPrefix))
+                TellOther(found);
+        }
+        const Revision at = revision != 0 ? revision : revisionOf(reply.body);
+        if (MemberOf(reply.body, "more").is_boolean() && !last.empty())
+            Load(last + '\0', at);
+        else
+            Loaded(at);
+    });
+}
+
+void Keeper::Loaded(Revision revision)
+{
+    server.Send(nmsStoreMessage::loaded);
+    isLive = true;
+    const Json request = {{"create_request",
+                           {{"key", ToBase64(prefix)},
+                            {"range_end", ToBase64(endOf(prefix))},
+                            {"start_revision", std::to_string(revision + 1)}}}};
+    etcd.Watch(request, [this](const Json* message, const std::string& why) { HearWatch(message, why); });
+    if (isReady)
+        Adopt();
+    CheckFresh();
+}
+
+void Keeper::HearWatch(const Json* message, const std::string& why)
+{
+    if (message == nullptr)
+        return ConnectAgain(why);
+    const Json& events = MemberOf(*message, "events");
+    if (events.is_array())
+        for (const Json& event : events)
+            HearEvent(event);
+}
+
+void Keeper::HearEvent(const Json& event)
+{
+    const Json& pair = MemberOf(event, "kv");
+    const Stored changed = {FromBase64(textIn(pair, "key")), FromBase64(textIn(pair, "value")),
+                            NumberIn(pair, "create_revision"), NumberIn(pair, "lease")};
+    const bool isGone = textIn(event, "type") == "DELETE";
+    if (isBelow(changed.key, claimPrefix)) {
+        if (isGone)
+            for (const std::uint64_t id : open)
+                if (Own& record = own.at(id); record.claim == changed.key)
+                    record.tryAt = {};
+    } else if (isBelow(changed.key, ownPrefix)) {
+        const auto known = byKey.find(changed.key);
+        if (known == byKey.end()) {
+            if (!isGone && isReady)
+                DeleteOrphan(changed);
+        } else if (Own& record = own.at(known->second); isGone && !record.isBusy && record.isHeld) {
+            // By hand, or by another machine of the same name.
+            record.isHeld = false;
+            record.revision = 0;
+            record.tryAt = now() + fullPause;
+            open.insert(known->second);
+        }
+    } else if (isGone) {
+        std::string parts;
+        nmsPutText(parts, changed.key);
+        server.Send(nmsStoreMessage::gone, parts);
+    } else {
+        TellOther(changed);
+    }
+}
+
+// Fresh: the copy is live, and each own record is entered or displaced.
+void Keeper::CheckFresh()
+{
+    if (!isStale || !isLive || !isReady || !hasLease)
+        return;
+    const bool isSettled = std::all_of(own.begin(), own.end(), [](const auto& record) {
+        return record.second.isHeld || record.second.isTaken || !record.second.isWanted;
+    });
+    if (isSettled)
+        TellState(false, "connected to " + etcd.GetEndpoint());
+}
+
+// ---- own records
+
+Keeper::Own* Keeper::Find(std::uint64_t id)
+{
+    const auto found = own.find(id);
+    return found == own.end() ? nullptr : &found->second;
+}
+
+// Whether a record of the name server, other than `except`, has that claimant and is, or is not, wanted.
+bool Keeper::HasClaimant(const std::string& claimant, std::uint64_t except, bool isWanted) const
+{
+    const auto found = byClaimant.find(claimant);
+    return found != byClaimant.end() &&
+           std::any_of(found->second.begin(), found->second.end(),
+                       [&](std::uint64_t id) { return id != except && own.at(id).isWanted == isWanted; });
+}
+
+void Keeper::Forget(std::uint64_t id)
+{
+    const auto place = own.find(id);
+    byKey.erase(place->second.key);
+    if (const auto found = byClaimant.find(place->second.claimant); found != byClaimant.end()) {
+        found->second.erase(id);
+        if (found->second.empty())
+            byClaimant.erase(found);
+    }
+    own.erase(place);
+    open.erase(id);
+    Tell(nmsStoreMessage::left, id);
+}
+
+// Compares what was loaded with the name server's records: takes over what is the same, and removes the rest.
+void Keeper::Adopt()
+{
+    for (auto& [id, record] : own)
+        if (!record.isBusy) {
+            record.isHeld = false;
+            record.revision = 0;
+            open.insert(id);
+        }
+    std::map<std::string_view, std::uint64_t> byValue;
+    for (const auto& [id, record] : own)
+        if (!record.isAsked)
+            byValue[record.value] = id;
+    for (const auto& [key, found] : std::exchange(stored, {})) {
+        const auto known = byKey.find(key);
+        const auto same = byValue.find(found.value);
+        const auto place = known != byKey.end()    ? own.find(known->second)
+                           : same != byValue.end() ? own.find(same->second)
+                                                   : own.end();
+        if (known == byKey.end() && same != byValue.end())
+            byValue.erase(same);
+        const auto claim = place == own.end() ? claims.end() : claims.find(place->second.claim);
+        const bool isWhole =
+            place != own.end() && (place->second.claim.empty() ||
+                                   (claim != claims.end() && claim->second.value == place->second.claimant));
+        if (!isWhole) {
+            if (place == own.end() || !place->second.isBusy)
+                DeleteOrphan(found);
+            continue;
+        }
+        Own& record = place->second;
+        if (record.isBusy)
+            continue;
+        byKey.erase(record.key);
+        record.key = key;
+        byKey[key] = place->first;
+        record.isAsked = true;
+        record.revision = found.created;
+        if (found.lease == lease && record.isWanted)
+            Keep(place->first, record, found.created);
+    }
+    CheckFresh();
+}
+
+void Keeper::Proceed()
+{
+    tryAt = btkTimeval::Forever();
+    const btkTimeval time = now();
+    for (auto place = open.begin(); place != open.end();) {
+        const std::uint64_t id = *place++;
+        Own& record = own.at(id);
+        if (record.isBusy)
+            continue;
+        if (record.isWanted && record.isHeld)
+            open.erase(id);
+        else if (!record.isWanted && !record.isAsked)
+            Forget(id);
+        else if (!isLive || !isReady || !hasLease)
+            continue;
+        else if (record.tryAt > time)
+            tryAt = std::min(tryAt, record.tryAt);
+        else if (busy < mostBusy)
+            Proceed(id, record);
+    }
+}
+
+void Keeper::Proceed(std::uint64_t id, Own& record)
+{
+    if (!record.isWanted)
+        Delete(id, !record.claim.empty() && !HasClaimant(record.claimant, id, true));
+    else if (!record.claim.empty() && HasClaimant(record.claimant, id, false))
+        record.tryAt = now() + tryPause; // a deletion of the same claim may be on its way
+    else
+        Put(id, 0);
+}
+
+Json Keeper::PutOf(const std::string& key, const std::string& value) const
+{
+    return {{"request_put",
+             {{"key", ToBase64(key)}, {"value", ToBase64(value)}, {"lease", std::to_string(lease)}}}};
+}
+
+// Enters a record, if neither it nor another claim exists: the claim has been created at `claimed`, 0 for none.
+void Keeper::Put(std::uint64_t id, Revision claimed)
+{
+    Own& record = own.at(id);
+    // A record under an earlier lease keeps its revision.
+    Json txn = {{"compare", Json::array({wasCreated(record.key, record.revision)})},
+                {"success", Json::array({PutOf(record.key, record.value)})},
+                {"failure", Json::array({rangeOf(record.key)})}};
+    if (!record.claim.empty()) {
+        txn["compare"].push_back(wasCreated(record.claim, claimed));
+        txn["success"].push_back(PutOf(record.claim, record.claimant));
+        txn["failure"].push_back(rangeOf(record.claim));
+    }
+    record.isBusy = true;
+    record.isAsked = true;
+    ++busy;
+    etcd.Post("/v3/kv/txn", txn, [this, id](const EtcdReply& reply) {
+        --busy;
+        own.at(id).isBusy = false;
+        HavePut(id, reply);
+        CheckFresh();
+    });
+}
+
+void Keeper::HavePut(std::uint64_t id, const EtcdReply& reply)
+{
+    Own& record = own.at(id);
+    if (reply.code != EtcdReply::done)
+        return Fail(record, reply, id);
+    if (hasSucceeded(reply.body))
+        return Keep(id, record, record.revision != 0 ? record.revision : revisionOf(reply.body));
+
+    const Json& found = foundBy(reply.body, 0);
+    const Json& claim = foundBy(reply.body, 1);
+    const Revision created = NumberIn(found, "create_revision");
+    const std::string claimant = FromBase64(textIn(claim, "value"));
+    // The key is random: an earlier transaction, whose outcome was not known, has entered the record.
+    if (created != 0 && NumberIn(found, "lease") == lease &&
+        (record.claim.empty() || claimant == record.claimant))
+        return Keep(id, record, created);
+    record.revision = created;
+    const bool isOwnMachine = textIn(Json::parse(claimant, nullptr, false), "machine") == machine;
+    if (claim.is_object() && !isOwnMachine) {
+        record.tryAt = now() + takenPause;
+        record.isTaken = true;
+        Tell(nmsStoreMessage::taken, id);
+    } else if (claim.is_object() && record.isWanted &&
+               (claimant == record.claimant ||
+                (!HasClaimant(claimant, id, true) && !HasClaimant(claimant, id, false)))) {
+        // By another record of the process, or left over by a process that has exited.
+        Put(id, NumberIn(claim, "create_revision"));
+    } else {
+        record.tryAt = now() + tryPause;
+    }
+}
+
+void Keeper::Keep(std::uint64_t id, Own& record, Revision revision)
+{
+    record.isHeld = hasLease;
+    if (record.isHeld && record.isWanted)
+        open.erase(id);
+    record.isTaken = false;
+    record.revision = revision;
+    std::string parts;
+    nmsPutNumber(parts, revision);
+    Tell(nmsStoreMessage::held, id, parts);
+}
+
+void Keeper::Delete(std::uint64_t id, bool withClaim)
+{
+    Own& record = own.at(id);
+    // Its key is random: what exists there is this record. Repeated, the transaction has no effect.
+    Json exists = wasCreated(record.key, 0);
+    exists["result"] = "GREATER";
+    Json txn = {{"compare", Json::array({exists})},
+                {"success", Json::array({deletionOf(record.key)})},
+                {"failure", Json::array({deletionOf(record.key)})}};
+    if (withClaim) {
+        txn["compare"].push_back(holds(record.claim, record.claimant));
+        txn["success"].push_back(deletionOf(record.claim));
+    }
+    record.isBusy = true;
+    ++busy;
+    etcd.Post("/v3/kv/txn", txn, [this, id](const EtcdReply& reply) {
+        --busy;
+        Own& left = own.at(id);
+        left.isBusy = false;
+        if (reply.code != EtcdReply::done)
+            return Fail(left, reply, id);
+        Forget(id);
+        CheckFresh();
+    });
+}
+
+// Removes a record of this machine that the name server does not have, and its claim unless that is used.
+void Keeper::DeleteOrphan(const Stored& orphan)
+{
+    const Json value = Json::parse(orphan.value, nullptr, false);
+    const std::string encoded = FromBase64(textIn(value, "record"));
+    const nmsFields record = nmsPartReader(encoded).TakeRecord();
+    const std::string* const name = record.Find("_ServerName");
+    Json txn = {{"compare", Json::array({wasCreated(orphan.key, orphan.created)})},
+                {"success", Json::array({deletionOf(orphan.key)})}};
+    if (name != nullptr && record.owner != 0) {
+        const std::string claimant = ClaimantOf(record, textIn(value, "start"), textIn(value, "boot"));
+        const std::string claim = claimPrefix + *name;
+        if (!byClaimant.contains(claimant))
+            txn["success"].push_back({{"request_txn",
+                                       {{"compare", Json::array({holds(claim, claimant)})},
+                                        {"success", Json::array({deletionOf(claim)})}}}});
+    }
+    etcd.Post("/v3/kv/txn", txn, [this](const EtcdReply& reply) {
+        if (reply.code != EtcdReply::done && isLive)
+            ConnectAgain(reply.why); // which finds it again
+    });
+}
+
+void Keeper::Fail(Own& record, const EtcdReply& reply, std::uint64_t id)
+{
+    record.tryAt = now() + tryPause;
+    if (reply.code == EtcdReply::leaseNotFound) {
+        lease = 0;
+        LoseLease("the store has ended the lease");
+    } else if (isOutdated(reply)) {
+        etcd.SetToken({});
+        ConnectAgain(reply.why);
+    } else if (reply.code == EtcdReply::full || reply.code == EtcdReply::denied) {
+        record.tryAt = now() + fullPause;
+        std::string parts;
+        nmsPutText(parts, reply.why);
+        Tell(nmsStoreMessage::refused, id, parts);
+    }
+}
