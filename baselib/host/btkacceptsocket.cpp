@@ -7,6 +7,7 @@
 #include <utility>
 
 #include <qel/base/btkretry.h>
+#include <qel/base/btktrace.h>
 
 #include "btkpoll_p.h"
 #include "btksocket.h"
@@ -106,6 +107,9 @@ bool btkAcceptSocket::Listen(int port, const char* listenOn)
             btkSetOption(made.Get(), IPPROTO_IPV6, IPV6_V6ONLY, listenOn != nullptr);
         if (bind(made.Get(), address.Get(), address.size) == 0 && listen(made.Get(), SOMAXCONN) == 0) {
             fd = std::move(made);
+            if (btkTraces(btkTraceArea::net, btkLevel::info))
+                btkTrace(btkTraceArea::net, btkLevel::info, "listens on %s, port %d, as %d",
+                         GetLocalAddrStr().c_str(), GetPortN(), fd.Get());
             return true;
         }
         if (errno == EADDRINUSE)
@@ -130,6 +134,9 @@ bool btkAcceptSocket::Accept(btkStreamSocket* connection)
     connection->Close();
     connection->fd = std::move(accepted);
     std::memcpy(connection->peer.data(), &address.storage, connection->peer.size());
+    if (btkTraces(btkTraceArea::net, btkLevel::info))
+        btkTrace(btkTraceArea::net, btkLevel::info, "connection of %s as %d",
+                 connection->GetPeerAddrStr().c_str(), connection->GetHandle());
     return true;
 }
 

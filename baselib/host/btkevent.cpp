@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "btkpoll_p.h"
+#include "btktrace.h"
 
 static_assert(sizeof(btkPollSet::Place) == sizeof(pollfd) &&
               offsetof(btkPollSet::Place, ready) == offsetof(pollfd, revents));
@@ -31,6 +32,9 @@ int btkPollSet::Sleep()
         btkPoll(reinterpret_cast<pollfd*>(all), count, asksAgain ? std::min(limit, soon) : limit);
     if (limit > btkTimeval() && !limit.IsForever())
         limit = end - btkTimeval::Now();
+    if (btkTraces(btkTraceArea::events, btkLevel::debug))
+        btkTrace(btkTraceArea::events, btkLevel::debug, "a wait for %zu events ended with %d", count,
+                 marked + ready);
     mayGoOn = ready > 0 || (asksAgain && limit > btkTimeval());
     asksAgain = false;
     return marked + ready;

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <qel/base/btkretry.h>
+#include <qel/base/btktrace.h>
 
 #include "btkpoll_p.h"
 
@@ -77,7 +78,11 @@ btkFd btkFd::Duplicate() const
 
 std::ptrdiff_t btkRead(btkHandle handle, void* to, std::size_t size)
 {
-    return transfer(handle, POLLIN, [&] { return read(handle, to, size); });
+    const std::ptrdiff_t count = transfer(handle, POLLIN, [&] { return read(handle, to, size); });
+    if (btkTraces(btkTraceArea::streams, btkLevel::debug))
+        btkTrace(btkTraceArea::streams, btkLevel::debug, "read %td of %zu bytes from %d", count, size,
+                 handle);
+    return count;
 }
 
 std::ptrdiff_t btkReadAt(btkHandle handle, void* to, std::size_t size, long long position)
@@ -98,6 +103,8 @@ std::size_t btkWrite(btkHandle handle, const void* from, std::size_t size)
     });
     if (done < size && errno == EPIPE)
         guard.Raised();
+    if (btkTraces(btkTraceArea::streams, btkLevel::debug))
+        btkTrace(btkTraceArea::streams, btkLevel::debug, "wrote %zu of %zu bytes to %d", done, size, handle);
     return done;
 }
 
@@ -136,6 +143,12 @@ btkFd btkOpenFile(const char* path, int mode)
     if (opened && fstat(opened.Get(), &status) == 0 && S_ISDIR(status.st_mode)) {
         opened.Reset();
         errno = EISDIR;
+    }
+    if (btkTraces(btkTraceArea::files, btkLevel::info)) {
+        if (opened)
+            btkTrace(btkTraceArea::files, btkLevel::info, "opened %s as %d", path, opened.Get());
+        else
+            btkTrace(btkTraceArea::files, btkLevel::info, "cannot open %s: ", path);
     }
     return opened;
 }

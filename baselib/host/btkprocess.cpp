@@ -15,6 +15,7 @@
 #include <qel/base/btkcmdline.h>
 #include <qel/base/btkenvironment.h>
 #include <qel/base/btkretry.h>
+#include <qel/base/btktrace.h>
 
 #include "btkpoll_p.h"
 #include "btkspawn_p.h"
@@ -186,6 +187,8 @@ void sendSignal(const btkProcess* process, int number)
 {
     if (process->isReaped)
         return;
+    if (btkTraces(btkTraceArea::processes, btkLevel::info))
+        btkTrace(btkTraceArea::processes, btkLevel::info, "signal %d to process %d", number, process->id);
     if (!process->leadsGroup || kill(-process->id, number) != 0)
         signalProcess(process->descriptor.Get(), number);
 }
@@ -211,6 +214,14 @@ bool Process_Launch(btkProcess** process, unsigned long* id, const char* command
     made->abandoned.emplace_back();
     made->leadsGroup = (flags & btkLaunchGroup) != 0;
     made->id = spawn(words, workDir, {in, out, err}, made->leadsGroup);
+    // Only the program: its arguments may be secret.
+    if (btkTraces(btkTraceArea::processes, btkLevel::info)) {
+        if (made->id < 0)
+            btkTrace(btkTraceArea::processes, btkLevel::info, "cannot start %s: ", words[0].c_str());
+        else
+            btkTrace(btkTraceArea::processes, btkLevel::info, "started %s as process %d", words[0].c_str(),
+                     made->id);
+    }
     if (made->id < 0)
         return false;
     made->descriptor.Reset(openProcess(made->id));
@@ -265,6 +276,9 @@ bool Process_Wait(btkProcess* process, long* exitCode, bool wait, bool release)
     if (answer == 0)
         errno = EAGAIN;
     process->isReaped = answer != 0;
+    if (answer > 0 && btkTraces(btkTraceArea::processes, btkLevel::info))
+        btkTrace(btkTraceArea::processes, btkLevel::info, "process %d exited with %ld", process->id,
+                 *exitCode);
     if (answer > 0 && release)
         Process_Free(process);
     return answer > 0;

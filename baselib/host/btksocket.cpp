@@ -14,6 +14,7 @@
 
 #include <qel/base/btkevent.h>
 #include <qel/base/btkretry.h>
+#include <qel/base/btktrace.h>
 
 #include "btkpoll_p.h"
 #include "btksocketaddress_p.h"
@@ -238,9 +239,16 @@ bool btkStreamSocket::Connect(const char* host, int port, btkTimeval limit)
         if (connected) {
             fcntl(connected.Get(), F_SETFL, 0);
             Adopt(std::move(connected));
+            if (btkTraces(btkTraceArea::net, btkLevel::info))
+                btkTrace(btkTraceArea::net, btkLevel::info, "connected to %s, port %d, as %d",
+                         host != nullptr && *host != '\0' ? host : "this machine", port, fd.Get());
             return true;
         }
     }
+    if (btkTraces(btkTraceArea::net, btkLevel::warning))
+        btkTrace(btkTraceArea::net, btkLevel::warning,
+                 "no connection to %s, port %d: ", host != nullptr && *host != '\0' ? host : "this machine",
+                 port);
     return false;
 }
 
@@ -253,6 +261,8 @@ void btkStreamSocket::Adopt(btkFd connected)
 
 void btkStreamSocket::Close()
 {
+    if (fd && btkTraces(btkTraceArea::net, btkLevel::debug))
+        btkTrace(btkTraceArea::net, btkLevel::debug, "closed %d", fd.Get());
     fd.Reset();
     peer = {};
     ahead.reset();
@@ -337,6 +347,9 @@ std::size_t btkStreamSocket::Send(const void* from, std::size_t size, bool oob)
         lastUrgent = btkTimeval::Now();
         receivedThen = btkCountReceived(fd.Get());
     }
+    if (btkTraces(btkTraceArea::streams, btkLevel::debug))
+        btkTrace(btkTraceArea::streams, btkLevel::debug, "sent %zu of %zu %sbytes to %d", done, size,
+                 oob ? "urgent " : "", fd.Get());
     return done;
 }
 

@@ -9,6 +9,8 @@
 #include <new>
 #include <unistd.h>
 
+#include <qel/base/btktrace.h>
+
 struct capi_nmsServerProxy
 {
     std::string host; // empty: this machine
@@ -107,6 +109,10 @@ int nmsExchange::Ask(const char* host, int port, nmsRequestCode code, const std:
     char status = 0;
     if (!Read(&status, 1))
         return noAnswer;
+    if (btkTraces(btkTraceArea::names, btkLevel::info))
+        btkTrace(btkTraceArea::names, btkLevel::info, "request %u to %s, port %d: status %u",
+                 static_cast<unsigned>(code), host != nullptr && *host != '\0' ? host : "this machine", port,
+                 static_cast<unsigned>(static_cast<unsigned char>(status)));
     return static_cast<unsigned char>(status);
 }
 

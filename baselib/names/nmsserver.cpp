@@ -14,6 +14,7 @@
 #include <qel/base/btkreplace.h>
 #include <qel/base/btkretry.h>
 #include <qel/base/btksystem.h>
+#include <qel/base/btktrace.h>
 
 #include "btkpoll_p.h"
 
@@ -135,10 +136,9 @@ bool nmsServer::Listen(btkAcceptSocket passed)
         return false;
     areUsersKnown = btkReportsPeerUsers(door.GetHandle());
     if (!areUsersKnown)
-        std::fputs(
-            "name server: the operating system does not report the users of connections: every user of "
-            "this machine may register, remove and shut down\n",
-            stderr);
+        btkLog(btkLevel::warning,
+               "name server: the operating system does not report the users of connections: every user of "
+               "this machine may register, remove and shut down");
     if (!options.stateFile.empty())
         LoadState();
     if (options.sharing.connect)
@@ -410,6 +410,10 @@ void nmsServer::Answer(Client& client)
 void nmsServer::Finish(Client& client, int status)
 {
     Count(client, status);
+    if (btkTraces(btkTraceArea::names, btkLevel::info))
+        btkTrace(btkTraceArea::names, btkLevel::info, "request %u of %s: status %d, %zu records",
+                 static_cast<unsigned>(client.code), client.socket.GetPeerAddrStr().c_str(), status,
+                 client.records.size());
     client.out.insert(0, 1, static_cast<char>(status));
     client.state = Client::Answering;
 }
@@ -547,8 +551,8 @@ void nmsServer::ReportRefusals()
     const btkTimeval now = btkTimeval::Now();
     if (use.refused == reportedRefusals || now < nextReport)
         return;
-    std::fprintf(stderr, "name server: full: %s; %zu refused since the start\n", use.lastRefusal,
-                 use.refused);
+    btkLog(btkLevel::warning, "name server: full: " + std::string(use.lastRefusal) + "; " +
+                                  std::to_string(use.refused) + " refused since the start");
     reportedRefusals = use.refused;
     nextReport = now + reportInterval;
 }

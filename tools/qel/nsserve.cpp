@@ -10,6 +10,7 @@
 
 #include <qel/base/btkruntime.h>
 #include <qel/base/btksystem.h>
+#include <qel/base/btktrace.h>
 #include <qel/base/nmsclient.h>
 #include <qel/base/nmsserver.h>
 #include <qel/monstatistics.h>
@@ -211,6 +212,32 @@ void publish(monStatistics& statistics, const nmsServerCounts& counts, const nms
     set("silent.displaced", counts.displaced);
 }
 
+// ---- its log
+
+// What was refused since the last call, ten times a second at most: clients cannot fill the log. The server itself
+// reports a full table.
+class RefusalLog
+{
+public:
+    void Note(const nmsServerCounts& counts)
+    {
+        report(refused, counts.refused, "requests refused: not permitted, or not whole");
+        report(expired, counts.expired, "clients closed: no request in time");
+        report(displaced, counts.displaced, "clients closed: too many waited");
+    }
+
+private:
+    template<class Count>
+    static void report(unsigned long long& last, Count now, const char* what)
+    {
+        if (now > last)
+            btkLog(btkLevel::warning, std::to_string(now - last) + ' ' + what);
+        last = now;
+    }
+
+    unsigned long long refused = 0, expired = 0, displaced = 0;
+};
+
 // ---- its start
 
 void serve(ServeChoices& choices)
@@ -235,10 +262,12 @@ void serve(ServeChoices& choices)
     if (choices.isCheckOnly)
         return check(choices);
     const std::unique_ptr<monStatistics> statistics = openStatistics(choices);
-    if (statistics != nullptr)
-        options.publish = [&](const nmsServerCounts& counts, const nmsTableUse& use) {
+    RefusalLog log;
+    options.publish = [&](const nmsServerCounts& counts, const nmsTableUse& use) {
+        log.Note(counts);
+        if (statistics != nullptr)
             publish(*statistics, counts, use);
-        };
+    };
     nmsServer server(options);
     if (!server.Listen(std::move(passed)))
         Fail(Exit::peer, choices.interface + ", port " + std::to_string(options.port),
@@ -247,6 +276,7 @@ void serve(ServeChoices& choices)
         statistics->Set("port", server.GetPort());
     ReportServing(choices.interface, server.GetPort());
     server.Run();
+    btkLog(btkLevel::info, "stopped");
 }
 
 } // namespace

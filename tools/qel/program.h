@@ -29,6 +29,10 @@ inline constexpr VariableHelp environmentHelp[] = {
     {"VRXNMSPORT", "Port of the name server, here and on other machines (1239)"},
     {"QELSTD_REGISTRY", "Directory of the registry ($XDG_CONFIG_HOME/qelstd/registry)"},
     {"QELSTD_DRIVE_C", "Directory of the drive C: (/); QELSTD_DRIVE_D and so on add drives"},
+    {"QELSTD_TRACE",
+     "What to trace: net, names, streams, processes, files, events or all, with commas; a :LEVEL behind "
+     "one (error, warning, info, debug) holds for those before it, too"},
+    {"QELSTD_TRACE_FILE", "File for the trace, instead of the standard error output"},
     {"NO_COLOR", "When not empty: write no colours to a terminal"},
 };
 

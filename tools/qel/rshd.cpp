@@ -2,6 +2,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -12,11 +13,13 @@
 #include <string>
 #include <vector>
 
+#include <qel/base/btkcmdline.h>
 #include <qel/base/btkenvironment.h>
 #include <qel/base/btkpeeruser.h>
 #include <qel/base/btkservice.h>
 #include <qel/base/btksocket.h>
 #include <qel/base/btksystem.h>
+#include <qel/base/btktrace.h>
 #include <qel/base/btktunnel.h>
 #include <qel/base/netsilentset.h>
 #include <qel/hmxregistry.h>
@@ -45,6 +48,7 @@ struct ServeChoices
     double patience = 10;
     int sessions = 32;
     std::vector<std::string> users;
+    std::string audit = "program";
     bool mayBeRoot = false;
     bool hasNoStatistics = false;
     bool isCheckOnly = false;
@@ -106,15 +110,19 @@ private:
     bool isEverybody = false;
 };
 
-// On the standard error output, which may have no reader any more.
 void report(const std::string& line)
 {
-    try {
-        ioStream::getStderr()->WriteBytes(line.data(), static_cast<unsigned>(line.size()));
-        ioStream::getStderr()->Flush(1);
-    } catch (xthrowable* thrown) {
-        static_cast<void>(FailureOf(thrown));
-    }
+    btkLog(btkLevel::warning, line);
+}
+
+// The program of a command line; its arguments may be secret.
+std::string programOf(const rshRequest& request)
+{
+    std::vector<std::string> words;
+    if (request.isForShell() || !btkSplitCommandLine(request.getCommand().CastToCString(), words) ||
+        words.empty())
+        return request.isForShell() ? "a line for the shell" : "no program";
+    return words.front();
 }
 
 class ShellServer : public netServer
@@ -144,13 +152,13 @@ private:
             const std::optional<btkUserId> user = btkGetPeerUser(socket->GetHandle());
             if (!users.Contain(user))
                 report("refused: " + (user ? "user " + std::to_string(*user) : "an unknown user") +
-                       " of this machine\n");
+                       " of this machine");
             return users.Contain(user);
         }
         // Checked each time: a deleted list must not admit every peer.
         const bool mayCome = allowed.Restrict() && IsConnectionAllowed(socket, name);
         if (!mayCome)
-            report("refused: " + socket->GetPeerAddrStr() + '\n');
+            report("refused: " + socket->GetPeerAddrStr());
         return mayCome;
     }
 
@@ -240,7 +248,8 @@ private:
 struct RunCommand : netBaseServer_OnAsyncRequest_cb
 {
     explicit RunCommand(const ServeChoices& choices)
-        : directory(choices.directory), requestLimit(choices.seconds), sessions(choices.sessions)
+        : directory(choices.directory), audit(choices.audit), requestLimit(choices.seconds),
+          sessions(choices.sessions)
     {
     }
     netServerLoopAction Invoke(netBaseServer*, netSocketStream* stream, evtEvent* stop) override
@@ -253,15 +262,40 @@ struct RunCommand : netBaseServer_OnAsyncRequest_cb
             if (!request.Read(stream, requestLimit, {stop, &place.Lost()}))
                 return netServerContinue;
         }
-        if (++running <= sessions)
-            request.Execute(stream, directory.c_str(), stop);
-        else
+        const std::string peer = stream->getPeerAddress().CastToCString();
+        if (++running <= sessions) {
+            rshOutcome outcome;
+            const btkTimeval begin = btkTimeval::Now();
+            request.Execute(stream, directory.c_str(), stop, outcome);
+            Note(request, peer, outcome, (btkTimeval::Now() - begin).ToSeconds());
+        } else {
             rshRequest::Refuse(stream, "the server runs as many commands as it may");
+            report("refused: " + peer + ": " + std::to_string(sessions) + " commands run already");
+        }
         --running;
         return netServerContinue;
     }
 
+    // What the client has written comes last, so that it cannot pose as another part of the line.
+    void Note(const rshRequest& request, const std::string& peer, const rshOutcome& outcome,
+              double seconds) const
+    {
+        if (audit == "none")
+            return;
+        char duration[32];
+        std::snprintf(duration, sizeof duration, "%.3f", seconds);
+        btkLog(btkLevel::info,
+               "command: peer=" + (peer.empty() ? "unknown" : peer) +
+                   " user=" + (outcome.user < 0 ? "unknown" : std::to_string(outcome.user)) + " status=" +
+                   (!outcome.isStarted             ? "not-started"
+                    : outcome.exitCode == xnullint ? "unknown"
+                                                   : std::to_string(outcome.exitCode)) +
+                   " seconds=" + duration + (audit == "line" ? " line=" : " program=") +
+                   (audit == "line" ? request.getCommand().CastToCString() : programOf(request)));
+    }
+
     std::string directory;
+    std::string audit;
     double requestLimit;
     int sessions;
     std::atomic<int> running = 0;
@@ -365,7 +399,7 @@ void runServer(ServeChoices& choices)
              std::string("cannot listen: ") + std::strerror(errno));
     if (!users.AreEverybody() && !btkReportsPeerUsers(listening->GetHandle()))
         report("the system does not report the users of connections: no client of this machine is admitted; "
-               "--allow-user '*' admits all\n");
+               "--allow-user '*' admits all");
     const qel::owned<ShellServer> server(new (pDefMemMgr) ShellServer(listening.release(), choices, users));
     if (choices.isRegistered)
         server->RegisterByName();
@@ -375,6 +409,7 @@ void runServer(ServeChoices& choices)
     const StopWhenTold stop(*server);
     ReportServing(choices.interface, server->getPortN());
     server->Run();
+    btkLog(btkLevel::info, "stopped");
 }
 
 } // namespace
@@ -424,6 +459,13 @@ void AddRemoteShellServer(CLI::App& program)
     serve.add_option("--sessions", choices->sessions, "Commands that may run at once")
         ->type_name("COUNT")
         ->check(CLI::Range(1, 10000))
+        ->capture_default_str();
+    serve
+        .add_option("--audit", choices->audit,
+                    "What the log says of each command beside its peer, user, exit status and duration: "
+                    "none (no line at all), program, or line, with the arguments, which may be secret")
+        ->type_name("WHAT")
+        ->check(CLI::IsMember({"none", "program", "line"}).description(""))
         ->capture_default_str();
     serve.add_flag("--no-statistics", choices->hasNoStatistics,
                    "Publish no figures for `qel top` in the run-time directory");

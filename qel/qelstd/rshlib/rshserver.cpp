@@ -3,6 +3,7 @@
 #include <atomic>
 #include <stdexcept>
 
+#include <qel/base/btkpeeruser.h>
 #include <qel/base/btksocket.h>
 #include <qel/base/btksystem.h>
 
@@ -140,9 +141,21 @@ public:
         }
         if (!hasEnded) {
             process->Terminate();
-            exit->evtEvent::Wait(patienceWithCommand);
+            if (exit->evtEvent::Wait(patienceWithCommand) != 0)
+                exitCode = process->GetExitCode();
         }
         process->Close();
+    }
+
+    // The user of the client, while it is connected.
+    long GetUser() const
+    {
+        const std::optional<btkUserId> user = btkGetPeerUser(connection.GetHandle());
+        return user ? static_cast<long>(*user) : -1;
+    }
+    int GetExitCode() const
+    {
+        return exitCode;
     }
 
 private:
@@ -220,8 +233,9 @@ private:
     {
         if (hasEnded || !exit->WasSignaled())
             return;
+        exitCode = process->GetExitCode();
         connection.queue.PutInt(rshTagExit);
-        connection.queue.PutInt(process->GetExitCode());
+        connection.queue.PutInt(exitCode);
         hasEnded = true;
         out->TakeOnlyTheRest();
         err->TakeOnlyTheRest();
@@ -286,6 +300,7 @@ private:
     btkTimeval lastProgress = btkTimeval::Now();
     std::size_t lastToGo = 0;
     unsigned lastTaken = 0;
+    int exitCode = xnullint;
     bool isStopping = false;
     bool isInputEnded = false;
     bool hasEnded = false; // the command
@@ -311,10 +326,20 @@ bool rshRequest::Read(netSocketStream* s, double limit, std::initializer_list<bt
 
 unsigned char rshRequest::Execute(netSocketStream* s, const char* baseDir, evtEvent* stopEvent) const
 {
+    rshOutcome unused;
+    return Execute(s, baseDir, stopEvent, unused);
+}
+
+unsigned char rshRequest::Execute(netSocketStream* s, const char* baseDir, evtEvent* stopEvent,
+                                  rshOutcome& outcome) const
+{
     rshSession session(*s, stopEvent);
-    if (!session.Start(*this, qelIsObject(baseDir) ? baseDir : ""))
+    outcome.user = session.GetUser();
+    outcome.isStarted = session.Start(*this, qelIsObject(baseDir) ? baseDir : "");
+    if (!outcome.isStarted)
         return 0;
     session.Serve();
+    outcome.exitCode = session.GetExitCode();
     return 1;
 }
 

@@ -10,6 +10,16 @@
 class netSocketStream;
 class rshServerEvent;
 
+/// How a command was served, for the log of a server.
+struct rshOutcome
+{
+    /// The user of the client on this machine, by number; -1: not known.
+    long user = -1;
+    /// Whether the command ran, and its exit code; null (xnullint) when it did not exit in time.
+    bool isStarted = false;
+    int exitCode = xnullint;
+};
+
 /// A request for a command, as received over a connection. A client may send it slowly or never complete it;
 /// servers that limit concurrent commands reserve a place only after Read has succeeded. Used by one thread
 /// at a time.
@@ -22,6 +32,12 @@ public:
     bool Read(netSocketStream* s, double limit, std::initializer_list<btkEvent*> stops);
     /// Runs the command and relays, as rshServer::Execute.
     unsigned char Execute(netSocketStream* s, const char* baseDir, evtEvent* stopEvent) const;
+    /// The same, and stores how it went in `outcome`.
+    unsigned char Execute(netSocketStream* s, const char* baseDir, evtEvent* stopEvent,
+                          rshOutcome& outcome) const;
+    /// The command line as the client has sent it, with the arguments, and whether the shell is to run it.
+    xstring getCommand() const { return command; }
+    bool isForShell() const { return useShell != 0; }
     /// Replies on `s` that the command is not run, and why: rshProcess::Create throws rshXProcess with that
     /// text on the client.
     static void Refuse(netSocketStream* s, const char* why);
