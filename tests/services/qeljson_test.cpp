@@ -42,9 +42,11 @@ class Node : public virtual xobject, public testtypes::Counted<Node>
     QEL_PROPERTY(xany, Extra);
 
 public:
+    enum class Tone : short { deep = 3, bright = 7 }; // its values are not the positions of its labels
     explicit Node(const char* name = nullptr, int age = xnullint) : Name(name), Age(age) {}
     xstring getGreeting() const { return xstring("hello ", getName().CastToCString()); } // computed
 };
+QEL_ENUM_IN(Node, Tone);
 constinit qelClass Node::rtti = {
     .name = "json::Node",
     .counted = true,
@@ -132,6 +134,7 @@ public:
 constinit qelClass Maker::rtti = {.name = "json::Maker", .counted = true, .elements = qelSequenceOf<self>};
 
 QEL_LABELS(Grade, "json::Grade", low, middle, high);
+QEL_LABELS_IN(Node, Tone, "json::Tone", deep, bright);
 
 } // namespace jsontypes
 
@@ -408,6 +411,7 @@ TEST(JsonRead, PlainTypes)
     EXPECT_TRUE(std::signbit(json::read<double>("-0")));
     EXPECT_EQ(json::read<xstring>(R"("\u00e4\ud83d\ude00\/")"), "\xC3\xA4\xF0\x9F\x98\x80/");
     EXPECT_EQ(json::read<jsontypes::Grade>("\"high\""), jsontypes::high);
+    EXPECT_EQ(json::read<Node::Tone>("\"bright\""), Node::Tone::bright);
     EXPECT_EQ(json::read<xany>("3000000000"), xany(3e9));
     EXPECT_EQ(json::read<xany>("18446744073709551616"), xany(18446744073709551616.0));
     EXPECT_EQ(json::read<xany>("\xEF\xBB\xBF[]").getQelTypeName(), "anyseq");

@@ -123,7 +123,11 @@ requires std::is_enum_v<T>
 struct Typed<T>
 {
     static xrtti* rtti() { return qelEnumRtti(static_cast<T*>(nullptr)); }
-    static T get(const xany& value) { return static_cast<T>(static_cast<int>(value)); }
+    static T get(const xany& value)
+    {
+        const int label = value;
+        return label == xnullint ? qelUnset<T>() : qelEnumFromLabel<T>(label);
+    }
 };
 
 template<>
