@@ -27,8 +27,8 @@ inline bool btkTraces(btkTraceArea area, btkLevel level)
 }
 
 /// Writes a message, formatted as by printf, with the time and the thread, to the standard error output or the file
-/// that QELSTD_TRACE_FILE names; behind a format that ends in ": " the text of errno. Call it when btkTraces returns true. Keeps errno. What cannot be written is lost. Safe to
-/// call from any thread.
+/// that QELSTD_TRACE_FILE names; a format that ends in ": " is followed by the text of errno. Call it when btkTraces
+/// returns true. Keeps errno. What cannot be written is lost. Safe to call from any thread.
 [[gnu::cold, gnu::format(printf, 3, 4)]] BASE_API void btkTrace(btkTraceArea area, btkLevel level,
                                                                 const char* format, ...);
 
