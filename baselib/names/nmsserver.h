@@ -60,9 +60,9 @@ struct nmsServerOptions
 /// misbehaving client delays no other. A client on this machine may register records of its user's processes,
 /// and remove its user's records; the superuser and the server's own user may do so for everybody and shut the
 /// server down. Where the operating system does not report users, every client on this machine may do
-/// everything, which is reported at the start. Reports on the standard error output, at most once a minute, that it has refused
-/// records for lack of room, and once that the state file cannot be read or written. Throws only for lack of
-/// memory at its start.
+/// everything, which is reported at the start. Reports on the standard error output, at most once a minute, that
+/// it has refused records for lack of room, and once that the state file cannot be read or written. Throws only
+/// for lack of memory at its start.
 class BASE_API nmsServer
 {
 public:
