@@ -3,6 +3,7 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -189,8 +190,100 @@ std::string tree(const Json& types)
     return text;
 }
 
-void showTypes(const std::string& name)
+// ---- who inherits from whom
+
+struct TypeChoices
 {
+    std::string name;
+    bool isTree = false;
+    bool isDot = false;
+};
+
+using Heirs =
+    std::map<std::string, std::set<std::string>>; // by the parent's name; "": of types without a parent
+
+bool isBelow(xrttiobject* type, xrttiobject* ancestor)
+{
+    if (type == ancestor)
+        return true;
+    for (int i = 0; i < type->getNParents(); ++i)
+        if (isBelow(type->getParent(i), ancestor))
+            return true;
+    return false;
+}
+
+// The classes of a library, those below a class, or all. Parents that are not among them count as none.
+Heirs heirsOf(const std::string& name)
+{
+    xrttiobject* const top =
+        name.empty() ? nullptr : qelSoftcast<xrttiobject>(qelRttiGetFromMap(name.c_str()));
+    std::vector<xrttiobject*> classes;
+    std::set<std::string> names;
+    for (xrtti* const type : allTypes())
+        if (xrttiobject* const object = qelSoftcast<xrttiobject>(type);
+            object != nullptr &&
+            (top != nullptr ? isBelow(object, top) : name.empty() || libraryOf(nameOf(type)) == name)) {
+            classes.push_back(object);
+            names.insert(nameOf(object));
+        }
+    if (classes.empty())
+        Fail(Exit::no, name, "neither a class nor a library");
+    Heirs heirs;
+    for (xrttiobject* const object : classes) {
+        bool hasParent = false;
+        for (int i = 0; i < object->getNParents(); ++i)
+            if (const std::string parent = nameOf(object->getParent(i)); names.contains(parent)) {
+                heirs[parent].insert(nameOf(object));
+                hasParent = true;
+            }
+        if (!hasParent)
+            heirs[""].insert(nameOf(object));
+    }
+    return heirs;
+}
+
+// A class with several parents stands below each of them.
+std::string branches(const Heirs& heirs, const std::string& parent, const std::string& before)
+{
+    std::string text;
+    const auto found = heirs.find(parent);
+    if (found == heirs.end())
+        return text;
+    for (const std::string& name : found->second) {
+        const bool isLast = name == *found->second.rbegin();
+        const bool isTop = parent.empty();
+        text += before + (isTop ? "" : isLast ? "└─ " : "├─ ") + Printable(name) + '\n';
+        text += branches(heirs, name, before + (isTop ? "" : isLast ? "   " : "│  "));
+    }
+    return text;
+}
+
+std::string inDot(const std::string& name)
+{
+    std::string quoted = "\"";
+    for (const char c : Printable(name))
+        quoted.append(c == '"' || c == '\\' ? 1 : 0, '\\').append(1, c);
+    return quoted + '"';
+}
+
+// A graph for the program dot, with an arrow from each class to each of its parents.
+std::string graph(const Heirs& heirs)
+{
+    std::string text = "digraph types {\n  rankdir=RL;\n  node [shape=box];\n";
+    for (const auto& [parent, names] : heirs)
+        for (const std::string& name : names)
+            text += "  " + inDot(name) + (parent.empty() ? "" : " -> " + inDot(parent)) + ";\n";
+    return text + "}\n";
+}
+
+void showTypes(const TypeChoices& choices)
+{
+    const std::string& name = choices.name;
+    if (choices.isTree || choices.isDot) {
+        const Heirs heirs = heirsOf(name);
+        std::cout << (choices.isDot ? graph(heirs) : branches(heirs, "", "")) << std::flush;
+        return;
+    }
     if (xrtti* const type = name.empty() ? nullptr : qelRttiGetFromMap(name.c_str())) {
         Show(description(type), &typeText);
         return;
@@ -351,16 +444,27 @@ void printType(const std::string& name, const std::vector<std::string>& texts, b
 
 void AddTypeCommands(CLI::App& program)
 {
-    const auto name = std::make_shared<std::string>();
+    const auto choices = std::make_shared<TypeChoices>();
     CLI::App& types =
         AddCommand(program, "types", "Print the types that the library registers, or one type in detail",
-                   [name] { showTypes(*name); });
+                   [choices] { showTypes(*choices); });
     types.footer("qel types\tAll types, by their libraries.\n"
                  "qel types filelib\tThose of one library.\n"
-                 "qel types filelib::NodeInfo\tOne type: its parents, its attributes, its name in C++.\n");
-    Offer(*types.add_option("name", *name, "The type, or the library")->type_name("NAME"), &typeNames);
+                 "qel types filelib::NodeInfo\tOne type: its parents, its attributes, its name in C++.\n"
+                 "qel types --tree filelib::XException\tA class and those derived from it.\n"
+                 "qel types --dot | dot -Tsvg >types.svg\tAll classes as a picture.\n");
+    Offer(*types.add_option("name", choices->name, "The type, or the library")->type_name("NAME"),
+          &typeNames);
+    CLI::Option* const isTree = types.add_flag(
+        "--tree", choices->isTree,
+        "Print the classes of the library, or the class and those derived from it, each below its "
+        "parents");
+    CLI::Option* const isDot =
+        types.add_flag("--dot", choices->isDot, "The same as a graph for the program dot")->excludes(isTree);
     OfferJson(types);
+    types.get_option("--json")->excludes(isTree)->excludes(isDot);
 
+    const auto name = std::make_shared<std::string>();
     const auto values = std::make_shared<std::vector<std::string>>();
     const auto asJson = std::make_shared<bool>();
     CLI::App& print = AddCommand(program, "print", "Print a value of a registered type as the library does",
