@@ -263,7 +263,9 @@ struct RunCommand : netBaseServer_OnAsyncRequest_cb
                 return netServerContinue;
         }
         const std::string peer = stream->getPeerAddress().CastToCString();
-        if (++running <= sessions) {
+        const int others = running++;
+        const std::unique_ptr<std::atomic<int>, decltype([](auto* count) { --*count; })> place(&running);
+        if (others < sessions) {
             rshOutcome outcome;
             const btkTimeval begin = btkTimeval::Now();
             request.Execute(stream, directory.c_str(), stop, outcome);
@@ -272,7 +274,6 @@ struct RunCommand : netBaseServer_OnAsyncRequest_cb
             rshRequest::Refuse(stream, "the server runs as many commands as it may");
             report("refused: " + peer + ": " + std::to_string(sessions) + " commands run already");
         }
-        --running;
         return netServerContinue;
     }
 
