@@ -6,9 +6,10 @@
 
 #include <qel/base/baseexport.h>
 
-// Messages for those who run a program. Each is one line, in which control characters are written as \xNN. When the
-// standard error output is the journal of the service manager, a message has its level there.
+// Messages for those who run a program. Each is one line, in which control characters are written in hexadecimal,
+// as `\xNN`. When the standard error output is the journal of the service manager, a message has its level there.
 
+/// How important a message is.
 enum class btkLevel : unsigned { error, warning, info, debug };
 
 /// The parts of the library that trace what they do, if the environment variable QELSTD_TRACE names them.
@@ -36,5 +37,5 @@ inline bool btkTraces(btkTraceArea area, btkLevel level)
 /// any thread.
 BASE_API void btkLog(btkLevel level, std::string_view message);
 
-/// The text with its control characters, and its backslashes, as \xNN: others cannot forge a line with it.
+/// The text with its control characters, and its backslashes, as `\xNN`: others cannot forge a line with it.
 BASE_API std::string btkWithoutControls(std::string_view text);

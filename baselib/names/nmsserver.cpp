@@ -460,7 +460,7 @@ void nmsServer::FinishShared()
             client->status = nmscInternal;
             // What was not entered in time is withdrawn.
             for (const nmsTable::Id id : client->awaited)
-                table.Remove(id);
+                table.RemoveOne(id);
         }
         Finish(*client, client->status);
         Serve(*client);

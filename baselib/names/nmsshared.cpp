@@ -196,7 +196,7 @@ void nmsShared::Receive(nmsStoreMessage kind, nmsPartReader parts)
     } else if (isNew && (kind == nmsStoreMessage::taken || kind == nmsStoreMessage::refused)) {
         results.emplace_back(id, kind == nmsStoreMessage::taken ? nmscExists : nmscInternal);
         record.state = Own::displaced; // it has its result
-        own.Remove(id);
+        own.RemoveOne(id);
         if (kind == nmsStoreMessage::refused)
             std::fprintf(stderr, "name server: the store refuses a record: %s\n", parts.TakeText().c_str());
     } else if (kind == nmsStoreMessage::taken) {
@@ -228,7 +228,7 @@ void nmsShared::Drop(std::map<std::string, Other>::iterator place)
 {
     if (place == copied.end())
         return;
-    others.Remove(place->second.id);
+    others.RemoveOne(place->second.id);
     copied.erase(place);
 }
 

@@ -186,7 +186,7 @@ std::size_t nmsTable::Remove(const nmsFields& pattern, const nmsRights& rights, 
         *kept = static_cast<std::size_t>(found.end() - allowed);
     found.erase(allowed, found.end());
     for (const Id id : found)
-        Remove(id);
+        RemoveOne(id);
     const std::size_t count = found.size();
     if (removed != nullptr)
         *removed = std::move(found);
@@ -208,7 +208,7 @@ std::string nmsTable::HolderOf(btkUserId user)
     return userMark + std::to_string(user);
 }
 
-bool nmsTable::Remove(Id record)
+bool nmsTable::RemoveOne(Id record)
 {
     const auto entry = entries.find(record);
     if (entry == entries.end())

@@ -85,7 +85,7 @@ public:
                        Visibility visibility, Id& added);
     void Show(Id record) { entries.at(record).isHidden = false; }
     /// False when there is no such record.
-    bool Remove(Id record);
+    bool RemoveOne(Id record);
     /// Removes the matching records, and returns their number; `removed` gets theirs. Those that the rights do not
     /// allow remain, and are counted in `kept`. Records of no process from other machines may be removed by
     /// everybody.
