@@ -104,7 +104,7 @@ bool askKernel(const End& own, const End& other, inet_diag_msg& answer)
         return false;
 
     // The answer is there when the query has been sent.
-    alignas(nlmsghdr) char buffer[4096];
+    alignas(nlmsghdr) char buffer[4096] = {};
     socklen_t size = sizeof place;
     const std::ptrdiff_t count = btkRetry([&] {
         return recvfrom(kernel.Get(), buffer, sizeof buffer, MSG_DONTWAIT,

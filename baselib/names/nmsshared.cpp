@@ -129,7 +129,7 @@ void nmsShared::Work(bool isReady)
         own.RemoveExited();
     }
     if (isReady)
-        channel.Receive([this](nmsStoreMessage kind, nmsPartReader parts) { Receive(kind, parts); });
+        channel.Receive([this](nmsStoreMessage kind, const nmsPartReader& parts) { Receive(kind, parts); });
     channel.Flush();
     if (!channel.IsOpen())
         SetState(true, "no keeper runs");

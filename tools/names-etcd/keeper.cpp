@@ -133,7 +133,7 @@ void Keeper::Run()
         const bool isServerReady =
             etcd.Work(next > time ? next - time : btkTimeval(), server.GetHandle(), server.IsBehind());
         if (isServerReady && server.IsOpen())
-            server.Receive([this](nmsStoreMessage kind, nmsPartReader parts) { Hear(kind, parts); });
+            server.Receive([this](nmsStoreMessage kind, const nmsPartReader& parts) { Hear(kind, parts); });
     }
 }
 
