@@ -97,6 +97,7 @@ TEST(QelRsh, ThirdInterruptEndsCommandOrClient)
     RunningQel client = shell.start("echo ready; exec sleep 60");
     EXPECT_EQ(client.line(), "ready");
     shell.server.child.signal(SIGSTOP);
+    ASSERT_TRUE(shell.server.child.waitUntilStopped());
     insist(client);
     const btkTimeval start = btkTimeval::Now();
     EXPECT_EQ(client.child.wait(), 3);
