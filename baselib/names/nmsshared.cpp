@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
+
+#include <qel/base/btktrace.h>
 
 namespace {
 
@@ -86,8 +87,8 @@ std::string nmsShared::NameOf(Id record) const
 void nmsShared::Displace(Id id, Own& record)
 {
     if (record.state != Own::displaced)
-        std::fprintf(stderr, "name server: displaced: another machine has the name %s now\n",
-                     NameOf(id).c_str());
+        btkLog(btkLevel::warning,
+               "name server: displaced: another machine has the name " + NameOf(id) + " now");
     record.state = Own::displaced;
     record.revision = 0;
 }
@@ -190,7 +191,7 @@ void nmsShared::Receive(nmsStoreMessage kind, nmsPartReader parts)
             own.Show(id);
             results.emplace_back(id, nmscDone);
         } else if (record.state == Own::displaced) {
-            std::fprintf(stderr, "name server: no longer displaced: %s\n", NameOf(id).c_str());
+            btkLog(btkLevel::info, "name server: no longer displaced: " + NameOf(id));
         }
         record = {Own::held, parts.TakeNumber()};
     } else if (isNew && (kind == nmsStoreMessage::taken || kind == nmsStoreMessage::refused)) {
@@ -198,7 +199,7 @@ void nmsShared::Receive(nmsStoreMessage kind, nmsPartReader parts)
         record.state = Own::displaced; // it has its result
         own.RemoveOne(id);
         if (kind == nmsStoreMessage::refused)
-            std::fprintf(stderr, "name server: the store refuses a record: %s\n", parts.TakeText().c_str());
+            btkLog(btkLevel::warning, "name server: the store refuses a record: " + parts.TakeText());
     } else if (kind == nmsStoreMessage::taken) {
         Displace(id, record);
     }
@@ -236,9 +237,10 @@ void nmsShared::SetState(bool stale, std::string why)
 {
     // Reasons that follow the first are in the version record.
     if (stale != isStale || reason.empty())
-        std::fprintf(stderr, "name server: %s: %s\n",
-                     stale ? "the other machines' records may be out of date" : "sharing its records",
-                     why.c_str());
+        btkLog(stale ? btkLevel::warning : btkLevel::info,
+               (stale ? "name server: the other machines' records may be out of date: "
+                      : "name server: sharing its records: ") +
+                   why);
     isStale = stale;
     reason = std::move(why);
 }

@@ -145,6 +145,13 @@ TEST_F(Shared, DisplacedRecordIsInNoAnswerForAllMachines)
     tellHeld(id, 9);
     EXPECT_EQ(everywhere("words"), "0 _ServerName=words v=1 _Revision=9\n");
     EXPECT_EQ(statusOf("Displaced"), "0");
+
+    const Id forger = enter("words\nforged line", "1");
+    tellHeld(forger, 10);
+    testing::internal::CaptureStderr();
+    tell(nmsStoreMessage::taken, forger);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "name server: displaced: another machine has the name words\\x0aforged line now\n");
 }
 
 TEST_F(Shared, CopyFollowsTheStoreWithinItsLimits)
@@ -168,7 +175,7 @@ TEST_F(Shared, CopyFollowsTheStoreWithinItsLimits)
     ASSERT_EQ(found.size(), 1U);
     EXPECT_EQ(nmsPartReader(*found[0]).TakeRecord().fields.size(), 256U);
 
-    // What is not sent again is gone.
+    // A record that is not sent again is dropped.
     keeper.Send(nmsStoreMessage::reload);
     tellOther("k1", 8, {4711, {{"_ServerName", "far"}}});
     EXPECT_EQ(statusOf("RecordsOfOthers"), "2");
