@@ -89,6 +89,7 @@ struct Etcd::Transfer
     curl_slist* headers = nullptr;
     std::string sent;
     std::string received;
+    std::size_t searched = 0; // bytes of `received` without the end of a line
     std::size_t endpoint = 0;
     Done done;
 };
@@ -167,6 +168,7 @@ void Etcd::StopWatch()
     curl_multi_remove_handle(multi, watch->easy);
     watch.reset();
     message = {};
+    ++watches;
 }
 
 // Goes to the next endpoint, unless that has happened already.
@@ -185,8 +187,9 @@ void Etcd::Leave(std::size_t endpoint)
 void Etcd::End(CURL* easy, CURLcode result)
 {
     if (watch != nullptr && watch->easy == easy) {
+        const unsigned delivered = watches;
         DeliverWatch();
-        if (watch == nullptr || watch->easy != easy)
+        if (watches != delivered)
             return;
         const Message ended = std::move(message);
         StopWatch();
@@ -234,9 +237,18 @@ void Etcd::End(CURL* easy, CURLcode result)
 // Passes the complete messages on.
 void Etcd::DeliverWatch()
 {
-    for (std::size_t end; watch != nullptr && (end = watch->received.find('\n')) != std::string::npos;) {
-        const Json line = Json::parse(watch->received.substr(0, end), nullptr, false);
-        watch->received.erase(0, end + 1);
+    std::string& received = watch->received;
+    const bool isWhole = received.find('\n', watch->searched) != std::string::npos;
+    const std::size_t whole = isWhole ? received.rfind('\n') + 1 : 0;
+    const std::string lines = received.substr(0, whole);
+    received.erase(0, whole);
+    watch->searched = received.size();
+    const unsigned delivered = watches;
+    // What a message leads to may end this watch, or begin another.
+    for (std::size_t begin = 0, end = 0; begin < lines.size() && watches == delivered; begin = end + 1) {
+        end = lines.find('\n', begin);
+        const Json line = Json::parse(lines.begin() + static_cast<std::ptrdiff_t>(begin),
+                                      lines.begin() + static_cast<std::ptrdiff_t>(end), nullptr, false);
         const Json& result = MemberOf(line, "result");
         const Message called = message;
         if (result.is_object() && !MemberOf(result, "canceled").is_boolean()) {

@@ -93,5 +93,6 @@ private:
     CURLM* multi;
     std::list<std::unique_ptr<Transfer>> transfers;
     std::unique_ptr<Transfer> watch;
+    unsigned watches = 0; // that have ended
     Message message;
 };

@@ -3,6 +3,7 @@
 #include <random>
 
 #include <qel/base/btkreplace.h>
+#include <qel/base/btktrace.h>
 
 #include "keeper_p.h"
 
@@ -261,7 +262,7 @@ void Keeper::HaveLease(std::uint64_t id, btkTimeval sent)
     if (isNew && !options.stateFile.empty() &&
         !(file.CreateBeside(options.stateFile.c_str()) && file.Write(text.data(), text.size()) &&
           file.TakePlace(btkReplacement::Unsynced)))
-        std::fprintf(stderr, "qel-names-etcd: %s cannot be written\n", options.stateFile.c_str());
+        btkLog(btkLevel::warning, "qel-names-etcd: " + options.stateFile + " cannot be written");
     stored.clear();
     claims.clear();
     Load(prefix, 0);
@@ -393,8 +394,9 @@ void Keeper::CheckFresh()
 {
     if (!isStale || !isLive || !isReady || !hasLease)
         return;
-    const bool isSettled = std::all_of(own.begin(), own.end(), [](const auto& record) {
-        return record.second.isHeld || record.second.isTaken || !record.second.isWanted;
+    const bool isSettled = std::all_of(open.begin(), open.end(), [this](std::uint64_t id) {
+        const Own& record = own.at(id);
+        return record.isHeld || record.isTaken || !record.isWanted;
     });
     if (isSettled)
         TellState(false, "connected to " + etcd.GetEndpoint());

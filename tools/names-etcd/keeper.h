@@ -101,7 +101,7 @@ private:
     std::string run;
 
     std::map<std::uint64_t, Own> own;
-    std::set<std::uint64_t> open; // those that are not as they should be
+    std::set<std::uint64_t> open; // at least those that are not wanted and held
     std::map<std::string, std::uint64_t> byKey;
     std::map<std::string, std::set<std::uint64_t>> byClaimant;
     std::size_t busy = 0;

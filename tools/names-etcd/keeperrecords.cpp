@@ -142,6 +142,8 @@ void Keeper::Proceed()
             tryAt = std::min(tryAt, record.tryAt);
         else if (busy < mostBusy)
             Proceed(id, record);
+        else
+            break; // the next reply goes on here
     }
 }
 
