@@ -29,7 +29,7 @@ constexpr std::size_t leastGrant = btkFrameWindow / 8;
 // worth sending besides.
 constexpr std::size_t roomForUrgent = 1024;
 constexpr std::size_t leastData = 1024;
-// What the kernel holds of the user's data; less than a socket reads ahead to an urgent value.
+// The user's data that the kernel holds; less than a socket reads ahead to an urgent value.
 constexpr std::size_t ownRoom = 96 << 10;
 constexpr btkTimeval urgentSpacing(0, 200000);
 constexpr btkTimeval sendLimit(2, 0);

@@ -458,7 +458,7 @@ void nmsServer::FinishShared()
             continue;
         if (!client->awaited.empty()) {
             client->status = nmscInternal;
-            // What was not entered in time is withdrawn.
+            // A record that was not entered in time is withdrawn.
             for (const nmsTable::Id id : client->awaited)
                 table.RemoveOne(id);
         }

@@ -8,7 +8,7 @@
 #include <qel/base/btkfd.h>
 #include <qel/base/nmswire.h>
 
-// What a name server and its keeper say to each other. The keeper is a program that keeps the server's records
+// The messages between a name server and its keeper. The keeper is a program that keeps the server's records
 // in a store which the name servers of many machines share, and sends back what the others keep there. A
 // message is the number of the bytes that follow, its kind, and the parts in their order. Both programs are of
 // one release.

@@ -43,7 +43,7 @@ struct nmsTableUse
     const char* lastRefusal = nullptr;
 };
 
-/// What a client may do with the records of this machine's users.
+/// The rights of a client to the records of this machine's users.
 struct nmsRights
 {
     /// Everything.

@@ -25,7 +25,7 @@ std::string contentOf(const std::string& path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// What the tracer writes to its standard error output.
+// Returns the text that the tracer writes to its standard error output.
 std::string traced(const TempDir& folder, const std::string& settings)
 {
     const std::string output = folder.path("output");

@@ -121,7 +121,7 @@ std::size_t OpenDescriptors()
     return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
 
-// What the request `work` of a client of another user returns, in a child process.
+// Returns the result of `work`, a request of a client of another user, in a child process.
 template<typename Work>
 int AsUser(uid_t user, Work work)
 {

@@ -16,7 +16,7 @@ struct Ends
         near = nmsChannel(btkFd(ends[0]));
         far = nmsChannel(btkFd(ends[1]));
     }
-    // What the far end receives at once.
+    // The messages that the far end receives at once.
     std::vector<std::string> received()
     {
         std::vector<std::string> texts;

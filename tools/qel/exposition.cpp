@@ -18,53 +18,52 @@ namespace {
 
 struct Declaration
 {
-    std::string metric; // empty: made of the value's name
+    std::string metric = {}; // empty: made of the value's name
     std::string type = "gauge";
-    std::string unit;
-    std::string help;
-    std::string sum; // of a histogram: the value that has the sum of all observations
+    std::string unit = {};
+    std::string help = {};
+    std::string sum = {}; // of a histogram: the value that has the sum of all observations
 };
 using Declarations = std::map<std::string, Declaration>; // by the value's name
 
-struct Known
+// The values that the servers of this library publish.
+const Declarations& declarationsOfServers()
 {
-    const char* value;
-    Declaration declaration;
-};
-
-// What the servers of this library publish.
-const std::vector<Known>& knownValues()
-{
-    static const std::vector<Known> known = {
-        {"started", {"", "gauge", "seconds", "When the server began, in seconds since 1970", ""}},
-        {"connections", {"", "counter", "", "Connections accepted", ""}},
-        {"requests.served", {"", "counter", "", "Requests passed to the handler", ""}},
-        {"requests.ping", {"", "counter", "", "Requests for a sign of life", ""}},
-        {"requests.version", {"", "counter", "", "Requests for the version", ""}},
-        {"requests.shutdown", {"", "counter", "", "Requests to shut down", ""}},
-        {"requests.other", {"", "counter", "", "Requests with an unknown code", ""}},
-        {"requests.register", {"", "counter", "", "Requests to register a record", ""}},
-        {"requests.delete", {"", "counter", "", "Requests to delete a record", ""}},
-        {"requests.query", {"", "counter", "", "Queries", ""}},
-        {"refused", {"qel_refused", "counter", "", "Requests refused", ""}},
-        {"refused.full", {"", "counter", "", "Records refused because the table was full", ""}},
-        {"refused.rights", {"", "counter", "", "Connections refused by access control", ""}},
-        {"refused.limit", {"", "counter", "", "Requests refused because too many ran at once", ""}},
-        {"refused.thread", {"", "counter", "", "Requests refused for lack of a thread", ""}},
-        {"silent.waiting", {"", "gauge", "", "Connections without a first byte", ""}},
-        {"silent.expired", {"", "counter", "", "Connections closed because no first byte came in time", ""}},
+    static const Declarations known = {
+        {"started", {.unit = "seconds", .help = "When the server began, in seconds since 1970"}},
+        {"connections", {.type = "counter", .help = "Connections accepted"}},
+        {"requests.served", {.type = "counter", .help = "Requests passed to the handler"}},
+        {"requests.ping", {.type = "counter", .help = "Requests for a sign of life"}},
+        {"requests.version", {.type = "counter", .help = "Requests for the version"}},
+        {"requests.shutdown", {.type = "counter", .help = "Requests to shut down"}},
+        {"requests.other", {.type = "counter", .help = "Requests with an unknown code"}},
+        {"requests.register", {.type = "counter", .help = "Requests to register a record"}},
+        {"requests.delete", {.type = "counter", .help = "Requests to delete a record"}},
+        {"requests.query", {.type = "counter", .help = "Queries"}},
+        {"refused", {.metric = "qel_refused", .type = "counter", .help = "Requests refused"}},
+        {"refused.full", {.type = "counter", .help = "Records refused because the table was full"}},
+        {"refused.rights", {.type = "counter", .help = "Connections refused by access control"}},
+        {"refused.limit", {.type = "counter", .help = "Requests refused because too many ran at once"}},
+        {"refused.thread", {.type = "counter", .help = "Requests refused for lack of a thread"}},
+        {"silent.waiting", {.help = "Connections without a first byte"}},
+        {"silent.expired",
+         {.type = "counter", .help = "Connections closed because no first byte came in time"}},
         {"silent.displaced",
-         {"", "counter", "", "Connections closed because too many had no first byte", ""}},
-        {"failures", {"", "counter", "", "Exceptions of handlers", ""}},
-        {"async.started", {"", "counter", "", "Asynchronous requests started", ""}},
-        {"async.ended", {"", "counter", "", "Asynchronous requests ended", ""}},
-        {"async.running", {"", "gauge", "", "Asynchronous requests that run", ""}},
-        {"records", {"", "gauge", "", "Records held", ""}},
-        {"records.ownerless", {"", "gauge", "", "Records held of no process", ""}},
-        {"records.bytes", {"", "gauge", "bytes", "Memory of the records", ""}},
-        {"owners", {"", "gauge", "", "Processes with records", ""}},
+         {.type = "counter", .help = "Connections closed because too many had no first byte"}},
+        {"failures", {.type = "counter", .help = "Exceptions of handlers"}},
+        {"async.started", {.type = "counter", .help = "Asynchronous requests started"}},
+        {"async.ended", {.type = "counter", .help = "Asynchronous requests ended"}},
+        {"async.running", {.help = "Asynchronous requests that run"}},
+        {"records", {.help = "Records held"}},
+        {"records.ownerless", {.help = "Records held of no process"}},
+        {"records.bytes", {.unit = "bytes", .help = "Memory of the records"}},
+        {"owners", {.help = "Processes with records"}},
         {"latency.us",
-         {"qel_latency", "histogram", "microseconds", "Time that a request was served", "latency.us.sum"}},
+         {.metric = "qel_latency",
+          .type = "histogram",
+          .unit = "microseconds",
+          .help = "Time that a request was served",
+          .sum = "latency.us.sum"}},
     };
     return known;
 }
@@ -124,11 +123,10 @@ std::string descriptionOf(const Published& file)
 
 Declarations declarationsOf(const Published& file)
 {
-    Declarations all;
     // Every server publishes its kind.
-    if (const auto kind = file.values.find("kind"); kind != file.values.end() && kind->is_string())
-        for (const Known& known : knownValues())
-            all[known.value] = known.declaration;
+    const auto kind = file.values.find("kind");
+    const bool isServer = kind != file.values.end() && kind->is_string();
+    Declarations all = isServer ? declarationsOfServers() : Declarations();
     hmxConfigFile description;
     const std::string path = descriptionOf(file);
     std::error_code failed;

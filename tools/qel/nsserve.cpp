@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include <qel/base/btkcmdline.h>
 #include <qel/base/btkruntime.h>
 #include <qel/base/btksystem.h>
 #include <qel/base/btktrace.h>
@@ -112,20 +113,11 @@ void checkStore(const ServeChoices& choices)
 std::string keeperOf(const ServeChoices& choices)
 {
     const std::string program = FindHelper("qel-names-etcd", "qelstd-etcd");
-    std::string line;
-    const auto add = [&line](const std::string& word) {
-        line += line.empty() ? "'" : " '";
-        for (const char c : word)
-            line += c == '\'' ? std::string("'\"'\"'") : std::string(1, c);
-        line += '\'';
+    std::string line = btkQuoteWord(program);
+    const auto option = [&line](const char* name, const std::string& value) {
+        if (!value.empty())
+            line.append(1, ' ').append(name).append(1, ' ').append(btkQuoteWord(value));
     };
-    const auto option = [&add](const char* name, const std::string& value) {
-        if (value.empty())
-            return;
-        add(name);
-        add(value);
-    };
-    add(program);
     for (const std::string& endpoint : endpointsOf(choices))
         option("--endpoint", endpoint);
     option("--host", choices.advertised);
@@ -137,7 +129,7 @@ std::string keeperOf(const ServeChoices& choices)
     option("--user", choices.user);
     option("--password-file", choices.passwordFile);
     if (!choices.shared.empty())
-        add("--shared");
+        line += " --shared";
     return line;
 }
 
@@ -214,7 +206,7 @@ void publish(monStatistics& statistics, const nmsServerCounts& counts, const nms
 
 // ---- its log
 
-// What was refused since the last call, ten times a second at most: clients cannot fill the log. The server itself
+// Reports refusals since the last call, ten times a second at most: clients cannot fill the log. The server itself
 // reports a full table.
 class RefusalLog
 {

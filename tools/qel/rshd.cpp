@@ -277,7 +277,7 @@ struct RunCommand : netBaseServer_OnAsyncRequest_cb
         return netServerContinue;
     }
 
-    // What the client has written comes last, so that it cannot pose as another part of the line.
+    // The client's text comes last, so that it cannot pose as another part of the line.
     void Note(const rshRequest& request, const std::string& peer, const rshOutcome& outcome,
               double seconds) const
     {
