@@ -229,7 +229,21 @@ bool rshPartReader::WaitForInput()
 {
     btkEvent::List events = stopEvents;
     events.push_back(input.get());
-    btkEvent::Wait(events, end - btkTimeval::Now());
+    return Wait(events, end - btkTimeval::Now());
+}
+
+bool rshPartReader::RestAfter(unsigned received)
+{
+    constexpr unsigned few = 64;
+    constexpr btkTimeval first(0, 1000);
+    constexpr btkTimeval longest(0, 128000);
+    pause = received >= few ? btkTimeval() : std::min(pause + pause + first, longest);
+    return pause == btkTimeval() || Wait(stopEvents, std::min(pause, end - btkTimeval::Now()));
+}
+
+bool rshPartReader::Wait(const btkEvent::List& events, btkTimeval limit)
+{
+    btkEvent::Wait(events, limit);
     return btkTimeval::Now() < end && std::none_of(stopEvents.begin(), stopEvents.end(),
                                                    [](btkEvent* stop) { return stop->WasSignaled(); });
 }
@@ -260,6 +274,8 @@ bool rshPartReader::ReadText(std::string& text)
         const unsigned got = stream.ReadBytes(part, std::min({there, static_cast<unsigned>(left), 4096u}));
         text.append(part, got);
         left -= static_cast<int>(got);
+        if (left > 0 && !RestAfter(got))
+            return false;
     }
     return true;
 }

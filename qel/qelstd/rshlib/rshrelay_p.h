@@ -176,6 +176,9 @@ public:
 
 private:
     bool WaitForInput();
+    // A peer that sends a few bytes at a time wakes this thread less and less often, down to eight times a second.
+    bool RestAfter(unsigned received);
+    bool Wait(const btkEvent::List& events, btkTimeval limit);
 
     // More than the kernel passes to a program, even when every character is quoted: the kernel reports what
     // is too long.
@@ -185,4 +188,5 @@ private:
     rshOwned<ioEvent> input;
     btkEvent::List stopEvents;
     btkTimeval end;
+    btkTimeval pause; // of the last part
 };
