@@ -44,7 +44,7 @@ ELSEWHERE = {
     "qel_export": "exposition httpserver monexport publishers",
     "qel_mon": "monwatch",
     "qel_screen": "screen",
-    "cluster": "etcd keeper keeperrecords",
+    "cluster": "etcd etcdreply keeper keeperrecords",
     "qel_ns": "nsserve",
     "qel_rsh": "daemon rshd",
 }

@@ -8,57 +8,8 @@ namespace {
 // Quorum reads hang for 7 seconds at a member that has lost the others.
 constexpr long requestMilliseconds = 2000;
 constexpr std::size_t greatestResponse = std::size_t(64) << 20;
-constexpr const char* digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 } // namespace
-
-std::string ToBase64(const std::string& bytes)
-{
-    std::string text;
-    for (std::size_t i = 0; i < bytes.size(); i += 3) {
-        unsigned bits = 0;
-        for (std::size_t k = 0; k < 3; ++k)
-            bits = bits << 8 | (i + k < bytes.size() ? static_cast<unsigned char>(bytes[i + k]) : 0U);
-        for (std::size_t k = 0; k < 4; ++k)
-            text += i + k <= bytes.size() ? digits[bits >> (18 - 6 * k) & 63] : '=';
-    }
-    return text;
-}
-
-std::string FromBase64(const std::string& text)
-{
-    static const std::string all = digits;
-    std::string bytes;
-    unsigned bits = 0;
-    int count = 0;
-    for (const char c : text.substr(0, text.find('='))) {
-        const std::size_t digit = all.find(c);
-        if (digit == std::string::npos)
-            return {};
-        bits = bits << 6 | static_cast<unsigned>(digit);
-        count += 6;
-        if (count >= 8) {
-            count -= 8;
-            bytes += static_cast<char>(bits >> count & 0xFF);
-        }
-    }
-    return bytes;
-}
-
-const Json& MemberOf(const Json& object, const char* name)
-{
-    static const Json none;
-    const auto found = object.is_object() ? object.find(name) : object.end();
-    return object.is_object() && found != object.end() ? *found : none;
-}
-
-std::uint64_t NumberIn(const Json& object, const char* name)
-{
-    const Json& value = MemberOf(object, name);
-    if (value.is_number_integer())
-        return value.get<std::uint64_t>();
-    return value.is_string() ? std::strtoull(value.get_ref<const std::string&>().c_str(), nullptr, 10) : 0;
-}
 
 struct Etcd::Transfer
 {
@@ -181,7 +132,7 @@ void Etcd::Leave(std::size_t endpoint)
         return;
     const Message ended = std::move(message);
     StopWatch();
-    ended(nullptr, "the endpoint has changed");
+    ended({{}, true, "the endpoint has changed"});
 }
 
 void Etcd::End(CURL* easy, CURLcode result)
@@ -193,7 +144,7 @@ void Etcd::End(CURL* easy, CURLcode result)
             return;
         const Message ended = std::move(message);
         StopWatch();
-        ended(nullptr, curl_easy_strerror(result));
+        ended({{}, true, curl_easy_strerror(result)});
         return;
     }
     const auto place = std::find_if(transfers.begin(), transfers.end(),
@@ -205,66 +156,39 @@ void Etcd::End(CURL* easy, CURLcode result)
     curl_multi_remove_handle(multi, easy);
 
     EtcdReply reply;
-    if (result != CURLE_OK) {
-        reply.why = options.endpoints[transfer->endpoint] + ": " + curl_easy_strerror(result);
-        Leave(transfer->endpoint);
-        transfer->done(reply);
-        return;
-    }
-    long status = 0;
-    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-    // A streaming call has a line for each message; these have one.
-    reply.body = Json::parse(transfer->received.substr(0, transfer->received.find('\n')), nullptr, false);
-    const Json& error = MemberOf(reply.body, "error");
-    if (status == 200 && error.is_null() && reply.body.is_object()) {
-        reply.code = EtcdReply::done;
+    if (result == CURLE_OK) {
+        long status = 0;
+        curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+        reply = ReplyOf(status, transfer->received);
     } else {
-        const Json& about = error.is_object() ? error : reply.body;
-        const Json& text = error.is_string() ? error : MemberOf(about, "message");
-        reply.why = text.is_string() ? text.get<std::string>() : "HTTP status " + std::to_string(status);
-        const auto code = static_cast<int>(NumberIn(about, error.is_object() ? "grpc_code" : "code"));
-        constexpr int known[] = {EtcdReply::invalid, EtcdReply::leaseNotFound, EtcdReply::denied,
-                                 EtcdReply::full, EtcdReply::unauthenticated};
-        reply.code = std::find(std::begin(known), std::end(known), code) != std::end(known)
-                         ? code
-                         : EtcdReply::noConnection;
-        if (reply.code == EtcdReply::noConnection)
-            Leave(transfer->endpoint);
+        reply.why = options.endpoints[transfer->endpoint] + ": " + curl_easy_strerror(result);
     }
+    if (reply.code == EtcdReply::noConnection)
+        Leave(transfer->endpoint);
     transfer->done(reply);
 }
 
 // Passes the complete messages on.
 void Etcd::DeliverWatch()
 {
-    std::string& received = watch->received;
-    const bool isWhole = received.find('\n', watch->searched) != std::string::npos;
-    const std::size_t whole = isWhole ? received.rfind('\n') + 1 : 0;
-    const std::string lines = received.substr(0, whole);
-    received.erase(0, whole);
-    watch->searched = received.size();
+    std::string& buffer = watch->received;
+    const bool isWhole = buffer.find('\n', watch->searched) != std::string::npos;
+    const std::size_t whole = isWhole ? buffer.rfind('\n') + 1 : 0;
+    const std::string lines = buffer.substr(0, whole);
+    buffer.erase(0, whole);
+    watch->searched = buffer.size();
     const unsigned delivered = watches;
     // What a message leads to may end this watch, or begin another.
     for (std::size_t begin = 0, end = 0; begin < lines.size() && watches == delivered; begin = end + 1) {
         end = lines.find('\n', begin);
-        const Json line = Json::parse(lines.begin() + static_cast<std::ptrdiff_t>(begin),
-                                      lines.begin() + static_cast<std::ptrdiff_t>(end), nullptr, false);
-        const Json& result = MemberOf(line, "result");
+        const EtcdMessage received = MessageOf(std::string_view(lines).substr(begin, end - begin));
         const Message called = message;
-        if (result.is_object() && !MemberOf(result, "canceled").is_boolean()) {
-            called(&result, {});
-            continue;
-        }
-        const Json& reason = MemberOf(result, "cancel_reason");
-        const Json& error = MemberOf(MemberOf(line, "error"), "message");
-        const std::string why = reason.is_string()  ? reason.get<std::string>()
-                                : error.is_string() ? error.get<std::string>()
-                                                    : "canceled";
         const std::size_t endpoint = watch->endpoint;
-        StopWatch();
-        if (!result.is_object())
+        if (received.isEnd)
+            StopWatch();
+        if (received.isRefused)
             Leave(endpoint);
-        called(nullptr, why);
+        called(received);
     }
 }
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <qel/base/btkfd.h>
@@ -50,14 +51,28 @@ struct EtcdReply
     Json body;
 };
 
+/// Parses the response to a request, with its HTTP status.
+EtcdReply ReplyOf(long status, const std::string& response);
+
+/// A message of a watch.
+struct EtcdMessage
+{
+    Json result;
+    bool isEnd = false;
+    std::string why;        // of the end
+    bool isRefused = false; // at this endpoint
+};
+
+/// Parses a line of a watch.
+EtcdMessage MessageOf(std::string_view line);
+
 /// A client of etcd's JSON gateway. All requests go to one endpoint, and after a failure there to the next. Used
 /// by one thread; the functions that it calls may make further requests.
 class Etcd
 {
 public:
     using Done = std::function<void(const EtcdReply& reply)>;
-    /// Called with each message, and at the end with null and the reason.
-    using Message = std::function<void(const Json* message, const std::string& why)>;
+    using Message = std::function<void(const EtcdMessage& message)>;
 
     explicit Etcd(EtcdOptions wanted);
     Etcd(const Etcd&) = delete;
@@ -66,7 +81,8 @@ public:
 
     /// Sends a request; `done` is called within its time limit, but not before Work.
     void Post(const char* path, const Json& body, Done done);
-    /// Watches keys, instead of those watched so far. Ends also when the endpoint changes.
+    /// Watches keys, instead of those watched so far, and calls `message` up to the end, which comes also when the
+    /// endpoint changes.
     void Watch(const Json& request, Message message);
     void StopWatch();
     /// Sets, or clears, what authenticates requests from now on.

@@ -99,9 +99,12 @@ void Keeper::Hear(nmsStoreMessage kind, nmsPartReader parts)
 
 void Keeper::Enter(std::uint64_t id, const std::string& start, const nmsFields& record)
 {
+    const auto [place, isNew] = own.try_emplace(id);
+    if (!isNew)
+        return;
     std::string encoded;
     nmsPutRecord(encoded, record);
-    Own& added = own[id];
+    Own& added = place->second;
     open.insert(id);
     added.key = ownPrefix + randomKey();
     byKey[added.key] = id;
@@ -253,6 +256,7 @@ void Keeper::HaveLease(std::uint64_t id, btkTimeval sent)
     if (id == 0)
         return ConnectAgain("no lease in the reply");
     const bool isNew = id != lease;
+    const bool wasLost = isNew || !hasLease;
     lease = id;
     hasLease = true;
     leaseEnd = sent + leaseTime;
@@ -263,9 +267,11 @@ void Keeper::HaveLease(std::uint64_t id, btkTimeval sent)
         !(file.CreateBeside(options.stateFile.c_str()) && file.Write(text.data(), text.size()) &&
           file.TakePlace(btkReplacement::Unsynced)))
         btkLog(btkLevel::warning, "qel-names-etcd: " + options.stateFile + " cannot be written");
-    stored.clear();
-    claims.clear();
-    Load(prefix, 0);
+    if (wasLost || !isReady || seen == 0)
+        return Load(prefix, 0);
+    // The connection was lost, and nothing else.
+    Follow();
+    CheckFresh();
 }
 
 void Keeper::Renew()
@@ -306,8 +312,13 @@ void Keeper::LoseLease(const std::string& why)
 // Loads all keys from `from` on, a page at a time, at one revision.
 void Keeper::Load(const std::string& from, Revision revision)
 {
-    if (revision == 0)
+    if (revision == 0) {
+        stored.clear();
+        claims.clear();
+        orphans.clear();
+        seen = 0;
         server.Send(nmsStoreMessage::reload);
+    }
     const Json page = {{"key", ToBase64(from)},
                        {"range_end", ToBase64(endOf(prefix))},
                        {"limit", std::to_string(pageSize)},
@@ -336,25 +347,38 @@ void Keeper::Load(const std::string& from, Revision revision)
 void Keeper::Loaded(Revision revision)
 {
     server.Send(nmsStoreMessage::loaded);
-    isLive = true;
-    const Json request = {{"create_request",
-                           {{"key", ToBase64(prefix)},
-                            {"range_end", ToBase64(endOf(prefix))},
-                            {"start_revision", std::to_string(revision + 1)}}}};
-    etcd.Watch(request, [this](const Json* message, const std::string& why) { HearWatch(message, why); });
+    seen = revision;
+    Follow();
     if (isReady)
         Adopt();
     CheckFresh();
 }
 
-void Keeper::HearWatch(const Json* message, const std::string& why)
+// Watches what happens after what has been seen.
+void Keeper::Follow()
 {
-    if (message == nullptr)
-        return ConnectAgain(why);
-    const Json& events = MemberOf(*message, "events");
-    if (events.is_array())
-        for (const Json& event : events)
-            HearEvent(event);
+    isLive = true;
+    const Json request = {{"create_request",
+                           {{"key", ToBase64(prefix)},
+                            {"range_end", ToBase64(endOf(prefix))},
+                            {"start_revision", std::to_string(seen + 1)}}}};
+    etcd.Watch(request, [this](const EtcdMessage& message) { HearWatch(message); });
+}
+
+void Keeper::HearWatch(const EtcdMessage& message)
+{
+    if (message.isEnd) {
+        if (NumberIn(message.result, "compact_revision") != 0)
+            seen = 0;
+        return ConnectAgain(message.why);
+    }
+    const Json& events = MemberOf(message.result, "events");
+    if (!events.is_array())
+        return;
+    for (const Json& event : events) {
+        HearEvent(event);
+        seen = std::max(seen, NumberIn(MemberOf(event, "kv"), "mod_revision"));
+    }
 }
 
 void Keeper::HearEvent(const Json& event)
@@ -372,7 +396,7 @@ void Keeper::HearEvent(const Json& event)
         const auto known = byKey.find(changed.key);
         if (known == byKey.end()) {
             if (!isGone && isReady)
-                DeleteOrphan(changed);
+                orphans.push_back(changed);
         } else if (Own& record = own.at(known->second); isGone && !record.isBusy && record.isHeld) {
             // By hand, or by another machine of the same name.
             record.isHeld = false;

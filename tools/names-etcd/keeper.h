@@ -5,6 +5,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 #include <qel/base/nmsstore.h>
 
@@ -73,7 +74,8 @@ private:
     void LoseLease(const std::string& why);
     void Load(const std::string& from, Revision revision);
     void Loaded(Revision revision);
-    void HearWatch(const Json* message, const std::string& why);
+    void Follow();
+    void HearWatch(const EtcdMessage& message);
     void HearEvent(const Json& event);
     void CheckFresh();
 
@@ -115,9 +117,11 @@ private:
     btkTimeval tryAt = btkTimeval::Forever();
     unsigned attempt = 0; // numbers the calls of Connect, so that the replies to earlier ones are known
     bool isLive = false;  // loaded, and watching
+    Revision seen = 0;    // of the store, up to which the copy is complete; 0: it must be loaded
     bool isStale = true;
     std::string told;
     std::string trouble;                  // with the last renewal
     std::map<std::string, Stored> stored; // this machine's records as loaded, until they are adopted
     std::map<std::string, Stored> claims; // as loaded, those of this machine
+    std::vector<Stored> orphans;          // this machine's records that the name server does not have
 };

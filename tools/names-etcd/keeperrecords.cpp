@@ -106,7 +106,7 @@ void Keeper::Adopt()
                                    (claim != claims.end() && claim->second.value == place->second.claimant));
         if (!isWhole) {
             if (place == own.end() || !place->second.isBusy)
-                DeleteOrphan(found);
+                orphans.push_back(found);
             continue;
         }
         Own& record = place->second;
@@ -144,6 +144,10 @@ void Keeper::Proceed()
             Proceed(id, record);
         else
             break; // the next reply goes on here
+    }
+    while (isLive && !orphans.empty() && busy < mostBusy) {
+        DeleteOrphan(orphans.back());
+        orphans.pop_back();
     }
 }
 
@@ -274,9 +278,14 @@ void Keeper::DeleteOrphan(const Stored& orphan)
                                        {{"compare", Json::array({holds(claim, claimant)})},
                                         {"success", Json::array({deletionOf(claim)})}}}});
     }
-    etcd.Post("/v3/kv/txn", txn, [this](const EtcdReply& reply) {
-        if (reply.code != EtcdReply::done && isLive)
-            ConnectAgain(reply.why); // which finds it again
+    ++busy;
+    etcd.Post("/v3/kv/txn", txn, [this, orphan](const EtcdReply& reply) {
+        --busy;
+        if (reply.code == EtcdReply::done)
+            return;
+        orphans.push_back(orphan);
+        if (isLive)
+            ConnectAgain(reply.why);
     });
 }
 
