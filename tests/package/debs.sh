@@ -15,7 +15,7 @@ expect() # TEXT COMMAND...: the command must print the text
     [[ $printed == "$1" ]] || fail "${*:2}: printed '$printed', not '$1'"
 }
 quietly() { "$@" >/debs/log 2>&1 || { cat /debs/log >&2; fail "$*"; }; }
-enabled() { [[ -L /etc/systemd/system/multi-user.target.wants/$1 ]]; }
+enabled() { compgen -G "/etc/systemd/system/*.target.wants/$1" >/dev/null; }
 
 # newer FILE FOLDER: the package, as the next version.
 newer()
@@ -87,19 +87,27 @@ inside() # VERSION: runs as root of the copy; /debs has the packages, except tho
         grep "Yes.*/libqelstd.so.$version-gdb.py" /debs/log >/dev/null || { cat /debs/log >&2; fail "gdb does not"; }
     fi
 
-    say "the name server is enabled, and the remote shell server is not"
-    enabled qel-ns.service || fail "qel-ns.service is not enabled"
-    ! enabled qel-rshd.service || fail "qel-rshd.service is enabled"
+    say "the name server and its port are enabled, and the remote shell server is not; none is beyond the loopback"
+    local unit
+    for unit in qel-ns.service qel-ns.socket; do
+        enabled "$unit" || fail "$unit is not enabled"
+    done
+    for unit in qel-rshd.service qel-rshd.socket; do
+        ! enabled "$unit" || fail "$unit is enabled"
+    done
+    expect "" sed -n '/^Listen/{/=127\.0\.0\.1:/!p}' /lib/systemd/system/qel-*.socket
 
     say "upgraded: what the administrator has disabled stays so"
-    quietly systemctl --root=/ disable qel-ns.service
+    quietly systemctl --root=/ disable qel-ns.service qel-ns.socket
     mkdir /debs/newer
     for package in /debs/*.deb; do
         newer "$package" /debs/newer
     done
     quietly dpkg -i /debs/newer/*.deb
     expect "installed $version+next" dpkg-query -W -f '${db:Status-Status} ${Version}' qelstd-daemons
-    ! enabled qel-ns.service || fail "qel-ns.service is enabled again"
+    for unit in qel-ns.service qel-ns.socket; do
+        ! enabled "$unit" || fail "$unit is enabled again"
+    done
     quietly qel selftest
 
     say "removed"
