@@ -6,6 +6,7 @@
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 #include <qel/base/btkretry.h>
 
@@ -149,6 +150,30 @@ int btkOpenRegular(int folder, const char* name, int flags, unsigned mode, struc
         return -1;
     }
     return file.Release();
+}
+
+btkFd btkOpenFolder(const char* path)
+{
+    return btkFd(btkOpenAt(AT_FDCWD, path, O_RDONLY | O_DIRECTORY));
+}
+
+bool btkReadRegular(int folder, const char* name, std::string& content, std::size_t limit)
+{
+    struct stat status;
+    const btkFd file(btkOpenRegular(folder, name, O_RDONLY | O_NOFOLLOW, 0, status));
+    if (!file)
+        return false;
+    std::string bytes;
+    char block[blockSize];
+    std::ptrdiff_t count = 0;
+    while (bytes.size() <= limit && (count = btkRead(file.Get(), block, sizeof block)) > 0)
+        bytes.append(block, static_cast<std::size_t>(count));
+    if (bytes.size() > limit)
+        errno = EFBIG;
+    if (count < 0 || bytes.size() > limit)
+        return false;
+    content = std::move(bytes);
+    return true;
 }
 
 bool btkCopyContents(int source, const struct stat& status, int target, btkCopyWatcher* watcher)

@@ -2,6 +2,9 @@
 
 /// Opening a file by its folder, and copying a file's contents.
 
+#include <cstddef>
+#include <string>
+
 #include <qel/base/btkfd.h>
 
 struct stat;
@@ -13,6 +16,13 @@ BASE_API int btkOpenAt(int folder, const char* name, int flags, unsigned mode = 
 /// EACCES for anything but a regular file, without blocking on it. `status` receives the status of the opened
 /// file.
 BASE_API int btkOpenRegular(int folder, const char* name, int flags, unsigned mode, struct stat& status);
+
+/// Opens the directory `path` of the operating system. Owns nothing when that fails, with errno set.
+BASE_API btkFd btkOpenFolder(const char* path);
+
+/// Reads the regular file `name` of the directory descriptor `folder`; a link is not followed. False when it fails,
+/// with errno set: EFBIG for a file of more than `limit` bytes. `content` is unchanged then.
+BASE_API bool btkReadRegular(int folder, const char* name, std::string& content, std::size_t limit);
 
 /// Receives the progress of a copy.
 class BASE_API btkCopyWatcher

@@ -47,6 +47,7 @@ ELSEWHERE = {
     "cluster": "etcd etcdreply keeper keeperrecords",
     "qel_ns": "nsserve",
     "qel_rsh": "daemon rshd",
+    "qel_tls": "authority folder pki show tlsoptions",
 }
 
 # Where tests sleep, how often, and why no event can stand there.

@@ -11,6 +11,7 @@ void AddNameServiceCommands(CLI::App& program);
 void AddServerCommands(CLI::App& program);
 void AddRemoteShellCommand(CLI::App& program);
 void AddRemoteShellServer(CLI::App& program);
+void AddTlsCommands(CLI::App& program);
 void AddMonitorCommands(CLI::App& program);
 void AddTopCommand(CLI::App& program);
 void AddConfigCommands(CLI::App& program);
@@ -30,6 +31,7 @@ constexpr AddCommands groups[] = {
     &AddServerCommands,      // server
     &AddRemoteShellCommand,  // rsh
     &AddRemoteShellServer,   // rshd
+    &AddTlsCommands,         // tls
     &AddMonitorCommands,     // mon
     &AddTopCommand,          // top
     &AddConfigCommands,      // conf
