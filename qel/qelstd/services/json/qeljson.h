@@ -78,7 +78,16 @@ QEL_API xany readAs(xrtti* declared, std::istream& in, const options& how = {});
 
 /// How a T is declared, and returned by read<T>: an object by a counting handle.
 template<class T>
-struct Typed;
+struct Typed
+{
+    static_assert(!std::is_same_v<T, T>,
+                  "JSON is typed by an exposed class, an enumeration with QEL_ENUM, int, bool, double, "
+                  "xstring or xany");
+    /// Only for the assertion to be the only error.
+    static xrtti* rtti();
+    /// As above.
+    static T get(const xany& value);
+};
 
 /// Writes a value that is declared as a T, for read<T>: write<Person>(person, out).
 /// @throws qelXJson

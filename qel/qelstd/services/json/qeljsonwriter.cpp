@@ -1,6 +1,7 @@
 #include <charconv>
 #include <cmath>
 #include <ostream>
+#include <unordered_map>
 #include <utility>
 
 #include "qelcaught.h"
@@ -33,6 +34,25 @@ constexpr auto escapes = [] {
 }();
 
 constexpr std::string_view replacement = "\xEF\xBF\xBD"; // U+FFFD
+
+/// Returns the number of bytes at the start that are written as they are.
+std::size_t sizeOfPlain(std::string_view text)
+{
+    // In each byte of a word, the highest bit tells of a byte to escape. A borrow makes it true of a byte above such a
+    // one only.
+    constexpr std::uint64_t each = 0x0101010101010101u;
+    std::size_t i = 0;
+    for (std::uint64_t word = 0; text.size() - i >= sizeof word; i += sizeof word) {
+        std::memcpy(&word, text.data() + i, sizeof word);
+        const std::uint64_t quote = word ^ each * '"';
+        const std::uint64_t backslash = word ^ each * '\\';
+        if ((((word - each * 0x20) | (quote - each) | (backslash - each) | word) & each * 0x80) != 0)
+            break;
+    }
+    while (i < text.size() && escapes.of[static_cast<unsigned char>(text[i])] == 0)
+        ++i;
+    return i;
+}
 
 } // namespace
 
@@ -76,36 +96,33 @@ void Output::put(double number)
 bool Output::string(std::string_view text, bool strict)
 {
     put('"');
-    std::size_t plain = 0; // where the part begins that is copied as it is
-    for (std::size_t i = 0; i < text.size();) {
-        const char escape = escapes.of[static_cast<unsigned char>(text[i])];
-        if (escape == 0) {
-            ++i;
-            continue;
-        }
-        const std::size_t size = escape == 'h' ? utf8Size(text.substr(i, 4)) : 0;
-        if (size != 0) {
-            i += size;
-            continue;
-        }
-        if (escape == 'h' && strict)
-            return false;
-        put(text.substr(plain, i - plain));
-        if (escape == 'h') {
-            put(replacement);
-        } else {
+    for (;;) {
+        const std::size_t plain = sizeOfPlain(text);
+        put(text.substr(0, plain));
+        text.remove_prefix(plain);
+        if (text.empty())
+            break;
+        const char escape = escapes.of[static_cast<unsigned char>(text[0])];
+        std::size_t size = 1;
+        if (escape != 'h') {
             put('\\');
             put(escape);
             if (escape == 'u') {
                 constexpr std::string_view digits = "0123456789abcdef";
                 put("00");
-                put(digits[static_cast<unsigned char>(text[i]) >> 4]);
-                put(digits[text[i] & 0xF]);
+                put(digits[static_cast<unsigned char>(text[0]) >> 4]);
+                put(digits[text[0] & 0xF]);
             }
+        } else if (const std::size_t found = utf8Size(text.substr(0, 4)); found != 0) {
+            size = found;
+            put(text.substr(0, size));
+        } else if (strict) {
+            return false;
+        } else {
+            put(replacement);
         }
-        plain = ++i;
+        text.remove_prefix(size);
     }
-    put(text.substr(plain));
     put('"');
     return true;
 }
@@ -156,52 +173,54 @@ namespace {
 
 // ---- the objects met
 
-/// Which objects occur more than once, and the numbers that they are given. Open addressing with linear
-/// probing.
+/// The objects met, of which one bit tells whether they occur more than once. Open addressing with linear probing: one word
+/// for each, since every object of a large graph has an entry.
 class Objects
 {
 public:
-    struct Entry
-    {
-        xobject* object = nullptr;
-        bool isShared = false;
-        int id = 0; ///< once it is written
-    };
-
-    /// Returns the entry of the object, and whether it is new.
-    std::pair<Entry*, bool> meet(xobject* object)
+    /// Returns whether the object is new; else it occurs more than once.
+    bool meet(const xobject* object)
     {
         if (count * 2 >= entries.size())
             grow();
-        Entry& entry = *slotOf(object);
-        const bool isNew = entry.object == nullptr;
+        std::uintptr_t& entry = slotOf(addressOf(object));
+        const bool isNew = entry == 0;
         if (isNew) {
-            entry.object = object;
+            entry = addressOf(object);
             ++count;
+        } else {
+            entry |= shared;
         }
-        return {&entry, isNew};
+        return isNew;
     }
+    /// Of an object that was met.
+    bool isShared(const xobject* object) { return (slotOf(addressOf(object)) & shared) != 0; }
 
 private:
-    Entry* slotOf(const xobject* object)
+    static constexpr std::uintptr_t shared = 1;
+
+    static std::uintptr_t addressOf(const xobject* object)
+    {
+        return reinterpret_cast<std::uintptr_t>(object);
+    }
+    std::uintptr_t& slotOf(std::uintptr_t address)
     {
         const std::size_t mask = entries.size() - 1;
-        std::size_t slot =
-            ((reinterpret_cast<std::uintptr_t>(object) >> 4) * 0x9E3779B97F4A7C15u >> 24) & mask;
-        while (entries[slot].object != nullptr && entries[slot].object != object)
+        std::size_t slot = ((address >> 4) * 0x9E3779B97F4A7C15u >> 24) & mask;
+        while (entries[slot] != 0 && (entries[slot] & ~shared) != address)
             slot = (slot + 1) & mask;
-        return &entries[slot];
+        return entries[slot];
     }
     void grow()
     {
-        std::vector<Entry> old =
-            std::exchange(entries, std::vector<Entry>(entries.empty() ? 64 : entries.size() * 2));
-        for (const Entry& entry : old)
-            if (entry.object != nullptr)
-                *slotOf(entry.object) = entry;
+        const std::vector<std::uintptr_t> old =
+            std::exchange(entries, std::vector<std::uintptr_t>(entries.empty() ? 64 : entries.size() * 2));
+        for (const std::uintptr_t entry : old)
+            if (entry != 0)
+                slotOf(entry & ~shared) = entry;
     }
 
-    std::vector<Entry> entries;
+    std::vector<std::uintptr_t> entries;
     std::size_t count = 0;
 };
 
@@ -299,9 +318,9 @@ private:
     std::vector<Frame> path;
     Plans plans;
     Objects objects;
+    std::unordered_map<const xobject*, int> ids; // of shared objects, in the order of their first places
     std::vector<xany>
         kept; // objects made by accessors: another must not be given the address of one met before
-    int latestId = 0;
     bool foundSharing = false; // while writing the first time
     bool isNumbering = false;  // the second time
 };
@@ -432,23 +451,23 @@ bool Writer::putObject(xany&& value, Type& declared)
         return put(xany(object), declared); // a marker that C code has stored in place of an object
     if (xrcgetcount(object) == 1)
         kept.push_back(value);
-    const auto [entry, isNew] = objects.meet(object);
-    if (!isNumbering && !isNew) {
-        entry->isShared = true;
+    int id = 0;
+    if (isNumbering && objects.isShared(object)) {
+        int& known = ids[object];
+        if (known != 0) {
+            text.put('{');
+            name(refKey);
+            text.put(known);
+            text.put('}');
+            return false;
+        }
+        id = known = static_cast<int>(ids.size());
+    } else if (!isNumbering && !objects.meet(object)) {
         if (!foundSharing)
             text.discard();
         foundSharing = true;
         return false;
     }
-    if (isNumbering && entry->id != 0) {
-        text.put('{');
-        name(refKey);
-        text.put(entry->id);
-        text.put('}');
-        return false;
-    }
-    if (isNumbering && entry->isShared)
-        entry->id = ++latestId;
     if (path.size() >= static_cast<std::size_t>(how.depth < 0 ? 0 : how.depth))
         fail("at most " + std::to_string(how.depth) + " levels", "more");
     xrttiobject* const type = object->getRtti();
@@ -460,7 +479,7 @@ bool Writer::putObject(xany&& value, Type& declared)
     const bool isTyped = !isUntyped && (declared.kind != Kind::object ||
                                         (declared.cls != type && !declared.cls->xrtti::isSameAs(type)));
     path.emplace_back(std::move(value), object, plan);
-    open(path.back(), isTyped, entry->id);
+    open(path.back(), isTyped, id);
     return true;
 }
 

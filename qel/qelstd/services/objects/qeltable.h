@@ -284,12 +284,21 @@ constexpr qelAttr qelAttrOf(const char* name, Get, Set, unsigned char optional =
     qelAttrOf<self>(                    \
         #N, [](self& object) { return expression; }, nullptr __VA_OPT__(, ) __VA_ARGS__)
 
+// False, once T is known: for the assertions about wrong rows.
+template<class T>
+inline constexpr bool qelNever = false;
+
 template<class T, class P>
-constexpr qelParent qelParentOf = {
-    .rtti = &P::getClassRtti,
-    .downcast = [](void* object,
-                   const xrttiobject* wanted) { return static_cast<T*>(object)->P::dyndowncast(wanted); },
-};
+constexpr qelParent qelParentOf = []() -> qelParent {
+    if constexpr (requires(T * object) { P::getClassRtti(), object->P::dyndowncast(nullptr); })
+        return {.rtti = &P::getClassRtti, .downcast = [](void* object, const xrttiobject* wanted) {
+                    return static_cast<T*>(object)->P::dyndowncast(wanted);
+                }};
+    else {
+        static_assert(qelNever<P>, "QEL_PARENT(Base): Base is a base class with a table of its own");
+        return {};
+    }
+}();
 
 /// A row for a direct base class.
 #define QEL_PARENT(P) qelParentOf<self, P>
@@ -297,13 +306,19 @@ constexpr qelParent qelParentOf = {
 template<class T>
 xobject* qelCreateOf()
 {
-    return T::create();
+    if constexpr (requires { T::create(); })
+        return T::create();
+    else
+        static_assert(qelNever<T>, "qelCreateOf<self>: the class has no static create()");
 }
 
 template<class T>
 xobject* qelRebuildOf(qelS11nContext* context)
 {
-    return qelObjectOf(static_cast<T*>(T::_s11n_create(context)));
+    if constexpr (requires { T::_s11n_create(context); })
+        return qelObjectOf(static_cast<T*>(T::_s11n_create(context)));
+    else
+        static_assert(qelNever<T>, "qelRebuildOf<self>: write QEL_REBUILD(Class) in the class");
 }
 
 // Read through getarraysize() and get(index), filled through append(value).
@@ -413,11 +428,33 @@ constexpr qelShape qelArrayShape(unsigned char optional)
 }
 
 template<class S, unsigned char optional>
-inline constexpr qelShape qelSequenceRow = qelSequenceShape<S>(optional);
+inline constexpr qelShape qelSequenceRow = []() -> qelShape {
+    if constexpr (requires(S & s) { s.getarraysize(), s.get(0); })
+        return qelSequenceShape<S>(optional);
+    else {
+        static_assert(qelNever<S>, "qelSequenceOf<self>: the class has no getarraysize() and get(index)");
+        return {};
+    }
+}();
 template<class D, unsigned char optional>
-inline constexpr qelShape qelDictionaryRow = qelDictionaryShape<D>(optional);
+inline constexpr qelShape qelDictionaryRow = []() -> qelShape {
+    if constexpr (
+        requires { typename D::mapped_type; } || requires { &D::find; })
+        return qelDictionaryShape<D>(optional);
+    else {
+        static_assert(qelNever<D>, "qelDictionaryOf<self>: the class has no find(const char* key, V* value)");
+        return {};
+    }
+}();
 template<class A, unsigned char optional>
-inline constexpr qelShape qelArrayRow = qelArrayShape<A>(optional);
+inline constexpr qelShape qelArrayRow = []() -> qelShape {
+    if constexpr (requires(A & a, int* indices) { a.getelement(indices); })
+        return qelArrayShape<A>(optional);
+    else {
+        static_assert(qelNever<A>, "qelArrayOf<self>: the class has no getelement(indices)");
+        return {};
+    }
+}();
 
 template<class S, unsigned char optional = qelMandatory>
 inline constexpr const qelShape* qelSequenceOf = &qelSequenceRow<S, optional>;
