@@ -1,4 +1,4 @@
-"""cluster.py BUILD: the figures of docs/cluster.md. Name servers in network namespaces that stand for machines share their
+"""names_cluster.py BUILD: the figures of docs/cluster.md. Name servers in network namespaces that stand for machines share their
 records in one member of etcd, whose files are in memory. BUILD: the folder of a release build with benchmarks."""
 import os
 import pathlib
@@ -51,7 +51,7 @@ class Figures:
                               stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         line = process.stdout.readline()
         if not line:
-            sys.exit("cluster.py: no figures")
+            sys.exit("names_cluster.py: no figures")
         return *map(float, line.split()), process
 
     def once(self, *arguments):
@@ -142,7 +142,7 @@ class Figures:
 
 def main():
     if len(sys.argv) != 2:
-        sys.exit("usage: cluster.py BUILD")
+        sys.exit("usage: names_cluster.py BUILD")
     figures = Figures(os.path.realpath(sys.argv[1]), isolate())
     a = figures.machine()
     figures.registrations(a, 1, 1000)
