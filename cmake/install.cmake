@@ -1,5 +1,5 @@
 # The files that other projects build with: the CMake package `qelstd`, in the build tree and installed, and the pkg-config file.
-# Each component is a package (debian/rules): `libraries`, `development`, `python`, `documents`, and with the programs
+# Each component is a package (debian/rules): `libraries`, `tls`, `development`, `python`, `documents`, and with the programs
 # `tools`, `daemons` and `web`.
 include(CMakePackageConfigHelpers)
 

@@ -1,9 +1,11 @@
 # Helpers with which each folder lists its sources and headers. Public headers are linked into
 # ${PROJECT_BINARY_DIR}/include, so that the build tree is used like an installed prefix: `#include <qel/xobject.h>`.
 
-# qel_library(NAME EXPORT_MACRO): a shared library that the folders below add their sources to. The names of the files begin
-# with `qel`, since they share the system's folder with those of others.
+# qel_library(NAME EXPORT_MACRO [LOADED_FROM COMPONENT]): a shared library that the folders below add their sources to. The
+# names of the files begin with `qel`, since they share the system's folder with those of others. LOADED_FROM: programs do
+# not link with it, and it is installed as part of that component.
 function(qel_library name macro)
+  cmake_parse_arguments(arg "" "LOADED_FROM" "" ${ARGN})
   add_library(${name} SHARED)
   add_library(qelstd::${name} ALIAS ${name})
   target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:qel_options>)
@@ -18,13 +20,18 @@ function(qel_library name macro)
     LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib
     INSTALL_RPATH "$ORIGIN")
   # All symbols have one version, which a program records when it is linked, so that several versions may be loaded.
-  string(TOUPPER ${name} QEL_VERSION_NODE)
+  string(MAKE_C_IDENTIFIER ${name} node)
+  string(TOUPPER ${node} QEL_VERSION_NODE)
   set(script ${CMAKE_CURRENT_BINARY_DIR}/${name}.map)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/symbols.map.in ${script} @ONLY)
   target_link_options(${name} PRIVATE LINKER:--version-script=${script})
   set_target_properties(${name} PROPERTIES LINK_DEPENDS ${script})
-  install(TARGETS ${name} EXPORT qelstd LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-    COMPONENT libraries NAMELINK_COMPONENT development)
+  if(arg_LOADED_FROM)
+    install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${arg_LOADED_FROM} NAMELINK_SKIP)
+  else()
+    install(TARGETS ${name} EXPORT qelstd LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+      COMPONENT libraries NAMELINK_COMPONENT development)
+  endif()
   set(QEL_LIBRARY ${name} PARENT_SCOPE)
 endfunction()
 

@@ -217,6 +217,17 @@ struct btkStreamSocket::Ahead
     }
 };
 
+btkCarrier::btkCarrier(const btkStreamSocket& connection)
+    : isPeerOnTheSameMachine(connection.IsPeerOnTheSameMachine())
+{
+    const btkSocketAddress address = peerOf(connection, connection.peer);
+    std::memcpy(peer.data(), &address.storage, peer.size());
+    if (isPeerOnTheSameMachine)
+        peerUser = connection.GetPeerUser();
+}
+
+btkCarrier::~btkCarrier() = default;
+
 btkStreamSocket::btkStreamSocket() = default;
 btkStreamSocket::~btkStreamSocket() = default;
 
@@ -266,6 +277,13 @@ void btkStreamSocket::Close()
     fd.Reset();
     peer = {};
     ahead.reset();
+    carrier.reset();
+}
+
+void btkStreamSocket::SetCarrier(std::unique_ptr<btkCarrier> carrying)
+{
+    peer = carrying->peer;
+    carrier = std::move(carrying);
 }
 
 void btkStreamSocket::ShutdownOutput()
@@ -573,8 +591,22 @@ std::string btkStreamSocket::GetPeerAddrStr() const
     return peerOf(*this, peer).GetText();
 }
 
+std::optional<btkUserId> btkStreamSocket::GetPeerUser() const
+{
+    return carrier != nullptr ? carrier->peerUser : btkGetPeerUser(fd.Get());
+}
+
+bool btkStreamSocket::BeginsWith(unsigned char byte) const
+{
+    unsigned char first = 0;
+    return ahead == nullptr &&
+           btkRetry([&] { return recv(fd.Get(), &first, 1, MSG_PEEK | MSG_DONTWAIT); }) == 1 && first == byte;
+}
+
 bool btkStreamSocket::IsPeerOnTheSameMachine() const
 {
+    if (carrier != nullptr)
+        return carrier->isPeerOnTheSameMachine;
     const btkSocketAddress address = peerOf(*this, peer);
     if (address.storage.ss_family == AF_UNSPEC)
         return false;

@@ -4,10 +4,13 @@
 #include <atomic>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <qel/base/btkevent.h>
 #include <qel/base/btkfd.h>
+#include <qel/base/btkpeeruser.h>
 
 /// A TCP socket over IPv4 or IPv6. Its descriptor is closed on exec. Used by one thread at a time.
 class BASE_API btkSocket
@@ -64,6 +67,34 @@ private:
     std::atomic<btkTimeval> end = btkTimeval::Forever();
 };
 
+class btkStreamSocket;
+
+/// What carries an encrypted connection between the socket of this end's user, which leads to it, and the peer.
+class BASE_API btkCarrier
+{
+public:
+    virtual ~btkCarrier();
+    btkCarrier(const btkCarrier&) = delete;
+    btkCarrier& operator=(const btkCarrier&) = delete;
+
+    /// Why the connection was lost, in words; empty when that is not known. Waits at most `limit` for the loss.
+    virtual std::string GetFailure(btkTimeval limit) = 0;
+
+    /// The names that the peer's certificate proves: NAME for each `qel://NAME`. They consist of visible ASCII characters.
+    std::vector<std::string> peerNames;
+
+protected:
+    /// `connection`: the one to the peer; what it knows about the peer is copied.
+    explicit btkCarrier(const btkStreamSocket& connection);
+
+private:
+    friend class btkStreamSocket;
+
+    std::array<char, 28> peer = {};
+    bool isPeerOnTheSameMachine;
+    std::optional<btkUserId> peerUser;
+};
+
 /// A connection: a stream of bytes in each direction, and beside it urgent values of four bytes. Only the
 /// notification of a value overtakes; reading the value buffers the ordinary bytes sent before it, from where
 /// later reads take them.
@@ -91,6 +122,9 @@ public:
     /// Takes over a connected descriptor and owns it.
     void Adopt(btkFd connected);
     void Close();
+    /// Makes this the socket of the user of an encrypted connection: its peer is the carrier's, which is destroyed when
+    /// this socket has been closed, and sends the rest.
+    void SetCarrier(std::unique_ptr<btkCarrier> carrying);
     /// Closes the output: the peer reads the data sent before, then the end. Reading continues.
     void ShutdownOutput();
 
@@ -151,9 +185,18 @@ public:
     std::string GetPeerAddrStr() const;
     /// Whether the peer runs on this machine: its address is a loopback one, or this end's own.
     bool IsPeerOnTheSameMachine() const;
+    /// As btkGetPeerUser for the peer itself, also of an encrypted connection.
+    std::optional<btkUserId> GetPeerUser() const;
+    /// Whether the connection is encrypted: both ends have shown certificates that the other's authorities have signed.
+    bool IsEncrypted() const { return carrier != nullptr; }
+    /// What carries an encrypted connection; null for others.
+    btkCarrier* GetCarrier() const { return carrier.get(); }
+    /// Whether the next byte has arrived, and is `byte`, without taking it. False when data was read ahead.
+    bool BeginsWith(unsigned char byte) const;
 
 private:
     friend class btkAcceptSocket;
+    friend class btkCarrier;
     struct Ahead;
 
     enum class Wait { never, whenNothingIsThere, first };
@@ -181,6 +224,7 @@ private:
     unsigned long long receivedThen = 0; // at lastUrgent
     std::array<char, 28> peer = {};      // the address of an accepted connection's peer; room for the longest
     std::unique_ptr<Ahead> ahead;        // data read to reach urgent values; null until there is one
+    std::unique_ptr<btkCarrier> carrier; // null: the connection is the kernel's own
 };
 
 /// Waits for connections. Non-blocking: Accept takes a pending connection; Wait waits for one.

@@ -4,7 +4,12 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
 #include <new>
+#include <set>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
@@ -37,6 +42,10 @@ constexpr btkTimeval sendLimit(2, 0);
 constexpr btkTimeval shortestPause(0, 200);
 constexpr btkTimeval longestPause(0, 50000);
 constexpr btkTimeval destructionLimit(2, 0);
+// Without a byte sent, once the user has left.
+constexpr btkTimeval patienceAlone(60, 0);
+// Frames that are taken from the channel in one step.
+constexpr int mostReads = 16;
 
 // Connects two sockets with each other. Another program may connect to the port meanwhile; it is turned away.
 bool connectPair(btkStreamSocket& one, btkStreamSocket& other)
@@ -92,7 +101,37 @@ bool receiveOpening(btkHandle input, btkTimeval end)
     return true;
 }
 
+class Descriptors final : public btkChannel
+{
+public:
+    Descriptors(btkFd from, btkFd to) : input(std::move(from)), output(std::move(to)) {}
+
+    btkHandle GetInput() const override { return input.Get(); }
+    btkHandle GetOutput() const override { return output.Get(); }
+    std::ptrdiff_t Read(char* to, std::size_t size) override
+    {
+        const std::ptrdiff_t count = btkRead(input.Get(), to, size);
+        if (count <= 0)
+            input.Reset();
+        return count > 0 ? count : -1;
+    }
+    std::ptrdiff_t Write(const char* from, std::size_t size) override
+    {
+        return btkTryWrite(output.Get(), from, size);
+    }
+    void Close() override
+    {
+        output.Reset();
+        input.Reset();
+    }
+
+private:
+    btkFd input, output;
+};
+
 } // namespace
+
+btkChannel::~btkChannel() = default;
 
 struct [[gnu::visibility("hidden")]] btkTunnel::Loop
 {
@@ -115,7 +154,9 @@ struct [[gnu::visibility("hidden")]] btkTunnel::Loop
     }
 
     int Run();
+    void Serve();
     bool Step();
+    bool IsDone();
     bool MoveToUser();
     bool MoveFromUser();
     void TakeUrgents();
@@ -134,40 +175,64 @@ struct [[gnu::visibility("hidden")]] btkTunnel::Loop
     btkReadiness AwaitedOfUser() const;
 
     btkStreamSocket user;
-    btkFd input;
-    btkFd output;
+    std::unique_ptr<btkChannel> channel;
     btkHandle wake;
     std::atomic<Wish> wish = Wish::serve;
+    std::atomic<bool> isAlone = false; // nobody waits for the end
+    std::shared_ptr<Loop> self;        // while the thread runs
+
+    std::mutex mutex;
+    std::condition_variable ends;
+    bool isOver = false;
+    std::string failure;
+
     std::unique_ptr<char[]> piece;
 
     btkFrameReader reader;
     std::string frames; // to be sent
     std::size_t sent = 0;
     btkTimeval pause = shortestPause;
+    btkTimeval lastSent;      // or taken by the user
     bool isHeld = false;      // data for the user, who has no room
     bool isUserEnded = false; // its data, and the end's frame follows
     bool hasUserLeft = false; // and nothing more will be heard from it than what has arrived
     bool isEndSent = false;
     bool isDeaf = false; // the other end; what it has sent is still to be read
     bool isLost = false; // the connection
+    bool isFinishing = false;
     bool isShut = false; // the user knows the end of the other's data
 };
 
 int btkTunnel::Loop::Run()
 {
     try {
-        while (wish != Wish::stop && !isLost && Step())
-            Wait();
+        Serve();
     } catch (const std::bad_alloc&) {
         // As when the connection is lost.
     }
     // Unless both directions have ended, the user must not take what it has received for everything.
+    const std::string why = isShut ? std::string() : channel->GetFailure();
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        failure = why;
+        isOver = true;
+        ends.notify_all();
+    }
     if (!isShut && user.IsOpen())
         btkResetOnClose(user.GetHandle(), true);
     user.Close();
-    output.Reset();
-    input.Reset();
+    channel->Close();
     return 0;
+}
+
+void btkTunnel::Loop::Serve()
+{
+    lastSent = btkTimeval::Now();
+    while (wish != Wish::stop && !isLost && Step()) {
+        Wait();
+        if (isAlone && btkTimeval::Now() - lastSent > patienceAlone)
+            return;
+    }
 }
 
 // Moves what can be moved without waiting. False when all is done, or the connection is lost.
@@ -176,9 +241,20 @@ bool btkTunnel::Loop::Step()
     if (!MoveToUser() || !MoveFromUser())
         return false;
     Flush();
+    return !IsDone();
+}
+
+bool btkTunnel::Loop::IsDone()
+{
     // Until the other end's data has ended, it needs credit.
-    const bool isDone = (isDeaf || (isEndSent && Waiting() == 0)) && (isShut || wish == Wish::finish);
-    return !isDone;
+    if (!isShut && wish != Wish::finish)
+        return false;
+    if (isDeaf)
+        return true;
+    if (!isEndSent || Waiting() > 0)
+        return false;
+    isFinishing = !channel->FinishOutput();
+    return !isFinishing;
 }
 
 bool btkTunnel::Loop::MoveToUser()
@@ -195,8 +271,10 @@ bool btkTunnel::Loop::MoveToUser()
             count = btkTryWrite(user.GetHandle(), data.data(), std::min(data.size(), room - roomForUrgent));
         if (count < 0)
             return false;
-        if (count > 0)
+        if (count > 0) {
             pause = shortestPause;
+            lastSent = btkTimeval::Now();
+        }
         isHeld = count == 0;
         reader.Drop(static_cast<std::size_t>(count));
     }
@@ -246,9 +324,10 @@ bool btkTunnel::Loop::MoveFromUser()
 void btkTunnel::Loop::Flush()
 {
     while (Waiting() > 0) {
-        const std::ptrdiff_t count = btkTryWrite(output.Get(), frames.data() + sent, Waiting());
+        const std::ptrdiff_t count = channel->Write(frames.data() + sent, Waiting());
         if (count == 0)
             return;
+        lastSent = btkTimeval::Now();
         isDeaf = isDeaf || count < 0;
         sent += isDeaf ? Waiting() : static_cast<std::size_t>(count);
     }
@@ -275,34 +354,81 @@ void btkTunnel::Loop::Wait()
     if (sent > mostWaiting)
         frames.erase(0, std::exchange(sent, 0));
     const bool isUserAsked = !isUserEnded && !hasUserLeft && !isDeaf;
+    const bool wantsRoom = Waiting() > 0 || channel->NeedsRoom();
     pollfd asked[] = {{wake, POLLIN, 0},
-                      {input.Get(), POLLIN, 0},
-                      {isDeaf ? -1 : output.Get(), static_cast<short>(Waiting() > 0 ? POLLOUT : 0), 0},
+                      {channel->GetInput(), POLLIN, 0},
+                      {isDeaf ? -1 : channel->GetOutput(), static_cast<short>(wantsRoom ? POLLOUT : 0), 0},
                       {isUserAsked ? user.GetHandle() : -1, isUserAsked ? AwaitedOfUser() : btkNotReady, 0}};
-    btkTimeval limit = btkTimeval::Forever();
-    if (isHeld) {
+    btkTimeval limit = isAlone ? patienceAlone : btkTimeval::Forever();
+    if (isHeld || isFinishing) {
         limit = pause;
         pause = std::min(pause + pause, longestPause);
     }
-    if (isUserAsked && MayTake() && user.HoldsReadable())
+    if (channel->HoldsInput() || (isUserAsked && MayTake() && user.HoldsReadable()))
         limit = btkTimeval();
     isLost = btkPoll(asked, 4, limit) < 0;
     Event_Reset(wake);
     hasUserLeft = hasUserLeft || (asked[3].revents & POLLHUP) != 0;
     const bool isUserBroken = (asked[3].revents & (POLLERR | POLLNVAL)) != 0;
     isDeaf = isDeaf || (asked[2].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0;
-    isLost = isLost || isUserBroken || (asked[1].revents != 0 && !Receive());
+    const bool mayReceive = asked[1].revents != 0 || channel->HoldsInput() ||
+                            (channel->NeedsRoom() && (asked[2].revents & POLLOUT) != 0);
+    isLost = isLost || isUserBroken || (mayReceive && !Receive());
 }
 
 // False when the input has ended before the data, or is not valid.
 bool btkTunnel::Loop::Receive()
 {
-    const std::ptrdiff_t count = btkRead(input.Get(), piece.get(), pieceSize);
-    if (count > 0)
-        return reader.Take({piece.get(), static_cast<std::size_t>(count)});
-    input.Reset();
-    return reader.IsEnded();
+    int left = mostReads;
+    do {
+        const std::ptrdiff_t count = channel->Read(piece.get(), pieceSize);
+        if (count < 0)
+            return reader.IsEnded();
+        if (count > 0 && !reader.Take({piece.get(), static_cast<std::size_t>(count)}))
+            return false;
+    } while (channel->HoldsInput() && --left > 0);
+    return true;
 }
+
+// ---- tunnels that nobody waits for
+
+namespace {
+
+constexpr btkTimeval exitLimit(2, 0);
+
+// Never freed: their threads may outlive the statics.
+struct Left
+{
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::set<std::shared_ptr<void>> loops;
+    void (*stop)(void* loop) = nullptr;
+};
+
+Left& left()
+{
+    static Left* const all = new Left;
+    return *all;
+}
+
+std::chrono::microseconds microsecondsOf(btkTimeval limit)
+{
+    return std::chrono::microseconds(static_cast<long long>(limit.ToSeconds() * 1e6));
+}
+
+void awaitTheLeft()
+{
+    Left& all = left();
+    std::unique_lock<std::mutex> lock(all.mutex);
+    const auto areNone = [&] { return all.loops.empty(); };
+    if (all.changed.wait_for(lock, microsecondsOf(exitLimit), areNone))
+        return;
+    for (const std::shared_ptr<void>& loop : all.loops)
+        all.stop(loop.get());
+    all.changed.wait_for(lock, microsecondsOf(exitLimit), areNone);
+}
+
+} // namespace
 
 // ---- btkTunnel
 
@@ -316,25 +442,51 @@ btkTunnel::~btkTunnel()
 std::unique_ptr<btkStreamSocket> btkTunnel::Open(btkFd input, btkFd output, btkTimeval limit)
 {
     const btkTimeval end = limit.IsForever() ? limit : btkTimeval::Now() + limit;
-    auto made = std::make_unique<Loop>();
-    auto near = std::make_unique<btkStreamSocket>();
-    if (made->wake < 0 || !connectPair(*near, made->user) || !sendOpening(output.Get(), end) ||
-        !receiveOpening(input.Get(), end))
+    if (!sendOpening(output.Get(), end) || !receiveOpening(input.Get(), end))
         return nullptr;
-    made->input = std::move(input);
-    made->output = std::move(output);
+    return Open(std::make_unique<Descriptors>(std::move(input), std::move(output)));
+}
+
+std::unique_ptr<btkStreamSocket> btkTunnel::Open(std::unique_ptr<btkChannel> channel)
+{
+    auto made = std::make_shared<Loop>();
+    auto near = std::make_unique<btkStreamSocket>();
+    if (made->wake < 0 || !connectPair(*near, made->user))
+        return nullptr;
+    made->channel = std::move(channel);
     made->user.SetSendLimit(sendLimit);
     made->user.SetUrgentSpacing(urgentSpacing);
     btkSetOwnRoom(made->user.GetHandle(), ownRoom);
-    void* const launched =
-        StrictThread_Launch([](void* arg) { return static_cast<Loop*>(arg)->Run(); }, made.get(), nullptr);
-    if (launched == StrictThread_Refused) {
+    if (!Start(std::move(made))) {
         errno = EAGAIN;
         return nullptr;
     }
+    return near;
+}
+
+bool btkTunnel::Start(std::shared_ptr<Loop> made)
+{
+    const auto run = [](void* arg) {
+        Loop* const started = static_cast<Loop*>(arg);
+        const int code = started->Run();
+        const std::shared_ptr<Loop> last = std::move(started->self);
+        if (last->isAlone) {
+            Left& all = left();
+            const std::lock_guard<std::mutex> lock(all.mutex);
+            all.loops.erase(last);
+            all.changed.notify_all();
+        }
+        return code;
+    };
+    made->self = made;
+    void* const launched = StrictThread_Launch(run, made.get(), nullptr);
+    if (launched == StrictThread_Refused) {
+        made->self.reset();
+        return false;
+    }
     loop = std::move(made);
     thread = launched;
-    return near;
+    return true;
 }
 
 void btkTunnel::Finish(btkTimeval limit)
@@ -349,4 +501,36 @@ void btkTunnel::Finish(btkTimeval limit)
     StrictThread_Free(thread);
     thread = nullptr;
     loop.reset();
+}
+
+void btkTunnel::Leave()
+{
+    if (thread == nullptr)
+        return;
+    {
+        Left& all = left();
+        const std::lock_guard<std::mutex> lock(all.mutex);
+        if (all.stop == nullptr) {
+            all.stop = [](void* one) { static_cast<Loop*>(one)->Tell(Loop::Wish::stop); };
+            std::atexit(&awaitTheLeft);
+        }
+        const std::lock_guard<std::mutex> loopLock(loop->mutex);
+        if (!loop->isOver) {
+            all.loops.insert(loop);
+            loop->isAlone = true;
+        }
+    }
+    loop->Tell(Loop::Wish::finish);
+    StrictThread_Free(thread);
+    thread = nullptr;
+    loop.reset();
+}
+
+std::string btkTunnel::GetFailure(btkTimeval limit)
+{
+    if (loop == nullptr)
+        return {};
+    std::unique_lock<std::mutex> lock(loop->mutex);
+    loop->ends.wait_for(lock, microsecondsOf(limit), [&] { return loop->isOver; });
+    return loop->failure;
 }

@@ -1,15 +1,17 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
+#include <qel/base/btkchannel.h>
 #include <qel/base/btkfd.h>
 #include <qel/base/btksocket.h>
 
-/// A connection over two streams of bytes that are no connection: the input and the output of a program such as ssh, which
-/// carries them to another machine. Each end has a tunnel; the frames between the two are those of btkframes.h, behind a
-/// line that both send first. The users of both ends have a connected socket each, with urgent values, its end, and its
-/// reset: data flows only as fast as it is read at the other end, which holds at most 256 KiB for a slow reader, and
-/// urgent values overtake it.
+/// A connection over a channel that is none: the input and the output of a program such as ssh, which carries them to
+/// another machine, or an encrypted connection. Each end has a tunnel; the frames between the two are those of
+/// btkframes.h. The users of both ends have a connected socket each, with urgent values, its end, and its reset: data
+/// flows only as fast as it is read at the other end, which holds at most 256 KiB for a slow reader, and urgent values
+/// overtake it.
 ///
 /// A separate thread moves the data. Used by one thread.
 class BASE_API btkTunnel
@@ -21,17 +23,29 @@ public:
     btkTunnel(const btkTunnel&) = delete;
     btkTunnel& operator=(const btkTunnel&) = delete;
 
-    /// Opens the tunnel over two descriptors, which it owns (`input` and `output` may have the same file behind them), and
-    /// waits at most `limit` for the other end. Returns the socket of this end's user; null when it fails, with the reason
-    /// in errno: ETIMEDOUT, ECONNRESET (the input has ended), EPROTO (something else than a tunnel has sent bytes). Once for
-    /// each object.
+    /// Opens the tunnel over two descriptors, which it owns (`input` and `output` may have the same file behind them),
+    /// sends a line that tells a tunnel, and waits at most `limit` for that of the other end. Returns the socket of this
+    /// end's user; null when it fails, with the reason in errno: ETIMEDOUT, ECONNRESET (the input has ended), EPROTO
+    /// (something else than a tunnel has sent bytes). One of the two Open, once for each object.
     std::unique_ptr<btkStreamSocket> Open(btkFd input, btkFd output, btkTimeval limit);
+    /// Opens it over a channel whose other end is known to be a tunnel. Does not wait. Null when there are no
+    /// descriptors or threads left.
+    std::unique_ptr<btkStreamSocket> Open(std::unique_ptr<btkChannel> channel);
+
     /// Sends the rest of what the user has sent before it closed its socket, and closes the tunnel when that is done or
     /// `limit` has passed.
     void Finish(btkTimeval limit);
+    /// The same without waiting: the tunnel's thread does it alone, and gives up when it could send nothing for a
+    /// minute. The exit of the program waits for all such tunnels together, for at most two seconds.
+    void Leave();
+    /// Why the connection was lost, in words; empty as long as it is not, or when the channel knows no more. Waits at
+    /// most `limit` until it is lost.
+    std::string GetFailure(btkTimeval limit);
 
 private:
     struct Loop;
-    std::unique_ptr<Loop> loop;
+    bool Start(std::shared_ptr<Loop> made);
+
+    std::shared_ptr<Loop> loop;
     void* thread = nullptr;
 };

@@ -25,6 +25,7 @@ ELSEWHERE = {
     "ioserializer": "ioasciiserializer",
     "iobasestream": "iocopy ioevent iofailure iostringstream iotry xiolib",
     "xmonlib": "monlock monparam monrecord",
+    "nettls": "btktls tlsfolder tlssession",
     "netthread": "netasyncrequest netservice",
     "netbaseserver": "netaddress netexception netlistener",
     "pcprocess": "pcexception",

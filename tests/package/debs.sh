@@ -4,7 +4,7 @@
 # are enabled as promised, and no file is left. Then a minimal system installs them, with only what they ask for.
 set -euo pipefail
 
-all=(libqelstd0 libqelstd-dev qelstd-tools qelstd-daemons qelstd-web qelstd-etcd qelstd-doc python3-qelstd)
+all=(libqelstd0 libqelstd-tls0 libqelstd-dev qelstd-tools qelstd-daemons qelstd-web qelstd-etcd qelstd-doc python3-qelstd)
 
 say() { printf '== %s\n' "$*"; }
 fail() { echo "debs: $*" >&2; exit 1; }
@@ -137,6 +137,7 @@ copied() # DEBS SOURCE PLACE: makes the copy in that folder, in a separate mount
         depends=$(dpkg-deb -f "$file" Depends)
         case $package in
             libqelstd0) [[ $depends == *libc6*libstdc++6* ]] || fail "$package does not ask for its libraries: $depends" ;;
+            libqelstd-tls0) [[ $depends == *libssl3* ]] || fail "$package does not ask for OpenSSL: $depends" ;;
             libqelstd-dev | qelstd-tools)
                 [[ $depends == *"libqelstd0 (= $version)"* ]] || fail "$package does not ask for libqelstd0: $depends"
                 [[ $depends != *httpd* ]] || fail "$package asks for a web server: $depends" ;;

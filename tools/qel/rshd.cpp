@@ -149,7 +149,7 @@ private:
     bool MayCome(btkStreamSocket* socket) override
     {
         if (socket->IsPeerOnTheSameMachine()) {
-            const std::optional<btkUserId> user = btkGetPeerUser(socket->GetHandle());
+            const std::optional<btkUserId> user = socket->GetPeerUser();
             if (!users.Contain(user))
                 report("refused: " + (user ? "user " + std::to_string(*user) : "an unknown user") +
                        " of this machine");

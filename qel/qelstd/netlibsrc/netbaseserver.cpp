@@ -225,6 +225,7 @@ netSocketStream* netBaseServer::Connect(netAddress* address, double timeout)
 
 void netBaseServer::Run()
 {
+    loop->FindTlsFolder();
     while (!loop->TakeStop()) {
         if (loop->CheckAsyncRequests() == netServerTerminate)
             return;

@@ -3,13 +3,19 @@
 #include <cerrno>
 #include <new>
 
+#include <qel/base/btktrace.h>
+
 #include "netexception.h"
 #include "netserverloop_p.h"
+#include "nettls.h"
 
 namespace {
 
 constexpr netError socketFailed = static_cast<netError>(4);
 constexpr btkTimeval longestRest(0, 100000);
+constexpr btkTimeval reportPause(60, 0);
+// Continued in one step of the loop.
+constexpr int mostHandshakes = 4;
 
 std::unique_ptr<btkEvent> eventOver(btkBaseEvent* made)
 {
@@ -44,7 +50,8 @@ void netBaseServer::Loop::StopListening()
 std::unique_ptr<btkStreamSocket> netBaseServer::Loop::WaitForRequest(double timeout, bool isByteWanted)
 {
     if (!isByteWanted) {
-        if (const std::unique_ptr<Silent> oldest = silent.Take([](const Silent&) { return true; }))
+        const auto isPlain = [](const Silent& one) { return one.socket != nullptr; };
+        if (const std::unique_ptr<Silent> oldest = silent.Take(isPlain))
             return std::move(oldest->socket);
     }
     BeginStatistics();
@@ -136,12 +143,92 @@ std::unique_ptr<btkStreamSocket> netBaseServer::Loop::TakeConnection(btkTimeval 
     return nullptr;
 }
 
-// The oldest connection whose first byte, or end, the last wait has found.
+// The oldest connection whose first byte, or end, the last wait has found. Continues some handshakes on the way: many at
+// once must not delay the others for long.
 std::unique_ptr<btkStreamSocket> netBaseServer::Loop::TakeSpoken()
 {
-    const std::unique_ptr<Silent> spoken =
-        silent.Take([](const Silent& one) { return one.input->WasSignaled(); });
+    int left = mostHandshakes;
+    const std::unique_ptr<Silent> spoken = silent.Take([&](Silent& one) {
+        if (!one.input->WasSignaled() || one.isRefused)
+            return false;
+        if (one.session == nullptr && !BeginsEncrypted(one))
+            return true;
+        one.isRefused = left-- > 0 && !ContinueHandshake(one);
+        return false;
+    });
+    silent.DropIf([](const Silent& one) { return one.isRefused; });
     return spoken != nullptr ? std::move(spoken->socket) : nullptr;
+}
+
+// ---- encrypted connections
+
+void netBaseServer::Loop::FindTlsFolder()
+{
+    xstring folder;
+    isTlsFound = takesEncrypted && netIsTlsConfigured();
+    if (!isTlsFound)
+        return;
+    try {
+        folder = netGetTlsFolder();
+    } catch (xthrowable* failure) {
+        const qel::caught caught(failure);
+    }
+    tlsFolder = folder.isNull() ? "" : folder.CastToCString();
+}
+
+bool netBaseServer::Loop::BeginsEncrypted(const Silent& one) const
+{
+    return isTlsFound && !one.socket->IsEncrypted() && one.socket->BeginsWith(btkTlsFirstByte);
+}
+
+// False when the connection is lost.
+bool netBaseServer::Loop::ContinueHandshake(Silent& one)
+try {
+    using Step = btkTlsSession::Step;
+    if (one.session == nullptr && !BeginSession(one))
+        return false;
+    const Step step = one.session->Handshake();
+    if (step == Step::failed) {
+        Refuse(one.address, one.session->GetFailure());
+        return false;
+    }
+    if (step == Step::done) {
+        one.socket = btkCarry(std::move(one.session));
+        if (one.socket == nullptr)
+            return false;
+        one.input = eventOver(one.socket->GetInputEvent());
+    } else {
+        const int type = step == Step::readable ? 0 : 1;
+        one.input = eventOver(new btkSelectEvent(one.session->GetSocket().GetHandle(), type));
+    }
+    return true;
+} catch (const std::bad_alloc&) {
+    return false;
+}
+
+bool netBaseServer::Loop::BeginSession(Silent& one)
+{
+    std::string why = "the registry cannot be read";
+    const std::shared_ptr<btkTlsFolder> folder =
+        tlsFolder.empty() ? nullptr : btkTlsFolder::Open(tlsFolder, why);
+    if (folder != nullptr)
+        one.session = folder->Accept(std::move(one.socket), why);
+    if (one.session != nullptr)
+        return true;
+    Refuse(one.address, why);
+    if (const btkTimeval now = btkTimeval::Now(); nextTlsReport <= now) {
+        nextTlsReport = now + reportPause;
+        netReport(server, {}, "no encrypted connection is possible: " + why);
+    }
+    return false;
+}
+
+void netBaseServer::Loop::Refuse(const std::string& peer, const std::string& why)
+{
+    Note(netCount::refusedByTls);
+    if (btkTraces(btkTraceArea::net, btkLevel::warning))
+        btkTrace(btkTraceArea::net, btkLevel::warning, "no encrypted connection with %s: %s", peer.c_str(),
+                 why.c_str());
 }
 
 bool netBaseServer::IsLoopbackOnly()

@@ -12,6 +12,8 @@
 #include <qel/platform/errortable.h>
 
 #include "hmxregistry.h"
+#include "netsetting_p.h"
+#include "nettls.h"
 
 namespace {
 
@@ -65,18 +67,22 @@ bool admits(hmxRegistry& registry, const char* root, const xstring& server, cons
 
 } // namespace
 
+netRightsState netReadSetting(hmxRegistry& registry, const char* path, const char* name, xstring& value)
+{
+    hmxRegistryKey key;
+    value = key.Open(registry.root, path) ? key.GetValue(name) : xstring(nullptr);
+    return !(value == nullptr) ? netRightsGiven : isCertainlyAbsent() ? netRightsAbsent : netRightsUnknown;
+}
+
 netRightsState ReadConnectionRights(hmxRegistry& registry, xstring serverName,
                                     xrchandle<xstringsequence>* patterns)
 {
-    const xstring path(netRightsPath, serverName.CastToCString());
-    hmxRegistryKey key;
-    const xstring value =
-        key.Open(registry.root, path.CastToCString()) ? key.GetValue(rightsValue) : xstring(nullptr);
-    if (value == nullptr)
-        return isCertainlyAbsent() ? netRightsAbsent : netRightsUnknown;
-    if (patterns != nullptr)
+    xstring value;
+    const netRightsState state = netReadSetting(
+        registry, xstring(netRightsPath, serverName.CastToCString()).CastToCString(), rightsValue, value);
+    if (patterns != nullptr && state == netRightsGiven)
         *patterns = SplitPatternList(value);
-    return netRightsGiven;
+    return state;
 }
 
 xrchandle<xstringsequence> ReadConnectionPatterns(hmxRegistry& registry, xstring serverName)
@@ -94,7 +100,8 @@ bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName)
     try {
         const xstring address(socket->GetPeerAddrStr().c_str());
         return admits(hmxRegistry::System(), "system's", serverName, address) &&
-               admits(hmxRegistry::User(), "user's", serverName, address);
+               admits(hmxRegistry::User(), "user's", serverName, address) &&
+               (socket->IsEncrypted() || !netIsTlsRequired(serverName));
     } catch (const std::bad_alloc&) {
         reportUnknown(server, "system's or the user's", ERROR_NOT_ENOUGH_MEMORY);
         return false;

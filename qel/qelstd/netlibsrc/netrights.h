@@ -20,7 +20,8 @@ enum netRightsState : int {
     netRightsUnknown // the value may exist but cannot be read: no peer is admitted
 };
 
-/// Whether the peer of `socket` may connect to the server of that name. A null or empty name has no rights:
+/// Whether the peer of `socket` may connect to the server of that name; one whose connection is not encrypted may not
+/// when netIsTlsRequired. A null or empty name has no rights:
 /// true. When the rights are unknown, the reason is written to the standard error output, the same line at
 /// most once a minute.
 QEL_API bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName);

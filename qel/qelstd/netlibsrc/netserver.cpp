@@ -29,13 +29,27 @@ constexpr btkTimeval handshakeLimit(1, 0);
     netXException::Throw(netConnectionRefused, "Connection refused due to lack of rights", address);
 }
 
-// A connected socket whose calls also return by `end`; null when the port has no listener.
-std::unique_ptr<btkStreamSocket> reach(netAddress* address, btkTimeval end)
+// A connection whose calls also return by `end`; null when the port has no listener, or that does not respond.
+std::unique_ptr<btkStreamSocket> reach(netAddress* address, btkTimeval end, const char* name = nullptr)
 {
     std::unique_ptr<btkStreamSocket> socket = netConnect(address, end);
+    const btkTimeval answerEnd = end.IsForever() ? netAnswerEnd() : end;
     if (socket != nullptr)
-        socket->SetDeadline(end.IsForever() ? netAnswerEnd() : end);
+        socket = netEncrypt(std::move(socket), address, name, answerEnd);
+    if (socket != nullptr)
+        socket->SetDeadline(answerEnd);
     return socket;
+}
+
+// As netAsk. A server refuses a certificate in place of its reply.
+int ask(btkStreamSocket& socket, netRequestCode code, netAddress* address)
+{
+    const int answer = netAsk(socket, code);
+    btkCarrier* const carrier = answer < 0 ? socket.GetCarrier() : nullptr;
+    const std::string why = carrier != nullptr ? carrier->GetFailure({}) : std::string();
+    if (!why.empty())
+        netXException::Throw(netConnectionRefused, ("No encrypted connection: " + why).c_str(), address);
+    return answer;
 }
 
 // Warns on the standard error output when a server is open to more peers than its author may expect.
@@ -66,6 +80,7 @@ netServer::netServer(btkAcceptSocket* socket, xstring name)
     : netBaseServer(socket, name), version("QEL netServer Version 0.99")
 {
     SetSilentPatience(patienceAtFirst);
+    loop->TakeEncrypted();
 }
 
 netServer::~netServer()
@@ -161,10 +176,15 @@ void netServer::setAnswerLimit(double seconds)
 
 netSocketStream* netServer::Connect(netAddress* address, double timeout)
 {
-    std::unique_ptr<btkStreamSocket> socket = reach(address, btkTimeval::Now() + btkTimeval(timeout));
+    return netConnectTo(address, nullptr, timeout);
+}
+
+netSocketStream* netConnectTo(netAddress* address, const char* name, double timeout)
+{
+    std::unique_ptr<btkStreamSocket> socket = reach(address, btkTimeval::Now() + btkTimeval(timeout), name);
     if (socket == nullptr)
         return nullptr;
-    const int verdict = netAsk(*socket, netRequestCode::open);
+    const int verdict = ask(*socket, netRequestCode::open, address);
     if (verdict < 0)
         return nullptr;
     if (verdict != netAdmitted)
@@ -178,7 +198,7 @@ unsigned char netServer::IsAlive(netAddress* address)
     const std::unique_ptr<btkStreamSocket> socket = reach(address, netAnswerEnd());
     if (socket == nullptr)
         return false;
-    const int answer = netAsk(*socket, netRequestCode::ping);
+    const int answer = ask(*socket, netRequestCode::ping, address);
     return answer < 0 || answer == netAdmitted;
 }
 
@@ -187,7 +207,7 @@ xstring netServer::GetVersion(netAddress* address)
     const std::unique_ptr<btkStreamSocket> socket = reach(address, netAnswerEnd());
     if (socket == nullptr)
         netXException::Throw(netConnectionRefused, "Connection refused", address);
-    if (netAsk(*socket, netRequestCode::version) != netAdmitted)
+    if (ask(*socket, netRequestCode::version, address) != netAdmitted)
         refuse(address);
     std::string text;
     netReadVersion(*socket, text);
@@ -197,6 +217,6 @@ xstring netServer::GetVersion(netAddress* address)
 void netServer::Shutdown(netAddress* address)
 {
     const std::unique_ptr<btkStreamSocket> socket = reach(address, netAnswerEnd());
-    if (socket != nullptr && netAsk(*socket, netRequestCode::shutdown) != netAdmitted)
+    if (socket != nullptr && ask(*socket, netRequestCode::shutdown, address) != netAdmitted)
         refuse(address);
 }

@@ -52,7 +52,9 @@ public:
 
     // ---- for clients: each sends one request to the server at `address`. If its port is not known, it
     // queries the name server of its host and throws as ResolvePort. Each returns within the limit of
-    // setAnswerLimit. Safe to call from any thread, an address from one at a time.
+    // setAnswerLimit. Safe to call from any thread, an address from one at a time. Where TLS is configured, the
+    // connection to another machine is encrypted, see nettls.h: the server's certificate must show the address's server
+    // name, else its host. Each fails with netConnectionRefused when one end does not accept the other's certificate.
 
     /// Opens a connection for requests. `timeout`, in seconds, is for all of it instead of the answer limit:
     /// resolving the port, connecting and the admission reply; with INFINITE, connecting takes as long as the

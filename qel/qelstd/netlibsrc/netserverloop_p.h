@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <qel/base/btksocket.h>
+#include <qel/base/btktls.h>
 #include <qel/base/netsilentset.h>
 #include <qel/base/thrcancellation.h>
 #include <qel/qelexception.h>
@@ -75,10 +76,19 @@ public:
     std::optional<bool> wantsStatistics; // none: the environment decides
     std::unique_ptr<netStatistics> statistics;
 
-    /// A connection whose first byte has not arrived.
+    /// From now on clients may begin encrypted connections, if they are configured when Run is called.
+    void TakeEncrypted()
+    {
+        takesEncrypted = true;
+    }
+    void FindTlsFolder();
+
+    /// A connection whose first byte has not arrived; that of an encrypted one comes after the handshake.
     struct Silent
     {
         std::unique_ptr<btkStreamSocket> socket;
+        std::unique_ptr<btkTlsSession> session; // owns the socket until the handshake is done
+        bool isRefused = false;
         std::string address;
         btkTimeval since;
         std::unique_ptr<btkEvent> input;
@@ -89,6 +99,10 @@ private:
     std::unique_ptr<btkStreamSocket> TakeConnection(btkTimeval now);
     std::unique_ptr<btkStreamSocket> TakeSpoken();
     void AddSilent(std::unique_ptr<btkStreamSocket> socket, btkTimeval now);
+    bool BeginsEncrypted(const Silent& one) const;
+    bool ContinueHandshake(Silent & one);
+    bool BeginSession(Silent & one);
+    void Refuse(const std::string& peer, const std::string& why);
     void DropTooMany(btkTimeval now);
     void SpawnAsyncRequest(netSocketStream * stream);
     bool StartAsyncRequest(netSocketStream * stream);
@@ -98,6 +112,11 @@ private:
     std::unique_ptr<btkAcceptSocket> listening;
     std::unique_ptr<btkEvent> connectionWaits; // on while `listening` has a connection
     btkTimeval restEnd;                        // until then `listening` is not polled
+
+    bool takesEncrypted = false;
+    bool isTlsFound = false;
+    std::string tlsFolder; // empty: it cannot be found out
+    btkTimeval nextTlsReport;
 
     btkFd stopAsked; // an event
     std::unique_ptr<btkEvent> stopWaits;

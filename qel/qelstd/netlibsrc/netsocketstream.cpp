@@ -1,6 +1,8 @@
 #include "netsocketstream.h"
 
 #include <memory>
+#include <optional>
+#include <string>
 
 #include <qel/base/btkbyteorder.h>
 #include <qel/base/btksocket.h>
@@ -52,13 +54,38 @@ void netSocketStream::OnClose()
 
 btkHandle netSocketStream::GetInheritHandle()
 {
-    return GetSettledHandle();
+    CheckOpen();
+    // A child would read and write beside the encryption.
+    return connection->IsEncrypted() ? -1 : GetSettledHandle();
 }
 
 xstring netSocketStream::getPeerAddress()
 {
     CheckOpen();
     return connection->GetPeerAddrStr().c_str();
+}
+
+unsigned char netSocketStream::isEncrypted()
+{
+    CheckOpen();
+    return connection->IsEncrypted();
+}
+
+xstring netSocketStream::getPeerCertificate()
+{
+    CheckOpen();
+    std::string names;
+    if (const btkCarrier* const carrier = connection->GetCarrier())
+        for (const std::string& name : carrier->peerNames)
+            names.append(names.empty() ? "" : " ").append(name);
+    return names.c_str();
+}
+
+long netSocketStream::getPeerUser()
+{
+    CheckOpen();
+    const std::optional<btkUserId> user = connection->GetPeerUser();
+    return user ? static_cast<long>(*user) : -1;
 }
 
 void netSocketStream::setUrgentBudget(unsigned int bytes)

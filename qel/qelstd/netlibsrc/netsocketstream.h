@@ -52,6 +52,16 @@ public:
     /// Empty when it is not known.
     /// @throws ioXStream  the stream is not open
     xstring getPeerAddress();
+    /// Whether the connection is encrypted, and both ends have shown certificates; see nettls.h.
+    /// @throws ioXStream  the stream is not open
+    unsigned char isEncrypted();
+    /// The names that the peer's certificate proves, separated by blanks: NAME for each URI `qel://NAME`. Empty for a
+    /// connection that is not encrypted, and for a certificate with none.
+    /// @throws ioXStream  the stream is not open
+    xstring getPeerCertificate();
+    /// The number of the peer's user, as btkGetPeerUser knows it; -1 when it is not known, or on another machine.
+    /// @throws ioXStream  the stream is not open
+    long getPeerUser();
     /// The longest text that is read, in bytes; initially 64 MiB, at least 65536. A longer one is a
     /// conversion error; a length-prefixed text fails as soon as its length has arrived.
     void setTextLimit(unsigned int bytes) { SetTextLimit(bytes); }

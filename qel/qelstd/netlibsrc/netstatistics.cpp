@@ -16,9 +16,9 @@ namespace {
 constexpr btkTimeval interval(0, 100000);
 
 constexpr const char* names[] = {
-    "connections",      "requests.served", "requests.ping", "requests.version", "requests.shutdown",
-    "requests.other",   "refused.rights",  "refused.limit", "refused.thread",   "silent.expired",
-    "silent.displaced", "failures",        "async.started", "async.ended",
+    "connections",    "requests.served",  "requests.ping", "requests.version", "requests.shutdown",
+    "requests.other", "refused.rights",   "refused.limit", "refused.thread",   "refused.tls",
+    "silent.expired", "silent.displaced", "failures",      "async.started",    "async.ended",
 };
 static_assert(std::size(names) == static_cast<std::size_t>(netCount::end));
 

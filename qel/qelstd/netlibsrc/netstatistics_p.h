@@ -22,6 +22,7 @@ enum class netCount {
     refusedByRights,
     refusedByLimit,
     refusedByThread,
+    refusedByTls,
     silentExpired,
     silentDisplaced,
     failures,

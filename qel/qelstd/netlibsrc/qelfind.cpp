@@ -75,7 +75,7 @@ netSocketStream* netConnectByName(const char* name, const char* host, double sec
     for (int attempt = 0; attempt < 2; ++attempt) {
         address = findBy(name, host, end);
         const double left = end.IsForever() ? seconds : (end - btkTimeval::Now()).ToSeconds();
-        if (netSocketStream* const stream = netServer::Connect(address.get(), left))
+        if (netSocketStream* const stream = netConnectTo(address.get(), name, left))
             return stream;
     }
     netXException::Throw(netConnectionRefused, "Connection refused", address.get());

@@ -10,3 +10,4 @@
 #include <qel/netservice.h>
 #include <qel/netsocketstream.h>
 #include <qel/netthread.h>
+#include <qel/nettls.h>

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <stdexcept>
 
-#include <qel/base/btkpeeruser.h>
 #include <qel/base/btksocket.h>
 #include <qel/base/btksystem.h>
 
@@ -150,8 +149,7 @@ public:
     // The user of the client, while it is connected.
     long GetUser() const
     {
-        const std::optional<btkUserId> user = btkGetPeerUser(connection.GetHandle());
-        return user ? static_cast<long>(*user) : -1;
+        return urgentStream.getPeerUser();
     }
     int GetExitCode() const
     {
