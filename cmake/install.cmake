@@ -1,6 +1,6 @@
 # The files that other projects build with: the CMake package `qelstd`, in the build tree and installed, and the pkg-config file.
 # Each component is a package (debian/rules): `libraries`, `tls`, `development`, `python`, `documents`, and with the programs
-# `tools`, `daemons` and `web`.
+# `tools`, `daemons`, `web`, `etcd` and `certificates`.
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qelstd)

@@ -15,6 +15,7 @@
 #include <qel/hmxregistry.h>
 #include <qel/netrights.h>
 #include <qel/netserver.h>
+#include <qel/nettls.h>
 
 #include "support/addresses.h"
 #include "support/child.h"
@@ -102,6 +103,29 @@ TEST(MatchAnyPattern, ManyStarsDoNotSlowItDown)
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
 }
 
+TEST(MatchAnyPattern, AdmitsByAddressOrByCertificate)
+{
+    using Names = std::vector<std::string>;
+    const Names mary = {"mary"}, both = {"john", "mary"}, star = {"*"}, none;
+    const auto admits = [](const char* patterns, const Names* names, bool isTlsRequired = false) {
+        return MatchAnyPattern("10.1.2.3", names, SplitPatternList(patterns), isTlsRequired);
+    };
+
+    EXPECT_TRUE(admits("10.1.* cert:mary", nullptr)) << "an address is enough";
+    EXPECT_TRUE(admits("10.9.* cert:m?ry", &mary));
+    EXPECT_TRUE(admits("cert:mary", &both));
+    for (const Names* const other : {&star, &none})
+        EXPECT_FALSE(admits("10.9.* cert:mary cert:m*", other)) << "only patterns have wildcards";
+    EXPECT_FALSE(admits("cert:mary", nullptr));
+    EXPECT_FALSE(admits("mary cert:", &mary));
+    EXPECT_FALSE(admits("", &mary));
+
+    EXPECT_FALSE(admits("10.1.* cert:john", &mary, true)) << "the address no longer helps";
+    EXPECT_TRUE(admits("10.1.* cert:mary", &mary, true));
+    EXPECT_TRUE(admits("10.1.*", &mary, true));
+    EXPECT_FALSE(admits("10.2.*", &mary, true));
+}
+
 // The peer is 10.1.2.3 throughout.
 TEST(IsConnectionAllowed, RequiresAMatchOfEveryExistingValue)
 {
@@ -128,6 +152,40 @@ TEST(IsConnectionAllowed, RequiresAMatchOfEveryExistingValue)
         EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc"));
         Allow(system, "*");
         EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    if (result == 77)
+        GTEST_SKIP() << "this host lets nobody make networks";
+    EXPECT_EQ(result, 0);
+}
+
+TEST(IsConnectionAllowed, AdmitsNoPeerWithoutTlsWhereThatIsRequired)
+{
+    const int result = runInChild([] {
+        const TempDir dir(TempDir::InMemory);
+        const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
+        const RemotePeer peer;
+        if (!peer)
+            return 77;
+        Allow(hmxRegistry::System(), "10.1.* cert:mary");
+        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
+        EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc", netTlsDemanded));
+        EXPECT_FALSE(IsConnectionAllowed(peer.socket(), nullptr, netTlsDemanded));
+        for (hmxRegistry* const root : {&hmxRegistry::System(), &hmxRegistry::User()}) {
+            hmxRegistryKey key;
+            EXPECT_TRUE(key.Create(root->root, "Software\\VRX\\svc"));
+            EXPECT_FALSE(netIsTlsRequired("svc"));
+            for (const char* const value : {"1"}) {
+                EXPECT_TRUE(key.SetValue("TLSRequired", value));
+                EXPECT_TRUE(netIsTlsRequired("svc")) << value;
+                EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc"));
+            }
+            EXPECT_TRUE(key.SetValue("TLSRequired", "0"));
+            EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
+        }
+        dir.write("store/User/software/vrx/svc/tlsrequired.value", "damaged");
+        EXPECT_TRUE(netIsTlsRequired("svc"));
+        EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc"));
         return testing::Test::HasFailure() ? 1 : 0;
     });
     if (result == 77)

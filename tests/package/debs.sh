@@ -4,7 +4,7 @@
 # are enabled as promised, and no file is left. Then a minimal system installs them, with only what they ask for.
 set -euo pipefail
 
-all=(libqelstd0 libqelstd-tls0 libqelstd-dev qelstd-tools qelstd-daemons qelstd-web qelstd-etcd qelstd-doc python3-qelstd)
+all=(libqelstd0 libqelstd-tls0 libqelstd-dev qelstd-tools qelstd-daemons qelstd-web qelstd-etcd qelstd-tls qelstd-doc python3-qelstd)
 
 say() { printf '== %s\n' "$*"; }
 fail() { echo "debs: $*" >&2; exit 1; }
@@ -48,7 +48,7 @@ inside() # VERSION: runs as root of the copy; /debs has the packages, except tho
     done
 
     say "the binaries are hardened"
-    python3 /debs/checks/hardening.py /debs - "$folder"/libqel*.so.0 /usr/bin/qel /usr/libexec/qelstd/qel-http || fail "they are not"
+    python3 /debs/checks/hardening.py /debs - "$folder"/libqel*.so.0 /usr/bin/qel /usr/libexec/qelstd/qel-* || fail "they are not"
 
     say "the command runs"
     [[ $(qel --version) == *"$version"* ]] || fail "qel --version: $(qel --version)"
@@ -62,6 +62,11 @@ inside() # VERSION: runs as root of the copy; /debs has the packages, except tho
     expect 7 python3 -B -c "import urllib.request as web; print(web.urlopen('http://127.0.0.1:${line##* }/metrics').read().split()[-1].decode())"
     kill %%
     wait %% || fail "qel mon export failed"
+
+    say "certificates are made"
+    quietly qel tls init /debs/authority
+    quietly qel tls issue here --authority /debs/authority --to /debs/here
+    quietly qel tls show /debs/here
 
     say "a project is built with find_package and with pkg-config, and so are the examples"
     quietly cmake -S /debs/consumer -B /debs/built
@@ -143,6 +148,8 @@ copied() # DEBS SOURCE PLACE: makes the copy in that folder, in a separate mount
                 [[ $depends != *httpd* ]] || fail "$package asks for a web server: $depends" ;;
             qelstd-web) [[ $depends == *libmicrohttpd* ]] || fail "$package does not ask for its library: $depends" ;;
             qelstd-etcd) [[ $depends == *libcurl4* ]] || fail "$package does not ask for libcurl4: $depends" ;;
+            qelstd-tls)
+                [[ $depends == *"libqelstd-tls0 (= $version)"* ]] || fail "$package does not ask for libqelstd-tls0: $depends" ;;
             qelstd-daemons) [[ $depends == *qelstd-tools* ]] || fail "$package does not ask for qelstd-tools: $depends" ;;
         esac
         [[ $package == qelstd-etcd || $depends != *libcurl* ]] || fail "$package asks for libcurl: $depends"

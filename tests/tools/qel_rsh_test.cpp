@@ -240,21 +240,22 @@ TEST(QelRshd, AdmitsOnlyTheMachinesOfItsList)
         return socket && btkWrite(socket.Get(), &byte, 1) == 1 && btkRead(socket.Get(), &byte, 1) == 1 ? byte
                                                                                                        : -1;
     };
-    EXPECT_EQ(runInChild([&] {
-                  if (!enterOwnNetwork({"127.0.0.1", "10.1.2.3", "10.2.2.3", "10.9.9.9"}))
-                      return 0; // the system does not allow it
-                  RunningQel server({"rshd", "--as-root", "--port", "0", "--interface", "10.9.9.9"});
-                  const int port = server.port();
-                  if (answer("10.1.2.3", port) != 1)
-                      return 1;
-                  if (answer("10.2.2.3", port) != 0)
-                      return 2;
-                  if (answer("10.2.2.3", port, 1) != 1 || answer("10.2.2.3", port, 7) != -1)
-                      return 4; // every peer gets a reply to a ping, none to an unknown code
-                  std::filesystem::remove_all(dir.path());
-                  return answer("10.1.2.3", port) == 0 ? 0 : 3; // without a list no peer is admitted
-              }),
-              0);
+    EXPECT_EQ(
+        runInChild([&] {
+            if (!enterOwnNetwork({"127.0.0.1", "10.1.2.3", "10.2.2.3", "10.9.9.9"}))
+                return 0; // the system does not allow it
+            RunningQel server({"rshd", "--as-root", "--port", "0", "--interface", "10.9.9.9", "--insecure"});
+            const int port = server.port();
+            if (answer("10.1.2.3", port) != 1)
+                return 1;
+            if (answer("10.2.2.3", port) != 0)
+                return 2;
+            if (answer("10.2.2.3", port, 1) != 1 || answer("10.2.2.3", port, 7) != -1)
+                return 4; // every peer gets a reply to a ping, none to an unknown code
+            std::filesystem::remove_all(dir.path());
+            return answer("10.1.2.3", port) == 0 ? 0 : 3; // without a list no peer is admitted
+        }),
+        0);
 }
 
 TEST(QelRshd, AdmitsUsersOfItsMachineThatAreAllowed)

@@ -29,6 +29,10 @@ inline constexpr VariableHelp environmentHelp[] = {
     {"VRXNMSPORT", "Port of the name server, here and on other machines (1239)"},
     {"QELSTD_REGISTRY", "Directory of the registry ($XDG_CONFIG_HOME/qelstd/registry)"},
     {"QELSTD_DRIVE_C", "Directory of the drive C: (/); QELSTD_DRIVE_D and so on add drives"},
+    {"QELSTD_TLS",
+     "Directory of certificates: connections to other machines are encrypted (Folder of the registry "
+     "key Software\\VRX\\TLS)"},
+    {"QELSTD_TLS_LOCAL", "1: connections to servers of this machine are encrypted, too"},
     {"QELSTD_TRACE",
      "What to trace: net, names, streams, processes, files, events or all, with commas; a :LEVEL behind "
      "one (error, warning, info, debug) holds for those before it, too"},

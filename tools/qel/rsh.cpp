@@ -9,11 +9,13 @@
 #include <vector>
 
 #include <qel/base/btkcmdline.h>
+#include <qel/base/btkenvironment.h>
 #include <qel/base/btkpipe.h>
 #include <qel/base/btkprocess.h>
 #include <qel/base/btktunnel.h>
 #include <qel/netaddress.h>
 #include <qel/netserver.h>
+#include <qel/nettls.h>
 #include <qel/pcinterrupt.h>
 #include <qel/qelown.h>
 #include <qel/rshprocess.h>
@@ -33,6 +35,7 @@ struct AskChoices
     bool hasNoInput = false;
     std::string via; // empty: connects itself
     std::string program = "qel";
+    bool isEncrypted = false; // also to this machine
 };
 
 // The time for a user to log in; that of --limit begins then.
@@ -236,6 +239,10 @@ void askShell(const AskChoices& choices, const std::vector<std::string>& words)
         Fail(Exit::usage, "COMMAND", "what is to be run?");
     if (!choices.via.empty())
         return askShellVia(choices, words);
+    if (choices.isEncrypted && !netIsTlsConfigured())
+        Fail(Exit::usage, "--tls", "no directory of certificates is named: set QELSTD_TLS");
+    if (choices.isEncrypted)
+        btkEnvironment::Set("QELSTD_TLS_LOCAL", "1");
     const btkTimeval end = btkTimeval::Now() + btkTimeval(choices.seconds);
     const qel::owned<netSocketStream> connection = connect(choices);
     runCommand(choices, words, *connection, end);
@@ -287,6 +294,11 @@ void AddRemoteShellCommand(CLI::App& program)
         ->type_name("QEL")
         ->needs(via)
         ->capture_default_str();
+    ask.add_flag(
+           "--tls", choices->isEncrypted,
+           "Connect by TLS only. That is so where QELSTD_TLS names a directory of certificates, except to this "
+           "machine; the server's must show NAME, or without --name HOST")
+        ->excludes(via);
     ask.add_option("--limit", choices->seconds, "Time until the command runs there")
         ->type_name("SECONDS")
         ->check(CLI::PositiveNumber)

@@ -1,4 +1,5 @@
 // qel rshd: the server that runs commands for other machines.
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -19,12 +20,14 @@
 #include <qel/base/btkservice.h>
 #include <qel/base/btksocket.h>
 #include <qel/base/btksystem.h>
+#include <qel/base/btktls.h>
 #include <qel/base/btktrace.h>
 #include <qel/base/btktunnel.h>
 #include <qel/base/netsilentset.h>
 #include <qel/hmxregistry.h>
 #include <qel/netrights.h>
 #include <qel/netserver.h>
+#include <qel/nettls.h>
 #include <qel/pcprocess.h>
 #include <qel/qelown.h>
 #include <qel/rshserver.h>
@@ -53,17 +56,28 @@ struct ServeChoices
     bool hasNoStatistics = false;
     bool isCheckOnly = false;
     bool isForOne = false; // over the standard input and output
+    bool isInsecure = false;
 };
 
-// The remote peers that are admitted: lists of address patterns; a peer must match every list.
+// The remote peers that are admitted: lists of patterns of certificates, and, where addresses are enough, of these; a
+// peer must match every list.
 class AllowLists
 {
 public:
-    explicit AllowLists(std::string name) : server(std::move(name)) {}
+    AllowLists(std::string name, bool areAddressesEnough)
+        : server(std::move(name)), isInsecure(areAddressesEnough)
+    {
+    }
 
     bool IsPossible() const { return IsConnectionRestrictable(server.c_str()); }
     /// Whether there is a list that does not admit every peer.
     bool Restrict() const { return Restricts(hmxRegistry::System()) || Restricts(hmxRegistry::User()); }
+    /// Checks the lists each time: a deleted one must not admit every peer.
+    bool Admit(btkStreamSocket& peer) const
+    {
+        return Restrict() &&
+               IsConnectionAllowed(&peer, server.c_str(), isInsecure ? netTlsAsSet : netTlsDemanded);
+    }
     std::string GetPath() const { return netRightsPath + server; }
 
 private:
@@ -72,14 +86,20 @@ private:
         const xrchandle<xstringsequence> patterns = ReadConnectionPatterns(registry, server.c_str());
         if (!patterns)
             return false;
-        for (int i = 0; i < patterns->getarraysize(); ++i)
-            if (std::strcspn(patterns->get(i).CastToCString(), "0123456789") ==
-                patterns->get(i).GetMBSize() - 1)
+        const int count = patterns->getarraysize();
+        int ofCertificates = 0;
+        for (int i = 0; i < count; ++i) {
+            const xstring pattern = patterns->get(i);
+            if (IsCertificatePattern(pattern))
+                ++ofCertificates;
+            else if (std::strcspn(pattern.CastToCString(), "0123456789") == pattern.GetMBSize() - 1)
                 return false; // it contains no address
-        return true;
+        }
+        return isInsecure || ofCertificates > 0 || count == 0;
     }
 
     std::string server;
+    bool isInsecure;
 };
 
 // The users of this machine that are admitted.
@@ -125,11 +145,20 @@ std::string programOf(const rshRequest& request)
     return words.front();
 }
 
+// The part of a line that names the peer's certificate; empty without one.
+std::string certificatePart(const std::vector<std::string>& names)
+{
+    std::string part;
+    for (const std::string& name : names)
+        part.append(part.empty() ? " certificate=" : ",").append(name);
+    return part;
+}
+
 class ShellServer : public netServer
 {
 public:
     ShellServer(btkAcceptSocket* door, const ServeChoices& choices, AllowedUsers allowedUsers)
-        : netServer(door, nullptr), name(choices.name.c_str()), allowed(choices.name),
+        : netServer(door, nullptr), name(choices.name.c_str()), allowed(choices.name, choices.isInsecure),
           users(std::move(allowedUsers))
     {
         // Requests that were asked to stop need a moment.
@@ -155,10 +184,11 @@ private:
                        " of this machine");
             return users.Contain(user);
         }
-        // Checked each time: a deleted list must not admit every peer.
-        const bool mayCome = allowed.Restrict() && IsConnectionAllowed(socket, name);
+        const bool mayCome = allowed.Admit(*socket);
         if (!mayCome)
-            report("refused: " + socket->GetPeerAddrStr());
+            report("refused: " + socket->GetPeerAddrStr() +
+                   (socket->IsEncrypted() ? certificatePart(socket->GetCarrier()->peerNames)
+                                          : ", not encrypted"));
         return mayCome;
     }
 
@@ -262,7 +292,7 @@ struct RunCommand : netBaseServer_OnAsyncRequest_cb
             if (!request.Read(stream, requestLimit, {stop, &place.Lost()}))
                 return netServerContinue;
         }
-        const std::string peer = stream->getPeerAddress().CastToCString();
+        const std::string peer = peerOf(*stream);
         const int others = running++;
         const std::unique_ptr<std::atomic<int>, decltype([](auto* count) { --*count; })> place(&running);
         if (others < sessions) {
@@ -277,6 +307,15 @@ struct RunCommand : netBaseServer_OnAsyncRequest_cb
         return netServerContinue;
     }
 
+    // Its address, and the names in its certificate.
+    static std::string peerOf(netSocketStream& stream)
+    {
+        const std::string address = stream.getPeerAddress().CastToCString();
+        std::string names = stream.getPeerCertificate().CastToCString();
+        std::replace(names.begin(), names.end(), ' ', ',');
+        return (address.empty() ? "unknown" : address) + (names.empty() ? "" : " certificate=" + names);
+    }
+
     // The client's text comes last, so that it cannot pose as another part of the line.
     void Note(const rshRequest& request, const std::string& peer, const rshOutcome& outcome,
               double seconds) const
@@ -286,7 +325,7 @@ struct RunCommand : netBaseServer_OnAsyncRequest_cb
         char duration[32];
         std::snprintf(duration, sizeof duration, "%.3f", seconds);
         btkLog(btkLevel::info,
-               "command: peer=" + (peer.empty() ? "unknown" : peer) +
+               "command: peer=" + peer +
                    " user=" + (outcome.user < 0 ? "unknown" : std::to_string(outcome.user)) + " status=" +
                    (!outcome.isStarted             ? "not-started"
                     : outcome.exitCode == xnullint ? "unknown"
@@ -310,17 +349,28 @@ bool isLoopback(const std::string& interface)
             interface.find_first_not_of("0123456789.") == std::string::npos);
 }
 
-void requireAllowList(const ServeChoices& choices, bool isOnLoopback)
+// Beyond the loopback everybody could run commands without a list, and read and pose as others without TLS.
+void requireProtection(const ServeChoices& choices, bool isOnLoopback)
 {
-    const AllowLists allowed(choices.name);
+    const AllowLists allowed(choices.name, choices.isInsecure);
     if (!allowed.IsPossible())
         Fail(Exit::usage, "--name", "no key of the registry has a name like that");
-    if (!isOnLoopback && !allowed.Restrict())
+    if (isOnLoopback)
+        return;
+    if (!choices.isInsecure && !netIsTlsConfigured())
         Fail(Exit::usage, "--interface",
-             "everybody could run commands here; first say who may come from there: patterns of addresses in "
-             "the value "
-             "ConnectionAllowed of the registry key " +
-                 allowed.GetPath() + ", System or User");
+             "others could read the commands, and pose as their senders: name a directory of certificates in "
+             "QELSTD_TLS (see qel tls issue --help), or insist with --insecure");
+    if (!allowed.Restrict())
+        Fail(Exit::usage, "--interface",
+             "everybody could run commands here; first say who may come from there: patterns of " +
+                 std::string(choices.isInsecure ? "addresses" : "certificates, as cert:NAME,") +
+                 " in the value ConnectionAllowed of the registry key " + allowed.GetPath() +
+                 ", System or User");
+    std::string why;
+    if (const xstring folder = netGetTlsFolder();
+        !choices.isInsecure && btkTlsFolder::Open(folder.CastToCString(), why) == nullptr)
+        Fail(Exit::no, folder.CastToCString(), why);
 }
 
 // SHELL is not set when the server is started without a login, as in containers.
@@ -330,7 +380,7 @@ void nameShell()
         btkEnvironment::Set("SHELL", "/bin/sh");
 }
 
-void check(const ServeChoices& choices)
+void check(const ServeChoices& choices, bool isOnLoopback)
 {
     RequireInterface(choices.interface);
     if (!choices.directory.empty() && !std::filesystem::is_directory(choices.directory))
@@ -338,7 +388,8 @@ void check(const ServeChoices& choices)
     Json settings;
     settings["interface"] = choices.interface;
     settings["port"] = choices.port;
-    settings["allow list"] = AllowLists(choices.name).GetPath();
+    settings["allow list"] = netRightsPath + choices.name;
+    settings["demands TLS"] = !choices.isInsecure && !isOnLoopback;
     settings["shell"] = pcGetShellCommand().CastToCString();
     settings["sessions"] = choices.sessions;
     Show(settings);
@@ -381,8 +432,8 @@ void runServer(ServeChoices& choices)
     if (choices.isForOne)
         return serveOne(choices);
     auto listening = std::make_unique<btkAcceptSocket>(TakePassedSocket(choices.interface, choices.port));
-    requireAllowList(choices,
-                     listening->IsOpen() ? listening->IsOnLoopback() : isLoopback(choices.interface));
+    const bool isOnLoopback = listening->IsOpen() ? listening->IsOnLoopback() : isLoopback(choices.interface);
+    requireProtection(choices, isOnLoopback);
     if (btkIsSuperuser() && !choices.mayBeRoot)
         Fail(Exit::usage, "--as-root",
              "every command would run with the rights of the superuser: start the server as another user, or "
@@ -390,7 +441,7 @@ void runServer(ServeChoices& choices)
     const AllowedUsers users(choices.users);
     nameShell();
     if (choices.isCheckOnly)
-        return check(choices);
+        return check(choices, isOnLoopback);
     ServeBeside request;
     RunCommand command(choices);
     rshServer::setPatience(choices.patience);
@@ -421,25 +472,25 @@ void AddRemoteShellServer(CLI::App& program)
     CLI::App& serve =
         AddCommand(program, "rshd",
                    "Run commands for others as the user of this server, until SIGTERM: on the loopback for "
-                   "this user and those of --allow-user, and beyond it for everybody whose address is "
-                   "allowed. It asks for no password and encrypts nothing",
+                   "this user and those of --allow-user, and beyond it for those whose certificates are "
+                   "allowed. It asks for no password",
                    [choices] { runServer(*choices); });
-    serve.footer("qel rshd\tServe this machine.\n"
-                 "qel rshd --interface 10.1.0.7\tServe those whose addresses are allowed, too.\n"
-                 "qel rshd --port 0 --register --name shell\tOn a free port, which clients find by name.\n");
+    serve.footer(
+        "qel rshd\tServe this machine.\n"
+        "QELSTD_TLS=~/tls qel rshd --interface 10.1.0.7\tServe those whose certificates are allowed, too.\n"
+        "qel rshd --port 0 --register --name shell\tOn a free port, which clients find by name.\n");
     serve
         .add_option("--interface", choices->interface,
                     "Address or name of the interface to listen on; '*': all of them. One that is no "
-                    "loopback needs a "
-                    "list of addresses that may come, in the value ConnectionAllowed of the registry key "
-                    "Software\\VRX\\NAME")
+                    "loopback needs a directory of certificates, in QELSTD_TLS, and a list of those that may "
+                    "come, cert:NAME, in the value ConnectionAllowed of the registry key Software\\VRX\\NAME")
         ->type_name("HOST")
         ->capture_default_str();
     serve.add_option("--port", choices->port, "Port; 0: a free one")
         ->type_name("PORT")
         ->check(CLI::Range(0, 65535))
         ->capture_default_str();
-    serve.add_option("--name", choices->name, "Whose list of addresses holds, and what --register registers")
+    serve.add_option("--name", choices->name, "Whose list holds, and what --register registers")
         ->type_name("NAME")
         ->capture_default_str();
     serve.add_flag(
@@ -478,6 +529,8 @@ void AddRemoteShellServer(CLI::App& program)
         ->type_name("USER")
         ->expected(1)
         ->take_all();
+    serve.add_flag("--insecure", choices->isInsecure,
+                   "Admit clients on other machines by their addresses, without encryption");
     serve.add_flag("--as-root", choices->mayBeRoot,
                    "Serve although all commands run with the superuser's rights");
     CLI::Option* const stdio =
@@ -485,7 +538,7 @@ void AddRemoteShellServer(CLI::App& program)
                        "Serve one client over the standard input and output, and no other: for `qel rsh "
                        "--via`, which runs this at the other end of a connection of ssh");
     for (const char* const other :
-         {"--interface", "--port", "--name", "--register", "--sessions", "--allow-user"})
+         {"--interface", "--port", "--name", "--register", "--sessions", "--allow-user", "--insecure"})
         stdio->excludes(serve.get_option(other));
     serve.add_flag("--check-config", choices->isCheckOnly,
                    "Do not serve: check the settings, and print those that the server would have");

@@ -10,6 +10,7 @@
 #include <qel/netaddress.h>
 #include <qel/netexception.h>
 #include <qel/netrights.h>
+#include <qel/nettls.h>
 #include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
 #include <qel/qelcaught.h>
@@ -112,9 +113,11 @@ Rights rightsIn(hmxRegistry& registry, const std::string& server)
     return rights;
 }
 
-const char* admittedBy(const Json& patterns)
+const char* admittedBy(const Json& patterns, bool isTlsRequired)
 {
-    return patterns.is_null() ? "everybody" : patterns.empty() ? "nobody" : "these";
+    return patterns.is_null() ? (isTlsRequired ? "every certificate" : "everybody")
+           : patterns.empty() ? "nobody"
+                              : "these";
 }
 
 Json rightsOf(const std::string& server)
@@ -123,11 +126,13 @@ Json rightsOf(const std::string& server)
     const Rights none = {netRightsAbsent, {}, "no key can have this name"};
     const Rights system = isKey ? rightsIn(hmxRegistry::System(), server) : none;
     const Rights user = isKey ? rightsIn(hmxRegistry::User(), server) : none;
+    const bool isTlsRequired = isKey && netIsTlsRequired(server.c_str());
     const bool systemDecides =
         user.patterns.is_null() || (!system.patterns.is_null() && system.patterns.empty());
     return {{"server", server},
             {"restrictable", isKey},
-            {"admits", admittedBy(systemDecides ? system.patterns : user.patterns)},
+            {"admits", admittedBy(systemDecides ? system.patterns : user.patterns, isTlsRequired)},
+            {"TLS required", isTlsRequired},
             {"system", system.patterns},
             {"system found", system.description},
             {"user", user.patterns},
@@ -186,11 +191,13 @@ void addLimit(CLI::App& command, const char* help, double& seconds)
 void addCheck(CLI::App& group)
 {
     const auto choices = std::make_shared<CheckChoices>();
-    CLI::App& check = AddCommand(group, "check",
-                                 "Print which machines a server admits, by the registry of this one, and "
-                                 "whether that can be restricted at all; the answer is no when one admits "
-                                 "everybody. Programs of its own machine are always admitted",
-                                 [choices] { checkAddress(*choices); });
+    CLI::App& check =
+        AddCommand(group, "check",
+                   "Print which machines and certificates a server admits, by the registry of this "
+                   "machine, and whether that can be restricted at all; the answer is no when one "
+                   "admits everybody. Where TLS is required, patterns of addresses admit nobody beside "
+                   "patterns of certificates. Programs of its own machine are always admitted",
+                   [choices] { checkAddress(*choices); });
     check
         .add_option("server", choices->servers,
                     "Names of servers (default: those in the registry, and those that the name server knows)")

@@ -18,6 +18,14 @@
 namespace {
 
 constexpr const char* rightsValue = "ConnectionAllowed";
+constexpr const char* certificateMark = "cert:";
+
+struct Peer
+{
+    xstring address;
+    const std::vector<std::string>* names; // null: without TLS
+    bool isTlsRequired;
+};
 
 /// Whether the last error of the registry means that the key or value is certainly absent.
 bool isCertainlyAbsent()
@@ -56,13 +64,15 @@ void reportUnknown(const char* server, const char* root, DWORD error)
     std::fputs(line, stderr);
 }
 
-bool admits(hmxRegistry& registry, const char* root, const xstring& server, const xstring& address)
+bool admits(hmxRegistry& registry, const char* root, const xstring& server, const Peer& peer)
 {
     xrchandle<xstringsequence> patterns;
     const netRightsState state = ReadConnectionRights(registry, server, &patterns);
     if (state == netRightsUnknown)
         reportUnknown(server.CastToCString(), root, GetLastError());
-    return state == netRightsAbsent || (state == netRightsGiven && MatchAnyPattern(address, patterns));
+    return state == netRightsAbsent ||
+           (state == netRightsGiven &&
+            MatchAnyPattern(peer.address, peer.names, patterns, peer.isTlsRequired));
 }
 
 } // namespace
@@ -94,14 +104,23 @@ xrchandle<xstringsequence> ReadConnectionPatterns(hmxRegistry& registry, xstring
 
 bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName)
 {
+    return IsConnectionAllowed(socket, serverName, netTlsAsSet);
+}
+
+bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName, netTlsDemand demand)
+{
     const char* const server = serverName.CastToCString();
+    const btkCarrier* const carrier = socket->GetCarrier();
+    const bool isDemanded = demand == netTlsDemanded;
     if (server == nullptr || *server == '\0')
-        return true;
+        return !isDemanded || carrier != nullptr;
     try {
-        const xstring address(socket->GetPeerAddrStr().c_str());
-        return admits(hmxRegistry::System(), "system's", serverName, address) &&
-               admits(hmxRegistry::User(), "user's", serverName, address) &&
-               (socket->IsEncrypted() || !netIsTlsRequired(serverName));
+        const bool isTlsRequired = isDemanded || netIsTlsRequired(serverName);
+        const Peer peer = {socket->GetPeerAddrStr().c_str(),
+                           carrier == nullptr ? nullptr : &carrier->peerNames, isTlsRequired};
+        return admits(hmxRegistry::System(), "system's", serverName, peer) &&
+               admits(hmxRegistry::User(), "user's", serverName, peer) &&
+               (carrier != nullptr || !isTlsRequired);
     } catch (const std::bad_alloc&) {
         reportUnknown(server, "system's or the user's", ERROR_NOT_ENOUGH_MEMORY);
         return false;
@@ -137,4 +156,30 @@ bool MatchAnyPattern(xstring address, xrchandle<xstringsequence> patterns)
         if (address.Match(patterns->get(i).CastToCString()))
             return true;
     return false;
+}
+
+bool IsCertificatePattern(xstring pattern)
+{
+    return std::string_view(pattern.CastToCString()).starts_with(certificateMark);
+}
+
+bool MatchAnyPattern(xstring address, const std::vector<std::string>* names,
+                     xrchandle<xstringsequence> patterns, bool isTlsRequired)
+{
+    bool isAddressMatched = false;
+    bool areCertificatesNamed = false;
+    const int count = patterns ? patterns->getarraysize() : 0;
+    for (int i = 0; i < count; ++i) {
+        const xstring pattern = patterns->get(i);
+        if (!IsCertificatePattern(pattern)) {
+            isAddressMatched = isAddressMatched || address.Match(pattern.CastToCString());
+            continue;
+        }
+        areCertificatesNamed = true;
+        const char* const ofName = pattern.CastToCString() + std::strlen(certificateMark);
+        for (std::size_t j = 0; names != nullptr && j < names->size(); ++j)
+            if (xstring((*names)[j].c_str()).Match(ofName))
+                return true;
+    }
+    return isAddressMatched && !(isTlsRequired && areCertificatesNamed);
 }

@@ -1,17 +1,25 @@
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include <qel/xsequence.h>
 
 class btkStreamSocket;
 class hmxRegistry;
 
 // The rights to connect to a server: the value "ConnectionAllowed" of the registry key "Software\VRX\" + the
-// server's name holds patterns of addresses, under the system root and under the user's. A peer must match a
-// pattern of every existing value. When both values are certainly absent, every peer is admitted. Any other
-// reason why a value cannot be read (a damaged file, a value that is not a text, a link or file in place of a
-// folder, no descriptors, unknown registry location) admits no peer. A name with one of "/.:*?" is not a
-// valid key, so such a server admits every peer. Peers on the same machine are not checked. All calls are
-// safe to call from any thread.
+// server's name holds patterns, under the system root and under the user's: of addresses, and, as "cert:NAME", of
+// names that a peer's certificate proves over TLS. A peer must match a pattern of every existing value. When both
+// values are certainly absent, every peer is admitted. Any other reason why a value cannot be read (a damaged file, a
+// value that is not a text, a link or file in place of a folder, no descriptors, unknown registry location) admits no
+// peer.
+//
+// Where TLS is required, by the value "TLSRequired" or by the server, a peer without a certificate is not admitted,
+// and of a value that has patterns of certificates one of these must match: its patterns of addresses admit nobody.
+//
+// A name with one of "/.:*?" is not a valid key, so such a server admits every peer. Peers on the same machine are
+// not checked. All calls are safe to call from any thread.
 
 /// The connection rights of a server in one root of the registry.
 enum netRightsState : int {
@@ -20,11 +28,17 @@ enum netRightsState : int {
     netRightsUnknown // the value may exist but cannot be read: no peer is admitted
 };
 
-/// Whether the peer of `socket` may connect to the server of that name; one whose connection is not encrypted may not
-/// when netIsTlsRequired. A null or empty name has no rights:
-/// true. When the rights are unknown, the reason is written to the standard error output, the same line at
-/// most once a minute.
+/// Whether a server admits peers on other machines without TLS.
+enum netTlsDemand : int {
+    netTlsAsSet,   // unless netIsTlsRequired
+    netTlsDemanded // not
+};
+
+/// Whether the peer of `socket` may connect to the server of that name. A null or empty name has no rights: true,
+/// unless TLS is demanded and the connection is not encrypted. When the rights are unknown, the reason is written to
+/// the standard error output, the same line at most once a minute.
 QEL_API bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName);
+QEL_API bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName, netTlsDemand demand);
 /// The key of a server's rights is this and its name.
 inline constexpr const char* netRightsPath = "Software\\VRX\\";
 /// `patterns`, unless null, receives a new sequence when the result is netRightsGiven. GetLastError() gives
@@ -44,3 +58,9 @@ QEL_API xrchandle<xstringsequence> SplitPatternList(xstring value);
 /// Whether one of `patterns` matches `address`, with `*` for any characters and `?` for one. Time: at most
 /// proportional to the product of their lengths.
 QEL_API bool MatchAnyPattern(xstring address, xrchandle<xstringsequence> patterns);
+/// Whether `pattern` is one for the names of certificates.
+QEL_API bool IsCertificatePattern(xstring pattern);
+/// Whether `patterns` admit a peer of that address whose certificate proves `names`; null: it has none. `isTlsRequired`:
+/// then its address is of no use where there are patterns of certificates.
+QEL_API bool MatchAnyPattern(xstring address, const std::vector<std::string>* names,
+                             xrchandle<xstringsequence> patterns, bool isTlsRequired);

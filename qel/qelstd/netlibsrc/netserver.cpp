@@ -10,6 +10,7 @@
 #include "netexception.h"
 #include "netrights.h"
 #include "netserverloop_p.h"
+#include "nettls.h"
 #include "qeltable.h"
 
 constinit qelClass netServer::rtti = {
@@ -56,10 +57,11 @@ int ask(btkStreamSocket& socket, netRequestCode code, netAddress* address)
 void warnOfOpenDoor(netServer& server)
 {
     const xstring name = server.getServerName();
-    const char* const why = !IsConnectionRestrictable(name) ? "no key of the registry can have such a name"
-                            : !server.IsLoopbackOnly() && !HasConnectionRights(name)
-                                ? "the registry has no rights for it"
-                                : nullptr;
+    const char* const why =
+        !IsConnectionRestrictable(name) ? "no key of the registry can have such a name"
+        : !server.IsLoopbackOnly() && !HasConnectionRights(name) && !netIsTlsRequired(name)
+            ? "the registry has no rights for it"
+            : nullptr;
     if (why != nullptr)
         std::cerr << "netServer: every machine may connect to \"" + std::string(name.CastToCString()) +
                          "\": " + why + '\n'
