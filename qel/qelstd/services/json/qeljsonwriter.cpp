@@ -28,8 +28,10 @@ constexpr auto escapes = [] {
         table.of[c] = 'u';
     for (int c = 0x80; c < 0x100; ++c)
         table.of[c] = 'h';
-    table.of['\b'] = 'b', table.of['\f'] = 'f', table.of['\n'] = 'n', table.of['\r'] = 'r';
-    table.of['\t'] = 't', table.of['"'] = '"', table.of['\\'] = '\\', table.of[0x7F] = 0;
+    constexpr std::string_view special = "\b\f\n\r\t\"\\";
+    constexpr std::string_view letters = "bfnrt\"\\";
+    for (std::size_t i = 0; i < special.size(); ++i)
+        table.of[static_cast<unsigned char>(special[i])] = letters[i];
     return table;
 }();
 
