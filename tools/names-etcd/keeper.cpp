@@ -120,7 +120,7 @@ void Keeper::Enter(std::uint64_t id, const std::string& start, const nmsFields& 
         return;
     added.claim = claimPrefix + *name;
     added.claimant = ClaimantOf(record, start, run);
-    byClaimant[added.claimant].insert(id);
+    byClaim[added.claim].insert(id);
 }
 
 // A process's claim to an exclusive name.
@@ -388,10 +388,10 @@ void Keeper::HearEvent(const Json& event)
                             NumberIn(pair, "create_revision"), NumberIn(pair, "lease")};
     const bool isGone = textIn(event, "type") == "DELETE";
     if (isBelow(changed.key, claimPrefix)) {
-        if (isGone)
-            for (const std::uint64_t id : open)
-                if (Own& record = own.at(id); record.claim == changed.key)
-                    record.tryAt = {};
+        const auto waiting = byClaim.find(changed.key);
+        if (isGone && waiting != byClaim.end())
+            for (const std::uint64_t id : waiting->second)
+                own.at(id).tryAt = {};
     } else if (isBelow(changed.key, ownPrefix)) {
         const auto known = byKey.find(changed.key);
         if (known == byKey.end()) {

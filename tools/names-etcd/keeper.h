@@ -89,7 +89,9 @@ private:
     void Delete(std::uint64_t id, bool withClaim);
     void DeleteOrphan(const Stored& orphan);
     void Fail(Own& own, const EtcdReply& reply, std::uint64_t id);
-    bool HasClaimant(const std::string& claimant, std::uint64_t except, bool isWanted) const;
+    enum Which : unsigned char { staying, leaving, any };
+    bool HasClaimant(const std::string& claim, const std::string& claimant, Which which,
+                     const Own* except = nullptr) const;
     std::string ClaimantOf(const nmsFields& record, const std::string& start, const std::string& boot) const;
     void Forget(std::uint64_t id);
     Json PutOf(const std::string& key, const std::string& value) const;
@@ -105,7 +107,7 @@ private:
     std::map<std::uint64_t, Own> own;
     std::set<std::uint64_t> open; // at least those that are not wanted and held
     std::map<std::string, std::uint64_t> byKey;
-    std::map<std::string, std::set<std::uint64_t>> byClaimant;
+    std::map<std::string, std::set<std::uint64_t>> byClaim;
     std::size_t busy = 0;
     bool isReady = false; // the records of the name server's beginning are known
 

@@ -56,23 +56,27 @@ Keeper::Own* Keeper::Find(std::uint64_t id)
     return found == own.end() ? nullptr : &found->second;
 }
 
-// Whether a record of the name server, other than `except`, has that claimant and is, or is not, wanted.
-bool Keeper::HasClaimant(const std::string& claimant, std::uint64_t except, bool isWanted) const
+// Whether such a record of the name server, other than `except`, has the claim and the claimant.
+bool Keeper::HasClaimant(const std::string& claim, const std::string& claimant, Which which,
+                         const Own* except) const
 {
-    const auto found = byClaimant.find(claimant);
-    return found != byClaimant.end() &&
-           std::any_of(found->second.begin(), found->second.end(),
-                       [&](std::uint64_t id) { return id != except && own.at(id).isWanted == isWanted; });
+    const auto found = byClaim.find(claim);
+    return found != byClaim.end() &&
+           std::any_of(found->second.begin(), found->second.end(), [&](std::uint64_t id) {
+               const Own& record = own.at(id);
+               return &record != except && record.claimant == claimant &&
+                      (which == any || record.isWanted == (which == staying));
+           });
 }
 
 void Keeper::Forget(std::uint64_t id)
 {
     const auto place = own.find(id);
     byKey.erase(place->second.key);
-    if (const auto found = byClaimant.find(place->second.claimant); found != byClaimant.end()) {
+    if (const auto found = byClaim.find(place->second.claim); found != byClaim.end()) {
         found->second.erase(id);
         if (found->second.empty())
-            byClaimant.erase(found);
+            byClaim.erase(found);
     }
     own.erase(place);
     open.erase(id);
@@ -154,8 +158,8 @@ void Keeper::Proceed()
 void Keeper::Proceed(std::uint64_t id, Own& record)
 {
     if (!record.isWanted)
-        Delete(id, !record.claim.empty() && !HasClaimant(record.claimant, id, true));
-    else if (!record.claim.empty() && HasClaimant(record.claimant, id, false))
+        Delete(id, !record.claim.empty() && !HasClaimant(record.claim, record.claimant, staying, &record));
+    else if (!record.claim.empty() && HasClaimant(record.claim, record.claimant, leaving, &record))
         record.tryAt = now() + tryPause; // a deletion of the same claim may be on its way
     else
         Put(id, 0);
@@ -214,8 +218,7 @@ void Keeper::HavePut(std::uint64_t id, const EtcdReply& reply)
         record.isTaken = true;
         Tell(nmsStoreMessage::taken, id);
     } else if (claim.is_object() && record.isWanted &&
-               (claimant == record.claimant ||
-                (!HasClaimant(claimant, id, true) && !HasClaimant(claimant, id, false)))) {
+               (claimant == record.claimant || !HasClaimant(record.claim, claimant, any, &record))) {
         // By another record of the process, or left over by a process that has exited.
         Put(id, NumberIn(claim, "create_revision"));
     } else {
@@ -273,7 +276,7 @@ void Keeper::DeleteOrphan(const Stored& orphan)
     if (name != nullptr && record.owner != 0) {
         const std::string claimant = ClaimantOf(record, textIn(value, "start"), textIn(value, "boot"));
         const std::string claim = claimPrefix + *name;
-        if (!byClaimant.contains(claimant))
+        if (!HasClaimant(claim, claimant, any))
             txn["success"].push_back({{"request_txn",
                                        {{"compare", Json::array({holds(claim, claimant)})},
                                         {"success", Json::array({deletionOf(claim)})}}}});
