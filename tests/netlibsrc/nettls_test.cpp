@@ -77,8 +77,10 @@ protected:
     }
 
     // A server that begins with that folder.
-    void serve(const char* folder = "server", netServer* made = netServer::Create(nullptr, 0, "127.0.0.1"))
+    void serve(const char* folder = "server", netServer* made = netServer::Create(nullptr, 0, "127.0.0.1"),
+               double silentPatience = 3 * aWhile)
     {
+        made->setSilentPatience(silentPatience);
         made->setOnRequest(&handler);
         made->setOnAsyncRequest(&async);
         const EnvSetting own("QELSTD_TLS", folder != nullptr ? dir.path(folder).c_str() : nullptr);
@@ -635,8 +637,7 @@ TEST_F(NetTls, UnfinishedHandshakesHaveThePlacesOfSilentClients)
 {
     netServer* const server = netServer::Create(nullptr, 0, "127.0.0.1");
     server->setSilentPlaces(8);
-    server->setSilentPatience(1.0);
-    serve("server", server);
+    serve("server", server, 1.0);
     const long before = openDescriptors();
     std::vector<btkStreamSocket> slow(60);
     for (btkStreamSocket& one : slow) {
