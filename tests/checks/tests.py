@@ -46,6 +46,7 @@ ELSEWHERE = {
     "qel_mon": "monwatch",
     "qel_screen": "screen",
     "cluster": "etcd etcdreply keeper keeperrecords",
+    "qel_conf": "watching",
     "qel_ns": "nsserve",
     "qel_rsh": "daemon rshd",
     "qel_tls": "authority folder pki show tlsoptions",

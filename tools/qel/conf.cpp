@@ -5,10 +5,14 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <qel/base/btkfd.h>
+#include <qel/base/btkfilepart.h>
+#include <qel/base/btkfilewatch.h>
 #include <qel/filelib.h>
 #include <qel/hmxconfigfile.h>
 #include <qel/platform/errornumbers.h>
@@ -16,6 +20,7 @@
 
 #include "commands.h"
 #include "files.h"
+#include "watching.h"
 
 namespace {
 
@@ -29,6 +34,9 @@ struct Choices
     std::optional<std::string> fallback;
     bool drop = false;
     std::optional<double> limit; // in seconds; none: without limit
+    double interval = 1;         // in seconds
+    int changes = 0;             // 0: until a signal
+    bool asJson = false;
 };
 
 std::string withoutBlanks(const std::string& key)
@@ -293,6 +301,131 @@ void runLint(const Choices& choices)
         AnswerNo();
 }
 
+// ---- watching
+
+/// A file, which other programs change, replace or remove, and its entries.
+class FileWatch
+{
+public:
+    FileWatch(const Choices& watched, Watching& printer)
+        : choices(watched), output(printer), path(choices.file)
+    {
+        for (const std::string& key : choices.keys)
+            wanted.insert(withoutBlanks(key));
+    }
+
+    /// Reads the file if it may have changed, and prints what has. Returns the number of changes.
+    int Take()
+    {
+        constexpr double patience = 0.5; // for a writer's lock, after which it is looked at again later
+        Begin();
+        hmxConfigFile file;
+        if (file.Open(PathOf(path).c_str(), hmxConfigFile::ReadOnly, patience)) {
+            if (!problem.empty())
+                Report("reachable", "! " + path + ": there again");
+            problem.clear();
+            Json entries = entriesOf(file);
+            file.Close(); // a reader of the output may be slow, and others want to write
+            return Compare(std::move(entries));
+        }
+        const bool isInUse = GetLastError() == ERROR_LOCK_VIOLATION;
+        if (const std::string why = LastErrorText(); !isInUse && why != problem) {
+            problem = why;
+            Report("unreachable", "! " + path + ": " + problem);
+        }
+        state = {};
+        return 0;
+    }
+
+    /// Waits until the file has changed, or the path leads to another one. False: the command returns.
+    bool Wait()
+    {
+        constexpr double pause = 0.02; // a program that writes in steps makes several changes
+        for (;;) {
+            if (!output.Wait(choices.interval, changed.Get()))
+                return false;
+            const bool isChanged = changed.Get() >= 0 && btkIsReadable(changed.Get());
+            btkFileState now;
+            if (isChanged || !btkGetFileState(path.c_str(), now) || !now.IsSameFile(state) ||
+                changed.Get() < 0)
+                return output.Wait(pause);
+        }
+    }
+
+private:
+    /// Watches the file from before it is read.
+    void Begin()
+    {
+        btkFileState now;
+        changed.End();
+        if (!btkGetFileState(path.c_str(), now) || !now.isPlain)
+            return;
+        const btkFd opened = btkOpenFile(path.c_str(), btkOpenRead);
+        if (opened && btkGetFileState(opened.Get(), state))
+            changed.Begin(opened.Get());
+    }
+
+    int Compare(Json entries)
+    {
+        int count = 0;
+        const auto report = [&](const char* event, char mark, const std::string& key, const Json& value,
+                                const Json& before) {
+            if (!wanted.empty() && !wanted.contains(key))
+                return;
+            ++count;
+            if (choices.asJson) {
+                Json line = {{"time", TimeOfDay()}, {"event", event}, {"key", key}, {"value", value}};
+                if (mark == '*')
+                    line["before"] = before;
+                Print(line);
+            } else {
+                output.Print(std::string(1, mark) + ' ' + exactly(key) + ':' + textOf(value));
+            }
+        };
+        for (const auto& [key, value] : known.items())
+            if (!entries.contains(key))
+                report("removed", '-', key, value, {});
+        for (const auto& [key, value] : entries.items()) {
+            const auto before = known.find(key);
+            if (before == known.end())
+                report(isFirst ? "present" : "added", isFirst ? '=' : '+', key, value, {});
+            else if (*before != value)
+                report("changed", '*', key, value, *before);
+        }
+        known = std::move(entries);
+        return std::exchange(isFirst, false) ? 0 : count;
+    }
+
+    void Report(const char* event, const std::string& text)
+    {
+        if (choices.asJson)
+            Print({{"time", TimeOfDay()}, {"event", event}, {"file", path}, {"problem", problem}});
+        else
+            output.Print(Printable(text));
+    }
+
+    void Print(const Json& line) { output.Print(line.dump(-1, ' ', false, Json::error_handler_t::replace)); }
+
+    const Choices& choices;
+    Watching& output;
+    const std::string& path;
+    std::set<std::string> wanted;
+    btkFileWatch changed;
+    btkFileState state; // of the file that is watched
+    Json known = Json::object();
+    std::string problem;
+    bool isFirst = true;
+};
+
+void runWatch(const Choices& choices)
+{
+    Watching output;
+    FileWatch watch(choices, output);
+    for (int count = watch.Take(); choices.changes == 0 || count < choices.changes; count += watch.Take())
+        if (!watch.Wait())
+            return;
+}
+
 /// The keys of the file named earlier on the command line.
 std::vector<std::string> knownKeys(const Typed& typed)
 {
@@ -333,7 +466,8 @@ void AddConfigCommands(CLI::App& program)
                                  "The value of the key \"port\", or 4711 when there is none."},
                                 {"qel conf set app.conf port 4712", "Change or add an entry."},
                                 {"qel conf delete app.conf port host", "Remove two entries."},
-                                {"qel conf lint *.conf", "The lines that are lost when a program writes."}});
+                                {"qel conf lint *.conf", "The lines that are lost when a program writes."},
+                                {"qel conf watch app.conf port", "The port, now and whenever it changes."}});
     const auto choices = std::make_shared<Choices>();
 
     CLI::App& get = AddCommand(group, "get", "Print the value of a key; the answer is no when it has none",
@@ -381,4 +515,28 @@ void AddConfigCommands(CLI::App& program)
     lint.add_option("file", choices->files, "The configuration files")->type_name("FILE")->required();
     addLimit(lint, choices->limit);
     OfferJson(lint);
+
+    CLI::App& watch = AddCommand(
+        group, "watch",
+        "Print the entries that change while other programs write or replace the file: + added, - removed, * "
+        "changed and = for those there at the start, then KEY:VALUE; ! and a text when the file cannot be read, and "
+        "when it can again",
+        [choices] { runWatch(*choices); });
+    addFile(watch, choices->file);
+    Offer(*watch.add_option("key", choices->keys, "The keys; blanks in them do not count (default: all)")
+               ->type_name("KEY"),
+          &knownKeys);
+    watch
+        .add_option("--interval", choices->interval,
+                    "Time after which a file that was replaced, or is missing, is looked for")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.01, 86400.0).description(""))
+        ->capture_default_str();
+    watch.add_option("--count", choices->changes, "Exit after so many changes (default: at Ctrl-C)")
+        ->type_name("COUNT")
+        ->check(CLI::Range(1, 1000000).description(""));
+    watch.add_flag(
+        "--json", choices->asJson,
+        "A line of JSON for each change: time, event (present, added, changed, removed, unreachable, "
+        "reachable), key, value, before; file and problem for the last two events");
 }

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include <qel/base/nmsclient.h>
@@ -14,6 +15,7 @@
 
 #include "commands.h"
 #include "daemon.h"
+#include "watching.h"
 
 namespace {
 
@@ -97,15 +99,20 @@ std::string inQuotes(const std::string& text)
     return quoted;
 }
 
+// The process and the fields.
+std::string lineOf(const Json& record)
+{
+    std::string line = std::to_string(record["process"].get<int>());
+    for (const auto& [name, value] : record["fields"].items())
+        line += ' ' + inQuotes(name) + '=' + inQuotes(value);
+    return line;
+}
+
 std::string recordLines(const Json& records)
 {
     std::string lines;
-    for (const Json& record : records) {
-        lines += std::to_string(record["process"].get<int>());
-        for (const auto& [name, value] : record["fields"].items())
-            lines += ' ' + inQuotes(name) + '=' + inQuotes(value);
-        lines += '\n';
-    }
+    for (const Json& record : records)
+        lines += lineOf(record) + '\n';
     return lines;
 }
 
@@ -266,6 +273,121 @@ void addWait(CLI::App& group)
     addHost(wait, choices->query);
 }
 
+// ---- watching
+
+struct WatchChoices
+{
+    AskChoices query;
+    double interval = 1;
+    int count = 0; // 0: until a signal
+    bool isStrict = false;
+    bool asJson = false;
+};
+
+// Prints the difference between each answer and the one before.
+class NameWatch
+{
+public:
+    NameWatch(const WatchChoices& watched, Watching& printer) : choices(watched), output(printer) {}
+
+    void Take()
+    {
+        try {
+            const Json records = matching(choices.query);
+            if (!problem.empty())
+                Report("reachable", "! " + choices.query.Server() + ": reachable again");
+            problem.clear();
+            Compare(records);
+        } catch (const CommandFailed& failed) {
+            if (choices.isStrict || failed.status != Exit::peer)
+                throw;
+            if (const std::string why = failed.what + ": " + failed.why; why != problem) {
+                problem = why;
+                Report("unreachable", "! " + Printable(why));
+            }
+        }
+    }
+
+private:
+    void Compare(const Json& records)
+    {
+        std::vector<std::string> keys; // in the order of registration
+        std::unordered_map<std::string, const Json*> now;
+        for (const Json& record : records)
+            if (const auto [place, isNew] = now.emplace(record.dump(-1, ' ', false, replacing), &record);
+                isNew)
+                keys.push_back(place->first);
+        for (const std::string& key : order)
+            if (!now.contains(key))
+                Report("removed", '-', known[key]);
+        for (const std::string& key : keys)
+            if (!known.contains(key))
+                Report(isFirst ? "present" : "registered", isFirst ? '=' : '+', *now[key]);
+        known.clear();
+        for (const auto& [key, record] : now)
+            known.emplace(key, *record);
+        order = std::move(keys);
+        isFirst = false;
+    }
+
+    // "+ NAME HOST:PORT PROCESS FIELD=VALUE ..."
+    void Report(const char* event, char mark, const Json& record)
+    {
+        Json line = {{"time", TimeOfDay()}, {"event", event}, {"process", record["process"]}};
+        Json others = record["fields"];
+        const auto take = [&](const char* field) {
+            const std::string value = others.value(field, std::string());
+            others.erase(field);
+            return value;
+        };
+        const std::string name = take("_ServerName"), stated = take("_HostName"), port = take("_PortNumber");
+        const std::string host = stated.empty() ? ThisHost() : stated;
+        const bool isNumeric = host.find(':') != std::string::npos; // of version 6
+        const std::string place = port.empty() ? "-" : (isNumeric ? '[' + host + ']' : host) + ':' + port;
+        if (choices.asJson) {
+            line["name"] = name.empty() ? Json() : Json(name);
+            line["host"] = host;
+            line["port"] = port.empty() ? Json() : Json(port);
+            line["fields"] = record["fields"];
+            output.Print(line.dump(-1, ' ', false, replacing));
+        } else {
+            output.Print(std::string(1, mark) + ' ' + (name.empty() ? "-" : inQuotes(name)) + ' ' +
+                         inQuotes(place) + ' ' +
+                         lineOf({{"process", record["process"]}, {"fields", others}}));
+        }
+    }
+
+    void Report(const char* event, const std::string& text)
+    {
+        if (choices.asJson)
+            output.Print(Json({{"time", TimeOfDay()}, {"event", event}, {"server", choices.query.Server()}})
+                             .dump(-1, ' ', false, replacing));
+        else
+            output.Print(text);
+    }
+
+    std::string ThisHost() const { return choices.query.host.empty() ? "localhost" : choices.query.host; }
+
+    static constexpr auto replacing = Json::error_handler_t::replace;
+    const WatchChoices& choices;
+    Watching& output;
+    std::unordered_map<std::string, Json> known;
+    std::vector<std::string> order;
+    std::string problem;
+    bool isFirst = true;
+};
+
+void watchNames(const WatchChoices& choices)
+{
+    Watching output;
+    NameWatch watch(choices, output);
+    for (int taken = 1;; ++taken) {
+        watch.Take();
+        if (taken == choices.count || !output.Wait(choices.interval))
+            return;
+    }
+}
+
 // ---- completion
 
 std::vector<nmsFields> recordsWithin(double seconds)
@@ -322,6 +444,16 @@ constexpr AskCommand askCommands[] = {
      &printStatus, AskCommand::NoFields, true},
     {"shutdown", "Stop the name server of this machine", &shutDownServer}};
 
+void addFields(CLI::App& command, AskChoices& choices, bool isRequired)
+{
+    const auto isField = [](const std::string& text) {
+        return text.find('=') == std::string::npos ? "not NAME=VALUE: " + text : std::string();
+    };
+    CLI::Option& field = *command.add_option("field", choices.fields, "A field, such as _ServerName=NAME");
+    field.type_name("NAME=VALUE")->check(isField)->required(isRequired);
+    Offer(field, &knownFields);
+}
+
 void addAsk(CLI::App& group, const AskCommand& command)
 {
     const auto choices = std::make_shared<AskChoices>();
@@ -329,21 +461,40 @@ void addAsk(CLI::App& group, const AskCommand& command)
         AddCommand(group, command.name, command.help, [choices, run = command.ask] { run(*choices); });
     addHost(ask, *choices);
     addLimit(ask, "--limit", "Time for the whole request", choices->seconds);
-    if (command.fields != AskCommand::NoFields) {
-        const auto isField = [](const std::string& text) {
-            return text.find('=') == std::string::npos ? "not NAME=VALUE: " + text : std::string();
-        };
-        CLI::Option& field = *ask.add_option("field", choices->fields, "A field, such as _ServerName=NAME");
-        field.type_name("NAME=VALUE")->check(isField);
-        field.required(command.fields == AskCommand::NeedsFields);
-        Offer(field, &knownFields);
-    }
+    if (command.fields != AskCommand::NoFields)
+        addFields(ask, *choices, command.fields == AskCommand::NeedsFields);
     if (command.ask == &registerRecord)
         ask.add_option("--process", choices->owner, "Process that the record goes with (default: none)")
             ->type_name("PROCESS")
             ->check(CLI::Range(2, 0x7FFFFFFF)); // 1 would be this program itself
     if (command.answers)
         OfferJson(ask);
+}
+
+void addWatch(CLI::App& group)
+{
+    const auto choices = std::make_shared<WatchChoices>();
+    choices->query.seconds = 2; // a signal waits for the end of a request
+    CLI::App& watch = AddCommand(
+        group, "watch",
+        "Print which records come and go: + or - and = for those there at the start, then the server's name, its "
+        "HOST:PORT, its process and the other fields. The name service reports no changes, so the records are "
+        "queried at an interval; ! and a text when the name server cannot be reached, and when it can again",
+        [choices] { watchNames(*choices); });
+    addFields(watch, choices->query, false);
+    addHost(watch, choices->query);
+    addLimit(watch, "--limit", "Time for each request", choices->query.seconds);
+    watch.add_option("--interval", choices->interval, "Time between requests")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.01, 86400.0).description(""))
+        ->capture_default_str();
+    watch.add_option("--count", choices->count, "Requests to be made (default: until Ctrl-C)")
+        ->type_name("COUNT")
+        ->check(CLI::Range(1, 1000000).description(""));
+    watch.add_flag("--strict", choices->isStrict, "Fail when the name server cannot be reached");
+    watch.add_flag("--json", choices->asJson,
+                   "A line of JSON for each change: time, event (present, registered, removed, unreachable, "
+                   "reachable), process, name, host, port, fields; server for the last two events");
 }
 
 } // namespace
@@ -359,18 +510,21 @@ std::vector<std::string> ServerNames(double seconds)
 
 void AddNameServiceCommands(CLI::App& program)
 {
-    CLI::App& group =
-        AddGroup(program, "ns", "The name server, which knows where servers are, and its clients",
-                 {{"qel ns serve --interface '*'", "Be the name server of all machines on the network."},
-                  {"qel ns list", "All records: which process, and what it has said of itself."},
-                  {"qel ns find files", "Where the server \"files\" is: its host and port."},
-                  {"qel ns query --json _ServerName=files", "All that is known of it, for a program."},
-                  {"qel ns register _ServerName=files _PortNumber=4000",
-                   "Make a server known that cannot do it itself."},
-                  {"qel ns wait files --timeout 10", "Go on once the server \"files\" is there."}});
+    CLI::App& group = AddGroup(
+        program, "ns", "The name server, which knows where servers are, and its clients",
+        {{"qel ns serve --interface '*'", "Be the name server of all machines on the network."},
+         {"qel ns list", "All records: which process, and what it has said of itself."},
+         {"qel ns find files", "Where the server \"files\" is: its host and port."},
+         {"qel ns query --json _ServerName=files", "All that is known of it, for a program."},
+         {"qel ns register _ServerName=files _PortNumber=4000",
+          "Make a server known that cannot do it itself."},
+         {"qel ns wait files --timeout 10", "Go on once the server \"files\" is there."},
+         {"qel ns watch", "Servers as they come and go, until Ctrl-C."},
+         {"qel ns watch --json _Scope=all", "The same for all machines that share names, for a program."}});
     AddNameServer(group);
     for (const AskCommand& command : askCommands)
         addAsk(group, command);
     addFind(group);
     addWait(group);
+    addWatch(group);
 }
