@@ -21,6 +21,7 @@
 /// several threads. The variables are read on each call that begins at a root.
 
 #include <string>
+#include <string_view>
 
 #include <qel/platform/platformtypes.h>
 
@@ -69,6 +70,10 @@ long RegEnumValueA(HKEY key, DWORD index, char* name, DWORD* size, DWORD* reserv
 
 /// The directory that stores a root; empty when its location is unknown.
 std::string platRegistryFolder(HKEY root);
+
+/// Parses the bytes of a value's file: the type, and the name as platWrittenName returned it. Returns the offset
+/// of the data, in bytes; 0 when they are not the bytes of such a file.
+std::size_t platParseValue(std::string_view text, DWORD& type, std::string_view& writtenName);
 
 /// Between platBeginBatch and as many platEndBatch calls, the calling thread's changes take effect as usual,
 /// but are written to the disk only by platCommitBatch, all at once, and by the last platEndBatch. Until

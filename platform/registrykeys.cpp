@@ -248,6 +248,13 @@ std::string platValueText(DWORD type, const char* name, std::string_view data)
     return std::to_string(type) + ' ' + platWrittenName(name) + '\n' + std::string(data);
 }
 
+std::size_t platParseValue(std::string_view text, DWORD& type, std::string_view& writtenName)
+{
+    const std::size_t line = text.find('\n');
+    return line != std::string_view::npos && parseHead(text.substr(0, line), type, writtenName) ? line + 1
+                                                                                                : 0;
+}
+
 long platReadValue(const platPlace& place, const char* name, platValue& value)
 {
     const btkFd file = platOpenFileInside(place.folder, place.prefix + platValuePath(name));
@@ -264,11 +271,11 @@ long platReadValue(const platPlace& place, const char* name, platValue& value)
     } while (count == sizeof block); // a shorter read is the end of the file, which never grows
     if (count < 0)
         return platHostError();
-    const std::size_t line = text.find('\n');
     std::string_view written;
-    if (line == std::string::npos || !parseHead({text.data(), line}, value.type, written))
+    const std::size_t dataAt = platParseValue(text, value.type, written);
+    if (dataAt == 0)
         return ERROR_FILE_CORRUPT;
-    value.data = text.substr(line + 1);
+    value.data = text.substr(dataAt);
     return ERROR_SUCCESS;
 }
 

@@ -43,6 +43,8 @@ public:
 
     bool IsSound() const { return isSound; }
     bool IsAtEnd() const { return isSound && rest.empty(); }
+    /// Returns the number of the bytes that have not been taken.
+    std::size_t GetLeft() const { return rest.size(); }
     std::string_view Take(std::size_t size);
     unsigned TakeInt();
     std::uint64_t TakeNumber();

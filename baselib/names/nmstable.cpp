@@ -418,16 +418,34 @@ std::string nmsTable::Save() const
 
 bool nmsTable::Restore(std::string_view saved)
 {
-    nmsPartReader reader(saved);
-    const bool isMarked = reader.Take(savedMark.size()) == savedMark;
-    const bool isSameRun = reader.TakeText() == nmsRunOfMachine();
-    const unsigned count = reader.TakeInt();
-    for (unsigned i = 0; isMarked && i < count && reader.IsSound(); ++i) {
-        const std::string start = reader.TakeText();
-        const std::string peer = reader.TakeText();
-        nmsFields record = reader.TakeRecord();
-        if (reader.IsSound() && (record.owner == 0 || (isSameRun && startOf(record.owner) == start)))
-            Add(std::move(record), peer);
-    }
-    return isMarked && reader.IsAtEnd();
+    nmsSavedReader reader(saved);
+    const bool isSameRun = reader.GetRun() == nmsRunOfMachine();
+    for (nmsSavedRecord held; reader.Next(held);)
+        if (held.record.owner == 0 || (isSameRun && startOf(held.record.owner) == held.start))
+            Add(std::move(held.record), held.peer);
+    return reader.IsWhole();
+}
+
+nmsSavedReader::nmsSavedReader(std::string_view saved) : size(saved.size()), reader(saved)
+{
+    isMarked = reader.Take(savedMark.size()) == savedMark;
+    run = reader.TakeText();
+    count = reader.TakeInt();
+    if (isMarked)
+        offset = reader.IsSound() ? size - reader.GetLeft() : savedMark.size();
+}
+
+bool nmsSavedReader::Next(nmsSavedRecord& next)
+{
+    if (!isMarked || !reader.IsSound() || taken == count)
+        return false;
+    next.offset = offset;
+    next.start = reader.TakeText();
+    next.peer = reader.TakeText();
+    next.record = reader.TakeRecord();
+    if (!reader.IsSound())
+        return false;
+    ++taken;
+    offset = size - reader.GetLeft();
+    return true;
 }

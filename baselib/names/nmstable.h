@@ -13,6 +13,7 @@
 
 #include <qel/base/btkfd.h>
 #include <qel/base/btkpeeruser.h>
+#include <qel/base/nmsstore.h>
 #include <qel/base/nmswire.h>
 
 /// Limits of a table of records.
@@ -51,6 +52,46 @@ struct nmsRights
     /// Else: register records of this user's processes, and remove those and the user's records of no process.
     /// Empty: neither.
     std::optional<btkUserId> user = {};
+};
+
+/// A saved record: its place in the saved bytes, and what Restore decides by.
+struct nmsSavedRecord
+{
+    std::size_t offset = 0;
+    /// When its process started; empty without one.
+    std::string start;
+    /// The address that it counts for; empty when that does not matter.
+    std::string peer;
+    nmsFields record;
+};
+
+/// Reads the bytes of nmsTable::Save, record by record. The bytes must outlive it.
+class BASE_API nmsSavedReader
+{
+public:
+    explicit nmsSavedReader(std::string_view saved);
+
+    /// Whether the bytes are those of a table. Else there is nothing to read.
+    bool IsMarked() const { return isMarked; }
+    /// The run of the machine in which they were saved.
+    const std::string& GetRun() const { return run; }
+    /// The number of records that were saved.
+    unsigned GetCount() const { return count; }
+    /// False behind the last record, and at damage.
+    bool Next(nmsSavedRecord& next);
+    /// Whether everything was read and nothing was damaged.
+    bool IsWhole() const { return isMarked && taken == count && reader.IsAtEnd(); }
+    /// The end of what was read, in bytes.
+    std::size_t GetOffset() const { return offset; }
+
+private:
+    std::size_t size;
+    nmsPartReader reader;
+    bool isMarked = false;
+    std::string run;
+    unsigned count = 0;
+    unsigned taken = 0;
+    std::size_t offset = 0;
 };
 
 /// The records of a name server, indexed by every field; for any records, the cost of an operation grows with

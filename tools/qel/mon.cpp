@@ -205,7 +205,13 @@ Monitor OpenMonitor(const std::string& path)
 
 std::vector<monParam*> ParametersOf(monFile& file)
 {
-    monParamDict* const all = file.getParams();
+    file.getParams();
+    return KnownParametersOf(file);
+}
+
+std::vector<monParam*> KnownParametersOf(monFile& file)
+{
+    monParamDict* const all = file.getKnownParams();
     std::vector<monParam*> parameters;
     for (int slot = 0; slot < all->getarraysize(); ++slot) {
         monParam* parameter = nullptr;

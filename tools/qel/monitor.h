@@ -16,6 +16,8 @@ using Monitor = std::unique_ptr<monFile, qelDelete>;
 Monitor OpenMonitor(const std::string& path);
 /// The parameters, new ones too, in the order of their names.
 std::vector<monParam*> ParametersOf(monFile& file);
+/// Those found so far, without looking for new ones.
+std::vector<monParam*> KnownParametersOf(monFile& file);
 /// Ends the program (the answer is no) when there is no such parameter.
 monParam& ParameterOf(monFile& file, const std::string& path, const std::string& name);
 /// "bool", "int", "real" or "string".

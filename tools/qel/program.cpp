@@ -17,6 +17,7 @@ void AddTopCommand(CLI::App& program);
 void AddConfigCommands(CLI::App& program);
 void AddRegistryCommands(CLI::App& program);
 void AddFileCommands(CLI::App& program);
+void AddInspectCommand(CLI::App& program);
 void AddInfoCommand(CLI::App& program);
 void AddSelftestCommand(CLI::App& program);
 void AddTypeCommands(CLI::App& program);
@@ -37,6 +38,7 @@ constexpr AddCommands groups[] = {
     &AddConfigCommands,      // conf
     &AddRegistryCommands,    // reg
     &AddFileCommands,        // fs
+    &AddInspectCommand,      // inspect
     &AddInfoCommand,         // info
     &AddSelftestCommand,     // selftest
     &AddTypeCommands,        // types

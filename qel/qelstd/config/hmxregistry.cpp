@@ -8,6 +8,7 @@
 
 #include <qel/platform/errortable.h>
 #include <qel/platform/registry.h>
+#include <qel/platform/registryname.h>
 #include <qel/xobject.h>
 
 struct hmxRegistryKey::Record
@@ -240,6 +241,18 @@ void hmxRegistry::Close()
     const std::atomic_ref count(openCount);
     for (int open = count; open > 0 && !count.compare_exchange_weak(open, open - 1);)
         ;
+}
+
+std::size_t hmxRegistry::ParseFile(std::string_view bytes, unsigned& type, xstring& name)
+{
+    DWORD number = 0;
+    std::string_view written;
+    const std::size_t offset = platParseValue(bytes, number, written);
+    if (offset > 0) {
+        type = number;
+        name = platNameAsWritten(written).c_str();
+    }
+    return offset;
 }
 
 xstring hmxRegistry::getFolder() const

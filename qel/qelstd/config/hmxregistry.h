@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstddef>
+#include <string_view>
+
 #include <qel/xsequence.h>
 #include <qel/xstring.h>
 
@@ -81,6 +84,10 @@ public:
     /// The folder that currently stores this root, as a path of the operating system; null when the
     /// registry's location is unknown.
     xstring getFolder() const;
+
+    /// Parses the bytes of the file in which a registry keeps a value: its type, where 1 is text, and its name.
+    /// Returns the offset of the value, in bytes; 0 when they are not the bytes of such a file.
+    static std::size_t ParseFile(std::string_view bytes, unsigned& type, xstring& name);
 
     /// The key of the root; closed when it could not be opened.
     hmxRegistryKey root;

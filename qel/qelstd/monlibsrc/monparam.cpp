@@ -200,6 +200,11 @@ xstring monParam::getName()
     return name;
 }
 
+long long monParam::getPosition() const
+{
+    return offsetOf(position);
+}
+
 monBoolParam::monBoolParam(monFile& owner, xstring called, std::fpos<int> at)
     : monParam(owner, called.CastToCString(), at)
 {

@@ -302,6 +302,11 @@ monParamDict* monFile::getParams()
     return inside->params.get();
 }
 
+monParamDict* monFile::getKnownParams() const
+{
+    return inside->params.get();
+}
+
 void monFile::Close()
 {
     inside->EndChanges();

@@ -41,6 +41,8 @@ public:
 
     /// The name as stored in the file.
     virtual xstring getName();
+    /// The offset of the value in the file, in bytes.
+    long long getPosition() const;
 
 protected:
     /// Enters the new parameter in the dictionary of `owner`. `at`: the position of the value in the file.
@@ -202,6 +204,8 @@ public:
     /// @throws qelXNativeException  "monFile has shrunk!": open it again; "Weird parameter type": the bytes
     ///                              after the parameters found so far are not a parameter
     monParamDict* getParams();
+    /// The parameters found so far, without looking for new ones: after Check, those before the damage.
+    monParamDict* getKnownParams() const;
 
     // ---- find the parameter of a name, or add one whose value is false, 0 or the empty text
 
