@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 #include <pthread.h>
+#include <sys/ioctl.h>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -149,6 +150,16 @@ btkFd btkAwaitTermination()
     if (signals)
         pthread_sigmask(SIG_BLOCK, &awaited, nullptr);
     return signals;
+}
+
+bool btkGetTerminalSize(btkHandle terminal, int& columns, int& rows)
+{
+    winsize size = {};
+    if (ioctl(terminal, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0)
+        return false;
+    columns = size.ws_col;
+    rows = size.ws_row;
+    return true;
 }
 
 namespace {

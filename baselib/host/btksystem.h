@@ -30,5 +30,9 @@ BASE_API std::string Error_GetText(unsigned long number);
 /// Call it before other threads exist. Owns nothing, with the reason in errno, when no descriptor is left.
 BASE_API btkFd btkAwaitTermination();
 
+/// Stores the size of the terminal behind the descriptor, in characters, both at least 1. False when it is none, or
+/// its size is not known.
+BASE_API bool btkGetTerminalSize(btkHandle terminal, int& columns, int& rows);
+
 /// Returns the id of this process, without a system call. A forked child has its own.
 BASE_API int btkProcessNumber();

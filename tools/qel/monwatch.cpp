@@ -4,6 +4,7 @@
 #include <cmath>
 #include <deque>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -11,12 +12,12 @@
 #include <sstream>
 
 #include <qel/base/btkfd.h>
-#include <qel/iopipe.h>
+#include <qel/hmxconfigfile.h>
 #include <qel/pcinterrupt.h>
-#include <qel/pcprocess.h>
 #include <qel/qelexception.h>
 #include <qel/qelown.h>
 
+#include "chart.h"
 #include "files.h"
 #include "monitor.h"
 #include "screen.h"
@@ -152,20 +153,17 @@ const double* numberIn(const Json& value, double& number)
 
 // ---- the forms of a sample
 
-std::string inQuotes(const std::string& text, char quote)
-{
-    std::string quoted(1, quote);
-    for (const char c : text)
-        quoted.append(c == quote ? 2 : 1, c);
-    return quoted + quote;
-}
-
 std::string csvField(const Json& value)
 {
     const std::string text = value.is_null()     ? std::string()
                              : value.is_string() ? value.get<std::string>()
                                                  : value.dump();
-    return text.find_first_of(",\"\r\n") == std::string::npos ? text : inQuotes(text, '"');
+    if (text.find_first_of(",\"\r\n") == std::string::npos)
+        return text;
+    std::string quoted = "\"";
+    for (const char c : text)
+        quoted.append(c == '"' ? 2 : 1, c);
+    return quoted + '"';
 }
 
 std::string timeText(const Sample& sample)
@@ -277,69 +275,48 @@ void watchValues(const Choices& choices)
 
 // ---- a chart
 
-using Curve = std::vector<std::pair<double, double>>; // seconds since the first sample, and the value
-
-std::string scriptFor(const std::map<std::string, Curve>& curves, const std::string& title,
-                      const std::string& picture)
+// The unit that FILE.meta declares for a value; empty: none.
+std::string unitOf(const std::string& path, const std::string& name)
 {
-    std::ostringstream script;
-    script << (picture.empty() ? "set terminal dumb 79 24 noenhanced\n"
-                               : "set terminal svg size 900,450 noenhanced background 'white'\nset output " +
-                                     inQuotes(picture, '\'') + '\n');
-    script << "set title " << inQuotes(Printable(title), '\'')
-           << "\nset xlabel 'seconds'\nset key below\nplot ";
-    const char* separator = "";
-    for (const auto& [name, curve] : curves) {
-        script << separator << "'-' using 1:2 with lines title " << inQuotes(Printable(name), '\'');
-        separator = ", ";
-    }
-    script << '\n';
-    script.precision(10);
-    for (const auto& [name, curve] : curves) {
-        for (const auto& [time, value] : curve)
-            script << time << ' ' << value << '\n';
-        script << "e\n";
-    }
-    return script.str();
-}
-
-// Runs gnuplot, which draws to the standard output or to the file named in the script.
-void drawPicture(const std::string& script)
-{
-    try {
-        const qel::owned<ioPipe> pipe(ioPipe::Create());
-        if (pipe == nullptr)
-            Fail(Exit::peer, "gnuplot", "no pipe is left");
-        const qel::owned<pcProcess> drawing(
-            pcProcess::Create("gnuplot", nullptr, pipe->getReadEnd(), nullptr, nullptr, 0, 0));
-        const qel::owned<pcEvent> end(drawing->ExitEvent());
-        pipe->getWriteEnd()->WriteBytes(script.data(), static_cast<unsigned>(script.size()));
-        pipe->getWriteEnd()->Close();
-        end->Wait(INFINITE);
-        if (drawing->GetExitCode() != 0)
-            Fail(Exit::peer, "gnuplot", "ended with " + std::to_string(drawing->GetExitCode()));
-    } catch (xthrowable* thrown) {
-        throw FailureOf(thrown, Exit::peer, "gnuplot");
-    }
+    hmxConfigFile declared;
+    constexpr double patience = 1; // seconds
+    const bool isThere = declared.Open(PathOf(path + ".meta").c_str(), hmxConfigFile::ReadOnly, patience);
+    const xstring unit = isThere ? declared.GetValue(name + ".unit") : xstring(nullptr);
+    return unit == nullptr ? std::string() : unit.CastToCString();
 }
 
 void plotSamples(const Choices& choices)
 {
-    std::map<std::string, Curve> curves;
-    std::string title = choices.path;
+    std::map<std::string, ChartCurve> curves;
+    Chart chart{choices.path, "seconds", {}};
     double start = 0;
     forEachSample(choices, [&](const Sample& sample) {
         if (start == 0)
             start = sample.time;
         if (!sample.title.empty())
-            title = sample.title;
+            chart.title = sample.title;
         for (const auto& [name, value] : sample.values.items())
             if (double number = 0; sample.isLive && numberIn(value, number) != nullptr)
-                curves[name].emplace_back(sample.time - start, number);
+                curves[name].points.emplace_back(std::max(sample.time - start, 0.0), number);
     });
     if (curves.empty())
         Fail(Exit::no, choices.path, "no numbers to draw");
-    drawPicture(scriptFor(curves, title, choices.picture));
+    chart.up = unitOf(choices.path, curves.begin()->first);
+    for (auto& [name, curve] : curves) {
+        const std::string unit = unitOf(choices.path, name);
+        curve.name = unit.empty() ? name : name + " (" + unit + ')';
+        if (unit != chart.up)
+            chart.up.clear();
+        chart.curves.push_back(std::move(curve));
+    }
+    if (choices.picture.empty()) {
+        std::cout << DrawText(chart, StyleOfOutput()) << std::flush;
+        return;
+    }
+    std::ofstream picture(choices.picture);
+    picture << DrawSvg(chart);
+    if (!picture.flush())
+        Fail(Exit::peer, choices.picture, "cannot be written");
 }
 
 // The options of both commands.
@@ -381,10 +358,10 @@ void AddWatchCommands(CLI::App& group)
 
     const auto plotted = std::make_shared<Choices>();
     plotted->count = 60;
-    CLI::App& plot =
-        AddCommand(group, "plot", "Take samples and draw the numbers over the time, with the program gnuplot",
-                   [plotted] { plotSamples(*plotted); });
+    CLI::App& plot = AddCommand(
+        group, "plot", "Take samples and draw the numbers over the time, as large as the terminal is",
+        [plotted] { plotSamples(*plotted); });
     addSampling(plot, *plotted, "Samples to be taken (default: 60); Ctrl-C ends it early");
-    plot.add_option("--svg", plotted->picture, "Draw into this file (default: with characters)")
+    plot.add_option("--svg", plotted->picture, "Write a picture to this file (default: draw with characters)")
         ->type_name("FILE");
 }
