@@ -289,6 +289,7 @@ void AddMonitorCommands(CLI::App& program)
         {{"qel mon watch /tmp/host.mon", "All values, as they change, until Ctrl-C."},
          {"qel mon watch --csv --count 60 /tmp/host.mon load.1 >load.csv", "One of them for a minute."},
          {"qel mon plot --svg load.svg /tmp/host.mon load.1 load.5", "Two of them as a picture."},
+         {"qel mon serve", "This machine's servers in a browser, at http://127.0.0.1:1242/."},
          {"qel mon export --once", "The figures of this machine's servers, as Prometheus reads them."},
          {"qel mon export --listen 127.0.0.1:1241 /tmp/host.mon", "Serve values to Prometheus."},
          {"qel mon get /tmp/host.mon load.1", "A value, for a script."},
@@ -349,5 +350,5 @@ void AddMonitorCommands(CLI::App& program)
     OfferJson(check);
 
     AddWatchCommands(group);
-    AddExportCommands(group);
+    AddWebCommands(group);
 }

@@ -31,5 +31,5 @@ void AddMonitorFile(CLI::App& command, std::string& path);
 
 /// Adds `watch` and `plot`. monwatch.cpp
 void AddWatchCommands(CLI::App& group);
-/// Adds `export`. monexport.cpp
-void AddExportCommands(CLI::App& group);
+/// Adds `serve` and `export`. monweb.cpp
+void AddWebCommands(CLI::App& group);

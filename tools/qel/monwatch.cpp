@@ -1,9 +1,7 @@
 // qel mon watch and plot: the values of a monitor file over time.
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <deque>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
@@ -21,6 +19,7 @@
 #include "files.h"
 #include "monitor.h"
 #include "screen.h"
+#include "watchedfile.h"
 
 namespace {
 
@@ -37,103 +36,30 @@ struct Choices
     std::string picture; // empty: the terminal
 };
 
-// The values of a file at one moment.
-struct Sample
+// With --once, it is an error when there are no values.
+Sample takeSample(const Choices& choices, WatchedFile& file)
 {
-    double time = 0; // seconds since 1970-01-01 00:00 UTC
-    std::string title;
-    std::string problem; // the reason why there are no values, or why they are unreliable
-    bool isLive = false; // the values are from the current file
-    Json values = Json::object();
-};
-
-// The publisher may replace the file at any time, or not have created it yet: then it is opened again.
-class Watcher
-{
-public:
-    explicit Watcher(const Choices& watched) : choices(watched)
-    {
-        if (choices.isOnce)
-            file = OpenMonitor(choices.path);
-    }
-
-    Sample Take()
-    {
-        Sample sample;
-        const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
-        sample.time = now.count();
-        try {
-            TakeFrom(sample);
-        } catch (xthrowable* thrown) {
-            sample.problem = FailureOf(thrown).why;
-            sample.values = Json::object();
-            file.reset();
-        }
-        if (choices.isOnce && !sample.isLive)
-            Fail(Exit::peer, choices.path, sample.problem);
-        return sample;
-    }
-
-private:
-    void TakeFrom(Sample& sample)
-    {
-        std::error_code failed;
-        if (file != nullptr && file->isReplaced()) {
-            const bool isGone = !std::filesystem::exists(choices.path, failed);
-            sample.problem = isGone ? "gone" : "replaced";
-            if (isGone || !file->Reopen()) {
-                sample.title = title;
-                sample.values = values; // the last known ones
-                return;
-            }
-        }
-        if (file == nullptr)
-            file.reset(monFile::Open(PathOf(choices.path).c_str()));
-        if (file == nullptr) {
-            sample.problem = std::filesystem::exists(choices.path, failed)
-                                 ? "not permitted, or no monitor file"
-                                 : "not there yet";
-            return;
-        }
-        Read(sample);
-        sample.isLive = true;
-        title = sample.title;
-        values = sample.values;
-        const auto changed = std::filesystem::last_write_time(choices.path, failed);
-        const std::chrono::duration<double> age = std::filesystem::file_time_type::clock::now() - changed;
-        if (!failed && sample.problem.empty() && age.count() > choices.oldAge)
-            sample.problem = "old";
-    }
-
-    void Read(Sample& sample)
-    {
-        sample.title = Printable(file->getTitle().CastToCString());
-        for (monParam* const parameter : ParametersOf(*file)) {
-            const std::string name = parameter->getName().CastToCString();
-            if (choices.names.empty() ||
-                std::find(choices.names.begin(), choices.names.end(), name) != choices.names.end())
-                sample.values[name] = ValueOf(*parameter);
-        }
-        for (const std::string& name : choices.names)
-            if (choices.isOnce && !sample.values.contains(name))
-                Fail(Exit::no, choices.path + ", " + name, "no such parameter");
-    }
-
-    const Choices& choices;
-    Monitor file;
-    std::string title;
-    Json values = Json::object();
-};
+    if (!choices.isOnce)
+        return file.Take(choices.names);
+    OpenMonitor(choices.path); // reports why it cannot be read
+    Sample sample = file.Take(choices.names);
+    if (!sample.isLive)
+        Fail(Exit::peer, choices.path, sample.problem);
+    for (const std::string& name : choices.names)
+        if (!sample.values.contains(name))
+            Fail(Exit::no, choices.path + ", " + name, "no such parameter");
+    return sample;
+}
 
 // Hands over one sample after the other until the count is reached or the user interrupts.
 void forEachSample(const Choices& choices, const std::function<void(const Sample&)>& take)
 {
-    Watcher watcher(choices);
+    WatchedFile file(choices.path, choices.oldAge);
     const qel::owned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
     const btkTimeval start = btkTimeval::Now();
     const int count = choices.isOnce ? 1 : choices.count;
     for (int taken = 1;; ++taken) {
-        take(watcher.Take());
+        take(takeSample(choices, file));
         if (taken == count)
             return;
         const btkTimeval next = start + btkTimeval(choices.interval * taken);
@@ -250,11 +176,11 @@ private:
 
 void watchOnScreen(const Choices& choices)
 {
-    Watcher watcher(choices);
+    WatchedFile file(choices.path, choices.oldAge);
     Rows rows;
     Screen screen;
     for (int taken = 1; taken <= choices.count || choices.count == 0; ++taken) {
-        screen.show(rows.tableOf(watcher.Take(), choices.path));
+        screen.show(rows.tableOf(file.Take(choices.names), choices.path));
         if (!screen.wait(choices.interval))
             return;
     }

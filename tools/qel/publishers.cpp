@@ -53,18 +53,16 @@ std::vector<std::string> PublisherFolders()
     return folders;
 }
 
-std::vector<Published> ReadPublishers(const std::vector<std::string>& folders)
+std::vector<Published> FindPublishers(const std::vector<std::string>& folders)
 {
     std::vector<Published> files;
     for (const std::string& folder : folders) {
         std::error_code failed;
         for (std::filesystem::directory_iterator at(folder, failed), end; !failed && at != end;
              at.increment(failed)) {
-            Published form;
-            if (!parseName(at->path(), form))
-                continue;
-            // Those without permission are another user's.
-            if (Published file = ReadPublished(at->path().string()); !file.values.is_null())
+            Published file;
+            file.path = at->path().string();
+            if (parseName(at->path(), file))
                 files.push_back(std::move(file));
         }
     }
@@ -73,11 +71,27 @@ std::vector<Published> ReadPublishers(const std::vector<std::string>& folders)
     return files;
 }
 
-Published ReadPublished(const std::string& path)
+std::vector<Published> ReadPublishers(const std::vector<std::string>& folders)
+{
+    std::vector<Published> files = FindPublishers(folders);
+    for (Published& file : files)
+        file = ReadPublished(file.path);
+    // Those without permission are another user's.
+    std::erase_if(files, [](const Published& file) { return file.values.is_null(); });
+    return files;
+}
+
+Published PublisherOf(const std::string& path)
 {
     Published file;
     file.path = path;
     parseName(path, file);
+    return file;
+}
+
+Published ReadPublished(const std::string& path)
+{
+    Published file = PublisherOf(path);
     try {
         const Monitor monitor(monFile::Open(PathOf(path).c_str()));
         if (monitor == nullptr)

@@ -5,7 +5,7 @@
 
 #include "commands.h"
 
-// The monitor files of running programs, as `top` and `mon export` read them.
+// The monitor files of running programs, as `top`, `mon export` and `mon serve` read them.
 
 /// A monitor file at one moment.
 struct Published
@@ -23,5 +23,9 @@ struct Published
 std::vector<std::string> PublisherFolders();
 /// The readable files of all publishers in the folders, in the order of their paths.
 std::vector<Published> ReadPublishers(const std::vector<std::string>& folders);
+/// The same without their values, whether they are readable or not; nothing says that they are alive.
+std::vector<Published> FindPublishers(const std::vector<std::string>& folders);
+/// What the path of a monitor file says of its publisher.
+Published PublisherOf(const std::string& path);
 /// Reads any monitor file.
 Published ReadPublished(const std::string& path);
