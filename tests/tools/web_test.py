@@ -481,6 +481,9 @@ class Page(Case):
 
 
 if __name__ == "__main__":
+    if not os.path.exists(os.path.join(os.path.dirname(QEL), "qel-http")):
+        print("no qel-http here")
+        sys.exit(77)
     if sys.argv[2] == "Page" and not BROWSER:
         print("no chromium here")
         sys.exit(77)
