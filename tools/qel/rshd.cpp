@@ -130,10 +130,45 @@ private:
     bool isEverybody = false;
 };
 
-void report(const std::string& line)
+/// Logs refusals: ten a second at most, so that clients cannot fill the log, and how many more there were.
+class RefusalLog
 {
-    btkLog(btkLevel::warning, line);
-}
+public:
+    RefusalLog() = default;
+    ~RefusalLog() { NoteLeftOut(); }
+    RefusalLog(const RefusalLog&) = delete;
+    RefusalLog& operator=(const RefusalLog&) = delete;
+
+    void Note(const std::string& line)
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        if (const btkTimeval now = btkTimeval::Now(); now >= end) {
+            NoteLeftOut();
+            end = now + btkTimeval(1, 0);
+            written = leftOut = 0;
+        }
+        if (written == 10) {
+            ++leftOut;
+        } else {
+            ++written;
+            btkLog(btkLevel::warning, "refused: " + line);
+        }
+    }
+
+private:
+    void NoteLeftOut() const
+    {
+        if (leftOut > 0)
+            btkLog(btkLevel::warning, std::to_string(leftOut) + " more refused");
+    }
+
+    std::mutex mutex;
+    btkTimeval end; // of the second
+    int written = 0;
+    int leftOut = 0;
+};
+
+RefusalLog refusals;
 
 // The program of a command line; its arguments may be secret.
 std::string programOf(const rshRequest& request)
@@ -180,15 +215,15 @@ private:
         if (socket->IsPeerOnTheSameMachine()) {
             const std::optional<btkUserId> user = socket->GetPeerUser();
             if (!users.Contain(user))
-                report("refused: " + (user ? "user " + std::to_string(*user) : "an unknown user") +
-                       " of this machine");
+                refusals.Note((user ? "user " + std::to_string(*user) : "an unknown user") +
+                              " of this machine");
             return users.Contain(user);
         }
         const bool mayCome = allowed.Admit(*socket);
         if (!mayCome)
-            report("refused: " + socket->GetPeerAddrStr() +
-                   (socket->IsEncrypted() ? certificatePart(socket->GetCarrier()->peerNames)
-                                          : ", not encrypted"));
+            refusals.Note(socket->GetPeerAddrStr() + (socket->IsEncrypted()
+                                                          ? certificatePart(socket->GetCarrier()->peerNames)
+                                                          : ", not encrypted"));
         return mayCome;
     }
 
@@ -302,7 +337,7 @@ struct RunCommand : netBaseServer_OnAsyncRequest_cb
             Note(request, peer, outcome, (btkTimeval::Now() - begin).ToSeconds());
         } else {
             rshRequest::Refuse(stream, "the server runs as many commands as it may");
-            report("refused: " + peer + ": " + std::to_string(sessions) + " commands run already");
+            refusals.Note(peer + ": " + std::to_string(sessions) + " commands run already");
         }
         return netServerContinue;
     }
@@ -450,7 +485,8 @@ void runServer(ServeChoices& choices)
         Fail(Exit::peer, choices.interface + ", port " + std::to_string(choices.port),
              std::string("cannot listen: ") + std::strerror(errno));
     if (!users.AreEverybody() && !btkReportsPeerUsers(listening->GetHandle()))
-        report("the system does not report the users of connections: no client of this machine is admitted; "
+        btkLog(btkLevel::warning,
+               "the system does not report the users of connections: no client of this machine is admitted; "
                "--allow-user '*' admits all");
     const qel::owned<ShellServer> server(new (pDefMemMgr) ShellServer(listening.release(), choices, users));
     if (choices.isRegistered)

@@ -23,7 +23,7 @@ constexpr const char* certificateMark = "cert:";
 struct Peer
 {
     xstring address;
-    const std::vector<std::string>* names; // null: without TLS
+    xrchandle<xstringsequence> names; // null: without TLS
     bool isTlsRequired;
 };
 
@@ -116,8 +116,12 @@ bool IsConnectionAllowed(btkStreamSocket* socket, xstring serverName, netTlsDema
         return !isDemanded || carrier != nullptr;
     try {
         const bool isTlsRequired = isDemanded || netIsTlsRequired(serverName);
-        const Peer peer = {socket->GetPeerAddrStr().c_str(),
-                           carrier == nullptr ? nullptr : &carrier->peerNames, isTlsRequired};
+        Peer peer = {socket->GetPeerAddrStr().c_str(), nullptr, isTlsRequired};
+        if (carrier != nullptr) {
+            peer.names = xstringsequence::create();
+            for (const std::string& name : carrier->peerNames)
+                peer.names->append(name.c_str());
+        }
         return admits(hmxRegistry::System(), "system's", serverName, peer) &&
                admits(hmxRegistry::User(), "user's", serverName, peer) &&
                (carrier != nullptr || !isTlsRequired);
@@ -163,8 +167,8 @@ bool IsCertificatePattern(xstring pattern)
     return std::string_view(pattern.CastToCString()).starts_with(certificateMark);
 }
 
-bool MatchAnyPattern(xstring address, const std::vector<std::string>* names,
-                     xrchandle<xstringsequence> patterns, bool isTlsRequired)
+bool MatchAnyPattern(xstring address, xrchandle<xstringsequence> names, xrchandle<xstringsequence> patterns,
+                     bool isTlsRequired)
 {
     bool isAddressMatched = false;
     bool areCertificatesNamed = false;
@@ -177,8 +181,8 @@ bool MatchAnyPattern(xstring address, const std::vector<std::string>* names,
         }
         areCertificatesNamed = true;
         const char* const ofName = pattern.CastToCString() + std::strlen(certificateMark);
-        for (std::size_t j = 0; names != nullptr && j < names->size(); ++j)
-            if (xstring((*names)[j].c_str()).Match(ofName))
+        for (int j = 0; j < (names ? names->getarraysize() : 0); ++j)
+            if (names->get(j).Match(ofName))
                 return true;
     }
     return isAddressMatched && !(isTlsRequired && areCertificatesNamed);

@@ -1,8 +1,5 @@
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include <qel/xsequence.h>
 
 class btkStreamSocket;
@@ -62,5 +59,5 @@ QEL_API bool MatchAnyPattern(xstring address, xrchandle<xstringsequence> pattern
 QEL_API bool IsCertificatePattern(xstring pattern);
 /// Whether `patterns` admit a peer of that address whose certificate proves `names`; null: it has none. `isTlsRequired`:
 /// then its address is of no use where there are patterns of certificates.
-QEL_API bool MatchAnyPattern(xstring address, const std::vector<std::string>* names,
+QEL_API bool MatchAnyPattern(xstring address, xrchandle<xstringsequence> names,
                              xrchandle<xstringsequence> patterns, bool isTlsRequired);

@@ -4,7 +4,7 @@
 
 // Encrypted connections between versioned servers and their clients: TLS 1.3, in which both ends show certificates. It
 // is configured by a folder of certificates, see docs/netlibsrc.md: the value of the environment variable QELSTD_TLS,
-// else the value `Folder` of the registry's key Software\VRX\TLS, of the system's root or else of the user's. All calls
+// else the value `Folder` of the registry's key `Software\VRX\TLS`, of the system's root or else of the user's. All calls
 // are safe to call from any thread.
 
 /// The registry's key with the value `Folder`.
