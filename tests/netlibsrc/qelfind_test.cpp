@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include <qel/base/btksocket.h>
 #include <qel/base/nmsclient.h>
 #include <qel/netfind_c.h>
 #include <qel/qelfind.h>
@@ -36,6 +37,14 @@ TEST(qelfind, FindsAServerAnewEachTime)
     ASSERT_EQ(nmsServRegister(proxy.get(), stale.get()), nullptr);
     EXPECT_TRUE(qel::find("mover", "localhost")->getHostName() == "127.0.0.1");
     EXPECT_EQ(failureOf([] { qel::connect("mover", 5s); }), "3 Connection refused");
+
+    btkAcceptSocket silent;
+    ASSERT_TRUE(silent.Listen(0, "127.0.0.1"));
+    const nmsOwnedRecord record(MakeServerRecord("silent"));
+    nmsRecAdd(record.get(), "_PortNumber", std::to_string(silent.GetPortN()).c_str());
+    ASSERT_EQ(nmsServRegister(proxy.get(), record.get()), nullptr);
+    EXPECT_EQ(failureOf([] { qel::connect("silent", 200ms); }), "3 Connection refused");
+
     __xstring_c host;
     EXPECT_EQ(netfind_c("mover", &host), first->getPortN());
     EXPECT_STREQ(xstrgetmb_c(host), "127.0.0.1");

@@ -72,7 +72,7 @@ netSocketStream* netConnectByName(const char* name, const char* host, double sec
 {
     const btkTimeval end = endAfter(seconds);
     xrchandle<netAddress> address;
-    for (int attempt = 0; attempt < 2; ++attempt) {
+    for (int attempt = 0; attempt == 0 || (attempt == 1 && btkTimeval::Now() < end); ++attempt) {
         address = findBy(name, host, end);
         const double left = end.IsForever() ? seconds : (end - btkTimeval::Now()).ToSeconds();
         if (netSocketStream* const stream = netConnectTo(address.get(), name, left))
