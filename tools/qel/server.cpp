@@ -33,58 +33,49 @@ struct Address
     Fail(status, address.name + (address.host.empty() ? "" : "@") + address.host, why);
 }
 
-// The port under which the server is registered.
-int findPort(const Address& address)
+// Sends a request and requires the reply 1; returns the connection for the rest of the exchange.
+std::unique_ptr<btkStreamSocket> ask(const Address& address, netRequestCode code)
 {
+    nmsSetAnswerLimit(btkTimeval(address.seconds));
     const xrchandle<netAddress> server(
         netAddress::Create(address.name.c_str(), address.host.empty() ? nullptr : address.host.c_str()));
-    std::string why;
+    std::unique_ptr<btkStreamSocket> socket;
     try {
-        return ResolvePort(server.get());
+        socket.reset(netConnectSocket(server.get(), address.seconds));
     } catch (xthrowable* thrown) {
         const qel::caught failure(thrown);
         auto* const unknown = failure.as<netXException>(); // its server is named anyway
-        why = (unknown != nullptr ? unknown->getMsg() : failure.what()).CastToCString();
+        refused(address, Exit::peer,
+                (unknown != nullptr ? unknown->getMsg() : failure.what()).CastToCString());
     }
-    refused(address, Exit::peer, why);
-}
-
-// Sends a request and requires the reply 1; keeps the connection for the rest of the exchange.
-void ask(const Address& address, netRequestCode code, btkStreamSocket& socket)
-{
-    const btkTimeval end = btkTimeval::Now() + btkTimeval(address.seconds);
-    nmsSetAnswerLimit(btkTimeval(address.seconds));
-    const int port = findPort(address);
-    if (!socket.Connect(address.host.c_str(), port, end - btkTimeval::Now()))
+    if (socket == nullptr)
         refused(address, Exit::peer, "Connection refused");
-    socket.SetDeadline(end);
-    const int answer = netAsk(socket, code);
-    if (answer < 0)
-        refused(address, Exit::peer, "no answer");
+    const int answer = netAsk(*socket, code);
+    if (answer < 0) {
+        const std::string why = socket->IsEncrypted() ? socket->GetCarrier()->GetFailure({}) : std::string();
+        refused(address, Exit::peer, why.empty() ? "no answer" : why);
+    }
     if (answer != netAdmitted)
         refused(address, Exit::no, "Connection refused due to lack of rights");
+    return socket;
 }
 
 void pingServer(const Address& address)
 {
-    btkStreamSocket socket;
-    ask(address, netRequestCode::ping, socket);
+    ask(address, netRequestCode::ping);
 }
 
 void printVersion(const Address& address)
 {
-    btkStreamSocket socket;
-    ask(address, netRequestCode::version, socket);
     std::string text;
-    if (!netReadVersion(socket, text))
+    if (!netReadVersion(*ask(address, netRequestCode::version), text))
         refused(address, Exit::peer, "the version did not come whole");
     Show(text);
 }
 
 void shutDownServer(const Address& address)
 {
-    btkStreamSocket socket;
-    ask(address, netRequestCode::shutdown, socket);
+    ask(address, netRequestCode::shutdown);
 }
 
 // ---- connection rights
@@ -180,14 +171,6 @@ void checkAddress(const CheckChoices& choices)
         AnswerNo();
 }
 
-void addLimit(CLI::App& command, const char* help, double& seconds)
-{
-    command.add_option("--limit", seconds, help)
-        ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber)
-        ->capture_default_str();
-}
-
 void addCheck(CLI::App& group)
 {
     const auto choices = std::make_shared<CheckChoices>();
@@ -202,7 +185,7 @@ void addCheck(CLI::App& group)
         .add_option("server", choices->servers,
                     "Names of servers (default: those in the registry, and those that the name server knows)")
         ->type_name("SERVER");
-    addLimit(check, "Time to wait for the name server", choices->seconds);
+    OfferSeconds(check, "--limit", choices->seconds, "Time to wait for the name server", CLI::PositiveNumber);
     OfferJson(check);
 }
 
@@ -237,7 +220,8 @@ void AddServerCommands(CLI::App& program)
             run(*address);
         });
         added.add_option("server", *whole, "NAME, or NAME@HOST")->type_name("SERVER")->required();
-        addLimit(added, "Time for the name server's and the server's answer together", address->seconds);
+        OfferSeconds(added, "--limit", address->seconds,
+                     "Time for the name server's and the server's answer together", CLI::PositiveNumber);
         if (command.run == &printVersion)
             OfferJson(added);
     }

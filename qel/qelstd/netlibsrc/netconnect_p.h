@@ -16,13 +16,10 @@ class netSocketStream;
 /// answer limit.
 /// @throws netXException  as ResolvePort
 std::unique_ptr<btkStreamSocket> netConnect(netAddress* address, btkTimeval end);
-/// Encrypts a connection to the versioned server at `address` if netIsTlsConfigured and the server is on another
-/// machine, or QELSTD_TLS_LOCAL is 1; else returns the same socket. The server must prove that it is `name`, else the
-/// address's server name, else its host. Null when it does not respond.
-/// @throws netXException  netConnectionRefused: one end does not accept the other's certificate
-std::unique_ptr<btkStreamSocket> netEncrypt(std::unique_ptr<btkStreamSocket> socket, netAddress* address,
-                                            const char* name, btkTimeval end);
-/// As netServer::Connect; for `name` see netEncrypt.
+/// As netConnectSocket, which has a limit in seconds. The server must prove that it is `name`; null: as there. With `end`
+/// Forever, connecting takes as long as the operating system allows, and the rest the answer limit.
+std::unique_ptr<btkStreamSocket> netReach(netAddress* address, btkTimeval end, const char* name = nullptr);
+/// As netServer::Connect; for `name` see netReach.
 netSocketStream* netConnectTo(netAddress* address, const char* name, double timeout);
 /// As getNameServer; `end` holds for all requests of the proxy.
 nmsOwnedProxy netNameServer(const xstring& host, btkTimeval end);

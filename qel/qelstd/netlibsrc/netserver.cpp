@@ -30,18 +30,6 @@ constexpr btkTimeval handshakeLimit(1, 0);
     netXException::Throw(netConnectionRefused, "Connection refused due to lack of rights", address);
 }
 
-// A connection whose calls also return by `end`; null when the port has no listener, or that does not respond.
-std::unique_ptr<btkStreamSocket> reach(netAddress* address, btkTimeval end, const char* name = nullptr)
-{
-    std::unique_ptr<btkStreamSocket> socket = netConnect(address, end);
-    const btkTimeval answerEnd = end.IsForever() ? netAnswerEnd() : end;
-    if (socket != nullptr)
-        socket = netEncrypt(std::move(socket), address, name, answerEnd);
-    if (socket != nullptr)
-        socket->SetDeadline(answerEnd);
-    return socket;
-}
-
 // As netAsk. A server refuses a certificate in place of its reply.
 int ask(btkStreamSocket& socket, netRequestCode code, netAddress* address)
 {
@@ -183,7 +171,8 @@ netSocketStream* netServer::Connect(netAddress* address, double timeout)
 
 netSocketStream* netConnectTo(netAddress* address, const char* name, double timeout)
 {
-    std::unique_ptr<btkStreamSocket> socket = reach(address, btkTimeval::Now() + btkTimeval(timeout), name);
+    std::unique_ptr<btkStreamSocket> socket =
+        netReach(address, btkTimeval::Now() + btkTimeval(timeout), name);
     if (socket == nullptr)
         return nullptr;
     const int verdict = ask(*socket, netRequestCode::open, address);
@@ -197,7 +186,7 @@ netSocketStream* netConnectTo(netAddress* address, const char* name, double time
 
 unsigned char netServer::IsAlive(netAddress* address)
 {
-    const std::unique_ptr<btkStreamSocket> socket = reach(address, netAnswerEnd());
+    const std::unique_ptr<btkStreamSocket> socket = netReach(address, netAnswerEnd());
     if (socket == nullptr)
         return false;
     const int answer = ask(*socket, netRequestCode::ping, address);
@@ -206,7 +195,7 @@ unsigned char netServer::IsAlive(netAddress* address)
 
 xstring netServer::GetVersion(netAddress* address)
 {
-    const std::unique_ptr<btkStreamSocket> socket = reach(address, netAnswerEnd());
+    const std::unique_ptr<btkStreamSocket> socket = netReach(address, netAnswerEnd());
     if (socket == nullptr)
         netXException::Throw(netConnectionRefused, "Connection refused", address);
     if (ask(*socket, netRequestCode::version, address) != netAdmitted)
@@ -218,7 +207,7 @@ xstring netServer::GetVersion(netAddress* address)
 
 void netServer::Shutdown(netAddress* address)
 {
-    const std::unique_ptr<btkStreamSocket> socket = reach(address, netAnswerEnd());
+    const std::unique_ptr<btkStreamSocket> socket = netReach(address, netAnswerEnd());
     if (socket != nullptr && ask(*socket, netRequestCode::shutdown, address) != netAdmitted)
         refuse(address);
 }

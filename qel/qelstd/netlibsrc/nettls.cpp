@@ -94,8 +94,12 @@ bool netIsTlsRequired(xstring serverName)
            isRequiredBy(hmxRegistry::User(), path.CastToCString());
 }
 
-std::unique_ptr<btkStreamSocket> netEncrypt(std::unique_ptr<btkStreamSocket> socket, netAddress* address,
-                                            const char* name, btkTimeval end)
+namespace {
+
+// Encrypts a connection if netIsTlsConfigured and the server is on another machine, or QELSTD_TLS_LOCAL is 1; else returns
+// the same socket. Null when the server does not respond.
+std::unique_ptr<btkStreamSocket> encrypt(std::unique_ptr<btkStreamSocket> socket, netAddress* address,
+                                         const char* name, btkTimeval end)
 {
     if (socket->IsPeerOnTheSameMachine() && !isLocalAsked())
         return socket;
@@ -122,4 +126,22 @@ std::unique_ptr<btkStreamSocket> netEncrypt(std::unique_ptr<btkStreamSocket> soc
     if (encrypted == nullptr)
         refuse(address, "no descriptors or threads are left");
     return encrypted;
+}
+
+} // namespace
+
+std::unique_ptr<btkStreamSocket> netReach(netAddress* address, btkTimeval end, const char* name)
+{
+    std::unique_ptr<btkStreamSocket> socket = netConnect(address, end);
+    const btkTimeval answerEnd = end.IsForever() ? netAnswerEnd() : end;
+    if (socket != nullptr)
+        socket = encrypt(std::move(socket), address, name, answerEnd);
+    if (socket != nullptr)
+        socket->SetDeadline(answerEnd);
+    return socket;
+}
+
+btkStreamSocket* netConnectSocket(netAddress* address, double timeout)
+{
+    return netReach(address, btkTimeval::Now() + btkTimeval(timeout)).release();
 }
