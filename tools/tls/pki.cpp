@@ -102,6 +102,12 @@ std::string pemOf(Item& item, int (*write)(BIO*, Item*))
     return {bytes, static_cast<std::size_t>(size)};
 }
 
+// Encrypted PEM is damaged for this program: nobody is there to be asked for the password.
+int noPassword(char*, int, int, void*)
+{
+    return -1;
+}
+
 // Calls `read` until there is no further item of its kind in the text.
 template<class Owner, class Item>
 std::vector<Owner> readAll(const std::string& pem, const std::string& place,
@@ -111,18 +117,12 @@ std::vector<Owner> readAll(const std::string& pem, const std::string& place,
     require(text != nullptr, "PEM");
     std::vector<Owner> items;
     ERR_clear_error();
-    while (Item* const item = read(text.get(), nullptr, nullptr, nullptr))
+    while (Item* const item = read(text.get(), nullptr, &noPassword, nullptr))
         items.emplace_back(item);
     if (ERR_GET_REASON(ERR_peek_last_error()) != PEM_R_NO_START_LINE)
         failOf(place);
     ERR_clear_error();
     return items;
-}
-
-// A key with a password is damaged for us: nobody is there to be asked.
-int noPassword(char*, int, int, void*)
-{
-    return -1;
 }
 
 std::string lineOf(const X509_NAME* name)

@@ -132,11 +132,8 @@ void ShowFolder(const std::string& path)
             view.AddCertificates(issued, file, "certificate");
     } else {
         view.AddCertificates(folder, authoritiesFile, "authority");
-        // A client without a certificate of its own has neither.
-        if (folder.Has(certificateFile) || folder.Has(keyFile)) {
-            view.AddCertificates(folder, certificateFile, "certificate");
-            view.AddKey(keyFile, certificateFile);
-        }
+        view.AddCertificates(folder, certificateFile, "certificate");
+        view.AddKey(keyFile, certificateFile);
     }
     view.Print();
 }
