@@ -68,6 +68,23 @@ private:
     int client = -1;
 };
 
+/// Runs `body` in a child with an empty registry and a peer at 10.1.2.3. Skips the test where there are no networks.
+void withPeer(const std::function<void(const TempDir& dir, btkStreamSocket* peer)>& body)
+{
+    const int result = runInChild([&] {
+        const TempDir dir(TempDir::InMemory);
+        const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
+        const RemotePeer peer;
+        if (!peer)
+            return 77;
+        body(dir, peer.socket());
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    if (result == 77)
+        GTEST_SKIP() << "this host lets nobody make networks";
+    EXPECT_EQ(result, 0);
+}
+
 } // namespace
 
 TEST(SplitPatternList, SplitsAtBlanksTabsAndLineEnds)
@@ -130,68 +147,48 @@ TEST(MatchAnyPattern, AdmitsByAddressOrByCertificate)
 // The peer is 10.1.2.3 throughout.
 TEST(IsConnectionAllowed, RequiresAMatchOfEveryExistingValue)
 {
-    const int result = runInChild([] {
-        const TempDir dir(TempDir::InMemory);
-        const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
-        const RemotePeer peer;
-        if (!peer)
-            return 77;
+    withPeer([&](const TempDir&, btkStreamSocket* peer) {
         hmxRegistry& system = hmxRegistry::System();
         hmxRegistry& user = hmxRegistry::User();
-        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
+        EXPECT_TRUE(IsConnectionAllowed(peer, "svc"));
         Allow(system, "10.1.* 192.168.0.5");
-        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
+        EXPECT_TRUE(IsConnectionAllowed(peer, "svc"));
         Allow(user, "192.168.*");
-        EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc"));
-        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "other"));
-        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), nullptr));
-        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), ""));
-        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "a/b"));
+        EXPECT_FALSE(IsConnectionAllowed(peer, "svc"));
+        EXPECT_TRUE(IsConnectionAllowed(peer, "other"));
+        EXPECT_TRUE(IsConnectionAllowed(peer, nullptr));
+        EXPECT_TRUE(IsConnectionAllowed(peer, ""));
+        EXPECT_TRUE(IsConnectionAllowed(peer, "a/b"));
         Allow(user, "10.?.2.3");
-        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
+        EXPECT_TRUE(IsConnectionAllowed(peer, "svc"));
         Allow(system, "");
-        EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc"));
+        EXPECT_FALSE(IsConnectionAllowed(peer, "svc"));
         Allow(system, "*");
-        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
-        return testing::Test::HasFailure() ? 1 : 0;
+        EXPECT_TRUE(IsConnectionAllowed(peer, "svc"));
     });
-    if (result == 77)
-        GTEST_SKIP() << "this host lets nobody make networks";
-    EXPECT_EQ(result, 0);
 }
 
 TEST(IsConnectionAllowed, AdmitsNoPeerWithoutTlsWhereThatIsRequired)
 {
-    const int result = runInChild([] {
-        const TempDir dir(TempDir::InMemory);
-        const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
-        const RemotePeer peer;
-        if (!peer)
-            return 77;
+    withPeer([&](const TempDir& dir, btkStreamSocket* peer) {
         Allow(hmxRegistry::System(), "10.1.* cert:mary");
-        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
-        EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc", netTlsDemanded));
-        EXPECT_FALSE(IsConnectionAllowed(peer.socket(), nullptr, netTlsDemanded));
+        EXPECT_TRUE(IsConnectionAllowed(peer, "svc"));
+        EXPECT_FALSE(IsConnectionAllowed(peer, "svc", netTlsDemanded));
+        EXPECT_FALSE(IsConnectionAllowed(peer, nullptr, netTlsDemanded));
         for (hmxRegistry* const root : {&hmxRegistry::System(), &hmxRegistry::User()}) {
             hmxRegistryKey key;
             EXPECT_TRUE(key.Create(root->root, "Software\\VRX\\svc"));
             EXPECT_FALSE(netIsTlsRequired("svc"));
-            for (const char* const value : {"1"}) {
-                EXPECT_TRUE(key.SetValue("TLSRequired", value));
-                EXPECT_TRUE(netIsTlsRequired("svc")) << value;
-                EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc"));
-            }
+            EXPECT_TRUE(key.SetValue("TLSRequired", "1"));
+            EXPECT_TRUE(netIsTlsRequired("svc"));
+            EXPECT_FALSE(IsConnectionAllowed(peer, "svc"));
             EXPECT_TRUE(key.SetValue("TLSRequired", "0"));
-            EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
+            EXPECT_TRUE(IsConnectionAllowed(peer, "svc"));
         }
         dir.write("store/User/software/vrx/svc/tlsrequired.value", "damaged");
         EXPECT_TRUE(netIsTlsRequired("svc"));
-        EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc"));
-        return testing::Test::HasFailure() ? 1 : 0;
+        EXPECT_FALSE(IsConnectionAllowed(peer, "svc"));
     });
-    if (result == 77)
-        GTEST_SKIP() << "this host lets nobody make networks";
-    EXPECT_EQ(result, 0);
 }
 
 // ---- rights that cannot be read
@@ -275,46 +272,32 @@ TEST(IsConnectionAllowed, AdmitsNoPeerWhenTheRightsCannotBeRead)
 {
     for (const Obstacle& obstacle : obstacles) {
         SCOPED_TRACE(obstacle.name);
-        const int result = runInChild([&] {
-            const TempDir dir(TempDir::InMemory);
-            const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
-            const RemotePeer peer;
-            if (!peer)
-                return 77;
-            EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc")) << "there is no store";
+        withPeer([&](const TempDir& dir, btkStreamSocket* peer) {
+            EXPECT_TRUE(IsConnectionAllowed(peer, "svc")) << "there is no store";
             Allow(hmxRegistry::User(), "*");
-            EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
+            EXPECT_TRUE(IsConnectionAllowed(peer, "svc"));
             obstacle.apply(dir);
             CaptureStderr();
-            EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc"));
-            EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc"));
+            EXPECT_FALSE(IsConnectionAllowed(peer, "svc"));
+            EXPECT_FALSE(IsConnectionAllowed(peer, "svc"));
             const std::string said = GetCapturedStderr();
             EXPECT_TRUE(said.starts_with("netServer: no other machine may connect to \"svc\"")) << said;
             EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
             EXPECT_EQ(seteuid(getuid()), 0);
-            return testing::Test::HasFailure() ? 1 : 0;
         });
-        if (result == 77)
-            GTEST_SKIP() << "this host lets nobody make networks";
-        EXPECT_EQ(result, 0);
     }
 }
 
 TEST(IsConnectionAllowed, AdmitsNoPeerWithoutDescriptorsOrMemory)
 {
-    const int result = runInChild([] {
-        const TempDir dir(TempDir::InMemory);
-        const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
-        const RemotePeer peer;
-        if (!peer)
-            return 77;
+    withPeer([&](const TempDir&, btkStreamSocket* peer) {
         Allow(hmxRegistry::User(), "*");
-        EXPECT_TRUE(IsConnectionAllowed(peer.socket(), "svc"));
+        EXPECT_TRUE(IsConnectionAllowed(peer, "svc"));
         CaptureStderr();
         const int next = nextDescriptor();
         for (int most = next; most < next + 3; ++most) {
             const DescriptorLimit few(most);
-            EXPECT_FALSE(IsConnectionAllowed(peer.socket(), "svc")) << most;
+            EXPECT_FALSE(IsConnectionAllowed(peer, "svc")) << most;
         }
         long failures = 0;
         for (bool struck = true; struck; ++failures) {
@@ -322,7 +305,7 @@ TEST(IsConnectionAllowed, AdmitsNoPeerWithoutDescriptorsOrMemory)
             bool isAdmitted;
             {
                 const failing::Failing failure(failures, true);
-                isAdmitted = IsConnectionAllowed(peer.socket(), name);
+                isAdmitted = IsConnectionAllowed(peer, name);
                 struck = failure.happened();
             }
             EXPECT_EQ(isAdmitted, !struck) << "with " << failures << " allocations";
@@ -331,11 +314,7 @@ TEST(IsConnectionAllowed, AdmitsNoPeerWithoutDescriptorsOrMemory)
         const std::string said = GetCapturedStderr();
         EXPECT_NE(said.find("too many open files"), std::string::npos) << said;
         EXPECT_NE(said.find("out of memory"), std::string::npos) << said;
-        return testing::Test::HasFailure() ? 1 : 0;
     });
-    if (result == 77)
-        GTEST_SKIP() << "this host lets nobody make networks";
-    EXPECT_EQ(result, 0);
 }
 
 /// The test below runs this one under strace.
