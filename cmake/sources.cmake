@@ -57,3 +57,14 @@ function(qel_public_headers)
     endif()
   endforeach()
 endfunction()
+
+# A program that qel starts: beside it in the build tree, and in a folder of its own when installed, with `component`.
+function(qel_helper_program program component)
+  # Only what it uses of the commands' libraries.
+  target_link_options(${program} PRIVATE LINKER:--as-needed)
+  target_link_libraries(${program} PRIVATE qel_options ${ARGN})
+  set_target_properties(${program} PROPERTIES
+    RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin
+    INSTALL_RPATH "$ORIGIN/../../${CMAKE_INSTALL_LIBDIR}")
+  install(TARGETS ${program} RUNTIME DESTINATION libexec/qelstd COMPONENT ${component})
+endfunction()
