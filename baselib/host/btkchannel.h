@@ -11,7 +11,7 @@ class BASE_API btkChannel
 public:
     virtual ~btkChannel();
 
-    /// What to poll for input and for output; may be the same descriptor. -1 once that direction has failed.
+    /// The descriptors to poll for input and for output, perhaps the same one; -1 once that direction has failed.
     virtual btkHandle GetInput() const = 0;
     virtual btkHandle GetOutput() const = 0;
 

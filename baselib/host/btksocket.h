@@ -69,7 +69,7 @@ private:
 
 class btkStreamSocket;
 
-/// What carries an encrypted connection between the socket of this end's user, which leads to it, and the peer.
+/// The part of an encrypted connection between the socket of this end's user, which leads to it, and the peer.
 class BASE_API btkCarrier
 {
 public:
@@ -189,7 +189,7 @@ public:
     std::optional<btkUserId> GetPeerUser() const;
     /// Whether the connection is encrypted: both ends have shown certificates that the other's authorities have signed.
     bool IsEncrypted() const { return carrier != nullptr; }
-    /// What carries an encrypted connection; null for others.
+    /// That of an encrypted connection; null for others.
     btkCarrier* GetCarrier() const { return carrier.get(); }
     /// Whether the next byte has arrived, and is `byte`, without taking it. False when data was read ahead.
     bool BeginsWith(unsigned char byte) const;

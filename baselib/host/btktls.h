@@ -18,7 +18,7 @@
 /// The first byte of a client that begins an encrypted connection.
 inline constexpr unsigned char btkTlsFirstByte = 22;
 
-/// What a server's certificate must show: one subjectAltName for each that is given.
+/// The server that is expected: its certificate must show a subjectAltName for each that is given.
 struct btkTlsServer
 {
     /// The URI `qel://NAME`.

@@ -22,7 +22,7 @@ public:
 
 private:
     enum File { authorities, certificate, key, revoked, fileCount };
-    /// What changes with a file's contents.
+    /// Of a file; a change of its contents changes it.
     struct Stamp
     {
         std::uint64_t device, node;

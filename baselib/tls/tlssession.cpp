@@ -254,7 +254,7 @@ int TlsSession::Verify(int isGood, X509_STORE_CTX* store)
     return 0;
 }
 
-// What OpenSSL has not checked of the peer's certificate.
+// Checks the usage and the names of the peer's certificate; OpenSSL has checked the rest.
 bool TlsSession::Accepts(X509& certificate)
 {
     const std::uint32_t usage = X509_get_extended_key_usage(&certificate);

@@ -26,7 +26,7 @@ system = ctypes.CDLL(None, use_errno=True)
 # ---- namespaces
 
 def missing():
-    """What this system lacks for namespaces with members of etcd; empty: nothing."""
+    """Names a part that this system lacks for namespaces with members of etcd; empty when it has all."""
     os.environ["PATH"] += ":/usr/sbin:/sbin"
     for program, package in (("etcd", "etcd-server"), ("etcdctl", "etcd-client"), ("ip", "iproute2"),
                              ("unshare", "util-linux"), ("setpriv", "util-linux")):

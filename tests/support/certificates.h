@@ -11,7 +11,7 @@
 
 #include "support/tempdir.h"
 
-/// What a certificate of a test says.
+/// The contents of a certificate of a test.
 struct CertificateWish
 {
     std::string names =

@@ -129,7 +129,7 @@ struct HttpServer::Inside
         return {MHD_HTTP_INTERNAL_SERVER_ERROR, {}, FailureOf(thrown).why + '\n'};
     }
 
-    // What one connection gets of a stream.
+    // The part of a stream that one connection gets.
     struct Viewer
     {
         Inside& server;

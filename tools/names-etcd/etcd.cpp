@@ -178,7 +178,7 @@ void Etcd::DeliverWatch()
     buffer.erase(0, whole);
     watch->searched = buffer.size();
     const unsigned delivered = watches;
-    // What a message leads to may end this watch, or begin another.
+    // Handling a message may end this watch, or begin another.
     for (std::size_t begin = 0, end = 0; begin < lines.size() && watches == delivered; begin = end + 1) {
         end = lines.find('\n', begin);
         const EtcdMessage received = MessageOf(std::string_view(lines).substr(begin, end - begin));

@@ -48,7 +48,7 @@ Axis axisFor(double least, double most, std::size_t marks)
     constexpr double limit = std::numeric_limits<double>::max() / 8;
     axis.from = std::clamp(least, -limit, limit);
     axis.to = std::clamp(most, -limit, limit);
-    constexpr double zero = 1e-290; // what is smaller counts as 0
+    constexpr double zero = 1e-290; // smaller numbers count as 0
     const double greatest = std::max(std::abs(axis.from), std::abs(axis.to));
     if (axis.to - axis.from < std::max(greatest * 1e-9, zero)) {
         const double around = greatest < zero ? 1 : greatest / 10;

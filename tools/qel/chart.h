@@ -15,7 +15,7 @@ struct ChartCurve
 struct Chart
 {
     std::string title;
-    std::string across; // what the first numbers are, or their unit
+    std::string across; // the name of the first numbers, or their unit
     std::vector<ChartCurve> curves;
     std::string up = {}; // the same as `across` of the second numbers; empty: they have none in common
 };

@@ -101,6 +101,13 @@ CLI::App& AddGroup(CLI::App& program, const char* name, const char* help,
 CLI::App& AddCommand(CLI::App& group, const char* name, const char* help, std::function<void()> run);
 /// Gives the command the flag --json.
 void OfferJson(CLI::App& command);
+/// Gives it an option for a time, with the present value as default: one that is not negative, or as `check` demands.
+CLI::Option* OfferSeconds(CLI::App& command, const char* names, double& seconds, const char* help,
+                          const CLI::Validator& check = CLI::NonNegativeNumber);
+/// --interval: the time between the steps of a command that repeats itself.
+void OfferInterval(CLI::App& command, double& seconds, const char* help);
+/// --count: the steps after which it ends.
+void OfferCount(CLI::App& command, int& count, const char* help);
 
 // ---- the shell's completion
 

@@ -526,15 +526,9 @@ void AddConfigCommands(CLI::App& program)
     Offer(*watch.add_option("key", choices->keys, "The keys; blanks in them do not count (default: all)")
                ->type_name("KEY"),
           &knownKeys);
-    watch
-        .add_option("--interval", choices->interval,
-                    "Time after which a file that was replaced, or is missing, is looked for")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0.01, 86400.0).description(""))
-        ->capture_default_str();
-    watch.add_option("--count", choices->changes, "Exit after so many changes (default: at Ctrl-C)")
-        ->type_name("COUNT")
-        ->check(CLI::Range(1, 1000000).description(""));
+    OfferInterval(watch, choices->interval,
+                  "Time after which a file that was replaced, or is missing, is looked for");
+    OfferCount(watch, choices->changes, "Exit after so many changes (default: at Ctrl-C)");
     watch.add_flag(
         "--json", choices->asJson,
         "A line of JSON for each change: time, event (present, added, changed, removed, unreachable, "

@@ -27,7 +27,7 @@
 
 namespace {
 
-// What is looked at in order to recognise a file, and what is read of one.
+// The bytes at its start by which a file is recognised, and the most that is read of one.
 constexpr std::size_t headSize = 65536;
 constexpr long long greatestRead = 64LL * 1024 * 1024;
 
@@ -119,13 +119,12 @@ bool inspectNameServerState(const File& file, Json& result)
 
 bool inspectRegistryValue(const File& file, Json& result)
 {
-    const bool isNamed = file.path.ends_with(".value");
-    unsigned type = 0;
-    xstring name;
-    const std::size_t dataAt = isNamed ? hmxRegistry::ParseFile(file.head, type, name) : 0;
-    if (!isNamed)
+    if (!file.path.ends_with(".value"))
         return false;
     result["kind"] = "value of the registry";
+    unsigned type = 0;
+    xstring name;
+    const std::size_t dataAt = hmxRegistry::ParseFile(file.head, type, name);
     if (dataAt == 0) {
         noteDamage(result, 0, "its first line is not a type and a name");
         return true;

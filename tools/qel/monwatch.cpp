@@ -252,13 +252,8 @@ void addSampling(CLI::App& command, Choices& choices, const char* countHelp)
     Offer(*command.add_option("parameter", choices.names, "Names of parameters (default: all)")
                ->type_name("NAME"),
           &KnownParameters);
-    command.add_option("--interval", choices.interval, "Time between samples")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0.01, 86400.0).description(""))
-        ->capture_default_str();
-    command.add_option("--count", choices.count, countHelp)
-        ->type_name("COUNT")
-        ->check(CLI::Range(1, 1000000).description(""));
+    OfferInterval(command, choices.interval, "Time between samples");
+    OfferCount(command, choices.count, countHelp);
 }
 
 } // namespace
@@ -273,10 +268,8 @@ void AddWatchCommands(CLI::App& group)
                    "else as a table for each sample",
                    [watched] { watchValues(*watched); });
     addSampling(watch, *watched, "Samples to be taken (default: until Ctrl-C)");
-    watch.add_option("--old", watched->oldAge, "Age of the last change from which values are marked as old")
-        ->type_name("SECONDS")
-        ->check(CLI::NonNegativeNumber)
-        ->capture_default_str();
+    OfferSeconds(watch, "--old", watched->oldAge,
+                 "Age of the last change from which values are marked as old");
     watch.add_flag("--once", watched->isOnce, "Take one sample, which has to be there");
     CLI::Option* const csv =
         watch.add_flag("--csv", watched->asCsv, "A line for each value: time,name,value; time is since 1970");

@@ -96,14 +96,10 @@ void AddWebCommands(CLI::App& group)
         "--any-user", served->admitsAll,
         "Serve everybody who can connect: every user of this machine, and other machines if ADDRESS is "
         "not of the loopback");
-    serve.add_option("--interval", served->interval, "Time between samples")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0.1, 60.0).description(""))
-        ->capture_default_str();
-    serve.add_option("--old", served->oldAge, "Age of the last change from which values are marked as old")
-        ->type_name("SECONDS")
-        ->check(CLI::NonNegativeNumber)
-        ->capture_default_str();
+    OfferSeconds(serve, "--interval", served->interval, "Time between samples",
+                 CLI::Range(0.1, 60.0).description(""));
+    OfferSeconds(serve, "--old", served->oldAge,
+                 "Age of the last change from which values are marked as old");
 
     const auto exported = std::make_shared<Choices>();
     CLI::App& exporting = AddCommand(

@@ -64,14 +64,6 @@ void addHost(CLI::App& command, AskChoices& choices)
         ->type_name("HOST");
 }
 
-void addLimit(CLI::App& command, const char* names, const char* help, double& seconds)
-{
-    command.add_option(names, seconds, help)
-        ->type_name("SECONDS")
-        ->check(CLI::NonNegativeNumber)
-        ->capture_default_str();
-}
-
 void require(const AskChoices& choices, capi_nmsError* answered)
 {
     const nmsOwnedError error(answered);
@@ -226,7 +218,7 @@ void addFind(CLI::App& group)
                                 [choices, name] { findServer(*choices, *name); });
     find.add_option("server", *name, "Name of the server")->type_name("SERVER")->required();
     addHost(find, *choices);
-    addLimit(find, "--limit", "Time for the whole request", choices->seconds);
+    OfferSeconds(find, "--limit", choices->seconds, "Time for the whole request");
     OfferJson(find);
 }
 
@@ -268,8 +260,8 @@ void addWait(CLI::App& group)
     CLI::App& wait = AddCommand(group, "wait", "Wait until a server of that name is registered",
                                 [choices] { waitForName(*choices); });
     wait.add_option("server", choices->name, "Name of the server")->type_name("SERVER")->required();
-    addLimit(wait, "--timeout,--limit",
-             "Time after which the answer is no, or without a name server a failure", choices->seconds);
+    OfferSeconds(wait, "--timeout,--limit", choices->seconds,
+                 "Time after which the answer is no, or without a name server a failure");
     addHost(wait, choices->query);
 }
 
@@ -460,7 +452,7 @@ void addAsk(CLI::App& group, const AskCommand& command)
     CLI::App& ask =
         AddCommand(group, command.name, command.help, [choices, run = command.ask] { run(*choices); });
     addHost(ask, *choices);
-    addLimit(ask, "--limit", "Time for the whole request", choices->seconds);
+    OfferSeconds(ask, "--limit", choices->seconds, "Time for the whole request");
     if (command.fields != AskCommand::NoFields)
         addFields(ask, *choices, command.fields == AskCommand::NeedsFields);
     if (command.ask == &registerRecord)
@@ -483,14 +475,9 @@ void addWatch(CLI::App& group)
         [choices] { watchNames(*choices); });
     addFields(watch, choices->query, false);
     addHost(watch, choices->query);
-    addLimit(watch, "--limit", "Time for each request", choices->query.seconds);
-    watch.add_option("--interval", choices->interval, "Time between requests")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0.01, 86400.0).description(""))
-        ->capture_default_str();
-    watch.add_option("--count", choices->count, "Requests to be made (default: until Ctrl-C)")
-        ->type_name("COUNT")
-        ->check(CLI::Range(1, 1000000).description(""));
+    OfferSeconds(watch, "--limit", choices->query.seconds, "Time for each request");
+    OfferInterval(watch, choices->interval, "Time between requests");
+    OfferCount(watch, choices->count, "Requests to be made (default: until Ctrl-C)");
     watch.add_flag("--strict", choices->isStrict, "Fail when the name server cannot be reached");
     watch.add_flag("--json", choices->asJson,
                    "A line of JSON for each change: time, event (present, registered, removed, unreachable, "

@@ -286,10 +286,8 @@ void AddNameServer(CLI::App& group)
     command.add_option("--port", choices->port, "Port; 0: a free one (default: VRXNMSPORT, or 1239)")
         ->type_name("PORT")
         ->check(CLI::Range(0, 65535));
-    command.add_option("--request-limit", choices->seconds, "Time that one client may take for a request")
-        ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber)
-        ->capture_default_str();
+    OfferSeconds(command, "--request-limit", choices->seconds, "Time that one client may take for a request",
+                 CLI::PositiveNumber);
     command
         .add_option("--waiting", choices->options.waiting, "Clients that may be waiting at once, 1 to 10000")
         ->type_name("COUNT")

@@ -258,3 +258,24 @@ void OfferJson(CLI::App& command)
 {
     command.add_flag("--json", asJson, "Print the result as JSON");
 }
+
+CLI::Option* OfferSeconds(CLI::App& command, const char* names, double& seconds, const char* help,
+                          const CLI::Validator& check)
+{
+    return command.add_option(names, seconds, help)
+        ->type_name("SECONDS")
+        ->check(check)
+        ->capture_default_str();
+}
+
+void OfferInterval(CLI::App& command, double& seconds, const char* help)
+{
+    OfferSeconds(command, "--interval", seconds, help, CLI::Range(0.01, 86400.0).description(""));
+}
+
+void OfferCount(CLI::App& command, int& count, const char* help)
+{
+    command.add_option("--count", count, help)
+        ->type_name("COUNT")
+        ->check(CLI::Range(1, 1000000).description(""));
+}

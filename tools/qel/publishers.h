@@ -25,7 +25,7 @@ std::vector<std::string> PublisherFolders();
 std::vector<Published> ReadPublishers(const std::vector<std::string>& folders);
 /// The same without their values, whether they are readable or not; nothing says that they are alive.
 std::vector<Published> FindPublishers(const std::vector<std::string>& folders);
-/// What the path of a monitor file says of its publisher.
+/// The publisher of a monitor file, as its path names it.
 Published PublisherOf(const std::string& path);
 /// Reads any monitor file.
 Published ReadPublished(const std::string& path);

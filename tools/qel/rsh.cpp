@@ -299,10 +299,7 @@ void AddRemoteShellCommand(CLI::App& program)
            "Connect by TLS only. That is so where QELSTD_TLS names a directory of certificates, except to this "
            "machine; the server's must show NAME, or without --name HOST")
         ->excludes(via);
-    ask.add_option("--limit", choices->seconds, "Time until the command runs there")
-        ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber)
-        ->capture_default_str();
+    OfferSeconds(ask, "--limit", choices->seconds, "Time until the command runs there", CLI::PositiveNumber);
     ask.add_option("--directory", choices->directory,
                    "Where to run it (default: where the server runs commands)")
         ->type_name("DIRECTORY");

@@ -534,16 +534,11 @@ void AddRemoteShellServer(CLI::App& program)
         "Register NAME with the name server of this machine, for clients that ask it for the port");
     serve.add_option("--directory", choices->directory, "Where relative directories of clients begin")
         ->type_name("DIRECTORY");
-    serve.add_option("--request-limit", choices->seconds, "Time that a client may take for its request")
-        ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber)
-        ->capture_default_str();
-    serve
-        .add_option("--patience", choices->patience,
-                    "Time after which a client is given up that takes nothing though its command has ended")
-        ->type_name("SECONDS")
-        ->check(CLI::PositiveNumber)
-        ->capture_default_str();
+    OfferSeconds(serve, "--request-limit", choices->seconds, "Time that a client may take for its request",
+                 CLI::PositiveNumber);
+    OfferSeconds(serve, "--patience", choices->patience,
+                 "Time after which a client is given up that takes nothing though its command has ended",
+                 CLI::PositiveNumber);
     serve.add_option("--sessions", choices->sessions, "Commands that may run at once")
         ->type_name("COUNT")
         ->check(CLI::Range(1, 10000))

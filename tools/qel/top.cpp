@@ -261,13 +261,8 @@ void AddTopCommand(CLI::App& program)
                     "Where the files of the servers are (default: the run-time directory, /run/qel-ns and "
                     "/run/qel-rshd)")
         ->type_name("DIRECTORY");
-    command.add_option("--interval", choices->interval, "Time between samples")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0.01, 86400.0).description(""))
-        ->capture_default_str();
-    command.add_option("--count", choices->count, "Samples to be printed (default: until Ctrl-C)")
-        ->type_name("COUNT")
-        ->check(CLI::Range(1, 1000000).description(""));
+    OfferInterval(command, choices->interval, "Time between samples");
+    OfferCount(command, choices->count, "Samples to be printed (default: until Ctrl-C)");
     command.add_flag("--once", choices->isOnce, "Print one sample");
     command.add_flag("--json", choices->asJson,
                      "Print JSON: with --once a list, else a line for each sample");

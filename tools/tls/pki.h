@@ -19,7 +19,7 @@ using Key = std::unique_ptr<EVP_PKEY, FreedBy<EVP_PKEY_free>>;
 using Certificate = std::unique_ptr<X509, FreedBy<X509_free>>;
 using RevocationList = std::unique_ptr<X509_CRL, FreedBy<X509_CRL_free>>;
 
-/// What a certificate is made of beside its key and authority.
+/// The contents of a certificate beside its key and authority.
 struct CertificateContent
 {
     std::string name;
