@@ -28,7 +28,8 @@ struct HttpReply
     unsigned status = 200;
     std::string type = "text/plain; charset=utf-8";
     std::string body;
-    std::string policy = "default-src 'none'; frame-ancestors 'none'"; // the sources that a page of this content may load
+    /// The sources that a page of this content may load.
+    std::string policy = "default-src 'none'; frame-ancestors 'none'";
     HttpStream* stream = nullptr; // in place of the body, until the viewer leaves; outlives the server
 };
 
