@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
+#include <memory>
 #include <optional>
 #include <poll.h>
 #include <string>
@@ -174,7 +175,7 @@ private:
     std::optional<nmsShared> server;
 };
 
-Script* script = nullptr;
+std::unique_ptr<Script> script;
 
 } // namespace
 
@@ -219,11 +220,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
     if (size > 20000)
         return 0;
-    Script played(std::string_view(reinterpret_cast<const char*>(data), size));
-    script = &played;
-    Keeper(nmsChannel(played.takeEndOfKeeper()), {"10.0.0.1", 1239, {}, size % 2 == 0},
+    script = std::make_unique<Script>(std::string_view(reinterpret_cast<const char*>(data), size));
+    Keeper(nmsChannel(script->takeEndOfKeeper()), {"10.0.0.1", 1239, {}, size % 2 == 0},
            {{"etcd:2379"}, {}, {}, {}, {}, {}})
         .Run();
-    played.check();
+    script->check();
+    script.reset();
     return 0;
 }
