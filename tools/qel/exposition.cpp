@@ -45,6 +45,7 @@ const Declarations& declarationsOfServers()
         {"refused.rights", {.type = "counter", .help = "Connections refused by access control"}},
         {"refused.limit", {.type = "counter", .help = "Requests refused because too many ran at once"}},
         {"refused.thread", {.type = "counter", .help = "Requests refused for lack of a thread"}},
+        {"refused.tls", {.type = "counter", .help = "Handshakes of encrypted connections that failed"}},
         {"silent.waiting", {.help = "Connections without a first byte"}},
         {"silent.expired",
          {.type = "counter", .help = "Connections closed because no first byte came in time"}},
