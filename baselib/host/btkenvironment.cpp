@@ -38,13 +38,29 @@ std::size_t countEntries()
     return count;
 }
 
-/// Returns the table entry of the variable `name`, or null.
-char** find(std::string_view name)
+// An entry is read once: unsetenv in another thread moves the later ones down.
+const char* textAt(char** entry)
 {
-    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry)
-        if (std::strncmp(*entry, name.data(), name.size()) == 0 && (*entry)[name.size()] == '=')
-            return entry;
-    return nullptr;
+    return std::atomic_ref(*entry).load(std::memory_order_acquire);
+}
+
+struct Found
+{
+    char** entry = nullptr;
+    const char* text = nullptr;
+};
+
+/// Returns the table entry of the variable `name` and its text, or nulls.
+Found find(std::string_view name)
+{
+    for (char** entry = environ; entry != nullptr; ++entry) {
+        const char* const text = textAt(entry);
+        if (text == nullptr)
+            break;
+        if (std::strncmp(text, name.data(), name.size()) == 0 && text[name.size()] == '=')
+            return {entry, text};
+    }
+    return {};
 }
 
 /// Returns an entry for one more variable at the end of the table. The next entry is null already, so that
@@ -69,10 +85,10 @@ bool btkEnvironment::Get(const char* name, std::string& value)
         return false;
     const std::string_view wanted = name;
     const std::shared_lock lock(state().guard);
-    char** const entry = find(wanted);
-    if (entry != nullptr)
-        value = *entry + wanted.size() + 1;
-    return entry != nullptr;
+    const char* const text = find(wanted).text;
+    if (text != nullptr)
+        value = text + wanted.size() + 1;
+    return text != nullptr;
 }
 
 bool btkEnvironment::GetTrusted(const char* name, std::string& value)
@@ -88,7 +104,7 @@ bool btkEnvironment::Set(const char* name, const char* value)
         State& all = state();
         const std::lock_guard lock(all.guard);
         const std::string& text = *all.texts.insert(std::string(name) + '=' + value).first;
-        char** entry = find(name);
+        char** entry = find(name).entry;
         if (entry == nullptr)
             entry = newPlace(all);
         std::atomic_ref(*entry).store(const_cast<char*>(text.c_str()), std::memory_order_release);
@@ -103,9 +119,13 @@ std::vector<std::string> btkEnvironment::WithPrefix(std::string_view prefix)
 {
     std::vector<std::string> found;
     const std::shared_lock lock(state().guard);
-    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry)
-        if (std::strncmp(*entry, prefix.data(), prefix.size()) == 0)
-            found.emplace_back(*entry);
+    for (char** entry = environ; entry != nullptr; ++entry) {
+        const char* const text = textAt(entry);
+        if (text == nullptr)
+            break;
+        if (std::string_view(text).starts_with(prefix))
+            found.emplace_back(text);
+    }
     return found;
 }
 

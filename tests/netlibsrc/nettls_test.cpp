@@ -84,9 +84,9 @@ protected:
         made->setOnRequest(&handler);
         made->setOnAsyncRequest(&async);
         const EnvSetting own("QELSTD_TLS", folder != nullptr ? dir.path(folder).c_str() : nullptr);
-        served = std::make_unique<ServedInThread<netServer>>(made);
-        // It replies once its loop has begun.
         const EnvSetting plain("QELSTD_TLS_LOCAL", nullptr);
+        served = std::make_unique<ServedInThread<netServer>>(made);
+        // It replies once its loop has begun, and has read its settings.
         ASSERT_TRUE(netServer::IsAlive(served->address().get()));
     }
 

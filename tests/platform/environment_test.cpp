@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/time.h>
+#include <thread>
 #include <unistd.h>
 
+#include <qel/base/btkenvironment.h>
 #include <qel/platform/environment.h>
 #include <qel/platform/errortable.h>
 
@@ -40,6 +42,21 @@ TEST(Environment, ReportsAUserWithoutAName)
         return GetLastError() == ERROR_NONE_MAPPED ? 1 : 2;
     });
     EXPECT_EQ(error, 1);
+}
+
+// The program may remove variables itself, which moves the entries behind them.
+TEST(Environment, ReadsWhileAnotherThreadRemovesVariables)
+{
+    std::jthread remover([](std::stop_token stop) {
+        while (!stop.stop_requested())
+            unsetenv("QELSTD_TEST_REMOVED");
+    });
+    std::string value;
+    for (int i = 0; i < 50000; ++i) {
+        ASSERT_TRUE(btkEnvironment::Set("QELSTD_TEST_REMOVED", "x"));
+        const bool isThere = btkEnvironment::Get("QELSTD_TEST_REMOVED", value);
+        ASSERT_TRUE(!isThere || value == "x");
+    }
 }
 
 TEST(Environment, SleepLastsItsFullTimeDespiteSignals)
