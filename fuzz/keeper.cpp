@@ -25,8 +25,9 @@
 
 namespace {
 
-// As many transactions as the keeper has on their way, the renewal of its lease, and what an attempt to connect needs.
-constexpr std::size_t mostRequests = 40;
+// As many transactions and readings as the keeper has on their way, the renewal of its lease, and what an attempt to
+// connect needs.
+constexpr std::size_t mostRequests = 56;
 
 void require(bool holds)
 {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 
 #include <qel/base/btktrace.h>
 
@@ -10,6 +11,10 @@ namespace {
 
 constexpr btkTimeval connectInterval(1, 0);
 constexpr btkTimeval checkInterval(2, 0);
+constexpr btkTimeval reportInterval(60, 0);
+// Those of a keeper are shorter.
+constexpr std::size_t longestKey = 512;
+constexpr std::size_t mostAsked = 1000;
 // Of a record, so that those added to an answer have room.
 constexpr std::size_t mostFields = nmsLimits().fields - 3;
 
@@ -27,20 +32,26 @@ void addField(std::string& encoded, const char* name, const std::string& value)
                    static_cast<unsigned>(part.size()), nmsLimits().valueSize);
 }
 
-nmsTableLimits limitsOf(const nmsSharingOptions& wanted)
+// The records of other machines are limited here, not by their table.
+nmsTableLimits withoutLimits()
 {
-    // None has a process, and records without one have a quarter of a table.
     nmsTableLimits limits;
-    limits.records = 4 * wanted.records;
-    limits.bytes = 4 * wanted.bytes;
-    limits.recordsOfPeer = wanted.recordsOfMachine;
+    limits.records = limits.recordsOfPeer = limits.bytes = std::numeric_limits<std::size_t>::max();
     return limits;
+}
+
+void include(std::optional<std::pair<std::string, std::string>>& keys, const std::string& key)
+{
+    if (!keys)
+        keys.emplace(key, key);
+    keys->first = std::min(keys->first, key);
+    keys->second = std::max(keys->second, key);
 }
 
 } // namespace
 
 nmsShared::nmsShared(nmsTable& table, const nmsSharingOptions& wanted)
-    : own(table), others(limitsOf(wanted)), connect(wanted.connect)
+    : own(table), others(withoutLimits()), options(wanted)
 {
     for (const Id id : own.List({}))
         records.try_emplace(id, Own{Own::held});
@@ -128,9 +139,12 @@ void nmsShared::Work(bool isReady)
     if (checkAt <= now) {
         checkAt = now + checkInterval;
         own.RemoveExited();
+        mayFit = true; // responses that hold removed records may have been sent
+        ReportLeftOut(now);
     }
     if (isReady)
         channel.Receive([this](nmsStoreMessage kind, const nmsPartReader& parts) { Receive(kind, parts); });
+    AskAgain();
     channel.Flush();
     if (!channel.IsOpen())
         SetState(true, "no keeper runs");
@@ -139,7 +153,8 @@ void nmsShared::Work(bool isReady)
 void nmsShared::Connect()
 {
     connectAt = btkTimeval::Now() + connectInterval;
-    channel = nmsChannel(connect());
+    channel = nmsChannel(options.connect());
+    asked = 0;
     if (!channel.IsOpen()) {
         SetState(true, std::string("no keeper: ") + std::strerror(errno));
         return;
@@ -161,17 +176,19 @@ void nmsShared::Receive(nmsStoreMessage kind, nmsPartReader parts)
         const bool stale = parts.TakeNumber() != 0;
         return SetState(stale, parts.TakeText());
     }
-    if (kind == nmsStoreMessage::reload) {
-        ++load;
+    if (kind == nmsStoreMessage::reload)
+        return Reload();
+    if (kind == nmsStoreMessage::gone)
+        return Drop(foreign.find(parts.TakeText()));
+    if (kind == nmsStoreMessage::sent) {
+        asked -= std::min<std::size_t>(asked, 1);
         return;
     }
-    if (kind == nmsStoreMessage::gone)
-        return Drop(copied.find(parts.TakeText()));
     if (kind == nmsStoreMessage::loaded) {
-        for (auto place = copied.begin(); place != copied.end();) {
-            const auto known = place++;
-            if (known->second.load != load)
-                Drop(known);
+        for (auto next = foreign.begin(); next != foreign.end();) {
+            const auto place = next++;
+            if (place->second.load != load)
+                Drop(place);
         }
         return;
     }
@@ -205,33 +222,169 @@ void nmsShared::Receive(nmsStoreMessage kind, nmsPartReader parts)
     }
 }
 
+// ---- the copy of the other machines' records
+
 void nmsShared::ReceiveOther(nmsPartReader& parts)
 {
     const std::string key = parts.TakeText();
     const std::uint64_t revision = parts.TakeNumber();
     const std::string host = parts.TakeText();
     nmsFields record = parts.TakeRecord();
-    if (!parts.IsAtEnd())
+    if (!parts.IsAtEnd() || key.size() > longestKey)
         return;
-    Drop(copied.find(key));
+    Drop(foreign.find(key));
     record.owner = 0;
     if (record.fields.size() > mostFields)
         record.fields.resize(mostFields);
     record.Set("_HostName", host);
     record.Set("_Revision", std::to_string(revision));
+    std::string encoded;
+    if (!nmsPutRecord(encoded, record))
+        return;
+    const std::size_t size = encoded.size();
+    const auto found = machines.find(host);
+    const Use all = {others.GetSize(), others.GetUse().bytes};
+    if (!HasRoom(all, found == machines.end() ? Use() : found->second.copied, size))
+        return LeaveOut(host, key, size);
     Id id = 0;
-    const nmscReturnCode code = others.Add(std::move(record), host, {}, nmsTable::Shown, id);
-    if (code == nmscDone)
-        copied[key] = {id, load};
+    if (others.Add(std::move(record), {}, {}, nmsTable::Shown, id) != nmscDone)
+        return;
+    const auto machine = machines.try_emplace(host).first;
+    ++machine->second.copied.records;
+    machine->second.copied.bytes += size;
+    foreign.try_emplace(key, Other{machine, size, load, id});
 }
 
-void nmsShared::Drop(std::map<std::string, Other>::iterator place)
+bool nmsShared::HasRoom(const Use& all, const Use& ofMachine, std::size_t size) const
 {
-    if (place == copied.end())
-        return;
-    others.RemoveOne(place->second.id);
-    copied.erase(place);
+    return all.records < options.records && ofMachine.records < options.recordsOfMachine &&
+           all.bytes + size <= options.bytes && ofMachine.bytes + size <= options.BytesOfMachine();
 }
+
+// Lists the key. The list has as much room as the copy, of a machine and of all: of more, only the first and the last key
+// are kept.
+void nmsShared::LeaveOut(const std::string& host, const std::string& key, std::size_t size)
+{
+    if (leftOut >= options.records)
+        return include(unlisted, key);
+    const auto machine = machines.try_emplace(host).first;
+    if (machine->second.leftOut.size() >= options.recordsOfMachine)
+        return include(machine->second.unlisted, key);
+    const auto place = foreign.try_emplace(key, Other{machine, size, load, {}}).first;
+    machine->second.leftOut.emplace(size, place->first);
+    ++leftOut;
+}
+
+void nmsShared::Drop(Others::iterator place)
+{
+    if (place == foreign.end())
+        return;
+    const Other other = place->second;
+    Machine& machine = other.machine->second;
+    if (other.id) {
+        others.RemoveOne(*other.id);
+        --machine.copied.records;
+        machine.copied.bytes -= other.size;
+    } else {
+        machine.leftOut.erase({other.size, place->first});
+        --leftOut;
+    }
+    foreign.erase(place);
+    Tidy(other.machine);
+    mayFit = true;
+}
+
+void nmsShared::Tidy(Machines::iterator machine)
+{
+    const Machine& of = machine->second;
+    if (of.copied.records == 0 && of.leftOut.empty() && !of.unlisted)
+        machines.erase(machine);
+}
+
+// All records follow, those that were left out as well.
+void nmsShared::Reload()
+{
+    ++load;
+    asked = 0;
+    unlisted.reset();
+    for (auto next = machines.begin(); next != machines.end();) {
+        const auto machine = next++;
+        machine->second.unlisted.reset();
+        Tidy(machine);
+    }
+}
+
+// Asks for the records that were left out and have room now, the smallest of each machine first; and for those that are
+// not listed, once the list has room for them.
+void nmsShared::AskAgain()
+{
+    if (!mayFit || asked > 0 || !channel.IsOpen())
+        return;
+    struct Turn
+    {
+        Use copied;
+        decltype(Machine::leftOut)::const_iterator next, end;
+    };
+    std::vector<Turn> turns;
+    AskUnlisted(unlisted, leftOut, options.records);
+    for (auto next = machines.begin(); next != machines.end();) {
+        const auto place = next++;
+        Machine& machine = place->second;
+        AskUnlisted(machine.unlisted, machine.leftOut.size(), options.recordsOfMachine);
+        if (!machine.leftOut.empty())
+            turns.push_back({machine.copied, machine.leftOut.begin(), machine.leftOut.end()});
+        Tidy(place);
+    }
+    Use all = {others.GetSize(), others.GetUse().bytes};
+    // By turns, so that one machine does not get all the room.
+    while (!turns.empty() && asked < mostAsked) {
+        std::vector<Turn> more;
+        for (Turn& turn : turns) {
+            if (turn.next == turn.end || !HasRoom(all, turn.copied, turn.next->first))
+                continue;
+            const auto& [size, key] = *turn.next++;
+            Ask({std::string(key), std::string(key)});
+            for (Use* const use : {&all, &turn.copied}) {
+                ++use->records;
+                use->bytes += size;
+            }
+            more.push_back(turn);
+        }
+        turns = std::move(more);
+    }
+    mayFit = !turns.empty();
+}
+
+void nmsShared::AskUnlisted(std::optional<Keys>& keys, std::size_t listed, std::size_t most)
+{
+    if (!keys || 2 * listed >= most)
+        return;
+    Ask(*keys);
+    keys.reset();
+}
+
+void nmsShared::Ask(const Keys& keys)
+{
+    std::string parts;
+    nmsPutText(parts, keys.first);
+    nmsPutText(parts, keys.second);
+    channel.Send(nmsStoreMessage::again, parts);
+    ++asked;
+}
+
+void nmsShared::ReportLeftOut(btkTimeval now)
+{
+    if (leftOut == 0)
+        isLeftOutReported = false;
+    if (leftOut == 0 || isLeftOutReported || now < reportAt)
+        return;
+    isLeftOutReported = true;
+    reportAt = now + reportInterval;
+    btkLog(btkLevel::warning,
+           "name server: no room for " + std::to_string(leftOut) + " records of other machines");
+}
+
+// ---- its state
 
 void nmsShared::SetState(bool stale, std::string why)
 {
@@ -257,8 +410,10 @@ void nmsShared::Describe(nmsFields& about) const
     const std::size_t most = nmsLimits().valueSize - 1;
     about.Set("Store", reason.empty() ? "not connected yet" : reason.substr(0, most));
     about.Set("StoreStale", isStale ? "1" : "0");
-    about.Set("RecordsOfOthers", std::to_string(copied.size()));
-    about.Set("RecordsOfOthersRefused", std::to_string(others.GetUse().refused));
+    about.Set("RecordsOfOthers", std::to_string(others.GetSize()));
+    about.Set("RecordsOfOthersLeftOut", std::to_string(leftOut));
+    about.Set("BytesOfOthers", std::to_string(others.GetUse().bytes));
+    about.Set("MaxBytesOfOthers", std::to_string(options.bytes));
     about.Set("Displaced", std::to_string(displaced));
     if (displaced > 0)
         about.Set("DisplacedNames", names.substr(0, most));

@@ -3,8 +3,10 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -17,14 +19,21 @@ struct nmsSharingOptions
 {
     /// Connects to a keeper; see nmsStartKeeper. Unset: the server shares nothing.
     std::function<btkFd()> connect = {};
-    /// Limits of the copy of the other machines' records.
+    /// Limits of the copy of the other machines' records: of all, of those of one machine, and of the bytes of all
+    /// in their wire form.
     std::size_t records = 100000;
     std::size_t recordsOfMachine = 10000;
     std::size_t bytes = std::size_t(64) << 20;
+
+    /// One machine has the same part of the bytes as of the records.
+    std::size_t BytesOfMachine() const
+    {
+        return recordsOfMachine >= records ? bytes : bytes / records * recordsOfMachine;
+    }
 };
 
 /// The records that a name server shares: its own ones as its keeper knows them, and a copy of those of the
-/// other machines. Reports changes on the standard error output. Used by one thread, and never waits.
+/// other machines. What has no room in the copy is left out until it has. Reports changes on the standard error output. Used by one thread, and never waits.
 class BASE_API nmsShared
 {
 public:
@@ -64,32 +73,65 @@ private:
         enum State { entering, held, displaced } state;
         std::uint64_t revision = 0; // 0: not known
     };
+    struct Use
+    {
+        std::size_t records = 0;
+        std::size_t bytes = 0;
+    };
+    /// The first and the last of some keys.
+    using Keys = std::pair<std::string, std::string>;
+    struct Machine
+    {
+        Use copied;
+        std::set<std::pair<std::size_t, std::string_view>> leftOut; // sizes and keys
+        std::optional<Keys> unlisted; // left out as well; others may lie between
+    };
+    using Machines = std::map<std::string, Machine>;
+    /// A record of another machine.
     struct Other
     {
-        Id id; // in `others`
+        Machines::iterator machine;
+        std::size_t size;
         unsigned load;
+        std::optional<Id> id; // in `others`; none: it is left out
     };
+    using Others = std::map<std::string, Other>;
 
     void Connect();
     void SendRecord(Id record);
     void HasLeft(Id record);
     void Receive(nmsStoreMessage kind, nmsPartReader parts);
     void ReceiveOther(nmsPartReader& parts);
-    void Drop(std::map<std::string, Other>::iterator place);
+    bool HasRoom(const Use& all, const Use& ofMachine, std::size_t size) const;
+    void LeaveOut(const std::string& host, const std::string& key, std::size_t size);
+    void Drop(Others::iterator place);
+    void Tidy(Machines::iterator machine);
+    void Reload();
+    void AskAgain();
+    void AskUnlisted(std::optional<Keys>& keys, std::size_t listed, std::size_t most);
+    void Ask(const Keys& keys);
+    void ReportLeftOut(btkTimeval now);
     void Displace(Id id, Own& record);
     void SetState(bool stale, std::string why);
     std::string NameOf(Id record) const;
 
     nmsTable& own;
     nmsTable others;
-    std::function<btkFd()> connect;
+    nmsSharingOptions options;
     nmsChannel channel;
     btkTimeval connectAt;
     btkTimeval checkAt; // for processes that have exited
     bool isStale = true;
     std::string reason;
     std::unordered_map<Id, Own> records;
-    std::map<std::string, Other> copied; // by their keys
+    Others foreign;               // by their keys
+    Machines machines;            // of `foreign`, by their hosts
+    std::size_t leftOut = 0;      // of `foreign`
+    std::optional<Keys> unlisted; // left out, but not in `foreign`, which has no room for them
+    bool mayFit = false;          // one that was left out
+    std::size_t asked = 0;        // times, for records that were left out; the keeper has not sent them all
+    bool isLeftOutReported = false;
+    btkTimeval reportAt; // not before
     unsigned load = 0;
     std::vector<Result> results;
 };

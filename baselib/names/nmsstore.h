@@ -28,7 +28,11 @@ enum class nmsStoreMessage : unsigned char {
     other,   ///< text: key, number: revision, text: host, record
     gone,    ///< text: key of a record of another machine
     loaded,  ///< they are complete
-    state    ///< number: 1 when the records may be out of date, text: the reason, or where they are kept
+    state,   ///< number: 1 when the records may be out of date, text: the reason, or where they are kept
+    // from the name server
+    again, ///< text: the first, text: the last key of records of other machines that are to be sent again
+    // from the keeper
+    sent ///< the records of one `again`, as far as they exist, have been sent
 };
 
 /// Appends a part of a message to `to`.

@@ -16,10 +16,11 @@ class Shared : public testing::Test
 protected:
     using Id = nmsTable::Id;
 
-    Shared()
+    Shared() { begin({}, 4, 2); }
+    void begin(nmsSharingOptions options, std::size_t records, std::size_t recordsOfMachine)
     {
-        nmsSharingOptions options;
-        options.recordsOfMachine = 2;
+        options.records = records;
+        options.recordsOfMachine = recordsOfMachine;
         options.connect = [this] {
             int ends[2] = {-1, -1};
             socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends);
@@ -45,6 +46,18 @@ protected:
         keeper.Receive([&](nmsStoreMessage kind, nmsPartReader) { kinds.push_back(static_cast<int>(kind)); });
         return kinds;
     }
+    // The keys that the keeper is asked for, the first and the last of each message.
+    std::string asked()
+    {
+        std::string all;
+        keeper.Receive([&](nmsStoreMessage kind, nmsPartReader parts) {
+            if (kind != nmsStoreMessage::again)
+                return;
+            all += parts.TakeText() + '-';
+            all += parts.TakeText() + ' ';
+        });
+        return all;
+    }
     void tell(nmsStoreMessage kind, std::uint64_t number, const std::string& more = {})
     {
         std::string parts;
@@ -65,16 +78,32 @@ protected:
         nmsPutText(part, "because");
         tell(nmsStoreMessage::state, isStale ? 1 : 0, part);
     }
-    void tellOther(const std::string& key, std::uint64_t revision, const nmsFields& record)
+    void send(nmsStoreMessage kind, const std::string& parts = {})
+    {
+        keeper.Send(kind, parts);
+        keeper.Flush();
+        shared->Work(true);
+    }
+    void tellOther(const std::string& key, std::uint64_t revision, const nmsFields& record,
+                   const std::string& host = "there")
     {
         std::string parts;
         nmsPutText(parts, key);
         nmsPutNumber(parts, revision);
-        nmsPutText(parts, "there");
+        nmsPutText(parts, host);
         nmsPutRecord(parts, record);
-        keeper.Send(nmsStoreMessage::other, parts);
-        keeper.Flush();
-        shared->Work(true);
+        send(nmsStoreMessage::other, parts);
+    }
+    // A record of as many bytes, with its key as name.
+    void tellOther(const std::string& key, std::size_t size, const std::string& host)
+    {
+        tellOther(key, 7, {1, {{"_ServerName", key}, {"v", std::string(size, 'x')}}}, host);
+    }
+    void tellGone(const std::string& key)
+    {
+        std::string part;
+        nmsPutText(part, key);
+        send(nmsStoreMessage::gone, part);
     }
     // The matching records of all machines, as texts.
     std::string everywhere(const std::string& name)
@@ -169,24 +198,115 @@ TEST_F(Shared, CopyFollowsTheStoreWithinItsLimits)
     tellOther("k2", 9, most);
     tellOther("k3", 10, {1, {{"_ServerName", "third"}}});
     EXPECT_EQ(statusOf("RecordsOfOthers"), "2");
-    EXPECT_EQ(statusOf("RecordsOfOthersRefused"), "1");
+    EXPECT_EQ(statusOf("RecordsOfOthersLeftOut"), "1");
     tellState(true);
     const auto found = shared->Find({0, {{"f0", ""}}});
     ASSERT_EQ(found.size(), 1U);
     EXPECT_EQ(nmsPartReader(*found[0]).TakeRecord().fields.size(), 256U);
 
     // A record that is not sent again is dropped.
-    keeper.Send(nmsStoreMessage::reload);
+    send(nmsStoreMessage::reload);
     tellOther("k1", 8, {4711, {{"_ServerName", "far"}}});
     EXPECT_EQ(statusOf("RecordsOfOthers"), "2");
-    keeper.Send(nmsStoreMessage::loaded);
+    send(nmsStoreMessage::loaded);
     tellState(false);
     EXPECT_EQ(statusOf("RecordsOfOthers"), "1");
-    std::string key;
-    nmsPutText(key, "k1");
-    keeper.Send(nmsStoreMessage::gone, key);
-    tellState(false);
+    EXPECT_EQ(statusOf("RecordsOfOthersLeftOut"), "0");
+    tellGone("k1");
     EXPECT_EQ(everywhere("far"), "");
+    tellOther(std::string(600, 'k'), 1, {1, {{"_ServerName", "no keeper's key"}}});
+    EXPECT_EQ(statusOf("RecordsOfOthers"), "0");
+}
+
+TEST_F(Shared, RecordLeftOutIsCopiedOnceThereIsRoom)
+{
+    for (const char* const key : {"a1", "a2", "a3", "a4"})
+        tellOther(key, key[1] == '4' ? 1 : 100, "a");
+    for (const char* const key : {"b1", "b2", "b3"})
+        tellOther(key, 1, "b");
+    EXPECT_EQ(statusOf("RecordsOfOthers"), "4");
+    EXPECT_EQ(statusOf("RecordsOfOthersLeftOut"), "3");
+    tellOther("c1", 1, "c"); // has no room because of the others' records
+    tellGone("none");
+    EXPECT_EQ(asked(), "");
+
+    // Each machine keeps within its share, and what is asked for has room.
+    tellGone("a1");
+    EXPECT_EQ(asked(), "a4-a4 ");
+    tellGone("a2");
+    EXPECT_EQ(asked(), ""); // not yet
+    tellOther("a4", 1, "a");
+    send(nmsStoreMessage::sent);
+    EXPECT_EQ(asked(), "a3-a3 ");
+    tellOther("b1", 1, "b"); // sent once more: nothing has changed
+    tellOther("d1", 1, "d"); // takes the room meanwhile
+    tellOther("a3", 100, "a");
+    send(nmsStoreMessage::sent);
+    EXPECT_EQ(statusOf("RecordsOfOthersLeftOut"), "3");
+    EXPECT_EQ(asked(), "");
+    tellGone("a3"); // it is no longer waited for
+    tellGone("a4");
+    EXPECT_EQ(asked(), "c1-c1 ");
+    tellGone("c1");
+    send(nmsStoreMessage::sent);
+    tellGone("b1");
+    EXPECT_EQ(asked(), "b3-b3 ");
+    EXPECT_NE(everywhere("b2"), "");
+
+    // A keeper that loads anew sends it all.
+    send(nmsStoreMessage::reload);
+    tellOther("b3", 1, "b");
+    send(nmsStoreMessage::loaded);
+    EXPECT_EQ(statusOf("RecordsOfOthers"), "1");
+    EXPECT_EQ(statusOf("RecordsOfOthersLeftOut"), "0");
+}
+
+TEST_F(Shared, BytesOfTheCopyAreLimitedForEachMachineAndInAll)
+{
+    nmsSharingOptions options;
+    options.bytes = 700;
+    begin(options, 8, 4);
+    tellOther("a1", 250, "a"); // beyond the half, with its other fields
+    EXPECT_EQ(statusOf("RecordsOfOthersLeftOut"), "1");
+    for (const char* const host : {"b", "c", "d"})
+        tellOther(std::string(host) + '1', 150, host);
+    EXPECT_EQ(statusOf("RecordsOfOthers"), "2");
+    EXPECT_EQ(statusOf("RecordsOfOthersLeftOut"), "2");
+    EXPECT_LE(std::stoul(statusOf("BytesOfOthers")), 700U);
+    tellState(false);
+    auto held = shared->Find({}); // by a response
+    tellGone("b1");
+    EXPECT_EQ(asked(), "");
+    held.clear();
+    const btkTimeval end = btkTimeval::Now() + btkTimeval(20.0);
+    std::string keys;
+    while ((keys = asked()).empty() && btkTimeval::Now() < end)
+        shared->Work(false);
+    EXPECT_EQ(keys, "d1-d1 ");
+}
+
+TEST_F(Shared, KeysBeyondTheListAreReadAnew)
+{
+    begin({}, 3, 1);
+    for (const char* const key : {"a1", "a2", "a5", "a3", "a4"})
+        tellOther(key, 1, "a");
+    for (const char* const key : {"b1", "b2", "c1", "c2", "d2", "d1"})
+        tellOther(key, 1, key[0] == 'c' ? "c" : std::string(1, key[0]));
+    EXPECT_EQ(statusOf("RecordsOfOthersLeftOut"), "3"); // a2, b2, c2
+    tellGone("a1");
+    EXPECT_EQ(asked(), "a2-a2 ");
+    tellOther("a2", 1, "a");
+    send(nmsStoreMessage::sent);
+    EXPECT_EQ(asked(), "a3-a5 "); // in its own list
+    for (const char* const key : {"a3", "a4", "a5"})
+        tellOther(key, 1, "a");
+    send(nmsStoreMessage::sent);
+    EXPECT_EQ(asked(), "");
+    tellGone("b2");
+    tellGone("c2");
+    EXPECT_EQ(asked(), "a4-d2 "); // in the list of all
+    send(nmsStoreMessage::sent);
+    EXPECT_EQ(asked(), "");
 }
 
 TEST_F(Shared, KeeperThatHasExitedIsReplacedAndGetsAllRecords)

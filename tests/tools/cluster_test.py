@@ -1,4 +1,5 @@
 """cluster_test.py QEL [CASE]: name servers that share their records in etcd. Network namespaces stand for the machines."""
+import json
 import os
 import pathlib
 import signal
@@ -179,14 +180,43 @@ class OneMember(Cluster):
         self.assertEqual(len(self.etcd.keys("records/")), 21)
         self.assertEqual(len(self.etcd.keys("claims/")), 21)
 
+    def test_a_record_left_out_is_copied_once_there_is_room(self):
+        a = self.machine("a")
+        b = self.machine("b", "--max-copied", "10", "--max-copied-of-machine", "2")
+        owner = self.owner()
+
+        def copied():
+            return {record["fields"]["_ServerName"] for record in b.query("_Scope=all", "_HostName=10.0.0.1")}
+
+        names = {f"name{i}" for i in range(5)}
+        for name in names:
+            self.assertEqual(a.register(name, owner=owner.pid), 0)
+        wait_until(lambda: b.status()["RecordsOfOthersLeftOut"] == 2, 5, "b lists two, and has no room for a third one")
+        wait_until(lambda: "no room for" in b.log(), 10, "b has reported it")
+        for _ in range(3):
+            self.assertEqual(len(copied()), 2)
+            name = copied().pop()
+            names.remove(name)
+            self.assertEqual(a.qel("delete", f"_ServerName={name}").stdout, "1\n")
+            wait_until(lambda: len(copied() - {name}) == 2, 5, "b has copied the next one")
+        self.assertEqual(copied(), names)
+        self.assertEqual(b.status()["RecordsOfOthersLeftOut"], 0)
+
     def test_rejects_addresses_that_others_cannot_use(self):
-        def serve(*words):
-            done = subprocess.run([QEL, "ns", "serve", "--check-config", "--port", "1239", *words], capture_output=True,
+        def check(*words):
+            return subprocess.run([QEL, "ns", "serve", "--check-config", "--port", "1239", *words], capture_output=True,
                                   text=True, timeout=30)
+
+        def serve(*words):
+            done = check(*words)
             return done.returncode, done.stderr.strip()
 
         url = "etcd://127.0.0.1:2379"
-        self.assertEqual(serve("--store", url, "--advertise", "10.0.0.1"), (0, ""))
+        settings = json.loads(check("--store", url, "--advertise", "10.0.0.1", "--max-copied-size", "10", "--json").stdout)
+        self.assertEqual((settings["store"], settings["bytes copied"], settings["bytes copied of a machine"]),
+                         (url, 10 << 20, 1040000))
+        self.assertEqual(serve("--store", url, "--advertise", "10.0.0.1")[1], "")
+        self.assertEqual(serve("--store", url, "--advertise", "10.0.0.1", "--max-copied-size", "0")[0], 2)
         self.assertEqual(serve("--store", url, "--advertise", "localhost"),
                          (1, "qel ns serve: localhost: resolves to the loopback, which is no address for other machines"))
         self.assertEqual(serve("--store", url, "--advertise", "127.0.1.1")[0], 1)

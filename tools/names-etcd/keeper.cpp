@@ -80,6 +80,12 @@ void Keeper::Hear(nmsStoreMessage kind, nmsPartReader parts)
             Adopt();
         return;
     }
+    if (kind == nmsStoreMessage::again) {
+        Asked wanted = {parts.TakeText(), parts.TakeText()};
+        if (parts.IsAtEnd())
+            asked.push_back(std::move(wanted));
+        return;
+    }
     const std::uint64_t id = parts.TakeNumber();
     if (kind == nmsStoreMessage::enter) {
         const std::string start = parts.TakeText();
@@ -208,9 +214,7 @@ void Keeper::Post(const char* path, const Json& body, Etcd::Done done)
 void Keeper::Connect()
 {
     connectAt = btkTimeval::Forever();
-    ++attempt;
-    isLive = false;
-    etcd.StopWatch();
+    Disconnect();
     const EtcdOptions& store = etcd.GetOptions();
     if (store.user.empty() || etcd.HasToken())
         return TakeLease();
@@ -223,12 +227,21 @@ void Keeper::Connect()
 
 void Keeper::ConnectAgain(const std::string& why, btkTimeval pause)
 {
-    ++attempt;
-    isLive = false;
-    etcd.StopWatch();
+    Disconnect();
     connectAt = now() + pause;
     if (isStale)
         TellState(true, why);
+}
+
+void Keeper::Disconnect()
+{
+    ++attempt;
+    isLive = false;
+    etcd.StopWatch();
+    for (Asked& wanted : asked)
+        wanted.isBusy = false;
+    reading = 0;
+    goneMeanwhile.clear();
 }
 
 void Keeper::TakeLease()
@@ -268,7 +281,7 @@ void Keeper::HaveLease(std::uint64_t id, btkTimeval sent)
           file.TakePlace(btkReplacement::Unsynced)))
         btkLog(btkLevel::warning, "qel-names-etcd: " + options.stateFile + " cannot be written");
     if (wasLost || !isReady || seen == 0)
-        return Load(prefix, 0);
+        return Load();
     // The connection was lost, and nothing else.
     Follow();
     CheckFresh();
@@ -309,38 +322,46 @@ void Keeper::LoseLease(const std::string& why)
     ConnectAgain(why);
 }
 
-// Loads all keys from `from` on, a page at a time, at one revision.
-void Keeper::Load(const std::string& from, Revision revision)
+// Reads all keys from `from` to before `end`, a page at a time, at one revision, 0 for the present one.
+void Keeper::Read(const std::string& from, const std::string& end, Revision revision, const Page& page)
 {
-    if (revision == 0) {
-        stored.clear();
-        claims.clear();
-        orphans.clear();
-        seen = 0;
-        server.Send(nmsStoreMessage::reload);
-    }
-    const Json page = {{"key", ToBase64(from)},
-                       {"range_end", ToBase64(endOf(prefix))},
-                       {"limit", std::to_string(pageSize)},
-                       {"revision", std::to_string(revision)}};
-    Post("/v3/kv/range", page, [this, revision](const EtcdReply& reply) {
-        std::string last;
-        for (const Json& pair : MemberOf(reply.body, "kvs")) {
-            Stored found = {FromBase64(textIn(pair, "key")), FromBase64(textIn(pair, "value")),
-                            NumberIn(pair, "create_revision"), NumberIn(pair, "lease")};
-            last = found.key;
-            if (isBelow(found.key, claimPrefix))
-                claims[found.key] = std::move(found);
-            else if (isBelow(found.key, ownPrefix))
-                stored[found.key] = std::move(found);
-            else if (isBelow(found.key, recordPrefix))
-                TellOther(found);
-        }
+    const Json request = {{"key", ToBase64(from)},
+                          {"range_end", ToBase64(end)},
+                          {"limit", std::to_string(pageSize)},
+                          {"revision", std::to_string(revision)}};
+    Post("/v3/kv/range", request, [this, end, revision, page](const EtcdReply& reply) {
+        std::vector<Stored> found;
+        for (const Json& pair : MemberOf(reply.body, "kvs"))
+            found.push_back({FromBase64(textIn(pair, "key")), FromBase64(textIn(pair, "value")),
+                             NumberIn(pair, "create_revision"), NumberIn(pair, "lease")});
         const Revision at = revision != 0 ? revision : revisionOf(reply.body);
-        if (MemberOf(reply.body, "more").is_boolean() && !last.empty())
-            Load(last + '\0', at);
-        else
-            Loaded(at);
+        const bool hasMore = MemberOf(reply.body, "more").is_boolean() && !found.empty();
+        const std::string next = hasMore ? found.back().key + '\0' : std::string();
+        page(found, at, !hasMore);
+        if (hasMore)
+            Read(next, end, at, page);
+    });
+}
+
+// Loads all keys.
+void Keeper::Load()
+{
+    stored.clear();
+    claims.clear();
+    orphans.clear();
+    asked.clear();
+    seen = 0;
+    server.Send(nmsStoreMessage::reload);
+    Read(prefix, endOf(prefix), 0, [this](std::vector<Stored>& found, Revision revision, bool isLast) {
+        for (Stored& one : found)
+            if (isBelow(one.key, claimPrefix))
+                claims[one.key] = std::move(one);
+            else if (isBelow(one.key, ownPrefix))
+                stored[one.key] = std::move(one);
+            else if (isBelow(one.key, recordPrefix))
+                TellOther(one);
+        if (isLast)
+            Loaded(revision);
     });
 }
 
@@ -352,6 +373,26 @@ void Keeper::Loaded(Revision revision)
     if (isReady)
         Adopt();
     CheckFresh();
+}
+
+// The watch may be ahead of what is read: a record that it has reported as removed since is not sent.
+void Keeper::SendAgain(std::list<Asked>::iterator wanted)
+{
+    wanted->isBusy = true;
+    ++reading;
+    Read(wanted->first, wanted->last + '\0', 0,
+         [this, wanted](const std::vector<Stored>& found, Revision, bool isLast) {
+             for (const Stored& one : found)
+                 if (isBelow(one.key, recordPrefix) && !isBelow(one.key, ownPrefix) &&
+                     !goneMeanwhile.contains(one.key))
+                     TellOther(one);
+             if (!isLast)
+                 return;
+             asked.erase(wanted);
+             if (--reading == 0)
+                 goneMeanwhile.clear();
+             server.Send(nmsStoreMessage::sent);
+         });
 }
 
 // Watches what happens after what has been seen.
@@ -405,6 +446,8 @@ void Keeper::HearEvent(const Json& event)
             open.insert(known->second);
         }
     } else if (isGone) {
+        if (reading > 0)
+            goneMeanwhile.insert(changed.key);
         std::string parts;
         nmsPutText(parts, changed.key);
         server.Send(nmsStoreMessage::gone, parts);

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <map>
 #include <set>
 #include <string>
@@ -54,6 +55,12 @@ private:
         Revision created = 0;
         std::uint64_t lease = 0;
     };
+    // Records of other machines that the name server asks for.
+    struct Asked
+    {
+        std::string first, last; // keys
+        bool isBusy = false;     // a request is on its way
+    };
 
     // ---- the name server
     void Hear(nmsStoreMessage kind, nmsPartReader parts);
@@ -68,12 +75,16 @@ private:
     void Post(const char* path, const Json& body, Etcd::Done done);
     void Connect();
     void ConnectAgain(const std::string& why, btkTimeval pause = btkTimeval(0.3));
+    void Disconnect();
     void TakeLease();
     void HaveLease(std::uint64_t id, btkTimeval sent);
     void Renew();
     void LoseLease(const std::string& why);
-    void Load(const std::string& from, Revision revision);
+    using Page = std::function<void(std::vector<Stored>& found, Revision revision, bool isLast)>;
+    void Read(const std::string& from, const std::string& end, Revision revision, const Page& page);
+    void Load();
     void Loaded(Revision revision);
+    void SendAgain(std::list<Asked>::iterator wanted);
     void Follow();
     void HearWatch(const EtcdMessage& message);
     void HearEvent(const Json& event);
@@ -120,6 +131,9 @@ private:
     unsigned attempt = 0; // numbers the calls of Connect, so that the replies to earlier ones are known
     bool isLive = false;  // loaded, and watching
     Revision seen = 0;    // of the store, up to which the copy is complete; 0: it must be loaded
+    std::list<Asked> asked;
+    std::size_t reading = 0;             // of those that were asked for
+    std::set<std::string> goneMeanwhile; // keys
     bool isStale = true;
     std::string told;
     std::string trouble;                  // with the last renewal

@@ -7,6 +7,7 @@ namespace {
 constexpr btkTimeval tryPause(0, 200000);
 constexpr btkTimeval takenPause(5, 0);
 constexpr std::size_t mostBusy = 32;
+constexpr std::size_t mostReading = 16;
 
 Json wasCreated(const std::string& key, std::uint64_t revision)
 {
@@ -153,6 +154,9 @@ void Keeper::Proceed()
         DeleteOrphan(orphans.back());
         orphans.pop_back();
     }
+    for (auto next = asked.begin(); isLive && reading < mostReading && next != asked.end(); ++next)
+        if (!next->isBusy)
+            SendAgain(next);
 }
 
 void Keeper::Proceed(std::uint64_t id, Own& record)

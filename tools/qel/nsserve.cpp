@@ -45,6 +45,7 @@ struct ServeChoices
     std::string user;
     std::string passwordFile;
     bool isPlainAllowed = false;
+    int mebibytesCopied = 64;
 };
 
 std::string stateFile(const ServeChoices& choices, int port)
@@ -64,7 +65,18 @@ void check(const ServeChoices& choices)
     if (const std::filesystem::path folder = std::filesystem::path(file).parent_path();
         !file.empty() && !std::filesystem::is_directory(folder))
         Fail(Exit::no, folder.string(), "no such directory");
-    Show({{"interface", choices.interface}, {"port", choices.port}, {"state", file.empty() ? "none" : file}});
+    Json settings = {
+        {"interface", choices.interface}, {"port", choices.port}, {"state", file.empty() ? "none" : file}};
+    if (!choices.store.empty()) {
+        const nmsSharingOptions& sharing = choices.options.sharing;
+        settings["store"] = choices.store;
+        settings["advertised"] = choices.advertised;
+        settings["copied"] = sharing.records;
+        settings["copied of a machine"] = sharing.recordsOfMachine;
+        settings["bytes copied"] = sharing.bytes;
+        settings["bytes copied of a machine"] = sharing.BytesOfMachine();
+    }
+    Show(settings);
 }
 
 // ---- the store that it shares with other machines
@@ -160,8 +172,14 @@ void addStore(CLI::App& command, ServeChoices& choices)
         ->capture_default_str();
     command
         .add_option("--max-copied-of-machine", choices.options.sharing.recordsOfMachine,
-                    "Records of one other machine held")
+                    "Records of one other machine held, which also has this part of --max-copied-size")
         ->type_name("COUNT")
+        ->capture_default_str();
+    command
+        .add_option("--max-copied-size", choices.mebibytesCopied,
+                    "Mebibytes of all records of other machines held")
+        ->type_name("MIB")
+        ->check(CLI::Range(1, 1 << 20).description(""))
         ->capture_default_str();
 }
 
@@ -249,6 +267,7 @@ void serve(ServeChoices& choices)
         if (choices.advertised.empty())
             choices.advertised = sysGetCurHostName().CastToCString();
         checkStore(choices);
+        options.sharing.bytes = static_cast<std::size_t>(choices.mebibytesCopied) << 20;
         options.sharing.connect = [line = keeperOf(choices)] { return nmsStartKeeper(line); };
     }
     if (choices.isCheckOnly)
