@@ -74,12 +74,18 @@ TEST_F(Config, ListsItsKeysInTheOrderOfTheLines)
     EXPECT_EQ(listOf(file), "");
     ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite));
     EXPECT_EQ(listOf(file), "b=2;a= 3;z=4;"); // z at its effective line
+    EXPECT_EQ(file.GetOffset("b"), 11);
+    EXPECT_EQ(file.GetOffset(xstring("a")), 15);
+    EXPECT_EQ(file.GetOffset("z"), 21);
+    EXPECT_EQ(file.GetOffset("remark"), -1);
 
     EXPECT_TRUE(file.SetValue("y", "new"));
     EXPECT_TRUE(file.SetValue("b", nullptr));
     EXPECT_TRUE(file.SetValue("k", "newer"));
     EXPECT_TRUE(file.DeleteValue("a"));
     EXPECT_EQ(listOf(file), "b=(null);z=4;y=new;k=newer;");
+    EXPECT_EQ(file.GetOffset("b"), 11);
+    EXPECT_EQ(file.GetOffset("y"), -1);
     file.Close();
     EXPECT_EQ(listOf(file), "");
     ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadOnly));
@@ -182,6 +188,7 @@ TEST_F(Config, HoldsManyAndLongLines)
     for (int i = 0; i < 20000; i += 997)
         EXPECT_EQ(textOf(file.GetValue(std::to_string(100000 + i).c_str())), std::to_string(i));
     EXPECT_EQ(textOf(file.GetValue("long")), longest);
+    EXPECT_EQ(file.GetOffset("long"), static_cast<long long>(content().size() - longest.size() - 6));
 }
 
 TEST_F(Config, OpensRegularFilesOnly)

@@ -317,9 +317,11 @@ bool inspectConfig(const File& file, Json& result)
     for (int i = 0; i < keys->getarraysize() && static_cast<std::size_t>(i) < file.most; ++i) {
         const xstring key = keys->get(i);
         const xstring value = config.GetValue(key);
-        add(result, file,
-            {{"key", key.CastToCString()},
-             {"value", value == nullptr ? Json() : Json(value.CastToCString())}});
+        if (const long long offset = config.GetOffset(key); offset >= 0) // not of a key with a zero byte
+            add(result, file,
+                {{"offset", offset},
+                 {"key", key.CastToCString()},
+                 {"value", value == nullptr ? Json() : Json(value.CastToCString())}});
     }
     return true;
 }

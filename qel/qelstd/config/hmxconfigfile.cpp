@@ -109,16 +109,19 @@ struct hmxConfigFile::Table
     struct Entry
     {
         std::optional<std::string> value; // nothing: null
-        long long line;                   // its position, or the order of adding
+        long long line = 0;               // its position, or the order of adding
+        long long offset = -1;            // in the file, if it was read from there
     };
 
     std::map<std::string, Entry, std::less<>> entries; // by the bytes of the keys
     long long lines = 0;
+    long long bytes = 0;          // of the lines that were read
     Oddities* oddities = nullptr; // null: not wanted
 
     void AddLine(std::string_view line)
     {
         ++lines;
+        const long long offset = std::exchange(bytes, bytes + static_cast<long long>(line.size()) + 1);
         if (oddities != nullptr)
             oddities->AddLine(line);
         const std::size_t colon = line.find(separator);
@@ -133,7 +136,7 @@ struct hmxConfigFile::Table
         // A file written by this class is sorted: each entry comes behind the last one.
         entries.insert_or_assign(
             entries.end(), std::move(key),
-            Entry{value.empty() ? std::optional<std::string>() : std::string(value), lines});
+            Entry{value.empty() ? std::optional<std::string>() : std::string(value), lines, offset});
     }
 
     /// Sets or adds an entry that is not a line of the file.
@@ -275,6 +278,12 @@ xstring hmxConfigFile::GetValue(const char* key) const
 {
     const auto found = table->entries.find(pressed(viewOf(key)));
     return found == table->entries.end() || !found->second.value ? xstring() : found->second.value->c_str();
+}
+
+long long hmxConfigFile::GetOffset(const char* key) const
+{
+    const auto found = table->entries.find(pressed(viewOf(key)));
+    return found == table->entries.end() ? -1 : found->second.offset;
 }
 
 bool hmxConfigFile::SetValue(const char* key, const char* value)

@@ -110,6 +110,14 @@ public:
     /// The keys in the order of their lines; added keys come last, in the order of adding. Empty when no file
     /// is open.
     xrchandle<xstringsequence> GetKeys() const;
+    /// The byte of the file, as it was read, at which the line of the key begins, from 0; -1 for a missing key
+    /// and for one that was added.
+    long long GetOffset(const char* key) const;
+    template<qelTextObject K>
+    long long GetOffset(const K& key) const
+    {
+        return GetOffset(qelTextArgument(key));
+    }
 
     /// Reads the file `path` under the lock for reading, unlocks it, and calls `handler` for each oddity in
     /// the order of the lines; one line may have several. False when it cannot be read; GetLastError() gives
