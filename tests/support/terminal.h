@@ -61,6 +61,8 @@ public:
 
     void type(char key) const { EXPECT_EQ(write(terminal, &key, 1), 1); }
 
+    void terminate() const { EXPECT_EQ(kill(child, SIGTERM), 0); }
+
     int wait()
     {
         int status = -1;

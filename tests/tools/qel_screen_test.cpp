@@ -131,4 +131,22 @@ TEST(QelScreen, ObeysKeysAtATerminal)
     EXPECT_EQ(shown.wait(), 0);
 }
 
+TEST(QelScreen, SignalsEndItAndRestoreTheTerminal)
+{
+    const TempDir dir;
+    const EnvSetting runtime("XDG_RUNTIME_DIR", dir.path());
+    const EnvSetting kind("TERM", "xterm");
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"qel", "top"}, {"qel", "mon", "watch", "none.mon"}}) {
+        SCOPED_TRACE(command[1]);
+        std::vector<std::string> words = command;
+        words.insert(words.end(), {"--interval", "3600"});
+        AtTerminal shown(words);
+        shown.readUntil("space pause");
+        shown.terminate();
+        EXPECT_THAT(shown.readUntil("\x1b[?1049l"), HasSubstr("\x1b[?1049l"));
+        EXPECT_EQ(shown.wait(), 0);
+    }
+}
+
 } // namespace

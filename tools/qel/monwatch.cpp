@@ -11,15 +11,14 @@
 
 #include <qel/base/btkfd.h>
 #include <qel/hmxconfigfile.h>
-#include <qel/pcinterrupt.h>
 #include <qel/qelexception.h>
-#include <qel/qelown.h>
 
 #include "chart.h"
 #include "files.h"
 #include "monitor.h"
 #include "screen.h"
 #include "watchedfile.h"
+#include "watching.h"
 
 namespace {
 
@@ -28,7 +27,7 @@ struct Choices
     std::string path;
     std::vector<std::string> names; // empty: all
     double interval = 1;
-    int count = 0; // 0: until the user interrupts
+    int count = 0; // 0: until the command is stopped
     bool isOnce = false;
     bool asCsv = false;
     bool asJson = false;
@@ -51,11 +50,10 @@ Sample takeSample(const Choices& choices, WatchedFile& file)
     return sample;
 }
 
-// Hands over one sample after the other until the count is reached or the user interrupts.
-void forEachSample(const Choices& choices, const std::function<void(const Sample&)>& take)
+// Hands over one sample after the other until the count is reached or the command is stopped.
+void forEachSample(const Choices& choices, Watching& ending, const std::function<void(const Sample&)>& take)
 {
     WatchedFile file(choices.path, choices.oldAge);
-    const qel::owned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
     const btkTimeval start = btkTimeval::Now();
     const int count = choices.isOnce ? 1 : choices.count;
     for (int taken = 1;; ++taken) {
@@ -63,7 +61,7 @@ void forEachSample(const Choices& choices, const std::function<void(const Sample
         if (taken == count)
             return;
         const btkTimeval next = start + btkTimeval(choices.interval * taken);
-        if (interrupt != nullptr && interrupt->Wait((next - btkTimeval::Now()).ToSeconds()) != 0)
+        if (!ending.Wait((next - btkTimeval::Now()).ToSeconds()))
             return;
     }
 }
@@ -100,16 +98,16 @@ std::string timeText(const Sample& sample)
     return text.str();
 }
 
-void printCsv(const Sample& sample)
+std::string asCsv(const Sample& sample)
 {
-    if (!sample.isLive)
-        return;
-    for (const auto& [name, value] : sample.values.items())
-        std::cout << timeText(sample) << ',' << csvField(name) << ',' << csvField(value) << '\n';
-    std::cout.flush();
+    std::string lines;
+    if (sample.isLive)
+        for (const auto& [name, value] : sample.values.items())
+            lines += timeText(sample) + ',' + csvField(name) + ',' + csvField(value) + '\n';
+    return lines;
 }
 
-void printJson(const Sample& sample)
+std::string asJson(const Sample& sample)
 {
     Json line;
     line["time"] = std::stod(timeText(sample));
@@ -117,15 +115,15 @@ void printJson(const Sample& sample)
     line["values"] = sample.values;
     if (!sample.problem.empty())
         line["problem"] = sample.problem;
-    std::cout << line.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
+    return line.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-void printText(const Sample& sample)
+std::string asTable(const Sample& sample)
 {
     Json rows = Json::array();
     for (const auto& [name, value] : sample.values.items())
         rows.push_back({{"name", name}, {"value", value}});
-    std::cout << (sample.problem.empty() ? "" : sample.problem + '\n') << AsText(rows) << std::flush;
+    return (sample.problem.empty() ? "" : sample.problem + '\n') + AsText(rows);
 }
 
 // ---- on the terminal
@@ -188,15 +186,15 @@ void watchOnScreen(const Choices& choices)
 
 void watchValues(const Choices& choices)
 {
+    const bool isTable = !choices.asCsv && !choices.asJson;
+    if (isTable && !choices.isOnce && Screen::isPossible())
+        return watchOnScreen(choices);
+    Watching output;
     if (choices.asCsv)
-        std::cout << "time,name,value\n";
-    if (choices.asCsv || choices.asJson) {
-        forEachSample(choices, choices.asCsv ? &printCsv : &printJson);
-    } else if (Screen::isPossible() && !choices.isOnce) {
-        watchOnScreen(choices);
-    } else {
-        forEachSample(choices, &printText);
-    }
+        output.Print("time,name,value");
+    forEachSample(choices, output, [&](const Sample& sample) {
+        output.Print(isTable ? asTable(sample) : choices.asCsv ? asCsv(sample) : asJson(sample));
+    });
 }
 
 // ---- a chart
@@ -216,7 +214,8 @@ void plotSamples(const Choices& choices)
     std::map<std::string, ChartCurve> curves;
     Chart chart{choices.path, "seconds", {}};
     double start = 0;
-    forEachSample(choices, [&](const Sample& sample) {
+    Watching ending;
+    forEachSample(choices, ending, [&](const Sample& sample) {
         if (start == 0)
             start = sample.time;
         if (!sample.title.empty())

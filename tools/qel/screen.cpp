@@ -10,8 +10,6 @@
 #include <optional>
 
 #include <qel/base/btkfd.h>
-#include <qel/pcinterrupt.h>
-#include <qel/qelown.h>
 
 #include "commands.h"
 
@@ -177,7 +175,7 @@ namespace {
 
 constexpr int escape = 27;
 constexpr int interruptKey = 3;
-constexpr int keyPatience = 50; // milliseconds; an interrupt is seen as late
+constexpr int keyPatience = 50; // milliseconds; a signal is seen as late
 
 chtype attributesOf(ScreenLine::Kind kind)
 {
@@ -250,14 +248,12 @@ void Screen::draw()
 
 bool Screen::wait(double seconds)
 {
-    // Of the user's Ctrl-C, and of signals from elsewhere.
-    static const qel::owned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
     const btkTimeval end = btkTimeval::Now() + btkTimeval(seconds);
     do {
         const double rest = (end - btkTimeval::Now()).ToSeconds() * 1000;
         wtimeout(stdscr, static_cast<int>(std::clamp(rest, 0.0, static_cast<double>(keyPatience))));
         const int key = wgetch(stdscr);
-        if (interrupt != nullptr && interrupt->Wait(0) != 0)
+        if (!ending.Wait(0))
             return false;
         if (key == ERR)
             continue;

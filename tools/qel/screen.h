@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "watching.h"
+
 // Tables that commands show on the whole terminal while values change: `mon watch` and `top`. The first part lays
 // out the lines and knows no terminal; class Screen shows them.
 
@@ -75,7 +77,8 @@ public:
 
     /// Shows the table; while the user has paused it, the one before stays.
     void show(ScreenTable table);
-    /// Obeys the user's keys for this time. False when the user wants to leave, by a key or an interrupt.
+    /// Obeys the user's keys for this time. False when the command is to end: by a key, a signal, or the end of the
+    /// terminal.
     bool wait(double seconds);
 
 private:
@@ -83,6 +86,7 @@ private:
     bool obey(int key);
     void type(int key);
 
+    Watching ending;
     ScreenTable shown;
     ScreenView view;
 };

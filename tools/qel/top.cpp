@@ -2,20 +2,16 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <iostream>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include <qel/base/btkfd.h>
-#include <qel/pcinterrupt.h>
-#include <qel/qelown.h>
-
 #include "commands.h"
 #include "publishers.h"
 #include "screen.h"
+#include "watching.h"
 
 namespace {
 
@@ -25,7 +21,7 @@ struct Choices
     std::string filter;
     std::string sort = "name";
     double interval = 1;
-    int count = 0; // 0: until the user interrupts
+    int count = 0; // 0: until the command is stopped
     bool isOnce = false;
     bool asJson = false;
     bool hasZeros = false;
@@ -184,18 +180,14 @@ Json rowsOf(const ScreenTable& table)
 
 // ---- the command
 
-void print(const Choices& choices, const Servers& servers)
+std::string textOf(const Choices& choices, const Servers& servers)
 {
-    if (choices.asJson) {
-        const Json list = asJson(choices, servers);
-        std::cout << (choices.isOnce ? list.dump(2, ' ', false, Json::error_handler_t::replace)
-                                     : list.dump(-1, ' ', false, Json::error_handler_t::replace))
-                  << std::endl;
-        return;
-    }
+    if (choices.asJson)
+        return asJson(choices, servers)
+            .dump(choices.isOnce ? 2 : -1, ' ', false, Json::error_handler_t::replace);
     ScreenTable table = tableOf(choices, servers, nullptr);
     sortTable(table, choices.sort);
-    std::cout << AsText(rowsOf(table)) << std::flush;
+    return AsText(rowsOf(table));
 }
 
 void showAll(const Choices& choices)
@@ -221,14 +213,12 @@ void top(Choices& choices)
     const bool isTable = !choices.asJson && !choices.isOnce && choices.count == 0;
     if (isTable && Screen::isPossible())
         return showAll(choices);
-    const qel::owned<pcInterruptEvent> interrupt(pcInterruptEvent::Create());
+    Watching output;
     Servers servers;
     for (int taken = 1;; ++taken) {
         servers = sample(choices, servers);
-        print(choices, servers);
-        if (choices.isOnce || taken == choices.count)
-            return;
-        if (interrupt != nullptr && interrupt->Wait(choices.interval) != 0)
+        output.Print(textOf(choices, servers));
+        if (choices.isOnce || taken == choices.count || !output.Wait(choices.interval))
             return;
     }
 }

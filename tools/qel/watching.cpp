@@ -31,9 +31,9 @@ Watching::Watching()
 {
 }
 
-void Watching::Print(const std::string& line)
+void Watching::Print(const std::string& lines)
 {
-    const std::string whole = line + '\n';
+    const std::string whole = lines.empty() || lines.back() == '\n' ? lines : lines + '\n';
     if (isOver || btkWrite(standardOutput, whole.data(), whole.size()) == whole.size())
         return;
     if (errno != EPIPE)

@@ -4,7 +4,8 @@
 
 #include <qel/base/btkevent.h>
 
-// Shared by the commands that print changes until they are stopped: `ns watch` and `conf watch`.
+// Shared by the commands that show changes until they are stopped: `ns watch`, `conf watch`, `mon watch`, `mon plot` and
+// `top`.
 
 /// Seconds since 1970-01-01 00:00 UTC, in milliseconds.
 double TimeOfDay();
@@ -18,9 +19,9 @@ public:
     Watching(const Watching&) = delete;
     Watching& operator=(const Watching&) = delete;
 
-    /// Writes a line, which gets its end, or nothing when the end was found; fails when it cannot be written for
-    /// another reason than a missing reader.
-    void Print(const std::string& line);
+    /// Writes lines, of which the last needs no end, or nothing when the end was found; fails when they cannot be
+    /// written for another reason than a missing reader.
+    void Print(const std::string& lines);
     /// Waits until `news`, a descriptor or -1, is readable, for `seconds` at most. False: the command returns.
     bool Wait(double seconds, btkHandle news = -1);
 
