@@ -6,7 +6,7 @@
 #include <string>
 
 #include <qel/base/btkpath.h>
-#include <qel/fserror.h>
+#include <qel/fsexception.h>
 #include <qel/fspath.h>
 
 namespace {

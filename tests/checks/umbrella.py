@@ -9,6 +9,7 @@ import sys
 
 include, compiler = pathlib.Path(sys.argv[1]), sys.argv[2:]
 APART = {
+    "fserror.h": "the former name of fsexception.h",
     "qelcpp.h": "the namespace qel, which needs more of the standard library",
     "qelown.h": "<memory>; a part of qelcpp.h",
     "monstatistics.h": "<memory> and <string>; for servers",

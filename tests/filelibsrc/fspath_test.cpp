@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <qel/fserror.h>
+#include <qel/fsexception.h>
 #include <qel/fspath.h>
 
 #include "filelibsrc/raised.h"

@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include <qel/fserror.h>
+#include <qel/fsexception.h>
 
 #include "support/thrown.h"
 

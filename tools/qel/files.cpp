@@ -7,7 +7,7 @@
 #include <string>
 #include <system_error>
 
-#include <qel/fserror.h>
+#include <qel/fsexception.h>
 #include <qel/fspath.h>
 #include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>

@@ -12,7 +12,7 @@
 #include <qel/platform/errortable.h>
 #include <qel/platform/files.h>
 
-#include "fserror_p.h"
+#include "fsexception_p.h"
 #include "fsfile.h"
 #include "fspath_p.h"
 #include "fstree_p.h"

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include <qel/fsdir.h>
-#include <qel/fserror.h>
+#include <qel/fsexception.h>
 #include <qel/fsfile.h>
 #include <qel/fsnodeinfo.h>
 #include <qel/fspath.h>
@@ -13,7 +13,7 @@
 // Operations on files and directories by path. Paths are written with "/" or "\"; exceptions name them in
 // native form if they were converted. A path that is empty, a drive alone, remote ("::" in it), or longer
 // than 259 bytes throws fsXInvalidPath. Nodes found in directories may have longer paths. A failed platform
-// call throws the class of fserror.h for its last error. An operation that fails midway is not rolled back.
+// call throws the class of fsexception.h for its last error. An operation that fails midway is not rolled back.
 //
 // Status queries, reading and writing follow soft links. Removing removes the link itself.
 //

@@ -1,7 +1,7 @@
 #include <memory>
 
 #include "filelib.h"
-#include "fserror_p.h"
+#include "fsexception_p.h"
 #include "fsfile.h"
 #include "fspath_p.h"
 

@@ -11,7 +11,7 @@
 #include <qel/platform/errortable.h>
 
 #include "filelib.h"
-#include "fserror_p.h"
+#include "fsexception_p.h"
 #include "fspath_p.h"
 #include "fstree_p.h"
 

@@ -7,7 +7,7 @@
 
 #include "filelib.h"
 #include "fsdir.h"
-#include "fserror_p.h"
+#include "fsexception_p.h"
 #include "fspath_p.h"
 #include "fstree_p.h"
 

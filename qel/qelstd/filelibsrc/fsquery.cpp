@@ -1,7 +1,7 @@
 #include <qel/platform/lasterror.h>
 
 #include "filelib.h"
-#include "fserror_p.h"
+#include "fsexception_p.h"
 #include "fspath_p.h"
 
 namespace {

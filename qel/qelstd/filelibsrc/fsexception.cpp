@@ -1,11 +1,11 @@
-#include "fserror.h"
+#include "fsexception.h"
 
 #include <new>
 
 #include <qel/base/btkabort.h>
 #include <qel/platform/errortable.h>
 
-#include "fserror_p.h"
+#include "fsexception_p.h"
 #include "fspath_p.h"
 #include "qelexceptionrow_p.h"
 

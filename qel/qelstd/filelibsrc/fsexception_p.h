@@ -2,7 +2,7 @@
 
 #include <qel/qelexport.h>
 
-/// The failures of the file library, by number. The table in fserror.cpp has their texts and classes.
+/// The failures of the file library, by number. The table in fsexception.cpp has their texts and classes.
 enum fsErrorCode {
     fsSuccess = 0,
     fsIOError = 1,

@@ -5,7 +5,7 @@
 #include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
 
-#include "../qel/qelstd/filelibsrc/fserror_p.h"
+#include "../qel/qelstd/filelibsrc/fsexception_p.h"
 #include "filelibsrc/raised.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <qel/platform/files.h>
 
 #include "filelib.h"
-#include "fserror_p.h"
+#include "fsexception_p.h"
 #include "fspath_p.h"
 
 namespace {
