@@ -229,6 +229,11 @@ struct sequence_for
 /// A handle that owns a new sequence: `qel::list{1, 2, 3}` is an xintsequence, `qel::list{"a", 1}` an
 /// xanysequence, `qel::list<xrealsequence>{1, 2}` what it says.
 /// @throws qelXNativeException  a number does not fit
+///
+///     const qel::list numbers{1, 2, 3};       // an xintsequence
+///     const qel::list mixed{"alpha", 1, 2.5}; // an xanysequence
+///     for (const int n : *numbers)
+///         std::cout << n << '\n';
 template<class S>
 class list : public xrchandle<S>
 {
@@ -258,6 +263,9 @@ list(V&&...) -> list<typename sequence_for<std::decay_t<V>...>::type>;
 
 /// A handle that owns a new dictionary: `qel::dict<xintdictionary>{{"a", 1}, {"b", 2}}`; without a class an
 /// xanydictionary.
+///
+///     const qel::dict person{{"name", "Ada"}, {"age", 36}};
+///     std::cout << qel::get<int>(person->value_or("age", 0)) << '\n';
 template<class D = xanydictionary>
 class dict : public xrchandle<D>
 {

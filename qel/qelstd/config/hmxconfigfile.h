@@ -24,6 +24,17 @@ enum hmxConfigOddity {
 };
 
 /// Receives the findings of hmxConfigFile::Check.
+///
+///     class Print : public hmxConfigOddityHandler
+///     {
+///         void Invoke(hmxConfigOddity, long long line, const char* text, long long) override
+///         {
+///             std::cout << line << ": " << text << '\n';
+///         }
+///     };
+///
+///     Print print;
+///     hmxConfigFile::Check("service.conf", print);
 class QEL_API hmxConfigOddityHandler
 {
 public:
@@ -41,8 +52,18 @@ public:
 /// An open file is locked: for reading together with other readers, for updating alone. Open waits for its
 /// turn; readers that arrive while an update waits are admitted after it, so a thread must not hold a file
 /// that another thread needs in order to proceed. An opening for which a thread would wait for itself fails:
-/// GetLastError() is 32 when it has the file open and one of the two openings is for updating. Used by one
-/// thread at a time.
+/// GetLastError() is ERROR_SHARING_VIOLATION when it has the file open and one of the two openings is for
+/// updating. Used by one thread at a time.
+///
+/// Opening and closing cost time proportional to the size of the file, a value the logarithm of their number.
+///
+///     hmxConfigFile file;
+///     if (file.Open("service.conf", hmxConfigFile::ReadWrite, 5s)) {
+///         const xstring before = file.GetValue("interval"); // null: no such key
+///         file.SetValue("interval", "30");
+///         if (!file.CloseChecked())
+///             std::cerr << "service.conf: error " << GetLastError() << '\n';
+///     }
 class QEL_API hmxConfigFile
 {
 public:
@@ -58,8 +79,8 @@ public:
     /// Closes the file that is open, then opens `path` and reads it; ReadWrite creates a missing file. False
     /// when that fails: no file is open then, and GetLastError() gives the reason.
     bool Open(const char* path, OpenMode mode);
-    /// The same, but waits for its turn `limit` seconds at most; 0 tries once. GetLastError() is 33 when the
-    /// limit has passed.
+    /// The same, but waits for its turn `limit` seconds at most; 0 tries once. GetLastError() is
+    /// ERROR_LOCK_VIOLATION when the limit has passed.
     bool Open(const char* path, OpenMode mode, double limit);
     template<qelDuration D>
     bool Open(const char* path, OpenMode openMode, const D& limit)
@@ -79,7 +100,7 @@ public:
     /// could store that beside the file; docs/config.md has the details. Does nothing when no file is open.
     void Close();
     /// The same, and reports failures: false when a change could not be written. GetLastError() gives the
-    /// reason: 1006, with nothing written, when other processes have replaced or changed the file since Open
+    /// reason: ERROR_FILE_INVALID, with nothing written, when other processes have replaced or changed the file since Open
     /// without the lock. A file deleted since Open is created again.
     bool CloseChecked();
     bool IsOpened() const { return lockBuffer != nullptr; }
@@ -108,7 +129,7 @@ public:
         return DeleteValue(qelTextArgument(key));
     }
     /// The keys in the order of their lines; added keys come last, in the order of adding. Empty when no file
-    /// is open.
+    /// is open. A new sequence; costs time proportional to the number of keys and its logarithm.
     xrchandle<xstringsequence> GetKeys() const;
     /// The byte of the file, as it was read, at which the line of the key begins, from 0; -1 for a missing key
     /// and for one that was added.

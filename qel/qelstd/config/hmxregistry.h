@@ -15,6 +15,10 @@ class hmxRegistry;
 ///
 /// A key path holds none of the characters "/.:*?"; "\" in it leads to keys below. A name, of a value or of a
 /// direct subkey, holds no "\" either. Comparison of names ignores ASCII case.
+///
+///     hmxRegistryKey key;
+///     if (key.Create(hmxRegistry::User().root, "Software\\Example"))
+///         key.SetValue("Interval", "30");
 class QEL_API hmxRegistryKey
 {
 public:
@@ -62,6 +66,8 @@ private:
 };
 
 /// One of the two roots of the registry.
+///
+///     std::cout << hmxRegistry::User().getFolder() << '\n';
 class QEL_API hmxRegistry
 {
 public:

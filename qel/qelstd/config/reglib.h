@@ -46,6 +46,12 @@ public:
 /// several threads. A change is on the disk when the call returns, except in a batch (regBatch). Every
 /// operation but Close throws regXKeyClosed when the key is closed, then regXNameInvalid for a path or name
 /// that breaks the rules.
+///
+///     const auto user = qel::own(regRegistry::User());
+///     if (const auto key = qel::own(user->CreateSubkey("Software\\Example"))) {
+///         key->SetValue("Interval", 30);
+///         std::cout << key->GetIntValue("Interval") << '\n'; // xnullint: no such value, or no number
+///     }
 class QEL_API regKey : public virtual xobject
 {
     QEL_OBJECT(regKey); // "reglib::Key"
@@ -99,6 +105,11 @@ private:
 };
 
 /// One of the two roots as a key. Not counted. It stays open.
+///
+///     const auto system = qel::own(regRegistry::System());
+///     const auto names = system->ListSubkeys();
+///     for (const xstring name : *names)
+///         std::cout << name << '\n';
 class QEL_API regRegistry : public virtual regKey
 {
     QEL_OBJECT(regRegistry); // "reglib::Registry"
@@ -123,6 +134,13 @@ private:
 /// few. Every change takes effect at once and is visible to all processes; until it is committed, a loss of
 /// power (not a killed process) may undo it, or leave a value that cannot be read. Belongs to the thread that
 /// made it; batches may be nested.
+///
+///     const auto user = qel::own(regRegistry::User());
+///     regBatch batch;
+///     for (int i = 0; i < 1000; ++i)
+///         user->SetValue(xstring::Printf("Value%d", i).CastToCString(), i);
+///     if (!batch.Commit())
+///         std::cerr << "error " << GetLastError() << '\n';
 class QEL_API regBatch
 {
 public:

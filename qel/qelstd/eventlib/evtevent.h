@@ -15,6 +15,10 @@ inline constexpr double INFINITE = xnullreal;
 ///
 /// A wait sleeps in the calling thread only. Limits are seconds: INFINITE waits without limit, negative ones
 /// not at all.
+///
+///     const auto input = qel::own(stream.InputEvent());
+///     if (input->Wait(5)) // seconds
+///         std::cout << stream.ReadInt() << '\n';
 class QEL_API evtEvent : public btkEvent, public virtual xobject
 {
     QEL_OBJECT(evtEvent); // "eventlib::Event"
@@ -23,7 +27,7 @@ class QEL_API evtEvent : public btkEvent, public virtual xobject
 public:
     /// Waits until at least one event of `events` is signaled or `timeout` has passed. Returns how many are
     /// signaled, or 0; WasSignaled() of each then says whether it is one of them. Null entries are skipped.
-    /// The array must not be changed meanwhile. qel::waitAny and qel::loop of <qel/qelloop.h> tell which.
+    /// The array must not be changed meanwhile. Costs time proportional to their number. qel::waitAny and qel::loop of <qel/qelloop.h> tell which.
     static int Wait(evtEventArray* events, double timeout);
     template<qelDuration D>
     static int Wait(evtEventArray* events, const D& limit)

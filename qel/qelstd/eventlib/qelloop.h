@@ -14,6 +14,10 @@
 namespace qel {
 
 /// A limit or a period: seconds, INFINITE for no limit, or a std::chrono::duration.
+///
+///     qel::event done;
+///     qel::waitAny({&done}, 0.5);                           // seconds
+///     qel::waitAny({&done}, std::chrono::milliseconds(10)); // the same type
 class timespan
 {
 public:
@@ -37,6 +41,11 @@ private:
 QEL_API evtEvent* waitAny(const std::vector<evtEvent*>& events, timespan limit = INFINITE);
 
 /// An event that the program sets and resets, from any thread. It stays set until reset() is called.
+///
+///     qel::event done;
+///     std::thread worker([&] { done.set(); });
+///     done.Wait(INFINITE);
+///     worker.join();
 class QEL_API event : public evtEvent
 {
 public:
@@ -57,11 +66,14 @@ private:
 /// Calls functions when events are signaled or times have come, in the thread that calls run().
 ///
 ///     qel::loop loop;
-///     loop.on(*input, [&] { readInput(); });
-///     loop.every(60, [&] { report(); });
+///     const auto input = qel::own(stream.InputEvent());
+///     loop.on(*input, [&] { std::cout << stream.ReadInt() << '\n'; });
+///     loop.every(60, [] { std::clog << "a minute\n"; });
+///     loop.after(3600, [&] { loop.stop(); });
 ///     loop.run();
 ///
-/// Everything but stop() is called by that thread; the functions may call it, too.
+/// Everything but stop() is called by that thread; the functions may call it, too. A round costs time
+/// proportional to the number of entries.
 class QEL_API loop
 {
 public:

@@ -49,6 +49,11 @@ constexpr int fsNodeAbsent = 3;
 // ---- creating, removing, moving, copying
 
 /// Receives progress reports, and can end the work.
+///
+///     qel::onProgress show([](const char* path, double done, double total) {
+///         std::clog << path << ": " << 100 * done / total << " %\n";
+///     });
+///     fsCopy("data", "copy", fsMerge, fsNewLink, fsRecursive, show);
 class QEL_API fsProgressHandler
 {
 public:
@@ -68,6 +73,12 @@ enum fsFailureAction {
 
 /// Decides how an operation continues after a failure. It is not called for arguments that are refused at
 /// once, nor for work that its progress handler ended.
+///
+///     qel::onFailure skip([](const char* path, fsXException& failure) {
+///         std::cerr << path << ": " << failure.getPlatformText() << '\n';
+///         return fsSkip;
+///     });
+///     fsRemove("build", fsRecursive, skip);
 class QEL_API fsFailureHandler
 {
 public:

@@ -10,6 +10,12 @@ QEL_API bool fsMatchesPattern(const char* name, const char* pattern);
 /// An open directory; returns the names of its entries one at a time, in the platform's order and without "."
 /// and "..". Nothing is thrown: a failed call returns false or fsIOFailed, and GetLastError() gives the
 /// reason. Used by one thread at a time.
+///
+///     fsiDir directory;
+///     xstring name;
+///     if (directory.Open("/var/log"))
+///         while (directory.Read(name) == fsIOOk)
+///             std::cout << name << '\n';
 class QEL_API fsiDir
 {
 public:
@@ -20,7 +26,7 @@ public:
     ~fsiDir();
 
     /// Begins with the first entry; wildcards in the name of the directory have no special meaning. A name of
-    /// more than 259 bytes fails (error 206). A directory that is open is closed first.
+    /// more than 259 bytes fails (ERROR_FILENAME_EXCED_RANGE). A directory that is open is closed first.
     bool Open(const char* directory);
     /// The name of the next entry.
     fsIOStatus Read(xstring& name);

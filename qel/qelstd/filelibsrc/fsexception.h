@@ -9,6 +9,14 @@
 ///
 /// An exception stores the thread's last error at its construction; the library sets that error before it
 /// throws.
+///
+///     try {
+///         fsRemove("/no/such/file", fsSimple);
+///     } catch (xthrowable* thrown) {
+///         const qel::caught failure(thrown);
+///         if (auto* const cause = failure.as<fsXDoesNotExist>())
+///             std::cerr << cause->getPath() << ": " << cause->getPlatformText() << '\n';
+///     }
 class QEL_API fsXException : public virtual qelXExternFunc
 {
     QEL_OBJECT(fsXException); // "filelib::XException"

@@ -17,6 +17,12 @@ enum fsFilePosition { fsFromStart, fsFromCurrent, fsFromEnd };
 /// fsIOFailed, and GetLastError() gives the reason. Positions and sizes are bytes, truncated to whole
 /// ones; one that is not a number or does not fit fails. Calls on a file that is not open fail. Used by one
 /// thread at a time.
+///
+///     fsiFile file;
+///     char start[512];
+///     unsigned long done = 0;
+///     if (!file.Open("/etc/hostname", fsReadOnly) || file.Read(start, sizeof start, &done) == fsIOFailed)
+///         std::cerr << "error " << GetLastError() << '\n';
 class QEL_API fsiFile
 {
 public:

@@ -11,6 +11,10 @@ QEL_ENUM(fsNodeType);
 
 /// A snapshot of the status of one node, taken by Initialize; later changes of the node are not seen. Soft
 /// links are followed. Used by one thread at a time.
+///
+///     const auto info = qel::make<fsNodeInfo>();
+///     if (info->Initialize("/etc/hostname"))
+///         std::cout << info->getSize() << " bytes, " << qel::own(info->getModTime())->toIso() << '\n';
 class QEL_API fsNodeInfo : public virtual xobject
 {
     QEL_OBJECT(fsNodeInfo); // "filelib::NodeInfo", counted

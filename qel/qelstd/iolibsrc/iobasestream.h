@@ -94,6 +94,13 @@ private:
 /// Not counted: freed with xdelete.
 ///
 /// A concrete stream supplies its buffer, and its destructor calls Release.
+///
+///     void save(ioStream& to, int count, double sum)
+///     {
+///         to.WriteInt(count);
+///         to.WriteReal(sum);
+///         to.Flush(true); // throws ioXStream if it cannot be written
+///     }
 class QEL_API ioStream : public virtual xobject
 {
     QEL_OBJECT(ioStream); // "iolib::Stream"
@@ -417,6 +424,15 @@ QEL_API void CopyStream(ioStream* to, ioStream* from);
 
 /// A failure of a stream. Thrown as an `xthrowable*`; not counted: the catcher frees it with xdelete. It may
 /// outlive its stream.
+///
+///     try {
+///         stream.ReadInt();
+///     } catch (xthrowable* thrown) {
+///         const qel::caught failure(thrown);
+///         const auto* const cause = failure.as<ioXStream>();
+///         if (cause == nullptr || !stream.getIsEof())
+///             std::cerr << failure.what() << '\n';
+///     }
 class QEL_API ioXStream : public virtual xthrowable
 {
     QEL_OBJECT(ioXStream); // "iolib::XStream"
@@ -441,6 +457,11 @@ private:
 };
 
 /// An event of a stream.
+///
+///     const auto input = qel::own(stream.InputEvent());
+///     while (input->Wait(INFINITE) && stream.TryReadInt() == ioWouldBlock) {
+///         // only a part of the value has arrived
+///     }
 class QEL_API ioEvent : public evtEvent
 {
     QEL_OBJECT(ioEvent); // "iolib::Event"

@@ -14,7 +14,14 @@ QEL_ENUM(ioOpenMode); // "iolib::OpenMode"
 enum ioDirection : int { ioBegin, ioEnd, ioCur };
 QEL_ENUM(ioDirection); // "iolib::Direction"
 
-/// A stream over a file, with one position for reading and writing. ASCII form unless set otherwise.
+/// A stream over a file, with one position for reading and writing. ASCII form unless set otherwise. Buffered:
+/// a value costs a system call only when the buffer is empty or full. Not counted: freed with xdelete.
+///
+///     const auto file = qel::own(ioFileStream::Open("numbers.txt", ioWriteOnly));
+///     if (file == nullptr)
+///         std::cerr << "numbers.txt: error " << GetLastError() << '\n';
+///     else
+///         file->WriteInt(42), file->Close(); // Close reports what cannot be written, by ioXStream
 class QEL_API ioFileStream : public ioStream
 {
     QEL_OBJECT(ioFileStream); // "iolib::FileStream"
@@ -22,7 +29,7 @@ class QEL_API ioFileStream : public ioStream
 public:
     /// Opens `path`, in native or remote form: ioReadOnly an existing file; ioWriteOnly a new one, or an
     /// existing one that is emptied; ioReadWrite, and any other value, an existing one with its content. Null
-    /// when it cannot be opened.
+    /// when it cannot be opened; GetLastError() gives the reason. The caller owns the stream.
     static ioFileStream* Open(const char* path, ioOpenMode mode);
     template<fsPathObject P>
     static ioFileStream* Open(const P& path, ioOpenMode mode)

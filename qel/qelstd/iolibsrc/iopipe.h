@@ -8,6 +8,12 @@ class xopipebuf;
 /// A stream over one end of a pipe. Binary form unless set otherwise. Data is written to the pipe at once
 /// unless setBuffered(true) was called. Writing waits while the pipe is full; without a reader it fails with
 /// the state "I/O error" and raises no signal.
+///
+///     const auto pipe = qel::own(ioPipe::Create());
+///     pipe->getWriteEnd()->setBuffered(true);
+///     for (int i = 0; i < 1000; ++i)
+///         pipe->getWriteEnd()->WriteInt(i);
+///     pipe->getWriteEnd()->Flush(true);
 class QEL_API ioPipeStream : public ioStream
 {
     QEL_OBJECT(ioPipeStream); // "iolib::PipeStream"
@@ -37,13 +43,17 @@ private:
 
 /// An anonymous pipe: bytes written to one end are read from the other. Each end is used by one thread or
 /// process at a time. Not counted: freed with xdelete, which closes and frees both streams.
+///
+///     const auto pipe = qel::own(ioPipe::Create());
+///     pipe->getWriteEnd()->WriteString("hello");
+///     std::cout << pipe->getReadEnd()->ReadString("\n") << '\n';
 class QEL_API ioPipe : public virtual xobject
 {
     QEL_OBJECT(ioPipe); // "iolib::Pipe"
     QEL_NOT_COUNTED;
 
 public:
-    /// Null when the operating system has no descriptors left.
+    /// A new pipe, which the caller owns; null when the operating system has no descriptors left.
     static ioPipe* Create();
     ~ioPipe() override;
     ioPipe(const ioPipe&) = delete;

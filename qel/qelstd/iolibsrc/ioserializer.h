@@ -16,6 +16,10 @@ QEL_ENUM(ioTryCode); // "iolib::TryCode"
 ///
 /// Streams call the operations. These return codes and throw nothing but std::bad_alloc; a read that reaches
 /// the end of the data within a value has consumed the bytes it read.
+///
+///     const auto memory = qel::own(ioStringStream::Create(xnullstr));
+///     memory->setSerializer(ioSerializer::getXDR()); // before the first value
+///     memory->WriteInt(1);                           // 00 00 00 01
 class QEL_API ioSerializer : public virtual xobject
 {
     QEL_OBJECT(ioSerializer); // "iolib::Serializer", not counted

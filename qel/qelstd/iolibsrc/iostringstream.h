@@ -4,14 +4,20 @@
 
 class xstringbuf;
 
-/// A stream in memory. ASCII form unless set otherwise. Written data can be read at once.
+/// A stream in memory. ASCII form unless set otherwise. Written data can be read at once. Not counted: freed
+/// with xdelete.
+///
+///     const auto text = qel::own(ioStringStream::Create("1 2 3"));
+///     int sum = 0;
+///     while (text->TryReadInt() == ioSuccess)
+///         sum += text->ReadInt();
 class QEL_API ioStringStream : public ioStream
 {
     QEL_OBJECT(ioStringStream); // "iolib::StringStream"
 
 public:
     /// With a text: a stream that reads a copy of it. With xnullstr, or no text at all: an empty one to be
-    /// written and read back.
+    /// written and read back. The caller owns the stream.
     static ioStringStream* Create(const char* text);
     template<qelTextObject T>
     static ioStringStream* Create(const T& text)

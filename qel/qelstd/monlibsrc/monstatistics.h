@@ -12,6 +12,9 @@ class monFile;
 /// held while the process lives, removed by the destructor, and by the next publisher when the process was
 /// killed. Used by one thread at a time. A forked child does not use the object; the parent's file stays when
 /// the child destroys it.
+///
+///     if (const auto statistics = monStatistics::Create("words", "The server of words"))
+///         statistics->Set("Requests", 42), statistics->Set("State", "ready");
 class QEL_API monStatistics
 {
 public:

@@ -30,6 +30,11 @@ class monFile;
 
 /// One named value in a monitor file. The file owns it; it is valid as long as the file object. Not counted,
 /// and not to be freed.
+///
+///     const auto file = qel::own(monFile::Create("words.mon", "Words"));
+///     monIntParam* const requests = file->Int("Requests"); // the file's
+///     requests->setValue(requests->getValue() + 1);
+///     file->String("State", 64)->setValue("ready"); // up to 64 bytes
 class QEL_API monParam : public virtual xobject
 {
     QEL_OBJECT(monParam); // "monlib::Param"
@@ -62,7 +67,7 @@ private:
     monParam* next = nullptr; // in the list of its file, which frees them all
 };
 
-/// A bool, as a byte. Reserved values pass unchanged.
+/// A bool, as a byte: `file->Bool("Ready")->setValue(true)`. Reserved values pass unchanged.
 class QEL_API monBoolParam : public monParam
 {
     QEL_OBJECT(monBoolParam); // "monlib::BoolParam"
@@ -77,7 +82,7 @@ private:
     monBoolParam(monFile& owner, xstring called, std::fpos<int> at);
 };
 
-/// An int.
+/// An int: `file->Int("Requests")`.
 class QEL_API monIntParam : public monParam
 {
     QEL_OBJECT(monIntParam); // "monlib::IntParam"
@@ -92,7 +97,7 @@ private:
     monIntParam(monFile& owner, xstring called, std::fpos<int> at);
 };
 
-/// A real.
+/// A real: `file->Real("Load")->setValue(0.5)`.
 class QEL_API monRealParam : public monParam
 {
     QEL_OBJECT(monRealParam); // "monlib::RealParam"
@@ -107,7 +112,7 @@ private:
     monRealParam(monFile& owner, xstring called, std::fpos<int> at);
 };
 
-/// A text of at most getSize() bytes.
+/// A text of at most getSize() bytes: `file->String("State", 64)->setValue("ready")`.
 class QEL_API monStringParam : public monParam
 {
     QEL_OBJECT(monStringParam); // "monlib::StringParam"
@@ -133,7 +138,12 @@ private:
     int capacity;
 };
 
-/// The parameters of a file by their names. Frees none of them.
+/// The parameters of a file by their names. Frees none of them. Not counted: one that the caller has made is
+/// freed with xdelete.
+///
+///     const auto file = qel::own(monFile::Open("words.mon"));
+///     for (const auto& [name, param] : *file->getParams())
+///         std::cout << name << " at " << param->getPosition() << '\n';
 class QEL_API monParamDict : public xtsdictionary<monParam*>
 {
     QEL_OBJECT(monParamDict); // "monlib::ParamDict", not counted
@@ -146,6 +156,12 @@ public:
 };
 
 /// An open monitor file. Not counted: freed with xdelete, which closes it.
+///
+///     if (const auto file = qel::own(monFile::Open("words.mon"))) {
+///         const auto changed = qel::own(file->ChangeEvent());
+///         std::cout << file->Int("Requests")->getValue() << '\n';
+///         changed->Wait(10s); // on when the publisher has written since
+///     }
 class QEL_API monFile : public virtual xobject
 {
     QEL_OBJECT(monFile); // "monlib::File"
@@ -158,7 +174,7 @@ public:
 
     /// Opens an existing file, in native or remote form, for reading and writing; for reading only when this
     /// process may not write it. Null when it cannot be opened, and when its header is not that of a monitor
-    /// file (GetLastError() is then 1392). The caller owns the new object.
+    /// file (GetLastError() is then ERROR_FILE_CORRUPT). The caller owns the new object.
     /// @throws ioXStream  it ends within the header or the title
     static monFile* Open(const char* path);
     template<fsPathObject P>
@@ -200,14 +216,14 @@ public:
 
     xstring getTitle();
     /// The parameters, after looking for new ones. The file owns the table. Of several parameters with one
-    /// name, it has the latest.
+    /// name, it has the latest. Costs time for the new ones only.
     /// @throws qelXNativeException  "monFile has shrunk!": open it again; "Weird parameter type": the bytes
     ///                              after the parameters found so far are not a parameter
     monParamDict* getParams();
     /// The parameters found so far, without looking for new ones: after Check, those before the damage.
     monParamDict* getKnownParams() const;
 
-    // ---- find the parameter of a name, or add one whose value is false, 0 or the empty text
+    // ---- find the parameter of a name, or add one whose value is false, 0 or the empty text: the file's
 
     // Null when a parameter of that name has another kind. They throw as getParams, and qelXNotInitialized
     // without a name. When one has to be added, qelXNativeException, too: "monFile::WriteParamHead: Name too
@@ -247,7 +263,7 @@ public:
         unfinished, // a record at the end is being added, or its writer was killed
         damaged
     };
-    /// Reads the whole file. `offset`: the end of the last whole record, in bytes, where an unfinished or
+    /// Reads the whole file, in time proportional to its size. `offset`: the end of the last whole record, in bytes, where an unfinished or
     /// damaged part begins. Changes nothing; writers refuse to add to a damaged file ("Weird parameter
     /// type").
     /// @throws qelXNativeException  "monFile has shrunk!"

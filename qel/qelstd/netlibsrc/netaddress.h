@@ -8,6 +8,9 @@ struct capi_nmsServerProxy;
 
 /// The address of a server: a host, and a port or a name known to the host's name server. Used by one thread
 /// at a time.
+///
+///     const xrchandle<netAddress> there = netAddress::Create(7000, "server.example");
+///     const auto client = qel::own(netServer::Connect(there.get(), 5s)); // null: no response
 class QEL_API netAddress : public virtual xobject
 {
     QEL_OBJECT(netAddress); // "netlib::Address", counted

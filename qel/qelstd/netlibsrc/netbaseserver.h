@@ -39,6 +39,16 @@ inline constexpr netServerLoopAction netServerNoDecision = static_cast<netServer
 
 /// Serves a connection, in the thread of the loop, which serves no other client meanwhile: long work, and
 /// reading from clients that may be silent, belongs in an asynchronous request.
+///
+///     class Echo : public netBaseServer_OnRequest_cb
+///     {
+///         netServerLoopAction Invoke(netBaseServer*, netSocketStream* stream) override
+///         {
+///             const auto client = qel::own(stream);
+///             client->WriteInt(client->ReadInt());
+///             return netServerContinue;
+///         }
+///     };
 class QEL_API netBaseServer_OnRequest_cb : public virtual xobject
 {
     QEL_OBJECT(netBaseServer_OnRequest_cb); // "netlib::BaseServer_OnRequest_cb"
@@ -50,6 +60,17 @@ public:
 };
 
 /// Serves a connection in a separate thread; called by several threads at once.
+///
+///     class Counter : public netBaseServer_OnAsyncRequest_cb
+///     {
+///         netServerLoopAction Invoke(netBaseServer*, netSocketStream* stream, evtEvent* stop) override
+///         {
+///             const auto client = qel::own(stream);
+///             for (int i = 0; !stop->getIsSignaled(); ++i)
+///                 client->WriteInt(i);
+///             return netServerContinue;
+///         }
+///     };
 class QEL_API netBaseServer_OnAsyncRequest_cb : public virtual xobject
 {
     QEL_OBJECT(netBaseServer_OnAsyncRequest_cb); // "netlib::BaseServer_OnAsyncRequest_cb"
@@ -63,6 +84,15 @@ public:
 };
 
 /// Called when a time slice has passed without a connection.
+///
+///     class UntilInterrupted : public netBaseServer_OnIdle_cb
+///     {
+///         netServerLoopAction Invoke(netBaseServer*) override
+///         {
+///             return interrupt->getIsSignaled() ? netServerTerminate : netServerContinue;
+///         }
+///         qel::owned<pcInterruptEvent> interrupt = qel::own(pcInterruptEvent::Create());
+///     };
 class QEL_API netBaseServer_OnIdle_cb : public virtual xobject
 {
     QEL_OBJECT(netBaseServer_OnIdle_cb); // "netlib::BaseServer_OnIdle_cb"
@@ -73,6 +103,11 @@ public:
 };
 
 /// An event of a server: signaled while a connection waits to be accepted. Lives no longer than the server.
+///
+///     const auto server = qel::own(netBaseServer::Create(xnullstr, 0));
+///     const auto waiting = qel::own(server->AcceptEvent());
+///     if (waiting->Wait(5s))
+///         qel::own(server->Accept(0))->WriteString("hello");
 class QEL_API netEvent : public evtEvent
 {
     QEL_OBJECT(netEvent); // "netlib::Event"
@@ -108,6 +143,10 @@ concept netOwnerOf = requires(Owner owner)
 ///
 /// The requests use the server while they run, so the destructor of a class that derives from this one calls
 /// EndService before anything else.
+///
+///     const auto server = qel::own(netBaseServer::Create(xnullstr, 7000)); // null: the port is taken
+///     server->setOnRequest(qel::onRequest([](netSocketStream& client) { client.WriteString("hello"); }));
+///     server->Run(); // until Stop
 class QEL_API netBaseServer : public virtual xobject
 {
     QEL_OBJECT(netBaseServer); // "netlib::BaseServer"
@@ -180,7 +219,7 @@ public:
     /// Serves until a handler returns netServerTerminate or Stop is called; may then be called again. Without
     /// a request handler each connection is closed. An exception of a handler is reported on the standard
     /// error output and leaves Run.
-    /// @throws netXException  the listening socket failed (error 4)
+    /// @throws netXException  netListeningFailed: the listening socket failed
     void Run();
     /// Ends Run as soon as the current handler returns, however many clients there are; the handler's stream
     /// blocks at most for the grace period from now on. A Run or Accept that begins later returns at once,
@@ -188,7 +227,7 @@ public:
     void Stop();
     /// Waits for one connection and returns its stream, which the caller owns; null when `timeout` seconds
     /// have passed, without limit for INFINITE, or Stop was called. Calls no handler.
-    /// @throws netXException  the listening socket failed (error 4)
+    /// @throws netXException  netListeningFailed: the listening socket failed
     netSocketStream* Accept(double timeout);
     template<qelDuration D>
     netSocketStream* Accept(const D& limit)

@@ -9,8 +9,19 @@ class netAddress;
 enum netError : int { netNameServiceProblem, netInvalidAddress, netServerNotFound, netConnectionRefused };
 QEL_ENUM(netError); // "netlib::Error"
 
+/// The listening socket of a server failed; not a value of the enumeration.
+inline constexpr netError netListeningFailed = static_cast<netError>(4);
+
 /// A failure of the network library. Thrown as an `xthrowable*`; not counted: the catcher frees it with
 /// xdelete.
+///
+///     try {
+///         const auto words = qel::connect("words", 5s);
+///     } catch (xthrowable* thrown) {
+///         const qel::caught failure(thrown);
+///         if (auto* const cause = failure.as<netXException>(); cause && cause->getError() == netServerNotFound)
+///             std::cerr << "no server of that name\n";
+///     }
 class QEL_API netXException : public virtual xthrowable
 {
     QEL_OBJECT(netXException); // "netlib::XException"
@@ -24,7 +35,7 @@ public:
     /// The same about a server, whose address is copied; it may be null.
     [[noreturn]] static void Throw(netError code, const char* text, netAddress* about);
 
-    /// 4, which has no name, when the listening socket failed.
+    /// The kind, or netListeningFailed.
     netError getError() { return error; }
     xstring getMsg() { return msg; }
 

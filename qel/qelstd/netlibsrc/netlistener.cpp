@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr netError socketFailed = static_cast<netError>(4);
 constexpr btkTimeval longestRest(0, 100000);
 constexpr btkTimeval reportPause(60, 0);
 // Continued in one step of the loop.
@@ -136,7 +135,7 @@ std::unique_ptr<btkStreamSocket> netBaseServer::Loop::TakeConnection(btkTimeval 
         failure = btkAcceptSocket::FailureOf(errno);
     }
     if (failure == Failure::unusable)
-        netXException::Throw(socketFailed, "Socket failed");
+        netXException::Throw(netListeningFailed, "Socket failed");
     if (failure == Failure::noResources)
         restEnd = now + (server.timeSlice == INFINITE ? longestRest
                                                       : std::min(longestRest, btkTimeval(server.timeSlice)));

@@ -12,12 +12,16 @@ enum class netRequestCode : unsigned char;
 ///
 /// Any program of this machine, and every admitted peer, can stop it. Silent clients delay no other client;
 /// they are closed after getSilentPatience() seconds. Not counted: freed with xdelete.
+///
+///     const auto server = qel::own(netServer::Create("words", 0)); // any port; clients find it by its name
+///     server->setOnRequest(qel::onRequest([](netSocketStream& client) { client.WriteString("hello"); }));
+///     server->Run(); // until Stop, or a client's netServer::Shutdown
 class QEL_API netServer : public netBaseServer
 {
     QEL_OBJECT(netServer); // "netlib::Server"
 
 public:
-    /// As netBaseServer::Create. Warns on the standard error output when a server with a name listens beyond
+    /// As netBaseServer::Create: the caller owns the server. Warns on the standard error output when a server with a name listens beyond
     /// the loopback and has no rights, so that every machine may connect, and when the registry cannot
     /// restrict the connections to a server of that name at all.
     static netServer* Create(const char* name, int port);

@@ -6,6 +6,11 @@
 class netService;
 
 /// The work of a service. The application derives from it and owns the object.
+///
+///     class Work : public netService_DoService_cb
+///     {
+///         void Invoke(netService*, xrchandle<xstringsequence> parms) override { qelPrint(parms, std::clog, -1); }
+///     };
 class QEL_API netService_DoService_cb : public virtual xobject
 {
     QEL_OBJECT(netService_DoService_cb); // "netlib::Service_DoService_cb"
@@ -18,6 +23,12 @@ public:
 /// The shell of a system service: a name, parameters, and a handler that does the work. Linux has no such
 /// shell: Create and the static status operations end the process with the fatal report. Not counted: freed
 /// with xdelete.
+///
+///     void show(int argc, char** argv)
+///     {
+///         const auto parms = netService::ExtractParms(argc, argv);
+///         std::cout << parms->getarraysize() << " words\n";
+///     }
 class QEL_API netService : public virtual xobject
 {
     QEL_OBJECT(netService); // "netlib::Service"
@@ -33,7 +44,7 @@ public:
     unsigned char Run();
     /// Calls the handler, when one is set.
     void DoService(xrchandle<xstringsequence> parms);
-    /// A new sequence of all `argc` texts of `argv`, the program's name included.
+    /// A new sequence, in a handle that owns it, of all `argc` texts of `argv`, the program's name included.
     static xrchandle<xstringsequence> ExtractParms(int argc, char** argv);
 
     xstring getName() const { return name; }

@@ -19,12 +19,17 @@ class xsocketbuf;
 /// before the peer has read past the first one corrupts the ordinary stream: the first is lost as an urgent
 /// integer, and its four bytes appear among the stream's values. setUrgentSpacing makes that rare, not
 /// impossible. Not counted: freed with xdelete.
+///
+///     const auto words = qel::connect("words", 5s);
+///     words->setITimeout(2s);
+///     words->WriteString("hello");
+///     std::cout << words->ReadString("\n") << '\n'; // sends what is buffered before it waits
 class QEL_API netSocketStream : public ioStream
 {
     QEL_OBJECT(netSocketStream); // "netlib::SocketStream"
 
 public:
-    /// A stream over a connected socket, of which it takes ownership.
+    /// A new stream over a connected socket, of which it takes ownership. The caller owns the stream.
     static netSocketStream* Create(btkStreamSocket* socket);
     ~netSocketStream() override;
 

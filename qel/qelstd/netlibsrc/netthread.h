@@ -13,6 +13,19 @@ class ioStream;
 /// is collected.
 ///
 /// A class that overrides OnClose, or that OnStart needs, calls Close in its destructor.
+///
+///     class Sum : public netBaseThread
+///     {
+///     public:
+///         ~Sum() override { Close(); }
+///
+///     private:
+///         int OnStart() override { return 40 + 2; }
+///     };
+///
+///     Sum sum;
+///     if (sum.Start())
+///         std::cout << sum.WaitExitCode() << '\n';
 class QEL_API netBaseThread
 {
 public:
@@ -70,6 +83,17 @@ private:
 };
 
 /// A worker thread with a control pipe, through which its owner signals to it.
+///
+///     class Worker : public netThread
+///     {
+///         int OnStart() override { return SignalStream()->ReadInt(); } // waits for its owner
+///     };
+///
+///     Worker worker;
+///     if (worker.Start()) {
+///         worker.ControlStream()->WriteInt(42);
+///         std::cout << worker.GetExitCode() << '\n';
+///     }
 class QEL_API netThread : public netBaseThread
 {
 public:

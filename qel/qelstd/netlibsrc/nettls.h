@@ -24,6 +24,6 @@ QEL_API bool netIsTlsRequired(xstring serverName);
 
 /// Connects to the versioned server at `address`, as its clients do: encrypted if netIsTlsConfigured and the server is on
 /// another machine, or QELSTD_TLS_LOCAL is 1. Then it must prove that it is the address's server name, else its host.
-/// Returns a new socket, whose calls return within `timeout` seconds from now, too; null when nobody listens or responds.
+/// Returns a new socket, which the caller owns and frees with `delete`, and whose calls return within `timeout` seconds from now, too; null when nobody listens or responds.
 /// @throws netXException  as ResolvePort; netConnectionRefused: one end does not accept the other's certificate
 QEL_API btkStreamSocket* netConnectSocket(netAddress* address, double timeout);

@@ -9,6 +9,7 @@
 
 // The handlers of a server as functions:
 //
+//     const auto server = qel::own(netServer::Create("echo", 0));
 //     server->setOnRequest(qel::onRequest([](netSocketStream& client) { client.WriteInt(client.ReadInt()); }));
 //
 // Each is called as its handler class describes, and owned by the server. A function without a result means

@@ -30,6 +30,14 @@ inline constexpr pcCreateError badErr = static_cast<pcCreateError>(13); ///< the
 
 /// The base of the failures with processes. Thrown as an `xthrowable*`; not counted: the catcher frees it
 /// with xdelete.
+///
+///     try {
+///         qel::own(pcProcess::Create("no-such-program", nullptr, nullptr, nullptr, nullptr, 0, 0));
+///     } catch (xthrowable* thrown) {
+///         const qel::caught failure(thrown);
+///         if (auto* const cause = failure.as<pcXCreate>(); cause && cause->getError() == pcCreateCode::system)
+///             std::cerr << failure.what() << '\n';
+///     }
 class QEL_API pcXException : public virtual xthrowable
 {
     QEL_OBJECT(pcXException); // "proclib::XException"
@@ -53,7 +61,7 @@ public:
     [[noreturn]] static void Throw(pcCreateError error, unsigned long systemError = 0);
 
     pcCreateError getError() { return Error; }
-    /// The operating system's error number, for the code 3.
+    /// The operating system's error number, for pcCreateCode::system.
     unsigned long getSystemError() { return SystemError; }
     xstring getMsg() override;
 

@@ -16,6 +16,13 @@ QEL_ENUM(pcProcessStatus); // "proclib::ProcessStatus"
 /// library started. After that only its id, the exit code and the status (pcUninit) are available, and the
 /// other operations do nothing. Used by one thread at a time. Not counted: freed with xdelete, which closes
 /// it.
+///
+///     const auto list = qel::own(pcProcess::Create("ls -l", "/tmp", nullptr, nullptr, nullptr, 0, 0));
+///     const auto exited = qel::own(list->ExitEvent());
+///     if (exited->Wait(10s))
+///         std::cout << list->GetExitCode() << '\n';
+///     else
+///         list->Terminate();
 class QEL_API pcProcess : public virtual xobject
 {
     QEL_OBJECT(pcProcess); // "proclib::Process"
@@ -31,13 +38,15 @@ public:
     /// those from a terminal or pipe stay in this process. `ownGroup`: Interrupt and Terminate reach the
     /// programs that it starts, too, and the console's keys do not reach it. `detached` has no effect on
     /// Linux.
-    /// @throws pcXCreate  3: it cannot be started; 11 to 13: a stream cannot be passed, also because data
-    ///                    written to it cannot be flushed, or because bytes were read ahead from a pipe or a
-    ///                    connection; the streams stay open then
+    /// The caller owns the new object.
+    /// @throws pcXCreate  pcCreateCode::system: it cannot be started; badIn, badOut, badErr: a stream cannot be
+    ///                    passed, also because data written to it cannot be flushed, or because bytes were read
+    ///                    ahead from a pipe or a connection; the streams stay open then
     static pcProcess* Create(const char* command, const char* workDir, ioStream* in, ioStream* out,
                              ioStream* err, unsigned char ownGroup, unsigned char detached);
-    /// A process that runs, or has exited and was not waited for yet. Its exit code is left to its parent.
-    /// @throws pcXCreate  3: no such process
+    /// A process that runs, or has exited and was not waited for yet. Its exit code is left to its parent. The
+    /// caller owns the new object.
+    /// @throws pcXCreate  pcCreateCode::system: no such process
     static pcProcess* Open(int id);
     ~pcProcess() override;
     pcProcess(const pcProcess&) = delete;
@@ -76,6 +85,12 @@ private:
 };
 
 /// The exit of a process.
+///
+///     const auto sleeper = qel::own(pcProcess::Create("sleep 1", nullptr, nullptr, nullptr, nullptr, 0, 0));
+///     const auto exited = qel::own(sleeper->ExitEvent());
+///     qel::loop loop;
+///     loop.on(*exited, [&] { std::cout << exited->getProcess()->GetExitCode() << '\n', loop.stop(); });
+///     loop.run();
 class QEL_API pcEvent : public evtEvent
 {
     QEL_OBJECT(pcEvent); // "proclib::Event"

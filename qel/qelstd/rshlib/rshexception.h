@@ -8,6 +8,15 @@ QEL_ENUM(rshError); // "rshlib::Error"
 
 /// The base of the remote shell's failures. Thrown as an `xthrowable*`; not counted: the catcher frees it
 /// with xdelete.
+///
+///     try {
+///         const auto connection = qel::connect("rsh", 5s);
+///         qel::own(rshProcess::Create(connection.get(), "ls", nullptr, nullptr, nullptr, nullptr, 0, 0));
+///     } catch (xthrowable* thrown) {
+///         const qel::caught failure(thrown);
+///         if (failure.as<rshXProcess>())
+///             std::cerr << failure.what() << '\n'; // why the other end did not start it
+///     }
 class QEL_API rshXException : public virtual xthrowable
 {
     QEL_OBJECT(rshXException); // "rshlib::XException"

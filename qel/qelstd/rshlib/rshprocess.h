@@ -17,6 +17,13 @@ class rshEvent;
 ///
 /// Used by the one thread that owns it; each of its three streams by one thread. Not counted: freed with
 /// xdelete, which abandons a command that is still running.
+///
+///     const auto connection = qel::connect("rsh", 5s);
+///     const auto list =
+///         qel::own(rshProcess::Create(connection.get(), "ls -l", nullptr, nullptr, nullptr, nullptr, 0, 0));
+///     list->getStdin()->Close(); // no input
+///     list->getStdout()->setSerializer(ioSerializer::getAscii()); // as that of the standard output
+///     CopyStream(ioStream::getStdout(), list->getStdout());       // until the command has exited
 class QEL_API rshProcess : public netThread, public virtual xobject
 {
     QEL_OBJECT(rshProcess); // "rshlib::Process"
@@ -26,7 +33,8 @@ public:
     /// Runs `command` at the other end of `s`, in the directory `workDir` of that machine (null or empty:
     /// where the server runs it), by the user's shell there when `useShell` is 1. The caller keeps ownership
     /// of the streams; the thread uses them until it exits. A null stream is replaced by a pipe, see
-    /// getStdin. The last argument is not used. Null when the thread cannot be started.
+    /// getStdin. The last argument is not used. Null when the thread cannot be started. The caller owns the new
+    /// object.
     /// @throws rshXProcess  the other end could not start the command
     /// @throws ioXStream    the connection failed, or the answer limit has passed
     static rshProcess* Create(netSocketStream* s, const char* command, const char* workDir, ioStream* in,
@@ -86,6 +94,12 @@ private:
 };
 
 /// The event of a remote command's exit.
+///
+///     int exitCodeOf(rshProcess& command)
+///     {
+///         const auto exited = qel::own(command.ExitEvent());
+///         return exited->Wait(60s) ? exited->getProcess()->GetExitCode() : -1;
+///     }
 class QEL_API rshEvent : public evtEvent
 {
     QEL_OBJECT(rshEvent); // "rshlib::Event"
@@ -103,6 +117,16 @@ private:
 
 /// A connection to a remote shell server, with its user and host. Not counted: freed with xdelete, which
 /// frees the connection's stream.
+///
+///     class Connector : public rshConnection
+///     {
+///     public:
+///         explicit Connector(const char* host)
+///             : rshConnection(netServer::Connect(xrchandle(netAddress::Create("rsh", host)).get(), 5s),
+///                             sysGetCurUserName().CastToCString(), host)
+///         {
+///         }
+///     };
 class QEL_API rshConnection : public virtual xobject
 {
     QEL_OBJECT(rshConnection); // "rshlib::Connection"
@@ -116,7 +140,7 @@ public:
     rshConnection(const rshConnection&) = delete;
     rshConnection& operator=(const rshConnection&) = delete;
 
-    /// rshProcess::Create over this connection.
+    /// rshProcess::Create over this connection: the caller owns the new object.
     rshProcess* CreateProcessA(const char* command, const char* workDir, ioStream* in, ioStream* out,
                                ioStream* err, unsigned char useShell);
     xstring getUser() { return User; }

@@ -23,6 +23,17 @@ struct rshOutcome
 /// A request for a command, as received over a connection. A client may send it slowly or never complete it;
 /// servers that limit concurrent commands reserve a place only after Read has succeeded. Used by one thread
 /// at a time.
+///
+///     void serve(netSocketStream* client)
+///     {
+///         rshRequest request;
+///         if (!request.Read(client, 5, {}))
+///             return;
+///         if (request.isForShell())
+///             rshRequest::Refuse(client, "no shell here");
+///         else
+///             request.Execute(client, "/srv", nullptr);
+///     }
 class QEL_API rshRequest
 {
 public:
@@ -57,6 +68,11 @@ private:
 /// The command leads its own process group. The group is terminated when the client requests it, when the
 /// connection fails and when Terminate is called. Used by the one thread that owns it. Not counted: freed
 /// with xdelete, which stops the server and waits for it.
+///
+///     void serve(netSocketStream& client, evtEvent& stop)
+///     {
+///         rshServer::Execute(&client, "/srv", &stop); // in this thread, until the command has exited
+///     }
 class QEL_API rshServer : public netThread, public virtual xobject
 {
     QEL_OBJECT(rshServer); // "rshlib::Server"
@@ -66,7 +82,7 @@ public:
     /// Serves one request on `s` in a separate thread. The caller keeps ownership of `s` and must not use it
     /// before the exit event is signaled. A relative working directory is relative to `baseDir`; null or
     /// empty: to the current directory. The last argument is not used. Null when the thread cannot be
-    /// started.
+    /// started. The caller owns the new object.
     static rshServer* Create(netSocketStream* s, const char* baseDir, unsigned char reserved);
     ~rshServer() override;
 
@@ -104,6 +120,14 @@ private:
 };
 
 /// The event of a server's exit.
+///
+///     void serve(netSocketStream* client)
+///     {
+///         const auto server = qel::own(rshServer::Create(client, nullptr, 0));
+///         const auto exited = qel::own(server->ExitEvent());
+///         if (!exited->Wait(3600))
+///             exited->getServer()->Terminate();
+///     }
 class QEL_API rshServerEvent : public evtEvent
 {
     QEL_OBJECT(rshServerEvent); // "rshlib::ServerEvent"

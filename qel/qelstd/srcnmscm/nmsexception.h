@@ -11,6 +11,14 @@ class nmsRecord;
 // the caller keeps it; Print does not need it. Each is thrown by its Throw.
 
 /// The base of them.
+///
+///     try {
+///         const xrchandle<nmsServerProxy> server = nmsServerProxy::ConnectLocal();
+///     } catch (xthrowable* thrown) {
+///         const qel::caught failure(thrown);
+///         if (auto* const cause = failure.as<nmsXException>())
+///             cause->Print(std::cerr);
+///     }
 class QEL_API nmsXException : public virtual qelXExternFunc
 {
     QEL_OBJECT(nmsXException); // "nmsclib::XException"

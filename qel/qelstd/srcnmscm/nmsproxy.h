@@ -7,6 +7,10 @@
 #include <qel/recnms.h>
 
 /// The report of a failed request. Freed with `delete`.
+///
+///     const xrchandle<nmsServerProxy> server = nmsServerProxy::InitLocalProxy();
+///     if (const std::unique_ptr<nmsClientStatus> failure(server->Ping()); failure)
+///         std::cerr << *failure << '\n';
 class QEL_API nmsClientStatus
 {
 public:
@@ -37,12 +41,18 @@ QEL_API std::ostream& operator<<(std::ostream& os, const nmsClientStatus& status
 /// usable when its name server is restarted. Counted. The operations throw the exception that is named after
 /// them; the requests below them return a status, which the caller deletes, or null on success, and throw
 /// nothing.
+///
+///     const xrchandle<nmsServerProxy> server = nmsServerProxy::InitLocalProxy();
+///     const auto record = qel::make<nmsRecord>(1u); // while this process runs
+///     record->Add("service", "words");
+///     server->Register(record.get());
 class QEL_API nmsServerProxy : public virtual xobject
 {
     QEL_OBJECT(nmsServerProxy); // "nmsclib::ServerProxy", counted
 
 public:
-    /// A proxy for the name server of this machine, or of `host`. No connection is made.
+    /// A new proxy for the name server of this machine, or of `host`; the first handle that holds it owns it.
+    /// No connection is made.
     static nmsServerProxy* InitLocalProxy();
     static nmsServerProxy* InitProxy(const char* host);
     /// The same, after checking that the name server responds.
@@ -79,17 +89,17 @@ public:
         return setAnswerLimit(qelSeconds(limit));
     }
     /// The size limits of the reply to a query, as nmsSetAnswerBounds: initially 100,000 records and 64 MiB
-    /// of memory. A larger reply fails with code 8.
+    /// of memory. A larger reply fails with the code nmscInternal (<qel/base/nmswire.h> has all).
     static void setAnswerBounds(std::size_t records, std::size_t bytes);
 
-    // ---- requests
+    // ---- requests: each returns a new status, which the caller frees with `delete`, or null on success
 
     nmsClientStatus* Ping();
     nmsClientStatus* ImplShutdown();
     nmsClientStatus* ImplRegister(nmsRecord& record);
     /// Clears `out` and fills it with new records, and stores their number in `count`; both may be null. A
-    /// record that cannot be read ends the query with code 2, one beyond the bounds with code 8; those before
-    /// it are kept.
+    /// record that cannot be read ends the query with the code nmscNoConnection, one beyond the bounds with
+    /// nmscInternal; those before it are kept.
     nmsClientStatus* ImplQuery(nmsRecord& pattern, nmsRecordArray* out, int* count);
     /// `out` receives what could be read of the record that the server returned.
     nmsClientStatus* Version(nmsRecord& out);

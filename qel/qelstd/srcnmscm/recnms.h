@@ -12,6 +12,8 @@ QEL_API int GetIndependentInt(ioStream* s);
 
 /// The limits of a record. Each is 256, or a value from 1 to 255 in the registry key at the path `key` below
 /// the system root; null: no key.
+///
+///     std::cout << nmsRecordLimits::GetNumberOfFields(nullptr) << '\n'; // 256
 class QEL_API nmsRecordLimits
 {
 public:
@@ -29,6 +31,13 @@ private:
 
 /// A record of the name service: named texts, and the process that they belong to. Counted. Used by one
 /// thread at a time.
+///
+///     const auto record = qel::make<nmsRecord>(0u); // of no process: stays until it is deleted
+///     record->Add("service", "words");
+///     record->Add("room", "2");
+///     const auto pattern = qel::make<nmsRecord>(0u);
+///     pattern->Add("service", "words");
+///     std::cout << (record->Match(pattern.get()) != 0) << '\n'; // 1
 class QEL_API nmsRecord : public virtual xobject
 {
     QEL_OBJECT(nmsRecord); // "nmsclib::Record", counted
@@ -36,12 +45,13 @@ class QEL_API nmsRecord : public virtual xobject
 public:
     /// An empty record of the process with that id; 0: of no process, 1: of this process.
     explicit nmsRecord(unsigned int ownerPid);
-    /// A new one.
+    /// A new one, with the count 0: the first handle that holds it owns it.
     static nmsRecord* Create(int ownerPid);
 
     /// Sets a field; replaces the value of an existing one. Returns true.
     /// @throws qelXNotInitialized  `name` is not a text
     unsigned char Add(const char* name, const char* value);
+    /// Whether it has that field.
     unsigned char HasField(const char* name);
     /// Null when there is no such field.
     xstring GetFieldValueByName(const char* name);
@@ -73,6 +83,11 @@ private:
 };
 
 /// Records, as plain pointers: the array owns none of them. Counted.
+///
+///     const xrchandle<nmsServerProxy> server = nmsServerProxy::InitLocalProxy();
+///     const xrchandle<nmsRecordArray> found = server->Query(qel::make<nmsRecord>(0u).get()); // all
+///     for (const xrchandle<nmsRecord> record : *found)                                      // frees each
+///         std::cout << record->GetFieldValueByName("service") << '\n';
 class QEL_API nmsRecordArray : public xtssequence<nmsRecord*>
 {
     QEL_OBJECT(nmsRecordArray); // "nmsclib::RecordArray", counted

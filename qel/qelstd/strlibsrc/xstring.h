@@ -49,7 +49,18 @@ concept qelText = std::same_as<T, xstring> || qelTextClass<T> ||
 /// qelXNativeException, "xstring::GetMBSize: invalid wide string". A text of more than 2 GiB throws
 /// std::length_error. A member that throws leaves the string unchanged.
 ///
+/// Copying costs constant time, and so does appending a character on average. An index into the multibyte form
+/// costs time proportional to it, since characters are counted; searching and matching cost time proportional to
+/// the text.
+///
 /// One string object is used by one thread at a time; two copies may be used by two threads.
+///
+///     xstring greeting = "Grüße";
+///     const xstring shared = greeting; // shares the text until one of them is written to
+///     greeting += " aus Köln";
+///     std::cout << greeting.GetWord(2, " ") << ' ' << greeting.GetLength() << '\n'; // Köln 17
+///     if (xstring() == nullptr && xstring("") != nullptr)
+///         std::cout << "no text is not the empty text\n";
 class QEL_API xstring
 {
 public:

@@ -5,6 +5,9 @@
 #include <qel/qelexception.h>
 
 /// The base of the system library's failures. They are printed, not thrown. Not counted.
+///
+///     sysXCantPutEnv failure("no room", nullptr, "HOME");
+///     failure.Print(std::cerr);
 class QEL_API sysXException : public virtual qelXExternFunc
 {
     QEL_OBJECT(sysXException); // "syslib::XException"

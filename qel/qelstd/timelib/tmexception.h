@@ -8,6 +8,9 @@ class tmTime;
 
 /// The base of the time library's failures. They are not thrown: the library prints them and ends the
 /// process. Not counted.
+///
+///     tmXCantMakeTimeString failure("no room", nullptr, "%Y", nullptr);
+///     failure.Print(std::cerr);
 class QEL_API tmXException : public virtual qelXExternFunc
 {
     QEL_OBJECT(tmXException); // "timelib::XException"

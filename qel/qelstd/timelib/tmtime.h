@@ -34,6 +34,11 @@ struct tmCalendar
 /// A point in time: whole seconds since 1970-01-01 00:00:00 UTC. The accessors return fields of the local
 /// time. Not counted: the receiver frees it with xdelete. One object is used by one thread at a time;
 /// different objects, and the static operations, by any.
+///
+///     const auto now = qel::own(tmTime::CurrentTime());
+///     std::cout << now->toIso() << ", " << now->getHour() << " hours here\n";
+///     if (const auto day = tmTime::fromIso("2026-01-31")) // <qel/qelcpp.h>
+///         std::cout << *day + std::chrono::hours(24) - *now << " seconds\n";
 class QEL_API tmTime : public virtual xobject
 {
     QEL_OBJECT(tmTime); // "timelib::Time"

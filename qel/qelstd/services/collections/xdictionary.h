@@ -77,10 +77,12 @@ private:
     unsigned place = ~0u;
 };
 
-/// Maps texts to values of type T. Entries are accessible by key and by slot: walking a dictionary visits the
+/// Maps texts to values of type T. An operation by key costs constant time on average, whatever the keys.
+/// Entries are accessible by key and by slot: walking a dictionary visits the
 /// slots 0 to getarraysize() - 1, many of which are empty. Slot numbers are valid until the next removal or
 /// the next set of a new key. Slots are assigned by the first operation that needs them: an operation by slot
-/// may throw std::bad_alloc, with nothing changed. Keys are compared byte for byte; null and the marker
+/// may throw std::bad_alloc, with nothing changed, and
+/// costs time proportional to the number of entries. Keys are compared byte for byte; null and the marker
 /// pointers are not keys: they are never found. Null `out` pointers are accepted.
 ///
 /// Any number of threads may read at a time (`find`, `getcount`, `getarraysize`, `getkeybyindex`,
@@ -88,6 +90,13 @@ private:
 ///
 /// `for (const auto& [key, value] : *dictionary)` and the algorithms of the standard library visit the entries,
 /// not the slots, in an order that is not promised. Keys may be any kind of text.
+///
+///     const auto ages = xintdictionary::make({{"Ada", 36}, {"Blaise", 39}});
+///     ages->set("Charles", 79);
+///     if (int age; ages->find("Ada", &age))
+///         std::cout << age << '\n';
+///     for (const auto& [name, years] : *ages)
+///         std::cout << name << ' ' << years << '\n';
 template<class T>
 class xtbdictionary : public xobject, public xbasedictionary
 {
@@ -230,6 +239,13 @@ protected:
 };
 
 /// A dictionary of plain values: numbers and pointers. Pointers to objects are not counted.
+///
+///     class Offsets : public xtsdictionary<long>
+///     {
+///     };
+///
+///     xauto<Offsets> offsets;
+///     offsets.set("header", 4096);
 template<class T>
 class xtsdictionary : public xtbdictionary<T>
 {
@@ -258,6 +274,13 @@ private:
 
 /// A dictionary of values with constructors. Values of slots without an entry are in the default state, which
 /// owns nothing.
+///
+///     class Servers : public xtcdictionary<xrchandle<netAddress>>
+///     {
+///     };
+///
+///     xauto<Servers> servers;
+///     servers.set("words", netAddress::Create(7000, "localhost"));
 template<class T>
 class xtcdictionary : public xtbdictionary<T>
 {
@@ -304,7 +327,8 @@ private:
 
 // ---- the standard dictionaries
 
-// `make` and `create` as of the sequences: `xintdictionary::make({{"a", 1}, {"b", 2}})`.
+// `make` returns the handle that owns a new dictionary of the entries, `create` a new, empty one whose count is
+// 0: it is deleted with the first handle or variant that holds it, and by nothing if none ever does.
 
 template<class D>
 xrchandle<D> qelMakeDictOf(std::initializer_list<typename D::value_type> entries)
@@ -326,7 +350,7 @@ extern template class QEL_API xtsdictionary<double>;
 extern template class QEL_API xtcdictionary<xstring>;
 extern template class QEL_API xtcdictionary<xany>;
 
-/// Values are bools, as bytes.
+/// Values are bools, as bytes: `xbooldictionary::make({{"ready", true}})`.
 class QEL_API xbooldictionary : public xtsdictionary<unsigned char>
 {
     QEL_OBJECT(xbooldictionary); // "booleandict", counted
@@ -340,7 +364,7 @@ public:
     }
 };
 
-/// A dictionary of ints.
+/// A dictionary of ints: `xintdictionary::make({{"Ada", 36}})`.
 class QEL_API xintdictionary : public xtsdictionary<int>
 {
     QEL_OBJECT(xintdictionary); // "intdict", counted
@@ -354,7 +378,7 @@ public:
     }
 };
 
-/// A dictionary of reals.
+/// A dictionary of reals: `xrealdictionary::make({{"load", 0.5}})`.
 class QEL_API xrealdictionary : public xtsdictionary<double>
 {
     QEL_OBJECT(xrealdictionary); // "realdict", counted
@@ -369,6 +393,9 @@ public:
 };
 
 /// A dictionary of strings.
+///
+///     const auto capitals = xstringdictionary::make({{"France", "Paris"}});
+///     std::cout << capitals->value_or("Peru", "?") << '\n';
 class QEL_API xstringdictionary : public xtcdictionary<xstring>
 {
     QEL_OBJECT(xstringdictionary); // "stringdict", counted
@@ -383,6 +410,9 @@ public:
 };
 
 /// A dictionary of values of any kind.
+///
+///     const auto person = xanydictionary::make({{"name", "Ada"}, {"age", 36}});
+///     qelPrint(person, std::cout, 2);
 class QEL_API xanydictionary : public xtcdictionary<xany>
 {
     QEL_OBJECT(xanydictionary); // "anydict", counted

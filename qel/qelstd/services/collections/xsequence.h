@@ -187,7 +187,8 @@ private:
     std::ptrdiff_t at = 0;
 };
 
-/// A growable array of T with indices from 0. Every operation that takes an index throws qelXNegativeIndex
+/// A growable array of T with indices from 0. An element costs constant time, appending one too on average;
+/// inserting and removing costs time proportional to the elements behind. Every operation that takes an index throws qelXNegativeIndex
 /// for a negative one. An operation that would make the sequence too long throws qelXInvalidSeqIndex with the
 /// index (append: the index of the new element), before it changes anything.
 ///
@@ -199,6 +200,12 @@ private:
 ///
 /// `for (int n : *sequence)` and the algorithms of the standard library read it through `getarraysize` and
 /// `get`. Elements are copies: change them by `set`, or those of plain sequences through qel::span.
+///
+///     const auto primes = xintsequence::make({2, 3, 5}); // qel::list{2, 3, 5} with <qel/qelcpp.h>
+///     primes->append(7);
+///     primes->set(9, 29); // elements 4 to 8 are 0
+///     for (const int n : *primes)
+///         std::cout << n << '\n';
 template<class T>
 class QEL_API xtbsequence : public xobject, public xbasesequence
 {
@@ -286,6 +293,13 @@ private:
 };
 
 /// A sequence of plain values: numbers and pointers. Pointers to objects are not counted.
+///
+///     class Offsets : public xtssequence<long>
+///     {
+///     };
+///
+///     xauto<Offsets> offsets;
+///     offsets.append(4096);
 template<class T>
 class xtssequence : public xtbsequence<T>
 {
@@ -317,6 +331,13 @@ private:
 
 /// A sequence of values with constructors. Every slot of the whole capacity is constructed; unused slots are
 /// in the default state.
+///
+///     class Servers : public xtcsequence<xrchandle<netAddress>>
+///     {
+///     };
+///
+///     xauto<Servers> servers;
+///     servers.append(netAddress::Create(7000, "localhost"));
 template<class T>
 class xtcsequence : public xtbsequence<T>
 {
@@ -383,7 +404,7 @@ extern template class QEL_API xtssequence<double>;
 extern template class QEL_API xtcsequence<xstring>;
 extern template class QEL_API xtcsequence<xany>;
 
-/// Elements are bools, as bytes.
+/// Elements are bools, as bytes: `xboolsequence::make({true, false})`.
 class QEL_API xboolsequence : public xtssequence<unsigned char>
 {
     QEL_OBJECT(xboolsequence); // "booleanseq", counted
@@ -398,6 +419,9 @@ public:
 };
 
 /// Elements are ints.
+///
+///     const auto primes = xintsequence::make({2, 3, 5});
+///     std::cout << (*primes)[1] << '\n';
 class QEL_API xintsequence : public xtssequence<int>
 {
     QEL_OBJECT(xintsequence); // "intseq", counted
@@ -411,7 +435,7 @@ public:
     }
 };
 
-/// Elements are reals.
+/// Elements are reals: `xrealsequence::make({0.5, 1.5})`.
 class QEL_API xrealsequence : public xtssequence<double>
 {
     QEL_OBJECT(xrealsequence); // "realseq", counted
@@ -426,6 +450,9 @@ public:
 };
 
 /// Elements are strings.
+///
+///     const auto words = xstringsequence::make({"alpha", "beta"});
+///     std::cout << words->get(1) << '\n';
 class QEL_API xstringsequence : public xtcsequence<xstring>
 {
     QEL_OBJECT(xstringsequence); // "stringseq", counted
@@ -441,6 +468,9 @@ public:
 };
 
 /// Elements are values of any kind.
+///
+///     const auto row = xanysequence::make({"alpha", 1, 2.5, nullptr});
+///     qelPrint(row, std::cout, -1);
 class QEL_API xanysequence : public xtcsequence<xany>
 {
     QEL_OBJECT(xanysequence); // "anyseq", counted

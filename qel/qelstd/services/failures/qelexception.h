@@ -41,6 +41,14 @@ private:                      \
     }
 
 /// The base of the framework's exceptions.
+///
+///     try {
+///         xintsequence::make({1, 2, 3})->get(7);
+///     } catch (xthrowable* thrown) {
+///         const qel::caught failure(thrown);
+///         if (const auto* const range = failure.as<qelXInvalidSeqIndex>())
+///             std::cerr << "no element " << range->getIndex() << '\n';
+///     }
 class QEL_API qelXException : public virtual xthrowable
 {
     QEL_OBJECT(qelXException); // "qellib::XException"

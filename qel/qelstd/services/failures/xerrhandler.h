@@ -8,6 +8,16 @@ using xerhstatus = int;
 
 /// A listener for reported errors. A subclass implements onError; the destructor removes the listener from
 /// the handler's list.
+///
+///     class Log final : public xerrlistener
+///     {
+///         xerhstatus onError(const char*, xrcunihandle<xthrowable> error, xrcunihandle<xobject>,
+///                            xrcunihandle<xobject>) override
+///         {
+///             std::clog << qelTextOf(error.get()) << '\n';
+///             return 1; // handled
+///         }
+///     };
 class QEL_API xerrlistener
 {
 public:
@@ -23,6 +33,18 @@ protected:
 /// The process-wide list of error listeners. The library itself reports only failures of the asynchronous
 /// requests of servers, from the threads in which the servers run, one at a time. Nothing is locked: callers
 /// on several threads must serialize their calls.
+///
+///     struct Quiet final : xerrlistener
+///     {
+///         xerhstatus onError(const char*, xrcunihandle<xthrowable>, xrcunihandle<xobject>,
+///                            xrcunihandle<xobject>) override
+///         {
+///             return 1;
+///         }
+///     };
+///
+///     static Quiet quiet;
+///     xerrhandler::addlistener(&quiet);
 class QEL_API xerrhandler
 {
 public:

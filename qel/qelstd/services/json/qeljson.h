@@ -12,7 +12,15 @@
 #include <qel/xstring.h>
 
 /// A text that is not JSON, or not the JSON of the expected type; or a value without a JSON form. The
-/// description has all that the attributes say.
+/// description has all that the attributes say. Counted.
+///
+///     try {
+///         qel::json::read<xintsequence>("[1, \"two\"]");
+///     } catch (xthrowable* thrown) {
+///         const qel::caught failure(thrown);
+///         if (auto* const cause = failure.as<qelXJson>())
+///             std::cerr << cause->getPath() << ": expected " << cause->getExpected() << '\n';
+///     }
 class QEL_API qelXJson : public virtual qelXException
 {
     QEL_OBJECT(qelXJson); // "qellib::XJson"
@@ -32,7 +40,12 @@ public:
                                    const char* found);
 };
 
-/// Values as JSON (RFC 8259) and back, according to their descriptors. docs/json.md describes the form.
+/// Values as JSON (RFC 8259) and back, according to their descriptors, in time proportional to the text.
+/// docs/json.md describes the form.
+///
+///     const auto person = xanydictionary::make({{"name", "Ada"}, {"age", 36}});
+///     qel::json::write(person, std::cout);
+///     const auto back = qel::json::read<xanydictionary>(R"({"name": "Ada"})");
 namespace qel::json {
 
 /// Treatment of NaN and the infinities, which JSON does not have: an error, or null.

@@ -11,14 +11,20 @@
 
 // The table in which a class states, in one place, its facts for the type system:
 //
+//     class Person : public virtual xobject
+//     {
+//         QEL_OBJECT(Person);
+//         QEL_PROPERTY(xstring, Name);
+//         QEL_PROPERTY(int, Age);
+//     };
+//
 //     constinit qelClass Person::rtti = {
 //         .name    = "people::Person",
 //         .counted = true,
-//         .parents = {QEL_PARENT(Being)},
 //         .attrs   = {QEL_ATTR(Name), QEL_ATTR(Age, qelOptional)},
 //     };
 //
-// It accompanies `QEL_OBJECT(Person);` in the class body. The descriptor, the casts and the attribute readers
+// `.parents = {QEL_PARENT(Being)}` names a base other than xobject. The descriptor, the casts and the attribute readers
 // are derived from it. QEL_ATTR(Age) reads through the accessor getAge() and takes the attribute's type from
 // the return type: int, unsigned char (a bool), double, xstring, xany, an enumeration with QEL_ENUM, or a
 // pointer or handle to an exposed class. The optional hook `_s11n_setAge(value)` sets the attribute when an

@@ -18,6 +18,12 @@ concept qelOtherNumber = std::is_arithmetic_v<N> && !std::is_same_v<N, int> && !
 /// variant). It has the layout of `__xany_c`. A string payload owns one reference to its buffer, an object
 /// payload one counted reference; an object that was never attached is destroyed with the variant. Each
 /// variant is used by one thread at a time.
+///
+///     xany answer;                // uninit
+///     answer = "forty-two";       // a string
+///     answer = 42;                // an int
+///     if (answer.getKind() == xanyInt)
+///         std::cout << static_cast<int>(answer) << '\n';
 class QEL_API xany
 {
 public:

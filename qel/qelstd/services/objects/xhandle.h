@@ -94,6 +94,11 @@ std::strong_ordering operator<=>(const xrcbasehandle<T>& a, std::type_identity_t
 /// classes; `T` may be const. Attach an object that must outlive a temporary handle first: a new object is
 /// deleted when its first handle releases it. Each handle is used by one thread at a time; the objects may be
 /// shared.
+///
+///     const auto words = qel::make<xstringsequence>(); // the one reference
+///     words->append("alpha");
+///     const xrchandle<xobject> other = words;          // a second one
+///     std::cout << (other == words) << '\n';           // 1: the same object
 template<class T>
 class xrchandle : public xrcbasehandle<T>
 {
@@ -170,6 +175,10 @@ private:
 /// A handle for objects of any class: it owns a counted reference when the object's class is countable, and
 /// only refers to the object otherwise. Its destructor reads its own flag, never an object that may have been
 /// freed.
+///
+///     const auto pipe = qel::own(ioPipe::Create());
+///     const xrcunihandle<xobject> counted = xintsequence::create(); // owns a reference
+///     const xrcunihandle<xobject> refers = pipe.get();              // owns nothing; not to be used after `pipe`
 template<class T>
 class xrcunihandle : public xrcbasehandle<T>
 {
@@ -241,6 +250,10 @@ private:
 
 /// A T in automatic or member storage: handles may point to it, and releasing the last reference sets its
 /// count back to 0 instead of deleting it. It must outlive the handles.
+///
+///     xauto<xintsequence> numbers; // on the stack
+///     numbers.append(42);
+///     const xrchandle<xintsequence> handle = &numbers; // does not delete it
 template<class T>
 class xauto : public T
 {

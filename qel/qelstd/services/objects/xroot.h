@@ -58,6 +58,11 @@ inline xobject* qelObjectOf(T* p)
 /// of which releases the next in its destructor, those more than 200 levels deep are deleted after the
 /// releases leading to them have returned, but before the outermost release returns. Copying an object does
 /// not copy its count.
+///
+///     xobject* const words = xstringsequence::create(); // the count is 0
+///     const xrchandle<xobject> owner = words;           // 1: the handle's reference
+///     if (words->isKindOf(xstringsequence::getClassRtti()))
+///         std::cout << words->getQelTypeName() << '\n'; // "stringseq"
 class QEL_API xobject
 {
 public:
@@ -192,6 +197,12 @@ inline void xrcunirelease(xobject* p)
 
 /// Keeps an object alive while a block reads it, and never deletes it: the count of an object that has not
 /// been attached yet is 0 again afterwards. Null and xuninitobj are ignored.
+///
+///     xany sizeOf(xstringsequence* words)
+///     {
+///         const qelReadHold hold(words); // may be new: no handle may delete it on the way
+///         return words->getarraysize();
+///     }
 class QEL_API qelReadHold
 {
 public:

@@ -16,6 +16,9 @@ using xrttigetter = xany (*)(xobject* owner);
 /// build its own descriptors with the constructors and `initialize`; array arguments are kept by pointer, and
 /// qelRttiAddToMap registers the result. Once registered, a descriptor may be used from any thread. On a
 /// descriptor, isSameAs and isKindOf concern the type that it describes.
+///
+///     if (xrtti* const type = qelRttiGetFromMap("filelib::NodeInfo"))
+///         std::cout << type->getName() << (type->isKindOf(qelGetRtti_object()) ? ", a class\n" : "\n");
 class QEL_API xrtti : public virtual xobject
 {
     QEL_OBJECT(xrtti);
@@ -63,6 +66,10 @@ public:
 
 /// The descriptor of an enumeration: label i names value i. The number of labels, as a value, stands for
 /// null.
+///
+///     xrttienum* const kinds = qelGetRtti_fsNodeType();
+///     for (int i = 0; i < kinds->getNValues(); ++i)
+///         std::cout << kinds->mapIntToString(i) << '\n'; // fsFile, fsDirectory, fsSoftLink
 class QEL_API xrttienum : public virtual xrtti
 {
     QEL_OBJECT(xrttienum);
@@ -73,7 +80,7 @@ public:
     virtual int getNValues();
     /// Returns the label of `value`, or the null string when it has none.
     virtual xstring mapIntToString(int value);
-    /// Returns the value that `label` names, or xnullint.
+    /// Returns the value that `label` names, or xnullint. Compares it with each label in order.
     virtual int mapStringToInt(const char* label);
 
 private:
@@ -82,6 +89,10 @@ private:
 };
 
 /// The descriptor of a class of framework objects.
+///
+///     xrttiobject* const type = object->getRtti();
+///     for (int i = 0; i < type->getNParents(); ++i)
+///         std::cout << type->getParent(i)->getName() << '\n';
 class QEL_API xrttiobject : public virtual xrtti
 {
     QEL_OBJECT(xrttiobject);
@@ -130,6 +141,12 @@ private:
 };
 
 /// The descriptor of a class with named attributes.
+///
+///     if (xrttistruct* const type = xrttistruct::softcast(object->getRtti()))
+///         for (int i = 0; i < type->getNAttrs(); ++i) {
+///             xrttiattr* const attr = type->getAttr(i);
+///             std::cout << attr->getName() << " = " << attr->getValue(object) << '\n';
+///         }
 class QEL_API xrttistruct : public virtual xrttiobject
 {
     QEL_OBJECT(xrttistruct);
@@ -144,7 +161,7 @@ public:
     virtual int getNAttrs();
     /// Returns the i-th own attribute in order of declaration, or null.
     virtual xrttiattr* getAttr(int i);
-    /// Returns the own attribute `attrName`; if there is none and `inherited` is set, that of the first
+    /// Compares the names of the attributes in order. Returns the own attribute `attrName`; if there is none and `inherited` is set, that of the first
     /// parent in order that has it; else null.
     /// @throws qelXTypeMismatch  a searched parent is not a structure
     virtual xrttiattr* findAttr(const char* attrName, unsigned char inherited);
@@ -155,6 +172,9 @@ private:
 };
 
 /// The descriptor of a class that is an array of fixed shape.
+///
+///     if (xrttiarray* const type = xrttiarray::softcast(object->getRtti()))
+///         std::cout << type->getElemValue(object, xintsequence::make({0, 1})) << '\n'; // row 0, column 1
 class QEL_API xrttiarray : public virtual xrttiobject
 {
     QEL_OBJECT(xrttiarray);
@@ -189,6 +209,10 @@ private:
 };
 
 /// The descriptor of a class that is a sequence of elements.
+///
+///     if (xrttisequence* const type = xrttisequence::softcast(object->getRtti()))
+///         for (int i = 0; i < type->getSize(object); ++i)
+///             std::cout << type->getElemValue(object, i) << '\n';
 class QEL_API xrttisequence : public virtual xrttiobject
 {
     QEL_OBJECT(xrttisequence);
@@ -219,6 +243,11 @@ private:
 
 /// The descriptor of a class that maps string keys to elements. Elements are also accessible by index: a
 /// position in the table, from 0 to getSize() - 1, which may be empty.
+///
+///     xany age;
+///     if (xrttidictionary* const type = xrttidictionary::softcast(object->getRtti()))
+///         if (type->findElemValue(object, "age", &age))
+///             std::cout << age << '\n';
 class QEL_API xrttidictionary : public virtual xrttiobject
 {
     QEL_OBJECT(xrttidictionary);
@@ -255,6 +284,12 @@ private:
 };
 
 /// The descriptor of a discriminated union: an int or enumeration selects the member that is present.
+///
+///     if (xrttiunion* const type = xrttiunion::softcast(object->getRtti())) {
+///         const xany label = type->getDiscr()->getValue(object);
+///         if (xrttiattr* const member = type->mapLabelToAttr(label, true))
+///             std::cout << member->getName() << " = " << member->getValue(object) << '\n';
+///     }
 class QEL_API xrttiunion : public virtual xrttiobject
 {
     QEL_OBJECT(xrttiunion);

@@ -3,6 +3,13 @@
 #include <qel/xhandle.h>
 
 /// The base of every exception that the framework throws.
+///
+///     try {
+///         stream.WriteInt(42);
+///     } catch (xthrowable* thrown) {
+///         const qel::caught failure(thrown); // frees it
+///         std::cerr << failure.what() << '\n';
+///     }
 class QEL_API xthrowable : public xobject
 {
 public:

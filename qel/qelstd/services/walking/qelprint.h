@@ -14,6 +14,10 @@ inline constexpr qelWholeText qelWhole;
 /// Writes reported values as human-readable text: each part on its own line, terminated with std::endl before
 /// the next begins, the parts of a compound value between braces and indented; with the step -1 all on one
 /// line. Throws only what the stream throws. Subclasses may write to the stream between the operations.
+///
+///     qelPrintTraverser print(std::cout, 2);
+///     qelTraverse(value, &print);
+///     std::cout << std::endl;
 class QEL_API qelPrintTraverser : public qelTraverser
 {
 public:
@@ -73,11 +77,13 @@ private:
 
 /// Writes `value` to `stream` as a qelPrintTraverser does, without a line break before or after it:
 ///
-///     people::Person
-///     {
-///       Name : "h"
-///       Age : 80
-///     }
+/// ```text
+/// people::Person
+/// {
+///   Name : "h"
+///   Age : 80
+/// }
+/// ```
 ///
 /// An object that was never attached is destroyed with `value`.
 QEL_API void qelPrint(xany value, std::ostream& stream, int spaces);

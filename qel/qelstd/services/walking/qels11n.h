@@ -8,6 +8,10 @@ class xanydictionary;
 /// The state of one serialization operation: the root object, and values through which the engine and the
 /// objects being rebuilt exchange information. It belongs to one operation on one thread; it shares ownership
 /// of its values, which may outlive it.
+///
+///     qelS11nContext context;
+///     context.setUserData("folder", "/srv/data");
+///     std::cout << context.getUserData("folder") << '\n';
 class QEL_API qelS11nContext
 {
 public:
@@ -36,6 +40,15 @@ private:
 };
 
 /// Base of classes whose instances depend on the context in which they are rebuilt. Not reference countable.
+///
+///     class Setting : public qelS11nContextSensitive
+///     {
+///     public:
+///         void rebuild(qelS11nContext& context) { folder = context.getUserData("folder"); }
+///
+///     private:
+///         xany folder;
+///     };
 class QEL_API qelS11nContextSensitive : public virtual xobject
 {
     QEL_OBJECT(qelS11nContextSensitive); // "qelS11nContextSensitive"

@@ -21,6 +21,15 @@ constexpr int qelTraverseDepth = 10000;
 /// are reported. `attr` and `index` belong to the walk.
 ///
 /// Exceptions thrown by an operation pass through qelTraverse.
+///
+///     // Counts the strings of a value: qelPrintTraverser has every operation, so one is enough here.
+///     class Strings : public qelPrintTraverser
+///     {
+///     public:
+///         explicit Strings(std::ostream& unused) : qelPrintTraverser(unused, -1) {}
+///         void simpleValue(xany value) override { count += value.getKind() == xanyString; }
+///         int count = 0;
+///     };
 class QEL_API qelTraverser
 {
 public:
@@ -85,7 +94,8 @@ protected:
     ~qelTraverser() = default;
 };
 
-/// Walks `value` according to its descriptors, and reports all of it to `visitor`. Exceptions met while
+/// Walks `value` according to its descriptors, and reports all of it to `visitor`, in time proportional to its
+/// parts. Exceptions met while
 /// reading values are reported, and the walk continues without the value. An object is walked wherever it
 /// occurs, unless it contains itself. Neither the visitor nor the objects may change meanwhile. An object
 /// that was never attached is destroyed with `value`.
