@@ -60,34 +60,33 @@ void copyText(C* to, const C* from, std::size_t length)
 } // namespace
 
 template<typename C>
-C* btkStrBuf::first()
-{
-    return reinterpret_cast<C*>(this + 1);
-}
-
-template<typename C>
 C* btkStrBuf::textOf(Produced* form)
 {
     return reinterpret_cast<C*>(form + 1);
 }
 
 template<typename C>
+btkStrBuf* btkStrBuf::Make(std::size_t block)
+{
+    return new (requireMemory(std::malloc(block))) btkStrBuf(wideForm<C>, roomIn(block));
+}
+
+template<typename C>
 btkStrBuf* btkStrBuf::Alloc(std::size_t size, C** text)
 {
-    const std::size_t block = blockSize(std::max(size, sizeof(C)));
-    btkStrBuf* const buffer = new (requireMemory(std::malloc(block))) btkStrBuf(wideForm<C>, roomIn(block));
-    *text = buffer->first<C>();
+    btkStrBuf* const buffer = Make<C>(blockSize(std::max(size, sizeof(C))));
+    *text = buffer->Created<C>();
     **text = 0;
     return buffer;
 }
 
 template<typename C>
-btkStrBuf* btkStrBuf::Create(const C* text, std::size_t length, C** copy)
+btkStrBuf* btkStrBuf::Create(const C* text, std::size_t length)
 {
     // Keeps the size computation below from overflowing.
     requireSize(length);
-    btkStrBuf* const buffer = Alloc((length + 1) * sizeof(C), copy);
-    copyText(*copy, text, length);
+    btkStrBuf* const buffer = Make<C>(blockSize((length + 1) * sizeof(C)));
+    copyText(buffer->Created<C>(), text, length);
     buffer->length = static_cast<std::uint32_t>(length);
     return buffer;
 }
@@ -98,9 +97,9 @@ btkStrBuf::Produced* btkStrBuf::produce()
 {
     std::size_t size;
     if constexpr (wideForm<C>)
-        size = btkMBToWCLength(first<char>(), length);
+        size = btkMBToWCLength(Created<char>(), length);
     else
-        size = btkWCToMBLength(first<unsigned short>(), length);
+        size = btkWCToMBLength(Created<unsigned short>(), length);
     if (size == btkNoLength)
         return nullptr;
     const std::size_t bytes = (size + 1) * sizeof(C);
@@ -108,9 +107,9 @@ btkStrBuf::Produced* btkStrBuf::produce()
     void* const block = requireMemory(std::malloc(sizeof(Produced) + bytes));
     Produced* const form = new (block) Produced{static_cast<std::uint32_t>(size)};
     if constexpr (wideForm<C>)
-        btkMBToWC(first<char>(), length, textOf<C>(form));
+        btkMBToWC(Created<char>(), length, textOf<C>(form));
     else
-        btkWCToMB(first<unsigned short>(), length, textOf<C>(form));
+        btkWCToMB(Created<unsigned short>(), length, textOf<C>(form));
     textOf<C>(form)[size] = 0;
     return form;
 }
@@ -119,7 +118,7 @@ template<typename C>
 btkStrBuf* btkStrBuf::Get(C** text)
 {
     if (isWide == wideForm<C>) {
-        *text = first<C>();
+        *text = Created<C>();
         return this;
     }
     Produced* form = other.GetAcquire();
@@ -156,12 +155,12 @@ btkStrBuf* btkStrBuf::Resize(std::size_t size, C** text, bool keep)
 {
     if (isWide == wideForm<C> && references.GetAcquire() == 1) {
         if (size <= capacity) {
-            *text = first<C>();
+            *text = Created<C>();
             return this;
         }
         if (keep) {
             btkStrBuf* const buffer = grow(size);
-            *text = buffer->first<C>();
+            *text = buffer->Created<C>();
             return buffer;
         }
     }
@@ -185,7 +184,7 @@ btkStrBuf* btkStrBuf::Resize(std::size_t size, C** text, bool keep)
 template<typename C>
 void btkStrBuf::Commit()
 {
-    C* const text = first<C>();
+    C* const text = Created<C>();
     const std::size_t most = capacity / sizeof(C) - 1;
     Commit<C>(boundedLength(text, most));
 }
@@ -193,7 +192,7 @@ void btkStrBuf::Commit()
 template<typename C>
 void btkStrBuf::Commit(std::size_t newLength)
 {
-    first<C>()[newLength] = 0;
+    Created<C>()[newLength] = 0;
     length = static_cast<std::uint32_t>(newLength);
     dropOther();
 }
@@ -213,7 +212,7 @@ bool btkStrBuf::AppendInPlace(const C* text, std::size_t size)
         size >= capacity / sizeof(C) - length)
         return false;
     setLimit();
-    copyText(first<C>() + length, text, size);
+    copyText(Created<C>() + length, text, size);
     length += static_cast<std::uint32_t>(size);
     return true;
 }
@@ -230,18 +229,18 @@ void btkStrBuf::Lock(char** mb, unsigned short** wide)
     Lock();
     Produced* const form = other.GetAcquire();
     if (mb != nullptr)
-        *mb = !isWide ? first<char>() : form != nullptr ? textOf<char>(form) : nullptr;
+        *mb = !isWide ? Created<char>() : form != nullptr ? textOf<char>(form) : nullptr;
     if (wide != nullptr)
-        *wide = isWide ? first<unsigned short>() : form != nullptr ? textOf<unsigned short>(form) : nullptr;
+        *wide = isWide ? Created<unsigned short>() : form != nullptr ? textOf<unsigned short>(form) : nullptr;
 }
 
-#define BTK_INSTANTIATE(C)                                                      \
-    template BASE_API btkStrBuf* btkStrBuf::Alloc(std::size_t, C**);            \
-    template BASE_API btkStrBuf* btkStrBuf::Create(const C*, std::size_t, C**); \
-    template BASE_API btkStrBuf* btkStrBuf::Get(C**);                           \
-    template BASE_API btkStrBuf* btkStrBuf::Resize(std::size_t, C**, bool);     \
-    template BASE_API void btkStrBuf::Commit<C>();                              \
-    template BASE_API void btkStrBuf::Commit<C>(std::size_t);                   \
+#define BTK_INSTANTIATE(C)                                                  \
+    template BASE_API btkStrBuf* btkStrBuf::Alloc(std::size_t, C**);        \
+    template BASE_API btkStrBuf* btkStrBuf::Create(const C*, std::size_t);  \
+    template BASE_API btkStrBuf* btkStrBuf::Get(C**);                       \
+    template BASE_API btkStrBuf* btkStrBuf::Resize(std::size_t, C**, bool); \
+    template BASE_API void btkStrBuf::Commit<C>();                          \
+    template BASE_API void btkStrBuf::Commit<C>(std::size_t);               \
     template BASE_API bool btkStrBuf::AppendInPlace(const C*, std::size_t);
 BTK_INSTANTIATE(char)
 BTK_INSTANTIATE(unsigned short)

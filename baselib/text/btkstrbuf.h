@@ -34,7 +34,14 @@ public:
 
     /// Returns a new buffer with a copy of `length` bytes or units of `text`, which contain no zero.
     template<typename C>
-    static btkStrBuf* Create(const C* text, std::size_t length, C** copy);
+    static btkStrBuf* Create(const C* text, std::size_t length);
+
+    /// Returns the text of the form that the buffer was created in.
+    template<typename C>
+    C* Created()
+    {
+        return reinterpret_cast<C*>(this + 1);
+    }
 
     /// Stores the address of a form, which is produced first when it is missing. Returns the buffer that the
     /// caller now holds in place of this one. Null, with nothing stored, when a wide text has an unpaired
@@ -106,7 +113,7 @@ public:
         const std::uint32_t end = length;
         if (end >= limit.Get())
             return false;
-        char* const place = reinterpret_cast<char*>(this + 1) + end;
+        char* const place = Created<char>() + end;
         place[0] = c;
         place[1] = 0;
         length = end + 1;
@@ -138,9 +145,9 @@ private:
     void dropOther();
     void setLimit() { limit.Set(isWide ? 0 : capacity - 1); }
     btkStrBuf* grow(std::size_t size);
-
     template<typename C>
-    C* first();
+    static btkStrBuf* Make(std::size_t block);
+
     template<typename C>
     static C* textOf(Produced* form);
     template<typename C>

@@ -19,14 +19,12 @@ using Holder = std::unique_ptr<btkStrBuf, Unlock>;
 
 Holder hold(const char* text)
 {
-    char* mb;
-    return Holder(btkStrBuf::Create(text, std::strlen(text), &mb));
+    return Holder(btkStrBuf::Create(text, std::strlen(text)));
 }
 
 Holder hold(const WideText& text)
 {
-    unsigned short* wide;
-    return Holder(btkStrBuf::Create<unsigned short>(text, wideLength(text), &wide));
+    return Holder(btkStrBuf::Create<unsigned short>(text, wideLength(text)));
 }
 
 Holder share(const Holder& held)
@@ -210,7 +208,7 @@ TEST(btkStrBuf, RejectsSizesBeyondItsLimitUnchanged)
     unsigned short* wide;
     for (const std::size_t size : {std::size_t(1) << 31, std::size_t(1) << 32, ~std::size_t(0)}) {
         EXPECT_THROW(btkStrBuf::AllocMB(size, &mb), std::length_error);
-        EXPECT_THROW(btkStrBuf::Create("x", size, &mb), std::length_error);
+        EXPECT_THROW(btkStrBuf::Create("x", size), std::length_error);
         EXPECT_THROW(held->ResizeMB(size, &mb, true), std::length_error);
         EXPECT_THROW(held->ResizeMB(size, &mb, false), std::length_error);
         EXPECT_THROW(held->ResizeWC(size, &wide, true), std::length_error);

@@ -82,7 +82,6 @@ inline xstring ioMakeString(const char* bytes, std::size_t length)
     const std::size_t used = length == 0 ? 0 : btkLengthWithin(bytes, length);
     if (used == 0)
         return xstring("");
-    char* text = nullptr;
-    btkStrBuf* const buffer = btkStrBuf::Create(bytes, used, &text);
-    return xstring::Adopt({buffer, text, nullptr});
+    btkStrBuf* const buffer = btkStrBuf::Create(bytes, used);
+    return xstring::Adopt({buffer, buffer->Created<char>(), nullptr});
 }

@@ -11,7 +11,7 @@
 namespace {
 
 /// Never freed: static strings may hold it until the process exits.
-btkStrBuf* emptyBuffer()
+[[gnu::noinline]] btkStrBuf* emptyBuffer()
 {
     static btkStrBuf* const empty = [] {
         char* mb;
@@ -37,14 +37,14 @@ void xstring::setEmpty()
 // ---- construction
 
 template<typename C>
-void xstring::Form<C>::createTruncated(xstring& s, const C* whole, int from, int to)
+void xstring::Form<C>::fillTruncated(xstring& null, const C* whole, int from, int to)
 {
     if (!qelIsText(whole))
         return;
     from = std::max(from, 0);
     const C* const start = whole + btkStringPrefixLength(whole, static_cast<std::size_t>(from));
     const std::size_t characters = static_cast<std::size_t>(to > from ? to - from : 0);
-    create(s, start, to < 0 ? Strlen(start) : btkStringPrefixLength(start, characters));
+    fill(null, start, to < 0 ? Strlen(start) : btkStringPrefixLength(start, characters));
 }
 
 template<typename C>
@@ -69,23 +69,23 @@ void xstring::Form<C>::concatenate(xstring& s, const C* a, const C* b)
 void xstring::CreateFromString(const char* text)
 {
     if (qelIsText(text))
-        Form<char>::create(*this, text, Strlen(text));
+        Form<char>::fill(*this, text, Strlen(text));
 }
 
 void xstring::CreateFromWString(const unsigned short* text)
 {
     if (qelIsText(text))
-        Form<unsigned short>::create(*this, text, Strlen(text));
+        Form<unsigned short>::fill(*this, text, Strlen(text));
 }
 
 void xstring::CreateFromStringTruncated(const char* text, int from, int to)
 {
-    Form<char>::createTruncated(*this, text, from, to);
+    Form<char>::fillTruncated(*this, text, from, to);
 }
 
 void xstring::CreateFromWStringTruncated(const unsigned short* text, int from, int to)
 {
-    Form<unsigned short>::createTruncated(*this, text, from, to);
+    Form<unsigned short>::fillTruncated(*this, text, from, to);
 }
 
 xstring::xstring(const char* text)
@@ -100,7 +100,7 @@ xstring::xstring(const unsigned short* text)
 
 xstring::xstring(std::string_view text)
 {
-    Form<char>::create(*this, text.data(), std::min(text.find('\0'), text.size()));
+    Form<char>::fill(*this, text.data(), std::min(text.find('\0'), text.size()));
 }
 
 xstring::xstring(const char16_t* text)
@@ -179,7 +179,7 @@ void xstring::Form<C>::assign(xstring& s, const C* from)
     const std::size_t size = Strlen(from);
     // If this string's buffer cannot be written to, or the text is part of it, copy first.
     if (size == 0 || s.buffer == nullptr || text(s) == nullptr || contains(s, from)) {
-        create(s, from, size);
+        s = make(from, size);
         return;
     }
     C* written;
@@ -209,7 +209,7 @@ void xstring::Form<C>::append(xstring& s, const C* more, std::size_t size)
     if (size == 0)
         return;
     if (s.buffer == nullptr) {
-        create(s, more, size);
+        fill(s, more, size);
         return;
     }
     if (s.buffer->AppendInPlace(more, size))

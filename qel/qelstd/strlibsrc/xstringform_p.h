@@ -55,23 +55,21 @@ struct xstring::Form
             s.take(buffer, written, nullptr);
     }
 
-    /// Becomes a copy of the text, which contains no zero and may be part of this string. The string may be
-    /// null.
-    static void create(xstring& s, const C* from, std::size_t length)
+    /// Makes a null string a copy of the text, which contains no zero.
+    static void fill(xstring& null, const C* from, std::size_t length)
     {
         if (length == 0) {
-            s.setEmpty();
+            null.setEmpty();
             return;
         }
-        C* copy;
-        btkStrBuf* const buffer = btkStrBuf::Create(from, length, &copy);
-        take(s, buffer, copy);
+        null.buffer = btkStrBuf::Create(from, length);
+        setWritten(null, null.buffer->Created<C>());
     }
 
     static xstring make(const C* from, std::size_t length)
     {
         xstring made;
-        create(made, from, length);
+        fill(made, from, length);
         return made;
     }
 
@@ -106,7 +104,7 @@ struct xstring::Form
     }
 
     // The members of xstring that have two widths.
-    static void createTruncated(xstring& s, const C* whole, int from, int to);
+    static void fillTruncated(xstring& null, const C* whole, int from, int to);
     static xstring part(const xstring& s, int from, int to);
     static void concatenate(xstring& s, const C* a, const C* b);
     static void assign(xstring& s, const C* from);

@@ -69,7 +69,7 @@ bool xstring::ToDouble(double* out) const
 template<typename Map>
 xstring xstring::mapped(Map map) const
 {
-    if (GetLength() == 0)
+    if (empty())
         return *this;
     return askText([&]<typename C>(const C* text) {
         xstring copy = Form<C>::make(text, Form<C>::length(*this));
@@ -107,7 +107,7 @@ xstring xstring::Form<C>::part(const xstring& s, int from, int to)
 
 xstring xstring::Substring(int from, int to) const
 {
-    if (GetLength() == 0)
+    if (empty())
         return *this;
     return askText([=, this]<typename C>(const C*) { return Form<C>::part(*this, from, to); });
 }

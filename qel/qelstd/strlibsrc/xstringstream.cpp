@@ -36,7 +36,7 @@ xstring& xstring::operator=(std::strstream& stream)
     // A full array has no terminator.
     const char* const text = frozen.text;
     const char* const end = terminated ? text + Strlen(text) : std::find(text, text + source->pcount(), 0);
-    Form<char>::create(*this, text, static_cast<std::size_t>(end - text));
+    *this = Form<char>::make(text, static_cast<std::size_t>(end - text));
     return *this;
 }
 
