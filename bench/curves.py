@@ -87,14 +87,13 @@ def curve_text(area, title, by_who):
 
 
 def row_text(found, wanted):
-    lines = ["| row | to the best peer | target | |", "|---|---|---|---|"]
+    lines = ["| row | to the best peer | target | the least | |", "|---|---|---|---|---|"]
     for row, target in wanted.items():
-        peers = {who: value for who, value in found.get(row, {}).items() if who != rows.US}
-        if not peers or rows.US not in found[row]:
-            continue
-        best = min(peers, key=peers.get)
-        ratio = found[row][rows.US] / peers[best]
-        lines.append(f"| {row} | {ratio:.2f} x {best} | {target} | {'behind' if ratio > target else ''} |")
+        ratio = rows.ratio(found.get(row, {}), target)
+        if ratio is not None:
+            least = "" if ratio.least is None else f"{ratio.least:.2f}"
+            verdict = "" if ratio.verdict() == "within" else ratio.verdict()
+            lines.append(f"| {row} | {ratio.value:.2f} x {ratio.peer} | {target} | {least} | {verdict} |")
     return "\n".join(["### Rows with a target", "", *lines, ""])
 
 

@@ -20,16 +20,13 @@ def show(title, values, written):
     """Prints the table of rows that have both sides; returns the others' names."""
     wanted, lines, alone = targets(), [], []
     for row, by_who in sorted(values.items()):
-        peers = sorted((by_who[rows.US] / value, who) for who, value in by_who.items()
-                       if who != rows.US and rows.US in by_who)
-        if not peers:
+        ratio = rows.ratio(by_who, wanted.get(row))
+        if ratio is None:
             alone.append(row)
             continue
-        worst = peers[-1][0]
-        target = wanted.get(row)
-        verdict = "" if target is None else f"{'behind' if worst > target else 'within'} {target}"
-        lines.append([row, written(by_who[rows.US]), f"{worst:.2f}", verdict,
-                      ", ".join(f"{who} {ratio:.2f}" for ratio, who in reversed(peers))])
+        verdict = f"{ratio.verdict()} {'' if ratio.target is None else ratio.target}".strip()
+        lines.append([row, written(by_who[rows.US]), f"{ratio.value:.2f}", verdict,
+                      ", ".join(f"{who} {value:.2f}" for value, who in ratio.each)])
     if lines:
         rows.table([title, "ours", "of the best peer", "target", "of each (below 1: ours is less)"], lines)
     return alone

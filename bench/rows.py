@@ -11,6 +11,10 @@ import subprocess
 import sys
 
 US = "qelstd"
+# A small program that does only what the row cannot do without: no peer, but the limit of the row.
+LEAST = "the least"
+# Of the time of the least, above which a row that misses its target counts as behind.
+NEAR = 1.15
 HERE = pathlib.Path(__file__).parent
 # Parts of a name that describe the measurement, not the operation.
 MANNER = ("real_time", "process_time", "manual_time", "repeats:", "iterations:", "min_time:")
@@ -69,6 +73,31 @@ def medians(program, name_filter, repetitions):
         values.setdefault((row, who, "bytes" in run), []).append(value)
     for (row, who, is_memory), runs in values.items():
         yield row, who, sorted(runs)[len(runs) // 2], is_memory
+
+
+class Ratio:
+    """The library's value of a row beside its best peer's, the least and the target; None without a peer."""
+
+    def __init__(self, by_who, target):
+        peers = {who: value for who, value in by_who.items() if who not in (US, LEAST)}
+        self.peer = min(peers, key=peers.get)
+        best = peers[self.peer]
+        self.value = by_who[US] / best
+        self.least = by_who[LEAST] / best if LEAST in by_who else None
+        self.target = target
+        self.each = sorted(((by_who[US] / value, who) for who, value in by_who.items() if who != US), reverse=True)
+
+    def verdict(self):
+        if self.target is None:
+            return ""
+        if self.value <= self.target:
+            return "within"
+        return "at its limit" if self.least is not None and self.value <= NEAR * self.least else "behind"
+
+
+def ratio(by_who, target):
+    """The row's Ratio, or None when the library or a peer has no value."""
+    return Ratio(by_who, target) if US in by_who and set(by_who) - {US, LEAST} else None
 
 
 def table(header, lines):

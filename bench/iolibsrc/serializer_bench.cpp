@@ -4,8 +4,12 @@
 #include <QDataStream>
 #include <QFile>
 #include <QTemporaryDir>
+#include <algorithm>
 #include <benchmark/benchmark.h>
+#include <bit>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <rpc/xdr.h>
@@ -13,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include <qel/base/btkbyteorder.h>
 #include <qel/xiolib.h>
 
 #include "support/owned.h"
@@ -416,6 +421,51 @@ void readTextStd(benchmark::State& state)
         ReadAll<Value, inText>(stream);
     }
 }
+
+/// The least: a call for each value, which may fail, into memory that grows.
+template<class Word>
+class LeastStream
+{
+public:
+    LeastStream() = default;
+    LeastStream(const LeastStream&) = delete;
+    LeastStream& operator=(const LeastStream&) = delete;
+    ~LeastStream() { std::free(bytes); }
+    [[gnu::noinline]] void Write(Word word)
+    {
+        if (isBad)
+            std::abort();
+        if (room - used < sizeof word)
+            Grow();
+        word = btkNetworkOrder(word);
+        std::memcpy(bytes + used, &word, sizeof word);
+        used += sizeof word;
+    }
+
+private:
+    [[gnu::noinline]] void Grow()
+    {
+        room = std::max<std::size_t>(256, 2 * room);
+        bytes = static_cast<char*>(std::realloc(bytes, room));
+    }
+
+    char* bytes = nullptr;
+    std::size_t used = 0, room = 0;
+    bool isBad = false;
+};
+
+template<class Value, class Word>
+void encodeMemoryLeast(benchmark::State& state)
+{
+    for (auto _ : state) {
+        LeastStream<Word> stream;
+        benchmark::DoNotOptimize(stream);
+        for (int i = 0; i < inMemory; ++i)
+            stream.Write(std::bit_cast<Word>(Value::At(i)));
+    }
+}
+BENCHMARK(encodeMemoryLeast<Int, std::uint32_t>)->Name("streams/xdr_encode_memory_int/the least");
+BENCHMARK(encodeMemoryLeast<Real, std::uint64_t>)->Name("streams/xdr_encode_memory_real/the least");
 
 #define BENCH_XDR(Value, name)                                                                              \
     BENCHMARK(encodeMemoryOurs<Value>)->Name("streams/xdr_encode_memory_" name "/qelstd");                  \

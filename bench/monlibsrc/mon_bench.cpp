@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <qel/base/btkfd.h>
@@ -146,10 +147,27 @@ void preadPlain(benchmark::State& state)
     }
 }
 
+// The least of a load, which tells when the file has been removed.
+void statAndPread(benchmark::State& state)
+{
+    const Published file;
+    file->String("name", 200);
+    const btkFd plain = file.OpenPlain();
+    char bytes[4] = {};
+    struct stat status;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(fstat(plain.Get(), &status));
+        benchmark::DoNotOptimize(status);
+        benchmark::DoNotOptimize(pread(plain.Get(), bytes, sizeof bytes, 40));
+        benchmark::DoNotOptimize(bytes);
+    }
+}
+
 BENCHMARK(storeInt)->Name("monitor/store_int/qelstd");
 BENCHMARK(pwritePlain<4>)->Name("monitor/store_int/pwrite");
 BENCHMARK(loadInt)->Name("monitor/load_int/qelstd");
 BENCHMARK(preadPlain<4>)->Name("monitor/load_int/pread");
+BENCHMARK(statAndPread)->Name("monitor/load_int/the least");
 BENCHMARK(storeReal)->Name("monitor/store_real/qelstd");
 BENCHMARK(pwritePlain<8>)->Name("monitor/store_real/pwrite");
 BENCHMARK(loadReal)->Name("monitor/load_real/qelstd");

@@ -8,7 +8,10 @@
 #include <algorithm>
 #include <array>
 #include <benchmark/benchmark.h>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <glib.h>
 #include <malloc.h>
@@ -98,6 +101,43 @@ void appendThousand(benchmark::State& state, Make make)
     }
 }
 
+/// The least: classes may override how their sequences append and grow, and the number of elements is kept in the sequence.
+class LeastSequence
+{
+public:
+    LeastSequence() = default;
+    LeastSequence(const LeastSequence&) = delete;
+    LeastSequence& operator=(const LeastSequence&) = delete;
+    ~LeastSequence() { std::free(data); }
+    void append(int value)
+    {
+        if (isOwn && count < room)
+            data[count++] = value;
+        else
+            grow(value);
+    }
+
+private:
+    [[gnu::noinline]] void grow(int value)
+    {
+        room = std::max(16u, 2 * room);
+        data = static_cast<int*>(std::realloc(data, room * sizeof *data));
+        benchmark::ClobberMemory();
+        data[count++] = value;
+    }
+
+    int* data = nullptr;
+    unsigned count = 0, room = 0;
+    bool isOwn = true;
+};
+
+std::unique_ptr<LeastSequence> makeLeast()
+{
+    auto made = std::make_unique<LeastSequence>();
+    benchmark::DoNotOptimize(*made);
+    return made;
+}
+
 void addSequences()
 {
     const auto add = [](const std::string& what, const char* who, auto make, auto value) {
@@ -112,6 +152,7 @@ void addSequences()
     const auto number = [](int i) { return i; };
     add("ints", "qelstd", qelNew<xintsequence>, number);
     add("ints", "std::vector", std::make_unique<StdVector<int>>, number);
+    add("ints", "the least", makeLeast, number);
     add("variants", "qelstd", qelNew<xanysequence>, [](int i) { return xany(i); });
     add("variants", "QVector<QVariant>", std::make_unique<QVector<QVariant>>,
         [](int i) { return QVariant(i); });
@@ -130,6 +171,8 @@ void addSequences()
     });
     benchmark::RegisterBenchmark("collections/append 10^3 ints/qelstd",
                                  [](benchmark::State& s) { appendThousand(s, qelNew<xintsequence>); });
+    benchmark::RegisterBenchmark("collections/append 10^3 ints/the least",
+                                 [](benchmark::State& s) { appendThousand(s, makeLeast); });
     benchmark::RegisterBenchmark("collections/append 10^3 ints/std::vector", [](benchmark::State& s) {
         appendThousand(s, std::make_unique<StdVector<int>>);
     });
@@ -248,6 +291,58 @@ private:
         void operator()(GHashTable* t) const { g_hash_table_unref(t); }
     };
     std::unique_ptr<GHashTable, Free> d{g_hash_table_new_full(g_str_hash, g_str_equal, g_free, nullptr)};
+};
+
+/// The least of a find: the key is measured, hashed, and compared with one entry. Keys are never removed.
+struct LeastTable
+{
+    static constexpr const char* name = "the least";
+    using Key = std::string;
+    bool find(const Key& key, int* out)
+    {
+        const Entry& entry = place(key.c_str());
+        *out = entry.value;
+        return entry.text != nullptr;
+    }
+    void set(const Key& key, int value)
+    {
+        if (++count * 2 > entries.size()) {
+            std::vector<Entry> before(2 * entries.size());
+            before.swap(entries);
+            for (const Entry& one : before)
+                if (one.text != nullptr)
+                    place(one.text) = one;
+        }
+        place(key.c_str()) = {key.c_str(), key.size(), value};
+    }
+
+private:
+    struct Entry
+    {
+        const char* text = nullptr;
+        std::size_t size = 0;
+        int value = 0;
+    };
+
+    Entry& place(const char* key)
+    {
+        const std::size_t size = std::strlen(key);
+        std::uint64_t hash = size;
+        for (std::size_t i = 0; i < size; i += 8) {
+            std::uint64_t eight = 0;
+            std::memcpy(&eight, key + i, std::min<std::size_t>(8, size - i));
+            hash = (hash ^ eight) * 0x9E3779B97F4A7C15u;
+            hash ^= hash >> 32;
+        }
+        std::size_t at = hash & (entries.size() - 1);
+        while (entries[at].text != nullptr &&
+               (entries[at].size != size || std::memcmp(entries[at].text, key, size) != 0))
+            at = (at + 1) & (entries.size() - 1);
+        return entries[at];
+    }
+
+    std::vector<Entry> entries = std::vector<Entry>(16);
+    std::size_t count = 0;
 };
 
 using Texts = std::vector<std::string>;
@@ -393,6 +488,22 @@ void replace(benchmark::State& state, const Keys<D>& keys)
     }
 }
 
+/// Calls `add(operation, run)` for the operations that change.
+template<class D, class Add>
+void addChanges(Add add, bool large)
+{
+    // Building a large table takes long, and once is enough.
+    const auto addWhole = [&](const char* operation, auto run) {
+        benchmark::internal::Benchmark* const added = add(operation, run)->Unit(benchmark::kMillisecond);
+        if (large)
+            added->Iterations(1);
+    };
+    add("replace", replace<D>);
+    addWhole("set", set<D, false>);
+    addWhole("set and walk", set<D, true>);
+    addWhole("remove", remove<D>);
+}
+
 template<class D>
 void addOne(const std::string& family, const Texts& (*texts)(), bool large)
 {
@@ -408,18 +519,10 @@ void addOne(const std::string& family, const Texts& (*texts)(), bool large)
             });
         return large ? added->Repetitions(3) : added;
     };
-    // Building a large table takes long, and once is enough.
-    const auto addWhole = [&](const char* operation, auto run) {
-        benchmark::internal::Benchmark* const added = add(operation, run)->Unit(benchmark::kMillisecond);
-        if (large)
-            added->Iterations(1);
-    };
     add("find", find<D, true>);
     add("miss", find<D, false>);
-    add("replace", replace<D>);
-    addWhole("set", set<D, false>);
-    addWhole("set and walk", set<D, true>);
-    addWhole("remove", remove<D>);
+    if constexpr (!std::is_same_v<D, LeastTable>)
+        addChanges<D>(add, large);
 }
 
 template<Texts (*make)(std::size_t), std::size_t n>
@@ -436,6 +539,7 @@ void addFamily(const std::string& family, const Texts& (*texts)(), bool large = 
     addOne<QtHash<QByteArray>>(family, texts, large);
     addOne<QtHash<QString>>(family, texts, large);
     addOne<Glib>(family, texts, large);
+    addOne<LeastTable>(family, texts, large);
 }
 
 [[maybe_unused]] const bool added = [] {

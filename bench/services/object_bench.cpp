@@ -10,6 +10,8 @@
 #include <qel/xany.h>
 #include <qel/xobject.h>
 
+#include "least_p.h"
+
 namespace {
 
 class Thing : public virtual xobject
@@ -72,6 +74,19 @@ void birthShared(benchmark::State& state)
 }
 BENCHMARK(birthQelstd)->Name("objects/make and drop, one thread/qelstd");
 BENCHMARK(birthShared)->Name("objects/make and drop, one thread/std::make_shared");
+
+void birthLeast(benchmark::State& state)
+{
+    for (auto _ : state) {
+        auto* made = new LeastObject;
+        benchmark::DoNotOptimize(made);
+        if (made->count == 1 && made->isDeletable()) {
+            made->onDelete();
+            delete made;
+        }
+    }
+}
+BENCHMARK(birthLeast)->Name("objects/make and drop, one thread/the least");
 
 void byNameQelstd(benchmark::State& state)
 {

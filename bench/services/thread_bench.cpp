@@ -10,11 +10,14 @@
 #include <qel/qeltable.h>
 #include <qel/xobject.h>
 
+#include "least_p.h"
+
 namespace {
 
 class Thing : public virtual xobject
 {
     QEL_OBJECT(Thing);
+    QEL_COUNTED;
 };
 
 constinit qelClass Thing::rtti = {.name = "bench::Thing", .counted = true};
@@ -89,6 +92,24 @@ void threadedBirthShared(benchmark::State& state)
 }
 BENCHMARK(threadedBirthQelstd)->Name("objects/make and drop, threads exist/qelstd");
 BENCHMARK(threadedBirthShared)->Name("objects/make and drop, threads exist/std::make_shared");
+
+// Destructors run one at a time in the process.
+void threadedBirthLeast(benchmark::State& state)
+{
+    const SecondThread second;
+    static std::atomic<bool> isDestroying = false;
+    for (auto _ : state) {
+        auto* made = new LeastObject;
+        benchmark::DoNotOptimize(made);
+        if (made->count == 1 && made->isDeletable() &&
+            !isDestroying.exchange(true, std::memory_order_acquire)) {
+            made->onDelete();
+            delete made;
+            isDestroying.store(false, std::memory_order_release);
+        }
+    }
+}
+BENCHMARK(threadedBirthLeast)->Name("objects/make and drop, threads exist/the least");
 
 const xrchandle<Thing>& sharedThing()
 {

@@ -1,6 +1,9 @@
 #include <QByteArray>
 #include <QString>
 #include <benchmark/benchmark.h>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include <qel/base/thrthreading.h>
@@ -185,6 +188,60 @@ void makeWide(benchmark::State& state)
     }
 }
 
+// ---- the least: a block for the text, because copies share it, with its length and the number of its holders
+
+class LeastString
+{
+public:
+    LeastString(const char* text, std::size_t length)
+        : block(static_cast<Block*>(std::malloc(sizeof(Block) + length + 1)))
+    {
+        *block = {1, static_cast<unsigned>(length)};
+        char* const copy = reinterpret_cast<char*>(block + 1);
+        std::memcpy(copy, text, length);
+        copy[length] = 0;
+    }
+    explicit LeastString(const char* text) : LeastString(text, std::strlen(text)) {}
+    LeastString(const LeastString&) = delete;
+    LeastString& operator=(const LeastString&) = delete;
+    ~LeastString()
+    {
+        if (--block->holders == 0)
+            std::free(block);
+    }
+
+private:
+    struct Block
+    {
+        int holders;
+        unsigned length;
+    };
+    Block* block;
+};
+
+// Places are characters of UTF-8: each byte before the part is looked at.
+std::size_t leastOffset(const char* text, std::size_t characters)
+{
+    std::uint64_t all = 0;
+    for (std::size_t i = 0; i < characters; i += 8) {
+        std::uint64_t eight;
+        std::memcpy(&eight, text + i, 8);
+        all |= eight;
+    }
+    return (all & 0x8080808080808080u) == 0 ? characters : 0;
+}
+
+void leastPart50(benchmark::State& state)
+{
+    const char* text = text1000.c_str();
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(text);
+        const std::size_t from = leastOffset(text, 400);
+        LeastString part(text + from, leastOffset(text + from, 50));
+        benchmark::DoNotOptimize(part);
+    }
+}
+
 #define STRING_BENCH(operation, type, who) BENCHMARK(operation<type>)->Name("string/" #operation "/" who);
 #define STRING_BENCH_QT(operation)              \
     STRING_BENCH(operation, xstring, "qelstd")  \
@@ -195,6 +252,7 @@ void makeWide(benchmark::State& state)
     STRING_BENCH(operation, std::string, "std::string")
 
 STRING_BENCH_ALL(make11)
+STRING_BENCH(make11, LeastString, "the least")
 STRING_BENCH_ALL(make100)
 STRING_BENCH_ALL(copy)
 STRING_BENCH_ALL(copyThreaded)
@@ -203,6 +261,7 @@ STRING_BENCH_ALL(append100Words)
 STRING_BENCH_ALL(find)
 STRING_BENCH_ALL(compare)
 STRING_BENCH_ALL(part50)
+BENCHMARK(leastPart50)->Name("string/part50/the least");
 STRING_BENCH_QT(upper)
 STRING_BENCH_QT(substitute)
 STRING_BENCH(makeWide, xstring, "qelstd")
