@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include <qel/base/btkenvironment.h>
 #include <qel/base/btktrace.h>
 
 namespace {
@@ -58,6 +59,30 @@ bool forEach(const std::string& text, Read read, Use use)
     return false;
 }
 
+bool isOfThisUser(const struct stat& status)
+{
+    return status.st_uid == geteuid() || status.st_uid == 0;
+}
+
+// Whether that is the folder of the credentials that a service manager passes to this process, and closed to others. There
+// an access list lets the service's user read, which looks like a right of the group.
+bool hasCredentials(const std::string& folder)
+{
+    std::string given;
+    struct stat status = {}, found = {};
+    return btkEnvironment::GetTrusted("CREDENTIALS_DIRECTORY", given) && stat(given.c_str(), &status) == 0 &&
+           stat(folder.c_str(), &found) == 0 && status.st_dev == found.st_dev &&
+           status.st_ino == found.st_ino && isOfThisUser(status) &&
+           (status.st_mode & (S_IWGRP | S_IRWXO)) == 0;
+}
+
+// Whether nobody but this user and the superuser can read a key.
+bool isPrivate(const struct stat& status, const std::string& folder)
+{
+    const mode_t others = status.st_mode & (S_IRWXG | S_IRWXO);
+    return isOfThisUser(status) && (others == 0 || (others == S_IRGRP && hasCredentials(folder)));
+}
+
 } // namespace
 
 std::string TlsFolder::GetPath(File file) const
@@ -94,7 +119,7 @@ bool TlsFolder::ReadFile(File file, std::string& to, std::string& why) const
         return fail(std::strerror(errno));
     if (!S_ISREG(status.st_mode) || static_cast<std::uint64_t>(status.st_size) > longestFile)
         return fail("it is no file, or too large");
-    if (file == key && ((status.st_mode & 077) != 0 || (status.st_uid != geteuid() && status.st_uid != 0)))
+    if (file == key && !isPrivate(status, path))
         return fail("it must have the mode 0600, and belong to this user or to root");
     to.resize(static_cast<std::size_t>(status.st_size));
     const std::ptrdiff_t count = btkReadAt(opened.Get(), to.data(), to.size(), 0);

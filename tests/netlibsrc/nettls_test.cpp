@@ -441,6 +441,32 @@ TEST_F(NetTls, FolderThatCannotBeUsedNeverMeansPlain)
     EXPECT_EQ(stream, nullptr);
 }
 
+TEST_F(NetTls, KeyMayShowARightOfTheGroupAmongCredentialsOnly)
+{
+    serve();
+    authority.fill(dir, "given", authority.issue(clientWish()));
+    const std::string refusal = "3 No encrypted connection: " + dir.path("given") +
+                                "/key.pem: it must have the mode 0600, and belong to this user or to root";
+    const auto failure = [&](mode_t key, mode_t folder, const char* credentials = "given") {
+        const EnvSetting set("CREDENTIALS_DIRECTORY",
+                             credentials != nullptr ? dir.path(credentials).c_str() : nullptr);
+        chmod(dir.path("given/key.pem"), key);
+        chmod(dir.path("given"), folder);
+        const std::string text = failureOfConnecting("given");
+        chmod(dir.path("given"), 0700);
+        return text;
+    };
+    // A folder that was opened once stays in use, so the refusals come first.
+    EXPECT_EQ(failure(0440, 0500, nullptr), refusal);
+    EXPECT_EQ(failure(0440, 0500, "server"), refusal);
+    EXPECT_EQ(failure(0440, 0555), refusal);
+    EXPECT_EQ(failure(0440, 0770), refusal);
+    EXPECT_EQ(failure(0444, 0500), refusal);
+    EXPECT_EQ(failure(0460, 0500), refusal);
+    EXPECT_EQ(failure(0440, 0550), "");
+    EXPECT_EQ(failure(0440, 0500), "");
+}
+
 TEST_F(NetTls, RegistryNamesTheFolderAndRequiresIt)
 {
     const EnvSetting none("QELSTD_TLS", nullptr);
