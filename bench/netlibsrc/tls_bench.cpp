@@ -208,9 +208,9 @@ void StreamOpenSsl(benchmark::State& state)
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * blocks * blockSize));
 }
 
-BENCHMARK(PingQelstd)->Name("tls/ping/qelstd")->UseRealTime();
-BENCHMARK(PingOpenSsl)->Name("tls/ping/openssl")->UseRealTime();
-BENCHMARK(StreamQelstd)->Name("tls/32 MiB/qelstd")->UseRealTime();
-BENCHMARK(StreamOpenSsl)->Name("tls/32 MiB/openssl")->UseRealTime();
+BENCHMARK(PingQelstd)->Name("tls/ping/qelstd")->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(PingOpenSsl)->Name("tls/ping/openssl")->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(StreamQelstd)->Name("tls/32 MiB/qelstd")->MeasureProcessCPUTime()->UseRealTime();
+BENCHMARK(StreamOpenSsl)->Name("tls/32 MiB/openssl")->MeasureProcessCPUTime()->UseRealTime();
 
 } // namespace
