@@ -23,14 +23,43 @@ protected:
             GetWatch().handle = -1;
             return On;
         }
-        // A value that cannot be received yet must not cause repeated wakeups.
-        GetWatch().awaited = (*socket)->MayReadAhead() ? btkUrgent : btkNotReady;
-        return (*socket)->HasUrgent() ? On : Ask;
+        const bool isOn = (*socket)->HasUrgent() || (*socket)->IsLost();
+        GetWatch().handle = (*socket)->GetUrgentHandle();
+        GetWatch().awaited = (*socket)->GetAwaitedUrgent();
+        return isOn ? On : Ask;
     }
     // A failed connection is ready, too, and stays ready.
     bool OnPolled(btkReadiness ready) override
     {
-        return *socket == nullptr || (*socket)->HasUrgent() || (ready & ~btkUrgent) != 0;
+        return *socket == nullptr || (*socket)->HasUrgent() || (*socket)->IsLost(ready);
+    }
+
+private:
+    std::shared_ptr<btkStreamSocket*> socket;
+};
+
+// Of an encrypted connection: there is room only as far as the peer grants it.
+class OutputEvent final : public btkBaseEvent
+{
+public:
+    OutputEvent(std::shared_ptr<btkStreamSocket*> shared, btkHandle watched)
+        : btkBaseEvent(watched, btkWritable, true), socket(std::move(shared))
+    {
+    }
+
+protected:
+    State OnAsk() override
+    {
+        if (*socket == nullptr) {
+            GetWatch().handle = -1;
+            return On;
+        }
+        GetWatch().awaited = (*socket)->GetAwaitedOutput();
+        return Ask;
+    }
+    bool OnPolled(btkReadiness ready) override
+    {
+        return *socket == nullptr || ((*socket)->MayWrite() && (ready & ~btkReadable) != 0);
     }
 
 private:
@@ -48,8 +77,20 @@ xsocketbuf::xsocketbuf(btkStreamSocket* connected) : xinputbuf(connected->GetHan
 xsocketbuf::~xsocketbuf()
 {
     SendPending();
-    if (urgentLink != nullptr)
-        *urgentLink = nullptr;
+    if (link != nullptr)
+        *link = nullptr;
+}
+
+bool xsocketbuf::UseKernelSocket()
+{
+    return SendPending() && socket->UseKernelSocket();
+}
+
+const std::shared_ptr<btkStreamSocket*>& xsocketbuf::GetLink()
+{
+    if (link == nullptr)
+        link = std::make_shared<btkStreamSocket*>(socket);
+    return link;
 }
 
 // ---- urgent values
@@ -67,9 +108,7 @@ std::size_t xsocketbuf::ReceiveUrgent(void* value)
 
 btkBaseEvent* xsocketbuf::GetUrgentEvent()
 {
-    if (urgentLink == nullptr)
-        urgentLink = std::make_shared<btkStreamSocket*>(socket);
-    return new UrgentEvent(urgentLink, GetHandle());
+    return new UrgentEvent(GetLink(), GetHandle());
 }
 
 // ---- input
@@ -190,8 +229,13 @@ int xsocketbuf::sync()
 std::streambuf* xsocketbuf::OnGetTryOBuf()
 {
     bool broken = false;
-    const std::size_t room = btkCountWritable(GetHandle(), broken);
+    const std::size_t room = socket->CountWritable(broken);
     const std::size_t buffered = output == nullptr ? outputSize : outputSize - Pending();
     tryArea.SetRoom(broken || isBroken ? 0 : room > 0 ? room : buffered, broken || isBroken);
     return &tryArea;
+}
+
+btkBaseEvent* xsocketbuf::OnGetOutputEvent()
+{
+    return socket->IsEncrypted() ? new OutputEvent(GetLink(), GetHandle()) : MakeOutputEvent(GetHandle());
 }

@@ -26,6 +26,9 @@ public:
     /// outlive the buffer and is on then.
     btkBaseEvent* GetUrgentEvent();
 
+    /// As btkStreamSocket::UseKernelSocket, after sending pending output.
+    bool UseKernelSocket();
+
     bool SetInputLimit(btkTimeval limit) override;
     bool SetOutputLimit(btkTimeval limit) override;
 
@@ -41,7 +44,7 @@ protected:
     std::streamsize xsputn(const char* from, std::streamsize count) override;
     int sync() override;
     std::streambuf* OnGetTryOBuf() override;
-    btkBaseEvent* OnGetOutputEvent() override { return MakeOutputEvent(GetHandle()); }
+    btkBaseEvent* OnGetOutputEvent() override;
 
 private:
     static constexpr std::size_t outputSize = 32768;
@@ -49,11 +52,12 @@ private:
     std::size_t Pending() const { return static_cast<std::size_t>(pptr() - pbase()); }
     bool SendPending();
     std::size_t Send(const char* from, std::size_t size);
+    const std::shared_ptr<btkStreamSocket*>& GetLink();
 
     btkStreamSocket* socket;
     std::unique_ptr<char[]> output; // allocated on first use
     bool isBroken = false;          // output was lost
     xtryoutputbuf tryArea{*this};
     // Shared with the events; holds null once the buffer is destroyed.
-    std::shared_ptr<btkStreamSocket*> urgentLink;
+    std::shared_ptr<btkStreamSocket*> link;
 };

@@ -26,9 +26,10 @@ public:
     /// Whether reading waits for room for output.
     virtual bool NeedsRoom() const { return false; }
 
-    /// Announces that nothing more will be written. False while what was written may still be lost if the
-    /// channel is closed: call it again after a while.
+    /// Announces that nothing more will be written. False when there was no room for that: call it again.
     virtual bool FinishOutput() { return true; }
+    /// Whether what was written has arrived, so that closing the channel loses none of it.
+    virtual bool HasArrived() const { return true; }
     /// Closes both directions; GetInput() and GetOutput() may stay open.
     virtual void Close() = 0;
     /// Why reading or writing has failed, in words; empty when nothing more is known than that.

@@ -131,3 +131,19 @@ std::size_t btkFrameReader::TakeGrant(std::size_t least)
     allowed += dropped;
     return std::exchange(dropped, 0);
 }
+
+bool btkFrameLink::Flush()
+{
+    bool hasWritten = false;
+    while (CountWaiting() > 0) {
+        const std::ptrdiff_t count = isDeaf ? -1 : channel->Write(frames.data() + sent, CountWaiting());
+        if (count == 0)
+            return hasWritten;
+        isDeaf = count < 0;
+        hasWritten = hasWritten || !isDeaf;
+        sent += isDeaf ? CountWaiting() : static_cast<std::size_t>(count);
+    }
+    frames.clear();
+    sent = 0;
+    return hasWritten;
+}

@@ -2,11 +2,12 @@
 
 #include <array>
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include <qel/base/btkfd.h>
+#include <qel/base/btkchannel.h>
 
 /// Frames carry data, and urgent values that overtake it, over two plain streams of bytes, one in each direction. A frame
 /// begins with its kind; integers have four bytes, the most significant first:
@@ -44,8 +45,21 @@ public:
     std::string_view GetData() const { return std::string_view(held).substr(begin); }
     /// Drops the first `count` bytes of it, which may then be granted anew.
     void Drop(std::size_t count);
+
+    /// The number of bytes of data that come next in the stream, which the caller may read from there itself while
+    /// GetData() is empty; TakeOutside counts them as parsed and dropped.
+    std::size_t GetNextData() const { return dataLeft; }
+    void TakeOutside(std::size_t count)
+    {
+        dataLeft -= count;
+        dropped += count;
+    }
+    /// With no such data next, the number of bytes that can be read without reading data.
+    std::size_t GetNextHeader() const { return header.size() - headerSize; }
+
     /// The oldest urgent value, which is taken.
     std::optional<btkUrgentValue> TakeUrgent();
+    bool HasUrgent() const { return urgentCount > 0; }
     /// Whether the data has ended.
     bool IsEnded() const { return isEnded; }
 
@@ -74,4 +88,20 @@ private:
     std::size_t urgentCount = 0;
     bool isEnded = false;
     bool isValid = true;
+};
+
+/// One end of a connection by frames over a channel.
+struct BASE_API btkFrameLink
+{
+    std::unique_ptr<btkChannel> channel;
+    btkFrameReader reader;
+    std::string frames; // to be sent; the first `sent` bytes have been
+    std::size_t sent = 0;
+    bool isDeaf = false; // the other end; what it has sent is still to be read
+
+    /// The number of bytes of frames that the channel has not taken.
+    std::size_t CountWaiting() const { return frames.size() - sent; }
+    /// Writes the waiting bytes as far as there is room; discards them if the other end is deaf. Returns whether it
+    /// wrote any.
+    bool Flush();
 };

@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include <qel/base/btkcarrier.h>
 #include <qel/base/btkevent.h>
 #include <qel/base/btkretry.h>
 #include <qel/base/btktrace.h>
@@ -217,17 +218,6 @@ struct btkStreamSocket::Ahead
     }
 };
 
-btkCarrier::btkCarrier(const btkStreamSocket& connection)
-    : isPeerOnTheSameMachine(connection.IsPeerOnTheSameMachine())
-{
-    const btkSocketAddress address = peerOf(connection, connection.peer);
-    std::memcpy(peer.data(), &address.storage, peer.size());
-    if (isPeerOnTheSameMachine)
-        peerUser = connection.GetPeerUser();
-}
-
-btkCarrier::~btkCarrier() = default;
-
 btkStreamSocket::btkStreamSocket() = default;
 btkStreamSocket::~btkStreamSocket() = default;
 
@@ -277,18 +267,35 @@ void btkStreamSocket::Close()
     fd.Reset();
     peer = {};
     ahead.reset();
+    direct = nullptr;
     carrier.reset();
 }
 
-void btkStreamSocket::SetCarrier(std::unique_ptr<btkCarrier> carrying)
+void btkStreamSocket::Encrypt(btkFd connected, const btkStreamSocket& from,
+                              std::unique_ptr<btkCarrier> carrying)
 {
-    peer = carrying->peer;
+    Close();
+    fd = std::move(connected);
+    const btkSocketAddress address = peerOf(from, from.peer);
+    std::memcpy(peer.data(), &address.storage, peer.size());
     carrier = std::move(carrying);
+    direct = carrier.get();
+}
+
+bool btkStreamSocket::UseKernelSocket()
+{
+    if (direct != nullptr && !direct->MoveToTunnel(fd.Get()))
+        return false;
+    direct = nullptr;
+    return true;
 }
 
 void btkStreamSocket::ShutdownOutput()
 {
-    shutdown(fd.Get(), SHUT_WR);
+    if (direct != nullptr)
+        direct->WriteEnd();
+    else
+        shutdown(fd.Get(), SHUT_WR);
 }
 
 // Waits until the socket is ready for `awaited`, at most until `end` or the end that the stop sign sets. False when the time is
@@ -298,6 +305,8 @@ bool btkStreamSocket::Await(btkReadiness awaited, btkTimeval end)
     for (;;) {
         const btkTimeval told = stopSign == nullptr ? btkTimeval::Forever() : stopSign->GetEnd();
         const btkHandle sign = stopSign == nullptr || !told.IsForever() ? -1 : stopSign->GetHandle();
+        if (direct != nullptr)
+            awaited = direct->GetAwaited();
         pollfd asked[] = {{fd.Get(), awaited, 0}, {sign, POLLIN, 0}};
         if (btkPoll(asked, sign < 0 ? 1 : 2, leftUntil(std::min(end, told))) < 0)
             return true;
@@ -324,7 +333,7 @@ std::ptrdiff_t btkStreamSocket::Transfer(btkReadiness awaited, btkTimeval end, b
         errno = ETIMEDOUT;
         return -1;
     }
-    const bool mayWait = end.IsForever() && stopSign == nullptr;
+    const bool mayWait = end.IsForever() && stopSign == nullptr && direct == nullptr;
     const int flags = MSG_NOSIGNAL | (mayWait ? 0 : MSG_DONTWAIT);
     if (waitsFirst && !mayWait && !Await(awaited, end))
         return -1;
@@ -337,6 +346,15 @@ std::ptrdiff_t btkStreamSocket::Transfer(btkReadiness awaited, btkTimeval end, b
     }
 }
 
+// The mark of an urgent value is lost once the next one is set.
+void btkStreamSocket::AwaitUrgentTurn() const
+{
+    const auto isQuiet = [&] { return btkCountReceived(fd.Get()) == receivedThen; };
+    if (lastUrgent > btkTimeval())
+        waitWhile(isQuiet, lastUrgent + urgentSpacing);
+    waitWhile([&] { return btkCountUnsent(fd.Get()) > 0; }, btkTimeval::Now() + urgentLimit);
+}
+
 std::size_t btkStreamSocket::Send(const void* from, std::size_t size, bool oob)
 {
     if (oob) {
@@ -344,24 +362,28 @@ std::size_t btkStreamSocket::Send(const void* from, std::size_t size, bool oob)
             errno = EINVAL;
             return 0;
         }
-        // The mark of a value is lost once the next one is set.
-        const auto isQuiet = [&] { return btkCountReceived(fd.Get()) == receivedThen; };
-        if (lastUrgent > btkTimeval())
-            waitWhile(isQuiet, lastUrgent + urgentSpacing);
-        waitWhile([&] { return btkCountUnsent(fd.Get()) > 0; }, btkTimeval::Now() + urgentLimit);
+        if (direct == nullptr)
+            AwaitUrgentTurn();
     }
+    const auto transfer = [&](auto call) {
+        return Transfer(btkWritable, std::min(endOf(sendLimit), deadline), false, call);
+    };
     std::size_t done = 0;
     while (done < size) {
-        const std::ptrdiff_t count =
-            Transfer(btkWritable, std::min(endOf(sendLimit), deadline), false, [&](int flags) {
-                return send(fd.Get(), static_cast<const char*>(from) + done, size - done,
-                            flags | (oob ? MSG_OOB : 0));
-            });
+        const char* const rest = static_cast<const char*>(from) + done;
+        const std::ptrdiff_t count = transfer([&](int flags) -> std::ptrdiff_t {
+            if (direct == nullptr)
+                return send(fd.Get(), rest, size - done, flags | (oob ? MSG_OOB : 0));
+            return oob ? direct->WriteUrgent(rest) : direct->Write(rest, size - done);
+        });
         if (count < 0)
             break;
         done += static_cast<std::size_t>(count);
     }
-    if (oob && urgentSpacing > btkTimeval()) {
+    // The carrier has taken them, and the peer may wait for the last ones.
+    if (direct != nullptr && done > 0 && transfer([&](int) { return direct->Flush(); }) < 0)
+        done -= std::clamp<std::size_t>(direct->CountUnsent(), 1, done);
+    if (oob && direct == nullptr && urgentSpacing > btkTimeval()) {
         lastUrgent = btkTimeval::Now();
         receivedThen = btkCountReceived(fd.Get());
     }
@@ -375,6 +397,13 @@ std::ptrdiff_t btkStreamSocket::Recv(void* to, std::size_t size, bool oob)
 {
     if (!oob)
         return Receive(static_cast<char*>(to), size, Wait::whenNothingIsThere);
+    if (direct != nullptr) {
+        if (!HasUrgent())
+            return 0;
+        const btkUrgentValue value = *direct->TakeUrgent();
+        std::memcpy(to, value.data(), std::min(size, value.size()));
+        return static_cast<std::ptrdiff_t>(std::min(size, value.size()));
+    }
     if (ahead == nullptr || ahead->valueCount == 0)
         Settle();
     return ahead == nullptr ? 0 : static_cast<std::ptrdiff_t>(ahead->Pop(to, size));
@@ -419,6 +448,10 @@ std::ptrdiff_t btkStreamSocket::Receive(char* to, std::size_t size, Wait wait)
     if (size == 0)
         return 0;
     const btkTimeval end = wait == Wait::never ? btkTimeval() : std::min(endOf(recvLimit), deadline);
+    if (direct != nullptr && wait == Wait::never)
+        return direct->Read(to, size);
+    if (direct != nullptr)
+        return Transfer(btkReadable, end, false, [&](int) { return direct->Read(to, size); });
     for (;;) {
         if (ahead != nullptr && ahead->Count() > 0) {
             if (ahead->isMarkNear)
@@ -528,6 +561,10 @@ void btkStreamSocket::TakeMark(char last)
 
 std::size_t btkStreamSocket::CountReadable()
 {
+    if (direct != nullptr) {
+        direct->Receive();
+        return direct->CountHeld();
+    }
     Settle();
     return (ahead == nullptr ? 0 : ahead->Sure()) + btkCountReadable(fd.Get());
 }
@@ -538,12 +575,16 @@ bool btkStreamSocket::IsReadable(btkTimeval limit)
     for (;;) {
         if (ahead != nullptr && ahead->isMarkNear)
             ReadToMark();
-        if (ahead != nullptr && ahead->Sure() > 0)
+        if (HoldsReadable())
             return true;
         const bool isMarkNear = ahead != nullptr && ahead->isMarkNear;
         const btkReadiness ready = poll(fd.Get(), GetAwaitedInput(), leftUntil(end));
         if (ready == btkNotReady)
             return false;
+        if (direct != nullptr) {
+            direct->Receive();
+            continue;
+        }
         if ((ready & btkUrgent) == 0 && !isMarkNear)
             return true;
         GetAhead();
@@ -558,24 +599,36 @@ btkBaseEvent* btkStreamSocket::GetInputEvent()
 
 bool btkStreamSocket::HoldsReadable() const
 {
-    return ahead != nullptr && ahead->Sure() > 0;
+    return direct != nullptr ? direct->HoldsReadable() : ahead != nullptr && ahead->Sure() > 0;
 }
 
 // A mark that is known and not reached yet must not cause repeated wakeups.
 btkReadiness btkStreamSocket::GetAwaitedInput() const
 {
+    if (direct != nullptr)
+        return direct->GetAwaited();
     return ahead != nullptr && ahead->isMarkNear ? btkReadable : btkReadable | btkUrgent;
 }
 
 // Without a mark all readable data is ordinary, whatever has arrived since.
 bool btkStreamSocket::IsReadableAfter(btkReadiness found)
 {
+    if (direct != nullptr) {
+        if (found != btkNotReady)
+            direct->Receive();
+        return direct->HoldsReadable();
+    }
     const bool isMarkNear = ahead != nullptr && ahead->isMarkNear;
     return !isMarkNear && (found & btkUrgent) == 0 ? found != btkNotReady : IsReadable();
 }
 
 bool btkStreamSocket::HasUrgent()
 {
+    if (direct != nullptr) {
+        if (!direct->HasUrgent())
+            direct->Receive();
+        return direct->HasUrgent();
+    }
     if (ahead != nullptr && ahead->valueCount > 0)
         return true;
     return MayReadAhead() && IsUrgentPending();
@@ -586,6 +639,43 @@ bool btkStreamSocket::MayReadAhead() const
     return ahead == nullptr || ahead->Count() < urgentBudget;
 }
 
+btkHandle btkStreamSocket::GetUrgentHandle() const
+{
+    return direct != nullptr && direct->IsInputOver() ? -1 : fd.Get();
+}
+
+// A value that cannot be received yet must not cause repeated wakeups.
+btkReadiness btkStreamSocket::GetAwaitedUrgent() const
+{
+    return direct != nullptr ? direct->GetAwaited() : MayReadAhead() ? btkUrgent : btkNotReady;
+}
+
+bool btkStreamSocket::IsLost(btkReadiness found) const
+{
+    return direct != nullptr ? direct->IsLost() : (found & ~btkUrgent) != 0;
+}
+
+std::size_t btkStreamSocket::CountWritable(bool& broken) const
+{
+    const std::size_t room = btkCountWritable(fd.Get(), broken);
+    if (direct == nullptr)
+        return room;
+    broken = broken || direct->IsOutputOver();
+    return direct->CountUnsent() > 0 ? 0 : std::min(room, direct->GetCredit());
+}
+
+bool btkStreamSocket::MayWrite()
+{
+    if (direct != nullptr && direct->GetCredit() == 0)
+        direct->Receive();
+    return direct == nullptr || direct->GetCredit() > 0 || direct->IsOutputOver() || direct->IsInputOver();
+}
+
+btkReadiness btkStreamSocket::GetAwaitedOutput()
+{
+    return MayWrite() ? btkWritable : direct->GetAwaited();
+}
+
 std::string btkStreamSocket::GetPeerAddrStr() const
 {
     return peerOf(*this, peer).GetText();
@@ -593,7 +683,7 @@ std::string btkStreamSocket::GetPeerAddrStr() const
 
 std::optional<btkUserId> btkStreamSocket::GetPeerUser() const
 {
-    return carrier != nullptr ? carrier->peerUser : btkGetPeerUser(fd.Get());
+    return carrier != nullptr && direct == nullptr ? carrier->peerUser : btkGetPeerUser(fd.Get());
 }
 
 bool btkStreamSocket::BeginsWith(unsigned char byte) const
@@ -605,7 +695,7 @@ bool btkStreamSocket::BeginsWith(unsigned char byte) const
 
 bool btkStreamSocket::IsPeerOnTheSameMachine() const
 {
-    if (carrier != nullptr)
+    if (carrier != nullptr && direct == nullptr)
         return carrier->isPeerOnTheSameMachine;
     const btkSocketAddress address = peerOf(*this, peer);
     if (address.storage.ss_family == AF_UNSPEC)

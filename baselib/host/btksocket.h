@@ -6,7 +6,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include <qel/base/btkevent.h>
 #include <qel/base/btkfd.h>
@@ -67,33 +66,7 @@ private:
     std::atomic<btkTimeval> end = btkTimeval::Forever();
 };
 
-class btkStreamSocket;
-
-/// The part of an encrypted connection between the socket of this end's user, which leads to it, and the peer.
-class BASE_API btkCarrier
-{
-public:
-    virtual ~btkCarrier();
-    btkCarrier(const btkCarrier&) = delete;
-    btkCarrier& operator=(const btkCarrier&) = delete;
-
-    /// Why the connection was lost, in words; empty when that is not known. Waits at most `limit` for the loss.
-    virtual std::string GetFailure(btkTimeval limit) = 0;
-
-    /// The names that the peer's certificate proves: NAME for each `qel://NAME`. They consist of visible ASCII characters.
-    std::vector<std::string> peerNames;
-
-protected:
-    /// `connection`: the one to the peer; what it knows about the peer is copied.
-    explicit btkCarrier(const btkStreamSocket& connection);
-
-private:
-    friend class btkStreamSocket;
-
-    std::array<char, 28> peer = {};
-    bool isPeerOnTheSameMachine;
-    std::optional<btkUserId> peerUser;
-};
+class btkCarrier;
 
 /// A connection: a stream of bytes in each direction, and beside it urgent values of four bytes. Only the
 /// notification of a value overtakes; reading the value buffers the ordinary bytes sent before it, from where
@@ -102,7 +75,7 @@ private:
 /// TCP has one urgent mark for each direction, and a sender cannot know how far its peer has read: a second
 /// value that arrives before the peer has read past the mark of the first takes that mark. The first is then
 /// no longer an urgent value, and its four bytes stay among the ordinary ones and corrupt their values.
-/// SetUrgentSpacing makes that rare.
+/// SetUrgentSpacing makes that rare. None of this holds for an encrypted connection: see btkCarrier.
 ///
 /// Keepalive: a peer that vanishes silently, for example by a power failure, is probed after a minute of
 /// silence; receiving fails with ETIMEDOUT a minute later.
@@ -122,9 +95,12 @@ public:
     /// Takes over a connected descriptor and owns it.
     void Adopt(btkFd connected);
     void Close();
-    /// Makes this the socket of the user of an encrypted connection: its peer is the carrier's, which is destroyed when
-    /// this socket has been closed, and sends the rest.
-    void SetCarrier(std::unique_ptr<btkCarrier> carrying);
+    /// Makes this the socket of an encrypted connection, with the descriptor `connected` of the same connection as
+    /// `from`. The carrier is destroyed after the descriptor has been closed.
+    void Encrypt(btkFd connected, const btkStreamSocket& from, std::unique_ptr<btkCarrier> carrying);
+    /// For users of the descriptor itself: makes GetHandle() of an encrypted connection, which stays the same number, a
+    /// socket of the kernel with decrypted bytes, as btkTunnel. False, with the reason in errno, when that fails.
+    bool UseKernelSocket();
     /// Closes the output: the peer reads the data sent before, then the end. Reading continues.
     void ShutdownOutput();
 
@@ -179,6 +155,18 @@ public:
     bool HasUrgent();
     /// Whether there is room to read on to an urgent value's mark.
     bool MayReadAhead() const;
+    /// For events of urgent values: the descriptor, -1 if none can arrive any more; the readiness to wait for; and
+    /// whether the connection is lost, after a wait that found `found`.
+    btkHandle GetUrgentHandle() const;
+    btkReadiness GetAwaitedUrgent() const;
+    bool IsLost(btkReadiness found = btkNotReady) const;
+
+    /// Returns the number of bytes that Send would send at once; `broken` is set if it would fail.
+    std::size_t CountWritable(bool& broken) const;
+    /// For events of room for output of an encrypted connection: whether the peer grants any, or no more can be sent; and
+    /// the readiness to wait for.
+    bool MayWrite();
+    btkReadiness GetAwaitedOutput();
 
     /// Returns the peer's numeric address; an IPv4 address mapped into IPv6 is dotted. Empty when unknown; it
     /// is always known for an accepted connection.
@@ -196,7 +184,6 @@ public:
 
 private:
     friend class btkAcceptSocket;
-    friend class btkCarrier;
     struct Ahead;
 
     enum class Wait { never, whenNothingIsThere, first };
@@ -204,6 +191,7 @@ private:
     template<class Call>
     std::ptrdiff_t Transfer(btkReadiness awaited, btkTimeval end, bool waitsFirst, Call call);
     bool Await(btkReadiness awaited, btkTimeval end);
+    void AwaitUrgentTurn() const;
     std::ptrdiff_t Receive(char* to, std::size_t size, Wait wait);
     std::ptrdiff_t ReceiveRaw(char* to, std::size_t size, Wait wait, btkTimeval end, bool& mayBeMore);
     bool IsUrgentPending() const;
@@ -224,7 +212,8 @@ private:
     unsigned long long receivedThen = 0; // at lastUrgent
     std::array<char, 28> peer = {};      // the address of an accepted connection's peer; room for the longest
     std::unique_ptr<Ahead> ahead;        // data read to reach urgent values; null until there is one
-    std::unique_ptr<btkCarrier> carrier; // null: the connection is the kernel's own
+    std::unique_ptr<btkCarrier> carrier; // null: the connection is not encrypted
+    btkCarrier* direct = nullptr;        // the carrier, while this thread moves its data
 };
 
 /// Waits for connections. Non-blocking: Accept takes a pending connection; Wait waits for one.

@@ -1,22 +1,13 @@
 #include "btktls.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <map>
 #include <mutex>
 
-#include <qel/base/btktunnel.h>
+#include <qel/base/btkcarrier.h>
 
 namespace {
-
-class TunnelCarrier final : public btkCarrier
-{
-public:
-    explicit TunnelCarrier(const btkStreamSocket& connection) : btkCarrier(connection) {}
-    ~TunnelCarrier() override { tunnel.Leave(); }
-    std::string GetFailure(btkTimeval limit) override { return tunnel.GetFailure(limit); }
-
-    btkTunnel tunnel;
-};
 
 // The library lies beside this one: nothing else decides which one is loaded.
 std::string libraryPath()
@@ -69,10 +60,14 @@ std::shared_ptr<btkTlsFolder> btkTlsFolder::Open(const std::string& path, std::s
 
 std::unique_ptr<btkStreamSocket> btkCarry(std::unique_ptr<btkTlsSession> session)
 {
-    auto carrier = std::make_unique<TunnelCarrier>(session->GetSocket());
-    carrier->peerNames = session->GetPeerNames();
-    std::unique_ptr<btkStreamSocket> near = carrier->tunnel.Open(std::move(session));
-    if (near != nullptr)
-        near->SetCarrier(std::move(carrier));
-    return near;
+    // Another descriptor of the connection, so that the user closes its own before the session has sent the end.
+    btkFd connected(fcntl(session->GetSocket().GetHandle(), F_DUPFD_CLOEXEC, 0));
+    if (!connected)
+        return nullptr;
+    const btkStreamSocket& from = session->GetSocket();
+    const std::vector<std::string> names = session->GetPeerNames();
+    auto made = std::make_unique<btkStreamSocket>();
+    auto carrier = std::make_unique<btkCarrier>(std::move(session), names, from);
+    made->Encrypt(std::move(connected), from, std::move(carrier));
+    return made;
 }

@@ -72,9 +72,9 @@ protected:
 };
 
 /// The entry of libqelstd-tls; the number in its name changes with the classes above.
-inline constexpr const char* btkTlsEntryName = "qel_tls_open_1";
+inline constexpr const char* btkTlsEntryName = "qel_tls_open_2";
 using btkTlsEntry = btkTlsFolder* (*)(const char* path, std::string& why);
 
 /// Returns the socket of the user of an encrypted connection whose handshake is done. Null when there are no
-/// descriptors or threads left.
+/// descriptors left.
 BASE_API std::unique_ptr<btkStreamSocket> btkCarry(std::unique_ptr<btkTlsSession> session);

@@ -166,16 +166,12 @@ struct [[gnu::visibility("hidden")]] btkTunnel::Loop
 
     bool MayTake() const
     {
-        return !isDeaf && reader.GetCredit() > 0 && Waiting() < mostWaiting;
-    }
-    std::size_t Waiting() const
-    {
-        return frames.size() - sent;
+        return !link.isDeaf && link.reader.GetCredit() > 0 && link.CountWaiting() < mostWaiting;
     }
     btkReadiness AwaitedOfUser() const;
 
     btkStreamSocket user;
-    std::unique_ptr<btkChannel> channel;
+    btkFrameLink link;
     btkHandle wake;
     std::atomic<Wish> wish = Wish::serve;
     std::atomic<bool> isAlone = false; // nobody waits for the end
@@ -188,19 +184,16 @@ struct [[gnu::visibility("hidden")]] btkTunnel::Loop
 
     std::unique_ptr<char[]> piece;
 
-    btkFrameReader reader;
-    std::string frames; // to be sent
-    std::size_t sent = 0;
     btkTimeval pause = shortestPause;
     btkTimeval lastSent;      // or taken by the user
     bool isHeld = false;      // data for the user, who has no room
     bool isUserEnded = false; // its data, and the end's frame follows
     bool hasUserLeft = false; // and nothing more will be heard from it than what has arrived
     bool isEndSent = false;
-    bool isDeaf = false; // the other end; what it has sent is still to be read
     bool isLost = false; // the connection
     bool isFinishing = false;
-    bool isShut = false; // the user knows the end of the other's data
+    bool isShut = false;   // the user knows the end of the other's data
+    bool isUnread = false; // there is no user: what arrives is dropped
 };
 
 int btkTunnel::Loop::Run()
@@ -211,7 +204,7 @@ int btkTunnel::Loop::Run()
         // As when the connection is lost.
     }
     // Unless both directions have ended, the user must not take what it has received for everything.
-    const std::string why = isShut ? std::string() : channel->GetFailure();
+    const std::string why = isShut ? std::string() : link.channel->GetFailure();
     {
         const std::lock_guard<std::mutex> lock(mutex);
         failure = why;
@@ -221,7 +214,7 @@ int btkTunnel::Loop::Run()
     if (!isShut && user.IsOpen())
         btkResetOnClose(user.GetHandle(), true);
     user.Close();
-    channel->Close();
+    link.channel->Close();
     return 0;
 }
 
@@ -249,16 +242,21 @@ bool btkTunnel::Loop::IsDone()
     // Until the other end's data has ended, it needs credit.
     if (!isShut && wish != Wish::finish)
         return false;
-    if (isDeaf)
+    if (link.isDeaf)
         return true;
-    if (!isEndSent || Waiting() > 0)
+    if (!isEndSent || link.CountWaiting() > 0)
         return false;
-    isFinishing = !channel->FinishOutput();
+    isFinishing = !link.channel->FinishOutput() || !link.channel->HasArrived();
     return !isFinishing;
 }
 
 bool btkTunnel::Loop::MoveToUser()
 {
+    btkFrameReader& reader = link.reader;
+    if (isUnread) {
+        reader.Drop(reader.GetData().size());
+        return true;
+    }
     while (const std::optional<btkUrgentValue> value = reader.TakeUrgent())
         if (user.Send(value->data(), value->size(), true) != value->size())
             return false;
@@ -283,28 +281,28 @@ bool btkTunnel::Loop::MoveToUser()
         isShut = true;
     }
     if (const std::size_t grant = reader.TakeGrant(leastGrant); grant > 0 && !reader.IsEnded())
-        btkPutCreditFrame(frames, grant);
+        btkPutCreditFrame(link.frames, grant);
     return true;
 }
 
 void btkTunnel::Loop::TakeUrgents()
 {
     btkUrgentValue value = {};
-    while (Waiting() < mostWithUrgents && user.HasUrgent() &&
+    while (link.CountWaiting() < mostWithUrgents && user.HasUrgent() &&
            user.Recv(value.data(), value.size(), true) == static_cast<std::ptrdiff_t>(value.size()))
-        btkPutUrgentFrame(frames, value);
+        btkPutUrgentFrame(link.frames, value);
 }
 
 bool btkTunnel::Loop::MoveFromUser()
 {
-    if (isUserEnded || isDeaf)
+    if (isUserEnded || link.isDeaf)
         return true;
     // Leads on to a mark that is known.
     if (!MayTake())
         user.IsReadable();
     TakeUrgents();
     while (!isUserEnded && MayTake()) {
-        const std::ptrdiff_t count = user.TryRecv(piece.get(), std::min(pieceSize, reader.GetCredit()));
+        const std::ptrdiff_t count = user.TryRecv(piece.get(), std::min(pieceSize, link.reader.GetCredit()));
         const int error = errno;
         // Reading finds them, too.
         TakeUrgents();
@@ -312,10 +310,10 @@ bool btkTunnel::Loop::MoveFromUser()
             return error == EAGAIN;
         if (count == 0) {
             isUserEnded = true;
-            btkPutEndFrame(frames);
+            btkPutEndFrame(link.frames);
         } else {
-            reader.UseCredit(static_cast<std::size_t>(count));
-            btkPutDataFrame(frames, {piece.get(), static_cast<std::size_t>(count)});
+            link.reader.UseCredit(static_cast<std::size_t>(count));
+            btkPutDataFrame(link.frames, {piece.get(), static_cast<std::size_t>(count)});
         }
     }
     return true;
@@ -323,17 +321,10 @@ bool btkTunnel::Loop::MoveFromUser()
 
 void btkTunnel::Loop::Flush()
 {
-    while (Waiting() > 0) {
-        const std::ptrdiff_t count = channel->Write(frames.data() + sent, Waiting());
-        if (count == 0)
-            return;
+    if (link.Flush())
         lastSent = btkTimeval::Now();
-        isDeaf = isDeaf || count < 0;
-        sent += isDeaf ? Waiting() : static_cast<std::size_t>(count);
-    }
-    frames.clear();
-    sent = 0;
-    isEndSent = isUserEnded;
+    if (link.CountWaiting() == 0)
+        isEndSent = isUserEnded;
 }
 
 btkReadiness btkTunnel::Loop::AwaitedOfUser() const
@@ -343,22 +334,24 @@ btkReadiness btkTunnel::Loop::AwaitedOfUser() const
         return awaited;
     // Urgent values only. With a mark that is not reached yet, more bytes lead to it.
     const bool isMarkNear = (awaited & btkUrgent) == 0;
-    return !user.MayReadAhead() || Waiting() >= mostWithUrgents ? btkNotReady
-           : isMarkNear                                         ? btkReadable
-                                                                : btkUrgent;
+    return !user.MayReadAhead() || link.CountWaiting() >= mostWithUrgents ? btkNotReady
+           : isMarkNear                                                   ? btkReadable
+                                                                          : btkUrgent;
 }
 
 void btkTunnel::Loop::Wait()
 {
     // Sends the frames that Step could not, in full or in part.
-    if (sent > mostWaiting)
-        frames.erase(0, std::exchange(sent, 0));
-    const bool isUserAsked = !isUserEnded && !hasUserLeft && !isDeaf;
-    const bool wantsRoom = Waiting() > 0 || channel->NeedsRoom();
-    pollfd asked[] = {{wake, POLLIN, 0},
-                      {channel->GetInput(), POLLIN, 0},
-                      {isDeaf ? -1 : channel->GetOutput(), static_cast<short>(wantsRoom ? POLLOUT : 0), 0},
-                      {isUserAsked ? user.GetHandle() : -1, isUserAsked ? AwaitedOfUser() : btkNotReady, 0}};
+    if (link.sent > mostWaiting)
+        link.frames.erase(0, std::exchange(link.sent, 0));
+    const std::unique_ptr<btkChannel>& channel = link.channel;
+    const bool isUserAsked = !isUserEnded && !hasUserLeft && !link.isDeaf;
+    const bool wantsRoom = link.CountWaiting() > 0 || channel->NeedsRoom();
+    pollfd asked[] = {
+        {wake, POLLIN, 0},
+        {channel->GetInput(), POLLIN, 0},
+        {link.isDeaf ? -1 : channel->GetOutput(), static_cast<short>(wantsRoom ? POLLOUT : 0), 0},
+        {isUserAsked ? user.GetHandle() : -1, isUserAsked ? AwaitedOfUser() : btkNotReady, 0}};
     btkTimeval limit = isAlone ? patienceAlone : btkTimeval::Forever();
     if (isHeld || isFinishing) {
         limit = pause;
@@ -370,7 +363,7 @@ void btkTunnel::Loop::Wait()
     Event_Reset(wake);
     hasUserLeft = hasUserLeft || (asked[3].revents & POLLHUP) != 0;
     const bool isUserBroken = (asked[3].revents & (POLLERR | POLLNVAL)) != 0;
-    isDeaf = isDeaf || (asked[2].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0;
+    link.isDeaf = link.isDeaf || (asked[2].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0;
     const bool mayReceive = asked[1].revents != 0 || channel->HoldsInput() ||
                             (channel->NeedsRoom() && (asked[2].revents & POLLOUT) != 0);
     isLost = isLost || isUserBroken || (mayReceive && !Receive());
@@ -381,12 +374,12 @@ bool btkTunnel::Loop::Receive()
 {
     int left = mostReads;
     do {
-        const std::ptrdiff_t count = channel->Read(piece.get(), pieceSize);
+        const std::ptrdiff_t count = link.channel->Read(piece.get(), pieceSize);
         if (count < 0)
-            return reader.IsEnded();
-        if (count > 0 && !reader.Take({piece.get(), static_cast<std::size_t>(count)}))
+            return link.reader.IsEnded();
+        if (count > 0 && !link.reader.Take({piece.get(), static_cast<std::size_t>(count)}))
             return false;
-    } while (channel->HoldsInput() && --left > 0);
+    } while (link.channel->HoldsInput() && --left > 0);
     return true;
 }
 
@@ -444,27 +437,33 @@ std::unique_ptr<btkStreamSocket> btkTunnel::Open(btkFd input, btkFd output, btkT
     const btkTimeval end = limit.IsForever() ? limit : btkTimeval::Now() + limit;
     if (!sendOpening(output.Get(), end) || !receiveOpening(input.Get(), end))
         return nullptr;
-    return Open(std::make_unique<Descriptors>(std::move(input), std::move(output)));
+    btkFrameLink link;
+    link.channel = std::make_unique<Descriptors>(std::move(input), std::move(output));
+    return Open(link);
 }
 
-std::unique_ptr<btkStreamSocket> btkTunnel::Open(std::unique_ptr<btkChannel> channel)
+std::unique_ptr<btkStreamSocket> btkTunnel::Open(btkFrameLink& link)
 {
     auto made = std::make_shared<Loop>();
     auto near = std::make_unique<btkStreamSocket>();
     if (made->wake < 0 || !connectPair(*near, made->user))
         return nullptr;
-    made->channel = std::move(channel);
     made->user.SetSendLimit(sendLimit);
     made->user.SetUrgentSpacing(urgentSpacing);
     btkSetOwnRoom(made->user.GetHandle(), ownRoom);
-    if (!Start(std::move(made))) {
-        errno = EAGAIN;
-        return nullptr;
-    }
-    return near;
+    return Start(std::move(made), link) ? std::move(near) : nullptr;
 }
 
-bool btkTunnel::Start(std::shared_ptr<Loop> made)
+void btkTunnel::LeaveRest(btkFrameLink& link)
+{
+    auto made = std::make_shared<Loop>();
+    made->isUserEnded = made->hasUserLeft = made->isUnread = true;
+    if (made->wake >= 0 && Start(std::move(made), link))
+        Leave();
+}
+
+// False, and the link stays the caller's, when no thread can be started.
+bool btkTunnel::Start(std::shared_ptr<Loop> made, btkFrameLink& link)
 {
     const auto run = [](void* arg) {
         Loop* const started = static_cast<Loop*>(arg);
@@ -479,9 +478,12 @@ bool btkTunnel::Start(std::shared_ptr<Loop> made)
         return code;
     };
     made->self = made;
+    made->link = std::move(link);
     void* const launched = StrictThread_Launch(run, made.get(), nullptr);
     if (launched == StrictThread_Refused) {
+        link = std::move(made->link);
         made->self.reset();
+        errno = EAGAIN;
         return false;
     }
     loop = std::move(made);

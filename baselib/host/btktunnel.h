@@ -3,12 +3,13 @@
 #include <memory>
 #include <string>
 
-#include <qel/base/btkchannel.h>
 #include <qel/base/btkfd.h>
 #include <qel/base/btksocket.h>
 
+struct btkFrameLink;
+
 /// A connection over a channel that is none: the input and the output of a program such as ssh, which carries them to
-/// another machine, or an encrypted connection. Each end has a tunnel; the frames between the two are those of
+/// another machine; or an encrypted connection for a user that needs a socket of the kernel. Each end has a tunnel; the frames between the two are those of
 /// btkframes.h. The users of both ends have a connected socket each, with urgent values, its end, and its reset: data
 /// flows only as fast as it is read at the other end, which holds at most 256 KiB for a slow reader, and urgent values
 /// overtake it.
@@ -28,9 +29,12 @@ public:
     /// end's user; null when it fails, with the reason in errno: ETIMEDOUT, ECONNRESET (the input has ended), EPROTO
     /// (something else than a tunnel has sent bytes). One of the two Open, once for each object.
     std::unique_ptr<btkStreamSocket> Open(btkFd input, btkFd output, btkTimeval limit);
-    /// Opens it over a channel whose other end is known to be a tunnel. Does not wait. Null when there are no
+    /// Continues a connection that has begun. Does not wait. Null, and the link stays as it was, when there are no
     /// descriptors or threads left.
-    std::unique_ptr<btkStreamSocket> Open(std::unique_ptr<btkChannel> channel);
+    std::unique_ptr<btkStreamSocket> Open(btkFrameLink& link);
+    /// Sends the rest of a connection whose user has left, as Leave; its end is among the link's frames. Drops what
+    /// arrives. The link stays as it was when there are no descriptors or threads left.
+    void LeaveRest(btkFrameLink& link);
 
     /// Sends the rest of what the user has sent before it closed its socket, and closes the tunnel when that is done or
     /// `limit` has passed.
@@ -44,7 +48,7 @@ public:
 
 private:
     struct Loop;
-    bool Start(std::shared_ptr<Loop> made);
+    bool Start(std::shared_ptr<Loop> made, btkFrameLink& link);
 
     std::shared_ptr<Loop> loop;
     void* thread = nullptr;

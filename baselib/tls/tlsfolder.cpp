@@ -232,9 +232,9 @@ std::unique_ptr<btkTlsSession> TlsFolder::Connect(std::unique_ptr<btkStreamSocke
 }
 
 /// Returns a new folder; null, with the reason in `why`, when it cannot be used.
-extern "C" BASE_API btkTlsFolder* qel_tls_open_1(const char* path, std::string& why);
+extern "C" BASE_API btkTlsFolder* qel_tls_open_2(const char* path, std::string& why);
 
-extern "C" btkTlsFolder* qel_tls_open_1(const char* path, std::string& why)
+extern "C" btkTlsFolder* qel_tls_open_2(const char* path, std::string& why)
 try {
     // Threads of this process may still use OpenSSL while the process exits.
     OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr);

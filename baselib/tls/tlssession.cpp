@@ -22,7 +22,8 @@ constexpr std::string_view protocol = "\5qel/1";
 constexpr std::string_view scheme = "qel://";
 constexpr std::size_t longestName = 255;
 constexpr std::size_t mostNames = 64;
-constexpr std::size_t receivedRoom = 32768;
+// Four records, so that a stream of them takes one call of the kernel for several.
+constexpr std::size_t receivedRoom = 4 * 16406;
 constexpr int deepest = 8;
 constexpr long longestChain = 65536;
 
@@ -121,8 +122,9 @@ bool TlsSession::Prepare(SSL_CTX& context)
     SSL_CTX_set_max_cert_list(&context, longestChain);
     SSL_CTX_set_session_cache_mode(&context, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_options(&context, SSL_OP_NO_TICKET | SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION);
+    // The file has the chain: without the last of these, each handshake would search for one, and verify it.
     SSL_CTX_set_mode(&context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
-                                   SSL_MODE_RELEASE_BUFFERS);
+                                   SSL_MODE_RELEASE_BUFFERS | SSL_MODE_NO_AUTO_CHAIN);
     SSL_CTX_set_security_level(&context, 2);
     SSL_CTX_set_alpn_select_cb(&context, &chooseProtocol, nullptr);
     return SSL_CTX_set_min_proto_version(&context, TLS1_3_VERSION) == 1 &&
@@ -397,7 +399,12 @@ bool TlsSession::FinishOutput()
             return false;
         isOutputFinished = true;
     }
-    // Closing the socket while the peer still sends would reset it, with what has not arrived.
+    return true;
+}
+
+// Closing the socket while the peer still sends resets it, and what has not arrived is lost.
+bool TlsSession::HasArrived() const
+{
     return isOutputBroken || btkCountUnsent(GetSocket().GetHandle()) == 0;
 }
 

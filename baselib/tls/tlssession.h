@@ -45,6 +45,7 @@ public:
     bool HoldsInput() const override;
     bool NeedsRoom() const override { return needsRoom; }
     bool FinishOutput() override;
+    bool HasArrived() const override;
     void Close() override;
     std::string GetFailure() const override { return failure; }
 

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include <qel/base/btkcarrier.h>
 #include <qel/base/btkcmdline.h>
 #include <qel/base/btkenvironment.h>
 #include <qel/base/btkpeeruser.h>

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include <qel/base/btkcarrier.h>
 #include <qel/base/nethandshake.h>
 #include <qel/base/nmsclient.h>
 #include <qel/hmxregistry.h>

@@ -8,6 +8,7 @@
 #include <new>
 #include <string_view>
 
+#include <qel/base/btkcarrier.h>
 #include <qel/base/btksocket.h>
 #include <qel/platform/errortable.h>
 

@@ -3,6 +3,7 @@
 #include <iostream>
 #include <string>
 
+#include <qel/base/btkcarrier.h>
 #include <qel/base/nethandshake.h>
 
 #include "netaddress.h"

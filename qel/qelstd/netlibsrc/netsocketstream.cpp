@@ -5,6 +5,7 @@
 #include <string>
 
 #include <qel/base/btkbyteorder.h>
+#include <qel/base/btkcarrier.h>
 #include <qel/base/btksocket.h>
 #include <qel/base/xsocketbuf.h>
 

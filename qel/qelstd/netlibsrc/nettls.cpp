@@ -124,7 +124,7 @@ std::unique_ptr<btkStreamSocket> encrypt(std::unique_ptr<btkStreamSocket> socket
     }
     std::unique_ptr<btkStreamSocket> encrypted = btkCarry(std::move(session));
     if (encrypted == nullptr)
-        refuse(address, "no descriptors or threads are left");
+        refuse(address, "no descriptors are left");
     return encrypted;
 }
 

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include <qel/base/btkbyteorder.h>
-#include <qel/base/xstreambuf.h>
+#include <qel/base/xsocketbuf.h>
 
 #include "rshrelay_p.h"
 
@@ -35,6 +35,11 @@ void rshQueue::PutInt(int value)
 rshOutlet::rshOutlet(ioStream* stream) : target(stream)
 {
     isFailed = target == nullptr || !rshSucceeds([this] { target->Flush(1); }) || target->getIsOpen() == 0;
+    if (isFailed)
+        return;
+    // The bytes are written, and their way is watched, by the descriptor itself.
+    auto* const connected = dynamic_cast<xsocketbuf*>(target->streamBuf);
+    isFailed = connected != nullptr && !connected->UseKernelSocket();
     if (isFailed)
         return;
     const btkHandle written = target->streamBuf->GetHandle();
