@@ -30,6 +30,12 @@ def measured(folder, name_filter, repetitions):
     return found
 
 
+def pattern(row):
+    """The regular expression of the names of a row's benchmarks, which say who in their third part."""
+    area, operation, *arguments = (re.sub(r"([.^()])", r"\\\1", part) for part in row.split("/"))
+    return "/".join([area, operation, "[^/]+", *arguments])
+
+
 def curves(found):
     """Title to who to size to the cost of one element."""
     by_title = {}
@@ -103,8 +109,7 @@ def main():
     parts = []
     if len(sys.argv) == 2:
         wanted = report.targets()
-        # A row is a name without its part that says who.
-        names = "^(" + "|".join(re.sub(r"([.^])", r"\\\1", row) for row in wanted) + ")/"
+        names = "^(" + "|".join(pattern(row) for row in wanted) + ")(/|$)"
         parts.append(row_text(measured(sys.argv[1], names, 5), wanted))
     found = measured(sys.argv[1], sys.argv[2] if len(sys.argv) == 3 else "^curves", 3)
     parts += [curve_text(area, title, by_who) for (area, title), by_who in curves(found).items()]
