@@ -20,7 +20,7 @@ import sys
 import tree
 
 THREE = 3
-AT_LEAST = 44
+AT_LEAST = 48
 EXCEPTION = re.compile(r"([a-z]+)X(?!DR)[A-Z]\w*")
 # What macros and templates in headers use, and programs do not.
 HELPERS = set("qelBuildDescriptor qelDowncast qelLabelCount qelLater qelProbe qelThrowOutOfRange qelThrowTypeMismatch qelShape "
@@ -98,10 +98,10 @@ names, spaces = {}, {}
 for path in headers.values():
     text = re.split(r"^// ---- implementation", path.read_text(), flags=re.MULTILINE)[0]
     space = ""
-    for line in tree.without_comments(text).split("\n"):
+    for line, whole in zip(tree.without_comments(text).split("\n"), text.split("\n")):
         if opened := re.match(r"namespace ([\w:]+) \{", line):
             space = opened[1].replace("::", "")
-        elif line.startswith("}") and not line.startswith("};"):
+        elif whole.startswith("} // namespace"):
             space = ""
         found = DECLARED.match(line)
         if found and (found[2] or found[3] or not line.endswith(";")):

@@ -1,0 +1,56 @@
+#include <gtest/gtest.h>
+#include <vector>
+
+#include <qel/qelrtti.h>
+
+namespace {
+
+/// A new descriptor. It lives as long as the process, where the leak check finds it.
+xrttistruct* makeStruct(const char* name)
+{
+    static auto* const all = new std::vector<xrttistruct*>;
+    all->push_back(new xrttistruct);
+    all->back()->initialize(name, 1, 0, nullptr, 0, nullptr);
+    return all->back();
+}
+
+} // namespace
+
+TEST(Registry, ReturnsTheLastDescriptorOfAName)
+{
+    xrttistruct* const first = makeStruct("test::Twice");
+    xrttistruct* const second = makeStruct("test::Twice");
+    qelRttiAddToMap(first);
+    EXPECT_EQ(qelRttiGetFromMap("test::Twice"), first);
+
+    qelRttiAddToMap(second);
+
+    EXPECT_EQ(qelRttiGetFromMap("test::Twice"), second);
+    EXPECT_EQ(qelRttiGetFromMap("test::Never"), nullptr);
+    EXPECT_EQ(qelRttiGetFromMap(nullptr), nullptr);
+    EXPECT_EQ(qelRttiGetFromMap("int"), qelGetRtti_int());
+    EXPECT_EQ(qelRttiGetFromMap("object"), static_cast<xrtti*>(qelGetRtti_object()));
+}
+
+TEST(UserData, ReachesTheRegisteredDescriptorOfTheName)
+{
+    static int one, two, three;
+    xrttistruct* const registered = makeStruct("test::Data");
+    xrttistruct* const namesake = makeStruct("test::Data");
+    xrttistruct* const nameless = makeStruct("");
+
+    qelRttiAddUserData(registered, "key", &one);
+    EXPECT_EQ(qelRttiGetFromMap("test::Data"), registered);
+    EXPECT_EQ(qelRttiGetUserData(namesake, "key"), &one);
+
+    qelRttiAddUserData(namesake, "other", &two);
+    EXPECT_EQ(qelRttiGetUserData("test::Data", "other"), &two);
+    qelRttiAddUserData(namesake, "other", &three);
+    EXPECT_EQ(qelRttiGetUserData(registered, "other"), &three);
+
+    qelRttiAddUserData(nameless, "key", &two);
+    EXPECT_EQ(qelRttiGetUserData(nameless, "key"), &two);
+    EXPECT_EQ(qelRttiGetFromMap(""), nullptr);
+    EXPECT_EQ(qelRttiGetUserData("test::Never", "key"), nullptr);
+    EXPECT_EQ(qelRttiGetUserData(registered, "absent"), nullptr);
+}
