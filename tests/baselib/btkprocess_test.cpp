@@ -135,12 +135,6 @@ TEST_F(Processes, GetStreamsWhoseDescriptorsHaveEachOthersStandardNumbers)
               0);
 }
 
-TEST_F(Processes, StartInTheGivenDirectory)
-{
-    const TempDir dir;
-    EXPECT_EQ(OutputOf("pwd -P", 0, dir.path()), std::filesystem::canonical(dir.path()).string() + "\n");
-}
-
 TEST_F(Processes, FailWithTheOperatingSystemsReason)
 {
     const TempDir dir;
@@ -182,18 +176,6 @@ TEST_F(Processes, StartWithDefaultSignalHandling)
                   return maskOf("SigBlk") != 0 || (maskOf("SigIgn") & ordinary) != 0;
               }),
               0);
-}
-
-TEST_F(Processes, OfOneGroupAreKilledTogether)
-{
-    Pipe out;
-    Started started("sh -c \"sleep 60 & echo; wait\"", -1, out.output.Get(), -1, btkLaunchGroup);
-    out.output.Reset();
-    char line;
-    ASSERT_EQ(btkRead(out.input.Get(), &line, 1), 1); // the background process is running
-    Process_Kill(started.process.get());
-    EXPECT_EQ(out.ReadAll(), ""); // no process holds the pipe
-    EXPECT_EQ(started.Wait(), 128 + SIGKILL);
 }
 
 TEST_F(Processes, OpenedByIdAreWatchedButKeepTheirExitCode)

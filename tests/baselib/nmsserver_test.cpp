@@ -1,5 +1,4 @@
 #include <atomic>
-#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <memory>
@@ -15,6 +14,7 @@
 #include <qel/base/nmsclient.h>
 
 #include "support/child.h"
+#include "support/descriptors.h"
 #include "support/interrupt.h"
 #include "support/longrun.h"
 #include "support/nameserver.h"
@@ -115,12 +115,6 @@ std::string AnswerTo(int port, const std::string& bytes)
     return answer;
 }
 
-std::size_t OpenDescriptors()
-{
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
-}
-
 // Returns the result of `work`, a request of a client of another user, in a child process.
 template<typename Work>
 int AsUser(uid_t user, Work work)
@@ -184,7 +178,7 @@ TEST(NameServer, RepliesMatchTheProtocolByteByByte)
 
 TEST(NameServer, ClosesClientsThatExceedTheirTime)
 {
-    const std::size_t descriptorsBefore = OpenDescriptors();
+    const long descriptorsBefore = openDescriptors();
     {
         TestNameServer server({.requestLimit = btkTimeval(1, 0)});
         std::vector<std::unique_ptr<btkStreamSocket>> others;
@@ -205,7 +199,7 @@ TEST(NameServer, ClosesClientsThatExceedTheirTime)
             EXPECT_TRUE(got == 0 || (got < 0 && errno == ECONNRESET)) << "not closed";
         }
     }
-    EXPECT_EQ(OpenDescriptors(), descriptorsBefore);
+    EXPECT_EQ(openDescriptors(), descriptorsBefore);
 }
 
 // A reply that its client reads late arrives whole, too.
@@ -504,39 +498,6 @@ TEST(NameServer, ReportsThatItIsFull)
     const std::string said = testing::internal::GetCapturedStderr(); // the number of refusals varies
     EXPECT_EQ(said.find("name server: full: the records of no process have their whole share; "), 0u) << said;
     EXPECT_EQ(said.find('\n'), said.size() - 1) << said;
-}
-
-// The client: servers that send nothing, or wrong lengths.
-TEST(NameClient, CallsEndWithLyingAndSilentServers)
-{
-    nmsSetAnswerLimit(btkTimeval(0, 300000));
-    btkAcceptSocket door;
-    ASSERT_TRUE(door.Listen(0, "127.0.0.1"));
-    const EnvSetting port("VRXNMSPORT", std::to_string(door.GetPortN()).c_str());
-    std::string many(1, 0);
-    nmsPutInt(many, 0x7FFFFFFF);
-    many += std::string(8, 0); // and one record
-    std::string negative(1, 0);
-    nmsPutInt(negative, -1);
-
-    for (const std::string& answer : {std::string(), std::string(1, 0), many, negative}) {
-        std::thread peer([&] {
-            btkStreamSocket socket;
-            if (door.Wait(Patience, 1) != 1 || !door.Accept(&socket))
-                return;
-            socket.Send(answer.data(), answer.size());
-            char byte = 0;
-            socket.SetRecvLimit(Patience);
-            while (socket.Recv(&byte, 1) > 0) {
-            }
-        });
-        Client client;
-        int count = -1;
-        EXPECT_EQ(client.query("a", "b", count), nmscNoConnection);
-        EXPECT_EQ(count, 0);
-        peer.join();
-    }
-    nmsSetAnswerLimit(btkTimeval(10, 0));
 }
 
 TEST(NameClient, ReadsThePortFromTheEnvironment)

@@ -1,4 +1,3 @@
-#include <cerrno>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
@@ -41,23 +40,6 @@ std::string Numbered(std::size_t size)
 }
 
 } // namespace
-
-TEST_F(FileBuffer, OpensByItsMode)
-{
-    EXPECT_EQ(Open(xfilebuf::Read), nullptr);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(Open(xfilebuf::ReadWrite), nullptr);
-
-    dir.write("f", "old");
-    EXPECT_EQ(Put(*Open(xfilebuf::Read), "x"), 0);
-    EXPECT_EQ(Put(*Open(xfilebuf::ReadWrite), "O"), 1);
-    EXPECT_EQ(dir.read("f"), "Old");
-    EXPECT_EQ(Open(xfilebuf::Write)->sgetc(), EOF);
-    EXPECT_EQ(dir.read("f"), "");
-
-    EXPECT_EQ(xfilebuf::Open(dir.path().c_str(), xfilebuf::Read), nullptr);
-    EXPECT_EQ(errno, EISDIR);
-}
 
 TEST_F(FileBuffer, ReadsAndWritesAtOnePosition)
 {
@@ -114,20 +96,6 @@ TEST_F(FileBuffer, SeeksFromEachOriginAndKeepsItsPositionOnFailure)
     EXPECT_EQ(file->pubseekoff(0, std::ios_base::cur), 11);
     EXPECT_EQ(file->pubseekpos(3), 3);
     EXPECT_EQ(Take(*file, 1), "3");
-}
-
-TEST_F(FileBuffer, HandlesPositionsBeyond32Bits)
-{
-    const long long far = 5LL << 30;
-    dir.write("f", "");
-    const auto file = Open(xfilebuf::ReadWrite);
-
-    ASSERT_EQ(file->Seek(far, std::ios_base::beg), far);
-    Put(*file, "end");
-    EXPECT_EQ(file->GetFileSize(), far + 3);
-    EXPECT_EQ(file->Seek(-3, std::ios_base::end), far);
-    EXPECT_EQ(Take(*file, 4), "end");
-    EXPECT_EQ(file->Tell(), far + 3);
 }
 
 TEST_F(FileBuffer, SeesWritesOfOthers)

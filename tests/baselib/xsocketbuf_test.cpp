@@ -6,7 +6,6 @@
 
 #include <qel/base/xsocketbuf.h>
 
-#include "support/interrupt.h"
 #include "support/socketpair.h"
 
 namespace {
@@ -142,21 +141,6 @@ TEST(xsocketbuf, ViewShowsReceivedBytesWithoutConsumingThem)
     EXPECT_EQ(ends.read(3), "abc");
 }
 
-TEST(xsocketbuf, SendToAClosedPeerFails)
-{
-    Ends ends;
-    ends.in.reset();
-    ends.far.Close();
-    const std::string much(1 << 20, 'x');
-
-    std::streamsize sent = 0;
-    for (int time = 0; time < 3; ++time)
-        sent += ends.out->sputn(much.data(), static_cast<std::streamsize>(much.size()));
-
-    EXPECT_LT(sent, 3 << 20);
-    EXPECT_EQ(ends.out->pubsync(), -1);
-}
-
 TEST(xsocketbuf, TestsWritesAndSendsNothing)
 {
     Ends ends;
@@ -214,22 +198,4 @@ TEST(xsocketbuf, ReceivesArrivedBytesBeforeItSends)
     ends.far.Close();
     EXPECT_EQ(ends.out->sgetc(), EOF);
     EXPECT_TRUE(ends.out->IsEofReached());
-}
-
-TEST(xsocketbuf, TransfersEverythingWhileInterrupted)
-{
-    Ends ends;
-    const std::string part(1000, 'p');
-    Interrupter interrupter;
-
-    std::thread writer([&] {
-        for (int i = 0; i < 4000; ++i)
-            ends.write(part);
-        ends.out->pubsync();
-    });
-    const std::string got = ends.read(4000000);
-    writer.join();
-
-    EXPECT_EQ(got.size(), 4000000u);
-    EXPECT_EQ(got.find_first_not_of('p'), std::string::npos);
 }

@@ -144,26 +144,6 @@ TEST(xbufaccess, ReadsAndWritesDirectlyInTheAreas)
     EXPECT_EQ(Take(buffer, 2), "d");
 }
 
-TEST_F(PipeBuffers, WriteUnbufferedAndReadAllRequestedBytes)
-{
-    EXPECT_EQ(input->in_avail(), 0) << "some may come";
-    Put(*output, "12");
-    EXPECT_EQ(input->CountReadable(), 2u);
-    std::thread writer([&] {
-        Put(*output, "345");
-        output->sputc('6');
-    });
-
-    EXPECT_EQ(Take(*input, 6), "123456");
-
-    writer.join();
-    output.reset();
-    EXPECT_EQ(Take(*input, 1), "");
-    EXPECT_TRUE(input->IsEofReached());
-    EXPECT_EQ(input->in_avail(), -1);
-    EXPECT_EQ(Take(*input, 1 << 20), "");
-}
-
 TEST_F(PipeBuffers, ShowArrivedBytesAndDistinguishAPauseFromTheEnd)
 {
     EXPECT_EQ(Try(*input, 4), "");
@@ -184,26 +164,6 @@ TEST_F(PipeBuffers, ShowArrivedBytesAndDistinguishAPauseFromTheEnd)
     EXPECT_EQ(Try(*input, 6), "abcde"); // the view that takes the last byte sees the end as well
     EXPECT_TRUE(input->IsEofReached());
     EXPECT_EQ(Take(*input, 9), "abcde");
-}
-
-TEST_F(PipeBuffers, GrowForAValueLargerThanThePipe)
-{
-    std::string sent(3 << 20, ' ');
-    for (std::size_t i = 0; i < sent.size(); ++i)
-        sent[i] = static_cast<char>(i * 7 + i / 999);
-    std::thread writer([&] { Put(*output, sent); });
-    btkEvent pending(input->GetInputEvent());
-
-    std::string seen;
-    while ((seen = Try(*input, sent.size())).size() < sent.size())
-        ASSERT_EQ(btkEvent::Wait({&pending}, btkTimeval(30.0)), 1);
-    writer.join();
-
-    EXPECT_EQ(seen, sent);
-    EXPECT_EQ(Take(*input, 5), sent.substr(0, 5));
-    EXPECT_EQ(Take(*input, sent.size() - 5), sent.substr(5));
-    Put(*output, "again");
-    EXPECT_EQ(Take(*input, 5), "again");
 }
 
 TEST_F(PipeBuffers, SignalBufferedAndPendingInputAndTheEnd)
@@ -296,45 +256,6 @@ TEST(xopipebuf, ResetsItsEventAfterAShortTryUntilThereIsMoreRoom)
     EXPECT_FALSE(tries(three));
     input.Reset();
     EXPECT_EQ(btkEvent::Wait({&writable}, btkTimeval::Forever()), 1); // without a reader, too
-}
-
-TEST_F(PipeBuffers, TestWritesWithoutSending)
-{
-    const std::string page(4096, 'p');
-    std::streambuf* area = output->GetTryOBuf();
-    EXPECT_EQ(Put(*area, page), 4096);
-    output->FreeTryOBuf();
-    EXPECT_FALSE(output->IsTryExhausted());
-    EXPECT_EQ(input->CountReadable(), 0u);
-
-    btkEvent writable(output->GetOutputEvent());
-    EXPECT_TRUE(writable.IsSignaled());
-    bool broken = false;
-    while (btkCountWritable(output->GetHandle(), broken) > 0)
-        Put(*output, page);
-    EXPECT_FALSE(writable.IsSignaled());
-    EXPECT_EQ(output->GetTryOBuf()->sputc('x'), EOF);
-    EXPECT_TRUE(output->IsTryExhausted());
-
-    input.reset();
-    EXPECT_EQ(output->GetTryOBuf()->sputc('x'), EOF);
-    EXPECT_FALSE(output->IsTryExhausted()); // waiting will not help
-    EXPECT_EQ(Put(*output, "x"), 0);
-    EXPECT_TRUE(writable.IsSignaled());
-}
-
-TEST_F(PipeBuffers, TransferEverythingWhileInterrupted)
-{
-    Interrupter interrupter;
-    const std::string sent(200000, 'i');
-    std::thread writer([&] {
-        for (int i = 0; i < 50; ++i)
-            EXPECT_EQ(Put(*output, sent), 200000);
-    });
-
-    for (int i = 0; i < 50; ++i)
-        ASSERT_EQ(Take(*input, sent.size()), sent);
-    writer.join();
 }
 
 TEST(StandardBuffers, KeepTheirOrderWithOutputOfTheStandardLibrary)

@@ -1,4 +1,3 @@
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <fstream>
@@ -338,27 +337,6 @@ TEST_F(Config, LosesNoUpdateOfSeveralProcesses)
     }
     waitpid(waiting, nullptr, 0);
     EXPECT_EQ(content(), "count:" + std::to_string(processes * updates) + "\n");
-}
-
-TEST_F(Config, LockIsSharedByReadersAndExclusiveForAWriter)
-{
-    dir.write("config", "a:1\n");
-    auto first = std::make_unique<hmxConfigFile>();
-    hmxConfigFile second;
-    ASSERT_TRUE(first->Open(path(), hmxConfigFile::ReadOnly));
-    ASSERT_TRUE(second.Open(path(), hmxConfigFile::ReadOnly));
-    std::atomic<bool> written = false;
-    std::thread writer([&] {
-        update("a", "2");
-        written = true;
-    });
-
-    second.Close();
-    EXPECT_TRUE(isWaitedFor(path()));
-    EXPECT_FALSE(written);
-    first.reset();
-    writer.join();
-    EXPECT_EQ(content(), "a:2\n");
 }
 
 TEST_F(Config, LockWaitHasALimitAndNeverBlocksOnItsOwnProcess)

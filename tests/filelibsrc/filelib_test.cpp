@@ -403,6 +403,7 @@ TEST_F(Files, GetUniqueTemporaryNames)
     EXPECT_FALSE(fsMkTmpName("X:\\", "job") == name);
     EXPECT_EQ(raisedBy([] { fsMkTmpName("X:\\none", "job"); }), Raised(6, "fsMkTmpName", "X:\\none"));
     EXPECT_EQ(raisedBy([] { fsMkTmpName("X:\\", "../x"); }), Raised(4, "fsMkTmpName", "../x"));
+    EXPECT_EQ(raisedBy([] { fsMkTmpName("X:\\", std::string(250, 'p').c_str()); }).code, 5);
 
     dir.makeDir("sub");
     EXPECT_TRUE(fsMkTmpName("X:/sub", "job").Match("X:\\sub\\job*"));

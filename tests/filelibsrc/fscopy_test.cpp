@@ -72,7 +72,7 @@ TEST_F(Copying, KeepsModesAndTimesOfATree)
     dir.link("../outside", "from/link");
     chmod(dir.path("from/a/file"), 0640);
     chmod(dir.path("from/a"), 0500);
-    const timespec times[] = {{1, 0}, {1000000000, 5}};
+    const timespec times[] = {{1, 0}, {1000000000, 123456789}};
     utimensat(AT_FDCWD, dir.path("from/a"), times, 0);
     utimensat(AT_FDCWD, dir.path("from/a/file"), times, 0);
 
@@ -84,6 +84,7 @@ TEST_F(Copying, KeepsModesAndTimesOfATree)
         ASSERT_EQ(stat(dir.path(std::string("new/deep/to/") + name), &status), 0);
         EXPECT_EQ(status.st_mode & 07777, mode);
         EXPECT_EQ(status.st_mtim.tv_sec, 1000000000);
+        EXPECT_EQ(status.st_mtim.tv_nsec, 123456789);
     }
     chmod(dir.path("from/a"), 0700);
     chmod(dir.path("new/deep/to/a"), 0700);
@@ -559,6 +560,22 @@ TEST_F(Copying, CountsHolesAsCopied)
     EXPECT_EQ(watch.lastDone, 100.0 * mebibyte);
     EXPECT_EQ(watch.lastTotal, 100.0 * mebibyte);
     EXPECT_EQ(std::filesystem::file_size(dir.path("copy")), 100 * mebibyte);
+
+    // Data between and behind two holes.
+    const int holes = open(dir.path("holes"), O_WRONLY);
+    ASSERT_EQ(pwrite(holes, "middle", 6, mebibyte), 6);
+    ASSERT_EQ(pwrite(holes, "end", 3, 4 * mebibyte), 3);
+    close(holes);
+    std::filesystem::resize_file(dir.path("holes"), 8 * mebibyte);
+    EXPECT_EQ(copy("X:/holes", "X:/copy"), done);
+    struct stat status;
+    ASSERT_EQ(stat(dir.path("copy"), &status), 0);
+    EXPECT_TRUE(dir.read("holes") == dir.read("copy"));
+    EXPECT_LT(status.st_blocks * 512, 1 << 20);
+
+    // A file whose size the kernel does not report.
+    EXPECT_EQ(copy("/proc/self/cmdline", "X:/cmdline"), done);
+    EXPECT_NE(dir.read("cmdline"), "");
 }
 
 TEST_F(Copying, CanBeCancelled)

@@ -204,19 +204,13 @@ TEST_F(FileStream, CopiesFilesOfUnknownSize)
     EXPECT_NE(TextOf(memory->getStr()).find("Pid:"), std::string::npos);
 }
 
-TEST_F(FileStream, HasADescriptor)
+TEST_F(FileStream, IsReadThroughItsDescriptor)
 {
-    xrttistruct* const type = xrttistruct::cast(ioFileStream::getClassRtti());
-    EXPECT_EQ(TextOf(type->getName()), "iolib::FileStream");
-    EXPECT_EQ(type->getParent(0), ioStream::getClassRtti());
-    EXPECT_EQ(type->getNAttrs(), 1);
     dir.write("f", "");
     const auto stream = Open(ioReadOnly);
+    xrttistruct* const type = xrttistruct::cast(ioFileStream::getClassRtti());
     EXPECT_EQ(TextOf(type->findAttr("Path", 0)->getValue(stream.get())), dir.path("f"));
-    EXPECT_EQ(ioStream::softcast(stream.get()), stream.get());
     EXPECT_EQ(ioPipeStream::softcast(stream.get()), nullptr);
-    EXPECT_EQ(qelGetRtti_ioDirection()->mapStringToInt("ioEnd"), 1);
-    EXPECT_EQ(qelGetRtti_ioOpenMode()->mapStringToInt("ioReadWrite"), 2);
 }
 
 TEST_F(FileStream, ReportsAFailedReadAsAnErrorNotAsTheEnd)

@@ -464,14 +464,8 @@ TEST_F(Monitor, HasADescriptor)
     EXPECT_EQ(static_cast<int>(valueOf(s, "Size")), 10);
     EXPECT_TRUE(valueOf(file->Int("i"), "Value").isNull());
 
-    xrttidictionary* const type = xrttidictionary::cast(params->getRtti());
-    EXPECT_EQ(type->getElemType(), monParam::getClassRtti());
-    EXPECT_EQ(type->getIsElemOptional(), 0);
     EXPECT_EQ(monParam::softcast(s), s);
     EXPECT_EQ(monIntParam::softcast(s), nullptr);
-    EXPECT_EQ(monParam::getClassRtti()->getIsRefCount(), 0);
-    EXPECT_EQ(monFile::getClassRtti()->getIsRefCount(), 0);
-
     const Owned<monParamDict> dictionary(monParamDict::create());
     dictionary->set("x", s);
     monParam* found = nullptr;

@@ -8,7 +8,6 @@
 #include <thread>
 #include <unistd.h>
 
-#include <qel/base/btkfolder.h>
 #include <qel/platform/directories.h>
 #include <qel/platform/errortable.h>
 #include <qel/platform/files.h>
@@ -213,90 +212,6 @@ TEST(Files, MoveDoesNotCrossVolumes)
     EXPECT_TRUE(dir.has("file"));
 }
 
-namespace {
-
-/// Copies a file in the same way as tree copies.
-bool copyFile(const char* from, const char* to)
-{
-    btkFolder fromFolder, toFolder;
-    btkSource source;
-    std::string fromName, toName;
-    return platDone(
-        fromFolder.OpenParent(from, fromName) && source.Open(fromFolder, fromName.c_str(), btkKeepLinks) &&
-        toFolder.OpenParent(to, toName) && source.Copy(toFolder) && source.Place(toName.c_str(), false));
-}
-
-} // namespace
-
-TEST(Files, CopyKeepsModeTimeAndHoles)
-{
-    TempDir dir;
-    dir.write("from", "contents");
-    chmod(dir.path("from"), 0641);
-    const timespec times[] = {{1, 2}, {1000000000, 123456789}};
-    utimensat(AT_FDCWD, dir.path("from"), times, 0);
-
-    ASSERT_TRUE(copyFile(dir.path("from"), dir.path("to")));
-    struct stat status;
-    ASSERT_EQ(stat(dir.path("to"), &status), 0);
-    EXPECT_EQ(dir.read("to"), "contents");
-    EXPECT_EQ(status.st_mode & 07777, 0641u);
-    EXPECT_EQ(status.st_mtim.tv_sec, 1000000000);
-    EXPECT_EQ(status.st_mtim.tv_nsec, 123456789);
-    EXPECT_FALSE(copyFile(dir.path("from"), dir.path("to")));
-    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
-
-    // Two holes, data between and behind them.
-    dir.write("holes");
-    const int holes = open(dir.path("holes"), O_WRONLY);
-    ASSERT_EQ(pwrite(holes, "middle", 6, 1 << 20), 6);
-    ASSERT_EQ(pwrite(holes, "end", 3, (4 << 20) - 3), 3);
-    close(holes);
-    ASSERT_TRUE(copyFile(dir.path("holes"), dir.path("copied")));
-    EXPECT_TRUE(dir.read("holes") == dir.read("copied"));
-    ASSERT_EQ(stat(dir.path("copied"), &status), 0);
-    EXPECT_LT(status.st_blocks * 512, 1 << 20);
-
-    // A file whose size the kernel does not report.
-    ASSERT_TRUE(copyFile("/proc/self/cmdline", dir.path("cmdline")));
-    EXPECT_NE(dir.read("cmdline").find("files_test"), std::string::npos);
-}
-
-TEST(Files, CopyLeavesNoPartialFile)
-{
-    TempDir dir;
-    dir.write("from", std::string(100000, 'x'));
-    const int result = runInChild([&] {
-        signal(SIGXFSZ, SIG_IGN);
-        const rlimit limit = {50000, 50000};
-        setrlimit(RLIMIT_FSIZE, &limit);
-        return copyFile(dir.path("from"), dir.path("to")) ? 0 : static_cast<int>(GetLastError());
-    });
-    EXPECT_EQ(result, static_cast<int>(ERROR_FILE_TOO_LARGE));
-    EXPECT_FALSE(dir.has("to"));
-}
-
-TEST(Files, TemporaryNamesAreNewAndEmpty)
-{
-    TempDir dir;
-    char first[MAX_PATH], second[MAX_PATH];
-
-    ASSERT_NE(GetTempFileNameA(dir.path(), "back", 0, first), 0u);
-    ASSERT_NE(GetTempFileNameA(dir.path(), "back", 0, second), 0u);
-    EXPECT_STRNE(first, second);
-    EXPECT_TRUE(std::string(first).starts_with(std::string(dir.path()) + "\\back"));
-    WIN32_FILE_ATTRIBUTE_DATA status;
-    ASSERT_TRUE(GetFileAttributesExA(first, GetFileExInfoStandard, &status));
-    EXPECT_EQ(status.nFileSizeLow, 0u);
-
-    EXPECT_EQ(GetTempFileNameA(dir.path(), "a/b", 0, first), 0u);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME);
-    EXPECT_EQ(GetTempFileNameA(dir.path(), std::string(250, 'p').c_str(), 0, first), 0u);
-    EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
-    EXPECT_EQ(GetTempFileNameA(dir.path("missing"), "p", 0, first), 0u);
-    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
-}
-
 TEST(Directories, AreEnumeratedWithEveryNameWithoutDotEntries)
 {
     TempDir dir;
@@ -349,17 +264,6 @@ TEST(Directories, ReportWhyTheyCannotBeEnumerated)
     EXPECT_EQ(errorOf(std::string(dir.path()) + "\\*.txt"), ERROR_INVALID_NAME);
     EXPECT_FALSE(FindNextFileA(INVALID_HANDLE_VALUE, &data));
     EXPECT_FALSE(FindClose(INVALID_HANDLE_VALUE));
-}
-
-TEST(Directories, ReportTheFreeSpaceOfAVolume)
-{
-    TempDir dir;
-    DWORD sectors, bytes, available, all;
-    ASSERT_TRUE(GetDiskFreeSpaceA(dir.path(), &sectors, &bytes, &available, &all));
-    const double told = double(sectors) * bytes * available;
-    const double expected = double(std::filesystem::space(dir.path()).available);
-    EXPECT_NEAR(told, expected, 1e9); // others work on this volume too
-    EXPECT_FALSE(GetDiskFreeSpaceA(dir.path("missing"), &sectors, &bytes, &available, &all));
 }
 
 // ---- errors

@@ -212,6 +212,12 @@ TEST(nmsServerProxy, HandlesAnyReply)
         const StrangeServer unwilling("\6");
         EXPECT_FALSE(proxy->IsAlive());
     }
+    for (const std::string& number : {"\x7F\xFF\xFF\xFF" + zero + zero, std::string("\xFF\xFF\xFF\xFF")}) {
+        const StrangeServer lying(done + number); // one record at most follows
+        int count = -1;
+        EXPECT_EQ(Status(proxy->ImplQuery(*pattern, nullptr, &count))->getCode(), nmscNoConnection);
+        EXPECT_LE(count, 1);
+    }
     {
         // Two records are announced and one arrives.
         const StrangeServer broken(done + zero.substr(1) + "\2" + zero + zero);
