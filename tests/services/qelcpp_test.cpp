@@ -63,13 +63,6 @@ std::string printed(const xany& a)
     return out.str();
 }
 
-/// A sequence that computes its elements, as a subclass may.
-class Squares : public xintsequence
-{
-    int get(int index) override { return index * index; }
-    int getarraysize() override { return 5; }
-};
-
 } // namespace
 
 // ---- variants
@@ -231,12 +224,6 @@ TEST(Sequences, AreMadeAndReplaced)
     EXPECT_EQ(describeThrown([&] { ints->get(7); },
                              [](xthrowable* thrown) { return std::string(qelTextOf(thrown)); }),
               "Sequence index is out of range (index 7, size 2)");
-}
-
-TEST(Sequences, AreReadThroughTheOperationsThatAClassOverrides)
-{
-    const xrchandle<Squares> squares = qel::make<Squares>();
-    EXPECT_TRUE(std::ranges::equal(*squares, std::vector{0, 1, 4, 9, 16}));
 }
 
 // ---- dictionaries

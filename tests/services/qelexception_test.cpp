@@ -260,14 +260,6 @@ TEST(Rebuilding, RestoresOnlyTransmittedFields)
     EXPECT_TRUE(rebuilt->getDescription() == "as the server put it");
 }
 
-TEST(Rebuilding, IsForClassesThatDeclareIt)
-{
-    const xrchandle<xobject> rebuilt(qelClassOf(qelXSoapFault::getClassRtti())->rebuild(nullptr));
-    EXPECT_TRUE(rebuilt->isSameAs(qelXSoapFault::getClassRtti()));
-    // Not as its base class, which it would become.
-    EXPECT_EQ(qelClassOf(xportXTimeout::getClassRtti())->rebuild, nullptr);
-}
-
 TEST(Rebuilding, RejectsAValueOfAnotherType)
 {
     const xrchandle<qelXNegativeIndex> rebuilt(new qelXNegativeIndex(-1));

@@ -30,11 +30,16 @@ public:
     std::string lines;
     std::string refused;
     std::string stopAt;
+    int values = 0;
+    int objects = 0;
+    int ends = 0;
+    int errors = 0;
 
     virtual ~Recorder() = default;
 
     void simpleValue(xany value) override
     {
+        ++values;
         switch (value.getKind()) {
         case xanyNull:
             return note("null");
@@ -138,6 +143,7 @@ public:
 
     void errorOccured(const char* text, xrcunihandle<xthrowable> error) override
     {
+        ++errors;
         note(std::string("error ") + text + (error ? " " + textOf(error->getQelTypeName()) : ""));
     }
     void alreadyVisited(xrcunihandle<xobject> obj) override
@@ -189,6 +195,7 @@ private:
     }
     bool begin(const std::string& shape, xrttiobject* type, const xrcunihandle<xobject>& obj)
     {
+        ++objects;
         open.push_back(obj.get());
         const bool entered = beginPart(shape + " " + textOf(type->getName()), obj);
         if (entered)
@@ -199,6 +206,7 @@ private:
     }
     void end(const std::string& shape, const xrcunihandle<xobject>& obj)
     {
+        ++ends;
         endPart(shape, obj);
         open.pop_back();
     }
@@ -216,51 +224,5 @@ inline std::string record(const xany& value, const char* refused = "")
     qelTraverse(value, &recorder);
     return recorder.lines;
 }
-
-/// Counts its calls, and enters everything.
-class Counter final : public qelTraverser
-{
-public:
-    int values = 0;
-    int objects = 0;
-    int ends = 0;
-    int errors = 0;
-    std::string errorText;
-
-    void simpleValue(xany) override { ++values; }
-    void enumValue(xrttienum*, int) override {}
-    bool beginObject(xrttiobject*, xrcunihandle<xobject>) override { return ++objects; }
-    void endObject(xrttiobject*, xrcunihandle<xobject>) override { ++ends; }
-    bool beginStructure(xrttistruct*, xrcunihandle<xobject>) override { return ++objects; }
-    void endStructure(xrttistruct*, xrcunihandle<xobject>) override { ++ends; }
-    bool beginStructAttribute(xrttistruct*, xrttiattr*, xrcunihandle<xobject>) override { return true; }
-    bool beginSequence(xrttisequence*, xrcunihandle<xobject>) override { return ++objects; }
-    void endSequence(xrttisequence*, xrcunihandle<xobject>) override { ++ends; }
-    bool beginSeqElement(xrttisequence*, int, xrcunihandle<xobject>) override { return true; }
-    bool beginDictionary(xrttidictionary*, xrcunihandle<xobject>) override { return ++objects; }
-    void endDictionary(xrttidictionary*, xrcunihandle<xobject>) override { ++ends; }
-    bool beginDictElement(xrttidictionary*, xstring, xrcunihandle<xobject>) override { return true; }
-    bool beginArray(xrttiarray*, xrcunihandle<xobject>) override { return ++objects; }
-    void endArray(xrttiarray*, xrcunihandle<xobject>) override { ++ends; }
-    bool beginArrayDimension(xrttiarray*, int, xrchandle<xintsequence>, xrcunihandle<xobject>) override
-    {
-        return true;
-    }
-    void endArrayDimension(xrttiarray*, int, xrchandle<xintsequence>, xrcunihandle<xobject>) override {}
-    bool beginArrayElement(xrttiarray*, xrchandle<xintsequence>, xrcunihandle<xobject>) override
-    {
-        return true;
-    }
-    bool beginUnion(xrttiunion*, xrcunihandle<xobject>) override { return ++objects; }
-    void endUnion(xrttiunion*, xrcunihandle<xobject>) override { ++ends; }
-    bool beginUnionDicriminator(xrttiunion*, xrttiattr*, xrcunihandle<xobject>) override { return true; }
-    bool beginUnionValue(xrttiunion*, xrttiattr*, xrcunihandle<xobject>) override { return true; }
-    void errorOccured(const char* text, xrcunihandle<xthrowable>) override
-    {
-        ++errors;
-        errorText = text;
-    }
-    void alreadyVisited(xrcunihandle<xobject>) override {}
-};
 
 } // namespace testtypes
