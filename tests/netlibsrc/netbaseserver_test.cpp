@@ -40,6 +40,17 @@ Owned<netSocketStream> connectTo(netBaseServer& server)
     return Owned<netSocketStream>(netBaseServer::Connect(address.get(), 10.0));
 }
 
+RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
+
+// One that serves all requests by asynchronous ones, which this handler serves.
+netBaseServer* makeSpawning(AsyncHandler* handler = nullptr)
+{
+    netBaseServer* const server = netBaseServer::Create(nullptr, 0);
+    server->setOnRequest(&spawning);
+    server->setOnAsyncRequest(handler);
+    return server;
+}
+
 bool isListened(int port)
 {
     btkStreamSocket socket;
@@ -382,8 +393,6 @@ TEST(AsyncRequest, IsServedByASeparateThreadAndMayEndTheLoop)
 {
     const long before = openDescriptors();
     {
-        const Owned<netBaseServer> server = makeServer();
-        RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
         const std::thread::id owner = std::this_thread::get_id();
         AsyncHandler echo([&](netSocketStream* handed, evtEvent* stop) {
             const Owned<netSocketStream> stream(handed);
@@ -398,8 +407,7 @@ TEST(AsyncRequest, IsServedByASeparateThreadAndMayEndTheLoop)
                       before + 3 + 4 * 4); // the server's three; each both ends and the pipe's two
             return value == 4 ? netServerTerminate : netServerContinue;
         });
-        server->setOnRequest(&spawning);
-        server->setOnAsyncRequest(&echo);
+        const Owned<netBaseServer> server(makeSpawning(&echo));
 
         auto client = std::async(std::launch::async, [&] {
             // All are connected before the first is served: one after the other would do without threads.
@@ -422,12 +430,7 @@ TEST(AsyncRequest, IsServedByASeparateThreadAndMayEndTheLoop)
 
 TEST(AsyncRequest, WithoutAHandlerIsClosed)
 {
-    RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
-    ServedInThread served([&] {
-        netBaseServer* const server = netBaseServer::Create(nullptr, 0);
-        server->setOnRequest(&spawning);
-        return server;
-    }());
+    ServedInThread served(makeSpawning());
     const Owned<netSocketStream> stream = connectTo(*served);
     EXPECT_TRUE(isClosed(*stream));
 }
@@ -438,8 +441,6 @@ TEST(AsyncRequest, IsStoppedAndJoinedWhenTheServerEnds)
     std::atomic<int> running = 0;
     std::atomic<int> stopped = 0;
     {
-        Owned<netBaseServer> server = makeServer();
-        RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
         AsyncHandler waiting([&](netSocketStream* handed, evtEvent* stop) {
             const Owned<netSocketStream> stream(handed);
             ++running;
@@ -448,8 +449,7 @@ TEST(AsyncRequest, IsStoppedAndJoinedWhenTheServerEnds)
             return netServerContinue;
         });
         IdleHandler idle([&] { return running == 5 ? netServerTerminate : netServerContinue; });
-        server->setOnRequest(&spawning);
-        server->setOnAsyncRequest(&waiting);
+        Owned<netBaseServer> server(makeSpawning(&waiting));
         server->setOnIdle(&idle);
         std::vector<Owned<netSocketStream>> clients;
         for (int i = 0; i < 5; ++i)
@@ -484,7 +484,6 @@ TEST(AsyncRequest, DerivedServerStaysIntactUntilItHasEnded)
     const int times = ofALongRun(10, 100);
     for (int i = 0; i < times; ++i) {
         std::atomic<int> running = 0;
-        RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
         netServer* plain = nullptr;
         Counting* counting = nullptr;
         AsyncHandler using_([&](netSocketStream* handed, evtEvent* stop) {
@@ -522,7 +521,6 @@ TEST(AsyncRequest, DerivedServerStaysIntactUntilItHasEnded)
 
 TEST(AsyncRequest, BlocksNoLongerThanTheGracePeriodAfterAStop)
 {
-    RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
     std::atomic<int> running = 0;
     std::atomic<int> timedOut = 0;
     const std::string tooMuch(64 << 20, 'x');
@@ -544,10 +542,8 @@ TEST(AsyncRequest, BlocksNoLongerThanTheGracePeriodAfterAStop)
         }
         return netServerContinue;
     });
-    Owned<netBaseServer> server = makeServer();
+    Owned<netBaseServer> server(makeSpawning(&stuck));
     IdleHandler idle([&] { return running == 3 ? netServerTerminate : netServerContinue; });
-    server->setOnRequest(&spawning);
-    server->setOnAsyncRequest(&stuck);
     server->setOnIdle(&idle);
     EXPECT_EQ(server->getGracePeriod(), 5.0);
     server->setGracePeriod(0.3);
@@ -582,7 +578,6 @@ TEST(AsyncRequest, ThatCannotStartLosesItsConnectionOnly)
 {
     const long before = openDescriptors();
     std::atomic<bool> releases = false;
-    RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
     AsyncHandler holding([&](netSocketStream* handed, evtEvent* stop) {
         const Owned<netSocketStream> stream(handed);
         stream->WriteByte(1);
@@ -594,9 +589,7 @@ TEST(AsyncRequest, ThatCannotStartLosesItsConnectionOnly)
     testing::internal::CaptureStdout();
     {
         ServedInThread served([&] {
-            netBaseServer* const server = netBaseServer::Create(nullptr, 0);
-            server->setOnRequest(&spawning);
-            server->setOnAsyncRequest(&holding);
+            netBaseServer* const server = makeSpawning(&holding);
             server->setAsyncLimit(1);
             return server;
         }());
@@ -623,18 +616,12 @@ TEST(AsyncRequest, ThatCannotStartLosesItsConnectionOnly)
 
 TEST(AsyncRequest, ThatHasNoPipeLosesItsConnectionOnly)
 {
-    RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
     AsyncHandler answering([](netSocketStream* handed, evtEvent*) {
         const Owned<netSocketStream> stream(handed);
         stream->WriteByte(1);
         return netServerContinue;
     });
-    ServedInThread served([&] {
-        netBaseServer* const server = netBaseServer::Create(nullptr, 0);
-        server->setOnRequest(&spawning);
-        server->setOnAsyncRequest(&answering);
-        return server;
-    }());
+    ServedInThread served(makeSpawning(&answering));
     char byte = 0;
     testing::internal::CaptureStdout();
     {

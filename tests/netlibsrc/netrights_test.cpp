@@ -107,19 +107,6 @@ TEST(MatchAnyPattern, MatchesTheWholeAddress)
     EXPECT_FALSE(MatchAnyPattern("10.1.2.3", nullptr));
 }
 
-TEST(MatchAnyPattern, ManyStarsDoNotSlowItDown)
-{
-    std::string stars;
-    for (int i = 0; i < 1000; ++i)
-        stars += "a*";
-    const auto pattern = SplitPatternList((stars + "b").c_str());
-    const xstring address(std::string(100000, 'a').c_str());
-
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(MatchAnyPattern(address, pattern));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
-}
-
 TEST(MatchAnyPattern, AdmitsByAddressOrByCertificate)
 {
     using Names = xrchandle<xstringsequence>;

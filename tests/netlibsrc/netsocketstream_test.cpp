@@ -8,7 +8,6 @@
 #include <vector>
 
 #include <qel/base/nmsclient.h>
-#include <qel/base/nmsserver.h>
 #include <qel/syslib.h>
 #include <qel/xiolib.h>
 #include <qel/xnetlib.h>
@@ -17,51 +16,18 @@
 #include "failure.h"
 #include "support/addresses.h"
 #include "support/interrupt.h"
-#include "support/socketpair.h"
+#include "support/nameserver.h"
 #include "support/streampair.h"
 
 namespace {
 
 const InterruptedInLongRuns& interrupted = InterruptedInLongRuns::Add();
 
-using Stream = std::unique_ptr<netSocketStream, qelDelete>;
 using Event = std::unique_ptr<ioEvent, qelDelete>;
 
-Stream streamOver(btkStreamSocket& connected)
-{
-    auto* const socket = new btkStreamSocket;
-    btkFd borrowed(connected.GetHandle());
-    socket->Adopt(borrowed.Duplicate());
-    borrowed.Release();
-    connected.Close();
-    return Stream(netSocketStream::Create(socket));
-}
-
-struct Streams : SocketPair
-{
-    Stream out = streamOver(near);
-    Stream in = streamOver(far);
-};
-
-// A name server on a free port, which this process uses.
 class NameService : public testing::Test
 {
 protected:
-    NameService() : server({.port = 0})
-    {
-        if (server.Listen()) {
-            setenv("VRXNMSPORT", std::to_string(server.GetPort()).c_str(), 1);
-            thread = std::thread([this] { server.Run(); });
-        }
-    }
-    ~NameService() override
-    {
-        server.Stop();
-        if (thread.joinable())
-            thread.join();
-        unsetenv("VRXNMSPORT");
-    }
-
     // Registers a record with these fields; a null port leaves it out.
     void add(const char* name, const char* port)
     {
@@ -85,8 +51,7 @@ protected:
         });
     }
 
-    nmsServer server;
-    std::thread thread;
+    const TestNameServer server;
     int added = 0;
 };
 
@@ -108,24 +73,6 @@ TEST(netAddress, HoldsHostPortAndServerName)
     EXPECT_TRUE(type->findAttr("PortN", 1)->getValue(named.get()) == 0);
     EXPECT_TRUE(type->findAttr("ServerName", 1)->getValue(named.get()) == "name");
     EXPECT_EQ(failureOf([] { ResolvePort(nullptr); }), "1 Address is nil!");
-}
-
-TEST_F(NameService, ListsAServerFromItsRegistrationToItsEnd)
-{
-    EXPECT_TRUE(RegisterWithNMS(getNameServer(xstring()), 7001, xstring("words")));
-    capi_nmsServerProxy* proxy = getNameServer(xstring("localhost"));
-    ASSERT_NE(proxy, nullptr);
-    EXPECT_TRUE(IsRegisteredWithNMS(proxy, xstring("words")));
-    EXPECT_FALSE(IsRegisteredWithNMS(proxy, xstring("others")));
-    int port = 0;
-    EXPECT_EQ(resolve("words", &port), "");
-    EXPECT_EQ(port, 7001);
-
-    EXPECT_TRUE(UnregisterFromNMS(proxy, xstring("words")));
-
-    EXPECT_FALSE(IsRegisteredWithNMS(proxy, xstring("words")));
-    EXPECT_EQ(resolve("words"), "0 Server is not registered");
-    nmsServDelete(&proxy);
 }
 
 TEST_F(NameService, TheFirstRecordWithAPortDecides)
@@ -163,36 +110,11 @@ TEST(NameServiceGone, IsReportedUnlessThePortIsGiven)
     unsetenv("VRXNMSPORT");
 }
 
-TEST(netSocketStream, ConnectsAndTransfersValuesInXdrForm)
-{
-    btkAcceptSocket door;
-    ASSERT_TRUE(door.Listen(0, nullptr));
-    const xrchandle<netAddress> address(netAddress::Create(door.GetPortN(), xnullstr));
-    const Stream client(netBaseServer::Connect(address.get(), INFINITE));
-    ASSERT_NE(client, nullptr);
-    ASSERT_EQ(door.Wait(btkTimeval(10, 0), 1), 1);
-    btkStreamSocket accepted;
-    ASSERT_TRUE(door.Accept(&accepted));
-    const Stream server = streamOver(accepted);
-
-    client->WriteInt(-2);
-    client->WriteString("text");
-    client->WriteReal(0.5);
-    client->Flush(1);
-
-    EXPECT_EQ(server->ReadInt(), -2);
-    EXPECT_TRUE(server->ReadString(nullptr) == "text");
-    EXPECT_EQ(server->ReadReal(), 0.5);
-    EXPECT_EQ(server->TryReadInt(), ioWouldBlock);
-    client->Close();
-    EXPECT_EQ(failureOf([&] { server->ReadInt(); }), "Stream Error (iolib): EOF reached");
-}
-
 TEST(netSocketStream, TransfersUrgentIntegersBesideTheStream)
 {
-    Streams streams;
-    netSocketStream& out = *streams.out;
-    netSocketStream& in = *streams.in;
+    StreamPair streams;
+    netSocketStream& out = *streams.near;
+    netSocketStream& in = *streams.far;
     const Event urgent(in.OutOfBandEvent());
     EXPECT_EQ(urgent->getType(), 2);
     EXPECT_EQ(in.ReadOutOfBand(), xnullint);
@@ -215,9 +137,9 @@ TEST(netSocketStream, TransfersUrgentIntegersBesideTheStream)
 // Two at once corrupt the stream; sent separately, each arrives.
 TEST(netSocketStream, SeparatesConsecutiveUrgentIntegers)
 {
-    Streams streams;
-    netSocketStream& out = *streams.out;
-    netSocketStream& in = *streams.in;
+    StreamPair streams;
+    netSocketStream& out = *streams.near;
+    netSocketStream& in = *streams.far;
     out.setUrgentSpacing(0.4);
     std::vector<int> values, urgents;
     std::thread reader([&] {
@@ -251,8 +173,8 @@ TEST(netSocketStream, SeparatesConsecutiveUrgentIntegers)
 
 TEST(netSocketStream, RejectsUrgentIntegersOnceClosed)
 {
-    Streams streams;
-    netSocketStream& closed = *streams.out;
+    StreamPair streams;
+    netSocketStream& closed = *streams.near;
     const Event urgent(closed.OutOfBandEvent());
     closed.Close();
 
@@ -288,8 +210,8 @@ void expectLimit(double taken, double limit)
 
 TEST(netSocketStream, ReadTimesOutAfterItsLimitWithoutInput)
 {
-    Streams streams;
-    netSocketStream& in = *streams.in;
+    StreamPair streams;
+    netSocketStream& in = *streams.far;
     in.setITimeout(0.2);
     const auto readsInVain = [&](auto read) {
         expectLimit(secondsOf([&] { EXPECT_EQ(failureOf(read), timeoutText); }), 0.2);
@@ -300,17 +222,17 @@ TEST(netSocketStream, ReadTimesOutAfterItsLimitWithoutInput)
     };
     char bytes[8] = {};
 
-    streams.out->WriteInt(7);
-    streams.out->WriteBytes("\0\0", 2); // half a value
-    streams.out->Flush(1);
+    streams.near->WriteInt(7);
+    streams.near->WriteBytes("\0\0", 2); // half a value
+    streams.near->Flush(1);
     EXPECT_EQ(in.ReadInt(), 7);
     readsInVain([&] { in.ReadInt(); });
     readsInVain([&] { in.ReadBytes(bytes, 8); });
     const std::unique_ptr<ioStringStream, qelDelete> copy(ioStringStream::Create(nullptr));
     copy->setSerializer(in.getSerializer());
     readsInVain([&] { copy->ReadStream(&in); });
-    streams.out->WriteInt(8);
-    streams.out->Flush(1);
+    streams.near->WriteInt(8);
+    streams.near->Flush(1);
     EXPECT_EQ(in.ReadBytes(bytes, 8), 4u); // the bytes received before
     EXPECT_TRUE(in.getIsTimeout());
     in.setIsFail(0);
@@ -319,14 +241,14 @@ TEST(netSocketStream, ReadTimesOutAfterItsLimitWithoutInput)
     std::thread dripping([&] {
         for (int i = 0; i < 4; ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            streams.out->WriteByte(i);
-            streams.out->Flush(1);
+            streams.near->WriteByte(i);
+            streams.near->Flush(1);
         }
     });
     EXPECT_EQ(in.ReadInt(), 0x00010203);
     dripping.join();
     in.setITimeout(INFINITE);
-    streams.out->Close();
+    streams.near->Close();
     EXPECT_EQ(failureOf([&] { in.ReadInt(); }), "Stream Error (iolib): EOF reached");
 }
 
@@ -335,76 +257,76 @@ TEST(netSocketStream, WriteTimesOutAfterItsLimitWithoutProgress)
     const std::string tooMuch(32 << 20, 'x');
     const auto size = static_cast<unsigned>(tooMuch.size());
     {
-        Streams streams;
-        streams.out->setOTimeout(0.2);
+        StreamPair streams;
+        streams.near->setOTimeout(0.2);
         expectLimit(secondsOf([&] {
-                        EXPECT_EQ(failureOf([&] { streams.out->WriteBytes(tooMuch.data(), size); }),
+                        EXPECT_EQ(failureOf([&] { streams.near->WriteBytes(tooMuch.data(), size); }),
                                   timeoutText);
                     }),
                     0.2);
-        streams.out->setIsFail(0);
-        EXPECT_LT(secondsOf([&] { streams.out->Close(); }), 0.1); // nothing is sent after lost bytes
+        streams.near->setIsFail(0);
+        EXPECT_LT(secondsOf([&] { streams.near->Close(); }), 0.1); // nothing is sent after lost bytes
     }
-    Streams streams;
-    streams.out->setOTimeout(1.0);
+    StreamPair streams;
+    streams.near->setOTimeout(1.0);
     std::thread slow([&] { // an occasional part is progress
         std::vector<char> part(2 << 20);
-        streams.in->setITimeout(10.0);
+        streams.far->setITimeout(10.0);
         allowStreamFailure([&] {
             for (unsigned left = size; left > 0;) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(100));
                 left -=
-                    streams.in->ReadBytes(part.data(), std::min(left, static_cast<unsigned>(part.size())));
+                    streams.far->ReadBytes(part.data(), std::min(left, static_cast<unsigned>(part.size())));
             }
         });
     });
     const double taken =
-        secondsOf([&] { EXPECT_EQ(failureOf([&] { streams.out->WriteBytes(tooMuch.data(), size); }), ""); });
+        secondsOf([&] { EXPECT_EQ(failureOf([&] { streams.near->WriteBytes(tooMuch.data(), size); }), ""); });
     slow.join();
     EXPECT_GT(taken, 1.0);
 }
 
 TEST(netSocketStream, BuffersAtMostItsBudgetsOfAPeersData)
 {
-    Streams streams;
-    netSocketStream& in = *streams.in;
-    streams.out->WriteInt(64 << 20 | 1);
-    streams.out->WriteBytes("abc", 3);
-    streams.out->Flush(1);
+    StreamPair streams;
+    netSocketStream& in = *streams.far;
+    streams.near->WriteInt(64 << 20 | 1);
+    streams.near->WriteBytes("abc", 3);
+    streams.near->Flush(1);
     EXPECT_EQ(in.TryReadString(nullptr), ioFormatError);
     EXPECT_EQ(failureOf([&] { in.ReadString(nullptr); }), "Stream Error (iolib): conversion error");
 
-    Streams others;
-    others.in->setSerializer(ioSerializer::getAscii());
-    others.in->setTextLimit(100000);
-    others.in->setUrgentBudget(300000);
+    StreamPair others;
+    others.far->setSerializer(ioSerializer::getAscii());
+    others.far->setTextLimit(100000);
+    others.far->setUrgentBudget(300000);
     const std::string endless(1 << 20, 'x');
-    const Event urgent(others.in->OutOfBandEvent());
+    const Event urgent(others.far->OutOfBandEvent());
     std::thread writing([&] {
-        others.out->WriteBytes(endless.data(), static_cast<unsigned>(endless.size()));
-        others.out->WriteOutOfBand(7);
+        others.near->WriteBytes(endless.data(), static_cast<unsigned>(endless.size()));
+        others.near->WriteOutOfBand(7);
     });
     writing.join();
     EXPECT_FALSE(urgent->Wait(0.2));
-    const Event input(others.in->InputEvent());
+    const Event input(others.far->InputEvent());
     ioTryCode code = ioWouldBlock;
     for (const btkTimeval end = btkTimeval::Now() + btkTimeval(10.0);
          code == ioWouldBlock && btkTimeval::Now() < end;) {
         input->Wait(1.0);
-        code = others.in->TryReadString(nullptr);
+        code = others.far->TryReadString(nullptr);
     }
     EXPECT_EQ(code, ioFormatError);
     // It is found once enough of the bytes before it have been read.
     std::vector<char> part(100000);
     std::size_t taken = 0;
     while (taken < 800000)
-        taken += others.in->ReadBytes(part.data(), static_cast<unsigned>(part.size()));
+        taken += others.far->ReadBytes(part.data(), static_cast<unsigned>(part.size()));
     EXPECT_TRUE(urgent->Wait(10.0));
-    EXPECT_EQ(others.in->ReadOutOfBand(), 7);
+    EXPECT_EQ(others.far->ReadOutOfBand(), 7);
     while (taken < endless.size())
-        taken += others.in->ReadBytes(part.data(),
-                                      static_cast<unsigned>(std::min(part.size(), endless.size() - taken)));
-    EXPECT_EQ(others.in->PeekNBytes(), 0u);
+        taken += others.far->ReadBytes(part.data(),
+                                       static_cast<unsigned>(std::min(part.size(), endless.size() - taken)));
+    EXPECT_EQ(others.far->PeekNBytes(), 0u);
 }
 
 TEST(netSocketStream, ReportsItsPeersAddress)
@@ -418,7 +340,7 @@ TEST(netSocketStream, ReportsItsPeersAddress)
     ASSERT_TRUE(door.Accept(accepted.get()));
     btkResetOnClose(client.GetHandle(), true);
     client.Close(); // the address is still known
-    const Stream stream(netSocketStream::Create(accepted.release()));
+    const Owned<netSocketStream> stream(netSocketStream::Create(accepted.release()));
     EXPECT_TRUE(stream->getPeerAddress() == "127.0.0.2");
     stream->Close();
     EXPECT_EQ(failureOf([&] { stream->getPeerAddress(); }), "Stream Error (iolib): stream not open");

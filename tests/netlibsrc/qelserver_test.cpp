@@ -99,23 +99,6 @@ TEST(FunctionHandlers, ServeRequestsAndAreFreedWithTheServer)
     EXPECT_EQ(token.use_count(), 1);
 }
 
-TEST(FunctionHandlers, AsyncFunctionsMayWatchForTheStop)
-{
-    Owned<netBaseServer> server = makeServer();
-    std::atomic<int> state = 0;
-    server->setOnRequest(qel::onRequest([](netSocketStream&) { return netSpawnAsyncServer; }));
-    server->setOnAsyncRequest(qel::onAsyncRequest([&](netSocketStream&, evtEvent& stop) {
-        state = 1;
-        if (stop.Wait(30.0))
-            state = 2;
-    }));
-    server->setOnIdle(qel::onIdle([&] { return state == 1 ? netServerTerminate : netServerContinue; }));
-    const Owned<netSocketStream> client = connectTo(*server);
-    server->Run();
-    server.reset();
-    EXPECT_EQ(state, 2);
-}
-
 TEST(FunctionHandlers, OnErrorDecidesWhetherTheServerGoesOn)
 {
     const Owned<netBaseServer> server = makeServer();
@@ -173,8 +156,8 @@ TEST(FunctionHandlers, FailuresAtTheEndOfTheServerAreReportedToo)
     server->setOnRequest(qel::onRequest([](netSocketStream&) { return netSpawnAsyncServer; }));
     server->setOnAsyncRequest(qel::onAsyncRequest([&](netSocketStream&, evtEvent& stop) {
         runs = true;
-        stop.Wait(30.0);
-        qelXNull::Throw();
+        if (stop.Wait(30.0))
+            qelXNull::Throw();
     }));
     server->setOnIdle(qel::onIdle([&] { return runs ? netServerTerminate : netServerContinue; }));
     const Owned<netSocketStream> client = connectTo(*server);

@@ -373,28 +373,13 @@ Figures Measure(const Service& service, const Manner& manner, int requests)
     return figures;
 }
 
-std::string table;
-
-class Table : public testing::Environment
+void Print(const Service& service, const Manner& manner, const Figures& figures)
 {
-    void TearDown() override
-    {
-        std::printf("%-13s %-30s %8s %8s %8s %9s %8s %9s %7s\n", "server", "beside", "p50 ms", "p99 ms",
-                    "max ms", "failed", "KiB more", "its peers", "end ms");
-        std::fputs(table.c_str(), stdout);
-    }
-};
-
-const testing::Environment* const printing = testing::AddGlobalTestEnvironment(new Table);
-
-void AddLine(const Service& service, const Manner& manner, const Figures& figures)
-{
-    char line[200];
-    std::snprintf(line, sizeof line, "%-13s %-30s %8.2f %8.2f %8.2f %4d/%4zu %8ld %9d %7.0f\n", service.name,
-                  manner.name, figures.part(0.5), figures.part(0.99), figures.part(1), figures.failed,
-                  figures.latencies.size() + static_cast<std::size_t>(figures.failed), figures.growth,
-                  figures.badClients, figures.end);
-    table += line;
+    std::printf("%s beside %s: %.2f ms, at most %.2f (p99 %.2f); %d of %zu failed; %ld KiB more; %d hostile "
+                "connections; end after %.0f ms\n",
+                service.name, manner.name, figures.part(0.5), figures.part(1), figures.part(0.99),
+                figures.failed, figures.latencies.size() + static_cast<std::size_t>(figures.failed),
+                figures.growth, figures.badClients, figures.end);
 }
 
 const Service& ServiceOf(const std::string& name)
@@ -421,7 +406,7 @@ TEST_P(Hostile, ClientsDelayNoOthersAndNoShutdown)
     // A measurement that another program of this machine has delayed is repeated.
     for (int again = 0; again < 2 && figures.failed == 0 && !figures.isQuick(); ++again)
         figures = Measure(service, manner, requests);
-    AddLine(service, manner, figures);
+    Print(service, manner, figures);
 
     EXPECT_EQ(figures.failed, 0);
     EXPECT_EQ(figures.status, 0);
