@@ -178,6 +178,18 @@ TEST_F(Processes, StartWithDefaultSignalHandling)
               0);
 }
 
+TEST_F(Processes, OfOneGroupAreKilledTogether)
+{
+    Pipe out;
+    Started started("sh -c \"sleep 60 & echo; wait\"", -1, out.output.Get(), -1, btkLaunchGroup);
+    out.output.Reset();
+    char line;
+    ASSERT_EQ(btkRead(out.input.Get(), &line, 1), 1); // the background process is running
+    Process_Kill(started.process.get());
+    EXPECT_EQ(out.ReadAll(), ""); // no process holds the pipe
+    EXPECT_EQ(started.Wait(), 128 + SIGKILL);
+}
+
 TEST_F(Processes, OpenedByIdAreWatchedButKeepTheirExitCode)
 {
     Started started("sleep 60");

@@ -98,6 +98,20 @@ TEST_F(FileBuffer, SeeksFromEachOriginAndKeepsItsPositionOnFailure)
     EXPECT_EQ(Take(*file, 1), "3");
 }
 
+TEST_F(FileBuffer, HandlesPositionsBeyond32Bits)
+{
+    const long long far = 5LL << 30;
+    dir.write("f", "");
+    const auto file = Open(xfilebuf::ReadWrite);
+
+    ASSERT_EQ(file->Seek(far, std::ios_base::beg), far);
+    Put(*file, "end");
+    EXPECT_EQ(file->GetFileSize(), far + 3);
+    EXPECT_EQ(file->Seek(-3, std::ios_base::end), far);
+    EXPECT_EQ(Take(*file, 4), "end");
+    EXPECT_EQ(file->Tell(), far + 3);
+}
+
 TEST_F(FileBuffer, SeesWritesOfOthers)
 {
     dir.write("f", "1234");

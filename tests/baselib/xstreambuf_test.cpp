@@ -144,6 +144,26 @@ TEST(xbufaccess, ReadsAndWritesDirectlyInTheAreas)
     EXPECT_EQ(Take(buffer, 2), "d");
 }
 
+TEST_F(PipeBuffers, WriteUnbufferedAndReadAllRequestedBytes)
+{
+    EXPECT_EQ(input->in_avail(), 0) << "some may come";
+    Put(*output, "12");
+    EXPECT_EQ(input->CountReadable(), 2u);
+    std::thread writer([&] {
+        Put(*output, "345");
+        output->sputc('6');
+    });
+
+    EXPECT_EQ(Take(*input, 6), "123456");
+
+    writer.join();
+    output.reset();
+    EXPECT_EQ(Take(*input, 1), "");
+    EXPECT_TRUE(input->IsEofReached());
+    EXPECT_EQ(input->in_avail(), -1);
+    EXPECT_EQ(Take(*input, 1 << 20), "");
+}
+
 TEST_F(PipeBuffers, ShowArrivedBytesAndDistinguishAPauseFromTheEnd)
 {
     EXPECT_EQ(Try(*input, 4), "");
