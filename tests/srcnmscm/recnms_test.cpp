@@ -68,11 +68,30 @@ TEST(nmsRecord, IsReadBackFromAStream)
     EXPECT_FALSE(got->Receive(StreamOf(bytes.substr(0, 27)).get(), nullptr));
     EXPECT_FALSE(got->Receive(nullptr, nullptr));
     EXPECT_FALSE(sent->Send(nullptr));
-    got->Add("a", std::string(256, 'x').c_str());
-    EXPECT_FALSE(got->Send(stream.get()));
-    EXPECT_EQ(stream->PeekNBytes(), 0u);
     stream->Close();
     EXPECT_FALSE(sent->Send(stream.get()));
+}
+
+TEST(nmsRecord, KeepsWithinItsLimits)
+{
+    const Record record(nmsRecord::Create(0));
+    for (int i = 0; i < 257; ++i)
+        record->Add(std::to_string(i).c_str(), "");
+    const Stream stream = NewStream();
+    EXPECT_FALSE(record->Send(stream.get()));
+    EXPECT_EQ(stream->PeekNBytes(), 0u);
+
+    const Record longOne(nmsRecord::Create(0));
+    longOne->Add("a", std::string(256, 'x').c_str());
+    EXPECT_FALSE(longOne->Send(NewStream().get()));
+    longOne->Add("a", std::string(255, 'x').c_str());
+    EXPECT_TRUE(longOne->Send(NewStream().get()));
+
+    std::string many;
+    nmsPutInt(many, 0);
+    nmsPutInt(many, 300);
+    EXPECT_FALSE(record->Receive(StreamOf(many + std::string(5000, 0)).get(), nullptr));
+    EXPECT_EQ(record->getFields()->getarraysize(), 0);
 }
 
 TEST(nmsRecord, RegistryLowersLimitsAndNeverRaisesThem)
