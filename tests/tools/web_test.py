@@ -373,9 +373,9 @@ class Page(Case):
         self.browser.wait(value("gone"), None)
         self.browser.wait(value("done"), "2")
         os.remove(path)
-        self.state("gone")
+        self.state("removed")
         self.assertEqual(self.browser.evaluate(value("done")), "2")  # what was known last
-        self.assertEqual(self.browser.evaluate("document.getElementById('news').innerText"), f"{path}: gone")
+        self.assertEqual(self.browser.evaluate("document.getElementById('news').innerText"), f"{path}: removed")
         self.publish(done=4)
         os.utime(path, (1, 1))
         self.browser.wait(value("done"), "4")

@@ -233,9 +233,10 @@ HttpServer::HttpServer(const HttpPlace& place, Handler handler) : inside(new Ins
     inside->isOnLoopback = door.IsOnLoopback();
     inside->handler = std::move(handler);
     if (place.isForOwnUser && !inside->isOnLoopback)
-        Fail(Exit::usage, place.host, "users of other machines cannot be known; --any-user serves everybody");
+        Fail(Exit::usage, place.host, "users of other machines are not known; --any-user serves every user");
     if (place.isForOwnUser && !btkReportsPeerUsers(door.GetHandle()))
-        Fail(Exit::peer, place.host, "the system does not report who connects; --any-user serves everybody");
+        Fail(Exit::peer, place.host,
+             "the system does not report the users of connections; --any-user serves every user");
     const btkHandle listening = door.GiveAway(); // closed by the daemon
     inside->daemon = MHD_start_daemon(MHD_USE_EPOLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr,
                                       nullptr, &Inside::Serve, inside.get(), MHD_OPTION_LISTEN_SOCKET,

@@ -224,7 +224,7 @@ void runSet(const Choices& choices)
 {
     const std::string key = withoutBlanks(choices.key);
     if (key.empty())
-        Fail(Exit::usage, "key", "nothing is left of it without its blanks");
+        Fail(Exit::usage, "key", "a key cannot consist of blanks");
     if (key.find(':') != std::string::npos)
         Fail(Exit::usage, choices.key, "the first colon would end the key");
     if (key.find('\n') != std::string::npos || choices.value.find('\n') != std::string::npos)

@@ -53,7 +53,7 @@ const Declarations& declarationsOfServers()
          {.type = "counter", .help = "Connections closed because too many had no first byte"}},
         {"failures", {.type = "counter", .help = "Exceptions of handlers"}},
         {"async.started", {.type = "counter", .help = "Asynchronous requests started"}},
-        {"async.ended", {.type = "counter", .help = "Asynchronous requests ended"}},
+        {"async.ended", {.type = "counter", .help = "Asynchronous requests completed"}},
         {"async.running", {.help = "Asynchronous requests that run"}},
         {"records", {.help = "Records held"}},
         {"records.ownerless", {.help = "Records held of no process"}},

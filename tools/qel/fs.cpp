@@ -226,11 +226,11 @@ std::string targetOf(const std::string& from, const std::string& to, bool isOnly
 {
     if (fshIsDirectory(to.c_str()) == 0) {
         if (!isOnlyOne)
-            Fail(Exit::no, ShownAs(to), "is no directory");
+            Fail(Exit::no, ShownAs(to), "is not a directory");
         return to;
     }
     if (!hasOwnName(from))
-        Fail(Exit::usage, ShownAs(from), "has no name to be copied under; name the new directory");
+        Fail(Exit::usage, ShownAs(from), "has no name to copy it under; give the new path");
     return joined(to, lastEntry(from));
 }
 

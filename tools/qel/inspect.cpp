@@ -447,7 +447,7 @@ bool inspectValues(const File& file, Json& result)
     });
     if (best->values.empty())
         return false;
-    result["kind"] = "values, as far as can be told";
+    result["kind"] = "values, as far as they are recognized";
     result["format"] = best->name;
     result["count"] = best->values.size();
     if (!file.IsWhole())
@@ -500,7 +500,7 @@ Json Inspect(const std::string& path, std::size_t most)
     if (!btkGetFileState(path.c_str(), state))
         Fail(errno == ENOENT || errno == EACCES ? Exit::no : Exit::peer, path, std::strerror(errno));
     if (!state.isPlain)
-        Fail(Exit::no, path, "is no file with content, but a directory, pipe or device");
+        Fail(Exit::no, path, "is a directory, pipe or device, not a file with content");
     File file{path, state.size, most, contentOf(path, headSize)};
     const std::size_t lines = file.IsWhole() ? file.head.size() : file.head.rfind('\n') + 1;
     file.isText = isText(std::string_view(file.head).substr(0, lines == 0 ? file.head.size() : lines));

@@ -80,7 +80,7 @@ void createFile(const Choices& choices)
 {
     std::error_code ignored;
     if (!choices.replaces && std::filesystem::exists(choices.path, ignored))
-        Fail(Exit::no, choices.path, "there is a file; --replace makes it anew");
+        Fail(Exit::no, choices.path, "exists already; --replace makes a new file");
     onFile(choices, [&] {
         const Monitor file(monFile::Create(PathOf(choices.path).c_str(), choices.title.c_str()));
         if (file == nullptr)
@@ -113,7 +113,7 @@ void addValue(const Choices& choices)
             truthOf(choices.value);
         monParam* const parameter = added(*file, choices);
         if (parameter == nullptr)
-            Fail(Exit::no, choices.name, "is there, with another type");
+            Fail(Exit::no, choices.name, "exists with another type");
         if (!choices.value.empty())
             assign(*parameter, choices.value);
     });

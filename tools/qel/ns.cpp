@@ -71,7 +71,7 @@ void require(const AskChoices& choices, capi_nmsError* answered)
         return;
     const int code = nmsErrGetCode(error.get());
     if (code == nmscNoConnection)
-        Fail(Exit::peer, choices.Server(), "no answer");
+        Fail(Exit::peer, choices.Server(), "no response");
     // The line begins with the origin of the failure: "ERROR  : NameServer on client request: ".
     std::string why = nmsErrGetText(error.get());
     why.erase(0, why.find(": ", why.find(": ") + 2) + 2);

@@ -57,9 +57,9 @@ void checkNames(const Choices& choices, bool sets)
         Fail(Exit::usage, server,
              "no rights can be set for a server whose name holds one of / . : * ?: it admits everybody");
     if (!root.IsKeyValid(choices.key.c_str()))
-        Fail(Exit::usage, choices.key, "a key holds none of / . : * ? (its parts stand between \\)");
+        Fail(Exit::usage, choices.key, "a key cannot contain / . : * ? (\\ separates its parts)");
     if (!root.IsNameValid(choices.name.c_str()))
-        Fail(Exit::usage, choices.name, "the name of a value holds none of \\ / . : * ?");
+        Fail(Exit::usage, choices.name, "the name of a value cannot contain \\ / . : * ?");
 }
 
 /// The key chosen by the options, which must exist.
@@ -200,7 +200,7 @@ void runDelete(const Choices& choices, bool ofValue)
         return;
     }
     if (isRoot(choices.key))
-        Fail(Exit::usage, "key", "the root stays");
+        Fail(Exit::usage, "key", "the root cannot be deleted");
     std::string path = choices.key;
     if (path.ends_with('\\'))
         path.pop_back();

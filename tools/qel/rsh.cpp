@@ -88,7 +88,7 @@ public:
         if (!isLost || !WaitForEnd() || !Process_Wait(process, &code, false, true))
             return std::strerror(error);
         process = nullptr;
-        return "ended with status " + std::to_string(code);
+        return "exited with status " + std::to_string(code);
     }
 
     btkFd input, output;
@@ -115,7 +115,7 @@ qel::owned<netSocketStream> connect(const AskChoices& choices)
     } catch (xthrowable* thrown) {
         throw FailureOf(thrown, Exit::peer, choices.host);
     }
-    Fail(Exit::peer, choices.host + ", port " + std::to_string(address->getPortN()), "no answer");
+    Fail(Exit::peer, choices.host + ", port " + std::to_string(address->getPortN()), "no response");
 }
 
 // The command line, quoted so that the server can restore the words; for a shell, as the user wrote it.
@@ -149,7 +149,7 @@ qel::owned<rshProcess> start(const AskChoices& choices, const std::vector<std::s
         throw failed;
     }
     if (process == nullptr)
-        Fail(Exit::peer, "", "no thread is left");
+        Fail(Exit::peer, "", "cannot start a thread");
     return process;
 }
 
@@ -195,7 +195,7 @@ bool attend(rshProcess& process, const std::string& host)
             events.pop_back();
             process.Terminate();
         } else if (!end->WasSignaled() && !patience.IsForever()) {
-            Fail(Exit::peer, host, "the server does not end the command");
+            Fail(Exit::peer, host, "the server does not terminate the command");
         }
     }
     return isTaken;
@@ -213,7 +213,7 @@ void runCommand(const AskChoices& choices, const std::vector<std::string>& words
         Fail(Exit::peer, "", "not all of the command's output could be written");
     const int code = process->GetExitCode();
     if (code == xnullint)
-        Fail(Exit::peer, choices.host, "the connection was lost, or the server ended the command");
+        Fail(Exit::peer, choices.host, "the connection was lost, or the server terminated the command");
     if (code != 0)
         throw CommandFailed{static_cast<Exit>(code), "", ""};
 }
@@ -236,11 +236,11 @@ void askShellVia(const AskChoices& choices, const std::vector<std::string>& word
 void askShell(const AskChoices& choices, const std::vector<std::string>& words)
 {
     if (words.empty())
-        Fail(Exit::usage, "COMMAND", "what is to be run?");
+        Fail(Exit::usage, "COMMAND", "no command to run");
     if (!choices.via.empty())
         return askShellVia(choices, words);
     if (choices.isEncrypted && !netIsTlsConfigured())
-        Fail(Exit::usage, "--tls", "no directory of certificates is named: set QELSTD_TLS");
+        Fail(Exit::usage, "--tls", "no directory of certificates: set QELSTD_TLS");
     if (choices.isEncrypted)
         btkEnvironment::Set("QELSTD_TLS_LOCAL", "1");
     const btkTimeval end = btkTimeval::Now() + btkTimeval(choices.seconds);

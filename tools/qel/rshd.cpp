@@ -390,7 +390,7 @@ void requireProtection(const ServeChoices& choices, bool isOnLoopback)
 {
     const AllowLists allowed(choices.name, choices.isInsecure);
     if (!allowed.IsPossible())
-        Fail(Exit::usage, "--name", "no key of the registry has a name like that");
+        Fail(Exit::usage, "--name", "not a valid name of a registry key");
     if (isOnLoopback)
         return;
     if (!choices.isInsecure && !netIsTlsConfigured())
@@ -399,7 +399,7 @@ void requireProtection(const ServeChoices& choices, bool isOnLoopback)
              "QELSTD_TLS (see qel tls issue --help), or insist with --insecure");
     if (!allowed.Restrict())
         Fail(Exit::usage, "--interface",
-             "everybody could run commands here; first say who may come from there: patterns of " +
+             "every machine could run commands here; first set which may connect: patterns of " +
                  std::string(choices.isInsecure ? "addresses" : "certificates, as cert:NAME,") +
                  " in the value ConnectionAllowed of the registry key " + allowed.GetPath() +
                  ", System or User");
@@ -456,7 +456,7 @@ void serveOne(const ServeChoices& choices)
     const qel::owned<netSocketStream> stream(netSocketStream::Create(socket.release()));
     const qel::owned<rshServer> server(rshServer::Create(stream.get(), choices.directory.c_str(), 0));
     if (server == nullptr)
-        Fail(Exit::peer, "--stdio", "no thread is left");
+        Fail(Exit::peer, "--stdio", "cannot start a thread");
     const qel::owned<rshServerEvent> end(server->ExitEvent());
     btkEvent stop(new btkSelectEvent(signals.Get(), 0));
     btkEvent::List events = {end.get(), &stop};

@@ -139,12 +139,12 @@ void requireEcho(netAddress* address)
 {
     constexpr double limit = 2; // seconds
     const qel::owned<netSocketStream> stream(netServer::Connect(address, limit));
-    require(stream != nullptr, "the server does not answer");
+    require(stream != nullptr, "the server does not respond");
     stream->setITimeout(limit); // where no descriptor is left, it cannot accept
     stream->WriteInt(number);
     stream->WriteString(text);
     require(stream->ReadInt() == number && stream->ReadString(nullptr) == text,
-            "the answer differs from the request");
+            "the reply differs from the request");
 }
 
 void testServer(const std::string&)

@@ -54,7 +54,7 @@ std::unique_ptr<btkStreamSocket> ask(const Address& address, netRequestCode code
     const int answer = netAsk(*socket, code);
     if (answer < 0) {
         const std::string why = socket->IsEncrypted() ? socket->GetCarrier()->GetFailure({}) : std::string();
-        refused(address, Exit::peer, why.empty() ? "no answer" : why);
+        refused(address, Exit::peer, why.empty() ? "no response" : why);
     }
     if (answer != netAdmitted)
         refused(address, Exit::no, "Connection refused due to lack of rights");
@@ -70,7 +70,7 @@ void printVersion(const Address& address)
 {
     std::string text;
     if (!netReadVersion(*ask(address, netRequestCode::version), text))
-        refused(address, Exit::peer, "the version did not come whole");
+        refused(address, Exit::peer, "the version was not received completely");
     Show(text);
 }
 

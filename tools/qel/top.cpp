@@ -73,7 +73,7 @@ Servers sample(const Choices& choices, const Servers& before)
 
 const char* stateOf(const Server& server)
 {
-    return server.goneFor > 0 ? "gone" : server.isAlive ? "alive" : "dead";
+    return server.goneFor > 0 ? "exited" : server.isAlive ? "alive" : "dead";
 }
 
 bool isShown(const Choices& choices, const Server& server, const std::string& name, const Json& value)
@@ -150,7 +150,7 @@ ScreenTable tableOf(const Choices& choices, const Servers& servers, History* his
     }
     table.title = "servers: " + std::to_string(alive);
     if (alive < servers.size())
-        table.title += ", ended: " + std::to_string(servers.size() - alive);
+        table.title += ", exited: " + std::to_string(servers.size() - alive);
     return table;
 }
 

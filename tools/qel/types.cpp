@@ -410,7 +410,7 @@ xany objectOf(xrttiobject* type, const std::vector<std::string>& texts)
     if (object == nullptr && table != nullptr && table->rebuild != nullptr)
         object = table->rebuild(nullptr);
     if (object == nullptr)
-        Fail(Exit::no, name, "an object of this class needs more than values");
+        Fail(Exit::no, name, "objects of this class cannot be made from values");
     const xany held(object); // frees it if it is counted
     if (isFilled(object, texts))
         return held;
@@ -430,7 +430,7 @@ void printType(const std::string& name, const std::vector<std::string>& texts, b
         Fail(Exit::no, name, "no such type");
     xrttiobject* const object = qelSoftcast<xrttiobject>(type);
     if (object == nullptr && texts.size() > 1)
-        Fail(Exit::usage, texts[1], "one value is enough");
+        Fail(Exit::usage, texts[1], "takes one value");
     const xany value =
         object != nullptr ? objectOf(object, texts) : valueOf(type, texts.empty() ? nullptr : texts.data());
     if (asJson)

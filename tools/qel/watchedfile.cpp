@@ -28,7 +28,7 @@ void WatchedFile::TakeFrom(Sample& sample, const std::vector<std::string>& names
     std::error_code failed;
     if (file != nullptr && file->isReplaced()) {
         const bool isGone = !std::filesystem::exists(path, failed);
-        sample.problem = isGone ? "gone" : "replaced";
+        sample.problem = isGone ? "removed" : "replaced";
         if (isGone || !file->Reopen()) {
             sample.title = title;
             sample.values = values;
