@@ -8,10 +8,8 @@
 #include <algorithm>
 #include <array>
 #include <benchmark/benchmark.h>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <glib.h>
 #include <malloc.h>
@@ -293,58 +291,6 @@ private:
     std::unique_ptr<GHashTable, Free> d{g_hash_table_new_full(g_str_hash, g_str_equal, g_free, nullptr)};
 };
 
-/// The least of a find: the key is measured, hashed, and compared with one entry. Keys are never removed.
-struct LeastTable
-{
-    static constexpr const char* name = "the least";
-    using Key = std::string;
-    bool find(const Key& key, int* out)
-    {
-        const Entry& entry = place(key.c_str());
-        *out = entry.value;
-        return entry.text != nullptr;
-    }
-    void set(const Key& key, int value)
-    {
-        if (++count * 2 > entries.size()) {
-            std::vector<Entry> before(2 * entries.size());
-            before.swap(entries);
-            for (const Entry& one : before)
-                if (one.text != nullptr)
-                    place(one.text) = one;
-        }
-        place(key.c_str()) = {key.c_str(), key.size(), value};
-    }
-
-private:
-    struct Entry
-    {
-        const char* text = nullptr;
-        std::size_t size = 0;
-        int value = 0;
-    };
-
-    Entry& place(const char* key)
-    {
-        const std::size_t size = std::strlen(key);
-        std::uint64_t hash = size;
-        for (std::size_t i = 0; i < size; i += 8) {
-            std::uint64_t eight = 0;
-            std::memcpy(&eight, key + i, std::min<std::size_t>(8, size - i));
-            hash = (hash ^ eight) * 0x9E3779B97F4A7C15u;
-            hash ^= hash >> 32;
-        }
-        std::size_t at = hash & (entries.size() - 1);
-        while (entries[at].text != nullptr &&
-               (entries[at].size != size || std::memcmp(entries[at].text, key, size) != 0))
-            at = (at + 1) & (entries.size() - 1);
-        return entries[at];
-    }
-
-    std::vector<Entry> entries = std::vector<Entry>(16);
-    std::size_t count = 0;
-};
-
 using Texts = std::vector<std::string>;
 
 Texts english()
@@ -521,8 +467,7 @@ void addOne(const std::string& family, const Texts& (*texts)(), bool large)
     };
     add("find", find<D, true>);
     add("miss", find<D, false>);
-    if constexpr (!std::is_same_v<D, LeastTable>)
-        addChanges<D>(add, large);
+    addChanges<D>(add, large);
 }
 
 template<Texts (*make)(std::size_t), std::size_t n>
@@ -539,7 +484,6 @@ void addFamily(const std::string& family, const Texts& (*texts)(), bool large = 
     addOne<QtHash<QByteArray>>(family, texts, large);
     addOne<QtHash<QString>>(family, texts, large);
     addOne<Glib>(family, texts, large);
-    addOne<LeastTable>(family, texts, large);
 }
 
 [[maybe_unused]] const bool added = [] {
