@@ -8,6 +8,7 @@
 #include <new>
 #include <unistd.h>
 
+#include <qel/base/btkretry.h>
 #include <qel/base/btksocket.h>
 
 #include "btkpoll_p.h"
@@ -33,7 +34,19 @@ btkCarrier::btkCarrier(std::unique_ptr<btkChannel> channel, std::vector<std::str
 }
 
 btkCarrier::~btkCarrier()
-try {
+{
+    try {
+        End();
+    } catch (const std::bad_alloc&) {
+        // As when the connection is lost.
+    }
+    if (link.channel != nullptr)
+        link.channel->Close();
+}
+
+// Sends the end of the data, and what has not arrived by a thread.
+void btkCarrier::End()
+{
     if (tunnel != nullptr) {
         tunnel->Leave();
         return;
@@ -51,9 +64,6 @@ try {
         btkTunnel rest;
         rest.LeaveRest(link);
     }
-    if (link.channel != nullptr)
-        link.channel->Close();
-} catch (const std::bad_alloc&) { // as when the connection is lost
 }
 
 // ---- input
@@ -97,12 +107,17 @@ std::size_t btkCarrier::Get(char* to, std::size_t size)
     return static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0));
 }
 
-// Reads at most `size` bytes into `room` and parses them. False when there are none, or they are not valid.
+// Reads at most `size` bytes into `room` and parses them. False when there are none, they are not valid, or there is no
+// memory to hold them.
 bool btkCarrier::Parse(char* room, std::size_t size)
 {
     const std::size_t count = Get(room, size);
-    if (count > 0 && !link.reader.Take({room, count}))
+    try {
+        if (count > 0 && !link.reader.Take({room, count}))
+            Lose();
+    } catch (const std::bad_alloc&) {
         Lose();
+    }
     return count > 0 && !isInputOver;
 }
 
@@ -115,8 +130,13 @@ void btkCarrier::Lose()
 
 void btkCarrier::Grant()
 {
-    if (const std::size_t grant = link.reader.TakeGrant(leastGrant); grant > 0 && !link.reader.IsEnded())
-        btkPutCreditFrame(link.frames, grant);
+    try {
+        if (const std::size_t grant = link.reader.TakeGrant(leastGrant);
+            grant > 0 && !link.reader.IsEnded())
+            btkPutCreditFrame(link.frames, grant);
+    } catch (const std::bad_alloc&) {
+        Lose(); // the peer would wait for it
+    }
     if (link.CountWaiting() > 0)
         link.Flush();
 }
@@ -161,6 +181,8 @@ std::ptrdiff_t btkCarrier::Flush()
 
 std::ptrdiff_t btkCarrier::Write(const char* from, std::size_t size)
 {
+    // Nothing is taken if there is no memory for it.
+    link.frames.reserve(btkFrameHeader + std::min(size, mostData));
     std::size_t done = 0;
     while (done < size && !IsOutputOver() && Flush() == 0) {
         if (link.reader.GetCredit() == 0)
@@ -227,7 +249,7 @@ bool btkCarrier::MoveToTunnel(btkHandle connection)
     if (near == nullptr)
         return false;
     tunnel = std::move(made);
-    dup3(near->GetHandle(), connection, O_CLOEXEC);
+    btkRetry([&] { return dup3(near->GetHandle(), connection, O_CLOEXEC); });
     return true;
 }
 

@@ -14,7 +14,8 @@ class btkStreamSocket;
 
 /// Lies between the btkStreamSocket of an encrypted connection and the channel to the peer, and passes data and urgent
 /// values on as the frames of btkframes.h, in the thread of the caller. No call waits; those that transfer fail with
-/// EAGAIN when they would have to, and the caller then polls for GetAwaited(). Used by one thread at a time.
+/// EAGAIN when they would have to, and the caller then polls for GetAwaited(). A connection is lost when there is no
+/// memory for what arrives. Used by one thread at a time.
 class BASE_API btkCarrier
 {
 public:
@@ -28,8 +29,8 @@ public:
 
     /// Reads at most `size` bytes of data; 0 at the end. -1: see errno; ECONNRESET when the connection is lost.
     std::ptrdiff_t Read(char* to, std::size_t size);
-    /// Takes at most `size` bytes of data, as far as the peer grants it and the last ones were sent. -1: see errno; EPIPE
-    /// when no more can be sent.
+    /// Takes at most `size` bytes of data, as far as the peer grants it and the last ones were sent. -1: see errno;
+    /// EPIPE when no more can be sent.
     std::ptrdiff_t Write(const char* from, std::size_t size);
     /// Takes an urgent value of four bytes. -1: see errno.
     std::ptrdiff_t WriteUrgent(const char* value);
@@ -58,21 +59,23 @@ public:
     /// The readiness of the connection that lets any of these calls continue.
     btkReadiness GetAwaited() const;
 
-    /// Hands the connection over to a btkTunnel, whose user's socket takes the place of the descriptor `connection`; only
-    /// the destructor, GetFailure and the attributes may be used then. False, and nothing has happened, when the
+    /// Hands the connection over to a btkTunnel, whose user's socket takes the place of the descriptor `connection`;
+    /// only the destructor, GetFailure and the attributes may be used then. False, and nothing has happened, when the
     /// connection is lost, or there are no descriptors or threads left.
     bool MoveToTunnel(btkHandle connection);
 
     /// Why the connection was lost, in words; empty when that is not known. Waits at most `limit` for the loss.
     std::string GetFailure(btkTimeval limit);
 
-    /// The names that the peer's certificate proves: NAME for each `qel://NAME`. They consist of visible ASCII characters.
+    /// The names that the peer's certificate proves: NAME for each `qel://NAME`. They consist of visible ASCII
+    /// characters.
     std::vector<std::string> peerNames;
 
 private:
     friend class btkStreamSocket;
 
     std::size_t Get(char* to, std::size_t size);
+    void End();
     bool Parse(char* room, std::size_t size);
     void Lose();
     void Grant();

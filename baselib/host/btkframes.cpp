@@ -6,8 +6,10 @@
 
 namespace {
 
-void putHeader(std::string& to, btkFrameKind kind, std::uint32_t number)
+// Makes room for the whole frame first, so that without memory there is none of it.
+void putHeader(std::string& to, btkFrameKind kind, std::uint32_t number, std::size_t dataSize = 0)
 {
+    to.reserve(to.size() + btkFrameHeader + dataSize);
     to += static_cast<char>(kind);
     for (int shift = 24; shift >= 0; shift -= 8)
         to += static_cast<char>(number >> shift);
@@ -25,7 +27,7 @@ std::uint32_t numberOf(const char* bytes)
 
 void btkPutDataFrame(std::string& to, std::string_view bytes)
 {
-    putHeader(to, btkFrameKind::data, static_cast<std::uint32_t>(bytes.size()));
+    putHeader(to, btkFrameKind::data, static_cast<std::uint32_t>(bytes.size()), bytes.size());
     to += bytes;
 }
 

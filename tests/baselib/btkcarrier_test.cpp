@@ -10,6 +10,7 @@
 #include <qel/base/btkcarrier.h>
 #include <qel/base/xsocketbuf.h>
 
+#include "support/carried.h"
 #include "support/descriptors.h"
 #include "support/socketpair.h"
 
@@ -17,47 +18,6 @@ namespace {
 
 constexpr btkTimeval aWhile(20, 0);
 constexpr btkTimeval shortly(0, 50000);
-
-// As an encrypted channel, but without encryption.
-class PlainChannel final : public btkChannel
-{
-public:
-    explicit PlainChannel(std::unique_ptr<btkStreamSocket> connected) : socket(std::move(connected)) {}
-    btkHandle GetInput() const override { return socket->GetHandle(); }
-    btkHandle GetOutput() const override { return socket->GetHandle(); }
-    std::ptrdiff_t Read(char* to, std::size_t size) override
-    {
-        return resultOf(recv(GetInput(), to, size, MSG_DONTWAIT));
-    }
-    std::ptrdiff_t Write(const char* from, std::size_t size) override
-    {
-        return size == 0 ? 0 : resultOf(send(GetOutput(), from, size, MSG_DONTWAIT | MSG_NOSIGNAL));
-    }
-    bool HasArrived() const override { return btkCountUnsent(GetOutput()) == 0; }
-    void Close() override { shutdown(GetInput(), SHUT_RDWR); }
-    std::string GetFailure() const override { return "it was cut"; }
-
-private:
-    static std::ptrdiff_t resultOf(ssize_t count)
-    {
-        return count > 0 ? count : count < 0 && errno == EAGAIN ? 0 : -1;
-    }
-
-    std::unique_ptr<btkStreamSocket> socket;
-};
-
-std::unique_ptr<btkStreamSocket> carried(std::unique_ptr<btkStreamSocket> plain)
-{
-    auto made = std::make_unique<btkStreamSocket>();
-    const btkStreamSocket& from = *plain;
-    btkFd connected(dup(from.GetHandle()));
-    auto channel = std::make_unique<PlainChannel>(std::move(plain));
-    made->Encrypt(std::move(connected), from,
-                  std::make_unique<btkCarrier>(std::move(channel), std::vector<std::string>{"words"}, from));
-    made->SetRecvLimit(aWhile);
-    made->SetSendLimit(aWhile);
-    return made;
-}
 
 // Two ends, between which the kernel holds little.
 class BtkCarrier : public testing::Test

@@ -8,6 +8,7 @@
 #include <qel/qelstd.h>
 #include <qel/xmonlib.h>
 
+#include "support/carried.h"
 #include "support/environment.h"
 #include "support/owned.h"
 #include "support/programs.h"
@@ -344,6 +345,26 @@ TORTURE(SocketStream)
     far.Recv(bytes, 4, true);
     far.Send(bytes, 4);
     stream->ReadInt();
+}
+
+TORTURE(FramedConnection)
+{
+    auto one = std::make_unique<btkStreamSocket>(), other = std::make_unique<btkStreamSocket>();
+    btkAcceptSocket door;
+    need(door.Listen(0, nullptr) && one->Connect(nullptr, door.GetPortN(), btkTimeval(10, 0)) &&
+         door.Wait(btkTimeval(10, 0), 1) == 1 && door.Accept(other.get()));
+    const std::unique_ptr<btkStreamSocket> near = carried(std::move(one)), far = carried(std::move(other));
+    const std::string data(20000, 'x');
+    need(near->Send(data.data(), data.size()) == data.size() && near->Send(longText, 4, true) == 4);
+    // Parsed here, and not read into the caller's memory.
+    std::size_t held = 0;
+    while (far->IsReadable(btkTimeval(10, 0)) && far->CountReadable() > held)
+        held = far->CountReadable();
+    char value[4];
+    need(far->Recv(value, 4, true) == 4);
+    std::string got(data.size(), 0);
+    need(far->RecvAll(got.data(), got.size()) == got.size());
+    EXPECT_TRUE(got == data);
 }
 
 TORTURE(Server)
