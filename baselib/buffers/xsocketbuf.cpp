@@ -7,63 +7,74 @@
 
 namespace {
 
-// Includes the values that the socket has buffered: the kernel reports only those not read yet.
-class UrgentEvent final : public btkBaseEvent
+// Of a buffer's socket, as long as there is one: afterwards it is signaled, so that no wait lasts for ever.
+class SocketEvent : public btkBaseEvent
 {
-public:
-    UrgentEvent(std::shared_ptr<btkStreamSocket*> shared, btkHandle watched)
-        : btkBaseEvent(watched, btkUrgent, true), socket(std::move(shared))
-    {
-    }
-
 protected:
-    State OnAsk() override
+    SocketEvent(std::shared_ptr<btkStreamSocket*> shared, btkHandle watched, btkReadiness awaited)
+        : btkBaseEvent(watched, awaited, true), socket(std::move(shared))
     {
-        if (*socket == nullptr) {
-            GetWatch().handle = -1;
-            return On;
-        }
-        const bool isOn = (*socket)->HasUrgent() || (*socket)->IsLost();
-        GetWatch().handle = (*socket)->GetUrgentHandle();
-        GetWatch().awaited = (*socket)->GetAwaitedUrgent();
-        return isOn ? On : Ask;
     }
-    // A failed connection is ready, too, and stays ready.
-    bool OnPolled(btkReadiness ready) override
-    {
-        return *socket == nullptr || (*socket)->HasUrgent() || (*socket)->IsLost(ready);
-    }
+    // As OnAsk and OnPolled, with the socket.
+    virtual State OnAskSocket(btkStreamSocket& asked) = 0;
+    virtual bool OnSocketPolled(btkStreamSocket& asked, btkReadiness ready) = 0;
 
 private:
+    State OnAsk() final
+    {
+        if (*socket != nullptr)
+            return OnAskSocket(**socket);
+        GetWatch().handle = -1;
+        return On;
+    }
+    bool OnPolled(btkReadiness ready) final { return *socket == nullptr || OnSocketPolled(**socket, ready); }
+
     std::shared_ptr<btkStreamSocket*> socket;
 };
 
-// Of an encrypted connection: there is room only as far as the peer grants it.
-class OutputEvent final : public btkBaseEvent
+// Includes the values that the socket has buffered: the kernel reports only those not read yet.
+class UrgentEvent final : public SocketEvent
 {
 public:
-    OutputEvent(std::shared_ptr<btkStreamSocket*> shared, btkHandle watched)
-        : btkBaseEvent(watched, btkWritable, true), socket(std::move(shared))
+    UrgentEvent(std::shared_ptr<btkStreamSocket*> shared, btkHandle watched)
+        : SocketEvent(std::move(shared), watched, btkUrgent)
     {
-    }
-
-protected:
-    State OnAsk() override
-    {
-        if (*socket == nullptr) {
-            GetWatch().handle = -1;
-            return On;
-        }
-        GetWatch().awaited = (*socket)->GetAwaitedOutput();
-        return Ask;
-    }
-    bool OnPolled(btkReadiness ready) override
-    {
-        return *socket == nullptr || ((*socket)->MayWrite() && (ready & ~btkReadable) != 0);
     }
 
 private:
-    std::shared_ptr<btkStreamSocket*> socket;
+    State OnAskSocket(btkStreamSocket& asked) override
+    {
+        const bool isOn = asked.HasUrgent() || asked.IsLost();
+        GetWatch().handle = asked.GetUrgentHandle();
+        GetWatch().awaited = asked.GetAwaitedUrgent();
+        return isOn ? On : Ask;
+    }
+    // A failed connection is ready, too, and stays ready.
+    bool OnSocketPolled(btkStreamSocket& asked, btkReadiness ready) override
+    {
+        return asked.HasUrgent() || asked.IsLost(ready);
+    }
+};
+
+// Of an encrypted connection: there is room only as far as the peer grants it.
+class OutputEvent final : public SocketEvent
+{
+public:
+    OutputEvent(std::shared_ptr<btkStreamSocket*> shared, btkHandle watched)
+        : SocketEvent(std::move(shared), watched, btkWritable)
+    {
+    }
+
+private:
+    State OnAskSocket(btkStreamSocket& asked) override
+    {
+        GetWatch().awaited = asked.GetAwaitedOutput();
+        return Ask;
+    }
+    bool OnSocketPolled(btkStreamSocket& asked, btkReadiness ready) override
+    {
+        return asked.MayWrite() && (ready & ~btkReadable) != 0;
+    }
 };
 
 } // namespace

@@ -79,15 +79,9 @@ def first(name):
     return max(((len(prefix), begin) for prefix, begin in PREFIXES.items() if whole.startswith(prefix)), default=(0, []))[1]
 
 
-def public_headers():
-    for lists in sorted((tree.root() / "qel").rglob("CMakeLists.txt")):
-        for block in re.findall(r"qel_public_headers\((.*?)\)", lists.read_text(), re.DOTALL):
-            yield from (lists.parent / name for name in block.split())
-
-
 root = tree.root()
 texts = {path: tree.without_comments(path.read_text()) for path in tree.files("qel", "tests")}
-headers = {path.stem: path for path in public_headers()}
+headers = {path.stem: path for path in tree.public_headers()}
 sources = {path.stem: path for path in texts if path.suffix == ".cpp" and path.is_relative_to(root / "qel/qelstd")
            and path.parent.name != "registration"}
 tests = {path.stem.removesuffix("_test"): path for path in texts if path.stem.endswith("_test")}

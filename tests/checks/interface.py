@@ -35,12 +35,6 @@ BLOCK = re.compile(r"^( *)(///?)\n((?:\1\2 {5}.*\n|\1\2\n(?=\1\2 {5}))+)", re.MU
 EXAMPLE = re.compile(BLOCK.pattern + r"|`[^`\n]*\([^`\n]*`", re.MULTILINE)
 
 
-def public_headers():
-    for lists in sorted((tree.root() / "qel").rglob("CMakeLists.txt")):
-        for block in re.findall(r"qel_public_headers\((.*?)\)", lists.read_text(), re.DOTALL):
-            yield from (lists.parent / name for name in block.split())
-
-
 def comment_above(lines, at):
     """The comment of the declaration in that line, which others before it may share."""
     while at > 0 and lines[at - 1].strip() and not lines[at - 1].lstrip().startswith("//"):
@@ -138,7 +132,7 @@ public:
 class QEL_API tinyXFailure : public xthrowable
 """
 
-headers = list(public_headers())
+headers = list(tree.public_headers())
 if len(sys.argv) > 2:
     pathlib.Path(sys.argv[2]).write_text(source(headers))
     sys.exit(0)

@@ -21,6 +21,13 @@ def files(*folders):
     return sorted(found)
 
 
+def public_headers():
+    """The headers that programs may include, in the order of the build files."""
+    for lists in sorted((root() / "qel").rglob("CMakeLists.txt")):
+        for block in re.findall(r"qel_public_headers\((.*?)\)", lists.read_text(), re.DOTALL):
+            yield from (lists.parent / name for name in block.split())
+
+
 def without_comments(text):
     """C and C++ text with each comment replaced by its line ends; literals are kept."""
     pattern = r'//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])*\''
