@@ -1,5 +1,5 @@
-// Arbitrary bytes from the other end of a tunnel, in pieces whose sizes the last byte decides, and partly dropped: no more is
-// held than was granted, and no credit beyond the window counts.
+// Arbitrary bytes from the other end of a tunnel, in pieces whose sizes the last byte decides, and partly dropped: no
+// more is held than was granted, and no credit beyond the window counts.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>

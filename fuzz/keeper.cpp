@@ -1,12 +1,12 @@
-// A name server and its keeper, which shares the records in etcd, with all that they read: the input is a list of lines,
-// each a response of etcd, a message of its watch, a message between the two, or a record that is registered or removed.
-// The keeper handles each without more requests at once than it may have, and ends when the name server does; what the
-// name server then has are records within their limits.
+// A name server and its keeper, which shares the records in etcd, with all that they read: the input is a list of
+// lines, each a response of etcd, a message of its watch, a message between the two, or a record that is registered or
+// removed. The keeper handles each without more requests at once than it may have, and ends when the name server does;
+// what the name server then has are records within their limits.
 //
 // The first letter of a line: r, f: the response to the oldest request, with HTTP status 200 or 400; x: none came; w: a
-// message of the watch; p, n: a record of this process, or of none, is registered; d: it is removed; k, s: the bytes of a
-// message to the keeper, or to the name server, the digit of its kind first. In what etcd sends, @ and a letter stand for
-// texts of the last transaction: k, v: the key and the value of its record; c, d: of its claim.
+// message of the watch; p, n: a record of this process, or of none, is registered; d: it is removed; k, s: the bytes of
+// a message to the keeper, or to the name server, the digit of its kind first. In what etcd sends, @ and a letter stand
+// for texts of the last transaction: k, v: the key and the value of its record; c, d: of its claim.
 #include "../tools/names-etcd/keeper.h"
 
 #include <cstdint>

@@ -1,5 +1,6 @@
 // Arbitrary bytes to a versioned server that takes encrypted connections: as a client's first bytes, which may begin a
-// handshake; and as what a client with a good certificate sends afterwards, as frames. The server serves the next client.
+// handshake; and as what a client with a good certificate sends afterwards, as frames. The server serves the next
+// client.
 #include <cstdint>
 #include <cstdlib>
 #include <memory>

@@ -16,8 +16,8 @@ BOOL platFail();
 /// below, as in `if (!platDone(folder.Create(name)))`.
 bool platDone(bool done);
 
-/// The same as platFail, after a call on `hostPath` failed. Windows reports "path not found" when a directory on the way
-/// is missing and "file not found" for the last name only; Linux has one errno value for both.
+/// The same as platFail, after a call on `hostPath` failed. Windows reports "path not found" when a directory on the
+/// way is missing and "file not found" for the last name only; Linux has one errno value for both.
 BOOL platFailOn(const std::string& hostPath);
 
 /// Sets the last error to `error`. Returns FALSE.

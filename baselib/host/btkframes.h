@@ -9,8 +9,8 @@
 
 #include <qel/base/btkchannel.h>
 
-/// Frames carry data, and urgent values that overtake it, over two plain streams of bytes, one in each direction. A frame
-/// begins with its kind; integers have four bytes, the most significant first:
+/// Frames carry data, and urgent values that overtake it, over two plain streams of bytes, one in each direction. A
+/// frame begins with its kind; integers have four bytes, the most significant first:
 ///
 ///     0  count, bytes   data, of 1 to 65536 bytes; no more in all than the window and the credit received
 ///     1  value          an urgent value of four bytes
@@ -32,13 +32,13 @@ BASE_API void btkPutUrgentFrame(std::string& to, const btkUrgentValue& value);
 BASE_API void btkPutCreditFrame(std::string& to, std::size_t count);
 BASE_API void btkPutEndFrame(std::string& to);
 
-/// Parses the frames of the other end, in pieces of any size, and keeps what they carry. Holds at most the window of data
-/// and 16 urgent values, of which the newest are kept.
+/// Parses the frames of the other end, in pieces of any size, and keeps what they carry. Holds at most the window of
+/// data and 16 urgent values, of which the newest are kept.
 class BASE_API btkFrameReader
 {
 public:
-    /// Parses more bytes. False, and no more is parsed, when they are not valid: an unknown kind, more data or credit than
-    /// allowed, anything but urgent values and credit behind the end.
+    /// Parses more bytes. False, and no more is parsed, when they are not valid: an unknown kind, more data or credit
+    /// than allowed, anything but urgent values and credit behind the end.
     bool Take(std::string_view bytes);
 
     /// The data that has arrived and has not been dropped; valid until the next call of Take or Drop.
@@ -63,8 +63,8 @@ public:
     /// Whether the data has ended.
     bool IsEnded() const { return isEnded; }
 
-    /// Returns the dropped bytes that have not been granted anew, and counts them as granted if there are at least `least`;
-    /// else 0.
+    /// Returns the dropped bytes that have not been granted anew, and counts them as granted if there are at least
+    /// `least`; else 0.
     std::size_t TakeGrant(std::size_t least);
     /// The number of bytes of data that this end may send.
     std::size_t GetCredit() const { return credit; }

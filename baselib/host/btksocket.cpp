@@ -298,8 +298,8 @@ void btkStreamSocket::ShutdownOutput()
         shutdown(fd.Get(), SHUT_WR);
 }
 
-// Waits until the socket is ready for `awaited`, at most until `end` or the end that the stop sign sets. False when the time is
-// up.
+// Waits until the socket is ready for `awaited`, at most until `end` or the end that the stop sign sets. False when the
+// time is up.
 bool btkStreamSocket::Await(btkReadiness awaited, btkTimeval end)
 {
     for (;;) {

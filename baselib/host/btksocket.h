@@ -163,8 +163,8 @@ public:
 
     /// Returns the number of bytes that Send would send at once; `broken` is set if it would fail.
     std::size_t CountWritable(bool& broken) const;
-    /// For events of room for output of an encrypted connection: whether the peer grants any, or no more can be sent; and
-    /// the readiness to wait for.
+    /// For events of room for output of an encrypted connection: whether the peer grants any, or no more can be sent;
+    /// and the readiness to wait for.
     bool MayWrite();
     btkReadiness GetAwaitedOutput();
 

@@ -8,10 +8,10 @@
 
 struct btkFrameLink;
 
-/// A connection over a channel that is none: the input and the output of a program such as ssh, which carries them to
-/// another machine; or an encrypted connection for a user that needs a socket of the kernel. Each end has a tunnel; the frames between the two are those of
-/// btkframes.h. The users of both ends have a connected socket each, with urgent values, its end, and its reset: data
-/// flows only as fast as it is read at the other end, which holds at most 256 KiB for a slow reader, and urgent values
+/// A connection that the kernel's sockets do not carry: over the input and the output of a program such as ssh, or an
+/// encrypted one for a user that needs a socket of the kernel. Each end has a tunnel; the frames between the two are
+/// those of btkframes.h. The user of each end has a connected socket, with urgent values, an end and a reset. Data
+/// flows only as fast as it is read at the other end, which holds at most 256 KiB for a slow reader; urgent values
 /// overtake it.
 ///
 /// A separate thread moves the data. Used by one thread.
@@ -25,9 +25,9 @@ public:
     btkTunnel& operator=(const btkTunnel&) = delete;
 
     /// Opens the tunnel over two descriptors, which it owns (`input` and `output` may have the same file behind them),
-    /// sends a line that tells a tunnel, and waits at most `limit` for that of the other end. Returns the socket of this
-    /// end's user; null when it fails, with the reason in errno: ETIMEDOUT, ECONNRESET (the input has ended), EPROTO
-    /// (something else than a tunnel has sent bytes). One of the two Open, once for each object.
+    /// sends a line that tells a tunnel, and waits at most `limit` for that of the other end. Returns the socket of
+    /// this end's user; null when it fails, with the reason in errno: ETIMEDOUT, ECONNRESET (the input has ended),
+    /// EPROTO (something else than a tunnel has sent bytes). One of the two Open, once for each object.
     std::unique_ptr<btkStreamSocket> Open(btkFd input, btkFd output, btkTimeval limit);
     /// Continues a connection that has begun. Does not wait. Null, and the link stays as it was, when there are no
     /// descriptors or threads left.

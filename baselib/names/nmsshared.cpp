@@ -261,8 +261,8 @@ bool nmsShared::HasRoom(const Use& all, const Use& ofMachine, std::size_t size) 
            all.bytes + size <= options.bytes && ofMachine.bytes + size <= options.BytesOfMachine();
 }
 
-// Lists the key. The list has as much room as the copy, of a machine and of all: of more, only the first and the last key
-// are kept.
+// Lists the key. The list has as much room as the copy, of a machine and of all: of more, only the first and the last
+// key are kept.
 void nmsShared::LeaveOut(const std::string& host, const std::string& key, std::size_t size)
 {
     if (leftOut >= options.records)

@@ -33,7 +33,8 @@ struct nmsSharingOptions
 };
 
 /// The records that a name server shares: its own ones as its keeper knows them, and a copy of those of the
-/// other machines. What has no room in the copy is left out until it has. Reports changes on the standard error output. Used by one thread, and never waits.
+/// other machines. What has no room in the copy is left out until it has. Reports changes on the standard error output.
+/// Used by one thread, and never waits.
 class BASE_API nmsShared
 {
 public:

@@ -49,8 +49,8 @@ Character decode(const char* text, std::size_t left)
     return {code, size};
 }
 
-/// Returns the number of leading ASCII bytes, checked several at a time: some before another byte, and up to seven in all,
-/// may be left out.
+/// Returns the number of leading ASCII bytes, checked several at a time: some before another byte, and up to seven in
+/// all, may be left out.
 std::size_t asciiRun(const char* text, std::size_t length)
 {
     const auto isAscii = [&](std::size_t begin, auto eights) {

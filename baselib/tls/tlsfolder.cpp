@@ -64,8 +64,8 @@ bool isOfThisUser(const struct stat& status)
     return status.st_uid == geteuid() || status.st_uid == 0;
 }
 
-// Whether that is the folder of the credentials that a service manager passes to this process, and closed to others. There
-// an access list lets the service's user read, which looks like a right of the group.
+// Whether that is the folder of the credentials that a service manager passes to this process, and closed to others.
+// There an access list lets the service's user read, which looks like a right of the group.
 bool hasCredentials(const std::string& folder)
 {
     std::string given;

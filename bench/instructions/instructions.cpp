@@ -52,8 +52,8 @@ const std::string& keyOf(int i)
     return keys[static_cast<unsigned>(i) % keys.size()];
 }
 
-/// Dictionaries of 512 keys. Each hashes with a random seed of its own: over many, the cost of collisions is the same in
-/// each run.
+/// Dictionaries of 512 keys. Each hashes with a random seed of its own: over many, the cost of collisions is the same
+/// in each run.
 class Dictionaries
 {
 public:

@@ -1,5 +1,5 @@
-// Encrypted connections against a program that uses OpenSSL directly, with the same certificates of both ends: a ping (a
-// handshake, a byte there and back), and many bytes over one connection. Both ends are in this process.
+// Encrypted connections against a program that uses OpenSSL directly, with the same certificates of both ends: a ping
+// (a handshake, a byte there and back), and many bytes over one connection. Both ends are in this process.
 
 #include <atomic>
 #include <benchmark/benchmark.h>

@@ -99,7 +99,8 @@ void appendThousand(benchmark::State& state, Make make)
     }
 }
 
-/// The least: classes may override how their sequences append and grow, and the number of elements is kept in the sequence.
+/// The least: classes may override how their sequences append and grow, and the number of elements is kept in the
+/// sequence.
 class LeastSequence
 {
 public:

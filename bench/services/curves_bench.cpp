@@ -1,5 +1,5 @@
-// Costs by size, against the containers that a program would use instead: each row at every power of ten. A row's time or
-// memory is that of all its elements; curves.py divides it by their number.
+// Costs by size, against the containers that a program would use instead: each row at every power of ten. A row's time
+// or memory is that of all its elements; curves.py divides it by their number.
 
 #include <QByteArray>
 #include <benchmark/benchmark.h>

@@ -1,4 +1,5 @@
-// Serves under a name as soon as no other process of any machine does, and gives each client the answer: standby NAME ANSWER
+// Serves under a name as soon as no other process of any machine does, and gives each client the answer: standby NAME
+// ANSWER
 
 #include <chrono>
 #include <iostream>

@@ -31,8 +31,8 @@ namespace {
 constexpr double aWhile = 20;
 constexpr btkTimeval patience(20, 0);
 
-// An authority, folders of a server and of a client, and a server that tells each client what it knows about it, and then
-// sends back each integer.
+// An authority, folders of a server and of a client, and a server that tells each client what it knows about it, and
+// then sends back each integer.
 class NetTls : public testing::Test
 {
 protected:

@@ -63,6 +63,7 @@ private:
     const std::unique_ptr<Inside> inside;
 };
 
-/// Whether a request with this header Host is for a server that listens on `host`. The name must be an address, localhost
-/// or `host` itself: a web page of elsewhere whose name its owner makes lead here must not read what we serve.
+/// Whether a request with this header Host is for a server that listens on `host`. The name must be an address,
+/// localhost or `host` itself: a web page of elsewhere whose name its owner makes lead here must not read what we
+/// serve.
 bool IsOwnHost(const std::string& header, const std::string& host, bool isOnLoopback);

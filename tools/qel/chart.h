@@ -33,5 +33,6 @@ struct ChartStyle
 ChartStyle StyleOfOutput();
 /// At most `height` lines, each with its end.
 std::string DrawText(const Chart& chart, const ChartStyle& style);
-/// A picture in SVG, in the colours that the reader prefers, with a title and a description for those who do not see it.
+/// A picture in SVG, in the colours that the reader prefers, with a title and a description for those who do not see
+/// it.
 std::string DrawSvg(const Chart& chart);

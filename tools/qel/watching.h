@@ -4,8 +4,8 @@
 
 #include <qel/base/btkevent.h>
 
-// Shared by the commands that show changes until they are stopped: `ns watch`, `conf watch`, `mon watch`, `mon plot` and
-// `top`.
+// Shared by the commands that show changes until they are stopped: `ns watch`, `conf watch`, `mon watch`, `mon plot`
+// and `top`.
 
 /// Seconds since 1970-01-01 00:00 UTC, in milliseconds.
 double TimeOfDay();

@@ -100,8 +100,8 @@ public:
     /// could store that beside the file; docs/config.md has the details. Does nothing when no file is open.
     void Close();
     /// The same, and reports failures: false when a change could not be written. GetLastError() gives the
-    /// reason: ERROR_FILE_INVALID, with nothing written, when other processes have replaced or changed the file since Open
-    /// without the lock. A file deleted since Open is created again.
+    /// reason: ERROR_FILE_INVALID, with nothing written, when other processes have replaced or changed the file since
+    /// Open without the lock. A file deleted since Open is created again.
     bool CloseChecked();
     bool IsOpened() const { return lockBuffer != nullptr; }
 

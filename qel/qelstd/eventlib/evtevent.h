@@ -27,7 +27,8 @@ class QEL_API evtEvent : public btkEvent, public virtual xobject
 public:
     /// Waits until at least one event of `events` is signaled or `timeout` has passed. Returns how many are
     /// signaled, or 0; WasSignaled() of each then says whether it is one of them. Null entries are skipped.
-    /// The array must not be changed meanwhile. Costs time proportional to their number. qel::waitAny and qel::loop of <qel/qelloop.h> tell which.
+    /// The array must not be changed meanwhile. Costs time proportional to their number. qel::waitAny and qel::loop of
+    /// <qel/qelloop.h> tell which.
     static int Wait(evtEventArray* events, double timeout);
     template<qelDuration D>
     static int Wait(evtEventArray* events, const D& limit)

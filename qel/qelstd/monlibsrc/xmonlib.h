@@ -263,9 +263,9 @@ public:
         unfinished, // a record at the end is being added, or its writer was killed
         damaged
     };
-    /// Reads the whole file, in time proportional to its size. `offset`: the end of the last whole record, in bytes, where an unfinished or
-    /// damaged part begins. Changes nothing; writers refuse to add to a damaged file ("Weird parameter
-    /// type").
+    /// Reads the whole file, in time proportional to its size. `offset`: the end of the last whole record, in bytes,
+    /// where an unfinished or damaged part begins. Changes nothing; writers refuse to add to a damaged file ("Weird
+    /// parameter type").
     /// @throws qelXNativeException  "monFile has shrunk!"
     State Check(int& offset);
 

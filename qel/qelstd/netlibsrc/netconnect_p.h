@@ -16,8 +16,8 @@ class netSocketStream;
 /// answer limit.
 /// @throws netXException  as ResolvePort
 std::unique_ptr<btkStreamSocket> netConnect(netAddress* address, btkTimeval end);
-/// As netConnectSocket, which has a limit in seconds. The server must prove that it is `name`; null: as there. With `end`
-/// Forever, connecting takes as long as the operating system allows, and the rest the answer limit.
+/// As netConnectSocket, which has a limit in seconds. The server must prove that it is `name`; null: as there. With
+/// `end` Forever, connecting takes as long as the operating system allows, and the rest the answer limit.
 std::unique_ptr<btkStreamSocket> netReach(netAddress* address, btkTimeval end, const char* name = nullptr);
 /// As netServer::Connect; for `name` see netReach.
 netSocketStream* netConnectTo(netAddress* address, const char* name, double timeout);

@@ -142,8 +142,8 @@ std::unique_ptr<btkStreamSocket> netBaseServer::Loop::TakeConnection(btkTimeval 
     return nullptr;
 }
 
-// The oldest connection whose first byte, or end, the last wait has found. Continues some handshakes on the way: many at
-// once must not delay the others for long.
+// The oldest connection whose first byte, or end, the last wait has found. Continues some handshakes on the way: many
+// at once must not delay the others for long.
 std::unique_ptr<btkStreamSocket> netBaseServer::Loop::TakeSpoken()
 {
     int left = mostHandshakes;

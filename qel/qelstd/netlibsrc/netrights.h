@@ -57,7 +57,7 @@ QEL_API xrchandle<xstringsequence> SplitPatternList(xstring value);
 QEL_API bool MatchAnyPattern(xstring address, xrchandle<xstringsequence> patterns);
 /// Whether `pattern` is one for the names of certificates.
 QEL_API bool IsCertificatePattern(xstring pattern);
-/// Whether `patterns` admit a peer of that address whose certificate proves `names`; null: it has none. `isTlsRequired`:
-/// then its address is of no use where there are patterns of certificates.
+/// Whether `patterns` admit a peer of that address whose certificate proves `names`; null: it has none.
+/// `isTlsRequired`: then its address is of no use where there are patterns of certificates.
 QEL_API bool MatchAnyPattern(xstring address, xrchandle<xstringsequence> names,
                              xrchandle<xstringsequence> patterns, bool isTlsRequired);

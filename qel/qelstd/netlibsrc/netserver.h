@@ -21,9 +21,9 @@ class QEL_API netServer : public netBaseServer
     QEL_OBJECT(netServer); // "netlib::Server"
 
 public:
-    /// As netBaseServer::Create: the caller owns the server. Warns on the standard error output when a server with a name listens beyond
-    /// the loopback and has no rights, so that every machine may connect, and when the registry cannot
-    /// restrict the connections to a server of that name at all.
+    /// As netBaseServer::Create: the caller owns the server. Warns on the standard error output when a server with a
+    /// name listens beyond the loopback and has no rights, so that every machine may connect, and when the registry
+    /// cannot restrict the connections to a server of that name at all.
     static netServer* Create(const char* name, int port);
     static netServer* Create(const char* name, int port, const char* listenOn);
     template<qelTextObject S>

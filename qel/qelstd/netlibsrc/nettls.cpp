@@ -96,8 +96,8 @@ bool netIsTlsRequired(xstring serverName)
 
 namespace {
 
-// Encrypts a connection if netIsTlsConfigured and the server is on another machine, or QELSTD_TLS_LOCAL is 1; else returns
-// the same socket. Null when the server does not respond.
+// Encrypts a connection if netIsTlsConfigured and the server is on another machine, or QELSTD_TLS_LOCAL is 1; else
+// returns the same socket. Null when the server does not respond.
 std::unique_ptr<btkStreamSocket> encrypt(std::unique_ptr<btkStreamSocket> socket, netAddress* address,
                                          const char* name, btkTimeval end)
 {

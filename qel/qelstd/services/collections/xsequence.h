@@ -188,9 +188,9 @@ private:
 };
 
 /// A growable array of T with indices from 0. An element costs constant time, appending one too on average;
-/// inserting and removing costs time proportional to the elements behind. Every operation that takes an index throws qelXNegativeIndex
-/// for a negative one. An operation that would make the sequence too long throws qelXInvalidSeqIndex with the
-/// index (append: the index of the new element), before it changes anything.
+/// inserting and removing costs time proportional to the elements behind. Every operation that takes an index throws
+/// qelXNegativeIndex for a negative one. An operation that would make the sequence too long throws qelXInvalidSeqIndex
+/// with the index (append: the index of the new element), before it changes anything.
 ///
 /// An element's destructor may use the sequence: a removed element is destroyed after the operation that
 /// removed it, when the sequence is consistent again.

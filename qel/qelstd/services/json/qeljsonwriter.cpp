@@ -175,8 +175,8 @@ namespace {
 
 // ---- the objects met
 
-/// The objects met, of which one bit tells whether they occur more than once. Open addressing with linear probing: one word
-/// for each, since every object of a large graph has an entry.
+/// The objects met, of which one bit tells whether they occur more than once. Open addressing with linear probing: one
+/// word for each, since every object of a large graph has an entry.
 class Objects
 {
 public:

@@ -161,8 +161,8 @@ public:
     virtual int getNAttrs();
     /// Returns the i-th own attribute in order of declaration, or null.
     virtual xrttiattr* getAttr(int i);
-    /// Compares the names of the attributes in order. Returns the own attribute `attrName`; if there is none and `inherited` is set, that of the first
-    /// parent in order that has it; else null.
+    /// Compares the names of the attributes in order. Returns the own attribute `attrName`; if there is none and
+    /// `inherited` is set, that of the first parent in order that has it; else null.
     /// @throws qelXTypeMismatch  a searched parent is not a structure
     virtual xrttiattr* findAttr(const char* attrName, unsigned char inherited);
 
