@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
@@ -19,12 +18,9 @@
 
 #include "btkpoll_p.h"
 #include "btksocketaddress_p.h"
+#include "btksocketahead_p.h"
 
 namespace {
-
-constexpr std::size_t valueSize = 4; // of an urgent value
-constexpr std::size_t beforeMark = valueSize - 1;
-constexpr btkTimeval urgentLimit(0, 200000);
 
 // The address of a peer: as recorded when its connection was accepted, else from the kernel while it is
 // connected.
@@ -82,12 +78,6 @@ std::ptrdiff_t receiveNow(btkHandle handle, void* to, std::size_t size, bool& ma
     return btkRetry([&] { return receivePart(handle, to, size, MSG_DONTWAIT, mayBeMore); });
 }
 
-std::ptrdiff_t receiveNow(btkHandle handle, void* to, std::size_t size)
-{
-    bool mayBeMore = false;
-    return receiveNow(handle, to, size, mayBeMore);
-}
-
 class InputEvent final : public btkBaseEvent
 {
 public:
@@ -107,15 +97,6 @@ protected:
 private:
     btkStreamSocket& socket;
 };
-
-// For changes that no event reports.
-template<class Holds>
-void waitWhile(Holds holds, btkTimeval end)
-{
-    for (btkTimeval pause(0, 50); btkTimeval::Now() < end && holds();
-         pause = std::min(pause + pause, btkTimeval(0, 2000)))
-        btkPoll(nullptr, 0, pause);
-}
 
 // The kernel's data about a connection; an older kernel fills in less, and leaves the rest unchanged.
 btkFd connectTo(const btkSocketAddress& address, btkTimeval limit)
@@ -147,76 +128,6 @@ btkFd connectTo(const btkSocketAddress& address, btkTimeval limit)
 } // namespace
 
 // ---- btkStreamSocket
-
-/// Data read from the kernel but not delivered yet: ordinary bytes up to the last mark, or as far as the
-/// kernel had any, and the urgent values at the marks.
-struct btkStreamSocket::Ahead
-{
-    struct Value
-    {
-        std::array<char, valueSize> bytes;
-        std::size_t count;
-    };
-
-    std::string bytes;
-    std::size_t taken = 0;   // of bytes
-    bool isMarkNear = false; // the last three bytes may belong to the value at a mark further on
-    std::array<Value, 16> values;
-    std::size_t firstValue = 0;
-    std::size_t valueCount = 0;
-
-    std::size_t Count() const { return bytes.size() - taken; }
-    // The number of bytes that are certainly ordinary.
-    std::size_t Sure() const
-    {
-        const std::size_t unsure = isMarkNear ? beforeMark : 0;
-        return Count() > unsure ? Count() - unsure : 0;
-    }
-    std::size_t Take(char* to, std::size_t size)
-    {
-        const std::size_t count = std::min(size, Sure());
-        std::memcpy(to, bytes.data() + taken, count);
-        taken += count;
-        ForgetTaken();
-        return count;
-    }
-    // Takes the bytes before a mark, which belong to its value.
-    void TakeBack(char* to, std::size_t size)
-    {
-        const std::size_t rest = bytes.size() - size;
-        std::memcpy(to, bytes.data() + rest, size);
-        bytes.resize(rest);
-        ForgetTaken();
-    }
-    void ForgetTaken()
-    {
-        if (Count() > 0)
-            return;
-        // Releases the memory of a long way to a mark.
-        bytes = std::string();
-        taken = 0;
-    }
-    // Keeps the newest values.
-    void Push(const Value& value)
-    {
-        values[(firstValue + valueCount) % values.size()] = value;
-        if (valueCount < values.size())
-            ++valueCount;
-        else
-            firstValue = (firstValue + 1) % values.size();
-    }
-    std::size_t Pop(void* to, std::size_t size)
-    {
-        if (valueCount == 0)
-            return 0;
-        const Value& value = values[firstValue];
-        const std::size_t count = std::min(value.count, size);
-        std::memcpy(to, value.bytes.data(), count);
-        firstValue = (firstValue + 1) % values.size();
-        --valueCount;
-        return count;
-    }
-};
 
 btkStreamSocket::btkStreamSocket() = default;
 btkStreamSocket::~btkStreamSocket() = default;
@@ -346,19 +257,10 @@ std::ptrdiff_t btkStreamSocket::Transfer(btkReadiness awaited, btkTimeval end, b
     }
 }
 
-// The mark of an urgent value is lost once the next one is set.
-void btkStreamSocket::AwaitUrgentTurn() const
-{
-    const auto isQuiet = [&] { return btkCountReceived(fd.Get()) == receivedThen; };
-    if (lastUrgent > btkTimeval())
-        waitWhile(isQuiet, lastUrgent + urgentSpacing);
-    waitWhile([&] { return btkCountUnsent(fd.Get()) > 0; }, btkTimeval::Now() + urgentLimit);
-}
-
 std::size_t btkStreamSocket::Send(const void* from, std::size_t size, bool oob)
 {
     if (oob) {
-        if (size != valueSize) {
+        if (size != btkUrgentSize) {
             errno = EINVAL;
             return 0;
         }
@@ -476,87 +378,13 @@ std::ptrdiff_t btkStreamSocket::Receive(char* to, std::size_t size, Wait wait)
         const std::size_t count = static_cast<std::size_t>(got);
         if (!IsAtMark() && !isMarkKnown && (count < size || !IsUrgentPending()))
             return got;
-        const std::size_t tail = std::min(count, beforeMark);
+        const std::size_t tail = std::min(count, btkBeforeMark);
         GetAhead().bytes.assign(to + count - tail, tail);
         ahead->isMarkNear = true;
         ReadToMark();
         if (count > tail)
             return static_cast<std::ptrdiff_t>(count - tail);
     }
-}
-
-bool btkStreamSocket::IsUrgentPending() const
-{
-    return (poll(fd.Get(), btkUrgent, {}) & btkUrgent) != 0;
-}
-
-bool btkStreamSocket::IsAtMark() const
-{
-    int is = 0;
-    return ioctl(fd.Get(), SIOCATMARK, &is) == 0 && is != 0;
-}
-
-btkStreamSocket::Ahead& btkStreamSocket::GetAhead()
-{
-    if (ahead == nullptr)
-        ahead = std::make_unique<Ahead>();
-    return *ahead;
-}
-
-// Takes the urgent values that have arrived, and the data before them, from the kernel.
-void btkStreamSocket::Settle()
-{
-    while (IsUrgentPending()) {
-        GetAhead().isMarkNear = true;
-        ReadToMark();
-        if (ahead->isMarkNear)
-            return;
-    }
-}
-
-// Reads on until the mark, as far as possible without waiting.
-void btkStreamSocket::ReadToMark()
-{
-    while (ahead->isMarkNear) {
-        if (IsAtMark()) {
-            char last = 0;
-            const std::ptrdiff_t count = receiveNow(fd.Get(), &last, 1);
-            ahead->isMarkNear = count < 0 && errno == EAGAIN;
-            if (count > 0)
-                TakeMark(last);
-            return;
-        }
-        if (!IsUrgentPending()) {
-            ahead->isMarkNear = false;
-            return;
-        }
-        if (!MayReadAhead())
-            return;
-        std::string& bytes = ahead->bytes;
-        bytes.erase(0, std::exchange(ahead->taken, 0));
-        const std::size_t before = bytes.size();
-        const std::size_t piece = std::min<std::size_t>(urgentBudget - before, 65536);
-        bytes.resize(before + piece);
-        const std::ptrdiff_t count = receiveNow(fd.Get(), bytes.data() + before, piece);
-        bytes.resize(before + static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0)));
-        if (count <= 0) {
-            ahead->isMarkNear = count < 0 && errno == EAGAIN;
-            return;
-        }
-    }
-}
-
-// Makes a value of the last three bytes and the one at the mark. If a peer sends fewer urgent bytes, those
-// before its mark stay where they are.
-void btkStreamSocket::TakeMark(char last)
-{
-    Ahead::Value value = {{last}, 1};
-    if (ahead->Count() >= beforeMark) {
-        ahead->TakeBack(value.bytes.data(), beforeMark);
-        value.bytes[beforeMark] = last;
-        value.count = valueSize;
-    }
-    ahead->Push(value);
 }
 
 std::size_t btkStreamSocket::CountReadable()

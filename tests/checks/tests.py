@@ -8,7 +8,7 @@ ELSEWHERE = {
     "xstreambuf": "xinputbuf xpipebuf xstdbuf xstringbuf",
     "btkstring": "btkstrsearch btkutf",
     "btkprocess": "btkfd btksystem btkenvironment",
-    "btksocket": "btkacceptsocket btksocketaddress nethandshake",
+    "btksocket": "btkacceptsocket btksocketaddress btksocketurgent nethandshake",
     "btkevent": "btkpoll",
     "btktunnel": "btkframes",
     "nmsserver": "nmsclient",
