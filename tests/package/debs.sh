@@ -17,6 +17,22 @@ expect() # TEXT COMMAND...: the command must print the text
 quietly() { "$@" >/debs/log 2>&1 || { cat /debs/log >&2; fail "$*"; }; }
 enabled() { compgen -G "/etc/systemd/system/*.target.wants/$1" >/dev/null; }
 
+# served COMMAND PATH EXPRESSION TEXT: `qel mon COMMAND` serves /debs/run.mon, Python's expression of its reply prints the text,
+# and SIGTERM ends it.
+served()
+{
+    local server line printed
+    qel mon "$1" --listen 127.0.0.1:0 /debs/run.mon >/debs/line &
+    server=$!
+    read -r line </debs/line
+    printed=$(python3 -B -c "import urllib.request as web
+reply = web.urlopen('http://127.0.0.1:${line##* }$2', timeout=60)
+print($3)") || true
+    kill "$server"
+    wait "$server" || fail "qel mon $1 failed"
+    [[ $printed == "$4" ]] || fail "qel mon $1: printed '$printed', not '$4'"
+}
+
 # newer FILE FOLDER: the package, as the next version.
 newer()
 {
@@ -24,7 +40,7 @@ newer()
     rm -rf "$part"
     dpkg-deb -R "$1" "$part"
     version=$(dpkg-deb -f "$1" Version)
-    sed -i "s/= $version)/= $version+next)/; s/^Version: .*/Version: $version+next/" "$part/DEBIAN/control"
+    sed -i "s/= $version)/= $version+next)/g; s/^Version: .*/Version: $version+next/" "$part/DEBIAN/control"
     dpkg-deb --root-owner-group -b "$part" "$2" >/dev/null
 }
 
@@ -53,15 +69,12 @@ inside() # VERSION: runs as root of the copy; /debs has the packages, except tho
     say "the command runs"
     [[ $(qel --version) == *"$version"* ]] || fail "qel --version: $(qel --version)"
 
-    say "monitor files are served"
+    say "monitor files are served, for Prometheus and as a page"
     qel mon create /debs/run.mon
     qel mon add /debs/run.mon done int 7
     mkfifo /debs/line
-    qel mon export --listen 127.0.0.1:0 /debs/run.mon >/debs/line &
-    read -r line </debs/line
-    expect 7 python3 -B -c "import urllib.request as web; print(web.urlopen('http://127.0.0.1:${line##* }/metrics').read().split()[-1].decode())"
-    kill %%
-    wait %% || fail "qel mon export failed"
+    served export /metrics 'reply.read().split()[-1].decode()' 7
+    served serve / 'reply.status, reply.headers.get_content_type()' "200 text/html"
 
     say "certificates are made"
     quietly qel tls init /debs/authority
