@@ -8,6 +8,8 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <tuple>
+#include <type_traits>
 
 #include <qel/qelstd_c.h>
 
@@ -55,10 +57,27 @@ public:
         }
     }
 
-    void read(int& value) { value = number(); }
-    void read(unsigned char& value) { value = static_cast<unsigned char>(byte()); }
-    void read(double& value) { value = byte() == 0 ? xnullreal : number() / 4.0; }
-    void read(const char*& value) { value = text(); }
+    template<class V>
+    V read()
+    {
+        if constexpr (std::is_same_v<V, int>)
+            return number();
+        else if constexpr (std::is_same_v<V, unsigned char>)
+            return static_cast<unsigned char>(byte());
+        else if constexpr (std::is_same_v<V, double>)
+            return byte() == 0 ? xnullreal : number() / 4.0;
+        else
+            return text();
+    }
+
+    /// Does one of these, as the next byte says.
+    template<class... Ways>
+    void choose(Ways... ways)
+    {
+        const unsigned chosen = byte() % sizeof...(ways);
+        unsigned way = 0;
+        ((way++ == chosen ? ways() : void()), ...);
+    }
 
 private:
     const std::uint8_t* at;
@@ -66,21 +85,17 @@ private:
     std::string held;
 };
 
-bool isUninit(int v)
+template<class V>
+bool isUninit(V v)
 {
-    return v == xuninitint;
-}
-bool isUninit(unsigned char v)
-{
-    return v == xuninitbool;
-}
-bool isUninit(double v)
-{
-    return v == xuninitreal;
-}
-bool isUninit(const __xstring_c& v)
-{
-    return xstrgetmb_c(v) == xnullstr;
+    if constexpr (std::is_same_v<V, int>)
+        return v == xuninitint;
+    else if constexpr (std::is_same_v<V, unsigned char>)
+        return v == xuninitbool;
+    else if constexpr (std::is_same_v<V, double>)
+        return v == xuninitreal;
+    else
+        return xstrgetmb_c(v) == xnullstr;
 }
 
 template<class V>
@@ -124,90 +139,56 @@ private:
     C* const items[4];
 };
 
-#define SEQUENCE_STEP(C, In)                                                                                 \
-    void step_##C(Input& input, Pool<C>& pool)                                                               \
-    {                                                                                                        \
-        C* const s = pool.pick(input);                                                                       \
-        In value{};                                                                                          \
-        switch (input.byte() % 7) {                                                                          \
-        case 0:                                                                                              \
-            checkResult(C##_getarraysize(s));                                                                \
-            break;                                                                                           \
-        case 1:                                                                                              \
-            checkResult(C##_get(s, input.number()));                                                         \
-            break;                                                                                           \
-        case 2: {                                                                                            \
-            const int index = input.number();                                                                \
-            input.read(value);                                                                               \
-            C##_set(s, index, value);                                                                        \
-            break;                                                                                           \
-        }                                                                                                    \
-        case 3: {                                                                                            \
-            const int index = input.number();                                                                \
-            input.read(value);                                                                               \
-            C##_insert(s, index, value);                                                                     \
-            break;                                                                                           \
-        }                                                                                                    \
-        case 4: {                                                                                            \
-            /* It may double the sequence, and an empty one may be inserted at 2 GiB. */                     \
-            C* const other = pool.pick(input);                                                               \
-            const int index = input.number();                                                                \
-            if (index < 1000 && C##_getarraysize(s) < 1000 && C##_getarraysize(other) < 1000)                \
-                C##_insertseq(s, index, other);                                                              \
-            break;                                                                                           \
-        }                                                                                                    \
-        case 5: {                                                                                            \
-            const int from = input.number();                                                                 \
-            C##_removerange(s, from, input.number());                                                        \
-            break;                                                                                           \
-        }                                                                                                    \
-        default:                                                                                             \
-            require(xisobjkindof_c(pool.object(s), C##_getclassrtti_c()) == (pool.object(s) != xuninitobj)); \
-        }                                                                                                    \
+// The elements of a tuple in braces are read from the input in their order.
+#define SEQUENCE_STEP(C, In)                                                                               \
+    void step_##C(Input& input, Pool<C>& pool)                                                             \
+    {                                                                                                      \
+        C* const s = pool.pick(input);                                                                     \
+        input.choose([&] { checkResult(C##_getarraysize(s)); },                                            \
+                     [&] { checkResult(C##_get(s, input.number())); },                                     \
+                     [&] {                                                                                 \
+                         std::apply(C##_set, std::tuple{s, input.number(), input.read<In>()});             \
+                     },                                                                                    \
+                     [&] {                                                                                 \
+                         std::apply(C##_insert, std::tuple{s, input.number(), input.read<In>()});          \
+                     },                                                                                    \
+                     [&] {                                                                                 \
+                         /* It may double the sequence, and an empty one may be inserted at 2 GiB. */      \
+                         C* const other = pool.pick(input);                                                \
+                         const int index = input.number();                                                 \
+                         if (index < 1000 && C##_getarraysize(s) < 1000 && C##_getarraysize(other) < 1000) \
+                             C##_insertseq(s, index, other);                                               \
+                     },                                                                                    \
+                     [&] {                                                                                 \
+                         std::apply(C##_removerange, std::tuple{s, input.number(), input.number()});       \
+                     },                                                                                    \
+                     [&] {                                                                                 \
+                         require(xisobjkindof_c(pool.object(s), C##_getclassrtti_c()) ==                   \
+                                 (pool.object(s) != xuninitobj));                                          \
+                     });                                                                                   \
     }
 
-#define DICTIONARY_STEP(C, In, COut)                                                    \
-    void step_##C(Input& input, Pool<C>& pool)                                          \
-    {                                                                                   \
-        C* const d = pool.pick(input);                                                  \
-        In value{};                                                                     \
-        COut out{};                                                                     \
-        __xstring_c key{};                                                              \
-        const bool wanted = input.byte() % 8 != 0;                                      \
-        switch (input.byte() % 8) {                                                     \
-        case 0:                                                                         \
-            checkResult(C##_find(d, input.text(), wanted ? &out : nullptr));            \
-            giveBack(out);                                                              \
-            break;                                                                      \
-        case 1: {                                                                       \
-            const std::string name = std::string(1 + input.byte() % 3, 'a') + 'b';      \
-            input.read(value);                                                          \
-            C##_set(d, name.c_str(), value);                                            \
-            break;                                                                      \
-        }                                                                               \
-        case 2:                                                                         \
-            C##_set(d, input.text(), value);                                            \
-            break;                                                                      \
-        case 3:                                                                         \
-            checkResult(C##_getbyindex(d, input.number(), wanted ? &out : nullptr));    \
-            giveBack(out);                                                              \
-            break;                                                                      \
-        case 4:                                                                         \
-            checkResult(C##_getkeybyindex(d, input.number(), wanted ? &key : nullptr)); \
-            giveBack(key);                                                              \
-            break;                                                                      \
-        case 5: {                                                                       \
-            const int slot = input.number();                                            \
-            input.read(value);                                                          \
-            C##_setbyindex(d, slot, value);                                             \
-            break;                                                                      \
-        }                                                                               \
-        case 6:                                                                         \
-            C##_remove(d, input.text());                                                \
-            break;                                                                      \
-        default:                                                                        \
-            C##_removebyindex(d, input.number());                                       \
-        }                                                                               \
+#define DICTIONARY_STEP(C, In, COut)                                                                       \
+    void step_##C(Input& input, Pool<C>& pool)                                                             \
+    {                                                                                                      \
+        C* const d = pool.pick(input);                                                                     \
+        COut out{};                                                                                        \
+        __xstring_c key{};                                                                                 \
+        const bool wanted = input.byte() % 8 != 0;                                                         \
+        input.choose([&] { checkResult(C##_find(d, input.text(), wanted ? &out : nullptr)); },             \
+                     [&] {                                                                                 \
+                         const std::string name = std::string(1 + input.byte() % 3, 'a') + 'b';            \
+                         C##_set(d, name.c_str(), input.read<In>());                                       \
+                     },                                                                                    \
+                     [&] { C##_set(d, input.text(), std::type_identity_t<In>()); },                        \
+                     [&] { checkResult(C##_getbyindex(d, input.number(), wanted ? &out : nullptr)); },     \
+                     [&] { checkResult(C##_getkeybyindex(d, input.number(), wanted ? &key : nullptr)); },  \
+                     [&] {                                                                                 \
+                         std::apply(C##_setbyindex, std::tuple{d, input.number(), input.read<In>()});      \
+                     },                                                                                    \
+                     [&] { C##_remove(d, input.text()); }, [&] { C##_removebyindex(d, input.number()); }); \
+        giveBack(out);                                                                                     \
+        giveBack(key);                                                                                     \
     }
 
 SEQUENCE_STEP(xboolsequence, unsigned char)
@@ -223,29 +204,25 @@ DICTIONARY_STEP(xstringdictionary, const char*, __xstring_c)
 void objectStep(Input& input, xobject* p)
 {
     const bool live = p != nullptr && p != xuninitobj;
-    switch (input.byte() % 6) {
-    case 0:
-        xrcattach_c(p);
-        xrcrelease_c(p);
-        break;
-    case 1:
-        xrcattach_c(p);
-        xdelete_c(p);
-        break;
-    case 2:
-        require(xisrcobj_c(p) == live);
-        break;
-    case 3:
-        require((xgetrtti_c(p) != nullptr) == live);
-        giveBack(xgettypename_c(p));
-        break;
-    case 4:
-        require(xisobjsameas_c(p, xgetrtti_c(p)) == (p != xuninitobj));
-        require(xisobjkindof_c(p, reinterpret_cast<xrttiobject*>(xuninitobj)) == (p == nullptr));
-        break;
-    default:
-        xprint_c(p);
-    }
+    input.choose(
+        [&] {
+            xrcattach_c(p);
+            xrcrelease_c(p);
+        },
+        [&] {
+            xrcattach_c(p);
+            xdelete_c(p);
+        },
+        [&] { require(xisrcobj_c(p) == live); },
+        [&] {
+            require((xgetrtti_c(p) != nullptr) == live);
+            giveBack(xgettypename_c(p));
+        },
+        [&] {
+            require(xisobjsameas_c(p, xgetrtti_c(p)) == (p != xuninitobj));
+            require(xisobjkindof_c(p, reinterpret_cast<xrttiobject*>(xuninitobj)) == (p == nullptr));
+        },
+        [&] { xprint_c(p); });
 }
 
 void stringStep(Input& input)
@@ -313,43 +290,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     while (!input.ended()) {
         try {
-            switch (input.byte() % 12) {
-            case 0:
-                step_xboolsequence(input, bools);
-                break;
-            case 1:
-                step_xintsequence(input, ints);
-                break;
-            case 2:
-                step_xrealsequence(input, reals);
-                break;
-            case 3:
-                step_xstringsequence(input, strings);
-                break;
-            case 4:
-                step_xbooldictionary(input, boolDicts);
-                break;
-            case 5:
-                step_xintdictionary(input, intDicts);
-                break;
-            case 6:
-                step_xrealdictionary(input, realDicts);
-                break;
-            case 7:
-                step_xstringdictionary(input, stringDicts);
-                break;
-            case 8:
-                objectStep(input, Pool<xstringsequence>::object(strings.pick(input)));
-                break;
-            case 9:
-                objectStep(input, Pool<xintdictionary>::object(intDicts.pick(input)));
-                break;
-            case 10:
-                stringStep(input);
-                break;
-            default:
-                exceptionStep(input);
-            }
+            input.choose([&] { step_xboolsequence(input, bools); }, [&] { step_xintsequence(input, ints); },
+                         [&] { step_xrealsequence(input, reals); },
+                         [&] { step_xstringsequence(input, strings); },
+                         [&] { step_xbooldictionary(input, boolDicts); },
+                         [&] { step_xintdictionary(input, intDicts); },
+                         [&] { step_xrealdictionary(input, realDicts); },
+                         [&] { step_xstringdictionary(input, stringDicts); },
+                         [&] { objectStep(input, Pool<xstringsequence>::object(strings.pick(input))); },
+                         [&] { objectStep(input, Pool<xintdictionary>::object(intDicts.pick(input))); },
+                         [&] { stringStep(input); }, [&] { exceptionStep(input); });
         } catch (const std::length_error&) { // an index beyond what a sequence can hold
         }
     }
