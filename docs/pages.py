@@ -9,7 +9,7 @@ import re
 import sys
 
 root, out = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
-FIRST = ["subjects.md", "getting-started.md", "tour.md", "howto.md", "cpp.md", "json.md", "names.md", "troubleshooting.md"]
+FIRST = ["subjects.md", "getting-started.md", "tour.md", "howto.md", "qelcpp.md", "json.md", "names.md", "troubleshooting.md"]
 BESIDE = {root / "python/README.md": "python.md", root / "tools/gdb/README.md": "gdb.md"}
 pages = {path.resolve(): path.name for path in (root / "docs").glob("*.md")}
 # Doxygen takes a link for one to the file of that name in the folder where it runs, if there is one.

@@ -1,7 +1,7 @@
 #pragma once
 
 // The framework's classes with the language's own types and idioms: thin templates over the public functions,
-// in the namespace `qel`. docs/cpp.md shows their use. Paths and formatting have headers of their own, qelpath.h and
+// in the namespace `qel`. docs/qelcpp.md shows their use. Paths and formatting have headers of their own, qelpath.h and
 // qelformat.h, since they include much.
 
 #include <algorithm>

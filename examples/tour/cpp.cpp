@@ -1,4 +1,4 @@
-// The C++ interface, by example: what docs/cpp.md shows.
+// The C++ interface, by example: what docs/qelcpp.md shows.
 
 #include <algorithm>
 #include <chrono>
