@@ -26,7 +26,7 @@ ELSEWHERE = {
     "xmonlib": "monlock monparam monrecord",
     "nettls": "btktls tlsfolder tlssession",
     "netthread": "netasyncrequest",
-    "netbaseserver": "netaddress netexception netlistener",
+    "netbaseserver": "netexception netlistener",
     "pcprocess": "pcexception",
     "rshprotocol": "rshexception rshrelay rshserver",
     "qelstd_c": "qelcolls_c",

@@ -117,61 +117,6 @@ TEST(netBaseServer, NameIsRegisteredDuringItsLifetime)
     EXPECT_EQ(failureOf([&] { ResolvePort(address.get()); }), "0 Server is not registered");
 }
 
-// Each checks for the name before it registers it, and all find it free.
-TEST(netBaseServer, OnlyOneOfManyConcurrentStartsGetsTheName)
-{
-    const TestNameServer names;
-    btkOutputPipe go;
-    btkInputPipe gone;
-    ASSERT_TRUE(btkAnonymousPipe::Create(go, gone));
-    std::vector<std::unique_ptr<ChildProcess>> twins;
-    for (int i = 0; i < 12; ++i)
-        twins.push_back(std::make_unique<ChildProcess>([&] {
-            go.Reset();
-            char byte = 0;
-            btkRead(gone.Get(), &byte, 1); // until all have started
-            try {
-                const Owned<netBaseServer> server(netBaseServer::Create("twin", 0));
-                if (server == nullptr)
-                    return 2;
-                pause();
-                return 3;
-            } catch (xthrowable*) {
-                return 1;
-            }
-        }));
-    go.Reset();
-    int refused = 0;
-    for (int i = 0; i < 11; ++i) {
-        int status = 0;
-        pid_t ended = -1;
-        do
-            ended = waitpid(-1, &status, 0);
-        while (ended < 0 && errno == EINTR);
-        refused += ended > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 1;
-    }
-    EXPECT_EQ(refused, 11);
-    const nmsOwnedProxy proxy(getNameServer(nullptr));
-    EXPECT_TRUE(IsRegisteredWithNMS(proxy.get(), "twin"));
-}
-
-TEST(netBaseServer, DoesNotTakeTheNameOfAnotherServer)
-{
-    const TestNameServer names;
-    const nmsOwnedProxy proxy(getNameServer(nullptr));
-    const xrchandle<netAddress> address(netAddress::Create("counter", nullptr));
-    {
-        const Owned<netBaseServer> server(netBaseServer::Create("counter", 0));
-        const nmsOwnedRecord other(MakeServerRecord("counter")); // of this process, too
-        nmsRecAdd(other.get(), "_PortNumber", "7");
-        EXPECT_EQ(nmsOwnedError(nmsServRegister(proxy.get(), other.get())), nullptr);
-    }
-    EXPECT_EQ(ResolvePort(address.get()), 7);
-    EXPECT_TRUE(UnregisterFromNMS(proxy.get(), "counter"));
-    address->setPortN(0);
-    EXPECT_EQ(failureOf([&] { ResolvePort(address.get()); }), "0 Server is not registered");
-}
-
 TEST(netBaseServer, NeedsANameServerForItsNameOnly)
 {
     const int port = [] {

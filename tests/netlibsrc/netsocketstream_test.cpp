@@ -7,8 +7,6 @@
 #include <thread>
 #include <vector>
 
-#include <qel/base/nmsclient.h>
-#include <qel/syslib.h>
 #include <qel/xiolib.h>
 #include <qel/xnetlib.h>
 #include <qel/xrtti.h>
@@ -16,7 +14,6 @@
 #include "failure.h"
 #include "support/addresses.h"
 #include "support/interrupt.h"
-#include "support/nameserver.h"
 #include "support/streampair.h"
 
 namespace {
@@ -25,90 +22,7 @@ const InterruptedInLongRuns& interrupted = InterruptedInLongRuns::Add();
 
 using Event = std::unique_ptr<ioEvent, qelDelete>;
 
-class NameService : public testing::Test
-{
-protected:
-    // Registers a record with these fields; a null port leaves it out.
-    void add(const char* name, const char* port)
-    {
-        capi_nmsServerProxy* proxy = nmsServConnectLocal();
-        capi_nmsRecord* record = MakeServerRecord(xstring(name));
-        nmsRecAdd(record, "n", std::to_string(++added).c_str());
-        if (port != nullptr)
-            nmsRecAdd(record, "_PortNumber", port);
-        EXPECT_EQ(nmsServRegister(proxy, record), nullptr);
-        nmsRecDelete(&record);
-        nmsServDelete(&proxy);
-    }
-    static std::string resolve(const char* name, int* port = nullptr)
-    {
-        const xrchandle<netAddress> address(netAddress::Create(name, nullptr));
-        return failureOf([&] {
-            const int found = ResolvePort(address.get());
-            EXPECT_EQ(found, address->getPortN());
-            if (port != nullptr)
-                *port = found;
-        });
-    }
-
-    const TestNameServer server;
-    int added = 0;
-};
-
 } // namespace
-
-TEST(netAddress, HoldsHostPortAndServerName)
-{
-    const xrchandle<netAddress> here(netAddress::Create(4000, xnullstr));
-    EXPECT_TRUE(here->getHostName() == sysGetCurHostName());
-    EXPECT_EQ(here->getPortN(), 4000);
-    EXPECT_TRUE(here->getServerName() == nullptr);
-
-    const xrchandle<netAddress> named(netAddress::Create("name", nullptr));
-    EXPECT_TRUE(named->getHostName() == nullptr);
-    EXPECT_EQ(named->getPortN(), 0);
-    EXPECT_TRUE(named->getServerName() == "name");
-    auto* const type = xrttistruct::cast(named->getRtti());
-    EXPECT_TRUE(type->findAttr("HostName", 1)->getValue(named.get()).isNull());
-    EXPECT_TRUE(type->findAttr("PortN", 1)->getValue(named.get()) == 0);
-    EXPECT_TRUE(type->findAttr("ServerName", 1)->getValue(named.get()) == "name");
-    EXPECT_EQ(failureOf([] { ResolvePort(nullptr); }), "1 Address is nil!");
-}
-
-TEST_F(NameService, TheFirstRecordWithAPortDecides)
-{
-    add("many", nullptr);
-    add("many", "7002");
-    add("many", "7003");
-    int port = 0;
-    EXPECT_EQ(resolve("many", &port), "");
-    EXPECT_EQ(port, 7002);
-
-    for (const char* const useless : {"0", "-5", "abc", "65536", "4294974297"}) {
-        add(useless, useless);
-        EXPECT_EQ(resolve(useless), "0 Server is not registered");
-    }
-}
-
-TEST(NameServiceGone, IsReportedUnlessThePortIsGiven)
-{
-    btkAcceptSocket door;
-    ASSERT_TRUE(door.Listen(0, "127.0.0.1"));
-    setenv("VRXNMSPORT", std::to_string(door.GetPortN()).c_str(), 1);
-    const int port = door.GetPortN();
-    door.Close();
-    const xrchandle<netAddress> known(netAddress::Create(port, nullptr));
-    const xrchandle<netAddress> named(netAddress::Create("name", nullptr));
-
-    EXPECT_EQ(ResolvePort(known.get()), port);
-    EXPECT_EQ(failureOf([&] { ResolvePort(named.get()); }), "0 Name Server is not found");
-    const xrchandle<netAddress> remote(netAddress::Create("name", "127.0.0.1"));
-    EXPECT_EQ(describeThrown([&] { ResolvePort(remote.get()); },
-                             [](xthrowable* thrown) { return std::string(qelTextOf(thrown)); }),
-              "Name Server is not found (server name, host 127.0.0.1)");
-    EXPECT_EQ(netBaseServer::Connect(known.get(), 5.0), nullptr);
-    unsetenv("VRXNMSPORT");
-}
 
 TEST(netSocketStream, TransfersUrgentIntegersBesideTheStream)
 {

@@ -2,6 +2,7 @@
 #include <vector>
 
 #include <qel/qelrtti.h>
+#include <qel/xrtti.h>
 
 namespace {
 
@@ -15,6 +16,44 @@ xrttistruct* makeStruct(const char* name)
 }
 
 } // namespace
+
+// These two see the types of the library only: the tests below add others.
+
+TEST(Registry, ReturnsNamesUsedInCode)
+{
+    EXPECT_TRUE(qelRttiCppName(qelRttiGetFromMap("filelib::NodeInfo")) == "fsNodeInfo");
+    EXPECT_TRUE(qelRttiCppName(qelRttiGetFromMap("filelib::OpMode")) == "fsOpMode");
+    EXPECT_TRUE(qelRttiCppName(qelGetRtti_int()) == nullptr);
+    EXPECT_TRUE(qelRttiCppName(nullptr) == nullptr);
+    qelRttiForEach(
+        [](xrtti* type, void*) {
+            const bool isBuiltin = type == qelGetRtti_object() || qelSoftcast<xrttibasic>(type) != nullptr;
+            EXPECT_EQ(qelRttiCppName(type) == nullptr, isBuiltin) << type->getName().CastToCString();
+        },
+        nullptr);
+}
+
+TEST(Registry, CreatesObjectsByClassName)
+{
+    int made = 0;
+    qelRttiForEach(
+        [](xrtti* type, void* count) {
+            const xrcunihandle<xobject> object(qelRttiCreate(type->getName().CastToCString()));
+            if (object.get() == nullptr)
+                return;
+            ++*static_cast<int*>(count);
+            EXPECT_EQ(object->getRtti(), type) << type->getName().CastToCString();
+            if (!object->isRefCountable())
+                xdelete(object.get());
+        },
+        &made);
+
+    EXPECT_GT(made, 20);
+    EXPECT_EQ(qelRttiCreate("filelib::OpMode"), nullptr);
+    EXPECT_EQ(qelRttiCreate("int"), nullptr);
+    EXPECT_EQ(qelRttiCreate("no::Such"), nullptr);
+    EXPECT_EQ(qelRttiCreate(nullptr), nullptr);
+}
 
 TEST(Registry, ReturnsTheLastDescriptorOfAName)
 {
