@@ -563,8 +563,8 @@ void nmsServer::LoadState()
 {
     stateFolder = openFolderOf(options.stateFile);
     if (!stateFolder) {
-        std::fprintf(stderr, "name server: the records will not outlive it: %s: %s\n",
-                     options.stateFile.c_str(), std::strerror(errno));
+        std::fprintf(stderr, "name server: cannot keep the records in %s: %s\n", options.stateFile.c_str(),
+                     std::strerror(errno));
         return;
     }
     const btkFd file = btkOpenFile(options.stateFile.c_str(), btkOpenRead);
@@ -579,8 +579,8 @@ void nmsServer::LoadState()
             break;
     }
     if (file && !table.Restore(saved))
-        std::fprintf(stderr, "name server: %s is damaged: %zu records were found in it\n",
-                     options.stateFile.c_str(), table.GetSize());
+        std::fprintf(stderr, "name server: %s is damaged: restored %zu records\n", options.stateFile.c_str(),
+                     table.GetSize());
     savedVersion = table.GetVersion();
 }
 
@@ -601,7 +601,7 @@ void nmsServer::SaveState()
         errno = ENOMEM;
     }
     if (!isStateReported)
-        std::fprintf(stderr, "name server: %s cannot be written: %s\n", options.stateFile.c_str(),
+        std::fprintf(stderr, "name server: cannot write %s: %s\n", options.stateFile.c_str(),
                      std::strerror(errno));
     isStateReported = true;
 }

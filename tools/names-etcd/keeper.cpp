@@ -279,7 +279,7 @@ void Keeper::HaveLease(std::uint64_t id, btkTimeval sent)
     if (isNew && !options.stateFile.empty() &&
         !(file.CreateBeside(options.stateFile.c_str()) && file.Write(text.data(), text.size()) &&
           file.TakePlace(btkReplacement::Unsynced)))
-        btkLog(btkLevel::warning, "qel-names-etcd: " + options.stateFile + " cannot be written");
+        btkLog(btkLevel::warning, "qel-names-etcd: cannot write " + options.stateFile);
     if (wasLost || !isReady || seen == 0)
         return Load();
     // The connection was lost, and nothing else.

@@ -30,10 +30,12 @@ int main(int count, char** words)
     std::string passwordFile;
     CLI::App app("Keeps the records of a name server in etcd; `qel ns serve --store` starts it.");
     app.add_option("--endpoint", store.endpoints, "An endpoint of etcd")->type_name("HOST:PORT")->required();
-    app.add_option("--host", options.host, "This machine, for the others")->type_name("HOST")->required();
+    app.add_option("--host", options.host, "Name or address of this machine for the others")
+        ->type_name("HOST")
+        ->required();
     app.add_option("--port", options.port, "Port of the name server")->type_name("PORT")->required();
-    app.add_option("--state", options.stateFile, "Keeps the lease")->type_name("FILE");
-    app.add_flag("--shared", options.areNamesShared, "Names are not exclusive");
+    app.add_option("--state", options.stateFile, "File that keeps the lease")->type_name("FILE");
+    app.add_flag("--shared", options.areNamesShared, "Let records of several processes have the same name");
     app.add_option("--ca", store.authority, "Certificate of etcd's authority; without it, plain HTTP")
         ->type_name("FILE");
     app.add_option("--cert", store.certificate, "Certificate of this client")->type_name("FILE");

@@ -428,7 +428,7 @@ constexpr AskCommand askCommands[] = {
     {"register", "Register a record with these fields", &registerRecord, AskCommand::NeedsFields},
     {"delete", "Delete the records that have these fields, and print how many", &deleteRecord,
      AskCommand::NeedsFields, true},
-    {"ping", "Succeed when the name server answers", &pingServer},
+    {"ping", "Succeed when the name server responds", &pingServer},
     {"version", "Print the name server's version", &printVersion, AskCommand::NoFields, true},
     {"status",
      "Print how full the name server is; the answer is no when it has refused records for want of room since "
@@ -456,7 +456,7 @@ void addAsk(CLI::App& group, const AskCommand& command)
     if (command.fields != AskCommand::NoFields)
         addFields(ask, *choices, command.fields == AskCommand::NeedsFields);
     if (command.ask == &registerRecord)
-        ask.add_option("--process", choices->owner, "Process that the record goes with (default: none)")
+        ask.add_option("--process", choices->owner, "Process that owns the record (default: none)")
             ->type_name("PROCESS")
             ->check(CLI::Range(2, 0x7FFFFFFF)); // 1 would be this program itself
     if (command.answers)
@@ -469,9 +469,9 @@ void addWatch(CLI::App& group)
     choices->query.seconds = 2; // a signal waits for the end of a request
     CLI::App& watch = AddCommand(
         group, "watch",
-        "Print which records come and go: + or - and = for those there at the start, then the server's name, its "
+        "Print the records that are present at the start (=), registered (+) and removed (-): the server's name, its "
         "HOST:PORT, its process and the other fields. The name service reports no changes, so the records are "
-        "queried at an interval; ! and a text when the name server cannot be reached, and when it can again",
+        "queried at an interval; ! begins a line when the name server becomes unreachable or reachable again",
         [choices] { watchNames(*choices); });
     addFields(watch, choices->query, false);
     addHost(watch, choices->query);
@@ -499,13 +499,13 @@ void AddNameServiceCommands(CLI::App& program)
 {
     CLI::App& group = AddGroup(
         program, "ns", "The name server, which knows where servers are, and its clients",
-        {{"qel ns serve --interface '*'", "Be the name server of all machines on the network."},
-         {"qel ns list", "All records: which process, and what it has said of itself."},
+        {{"qel ns serve --interface '*'", "Run the name server of all machines on the network."},
+         {"qel ns list", "All records: the process and its fields."},
          {"qel ns find files", "Where the server \"files\" is: its host and port."},
-         {"qel ns query --json _ServerName=files", "All that is known of it, for a program."},
+         {"qel ns query --json _ServerName=files", "All fields of that server, for a program."},
          {"qel ns register _ServerName=files _PortNumber=4000",
-          "Make a server known that cannot do it itself."},
-         {"qel ns wait files --timeout 10", "Go on once the server \"files\" is there."},
+          "Register a server that cannot do so itself."},
+         {"qel ns wait files --timeout 10", "Continue once the server \"files\" is registered."},
          {"qel ns watch", "Servers as they come and go, until Ctrl-C."},
          {"qel ns watch --json _Scope=all", "The same for all machines that share names, for a program."}});
     AddNameServer(group);

@@ -101,7 +101,7 @@ void checkStore(const ServeChoices& choices)
     if (choices.store.rfind(storeScheme, 0) != 0)
         Fail(Exit::usage, choices.store, "not etcd://HOST:PORT[,HOST:PORT...]");
     if (choices.port == 0)
-        Fail(Exit::usage, "--store", "needs a port that the other machines can know");
+        Fail(Exit::usage, "--store", "needs a fixed port, which other machines can know");
     const std::string& host = choices.advertised;
     const bool isText =
         host.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.:-") ==
@@ -167,17 +167,18 @@ void addStore(CLI::App& command, ServeChoices& choices)
         .add_flag("--store-plain", choices.isPlainAllowed,
                   "Allow a plain connection to a store beyond this machine")
         ->needs(store);
-    command.add_option("--max-copied", choices.options.sharing.records, "Records of other machines held")
+    command
+        .add_option("--max-copied", choices.options.sharing.records, "Limit of the records of other machines")
         ->type_name("COUNT")
         ->capture_default_str();
     command
         .add_option("--max-copied-of-machine", choices.options.sharing.recordsOfMachine,
-                    "Records of one other machine held, which also has this part of --max-copied-size")
+                    "Limit of the records of one other machine, whose part of --max-copied-size is the same")
         ->type_name("COUNT")
         ->capture_default_str();
     command
         .add_option("--max-copied-size", choices.mebibytesCopied,
-                    "Mebibytes of all records of other machines held")
+                    "Limit of the mebibytes of other machines' records")
         ->type_name("MIB")
         ->check(CLI::Range(1, 1 << 20).description(""))
         ->capture_default_str();
@@ -231,7 +232,7 @@ class RefusalLog
 public:
     void Note(const nmsServerCounts& counts)
     {
-        report(refused, counts.refused, "requests refused: not permitted, or not whole");
+        report(refused, counts.refused, "requests refused: not permitted, or incomplete");
         report(expired, counts.expired, "clients closed: no request in time");
         report(displaced, counts.displaced, "clients closed: too many waited");
     }
@@ -295,7 +296,7 @@ void serve(ServeChoices& choices)
 void AddNameServer(CLI::App& group)
 {
     const auto choices = std::make_shared<ServeChoices>();
-    CLI::App& command = AddCommand(group, "serve", "Be a name server until SIGTERM or `qel ns shutdown`",
+    CLI::App& command = AddCommand(group, "serve", "Run a name server until SIGTERM or `qel ns shutdown`",
                                    [choices] { serve(*choices); });
     command
         .add_option("--interface", choices->interface,
@@ -312,19 +313,19 @@ void AddNameServer(CLI::App& group)
         ->type_name("COUNT")
         ->check(CLI::Range(1, 10000))
         ->capture_default_str();
-    command.add_option("--max-records", choices->options.table.records, "Records held")
+    command.add_option("--max-records", choices->options.table.records, "Limit of all records")
         ->type_name("COUNT")
         ->capture_default_str();
     command
         .add_option("--max-records-of-process", choices->options.table.recordsOfOwner,
-                    "Records of one process held")
+                    "Limit of the records of one process")
         ->type_name("COUNT")
         ->capture_default_str();
     command
         .add_option(
             "--max-records-of-peer", choices->options.table.recordsOfPeer,
-            "Records of no process held that one address has registered; all of these together have a "
-            "quarter of the table")
+            "Limit of the records that one address registers for no process; all such records together "
+            "have a quarter of the table")
         ->type_name("COUNT")
         ->capture_default_str();
     command
@@ -336,14 +337,15 @@ void AddNameServer(CLI::App& group)
     command
         .add_option(
             "--state", choices->stateFolder,
-            "Where the file is that keeps the records while the server does not run, one for each port "
-            "but 0 (default: RUNTIME_DIRECTORY, or qelstd in XDG_RUNTIME_DIR; none without these)")
+            "Directory of the file that keeps the records while the server is stopped; each port but 0 has a "
+            "file (default: RUNTIME_DIRECTORY, or qelstd in XDG_RUNTIME_DIR; none without these)")
         ->type_name("DIRECTORY");
-    command.add_flag("--no-state", choices->hasNoState, "Keep no records while the server does not run");
+    command.add_flag("--no-state", choices->hasNoState,
+                     "Do not keep the records while the server is stopped");
     command.add_flag("--no-statistics", choices->hasNoStatistics,
-                     "Publish no figures for `qel top` in the run-time directory");
+                     "Do not publish figures for `qel top` in the run-time directory");
     addStore(command, *choices);
     command.add_flag("--check-config", choices->isCheckOnly,
-                     "Do not serve: check the settings, and print those that the server would have");
+                     "Check the settings and print those that the server would have, instead of serving");
     OfferJson(command);
 }

@@ -552,7 +552,7 @@ void AddRemoteShellServer(CLI::App& program)
         ->check(CLI::IsMember({"none", "program", "line"}).description(""))
         ->capture_default_str();
     serve.add_flag("--no-statistics", choices->hasNoStatistics,
-                   "Publish no figures for `qel top` in the run-time directory");
+                   "Do not publish figures for `qel top` in the run-time directory");
     serve
         .add_option(
             "--allow-user", choices->users,
@@ -573,6 +573,6 @@ void AddRemoteShellServer(CLI::App& program)
          {"--interface", "--port", "--name", "--register", "--sessions", "--allow-user", "--insecure"})
         stdio->excludes(serve.get_option(other));
     serve.add_flag("--check-config", choices->isCheckOnly,
-                   "Do not serve: check the settings, and print those that the server would have");
+                   "Check the settings and print those that the server would have, instead of serving");
     OfferJson(serve);
 }
