@@ -152,11 +152,11 @@ struct Finding
         case hmxNoColon:
             return IsBlank() ? "it is blank" : "it has no colon";
         case hmxNoKey:
-            return "no key stands before its colon";
+            return "no key before its colon";
         case hmxOverridden:
             return "line " + std::to_string(later) + " has the same key";
         case hmxBlanksInKey:
-            return "the blanks in its key go";
+            return "the blanks in its key are dropped";
         case hmxNoValue:
             return "its value becomes \"nil\"";
         case hmxNoLineEnd:
