@@ -271,25 +271,6 @@ TEST(btkStreamSocketUrgent, ValueFollowsAStreamLongerThanAnyBuffer)
     EXPECT_TRUE(got == stream);
 }
 
-TEST(btkStreamSocketUrgent, ValueAloneIsNeitherInputNorEnd)
-{
-    SocketPair pair;
-    char byte = 0;
-    send(pair.near, "abcd", true);
-
-    EXPECT_FALSE(pair.far.IsReadable(btkTimeval(0, 50000)));
-    EXPECT_EQ(pair.far.CountReadable(), 0u);
-    EXPECT_EQ(pair.far.TryRecv(&byte, 1), -1);
-    EXPECT_EQ(errno, EAGAIN);
-    EXPECT_TRUE(pair.far.HasUrgent());
-    EXPECT_EQ(urgent(pair.far), "abcd");
-
-    send(pair.near, "ef");
-    EXPECT_TRUE(pair.far.IsReadable(aWhile));
-    EXPECT_EQ(pair.far.CountReadable(), 2u);
-    EXPECT_EQ(received(pair.far, 2), "ef");
-}
-
 TEST(btkStreamSocketUrgent, ForeignUseOfUrgentDataIsHarmless)
 {
     SocketPair pair;

@@ -30,10 +30,7 @@ const InterruptedInLongRuns& interrupted = InterruptedInLongRuns::Add();
 class Client
 {
 public:
-    explicit Client(const char* host = nullptr)
-        : proxy(host == nullptr ? nmsServConnectLocal() : nmsServConnectByName(host))
-    {
-    }
+    Client() = default;
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
     ~Client() { nmsServDelete(&proxy); }
@@ -62,15 +59,6 @@ public:
         nmsRecArrDelete(&found);
         return code;
     }
-    std::string version()
-    {
-        capi_nmsRecord* answer = nmsRecCreate(0);
-        EXPECT_EQ(codeOf(nmsServVersion(proxy, answer)), 0);
-        const char* const text = nmsRecGetFieldValueByName(answer, "Version");
-        const std::string held = text == nullptr ? "" : text;
-        nmsRecDelete(&answer);
-        return held;
-    }
 
 private:
     struct Record
@@ -92,7 +80,7 @@ private:
         return code;
     }
 
-    capi_nmsServerProxy* proxy;
+    capi_nmsServerProxy* proxy = nmsServConnectLocal();
 };
 
 std::string Request(nmsRequestCode code, const std::string& rest = {})
@@ -126,37 +114,6 @@ int AsUser(uid_t user, Work work)
 }
 
 } // namespace
-
-TEST(NameServer, ServesEachRequest)
-{
-    TestNameServer server({.version = "names 1"});
-    ASSERT_TRUE(server.isListening());
-    Client client;
-    int count = -1;
-
-    EXPECT_EQ(client.ping(), 0);
-    EXPECT_EQ(client.version(), "names 1");
-    EXPECT_EQ(client.enter("_ServerName", "a", 1), 0);
-    EXPECT_EQ(client.enter("_ServerName", "a", 1), nmscExists);
-    EXPECT_EQ(client.enter("_ServerName", "b"), 0);
-    EXPECT_EQ(client.query("_ServerName", "a", count), 0);
-    EXPECT_EQ(count, 1);
-    EXPECT_EQ(client.query("_ServerName", "c", count), 0);
-    EXPECT_EQ(count, 0);
-    EXPECT_EQ(client.remove("_ServerName", "a", count), 0);
-    EXPECT_EQ(count, 1);
-    EXPECT_EQ(client.remove("_ServerName", "a", count), nmscNotFound);
-    EXPECT_EQ(count, 0);
-    EXPECT_EQ(client.enter("long", std::string(256, 'x')), nmscInternal);
-
-    Client far("127.0.0.1");
-    EXPECT_EQ(far.ping(), 0);
-    EXPECT_EQ(far.enter("_ServerName", "d", 1), nmscNotAllowed);
-    EXPECT_EQ(far.shutdown(), nmscNotAllowed);
-    EXPECT_EQ(client.shutdown(), 0);
-    server.waitForEnd();
-    EXPECT_EQ(client.ping(), nmscNoConnection);
-}
 
 TEST(NameServer, RepliesMatchTheProtocolByteByByte)
 {

@@ -219,15 +219,6 @@ TEST_F(Copying, KeepsAFileWhoseOtherNameItReplaces)
     EXPECT_FALSE(std::filesystem::equivalent(dir.path("from/file"), dir.path("to/file")));
 }
 
-TEST_F(Copying, RefusesPipesWithoutWaitingAndKeepsCopiedFiles)
-{
-    dir.makeDir("from");
-    ASSERT_EQ(mkfifo(dir.path("from/pipe"), 0600), 0);
-    EXPECT_EQ(copy("X:/from", "X:/to"), refused(9, "X:\\from\\pipe"));
-    EXPECT_EQ(copy("X:/from/pipe", "X:/other"), refused(9, "X:\\from\\pipe"));
-    EXPECT_TRUE(dir.has("to"));
-}
-
 TEST_F(Copying, KeepsTheDestinationUntilTheSourceIsOpen)
 {
     dir.write("from/file", "new");

@@ -158,38 +158,3 @@ TEST(netServerLoad, ConcurrentRequestsUseLittleMemoryAndAreJoined)
     }
     EXPECT_EQ(openDescriptors(), before);
 }
-
-TEST(netServerLoad, EndsSoonDespiteSilentClientsAndRunningRequests)
-{
-    const long before = openDescriptors();
-    {
-        Owned<netServer> server(makeServer(nullptr));
-        AsyncHandler waiting([](netSocketStream* stream, evtEvent* stop) {
-            const Owned<netSocketStream> owned(stream);
-            EXPECT_TRUE(stop->Wait(30.0));
-            return netServerContinue;
-        });
-        server->setOnAsyncRequest(&waiting);
-        const xrchandle<netAddress> address(netAddress::Create(server->getPortN(), nullptr));
-        std::thread clients([&] {
-            std::vector<btkStreamSocket> silent(120);
-            for (btkStreamSocket& one : silent)
-                EXPECT_TRUE(one.Connect(nullptr, server->getPortN(), btkTimeval(10, 0)));
-            std::vector<Owned<netSocketStream>> spawned;
-            for (int i = 0; i < 5; ++i) {
-                spawned.emplace_back(netServer::Connect(address.get(), INFINITE));
-                spawned.back()->WriteInt(1);
-                spawned.back()->Flush(1);
-            }
-            const btkTimeval start = btkTimeval::Now();
-            netServer::Shutdown(address.get());
-            char byte = 0;
-            silent.back().Recv(&byte, 1); // the end, once the server is closed
-            EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 1.0);
-        });
-        server->Run();
-        server.reset();
-        clients.join();
-    }
-    EXPECT_EQ(openDescriptors(), before);
-}

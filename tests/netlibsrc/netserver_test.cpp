@@ -110,24 +110,6 @@ TEST(netServer, RepliesToEachRequestCode)
     served.waitForEnd();
 }
 
-TEST(netServer, ServesItsClients)
-{
-    const TestNameServer names;
-    ServedInThread served(makeServer("incrementer"));
-    const xrchandle<netAddress> address(netAddress::Create("incrementer", nullptr));
-
-    EXPECT_TRUE(netServer::IsAlive(address.get()));
-    EXPECT_TRUE(netServer::GetVersion(address.get()) == "QEL netServer Version 0.99");
-    {
-        const Owned<netSocketStream> stream(netServer::Connect(address.get(), INFINITE));
-        ASSERT_NE(stream, nullptr);
-        stream->WriteInt(6);
-        EXPECT_EQ(stream->ReadInt(), 7);
-    }
-    netServer::Shutdown(address.get());
-    served.waitForEnd();
-}
-
 TEST(netServer, NamesAndHostsAreEveryKindOfText)
 {
     const TestNameServer names;

@@ -111,22 +111,6 @@ protected:
 
 } // namespace
 
-TEST_F(Registry, KeepsValuesOfBothRootsSeparate)
-{
-    const Key user(HKEY_CURRENT_USER, "Software\\VRX\\Server");
-    const Key system(HKEY_CLASSES_ROOT, "Software\\VRX\\Server");
-
-    EXPECT_EQ(set(user, "Name", "of the user"), 0);
-    EXPECT_EQ(set(system, "Name", "of all"), 0);
-    EXPECT_EQ(set(HKEY_CURRENT_USER, "", ""), 0);
-
-    EXPECT_EQ(get(user, "Name"), "of the user");
-    EXPECT_EQ(get(system, "Name"), "of all");
-    EXPECT_EQ(get(HKEY_CURRENT_USER, ""), "");
-    EXPECT_EQ(open(HKEY_CURRENT_USER, "Software\\VRX"), 0);
-    EXPECT_EQ(open(HKEY_CURRENT_USER, "Software\\None"), ERROR_FILE_NOT_FOUND);
-}
-
 TEST_F(Registry, ComparesNamesWithoutCaseAndKeepsThemAsWritten)
 {
     const Key key(HKEY_CURRENT_USER, "Software\\My Server");

@@ -101,14 +101,6 @@ TEST(rshServer, FollowsTheProtocolByteByByte)
     Send(served.pair, Int(4) + Text("too late") + Int(7));
 }
 
-TEST(rshServer, AcceptsARequestAndItsInputInOnePiece)
-{
-    const Served served;
-    Send(served.pair, Text("wc -c") + Text("") + Int(0) + Int(4) + Text(std::string(2500, 'x')) + Int(5));
-    EXPECT_EQ(Receive(served.pair, 29), Int(0) + Int(3) + Text("2500\n") + Int(6) + Int(0) + Int(7));
-    Send(served.pair, Int(7));
-}
-
 TEST(rshServer, TerminatesAndInterruptsByTagsAndUrgentValues)
 {
     for (const bool urgent : {false, true})
@@ -219,13 +211,6 @@ TEST(rshServer, WaitsForALimitedTimeOnly)
         EXPECT_TRUE(Receive(served.pair, 1 << 20, last).ends_with(last));
     }
     rshServer::setPatience(10);
-}
-
-TEST(rshServer, ReportsWhyItRejectsARequest)
-{
-    StreamPair pair;
-    rshRequest::Refuse(pair.far.get(), "too many");
-    EXPECT_EQ(Receive(pair, 20), Int(10) + Int(0) + Text("too many"));
 }
 
 TEST(rshServer, SendsOnlyOutputWrittenBeforeTheCommandExited)
