@@ -1,8 +1,6 @@
 // Drives the C interface with arbitrary calls: the input names functions and arguments one after the other.
 // Objects, collections, texts and out arguments are also markers, wherever the interface permits them.
 
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <iostream>
 #include <new>
@@ -13,13 +11,9 @@
 
 #include <qel/qelstd_c.h>
 
-namespace {
+#include "target.h"
 
-void require(bool holds)
-{
-    if (!holds)
-        __builtin_trap();
-}
+namespace {
 
 /// The input, read from the front; zeros after its end.
 class Input

@@ -1,23 +1,11 @@
 // Arbitrary command lines. The words of a line can be joined to an equivalent line, and a refused line has no
 // words.
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include <qel/base/btkcmdline.h>
 
-namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
-
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+#include "target.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {

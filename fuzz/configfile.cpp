@@ -1,9 +1,7 @@
 // Reading and writing back configuration files of any content, against the simplest interpretation of their
 // lines.
 #include <algorithm>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -12,15 +10,11 @@
 
 #include <qel/hmxconfigfile.h>
 
+#include "target.h"
+
 namespace {
 
 using Entries = std::map<std::string, std::string>; // an empty value is null
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 Entries entriesOf(std::string text)
 {

@@ -1,13 +1,11 @@
 // Arbitrary bytes from the other end of a tunnel, in pieces whose sizes the last byte decides, and partly dropped: no
 // more is held than was granted, and no credit beyond the window counts.
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <string_view>
 
 #include <qel/base/btkframes.h>
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+#include "target.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
@@ -22,12 +20,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const bool wasValid = isValid;
         isValid = reader.Take(rest.substr(0, piece));
         rest.remove_prefix(std::min(piece, rest.size()));
-        if ((isValid && !wasValid) || reader.GetData().size() > btkFrameWindow ||
-            reader.GetCredit() > btkFrameWindow)
-            std::abort();
+        require((!isValid || wasValid) && reader.GetData().size() <= btkFrameWindow &&
+                reader.GetCredit() <= btkFrameWindow);
         reader.Drop(reader.GetData().size() / 2);
-        if (reader.TakeGrant(piece) > btkFrameWindow)
-            std::abort();
+        require(reader.TakeGrant(piece) <= btkFrameWindow);
         if (piece % 2 == 0)
             reader.TakeUrgent();
     }

@@ -1,8 +1,6 @@
 // Arbitrary bytes sent by a client to a versioned server, which answers according to the first byte and
 // serves the next client; and sent as a server's answer, after which each call of a client ends as
 // documented.
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -12,6 +10,7 @@
 #include <qel/netserver.h>
 
 #include "support/testserver.h"
+#include "target.h"
 
 namespace {
 
@@ -33,8 +32,7 @@ netServerLoopAction readAll(netSocketStream* accepted)
 std::string answerTo(int port, const std::string& bytes)
 {
     btkStreamSocket socket;
-    if (!socket.Connect(nullptr, port, limit))
-        std::abort();
+    require(socket.Connect(nullptr, port, limit));
     socket.SetRecvLimit(limit);
     socket.Send(bytes.data(), bytes.size());
     socket.ShutdownOutput();
@@ -56,10 +54,8 @@ void askServer(const std::string& bytes)
     const std::string answer = answerTo(served.getPort(), bytes);
     const std::string whole = bytes[0] == 0 || bytes[0] == 1 ? "\1" : bytes[0] == 2 ? version : "";
     // A server that closes with bytes unread resets the connection, which may overtake what it sent.
-    if (answer.size() > whole.size() || whole.compare(0, answer.size(), answer) != 0)
-        std::abort();
-    if (answerTo(served.getPort(), "\2") != version)
-        std::abort();
+    require(answer.size() <= whole.size() && whole.compare(0, answer.size(), answer) == 0);
+    require(answerTo(served.getPort(), "\2") == version);
 }
 
 // The bytes are the answer; `expected` is the result that the call must return for them.
@@ -67,16 +63,13 @@ template<typename Call>
 void askAs(const std::string& bytes, Call call)
 {
     static btkAcceptSocket door;
-    if (!door.IsOpen() && !door.Listen(0, "127.0.0.1"))
-        std::abort();
+    require(door.IsOpen() || door.Listen(0, "127.0.0.1"));
     std::thread server([&] {
         btkStreamSocket client;
-        if (door.Wait(limit, 1) != 1 || !door.Accept(&client))
-            std::abort();
+        require(door.Wait(limit, 1) == 1 && door.Accept(&client));
         client.SetRecvLimit(limit);
         char code = 0;
-        if (client.RecvAll(&code, 1) != 1)
-            std::abort();
+        require(client.RecvAll(&code, 1) == 1);
         client.Send(bytes.data(), bytes.size());
     });
     const xrchandle<netAddress> address(netAddress::Create(door.GetPortN(), nullptr));
@@ -88,8 +81,7 @@ void askAs(const std::string& bytes, Call call)
         isRefused = netXException::softcast(thrown) != nullptr &&
                     netXException::softcast(thrown)->getError() == netConnectionRefused;
         xdelete(thrown);
-        if (!isRefused || isAdmitted)
-            std::abort();
+        require(isRefused && !isAdmitted);
     }
     server.join();
 }
@@ -97,26 +89,21 @@ void askAs(const std::string& bytes, Call call)
 void answerClients(const std::string& bytes)
 {
     askAs(bytes, [&](netAddress* address, bool isAdmitted) {
-        if (static_cast<bool>(netServer::IsAlive(address)) != (bytes.empty() || isAdmitted))
-            std::abort();
+        require(static_cast<bool>(netServer::IsAlive(address)) == (bytes.empty() || isAdmitted));
     });
     askAs(bytes, [&](netAddress* address, bool isAdmitted) {
         const Owned<netSocketStream> stream(netServer::Connect(address, 5.0));
-        if ((stream != nullptr) != isAdmitted)
-            std::abort();
+        require((stream != nullptr) == isAdmitted);
     });
     askAs(bytes, [&](netAddress* address, bool) {
         const xstring text = netServer::GetVersion(address);
         const std::size_t most = bytes.size() > 2 ? bytes.size() - 2 : 0;
-        if (std::strlen(text.CastToCString()) > most)
-            std::abort();
+        require(std::strlen(text.CastToCString()) <= most);
     });
     askAs(bytes, [&](netAddress* address, bool) { netServer::Shutdown(address); });
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {

@@ -1,7 +1,5 @@
 // JSON texts: a text that is read is written, read again and written as the same; a stream in small pieces
 // gives what the text in memory gives; a refused text is reported as such.
-#include <cstdint>
-#include <cstdlib>
 #include <sstream>
 #include <streambuf>
 #include <string>
@@ -10,6 +8,8 @@
 #include <qel/qeljson.h>
 #include <qel/qeltable.h>
 #include <qel/xsequence.h>
+
+#include "target.h"
 
 namespace {
 
@@ -30,12 +30,6 @@ constinit qelClass Node::rtti = {
               QEL_ATTR(Marks, qelOptional)},
     .rebuild = &qelRebuildOf<self>,
 };
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 class Pieces : public std::streambuf
 {

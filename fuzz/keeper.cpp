@@ -9,8 +9,6 @@
 // for texts of the last transaction: k, v: the key and the value of its record; c, d: of its claim.
 #include "../tools/names-etcd/keeper.h"
 
-#include <cstdint>
-#include <cstdlib>
 #include <deque>
 #include <memory>
 #include <optional>
@@ -23,17 +21,13 @@
 #include <qel/base/btksystem.h>
 #include <qel/base/nmsshared.h>
 
+#include "target.h"
+
 namespace {
 
 // As many transactions and readings as the keeper has on their way, the renewal of its lease, and what an attempt to
 // connect needs.
 constexpr std::size_t mostRequests = 56;
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 bool isReadable(int handle)
 {
@@ -214,8 +208,6 @@ bool Etcd::Work(btkTimeval, btkHandle other, bool)
     script->proceed();
     return isReadable(other);
 }
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {

@@ -1,8 +1,6 @@
 // Arbitrary files opened as monitor files while they grow, read, written and appended to. Whatever the file,
 // parameters that were found stay usable, written values are read back, and other openings find added
 // parameters.
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <sys/mman.h>
 #include <vector>
@@ -13,15 +11,11 @@
 #include <qel/xiolib.h>
 #include <qel/xmonlib.h>
 
+#include "target.h"
+
 namespace {
 
 using Monitor = qel::owned<monFile>;
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 // Whether `work` ends without one of the failures that bad files cause.
 template<class Work>
@@ -135,8 +129,6 @@ void drive(const NamelessFile& file, const std::uint8_t* data, std::size_t size)
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {

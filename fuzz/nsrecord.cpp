@@ -1,10 +1,10 @@
 // Arbitrary bytes received as a record: it is within its limits or refused, and a received record can be sent
 // again unchanged.
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 
 #include <qel/base/nmswire.h>
+
+#include "target.h"
 
 namespace {
 
@@ -13,8 +13,7 @@ nmsRecordReader readRecord(const std::string& bytes)
     nmsRecordReader reader;
     std::size_t at = 0;
     while (const std::size_t wanted = reader.GetWanted()) {
-        if (wanted > nmsRecordReader::maxPiece)
-            std::abort();
+        require(wanted <= nmsRecordReader::maxPiece);
         if (bytes.size() - at < wanted || !reader.Take(bytes.data() + at))
             break;
         at += wanted;
@@ -24,8 +23,6 @@ nmsRecordReader readRecord(const std::string& bytes)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     const nmsRecordReader first = readRecord(std::string(reinterpret_cast<const char*>(data), size));
@@ -34,8 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (first.record.fields.size() > 256 || !first.IsWhole() || !nmsPutRecord(bytes, first.record))
         return 0;
     const nmsRecordReader second = readRecord(bytes);
-    if (!second.IsWhole() || second.record.owner != first.record.owner ||
-        second.record.fields != first.record.fields)
-        std::abort();
+    require(second.IsWhole() && second.record.owner == first.record.owner &&
+            second.record.fields == first.record.fields);
     return 0;
 }

@@ -1,12 +1,12 @@
 // Arbitrary bytes as a name server's answer: each request ends, with no more records than the bytes can
 // contain.
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <qel/base/nmsclient.h>
+
+#include "target.h"
 
 namespace {
 
@@ -15,8 +15,7 @@ void answer(btkAcceptSocket& door, const std::string& bytes)
 {
     btkStreamSocket client;
     const btkTimeval limit(5, 0);
-    if (door.Wait(limit, 1) != 1 || !door.Accept(&client))
-        std::abort();
+    require(door.Wait(limit, 1) == 1 && door.Accept(&client));
     client.SetRecvLimit(limit);
     char request[nmsFrameSize];
     client.RecvAll(request, sizeof request);
@@ -25,13 +24,10 @@ void answer(btkAcceptSocket& door, const std::string& bytes)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     static btkAcceptSocket door;
-    if (!door.IsOpen() && !door.Listen(0, "127.0.0.1"))
-        std::abort();
+    require(door.IsOpen() || door.Listen(0, "127.0.0.1"));
     const std::string bytes(reinterpret_cast<const char*>(data), size);
     std::thread server([&] { answer(door, bytes); });
 
@@ -42,7 +38,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         exchange.ReadRecords(records);
     server.join();
     constexpr std::size_t smallest = 2 * nmsIntSize; // a record without fields
-    if (status != (size == 0 ? nmsExchange::noAnswer : data[0]) || records.size() > size / smallest)
-        std::abort();
+    require(status == (size == 0 ? nmsExchange::noAnswer : data[0]) && records.size() <= size / smallest);
     return 0;
 }

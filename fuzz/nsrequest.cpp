@@ -1,13 +1,12 @@
 // Arbitrary bytes sent to a name server, in two parts: it answers with a status, or closes the connection
 // because the request stays incomplete, and continues to answer others.
 #include <cerrno>
-#include <cstdint>
-#include <cstdlib>
 #include <memory>
 
 #include <qel/base/nmsclient.h>
 
 #include "support/nameserver.h"
+#include "target.h"
 
 namespace {
 
@@ -19,8 +18,6 @@ bool asksForTheEnd(const std::uint8_t* data, std::size_t size)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     static std::unique_ptr<TestNameServer> serving; // an input may stop it
@@ -28,13 +25,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     if (serving == nullptr)
         serving = std::make_unique<TestNameServer>(nmsServerOptions{.table = {.bytes = 1 << 16}});
-    if (!serving->isListening())
-        std::abort();
+    require(serving->isListening());
 
     btkStreamSocket socket;
     const btkTimeval limit(5, 0);
-    if (!socket.Connect("127.0.0.1", serving->getPort(), limit))
-        std::abort();
+    require(socket.Connect("127.0.0.1", serving->getPort(), limit));
     socket.SetRecvLimit(limit);
     const std::size_t first = 1 + data[size - 1] % size;
     socket.Send(data, first);
@@ -44,15 +39,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::ptrdiff_t count = 0;
     while ((count = socket.Recv(answer, sizeof answer)) > 0) {
     }
-    if (count < 0 && errno == ETIMEDOUT)
-        std::abort();
+    require(count >= 0 || errno != ETIMEDOUT);
 
     if (asksForTheEnd(data, size)) {
         serving.reset();
         return 0;
     }
     nmsExchange other;
-    if (other.Ask("127.0.0.1", serving->getPort(), nmsRequestCode::ping) != nmscDone)
-        std::abort();
+    require(other.Ask("127.0.0.1", serving->getPort(), nmsRequestCode::ping) == nmscDone);
     return 0;
 }

@@ -1,7 +1,5 @@
 // Path arithmetic, and the conversion of paths and names to those of the operating system. The input is split
 // at its first line feed into two paths.
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -9,15 +7,11 @@
 #include <qel/fsexception.h>
 #include <qel/fspath.h>
 
+#include "target.h"
+
 namespace {
 
 constexpr std::size_t longest = 259;
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 /// The result of `operation`; null also when it refuses, which it may do with one exception class only.
 template<typename Operation>

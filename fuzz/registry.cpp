@@ -1,7 +1,5 @@
 // Registry names of any content stay inside the store, each maps to a distinct file, and a value's file of
 // any content is read or refused. The input is split at its first line feed into a name and the content.
-#include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -10,15 +8,11 @@
 #include <qel/platform/registry.h>
 #include <qel/platform/registryname.h>
 
+#include "target.h"
+
 namespace {
 
 constexpr std::size_t longestFileName = 255;
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 /// A store of this process.
 const struct OwnStore

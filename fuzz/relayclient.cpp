@@ -1,7 +1,5 @@
 // Arbitrary bytes from the server to the client of a remote command, after its start or from the reply on:
 // the client ends, and has stored no more than it was sent.
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
 #include <qel/rshprocess.h>
@@ -9,6 +7,7 @@
 
 #include "support/descriptors.h"
 #include "support/streampair.h"
+#include "target.h"
 
 namespace {
 
@@ -22,15 +21,11 @@ void run(StreamPair& pair, std::size_t sent)
     if (process == nullptr)
         return;
     const Owned<rshEvent> end(process->ExitEvent());
-    if (end->evtEvent::Wait(5.0) != 1)
-        std::abort();
-    if (std::strlen(out->getStr().CastToCString()) + std::strlen(err->getStr().CastToCString()) > sent)
-        std::abort();
+    require(end->evtEvent::Wait(5.0) == 1);
+    require(std::strlen(out->getStr().CastToCString()) + std::strlen(err->getStr().CastToCString()) <= sent);
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
@@ -50,7 +45,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             xdelete(thrown);
         }
     }
-    if (openDescriptors() != before)
-        std::abort();
+    require(openDescriptors() == before);
     return 0;
 }

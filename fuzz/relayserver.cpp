@@ -1,15 +1,12 @@
 // Arbitrary messages to the server of a remote command, which is always `cat`: it stops the command, ends,
 // and leaves no process or descriptor behind.
-#include <cstdint>
-#include <cstdlib>
 #include <thread>
 
 #include <qel/rshserver.h>
 
 #include "support/programs.h"
 #include "support/streampair.h"
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+#include "target.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
@@ -19,8 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     {
         StreamPair pair;
         std::thread serving([&] {
-            if (rshServer::Execute(pair.far.get(), nullptr, nullptr) == 0)
-                std::abort();
+            require(rshServer::Execute(pair.far.get(), nullptr, nullptr) != 0);
             pair.far->Close();
         });
         pair.near->WriteString("cat");
@@ -36,7 +32,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         pair.near->Close();
         serving.join();
     }
-    if (openDescriptors() != before || !hasNoChildren())
-        std::abort();
+    require(openDescriptors() == before && hasNoChildren());
     return 0;
 }

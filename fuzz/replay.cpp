@@ -1,14 +1,12 @@
 // Stands in for the fuzzing engine: runs the target once with the empty input and once with each file of the
 // folders named on the command line.
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+#include "target.h"
 
 namespace {
 

@@ -1,7 +1,5 @@
 // Arbitrary bytes read as a sequence of values in each form, from memory and, part by part, through a pipe.
 // Both return the same; no try consumes anything; a value that was read can be written and read again.
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -9,13 +7,9 @@
 #include <qel/qelown.h>
 #include <qel/xiolib.h>
 
-namespace {
+#include "target.h"
 
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
+namespace {
 
 enum Kind { byteKind, intKind, boolKind, realKind, stringKind, kinds };
 
@@ -148,8 +142,6 @@ void readAll(const std::uint8_t* data, std::size_t size)
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {

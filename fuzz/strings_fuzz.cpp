@@ -1,7 +1,5 @@
 // Strings against the simplest implementation of each operation. The input is split at zeros into a text and
 // two arguments; as UTF-16 it is used unchanged, including unpaired surrogates.
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -10,13 +8,9 @@
 #include <qel/qelexception.h>
 #include <qel/xstring.h>
 
-namespace {
+#include "target.h"
 
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
+namespace {
 
 /// The characters of a text, each with its bytes.
 std::vector<std::string> charactersOf(const std::string& text)

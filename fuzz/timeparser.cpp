@@ -1,20 +1,10 @@
 // The parsing of times: only the documented characters are accepted, a refused text changes nothing, and a
 // parsed time is written and parsed again as the same.
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 
 #include <qel/tmtime.h>
 
-namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
-
-} // namespace
+#include "target.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {

@@ -1,8 +1,6 @@
 // Arbitrary bytes to a versioned server that takes encrypted connections: as a client's first bytes, which may begin a
 // handshake; and as what a client with a good certificate sends afterwards, as frames. The server serves the next
 // client.
-#include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -13,6 +11,7 @@
 #include "support/certificates.h"
 #include "support/environment.h"
 #include "support/testserver.h"
+#include "target.h"
 
 namespace {
 
@@ -47,8 +46,7 @@ struct Place
         netServer* const server = netServer::Create(nullptr, 0, "127.0.0.1");
         server->setOnRequest(&handler);
         served = std::make_unique<ServedInThread<netServer>>(server);
-        if (!netServer::IsAlive(served->address().get()))
-            std::abort();
+        require(netServer::IsAlive(served->address().get()));
     }
 };
 
@@ -61,8 +59,7 @@ Place& place()
 std::unique_ptr<btkStreamSocket> connected()
 {
     auto socket = std::make_unique<btkStreamSocket>();
-    if (!socket->Connect("127.0.0.1", place().served->getPort(), limit))
-        std::abort();
+    require(socket->Connect("127.0.0.1", place().served->getPort(), limit));
     socket->SetRecvLimit(limit);
     socket->SetSendLimit(limit);
     return socket;
@@ -108,8 +105,6 @@ void sendFrames(const std::string& bytes)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     if (size < 2 || size > 4096)
@@ -131,7 +126,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             return 0;
         sendFrames(frames + bytes);
     }
-    if (!netServer::IsAlive(place().served->address().get()))
-        std::abort();
+    require(netServer::IsAlive(place().served->address().get()));
     return 0;
 }
