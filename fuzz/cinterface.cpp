@@ -15,14 +15,10 @@
 
 namespace {
 
-/// The input, read from the front; zeros after its end.
-class Input
+class Arguments : public Input
 {
 public:
-    Input(const std::uint8_t* data, std::size_t size) : at(data), end(data + size) {}
-
-    bool ended() const { return at == end; }
-    unsigned byte() { return ended() ? 0 : *at++; }
+    using Input::Input;
 
     /// Small numbers, and numbers with a special meaning in some function.
     int number()
@@ -64,18 +60,7 @@ public:
             return text();
     }
 
-    /// Does one of these, as the next byte says.
-    template<class... Ways>
-    void choose(Ways... ways)
-    {
-        const unsigned chosen = byte() % sizeof...(ways);
-        unsigned way = 0;
-        ((way++ == chosen ? ways() : void()), ...);
-    }
-
 private:
-    const std::uint8_t* at;
-    const std::uint8_t* const end;
     std::string held;
 };
 
@@ -126,7 +111,7 @@ public:
     Pool(const Pool&) = delete;
     Pool& operator=(const Pool&) = delete;
 
-    C* pick(Input& input) { return items[input.byte() % 4]; }
+    C* pick(Arguments& input) { return items[input.byte() % 4]; }
     static xobject* object(C* item) { return reinterpret_cast<xobject*>(item); }
 
 private:
@@ -135,7 +120,7 @@ private:
 
 // The elements of a tuple in braces are read from the input in their order.
 #define SEQUENCE_STEP(C, In)                                                                               \
-    void step_##C(Input& input, Pool<C>& pool)                                                             \
+    void step_##C(Arguments& input, Pool<C>& pool)                                                         \
     {                                                                                                      \
         C* const s = pool.pick(input);                                                                     \
         input.choose([&] { checkResult(C##_getarraysize(s)); },                                            \
@@ -163,7 +148,7 @@ private:
     }
 
 #define DICTIONARY_STEP(C, In, COut)                                                                       \
-    void step_##C(Input& input, Pool<C>& pool)                                                             \
+    void step_##C(Arguments& input, Pool<C>& pool)                                                         \
     {                                                                                                      \
         C* const d = pool.pick(input);                                                                     \
         COut out{};                                                                                        \
@@ -195,7 +180,7 @@ DICTIONARY_STEP(xrealdictionary, double, double)
 DICTIONARY_STEP(xstringdictionary, const char*, __xstring_c)
 
 /// The functions for objects of any class.
-void objectStep(Input& input, xobject* p)
+void objectStep(Arguments& input, xobject* p)
 {
     const bool live = p != nullptr && p != xuninitobj;
     input.choose(
@@ -219,7 +204,7 @@ void objectStep(Input& input, xobject* p)
         [&] { xprint_c(p); });
 }
 
-void stringStep(Input& input)
+void stringStep(Arguments& input)
 {
     const char* const text = input.text();
     const __xstring_c s = xstrcreate_c(text);
@@ -233,7 +218,7 @@ void stringStep(Input& input)
     xstrunlock_c(s);
 }
 
-void exceptionStep(Input& input)
+void exceptionStep(Arguments& input)
 {
     switch (input.byte() % 4) {
     case 0: {
@@ -272,7 +257,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }();
     require(quiet);
 
-    Input input(data, size);
+    Arguments input(data, size);
     Pool<xboolsequence> bools(&xboolsequence_create);
     Pool<xintsequence> ints(&xintsequence_create);
     Pool<xrealsequence> reals(&xrealsequence_create);

@@ -1,9 +1,10 @@
-// Stands in for the fuzzing engine: runs the target once with the empty input and once with each file of the
-// folders named on the command line.
+// Stands in for the fuzzing engine: runs the target once with the empty input, once with each file of the folders
+// named on the command line, and with texts of random bytes, the same in every run.
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <string>
 
 #include "target.h"
@@ -37,6 +38,13 @@ int main(int argc, char** argv)
             std::fprintf(stderr, "%s: no inputs\n", argv[i]);
             return 1;
         }
+    }
+    std::mt19937 random(1);
+    for (int i = 0; i < 150; ++i) {
+        std::string input(random() % 4000, '\0');
+        for (char& c : input)
+            c = static_cast<char>(random());
+        replay(input);
     }
     return 0;
 }

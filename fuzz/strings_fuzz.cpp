@@ -1,6 +1,10 @@
 // Strings against the simplest implementation of each operation. The input is split at zeros into a text and
-// two arguments; as UTF-16 it is used unchanged, including unpaired surrogates.
+// two arguments; as UTF-16 it is used unchanged, including unpaired surrogates; as operations, it changes strings
+// that share their texts, beside models of them.
+#include <codecvt>
 #include <cstring>
+#include <locale>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -8,6 +12,7 @@
 #include <qel/qelexception.h>
 #include <qel/xstring.h>
 
+#include "support/widetext.h"
 #include "target.h"
 
 namespace {
@@ -86,6 +91,108 @@ void checkWide(std::vector<unsigned short> units)
     }
 }
 
+// ---- changes
+
+/// The model of a string: plain UTF-16, or nothing.
+using Model = std::optional<std::u16string>;
+
+std::string narrow(const std::u16string& text)
+{
+    return std::wstring_convert<std::codecvt_utf8_utf16<char16_t>, char16_t>().to_bytes(text);
+}
+
+std::u16string textOf(Input& input, unsigned most)
+{
+    static const char16_t* const pieces[] = {u"a", u"b", u"ab", u"\u00E9", u"\u20AC", u"\xD83D\xDE00"};
+    std::u16string text;
+    for (unsigned n = input.byte() % (most + 1); n > 0; --n)
+        text += pieces[input.byte() % 6];
+    return text;
+}
+
+void append(Model& model, const std::u16string& text)
+{
+    if (!text.empty())
+        model = model.value_or(u"") + text;
+}
+
+void substitute(Input& input, xstring& s, Model& model)
+{
+    const std::u16string from = textOf(input, 2), to = textOf(input, 3);
+    const int count = static_cast<int>(input.byte() % 4) - 1;
+    input.choose([&] { s.Substitute(narrow(from).c_str(), narrow(to).c_str(), 0, count); },
+                 [&] { s.Substitute(WideText(from), WideText(to), 0, count); });
+    std::size_t at = 0;
+    for (int n = 0;
+         model && !from.empty() && n != count && (at = model->find(from, at)) != std::u16string::npos; ++n) {
+        model->replace(at, from.size(), to);
+        at += to.size();
+    }
+}
+
+/// The characters of the multibyte form, each of which is one unit or a pair, from one position to another.
+void cut(Input& input, xstring& s, Model& model)
+{
+    const int from = static_cast<int>(input.byte() % 5), to = static_cast<int>(input.byte() % 30) - 1;
+    if (!model)
+        return;
+    s.CastToCString();
+    s = s.Substring(from, to);
+    std::u16string kept;
+    int index = 0;
+    for (std::size_t i = 0, units = 0; i < model->size(); i += units, ++index) {
+        units = ((*model)[i] & 0xFC00) == 0xD800 ? 2 : 1;
+        if (index >= from && (to < 0 || index < to))
+            kept += model->substr(i, units);
+    }
+    model = kept;
+}
+
+void change(Input& input, xstring& s, Model& model, const xstring& other, const Model& otherModel)
+{
+    if (model && model->size() > 10000) // by repeated substitutions
+        s = nullptr, model.reset();
+    const std::u16string text = textOf(input, 12);
+    const std::string mb = narrow(text);
+    input.choose([&] { s = mb.c_str(), model = text; }, [&] { s = WideText(text), model = text; },
+                 [&] { s = other, model = otherModel; }, [&] { s += mb.c_str(), append(model, text); },
+                 [&] { s += WideText(text), append(model, text); }, [&] { s += 'c', append(model, u"c"); },
+                 [&] { s += static_cast<unsigned short>(u'\u00E9'), append(model, u"\u00E9"); },
+                 [&] { substitute(input, s, model); }, [&] { s.CastToCString(); },
+                 [&] { s.CastToCWString(); }, [&] { cut(input, s, model); },
+                 [&] {
+                     if (input.byte() % 4 == 0)
+                         s = nullptr, model.reset();
+                 });
+}
+
+/// Compares, with or without producing a form.
+void compare(Input& input, const xstring& s, const Model& model)
+{
+    require((s == nullptr) == !model);
+    if (!model)
+        return;
+    const std::string mb = narrow(*model);
+    input.choose(
+        [&] { require(s == mb.c_str() && s.GetMBSize() == mb.size() + 1); },
+        [&] { require(s == WideText(*model)); }, [&] { require(s == xstring(mb.c_str())); },
+        [&] { require(s.Pos(WideText(u"ab")) == static_cast<int>(static_cast<long>(model->find(u"ab")))); });
+}
+
+void checkChanges(Input input)
+{
+    constexpr unsigned count = 4;
+    xstring strings[count];
+    Model models[count];
+    while (!input.ended()) {
+        const unsigned changed = input.byte() % count, other = input.byte() % count;
+        change(input, strings[changed], models[changed], strings[other], models[other]);
+        // A change of one does not affect another, whatever they share.
+        for (unsigned i = 0; i < count; ++i)
+            compare(input, strings[i], models[i]);
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -104,5 +211,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (!units.empty())
         std::memcpy(units.data(), data, units.size() * 2);
     checkWide(units);
+    checkChanges(Input(data, size));
     return 0;
 }
