@@ -17,16 +17,14 @@ namespace {
 constexpr btkTimeval limit(5, 0);
 const std::string version("\1\x1bQEL netServer Version 0.99\0", 29);
 
-netServerLoopAction readAll(netSocketStream* accepted)
+void readAll(netSocketStream& stream)
 {
-    const Owned<netSocketStream> stream(accepted);
     try {
         for (;;)
-            stream->ReadInt();
+            stream.ReadInt();
     } catch (xthrowable* end) {
         xdelete(end);
     }
-    return netServerContinue;
 }
 
 std::string answerTo(int port, const std::string& bytes)
@@ -43,10 +41,9 @@ std::string answerTo(int port, const std::string& bytes)
 
 void askServer(const std::string& bytes)
 {
-    static RequestHandler handler(&readAll);
     static ServedInThread served([] {
         netServer* const server = netServer::Create(nullptr, 0);
-        server->setOnRequest(&handler);
+        server->setOnRequest(qel::onRequest(&readAll));
         return server;
     }());
     if (bytes.empty() || bytes[0] == 3) // stops the server

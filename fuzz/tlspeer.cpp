@@ -17,18 +17,16 @@ namespace {
 
 constexpr btkTimeval limit(5, 0);
 
-netServerLoopAction readAll(netSocketStream* accepted)
+void readAll(netSocketStream& stream)
 {
-    const Owned<netSocketStream> stream(accepted);
     try {
-        stream->setITimeout(5.0);
+        stream.setITimeout(5.0);
         for (;;)
-            if (stream->ReadInt() == 7)
-                stream->ReadOutOfBand();
+            if (stream.ReadInt() == 7)
+                stream.ReadOutOfBand();
     } catch (xthrowable* end) {
         xdelete(end);
     }
-    return netServerContinue;
 }
 
 // Never freed: the server's thread uses it until the process exits.
@@ -36,7 +34,6 @@ struct Place
 {
     TempDir dir{TempDir::InMemory};
     TestAuthority authority;
-    RequestHandler handler{&readAll};
     std::unique_ptr<ServedInThread<netServer>> served;
 
     Place()
@@ -44,7 +41,7 @@ struct Place
         authority.fill(dir, "own", authority.issue());
         Putenv("QELSTD_TLS", dir.path("own"));
         netServer* const server = netServer::Create(nullptr, 0, "127.0.0.1");
-        server->setOnRequest(&handler);
+        server->setOnRequest(qel::onRequest(&readAll));
         served = std::make_unique<ServedInThread<netServer>>(server);
         require(netServer::IsAlive(served->address().get()));
     }

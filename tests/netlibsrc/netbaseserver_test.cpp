@@ -40,13 +40,13 @@ Owned<netSocketStream> connectTo(netBaseServer& server)
     return Owned<netSocketStream>(netBaseServer::Connect(address.get(), 10.0));
 }
 
-RequestHandler spawning([](netSocketStream*) { return netSpawnAsyncServer; });
+const auto spawning = qel::onRequest([](netSocketStream&) { return netSpawnAsyncServer; });
 
 // One that serves all requests by asynchronous ones, which this handler serves.
-netBaseServer* makeSpawning(AsyncHandler* handler = nullptr)
+netBaseServer* makeSpawning(netBaseServer_OnAsyncRequest_cb* handler = nullptr)
 {
     netBaseServer* const server = netBaseServer::Create(nullptr, 0);
-    server->setOnRequest(&spawning);
+    server->setOnRequest(spawning.get());
     server->setOnAsyncRequest(handler);
     return server;
 }
@@ -143,8 +143,8 @@ TEST(netBaseServer, CallsTheIdleHandlerAfterEachTimeSlice)
 {
     const Owned<netBaseServer> server = makeServer();
     int calls = 0;
-    IdleHandler idle([&] { return ++calls < 3 ? netServerContinue : netServerTerminate; });
-    server->setOnIdle(&idle);
+    const auto idle = qel::onIdle([&] { return ++calls < 3 ? netServerContinue : netServerTerminate; });
+    server->setOnIdle(idle.get());
     server->setTimeSlice(0.02);
 
     const btkTimeval start = btkTimeval::Now();
@@ -157,13 +157,12 @@ TEST(netBaseServer, CallsTheIdleHandlerAfterEachTimeSlice)
 TEST(netBaseServer, ServesUntilAHandlerStopsIt)
 {
     const Owned<netBaseServer> server = makeServer();
-    RequestHandler doubler([](netSocketStream* accepted) {
-        const Owned<netSocketStream> stream(accepted);
-        const int value = stream->ReadInt();
-        stream->WriteInt(2 * value);
+    const auto doubler = qel::onRequest([](netSocketStream& stream) {
+        const int value = stream.ReadInt();
+        stream.WriteInt(2 * value);
         return value == 0 ? netServerTerminate : netServerContinue;
     });
-    server->setOnRequest(&doubler);
+    server->setOnRequest(doubler.get());
     server->setTimeSlice(INFINITE);
 
     for (int round = 0; round < 2; ++round) { // it can be run again
@@ -184,11 +183,9 @@ TEST(netBaseServer, ServesUntilAHandlerStopsIt)
 TEST(netBaseServer, ReportsAnExceptionOfAHandlerAndLetsItLeaveTheLoop)
 {
     const Owned<netBaseServer> server = makeServer();
-    RequestHandler failing([](netSocketStream* accepted) -> netServerLoopAction {
-        const Owned<netSocketStream> stream(accepted);
-        throw std::runtime_error("no\nway");
-    });
-    server->setOnRequest(&failing);
+    const auto failing =
+        qel::onRequest([](netSocketStream&) -> netServerLoopAction { throw std::runtime_error("no\nway"); });
+    server->setOnRequest(failing.get());
     const Owned<netSocketStream> stream = connectTo(*server);
     testing::internal::CaptureStderr();
     EXPECT_THROW(server->Run(), std::runtime_error);
@@ -292,12 +289,11 @@ TEST(netBaseServer, ScreensConnectionsBeforeCreatingAStream)
     };
     const Owned<Screen> server(Screen::Create());
     int requests = 0;
-    RequestHandler counting([&](netSocketStream* accepted) {
-        const Owned<netSocketStream> stream(accepted);
+    const auto counting = qel::onRequest([&](netSocketStream&) {
         ++requests;
         return netServerNoDecision;
     });
-    server->setOnRequest(&counting);
+    server->setOnRequest(counting.get());
     std::vector<Owned<netSocketStream>> clients;
     for (int i = 0; i < 4; ++i)
         clients.push_back(connectTo(*server));
@@ -339,20 +335,19 @@ TEST(AsyncRequest, IsServedByASeparateThreadAndMayEndTheLoop)
     const long before = openDescriptors();
     {
         const std::thread::id owner = std::this_thread::get_id();
-        AsyncHandler echo([&](netSocketStream* handed, evtEvent* stop) {
-            const Owned<netSocketStream> stream(handed);
+        const auto echo = qel::onAsyncRequest([&](netSocketStream& stream, evtEvent& stop) {
             EXPECT_NE(std::this_thread::get_id(), owner);
-            EXPECT_FALSE(stop->getIsSignaled());
-            const int value = stream->ReadInt();
-            stream->WriteInt(-value);
-            stream->Flush(1);
+            EXPECT_FALSE(stop.getIsSignaled());
+            const int value = stream.ReadInt();
+            stream.WriteInt(-value);
+            stream.Flush(1);
             if (value == 3)
                 throw std::runtime_error("counts as continue");
             EXPECT_LE(openDescriptors(),
                       before + 3 + 4 * 4); // the server's three; each both ends and the pipe's two
             return value == 4 ? netServerTerminate : netServerContinue;
         });
-        const Owned<netBaseServer> server(makeSpawning(&echo));
+        const Owned<netBaseServer> server(makeSpawning(echo.get()));
 
         auto client = std::async(std::launch::async, [&] {
             // All are connected before the first is served: one after the other would do without threads.
@@ -386,16 +381,14 @@ TEST(AsyncRequest, IsStoppedAndJoinedWhenTheServerEnds)
     std::atomic<int> running = 0;
     std::atomic<int> stopped = 0;
     {
-        AsyncHandler waiting([&](netSocketStream* handed, evtEvent* stop) {
-            const Owned<netSocketStream> stream(handed);
+        const auto waiting = qel::onAsyncRequest([&](netSocketStream&, evtEvent& stop) {
             ++running;
-            EXPECT_TRUE(stop->Wait(30.0));
+            EXPECT_TRUE(stop.Wait(30.0));
             ++stopped;
-            return netServerContinue;
         });
-        IdleHandler idle([&] { return running == 5 ? netServerTerminate : netServerContinue; });
-        Owned<netBaseServer> server(makeSpawning(&waiting));
-        server->setOnIdle(&idle);
+        const auto idle = qel::onIdle([&] { return running == 5 ? netServerTerminate : netServerContinue; });
+        Owned<netBaseServer> server(makeSpawning(waiting.get()));
+        server->setOnIdle(idle.get());
         std::vector<Owned<netSocketStream>> clients;
         for (int i = 0; i < 5; ++i)
             clients.push_back(connectTo(*server));
@@ -431,10 +424,9 @@ TEST(AsyncRequest, DerivedServerStaysIntactUntilItHasEnded)
         std::atomic<int> running = 0;
         netServer* plain = nullptr;
         Counting* counting = nullptr;
-        AsyncHandler using_([&](netSocketStream* handed, evtEvent* stop) {
-            const Owned<netSocketStream> stream(handed);
+        const auto using_ = qel::onAsyncRequest([&](netSocketStream&, evtEvent& stop) {
             ++running;
-            EXPECT_TRUE(stop->Wait(30.0));
+            EXPECT_TRUE(stop.Wait(30.0));
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
             if (plain != nullptr)
                 EXPECT_TRUE(plain->getVersion() == "QEL netServer Version 0.99");
@@ -444,10 +436,11 @@ TEST(AsyncRequest, DerivedServerStaysIntactUntilItHasEnded)
         });
         const auto destroyUnderRequest = [&](Owned<netServer> server) {
             running = 0;
-            server->setOnRequest(&spawning);
-            server->setOnAsyncRequest(&using_);
-            IdleHandler idle([&] { return running == 1 ? netServerTerminate : netServerContinue; });
-            server->setOnIdle(&idle);
+            server->setOnRequest(spawning.get());
+            server->setOnAsyncRequest(using_.get());
+            const auto idle =
+                qel::onIdle([&] { return running == 1 ? netServerTerminate : netServerContinue; });
+            server->setOnIdle(idle.get());
             const xrchandle<netAddress> address(netAddress::Create(server->getPortN(), nullptr));
             auto client = std::async(std::launch::async, [&] {
                 return Owned<netSocketStream>(netServer::Connect(address.get(), 10.0));
@@ -471,25 +464,24 @@ TEST(AsyncRequest, BlocksNoLongerThanTheGracePeriodAfterAStop)
     const std::string tooMuch(64 << 20, 'x');
     // One waits for a client that sends nothing, one for a client that reads nothing, one is kept busy, and
     // none checks the stop event.
-    AsyncHandler stuck([&](netSocketStream* handed, evtEvent*) {
-        const Owned<netSocketStream> stream(handed);
-        const int kind = stream->ReadInt();
+    const auto stuck = qel::onAsyncRequest([&](netSocketStream& stream) {
+        const int kind = stream.ReadInt();
         ++running;
         try {
             if (kind == 1)
-                stream->WriteBytes(tooMuch.data(), static_cast<unsigned>(tooMuch.size()));
+                stream.WriteBytes(tooMuch.data(), static_cast<unsigned>(tooMuch.size()));
             while (kind != 1)
-                stream->ReadInt();
+                stream.ReadInt();
         } catch (xthrowable* end) {
-            timedOut += stream->getIsTimeout();
+            timedOut += stream.getIsTimeout();
             EXPECT_TRUE(ioXStream::cast(end)->getMsg() == "Stream Error (iolib): timeout expired");
             xdelete(end);
         }
         return netServerContinue;
     });
-    Owned<netBaseServer> server(makeSpawning(&stuck));
-    IdleHandler idle([&] { return running == 3 ? netServerTerminate : netServerContinue; });
-    server->setOnIdle(&idle);
+    Owned<netBaseServer> server(makeSpawning(stuck.get()));
+    const auto idle = qel::onIdle([&] { return running == 3 ? netServerTerminate : netServerContinue; });
+    server->setOnIdle(idle.get());
     EXPECT_EQ(server->getGracePeriod(), 5.0);
     server->setGracePeriod(0.3);
     std::vector<Owned<netSocketStream>> clients;
@@ -523,18 +515,17 @@ TEST(AsyncRequest, ThatCannotStartLosesItsConnectionOnly)
 {
     const long before = openDescriptors();
     std::atomic<bool> releases = false;
-    AsyncHandler holding([&](netSocketStream* handed, evtEvent* stop) {
-        const Owned<netSocketStream> stream(handed);
-        stream->WriteByte(1);
-        stream->Flush(1);
-        while (!releases && !stop->Wait(0.01)) {
+    const auto holding = qel::onAsyncRequest([&](netSocketStream& stream, evtEvent& stop) {
+        stream.WriteByte(1);
+        stream.Flush(1);
+        while (!releases && !stop.Wait(0.01)) {
         }
         return netServerContinue;
     });
     testing::internal::CaptureStdout();
     {
         ServedInThread served([&] {
-            netBaseServer* const server = makeSpawning(&holding);
+            netBaseServer* const server = makeSpawning(holding.get());
             server->setAsyncLimit(1);
             return server;
         }());
@@ -561,12 +552,8 @@ TEST(AsyncRequest, ThatCannotStartLosesItsConnectionOnly)
 
 TEST(AsyncRequest, ThatHasNoPipeLosesItsConnectionOnly)
 {
-    AsyncHandler answering([](netSocketStream* handed, evtEvent*) {
-        const Owned<netSocketStream> stream(handed);
-        stream->WriteByte(1);
-        return netServerContinue;
-    });
-    ServedInThread served(makeSpawning(&answering));
+    const auto answering = qel::onAsyncRequest([](netSocketStream& stream) { stream.WriteByte(1); });
+    ServedInThread served(makeSpawning(answering.get()));
     char byte = 0;
     testing::internal::CaptureStdout();
     {

@@ -22,23 +22,16 @@ namespace {
 
 constexpr int rounds = 1000;
 
-netServerLoopAction spawn(netSocketStream*)
-{
-    return netSpawnAsyncServer;
-}
-
 // Adds one to `rounds` integers, unless the server stops before.
-netServerLoopAction increment(netSocketStream* handed, evtEvent* stop)
+void increment(netSocketStream& stream, evtEvent& stop)
 {
-    const Owned<netSocketStream> stream(handed);
-    const Owned<ioEvent> input(stream->InputEvent());
+    const Owned<ioEvent> input(stream.InputEvent());
     for (int left = rounds; left > 0; --left) {
-        btkEvent::Wait({input.get(), stop}, btkTimeval::Forever());
-        if (stop->WasSignaled())
+        btkEvent::Wait({input.get(), &stop}, btkTimeval::Forever());
+        if (stop.WasSignaled())
             break;
-        stream->WriteInt(stream->ReadInt() + 1);
+        stream.WriteInt(stream.ReadInt() + 1);
     }
-    return netServerContinue;
 }
 
 } // namespace
@@ -50,10 +43,8 @@ TEST(CallsProgram, Serves)
     if (path == nullptr)
         GTEST_SKIP() << "run by another test";
     const Owned<netServer> server(netServer::Create(nullptr, 0));
-    RequestHandler spawning(&spawn);
-    AsyncHandler incrementing(&increment);
-    server->setOnRequest(&spawning);
-    server->setOnAsyncRequest(&incrementing);
+    server->setOnRequest(qel::onRequest([](netSocketStream&) { return netSpawnAsyncServer; }));
+    server->setOnAsyncRequest(qel::onAsyncRequest(&increment));
     server->setTimeSlice(10);
     std::ofstream(std::string(path) + ".new") << server->getPortN() << std::endl;
     std::filesystem::rename(std::string(path) + ".new", path);

@@ -47,23 +47,19 @@ netServerLoopAction sum(netSocketStream& stream)
     return netServerContinue;
 }
 
-RequestHandler atOnceOrSpawn([](netSocketStream* stream) {
-    if (stream->ReadInt() != 0)
+const auto atOnceOrSpawn = qel::onRequest([](netSocketStream& stream) {
+    if (stream.ReadInt() != 0)
         return netSpawnAsyncServer;
-    const Owned<netSocketStream> owned(stream);
-    return sum(*stream);
+    return sum(stream);
 });
 
-AsyncHandler byThread([](netSocketStream* stream, evtEvent*) {
-    const Owned<netSocketStream> owned(stream);
-    return sum(*stream);
-});
+const auto byThread = qel::onAsyncRequest(&sum);
 
 netServer* makeServer(const char* name)
 {
     netServer* const server = netServer::Create(name, 0);
-    server->setOnRequest(&atOnceOrSpawn);
-    server->setOnAsyncRequest(&byThread);
+    server->setOnRequest(atOnceOrSpawn.get());
+    server->setOnAsyncRequest(byThread.get());
     return server;
 }
 

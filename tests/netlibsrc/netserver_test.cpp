@@ -31,19 +31,13 @@ const InterruptedInLongRuns& interrupted = InterruptedInLongRuns::Add();
 constexpr btkTimeval patience(10, 0);
 
 // Adds one to an integer.
-netServerLoopAction increment(netSocketStream* accepted)
-{
-    const Owned<netSocketStream> stream(accepted);
-    stream->WriteInt(stream->ReadInt() + 1);
-    return netServerContinue;
-}
-
-RequestHandler incrementing(&increment);
+const auto incrementing =
+    qel::onRequest([](netSocketStream& stream) { stream.WriteInt(stream.ReadInt() + 1); });
 
 netServer* makeServer(const char* name = nullptr)
 {
     netServer* const server = netServer::Create(name, 0);
-    server->setOnRequest(&incrementing);
+    server->setOnRequest(incrementing.get());
     return server;
 }
 
@@ -302,7 +296,7 @@ TEST(netServer, EachAddressKeepsItsTimeForAFirstByteWhileAnotherConnectsContinuo
 {
     ServedInThread served([] {
         netServer* const server = netServer::Create(nullptr, 0, "127.0.0.1");
-        server->setOnRequest(&incrementing);
+        server->setOnRequest(incrementing.get());
         server->setSilentPlaces(8);
         EXPECT_EQ(server->getSilentPlaces(), 8);
         return server;
@@ -334,8 +328,8 @@ TEST(netServer, HandsOverSilentClientsOnceItsLoopHasEnded)
 {
     const Owned<netServer> server(makeServer());
     int calls = 0;
-    IdleHandler idle([&] { return ++calls < 3 ? netServerContinue : netServerTerminate; });
-    server->setOnIdle(&idle);
+    const auto idle = qel::onIdle([&] { return ++calls < 3 ? netServerContinue : netServerTerminate; });
+    server->setOnIdle(idle.get());
     btkStreamSocket silent;
     ASSERT_TRUE(silent.Connect(nullptr, server->getPortN(), patience));
     server->Run();

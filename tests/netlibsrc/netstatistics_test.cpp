@@ -59,17 +59,15 @@ double CountServices(monFile& file)
 }
 
 // The server reads the integer: 0 fails, an odd one gets a thread.
-netServerLoopAction serve(netSocketStream* stream)
+netServerLoopAction serve(netSocketStream& stream)
 {
-    Owned<netSocketStream> owned(stream);
-    const int value = owned->ReadInt();
+    const int value = stream.ReadInt();
     if (value == 0)
         throw std::runtime_error("nothing");
-    owned->WriteInt(value);
+    stream.WriteInt(value);
     if (value % 2 == 0)
         return netServerContinue;
-    owned->Flush(1);
-    static_cast<void>(owned.release());
+    stream.Flush(1);
     return netSpawnAsyncServer;
 }
 
@@ -81,14 +79,8 @@ struct GoesOn : qel::netErrorHandler
 TEST_F(NetStatistics, CountsWhatAServerDoes)
 {
     Owned<netServer> made(netServer::Create(nullptr, 0));
-    RequestHandler onRequest(&serve);
-    AsyncHandler onAsync([](netSocketStream* stream, evtEvent*) {
-        const Owned<netSocketStream> owned(stream);
-        owned->ReadInt();
-        return netServerContinue;
-    });
-    made->setOnRequest(&onRequest);
-    made->setOnAsyncRequest(&onAsync);
+    made->setOnRequest(qel::onRequest(&serve));
+    made->setOnAsyncRequest(qel::onAsyncRequest([](netSocketStream& stream) { stream.ReadInt(); }));
     made->setOnError(std::make_unique<GoesOn>());
     made->setAsyncLimit(1);
     // Nothing but the statistics wakes the loop then.

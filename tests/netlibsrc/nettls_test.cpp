@@ -37,8 +37,6 @@ class NetTls : public testing::Test
 {
 protected:
     NetTls()
-        : handler([](netSocketStream*) { return netSpawnAsyncServer; }),
-          async([this](netSocketStream* accepted, evtEvent*) { return echo(accepted); })
     {
         authority.fill(dir, "server", authority.issue(serverWish()));
         authority.fill(dir, "client", authority.issue(clientWish()));
@@ -54,19 +52,17 @@ protected:
         return {.names = names};
     }
 
-    netServerLoopAction echo(netSocketStream* accepted)
+    void echo(netSocketStream& stream)
     {
-        const Owned<netSocketStream> stream(accepted);
         const std::string failure = failureOf([&] {
-            stream->WriteString(stream->getPeerCertificate());
-            stream->WriteString(stream->getPeerAddress());
+            stream.WriteString(stream.getPeerCertificate());
+            stream.WriteString(stream.getPeerAddress());
             for (;;)
-                stream->WriteInt(stream->ReadInt());
+                stream.WriteInt(stream.ReadInt());
         });
         const std::lock_guard<std::mutex> lock(mutex);
         lastEnd = failure;
         ++ends;
-        return netServerContinue;
     }
     std::string waitForEnd()
     {
@@ -81,8 +77,8 @@ protected:
                double silentPatience = 3 * aWhile)
     {
         made->setSilentPatience(silentPatience);
-        made->setOnRequest(&handler);
-        made->setOnAsyncRequest(&async);
+        made->setOnRequest(qel::onRequest([](netSocketStream&) { return netSpawnAsyncServer; }));
+        made->setOnAsyncRequest(qel::onAsyncRequest([this](netSocketStream& stream) { echo(stream); }));
         const EnvSetting own("QELSTD_TLS", folder != nullptr ? dir.path(folder).c_str() : nullptr);
         const EnvSetting plain("QELSTD_TLS_LOCAL", nullptr);
         served = std::make_unique<ServedInThread<netServer>>(made);
@@ -110,8 +106,6 @@ protected:
     std::mutex mutex;
     std::string lastEnd;
     std::atomic<int> ends = 0;
-    RequestHandler handler;
-    AsyncHandler async;
     std::unique_ptr<ServedInThread<netServer>> served;
 };
 
@@ -256,19 +250,18 @@ TEST_F(NetTls, WaitsAndTryOperationsSeeDecryptedBytes)
 TEST_F(NetTls, CarriesMuchInBothDirectionsToTheEnd)
 {
     const std::size_t size = 3000001;
-    RequestHandler takesAndGives([&](netSocketStream* accepted) {
-        const Owned<netSocketStream> stream(accepted);
+    const auto takesAndGives = qel::onRequest([&](netSocketStream& stream) {
         std::string got(size, '\0');
         EXPECT_EQ(failureOf([&] {
-                      stream->ReadBytes(got.data(), static_cast<unsigned>(size));
-                      stream->WriteBytes(got.data(), static_cast<unsigned>(size));
+                      stream.ReadBytes(got.data(), static_cast<unsigned>(size));
+                      stream.WriteBytes(got.data(), static_cast<unsigned>(size));
                   }),
                   "");
         return netServerContinue; // and closes at once: what was written still arrives
     });
     netServer* const server = netServer::Create(nullptr, 0, "127.0.0.1");
     serve("server", server);
-    server->setOnRequest(&takesAndGives);
+    server->setOnRequest(takesAndGives.get());
     const Owned<netSocketStream> stream = connect();
     ASSERT_NE(stream, nullptr);
     std::string sent(size, '\0');

@@ -140,22 +140,15 @@ TEST(Soak, NothingIsLostAndMemoryIsStable)
         const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
         const EnvSetting shell("SHELL", "/bin/sh");
         const TestNameServer names;
-        RequestHandler handler([](netSocketStream* stream) {
-            if (stream->ReadInt() == 1)
-                return netSpawnAsyncServer;
-            const Owned<netSocketStream> owned(stream);
-            echo(*stream);
-            return netServerContinue;
-        });
-        AsyncHandler asyncHandler([](netSocketStream* stream, evtEvent*) {
-            const Owned<netSocketStream> owned(stream);
-            echo(*stream);
-            return netServerContinue;
-        });
         ServedInThread served([&] {
             netServer* const server = netServer::Create("soaked", 0);
-            server->setOnRequest(&handler);
-            server->setOnAsyncRequest(&asyncHandler);
+            server->setOnRequest(qel::onRequest([](netSocketStream& stream) {
+                if (stream.ReadInt() == 1)
+                    return netSpawnAsyncServer;
+                echo(stream);
+                return netServerContinue;
+            }));
+            server->setOnAsyncRequest(qel::onAsyncRequest(&echo));
             return server;
         }());
 
