@@ -9,6 +9,7 @@
 #include <qel/netexception.h>
 #include <qel/netserver.h>
 
+#include "support/streampair.h"
 #include "support/testserver.h"
 #include "target.h"
 
@@ -19,12 +20,10 @@ const std::string version("\1\x1bQEL netServer Version 0.99\0", 29);
 
 void readAll(netSocketStream& stream)
 {
-    try {
+    allowStreamFailure([&] {
         for (;;)
             stream.ReadInt();
-    } catch (xthrowable* end) {
-        xdelete(end);
-    }
+    });
 }
 
 std::string answerTo(int port, const std::string& bytes)

@@ -10,6 +10,7 @@
 
 #include "support/certificates.h"
 #include "support/environment.h"
+#include "support/streampair.h"
 #include "support/testserver.h"
 #include "target.h"
 
@@ -19,14 +20,12 @@ constexpr btkTimeval limit(5, 0);
 
 void readAll(netSocketStream& stream)
 {
-    try {
+    allowStreamFailure([&] {
         stream.setITimeout(5.0);
         for (;;)
             if (stream.ReadInt() == 7)
                 stream.ReadOutOfBand();
-    } catch (xthrowable* end) {
-        xdelete(end);
-    }
+    });
 }
 
 // Never freed: the server's thread uses it until the process exits.

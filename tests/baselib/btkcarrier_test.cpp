@@ -25,10 +25,8 @@ class BtkCarrier : public testing::Test
 protected:
     BtkCarrier()
     {
-        btkAcceptSocket door;
         auto one = std::make_unique<btkStreamSocket>(), other = std::make_unique<btkStreamSocket>();
-        if (!door.Listen(0, "127.0.0.1") || !one->Connect("127.0.0.1", door.GetPortN(), aWhile) ||
-            door.Wait(aWhile, 1) != 1 || !door.Accept(other.get()))
+        if (!SocketPair::connect(*one, *other))
             return;
         for (btkStreamSocket* const socket : {one.get(), other.get()}) {
             const int room = 32 << 10;

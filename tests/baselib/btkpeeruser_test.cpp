@@ -7,6 +7,7 @@
 #include <qel/base/btksocket.h>
 
 #include "support/child.h"
+#include "support/socketpair.h"
 
 namespace {
 
@@ -71,16 +72,12 @@ TEST(BtkPeerUser, IsThatOfTheClientsProcess)
 
 TEST(BtkPeerUser, IsThatOfAClientThatHasOnlyEndedItsOutput)
 {
-    btkAcceptSocket door;
-    btkStreamSocket client;
-    btkStreamSocket server;
-    ASSERT_TRUE(door.Listen(0, "127.0.0.1") && client.Connect(nullptr, door.GetPortN(), aWhile));
-    ASSERT_TRUE(door.Wait(aWhile, 1) == 1 && door.Accept(&server));
+    SocketPair pair;
 
-    client.ShutdownOutput();
+    pair.near.ShutdownOutput();
     char byte = 0;
-    ASSERT_EQ(server.Recv(&byte, 1), 0);
-    EXPECT_EQ(btkGetPeerUser(server.GetHandle()), geteuid());
+    ASSERT_EQ(pair.far.Recv(&byte, 1), 0);
+    EXPECT_EQ(btkGetPeerUser(pair.far.GetHandle()), geteuid());
 }
 
 TEST(BtkPeerUser, IsNotThatOfAListenerAtTheClosedClientsPort)

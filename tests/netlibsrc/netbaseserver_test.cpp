@@ -67,13 +67,7 @@ xany valueOf(xobject* object, const char* name)
 bool isClosed(netSocketStream& stream)
 {
     char byte = 0;
-    try {
-        stream.ReadBytes(&byte, 1);
-    } catch (xthrowable* end) {
-        xdelete(end);
-        return true;
-    }
-    return false;
+    return !failureOf([&] { stream.ReadBytes(&byte, 1); }).empty();
 }
 
 } // namespace

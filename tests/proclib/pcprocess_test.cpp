@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <memory>
 
-#include <qel/base/btksocket.h>
-#include <qel/netsocketstream.h>
 #include <qel/pcprocess.h>
 #include <qel/xiolib.h>
 
@@ -13,6 +11,7 @@
 #include "support/descriptors.h"
 #include "support/environment.h"
 #include "support/programs.h"
+#include "support/streampair.h"
 #include "support/tempdir.h"
 #include "support/thrown.h"
 
@@ -94,21 +93,15 @@ TEST_F(Processes, AcceptFilesAndConnectionsAsStreams)
 {
     const TempDir dir;
     dir.write("in", "TEXT");
-    btkAcceptSocket door;
-    btkStreamSocket peer;
-    ASSERT_TRUE(door.Listen(0, "127.0.0.1"));
-    auto connected = std::make_unique<btkStreamSocket>();
-    ASSERT_TRUE(connected->Connect("127.0.0.1", door.GetPortN(), btkTimeval(20.0)));
-    ASSERT_TRUE(door.Wait(btkTimeval(20.0), 1) == 1 && door.Accept(&peer));
-    const Owned<netSocketStream> connection(netSocketStream::Create(connected.release()));
+    const StreamPair connection;
     const Owned<ioFileStream> file(ioFileStream::Open(dir.path("in").c_str(), ioReadOnly));
     file->ReadByte(); // the process continues after it
 
-    const Process process = Start("tr A-Z a-z", file.get(), connection.get(), ioStream::getStderr());
+    const Process process = Start("tr A-Z a-z", file.get(), connection.near.get(), ioStream::getStderr());
     EXPECT_EQ(ExitCodeOf(*process), 0);
-    EXPECT_EQ(file->getIsOpen() + connection->getIsOpen(), 0);
+    EXPECT_EQ(file->getIsOpen() + connection.near->getIsOpen(), 0);
     std::string text(10, '\0');
-    text.resize(peer.RecvAll(text.data(), text.size()));
+    text.resize(connection.farSocket->RecvAll(text.data(), text.size()));
     EXPECT_EQ(text, "ext");
 }
 

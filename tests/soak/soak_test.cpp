@@ -85,12 +85,10 @@ bool relayCommand(int round)
         const Owned<rshProcess> process(
             rshProcess::Create(pair.near.get(), command.c_str(), nullptr, nullptr, nullptr, nullptr, 1, 0));
         char block[4096];
-        try {
+        allowStreamFailure([&] {
             for (;;)
                 got += process->getStdout()->ReadBytes(block, 1);
-        } catch (xthrowable* end) {
-            xdelete(end);
-        }
+        });
         process->WaitExitCode();
         isRight = process->GetExitCode() == 7;
     }

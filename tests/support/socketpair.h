@@ -2,15 +2,16 @@
 
 #include <qel/base/btksocket.h>
 
-/// Two sockets connected to each other over the loopback.
+/// Two sockets connected to each other over the loopback; closed ones when that fails.
 struct SocketPair
 {
-    SocketPair()
+    SocketPair() { connect(near, far); }
+
+    static bool connect(btkStreamSocket& one, btkStreamSocket& other)
     {
         btkAcceptSocket door;
-        if (door.Listen(0, "127.0.0.1") && near.Connect("127.0.0.1", door.GetPortN(), btkTimeval(10, 0)) &&
-            door.Wait(btkTimeval(10, 0), 1) == 1)
-            door.Accept(&far);
+        return door.Listen(0, "127.0.0.1") && one.Connect("127.0.0.1", door.GetPortN(), btkTimeval(10, 0)) &&
+               door.Wait(btkTimeval(10, 0), 1) == 1 && door.Accept(&other);
     }
 
     btkStreamSocket near;

@@ -2,10 +2,10 @@
 
 #include <memory>
 
-#include <qel/base/btksocket.h>
 #include <qel/netsocketstream.h>
 
 #include "support/owned.h"
+#include "support/socketpair.h"
 #include "support/thrown.h"
 
 /// Runs `work`, whose stream may fail.
@@ -22,11 +22,7 @@ struct StreamPair
     {
         auto nearEnd = std::make_unique<btkStreamSocket>();
         auto farEnd = std::make_unique<btkStreamSocket>();
-        btkAcceptSocket door;
-        if (door.Listen(0, "127.0.0.1") &&
-            nearEnd->Connect("127.0.0.1", door.GetPortN(), btkTimeval(10, 0)) &&
-            door.Wait(btkTimeval(10, 0), 1) == 1)
-            door.Accept(farEnd.get());
+        SocketPair::connect(*nearEnd, *farEnd);
         nearSocket = nearEnd.get();
         farSocket = farEnd.get();
         near.reset(netSocketStream::Create(nearEnd.release()));
