@@ -12,7 +12,7 @@
 
 #include "support/carried.h"
 #include "support/descriptors.h"
-#include "support/socketpair.h"
+#include "support/wire.h"
 
 namespace {
 
@@ -35,20 +35,6 @@ protected:
         }
         near = carried(std::move(one));
         far = carried(std::move(other));
-    }
-
-    static std::string received(btkStreamSocket& from, std::size_t most)
-    {
-        std::string all(most, 0);
-        all.resize(from.RecvAll(all.data(), most));
-        return all;
-    }
-    static std::string numbered(std::size_t count)
-    {
-        std::string made(count, 0);
-        for (std::size_t i = 0; i < count; ++i)
-            made[i] = static_cast<char>(i * 7 + i / 251);
-        return made;
     }
 
     std::unique_ptr<btkStreamSocket> near, far;

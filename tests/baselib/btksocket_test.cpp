@@ -12,24 +12,19 @@
 #include <qel/base/btksocket.h>
 
 #include "support/interrupt.h"
-#include "support/socketpair.h"
+#include "support/wire.h"
 
 namespace {
 
 const btkTimeval aWhile(10, 0);
 
 // Receives `count` bytes at most `piece` at a time.
-std::string received(btkStreamSocket& from, std::size_t count, std::size_t piece = 4096)
+std::string received(btkStreamSocket& from, std::size_t count, std::size_t piece)
 {
-    std::string all(count, 0);
-    std::size_t done = 0;
-    while (done < count) {
-        const std::ptrdiff_t got = from.Recv(all.data() + done, std::min(piece, count - done));
-        if (got <= 0)
+    std::string all;
+    for (std::string part; all.size() < count; all += part)
+        if ((part = received(from, std::min(piece, count - all.size()))).empty())
             break;
-        done += static_cast<std::size_t>(got);
-    }
-    all.resize(done);
     return all;
 }
 
@@ -47,14 +42,6 @@ std::string urgent(btkStreamSocket& from)
     char value[4] = {};
     const std::ptrdiff_t count = from.Recv(value, sizeof value, true);
     return {value, static_cast<std::size_t>(count < 0 ? 0 : count)};
-}
-
-std::string numbered(std::size_t count)
-{
-    std::string made(count, 0);
-    for (std::size_t i = 0; i < count; ++i)
-        made[i] = static_cast<char>('a' + i % 26);
-    return made;
 }
 
 } // namespace

@@ -10,6 +10,8 @@
 #include <qel/base/btkpipe.h>
 #include <qel/base/btktunnel.h>
 
+#include "support/wire.h"
+
 namespace {
 
 constexpr btkTimeval aWhile(20, 0);
@@ -51,23 +53,6 @@ struct Tunnels
     btkTunnel oneTunnel, otherTunnel;
     std::unique_ptr<btkStreamSocket> one, other;
 };
-
-// Bytes that no shift or loss leaves unchanged.
-std::string numbered(std::size_t count)
-{
-    std::string made;
-    for (std::size_t i = 0; made.size() < count; ++i)
-        made += std::to_string(i) + ' ';
-    made.resize(count);
-    return made;
-}
-
-std::string received(btkStreamSocket& from, std::size_t most)
-{
-    std::string all(most, 0);
-    all.resize(from.RecvAll(all.data(), most));
-    return all;
-}
 
 // Sends until nothing more is accepted.
 std::size_t fill(btkStreamSocket& socket)

@@ -276,13 +276,13 @@ TEST(CopyStream, CopiesTheRestUnchanged)
     from->ReadByte();
 
     to->ReadStream(from.get());
-    EXPECT_EQ(TextOf(to->getStr()), " 1\n2  ");
+    EXPECT_EQ(textOf(to->getStr()), " 1\n2  ");
     from->WriteStream(to.get()); // the end is not a failure
     EXPECT_EQ(from->getIsGood(), 1);
 
     to->ReadByte();
     CopyStream(to.get(), to.get());
-    EXPECT_EQ(TextOf(to->getStr()), " 1\n2  \n2  ");
+    EXPECT_EQ(textOf(to->getStr()), " 1\n2  \n2  ");
 }
 
 TEST(CopyStream, ReportsTheStreamConcerned)
@@ -298,7 +298,7 @@ TEST(CopyStream, ReportsTheStreamConcerned)
                                         [&](ioXStream* failure) {
                                             EXPECT_EQ(failure->getStream(), &full);
                                             EXPECT_EQ(failure->getError(), ioStreamState);
-                                            return TextOf(failure->getMsg());
+                                            return textOf(failure->getMsg());
                                         }),
               prefix + "I/O error");
     EXPECT_EQ(full.getIsBad(), 1);
@@ -318,14 +318,14 @@ TEST(ioXStream, OutlivesItsStream)
     }
     ioXStream* const failure = ioXStream::cast(kept);
     EXPECT_EQ(failure->getStream(), nullptr);
-    EXPECT_EQ(TextOf(failure->getMsg()), prefix + "output denied");
+    EXPECT_EQ(textOf(failure->getMsg()), prefix + "output denied");
     xrttiattr* const msg = xrttistruct::cast(failure->getRtti())->findAttr("Msg", 0);
-    EXPECT_EQ(TextOf(msg->getValue(failure)), prefix + "output denied");
+    EXPECT_EQ(textOf(msg->getValue(failure)), prefix + "output denied");
     xdelete(failure);
 
     CountingStream stream(true, true);
     ioXStream strange(&stream, static_cast<ioError>(9), "detail");
-    EXPECT_EQ(TextOf(strange.getMsg()), prefix + "unknown error");
+    EXPECT_EQ(textOf(strange.getMsg()), prefix + "unknown error");
 }
 
 TEST(ioStream, AttributesAreReadThroughItsDescriptor)

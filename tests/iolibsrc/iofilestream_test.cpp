@@ -47,7 +47,7 @@ TEST_F(FileStream, OpensByItsMode)
     EXPECT_EQ(created->getCanRead(), 0);
     EXPECT_EQ(created->getSerializer(), ioSerializer::getAscii());
     EXPECT_EQ(dir.read("f"), "");
-    EXPECT_EQ(TextOf(created->getPath()), dir.path("f"));
+    EXPECT_EQ(textOf(created->getPath()), dir.path("f"));
 }
 
 TEST_F(FileStream, AcceptsNativePaths)
@@ -59,7 +59,7 @@ TEST_F(FileStream, AcceptsNativePaths)
     const Owned<ioFileStream> stream(ioFileStream::Open(native.c_str(), ioReadOnly));
     ASSERT_NE(stream, nullptr);
     EXPECT_EQ(stream->ReadInt(), 7);
-    EXPECT_EQ(TextOf(stream->getPath()), native);
+    EXPECT_EQ(textOf(stream->getPath()), native);
 }
 
 TEST_F(FileStream, TriesWithoutMovingThePosition)
@@ -123,7 +123,7 @@ TEST_F(FileStream, SizeIncludesPendingOutputAndAppendsOfOthers)
     other->Flush(1);
     EXPECT_EQ(stream->TellSize(), 11);
     EXPECT_EQ(stream->TellPos(), 4);
-    EXPECT_EQ(TextOf(stream->ReadString(nullptr)), "abc");
+    EXPECT_EQ(textOf(stream->ReadString(nullptr)), "abc");
     stream->Truncate(2);
     EXPECT_EQ(stream->TellSize(), 11);
 }
@@ -201,7 +201,7 @@ TEST_F(FileStream, CopiesFilesOfUnknownSize)
     memory->ReadStream(from.get());
 
     EXPECT_NE(dir.read("f").find("Pid:"), std::string::npos);
-    EXPECT_NE(TextOf(memory->getStr()).find("Pid:"), std::string::npos);
+    EXPECT_NE(textOf(memory->getStr()).find("Pid:"), std::string::npos);
 }
 
 TEST_F(FileStream, IsReadThroughItsDescriptor)
@@ -209,7 +209,7 @@ TEST_F(FileStream, IsReadThroughItsDescriptor)
     dir.write("f", "");
     const auto stream = Open(ioReadOnly);
     xrttistruct* const type = xrttistruct::cast(ioFileStream::getClassRtti());
-    EXPECT_EQ(TextOf(type->findAttr("Path", 0)->getValue(stream.get())), dir.path("f"));
+    EXPECT_EQ(textOf(type->findAttr("Path", 0)->getValue(stream.get())), dir.path("f"));
     EXPECT_EQ(ioPipeStream::softcast(stream.get()), nullptr);
 }
 

@@ -41,7 +41,7 @@ TEST_F(PipeStreams, TransferValuesInBinaryForm)
     out.WriteString("text");
     out.WriteReal(0.5);
     out.Close();
-    EXPECT_EQ(TextOf(in.ReadString(nullptr)), "text");
+    EXPECT_EQ(textOf(in.ReadString(nullptr)), "text");
     EXPECT_EQ(in.ReadReal(), 0.5);
     EXPECT_EQ(FailureOf([&] { in.ReadByte(); }), "Stream Error (iolib): EOF reached");
 }
@@ -116,7 +116,7 @@ TEST_F(PipeStreams, TransferAValueLargerThanThePipeByTries)
         ASSERT_EQ(pending->Wait(20.0), 1);
     writer.join();
 
-    EXPECT_TRUE(TextOf(in.ReadString(nullptr)) == large);
+    EXPECT_TRUE(textOf(in.ReadString(nullptr)) == large);
 }
 
 TEST_F(PipeStreams, TestWritesWithoutSending)
@@ -161,7 +161,7 @@ TEST_F(PipeStreams, CopyBytesAsTheyArrive)
         second->getWriteEnd()->Close();
     });
     out.WriteString("first"); // copied before more or the end arrives
-    EXPECT_EQ(TextOf(second->getReadEnd()->ReadString(nullptr)), "first");
+    EXPECT_EQ(textOf(second->getReadEnd()->ReadString(nullptr)), "first");
     out.WriteInt(9);
     out.Close();
     EXPECT_EQ(second->getReadEnd()->ReadInt(), 9);
@@ -199,7 +199,7 @@ TEST_F(PipeStreams, ScanAnArrivingTextOnce)
             ASSERT_EQ(pending->Wait(20.0), 1);
         writer.join();
         EXPECT_LT(std::clock() - start, 3 * CLOCKS_PER_SEC);
-        EXPECT_TRUE(TextOf(from.ReadString(nullptr)) == large);
+        EXPECT_TRUE(textOf(from.ReadString(nullptr)) == large);
     }
 }
 
@@ -217,7 +217,7 @@ TEST_F(PipeStreams, FindADelimiterBehindTheScannedPart)
     EXPECT_EQ(tries("", ","), ioWouldBlock);
     EXPECT_EQ(in.ReadByte(), 'a');
     EXPECT_EQ(tries("c\n", nullptr), ioSuccess);
-    EXPECT_EQ(TextOf(in.ReadString(nullptr)), "b;c");
+    EXPECT_EQ(textOf(in.ReadString(nullptr)), "b;c");
     EXPECT_EQ(tries(" ", ","), ioWouldBlock);
     EXPECT_EQ(tries(" ,x", ","), ioFormatError);
 }
@@ -288,20 +288,20 @@ TEST(StringStreams, ReadAGivenTextOnly)
     EXPECT_EQ(FailureOf([&] { stream->WriteInt(1); }), "Stream Error (iolib): output denied");
     EXPECT_EQ(FailureOf([&] { stream->getStr(); }), "Stream Error (iolib): output denied");
     EXPECT_EQ(stream->ReadInt(), 12);
-    EXPECT_EQ(TextOf(stream->ReadString(nullptr)), "ab");
+    EXPECT_EQ(textOf(stream->ReadString(nullptr)), "ab");
 }
 
 TEST(StringStreams, KeepAllWrittenBytes)
 {
     for (const char* const none : {xnullstr, static_cast<const char*>(nullptr), xuninitstr}) {
         const Owned<ioStringStream> stream(ioStringStream::Create(none));
-        EXPECT_EQ(TextOf(stream->getStr()), "");
+        EXPECT_EQ(textOf(stream->getStr()), "");
         stream->WriteString("ab");
-        EXPECT_EQ(TextOf(stream->getStr()), "ab");
+        EXPECT_EQ(textOf(stream->getStr()), "ab");
         EXPECT_EQ(stream->ReadByte(), 'a');
         stream->WriteInt(5);
-        EXPECT_EQ(TextOf(stream->getStr()), "ab5");
-        EXPECT_EQ(TextOf(stream->ReadString(nullptr)), "b5");
+        EXPECT_EQ(textOf(stream->getStr()), "ab5");
+        EXPECT_EQ(textOf(stream->ReadString(nullptr)), "b5");
         stream->Close();
         EXPECT_EQ(FailureOf([&] { stream->getStr(); }), "Stream Error (iolib): stream not open");
     }

@@ -193,9 +193,9 @@ TEST(Serializers, ReadBackWhatTheyWrote)
         EXPECT_EQ(stream->ReadBool(), xnullbool);
         EXPECT_TRUE(std::signbit(stream->ReadReal()));
         EXPECT_EQ(stream->ReadReal(), std::numeric_limits<double>::denorm_min());
-        EXPECT_EQ(TextOf(stream->ReadString(nullptr)), "");
-        EXPECT_EQ(TextOf(stream->ReadString("x")), "text");
-        EXPECT_EQ(TextOf(stream->ReadString(nullptr)), large);
+        EXPECT_EQ(textOf(stream->ReadString(nullptr)), "");
+        EXPECT_EQ(textOf(stream->ReadString("x")), "text");
+        EXPECT_EQ(textOf(stream->ReadString(nullptr)), large);
         EXPECT_EQ(stream->ReadByte(), -3);
     }
     EXPECT_EQ(Holding(xdr, Hex("12 34 56 02"))->ReadBool(), 2); // the low byte counts
@@ -283,7 +283,7 @@ TEST(Serializers, RejectImpossibleLengths)
 TEST(Serializers, EndAStringAtItsFirstZeroAndConsumeItWhole)
 {
     const auto stream = Holding(xdr, Hex("00 00 00 04 61 00 62 63 00 00 00 07"));
-    EXPECT_EQ(TextOf(stream->ReadString(nullptr)), "a");
+    EXPECT_EQ(textOf(stream->ReadString(nullptr)), "a");
     EXPECT_EQ(stream->ReadInt(), 7);
 }
 
@@ -399,17 +399,17 @@ TEST(AsciiForm, ReadsStringsUpToTheirDelimiter)
         PartBuffer buffer(" \n a,b\nline two\n\nlast", part);
         xstring s("old");
         EXPECT_EQ(form.RdString(s, &buffer, ","), ioSuccess);
-        EXPECT_EQ(TextOf(s), "a");
+        EXPECT_EQ(textOf(s), "a");
         EXPECT_EQ(form.RdString(s, &buffer, ",;"), ioFormatError);
-        EXPECT_EQ(TextOf(s), "a");
+        EXPECT_EQ(textOf(s), "a");
         EXPECT_EQ(form.RdString(s, &buffer, xnullstr), ioSuccess);
-        EXPECT_EQ(TextOf(s), ",b");
+        EXPECT_EQ(textOf(s), ",b");
         EXPECT_EQ(form.RdString(s, &buffer, ""), ioSuccess);
-        EXPECT_EQ(TextOf(s), "line two");
+        EXPECT_EQ(textOf(s), "line two");
         EXPECT_EQ(form.RdString(s, &buffer, nullptr), ioSuccess);
-        EXPECT_EQ(TextOf(s), "last");
+        EXPECT_EQ(textOf(s), "last");
         EXPECT_EQ(form.RdString(s, &buffer, nullptr), ioEndOfFile);
-        EXPECT_EQ(TextOf(s), "last");
+        EXPECT_EQ(textOf(s), "last");
     }
 }
 
@@ -420,6 +420,6 @@ TEST(Serializers, AreSharedAndDescribed)
 
     auto* const type = xrttistruct::cast(ioSerializer::getClassRtti());
     ASSERT_EQ(type->getNAttrs(), 3);
-    EXPECT_EQ(TextOf(type->getAttr(2)->getName()), "XDR");
+    EXPECT_EQ(textOf(type->getAttr(2)->getName()), "XDR");
     EXPECT_EQ(static_cast<xobject*>(type->getAttr(2)->getValue(ascii)), qelObjectOf(xdr));
 }

@@ -6,6 +6,7 @@
 #include <qel/xiolib.h>
 
 #include "support/owned.h"
+#include "support/texts.h"
 #include "support/thrown.h"
 
 /// The text of a stream's failure.
@@ -20,11 +21,6 @@ template<class Work>
 std::string FailureOf(Work work)
 {
     return describeThrown(work, StreamFailureText);
-}
-
-inline std::string TextOf(const xstring& s)
-{
-    return s == nullptr ? "(null)" : s.CastToCString();
 }
 
 /// A string stream to be written and read back, in the form `serializer`.

@@ -3,6 +3,7 @@
 
 #include "monsupport.h"
 #include "support/tempdir.h"
+#include "support/wire.h"
 
 namespace {
 
@@ -11,10 +12,7 @@ const std::string intRecord = Hex("00 00 00 01 00 00 00 00 00 00 00 01 61 00 00 
 
 std::string Word(unsigned value)
 {
-    std::string bytes;
-    for (int shift = 24; shift >= 0; shift -= 8)
-        bytes += static_cast<char>(value >> shift);
-    return bytes;
+    return Number(static_cast<int>(value));
 }
 
 std::string StringRecord(const std::string& name, unsigned capacity, unsigned length, const std::string& area)
@@ -101,7 +99,7 @@ TEST_F(Damaged, TextsAreNeverReadBeyondTheirCapacity)
         EXPECT_EQ(after->getValue(), 0);
     }
     s->setValue("efg");
-    EXPECT_EQ(TextOf(s->getValue()), "efg");
+    EXPECT_EQ(textOf(s->getValue()), "efg");
 }
 
 TEST_F(Damaged, NamesEndAtTheirFirstZero)

@@ -59,7 +59,7 @@ std::string CheckedText(unsigned n)
 
 bool IsWhole(const xstring& v)
 {
-    const std::string text = TextOf(v);
+    const std::string text = textOf(v);
     return text.empty() || text == CheckedText(static_cast<unsigned>(text[0] - 'a'));
 }
 
@@ -266,7 +266,7 @@ TEST_F(SharedFile, StoppedWriterDoesNotBlockReaders)
         ASSERT_EQ(file->Int("int")->getValue(), CheckedInt(77));
     // 0.1 s for the first one, which waits for the writer, and 0.01 s for each of the others.
     EXPECT_LT((btkTimeval::Now() - begin).ToSeconds(), ofALongRun(2.0, 0.5));
-    EXPECT_EQ(TextOf(file->String("text", 0)->getValue()), CheckedText(77));
+    EXPECT_EQ(textOf(file->String("text", 0)->getValue()), CheckedText(77));
 }
 
 TEST_F(SharedFile, SeveralProcessesAddParameters)
@@ -310,7 +310,7 @@ TEST_F(SharedFile, ForkedChildHasSeparateLocks)
     monStringParam* const text = file->String("text", 0);
     text->setValue("from the parent");
     const auto child = std::make_unique<ChildProcess>([&]() -> int {
-        if (TextOf(text->getValue()) != "from the parent")
+        if (textOf(text->getValue()) != "from the parent")
             return 1;
         for (unsigned n = 0;; ++n)
             text->setValue(CheckedText(n).c_str());
@@ -318,7 +318,7 @@ TEST_F(SharedFile, ForkedChildHasSeparateLocks)
     const btkTimeval begin = btkTimeval::Now();
     for (int seen = 0; seen < 500;) {
         const xstring now = text->getValue();
-        if (TextOf(now) == "from the parent")
+        if (textOf(now) == "from the parent")
             continue;
         ++seen;
         ASSERT_TRUE(IsWhole(now)) << "torn";

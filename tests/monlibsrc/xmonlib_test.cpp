@@ -53,8 +53,8 @@ TEST_F(Monitor, WritesTheDocumentedBytes)
     EXPECT_EQ(file->Int("a")->setValue(7), 7);
     EXPECT_EQ(file->Bool("bc")->setValue(1), 1);
     EXPECT_EQ(file->Real("d")->setValue(1.5), 1.5);
-    EXPECT_EQ(TextOf(file->String("s", 10)->setValue("abcdef")), "abcdef");
-    EXPECT_EQ(TextOf(file->String("s", 10)->setValue("ABC")), "ABC");
+    EXPECT_EQ(textOf(file->String("s", 10)->setValue("abcdef")), "abcdef");
+    EXPECT_EQ(textOf(file->String("s", 10)->setValue("ABC")), "ABC");
     const std::string rewritten = Hex("00 00 00 01 00 00 00 00 00 00 00 01 61 00 00 00 07 ") +
                                   Hex("00 00 00 00 00 00 00 00 00 00 00 02 62 63 00 00 00 01 ") +
                                   Hex("00 00 00 02 00 00 00 00 00 00 00 01 64 3F F8 00 00 00 00 00 00 ") +
@@ -62,7 +62,7 @@ TEST_F(Monitor, WritesTheDocumentedBytes)
                                   Hex("41 42 43 64 65 66 00 00 00 00 ") +
                                   Hex("00 00 00 03 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 ");
     EXPECT_EQ(Bytes(), header + rewritten);
-    EXPECT_EQ(TextOf(file->String("s", 10)->getValue()), "ABC");
+    EXPECT_EQ(textOf(file->String("s", 10)->getValue()), "ABC");
 }
 
 TEST_F(Monitor, FindsExistingParameters)
@@ -80,7 +80,7 @@ TEST_F(Monitor, FindsExistingParameters)
     EXPECT_EQ(file->String("s", 3), s);
     EXPECT_EQ(file->String("s", -3), s);
     EXPECT_EQ(s->getSize(), 10);
-    EXPECT_EQ(TextOf(s->getName()), "s");
+    EXPECT_EQ(textOf(s->getName()), "s");
     EXPECT_EQ(Bytes(), before);
     EXPECT_EQ(CountOf(file->getParams()), 2);
 }
@@ -89,7 +89,7 @@ TEST_F(Monitor, ShowsNewParametersAndValuesToOtherFiles)
 {
     const auto writer = CreateMonitor(Path(), "Zähler");
     const auto reader = OpenMonitor(Path());
-    EXPECT_EQ(TextOf(reader->getTitle()), "Zähler");
+    EXPECT_EQ(textOf(reader->getTitle()), "Zähler");
     EXPECT_EQ(CountOf(reader->getParams()), 0);
     EXPECT_EQ(reader->getParams(), reader->getParams());
 
@@ -107,7 +107,7 @@ TEST_F(Monitor, ShowsNewParametersAndValuesToOtherFiles)
         EXPECT_EQ(reader->Int(("i" + name).c_str())->getValue(), i);
         EXPECT_EQ(reader->Real(("r" + name).c_str())->getValue(), i / 4.0);
         EXPECT_EQ(reader->Bool(("b" + name).c_str())->getValue(), i % 2);
-        EXPECT_EQ(TextOf(reader->String(("s" + name).c_str(), 0)->getValue()),
+        EXPECT_EQ(textOf(reader->String(("s" + name).c_str(), 0)->getValue()),
                   std::string(std::size_t(i) * 7, 'x'));
     }
     EXPECT_EQ(Bytes(), before);
@@ -140,13 +140,13 @@ TEST_F(Monitor, TransfersEveryValueUnchanged)
         EXPECT_EQ(reader->Bool("b")->getValue(), v);
     }
     for (const char* const v : {"", "abc", "\x80\xff"}) {
-        EXPECT_EQ(TextOf(s->setValue(v)), v);
-        EXPECT_EQ(TextOf(reader->String("s", 0)->getValue()), v);
+        EXPECT_EQ(textOf(s->setValue(v)), v);
+        EXPECT_EQ(textOf(reader->String("s", 0)->getValue()), v);
     }
     EXPECT_EQ(s->setValue(nullptr), nullptr);
-    EXPECT_EQ(TextOf(s->getValue()), "");
+    EXPECT_EQ(textOf(s->getValue()), "");
     s->setValue(xuninitstr);
-    EXPECT_EQ(TextOf(s->getValue()), "");
+    EXPECT_EQ(textOf(s->getValue()), "");
 }
 
 TEST_F(Monitor, KeepsParametersReplacedByALaterRecordOfTheirName)
@@ -177,7 +177,7 @@ TEST_F(Monitor, OpensMonitorFilesOnly)
     dir.write("m", Hex("00 00 00 01 00 00 00 01 54 "));
     EXPECT_EQ(OpenMonitor(Path()), nullptr);
     dir.write("m", Hex("FF FF FF FF 00 00 00 01 54 "));
-    EXPECT_EQ(TextOf(OpenMonitor(Path())->getTitle()), "T");
+    EXPECT_EQ(textOf(OpenMonitor(Path())->getTitle()), "T");
 }
 
 TEST_F(Monitor, CreateStartsWithNoParameters)
@@ -185,7 +185,7 @@ TEST_F(Monitor, CreateStartsWithNoParameters)
     dir.write("m", std::string(500, 'x'));
     const auto file = CreateMonitor(Path(), nullptr);
     EXPECT_EQ(Bytes(), Hex("00 00 00 00 00 00 00 00 "));
-    EXPECT_EQ(TextOf(file->getTitle()), "");
+    EXPECT_EQ(textOf(file->getTitle()), "");
     monIntParam* const a = file->Int("a");
     a->setValue(3);
 
@@ -226,12 +226,12 @@ TEST_F(Monitor, FileIsReopenedAfterItsReplacement)
     for (monFile* const each : {watcher.get(), file.get()}) {
         ASSERT_TRUE(each->Reopen());
         EXPECT_FALSE(each->isReplaced());
-        EXPECT_EQ(TextOf(each->getTitle()), "second");
+        EXPECT_EQ(textOf(each->getTitle()), "second");
     }
     EXPECT_EQ(watched->getValue(), 7);
     EXPECT_EQ(CountOf(watcher->getParams()), 4);
     EXPECT_EQ(watcher->Int("a"), watched);
-    EXPECT_EQ(TextOf(s->getValue()), "longer");
+    EXPECT_EQ(textOf(s->getValue()), "longer");
     EXPECT_EQ(s->getSize(), 9);
     a->setValue(8);
     EXPECT_EQ(anew->Int("a")->getValue(), 8);
@@ -302,7 +302,7 @@ TEST_F(Monitor, OpensForReadingWithoutWriteAccess)
     EXPECT_EQ(runInChild([&] { return setuid(65534) == 0 && CreateMonitor(Path(), "U") != nullptr ? 0 : 1; }),
               0);
     EXPECT_EQ(MonFailureOf([&] { file->Int("a")->getValue(); }), "monFile has shrunk!");
-    EXPECT_EQ(TextOf(OpenMonitor(Path())->getTitle()), "U");
+    EXPECT_EQ(textOf(OpenMonitor(Path())->getTitle()), "U");
 }
 
 TEST_F(Monitor, CreateKeepsTheOldFileWhicheverCallFails)
@@ -364,7 +364,7 @@ TEST_F(Monitor, RejectsArgumentsBeforeItWrites)
         EXPECT_EQ(thrownBy([&] { file->Int(none); }), "qellib::XNotInitialized");
     EXPECT_EQ(Bytes(), before);
     EXPECT_EQ(file->String(longest.c_str(), 0), s);
-    EXPECT_EQ(TextOf(OpenMonitor(Path())->String(longest.c_str(), 0)->getValue()), "abc");
+    EXPECT_EQ(textOf(OpenMonitor(Path())->String(longest.c_str(), 0)->getValue()), "abc");
 }
 
 TEST_F(Monitor, ThrowsOnceItIsClosed)
@@ -382,8 +382,8 @@ TEST_F(Monitor, ThrowsOnceItIsClosed)
     EXPECT_EQ(MonFailureOf([&] { s->setValue("x"); }), closed);
     EXPECT_EQ(MonFailureOf([&] { file->getParams(); }), closed);
     EXPECT_EQ(MonFailureOf([&] { file->Real("r"); }), closed);
-    EXPECT_EQ(TextOf(a->getName()), "a");
-    EXPECT_EQ(TextOf(file->getTitle()), "T");
+    EXPECT_EQ(textOf(a->getName()), "a");
+    EXPECT_EQ(textOf(file->getTitle()), "T");
 }
 
 TEST_F(Monitor, StaysUsableWhenTheDiskIsFull)
@@ -412,7 +412,7 @@ TEST_F(Monitor, StaysUsableWhenTheDiskIsFull)
     EXPECT_EQ(status, 0);
     EXPECT_EQ(Bytes().size(), before.size() + 24 + 5000 + 17);
     EXPECT_EQ(file->Int("a")->getValue(), 5);
-    EXPECT_EQ(TextOf(file->String("long", 0)->getValue()), "fits");
+    EXPECT_EQ(textOf(file->String("long", 0)->getValue()), "fits");
     EXPECT_EQ(file->Int("b")->getValue(), 6);
 }
 
@@ -424,10 +424,10 @@ TEST_F(Monitor, AcceptsTextsOfAnySize)
         const std::string name = std::to_string(size);
         monStringParam* const s = writer->String(name.c_str(), size);
         ASSERT_NE(s, nullptr);
-        EXPECT_EQ(TextOf(reader->String(name.c_str(), 0)->getValue()), "");
+        EXPECT_EQ(textOf(reader->String(name.c_str(), 0)->getValue()), "");
         const std::string text(std::size_t(size), 'a');
         s->setValue(text.c_str());
-        EXPECT_TRUE(TextOf(reader->String(name.c_str(), 0)->getValue()) == text);
+        EXPECT_TRUE(textOf(reader->String(name.c_str(), 0)->getValue()) == text);
     }
     EXPECT_EQ(CountOf(OpenMonitor(Path())->getParams()), 4);
 }
@@ -441,7 +441,7 @@ TEST_F(Monitor, SurvivesInterruptions)
     for (; Interrupter::interrupts < 50; ++rounds) {
         const std::string name = std::to_string(rounds % 200);
         writer->String(name.c_str(), 60)->setValue(name.c_str());
-        ASSERT_EQ(TextOf(reader->String(name.c_str(), 0)->getValue()), name);
+        ASSERT_EQ(textOf(reader->String(name.c_str(), 0)->getValue()), name);
     }
     EXPECT_EQ(CountOf(reader->getParams()), std::min(rounds, 200));
 }
@@ -456,11 +456,11 @@ TEST_F(Monitor, HasADescriptor)
         return xrttistruct::cast(owner->getRtti())->findAttr(attr, 1)->getValue(owner);
     };
 
-    EXPECT_EQ(TextOf(valueOf(file.get(), "Title")), "T");
+    EXPECT_EQ(textOf(valueOf(file.get(), "Title")), "T");
     monParamDict* const params = monParamDict::cast(valueOf(file.get(), "Params"));
     EXPECT_EQ(params, file->getParams());
-    EXPECT_EQ(TextOf(valueOf(s, "Name")), "s");
-    EXPECT_EQ(TextOf(valueOf(s, "Value")), "text");
+    EXPECT_EQ(textOf(valueOf(s, "Name")), "s");
+    EXPECT_EQ(textOf(valueOf(s, "Value")), "text");
     EXPECT_EQ(static_cast<int>(valueOf(s, "Size")), 10);
     EXPECT_TRUE(valueOf(file->Int("i"), "Value").isNull());
 

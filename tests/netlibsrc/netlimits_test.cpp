@@ -16,6 +16,7 @@
 #include "support/resident.h"
 #include "support/streampair.h"
 #include "support/thrown.h"
+#include "support/wire.h"
 
 namespace {
 
@@ -44,13 +45,6 @@ protected:
     LimitedClients() { netServer::setAnswerLimit(limit); }
     ~LimitedClients() override { netServer::setAnswerLimit(10); }
 };
-
-std::string Number(int value)
-{
-    std::string bytes;
-    nmsPutInt(bytes, value);
-    return bytes;
-}
 
 } // namespace
 

@@ -32,7 +32,7 @@ std::string FailureToCreate(Work work)
     return describeThrown<pcXCreate>(
         work,
         [](pcXCreate* failure) {
-            return std::to_string(failure->getError()) + ": " + TextOf(failure->getMsg());
+            return std::to_string(failure->getError()) + ": " + textOf(failure->getMsg());
         },
         "none");
 }
@@ -225,7 +225,7 @@ TEST(pcGetShellCommand, FollowsEnvironment)
     const EnvSetting noShell("SHELL", nullptr), noComspec("COMSPEC", nullptr);
     EXPECT_TRUE(pcGetShellCommand() == nullptr);
     const EnvSetting comspec("COMSPEC", "cmd.exe");
-    EXPECT_EQ(TextOf(pcGetShellCommand()), "cmd.exe /c");
+    EXPECT_EQ(textOf(pcGetShellCommand()), "cmd.exe /c");
     const EnvSetting shell("SHELL", "/bin/sh");
-    EXPECT_EQ(TextOf(pcGetShellCommand()), "/bin/sh -c");
+    EXPECT_EQ(textOf(pcGetShellCommand()), "/bin/sh -c");
 }

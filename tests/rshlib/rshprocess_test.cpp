@@ -18,13 +18,9 @@
 #include "support/resident.h"
 #include "support/streampair.h"
 #include "support/tempdir.h"
+#include "support/texts.h"
 
 namespace {
-
-std::string TextOf(const xstring& s)
-{
-    return s == nullptr ? "(null)" : s.CastToCString();
-}
 
 std::string ReadAll(ioStream& stream)
 {
@@ -103,8 +99,8 @@ TEST_F(RemoteShell, UsesTheCallersStreams)
     EXPECT_EQ(remote.process->getStdout(), nullptr);
     EXPECT_EQ(remote.process->getStderr(), nullptr);
     EXPECT_EQ(remote.Wait(), 0);
-    EXPECT_EQ(TextOf(out->getStr()), "a\nb\nc\n");
-    EXPECT_EQ(TextOf(err->getStr()), "done\n");
+    EXPECT_EQ(textOf(out->getStr()), "a\nb\nc\n");
+    EXPECT_EQ(textOf(err->getStr()), "done\n");
 }
 
 TEST_F(RemoteShell, ReportsWhyACommandDoesNotStart)
@@ -124,7 +120,7 @@ TEST_F(RemoteShell, ReportsWhyACommandDoesNotStart)
         const auto failureText = [](rshXProcess* failure) {
             EXPECT_EQ(failure->getError(), rshDaemonError);
             EXPECT_EQ(failure->getCreateError(), pcCreateCode::system);
-            return TextOf(failure->getMsg());
+            return textOf(failure->getMsg());
         };
         EXPECT_EQ(describeThrown<rshXProcess>(start, failureText), tried.message);
     }

@@ -16,22 +16,9 @@
 #include "support/owned.h"
 #include "support/programs.h"
 #include "support/streampair.h"
+#include "support/wire.h"
 
 namespace {
-
-std::string Int(int value)
-{
-    const auto bits = static_cast<unsigned>(value);
-    std::string text;
-    for (const int shift : {24, 16, 8, 0})
-        text += static_cast<char>(bits >> shift);
-    return text;
-}
-
-std::string Text(const std::string& text)
-{
-    return Int(static_cast<int>(text.size())) + text;
-}
 
 void Send(const StreamPair& pair, const std::string& bytes)
 {
@@ -83,22 +70,23 @@ TEST(rshServer, FollowsTheProtocolByteByByte)
 {
     const Served served;
     // Request: command, working directory, shell flag.
-    Send(served.pair, Text("cat") + Text("") + Int(0));
-    EXPECT_EQ(Receive(served.pair, 4), Int(0));
+    Send(served.pair, Text("cat") + Text("") + Number(0));
+    EXPECT_EQ(Receive(served.pair, 4), Number(0));
     // A block of input; unknown tags; the block comes back as output.
-    Send(served.pair, Int(4) + Text("hello") + Int(1) + Int(99) + Int(-1) + Int(4) + Int(0));
-    EXPECT_EQ(Receive(served.pair, 13), Int(3) + Text("hello"));
+    Send(served.pair,
+         Number(4) + Text("hello") + Number(1) + Number(99) + Number(-1) + Number(4) + Number(0));
+    EXPECT_EQ(Receive(served.pair, 13), Number(3) + Text("hello"));
     // A block in three parts.
-    Send(served.pair, Int(4) + Int(3).substr(0, 2));
+    Send(served.pair, Number(4) + Number(3).substr(0, 2));
     EXPECT_FALSE(btkIsReadable(served.pair.nearSocket->GetHandle(), btkTimeval(0.02)));
-    Send(served.pair, Int(3).substr(2) + "ab");
-    EXPECT_EQ(Receive(served.pair, 10), Int(3) + Text("ab"));
+    Send(served.pair, Number(3).substr(2) + "ab");
+    EXPECT_EQ(Receive(served.pair, 10), Number(3) + Text("ab"));
     Send(served.pair, "c");
-    EXPECT_EQ(Receive(served.pair, 9), Int(3) + Text("c"));
+    EXPECT_EQ(Receive(served.pair, 9), Number(3) + Text("c"));
     // The end of the input; exit code 0; the end, which the client acknowledges.
-    Send(served.pair, Int(5));
-    EXPECT_EQ(Receive(served.pair, 12), Int(6) + Int(0) + Int(7));
-    Send(served.pair, Int(4) + Text("too late") + Int(7));
+    Send(served.pair, Number(5));
+    EXPECT_EQ(Receive(served.pair, 12), Number(6) + Number(0) + Number(7));
+    Send(served.pair, Number(4) + Text("too late") + Number(7));
 }
 
 TEST(rshServer, TerminatesAndInterruptsByTagsAndUrgentValues)
@@ -106,25 +94,26 @@ TEST(rshServer, TerminatesAndInterruptsByTagsAndUrgentValues)
     for (const bool urgent : {false, true})
         for (const int tag : {8, 9}) {
             const Served served;
-            Send(served.pair, Text("sleep 60") + Text("") + Int(0));
-            EXPECT_EQ(Receive(served.pair, 4), Int(0));
+            Send(served.pair, Text("sleep 60") + Text("") + Number(0));
+            EXPECT_EQ(Receive(served.pair, 4), Number(0));
             if (urgent) {
                 EXPECT_EQ(served.pair.near->WriteOutOfBand(5), 1); // has no meaning
                 EXPECT_FALSE(btkIsReadable(served.pair.nearSocket->GetHandle(), btkTimeval(0.05)));
                 EXPECT_EQ(served.pair.near->WriteOutOfBand(tag), 1);
             } else {
-                Send(served.pair, Int(tag));
+                Send(served.pair, Number(tag));
             }
-            EXPECT_EQ(Receive(served.pair, 12), Int(6) + Int(tag == 8 ? 137 : 130) + Int(7));
-            Send(served.pair, Int(7));
+            EXPECT_EQ(Receive(served.pair, 12), Number(6) + Number(tag == 8 ? 137 : 130) + Number(7));
+            Send(served.pair, Number(7));
         }
 }
 
 TEST(rshServer, EndsOnAnInvalidMessage)
 {
-    const std::string sleeping = Text("sleep 60") + Text("") + Int(0);
-    for (const std::string& bytes : {Int(-1), Int(INT_MAX), Text("x") + Int(-5), sleeping + Int(4) + Int(-1),
-                                     sleeping + Int(4) + Int(INT_MIN)}) {
+    const std::string sleeping = Text("sleep 60") + Text("") + Number(0);
+    for (const std::string& bytes :
+         {Number(-1), Number(INT_MAX), Text("x") + Number(-5), sleeping + Number(4) + Number(-1),
+          sleeping + Number(4) + Number(INT_MIN)}) {
         const Served served;
         Send(served.pair, bytes);
     }
@@ -133,7 +122,7 @@ TEST(rshServer, EndsOnAnInvalidMessage)
 TEST(rshServer, EndsWhenItsClientDisconnectsInTheMiddle)
 {
     const std::string session =
-        Text("cat") + Text("") + Int(0) + Int(4) + Text("some input") + Int(4) + Int(100);
+        Text("cat") + Text("") + Number(0) + Number(4) + Text("some input") + Number(4) + Number(100);
     for (std::size_t length = 0; length <= session.size(); ++length) {
         Served served;
         Send(served.pair, session.substr(0, length));
@@ -147,7 +136,7 @@ namespace {
 // taken.
 void SendUnread(const StreamPair& pair, std::size_t count)
 {
-    const std::string block = Int(4) + Text(std::string(60000, 'x'));
+    const std::string block = Number(4) + Text(std::string(60000, 'x'));
     for (std::size_t sent = 0, taken = 1; sent < count && taken > 0; sent += taken) {
         const std::ptrdiff_t now = btkTryWrite(pair.nearSocket->GetHandle(), block.data(), block.size());
         taken = now > 0 ? static_cast<std::size_t>(now) : 0;
@@ -160,8 +149,8 @@ TEST(rshServer, EndsWhenItsClientIsLostWhileTheCommandReadsNothing)
 {
     for (const bool isReset : {false, true}) {
         Served served;
-        Send(served.pair, Text("sleep 60") + Text("") + Int(0));
-        EXPECT_EQ(Receive(served.pair, 4), Int(0));
+        Send(served.pair, Text("sleep 60") + Text("") + Number(0));
+        EXPECT_EQ(Receive(served.pair, 4), Number(0));
         SendUnread(served.pair, isReset ? SIZE_MAX : 180000);
         btkResetOnClose(served.pair.nearSocket->GetHandle(), isReset);
         served.pair.near.reset();
@@ -179,7 +168,7 @@ TEST(rshServer, WaitsForALimitedTimeOnly)
     };
     for (const bool drips : {false, true}) {
         const StreamPair pair;
-        Send(pair, Int(1000) + "x");
+        Send(pair, Number(1000) + "x");
         std::atomic<bool> ends = false;
         std::thread sender([&] {
             while (drips && !ends) {
@@ -197,7 +186,7 @@ TEST(rshServer, WaitsForALimitedTimeOnly)
     for (const std::size_t output : {0, 20000000}) {
         const Served served;
         Send(served.pair,
-             Text("head -c " + std::to_string(output) + " /dev/zero") + Text("") + Int(0) + Int(5));
+             Text("head -c " + std::to_string(output) + " /dev/zero") + Text("") + Number(0) + Number(5));
         const Owned<rshServerEvent> end(served.server->ExitEvent());
         if (output > 0) { // the command exits once this client has read most of it
             EXPECT_EQ(end->evtEvent::Wait(1.0), 0) << "patience begins with the end of the command";
@@ -207,7 +196,7 @@ TEST(rshServer, WaitsForALimitedTimeOnly)
         EXPECT_EQ(end->evtEvent::Wait(5.0), 1);
         EXPECT_LT((btkTimeval::Now() - start).ToSeconds(), 1.5);
         // Bytes in transit arrive.
-        const std::string last = Int(6) + Int(0) + Int(7);
+        const std::string last = Number(6) + Number(0) + Number(7);
         EXPECT_TRUE(Receive(served.pair, 1 << 20, last).ends_with(last));
     }
     rshServer::setPatience(10);
@@ -217,17 +206,17 @@ TEST(rshServer, SendsOnlyOutputWrittenBeforeTheCommandExited)
 {
     const EnvSetting shell("SHELL", "/bin/sh");
     const Served served;
-    Send(served.pair, Text("yes & sleep 0.1; kill -STOP $!; kill -CONT $! & exit 4") + Text("") + Int(1));
-    EXPECT_EQ(Receive(served.pair, 4), Int(0));
+    Send(served.pair, Text("yes & sleep 0.1; kill -STOP $!; kill -CONT $! & exit 4") + Text("") + Number(1));
+    EXPECT_EQ(Receive(served.pair, 4), Number(0));
     std::size_t behindTheExitCode = 0;
     bool hasExitCode = false;
-    for (std::string tag; (tag = Receive(served.pair, 4)) != Int(7);) {
+    for (std::string tag; (tag = Receive(served.pair, 4)) != Number(7);) {
         ASSERT_EQ(tag.size(), 4u);
         const std::string number = Receive(served.pair, 4);
         ASSERT_EQ(number.size(), 4u);
-        hasExitCode |= tag == Int(6);
-        if (tag == Int(6)) {
-            EXPECT_EQ(number, Int(4));
+        hasExitCode |= tag == Number(6);
+        if (tag == Number(6)) {
+            EXPECT_EQ(number, Number(4));
             continue;
         }
         const auto size = static_cast<std::size_t>(btkGetNetwork<int>(number.data()));
@@ -236,7 +225,7 @@ TEST(rshServer, SendsOnlyOutputWrittenBeforeTheCommandExited)
     }
     EXPECT_TRUE(hasExitCode);
     EXPECT_LE(behindTheExitCode, 1u << 18);
-    Send(served.pair, Int(7));
+    Send(served.pair, Number(7));
 }
 
 namespace {
@@ -246,7 +235,7 @@ int PlayServer(const std::string& answer, std::string& output)
 {
     StreamPair pair;
     std::swap(pair.near, pair.far); // the test has the handle of the server's side
-    const std::string request = Text("command") + Text("dir") + Int(1);
+    const std::string request = Text("command") + Text("dir") + Number(1);
     Send(pair, answer);
     const Owned<ioStringStream> out(ioStringStream::Create(xnullstr));
     const Owned<rshProcess> process(
@@ -275,8 +264,8 @@ std::string RefusedBy(const std::string& answer)
 TEST(rshProcess, FollowsTheProtocolByteByByte)
 {
     std::string output;
-    EXPECT_EQ(PlayServer(Int(0) + Int(3) + Text("out") + Int(2) + Text("err") + Int(6) + Int(5) + Int(3) +
-                             Text("put") + Int(99) + Int(7),
+    EXPECT_EQ(PlayServer(Number(0) + Number(3) + Text("out") + Number(2) + Text("err") + Number(6) +
+                             Number(5) + Number(3) + Text("put") + Number(99) + Number(7),
                          output),
               5);
     EXPECT_EQ(output, "output");
@@ -285,18 +274,18 @@ TEST(rshProcess, FollowsTheProtocolByteByByte)
 TEST(rshProcess, KeepsOutputReceivedFromAFailedServer)
 {
     for (const std::string& rest :
-         {Int(3) + Int(-1) + "x", Int(3) + Int(100), Int(6) + "ab", std::string("a")}) {
+         {Number(3) + Number(-1) + "x", Number(3) + Number(100), Number(6) + "ab", std::string("a")}) {
         std::string output;
-        EXPECT_EQ(PlayServer(Int(0) + Int(3) + Text("out") + rest, output), xnullint);
+        EXPECT_EQ(PlayServer(Number(0) + Number(3) + Text("out") + rest, output), xnullint);
         EXPECT_EQ(output, "out");
     }
 }
 
 TEST(rshProcess, ReportsTheServersRefusal)
 {
-    EXPECT_EQ(RefusedBy(Int(10) + Int(3) + Text("No such file")), "3 No such file");
-    EXPECT_EQ(RefusedBy(Int(77) + Int(12) + Text("bad")), "12 bad");
-    EXPECT_EQ(RefusedBy(Int(10) + Int(0) + Int(-1)), "0 Remote process launching error");
+    EXPECT_EQ(RefusedBy(Number(10) + Number(3) + Text("No such file")), "3 No such file");
+    EXPECT_EQ(RefusedBy(Number(77) + Number(12) + Text("bad")), "12 bad");
+    EXPECT_EQ(RefusedBy(Number(10) + Number(0) + Number(-1)), "0 Remote process launching error");
 }
 
 namespace {
@@ -307,7 +296,7 @@ struct Stuck
     explicit Stuck(ioStream* out = nullptr)
     {
         std::swap(pair.near, pair.far);
-        Send(pair, Int(0));
+        Send(pair, Number(0));
         process.reset(
             rshProcess::Create(pair.near.get(), "command", nullptr, endless.get(), out, nullptr, 0, 0));
         end.reset(process->ExitEvent());
@@ -330,7 +319,7 @@ struct Stuck
 TEST(rshProcess, AcceptsTheEndFromAServerThatReadsNothing)
 {
     Stuck stuck;
-    Send(stuck.pair, Int(6) + Int(5) + Int(7));
+    Send(stuck.pair, Number(6) + Number(5) + Number(7));
     EXPECT_EQ(stuck.end->evtEvent::Wait(10.0), 1);
     EXPECT_EQ(stuck.process->GetExitCode(), 5);
 }
@@ -352,7 +341,7 @@ TEST(rshProcess, SleepsWhileOutputOfAClosedServerIsUnread)
 {
     StreamPair pair;
     std::swap(pair.near, pair.far);
-    Send(pair, Int(0) + Int(3) + Text(std::string(100000, 'x')) + Int(3) + Int(1));
+    Send(pair, Number(0) + Number(3) + Text(std::string(100000, 'x')) + Number(3) + Number(1));
     const Owned<rshProcess> process(
         rshProcess::Create(pair.near.get(), "command", nullptr, nullptr, nullptr, nullptr, 0, 0));
     pair.nearSocket->ShutdownOutput();

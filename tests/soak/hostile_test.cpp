@@ -26,6 +26,7 @@
 #include "support/nameserver.h"
 #include "support/qelprogram.h"
 #include "support/resident.h"
+#include "support/wire.h"
 
 namespace {
 
@@ -50,19 +51,6 @@ struct Service
     // Makes large answers possible; its resources are kept until the end.
     std::function<void(int port)> prepare = [](int) {};
 };
-
-std::string Number(int value)
-{
-    std::string bytes;
-    nmsPutInt(bytes, value);
-    return bytes;
-}
-
-// In the form of the remote shell and of streams.
-std::string Text(const std::string& text)
-{
-    return Number(static_cast<int>(text.size())) + text;
-}
 
 std::string NamesRequest(nmsRequestCode code)
 {
