@@ -4,7 +4,6 @@
 #include <latch>
 #include <memory>
 #include <random>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -18,6 +17,7 @@
 #include "configsupport.h"
 #include "support/child.h"
 #include "support/environment.h"
+#include "support/faults.h"
 #include "support/interrupt.h"
 #include "support/longrun.h"
 #include "support/resident.h"
@@ -61,11 +61,6 @@ Faulty updateWithFault(const std::string& path, const std::string& call, const s
     return {killed || dir.read("trace").find("INJECTED") != std::string::npos, code};
 }
 
-bool hasStrace()
-{
-    return std::system("strace -qq -o /dev/null true >/dev/null 2>&1") == 0;
-}
-
 /// The content as read by an opening for reading.
 std::string asRead(const std::string& path)
 {
@@ -102,7 +97,7 @@ INSTANTIATE_TEST_SUITE_P(InPlace, ConfigFaults, testing::Values(true));
 
 TEST_P(ConfigFaults, IsOldOrNewWhenItsWriterIsKilledAtAnyCall)
 {
-    if (!hasStrace())
+    if (!canInjectFaults())
         GTEST_SKIP() << "needs strace";
     int kept = 0, replaced = 0;
     for (const char* call : {"write", "pwrite64", "fsync", "renameat,renameat2", "unlinkat", "fchmod",
@@ -130,7 +125,7 @@ TEST_P(ConfigFaults, IsOldOrNewWhenItsWriterIsKilledAtAnyCall)
 
 TEST_P(ConfigFaults, ContentMatchesTheReportedResultWhenACallFails)
 {
-    if (!hasStrace())
+    if (!canInjectFaults())
         GTEST_SKIP() << "needs strace";
     int failed = 0;
     std::vector<const char*> errors = {"ENOSPC", "EIO", "EDQUOT", "EROFS"};
@@ -158,25 +153,13 @@ TEST_P(ConfigFaults, ContentMatchesTheReportedResultWhenACallFails)
     EXPECT_GE(failed, GetParam() ? 4 : 6);
 }
 
-namespace {
-
-constexpr int cannotMount = 77;
-
-/// Whether this process now has a private mount namespace.
-bool hasOwnMounts()
-{
-    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-}
-
-} // namespace
-
 TEST_F(Config, InPlaceUpdateOnAFullDiskKeepsItWhole)
 {
     dir.makeDir("small");
     const std::string file = dir.path("small/config");
-    const int status = runInChild([&] {
-        if (!hasOwnMounts() || mount("none", dir.path("small"), "tmpfs", 0, "size=64k") != 0)
-            return cannotMount;
+    expectSuccessInChild("needs the right to mount", [&] {
+        if (!enterOwnMounts() || mount("none", dir.path("small"), "tmpfs", 0, "size=64k") != 0)
+            return notAllowed;
         dir.write("small/config", oldContent);
         std::filesystem::create_hard_link(file, dir.path("small/other"));
         dir.write("small/filler", std::string(48 * 1024, 'f')); // 2 of 16 pages are left
@@ -188,26 +171,22 @@ TEST_F(Config, InPlaceUpdateOnAFullDiskKeepsItWhole)
             return 2;
         return dir.read("small/config") == oldContent && !dir.has("small/.qelupdate") ? 0 : 3;
     });
-    if (status == cannotMount)
-        GTEST_SKIP() << "needs the right to mount";
-    EXPECT_EQ(status, 0);
 }
 
 TEST_F(Config, MayBeAMountPoint)
 {
     dir.write("config", "a:1\n");
     dir.write("outside", "a:1\n");
-    const int status = runInChild([&] {
-        if (!hasOwnMounts() || mount(dir.path("outside"), path(), nullptr, MS_BIND, nullptr) != 0)
-            return cannotMount;
+    expectSuccessInChild("needs the right to mount", [&] {
+        if (!enterOwnMounts() || mount(dir.path("outside"), path(), nullptr, MS_BIND, nullptr) != 0)
+            return notAllowed;
         hmxConfigFile file;
         file.Open(path(), hmxConfigFile::ReadWrite);
         file.SetValue("b", "2");
         return file.CloseChecked() ? 0 : static_cast<int>(GetLastError());
     });
-    if (status == cannotMount)
-        GTEST_SKIP() << "needs the right to mount";
-    EXPECT_EQ(status, 0);
+    if (IsSkipped())
+        return;
     EXPECT_EQ(dir.read("outside"), "a:1\nb:2\n");
     EXPECT_EQ(nodes(), 2);
 }

@@ -22,6 +22,7 @@
 #include "support/descriptors.h"
 #include "support/environment.h"
 #include "support/failingmalloc.h"
+#include "support/faults.h"
 #include "support/longrun.h"
 #include "support/nameserver.h"
 #include "support/tempdir.h"
@@ -71,18 +72,15 @@ private:
 /// Runs `body` in a child with an empty registry and a peer at 10.1.2.3. Skips the test where there are no networks.
 void withPeer(const std::function<void(const TempDir& dir, btkStreamSocket* peer)>& body)
 {
-    const int result = runInChild([&] {
+    expectSuccessInChild("this host lets nobody make networks", [&] {
         const TempDir dir(TempDir::InMemory);
         const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
         const RemotePeer peer;
         if (!peer)
-            return 77;
+            return notAllowed;
         body(dir, peer.socket());
-        return testing::Test::HasFailure() ? 1 : 0;
+        return 0;
     });
-    if (result == 77)
-        GTEST_SKIP() << "this host lets nobody make networks";
-    EXPECT_EQ(result, 0);
 }
 
 } // namespace
@@ -315,13 +313,12 @@ TEST(RightsProgram, ReadsRights)
 
 TEST(ReadConnectionRights, RightsAreUnknownWhenTheDiskOrTheFileServerFails)
 {
-    if (std::system("strace -qq -o /dev/null true >/dev/null 2>&1") != 0)
+    if (!canInjectFaults())
         GTEST_SKIP() << "needs strace";
     const TempDir dir(TempDir::InMemory);
     const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
     const EnvSetting output("QEL_TEST_RIGHTS", dir.path("state").c_str());
     Allow(hmxRegistry::User(), "*");
-    const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
     // At the store, on the way, and at the value.
     const struct
     {
@@ -330,12 +327,9 @@ TEST(ReadConnectionRights, RightsAreUnknownWhenTheDiskOrTheFileServerFails)
     } places[] = {{"openat", "store"}, {"openat", "store/User"}, {"openat", keyFolder}, {"read", valueFile}};
     for (const char* error : {"EIO", "ESTALE", "ENOMEM", "ENFILE"})
         for (const auto& [call, path] : places) {
-            const std::string command = "strace -qq -o /dev/null -f -e trace=" + std::string(call) +
-                                        " -e inject=" + call + ":error=" + error + ":when=1 -P " +
-                                        dir.path(path) + " " + self +
-                                        " --gtest_filter=RightsProgram.ReadsRights >/dev/null 2>&1";
             dir.write("state");
-            EXPECT_EQ(std::system(command.c_str()), 0);
+            EXPECT_TRUE(passesWithFault("RightsProgram.ReadsRights", call, std::string("error=") + error, 1,
+                                        {dir.path(path)}));
             EXPECT_EQ(dir.read("state"), std::to_string(netRightsUnknown)) << call << path << error;
         }
 }
@@ -373,9 +367,9 @@ TEST(ReadConnectionRights, ServesThreadsThatReadTheSameAndWriteTheirOwn)
 
 TEST(ReadConnectionRights, ServesTwoServersInOneProcess)
 {
-    const int result = runInChild([] {
+    expectSuccessInChild("this host lets nobody make networks", [] {
         if (!enterOwnNetwork({"127.0.0.1", "10.9.9.9", "10.1.2.3"}))
-            return 77;
+            return notAllowed;
         const TempDir dir(TempDir::InMemory);
         const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
         Allow(hmxRegistry::User(), "10.1.*");
@@ -396,9 +390,6 @@ TEST(ReadConnectionRights, ServesTwoServersInOneProcess)
         std::thread client(askOften, first.getPort());
         askOften(second.getPort());
         client.join();
-        return testing::Test::HasFailure() ? 1 : 0;
+        return 0;
     });
-    if (result == 77)
-        GTEST_SKIP() << "this host lets nobody make networks";
-    EXPECT_EQ(result, 0);
 }

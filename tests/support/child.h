@@ -2,6 +2,9 @@
 
 #include <cerrno>
 #include <csignal>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -57,4 +60,28 @@ template<typename Work>
 int runInChild(Work work)
 {
     return ChildProcess(work).wait();
+}
+
+/// The status of a child process that is not allowed what its work needs.
+constexpr int notAllowed = 77;
+
+/// Expects that `work` returns 0 in a child process, and fails no expectation there. Skips the test, for that `lack`,
+/// when it returns notAllowed.
+template<typename Work>
+void expectSuccessInChild(const char* lack, Work work)
+{
+    const int result = runInChild([&] {
+        const int status = work();
+        return status == 0 && testing::Test::HasFailure() ? 1 : status;
+    });
+    if (result == notAllowed)
+        GTEST_SKIP() << lack;
+    EXPECT_EQ(result, 0);
+}
+
+/// Gives this process its own mounts. False if the system does not allow that.
+inline bool enterOwnMounts()
+{
+    return (unshare(CLONE_NEWNS) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0) &&
+           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
