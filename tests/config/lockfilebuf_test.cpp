@@ -288,33 +288,22 @@ TEST_F(Config, LosesNoUpdateOfSeveralProcesses)
     constexpr int processes = 4;
     const int updates = ofALongRun(500, 5000);
     dir.write("config", "count:0\n");
-    const pid_t waiting = fork(); // a reader that is killed while it waits for its turn
-    if (waiting == 0)
+    const ChildProcess waiting([&]() -> int { // a reader that is killed while it waits for its turn
         for (;;)
             hmxConfigFile().Open(path(), hmxConfigFile::ReadOnly);
-    std::vector<pid_t> children;
-    for (int i = 0; i < processes; ++i) {
-        const pid_t child = fork();
-        if (child == 0) {
-            for (int n = 0; n < updates; ++n) {
-                hmxConfigFile file;
-                int count;
-                if (!file.Open(path(), hmxConfigFile::ReadWrite) || !file.GetValue("count").ToInt(&count))
-                    _exit(1);
-                file.SetValue("count", std::to_string(count + 1).c_str());
-                if (n == updates / 2 && i == 0)
-                    kill(waiting, SIGKILL);
-            }
-            _exit(0);
+    });
+    expectSuccessInChildren(processes, [&](int number) {
+        for (int n = 0; n < updates; ++n) {
+            hmxConfigFile file;
+            int count;
+            if (!file.Open(path(), hmxConfigFile::ReadWrite) || !file.GetValue("count").ToInt(&count))
+                return 1;
+            file.SetValue("count", std::to_string(count + 1).c_str());
+            if (n == updates / 2 && number == 0)
+                waiting.signal(SIGKILL);
         }
-        children.push_back(child);
-    }
-    for (const pid_t child : children) {
-        int status = -1;
-        waitpid(child, &status, 0);
-        EXPECT_EQ(status, 0);
-    }
-    waitpid(waiting, nullptr, 0);
+        return 0;
+    });
     EXPECT_EQ(content(), "count:" + std::to_string(processes * updates) + "\n");
 }
 

@@ -28,18 +28,6 @@ const InterruptedInLongRuns& interrupted = InterruptedInLongRuns::Add();
 
 constexpr btkTimeval patience(10, 0);
 
-// The server of a test; its handlers outlive it.
-Owned<netBaseServer> makeServer()
-{
-    return Owned<netBaseServer>(netBaseServer::Create(nullptr, 0));
-}
-
-Owned<netSocketStream> connectTo(netBaseServer& server)
-{
-    const xrchandle<netAddress> address(netAddress::Create(server.getPortN(), nullptr));
-    return Owned<netSocketStream>(netBaseServer::Connect(address.get(), 10.0));
-}
-
 const auto spawning = qel::onRequest([](netSocketStream&) { return netSpawnAsyncServer; });
 
 // One that serves all requests by asynchronous ones, which this handler serves.
@@ -120,7 +108,7 @@ TEST(netBaseServer, NeedsANameServerForItsNameOnly)
     const EnvSetting nobody("VRXNMSPORT", std::to_string(port).c_str());
     EXPECT_EQ(failureOf([] { netBaseServer::Create("counter", 0); }),
               "0 Can't register: Name Server not found");
-    EXPECT_NE(makeServer(), nullptr);
+    EXPECT_NE(makeBaseServer(), nullptr);
 }
 
 TEST(netBaseServer, WithoutHandlersClosesConnectionsAndContinues)
@@ -135,7 +123,7 @@ TEST(netBaseServer, WithoutHandlersClosesConnectionsAndContinues)
 
 TEST(netBaseServer, CallsTheIdleHandlerAfterEachTimeSlice)
 {
-    const Owned<netBaseServer> server = makeServer();
+    const Owned<netBaseServer> server = makeBaseServer();
     int calls = 0;
     const auto idle = qel::onIdle([&] { return ++calls < 3 ? netServerContinue : netServerTerminate; });
     server->setOnIdle(idle.get());
@@ -150,7 +138,7 @@ TEST(netBaseServer, CallsTheIdleHandlerAfterEachTimeSlice)
 
 TEST(netBaseServer, ServesUntilAHandlerStopsIt)
 {
-    const Owned<netBaseServer> server = makeServer();
+    const Owned<netBaseServer> server = makeBaseServer();
     const auto doubler = qel::onRequest([](netSocketStream& stream) {
         const int value = stream.ReadInt();
         stream.WriteInt(2 * value);
@@ -176,7 +164,7 @@ TEST(netBaseServer, ServesUntilAHandlerStopsIt)
 
 TEST(netBaseServer, ReportsAnExceptionOfAHandlerAndLetsItLeaveTheLoop)
 {
-    const Owned<netBaseServer> server = makeServer();
+    const Owned<netBaseServer> server = makeBaseServer();
     const auto failing =
         qel::onRequest([](netSocketStream&) -> netServerLoopAction { throw std::runtime_error("no\nway"); });
     server->setOnRequest(failing.get());
@@ -239,7 +227,7 @@ TEST(netBaseServer, SignalHandlerStopsItHoweverManyClientsConnect)
 
 TEST(netBaseServer, EarlyStopEndsTheNextLoopOnce)
 {
-    const Owned<netBaseServer> server = makeServer();
+    const Owned<netBaseServer> server = makeBaseServer();
     server->setTimeSlice(INFINITE);
     server->Stop();
     server->Run();
@@ -253,7 +241,7 @@ TEST(netBaseServer, EarlyStopEndsTheNextLoopOnce)
 
 TEST(netBaseServer, ListensOnTheGivenAddress)
 {
-    const Owned<netBaseServer> everywhere = makeServer();
+    const Owned<netBaseServer> everywhere = makeBaseServer();
     EXPECT_FALSE(everywhere->IsLoopbackOnly());
     const Owned<netBaseServer> here(netBaseServer::Create(nullptr, 0, "127.0.0.1"));
     ASSERT_NE(here, nullptr);
@@ -300,7 +288,7 @@ TEST(netBaseServer, ScreensConnectionsBeforeCreatingAStream)
 
 TEST(netBaseServer, AcceptsWithoutItsLoop)
 {
-    const Owned<netBaseServer> server = makeServer();
+    const Owned<netBaseServer> server = makeBaseServer();
     const Owned<netEvent> event(server->AcceptEvent());
     EXPECT_EQ(event->getServer(), server.get());
     EXPECT_TRUE(valueOf(event.get(), "Server") == xany(server.get()));

@@ -1,6 +1,5 @@
 #include <atomic>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <vector>
 
 #include <qel/xiolib.h>
@@ -13,28 +12,6 @@
 #include "support/testserver.h"
 
 namespace {
-
-// Raises the soft limit of descriptors to at least `count` during its lifetime.
-class DescriptorRoom
-{
-public:
-    explicit DescriptorRoom(rlim_t count)
-    {
-        getrlimit(RLIMIT_NOFILE, &before);
-        rlimit more = before;
-        more.rlim_cur = std::max(before.rlim_cur, std::min(before.rlim_max, count));
-        setrlimit(RLIMIT_NOFILE, &more);
-        isThere = more.rlim_cur >= count;
-    }
-    ~DescriptorRoom() { setrlimit(RLIMIT_NOFILE, &before); }
-    DescriptorRoom(const DescriptorRoom&) = delete;
-    DescriptorRoom& operator=(const DescriptorRoom&) = delete;
-
-    bool isThere = false;
-
-private:
-    rlimit before;
-};
 
 // Sends back the sum of the integers before a zero; threads serve odd sizes.
 netServerLoopAction sum(netSocketStream& stream)
@@ -120,8 +97,8 @@ TEST(netServerLoad, SixtyFourClientsLoseNoReply)
 TEST(netServerLoad, ConcurrentRequestsUseLittleMemoryAndAreJoined)
 {
     const int count = ofALongRun(200, 1000);
-    const DescriptorRoom room(static_cast<rlim_t>(6 * count + 100));
-    if (!room.isThere)
+    const DescriptorLimit room(6 * count + 100);
+    if (!room)
         GTEST_SKIP() << "too few descriptors for this";
     const long before = openDescriptors();
     {

@@ -13,23 +13,10 @@
 #include <qel/xnetlib.h>
 
 #include "support/descriptors.h"
+#include "support/testserver.h"
 #include "support/thrown.h"
 
 namespace {
-
-template<class T>
-using Owned = std::unique_ptr<T, qelDelete>;
-
-Owned<netBaseServer> makeServer()
-{
-    return Owned<netBaseServer>(netBaseServer::Create(nullptr, 0));
-}
-
-Owned<netSocketStream> connectTo(netBaseServer& server)
-{
-    const xrchandle<netAddress> address(netAddress::Create(server.getPortN(), nullptr));
-    return Owned<netSocketStream>(netBaseServer::Connect(address.get(), 10.0));
-}
 
 /// Records what is reported, and handles it or not.
 class Listener final : public xerrlistener
@@ -79,7 +66,7 @@ TEST(FunctionHandlers, ServeRequestsAndAreFreedWithTheServer)
 {
     const auto token = std::make_shared<int>(0);
     {
-        const Owned<netBaseServer> server = makeServer();
+        const Owned<netBaseServer> server = makeBaseServer();
         server->setOnRequest(qel::onRequest([token](netBaseServer& of, netSocketStream& stream) {
             stream.WriteInt(stream.ReadInt() + of.getPortN());
             return netServerTerminate;
@@ -101,7 +88,7 @@ TEST(FunctionHandlers, ServeRequestsAndAreFreedWithTheServer)
 
 TEST(FunctionHandlers, OnErrorDecidesWhetherTheServerGoesOn)
 {
-    const Owned<netBaseServer> server = makeServer();
+    const Owned<netBaseServer> server = makeBaseServer();
     int calls = 0;
     std::string seen;
     server->setOnRequest(qel::onRequest([&](netSocketStream&) {
@@ -129,7 +116,7 @@ TEST(FunctionHandlers, OnErrorDecidesWhetherTheServerGoesOn)
 
 TEST(FunctionHandlers, FailuresOfAsyncRequestsAreReportedByTheThreadOfRun)
 {
-    const Owned<netBaseServer> server = makeServer();
+    const Owned<netBaseServer> server = makeBaseServer();
     const std::string line =
         "netlib::BaseServer, port " + std::to_string(server->getPortN()) + ", client 127.0.0.1: ";
     const auto throwNull = [] { qelXNull::Throw(); };
@@ -151,7 +138,7 @@ TEST(FunctionHandlers, FailuresOfAsyncRequestsAreReportedByTheThreadOfRun)
 
 TEST(FunctionHandlers, FailuresAtTheEndOfTheServerAreReportedToo)
 {
-    Owned<netBaseServer> server = makeServer();
+    Owned<netBaseServer> server = makeBaseServer();
     std::atomic<bool> runs = false;
     server->setOnRequest(qel::onRequest([](netSocketStream&) { return netSpawnAsyncServer; }));
     server->setOnAsyncRequest(qel::onAsyncRequest([&](netSocketStream&, evtEvent& stop) {

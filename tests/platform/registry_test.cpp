@@ -598,25 +598,15 @@ TEST_F(Registry, WorksWhileInterruptedBySignals)
 
 TEST_F(Registry, LosesNoUpdateOfManyProcesses)
 {
-    std::vector<pid_t> children;
-    for (int child = 0; child < 4; ++child) {
-        const pid_t started = fork();
-        if (started == 0) {
-            for (int i = 0; i < 50; ++i) {
-                const Key key(HKEY_CURRENT_USER, "shared\\n" + std::to_string(i));
-                set(key, "by" + std::to_string(child), "x");
-                Key(HKEY_CURRENT_USER, "passing");
-                RegDeleteKeyA(HKEY_CURRENT_USER, "passing");
-            }
-            _exit(testing::Test::HasFailure() ? 1 : 0);
+    expectSuccessInChildren(4, [](int child) {
+        for (int i = 0; i < 50; ++i) {
+            const Key key(HKEY_CURRENT_USER, "shared\\n" + std::to_string(i));
+            set(key, "by" + std::to_string(child), "x");
+            Key(HKEY_CURRENT_USER, "passing");
+            RegDeleteKeyA(HKEY_CURRENT_USER, "passing");
         }
-        children.push_back(started);
-    }
-    for (const pid_t child : children) {
-        int status = -1;
-        waitpid(child, &status, 0);
-        EXPECT_EQ(status, 0);
-    }
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
     for (int i = 0; i < 50; ++i) {
         const Key key(HKEY_CURRENT_USER, "shared\\n" + std::to_string(i));
         for (int child = 0; child < 4; ++child)

@@ -3,10 +3,12 @@
 #include <cerrno>
 #include <csignal>
 #include <gtest/gtest.h>
+#include <memory>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 /// A child process that runs `work`, which returns the exit status; the parent's clean-up does not run in it.
 /// The destructor kills it, unless it has been waited for.
@@ -77,6 +79,17 @@ void expectSuccessInChild(const char* lack, Work work)
     if (result == notAllowed)
         GTEST_SKIP() << lack;
     EXPECT_EQ(result, 0);
+}
+
+/// Expects that `work(i)` returns 0 in each of `count` child processes that run at once.
+template<typename Work>
+void expectSuccessInChildren(int count, Work work)
+{
+    std::vector<std::unique_ptr<ChildProcess>> children;
+    for (int i = 0; i < count; ++i)
+        children.push_back(std::make_unique<ChildProcess>([&] { return work(i); }));
+    for (const auto& child : children)
+        EXPECT_EQ(child->wait(), 0);
 }
 
 /// Gives this process its own mounts. False if the system does not allow that.

@@ -29,12 +29,15 @@ public:
         getrlimit(RLIMIT_NOFILE, &before);
         rlimit less = before;
         less.rlim_cur = static_cast<rlim_t>(most);
-        setrlimit(RLIMIT_NOFILE, &less);
+        isSet = setrlimit(RLIMIT_NOFILE, &less) == 0;
     }
     ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before); }
     DescriptorLimit(const DescriptorLimit&) = delete;
     DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+    /// False when so many cannot be opened.
+    explicit operator bool() const { return isSet; }
 
 private:
+    bool isSet = false;
     rlimit before;
 };

@@ -8,6 +8,17 @@
 
 #include "support/owned.h"
 
+inline Owned<netBaseServer> makeBaseServer()
+{
+    return Owned<netBaseServer>(netBaseServer::Create(nullptr, 0));
+}
+
+inline Owned<netSocketStream> connectTo(netBaseServer& server)
+{
+    const xrchandle<netAddress> address(netAddress::Create(server.getPortN(), nullptr));
+    return Owned<netSocketStream>(netBaseServer::Connect(address.get(), 10.0));
+}
+
 /// A server whose loop runs in a separate thread until the object is destroyed.
 template<class Server>
 class ServedInThread
