@@ -80,10 +80,7 @@ void birthLeast(benchmark::State& state)
     for (auto _ : state) {
         auto* made = new LeastObject;
         benchmark::DoNotOptimize(made);
-        if (made->count == 1 && made->isDeletable()) {
-            made->onDelete();
-            delete made;
-        }
+        made->release();
     }
 }
 BENCHMARK(birthLeast)->Name("objects/make and drop, one thread/the least");

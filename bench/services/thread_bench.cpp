@@ -101,10 +101,8 @@ void threadedBirthLeast(benchmark::State& state)
     for (auto _ : state) {
         auto* made = new LeastObject;
         benchmark::DoNotOptimize(made);
-        if (made->count == 1 && made->isDeletable() &&
-            !isDestroying.exchange(true, std::memory_order_acquire)) {
-            made->onDelete();
-            delete made;
+        if (!isDestroying.exchange(true, std::memory_order_acquire)) {
+            made->release();
             isDestroying.store(false, std::memory_order_release);
         }
     }

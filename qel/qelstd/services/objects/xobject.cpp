@@ -1,55 +1,17 @@
 #include "xobject.h"
 
-#include <atomic>
 #include <utility>
 #include <vector>
 
 #include <qel/base/btkabort.h>
+#include <qel/base/thrbiasedmutex.h>
 
 #include "qelrtti.h"
 
 namespace {
 
-/// The lock that serializes object destruction. Most destructions are shorter than a sleep and a wake-up, so
-/// a waiting thread spins before it sleeps. Never destroyed: objects may be destroyed after every static.
-class DeathMutex
-{
-public:
-    void lock()
-    {
-        if (!tryLock())
-            wait();
-    }
-    void unlock()
-    {
-        if (state.exchange(open, std::memory_order_release) == heldAndWaitedFor)
-            notify();
-    }
-
-private:
-    // Out of line, away from the fast path.
-    [[gnu::noinline]] void wait()
-    {
-        for (int look = 0; look < 200; ++look)
-            if (tryLock())
-                return;
-        while (state.exchange(heldAndWaitedFor, std::memory_order_acquire) != open)
-            state.wait(heldAndWaitedFor, std::memory_order_relaxed);
-    }
-    [[gnu::noinline]] void notify() { state.notify_one(); }
-    bool tryLock()
-    {
-        int expected = open;
-        return state.load(std::memory_order_relaxed) == open &&
-               state.compare_exchange_strong(expected, held, std::memory_order_acquire);
-    }
-
-    enum : int { open, held, heldAndWaitedFor };
-
-    std::atomic<int> state = open;
-};
-
-constinit DeathMutex deathMutex;
+/// Serializes object destruction. Never destroyed: objects may be destroyed after every static.
+constinit thrBiasedMutex deathMutex;
 
 /// A thread's state of the destructions that it runs. A destructor that releases its members may start a
 /// chain of any length, which must not grow the stack: objects too deep in it wait for the outermost
@@ -60,6 +22,7 @@ struct Dying
 
     int depth;
     bool hasLock;
+    thrBiasedMutex::Entrant entrant;
     std::vector<xobject*>* waiting;
 
     /// False when memory runs out: the object is then destroyed at once, deeper on the stack.
@@ -98,7 +61,7 @@ public:
     DeathLock() : mine(thrIsThreaded() && !dying.hasLock)
     {
         if (mine) {
-            deathMutex.lock();
+            asFavourite = deathMutex.Lock(dying.entrant);
             dying.hasLock = true;
         }
     }
@@ -106,7 +69,7 @@ public:
     {
         if (mine) {
             dying.hasLock = false;
-            deathMutex.unlock();
+            deathMutex.Unlock(dying.entrant, asFavourite);
         }
     }
     DeathLock(const DeathLock&) = delete;
@@ -114,6 +77,7 @@ public:
 
 private:
     const bool mine;
+    bool asFavourite = false;
 };
 
 } // namespace

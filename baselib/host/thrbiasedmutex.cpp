@@ -1,0 +1,61 @@
+#include "thrbiasedmutex.h"
+
+#include <algorithm>
+#include <chrono>
+#include <linux/membarrier.h>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+constexpr int looks = 200;
+constexpr unsigned mostNeeded = 1U << 24;
+
+long callBarrier(int command)
+{
+    return syscall(SYS_membarrier, command, 0, 0);
+}
+
+// Whether threads can be evicted: older kernels, and sandboxes, may refuse the barrier.
+bool hasBarrier()
+{
+    static const bool has = callBarrier(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED) == 0;
+    return has;
+}
+
+} // namespace
+
+void thrBiasedMutex::Wait(Entrant& self)
+{
+    self.unhindered = 0;
+    for (int look = 0; look < looks; ++look)
+        if (TryLock())
+            return;
+    while (state.exchange(heldAndWaitedFor, std::memory_order_acquire) != open)
+        state.wait(heldAndWaitedFor, std::memory_order_relaxed);
+}
+
+void thrBiasedMutex::Wake(std::atomic<int>& changed)
+{
+    changed.notify_one();
+}
+
+// With the lock held in the ordinary way: evicts the favourite, and waits until it is outside; or makes this thread it.
+void thrBiasedMutex::Choose(Entrant& self)
+{
+    if (favourite.load(std::memory_order_relaxed) != nullptr) {
+        favourite.store(nullptr, std::memory_order_relaxed);
+        // In a sandbox entered meanwhile it may fail: nothing is under way for that long.
+        if (callBarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED) != 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        for (int look = 0; look < looks && isInside.load(std::memory_order_relaxed) != 0; ++look) {
+        }
+        while (isInside.load(std::memory_order_acquire) != 0)
+            isInside.wait(1, std::memory_order_acquire);
+        needed = std::min(needed * 8, mostNeeded);
+    } else if (hasBarrier()) {
+        favourite.store(&self, std::memory_order_relaxed);
+    }
+    self.unhindered = 0;
+}

@@ -1,0 +1,138 @@
+#include <atomic>
+#include <gtest/gtest.h>
+#include <latch>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <qel/base/thrbiasedmutex.h>
+
+namespace {
+
+// Thread i enters streaks[i] times in a row again and again, and makes `total` entries in all.
+long countedBy(const std::vector<int>& streaks, int total)
+{
+    thrBiasedMutex mutex;
+    long count = 0;
+    bool isInside = false;
+    std::vector<std::thread> threads;
+    for (const int streak : streaks)
+        threads.emplace_back([&, streak] {
+            thrBiasedMutex::Entrant self;
+            for (int i = 0; i < total; ++i) {
+                const thrBiasedMutex::Section section(mutex, self);
+                EXPECT_FALSE(std::exchange(isInside, true));
+                ++count;
+                isInside = false;
+                if (i % streak == 0)
+                    std::this_thread::yield();
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    return count;
+}
+
+void enter(thrBiasedMutex& mutex, thrBiasedMutex::Entrant& self, int times)
+{
+    for (int i = 0; i < times; ++i)
+        const thrBiasedMutex::Section section(mutex, self);
+}
+
+class BiasedMutex : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        thrBiasedMutex mutex;
+        thrBiasedMutex::Entrant one;
+        enter(mutex, one, 1000);
+        if (!mutex.IsFavourite(one))
+            GTEST_SKIP() << "the operating system has no barrier for all threads of a process";
+    }
+};
+
+} // namespace
+
+TEST_F(BiasedMutex, LetsOneThreadInAtATime)
+{
+    EXPECT_EQ(countedBy({1, 1}, 50000), 100000);
+    EXPECT_EQ(countedBy({1000, 1}, 50000), 100000);
+    EXPECT_EQ(countedBy({5000, 700, 3}, 50000), 150000);
+}
+
+TEST_F(BiasedMutex, FavoursAThreadUntilAnotherOneComes)
+{
+    thrBiasedMutex mutex;
+    thrBiasedMutex::Entrant one, other;
+    enter(mutex, one, 60);
+    EXPECT_FALSE(mutex.IsFavourite(one));
+    enter(mutex, one, 10);
+    EXPECT_TRUE(mutex.IsFavourite(one));
+    std::thread([&] { enter(mutex, other, 1); }).join();
+    EXPECT_FALSE(mutex.IsFavourite(one));
+    enter(mutex, one, 100);
+    EXPECT_FALSE(mutex.IsFavourite(one)) << "after an eviction it takes longer";
+    enter(mutex, one, 500);
+    EXPECT_TRUE(mutex.IsFavourite(one));
+}
+
+TEST_F(BiasedMutex, EvictedFavouriteIsOutside)
+{
+    constexpr std::size_t rounds = 3000;
+    struct Round
+    {
+        thrBiasedMutex mutex;
+        std::atomic<bool> isInside = false, hasEvicted = false;
+    };
+    std::vector<Round> all(rounds);
+    thrBiasedMutex::Entrant one, other;
+    std::thread favourite([&] {
+        for (Round& round : all)
+            while (!round.hasEvicted.load(std::memory_order_relaxed)) {
+                const thrBiasedMutex::Section section(round.mutex, one);
+                round.isInside.store(true, std::memory_order_relaxed);
+                round.isInside.store(false, std::memory_order_relaxed);
+            }
+    });
+    std::size_t broken = 0;
+    for (Round& round : all) {
+        while (!round.mutex.IsFavourite(one))
+            std::this_thread::yield();
+        {
+            const thrBiasedMutex::Section section(round.mutex, other);
+            bool isInside = false;
+            for (int look = 0; look < 20; ++look)
+                isInside = isInside || round.isInside.load(std::memory_order_relaxed);
+            broken += isInside ? 1 : 0;
+        }
+        round.hasEvicted = true;
+    }
+    favourite.join();
+    EXPECT_EQ(broken, 0u);
+}
+
+TEST_F(BiasedMutex, WaitingThreadSleepsUntilTheFavouriteIsOutside)
+{
+    thrBiasedMutex mutex;
+    thrBiasedMutex::Entrant one;
+    enter(mutex, one, 100);
+    std::latch waits(1);
+    bool isOutside = false;
+    std::thread other;
+    {
+        const thrBiasedMutex::Section section(mutex, one);
+        other = std::thread([&] {
+            thrBiasedMutex::Entrant self;
+            waits.count_down();
+            const thrBiasedMutex::Section entered(mutex, self);
+            EXPECT_TRUE(isOutside);
+        });
+        waits.wait();
+        // More than it looks before it sleeps, if the machine is not busy.
+        for (int i = 0; i < 2000; ++i)
+            std::this_thread::yield();
+        isOutside = true;
+    }
+    other.join();
+}
