@@ -10,6 +10,7 @@
 #include <benchmark/benchmark.h>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <glib.h>
 #include <malloc.h>
@@ -258,6 +259,99 @@ private:
     QHash<Text, int> d;
 };
 
+/// The published rule of a dictionary's slots, each probe by itself.
+class LeastSlots
+{
+public:
+    /// Returns the number of the entry.
+    unsigned add(const char* key, std::size_t length)
+    {
+        if ((count + 1) * 100 > places.size() * 90)
+            grow();
+        const unsigned id = unused.empty() ? static_cast<unsigned>(all.size()) : unused.back();
+        if (unused.empty())
+            all.emplace_back();
+        else
+            unused.pop_back();
+        const auto at = [key](std::size_t i) { return static_cast<int>(key[i]); };
+        all[id].start = static_cast<unsigned>(at(length / 2) * at(length - 1) * at(0));
+        all[id].step = static_cast<unsigned>(2 * (at(length / 2 + 1) ^ at(length - 2) ^ at(1)) + 1);
+        take(id);
+        ++count;
+        return id;
+    }
+    void remove(unsigned id)
+    {
+        places[all[id].slot] = none;
+        unused.push_back(id);
+        --count;
+    }
+
+private:
+    static constexpr unsigned none = ~0u;
+    struct Entry
+    {
+        unsigned start, step, slot;
+    };
+
+    void take(unsigned id)
+    {
+        Entry& entry = all[id];
+        const auto mask = static_cast<unsigned>(places.size() - 1);
+        for (entry.slot = entry.start & mask; places[entry.slot] != none;)
+            entry.slot = (entry.slot + entry.step) & mask;
+        places[entry.slot] = id;
+    }
+    void grow()
+    {
+        const std::vector<unsigned> old =
+            std::exchange(places, std::vector<unsigned>(2 * places.size(), none));
+        for (const unsigned id : old)
+            if (id != none)
+                take(id);
+    }
+
+    std::vector<Entry> all;
+    std::vector<unsigned> unused;
+    std::vector<unsigned> places = std::vector<unsigned>(32, none);
+    std::size_t count = 0;
+};
+
+/// The least: keys are zero-terminated, so that each operation measures its key, which a QByteArray knows; and a change
+/// takes or frees a slot.
+struct Least
+{
+    static constexpr const char* name = "the least";
+    using Key = QtHash<QByteArray>::Key;
+    bool find(const Key& key, int* out)
+    {
+        benchmark::DoNotOptimize(std::strlen(key.text.constData()));
+        const auto at = d.constFind(key.text);
+        if (at == d.constEnd())
+            return false;
+        *out = static_cast<int>(at.value());
+        return true;
+    }
+    void set(const Key& key, int)
+    {
+        const std::size_t length = std::strlen(key.text.constData());
+        if (!d.contains(key.text))
+            d.insert(key.text, rule.add(key.text.constData(), length));
+    }
+    void remove(const Key& key)
+    {
+        benchmark::DoNotOptimize(std::strlen(key.text.constData()));
+        if (const auto at = d.find(key.text); at != d.end()) {
+            rule.remove(at.value());
+            d.erase(at);
+        }
+    }
+
+private:
+    QHash<QByteArray, unsigned> d;
+    LeastSlots rule;
+};
+
 struct Glib
 {
     static constexpr const char* name = "GHashTable";
@@ -452,7 +546,7 @@ void addChanges(Add add, bool large)
 }
 
 template<class D>
-void addOne(const std::string& family, const Texts& (*texts)(), bool large)
+void addOne(const std::string& family, const Texts& (*texts)(), bool large = false)
 {
     const auto add = [&](const char* operation, auto run) {
         const std::string name = std::string("collections/") + operation + " " + family + "/" + D::name;
@@ -464,11 +558,14 @@ void addOne(const std::string& family, const Texts& (*texts)(), bool large)
                 else
                     run(state, Keys<D>(texts()));
             });
-        return large ? added->Repetitions(3) : added;
+        return large ? added->Repetitions(5) : added;
     };
     add("find", find<D, true>);
     add("miss", find<D, false>);
-    addChanges<D>(add, large);
+    if constexpr (!std::is_same_v<D, Least>)
+        addChanges<D>(add, large);
+    else
+        add("replace", replace<D>);
 }
 
 template<Texts (*make)(std::size_t), std::size_t n>
@@ -485,6 +582,8 @@ void addFamily(const std::string& family, const Texts& (*texts)(), bool large = 
     addOne<QtHash<QByteArray>>(family, texts, large);
     addOne<QtHash<QString>>(family, texts, large);
     addOne<Glib>(family, texts, large);
+    if (!large) // the rule alone would take quadratic time
+        addOne<Least>(family, texts);
 }
 
 [[maybe_unused]] const bool added = [] {
