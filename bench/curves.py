@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""curves.py FOLDER [FILTER]: measures the rows that have a target and the costs by size, and writes them to docs.
+"""curves.py FOLDER [rows | FILTER]: measures the rows that have a target and the costs by size, and writes them to docs.
 
-The tables of docs/performance.md between its two marks are replaced, and so are the plots docs/performance-*.svg. FILTER, a
-regular expression on the names of curves, measures these only and leaves the tables alone.
+What stands in docs/performance.md behind its mark is replaced, and so are the plots docs/performance-*.svg. `rows`: only the
+table of the rows with a target. FILTER, a regular expression on the names of curves: only the plots of these.
 """
 import math
 import pathlib
@@ -106,16 +106,22 @@ def row_text(found, wanted):
 def main():
     if len(sys.argv) not in (2, 3):
         sys.exit(__doc__)
-    parts = []
-    if len(sys.argv) == 2:
+    folder, only = sys.argv[1], sys.argv[2] if len(sys.argv) == 3 else ""
+    page = DOCS / "performance.md"
+    text, rest = page.read_text().split(MARKS)
+    table = ""
+    if only in ("", "rows"):
         wanted = report.targets()
         names = "^(" + "|".join(pattern(row) for row in wanted) + ")(/|$)"
-        parts.append(row_text(measured(sys.argv[1], names, 5), wanted))
-    found = measured(sys.argv[1], sys.argv[2] if len(sys.argv) == 3 else "^curves", 3)
-    parts += [curve_text(area, title, by_who) for (area, title), by_who in curves(found).items()]
-    if len(sys.argv) == 2:
-        page = DOCS / "performance.md"
-        page.write_text(page.read_text().split(MARKS)[0] + MARKS + "\n" + "\n".join(parts))
+        table = row_text(measured(folder, names, 5), wanted)
+    if only == "rows":
+        rest = re.sub(r"### Rows with a target\n.*?(?=\n### |$)", lambda _: table, rest, count=1, flags=re.DOTALL)
+    else:
+        found = measured(folder, only or "^curves", 3)
+        drawn = [curve_text(area, title, by_who) for (area, title), by_who in curves(found).items()]
+        rest = "\n" + "\n".join([table, *drawn])
+    if only in ("", "rows"):
+        page.write_text(text + MARKS + rest)
 
 
 if __name__ == "__main__":
