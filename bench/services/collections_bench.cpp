@@ -100,8 +100,8 @@ void appendThousand(benchmark::State& state, Make make)
     }
 }
 
-/// The least: classes may override how their sequences append and grow, and the number of elements is kept in the
-/// sequence.
+/// The least: classes may override how their sequences append and grow; the number of elements is kept in the sequence;
+/// the capacity grows by blocks of 256 bytes, which are zero.
 class LeastSequence
 {
 public:
@@ -111,7 +111,7 @@ public:
     ~LeastSequence() { std::free(data); }
     void append(int value)
     {
-        if (isOwn && count < room)
+        if (isOwn && count < capacity)
             data[count++] = value;
         else
             grow(value);
@@ -120,14 +120,19 @@ public:
 private:
     [[gnu::noinline]] void grow(int value)
     {
-        room = std::max(16u, 2 * room);
-        data = static_cast<int*>(std::realloc(data, room * sizeof *data));
+        constexpr unsigned block = 64;
+        if (capacity + block > room) {
+            room = std::max(block, 2 * room);
+            data = static_cast<int*>(std::realloc(data, room * sizeof *data));
+        }
+        std::memset(data + capacity, 0, block * sizeof *data);
+        capacity += block;
         benchmark::ClobberMemory();
         data[count++] = value;
     }
 
     int* data = nullptr;
-    unsigned count = 0, room = 0;
+    unsigned count = 0, capacity = 0, room = 0;
     bool isOwn = true;
 };
 
@@ -553,6 +558,7 @@ void addOne(const std::string& family, const Texts& (*texts)(), bool large = fal
         benchmark::internal::Benchmark* const added =
             benchmark::RegisterBenchmark(name.c_str(), [texts, run](benchmark::State& state) {
                 treatFreed(Freed::kept);
+                malloc_trim(0); // whatever ran before
                 if (texts().empty())
                     state.SkipWithError("no /usr/share/dict/words: install wamerican");
                 else
