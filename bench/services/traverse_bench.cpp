@@ -400,6 +400,20 @@ void printByHand(std::ostream& os)
     static const PlainGroup group;
     write(os, group);
 }
+// The least: each line is written, so that whoever reads the file sees it at once.
+void writeLines(std::ostream& os)
+{
+    static const std::vector<std::string> lines = [] {
+        std::stringstream text;
+        printByHand(text);
+        std::vector<std::string> made;
+        for (std::string line; std::getline(text, line);)
+            made.push_back(text.eof() ? line : line + '\n');
+        return made;
+    }();
+    for (const std::string& line : lines)
+        os.write(line.data(), static_cast<std::streamsize>(line.size())).flush();
+}
 
 BENCHMARK_CAPTURE(toString, qelstd, printQelstd)->Name("traverse/print to a string/qelstd");
 BENCHMARK_CAPTURE(toString, hand, printByHand)->Name("traverse/print to a string/handwritten");
@@ -407,6 +421,7 @@ BENCHMARK_CAPTURE(toFile, qelstd, printQelstd)->Name("traverse/print to a file/q
 BENCHMARK_CAPTURE(toFile, whole, printWhole)->Name("traverse/print to a file at once/qelstd");
 BENCHMARK_CAPTURE(toFile, lines, printByHand)->Name("traverse/print to a file at once/handwritten lines");
 BENCHMARK_CAPTURE(toFile, hand, printByHand)->Name("traverse/print to a file/handwritten");
+BENCHMARK_CAPTURE(toFile, least, writeLines)->Name("traverse/print to a file/the least");
 
 } // namespace
 
