@@ -1,3 +1,4 @@
+#include <CLI/CLI.hpp>
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include <CLI/App.hpp>
 #include <functional>
 #include <initializer_list>
 #include <map>
@@ -10,6 +10,9 @@
 #include <vector>
 
 #include <qel/xobject.h>
+
+// Not <CLI/CLI.hpp>: of each source that includes it, the compiler makes all the parser's formatters. Those that construct a
+// CLI::App include it.
 
 // The building blocks of the groups of commands. A group has one source, with one function of the type
 // AddCommands, which is listed in one row of the table in program.cpp:

@@ -1,4 +1,5 @@
 // qel: the command-line program of the library.
+#include <CLI/CLI.hpp>
 #include <cstring>
 #include <exception>
 #include <iostream>

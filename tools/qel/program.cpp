@@ -1,6 +1,7 @@
 // The groups of commands, and the options they share.
 #include "program.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <numeric>
 #include <utility>

@@ -308,7 +308,7 @@ void AddRegistryCommands(CLI::App& program)
     addName(set, *choices).required();
     set.add_option("value", choices->value, "The value, a text")->type_name("VALUE")->required();
 
-    CLI::App& remove = *group.add_subcommand("delete", "Remove a value, or a key with its values");
+    CLI::App& remove = AddCommand(group, "delete", "Remove a value, or a key with its values", nullptr);
     addRoots(remove, *choices);
     addKey(remove, *choices).required();
     CLI::Option* const name = &addName(remove, *choices);

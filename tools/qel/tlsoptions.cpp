@@ -47,7 +47,7 @@ struct TlsCommand
 TlsCommand add(CLI::App& group, const RunTls& run, const char* name, const char* help)
 {
     const auto choices = std::make_shared<TlsChoices>();
-    CLI::App& command = *group.add_subcommand(name, help);
+    CLI::App& command = AddCommand(group, name, help, nullptr);
     command.callback([choices, &command, run] { run(command, *choices); });
     return {command, *choices};
 }

@@ -1,4 +1,5 @@
 // qel-tls COMMAND...: makes and shows certificates. `qel tls` becomes this program.
+#include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
 #include <map>
