@@ -5,6 +5,21 @@ set(QELSTD_TEST_TIMEOUT 300 CACHE STRING "Seconds after which ctest ends a test"
 find_package(GTest REQUIRED)
 add_custom_target(thread_tests)
 
+# qel_measures_time(TEST...): these have limits of time, with room for one other test beside them. They begin first, as together
+# they take longest.
+function(qel_measures_time)
+  set_tests_properties(${ARGN} PROPERTIES RESOURCE_LOCK clock COST 100)
+endfunction()
+
+if(QELSTD_PRECOMPILE)
+  # Compiled once for all tests. None of the project's headers, as a change of one would compile every test again.
+  file(CONFIGURE OUTPUT test_headers.cpp CONTENT "int main() {}\n")
+  add_executable(test_headers ${CMAKE_CURRENT_BINARY_DIR}/test_headers.cpp)
+  target_link_libraries(test_headers PRIVATE qel_options GTest::gtest)
+  target_precompile_headers(test_headers PRIVATE <gtest/gtest.h> <algorithm> <atomic> <chrono> <filesystem> <fstream>
+    <functional> <random> <sstream> <thread>)
+endif()
+
 function(qel_add_test name)
   cmake_parse_arguments(arg "" "" "LABELS;LIBRARIES" ${ARGN})
   if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${name}.c)
@@ -12,6 +27,9 @@ function(qel_add_test name)
   else()
     add_executable(${name} ${name}.cpp)
     target_link_libraries(${name} PRIVATE GTest::gtest GTest::gmock GTest::gtest_main)
+    if(QELSTD_PRECOMPILE)
+      target_precompile_headers(${name} REUSE_FROM test_headers)
+    endif()
   endif()
   target_link_libraries(${name} PRIVATE qel_options qel_test_support qelstd::qelstd ${arg_LIBRARIES})
   add_test(NAME ${name} COMMAND ${name})
