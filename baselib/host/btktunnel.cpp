@@ -435,8 +435,14 @@ btkTunnel::~btkTunnel()
 std::unique_ptr<btkStreamSocket> btkTunnel::Open(btkFd input, btkFd output, btkTimeval limit)
 {
     const btkTimeval end = limit.IsForever() ? limit : btkTimeval::Now() + limit;
-    if (!sendOpening(output.Get(), end) || !receiveOpening(input.Get(), end))
+    const bool isSent = sendOpening(output.Get(), end);
+    // What a program wrote before it exited says more than that it has exited.
+    if ((!isSent && errno != EPIPE) || !receiveOpening(input.Get(), end))
         return nullptr;
+    if (!isSent) {
+        errno = ECONNRESET;
+        return nullptr;
+    }
     btkFrameLink link;
     link.channel = std::make_unique<Descriptors>(std::move(input), std::move(output));
     return Open(link);

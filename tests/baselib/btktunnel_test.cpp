@@ -241,16 +241,20 @@ TEST(BtkTunnel, OpensWithAnotherOnly)
         btkInputPipe from, taken;
         EXPECT_TRUE(btkAnonymousPipe::Create(to, from) && btkAnonymousPipe::Create(unused, taken));
         EXPECT_EQ(btkWrite(to.Get(), bytes.data(), bytes.size()), bytes.size());
-        if (ends)
+        if (ends) {
             to.Reset();
+            taken.Reset();
+        }
         btkTunnel tunnel;
         return tunnel.Open(btkFd(from.Release()), btkFd(unused.Release()), btkTimeval(0.2)) != nullptr
                    ? 0
                    : errno;
     };
     EXPECT_EQ(opened("Welcome to build7!\n", false), EPROTO);
+    EXPECT_EQ(opened("Welcome to build7!\n", true), EPROTO);
     EXPECT_EQ(opened("qel tunnel 2\n", false), EPROTO);
     EXPECT_EQ(opened("qel tun", true), ECONNRESET);
+    EXPECT_EQ(opened("qel tunnel 1\n", true), ECONNRESET);
     EXPECT_EQ(opened("qel tun", false), ETIMEDOUT);
     EXPECT_EQ(opened("qel tunnel 1\n", false), 0);
 }

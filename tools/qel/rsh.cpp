@@ -83,9 +83,7 @@ public:
     {
         if (error == EPROTO)
             return "something else than a server was written there: does the login print anything?";
-        // Which of the two it is depends on whether the program ended before it was written to.
-        const bool isLost = error == ECONNRESET || error == EPIPE;
-        if (!isLost || !WaitForEnd() || !Process_Wait(process, &code, false, true))
+        if (error != ECONNRESET || !WaitForEnd() || !Process_Wait(process, &code, false, true))
             return std::strerror(error);
         process = nullptr;
         return "exited with status " + std::to_string(code);
