@@ -131,8 +131,7 @@ void btkCarrier::Lose()
 void btkCarrier::Grant()
 {
     try {
-        if (const std::size_t grant = link.reader.TakeGrant(leastGrant);
-            grant > 0 && !link.reader.IsEnded())
+        if (const std::size_t grant = link.reader.TakeGrant(leastGrant); grant > 0 && !link.reader.IsEnded())
             btkPutCreditFrame(link.frames, grant);
     } catch (const std::bad_alloc&) {
         Lose(); // the peer would wait for it
