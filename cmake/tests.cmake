@@ -5,8 +5,8 @@ set(QELSTD_TEST_TIMEOUT 300 CACHE STRING "Seconds after which ctest ends a test"
 find_package(GTest REQUIRED)
 add_custom_target(thread_tests)
 
-# qel_measures_time(TEST...): these have limits of time, with room for one other test beside them. They begin first, as together
-# they take longest.
+# qel_measures_time(TEST...): these have limits of time, with room for other tests beside them, but not for one another. They
+# begin first, as together they take longest.
 function(qel_measures_time)
   set_tests_properties(${ARGN} PROPERTIES RESOURCE_LOCK clock COST 100)
 endfunction()
