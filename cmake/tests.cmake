@@ -5,10 +5,9 @@ set(QELSTD_TEST_TIMEOUT 300 CACHE STRING "Seconds after which ctest ends a test"
 find_package(GTest REQUIRED)
 add_custom_target(thread_tests)
 
-# qel_measures_time(TEST...): these have limits of time, with room for other tests beside them, but not for one another. They
-# begin first, as together they take longest.
+# qel_measures_time(TEST...): these measure time, and run with no other beside them.
 function(qel_measures_time)
-  set_tests_properties(${ARGN} PROPERTIES RESOURCE_LOCK clock COST 100)
+  set_tests_properties(${ARGN} PROPERTIES RUN_SERIAL TRUE)
 endfunction()
 
 if(QELSTD_PRECOMPILE)
