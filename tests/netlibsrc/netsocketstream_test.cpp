@@ -230,10 +230,10 @@ TEST(netSocketStream, BuffersAtMostItsBudgetsOfAPeersData)
         code = others.far->TryReadString(nullptr);
     }
     EXPECT_EQ(code, ioFormatError);
-    // It is found once enough of the bytes before it have been read.
+    // It is found once so many of the bytes before it have been read that the kernel has room for the rest.
     std::vector<char> part(100000);
     std::size_t taken = 0;
-    while (taken < 800000)
+    while (taken < 1000000)
         taken += others.far->ReadBytes(part.data(), static_cast<unsigned>(part.size()));
     EXPECT_TRUE(urgent->Wait(10.0));
     EXPECT_EQ(others.far->ReadOutOfBand(), 7);
