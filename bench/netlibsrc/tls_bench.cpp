@@ -11,6 +11,7 @@
 
 #include <qel/base/btksocket.h>
 #include <qel/netserver.h>
+#include <qel/qelserver.h>
 
 #include "support/certificates.h"
 #include "support/environment.h"
@@ -34,19 +35,17 @@ struct Folder
 };
 
 // Reads the blocks, and then replies.
-netServerLoopAction swallow(netSocketStream* accepted)
+void swallow(netSocketStream& stream)
 {
-    const Owned<netSocketStream> stream(accepted);
     std::vector<char> block(blockSize);
     allowStreamFailure([&] {
         for (;;) {
             for (std::size_t i = 0; i < blocks; ++i)
-                stream->ReadBytes(block.data(), blockSize);
-            stream->WriteInt(1);
-            stream->Flush(1);
+                stream.ReadBytes(block.data(), blockSize);
+            stream.WriteInt(1);
+            stream.Flush(1);
         }
     });
-    return netServerContinue;
 }
 
 void PingQelstd(benchmark::State& state)
@@ -62,9 +61,8 @@ void PingQelstd(benchmark::State& state)
 void StreamQelstd(benchmark::State& state)
 {
     const Folder folder;
-    RequestHandler handler(&swallow);
     netServer* const server = netServer::Create(nullptr, 0, "127.0.0.1");
-    server->setOnRequest(&handler);
+    server->setOnRequest(qel::onRequest(&swallow));
     ServedInThread<netServer> served(server);
     const xrchandle<netAddress> address(netAddress::Create(served.getPort(), "127.0.0.1"));
     const Owned<netSocketStream> stream(netServer::Connect(address.get(), 10.0));
