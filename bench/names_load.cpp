@@ -1,6 +1,6 @@
 // names_load register|query|txn HOST:PORT CLIENTS COUNT: makes that many requests, divided among concurrent clients,
-// and prints how many were done in a second and the 99th percentile of their times in ms. It then lives on, and with it
-// what it has registered, until its input ends.
+// and prints how many were done in a second and the 99th percentile of their times in ms. It then waits for the end of
+// its input, and keeps its registrations until then.
 //
 // register, query: a name server, whose clients connect for each request. txn: the gateway of etcd, in which each
 // transaction creates two keys as a registration does, on a connection of its own for each client.

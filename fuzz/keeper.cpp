@@ -1,7 +1,7 @@
 // A name server and its keeper, which shares the records in etcd, with all that they read: the input is a list of
 // lines, each a response of etcd, a message of its watch, a message between the two, or a record that is registered or
-// removed. The keeper handles each without more requests at once than it may have, and ends when the name server does;
-// what the name server then has are records within their limits.
+// removed. The keeper handles each without more requests at once than it may have, and ends when the name server does.
+// The name server's records then are within their limits.
 //
 // The first letter of a line: r, f: the response to the oldest request, with HTTP status 200 or 400; x: none came; w: a
 // message of the watch; p, n: a record of this process, or of none, is registered; d: it is removed; k, s: the bytes of

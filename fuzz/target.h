@@ -1,6 +1,6 @@
 #pragma once
 
-// What each target begins with.
+// Shared by the targets: their declaration, a check, and an input that is read in small parts.
 
 #include <cstddef>
 #include <cstdint>

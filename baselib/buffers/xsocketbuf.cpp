@@ -7,7 +7,7 @@
 
 namespace {
 
-// Of a buffer's socket, as long as there is one: afterwards it is signaled, so that no wait lasts for ever.
+// An event of a buffer's socket. Once the buffer is destroyed it is signaled, so that no wait hangs.
 class SocketEvent : public btkBaseEvent
 {
 protected:

@@ -436,7 +436,7 @@ std::unique_ptr<btkStreamSocket> btkTunnel::Open(btkFd input, btkFd output, btkT
 {
     const btkTimeval end = limit.IsForever() ? limit : btkTimeval::Now() + limit;
     const bool isSent = sendOpening(output.Get(), end);
-    // What a program wrote before it exited says more than that it has exited.
+    // A program may have written its error message and exited: read the message, which explains the failure.
     if ((!isSent && errno != EPIPE) || !receiveOpening(input.Get(), end))
         return nullptr;
     if (!isSent) {

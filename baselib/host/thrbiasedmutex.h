@@ -11,7 +11,8 @@
 ///
 ///     static constinit thrBiasedMutex mutex;
 ///     thread_local thrBiasedMutex::Entrant self;
-///     const thrBiasedMutex::Section section(mutex, self);
+///     const bool asFavourite = mutex.Lock(self);
+///     mutex.Unlock(self, asFavourite);
 class BASE_API thrBiasedMutex
 {
 public:
@@ -48,27 +49,10 @@ public:
 
     bool IsFavourite(const Entrant& self) const { return favourite.load(std::memory_order_relaxed) == &self; }
 
-    /// Holds the lock for the length of a block.
-    class Section
-    {
-    public:
-        Section(thrBiasedMutex& mutex, Entrant& self)
-            : locked(mutex), thread(self), asFavourite(mutex.Lock(self))
-        {
-        }
-        ~Section() { locked.Unlock(thread, asFavourite); }
-        Section(const Section&) = delete;
-        Section& operator=(const Section&) = delete;
-
-    private:
-        thrBiasedMutex& locked;
-        const Entrant& thread;
-        const bool asFavourite;
-    };
-
 private:
-    // What the favourite writes here and reads there, and an evicting thread the other way round, is ordered by a barrier
-    // that the latter makes all threads pass; the favourite's own accesses need the compiler's order only.
+    // The favourite writes isInside and then reads favourite; an evicting thread writes favourite and then reads
+    // isInside. Between the two, the latter makes all threads of the process pass a barrier, so that the favourite needs
+    // the compiler's order only.
     bool EnterAsFavourite(const Entrant& self)
     {
         // Orders this section behind the last one of a favourite that has exited, whose address a thread may have got.

@@ -280,7 +280,8 @@ public:
             unused.pop_back();
         const auto at = [key](std::size_t i) { return static_cast<int>(key[i]); };
         all[id].start = static_cast<unsigned>(at(length / 2) * at(length - 1) * at(0));
-        all[id].step = static_cast<unsigned>(2 * (at(length / 2 + 1) ^ at(length - 2) ^ at(1)) + 1);
+        const int way = length < 3 ? at(0) : at(length / 2 + 1) ^ at(length - 2) ^ at(1);
+        all[id].step = static_cast<unsigned>(2 * way + 1);
         take(id);
         ++count;
         return id;

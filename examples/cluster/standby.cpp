@@ -1,5 +1,4 @@
-// Serves under a name as soon as no other process of any machine does, and gives each client the answer: standby NAME
-// ANSWER
+// standby NAME ANSWER: serves under NAME as soon as no other process of any machine does, and sends each client ANSWER.
 
 #include <chrono>
 #include <iostream>

@@ -9,6 +9,23 @@
 
 namespace {
 
+class Section
+{
+public:
+    Section(thrBiasedMutex& mutex, thrBiasedMutex::Entrant& self)
+        : locked(mutex), thread(self), asFavourite(mutex.Lock(self))
+    {
+    }
+    ~Section() { locked.Unlock(thread, asFavourite); }
+    Section(const Section&) = delete;
+    Section& operator=(const Section&) = delete;
+
+private:
+    thrBiasedMutex& locked;
+    const thrBiasedMutex::Entrant& thread;
+    const bool asFavourite;
+};
+
 // Thread i enters streaks[i] times in a row again and again, and makes `total` entries in all.
 long countedBy(const std::vector<int>& streaks, int total)
 {
@@ -20,7 +37,7 @@ long countedBy(const std::vector<int>& streaks, int total)
         threads.emplace_back([&, streak] {
             thrBiasedMutex::Entrant self;
             for (int i = 0; i < total; ++i) {
-                const thrBiasedMutex::Section section(mutex, self);
+                const Section section(mutex, self);
                 EXPECT_FALSE(std::exchange(isInside, true));
                 ++count;
                 isInside = false;
@@ -36,7 +53,7 @@ long countedBy(const std::vector<int>& streaks, int total)
 void enter(thrBiasedMutex& mutex, thrBiasedMutex::Entrant& self, int times)
 {
     for (int i = 0; i < times; ++i)
-        const thrBiasedMutex::Section section(mutex, self);
+        const Section section(mutex, self);
 }
 
 class BiasedMutex : public testing::Test
@@ -90,7 +107,7 @@ TEST_F(BiasedMutex, EvictedFavouriteIsOutside)
     std::thread favourite([&] {
         for (Round& round : all)
             while (!round.hasEvicted.load(std::memory_order_relaxed)) {
-                const thrBiasedMutex::Section section(round.mutex, one);
+                const Section section(round.mutex, one);
                 round.isInside.store(true, std::memory_order_relaxed);
                 round.isInside.store(false, std::memory_order_relaxed);
             }
@@ -100,7 +117,7 @@ TEST_F(BiasedMutex, EvictedFavouriteIsOutside)
         while (!round.mutex.IsFavourite(one))
             std::this_thread::yield();
         {
-            const thrBiasedMutex::Section section(round.mutex, other);
+            const Section section(round.mutex, other);
             bool isInside = false;
             for (int look = 0; look < 20; ++look)
                 isInside = isInside || round.isInside.load(std::memory_order_relaxed);
@@ -121,11 +138,11 @@ TEST_F(BiasedMutex, WaitingThreadSleepsUntilTheFavouriteIsOutside)
     bool isOutside = false;
     std::thread other;
     {
-        const thrBiasedMutex::Section section(mutex, one);
+        const Section section(mutex, one);
         other = std::thread([&] {
             thrBiasedMutex::Entrant self;
             waits.count_down();
-            const thrBiasedMutex::Section entered(mutex, self);
+            const Section entered(mutex, self);
             EXPECT_TRUE(isOutside);
         });
         waits.wait();

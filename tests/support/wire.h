@@ -6,7 +6,7 @@
 
 #include "support/socketpair.h"
 
-// What protocols carry.
+// Bytes as the protocols send them, and test data to send.
 
 /// The four bytes of a number in network order.
 inline std::string Number(int value)

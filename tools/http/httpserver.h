@@ -64,6 +64,5 @@ private:
 };
 
 /// Whether a request with this header Host is for a server that listens on `host`. The name must be an address,
-/// localhost or `host` itself: a web page of elsewhere whose name its owner makes lead here must not read what we
-/// serve.
+/// localhost or `host` itself: a foreign web page must not read what we serve by making its own name resolve to here.
 bool IsOwnHost(const std::string& header, const std::string& host, bool isOnLoopback);

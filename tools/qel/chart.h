@@ -33,6 +33,5 @@ struct ChartStyle
 ChartStyle StyleOfOutput();
 /// At most `height` lines, each with its end.
 std::string DrawText(const Chart& chart, const ChartStyle& style);
-/// A picture in SVG, in the colours that the reader prefers, with a title and a description for those who do not see
-/// it.
+/// A picture in SVG, in the colours that the reader prefers, with a title and a description for screen readers.
 std::string DrawSvg(const Chart& chart);

@@ -11,8 +11,8 @@
 
 #include <qel/xobject.h>
 
-// Not <CLI/CLI.hpp>: of each source that includes it, the compiler makes all the parser's formatters. Those that construct a
-// CLI::App include it.
+// Not <CLI/CLI.hpp>, with which the compiler instantiates the parser's formatters in every source. Only sources that
+// construct a CLI::App include it.
 
 // The building blocks of the groups of commands. A group has one source, with one function of the type
 // AddCommands, which is listed in one row of the table in program.cpp:
