@@ -44,18 +44,31 @@ void thrBiasedMutex::Wake(std::atomic<int>& changed)
 // With the lock held in the ordinary way: evicts the favourite, and waits until it is outside; or makes this thread it.
 void thrBiasedMutex::Choose(Entrant& self)
 {
-    if (favourite.load(std::memory_order_relaxed) != nullptr) {
+    if (Seat* const evicted = favourite.load(std::memory_order_relaxed)) {
         favourite.store(nullptr, std::memory_order_relaxed);
         // In a sandbox entered meanwhile it may fail: nothing is under way for that long.
         if (callBarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED) != 0)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        for (int look = 0; look < looks && isInside.load(std::memory_order_relaxed) != 0; ++look) {
+        for (int look = 0; look < looks && evicted->isTaken.load(std::memory_order_relaxed) != 0; ++look) {
         }
-        while (isInside.load(std::memory_order_acquire) != 0)
-            isInside.wait(1, std::memory_order_acquire);
+        while (evicted->isTaken.load(std::memory_order_acquire) != 0)
+            evicted->isTaken.wait(1, std::memory_order_acquire);
         needed = std::min(needed * 8, mostNeeded);
     } else if (hasBarrier()) {
-        favourite.store(&self, std::memory_order_relaxed);
+        self.seat = FindSeat(self);
+        favourite.store(self.seat, std::memory_order_relaxed);
     }
     self.unhindered = 0;
+}
+
+// The seat of this thread, or the next unused one. Null: none is left.
+thrBiasedMutex::Seat* thrBiasedMutex::FindSeat(const Entrant& self)
+{
+    const auto found = std::find_if(seats.begin(), seats.end(), [&](const Seat& seat) {
+        return seat.owner == &self || seat.owner == nullptr;
+    });
+    if (found == seats.end())
+        return nullptr;
+    found->owner = &self;
+    return &*found;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 
 #include <qel/base/baseexport.h>
@@ -15,11 +16,14 @@
 ///     mutex.Unlock(self, asFavourite);
 class BASE_API thrBiasedMutex
 {
+    struct Seat;
+
 public:
     /// A thread to one mutex, in all calls the same.
     struct Entrant
     {
         unsigned unhindered = 0; // entries in a row
+        Seat* seat = nullptr;    // once it has been the favourite
     };
 
     constexpr thrBiasedMutex() = default;
@@ -47,17 +51,20 @@ public:
             Wake(state);
     }
 
-    bool IsFavourite(const Entrant& self) const { return favourite.load(std::memory_order_relaxed) == &self; }
+    bool IsFavourite(const Entrant& self) const
+    {
+        return self.seat != nullptr && favourite.load(std::memory_order_relaxed) == self.seat;
+    }
 
 private:
-    // The favourite writes isInside and then reads favourite; an evicting thread writes favourite and then reads
-    // isInside. Between the two, the latter makes all threads of the process pass a barrier, so that the favourite needs
-    // the compiler's order only.
+    // The favourite writes isTaken and then reads favourite; an evicting thread writes favourite and then reads isTaken.
+    // Between the two, the latter makes all threads of the process pass a barrier, so that the favourite needs the
+    // compiler's order only.
     bool EnterAsFavourite(const Entrant& self)
     {
-        // Orders this section behind the last one of a favourite that has exited, whose address a thread may have got.
-        isInside.load(std::memory_order_acquire);
-        isInside.store(1, std::memory_order_relaxed);
+        // Orders this section behind those of a thread that has exited, whose address and seat this one may have got.
+        self.seat->isTaken.load(std::memory_order_acquire);
+        self.seat->isTaken.store(1, std::memory_order_relaxed);
         std::atomic_signal_fence(std::memory_order_seq_cst);
         if (IsFavourite(self))
             return true;
@@ -66,10 +73,10 @@ private:
     }
     void LeaveAsFavourite(const Entrant& self)
     {
-        isInside.store(0, std::memory_order_release);
+        self.seat->isTaken.store(0, std::memory_order_release);
         std::atomic_signal_fence(std::memory_order_seq_cst);
         if (!IsFavourite(self))
-            Wake(isInside);
+            Wake(self.seat->isTaken);
     }
     bool TryLock()
     {
@@ -81,12 +88,22 @@ private:
     // In the library that waits: each library has a table of waiting threads of its own.
     static void Wake(std::atomic<int>& changed);
     void Choose(Entrant& self);
+    Seat* FindSeat(const Entrant& self);
+
+    // Only its owner writes isTaken: the system may stop a thread between its two steps for so long that it has been
+    // evicted meanwhile, and another one is the favourite. Seats are part of the mutex, as a thread may have exited.
+    struct Seat
+    {
+        const Entrant* owner = nullptr;
+        std::atomic<int> isTaken = 0;
+    };
 
     enum : int { open, held, heldAndWaitedFor };
 
     std::atomic<int> state = open;
-    std::atomic<int> isInside = 0; // the favourite, or one that has just been evicted
-    std::atomic<const Entrant*> favourite = nullptr;
     // Unhindered entries; more after each eviction, which costs as much as some hundred. Guarded by the lock.
     unsigned needed = 64;
+    std::atomic<Seat*> favourite = nullptr;
+    // Threads without one are no favourites. The addresses of threads that have exited recur.
+    std::array<Seat, 8> seats = {};
 };

@@ -1,6 +1,8 @@
 #include <atomic>
+#include <csignal>
 #include <gtest/gtest.h>
 #include <latch>
+#include <sched.h>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -56,6 +58,24 @@ void enter(thrBiasedMutex& mutex, thrBiasedMutex::Entrant& self, int times)
         const Section section(mutex, self);
 }
 
+// A thread runs `stop` for a signal halts wherever it is, until it may go on.
+std::atomic<bool> isStopped, mayGoOn;
+void stop(int)
+{
+    isStopped = true;
+    while (!mayGoOn)
+        sched_yield();
+    isStopped = false;
+}
+
+template<class Holds>
+bool holdsSoon(Holds holds, int looks)
+{
+    for (; looks > 0 && !holds(); --looks)
+        std::this_thread::yield();
+    return looks > 0;
+}
+
 class BiasedMutex : public testing::Test
 {
 protected:
@@ -96,7 +116,7 @@ TEST_F(BiasedMutex, FavoursAThreadUntilAnotherOneComes)
 
 TEST_F(BiasedMutex, EvictedFavouriteIsOutside)
 {
-    constexpr std::size_t rounds = 3000;
+    constexpr std::size_t rounds = 500;
     struct Round
     {
         thrBiasedMutex mutex;
@@ -127,6 +147,59 @@ TEST_F(BiasedMutex, EvictedFavouriteIsOutside)
     }
     favourite.join();
     EXPECT_EQ(broken, 0u);
+}
+
+TEST_F(BiasedMutex, ThreadThatIsStoppedOnItsWayInDisturbsNoLaterFavourite)
+{
+    struct sigaction handled = {}, before = {};
+    handled.sa_handler = &stop;
+    sigaction(SIGUSR1, &handled, &before);
+    int broken = 0, whole = 0;
+    for (int round = 0; round < 300; ++round) {
+        thrBiasedMutex mutex;
+        std::atomic<bool> isReady = false, isOver = false, isOtherInside = false, wasBroken = false;
+        std::thread first([&] {
+            thrBiasedMutex::Entrant self;
+            enter(mutex, self, 100);
+            isReady = true;
+            while (!isOver) {
+                const Section section(mutex, self);
+                if (isOtherInside)
+                    wasBroken = true;
+            }
+        });
+        holdsSoon([&] { return isReady.load(); }, 1 << 30);
+        mayGoOn = false;
+        pthread_kill(first.native_handle(), SIGUSR1);
+        holdsSoon([&] { return isStopped.load(); }, 1 << 30);
+
+        // If it is inside, it is waited for.
+        std::atomic<bool> isEvicted = false;
+        std::thread second([&] {
+            thrBiasedMutex::Entrant self;
+            enter(mutex, self, 1);
+            isEvicted = true;
+        });
+        if (holdsSoon([&] { return isEvicted.load(); }, 200)) {
+            thrBiasedMutex::Entrant third;
+            enter(mutex, third, 1000);
+            EXPECT_TRUE(mutex.IsFavourite(third));
+            const Section section(mutex, third);
+            isOtherInside = true;
+            mayGoOn = true;
+            holdsSoon([&] { return !isStopped; }, 1 << 30);
+            holdsSoon([&] { return wasBroken.load(); }, 50);
+            isOtherInside = false;
+            ++whole;
+        }
+        isOver = mayGoOn = true;
+        first.join();
+        second.join();
+        broken += wasBroken ? 1 : 0;
+    }
+    sigaction(SIGUSR1, &before, nullptr);
+    EXPECT_GT(whole, 0);
+    EXPECT_EQ(broken, 0);
 }
 
 TEST_F(BiasedMutex, WaitingThreadSleepsUntilTheFavouriteIsOutside)
