@@ -51,6 +51,7 @@ public:
             Wake(state);
     }
 
+    /// Whether the calling thread is the favourite.
     bool IsFavourite(const Entrant& self) const
     {
         return self.seat != nullptr && favourite.load(std::memory_order_relaxed) == self.seat;

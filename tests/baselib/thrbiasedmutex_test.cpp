@@ -120,7 +120,7 @@ TEST_F(BiasedMutex, EvictedFavouriteIsOutside)
     struct Round
     {
         thrBiasedMutex mutex;
-        std::atomic<bool> isInside = false, hasEvicted = false;
+        std::atomic<bool> isFavoured = false, isInside = false, hasEvicted = false;
     };
     std::vector<Round> all(rounds);
     thrBiasedMutex::Entrant one, other;
@@ -128,13 +128,14 @@ TEST_F(BiasedMutex, EvictedFavouriteIsOutside)
         for (Round& round : all)
             while (!round.hasEvicted.load(std::memory_order_relaxed)) {
                 const Section section(round.mutex, one);
+                round.isFavoured.store(round.mutex.IsFavourite(one), std::memory_order_relaxed);
                 round.isInside.store(true, std::memory_order_relaxed);
                 round.isInside.store(false, std::memory_order_relaxed);
             }
     });
     std::size_t broken = 0;
     for (Round& round : all) {
-        while (!round.mutex.IsFavourite(one))
+        while (!round.isFavoured.load(std::memory_order_relaxed))
             std::this_thread::yield();
         {
             const Section section(round.mutex, other);

@@ -213,7 +213,7 @@ TEST(netSocketStream, BuffersAtMostItsBudgetsOfAPeersData)
     StreamPair others;
     others.far->setSerializer(ioSerializer::getAscii());
     others.far->setTextLimit(100000);
-    others.far->setUrgentBudget(300000);
+    others.far->setUrgentBudget(60000);
     const std::string endless(1 << 20, 'x');
     const Event urgent(others.far->OutOfBandEvent());
     std::thread writing([&] {
@@ -230,7 +230,7 @@ TEST(netSocketStream, BuffersAtMostItsBudgetsOfAPeersData)
         code = others.far->TryReadString(nullptr);
     }
     EXPECT_EQ(code, ioFormatError);
-    // It is found once so many of the bytes before it have been read that the kernel has room for the rest.
+    // It is found once no more bytes lie before it than the budget, for which each kernel has room.
     std::vector<char> part(100000);
     std::size_t taken = 0;
     while (taken < 1000000)
