@@ -593,6 +593,48 @@ TEST_F(NetTls, AnotherProgramIsAPeer)
 
 // ---- limits
 
+TEST_F(NetTls, UrgentValueOvertakesUnreadInput)
+{
+    // Four fill the window, in which the request's code has been, too.
+    constexpr std::size_t blockSize = btkFrameWindow / 4 - 1;
+    std::atomic<int> urgent = 0;
+    std::atomic<std::size_t> read = 0;
+    const btkTimeval end = btkTimeval::Now() + patience;
+    const auto slow = qel::onRequest([&](netSocketStream& stream) {
+        const Owned<ioEvent> event(stream.OutOfBandEvent());
+        do
+            event->Wait(aWhile);
+        while ((urgent = stream.ReadOutOfBand()) == xnullint && btkTimeval::Now() < end);
+        std::string block(blockSize, 0);
+        allowStreamFailure([&] {
+            for (;;) {
+                stream.ReadBytes(block.data(), blockSize);
+                read += blockSize;
+            }
+        });
+    });
+    netServer* const server = netServer::Create(nullptr, 0, "127.0.0.1");
+    serve("server", server);
+    server->setOnRequest(slow.get());
+    Owned<netSocketStream> stream = connect();
+    ASSERT_NE(stream, nullptr);
+    // The server reads nothing: the window fills.
+    stream->setOTimeout(0.5);
+    const std::string block(blockSize, 'x');
+    const std::size_t sent = 4 * blockSize;
+    for (int i = 0; i < 4; ++i)
+        stream->WriteBytes(block.data(), blockSize);
+    stream->Flush(true);
+
+    EXPECT_TRUE(stream->WriteOutOfBand(-9));
+    while (read < sent && btkTimeval::Now() < end)
+        std::this_thread::yield();
+    EXPECT_EQ(urgent, -9);
+    EXPECT_EQ(read, sent);
+    stream.reset();
+    served.reset(); // it uses what this function has
+}
+
 TEST_F(NetTls, UnfinishedHandshakesHaveThePlacesOfSilentClients)
 {
     netServer* const server = netServer::Create(nullptr, 0, "127.0.0.1");
