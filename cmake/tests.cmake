@@ -11,12 +11,11 @@ function(qel_measures_time)
 endfunction()
 
 if(QELSTD_PRECOMPILE)
-  # Compiled once for all tests. None of the project's headers, as a change of one would compile every test again.
+  # Compiled once for all tests.
   file(CONFIGURE OUTPUT test_headers.cpp CONTENT "int main() {}\n")
   add_executable(test_headers ${CMAKE_CURRENT_BINARY_DIR}/test_headers.cpp)
   target_link_libraries(test_headers PRIVATE qel_options GTest::gtest)
-  target_precompile_headers(test_headers PRIVATE <gtest/gtest.h> <algorithm> <atomic> <chrono> <filesystem> <fstream>
-    <functional> <random> <sstream> <thread>)
+  target_precompile_headers(test_headers PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/tests/support/test.h)
 endif()
 
 function(qel_add_test name)

@@ -1,7 +1,7 @@
-#include <gtest/gtest.h>
-
 #include <qel/base/btkabort.h>
 #include <qel/base/btkmemory.h>
+
+#include "support/test.h"
 
 TEST(FatalReport, PrintsMessageAndLocationAndEndsTheProcess)
 {

@@ -1,10 +1,4 @@
-#include <atomic>
-#include <cerrno>
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 
 #include <qel/base/btkcarrier.h>
@@ -12,6 +6,7 @@
 
 #include "support/carried.h"
 #include "support/descriptors.h"
+#include "support/test.h"
 #include "support/wire.h"
 
 namespace {

@@ -1,7 +1,8 @@
 #include <gmock/gmock.h>
-#include <random>
 
 #include <qel/base/btkcmdline.h>
+
+#include "support/test.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;

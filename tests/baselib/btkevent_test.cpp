@@ -1,9 +1,4 @@
-#include <csignal>
-#include <gtest/gtest.h>
-#include <limits>
-#include <memory>
 #include <sys/resource.h>
-#include <thread>
 #include <unistd.h>
 
 #include <qel/base/btkevent.h>
@@ -11,6 +6,7 @@
 
 #include "support/child.h"
 #include "support/interrupt.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,6 +1,3 @@
-#include <filesystem>
-#include <gtest/gtest.h>
-#include <string>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -10,6 +7,7 @@
 #include "support/child.h"
 #include "support/faults.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/traced.h"
 
 namespace {

@@ -1,16 +1,13 @@
-#include <cerrno>
-#include <gtest/gtest.h>
-#include <string>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
 #include <qel/base/btkfolder.h>
 
 #include "support/child.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 TEST(Folder, RemovesATreeAndNeverEntersALink)
 {

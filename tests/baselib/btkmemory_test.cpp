@@ -1,12 +1,8 @@
-#include <algorithm>
-#include <cerrno>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <gtest/gtest.h>
-#include <memory>
 
 #include <qel/base/btkmemory.h>
+
+#include "support/test.h"
 
 namespace {
 

@@ -1,5 +1,3 @@
-#include <cerrno>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <qel/base/btkpath.h>
@@ -7,6 +5,7 @@
 
 #include "support/environment.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -8,6 +6,7 @@
 
 #include "support/child.h"
 #include "support/socketpair.h"
+#include "support/test.h"
 
 namespace {
 

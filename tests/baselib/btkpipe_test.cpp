@@ -1,13 +1,9 @@
-#include <cerrno>
-#include <csignal>
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <string>
-#include <thread>
 
 #include <qel/base/btkpipe.h>
 
 #include "support/interrupt.h"
+#include "support/test.h"
 
 namespace {
 

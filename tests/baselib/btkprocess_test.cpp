@@ -1,9 +1,5 @@
-#include <atomic>
-#include <csignal>
 #include <fcntl.h>
 #include <future>
-#include <gtest/gtest.h>
-#include <thread>
 #include <unistd.h>
 
 #include <qel/base/btkpipe.h>
@@ -16,6 +12,7 @@
 #include "support/longrun.h"
 #include "support/programs.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,18 +1,15 @@
-#include <cerrno>
 #include <cstdint>
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <memory>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
-#include <vector>
 
 #include <qel/base/btkreplace.h>
 
 #include "support/child.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,8 +1,4 @@
 #include <cstddef>
-#include <cstdlib>
-#include <cstring>
-#include <gtest/gtest.h>
-#include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -13,6 +9,7 @@
 #include "support/child.h"
 #include "support/environment.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,17 +1,13 @@
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <string>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 
 #include <qel/base/btksocket.h>
 
 #include "support/interrupt.h"
+#include "support/test.h"
 #include "support/wire.h"
 
 namespace {

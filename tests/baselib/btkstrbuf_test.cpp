@@ -1,11 +1,6 @@
-#include <cstring>
-#include <gtest/gtest.h>
-#include <memory>
-#include <stdexcept>
-#include <string>
-
 #include <qel/base/btkstrbuf.h>
 
+#include "support/test.h"
 #include "support/widetext.h"
 
 namespace {

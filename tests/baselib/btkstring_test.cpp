@@ -1,12 +1,9 @@
 #include <ctime>
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include <qel/base/btkstring.h>
 #include <qel/base/btkutf.h>
 
+#include "support/test.h"
 #include "support/widetext.h"
 
 // ---- UTF

@@ -1,8 +1,8 @@
 #include <cmath>
-#include <gtest/gtest.h>
-#include <limits>
 
 #include <qel/base/btktimeval.h>
+
+#include "support/test.h"
 
 TEST(btkTimeval, SplitsSecondsAndMicroseconds)
 {

@@ -1,11 +1,5 @@
-#include <cerrno>
-#include <cstdlib>
 #include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <gtest/gtest.h>
 #include <iterator>
-#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +7,7 @@
 #include <qel/base/btktrace.h>
 
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,15 +1,11 @@
-#include <cerrno>
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 
 #include <qel/base/btkframes.h>
 #include <qel/base/btkpipe.h>
 #include <qel/base/btktunnel.h>
 
+#include "support/test.h"
 #include "support/wire.h"
 
 namespace {

@@ -1,7 +1,6 @@
-#include <gtest/gtest.h>
-#include <string>
-
 #include <qel/base/netsilentset.h>
+
+#include "support/test.h"
 
 namespace {
 

@@ -1,14 +1,4 @@
-#include <atomic>
-#include <fstream>
-#include <gtest/gtest.h>
-#include <memory>
-#include <random>
 #include <sched.h>
-#include <set>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <qel/base/btkpeeruser.h>
 #include <qel/base/nmsclient.h>
@@ -19,6 +9,7 @@
 #include "support/longrun.h"
 #include "support/nameserver.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,12 +1,9 @@
-#include <functional>
-#include <gtest/gtest.h>
-#include <optional>
-#include <string>
 #include <sys/socket.h>
-#include <vector>
 
 #include <qel/base/nmsclient.h>
 #include <qel/base/nmsshared.h>
+
+#include "support/test.h"
 
 namespace {
 

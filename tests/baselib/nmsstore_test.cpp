@@ -1,9 +1,8 @@
-#include <gtest/gtest.h>
-#include <string>
 #include <sys/socket.h>
-#include <vector>
 
 #include <qel/base/nmsstore.h>
+
+#include "support/test.h"
 
 namespace {
 

@@ -1,7 +1,4 @@
-#include <csignal>
 #include <ctime>
-#include <gtest/gtest.h>
-#include <string>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -10,6 +7,7 @@
 
 #include "support/child.h"
 #include "support/failingmalloc.h"
+#include "support/test.h"
 
 namespace {
 

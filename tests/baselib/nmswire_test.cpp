@@ -1,9 +1,6 @@
-#include <algorithm>
-#include <cstring>
-#include <gtest/gtest.h>
-#include <string>
-
 #include <qel/base/nmswire.h>
+
+#include "support/test.h"
 
 namespace {
 

@@ -1,13 +1,9 @@
-#include <atomic>
-#include <csignal>
-#include <gtest/gtest.h>
 #include <latch>
 #include <sched.h>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include <qel/base/thrbiasedmutex.h>
+
+#include "support/test.h"
 
 namespace {
 

@@ -1,8 +1,6 @@
-#include <atomic>
-#include <gtest/gtest.h>
-#include <thread>
-
 #include <qel/base/thrmutex.h>
+
+#include "support/test.h"
 
 TEST(thrMutex, IsRecursiveAndKeepsOtherThreadsOut)
 {

@@ -1,11 +1,11 @@
 #include <cstdint>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <qel/base/thrthread.h>
 
 #include "support/child.h"
 #include "support/descriptors.h"
+#include "support/test.h"
 
 namespace {
 

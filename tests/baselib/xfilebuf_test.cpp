@@ -1,12 +1,9 @@
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
 #include <sys/stat.h>
-#include <thread>
 
 #include <qel/base/xfilebuf.h>
 
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

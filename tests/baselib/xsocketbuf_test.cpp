@@ -1,12 +1,9 @@
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
 #include <sys/socket.h>
-#include <thread>
 
 #include <qel/base/xsocketbuf.h>
 
 #include "support/socketpair.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,9 +1,4 @@
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
-#include <string_view>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 #include <qel/base/btksocket.h>
@@ -17,6 +12,7 @@
 #include "support/child.h"
 #include "support/interrupt.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,4 +1,3 @@
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -10,6 +9,7 @@
 #include "configsupport.h"
 #include "support/child.h"
 #include "support/environment.h"
+#include "support/test.h"
 
 // ---- reading and writing
 

@@ -1,9 +1,3 @@
-#include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <gtest/gtest.h>
-#include <string>
-
 #include <qel/hmxregistry.h>
 #include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
@@ -13,6 +7,7 @@
 #include "support/environment.h"
 #include "support/faults.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/texts.h"
 #include "support/thrown.h"
 #include "support/traced.h"

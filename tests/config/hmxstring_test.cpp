@@ -1,8 +1,6 @@
-#include <gtest/gtest.h>
-#include <memory>
-
 #include <qel/hmxconfigfile.h>
 
+#include "support/test.h"
 #include "support/texts.h"
 
 TEST(TextFunctions, RemoveCharacters)

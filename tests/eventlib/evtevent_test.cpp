@@ -1,11 +1,9 @@
-#include <gtest/gtest.h>
-#include <memory>
-#include <thread>
-
 #include <qel/base/btktimeval.h>
 #include <qel/evteventarray.h>
 #include <qel/qelloop.h>
 #include <qel/xrtti.h>
+
+#include "support/test.h"
 
 namespace {
 

@@ -1,11 +1,7 @@
-#include <chrono>
-#include <gtest/gtest.h>
-#include <stdexcept>
-#include <string>
-#include <thread>
-
 #include <qel/base/btktimeval.h>
 #include <qel/qelloop.h>
+
+#include "support/test.h"
 
 using namespace std::chrono_literals;
 

@@ -1,12 +1,7 @@
-#include <atomic>
-#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <set>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 #include <qel/filelib.h>
@@ -17,6 +12,7 @@
 #include "support/child.h"
 #include "support/environment.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

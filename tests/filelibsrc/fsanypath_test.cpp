@@ -1,9 +1,3 @@
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <gtest/gtest.h>
-#include <string>
-
 #include <qel/hmxconfigfile.h>
 #include <qel/qelcpp.h>
 #include <qel/qelpath.h>
@@ -12,6 +6,7 @@
 #include <qel/xmonlib.h>
 
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/thrown.h"
 
 using namespace std::literals;

@@ -1,6 +1,4 @@
-#include <algorithm>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -14,6 +12,7 @@
 #include "support/environment.h"
 #include "support/failingcalls.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/texts.h"
 
 namespace {

@@ -1,6 +1,4 @@
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <set>
 #include <sys/stat.h>
 
 #include <qel/fsdir.h>
@@ -8,6 +6,7 @@
 #include <qel/platform/lasterror.h>
 
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/texts.h"
 
 namespace {

@@ -1,12 +1,10 @@
-#include <gtest/gtest.h>
-#include <sstream>
-
 #include <qel/filelib.h>
 #include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
 
 #include "../qel/qelstd/filelibsrc/fsexception_p.h"
 #include "filelibsrc/raised.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,7 +1,5 @@
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <utility>
 
 #include <qel/fsdir.h>
 #include <qel/fsfile.h>
@@ -9,6 +7,7 @@
 #include <qel/platform/lasterror.h>
 
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/texts.h"
 
 namespace {

@@ -1,7 +1,5 @@
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <utility>
 
 #include <qel/fsnodeinfo.h>
 #include <qel/platform/errornumbers.h>
@@ -10,6 +8,7 @@
 #include <qel/tmtime.h>
 
 #include "support/tempdir.h"
+#include "support/test.h"
 
 TEST(fsNodeInfo, KeepsTheOldStatusWhenInitializeFails)
 {

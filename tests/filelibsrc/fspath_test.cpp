@@ -1,9 +1,8 @@
-#include <gtest/gtest.h>
-
 #include <qel/fsexception.h>
 #include <qel/fspath.h>
 
 #include "filelibsrc/raised.h"
+#include "support/test.h"
 #include "support/texts.h"
 
 namespace {

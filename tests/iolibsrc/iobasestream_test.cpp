@@ -1,11 +1,10 @@
 #include <cmath>
-#include <functional>
-#include <gtest/gtest.h>
 
 #include <qel/base/xstringbuf.h>
 #include <qel/xrtti.h>
 
 #include "iosupport.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,11 +1,9 @@
-#include <gtest/gtest.h>
-#include <thread>
-
 #include <qel/base/btkfd.h>
 #include <qel/xrtti.h>
 
 #include "iosupport.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,12 +1,10 @@
-#include <csignal>
 #include <ctime>
-#include <gtest/gtest.h>
-#include <thread>
 
 #include <qel/evteventarray.h>
 
 #include "iosupport.h"
 #include "support/interrupt.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,18 +1,12 @@
 #include <array>
 #include <bit>
 #include <cmath>
-#include <cstring>
-#include <functional>
-#include <gtest/gtest.h>
-#include <limits>
-#include <random>
-#include <sstream>
-#include <vector>
 
 #include <qel/qelown.h>
 #include <qel/xrtti.h>
 
 #include "iosupport.h"
+#include "support/test.h"
 #include "support/texts.h"
 #include "support/thrown.h"
 

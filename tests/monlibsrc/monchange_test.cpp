@@ -1,7 +1,4 @@
 // The event that signals changes of a file.
-#include <filesystem>
-#include <gtest/gtest.h>
-#include <memory>
 
 #include <qel/evteventarray.h>
 #include <qel/platform/lasterror.h>
@@ -11,6 +8,7 @@
 #include "support/descriptors.h"
 #include "support/resident.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,8 +1,6 @@
-#include <filesystem>
-#include <gtest/gtest.h>
-
 #include "monsupport.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/wire.h"
 
 namespace {

@@ -1,17 +1,8 @@
 // Several processes and openings share a file, and processes are stopped and killed at any moment.
-#include <algorithm>
-#include <atomic>
 #include <bit>
 #include <cstdint>
-#include <cstdlib>
-#include <filesystem>
-#include <gtest/gtest.h>
-#include <memory>
-#include <random>
 #include <sys/mman.h>
 #include <unistd.h>
-#include <utility>
-#include <vector>
 
 #include <qel/base/btkfilepart.h>
 
@@ -21,6 +12,7 @@
 #include "support/faults.h"
 #include "support/longrun.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/traced.h"
 
 namespace {

@@ -1,8 +1,3 @@
-#include <filesystem>
-#include <gtest/gtest.h>
-#include <string>
-#include <vector>
-
 #include <qel/base/btkruntime.h>
 #include <qel/monstatistics.h>
 
@@ -10,6 +5,7 @@
 #include "support/child.h"
 #include "support/environment.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,6 +1,3 @@
-#include <csignal>
-#include <filesystem>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +11,7 @@
 #include "support/failingcalls.h"
 #include "support/interrupt.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/thrown.h"
 
 namespace {

@@ -1,11 +1,5 @@
-#include <cerrno>
-#include <cstdlib>
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
 #include <qel/base/btkpipe.h>
 #include <qel/base/btksocket.h>
@@ -18,6 +12,7 @@
 #include "support/child.h"
 #include "support/interrupt.h"
 #include "support/nameserver.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,10 +1,5 @@
-#include <atomic>
-#include <cerrno>
-#include <csignal>
 #include <ctime>
 #include <future>
-#include <gtest/gtest.h>
-#include <stdexcept>
 
 #include <qel/base/btkpipe.h>
 #include <qel/base/btksocket.h>
@@ -20,6 +15,7 @@
 #include "support/longrun.h"
 #include "support/nameserver.h"
 #include "support/streampair.h"
+#include "support/test.h"
 #include "support/testserver.h"
 
 namespace {

@@ -1,12 +1,6 @@
 // The number of system calls that a server makes for its clients, counted by strace.
 
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <gtest/gtest.h>
-#include <string>
-#include <thread>
 
 #include <qel/base/btksocket.h>
 #include <qel/netserver.h>
@@ -15,6 +9,7 @@
 #include "support/environment.h"
 #include "support/faults.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/testserver.h"
 #include "support/traced.h"
 

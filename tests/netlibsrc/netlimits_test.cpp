@@ -1,8 +1,4 @@
 // Every client operation with a limit ends within it, whatever the server does.
-#include <algorithm>
-#include <functional>
-#include <gtest/gtest.h>
-#include <string>
 
 #include <qel/base/nmswire.h>
 #include <qel/netaddress.h>
@@ -15,6 +11,7 @@
 #include "support/owned.h"
 #include "support/resident.h"
 #include "support/streampair.h"
+#include "support/test.h"
 #include "support/thrown.h"
 #include "support/wire.h"
 

@@ -1,7 +1,3 @@
-#include <atomic>
-#include <gtest/gtest.h>
-#include <vector>
-
 #include <qel/xiolib.h>
 #include <qel/xnetlib.h>
 
@@ -9,6 +5,7 @@
 #include "support/longrun.h"
 #include "support/nameserver.h"
 #include "support/resident.h"
+#include "support/test.h"
 #include "support/testserver.h"
 
 namespace {

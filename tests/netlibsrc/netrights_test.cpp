@@ -1,15 +1,5 @@
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include <qel/base/btksocket.h>
 #include <qel/hmxregistry.h>
@@ -26,6 +16,7 @@
 #include "support/longrun.h"
 #include "support/nameserver.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/testserver.h"
 #include "support/traced.h"
 

@@ -1,10 +1,6 @@
-#include <algorithm>
 #include <future>
-#include <gtest/gtest.h>
-#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <vector>
 
 #include <qel/base/btksocket.h>
 #include <qel/hmxregistry.h>
@@ -20,6 +16,7 @@
 #include "support/longrun.h"
 #include "support/nameserver.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/testserver.h"
 
 using namespace std::literals;

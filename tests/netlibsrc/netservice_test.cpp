@@ -1,6 +1,6 @@
-#include <gtest/gtest.h>
-
 #include <qel/netservice.h>
+
+#include "support/test.h"
 
 namespace {
 

@@ -1,12 +1,3 @@
-#include <algorithm>
-#include <chrono>
-#include <cstdlib>
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include <qel/xiolib.h>
 #include <qel/xnetlib.h>
 #include <qel/xrtti.h>
@@ -15,6 +6,7 @@
 #include "support/addresses.h"
 #include "support/interrupt.h"
 #include "support/streampair.h"
+#include "support/test.h"
 
 namespace {
 

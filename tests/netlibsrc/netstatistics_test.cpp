@@ -1,8 +1,3 @@
-#include <filesystem>
-#include <gtest/gtest.h>
-#include <stdexcept>
-#include <string>
-
 #include <qel/base/btksocket.h>
 #include <qel/evtevent.h>
 #include <qel/xiolib.h>
@@ -11,6 +6,7 @@
 
 #include "support/environment.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/testserver.h"
 
 namespace {

@@ -1,6 +1,3 @@
-#include <atomic>
-#include <gtest/gtest.h>
-#include <memory>
 #include <sys/resource.h>
 
 #include <qel/base/btkevent.h>
@@ -8,6 +5,7 @@
 #include <qel/xiolib.h>
 
 #include "support/descriptors.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,11 +1,5 @@
-#include <atomic>
-#include <filesystem>
-#include <gtest/gtest.h>
 #include <mutex>
 #include <openssl/ssl.h>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <qel/base/btkframes.h>
 #include <qel/hmxregistry.h>
@@ -22,6 +16,7 @@
 #include "support/nameserver.h"
 #include "support/socketpair.h"
 #include "support/streampair.h"
+#include "support/test.h"
 #include "support/testserver.h"
 
 using namespace std::literals;

@@ -1,8 +1,3 @@
-#include <chrono>
-#include <gtest/gtest.h>
-#include <optional>
-#include <string>
-
 #include <qel/base/btksocket.h>
 #include <qel/base/nmsclient.h>
 #include <qel/netfind_c.h>
@@ -12,6 +7,7 @@
 
 #include "failure.h"
 #include "support/nameserver.h"
+#include "support/test.h"
 #include "support/testserver.h"
 
 using namespace std::chrono_literals;

@@ -1,18 +1,12 @@
 // Servers whose handlers are functions.
 
-#include <atomic>
-#include <gtest/gtest.h>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <thread>
-
 #include <qel/qelexception.h>
 #include <qel/qelserver.h>
 #include <qel/xerrhandler.h>
 #include <qel/xnetlib.h>
 
 #include "support/descriptors.h"
+#include "support/test.h"
 #include "support/testserver.h"
 #include "support/thrown.h"
 

@@ -1,9 +1,4 @@
-#include <chrono>
-#include <csignal>
-#include <gtest/gtest.h>
-#include <string>
 #include <sys/time.h>
-#include <thread>
 #include <unistd.h>
 
 #include <qel/base/btkenvironment.h>
@@ -11,6 +6,7 @@
 #include <qel/platform/errortable.h>
 
 #include "support/child.h"
+#include "support/test.h"
 
 TEST(Environment, NamesTheMachineAndTheUser)
 {

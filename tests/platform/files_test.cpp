@@ -1,11 +1,8 @@
-#include <cstring>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <thread>
 #include <unistd.h>
 
 #include <qel/platform/directories.h>
@@ -14,6 +11,7 @@
 
 #include "support/child.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

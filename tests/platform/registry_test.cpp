@@ -1,15 +1,8 @@
-#include <atomic>
-#include <chrono>
-#include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <memory>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 #include <qel/platform/errortable.h>
@@ -19,6 +12,7 @@
 #include "support/environment.h"
 #include "support/interrupt.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/texts.h"
 
 namespace {

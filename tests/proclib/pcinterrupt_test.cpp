@@ -1,13 +1,7 @@
-#include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <gtest/gtest.h>
-#include <memory>
-#include <thread>
-
 #include <qel/pcinterrupt.h>
 
 #include "support/descriptors.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,7 +1,4 @@
-#include <csignal>
 #include <cstdio>
-#include <gtest/gtest.h>
-#include <memory>
 
 #include <qel/pcprocess.h>
 #include <qel/xiolib.h>
@@ -13,6 +10,7 @@
 #include "support/programs.h"
 #include "support/streampair.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/thrown.h"
 
 namespace {

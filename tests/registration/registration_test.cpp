@@ -1,10 +1,8 @@
-#include <fstream>
-#include <gtest/gtest.h>
-#include <sstream>
-
 #include <qel/qelrtti.h>
 #include <qel/qeltable.h>
 #include <qel/xrtti.h>
+
+#include "support/test.h"
 
 // Compares every type that the library registers, printed from the descriptors, with types.txt. A change
 // there is a change of the interface. QEL_WRITE_TYPES=1 in the environment rewrites the file.

@@ -1,17 +1,11 @@
 // A client, a server and a command are separate processes. One is killed at any moment, or the network
 // between them fails: the others exit soon and leave nothing behind.
-#include <chrono>
-#include <csignal>
 #include <fcntl.h>
-#include <fstream>
-#include <gtest/gtest.h>
 #include <map>
-#include <random>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 
 #include <qel/rshprocess.h>
 #include <qel/rshserver.h>
@@ -23,6 +17,7 @@
 #include "support/programs.h"
 #include "support/streampair.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,9 +1,4 @@
-#include <csignal>
-#include <cstring>
-#include <gtest/gtest.h>
-#include <random>
 #include <sys/socket.h>
-#include <thread>
 
 #include <qel/rshprocess.h>
 #include <qel/rshserver.h>
@@ -18,6 +13,7 @@
 #include "support/resident.h"
 #include "support/streampair.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/texts.h"
 
 namespace {

@@ -1,11 +1,7 @@
-#include <atomic>
-#include <chrono>
 #include <climits>
 #include <cstdint>
 #include <ctime>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <thread>
 
 #include <qel/base/btkbyteorder.h>
 #include <qel/rshprocess.h>
@@ -16,6 +12,7 @@
 #include "support/owned.h"
 #include "support/programs.h"
 #include "support/streampair.h"
+#include "support/test.h"
 #include "support/wire.h"
 
 namespace {

@@ -1,11 +1,8 @@
-#include <gtest/gtest.h>
-#include <stdexcept>
-#include <utility>
-
 #include <qel/qelcaught.h>
 #include <qel/qelexception.h>
 #include <qel/xportexception.h>
 
+#include "support/test.h"
 #include "support/thrown.h"
 
 namespace {

@@ -1,20 +1,13 @@
-#include <algorithm>
-#include <chrono>
 #include <climits>
-#include <gtest/gtest.h>
-#include <limits>
 #include <map>
 #include <numeric>
 #include <ranges>
-#include <set>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include <qel/iopipe.h>
 #include <qel/qelcpp.h>
 #include <qel/qeltable.h>
 
+#include "support/test.h"
 #include "support/thrown.h"
 
 // The interface that a C++20 program tries first: each line here compiled against the grain once.

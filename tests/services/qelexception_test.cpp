@@ -1,12 +1,8 @@
-#include <cstring>
-#include <functional>
-#include <gtest/gtest.h>
-#include <sstream>
-#include <vector>
-
 #include <qel/qelexception.h>
 #include <qel/qeltable.h>
 #include <qel/xportexception.h>
+
+#include "support/test.h"
 
 namespace {
 

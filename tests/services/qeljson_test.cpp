@@ -1,21 +1,15 @@
 // JSON texts of values and values of JSON texts, with nlohmann/json as the judge.
 
 #include <cmath>
-#include <functional>
-#include <gtest/gtest.h>
-#include <limits>
 #include <nlohmann/json.hpp>
-#include <random>
-#include <sstream>
 #include <streambuf>
-#include <string>
-#include <vector>
 
 #include <qel/qeljson.h>
 #include <qel/qeltable.h>
 #include <qel/xdictionary.h>
 #include <qel/xsequence.h>
 
+#include "support/test.h"
 #include "support/texts.h"
 #include "support/thrown.h"
 #include "testtypes.h"

@@ -1,16 +1,9 @@
 #include <bit>
 #include <cmath>
-#include <gtest/gtest.h>
 #include <iomanip>
 #include <iostream>
-#include <limits>
 #include <locale>
-#include <random>
 #include <regex>
-#include <sstream>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 #include <qel/qelprint.h>
 #include <qel/xrtti.h>
@@ -18,6 +11,7 @@
 
 #include "services/testtypes.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 using namespace testtypes;
 

@@ -1,8 +1,7 @@
-#include <gtest/gtest.h>
-#include <vector>
-
 #include <qel/qelrtti.h>
 #include <qel/xrtti.h>
+
+#include "support/test.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
-#include <gtest/gtest.h>
-
 #include <qel/qelrtti.h>
 #include <qel/qels11n.h>
 #include <qel/qeltable.h>
+
+#include "support/test.h"
 
 namespace {
 

@@ -1,9 +1,4 @@
-#include <atomic>
-#include <gtest/gtest.h>
-#include <memory>
 #include <new>
-#include <stdexcept>
-#include <thread>
 
 #include <qel/pcexception.h>
 #include <qel/qelexception.h>
@@ -13,6 +8,8 @@
 #include <qel/xdictionary.h>
 #include <qel/xportexception.h>
 #include <qel/xsequence.h>
+
+#include "support/test.h"
 
 // Facts about the C interface that C cannot test: counts, times of destruction, and foreign exceptions.
 

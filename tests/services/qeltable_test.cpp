@@ -1,14 +1,10 @@
-#include <atomic>
 #include <barrier>
-#include <cstring>
-#include <gtest/gtest.h>
-#include <thread>
-#include <utility>
 
 #include <qel/qelexception.h>
 #include <qel/qelprint.h>
 #include <qel/qeltable.h>
 
+#include "support/test.h"
 #include "support/thrown.h"
 
 enum testMood : int { calm, merry, cross };

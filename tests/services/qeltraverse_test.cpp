@@ -1,11 +1,9 @@
-#include <gtest/gtest.h>
-#include <string>
-
 #include <qel/qeltraverse.h>
 #include <qel/xrtti.h>
 
 #include "services/recorder.h"
 #include "services/testtypes.h"
+#include "support/test.h"
 
 using namespace testtypes;
 

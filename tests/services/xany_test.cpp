@@ -1,12 +1,11 @@
 #include <bit>
-#include <cstring>
-#include <gtest/gtest.h>
 
 #include <qel/qelexception.h>
 #include <qel/qelrtti.h>
 #include <qel/qeltable.h>
 #include <qel/xany.h>
 
+#include "support/test.h"
 #include "support/thrown.h"
 
 namespace {

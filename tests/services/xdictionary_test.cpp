@@ -1,13 +1,5 @@
-#include <atomic>
 #include <climits>
-#include <cstdlib>
-#include <gtest/gtest.h>
 #include <malloc.h>
-#include <random>
-#include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <qel/qelexception.h>
 #include <qel/qelrtti.h>
@@ -18,6 +10,7 @@
 #include "dictmodel.h"
 #include "support/child.h"
 #include "support/resident.h"
+#include "support/test.h"
 #include "support/thrown.h"
 
 namespace {

@@ -1,10 +1,7 @@
-#include <algorithm>
-#include <gtest/gtest.h>
-#include <memory>
-#include <vector>
-
 #include <qel/qelexception.h>
 #include <qel/xerrhandler.h>
+
+#include "support/test.h"
 
 namespace {
 

@@ -1,16 +1,12 @@
-#include <algorithm>
-#include <gtest/gtest.h>
-#include <memory>
-#include <set>
-#include <string>
 #include <unordered_map>
-#include <utility>
 
 #include <qel/iostringstream.h>
 #include <qel/qelown.h>
 #include <qel/qeltable.h>
 #include <qel/xdictionary.h>
 #include <qel/xsequence.h>
+
+#include "support/test.h"
 
 namespace {
 

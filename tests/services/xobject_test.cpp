@@ -1,16 +1,10 @@
-#include <chrono>
-#include <cstring>
-#include <functional>
 #include <future>
-#include <gtest/gtest.h>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <qel/qelexception.h>
 #include <qel/qeltable.h>
 #include <qel/xobject.h>
 
+#include "support/test.h"
 #include "support/thrown.h"
 
 namespace {

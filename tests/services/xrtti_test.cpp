@@ -1,7 +1,3 @@
-#include <gtest/gtest.h>
-#include <string>
-#include <vector>
-
 #include <qel/qelexception.h>
 #include <qel/qelrtti.h>
 #include <qel/qeltable.h>
@@ -9,6 +5,7 @@
 #include <qel/xrttiattrseq.h>
 #include <qel/xsequence.h>
 
+#include "support/test.h"
 #include "support/thrown.h"
 
 namespace {

@@ -1,13 +1,6 @@
 #include <climits>
 #include <cstdint>
-#include <cstring>
-#include <functional>
-#include <gtest/gtest.h>
-#include <random>
 #include <span>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 #include <qel/qelexception.h>
 #include <qel/qelrtti.h>
@@ -16,6 +9,7 @@
 #include <qel/xsequence.h>
 
 #include "support/resident.h"
+#include "support/test.h"
 #include "support/thrown.h"
 
 namespace {

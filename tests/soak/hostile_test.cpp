@@ -2,20 +2,10 @@
 // does not grow, and SIGTERM stops the server within a second. Prints the figures. QELSTD_LONG_TESTS measures
 // enough requests for the promised 99th percentile.
 
-#include <algorithm>
-#include <atomic>
 #include <cctype>
-#include <chrono>
 #include <cstdio>
-#include <functional>
-#include <gtest/gtest.h>
-#include <memory>
-#include <optional>
-#include <string>
 #include <sys/socket.h>
-#include <thread>
 #include <tuple>
-#include <vector>
 
 #include <qel/base/btksocket.h>
 #include <qel/base/nmswire.h>
@@ -26,6 +16,7 @@
 #include "support/nameserver.h"
 #include "support/qelprogram.h"
 #include "support/resident.h"
+#include "support/test.h"
 #include "support/wire.h"
 
 namespace {

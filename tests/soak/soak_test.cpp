@@ -2,16 +2,8 @@
 // that are written and watched, remote commands, configuration files and the registry. Nothing may be lost,
 // and memory and descriptors must not grow. QELSTD_SOAK_SECONDS is the duration.
 
-#include <algorithm>
 #include <array>
-#include <atomic>
-#include <cstdlib>
-#include <functional>
 #include <future>
-#include <gtest/gtest.h>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include <qel/hmxconfigfile.h>
 #include <qel/hmxregistry.h>
@@ -28,6 +20,7 @@
 #include "support/resident.h"
 #include "support/streampair.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/testserver.h"
 
 namespace {

@@ -1,15 +1,9 @@
-#include <gtest/gtest.h>
-#include <memory>
-#include <optional>
-#include <sstream>
-#include <string>
-#include <thread>
-
 #include <qel/base/btksocket.h>
 #include <qel/nmsproxy.h>
 
 #include "support/interrupt.h"
 #include "support/nameserver.h"
+#include "support/test.h"
 #include "support/thrown.h"
 
 namespace {

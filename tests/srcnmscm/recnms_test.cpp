@@ -1,7 +1,3 @@
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
-
 #include <qel/base/nmswire.h>
 #include <qel/hmxregistry.h>
 #include <qel/recnms.h>
@@ -9,6 +5,7 @@
 
 #include "support/environment.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,13 +1,7 @@
-#include <gtest/gtest.h>
-#include <limits>
-#include <sstream>
-#include <stdexcept>
-#include <string>
-#include <thread>
-
 #include <qel/qelexception.h>
 #include <qel/xstring.h>
 
+#include "support/test.h"
 #include "support/thrown.h"
 #include "support/widetext.h"
 

@@ -1,12 +1,9 @@
-#include <gtest/gtest.h>
 #include <map>
-#include <sstream>
-#include <string>
-#include <string_view>
 #include <unordered_set>
 
 #include <qel/xstring.h>
 
+#include "support/test.h"
 #include "support/thrown.h"
 
 // Strings as a C++20 program uses them. tests/strlibsrc/xstring_test.cpp has the operations by C strings.

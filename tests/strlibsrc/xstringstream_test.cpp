@@ -1,7 +1,8 @@
-#include <gtest/gtest.h>
 #include <strstream>
 
 #include <qel/xstring.h>
+
+#include "support/test.h"
 
 TEST(xstringFromStrstream, TakesWrittenTextAndStreamStaysUsable)
 {

@@ -1,14 +1,6 @@
-#include <atomic>
-#include <chrono>
-#include <csignal>
-#include <gtest/gtest.h>
-#include <memory>
 #include <sched.h>
-#include <sstream>
 #include <sys/utsname.h>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include <qel/filelib.h>
 #include <qel/syslib.h>
@@ -18,6 +10,7 @@
 #include "support/environment.h"
 #include "support/longrun.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 #include "support/texts.h"
 
 namespace {

@@ -1,13 +1,6 @@
-#include <chrono>
 #include <climits>
 #include <cmath>
 #include <ctime>
-#include <gtest/gtest.h>
-#include <memory>
-#include <optional>
-#include <sstream>
-#include <thread>
-#include <vector>
 
 #include <qel/qelcpp.h>
 #include <qel/qelrtti.h>
@@ -16,6 +9,7 @@
 #include <qel/tmtime.h>
 
 #include "support/environment.h"
+#include "support/test.h"
 #include "support/texts.h"
 #include "support/thrown.h"
 

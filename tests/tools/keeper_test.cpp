@@ -1,13 +1,10 @@
 #include <deque>
-#include <functional>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <poll.h>
-#include <string>
 #include <sys/socket.h>
-#include <vector>
 
 #include "keeper.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,11 +1,8 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <limits>
-#include <sstream>
-#include <string>
 
 #include "chart.h"
 #include "commands.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <qel/hmxconfigfile.h>
 
 #include "support/qelprogram.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 TEST(QelConf, ReportsTheLockHolderAndGivesUp)
 {

@@ -1,10 +1,7 @@
-#include <filesystem>
-#include <gtest/gtest.h>
-#include <string>
-
 #include "progress.h"
 #include "support/tempdir.h"
 #include "support/terminal.h"
+#include "support/test.h"
 
 TEST(Progress, IsOneLineThatFits)
 {

@@ -1,9 +1,4 @@
-#include <filesystem>
-#include <fstream>
-#include <gtest/gtest.h>
 #include <iterator>
-#include <string>
-#include <vector>
 
 #include <qel/base/nmstable.h>
 #include <qel/hmxconfigfile.h>
@@ -12,6 +7,7 @@
 
 #include "inspect.h"
 #include "support/tempdir.h"
+#include "support/test.h"
 
 namespace {
 

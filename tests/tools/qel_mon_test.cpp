@@ -1,7 +1,4 @@
-#include <filesystem>
 #include <gmock/gmock.h>
-#include <limits>
-#include <string>
 
 #include <qel/xmonlib.h>
 
@@ -10,6 +7,7 @@
 #include "support/qelprogram.h"
 #include "support/tempdir.h"
 #include "support/terminal.h"
+#include "support/test.h"
 
 using testing::HasSubstr;
 

@@ -1,10 +1,8 @@
 #include <CLI/CLI.hpp>
-#include <gtest/gtest.h>
-#include <sstream>
-#include <string>
 
 #include "commands.h"
 #include "program.h"
+#include "support/test.h"
 
 TEST(QelOutput, IsReadableText)
 {

@@ -1,14 +1,11 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <limits>
-#include <string>
-#include <vector>
 
 #include "commands.h"
 #include "screen.h"
 #include "support/environment.h"
 #include "support/tempdir.h"
 #include "support/terminal.h"
+#include "support/test.h"
 
 namespace {
 
