@@ -4,6 +4,7 @@
 #include <qel/qelprint.h>
 #include <qel/qeltable.h>
 
+#include "services/testtypes.h"
 #include "support/test.h"
 #include "support/thrown.h"
 
@@ -56,29 +57,6 @@ private:
     int secret() const { return 42; }
 };
 
-/// int when Kind is 0, text when it is 1, and nothing else.
-class Choice : public virtual xobject
-{
-    QEL_OBJECT(Choice);
-
-public:
-    explicit Choice(int k) : kind(k) {}
-    int getKind() { return kind; }
-    int getNumber() { return 7; }
-    xstring getText() { return "seven"; }
-
-private:
-    int kind;
-};
-
-class Grid : public virtual xobject
-{
-    QEL_OBJECT(Grid);
-
-public:
-    int getelement(const int* indices) { return 10 * indices[0] + indices[1]; }
-};
-
 /// Three people, without a class of the library beneath.
 class Crowd : public virtual xobject
 {
@@ -122,16 +100,6 @@ constinit qelClass Person::rtti = {
 };
 
 constinit qelClass Patient::rtti = {.name = "test::Patient", .attrs = {QEL_ATTR(Mood), QEL_ATTR(Pulse)}};
-
-constinit qelClass Choice::rtti = {
-    .name = "test::Choice",
-    .counted = true,
-    .discriminator = QEL_ATTR(Kind),
-    .cases = {{0, QEL_ATTR(Number)}, {1, QEL_ATTR(Text)}},
-};
-
-constinit qelClass Grid::rtti = {
-    .name = "test::Grid", .counted = true, .elements = qelArrayOf<self, qelOptional>, .dims = {2, 3}};
 
 constinit qelClass Crowd::rtti = {.name = "test::Crowd", .elements = qelSequenceOf<self>};
 
@@ -238,25 +206,26 @@ TEST(Table, ReadsEnumerationsWithoutAValueAsNull)
 
 TEST(Table, GivesUnionsTheirMembers)
 {
-    const xrchandle<Choice> choice(new Choice(1));
-    auto* const type = xrttiunion::cast(Choice::getClassRtti());
+    const xrchandle<testtypes::Choice> choice(new testtypes::Choice(2));
+    auto* const type = xrttiunion::cast(testtypes::Choice::getClassRtti());
     const xany kind = type->getDiscr()->getValue(choice.get());
 
     EXPECT_TRUE(type->mapLabelToAttr(kind, 1)->getValue(choice.get()) == "seven");
-    EXPECT_EQ(type->mapLabelToAttr(0, 1)->getType(), qelGetRtti_int());
-    EXPECT_EQ(type->mapLabelToAttr(2, 1), nullptr);
+    EXPECT_EQ(type->mapLabelToAttr(1, 1)->getType(), qelGetRtti_int());
+    EXPECT_EQ(type->mapLabelToAttr(3, 1), nullptr);
     EXPECT_EQ(type->getDefaultAttr(), nullptr);
 }
 
 TEST(Table, GivesArraysAndSequencesTheirElements)
 {
-    const xrchandle<Grid> grid(new Grid);
-    auto* const array = xrttiarray::cast(Grid::getClassRtti());
+    const xrchandle<testtypes::Grid> grid(new testtypes::Grid);
+    auto* const array = xrttiarray::cast(testtypes::Grid::getClassRtti());
     int indices[] = {1, 2};
-    EXPECT_TRUE(array->getElemValue(grid.get(), indices) == 12);
+    EXPECT_TRUE(array->getElemValue(grid.get(), indices) == 23);
     EXPECT_EQ(array->getNDimentions(), 2);
     EXPECT_EQ(array->getDimention(1), 3);
-    EXPECT_TRUE(array->getIsElemOptional());
+    EXPECT_FALSE(array->getIsElemOptional());
+    EXPECT_TRUE(xrttisequence::cast(testtypes::List::getClassRtti())->getIsElemOptional());
 
     xauto<Crowd> crowd;
     auto* const sequence = xrttisequence::cast(Crowd::getClassRtti());
@@ -268,7 +237,7 @@ TEST(Table, GivesArraysAndSequencesTheirElements)
 TEST(Table, RejectsOwnersThatItDoesNotDescribe)
 {
     xrttiattr* const name = xrttistruct::cast(Being::getClassRtti())->getAttr(0);
-    const xrchandle<Grid> grid(new Grid);
+    const xrchandle<testtypes::Grid> grid(new testtypes::Grid);
     const auto thrownFor = [&](xobject* owner) { return thrownBy([&] { name->getValue(owner); }); };
 
     EXPECT_EQ(thrownFor(grid.get()), "qellib::XTypeMismatch");
