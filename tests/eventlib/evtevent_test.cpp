@@ -1,7 +1,6 @@
 #include <qel/base/btktimeval.h>
 #include <qel/evteventarray.h>
 #include <qel/qelloop.h>
-#include <qel/xrtti.h>
 
 #include "support/test.h"
 
@@ -57,13 +56,4 @@ TEST(evtRemoveEvent, RemovesEveryOccurrence)
     ASSERT_EQ(array->getarraysize(), 2);
     EXPECT_EQ(array->get(0), &b);
     EXPECT_EQ(array->get(1), &c);
-}
-
-TEST(evtEvent, IsReadThroughItsDescriptor)
-{
-    qel::event event;
-    event.set();
-    EXPECT_TRUE(xrttistruct::cast(evtEvent::getClassRtti())->getAttr(0)->getValue(&event) == xany(true));
-    const auto array = ArrayOf({&event});
-    EXPECT_TRUE(xrttisequence::cast(array->getRtti())->getElemValue(array.get(), 0) == xany(&event));
 }

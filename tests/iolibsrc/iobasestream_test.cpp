@@ -327,21 +327,6 @@ TEST(ioXStream, OutlivesItsStream)
     EXPECT_EQ(textOf(strange.getMsg()), prefix + "unknown error");
 }
 
-TEST(ioStream, AttributesAreReadThroughItsDescriptor)
-{
-    CountingStream stream(false, true);
-    xrttistruct* const type = xrttistruct::cast(ioStream::getClassRtti());
-    const auto value = [&](const char* name) { return type->findAttr(name, 0)->getValue(&stream); };
-
-    EXPECT_TRUE(value("CanRead") == xany(true));
-    EXPECT_TRUE(value("CanWrite") == xany(false));
-    EXPECT_TRUE(value("ITimeout").isNull());
-    stream.setITimeout(0.25);
-    EXPECT_TRUE(value("ITimeout") == xany(0.25));
-    EXPECT_TRUE(value("Stdout") == xany(ioStream::getStdout()));
-    EXPECT_EQ(FailureOf([&] { value("BufferSize"); }), prefix + "function \"getBufferSize\" not supported");
-}
-
 TEST(StandardStreams, AreCreatedOnceAndWrite)
 {
     EXPECT_EQ(ioStream::getStdout(), ioStream::getStdout());

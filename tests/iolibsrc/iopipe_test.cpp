@@ -3,7 +3,6 @@
 #include <qel/evteventarray.h>
 
 #include "iosupport.h"
-#include "support/interrupt.h"
 #include "support/test.h"
 
 namespace {
@@ -135,20 +134,6 @@ TEST_F(PipeStreams, TestWritesWithoutSending)
     in.Close();
     EXPECT_EQ(out.TryWriteInt(7), ioIOError);
     EXPECT_EQ(FailureOf([&] { out.WriteInt(7); }), "Stream Error (iolib): I/O error"); // and no signal
-}
-
-TEST_F(PipeStreams, SurviveInterruptions)
-{
-    Interrupter interrupter;
-    std::thread writer([&] {
-        for (int i = 0; i < 60000; ++i)
-            out.WriteInt(i);
-        out.Close();
-    });
-    for (int i = 0; i < 60000; ++i)
-        ASSERT_EQ(in.ReadInt(), i);
-    writer.join();
-    EXPECT_EQ(in.TryReadByte(), ioEndOfFile);
 }
 
 TEST_F(PipeStreams, CopyBytesAsTheyArrive)

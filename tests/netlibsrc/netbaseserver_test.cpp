@@ -6,7 +6,6 @@
 #include <qel/base/nmsclient.h>
 #include <qel/xiolib.h>
 #include <qel/xnetlib.h>
-#include <qel/xrtti.h>
 
 #include "failure.h"
 #include "support/child.h"
@@ -39,12 +38,6 @@ bool isListened(int port)
 {
     btkStreamSocket socket;
     return socket.Connect(nullptr, port, patience);
-}
-
-// An attribute, read through the descriptor.
-xany valueOf(xobject* object, const char* name)
-{
-    return xrttistruct::cast(object->getRtti())->findAttr(name, 1)->getValue(object);
 }
 
 // Waits for the end of the peer's output; false when data arrives.
@@ -287,12 +280,6 @@ TEST(netBaseServer, AcceptsWithoutItsLoop)
     const Owned<netBaseServer> server = makeBaseServer();
     const Owned<netEvent> event(server->AcceptEvent());
     EXPECT_EQ(event->getServer(), server.get());
-    EXPECT_TRUE(valueOf(event.get(), "Server") == xany(server.get()));
-    EXPECT_TRUE(valueOf(server.get(), "PortN") == server->getPortN());
-    EXPECT_TRUE(valueOf(server.get(), "TimeSlice") == 0.01);
-    EXPECT_TRUE(valueOf(server.get(), "ServerName").isNull());
-    const Owned<netServer> versioned(netServer::Create(nullptr, 0));
-    EXPECT_TRUE(valueOf(versioned.get(), "Version") == "QEL netServer Version 0.99");
     EXPECT_FALSE(event->getIsSignaled());
     EXPECT_EQ(server->Accept(0.01), nullptr);
 
