@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <qel/filelib.h>
@@ -243,49 +242,6 @@ TEST_F(Copying, KeepsTheDestinationUntilTheSourceIsOpen)
     swaps("X:/from/file", "X:/folder", "folder=new ");
     swaps("X:/from", "X:/file", "file/ file/file=new ");
     swaps("X:/link", "X:/folder", "folder->from/file ");
-}
-
-TEST_F(Copying, KeepsAccessListsOverThoseOfTheNewFolder)
-{
-    const auto text = [](std::initializer_list<unsigned char> bytes) {
-        return std::string(bytes.begin(), bytes.end());
-    };
-    // version 2; user rw, user 1000 rwx, group r, mask rwx, others none
-    const std::string list =
-        text({2,   0,   0,   0,   1,  0, 6, 0, 255, 255, 255, 255, 2,  0, 7, 0, 232, 3,   0,   0,  4, 0, 4, 0,
-              255, 255, 255, 255, 16, 0, 7, 0, 255, 255, 255, 255, 32, 0, 0, 0, 255, 255, 255, 255});
-    const auto listOf = [this](const char* name, const char* kind = "system.posix_acl_access") {
-        char value[100];
-        const ssize_t size = getxattr(dir.path(name), kind, value, sizeof value);
-        return std::string(value, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
-    };
-    dir.write("from/listed");
-    dir.write("from/plain");
-    dir.makeDir("from/shared");
-    chmod(dir.path("from/plain"), 0640);
-    chmod(dir.path("from/shared"), 03770);
-    dir.makeDir("to");
-    if (setxattr(dir.path("from/listed"), "system.posix_acl_access", list.data(), list.size(), 0) != 0 ||
-        setxattr(dir.path("from/listed"), "user.note", "1", 1, 0) != 0)
-        GTEST_SKIP() << "needs a file system with access lists";
-    for (const char* folder : {"to", "from/shared"})
-        setxattr(dir.path(folder), "system.posix_acl_default", list.data(), list.size(), 0);
-
-    EXPECT_EQ(copy("X:/from", "X:/to/new"), done);
-
-    char note = 0;
-    EXPECT_EQ(listOf("to/new/listed"), list);
-    EXPECT_EQ(getxattr(dir.path("to/new/listed"), "user.note", &note, 1), 1);
-    for (const auto& [name, mode] : {std::pair<const char*, unsigned>{"to/new/plain", 0640},
-                                     {"to/new/shared", 03770},
-                                     {"to/new", 0755}}) {
-        struct stat status;
-        ASSERT_EQ(stat(dir.path(name), &status), 0);
-        EXPECT_EQ(status.st_mode & 07777, mode) << name;
-        EXPECT_EQ(listOf(name), "") << name;
-    }
-    EXPECT_EQ(listOf("to/new/shared", "system.posix_acl_default"), list);
-    EXPECT_EQ(listOf("to/new", "system.posix_acl_default"), "");
 }
 
 // ---- faults

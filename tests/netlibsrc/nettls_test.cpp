@@ -242,36 +242,6 @@ TEST_F(NetTls, WaitsAndTryOperationsSeeDecryptedBytes)
     EXPECT_FALSE(input->Wait(0.05));
 }
 
-TEST_F(NetTls, CarriesMuchInBothDirectionsToTheEnd)
-{
-    const std::size_t size = 3000001;
-    const auto takesAndGives = qel::onRequest([&](netSocketStream& stream) {
-        std::string got(size, '\0');
-        EXPECT_EQ(failureOf([&] {
-                      stream.ReadBytes(got.data(), static_cast<unsigned>(size));
-                      stream.WriteBytes(got.data(), static_cast<unsigned>(size));
-                  }),
-                  "");
-        return netServerContinue; // and closes at once: what was written still arrives
-    });
-    netServer* const server = netServer::Create(nullptr, 0, "127.0.0.1");
-    serve("server", server);
-    server->setOnRequest(takesAndGives.get());
-    const Owned<netSocketStream> stream = connect();
-    ASSERT_NE(stream, nullptr);
-    std::string sent(size, '\0');
-    for (std::size_t i = 0; i < size; ++i)
-        sent[i] = static_cast<char>(i * 7 + i / 251);
-    stream->WriteBytes(sent.data(), static_cast<unsigned>(size));
-    std::string got(size, '\0');
-    stream->ReadBytes(got.data(), static_cast<unsigned>(size));
-    EXPECT_TRUE(got == sent);
-    const std::string end = failureOf([&] { stream->ReadInt(); });
-    const StreamPair plain;
-    plain.far->Close();
-    EXPECT_EQ(end, failureOf([&] { plain.near->ReadInt(); }));
-}
-
 // ---- who is let in
 
 TEST_F(NetTls, ClientAcceptsOnlyACertificateThatNamesItsServer)
