@@ -1,6 +1,6 @@
-// All libraries under load in one process: clients of the name server and of a named server, monitor files
-// that are written and watched, remote commands, configuration files and the registry. Nothing may be lost,
-// and memory and descriptors must not grow. QELSTD_SOAK_SECONDS is the duration.
+// Load. Soak: all libraries in one process, clients of the name server and of a named server, monitor files that are
+// written and watched, remote commands, configuration files and the registry; QELSTD_SOAK_SECONDS is the duration.
+// Load: many clients of one server. Nothing may be lost, and memory and descriptors must not grow.
 
 #include <array>
 #include <future>
@@ -15,6 +15,7 @@
 
 #include "support/descriptors.h"
 #include "support/environment.h"
+#include "support/longrun.h"
 #include "support/nameserver.h"
 #include "support/programs.h"
 #include "support/resident.h"
@@ -41,21 +42,39 @@ void echo(netSocketStream& stream)
     stream.Flush(1);
 }
 
+netServer* makeServer(const char* name)
+{
+    netServer* const server = netServer::Create(name, 0);
+    server->setOnRequest(qel::onRequest([](netSocketStream& stream) {
+        if (stream.ReadInt() == 1)
+            return netSpawnAsyncServer;
+        echo(stream);
+        return netServerContinue;
+    }));
+    server->setOnAsyncRequest(qel::onAsyncRequest(&echo));
+    return server;
+}
+
+// One request; the server is to start a thread for an odd one.
+bool isServed(netAddress* address, int number)
+{
+    const Owned<netSocketStream> stream(netServer::Connect(address, 30.0));
+    if (stream == nullptr)
+        return false;
+    const std::string text(static_cast<std::size_t>(number * 37 % 5000), 'x');
+    stream->WriteInt(number % 2);
+    stream->WriteInt(number);
+    stream->WriteString(text.c_str());
+    return stream->ReadInt() == number && stream->ReadString(nullptr) == text.c_str();
+}
+
 // ---- one round each; true when all results were right
 
 bool askServer(int round)
 {
     const xrchandle<netAddress> address(netAddress::Create("soaked", nullptr));
-    if (round % 16 == 0)
-        return netServer::GetVersion(address.get()) == "QEL netServer Version 0.99";
-    const Owned<netSocketStream> stream(netServer::Connect(address.get(), 30.0));
-    if (stream == nullptr)
-        return false;
-    const std::string text(static_cast<std::size_t>(round * 37 % 5000), 'x');
-    stream->WriteInt(round % 2); // 1: to be served by a thread
-    stream->WriteInt(round);
-    stream->WriteString(text.c_str());
-    return stream->ReadInt() == round && stream->ReadString(nullptr) == text.c_str();
+    return round % 16 == 0 ? netServer::GetVersion(address.get()) == "QEL netServer Version 0.99"
+                           : isServed(address.get(), round);
 }
 
 bool registerServer(int round)
@@ -131,17 +150,7 @@ TEST(Soak, NothingIsLostAndMemoryIsStable)
         const EnvSetting store("QELSTD_REGISTRY", dir.path("store").c_str());
         const EnvSetting shell("SHELL", "/bin/sh");
         const TestNameServer names;
-        ServedInThread served([&] {
-            netServer* const server = netServer::Create("soaked", 0);
-            server->setOnRequest(qel::onRequest([](netSocketStream& stream) {
-                if (stream.ReadInt() == 1)
-                    return netSpawnAsyncServer;
-                echo(stream);
-                return netServerContinue;
-            }));
-            server->setOnAsyncRequest(qel::onAsyncRequest(&echo));
-            return server;
-        }());
+        const ServedInThread served(makeServer("soaked"));
 
         std::atomic<bool> ends = false;
         std::atomic<bool> pauses = false;
@@ -219,4 +228,82 @@ TEST(Soak, NothingIsLostAndMemoryIsStable)
     }
     EXPECT_EQ(openDescriptors(), before);
     EXPECT_TRUE(hasNoChildren());
+}
+
+TEST(Load, SixtyFourClientsLoseNoReply)
+{
+    const long before = openDescriptors();
+    {
+        const TestNameServer names;
+        ServedInThread served(makeServer("asked"));
+        const auto runClients = [](double seconds) {
+            std::atomic<int> lost = 0;
+            std::atomic<int> done = 0;
+            std::vector<std::thread> clients;
+            for (int client = 0; client < 64; ++client) {
+                clients.emplace_back([&lost, &done, client, seconds] {
+                    const btkTimeval end = btkTimeval::Now() + btkTimeval(seconds);
+                    for (int turn = 0; btkTimeval::Now() < end; ++turn) {
+                        const xrchandle<netAddress> address(netAddress::Create("asked", nullptr));
+                        try {
+                            lost += !isServed(address.get(), client * 7 + turn);
+                        } catch (xthrowable* failure) {
+                            ++lost;
+                            xdelete(failure);
+                        }
+                        ++done;
+                    }
+                });
+            }
+            for (std::thread& client : clients)
+                client.join();
+            EXPECT_EQ(lost, 0) << "of " << done;
+            EXPECT_GT(done, 64);
+        };
+        runClients(1);
+        const long warm = residentKiB();
+        runClients(ofALongRun(1.0, 60.0));
+        if (freedMemoryIsGone) {
+            EXPECT_LT(residentKiB() - warm, 4096);
+        }
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(Load, ConcurrentRequestsUseLittleMemoryAndAreJoined)
+{
+    const int count = ofALongRun(200, 1000);
+    const DescriptorLimit room(6 * count + 100);
+    if (!room)
+        GTEST_SKIP() << "too few descriptors for this";
+    const long before = openDescriptors();
+    {
+        ServedInThread served(makeServer(nullptr));
+        const xrchandle<netAddress> address = served.address();
+        ASSERT_TRUE(isServed(address.get(), 1));
+        const long idle = residentKiB();
+        std::vector<Owned<netSocketStream>> clients;
+        for (int i = 0; i < count; ++i) {
+            clients.emplace_back(netServer::Connect(address.get(), INFINITE));
+            ASSERT_NE(clients.back(), nullptr);
+            clients.back()->WriteInt(1);
+            clients.back()->WriteInt(i);
+            clients.back()->Flush(1);
+        }
+        ASSERT_TRUE(isServed(address.get(), 11)); // all earlier ones are being served
+        if (freedMemoryIsGone) {                  // both ends, and the used part of a stack
+            EXPECT_LT((residentKiB() - idle) / count, 64);
+        }
+        for (int i = 0; i < count; ++i) {
+            clients[static_cast<std::size_t>(i)]->WriteString("end");
+            EXPECT_EQ(clients[static_cast<std::size_t>(i)]->ReadInt(), i);
+        }
+        clients.clear();
+        // Completed requests are joined while the server runs.
+        const btkTimeval end = btkTimeval::Now() + btkTimeval(20, 0);
+        while (openDescriptors() > before + 10 && btkTimeval::Now() < end)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        EXPECT_LE(openDescriptors(), before + 10);
+    }
+    EXPECT_EQ(openDescriptors(), before);
 }
