@@ -20,7 +20,7 @@ ELSEWHERE = {
     "registry": "btkstaging registrykeys registryname registrystore",
     "lockfilebuf": "updatejournal",
     "hmxregistry": "reglib",
-    "filelib": "fschecksum fslist fsdirectories fsnodequery",
+    "filelib": "fschecksum fslist fsdirectories fshquery",
     "ioserializer": "ioasciiserializer",
     "iobasestream": "iocopystream ioevent ioexception iostringstream iotry xiolib",
     "xmonlib": "monlock monparam monrecord",

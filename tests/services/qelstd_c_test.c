@@ -1,5 +1,5 @@
 /* The C interface as used by a C program. Counts and foreign exceptions, which C cannot see, are tested in
- * qelstd_c_counts_test.cpp. */
+ * qelcounts_c_test.cpp. */
 
 #include <stdio.h>
 #include <stdlib.h>
