@@ -67,17 +67,12 @@ netServerLoopAction serve(netSocketStream& stream)
     return netSpawnAsyncServer;
 }
 
-struct GoesOn : qel::netErrorHandler
-{
-    bool goesOn(netBaseServer&, const qel::caught&) override { return true; }
-};
-
 TEST_F(NetStatistics, CountsWhatAServerDoes)
 {
     Owned<netServer> made(netServer::Create(nullptr, 0));
     made->setOnRequest(qel::onRequest(&serve));
     made->setOnAsyncRequest(qel::onAsyncRequest([](netSocketStream& stream) { stream.ReadInt(); }));
-    made->setOnError(std::make_unique<GoesOn>());
+    made->setOnError(qel::onError([](const qel::caught&) { return true; }));
     made->setAsyncLimit(1);
     // Nothing but the statistics wakes the loop then.
     made->setTimeSlice(INFINITE);
