@@ -226,14 +226,6 @@ btkPlace xfilebuf::GetTargetPlace()
     return {isThere ? file.Get() : -1, &filePosition};
 }
 
-xfilebuf::int_type xfilebuf::overflow(int_type byte)
-{
-    if (traits_type::eq_int_type(byte, traits_type::eof()))
-        return traits_type::not_eof(byte);
-    const char written = traits_type::to_char_type(byte);
-    return xsputn(&written, 1) == 1 ? byte : traits_type::eof();
-}
-
 std::streamsize xfilebuf::xsputn(const char* from, std::streamsize count)
 {
     if (count <= 0 || !BeginWriting())

@@ -66,7 +66,7 @@ protected:
 
     int_type underflow() override;
     std::streamsize xsgetn(char* to, std::streamsize count) override;
-    int_type overflow(int_type byte) override;
+    int_type overflow(int_type byte) override { return PutOne(byte); }
     std::streamsize xsputn(const char* from, std::streamsize count) override;
     int sync() override;
     pos_type seekoff(off_type offset, std::ios_base::seekdir from, std::ios_base::openmode) override;

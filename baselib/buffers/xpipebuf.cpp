@@ -36,14 +36,6 @@ int xoutputbuf::sync()
     return written == count ? 0 : -1;
 }
 
-xoutputbuf::int_type xoutputbuf::overflow(int_type byte)
-{
-    if (traits_type::eq_int_type(byte, traits_type::eof()))
-        return traits_type::not_eof(byte);
-    const char written = traits_type::to_char_type(byte);
-    return xsputn(&written, 1) == 1 ? byte : traits_type::eof();
-}
-
 std::streamsize xoutputbuf::xsputn(const char* from, std::streamsize count)
 {
     const std::size_t size = count < 0 ? 0 : static_cast<std::size_t>(count);

@@ -33,7 +33,7 @@ public:
     bool Finish() override;
 
 protected:
-    int_type overflow(int_type byte) override;
+    int_type overflow(int_type byte) override { return PutOne(byte); }
     std::streamsize xsputn(const char* from, std::streamsize count) override;
     int sync() override;
     std::streambuf* OnGetTryOBuf() override;

@@ -208,14 +208,6 @@ bool xsocketbuf::SendPending()
     return !isBroken;
 }
 
-xsocketbuf::int_type xsocketbuf::overflow(int_type byte)
-{
-    if (traits_type::eq_int_type(byte, traits_type::eof()))
-        return traits_type::not_eof(byte);
-    const char written = traits_type::to_char_type(byte);
-    return xsputn(&written, 1) == 1 ? byte : traits_type::eof();
-}
-
 std::streamsize xsocketbuf::xsputn(const char* from, std::streamsize count)
 {
     if (output == nullptr) {

@@ -40,7 +40,7 @@ protected:
     btkBaseEvent::State OnAskInput() override;
     bool OnInputPolled(btkReadiness ready) override;
 
-    int_type overflow(int_type byte) override;
+    int_type overflow(int_type byte) override { return PutOne(byte); }
     std::streamsize xsputn(const char* from, std::streamsize count) override;
     int sync() override;
     std::streambuf* OnGetTryOBuf() override;

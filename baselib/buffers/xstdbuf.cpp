@@ -83,14 +83,6 @@ bool xostdbuf::FlushAll()
         [] { return std::cout.rdbuf()->pubsync() == 0 && std::cerr.rdbuf()->pubsync() == 0; });
 }
 
-xostdbuf::int_type xostdbuf::overflow(int_type byte)
-{
-    if (traits_type::eq_int_type(byte, traits_type::eof()))
-        return traits_type::not_eof(byte);
-    const char written = traits_type::to_char_type(byte);
-    return xsputn(&written, 1) == 1 ? byte : traits_type::eof();
-}
-
 std::streamsize xostdbuf::xsputn(const char* from, std::streamsize count)
 {
     std::streambuf& buffer = standardBuffer(isError);

@@ -26,7 +26,7 @@ public:
     static bool FlushAll();
 
 protected:
-    int_type overflow(int_type byte) override;
+    int_type overflow(int_type byte) override { return PutOne(byte); }
     std::streamsize xsputn(const char* from, std::streamsize count) override;
     int sync() override;
 

@@ -138,6 +138,14 @@ xtrystreambuf::int_type xtrystreambuf::underflow()
     return traits_type::to_int_type(*gptr());
 }
 
+xstreambuf::int_type xstreambuf::PutOne(int_type byte)
+{
+    if (traits_type::eq_int_type(byte, traits_type::eof()))
+        return traits_type::not_eof(byte);
+    const char written = traits_type::to_char_type(byte);
+    return xsputn(&written, 1) == 1 ? byte : traits_type::eof();
+}
+
 xtryoutputbuf::int_type xtryoutputbuf::overflow(int_type byte)
 {
     const char taken = traits_type::to_char_type(byte);

@@ -88,6 +88,9 @@ protected:
     void SetTryTooLarge() { tryTooLarge = true; }
     void SetLimitPassed(bool passed) { limitPassed = passed; }
 
+    /// overflow for a buffer that implements xsputn.
+    int_type PutOne(int_type byte);
+
     /// Returns the descriptor and position of the next byte to be read or written; no descriptor when bytes
     /// are buffered here, or are not simply those of the descriptor.
     virtual btkPlace GetSourcePlace() { return {}; }

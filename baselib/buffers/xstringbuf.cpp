@@ -93,14 +93,6 @@ xstringbuf::int_type xstringbuf::underflow()
     return ShowWritten() ? traits_type::to_int_type(*gptr()) : traits_type::eof();
 }
 
-xstringbuf::int_type xstringbuf::overflow(int_type byte)
-{
-    if (traits_type::eq_int_type(byte, traits_type::eof()))
-        return traits_type::not_eof(byte);
-    const char written = traits_type::to_char_type(byte);
-    return xsputn(&written, 1) == 1 ? byte : traits_type::eof();
-}
-
 std::streamsize xstringbuf::xsputn(const char* from, std::streamsize count)
 {
     if (readOnly || count <= 0)

@@ -24,7 +24,7 @@ public:
 
 protected:
     int_type underflow() override;
-    int_type overflow(int_type byte) override;
+    int_type overflow(int_type byte) override { return PutOne(byte); }
     std::streamsize xsputn(const char* from, std::streamsize count) override;
     std::streamsize showmanyc() override;
     std::streambuf* OnGetTryIBuf() override;
