@@ -288,6 +288,9 @@ TEST_F(Registry, ReportsDamagedAndForeignFilesAsUnusable)
     std::filesystem::remove(dir.path("in/store/User/key/v.value"));
     ASSERT_EQ(mkfifo(dir.path("in/store/User/key/v.value"), 0600), 0);
     EXPECT_EQ(get(key, "v"), "error 5");
+    std::filesystem::remove(dir.path("in/store/User/key/v.value"));
+    dir.makeDir("in/store/User/key/v.value");
+    EXPECT_EQ(get(key, "v"), "error 5");
 
     unsigned char small[3];
     DWORD size = sizeof small;
