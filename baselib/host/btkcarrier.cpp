@@ -38,13 +38,13 @@ btkCarrier::~btkCarrier()
     try {
         End();
     } catch (const std::bad_alloc&) {
-        // As when the connection is lost.
+        // The peer finds the connection lost.
     }
     if (link.channel != nullptr)
         link.channel->Close();
 }
 
-// Sends the end of the data, and what has not arrived by a thread.
+// Sends the end of the data. A thread sends what the channel does not take at once.
 void btkCarrier::End()
 {
     if (tunnel != nullptr) {
@@ -121,7 +121,7 @@ bool btkCarrier::Parse(char* room, std::size_t size)
     return count > 0 && !isInputOver;
 }
 
-// Nothing that the peer sends can be used any more.
+// Closes the channel: later bytes of the peer cannot be interpreted.
 void btkCarrier::Lose()
 {
     isInputOver = link.isDeaf = true;

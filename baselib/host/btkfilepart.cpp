@@ -81,7 +81,7 @@ bool btkOpenAnew(btkHandle handle)
 
 bool btkPartWriter::LiesAcross(long long position, std::size_t size)
 {
-    // Or a multiple of the real page size.
+    // The smallest page: real pages are as large or a multiple.
     constexpr long long page = 4096;
     return size > 0 && position / page != (position + static_cast<long long>(size) - 1) / page;
 }

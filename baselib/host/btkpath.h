@@ -5,8 +5,7 @@
 /// - `C:\x` is the host path `/x`, or x below the directory that QELSTD_DRIVE_C names. QELSTD_DRIVE_D and so
 ///   on define further drives. The variables are cached in a table that follows btkEnvironment::Set (Putenv,
 ///   sysPutEnv), not setenv; a value that is not an absolute path is ignored.
-/// - `\x` is rooted on the drive of the current directory. `D:x` is x in the current directory when that is
-/// on
+/// - `\x` is rooted on the drive of the current directory. `D:x` is x in the current directory when that is on
 ///   drive D, else x in the drive's root. A drive alone names that directory itself.
 /// - Both separators are accepted. Names are case-sensitive, drive letters are not.
 /// - On a re-rooted drive ".." is resolved in the text and stops at the drive's root. Soft links are not

@@ -385,7 +385,8 @@ bool isLoopback(const std::string& interface)
             interface.find_first_not_of("0123456789.") == std::string::npos);
 }
 
-// Beyond the loopback everybody could run commands without a list, and read and pose as others without TLS.
+// Refuses to listen beyond the loopback without a list, where every machine could run commands, and without TLS, where
+// connections could be read and forged.
 void requireProtection(const ServeChoices& choices, bool isOnLoopback)
 {
     const AllowLists allowed(choices.name, choices.isInsecure);
@@ -439,7 +440,7 @@ btkFd duplicateOf(btkHandle handle)
     return made;
 }
 
-// Whoever has started this server with its standard input and output is its only client.
+// Serves one client, the program that started this one, over the standard input and output.
 void serveOne(const ServeChoices& choices)
 {
     if (btkIsTerminal(0) || btkIsTerminal(1))

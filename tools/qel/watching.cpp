@@ -12,7 +12,7 @@ namespace {
 
 constexpr btkHandle standardOutput = 1;
 
-/// On once nobody reads the standard output any more.
+/// Signaled once the reader of the standard output has closed it.
 class ClosedOutput : public btkBaseEvent
 {
 public:

@@ -222,7 +222,7 @@ void publishAll()
 
 } // namespace
 
-// Whatever interrupts it, the next call resumes what was begun.
+// After an interruption by an exception, the next call resumes the work.
 xrttiobject* qelBuildDescriptor(qelClass& cls)
 {
     const thrLock lock(buildMutex());
