@@ -7,6 +7,9 @@ target_compile_options(qel_options INTERFACE
 # For the same reason, a shared library calls its own functions directly, not through the dynamic linker.
 target_link_options(qel_options INTERFACE
   $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:LINKER:-Bsymbolic-functions>)
+# Functions of other libraries are called through their addresses, without a jump between.
+target_compile_options(qel_options INTERFACE
+  $<$<AND:$<NOT:$<CONFIG:Debug>>,$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>>:-fno-plt>)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
   # -Wrestrict reports overlapping copies in std::string::insert and replace where there are none (GCC bug 105651).
   target_compile_options(qel_options INTERFACE -Wno-restrict)
