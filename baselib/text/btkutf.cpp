@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <type_traits>
 
 namespace {
 
@@ -43,7 +42,7 @@ Character decode(const char* text, std::size_t left)
             return {replacement, 1};
         code = code << 6 | (byte(i) & 0x3Fu);
     }
-    constexpr std::uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+    static constexpr std::uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
     if (code < least[size] || code > 0x10FFFF || (code & 0x1FF800u) == 0xD800u)
         return {replacement, 1};
     return {code, size};
@@ -53,21 +52,31 @@ Character decode(const char* text, std::size_t left)
 /// all, may be left out.
 std::size_t asciiRun(const char* text, std::size_t length)
 {
-    const auto isAscii = [&](std::size_t begin, auto eights) {
-        std::uint64_t all = 0;
-        for (int i = 0; i < eights; ++i) {
-            std::uint64_t eight;
-            std::memcpy(&eight, text + begin + i * 8, 8);
-            all |= eight;
+    using Eight = std::uint64_t;
+    using Sixteen [[gnu::vector_size(16)]] = Eight;
+    const auto isAscii = [text]<typename Word>(std::size_t at, Word all, std::size_t words) {
+        for (std::size_t i = 0; i < words; ++i) {
+            Word word;
+            std::memcpy(&word, text + at + i * sizeof(Word), sizeof(Word));
+            all |= word;
         }
-        return (all & 0x8080808080808080u) == 0;
+        Eight bits;
+        if constexpr (sizeof(Word) == sizeof(Sixteen))
+            bits = all[0] | all[1];
+        else
+            bits = all;
+        return (bits & 0x8080808080808080u) == 0;
     };
     std::size_t at = 0;
-    while (at + 64 <= length && isAscii(at, std::integral_constant<int, 8>()))
-        at += 64;
-    while (at + 8 <= length && isAscii(at, std::integral_constant<int, 1>()))
+    while (at + 128 <= length && isAscii(at, Sixteen{}, 8))
+        at += 128;
+    while (at + 16 <= length && isAscii(at, Sixteen{}, 1))
+        at += 16;
+    if (at == length || (length >= 16 && length - at < 16 && isAscii(length - 16, Sixteen{}, 1)))
+        return length;
+    while (at + 8 <= length && isAscii(at, Eight{}, 1))
         at += 8;
-    if (at > 0 && at < length && length - at < 8 && isAscii(length - 8, std::integral_constant<int, 1>()))
+    if (at > 0 && length - at < 8 && isAscii(length - 8, Eight{}, 1))
         at = length;
     return at;
 }
@@ -109,14 +118,23 @@ std::size_t btkMBByteCount(const char* text, std::size_t characters)
     return at;
 }
 
-std::size_t btkMBByteCount(const char* text, std::size_t characters, std::size_t length)
+std::string_view btkMBPart(std::string_view text, std::size_t from, std::size_t to)
 {
-    if (characters >= length)
-        return length;
-    std::size_t at = asciiRun(text, characters);
-    for (characters -= at; characters > 0 && at < length; --characters)
-        at += decode(text + at, length - at).size;
-    return at;
+    // One look at all bytes up to the end serves most texts.
+    if (from <= to && to <= text.size() && asciiRun(text.data(), to) == to)
+        return text.substr(from, to - from);
+    const auto skip = [&text](std::size_t characters) {
+        std::size_t at = 0;
+        if (characters >= text.size())
+            at = text.size();
+        else
+            at = asciiRun(text.data(), characters), characters -= at;
+        for (; characters > 0 && at < text.size(); --characters)
+            at += decode(text.data() + at, text.size() - at).size;
+        return at;
+    };
+    text.remove_prefix(skip(from));
+    return text.substr(0, skip(to > from ? to - from : 0));
 }
 
 std::size_t btkMBCharCount(const char* text, std::size_t length)

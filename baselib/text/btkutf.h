@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string_view>
 
 #include <qel/base/baseexport.h>
 
@@ -20,8 +21,9 @@ BASE_API std::size_t btkMBCharSize(const char* text);
 /// earlier. Reads nothing behind them.
 BASE_API std::size_t btkMBByteCount(const char* text, std::size_t characters);
 
-/// The same of a text of `length` bytes.
-BASE_API std::size_t btkMBByteCount(const char* text, std::size_t characters, std::size_t length);
+/// Returns the characters with the indices from `from` up to, not including, `to`: fewer, or none, at the end of
+/// `text` and when `to` does not exceed `from`.
+BASE_API std::string_view btkMBPart(std::string_view text, std::size_t from, std::size_t to);
 
 /// Returns the number of characters that end within the first `length` bytes of `text`, which has no zero
 /// among them.

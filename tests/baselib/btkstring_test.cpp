@@ -91,9 +91,10 @@ TEST(Utf, StepsOverCharactersWithoutReadingBeyondThem)
     EXPECT_EQ(btkMBByteCount("ab", 3), 2u);
     EXPECT_EQ(btkMBByteCount("ab", static_cast<std::size_t>(-1)), 2u);
     EXPECT_EQ(btkMBByteCount("", 1), 0u);
-    EXPECT_EQ(btkMBByteCount("a\xC3\xA9\xE2\x82\xACz", 3, 7), 6u);
-    EXPECT_EQ(btkMBByteCount("\xE2\x82\xAC", 1, 2), 1u); // cut off within a character: its first byte is one
-    EXPECT_EQ(btkMBByteCount("ab", 3, 2), 2u);
+    EXPECT_EQ(btkMBPart("a\xC3\xA9\xE2\x82\xACz", 1, 3), "\xC3\xA9\xE2\x82\xAC");
+    EXPECT_EQ(btkMBPart("\xE2\x82", 1, 9), "\x82"); // cut off within a character: its first byte is one
+    EXPECT_EQ(btkMBPart("abc", 2, 1), "");
+    EXPECT_EQ(btkMBPart("abc", 4, 9), "");
     EXPECT_EQ(btkMBCharCount("a\xC3\xA9\xE2\x82\xACz", 6), 3u);
     EXPECT_EQ(btkMBCharCount("a\xC3\xA9\xE2\x82\xACz", 5), 2u); // cut in a character
     EXPECT_EQ(btkMBCharCount("\xC3\xFF", 2), 2u);

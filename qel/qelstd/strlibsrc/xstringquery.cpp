@@ -92,17 +92,16 @@ xstring xstring::ToLower() const
 template<typename C>
 xstring xstring::Form<C>::part(const xstring& s, int from, int to)
 {
-    const std::size_t whole = length(s);
-    const auto sizeOf = [](const C* characters, int n, std::size_t most) {
-        if constexpr (isWide)
-            return std::min(static_cast<std::size_t>(n), most);
-        else
-            return btkMBByteCount(characters, static_cast<std::size_t>(n), most);
-    };
-    from = std::max(from, 0);
-    const std::size_t start = sizeOf(text(s), from, whole);
-    const std::size_t rest = whole - start;
-    return make(text(s) + start, to < 0 ? rest : sizeOf(text(s) + start, std::max(to - from, 0), rest));
+    const std::size_t size = length(s);
+    const std::size_t begin = static_cast<std::size_t>(std::max(from, 0));
+    const std::size_t end = to < 0 ? size : static_cast<std::size_t>(to);
+    if constexpr (isWide) {
+        const std::size_t start = std::min(begin, size);
+        return make(text(s) + start, std::clamp(end, start, size) - start);
+    } else {
+        const std::string_view found = btkMBPart({text(s), size}, begin, end);
+        return make(found.data(), found.size());
+    }
 }
 
 xstring xstring::Substring(int from, int to) const
