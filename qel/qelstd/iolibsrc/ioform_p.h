@@ -51,7 +51,7 @@ template<class Form, class Value>
 bool ioReadHeld(Value& value, std::streambuf& sb)
 {
     const char* const next = xbufaccess::Next(sb);
-    if (static_cast<std::size_t>(xbufaccess::End(sb) - next) < sizeof value)
+    if (static_cast<std::size_t>(xbufaccess::End(sb) - next) < sizeof value) [[unlikely]]
         return false;
     value = ioDecode<Form, Value>(next);
     xbufaccess::Consume(sb, sizeof value);
@@ -62,7 +62,7 @@ template<class Form, class Value>
 bool ioWriteHeld(Value value, std::streambuf& sb)
 {
     char* const place = xbufaccess::Place(sb);
-    if (static_cast<std::size_t>(xbufaccess::Limit(sb) - place) < sizeof value)
+    if (static_cast<std::size_t>(xbufaccess::Limit(sb) - place) < sizeof value) [[unlikely]]
         return false;
     // First: the compiler must assume that the bytes alias the buffer's pointers.
     xbufaccess::Commit(sb, sizeof value);
