@@ -90,7 +90,7 @@ class Ratio:
     def verdict(self):
         if self.target is None:
             return ""
-        if self.value <= self.target:
+        if round(self.value, 2) <= self.target:  # as it is shown
             return "within"
         return "at its limit" if self.least is not None and self.value <= NEAR * self.least else "behind"
 

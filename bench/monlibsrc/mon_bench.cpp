@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <qel/base/btkfd.h>
+#include <qel/base/btkfilepart.h>
 #include <qel/qelown.h>
 #include <qel/xmonlib.h>
 
@@ -28,6 +29,7 @@ public:
     ~Published() { unlink(path.c_str()); }
 
     monFile* operator->() const { return file.get(); }
+    const char* Path() const { return path.c_str(); }
     Monitor OpenAgain() const { return Monitor(monFile::Open(path.c_str())); }
     btkFd OpenPlain() const { return btkOpenFile(path.c_str(), btkOpenRead | btkOpenWrite); }
     void Add(int count) const
@@ -163,8 +165,43 @@ void statAndPread(benchmark::State& state)
     }
 }
 
+// ---- one more parameter: the least of it looks whether the file is still there under its name, and keeps other processes
+// from adding
+
+void add(benchmark::State& state)
+{
+    const Published file;
+    int i = 0;
+    for (auto _ : state)
+        file->Int(Published::NameOf(i++).c_str());
+}
+
+template<bool safely>
+void statAndPwrite(benchmark::State& state)
+{
+    const Published file;
+    const btkFd plain = file.OpenPlain();
+    struct stat status;
+    int i = 0;
+    for (auto _ : state) {
+        const std::string record = Published::NameOf(i++) + std::string(16, '\0');
+        btkRangeLock lock(plain.Get(), 0, 1);
+        if (safely) {
+            benchmark::DoNotOptimize(stat(file.Path(), &status));
+            benchmark::DoNotOptimize(fstat(plain.Get(), &status));
+            lock.Wait(btkRangeLock::Exclusive, btkTimeval(2, 0));
+        }
+        benchmark::DoNotOptimize(fstat(plain.Get(), &status));
+        benchmark::DoNotOptimize(pwrite(plain.Get(), record.data(), record.size(), status.st_size));
+    }
+}
+
+BENCHMARK(add)->Name("monitor/add_a_parameter/qelstd")->Iterations(20000);
+BENCHMARK(statAndPwrite<false>)->Name("monitor/add_a_parameter/fstat and pwrite")->Iterations(20000);
+BENCHMARK(statAndPwrite<true>)->Name("monitor/add_a_parameter/the least")->Iterations(20000);
 BENCHMARK(storeInt)->Name("monitor/store_int/qelstd");
 BENCHMARK(pwritePlain<4>)->Name("monitor/store_int/pwrite");
+BENCHMARK(pwritePlain<4>)->Name("monitor/store_int/the least");
 BENCHMARK(loadInt)->Name("monitor/load_int/qelstd");
 BENCHMARK(preadPlain<4>)->Name("monitor/load_int/pread");
 BENCHMARK(statAndPread)->Name("monitor/load_int/the least");

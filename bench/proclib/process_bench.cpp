@@ -80,6 +80,7 @@ void Sizes(benchmark::internal::Benchmark* benchmark)
 }
 BENCHMARK(startOurs)->Name("processes/start_and_wait/qelstd")->Apply(Sizes);
 BENCHMARK(startSpawn)->Name("processes/start_and_wait/posix_spawn")->Apply(Sizes);
+BENCHMARK(startSpawn)->Name("processes/start_and_wait/the least")->Apply(Sizes);
 BENCHMARK(startQt)->Name("processes/start_and_wait/QProcess")->Apply(Sizes);
 
 constexpr std::size_t outputSize = 1 << 30;

@@ -37,7 +37,7 @@ struct monFile::Inside
     // ---- items
     int WhereAmI();
     void Seek(int to) { stream->SeekOff(to, ioBegin); }
-    void SeekEnd();
+    void SeekEnd(long long end);
     // Each Store writes one item and flushes.
     void StoreBool(unsigned char v);
     void StoreInt(int v);
@@ -84,8 +84,8 @@ struct monFile::Inside
     template<class Param, class... Capacity>
     Param* FindOrAdd(const char* name, Capacity... capacity);
     template<class Param, class... Capacity>
-    Param* Append(const char* name, Capacity... capacity);
-    void WriteParamHead(const char* name, int type);
+    Param* Append(long long size, const char* name, Capacity... capacity);
+    void WriteParamHead(long long size, const char* name, int type);
     template<class Param, class... Capacity>
     Param* Enter(const char* name, int position, Capacity... capacity);
 

@@ -50,14 +50,12 @@ int monFile::Inside::WhereAmI()
     return position;
 }
 
-// Seeks behind the last whole record. Bytes behind it are the leftovers of a killed writer.
-void monFile::Inside::SeekEnd()
+// Seeks behind the last whole record. Bytes from there to `end`, the file's size, are the leftovers of a killed writer.
+void monFile::Inside::SeekEnd(long long end)
 {
-    xfilebuf& bytes = *stream->fileBuf;
-    const long long end = bytes.GetFileSize();
     if (end > readUpTo && !IsTail(end))
         monThrowWeird();
-    if (end > readUpTo && !btkSetFileSize(bytes.GetHandle(), readUpTo))
+    if (end > readUpTo && !btkSetFileSize(stream->fileBuf->GetHandle(), readUpTo))
         stream->ThrowState(ioFileStream::stateBad);
     Seek(readUpTo);
 }
@@ -315,18 +313,20 @@ Param* monFile::Inside::FindOrAdd(const char* name, Capacity... capacity)
         btkRangeLock adding(stream->fileBuf->GetHandle(), 0, 1);
         if (adding.Wait(btkRangeLock::Exclusive, limit) == btkRangeLock::Busy)
             qelXNativeException::Throw("monFile: Another process is adding parameters");
-        found = FindRecord(name);
+        const long long size = SizeUnlessGone();
+        if (size > readUpTo)
+            found = FindRecord(name);
         if (found == nullptr)
-            return Append<Param>(name, capacity...);
+            return Append<Param>(size, name, capacity...);
     }
     return found->isSameAs(Param::getClassRtti()) ? Param::softcast(found) : nullptr;
 }
 
-void monFile::Inside::WriteParamHead(const char* name, int type)
+void monFile::Inside::WriteParamHead(long long size, const char* name, int type)
 {
     if (std::strlen(name) > longestName)
         qelXNativeException::Throw("monFile::WriteParamHead: Name too long");
-    SeekEnd();
+    SeekEnd(size);
     stream->WriteInt(type);
     stream->WriteInt(0);
     stream->WriteString(name);
@@ -334,7 +334,7 @@ void monFile::Inside::WriteParamHead(const char* name, int type)
 
 // A record that is not too large becomes visible atomically; readers ignore it while a part is missing.
 template<class Param, class... Capacity>
-Param* monFile::Inside::Append(const char* name, Capacity... capacity)
+Param* monFile::Inside::Append(long long size, const char* name, Capacity... capacity)
 {
     constexpr RecordType type = typeOf<Param>;
     const int room = (0 + ... + capacity);
@@ -347,7 +347,7 @@ Param* monFile::Inside::Append(const char* name, Capacity... capacity)
         throwTooLarge();
     int position = 0;
     Attempt([&] {
-        WriteParamHead(name, type);
+        WriteParamHead(size, name, type);
         if constexpr (type == stringRecord) {
             stream->WriteInt(room);
             position = WhereAmI();
