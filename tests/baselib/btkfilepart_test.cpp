@@ -1,4 +1,3 @@
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <qel/base/btkfilepart.h>
@@ -8,7 +7,6 @@
 #include "support/faults.h"
 #include "support/tempdir.h"
 #include "support/test.h"
-#include "support/traced.h"
 
 namespace {
 

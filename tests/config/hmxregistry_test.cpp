@@ -1,7 +1,6 @@
 #include <qel/hmxregistry.h>
 #include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
-#include <qel/qelrtti.h>
 #include <qel/reglib.h>
 
 #include "support/environment.h"
@@ -10,7 +9,6 @@
 #include "support/test.h"
 #include "support/texts.h"
 #include "support/thrown.h"
-#include "support/traced.h"
 
 namespace {
 
@@ -233,11 +231,9 @@ TEST_F(RegistryKeys, AreSyncedOncePerBatch)
     if (!canInjectFaults())
         GTEST_SKIP() << "needs strace";
     const EnvSetting variable("QEL_TEST_BATCH", "1");
-    const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
-    const std::string command = "strace -qq -f -e signal=none -e trace=fsync,fdatasync,syncfs -o " +
-                                dir.path("calls") + " " + self +
-                                " --gtest_filter=RegistryProgram.ChangesInABatch >/dev/null 2>&1";
-    EXPECT_EQ(std::system(command.c_str()), 0);
+    EXPECT_EQ(runTraced("-f -e signal=none -e trace=fsync,fdatasync,syncfs -o " + dir.path("calls"),
+                        "--gtest_filter=RegistryProgram.ChangesInABatch"),
+              0);
     const std::string calls = dir.read("calls");
     EXPECT_EQ(std::count(calls.begin(), calls.end(), '\n'), 1) << calls;
     EXPECT_NE(calls.find("syncfs("), std::string::npos) << calls;

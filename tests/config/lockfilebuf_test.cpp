@@ -6,7 +6,6 @@
 #include <random>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <thread>
 #include <unistd.h>
 
@@ -21,7 +20,6 @@
 #include "support/interrupt.h"
 #include "support/longrun.h"
 #include "support/resident.h"
-#include "support/traced.h"
 
 // The lock and the safe updates of a configuration file.
 
@@ -51,11 +49,8 @@ Faulty updateWithFault(const std::string& path, const std::string& call, const s
 {
     const TempDir dir(TempDir::InMemory);
     EnvSetting variable("QEL_TEST_CONFIG", path.c_str());
-    const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
-    const std::string command = "strace -qq -o " + dir.path("trace") + " -f -e trace=" + call +
-                                " -e inject=" + call + ":" + fault + ":when=" + when + onlyOn + " " + self +
-                                " >/dev/null 2>&1";
-    const int status = std::system(command.c_str());
+    const int status = runTraced("-o " + dir.path("trace") + " -f -e trace=" + call + " -e inject=" + call +
+                                 ":" + fault + ":when=" + when + onlyOn);
     const bool killed = WIFSIGNALED(status) || WEXITSTATUS(status) > 128;
     const int code = killed ? 128 + SIGKILL : WEXITSTATUS(status);
     return {killed || dir.read("trace").find("INJECTED") != std::string::npos, code};

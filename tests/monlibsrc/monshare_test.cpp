@@ -13,7 +13,6 @@
 #include "support/longrun.h"
 #include "support/tempdir.h"
 #include "support/test.h"
-#include "support/traced.h"
 
 namespace {
 
@@ -354,10 +353,7 @@ TEST_F(SharedFile, StoresANumberAcrossPagesByThreeSystemCalls)
     if (!canInjectFaults())
         GTEST_SKIP() << "needs strace";
     const EnvSetting setting("QEL_TEST_MONITOR", Path().c_str());
-    const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
-    ASSERT_EQ(std::system(("strace -c -o " + dir.path("calls") + " " + self +
-                           " --gtest_filter=CallsProgram.StoresNumbersAcrossPages >/dev/null 2>&1")
-                              .c_str()),
+    ASSERT_EQ(runTraced("-c -o " + dir.path("calls"), "--gtest_filter=CallsProgram.StoresNumbersAcrossPages"),
               0);
     EXPECT_EQ(OpenMonitor(Path())->Int("int")->getValue(), 3999);
     const auto calls = callsIn(dir.path("calls"));

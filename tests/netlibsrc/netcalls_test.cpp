@@ -11,7 +11,6 @@
 #include "support/tempdir.h"
 #include "support/test.h"
 #include "support/testserver.h"
-#include "support/traced.h"
 
 namespace {
 
@@ -54,11 +53,8 @@ class CountedServer
 public:
     CountedServer() : setting("QEL_TEST_PORT", dir.path("port").c_str())
     {
-        const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
-        run = std::thread([this, self] {
-            status = std::system(("strace -f -c -o " + dir.path("calls") + " " + self +
-                                  " --gtest_filter=CallsProgram.Serves >/dev/null 2>&1")
-                                     .c_str());
+        run = std::thread([this] {
+            status = runTraced("-f -c -o " + dir.path("calls"), "--gtest_filter=CallsProgram.Serves");
         });
         for (int left = 1000; port == 0 && left > 0; --left) {
             std::ifstream(dir.path("port")) >> port;
@@ -93,11 +89,6 @@ private:
     std::thread run;
 };
 
-bool hasStrace()
-{
-    return std::system("strace -qq -c -f -o /dev/null true >/dev/null 2>&1") == 0;
-}
-
 // All calls except those of the start.
 void expectCalls(CountedServer& server, std::initializer_list<const char*> names, double each)
 {
@@ -113,7 +104,7 @@ void expectCalls(CountedServer& server, std::initializer_list<const char*> names
 
 TEST(netServerCalls, RequestOnAnOpenConnectionTakesThree)
 {
-    if (!hasStrace())
+    if (!canInjectFaults())
         GTEST_SKIP() << "needs strace";
     CountedServer server;
     ASSERT_NE(server.port, 0);
@@ -131,7 +122,7 @@ TEST(netServerCalls, RequestOnAnOpenConnectionTakesThree)
 
 TEST(netServerCalls, PingTakesFiveBesideTheLoopsWait)
 {
-    if (!hasStrace())
+    if (!canInjectFaults())
         GTEST_SKIP() << "needs strace";
     CountedServer server;
     ASSERT_NE(server.port, 0);

@@ -1,4 +1,3 @@
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <qel/base/btksocket.h>
@@ -18,7 +17,6 @@
 #include "support/tempdir.h"
 #include "support/test.h"
 #include "support/testserver.h"
-#include "support/traced.h"
 
 namespace {
 
