@@ -378,17 +378,3 @@ TEST(qelTraverse, WalksDeepValuesToItsLimitAndThenReportsAnError)
     EXPECT_EQ(counter.objects, qelTraverseDepth);
     EXPECT_EQ(counter.errors, 1);
 }
-
-TEST(qelTraverse, WalksWideValues)
-{
-    const xrchandle<List> wide(new List);
-    wide->elements.assign(1000000, xany(1));
-    wide->elements.back() = xany(new Pair(1, wide));
-
-    Recorder counter;
-    qelTraverse(wide, &counter);
-
-    EXPECT_EQ(counter.values, 1000000);
-    EXPECT_EQ(counter.objects, 2);
-    wide->elements.clear();
-}
