@@ -1,4 +1,3 @@
-#include <unistd.h>
 
 #include <qel/base/btkpath.h>
 #include <qel/platform/directories.h>

@@ -8,7 +8,6 @@
 #include <qel/base/thrthread.h>
 
 #include "support/child.h"
-#include "support/descriptors.h"
 #include "support/longrun.h"
 #include "support/programs.h"
 #include "support/tempdir.h"

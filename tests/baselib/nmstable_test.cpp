@@ -2,7 +2,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <qel/base/btktimeval.h>
 #include <qel/base/nmstable.h>
 
 #include "support/child.h"

@@ -10,7 +10,6 @@
 #include <qel/base/xstringbuf.h>
 
 #include "support/child.h"
-#include "support/interrupt.h"
 #include "support/tempdir.h"
 #include "support/test.h"
 

@@ -1,7 +1,6 @@
 #include <qel/hmxconfigfile.h>
 #include <qel/qelcpp.h>
 #include <qel/qelpath.h>
-#include <qel/tmtime.h>
 #include <qel/xiolib.h>
 #include <qel/xmonlib.h>
 

@@ -1,5 +1,3 @@
-#include <fcntl.h>
-#include <sys/stat.h>
 
 #include <qel/fsdir.h>
 #include <qel/platform/errornumbers.h>

@@ -1,5 +1,3 @@
-#include <fcntl.h>
-#include <sys/stat.h>
 
 #include <qel/fsdir.h>
 #include <qel/fsfile.h>
@@ -8,7 +6,6 @@
 
 #include "support/tempdir.h"
 #include "support/test.h"
-#include "support/texts.h"
 
 namespace {
 

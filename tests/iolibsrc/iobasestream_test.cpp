@@ -1,4 +1,3 @@
-#include <cmath>
 
 #include <qel/base/xstringbuf.h>
 #include <qel/xrtti.h>

@@ -4,7 +4,6 @@
 
 #include <qel/platform/errornumbers.h>
 #include <qel/platform/lasterror.h>
-#include <qel/xrtti.h>
 
 #include "monsupport.h"
 #include "support/child.h"

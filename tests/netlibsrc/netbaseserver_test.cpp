@@ -3,12 +3,10 @@
 
 #include <qel/base/btkpipe.h>
 #include <qel/base/btksocket.h>
-#include <qel/base/nmsclient.h>
 #include <qel/xiolib.h>
 #include <qel/xnetlib.h>
 
 #include "failure.h"
-#include "support/child.h"
 #include "support/descriptors.h"
 #include "support/interrupt.h"
 #include "support/longrun.h"

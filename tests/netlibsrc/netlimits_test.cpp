@@ -8,7 +8,6 @@
 #include <qel/rshprocess.h>
 
 #include "support/hostilepeer.h"
-#include "support/owned.h"
 #include "support/resident.h"
 #include "support/streampair.h"
 #include "support/test.h"

@@ -1,4 +1,3 @@
-#include <future>
 #include <sys/socket.h>
 #include <unistd.h>
 

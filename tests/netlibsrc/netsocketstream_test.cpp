@@ -1,6 +1,5 @@
 #include <qel/xiolib.h>
 #include <qel/xnetlib.h>
-#include <qel/xrtti.h>
 
 #include "failure.h"
 #include "support/addresses.h"

@@ -1,4 +1,3 @@
-#include <sys/resource.h>
 
 #include <qel/base/btkevent.h>
 #include <qel/netthread.h>

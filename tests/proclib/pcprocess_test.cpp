@@ -5,7 +5,6 @@
 
 #include "iosupport.h"
 #include "support/child.h"
-#include "support/descriptors.h"
 #include "support/environment.h"
 #include "support/programs.h"
 #include "support/streampair.h"

@@ -5,7 +5,6 @@
 #include <qel/xiolib.h>
 
 #include "support/child.h"
-#include "support/descriptors.h"
 #include "support/environment.h"
 #include "support/longrun.h"
 #include "support/owned.h"

@@ -3,7 +3,6 @@
 #include <qel/pcexception.h>
 #include <qel/qelexception.h>
 #include <qel/qelstd_c.h>
-#include <qel/qeltable.h>
 #include <qel/reglib.h>
 #include <qel/xdictionary.h>
 #include <qel/xportexception.h>

@@ -2,7 +2,6 @@
 
 #include <qel/qelexception.h>
 #include <qel/qelrtti.h>
-#include <qel/qeltable.h>
 #include <qel/xany.h>
 
 #include "support/test.h"

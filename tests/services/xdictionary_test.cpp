@@ -1,7 +1,6 @@
 #include <climits>
 #include <malloc.h>
 
-#include <qel/qelexception.h>
 #include <qel/qelrtti.h>
 #include <qel/qeltable.h>
 #include <qel/xdictionary.h>

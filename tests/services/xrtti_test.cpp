@@ -1,6 +1,5 @@
 #include <qel/qelexception.h>
 #include <qel/qelrtti.h>
-#include <qel/qeltable.h>
 #include <qel/xrtti.h>
 #include <qel/xrttiattrseq.h>
 #include <qel/xsequence.h>

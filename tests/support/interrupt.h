@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <csignal>
-#include <ctime>
 #include <gtest/gtest.h>
 #include <optional>
 #include <sys/time.h>

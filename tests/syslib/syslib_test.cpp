@@ -1,4 +1,3 @@
-#include <sched.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 

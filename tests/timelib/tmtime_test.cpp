@@ -3,7 +3,6 @@
 #include <ctime>
 
 #include <qel/qelcpp.h>
-#include <qel/qelrtti.h>
 #include <qel/syslib.h>
 #include <qel/tmexception.h>
 #include <qel/tmtime.h>
