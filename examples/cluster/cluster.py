@@ -238,7 +238,7 @@ class Machine(Place):
 
     def query(self, *fields):
         found = self.qel("query", "--json", *fields)
-        return json.loads(found.stdout) if found.stdout else []
+        return [json.loads(line) for line in found.stdout.splitlines()]
 
     def everywhere(self, name):
         """The records of that name of all machines."""

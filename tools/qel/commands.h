@@ -25,7 +25,7 @@
 //         const auto choices = std::make_shared<Choices>();
 //         CLI::App& list = AddCommand(group, "ls", "List a directory", [choices] { List(*choices); });
 //         list.add_option("path", choices->path, "The directory")->type_name("DIRECTORY")->required();
-//         OfferJson(list);
+//         OfferJson(list, "a line for each node: name, size");
 //     }
 // A command returns when the answer is yes or the work is done, calls AnswerNo() or Fail(...) otherwise, and
 // passes its result to Show, once.
@@ -66,8 +66,9 @@ CommandFailed FailureOf(xthrowable* caught, Exit status = Exit::peer, const std:
 
 using Json = nlohmann::ordered_json; // members keep their order
 
-/// Writes the result to the standard output: as JSON if the command was given --json, else as text, by
-/// `asText` or by AsText. Control sequences for a terminal are removed from the text.
+/// Writes the result to the standard output: as JSON if the command was given --json, a line for each value of a list,
+/// else as text, by `asText` or by AsText; nothing if it was given --quiet. Control sequences for a terminal are
+/// removed from the text.
 void Show(const Json& result, const std::function<std::string(const Json&)>& asText = {});
 /// A value of one line unchanged, a list with a line for each value, an object with a line for each member,
 /// and a list of objects as a table with headings. Empty for null and for an empty list. Each line ends with
@@ -81,7 +82,7 @@ std::size_t WidthOf(std::string_view text);
 std::string CutTo(const std::string& text, std::size_t width);
 /// The text, padded with blanks to `width` columns.
 std::string Padded(const std::string& text, std::size_t width);
-/// The text in bold if HasColours(), else unchanged.
+/// The text in bold if HasScreen(), else unchanged.
 std::string Bold(const std::string& text);
 /// Whether the standard output is a terminal with a cursor that programs can move.
 bool HasScreen();
@@ -102,8 +103,13 @@ CLI::App& AddGroup(CLI::App& program, const char* name, const char* help,
                    std::initializer_list<Example> examples);
 /// Adds a command to a group, or to the program itself.
 CLI::App& AddCommand(CLI::App& group, const char* name, const char* help, std::function<void()> run);
-/// Gives the command the flag --json.
-void OfferJson(CLI::App& command);
+/// Gives the command the flags --json and --quiet. `form` is what the help has behind "Print JSON, ": what a line is, and
+/// the members of an object.
+void OfferJson(CLI::App& command, const std::string& form);
+/// Gives it --quiet alone.
+void OfferQuiet(CLI::App& command);
+/// Whether it was given --quiet.
+bool IsQuiet();
 /// Gives it an option for a time, with the present value as default: one that is not negative, or as `check` demands.
 CLI::Option* OfferSeconds(CLI::App& command, const char* names, double& seconds, const char* help,
                           const CLI::Validator& check = CLI::NonNegativeNumber);

@@ -480,7 +480,7 @@ void AddConfigCommands(CLI::App& program)
           &knownKeys);
     get.add_option("--default", choices->fallback, "What to print when there is no such key")
         ->type_name("VALUE");
-    OfferJson(get);
+    OfferJson(get, "a text, or null for a key without a value");
 
     CLI::App& set = AddCommand(group, "set", "Change a value or add an entry; a missing file is created",
                                [choices] { runSet(*choices); });
@@ -507,14 +507,14 @@ void AddConfigCommands(CLI::App& program)
                                 [choices] { runList(*choices); });
     addFile(list, choices->file);
     addLimit(list, choices->limit);
-    OfferJson(list);
+    OfferJson(list, "an object with a member for each key: its value, or null");
 
     CLI::App& lint =
         AddCommand(group, "lint", "Name the lines that a program drops or changes when it writes the file",
                    [choices] { runLint(*choices); });
     lint.add_option("file", choices->files, "The configuration files")->type_name("FILE")->required();
     addLimit(lint, choices->limit);
-    OfferJson(lint);
+    OfferJson(lint, "a line for each finding: file, line, fate (dropped, changed or kept), why, text");
 
     CLI::App& watch = AddCommand(
         group, "watch",
@@ -531,6 +531,6 @@ void AddConfigCommands(CLI::App& program)
     OfferCount(watch, choices->changes, "Exit after so many changes (default: at Ctrl-C)");
     watch.add_flag(
         "--json", choices->asJson,
-        "A line of JSON for each change: time, event (present, added, changed, removed, unreachable, "
+        "Print JSON, a line for each change: time, event (present, added, changed, removed, unreachable, "
         "reachable), key, value, before; file and problem for the last two events");
 }

@@ -22,7 +22,8 @@ btkAcceptSocket TakePassedSocket(std::string& interface, int& port)
 void ReportServing(const std::string& interface, int port)
 {
     const std::string line = "serving on " + interface + ", port " + std::to_string(port);
-    std::cout << line << std::endl;
+    if (!IsQuiet())
+        std::cout << line << std::endl;
     btkReportReady(line);
 }
 

@@ -75,9 +75,9 @@ public:
     {
         ++calls;
         if (total > 0)
-            line.Show(ShownAs(lastEntry(path)), done, total);
+            line.Show(ShownAs(path), done, total);
         else // removed nodes, and empty files
-            line.ShowCount(ShownAs(lastEntry(path)), calls);
+            line.ShowCount(ShownAs(path), calls);
         return interrupt == nullptr || interrupt->getIsSignaled() == 0;
     }
 
@@ -395,7 +395,7 @@ std::string sumOfFile(const std::string& typed)
     while ((status = file.Read(block.data(), block.size(), &size)) == fsIOOk) {
         sum.Add(block.data(), size);
         done += static_cast<double>(size);
-        line.Show(ShownAs(lastEntry(path)), done, info->getSize());
+        line.Show(typed, done, info->getSize());
     }
     if (status == fsIOFailed)
         FailForLastError(typed);
@@ -482,7 +482,10 @@ void addList(CLI::App& group)
         ->capture_default_str();
     list.add_flag("-l,--long", choices->isLong, "Print type, size in bytes and time of the last change, too");
     OfferNative(list);
-    OfferJson(list);
+    OfferJson(
+        list,
+        "a line for each node: name, type (file or directory), size in bytes, modified; all but the name are null for "
+        "a link to nothing");
 }
 
 void addCopy(CLI::App& group)
@@ -514,6 +517,8 @@ void addCopy(CLI::App& group)
             {"keep", fsNewLink}, {"follow", fsExpand}, {"skip", fsIgnore}}))
         ->default_str("keep");
     OfferNative(copy);
+    OfferProgress(copy);
+    OfferQuiet(copy);
 }
 
 void addRemove(CLI::App& group)
@@ -528,6 +533,8 @@ void addRemove(CLI::App& group)
     offerTree(remove, choices->tree, "Remove directories too, with everything in them");
     remove.add_flag("-f,--force", choices->force, "Ignore missing files");
     OfferNative(remove);
+    OfferProgress(remove);
+    OfferQuiet(remove);
 }
 
 void addSum(CLI::App& group)
@@ -539,7 +546,8 @@ void addSum(CLI::App& group)
     sum.add_option("file", choices->paths, "The files (default: -, the standard input)")->type_name("FILE");
     sum.add_flag("--simple", choices->simple, "The library's own checksum, of 32 bits, instead");
     OfferNative(sum);
-    OfferJson(sum);
+    OfferProgress(sum);
+    OfferJson(sum, "a line for each file: file, sum");
 }
 
 } // namespace

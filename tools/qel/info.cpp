@@ -85,5 +85,8 @@ void AddInfoCommand(CLI::App& program)
         AddCommand(program, "info", "Print the version, the limits, and the settings from the environment",
                    [] { Show(describeAll(), &linesOf); });
     info.footer("qel info --json\tFor a bug report.\n");
-    OfferJson(info);
+    OfferJson(
+        info,
+        "an object: version, and an object for each heading of the text: build, machine, paths, registry, name "
+        "server, limits, environment");
 }

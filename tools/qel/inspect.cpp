@@ -545,5 +545,9 @@ void AddInspectCommand(CLI::App& program)
         ->type_name("COUNT")
         ->check(CLI::Range(0, 1000000).description(""))
         ->capture_default_str();
-    OfferJson(command);
+    OfferJson(
+        command,
+        "an object: file, kind, size, and as far as the kind has them: format, version, state (whole, unfinished or "
+        "damaged), offset and problem of the damage, count, records, title, run, name, type, value, data, oddities, "
+        "examined");
 }

@@ -165,7 +165,9 @@ std::string programPage(const CLI::App& program)
     for (const CLI::App* const group : shown(program))
         rows.emplace_back("Cm " + group->get_name(), SummaryOf(*group) + '.');
     page += listOf(rows) + ".Pp\nThe options:\n" + arguments(program);
-    page += ".Pp\nWhat a program may read is written as JSON with the option\n.Fl -json .\n";
+    page +=
+        ".Pp\nWhat a program may read is written as JSON with the option\n.Fl -json ,\na value a line; the page of "
+        "each command names the members of its objects.\n";
     page += ".Sh ENVIRONMENT\n";
     rows.clear();
     for (const auto& [name, says] : environmentHelp)

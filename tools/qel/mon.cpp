@@ -335,19 +335,19 @@ void AddMonitorCommands(CLI::App& program)
                ->type_name("NAME")
                ->required(),
           &KnownParameters);
-    OfferJson(get);
+    OfferJson(get, "the value, or for several names an object with a member for each");
 
     CLI::App& list = AddCommand(group, "list", "Print all parameters with their types and values",
                                 [choices] { listValues(*choices); });
     AddMonitorFile(list, choices->path);
-    OfferJson(list);
+    OfferJson(list, "a line for each parameter: name, type, value");
 
     CLI::App& check =
         AddCommand(group, "check",
                    "Say whether the file is whole, and else where the damage begins; the answer is no then",
                    [choices] { checkFile(*choices); });
     AddMonitorFile(check, choices->path);
-    OfferJson(check);
+    OfferJson(check, "an object: state (whole, unfinished or damaged), offset of its end or damage");
 
     AddWatchCommands(group);
     AddWebCommands(group);

@@ -272,7 +272,12 @@ void AddWatchCommands(CLI::App& group)
     watch.add_flag("--once", watched->isOnce, "Take one sample, which has to be there");
     CLI::Option* const csv =
         watch.add_flag("--csv", watched->asCsv, "A line for each value: time,name,value; time is since 1970");
-    watch.add_flag("--json", watched->asJson, "A line of JSON for each sample")->excludes(csv);
+    watch
+        .add_flag(
+            "--json", watched->asJson,
+            "Print JSON, a line for each sample: time since 1970, problem when the file cannot be read, title, "
+            "values (an object)")
+        ->excludes(csv);
 
     const auto plotted = std::make_shared<Choices>();
     plotted->count = 60;

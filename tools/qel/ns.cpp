@@ -219,7 +219,7 @@ void addFind(CLI::App& group)
     find.add_option("server", *name, "Name of the server")->type_name("SERVER")->required();
     addHost(find, *choices);
     OfferSeconds(find, "--limit", choices->seconds, "Time for the whole request");
-    OfferJson(find);
+    OfferJson(find, "an object: host, port");
 }
 
 // ---- waiting for a server
@@ -417,23 +417,27 @@ struct AskCommand
     const char* help;
     void (*ask)(const AskChoices& choices);
     enum { NoFields, SomeFields, NeedsFields } fields = NoFields;
-    bool answers = false; // more than yes or no
+    const char* form = nullptr; // of its answer as JSON; null: yes or no
 };
+
+constexpr const char* recordForm = "a line for each record: process (0: none), fields";
 
 constexpr AskCommand askCommands[] = {
     {"list", "Print all records, a line each: the process (0: none), and the fields", &listRecords,
-     AskCommand::NoFields, true},
+     AskCommand::NoFields, recordForm},
     {"query", "Print the records that have these fields; the answer is no when there is none", &queryRecords,
-     AskCommand::SomeFields, true},
+     AskCommand::SomeFields, recordForm},
     {"register", "Register a record with these fields", &registerRecord, AskCommand::NeedsFields},
     {"delete", "Delete the records that have these fields, and print how many", &deleteRecord,
-     AskCommand::NeedsFields, true},
+     AskCommand::NeedsFields, "a number"},
     {"ping", "Succeed when the name server responds", &pingServer},
-    {"version", "Print the name server's version", &printVersion, AskCommand::NoFields, true},
+    {"version", "Print the name server's version", &printVersion, AskCommand::NoFields, "a text"},
     {"status",
      "Print how full the name server is; the answer is no when it has refused records for want of room since "
      "its start",
-     &printStatus, AskCommand::NoFields, true},
+     &printStatus, AskCommand::NoFields,
+     "an object: Version, Records, MaxRecords, RecordsOfNoProcess, MaxRecordsOfNoProcess, Bytes, MaxBytes, Refused, "
+     "LastRefusal, and with a store RecordsOfOthers, BytesOfOthers, MaxBytesOfOthers, RecordsOfOthersLeftOut, StoreStale"},
     {"shutdown", "Stop the name server of this machine", &shutDownServer}};
 
 void addFields(CLI::App& command, AskChoices& choices, bool isRequired)
@@ -459,8 +463,8 @@ void addAsk(CLI::App& group, const AskCommand& command)
         ask.add_option("--process", choices->owner, "Process that owns the record (default: none)")
             ->type_name("PROCESS")
             ->check(CLI::Range(2, 0x7FFFFFFF)); // 1 would be this program itself
-    if (command.answers)
-        OfferJson(ask);
+    if (command.form != nullptr)
+        OfferJson(ask, command.form);
 }
 
 void addWatch(CLI::App& group)
@@ -479,9 +483,10 @@ void addWatch(CLI::App& group)
     OfferInterval(watch, choices->interval, "Time between requests");
     OfferCount(watch, choices->count, "Requests to be made (default: until Ctrl-C)");
     watch.add_flag("--strict", choices->isStrict, "Fail when the name server cannot be reached");
-    watch.add_flag("--json", choices->asJson,
-                   "A line of JSON for each change: time, event (present, registered, removed, unreachable, "
-                   "reachable), process, name, host, port, fields; server for the last two events");
+    watch.add_flag(
+        "--json", choices->asJson,
+        "Print JSON, a line for each change: time, event (present, registered, removed, unreachable, "
+        "reachable), process, name, host, port, fields; server for the last two events");
 }
 
 } // namespace

@@ -347,5 +347,5 @@ void AddNameServer(CLI::App& group)
     addStore(command, *choices);
     command.add_flag("--check-config", choices->isCheckOnly,
                      "Check the settings and print those that the server would have, instead of serving");
-    OfferJson(command);
+    OfferJson(command, "with --check-config: an object with a member for each setting");
 }

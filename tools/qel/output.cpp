@@ -16,7 +16,9 @@
 
 namespace {
 
-bool asJson = false; // the flag --json of the command that runs
+// The flags of the command that runs.
+bool asJson = false;
+bool isQuiet = false;
 
 // The text in an exception's attribute; empty without one.
 std::string attributeOf(xthrowable& caught, const char* name)
@@ -211,7 +213,7 @@ bool HasColours()
 
 std::string Bold(const std::string& text)
 {
-    return HasColours() ? "\x1b[1m" + text + "\x1b[m" : text;
+    return HasScreen() ? "\x1b[1m" + text + "\x1b[m" : text;
 }
 
 std::string Printable(std::string_view text)
@@ -245,18 +247,43 @@ std::string AsText(const Json& result)
     return lines;
 }
 
+namespace {
+
+void writeJson(const Json& value)
+{
+    std::cout << value.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+} // namespace
+
 void Show(const Json& result, const std::function<std::string(const Json&)>& asText)
 {
-    if (asJson)
-        std::cout << result.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
-    else
+    if (isQuiet)
+        return;
+    if (!asJson)
         std::cout << (asText ? asText(result) : AsText(result));
+    else if (!result.is_array())
+        writeJson(result);
+    else
+        for (const Json& one : result)
+            writeJson(one);
     std::cout.flush();
 }
 
-void OfferJson(CLI::App& command)
+void OfferJson(CLI::App& command, const std::string& form)
 {
-    command.add_flag("--json", asJson, "Print the result as JSON");
+    command.add_flag("--json", asJson, "Print JSON, " + form);
+    OfferQuiet(command);
+}
+
+void OfferQuiet(CLI::App& command)
+{
+    command.add_flag("-q,--quiet", isQuiet, "Print failures only; the exit status is the result");
+}
+
+bool IsQuiet()
+{
+    return isQuiet;
 }
 
 CLI::Option* OfferSeconds(CLI::App& command, const char* names, double& seconds, const char* help,

@@ -1,4 +1,4 @@
-// The progress of long work, shown to the user at a terminal.
+// The progress of long work.
 #include "progress.h"
 
 #include <algorithm>
@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <iostream>
 #include <iterator>
+#include <map>
 
 #include <qel/base/btkfd.h>
 
@@ -46,6 +47,10 @@ std::string durationText(double seconds)
     return formatted("%d:%02d", part(whole / 60), part(whole % 60));
 }
 
+// What --progress says.
+enum class Form { line, json, none };
+Form form = Form::line;
+
 } // namespace
 
 std::string SizeText(double bytes)
@@ -60,38 +65,64 @@ std::string SizeText(double bytes)
                      bytes, units[unit]);
 }
 
-ProgressLine::ProgressLine() : wanted(btkIsTerminal(2)), begin(Clock::now()), next(begin + patience)
+ProgressLine::ProgressLine()
+    : isWanted(form == Form::json || (form == Form::line && !IsQuiet() && btkIsTerminal(2))),
+      begin(Clock::now()), next(form == Form::json ? begin : begin + patience)
 {
 }
 
 ProgressLine::~ProgressLine()
 {
+    if (form == Form::json && isNew)
+        show(Clock::now());
     write("");
 }
 
-bool ProgressLine::isTime(double& seconds)
+void ProgressLine::Show(const std::string& path, double done, double total)
 {
-    const Clock::time_point now = wanted ? Clock::now() : begin;
-    if (!wanted || now < next)
-        return false;
-    next = now + interval;
-    seconds = std::chrono::duration<double>(now - begin).count();
-    return true;
+    note(path, done, total, false);
 }
 
-void ProgressLine::Show(const std::string& what, double done, double total)
+void ProgressLine::ShowCount(const std::string& path, double count)
 {
-    if (double seconds; isTime(seconds))
-        write(Text(what, done, total, seconds));
+    note(path, count, 0, true);
 }
 
-void ProgressLine::ShowCount(const std::string& what, double count)
+void ProgressLine::note(const std::string& path, double done, double total, bool counts)
 {
-    double seconds;
-    if (!isTime(seconds))
+    if (!isWanted)
         return;
-    const std::string line = formatted("%.0f  %.0f/s  ", count, count / seconds);
-    write(line + endOf(Printable(what), lineWidth - line.size()));
+    object = path;
+    achieved = done;
+    whole = total;
+    isCount = counts;
+    isNew = true;
+    if (const Clock::time_point now = Clock::now(); now >= next) {
+        next = now + interval;
+        show(now);
+    }
+}
+
+void ProgressLine::show(Clock::time_point now)
+{
+    const double seconds = std::chrono::duration<double>(now - begin).count();
+    isNew = false;
+    if (form == Form::json) {
+        const auto number = [](double exact) { return static_cast<long long>(exact); };
+        Json line = {{"path", object}};
+        if (isCount)
+            line["count"] = number(achieved);
+        else
+            line.update({{"done", number(achieved)}, {"total", number(whole)}});
+        line["seconds"] = std::round(seconds * 1000) / 1000;
+        std::cerr << line.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
+        return;
+    }
+    const std::string name = object.substr(object.find_last_of("/\\") + 1);
+    if (!isCount)
+        return write(Text(name, achieved, whole, seconds));
+    const std::string line = formatted("%.0f  %.0f/s  ", achieved, achieved / seconds);
+    write(line + endOf(Printable(name), lineWidth - line.size()));
 }
 
 std::string ProgressLine::Text(const std::string& what, double done, double total, double seconds)
@@ -118,4 +149,18 @@ void ProgressLine::write(const std::string& line)
     std::cerr << '\r' << line << std::string(width - std::min(width, shown), ' ') << (shown == 0 ? "\r" : "")
               << std::flush;
     width = shown;
+}
+
+void OfferProgress(CLI::App& command)
+{
+    command
+        .add_option(
+            "--progress", form,
+            "How to show progress, on the standard error output: line, which a terminal shows once it takes half a "
+            "second; json, a line ten times a second and at the end of each path: path, done and total in bytes, or count "
+            "of files, and seconds; or none")
+        ->type_name("FORM")
+        ->transform(CLI::CheckedTransformer(
+            std::map<std::string, Form>{{"line", Form::line}, {"json", Form::json}, {"none", Form::none}}))
+        ->default_str("line");
 }

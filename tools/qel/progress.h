@@ -1,10 +1,11 @@
 #pragma once
 
+#include <CLI/App.hpp>
 #include <chrono>
 #include <string>
 
-/// A line on the standard error output that shows the progress of long work. It appears only on a terminal
-/// and after half a second; the destructor erases it.
+/// The progress of long work, on the standard error output. By default it is a line that appears only on a terminal
+/// and after half a second, and the destructor erases it; with --progress=json, the destructor writes the last object.
 class ProgressLine
 {
 public:
@@ -13,10 +14,10 @@ public:
     ProgressLine(const ProgressLine&) = delete;
     ProgressLine& operator=(const ProgressLine&) = delete;
 
-    /// Shows `done` of `total` bytes, 0: total unknown, and the current object `what`.
-    void Show(const std::string& what, double done, double total);
+    /// Shows `done` of `total` bytes, 0: total unknown, and the name of the current object.
+    void Show(const std::string& path, double done, double total);
     /// Shows that `count` objects, of an unknown total, are done.
-    void ShowCount(const std::string& what, double count);
+    void ShowCount(const std::string& path, double count);
 
     /// The line, without its end, `seconds` after the beginning. It has at most 79 characters.
     static std::string Text(const std::string& what, double done, double total, double seconds);
@@ -24,15 +25,25 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    /// Whether it is time for another line, and how many seconds after the beginning that is.
-    bool isTime(double& seconds);
+    void note(const std::string& path, double done, double total, bool counts);
+    void show(Clock::time_point now);
     void write(const std::string& line);
 
-    const bool wanted;
+    // What is to be shown.
+    std::string object;
+    double achieved = 0;
+    double whole = 0;
+    bool isCount = false;
+    bool isNew = false;
+
+    const bool isWanted;
     const Clock::time_point begin;
     Clock::time_point next;
     std::size_t width = 0; // of the visible line
 };
+
+/// Gives the command the option --progress.
+void OfferProgress(CLI::App& command);
 
 /// A readable size: "812 MB".
 std::string SizeText(double bytes);

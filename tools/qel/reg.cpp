@@ -299,7 +299,7 @@ void AddRegistryCommands(CLI::App& program)
     addRoots(get, *choices);
     addKey(get, *choices).required();
     addName(get, *choices).required();
-    OfferJson(get);
+    OfferJson(get, "a text");
 
     CLI::App& set = AddCommand(group, "set", "Change or add a value; a missing key is created",
                                [choices] { runSet(*choices); });
@@ -322,5 +322,8 @@ void AddRegistryCommands(CLI::App& program)
     addRoots(list, *choices);
     addKey(list, *choices);
     list.add_flag("--all", choices->all, "Print everything below the key, as a tree");
-    OfferJson(list);
+    OfferJson(
+        list,
+        "an object: values, an object with a member for each value (null: no text); keys, a list of the names, or "
+        "with --all an object with such an object for each key");
 }

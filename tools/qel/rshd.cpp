@@ -575,5 +575,5 @@ void AddRemoteShellServer(CLI::App& program)
         stdio->excludes(serve.get_option(other));
     serve.add_flag("--check-config", choices->isCheckOnly,
                    "Check the settings and print those that the server would have, instead of serving");
-    OfferJson(serve);
+    OfferJson(serve, "with --check-config: an object with a member for each setting");
 }

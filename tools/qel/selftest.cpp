@@ -276,5 +276,5 @@ void AddSelftestCommand(CLI::App& program)
         program, "selftest", "Test files, monitor files, configuration, registry, a server and a name server",
         &runTests);
     selftest.footer("qel selftest\tCheck this installation. Leaves nothing behind.\n");
-    OfferJson(selftest);
+    OfferJson(selftest, "a line for each test: test, passed, ms, and why when it has failed");
 }

@@ -187,7 +187,11 @@ void addCheck(CLI::App& group)
                     "Names of servers (default: those in the registry, and those that the name server knows)")
         ->type_name("SERVER");
     OfferSeconds(check, "--limit", choices->seconds, "Time to wait for the name server", CLI::PositiveNumber);
-    OfferJson(check);
+    OfferJson(
+        check,
+        "a line for each server: server, restrictable, admits (nobody, these, every certificate, everybody), "
+        "TLS required, and for the lists of system and user their patterns and how they were found: system found, "
+        "user found");
 }
 
 struct Command
@@ -224,7 +228,7 @@ void AddServerCommands(CLI::App& program)
         OfferSeconds(added, "--limit", address->seconds,
                      "Time for the name server's and the server's answer together", CLI::PositiveNumber);
         if (command.run == &printVersion)
-            OfferJson(added);
+            OfferJson(added, "a text");
     }
     addCheck(group);
 }

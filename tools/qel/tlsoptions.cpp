@@ -105,6 +105,7 @@ void AddTlsOptions(CLI::App& group, const RunTls& run)
     revoke.AddTargets("Directory of a program that gets the new list; may be given several times")
         ->take_all();
     revoke.AddListDays("--list-days");
+    OfferJson(revoke.command, "a number");
 
     TlsCommand renew =
         add(group, run, "renew-list",
@@ -119,5 +120,5 @@ void AddTlsOptions(CLI::App& group, const RunTls& run)
             "Print the certificates, keys and lists of a program or an authority. Warns of those "
             "that are valid for less than 14 days; the answer is no when one cannot be used");
     show.AddFolder("Directory of the program or of the authority");
-    OfferJson(show.command);
+    OfferJson(show.command, "a line for each file: file, kind, state, from, until, days, names");
 }

@@ -76,31 +76,46 @@ const char* stateOf(const Server& server)
     return server.goneFor > 0 ? "exited" : server.isAlive ? "alive" : "dead";
 }
 
+bool isWanted(const Choices& choices, const Server& server, const std::string& name)
+{
+    return (server.name + ' ' + name).find(choices.filter) != std::string::npos;
+}
+
 bool isShown(const Choices& choices, const Server& server, const std::string& name, const Json& value)
 {
     static constexpr const char* facts[] = {"process", "started"};
     if (std::find(std::begin(facts), std::end(facts), name) != std::end(facts))
         return false;
     const bool isZero = value.is_number() && value.get<double>() == 0;
-    return (choices.hasZeros || !isZero) &&
-           (server.name + ' ' + name).find(choices.filter) != std::string::npos;
+    return (choices.hasZeros || !isZero) && isWanted(choices, server, name);
 }
 
 // ---- as JSON
 
-Json asJson(const Choices& choices, const Servers& servers)
+// A line for each server that has a wanted figure.
+std::string asJson(const Choices& choices, const Servers& servers)
 {
-    Json list = Json::array();
+    const double time = TimeOfDay();
+    std::string lines;
     for (const auto& [path, server] : servers) {
-        if (server.name.find(choices.filter) == std::string::npos)
-            continue;
-        Json one = {{"name", server.name}, {"process", server.process}, {"state", stateOf(server)},
-                    {"file", path},        {"values", server.values},   {"rates", Json::object()}};
+        Json values = Json::object(), rates = Json::object();
+        for (const auto& [name, value] : server.values.items())
+            if (isWanted(choices, server, name))
+                values[name] = value;
         for (const auto& [name, rate] : server.rates)
-            one["rates"][name] = rate;
-        list.push_back(one);
+            if (isWanted(choices, server, name))
+                rates[name] = rate;
+        const Json one = {{"time", time},
+                          {"name", server.name},
+                          {"process", server.process},
+                          {"state", stateOf(server)},
+                          {"file", path},
+                          {"values", values},
+                          {"rates", rates}};
+        if (!values.empty())
+            lines += one.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
     }
-    return list;
+    return lines;
 }
 
 // ---- as a table
@@ -183,8 +198,7 @@ Json rowsOf(const ScreenTable& table)
 std::string textOf(const Choices& choices, const Servers& servers)
 {
     if (choices.asJson)
-        return asJson(choices, servers)
-            .dump(choices.isOnce ? 2 : -1, ' ', false, Json::error_handler_t::replace);
+        return asJson(choices, servers);
     ScreenTable table = tableOf(choices, servers, nullptr);
     sortTable(table, choices.sort);
     return AsText(rowsOf(table));
@@ -254,6 +268,8 @@ void AddTopCommand(CLI::App& program)
     OfferInterval(command, choices->interval, "Time between samples");
     OfferCount(command, choices->count, "Samples to be printed (default: until Ctrl-C)");
     command.add_flag("--once", choices->isOnce, "Print one sample");
-    command.add_flag("--json", choices->asJson,
-                     "Print JSON: with --once a list, else a line for each sample");
+    command.add_flag(
+        "--json", choices->asJson,
+        "Print JSON, a line for each server and sample, with zeros: time since 1970, name, process, state (alive, dead or "
+        "exited), file, values and rates per second (objects with a member for each figure)");
 }

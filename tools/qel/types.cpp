@@ -281,8 +281,8 @@ void showTypes(const TypeChoices& choices)
     const std::string& name = choices.name;
     if (choices.isTree || choices.isDot) {
         const Heirs heirs = heirsOf(name);
-        std::cout << (choices.isDot ? graph(heirs) : branches(heirs, "", "")) << std::flush;
-        return;
+        return Show(choices.isDot ? graph(heirs) : branches(heirs, "", ""),
+                    [](const Json& drawn) { return drawn.get<std::string>(); });
     }
     if (xrtti* const type = name.empty() ? nullptr : qelRttiGetFromMap(name.c_str())) {
         Show(description(type), &typeText);
@@ -434,7 +434,7 @@ void printType(const std::string& name, const std::vector<std::string>& texts, b
     const xany value =
         object != nullptr ? objectOf(object, texts) : valueOf(type, texts.empty() ? nullptr : texts.data());
     if (asJson)
-        qel::json::write(value, std::cout, {.indent = 2});
+        qel::json::write(value, std::cout);
     else
         qelPrint(value, std::cout, 2);
     std::cout << '\n';
@@ -461,7 +461,10 @@ void AddTypeCommands(CLI::App& program)
         "parents");
     CLI::Option* const isDot =
         types.add_flag("--dot", choices->isDot, "The same as a graph for the program dot")->excludes(isTree);
-    OfferJson(types);
+    OfferJson(
+        types,
+        "a line for each type: name, kind, c++, counted, parents, attributes (name, type, optional, from), element, "
+        "optional, labels");
     types.get_option("--json")->excludes(isTree)->excludes(isDot);
 
     const auto name = std::make_shared<std::string>();
@@ -478,5 +481,6 @@ void AddTypeCommands(CLI::App& program)
         .add_option("value", *values,
                     "Its contents: values, KEY=VALUE or ATTRIBUTE=VALUE (default: a sample)")
         ->type_name("VALUE");
-    print.add_flag("--json", *asJson, "Print it in the library's form of JSON");
+    print.add_flag("--json", *asJson,
+                   "Print JSON, a line in the form of the library: $type, $value, or the attributes");
 }
