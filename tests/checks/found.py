@@ -110,17 +110,20 @@ for prefix, begin in prefixed():
 def missing(name, header, isStrict=False):
     """The kinds of files of the name that a searcher does not find."""
     # Exceptions are also called by their registered name.
-    word = re.compile(rf"\b{name}\b" + (rf"|::{name[at:]}\b" if (at := name.find("X")) > 1 and EXCEPTION.fullmatch(name) else ""))
+    short = name[name.find("X"):] if name.find("X") > 1 and EXCEPTION.fullmatch(name) else name
+    word = re.compile(rf"\b{name}\b|::{short}\b")
     begin = [] if isStrict else first(name)
     lacking = [] if header.stem in [*three(name, "header"), *begin] else ["declaration"]
     defining = re.compile(rf"\b{name}(::~?\w+)?\(|\b{name}::\w+ = |QEL_\w+\({name},")
-    defined = [stem for stem, path in sources.items() if path.parent == header.parent and defining.search(texts[path])]
+    # Most texts do not have it, which a plain search finds out sooner.
+    defined = [stem for stem, path in sources.items()
+               if name in texts[path] and path.parent == header.parent and defining.search(texts[path])]
     opened = [header.stem, *three(name, "source"), *([] if isStrict else three(name, "source", header.parent.name))]
     if defined and not set(defined) & set(opened):
         lacking.append("source")
     here = [] if isStrict else [stem for folder in (header.parent.name, header.parent.parent.name)
                                 for stem in three(name, "test", folder)]
-    used = [stem for stem, path in tests.items() if word.search(texts[path])]
+    used = [stem for stem, path in tests.items() if short in texts[path] and word.search(texts[path])]
     same = {header.stem, *(set(defined) & set(opened))}
     if not set(used) & {*same, *three(name, "test"), *here} and (used or not same & tests.keys()):
         lacking.append("test" if "list" not in sys.argv else f"test ({' '.join(used)})")
