@@ -415,12 +415,10 @@ TEST(NameServer, RecordsSurviveItsKills)
             return 0;
         });
         EXPECT_EQ(client.enter("_ServerName", "killed", killed.getId()), 0);
-        const btkTimeval start = btkTimeval::Now();
-        const btkTimeval until = start + btkTimeval(0.6 + 0.07 * round);
-        for (int i = 0; btkTimeval::Now() < until && i < 60; ++i)
+        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(600 + 70 * round);
+        for (int i = 0; std::chrono::steady_clock::now() < until && i < 60; ++i)
             EXPECT_EQ(client.enter("n" + std::to_string(round), std::to_string(i)), 0);
-        while (btkTimeval::Now() < until)
-            std::this_thread::yield();
+        std::this_thread::sleep_until(until);
         server.signal(SIGKILL);
         server.wait();
         nmsTable table;

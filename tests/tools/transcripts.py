@@ -1,6 +1,7 @@
-"""transcripts.py QEL FILE: runs the command lines of a transcript and compares their output and exit status.
+"""transcripts.py QEL FILE [time]: runs the command lines of a transcript and compares their output and exit status.
 
-"== NAME" begins a case, which one bash runs in an empty folder of its own. "$ LINE" is a command line, "> LINE" continues
+"== NAME" begins a case, which one bash runs in an empty folder of its own. "== NAME (time)" is one that measures time: `time`
+runs those cases only, and without it the others run. "$ LINE" is a command line, "> LINE" continues
 it. The lines behind it are its output, both streams together, and "[N]" its exit status if that is not 0. Of the output,
 "..." stands for any lines; a line that ends in " (re)" is a regular expression, one that ends in " (esc)" has the escapes
 of Python, and one that ends in " (no end)" lacks its line end. A command that exits with 77 ends the case, which is skipped
@@ -124,11 +125,11 @@ def run(steps, environment):
 
 
 def main():
-    qel, path = sys.argv[1:]
+    qel, path, *kind = sys.argv[1:]
     environment = {name: value for name, value in os.environ.items() if name.endswith("SAN_OPTIONS")}
     environment |= {"PATH": os.path.dirname(qel) + ":" + os.environ["PATH"], "LC_ALL": "C.UTF-8", "TZ": "UTC",
                     "SHELL": "/bin/sh", "VRXNMSPORT": "1"}
-    cases = parse(path)
+    cases = {name: steps for name, steps in parse(path).items() if name.endswith(" (time)") == bool(kind)}
     failed = 0
     for name, steps in cases.items():
         faults, skipped = run(steps, environment)
