@@ -1,4 +1,6 @@
-"""cluster_test.py QEL [CASE]: name servers that share their records in etcd. Network namespaces stand for the machines."""
+"""cluster_test.py QEL [CASE...]: name servers that share their records in etcd. Network namespaces stand for the machines.
+Without a case, all but those of Timed run, several at a time, as they mostly wait for the ends of leases."""
+import concurrent.futures
 import json
 import os
 import pathlib
@@ -136,24 +138,6 @@ class OneMember(Cluster):
         wait_until(lambda: a.status()["Displaced"] == 0, 10, "it is entered again")
         wait_until(lambda: b.hosts("lost") == ["10.0.0.1"], 5, "b sees it again")
 
-    def test_queries_do_not_wait_for_the_store(self):
-        a = self.machine("a")
-        self.assertEqual(a.register("here", owner=self.owner().pid), 0)
-
-        def ask(count=300):
-            answers = [a.request(Machine.QUERY, {"_ServerName": "here"}) for _ in range(count)]
-            self.assertEqual({status for status, _ in answers}, {0})
-            return sorted(seconds for _, seconds in answers)[count * 9 // 10]
-
-        before = ask()
-        os.kill(self.etcd.members[0].pid, signal.SIGSTOP)
-        registering = threading.Thread(target=a.register, args=("never",))
-        registering.start()
-        silent = min(ask(), ask(), ask())
-        os.kill(self.etcd.members[0].pid, signal.SIGCONT)
-        registering.join()
-        self.assertLess(silent, 5 * before + 0.02)
-
     def test_compaction_and_a_dead_keeper_lose_nothing(self):
         a, b = self.machine("a"), self.machine("b")
         self.assertEqual(b.register("first", owner=self.owner().pid), 0)
@@ -224,6 +208,28 @@ class OneMember(Cluster):
             self.assertEqual(serve("--store", wrong, "--advertise", "10.0.0.1")[0], 2, wrong)
         self.assertEqual(serve("--store", "etcd://192.0.2.9:2379", "--advertise", "10.0.0.1", "--store-plain")[0], 0)
         self.assertEqual(serve("--advertise", "10.0.0.1")[0], 2)
+
+
+class Timed(Cluster):
+    """These measure time."""
+
+    def test_queries_do_not_wait_for_the_store(self):
+        a = self.machine("a")
+        self.assertEqual(a.register("here", owner=self.owner().pid), 0)
+
+        def ask(count=300):
+            answers = [a.request(Machine.QUERY, {"_ServerName": "here"}) for _ in range(count)]
+            self.assertEqual({status for status, _ in answers}, {0})
+            return sorted(seconds for _, seconds in answers)[count * 9 // 10]
+
+        before = ask()
+        os.kill(self.etcd.members[0].pid, signal.SIGSTOP)
+        registering = threading.Thread(target=a.register, args=("never",))
+        registering.start()
+        silent = min(ask(), ask(), ask())
+        os.kill(self.etcd.members[0].pid, signal.SIGCONT)
+        registering.join()
+        self.assertLess(silent, 5 * before + 0.02)
 
 
 class Full(Cluster):
@@ -358,6 +364,23 @@ class ThreeMembers(Cluster):
         self.assertEqual(len(self.etcd.keys("claims/")), 4)
 
 
+def run_all():
+    """Each case is a process with namespaces of its own. Returns the exit code: of a case that fails or is not possible."""
+    loaded = unittest.defaultTestLoader.loadTestsFromModule(sys.modules[__name__])
+    cases = [test.id().removeprefix("__main__.") for suite in loaded for test in suite if not isinstance(test, Timed)]
+
+    def run(case):
+        return subprocess.run([sys.executable, *sys.argv, case], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+
+    with concurrent.futures.ThreadPoolExecutor(4) as pool:
+        done = list(pool.map(run, reversed(cases)))  # the last ones take longest
+    for each in done:
+        print(each.stdout)
+    return next((each.returncode for each in done if each.returncode), 0)
+
+
 if __name__ == "__main__":
+    if len(sys.argv) == 2:
+        sys.exit(run_all())
     FOLDER = isolate()
     unittest.main(argv=[sys.argv[0], *sys.argv[2:]], verbosity=2)
