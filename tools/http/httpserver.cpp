@@ -14,6 +14,7 @@
 #include <qel/base/btktimeval.h>
 
 #include "commands.h"
+#include "daemon.h"
 
 namespace {
 
@@ -37,8 +38,7 @@ public:
     Door(const std::string& host, int port)
     {
         if (!Listen(port, host == "*" ? nullptr : host.c_str()))
-            Fail(Exit::peer, host + ", port " + std::to_string(port),
-                 std::string("cannot listen: ") + std::strerror(errno));
+            FailToListen(host, port);
     }
     btkHandle GiveAway() { return fd.Release(); }
 };

@@ -214,7 +214,7 @@ void runGet(const Choices& choices)
     Json value = valueOf(file, choices.key.c_str());
     if (value.is_null() && !entriesOf(file).contains(withoutBlanks(choices.key))) {
         if (!choices.fallback)
-            Fail(Exit::no, choices.file, "no key \"" + choices.key + '"');
+            Fail(Exit::no, choices.file, "no key \"" + choices.key + "\"; `qel conf list` prints all");
         value = *choices.fallback;
     }
     Show(value, [](const Json& found) { return textOf(found) + '\n'; });
@@ -245,7 +245,7 @@ void runDelete(const Choices& choices)
     const Json entries = entriesOf(file);
     for (const std::string& key : choices.keys)
         if (!entries.contains(withoutBlanks(key)))
-            Fail(Exit::no, choices.file, "no key \"" + key + '"');
+            Fail(Exit::no, choices.file, "no key \"" + key + "\"; `qel conf list` prints all");
     for (const std::string& key : choices.keys)
         file.DeleteValue(key.c_str());
     closeFile(file, choices.file);

@@ -27,6 +27,13 @@ void ReportServing(const std::string& interface, int port)
     btkReportReady(line);
 }
 
+void FailToListen(const std::string& interface, int port)
+{
+    const bool isTaken = errno == EADDRINUSE;
+    Fail(Exit::peer, interface + ", port " + std::to_string(port),
+         std::string("cannot listen: ") + std::strerror(errno) + (isTaken ? "; port 0 is a free one" : ""));
+}
+
 void RequireInterface(const std::string& interface)
 {
     btkAcceptSocket socket;

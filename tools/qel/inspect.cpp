@@ -12,6 +12,7 @@
 #include <memory>
 #include <sstream>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <qel/base/btkfd.h>
@@ -326,6 +327,44 @@ bool inspectConfig(const File& file, Json& result)
     return true;
 }
 
+bool inspectJson(const File& file, Json& result)
+{
+    const std::size_t begin = file.head.find_first_not_of(" \t\r\n");
+    if (!file.isText || !file.IsRead() || begin == std::string::npos ||
+        (file.head[begin] != '{' && file.head[begin] != '['))
+        return false;
+    // Of nested values nothing is kept.
+    const Json value = Json::parse(
+        wholeOf(file), [](int depth, Json::parse_event_t, Json&) { return depth < 2; }, false);
+    if (value.is_discarded())
+        return false;
+    result["kind"] = "JSON";
+    result["format"] = "text";
+    result["state"] = "whole";
+    if (value.is_object() && value.contains("$type"))
+        result["type"] = value["$type"];
+    result["count"] = value.size();
+    return true;
+}
+
+// What `qel tls` makes.
+bool inspectCertificates(const File& file, Json& result)
+{
+    constexpr std::string_view begin = "-----BEGIN ", end = "-----";
+    if (!file.isText || !file.head.starts_with(begin))
+        return false;
+    result["kind"] = "certificates, keys or lists of them";
+    result["format"] = "PEM";
+    std::size_t count = 0;
+    for (std::size_t at = 0; (at = file.head.find(begin, at)) != std::string::npos; ++count) {
+        const std::size_t start = std::exchange(at, at + begin.size());
+        const std::string label = file.head.substr(at, file.head.find(end, at) - at);
+        add(result, file, {{"offset", start}, {"content", label}});
+    }
+    result["count"] = count;
+    return true;
+}
+
 // ---- values of a stream: no form marks them, so that this is a guess
 
 struct Value
@@ -458,9 +497,9 @@ bool inspectValues(const File& file, Json& result)
     return true;
 }
 
-constexpr std::array kinds = {&inspectNameServerState, &inspectUpdate, &inspectRegistryValue,
-                              &inspectRegistryName,    &inspectTrace,  &inspectMonitor,
-                              &inspectConfig,          &inspectValues};
+constexpr std::array kinds = {
+    &inspectNameServerState, &inspectUpdate, &inspectRegistryValue, &inspectRegistryName, &inspectTrace,
+    &inspectMonitor,         &inspectJson,   &inspectCertificates,  &inspectConfig,       &inspectValues};
 
 // ---- the command
 
@@ -533,7 +572,7 @@ void AddInspectCommand(CLI::App& program)
     CLI::App& command = AddCommand(
         program, "inspect",
         "Tell what a file is, and print its records: a monitor file, a configuration file, a value of the "
-        "registry, the state of a name server, a trace, or the values of a stream. The answer is no when it is damaged, "
+        "registry, the state of a name server, a trace, JSON, certificates, or the values of a stream. The answer is no when it is damaged, "
         "of which the offset is printed, and when it is none of these",
         [choices] { inspect(*choices); });
     command.footer(

@@ -222,7 +222,7 @@ void runMan(const CLI::App& program, const Choices& choices)
     } else {
         const CLI::App* const command = FindCommand(program, choices.command);
         if (command == nullptr)
-            Fail(Exit::no, choices.command, "no such command");
+            Fail(Exit::no, choices.command, "no such command; `qel --help` prints all");
         std::cout << commandPage(program, *command);
     }
 }

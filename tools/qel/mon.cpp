@@ -197,7 +197,7 @@ Monitor OpenMonitor(const std::string& path)
     const unsigned error = GetLastError();
     std::error_code ignored;
     if (!std::filesystem::exists(path, ignored))
-        Fail(Exit::no, path, "not there");
+        Fail(Exit::no, path, "not there; `qel mon create` makes it");
     if (error == ERROR_ACCESS_DENIED && std::filesystem::is_regular_file(path, ignored))
         Fail(Exit::no, path, "not permitted");
     Fail(Exit::peer, path, "no monitor file");
@@ -228,7 +228,7 @@ monParam& ParameterOf(monFile& file, const std::string& path, const std::string&
 {
     monParam* parameter = nullptr;
     if (!file.getParams()->find(name.c_str(), &parameter))
-        Fail(Exit::no, path + ", " + name, "no such parameter");
+        Fail(Exit::no, path + ", " + name, "no such parameter; `qel mon list` prints all");
     return *parameter;
 }
 

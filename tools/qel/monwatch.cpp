@@ -46,7 +46,7 @@ Sample takeSample(const Choices& choices, WatchedFile& file)
         Fail(Exit::peer, choices.path, sample.problem);
     for (const std::string& name : choices.names)
         if (!sample.values.contains(name))
-            Fail(Exit::no, choices.path + ", " + name, "no such parameter");
+            Fail(Exit::no, choices.path + ", " + name, "no such parameter; `qel mon list` prints all");
     return sample;
 }
 
@@ -225,7 +225,8 @@ void plotSamples(const Choices& choices)
                 curves[name].points.emplace_back(std::max(sample.time - start, 0.0), number);
     });
     if (curves.empty())
-        Fail(Exit::no, choices.path, "no numbers to draw");
+        Fail(Exit::no, choices.path + (choices.names.empty() ? "" : ", " + choices.names.front()),
+             "no numbers to draw; `qel mon list` prints all");
     chart.up = unitOf(choices.path, curves.begin()->first);
     for (auto& [name, curve] : curves) {
         const std::string unit = unitOf(choices.path, name);

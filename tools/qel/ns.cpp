@@ -71,7 +71,7 @@ void require(const AskChoices& choices, capi_nmsError* answered)
         return;
     const int code = nmsErrGetCode(error.get());
     if (code == nmscNoConnection)
-        Fail(Exit::peer, choices.Server(), "no response");
+        Fail(Exit::peer, choices.Server(), "no response; does `qel ns serve` run there?");
     // The line begins with the origin of the failure: "ERROR  : NameServer on client request: ".
     std::string why = nmsErrGetText(error.get());
     why.erase(0, why.find(": ", why.find(": ") + 2) + 2);
@@ -207,7 +207,7 @@ void findServer(const AskChoices& choices, const std::string& name)
             Fail(Exit::peer, choices.Server(),
                  (known == nullptr ? failure.what() : known->getMsg()).CastToCString());
     }
-    Fail(Exit::no, name, "no server of that name");
+    Fail(Exit::no, name, "no server of that name; `qel ns list` prints all");
 }
 
 void addFind(CLI::App& group)

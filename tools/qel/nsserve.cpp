@@ -282,8 +282,7 @@ void serve(ServeChoices& choices)
     };
     nmsServer server(options);
     if (!server.Listen(std::move(passed)))
-        Fail(Exit::peer, choices.interface + ", port " + std::to_string(options.port),
-             std::string("cannot listen: ") + std::strerror(errno));
+        FailToListen(choices.interface, options.port);
     if (statistics != nullptr)
         statistics->Set("port", server.GetPort());
     ReportServing(choices.interface, server.GetPort());

@@ -69,7 +69,7 @@ hmxRegistryKey openedKey(const Choices& choices)
     if (isRoot(choices.key) || key.Open(key, choices.key.c_str()))
         return key;
     if (GetLastError() == ERROR_FILE_NOT_FOUND)
-        Fail(Exit::no, choices.key, "no such key");
+        Fail(Exit::no, choices.key, "no such key; `qel reg list --all` prints all");
     FailForLastError(choices.key);
 }
 
@@ -83,7 +83,7 @@ std::string nameOf(const Choices& choices)
 [[noreturn]] void failForValue(const Choices& choices)
 {
     if (GetLastError() == ERROR_FILE_NOT_FOUND)
-        Fail(Exit::no, nameOf(choices), "no such value");
+        Fail(Exit::no, nameOf(choices), "no such value; `qel reg list` prints all");
     FailForLastError(nameOf(choices));
 }
 
@@ -180,7 +180,7 @@ void deleteKey(hmxRegistryKey& parent, const std::string& name, const std::strin
         return;
     const unsigned error = GetLastError();
     if (error == ERROR_FILE_NOT_FOUND)
-        Fail(Exit::no, path, "no such key");
+        Fail(Exit::no, path, "no such key; `qel reg list --all` prints all");
     hmxRegistryKey key;
     if (error == ERROR_ACCESS_DENIED && key.Open(parent, name.c_str()) &&
         !namesIn(key.ListSubkeys(), path).empty())

@@ -113,7 +113,8 @@ qel::owned<netSocketStream> connect(const AskChoices& choices)
     } catch (xthrowable* thrown) {
         throw FailureOf(thrown, Exit::peer, choices.host);
     }
-    Fail(Exit::peer, choices.host + ", port " + std::to_string(address->getPortN()), "no response");
+    Fail(Exit::peer, choices.host + ", port " + std::to_string(address->getPortN()),
+         "no response; does `qel rshd` run there? --via ssh needs none");
 }
 
 // The command line, quoted so that the server can restore the words; for a shell, as the user wrote it.

@@ -484,8 +484,7 @@ void runServer(ServeChoices& choices)
     rshServer::setPatience(choices.patience);
     if (!listening->IsOpen() &&
         !listening->Listen(choices.port, choices.interface == "*" ? nullptr : choices.interface.c_str()))
-        Fail(Exit::peer, choices.interface + ", port " + std::to_string(choices.port),
-             std::string("cannot listen: ") + std::strerror(errno));
+        FailToListen(choices.interface, choices.port);
     if (!users.AreEverybody() && !btkReportsPeerUsers(listening->GetHandle()))
         btkLog(btkLevel::warning,
                "the system does not report the users of connections: no client of this machine is admitted; "

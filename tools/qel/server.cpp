@@ -46,8 +46,10 @@ std::unique_ptr<btkStreamSocket> ask(const Address& address, netRequestCode code
     } catch (xthrowable* thrown) {
         const qel::caught failure(thrown);
         auto* const unknown = failure.as<netXException>(); // its server is named anyway
+        const bool isUnnamed = unknown != nullptr && unknown->getError() == netNameServiceProblem;
         refused(address, Exit::peer,
-                (unknown != nullptr ? unknown->getMsg() : failure.what()).CastToCString());
+                std::string((unknown != nullptr ? unknown->getMsg() : failure.what()).CastToCString()) +
+                    (isUnnamed ? "; see `qel ns list`" : ""));
     }
     if (socket == nullptr)
         refused(address, Exit::peer, "Connection refused");

@@ -227,7 +227,7 @@ Heirs heirsOf(const std::string& name)
             names.insert(nameOf(object));
         }
     if (classes.empty())
-        Fail(Exit::no, name, "neither a class nor a library");
+        Fail(Exit::no, name, "neither a class nor a library; `qel types` prints all");
     Heirs heirs;
     for (xrttiobject* const object : classes) {
         bool hasParent = false;
@@ -293,7 +293,7 @@ void showTypes(const TypeChoices& choices)
         if (name.empty() || libraryOf(nameOf(type)) == name)
             types.push_back(description(type));
     if (types.empty())
-        Fail(Exit::no, name, "neither a type nor a library");
+        Fail(Exit::no, name, "neither a type nor a library; `qel types` prints all");
     Show(types, &tree);
 }
 
@@ -427,7 +427,7 @@ void printType(const std::string& name, const std::vector<std::string>& texts, b
 {
     xrtti* const type = qelRttiGetFromMap(name.c_str());
     if (type == nullptr)
-        Fail(Exit::no, name, "no such type");
+        Fail(Exit::no, name, "no such type; `qel types` prints all");
     xrttiobject* const object = qelSoftcast<xrttiobject>(type);
     if (object == nullptr && texts.size() > 1)
         Fail(Exit::usage, texts[1], "takes one value");
