@@ -1,6 +1,5 @@
-"""pictures.py QEL: draws docs/qel-top.svg, docs/mon-watch.svg and docs/mon-serve.png from running programs: what a terminal
-of tmux shows, as text, and what a browser shows. It takes half a minute, since curves need a past."""
-import base64
+"""pictures.py QEL: draws docs/qel-top.svg, docs/mon-watch.svg and docs/mon-serve.svg from running programs: what a terminal
+of tmux shows, and the texts, curves, lines and grounds that a browser shows. It takes half a minute, since curves need a past."""
 import html
 import math
 import os
@@ -61,6 +60,62 @@ def drawn(screen, title):
     return "\n".join(out + ["</svg>\n"])
 
 
+PAGE_WIDE, PAGE_HIGH = 820, 560
+# The parts of the page within the window, as elements of SVG. A text is drawn in pieces of one line.
+PARTS = r"""(() => {
+    const parts = [], quote = (text) => text.replace(/&/g, "&amp;").replace(/</g, "&lt;");
+    const round = (number) => Math.round(number * 10) / 10;
+    const rectangle = (x, y, width, height, fill) => parts.push(`<rect x="${round(x)}" y="${round(y)}" width="${round(width)}" `
+        + `height="${round(height)}" fill="${fill}"/>`);
+    const within = (box) => box.width > 0 && box.height > 0 && box.top < innerHeight;
+    const drawn = (element) => {
+        const style = getComputedStyle(element), box = element.getBoundingClientRect();
+        if (!element.checkVisibility() || !within(box))
+            return;
+        if (element.matches("polyline")) {
+            const place = element.getScreenCTM();
+            const points = [...element.points].map((point) => point.matrixTransform(place)).map((p) => `${round(p.x)},${round(p.y)}`);
+            parts.push(`<polyline points="${points.join(" ")}" fill="none" stroke="${style.stroke}"/>`);
+        }
+        if (!/, 0\)|transparent/.test(style.backgroundColor))
+            rectangle(box.x, box.y, box.width, box.height, style.backgroundColor);
+        if (parseFloat(style.borderBottomWidth) > 0)
+            rectangle(box.x, box.bottom - 1, box.width, 1, style.borderBottomColor);
+        for (const node of element.childNodes)
+            if (node.nodeType === Node.TEXT_NODE)
+                text(node, style);
+            else if (node.nodeType === Node.ELEMENT_NODE)
+                drawn(node);
+    };
+    const text = (node, style) => {
+        const pieces = [];
+        for (const word of node.data.matchAll(/\S+/g)) {
+            const range = document.createRange();
+            range.setStart(node, word.index);
+            range.setEnd(node, word.index + word[0].length);
+            const box = range.getBoundingClientRect(), last = pieces.at(-1);
+            if (!within(box))
+                continue;
+            if (last !== undefined && Math.abs(last.y - box.bottom) < 1)
+                Object.assign(last, {words: last.words + " " + word[0], end: box.right});
+            else
+                pieces.push({words: word[0], x: box.left, y: box.bottom, end: box.right, height: box.height});
+        }
+        for (const piece of pieces)
+            parts.push(`<text x="${round(piece.x)}" y="${round(piece.y - piece.height * .24)}" textLength="${round(piece.end - piece.x)}" `
+                + `font-size="${style.fontSize}" font-weight="${style.fontWeight}" fill="${style.color}">${quote(piece.words)}</text>`);
+    };
+    drawn(document.body);
+    return parts.join("\n");
+})()"""
+
+
+def page_of(browser):
+    return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {PAGE_WIDE} {PAGE_HIGH}" role="img" '
+            f'font-family="DejaVu Sans, Verdana, sans-serif"><title>The page of qel mon serve</title>\n'
+            f'<rect width="100%" height="100%" fill="#ffffff"/>\n{browser.evaluate(PARTS)}\n</svg>\n')
+
+
 def main():
     with tempfile.TemporaryDirectory() as folder:
         environment = dict(os.environ, XDG_RUNTIME_DIR=folder, HOME=folder, LC_ALL="C.UTF-8", TERM="xterm-256color")
@@ -102,13 +157,12 @@ def main():
             worker = threading.Thread(target=work, args=[time.monotonic() + SECONDS])
             worker.start()
             browser = Browser()
-            browser.show(820, 560)
+            browser.show(PAGE_WIDE, PAGE_HIGH)
             browser.open(f"http://127.0.0.1:{port}/")
             worker.join(SECONDS - 1)
             browser.evaluate("document.getElementById('zeros').click()")
             browser.evaluate("document.querySelector('[data-name=\"jobs.waiting\"] button')?.click()")
-            picture = base64.b64decode(browser.call("Page.captureScreenshot", format="png")["data"])
-            (docs / "mon-serve.png").write_bytes(picture)
+            (docs / "mon-serve.svg").write_text(page_of(browser))
             for name, title in (("qel-top", "qel top"), ("mon-watch", "qel mon watch batch.mon")):
                 (docs / f"{name}.svg").write_text(drawn(tmux("capture-pane", "-e", "-p", "-t", name), title))
             browser.close()
