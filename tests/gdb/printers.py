@@ -35,6 +35,8 @@ EXPECTED = {
     "nullHandle.get()": "(xintsequence *) ADDRESS",
     "sameNumbers": "xrchandle: xintsequence at ADDRESS, 3 references = {get() = ADDRESS}",
     "object": "xintsequence at ADDRESS, 3 references",
+    "*person": 'people::Employee = {Name = "Ada", Age = null, Paid = true, Chief = xrchandle: null}',
+    "person->Age": "-2147483648",
     "nullHandle": "xrchandle: null",
     "uninitHandle": "xrcunihandle: uninit",
     "ages": "xauto<(anonymous namespace)::Ages> of 1 = {36}",

@@ -2,11 +2,41 @@
 
 #include <qel/qelexception.h>
 #include <qel/qelown.h>
+#include <qel/qeltable.h>
 #include <qel/xany.h>
 #include <qel/xdictionary.h>
 #include <qel/xrtti.h>
 #include <qel/xsequence.h>
 #include <qel/xstring.h>
+
+namespace people {
+
+/// Classes of an application, with attributes in fields and one that is computed.
+class Person : public virtual xobject
+{
+    QEL_OBJECT(Person);
+    QEL_PROPERTY(xstring, Name);
+    QEL_PROPERTY(int, Age);
+
+public:
+    int getLetters() const { return static_cast<int>(getName().GetLength()); }
+};
+
+class Employee : public Person
+{
+    QEL_OBJECT(Employee);
+    QEL_PROPERTY(unsigned char, Paid);
+    QEL_PROPERTY(xrchandle<Person>, Chief);
+};
+
+constinit qelClass Person::rtti = {
+    .name = "people::Person", .counted = true, .attrs = {QEL_ATTR(Name), QEL_ATTR(Age), QEL_ATTR(Letters)}};
+constinit qelClass Employee::rtti = {.name = "people::Employee",
+                                     .counted = true,
+                                     .parents = {QEL_PARENT(Person)},
+                                     .attrs = {QEL_ATTR(Paid), QEL_ATTR(Chief)}};
+
+} // namespace people
 
 namespace {
 
@@ -55,6 +85,9 @@ int main()
     xauto<Ages> ages;
     ages.append(36);
     const xrchandle<Ages> aged = qel::make<Ages>();
+    const xrchandle<people::Employee> person = qel::make<people::Employee>();
+    person->setName("Ada");
+    person->setPaid(static_cast<unsigned char>(1));
     xauto<xboolsequence> truths;
     const unsigned char bytes[] = {1, 0, xnullbool, xuninitbool};
     for (const unsigned char b : bytes)

@@ -1,5 +1,5 @@
-"""Printers for gdb: the contents of strings, variants, handles, sequences and dictionaries; `*`, `->` and get() of handles; and
-the command qel-print.
+"""Printers for gdb: the contents of strings, variants, handles, sequences, dictionaries and objects; `*`, `->` and get() of
+handles; and the command qel-print.
 
 gdb loads this file with libqelstd.so. All but the command read memory only and call nothing in the program, so they work on
 core dumps.
@@ -219,6 +219,38 @@ class Dictionary(Collection):
         return "map"
 
 
+class Object:
+    """An object of a class with a table: its attributes that are kept in a field of the same name."""
+
+    def __init__(self, value):
+        self.name = "object"
+        self.attributes = {}
+        self.add(value)
+
+    def add(self, value):
+        """Those of a part of the object; each after those of the classes that it derives from."""
+        kind = value.type.strip_typedefs().unqualified()
+        fields = {field.name: field for field in kind.fields()}
+        for field in fields.values():
+            if field.is_base_class and base_named(field.type, "xobject") is not None:
+                self.add(value[field])
+        if "rtti" in fields and fields["rtti"].type.tag == "qelClass":
+            table = value[fields["rtti"]]
+            rows = table["attrs"]
+            names = [rows["_M_array"][i]["name"].string() for i in range(int(rows["_M_len"]))]
+            known, self.name = self.name, table["name"].string()
+            # Of a class in an unnamed namespace gdb finds the table of its base class: all own fields are shown.
+            own = [name for name, field in fields.items() if hasattr(field, "bitpos") and not field.is_base_class]
+            self.attributes |= {name: value[fields[name]] for name in (own if self.name == known else names) if name in fields}
+
+    def to_string(self):
+        return self.name
+
+    def children(self):
+        for name, value in self.attributes.items():
+            yield name, element(value)
+
+
 class Printers(gdb.printing.PrettyPrinter):
     """Finds the printer by the class of a value or one of its base classes, so that subclasses are printed, too."""
     KINDS = [
@@ -230,7 +262,8 @@ class Printers(gdb.printing.PrettyPrinter):
     ]
 
     def __init__(self):
-        super().__init__("qelstd", [gdb.printing.SubPrettyPrinter(name) for name, _, _ in self.KINDS])
+        names = [name for name, _, _ in self.KINDS] + ["object"]
+        super().__init__("qelstd", [gdb.printing.SubPrettyPrinter(name) for name in names])
 
     def __call__(self, value):
         kind = value.type
@@ -243,6 +276,12 @@ class Printers(gdb.printing.PrettyPrinter):
         for name, bases, printer in self.KINDS:
             if name in enabled and base_named(kind, *bases) is not None:
                 return printer(value)
+        if "object" in enabled and base_named(kind, "xobject") is not None:
+            try:
+                found = Object(value)
+                return found if found.attributes else None  # without a table, or with values that are computed
+            except gdb.error:  # the library may lack debug information
+                return None
         return None
 
 
