@@ -132,6 +132,14 @@ bool xsocketbuf::SetInputLimit(btkTimeval limit)
 
 std::ptrdiff_t xsocketbuf::ReadSome(char* to, std::size_t size)
 {
+    const std::ptrdiff_t count = Receive(to, size);
+    if (btkTraffic* const traffic = socket->GetTraffic(); traffic != nullptr && count > 0)
+        traffic->received.fetch_add(static_cast<std::size_t>(count), std::memory_order_relaxed);
+    return count;
+}
+
+std::ptrdiff_t xsocketbuf::Receive(char* to, std::size_t size)
+{
     const bool isPending = Pending() > 0;
     SetLimitPassed(false);
     if (isPending) {
@@ -193,6 +201,8 @@ std::size_t xsocketbuf::Send(const char* from, std::size_t size)
     if (isBroken)
         return 0;
     const std::size_t sent = socket->Send(from, size);
+    if (btkTraffic* const traffic = socket->GetTraffic())
+        traffic->sent.fetch_add(sent, std::memory_order_relaxed);
     isBroken = sent < size;
     SetLimitPassed(isBroken && socket->IsLimitPassed());
     return sent;

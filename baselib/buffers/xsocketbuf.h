@@ -51,6 +51,7 @@ private:
 
     std::size_t Pending() const { return static_cast<std::size_t>(pptr() - pbase()); }
     bool SendPending();
+    std::ptrdiff_t Receive(char* to, std::size_t size);
     std::size_t Send(const char* from, std::size_t size);
     const std::shared_ptr<btkStreamSocket*>& GetLink();
 

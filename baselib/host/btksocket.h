@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -41,6 +42,13 @@ protected:
 
     /// Owns the socket.
     btkFd fd;
+};
+
+/// The bytes of connections, which the buffers over them add up in any thread.
+struct btkTraffic
+{
+    std::atomic<std::uint64_t> received = 0;
+    std::atomic<std::uint64_t> sent = 0;
 };
 
 /// Notifies the users of connections of a time limit. Shared by the notifying side, in any thread or a signal
@@ -114,6 +122,9 @@ public:
     /// From the end that `sign` sets, Send and Recv fail with ETIMEDOUT, and pending waits end at that time.
     /// Null: none.
     void SetStopSign(std::shared_ptr<const btkStopSign> sign) { stopSign = std::move(sign); }
+    /// Where a buffer over the connection counts its bytes; null: nowhere.
+    void SetTraffic(std::shared_ptr<btkTraffic> all) { traffic = std::move(all); }
+    btkTraffic* GetTraffic() const { return traffic.get(); }
     /// Limits the number of ordinary bytes buffered to reach an urgent value behind them; 256 KiB at first. A
     /// value further on is found once enough of them have been read.
     void SetUrgentBudget(std::size_t bytes) { urgentBudget = bytes; }
@@ -204,6 +215,7 @@ private:
     btkTimeval recvLimit = btkTimeval::Forever();
     btkTimeval sendLimit = btkTimeval::Forever();
     std::shared_ptr<const btkStopSign> stopSign;
+    std::shared_ptr<btkTraffic> traffic;
     bool limitPassed = false;
     std::size_t urgentBudget = 256 << 10;
     btkTimeval deadline = btkTimeval::Forever();

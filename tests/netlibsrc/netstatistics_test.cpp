@@ -118,12 +118,30 @@ TEST_F(NetStatistics, CountsWhatAServerDoes)
         EXPECT_EQ(1, AwaitValue(*file, "failures", 1));
         EXPECT_EQ(1, AwaitValue(*file, "async.ended", 1));
         EXPECT_EQ(9, AwaitValue(*file, "connections", 9));
+        EXPECT_EQ(20, AwaitValue(*file, "bytes.received", 20)); // an int of each client, and another one
+        EXPECT_EQ(12, AwaitValue(*file, "bytes.sent", 12));
         // Of the connections, the silent one is no service, and one that was refused after its start is none.
         EXPECT_EQ(7, CountServices(*file));
         netServer::Shutdown(server.address().get());
         server.waitForEnd();
     }
     EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(NetStatistics, AreWrittenTenTimesASecondAtMost)
+{
+    Owned<netServer> made(netServer::Create(nullptr, 0));
+    ASSERT_TRUE(made->setStatistics(true, "often"));
+    const Owned<monFile> file(monFile::Open(made->getStatisticsFile().CastToCString()));
+    ServedInThread<netServer> server(made.release());
+    const btkTimeval start = btkTimeval::Now();
+    monRealParam* const pings = file->Real("requests.ping");
+    int changes = 0;
+    for (double last = 0; btkTimeval::Now() - start < btkTimeval(0.5) || changes < 2;) {
+        ASSERT_TRUE(netServer::IsAlive(server.address().get()));
+        changes += std::exchange(last, pings->getValue()) != last;
+    }
+    EXPECT_LE(changes, (btkTimeval::Now() - start).ToSeconds() * 10 + 1);
 }
 
 TEST_F(NetStatistics, AreWrittenWhenAskedForOnly)

@@ -263,6 +263,8 @@ netServerLoopAction netBaseServer::Loop::Serve(std::unique_ptr<btkStreamSocket> 
         if (action == netServerContinue || action == netServerTerminate || server.onRequest == nullptr)
             return action == netServerTerminate ? action : netServerContinue;
         socket->SetStopSign(stopSign);
+        if (statistics != nullptr)
+            socket->SetTraffic(statistics->traffic);
         made.reset(netSocketStream::Create(socket.release()));
     } catch (const std::bad_alloc&) {
         return netServerContinue;

@@ -70,7 +70,7 @@ void netStatistics::PublishIfDue(btkTimeval now, std::size_t silent)
     if (now < GetDue())
         return;
     next = now + interval;
-    if (isChanged.exchange(false, std::memory_order_relaxed))
+    if (isChanged.exchange(false, std::memory_order_relaxed) || Bytes() != bytesWritten)
         Publish(silent);
 }
 
@@ -80,6 +80,9 @@ void netStatistics::Publish(std::size_t silent)
         file->Set(names[i], static_cast<double>(counts[i].load(std::memory_order_relaxed)));
     const std::uint64_t ended = Of(netCount::asyncEnded); // first: it is never more than were started
     file->Set("async.running", static_cast<double>(Of(netCount::asyncStarted) - ended));
+    bytesWritten = Bytes();
+    file->Set("bytes.received", static_cast<double>(traffic->received));
+    file->Set("bytes.sent", static_cast<double>(traffic->sent));
     file->Set("silent.waiting", static_cast<double>(silent));
     file->Set("latency.us.sum", static_cast<double>(serviceTime.load(std::memory_order_relaxed)));
     for (std::size_t i = 0; i < services.size(); ++i) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 
+#include <qel/base/btksocket.h>
 #include <qel/base/btktimeval.h>
 
 class monStatistics;
@@ -56,9 +57,13 @@ public:
 
     const monStatistics& getFile() const { return *file; }
 
+    /// Of the connections that are served.
+    const std::shared_ptr<btkTraffic> traffic = std::make_shared<btkTraffic>();
+
 private:
     explicit netStatistics(std::unique_ptr<monStatistics> made);
 
+    std::uint64_t Bytes() const { return traffic->received + traffic->sent; }
     std::uint64_t Of(netCount what) const
     {
         return counts[static_cast<std::size_t>(what)].load(std::memory_order_relaxed);
@@ -68,6 +73,7 @@ private:
     // The services that took less than 2^i microseconds, and not less than half of it; the last: any longer.
     std::array<std::atomic<std::uint64_t>, 27> services = {};
     std::atomic<std::uint64_t> serviceTime = 0; // microseconds
+    std::uint64_t bytesWritten = 0;             // to the file
     std::atomic<bool> isChanged = true;
     btkTimeval next;
     std::unique_ptr<monStatistics> file;
