@@ -13,5 +13,6 @@ function(qel_add_bench name)
   add_executable(${name} ${name}.cpp)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bench)
   target_link_libraries(${name} PRIVATE qel_options qelstd::qelstd benchmark::benchmark_main ${arg_LIBRARIES})
-  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests) # for tests/support
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/bench # for curve.h
+                                             ${PROJECT_SOURCE_DIR}/tests) # for tests/support
 endfunction()

@@ -1,15 +1,20 @@
 // A name server on the loopback and its clients: requests per second of eight concurrent clients and the 99th
 // percentile of the time of a request, with few and with many records; and the time of an answer without the
-// network.
+// network. By the number of records: the table and a server.
 #include <algorithm>
 #include <benchmark/benchmark.h>
+#include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include <qel/base/nmsclient.h>
 
+#include "curve.h"
 #include "support/nameserver.h"
+#include "support/tempdir.h"
 
 namespace {
 
@@ -98,5 +103,110 @@ void FindByField(benchmark::State& state)
         benchmark::DoNotOptimize(table.Find(pattern));
 }
 BENCHMARK(FindByField)->Name("names/find by field/qelstd")->Arg(10)->Arg(10000);
+
+// ---- by the number of records
+
+std::string NameOf(std::int64_t i)
+{
+    return "server" + std::to_string(i);
+}
+
+/// Records of no process, of which all may be of one address and only a quarter of a table's.
+nmsTableLimits RoomFor(std::int64_t n)
+{
+    const std::size_t room = 4 * static_cast<std::size_t>(n) + 4;
+    return {room, room, room, std::size_t(1) << 30, false};
+}
+
+std::unique_ptr<nmsTable> TableOf(std::int64_t n)
+{
+    auto table = std::make_unique<nmsTable>(RoomFor(n));
+    for (std::int64_t i = 0; i < n; ++i)
+        if (table->Add(Record(NameOf(i))) != nmscDone)
+            std::abort();
+    return table;
+}
+
+bool IsFound(nmsTable& table, const std::string& name)
+{
+    return table.Find(Record(name)).size() == 1;
+}
+
+/// What a program would keep: the bytes of a record by its name.
+using Map = std::unordered_map<std::string, std::shared_ptr<const std::string>>;
+
+std::unique_ptr<Map> MapOf(std::int64_t n)
+{
+    auto map = std::make_unique<Map>();
+    for (std::int64_t i = 0; i < n; ++i)
+        map->emplace(NameOf(i), std::make_shared<std::string>(Encoded(Record(NameOf(i)))));
+    return map;
+}
+
+bool IsFound(const Map& map, const std::string& name)
+{
+    return map.find(name) != map.end();
+}
+
+template<auto make>
+void AddAll(benchmark::State& state)
+{
+    for (auto _ : state)
+        benchmark::DoNotOptimize(make(state.range(0)));
+}
+
+template<auto make>
+void FindOne(benchmark::State& state)
+{
+    const auto made = make(state.range(0));
+    std::int64_t i = 0;
+    for (auto _ : state)
+        if (!IsFound(*made, NameOf(curvePlace(i++, state.range(0)))))
+            state.SkipWithError("not found");
+}
+
+/// A server with that many records, which it restores from a file.
+class Holding
+{
+public:
+    explicit Holding(std::int64_t n)
+    {
+        std::ofstream(path) << TableOf(n)->Save();
+        nmsServerOptions options;
+        options.stateFile = path;
+        options.table = RoomFor(n);
+        server = std::make_unique<TestNameServer>(options);
+    }
+
+    int getPort() const { return server->getPort(); }
+
+private:
+    TempDir folder;
+    std::string path = folder.path("records");
+    std::unique_ptr<TestNameServer> server;
+};
+
+void AskServer(benchmark::State& state)
+{
+    const Holding serving(state.range(0));
+    std::vector<double> ignored;
+    std::int64_t i = 0;
+    for (auto _ : state)
+        if (!Ask(serving.getPort(), nmsRequestCode::query,
+                 Encoded(Record(NameOf(curvePlace(i++, state.range(0))))), ignored))
+            state.SkipWithError("not found");
+}
+
+[[maybe_unused]] const bool added = [] {
+    constexpr int last = 100'000;
+    addCurve("curves/add records", "qelstd", AddAll<TableOf>, 100, last);
+    addCurve("curves/add records", "std::unordered_map", AddAll<MapOf>, 100, last);
+    addCurve("curves of one/find a record", "qelstd", FindOne<TableOf>, 100, last);
+    addCurve("curves of one/find a record", "std::unordered_map", FindOne<MapOf>, 100, last);
+    addCurve("curves of one/ask a name server", "qelstd", AskServer, 100, last)->UseRealTime();
+    addMemoryCurve("curves of memory/records", "qelstd", TableOf, 100, last);
+    addMemoryCurve("curves of memory/records", "std::unordered_map", MapOf, 100, last);
+    return true;
+}();
 
 } // namespace

@@ -4,11 +4,14 @@
 #include <filesystem>
 #include <fstream>
 #include <glib.h>
+#include <memory>
 #include <string>
 
 #include <qel/hmxconfigfile.h>
 #include <qel/hmxregistry.h>
 #include <qel/reglib.h>
+
+#include "curve.h"
 
 namespace {
 
@@ -91,6 +94,80 @@ void lookUpGlib(benchmark::State& state)
     g_key_file_free(file);
 }
 BENCHMARK(lookUpGlib)->Name("config/look_up/GKeyFile");
+
+// ---- the file by its number of settings
+
+using KeyFile = std::unique_ptr<GKeyFile, decltype([](GKeyFile* file) { g_key_file_free(file); })>;
+
+/// The paths of two files with that many settings, which exist from their first use on.
+std::string pathOf(std::int64_t n, bool isOurs)
+{
+    const std::string top = data.root + "/settings" + std::to_string(n);
+    if (!std::filesystem::exists(top)) {
+        std::ofstream first(top), second(top + ".glib");
+        second << "[all]\n";
+        for (int i = 0; i < n; ++i) {
+            first << keyOf(i) << ":the value of line " << i << '\n';
+            second << keyOf(i) << "=the value of line " << i << '\n';
+        }
+    }
+    return isOurs ? top : top + ".glib";
+}
+
+std::unique_ptr<hmxConfigFile> openOurs(std::int64_t n)
+{
+    auto file = std::make_unique<hmxConfigFile>();
+    file->Open(pathOf(n, true).c_str(), hmxConfigFile::ReadOnly);
+    return file;
+}
+
+KeyFile openGlib(std::int64_t n)
+{
+    KeyFile file(g_key_file_new());
+    g_key_file_load_from_file(file.get(), pathOf(n, false).c_str(), G_KEY_FILE_NONE, nullptr);
+    return file;
+}
+
+template<auto open>
+void openFile(benchmark::State& state)
+{
+    for (auto _ : state)
+        benchmark::DoNotOptimize(open(state.range(0)));
+}
+
+template<auto open, auto find>
+void findSetting(benchmark::State& state)
+{
+    const auto file = open(state.range(0));
+    std::int64_t i = 0;
+    for (auto _ : state)
+        find(*file, keyOf(static_cast<int>(curvePlace(i++, state.range(0)))).c_str());
+}
+
+void findOurs(const hmxConfigFile& file, const char* name)
+{
+    benchmark::DoNotOptimize(file.GetValue(name));
+}
+
+void findGlib(GKeyFile& file, const char* name)
+{
+    char* const value = g_key_file_get_string(&file, "all", name, nullptr);
+    benchmark::DoNotOptimize(value);
+    g_free(value);
+}
+
+[[maybe_unused]] const bool added = [] {
+    constexpr int last = 100'000;
+    addCurve("curves/read a file of settings", "qelstd", openFile<openOurs>, 100, last);
+    addCurve("curves/read a file of settings", "GKeyFile", openFile<openGlib>, 100, last);
+    addCurve("curves of one/find a setting", "qelstd", findSetting<openOurs, findOurs>, 100, last);
+    addCurve("curves of one/find a setting", "GKeyFile", findSetting<openGlib, findGlib>, 100, last);
+    addMemoryCurve("curves of memory/settings", "qelstd", openOurs, 100, last);
+    addMemoryCurve("curves of memory/settings", "GKeyFile", openGlib, 100, last);
+    return true;
+}();
+
+// ---- the registry
 
 hmxRegistryKey& key()
 {

@@ -10,6 +10,8 @@
 #include <qel/filelib.h>
 #include <qel/fsdir.h>
 
+#include "curve.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -18,9 +20,9 @@ namespace fs = std::filesystem;
 class Data
 {
 public:
-    Data()
+    explicit Data(const fs::path& where)
     {
-        std::string name = (fs::temp_directory_path() / "qelbench.XXXXXX").string();
+        std::string name = (where / "qelbench.XXXXXX").string();
         root = mkdtemp(name.data());
     }
     ~Data() { fs::remove_all(root); }
@@ -69,6 +71,29 @@ public:
         });
     }
 
+    /// `n` files of eight bytes, in directories of a hundred.
+    std::string small(std::int64_t n)
+    {
+        return made("small" + std::to_string(n), [n](const std::string& top) {
+            for (std::int64_t i = 0; i < n; ++i) {
+                const std::string folder = top + "/d" + std::to_string(i / 100);
+                if (i % 100 == 0)
+                    fs::create_directories(folder);
+                std::ofstream(folder + "/file" + std::to_string(i)) << "contents";
+            }
+        });
+    }
+
+    /// `n` empty files in one directory.
+    std::string flat(std::int64_t n)
+    {
+        return made("flat" + std::to_string(n), [n](const std::string& top) {
+            fs::create_directory(top);
+            for (std::int64_t i = 0; i < n; ++i)
+                std::ofstream(top + "/file" + std::to_string(i));
+        });
+    }
+
     /// 10^4 directories, each with two files.
     std::string forest()
     {
@@ -94,7 +119,7 @@ private:
     std::string root;
 };
 
-Data data;
+Data data(fs::temp_directory_path());
 
 void run(benchmark::State& state, const std::string& command)
 {
@@ -263,5 +288,98 @@ void expandStd(benchmark::State& state)
     }
 }
 BENCHMARK(expandStd)->Name("files/expand_10000/std")->UseRealTime();
+
+// ---- by the number of files, in memory where the system has a file system for that
+
+Data inMemory(fs::exists("/dev/shm") ? "/dev/shm" : fs::temp_directory_path());
+
+xrchandle<xstringsequence> namesOurs(std::int64_t n)
+{
+    return fsListDirectory(inMemory.flat(n).c_str(), nullptr);
+}
+
+std::vector<std::string> namesStd(std::int64_t n)
+{
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(inMemory.flat(n)))
+        names.push_back(entry.path().filename().string());
+    return names;
+}
+
+xrchandle<xstringsequence> pathsOurs(std::int64_t n)
+{
+    return fsExpandPattern((inMemory.small(n) + "/*/*").c_str());
+}
+
+std::vector<std::string> pathsStd(std::int64_t n)
+{
+    std::vector<std::string> paths;
+    for (const auto& entry : fs::recursive_directory_iterator(inMemory.small(n)))
+        if (!entry.is_directory())
+            paths.push_back(entry.path().string());
+    return paths;
+}
+
+template<auto list>
+void listFiles(benchmark::State& state)
+{
+    list(state.range(0)); // the files exist
+    for (auto _ : state)
+        benchmark::DoNotOptimize(list(state.range(0)));
+}
+
+void copyOurs(const std::string& from, const std::string& to)
+{
+    fsCopy(from.c_str(), to.c_str(), fsForceNew, fsNewLink, fsSimple);
+}
+
+void copyStd(const std::string& from, const std::string& to)
+{
+    fs::copy(from, to, fs::copy_options::recursive);
+}
+
+template<auto copy>
+void copyFiles(benchmark::State& state)
+{
+    const std::string from = inMemory.small(state.range(0)), to = inMemory.path("copy");
+    for (auto _ : state) {
+        copy(from, to);
+        state.PauseTiming();
+        fs::remove_all(to);
+        state.ResumeTiming();
+    }
+}
+
+template<auto remove>
+void removeFiles(benchmark::State& state)
+{
+    const std::string from = inMemory.small(state.range(0)), to = inMemory.path("doomed");
+    for (auto _ : state) {
+        state.PauseTiming();
+        copyStd(from, to);
+        state.ResumeTiming();
+        remove(to);
+    }
+}
+
+[[maybe_unused]] const bool added = [] {
+    constexpr int last = 100'000;
+    const auto add = [](const char* title, const char* who, auto run) {
+        addCurve(title, who, run, 10, last)->UseRealTime();
+    };
+    add("curves/list a directory", "qelstd", listFiles<namesOurs>);
+    add("curves/list a directory", "std::filesystem", listFiles<namesStd>);
+    add("curves/find files in directories", "qelstd", listFiles<pathsOurs>);
+    add("curves/find files in directories", "std::filesystem", listFiles<pathsStd>);
+    add("curves/copy files", "qelstd", copyFiles<copyOurs>);
+    add("curves/copy files", "std::filesystem", copyFiles<copyStd>);
+    add("curves/remove files", "qelstd",
+        removeFiles<[](const std::string& top) { fsRemove(top.c_str(), fsRecursive); }>);
+    add("curves/remove files", "std::filesystem",
+        removeFiles<[](const std::string& top) { fs::remove_all(top); }>);
+    addMemoryCurve("curves of memory/a list of names", "qelstd", namesOurs, 10, last);
+    addMemoryCurve("curves of memory/a list of names", "std::filesystem", namesStd, 10, last);
+    return true;
+}();
 
 } // namespace

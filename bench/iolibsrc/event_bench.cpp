@@ -1,4 +1,4 @@
-// One wait on a thousand pipes, none of them ready or the last one, against poll on as many.
+// One wait on a thousand pipes, and on other numbers of them, none ready or the last one, against poll on as many.
 #include <benchmark/benchmark.h>
 #include <memory>
 #include <poll.h>
@@ -9,11 +9,10 @@
 #include <qel/evteventarray.h>
 #include <qel/xiolib.h>
 
+#include "curve.h"
 #include "support/owned.h"
 
 namespace {
-
-constexpr int pipes = 1000;
 
 void AllowDescriptors()
 {
@@ -29,8 +28,10 @@ void Require(bool holds)
         std::abort();
 }
 
-void waitOurs(benchmark::State& state, bool lastIsReady)
+template<int fixed, bool lastIsReady>
+void waitOurs(benchmark::State& state)
 {
+    const int pipes = curveSize<fixed>(state);
     AllowDescriptors();
     std::vector<Owned<ioPipe>> made;
     std::vector<Owned<ioEvent>> events;
@@ -47,8 +48,10 @@ void waitOurs(benchmark::State& state, bool lastIsReady)
         Require(evtEvent::Wait(array.get(), 0) == lastIsReady);
 }
 
-void waitPoll(benchmark::State& state, bool lastIsReady)
+template<int fixed, bool lastIsReady>
+void waitPoll(benchmark::State& state)
 {
+    const auto pipes = static_cast<std::size_t>(curveSize<fixed>(state));
     AllowDescriptors();
     std::vector<btkInputPipe> inputs(pipes);
     std::vector<btkOutputPipe> outputs(pipes);
@@ -63,9 +66,15 @@ void waitPoll(benchmark::State& state, bool lastIsReady)
         Require(poll(asked.data(), asked.size(), 0) == lastIsReady);
 }
 
-BENCHMARK_CAPTURE(waitOurs, none, false)->Name("events/wait_on_1000_pipes/qelstd");
-BENCHMARK_CAPTURE(waitPoll, none, false)->Name("events/wait_on_1000_pipes/poll");
-BENCHMARK_CAPTURE(waitOurs, last, true)->Name("events/wait_on_1000_pipes_last_ready/qelstd");
-BENCHMARK_CAPTURE(waitPoll, last, true)->Name("events/wait_on_1000_pipes_last_ready/poll");
+BENCHMARK(waitOurs<1000, false>)->Name("events/wait_on_1000_pipes/qelstd");
+BENCHMARK(waitPoll<1000, false>)->Name("events/wait_on_1000_pipes/poll");
+BENCHMARK(waitOurs<1000, true>)->Name("events/wait_on_1000_pipes_last_ready/qelstd");
+BENCHMARK(waitPoll<1000, true>)->Name("events/wait_on_1000_pipes_last_ready/poll");
+
+[[maybe_unused]] const bool added = [] {
+    addCurve("curves/wait for pipes, the last is ready", "qelstd", waitOurs<0, true>, 1, 1000);
+    addCurve("curves/wait for pipes, the last is ready", "poll", waitPoll<0, true>, 1, 1000);
+    return true;
+}();
 
 } // namespace

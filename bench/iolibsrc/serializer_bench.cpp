@@ -1,6 +1,6 @@
 // Values through a whole stream against peers with the same values: in the network form in memory against XDR
 // memory streams, through a file against the better of XDR stdio streams and QDataStream, and in the text
-// form against the standard streams.
+// form against the standard streams. Their curves are those of ints in memory.
 #include <QDataStream>
 #include <QFile>
 #include <QTemporaryDir>
@@ -15,11 +15,13 @@
 #include <rpc/xdr.h>
 #include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include <qel/base/btkbyteorder.h>
 #include <qel/xiolib.h>
 
+#include "curve.h"
 #include "support/owned.h"
 
 namespace {
@@ -153,15 +155,15 @@ Owned<ioStringStream> NewMemory(ioSerializer* form)
     return stream;
 }
 
-template<class Value, int values, class Stream>
-void WriteAll(Stream& stream)
+template<class Value, class Stream>
+void WriteAll(Stream& stream, int values)
 {
     for (int i = 0; i < values; ++i)
         Value::Write(stream, i);
 }
 
-template<class Value, int values, class Stream>
-void ReadAll(Stream& stream)
+template<class Value, class Stream>
+void ReadAll(Stream& stream, int values)
 {
     for (int i = 0; i < values; ++i)
         Value::Read(stream);
@@ -175,22 +177,23 @@ double CpuSeconds()
 }
 
 // Into new memory for each batch: this library's grows, the peer allocates the right size.
-template<class Value>
+template<class Value, int values = inMemory>
 void encodeMemoryOurs(benchmark::State& state)
 {
     for (auto _ : state)
-        WriteAll<Value, inMemory>(*NewMemory(ioSerializer::getXDR()));
+        WriteAll<Value>(*NewMemory(ioSerializer::getXDR()), curveSize<values>(state));
 }
 
-template<class Value>
+template<class Value, int values = inMemory>
 void encodeMemoryXdr(benchmark::State& state)
 {
+    const auto count = static_cast<unsigned>(curveSize<values>(state));
     for (auto _ : state) {
-        const auto memory = std::make_unique_for_overwrite<char[]>(inMemory * Value::size);
+        const auto memory = std::make_unique_for_overwrite<char[]>(count * Value::size);
         XDR x;
-        xdrmem_create(&x, memory.get(), inMemory * Value::size, XDR_ENCODE);
-        for (int i = 0; i < inMemory; ++i)
-            Value::Encode(x, i);
+        xdrmem_create(&x, memory.get(), count * Value::size, XDR_ENCODE);
+        for (unsigned i = 0; i < count; ++i)
+            Value::Encode(x, static_cast<int>(i));
         benchmark::ClobberMemory();
     }
 }
@@ -235,38 +238,40 @@ void encodeArrayXdr(benchmark::State& state)
 }
 
 template<class Value>
-std::vector<char> Encoded()
+std::vector<char> Encoded(int values)
 {
-    std::vector<char> bytes(inMemory * Value::size);
+    std::vector<char> bytes(static_cast<std::size_t>(values) * Value::size);
     const auto stream = NewMemory(ioSerializer::getXDR());
-    WriteAll<Value, inMemory>(*stream);
+    WriteAll<Value>(*stream, values);
     if (stream->ReadBytes(bytes.data(), static_cast<unsigned>(bytes.size())) != bytes.size())
         std::abort();
     return bytes;
 }
 
-template<class Value>
+template<class Value, int values = inMemory>
 void decodeMemoryOurs(benchmark::State& state)
 {
-    const std::vector<char> bytes = Encoded<Value>();
+    const int count = curveSize<values>(state);
+    const std::vector<char> bytes = Encoded<Value>(count);
     for (auto _ : state) {
         const auto stream = NewMemory(ioSerializer::getXDR());
         stream->WriteBytes(bytes.data(), static_cast<unsigned>(bytes.size()));
         const double start = CpuSeconds();
-        ReadAll<Value, inMemory>(*stream);
+        ReadAll<Value>(*stream, count);
         state.SetIterationTime(CpuSeconds() - start);
     }
 }
 
-template<class Value>
+template<class Value, int values = inMemory>
 void decodeMemoryXdr(benchmark::State& state)
 {
-    std::vector<char> bytes = Encoded<Value>();
+    const int count = curveSize<values>(state);
+    std::vector<char> bytes = Encoded<Value>(count);
     for (auto _ : state) {
         XDR x;
         xdrmem_create(&x, bytes.data(), static_cast<u_int>(bytes.size()), XDR_DECODE);
         const double start = CpuSeconds();
-        for (int i = 0; i < inMemory; ++i)
+        for (int i = 0; i < count; ++i)
             Value::Decode(x);
         state.SetIterationTime(CpuSeconds() - start);
     }
@@ -285,7 +290,7 @@ void FillFile(const std::string& path)
 {
     const Owned<ioFileStream> stream(ioFileStream::Open(path.c_str(), ioWriteOnly));
     stream->setSerializer(ioSerializer::getXDR());
-    WriteAll<Value, inFile>(*stream);
+    WriteAll<Value>(*stream, inFile);
 }
 
 template<class Value>
@@ -297,7 +302,7 @@ void encodeFileOurs(benchmark::State& state)
     stream->setSerializer(ioSerializer::getXDR());
     for (auto _ : state) {
         stream->SeekOff(0, ioBegin);
-        WriteAll<Value, inFile>(*stream);
+        WriteAll<Value>(*stream, inFile);
         stream->Flush(1);
     }
 }
@@ -311,7 +316,7 @@ void decodeFileOurs(benchmark::State& state)
     stream->setSerializer(ioSerializer::getXDR());
     for (auto _ : state) {
         stream->SeekOff(0, ioBegin);
-        ReadAll<Value, inFile>(*stream);
+        ReadAll<Value>(*stream, inFile);
     }
 }
 
@@ -347,7 +352,7 @@ void encodeFileQt(benchmark::State& state)
     QDataStream stream(&file);
     for (auto _ : state) {
         file.seek(0);
-        WriteAll<Value, inFile>(stream);
+        WriteAll<Value>(stream, inFile);
         file.flush();
     }
 }
@@ -362,63 +367,66 @@ void decodeFileQt(benchmark::State& state)
     QDataStream stream(&file);
     for (auto _ : state) {
         file.seek(0);
-        ReadAll<Value, inFile>(stream);
+        ReadAll<Value>(stream, inFile);
     }
 }
 
 // ---- text, in memory
 
-template<class Value>
-void writeTextOurs(benchmark::State& state)
+template<class Value, class Stream>
+void WriteText(Stream& stream, int values)
 {
-    for (auto _ : state) {
-        const auto stream = NewMemory(ioSerializer::getAscii());
-        for (int i = 0; i < inText; ++i) {
-            Value::Write(*stream, i);
-            stream->WriteByte(' ');
-        }
+    for (int i = 0; i < values; ++i) {
+        Value::Write(stream, i);
+        if constexpr (std::is_base_of_v<ioStream, Stream>)
+            stream.WriteByte(' ');
+        else
+            stream.put(' ');
     }
 }
 
-template<class Value>
+template<class Value, int values = inText>
+void writeTextOurs(benchmark::State& state)
+{
+    for (auto _ : state)
+        WriteText<Value>(*NewMemory(ioSerializer::getAscii()), curveSize<values>(state));
+}
+
+template<class Value, int values = inText>
 void writeTextStd(benchmark::State& state)
 {
     for (auto _ : state) {
         std::ostringstream stream;
-        for (int i = 0; i < inText; ++i) {
-            Value::Write(stream, i);
-            stream.put(' ');
-        }
+        WriteText<Value>(stream, curveSize<values>(state));
         benchmark::DoNotOptimize(stream.rdbuf());
     }
 }
 
 template<class Value>
-std::string Text()
+std::string Text(int values)
 {
     std::ostringstream stream;
-    for (int i = 0; i < inText; ++i) {
-        Value::Write(stream, i);
-        stream.put(' ');
-    }
+    WriteText<Value>(stream, values);
     return stream.str();
 }
 
-template<class Value>
+template<class Value, int values = inText>
 void readTextOurs(benchmark::State& state)
 {
-    const std::string text = Text<Value>();
+    const int count = curveSize<values>(state);
+    const std::string text = Text<Value>(count);
     for (auto _ : state)
-        ReadAll<Value, inText>(*Owned<ioStringStream>(ioStringStream::Create(text.c_str())));
+        ReadAll<Value>(*Owned<ioStringStream>(ioStringStream::Create(text.c_str())), count);
 }
 
-template<class Value>
+template<class Value, int values = inText>
 void readTextStd(benchmark::State& state)
 {
-    const std::string text = Text<Value>();
+    const int count = curveSize<values>(state);
+    const std::string text = Text<Value>(count);
     for (auto _ : state) {
         std::istringstream stream(text);
-        ReadAll<Value, inText>(stream);
+        ReadAll<Value>(stream, count);
     }
 }
 
@@ -495,5 +503,37 @@ BENCHMARK(encodeArrayXdr<Real>)->Name("streams/xdr_encode_memory_reals_in_one_ca
     BENCHMARK(readTextStd<Value>)->Name("streams/text_in_" name "/std")
 BENCH_TEXT(Int, "int");
 BENCH_TEXT(Real, "real");
+
+// ---- by size
+
+std::unique_ptr<QByteArray> QtInts(std::int64_t n)
+{
+    auto bytes = std::make_unique<QByteArray>();
+    QDataStream stream(bytes.get(), QIODevice::WriteOnly);
+    WriteAll<Int>(stream, static_cast<int>(n));
+    return bytes;
+}
+
+Owned<ioStringStream> OurInts(std::int64_t n)
+{
+    auto stream = NewMemory(ioSerializer::getXDR());
+    WriteAll<Int>(*stream, static_cast<int>(n));
+    return stream;
+}
+
+[[maybe_unused]] const bool added = [] {
+    constexpr int last = 10'000'000, lastText = 1'000'000;
+    addCurve("curves/encode ints in XDR", "qelstd", encodeMemoryOurs<Int, 0>, 100, last);
+    addCurve("curves/encode ints in XDR", "xdrmem", encodeMemoryXdr<Int, 0>, 100, last);
+    addCurve("curves/decode ints from XDR", "qelstd", decodeMemoryOurs<Int, 0>, 100, last)->UseManualTime();
+    addCurve("curves/decode ints from XDR", "xdrmem", decodeMemoryXdr<Int, 0>, 100, last)->UseManualTime();
+    addCurve("curves/write ints as text", "qelstd", writeTextOurs<Int, 0>, 100, lastText);
+    addCurve("curves/write ints as text", "std::ostringstream", writeTextStd<Int, 0>, 100, lastText);
+    addCurve("curves/read ints from text", "qelstd", readTextOurs<Int, 0>, 100, lastText);
+    addCurve("curves/read ints from text", "std::istringstream", readTextStd<Int, 0>, 100, lastText);
+    addMemoryCurve("curves of memory/ints in XDR", "qelstd", OurInts, 100, last);
+    addMemoryCurve("curves of memory/ints in XDR", "QDataStream", QtInts, 100, last);
+    return true;
+}();
 
 } // namespace

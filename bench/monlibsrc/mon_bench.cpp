@@ -1,15 +1,21 @@
 // Monitor files: a value stored or loaded against one pwrite or pread of its bytes; a lookup among many
 // parameters against one among few; discovering many parameters against discovering few as often.
 #include <benchmark/benchmark.h>
+#include <map>
+#include <memory>
 #include <stdlib.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <unordered_map>
+#include <vector>
 
 #include <qel/base/btkfd.h>
 #include <qel/base/btkfilepart.h>
 #include <qel/qelown.h>
 #include <qel/xmonlib.h>
+
+#include "curve.h"
 
 namespace {
 
@@ -247,5 +253,149 @@ BENCHMARK_CAPTURE(find, many, 10000)->Name("monitor/find_among_10000/qelstd");
 BENCHMARK_CAPTURE(find, few, 100)->Name("monitor/find_among_10000/among_100");
 BENCHMARK_CAPTURE(discover, many, 10000, 1)->Name("monitor/discover_10000/qelstd");
 BENCHMARK_CAPTURE(discover, few, 1000, 10)->Name("monitor/discover_10000/10_times_1000");
+
+// ---- by the number of parameters; a peer's parameter is four bytes in a plain file
+
+void addOurs(benchmark::State& state)
+{
+    for (auto _ : state)
+        Published().Add(static_cast<int>(state.range(0)));
+}
+
+/// A file for `n` parameters, which has no name.
+btkFd PlainOf(std::int64_t n)
+{
+    std::string path = "/tmp/qelbench.XXXXXX";
+    btkFd plain(mkstemp(path.data()));
+    unlink(path.c_str());
+    btkWrite(plain.Get(), std::string(static_cast<std::size_t>(n) * 40, 'x').data(),
+             static_cast<std::size_t>(n) * 40);
+    return plain;
+}
+
+void addPlain(benchmark::State& state)
+{
+    for (auto _ : state) {
+        const btkFd plain = PlainOf(0);
+        off_t at = 0;
+        for (std::int64_t i = 0; i < state.range(0); ++i) {
+            const std::string record = Published::NameOf(static_cast<int>(i)) + std::string(5, '\0');
+            at += pwrite(plain.Get(), record.data(), record.size(), at);
+        }
+    }
+}
+
+/// Files with that many parameters, which exist from their first use on.
+const Published& OfSize(std::int64_t n)
+{
+    static std::map<std::int64_t, Published> all;
+    const auto [made, isNew] = all.try_emplace(n);
+    if (isNew)
+        made->second.Add(static_cast<int>(n));
+    return made->second;
+}
+
+template<auto use>
+void oneOfOurs(benchmark::State& state)
+{
+    const std::int64_t n = state.range(0);
+    const Published& file = OfSize(n);
+    std::vector<monIntParam*> params;
+    for (std::int64_t i = 0; i < n; ++i)
+        params.push_back(file->Int(Published::NameOf(static_cast<int>(i)).c_str()));
+    std::int64_t i = 0;
+    for (auto _ : state)
+        use(*params[static_cast<std::size_t>(curvePlace(i++, n))]);
+}
+
+template<auto use>
+void oneOfPlain(benchmark::State& state)
+{
+    const btkFd plain = PlainOf(state.range(0));
+    int value = 0;
+    std::int64_t i = 0;
+    for (auto _ : state)
+        if (use(plain.Get(), &value, sizeof value, 40 * curvePlace(i++, state.range(0))) != sizeof value)
+            state.SkipWithError("not done");
+}
+
+void findOurs(benchmark::State& state)
+{
+    const Published& file = OfSize(state.range(0));
+    std::int64_t i = 0;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(
+            file->Int(Published::NameOf(static_cast<int>(curvePlace(i++, state.range(0)))).c_str()));
+}
+
+auto MapOf(std::int64_t n)
+{
+    auto map = std::make_unique<std::unordered_map<std::string, long long>>();
+    for (std::int64_t i = 0; i < n; ++i)
+        map->emplace(Published::NameOf(static_cast<int>(i)), i);
+    return map;
+}
+
+/// Which asks the file whether there are new ones, as the library does.
+void findInMap(benchmark::State& state)
+{
+    const auto map = MapOf(state.range(0));
+    const btkFd plain = PlainOf(state.range(0));
+    struct stat status;
+    std::int64_t i = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(fstat(plain.Get(), &status));
+        benchmark::DoNotOptimize(
+            map->find(Published::NameOf(static_cast<int>(curvePlace(i++, state.range(0))))));
+    }
+}
+
+double sizeOfOurs(std::int64_t n)
+{
+    struct stat status = {};
+    fstat(OfSize(n).OpenPlain().Get(), &status);
+    return static_cast<double>(status.st_size);
+}
+
+double sizeOfText(std::int64_t n)
+{
+    double size = 0;
+    for (std::int64_t i = 0; i < n; ++i)
+        size += static_cast<double>((Published::NameOf(static_cast<int>(i)) + "=0\n").size());
+    return size;
+}
+
+template<auto size>
+void fileBytes(benchmark::State& state)
+{
+    for (auto _ : state)
+        state.counters["bytes"] = size(state.range(0));
+}
+
+[[maybe_unused]] const bool added = [] {
+    constexpr int last = 100'000;
+    addCurve("curves/add parameters to a new file", "qelstd", addOurs, 1, last);
+    addCurve("curves/add parameters to a new file", "pwrite", addPlain, 1, last);
+    addCurve("curves of one/find a parameter", "qelstd", findOurs, 1, last);
+    addCurve("curves of one/find a parameter", "fstat, std::unordered_map", findInMap, 1, last);
+    addCurve("curves of one/store a parameter", "qelstd", oneOfOurs<[](monIntParam& p) { p.setValue(1); }>, 1,
+             last);
+    addCurve("curves of one/store a parameter", "pwrite", oneOfPlain<pwrite>, 1, last);
+    addCurve("curves of one/load a parameter", "qelstd", oneOfOurs<[](monIntParam& p) { p.getValue(); }>, 1,
+             last);
+    addCurve("curves of one/load a parameter", "pread", oneOfPlain<pread>, 1, last);
+    const auto opened = [](std::int64_t n) {
+        Monitor file = OfSize(n).OpenAgain();
+        file->getParams();
+        return file;
+    };
+    addMemoryCurve("curves of memory/parameters of an open file", "qelstd", opened, 1, last);
+    addMemoryCurve("curves of memory/parameters of an open file", "std::unordered_map", MapOf, 1, last);
+    addCurve("curves of memory/a file of parameters", "qelstd", fileBytes<sizeOfOurs>, 1, last)
+        ->Iterations(1);
+    addCurve("curves of memory/a file of parameters", "lines of text", fileBytes<sizeOfText>, 1, last)
+        ->Iterations(1);
+    return true;
+}();
 
 } // namespace

@@ -1,6 +1,7 @@
 // Servers and the streams of their connections: a ping against a plain loop and a TCP server of another
 // library; integers and blocks over one connection against xdrrec and against plain calls. Both ends are in
-// this process, and the time is that of the client, which waits for the other end.
+// this process, and the time is that of the client, which waits for the other end. Servers with many open
+// connections are in a child.
 
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/StreamSocket.h>
@@ -9,39 +10,55 @@
 #include <Poco/Net/TCPServerConnectionFactory.h>
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
+#include <csignal>
 #include <memory>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <rpc/rpc.h>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
+#include <qel/base/btkpipe.h>
 #include <qel/base/btksocket.h>
 #include <qel/netserver.h>
 
+#include "curve.h"
 #include "support/testserver.h"
 
 namespace {
 
 // ---- a ping: connect, a byte there, a byte back, close
 
-void Ping(benchmark::State& state, int port)
+btkFd Connected(int port)
 {
     sockaddr_in to = {};
     to.sin_family = AF_INET;
     to.sin_port = htons(static_cast<in_port_t>(port));
     to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    for (auto _ : state) {
-        const int client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        char byte = 1;
-        if (connect(client, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0 ||
-            send(client, &byte, 1, 0) != 1 || recv(client, &byte, 1, 0) != 1 || byte != 1)
+    btkFd client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (connect(client.Get(), reinterpret_cast<sockaddr*>(&to), sizeof to) != 0)
+        client = btkFd();
+    return client;
+}
+
+/// Sends a byte. Whether one comes back.
+bool IsAnswered(const btkFd& client, char byte)
+{
+    return send(client.Get(), &byte, 1, MSG_NOSIGNAL) == 1 && recv(client.Get(), &byte, 1, 0) == 1;
+}
+
+void Ping(benchmark::State& state, int port)
+{
+    for (auto _ : state)
+        if (!IsAnswered(Connected(port), 1))
             state.SkipWithError("no answer");
-        close(client);
-    }
 }
 
 void PingQelstd(benchmark::State& state)
@@ -267,5 +284,182 @@ void BlocksPlain(benchmark::State& state)
 
 BENCHMARK(BlocksQelstd)->Name("netlibsrc/blocks_64k/qelstd")->UseRealTime();
 BENCHMARK(BlocksPlain)->Name("netlibsrc/blocks_64k/plain_calls")->UseRealTime();
+
+// ---- by the number of open connections
+
+void AllowDescriptors()
+{
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+/// A server in a child process: each side has descriptors for many connections.
+class ServedInChild
+{
+public:
+    /// `serve` writes its port to the handle, and does not return.
+    explicit ServedInChild(void (*serve)(btkHandle tell))
+    {
+        AllowDescriptors();
+        btkInputPipe told;
+        btkOutputPipe tells;
+        if (!btkAnonymousPipe::Create(tells, told) || (id = fork()) < 0)
+            std::abort();
+        if (id == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            serve(tells.Get());
+            _exit(1);
+        }
+        if (read(told.Get(), &port, sizeof port) != sizeof port)
+            std::abort();
+    }
+    ServedInChild(const ServedInChild&) = delete;
+    ServedInChild& operator=(const ServedInChild&) = delete;
+    ~ServedInChild()
+    {
+        kill(id, SIGKILL);
+        waitpid(id, nullptr, 0);
+    }
+
+    int getPort() const { return port; }
+    /// In bytes.
+    double getMemory() const
+    {
+        return 1024.0 * static_cast<double>(residentKiB("VmRSS:", std::to_string(id)));
+    }
+    /// Opens connections with the handshake of a versioned server.
+    std::vector<btkFd> Open(std::int64_t count) const
+    {
+        std::vector<btkFd> clients;
+        for (std::int64_t i = 0; i < count; ++i) {
+            clients.push_back(Connected(port));
+            if (!IsAnswered(clients.back(), 0))
+                std::abort();
+        }
+        return clients;
+    }
+
+private:
+    pid_t id;
+    int port = 0;
+};
+
+/// A thread for each connection, as handlers are written.
+void ServeOurs(btkHandle tell)
+{
+    const Owned<netServer> server(netServer::Create(nullptr, 0));
+    server->setOnRequest(qel::onRequest([](netSocketStream&) { return netSpawnAsyncServer; }));
+    server->setOnAsyncRequest(qel::onAsyncRequest([](netSocketStream& client) {
+        try {
+            for (char byte = 0;;) {
+                client.ReadBytes(&byte, 1);
+                client.WriteBytes(&byte, 1);
+                client.Flush(1);
+            }
+        } catch (xthrowable* end) {
+            xdelete(end);
+        }
+    }));
+    const int port = server->getPortN();
+    btkWrite(tell, reinterpret_cast<const char*>(&port), sizeof port);
+    server->Run();
+}
+
+void ServeEpoll(btkHandle tell)
+{
+    btkAcceptSocket door;
+    door.Listen(0, nullptr);
+    const btkFd all(epoll_create1(EPOLL_CLOEXEC));
+    const auto add = [&](int handle) {
+        epoll_event wanted = {EPOLLIN, {}};
+        wanted.data.fd = handle;
+        epoll_ctl(all.Get(), EPOLL_CTL_ADD, handle, &wanted);
+    };
+    add(door.GetHandle());
+    const int port = door.GetPortN();
+    btkWrite(tell, reinterpret_cast<const char*>(&port), sizeof port);
+    for (;;) {
+        epoll_event ready[64];
+        const int count = epoll_wait(all.Get(), ready, 64, -1);
+        for (int i = 0; i < count; ++i) {
+            const int handle = ready[i].data.fd;
+            char byte = 0;
+            if (handle == door.GetHandle())
+                add(accept4(handle, nullptr, nullptr, SOCK_CLOEXEC));
+            else if (recv(handle, &byte, 1, 0) == 1)
+                send(handle, &byte, 1, MSG_NOSIGNAL);
+            else
+                close(handle);
+        }
+    }
+}
+
+/// The same plan as ours.
+void ServeThreads(btkHandle tell)
+{
+    btkAcceptSocket door;
+    door.Listen(0, nullptr);
+    const int port = door.GetPortN();
+    btkWrite(tell, reinterpret_cast<const char*>(&port), sizeof port);
+    while (door.Wait(btkTimeval::Forever(), 1) == 1)
+        std::thread([client = btkFd(accept4(door.GetHandle(), nullptr, nullptr, SOCK_CLOEXEC))] {
+            for (char byte = 0; recv(client.Get(), &byte, 1, 0) == 1;)
+                send(client.Get(), &byte, 1, MSG_NOSIGNAL);
+        }).detach();
+}
+
+/// A request on one of the connections after the other.
+template<auto serve>
+void AskOpen(benchmark::State& state)
+{
+    const std::int64_t n = state.range(0);
+    const ServedInChild served(serve);
+    const std::vector<btkFd> clients = served.Open(n);
+    std::int64_t i = 0;
+    for (auto _ : state)
+        if (!IsAnswered(clients[static_cast<std::size_t>(curvePlace(i++, n))], 1))
+            state.SkipWithError("no answer");
+}
+
+/// A connection with one request, while the others are open.
+template<auto serve>
+void ConnectBeside(benchmark::State& state)
+{
+    const ServedInChild served(serve);
+    const std::vector<btkFd> clients = served.Open(state.range(0));
+    for (auto _ : state)
+        if (!IsAnswered(served.Open(1).front(), 1))
+            state.SkipWithError("no answer");
+}
+
+template<auto serve>
+void OpenMemory(benchmark::State& state)
+{
+    for (auto _ : state) {
+        const ServedInChild served(serve);
+        const auto first = served.Open(1); // with what it needs once
+        const double before = served.getMemory();
+        const auto all = served.Open(state.range(0));
+        state.counters["bytes"] = served.getMemory() - before;
+    }
+}
+
+template<auto serve>
+void addCurves(const char* who)
+{
+    constexpr int last = 10'000;
+    addCurve("curves of one/request on an open connection", who, AskOpen<serve>, 1, last)->UseRealTime();
+    addCurve("curves of one/connection beside open ones", who, ConnectBeside<serve>, 1, last)->UseRealTime();
+    addCurve("curves of memory/open connections", who, OpenMemory<serve>, 100, last)->Iterations(1);
+}
+
+[[maybe_unused]] const bool added = [] {
+    addCurves<ServeOurs>("qelstd");
+    addCurves<ServeEpoll>("epoll");
+    addCurves<ServeThreads>("a plain thread each");
+    return true;
+}();
 
 } // namespace

@@ -7,12 +7,15 @@
 #include <memory>
 #include <spawn.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <vector>
 
+#include <qel/base/btkfd.h>
 #include <qel/pcprocess.h>
 #include <qel/xiolib.h>
 
+#include "curve.h"
 #include "support/owned.h"
 
 namespace {
@@ -41,47 +44,46 @@ void Use(const benchmark::State& state)
     std::memset(memory, 1, size);
 }
 
-void startOurs(benchmark::State& state)
+void startOurs()
 {
-    Use(state);
-    for (auto _ : state) {
-        const Owned<pcProcess> process(pcProcess::Create("true", nullptr, nullptr, nullptr, nullptr, 0, 0));
-        const Owned<pcEvent> end(process->ExitEvent());
-        Require(end->Wait(INFINITE) == 1 && process->GetExitCode() == 0);
-    }
+    const Owned<pcProcess> process(pcProcess::Create("true", nullptr, nullptr, nullptr, nullptr, 0, 0));
+    const Owned<pcEvent> end(process->ExitEvent());
+    Require(end->Wait(INFINITE) == 1 && process->GetExitCode() == 0);
 }
 
-void startSpawn(benchmark::State& state)
+void startSpawn()
 {
-    Use(state);
-    for (auto _ : state) {
-        char name[] = "true";
-        char* const arguments[] = {name, nullptr};
-        pid_t child;
-        int status = 0;
-        Require(posix_spawnp(&child, name, nullptr, nullptr, arguments, environ) == 0);
-        Require(waitpid(child, &status, 0) == child && status == 0);
-    }
+    char name[] = "true";
+    char* const arguments[] = {name, nullptr};
+    pid_t child;
+    int status = 0;
+    Require(posix_spawnp(&child, name, nullptr, nullptr, arguments, environ) == 0);
+    Require(waitpid(child, &status, 0) == child && status == 0);
 }
 
-void startQt(benchmark::State& state)
+void startQt()
+{
+    QProcess process;
+    process.start("true", QStringList());
+    Require(process.waitForFinished(-1) && process.exitCode() == 0);
+}
+
+template<auto start>
+void startAndWait(benchmark::State& state)
 {
     Use(state);
-    for (auto _ : state) {
-        QProcess process;
-        process.start("true", QStringList());
-        Require(process.waitForFinished(-1) && process.exitCode() == 0);
-    }
+    for (auto _ : state)
+        start();
 }
 
 void Sizes(benchmark::internal::Benchmark* benchmark)
 {
     benchmark->Arg(0)->Arg(8192)->UseRealTime()->Unit(benchmark::kMicrosecond)->MinTime(0.3);
 }
-BENCHMARK(startOurs)->Name("processes/start_and_wait/qelstd")->Apply(Sizes);
-BENCHMARK(startSpawn)->Name("processes/start_and_wait/posix_spawn")->Apply(Sizes);
-BENCHMARK(startSpawn)->Name("processes/start_and_wait/the least")->Apply(Sizes);
-BENCHMARK(startQt)->Name("processes/start_and_wait/QProcess")->Apply(Sizes);
+BENCHMARK(startAndWait<startOurs>)->Name("processes/start_and_wait/qelstd")->Apply(Sizes);
+BENCHMARK(startAndWait<startSpawn>)->Name("processes/start_and_wait/posix_spawn")->Apply(Sizes);
+BENCHMARK(startAndWait<startSpawn>)->Name("processes/start_and_wait/the least")->Apply(Sizes);
+BENCHMARK(startAndWait<startQt>)->Name("processes/start_and_wait/QProcess")->Apply(Sizes);
 
 constexpr std::size_t outputSize = 1 << 30;
 constexpr const char* writer = "head -c 1073741824 /dev/zero";
@@ -123,5 +125,33 @@ BENCHMARK(readStdio)
     ->UseRealTime()
     ->Unit(benchmark::kMillisecond)
     ->Iterations(2);
+
+// ---- by the number of open descriptors
+
+template<auto start>
+void startBesideDescriptors(benchmark::State& state)
+{
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    std::vector<btkFd> open;
+    for (std::int64_t i = 0; i < state.range(0); ++i)
+        Require(open.emplace_back(btkOpenFile("/dev/null", btkOpenRead)).Get() >= 0);
+    for (auto _ : state)
+        start();
+}
+
+[[maybe_unused]] const bool added = [] {
+    const auto add = [](const char* who, auto run) {
+        addCurve("curves of one/start a process beside open descriptors", who, run, 1, 10'000)
+            ->UseRealTime()
+            ->MinTime(0.3);
+    };
+    add("qelstd", startBesideDescriptors<startOurs>);
+    add("posix_spawn", startBesideDescriptors<startSpawn>);
+    add("QProcess", startBesideDescriptors<startQt>);
+    return true;
+}();
 
 } // namespace

@@ -1,11 +1,8 @@
-// Costs by size, against the containers that a program would use instead: each row at every power of ten. A row's time
-// or memory is that of all its elements; curves.py divides it by their number.
+// Costs by size, against the containers that a program would use instead: each row at every power of ten.
 
 #include <QByteArray>
 #include <benchmark/benchmark.h>
-#include <cstdio>
 #include <glib.h>
-#include <malloc.h>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -14,6 +11,8 @@
 #include <qel/xdictionary.h>
 #include <qel/xsequence.h>
 #include <qel/xstring.h>
+
+#include "curve.h"
 
 namespace {
 
@@ -61,7 +60,6 @@ public:
             all.push_back(keyOf(static_cast<std::int64_t>(all.size())));
         return all[static_cast<std::size_t>(i)];
     }
-    static std::int64_t other(std::int64_t i, std::int64_t n) { return i * 7919 % n; }
 };
 
 struct OurKeys
@@ -181,7 +179,7 @@ void find(benchmark::State& state)
     const C all(n);
     for (auto _ : state)
         for (std::int64_t i = 0; i < n; ++i) {
-            const std::int64_t key = Keys::other(i, n) + (isThere ? 0 : n);
+            const std::int64_t key = curvePlace(i, n) + (isThere ? 0 : n);
             if ((all.read(key) >= 0) != isThere)
                 return state.SkipWithError("another result");
         }
@@ -198,7 +196,7 @@ void replace(benchmark::State& state)
         auto all = std::make_unique<C>(n);
         state.ResumeTiming();
         for (std::int64_t i = 0; i < n; ++i)
-            all->replace(Keys::other(i, n), n);
+            all->replace(curvePlace(i, n), n);
         state.PauseTiming();
         all.reset();
         state.ResumeTiming();
@@ -206,53 +204,35 @@ void replace(benchmark::State& state)
 }
 
 template<class C>
-void memory(benchmark::State& state)
+std::unique_ptr<C> made(std::int64_t n)
 {
-    Keys::at(state.range(0));
-    for (auto _ : state) {
-        const auto inUse = [] {
-            const struct mallinfo2 all = mallinfo2();
-            return static_cast<double>(all.uordblks + all.hblkhd);
-        };
-        const double before = inUse();
-        const C made(state.range(0));
-        state.counters["bytes"] = inUse() - before;
-    }
-}
-
-void add(const char* operation, const char* who, void (*run)(benchmark::State&), int last,
-         bool isOnce = false)
-{
-    const std::string name = std::string(operation) + "/" + who;
-    auto* const added =
-        benchmark::RegisterBenchmark(name.c_str(), run)->RangeMultiplier(10)->Range(100, last);
-    if (isOnce)
-        added->Iterations(1);
+    Keys::at(n);
+    return std::make_unique<C>(n);
 }
 
 template<class C>
 void addInts()
 {
-    add("curves/append ints", C::name, build<C>, 10'000'000);
-    add("curves/read ints by index", C::name, readAll<C>, 10'000'000);
-    add("curves of memory/ints", C::name, memory<C>, 1'000'000, true);
+    addCurve("curves/append ints", C::name, build<C>, 100, 10'000'000);
+    addCurve("curves/read ints by index", C::name, readAll<C>, 100, 10'000'000);
+    addMemoryCurve("curves of memory/ints", C::name, made<C>, 100, 1'000'000);
 }
 
 template<class C>
 void addKeys()
 {
-    add("curves/set keys", C::name, build<C>, 1'000'000);
-    add("curves/find keys", C::name, find<C, true>, 1'000'000);
-    add("curves/miss keys", C::name, find<C, false>, 1'000'000);
-    add("curves/remove a key and set another", C::name, replace<C>, 1'000'000);
-    add("curves of memory/keys", C::name, memory<C>, 1'000'000, true);
+    addCurve("curves/set keys", C::name, build<C>, 100, 1'000'000);
+    addCurve("curves/find keys", C::name, find<C, true>, 100, 1'000'000);
+    addCurve("curves/miss keys", C::name, find<C, false>, 100, 1'000'000);
+    addCurve("curves/remove a key and set another", C::name, replace<C>, 100, 1'000'000);
+    addMemoryCurve("curves of memory/keys", C::name, made<C>, 100, 1'000'000);
 }
 
 template<class S>
 void addText()
 {
-    add("curves/append characters", Text<S>::name, build<Text<S>>, 10'000'000);
-    add("curves of memory/characters", Text<S>::name, memory<Text<S>>, 1'000'000, true);
+    addCurve("curves/append characters", Text<S>::name, build<Text<S>>, 100, 10'000'000);
+    addMemoryCurve("curves of memory/characters", Text<S>::name, made<Text<S>>, 100, 1'000'000);
 }
 
 [[maybe_unused]] const bool added = [] {

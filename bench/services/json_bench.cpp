@@ -9,9 +9,9 @@
 #include <qel/qeljson.h>
 #include <qel/qeltable.h>
 
-namespace {
+#include "curve.h"
 
-constexpr int howMany = 100000;
+namespace {
 
 enum Colour : int { red, green, blue };
 QEL_ENUM(Colour);
@@ -85,64 +85,79 @@ void from_json(const nlohmann::json& from, PlainItem& item)
     from.at("Paint").get_to(item.paint);
 }
 
-const xrchandle<Items>& ourItems()
+xrchandle<Items> ourItems(std::int64_t n)
 {
-    static const xrchandle<Items> items = [] {
-        xrchandle<Items> made(Items::create());
-        for (int i = 0; i < howMany; ++i)
-            made->append(new Item(i));
-        return made;
-    }();
-    return items;
+    xrchandle<Items> made(Items::create());
+    for (std::int64_t i = 0; i < n; ++i)
+        made->append(new Item(static_cast<int>(i)));
+    return made;
 }
 
-std::string ourText()
+std::string ourText(std::int64_t n)
 {
     std::ostringstream out;
-    qel::json::write<Items>(ourItems(), out);
+    qel::json::write<Items>(ourItems(n), out);
     return out.str();
 }
 
+xrchandle<Items> readOurs(const std::string& text)
+{
+    return qel::json::read<Items>(text);
+}
+
+std::vector<PlainItem> readTheirs(const std::string& text)
+{
+    return nlohmann::json::parse(text).get<std::vector<PlainItem>>();
+}
+
+template<int howMany>
 void writeOurs(benchmark::State& state)
 {
-    const xrchandle<Items>& items = ourItems();
+    const xrchandle<Items> items = ourItems(curveSize<howMany>(state));
     for (auto _ : state) {
         std::ostringstream out;
         qel::json::write<Items>(items, out);
         benchmark::DoNotOptimize(out);
     }
 }
-BENCHMARK(writeOurs)->Name("json/write 100000 objects/qelstd")->Unit(benchmark::kMillisecond);
 
+template<int howMany>
 void writeTheirs(benchmark::State& state)
 {
-    const auto items = nlohmann::json::parse(ourText()).get<std::vector<PlainItem>>();
+    const auto items = readTheirs(ourText(curveSize<howMany>(state)));
     for (auto _ : state) {
         std::ostringstream out;
         out << nlohmann::json(items).dump();
         benchmark::DoNotOptimize(out);
     }
 }
-BENCHMARK(writeTheirs)->Name("json/write 100000 objects/nlohmann")->Unit(benchmark::kMillisecond);
 
-void readOurs(benchmark::State& state)
+template<int howMany, auto parse>
+void read(benchmark::State& state)
 {
-    const std::string text = ourText();
+    const std::string text = ourText(curveSize<howMany>(state));
     for (auto _ : state) {
-        auto items = qel::json::read<Items>(text);
+        auto items = parse(text);
         benchmark::DoNotOptimize(items);
     }
 }
-BENCHMARK(readOurs)->Name("json/read 100000 objects/qelstd")->Unit(benchmark::kMillisecond);
 
-void readTheirs(benchmark::State& state)
-{
-    const std::string text = ourText();
-    for (auto _ : state) {
-        auto items = nlohmann::json::parse(text).get<std::vector<PlainItem>>();
-        benchmark::DoNotOptimize(items);
-    }
-}
-BENCHMARK(readTheirs)->Name("json/read 100000 objects/nlohmann")->Unit(benchmark::kMillisecond);
+constexpr int many = 100000;
+BENCHMARK(writeOurs<many>)->Name("json/write 100000 objects/qelstd")->Unit(benchmark::kMillisecond);
+BENCHMARK(writeTheirs<many>)->Name("json/write 100000 objects/nlohmann")->Unit(benchmark::kMillisecond);
+BENCHMARK(read<many, readOurs>)->Name("json/read 100000 objects/qelstd")->Unit(benchmark::kMillisecond);
+BENCHMARK(read<many, readTheirs>)->Name("json/read 100000 objects/nlohmann")->Unit(benchmark::kMillisecond);
+
+[[maybe_unused]] const bool added = [] {
+    addCurve("curves/write objects as JSON", "qelstd", writeOurs<0>, 100, 1'000'000);
+    addCurve("curves/write objects as JSON", "nlohmann", writeTheirs<0>, 100, 1'000'000);
+    addCurve("curves/read objects from JSON", "qelstd", read<0, readOurs>, 100, 1'000'000);
+    addCurve("curves/read objects from JSON", "nlohmann", read<0, readTheirs>, 100, 1'000'000);
+    const auto ours = [](std::int64_t n) { return readOurs(ourText(n)); };
+    const auto theirs = [](std::int64_t n) { return readTheirs(ourText(n)); };
+    addMemoryCurve("curves of memory/objects read from JSON", "qelstd", ours, 100, 1'000'000);
+    addMemoryCurve("curves of memory/objects read from JSON", "nlohmann", theirs, 100, 1'000'000);
+    return true;
+}();
 
 } // namespace

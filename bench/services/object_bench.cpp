@@ -5,11 +5,13 @@
 #include <memory>
 #include <string>
 #include <variant>
+#include <vector>
 
 #include <qel/qeltable.h>
 #include <qel/xany.h>
 #include <qel/xobject.h>
 
+#include "curve.h"
 #include "least_p.h"
 
 namespace {
@@ -192,7 +194,56 @@ struct Objects
     }
 };
 
+// ---- by size
+
+template<class Make>
+auto allOf(std::int64_t n, Make make)
+{
+    std::vector<decltype(make(n))> all;
+    all.reserve(static_cast<std::size_t>(n));
+    for (std::int64_t i = 0; i < n; ++i)
+        all.push_back(make(i));
+    return all;
+}
+
+void addCurves(const char* who, auto object, auto variant)
+{
+    addCurve(
+        "curves/make objects and drop them", who,
+        [=](benchmark::State& state) {
+            for (auto _ : state)
+                benchmark::DoNotOptimize(allOf(state.range(0), object));
+        },
+        100, 1'000'000);
+    addCurve(
+        "curves/copy variants with strings", who,
+        [=](benchmark::State& state) {
+            const auto all = allOf(state.range(0), variant);
+            for (auto _ : state) {
+                auto copy = all;
+                benchmark::DoNotOptimize(copy);
+            }
+        },
+        100, 1'000'000);
+    addMemoryCurve(
+        "curves of memory/objects", who, [=](std::int64_t n) { return allOf(n, object); }, 100, 1'000'000);
+    addMemoryCurve(
+        "curves of memory/variants with strings", who, [=](std::int64_t n) { return allOf(n, variant); }, 100,
+        1'000'000);
+}
+
+std::string textOf(std::int64_t i)
+{
+    return "a text of some length " + std::to_string(i);
+}
+
 [[maybe_unused]] const bool added = [] {
+    addCurves(
+        "qelstd", [](std::int64_t) { return qel::make<Thing>(); },
+        [](std::int64_t i) { return xany(textOf(i).c_str()); });
+    addCurves(
+        "std", [](std::int64_t) { return std::make_shared<Plain>(); },
+        [](std::int64_t i) { return StdVariant(std::make_shared<std::string>(textOf(i))); });
     addVariants("int", Ints());
     addVariants("real", Reals());
     addVariants("string", Strings());

@@ -1,5 +1,5 @@
-// Walking and printing 100 000 attributes and elements: a group of 10 000 persons with five attributes each,
-// and 40 000 numbers. The walk is compared with a program that reads the same from QObjects through their
+// Walking and printing 100 000 attributes and elements, and other numbers of them: of a group of persons, with five
+// attributes each, and four times as many numbers. The walk is compared with a program that reads the same from QObjects through their
 // meta-objects; the printing with hand-written code that prints the same text.
 
 #include <QMetaProperty>
@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -21,10 +22,22 @@
 #include <qel/xrtti.h>
 #include <qel/xsequence.h>
 
+#include "curve.h"
+
 namespace {
 
-constexpr int persons = 10000;
-constexpr int numbers = 40000;
+constexpr int manyParts = 100000; // attributes and elements
+
+/// A group of the class with as many parts, which exists from its first use on.
+template<class Made>
+const Made& ofSize(int parts)
+{
+    static std::map<int, std::unique_ptr<Made>> all;
+    std::unique_ptr<Made>& made = all[parts];
+    if (made == nullptr)
+        made = std::make_unique<Made>(parts / 10, parts / 10 * 4);
+    return *made;
+}
 
 std::string nameOf(int i)
 {
@@ -81,7 +94,7 @@ class Group : public virtual xobject
     QEL_PROPERTY(xrchandle<xintsequence>, Numbers);
 
 public:
-    Group() : Members(new PersonList), Numbers(xintsequence::create())
+    Group(int persons, int numbers) : Members(new PersonList), Numbers(xintsequence::create())
     {
         for (int i = 0; i < persons; ++i)
             Members->list.emplace_back(new Person(i));
@@ -95,11 +108,11 @@ constinit qelClass Group::rtti = {
     .attrs = {QEL_ATTR(Members), QEL_ATTR(Numbers)},
 };
 
-const xany& ours()
+struct OurGroup
 {
-    static const xany group(new Group);
-    return group;
-}
+    OurGroup(int persons, int numbers) : group(new Group(persons, numbers)) {}
+    xany group;
+};
 
 /// Adds up the values, so that none is optimized away.
 class Adder final : public qelTraverser
@@ -195,13 +208,13 @@ class QtGroup : public QObject
     Q_PROPERTY(QVariantList numbers MEMBER numbers)
 
 public:
-    QtGroup()
+    QtGroup(int persons, int howMany)
     {
         for (int i = 0; i < persons; ++i) {
             owned.push_back(std::make_unique<QtPerson>(i));
             members << QVariant::fromValue<QObject*>(owned.back().get());
         }
-        for (int i = 0; i < ::numbers; ++i)
+        for (int i = 0; i < howMany; ++i)
             numbers << i;
     }
 
@@ -256,36 +269,32 @@ struct QtAdder
     }
 };
 
-template<class Walk>
-void walk(benchmark::State& state, Walk once)
+Adder walkOurs(int parts)
+{
+    Adder adder;
+    qelTraverse(ofSize<OurGroup>(parts).group, &adder);
+    return adder;
+}
+
+QtAdder walkQt(int parts)
+{
+    QtAdder adder;
+    adder.object(ofSize<QtGroup>(parts));
+    return adder;
+}
+
+template<int parts, auto once>
+void walk(benchmark::State& state)
 {
     for (auto _ : state) {
-        const auto adder = once();
-        if (adder.parts != 5 * persons + persons + numbers + 2)
+        const auto adder = once(curveSize<parts>(state));
+        if (adder.parts != curveSize<parts>(state) + 2)
             return state.SkipWithError("parts are missing");
         benchmark::DoNotOptimize(adder.sum);
     }
 }
-
-void walkQelstd(benchmark::State& state)
-{
-    walk(state, [] {
-        Adder adder;
-        qelTraverse(ours(), &adder);
-        return adder;
-    });
-}
-void walkQt(benchmark::State& state)
-{
-    static const QtGroup group;
-    walk(state, [] {
-        QtAdder adder;
-        adder.object(group);
-        return adder;
-    });
-}
-BENCHMARK(walkQelstd)->Name("traverse/walk/qelstd");
-BENCHMARK(walkQt)->Name("traverse/walk/QMetaProperty");
+BENCHMARK(walk<manyParts, walkOurs>)->Name("traverse/walk/qelstd");
+BENCHMARK(walk<manyParts, walkQt>)->Name("traverse/walk/QMetaProperty");
 
 // ---- the peer of the printing
 
@@ -305,11 +314,11 @@ struct PlainPerson
 
 struct PlainGroup
 {
-    PlainGroup()
+    PlainGroup(int persons, int howMany)
     {
         for (int i = 0; i < persons; ++i)
             members.emplace_back(i);
-        for (int i = 0; i < ::numbers; ++i)
+        for (int i = 0; i < howMany; ++i)
             numbers.push_back(i);
     }
 
@@ -350,26 +359,23 @@ void write(std::ostream& os, const PlainGroup& group)
     os << '}';
 }
 
-const std::string& wanted()
+std::string wanted(int parts)
 {
-    static const std::string text = [] {
-        std::ostringstream os;
-        write(os, PlainGroup());
-        return os.str();
-    }();
-    return text;
+    std::ostringstream os;
+    write(os, ofSize<PlainGroup>(parts));
+    return os.str();
 }
 
-template<class Print>
-void toString(benchmark::State& state, Print print)
+template<int parts, auto print>
+void toString(benchmark::State& state)
 {
     std::ostringstream os; // one for all, or the growth of its string would dominate
     for (auto _ : state) {
         os.seekp(0);
-        print(os);
+        print(os, curveSize<parts>(state));
         benchmark::DoNotOptimize(os);
     }
-    if (os.str() != wanted())
+    if (os.str() != wanted(curveSize<parts>(state)))
         state.SkipWithError("the text is another");
 }
 
@@ -379,33 +385,32 @@ void toFile(benchmark::State& state, Print print)
     const std::filesystem::path path = std::filesystem::temp_directory_path() / "qelstd_traverse_bench.txt";
     for (auto _ : state) {
         std::ofstream os(path);
-        print(os);
+        print(os, manyParts);
         os.close();
     }
-    if (std::filesystem::file_size(path) != wanted().size())
+    if (std::filesystem::file_size(path) != wanted(manyParts).size())
         state.SkipWithError("the text is another");
     std::filesystem::remove(path);
 }
 
-void printQelstd(std::ostream& os)
+void printQelstd(std::ostream& os, int parts)
 {
-    qelPrint(ours(), os, 2);
+    qelPrint(ofSize<OurGroup>(parts).group, os, 2);
 }
-void printWhole(std::ostream& os)
+void printWhole(std::ostream& os, int parts)
 {
-    qelPrint(ours(), os, 2, qelWhole);
+    qelPrint(ofSize<OurGroup>(parts).group, os, 2, qelWhole);
 }
-void printByHand(std::ostream& os)
+void printByHand(std::ostream& os, int parts)
 {
-    static const PlainGroup group;
-    write(os, group);
+    write(os, ofSize<PlainGroup>(parts));
 }
 // The least: each line is written, so that whoever reads the file sees it at once.
-void writeLines(std::ostream& os)
+void writeLines(std::ostream& os, int parts)
 {
-    static const std::vector<std::string> lines = [] {
+    static const std::vector<std::string> lines = [=] {
         std::stringstream text;
-        printByHand(text);
+        printByHand(text, parts);
         std::vector<std::string> made;
         for (std::string line; std::getline(text, line);)
             made.push_back(text.eof() ? line : line + '\n');
@@ -415,13 +420,33 @@ void writeLines(std::ostream& os)
         os.write(line.data(), static_cast<std::streamsize>(line.size())).flush();
 }
 
-BENCHMARK_CAPTURE(toString, qelstd, printQelstd)->Name("traverse/print to a string/qelstd");
-BENCHMARK_CAPTURE(toString, hand, printByHand)->Name("traverse/print to a string/handwritten");
+BENCHMARK(toString<manyParts, printQelstd>)->Name("traverse/print to a string/qelstd");
+BENCHMARK(toString<manyParts, printByHand>)->Name("traverse/print to a string/handwritten");
 BENCHMARK_CAPTURE(toFile, qelstd, printQelstd)->Name("traverse/print to a file/qelstd");
 BENCHMARK_CAPTURE(toFile, whole, printWhole)->Name("traverse/print to a file at once/qelstd");
 BENCHMARK_CAPTURE(toFile, lines, printByHand)->Name("traverse/print to a file at once/handwritten lines");
 BENCHMARK_CAPTURE(toFile, hand, printByHand)->Name("traverse/print to a file/handwritten");
 BENCHMARK_CAPTURE(toFile, least, writeLines)->Name("traverse/print to a file/the least");
+
+// ---- by size
+
+template<class Made>
+std::unique_ptr<Made> made(std::int64_t parts)
+{
+    return std::make_unique<Made>(static_cast<int>(parts / 10), static_cast<int>(parts / 10 * 4));
+}
+
+[[maybe_unused]] const bool added = [] {
+    addCurve("curves/walk a value with fields", "qelstd", walk<0, walkOurs>, 100, 1'000'000);
+    addCurve("curves/walk a value with fields", "QMetaProperty", walk<0, walkQt>, 100, 1'000'000);
+    addCurve("curves/print a value with fields", "qelstd", toString<0, printQelstd>, 100, 1'000'000);
+    addCurve("curves/print a value with fields", "handwritten", toString<0, printByHand>, 100, 1'000'000);
+    addMemoryCurve("curves of memory/a value with fields", "qelstd", made<OurGroup>, 100, 1'000'000);
+    addMemoryCurve("curves of memory/a value with fields", "QObject", made<QtGroup>, 100, 1'000'000);
+    addMemoryCurve("curves of memory/a value with fields", "plain structures", made<PlainGroup>, 100,
+                   1'000'000);
+    return true;
+}();
 
 } // namespace
 
