@@ -1,5 +1,6 @@
 #include <iostream>
 #include <list>
+#include <utility>
 
 #include <qel/base/thrcancellation.h>
 
@@ -10,10 +11,12 @@
 
 void netBaseServer::Loop::StopRequests()
 {
-    const btkTimeval grace =
-        server.gracePeriod == INFINITE ? btkTimeval::Forever() : btkTimeval(server.gracePeriod);
+    const btkTimeval end = server.gracePeriod == INFINITE
+                               ? btkTimeval::Forever()
+                               : btkTimeval::Now() + btkTimeval(server.gracePeriod);
     for (const auto& request : requests)
-        request->TellToStop(grace);
+        request->SetEnd(end);
+    Event_Set(requestsEnd.Get());
     for (const auto& request : requests) {
         request->WaitExitCode();
         try {
@@ -42,7 +45,8 @@ try {
         return false;
     }
     std::list<std::unique_ptr<netAsyncRequest>> one; // the steps after the start must not fail
-    one.push_back(std::make_unique<netAsyncRequest>(&server, stream));
+    one.push_back(std::make_unique<netAsyncRequest>(&server, stream, requestsEnd.Get()));
+    one.back()->place = one.begin();
     Note(netCount::asyncStarted);
     if (!one.back()->Start()) {
         Note(netCount::asyncEnded);
@@ -56,19 +60,28 @@ try {
     return false;
 }
 
+void netBaseServer::Loop::AddEnded(netAsyncRequest& request)
+{
+    request.endedBefore = lastEnded.load(std::memory_order_relaxed);
+    while (!lastEnded.compare_exchange_weak(request.endedBefore, &request, std::memory_order_release)) {
+    }
+}
+
 netServerLoopAction netBaseServer::Loop::CheckAsyncRequests()
 {
     netServerLoopAction result = netServerContinue;
-    if (endedBodies.load(std::memory_order_relaxed) == 0)
+    if (lastEnded.load(std::memory_order_relaxed) == nullptr)
         return result;
     std::list<std::unique_ptr<netAsyncRequest>> exited;
-    for (auto at = requests.begin(); at != requests.end();) {
-        const auto request = at++;
-        if (!(*request)->IsExited())
+    for (netAsyncRequest* each = lastEnded.exchange(nullptr, std::memory_order_acquire); each != nullptr;) {
+        netAsyncRequest& request = *std::exchange(each, each->endedBefore);
+        if (!request.IsExited()) {
+            AddEnded(request);
             continue;
-        exited.splice(exited.end(), requests, request);
+        }
+        exited.splice(exited.begin(), requests, request.place);
         --endedBodies;
-        if (exited.back()->GetExitCode() == netServerTerminate)
+        if (request.WaitExitCode() == netServerTerminate)
             result = netServerTerminate;
     }
     for (const auto& request : exited)
@@ -77,6 +90,16 @@ netServerLoopAction netBaseServer::Loop::CheckAsyncRequests()
 }
 
 // ---- one
+
+namespace {
+
+class StopEvent final : public evtEvent
+{
+public:
+    explicit StopEvent(btkHandle event) : evtEvent(new btkEVENTEvent(event)) {}
+};
+
+} // namespace
 
 netAsyncRequest::~netAsyncRequest()
 {
@@ -87,29 +110,15 @@ netAsyncRequest::~netAsyncRequest()
 
 bool netAsyncRequest::OnPreStart()
 {
-    if (!netThread::OnPreStart())
-        return false;
-    wasTold = false;
-    stopSign = std::make_shared<btkStopSign>(GetSignalHandle());
+    stopSign = std::make_shared<btkStopSign>(stopEvent);
     stream->CheckOpen();
     stream->connection->SetStopSign(stopSign);
     return true;
 }
 
-void netAsyncRequest::TellToStop(btkTimeval grace) noexcept
+void netAsyncRequest::SetEnd(btkTimeval end) noexcept
 {
-    if (wasTold)
-        return;
-    wasTold = true;
-    stopSign->SetEnd(btkTimeval::Now() + grace);
-    try {
-        const char byte = 0;
-        ControlStream()->WriteBytes(&byte, 1);
-        ControlStream()->Flush(true);
-    } catch (xthrowable* e) { // the body has returned or returns by itself
-        const qel::caught caught(e);
-    } catch (const std::bad_alloc&) { // memory ran out for the report
-    }
+    stopSign->SetEnd(end);
 }
 
 int netAsyncRequest::OnStart()
@@ -118,18 +127,19 @@ int netAsyncRequest::OnStart()
     struct EndNote
     {
         netBaseServer::Loop& loop;
+        netAsyncRequest& request;
         btkTimeval begin;
-        ~EndNote() { loop.NoteEnd(begin); }
+        ~EndNote() { loop.NoteEnd(request, begin); }
     };
-    const EndNote note{*server->loop, btkTimeval::Now()};
+    const EndNote note{*server->loop, *this, btkTimeval::Now()};
 
     std::unique_ptr<netSocketStream, qelDelete> unserved(stream);
     try {
-        const std::unique_ptr<evtEvent, qelDelete> stop(SignalStream()->InputEvent());
+        StopEvent stop(stopEvent);
         peer = stream->getPeerAddress().CastToCString();
         if (server->onAsyncRequest != nullptr)
             unserved.release();
-        return server->OnAsyncRequest(stream, stop.get());
+        return server->OnAsyncRequest(stream, &stop);
     } catch (xthrowable* thrown) {
         failure = qel::caught(thrown);
     } catch (const std::exception& thrown) {
@@ -151,7 +161,6 @@ void netAsyncRequest::ReportFailure() const
 
 void netAsyncRequest::AtFork(bool parentSide)
 {
-    netThread::AtFork(parentSide);
     if (parentSide)
         xdelete(stream);
 }

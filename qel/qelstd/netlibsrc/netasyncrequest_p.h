@@ -1,8 +1,10 @@
 #pragma once
 
+#include <list>
 #include <memory>
 #include <string>
 
+#include <qel/base/btkfd.h>
 #include <qel/base/btktimeval.h>
 
 #include "netthread.h"
@@ -13,19 +15,25 @@ class netBaseServer;
 class netSocketStream;
 
 /// The thread of one asynchronous request. Its server joins it once it has exited.
-class netAsyncRequest : public netThread
+class netAsyncRequest : public netBaseThread
 {
 public:
-    netAsyncRequest(netBaseServer* of, netSocketStream* served)
-        : netThread(WithoutExitEvent), server(of), stream(served)
+    /// `stop`: the event by which the server stops all its requests. It outlives them.
+    netAsyncRequest(netBaseServer* of, netSocketStream* served, btkHandle stop)
+        : netBaseThread(WithoutExitEvent), server(of), stream(served), stopEvent(stop)
     {
     }
     ~netAsyncRequest() override;
 
-    /// Signals the handler to stop, once. Its stream blocks no longer than `grace` from now on.
-    void TellToStop(btkTimeval grace) noexcept;
+    /// Before the event is set: from `end` on its stream does not block.
+    void SetEnd(btkTimeval end) noexcept;
     /// Reports the exception of the handler, if it threw one. Called once it has exited.
     void ReportFailure() const;
+
+    // ---- for the loop: its place among all, and the one that has finished before it
+
+    std::list<std::unique_ptr<netAsyncRequest>>::iterator place;
+    netAsyncRequest* endedBefore = nullptr;
 
 protected:
     bool OnPreStart() override;
@@ -35,8 +43,8 @@ protected:
 private:
     netBaseServer* server;
     netSocketStream* stream;
+    btkHandle stopEvent;
     std::shared_ptr<btkStopSign> stopSign;
-    bool wasTold = false;
     // Of the handler that threw; written by its thread.
     bool hasFailed = false;
     std::string peer;

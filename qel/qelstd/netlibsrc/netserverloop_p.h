@@ -32,7 +32,7 @@ public:
     /// Whether construction got all the descriptors it needs.
     bool IsWhole() const
     {
-        return static_cast<bool>(stopAsked);
+        return stopAsked && requestsEnd;
     }
     void Stop();
     /// Whether Stop was called since the last call of TakeStop.
@@ -56,12 +56,13 @@ public:
     /// Signals all asynchronous requests to stop, and waits until they have finished.
     void StopRequests();
     /// An asynchronous request that began at `begin` has finished; called in its thread.
-    void NoteEnd(btkTimeval begin)
+    void NoteEnd(netAsyncRequest & request, btkTimeval begin)
     {
         Note(netCount::asyncEnded);
         if (statistics != nullptr)
             statistics->NoteService(begin);
         ++endedBodies;
+        AddEnded(request);
     }
 
     void Note(netCount what, std::size_t times = 1)
@@ -106,6 +107,7 @@ private:
     void DropTooMany(btkTimeval now);
     void SpawnAsyncRequest(netSocketStream * stream);
     bool StartAsyncRequest(netSocketStream * stream);
+    void AddEnded(netAsyncRequest & request);
 
     netBaseServer& server;
 
@@ -123,8 +125,11 @@ private:
     std::atomic<bool> isStopAsked = false;
     std::shared_ptr<btkStopSign> stopSign; // of the streams that the loop's thread serves
 
+    btkFd requestsEnd; // an event for all of them
     std::list<std::unique_ptr<netAsyncRequest>> requests;
     std::atomic<int> endedBodies = 0; // of `requests`; written by their threads
+    // The last of them, which knows the one before: open requests cost the others nothing.
+    std::atomic<netAsyncRequest*> lastEnded = nullptr;
 };
 
 // ---- reports
