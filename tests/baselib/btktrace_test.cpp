@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <iterator>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <qel/base/btksocket.h>
@@ -21,10 +22,10 @@ std::string contentOf(const std::string& path)
 }
 
 // Returns the text that the tracer writes to its standard error output.
-std::string traced(const TempDir& folder, const std::string& settings)
+std::string traced(const TempDir& folder, const std::string& settings,
+                   const std::string& program = std::filesystem::read_symlink("/proc/self/exe").string())
 {
     const std::string output = folder.path("output");
-    const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
     const std::string line = "env " + settings + " '" + program + "' " + asTracer + " 2>'" + output + "'";
     EXPECT_EQ(std::system(line.c_str()), 0);
     return contentOf(output);
@@ -115,6 +116,24 @@ TEST(btkTrace, WritesOnlyAFileOfThisUserAndThroughNoLink)
         EXPECT_EQ(reason.find("cannot open"), std::string::npos) << reason;
     }
     EXPECT_FALSE(std::filesystem::exists(target));
+}
+
+TEST(btkTrace, WritesNothingWithMoreRightsThanItsCaller)
+{
+    const TempDir folder;
+    const std::string program = folder.path("program");
+    struct statvfs place;
+    ASSERT_EQ(statvfs(folder.path("").c_str(), &place), 0);
+    if (geteuid() != 0 || (place.f_flag & ST_NOSUID) != 0)
+        GTEST_SKIP() << "cannot give a program the rights of another group";
+    std::filesystem::copy_file("/proc/self/exe", program);
+    constexpr gid_t otherGroup = 65534;
+    ASSERT_EQ(chown(program.c_str(), 0, otherGroup), 0);
+    ASSERT_EQ(chmod(program.c_str(), 02755), 0);
+
+    EXPECT_EQ(traced(folder, "QELSTD_TRACE=all QELSTD_TRACE_FILE='" + folder.path("trace") + "'", program),
+              "limit\\x09reached\n");
+    EXPECT_FALSE(std::filesystem::exists(folder.path("trace")));
 }
 
 TEST(btkWithoutControls, KeepsWhatIsText)

@@ -175,7 +175,7 @@ copied() # DEBS SOURCE PLACE: makes the copy in that folder, in a separate mount
     done
     dpkg-deb -I "$root/debs/libqelstd0_${version}"_*.deb shlibs | grep 'libqelstd 0 libqelstd0' >/dev/null ||
         fail "libqelstd0 does not say what its users depend on"
-    for page in man/man1/qel.1.gz man/man5/qelstd-config.5.gz man/man7/qelstd.7.gz bash-completion/completions/qel zsh/vendor-completions/_qel doc/qelstd-tools/changelog.gz; do
+    for page in man/man1/qel.1.gz man/man5/qelstd-config.5.gz man/man7/qelstd.7.gz bash-completion/completions/qel zsh/vendor-completions/_qel fish/vendor_completions.d/qel.fish doc/qelstd-tools/changelog.gz; do
         dpkg-deb -c "$root/debs/qelstd-tools_${version}"_*.deb | grep "/usr/share/$page" >/dev/null ||
             fail "qelstd-tools has no $page"
     done

@@ -29,7 +29,7 @@ for library in qelstd qelbaselib qelctools; do
 done
 
 grep -q "^ExecStart=/.*/bin/qel ns serve" "$prefix/lib/systemd/system/qel-ns.service"
-for file in man/man1/qel.1 man/man1/qel-ns.1 bash-completion/completions/qel zsh/vendor-completions/_qel; do
+for file in man/man1/qel.1 man/man1/qel-ns.1 bash-completion/completions/qel zsh/vendor-completions/_qel fish/vendor_completions.d/qel.fish; do
     [[ -s $prefix/share/$file ]] || { echo "share/$file is not installed"; exit 1; }
 done
 
