@@ -36,7 +36,9 @@ std::string whatIsWrong(const CLI::App& program, const CLI::ParseError& problem)
     const std::vector<std::string> left = program.remaining(true);
     const bool isUnknown = dynamic_cast<const CLI::RequiredError*>(&problem) != nullptr && !left.empty();
     const std::string meant = left.empty() ? std::string() : NearestWord(program, left.front());
-    return (isUnknown ? "no such command: " + left.front() : problem.what()) +
+    return (isUnknown
+                ? (left.front().starts_with('-') ? "no such option: " : "no such command: ") + left.front()
+                : problem.what()) +
            (meant.empty() ? std::string() : "; did you mean " + meant + "?") + " (see " + command +
            " --help)";
 }
