@@ -47,8 +47,8 @@ protected:
 /// The bytes of connections, which the buffers over them add up in any thread.
 struct btkTraffic
 {
-    std::atomic<std::uint64_t> received = 0;
-    std::atomic<std::uint64_t> sent = 0;
+    std::atomic<std::uint64_t> received = 0; ///< read from the peers
+    std::atomic<std::uint64_t> sent = 0;     ///< written to them
 };
 
 /// Notifies the users of connections of a time limit. Shared by the notifying side, in any thread or a signal
