@@ -100,24 +100,30 @@ void xany::validate(xrtti* type, unsigned char optional) const
         qelThrowInvalid(type, *this);
 }
 
+/// Apart, so that comparing two multibyte texts needs no stack frame.
+[[gnu::noinline]] static bool equalAfterConversion(const __xstring_c& a, const __xstring_c& b)
+{
+    return xstring(a) == xstring(b);
+}
+
 unsigned char xany::equalsOther(const xany& other) const
 {
+    if (value.tag == xanyString) [[likely]] {
+        const __xstring_c& a = value.u.stringValue;
+        const __xstring_c& b = other.value.u.stringValue;
+        if (a.buffer == nullptr || b.buffer == nullptr)
+            return 0;
+        if (a.mb == nullptr || b.mb == nullptr)
+            return equalAfterConversion(a, b);
+        const std::size_t size = a.buffer->GetMBLength();
+        return size == b.buffer->GetMBLength() && std::memcmp(a.mb, b.mb, size) == 0;
+    }
     switch (value.tag) {
     case xanyUninit:
     case xanyNull:
         return 1;
     case xanyBool:
         return value.u.boolValue == other.value.u.boolValue;
-    case xanyString: {
-        const __xstring_c& a = value.u.stringValue;
-        const __xstring_c& b = other.value.u.stringValue;
-        if (a.buffer == nullptr || b.buffer == nullptr)
-            return 0;
-        if (a.mb == nullptr || b.mb == nullptr)
-            return xstring(a) == xstring(b);
-        const std::size_t size = a.buffer->GetMBLength();
-        return size == b.buffer->GetMBLength() && std::memcmp(a.mb, b.mb, size) == 0;
-    }
     case xanyEnum:
         return value.u.enumValue.value == other.value.u.enumValue.value &&
                value.u.enumValue.type == other.value.u.enumValue.type;
