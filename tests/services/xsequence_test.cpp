@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <span>
@@ -216,6 +217,25 @@ TEST(xsequence, AssignsRangesOfItsOwnElements)
     EXPECT_EQ(contentOf(strings.get()), "axybc");
     strings->assign(std::vector<std::string>{"x", "y"});
     EXPECT_EQ(contentOf(strings.get()), "xy");
+}
+
+TEST(xsequence, ElementsThatNothingFillsAreZero)
+{
+    class Lazy : public xintsequence
+    {
+        void OnCopy(void*, const void*, unsigned) override {}
+    };
+    const std::vector<int> ones(70, 1);
+    for (int round = 0; round < 3; ++round) { // the later ones get memory that the earlier ones wrote to
+        xauto<xintsequence> ints;
+        ints.assign(ones);
+        ints.set(400, 2);
+        EXPECT_TRUE(ints.get(69) == 1 && ints.get(400) == 2);
+        EXPECT_EQ(std::count(ints.begin(), ints.end(), 0), 330);
+        xauto<Lazy> lazy;
+        lazy.assign(ones);
+        EXPECT_EQ(std::count(lazy.begin(), lazy.end(), 0), 70);
+    }
 }
 
 TEST(xsequence, RejectsInvalidIndicesBeforeAnyChange)

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <typeinfo>
 #include <utility>
 
 #include <qel/base/btkmemory.h>
@@ -73,7 +74,7 @@ void xbasesequence::Resize(std::size_t newUsed)
     const unsigned before = used;
     const auto after = static_cast<unsigned>(newUsed);
     if (shrink || after > before) {
-        const std::size_t rounded = (newUsed + granularity - 1) / granularity * granularity;
+        const std::size_t rounded = inBlocks(newUsed);
         if (rounded > maxBytes)
             throwTooLong();
         if (rounded != capacity || (isOwn(ownGrowth) && after > room)) {
@@ -117,9 +118,23 @@ void xbasesequence::BaseInsertEmpty(std::size_t offset, std::size_t n)
         OnCopy(data + offset + n, data + offset, before - static_cast<unsigned>(offset));
 }
 
+/// Whether this is an object of a standard class of plain values, whose hooks are its hook set's.
+bool xbasesequence::isStandard() const
+{
+    const std::type_info& own = typeid(*this);
+    return &own == &typeid(xintsequence) || &own == &typeid(xrealsequence) || &own == &typeid(xboolsequence);
+}
+
 void xbasesequence::BaseInsert(std::size_t offset, std::size_t n, const void* from)
 {
     const std::size_t position = positionIn(data, used, from);
+    const struct Reset
+    {
+        unsigned& filled;
+        ~Reset() { filled = 0; }
+    } reset = {filled};
+    if (offset == used && (isOwn(ownCopy) || isStandard()))
+        filled = static_cast<unsigned>(std::min(n, maxBytes));
     BaseInsertEmpty(offset, n);
     if (n == 0)
         return;
@@ -182,9 +197,10 @@ char* xbasesequence::reallocatePlain(unsigned newCapacity)
     char* const block = reallocate(newCapacity <= granularity
                                        ? std::min(newCapacity, std::max(std::bit_ceil(needed), firstRoom))
                                        : newCapacity);
+    const unsigned first = std::max(before, used + filled);
     const unsigned after = std::min(newCapacity, room);
-    if (after > before)
-        std::memset(block + before, 0, after - before);
+    if (after > first)
+        std::memset(block + first, 0, after - first);
     return block;
 }
 

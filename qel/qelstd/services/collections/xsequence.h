@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <initializer_list>
 #include <new>
@@ -47,10 +48,19 @@ public:
     void BaseRemove(std::size_t a, std::size_t b);
 
 protected:
-    /// Whether a sequence may have that many bytes in use.
-    bool mayHold(std::size_t bytes) const
+    /// Whether `place` lies in this sequence's block.
+    bool holds(const void* place) const
     {
-        return bytes <= maxBytes && (bytes + granularity - 1) / granularity * granularity <= maxBytes;
+        return reinterpret_cast<std::uintptr_t>(place) - reinterpret_cast<std::uintptr_t>(data) < capacity;
+    }
+    /// Whether a sequence may have that many bytes in use.
+    bool mayHold(std::size_t bytes) const { return bytes <= maxBytes && inBlocks(bytes) <= maxBytes; }
+    /// The capacity for that many bytes, at most maxBytes: whole blocks of `granularity`.
+    std::size_t inBlocks(std::size_t bytes) const
+    {
+        const std::size_t last = granularity - 1;
+        return (granularity & last) == 0 ? (bytes + last) & ~last
+                                         : (bytes + last) / granularity * granularity;
     }
 
     static constexpr std::size_t maxBytes = 0x7fffffff; // so an int can count the elements
@@ -126,6 +136,7 @@ protected:
 
 private:
     void resetSlots(unsigned from, unsigned to);
+    bool isStandard() const;
     void findReady() { ready = !isOwn(ownAppend) ? 0 : capacity < room ? capacity : room; }
 
     unsigned char seen = 0; // OwnHooks
@@ -140,6 +151,8 @@ private:
     unsigned room = 0;
     // Bytes in use after OnResize returns.
     unsigned needed = 0;
+    // Bytes behind those in use that the caller of OnResize fills: reallocatePlain need not zero them.
+    unsigned filled = 0;
 };
 
 template<class T>
@@ -232,6 +245,12 @@ public:
     requires requires(R&& range) { range.begin(), range.end(); } || std::is_array_v<std::remove_cvref_t<R>>
     void assign(R&& range)
     {
+        if constexpr (requires { std::data(range) + std::size(range); }) {
+            using Element = std::remove_cv_t<std::remove_pointer_t<decltype(std::data(range))>>;
+            if constexpr (std::is_same_v<Element, T>)
+                if (!holds(std::data(range)))
+                    return replaceBy(std::data(range), std::size(range));
+        }
         std::vector<T> values;
         if constexpr (requires { std::size(range); })
             values.reserve(std::size(range));
