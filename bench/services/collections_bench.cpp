@@ -16,13 +16,18 @@
 #include <malloc.h>
 #include <memory>
 #include <random>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <variant>
 #include <vector>
 
+#include <qel/qelcpp.h>
 #include <qel/xdictionary.h>
 #include <qel/xsequence.h>
+
+#include "least_p.h"
 
 namespace {
 
@@ -64,6 +69,7 @@ class StdVector
 {
 public:
     void append(Value value) { values.push_back(std::move(value)); }
+    void assign(const std::vector<Value>& range) { values.assign(range.begin(), range.end()); }
     Value get(int i) const { return values[static_cast<std::size_t>(i)]; }
 
 private:
@@ -73,7 +79,7 @@ private:
 template<class S>
 xrchandle<S> qelNew()
 {
-    return S::create();
+    return qel::make<S>();
 }
 
 template<class Make, class Get>
@@ -81,7 +87,7 @@ void read(benchmark::State& state, Make make, Get get)
 {
     const auto sequence = make();
     for (int i = 0; i < million; ++i)
-        sequence->append(i);
+        sequence->append({i});
     for (auto _ : state)
         for (int i = 0; i < million; ++i)
             benchmark::DoNotOptimize(get(*sequence, i)); // each by itself, not many by one vector instruction
@@ -100,47 +106,76 @@ void appendThousand(benchmark::State& state, Make make)
     }
 }
 
-/// The least: classes may override how their sequences append and grow; the number of elements is kept in the sequence;
-/// the capacity grows by blocks of 256 bytes, which are zero.
-class LeastSequence
+/// The same from a range, in one call.
+template<class Make>
+void appendRange(benchmark::State& state, Make make)
+{
+    treatFreed(Freed::kept);
+    const std::vector<int> range(1000, 7);
+    for (auto _ : state) {
+        auto sequence = make();
+        sequence->assign(range);
+        benchmark::DoNotOptimize(sequence);
+    }
+}
+
+/// The least: an object; classes may override how their sequences append, grow and copy; the number of elements is kept in
+/// the sequence; the capacity grows by blocks of 256 bytes, which are zero where there is no element.
+class LeastSequence : public virtual LeastRoot
 {
 public:
-    LeastSequence() = default;
-    LeastSequence(const LeastSequence&) = delete;
-    LeastSequence& operator=(const LeastSequence&) = delete;
-    ~LeastSequence() { std::free(data); }
+    ~LeastSequence() override { std::free(data); }
     void append(int value)
     {
-        if (isOwn && count < capacity)
-            data[count++] = value;
+        if (isOwn && used < capacity)
+            data[used++] = value;
         else
             grow(value);
     }
+    void assign(const std::vector<int>& range)
+    {
+        const auto n = static_cast<unsigned>(range.size());
+        capacity = (n + block - 1) / block * block;
+        resize(capacity);
+        copy(data, range.data(), n);
+        used = n;
+        std::memset(data + used, 0, (capacity - used) * sizeof *data);
+    }
 
 private:
+    static constexpr unsigned block = 64;
+
+    virtual void resize(unsigned n)
+    {
+        room = n;
+        data = static_cast<int*>(std::realloc(data, n * sizeof *data));
+    }
+    virtual void copy(int* to, const int* from, unsigned n) { std::memcpy(to, from, n * sizeof *to); }
     [[gnu::noinline]] void grow(int value)
     {
-        constexpr unsigned block = 64;
-        if (capacity + block > room) {
-            room = std::max(block, 2 * room);
-            data = static_cast<int*>(std::realloc(data, room * sizeof *data));
-        }
+        if (capacity + block > room)
+            resize(std::max(block, 2 * room));
         std::memset(data + capacity, 0, block * sizeof *data);
         capacity += block;
         benchmark::ClobberMemory();
-        data[count++] = value;
+        data[used++] = value;
     }
 
     int* data = nullptr;
-    unsigned count = 0, capacity = 0, room = 0;
+    unsigned used = 0, capacity = 0, room = 0;
     bool isOwn = true;
 };
 
-std::unique_ptr<LeastSequence> makeLeast()
+struct Release
 {
-    auto made = std::make_unique<LeastSequence>();
-    benchmark::DoNotOptimize(*made);
-    return made;
+    void operator()(LeastRoot* p) const { p->release(); }
+};
+
+std::unique_ptr<LeastSequence, Release> makeLeast()
+{
+    auto* made = new LeastSequence;
+    benchmark::DoNotOptimize(made);
+    return std::unique_ptr<LeastSequence, Release>(made);
 }
 
 void addSequences()
@@ -174,6 +209,28 @@ void addSequences()
     benchmark::RegisterBenchmark("collections/read 10^6 ints/std::vector", [=](benchmark::State& s) {
         read(s, std::make_unique<StdVector<int>>, get);
     });
+    benchmark::RegisterBenchmark("collections/read 10^6 ints by span/qelstd", [](benchmark::State& s) {
+        read(s, qelNew<xintsequence>, [whole = std::span<int>()](auto& sequence, int i) mutable {
+            if (i == 0)
+                whole = qel::span(sequence);
+            return whole[static_cast<std::size_t>(i)];
+        });
+    });
+    benchmark::RegisterBenchmark("collections/read 10^6 ints by span/std::vector", [=](benchmark::State& s) {
+        read(s, std::make_unique<StdVector<int>>, get);
+    });
+    benchmark::RegisterBenchmark("collections/read 10^6 variants/qelstd",
+                                 [=](benchmark::State& s) { read(s, qelNew<xanysequence>, get); });
+    benchmark::RegisterBenchmark("collections/read 10^6 variants/std::vector", [=](benchmark::State& s) {
+        read(s, std::make_unique<StdVector<std::variant<std::monostate, int, double, std::string>>>, get);
+    });
+    benchmark::RegisterBenchmark("collections/append 10^3 ints in one call/qelstd",
+                                 [](benchmark::State& s) { appendRange(s, qelNew<xintsequence>); });
+    benchmark::RegisterBenchmark("collections/append 10^3 ints in one call/the least",
+                                 [](benchmark::State& s) { appendRange(s, makeLeast); });
+    benchmark::RegisterBenchmark(
+        "collections/append 10^3 ints in one call/std::vector",
+        [](benchmark::State& s) { appendRange(s, std::make_unique<StdVector<int>>); });
     benchmark::RegisterBenchmark("collections/append 10^3 ints/qelstd",
                                  [](benchmark::State& s) { appendThousand(s, qelNew<xintsequence>); });
     benchmark::RegisterBenchmark("collections/append 10^3 ints/the least",
@@ -602,6 +659,7 @@ void addFamily(const std::string& family, const Texts& (*texts)(), bool large = 
     addFamily("10^6 word pairs", made<makePairs, million>, true);
     addFamily("10^2 numbered keys", made<makeNumbers, 100>);
     addFamily("10^4 numbered keys", made<makeNumbers, 10000>);
+    addFamily("10^5 numbered keys", made<makeNumbers, 100000>);
     addFamily("10^6 numbered keys", made<makeNumbers, million>, true);
     return true;
 }();

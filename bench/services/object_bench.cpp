@@ -133,15 +133,53 @@ void assignValue(benchmark::State& state, const Variant& value, const Variant& o
 }
 
 template<class Variant>
-void compareValue(benchmark::State& state, Variant a)
+void compareTwo(benchmark::State& state, Variant a, Variant b)
 {
-    Variant b(a);
     for (auto _ : state) {
         benchmark::DoNotOptimize(a);
         benchmark::DoNotOptimize(b);
         const bool same = a == b;
         benchmark::DoNotOptimize(same);
     }
+}
+
+template<class Variant>
+void compareValue(benchmark::State& state, const Variant& value)
+{
+    compareTwo(state, value, Variant(value));
+}
+
+[[gnu::noinline]] bool equalTexts(const std::string& a, const std::string& b)
+{
+    return a == b;
+}
+
+/// The least of a variant whose copies share a text: texts that are not shared are compared by a call.
+struct LeastVariant
+{
+    int tag = 1;
+    std::shared_ptr<const std::string> text;
+
+    bool operator==(const LeastVariant& other) const
+    {
+        return tag == other.tag && (text == other.text || equalTexts(*text, *other.text));
+    }
+};
+
+/// Equal texts that are not copies of each other.
+template<std::size_t length>
+void addTexts()
+{
+    static const std::string text(length, 'x');
+    const std::string name = "variants/compare, strings of " + std::to_string(length) + "/";
+    const auto add = [&](const char* who, auto make) {
+        benchmark::RegisterBenchmark((name + who).c_str(),
+                                     [make](benchmark::State& s) { compareTwo(s, make(), make()); });
+    };
+    add("qelstd", [] { return xany(text.c_str()); });
+    add("std::variant", [] { return std::variant<std::monostate, int, double, std::string>(text); });
+    add("QVariant", [] { return QVariant(QString::fromStdString(text)); });
+    add("the least", [] { return LeastVariant{1, std::make_shared<const std::string>(text)}; });
 }
 
 template<class Make>
@@ -248,6 +286,8 @@ std::string textOf(std::int64_t i)
     addVariants("real", Reals());
     addVariants("string", Strings());
     addVariants("object", Objects());
+    addTexts<11>();
+    addTexts<40>();
     return true;
 }();
 
