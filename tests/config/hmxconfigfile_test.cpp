@@ -201,29 +201,22 @@ TEST_F(Config, KeepsModeLinksAndOtherNames)
 
 TEST_F(Config, IsWrittenInPlaceInAReadOnlyDirectory)
 {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "needs the right to become another user";
     dir.write("config", "long:content that gets shorter\n");
     chmod(path(), 0666);
     chmod(dir.path(), 0755);
-    EXPECT_EQ(runInChild([&] {
-                  if (setuid(65534) != 0)
-                      return 1;
-                  hmxConfigFile file;
-                  if (!file.Open(path(), hmxConfigFile::ReadWrite))
-                      return 2;
-                  file.DeleteValue("long");
-                  file.SetValue("a", "1");
-                  return 0;
-              }),
-              0);
-    EXPECT_EQ(content(), "a:1\n");
-    chmod(path(), 0644);
-    EXPECT_EQ(runInChild([&] {
-                  hmxConfigFile file;
-                  return setuid(65534) != 0 || file.Open(path(), hmxConfigFile::ReadWrite) ? 1 : 0;
-              }),
-              0);
+    for (const bool isWritable : {true, false}) {
+        expectSuccessInChild("needs the right to become another user", [&] {
+            if (setuid(65534) != 0)
+                return notAllowed;
+            hmxConfigFile file;
+            EXPECT_EQ(file.Open(path(), hmxConfigFile::ReadWrite), isWritable);
+            file.DeleteValue("long");
+            file.SetValue("a", "1");
+            return 0;
+        });
+        chmod(path(), 0644);
+    }
+    EXPECT_EQ(content(), IsSkipped() ? "long:content that gets shorter\n" : "a:1\n");
 }
 
 TEST_F(Config, RelativePathKeepsItsMeaningWhenTheCurrentDirectoryChanges)

@@ -122,11 +122,13 @@ TEST(FileErrors, NameThePathAndTheReasonInTheirText)
 TEST(FileErrors, PrintALineForEachKnownField)
 {
     fsXInvalidPath about("a", "Invalid path", function());
+    fsXInvalidPath aboutEmpty("", "Invalid path", function());
     fsXInvalidPath aboutNothing(xnullstr, "Invalid path", nullptr);
 
     EXPECT_EQ(printed(about),
               "Exception: \"Invalid path\"\n\tin function \"fsCatPaths\"\n\t( Path: \"a\" )\n");
-    EXPECT_EQ(printed(aboutNothing).find("Path: "), std::string::npos);
+    EXPECT_TRUE(printed(aboutEmpty).ends_with("\t( Path: \"\" )\n"));
+    EXPECT_EQ(printed(aboutNothing), "Exception: \"Invalid path\"\n\tin function \"nil\"\n");
 }
 
 TEST(FileErrors, AreCreatedWithTheNativePathIfItExists)

@@ -281,48 +281,7 @@ TEST(Operations, FollowTheOrderOfTheAttributes)
                   &qelXSoapFault::_s11n_setFaultDetail);
 }
 
-// ---- an exception in the shape of the service libraries
-
 namespace {
-
-class PathError : public virtual qelXExternFunc
-{
-    QEL_OBJECT(PathError);
-
-public:
-    PathError(const char* description, const char* path, qelXFunc* func)
-        : qelXExternFunc(description, func), Path(path)
-    {
-        ++alive;
-    }
-    ~PathError() override { --alive; }
-
-    [[noreturn]] static void Throw(const char* description, const char* path, const char* function)
-    {
-        qelThrowNew<PathError>(description, path, new (pDefMemMgr) qelXFunc(function));
-    }
-
-    void Print(std::ostream& os)
-    {
-        PrintHead(os);
-        PrintValue(os, "Path", Path);
-    }
-
-    xstring getPath() { return Path; }
-
-    static int alive;
-
-private:
-    xstring Path;
-};
-
-int PathError::alive = 0;
-constinit qelClass PathError::rtti = {
-    .name = "test::PathError",
-    .counted = true,
-    .parents = {QEL_PARENT(qelXExternFunc)},
-    .attrs = {QEL_ATTR(Path, qelOptional)},
-};
 
 /// Cannot even be constructed.
 class Stillborn : public virtual qelXException
@@ -337,27 +296,7 @@ private:
 };
 constinit qelClass Stillborn::rtti = {.name = "test::Stillborn", .counted = true};
 
-std::string printed(const char* path, qelXFunc* func)
-{
-    const xrchandle<PathError> error(new PathError("Invalid path", path, func));
-    std::ostringstream os;
-    error->Print(os);
-    return os.str();
-}
-
 } // namespace
-
-TEST(ExternFunc, PrintsItselfLineByLine)
-{
-    EXPECT_EQ(printed("a", new qelXFunc("fsCatPaths")), "Exception: \"Invalid path\"\n"
-                                                        "\tin function \"fsCatPaths\"\n"
-                                                        "\t( Path: \"a\" )\n");
-    EXPECT_EQ(printed(nullptr, new qelXFunc("fsCatPaths")), "Exception: \"Invalid path\"\n"
-                                                            "\tin function \"fsCatPaths\"\n");
-    EXPECT_EQ(printed("", nullptr), "Exception: \"Invalid path\"\n"
-                                    "\tin function \"nil\"\n"
-                                    "\t( Path: \"\" )\n");
-}
 
 TEST(ExternFunc, NamesTheFunctionAndItsEmptyArguments)
 {
@@ -370,15 +309,8 @@ TEST(ExternFunc, NamesTheFunctionAndItsEmptyArguments)
     EXPECT_TRUE(read(error.get(), "Func") == xany(func));
 }
 
-TEST(Throwing, LeaksNothing)
+TEST(Throwing, FailsAsTheConstructorDoes)
 {
-    xthrowable* const thrown = thrownBy([] { PathError::Throw("d", "p", "f"); });
-    ASSERT_NE(PathError::softcast(thrown), nullptr);
-    EXPECT_EQ(PathError::alive, 1);
-    EXPECT_EQ(xrcgetcount(PathError::cast(thrown)->getFunc().get()), 2); // the exception, and the handle here
-    xrcrelease(thrown);
-    EXPECT_EQ(PathError::alive, 0);
-
     xthrowable* const instead = thrownBy([] { qelThrowNew<Stillborn>(); });
     EXPECT_NE(qelXNull::softcast(instead), nullptr);
     xrcrelease(instead);

@@ -12,10 +12,6 @@
 #include "support/test.h"
 #include "support/texts.h"
 
-namespace {
-
-} // namespace
-
 TEST(SystemQueries, ReturnMachineNameAndTypes)
 {
     utsname host;
@@ -29,19 +25,15 @@ TEST(SystemQueries, ReturnMachineNameAndTypes)
 
 TEST(SystemQueries, ReportUserWithoutNameOnErrorStream)
 {
-    if (geteuid() != 0)
-        GTEST_SKIP() << "needs the right to become another user";
-    const int result = runInChild([] {
+    expectSuccessInChild("needs the right to become another user", [] {
         if (seteuid(1999999999) != 0)
-            return 3;
+            return notAllowed;
         testing::internal::CaptureStderr();
-        const bool null = sysGetCurUserName() == nullptr;
-        const std::string report = testing::internal::GetCapturedStderr();
-        return null && report == "Exception: \"Can't get user name\"\n\tin function \"sysGetCurUserName\"\n"
-                   ? 0
-                   : 1;
+        EXPECT_TRUE(sysGetCurUserName() == nullptr);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  "Exception: \"Can't get user name\"\n\tin function \"sysGetCurUserName\"\n");
+        return 0;
     });
-    EXPECT_EQ(result, 0);
 }
 
 TEST(SystemEnvironment, DistinguishesUnsetFromEmptyAndCopies)
