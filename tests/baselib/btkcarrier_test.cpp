@@ -148,10 +148,7 @@ TEST_F(BtkCarrier, ClosedEndSendsTheRestWhileThePeerGrants)
     sends.join();
     EXPECT_TRUE(got + received(*far, data.size()) == data);
     far->Close();
-    for (const btkTimeval end = btkTimeval::Now() + aWhile;
-         openDescriptors() > before - 4 && btkTimeval::Now() < end;)
-        std::this_thread::yield();
-    EXPECT_EQ(openDescriptors(), before - 4);
+    EXPECT_TRUE(soon([&] { return openDescriptors() == before - 4; }));
 }
 
 TEST_F(BtkCarrier, LostConnectionIsNoEnd)
@@ -210,9 +207,7 @@ TEST_F(BtkCarrier, BecomesASocketOfTheKernelBetweenTwoBytes)
     EXPECT_TRUE(received(*near, rest.size()) == data.substr(1000));
     sends.join();
     char value[4] = {};
-    for (const btkTimeval end = btkTimeval::Now() + aWhile;
-         near->Recv(value, 4, true) != 4 && btkTimeval::Now() < end;)
-        std::this_thread::yield();
+    EXPECT_TRUE(soon([&] { return near->Recv(value, 4, true) == 4; }));
     EXPECT_EQ(value[3], 9);
     EXPECT_EQ(btkWrite(handle, "abc", 3), 3u);
     EXPECT_EQ(received(*far, 3), "abc");

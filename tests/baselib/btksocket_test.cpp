@@ -32,9 +32,7 @@ void send(btkStreamSocket& to, const std::string& text, bool oob = false)
 // The oldest urgent value, once it has arrived.
 std::string urgent(btkStreamSocket& from)
 {
-    const btkTimeval end = btkTimeval::Now() + aWhile;
-    while (!from.HasUrgent() && btkTimeval::Now() < end)
-        usleep(200);
+    EXPECT_TRUE(soon([&] { return from.HasUrgent(); }));
     char value[4] = {};
     const std::ptrdiff_t count = from.Recv(value, sizeof value, true);
     return {value, static_cast<std::size_t>(count < 0 ? 0 : count)};

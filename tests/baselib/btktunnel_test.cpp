@@ -175,10 +175,8 @@ TEST(BtkTunnel, UrgentValueOvertakesInputThatIsNotRead)
 
     ASSERT_EQ(pair.one->Send("\0\0\0\x9", 4, true), 4u);
     char value[4] = {};
-    const btkTimeval end = btkTimeval::Now() + aWhile;
     // It is announced before it can be read.
-    while (pair.other->Recv(value, 4, true) != 4 && btkTimeval::Now() < end)
-        usleep(1000);
+    EXPECT_TRUE(soon([&] { return pair.other->Recv(value, 4, true) == 4; }));
     EXPECT_EQ(value[3], 9);
     pair.one->ShutdownOutput();
     EXPECT_TRUE(received(*pair.other, sent.size() + 1) == sent);

@@ -362,10 +362,7 @@ TEST(NameServer, ClientsSurviveItsRestarts)
             execl("/proc/self/exe", "server", "--serve-names", text.c_str(), nullptr);
             return 127;
         });
-        for (const btkTimeval end = btkTimeval::Now() + Patience; served < before + 20;) {
-            ASSERT_LT(btkTimeval::Now(), end) << "not served";
-            std::this_thread::yield();
-        }
+        ASSERT_TRUE(soon([&] { return served >= before + 20; }));
         server.signal(SIGKILL);
         EXPECT_EQ(server.wait(), -SIGKILL);
     }
@@ -400,8 +397,7 @@ TEST(NameServer, RecordsSurviveItsKills)
             execl("/proc/self/exe", "server", "--serve-names", port.c_str(), state.c_str(), nullptr);
             return 127;
         });
-        for (const btkTimeval end = btkTimeval::Now() + Patience; client.ping() != 0;)
-            ASSERT_LT(btkTimeval::Now(), end);
+        ASSERT_TRUE(soon([&] { return client.ping() == 0; }));
         int count = 0;
         if (round > 0) {
             EXPECT_EQ(client.query("_ServerName", "mine", count), 0);

@@ -36,11 +36,6 @@ protected:
         shared->Work(false);
         return id;
     }
-    void workLater()
-    {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        shared->Work(false);
-    }
     // The kinds of the messages to the keeper.
     std::vector<int> heard()
     {
@@ -280,10 +275,8 @@ TEST_F(Shared, BytesOfTheCopyAreLimitedForEachMachineAndInAll)
     tellGone("b1");
     EXPECT_EQ(asked(), "");
     held.clear();
-    const btkTimeval end = btkTimeval::Now() + btkTimeval(20.0);
     std::string keys;
-    while ((keys = asked()).empty() && btkTimeval::Now() < end)
-        workLater();
+    EXPECT_TRUE(soon([&] { return shared->Work(false), !(keys = asked()).empty(); }));
     EXPECT_EQ(keys, "d1-d1 ");
 }
 
@@ -320,8 +313,6 @@ TEST_F(Shared, KeeperThatHasExitedIsReplacedAndGetsAllRecords)
     shared->Work(true);
     EXPECT_EQ(statusOf("StoreStale"), "1");
     EXPECT_EQ(everywhere("words"), "0 _ServerName=words v=1 _Revision=5 _Stale=1\n");
-    const btkTimeval end = btkTimeval::Now() + btkTimeval(20.0);
-    while (!keeper.IsOpen() && btkTimeval::Now() < end)
-        workLater();
+    EXPECT_TRUE(soon([&] { return shared->Work(false), keeper.IsOpen(); }));
     EXPECT_EQ(heard(), (std::vector<int>{1, 3}));
 }

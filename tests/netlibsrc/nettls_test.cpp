@@ -61,8 +61,7 @@ protected:
     }
     std::string waitForEnd()
     {
-        for (const btkTimeval end = btkTimeval::Now() + patience; ends == 0 && btkTimeval::Now() < end;)
-            std::this_thread::yield();
+        EXPECT_TRUE(soon([&] { return ends != 0; }));
         const std::lock_guard<std::mutex> lock(mutex);
         return lastEnd;
     }
@@ -625,10 +624,7 @@ TEST_F(NetTls, UnfinishedHandshakesHaveThePlacesOfSilentClients)
         one.Close();
     }
     EXPECT_LT((btkTimeval::Now() - begin).ToSeconds(), 10.0);
-    for (const btkTimeval end = btkTimeval::Now() + patience;
-         openDescriptors() > before && btkTimeval::Now() < end;)
-        std::this_thread::yield();
-    EXPECT_LE(openDescriptors(), before);
+    EXPECT_TRUE(soon([&] { return openDescriptors() <= before; }));
 }
 
 TEST_F(NetTls, ManyHandshakesLeaveNothingBehind)
@@ -651,8 +647,5 @@ TEST_F(NetTls, ManyHandshakesLeaveNothingBehind)
     std::thread one(work), other(work);
     one.join();
     other.join();
-    for (const btkTimeval end = btkTimeval::Now() + patience;
-         openDescriptors() > before && btkTimeval::Now() < end;)
-        std::this_thread::yield();
-    EXPECT_LE(openDescriptors(), before);
+    EXPECT_TRUE(soon([&] { return openDescriptors() <= before; }));
 }

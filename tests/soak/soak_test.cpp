@@ -300,10 +300,7 @@ TEST(Load, ConcurrentRequestsUseLittleMemoryAndAreJoined)
         }
         clients.clear();
         // Completed requests are joined while the server runs.
-        const btkTimeval end = btkTimeval::Now() + btkTimeval(20, 0);
-        while (openDescriptors() > before + 10 && btkTimeval::Now() < end)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        EXPECT_LE(openDescriptors(), before + 10);
+        EXPECT_TRUE(soon([&] { return openDescriptors() <= before + 10; }));
     }
     EXPECT_EQ(openDescriptors(), before);
 }

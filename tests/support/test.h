@@ -26,3 +26,14 @@
 #include <thread>
 #include <utility>
 #include <vector>
+
+/// Waits until `holds()` is true, for 20 seconds at most. Returns whether it is.
+template<class Holds>
+bool soon(Holds holds)
+{
+    for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20); !holds();
+         std::this_thread::yield())
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+    return true;
+}
