@@ -147,9 +147,21 @@ TEST_F(Config, HoldsManyAndLongLines)
         file.SetValue("long", longest.c_str());
     }
     hmxConfigFile file;
-    ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadOnly));
-    for (int i = 0; i < 20000; i += 997)
+    ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadWrite));
+    for (int i = 0; i < 20000; i += 3) // from some number of finds on by another way
         EXPECT_EQ(textOf(file.GetValue(std::to_string(100000 + i).c_str())), std::to_string(i));
+    EXPECT_EQ(textOf(file.GetValue("missing")), "(null)");
+    EXPECT_TRUE(file.SetValue("100001", "changed"));
+    EXPECT_EQ(textOf(file.GetValue("100001")), "changed");
+    EXPECT_TRUE(file.DeleteValue("100001"));
+    EXPECT_EQ(textOf(file.GetValue("100001")), "(null)");
+    for (int i = 0; i < 20000; i += 3)
+        EXPECT_EQ(textOf(file.GetValue(std::to_string(100000 + i).c_str())), std::to_string(i));
+    EXPECT_TRUE(file.SetValue("missing", "added"));
+    EXPECT_EQ(textOf(file.GetValue("missing")), "added");
+    EXPECT_TRUE(file.SetValue("100001", "1"));
+    EXPECT_TRUE(file.DeleteValue("missing"));
+    ASSERT_TRUE(file.Open(path(), hmxConfigFile::ReadOnly)); // without what it found before
     EXPECT_EQ(textOf(file.GetValue("long")), longest);
     EXPECT_EQ(file.GetOffset("long"), static_cast<long long>(content().size() - longest.size() - 6));
 }

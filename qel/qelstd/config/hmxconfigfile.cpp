@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -144,8 +145,40 @@ struct hmxConfigFile::Table
     {
         const auto [at, added] = entries.try_emplace(std::move(key));
         at->second.value = std::move(value);
-        if (added)
+        if (added) {
             at->second.line = ++lines;
+            forgetIndex();
+        }
+    }
+
+    /// False when there is none.
+    bool Delete(const std::string& key)
+    {
+        forgetIndex();
+        return entries.erase(key) != 0;
+    }
+
+    /// Null when there is none.
+    const Entry* Find(const std::string& key)
+    {
+        if (index.empty() && ++finds * 8 > entries.size() + 100) {
+            decltype(index) made(entries.size());
+            for (const auto& [name, entry] : entries)
+                made.emplace(name, &entry);
+            index.swap(made);
+        }
+        if (!index.empty()) {
+            const auto found = index.find(key);
+            return found == index.end() ? nullptr : found->second;
+        }
+        const auto found = entries.find(key);
+        return found == entries.end() ? nullptr : &found->second;
+    }
+
+    void Clear()
+    {
+        forgetIndex();
+        entries.clear();
     }
 
     /// False when not everything could be read.
@@ -185,6 +218,17 @@ struct hmxConfigFile::Table
     }
 
 private:
+    // For those who find often: a large tree costs a cache miss a level. Made after as many finds as pay for it, and
+    // forgotten when a key comes or goes.
+    std::unordered_map<std::string_view, const Entry*> index;
+    std::size_t finds = 0; // since then
+
+    void forgetIndex()
+    {
+        index.clear();
+        finds = 0;
+    }
+
     void note(hmxConfigOddity oddity) const
     {
         if (oddities != nullptr)
@@ -268,7 +312,7 @@ bool hmxConfigFile::CloseChecked()
             platFailWith(ERROR_NOT_ENOUGH_MEMORY);
         }
     }
-    table->entries.clear();
+    table->Clear();
     delete lockBuffer;
     lockBuffer = nullptr;
     return kept;
@@ -276,14 +320,14 @@ bool hmxConfigFile::CloseChecked()
 
 xstring hmxConfigFile::GetValue(const char* key) const
 {
-    const auto found = table->entries.find(pressed(viewOf(key)));
-    return found == table->entries.end() || !found->second.value ? xstring() : found->second.value->c_str();
+    const Table::Entry* const found = table->Find(pressed(viewOf(key)));
+    return found == nullptr || !found->value ? xstring() : found->value->c_str();
 }
 
 long long hmxConfigFile::GetOffset(const char* key) const
 {
-    const auto found = table->entries.find(pressed(viewOf(key)));
-    return found == table->entries.end() ? -1 : found->second.offset;
+    const Table::Entry* const found = table->Find(pressed(viewOf(key)));
+    return found == nullptr ? -1 : found->offset;
 }
 
 bool hmxConfigFile::SetValue(const char* key, const char* value)
@@ -298,7 +342,7 @@ bool hmxConfigFile::SetValue(const char* key, const char* value)
 
 bool hmxConfigFile::DeleteValue(const char* key)
 {
-    if (!canChange() || table->entries.erase(pressed(viewOf(key))) == 0)
+    if (!canChange() || !table->Delete(pressed(viewOf(key))))
         return false;
     modified = true;
     return true;
