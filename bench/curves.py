@@ -181,9 +181,9 @@ def rising(drawn):
 
 
 def rising_text(drawn):
-    lines = ["| curve | rises by | the best peer's | ratio |", "|---|---|---|---|"]
-    lines += ["| " + " | ".join(row) + " |" for row in rising(drawn)]
-    return "\n".join(["### Curves that rise", "", *lines, ""])
+    lines = ["| " + " | ".join(row) + " |" for row in rising(drawn)]
+    table = ["| curve | rises by | the best peer's | ratio |", "|---|---|---|---|", *lines] if lines else ["None."]
+    return "\n".join(["### Curves that rise", "", *table, ""])
 
 
 def row_text(found, wanted):
