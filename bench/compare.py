@@ -39,7 +39,7 @@ def main():
     if len(sys.argv) not in (3, 4):
         sys.exit(__doc__)
     # Only the library's own rows, whose last part may be followed by arguments.
-    name_filter = f"({sys.argv[3]}).*/{rows.US}(/|$)" if len(sys.argv) == 4 else f"/{rows.US}(/|$)"
+    name_filter = f"({sys.argv[3]}).*/{rows.US}(/|$)" if len(sys.argv) == 4 else f"^([^c]|c[^u]).*/{rows.US}(/|$)"  # no curves
     before = {program.name: program for program in rows.programs(sys.argv[1])}
     changed, unchanged = [], 0
     for after in rows.programs(sys.argv[2]):

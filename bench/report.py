@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """report.py FOLDER [FILTER]: runs the benchmark programs of FOLDER and prints the library's figures beside the peers'.
 
-FILTER is a regular expression on names. Medians of nine repetitions are compared. A benchmark with a counter named "bytes"
-compares that and not its time. A row whose ratio is above its target in targets.txt is marked.
+FILTER is a regular expression on names; without it, all but the curves. Medians of nine repetitions are compared. A
+benchmark with a counter named "bytes" compares that and not its time. A row whose ratio is above its target in targets.txt is
+marked.
 """
 import sys
 
@@ -35,7 +36,7 @@ def show(title, values, written):
 def main():
     if len(sys.argv) not in (2, 3):
         sys.exit(__doc__)
-    folder, name_filter = sys.argv[1], sys.argv[2] if len(sys.argv) == 3 else ""
+    folder, name_filter = sys.argv[1], sys.argv[2] if len(sys.argv) == 3 else "-^curves"
     todo = [(program, len(found)) for program in rows.programs(folder) if (found := rows.names(program, name_filter))]
     if not todo:
         sys.exit(f"no benchmark matches {name_filter}")
