@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr double limit = 0.2;
+constexpr double limit = 0.1;
 
 // Runs an operation until it once exceeds its limit by no more than promised: other work on the machine may
 // delay it now and then.
