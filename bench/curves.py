@@ -121,7 +121,8 @@ def curves(found):
 
 
 def power(size):
-    return f"10^{round(math.log10(size))}"
+    exponent = round(math.log10(size))
+    return f"10^{exponent}" if size == 10**exponent else str(size)
 
 
 def digits(cost):

@@ -287,12 +287,14 @@ BENCHMARK(BlocksPlain)->Name("netlibsrc/blocks_64k/plain_calls")->UseRealTime();
 
 // ---- by the number of open connections
 
-void AllowDescriptors()
+/// Returns how many there may be.
+rlim_t AllowDescriptors()
 {
     rlimit limit;
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
+    return limit.rlim_cur;
 }
 
 /// A server in a child process: each side has descriptors for many connections.
@@ -449,7 +451,8 @@ void OpenMemory(benchmark::State& state)
 template<auto serve>
 void addCurves(const char* who)
 {
-    constexpr int last = 10'000;
+    // A request in a thread has a pipe beside its connection.
+    const int last = static_cast<int>(std::min<rlim_t>(AllowDescriptors() / 3000 * 1000, 10'000));
     addCurve("curves of one/request on an open connection", who, AskOpen<serve>, 1, last)->UseRealTime();
     addCurve("curves of one/connection beside open ones", who, ConnectBeside<serve>, 1, last)->UseRealTime();
     addCurve("curves of memory/open connections", who, OpenMemory<serve>, 100, last)->Iterations(1);

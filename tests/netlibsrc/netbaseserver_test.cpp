@@ -306,7 +306,8 @@ TEST(AsyncRequest, IsServedByASeparateThreadAndMayEndTheLoop)
             stream.Flush(1);
             if (value == 3)
                 throw std::runtime_error("counts as continue");
-            EXPECT_LE(openDescriptors(), before + 4 + 4 * 2); // the server's four; both ends of each
+            EXPECT_LE(openDescriptors(),
+                      before + 3 + 4 * 4); // the server's three; each both ends and the pipe's two
             return value == 4 ? netServerTerminate : netServerContinue;
         });
         const Owned<netBaseServer> server(makeSpawning(echo.get()));
@@ -506,6 +507,27 @@ TEST(AsyncRequest, ThatCannotStartLosesItsConnectionOnly)
 }
 
 // ---- exhausted descriptors
+
+TEST(AsyncRequest, ThatHasNoPipeLosesItsConnectionOnly)
+{
+    const auto answering = qel::onAsyncRequest([](netSocketStream& stream) { stream.WriteByte(1); });
+    ServedInThread served(makeSpawning(answering.get()));
+    char byte = 0;
+    testing::internal::CaptureStdout();
+    {
+        const DescriptorLimit limit(nextDescriptor() + 3); // two for the connection, one of the pipe's two
+        btkStreamSocket refused;
+        ASSERT_TRUE(refused.Connect(nullptr, served.getPort(), patience));
+        refused.SetRecvLimit(patience);
+        EXPECT_EQ(refused.Recv(&byte, 1), 0);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "netBaseServer::SpawnAsyncRequest: create thread failed\n");
+    btkStreamSocket admitted;
+    ASSERT_TRUE(admitted.Connect(nullptr, served.getPort(), patience));
+    admitted.SetRecvLimit(patience);
+    EXPECT_EQ(admitted.Recv(&byte, 1), 1);
+}
 
 TEST(netBaseServer, SleepsWithoutFreeDescriptorsAndServesAgainLater)
 {

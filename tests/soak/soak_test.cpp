@@ -273,7 +273,7 @@ TEST(Load, SixtyFourClientsLoseNoReply)
 TEST(Load, ConcurrentRequestsUseLittleMemoryAndAreJoined)
 {
     const int count = ofALongRun(200, 1000);
-    const DescriptorLimit room(2 * count + 100);
+    const DescriptorLimit room(6 * count + 100);
     if (!room)
         GTEST_SKIP() << "too few descriptors for this";
     const long before = openDescriptors();

@@ -11,12 +11,10 @@
 
 void netBaseServer::Loop::StopRequests()
 {
-    const btkTimeval end = server.gracePeriod == INFINITE
-                               ? btkTimeval::Forever()
-                               : btkTimeval::Now() + btkTimeval(server.gracePeriod);
+    const btkTimeval grace =
+        server.gracePeriod == INFINITE ? btkTimeval::Forever() : btkTimeval(server.gracePeriod);
     for (const auto& request : requests)
-        request->SetEnd(end);
-    Event_Set(requestsEnd.Get());
+        request->TellToStop(grace);
     for (const auto& request : requests) {
         request->WaitExitCode();
         try {
@@ -45,7 +43,7 @@ try {
         return false;
     }
     std::list<std::unique_ptr<netAsyncRequest>> one; // the steps after the start must not fail
-    one.push_back(std::make_unique<netAsyncRequest>(&server, stream, requestsEnd.Get()));
+    one.push_back(std::make_unique<netAsyncRequest>(&server, stream));
     one.back()->place = one.begin();
     Note(netCount::asyncStarted);
     if (!one.back()->Start()) {
@@ -81,7 +79,7 @@ netServerLoopAction netBaseServer::Loop::CheckAsyncRequests()
         }
         exited.splice(exited.begin(), requests, request.place);
         --endedBodies;
-        if (request.WaitExitCode() == netServerTerminate)
+        if (request.GetExitCode() == netServerTerminate)
             result = netServerTerminate;
     }
     for (const auto& request : exited)
@@ -90,16 +88,6 @@ netServerLoopAction netBaseServer::Loop::CheckAsyncRequests()
 }
 
 // ---- one
-
-namespace {
-
-class StopEvent final : public evtEvent
-{
-public:
-    explicit StopEvent(btkHandle event) : evtEvent(new btkEVENTEvent(event)) {}
-};
-
-} // namespace
 
 netAsyncRequest::~netAsyncRequest()
 {
@@ -110,15 +98,29 @@ netAsyncRequest::~netAsyncRequest()
 
 bool netAsyncRequest::OnPreStart()
 {
-    stopSign = std::make_shared<btkStopSign>(stopEvent);
+    if (!netThread::OnPreStart())
+        return false;
+    wasTold = false;
+    stopSign = std::make_shared<btkStopSign>(GetSignalHandle());
     stream->CheckOpen();
     stream->connection->SetStopSign(stopSign);
     return true;
 }
 
-void netAsyncRequest::SetEnd(btkTimeval end) noexcept
+void netAsyncRequest::TellToStop(btkTimeval grace) noexcept
 {
-    stopSign->SetEnd(end);
+    if (wasTold)
+        return;
+    wasTold = true;
+    stopSign->SetEnd(btkTimeval::Now() + grace);
+    try {
+        const char byte = 0;
+        ControlStream()->WriteBytes(&byte, 1);
+        ControlStream()->Flush(true);
+    } catch (xthrowable* e) { // the body has returned or returns by itself
+        const qel::caught caught(e);
+    } catch (const std::bad_alloc&) { // memory ran out for the report
+    }
 }
 
 int netAsyncRequest::OnStart()
@@ -135,11 +137,11 @@ int netAsyncRequest::OnStart()
 
     std::unique_ptr<netSocketStream, qelDelete> unserved(stream);
     try {
-        StopEvent stop(stopEvent);
+        const std::unique_ptr<evtEvent, qelDelete> stop(SignalStream()->InputEvent());
         peer = stream->getPeerAddress().CastToCString();
         if (server->onAsyncRequest != nullptr)
             unserved.release();
-        return server->OnAsyncRequest(stream, &stop);
+        return server->OnAsyncRequest(stream, stop.get());
     } catch (xthrowable* thrown) {
         failure = qel::caught(thrown);
     } catch (const std::exception& thrown) {
@@ -161,6 +163,7 @@ void netAsyncRequest::ReportFailure() const
 
 void netAsyncRequest::AtFork(bool parentSide)
 {
+    netThread::AtFork(parentSide);
     if (parentSide)
         xdelete(stream);
 }

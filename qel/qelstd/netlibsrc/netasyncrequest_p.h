@@ -4,7 +4,6 @@
 #include <memory>
 #include <string>
 
-#include <qel/base/btkfd.h>
 #include <qel/base/btktimeval.h>
 
 #include "netthread.h"
@@ -15,18 +14,17 @@ class netBaseServer;
 class netSocketStream;
 
 /// The thread of one asynchronous request. Its server joins it once it has exited.
-class netAsyncRequest : public netBaseThread
+class netAsyncRequest : public netThread
 {
 public:
-    /// `stop`: the event by which the server stops all its requests. It outlives them.
-    netAsyncRequest(netBaseServer* of, netSocketStream* served, btkHandle stop)
-        : netBaseThread(WithoutExitEvent), server(of), stream(served), stopEvent(stop)
+    netAsyncRequest(netBaseServer* of, netSocketStream* served)
+        : netThread(WithoutExitEvent), server(of), stream(served)
     {
     }
     ~netAsyncRequest() override;
 
-    /// Before the event is set: from `end` on its stream does not block.
-    void SetEnd(btkTimeval end) noexcept;
+    /// Signals the handler to stop, once. Its stream blocks no longer than `grace` from now on.
+    void TellToStop(btkTimeval grace) noexcept;
     /// Reports the exception of the handler, if it threw one. Called once it has exited.
     void ReportFailure() const;
 
@@ -43,8 +41,8 @@ protected:
 private:
     netBaseServer* server;
     netSocketStream* stream;
-    btkHandle stopEvent;
     std::shared_ptr<btkStopSign> stopSign;
+    bool wasTold = false;
     // Of the handler that threw; written by its thread.
     bool hasFailed = false;
     std::string peer;

@@ -30,7 +30,7 @@ netBaseServer::Loop::Loop(netBaseServer& of, std::unique_ptr<btkAcceptSocket> so
     : server(of), listening(std::move(socket)),
       connectionWaits(eventOver(new btkSelectEvent(listening->GetHandle(), 0))),
       stopAsked(Event_Create(false)), stopWaits(eventOver(new btkEVENTEvent(stopAsked.Get()))),
-      stopSign(std::make_shared<btkStopSign>(stopAsked.Get())), requestsEnd(Event_Create(false))
+      stopSign(std::make_shared<btkStopSign>(stopAsked.Get()))
 {
 }
 

@@ -32,7 +32,7 @@ public:
     /// Whether construction got all the descriptors it needs.
     bool IsWhole() const
     {
-        return stopAsked && requestsEnd;
+        return static_cast<bool>(stopAsked);
     }
     void Stop();
     /// Whether Stop was called since the last call of TakeStop.
@@ -125,7 +125,6 @@ private:
     std::atomic<bool> isStopAsked = false;
     std::shared_ptr<btkStopSign> stopSign; // of the streams that the loop's thread serves
 
-    btkFd requestsEnd; // an event for all of them
     std::list<std::unique_ptr<netAsyncRequest>> requests;
     std::atomic<int> endedBodies = 0; // of `requests`; written by their threads
     // The last of them, which knows the one before: open requests cost the others nothing.
