@@ -225,7 +225,8 @@ private:
 
     void forgetIndex()
     {
-        index.clear();
+        if (!index.empty())
+            decltype(index)().swap(index); // an empty one with many buckets takes time to clear
         finds = 0;
     }
 
