@@ -186,7 +186,7 @@ TEST(rshServer, WaitsForALimitedTimeOnly)
              Text("head -c " + std::to_string(output) + " /dev/zero") + Text("") + Number(0) + Number(5));
         const Owned<rshServerEvent> end(served.server->ExitEvent());
         if (output > 0) { // the command exits once this client has read most of it
-            EXPECT_EQ(end->evtEvent::Wait(0.6), 0) << "patience begins with the end of the command";
+            EXPECT_EQ(end->evtEvent::Wait(1.0), 0) << "patience begins with the end of the command";
             Receive(served.pair, output - 100000);
         }
         const btkTimeval start = btkTimeval::Now();
