@@ -132,7 +132,7 @@ bool IsFound(nmsTable& table, const std::string& name)
     return table.Find(Record(name)).size() == 1;
 }
 
-/// What a program would keep: the bytes of a record by its name.
+/// The peer: the bytes of each record in a map, by its name.
 using Map = std::unordered_map<std::string, std::shared_ptr<const std::string>>;
 
 std::unique_ptr<Map> MapOf(std::int64_t n)

@@ -16,7 +16,7 @@ btkAcceptSocket TakePassedSocket(std::string& interface, int& port);
 /// Prints where the server serves, and reports that to the service manager. A program that started the server
 /// with port 0 reads the port from the line.
 void ReportServing(const std::string& interface, int port);
-/// Ends the program for the error number of listening; a port in use is not the only free one.
+/// Ends the program with the reason in errno for which it cannot listen; suggests port 0 when the port is in use.
 [[noreturn]] void FailToListen(const std::string& interface, int port);
 /// Fails unless a server could listen on `interface`; "*" means all of them.
 void RequireInterface(const std::string& interface);

@@ -347,7 +347,7 @@ bool inspectJson(const File& file, Json& result)
     return true;
 }
 
-// What `qel tls` makes.
+// Files in PEM form, as `qel tls` writes them.
 bool inspectCertificates(const File& file, Json& result)
 {
     constexpr std::string_view begin = "-----BEGIN ", end = "-----";
@@ -572,7 +572,8 @@ void AddInspectCommand(CLI::App& program)
     CLI::App& command = AddCommand(
         program, "inspect",
         "Tell what a file is, and print its records: a monitor file, a configuration file, a value of the "
-        "registry, the state of a name server, a trace, JSON, certificates, or the values of a stream. The answer is no when it is damaged, "
+        "registry, the state of a name server, a trace, JSON, certificates, or the values of a stream. The answer is no "
+        "when it is damaged, "
         "of which the offset is printed, and when it is none of these",
         [choices] { inspect(*choices); });
     command.footer(

@@ -47,7 +47,7 @@ std::string durationText(double seconds)
     return formatted("%d:%02d", part(whole / 60), part(whole % 60));
 }
 
-// What --progress says.
+// The forms of --progress.
 enum class Form { line, json, none };
 Form form = Form::line;
 

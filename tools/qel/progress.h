@@ -29,7 +29,7 @@ private:
     void show(Clock::time_point now);
     void write(const std::string& line);
 
-    // What is to be shown.
+    // The latest state.
     std::string object;
     double achieved = 0;
     double whole = 0;
