@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 
 #include "chart.h"
-#include "commands.h"
+#include "output.h"
 #include "support/test.h"
 
 namespace {

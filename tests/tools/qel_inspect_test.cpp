@@ -1,4 +1,5 @@
 #include <iterator>
+#include <nlohmann/json.hpp>
 
 #include <qel/base/nmstable.h>
 #include <qel/hmxconfigfile.h>

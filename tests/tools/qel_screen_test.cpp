@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
-#include "commands.h"
+#include "output.h"
 #include "screen.h"
 #include "support/environment.h"
 #include "support/tempdir.h"

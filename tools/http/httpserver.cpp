@@ -13,8 +13,8 @@
 #include <qel/base/btksocket.h>
 #include <qel/base/btktimeval.h>
 
-#include "commands.h"
 #include "daemon.h"
+#include "output.h"
 
 namespace {
 

@@ -10,10 +10,10 @@
 #include <qel/base/btkevent.h>
 
 #include "board.h"
-#include "commands.h"
 #include "daemon.h"
 #include "exposition.h"
 #include "httpserver.h"
+#include "output.h"
 #include "page.h"
 
 namespace {

@@ -10,7 +10,7 @@
 
 #include <qel/base/btksystem.h>
 
-#include "commands.h"
+#include "output.h"
 
 namespace {
 

@@ -1,9 +1,12 @@
 #pragma once
 
-#include <CLI/App.hpp>
 #include <string>
 
 #include <qel/base/btksocket.h>
+
+namespace CLI {
+class App;
+}
 
 // Shared by the commands that serve, under a service manager and without one.
 

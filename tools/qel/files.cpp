@@ -1,6 +1,7 @@
 // Platform errors as texts and exit statuses.
 #include "files.h"
 
+#include <CLI/App.hpp>
 #include <algorithm>
 #include <filesystem>
 #include <iterator>

@@ -2,7 +2,11 @@
 
 #include <string>
 
-#include "commands.h"
+#include "output.h"
+
+namespace CLI {
+class App;
+}
 
 // Failure reports of the commands for files, configuration files and the registry, and where files are.
 

@@ -1,5 +1,6 @@
 // qel info: the version of this program and its library, and their settings.
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include <qel/base/nmsclient.h>

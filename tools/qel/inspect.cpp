@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string_view>
 #include <utility>
@@ -23,6 +24,7 @@
 #include <qel/qelown.h>
 #include <qel/xiolib.h>
 
+#include "commands.h"
 #include "files.h"
 #include "monitor.h"
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "commands.h"
+#include "output.h"
 
 /// Describes any file, of which at most `most` records are listed. The members of the result: file, kind, format,
 /// version, size, state ("whole", "unfinished" or "damaged"), offset and problem of the damage, what belongs to the

@@ -6,7 +6,12 @@
 
 #include <qel/xmonlib.h>
 
-#include "commands.h"
+#include "output.h"
+
+namespace CLI {
+class App;
+}
+struct Typed;
 
 // Shared by the commands for monitor files.
 

@@ -14,6 +14,7 @@
 #include <qel/qelexception.h>
 
 #include "chart.h"
+#include "commands.h"
 #include "files.h"
 #include "monitor.h"
 #include "screen.h"

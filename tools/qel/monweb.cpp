@@ -9,6 +9,7 @@
 
 #include <qel/base/btkprocess.h>
 
+#include "commands.h"
 #include "exposition.h"
 #include "files.h"
 #include "monitor.h"

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cwchar>
 #include <iostream>
+#include <nlohmann/json.hpp>
 #include <vector>
 
 #include <qel/base/btkfd.h>

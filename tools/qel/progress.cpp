@@ -8,6 +8,7 @@
 #include <iostream>
 #include <iterator>
 #include <map>
+#include <nlohmann/json.hpp>
 
 #include <qel/base/btkfd.h>
 

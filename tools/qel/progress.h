@@ -1,8 +1,11 @@
 #pragma once
 
-#include <CLI/App.hpp>
 #include <chrono>
 #include <string>
+
+namespace CLI {
+class App;
+}
 
 /// The progress of long work, on the standard error output. By default it is a line that appears only on a terminal
 /// and after half a second, and the destructor erases it; with --progress=json, the destructor writes the last object.

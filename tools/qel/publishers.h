@@ -1,9 +1,10 @@
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include "commands.h"
+#include "output.h"
 
 // The monitor files of running programs, as `top`, `mon export` and `mon serve` read them.
 

@@ -1,6 +1,7 @@
 // qel reg: the registry.
 #include <algorithm>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 #include <vector>

@@ -11,7 +11,7 @@
 
 #include <qel/base/btkfd.h>
 
-#include "commands.h"
+#include "output.h"
 
 // ---- the parts of a row
 

@@ -1,5 +1,6 @@
 // qel server: the requests that every versioned server answers.
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <string>
 #include <vector>

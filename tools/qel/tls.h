@@ -1,9 +1,12 @@
 #pragma once
 
-#include <CLI/App.hpp>
 #include <functional>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;
+}
 
 // The command line of `qel tls`, for `qel` and for the program qel-tls, which does the work.
 

@@ -1,10 +1,11 @@
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
-#include "commands.h"
 #include "monitor.h"
+#include "output.h"
 
 // A monitor file over time, as `mon watch` and `mon serve` show it.
 

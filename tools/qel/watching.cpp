@@ -6,7 +6,7 @@
 
 #include <qel/base/btksystem.h>
 
-#include "commands.h"
+#include "output.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <qel/base/btkruntime.h>
 #include <qel/base/btkservice.h>
 
-#include "commands.h"
+#include "output.h"
 
 namespace {
 

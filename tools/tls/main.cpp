@@ -3,6 +3,7 @@
 #include <exception>
 #include <iostream>
 #include <map>
+#include <nlohmann/json.hpp>
 
 #include "authority.h"
 #include "show.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "commands.h"
+#include "output.h"
 
 // Keys, certificates and revocation lists, as OpenSSL has them. Everything that fails throws CommandFailed.
 
