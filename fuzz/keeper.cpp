@@ -7,7 +7,7 @@
 // message of the watch; p, n: a record of this process, or of none, is registered; d: it is removed; k, s: the bytes of
 // a message to the keeper, or to the name server, the digit of its kind first. In what etcd sends, @ and a letter stand
 // for texts of the last transaction: k, v: the key and the value of its record; c, d: of its claim.
-#include "../tools/names-etcd/keeper.h"
+#include "keeper.h"
 
 #include <deque>
 #include <memory>
