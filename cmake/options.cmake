@@ -19,6 +19,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   # checks shadowing, and knows that the fields of an outer class are inaccessible.
   target_compile_options(qel_options INTERFACE -Wno-reserved-identifier -Wno-sign-conversion -Wno-shadow)
 endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # GCC collects its garbage from this number of KiB on; below, that takes a tenth of the time to compile.
+  target_compile_options(qel_options INTERFACE "SHELL:--param ggc-min-heapsize=524288")
+endif()
 if(QELSTD_WERROR)
   target_compile_options(qel_options INTERFACE -Werror)
 endif()
@@ -53,7 +57,8 @@ endif()
 
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
-  # Without this, ccache does not keep what is made with precompiled headers.
-  set(CMAKE_CXX_COMPILER_LAUNCHER env CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE_PROGRAM})
+  # It takes the compiler's list of headers, and so runs no preprocessor before the compiler; with the sloppiness, it keeps
+  # what is made with precompiled headers.
+  set(CMAKE_C_COMPILER_LAUNCHER env CCACHE_DEPEND=1 ${CCACHE_PROGRAM})
+  set(CMAKE_CXX_COMPILER_LAUNCHER env CCACHE_DEPEND=1 CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE_PROGRAM})
 endif()
