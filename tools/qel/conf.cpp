@@ -25,7 +25,7 @@
 
 namespace {
 
-struct Choices
+struct ConfChoices
 {
     std::string file;
     std::vector<std::string> files;
@@ -74,7 +74,7 @@ std::string holdersOf(const std::string& path)
 
 /// Calls `open` with the seconds that it may wait for the lock. After one second, reports the holders of the
 /// file. False when it cannot be opened.
-bool openInTurn(const std::string& path, const Choices& choices, const std::function<bool(double)>& open)
+bool openInTurn(const std::string& path, const ConfChoices& choices, const std::function<bool(double)>& open)
 {
     constexpr double patience = 1, longest = 1e9;
     const double limit = choices.limit.value_or(longest);
@@ -86,14 +86,14 @@ bool openInTurn(const std::string& path, const Choices& choices, const std::func
     return open(limit - patience);
 }
 
-void openFile(hmxConfigFile& file, const Choices& choices, hmxConfigFile::OpenMode mode)
+void openFile(hmxConfigFile& file, const ConfChoices& choices, hmxConfigFile::OpenMode mode)
 {
     if (!openInTurn(choices.file, choices,
                     [&](double limit) { return file.Open(PathOf(choices.file).c_str(), mode, limit); }))
         failToOpen(choices.file);
 }
 
-bool runCheck(const std::string& path, const Choices& choices, hmxConfigOddityHandler& handler)
+bool runCheck(const std::string& path, const ConfChoices& choices, hmxConfigOddityHandler& handler)
 {
     return openInTurn(path, choices, [&](double limit) {
         return hmxConfigFile::Check(PathOf(path).c_str(), handler, limit);
@@ -184,7 +184,7 @@ public:
 
 /// Ends the program when writing the file back would drop remarks, which a person may have put there. False
 /// when there is no such file.
-bool keepsRemarks(const Choices& choices)
+bool keepsRemarks(const ConfChoices& choices)
 {
     const std::string& path = choices.file;
     Findings findings;
@@ -208,7 +208,7 @@ bool keepsRemarks(const Choices& choices)
 
 // ---- the commands
 
-void runGet(const Choices& choices)
+void runGet(const ConfChoices& choices)
 {
     hmxConfigFile file;
     openFile(file, choices, hmxConfigFile::ReadOnly);
@@ -221,7 +221,7 @@ void runGet(const Choices& choices)
     Show(value, [](const Json& found) { return textOf(found) + '\n'; });
 }
 
-void runSet(const Choices& choices)
+void runSet(const ConfChoices& choices)
 {
     const std::string key = withoutBlanks(choices.key);
     if (key.empty())
@@ -237,7 +237,7 @@ void runSet(const Choices& choices)
     closeFile(file, choices.file);
 }
 
-void runDelete(const Choices& choices)
+void runDelete(const ConfChoices& choices)
 {
     hmxConfigFile file;
     if (!keepsRemarks(choices))
@@ -252,7 +252,7 @@ void runDelete(const Choices& choices)
     closeFile(file, choices.file);
 }
 
-void runList(const Choices& choices)
+void runList(const ConfChoices& choices)
 {
     hmxConfigFile file;
     openFile(file, choices, hmxConfigFile::ReadOnly);
@@ -283,7 +283,7 @@ std::string findingLines(const Json& findings)
     return lines;
 }
 
-void runLint(const Choices& choices)
+void runLint(const ConfChoices& choices)
 {
     Json all = Json::array();
     for (const std::string& path : choices.files) {
@@ -308,7 +308,7 @@ void runLint(const Choices& choices)
 class FileWatch
 {
 public:
-    FileWatch(const Choices& watched, Watching& printer)
+    FileWatch(const ConfChoices& watched, Watching& printer)
         : choices(watched), output(printer), path(choices.file)
     {
         for (const std::string& key : choices.keys)
@@ -407,7 +407,7 @@ private:
 
     void Print(const Json& line) { output.Print(line.dump(-1, ' ', false, Json::error_handler_t::replace)); }
 
-    const Choices& choices;
+    const ConfChoices& choices;
     Watching& output;
     const std::string& path;
     std::set<std::string> wanted;
@@ -418,7 +418,7 @@ private:
     bool isFirst = true;
 };
 
-void runWatch(const Choices& choices)
+void runWatch(const ConfChoices& choices)
 {
     Watching output;
     FileWatch watch(choices, output);
@@ -469,7 +469,7 @@ void AddConfigCommands(CLI::App& program)
                                 {"qel conf delete app.conf port host", "Remove two entries."},
                                 {"qel conf lint *.conf", "The lines that are lost when a program writes."},
                                 {"qel conf watch app.conf port", "The port, now and whenever it changes."}});
-    const auto choices = std::make_shared<Choices>();
+    const auto choices = std::make_shared<ConfChoices>();
 
     CLI::App& get = AddCommand(group, "get", "Print the value of a key; the answer is no when it has none",
                                [choices] { runGet(*choices); });

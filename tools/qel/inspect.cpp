@@ -519,13 +519,13 @@ std::string textOf(const Json& result)
     return rows.empty() ? text : text + '\n' + AsText(rows);
 }
 
-struct Choices
+struct InspectChoices
 {
     std::string path;
     int most = 100;
 };
 
-void inspect(const Choices& choices)
+void inspect(const InspectChoices& choices)
 {
     const Json result = Inspect(choices.path, static_cast<std::size_t>(choices.most));
     Show(result, &textOf);
@@ -570,7 +570,7 @@ Json Inspect(const std::string& path, std::size_t most)
 
 void AddInspectCommand(CLI::App& program)
 {
-    const auto choices = std::make_shared<Choices>();
+    const auto choices = std::make_shared<InspectChoices>();
     CLI::App& command = AddCommand(
         program, "inspect",
         "Tell what a file is, and print its records: a monitor file, a configuration file, a value of the "

@@ -195,7 +195,7 @@ std::string commandPage(const CLI::App& program, const CLI::App& top)
     return page + ".Sh DESCRIPTION\n" + commands + exitStatus + exampleLines(top) + seeAlso(program, &top);
 }
 
-struct Choices
+struct ManChoices
 {
     std::string command;
     std::string directory;
@@ -209,7 +209,7 @@ void writePage(const std::filesystem::path& file, const std::string& page)
         Fail(Exit::peer, file.string(), "cannot be written");
 }
 
-void runMan(const CLI::App& program, const Choices& choices)
+void runMan(const CLI::App& program, const ManChoices& choices)
 {
     if (!choices.directory.empty()) {
         const std::filesystem::path directory(choices.directory);
@@ -231,7 +231,7 @@ void runMan(const CLI::App& program, const Choices& choices)
 
 void AddManCommand(CLI::App& program)
 {
-    const auto choices = std::make_shared<Choices>();
+    const auto choices = std::make_shared<ManChoices>();
     CLI::App& man = AddCommand(program, "man", "Write a manual page for mandoc or man",
                                [&program, choices] { runMan(program, *choices); });
     man.group(""); // for packagers: hidden from the help

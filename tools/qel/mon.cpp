@@ -19,7 +19,7 @@
 
 namespace {
 
-struct Choices
+struct MonChoices
 {
     std::string path;
     std::string title;
@@ -70,14 +70,14 @@ void assign(monParam& parameter, const std::string& value)
 
 /// Runs the work on the file, and reports the file's failures.
 template<class Work>
-void onFile(const Choices& choices, Work work)
+void onFile(const MonChoices& choices, Work work)
 try {
     work();
 } catch (xthrowable* thrown) {
     throw FailureOf(thrown, Exit::peer, choices.path);
 }
 
-void createFile(const Choices& choices)
+void createFile(const MonChoices& choices)
 {
     std::error_code ignored;
     if (!choices.replaces && std::filesystem::exists(choices.path, ignored))
@@ -89,7 +89,7 @@ void createFile(const Choices& choices)
     });
 }
 
-monParam* added(monFile& file, const Choices& choices)
+monParam* added(monFile& file, const MonChoices& choices)
 {
     const char* const name = choices.name.c_str();
     if (choices.kind == "bool")
@@ -101,7 +101,7 @@ monParam* added(monFile& file, const Choices& choices)
     return file.String(name, std::max(choices.capacity, static_cast<int>(choices.value.size())));
 }
 
-void addValue(const Choices& choices)
+void addValue(const MonChoices& choices)
 {
     onFile(choices, [&] {
         const Monitor file = OpenMonitor(choices.path);
@@ -120,7 +120,7 @@ void addValue(const Choices& choices)
     });
 }
 
-void setParameter(const Choices& choices)
+void setParameter(const MonChoices& choices)
 {
     onFile(choices, [&] {
         const Monitor file = OpenMonitor(choices.path);
@@ -128,7 +128,7 @@ void setParameter(const Choices& choices)
     });
 }
 
-void getValues(const Choices& choices)
+void getValues(const MonChoices& choices)
 {
     onFile(choices, [&] {
         const Monitor file = OpenMonitor(choices.path);
@@ -143,7 +143,7 @@ void getValues(const Choices& choices)
     });
 }
 
-void listValues(const Choices& choices)
+void listValues(const MonChoices& choices)
 {
     onFile(choices, [&] {
         const Monitor file = OpenMonitor(choices.path);
@@ -159,7 +159,7 @@ void listValues(const Choices& choices)
     });
 }
 
-void checkFile(const Choices& choices)
+void checkFile(const MonChoices& choices)
 {
     onFile(choices, [&] {
         const Monitor file = OpenMonitor(choices.path);
@@ -297,7 +297,7 @@ void AddMonitorCommands(CLI::App& program)
          {"qel mon create --title 'Night run' run.mon", "A file of one's own,"},
          {"qel mon add run.mon done int 0", "a value in it,"},
          {"qel mon set run.mon done 17", "and what it is now."}});
-    const auto choices = std::make_shared<Choices>();
+    const auto choices = std::make_shared<MonChoices>();
 
     CLI::App& create = AddCommand(group, "create", "Make a monitor file without parameters",
                                   [choices] { createFile(*choices); });

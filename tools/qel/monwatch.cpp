@@ -23,7 +23,7 @@
 
 namespace {
 
-struct Choices
+struct WatchChoices
 {
     std::string path;
     std::vector<std::string> names; // empty: all
@@ -37,7 +37,7 @@ struct Choices
 };
 
 // With --once, it is an error when there are no values.
-Sample takeSample(const Choices& choices, WatchedFile& file)
+Sample takeSample(const WatchChoices& choices, WatchedFile& file)
 {
     if (!choices.isOnce)
         return file.Take(choices.names);
@@ -52,7 +52,8 @@ Sample takeSample(const Choices& choices, WatchedFile& file)
 }
 
 // Hands over one sample after the other until the count is reached or the command is stopped.
-void forEachSample(const Choices& choices, Watching& ending, const std::function<void(const Sample&)>& take)
+void forEachSample(const WatchChoices& choices, Watching& ending,
+                   const std::function<void(const Sample&)>& take)
 {
     WatchedFile file(choices.path, choices.oldAge);
     const btkTimeval start = btkTimeval::Now();
@@ -173,7 +174,7 @@ private:
     std::map<std::string, Known> all;
 };
 
-void watchOnScreen(const Choices& choices)
+void watchOnScreen(const WatchChoices& choices)
 {
     WatchedFile file(choices.path, choices.oldAge);
     Rows rows;
@@ -185,7 +186,7 @@ void watchOnScreen(const Choices& choices)
     }
 }
 
-void watchValues(const Choices& choices)
+void watchValues(const WatchChoices& choices)
 {
     const bool isTable = !choices.asCsv && !choices.asJson;
     if (isTable && !choices.isOnce && Screen::isPossible())
@@ -210,7 +211,7 @@ std::string unitOf(const std::string& path, const std::string& name)
     return unit == nullptr ? std::string() : unit.CastToCString();
 }
 
-void plotSamples(const Choices& choices)
+void plotSamples(const WatchChoices& choices)
 {
     std::map<std::string, ChartCurve> curves;
     Chart chart{choices.path, "seconds", {}};
@@ -247,7 +248,7 @@ void plotSamples(const Choices& choices)
 }
 
 // The options of both commands.
-void addSampling(CLI::App& command, Choices& choices, const char* countHelp)
+void addSampling(CLI::App& command, WatchChoices& choices, const char* countHelp)
 {
     AddMonitorFile(command, choices.path);
     Offer(*command.add_option("parameter", choices.names, "Names of parameters (default: all)")
@@ -261,7 +262,7 @@ void addSampling(CLI::App& command, Choices& choices, const char* countHelp)
 
 void AddWatchCommands(CLI::App& group)
 {
-    const auto watched = std::make_shared<Choices>();
+    const auto watched = std::make_shared<WatchChoices>();
     CLI::App& watch =
         AddCommand(group, "watch",
                    "Show the values as they change: on a terminal in place, each with its age and a "
@@ -281,7 +282,7 @@ void AddWatchCommands(CLI::App& group)
             "values (an object)")
         ->excludes(csv);
 
-    const auto plotted = std::make_shared<Choices>();
+    const auto plotted = std::make_shared<WatchChoices>();
     plotted->count = 60;
     CLI::App& plot = AddCommand(
         group, "plot", "Take samples and draw the numbers over the time, as large as the terminal is",

@@ -16,7 +16,7 @@
 
 namespace {
 
-struct Choices
+struct WebChoices
 {
     std::vector<std::string> paths;
     std::string listenOn;
@@ -28,7 +28,7 @@ struct Choices
     double oldAge = 60;
 };
 
-void printOnce(const Choices& choices)
+void printOnce(const WebChoices& choices)
 {
     for (const std::string& path : choices.paths)
         OpenMonitor(path); // reports why it cannot be read
@@ -51,7 +51,7 @@ std::pair<std::string, std::string> splitAddress(const std::string& address)
 
 // The program that serves is another, so that this one needs no web server: it gets the address, the words and the
 // files.
-void becomeServer(const char* command, const Choices& choices, const std::vector<std::string>& more = {})
+void becomeServer(const char* command, const WebChoices& choices, const std::vector<std::string>& more = {})
 {
     const auto [host, port] = splitAddress(choices.listenOn);
     const std::string program = FindHelper("qel-http", "qelstd-web");
@@ -63,7 +63,7 @@ void becomeServer(const char* command, const Choices& choices, const std::vector
 }
 
 // The options of both commands.
-CLI::Option* addServing(CLI::App& command, Choices& choices, const char* listenOn)
+CLI::Option* addServing(CLI::App& command, WebChoices& choices, const char* listenOn)
 {
     command
         .add_option("file", choices.paths,
@@ -82,7 +82,7 @@ CLI::Option* addServing(CLI::App& command, Choices& choices, const char* listenO
 
 void AddWebCommands(CLI::App& group)
 {
-    const auto served = std::make_shared<Choices>();
+    const auto served = std::make_shared<WebChoices>();
     CLI::App& serve = AddCommand(
         group, "serve",
         "Show the values in a web browser as they change, with curves, until SIGTERM. Other users of this "
@@ -102,7 +102,7 @@ void AddWebCommands(CLI::App& group)
     OfferSeconds(serve, "--old", served->oldAge,
                  "Age of the last change from which values are marked as old");
 
-    const auto exported = std::make_shared<Choices>();
+    const auto exported = std::make_shared<WebChoices>();
     CLI::App& exporting = AddCommand(
         group, "export",
         "Serve the values to Prometheus, under /metrics, until SIGTERM. Everybody who can connect reads them. "

@@ -17,7 +17,7 @@
 
 namespace {
 
-struct Choices
+struct RegChoices
 {
     bool system = false;
     bool user = false;
@@ -30,7 +30,7 @@ struct Choices
 constexpr std::string_view rightsKey = "software\\vrx\\"; // compared in lower case; the server's name follows
 constexpr const char* rightsValue = "connectionallowed";
 
-hmxRegistryKey& rootOf(const Choices& choices)
+hmxRegistryKey& rootOf(const RegChoices& choices)
 {
     return (choices.system ? hmxRegistry::System() : hmxRegistry::User()).root;
 }
@@ -49,7 +49,7 @@ bool isRoot(const std::string& key)
 }
 
 /// Ends the program for arguments that are not valid names of a key or value. `sets`: the value is to be set.
-void checkNames(const Choices& choices, bool sets)
+void checkNames(const RegChoices& choices, bool sets)
 {
     const hmxRegistryKey& root = rootOf(choices);
     const bool isOfRights = lower(choices.key).starts_with(rightsKey) && lower(choices.name) == rightsValue;
@@ -64,7 +64,7 @@ void checkNames(const Choices& choices, bool sets)
 }
 
 /// The key chosen by the options, which must exist.
-hmxRegistryKey openedKey(const Choices& choices)
+hmxRegistryKey openedKey(const RegChoices& choices)
 {
     hmxRegistryKey key = rootOf(choices);
     if (isRoot(choices.key) || key.Open(key, choices.key.c_str()))
@@ -75,13 +75,13 @@ hmxRegistryKey openedKey(const Choices& choices)
 }
 
 /// The name of a value in a failure report.
-std::string nameOf(const Choices& choices)
+std::string nameOf(const RegChoices& choices)
 {
     const std::string name = choices.name.empty() ? "(the value without a name)" : choices.name;
     return isRoot(choices.key) ? name : choices.key + ", " + name;
 }
 
-[[noreturn]] void failForValue(const Choices& choices)
+[[noreturn]] void failForValue(const RegChoices& choices)
 {
     if (GetLastError() == ERROR_FILE_NOT_FOUND)
         Fail(Exit::no, nameOf(choices), "no such value; `qel reg list` prints all");
@@ -147,7 +147,7 @@ std::vector<std::string> knownValues(const Typed& typed)
 
 // ---- the commands
 
-void runGet(const Choices& choices)
+void runGet(const RegChoices& choices)
 {
     checkNames(choices, false);
     const xstring value = openedKey(choices).GetValue(choices.name.c_str());
@@ -159,7 +159,7 @@ void runGet(const Choices& choices)
     });
 }
 
-void runSet(const Choices& choices)
+void runSet(const RegChoices& choices)
 {
     checkNames(choices, true);
     hmxRegistryKey key = rootOf(choices);
@@ -192,7 +192,7 @@ void deleteKey(hmxRegistryKey& parent, const std::string& name, const std::strin
     FailForLastError(path);
 }
 
-void runDelete(const Choices& choices, bool ofValue)
+void runDelete(const RegChoices& choices, bool ofValue)
 {
     checkNames(choices, false);
     if (ofValue) {
@@ -205,7 +205,7 @@ void runDelete(const Choices& choices, bool ofValue)
     std::string path = choices.key;
     if (path.ends_with('\\'))
         path.pop_back();
-    Choices parent = choices;
+    RegChoices parent = choices;
     const std::size_t separator = path.rfind('\\');
     parent.key = separator == std::string::npos ? "" : path.substr(0, separator);
     hmxRegistryKey opened = openedKey(parent);
@@ -249,20 +249,20 @@ std::string contentLines(const Json& contents, std::size_t indent)
     return lines;
 }
 
-void runList(const Choices& choices)
+void runList(const RegChoices& choices)
 {
     checkNames(choices, false);
     Show(contentsOf(openedKey(choices), choices.key, choices.all),
          [](const Json& contents) { return contentLines(contents, 0); });
 }
 
-void addRoots(CLI::App& command, Choices& choices)
+void addRoots(CLI::App& command, RegChoices& choices)
 {
     CLI::Option* const system = command.add_flag("--system", choices.system, "Under the root of the system");
     command.add_flag("--user", choices.user, "Under the root of the user (default)")->excludes(system);
 }
 
-CLI::Option& addKey(CLI::App& command, Choices& choices)
+CLI::Option& addKey(CLI::App& command, RegChoices& choices)
 {
     CLI::Option& key =
         *command.add_option("key", choices.key, "The key, such as 'Software\\VRX'; '\\' is the root")
@@ -271,7 +271,7 @@ CLI::Option& addKey(CLI::App& command, Choices& choices)
     return key;
 }
 
-CLI::Option& addName(CLI::App& command, Choices& choices)
+CLI::Option& addName(CLI::App& command, RegChoices& choices)
 {
     CLI::Option& name = *command.add_option("name", choices.name, "The name of the value; it may be empty")
                              ->type_name("NAME");
@@ -293,7 +293,7 @@ void AddRegistryCommands(CLI::App& program)
           "Only these machines may connect."},
          {"qel reg delete --system 'Software\\VRX\\files' ConnectionAllowed", "Every machine may connect."},
          {"qel reg delete --all 'Software\\Old'", "Remove a key with everything below it."}});
-    const auto choices = std::make_shared<Choices>();
+    const auto choices = std::make_shared<RegChoices>();
 
     CLI::App& get = AddCommand(group, "get", "Print a value; the answer is no when there is none",
                                [choices] { runGet(*choices); });

@@ -16,7 +16,7 @@
 
 namespace {
 
-struct Choices
+struct TopChoices
 {
     std::vector<std::string> folders;
     std::string filter;
@@ -47,7 +47,7 @@ double secondsNow()
 }
 
 // All publishers of the folders.
-Servers sample(const Choices& choices, const Servers& before)
+Servers sample(const TopChoices& choices, const Servers& before)
 {
     Servers servers;
     const double now = secondsNow();
@@ -77,12 +77,12 @@ const char* stateOf(const Server& server)
     return server.goneFor > 0 ? "exited" : server.isAlive ? "alive" : "dead";
 }
 
-bool isWanted(const Choices& choices, const Server& server, const std::string& name)
+bool isWanted(const TopChoices& choices, const Server& server, const std::string& name)
 {
     return (server.name + ' ' + name).find(choices.filter) != std::string::npos;
 }
 
-bool isShown(const Choices& choices, const Server& server, const std::string& name, const Json& value)
+bool isShown(const TopChoices& choices, const Server& server, const std::string& name, const Json& value)
 {
     static constexpr const char* facts[] = {"process", "started"};
     if (std::find(std::begin(facts), std::end(facts), name) != std::end(facts))
@@ -94,7 +94,7 @@ bool isShown(const Choices& choices, const Server& server, const std::string& na
 // ---- as JSON
 
 // A line for each server that has a wanted figure.
-std::string asJson(const Choices& choices, const Servers& servers)
+std::string asJson(const TopChoices& choices, const Servers& servers)
 {
     const double time = TimeOfDay();
     std::string lines;
@@ -131,7 +131,7 @@ std::string numberText(double number)
 
 using History = std::map<std::string, std::deque<double>>; // the rates, by file and name
 
-ScreenTable tableOf(const Choices& choices, const Servers& servers, History* history)
+ScreenTable tableOf(const TopChoices& choices, const Servers& servers, History* history)
 {
     ScreenTable table;
     table.headings = {"SERVER", "PROCESS", "STATE", "FIGURE", "VALUE", "PER SECOND"};
@@ -196,7 +196,7 @@ Json rowsOf(const ScreenTable& table)
 
 // ---- the command
 
-std::string textOf(const Choices& choices, const Servers& servers)
+std::string textOf(const TopChoices& choices, const Servers& servers)
 {
     if (choices.asJson)
         return asJson(choices, servers);
@@ -205,7 +205,7 @@ std::string textOf(const Choices& choices, const Servers& servers)
     return AsText(rowsOf(table));
 }
 
-void showAll(const Choices& choices)
+void showAll(const TopChoices& choices)
 {
     Screen screen;
     History history;
@@ -221,7 +221,7 @@ void showAll(const Choices& choices)
     } while (screen.wait(choices.interval));
 }
 
-void top(Choices& choices)
+void top(TopChoices& choices)
 {
     if (choices.folders.empty())
         choices.folders = PublisherFolders();
@@ -242,7 +242,7 @@ void top(Choices& choices)
 
 void AddTopCommand(CLI::App& program)
 {
-    const auto choices = std::make_shared<Choices>();
+    const auto choices = std::make_shared<TopChoices>();
     CLI::App& command = AddCommand(
         program, "top",
         "Show the figures of running servers as they change: on a terminal in place, where keys sort, filter, "
