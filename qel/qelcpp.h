@@ -190,7 +190,7 @@ inline xrchandle<xstringsequence> split(const xstring& text, const xstring& deli
             words->append(text.GetWord(i, delimiters.CastToCString()));
         return words;
     }
-    for (std::size_t at = all.find_first_not_of(between); at != all.npos;) {
+    for (std::size_t at = all.find_first_not_of(between); at != std::string_view::npos;) {
         const std::size_t end = std::min(all.find_first_of(between, at), all.size());
         words->append(xstring(all.substr(at, end - at)));
         at = all.find_first_not_of(between, end);
@@ -209,8 +209,8 @@ struct sequence_for
     /// Returns the sequence's type.
     static auto choose()
     {
-        if constexpr (sizeof...(V) == 0)
-            return std::type_identity<xanysequence>();
+        if constexpr (sizeof...(V) == 0)               // of which all that follows holds
+            return std::type_identity<xanysequence>(); // NOLINT(bugprone-branch-clone)
         else if constexpr ((std::same_as<V, bool> && ...))
             return std::type_identity<xboolsequence>();
         else if constexpr ((isInt<V> && ...))

@@ -329,7 +329,7 @@ private:
         Json line = {{"time", TimeOfDay()}, {"event", event}, {"process", record["process"]}};
         Json others = record["fields"];
         const auto take = [&](const char* field) {
-            const std::string value = others.value(field, std::string());
+            std::string value = others.value(field, std::string());
             others.erase(field);
             return value;
         };

@@ -94,8 +94,8 @@ std::vector<std::string> namesIn(const xrchandle<xstringsequence>& list, const s
     if (!list)
         FailForLastError(key);
     std::vector<std::string> names;
-    for (int i = 0; i < list->getarraysize(); ++i)
-        names.emplace_back(list->get(i).CastToCString());
+    for (const xstring& name : *list)
+        names.emplace_back(name.view());
     return names;
 }
 

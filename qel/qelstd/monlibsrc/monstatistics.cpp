@@ -43,8 +43,8 @@ bool isOfProcess(std::string_view file)
     file.remove_suffix(suffix.size());
     for (int number = 0; number < 2; ++number) {
         const std::size_t dash = file.rfind('-');
-        if (dash == file.npos || dash + 1 == file.size() ||
-            file.find_first_not_of("0123456789", dash + 1) != file.npos)
+        if (dash == std::string_view::npos || dash + 1 == file.size() ||
+            file.find_first_not_of("0123456789", dash + 1) != std::string_view::npos)
             return false;
         file = file.substr(0, dash);
     }

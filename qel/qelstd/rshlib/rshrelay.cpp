@@ -34,7 +34,8 @@ void rshQueue::PutInt(int value)
 
 rshOutlet::rshOutlet(ioStream* stream) : target(stream)
 {
-    isFailed = target == nullptr || !rshSucceeds([this] { target->Flush(1); }) || target->getIsOpen() == 0;
+    isFailed = target == nullptr || !rshSucceeds([this] { target->Flush(1); }) || target->getIsOpen() == 0 ||
+               target->streamBuf == nullptr;
     if (isFailed)
         return;
     // The bytes are written, and their way is watched, by the descriptor itself.

@@ -333,7 +333,7 @@ private:
 template<class D>
 xrchandle<D> qelMakeDictOf(std::initializer_list<typename D::value_type> entries)
 {
-    const xrchandle<D> made = qel::make<D>();
+    xrchandle<D> made = qel::make<D>();
     for (const auto& [key, value] : entries)
         made->set(key, value);
     return made;

@@ -410,7 +410,7 @@ private:
 template<class S>
 xrchandle<S> qelMakeOf(std::initializer_list<typename S::value_type> values)
 {
-    const xrchandle<S> made = qel::make<S>();
+    xrchandle<S> made = qel::make<S>();
     made->assign(values);
     return made;
 }

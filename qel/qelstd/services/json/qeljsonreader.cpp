@@ -18,8 +18,8 @@ bool isExact(std::string_view text, double value)
     if (text.front() == '-')
         text.remove_prefix(1);
     const std::size_t point = text.find('.');
-    if (text.find_first_of("eE") != text.npos ||
-        (point != text.npos && text.find_first_not_of('0', point + 1) != text.npos))
+    if (text.find_first_of("eE") != std::string_view::npos ||
+        (point != std::string_view::npos && text.find_first_not_of('0', point + 1) != std::string_view::npos))
         return true;
     text = text.substr(0, point);
     char digits[320];
@@ -35,11 +35,11 @@ bool isTiny(std::string_view text)
     const std::string_view mantissa = text.substr(0, exponentAt);
     const std::size_t point = mantissa.find('.');
     const std::size_t leading = mantissa.find_first_of("123456789");
-    if (leading == mantissa.npos)
+    if (leading == std::string_view::npos)
         return true;
-    const std::size_t whole = point == mantissa.npos ? mantissa.size() : point;
+    const std::size_t whole = point == std::string_view::npos ? mantissa.size() : point;
     auto magnitude = static_cast<long long>(whole) - static_cast<long long>(leading);
-    if (exponentAt != text.npos) {
+    if (exponentAt != std::string_view::npos) {
         std::string_view exponent = text.substr(exponentAt + 1);
         if (exponent.front() == '+')
             exponent.remove_prefix(1);

@@ -176,8 +176,9 @@ std::string_view Source::escapedString()
             constexpr std::string_view letters = "\"\\/bfnrt";
             constexpr std::string_view meanings = "\"\\/\b\f\n\r\t";
             const int letter = peek();
-            const std::size_t which = letter == none ? letters.npos : letters.find(static_cast<char>(letter));
-            if (which != letters.npos) {
+            const std::size_t which =
+                letter == none ? std::string_view::npos : letters.find(static_cast<char>(letter));
+            if (which != std::string_view::npos) {
                 ++at;
                 decoded += meanings[which];
             } else if (letter == 'u') {

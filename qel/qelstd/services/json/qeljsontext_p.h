@@ -85,7 +85,8 @@ inline void appendMember(std::string& path, std::string_view name)
     constexpr std::string_view plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ_0123456789";
     constexpr std::size_t shown = 64;
     const std::string_view start = cutText(name, shown);
-    if (!name.empty() && start.size() == name.size() && name.find_first_not_of(plain) == name.npos) {
+    if (!name.empty() && start.size() == name.size() &&
+        name.find_first_not_of(plain) == std::string_view::npos) {
         path.append(1, '.').append(name);
         return;
     }

@@ -244,8 +244,8 @@ private:
     {
         if constexpr (std::is_floating_point_v<N>) {
             const auto real = static_cast<double>(v);
-            const bool isFinite = v - v == 0;
-            return (isFinite ? real - real == 0 : true) && real != xnullreal && real != xuninitreal;
+            const bool isFinite = v * 0 == 0;
+            return (isFinite ? real * 0 == 0 : true) && real != xnullreal && real != xuninitreal;
         } else if constexpr (std::is_unsigned_v<N>) {
             return static_cast<unsigned long long>(v) <= INT_MAX;
         } else {
