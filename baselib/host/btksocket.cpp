@@ -99,11 +99,13 @@ private:
 };
 
 // The kernel's data about a connection; an older kernel fills in less, and leaves the rest unchanged.
-btkFd connectTo(const btkSocketAddress& address, btkTimeval limit)
+btkFd connectTo(const btkSocketAddress& address, btkTimeval limit, std::size_t ownRoom)
 {
     btkFd made(socket(address.storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!made)
         return made;
+    if (ownRoom > 0)
+        btkSetOwnRoom(made.Get(), ownRoom);
     int error = connect(made.Get(), address.Get(), address.size) == 0 ? 0 : errno;
     if (error == EINPROGRESS || error == EINTR) {
         socklen_t size = sizeof error;
@@ -147,7 +149,7 @@ bool btkStreamSocket::Connect(const char* host, int port, btkTimeval limit)
         const btkTimeval left = leftUntil(end);
         const btkTimeval share =
             left.IsForever() ? left : btkTimeval(left.ToSeconds() / static_cast<double>(rest--));
-        btkFd connected = connectTo(address, share);
+        btkFd connected = connectTo(address, share, ownRoom);
         if (connected) {
             fcntl(connected.Get(), F_SETFL, 0);
             Adopt(std::move(connected));

@@ -100,6 +100,8 @@ public:
     /// tried; everything together, including the name's resolution, takes at most `limit`. Closes any
     /// previous connection.
     bool Connect(const char* host, int port, btkTimeval limit);
+    /// Makes Connect limit this end's room before it connects, as btkSetOwnRoom. 0, the default: no limit.
+    void SetOwnRoom(std::size_t bytes) { ownRoom = bytes; }
     /// Takes over a connected descriptor and owns it.
     void Adopt(btkFd connected);
     void Close();
@@ -217,6 +219,7 @@ private:
     std::shared_ptr<const btkStopSign> stopSign;
     std::shared_ptr<btkTraffic> traffic;
     bool limitPassed = false;
+    std::size_t ownRoom = 0;
     std::size_t urgentBudget = 256 << 10;
     btkTimeval deadline = btkTimeval::Forever();
     btkTimeval urgentSpacing;
@@ -256,14 +259,21 @@ public:
 BASE_API void btkResetOnClose(btkHandle connection, bool isOn);
 /// Returns the number of sent bytes that have not arrived at the peer's machine.
 BASE_API std::size_t btkCountUnsent(btkHandle connection);
-/// Returns how many more bytes the peer's machine accepts while the peer reads nothing, as far as this
-/// machine knows; a large number where the operating system does not report it.
+/// The room of a receiver to which urgent values are announced however much it leaves unread; less than a
+/// btkStreamSocket reads ahead to one.
+inline constexpr std::size_t btkUrgentRoom = 96 << 10;
+/// Returns how many more bytes may be sent to a peer that possibly reads nothing, so that an urgent value sent
+/// behind them is announced to it, as far as this machine knows; 0 when it is not worthwhile, a large number where
+/// the operating system does not report it. The peer must have set its room to btkUrgentRoom. Over the loopback,
+/// 0 may be returned forever to a peer that has lowered it to less than 64 KiB.
 BASE_API std::size_t btkCountPeerRoom(btkHandle connection);
 /// Returns the number of bytes received over the connection since its start; 0 where the operating system
 /// does not report it.
 BASE_API unsigned long long btkCountReceived(btkHandle connection);
 /// Sets approximately how many bytes this machine buffers while this end reads nothing. Until it is set, the
-/// operating system lets it grow to some MiB.
+/// operating system lets it grow to some MiB. Accepted connections inherit it from the listening socket: only room that
+/// is set before connecting also limits small segments, since the kernel rounds each window up to its unit, of 1 KiB or
+/// more otherwise.
 BASE_API void btkSetOwnRoom(btkHandle connection, std::size_t bytes);
 
 /// Whether `host` means this machine: null, empty, `localhost` or the machine's own name, in any case.

@@ -30,12 +30,6 @@ constexpr std::size_t mostWaiting = 65536;
 constexpr std::size_t mostWithUrgents = mostWaiting + 16384;
 constexpr std::size_t pieceSize = 16384;
 constexpr std::size_t leastGrant = btkFrameWindow / 8;
-// Left in the user's receive buffer, so that an urgent value is announced however full it is, and the least that is
-// worth sending besides.
-constexpr std::size_t roomForUrgent = 1024;
-constexpr std::size_t leastData = 1024;
-// The user's data that the kernel holds; less than a socket reads ahead to an urgent value.
-constexpr std::size_t ownRoom = 96 << 10;
 constexpr btkTimeval urgentSpacing(0, 200000);
 constexpr btkTimeval sendLimit(2, 0);
 // For a user that reads slowly: no event signals that there is room again.
@@ -51,7 +45,11 @@ constexpr int mostReads = 16;
 bool connectPair(btkStreamSocket& one, btkStreamSocket& other)
 {
     btkAcceptSocket door;
-    if (!door.Listen(0, "127.0.0.1") || !one.Connect("127.0.0.1", door.GetPortN(), sendLimit))
+    if (!door.Listen(0, "127.0.0.1"))
+        return false;
+    btkSetOwnRoom(door.GetHandle(), btkUrgentRoom);
+    one.SetOwnRoom(btkUrgentRoom);
+    if (!one.Connect("127.0.0.1", door.GetPortN(), sendLimit))
         return false;
     btkSocketAddress own;
     getsockname(one.GetHandle(), own.Get(), &own.size);
@@ -262,11 +260,10 @@ bool btkTunnel::Loop::MoveToUser()
             return false;
     isHeld = false;
     while (!reader.GetData().empty() && !isHeld) {
-        const std::size_t room = btkCountPeerRoom(user.GetHandle());
-        const std::string_view data = reader.GetData();
-        std::ptrdiff_t count = 0;
-        if (room >= roomForUrgent + leastData)
-            count = btkTryWrite(user.GetHandle(), data.data(), std::min(data.size(), room - roomForUrgent));
+        // An urgent value is announced to the user however full its receive buffer is.
+        const std::string_view data = reader.GetData().substr(0, btkCountPeerRoom(user.GetHandle()));
+        const std::ptrdiff_t count =
+            data.empty() ? 0 : btkTryWrite(user.GetHandle(), data.data(), data.size());
         if (count < 0)
             return false;
         if (count > 0) {
@@ -456,7 +453,6 @@ std::unique_ptr<btkStreamSocket> btkTunnel::Open(btkFrameLink& link)
         return nullptr;
     made->user.SetSendLimit(sendLimit);
     made->user.SetUrgentSpacing(urgentSpacing);
-    btkSetOwnRoom(made->user.GetHandle(), ownRoom);
     return Start(std::move(made), link) ? std::move(near) : nullptr;
 }
 

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <random>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -250,6 +251,33 @@ TEST(btkStreamSocketUrgent, ValueFollowsAStreamLongerThanAnyBuffer)
 
     EXPECT_EQ(values, "000011112222333344445555");
     EXPECT_TRUE(got == stream);
+}
+
+TEST(btkStreamSocketUrgent, ValueIsAnnouncedWhileNothingIsRead)
+{
+    std::mt19937 random(5);
+    for (int i = 0; i < 40; ++i) {
+        btkAcceptSocket door;
+        btkStreamSocket one, other;
+        ASSERT_TRUE(door.Listen(0, "127.0.0.1"));
+        btkSetOwnRoom(door.GetHandle(), btkUrgentRoom);
+        ASSERT_TRUE(one.Connect("127.0.0.1", door.GetPortN(), aWhile) && door.Wait(aWhile, 1) == 1 &&
+                    door.Accept(&other));
+        // Few large segments make the kernel announce windows too large for the many small ones.
+        std::string sent;
+        const btkHandle handle = one.GetHandle();
+        while (btkCountUnsent(handle) > 0 || btkCountPeerRoom(handle) > 0) {
+            const std::size_t most = random() % 16 == 0 ? 65536 : 1 + random() % 5000;
+            const std::string part = numbered(std::min(most, btkCountPeerRoom(handle)));
+            send(one, part);
+            sent += part;
+        }
+        EXPECT_GT(sent.size(), 65536u);
+
+        send(one, {"\0\0\0\x9", 4}, true);
+        ASSERT_EQ(urgent(other), std::string("\0\0\0\x9", 4)) << i;
+        EXPECT_TRUE(received(other, sent.size()) == sent);
+    }
 }
 
 TEST(btkStreamSocketUrgent, ForeignUseOfUrgentDataIsHarmless)

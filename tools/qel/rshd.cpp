@@ -486,6 +486,8 @@ void runServer(ServeChoices& choices)
     if (!listening->IsOpen() &&
         !listening->Listen(choices.port, choices.interface == "*" ? nullptr : choices.interface.c_str()))
         FailToListen(choices.interface, choices.port);
+    // Twice the final room: the windows may have 256 KiB then, in units of four bytes.
+    btkSetOwnRoom(listening->GetHandle(), 2 * btkUrgentRoom);
     if (!users.AreEverybody() && !btkReportsPeerUsers(listening->GetHandle()))
         btkLog(btkLevel::warning,
                "the system does not report the users of connections: no client of this machine is admitted; "

@@ -141,14 +141,14 @@ private:
         btkEvent::Wait(events, left > btkTimeval() ? std::min(usual, left) : usual);
     }
 
-    // Whether the server's machine has room for a block of input and, behind it, for an urgent value: an
-    // urgent value is found only once all bytes before it have arrived. No event signals that there is room
-    // again.
+    // Whether the server's machine has room for a block of input and, behind it, for an urgent value and messages
+    // without a block: an urgent value is found only once all bytes before it have arrived. No event signals that
+    // there is room again.
     bool IsInputWanted()
     {
-        const std::size_t room = btkCountPeerRoom(socket);
-        isInputHeld = !input.IsEnded() && room < roomForUrgent + leastBlock;
-        inputRoom = isInputHeld ? 0 : room - roomForUrgent;
+        const std::size_t room = btkCountPeerRoom(socket), waiting = connection.queue.GetSize();
+        inputRoom = room > waiting ? room - waiting : 0;
+        isInputHeld = !input.IsEnded() && inputRoom == 0;
         inputPause = isInputHeld ? std::min(inputPause + inputPause, longestPause) : shortestPause;
         return !isInputHeld;
     }
@@ -186,7 +186,7 @@ private:
     bool IsTerminationStuck()
     {
         isTerminating = isTerminating && (connection.queue.GetSize() > 0 || btkCountUnsent(socket) > 0 ||
-                                          btkCountPeerRoom(socket) < roomForUrgent + leastBlock);
+                                          btkCountPeerRoom(socket) == 0);
         return isTerminating && btkTimeval::Now() >= end;
     }
 
@@ -249,8 +249,6 @@ private:
     rshOutlet output;
     rshOutlet errors;
     int exitCode = xnullint;
-    static constexpr std::size_t roomForUrgent = 256; // and for messages without a block
-    static constexpr std::size_t leastBlock = 1024;
     static constexpr btkTimeval shortestPause{0, 200}, longestPause{0, 50000};
     bool isInputHeld = false;
     std::size_t inputRoom = 0;
