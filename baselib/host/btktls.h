@@ -65,10 +65,11 @@ public:
     /// cannot be used.
     static std::shared_ptr<btkTlsFolder> Open(const std::string& path, std::string& why);
 
-protected:
-    btkTlsFolder() = default;
     btkTlsFolder(const btkTlsFolder&) = delete;
     btkTlsFolder& operator=(const btkTlsFolder&) = delete;
+
+protected:
+    btkTlsFolder() = default;
 };
 
 /// The entry of libqelstd-tls; the number in its name changes with the classes above.

@@ -131,7 +131,7 @@ bool TlsFolder::ReadFile(File file, std::string& to, std::string& why) const
 
 std::shared_ptr<SSL_CTX> TlsFolder::Read(std::string& why) const
 {
-    const std::shared_ptr<SSL_CTX> made(SSL_CTX_new(TLS_method()), TlsFree());
+    std::shared_ptr<SSL_CTX> made(SSL_CTX_new(TLS_method()), TlsFree());
     if (made == nullptr || !TlsSession::Prepare(*made)) {
         why = "OpenSSL has no TLS 1.3";
         return nullptr;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -130,7 +131,7 @@ void Etcd::Leave(std::size_t endpoint)
     current = (current + 1) % options.endpoints.size();
     if (watch == nullptr || options.endpoints.size() == 1)
         return;
-    const Message ended = std::move(message);
+    const Message ended = std::exchange(message, nullptr);
     StopWatch();
     ended({{}, true, "the endpoint has changed"});
 }

@@ -81,9 +81,9 @@ const double* numberIn(const Json& value, double& number)
 
 std::string csvField(const Json& value)
 {
-    const std::string text = value.is_null()     ? std::string()
-                             : value.is_string() ? value.get<std::string>()
-                                                 : value.dump();
+    std::string text = value.is_null()     ? std::string()
+                       : value.is_string() ? value.get<std::string>()
+                                           : value.dump();
     if (text.find_first_of(",\"\r\n") == std::string::npos)
         return text;
     std::string quoted = "\"";

@@ -121,8 +121,8 @@ struct Echo : netBaseServer_OnRequest_cb
 class Beside
 {
 public:
-    template<class runTests, class Stop>
-    Beside(runTests run, Stop stop) : end(std::move(stop)), thread(std::move(run))
+    template<class Run, class Stop>
+    Beside(Run run, Stop stop) : end(std::move(stop)), thread(std::move(run))
     {
     }
     ~Beside()

@@ -412,7 +412,7 @@ xany objectOf(xrttiobject* type, const std::vector<std::string>& texts)
         object = table->rebuild(nullptr);
     if (object == nullptr)
         Fail(Exit::no, name, "objects of this class cannot be made from values");
-    const xany held(object); // frees it if it is counted
+    xany held(object); // frees it if it is counted
     if (isFilled(object, texts))
         return held;
     for (const std::string& text : texts) {

@@ -77,6 +77,7 @@ public:
                          [](const Found& a, const Found& b) { return a.line < b.line; });
         // A key in several lines: the last one overrides the others.
         std::map<long long, long long> last;
+        // NOLINTNEXTLINE(modernize-loop-convert): clang 14 cannot compile the ranges of this C++ library
         for (auto at = found.rbegin(); at != found.rend(); ++at)
             if (at->oddity == hmxOverridden) {
                 const auto further = last.find(at->later);

@@ -20,7 +20,7 @@ std::string textOf(const xstring& text)
 
 Kind kindOf(xrtti* type)
 {
-    if (type->isSameAs(qelGetRtti_int()))
+    if (type->isSameAs(qelGetRtti_int())) // NOLINT(clang-analyzer-core.CallAndMessage): it is never null
         return Kind::integer;
     if (type->isSameAs(qelGetRtti_bool()))
         return Kind::boolean;
