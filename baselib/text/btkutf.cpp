@@ -68,16 +68,17 @@ std::size_t asciiRun(const char* text, std::size_t length)
         return (bits & 0x8080808080808080u) == 0;
     };
     std::size_t at = 0;
-    while (at + 128 <= length && isAscii(at, Sixteen{}, 8))
-        at += 128;
-    while (at + 16 <= length && isAscii(at, Sixteen{}, 1))
-        at += 16;
-    if (at == length || (length >= 16 && length - at < 16 && isAscii(length - 16, Sixteen{}, 1)))
-        return length;
-    while (at + 8 <= length && isAscii(at, Eight{}, 1))
-        at += 8;
-    if (at > 0 && length - at < 8 && isAscii(length - 8, Eight{}, 1))
-        at = length;
+    // The last block overlaps the one before it.
+    const auto skip = [&]<typename Word>(Word none, std::size_t words) {
+        const std::size_t size = words * sizeof(Word);
+        while (at + size <= length && isAscii(at, none, words))
+            at += size;
+        if (at > 0 && at < length && length - at < size && isAscii(length - size, none, words))
+            at = length;
+    };
+    skip(Sixteen{}, 8);
+    skip(Sixteen{}, 1);
+    skip(Eight{}, 1);
     return at;
 }
 
