@@ -12,8 +12,10 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <new>
 #include <rpc/xdr.h>
 #include <sstream>
+#include <streambuf>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -430,43 +432,61 @@ void readTextStd(benchmark::State& state)
     }
 }
 
-/// The least: a call for each value, which may fail, by its address as calls into a library are, into memory that grows.
-template<class Word>
-class LeastStream
+/// The least: a call for each value, which may fail, by its address as calls into a library are, and into a buffer of the
+/// standard streams, whose memory grows. The form of the values is chosen at run time.
+class LeastBuffer : public std::streambuf
 {
 public:
-    LeastStream() = default;
-    LeastStream(const LeastStream&) = delete;
-    LeastStream& operator=(const LeastStream&) = delete;
-    ~LeastStream() { std::free(bytes); }
-    static void Write(LeastStream& to, Word word)
+    LeastBuffer() = default;
+    LeastBuffer(const LeastBuffer&) = delete;
+    LeastBuffer& operator=(const LeastBuffer&) = delete;
+    ~LeastBuffer() override { std::free(pbase()); }
+    template<class Word>
+    void Put(Word word)
     {
-        if (to.isBad)
-            std::abort();
-        if (to.room - to.used < sizeof word)
-            to.Grow();
-        word = btkNetworkOrder(word);
-        std::memcpy(to.bytes + to.used, &word, sizeof word);
-        to.used += sizeof word;
+        if (static_cast<std::size_t>(epptr() - pptr()) < sizeof word)
+            Grow();
+        std::memcpy(pptr(), &word, sizeof word);
+        pbump(sizeof word);
     }
 
 private:
     [[gnu::noinline]] void Grow()
     {
-        room = std::max<std::size_t>(256, 2 * room);
-        bytes = static_cast<char*>(std::realloc(bytes, room));
+        const auto used = static_cast<int>(pptr() - pbase()), room = std::max(256, 2 * used);
+        char* const bytes = static_cast<char*>(std::realloc(pbase(), static_cast<std::size_t>(room)));
+        if (bytes == nullptr)
+            throw std::bad_alloc();
+        setp(bytes, bytes + room);
+        pbump(used);
+    }
+};
+
+enum class Form : unsigned char { none, native, network };
+
+template<class Word>
+struct LeastStream
+{
+    static void Write(LeastStream& to, Word word)
+    {
+        if (to.form == Form::network) [[likely]]
+            to.buffer->Put(btkNetworkOrder(word));
+        else if (to.form == Form::native)
+            to.buffer->Put(word);
+        else
+            std::abort();
     }
 
-    char* bytes = nullptr;
-    std::size_t used = 0, room = 0;
-    bool isBad = false;
+    LeastBuffer* buffer;
+    Form form = Form::network;
 };
 
 template<class Value, class Word>
 void encodeMemoryLeast(benchmark::State& state)
 {
     for (auto _ : state) {
-        LeastStream<Word> stream;
+        LeastBuffer buffer;
+        LeastStream<Word> stream{&buffer};
         benchmark::DoNotOptimize(stream);
         auto* write = &LeastStream<Word>::Write;
         benchmark::DoNotOptimize(write);

@@ -79,11 +79,7 @@ BENCHMARK(birthShared)->Name("objects/make and drop, one thread/std::make_shared
 
 void birthLeast(benchmark::State& state)
 {
-    for (auto _ : state) {
-        auto* made = new LeastObject;
-        benchmark::DoNotOptimize(made);
-        made->release();
-    }
+    makeAndDrop(state, [] { return LeastHandle(new LeastObject); });
 }
 BENCHMARK(birthLeast)->Name("objects/make and drop, one thread/the least");
 

@@ -93,19 +93,10 @@ void threadedBirthShared(benchmark::State& state)
 BENCHMARK(threadedBirthQelstd)->Name("objects/make and drop, threads exist/qelstd");
 BENCHMARK(threadedBirthShared)->Name("objects/make and drop, threads exist/std::make_shared");
 
-// Destructors run one at a time in the process.
 void threadedBirthLeast(benchmark::State& state)
 {
     const SecondThread second;
-    static std::atomic<bool> isDestroying = false;
-    for (auto _ : state) {
-        auto* made = new LeastObject;
-        benchmark::DoNotOptimize(made);
-        if (!isDestroying.exchange(true, std::memory_order_acquire)) {
-            made->release();
-            isDestroying.store(false, std::memory_order_release);
-        }
-    }
+    makeAndDrop(state, [] { return LeastHandle(new LeastObject); });
 }
 BENCHMARK(threadedBirthLeast)->Name("objects/make and drop, threads exist/the least");
 
