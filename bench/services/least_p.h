@@ -26,6 +26,7 @@ public:
     virtual ~LeastRoot() = default;
     virtual bool isDeletable() { return true; }
     virtual void onDelete() {}
+    [[gnu::noinline]] virtual void attach() { ++count; }
     [[gnu::noinline]] virtual void release()
     {
         if (count.load(std::memory_order_acquire) != 1 && count.fetch_sub(1) > 1)
@@ -42,6 +43,22 @@ public:
             dieAll();
         if (locks)
             isDestroying.store(false, std::memory_order_release);
+    }
+
+    /// In place where there is one thread and another holder. Classes may override the first and the last.
+    void attachOne()
+    {
+        if (const int held = count.load(std::memory_order_relaxed); held > 0 && __libc_single_threaded)
+            count.store(held + 1, std::memory_order_relaxed);
+        else
+            attach();
+    }
+    void releaseOne()
+    {
+        if (const int held = count.load(std::memory_order_relaxed); held > 1 && __libc_single_threaded)
+            count.store(held - 1, std::memory_order_relaxed);
+        else
+            release();
     }
 
 private:

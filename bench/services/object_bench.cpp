@@ -162,6 +162,45 @@ struct LeastVariant
     }
 };
 
+/// The least of a variant with an object: the kinds of both are looked at, and the new value is taken before the old one is
+/// released, which may hold it.
+class LeastObjectVariant
+{
+public:
+    LeastObjectVariant() = default;
+    explicit LeastObjectVariant(LeastRoot* made) : tag(Tag::object), held(made) {}
+    LeastObjectVariant(const LeastObjectVariant&) = delete;
+    ~LeastObjectVariant() { release(tag, held); }
+    LeastObjectVariant& operator=(const LeastObjectVariant& other)
+    {
+        if (other.tag == Tag::object)
+            other.held->attachOne();
+        const Tag oldTag = tag;
+        LeastRoot* const old = held;
+        tag = other.tag;
+        held = other.held;
+        release(oldTag, old);
+        return *this;
+    }
+
+private:
+    enum class Tag : int { null, object };
+    static void release(Tag tag, LeastRoot* object)
+    {
+        if (tag == Tag::object)
+            object->releaseOne();
+    }
+
+    Tag tag = Tag::null;
+    LeastRoot* held = nullptr;
+};
+
+void assignObjectLeast(benchmark::State& state)
+{
+    assignValue(state, LeastObjectVariant(new LeastObject), LeastObjectVariant(new LeastObject));
+}
+BENCHMARK(assignObjectLeast)->Name("variants/assign, object/the least");
+
 /// Equal texts that are not copies of each other.
 template<std::size_t length>
 void addTexts()
