@@ -41,12 +41,14 @@ FLAT = 2
 
 
 def measured(programs, name_filter, repetitions):
-    """Row to who to value. Memory is measured in a process for each, where nothing earlier left free blocks."""
+    """Row to who to value. Memory is measured in a process for each, where nothing earlier left free blocks; rows with new
+    memory have one for all of them."""
     found = {}
     for program in programs:
         names = rows.names(program, name_filter)
         memory = [name for name in names if name.startswith(MEMORY)]
-        for some in [[name for name in names if name not in memory], *([name] for name in memory)]:
+        new = [name for name in names if "new memory" in name]
+        for some in [[name for name in names if name not in memory + new], new, *([name] for name in memory)]:
             if some:
                 rows.progress(f"{program.name}: {some[0]}")
                 exactly = f"^({'|'.join(map(quoted, some))})$"

@@ -18,6 +18,7 @@
 #include <random>
 #include <span>
 #include <string>
+#include <sys/mman.h>
 #include <unordered_map>
 #include <utility>
 #include <variant>
@@ -38,6 +39,20 @@ constexpr int million = 1000000;
 /// Whether freed large blocks stay in the process, or the system provides new memory each time. By default,
 /// the C library does either, depending on the other contents of the heap.
 enum class Freed { kept, goes };
+
+/// Uses as much memory as a row does, and gives it back. A virtual machine may return free memory to its host, large blocks
+/// first: then the next use of a page takes up to fifty times as long, and the row would measure what ran before it.
+void warmMemory()
+{
+    constexpr std::size_t size = 256 << 20;
+    void* const memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
+        return;
+    madvise(memory, size, MADV_HUGEPAGE);
+    for (std::size_t at = 0; at < size; at += 4096)
+        static_cast<volatile char*>(memory)[at] = 1;
+    munmap(memory, size);
+}
 
 void treatFreed(Freed freed)
 {
@@ -509,6 +524,7 @@ std::size_t batchFor(const Keys<D>& keys)
 template<class D, bool walked>
 void set(benchmark::State& state, const Keys<D>& keys)
 {
+    warmMemory();
     for (auto _ : state) {
         state.PauseTiming();
         std::vector<D> all(batchFor(keys));
