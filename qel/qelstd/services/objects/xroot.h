@@ -185,7 +185,7 @@ inline void xrcrelease(xobject* p)
     if (!qelIsObject(p))
         return;
     const std::int32_t count = xrcgetcount(p);
-    if (count > 1 && !thrIsThreaded())
+    if (count > 1 && !thrIsThreaded()) [[likely]]
         p->refcount = count - 1;
     else
         qelReleaseOther(p);
