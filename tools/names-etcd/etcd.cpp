@@ -131,9 +131,14 @@ void Etcd::Leave(std::size_t endpoint)
     current = (current + 1) % options.endpoints.size();
     if (watch == nullptr || options.endpoints.size() == 1)
         return;
+    EndWatch("the endpoint has changed");
+}
+
+void Etcd::EndWatch(const char* why)
+{
     const Message ended = std::exchange(message, nullptr);
     StopWatch();
-    ended({{}, true, "the endpoint has changed"});
+    ended({{}, true, why});
 }
 
 void Etcd::End(CURL* easy, CURLcode result)
@@ -143,9 +148,7 @@ void Etcd::End(CURL* easy, CURLcode result)
         DeliverWatch();
         if (watches != delivered)
             return;
-        const Message ended = std::move(message);
-        StopWatch();
-        ended({{}, true, curl_easy_strerror(result)});
+        EndWatch(curl_easy_strerror(result));
         return;
     }
     const auto place = std::find_if(transfers.begin(), transfers.end(),

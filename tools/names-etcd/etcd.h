@@ -101,6 +101,7 @@ private:
     std::unique_ptr<Transfer> Start(const char* path, const Json& body);
     void End(CURL* easy, CURLcode result);
     void Leave(std::size_t endpoint);
+    void EndWatch(const char* why);
     void DeliverWatch();
 
     EtcdOptions options;
