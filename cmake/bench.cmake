@@ -12,6 +12,8 @@ function(qel_add_bench name)
   cmake_parse_arguments(arg "" "" "LIBRARIES" ${ARGN})
   add_executable(${name} ${name}.cpp)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bench)
+  # Where a loop lies changes the time of the shortest by a fifth, ours and peers'.
+  target_compile_options(${name} PRIVATE -falign-functions=64 -falign-loops=32)
   target_link_libraries(${name} PRIVATE qel_options qelstd::qelstd benchmark::benchmark_main ${arg_LIBRARIES})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/bench # for curve.h
                                              ${PROJECT_SOURCE_DIR}/tests) # for tests/support

@@ -554,7 +554,8 @@ template<class T>
 void xtbsequence<T>::replaceBy(const T* values, std::size_t n)
 {
     checkEnd(n * sizeof(T), static_cast<int>(maxBytes / sizeof(T)));
-    clear();
+    if (used != 0)
+        clear();
     BaseInsert(used, n * sizeof(T), values);
 }
 
