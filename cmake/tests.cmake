@@ -2,6 +2,7 @@
 # run by ctest. Label `threads` marks tests that start threads; the thread sanitizer runs those, and the target
 # `thread_tests` builds only those.
 set(QELSTD_TEST_TIMEOUT 300 CACHE STRING "Seconds after which ctest ends a test")
+set(QELSTD_TEST_WITHOUT "" CACHE STRING "Cases that no test runs, as CASE:CASE...")
 find_package(GTest REQUIRED)
 add_custom_target(thread_tests)
 
@@ -27,7 +28,7 @@ function(qel_measures_time)
   get_test_property(${test} TIMEOUT limit)
   add_test(NAME ${test}_time COMMAND ${test} --gtest_filter=${cases})
   set_tests_properties(${test}_time PROPERTIES RUN_SERIAL TRUE TIMEOUT ${limit} LABELS "${labels}")
-  set_tests_properties(${test} PROPERTIES ENVIRONMENT "GTEST_FILTER=-${cases}")
+  set_tests_properties(${test} PROPERTIES ENVIRONMENT "GTEST_FILTER=-${cases}:${QELSTD_TEST_WITHOUT}")
 endfunction()
 
 if(QELSTD_PRECOMPILE)
@@ -52,6 +53,9 @@ function(qel_add_test name)
   target_link_libraries(${name} PRIVATE qel_options qel_test_support qelstd::qelstd ${arg_LIBRARIES})
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES TIMEOUT ${QELSTD_TEST_TIMEOUT} LABELS "${arg_LABELS}")
+  if(QELSTD_TEST_WITHOUT)
+    set_tests_properties(${name} PROPERTIES ENVIRONMENT "GTEST_FILTER=-${QELSTD_TEST_WITHOUT}")
+  endif()
   if("threads" IN_LIST arg_LABELS)
     add_dependencies(thread_tests ${name})
   endif()
