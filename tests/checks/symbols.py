@@ -14,7 +14,7 @@ listed_in = tree.root() / "cmake" / "abi" / f"{name}.symbols"
 # Weak symbols come from headers: instances of templates, inline variables, the tables of classes without a source. Which
 # of those a library exports depends on the compiler, and their users define them too; except these, which only the
 # libraries define.
-ONLY_HERE = re.compile(r"\bxt[bsc](sequence|dictionary)<|\bbtkString\w+<|\bbtkUtf\w+<"
+ONLY_HERE = re.compile(r"\bxt([sc]sequence|[bsc]dictionary)<|\bbtkString\w+<|\bbtkUtf\w+<"
                        r"|\bbtkStrBuf::(Alloc|AppendInPlace|Commit|Create|Get|Resize)<")
 
 lines = subprocess.run([nm, "-D", "--defined-only", "-C", library], capture_output=True, text=True, check=True).stdout
