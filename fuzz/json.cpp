@@ -70,6 +70,12 @@ std::string again(Source&& source, const qel::json::options& how, bool* isRead)
     }
 }
 
+/// The text with the members of each object sorted. Numbers stay whole or real.
+std::string sorted(const std::string& text)
+{
+    return nlohmann::json::parse(text).dump();
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -89,7 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(again(in, how, &isReadInPieces) == first && isReadInPieces == isRead);
     if (isRead) {
         const std::string second = again(std::string_view(first), how, &isRead);
-        require(isRead && nlohmann::json::parse(second) == nlohmann::json::parse(first));
+        require(isRead && second.size() == first.size() && sorted(second) == sorted(first));
     }
     return 0;
 }
