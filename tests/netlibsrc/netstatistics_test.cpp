@@ -23,15 +23,14 @@ protected:
     EnvSetting runtime{"XDG_RUNTIME_DIR", root.path()};
 };
 
-// Reads the server's values until it has published this one, for some seconds.
-double AwaitValue(monFile& file, const char* name, double wanted)
+// Reads what the server publishes until it is this much, for some seconds: it writes its values one by one.
+template<class Reader>
+double Await(monFile& file, double wanted, const Reader& read)
 {
     const Owned<evtEvent> changed(file.ChangeEvent());
     const btkTimeval end = btkTimeval::Now() + patience;
     for (;;) {
-        monParam* found = nullptr;
-        file.getParams()->find(name, &found);
-        const double value = found != nullptr ? monRealParam::cast(found)->getValue() : -1;
+        const double value = read();
         const btkTimeval now = btkTimeval::Now();
         if (value == wanted || now >= end)
             return value;
@@ -39,19 +38,30 @@ double AwaitValue(monFile& file, const char* name, double wanted)
     }
 }
 
-double CountServices(monFile& file)
+double AwaitValue(monFile& file, const char* name, double wanted)
 {
-    double all = 0;
-    monParamDict* const params = file.getParams();
-    for (int slot = 0; slot < params->getarraysize(); ++slot) {
-        monParam* param = nullptr;
-        if (params->getbyindex(slot, &param)) {
-            const std::string name = param->getName().CastToCString();
-            if (name.starts_with("latency.us.") && name != "latency.us.sum")
-                all += monRealParam::cast(param)->getValue();
+    return Await(file, wanted, [&]() -> double {
+        monParam* found = nullptr;
+        file.getParams()->find(name, &found);
+        return found != nullptr ? monRealParam::cast(found)->getValue() : -1;
+    });
+}
+
+double AwaitServices(monFile& file, double wanted)
+{
+    return Await(file, wanted, [&] {
+        double all = 0;
+        monParamDict* const params = file.getParams();
+        for (int slot = 0; slot < params->getarraysize(); ++slot) {
+            monParam* param = nullptr;
+            if (params->getbyindex(slot, &param)) {
+                const std::string name = param->getName().CastToCString();
+                if (name.starts_with("latency.us.") && name != "latency.us.sum")
+                    all += monRealParam::cast(param)->getValue();
+            }
         }
-    }
-    return all;
+        return all;
+    });
 }
 
 // The server reads the integer: 0 fails, an odd one gets a thread.
@@ -121,7 +131,7 @@ TEST_F(NetStatistics, CountsWhatAServerDoes)
         EXPECT_EQ(20, AwaitValue(*file, "bytes.received", 20)); // an int of each client, and another one
         EXPECT_EQ(12, AwaitValue(*file, "bytes.sent", 12));
         // Of the connections, the silent one is no service, and one that was refused after its start is none.
-        EXPECT_EQ(7, CountServices(*file));
+        EXPECT_EQ(7, AwaitServices(*file, 7));
         netServer::Shutdown(server.address().get());
         server.waitForEnd();
     }
