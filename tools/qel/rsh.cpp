@@ -177,25 +177,26 @@ bool attend(rshProcess& process, const std::string& host)
     btkEvent outputFailure(new btkSelectEvent(1, 2)); // set when the pipe has no reader
     btkEvent::List events = {end.get(), interrupt.get(), &outputFailure};
     Insistence insistence;
-    btkTimeval patience = btkTimeval::Forever();
+    btkTimeval deadline = btkTimeval::Forever(); // for the server, once the user insists
     bool isTaken = true;
     while (process.IsRunning() != 0) {
-        btkEvent::Wait(events, patience);
+        btkEvent::Wait(events, deadline - btkTimeval::Now());
         if (interrupt != nullptr && interrupt->WasSignaled()) {
             pcInterruptEvent::Reset();
-            if (insistence.NoteInterrupt()) {
-                process.Terminate();
-                patience = btkTimeval(2.0);
-            } else {
+            if (!insistence.NoteInterrupt()) {
                 process.Interrupt();
+            } else if (deadline.IsForever()) {
+                process.Terminate();
+                deadline = btkTimeval::Now() + btkTimeval(2.0);
             }
         } else if (isTaken && outputFailure.WasSignaled()) {
             isTaken = false;
             events.pop_back();
             process.Terminate();
-        } else if (!end->WasSignaled() && !patience.IsForever()) {
-            Fail(Exit::peer, host, "the server does not terminate the command");
         }
+        // Also while the user goes on insisting.
+        if (!end->WasSignaled() && btkTimeval::Now() >= deadline)
+            Fail(Exit::peer, host, "the server does not terminate the command");
     }
     return isTaken;
 }
