@@ -52,6 +52,8 @@ while True:
 ' "${1:-}"
     export VRXNMSPORT=$port
 }
+# logged COUNT: waits until the file `log` has that many commands of a `qel rshd`, which logs each after its client has exited.
+logged() { until [[ $(grep -c ^command log) == "$1" ]]; do sleep 0.02; done; }
 # needs COMMAND...: skips the case on a machine without one of them.
 needs() { local each; for each; do command -v "$each" >/dev/null || { echo "no $each here"; exit 77; }; done; }
 # names [OPTION...]: a name server, which the case's programs find.
