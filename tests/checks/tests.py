@@ -61,7 +61,7 @@ SLEEPS = {
     "a peer, a client or a handler is slow, or sends again and again": {
         "monlibsrc/monshare_test.cpp": 1, "netlibsrc/netbaseserver_test.cpp": 2, "netlibsrc/netserver_test.cpp": 2,
         "netlibsrc/netsocketstream_test.cpp": 3, "rshlib/rshprocess_test.cpp": 1, "rshlib/rshprotocol_test.cpp": 1,
-        "soak/hostile_test.cpp": 4, "soak/soak_test.cpp": 4},
+        "soak/hostile_test.cpp": 4, "soak/soak_test.cpp": 3},
     "polls, with a limit, what gives no event": {
         "baselib/btktunnel_test.cpp": 1, "config/lockfilebuf_test.cpp": 3, "platform/registry_test.cpp": 1,
         "monlibsrc/monshare_test.cpp": 1, "netlibsrc/netcalls_test.cpp": 1},

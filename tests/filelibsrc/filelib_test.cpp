@@ -167,6 +167,7 @@ TEST_F(Files, RemoveNothingOutsideAConcurrentlyChangedTree)
             for (const char* name : {"0", "1", "2"})
                 dir.write("tree/" + std::to_string(i) + "/" + name);
         std::atomic<bool> isDone = false;
+        const int before = changes;
         // Swaps the link and a directory, and back.
         std::thread changer([&] {
             for (int i = 0; !isDone; i = (i + 1) % parts)
@@ -174,6 +175,7 @@ TEST_F(Files, RemoveNothingOutsideAConcurrentlyChangedTree)
                     changes += renameat2(AT_FDCWD, dir.path("link").c_str(), AT_FDCWD,
                                          dir.path("tree/" + std::to_string(i)).c_str(), RENAME_EXCHANGE) == 0;
         });
+        EXPECT_TRUE(soon([&] { return changes > before; })); // it is at work
         raisedBy([] { fsRemove("X:/tree", fsRecursive); });
         isDone = true;
         changer.join();
