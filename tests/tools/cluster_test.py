@@ -8,7 +8,6 @@ import signal
 import subprocess
 import sys
 import threading
-import time
 import unittest
 
 sys.path.append(str(pathlib.Path(__file__).resolve().parents[2] / "examples/cluster"))
@@ -53,6 +52,10 @@ class Cluster(unittest.TestCase):
         self.addCleanup(lambda: (process.kill(), process.wait()))
         return process
 
+    def sees(self, machine, name, *hosts):
+        """Waits until the machine has been told of the records of that name of exactly these hosts."""
+        wait_until(lambda: machine.hosts(name) == list(hosts), 20, f"{machine.address} sees {name} of {hosts}")
+
 
 class OneMember(Cluster):
     def test_records_are_seen_everywhere_and_changed_at_home(self):
@@ -60,7 +63,7 @@ class OneMember(Cluster):
         owner = self.owner()
         self.assertEqual(a.register("words", "_PortNumber=7001", owner=owner.pid), 0)
         self.assertEqual(a.hosts("words"), ["own"])
-        wait_until(lambda: b.hosts("words") == ["10.0.0.1"], 5, "b sees it")
+        self.sees(b, "words", "10.0.0.1")
         record, = b.query("_Scope=all", "_ServerName=words")
         self.assertEqual(record["process"], 0)
         # The same revision fences the owner on every machine.
@@ -74,7 +77,7 @@ class OneMember(Cluster):
         self.assertEqual(b.register("words", "_PortNumber=7002", owner=self.owner().pid), 1)
         self.assertEqual(a.register("words", "more=1", owner=owner.pid), 0)
         self.assertEqual(b.register("words", "_PortNumber=7003"), 0)
-        wait_until(lambda: len(a.everywhere("words")) == 3, 5, "a sees the record of no process")
+        wait_until(lambda: len(a.everywhere("words")) == 3, 20, "a sees the record of no process")
         self.assertEqual(a.qel("delete", "_PortNumber=7001").stdout, "1\n")
         self.assertEqual(b.register("words", "x=1", owner=self.owner().pid), 1)
 
@@ -90,16 +93,18 @@ class OneMember(Cluster):
         owner, gone = self.owner(), self.owner()
         self.assertEqual(a.register("stays", owner=owner.pid), 0)
         self.assertEqual(a.register("goes", owner=gone.pid), 0)
+        self.sees(b, "goes", "10.0.0.1")
         before = a.everywhere("stays")[0]["_Revision"]
-        time.sleep(1)  # the state file is written within a second
+        state = pathlib.Path(a.folder, "nameserver-1239")
+        wait_until(lambda: state.exists() and b"goes" in state.read_bytes(), 20, "the state is written")
         a.stop(signal.SIGKILL)
         gone.kill()
         gone.wait()
         a.begin()
         a.wait_fresh()
         self.assertEqual(a.everywhere("stays")[0]["_Revision"], before)
-        wait_until(lambda: b.hosts("goes") == [], 5, "the record of the exited process is removed")
-        self.assertEqual(b.hosts("stays"), ["10.0.0.1"])
+        self.sees(b, "goes")
+        self.sees(b, "stays", "10.0.0.1")
         self.assertEqual(len(self.etcd.keys("claims/")), 1)
 
         a.stop(signal.SIGKILL)
@@ -115,16 +120,16 @@ class OneMember(Cluster):
         owner = self.owner()
         for name in "lost", "kept":
             self.assertEqual(a.register(name, owner=owner.pid), 0)
-        wait_until(lambda: b.hosts("kept"), 5, "b sees it")
+        wait_until(lambda: b.hosts("kept"), 20, "b sees it")
         a.cut()
         status, seconds = a.request(Machine.REGISTER, {"_ServerName": "new"})
         self.assertEqual(status, 8)
-        self.assertLess(seconds, 4)
+        self.assertLess(seconds, 8)  # the client would wait for 10
         self.assertEqual(a.query("_ServerName=new"), [])
         wait_until(lambda: "_Stale" in a.everywhere("lost")[0], LEASE + 5, "a knows that it is cut off")
         other = self.owner()
         wait_until(lambda: b.register("lost", owner=other.pid) == 0, LEASE + 15, "the name is free")
-        self.assertEqual(b.hosts("kept"), [])
+        self.sees(b, "kept")
 
         a.join()
         a.wait_fresh()
@@ -132,11 +137,11 @@ class OneMember(Cluster):
         self.assertIn("displaced", a.log())
         self.assertEqual(a.hosts("lost"), ["10.0.0.2"])
         self.assertEqual(len(a.query("_ServerName=lost")), 1)
-        self.assertEqual(b.hosts("kept"), ["10.0.0.1"])
+        self.sees(b, "kept", "10.0.0.1")
         self.assertEqual(b.hosts("new"), [])
         b.qel("delete", "_ServerName=lost")
         wait_until(lambda: a.status()["Displaced"] == 0, 10, "it is entered again")
-        wait_until(lambda: b.hosts("lost") == ["10.0.0.1"], 5, "b sees it again")
+        self.sees(b, "lost", "10.0.0.1")
 
     def test_compaction_and_a_dead_keeper_lose_nothing(self):
         a, b = self.machine("a"), self.machine("b")
@@ -157,10 +162,10 @@ class OneMember(Cluster):
         keeper = int(subprocess.run(["pgrep", "-P", str(a.process.pid), "qel-names-etcd"], capture_output=True,
                                     text=True, check=True).stdout)
         os.kill(keeper, signal.SIGKILL)
-        wait_until(lambda: "no keeper runs" in a.log(), 5, "a has no keeper")
+        wait_until(lambda: "no keeper runs" in a.log(), 20, "a has no keeper")
         a.wait_fresh()
         self.assertEqual(a.register("after", owner=owner.pid), 0)
-        wait_until(lambda: b.hosts("after") == ["10.0.0.1"], 5, "b sees it")
+        self.sees(b, "after", "10.0.0.1")
         self.assertEqual(len(self.etcd.keys("records/")), 21)
         self.assertEqual(len(self.etcd.keys("claims/")), 21)
 
@@ -175,14 +180,14 @@ class OneMember(Cluster):
         names = {f"name{i}" for i in range(5)}
         for name in names:
             self.assertEqual(a.register(name, owner=owner.pid), 0)
-        wait_until(lambda: b.status()["RecordsOfOthersLeftOut"] == 2, 5, "b lists two, and has no room for a third one")
+        wait_until(lambda: b.status()["RecordsOfOthersLeftOut"] == 2, 20, "b lists two, and has no room for a third one")
         wait_until(lambda: "no room for" in b.log(), 10, "b has reported it")
         for _ in range(3):
             self.assertEqual(len(copied()), 2)
             name = copied().pop()
             names.remove(name)
             self.assertEqual(a.qel("delete", f"_ServerName={name}").stdout, "1\n")
-            wait_until(lambda: len(copied() - {name}) == 2, 5, "b has copied the next one")
+            wait_until(lambda: len(copied() - {name}) == 2, 20, "b has copied the next one")
         self.assertEqual(copied(), names)
         self.assertEqual(b.status()["RecordsOfOthersLeftOut"], 0)
 
@@ -244,13 +249,13 @@ class Full(Cluster):
             pass
         self.assertEqual(a.register("full", owner=owner.pid), 3)
         self.assertIn("space exceeded", a.log())
-        self.assertEqual(b.hosts("before"), ["10.0.0.1"])
+        self.sees(b, "before", "10.0.0.1")
         self.assertEqual(a.qel("delete", "_ServerName=before").stdout, "1\n")
         self.etcd.control("compact", str(self.etcd.status()[0]["header"]["revision"]))
         self.etcd.control("defrag")
         self.etcd.control("alarm", "disarm")
         self.assertEqual(a.register("full", owner=owner.pid), 0)
-        wait_until(lambda: b.hosts("full") == ["10.0.0.1"], 5, "b sees it")
+        self.sees(b, "full", "10.0.0.1")
 
 
 class Guarded(Cluster):
@@ -310,16 +315,16 @@ class ThreeMembers(Cluster):
         b, c = machines
         for name in "lost", "kept":
             self.assertEqual(a.register(name, owner=self.owner().pid), 0)
-        wait_until(lambda: c.hosts("kept"), 5, "c sees it")
+        wait_until(lambda: c.hosts("kept"), 20, "c sees it")
         a.cut()
         # The others do not notice.
         wait_until(lambda: b.register("meanwhile", owner=self.owner().pid) == 0, 10, "another leader")
-        wait_until(lambda: c.hosts("meanwhile") == [b.address], 10, "c sees it")
+        self.sees(c, "meanwhile", b.address)
         self.assertNotEqual(c.register("kept", owner=self.owner().pid), 0)
         # Its own member takes no registration, and knows no better.
         status, seconds = a.request(Machine.REGISTER, {"_ServerName": "new"})
         self.assertEqual(status, 8)
-        self.assertLess(seconds, 4)
+        self.assertLess(seconds, 8)  # the client would wait for 10
         wait_until(lambda: "_Stale" in a.everywhere("lost")[0], LEASE + 5, "a knows that it is cut off")
         wait_until(lambda: c.register("lost", owner=self.owner().pid) == 0, LEASE + 15, "the name is free")
 
@@ -328,7 +333,7 @@ class ThreeMembers(Cluster):
         self.assertEqual(a.status()["DisplacedNames"], "lost")
         self.assertEqual(a.hosts("lost"), [c.address])
         for machine in b, c:
-            wait_until(lambda: machine.hosts("kept") == [a.address], 10, "it is restored")
+            self.sees(machine, "kept", a.address)
             self.assertEqual(machine.hosts("new"), [])
         self.assertEqual(a.hosts("meanwhile"), [b.address])
 
@@ -346,7 +351,7 @@ class ThreeMembers(Cluster):
 
         self.etcd.kill(leader)
         wait_until(lambda: a.register("without-leader", owner=owner.pid) == 0, 15, "another leader")
-        wait_until(lambda: b.hosts("without-leader") == ["10.0.0.1"], 10, "b sees it")
+        self.sees(b, "without-leader", "10.0.0.1")
 
         self.etcd.kill(follower)
         self.assertEqual(a.register("without-quorum", owner=owner.pid), 3)
@@ -355,12 +360,12 @@ class ThreeMembers(Cluster):
             self.etcd.start(member)
         for machine in a, b:
             machine.wait_fresh(60)
-        self.assertEqual(b.hosts("before"), ["10.0.0.1"])
+        self.sees(b, "before", "10.0.0.1")
         # The members may have kept what was refused, and enter it once there are enough of them: it is removed again.
-        wait_until(lambda: b.hosts("without-quorum") == [], 10, "what was refused is gone")
+        self.sees(b, "without-quorum")
         self.assertEqual(a.register("without-quorum", owner=owner.pid), 0)
         # One record and one claim of each name.
-        wait_until(lambda: len(self.etcd.keys("records/")) == 4, 5, "nothing is left over")
+        wait_until(lambda: len(self.etcd.keys("records/")) == 4, 20, "nothing is left over")
         self.assertEqual(len(self.etcd.keys("claims/")), 4)
 
 
