@@ -343,7 +343,7 @@ class Page(Case):
                          [1, 0, "undefined"])
         published.set(done=8)
         self.browser.wait(value("done"), "8")
-        self.browser.wait("/^\\d s$/.test(" + ROW.format("done") + ".querySelector('.age').innerText)")
+        self.browser.wait("/^\\d+ s$/.test(" + ROW.format("done") + ".querySelector('.age').innerText)")
         self.assertTrue(self.browser.evaluate(ROW.format("low") + ".querySelector('.age').innerText").startswith(">"))
         end = time.monotonic() + LIMIT
         for number in range(100, 10000, 100):  # until a sample has a rate
