@@ -18,6 +18,6 @@ function(qel_add_example name)
     add_test(NAME example_${name} WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}
       COMMAND ${CMAKE_COMMAND} -D EXPECT=${arg_EXPECT} -P ${PROJECT_SOURCE_DIR}/cmake/run_example.cmake
               -- ${command} ${arg_ARGS})
-    set_tests_properties(example_${name} PROPERTIES TIMEOUT 60 LABELS examples)
+    set_tests_properties(example_${name} PROPERTIES TIMEOUT 300 LABELS examples)
   endif()
 endfunction()

@@ -1,7 +1,7 @@
 # qel_add_test(NAME [LABELS label...] [LIBRARIES lib...]): the program NAME from NAME.cpp (or NAME.c) of this folder,
 # run by ctest. Label `threads` marks tests that start threads; the thread sanitizer runs those, and the target
 # `thread_tests` builds only those.
-set(QELSTD_TEST_TIMEOUT 300 CACHE STRING "Seconds after which ctest ends a test")
+set(QELSTD_TEST_TIMEOUT 600 CACHE STRING "Seconds after which ctest ends a test")
 set(QELSTD_TEST_WITHOUT "" CACHE STRING "Cases that no test runs, as CASE:CASE...")
 find_package(GTest REQUIRED)
 add_custom_target(thread_tests)
