@@ -45,7 +45,7 @@ TEST(netSocketStream, SeparatesConsecutiveUrgentIntegers)
     StreamPair streams;
     netSocketStream& out = *streams.near;
     netSocketStream& in = *streams.far;
-    out.setUrgentSpacing(0.4);
+    out.setUrgentSpacing(1.0);
     std::vector<int> values, urgents;
     std::thread reader([&] {
         const Event urgent(in.OutOfBandEvent());
@@ -71,8 +71,8 @@ TEST(netSocketStream, SeparatesConsecutiveUrgentIntegers)
     reader.join();
     EXPECT_EQ(urgents, std::vector<int>({1, 2, 3}));
     EXPECT_EQ(values, std::vector<int>({100, 200, 300}));
-    EXPECT_GE(took[1], 0.35);
-    EXPECT_LT(took[2], 0.35) << "the peer has answered";
+    EXPECT_GE(took[1], 0.9);
+    EXPECT_LT(took[2], 0.9) << "the peer has answered";
     EXPECT_EQ(out.ReadInt(), 1);
 }
 
@@ -105,10 +105,12 @@ double secondsOf(Work work)
     return (btkTimeval::Now() - start).ToSeconds();
 }
 
-void expectLimit(double taken, double limit)
+constexpr double shortLimit = 0.5;
+
+void expectLimit(double taken)
 {
-    EXPECT_GE(taken, limit - 0.001);
-    EXPECT_LT(taken, limit * 1.1 + 0.25); // 0.05 on a machine that is not loaded
+    EXPECT_GE(taken, shortLimit - 0.001);
+    EXPECT_LT(taken, 2 * shortLimit);
 }
 
 } // namespace
@@ -117,9 +119,9 @@ TEST(netSocketStream, ReadTimesOutAfterItsLimitWithoutInput)
 {
     StreamPair streams;
     netSocketStream& in = *streams.far;
-    in.setITimeout(0.2);
+    in.setITimeout(shortLimit);
     const auto readsInVain = [&](auto read) {
-        expectLimit(secondsOf([&] { EXPECT_EQ(failureOf(read), timeoutText); }), 0.2);
+        expectLimit(secondsOf([&] { EXPECT_EQ(failureOf(read), timeoutText); }));
         EXPECT_TRUE(in.getIsTimeout());
         EXPECT_FALSE(in.getIsEof() || in.getIsBad());
         EXPECT_EQ(failureOf(read), timeoutText); // at once: the state is set
@@ -143,9 +145,10 @@ TEST(netSocketStream, ReadTimesOutAfterItsLimitWithoutInput)
     in.setIsFail(0);
 
     // An occasional byte is progress.
+    in.setITimeout(1.0);
     std::thread dripping([&] {
         for (int i = 0; i < 4; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
             streams.near->WriteByte(i);
             streams.near->Flush(1);
         }
@@ -163,17 +166,16 @@ TEST(netSocketStream, WriteTimesOutAfterItsLimitWithoutProgress)
     const auto size = static_cast<unsigned>(tooMuch.size());
     {
         StreamPair streams;
-        streams.near->setOTimeout(0.2);
+        streams.near->setOTimeout(shortLimit);
         expectLimit(secondsOf([&] {
-                        EXPECT_EQ(failureOf([&] { streams.near->WriteBytes(tooMuch.data(), size); }),
-                                  timeoutText);
-                    }),
-                    0.2);
+            EXPECT_EQ(failureOf([&] { streams.near->WriteBytes(tooMuch.data(), size); }), timeoutText);
+        }));
         streams.near->setIsFail(0);
-        EXPECT_LT(secondsOf([&] { streams.near->Close(); }), 0.1); // nothing is sent after lost bytes
+        streams.near->setOTimeout(20.0);
+        EXPECT_LT(secondsOf([&] { streams.near->Close(); }), 10.0); // nothing is sent after lost bytes
     }
     StreamPair streams;
-    streams.near->setOTimeout(0.4);
+    streams.near->setOTimeout(1.0);
     std::atomic<bool> isWritten = false;
     std::thread slow([&] {               // an occasional part is progress
         std::vector<char> part(1 << 20); // much less than the kernel's buffers hold, some 20 MiB
@@ -181,7 +183,7 @@ TEST(netSocketStream, WriteTimesOutAfterItsLimitWithoutProgress)
         allowStreamFailure([&] {
             for (unsigned left = size; left > 0;) {
                 if (!isWritten)
-                    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                    std::this_thread::sleep_for(std::chrono::milliseconds(100));
                 left -=
                     streams.far->ReadBytes(part.data(), std::min(left, static_cast<unsigned>(part.size())));
             }
@@ -191,7 +193,7 @@ TEST(netSocketStream, WriteTimesOutAfterItsLimitWithoutProgress)
         secondsOf([&] { EXPECT_EQ(failureOf([&] { streams.near->WriteBytes(tooMuch.data(), size); }), ""); });
     isWritten = true;
     slow.join();
-    EXPECT_GT(taken, 0.4);
+    EXPECT_GT(taken, 1.0);
 }
 
 TEST(netSocketStream, BuffersAtMostItsBudgetsOfAPeersData)

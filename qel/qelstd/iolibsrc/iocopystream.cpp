@@ -39,8 +39,10 @@ void CopyStream(ioStream* to, ioStream* from)
             from->streamBuf->PassTo(*to->streamBuf);
             isPassed = true;
         }
+        if (!isSame && source.sgetc() == EOF)
+            break; // without waiting for the limit a second time
         // The buffered bytes of the source are written from their place, unless writing may move them.
-        const bool isLent = !isSame && source.sgetc() != EOF && xbufaccess::View(source, 1) != nullptr;
+        const bool isLent = !isSame && xbufaccess::View(source, 1) != nullptr;
         const char* const part = isLent ? xbufaccess::Next(source) : block;
         const std::streamsize size =
             isLent ? xbufaccess::End(source) - part
