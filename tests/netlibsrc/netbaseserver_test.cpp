@@ -306,8 +306,11 @@ TEST(AsyncRequest, IsServedByASeparateThreadAndMayEndTheLoop)
             stream.Flush(1);
             if (value == 3)
                 throw std::runtime_error("counts as continue");
-            EXPECT_LE(openDescriptors(),
-                      before + 3 + 4 * 4); // the server's three; each both ends and the pipe's two
+            // The server's three; of each request both ends and the pipe's two. Another thread that counts
+            // would have one more.
+            if (value == 1) {
+                EXPECT_LE(openDescriptors(), before + 3 + 4 * 4);
+            }
             return value == 4 ? netServerTerminate : netServerContinue;
         });
         const Owned<netBaseServer> server(makeSpawning(echo.get()));
@@ -511,8 +514,17 @@ TEST(AsyncRequest, ThatCannotStartLosesItsConnectionOnly)
 TEST(AsyncRequest, ThatHasNoPipeLosesItsConnectionOnly)
 {
     const auto answering = qel::onAsyncRequest([](netSocketStream& stream) { stream.WriteByte(1); });
-    ServedInThread served(makeSpawning(answering.get()));
+    netBaseServer* const server = makeSpawning(answering.get());
+    const long before = openDescriptors();
+    ServedInThread served(server);
     char byte = 0;
+    const auto isAdmitted = [&] {
+        btkStreamSocket admitted;
+        admitted.SetRecvLimit(patience);
+        return admitted.Connect(nullptr, served.getPort(), patience) && admitted.Recv(&byte, 1) == 1;
+    };
+    EXPECT_TRUE(isAdmitted());
+    ASSERT_TRUE(soon([&] { return openDescriptors() == before; })) << "nor does the loop open any";
     testing::internal::CaptureStdout();
     {
         const DescriptorLimit limit(nextDescriptor() + 3); // two for the connection, one of the pipe's two
@@ -523,10 +535,7 @@ TEST(AsyncRequest, ThatHasNoPipeLosesItsConnectionOnly)
     }
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "netBaseServer::SpawnAsyncRequest: create thread failed\n");
-    btkStreamSocket admitted;
-    ASSERT_TRUE(admitted.Connect(nullptr, served.getPort(), patience));
-    admitted.SetRecvLimit(patience);
-    EXPECT_EQ(admitted.Recv(&byte, 1), 1);
+    EXPECT_TRUE(isAdmitted());
 }
 
 TEST(netBaseServer, SleepsWithoutFreeDescriptorsAndServesAgainLater)

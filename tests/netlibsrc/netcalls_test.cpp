@@ -56,10 +56,7 @@ public:
         run = std::thread([this] {
             status = runTraced("-f -c -o " + dir.path("calls"), "--gtest_filter=CallsProgram.Serves");
         });
-        for (int left = 1000; port == 0 && left > 0; --left) {
-            std::ifstream(dir.path("port")) >> port;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        soon([this] { return std::ifstream(dir.path("port")) >> port && port != 0; });
     }
     ~CountedServer() { end(); }
 

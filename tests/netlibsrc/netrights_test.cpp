@@ -303,12 +303,11 @@ TEST(ReadConnectionRights, ServesThreadsThatReadTheSameAndWriteTheirOwn)
     hmxRegistry& user = hmxRegistry::User();
     Allow(user, "10.1.* 10.2.*");
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(ofALongRun(1, 600));
-    std::atomic<int> rounds = 0;
     std::vector<std::thread> threads;
     for (int number = 0; number < 4; ++number)
         threads.emplace_back([&, number] {
             const std::string own = "own" + std::to_string(number);
-            for (; std::chrono::steady_clock::now() < end; ++rounds) {
+            for (int round = 0; round < 2 || std::chrono::steady_clock::now() < end; ++round) {
                 const auto patterns = ReadConnectionPatterns(user, "svc");
                 ASSERT_TRUE(patterns);
                 EXPECT_EQ(patterns->getarraysize(), 2);
@@ -322,7 +321,6 @@ TEST(ReadConnectionRights, ServesThreadsThatReadTheSameAndWriteTheirOwn)
         });
     for (std::thread& thread : threads)
         thread.join();
-    EXPECT_GT(rounds, 4);
 }
 
 TEST(ReadConnectionRights, ServesTwoServersInOneProcess)

@@ -236,22 +236,21 @@ TEST(netServer, ClosesSilentClientsAfterATimeout)
     {
         ServedInThread served([] {
             netServer* const server = makeServer();
-            server->setSilentPatience(0.3);
-            EXPECT_EQ(server->getSilentPatience(), 0.3);
+            server->setSilentPatience(1.5);
+            EXPECT_EQ(server->getSilentPatience(), 1.5);
             server->setSilentPatience(0);
-            EXPECT_EQ(server->getSilentPatience(), 0.3);
+            EXPECT_EQ(server->getSilentPatience(), 1.5);
             return server;
         }());
         const btkTimeval start = btkTimeval::Now();
         btkStreamSocket silent;
         ASSERT_TRUE(silent.Connect(nullptr, served.getPort(), patience));
-        EXPECT_FALSE(silent.IsReadable(btkTimeval(0.15)));
         EXPECT_EQ(answerTo(served.getPort(), "\1"), "\1"); // meanwhile the next one is served
         char byte = 0;
         EXPECT_EQ(silent.Recv(&byte, 1), 0);
         const double seconds = (btkTimeval::Now() - start).ToSeconds();
-        EXPECT_GE(seconds, 0.3);
-        EXPECT_LT(seconds, 1.3);
+        EXPECT_GE(seconds, 1.5);
+        EXPECT_LT(seconds, 4.0);
 
         // A client that sends its byte late is served.
         btkStreamSocket late;
@@ -300,19 +299,24 @@ TEST(netServer, EachAddressKeepsItsTimeForAFirstByteWhileAnotherConnectsContinuo
             std::this_thread::sleep_for(std::chrono::microseconds(500));
         }
     });
-    int answered = 0;
-    for (int i = 0; i < 20; ++i) {
+    int tried = 0, answered = 0;
+    for (int left = 200; tried < 20 && left > 0; --left) {
+        const btkTimeval start = btkTimeval::Now();
         btkStreamSocket late;
         late.Adopt(btkFd(connectFrom("127.0.0.3", "127.0.0.1", served.getPort())));
         late.SetRecvLimit(patience);
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         late.Send("\1", 1);
+        if (btkTimeval::Now() - start > btkTimeval(0.09)) // its time of 100 ms may be over
+            continue;
         char byte = 0;
         answered += late.Recv(&byte, 1) == 1;
+        ++tried;
     }
     ends = true;
     flood.join();
-    EXPECT_EQ(answered, 20);
+    EXPECT_EQ(tried, 20);
+    EXPECT_EQ(answered, tried);
 }
 
 TEST(netServer, HandsOverSilentClientsOnceItsLoopHasEnded)
@@ -366,7 +370,7 @@ TEST(netServer, ServesWhileInterrupted)
     {
         const Interrupter interrupter;
         for (const btkTimeval end = btkTimeval::Now() + btkTimeval(ofALongRun(0.3, 60.0));
-             btkTimeval::Now() < end;) {
+             btkTimeval::Now() < end || Interrupter::interrupts - before <= 20;) {
             address->setPortN(0);
             ASSERT_TRUE(netServer::GetVersion(address.get()) == "QEL netServer Version 0.99");
             const Owned<netSocketStream> stream(netServer::Connect(address.get(), INFINITE));
@@ -375,5 +379,4 @@ TEST(netServer, ServesWhileInterrupted)
             ASSERT_EQ(stream->ReadInt(), 2);
         }
     }
-    EXPECT_GT(Interrupter::interrupts - before, 20);
 }

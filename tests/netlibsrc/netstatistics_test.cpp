@@ -86,7 +86,7 @@ TEST_F(NetStatistics, CountsWhatAServerDoes)
     made->setAsyncLimit(1);
     // Nothing but the statistics wakes the loop then.
     made->setTimeSlice(INFINITE);
-    made->setSilentPatience(0.2);
+    made->setSilentPatience(2.0);
     ASSERT_TRUE(made->setStatistics(true, "counted"));
     const std::string path = made->getStatisticsFile().CastToCString();
     EXPECT_EQ(0U, path.find(folder() + "/counted-"));

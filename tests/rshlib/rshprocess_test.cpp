@@ -17,11 +17,13 @@
 
 namespace {
 
+constexpr double aWhile = 20;
+
 std::string ReadAll(ioStream& stream)
 {
     std::string all;
     const Owned<ioEvent> input(stream.InputEvent());
-    while (input->Wait(20.0)) {
+    while (input->Wait(aWhile)) {
         const std::size_t count = stream.PeekNBytes();
         if (count == 0)
             return all;
@@ -46,7 +48,7 @@ struct Remote
     int Wait() const
     {
         const Owned<rshEvent> end(process->ExitEvent());
-        EXPECT_EQ(end->evtEvent::Wait(20.0), 1);
+        EXPECT_EQ(end->evtEvent::Wait(aWhile), 1);
         EXPECT_EQ(end->getProcess(), process.get());
         EXPECT_EQ(process->IsRunning(), 0);
         ExpectServerToEnd();
@@ -55,7 +57,7 @@ struct Remote
     void ExpectServerToEnd() const
     {
         const Owned<rshServerEvent> end(server->ExitEvent());
-        EXPECT_EQ(end->evtEvent::Wait(5.0), 1);
+        EXPECT_EQ(end->evtEvent::Wait(aWhile), 1);
         EXPECT_EQ(end->getServer(), server.get());
     }
     std::string Output() const { return ReadAll(*process->getStdout()); }
@@ -71,6 +73,11 @@ struct Remote
 
 class RemoteShell : public Processes
 {
+protected:
+    // A server whose patience ends is late.
+    RemoteShell() { rshServer::setPatience(3 * aWhile); }
+
+private:
     const EnvSetting shell{"SHELL", "/bin/sh"};
 };
 
@@ -195,7 +202,7 @@ TEST_F(RemoteShell, HandlesCommandsThatReadNothingOrLeaveChildren)
         {"echo early", much.size(), "early\n"},
         {"exec <&-; sleep 0.1; echo closed", much.size(), "closed\n"},
         {"head -c 3", much.size(), "mmm"},
-        {"sleep 3 & echo front", 0, "front\n"},
+        {"sleep 10 & echo front", 0, "front\n"},
         {"head -c 1000000 /dev/zero | tr '\\0' m; cat | wc -c >&2", much.size(), much.substr(0, 1000000)},
     };
     for (const auto& [command, input, output] : cases) {
@@ -211,7 +218,7 @@ TEST_F(RemoteShell, HandlesCommandsThatReadNothingOrLeaveChildren)
         EXPECT_TRUE(remote.Output() == output);
         writer.join();
         EXPECT_EQ(remote.Wait(), 0);
-        EXPECT_LT(btkTimeval::Now() - start, btkTimeval(2.5));
+        EXPECT_LT(btkTimeval::Now() - start, btkTimeval(8.0));
     }
 }
 
@@ -252,7 +259,7 @@ TEST_F(RemoteShell, EndsWhenTheServerIsStopped)
     const Owned<rshServer> idle(rshServer::Create(silent.far.get(), nullptr, 0));
     idle->Terminate();
     const Owned<rshServerEvent> end(idle->ExitEvent());
-    EXPECT_EQ(end->evtEvent::Wait(2.0), 1);
+    EXPECT_EQ(end->evtEvent::Wait(aWhile), 1);
 }
 
 TEST_F(RemoteShell, SurvivesTheOtherEndsExitAtAnyMoment)
