@@ -64,7 +64,7 @@ SLEEPS = {
         "soak/hostile_test.cpp": 4, "soak/soak_test.cpp": 3},
     "polls, with a limit, what gives no event": {
         "baselib/btktunnel_test.cpp": 1, "config/lockfilebuf_test.cpp": 3, "platform/registry_test.cpp": 1,
-        "monlibsrc/monshare_test.cpp": 1, "netlibsrc/netcalls_test.cpp": 1},
+        "monlibsrc/monshare_test.cpp": 1},
 }
 
 root = tree.root()
