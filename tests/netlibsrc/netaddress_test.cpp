@@ -9,6 +9,7 @@
 
 #include "failure.h"
 #include "support/child.h"
+#include "support/closedport.h"
 #include "support/interrupt.h"
 #include "support/nameserver.h"
 #include "support/test.h"
@@ -80,11 +81,9 @@ TEST_F(NameService, TheFirstRecordWithAPortDecides)
 
 TEST(netAddress, NeedsANameServerUnlessThePortIsGiven)
 {
-    btkAcceptSocket door;
-    ASSERT_TRUE(door.Listen(0, "127.0.0.1"));
-    setenv("VRXNMSPORT", std::to_string(door.GetPortN()).c_str(), 1);
-    const int port = door.GetPortN();
-    door.Close();
+    const ClosedPort closed;
+    const int port = closed.get();
+    const EnvSetting nobody("VRXNMSPORT", std::to_string(port).c_str());
     const xrchandle<netAddress> known(netAddress::Create(port, nullptr));
     const xrchandle<netAddress> named(netAddress::Create("name", nullptr));
 
@@ -95,7 +94,6 @@ TEST(netAddress, NeedsANameServerUnlessThePortIsGiven)
                              [](xthrowable* thrown) { return std::string(qelTextOf(thrown)); }),
               "Name Server is not found (server name, host 127.0.0.1)");
     EXPECT_EQ(netBaseServer::Connect(known.get(), 5.0), nullptr);
-    unsetenv("VRXNMSPORT");
 }
 
 // Each checks for the name before it registers it, and all find it free.

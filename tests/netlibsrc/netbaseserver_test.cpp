@@ -7,6 +7,7 @@
 #include <qel/xnetlib.h>
 
 #include "failure.h"
+#include "support/closedport.h"
 #include "support/descriptors.h"
 #include "support/interrupt.h"
 #include "support/longrun.h"
@@ -72,13 +73,10 @@ TEST(netBaseServer, NameIsRegisteredDuringItsLifetime)
         EXPECT_EQ(ResolvePort(address.get()), server->getPortN());
 
         // A second one is refused, stops listening, and leaves the name to the first.
-        const int port = [] {
-            btkAcceptSocket free;
-            return free.Listen(0, nullptr) ? free.GetPortN() : 0;
-        }();
-        EXPECT_EQ(failureOf([&] { netBaseServer::Create("counter", port); }),
+        const ClosedPort closed;
+        EXPECT_EQ(failureOf([&] { netBaseServer::Create("counter", closed.get()); }),
                   "0 Already registered with Name Server");
-        EXPECT_FALSE(isListened(port));
+        EXPECT_FALSE(isListened(closed.get()));
         address->setPortN(0);
         EXPECT_EQ(ResolvePort(address.get()), server->getPortN());
     }
@@ -88,11 +86,8 @@ TEST(netBaseServer, NameIsRegisteredDuringItsLifetime)
 
 TEST(netBaseServer, NeedsANameServerForItsNameOnly)
 {
-    const int port = [] {
-        btkAcceptSocket free;
-        return free.Listen(0, "127.0.0.1") ? free.GetPortN() : 0;
-    }();
-    const EnvSetting nobody("VRXNMSPORT", std::to_string(port).c_str());
+    const ClosedPort closed;
+    const EnvSetting nobody("VRXNMSPORT", std::to_string(closed.get()).c_str());
     EXPECT_EQ(failureOf([] { netBaseServer::Create("counter", 0); }),
               "0 Can't register: Name Server not found");
     EXPECT_NE(makeBaseServer(), nullptr);

@@ -9,6 +9,7 @@
 #include "failure.h"
 #include "support/addresses.h"
 #include "support/child.h"
+#include "support/closedport.h"
 #include "support/descriptors.h"
 #include "support/environment.h"
 #include "support/interrupt.h"
@@ -122,10 +123,8 @@ TEST(netServer, NamesAndHostsAreEveryKindOfText)
 
 TEST(netServer, ClientsReportAMissingServer)
 {
-    const xrchandle<netAddress> address = [] {
-        const Owned<netServer> gone(netServer::Create(nullptr, 0));
-        return xrchandle<netAddress>(netAddress::Create(gone->getPortN(), nullptr));
-    }();
+    const ClosedPort closed;
+    const xrchandle<netAddress> address(netAddress::Create(closed.get(), nullptr));
 
     EXPECT_EQ(netServer::Connect(address.get(), 10.0), nullptr);
     EXPECT_FALSE(netServer::IsAlive(address.get()));
