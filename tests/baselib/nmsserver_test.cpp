@@ -4,6 +4,7 @@
 #include <qel/base/nmsclient.h>
 
 #include "support/child.h"
+#include "support/closedport.h"
 #include "support/descriptors.h"
 #include "support/interrupt.h"
 #include "support/longrun.h"
@@ -327,12 +328,9 @@ TEST(NameServer, NameIsFreeOnceItsServerIsKilled)
 // Servers are killed under load: clients get "could not connect" or correct replies, and never wait long.
 TEST(NameServer, ClientsSurviveItsRestarts)
 {
-    nmsServer chosen({.port = 0});
-    ASSERT_TRUE(chosen.Listen());
-    const int port = chosen.GetPort();
-    const EnvSetting found("VRXNMSPORT", std::to_string(port).c_str());
-    chosen.Stop();
-    chosen.Run(); // frees the port
+    const ClosedPort closed;
+    const std::string port = std::to_string(closed.get());
+    const EnvSetting found("VRXNMSPORT", port.c_str());
 
     std::atomic<bool> ends = false;
     std::atomic<int> faults = 0;
@@ -358,8 +356,7 @@ TEST(NameServer, ClientsSurviveItsRestarts)
         const int before = served;
         // A separate program: a forked copy of this one may hold locks of its threads.
         ChildProcess server([&] {
-            const std::string text = std::to_string(port);
-            execl("/proc/self/exe", "server", "--serve-names", text.c_str(), nullptr);
+            execl("/proc/self/exe", "server", "--serve-names", port.c_str(), nullptr);
             return 127;
         });
         ASSERT_TRUE(soon([&] { return served >= before + 20; }));
@@ -384,15 +381,12 @@ TEST(NameServer, RecordsSurviveItsKills)
         bytes << file.rdbuf();
         return table.Restore(bytes.str());
     };
-    nmsServer chosen({.port = 0});
-    ASSERT_TRUE(chosen.Listen());
-    const std::string port = std::to_string(chosen.GetPort());
+    const ClosedPort closed;
+    const std::string port = std::to_string(closed.get());
     const EnvSetting found("VRXNMSPORT", port.c_str());
-    chosen.Stop();
-    chosen.Run(); // frees the port
     Client client;
     std::size_t known = 0;
-    for (int round = 0; round < 8; ++round) {
+    for (int round = 0; round < 6; ++round) {
         ChildProcess server([&] {
             execl("/proc/self/exe", "server", "--serve-names", port.c_str(), state.c_str(), nullptr);
             return 127;
@@ -411,7 +405,7 @@ TEST(NameServer, RecordsSurviveItsKills)
             return 0;
         });
         EXPECT_EQ(client.enter("_ServerName", "killed", killed.getId()), 0);
-        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(600 + 70 * round);
+        const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1000 + 70 * round);
         for (int i = 0; std::chrono::steady_clock::now() < until && i < 60; ++i)
             EXPECT_EQ(client.enter("n" + std::to_string(round), std::to_string(i)), 0);
         std::this_thread::sleep_until(until);
