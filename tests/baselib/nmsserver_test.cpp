@@ -386,7 +386,7 @@ TEST(NameServer, RecordsSurviveItsKills)
     const EnvSetting found("VRXNMSPORT", port.c_str());
     Client client;
     std::size_t known = 0;
-    for (int round = 0; round < 6; ++round) {
+    for (int round = 0; round < 8; ++round) {
         ChildProcess server([&] {
             execl("/proc/self/exe", "server", "--serve-names", port.c_str(), state.c_str(), nullptr);
             return 127;

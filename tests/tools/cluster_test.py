@@ -104,7 +104,7 @@ class OneMember(Cluster):
         a.wait_fresh()
         self.assertEqual(a.everywhere("stays")[0]["_Revision"], before)
         self.sees(b, "goes")
-        self.sees(b, "stays", "10.0.0.1")
+        self.assertEqual(b.hosts("stays"), ["10.0.0.1"])  # which it was told of before
         self.assertEqual(len(self.etcd.keys("claims/")), 1)
 
         a.stop(signal.SIGKILL)
@@ -124,7 +124,7 @@ class OneMember(Cluster):
         a.cut()
         status, seconds = a.request(Machine.REGISTER, {"_ServerName": "new"})
         self.assertEqual(status, 8)
-        self.assertLess(seconds, 8)  # the client would wait for 10
+        self.assertLess(seconds, 4)
         self.assertEqual(a.query("_ServerName=new"), [])
         wait_until(lambda: "_Stale" in a.everywhere("lost")[0], LEASE + 5, "a knows that it is cut off")
         other = self.owner()
@@ -324,7 +324,7 @@ class ThreeMembers(Cluster):
         # Its own member takes no registration, and knows no better.
         status, seconds = a.request(Machine.REGISTER, {"_ServerName": "new"})
         self.assertEqual(status, 8)
-        self.assertLess(seconds, 8)  # the client would wait for 10
+        self.assertLess(seconds, 4)
         wait_until(lambda: "_Stale" in a.everywhere("lost")[0], LEASE + 5, "a knows that it is cut off")
         wait_until(lambda: c.register("lost", owner=self.owner().pid) == 0, LEASE + 15, "the name is free")
 
